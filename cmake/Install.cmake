@@ -1,0 +1,1 @@
+install(DIRECTORY include/sagleme include/lscoredb DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})

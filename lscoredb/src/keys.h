@@ -1,0 +1,55 @@
+#ifndef LSCOREDB_SRC_KEYS_H
+#define LSCOREDB_SRC_KEYS_H
+
+// Index keys: from the byte format of the contract, and from column values, to the kernel's own form,
+// in which memcmp gives index order.
+//
+// The kernel's form of one column is prefix-free: no encoding of a column is a prefix of another one
+// of the same type. So keys of several columns concatenate, and a key that stops early is a bound for
+// everything that begins with it. A descending column has all its bytes inverted. Everything here
+// is pure: no state, any thread.
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string>
+#include <string_view>
+
+namespace lscoredb {
+
+// What a key needs to know of one indexed column.
+struct KeyColumn {
+  std::uint8_t type;  // LORV_TYPE_*
+  bool descending;
+};
+
+// A growing byte string that keeps its memory: a transaction owns one and reuses it.
+using KeyBytes = std::string;
+
+// Appends one column value in the kernel's form.
+void AppendNull(KeyBytes& out, bool descending);
+void AppendUnsigned(KeyBytes& out, std::uint64_t value, bool descending);
+void AppendSigned(KeyBytes& out, std::int64_t value, bool descending);
+void AppendFloat(KeyBytes& out, float value, bool descending);    // -0 equals 0, NaN above all
+void AppendDouble(KeyBytes& out, double value, bool descending);  // likewise
+void AppendText(KeyBytes& out, std::u16string_view text, bool descending);
+void AppendBinary(KeyBytes& out, std::span<std::uint8_t const> bytes, bool descending);
+
+// Appends a whole key of the contract's byte format, read with the types of the index's columns.
+// `key` points to bytes ended by the mark 0xC0; the reader stops at the mark, and it never reads
+// behind a byte that is no part of a well-formed key. Returns false, with `out` unchanged, when the bytes
+// are not a key for these columns. Integers of the contract are already in order; float and double
+// columns are keyed by the 8-byte form that OrderedBits gives.
+bool AppendContractKey(KeyBytes& out, void const* key, std::span<KeyColumn const> columns);
+
+// The order-preserving 64 bits of a floating-point value, as it stands in a contract key.
+std::uint64_t OrderedBits(double value);
+
+// Object ids and index ids as order-preserving bytes of variable length, self-delimiting from the
+// front. ReadOrderedId returns the number of bytes read, 0 when the bytes are not one.
+void AppendOrderedId(KeyBytes& out, std::uint64_t id);
+std::size_t ReadOrderedId(std::string_view bytes, std::uint64_t* id);
+
+}  // namespace lscoredb
+
+#endif
