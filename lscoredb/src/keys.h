@@ -1,13 +1,13 @@
 #ifndef LSCOREDB_SRC_KEYS_H
 #define LSCOREDB_SRC_KEYS_H
 
-// Index keys: from the byte format of the contract, and from column values, to the kernel's own form,
-// in which memcmp gives index order.
+// Index keys: from the byte format of the contract, and from column values, to the kernel's own
+// form, in which memcmp gives index order.
 //
-// The kernel's form of one column is prefix-free: no encoding of a column is a prefix of another one
-// of the same type. So keys of several columns concatenate, and a key that stops early is a bound for
-// everything that begins with it. A descending column has all its bytes inverted. Everything here
-// is pure: no state, any thread.
+// The kernel's form of one column is prefix-free: no encoding of a column is a prefix of another
+// one of the same type. So keys of several columns concatenate, and a key that stops early is a
+// bound for everything that begins with it. A descending column has all its bytes inverted.
+// Everything here is pure: no state, any thread.
 
 #include <cstddef>
 #include <cstdint>
@@ -16,6 +16,32 @@
 #include <string_view>
 
 namespace lscoredb {
+
+// One UTF-16 unit in the sort form of texts: one to three bytes, surrogates like any other unit, so
+// that byte order is unit order. No byte of it is ever kTextUpperBound, and only U+0000 has a zero
+// byte.
+inline constexpr std::size_t kMaxUnitBytes = 3;
+inline constexpr std::uint8_t kTextUpperBound = 0xFF;  // above whatever may follow a prefix
+
+constexpr std::size_t UnitBytes(char16_t unit) {
+  return unit < 0x80 ? 1 : unit < 0x800 ? 2 : kMaxUnitBytes;
+}
+
+// Writes UnitBytes(unit) bytes to `to` and returns the place behind them.
+inline std::uint8_t* WriteUnit(char16_t unit, std::uint8_t* to) {
+  if (unit < 0x80) {
+    *to++ = static_cast<std::uint8_t>(unit);
+    return to;
+  }
+  if (unit < 0x800) {
+    *to++ = static_cast<std::uint8_t>(0xC0 | unit >> 6);
+  } else {
+    *to++ = static_cast<std::uint8_t>(0xE0 | unit >> 12);
+    *to++ = static_cast<std::uint8_t>(0x80 | (unit >> 6 & 0x3F));
+  }
+  *to++ = static_cast<std::uint8_t>(0x80 | (unit & 0x3F));
+  return to;
+}
 
 // What a key needs to know of one indexed column.
 struct KeyColumn {
@@ -32,14 +58,15 @@ void AppendUnsigned(KeyBytes& out, std::uint64_t value, bool descending);
 void AppendSigned(KeyBytes& out, std::int64_t value, bool descending);
 void AppendFloat(KeyBytes& out, float value, bool descending);    // -0 equals 0, NaN above all
 void AppendDouble(KeyBytes& out, double value, bool descending);  // likewise
+// A text ends at its first zero unit, if it has one.
 void AppendText(KeyBytes& out, std::u16string_view text, bool descending);
 void AppendBinary(KeyBytes& out, std::span<std::uint8_t const> bytes, bool descending);
 
 // Appends a whole key of the contract's byte format, read with the types of the index's columns.
 // `key` points to bytes ended by the mark 0xC0; the reader stops at the mark, and it never reads
-// behind a byte that is no part of a well-formed key. Returns false, with `out` unchanged, when the bytes
-// are not a key for these columns. Integers of the contract are already in order; float and double
-// columns are keyed by the 8-byte form that OrderedBits gives.
+// behind a byte that is no part of a well-formed key. Returns false, with `out` unchanged, when the
+// bytes are not a key for these columns. Integers of the contract are already in order; float and
+// double columns are keyed by the 8-byte form that OrderedBits gives.
 bool AppendContractKey(KeyBytes& out, void const* key, std::span<KeyColumn const> columns);
 
 // The order-preserving 64 bits of a floating-point value, as it stands in a contract key.
