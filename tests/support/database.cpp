@@ -1,0 +1,148 @@
+#include "support/database.h"
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+
+namespace sagleme_test {
+
+namespace {
+
+struct ContinuationFreer {
+  void operator()(continuation_context* handle) const { free_continuation_handle(handle); }
+};
+using Continuation = std::unique_ptr<continuation_context, ContinuationFreer>;
+
+}  // namespace
+
+std::u16string LastText(uint64_t context) {
+  char16_t const* const text = lorv_metalayer_errbuf(context);
+  return text == nullptr ? std::u16string() : std::u16string(text);
+}
+
+std::string Utf8(std::u16string const& text) {
+  std::string out;
+  for (char16_t const unit : text) {
+    if (unit < 0x80) {
+      out += static_cast<char>(unit);
+    } else {
+      char escaped[8];
+      std::snprintf(escaped, sizeof escaped, "\\u%04X", static_cast<unsigned>(unit));
+      out += escaped;
+    }
+  }
+  return out;
+}
+
+std::u16string Utf16(std::string const& text) { return std::u16string(text.begin(), text.end()); }
+
+TemporaryDirectory::TemporaryDirectory() {
+  std::string name = (std::filesystem::temp_directory_path() / "sagleme-test-XXXXXX").string();
+  if (mkdtemp(name.data()) == nullptr) std::abort();
+  path_ = name;
+}
+
+TemporaryDirectory::~TemporaryDirectory() {
+  std::error_code ignored;
+  std::filesystem::remove_all(path_, ignored);
+}
+
+Database::Database(std::string const& directory) {
+  char const* const where = directory.empty() ? nullptr : directory.c_str();
+  EXPECT_EQ(0u, lscoredb_open(where, nullptr, &database_));
+  if (database_ != nullptr) EXPECT_EQ(0u, lscoredb_context_open(database_, &context_));
+}
+
+Database::~Database() {
+  if (context_ != 0) EXPECT_EQ(0u, lscoredb_context_close(context_));
+  if (database_ != nullptr) EXPECT_EQ(0u, lscoredb_close(database_));
+}
+
+uint32_t Database::Bootstrap(int* yields) {
+  int count = 0;
+  Begin();
+  continuation_context* next = nullptr;
+  bool more = false;
+  uint32_t status = lorv_prepare_system_tables(context_, &next, &more);
+  Continuation held(next);
+  while (status == 0 && more) {
+    ++count;
+    Commit();
+    Begin();
+    status = run_continuation(held.get(), &next, &more);
+    held.reset(next);
+  }
+  if (status == 0) {
+    Commit();
+  } else {
+    Rollback();
+  }
+  if (yields != nullptr) *yields = count;
+  return status;
+}
+
+uint32_t Database::BootstrapUpTo(int count) {
+  Begin();
+  continuation_context* next = nullptr;
+  bool more = false;
+  uint32_t status = lorv_prepare_system_tables(context_, &next, &more);
+  Continuation held(next);
+  for (int reached = 1; status == 0 && more && reached < count; ++reached) {
+    Commit();
+    Begin();
+    status = run_continuation(held.get(), &next, &more);
+    held.reset(next);
+  }
+  Commit();
+  return status;
+}
+
+int InChildProcess(std::function<int()> const& work) {
+  pid_t const child = fork();
+  if (child == 0) _exit(work());
+  int state = 0;
+  if (child < 0 || waitpid(child, &state, 0) != child) return -1;
+  return WIFEXITED(state) ? WEXITSTATUS(state) : 128 + WTERMSIG(state);
+}
+
+void DatabaseTest::SetUp() {
+  database_ = std::make_unique<Database>();
+  ASSERT_EQ(0u, database_->Bootstrap());
+  Begin();
+  *metalayer::TlsMetalayerContext::Current() = context();
+}
+
+void DatabaseTest::TearDown() {
+  *metalayer::TlsMetalayerContext::Current() = 0;
+  database_.reset();
+}
+
+void DatabaseTest::ExpectRefused(uint32_t status, std::u16string const& text, uint32_t returned) {
+  EXPECT_EQ(status, returned);
+  EXPECT_EQ(Utf8(text), Utf8(LastText(context())));
+}
+
+void DatabaseTest::ExpectOk(uint32_t returned) {
+  EXPECT_EQ(0u, returned) << Utf8(LastText(context()));
+}
+
+Columns& Columns::Add(uint8_t logical_type, char16_t const* name, bool nullable) {
+  definitions_.push_back({logical_type, nullptr, static_cast<uint8_t>(nullable), name});
+  return *this;
+}
+
+Columns& Columns::Ref(char16_t const* name, char16_t const* target) {
+  definitions_.push_back({metalayer::kLogicalReference, target, 1, name});
+  return *this;
+}
+
+Columns::operator LORV_COLUMN_DEFINITION_NAMES const*() {
+  if (definitions_.empty() || definitions_.back().name != nullptr) {
+    definitions_.push_back({0, nullptr, 0, nullptr});
+  }
+  return definitions_.data();
+}
+
+}  // namespace sagleme_test
