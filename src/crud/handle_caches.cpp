@@ -1,0 +1,131 @@
+#include "crud/handle_caches.h"
+
+#include <sagleme/metalayer/catalogue.hpp>
+#include <sagleme/metalayer/schema.hpp>
+
+#include <iterator>
+#include <memory>
+#include <mutex>
+#include <stdexcept>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+namespace metalayer::crud {
+namespace {
+
+constexpr unsigned int kTableNotFound = 15003;
+
+std::mutex s_prop_infos_mtx;
+std::unordered_map<unsigned long, std::unique_ptr<PropertyAccessInfo>> s_prop_infos;
+
+std::mutex s_create_infos_mtx;
+std::unordered_map<unsigned long, std::unique_ptr<CreateInfo>> s_create_infos;
+// Records that lost their place to another table with the same type id. Their addresses are out, so
+// they live on until a refresh finds their table gone.
+std::vector<std::unique_ptr<CreateInfo>> s_displaced_create_infos;
+
+unsigned int LookUp(LS_OBJ_REF const& row) {
+  uint64_t addr = 0;
+  return lorv_context_lookup(TlsContextHandle::context(), row.oid, &addr);
+}
+
+void UpdateLocation(PropertyAccessInfo& info) {
+  unsigned long const layout = GetULong(info.view, RawView::kLayoutHandle);
+  long const index = GetLong(info.column, RawColumn::kColumnIndex);
+  info.location.store(static_cast<uint32_t>(index) << 16 | static_cast<uint16_t>(layout),
+                      std::memory_order_relaxed);
+}
+
+void UpdateLayout(CreateInfo& info) {
+  unsigned long const layout = GetULong(info.view, RawView::kLayoutHandle);
+  info.layout.store(static_cast<uint16_t>(layout), std::memory_order_relaxed);
+}
+
+// A transaction that created a table and was rolled back leaves its row in the cache of views, and the
+// next table gets the same type id: the slot is then read again from the catalogue, in which a type id
+// has no system mark.
+LS_OBJ_REF LiveRawView(unsigned long key) {
+  LS_OBJ_REF const cached = raw_view_by_type_id(key);
+  if (cached.oid == 0 || !IsGone(LookUp(cached))) return cached;
+  return LoadRawViewByTypeId(key & ~kSystemCreate);
+}
+
+// The entry stays behind empty when the record cannot be begun.
+CreateInfo* BuildCreateInfo(unsigned long context, unsigned long key,
+                            std::unique_ptr<CreateInfo>& entry) {
+  auto info = std::make_unique<CreateInfo>();
+  info->view = LiveRawView(key);
+  if (info->view.oid == 0) Throw(kTableNotFound);
+  info->setspec = CreateInfo::setspec_by_view(context, info->view);
+  info->is_system = (key & kSystemCreate) != 0;
+  entry = std::move(info);
+  if (LookUp(entry->view) != LORV_STATUS_NO_OBJECT) UpdateLayout(*entry);
+  return entry.get();
+}
+
+bool RefreshOne(PropertyAccessInfo& info) {
+  if (IsGone(LookUp(info.view)) || IsGone(LookUp(info.column))) return false;
+  UpdateLocation(info);
+  return true;
+}
+
+// An empty entry is forgotten, so that the next request makes a record.
+bool RefreshOne(CreateInfo* info) {
+  if (info == nullptr || IsGone(LookUp(info->view))) return false;
+  UpdateLayout(*info);
+  return true;
+}
+
+}  // namespace
+
+PropertyAccessInfo* PropertyHandle(LS_OBJ_REF const& view, LS_OBJ_REF const& column) {
+  std::lock_guard const lock(s_prop_infos_mtx);
+  auto const known = s_prop_infos.find(column.oid);
+  if (known != s_prop_infos.end()) return known->second.get();
+  auto made = std::make_unique<PropertyAccessInfo>(view, column);
+  PropertyAccessInfo& info = *s_prop_infos.emplace(column.oid, std::move(made)).first->second;
+  if (LookUp(view) != LORV_STATUS_NO_OBJECT && LookUp(column) != LORV_STATUS_NO_OBJECT) {
+    UpdateLocation(info);
+  }
+  return &info;
+}
+
+CreateInfo* create_handle_from_typeid(unsigned long context, unsigned long key) {
+  std::lock_guard const lock(s_create_infos_mtx);
+  auto const [entry, is_new] = s_create_infos.try_emplace(key);
+  std::unique_ptr<CreateInfo>& info = entry->second;
+  if (!is_new && (info == nullptr || !IsGone(LookUp(info->view)))) return info.get();
+  if (!is_new) s_displaced_create_infos.push_back(std::move(info));
+  return BuildCreateInfo(context, key, info);
+}
+
+void RefreshPropertyHandles() {
+  std::lock_guard const lock(s_prop_infos_mtx);
+  for (auto entry = s_prop_infos.begin(); entry != s_prop_infos.end();) {
+    entry = RefreshOne(*entry->second) ? std::next(entry) : s_prop_infos.erase(entry);
+  }
+}
+
+void RefreshCreateHandles() {
+  std::lock_guard const lock(s_create_infos_mtx);
+  for (auto entry = s_create_infos.begin(); entry != s_create_infos.end();) {
+    entry = RefreshOne(entry->second.get()) ? std::next(entry) : s_create_infos.erase(entry);
+  }
+  for (auto info = s_displaced_create_infos.begin(); info != s_displaced_create_infos.end();) {
+    info = RefreshOne(info->get()) ? std::next(info) : s_displaced_create_infos.erase(info);
+  }
+}
+
+}  // namespace metalayer::crud
+
+std::u16string CreateInfo::setspec_by_view(unsigned long context, LS_OBJ_REF const& view) {
+  metalayer::SetSpecifier const row(metalayer::SetSpecifier::ByType(view));
+  if (row.is_null()) metalayer::FatalError();
+  LORV_STRING* text = nullptr;
+  unsigned int const status =
+      lorv_context_get_string(context, row.oid, row.addr, metalayer::SetSpecifier::kTypeId, &text);
+  if (status == LORV_STATUS_NULL) throw std::logic_error("a set specifier row has no text");
+  metalayer::Check(status);
+  return std::u16string(text->units, text->length);
+}

@@ -1,0 +1,34 @@
+#ifndef CRUD_HANDLE_CACHES_H
+#define CRUD_HANDLE_CACHES_H
+
+// The two process-wide caches that own the records behind handles.
+//
+// Each has one lock, held across the kernel calls of a miss and of a refresh; no path holds both. The
+// functions work in the thread's context and fail by exception, with the lock released.
+
+#include "crud/handles.h"
+
+namespace metalayer::crud {
+
+// The highest bit of a create handle's key: objects are made by the kernel's system insert.
+inline constexpr unsigned long kSystemCreate = 1UL << 63;
+
+// The record of a property; made on the first request, returned as it stands on every later one.
+PropertyAccessInfo* PropertyHandle(LS_OBJ_REF const& view, LS_OBJ_REF const& column);
+
+// The record of a table by type id, with kSystemCreate added for system inserts. Null when an
+// earlier request for the key failed before it had a record.
+CreateInfo* create_handle_from_typeid(unsigned long context, unsigned long key);
+
+// Brings all records up to date with the catalogue, and frees those whose table or column is gone.
+void RefreshPropertyHandles();
+void RefreshCreateHandles();
+
+// True for the statuses that say that a row does not exist, or not any more.
+inline bool IsGone(unsigned int status) {
+  return status == LORV_STATUS_NO_OBJECT || status == LORV_STATUS_UNREACHABLE;
+}
+
+}  // namespace metalayer::crud
+
+#endif

@@ -1,0 +1,56 @@
+#ifndef CRUD_HANDLES_H
+#define CRUD_HANDLES_H
+
+// The records behind the handles of object access.
+//
+// A handle is the address of one of these records. The caches (handle_caches.h) own them and are the only
+// writers, under their locks. The object path reads `location` and `layout` at any time without a lock, so
+// each is one atomic word: a reader gets both halves of a `location` from one refresh.
+
+#include <sagleme/metalayer/records.hpp>
+#include <sagleme/sagleme.h>
+
+#include <atomic>
+#include <string>
+
+struct PropertyAccessInfo {
+  PropertyAccessInfo(LS_OBJ_REF table, LS_OBJ_REF member) : view(table), column(member) {}
+
+  // Bits 0 to 15: the table's layout; bits 16 to 31: the column's index. First, so that the object path
+  // loads it straight through the handle.
+  std::atomic<uint32_t> location{0};
+  LS_OBJ_REF view;    // the table's RawView row
+  LS_OBJ_REF column;  // the property's row among the table's members
+};
+
+struct CreateInfo {
+  // The set specifier of the table whose RawView row is `view`.
+  static std::u16string setspec_by_view(unsigned long context, LS_OBJ_REF const& view);
+
+  LS_OBJ_REF view = db_util::null_obj_ref;
+  std::u16string setspec;
+  bool is_system = false;
+  std::atomic<uint16_t> layout{0};
+};
+
+namespace metalayer::crud {
+
+// What the kernel needs to reach a property of an object.
+struct Place {
+  uint64_t addr;
+  uint32_t column;
+};
+
+// The layout in the caller's address word gives way to the one that the handle knows.
+inline Place PlaceOf(PropertyAccessInfo const* handle, uint64_t addr) {
+  constexpr uint64_t kLayoutBits = 0xFFFF;
+  uint32_t const location = handle->location.load(std::memory_order_relaxed);
+  return {(addr & ~kLayoutBits) | (location & kLayoutBits), location >> 16};
+}
+
+}  // namespace metalayer::crud
+
+static_assert(std::atomic<uint32_t>::is_always_lock_free && sizeof(std::atomic<uint32_t>) == 4);
+static_assert(std::atomic<uint16_t>::is_always_lock_free);
+
+#endif
