@@ -6,8 +6,11 @@
 
 #include <sagleme/metalayer/context.hpp>
 
+#include <cstddef>
+#include <locale>
 #include <sstream>
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -38,7 +41,7 @@ namespace metalayer {
 // ---- error buffers ---------------------------------------------------------------------------------
 
 // Set: the thread's next write to an error buffer empties that buffer first.
-SAGLEME_API extern thread_local unsigned char tls_clear_errbuf;
+SAGLEME_API extern constinit thread_local unsigned char tls_clear_errbuf;
 
 // `buf` is an ErrBuffers::Buf*, valid as long as the process.
 SAGLEME_API unsigned long errbuf_by_ctx(unsigned long context);
@@ -85,7 +88,9 @@ class SAGLEME_API ErrBlt {
 template <typename Writer>
 class ucs2_stream {
  public:
-  ucs2_stream() : sstrm_(std::ios_base::out) {}
+  ucs2_stream() : sstrm_(std::ios_base::out) {
+    sstrm_.imbue(std::locale::classic());  // a host's locale may group digits
+  }
 
   ucs2_stream& operator<<(char const* text) {
     writer_.blt(text, text + std::char_traits<char>::length(text));
@@ -112,6 +117,7 @@ class ucs2_stream {
     FlushSstrm();
     return *this;
   }
+  // Moves what the ostringstream holds to the writer.
   void FlushSstrm() {
     std::string const text = sstrm_.str();
     writer_.blt(text.begin(), text.end());

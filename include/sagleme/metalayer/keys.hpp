@@ -47,7 +47,10 @@ class SAGLEME_API KeyBuf {
 };
 
 // Writes one key, field by field, in the order of the index's columns. A field or an end that does not
-// fit throws 4197. The key is finished by Finish, or when the writer goes out of scope.
+// fit throws 4197, and nothing of it is written. The key is finished by UpdateHeader, or when the writer
+// goes out of scope, so a temporary's key is whole at the end of its statement. A long text that finds
+// no memory throws 1003.
+// REQUIRES: the buffer is aligned to 8.
 template <typename Buffer>
 class KeyWriter;
 
@@ -83,8 +86,12 @@ class SAGLEME_API KeyWriter<KeyBuf> : public ukf::ENCODER {
   KeyWriter& ConvertedText(char16_t const* text, unsigned int flags);
   KeyWriter& Converted(Converter convert, char16_t const* text, unsigned int flags);
   void Reserve(unsigned long bytes);
+  unsigned long Used() const;
+  unsigned long Room() const { return buffer_.size() - Used(); }
+  unsigned long Padding() const;  // the end mark and the zero bytes behind it
 
   KeyBuf buffer_;
+  int unwinding_;  // exceptions that were on their way when the writer was made
   bool finished_ = false;
 };
 

@@ -1,0 +1,16 @@
+#include <sagleme/metalayer/context.hpp>
+
+namespace metalayer {
+namespace {
+
+constexpr unsigned int kBrokenCatalogue = 7035;
+
+}  // namespace
+
+constinit thread_local unsigned long TlsMetalayerContext::tls_metactx_ = 0;
+
+unsigned long* TlsMetalayerContext::Current() { return &tls_metactx_; }
+
+void FatalError() { raise_unexpected_except(kBrokenCatalogue); }
+
+}  // namespace metalayer
