@@ -1,0 +1,278 @@
+// Many contexts in many threads. Threads meet at barriers; nothing here waits for time to pass.
+
+#include <atomic>
+#include <barrier>
+#include <numeric>
+#include <set>
+#include <thread>
+
+#include "kernel_test.h"
+
+namespace lscoredb_test {
+namespace {
+
+constexpr std::uint32_t kValue = 2;
+constexpr std::uint64_t kValueToken = 100;
+
+class ConcurrencyTest : public KernelTest {
+ protected:
+  void SetUp() override {
+    session_.Begin();
+    layout_ = session_.CreateLayout(50, {{LORV_TYPE_LONG, kValueToken}});
+    by_value_ = session_.CreateIndex(60, kSet, {{LORV_TYPE_LONG, kValueToken}});
+    row_ = NewRow(session_, 0);
+    session_.Commit();
+  }
+
+  Oid NewRow(Session& session, std::int64_t value) const {
+    Oid const oid = session.Insert(layout_);
+    session.PutLong(oid, kValue, value);
+    return oid;
+  }
+
+  // Runs `body` in transactions until one of them commits.
+  static void Retry(Session& session, std::function<void()> const& body) {
+    std::uint32_t status = LSCOREDB_CONFLICT;
+    while (status == LSCOREDB_CONFLICT) {
+      session.Begin();
+      body();
+      status = session.TryCommit();
+    }
+    Check("commit", status);
+  }
+
+  LayoutId layout_ = 0;
+  IndexId by_value_ = 0;
+  Oid row_ = 0;
+};
+
+// Each thread inserts `commits` rows under `layout`, one a transaction; all of them are there
+// afterwards.
+void ExpectAllCommitsKept(Database& database, LayoutId layout, IndexId index, int commits) {
+  constexpr int kThreads = 8;
+  std::barrier start(kThreads);
+  std::vector<Oids> inserted(kThreads);
+  InParallel(kThreads, [&](int thread) {
+    Session session(database);
+    start.arrive_and_wait();
+    for (int i = 0; i < commits; ++i) {
+      session.Begin();
+      inserted[static_cast<std::size_t>(thread)].push_back(session.Insert(layout));
+      session.PutLong(inserted[static_cast<std::size_t>(thread)].back(), kValue, thread);
+      session.Commit();
+    }
+  });
+  Session session(database);
+  session.BeginReadOnly();
+  std::set<Oid> distinct;
+  for (int thread = 0; thread < kThreads; ++thread) {
+    Key const key = Key().Long(thread);
+    Oids const found = session.Walk(index, key, key);
+    Oids expected = inserted[static_cast<std::size_t>(thread)];
+    std::sort(expected.begin(), expected.end());
+    EXPECT_EQ(found, expected);
+    distinct.insert(found.begin(), found.end());
+  }
+  EXPECT_EQ(distinct.size(), static_cast<std::size_t>(kThreads * commits));
+  EXPECT_FALSE(distinct.contains(0));
+}
+
+TEST(GroupCommitTest, ManyThreadsCommitAtOnceAndAllIsKept) {
+  TemporaryDirectory directory;
+  Database database(directory.path(), DefaultOptions());
+  LayoutId layout = 0;
+  IndexId index = 0;
+  {
+    Session session(database);
+    session.Begin();
+    layout = session.CreateLayout(50, {{LORV_TYPE_LONG, kValueToken}});
+    index = session.CreateIndex(60, kSet, {{LORV_TYPE_LONG, kValueToken}});
+    session.Commit();
+  }
+  ExpectAllCommitsKept(database, layout, index, 20);
+}
+
+TEST(GroupCommitTest, InMemoryToo) {
+  Database database;
+  LayoutId layout = 0;
+  IndexId index = 0;
+  {
+    Session session(database);
+    session.Begin();
+    layout = session.CreateLayout(50, {{LORV_TYPE_LONG, kValueToken}});
+    index = session.CreateIndex(60, kSet, {{LORV_TYPE_LONG, kValueToken}});
+    session.Commit();
+  }
+  ExpectAllCommitsKept(database, layout, index, 100);
+}
+
+TEST_F(ConcurrencyTest, NoIncrementOfACounterIsLost) {
+  constexpr int kThreads = 4;
+  constexpr int kIncrements = 50;
+  InParallel(kThreads, [&](int) {
+    Session session(database_);
+    for (int i = 0; i < kIncrements; ++i)
+      Retry(session, [&] { session.PutLong(row_, kValue, *session.Long(row_, kValue) + 1); });
+  });
+  session_.Begin();
+  EXPECT_EQ(session_.Long(row_, kValue), kThreads * kIncrements);
+}
+
+TEST_F(ConcurrencyTest, OfTwoWritersAtOnceExactlyOneCommits) {
+  constexpr int kRounds = 50;
+  std::barrier meet(2);
+  std::atomic<int> committed = 0;
+  std::atomic<int> refused = 0;
+  InParallel(2, [&](int thread) {
+    Session session(database_);
+    for (int i = 0; i < kRounds; ++i) {
+      session.Begin();
+      meet.arrive_and_wait();
+      session.PutLong(row_, kValue, thread);
+      meet.arrive_and_wait();
+      std::uint32_t const status = session.TryCommit();
+      ++(status == LORV_STATUS_OK ? committed : refused);
+      EXPECT_TRUE(status == LORV_STATUS_OK || status == LSCOREDB_CONFLICT) << status;
+      meet.arrive_and_wait();
+    }
+  });
+  EXPECT_EQ(committed, kRounds);
+  EXPECT_EQ(refused, kRounds);
+}
+
+TEST_F(ConcurrencyTest, OfTwoEqualUniqueKeysAtOnceExactlyOneIsCommitted) {
+  session_.Begin();
+  IndexId const unique = session_.CreateIndex(61, kSet, {{LORV_TYPE_LONG, kValueToken}}, kUnique);
+  session_.Commit();
+  constexpr int kRounds = 50;
+  std::barrier meet(2);
+  std::atomic<int> committed = 0;
+  InParallel(2, [&](int) {
+    Session session(database_);
+    for (int i = 1; i <= kRounds; ++i) {
+      session.Begin();
+      meet.arrive_and_wait();
+      NewRow(session, i);
+      meet.arrive_and_wait();
+      std::uint32_t const status = session.TryCommit();
+      if (status == LORV_STATUS_OK) ++committed;
+      EXPECT_TRUE(status == LORV_STATUS_OK || status == LSCOREDB_DUPLICATE_KEY) << status;
+      meet.arrive_and_wait();
+    }
+  });
+  EXPECT_EQ(committed, kRounds);
+  session_.Begin();
+  EXPECT_EQ(session_.Walk(unique).size(), kRounds + 1U);
+}
+
+// Money moves between two rows; a reader never sees any of it twice or gone, by row or by index.
+TEST_F(ConcurrencyTest, ReadersSeeWholeTransactions) {
+  session_.Begin();
+  Oid const other = NewRow(session_, 1000);
+  session_.Commit();
+  InParallel(3, [&](int thread) {
+    Session session(database_);
+    for (int i = 0; i < 200; ++i) {
+      if (thread == 0) {
+        session.Begin();
+        session.PutLong(row_, kValue, *session.Long(row_, kValue) + 1);
+        session.PutLong(other, kValue, *session.Long(other, kValue) - 1);
+        session.Commit();
+        continue;
+      }
+      session.BeginReadOnly();
+      EXPECT_EQ(*session.Long(row_, kValue) + *session.Long(other, kValue), 1000);
+      EXPECT_EQ(session.Walk(by_value_), (Oids{row_, other}));
+      session.Commit();
+    }
+  });
+}
+
+TEST_F(ConcurrencyTest, ReadersDoNotWaitForAnOpenWriter) {
+  session_.Begin();
+  session_.PutLong(row_, kValue, 5);
+  InParallel(2, [&](int) {
+    Session session(database_);
+    session.BeginReadOnly();
+    EXPECT_EQ(session.Long(row_, kValue), 0);
+    session.Commit();
+  });
+  session_.Commit();
+}
+
+TEST_F(ConcurrencyTest, WritersDoNotWaitForAnOpenWriter) {
+  session_.Begin();
+  session_.PutLong(row_, kValue, 5);
+  InParallel(2, [&](int thread) {
+    Session session(database_);
+    session.Begin();
+    NewRow(session, 10 + thread);
+    session.Commit();
+  });
+  session_.Commit();
+  session_.Begin();
+  EXPECT_EQ(session_.Walk(by_value_).size(), 3U);
+}
+
+TEST_F(ConcurrencyTest, AContextMayMoveBetweenThreads) {
+  std::thread([&] { session_.Begin(); }).join();
+  std::thread([&] { session_.PutLong(row_, kValue, 5); }).join();
+  std::thread([&] { EXPECT_EQ(session_.Long(row_, kValue), 5); }).join();
+  std::thread([&] { session_.Commit(); }).join();
+  session_.Begin();
+  EXPECT_EQ(session_.Long(row_, kValue), 5);
+}
+
+// Both sides retry on conflict, so in the end all rows are there and the index must hold each one.
+TEST_F(ConcurrencyTest, NoInterleavingLeavesARowOutOfAnIndexMadeMeanwhile) {
+  for (int round = 0; round < 10; ++round) {
+    IndexId index = 0;
+    Text const set = u"round" + Text(1, static_cast<char16_t>(u'0' + round)) + u"/";
+    InParallel(3, [&](int thread) {
+      Session session(database_);
+      if (thread == 0) {
+        Retry(session, [&] {
+          index = session.CreateIndex(static_cast<std::uint64_t>(70 + round), set,
+                                      {{LORV_TYPE_LONG, kValueToken}});
+        });
+        return;
+      }
+      for (int i = 0; i < 20; ++i)
+        Retry(session, [&] {
+          session.PutLong(session.Insert(layout_, set.c_str()), kValue, thread * 100 + i);
+        });
+    });
+    session_.Begin();
+    EXPECT_EQ(session_.Walk(index).size(), 40U);
+    EXPECT_EQ(session_.Walk(index, Key().Long(100), Key().Long(119)).size(), 20U);
+    session_.Rollback();
+  }
+}
+
+TEST_F(ConcurrencyTest, LayoutsMadeByManyThreadsHaveDistinctNumbers) {
+  constexpr int kThreads = 4;
+  InParallel(kThreads, [&](int) {
+    Session session(database_);
+    for (int i = 0; i < 10; ++i) {
+      session.Begin();
+      session.CreateLayout(80, {{LORV_TYPE_LONG, kValueToken}});
+      session.Commit();
+    }
+  });
+  session_.Begin();
+  std::vector<LayoutId> const layouts = session_.LayoutsByToken(80);
+  EXPECT_EQ(std::set<LayoutId>(layouts.begin(), layouts.end()).size(), kThreads * 10U);
+}
+
+TEST_F(ConcurrencyTest, ContextsOpenAndCloseInManyThreads) {
+  InParallel(4, [&](int) {
+    for (int i = 0; i < 100; ++i) {
+      Session session(database_);
+      session.Begin();
+      EXPECT_EQ(session.Long(row_, kValue), 0);
+    }
+  });
+}
+
+}  // namespace
+}  // namespace lscoredb_test
