@@ -42,6 +42,9 @@ class SAGLEME_API MetaPopul8r {
   void UpdateRefTypes();
 
  private:
+  // One row of CopyParentColumns.
+  void CopyColumn(LS_OBJ_REF child, LS_OBJ_REF column, int ordinal);
+
   LS_OBJ_REF reference_primitive_;
   LS_OBJ_REF primitive_table_;
   LS_OBJ_REF raw_column_table_;
