@@ -80,7 +80,7 @@ RawColumn DeclaringColumn(LS_OBJ_REF const& inherited) {
   bool const inherited = GetBool(member, Member::kInherited);
   exceptions::NewColumnNameConflictsList conflicts;
   conflicts.kind = inherited ? kInAncestor : kInTable;
-  conflicts.columns.push_back(inherited ? LS_OBJ_REF(DeclaringColumn(member)) : member);
+  conflicts.columns.push_back(inherited ? DeclaringColumn(member) : RawColumn(member));
   conflicts.exact = true;
   exceptions::ThrowNewColumnNameIsConflicting(FullNameOf(table), new_name, std::move(conflicts));
 }
