@@ -1,0 +1,77 @@
+#include "frame/cps.h"
+
+#include <utility>
+
+using boost::coroutines::push_coroutine;
+using boost::coroutines::stack_traits;
+using Impl = continuation_context::continuation_context_impl;
+using Body = std::function<void(push_coroutine<unsigned int>&)>;
+
+namespace {
+
+// Roomier than the default of the coroutines: a kernel and what it is built on work on this stack, and it
+// has no guard page. Pages that nobody touches cost nothing.
+constexpr std::size_t kStackSize = 256 * 1024;
+
+boost::coroutines::attributes StackAttributes() {
+  bool const fits = stack_traits::is_unbounded() || stack_traits::maximum_size() >= kStackSize;
+  return boost::coroutines::attributes(fits ? kStackSize : stack_traits::maximum_size());
+}
+
+}  // namespace
+
+// A coroutine that is still being made when its body throws would never be destroyed. So the body's
+// exception is kept aside until there is an owner.
+Impl::continuation_context_impl(Body const& body)
+    : coroutine_(
+          [this, body](push_coroutine<unsigned int>& yield) {
+            try {
+              body(yield);
+            } catch (boost::coroutines::detail::forced_unwind const&) {
+              throw;
+            } catch (...) {
+              failure_ = std::current_exception();
+            }
+          },
+          StackAttributes(), boost::coroutines::standard_stack_allocator()) {
+  PassOnFailure();
+}
+
+void Impl::PassOnFailure() {
+  if (failure_ != nullptr) std::rethrow_exception(std::exchange(failure_, nullptr));
+}
+
+unsigned int run_continuation_impl(Impl& impl, bool* finished) {
+  // Without a value there is nothing to go on from: the first leg ran already, or all of it is over.
+  bool const stopped_at_value = impl.value_ != Impl::Coroutine::iterator();
+  if (stopped_at_value && impl.coroutine_) {
+    ++impl.value_;
+  } else {
+    impl.value_ = boost::coroutines::begin(impl.coroutine_);
+  }
+  impl.PassOnFailure();
+  *finished = impl.value_ == Impl::Coroutine::iterator();
+  return *finished ? 0 : *impl.value_;
+}
+
+continuation_context* metalayer::create_continuation_handle(
+    Body const& body) {
+  return std::make_unique<continuation_context>(continuation_context{std::make_shared<Impl>(body)})
+      .release();
+}
+
+uint32_t run_continuation(continuation_context* handle, continuation_context** next, bool* more) {
+  bool finished = false;
+  *more = false;
+  *next = nullptr;
+  unsigned int const status = run_continuation_impl(*handle->impl, &finished);
+  if (status == 0 && !finished) {
+    *next = std::make_unique<continuation_context>(*handle).release();
+    *more = true;
+  }
+  return status;
+}
+
+void free_continuation_handle(continuation_context* handle) {
+  std::unique_ptr<continuation_context> const last_use(handle);
+}

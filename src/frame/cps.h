@@ -1,0 +1,63 @@
+#ifndef SAGLEME_SRC_FRAME_CPS_H
+#define SAGLEME_SRC_FRAME_CPS_H
+
+// Resumable computations behind a handle that C code can hold.
+//
+// The body runs on a stack of its own, up to its first yield while the handle is made, then one leg per
+// run_continuation. All of it belongs to the thread that made the handle. It ends when the body
+// returns or throws, or when the last handle is freed, which unwinds the body where it stands.
+
+#include <sagleme/sagleme.h>
+
+// The coroutine library is the older of two, and says so at every inclusion.
+#ifndef BOOST_COROUTINES_NO_DEPRECATION_WARNING
+#define BOOST_COROUTINES_NO_DEPRECATION_WARNING
+#endif
+#ifndef BOOST_ALLOW_DEPRECATED_HEADERS
+#define BOOST_ALLOW_DEPRECATED_HEADERS
+#endif
+#include <boost/coroutine/asymmetric_coroutine.hpp>
+
+#include <exception>
+#include <functional>
+#include <memory>
+
+struct continuation_context {
+  class continuation_context_impl;
+
+  // Shared: each step of a computation has a handle of its own.
+  std::shared_ptr<continuation_context_impl> impl;
+};
+
+// A coroutine and the value that it stopped at; no value before the first step and after the last one.
+class continuation_context::continuation_context_impl {
+ public:
+  using Coroutine = boost::coroutines::pull_coroutine<unsigned int>;
+
+  explicit continuation_context_impl(
+      std::function<void(boost::coroutines::push_coroutine<unsigned int>&)> const& body);
+
+ private:
+  friend unsigned int run_continuation_impl(continuation_context_impl& impl, bool* finished);
+
+  void PassOnFailure();
+
+  std::exception_ptr failure_;  // what left the body and has not been thrown on yet
+  Coroutine coroutine_;
+  Coroutine::iterator value_;
+};
+
+// One leg. `*finished`: the body is through, and the result is 0. What the body threw is thrown here.
+unsigned int run_continuation_impl(continuation_context::continuation_context_impl& impl,
+                                   bool* finished);
+
+namespace metalayer {
+
+// Runs `body` up to its first yield and returns the handle of what is left. The value 0 asks to be
+// resumed; any other is a status and the last value. Throws std::bad_alloc when there is no stack.
+continuation_context* create_continuation_handle(
+    std::function<void(boost::coroutines::push_coroutine<unsigned int>&)> const& body);
+
+}  // namespace metalayer
+
+#endif
