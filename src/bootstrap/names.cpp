@@ -1,8 +1,9 @@
+#include <sagleme/ucs2.h>
+
 #include <sagleme/metalayer/errors.hpp>
 #include <sagleme/metalayer/keys.hpp>
 #include <sagleme/metalayer/names.hpp>
 #include <sagleme/metalayer/schema.hpp>
-#include <sagleme/ucs2.h>
 
 namespace metalayer {
 
@@ -117,8 +118,7 @@ std::u16string DottedName::ToString() const {
 }
 
 void MakeTableNames(char16_t const* full_name, std::u16string* name,
-                    std::u16string* unique_identifier,
-                    std::u16string* unique_identifier_reversed) {
+                    std::u16string* unique_identifier, std::u16string* unique_identifier_reversed) {
   DottedName dotted = DottedName::Split(full_name);
   dotted.segments.push_front(u"Raw");
   dotted.segments.push_front(u"Lorvenstack");

@@ -1,12 +1,12 @@
-#include "ddl/utils.h"
+#include <sagleme/ucs2.h>
 
 #include <sagleme/metalayer/errors.hpp>
 #include <sagleme/metalayer/schema.hpp>
-#include <sagleme/ucs2.h>
-
 #include <set>
 #include <utility>
 #include <vector>
+
+#include "ddl/utils.h"
 
 namespace metalayer {
 
@@ -16,8 +16,8 @@ constexpr unsigned long kMoveRequest = 1;
 
 }  // namespace
 
-// A request that is pending keeps its kind, so that several changes leave one request that aims at the
-// newest layout.
+// A request that is pending keeps its kind, so that several changes leave one request that aims at
+// the newest layout.
 void RegisterMove(RawView const& view) {
   std::u16string const setspec = ddl::SetspecTextOf(view);
   unsigned short const layout = ddl::LayoutHandleOf(view);
@@ -34,7 +34,8 @@ namespace {
 
 using Definitions = span<LORV_COLUMN_DEFINITION_NAMES const>;
 
-// Two records stay free: one for the terminator, one that the kernel records of new columns never fill.
+// Two records stay free: one for the terminator, one that the kernel records of new columns never
+// fill.
 constexpr int kMaxReloadedColumns = kMaxColumns - 2;
 
 // Where the new columns stand, in every table of the subtree alike.
@@ -47,7 +48,7 @@ int CountOf(Definitions const& definitions) {
   return definitions.empty() ? 0 : static_cast<int>(definitions.size()) - 1;
 }
 
-// ---- conflicting names --------------------------------------------------------------------------------
+// ---- conflicting names ----------------------------------------------------------------------
 
 struct Ucs2Less {
   bool operator()(char16_t const* a, char16_t const* b) const { return ucs2_cmp(a, b) < 0; }
@@ -75,8 +76,7 @@ void GatherTaken(RawView const& table, char16_t const* name, bool is_descendant,
 
 void GatherRepeated(Definitions const& definitions, Conflicts& conflicts) {
   std::set<char16_t const*, Ucs2Less> names;
-  for (LORV_COLUMN_DEFINITION_NAMES const& definition :
-       definitions.first(definitions.size() - 1)) {
+  for (LORV_COLUMN_DEFINITION_NAMES const& definition : definitions.first(definitions.size() - 1)) {
     if (!names.insert(definition.name).second) conflicts.added.emplace_back(definition.name);
   }
 }
@@ -84,18 +84,17 @@ void GatherRepeated(Definitions const& definitions, Conflicts& conflicts) {
 void ReportColumnsConflicts(RawView const& table, Definitions const& definitions,
                             bool is_descendant) {
   Conflicts conflicts;
-  for (LORV_COLUMN_DEFINITION_NAMES const& definition :
-       definitions.first(definitions.size() - 1)) {
+  for (LORV_COLUMN_DEFINITION_NAMES const& definition : definitions.first(definitions.size() - 1)) {
     GatherTaken(table, definition.name, is_descendant, conflicts);
   }
   GatherRepeated(definitions, conflicts);
   if (conflicts.empty()) return;
-  exceptions::ThrowColumnNameNotUnique(FullNameOf(table), std::u16string(),
-                                       std::move(conflicts.existing),
-                                       std::move(conflicts.descendants), std::move(conflicts.added));
+  exceptions::ThrowColumnNameNotUnique(
+      FullNameOf(table), std::u16string(), std::move(conflicts.existing),
+      std::move(conflicts.descendants), std::move(conflicts.added));
 }
 
-// ---- one table ----------------------------------------------------------------------------------------
+// ---- one table ------------------------------------------------------------------------------
 
 // The table's own columns as they stand, from ordinal `first` on. Returns their number.
 int LoadColumnDefs(RawView const& table, int first, KernelRecords& records) {
@@ -123,7 +122,7 @@ void FixMeta(RawView const& table, Definitions const& definitions, bool inherite
   }
 }
 
-// ---- the subtree --------------------------------------------------------------------------------------
+// ---- the subtree ----------------------------------------------------------------------------
 
 void FixChildren(RawView const& parent, Definitions const& definitions, int inherited_count,
                  AddColumnsAt const& at);

@@ -1,6 +1,6 @@
-#include "ddl/utils.h"
-
 #include <limits>
+
+#include "ddl/utils.h"
 
 namespace metalayer::ddl {
 
@@ -28,8 +28,8 @@ void DeleteClasses() {
 
 }  // namespace
 
-// Properties go before the classes that they belong to. Stored tables are not touched, so the schema
-// generation stays.
+// Properties go before the classes that they belong to. Stored tables are not touched, so the
+// schema generation stays.
 void CleanClrMetadata() {
   DeleteMappedProperties();
   DeleteClasses();

@@ -1,8 +1,8 @@
-#include "ddl/utils.h"
-
 #include <sagleme/metalayer/errors.hpp>
 #include <sagleme/metalayer/schema.hpp>
 #include <sagleme/metalayer/types.hpp>
+
+#include "ddl/utils.h"
 
 namespace metalayer::ddl {
 
@@ -34,8 +34,7 @@ RawColumn ExistingColumnForIndex(RawView const& table, int ordinal, char16_t con
 
 [[noreturn]] void ThrowMaskTooNarrow(char16_t const* index_name, char16_t const* table_name) {
   ucs2_stream<ErrBlt>() << "Number of columns in index " << index_name << " for table "
-                        << table_name << " doesn't fit into " << kSortMaskBits
-                        << " bit sort mask.";
+                        << table_name << " doesn't fit into " << kSortMaskBits << " bit sort mask.";
   Throw(kBadIndexColumns);
 }
 

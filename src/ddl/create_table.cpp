@@ -1,17 +1,17 @@
-#include "ddl/utils.h"
-
-#include <sagleme/metalayer/errors.hpp>
-#include <sagleme/metalayer/schema.hpp>
-#include <sagleme/metalayer/types.hpp>
 #include <sagleme/ucs2.h>
 
 #include <algorithm>
+#include <sagleme/metalayer/errors.hpp>
+#include <sagleme/metalayer/schema.hpp>
+#include <sagleme/metalayer/types.hpp>
+
+#include "ddl/utils.h"
 
 namespace metalayer::ddl {
 
 namespace {
 
-// ---- writing a new table ------------------------------------------------------------------------------
+// ---- writing a new table --------------------------------------------------------------------
 
 void CheckColumnLimit(char16_t const* name, LS_OBJ_REF const& base, std::size_t span_size) {
   std::size_t const inherited = static_cast<std::size_t>(GetColumnsCount(RawView(base)));
@@ -69,7 +69,7 @@ unsigned short WriteTable(bool strict, char16_t const* name, LS_OBJ_REF const& g
   return layout;
 }
 
-// ---- verifying an existing table ----------------------------------------------------------------------
+// ---- verifying an existing table ------------------------------------------------------------
 
 // A definition without a base means the root of all layouts.
 bool HasBase(RawView const& table, LS_OBJ_REF const& given_base) {
@@ -149,7 +149,7 @@ void AssureType(RawView const& table, LS_OBJ_REF const& given_base,
   }
 }
 
-// ---- both together --------------------------------------------------------------------------------------
+// ---- both together --------------------------------------------------------------------------
 
 LS_OBJ_REF ExistingBase(char16_t const* name) {
   if (name == nullptr) return db_util::null_obj_ref;

@@ -1,7 +1,7 @@
-#include "ddl/utils.h"
-
 #include <sagleme/metalayer/errors.hpp>
 #include <sagleme/metalayer/schema.hpp>
+
+#include "ddl/utils.h"
 
 namespace metalayer::ddl {
 
@@ -39,7 +39,8 @@ struct ColumnIsReferenced {
   }
 };
 
-// What uses the column at the table at hand. A use in a descendant is found when the change gets there.
+// What uses the column at the table at hand. A use in a descendant is found when the change gets
+// there.
 struct ColumnUsageTracker {
   Uses indexes;
   ColumnIsReferenced referenced;
@@ -54,8 +55,8 @@ struct ColumnUsageTracker {
   }
 };
 
-// Drops one column from the table that declares it and from all descendants, where it stands at the same
-// ordinal, top down.
+// Drops one column from the table that declares it and from all descendants, where it stands at the
+// same ordinal, top down.
 class ColumnDropper {
  public:
   ColumnDropper(RawView const& declaring, short ordinal)
@@ -89,12 +90,12 @@ class ColumnDropper {
     }
     Uses const& mapped = tracker.referenced.mapped;
     exceptions::ThrowColumnIsMapped(FullNameOf(declaring_), std::move(column),
-                                    GetText(mapped.first, MappedProperty::kName),
-                                    FullNameOf(table), mapped.count);
+                                    GetText(mapped.first, MappedProperty::kName), FullNameOf(table),
+                                    mapped.count);
   }
 
-  // Returns the ordinal behind the table's last column. In a descendant the dropped column lies below
-  // `first`: it goes away with the parent's layout, and nothing is passed over.
+  // Returns the ordinal behind the table's last column. In a descendant the dropped column lies
+  // below `first`: it goes away with the parent's layout, and nothing is passed over.
   int LoadColumnDefsSkipColumn(RawView const& table, int first) {
     int ordinal = first;
     std::size_t count = 0;

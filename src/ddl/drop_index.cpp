@@ -1,10 +1,9 @@
-#include "ddl/utils.h"
-
+#include <limits>
 #include <sagleme/metalayer/errors.hpp>
 #include <sagleme/metalayer/schema.hpp>
-
-#include <limits>
 #include <utility>
+
+#include "ddl/utils.h"
 
 namespace metalayer::ddl {
 
@@ -32,8 +31,8 @@ void DropIndexedColumns(Index const& index) {
   while (columns.next()) DeleteRow(columns.current);
 }
 
-// The kernel's index goes last. A row without a handle never had one, and then nothing has changed for
-// anybody who walks indexes.
+// The kernel's index goes last. A row without a handle never had one, and then nothing has changed
+// for anybody who walks indexes.
 void DropIndex(Index&& index) {
   DropIndexedColumns(index);
   unsigned long const handle = GetULong(index, Index::kIndexHandle);

@@ -1,11 +1,10 @@
-#include "ddl/utils.h"
-
-#include <sagleme/metalayer/errors.hpp>
-#include <sagleme/metalayer/schema.hpp>
-
 #include <array>
 #include <limits>
+#include <sagleme/metalayer/errors.hpp>
+#include <sagleme/metalayer/schema.hpp>
 #include <set>
+
+#include "ddl/utils.h"
 
 namespace metalayer::ddl {
 
@@ -21,7 +20,7 @@ struct ObjRefSetComparator {
 
 using TableSet = std::set<LS_OBJ_REF, ObjRefSetComparator>;
 
-// ---- what stands in the way ---------------------------------------------------------------------------
+// ---- what stands in the way -----------------------------------------------------------------
 
 void CheckNoChildren(RawView const& table) {
   constexpr int kEnough = 3;  // what the text can tell apart
@@ -66,7 +65,7 @@ void CheckReferencesStayInside(TableSet const& tables) {
   }
 }
 
-// ---- taking a table out of the catalogue --------------------------------------------------------------
+// ---- taking a table out of the catalogue ----------------------------------------------------
 
 // A move that was asked for before is moot: the same request now asks for deletion.
 void RegisterDelete(RawView const& table) {
@@ -123,7 +122,7 @@ void DropMutuallyReferencingTables(TableSet const& tables, bool drop_children, b
   }
 }
 
-// ---- cascade ------------------------------------------------------------------------------------------
+// ---- cascade --------------------------------------------------------------------------------
 
 void AssertNoIndex(RawView const& table) {
   db_util::db_iter_with_keys indexes;
@@ -162,8 +161,8 @@ ChildBatch LoadChildren(RawView const& parent) {
   return batch;
 }
 
-// No walk over children stays open while they go, and their number takes no memory: those that went are
-// gone from the index, and the next batch holds the rest.
+// No walk over children stays open while they go, and their number takes no memory: those that went
+// are gone from the index, and the next batch holds the rest.
 void DropRvAndRcMetaCascade(RawView const& table) {
   bool full = true;
   while (full) {

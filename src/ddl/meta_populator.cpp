@@ -1,9 +1,9 @@
-#include "ddl/utils.h"
-
 #include <sagleme/metalayer/errors.hpp>
 #include <sagleme/metalayer/metaschema.hpp>
 #include <sagleme/metalayer/schema.hpp>
 #include <sagleme/metalayer/types.hpp>
+
+#include "ddl/utils.h"
 
 namespace metalayer {
 
@@ -103,8 +103,12 @@ MetaPopul8r::MetaPopul8r(bool strict)
 
 void MetaPopul8r::PopulateColumnMeta(LS_OBJ_REF table, LORV_COLUMN_DEFINITION const& definition,
                                      int ordinal, bool inherited) {
-  ColumnRow const row{table,     definition.name,             definition.type,
-                      inherited, definition.is_nullable != 0, static_cast<short>(ordinal)};
+  ColumnRow const row{table,
+                      definition.name,
+                      definition.type,
+                      inherited,
+                      definition.is_nullable != 0,
+                      static_cast<short>(ordinal)};
   unsigned short const layout = LayoutOf(definition.type);
   if (layout == ddl::LayoutHandleOf(primitive_table_)) return InsertColumn(row);
   if (layout != ddl::LayoutHandleOf(raw_view_table_)) ThrowTypeIsNoTable(definition.name);
@@ -117,8 +121,12 @@ void MetaPopul8r::PopulateColumnMeta(LS_OBJ_REF table,
   if (definition.is_nullable == 0 && IsDbTypeNullable(definition.logical_type)) {
     exceptions::ThrowColumnTypeMustBeNullable(ddl::FullNameOf(table), definition.name);
   }
-  ColumnRow row{table,     definition.name,             db_util::null_obj_ref,
-                inherited, definition.is_nullable != 0, static_cast<short>(ordinal)};
+  ColumnRow row{table,
+                definition.name,
+                db_util::null_obj_ref,
+                inherited,
+                definition.is_nullable != 0,
+                static_cast<short>(ordinal)};
   if (definition.logical_type != kLogicalReference) {
     row.data_type = ExistingPrimitiveType(definition.logical_type, definition.name);
     return InsertColumn(row);

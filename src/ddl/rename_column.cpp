@@ -1,9 +1,8 @@
-#include "ddl/utils.h"
-
 #include <sagleme/metalayer/errors.hpp>
 #include <sagleme/metalayer/schema.hpp>
-
 #include <utility>
+
+#include "ddl/utils.h"
 
 namespace metalayer::ddl {
 
@@ -14,8 +13,9 @@ enum ConflictKind { kInAncestor = 1, kInTable = 2, kInDescendants = 3 };
 // Once a conflict is certain, the search for more of them costs no more than this many tables.
 constexpr int kMaxTablesAfterConflict = 1000;
 
-// Writes the new name to the inherited rows of a subtree, and gathers the descendants that declare a
-// column of that name. All rows are written, whatever is found: a failure ends the operation anyway.
+// Writes the new name to the inherited rows of a subtree, and gathers the descendants that declare
+// a column of that name. All rows are written, whatever is found: a failure ends the operation
+// anyway.
 class DescendantRenamer {
  public:
   DescendantRenamer(RawView const& table, short ordinal, char16_t const* new_name)

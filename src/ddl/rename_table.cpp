@@ -1,7 +1,7 @@
-#include "ddl/utils.h"
-
 #include <sagleme/metalayer/errors.hpp>
 #include <sagleme/metalayer/schema.hpp>
+
+#include "ddl/utils.h"
 
 namespace metalayer::ddl {
 

@@ -1,11 +1,11 @@
 #include "ddl/utils.h"
 
-#include <sagleme/metalayer/errors.hpp>
-#include <sagleme/metalayer/schema.hpp>
-#include <sagleme/metalayer/types.hpp>
 #include <sagleme/ucs2.h>
 
 #include <limits>
+#include <sagleme/metalayer/errors.hpp>
+#include <sagleme/metalayer/schema.hpp>
+#include <sagleme/metalayer/types.hpp>
 
 namespace metalayer::ddl {
 
@@ -20,8 +20,8 @@ constexpr std::size_t kDecimalDigits = 21;  // of the largest 64-bit number, wit
   Throw(kBadArgument);
 }
 
-// A column is known to the kernel by the identity of its catalogue row, so that a rename is none of the
-// kernel's business.
+// A column is known to the kernel by the identity of its catalogue row, so that a rename is none of
+// the kernel's business.
 unsigned long TokenOfColumn(RawView const& table, int ordinal) {
   RawColumn const column = RawColumn::ByRawColumnPK(table, static_cast<short>(ordinal));
   if (column.is_null()) FatalError();
@@ -37,8 +37,8 @@ void FillRecord(Definition const& definition, unsigned long token, LORVI_COLUMN_
   out->is_nullable = definition.is_nullable;
 }
 
-// The last record is never written, not even with the terminator: the room is found wanting before the
-// next definition is looked at.
+// The last record is never written, not even with the terminator: the room is found wanting before
+// the next definition is looked at.
 template <typename Definition>
 int FillRecords(RawView const& table, span<Definition const> const& definitions, int first_ordinal,
                 span<LORVI_COLUMN_DEFINITION> const& out) {
@@ -86,7 +86,7 @@ unsigned long TokenOfLayout(unsigned short layout) {
 
 }  // namespace
 
-// ---- definitions as kernel records --------------------------------------------------------------------
+// ---- definitions as kernel records ----------------------------------------------------------
 
 void ToLorviColDef(LORV_COLUMN_DEFINITION const& definition, unsigned long token,
                    LORVI_COLUMN_DEFINITION* out) {
@@ -130,7 +130,7 @@ LORVI_COLUMN_DEFINITION KernelRecordOf(RawView const& table, RawColumn const& co
   return record;
 }
 
-// ---- kernel layouts -----------------------------------------------------------------------------------
+// ---- kernel layouts -------------------------------------------------------------------------
 
 unsigned short CreateKernelLayout(char16_t const* table_name, LS_OBJ_REF base,
                                   span<LORVI_COLUMN_DEFINITION const> const& columns) {
@@ -145,7 +145,7 @@ unsigned short RecreateTable(RawView& table, span<LORVI_COLUMN_DEFINITION const>
   return layout;
 }
 
-// ---- catalogue rows of a table ------------------------------------------------------------------------
+// ---- catalogue rows of a table --------------------------------------------------------------
 
 void CheckTableIsNotUsedByLevel1(RawView const& table) {
   constexpr int kEnough = 3;  // what the text can tell apart
@@ -187,7 +187,8 @@ Index ExistingIndex(char16_t const* name) {
   return index;
 }
 
-// Neighbours pass over each other's ordinals while the walk is open; at its end they are unique again.
+// Neighbours pass over each other's ordinals while the walk is open; at its end they are unique
+// again.
 void ShiftColumns(RawView const& table, int first, int delta) {
   EnumColumns(table, first, -1, [delta](RawColumn const& column) {
     PutLong(column, RawColumn::kColumnIndex, static_cast<short>(ColumnIndexOf(column) + delta));

@@ -1,13 +1,12 @@
 #ifndef SAGLEME_DDL_UTILS_H
 #define SAGLEME_DDL_UTILS_H
 
-// What the schema changes share among themselves and offer to nobody else: kernel records of columns, and
-// catalogue rows that hang on a table. Everything works in the thread's context and transaction; the rows
-// returned are valid until its end.
+// What the schema changes share among themselves and offer to nobody else: kernel records of
+// columns, and catalogue rows that hang on a table. Everything works in the thread's context and
+// transaction; the rows returned are valid until its end.
 
 #include <sagleme/metalayer/ddl.hpp>
 #include <sagleme/metalayer/keys.hpp>
-
 #include <string>
 
 namespace metalayer::ddl {
@@ -39,9 +38,7 @@ inline unsigned short LayoutHandleOf(LS_OBJ_REF const& table) {
   return static_cast<unsigned short>(GetULong(table, RawView::kLayoutHandle));
 }
 // Null for a root.
-inline RawView ParentOf(RawView const& table) {
-  return RawView(table.get_ref(RawView::kInherits));
-}
+inline RawView ParentOf(RawView const& table) { return RawView(table.get_ref(RawView::kInherits)); }
 
 // The kernel record of a column as it stands in the table's present layout: it keeps its token.
 LORVI_COLUMN_DEFINITION KernelRecordOf(RawView const& table, RawColumn const& column);
