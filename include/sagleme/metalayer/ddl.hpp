@@ -1,8 +1,21 @@
 #ifndef SAGLEME_METALAYER_DDL_HPP
 #define SAGLEME_METALAYER_DDL_HPP
 
-// Changes of the user schema. All of it runs on the caller's thread inside the caller's transaction; a
-// failure half way undoes nothing, that is the end of the transaction. None of it touches objects.
+// Changes of the user schema.
+//
+// All of it runs on the caller's thread, in the thread's context and inside the transaction that is
+// open there, and takes no lock. None of it touches objects: a table whose stored shape changes
+// gets a new kernel layout and a row in Vacuum, and its objects stay under the old layout.
+//
+// Failures are thrown as db_util::db_exception or a class derived from it, with the text in the
+// error buffer. A failure half way undoes nothing: what was written stays until the caller's
+// transaction is rolled back, which is what a caller does then. A broken catalogue ends the
+// process.
+//
+// Every change advances the schema generation, once per call unless it says otherwise.
+//
+// Names: where a function takes a table as text, it is the full name; where it takes a DottedName,
+// leading segments may be missing. Rows handed in and out are valid until the transaction ends.
 
 #include <sagleme/metalayer/catalogue.hpp>
 #include <sagleme/metalayer/names.hpp>
@@ -17,28 +30,47 @@ namespace metalayer {
 
 struct COLUMN_INFO;
 
-// Spans of column definitions count their terminator entry.
+// Spans of column definitions count their terminator entry: they are never empty, and their size is
+// the number of columns plus one.
 template <typename T>
 using span = std::span<T>;
 
 inline constexpr std::size_t kMaxDefinitions = 112;  // in one call
 inline constexpr std::size_t kMaxColumns = 115;      // in one table, all included
 
-// Turns column descriptions into catalogue rows. Built on the stack for one operation.
+// Turns column descriptions into catalogue rows. Built on the stack for one operation; holds rows
+// of the transaction that it was built in.
+//
+// A table has a row for each of its columns, inherited ones included, with dense ordinals;
+// inherited ones come first and have the parent's ordinals. A reference column whose target table
+// does not exist yet is deferred: it has no data type, but the target's name.
 class SAGLEME_API MetaPopul8r {
  public:
-  // `strict`: a reference column's target table must exist now.
+  // `strict`: a reference column described by names must find its target table now. Ends the
+  // process when the system tables' own rows are missing.
   explicit MetaPopul8r(bool strict);
 
+  // Each writes one column row of `table`. Name and ordinal are taken as they are: that they are
+  // free is watched by the catalogue's unique indexes alone. 15002 for a type that does not exist,
+  // with the column and the type in the text.
+  //
+  // The type as a row: of a primitive type or of a table, and of nothing derived from them.
   void PopulateColumnMeta(LS_OBJ_REF table, LORV_COLUMN_DEFINITION const& definition, int ordinal,
                           bool inherited);
+  // The type as a code, and the target's full name. 4213 for a column that is not nullable though
+  // its type always is.
   void PopulateColumnMeta(LS_OBJ_REF table, LORV_COLUMN_DEFINITION_NAMES const& definition,
                           int ordinal, bool inherited);
+  // The column of a system table.
   void PopulateColumnMeta(LS_OBJ_REF table, COLUMN_INFO const& definition, int ordinal,
                           bool inherited);
-  // Copies a parent's column rows into a child and returns the child's first free ordinal.
+
+  // Copies a parent's column rows into a child and returns the child's first free ordinal. Writes
+  // nothing when the child has columns, or the parent is null.
   int CopyParentColumns(LS_OBJ_REF child, LS_OBJ_REF parent);
-  // Finishes all reference columns whose target did not exist when they were written.
+
+  // Gives all deferred columns of the database their data type. 15002 for the first whose target
+  // still does not exist; those before it are done then.
   void UpdateRefTypes();
 
  private:
@@ -53,91 +85,152 @@ class SAGLEME_API MetaPopul8r {
   bool strict_;
 };
 
-// Asks for the table's objects to be moved to its current layout.
+// Asks for the table's objects to be moved to its current layout: a row of Vacuum with the kind 1,
+// or the new layout in the row that is pending, whose kind stays.
 SAGLEME_API void RegisterMove(RawView const& view);
 
 }  // namespace metalayer
 
 namespace metalayer::ddl {
 
-// ---- shared by all schema changes -------------------------------------------------------------------------
+// ---- shared by all schema changes ------------------------------------------------------------------
 
+// One definition as the kernel takes it, with the token given. 4226 for a type that is none.
 SAGLEME_API void ToLorviColDef(LORV_COLUMN_DEFINITION const& definition, unsigned long token,
                                LORVI_COLUMN_DEFINITION* out);
 SAGLEME_API void ToLorviColDef(LORV_COLUMN_DEFINITION_NAMES const& definition, unsigned long token,
                                LORVI_COLUMN_DEFINITION* out);
 SAGLEME_API unsigned char LogicalTypeFromColDef(LORV_COLUMN_DEFINITION const& definition);
 SAGLEME_API unsigned char LogicalTypeFromColDef(LORV_COLUMN_DEFINITION_NAMES const& definition);
+
+// Definitions whose catalogue rows exist, from `first_ordinal` on, as the kernel takes them, ended
+// by a record of type 0. Returns the number of columns. A column's token is that of the decimal
+// text of its row's identity. `out` takes two columns less than its size; 1001 for more.
 SAGLEME_API int ToLorviColDefs(RawView const& table,
                                span<LORV_COLUMN_DEFINITION const> const& definitions,
                                int first_ordinal, span<LORVI_COLUMN_DEFINITION> const& out);
 SAGLEME_API int ToLorviColDefs(RawView const& table,
                                span<LORV_COLUMN_DEFINITION_NAMES const> const& definitions,
                                int first_ordinal, span<LORVI_COLUMN_DEFINITION> const& out);
+
+// A kernel layout of the columns of `base` (null: the root of all layouts) and then `columns`,
+// which end with a record of type 0. Returns its number.
 SAGLEME_API unsigned short CreateKernelLayout(char16_t const* table_name, LS_OBJ_REF base,
                                               span<LORVI_COLUMN_DEFINITION const> const& columns);
+// A new layout for a table over its base's present one, under the token of its old one. Writes
+// LayoutHandle and leaves the old layout as it is.
 SAGLEME_API unsigned short RecreateTable(RawView& table,
                                          span<LORVI_COLUMN_DEFINITION const> const& columns);
+
+// 15012 when a class maps the table.
 SAGLEME_API void CheckTableIsNotUsedByLevel1(RawView const& table);
+// A column that the table declares itself. 7038: there is none, 15024: it is inherited.
 SAGLEME_API RawColumn GetNonInheritedColumn(RawView const& table, char16_t const* column_name);
+// The highest ordinal plus one, 0 for none.
 SAGLEME_API int GetColumnsCount(RawView const& table);
+// 15003 for no such table, 4229 for no such index.
 SAGLEME_API RawView ExistingTable(char16_t const* full_name);
 SAGLEME_API Index ExistingIndex(char16_t const* name);
 
-// Calls `callable` with each RawColumn row of the ordinals from `first` to before `end`; `end` -1 is the
-// last column. The rows may be changed by the callable.
+// Calls `callable` with each RawColumn row of the ordinals from `first` to before `end`; `end` -1
+// is the last column. The rows may be changed by the callable.
 template <typename Callable>
 void EnumColumns(RawView const& table, int first, int end, Callable&& callable);
 // Calls `callable` with each direct child.
 template <typename Callable>
 void EnumChildren(LS_OBJ_REF parent, Callable&& callable);
 
-// ---- tables -----------------------------------------------------------------------------------------------
+// ---- tables ----------------------------------------------------------------------------------------
 
+// Both create a table, or, when one of that name exists, hold it against the definition and write
+// nothing, the schema generation included. A null base is the root of all layouts.
+// 1001: more than kMaxColumns columns with the base's. 15009: the existing table differs. 15002,
+// 4213: see MetaPopul8r.
+//
+// Types as rows. `base` is not looked up: one that is no table ends the process. `out_table` gets
+// the new row, and nothing when the table exists; `out_layout` gets the layout number either way.
+// Both may be null.
 SAGLEME_API void CreateTableAndMeta(bool strict, char16_t const* name, db_util::LsObjRef base,
                                     span<LORV_COLUMN_DEFINITION const> columns,
                                     LS_OBJ_REF* out_table, unsigned short* out_layout);
+// Types as codes and names. 15001 for an unknown base. `out_layout` is written before an existing
+// table is verified.
 SAGLEME_API void CreateTableHigh(bool strict, char16_t const* name, char16_t const* base_name,
                                  span<LORV_COLUMN_DEFINITION_NAMES const> columns,
                                  unsigned short* out_layout);
 
+// Adds columns behind the table's own ones, and as inherited columns to all descendants, whose own
+// columns move up. Returns the table's new layout number. 1001: no columns, or too many; 4277:
+// names in use, told all at once for the table, and for the first descendant that has any.
 SAGLEME_API unsigned short AddColumns(char16_t const* full_name,
                                       span<LORV_COLUMN_DEFINITION_NAMES const> const& columns);
 SAGLEME_API unsigned short AddColumns(DottedName const& name,
                                       span<LORV_COLUMN_DEFINITION_NAMES const> const& columns);
+
+// Drops a column from the table that declares it and from all descendants. Returns the table's new
+// layout number. The schema generation advances once per table. 15011: an index holds the column,
+// 15014: a property maps it, 15012: a class maps the table; each is found when the change reaches
+// the table.
 SAGLEME_API unsigned short DropColumn(char16_t const* table, char16_t const* column);
 SAGLEME_API unsigned short DropColumn(DottedName const& table, char16_t const* column);
+
+// Renames a column in the table that declares it and in all descendants. 4277: the new name is
+// taken, by the column itself too. No layout changes and no object is concerned.
 SAGLEME_API void RenameColumn(char16_t const* table, char16_t const* old_name,
                               char16_t const* new_name);
 SAGLEME_API void RenameColumn(DottedName const& table, char16_t const* old_name,
                               char16_t const* new_name);
+
+// Gives a table a new full name, also in the reference columns that point at it. 4214: the name is
+// taken, by the table itself too. Descendants keep their names, the kernel layout keeps its token.
 SAGLEME_API void RenameTable(char16_t const* old_name, char16_t const* new_name);
 SAGLEME_API void RenameTable(DottedName const& old_name, char16_t const* new_name);
 
+// Takes a table with its indexes out of the catalogue and asks for its objects to be deleted: a row
+// of Vacuum with the kind 2. `drop_children`: all descendants go too, else 15013 when there are
+// any. `force`: reference columns (15012) and classes (15012) that point at the table do not hold
+// it. The schema generation advances once per table, and once per index.
 SAGLEME_API void DropTable(char16_t const* name, bool drop_children, bool force);
+
+// Takes a table with all descendants out of the catalogue, none of which may have an index or an
+// object: 15006. All is checked before anything goes. References and classes are not asked.
 SAGLEME_API void DropTableCascade(char16_t const* name);
+
+// Drops a set of tables, in the order of their rows' identities, that may refer to one another. For
+// each table the first column that refers to it must lie inside the set, unless `force`. `names`
+// ends with a null pointer.
 SAGLEME_API void DropMutuallyReferencingTables(char16_t const** names, bool drop_children,
                                                bool force);
 SAGLEME_API void DropMutuallyReferencingTables(std::vector<DottedName> const& names,
                                                bool drop_children, bool force);
 
-// Forgets every mapped property and every class.
+// Forgets every mapped property and every class. The schema generation stays.
 SAGLEME_API void CleanClrMetadata();
 
-// ---- indexes ----------------------------------------------------------------------------------------------
+// ---- indexes ---------------------------------------------------------------------------------------
 
+// All create an index of at most 15 columns over a table and its descendants; its name is unique in
+// the database. `columns` are ordinals ended by -1, bit i of `sort_mask` makes the i-th column
+// descend, bit 0 of `flags` makes the index unique, and the kernel gets all flags. 4187: the name
+// is in use. 7035: an unknown ordinal, or too many columns, which the forms by ordinals find out
+// after the kernel's index was made. 15007: more than 114 ordinals.
 SAGLEME_API void CreateIndexAndMeta(LS_OBJ_REF table, char16_t const* name,
                                     unsigned short sort_mask, short const* columns,
                                     unsigned int flags);
+// 15003 for an unknown table, 4300 for an unknown column.
 SAGLEME_API void CreateIndexHigh(char16_t const* name, char16_t const* table_name,
                                  LORV_INDEXED_COLUMN const* columns, bool unique);
-// The table found by layout id.
+// The table found by its current layout number; 15003 for none.
 SAGLEME_API void CreateIndexByLayoutId(unsigned short layout_id, char16_t const* name,
                                        unsigned short sort_mask, short const* columns,
                                        unsigned int flags);
-// The argument is null afterwards.
+
+// Removes an index: its rows first, the kernel's index last. A row without a handle goes without a
+// kernel call and without advancing the schema generation. The argument is null afterwards.
 SAGLEME_API void DropIndex(Index&& index);
+// Removes the rows of an index's columns alone.
 SAGLEME_API void DropIndexedColumns(Index const& index);
+// 4229 for an unknown index. 15005 when it belongs to another table, an ancestor's too.
 SAGLEME_API void DropIndex(char16_t const* name);
 SAGLEME_API void DropIndex(char16_t const* table_name, char16_t const* name);
 SAGLEME_API void DropIndex(DottedName const& table, char16_t const* name);
