@@ -22,9 +22,7 @@ constexpr std::size_t kMaxOwnIndexes = 3;
 constexpr std::size_t kMaxIndexColumns = 10;
 constexpr std::size_t kHiddenColumns = 3;
 
-// ---- the description
-// ------------------------------------------------------------------------------
-
+// ---- the description ----------------------------------------------------------------------------
 struct ColumnType {
   int code;
   std::string parameter;  // what Insert takes
@@ -150,9 +148,7 @@ Schema ReadSchema(std::string const& path) {
   return schema;
 }
 
-// ---- names in the output
-// ----------------------------------------------------------------------------
-
+// ---- names in the output ------------------------------------------------------------------------
 // UniqueIdentifier becomes unique_identifier.
 std::string ParameterName(std::string const& column) {
   std::string out;
@@ -187,9 +183,7 @@ std::vector<ColumnRecord> KeyColumns(TableRecord const& table, IndexRecord const
   return columns;
 }
 
-// ---- metalayer_generated.hpp
-// --------------------------------------------------------------------------
-
+// ---- metalayer_generated.hpp --------------------------------------------------------------------
 void WriteOrdinals(std::ostream& out, TableRecord const& table) {
   if (table.all.size() == kHiddenColumns) return;
   out << "\n  enum Ordinal : unsigned int {\n";
@@ -250,9 +244,7 @@ void WriteHeader(std::ostream& out, Schema const& schema) {
   out << "\n}  // namespace metalayer\n\n#endif\n";
 }
 
-// ---- metalayer_generated.cpp
-// --------------------------------------------------------------------------
-
+// ---- metalayer_generated.cpp --------------------------------------------------------------------
 void DefineStatics(std::ostream& out, TableRecord const& table) {
   std::string const scope = table.name + "::";
   out << "std::u16string " << scope << "g_setspec_;\n"
@@ -328,9 +320,7 @@ void WriteClasses(std::ostream& out, Schema const& schema) {
   out << "\n}  // namespace metalayer\n";
 }
 
-// ---- metaschema_generated.cpp
-// -------------------------------------------------------------------------
-
+// ---- metaschema_generated.cpp -------------------------------------------------------------------
 void WriteTableColumns(std::ostream& out, TableRecord const& table) {
   out << "     {";
   for (ColumnRecord const& column : table.own) {
@@ -369,9 +359,7 @@ void WriteTable(std::ostream& out, Schema const& schema) {
       << "}  // namespace metalayer\n";
 }
 
-// ---- the program
-// --------------------------------------------------------------------------------------
-
+// ---- the program --------------------------------------------------------------------------------
 using Writer = void (*)(std::ostream&, Schema const&);
 
 void WriteFile(std::string const& path, Schema const& schema, Writer writer) {

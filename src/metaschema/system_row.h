@@ -4,7 +4,6 @@
 // What the generated Insert functions have in common.
 
 #include <sagleme/metalayer/records.hpp>
-
 #include <string>
 
 namespace metalayer {

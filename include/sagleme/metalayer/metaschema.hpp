@@ -6,11 +6,10 @@
 // The static records are constant and generated from one description. A MetaschemaInit owns the
 // descriptors for the length of one bootstrap call; only one may exist at a time, on one thread.
 
-#include <sagleme/metalayer/records.hpp>
-
 #include <functional>
 #include <map>
 #include <memory>
+#include <sagleme/metalayer/records.hpp>
 #include <string>
 
 namespace metalayer {
@@ -47,6 +46,9 @@ struct TABLE_INFO_STATIC {
 };
 
 inline constexpr unsigned int nr_meta_table_inits_generated_from_json = 25;
+// Root, name dictionary and set specifiers stand before it: they are set up by hand, all others
+// alike.
+inline constexpr unsigned int kFirstLoopTable = 3;
 SAGLEME_API extern TABLE_INFO_STATIC const
     metaschema_init_generated_from_json[nr_meta_table_inits_generated_from_json];
 SAGLEME_API unsigned int nr_meta_table_inits();
@@ -153,7 +155,7 @@ class SAGLEME_API MetaschemaInit {
   MetaschemaInit& operator=(MetaschemaInit const&) = delete;
 
   static void FillMetaTableInits();
-  static TABLE_INFO* inits() { return g_inits_; }
+  static TABLE_INFO* inits() { return g_inits_.get(); }
   static TABLE_INFO* table_by_name(char16_t const* name);
   static TABLE_INFO* find_table(char16_t const* name) { return table_by_name(name); }
   static void EnumPredefinedTokens(
@@ -163,16 +165,18 @@ class SAGLEME_API MetaschemaInit {
   void CreateAndVerifyMetatables(std::function<void()> const& yield);
 
  private:
-  static TABLE_INFO* g_inits_;
-  static std::map<std::u16string, TABLE_INFO*>* g_table_by_name_;
+  using TableByName = std::map<std::u16string, TABLE_INFO*>;
+
+  static std::unique_ptr<TABLE_INFO[]> g_inits_;
+  static std::unique_ptr<TableByName> g_table_by_name_;
 };
 
 // One Init function per system table, in table order.
 using MetaclassInit = unsigned short (*)(std::u16string const& setspec, unsigned long type_id);
 extern MetaclassInit const g_inits[nr_meta_table_inits_generated_from_json];
 
-// Finds the table's layout and indexes in the database and readies its class; false when the table is
-// not all there.
+// Finds the table's layout and indexes in the database and readies its class; false when the table
+// is not all there.
 bool init_meta_table(TABLE_INFO& table);
 
 // Finds or makes the set specifier of a system table and its row.

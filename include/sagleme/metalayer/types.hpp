@@ -1,12 +1,11 @@
 #ifndef SAGLEME_METALAYER_TYPES_HPP
 #define SAGLEME_METALAYER_TYPES_HPP
 
-// The vocabularies of column types: SQL names, logical codes, kernel codes. Static tables, built with the
-// library and never changed.
-
-#include <sagleme/metalayer/records.hpp>
+// The vocabularies of column types: SQL names, logical codes, kernel codes. Static tables, built
+// with the library and never changed.
 
 #include <map>
+#include <sagleme/metalayer/records.hpp>
 #include <set>
 #include <string>
 
