@@ -22,8 +22,9 @@ unsigned long CachedType(LayoutEntry& entry, LS_OBJ_REF* out_view) {
   return type_id;
 }
 
-// The view of a layout's entry is gone: its table was dropped, or was rolled back and the layout belongs to
-// another one by now. A catalogue that still names the same view has nothing better to say.
+// The view of a layout's entry is gone: its table was dropped, or was rolled back and the layout
+// belongs to another one by now. A catalogue that still names the same view has nothing better to
+// say.
 unsigned long ReloadedType(LS_OBJ_REF const& object, LS_OBJ_REF const& gone_view) {
   unsigned long const type_id = AssureCurrentLayoutId(object);
   LS_OBJ_REF view = db_util::null_obj_ref;
@@ -31,7 +32,8 @@ unsigned long ReloadedType(LS_OBJ_REF const& object, LS_OBJ_REF const& gone_view
   return view.oid == gone_view.oid ? kNoType : type_id;
 }
 
-// Writes the set specifier of a new object and gives its address word. The layout alone is an address.
+// Writes the set specifier of a new object and gives its address word. The layout alone is an
+// address.
 uint64_t EnterSet(uint64_t context, CreateInfo const& handle, uint64_t oid, uint16_t layout) {
   Check(lorv_context_put_setspec(context, oid, layout, handle.setspec.c_str()));
   return layout;
@@ -39,8 +41,8 @@ uint64_t EnterSet(uint64_t context, CreateInfo const& handle, uint64_t oid, uint
 
 }  // namespace
 
-// The layout that the view names is not compared with the object's: an object under a superseded layout
-// keeps its table's type.
+// The layout that the view names is not compared with the object's: an object under a superseded
+// layout keeps its table's type.
 unsigned long GetObjectTypeId(LS_OBJ_REF object) {
   unsigned short const layout = LayoutOf(object);
   if (layout == 0) return kNoType;
@@ -98,8 +100,9 @@ uint32_t lorv_crud_Lookup(uint64_t context, uint64_t oid, uint64_t* out_addr,
                           uint64_t* out_type_id) {
   uint32_t const status = lorv_context_lookup(context, oid, out_addr);
   if (status != 0) return status;
-  return MetalayerFunction<false>(
-      context, [&] { *out_type_id = crud::GetObjectTypeId({oid, *out_addr}); });
+  return MetalayerFunction<false>(context, [&] {
+    *out_type_id = crud::GetObjectTypeId({oid, *out_addr});
+  });
 }
 
 uint32_t lorv_crud_GetObjectTypeId(uint64_t context, uint64_t oid, uint64_t /*addr*/,

@@ -1,6 +1,6 @@
-// Reading and writing one property: one load through the handle, the caller's layout replaced by the
-// handle's, and a jump into the kernel. No frame, no lock, no thread-local state: whatever could be
-// decided beforehand was decided when the handle was made.
+// Reading and writing one property: one load through the handle, the caller's layout replaced by
+// the handle's, and a jump into the kernel. No frame, no lock, no thread-local state: whatever
+// could be decided beforehand was decided when the handle was made.
 
 #include "crud/handles.h"
 

@@ -1,11 +1,10 @@
 #include "crud/handle_caches.h"
 
-#include <sagleme/metalayer/catalogue.hpp>
-#include <sagleme/metalayer/schema.hpp>
-
 #include <iterator>
 #include <memory>
 #include <mutex>
+#include <sagleme/metalayer/catalogue.hpp>
+#include <sagleme/metalayer/schema.hpp>
 #include <stdexcept>
 #include <unordered_map>
 #include <utility>
@@ -42,9 +41,9 @@ void UpdateLayout(CreateInfo& info) {
   info.layout.store(static_cast<uint16_t>(layout), std::memory_order_relaxed);
 }
 
-// A transaction that created a table and was rolled back leaves its row in the cache of views, and the
-// next table gets the same type id: the slot is then read again from the catalogue, in which a type id
-// has no system mark.
+// A transaction that created a table and was rolled back leaves its row in the cache of views, and
+// the next table gets the same type id: the slot is then read again from the catalogue, in which a
+// type id has no system mark.
 LS_OBJ_REF LiveRawView(unsigned long key) {
   LS_OBJ_REF const cached = raw_view_by_type_id(key);
   if (cached.oid == 0 || !IsGone(LookUp(cached))) return cached;

@@ -3,8 +3,8 @@
 
 // The two process-wide caches that own the records behind handles.
 //
-// Each has one lock, held across the kernel calls of a miss and of a refresh; no path holds both. The
-// functions work in the thread's context and fail by exception, with the lock released.
+// Each has one lock, held across the kernel calls of a miss and of a refresh; no path holds both.
+// The functions work in the thread's context and fail by exception, with the lock released.
 
 #include "crud/handles.h"
 

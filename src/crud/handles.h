@@ -3,21 +3,22 @@
 
 // The records behind the handles of object access.
 //
-// A handle is the address of one of these records. The caches (handle_caches.h) own them and are the only
-// writers, under their locks. The object path reads `location` and `layout` at any time without a lock, so
-// each is one atomic word: a reader gets both halves of a `location` from one refresh.
+// A handle is the address of one of these records. The caches (handle_caches.h) own them and are
+// the only writers, under their locks. The object path reads `location` and `layout` at any time
+// without a lock, so each is one atomic word: a reader gets both halves of a `location` from one
+// refresh.
 
-#include <sagleme/metalayer/records.hpp>
 #include <sagleme/sagleme.h>
 
 #include <atomic>
+#include <sagleme/metalayer/records.hpp>
 #include <string>
 
 struct PropertyAccessInfo {
   PropertyAccessInfo(LS_OBJ_REF table, LS_OBJ_REF member) : view(table), column(member) {}
 
-  // Bits 0 to 15: the table's layout; bits 16 to 31: the column's index. First, so that the object path
-  // loads it straight through the handle.
+  // Bits 0 to 15: the table's layout; bits 16 to 31: the column's index. First, so that the object
+  // path loads it straight through the handle.
   std::atomic<uint32_t> location{0};
   LS_OBJ_REF view;    // the table's RawView row
   LS_OBJ_REF column;  // the property's row among the table's members
