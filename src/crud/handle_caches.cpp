@@ -41,13 +41,19 @@ void UpdateLayout(CreateInfo& info) {
   info.layout.store(static_cast<uint16_t>(layout), std::memory_order_relaxed);
 }
 
+bool IsCached(unsigned long type_id) {
+  return type_id < kLayouts &&
+         std::atomic_ref(g_raw_views[type_id].oid).load(std::memory_order_relaxed) != 0;
+}
+
 // A transaction that created a table and was rolled back leaves its row in the cache of views, and
-// the next table gets the same type id: the slot is then read again from the catalogue, in which a
-// type id has no system mark.
+// the next table gets the same type id: a filled slot is tried, and read again from the catalogue
+// when its row is gone. In the catalogue a type id has no system mark.
 LS_OBJ_REF LiveRawView(unsigned long key) {
-  LS_OBJ_REF const cached = raw_view_by_type_id(key);
-  if (cached.oid == 0 || !IsGone(LookUp(cached))) return cached;
-  return LoadRawViewByTypeId(key & ~kSystemCreate);
+  unsigned long const type_id = key & ~kSystemCreate;
+  bool const was_cached = IsCached(type_id);
+  LS_OBJ_REF const view = raw_view_by_type_id(key);
+  return was_cached && IsGone(LookUp(view)) ? LoadRawViewByTypeId(type_id) : view;
 }
 
 // The entry stays behind empty when the record cannot be begun.
