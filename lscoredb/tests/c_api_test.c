@@ -1,0 +1,103 @@
+/* The two headers and what they declare, from plain C: a small program that a C host could be. */
+
+#include <lscoredb/host.h>
+#include <lscoredb/lscoredb.h>
+#include <stdio.h>
+#include <string.h>
+
+static int failures = 0;
+
+static void expect(int holds, char const* what, int line) {
+  if (holds) return;
+  ++failures;
+  fprintf(stderr, "line %d: %s\n", line, what);
+}
+
+#define EXPECT(condition) expect((condition) != 0, #condition, __LINE__)
+#define EXPECT_OK(call) EXPECT((call) == LORV_STATUS_OK)
+
+enum { NUMBER = 2, NAME = 3 };
+
+static LORVI_COLUMN_DEFINITION const COLUMNS[] = {
+    {LORV_TYPE_LONG, 1, 100}, {LORV_TYPE_STRING, 1, 101}, {0, 0, 0}};
+static LORVI_COLUMN_DEFINITION const INDEXED[] = {{LORV_TYPE_LONG, 1, 100}, {0, 0, 0}};
+
+static uint64_t insert_row(uint64_t context, uint16_t layout, int64_t number) {
+  uint64_t oid = 0;
+  EXPECT_OK(lorv_context_insert(context, layout, &oid));
+  EXPECT_OK(lorv_context_put_setspec(context, oid, layout, u"set/"));
+  EXPECT_OK(lorv_context_put_long(context, oid, layout, NUMBER, number));
+  return oid;
+}
+
+static void read_back(uint64_t context, uint16_t layout, uint64_t oid) {
+  int64_t number = 0;
+  LORV_STRING* name = NULL;
+  EXPECT_OK(lorv_context_get_long(context, oid, layout, NUMBER, &number));
+  EXPECT(number == 5);
+  EXPECT(lorv_context_get_string(context, oid, layout, NAME, &name) == LORV_STATUS_NULL);
+  EXPECT_OK(lorv_context_put_string(context, oid, layout, NAME, u"name"));
+  EXPECT_OK(lorv_context_get_string(context, oid, layout, NAME, &name));
+  EXPECT(name != NULL && name->length == 4);
+  name->units[name->length] = 0;
+  EXPECT(memcmp(name->units, u"name", 5 * sizeof(char16_t)) == 0);
+}
+
+static void walk(uint64_t context, uint64_t index, uint64_t first, uint64_t second) {
+  static uint8_t const everything[8] = {0xC0};
+  uint64_t iterator = 0;
+  LORV_REFERENCE row = {0, 0, 0};
+  EXPECT_OK(lorv_context_create_iterator(context, index, LORV_ITERATOR_FORWARD, everything,
+                                         everything, &iterator));
+  EXPECT_OK(lorv_iterator_next(iterator, &row));
+  EXPECT(row.oid == first);
+  EXPECT_OK(lorv_iterator_next(iterator, &row));
+  EXPECT(row.oid == second);
+  EXPECT_OK(lorv_iterator_next(iterator, &row));
+  EXPECT(row.oid == 0);
+  EXPECT_OK(lorv_iterator_free(iterator));
+}
+
+static void use(uint64_t context) {
+  uint16_t layout = 0;
+  uint64_t index = 0;
+  EXPECT_OK(lscoredb_begin(context, LSCOREDB_READ_WRITE));
+  EXPECT_OK(lorvi_context_create_layout(context, 50, 0, COLUMNS, 0, &layout));
+  EXPECT_OK(lorvi_context_create_index(context, 60, u"set/", INDEXED, 0, 0, &index));
+  uint64_t const five = insert_row(context, layout, 5);
+  uint64_t const minus = insert_row(context, layout, -5);
+  read_back(context, layout, five);
+  EXPECT_OK(lscoredb_commit(context));
+  EXPECT_OK(lscoredb_begin(context, LSCOREDB_READ_ONLY_TRANSACTION));
+  walk(context, index, minus, five);
+  EXPECT_OK(lscoredb_rollback(context));
+}
+
+static void records_have_the_given_shape(void) {
+  EXPECT(sizeof(LS_OBJ_REF) == 16);
+  EXPECT(sizeof(LORV_REFERENCE) == 24);
+  EXPECT(sizeof(LORVI_COLUMN_DEFINITION) == 16);
+  EXPECT(offsetof(LORVI_COLUMN_DEFINITION, token) == 8);
+  EXPECT(offsetof(LORVI_COLUMN_INFO, type) == 11);
+  EXPECT(offsetof(LORVI_LAYOUT_INFO, column_count) == 8);
+  EXPECT(offsetof(LORVI_LAYOUT_INFO, layout_handle) == 12);
+  EXPECT(offsetof(LORVI_LAYOUT_INFO, base_layout_handle) == 14);
+  EXPECT(offsetof(LORVI_INDEX_INFO, attribute_count) == 16);
+  EXPECT(offsetof(LORVI_INDEX_INFO, flags) == 20);
+  EXPECT(offsetof(LORV_STRING, units) == 4);
+  EXPECT(offsetof(LORV_BINARY, bytes) == 4);
+}
+
+int main(void) {
+  lscoredb* database = NULL;
+  uint64_t context = 0;
+  records_have_the_given_shape();
+  EXPECT_OK(lscoredb_open(NULL, NULL, &database));
+  EXPECT_OK(lscoredb_context_open(database, &context));
+  use(context);
+  EXPECT(strlen(lscoredb_status_text(LSCOREDB_CONFLICT)) > 0);
+  EXPECT_OK(lscoredb_context_close(context));
+  EXPECT_OK(lscoredb_close(database));
+  if (failures == 0) puts("ok");
+  return failures == 0 ? 0 : 1;
+}

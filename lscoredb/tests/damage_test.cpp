@@ -1,0 +1,197 @@
+// Files that are no database, or one of another time, or a broken one. The store's own library
+// makes them here, since the kernel does not.
+
+#include <lmdb.h>
+
+#include <algorithm>
+#include <fstream>
+#include <random>
+#include <sstream>
+
+#include "kernel_test.h"
+
+namespace lscoredb_test {
+namespace {
+
+constexpr std::uint32_t kName = 2;
+constexpr std::uint64_t kIndexToken = 60;
+
+// Frozen: where a data file says what it is, and the newest version that this kernel reads.
+constexpr char kFormatKey[] = "format";
+constexpr char kMagic[] = "lscoredb";
+constexpr std::uint32_t kVersion = 1;
+
+std::uint32_t TryOpen(std::string const& directory) {
+  lscoredb* database = nullptr;
+  std::uint32_t const status = lscoredb_open(directory.c_str(), nullptr, &database);
+  EXPECT_EQ(status == LORV_STATUS_OK, database != nullptr);
+  if (database != nullptr) Check("close", lscoredb_close(database));
+  return status;
+}
+
+std::string ReadFile(std::string const& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream content;
+  content << in.rdbuf();
+  return content.str();
+}
+
+void WriteFile(std::string const& path, std::string const& content) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out << content;
+}
+
+// Puts one record into a named tree of a store, which is made when it is missing.
+void PutRecord(std::string const& directory, char const* tree, std::string key, std::string value) {
+  MDB_env* env = nullptr;
+  MDB_txn* txn = nullptr;
+  MDB_dbi dbi = 0;
+  ASSERT_EQ(mdb_env_create(&env), 0);
+  ASSERT_EQ(mdb_env_set_maxdbs(env, 8), 0);
+  ASSERT_EQ(mdb_env_open(env, directory.c_str(), 0, 0600), 0);
+  ASSERT_EQ(mdb_txn_begin(env, nullptr, 0, &txn), 0);
+  ASSERT_EQ(mdb_dbi_open(txn, tree, MDB_CREATE, &dbi), 0);
+  MDB_val k{key.size(), key.data()};
+  MDB_val v{value.size(), value.data()};
+  ASSERT_EQ(mdb_put(txn, dbi, &k, &v, 0), 0);
+  ASSERT_EQ(mdb_txn_commit(txn), 0);
+  mdb_env_close(env);
+}
+
+std::string FormatRecord(std::uint32_t version) {
+  std::string record = kMagic;
+  for (int shift = 0; shift < 32; shift += 8) record += static_cast<char>(version >> shift & 0xFF);
+  return record;
+}
+
+class DamageTest : public testing::Test {
+ protected:
+  std::string File() const { return directory_ / "data.mdb"; }
+
+  // A database of some size, with texts that can be found in its file.
+  void Fill() {
+    Database database(directory_.path());
+    Session session(database);
+    session.Begin();
+    LayoutId const layout = session.CreateLayout(50, {{LORV_TYPE_STRING, 100}});
+    index_ = session.CreateIndex(kIndexToken, kSet, {{LORV_TYPE_STRING, 100}});
+    for (int i = 0; i < 300; ++i) {
+      rows_.push_back(session.Insert(layout));
+      session.PutString(rows_.back(), kName, Text(200, static_cast<char16_t>(u'A' + i % 26)));
+    }
+    session.Commit();
+  }
+
+  TemporaryDirectory directory_;
+  IndexId index_ = 0;
+  Oids rows_;
+};
+
+TEST_F(DamageTest, AForeignFileIsNotADatabase) {
+  WriteFile(File(), std::string(100000, 'x'));
+  std::string const before = ReadFile(File());
+  EXPECT_STATUS(LSCOREDB_NOT_A_DATABASE, TryOpen(directory_.path()));
+  EXPECT_TRUE(ReadFile(File()) == before) << "it is left as it was";
+}
+
+TEST_F(DamageTest, ATextFileIsNotADatabase) {
+  WriteFile(File(), "Dear diary,\n");
+  EXPECT_STATUS(LSCOREDB_NOT_A_DATABASE, TryOpen(directory_.path()));
+}
+
+TEST_F(DamageTest, AnotherProgramsStoreIsNotADatabase) {
+  PutRecord(directory_.path(), "somebody", "key", "value");
+  EXPECT_STATUS(LSCOREDB_NOT_A_DATABASE, TryOpen(directory_.path()));
+}
+
+TEST_F(DamageTest, AStoreWithOurTreeNamesAndWithoutOurMarkIsNotADatabase) {
+  PutRecord(directory_.path(), "meta", "format", "somebody else's");
+  EXPECT_STATUS(LSCOREDB_NOT_A_DATABASE, TryOpen(directory_.path()));
+}
+
+TEST_F(DamageTest, AFileOfANewerFormatIsRefusedAndLeftAlone) {
+  Fill();
+  PutRecord(directory_.path(), "meta", kFormatKey, FormatRecord(kVersion + 1));
+  std::string const before = ReadFile(File());
+  EXPECT_STATUS(LSCOREDB_NEWER_FORMAT, TryOpen(directory_.path()));
+  EXPECT_TRUE(ReadFile(File()) == before);
+  PutRecord(directory_.path(), "meta", kFormatKey, FormatRecord(kVersion));
+  EXPECT_STATUS(0, TryOpen(directory_.path()));
+}
+
+TEST_F(DamageTest, ARowWhoseBytesChangedIsDamagedAndOthersAreRead) {
+  Fill();
+  std::string content = ReadFile(File());
+  // The row's text stands in its image and in the index; the image is what is found by reading.
+  std::size_t changed = 0;
+  std::string const text(200, 'C');
+  for (std::size_t at = content.find(text); at != std::string::npos;
+       at = content.find(text, at + 1)) {
+    content[at + 100] = '!';
+    ++changed;
+  }
+  ASSERT_GT(changed, 0U);
+  WriteFile(File(), content);
+  Database database(directory_.path());
+  Session session(database);
+  session.BeginReadOnly();
+  LORV_STRING* read = nullptr;
+  EXPECT_STATUS(LSCOREDB_DAMAGED,
+                lorv_context_get_string(session.context(), rows_[2], 0, kName, &read));
+  EXPECT_EQ(read, nullptr);
+  EXPECT_EQ(session.String(rows_[3], kName), Text(200, u'D'));
+}
+
+TEST_F(DamageTest, AFileThatWasCutIsRefused) {
+  Fill();
+  std::string const content = ReadFile(File());
+  for (std::size_t const size : {std::size_t{1}, std::size_t{100}, std::size_t{5000},
+                                 content.size() / 2, content.size() - 4096}) {
+    WriteFile(File(), content.substr(0, size));
+    std::uint32_t const status = TryOpen(directory_.path());
+    EXPECT_TRUE(status == LSCOREDB_DAMAGED || status == LSCOREDB_NOT_A_DATABASE)
+        << size << " bytes: " << status;
+  }
+}
+
+TEST_F(DamageTest, AnEmptyFileIsANewDatabase) {
+  WriteFile(File(), "");
+  EXPECT_STATUS(0, TryOpen(directory_.path()));
+}
+
+// Reads all there is; what comes of it is a status, whichever.
+void ReadEverything(std::string const& directory, IndexId index, Oids const& rows) {
+  Database database(directory);
+  Session session(database);
+  session.Begin();
+  for (Oid const row : rows) session.String(row, kName);
+  session.Walk(index);
+  session.WalkBack(index);
+  session.PutString(rows.at(5), kName, u"written");
+  session.Delete(rows.at(6));
+  session.Commit();
+}
+
+TEST_F(DamageTest, FlippedBytesAnywhereGiveAStatusAndNoCrash) {
+  Fill();
+  std::string const content = ReadFile(File());
+  std::mt19937 random(4242);
+  int refused = 0;
+  for (int round = 0; round < 60; ++round) {
+    std::string broken = content;
+    std::size_t const at = 8192 + random() % (content.size() - 8192);
+    for (std::size_t i = at; i < std::min(at + 8, broken.size()); ++i)
+      broken[i] = static_cast<char>(random());
+    WriteFile(File(), broken);
+    try {
+      ReadEverything(directory_.path(), index_, rows_);
+    } catch (Unexpected const& failure) {
+      EXPECT_STRNE(lscoredb_status_text(failure.status()), "");
+      ++refused;
+    }
+  }
+  EXPECT_GT(refused, 0);
+}
+
+}  // namespace
+}  // namespace lscoredb_test
