@@ -1,0 +1,188 @@
+// From names to handles.
+
+#include "crud/crud_test.h"
+
+namespace sagleme_test {
+namespace {
+
+class NamesTest : public CrudTest {
+ protected:
+  void SetUp() override {
+    CrudTest::SetUp();
+    CreateTable(u"Shop.Article", Columns().String(u"Title").Long(u"Price"));
+    CreateTable(u"Shop.Book", Columns().Long(u"Pages"), u"Shop.Article");
+  }
+};
+
+TEST_F(NamesTest, GetTypeId_FirstUserTable_Is26) {
+  EXPECT_EQ(26u, TypeId(u"Shop.Article"));
+  EXPECT_EQ(27u, TypeId(u"Shop.Book"));
+}
+
+TEST_F(NamesTest, GetTypeId_SystemTable_IsItsOwn) {
+  EXPECT_EQ(4u, TypeId(u"Lorvenstack.Metadata.RawView"));
+}
+
+TEST_F(NamesTest, GetTypeId_UnknownTable_NamesIt) {
+  uint64_t type_id = 77;
+  ExpectRefused(15003, u"Type Shop.Nothing not found.",
+                lorv_crud_GetTypeId(context(), u"Shop.Nothing", &type_id));
+  EXPECT_EQ(77u, type_id);
+}
+
+TEST_F(NamesTest, GetTypeId_NullName_IsUnknown) {
+  uint64_t type_id = 77;
+  ExpectRefused(15003, u"Type  not found.", lorv_crud_GetTypeId(context(), nullptr, &type_id));
+}
+
+TEST_F(NamesTest, GetTypeId_EmptyName_IsUnknown) {
+  uint64_t type_id = 77;
+  ExpectRefused(15003, u"Type  not found.", lorv_crud_GetTypeId(context(), u"", &type_id));
+}
+
+TEST_F(NamesTest, GetTypeId_ShortOrOtherCaseName_IsUnknown) {
+  uint64_t type_id = 77;
+  ExpectRefused(15003, u"Type Article not found.",
+                lorv_crud_GetTypeId(context(), u"Article", &type_id));
+  ExpectRefused(15003, u"Type shop.article not found.",
+                lorv_crud_GetTypeId(context(), u"shop.article", &type_id));
+}
+
+TEST_F(NamesTest, GetTypeId_TableWithoutTypeId_EndsTheProcess) {
+  metalayer::DeleteRow(metalayer::TypeIdsMeta::ByTypeIdsMeta_Type(ViewOf(u"Shop.Article")));
+  uint64_t type_id = 0;
+  EXPECT_EXIT(lorv_crud_GetTypeId(context(), u"Shop.Article", &type_id),
+              ::testing::KilledBySignal(SIGABRT), "");
+}
+
+TEST_F(NamesTest, CreateHandle_UnknownTable_NamesIt) {
+  CreateInfo* handle = nullptr;
+  ExpectRefused(15003, u"Type Shop.Nothing not found.",
+                lorv_crud_GetCreateHandle(context(), u"Shop.Nothing", &handle));
+  ExpectRefused(15003, u"Type Shop.Nothing not found.",
+                lorv_crud_GetCreateHandleOrSystem(context(), u"Shop.Nothing", true, &handle));
+  EXPECT_EQ(nullptr, handle);
+}
+
+TEST_F(NamesTest, CreateHandle_AskedTwice_IsTheSame) {
+  EXPECT_EQ(Creator(u"Shop.Article"), Creator(u"Shop.Article"));
+  EXPECT_NE(Creator(u"Shop.Article"), Creator(u"Shop.Book"));
+}
+
+TEST_F(NamesTest, CreateHandleOrSystem_NotSystem_IsTheCreateHandle) {
+  EXPECT_EQ(Creator(u"Shop.Article"), CreatorOrSystem(u"Shop.Article", false));
+}
+
+TEST_F(NamesTest, CreateHandleOrSystem_SystemWithWarmSlot_IsAHandleOfItsOwn) {
+  CreateInfo* const plain = Creator(kSystemTable);
+  CreateInfo* const system = CreatorOrSystem(kSystemTable, true);
+  EXPECT_NE(nullptr, system);
+  EXPECT_NE(plain, system);
+  EXPECT_EQ(system, CreatorOrSystem(kSystemTable, true));
+}
+
+TEST_F(NamesTest, CreateHandleOrSystem_SystemWithColdSlot_EndsTheProcess) {
+  CreateInfo* handle = nullptr;
+  EXPECT_EXIT(lorv_crud_GetCreateHandleOrSystem(context(), kSystemTable, true, &handle),
+              ::testing::KilledBySignal(SIGABRT), "");
+}
+
+TEST_F(NamesTest, CreateHandle_TableWithoutSetSpecifier_EndsTheProcess) {
+  metalayer::DeleteRow(metalayer::SetSpecifier::ByType(ViewOf(u"Shop.Article")));
+  CreateInfo* handle = nullptr;
+  EXPECT_EXIT(lorv_crud_GetCreateHandle(context(), u"Shop.Article", &handle),
+              ::testing::KilledBySignal(SIGABRT), "");
+}
+
+// The failure is no status, so it passes through the call; the key stays behind without a record.
+TEST_F(NamesTest, CreateHandle_SetSpecifierWithoutText_ThrowsAndLaterGivesNull) {
+  metalayer::SetSpecifier const row = metalayer::SetSpecifier::ByType(ViewOf(u"Shop.Article"));
+  metalayer::PutText(row, metalayer::SetSpecifier::kTypeId, nullptr);
+  CreateInfo* handle = nullptr;
+  EXPECT_THROW(lorv_crud_GetCreateHandle(context(), u"Shop.Article", &handle), std::logic_error);
+  EXPECT_EQ(context(), *metalayer::TlsMetalayerContext::Current());
+  handle = reinterpret_cast<CreateInfo*>(this);
+  ExpectOk(lorv_crud_GetCreateHandle(context(), u"Shop.Article", &handle));
+  EXPECT_EQ(nullptr, handle);
+}
+
+TEST_F(NamesTest, DeleteHandle_KnownTable_IsOne) {
+  uint64_t handle = 0;
+  ExpectOk(lorv_crud_GetDeleteHandle(context(), u"Shop.Article", &handle));
+  EXPECT_EQ(1u, handle);
+  handle = 0;
+  ExpectOk(lorv_crud_GetDeleteHandle(context(), kSystemTable, &handle));
+  EXPECT_EQ(1u, handle);
+}
+
+TEST_F(NamesTest, DeleteHandle_UnknownTable_NamesIt) {
+  uint64_t handle = 77;
+  ExpectRefused(15003, u"Type Shop.Nothing not found.",
+                lorv_crud_GetDeleteHandle(context(), u"Shop.Nothing", &handle));
+  EXPECT_EQ(77u, handle);
+}
+
+TEST_F(NamesTest, PropertyHandle_AskedTwice_IsTheSame) {
+  EXPECT_EQ(Property(u"Shop.Article", u"Price"), Property(u"Shop.Article", u"Price"));
+  EXPECT_NE(Property(u"Shop.Article", u"Price"), Property(u"Shop.Article", u"Title"));
+}
+
+TEST_F(NamesTest, PropertyHandle_InheritedColumn_IsAnotherThanTheBases) {
+  EXPECT_NE(Property(u"Shop.Article", u"Price"), Property(u"Shop.Book", u"Price"));
+}
+
+TEST_F(NamesTest, PropertyHandle_UnknownProperty_NamesItAndTheClass) {
+  PropertyAccessInfo* handle = nullptr;
+  ExpectRefused(1001, u"Property Weight isn't found in class Shop.Article.",
+                lorv_crud_GetPropertyHandle(context(), u"Shop.Article", u"Weight", &handle));
+  EXPECT_EQ(nullptr, handle);
+}
+
+TEST_F(NamesTest, PropertyHandle_NullProperty_IsUnknown) {
+  PropertyAccessInfo* handle = nullptr;
+  ExpectRefused(1001, u"Property  isn't found in class Shop.Article.",
+                lorv_crud_GetPropertyHandle(context(), u"Shop.Article", nullptr, &handle));
+}
+
+TEST_F(NamesTest, PropertyHandle_UnknownTable_NamesTheTable) {
+  PropertyAccessInfo* handle = nullptr;
+  ExpectRefused(15003, u"Type Shop.Nothing not found.",
+                lorv_crud_GetPropertyHandle(context(), u"Shop.Nothing", u"Price", &handle));
+}
+
+TEST_F(NamesTest, PropertyHandle_ColumnOfDescendantOnly_IsUnknownInTheBase) {
+  PropertyAccessInfo* handle = nullptr;
+  ExpectRefused(1001, u"Property Pages isn't found in class Shop.Article.",
+                lorv_crud_GetPropertyHandle(context(), u"Shop.Article", u"Pages", &handle));
+}
+
+TEST_F(NamesTest, FailureThenSuccess_LeavesTheTextUntilTheNextFailure) {
+  uint64_t type_id = 0;
+  ExpectRefused(15003, u"Type First not found.",
+                lorv_crud_GetTypeId(context(), u"First", &type_id));
+  EXPECT_EQ(26u, TypeId(u"Shop.Article"));
+  EXPECT_EQ("Type First not found.", Utf8(LastText(context())));
+  ExpectRefused(15003, u"Type Second not found.",
+                lorv_crud_GetTypeId(context(), u"Second", &type_id));
+}
+
+TEST_F(NamesTest, ExportedFunctions_WorkInTheThreadsContext) {
+  EXPECT_EQ(ViewOf(u"Shop.Book").oid, metalayer::crud::RawViewByCrudName(u"Shop.Book").oid);
+  EXPECT_EQ(27u, metalayer::crud::GetTypeId(u"Shop.Book"));
+  auto const [column, view] = metalayer::crud::GetPropertyViewAndColumn(u"Shop.Book", u"Price");
+  EXPECT_EQ(ViewOf(u"Shop.Book").oid, view.oid);
+  EXPECT_EQ(metalayer::Member::ByMemberPK(view, u"Price").oid, column.oid);
+  EXPECT_EQ(4, metalayer::GetLong(column, metalayer::RawColumn::kColumnIndex));
+}
+
+TEST_F(NamesTest, ExportedFunction_Failure_IsThrown) {
+  try {
+    metalayer::crud::GetTypeId(u"Shop.Nothing");
+    FAIL() << "nothing was thrown";
+  } catch (db_util::db_exception const& failure) {
+    EXPECT_EQ(15003u, failure.code());
+  }
+}
+
+}  // namespace
+}  // namespace sagleme_test
