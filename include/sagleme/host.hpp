@@ -1,0 +1,37 @@
+#ifndef SAGLEME_HOST_HPP
+#define SAGLEME_HOST_HPP
+
+// The library for hosts written in C++: header-only, over the C interface and the exported C++.
+//
+//   sagleme::Database database = sagleme::Database::Open("packages");
+//   sagleme::Context context(database);
+//   sagleme::Transaction transaction(context);
+//   sagleme::TablePtr package = transaction.table(u"App.Package");
+//   sagleme::Property<std::u16string> name(*package, u"Name");
+//   for (sagleme::Object& each : sagleme::Range::Subtree(transaction, *package)) {
+//     std::cout << sagleme::ToUtf8(name.GetOr(each, u"?")) << "\n";
+//   }
+//
+// Rules
+//
+//  1. A process has one database open, and many contexts in it; a context has one transaction at a
+//     time, and is used by one thread at a time.
+//  2. Tables, columns and indexes are values as the transaction found them. Objects and ranges
+//  belong
+//     to their transaction and end with it. Views of texts end with the innermost read scope.
+//  3. Every failure is a sagleme::Error with the status and the text; nothing is changed by a call
+//  that
+//     fails, but for schema changes, whose transaction is then to be rolled back.
+//  4. Texts are UTF-16 inside; ToUtf8 and ToUtf16 convert.
+
+#include <sagleme/host/database.hpp>
+#include <sagleme/host/errors.hpp>
+#include <sagleme/host/object.hpp>
+#include <sagleme/host/range.hpp>
+#include <sagleme/host/schema.hpp>
+#include <sagleme/host/table.hpp>
+#include <sagleme/host/text.hpp>
+#include <sagleme/host/transaction.hpp>
+#include <sagleme/host/value.hpp>
+
+#endif

@@ -1,0 +1,223 @@
+#ifndef SAGLEME_HOST_DATABASE_HPP
+#define SAGLEME_HOST_DATABASE_HPP
+
+// Owners of a database, of contexts in it, and of the kernel's transactions.
+//
+// A process opens one database: what the metadata layer learns of it is kept for the life of the
+// process. Close order follows scope: a Context ends before its Database. Any thread may use any
+// Context, one at a time.
+
+#include <filesystem>
+#include <functional>
+#include <sagleme/host/errors.hpp>
+#include <string>
+
+namespace sagleme {
+
+struct Options {
+  bool no_sync = false;             // commits survive the process, not the machine
+  std::uint64_t max_file_size = 0;  // bytes; 0: the kernel's own
+};
+
+// Told after each step of the bootstrap; steps count from 1.
+using Progress = std::function<void(int step)>;
+
+class Context;
+
+class Database {
+ public:
+  // Makes a new database in `directory`, which may exist when it is empty, or hold the beginnings
+  // of a creation that was cut off. LSCOREDB_CANNOT_OPEN when it holds a database.
+  static Database Create(std::string const& directory, Progress const& progress = {},
+                         Options const& options = {});
+  // Opens an existing one; nothing is created when there is none, which is LSCOREDB_NOT_A_DATABASE.
+  static Database Open(std::string const& directory, Options const& options = {});
+  // A new one in memory, gone with the object.
+  static Database InMemory(Progress const& progress = {}, Options const& options = {});
+
+  Database(Database&& other) noexcept : handle_(std::exchange(other.handle_, nullptr)) {}
+  Database& operator=(Database&&) = delete;
+  Database(Database const&) = delete;
+  ~Database() {
+    if (handle_ != nullptr) lscoredb_close(handle_);
+  }
+
+  lscoredb* handle() const { return handle_; }
+
+  // Whether a directory holds a data file of the kernel.
+  static bool ExistsIn(std::string const& directory) {
+    return std::filesystem::exists(std::filesystem::path(directory) / "data.mdb");
+  }
+
+ private:
+  explicit Database(lscoredb* handle) : handle_(handle) {}
+
+  static Database OpenKernel(char const* directory, Options const& options);
+  void Bootstrap(Progress const& progress);
+  bool IsWhole();
+
+  lscoredb* handle_;
+};
+
+class Context {
+ public:
+  explicit Context(Database const& database) {
+    detail::CheckKernel(lscoredb_context_open(database.handle(), &id_));
+  }
+  ~Context() { lscoredb_context_close(id_); }  // rolls back what is open
+  Context(Context const&) = delete;
+  Context& operator=(Context const&) = delete;
+
+  std::uint64_t id() const { return id_; }
+
+ private:
+  std::uint64_t id_ = 0;
+};
+
+enum class Access : std::uint32_t {
+  kReadWrite = LSCOREDB_READ_WRITE,
+  kReadOnly = LSCOREDB_READ_ONLY_TRANSACTION,
+};
+
+// A kernel transaction without the view of the schema that Transaction adds. Rolls back unless
+// committed.
+class RawTransaction {
+ public:
+  explicit RawTransaction(Context const& context, Access access = Access::kReadWrite)
+      : context_(context.id()) {
+    detail::CheckKernel(lscoredb_begin(context_, static_cast<std::uint32_t>(access)));
+    open_ = true;
+  }
+  ~RawTransaction() {
+    if (open_) lscoredb_rollback(context_);
+  }
+  RawTransaction(RawTransaction const&) = delete;
+  RawTransaction& operator=(RawTransaction const&) = delete;
+
+  // Over afterwards, whether it was kept or refused.
+  void Commit() {
+    open_ = false;
+    detail::CheckKernel(lscoredb_commit(context_));
+  }
+  void Rollback() {
+    open_ = false;
+    detail::CheckKernel(lscoredb_rollback(context_));
+  }
+  bool open() const { return open_; }
+  std::uint64_t context() const { return context_; }
+
+ private:
+  std::uint64_t context_;
+  bool open_ = false;
+};
+
+// Bounds the memory of the texts and binaries read while it lives. Scopes nest.
+class ReadScope {
+ public:
+  explicit ReadScope(std::uint64_t context) : context_(context) {
+    detail::CheckKernel(lscoredb_read_scope_begin(context_));
+  }
+  ~ReadScope() { lscoredb_read_scope_end(context_); }
+  ReadScope(ReadScope const&) = delete;
+  ReadScope& operator=(ReadScope const&) = delete;
+
+ private:
+  std::uint64_t context_;
+};
+
+// ---- bodies
+// ----------------------------------------------------------------------------------------
+
+namespace detail {
+
+// The status of a catalogue that is only partly there.
+inline constexpr std::uint32_t kPartialCatalogue = 7043;
+
+// Owner of a continuation between two steps.
+class Continuation {
+ public:
+  ~Continuation() { free_continuation_handle(handle_); }
+  Continuation() = default;
+  Continuation(Continuation const&) = delete;
+  Continuation& operator=(Continuation const&) = delete;
+
+  // One step in a transaction of its own, which is kept when the step succeeds. True: more to do.
+  bool Step(Context const& context) {
+    RawTransaction transaction(context);
+    continuation_context* next = nullptr;
+    bool more = false;
+    auto const status = handle_ == nullptr ? lorv_prepare_system_tables(context.id(), &next, &more)
+                                           : run_continuation(handle_, &next, &more);
+    free_continuation_handle(std::exchange(handle_, next));
+    CheckLayer(context.id(), status);
+    transaction.Commit();
+    return more;
+  }
+
+ private:
+  continuation_context* handle_ = nullptr;
+};
+
+}  // namespace detail
+
+inline Database Database::OpenKernel(char const* directory, Options const& options) {
+  lscoredb_options kernel_options{};
+  kernel_options.size = sizeof kernel_options;
+  kernel_options.durability = options.no_sync ? LSCOREDB_NO_SYNC : LSCOREDB_DURABLE;
+  kernel_options.max_file_size = options.max_file_size;
+  lscoredb* handle = nullptr;
+  detail::CheckKernel(lscoredb_open(directory, &kernel_options, &handle));
+  return Database(handle);
+}
+
+inline void Database::Bootstrap(Progress const& progress) {
+  detail::Enter const restore(0);  // a suspended step leaves its context in the thread
+  Context const context(*this);
+  detail::Continuation steps;
+  for (int step = 1; steps.Step(context); ++step) {
+    if (progress) progress(step);
+  }
+}
+
+// Whether the layer can start on what the directory holds; false for a catalogue in the making.
+inline bool Database::IsWhole() {
+  Context const context(*this);
+  RawTransaction const transaction(context, Access::kReadOnly);
+  auto const status = lorv_init_metalayer(context.id());
+  if (status == detail::kPartialCatalogue) return false;
+  detail::CheckLayer(context.id(), status);
+  return true;
+}
+
+inline Database Database::Create(std::string const& directory, Progress const& progress,
+                                 Options const& options) {
+  bool const begun = ExistsIn(directory);
+  Database database = OpenKernel(directory.c_str(), options);
+  if (begun && database.IsWhole()) {
+    throw Error(LSCOREDB_CANNOT_OPEN, directory + " already holds a database.");
+  }
+  database.Bootstrap(progress);
+  return database;
+}
+
+inline Database Database::Open(std::string const& directory, Options const& options) {
+  if (!ExistsIn(directory)) {
+    throw Error(LSCOREDB_NOT_A_DATABASE, "There is no database in " + directory + ".");
+  }
+  Database database = OpenKernel(directory.c_str(), options);
+  if (!database.IsWhole()) {
+    throw Error(detail::kPartialCatalogue,
+                "The creation of the database in " + directory + " was cut off. Create it again.");
+  }
+  return database;
+}
+
+inline Database Database::InMemory(Progress const& progress, Options const& options) {
+  Database database = OpenKernel(nullptr, options);
+  database.Bootstrap(progress);
+  return database;
+}
+
+}  // namespace sagleme
+
+#endif

@@ -1,0 +1,163 @@
+#ifndef SAGLEME_HOST_OBJECT_HPP
+#define SAGLEME_HOST_OBJECT_HPP
+
+// Objects, their properties, and ranges of them.
+//
+// An Object is two words and the transaction it belongs to; it owns nothing and is valid until the
+// transaction ends. Ranges give what they held when they were opened, less what was deleted
+// meanwhile.
+
+#include <iterator>
+#include <memory>
+#include <optional>
+#include <sagleme/host/transaction.hpp>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace sagleme {
+
+class Object {
+ public:
+  Object(Transaction& transaction, LS_OBJ_REF reference)
+      : transaction_(&transaction), reference_(reference) {}
+
+  // Makes an object of exactly that table, its columns null or zero.
+  static Object Create(Transaction& transaction, Table const& table);
+  // The same with an identity that was never in use.
+  static Object CreateWithId(Transaction& transaction, Table const& table, ObjectId id);
+  // Nothing when there is no such object.
+  static std::optional<Object> Find(Transaction& transaction, ObjectId id);
+
+  ObjectId id() const { return {reference_.oid}; }
+  LS_OBJ_REF reference() const { return reference_; }
+  std::uint16_t layout() const { return metalayer::LayoutOf(reference_); }
+  Transaction& transaction() const { return *transaction_; }
+  std::u16string setspec() const;
+  // Null when the object's table was dropped.
+  TablePtr table() const { return transaction_->BySetspec(setspec()); }
+
+  // A column of the object's table or of an ancestor of it; `table` says whose `column` is.
+  Value Get(Table const& table, Column const& column) const {
+    return detail::GetValue(At(table, column), column.type);
+  }
+  Value Get(std::u16string_view column) const;
+  // Null sets a column that cannot be null to zero.
+  void Set(Table const& table, Column const& column, Value const& value) {
+    detail::PutValue(At(table, column), column.type, value);
+  }
+  void Set(std::u16string_view column, Value const& value);
+  void Delete() {
+    detail::CheckKernel(
+        lorv_context_delete(transaction_->context(), reference_.oid, reference_.addr));
+  }
+
+ private:
+  detail::Place At(Table const& table, Column const& column) const {
+    std::uint64_t const position = reference_.addr & ~std::uint64_t{0xFFFF};
+    return {transaction_->context(), reference_.oid, position | table.layout, column.ordinal};
+  }
+  TablePtr LiveTable() const;
+
+  Transaction* transaction_;
+  LS_OBJ_REF reference_;
+};
+
+// A typed property: one column of a table, for objects of the table and of its descendants. T is
+// bool, int64_t, uint64_t, Decimal, float, double, std::u16string, std::u16string_view (a view that
+// ends with the transaction or the read scope), Bytes or ObjectId, and has to fit the column's
+// type: LSCOREDB_WRONG_TYPE otherwise. Valid as long as the table's shape.
+template <typename T>
+class Property {
+ public:
+  Property(Table const& table, std::u16string_view name)
+      : layout_(table.layout), column_(table.GetColumn(name).ordinal) {
+    if (!detail::TypeOf<T>::Fits(table.GetColumn(name).type)) {
+      detail::CheckKernel(LSCOREDB_WRONG_TYPE);
+    }
+  }
+  Property(Table const& table, std::string_view name) : Property(table, ToUtf16(name)) {}
+
+  // Nothing for null.
+  std::optional<T> Get(Object const& object) const {
+    T value{};
+    auto const status = detail::Get(At(object), value);
+    if (status == LORV_STATUS_NULL) return std::nullopt;
+    detail::CheckKernel(status);
+    return value;
+  }
+  T GetOr(Object const& object, T fallback) const {
+    return Get(object).value_or(std::move(fallback));
+  }
+  void Set(Object const& object, T const& value) const {
+    detail::CheckKernel(detail::Put(At(object), value));
+  }
+  void Clear(Object const& object) const { detail::CheckKernel(detail::Put(At(object), Null{})); }
+
+ private:
+  detail::Place At(Object const& object) const {
+    LS_OBJ_REF const reference = object.reference();
+    std::uint64_t const position = reference.addr & ~std::uint64_t{0xFFFF};
+    return {object.transaction().context(), reference.oid, position | layout_, column_};
+  }
+
+  std::uint16_t layout_;
+  std::uint16_t column_;
+};
+
+// ---- bodies
+// ----------------------------------------------------------------------------------------
+
+inline Object Object::CreateWithId(Transaction& transaction, Table const& table, ObjectId id) {
+  std::uint64_t oid = id.value;
+  if (oid == 0) {
+    detail::CheckKernel(lorv_context_insert(transaction.context(), table.layout, &oid));
+  } else {
+    detail::CheckKernel(lorvi_context_insert_with_id(transaction.context(), table.layout, oid));
+  }
+  detail::CheckKernel(
+      lorv_context_put_setspec(transaction.context(), oid, table.layout, table.setspec.c_str()));
+  return {transaction, LS_OBJ_REF{oid, table.layout}};
+}
+
+inline Object Object::Create(Transaction& transaction, Table const& table) {
+  return CreateWithId(transaction, table, ObjectId{});
+}
+
+inline std::optional<Object> Object::Find(Transaction& transaction, ObjectId id) {
+  LS_OBJ_REF reference{id.value, 0};
+  if (id.value == 0) return std::nullopt;
+  auto const status = lorv_context_lookup(transaction.context(), reference.oid, &reference.addr);
+  if (status == LORV_STATUS_NO_OBJECT || status == LORV_STATUS_UNREACHABLE) return std::nullopt;
+  detail::CheckKernel(status);
+  return Object(transaction, reference);
+}
+
+inline std::u16string Object::setspec() const {
+  LORV_STRING* record = nullptr;
+  auto const status =
+      lorv_context_get_setspec(transaction_->context(), reference_.oid, reference_.addr, &record);
+  if (status == LORV_STATUS_NULL) return {};
+  detail::CheckKernel(status);
+  return {record->units, record->length};
+}
+
+inline TablePtr Object::LiveTable() const {
+  if (TablePtr found = table()) return found;
+  throw Error(15003, "The table of object " + std::to_string(reference_.oid) + " was dropped.");
+}
+
+inline Value Object::Get(std::u16string_view column) const {
+  TablePtr const own = LiveTable();
+  return Get(*own, own->GetColumn(column));
+}
+
+inline void Object::Set(std::u16string_view column, Value const& value) {
+  TablePtr const own = LiveTable();
+  Set(*own, own->GetColumn(column), value);
+}
+
+}  // namespace sagleme
+
+#endif

@@ -1,0 +1,156 @@
+#ifndef SAGLEME_HOST_SCHEMA_HPP
+#define SAGLEME_HOST_SCHEMA_HPP
+
+// Changes of the schema, in the transaction given and kept or undone with it.
+//
+// All names are full names. A failure half way leaves what was done so far to the transaction,
+// which is then to be rolled back. Objects are never touched: what moves or goes is asked for in
+// the catalogue and done later by <sagleme/vacuum.hpp>.
+
+#include <sagleme/host/transaction.hpp>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace sagleme {
+
+struct ColumnSpec {
+  std::u16string name;
+  Type type = Type::kString;
+  bool nullable = true;
+  std::u16string target = {};  // of a reference: the full name of its table
+};
+
+struct IndexColumnSpec {
+  std::u16string name;
+  bool ascending = true;
+};
+
+enum class Uniqueness : bool { kAny, kUnique };
+
+namespace detail {
+
+// The array forms of the C interface, valid as long as the object and the specs it was made of.
+class ColumnArray {
+ public:
+  explicit ColumnArray(std::span<ColumnSpec const> specs) {
+    for (ColumnSpec const& spec : specs) {
+      LORV_COLUMN_DEFINITION_NAMES entry{};
+      entry.logical_type = static_cast<std::uint8_t>(spec.type);
+      entry.type_name = spec.type == Type::kReference ? spec.target.c_str() : nullptr;
+      entry.is_nullable = spec.nullable ? 1 : 0;
+      entry.name = spec.name.c_str();
+      entries_.push_back(entry);
+    }
+    entries_.push_back({});
+  }
+  LORV_COLUMN_DEFINITION_NAMES const* data() const { return entries_.data(); }
+
+ private:
+  std::vector<LORV_COLUMN_DEFINITION_NAMES> entries_;
+};
+
+// Runs one change and forgets the schema as it was, also when the change failed half way.
+template <typename Change>
+void ChangeSchema(Transaction& transaction, Change&& change) {
+  auto const status = change(transaction.context());
+  transaction.Forget();
+  CheckLayer(transaction.context(), status);
+}
+
+}  // namespace detail
+
+// An empty base is the root of all tables. A table that exists with just this definition is left
+// alone. Targets of references may come later in the same transaction: FinishReferences ends that.
+inline TablePtr CreateTable(Transaction& transaction, std::u16string const& name,
+                            std::u16string const& base, std::span<ColumnSpec const> columns) {
+  detail::ColumnArray const array(columns);
+  detail::ChangeSchema(transaction, [&](std::uint64_t context) {
+    std::uint16_t layout = 0;
+    return lorv_create_table_by_names(context, name.c_str(), base.empty() ? nullptr : base.c_str(),
+                                      array.data(), &layout);
+  });
+  return transaction.table(name);
+}
+
+// Gives reference columns whose targets came later their type; 15002 when one is still missing.
+inline void FinishReferences(Transaction& transaction) {
+  detail::ChangeSchema(transaction, lorv_update_reference_columns_types);
+}
+
+inline void AddColumns(Transaction& transaction, std::u16string const& table,
+                       std::span<ColumnSpec const> columns) {
+  detail::ColumnArray const array(columns);
+  detail::ChangeSchema(transaction, [&](std::uint64_t context) {
+    return lorv_alter_table_add_columns(context, table.c_str(), array.data(), nullptr);
+  });
+}
+
+inline void DropColumn(Transaction& transaction, std::u16string const& table,
+                       std::u16string const& column) {
+  detail::ChangeSchema(transaction, [&](std::uint64_t context) {
+    return lorv_alter_table_drop_column_by_names(context, table.c_str(), column.c_str(), nullptr);
+  });
+}
+
+inline void RenameColumn(Transaction& transaction, std::u16string const& table,
+                         std::u16string const& column, std::u16string const& new_name) {
+  detail::ChangeSchema(transaction, [&](std::uint64_t context) {
+    return lorv_alter_table_rename_column(context, table.c_str(), column.c_str(), new_name.c_str());
+  });
+}
+
+inline void RenameTable(Transaction& transaction, std::u16string const& table,
+                        std::u16string const& new_name) {
+  detail::ChangeSchema(transaction, [&](std::uint64_t context) {
+    return lorv_rename_table(context, table.c_str(), new_name.c_str());
+  });
+}
+
+struct DropOptions {
+  bool children = false;  // all descendants go too
+  bool force = false;     // references to the tables do not hold them
+};
+
+// Several tables that may refer to one another go together.
+inline void DropTables(Transaction& transaction, std::span<std::u16string const> names,
+                       DropOptions options = {}) {
+  std::vector<char16_t const*> array;
+  for (std::u16string const& name : names) array.push_back(name.c_str());
+  array.push_back(nullptr);
+  detail::ChangeSchema(transaction, [&](std::uint64_t context) {
+    return lorv_drop_tables_by_names(context, array.data(), options.children, options.force);
+  });
+}
+
+inline void DropTable(Transaction& transaction, std::u16string const& name,
+                      DropOptions options = {}) {
+  detail::ChangeSchema(transaction, [&](std::uint64_t context) {
+    return lorv_drop_table_by_name(context, name.c_str(), options.children, options.force);
+  });
+}
+
+inline void CreateIndex(Transaction& transaction, std::u16string const& name,
+                        std::u16string const& table, std::span<IndexColumnSpec const> columns,
+                        Uniqueness uniqueness = Uniqueness::kAny) {
+  std::vector<LORV_INDEXED_COLUMN> array;
+  for (IndexColumnSpec const& column : columns) {
+    array.push_back({column.name.c_str(), static_cast<std::uint8_t>(column.ascending ? 1 : 0)});
+  }
+  array.push_back({});
+  detail::ChangeSchema(transaction, [&](std::uint64_t context) {
+    return lorv_create_index_by_names(context, name.c_str(), table.c_str(), array.data(),
+                                      uniqueness == Uniqueness::kUnique);
+  });
+}
+
+inline void DropIndex(Transaction& transaction, std::u16string const& name) {
+  detail::ChangeSchema(transaction, [&](std::uint64_t context) {
+    return lorv_drop_index_by_name(context, name.c_str());
+  });
+}
+
+}  // namespace sagleme
+
+#endif

@@ -1,0 +1,162 @@
+#ifndef SAGLEME_HOST_TRANSACTION_HPP
+#define SAGLEME_HOST_TRANSACTION_HPP
+
+// A transaction with its view of the schema.
+//
+// Tables are read from the catalogue when they are first asked for and kept until the transaction
+// ends, or until Forget. The schema functions of <sagleme/host/schema.hpp> forget by themselves.
+
+#include <functional>
+#include <map>
+#include <sagleme/host/table.hpp>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace sagleme {
+
+class Transaction : public RawTransaction {
+ public:
+  using RawTransaction::RawTransaction;
+
+  // By the full name; null when there is none.
+  TablePtr Find(std::u16string_view full_name);
+  // By the full name; Error with 15003 when there is none.
+  TablePtr table(std::u16string_view full_name);
+  TablePtr table(std::string_view full_name) { return table(ToUtf16(full_name)); }
+  // By a name that may lack leading segments. 15003: no such table, 7039: several.
+  TablePtr Resolve(std::u16string_view name);
+  // By the catalogue's row; null when there is none.
+  TablePtr ById(ObjectId id);
+  // The table of all objects with that set specifier; null when it was dropped.
+  TablePtr BySetspec(std::u16string_view setspec);
+  // All tables, by full name; the library's own ones on request.
+  std::vector<TablePtr> Tables(bool system = false);
+  // The tables derived directly from one, by full name.
+  std::vector<TablePtr> Children(Table const& table, bool system = false);
+  // An index by its name, unique in the database; nothing when there is none.
+  std::optional<Index> FindIndex(std::u16string_view name);
+
+  // The counter of schema changes, as this transaction sees it.
+  std::uint64_t Generation();
+
+  // Drops what is kept of the schema. To be called after changes of it.
+  void Forget() {
+    by_id_.clear();
+    by_setspec_.clear();
+    by_name_.clear();
+  }
+
+ private:
+  // REQUIRES: the thread stands in this transaction's context.
+  TablePtr Keep(metalayer::RawView const& view);
+
+  std::map<std::uint64_t, TablePtr> by_id_;
+  std::map<std::u16string, TablePtr, std::less<>> by_setspec_;
+  std::map<std::u16string, TablePtr, std::less<>> by_name_;
+};
+
+// ---- bodies
+// ----------------------------------------------------------------------------------------
+
+inline TablePtr Transaction::Keep(metalayer::RawView const& view) {
+  if (view.is_null()) return nullptr;
+  TablePtr& kept = by_id_[view.oid];
+  if (kept != nullptr) return kept;
+  TablePtr const table = detail::LoadTable(view);
+  by_setspec_[table->setspec] = table;
+  by_name_[table->name] = table;
+  return kept = table;
+}
+
+inline TablePtr Transaction::Find(std::u16string_view full_name) {
+  auto const kept = by_name_.find(full_name);
+  if (kept != by_name_.end()) return kept->second;
+  return detail::Inside(context(), [&] {
+    std::u16string const name(full_name);
+    return Keep(metalayer::RawView::ByRawViewPK2fullname(name.c_str()));
+  });
+}
+
+inline TablePtr Transaction::table(std::u16string_view full_name) {
+  if (TablePtr const found = Find(full_name)) return found;
+  throw Error(15003, "Table " + ToUtf8(full_name) + " not found.");
+}
+
+inline TablePtr Transaction::Resolve(std::u16string_view name) {
+  if (TablePtr const exact = Find(name)) return exact;
+  return detail::Inside(context(), [&] {
+    std::u16string const text(name);
+    return Keep(metalayer::DottedName2RawView(metalayer::DottedName::Split(text.c_str())));
+  });
+}
+
+inline TablePtr Transaction::ById(ObjectId id) {
+  auto const kept = by_id_.find(id.value);
+  if (kept != by_id_.end()) return kept->second;
+  return detail::Inside(context(), [&]() -> TablePtr {
+    LS_OBJ_REF row{id.value, 0};
+    auto const status = lorv_context_lookup(context(), row.oid, &row.addr);
+    if (status == LORV_STATUS_NO_OBJECT || status == LORV_STATUS_UNREACHABLE) return nullptr;
+    metalayer::Check(status);
+    if (metalayer::LayoutOf(row) != metalayer::RawView::metaclass_layout_handle()) return nullptr;
+    return Keep(metalayer::RawView(row));
+  });
+}
+
+inline TablePtr Transaction::BySetspec(std::u16string_view setspec) {
+  auto const kept = by_setspec_.find(setspec);
+  if (kept != by_setspec_.end()) return kept->second;
+  ObjectId const id = detail::Inside(context(), [&] {
+    std::u16string const text(setspec);
+    auto const row = metalayer::SetSpecifier::ByTypeId_postV2_3(text.c_str());
+    if (row.is_null()) return ObjectId{};
+    return ObjectId{detail::CatalogueRef(row, metalayer::SetSpecifier::kType).oid};
+  });
+  return by_setspec_[std::u16string(setspec)] = id.value == 0 ? nullptr : ById(id);
+}
+
+inline std::vector<TablePtr> Transaction::Tables(bool system) {
+  return detail::Inside(context(), [&] {
+    std::vector<TablePtr> tables;
+    db_util::db_iter_with_keys rows;
+    metalayer::Key(rows.first_key).Null();
+    metalayer::Key(rows.last_key).TextUpperBound(u"");
+    rows.open(metalayer::RawView::index_id_RawViewPK2fullname(), metalayer::kForward);
+    while (rows.next()) {
+      TablePtr table = Keep(metalayer::RawView(rows.current));
+      if (system || !table->system) tables.push_back(std::move(table));
+    }
+    return tables;
+  });
+}
+
+inline std::vector<TablePtr> Transaction::Children(Table const& table, bool system) {
+  return detail::Inside(context(), [&] {
+    std::vector<TablePtr> children;
+    metalayer::ddl::EnumChildren(table.row, [&](metalayer::RawView const& row) {
+      TablePtr child = Keep(row);
+      if (system || !child->system) children.push_back(std::move(child));
+    });
+    std::sort(children.begin(), children.end(),
+              [](TablePtr const& a, TablePtr const& b) { return a->name < b->name; });
+    return children;
+  });
+}
+
+inline std::optional<Index> Transaction::FindIndex(std::u16string_view name) {
+  return detail::Inside(context(), [&]() -> std::optional<Index> {
+    std::u16string const text(name);
+    auto const row = metalayer::Index::ByIndexPK(text.c_str());
+    if (row.is_null()) return std::nullopt;
+    return detail::LoadIndex(row);
+  });
+}
+
+inline std::uint64_t Transaction::Generation() {
+  return detail::Inside(context(), [] { return lorv_get_metaschema_generation(); });
+}
+
+}  // namespace sagleme
+
+#endif
