@@ -18,8 +18,8 @@ std::u16string_view View(char16_t const* text) {
 }
 
 std::uint64_t SizeNeeded(std::u16string_view text, bool upper) {
-  std::uint64_t size = sizeof kHeader + (upper ? sizeof lscoredb::kTextUpperBound : 0);
-  for (char16_t const unit : text) size += lscoredb::UnitBytes(unit);
+  std::uint64_t size = sizeof kHeader + (upper ? sizeof lscore::kTextUpperBound : 0);
+  for (char16_t const unit : text) size += lscore::UnitBytes(unit);
   return size;
 }
 
@@ -29,8 +29,8 @@ std::uint32_t Convert(std::u16string_view text, bool upper, std::uint8_t* to, st
     return std::numeric_limits<std::uint32_t>::max();
   if (needed <= size && to != nullptr) {
     *to++ = kHeader;
-    for (char16_t const unit : text) to = lscoredb::WriteUnit(unit, to);
-    if (upper) *to = lscoredb::kTextUpperBound;
+    for (char16_t const unit : text) to = lscore::WriteUnit(unit, to);
+    if (upper) *to = lscore::kTextUpperBound;
   }
   return static_cast<std::uint32_t>(needed);
 }

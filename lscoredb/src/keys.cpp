@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <bit>
 
-namespace lscoredb {
+namespace lscore {
 namespace {
 
 // First byte of a column in the kernel's form. Null is below every value.
@@ -242,4 +242,4 @@ std::size_t ReadOrderedId(std::string_view bytes, std::uint64_t* id) {
   return count + 1;
 }
 
-}  // namespace lscoredb
+}  // namespace lscore

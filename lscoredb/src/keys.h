@@ -15,7 +15,7 @@
 #include <string>
 #include <string_view>
 
-namespace lscoredb {
+namespace lscore {
 
 // One UTF-16 unit in the sort form of texts: one to three bytes, surrogates like any other unit, so
 // that byte order is unit order. No byte of it is ever kTextUpperBound, and only U+0000 has a zero
@@ -77,6 +77,6 @@ std::uint64_t OrderedBits(double value);
 void AppendOrderedId(KeyBytes& out, std::uint64_t id);
 std::size_t ReadOrderedId(std::string_view bytes, std::uint64_t* id);
 
-}  // namespace lscoredb
+}  // namespace lscore
 
 #endif

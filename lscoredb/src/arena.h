@@ -1,0 +1,52 @@
+#ifndef LSCOREDB_SRC_ARENA_H
+#define LSCOREDB_SRC_ARENA_H
+
+// Memory that is given back all at once, or down to a mark. It keeps its first chunk, so that small
+// transactions take nothing from the heap. One thread at a time.
+
+#include <cstddef>
+#include <memory>
+#include <memory_resource>
+#include <vector>
+
+namespace lscore {
+
+class Arena : public std::pmr::memory_resource {
+ public:
+  struct Mark {
+    std::size_t chunk = 0;
+    std::size_t used = 0;
+  };
+
+  // 16-byte aligned.
+  char* Allocate(std::size_t size);
+  Mark mark() const { return {chunks_.empty() ? 0 : chunks_.size() - 1, used_}; }
+  // Frees what was allocated since the mark.
+  void ReleaseTo(Mark mark);
+  void Release() { ReleaseTo({}); }
+
+ private:
+  static constexpr std::size_t kFirstChunk = 16 * 1024;
+  static constexpr std::size_t kLargestChunk = 1024 * 1024;
+  static constexpr std::size_t kAlignment = 16;
+
+  struct Chunk {
+    std::unique_ptr<char[]> bytes;
+    std::size_t size;
+  };
+
+  void AddChunk(std::size_t at_least);
+
+  void* do_allocate(std::size_t bytes, std::size_t) override { return Allocate(bytes); }
+  void do_deallocate(void*, std::size_t, std::size_t) override {}
+  bool do_is_equal(std::pmr::memory_resource const& other) const noexcept override {
+    return this == &other;
+  }
+
+  std::vector<Chunk> chunks_;
+  std::size_t used_ = 0;  // of the last chunk
+};
+
+}  // namespace lscore
+
+#endif

@@ -1,0 +1,242 @@
+#include "commit_work.h"
+
+#include "bytes.h"
+#include "format.h"
+#include "keys.h"
+
+namespace lscore {
+namespace {
+
+// Whether a commit has to do anything for the row.
+bool Matters(PendingRow const& row) { return row.changed && !(row.inserted() && row.deleted); }
+
+std::string PartKey(ObjectId id, std::uint32_t part) {
+  std::string key;
+  AppendBig(key, Raw(id));
+  AppendBig(key, part);
+  return key;
+}
+
+}  // namespace
+
+// ---- checks ------------------------------------------------------------------------------------
+
+void CommitWork::Validate() {
+  request_.changes.ForEachRow([this](PendingRow const& row) {
+    if (Matters(row)) ValidateRow(row);
+  });
+  ValidateLayouts();
+  ValidateIndexes();
+  late_ = IndexVersion(batch_) != request_.index_version;
+  if (late_) DeriveLateEntries();
+  for (auto const& entries : request_.changes.indexes()) {
+    if (IsLive(*entries)) CheckUnique(*entries);
+  }
+  for (auto const& [id, entries] : late_entries_) CheckUnique(*entries);
+}
+
+void CommitWork::ValidateRow(PendingRow const& row) {
+  if (row.inserted() && !row.given_id) return;
+  std::uint64_t const id = Raw(row.id);
+  std::string_view stored;
+  bool const there = batch_.Get(Tree::kRows, BytesOf(id), &stored);
+  if (there == row.inserted()) Throw(LSCOREDB_CONFLICT);
+  if (!there) return;
+  if (stored.size() < format::kHeaderSize) Throw(LSCOREDB_DAMAGED);
+  if (RowImage(stored.data()).commit() > request_.snapshot.id()) Throw(LSCOREDB_CONFLICT);
+}
+
+void CommitWork::ValidateLayouts() const {
+  for (auto const& layout : request_.changes.layouts()) {
+    std::string_view stored;
+    if (batch_.Get(Tree::kDefinitions, LayoutKey(layout->number()), &stored)) {
+      Throw(LSCOREDB_CONFLICT);
+    }
+  }
+}
+
+void CommitWork::ValidateIndexes() const {
+  for (IndexDefinition const* const index : request_.changes.dropped_indexes()) {
+    if (!HasIndex(batch_, index->id)) Throw(LSCOREDB_CONFLICT);
+  }
+  for (auto const& index : request_.changes.created_indexes()) {
+    if (SetChangedSince(batch_, index->setspec, request_.snapshot.id())) Throw(LSCOREDB_CONFLICT);
+  }
+}
+
+// An index that the transaction itself created is in no store yet, one that another dropped is in none
+// any more.
+bool CommitWork::IsLive(PendingIndex const& entries) const {
+  return !late_ || !entries.committed() || HasIndex(batch_, entries.index().id);
+}
+
+void CommitWork::DeriveLateEntries() {
+  now_ = std::make_unique<IndexCatalogue>(IndexVersion(batch_));
+  request_.changes.ForEachRow([this](PendingRow const& row) {
+    if (Matters(row)) DeriveLateEntries(row);
+  });
+}
+
+void CommitWork::DeriveLateEntries(PendingRow const& row) {
+  for (bool const before : {true, false}) {
+    if (before ? row.inserted() : row.deleted) continue;
+    Cell const setspec = before ? OriginalOf(row).Setspec() : row.setspec;
+    if (!setspec.present) continue;
+    Unpack(setspec.text(), text_);
+    for (IndexDefinition const* const index : now_->Covering(batch_, text_)) {
+      if (HasIndex(request_.snapshot, index->id)) continue;
+      DeriveLateEntry(*index, row, before);
+    }
+  }
+}
+
+void CommitWork::DeriveLateEntry(IndexDefinition const& index, PendingRow const& row, bool before) {
+  PendingIndex& entries = LateEntries(index);
+  KeyFacts const facts = encoder_.Encode(index, before ? OriginalOf(row) : RefOf(row), key_);
+  if (before) {
+    entries.Remove({key_, row.id}, 0, true);
+  } else {
+    entries.Add({key_, row.id}, facts, true, 0, true);
+  }
+}
+
+PendingIndex& CommitWork::LateEntries(IndexDefinition const& index) {
+  std::unique_ptr<PendingIndex>& entries = late_entries_[index.id];
+  if (entries == nullptr) entries = std::make_unique<PendingIndex>(index, true, arena_);
+  return *entries;
+}
+
+void CommitWork::CheckUnique(PendingIndex const& entries) {
+  if (!entries.index().unique()) return;
+  EntryCursor cursor;
+  for (auto const& [key, entry] : entries.map()) {
+    if (entry.state != EntryState::kPresent || entry.facts.has_null) continue;
+    if (entries.HasOther(key, true) || CommittedHasOther(batch_, cursor, entries, key)) {
+      Throw(LSCOREDB_DUPLICATE_KEY);
+    }
+  }
+}
+
+// ---- writes ------------------------------------------------------------------------------------
+
+void CommitWork::Apply() {
+  request_.changes.ForEachRow([this](PendingRow const& row) {
+    if (Matters(row)) ApplyRow(row);
+  });
+  for (auto const& entries : request_.changes.indexes()) {
+    if (IsLive(*entries)) ApplyEntries(*entries);
+  }
+  for (auto const& [id, entries] : late_entries_) ApplyEntries(*entries);
+  ApplyLayouts();
+  ApplyIndexes();
+  ApplyCounts();
+  ApplySetChanges();
+}
+
+void CommitWork::ApplyRow(PendingRow const& row) {
+  if (row.in_parts) DeleteParts(row.id);
+  if (row.deleted) {
+    std::uint64_t const id = Raw(row.id);
+    batch_.Delete(Tree::kRows, BytesOf(id));
+  } else {
+    PutImage(row);
+  }
+  CountChange(row);
+}
+
+void CommitWork::PutImage(PendingRow const& row) {
+  std::string_view image =
+      builder_.Build(*row.layout, batch_.id(), row.setspec, row.all_cells());
+  std::string stub;
+  if (image.size() > format::kPartSize) {
+    PutParts(row.id, image);
+    stub = ImageBuilder::Stub(image);
+    image = stub;
+  }
+  std::uint64_t const id = Raw(row.id);
+  if (!row.inserted()) {
+    batch_.Put(Tree::kRows, BytesOf(id), image);
+  } else if (!batch_.PutNew(Tree::kRows, BytesOf(id), image)) {
+    Throw(LSCOREDB_CONFLICT);
+  }
+}
+
+void CommitWork::PutParts(ObjectId id, std::string_view image) {
+  for (std::uint32_t part = 0; !image.empty(); ++part) {
+    batch_.Put(Tree::kParts, PartKey(id, part), image.substr(0, format::kPartSize));
+    image.remove_prefix(std::min(image.size(), format::kPartSize));
+  }
+}
+
+void CommitWork::DeleteParts(ObjectId id) {
+  for (std::uint32_t part = 0; batch_.Delete(Tree::kParts, PartKey(id, part));) ++part;
+}
+
+void CommitWork::ApplyEntries(PendingIndex const& entries) {
+  for (auto const& [key, entry] : entries.map()) {
+    if (entry.state == EntryState::kRemoved) {
+      if (entry.may_be_committed) DeleteEntry(batch_, entries.index(), key.encoded, key.object);
+    } else if (entry.state == EntryState::kPresent) {
+      PendingRow const* const row = request_.changes.FindRow(key.object);
+      LayoutNumber const layout = row != nullptr ? row->layout->number() : entry.layout;
+      PutEntry(batch_, entries.index(), key.encoded, key.object, layout);
+    }
+  }
+}
+
+void CommitWork::ApplyLayouts() {
+  for (auto const& layout : request_.changes.layouts()) {
+    WriteLayout(batch_, *layout, {batch_.id(), position_++});
+  }
+}
+
+void CommitWork::ApplyIndexes() {
+  for (IndexDefinition const* const index : request_.changes.dropped_indexes()) {
+    DeleteEntries(batch_, *index);
+    DeleteIndex(batch_, *index);
+  }
+  for (auto const& index : request_.changes.created_indexes()) WriteIndex(batch_, *index);
+  if (!request_.changes.dropped_indexes().empty() || !request_.changes.created_indexes().empty()) {
+    WriteIndexVersion(batch_);
+  }
+}
+
+void CommitWork::CountChange(PendingRow const& row) {
+  if (!row.inserted()) {
+    --counts_[row.original_layout->number()].objects;
+    Cell const setspec = OriginalOf(row).Setspec();
+    if (setspec.present) {
+      Unpack(setspec.text(), text_);
+      changed_sets_.insert(text_);
+    }
+  }
+  if (row.deleted) return;
+  CountDelta& delta = counts_[row.layout->number()];
+  ++delta.objects;
+  delta.example = &row;
+  if (row.setspec.present) {
+    Unpack(row.setspec.text(), text_);
+    changed_sets_.insert(text_);
+  }
+}
+
+void CommitWork::ApplyCounts() {
+  for (auto const& [number, delta] : counts_) {
+    bool const names_set = delta.example != nullptr && delta.example->setspec.present;
+    if (delta.objects == 0 && !names_set) continue;
+    LayoutCount count = ReadCount(batch_, number);
+    bool const sets = names_set && !(count.has_setspec && count.objects > 0);
+    if (delta.objects == 0 && !sets) continue;
+    count.objects = static_cast<std::uint64_t>(static_cast<std::int64_t>(count.objects) +
+                                               delta.objects);
+    if (sets) Unpack(delta.example->setspec.text(), count.setspec);
+    count.has_setspec = count.objects > 0 && (count.has_setspec || sets);
+    WriteCount(batch_, number, count);
+  }
+}
+
+void CommitWork::ApplySetChanges() {
+  for (std::u16string const& setspec : changed_sets_) WriteSetChange(batch_, setspec);
+}
+
+}  // namespace lscore

@@ -1,0 +1,74 @@
+#ifndef LSCOREDB_SRC_COMMIT_WORK_H
+#define LSCOREDB_SRC_COMMIT_WORK_H
+
+// One transaction's part of a batch: all checks first, which write nothing, then all writes. Used by the
+// leader of a commit, on its thread; the transaction itself stands still meanwhile.
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+
+#include "commit.h"
+
+namespace lscore {
+
+class CommitWork {
+ public:
+  // `position` numbers the layouts made in this batch.
+  CommitWork(Batch& batch, CommitRequest const& request, std::uint32_t& position)
+      : batch_(batch), request_(request), position_(position) {}
+
+  // Throws LSCOREDB_CONFLICT or LSCOREDB_DUPLICATE_KEY when the transaction cannot be committed.
+  // Has written nothing then.
+  void Validate();
+  // Writes everything. When it throws, the batch is of no use any more.
+  void Apply();
+
+ private:
+  void ValidateRow(PendingRow const& row);
+  void ValidateLayouts() const;
+  void ValidateIndexes() const;
+  // Entries for indexes that were created after the snapshot was taken.
+  void DeriveLateEntries();
+  void DeriveLateEntries(PendingRow const& row);
+  void DeriveLateEntry(IndexDefinition const& index, PendingRow const& row, bool before);
+  PendingIndex& LateEntries(IndexDefinition const& index);
+  void CheckUnique(PendingIndex const& entries);
+  bool IsLive(PendingIndex const& entries) const;
+
+  void ApplyRow(PendingRow const& row);
+  void PutImage(PendingRow const& row);
+  void PutParts(ObjectId id, std::string_view image);
+  void DeleteParts(ObjectId id);
+  void ApplyEntries(PendingIndex const& entries);
+  void ApplyLayouts();
+  void ApplyIndexes();
+  void CountChange(PendingRow const& row);
+  void ApplyCounts();
+  void ApplySetChanges();
+
+  struct CountDelta {
+    std::int64_t objects = 0;
+    PendingRow const* example = nullptr;  // a row that is under the layout now
+  };
+
+  Batch& batch_;
+  CommitRequest const& request_;
+  std::uint32_t& position_;
+  bool late_ = false;  // indexes were created or dropped since the snapshot
+  std::unique_ptr<IndexCatalogue> now_;
+  Arena arena_;
+  std::map<IndexId, std::unique_ptr<PendingIndex>> late_entries_;
+  KeyEncoder encoder_;
+  KeyBytes key_;
+  ImageBuilder builder_;
+  std::u16string text_;
+  std::map<LayoutNumber, CountDelta> counts_;
+  std::set<std::u16string> changed_sets_;
+};
+
+}  // namespace lscore
+
+#endif

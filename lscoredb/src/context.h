@@ -1,0 +1,62 @@
+#ifndef LSCOREDB_SRC_CONTEXT_H
+#define LSCOREDB_SRC_CONTEXT_H
+
+// A context: what a host's handle stands for. One thread at a time. It owns its transaction and its
+// iterators, which are used over and over.
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "database.h"
+#include "handles.h"
+#include "iterator.h"
+#include "transaction.h"
+
+// What the host knows as an open database: a share of it, and the number of contexts opened on it.
+struct lscoredb {
+  std::shared_ptr<lscore::Database> database;
+  std::atomic<std::uint32_t> contexts{0};
+};
+
+namespace lscore {
+
+class Context;
+
+// An iterator and the handle that it was last known by.
+struct OpenIterator {
+  Context* context = nullptr;
+  std::uint64_t handle = 0;
+  Iterator iterator;
+};
+
+HandleTable<Context>& Contexts();
+HandleTable<OpenIterator>& Iterators();
+
+class Context {
+ public:
+  explicit Context(lscoredb& owner);
+  ~Context();
+  Context(Context const&) = delete;
+  Context& operator=(Context const&) = delete;
+
+  lscoredb& owner() { return owner_; }
+  Transaction& transaction() { return transaction_; }
+
+  Status CreateIterator(IndexId index, bool reverse, void const* first_key, void const* last_key,
+                        std::uint64_t* out);
+  void FreeIterator(OpenIterator& iterator);
+
+ private:
+  OpenIterator& TakeIterator();
+
+  lscoredb& owner_;
+  Transaction transaction_;
+  std::vector<std::unique_ptr<OpenIterator>> iterators_;
+  std::vector<OpenIterator*> free_iterators_;
+};
+
+}  // namespace lscore
+
+#endif

@@ -1,0 +1,33 @@
+#ifndef LSCOREDB_SRC_CONTRACT_H
+#define LSCOREDB_SRC_CONTRACT_H
+
+// What the exported functions have in common: from a handle to its transaction, and the one door through
+// which failures become statuses.
+
+#include "context.h"
+#include "status.h"
+
+namespace lscore {
+
+// Runs `work` with the open transaction of a context.
+template <typename Work>
+Status WithTransaction(std::uint64_t handle, Work&& work) noexcept {
+  return Guarded([&]() -> Status {
+    Context* const context = Contexts().Find(handle);
+    if (context == nullptr) return LSCOREDB_UNKNOWN_CONTEXT;
+    Transaction& transaction = context->transaction();
+    if (!transaction.open()) return LSCOREDB_NO_TRANSACTION;
+    return work(transaction);
+  });
+}
+
+template <typename Work>
+Status WithWriting(std::uint64_t handle, Work&& work) noexcept {
+  return WithTransaction(handle, [&](Transaction& transaction) -> Status {
+    return transaction.read_only() ? LSCOREDB_READ_ONLY : work(transaction);
+  });
+}
+
+}  // namespace lscore
+
+#endif

@@ -1,0 +1,130 @@
+#include <bit>
+#include <limits>
+
+#include "contract.h"
+
+namespace lscore {
+namespace {
+
+constexpr TypeSet kUnsigned = TypeBit(LORV_TYPE_ULONG) | TypeBit(LORV_TYPE_KEY);
+constexpr TypeSet kAnyType = ~TypeSet{0};
+
+Status WriteColumn(std::uint64_t context, std::uint64_t oid, std::uint64_t addr,
+                   std::uint32_t column, TypeSet types, NewValue const& value) noexcept {
+  return WithWriting(context, [&](Transaction& transaction) {
+    return transaction.Write(ObjectId{oid}, LayoutOf(addr), column, types, value);
+  });
+}
+
+NewValue Fixed(std::uint64_t bits) {
+  NewValue value;
+  value.kind = NewValue::Kind::kFixed;
+  value.bits = bits;
+  return value;
+}
+
+Status InsertInto(std::uint64_t context, std::uint16_t table_id, std::uint64_t* out_oid) noexcept {
+  return WithWriting(context, [&](Transaction& transaction) -> Status {
+    if (out_oid == nullptr) return LSCOREDB_NULL_ARGUMENT;
+    *out_oid = Raw(transaction.Insert(LayoutNumber{table_id}));
+    return LORV_STATUS_OK;
+  });
+}
+
+}  // namespace
+}  // namespace lscore
+
+using namespace lscore;
+
+uint32_t lorv_context_put_ulong(uint64_t context, uint64_t oid, uint64_t addr, uint32_t column,
+                                uint64_t value) {
+  return WriteColumn(context, oid, addr, column, kUnsigned, Fixed(value));
+}
+
+uint32_t lorv_context_put_long(uint64_t context, uint64_t oid, uint64_t addr, uint32_t column,
+                               int64_t value) {
+  return WriteColumn(context, oid, addr, column, TypeBit(LORV_TYPE_LONG),
+                     Fixed(static_cast<uint64_t>(value)));
+}
+
+uint32_t lorv_context_put_decimal(uint64_t context, uint64_t oid, uint64_t addr, uint32_t column,
+                                  int64_t millionths) {
+  return WriteColumn(context, oid, addr, column, TypeBit(LORV_TYPE_DECIMAL),
+                     Fixed(static_cast<uint64_t>(millionths)));
+}
+
+uint32_t lorv_context_put_float(uint64_t context, uint64_t oid, uint64_t addr, uint32_t column,
+                                float value) {
+  return WriteColumn(context, oid, addr, column, TypeBit(LORV_TYPE_FLOAT),
+                     Fixed(std::bit_cast<uint32_t>(value)));
+}
+
+uint32_t lorv_context_put_double(uint64_t context, uint64_t oid, uint64_t addr, uint32_t column,
+                                 double value) {
+  return WriteColumn(context, oid, addr, column, TypeBit(LORV_TYPE_DOUBLE),
+                     Fixed(std::bit_cast<uint64_t>(value)));
+}
+
+uint32_t lorv_context_put_string(uint64_t context, uint64_t oid, uint64_t addr, uint32_t column,
+                                 char16_t const* text) {
+  NewValue value;
+  if (text != nullptr) {
+    value.kind = NewValue::Kind::kText;
+    value.text = text;
+  }
+  return WriteColumn(context, oid, addr, column, TypeBit(LORV_TYPE_STRING), value);
+}
+
+uint32_t lorv_context_put_binary(uint64_t context, uint64_t oid, uint64_t addr, uint32_t column,
+                                 void const* data, uint64_t size) {
+  NewValue value;
+  if (data != nullptr) {
+    value.kind = NewValue::Kind::kBinary;
+    value.bytes = {static_cast<char const*>(data), size};
+  }
+  return WithWriting(context, [&](Transaction& transaction) -> Status {
+    if (data == nullptr && size != 0) return LSCOREDB_NULL_ARGUMENT;
+    if (size > std::numeric_limits<uint32_t>::max()) return LSCOREDB_TOO_LARGE;
+    return transaction.Write(ObjectId{oid}, LayoutOf(addr), column, TypeBit(LORV_TYPE_BINARY),
+                             value);
+  });
+}
+
+uint32_t lorv_context_put_reference(uint64_t context, uint64_t oid, uint64_t addr, uint32_t column,
+                                    uint64_t target_oid, uint64_t) {
+  return WriteColumn(context, oid, addr, column, TypeBit(LORV_TYPE_REFERENCE),
+                     target_oid == 0 ? NewValue{} : Fixed(target_oid));
+}
+
+uint32_t lorv_context_put_default(uint64_t context, uint64_t oid, uint64_t addr, uint32_t column) {
+  return WriteColumn(context, oid, addr, column, kAnyType, NewValue{});
+}
+
+uint32_t lorv_context_put_setspec(uint64_t context, uint64_t oid, uint64_t,
+                                  char16_t const* setspec) {
+  return WithWriting(context, [&](Transaction& transaction) {
+    std::optional<std::u16string_view> text;
+    if (setspec != nullptr) text = setspec;
+    return transaction.WriteSetspec(ObjectId{oid}, text);
+  });
+}
+
+uint32_t lorv_context_insert_system(uint64_t context, uint16_t table_id, uint64_t* out_oid) {
+  return InsertInto(context, table_id, out_oid);
+}
+
+uint32_t lorv_context_insert(uint64_t context, uint16_t table_id, uint64_t* out_oid) {
+  return InsertInto(context, table_id, out_oid);
+}
+
+uint32_t lorvi_context_insert_with_id(uint64_t context, uint16_t table_id, uint64_t oid) {
+  return WithWriting(context, [&](Transaction& transaction) {
+    return transaction.InsertWithId(LayoutNumber{table_id}, ObjectId{oid});
+  });
+}
+
+uint32_t lorv_context_delete(uint64_t context, uint64_t oid, uint64_t) {
+  return WithWriting(context, [&](Transaction& transaction) {
+    return transaction.Delete(ObjectId{oid});
+  });
+}

@@ -1,0 +1,62 @@
+#include "crc32c.h"
+
+#include <array>
+
+#include "bytes.h"
+
+namespace lscore {
+namespace {
+
+constexpr std::uint32_t kPolynomial = 0x82F63B78;  // reflected
+
+using Table = std::array<std::uint32_t, 256>;
+
+constexpr Table MakeTable() {
+  Table table{};
+  for (std::uint32_t i = 0; i < 256; ++i) {
+    std::uint32_t value = i;
+    for (int bit = 0; bit < 8; ++bit) value = (value >> 1) ^ ((value & 1) != 0 ? kPolynomial : 0);
+    table[i] = value;
+  }
+  return table;
+}
+
+constexpr Table kTable = MakeTable();
+
+#if defined(__x86_64__)
+__attribute__((target("sse4.2"))) std::uint32_t Crc32cHardware(std::string_view bytes) {
+  std::uint64_t crc = 0xFFFFFFFF;
+  char const* at = bytes.data();
+  std::size_t left = bytes.size();
+  for (; left >= 8; at += 8, left -= 8) {
+    crc = __builtin_ia32_crc32di(crc, Load<std::uint64_t>(at));
+  }
+  auto tail = static_cast<std::uint32_t>(crc);
+  for (; left > 0; ++at, --left) {
+    tail = __builtin_ia32_crc32qi(tail, static_cast<unsigned char>(*at));
+  }
+  return ~tail;
+}
+
+bool HasInstruction() {
+  static bool const has = __builtin_cpu_supports("sse4.2") != 0;
+  return has;
+}
+#endif
+
+}  // namespace
+
+std::uint32_t Crc32cPortable(std::string_view bytes) {
+  std::uint32_t crc = 0xFFFFFFFF;
+  for (char const c : bytes) crc = (crc >> 8) ^ kTable[(crc ^ static_cast<unsigned char>(c)) & 0xFF];
+  return ~crc;
+}
+
+std::uint32_t Crc32c(std::string_view bytes) {
+#if defined(__x86_64__)
+  if (HasInstruction()) return Crc32cHardware(bytes);
+#endif
+  return Crc32cPortable(bytes);
+}
+
+}  // namespace lscore

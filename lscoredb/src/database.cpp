@@ -1,0 +1,83 @@
+#include "database.h"
+
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <map>
+#include <mutex>
+#include <string>
+#include <utility>
+
+#include "status.h"
+
+namespace lscore {
+namespace {
+
+constexpr mode_t kDirectoryMode = 0750;
+
+using DirectoryId = std::pair<dev_t, ino_t>;
+
+struct Known {
+  std::weak_ptr<Database> database;
+  std::shared_ptr<LayoutNumbers> layout_numbers = std::make_shared<LayoutNumbers>();
+};
+
+// The directories that this process has opened. Held over an opening, so that none is opened twice.
+struct Registry {
+  std::mutex mutex;
+  std::map<DirectoryId, Known> known;
+};
+
+Registry& TheRegistry() {
+  static auto* const registry = new Registry;  // outlives all static objects that may hold databases
+  return *registry;
+}
+
+void MakeDirectories(std::string const& path) {
+  for (std::size_t end = path.find('/', 1);; end = path.find('/', end + 1)) {
+    std::string const part = path.substr(0, end);
+    if (mkdir(part.c_str(), kDirectoryMode) != 0 && errno != EEXIST) {
+      struct stat status {};
+      if (stat(part.c_str(), &status) != 0) Throw(LSCOREDB_CANNOT_OPEN);
+    }
+    if (end == std::string::npos) return;
+  }
+}
+
+DirectoryId IdOf(std::string const& path) {
+  struct stat status {};
+  if (stat(path.c_str(), &status) != 0) Throw(LSCOREDB_CANNOT_OPEN);
+  if (!S_ISDIR(status.st_mode)) Throw(LSCOREDB_CANNOT_OPEN);
+  return {status.st_dev, status.st_ino};
+}
+
+}  // namespace
+
+std::shared_ptr<Database> OpenDatabase(char const* directory, StoreOptions const& options) {
+  if (directory == nullptr) {
+    return std::make_shared<Database>(Store::Open(nullptr, options),
+                                      std::make_shared<LayoutNumbers>());
+  }
+  std::string const path = directory;
+  if (path.empty()) Throw(LSCOREDB_CANNOT_OPEN);
+  Registry& registry = TheRegistry();
+  std::lock_guard const lock(registry.mutex);
+  MakeDirectories(path);
+  Known& known = registry.known[IdOf(path)];
+  std::shared_ptr<Database> database = known.database.lock();
+  if (database == nullptr) {
+    database = std::make_shared<Database>(Store::Open(directory, options), known.layout_numbers);
+    known.database = database;
+  } else if (options.sync) {
+    database->commits().RequireSync();
+  }
+  return database;
+}
+
+// No one opens the directory again before its store is closed.
+void CloseDatabase(std::shared_ptr<Database> database) {
+  std::lock_guard const lock(TheRegistry().mutex);
+  database.reset();
+}
+
+}  // namespace lscore

@@ -1,0 +1,49 @@
+#ifndef LSCOREDB_SRC_DATABASE_H
+#define LSCOREDB_SRC_DATABASE_H
+
+// An open database: its store and what all contexts of the process share about it. One per directory and
+// process, however often it is opened; it lives until the last handle to it is closed. Any thread.
+
+#include <memory>
+#include <string>
+
+#include "allocators.h"
+#include "commit.h"
+#include "definitions.h"
+#include "store.h"
+
+namespace lscore {
+
+class Database {
+ public:
+  Database(std::unique_ptr<Store> store, std::shared_ptr<LayoutNumbers> layout_numbers)
+      : store_(std::move(store)),
+        layout_numbers_(std::move(layout_numbers)),
+        ids_(*store_),
+        commits_(*store_, ids_) {}
+
+  Store& store() { return *store_; }
+  LayoutCache& layouts() { return layouts_; }
+  IndexCatalogues& catalogues() { return catalogues_; }
+  IdAllocator& ids() { return ids_; }
+  LayoutNumbers& layout_numbers() { return *layout_numbers_; }
+  CommitQueue& commits() { return commits_; }
+
+ private:
+  std::unique_ptr<Store> store_;
+  std::shared_ptr<LayoutNumbers> layout_numbers_;
+  LayoutCache layouts_;
+  IndexCatalogues catalogues_;
+  IdAllocator ids_;
+  CommitQueue commits_;
+};
+
+// Opens the database in `directory`, which is created when missing, or shares it when the process has it
+// open; null opens a new one in memory.
+std::shared_ptr<Database> OpenDatabase(char const* directory, StoreOptions const& options);
+// Gives a share back. The last one closes the store.
+void CloseDatabase(std::shared_ptr<Database> database);
+
+}  // namespace lscore
+
+#endif

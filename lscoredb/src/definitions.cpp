@@ -1,0 +1,385 @@
+#include "definitions.h"
+
+#include <algorithm>
+
+#include "bytes.h"
+#include "format.h"
+#include "status.h"
+#include "text.h"
+
+namespace lscore {
+namespace {
+
+template <typename... Parts>
+std::string KeyOf(char letter, Parts... parts) {
+  std::string key(1, letter);
+  (AppendBig(key, parts), ...);
+  return key;
+}
+
+// Visits the keys that begin with `prefix`, in order, until `visit` returns false.
+template <typename Visit>
+void ForEachWithPrefix(View const& view, std::string const& prefix, Visit&& visit) {
+  Cursor cursor;
+  cursor.Open(view, Tree::kDefinitions);
+  for (bool on = cursor.Seek(prefix); on && cursor.key().starts_with(prefix); on = cursor.Next()) {
+    if (!visit(cursor.key().substr(prefix.size()), cursor.value())) return;
+  }
+}
+
+// Texts in definitions: a byte that says whether it is wide, then its packed bytes to the end.
+void AppendText(std::string& record, std::u16string_view text) {
+  bool const wide = NeedsWide(text);
+  record.push_back(wide ? 1 : 0);
+  std::size_t const start = record.size();
+  record.resize(start + PackedSize(text, wide));
+  Pack(text, wide, record.data() + start);
+}
+
+std::u16string ReadText(std::string_view record) {
+  if (record.empty() || (record[0] != 0 && record.size() % 2 == 0)) Throw(LSCOREDB_DAMAGED);
+  std::u16string text;
+  Unpack({record.substr(1), record[0] != 0}, text);
+  return text;
+}
+
+void AppendColumn(std::string& record, std::uint8_t type, bool nullable, Token token) {
+  Append(record, type);
+  Append(record, static_cast<std::uint8_t>(nullable ? 1 : 0));
+  Append(record, Raw(token));
+}
+
+// A hash that grows with the text, so that all prefixes of one are hashed in one pass.
+class TextHash {
+ public:
+  void Add(char16_t unit) { value_ = (value_ ^ unit) * 0x100000001B3; }
+  std::uint64_t value() const { return value_; }
+
+ private:
+  std::uint64_t value_ = 0xCBF29CE484222325;
+};
+
+std::uint64_t HashOf(std::u16string_view text) {
+  TextHash hash;
+  for (char16_t const unit : text) hash.Add(unit);
+  return hash.value();
+}
+
+}  // namespace
+
+// ---- layouts -----------------------------------------------------------------------------------
+
+// A layout's record: base (2), token (8), commit (8) and position (4) of its making, number of columns
+// behind the first two (4), and for each type (1), nullable (1), token (8).
+
+std::string LayoutKey(LayoutNumber number) { return KeyOf(format::kLayoutLetter, Raw(number)); }
+
+void WriteLayout(Batch& batch, Layout const& layout, LayoutOrder order) {
+  std::string record;
+  Append(record, Raw(layout.base()));
+  Append(record, Raw(layout.token()));
+  Append(record, Raw(order.commit));
+  Append(record, order.position);
+  Append(record, layout.bit_count());
+  for (std::uint32_t i = kFirstStoredColumn; i < layout.column_count(); ++i) {
+    Column const& column = layout.column(i);
+    AppendColumn(record, column.type, column.nullable, column.token);
+  }
+  batch.Put(Tree::kDefinitions, LayoutKey(layout.number()), record);
+  std::string made;
+  Append(made, Raw(order.commit));
+  Append(made, order.position);
+  batch.Put(Tree::kDefinitions,
+            KeyOf(format::kLayoutTokenLetter, Raw(layout.token()), Raw(layout.number())), made);
+}
+
+std::vector<std::pair<LayoutOrder, LayoutNumber>> LayoutsOfToken(View const& view, Token token) {
+  std::vector<std::pair<LayoutOrder, LayoutNumber>> found;
+  ForEachWithPrefix(view, KeyOf(format::kLayoutTokenLetter, Raw(token)),
+                    [&](std::string_view key, std::string_view value) {
+                      FieldReader fields(value);
+                      LayoutOrder order;
+                      order.commit = CommitId{fields.Next<std::uint64_t>()};
+                      order.position = fields.Next<std::uint32_t>();
+                      if (key.size() != 2 || !fields.at_end()) Throw(LSCOREDB_DAMAGED);
+                      found.emplace_back(order, LayoutNumber{LoadBig<std::uint16_t>(key.data())});
+                      return true;
+                    });
+  return found;
+}
+
+std::vector<LayoutNumber> AllLayouts(View const& view) {
+  std::vector<LayoutNumber> numbers;
+  ForEachWithPrefix(view, std::string(1, format::kLayoutLetter),
+                    [&](std::string_view key, std::string_view) {
+                      if (key.size() != 2) Throw(LSCOREDB_DAMAGED);
+                      numbers.push_back(LayoutNumber{LoadBig<std::uint16_t>(key.data())});
+                      return true;
+                    });
+  return numbers;
+}
+
+LayoutNumber HighestLayout(View const& view) {
+  Cursor cursor;
+  cursor.Open(view, Tree::kDefinitions);
+  bool const on =
+      cursor.Seek(std::string(1, format::kLayoutLetter + 1)) ? cursor.Previous() : cursor.Last();
+  if (!on || cursor.key().size() != 3 || cursor.key()[0] != format::kLayoutLetter) return kNoLayout;
+  return LayoutNumber{LoadBig<std::uint16_t>(cursor.key().data() + 1)};
+}
+
+namespace {
+
+std::unique_ptr<Layout const> ParseLayout(LayoutNumber number, std::string_view record) {
+  FieldReader fields(record);
+  LayoutNumber const base{fields.Next<std::uint16_t>()};
+  Token const token{fields.Next<std::uint64_t>()};
+  LayoutOrder order;
+  order.commit = CommitId{fields.Next<std::uint64_t>()};
+  order.position = fields.Next<std::uint32_t>();
+  auto const count = fields.Next<std::uint32_t>();
+  std::vector<Column> columns;
+  for (std::uint32_t i = 0; i < count && fields.ok(); ++i) {
+    Column column;
+    column.type = fields.Next<std::uint8_t>();
+    column.nullable = fields.Next<std::uint8_t>() != 0;
+    column.token = Token{fields.Next<std::uint64_t>()};
+    columns.push_back(column);
+  }
+  if (!fields.at_end()) Throw(LSCOREDB_DAMAGED);
+  return std::make_unique<Layout const>(number, base, token, order, columns);
+}
+
+}  // namespace
+
+Layout const* LayoutCache::Find(View const& view, LayoutNumber number) {
+  Layout const* layout = known_[Raw(number)].load(std::memory_order_acquire);
+  if (layout == nullptr) layout = LoadFrom(view, number);
+  return layout != nullptr && layout->order().commit <= view.id() ? layout : nullptr;
+}
+
+Layout const* LayoutCache::LoadFrom(View const& view, LayoutNumber number) {
+  std::string_view record;
+  if (!view.Get(Tree::kDefinitions, LayoutKey(number), &record)) return nullptr;
+  std::unique_ptr<Layout const> layout = ParseLayout(number, record);
+  std::lock_guard const lock(mutex_);
+  Layout const* const known = known_[Raw(number)].load(std::memory_order_acquire);
+  if (known != nullptr) return known;
+  owned_.push_back(std::move(layout));
+  known_[Raw(number)].store(owned_.back().get(), std::memory_order_release);
+  return owned_.back().get();
+}
+
+// ---- indexes -----------------------------------------------------------------------------------
+
+// An index's record: token (8), flags (4), sort mask (2), number of columns (2), for each type (1),
+// nullable (1), token (8), and then the set specifier.
+
+bool IndexDefinition::HasColumn(Token wanted) const {
+  return std::any_of(columns.begin(), columns.end(),
+                     [wanted](IndexColumn const& column) { return column.token == wanted; });
+}
+
+void IndexDefinition::Prepare() {
+  key_columns.clear();
+  for (std::size_t i = 0; i < columns.size(); ++i) {
+    bool const descending = i < 16 && ((sort_mask >> i) & 1) != 0;
+    key_columns.push_back({columns[i].type, descending});
+  }
+  entry_prefix.clear();
+  AppendOrderedId(entry_prefix, Raw(id));
+}
+
+void WriteIndex(Batch& batch, IndexDefinition const& index) {
+  std::string record;
+  Append(record, Raw(index.token));
+  Append(record, index.flags);
+  Append(record, index.sort_mask);
+  Append(record, static_cast<std::uint16_t>(index.columns.size()));
+  for (IndexColumn const& column : index.columns) {
+    AppendColumn(record, column.type, column.nullable, column.token);
+  }
+  AppendText(record, index.setspec);
+  batch.Put(Tree::kDefinitions, KeyOf(format::kIndexLetter, Raw(index.id)), record);
+  batch.Put(Tree::kDefinitions, KeyOf(format::kIndexTokenLetter, Raw(index.token), Raw(index.id)),
+            {});
+  batch.Put(Tree::kDefinitions,
+            KeyOf(format::kIndexSetLetter, HashOf(index.setspec), Raw(index.id)), {});
+}
+
+bool DeleteIndex(Batch& batch, IndexDefinition const& index) {
+  std::uint64_t const id = Raw(index.id);
+  batch.Delete(Tree::kDefinitions, KeyOf(format::kIndexTokenLetter, Raw(index.token), id));
+  batch.Delete(Tree::kDefinitions, KeyOf(format::kIndexSetLetter, HashOf(index.setspec), id));
+  return batch.Delete(Tree::kDefinitions, KeyOf(format::kIndexLetter, id));
+}
+
+bool HasIndex(View const& view, IndexId id) {
+  std::string_view record;
+  return view.Get(Tree::kDefinitions, KeyOf(format::kIndexLetter, Raw(id)), &record);
+}
+
+std::vector<IndexId> IndexesOfToken(View const& view, Token token) {
+  std::vector<IndexId> ids;
+  ForEachWithPrefix(view, KeyOf(format::kIndexTokenLetter, Raw(token)),
+                    [&](std::string_view key, std::string_view) {
+                      if (key.size() != 8) Throw(LSCOREDB_DAMAGED);
+                      ids.push_back(IndexId{LoadBig<std::uint64_t>(key.data())});
+                      return true;
+                    });
+  return ids;
+}
+
+CommitId IndexVersion(View const& view) {
+  std::string_view value;
+  if (!view.Get(Tree::kMeta, format::kIndexesKey, &value)) return CommitId{0};
+  if (value.size() != 8) Throw(LSCOREDB_DAMAGED);
+  return CommitId{Load<std::uint64_t>(value.data())};
+}
+
+void WriteIndexVersion(Batch& batch) {
+  std::string value;
+  Append(value, Raw(batch.id()));
+  batch.Put(Tree::kMeta, format::kIndexesKey, value);
+}
+
+namespace {
+
+std::unique_ptr<IndexDefinition const> ParseIndex(IndexId id, std::string_view record) {
+  auto index = std::make_unique<IndexDefinition>();
+  FieldReader fields(record);
+  index->id = id;
+  index->token = Token{fields.Next<std::uint64_t>()};
+  index->flags = fields.Next<std::uint32_t>();
+  index->sort_mask = fields.Next<std::uint16_t>();
+  auto const count = fields.Next<std::uint16_t>();
+  for (std::uint16_t i = 0; i < count && fields.ok(); ++i) {
+    IndexColumn column;
+    column.type = fields.Next<std::uint8_t>();
+    column.nullable = fields.Next<std::uint8_t>() != 0;
+    column.token = Token{fields.Next<std::uint64_t>()};
+    index->columns.push_back(column);
+  }
+  std::size_t const read = 16 + std::size_t{10} * count;
+  if (!fields.ok() || read > record.size()) Throw(LSCOREDB_DAMAGED);
+  index->setspec = ReadText(record.substr(read));
+  index->Prepare();
+  return index;
+}
+
+}  // namespace
+
+IndexDefinition const* IndexCatalogue::Find(View const& view, IndexId id) {
+  {
+    std::shared_lock const lock(mutex_);
+    auto const at = by_id_.find(Raw(id));
+    if (at != by_id_.end()) return at->second.get();
+  }
+  std::unique_lock const lock(mutex_);
+  return FindLocked(view, id);
+}
+
+IndexDefinition const* IndexCatalogue::FindLocked(View const& view, IndexId id) {
+  auto const at = by_id_.find(Raw(id));
+  if (at != by_id_.end()) return at->second.get();
+  std::string_view record;
+  if (!view.Get(Tree::kDefinitions, KeyOf(format::kIndexLetter, Raw(id)), &record)) return nullptr;
+  return by_id_.emplace(Raw(id), ParseIndex(id, record)).first->second.get();
+}
+
+IndexList const& IndexCatalogue::Covering(View const& view, std::u16string_view setspec) {
+  {
+    std::shared_lock const lock(mutex_);
+    auto const at = covering_.find(setspec);
+    if (at != covering_.end()) return at->second;
+  }
+  std::unique_lock const lock(mutex_);
+  auto const at = covering_.find(setspec);
+  if (at != covering_.end()) return at->second;
+  return covering_.emplace(setspec, CollectLocked(view, setspec)).first->second;
+}
+
+IndexList IndexCatalogue::CollectLocked(View const& view, std::u16string_view setspec) {
+  IndexList found;
+  TextHash hash;
+  for (std::size_t length = 0;; ++length) {
+    ForEachWithPrefix(view, KeyOf(format::kIndexSetLetter, hash.value()),
+                      [&](std::string_view key, std::string_view) {
+                        if (key.size() != 8) Throw(LSCOREDB_DAMAGED);
+                        IndexDefinition const* const index =
+                            FindLocked(view, IndexId{LoadBig<std::uint64_t>(key.data())});
+                        if (index == nullptr) Throw(LSCOREDB_DAMAGED);
+                        if (index->setspec == setspec.substr(0, length)) found.push_back(index);
+                        return true;
+                      });
+    if (length == setspec.size()) return found;
+    hash.Add(setspec[length]);
+  }
+}
+
+std::shared_ptr<IndexCatalogue> IndexCatalogues::For(Snapshot const& snapshot) {
+  CommitId const version = IndexVersion(snapshot);
+  std::lock_guard const lock(mutex_);
+  if (newest_ != nullptr && newest_->version() == version) return newest_;
+  auto catalogue = std::make_shared<IndexCatalogue>(version);
+  if (newest_ == nullptr || newest_->version() < version) newest_ = catalogue;
+  return catalogue;
+}
+
+// ---- changes by set ----------------------------------------------------------------------------
+
+namespace {
+
+// The units in the order of their numbers, cut to what fits into a key.
+std::string SetChangeKey(std::u16string_view setspec) {
+  std::string key(1, format::kSetChangeLetter);
+  for (char16_t const unit : setspec.substr(0, format::kSetPrefix / 2)) {
+    AppendBig(key, static_cast<std::uint16_t>(unit));
+  }
+  return key;
+}
+
+}  // namespace
+
+void WriteSetChange(Batch& batch, std::u16string_view setspec) {
+  std::string key = SetChangeKey(setspec);
+  AppendBig(key, HashOf(setspec));
+  std::string value;
+  Append(value, Raw(batch.id()));
+  AppendText(value, setspec);
+  batch.Put(Tree::kDefinitions, key, value);
+}
+
+bool SetChangedSince(View const& view, std::u16string_view prefix, CommitId since) {
+  bool changed = false;
+  ForEachWithPrefix(view, SetChangeKey(prefix), [&](std::string_view, std::string_view value) {
+    if (value.size() < 9) Throw(LSCOREDB_DAMAGED);
+    changed = CommitId{Load<std::uint64_t>(value.data())} > since &&
+              ReadText(value.substr(8)).starts_with(prefix);
+    return !changed;
+  });
+  return changed;
+}
+
+// ---- objects by layout -------------------------------------------------------------------------
+
+LayoutCount ReadCount(View const& view, LayoutNumber number) {
+  LayoutCount count;
+  std::string_view value;
+  if (!view.Get(Tree::kDefinitions, KeyOf(format::kCountLetter, Raw(number)), &value)) return count;
+  if (value.size() < 9) Throw(LSCOREDB_DAMAGED);
+  count.objects = Load<std::uint64_t>(value.data());
+  count.has_setspec = value[8] != 0;
+  if (count.has_setspec) count.setspec = ReadText(value.substr(9));
+  return count;
+}
+
+void WriteCount(Batch& batch, LayoutNumber number, LayoutCount const& count) {
+  std::string value;
+  Append(value, count.objects);
+  value.push_back(count.has_setspec ? 1 : 0);
+  if (count.has_setspec) AppendText(value, count.setspec);
+  batch.Put(Tree::kDefinitions, KeyOf(format::kCountLetter, Raw(number)), value);
+}
+
+}  // namespace lscore

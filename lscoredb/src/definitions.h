@@ -1,0 +1,147 @@
+#ifndef LSCOREDB_SRC_DEFINITIONS_H
+#define LSCOREDB_SRC_DEFINITIONS_H
+
+// Layouts and indexes as the store keeps them, and the database's memory of those it has met.
+//
+// Nothing is read before it is asked for, so that opening and using a database with very many tables
+// costs what is used. Caches may be asked from any thread.
+
+#include <array>
+#include <atomic>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <shared_mutex>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "ids.h"
+#include "keys.h"
+#include "layout.h"
+#include "store.h"
+
+namespace lscore {
+
+// ---- layouts -----------------------------------------------------------------------------------
+
+std::string LayoutKey(LayoutNumber number);
+void WriteLayout(Batch& batch, Layout const& layout, LayoutOrder order);
+// The numbers of the layouts of a token and when they were made.
+std::vector<std::pair<LayoutOrder, LayoutNumber>> LayoutsOfToken(View const& view, Token token);
+// All layout numbers, rising.
+std::vector<LayoutNumber> AllLayouts(View const& view);
+LayoutNumber HighestLayout(View const& view);
+
+// The committed layouts by number. What it hands out lives as long as it does.
+class LayoutCache {
+ public:
+  // Null when the view holds no such layout.
+  Layout const* Find(View const& view, LayoutNumber number);
+
+ private:
+  Layout const* LoadFrom(View const& view, LayoutNumber number);
+
+  std::array<std::atomic<Layout const*>, 65536> known_{};
+  std::mutex mutex_;
+  std::deque<std::unique_ptr<Layout const>> owned_;
+};
+
+// ---- indexes -----------------------------------------------------------------------------------
+
+struct IndexColumn {
+  Token token{};
+  std::uint8_t type = 0;
+  bool nullable = false;
+};
+
+struct IndexDefinition {
+  IndexId id{};
+  Token token{};
+  std::uint32_t flags = 0;
+  std::uint16_t sort_mask = 0;
+  std::u16string setspec;
+  std::vector<IndexColumn> columns;
+  // Derived from the above by Prepare.
+  std::vector<KeyColumn> key_columns;
+  std::string entry_prefix;  // what the keys of its entries begin with
+
+  bool unique() const { return (flags & 1) != 0; }
+  bool Covers(std::u16string_view of) const {
+    return of.size() >= setspec.size() && of.substr(0, setspec.size()) == setspec;
+  }
+  bool HasColumn(Token token) const;
+  void Prepare();
+};
+
+using IndexList = std::vector<IndexDefinition const*>;
+
+void WriteIndex(Batch& batch, IndexDefinition const& index);
+// Returns whether the index was there.
+bool DeleteIndex(Batch& batch, IndexDefinition const& index);
+bool HasIndex(View const& view, IndexId id);
+std::vector<IndexId> IndexesOfToken(View const& view, Token token);
+
+// The commit that last created or dropped an index; 0: none ever did.
+CommitId IndexVersion(View const& view);
+void WriteIndexVersion(Batch& batch);
+
+// The indexes of one index version. What it hands out lives as long as it does.
+class IndexCatalogue {
+ public:
+  explicit IndexCatalogue(CommitId version) : version_(version) {}
+  CommitId version() const { return version_; }
+
+  // REQUIRES: `view` has this version. Null: no such index.
+  IndexDefinition const* Find(View const& view, IndexId id);
+  // The indexes that cover objects with that set specifier.
+  IndexList const& Covering(View const& view, std::u16string_view setspec);
+
+ private:
+  struct Hash {
+    using is_transparent = void;
+    std::size_t operator()(std::u16string_view text) const {
+      return std::hash<std::u16string_view>()(text);
+    }
+  };
+
+  IndexDefinition const* FindLocked(View const& view, IndexId id);
+  IndexList CollectLocked(View const& view, std::u16string_view setspec);
+
+  CommitId const version_;
+  std::shared_mutex mutex_;
+  std::unordered_map<std::uint64_t, std::unique_ptr<IndexDefinition const>> by_id_;
+  std::unordered_map<std::u16string, IndexList, Hash, std::equal_to<>> covering_;
+};
+
+// Keeps the newest catalogue.
+class IndexCatalogues {
+ public:
+  std::shared_ptr<IndexCatalogue> For(Snapshot const& snapshot);
+
+ private:
+  std::mutex mutex_;
+  std::shared_ptr<IndexCatalogue> newest_;
+};
+
+// ---- changes by set ----------------------------------------------------------------------------
+
+void WriteSetChange(Batch& batch, std::u16string_view setspec);
+// Whether an object whose set specifier begins with `prefix` was changed after `since`.
+bool SetChangedSince(View const& view, std::u16string_view prefix, CommitId since);
+
+// ---- objects by layout -------------------------------------------------------------------------
+
+struct LayoutCount {
+  std::uint64_t objects = 0;
+  bool has_setspec = false;
+  std::u16string setspec;  // of the objects, while there are any
+};
+
+LayoutCount ReadCount(View const& view, LayoutNumber number);
+void WriteCount(Batch& batch, LayoutNumber number, LayoutCount const& count);
+
+}  // namespace lscore
+
+#endif

@@ -1,0 +1,162 @@
+#include "entries.h"
+
+#include <algorithm>
+
+#include "bytes.h"
+#include "format.h"
+#include "status.h"
+
+namespace lscore {
+namespace {
+
+constexpr std::size_t kValueHead = 3;
+
+// Compares piecewise: `a` and `b` are each a head and a tail.
+int ComparePieces(std::string_view a, std::string_view a_tail, std::string_view b,
+                  std::string_view b_tail) {
+  if (a.size() > b.size()) return -ComparePieces(b, b_tail, a, a_tail);
+  int const heads = a.compare(b.substr(0, a.size()));
+  if (heads != 0) return heads;
+  b.remove_prefix(a.size());
+  if (b.empty()) return a_tail.compare(b_tail);
+  if (a_tail.empty()) return -1;
+  return ComparePieces(a_tail, {}, b, b_tail);
+}
+
+std::string EntryKey(IndexDefinition const& index, std::string_view encoded, ObjectId object) {
+  std::string key = index.entry_prefix;
+  key.append(encoded.substr(0, format::kKeyPrefix));
+  AppendOrderedId(key, Raw(object));
+  return key;
+}
+
+}  // namespace
+
+int Compare(EncodedKey const& a, EncodedKey const& b) {
+  return ComparePieces(a.head, a.tail, b.head, b.tail);
+}
+
+int ComparePrefix(EncodedKey const& a, std::string_view prefix) {
+  int const heads = a.head.substr(0, prefix.size()).compare(prefix.substr(0, a.head.size()));
+  if (heads != 0 || prefix.size() <= a.head.size()) return heads;
+  prefix.remove_prefix(a.head.size());
+  return a.tail.substr(0, prefix.size()).compare(prefix);
+}
+
+int Compare(Entry const& a, Entry const& b) {
+  int const keys = Compare(a.key, b.key);
+  if (keys != 0) return keys;
+  return a.object < b.object ? -1 : (b.object < a.object ? 1 : 0);
+}
+
+// ---- writing -----------------------------------------------------------------------------------
+
+void PutEntry(Batch& batch, IndexDefinition const& index, std::string_view encoded, ObjectId object,
+              LayoutNumber layout) {
+  std::string const key = EntryKey(index, encoded, object);
+  std::string value;
+  Append(value, Raw(layout));
+  std::size_t const cut = std::min(encoded.size(), format::kKeyPrefix);
+  value.push_back(static_cast<char>(key.size() - index.entry_prefix.size() - cut));
+  value.append(encoded.substr(cut));
+  batch.Put(Tree::kIndex, key, value);
+}
+
+void DeleteEntry(Batch& batch, IndexDefinition const& index, std::string_view encoded,
+                 ObjectId object) {
+  batch.Delete(Tree::kIndex, EntryKey(index, encoded, object));
+}
+
+void DeleteEntries(Batch& batch, IndexDefinition const& index) {
+  for (;;) {
+    std::string key;
+    {
+      Cursor cursor;
+      cursor.Open(batch, Tree::kIndex);
+      if (!cursor.Seek(index.entry_prefix)) return;
+      key = cursor.key();
+    }
+    if (!key.starts_with(index.entry_prefix)) return;
+    batch.Delete(Tree::kIndex, key);
+  }
+}
+
+// ---- walking -----------------------------------------------------------------------------------
+
+void EntryCursor::Open(View const& view, IndexDefinition const& index) {
+  cursor_.Open(view, Tree::kIndex);
+  index_ = &index;
+  valid_ = false;
+  in_group_ = false;
+}
+
+void EntryCursor::SeekFirst(std::string_view bound) {
+  scratch_ = index_->entry_prefix;
+  scratch_.append(bound.substr(0, format::kKeyPrefix));
+  Arrive(cursor_.Seek(scratch_), true);
+  while (valid_ && Compare(entry().key, {bound, {}}) < 0) Next();
+}
+
+void EntryCursor::SeekLast(std::string_view bound) {
+  scratch_ = index_->entry_prefix;
+  scratch_.append(bound.substr(0, format::kKeyPrefix));
+  // The least key above everything that begins with the bound.
+  while (!scratch_.empty() && scratch_.back() == '\xFF') scratch_.pop_back();
+  bool above = false;
+  if (!scratch_.empty()) {
+    scratch_.back() = static_cast<char>(scratch_.back() + 1);
+    above = cursor_.Seek(scratch_);
+  }
+  Arrive(above ? cursor_.Previous() : cursor_.Last(), false);
+  while (valid_ && ComparePrefix(entry().key, bound) > 0) Previous();
+}
+
+void EntryCursor::Next() {
+  if (in_group_ && ++group_at_ < group_.size()) return;
+  Arrive(in_group_ ? cursor_on_entry_ : cursor_.Next(), true);
+}
+
+void EntryCursor::Previous() {
+  if (in_group_ && group_at_-- > 0) return;
+  Arrive(in_group_ ? cursor_on_entry_ : cursor_.Previous(), false);
+}
+
+void EntryCursor::Arrive(bool on_entry, bool forward) {
+  in_group_ = false;
+  valid_ = on_entry && InIndex();
+  if (!valid_) return;
+  entry_ = Parse();
+  if (!entry_.key.tail.empty()) GatherGroup(forward);
+}
+
+// Leaves the cursor on the entry behind the group, in the direction of the walk.
+void EntryCursor::GatherGroup(bool forward) {
+  std::string const shared(cursor_.key().substr(0, index_->entry_prefix.size() + format::kKeyPrefix));
+  group_.clear();
+  do {
+    group_.push_back(Parse());
+    cursor_on_entry_ = forward ? cursor_.Next() : cursor_.Previous();
+  } while (cursor_on_entry_ && cursor_.key().starts_with(shared));
+  std::sort(group_.begin(), group_.end(),
+            [](Entry const& a, Entry const& b) { return Compare(a, b) < 0; });
+  in_group_ = true;
+  group_at_ = forward ? 0 : group_.size() - 1;
+}
+
+Entry EntryCursor::Parse() const {
+  std::string_view key = cursor_.key().substr(index_->entry_prefix.size());
+  std::string_view const value = cursor_.value();
+  if (value.size() < kValueHead) Throw(LSCOREDB_DAMAGED);
+  auto const id_size = static_cast<unsigned char>(value[2]);
+  if (id_size > key.size()) Throw(LSCOREDB_DAMAGED);
+  std::string_view const head = key.substr(0, key.size() - id_size);
+  std::uint64_t object = 0;
+  if (ReadOrderedId(key.substr(head.size()), &object) != id_size) Throw(LSCOREDB_DAMAGED);
+  Entry entry;
+  entry.key = {head, value.substr(kValueHead)};
+  entry.object = ObjectId{object};
+  entry.layout = LayoutNumber{Load<std::uint16_t>(value.data())};
+  return entry;
+}
+
+}  // namespace lscore

@@ -1,0 +1,94 @@
+#ifndef LSCOREDB_SRC_FORMAT_H
+#define LSCOREDB_SRC_FORMAT_H
+
+// The data file, byte by byte. These numbers are frozen: a change of any of them is a new format version.
+// Numbers are little endian inside values and big endian inside keys, unless it says otherwise.
+//
+// The file holds five trees.
+//
+// "rows": object id (8 bytes, ordered as an integer) -> row image.
+//
+//   offset  size  content
+//        0     4  CRC-32C of everything behind it
+//        4     2  layout number
+//        6     2  flags: 1 set specifier present, 2 set specifier wide, 4 big ends, 8 in parts
+//        8     8  commit that wrote the row
+//       16     8  bytes of the set specifier
+//       24     4  columns in the presence bits (all of the layout but columns 0 and 1)
+//       28     4  unused, 0
+//       32        presence bits, in words of 8 bytes: fixed columns first, then variable ones, each in
+//                 column order
+//                 8 bytes for each present fixed column
+//                 4 bytes (8 with flag 4) for each present variable column: where its bytes end, counted
+//                 from the end of the set specifier; the highest bit says that a text is wide
+//                 the set specifier, then the bytes of the variable columns
+//
+//   A text is kept as one byte a unit when all units are below 256, else wide, two bytes a unit. An
+//   image with flag 8 ends behind offset 32 with 8 bytes more, the size of the whole image, which
+//   then lies in "parts".
+//
+// "parts": object id (8, big endian), number of the part (4, big endian) -> the next kPartSize bytes.
+//
+// "index": ordered index id, encoded columns, ordered object id -> layout number (2), size of the
+//   ordered object id (1). Encoded columns of more than kKeyPrefix bytes are cut there in the key, and
+//   their rest stands at the end of the value.
+//
+// "definitions": a letter and
+//   'L' layout number (2)                 -> a layout, see definitions.cpp
+//   'T' token (8), layout number (2)      -> commit and position in it, 8 + 4: the order of creation
+//   'I' index id (8)                      -> an index
+//   'J' token (8), index id (8)           -> nothing
+//   'S' hash of set specifier (8), index id (8) -> nothing: the indexes over a set specifier
+//   'C' layout number (2)                 -> count of objects (8), 1 and their set specifier, or 0
+//   'W' set specifier cut at kSetPrefix, its hash (8) -> commit (8) that last changed an object of
+//                                            that set, and the whole set specifier
+//
+// "meta": "format" -> kMagic, version (4); "next-id" -> first id not reserved yet (8);
+//   "indexes" -> commit (8) that last created or dropped an index.
+
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+
+namespace lscore::format {
+
+inline constexpr std::string_view kMagic = "lscoredb";
+inline constexpr std::uint32_t kVersion = 1;
+
+inline constexpr std::string_view kFormatKey = "format";
+inline constexpr std::string_view kNextIdKey = "next-id";
+inline constexpr std::string_view kIndexesKey = "indexes";
+
+inline constexpr std::uint16_t kHasSetspec = 1;
+inline constexpr std::uint16_t kWideSetspec = 2;
+inline constexpr std::uint16_t kBigEnds = 4;
+inline constexpr std::uint16_t kInParts = 8;
+
+inline constexpr std::size_t kCrcOffset = 0;
+inline constexpr std::size_t kLayoutOffset = 4;
+inline constexpr std::size_t kFlagsOffset = 6;
+inline constexpr std::size_t kCommitOffset = 8;
+inline constexpr std::size_t kSetspecSizeOffset = 16;
+inline constexpr std::size_t kBitCountOffset = 24;
+inline constexpr std::size_t kHeaderSize = 32;
+inline constexpr std::size_t kStubSize = kHeaderSize + 8;
+
+// Images above this size go to "parts": one value of the store cannot hold the largest binaries, and
+// wants contiguous pages.
+inline constexpr std::size_t kPartSize = std::size_t{16} << 20;
+
+// The store takes keys of 511 bytes; an ordered id takes 9 at most.
+inline constexpr std::size_t kKeyPrefix = 480;
+inline constexpr std::size_t kSetPrefix = 400;
+
+inline constexpr char kLayoutLetter = 'L';
+inline constexpr char kLayoutTokenLetter = 'T';
+inline constexpr char kIndexLetter = 'I';
+inline constexpr char kIndexTokenLetter = 'J';
+inline constexpr char kIndexSetLetter = 'S';
+inline constexpr char kCountLetter = 'C';
+inline constexpr char kSetChangeLetter = 'W';
+
+}  // namespace lscore::format
+
+#endif

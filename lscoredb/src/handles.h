@@ -1,0 +1,105 @@
+#ifndef LSCOREDB_SRC_HANDLES_H
+#define LSCOREDB_SRC_HANDLES_H
+
+// Handles that the outside may hold for ever: a number that is looked up without locks, and that stops
+// to name anything the moment its object is retired. A handle is a slot and how often it was used.
+// Objects are not owned. Find may be called from any thread with any number; the object that it
+// returns belongs to whoever may use the handle.
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "status.h"
+
+namespace lscore {
+
+template <typename T>
+class HandleTable {
+ public:
+  T* Find(std::uint64_t handle) const {
+    std::uint64_t const slot = handle & 0xFFFFFFFF;
+    if (slot / kChunk >= kChunks) return nullptr;
+    Chunk const* const chunk = chunks_[slot / kChunk].load(std::memory_order_acquire);
+    if (chunk == nullptr) return nullptr;
+    Slot const& at = (*chunk)[slot % kChunk];
+    if (at.handle.load(std::memory_order_acquire) != handle) return nullptr;
+    return at.object.load(std::memory_order_relaxed);
+  }
+
+  // A new handle, never 0, for `object`.
+  std::uint64_t Register(T& object) {
+    std::lock_guard const lock(mutex_);
+    std::uint64_t const slot = TakeSlot();
+    Slot& at = SlotOf(slot);
+    at.object.store(&object, std::memory_order_relaxed);
+    return Revive(at, slot);
+  }
+
+  // Makes the handle name nothing; its object keeps the slot and may be revived with another handle.
+  void Suspend(std::uint64_t handle) {
+    SlotOf(handle & 0xFFFFFFFF).handle.store(0, std::memory_order_release);
+  }
+  // REQUIRES: `handle` was suspended, and its object is the same.
+  std::uint64_t Revive(std::uint64_t handle) {
+    std::uint64_t const slot = handle & 0xFFFFFFFF;
+    return Revive(SlotOf(slot), slot);
+  }
+  // Gives the slot back. The handle may be suspended.
+  void Retire(std::uint64_t handle) {
+    std::lock_guard const lock(mutex_);
+    Suspend(handle);
+    free_.push_back(handle & 0xFFFFFFFF);  // never grows: TakeSlot reserved for it
+  }
+
+ private:
+  static constexpr std::size_t kChunk = 256;
+  static constexpr std::size_t kChunks = 16384;
+
+  struct Slot {
+    std::atomic<std::uint64_t> handle{0};
+    std::atomic<T*> object{nullptr};
+    std::uint64_t uses = 0;  // of the slot's owner
+  };
+  using Chunk = std::array<Slot, kChunk>;
+
+  Slot& SlotOf(std::uint64_t slot) {
+    return (*chunks_[slot / kChunk].load(std::memory_order_acquire))[slot % kChunk];
+  }
+
+  static std::uint64_t Revive(Slot& at, std::uint64_t slot) {
+    if (++at.uses >> 32 != 0) at.uses = 1;
+    std::uint64_t const handle = at.uses << 32 | slot;
+    at.handle.store(handle, std::memory_order_release);
+    return handle;
+  }
+
+  std::uint64_t TakeSlot() {
+    if (free_.empty()) AddChunk();
+    std::uint64_t const slot = free_.back();
+    free_.pop_back();
+    return slot;
+  }
+
+  void AddChunk() {
+    if (owned_.size() == kChunks) Throw(LSCOREDB_NO_MEMORY);
+    std::size_t const number = owned_.size();
+    free_.reserve((number + 1) * kChunk);
+    owned_.reserve(number + 1);
+    owned_.push_back(std::make_unique<Chunk>());
+    chunks_[number].store(owned_.back().get(), std::memory_order_release);
+    for (std::size_t i = kChunk; i > 0; --i) free_.push_back(number * kChunk + i - 1);
+  }
+
+  std::array<std::atomic<Chunk*>, kChunks> chunks_{};
+  std::mutex mutex_;
+  std::vector<std::unique_ptr<Chunk>> owned_;
+  std::vector<std::uint64_t> free_;
+};
+
+}  // namespace lscore
+
+#endif

@@ -1,0 +1,138 @@
+#include <lscoredb/host.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include "contract.h"
+
+namespace lscore {
+namespace {
+
+constexpr std::uint64_t kSmallestFile = 64 * 1024;
+
+// Fields that the caller's record is too short for count as 0.
+lscoredb_options OptionsOf(lscoredb_options const* given) {
+  lscoredb_options options{};
+  if (given == nullptr) return options;
+  if (given->size < sizeof given->size) Throw(LSCOREDB_INVALID_ARGUMENT);
+  std::memcpy(&options, given, std::min(given->size, sizeof options));
+  return options;
+}
+
+StoreOptions StoreOptionsOf(lscoredb_options const& options) {
+  if (options.durability > LSCOREDB_NO_SYNC) Throw(LSCOREDB_INVALID_ARGUMENT);
+  StoreOptions store;
+  store.sync = options.durability == LSCOREDB_DURABLE;
+  if (options.max_readers != 0) store.max_readers = options.max_readers;
+  if (options.max_file_size != 0) {
+    store.max_file_size = std::max(options.max_file_size, kSmallestFile);
+  }
+  return store;
+}
+
+template <typename Work>
+Status WithContext(std::uint64_t handle, Work&& work) noexcept {
+  return Guarded([&]() -> Status {
+    Context* const context = Contexts().Find(handle);
+    return context == nullptr ? LSCOREDB_UNKNOWN_CONTEXT : work(*context);
+  });
+}
+
+}  // namespace
+}  // namespace lscore
+
+using namespace lscore;
+
+uint32_t lscoredb_open(char const* directory, lscoredb_options const* options, lscoredb** out) {
+  return Guarded([&]() -> Status {
+    if (out == nullptr) return LSCOREDB_NULL_ARGUMENT;
+    StoreOptions const store = StoreOptionsOf(OptionsOf(options));
+    auto handle = std::make_unique<lscoredb>();
+    handle->database = OpenDatabase(directory, store);
+    *out = handle.release();
+    return LORV_STATUS_OK;
+  });
+}
+
+uint32_t lscoredb_close(lscoredb* database) {
+  return Guarded([&]() -> Status {
+    if (database == nullptr) return LSCOREDB_NULL_ARGUMENT;
+    if (database->contexts != 0) return LSCOREDB_IN_USE;
+    CloseDatabase(std::move(database->database));
+    std::unique_ptr<lscoredb> const closed(database);
+    return LORV_STATUS_OK;
+  });
+}
+
+uint32_t lscoredb_context_open(lscoredb* database, uint64_t* out_context) {
+  return Guarded([&]() -> Status {
+    if (database == nullptr || out_context == nullptr) return LSCOREDB_NULL_ARGUMENT;
+    auto context = std::make_unique<Context>(*database);
+    *out_context = Contexts().Register(*context);
+    context.release();  // the handle owns it now
+    return LORV_STATUS_OK;
+  });
+}
+
+uint32_t lscoredb_context_close(uint64_t context) {
+  return WithContext(context, [&](Context& found) {
+    std::unique_ptr<Context> const closed(&found);
+    Contexts().Retire(context);
+    return LORV_STATUS_OK;
+  });
+}
+
+uint32_t lscoredb_begin(uint64_t context, uint32_t flags) {
+  return WithContext(context, [&](Context& found) -> Status {
+    if (flags > LSCOREDB_READ_ONLY_TRANSACTION) return LSCOREDB_INVALID_ARGUMENT;
+    if (found.transaction().open()) return LSCOREDB_TRANSACTION_OPEN;
+    found.transaction().Begin(flags == LSCOREDB_READ_ONLY_TRANSACTION);
+    return LORV_STATUS_OK;
+  });
+}
+
+uint32_t lscoredb_commit(uint64_t context) {
+  return WithTransaction(context, [](Transaction& transaction) { return transaction.Commit(); });
+}
+
+uint32_t lscoredb_rollback(uint64_t context) {
+  return WithTransaction(context, [](Transaction& transaction) {
+    transaction.Rollback();
+    return LORV_STATUS_OK;
+  });
+}
+
+uint32_t lscoredb_read_scope_begin(uint64_t context) {
+  return WithTransaction(context, [](Transaction& transaction) {
+    transaction.handouts().BeginScope();
+    return LORV_STATUS_OK;
+  });
+}
+
+uint32_t lscoredb_read_scope_end(uint64_t context) {
+  return WithTransaction(context, [](Transaction& transaction) {
+    return transaction.handouts().EndScope() ? LORV_STATUS_OK : LSCOREDB_INVALID_ARGUMENT;
+  });
+}
+
+uint32_t lscoredb_move_object(uint64_t context, uint64_t oid, uint16_t layout) {
+  return WithWriting(context, [&](Transaction& transaction) {
+    return transaction.Move(ObjectId{oid}, LayoutNumber{layout});
+  });
+}
+
+uint32_t lscoredb_layout_stats(uint64_t context, uint32_t* count, lscoredb_layout_statistics* out) {
+  return WithTransaction(context, [&](Transaction& transaction) -> Status {
+    if (count == nullptr || (out == nullptr && *count != 0)) return LSCOREDB_NULL_ARGUMENT;
+    std::vector<LayoutNumber> const numbers = transaction.AllLayoutNumbers();
+    for (std::size_t i = 0; i < numbers.size() && i < *count; ++i) {
+      Layout const* const layout = transaction.FindLayout(numbers[i]);
+      if (layout == nullptr) return LSCOREDB_DAMAGED;
+      out[i] = {Raw(numbers[i]), Raw(layout->token()), transaction.CountObjects(numbers[i])};
+    }
+    *count = static_cast<uint32_t>(numbers.size());
+    return LORV_STATUS_OK;
+  });
+}
+
+char const* lscoredb_status_text(uint32_t status) { return StatusText(status); }

@@ -1,0 +1,134 @@
+#include "iterator.h"
+
+#include <algorithm>
+
+#include "keys.h"
+#include "transaction.h"
+
+namespace lscore {
+
+Status Transaction::OpenIterator(Iterator& iterator, IndexId id, bool reverse,
+                                 void const* first_key, void const* last_key) {
+  IndexDefinition const* const index = FindIndex(id);
+  if (index == nullptr) return LORV_STATUS_NO_INDEX;
+  iterator.low_.clear();
+  iterator.high_.clear();
+  void const* const low = reverse ? last_key : first_key;
+  void const* const high = reverse ? first_key : last_key;
+  if (!AppendContractKey(iterator.low_, low, index->key_columns) ||
+      !AppendContractKey(iterator.high_, high, index->key_columns)) {
+    return LSCOREDB_MALFORMED_KEY;
+  }
+  open_iterators_.push_back(&iterator);
+  try {
+    iterator.Start(*this, *index, reverse);
+  } catch (...) {
+    CloseIterator(iterator);
+    throw;
+  }
+  return LORV_STATUS_OK;
+}
+
+void Transaction::CloseIterator(Iterator& iterator) {
+  open_iterators_.erase(std::remove(open_iterators_.begin(), open_iterators_.end(), &iterator),
+                        open_iterators_.end());
+  iterator.Finish();
+}
+
+void Iterator::Start(Transaction& transaction, IndexDefinition const& index, bool reverse) {
+  transaction_ = &transaction;
+  reverse_ = reverse;
+  seen_ = transaction.now_;
+  pending_ = transaction.changes_.FindIndex(index.id);
+  has_committed_ = pending_ == nullptr || pending_->committed();
+  if (has_committed_) {
+    committed_.Open(*transaction.snapshot_, index);
+    reverse ? committed_.SeekLast(high_) : committed_.SeekFirst(low_);
+  }
+  at_end_ = pending_ == nullptr;
+  if (at_end_) return;
+  PendingIndex::Map const& map = pending_->map();
+  if (reverse) {
+    at_ = map.lower_bound(BehindPrefix{high_});
+    at_end_ = at_ == map.begin();
+    if (!at_end_) --at_;
+  } else {
+    at_ = map.lower_bound(PendingKey{low_, kNoObject});
+    at_end_ = at_ == map.end();
+  }
+  SkipUntouched();
+}
+
+void Iterator::Finish() {
+  transaction_ = nullptr;
+  pending_ = nullptr;
+}
+
+bool Iterator::CommittedInRange() const {
+  if (!has_committed_ || !committed_.valid()) return false;
+  EncodedKey const& key = committed_.entry().key;
+  return reverse_ ? Compare(key, {low_, {}}) >= 0 : ComparePrefix(key, high_) <= 0;
+}
+
+bool Iterator::PendingInRange() const {
+  if (at_end_) return false;
+  EncodedKey const key{at_->first.encoded, {}};
+  return reverse_ ? Compare(key, {low_, {}}) >= 0 : ComparePrefix(key, high_) <= 0;
+}
+
+void Iterator::StepCommitted() { reverse_ ? committed_.Previous() : committed_.Next(); }
+
+void Iterator::StepPending() {
+  if (reverse_) {
+    at_end_ = at_ == pending_->map().begin();
+    if (!at_end_) --at_;
+  } else {
+    at_end_ = ++at_ == pending_->map().end();
+  }
+}
+
+// Entries that were written after the walk began are as the snapshot has them.
+void Iterator::SkipUntouched() {
+  while (!at_end_ && at_->second.At(seen_) == EntryState::kUntouched) StepPending();
+}
+
+bool Iterator::NextEntry(Entry* out) {
+  for (;;) {
+    SkipUntouched();
+    bool const committed = CommittedInRange();
+    bool const pending = PendingInRange();
+    if (!committed && !pending) return false;
+    Entry own;
+    if (pending) own = {{at_->first.encoded, {}}, at_->first.object, at_->second.layout};
+    int order = committed ? -1 : 1;
+    if (committed && pending) {
+      order = Compare(committed_.entry(), own);
+      if (reverse_) order = -order;
+    }
+    if (order < 0) {
+      *out = committed_.entry();
+      StepCommitted();
+      return true;
+    }
+    bool const present = at_->second.At(seen_) == EntryState::kPresent;
+    *out = own;
+    if (order == 0) StepCommitted();
+    StepPending();
+    if (present) return true;
+  }
+}
+
+Status Iterator::Next(ObjectId* object, LayoutNumber* layout) {
+  if (transaction_ == nullptr) return LSCOREDB_NO_TRANSACTION;
+  for (Entry entry; NextEntry(&entry);) {
+    PendingRow const* const row = transaction_->changes_.FindRow(entry.object);
+    if (row != nullptr && row->deleted) continue;
+    *object = entry.object;
+    *layout = row != nullptr ? row->layout->number() : entry.layout;
+    return LORV_STATUS_OK;
+  }
+  *object = kNoObject;
+  return LORV_STATUS_OK;
+}
+
+}  // namespace lscore

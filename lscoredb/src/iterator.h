@@ -1,0 +1,57 @@
+#ifndef LSCOREDB_SRC_ITERATOR_H
+#define LSCOREDB_SRC_ITERATOR_H
+
+// A walk over a range of an index as it stood when the walk began: the snapshot's entries, merged with
+// those that the transaction had written by then. Belongs to the thread of its transaction. It may be
+// opened again once closed, which takes no memory in the common case.
+
+#include <optional>
+#include <string>
+
+#include "entries.h"
+#include "ids.h"
+#include "pending.h"
+#include "status.h"
+
+namespace lscore {
+
+class Transaction;
+
+class Iterator {
+ public:
+  Iterator() = default;
+  Iterator(Iterator const&) = delete;
+  Iterator& operator=(Iterator const&) = delete;
+
+  // The next object that is still there; kNoObject at the end. LSCOREDB_NO_TRANSACTION: the transaction
+  // that the walk belongs to has ended.
+  Status Next(ObjectId* object, LayoutNumber* layout);
+
+ private:
+  friend class Transaction;
+
+  // REQUIRES: low_ and high_ are set.
+  void Start(Transaction& transaction, IndexDefinition const& index, bool reverse);
+  void Finish();
+  bool NextEntry(Entry* out);
+  bool CommittedInRange() const;
+  bool PendingInRange() const;
+  void StepCommitted();
+  void StepPending();
+  void SkipUntouched();
+
+  Transaction* transaction_ = nullptr;  // null: not open, or ended
+  bool reverse_ = false;
+  Sequence seen_ = 0;  // later writes are not seen
+  std::string low_;
+  std::string high_;
+  EntryCursor committed_;
+  bool has_committed_ = false;
+  PendingIndex const* pending_ = nullptr;
+  PendingIndex::Map::const_iterator at_;
+  bool at_end_ = true;
+};
+
+}  // namespace lscore
+
+#endif

@@ -1,0 +1,232 @@
+#ifndef LSCOREDB_SRC_PENDING_H
+#define LSCOREDB_SRC_PENDING_H
+
+// What a transaction has written and not committed: rows, index entries, layouts, indexes.
+//
+// It belongs to one transaction and goes with it. Rows and entries live in its arena; bytes of rows may
+// also lie in the snapshot that the transaction reads. Other threads read it only while the transaction
+// waits in commit.
+
+#include <map>
+#include <memory>
+#include <memory_resource>
+#include <string_view>
+#include <vector>
+
+#include "arena.h"
+#include "definitions.h"
+#include "entries.h"
+#include "ids.h"
+#include "layout.h"
+#include "oid_map.h"
+#include "row.h"
+
+namespace lscore {
+
+// ---- rows --------------------------------------------------------------------------------------
+
+struct PendingRow {
+  ObjectId id{};
+  Layout const* layout = nullptr;
+  Cell setspec;
+  Cell* cells = nullptr;  // one for each stored column of `layout`
+  // The row as the snapshot has it; null: inserted by this transaction.
+  char const* original = nullptr;
+  Layout const* original_layout = nullptr;
+  // The committed indexes over its set; null: not looked up, or no set specifier.
+  IndexList const* covering = nullptr;
+  bool given_id = false;  // inserted with an identity of the caller's choice
+  bool changed = false;
+  bool deleted = false;
+  bool in_parts = false;  // the committed image
+
+  bool inserted() const { return original == nullptr; }
+  std::span<Cell const> all_cells() const { return {cells, layout->bit_count()}; }
+  Cell& cell(std::uint32_t column) const { return cells[column - kFirstStoredColumn]; }
+};
+
+// A row to read, whichever form it has. A few words, passed by value; valid until the row is written.
+struct RowRef {
+  ObjectId id{};
+  Layout const* layout = nullptr;
+  char const* image = nullptr;          // of a row as committed
+  PendingRow const* pending = nullptr;  // of a row that the transaction has touched
+
+  // REQUIRES: number >= kFirstStoredColumn.
+  Cell Read(std::uint32_t number) const {
+    if (pending != nullptr) return pending->cell(number);
+    return RowImage(image).Read(*layout, layout->column(number));
+  }
+  Cell Setspec() const {
+    return pending != nullptr ? pending->setspec : RowImage(image).Setspec(*layout);
+  }
+  bool deleted() const { return pending != nullptr && pending->deleted; }
+  bool inserted() const { return pending != nullptr && pending->inserted(); }
+};
+
+inline RowRef RefOf(PendingRow const& row) { return {row.id, row.layout, nullptr, &row}; }
+// The row as the snapshot has it. REQUIRES: !row.inserted().
+inline RowRef OriginalOf(PendingRow const& row) {
+  return {row.id, row.original_layout, row.original, nullptr};
+}
+
+// ---- keys of rows ------------------------------------------------------------------------------
+
+struct KeyFacts {
+  bool has_null = false;       // collides with nothing
+  bool has_unwritten = false;  // of an object that the transaction inserted: collides with nothing yet
+};
+
+// Encodes the index key of a row. Columns are found by token; one that the row's layout lacks is null, or
+// zero where the index says that it is not nullable.
+class KeyEncoder {
+ public:
+  KeyFacts Encode(IndexDefinition const& index, RowRef const& row, KeyBytes& out);
+
+ private:
+  void AppendValue(IndexColumn const& column, bool descending, Cell const& cell, KeyBytes& out);
+
+  std::u16string text_;
+};
+
+// ---- index entries -----------------------------------------------------------------------------
+
+using Sequence = std::uint64_t;
+
+enum class EntryState : std::uint8_t {
+  kUntouched,  // as the snapshot has it
+  kPresent,
+  kRemoved,
+};
+
+struct PendingKey {
+  std::string_view encoded;
+  ObjectId object{};
+};
+
+// Stands behind all keys that begin with `prefix`.
+struct BehindPrefix {
+  std::string_view prefix;
+};
+
+struct PendingKeyLess {
+  using is_transparent = void;
+  bool operator()(PendingKey const& a, PendingKey const& b) const {
+    int const order = a.encoded.compare(b.encoded);
+    return order != 0 ? order < 0 : a.object < b.object;
+  }
+  bool operator()(PendingKey const& a, BehindPrefix b) const {
+    return a.encoded.substr(0, b.prefix.size()).compare(b.prefix) <= 0;
+  }
+  bool operator()(BehindPrefix a, PendingKey const& b) const { return !(*this)(b, a); }
+};
+
+struct PendingEntry {
+  EntryState state = EntryState::kUntouched;
+  bool may_be_committed = false;  // the snapshot may hold this entry too
+  KeyFacts facts;
+  LayoutNumber layout{};  // of an object that the transaction has not touched
+  Sequence since = 0;
+  PendingEntry const* older = nullptr;  // what open iterators may still have to see
+
+  EntryState At(Sequence when) const {
+    PendingEntry const* entry = this;
+    while (entry != nullptr && entry->since > when) entry = entry->older;
+    return entry == nullptr ? EntryState::kUntouched : entry->state;
+  }
+};
+
+class PendingIndex {
+ public:
+  using Map = std::pmr::map<PendingKey, PendingEntry, PendingKeyLess>;
+
+  // `committed`: the snapshot holds entries of the index too.
+  PendingIndex(IndexDefinition const& index, bool committed, Arena& arena)
+      : index_(&index), committed_(committed), arena_(&arena), map_(&arena) {}
+
+  IndexDefinition const& index() const { return *index_; }
+  bool committed() const { return committed_; }
+  Map const& map() const { return map_; }
+
+  // The entry's newest state, or null when the transaction has not touched it.
+  PendingEntry const* Find(std::string_view encoded, ObjectId object) const;
+
+  // `keep_history`: an open iterator may have to see the state that is replaced.
+  void Add(PendingKey key, KeyFacts facts, bool may_be_committed, Sequence now, bool keep_history);
+  // An entry of an object that the transaction has not touched.
+  void AddUntouched(PendingKey key, KeyFacts facts, LayoutNumber layout, Sequence now);
+  void Remove(PendingKey key, Sequence now, bool keep_history);
+  void SetFacts(PendingKey key, KeyFacts facts);
+
+  // Whether an entry of another object with this encoding is there now. Entries with unwritten
+  // columns count only with `count_unwritten`.
+  bool HasOther(PendingKey key, bool count_unwritten) const;
+
+ private:
+  PendingEntry& Change(Map::iterator at, Sequence now, bool keep_history);
+
+  IndexDefinition const* index_;
+  bool committed_;
+  Arena* arena_;
+  Map map_;
+};
+
+// Whether `view` holds an entry of another object with this encoding that the transaction leaves.
+bool CommittedHasOther(View const& view, EntryCursor& cursor, PendingIndex const& pending,
+                       PendingKey key);
+
+// ---- all of it ---------------------------------------------------------------------------------
+
+class PendingChanges {
+ public:
+  Arena& arena() { return arena_; }
+
+  PendingRow* FindRow(ObjectId id) const {
+    auto const* const found = rows_.Find(Raw(id));
+    return found == nullptr ? nullptr : *found;
+  }
+  PendingRow& AddRow(ObjectId id);
+  // REQUIRES: the row was added and nothing came of it.
+  void ForgetRow(ObjectId id) { rows_.Erase(Raw(id)); }
+  Cell* NewCells(Layout const& layout);
+  template <typename Visit>
+  void ForEachRow(Visit&& visit) const {
+    rows_.ForEach([&](std::uint64_t, PendingRow* row) { visit(*row); });
+  }
+
+  PendingIndex* FindIndex(IndexId id) const;
+  PendingIndex& AddIndex(IndexDefinition const& index, bool committed);
+  std::vector<std::unique_ptr<PendingIndex>> const& indexes() const { return indexes_; }
+
+  std::vector<std::unique_ptr<Layout const>> const& layouts() const { return layouts_; }
+  void AddLayout(std::unique_ptr<Layout const> layout) { layouts_.push_back(std::move(layout)); }
+  std::vector<std::unique_ptr<IndexDefinition const>> const& created_indexes() const {
+    return created_;
+  }
+  std::vector<IndexDefinition const*> const& dropped_indexes() const { return dropped_; }
+  // With the entries of the objects that are there.
+  void CreateIndex(std::unique_ptr<IndexDefinition const> index,
+                   std::unique_ptr<PendingIndex> entries);
+  // Of an index that the transaction created nothing is left to be committed.
+  void DropIndex(IndexDefinition const& index);
+  IndexDefinition const* FindCreated(IndexId id) const;
+  bool IsDropped(IndexId id) const;
+
+  bool empty() const;
+  void Clear();
+
+ private:
+  Arena arena_;
+  OidMap<PendingRow*> rows_;
+  OidMap<PendingIndex*> index_by_id_;
+  std::vector<std::unique_ptr<PendingIndex>> indexes_;
+  std::vector<std::unique_ptr<PendingIndex>> forgotten_;  // iterators may still stand in them
+  std::vector<std::unique_ptr<Layout const>> layouts_;
+  std::vector<std::unique_ptr<IndexDefinition const>> created_;
+  std::vector<std::unique_ptr<IndexDefinition const>> created_and_dropped_;
+  std::vector<IndexDefinition const*> dropped_;
+};
+
+}  // namespace lscore
+
+#endif

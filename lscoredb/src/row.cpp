@@ -1,0 +1,213 @@
+#include "row.h"
+
+#include <limits>
+
+#include "crc32c.h"
+
+namespace lscore {
+namespace {
+
+constexpr std::uint64_t kWideSmall = std::uint64_t{1} << 31;
+constexpr std::uint64_t kWideBig = std::uint64_t{1} << 63;
+
+std::size_t BitmapSize(Layout const& layout) { return (layout.bit_count() + 63) / 64 * 8; }
+
+}  // namespace
+
+// ---- reading -----------------------------------------------------------------------------------
+
+std::uint64_t RowImage::End(std::size_t ends, std::uint32_t index, bool* wide) const {
+  if ((flags() & format::kBigEnds) != 0) {
+    auto const end = Load<std::uint64_t>(bytes_ + ends + std::size_t{8} * index);
+    *wide = (end & kWideBig) != 0;
+    return end & ~kWideBig;
+  }
+  auto const end = Load<std::uint32_t>(bytes_ + ends + std::size_t{4} * index);
+  *wide = (end & kWideSmall) != 0;
+  return end & ~kWideSmall;
+}
+
+Cell RowImage::Read(Layout const& layout, Column const& column) const {
+  Cell cell;
+  cell.present = Present(column);
+  if (!cell.present) return cell;
+  if (column.fixed) {
+    cell.bits = Fixed(layout, column);
+    return cell;
+  }
+  std::uint32_t const fixed = CountBelow(layout.fixed_count());
+  std::uint32_t const all = CountBelow(layout.bit_count());
+  std::uint32_t const index = CountBelow(column.bit) - fixed;
+  std::size_t const ends = FixedOffset(layout) + std::size_t{8} * fixed;
+  std::size_t const end_size = (flags() & format::kBigEnds) != 0 ? 8 : 4;
+  char const* const values = bytes_ + ends + end_size * (all - fixed) +
+                             Load<std::uint64_t>(bytes_ + format::kSetspecSizeOffset);
+  bool ignored = false;
+  std::uint64_t const begin = index == 0 ? 0 : End(ends, index - 1, &ignored);
+  cell.data = values + begin;
+  cell.size = End(ends, index, &cell.wide) - begin;
+  return cell;
+}
+
+Cell RowImage::Setspec(Layout const& layout) const {
+  Cell cell;
+  cell.present = (flags() & format::kHasSetspec) != 0;
+  cell.wide = (flags() & format::kWideSetspec) != 0;
+  std::uint32_t const fixed = CountBelow(layout.fixed_count());
+  std::uint32_t const all = CountBelow(layout.bit_count());
+  std::size_t const end_size = (flags() & format::kBigEnds) != 0 ? 8 : 4;
+  cell.data = bytes_ + FixedOffset(layout) + std::size_t{8} * fixed + end_size * (all - fixed);
+  cell.size = Load<std::uint64_t>(bytes_ + format::kSetspecSizeOffset);
+  return cell;
+}
+
+// ---- checking ----------------------------------------------------------------------------------
+
+// The lengths inside an image, each looked at before it is used.
+class ImageCheck {
+ public:
+  ImageCheck(std::string_view bytes, Layout const& layout)
+      : bytes_(bytes), layout_(layout), image_(bytes.data()) {}
+
+  bool Holds() const { return HeaderHolds() && BitsHold() && EndsHold(); }
+
+ private:
+  bool HeaderHolds() const {
+    return bytes_.size() >= format::kHeaderSize + BitmapSize(layout_) &&
+           Load<std::uint32_t>(bytes_.data() + format::kCrcOffset) == Crc32c(bytes_.substr(4)) &&
+           image_.layout() == layout_.number() &&
+           Load<std::uint32_t>(bytes_.data() + format::kBitCountOffset) == layout_.bit_count();
+  }
+  bool BitsHold() const {
+    std::uint32_t const used = layout_.bit_count() % 64;
+    return used == 0 || (image_.Word(layout_.bit_count() / 64) >> used) == 0;
+  }
+  bool EndsHold() const {
+    std::uint32_t const fixed = image_.CountBelow(layout_.fixed_count());
+    std::uint32_t const variable = image_.CountBelow(layout_.bit_count()) - fixed;
+    std::size_t const end_size = (image_.flags() & format::kBigEnds) != 0 ? 8 : 4;
+    std::size_t const ends = RowImage::FixedOffset(layout_) + std::size_t{8} * fixed;
+    std::size_t const values = ends + end_size * variable;
+    auto const setspec = Load<std::uint64_t>(bytes_.data() + format::kSetspecSizeOffset);
+    if (values > bytes_.size() || setspec > bytes_.size() - values) return false;
+    std::uint64_t last = 0;
+    for (std::uint32_t i = 0; i < variable; ++i) {
+      bool wide = false;
+      std::uint64_t const end = image_.End(ends, i, &wide);
+      if (end < last || (wide && (end - last) % 2 != 0)) return false;
+      last = end;
+    }
+    return last == bytes_.size() - values - setspec;
+  }
+
+  std::string_view bytes_;
+  Layout const& layout_;
+  RowImage image_;
+};
+
+bool RowImage::Validate(std::string_view bytes, Layout const& layout) {
+  return ImageCheck(bytes, layout).Holds();
+}
+
+bool IsStub(std::string_view bytes) {
+  return bytes.size() == format::kStubSize &&
+         (Load<std::uint16_t>(bytes.data() + format::kFlagsOffset) & format::kInParts) != 0;
+}
+
+std::uint64_t WholeSize(std::string_view stub) {
+  return Load<std::uint64_t>(stub.data() + format::kHeaderSize);
+}
+
+// ---- building ----------------------------------------------------------------------------------
+
+namespace {
+
+// The columns of a layout in the order of their presence bits.
+template <typename Visit>
+void ForEachByBit(Layout const& layout, Visit&& visit) {
+  for (bool const fixed : {true, false}) {
+    for (std::uint32_t i = kFirstStoredColumn; i < layout.column_count(); ++i) {
+      if (layout.column(i).fixed == fixed) visit(layout.column(i), i - kFirstStoredColumn);
+    }
+  }
+}
+
+std::size_t VariableSize(Layout const& layout, std::span<Cell const> cells) {
+  std::size_t size = 0;
+  ForEachByBit(layout, [&](Column const& column, std::uint32_t i) {
+    if (!column.fixed && cells[i].present) size += cells[i].size;
+  });
+  return size;
+}
+
+void AppendHeader(std::string& image, Layout const& layout, CommitId commit, Cell const& setspec,
+                  bool big) {
+  unsigned flags = big ? format::kBigEnds : 0u;
+  if (setspec.present) flags |= format::kHasSetspec;
+  if (setspec.present && setspec.wide) flags |= format::kWideSetspec;
+  Append(image, std::uint32_t{0});
+  Append(image, Raw(layout.number()));
+  Append(image, static_cast<std::uint16_t>(flags));
+  Append(image, Raw(commit));
+  Append(image, std::uint64_t{setspec.present ? setspec.size : 0});
+  Append(image, layout.bit_count());
+  Append(image, std::uint32_t{0});
+}
+
+void AppendBits(std::string& image, Layout const& layout, std::span<Cell const> cells) {
+  std::size_t const start = image.size();
+  image.append(BitmapSize(layout), '\0');
+  ForEachByBit(layout, [&](Column const& column, std::uint32_t i) {
+    if (!cells[i].present) return;
+    char& byte = image[start + column.bit / 8];
+    byte = static_cast<char>(static_cast<unsigned char>(byte) | (1u << (column.bit % 8)));
+  });
+}
+
+void AppendFixed(std::string& image, Layout const& layout, std::span<Cell const> cells) {
+  ForEachByBit(layout, [&](Column const& column, std::uint32_t i) {
+    if (column.fixed && cells[i].present) Append(image, cells[i].bits);
+  });
+}
+
+void AppendEnds(std::string& image, Layout const& layout, std::span<Cell const> cells, bool big) {
+  std::uint64_t end = 0;
+  ForEachByBit(layout, [&](Column const& column, std::uint32_t i) {
+    if (column.fixed || !cells[i].present) return;
+    end += cells[i].size;
+    if (big) {
+      Append(image, end | (cells[i].wide ? kWideBig : 0));
+    } else {
+      Append(image, static_cast<std::uint32_t>(end | (cells[i].wide ? kWideSmall : 0)));
+    }
+  });
+}
+
+}  // namespace
+
+std::string_view ImageBuilder::Build(Layout const& layout, CommitId commit, Cell const& setspec,
+                                     std::span<Cell const> cells) {
+  bool const big = VariableSize(layout, cells) >= kWideSmall;
+  image_.clear();
+  AppendHeader(image_, layout, commit, setspec, big);
+  AppendBits(image_, layout, cells);
+  AppendFixed(image_, layout, cells);
+  AppendEnds(image_, layout, cells, big);
+  if (setspec.present) image_.append(setspec.bytes());
+  ForEachByBit(layout, [&](Column const& column, std::uint32_t i) {
+    if (!column.fixed && cells[i].present) image_.append(cells[i].bytes());
+  });
+  StoreAt(image_.data() + format::kCrcOffset, Crc32c(std::string_view(image_).substr(4)));
+  return image_;
+}
+
+std::string ImageBuilder::Stub(std::string_view image) {
+  std::string stub(image.substr(0, format::kHeaderSize));
+  unsigned const flags = Load<std::uint16_t>(stub.data() + format::kFlagsOffset) | format::kInParts;
+  StoreAt(stub.data() + format::kFlagsOffset, static_cast<std::uint16_t>(flags));
+  Append(stub, std::uint64_t{image.size()});
+  StoreAt(stub.data() + format::kCrcOffset, Crc32c(std::string_view(stub).substr(4)));
+  return stub;
+}
+
+}  // namespace lscore

@@ -1,0 +1,100 @@
+#ifndef LSCOREDB_SRC_ROW_H
+#define LSCOREDB_SRC_ROW_H
+
+// Rows: the stored image, the editable cells that a transaction writes into, and one way to read both.
+// An image is read where it lies; cells point into the image or into the memory of their transaction.
+// None of it owns memory.
+
+#include <bit>
+#include <cstdint>
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "bytes.h"
+#include "format.h"
+#include "ids.h"
+#include "layout.h"
+#include "text.h"
+
+namespace lscore {
+
+// The value of one column.
+struct Cell {
+  std::uint64_t bits = 0;      // a fixed column's value
+  char const* data = nullptr;  // a variable column's bytes
+  std::size_t size = 0;
+  bool present = false;  // otherwise null, or zero where the column is not nullable
+  bool wide = false;     // of a text
+
+  std::string_view bytes() const { return {data, size}; }
+  PackedText text() const { return {bytes(), wide}; }
+};
+
+// An image in place. Everything but Validate takes the image to be valid.
+class RowImage {
+ public:
+  explicit RowImage(char const* bytes) : bytes_(bytes) {}
+
+  LayoutNumber layout() const {
+    return LayoutNumber{Load<std::uint16_t>(bytes_ + format::kLayoutOffset)};
+  }
+  CommitId commit() const { return CommitId{Load<std::uint64_t>(bytes_ + format::kCommitOffset)}; }
+  bool Present(Column const& column) const {
+    return ((Word(column.bit / 64) >> (column.bit % 64)) & 1) != 0;
+  }
+  // REQUIRES: Present(column), column.fixed.
+  std::uint64_t Fixed(Layout const& layout, Column const& column) const {
+    return Load<std::uint64_t>(bytes_ + FixedOffset(layout) + 8 * CountBelow(column.bit));
+  }
+  // The value of a stored column, absent ones included.
+  Cell Read(Layout const& layout, Column const& column) const;
+  Cell Setspec(Layout const& layout) const;
+
+  // Whether `bytes` are an image under `layout`, checksum and inner lengths.
+  static bool Validate(std::string_view bytes, Layout const& layout);
+
+ private:
+  std::uint64_t Word(std::uint32_t index) const {
+    return Load<std::uint64_t>(bytes_ + format::kHeaderSize + 8 * index);
+  }
+  std::uint32_t CountBelow(std::uint32_t bit) const {
+    std::uint32_t count = 0;
+    for (std::uint32_t i = 0; i < bit / 64; ++i) {
+      count += static_cast<std::uint32_t>(std::popcount(Word(i)));
+    }
+    std::uint64_t const below = (std::uint64_t{1} << (bit % 64)) - 1;
+    return bit % 64 == 0 ? count
+                         : count + static_cast<std::uint32_t>(std::popcount(Word(bit / 64) & below));
+  }
+  static std::size_t FixedOffset(Layout const& layout) {
+    return format::kHeaderSize + (layout.bit_count() + 63) / 64 * 8;
+  }
+  std::uint16_t flags() const { return Load<std::uint16_t>(bytes_ + format::kFlagsOffset); }
+  std::uint64_t End(std::size_t ends, std::uint32_t index, bool* wide) const;
+
+  friend class ImageCheck;
+
+  char const* bytes_;
+};
+
+// Of stored bytes, whether they are only the head of an image whose rest lies in parts.
+bool IsStub(std::string_view bytes);
+std::uint64_t WholeSize(std::string_view stub);
+
+// Builds images one after another in memory that it keeps.
+class ImageBuilder {
+ public:
+  // `cells` are those of the columns from kFirstStoredColumn on.
+  std::string_view Build(Layout const& layout, CommitId commit, Cell const& setspec,
+                         std::span<Cell const> cells);
+  // The head that stands for an image in "rows" when the image itself goes to "parts".
+  static std::string Stub(std::string_view image);
+
+ private:
+  std::string image_;
+};
+
+}  // namespace lscore
+
+#endif

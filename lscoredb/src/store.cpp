@@ -1,0 +1,187 @@
+#include "store.h"
+
+#include <lmdb.h>
+
+#include <cerrno>
+
+#include "store_errors.h"
+
+namespace lscore {
+namespace {
+
+MDB_val ValueOf(std::string_view bytes) {
+  return {bytes.size(), const_cast<char*>(bytes.data())};
+}
+
+std::string_view BytesOf(MDB_val const& value) {
+  return {static_cast<char const*>(value.mv_data), value.mv_size};
+}
+
+}  // namespace
+
+Status StatusOfStore(int code) {
+  switch (code) {
+    case MDB_MAP_FULL:
+    case MDB_MAP_RESIZED:
+      return LSCOREDB_MAP_FULL;
+    case MDB_READERS_FULL:
+      return LSCOREDB_TOO_MANY_READERS;
+    case MDB_BAD_VALSIZE:
+    case MDB_TXN_FULL:
+      return LSCOREDB_TOO_LARGE;
+    case MDB_INVALID:
+    case MDB_VERSION_MISMATCH:
+      return LSCOREDB_NOT_A_DATABASE;
+    case MDB_CORRUPTED:
+    case MDB_PAGE_NOTFOUND:
+    case MDB_PANIC:
+      return LSCOREDB_DAMAGED;
+    case ENOSPC:
+    case EDQUOT:
+      return LSCOREDB_DISK_FULL;
+    case ENOMEM:
+      return LSCOREDB_NO_MEMORY;
+    default:
+      return LSCOREDB_IO_ERROR;
+  }
+}
+
+// ---- views -------------------------------------------------------------------------------------
+
+bool View::Get(Tree tree, std::string_view key, std::string_view* value) const {
+  MDB_val k = ValueOf(key);
+  MDB_val v;
+  int const code = mdb_get(txn_, store_->Handle(tree), &k, &v);
+  if (code == MDB_NOTFOUND) return false;
+  CheckStore(code);
+  *value = BytesOf(v);
+  return true;
+}
+
+CommitId View::id() const { return CommitId{mdb_txn_id(txn_)}; }
+
+Snapshot::~Snapshot() { mdb_txn_abort(txn_); }
+
+Batch::Batch(Store& store) : View(store, nullptr, false) {
+  CheckStore(mdb_txn_begin(store.env_, nullptr, 0, &txn_));
+}
+
+Batch::~Batch() {
+  if (txn_ != nullptr) mdb_txn_abort(txn_);
+}
+
+void Batch::Put(Tree tree, std::string_view key, std::string_view value) {
+  MDB_val k = ValueOf(key);
+  MDB_val v = ValueOf(value);
+  CheckStore(mdb_put(txn_, store_->Handle(tree), &k, &v, 0));
+}
+
+bool Batch::PutNew(Tree tree, std::string_view key, std::string_view value) {
+  MDB_val k = ValueOf(key);
+  MDB_val v = ValueOf(value);
+  int const code = mdb_put(txn_, store_->Handle(tree), &k, &v, MDB_NOOVERWRITE);
+  if (code == MDB_KEYEXIST) return false;
+  CheckStore(code);
+  return true;
+}
+
+bool Batch::Delete(Tree tree, std::string_view key) {
+  MDB_val k = ValueOf(key);
+  int const code = mdb_del(txn_, store_->Handle(tree), &k, nullptr);
+  if (code == MDB_NOTFOUND) return false;
+  CheckStore(code);
+  return true;
+}
+
+void Batch::Commit() {
+  MDB_txn* const txn = txn_;
+  txn_ = nullptr;  // the store ends the transaction whatever comes of it
+  CheckStore(mdb_txn_commit(txn));
+}
+
+// ---- cursors -----------------------------------------------------------------------------------
+
+void Cursor::Open(View const& view, Tree tree) {
+  bool const of_snapshot = view.frozen_;
+  if (cursor_ != nullptr && of_snapshot && of_snapshot_ && tree == tree_) {
+    CheckStore(mdb_cursor_renew(view.txn_, cursor_));
+    return;
+  }
+  Close();
+  CheckStore(mdb_cursor_open(view.txn_, view.store_->Handle(tree), &cursor_));
+  tree_ = tree;
+  of_snapshot_ = of_snapshot;
+}
+
+void Cursor::Close() {
+  if (cursor_ != nullptr) mdb_cursor_close(cursor_);
+  cursor_ = nullptr;
+}
+
+bool Cursor::Move(int operation) {
+  MDB_val k = ValueOf(key_);
+  MDB_val v{};
+  int const code = mdb_cursor_get(cursor_, &k, &v, static_cast<MDB_cursor_op>(operation));
+  if (code == MDB_NOTFOUND) return false;
+  CheckStore(code);
+  key_ = BytesOf(k);
+  value_ = BytesOf(v);
+  return true;
+}
+
+bool Cursor::Seek(std::string_view key) {
+  key_ = key;
+  return Move(MDB_SET_RANGE);
+}
+
+bool Cursor::First() { return Move(MDB_FIRST); }
+bool Cursor::Last() { return Move(MDB_LAST); }
+bool Cursor::Next() { return Move(MDB_NEXT); }
+bool Cursor::Previous() { return Move(MDB_PREV); }
+
+// ---- the store ---------------------------------------------------------------------------------
+
+Store::~Store() {
+  idle_.clear();
+  mdb_env_close(env_);
+}
+
+std::unique_ptr<Snapshot> Store::NewSnapshot() {
+  MDB_txn* txn = nullptr;
+  int code = mdb_txn_begin(env_, nullptr, MDB_RDONLY, &txn);
+  if (code == MDB_READERS_FULL) {  // slots of processes that died can be had back
+    int dead = 0;
+    CheckStore(mdb_reader_check(env_, &dead));
+    code = mdb_txn_begin(env_, nullptr, MDB_RDONLY, &txn);
+  }
+  CheckStore(code);
+  return std::make_unique<Snapshot>(*this, txn);
+}
+
+std::unique_ptr<Snapshot> Store::Begin() {
+  std::unique_ptr<Snapshot> snapshot;
+  {
+    std::lock_guard const lock(idle_mutex_);
+    if (!idle_.empty()) {
+      snapshot = std::move(idle_.back());
+      idle_.pop_back();
+    }
+  }
+  if (snapshot == nullptr) return NewSnapshot();
+  CheckStore(mdb_txn_renew(snapshot->txn_));
+  return snapshot;
+}
+
+void Store::End(std::unique_ptr<Snapshot> snapshot) noexcept {
+  mdb_txn_reset(snapshot->txn_);
+  std::lock_guard const lock(idle_mutex_);
+  try {
+    idle_.push_back(std::move(snapshot));
+  } catch (std::bad_alloc const&) {
+    snapshot.reset();  // one reader slot less to reuse, nothing lost
+  }
+}
+
+void Store::RequireSync() { CheckStore(mdb_env_set_flags(env_, MDB_NOSYNC, 0)); }
+
+}  // namespace lscore

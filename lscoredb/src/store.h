@@ -1,0 +1,149 @@
+#ifndef LSCOREDB_SRC_STORE_H
+#define LSCOREDB_SRC_STORE_H
+
+// The narrow seam to the ordered store below: snapshots to read, cursors over ordered keys, one atomic
+// batch of writes at a time. Only the store's own source files know what library does it.
+//
+// A Store is opened once per process and directory and outlives every view and cursor of it. Views
+// and cursors belong to one thread at a time. Bytes that a view hands out stay where they are until the
+// snapshot ends, those of a batch until its next write. All failures are thrown.
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "ids.h"
+
+struct MDB_env;
+struct MDB_txn;
+struct MDB_cursor;
+
+namespace lscore {
+
+enum class Tree : std::uint8_t { kRows, kParts, kIndex, kDefinitions, kMeta };
+inline constexpr std::size_t kTreeCount = 5;
+
+struct StoreOptions {
+  bool sync = true;
+  std::uint32_t max_readers = 1024;
+  std::uint64_t max_file_size = std::uint64_t{64} << 30;
+};
+
+class Store;
+
+// What a snapshot and a batch have in common: reading.
+class View {
+ public:
+  View(View const&) = delete;
+  View& operator=(View const&) = delete;
+
+  // Returns whether the key is there; `*value` is set iff it is.
+  bool Get(Tree tree, std::string_view key, std::string_view* value) const;
+  // The number of the state that is read; of a batch, of the state that its commit makes.
+  CommitId id() const;
+
+ protected:
+  View(Store& store, MDB_txn* txn, bool frozen) : store_(&store), txn_(txn), frozen_(frozen) {}
+  ~View() = default;
+
+  Store* store_;
+  MDB_txn* txn_;
+  bool frozen_;  // a snapshot
+
+ private:
+  friend class Cursor;
+};
+
+// A frozen state of the store. Comes from Store::Begin and goes back to it.
+class Snapshot : public View {
+ public:
+  Snapshot(Store& store, MDB_txn* txn) : View(store, txn, true) {}
+  ~Snapshot();
+
+ private:
+  friend class Store;
+};
+
+// The one open write transaction of the store. Changes nothing unless Commit returned.
+class Batch : public View {
+ public:
+  explicit Batch(Store& store);
+  ~Batch();
+
+  void Put(Tree tree, std::string_view key, std::string_view value);
+  // Returns false, with nothing changed, when the key is there already.
+  bool PutNew(Tree tree, std::string_view key, std::string_view value);
+  // Returns whether the key was there.
+  bool Delete(Tree tree, std::string_view key);
+  // REQUIRES: no cursor over this batch is open.
+  void Commit();
+};
+
+// Walks a tree in key order. May be opened over and over; over snapshots that costs no allocation.
+class Cursor {
+ public:
+  Cursor() = default;
+  ~Cursor() { Close(); }
+  Cursor(Cursor const&) = delete;
+  Cursor& operator=(Cursor const&) = delete;
+
+  void Open(View const& view, Tree tree);
+  // Closes and frees. Needed before a batch ends.
+  void Close();
+
+  // Each moves the cursor and returns whether it stands on an entry.
+  bool Seek(std::string_view key);  // the first entry that is not below `key`
+  bool First();
+  bool Last();
+  bool Next();
+  bool Previous();
+
+  std::string_view key() const { return key_; }
+  std::string_view value() const { return value_; }
+
+ private:
+  bool Move(int operation);
+
+  MDB_cursor* cursor_ = nullptr;
+  Tree tree_ = Tree::kRows;
+  bool of_snapshot_ = false;
+  std::string_view key_;
+  std::string_view value_;
+};
+
+class Store {
+ public:
+  // Opens the store in `directory`, which exists; null opens a new one in memory.
+  static std::unique_ptr<Store> Open(char const* directory, StoreOptions const& options);
+  ~Store();
+  Store(Store const&) = delete;
+  Store& operator=(Store const&) = delete;
+
+  std::unique_ptr<Snapshot> Begin();
+  void End(std::unique_ptr<Snapshot> snapshot) noexcept;
+
+  // From now on every commit is synced. REQUIRES: no batch is open.
+  void RequireSync();
+
+ private:
+  friend class View;
+  friend class Batch;
+  friend class Cursor;
+  friend class StoreOpener;
+
+  explicit Store(MDB_env* env) : env_(env) {}
+  unsigned Handle(Tree tree) const { return trees_[static_cast<std::size_t>(tree)]; }
+  std::unique_ptr<Snapshot> NewSnapshot();
+
+  MDB_env* env_;
+  unsigned trees_[kTreeCount] = {};
+  std::mutex idle_mutex_;
+  std::vector<std::unique_ptr<Snapshot>> idle_;  // ended, ready to be begun again
+};
+
+}  // namespace lscore
+
+#endif

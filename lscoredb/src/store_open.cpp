@@ -1,0 +1,167 @@
+#include <fcntl.h>
+#include <lmdb.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+
+#include "bytes.h"
+#include "format.h"
+#include "store.h"
+#include "store_errors.h"
+
+namespace lscore {
+namespace {
+
+constexpr char const* kTreeNames[kTreeCount] = {"rows", "parts", "index", "definitions", "meta"};
+constexpr unsigned kTreeFlags[kTreeCount] = {MDB_INTEGERKEY, 0, 0, 0, 0};
+constexpr mode_t kFileMode = 0640;
+
+// A page that contradicts itself stops the store's walk; the call that met it fails and the process
+// goes on.
+[[noreturn]] void OnBrokenPage(MDB_env*, char const*) { Throw(LSCOREDB_DAMAGED); }
+
+// While opening, what the system refuses is told as that.
+void CheckOpening(int code) {
+  if (code == 0) return;
+  Status const status = StatusOfStore(code);
+  Throw(status == LSCOREDB_IO_ERROR ? LSCOREDB_CANNOT_OPEN : status);
+}
+
+// A directory for the short time of opening: what the store finds there is a name for memory.
+class MemoryDirectory {
+ public:
+  MemoryDirectory() {
+    char const* const base = std::getenv("TMPDIR");
+    path_ = (base != nullptr ? std::string(base) : std::string("/tmp")) + "/lscoredb-XXXXXX";
+    if (mkdtemp(path_.data()) == nullptr) Throw(LSCOREDB_CANNOT_OPEN);
+    file_ = memfd_create("lscoredb", MFD_CLOEXEC);
+    std::string const target = "/proc/self/fd/" + std::to_string(file_);
+    if (file_ < 0 || symlink(target.c_str(), (path_ + "/data.mdb").c_str()) != 0) {
+      Clear();
+      Throw(LSCOREDB_CANNOT_OPEN);
+    }
+  }
+  ~MemoryDirectory() { Clear(); }
+  MemoryDirectory(MemoryDirectory const&) = delete;
+  MemoryDirectory& operator=(MemoryDirectory const&) = delete;
+
+  char const* path() const { return path_.c_str(); }
+
+ private:
+  void Clear() {
+    unlink((path_ + "/data.mdb").c_str());
+    unlink((path_ + "/lock.mdb").c_str());
+    rmdir(path_.c_str());
+    if (file_ >= 0) close(file_);
+    file_ = -1;
+  }
+
+  std::string path_;
+  int file_ = -1;
+};
+
+bool IsEmpty(MDB_txn* txn) {
+  MDB_dbi main = 0;
+  MDB_stat stat{};
+  CheckStore(mdb_dbi_open(txn, nullptr, 0, &main));
+  CheckStore(mdb_stat(txn, main, &stat));
+  return stat.ms_entries == 0;
+}
+
+// The version record stands first: without it nothing else is touched.
+void CheckFormat(MDB_txn* txn, MDB_dbi meta) {
+  MDB_val key{format::kFormatKey.size(), const_cast<char*>(format::kFormatKey.data())};
+  MDB_val value;
+  int const code = mdb_get(txn, meta, &key, &value);
+  if (code == MDB_NOTFOUND) Throw(LSCOREDB_NOT_A_DATABASE);
+  CheckStore(code);
+  FieldReader fields({static_cast<char const*>(value.mv_data), value.mv_size});
+  bool const ours = fields.Bytes(format::kMagic.size()) == format::kMagic;
+  auto const version = fields.Next<std::uint32_t>();
+  if (!ours || !fields.ok() || version == 0) Throw(LSCOREDB_NOT_A_DATABASE);
+  if (version > format::kVersion) Throw(LSCOREDB_NEWER_FORMAT);
+}
+
+void WriteFormat(MDB_txn* txn, MDB_dbi meta) {
+  std::string record(format::kMagic);
+  Append(record, format::kVersion);
+  MDB_val key{format::kFormatKey.size(), const_cast<char*>(format::kFormatKey.data())};
+  MDB_val value{record.size(), record.data()};
+  CheckStore(mdb_put(txn, meta, &key, &value, 0));
+}
+
+// A file that ends before its last page would end the process at the first touch behind the end.
+// Made longer it reads as zeros there, which the store recognises as damage.
+void RepairLength(MDB_env* env) {
+  MDB_envinfo info{};
+  MDB_stat stat{};
+  int file = -1;
+  struct stat status {};
+  CheckStore(mdb_env_info(env, &info));
+  CheckStore(mdb_env_stat(env, &stat));
+  CheckStore(mdb_env_get_fd(env, &file));
+  auto const size = static_cast<off_t>((info.me_last_pgno + 1) * stat.ms_psize);
+  if (fstat(file, &status) != 0) Throw(LSCOREDB_IO_ERROR);
+  if (status.st_size < size && posix_fallocate(file, size - 1, 1) != 0) Throw(LSCOREDB_DISK_FULL);
+}
+
+}  // namespace
+
+class StoreOpener {
+ public:
+  static std::unique_ptr<Store> Open(char const* path, StoreOptions const& options, bool sync) {
+    MDB_env* env = nullptr;
+    CheckOpening(mdb_env_create(&env));
+    std::unique_ptr<Store> store(new Store(env));
+    CheckOpening(mdb_env_set_assert(env, OnBrokenPage));
+    CheckOpening(mdb_env_set_maxdbs(env, kTreeCount));
+    CheckOpening(mdb_env_set_maxreaders(env, options.max_readers));
+    CheckOpening(mdb_env_set_mapsize(env, options.max_file_size));
+    unsigned const flags = MDB_NOTLS | MDB_NORDAHEAD | (sync ? 0u : unsigned{MDB_NOSYNC});
+    CheckOpening(mdb_env_open(env, path, flags, kFileMode));
+    RepairLength(env);
+    int dead = 0;
+    CheckOpening(mdb_reader_check(env, &dead));
+    OpenTrees(*store);
+    return store;
+  }
+
+ private:
+  static void OpenTrees(Store& store) {
+    MDB_txn* txn = nullptr;
+    CheckOpening(mdb_txn_begin(store.env_, nullptr, 0, &txn));
+    try {
+      bool const fresh = IsEmpty(txn);
+      OpenTree(store, txn, Tree::kMeta, fresh);
+      if (fresh) {
+        WriteFormat(txn, store.Handle(Tree::kMeta));
+      } else {
+        CheckFormat(txn, store.Handle(Tree::kMeta));
+      }
+      for (std::size_t i = 0; i < kTreeCount; ++i) OpenTree(store, txn, static_cast<Tree>(i), fresh);
+    } catch (...) {
+      mdb_txn_abort(txn);
+      throw;
+    }
+    CheckStore(mdb_txn_commit(txn));
+  }
+
+  static void OpenTree(Store& store, MDB_txn* txn, Tree tree, bool create) {
+    auto const i = static_cast<std::size_t>(tree);
+    unsigned const flags = kTreeFlags[i] | (create ? unsigned{MDB_CREATE} : 0u);
+    int const code = mdb_dbi_open(txn, kTreeNames[i], flags, &store.trees_[i]);
+    if (code == MDB_NOTFOUND || code == MDB_INCOMPATIBLE) Throw(LSCOREDB_NOT_A_DATABASE);
+    CheckStore(code);
+  }
+};
+
+std::unique_ptr<Store> Store::Open(char const* directory, StoreOptions const& options) {
+  if (directory != nullptr) return StoreOpener::Open(directory, options, options.sync);
+  MemoryDirectory const memory;
+  return StoreOpener::Open(memory.path(), options, false);
+}
+
+}  // namespace lscore

@@ -1,0 +1,193 @@
+#ifndef LSCOREDB_SRC_TRANSACTION_H
+#define LSCOREDB_SRC_TRANSACTION_H
+
+// A context's transaction: a snapshot of the store, and what was written on top of it.
+//
+// One object serves a context's transactions one after another. It is used by one thread at a time;
+// what it hands out stays valid until the transaction, or the innermost read scope, ends. Expected
+// outcomes are returned as statuses, everything else is thrown; either way nothing was changed.
+
+#include <array>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "database.h"
+#include "handouts.h"
+#include "iterator.h"
+#include "pending.h"
+#include "status.h"
+
+namespace lscore {
+
+// A set of column types, one bit each.
+using TypeSet = std::uint32_t;
+constexpr TypeSet TypeBit(std::uint32_t type) { return TypeSet{1} << type; }
+
+// What a write puts into a column.
+struct NewValue {
+  enum class Kind : std::uint8_t { kFixed, kText, kBinary, kNull };
+  Kind kind = Kind::kNull;  // null, or zero where the column is not nullable
+  std::uint64_t bits = 0;
+  std::u16string_view text;
+  std::string_view bytes;
+};
+
+class Transaction {
+ public:
+  explicit Transaction(std::shared_ptr<Database> database);
+  ~Transaction();
+  Transaction(Transaction const&) = delete;
+  Transaction& operator=(Transaction const&) = delete;
+
+  // ---- begin and end
+  bool open() const { return snapshot_ != nullptr; }
+  bool read_only() const { return read_only_; }
+  void Begin(bool read_only);
+  Status Commit();
+  void Rollback() noexcept;
+  Handouts& handouts() { return handouts_; }
+
+  // ---- reading rows (transaction_read.cpp)
+  // The value of `column` as layout `as` has it; kNoLayout: the object's own.
+  Status Read(ObjectId id, LayoutNumber as, std::uint32_t column, TypeSet types, Cell* out);
+  Status Setspec(ObjectId id, Cell* out);
+  // The object's layout. LORV_STATUS_NO_OBJECT: there is none.
+  Status Lookup(ObjectId id, LayoutNumber* out);
+
+  // ---- writing rows (transaction_write.cpp)
+  ObjectId Insert(LayoutNumber number);
+  Status InsertWithId(LayoutNumber number, ObjectId id);
+  Status Write(ObjectId id, LayoutNumber as, std::uint32_t column, TypeSet types,
+               NewValue const& value);
+  // No text: null.
+  Status WriteSetspec(ObjectId id, std::optional<std::u16string_view> setspec);
+  Status Delete(ObjectId id);
+  Status Move(ObjectId id, LayoutNumber to);
+
+  // ---- layouts and indexes (transaction_schema.cpp)
+  LayoutNumber CreateLayout(Token token, LayoutNumber base, std::vector<Column> const& columns);
+  // Null: there is none.
+  Layout const* FindLayout(LayoutNumber number);
+  // Newest first.
+  std::vector<Layout const*> LayoutsOf(Token token);
+  std::vector<LayoutNumber> AllLayoutNumbers();
+  std::uint64_t CountObjects(LayoutNumber number);
+  IndexId CreateIndex(std::unique_ptr<IndexDefinition> index);
+  Status DropIndex(IndexId id);
+  IndexDefinition const* FindIndex(IndexId id);
+  std::vector<IndexDefinition const*> IndexesOf(Token token);
+
+  // ---- walking (iterator.cpp)
+  // REQUIRES: the iterator is not open; it is closed before the transaction object goes.
+  Status OpenIterator(Iterator& iterator, IndexId id, bool reverse, void const* first_key,
+                      void const* last_key);
+  void CloseIterator(Iterator& iterator);
+
+ private:
+  friend class Iterator;
+
+  struct CachedRow {
+    std::uint64_t epoch = 0;
+    RowRef row;
+  };
+  static constexpr std::size_t kCachedRows = 512;
+
+  // An index over a row that is being changed, and the row's keys in it.
+  struct Affected {
+    IndexDefinition const* index = nullptr;
+    bool had_old = false;
+    bool has_new = false;
+    KeyFacts old_facts;
+    KeyFacts new_facts;
+    KeyBytes old_key;
+    KeyBytes new_key;
+
+    bool SameKey() const { return had_old && has_new && old_key == new_key; }
+  };
+
+  void End() noexcept;
+
+  // Null: there is no such object. A deleted one is found as such.
+  RowRef const* FindRow(ObjectId id) {
+    CachedRow& cached = cache_[Raw(id) % kCachedRows];
+    if (cached.row.id == id && cached.epoch == epoch_) [[likely]] {
+      return &cached.row;
+    }
+    return LoadRow(id, cached);
+  }
+  RowRef const* LoadRow(ObjectId id, CachedRow& cached);
+  // A deleted object is UNREACHABLE, a missing one NO_OBJECT.
+  Status FindLive(ObjectId id, RowRef const** out);
+  char const* AssembleImage(ObjectId id, std::string_view stub);
+  Status ReadAs(RowRef const& row, LayoutNumber as, std::uint32_t column, TypeSet types, Cell* out);
+  Status ReadOwn(RowRef const& row, std::uint32_t column, Cell* out) const;
+
+  Layout const& LayoutToInsert(LayoutNumber number);
+  PendingRow& AddInserted(Layout const& layout, ObjectId id);
+  PendingRow& Promote(RowRef const& row);
+  void Refresh(PendingRow const& row);
+  struct Target {
+    Layout const* layout;
+    std::uint32_t column;
+  };
+  Status FindTarget(RowRef const& row, LayoutNumber as, std::uint32_t column, TypeSet types,
+                    Target* out);
+  Status FindTargetByToken(RowRef const& row, Column const& wanted, Target* out);
+  bool SameSet(RowRef const& row, Layout const& layout);
+  void NoteExample(PendingRow const& row);
+  Status PlaceUnder(PendingRow& row, Layout const& layout, Cell* cells);
+  Cell NewCell(Column const& column, NewValue const& value);
+  Cell* CellsUnder(PendingRow const& row, Layout const& to);
+  IndexCatalogue& catalogue();
+
+  // One change of a row with the upkeep of the indexes over it; `change` must not throw. `token`: only
+  // indexes with that column are concerned.
+  template <typename Change>
+  Status ChangeRow(PendingRow& row, std::optional<Token> token, Change&& change);
+  template <typename Visit>
+  void ForEachCovering(PendingRow& row, Visit&& visit);
+  void CollectKeys(PendingRow& row, std::optional<Token> token, bool before);
+  Affected& AffectedBy(IndexDefinition const& index);
+  Status CheckUnique(PendingRow const& row);
+  void ApplyKeys(PendingRow const& row, bool moved);
+  PendingIndex& Pending(IndexDefinition const& index);
+
+  void FillIndex(PendingIndex& entries);
+  template <typename Visit>
+  void ForEachObjectOfSet(std::u16string const& setspec, Visit&& visit);
+  template <typename Visit>
+  void WalkSetIndex(IndexDefinition const& index, std::u16string const& setspec, Visit&& visit);
+  template <typename Visit>
+  void ScanRows(std::u16string const& setspec, Visit&& visit);
+  IndexDefinition const* FindSetIndex(std::u16string const& setspec);
+  void CheckFilled(PendingIndex const& entries) const;
+
+  std::shared_ptr<Database> database_;
+  std::unique_ptr<Snapshot> snapshot_;
+  bool read_only_ = false;
+  Status doomed_ = LORV_STATUS_OK;  // set when a write stopped half-way
+  std::uint64_t epoch_ = 1;         // grows with every transaction: old cached rows do not count
+  Sequence now_ = 0;
+  PendingChanges changes_;
+  Handouts handouts_;
+  std::vector<std::unique_ptr<char[]>> assembled_;  // images that the store keeps in parts
+  std::vector<ObjectId> assembled_ids_;
+  std::shared_ptr<IndexCatalogue> catalogue_;
+  IdRange ids_;
+  std::vector<Iterator*> open_iterators_;
+  OidMap<PendingRow const*> examples_;  // by layout number: a row that came under it
+
+  KeyEncoder encoder_;
+  EntryCursor unique_cursor_;
+  std::vector<Affected> affected_;
+  std::size_t affected_count_ = 0;
+  std::u16string text_;
+  std::array<CachedRow, kCachedRows> cache_{};
+};
+
+}  // namespace lscore
+
+#endif

@@ -1,0 +1,107 @@
+#include "bytes.h"
+#include "transaction.h"
+
+namespace lscore {
+
+RowRef const* Transaction::LoadRow(ObjectId id, CachedRow& cached) {
+  if (id == kNoObject) return nullptr;
+  if (PendingRow const* const pending = changes_.FindRow(id)) {
+    cached = {epoch_, RefOf(*pending)};
+    return &cached.row;
+  }
+  std::uint64_t const key = Raw(id);
+  std::string_view stored;
+  if (!snapshot_->Get(Tree::kRows, BytesOf(key), &stored)) return nullptr;
+  if (IsStub(stored)) {
+    std::uint64_t const size = WholeSize(stored);
+    stored = {AssembleImage(id, stored), static_cast<std::size_t>(size)};
+  }
+  if (stored.size() < format::kHeaderSize) Throw(LSCOREDB_DAMAGED);
+  Layout const* const layout = FindLayout(RowImage(stored.data()).layout());
+  if (layout == nullptr || !RowImage::Validate(stored, *layout)) Throw(LSCOREDB_DAMAGED);
+  cached = {epoch_, {id, layout, stored.data(), nullptr}};
+  return &cached.row;
+}
+
+char const* Transaction::AssembleImage(ObjectId id, std::string_view stub) {
+  for (std::size_t i = 0; i < assembled_.size(); ++i) {
+    if (assembled_ids_[i] == id) return assembled_[i].get();
+  }
+  std::uint64_t const size = WholeSize(stub);
+  std::unique_ptr<char[]> image(new char[size]);
+  std::uint64_t filled = 0;
+  for (std::uint32_t part = 0; filled < size; ++part) {
+    std::string key;
+    AppendBig(key, Raw(id));
+    AppendBig(key, part);
+    std::string_view bytes;
+    if (!snapshot_->Get(Tree::kParts, key, &bytes)) Throw(LSCOREDB_DAMAGED);
+    if (bytes.empty() || bytes.size() > size - filled) Throw(LSCOREDB_DAMAGED);
+    std::memcpy(image.get() + filled, bytes.data(), bytes.size());
+    filled += bytes.size();
+  }
+  assembled_ids_.reserve(assembled_ids_.size() + 1);
+  assembled_.push_back(std::move(image));
+  assembled_ids_.push_back(id);
+  return assembled_.back().get();
+}
+
+Status Transaction::FindLive(ObjectId id, RowRef const** out) {
+  *out = FindRow(id);
+  if (*out == nullptr) return LORV_STATUS_NO_OBJECT;
+  return (*out)->deleted() ? LORV_STATUS_UNREACHABLE : LORV_STATUS_OK;
+}
+
+Status Transaction::Read(ObjectId id, LayoutNumber as, std::uint32_t column, TypeSet types,
+                         Cell* out) {
+  RowRef const* row = nullptr;
+  Status const found = FindLive(id, &row);
+  if (found != LORV_STATUS_OK) return found;
+  Layout const& layout = *row->layout;
+  if (as != layout.number() && as != kNoLayout) return ReadAs(*row, as, column, types, out);
+  if (column >= layout.column_count()) return LSCOREDB_UNKNOWN_COLUMN;
+  Column const& own = layout.column(column);
+  if ((types & TypeBit(own.type)) == 0) return LSCOREDB_WRONG_TYPE;
+  return ReadOwn(*row, column, out);
+}
+
+Status Transaction::ReadOwn(RowRef const& row, std::uint32_t column, Cell* out) const {
+  if (column == kIdColumn) {
+    out->bits = Raw(row.id);
+    return LORV_STATUS_OK;
+  }
+  *out = column == kSetspecColumn ? row.Setspec() : row.Read(column);
+  bool const null = !out->present && row.layout->column(column).nullable;
+  return null ? LORV_STATUS_NULL : LORV_STATUS_OK;
+}
+
+Status Transaction::ReadAs(RowRef const& row, LayoutNumber as, std::uint32_t column, TypeSet types,
+                           Cell* out) {
+  Layout const* const layout = FindLayout(as);
+  if (layout == nullptr) return LSCOREDB_UNKNOWN_LAYOUT;
+  if (column >= layout->column_count()) return LSCOREDB_UNKNOWN_COLUMN;
+  Column const& wanted = layout->column(column);
+  if ((types & TypeBit(wanted.type)) == 0) return LSCOREDB_WRONG_TYPE;
+  Status const absent = wanted.nullable ? LORV_STATUS_NULL : LORV_STATUS_OK;
+  int const at = row.layout->Find(wanted.token);
+  if (at < 0) return absent;
+  auto const own = static_cast<std::uint32_t>(at);
+  if (row.layout->column(own).type != wanted.type) return LSCOREDB_WRONG_TYPE;
+  Status const status = ReadOwn(row, own, out);
+  return status == LORV_STATUS_NULL ? absent : status;
+}
+
+Status Transaction::Setspec(ObjectId id, Cell* out) {
+  RowRef const* row = nullptr;
+  Status const found = FindLive(id, &row);
+  return found != LORV_STATUS_OK ? found : ReadOwn(*row, kSetspecColumn, out);
+}
+
+Status Transaction::Lookup(ObjectId id, LayoutNumber* out) {
+  RowRef const* const row = FindRow(id);
+  if (row == nullptr || row->deleted()) return LORV_STATUS_NO_OBJECT;
+  *out = row->layout->number();
+  return LORV_STATUS_OK;
+}
+
+}  // namespace lscore
