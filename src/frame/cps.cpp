@@ -9,8 +9,8 @@ using Body = std::function<void(push_coroutine<unsigned int>&)>;
 
 namespace {
 
-// Roomier than the default of the coroutines: a kernel and what it is built on work on this stack, and it
-// has no guard page. Pages that nobody touches cost nothing.
+// Roomier than the default of the coroutines: a kernel and what it is built on work on this stack,
+// and it has no guard page. Pages that nobody touches cost nothing.
 constexpr std::size_t kStackSize = 256 * 1024;
 
 boost::coroutines::attributes StackAttributes() {
@@ -42,7 +42,8 @@ void Impl::PassOnFailure() {
 }
 
 unsigned int run_continuation_impl(Impl& impl, bool* finished) {
-  // Without a value there is nothing to go on from: the first leg ran already, or all of it is over.
+  // Without a value there is nothing to go on from: the first leg ran already, or all of it is
+  // over.
   bool const stopped_at_value = impl.value_ != Impl::Coroutine::iterator();
   if (stopped_at_value && impl.coroutine_) {
     ++impl.value_;
@@ -54,8 +55,7 @@ unsigned int run_continuation_impl(Impl& impl, bool* finished) {
   return *finished ? 0 : *impl.value_;
 }
 
-continuation_context* metalayer::create_continuation_handle(
-    Body const& body) {
+continuation_context* metalayer::create_continuation_handle(Body const& body) {
   return std::make_unique<continuation_context>(continuation_context{std::make_shared<Impl>(body)})
       .release();
 }

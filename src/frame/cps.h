@@ -3,8 +3,8 @@
 
 // Resumable computations behind a handle that C code can hold.
 //
-// The body runs on a stack of its own, up to its first yield while the handle is made, then one leg per
-// run_continuation. All of it belongs to the thread that made the handle. It ends when the body
+// The body runs on a stack of its own, up to its first yield while the handle is made, then one leg
+// per run_continuation. All of it belongs to the thread that made the handle. It ends when the body
 // returns or throws, or when the last handle is freed, which unwinds the body where it stands.
 
 #include <sagleme/sagleme.h>
@@ -17,7 +17,6 @@
 #define BOOST_ALLOW_DEPRECATED_HEADERS
 #endif
 #include <boost/coroutine/asymmetric_coroutine.hpp>
-
 #include <exception>
 #include <functional>
 #include <memory>
@@ -29,7 +28,8 @@ struct continuation_context {
   std::shared_ptr<continuation_context_impl> impl;
 };
 
-// A coroutine and the value that it stopped at; no value before the first step and after the last one.
+// A coroutine and the value that it stopped at; no value before the first step and after the last
+// one.
 class continuation_context::continuation_context_impl {
  public:
   using Coroutine = boost::coroutines::pull_coroutine<unsigned int>;
@@ -47,7 +47,8 @@ class continuation_context::continuation_context_impl {
   Coroutine::iterator value_;
 };
 
-// One leg. `*finished`: the body is through, and the result is 0. What the body threw is thrown here.
+// One leg. `*finished`: the body is through, and the result is 0. What the body threw is thrown
+// here.
 unsigned int run_continuation_impl(continuation_context::continuation_context_impl& impl,
                                    bool* finished);
 
@@ -55,7 +56,7 @@ namespace metalayer {
 
 // Runs `body` up to its first yield and returns the handle of what is left. The value 0 asks to be
 // resumed; any other is a status and the last value. Throws std::bad_alloc when there is no stack.
-continuation_context* create_continuation_handle(
+SAGLEME_API continuation_context* create_continuation_handle(
     std::function<void(boost::coroutines::push_coroutine<unsigned int>&)> const& body);
 
 }  // namespace metalayer

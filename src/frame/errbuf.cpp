@@ -1,9 +1,9 @@
 #include "frame/errbuf.h"
 
-#include <sagleme/metalayer/errors.hpp>
 #include <sagleme/sagleme.h>
 
 #include <algorithm>
+#include <sagleme/metalayer/errors.hpp>
 
 namespace metalayer {
 namespace {

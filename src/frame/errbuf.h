@@ -1,10 +1,11 @@
 #ifndef SAGLEME_SRC_FRAME_ERRBUF_H
 #define SAGLEME_SRC_FRAME_ERRBUF_H
 
-// The failure texts: one fixed buffer per context that was ever asked for, kept until the process ends.
+// The failure texts: one fixed buffer per context that was ever asked for, kept until the process
+// ends.
 //
-// The lock guards the map alone. A buffer is read and written outside it, by the one thread that is in
-// its context.
+// The lock guards the map alone. A buffer is read and written outside it, by the one thread that is
+// in its context.
 
 #include <cstddef>
 #include <map>

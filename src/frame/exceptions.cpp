@@ -1,6 +1,5 @@
-#include <sagleme/metalayer/errors.hpp>
-
 #include <algorithm>
+#include <sagleme/metalayer/errors.hpp>
 
 namespace db_util {
 
@@ -70,7 +69,8 @@ void PrintConflictsCount(Stream& stream, u16string const& table, int count) {
   stream << u" on table " << table << CountedTail(count, u" and one other", u" and others") << u".";
 }
 
-// ---- names out of the catalogue -------------------------------------------------------------------
+// ---- names out of the catalogue
+// -------------------------------------------------------------------
 
 unsigned long Context() { return *TlsMetalayerContext::Current(); }
 
@@ -80,16 +80,15 @@ void CheckRead(unsigned int status) {
 
 LS_OBJ_REF TableOfColumn(LS_OBJ_REF const& column) {
   LORV_REFERENCE table{};
-  CheckRead(lorv_context_get_reference(Context(), column.oid, column.addr, kTableOfRawColumn,
-                                       &table));
+  CheckRead(
+      lorv_context_get_reference(Context(), column.oid, column.addr, kTableOfRawColumn, &table));
   return {table.oid, table.position << 16 | table.layout};
 }
 
 void PrintTableOfColumn(Stream& stream, LS_OBJ_REF const& column) {
   LS_OBJ_REF const table = TableOfColumn(column);
   LORV_STRING* name = nullptr;
-  CheckRead(
-      lorv_context_get_string(Context(), table.oid, table.addr, kFullNameOfRawView, &name));
+  CheckRead(lorv_context_get_string(Context(), table.oid, table.addr, kFullNameOfRawView, &name));
   if (name != nullptr) stream << u16string(name->units, name->length);
 }
 
@@ -124,7 +123,8 @@ void PrintConflictPlace(Stream& stream, u16string const& table,
   }
 }
 
-// ---- added columns ----------------------------------------------------------------------------------
+// ---- added columns
+// ----------------------------------------------------------------------------------
 
 using ExistingConflicts = std::vector<std::pair<u16string, bool>>;
 using DescendantConflicts = std::vector<std::pair<u16string, u16string>>;
@@ -159,7 +159,8 @@ void PrintAdded(Stream& stream, std::vector<u16string> const& added, bool follow
 
 }  // namespace
 
-// ---- failure classes --------------------------------------------------------------------------------
+// ---- failure classes
+// --------------------------------------------------------------------------------
 
 BadTableArg::BadTableArg(unsigned int code, u16string table_name)
     : BadArg(code), table(std::move(table_name)) {}
@@ -184,7 +185,8 @@ AmbiguousIncompleteReverseUid::AmbiguousIncompleteReverseUid(unsigned int code,
       second(std::move(second_match)),
       more(more_matches) {}
 
-// ---- arguments, tokens --------------------------------------------------------------------------------
+// ---- arguments, tokens
+// --------------------------------------------------------------------------------
 
 void CheckPtrArg(void const* value, char16_t const* argument_name) {
   if (value != nullptr) return;
@@ -224,7 +226,8 @@ void ThrowTooManyColumns(u16string table) {
   throw BadArg(kBadArgument);
 }
 
-// ---- tables ---------------------------------------------------------------------------------------------
+// ---- tables
+// ---------------------------------------------------------------------------------------------
 
 void ThrowTableNotFound(unsigned short layout_id) {
   Write(u"No table is associated with layout id ", layout_id, u".");
@@ -293,13 +296,14 @@ void ThrowSqlAmbiguousType(u16string name, u16string first, u16string second, bo
 
 void ThrowAmbiguousIncompleteReverseUid(u16string uid, u16string first, u16string second,
                                         bool more) {
-  Write(u"Incomplete reverse uid ", uid, u" matches more than one raw view: ", first, u", ",
-        second, more ? u", and more" : u"", u".");
+  Write(u"Incomplete reverse uid ", uid, u" matches more than one raw view: ", first, u", ", second,
+        more ? u", and more" : u"", u".");
   throw AmbiguousIncompleteReverseUid(kAmbiguousName, std::move(uid), std::move(first),
                                       std::move(second), more);
 }
 
-// ---- columns ----------------------------------------------------------------------------------------------
+// ---- columns
+// ----------------------------------------------------------------------------------------------
 
 void ThrowColumnNotFound(u16string table, u16string column) {
   Write(u"Column ", column, u" isn't found in table ", table, u" and ancestor tables.");
@@ -360,7 +364,8 @@ void ThrowColumnNameNotUnique(u16string table, u16string column, ExistingConflic
   throw BadNewColumnArg(kColumnNameTaken, std::move(table), std::move(column));
 }
 
-// ---- indexes ------------------------------------------------------------------------------------------------
+// ---- indexes
+// ------------------------------------------------------------------------------------------------
 
 void ThrowIndexNotFound(u16string index) {
   Write(u"Index ", index, u" not found.");

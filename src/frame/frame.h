@@ -8,7 +8,6 @@
 // translate. It takes no transaction, retries nothing and frees nothing that the body handed out.
 
 #include <sagleme/metalayer/errors.hpp>
-
 #include <utility>
 
 namespace metalayer {
@@ -29,10 +28,9 @@ class ContextScope {
 // Runs `body` in `context` and returns 0, or the code of the db_exception that it threw; any other
 // exception goes on to the caller.
 //
-// Eager: the context's error buffer is emptied now, and the old context is back before a failure's code
-// is read. For calls that are rare.
-// Lazy: the buffer is emptied by the next write to it, if there is one; no lock is taken. For calls made
-// once an object.
+// Eager: the context's error buffer is emptied now, and the old context is back before a failure's
+// code is read. For calls that are rare. Lazy: the buffer is emptied by the next write to it, if
+// there is one; no lock is taken. For calls made once an object.
 template <bool Eager, typename F>
 unsigned int MetalayerFunction(unsigned long const& context, F&& body) {
   if constexpr (Eager) {

@@ -1,9 +1,8 @@
+#include <cstdlib>
 #include <sagleme/metalayer/context.hpp>
 
-#include <cstdlib>
-
-// The stops stand in a code section of their own, so that a post-mortem finds them at a glance and the
-// ordinary code stays free of them.
+// The stops stand in a code section of their own, so that a post-mortem finds them at a glance and
+// the ordinary code stays free of them.
 #define SAGLEME_TRAP __attribute__((section(".text_e"), noinline))
 
 SAGLEME_TRAP void raise_unexpected_except(unsigned int) { std::abort(); }

@@ -1,14 +1,13 @@
-// The exported functions: version and generation, bootstrap, booleans. The other families have files of
-// their own beside this one.
+// The exported functions: version and generation, bootstrap, booleans. The other families have
+// files of their own beside this one.
 
 #include "frame/lsdbmetalayer.h"
 
+#include <memory>
 #include <sagleme/metalayer/catalogue.hpp>
 #include <sagleme/metalayer/ddl.hpp>
 #include <sagleme/metalayer/metaschema.hpp>
 #include <sagleme/metalayer/schema.hpp>
-
-#include <memory>
 
 #include "frame/cps.h"
 
@@ -28,7 +27,8 @@ void co_lorv_prepare_system_tables(unsigned long context, Yield& yield) {
     InitMetalayer();
     yield(0);
   });
-  // Outside any handler: a stack that is left inside one would mix its exceptions with its resumer's.
+  // Outside any handler: a stack that is left inside one would mix its exceptions with its
+  // resumer's.
   if (status != 0) yield(status);
 }
 

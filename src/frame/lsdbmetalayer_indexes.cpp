@@ -22,14 +22,12 @@ uint32_t lorv_create_index_by_names(uint64_t context, char16_t const* name, char
 
 uint32_t lorv_create_index_ids(uint64_t context, uint16_t layout_id, char16_t const* name,
                                uint16_t sort_mask, int16_t const* columns, uint32_t flags) {
-  return MetalayerFunction<true>(context, [&] {
-    ddl::CreateIndexByLayoutId(layout_id, name, sort_mask, columns, flags);
-  });
+  return MetalayerFunction<true>(
+      context, [&] { ddl::CreateIndexByLayoutId(layout_id, name, sort_mask, columns, flags); });
 }
 
 uint32_t lorv_drop_index(uint64_t context, uint64_t oid, uint64_t addr) {
-  return MetalayerFunction<true>(context,
-                                 [&] { ddl::DropIndex(Index(LS_OBJ_REF{oid, addr})); });
+  return MetalayerFunction<true>(context, [&] { ddl::DropIndex(Index(LS_OBJ_REF{oid, addr})); });
 }
 
 uint32_t lorv_drop_index_by_name(uint64_t context, char16_t const* name) {
@@ -38,6 +36,5 @@ uint32_t lorv_drop_index_by_name(uint64_t context, char16_t const* name) {
 
 uint32_t lorv_drop_index_by_table_and_name(uint64_t context, char16_t const* table,
                                            char16_t const* index) {
-  return MetalayerFunction<true>(context,
-                                 [&] { ddl::DropIndex(DottedName::Split(table), index); });
+  return MetalayerFunction<true>(context, [&] { ddl::DropIndex(DottedName::Split(table), index); });
 }

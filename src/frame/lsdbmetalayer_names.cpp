@@ -1,9 +1,10 @@
 // The exported functions that answer for names: tokens, set specifiers, table references.
 
+#include <sagleme/ucs2.h>
+
 #include <sagleme/metalayer/catalogue.hpp>
 #include <sagleme/metalayer/names.hpp>
 #include <sagleme/metalayer/schema.hpp>
-#include <sagleme/ucs2.h>
 
 #include "frame/lsdbmetalayer.h"
 
@@ -80,8 +81,7 @@ uint32_t lorv_get_column_name_by_token(uint64_t context, uint64_t token,
   return get_obj_name_by_token(context, token, RawColumn::kName, out_name);
 }
 
-uint32_t lorv_get_table_name_by_token(uint64_t context, uint64_t token,
-                                      char16_t const** out_name) {
+uint32_t lorv_get_table_name_by_token(uint64_t context, uint64_t token, char16_t const** out_name) {
   return get_obj_name_by_token(context, token, RawView::kFullName, out_name);
 }
 
@@ -95,8 +95,9 @@ uint32_t lorv_setspec_name_by_setspec_ref(uint64_t context, uint64_t oid, uint64
 
 uint32_t lorv_setspec_ref_by_table_ref(uint64_t context, uint64_t oid, uint64_t addr,
                                        uint64_t* out_oid, uint64_t* out_addr) {
-  return MetalayerFunction<true>(
-      context, [&] { PutOut(SetSpecifier::ByType({oid, addr}), out_oid, out_addr); });
+  return MetalayerFunction<true>(context, [&] {
+    PutOut(SetSpecifier::ByType({oid, addr}), out_oid, out_addr);
+  });
 }
 
 uint32_t lorv_setspec_name_by_table_incomplete_reverse_uid(uint64_t context, char16_t const* uid,

@@ -84,8 +84,8 @@ uint32_t lorv_drop_table_cascade(uint64_t context, char16_t const* full_table_na
 
 uint32_t lorv_drop_table_by_name(uint64_t context, char16_t const* full_table_name,
                                  bool drop_children, bool force) {
-  return MetalayerFunction<true>(
-      context, [&] { ddl::DropTable(full_table_name, drop_children, force); });
+  return MetalayerFunction<true>(context,
+                                 [&] { ddl::DropTable(full_table_name, drop_children, force); });
 }
 
 uint32_t lorv_drop_tables_by_names(uint64_t context, char16_t const** names, bool drop_children,
@@ -114,9 +114,8 @@ uint32_t lorv_alter_table_add_columns(uint64_t context, char16_t const* full_tab
 uint32_t lorv_alter_table_drop_column_by_names(uint64_t context, char16_t const* full_table_name,
                                                char16_t const* column_name,
                                                uint64_t* out_layout_id) {
-  return MetalayerFunction<true>(context, [&] {
-    PutOutLayout(ddl::DropColumn(full_table_name, column_name), out_layout_id);
-  });
+  return MetalayerFunction<true>(
+      context, [&] { PutOutLayout(ddl::DropColumn(full_table_name, column_name), out_layout_id); });
 }
 
 uint32_t lorv_alter_table_rename_column(uint64_t context, char16_t const* full_table_name,

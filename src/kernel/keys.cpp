@@ -1,11 +1,10 @@
-#include <sagleme/metalayer/keys.hpp>
-
 #include <algorithm>
 #include <bit>
 #include <cstring>
 #include <exception>
 #include <memory>
 #include <new>
+#include <sagleme/metalayer/keys.hpp>
 
 namespace ukf {
 namespace {
@@ -74,8 +73,8 @@ constexpr unsigned long kIntegerSize = 9;
 constexpr unsigned long kSignBit = 1ul << 63;
 constexpr unsigned long kAlignment = 8;
 
-// Floating-point values as integers of the same order; zero has one form, what is no number is above
-// all values.
+// Floating-point values as integers of the same order; zero has one form, what is no number is
+// above all values.
 unsigned long OrderedBits(double value) {
   constexpr unsigned long kAboveInfinity = 0xFFF8000000000000;
   if (value != value) return kAboveInfinity;
@@ -167,9 +166,8 @@ KeyWriter<KeyBuf>& KeyWriter<KeyBuf>::ConvertedText(char16_t const* text, unsign
 KeyWriter<KeyBuf>& KeyWriter<KeyBuf>::Converted(Converter convert, char16_t const* text,
                                                 unsigned int flags) {
   if (text == nullptr) return Null();
-  ConvertedBytes const converted([&](unsigned char* bytes, unsigned int size) {
-    return convert(text, flags, bytes, size);
-  });
+  ConvertedBytes const converted(
+      [&](unsigned char* bytes, unsigned int size) { return convert(text, flags, bytes, size); });
   ukf::Payload const payload = ukf::PayloadOf(converted.bytes(), converted.size());
   // A header that tells of more than there is would have bytes copied from behind the text.
   if (payload.size > payload.available) buffer_.resize(payload.size);

@@ -31,8 +31,8 @@ bool AppendDigit(uint64_t limit, char16_t digit, uint64_t* value) {
   return true;
 }
 
-// Reads digits from `*s`, which is left on the first unit that is none. On a value above `limit` the
-// result is `overflow`, and the remaining digits are read all the same.
+// Reads digits from `*s`, which is left on the first unit that is none. On a value above `limit`
+// the result is `overflow`, and the remaining digits are read all the same.
 uint64_t ReadDigits(char16_t const** s, uint64_t limit, uint64_t overflow) {
   uint64_t value = 0;
   bool fits = true;
@@ -65,11 +65,9 @@ uint32_t WriteDecimal(Unsigned value, char16_t* out) {
   return count;
 }
 
-// The low bits of a continuation byte, which is not checked to be one. The terminator is never stepped
-// over: what it cuts short reads as if zero bits followed.
-unsigned int Continuation(unsigned char const** s) {
-  return **s == 0 ? 0 : *(*s)++ & 0x3Fu;
-}
+// The low bits of a continuation byte, which is not checked to be one. The terminator is never
+// stepped over: what it cuts short reads as if zero bits followed.
+unsigned int Continuation(unsigned char const** s) { return **s == 0 ? 0 : *(*s)++ & 0x3Fu; }
 
 // Decodes the character at `*s` and moves on. The lead byte alone decides its length.
 char16_t DecodeUtf8(unsigned char const** s) {

@@ -1,0 +1,21 @@
+#include "kernel/c_host.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace {
+
+TEST(CHost, AsksForTheVersionWithoutADatabase) { EXPECT_EQ(9u, c_host_version()); }
+
+TEST(CHost, GetsAStatusAndAText) {
+  constexpr unsigned long kContext = 4711;
+  char16_t text[64];
+  EXPECT_EQ(1001u, c_host_create_table_without_name(kContext));
+  EXPECT_EQ(0, c_host_reads_message(kContext, text, 64));
+  EXPECT_EQ(u"Argument name is null.", std::u16string(text));
+}
+
+TEST(CHost, MayFreeANullContinuation) { c_host_frees_nothing(); }
+
+}  // namespace
