@@ -1,1 +1,44 @@
-install(DIRECTORY include/sagleme include/lscoredb DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+# What an installation holds: the libraries with their versions, the headers, and what lets CMake
+# and pkg-config find them. The tree can be moved as a whole.
+
+include(CMakePackageConfigHelpers)
+
+set(SAGLEME_PACKAGE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/sagleme)
+
+install(DIRECTORY include/sagleme DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(FILES include/lscoredb/lscoredb.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/lscoredb)
+
+# The layer finds the kernel beside itself.
+set_target_properties(sagleme PROPERTIES INSTALL_RPATH "\$ORIGIN")
+install(TARGETS sagleme EXPORT sagleme-targets)
+
+if(SAGLEME_KERNEL STREQUAL "embedded")
+  install(TARGETS lscoredb EXPORT sagleme-targets)
+  install(FILES include/lscoredb/host.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/lscoredb)
+else()
+  install(FILES cmake/SystemKernel.cmake DESTINATION ${SAGLEME_PACKAGE_DIR}
+          RENAME sagleme-system-kernel.cmake)
+endif()
+
+install(EXPORT sagleme-targets NAMESPACE sagleme:: DESTINATION ${SAGLEME_PACKAGE_DIR})
+configure_package_config_file(cmake/sagleme-config.cmake.in sagleme-config.cmake
+  INSTALL_DESTINATION ${SAGLEME_PACKAGE_DIR})
+write_basic_package_version_file(sagleme-config-version.cmake COMPATIBILITY SameMinorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/sagleme-config.cmake
+              ${PROJECT_BINARY_DIR}/sagleme-config-version.cmake
+        DESTINATION ${SAGLEME_PACKAGE_DIR})
+
+# Paths in the pkg-config files are told from the place of the files.
+set(SAGLEME_PKGCONFIG_DIR ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+file(RELATIVE_PATH SAGLEME_PC_PREFIX /${SAGLEME_PKGCONFIG_DIR} /)
+string(REGEX REPLACE "/$" "" SAGLEME_PC_PREFIX "${SAGLEME_PC_PREFIX}")
+set(SAGLEME_PC_REQUIRES "")
+set(SAGLEME_PC_KERNEL_LIBS "-llscoredb -llsllvm")
+if(SAGLEME_KERNEL STREQUAL "embedded")
+  set(SAGLEME_PC_REQUIRES "lscoredb = ${PROJECT_VERSION}")
+  set(SAGLEME_PC_KERNEL_LIBS "")
+  configure_file(cmake/lscoredb.pc.in lscoredb.pc @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/lscoredb.pc DESTINATION ${SAGLEME_PKGCONFIG_DIR})
+endif()
+configure_file(cmake/sagleme.pc.in sagleme.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/sagleme.pc DESTINATION ${SAGLEME_PKGCONFIG_DIR})

@@ -1,0 +1,50 @@
+# The commands of the project. `make` alone tells them. The build itself is CMake's; see CMakePresets.json.
+
+BUILD   := build/release
+PREFIX  := build/install
+EXAMPLE := build/example
+DATA    := build/data
+STATUS  ?= /var/lib/dpkg/status
+ARGS    ?=
+
+.PHONY: help setup build run test lint tidy clean
+
+help:
+	@echo "make run    build everything, then load this machine's package database and ask it questions"
+	@echo "            (STATUS=file loads another one, ARGS='--show gcc' passes options on)"
+	@echo "make test   build everything and run the tests"
+	@echo "make build  build the libraries, the example and the tests"
+	@echo "make lint   check the house rules on a built tree"
+	@echo "make tidy   run clang-tidy over the sources (needs clang-tidy)"
+	@echo "make clean  remove build/"
+	@echo "run, test and build first install the Debian packages that are missing, with apt-get."
+
+setup:
+	@tools/setup
+
+$(BUILD)/build.ninja: | setup
+	cmake --preset release
+
+build: setup $(BUILD)/build.ninja
+	cmake --build $(BUILD)
+
+# The example is built as a stranger would build it, against the installed libraries.
+run: setup $(BUILD)/build.ninja
+	cmake --build $(BUILD) --target sagleme lscoredb
+	cmake --install $(BUILD) --prefix $(CURDIR)/$(PREFIX) > $(BUILD)/install.log
+	cmake -S examples/packages -B $(EXAMPLE) -G Ninja -DCMAKE_PREFIX_PATH=$(CURDIR)/$(PREFIX)
+	cmake --build $(EXAMPLE)
+	@mkdir -p $(DATA)
+	$(EXAMPLE)/packages $(STATUS) --database $(DATA)/packages $(ARGS)
+
+test: build
+	ctest --test-dir $(BUILD) --output-on-failure -j2
+
+lint:
+	tools/lint $(BUILD)
+
+tidy:
+	tools/tidy $(BUILD)
+
+clean:
+	rm -rf build

@@ -1,0 +1,49 @@
+#ifndef SAGLEME_TOOL_CLI_COMMAND_H
+#define SAGLEME_TOOL_CLI_COMMAND_H
+
+// One command: its words for help, manual and completion, its options, and what it does.
+//
+// The same object serves the command line and the prompt; at the prompt the database is the session's
+// and is not named.
+
+#include <CLI/CLI.hpp>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "cli/failure.h"
+#include "cli/session.h"
+#include "output/format.h"
+
+namespace tool {
+
+struct Example {
+  std::string line;  // behind "sagleme "
+  std::string meaning;
+};
+
+class Command {
+ public:
+  virtual ~Command() = default;
+
+  virtual std::string name() const = 0;
+  virtual std::string summary() const = 0;
+  virtual std::vector<Example> examples() const = 0;
+  // Declares options and arguments, the database left out.
+  virtual void Declare(CLI::App& app) = 0;
+  // Whether it can be used at the prompt.
+  virtual bool at_prompt() const { return true; }
+  // Whether its list obeys --format.
+  virtual bool lists() const { return false; }
+  virtual Exit Run(Session& session, Output& output) = 0;
+};
+
+// All commands in the order in which help shows them. Each call makes new ones.
+std::vector<std::unique_ptr<Command>> MakeCommands();
+
+// Adds one to a parser: its options, --format where it lists, help with examples.
+CLI::App* Attach(CLI::App& parser, Command& command, Output& output);
+
+}  // namespace tool
+
+#endif

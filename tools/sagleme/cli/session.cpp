@@ -1,0 +1,69 @@
+#include "cli/session.h"
+
+#include "cli/failure.h"
+
+namespace tool {
+
+sagleme::Database& Session::database() {
+  if (database_) return *database_;
+  try {
+    database_.emplace(sagleme::Database::Open(directory_));
+  } catch (sagleme::Error const& error) {
+    bool const missing = !sagleme::Database::ExistsIn(directory_);
+    throw Failure(Exit::kCannotOpen, "cannot open " + directory_ + ": " + error.what(),
+                  missing ? "Make one with: sagleme create " + directory_ : "");
+  }
+  return *database_;
+}
+
+sagleme::Context& Session::context() {
+  if (!context_) context_.emplace(database());
+  return *context_;
+}
+
+void Session::Read(Work const& work) {
+  if (open_) return work(*open_);
+  sagleme::Transaction transaction(context(), sagleme::Access::kReadOnly);
+  work(transaction);
+}
+
+void Session::Write(Work const& work) {
+  if (open_) return work(*open_);
+  sagleme::Transaction transaction(context());
+  work(transaction);
+  transaction.Commit();
+}
+
+void Session::Begin() {
+  if (open_) throw Failure(Exit::kRefused, "a transaction is open", "End it with commit or rollback.");
+  open_.emplace(context());
+}
+
+sagleme::Transaction& Session::Open() {
+  if (!open_) throw Failure(Exit::kRefused, "no transaction is open", "Open one with begin.");
+  return *open_;
+}
+
+void Session::Commit() {
+  sagleme::Transaction& transaction = Open();
+  try {
+    transaction.Commit();
+  } catch (...) {
+    open_.reset();  // a refused commit has ended the transaction too
+    throw;
+  }
+  open_.reset();
+}
+
+void Session::Rollback() {
+  Open().Rollback();
+  open_.reset();
+}
+
+void Session::RequireNoTransaction(std::string const& command) const {
+  if (!open_) return;
+  throw Failure(Exit::kRefused, command + " works in transactions of its own",
+                "End the open one with commit or rollback.");
+}
+
+}  // namespace tool

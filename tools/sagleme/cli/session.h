@@ -1,0 +1,50 @@
+#ifndef SAGLEME_TOOL_CLI_SESSION_H
+#define SAGLEME_TOOL_CLI_SESSION_H
+
+// What commands work on: the database, and either one transaction that a user keeps open at the prompt,
+// or one of each command's own.
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <sagleme/host.hpp>
+#include <string>
+
+namespace tool {
+
+class Session {
+ public:
+  // Opens nothing yet.
+  explicit Session(std::string directory) : directory_(std::move(directory)) {}
+
+  std::string const& directory() const { return directory_; }
+  // Opened at the first call. Failure with kCannotOpen.
+  sagleme::Database& database();
+  sagleme::Context& context();
+
+  using Work = std::function<void(sagleme::Transaction&)>;
+  // In the open transaction, or in a read-only one.
+  void Read(Work const& work);
+  // In the open transaction, or in one that is committed when the work returns.
+  void Write(Work const& work);
+
+  // The transaction that the user opened. Failure with kRefused for one too many, or one too few.
+  bool in_transaction() const { return open_.has_value(); }
+  void Begin();
+  void Commit();
+  void Rollback();
+  // For commands with transactions of their own: Failure with kRefused inside the user's.
+  void RequireNoTransaction(std::string const& command) const;
+
+ private:
+  sagleme::Transaction& Open();
+
+  std::string directory_;
+  std::optional<sagleme::Database> database_;
+  std::optional<sagleme::Context> context_;
+  std::optional<sagleme::Transaction> open_;
+};
+
+}  // namespace tool
+
+#endif
