@@ -10,17 +10,17 @@ install(FILES include/lscoredb/lscoredb.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR
 
 # The layer finds the kernel beside itself.
 set_target_properties(sagleme PROPERTIES INSTALL_RPATH "\$ORIGIN")
-install(TARGETS sagleme EXPORT sagleme-targets)
+install(TARGETS sagleme EXPORT saglemeTargets)
 
 if(SAGLEME_KERNEL STREQUAL "embedded")
-  install(TARGETS lscoredb EXPORT sagleme-targets)
   install(FILES include/lscoredb/host.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/lscoredb)
 else()
   install(FILES cmake/SystemKernel.cmake DESTINATION ${SAGLEME_PACKAGE_DIR}
           RENAME sagleme-system-kernel.cmake)
 endif()
 
-install(EXPORT sagleme-targets NAMESPACE sagleme:: DESTINATION ${SAGLEME_PACKAGE_DIR})
+install(EXPORT saglemeTargets NAMESPACE sagleme:: FILE sagleme-targets.cmake
+        DESTINATION ${SAGLEME_PACKAGE_DIR})
 configure_package_config_file(cmake/sagleme-config.cmake.in sagleme-config.cmake
   INSTALL_DESTINATION ${SAGLEME_PACKAGE_DIR})
 write_basic_package_version_file(sagleme-config-version.cmake COMPATIBILITY SameMinorVersion)
