@@ -75,6 +75,7 @@ void SystemTables::CreateAndVerify() {
 }
 
 // ---- root ---------------------------------------------------------------------------------------
+
 void SystemTables::PrepareRoot() {
   root_.setspec.clear();
   root_.create_metatable();
@@ -87,6 +88,7 @@ void SystemTables::PrepareRoot() {
 }
 
 // ---- dictionary ---------------------------------------------------------------------------------
+
 // Root and dictionary need no token that is not predefined, so both can be made before it works.
 void SystemTables::PrepareDictionary() {
   token_.setspec = u"~";
@@ -113,6 +115,7 @@ void SystemTables::InsertPredefinedTokens() {
 }
 
 // ---- set specifiers -----------------------------------------------------------------------------
+
 void SystemTables::PrepareSetSpecifiers() {
   set_specifier_.setspec = u"a~";
   set_specifier_.create_metatable();
@@ -145,6 +148,7 @@ void SystemTables::VerifySetSpecifierIndexes() {
 }
 
 // ---- views and type ids, which every other table's rows need ------------------------------------
+
 void SystemTables::PrepareViewsAndTypeIds() {
   AssureAndVerify(raw_view_, false);
   yield_();
@@ -164,6 +168,7 @@ void SystemTables::PrepareViewsAndTypeIds() {
 }
 
 // ---- all other tables ---------------------------------------------------------------------------
+
 void SystemTables::PrepareOtherTables() {
   ReserveTypeIds();
   for (TABLE_INFO& table : loop_tables_) AssureAndVerify(table, true);

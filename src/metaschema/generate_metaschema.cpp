@@ -23,6 +23,7 @@ constexpr std::size_t kMaxIndexColumns = 10;
 constexpr std::size_t kHiddenColumns = 3;
 
 // ---- the description ----------------------------------------------------------------------------
+
 struct ColumnType {
   int code;
   std::string parameter;  // what Insert takes
@@ -149,6 +150,7 @@ Schema ReadSchema(std::string const& path) {
 }
 
 // ---- names in the output ------------------------------------------------------------------------
+
 // UniqueIdentifier becomes unique_identifier.
 std::string ParameterName(std::string const& column) {
   std::string out;
@@ -184,6 +186,7 @@ std::vector<ColumnRecord> KeyColumns(TableRecord const& table, IndexRecord const
 }
 
 // ---- metalayer_generated.hpp --------------------------------------------------------------------
+
 void WriteOrdinals(std::ostream& out, TableRecord const& table) {
   if (table.all.size() == kHiddenColumns) return;
   out << "\n  enum Ordinal : unsigned int {\n";
@@ -245,6 +248,7 @@ void WriteHeader(std::ostream& out, Schema const& schema) {
 }
 
 // ---- metalayer_generated.cpp --------------------------------------------------------------------
+
 void DefineStatics(std::ostream& out, TableRecord const& table) {
   std::string const scope = table.name + "::";
   out << "std::u16string " << scope << "g_setspec_;\n"
@@ -321,6 +325,7 @@ void WriteClasses(std::ostream& out, Schema const& schema) {
 }
 
 // ---- metaschema_generated.cpp -------------------------------------------------------------------
+
 void WriteTableColumns(std::ostream& out, TableRecord const& table) {
   out << "     {";
   for (ColumnRecord const& column : table.own) {
@@ -360,6 +365,7 @@ void WriteTable(std::ostream& out, Schema const& schema) {
 }
 
 // ---- the program --------------------------------------------------------------------------------
+
 using Writer = void (*)(std::ostream&, Schema const&);
 
 void WriteFile(std::string const& path, Schema const& schema, Writer writer) {

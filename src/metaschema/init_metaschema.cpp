@@ -28,6 +28,7 @@ void RequireMatch(bool matches) {
 }  // namespace
 
 // ---- tokens -------------------------------------------------------------------------------------
+
 void TABLE_INFO::assure_token() {
   if (token == 0) token = metalayer::assure_token(full_name);
 }
@@ -41,6 +42,7 @@ void INDEX_INFO::assure_token() {
 }
 
 // ---- layouts ------------------------------------------------------------------------------------
+
 unsigned short TABLE_INFO::get_layout() {
   assure_token();
   LORVI_LAYOUT_INFO info{};
@@ -112,6 +114,7 @@ void COLUMN_INFO::verify(unsigned short ordinal) const {
 }
 
 // ---- indexes ------------------------------------------------------------------------------------
+
 bool INDEX_INFO::load_metatable_index(std::u16string* setspec) {
   if (index_id != 0) return true;
   assure_token();
@@ -169,6 +172,7 @@ void TABLE_INFO::verify_metatable_indexes() {
 }
 
 // ---- readiness ----------------------------------------------------------------------------------
+
 // A table or index that is missing is the mark of a database that is only partly built.
 bool init_meta_table(TABLE_INFO& table) try {
   table.layout = table.get_layout();

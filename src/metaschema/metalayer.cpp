@@ -50,6 +50,7 @@ LS_OBJ_REF InsertSystemRow(unsigned short table_id, std::u16string const& setspe
 }
 
 // ---- the text form ------------------------------------------------------------------------------
+
 std::u16string Setspec::i2spec(unsigned long n) {
   std::u16string letters;
   for (; n != 0; n = (n - 1) / kBase) letters.push_back(kAlphabet[(n - 1) % kBase]);
@@ -74,6 +75,7 @@ std::u16string ParentSetspec(std::u16string const& setspec) {
 }
 
 // ---- rows ---------------------------------------------------------------------------------------
+
 std::u16string NextSetspec(std::u16string const& parent, LS_OBJ_REF const& type) {
   SetSpecifier const row = SetSpecifier::ByTypeId_postV2_3(parent.c_str());
   if (row.is_null()) FatalError();
@@ -113,6 +115,7 @@ void RecoverSetspecs() {
 }
 
 // ---- objects by set -----------------------------------------------------------------------------
+
 void RangeGlobalSetspecIndex(char16_t const* setspec, db_util::db_iter_with_keys* iterator) {
   Key(iterator->first_key).SetspecLowerBound(setspec);
   Key(iterator->last_key).SetspecUpperBound(setspec);

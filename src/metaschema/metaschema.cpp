@@ -33,6 +33,7 @@ void Append(NameField& field, char16_t const* text) {
 unsigned int nr_meta_table_inits() { return nr_meta_table_inits_generated_from_json; }
 
 // ---- columns ------------------------------------------------------------------------------------
+
 COLUMN_INFO::COLUMN_INFO() : COLUMN_INFO_STATIC{} {}
 
 COLUMN_INFO& COLUMN_INFO::operator=(COLUMN_INFO_STATIC const& record) {
@@ -63,6 +64,7 @@ void COLUMN_INFO::set_nullable_type() {
 }
 
 // ---- indexes ------------------------------------------------------------------------------------
+
 INDEX_INFO::INDEX_INFO() : INDEX_INFO_STATIC{} {}
 
 INDEX_INFO& INDEX_INFO::operator=(INDEX_INFO_STATIC const& record) {
@@ -81,6 +83,7 @@ void INDEX_INFO::init_column_infos() {
 }
 
 // ---- tables: what follows from the record alone -------------------------------------------------
+
 TABLE_INFO_DERIVED_FROM_STATIC::TABLE_INFO_DERIVED_FROM_STATIC()
     : TABLE_INFO_STATIC{},
       unique_identifier_reversed{},
@@ -126,6 +129,7 @@ void TABLE_INFO_DERIVED_FROM_STATIC::calc_total_nr_columns() {
 }
 
 // ---- tables -------------------------------------------------------------------------------------
+
 TABLE_INFO& TABLE_INFO::operator=(TABLE_INFO_STATIC const& record) {
   static_cast<TABLE_INFO_DERIVED_FROM_STATIC&>(*this) = TABLE_INFO_DERIVED_FROM_STATIC(record);
   copy_columns();
@@ -187,6 +191,7 @@ INDEX_INFO* TABLE_INFO::find_index(char16_t const* index_name) const {
 }
 
 // ---- all tables ---------------------------------------------------------------------------------
+
 std::unique_ptr<TABLE_INFO[]> MetaschemaInit::g_inits_;
 std::unique_ptr<MetaschemaInit::TableByName> MetaschemaInit::g_table_by_name_;
 

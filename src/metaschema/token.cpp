@@ -56,6 +56,7 @@ void assure_predefined_token(unsigned long token, char16_t const* name) {
 }
 
 // ---- kernel ids ---------------------------------------------------------------------------------
+
 unsigned short LoadTableId(char16_t const* name) { return LoadTableId(assure_token(name)); }
 
 unsigned short LoadTableId(unsigned long token) {

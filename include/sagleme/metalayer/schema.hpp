@@ -10,6 +10,7 @@
 namespace metalayer {
 
 // ---- tokens -------------------------------------------------------------------------------------
+
 struct SAGLEME_API TokenMain {
   static void Init();
   static unsigned long get_next_token();
@@ -22,6 +23,7 @@ SAGLEME_API unsigned long assure_token(char16_t const* name);
 SAGLEME_API void assure_predefined_token(unsigned long token, char16_t const* name);
 
 // ---- kernel ids by name or token ----------------------------------------------------------------
+
 // No layout was made with that token.
 inline constexpr unsigned int kNoTable = 4230;
 
@@ -33,6 +35,7 @@ SAGLEME_API unsigned long LoadIndexId(unsigned long token);
 SAGLEME_API unsigned int get_index_info_by_token(unsigned long token, LORVI_INDEX_INFO* out);
 
 // ---- set specifiers -----------------------------------------------------------------------------
+
 struct SAGLEME_API Setspec {
   // Bijective base 23 over "a" to "w"; 0 is the empty text.
   static std::u16string i2spec(unsigned long n);
@@ -55,6 +58,7 @@ SAGLEME_API void RecoverSetspecs();
 bool SetspecBeginsWith(LS_OBJ_REF const& row, std::u16string const& setspec);
 
 // ---- layouts and type ids -----------------------------------------------------------------------
+
 struct LayoutEntry {
   unsigned long type_id;  // 0: empty. Written last, read first
   LS_OBJ_REF raw_view;
@@ -79,6 +83,7 @@ SAGLEME_API LS_OBJ_REF raw_view_by_type_id(unsigned long type_id);
 SAGLEME_API unsigned long GetRootTypeId(unsigned long type_id);
 
 // ---- start-up and generation --------------------------------------------------------------------
+
 // The one row of UserSchemaGeneration.
 SAGLEME_API extern LS_OBJ_REF g_schema_generation;
 
