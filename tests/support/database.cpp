@@ -52,12 +52,17 @@ TemporaryDirectory::~TemporaryDirectory() {
 Database::Database(std::string const& directory) {
   char const* const where = directory.empty() ? nullptr : directory.c_str();
   EXPECT_EQ(0u, lscoredb_open(where, nullptr, &database_));
-  if (database_ != nullptr) EXPECT_EQ(0u, lscoredb_context_open(database_, &context_));
+  if (database_ == nullptr) return;
+  EXPECT_EQ(0u, lscoredb_context_open(database_, &context_));
 }
 
 Database::~Database() {
-  if (context_ != 0) EXPECT_EQ(0u, lscoredb_context_close(context_));
-  if (database_ != nullptr) EXPECT_EQ(0u, lscoredb_close(database_));
+  if (context_ != 0) {
+    EXPECT_EQ(0u, lscoredb_context_close(context_));
+  }
+  if (database_ != nullptr) {
+    EXPECT_EQ(0u, lscoredb_close(database_));
+  }
 }
 
 uint32_t Database::Bootstrap(int* yields) {
