@@ -35,6 +35,7 @@ using IndexId = std::uint64_t;
 using LayoutId = std::uint16_t;
 using Text = std::u16string;
 using Bytes = std::vector<std::uint8_t>;
+using Sizes = std::vector<std::size_t>;
 
 inline constexpr char16_t kSet[] = u"set/";
 

@@ -13,12 +13,13 @@
 
 #include "contract_key.h"
 
-namespace lscoredb {
+namespace lscore {
 namespace {
 
 using lscoredb_test::Key;
 
 using Types = std::vector<std::uint8_t>;
+using Sizes = std::vector<std::size_t>;
 
 constexpr double kInfinity = std::numeric_limits<double>::infinity();
 
@@ -152,7 +153,8 @@ TEST(Keys, ContractIntegers_ReadLikeTheValues) {
 }
 
 TEST(Keys, ContractTexts_ReadLikeTheValuesAtEveryChunkBoundary) {
-  for (std::size_t const length : {0, 1, 7, 8, 9, 30, 31, 32, 61, 62, 63, 93, 94, 600, 100000}) {
+  for (std::size_t const length :
+       Sizes{0, 1, 7, 8, 9, 30, 31, 32, 61, 62, 63, 93, 94, 600, 100000}) {
     std::u16string const text(length, u'x');
     EXPECT_EQ(Read(Key().Text(text), {{LORV_TYPE_STRING, false}}), Encoded(AppendText, text));
     EXPECT_EQ(Read(Key().Text(text), {{LORV_TYPE_STRING, true}}), Encoded(AppendText, text, true));
@@ -262,4 +264,4 @@ TEST(OrderedIds, CutOrOverlongBytes_AreRefusedAndNothingIsWritten) {
 }
 
 }  // namespace
-}  // namespace lscoredb
+}  // namespace lscore

@@ -62,15 +62,16 @@ class LongKeyTest : public KernelTest {
 TEST_F(LongKeyTest, TextsOfAllLengthsStandInOrder) {
   std::vector<Text> texts;
   for (std::size_t const length :
-       {0,   1,   31,  32,  62,  63,  100, 126, 127, 128, 168, 169,   170,
-        171, 400, 480, 500, 505, 509, 510, 511, 512, 513, 600, 100000})
+       Sizes{0,   1,   31,  32,  62,  63,  100, 126, 127, 128, 168, 169,   170,
+             171, 400, 480, 500, 505, 509, 510, 511, 512, 513, 600, 100000})
     texts.push_back(Text(length, u'x'));
   ExpectOrder(texts);
 }
 
 TEST_F(LongKeyTest, WideUnitsToo) {
   std::vector<Text> texts;
-  for (std::size_t const length : {0, 1, 31, 32, 62, 63, 160, 165, 168, 169, 170, 171, 600, 100000})
+  for (std::size_t const length :
+       Sizes{0, 1, 31, 32, 62, 63, 160, 165, 168, 169, 170, 171, 600, 100000})
     texts.push_back(Text(length, u'\xFFFF'));
   ExpectOrder(texts);
 }
@@ -78,7 +79,7 @@ TEST_F(LongKeyTest, WideUnitsToo) {
 TEST_F(LongKeyTest, TextsThatDifferOnlyFarBehindTheStoresLimit) {
   std::vector<Text> texts;
   for (char16_t const stem : {u'a', u'b'})
-    for (std::size_t const length : {499, 500, 2000})
+    for (std::size_t const length : Sizes{499, 500, 2000})
       for (char16_t last = u'a'; last < u'h'; ++last) texts.push_back(Text(length, stem) + last);
   std::sort(texts.begin(), texts.end());
   ExpectOrder(texts);

@@ -36,7 +36,7 @@ class StringTest : public KernelTest {
 };
 
 TEST_F(StringTest, TextsOfAllLengthsAreKept) {
-  for (std::size_t const length : {0, 1, 2, 3, 31, 32, 62, 63, 600, 4096, 100000})
+  for (std::size_t const length : Sizes{0, 1, 2, 3, 31, 32, 62, 63, 600, 4096, 100000})
     for (char16_t const unit : {u'a', u'\xFF', u'\x100', u'\xFFFF'}) ExpectKept(Text(length, unit));
 }
 
@@ -70,7 +70,7 @@ TEST_F(StringTest, TheCallersTextMayChangeAfterTheCall) {
 }
 
 TEST_F(StringTest, ATextHasRoomForATerminator) {
-  for (std::size_t const length : {0, 1, 2, 3, 4, 7, 8, 31, 32, 600, 100000}) {
+  for (std::size_t const length : Sizes{0, 1, 2, 3, 4, 7, 8, 31, 32, 600, 100000}) {
     Text const text(length, u'x');
     session_.PutString(row_, kText, text);
     session_.PutString(row_, kOther, text + u'y');
@@ -197,7 +197,7 @@ TEST_F(StringTest, WritesInsideAScopeOutliveIt) {
 }
 
 TEST_F(StringTest, BinariesOfAllSizesAreKept) {
-  for (std::size_t const size : {0, 1, 3, 4, 5, 600, 4095, 4096, 1 << 20, 20 << 20}) {
+  for (std::size_t const size : Sizes{0, 1, 3, 4, 5, 600, 4095, 4096, 1 << 20, 20 << 20}) {
     Bytes bytes(size);
     for (std::size_t i = 0; i < size; ++i) bytes[i] = static_cast<std::uint8_t>(i * 7);
     session_.PutBinary(row_, kBinary, bytes);
