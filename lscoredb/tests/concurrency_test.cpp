@@ -188,6 +188,69 @@ TEST_F(ConcurrencyTest, ReadersSeeWholeTransactions) {
   });
 }
 
+// The index comes from the snapshot and the row from wherever rows are kept: the two have to be of
+// one age, and no younger transaction may see an older one.
+TEST_F(ConcurrencyTest, RowsAreNeitherOlderNorYoungerThanTheSnapshotTheyAreReadIn) {
+  constexpr std::int64_t kLast = 300;
+  InParallel(4, [&](int thread) {
+    Session session(database_);
+    std::int64_t seen = 0;
+    while (seen < kLast) {
+      if (thread == 0) {
+        session.Begin();
+        session.PutLong(row_, kValue, ++seen);
+        session.Commit();
+        continue;
+      }
+      session.BeginReadOnly();
+      std::int64_t const value = *session.Long(row_, kValue);
+      EXPECT_GE(value, seen);
+      EXPECT_EQ(session.At(by_value_, Key().Long(value)), Oids{row_});
+      EXPECT_EQ(session.Walk(by_value_), Oids{row_});
+      session.Commit();
+      seen = value;
+    }
+  });
+}
+
+TEST_F(ConcurrencyTest, ATransactionBegunAfterACommitReturnedSeesIt) {
+  std::barrier meet(2);
+  InParallel(2, [&](int thread) {
+    Session session(database_);
+    for (int i = 1; i <= 100; ++i) {
+      bool const writes = (i + thread) % 2 == 0;
+      if (writes) {
+        session.Begin();
+        session.PutLong(row_, kValue, i);
+        session.Commit();
+      }
+      meet.arrive_and_wait();
+      session.BeginReadOnly();
+      EXPECT_EQ(session.Long(row_, kValue), i);
+      session.Commit();
+      meet.arrive_and_wait();
+    }
+  });
+}
+
+TEST_F(ConcurrencyTest, OneDirectoryIsOpenedAndClosedByManyThreads) {
+  TemporaryDirectory directory;
+  InParallel(4, [&](int thread) {
+    for (int i = 0; i < 10; ++i) {
+      Database database(directory.path());
+      Session session(database);
+      session.Begin();
+      session.CreateLayout(static_cast<std::uint64_t>(1000 + thread * 10 + i), {});
+      session.Commit();
+    }
+  });
+  Database database(directory.path());
+  Session session(database);
+  session.Begin();
+  for (std::uint64_t token = 1000; token < 1040; ++token)
+    EXPECT_EQ(session.LayoutsByToken(token).size(), 1U) << token;
+}
+
 TEST_F(ConcurrencyTest, ReadersDoNotWaitForAnOpenWriter) {
   session_.Begin();
   session_.PutLong(row_, kValue, 5);

@@ -103,6 +103,19 @@ TEST_F(IndexUpkeepTest, AnUnwrittenColumnIsNullOrZero) {
   }
 }
 
+TEST_F(IndexUpkeepTest, AnUnwrittenRequiredTextIsIndexedAsTheEmptyOne) {
+  LayoutId const required = session_.CreateLayout(51, {{LORV_TYPE_STRING, 200, false}});
+  IndexId const index = session_.CreateIndex(61, u"texts/", {{LORV_TYPE_STRING, 200, false}});
+  Oid const unwritten = session_.Insert(required, u"texts/");
+  Oid const empty = session_.Insert(required, u"texts/");
+  session_.PutString(empty, 2, u"");
+  for (int round = 0; round < 2; ++round) {
+    EXPECT_EQ(session_.At(index, Key().Text(u"")), (Oids{unwritten, empty}));
+    EXPECT_EQ(session_.At(index, Key().Null()), Oids{});
+    Restart();
+  }
+}
+
 TEST_F(IndexUpkeepTest, ARowWithoutSetSpecifierIsInNoIndex) {
   IndexId const all = Index(u"");
   Oid const bare = session_.InsertBare(layout_);

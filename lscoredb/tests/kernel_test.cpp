@@ -69,6 +69,10 @@ TemporaryDirectory::~TemporaryDirectory() {
 
 Database::Database() { Check("open", lscoredb_open(nullptr, nullptr, &database_)); }
 
+Database::Database(lscoredb_options const& options) {
+  Check("open", lscoredb_open(nullptr, &options, &database_));
+}
+
 Database::Database(std::string const& directory, lscoredb_options const& options) {
   Check("open", lscoredb_open(directory.c_str(), &options, &database_));
 }

@@ -74,6 +74,7 @@ class TemporaryDirectory {
 class Database {
  public:
   Database();  // in memory
+  explicit Database(lscoredb_options const& options);
   explicit Database(std::string const& directory, lscoredb_options const& options = NoSync());
   ~Database();
   Database(Database const&) = delete;

@@ -237,6 +237,33 @@ TEST(Keys, TheReaderStopsAtTheFirstWrongByte) {
   EXPECT_FALSE(Read(std::vector<std::uint8_t>{0x60, 0x60, 0x60}, columns));
 }
 
+// No field goes on for longer than a chunk behind a zero byte, so that so much room behind a broken
+// key is all that a reader may touch; the buffer ends right there.
+TEST(Keys, BrokenKeysAreReadNoFurtherThanTheirFirstWrongByte) {
+  std::mt19937 random(99);
+  std::vector<KeyColumn> const columns{{LORV_TYPE_STRING, true},
+                                       {LORV_TYPE_LONG, false},
+                                       {LORV_TYPE_BINARY, false},
+                                       {LORV_TYPE_STRING, false}};
+  std::vector<std::uint8_t> const good = Key()
+                                             .Text(std::u16string(70, u'x'))
+                                             .Long(-1)
+                                             .Chunks(std::vector<std::uint8_t>(40, 7))
+                                             .Text(u"end")
+                                             .Bytes();
+  ASSERT_TRUE(Read(good, columns));
+  std::size_t refused = 0;
+  for (int i = 0; i < 20000; ++i) {
+    std::vector<std::uint8_t> key = good;
+    for (auto changes = 1 + random() % 3; changes > 0; --changes)
+      key[random() % key.size()] = static_cast<std::uint8_t>(random());
+    key.resize(random() % key.size());
+    key.resize(key.size() + 32);
+    if (!Read(key, columns)) ++refused;
+  }
+  EXPECT_GT(refused, 10000U);
+}
+
 TEST(OrderedIds, StandInOrderAndReadBack) {
   KeyBytes previous;
   for (std::uint64_t const id :

@@ -61,6 +61,10 @@ TEST_F(RowTest, AnUnwrittenRequiredColumnIsZero) {
     EXPECT_EQ(session_.Decimal(row_, Required(LORV_TYPE_DECIMAL)), 0);
     EXPECT_EQ(session_.Float(row_, Required(LORV_TYPE_FLOAT)), 0.0F);
     EXPECT_EQ(session_.Double(row_, Required(LORV_TYPE_DOUBLE)), 0.0);
+    EXPECT_EQ(session_.String(row_, Required(LORV_TYPE_STRING)), u"");
+    EXPECT_EQ(session_.Binary(row_, Required(LORV_TYPE_BINARY)), Bytes{});
+    EXPECT_EQ(session_.RefId(row_, Required(LORV_TYPE_REFERENCE)), Oid{0});
+    EXPECT_EQ(session_.Reference(row_, Required(LORV_TYPE_REFERENCE))->oid, Oid{0});
     Restart();
   }
 }
