@@ -50,11 +50,12 @@ struct Arguments {
   Questions questions = {"libc6", "bash"};
 };
 
-void PrepareDatabase(Session& session) {
-  {
-    Progress progress("preparing the catalogue, step", 0);
-    session.PrepareCatalogue([&](int) { progress.Advance(); });
-  }
+sagleme::Database OpenWithProgress(std::string const& directory) {
+  Progress progress("making the catalogue, step", 0);
+  return OpenOrCreate(directory, [&](int) { progress.Advance(); });
+}
+
+void PrepareSchema(Session& session) {
   Transaction transaction(session);
   CreateSchema(session);
   transaction.Commit();
@@ -73,8 +74,8 @@ void PrintLoaded(LoadResult const& result) {
 
 int RunLoad(Arguments const& arguments) {
   ControlFile file(arguments.file);
-  Session session(arguments.database);
-  PrepareDatabase(session);
+  Session session(OpenWithProgress(arguments.database));
+  PrepareSchema(session);
   LoadOptions options;
   options.batch = arguments.batch;
   options.is_interrupted = [] { return g_stop_asked != 0; };
@@ -85,8 +86,7 @@ int RunLoad(Arguments const& arguments) {
 }
 
 int RunQuery(Arguments const& arguments) {
-  Session session(arguments.database);
-  session.OpenCatalogue();
+  Session session(sagleme::Database::Open(arguments.database));
   AnswerAll(session, arguments.questions);
   return kDone;
 }
@@ -130,8 +130,6 @@ int RunGuarded(char const* program, Arguments const& arguments) {
   } catch (UnreadableFile const& failure) {
     fmt::print(stderr, "packages: {}\n", failure.what());
     return kUnreadableInput;
-  } catch (Failure const& failure) {
-    fmt::print(stderr, "packages: {}\n", failure.what());
   } catch (db_util::db_exception const& failure) {
     fmt::print(stderr, "packages: status {}: {}\n", failure.code(),
                lscoredb_status_text(failure.code()));
@@ -143,7 +141,7 @@ int RunGuarded(char const* program, Arguments const& arguments) {
 
 std::string CheckName(std::string const& name) {
   constexpr std::size_t kLongest = 250;
-  bool const is_name = !name.empty() && name.size() <= kLongest && ToUtf16(name).has_value();
+  bool const is_name = !name.empty() && name.size() <= kLongest && IsStorable(name);
   return is_name ? std::string() : "is no package name";
 }
 

@@ -24,7 +24,7 @@ void Object::SetText(Property property, std::string_view text) {
     Wrote(lorv_crud_WriteString(session_.context(), property, ref_.oid, ref_.addr, nullptr));
     return;
   }
-  std::u16string const wide = ToUtf16(text).value();
+  std::u16string const wide = sagleme::ToUtf16(text);
   Wrote(lorv_crud_WriteString(session_.context(), property, ref_.oid, ref_.addr, wide.c_str()));
 }
 
@@ -71,7 +71,7 @@ std::string Object::GetText(Property property) const {
   char16_t const* text = nullptr;
   bool const has_value =
       HasRead(lorv_crud_ReadString(session_.context(), property, ref_.oid, ref_.addr, &text));
-  return has_value ? ToUtf8(text) : std::string();
+  return has_value ? sagleme::ToUtf8(text) : std::string();
 }
 
 std::optional<int64_t> Object::GetLong(Property property) const {
@@ -120,7 +120,7 @@ LS_OBJ_REF Object::GetRef(Property property) const {
 
 LS_OBJ_REF FindByText(uint64_t index, std::string_view text) {
   unsigned char key[db_util::db_iter_with_keys::kKeySize];
-  Key(key).Text(ToUtf16(text).value().c_str());
+  Key(key).Text(sagleme::ToUtf16(text).c_str());
   return metalayer::LookupByKey(index, key);
 }
 
@@ -146,7 +146,7 @@ void EachInSubtree(Session& session, char16_t const* table,
   metalayer::SetSpecifier const row = metalayer::SetSpecifier::ByType(view);
   char16_t const* setspec = nullptr;
   session.Check(lorv_setspec_name_by_setspec_ref(session.context(), row.oid, row.addr, &setspec),
-                "the set of " + ToUtf8(table));
+                "finding the set of a table");
   db_util::db_iter_with_keys walk;
   metalayer::RangeGlobalSetspecIndex(setspec, &walk);
   for (; !IsNull(walk.current) && visit(walk.current); walk.next()) {
@@ -163,7 +163,7 @@ LS_OBJ_REF FindPackage(Indexes const& indexes, std::string_view name,
           ? LS_OBJ_REF{}
           : FindByText(indexes.package_by_key, with_colon + std::string(architecture));
   if (!IsNull(exact)) return exact;
-  std::u16string const prefix = ToUtf16(with_colon).value();
+  std::u16string const prefix = sagleme::ToUtf16(with_colon);
   db_util::db_iter_with_keys walk;
   Key(walk.first_key).Text(prefix.c_str());
   Key(walk.last_key).TextUpperBound(prefix.c_str());

@@ -152,7 +152,7 @@ Kind KindOf(Package const& package) {
 
 void CheckText(Stanza const& stanza) {
   for (Stanza::Field const& field : stanza.fields) {
-    if (!ToUtf16(field.value)) throw Malformed(field.line, field.name + " is not UTF-8");
+    if (!IsStorable(field.value)) throw Malformed(field.line, field.name + " is not UTF-8");
   }
 }
 

@@ -5,11 +5,11 @@
 #include <algorithm>
 #include <map>
 #include <set>
+#include <stdexcept>
 #include <vector>
 
 #include "objects.h"
 #include "schema.h"
-#include "text.h"
 
 namespace packages {
 namespace {
@@ -60,7 +60,7 @@ class Answers {
 
 uint64_t Answers::TypeIdOf(char16_t const* table) const {
   uint64_t type_id = 0;
-  session_.Check(lorv_crud_GetTypeId(session_.context(), table, &type_id), "a type id");
+  session_.Check(lorv_crud_GetTypeId(session_.context(), table, &type_id), "asking for a type id");
   return type_id;
 }
 
@@ -76,7 +76,7 @@ void Answers::Counts() const {
       return true;
     });
     std::string const indent = table.base == nullptr ? "  " : "    ";
-    fmt::print("{:<28} {:>14} {:>20}\n", indent + ToUtf8(table.name), own, all);
+    fmt::print("{:<28} {:>14} {:>20}\n", indent + sagleme::ToUtf8(table.name), own, all);
   }
 }
 
@@ -140,7 +140,7 @@ std::string Answers::TableOfObject(uint64_t oid) const {
   session_.Check(lorv_crud_Lookup(session_.context(), oid, &addr, &type_id),
                  "looking up an object");
   metalayer::RawView const view(metalayer::raw_view_by_type_id(type_id));
-  return ToUtf8(metalayer::GetText(view, metalayer::RawView::kFullName));
+  return sagleme::ToUtf8(metalayer::GetText(view, metalayer::RawView::kFullName));
 }
 
 std::vector<TableSpec const*> Answers::WithBases(TableSpec const& table) const {
@@ -156,7 +156,7 @@ std::string Answers::Referenced(LS_OBJ_REF const& target) const {
   if (IsNull(target)) return {};
   std::string const table = TableOfObject(target.oid);
   Object const object(session_, target);
-  std::string const text = table == ToUtf8(tables::kMaintainer)
+  std::string const text = table == sagleme::ToUtf8(tables::kMaintainer)
                                ? object.GetText(handles_.maintainer.contact)
                                : KeyOf(target);
   return fmt::format("{} (object {} of {})", text, target.oid, table);
@@ -167,7 +167,7 @@ std::string Answers::Value(Object const& object, TableSpec const& table,
   PropertyAccessInfo* property = nullptr;
   session_.Check(
       lorv_crud_GetPropertyHandle(session_.context(), table.name, column.name, &property),
-      "a property");
+      "asking for a property");
   auto const number = [](auto const& value) { return value ? fmt::format("{}", *value) : ""; };
   switch (column.type) {
     case kBinary:
@@ -194,14 +194,15 @@ void Answers::Show(std::string const& name) const {
     return;
   }
   std::string const table_name = TableOfObject(found.oid);
-  TableSpec const* const table = FindTable(ToUtf16(table_name).value());
-  if (table == nullptr) throw Failure(0, "the package is in a foreign table, " + table_name);
+  TableSpec const* const table = FindTable(sagleme::ToUtf16(table_name));
+  if (table == nullptr)
+    throw std::runtime_error("the package is in a foreign table, " + table_name);
   Heading(fmt::format("The package {}: object {} of {}", name, found.oid, table_name));
   Object const object(session_, found);
   for (TableSpec const* const part : WithBases(*table)) {
     for (ColumnSpec const& column : part->columns) {
       std::string const value = Value(object, *table, column);
-      fmt::print("  {:<20} {}\n", ToUtf8(column.name),
+      fmt::print("  {:<20} {}\n", sagleme::ToUtf8(column.name),
                  value.empty() ? "-" : Shortened(value, kLineWidth));
     }
   }

@@ -3,8 +3,6 @@
 #include <algorithm>
 #include <vector>
 
-#include "text.h"
-
 namespace packages {
 namespace {
 
@@ -84,7 +82,7 @@ void CreateTable(Session& session, TableSpec const& table) {
   definitions.push_back({0, nullptr, 0, nullptr});
   session.Check(lorv_create_table_by_names(session.context(), table.name, table.base,
                                            definitions.data(), nullptr),
-                "creating the table " + ToUtf8(table.name));
+                "creating a table");
 }
 
 void CreateIndex(Session& session, IndexSpec const& index) {
@@ -92,7 +90,7 @@ void CreateIndex(Session& session, IndexSpec const& index) {
   LORV_INDEXED_COLUMN const columns[] = {index.column, {nullptr, 0}};
   session.Check(
       lorv_create_index_by_names(session.context(), index.name, index.table, columns, index.unique),
-      "creating the index " + ToUtf8(index.name));
+      "creating an index");
 }
 
 // Asks for the handles of one table.
@@ -103,20 +101,21 @@ class HandleSource {
   CreateInfo const* Create() const {
     CreateInfo* handle = nullptr;
     session_.Check(lorv_crud_GetCreateHandle(session_.context(), table_, &handle),
-                   "a create handle");
+                   "asking for a create handle");
     return handle;
   }
 
   uint64_t TypeId() const {
     uint64_t type_id = 0;
-    session_.Check(lorv_crud_GetTypeId(session_.context(), table_, &type_id), "a type id");
+    session_.Check(lorv_crud_GetTypeId(session_.context(), table_, &type_id),
+                   "asking for a type id");
     return type_id;
   }
 
   Property operator()(char16_t const* property) const {
     PropertyAccessInfo* handle = nullptr;
     session_.Check(lorv_crud_GetPropertyHandle(session_.context(), table_, property, &handle),
-                   "the property " + ToUtf8(property));
+                   "asking for a property");
     return handle;
   }
 

@@ -1,73 +1,48 @@
 #ifndef PACKAGES_SESSION_H
 #define PACKAGES_SESSION_H
 
-// One open database with one context, and failures as exceptions that carry their words.
-//
-// A session belongs to one thread, which works in its context while the session lives. What is open
-// when it ends is rolled back.
-
-#include <lscoredb/host.h>
+// One open database with one context, in which the thread works while the session lives.
 
 #include <cstdint>
-#include <functional>
-#include <memory>
+#include <sagleme/host/database.hpp>
 #include <sagleme/metalayer.hpp>
-#include <stdexcept>
 #include <string>
-#include <utility>
 
 namespace packages {
 
-struct Failure : std::runtime_error {
-  Failure(uint32_t code, std::string const& text) : runtime_error(text), status(code) {}
-  uint32_t status;
-};
-
 class Session {
  public:
-  // An empty directory, or one that does not exist, becomes a new database.
-  explicit Session(std::string const& directory);
+  explicit Session(sagleme::Database database);
   ~Session();
   Session(Session const&) = delete;
   Session& operator=(Session const&) = delete;
 
-  // Brings the catalogue to the library's version. `step` is told the number of each step that is
-  // done; each is committed, so that an interrupted run is taken up by the next one.
-  void PrepareCatalogue(std::function<void(int number)> const& step);
-  // Opens a catalogue that an earlier process has prepared.
-  void OpenCatalogue();
+  // Throws a sagleme::Error that says what was tried and why it failed, unless `status` is 0.
+  void Check(uint32_t status, char const* what) const {
+    if (status != 0) Fail(status, what);
+  }
 
-  // Throws a Failure that says what was tried, the status and its text, unless `status` is 0.
-  void Check(uint32_t status, std::string const& what) const;
-  // The words for a failure of an exported C++ function.
-  std::string Explain(uint32_t status) const;
-
-  uint64_t context() const { return context_; }
+  uint64_t context() const { return context_.id(); }
 
  private:
   friend class Transaction;
-  struct Closer {
-    void operator()(lscoredb* database) const { lscoredb_close(database); }
-  };
-  std::unique_ptr<lscoredb, Closer> database_;
-  uint64_t context_ = 0;
+  [[noreturn]] void Fail(uint32_t status, char const* what) const;
+
+  sagleme::Database database_;
+  sagleme::Context context_;
 };
 
 // Rolled back unless committed.
-class Transaction {
+class Transaction : public sagleme::RawTransaction {
  public:
-  enum class Access { kReadWrite, kReadOnly };
-  explicit Transaction(Session& session, Access access = Access::kReadWrite);
-  ~Transaction();
-  Transaction(Transaction const&) = delete;
-  Transaction& operator=(Transaction const&) = delete;
-
-  void Commit();
-
- private:
-  Session& session_;
-  bool open_ = true;
+  using Access = sagleme::Access;
+  explicit Transaction(Session& session, Access access = Access::kReadWrite)
+      : RawTransaction(session.context_, access) {}
 };
+
+// Opens the database in a directory, or makes it there, or goes on where making it was cut off.
+// `progress` is told each step of the making, which is kept by itself.
+sagleme::Database OpenOrCreate(std::string const& directory, sagleme::Progress const& progress);
 
 // The kernel's id of a named index; 0 when there is no such index.
 uint64_t IndexId(char16_t const* name);

@@ -1,18 +1,16 @@
 #ifndef PACKAGES_TEXT_H
 #define PACKAGES_TEXT_H
 
-// Between the UTF-8 of files and terminals and the UTF-16 of the database.
+// Small helpers for the text of files and command lines.
 
-#include <optional>
-#include <string>
+#include <algorithm>
+#include <sagleme/host/text.hpp>
 #include <string_view>
 
 namespace packages {
 
-// Nothing when `text` is not well-formed UTF-8 or holds a zero byte.
-std::optional<std::u16string> ToUtf16(std::string_view text);
-// Lone surrogates become U+FFFD.
-std::string ToUtf8(std::u16string_view text);
+// Whether the database can hold the text as one value: UTF-8 without a zero byte in it.
+bool IsStorable(std::string_view text);
 
 std::string_view Trim(std::string_view text);
 // The parts of `text` between separators, trimmed; empty parts are left out.
