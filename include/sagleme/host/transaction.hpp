@@ -56,6 +56,11 @@ class Transaction : public RawTransaction {
   std::map<std::u16string, TablePtr, std::less<>> by_name_;
 };
 
+// The table that all others derive from, directly or not.
+inline TablePtr RootTable(Transaction& transaction) {
+  return transaction.table(u"Lorvenstack.Internal.Metadata.MotherOfAllLayouts");
+}
+
 // ---- bodies
 // ----------------------------------------------------------------------------------------
 

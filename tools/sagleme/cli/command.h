@@ -3,8 +3,8 @@
 
 // One command: its words for help, manual and completion, its options, and what it does.
 //
-// The same object serves the command line and the prompt; at the prompt the database is the session's
-// and is not named.
+// The same object serves the command line and the prompt; at the prompt the database is the
+// session's and is not named.
 
 #include <CLI/CLI.hpp>
 #include <memory>
@@ -41,8 +41,9 @@ class Command {
 // All commands in the order in which help shows them. Each call makes new ones.
 std::vector<std::unique_ptr<Command>> MakeCommands();
 
-// Adds one to a parser: its options, --format where it lists, help with examples.
-CLI::App* Attach(CLI::App& parser, Command& command, Output& output);
+// Adds one to a parser: its options, --format where it lists, help with examples. The database
+// comes first and goes to `directory`; at the prompt, where it is not named, that is null.
+CLI::App* Attach(CLI::App& parser, Command& command, Output& output, std::string* directory);
 
 }  // namespace tool
 

@@ -1,7 +1,8 @@
 #ifndef SAGLEME_TOOL_CLI_FAILURE_H
 #define SAGLEME_TOOL_CLI_FAILURE_H
 
-// How a command ends when it does not end well: an exit status, what is wrong and where, and what to do.
+// How a command ends when it does not end well: an exit status, what is wrong and where, and what
+// to do.
 
 #include <stdexcept>
 #include <string>

@@ -35,7 +35,8 @@ void Session::Write(Work const& work) {
 }
 
 void Session::Begin() {
-  if (open_) throw Failure(Exit::kRefused, "a transaction is open", "End it with commit or rollback.");
+  if (open_)
+    throw Failure(Exit::kRefused, "a transaction is open", "End it with commit or rollback.");
   open_.emplace(context());
 }
 

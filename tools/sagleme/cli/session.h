@@ -1,8 +1,8 @@
 #ifndef SAGLEME_TOOL_CLI_SESSION_H
 #define SAGLEME_TOOL_CLI_SESSION_H
 
-// What commands work on: the database, and either one transaction that a user keeps open at the prompt,
-// or one of each command's own.
+// What commands work on: the database, and either one transaction that a user keeps open at the
+// prompt, or one of each command's own.
 
 #include <functional>
 #include <memory>

@@ -1,6 +1,7 @@
 #include "output/listing.h"
 
 #include <algorithm>
+#include <sagleme/host/text.hpp>
 
 #include "output/text.h"
 
@@ -26,6 +27,14 @@ std::string Trimmed(std::string line) {
   return line + "\n";
 }
 
+std::string UnitsJson(std::string const& text) {
+  std::string units;
+  for (char16_t const unit : sagleme::ToUtf16(text)) {
+    units += (units.empty() ? "" : ", ") + std::to_string(static_cast<unsigned>(unit));
+  }
+  return "{\"utf16\": [" + units + "]}";
+}
+
 std::string MarkdownText(std::string const& text) {
   std::string escaped;
   for (char const each : Visible(text)) {
@@ -44,7 +53,7 @@ std::string Cell::Json() const {
     case Kind::kNull:
       return "null";
     case Kind::kText:
-      return JsonString(text);
+      return lone_surrogates ? UnitsJson(text) : JsonString(text);
     case Kind::kNumber:
     case Kind::kBool:
     case Kind::kJson:
@@ -82,7 +91,8 @@ std::string Listing::Table(bool color) const {
   std::string const gap(kGap, ' ');
   std::string text;
   std::string line;
-  for (std::size_t i = 0; i < heading_.size(); ++i) line += Padded(heading_[i], widths[i], false) + gap;
+  for (std::size_t i = 0; i < heading_.size(); ++i)
+    line += Padded(heading_[i], widths[i], false) + gap;
   text += (color ? kBold : "") + Trimmed(line);
   if (color) text.insert(text.size() - 1, kPlain);
   for (auto const& row : rows_) {
@@ -112,7 +122,8 @@ std::string Listing::Json(std::string const& indent) const {
 
 std::string Listing::Csv() const {
   std::string text;
-  for (std::size_t i = 0; i < heading_.size(); ++i) text += (i == 0 ? "" : ",") + CsvField(heading_[i]);
+  for (std::size_t i = 0; i < heading_.size(); ++i)
+    text += (i == 0 ? "" : ",") + CsvField(heading_[i]);
   text += "\n";
   for (auto const& row : rows_) {
     for (std::size_t i = 0; i < row.size(); ++i) {

@@ -16,10 +16,11 @@ struct Cell {
 
   Kind kind = Kind::kNull;
   std::string text;  // UTF-8; of a number or truth value its JSON form, of kJson any JSON
+  bool lone_surrogates = false;  // in a text: it goes into JSON as its units
 
-  static Cell Text(std::string text) { return {Kind::kText, std::move(text)}; }
-  static Cell Number(std::uint64_t value) { return {Kind::kNumber, std::to_string(value)}; }
-  static Cell Bool(bool value) { return {Kind::kBool, value ? "true" : "false"}; }
+  static Cell Text(std::string text) { return {Kind::kText, std::move(text), false}; }
+  static Cell Number(std::uint64_t value) { return {Kind::kNumber, std::to_string(value), false}; }
+  static Cell Bool(bool value) { return {Kind::kBool, value ? "true" : "false", false}; }
 
   std::string Json() const;
   // Nothing for null.
@@ -51,7 +52,9 @@ class Listing {
 // One thing with named properties: two columns, or one JSON object.
 class Properties {
  public:
-  void Add(std::string name, Cell value) { entries_.emplace_back(std::move(name), std::move(value)); }
+  void Add(std::string name, Cell value) {
+    entries_.emplace_back(std::move(name), std::move(value));
+  }
   void Print(Output const& output) const;
   std::string Json() const;
 

@@ -1,10 +1,10 @@
 #include "output/text.h"
 
 #include <fmt/format.h>
-#include <sagleme/host/text.hpp>
 #include <utf8proc.h>
 
 #include <algorithm>
+#include <sagleme/host/text.hpp>
 
 namespace tool {
 namespace {

@@ -12,10 +12,12 @@ namespace tool {
 // The columns that UTF-8 takes on a terminal: wide letters take two, combining marks none.
 std::size_t DisplayWidth(std::string_view text);
 
-// With control characters made visible, so that stored text cannot steer a terminal or break a line.
+// With control characters made visible, so that stored text cannot steer a terminal or break a
+// line.
 std::string Visible(std::string_view text);
 
-// A JSON string with its quotes. `text` is UTF-8 that may hold lone surrogates, which become escapes.
+// A JSON string with its quotes. `text` is UTF-8 that may hold lone surrogates, which become
+// escapes.
 std::string JsonString(std::string_view text);
 
 // A field of a CSV line, quoted where it must be.

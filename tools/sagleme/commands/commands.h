@@ -1,0 +1,22 @@
+#ifndef SAGLEME_TOOL_COMMANDS_COMMANDS_H
+#define SAGLEME_TOOL_COMMANDS_COMMANDS_H
+
+// The makers of all commands.
+
+#include <memory>
+
+#include "cli/command.h"
+
+namespace tool {
+
+std::unique_ptr<Command> MakeCreate();
+std::unique_ptr<Command> MakeInfo();
+std::unique_ptr<Command> MakeTables();
+std::unique_ptr<Command> MakeDescribe();
+std::unique_ptr<Command> MakeGet();
+std::unique_ptr<Command> MakeFind();
+std::unique_ptr<Command> MakeScan();
+
+}  // namespace tool
+
+#endif

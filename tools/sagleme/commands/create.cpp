@@ -1,0 +1,49 @@
+#include <fmt/format.h>
+
+#include "commands/commands.h"
+
+namespace tool {
+namespace {
+
+class Create : public Command {
+ public:
+  std::string name() const override { return "create"; }
+  std::string summary() const override { return "Makes a new database"; }
+  std::vector<Example> examples() const override {
+    return {{"create shop", "makes the directory shop with an empty database in it"}};
+  }
+  void Declare(CLI::App&) override {}
+  bool at_prompt() const override { return false; }
+  Exit Run(Session& session, Output& output) override;
+};
+
+void ShowStep(Output const& output, int step) {
+  if (output.err_is_terminal) {
+    output.Note(fmt::format("\rbootstrap: step {}", step));
+  } else {
+    output.Note(fmt::format("bootstrap: step {}\n", step));
+  }
+}
+
+Exit Create::Run(Session& session, Output& output) {
+  std::string const& directory = session.directory();
+  int steps = 0;
+  try {
+    auto const database =
+        sagleme::Database::Create(directory, [&](int step) { ShowStep(output, steps = step); });
+  } catch (sagleme::Error const& error) {
+    bool const exists = sagleme::Database::ExistsIn(directory) && steps == 0;
+    throw Failure(exists ? Exit::kRefused : Exit::kCannotOpen,
+                  fmt::format("cannot create {}: {}", directory, error.what()),
+                  exists ? "Name a directory that is not there yet." : "");
+  }
+  if (output.err_is_terminal) output.Note("\n");
+  output.Note(fmt::format("created {} in {} steps\n", directory, steps));
+  return Exit::kDone;
+}
+
+}  // namespace
+
+std::unique_ptr<Command> MakeCreate() { return std::make_unique<Create>(); }
+
+}  // namespace tool

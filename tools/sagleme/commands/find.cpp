@@ -1,0 +1,93 @@
+#include <fmt/format.h>
+
+#include "commands/commands.h"
+#include "commands/names.h"
+#include "commands/objects.h"
+#include "output/value_text.h"
+
+namespace tool {
+namespace {
+
+class Find : public Command {
+ public:
+  std::string name() const override { return "find"; }
+  std::string summary() const override { return "Shows the objects that an index holds for a key"; }
+  std::vector<Example> examples() const override {
+    return {{"find shop CustomerByName Adams", "the customers of that name"},
+            {"find shop OrderByDate", "all orders, by date"},
+            {"find shop CustomerByName Ad --starting", "the customers whose names begin so"}};
+  }
+  void Declare(CLI::App& app) override {
+    app.add_option("INDEX", index_, "The index")->required()->type_name("");
+    app.add_option("KEY", key_, "Values of its first columns; all objects for none")->type_name("");
+    app.add_flag("--starting", starting_, "The last value is the beginning of a text");
+    app.add_flag("--reverse", reverse_, "Against the order of the index");
+    app.add_option("--limit", limit_, "At most so many objects")->type_name("COUNT");
+  }
+  bool lists() const override { return true; }
+  Exit Run(Session& session, Output& output) override;
+
+ private:
+  std::vector<sagleme::Value> Key(sagleme::Index const& index) const;
+  sagleme::Range Open(sagleme::Transaction& transaction, sagleme::Index const& index) const;
+
+  std::string index_;
+  std::vector<std::string> key_;
+  bool starting_ = false;
+  bool reverse_ = false;
+  std::uint64_t limit_ = UINT64_MAX;
+};
+
+std::vector<sagleme::Value> Find::Key(sagleme::Index const& index) const {
+  if (key_.size() > index.columns.size()) {
+    throw Failure(Exit::kUsage, fmt::format("index {} has {} columns, and {} values are given",
+                                            index_, index.columns.size(), key_.size()));
+  }
+  std::vector<sagleme::Value> key;
+  for (std::size_t i = 0; i < key_.size(); ++i) {
+    try {
+      key.push_back(ParseValue(index.columns[i].type, key_[i]));
+    } catch (BadValue const& error) {
+      throw Failure(Exit::kUsage,
+                    fmt::format("column {} of index {}: {}", sagleme::ToUtf8(index.columns[i].name),
+                                index_, error.what()));
+    }
+  }
+  return key;
+}
+
+sagleme::Range Find::Open(sagleme::Transaction& transaction, sagleme::Index const& index) const {
+  auto const key = Key(index);
+  auto const direction = reverse_ ? sagleme::Direction::kReverse : sagleme::Direction::kForward;
+  if (!starting_) return sagleme::Range::Matching(transaction, index, key, direction);
+  if (key.empty() || !std::holds_alternative<std::u16string>(key.back()) ||
+      !index.columns[key.size() - 1].ascending) {
+    throw Failure(Exit::kUsage, "--starting wants a last value for an ascending column of texts");
+  }
+  return sagleme::Range::Between(transaction, index, sagleme::IndexKey(index, key),
+                                 sagleme::IndexKey(index, key, true), direction);
+}
+
+Exit Find::Run(Session& session, Output& output) {
+  session.Read([&](sagleme::Transaction& transaction) {
+    sagleme::Index const index = IndexNamed(transaction, index_);
+    ObjectList list(transaction.table(index.table));
+    std::uint64_t shown = 0;
+    sagleme::Range range = Open(transaction, index);
+    while (shown < limit_) {
+      auto const object = range.Next();
+      if (!object) break;
+      sagleme::ReadScope const scope(transaction.context());
+      list.Add(*object);
+      ++shown;
+    }
+    list.Print(output);
+  });
+  return Exit::kDone;
+}
+
+}  // namespace
+
+std::unique_ptr<Command> MakeFind() { return std::make_unique<Find>(); }
+
+}  // namespace tool

@@ -1,0 +1,94 @@
+#include <fmt/format.h>
+
+#include <filesystem>
+
+#include "commands/commands.h"
+#include "commands/counts.h"
+#include "output/listing.h"
+
+namespace tool {
+namespace {
+
+class Info : public Command {
+ public:
+  std::string name() const override { return "info"; }
+  std::string summary() const override { return "Shows versions, sizes and counts"; }
+  std::vector<Example> examples() const override {
+    return {{"info shop", "what is in the database and what waits to be tidied"},
+            {"info shop --format json", "the same for a program"}};
+  }
+  void Declare(CLI::App&) override {}
+  bool lists() const override { return true; }
+  Exit Run(Session& session, Output& output) override;
+};
+
+std::uint64_t CountVacuum(sagleme::Transaction& transaction, std::uint64_t kind) {
+  std::uint64_t count = 0;
+  sagleme::TablePtr const table = transaction.table(u"Lorvenstack.Internal.Metadata.Vacuum");
+  sagleme::Property<std::uint64_t> const request(*table, u"RequestKind");
+  for (sagleme::Object const& row : sagleme::Range::Only(transaction, *table)) {
+    if (request.GetOr(row, 0) == kind) ++count;
+  }
+  return count;
+}
+
+std::uint64_t CatalogueVersion(sagleme::Transaction& transaction) {
+  sagleme::Index const by_name = *transaction.FindIndex(u"ConfigurationParameter");
+  for (sagleme::Object const& row : sagleme::Range::Matching(
+           transaction, by_name, {sagleme::Value(std::u16string(u"MetaschemaVersion"))})) {
+    return static_cast<std::uint64_t>(std::get<std::int64_t>(row.Get(u"Value")));
+  }
+  return 0;
+}
+
+void AddKernel(Session& session, Properties& properties) {
+  std::filesystem::path const directory(session.directory());
+  properties.Add("data file bytes",
+                 Cell::Number(std::filesystem::file_size(directory / "data.mdb")));
+}
+
+void AddCounts(sagleme::Transaction& transaction, Properties& properties) {
+  auto const user = transaction.Tables();
+  std::uint64_t indexes = 0;
+  std::uint64_t objects = 0;
+  ObjectCounts const counts(transaction);
+  for (sagleme::TablePtr const& table : user) {
+    indexes += table->indexes.size();
+    objects += counts.Own(*table);
+  }
+  properties.Add("tables", Cell::Number(user.size()));
+  properties.Add("indexes", Cell::Number(indexes));
+  properties.Add("objects", Cell::Number(objects));
+  properties.Add("catalogue rows and objects", Cell::Number(counts.total()));
+}
+
+void AddLayouts(sagleme::Transaction& transaction, Properties& properties) {
+  std::uint64_t used = 0;
+  auto const layouts = LayoutStatistics(transaction);
+  for (auto const& layout : layouts) used += layout.objects != 0 ? 1 : 0;
+  properties.Add("layouts", Cell::Number(layouts.size()));
+  properties.Add("layouts in use", Cell::Number(used));
+}
+
+Exit Info::Run(Session& session, Output& output) {
+  Properties properties;
+  session.Read([&](sagleme::Transaction& transaction) {
+    properties.Add("directory", Cell::Text(session.directory()));
+    properties.Add("catalogue version", Cell::Number(CatalogueVersion(transaction)));
+    properties.Add("catalogue version of this tool", Cell::Number(lorv_get_metaschema_version()));
+    properties.Add("schema generation", Cell::Number(transaction.Generation()));
+    AddKernel(session, properties);
+    AddCounts(transaction, properties);
+    AddLayouts(transaction, properties);
+    properties.Add("tables to move", Cell::Number(CountVacuum(transaction, 1)));
+    properties.Add("tables to clear", Cell::Number(CountVacuum(transaction, 2)));
+  });
+  properties.Print(output);
+  return Exit::kDone;
+}
+
+}  // namespace
+
+std::unique_ptr<Command> MakeInfo() { return std::make_unique<Info>(); }
+
+}  // namespace tool

@@ -1,0 +1,37 @@
+#ifndef SAGLEME_TOOL_COMMANDS_OBJECTS_H
+#define SAGLEME_TOOL_COMMANDS_OBJECTS_H
+
+// Objects as rows of a list and as lists of their properties.
+
+#include <sagleme/host.hpp>
+#include <string>
+#include <vector>
+
+#include "output/listing.h"
+
+namespace tool {
+
+// A list of objects with the columns of one table, for objects of it and of its descendants. The
+// hidden columns are left out; id and table stand in front.
+class ObjectList {
+ public:
+  explicit ObjectList(sagleme::TablePtr table);
+
+  void Add(sagleme::Object const& object);
+  void Print(Output const& output) const { listing_.Print(output); }
+
+ private:
+  sagleme::TablePtr table_;
+  Listing listing_;
+};
+
+// One object with all its properties. Each reference in `follow` is a path of column names joined
+// by dots, whose target's properties are shown too, under that path.
+Properties ObjectProperties(sagleme::Object const& object, std::vector<std::string> const& follow);
+
+// The columns that users see.
+std::vector<sagleme::Column const*> UserColumns(sagleme::Table const& table);
+
+}  // namespace tool
+
+#endif
