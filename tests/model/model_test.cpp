@@ -1,0 +1,225 @@
+// Long seeded runs of schema changes and object operations on a database, against the model.
+//
+// A run is cut into legs. Each leg is a process of its own: it replays the model up to its start,
+// without a database, opens the directory that the leg before it left, and goes on. What has to be
+// carried over beside the seed are the identities that the database gave out.
+//
+// SAGLEME_MODEL_STEPS and SAGLEME_MODEL_SEEDS give longer and more runs, SAGLEME_MODEL_FIRST_SEED the
+// first seed.
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <deque>
+
+#include "model/generator.h"
+#include "model/session.h"
+
+namespace sagleme_model {
+
+namespace {
+
+std::uint64_t FromEnvironment(char const* name, std::uint64_t otherwise) {
+  char const* const text = std::getenv(name);
+  return text == nullptr ? otherwise : std::strtoull(text, nullptr, 10);
+}
+
+constexpr std::size_t kStepsOfLeg = 250;
+constexpr std::size_t kRemembered = 60;  // operations told of a run that failed
+
+enum class StepKind { kOperation, kCommit, kRollback };
+
+struct Step {
+  StepKind kind = StepKind::kOperation;
+  Operation operation;
+  Outcome expected;
+  bool clean = true;  // false: a failure that leaves a part of its change until the rollback
+  Model before;
+};
+
+// The model's side of a run: what comes next, and what it must answer.
+class Script {
+ public:
+  explicit Script(std::uint64_t seed) : generator_(seed) {}
+
+  Model const& model() const { return model_; }
+
+  Step Next() {
+    if (must_roll_back_ || generator_.Chance(3)) return RollBack();
+    if (generator_.Chance(8)) return Commit();
+    Step step;
+    step.operation = generator_.Draw(model_);
+    step.before = model_;
+    step.expected = Expect(model_, step.operation, &step.clean);
+    must_roll_back_ = !step.clean;
+    return step;
+  }
+
+  // Ends the transaction at the end of a leg.
+  Step End() { return must_roll_back_ ? RollBack() : Commit(); }
+
+ private:
+  Step Commit() {
+    model_.Commit();
+    committed_ = model_;
+    Step step;
+    step.kind = StepKind::kCommit;
+    return step;
+  }
+
+  Step RollBack() {
+    Model restored = committed_;
+    restored.SkipRowsOf(model_);
+    model_ = std::move(restored);
+    must_roll_back_ = false;
+    Step step;
+    step.kind = StepKind::kRollback;
+    return step;
+  }
+
+  Generator generator_;
+  Model model_;
+  Model committed_;
+  bool must_roll_back_ = false;
+};
+
+struct Run {
+  std::uint64_t seed;
+  std::size_t leg;
+  std::string directory;
+  std::filesystem::path identities;
+};
+
+// The database's side of one leg.
+class Leg {
+ public:
+  Leg(Run const& run, Script& script) : run_(run), script_(script), database_(run.directory) {}
+
+  // Returns what is wrong, nothing when all is well.
+  std::string Play() {
+    Open();
+    if (differences_.empty()) CompareAll();
+    for (std::size_t i = 0; i < kStepsOfLeg && differences_.empty(); ++i) Take(script_.Next());
+    if (differences_.empty()) Take(script_.End());
+    session_.identities().Save(run_.identities);
+    *metalayer::TlsMetalayerContext::Current() = 0;
+    return differences_.empty() ? std::string() : differences_.text() + History();
+  }
+
+ private:
+  void Open() {
+    if (run_.leg == 0) {
+      differences_.Same("status of the bootstrap", 0u, database_.Bootstrap());
+      database_.Begin();
+    } else {
+      session_.identities() = Identities::Load(run_.identities);
+      database_.Begin();
+      differences_.Same("status of the start", 0u, lorv_init_metalayer(session_.context()));
+    }
+    *metalayer::TlsMetalayerContext::Current() = session_.context();
+  }
+
+  void Take(Step const& step) {
+    ++steps_;
+    switch (step.kind) {
+      case StepKind::kOperation:
+        return TakeOperation(step);
+      case StepKind::kCommit:
+        Remember("commit");
+        differences_.Same("status of the commit", 0u, lscoredb_commit(session_.context()));
+        break;
+      case StepKind::kRollback:
+        Remember("roll back");
+        differences_.Same("status of the rollback", 0u, lscoredb_rollback(session_.context()));
+        break;
+    }
+    database_.Begin();
+    differences_.Same("status of the refresh", 0u, session_.RefreshHandles());
+    CompareAll();
+  }
+
+  void TakeOperation(Step const& step) {
+    std::string const what = Describe(step.operation);
+    Remember(what + " -> " + std::to_string(step.expected.status));
+    Outcome const found = session_.Run(step.before, step.operation);
+    differences_.Same(what + ", status", step.expected.status, found.status);
+    if (step.expected.text) differences_.Same(what + ", text", *step.expected.text, *found.text);
+    if (step.expected.made != 0) session_.identities().Learn(step.expected.made, found.made);
+    if (!differences_.empty() || !step.clean) return;
+    differences_.Same("status of the refresh", 0u, session_.RefreshHandles());
+    session_.CompareCatalogue(script_.model(), differences_);
+    if (steps_ % 8 == 0) session_.CompareObjects(script_.model(), differences_);
+  }
+
+  void CompareAll() {
+    session_.CompareCatalogue(script_.model(), differences_);
+    session_.CompareObjects(script_.model(), differences_);
+  }
+
+  void Remember(std::string const& line) {
+    history_.push_back(std::to_string(run_.leg * kStepsOfLeg + steps_) + " " + line);
+    if (history_.size() > kRemembered) history_.pop_front();
+  }
+
+  std::string History() const {
+    std::string text = "seed " + std::to_string(run_.seed) + ", leg " + std::to_string(run_.leg) +
+                       ", the last steps:\n";
+    for (std::string const& line : history_) text += "    " + line + "\n";
+    return text;
+  }
+
+  Run const& run_;
+  Script& script_;
+  sagleme_test::Database database_;
+  Session session_{database_};
+  Differences differences_;
+  std::deque<std::string> history_;
+  std::size_t steps_ = 0;
+};
+
+void Replay(Script& script, std::size_t legs) {
+  for (std::size_t leg = 0; leg < legs; ++leg) {
+    for (std::size_t i = 0; i < kStepsOfLeg; ++i) script.Next();
+    script.End();
+  }
+}
+
+int PlayLeg(Run const& run) {
+  Script script(run.seed);
+  Replay(script, run.leg);
+  std::string wrong;
+  {
+    Leg leg(run, script);
+    wrong = leg.Play();
+  }
+  if (!wrong.empty()) std::fprintf(stderr, "%s", wrong.c_str());
+  return wrong.empty() && !::testing::Test::HasFailure() ? 0 : 1;
+}
+
+void PlaySeed(std::uint64_t seed, std::size_t steps) {
+  sagleme_test::TemporaryDirectory directory;
+  Run run{seed, 0, directory.path() + "/database", directory.path() + "/identities"};
+  for (; run.leg * kStepsOfLeg < steps; ++run.leg) {
+    ASSERT_EQ(0, sagleme_test::InChildProcess([&] { return PlayLeg(run); }))
+        << "seed " << seed << ", leg " << run.leg;
+  }
+}
+
+class ModelRun : public ::testing::TestWithParam<std::uint64_t> {};
+
+TEST_P(ModelRun, DatabaseAndModelAgreeAtEveryStep) {
+  std::uint64_t const first = FromEnvironment("SAGLEME_MODEL_FIRST_SEED", 1);
+  std::uint64_t const seeds = FromEnvironment("SAGLEME_MODEL_SEEDS", 1);
+  std::size_t const steps = FromEnvironment("SAGLEME_MODEL_STEPS", 1000);
+  for (std::uint64_t i = 0; i < seeds; ++i) {
+    PlaySeed(first + GetParam() + i * 1000, steps);
+    if (HasFatalFailure()) return;
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Seeds, ModelRun, ::testing::Range<std::uint64_t>(0, 6));
+
+}  // namespace
+
+}  // namespace sagleme_model
