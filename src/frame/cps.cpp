@@ -4,8 +4,9 @@
 
 using boost::coroutines::push_coroutine;
 using boost::coroutines::stack_traits;
+using metalayer::CoroutineStack;
+using metalayer::StackSwitch;
 using Impl = continuation_context::continuation_context_impl;
-using Body = std::function<void(push_coroutine<unsigned int>&)>;
 
 namespace {
 
@@ -13,28 +14,55 @@ namespace {
 // and it has no guard page. Pages that nobody touches cost nothing.
 constexpr std::size_t kStackSize = 256 * 1024;
 
-boost::coroutines::attributes StackAttributes() {
+std::size_t StackSize() {
   bool const fits = stack_traits::is_unbounded() || stack_traits::maximum_size() >= kStackSize;
-  return boost::coroutines::attributes(fits ? kStackSize : stack_traits::maximum_size());
+  return fits ? kStackSize : stack_traits::maximum_size();
 }
+
+// What the coroutine library takes for an allocator: lends it a stack that stays with its owner.
+struct StackLoan {
+  void allocate(boost::coroutines::stack_context& context, std::size_t) {
+    context.sp = stack->top();
+    context.size = stack->size();
+  }
+  void deallocate(boost::coroutines::stack_context&) {}
+
+  CoroutineStack const* stack;
+};
 
 }  // namespace
 
+Impl::continuation_context_impl(Body const& body) : stack_(StackSize()) {
+  Start(body);
+  PassOnFailure();
+}
+
+// A body that is still suspended is unwound.
+Impl::~continuation_context_impl() {
+  StackSwitch const there_and_back(stack_);
+  coroutine_.reset();
+}
+
 // A coroutine that is still being made when its body throws would never be destroyed. So the body's
 // exception is kept aside until there is an owner.
-Impl::continuation_context_impl(Body const& body)
-    : coroutine_(
-          [this, body](push_coroutine<unsigned int>& yield) {
-            try {
-              body(yield);
-            } catch (boost::coroutines::detail::forced_unwind const&) {
-              throw;
-            } catch (...) {
-              failure_ = std::current_exception();
-            }
-          },
-          StackAttributes(), boost::coroutines::standard_stack_allocator()) {
-  PassOnFailure();
+void Impl::Start(Body const& body) {
+  StackSwitch const there_and_back(stack_);
+  coroutine_.emplace(
+      [this, body](push_coroutine<unsigned int>& yield) {
+        try {
+          body(yield);
+        } catch (boost::coroutines::detail::forced_unwind const&) {
+          throw;
+        } catch (...) {
+          failure_ = std::current_exception();
+        }
+      },
+      boost::coroutines::attributes(stack_.size()), StackLoan{&stack_});
+}
+
+void Impl::Resume() {
+  StackSwitch const there_and_back(stack_);
+  ++value_;
 }
 
 void Impl::PassOnFailure() {
@@ -45,17 +73,17 @@ unsigned int run_continuation_impl(Impl& impl, bool* finished) {
   // Without a value there is nothing to go on from: the first leg ran already, or all of it is
   // over.
   bool const stopped_at_value = impl.value_ != Impl::Coroutine::iterator();
-  if (stopped_at_value && impl.coroutine_) {
-    ++impl.value_;
+  if (stopped_at_value && *impl.coroutine_) {
+    impl.Resume();
   } else {
-    impl.value_ = boost::coroutines::begin(impl.coroutine_);
+    impl.value_ = boost::coroutines::begin(*impl.coroutine_);
   }
   impl.PassOnFailure();
   *finished = impl.value_ == Impl::Coroutine::iterator();
   return *finished ? 0 : *impl.value_;
 }
 
-continuation_context* metalayer::create_continuation_handle(Body const& body) {
+continuation_context* metalayer::create_continuation_handle(Impl::Body const& body) {
   return std::make_unique<continuation_context>(continuation_context{std::make_shared<Impl>(body)})
       .release();
 }

@@ -20,6 +20,9 @@
 #include <exception>
 #include <functional>
 #include <memory>
+#include <optional>
+
+#include "frame/stack_switch.h"
 
 struct continuation_context {
   class continuation_context_impl;
@@ -33,17 +36,21 @@ struct continuation_context {
 class continuation_context::continuation_context_impl {
  public:
   using Coroutine = boost::coroutines::pull_coroutine<unsigned int>;
+  using Body = std::function<void(boost::coroutines::push_coroutine<unsigned int>&)>;
 
-  explicit continuation_context_impl(
-      std::function<void(boost::coroutines::push_coroutine<unsigned int>&)> const& body);
+  explicit continuation_context_impl(Body const& body);
+  ~continuation_context_impl();
 
  private:
   friend unsigned int run_continuation_impl(continuation_context_impl& impl, bool* finished);
 
+  void Start(Body const& body);
+  void Resume();
   void PassOnFailure();
 
+  metalayer::CoroutineStack stack_;
   std::exception_ptr failure_;  // what left the body and has not been thrown on yet
-  Coroutine coroutine_;
+  std::optional<Coroutine> coroutine_;
   Coroutine::iterator value_;
 };
 
