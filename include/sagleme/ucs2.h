@@ -5,8 +5,8 @@
  * Strings of UTF-16 code units, on the model of the C string functions.
  *
  *  1. A string ends with a zero unit. Surrogates are units like any other.
- *  2. Nothing is allocated. Unless said otherwise no argument may be null, lengths and sizes are in
- *     units, and there is room for the result and its terminator.
+ *  2. Nothing is allocated. Unless said otherwise no argument may be null, lengths and sizes are
+ *     in units, and there is room for the result and its terminator.
  *  3. Functions with an error give EINVAL (22) or ERANGE (34), as result and in errno.
  *  4. No state: any thread may call. Only ucs2_icmp and ucs2_tof look at the process's C locale.
  */
@@ -46,14 +46,15 @@ SAGLEME_API int ucs2_reverse(char16_t* s, int length);
 
 /* The difference of the first two units that differ, 0 for equal strings. */
 SAGLEME_API int ucs2_cmp(char16_t const* a, char16_t const* b);
-/* -1, 0 or 1, for names: compares the low bytes of the units alone, as signed numbers, after tolower.
- * A unit whose low byte is 0 ends the string. */
+/* -1, 0 or 1, for names: compares the low bytes of the units alone, as signed numbers, after
+ * tolower. A unit whose low byte is 0 ends the string. */
 SAGLEME_API int ucs2_icmp(char16_t const* a, char16_t const* b);
 
 /* ---- numbers --------------------------------------------------------------------------------- */
 
-/* Reads decimal digits behind blanks, tabs and one "+". Too large a number reads as 2^64 - 1. A null
- * `s` sets errno to 22 and `*end`, if there is one, to null; `*end` is not written otherwise. */
+/* Reads decimal digits behind blanks, tabs and one "+". Too large a number reads as 2^64 - 1. A
+ * null `s` sets errno to 22 and `*end`, if there is one, to null; `*end` is not written
+ * otherwise. */
 SAGLEME_API uint64_t ucs2_toui64_base10(char16_t const* s, char16_t const** end);
 /* The same with one sign of either kind. Too low a number reads as -2^63, too large a one as -1.
  * `*end`, if there is one, becomes the place one behind the unit that ended the number. */
@@ -77,7 +78,8 @@ SAGLEME_API uint32_t ucs2_utf8_len(char16_t const* s);
 SAGLEME_API uint32_t ucs2_to_utf8(char16_t const* s, unsigned char* out);
 
 /* Reads bytes back, and returns the number of units. The first byte of a character alone tells its
- * length, one to three; what follows is not checked, but that the terminator always ends the string. */
+ * length, one to three; what follows is not checked, but that the terminator always ends the
+ * string. */
 SAGLEME_API uint32_t utf8_to_ucs2(unsigned char const* s, char16_t* out);
 /* The same into `capacity` units. Returns the number of units that `s` has; when that is not below
  * `capacity` the output is full and has no terminator. */

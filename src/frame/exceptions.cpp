@@ -69,8 +69,7 @@ void PrintConflictsCount(Stream& stream, u16string const& table, int count) {
   stream << u" on table " << table << CountedTail(count, u" and one other", u" and others") << u".";
 }
 
-// ---- names out of the catalogue
-// -------------------------------------------------------------------
+// ---- names out of the catalogue -----------------------------------------------------------------
 
 unsigned long Context() { return *TlsMetalayerContext::Current(); }
 
@@ -123,8 +122,7 @@ void PrintConflictPlace(Stream& stream, u16string const& table,
   }
 }
 
-// ---- added columns
-// ----------------------------------------------------------------------------------
+// ---- added columns ------------------------------------------------------------------------------
 
 using ExistingConflicts = std::vector<std::pair<u16string, bool>>;
 using DescendantConflicts = std::vector<std::pair<u16string, u16string>>;
@@ -159,8 +157,7 @@ void PrintAdded(Stream& stream, std::vector<u16string> const& added, bool follow
 
 }  // namespace
 
-// ---- failure classes
-// --------------------------------------------------------------------------------
+// ---- failure classes ----------------------------------------------------------------------------
 
 BadTableArg::BadTableArg(unsigned int code, u16string table_name)
     : BadArg(code), table(std::move(table_name)) {}
@@ -185,8 +182,7 @@ AmbiguousIncompleteReverseUid::AmbiguousIncompleteReverseUid(unsigned int code,
       second(std::move(second_match)),
       more(more_matches) {}
 
-// ---- arguments, tokens
-// --------------------------------------------------------------------------------
+// ---- arguments, tokens --------------------------------------------------------------------------
 
 void CheckPtrArg(void const* value, char16_t const* argument_name) {
   if (value != nullptr) return;
@@ -226,8 +222,7 @@ void ThrowTooManyColumns(u16string table) {
   throw BadArg(kBadArgument);
 }
 
-// ---- tables
-// ---------------------------------------------------------------------------------------------
+// ---- tables -------------------------------------------------------------------------------------
 
 void ThrowTableNotFound(unsigned short layout_id) {
   Write(u"No table is associated with layout id ", layout_id, u".");
@@ -302,8 +297,7 @@ void ThrowAmbiguousIncompleteReverseUid(u16string uid, u16string first, u16strin
                                       std::move(second), more);
 }
 
-// ---- columns
-// ----------------------------------------------------------------------------------------------
+// ---- columns ------------------------------------------------------------------------------------
 
 void ThrowColumnNotFound(u16string table, u16string column) {
   Write(u"Column ", column, u" isn't found in table ", table, u" and ancestor tables.");
@@ -364,8 +358,7 @@ void ThrowColumnNameNotUnique(u16string table, u16string column, ExistingConflic
   throw BadNewColumnArg(kColumnNameTaken, std::move(table), std::move(column));
 }
 
-// ---- indexes
-// ------------------------------------------------------------------------------------------------
+// ---- indexes ------------------------------------------------------------------------------------
 
 void ThrowIndexNotFound(u16string index) {
   Write(u"Index ", index, u" not found.");

@@ -160,8 +160,7 @@ TEST(Continuations, UnwindingPassesThroughAFrame_AndPutsTheContextBack) {
   *metalayer::TlsMetalayerContext::Current() = 0;
 }
 
-// ---- exceptions
-// ----------------------------------------------------------------------------------------
+// ---- exceptions ---------------------------------------------------------------------------------
 
 TEST(Continuations, ExceptionBeforeTheFirstYield_LeavesTheCreation) {
   EXPECT_THROW(Create([](Yield&) { throw std::bad_alloc(); }), std::bad_alloc);

@@ -104,8 +104,7 @@ TEST_F(ErrbufTest, LongTexts_AreWrittenWholeThroughTheChunks) {
   }
 }
 
-// ---- truncation
-// ----------------------------------------------------------------------------------------
+// ---- truncation ---------------------------------------------------------------------------------
 
 TEST_F(ErrbufTest, FullBuffer_TakesTheLastUnitAndNoMore) {
   unsigned long const buffer = metalayer::errbuf_by_ctx(kContext);
@@ -132,8 +131,7 @@ TEST_F(ErrbufTest, TruncationCutsASurrogatePair) {
   EXPECT_EQ(kMaxUnits, Text().size());
 }
 
-// ---- the clear request
-// ------------------------------------------------------------------------------------
+// ---- the clear request --------------------------------------------------------------------------
 
 TEST_F(ErrbufTest, ClearRequest_IsReadAndResetInOneStep) {
   metalayer::request_clear_errbuf();
@@ -195,8 +193,7 @@ TEST_F(ErrbufTest, Writer_StaysWithTheContextItWasMadeIn) {
   EXPECT_EQ(u"text", TextOf(kContext));
 }
 
-// ---- threads
-// ------------------------------------------------------------------------------------------------
+// ---- threads ------------------------------------------------------------------------------------
 
 TEST_F(ErrbufTest, RequestOfOneThread_IsNotSeenByAnother) {
   metalayer::request_clear_errbuf();

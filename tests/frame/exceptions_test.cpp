@@ -191,8 +191,7 @@ TEST_F(ExceptionsTest, Indexes) {
                            [] { ThrowIndexNotFoundInType(u"I", u"T"); }));
 }
 
-// ---- how texts are written
-// ------------------------------------------------------------------------------
+// ---- how texts are written ----------------------------------------------------------------------
 
 TEST_F(ExceptionsTest, PendingClearRequest_LeavesTheNewTextAlone) {
   EXPECT_THROW(ThrowNonexistentTable(u"first"), BadTableArg);
@@ -218,8 +217,7 @@ TEST_F(ExceptionsTest, NamePastTheEndOfTheBuffer_IsCutAndTheFailureStands) {
   EXPECT_EQ(u"Table nnn", Text().substr(0, 9));
 }
 
-// ---- added columns
-// ---------------------------------------------------------------------------------------
+// ---- added columns ------------------------------------------------------------------------------
 
 TEST_F(ExceptionsTest, AddedColumns_AreListedByKind) {
   ExpectColumn<BadNewColumnArg>(

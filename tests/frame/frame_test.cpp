@@ -139,8 +139,7 @@ TYPED_TEST(FrameTest, NextFailuresText_ReplacesTheOldOne) {
   EXPECT_EQ(u"second", TextOf(kInner));
 }
 
-// ---- what differs
-// ------------------------------------------------------------------------------------------
+// ---- what differs -------------------------------------------------------------------------------
 
 using EagerFrame = FrameTest<std::true_type>;
 using LazyFrame = FrameTest<std::false_type>;
@@ -171,8 +170,7 @@ TEST_F(LazyFrame, ThatWritesNothing_LeavesTheOldTextAndTheRequest) {
   EXPECT_EQ(0, metalayer::tls_clear_errbuf);
 }
 
-// ---- the exported functions' side
-// ------------------------------------------------------------------------------
+// ---- the exported functions' side ---------------------------------------------------------------
 
 TEST_F(EagerFrame, FailedCallsText_IsGoneAfterTheNextCallThatSucceeds) {
   EXPECT_EQ(1001u, lorv_setspec_name_by_setspec_ref(kInner, 0, 0, nullptr));

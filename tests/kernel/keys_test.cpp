@@ -250,8 +250,7 @@ TEST_F(KeysTest, UpperBoundOfATextPrefix_StandsAboveAllTextsThatBeginWithIt) {
             Written([](Key& key) { key.TextUpperBound(u"ab\xFFFF"); }));
 }
 
-// ---- room
-// ------------------------------------------------------------------------------------------
+// ---- room ---------------------------------------------------------------------------------------
 
 TEST_F(KeysTest, KeyBufferThatIsAskedToGrow_Refuses) {
   alignas(8) unsigned char buffer[64];

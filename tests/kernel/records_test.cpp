@@ -155,8 +155,7 @@ TEST_F(RecordsTest, PutBool_WritesOneForTrue) {
   EXPECT_EQ((std::vector<uint64_t>{kContext, 1, 2, 3, 1}), recording_kernel::Calls().at(0).numbers);
 }
 
-// ---- lookups
-// ------------------------------------------------------------------------------------------
+// ---- lookups ------------------------------------------------------------------------------------
 
 TEST_F(RecordsTest, Lookup_ReadsOneRowWithOneKeyForBothBounds) {
   rows_ = {{11, 3, 4}, {12, 3, 4}};
@@ -192,8 +191,7 @@ TEST_F(RecordsTest, LookupThatCannotStep_ThrowsAndLeavesNothingOpen) {
   EXPECT_EQ(0, recording_kernel::OpenIterators());
 }
 
-// ---- walks
-// ------------------------------------------------------------------------------------------------
+// ---- walks --------------------------------------------------------------------------------------
 
 TEST_F(RecordsTest, Walk_GivesEachRowAndEndsWithTheNullReference) {
   rows_ = {{11, 0, 4}, {12, 0, 4}, {13, 0, 4}};

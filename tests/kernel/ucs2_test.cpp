@@ -12,8 +12,7 @@ unsigned char const* Bytes(char const* text) {
   return reinterpret_cast<unsigned char const*>(text);
 }
 
-// ---- length, copies
-// ------------------------------------------------------------------------------------
+// ---- length, copies -----------------------------------------------------------------------------
 
 TEST(Ucs2Len, CountsUnitsBeforeTheTerminator) {
   EXPECT_EQ(0u, ucs2_len(u""));
@@ -114,8 +113,7 @@ TEST(Ucs2ToAscii, SkipsWhatIsNotAscii) {
   EXPECT_STREQ("az\x7F", out);
 }
 
-// ---- comparison
-// --------------------------------------------------------------------------------------------
+// ---- comparison ---------------------------------------------------------------------------------
 
 TEST(Ucs2Cmp, GivesTheDifferenceOfTheFirstUnitsThatDiffer) {
   EXPECT_EQ(0, ucs2_cmp(u"abc", u"abc"));
@@ -147,8 +145,7 @@ TEST(Ucs2Icmp, HighBytesAreBelowLowOnes) {
   EXPECT_EQ(1, ucs2_icmp(u"a", u""));
 }
 
-// ---- numbers
-// ---------------------------------------------------------------------------------------------------
+// ---- numbers ------------------------------------------------------------------------------------
 
 TEST(Ucs2ToUi64, ReadsBehindBlanksAndOnePlus) {
   EXPECT_EQ(12u, ucs2_toui64_base10(u"  +12x", nullptr));
@@ -250,8 +247,7 @@ TEST(DecimalOutput, NegativeNumbersHaveAMinusThatCounts) {
   EXPECT_EQ(u"0", std::u16string(out));
 }
 
-// ---- reversal, UTF-8
-// -----------------------------------------------------------------------------------------------
+// ---- reversal, UTF-8 ----------------------------------------------------------------------------
 
 TEST(Ucs2Reverse, ReversesInPlace) {
   char16_t text[] = u"abcd";

@@ -56,8 +56,7 @@ int OpenIterators();
 Bytes KeyBytes(void const* key);
 std::string Hex(Bytes const& bytes);
 
-// ---- scripts
-// ----------------------------------------------------------------------------------------
+// ---- scripts ------------------------------------------------------------------------------------
 
 template <auto Function>
 std::function<std::remove_pointer_t<decltype(Function)>>& ScriptOf() {

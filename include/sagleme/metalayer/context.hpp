@@ -8,9 +8,10 @@
 
 namespace metalayer {
 
-// The kernel context that the thread's code works in: 0 in a thread that never entered a frame. Every
-// exported function that has a frame stores its context here for the time of the call and puts
-// the one it found back. A C++ host that calls functions of this namespace directly sets it itself.
+// The kernel context that the thread's code works in: 0 in a thread that never entered a frame.
+// Every exported function that has a frame stores its context here for the time of the call and
+// puts the one it found back. A C++ host that calls functions of this namespace directly sets it
+// itself.
 class SAGLEME_API TlsMetalayerContext {
  public:
   static unsigned long* Current();

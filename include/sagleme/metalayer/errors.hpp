@@ -4,10 +4,9 @@
 // Failures: one exception type that carries one number, and the text of the last failure of a
 // context, written before the exception is thrown.
 
-#include <sagleme/metalayer/context.hpp>
-
 #include <cstddef>
 #include <locale>
+#include <sagleme/metalayer/context.hpp>
 #include <sstream>
 #include <string>
 #include <type_traits>
@@ -24,7 +23,8 @@ class SAGLEME_API db_exception {
 
   // Throws; callers test for a non-zero status first.
   [[noreturn]] static void check(unsigned int code);
-  // REQUIRES: an exception is being handled. The code of a db_exception; any other exception goes on.
+  // REQUIRES: an exception is being handled. The code of a db_exception; any other exception goes
+  // on.
   static unsigned int rethrow_and_get_error_code();
 
  private:
@@ -38,7 +38,7 @@ namespace metalayer {
 // Throws db_exception with `code`.
 [[noreturn]] SAGLEME_API void Throw(unsigned int code);
 
-// ---- error buffers ---------------------------------------------------------------------------------
+// ---- error buffers ------------------------------------------------------------------------------
 
 // Set: the thread's next write to an error buffer empties that buffer first.
 SAGLEME_API extern constinit thread_local unsigned char tls_clear_errbuf;
@@ -111,8 +111,7 @@ class ucs2_stream {
     return *this;
   }
   template <typename Number>
-    requires std::is_arithmetic_v<Number>
-  ucs2_stream& operator<<(Number number) {
+  requires std::is_arithmetic_v<Number> ucs2_stream& operator<<(Number number) {
     sstrm_ << number;
     FlushSstrm();
     return *this;
@@ -132,7 +131,7 @@ class ucs2_stream {
 
 namespace metalayer::exceptions {
 
-// ---- failure classes: db_exception with the names involved --------------------------------------------
+// ---- failure classes: db_exception with the names involved --------------------------------------
 
 struct SAGLEME_API BadArg : db_util::db_exception {
   using db_exception::db_exception;
@@ -178,7 +177,7 @@ struct NewColumnNameConflictsList {
   bool exact = false;               // `columns` holds all conflicts
 };
 
-// ---- raisers: each writes its text, then throws ------------------------------------------------------------
+// ---- raisers: each writes its text, then throws -------------------------------------------------
 
 SAGLEME_API void CheckPtrArg(void const* value, char16_t const* argument_name);
 SAGLEME_API void CheckNonEmptyStringArg(char16_t const* value, char16_t const* argument_name);

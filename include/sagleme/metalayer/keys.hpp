@@ -3,12 +3,12 @@
 
 // The byte keys of all index access.
 //
-// A key is the fields of the index's columns in order, the end mark 0xC0, and zero bytes up to a multiple
-// of 8. A prefix of the columns is a valid key and bounds a range.
+// A key is the fields of the index's columns in order, the end mark 0xC0, and zero bytes up to a
+// multiple of 8. A prefix of the columns is a valid key and bounds a range.
 //
 //   0x60                       null, below every value
-//   0x28 + 8 bytes             an integer, most significant first: unsigned as it is, signed with its
-//                              top bit flipped, a reference by its oid
+//   0x28 + 8 bytes             an integer, most significant first: unsigned as it is, signed with
+//                              its top bit flipped, a reference by its oid
 //   0x20+min(n,31) ... 0x80    a text of n packed bytes in chunks of at most 31
 
 #include <sagleme/metalayer/records.hpp>
@@ -22,8 +22,8 @@ struct ENCODER {
   unsigned char* position;
 };
 
-// Writes a text field from the bytes that the kernel's text conversion returned, and moves the position
-// on. Does not check room.
+// Writes a text field from the bytes that the kernel's text conversion returned, and moves the
+// position on. Does not check room.
 SAGLEME_API void encode_tt4(unsigned char const* text, unsigned int size, ENCODER& encoder);
 
 }  // namespace ukf
@@ -46,11 +46,10 @@ class SAGLEME_API KeyBuf {
   unsigned long size_;
 };
 
-// Writes one key, field by field, in the order of the index's columns. A field or an end that does not
-// fit throws 4197, and nothing of it is written. The key is finished by UpdateHeader, or when the writer
-// goes out of scope, so a temporary's key is whole at the end of its statement. A long text that finds
-// no memory throws 1003.
-// REQUIRES: the buffer is aligned to 8.
+// Writes one key, field by field, in the order of the index's columns. A field or an end that does
+// not fit throws 4197, and nothing of it is written. The key is finished by UpdateHeader, or when
+// the writer goes out of scope, so a temporary's key is whole at the end of its statement. A long
+// text that finds no memory throws 1003. REQUIRES: the buffer is aligned to 8.
 template <typename Buffer>
 class KeyWriter;
 

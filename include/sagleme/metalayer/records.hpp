@@ -1,13 +1,12 @@
 #ifndef SAGLEME_METALAYER_RECORDS_HPP
 #define SAGLEME_METALAYER_RECORDS_HPP
 
-// Rows and index walks, typed thinly over the kernel: references, row handles, iterators that own what
-// they open. Everything here works in the thread's context and is valid inside one frame.
-
-#include <sagleme/metalayer/context.hpp>
-#include <sagleme/metalayer/errors.hpp>
+// Rows and index walks, typed thinly over the kernel: references, row handles, iterators that own
+// what they open. Everything here works in the thread's context and is valid inside one frame.
 
 #include <cstddef>
+#include <sagleme/metalayer/context.hpp>
+#include <sagleme/metalayer/errors.hpp>
 
 namespace db_util {
 
@@ -102,7 +101,7 @@ inline void Check(unsigned int status) {
 
 }  // namespace metalayer
 
-// ---- templates ---------------------------------------------------------------------------------------
+// ---- templates ----------------------------------------------------------------------------------
 
 namespace db_util {
 
