@@ -82,7 +82,7 @@ INSTANTIATE_TEST_SUITE_P(
                       "lorv_crud_WriteLong", "lorv_crud_ReadULong", "lorv_crud_WriteULong",
                       "lorv_crud_ReadBool", "lorv_crud_WriteBool", "lorv_crud_WriteDefault",
                       "lorv_crud_ReadRefId", "lorv_crud_WriteRef", "lorv_crud_WriteString"),
-    [](auto const& info) { return std::string(info.param).substr(10); });
+    [](auto const& test) { return std::string(test.param).substr(10); });
 
 TEST(ObjectPath, TwoReadsThatHandOutMemory_CallTheKernelOnce) {
   for (char const* const function : {"lorv_crud_ReadString", "lorv_crud_ReadRef"}) {
