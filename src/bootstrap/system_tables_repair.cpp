@@ -60,9 +60,9 @@ void SystemTables::DropOldSpecifierIndex() {
   INDEX_INFO& index = DeclaredIndex(set_specifier_, kSpecifierIndex);
   Index row = Index::ByIndexPK(kSpecifierIndex);
   std::u16string setspec = set_specifier_.setspec;
-  if (!row.is_null()) {
-    ddl::DropIndex(std::move(row));
-  } else if (index.load_metatable_index(&setspec)) {
+  if (!row.is_null()) ddl::DropIndex(std::move(row));
+  // A row that was written in this run has no number of an index, so the index still stands.
+  if (HasOldSpecifierIndex() && index.load_metatable_index(&setspec)) {
     Check(lorvi_context_drop_index(TlsContextHandle::context(), index.index_id));
   }
   index.index_id = 0;  // of an index that is gone

@@ -1,0 +1,63 @@
+// A creation that ends at any of its yields is taken up by the next process.
+
+#include "bootstrap/bootstrap_test.h"
+
+namespace sagleme_test {
+namespace {
+
+using namespace metalayer;
+
+constexpr int kYields = 19;
+constexpr int kYieldOfTokens = 5;
+
+class CutOff : public BootstrapTest, public ::testing::WithParamInterface<int> {};
+
+TEST_P(CutOff, IsTakenUpAndEndsInTheSameCatalogue) {
+  BootstrapUpTo(GetParam());
+  ExpectRepaired(GetParam() < kYieldOfTokens ? kYields : kYields - 1);
+}
+
+// The rows behind the last table come with the second half; before them the database is no
+// database.
+TEST_P(CutOff, IsRefusedByStartUpUntilItIsWhole) {
+  constexpr int kYieldOfAllRows = 14;
+  BootstrapUpTo(GetParam());
+  Lines const status = Ask([](Database& database) {
+    database.Begin();
+    return Lines{std::to_string(lorv_init_metalayer(database.context()))};
+  });
+  EXPECT_EQ(Lines{GetParam() < kYieldOfAllRows ? "7043" : "0"}, status);
+}
+
+INSTANTIATE_TEST_SUITE_P(AtYield, CutOff, ::testing::Range(1, kYields + 1));
+
+TEST_F(BootstrapTest, CutOffAtEveryYieldInTurn_EndsInTheSameCatalogue) {
+  for (int yields = 1; yields <= kYields - 1; ++yields) BootstrapUpTo(yields);
+  ExpectRepaired(kYields - 1);
+}
+
+TEST_F(BootstrapTest, CutOffAfterStartUpTookTheTokens_KeepsOneRowForEachText) {
+  BootstrapUpTo(kYieldOfTokens);
+  EXPECT_EQ(0, Run([](Database& database) {
+              database.Begin();
+              EXPECT_EQ(7043u, lorv_init_metalayer(database.context()));
+              database.Commit();
+            }));
+  ExpectRepaired(kYields - 1);
+}
+
+TEST_F(BootstrapTest, EmptyDatabase_IsRefusedByStartUp) {
+  Outcome const outcome = StartUp();
+  EXPECT_EQ(7043u, outcome.status);
+  EXPECT_EQ("", outcome.text);
+}
+
+TEST_F(BootstrapTest, DictionaryWithoutRows_IsRefusedByStartUp) {
+  BootstrapUpTo(kYieldOfTokens - 1);
+  Outcome const outcome = StartUp();
+  EXPECT_EQ(7043u, outcome.status);
+  EXPECT_EQ("", outcome.text);
+}
+
+}  // namespace
+}  // namespace sagleme_test

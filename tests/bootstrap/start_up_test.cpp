@@ -1,0 +1,212 @@
+// Opening a database that stands.
+
+#include "bootstrap/bootstrap_test.h"
+#include "bootstrap/old_database.h"
+
+namespace sagleme_test {
+namespace {
+
+using namespace metalayer;
+
+class StartUpTest : public BootstrapTest {
+ protected:
+  void SetUp() override { ASSERT_EQ(0u, Bootstrap().status); }
+
+  // In a process that has opened the database and knows nothing of it yet.
+  void InFreshProcess(std::function<void(Database&)> const& work) {
+    EXPECT_EQ(0, Run([&work](Database& database) {
+                database.Begin();
+                *TlsMetalayerContext::Current() = database.context();
+                work(database);
+              }));
+  }
+};
+
+TEST_F(StartUpTest, WritesNothing) {
+  Outcome const outcome = StartUp();
+  EXPECT_EQ(0u, outcome.status);
+  EXPECT_EQ("", outcome.text);
+}
+
+TEST_F(StartUpTest, FillsTheClasses) {
+  InFreshProcess([](Database& database) {
+    EXPECT_FALSE(IsMetalayerInitialized());
+    ASSERT_EQ(0u, lorv_init_metalayer(database.context()));
+    EXPECT_TRUE(IsMetalayerInitialized());
+    EXPECT_EQ(u"b~~~", RawView::setspec());
+    EXPECT_EQ(4u, RawView::g_type_id());
+    EXPECT_EQ(u"~", Token::setspec());
+    EXPECT_EQ(2u, Token::g_type_id());
+    EXPECT_EQ(u"", MotherOfAllLayouts::setspec());
+    EXPECT_EQ(0u, MotherOfAllLayouts::g_type_id());
+    EXPECT_EQ(25u, UserSchemaGeneration::g_type_id());
+    EXPECT_EQ(0u, SetSpecifier::index_id_TypeId());
+    EXPECT_NE(0u, SetSpecifier::index_id_TypeId_postV2_3());
+  });
+}
+
+TEST_F(StartUpTest, FindsRootViewAndGeneration) {
+  InFreshProcess([](Database& database) {
+    ASSERT_EQ(0u, lorv_init_metalayer(database.context()));
+    EXPECT_EQ(TableRow(u"Lorvenstack.Internal.Metadata.MotherOfAllLayouts").oid, g_mom_rv.oid);
+    EXPECT_EQ(MotherOfAllLayouts::metaclass_layout_handle(), GetRootLayoutHandle());
+    EXPECT_EQ(UserSchemaGeneration::metaclass_layout_handle(), LayoutOf(g_schema_generation));
+  });
+}
+
+TEST_F(StartUpTest, SecondCall_SucceedsAtOnceInAnyContext) {
+  InFreshProcess([](Database& database) {
+    ASSERT_EQ(0u, lorv_init_metalayer(database.context()));
+    Database other;
+    EXPECT_EQ(0u, lorv_init_metalayer(other.context()));
+    EXPECT_EQ(0u, InitMetalayer());
+  });
+}
+
+TEST_F(StartUpTest, AfterSetUninitialized_RunsAgainInFull) {
+  InFreshProcess([](Database& database) {
+    ASSERT_EQ(0u, lorv_init_metalayer(database.context()));
+    LS_OBJ_REF const generation = g_schema_generation;
+    SetMetalayerUninitialized();
+    EXPECT_FALSE(IsMetalayerInitialized());
+    EXPECT_EQ(0u, g_schema_generation.oid);
+    EXPECT_EQ(u"b~~~", RawView::setspec());
+    g_mom_rv = db_util::null_obj_ref;
+    EXPECT_EQ(0u, lorv_init_metalayer(database.context()));
+    EXPECT_EQ(generation.oid, g_schema_generation.oid);
+    EXPECT_NE(0u, g_mom_rv.oid);
+  });
+}
+
+TEST_F(StartUpTest, AfterAFailureThatFoundTheGeneration_CanBeRepeated) {
+  InFreshProcess([](Database& database) {
+    ASSERT_EQ(0u, lorv_init_metalayer(database.context()));
+    LS_OBJ_REF const generation = g_schema_generation;
+    SetMetalayerUninitialized();
+    g_schema_generation = generation;
+    EXPECT_EQ(0u, lorv_init_metalayer(database.context()));
+    EXPECT_EQ(generation.oid, g_schema_generation.oid);
+  });
+}
+
+TEST_F(StartUpTest, FailedCall_LeavesTheLayerUninitializedUntilItIsRepeated) {
+  InFreshProcess([](Database& database) {
+    ASSERT_EQ(0u, lorv_init_metalayer(database.context()));
+    SetVersion(8);
+    SetMetalayerUninitialized();
+    EXPECT_EQ(15010u, lorv_init_metalayer(database.context()));
+    EXPECT_FALSE(IsMetalayerInitialized());
+    EXPECT_EQ(0u, g_schema_generation.oid);
+    SetVersion(9);
+    EXPECT_EQ(0u, lorv_init_metalayer(database.context()));
+    EXPECT_TRUE(IsMetalayerInitialized());
+  });
+}
+
+TEST_F(StartUpTest, WithoutTransaction_PassesTheKernelsStatus) {
+  EXPECT_EQ(0, Run([](Database& database) {
+              EXPECT_EQ(LSCOREDB_NO_TRANSACTION, lorv_init_metalayer(database.context()));
+            }));
+}
+
+TEST_F(StartUpTest, ReadiedClasses_AllowCatalogueReadsWithoutStartUp) {
+  InFreshProcess([](Database&) {
+    MetaschemaInit const metaschema;
+    TokenMain::Init();
+    PrepareGeneratedMetaClassesForReading();
+    EXPECT_FALSE(IsMetalayerInitialized());
+    EXPECT_FALSE(TableRow(u"Lorvenstack.Metadata.Index").is_null());
+    EXPECT_NE(0u, Index::metaclass_layout_handle());
+  });
+}
+
+// ---- versions
+// ----------------------------------------------------------------------------------------
+
+TEST_F(StartUpTest, OlderVersion_IsRefusedWithBothNumbers) {
+  Change([] { SetVersion(8); });
+  Outcome const outcome = StartUp();
+  EXPECT_EQ(15010u, outcome.status);
+  EXPECT_EQ(
+      "This version of Lorvenstack has metaschema version 9, while the database has version 8.",
+      outcome.text);
+  EXPECT_EQ(0u, Bootstrap().status);
+  EXPECT_EQ(0u, StartUp().status);
+}
+
+TEST_F(StartUpTest, NewerVersion_IsRefusedWithBothNumbers) {
+  Change([] { SetVersion(12); });
+  Outcome const outcome = StartUp();
+  EXPECT_EQ(15010u, outcome.status);
+  EXPECT_EQ(
+      "This version of Lorvenstack has metaschema version 9, while the database has version 12.",
+      outcome.text);
+}
+
+TEST_F(StartUpTest, NegativeVersion_ShowsAsALargeNumber) {
+  Change([] { SetVersion(-1); });
+  Outcome const outcome = StartUp();
+  EXPECT_EQ(15010u, outcome.status);
+  EXPECT_EQ(
+      "This version of Lorvenstack has metaschema version 9, while the database has version "
+      "18446744073709551615.",
+      outcome.text);
+}
+
+TEST(Version, IsNineWithoutAnyDatabase) { EXPECT_EQ(9u, lorv_get_metaschema_version()); }
+
+TEST(Version, OfTheLibrary_IsNoMismatch) { EXPECT_NO_THROW(ReportSchemaMismatchIf(9)); }
+
+// ---- the generation
+// ------------------------------------------------------------------------------------
+
+class Generation : public DatabaseTest {};
+
+TEST_F(Generation, StartsAtZeroAndMovesWithTheTransaction) {
+  EXPECT_EQ(0u, lorv_get_metaschema_generation());
+  AdvanceSchemaGeneration();
+  AdvanceSchemaGeneration();
+  EXPECT_EQ(2u, lorv_get_metaschema_generation());
+  Rollback();
+  Begin();
+  EXPECT_EQ(0u, lorv_get_metaschema_generation());
+}
+
+TEST_F(Generation, AssuredTwice_StaysOneRow) {
+  InitializeGenerationIfDoesntExist();
+  db_util::db_iter_with_keys rows;
+  RangeGlobalSetspecIndex(UserSchemaGeneration::setspec().c_str(), &rows);
+  EXPECT_EQ(g_schema_generation.oid, rows.current.oid);
+  EXPECT_FALSE(rows.next());
+}
+
+TEST_F(Generation, InAReadOnlyTransaction_CannotAdvance) {
+  Rollback();
+  ASSERT_EQ(0u, lscoredb_begin(context(), LSCOREDB_READ_ONLY_TRANSACTION));
+  try {
+    AdvanceSchemaGeneration();
+    FAIL() << "a read-only transaction took a write";
+  } catch (db_util::db_exception const& failure) {
+    EXPECT_EQ(LSCOREDB_READ_ONLY, failure.code());
+  }
+}
+
+TEST_F(StartUpTest, GenerationBeforeStartUp_IsTheKernelsFailure) {
+  InFreshProcess([](Database&) {
+    try {
+      lorv_get_metaschema_generation();
+      FAIL() << "there is no row to read yet";
+    } catch (db_util::db_exception const& failure) {
+      EXPECT_EQ(LORV_STATUS_NO_OBJECT, failure.code());
+    }
+  });
+}
+
+TEST_F(Generation, UpdateOfReferenceColumns_ChangesNothingInANewDatabase) {
+  std::vector<std::string> const before = DumpObjects();
+  ExpectOk(lorv_update_reference_columns_types(context()));
+  EXPECT_EQ("", Differences(before, DumpObjects()));
+}
+
+}  // namespace
+}  // namespace sagleme_test

@@ -1,0 +1,220 @@
+// Databases of older versions, and one of a newer.
+
+#include "bootstrap/bootstrap_test.h"
+#include "bootstrap/old_database.h"
+
+namespace sagleme_test {
+namespace {
+
+using namespace metalayer;
+
+constexpr int kYields = 18;
+
+class Upgrade : public BootstrapTest {
+ protected:
+  void SetUp() override { ASSERT_EQ(0u, Bootstrap().status); }
+
+  unsigned long Generation() {
+    Lines const answer = Ask([](Database& database) {
+      database.Begin();
+      EXPECT_EQ(0u, lorv_init_metalayer(database.context()));
+      *TlsMetalayerContext::Current() = database.context();
+      return Lines{std::to_string(lorv_get_metaschema_generation())};
+    });
+    return answer.empty() ? ~0ul : std::stoul(answer[0]);
+  }
+};
+
+// ---- the version row
+// -------------------------------------------------------------------------------
+
+TEST_F(Upgrade, VersionEight_IsRaised) {
+  Change([] { SetVersion(8); });
+  ExpectRepaired(kYields);
+}
+
+TEST_F(Upgrade, NegativeVersion_IsRaised) {
+  Change([] { SetVersion(-1); });
+  ExpectRepaired(kYields);
+}
+
+TEST_F(Upgrade, MissingVersion_IsInserted) {
+  Change([] { DeleteRow(VersionRow()); });
+  ExpectRepaired(kYields);
+}
+
+TEST_F(Upgrade, NewerVersion_IsRefusedAndNothingIsTouched) {
+  Change([] { SetVersion(12); });
+  Lines const before = Objects();
+  for (Outcome const& outcome : {Bootstrap(), BootstrapReadOnly()}) {
+    EXPECT_EQ(15010u, outcome.status);
+    EXPECT_EQ(
+        "This version of Lorvenstack has metaschema version 9, while the database has version 12.",
+        outcome.text);
+  }
+  EXPECT_EQ("", Differences(before, Objects()));
+}
+
+TEST_F(Upgrade, NextVersion_IsRefused) {
+  Change([] { SetVersion(10); });
+  Outcome const outcome = Bootstrap();
+  EXPECT_EQ(15010u, outcome.status);
+  EXPECT_EQ(
+      "This version of Lorvenstack has metaschema version 9, while the database has version 10.",
+      outcome.text);
+}
+
+// ---- the generation row
+// ----------------------------------------------------------------------------
+
+TEST_F(Upgrade, MissingGeneration_StartsAtZero) {
+  Change([] { EXPECT_EQ(1, DeleteObjects(UserSchemaGeneration::setspec())); });
+  ExpectRepaired(kYields);
+}
+
+TEST_F(Upgrade, Generation_IsKept) {
+  Change([] { AdvanceSchemaGeneration(); });
+  ASSERT_EQ(0u, Bootstrap().status);
+  EXPECT_EQ(1u, Generation());
+}
+
+// ---- the index over the texts of set specifiers
+// ------------------------------------------------------
+
+TEST_F(Upgrade, UniqueSpecifierIndex_IsReplacedByOneThatIsNot) {
+  Change([] { MakeSpecifierIndexUnique(); });
+  Outcome const outcome = Bootstrap();
+  EXPECT_EQ(0u, outcome.status) << outcome.text;
+  EXPECT_EQ(kYields, outcome.yields);
+  // Dropping an index is a change of the schema.
+  EXPECT_EQ(1u, Generation());
+  Change([] { PutULong(g_schema_generation, UserSchemaGeneration::kGeneration, 0); });
+  ExpectCurrent();
+}
+
+TEST_F(Upgrade, UniqueSpecifierIndexWithoutRow_IsReplaced) {
+  Change([] {
+    MakeSpecifierIndexUnique();
+    DeleteIndexRows(u"TypeId");
+  });
+  ExpectRepaired(kYields);
+}
+
+TEST_F(Upgrade, UniqueSpecifierIndexBesideTheNewOne_IsDropped) {
+  Change([] {
+    unsigned long const unique =
+        CreateKernelIndex(u"TypeId", u"a~", u"TypeId", LORV_TYPE_STRING, 1);
+    Index const row = Index::ByIndexPK(u"TypeId");
+    PutULong(row, Index::kIndexHandle, unique);
+    PutULong(row, Index::kUnique, 1);
+  });
+  Outcome const outcome = Bootstrap();
+  EXPECT_EQ(0u, outcome.status) << outcome.text;
+  EXPECT_EQ(1u, Generation());
+  Change([] { PutULong(g_schema_generation, UserSchemaGeneration::kGeneration, 0); });
+  ExpectCurrent();
+}
+
+TEST_F(Upgrade, MissingSpecifierIndex_IsCreatedAndRecorded) {
+  Change([] {
+    DropKernelIndex(u"TypeId");
+    PutULong(Index::ByIndexPK(u"TypeId"), Index::kIndexHandle, 0);
+  });
+  ExpectRepaired(kYields);
+}
+
+TEST_F(Upgrade, SpecifierIndexRecordedUnderAnotherNumber_EndsTheProcess) {
+  Change([] { PutULong(Index::ByIndexPK(u"TypeId"), Index::kIndexHandle, 987654321); });
+  EXPECT_EQ(kTrapped, Run([](Database& database) { database.Bootstrap(); }));
+}
+
+TEST_F(Upgrade, SpecifierIndexRecordedAsUnique_EndsTheProcess) {
+  Change([] { PutULong(Index::ByIndexPK(u"TypeId"), Index::kUnique, 1); });
+  EXPECT_EQ(kTrapped, Run([](Database& database) { database.Bootstrap(); }));
+}
+
+TEST_F(Upgrade, UniqueIndexOfSpecifiers_IsCreatedWhereOlderVersionsHaveNone) {
+  Change([] {
+    DropKernelIndex(u"TypeId_postV2_3");
+    DeleteIndexRows(u"TypeId_postV2_3");
+  });
+  EXPECT_EQ(7043u, StartUp().status);
+  ExpectRepaired(kYields);
+}
+
+// ---- the index of primitive types
+// --------------------------------------------------------------------
+
+TEST_F(Upgrade, PrimitiveTypeIndex_IsCreatedWhereOlderVersionsHaveNone) {
+  Change([] {
+    DropKernelIndex(u"DbPrimitiveTypePK_postV2_3");
+    DeleteIndexRows(u"DbPrimitiveTypePK_postV2_3");
+  });
+  ExpectRepaired(kYields);
+}
+
+TEST_F(Upgrade, OldPrimitiveTypeIndex_IsDroppedWithAYieldOfItsOwn) {
+  Change([] {
+    CreateKernelIndex(u"DbPrimitiveTypePK", u"b~a~", u"PrimitiveType", LORV_TYPE_ULONG, 1);
+  });
+  ExpectRepaired(kYields + 1);
+}
+
+// ---- the oldest of all
+// ---------------------------------------------------------------------------------
+
+TEST_F(Upgrade, EverythingOldAtOnce_IsRepairedInOneRun) {
+  Change([] {
+    MakeSpecifierIndexUnique();
+    DropKernelIndex(u"TypeId_postV2_3");
+    DeleteIndexRows(u"TypeId_postV2_3");
+    DropKernelIndex(u"DbPrimitiveTypePK_postV2_3");
+    DeleteIndexRows(u"DbPrimitiveTypePK_postV2_3");
+    CreateKernelIndex(u"DbPrimitiveTypePK", u"b~a~", u"PrimitiveType", LORV_TYPE_ULONG, 1);
+    SetVersion(3);
+    DeleteObjects(UserSchemaGeneration::setspec());
+  });
+  Outcome const outcome = Bootstrap();
+  EXPECT_EQ(0u, outcome.status) << outcome.text;
+  EXPECT_EQ(kYields + 1, outcome.yields);
+  EXPECT_EQ(1u, Generation());
+  Change([] { PutULong(g_schema_generation, UserSchemaGeneration::kGeneration, 0); });
+  ExpectCurrent();
+}
+
+// ---- type ids
+// ------------------------------------------------------------------------------------------
+
+TEST_F(Upgrade, UserTableWithoutTypeId_GetsTheNextOne) {
+  Change([] {
+    unsigned short layout = 0;
+    Columns columns;
+    columns.Long(u"Number");
+    unsigned long const context = TlsContextHandle::context();
+    EXPECT_EQ(0u, lorv_create_table_by_names(context, u"App.First", nullptr, columns, &layout));
+    EXPECT_EQ(0u, lorv_create_table_by_names(context, u"App.Second", nullptr, columns, &layout));
+    DeleteRow(TypeIdsMeta::ByTypeIdsMeta_Type(TableRow(u"App.First")));
+  });
+  ASSERT_EQ(0u, Bootstrap().status);
+  Change([] {
+    TypeIdsMeta const row = TypeIdsMeta::ByTypeIdsMeta_Type(TableRow(u"App.First"));
+    ASSERT_FALSE(row.is_null());
+    EXPECT_EQ(28u, GetULong(row, TypeIdsMeta::kTypeIdsMeta_Id));
+  });
+}
+
+TEST_F(Upgrade, SystemTableWithoutTypeIdInAnUnfinishedDatabase_GetsOne) {
+  Change([] {
+    DeleteRow(VersionRow());
+    DeleteRow(TypeIdsMeta::ByTypeIdsMeta_Type(TableRow(u"Lorvenstack.Metadata.Index")));
+  });
+  ASSERT_EQ(0u, Bootstrap().status);
+  Change([] {
+    TypeIdsMeta const row =
+        TypeIdsMeta::ByTypeIdsMeta_Type(TableRow(u"Lorvenstack.Metadata.Index"));
+    EXPECT_EQ(26u, GetULong(row, TypeIdsMeta::kTypeIdsMeta_Id));
+  });
+}
+
+}  // namespace
+}  // namespace sagleme_test
