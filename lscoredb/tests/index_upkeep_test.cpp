@@ -305,6 +305,19 @@ TEST_F(IndexUpkeepTest, AnIndexDescribesItself) {
   }
 }
 
+TEST_F(IndexUpkeepTest, FlagsThatMeanNothingHereAreKeptForTheirOwner) {
+  IndexId index = 0;
+  EXPECT_STATUS(0, lorvi_context_create_index(context(), 60, kSet, Definitions({}).data(), 0,
+                                              0xA0B1, &index));
+  for (int round = 0; round < 2; ++round) {
+    LORVI_INDEX_INFO info{};
+    std::uint32_t count = 1;
+    EXPECT_STATUS(0, lorvi_context_get_index_infos_by_token(context(), 60, &count, &info));
+    EXPECT_EQ(info.flags, 0xA0B1);
+    Restart();
+  }
+}
+
 TEST_F(IndexUpkeepTest, SeveralIndexesMayShareAToken) {
   IndexId const first = Index();
   Restart();
