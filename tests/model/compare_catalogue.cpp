@@ -71,8 +71,9 @@ class CatalogueComparison {
     CompareRequests();
     CompareIndexes();
     CompareClasses();
-    out_.Same("schema generation", model_.generation,
-              GetULong(metalayer::g_schema_generation, metalayer::UserSchemaGeneration::kGeneration));
+    out_.Same(
+        "schema generation", model_.generation,
+        GetULong(metalayer::g_schema_generation, metalayer::UserSchemaGeneration::kGeneration));
   }
 
  private:
@@ -197,14 +198,12 @@ class CatalogueComparison {
                            unsigned short layout) {
     Column const& column = table.columns[ordinal];
     LORVI_COLUMN_INFO info{};
-    uint32_t const status =
-        lorvi_context_get_column_info(metalayer::TlsContextHandle::context(), layout,
-                                      static_cast<uint16_t>(ordinal), &info);
+    uint32_t const status = lorvi_context_get_column_info(
+        metalayer::TlsContextHandle::context(), layout, static_cast<uint16_t>(ordinal), &info);
     out_.Same(what + ", status of the kernel's column", 0u, status);
     if (status != 0) return;
-    uint64_t const token = IsOfRoot(column)
-                               ? TokenOf(column.name)
-                               : TokenOf(DigitsOf(identities_.Of(column.declared)));
+    uint64_t const token = IsOfRoot(column) ? TokenOf(column.name)
+                                            : TokenOf(DigitsOf(identities_.Of(column.declared)));
     out_.Same(what + ", token", token, info.token);
     out_.Same(what + ", kernel type", KernelType(column.type), info.type);
     if (!identities_.LearnToken(column.declared, info.token)) {
@@ -303,9 +302,9 @@ class CatalogueComparison {
               row.get_ref(metalayer::Index::kTable).oid);
     out_.Same(what + ", unique", uint64_t{index.unique}, GetULong(row, metalayer::Index::kUnique));
     char16_t const* setspec = nullptr;
-    uint32_t const status = lorvi_context_get_index_setspec(
-        metalayer::TlsContextHandle::context(), GetULong(row, metalayer::Index::kIndexHandle),
-        &setspec);
+    uint32_t const status =
+        lorvi_context_get_index_setspec(metalayer::TlsContextHandle::context(),
+                                        GetULong(row, metalayer::Index::kIndexHandle), &setspec);
     out_.Same(what + ", status of the kernel's index", 0u, status);
     if (status == 0) out_.Same(what + ", set", index.setspec, Text(setspec));
     CompareIndexColumns(what, index, row);

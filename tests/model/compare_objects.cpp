@@ -89,8 +89,7 @@ class ObjectComparison {
   void CompareDeleted(Uid row) {
     uint64_t addr = 0;
     uint64_t type_id = 0;
-    uint32_t const status =
-        lorv_crud_Lookup(session_.context(), OidOf(row), &addr, &type_id);
+    uint32_t const status = lorv_crud_Lookup(session_.context(), OidOf(row), &addr, &type_id);
     bool const gone = status == LORV_STATUS_NO_OBJECT || status == LORV_STATUS_UNREACHABLE;
     if (!gone) {
       out_.Add("deleted object " + std::to_string(row) + " answers " + std::to_string(status));
@@ -100,8 +99,7 @@ class ObjectComparison {
   void CompareValues(Table const& table) {
     for (Column const& column : table.columns) {
       PropertyAccessInfo* handle = nullptr;
-      uint32_t const status =
-          PropertyHandle(session_.context(), table.name, column.name, &handle);
+      uint32_t const status = PropertyHandle(session_.context(), table.name, column.name, &handle);
       std::string const what = Utf8(table.name) + "." + Utf8(column.name);
       out_.Same("handle of " + what, 0u, status);
       if (status != 0) continue;
@@ -120,8 +118,8 @@ class ObjectComparison {
     return value;
   }
 
-  void CompareValue(std::string const& what, PropertyAccessInfo const* handle,
-                    Column const& column, Object const& object) {
+  void CompareValue(std::string const& what, PropertyAccessInfo const* handle, Column const& column,
+                    Object const& object) {
     std::string const place = what + " of object " + std::to_string(object.row);
     Value found;
     uint32_t const status = ReadValue(session_, handle, OidOf(object.row), column.type, &found);
@@ -135,8 +133,8 @@ class ObjectComparison {
                          Object const& object) {
     LS_OBJ_REF reference{};
     uint64_t type_id = 0;
-    uint32_t const status = lorv_crud_ReadRefAndType(session_.context(), handle,
-                                                     OidOf(object.row), 0, &reference, &type_id);
+    uint32_t const status = lorv_crud_ReadRefAndType(session_.context(), handle, OidOf(object.row),
+                                                     0, &reference, &type_id);
     out_.Same(place + ", status of reference and type", 0u, status);
     auto const target = model_.objects.find(session_.identities().RowOf(reference.oid));
     uint64_t expected = 0;

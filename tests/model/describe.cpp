@@ -89,7 +89,9 @@ struct Describer {
     return "map property " + Quoted(o.name) + " of " + Quoted(o.class_name) + " to " +
            Quoted(o.column) + " of " + Quoted(o.table);
   }
-  std::string operator()(CreateObject const& o) const { return "create object of " + Quoted(o.table); }
+  std::string operator()(CreateObject const& o) const {
+    return "create object of " + Quoted(o.table);
+  }
   std::string operator()(WriteValue const& o) const {
     return "write " + Quoted(o.column) + " of object " + std::to_string(o.object) + ": " +
            Describe(o.value);

@@ -16,8 +16,8 @@ std::vector<LORV_COLUMN_DEFINITION_NAMES> ByNames(std::vector<ColumnDef> const& 
   std::vector<LORV_COLUMN_DEFINITION_NAMES> definitions;
   for (ColumnDef const& column : columns) {
     char16_t const* const target = column.type_name ? column.type_name->c_str() : nullptr;
-    definitions.push_back({column.type, target, static_cast<uint8_t>(column.nullable),
-                           column.name.c_str()});
+    definitions.push_back(
+        {column.type, target, static_cast<uint8_t>(column.nullable), column.name.c_str()});
   }
   definitions.push_back({0, nullptr, 0, nullptr});
   return definitions;
@@ -29,8 +29,7 @@ std::vector<LORV_COLUMN_DEFINITION> ByRefs(std::vector<ColumnDef> const& columns
     LS_OBJ_REF const type =
         column.type == kReference
             ? LS_OBJ_REF(ViewOf(*column.type_name))
-            : LS_OBJ_REF(
-                  metalayer::DbPrimitiveType::ByDbPrimitiveTypePK_postV2_3(column.type));
+            : LS_OBJ_REF(metalayer::DbPrimitiveType::ByDbPrimitiveTypePK_postV2_3(column.type));
     definitions.push_back({type, static_cast<uint8_t>(column.nullable), column.name.c_str()});
   }
   definitions.push_back({{0, 0}, 0, nullptr});
@@ -52,9 +51,8 @@ struct Runner {
   uint32_t operator()(CreateTable const& o) const {
     if (o.form == CreateTable::Form::kByRefs) return CreateByRefs(o);
     auto const columns = ByNames(o.columns);
-    auto const create = o.form == CreateTable::Form::kByNames
-                            ? lorv_create_table_by_names
-                            : lorv_create_table_high_check_types;
+    auto const create = o.form == CreateTable::Form::kByNames ? lorv_create_table_by_names
+                                                              : lorv_create_table_high_check_types;
     uint16_t layout = 0;
     return create(context(), o.name.c_str(), TextOrNull(o.base), columns.data(), &layout);
   }
@@ -191,8 +189,7 @@ struct Runner {
   uint32_t operator()(WriteDefault const& o) const {
     PropertyAccessInfo* handle = nullptr;
     uint32_t const status = HandleOf(o.object, o.column, &handle);
-    return status != 0 ? status
-                       : lorv_crud_WriteDefault(context(), handle, OidOf(o.object), 0);
+    return status != 0 ? status : lorv_crud_WriteDefault(context(), handle, OidOf(o.object), 0);
   }
 
   uint32_t operator()(DeleteObject const& o) const {
@@ -209,8 +206,8 @@ struct Runner {
     uint64_t const c = context();
     switch (type) {
       case kString:
-        return lorv_crud_WriteString(
-            c, handle, oid, 0, IsNull(value) ? nullptr : std::get<Text>(value).c_str());
+        return lorv_crud_WriteString(c, handle, oid, 0,
+                                     IsNull(value) ? nullptr : std::get<Text>(value).c_str());
       case kBinary: {
         auto const& bytes = std::get<std::string>(value);
         return lorv_crud_WriteBinary(c, handle, oid, 0, bytes.data(), bytes.size());

@@ -86,9 +86,8 @@ Text OnTable(Table const& table, std::size_t count) {
 void CheckUses(Model const& model, Table const& table, Column const& column) {
   std::vector<Text> indexes;
   for (auto const& [row, index] : model.indexes) {
-    bool const holds =
-        std::any_of(index.columns.begin(), index.columns.end(),
-                    [&](IndexColumn const& part) { return part.row == column.row; });
+    bool const holds = std::any_of(index.columns.begin(), index.columns.end(),
+                                   [&](IndexColumn const& part) { return part.row == column.row; });
     if (holds) indexes.push_back(index.name);
   }
   if (!indexes.empty()) {
@@ -143,9 +142,8 @@ Text DeclaringTable(Model const& model, Column const& column) {
 void CheckNewName(Model const& model, Table const& table, Text const& name) {
   Column const* const taken = table.FindColumn(name);
   if (taken == nullptr) return;
-  Text const place = taken->inherited()
-                         ? u" in ancestor table " + DeclaringTable(model, *taken)
-                         : u" in the table " + table.name;
+  Text const place = taken->inherited() ? u" in ancestor table " + DeclaringTable(model, *taken)
+                                        : u" in the table " + table.name;
   throw Failure{kNameTaken,
                 u"New column name " + name + u" conflicts with existing column" + place + u"."};
 }

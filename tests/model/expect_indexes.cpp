@@ -38,9 +38,8 @@ std::vector<Column> ColumnsByName(Table const& table, CreateIndex const& operati
     columns.push_back(NamedColumn(table, part.column));
   }
   if (columns.size() <= kMaxIndexColumns) return columns;
-  throw Failure{kBadIndexColumns, u"Number of columns in index " + operation.name +
-                                      u" for table " + table.name +
-                                      u" doesn't fit into 16 bit sort mask."};
+  throw Failure{kBadIndexColumns, u"Number of columns in index " + operation.name + u" for table " +
+                                      table.name + u" doesn't fit into 16 bit sort mask."};
 }
 
 // Index entries of the objects that are there.

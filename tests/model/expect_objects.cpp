@@ -17,8 +17,7 @@ Table const& CrudTable(Model const& model, Text const& name) {
 Column const& CrudColumn(Table const& table, Text const& name) {
   Column const* const column = table.FindColumn(name);
   if (column != nullptr) return *column;
-  throw Failure{kBadArgument,
-                u"Property " + name + u" isn't found in class " + table.name + u"."};
+  throw Failure{kBadArgument, u"Property " + name + u" isn't found in class " + table.name + u"."};
 }
 
 // Refused when a unique index holds another object under the new key; the object keeps its value
@@ -30,11 +29,23 @@ void Store(Model& model, Uid row, Text const& name, Value const& value) {
   if (!model.KeysAreFree(object)) throw Failure{kDuplicateKey, u""};
 }
 
-// Words come from calls that write them; plain reads and writes report the kernel's status alone.
-bool HasWords(Operation const& operation) {
-  return !std::holds_alternative<WriteValue>(operation) &&
-         !std::holds_alternative<WriteDefault>(operation) &&
-         !std::holds_alternative<DeleteObject>(operation);
+// Which calls begin with an empty text. Those of the object path leave the last text alone until
+// they have words of their own; plain reads and writes, and rows written by hand, never have any.
+enum class Words { kFresh, kOfFailures, kNone };
+
+Words WordsOf(Operation const& operation) {
+  return std::visit(
+      [](auto const& each) {
+        using Kind = std::decay_t<decltype(each)>;
+        constexpr bool none = std::is_same_v<Kind, WriteValue> ||
+                              std::is_same_v<Kind, WriteDefault> ||
+                              std::is_same_v<Kind, DeleteObject> ||
+                              std::is_same_v<Kind, MapClass> || std::is_same_v<Kind, MapColumn>;
+        constexpr bool of_failures =
+            std::is_same_v<Kind, CreateObject> || std::is_same_v<Kind, AskProperty>;
+        return none ? Words::kNone : of_failures ? Words::kOfFailures : Words::kFresh;
+      },
+      operation);
 }
 
 struct Applier {
@@ -64,8 +75,7 @@ void Apply(Model& model, WriteValue const& operation) {
 void Apply(Model& model, WriteDefault const& operation) {
   Table const& table = model.table(model.objects.at(operation.object).table);
   Column const& column = CrudColumn(table, operation.column);
-  Store(model, operation.object, operation.column,
-        column.nullable ? Value() : ZeroOf(column.type));
+  Store(model, operation.object, operation.column, column.nullable ? Value() : ZeroOf(column.type));
 }
 
 void Apply(Model& model, DeleteObject const& operation) {
@@ -83,10 +93,10 @@ Outcome Expect(Model& model, Operation const& operation, bool* clean) {
   changed.BeginOperation();
   try {
     std::visit(Applier{changed, outcome}, operation);
-    if (HasWords(operation)) outcome.text = Text();
+    if (WordsOf(operation) == Words::kFresh) outcome.text = Text();
   } catch (Failure const& failure) {
     outcome = {failure.status, std::nullopt, 0};
-    if (HasWords(operation)) outcome.text = failure.text;
+    if (WordsOf(operation) != Words::kNone) outcome.text = failure.text;
     *clean = !changed.written();
     model.SkipRowsOf(changed);
     return outcome;

@@ -22,9 +22,8 @@ bool CanChangeLayouts(Model const& model, Text const& table, Uid except_declared
   Table const* const top = model.FindTable(table);
   if (top == nullptr) return true;
   std::vector<Uid> const subtree = model.SubtreeOf(top->row);
-  return std::none_of(subtree.begin(), subtree.end(), [&](Uid row) {
-    return model.HasDeferredOwnColumn(row, except_declared);
-  });
+  return std::none_of(subtree.begin(), subtree.end(),
+                      [&](Uid row) { return model.HasDeferredOwnColumn(row, except_declared); });
 }
 
 std::vector<Object const*> LiveObjects(Model const& model) {
@@ -46,7 +45,7 @@ Operation Generator::DrawSchemaChange(Model const& model) {
   std::size_t const tables = UserTables(model).size();
   if (tables < 3) return DrawCreateTable(model);
   if (tables > kManyTables && Chance(50)) return DrawDrop(model);
-  switch (Below(20)) {
+  switch (Below(24)) {
     case 0:
     case 1:
     case 2:
@@ -66,12 +65,15 @@ Operation Generator::DrawSchemaChange(Model const& model) {
       return DrawRename(model);
     case 13:
     case 14:
-      return DrawCreateIndex(model);
     case 15:
-      return DrawDropIndex(model);
     case 16:
-      return DrawMapping(model);
     case 17:
+      return DrawCreateIndex(model);
+    case 18:
+      return DrawDropIndex(model);
+    case 19:
+      return DrawMapping(model);
+    case 20:
       return UpdateReferences{};
     default:
       return DrawDrop(model);
@@ -96,9 +98,9 @@ Operation Generator::DrawObjectOperation(Model const& model) {
 
 Text Generator::NewName() {
   static std::vector<Text> const spaces = {u"", u"A.", u"App.Model.", u"Shop.", u"A.B."};
-  static std::vector<Text> const names = {u"Customer", u"Cust", u"CustomerOrder", u"Order",
-                                          u"Item",     u"Part", u"Node",          u"Raw",
-                                          u"\u00c4rger"};
+  static std::vector<Text> const names = {u"Customer", u"Cust", u"CustomerOrder",
+                                          u"Order",    u"Item", u"Part",
+                                          u"Node",     u"Raw",  u"\u00c4rger"};
   Text const end = Chance(3) ? u"." : u"";
   return OneOf(spaces) + OneOf(names) + (Chance(40) ? u"2" : u"") + end;
 }
@@ -121,8 +123,9 @@ Text Generator::Shortened(Text const& full_name) {
 }
 
 Text Generator::ColumnName() {
-  static std::vector<Text> const names = {u"Name", u"name",  u"Price", u"Count", u"Next", u"Flag",
-                                          u"Data", u"Extra", u"Ratio", u"\u00df", u"__id"};
+  static std::vector<Text> const names = {u"Name", u"name", u"Price", u"Count", u"Next",
+                                          u"Flag", u"Data", u"Extra", u"Ratio", u"\u00df"};
+  if (Chance(1)) return u"__id";
   return OneOf(names) + (Chance(50) ? Text(1, static_cast<char16_t>(u'0' + Below(4))) : u"");
 }
 
@@ -225,7 +228,8 @@ Operation Generator::DrawAddColumns(Model const& model) {
     if (Chance(50)) operation.columns.pop_back();
   }
   Table const* const table = model.FindTable(operation.table);
-  bool const fits = table != nullptr && operation.columns.size() > 100 && table->columns.size() == 3;
+  bool const fits =
+      table != nullptr && operation.columns.size() > 100 && table->columns.size() == 3;
   if (fits) operation.columns.clear();
   if (!CanChangeLayouts(model, operation.table, 0)) return UpdateReferences{};
   return operation;
@@ -253,7 +257,8 @@ Operation Generator::DrawDrop(Model const& model) {
   bool const force = Chance(35);
   if (Chance(65)) return DropTable{AnyTable(model), drop_children, force};
   DropTables operation{{}, drop_children, force};
-  for (std::size_t count = Below(4); count > 0; --count) operation.tables.push_back(AnyTable(model));
+  for (std::size_t count = Below(4); count > 0; --count)
+    operation.tables.push_back(AnyTable(model));
   return operation;
 }
 
@@ -272,8 +277,8 @@ std::vector<IndexPart> Generator::DrawParts(Table const& table, bool unique) {
 }
 
 Operation Generator::DrawCreateIndex(Model const& model) {
-  static std::vector<Text> const names = {u"ByName", u"ByPrice", u"Index1", u"Index2", u"Index3",
-                                          u"Index4", u"Index5"};
+  static std::vector<Text> const names = {u"ByName", u"ByPrice", u"Index1", u"Index2",
+                                          u"Index3", u"Index4",  u"Index5"};
   std::vector<Table const*> const tables = UserTables(model);
   CreateIndex operation;
   operation.form = static_cast<CreateIndex::Form>(Below(3));
@@ -282,9 +287,10 @@ Operation Generator::DrawCreateIndex(Model const& model) {
   operation.table = table.name;
   operation.unique = Chance(40);
   operation.parts = DrawParts(table, operation.unique);
-  if (Chance(2)) operation.parts.assign(17, {u"__id", 0, true});
   if (operation.parts.empty()) return DrawAddColumns(model);
-  if (operation.form == CreateIndex::Form::kByNames && Chance(3)) operation.table = NewName();
+  bool const by_names = operation.form == CreateIndex::Form::kByNames;
+  if (by_names && Chance(5)) operation.parts.assign(16, {u"__id", 0, true});
+  if (by_names && Chance(3)) operation.table = NewName();
   return operation;
 }
 
@@ -330,8 +336,8 @@ Operation Generator::DrawWrite(Model const& model) {
 }
 
 Value Generator::DrawValue(Model const& model, std::uint8_t type) {
-  static std::vector<Text> const texts = {u"",  u"a",      u"ab",     u"b",       u"B", u"\u00e4",
-                                          u"~", Text(1, 0xD800), u"\uffff", Text(200, u'l')};
+  static std::vector<Text> const texts = {
+      u"", u"a", u"ab", u"b", u"B", u"\u00e4", u"~", Text(1, 0xD800), u"\uffff", Text(200, u'l')};
   static std::vector<std::string> const bytes = {"", "a", std::string("\0", 1),
                                                  std::string("\xff\x80", 2), "ab"};
   static std::vector<std::int64_t> const numbers = {0, 1, -1, 2, 1000000, INT64_MIN, INT64_MAX};

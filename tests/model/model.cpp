@@ -48,9 +48,8 @@ Column const* Table::FindColumn(Text const& column) const {
 }
 
 std::size_t Table::OrdinalOf(Uid declared) const {
-  auto const found = std::find_if(columns.begin(), columns.end(), [&](Column const& each) {
-    return each.declared == declared;
-  });
+  auto const found = std::find_if(columns.begin(), columns.end(),
+                                  [&](Column const& each) { return each.declared == declared; });
   return static_cast<std::size_t>(found - columns.begin());
 }
 
@@ -160,8 +159,7 @@ bool Model::KeyIsFree(Index const& index, Object const& object) const {
 bool Model::KeysAreFree(Object const& object) const {
   return std::all_of(indexes.begin(), indexes.end(), [&](auto const& each) {
     Index const& index = each.second;
-    return !index.unique || !object.setspec.starts_with(index.setspec) ||
-           KeyIsFree(index, object);
+    return !index.unique || !object.setspec.starts_with(index.setspec) || KeyIsFree(index, object);
   });
 }
 

@@ -4,8 +4,8 @@
 // without a database, opens the directory that the leg before it left, and goes on. What has to be
 // carried over beside the seed are the identities that the database gave out.
 //
-// SAGLEME_MODEL_STEPS and SAGLEME_MODEL_SEEDS give longer and more runs, SAGLEME_MODEL_FIRST_SEED the
-// first seed.
+// SAGLEME_MODEL_STEPS and SAGLEME_MODEL_SEEDS give longer and more runs, SAGLEME_MODEL_FIRST_SEED
+// the first seed.
 
 #include <gtest/gtest.h>
 

@@ -34,7 +34,8 @@ std::vector<Stored> AllStored(Model const& model) {
   for (auto const& [row, table] : model.tables) {
     if (row != Model::kRoot) all.push_back({ReversedUid(table.name), table.name, row});
   }
-  for (Text const& name : SystemTableNames()) all.push_back({ReversedUid(name), name, kSystemTable});
+  for (Text const& name : SystemTableNames())
+    all.push_back({ReversedUid(name), name, kSystemTable});
   std::sort(all.begin(), all.end(),
             [](Stored const& a, Stored const& b) { return a.reversed < b.reversed; });
   return all;
@@ -58,9 +59,8 @@ bool EndsSegment(Stored const& candidate, Text const& prefix) {
 }
 
 [[noreturn]] void Ambiguous(Text const& dotted, std::vector<Stored> const& candidates) {
-  throw Failure{kAmbiguous, u"Incomplete table name " + dotted +
-                                u" matches more than one table: " + candidates[0].full_name +
-                                u", " + candidates[1].full_name +
+  throw Failure{kAmbiguous, u"Incomplete table name " + dotted + u" matches more than one table: " +
+                                candidates[0].full_name + u", " + candidates[1].full_name +
                                 (candidates.size() > 2 ? u", and more." : u".")};
 }
 

@@ -114,11 +114,10 @@ struct AskProperty {
   Text column;
 };
 
-using Operation =
-    std::variant<CreateTable, AddColumns, DropColumn, RenameColumn, RenameTable, DropTable,
-                 DropTables, DropTableCascade, CreateIndex, DropIndex, UpdateReferences,
-                 CleanClasses, MapClass, MapColumn, CreateObject, WriteValue, WriteDefault,
-                 DeleteObject, AskProperty>;
+using Operation = std::variant<CreateTable, AddColumns, DropColumn, RenameColumn, RenameTable,
+                               DropTable, DropTables, DropTableCascade, CreateIndex, DropIndex,
+                               UpdateReferences, CleanClasses, MapClass, MapColumn, CreateObject,
+                               WriteValue, WriteDefault, DeleteObject, AskProperty>;
 
 std::string Describe(Operation const& operation);
 std::string Describe(Value const& value);

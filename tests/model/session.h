@@ -17,7 +17,9 @@ namespace sagleme_model {
 class Identities {
  public:
   // False when something else was learnt under that number.
-  bool Learn(Uid row, std::uint64_t oid) { return oids_.try_emplace(row, oid).first->second == oid; }
+  bool Learn(Uid row, std::uint64_t oid) {
+    return oids_.try_emplace(row, oid).first->second == oid;
+  }
   bool LearnToken(Uid column, std::uint64_t token) {
     return tokens_.try_emplace(column, token).first->second == token;
   }
@@ -37,7 +39,8 @@ class Differences {
  public:
   template <typename T>
   void Same(std::string const& what, T const& expected, T const& found) {
-    if (!(expected == found)) Add(what + ": expected " + Print(expected) + ", found " + Print(found));
+    if (!(expected == found))
+      Add(what + ": expected " + Print(expected) + ", found " + Print(found));
   }
   void Add(std::string const& line) { text_ += "  " + line + "\n"; }
   bool empty() const { return text_.empty(); }
