@@ -1,0 +1,157 @@
+// Each change of the schema, with each of its kernel calls refused in turn: the kernel's status
+// comes out, nothing stays open, and after a rollback the same change succeeds.
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "support/database.h"
+#include "support/recording_kernel.h"
+
+namespace {
+
+using sagleme_test::Columns;
+
+constexpr uint32_t kRefused = LSCOREDB_IO_ERROR;
+constexpr int kMoreCallsThanAny = 20000;
+
+using Call = uint32_t (*)(uint64_t context);
+
+// The layout of App.Empty, which calls by layout name it by.
+uint16_t layout_of_empty = 0;
+
+uint32_t CreateTable(uint64_t context, char16_t const* name, char16_t const* base, Columns columns,
+                     uint16_t* layout = nullptr) {
+  return lorv_create_table_by_names(context, name, base, columns, layout);
+}
+
+// App.Base (Name, Count) <- App.Child (Owner -> App.Base), index ByCount over App.Base, App.Empty.
+uint32_t MakeSchema(uint64_t context) {
+  uint32_t status =
+      CreateTable(context, u"App.Base", nullptr, Columns().String(u"Name").Long(u"Count"));
+  if (status == 0)
+    status = CreateTable(context, u"App.Child", u"App.Base", Columns().Ref(u"Owner", u"App.Base"));
+  if (status == 0)
+    status = CreateTable(context, u"App.Empty", nullptr, Columns().Bool(u"On"), &layout_of_empty);
+  LORV_INDEXED_COLUMN const by_count[] = {{u"Count", 1}, {nullptr, 0}};
+  if (status == 0)
+    status = lorv_create_index_by_names(context, u"ByCount", u"App.Base", by_count, false);
+  return status;
+}
+
+struct Change {
+  char const* name;
+  Call call;
+};
+
+Change const kChanges[] = {
+    {"CreateTable",
+     [](uint64_t context) {
+       return CreateTable(context, u"App.New", nullptr,
+                          Columns().String(u"Text").Ref(u"Later", u"App.NotYet"));
+     }},
+    {"CreateDerivedTable",
+     [](uint64_t context) {
+       return CreateTable(context, u"App.New", u"App.Child", Columns().ULong(u"Size"));
+     }},
+    {"CreateTableThatExists",
+     [](uint64_t context) {
+       return CreateTable(context, u"App.Base", nullptr, Columns().String(u"Name").Long(u"Count"));
+     }},
+    {"CreateTableCheckingTypes",
+     [](uint64_t context) {
+       Columns columns = Columns().Ref(u"Owner", u"App.Child");
+       return lorv_create_table_high_check_types(context, u"App.New", nullptr, columns, nullptr);
+     }},
+    {"CreateIndexByNames",
+     [](uint64_t context) {
+       LORV_INDEXED_COLUMN const columns[] = {{u"Name", 1}, {u"Count", 0}, {nullptr, 0}};
+       return lorv_create_index_by_names(context, u"ByName", u"App.Base", columns, true);
+     }},
+    {"CreateIndexByLayout",
+     [](uint64_t context) {
+       int16_t const columns[] = {3, -1};
+       return lorv_create_index_ids(context, layout_of_empty, u"ByOn", 0, columns, 0);
+     }},
+    {"DropIndexByName",
+     [](uint64_t context) { return lorv_drop_index_by_name(context, u"ByCount"); }},
+    {"DropIndexByTableAndName",
+     [](uint64_t context) {
+       return lorv_drop_index_by_table_and_name(context, u"Base", u"ByCount");
+     }},
+    {"AddColumns",
+     [](uint64_t context) {
+       Columns columns = Columns().String(u"Added").Ref(u"Friend", u"App.Child");
+       return lorv_alter_table_add_columns(context, u"App.Base", columns, nullptr);
+     }},
+    {"DropColumn",
+     [](uint64_t context) {
+       return lorv_alter_table_drop_column_by_names(context, u"App.Base", u"Name", nullptr);
+     }},
+    {"RenameColumn",
+     [](uint64_t context) {
+       return lorv_alter_table_rename_column(context, u"App.Base", u"Name", u"Title");
+     }},
+    {"RenameTable",
+     [](uint64_t context) { return lorv_rename_table(context, u"App.Base", u"App.Root"); }},
+    {"DropTable",
+     [](uint64_t context) { return lorv_drop_table_by_name(context, u"App.Child", false, false); }},
+    {"DropTableWithChildren",
+     [](uint64_t context) { return lorv_drop_table_by_name(context, u"App.Base", true, true); }},
+    {"DropTablesTogether",
+     [](uint64_t context) {
+       char16_t const* names[] = {u"App.Child", u"App.Empty", nullptr};
+       return lorv_drop_tables_by_names(context, names, false, false);
+     }},
+    {"DropTableCascade",
+     [](uint64_t context) { return lorv_drop_table_cascade(context, u"App.Empty"); }},
+    {"UpdateReferences",
+     [](uint64_t context) { return lorv_update_reference_columns_types(context); }},
+    {"CleanClasses", [](uint64_t context) { return lorv_clrmetadata_clean(context); }},
+    {"AssureToken",
+     [](uint64_t context) {
+       uint64_t token = 0;
+       return lorv_assure_token(context, u"a new word", &token);
+     }},
+};
+
+class EveryCallTest : public sagleme_test::DatabaseTest,
+                      public ::testing::WithParamInterface<Change> {
+ protected:
+  void SetUp() override {
+    recording_kernel::Reset();
+    DatabaseTest::SetUp();
+    ExpectOk(MakeSchema(context()));
+    Commit();
+    Begin();
+  }
+
+  void StartOver() {
+    Rollback();
+    Begin();
+  }
+};
+
+TEST_P(EveryCallTest, Refused_PassesTheStatusOutAndCanBeRepeated) {
+  int calls = 1;
+  for (;; ++calls) {
+    ASSERT_LT(calls, kMoreCallsThanAny);
+    recording_kernel::FailNth(calls, kRefused);
+    uint32_t const status = GetParam().call(context());
+    bool const refused = recording_kernel::Failed();
+    recording_kernel::FailNth(0, 0);
+    ASSERT_EQ(refused ? kRefused : 0u, status) << "call " << calls;
+    ASSERT_EQ(0, recording_kernel::OpenIterators()) << "call " << calls;
+    if (!refused) break;
+    StartOver();
+    ASSERT_EQ(0u, GetParam().call(context())) << "again after call " << calls;
+    StartOver();
+  }
+  // A change that asked the kernel nothing would have proved nothing.
+  EXPECT_GT(calls, 1);
+}
+
+INSTANTIATE_TEST_SUITE_P(Changes, EveryCallTest, ::testing::ValuesIn(kChanges),
+                         [](auto const& change) { return std::string(change.param.name); });
+
+}  // namespace

@@ -1,0 +1,96 @@
+// The bootstrap as a continuation: how it ends, and what an end in between leaves.
+
+#include <gtest/gtest.h>
+
+#include "support/database.h"
+#include "support/recording_kernel.h"
+
+namespace {
+
+using Prepare = uint32_t (*)(uint64_t, continuation_context**, bool*);
+
+class BootstrapCallsTest : public ::testing::TestWithParam<Prepare> {
+ protected:
+  void SetUp() override {
+    recording_kernel::Reset();
+    database_.Begin();
+  }
+
+  uint32_t Start() { return GetParam()(database_.context(), &next_, &more_); }
+
+  uint32_t GoOn() {
+    continuation_context* const handle = next_;
+    uint32_t const status = run_continuation(handle, &next_, &more_);
+    free_continuation_handle(handle);
+    return status;
+  }
+
+  // Runs what is left, all in one transaction.
+  uint32_t RunToTheEnd(uint32_t status) {
+    while (status == 0 && more_) status = GoOn();
+    return status;
+  }
+
+  static unsigned long Current() { return *metalayer::TlsMetalayerContext::Current(); }
+
+  sagleme_test::Database database_;
+  continuation_context* next_ = reinterpret_cast<continuation_context*>(1);
+  bool more_ = true;
+};
+
+TEST_P(BootstrapCallsTest, FailureBeforeTheFirstYield_IsTheResultOfTheCall) {
+  recording_kernel::FailNth(1, LSCOREDB_IO_ERROR);
+  EXPECT_EQ(LSCOREDB_IO_ERROR, Start());
+  EXPECT_FALSE(more_);
+  EXPECT_EQ(nullptr, next_);
+  EXPECT_EQ(0u, Current());
+}
+
+TEST_P(BootstrapCallsTest, NormalEnd_IsAStepWithoutASuccessor) {
+  EXPECT_EQ(0u, RunToTheEnd(Start()));
+  EXPECT_FALSE(more_);
+  EXPECT_EQ(nullptr, next_);
+  EXPECT_TRUE(metalayer::IsMetalayerInitialized());
+  EXPECT_EQ(0u, Current());
+}
+
+TEST_P(BootstrapCallsTest, BetweenSteps_TheContextStaysTheThreads) {
+  EXPECT_EQ(0u, Start());
+  ASSERT_TRUE(more_);
+  EXPECT_EQ(database_.context(), Current());
+  free_continuation_handle(next_);
+  EXPECT_EQ(0u, Current());
+}
+
+TEST_P(BootstrapCallsTest, RunThatWasGivenUp_CanBeBegunAgain) {
+  uint32_t status = Start();
+  for (int i = 0; i < 3 && status == 0 && more_; ++i) status = GoOn();
+  ASSERT_EQ(0u, status);
+  ASSERT_TRUE(more_);
+  free_continuation_handle(next_);
+  EXPECT_EQ(0, recording_kernel::OpenIterators());
+  EXPECT_EQ(0u, RunToTheEnd(Start()));
+  EXPECT_TRUE(metalayer::IsMetalayerInitialized());
+}
+
+TEST_P(BootstrapCallsTest, FailureInALaterStep_IsTheResultOfThatStepAndTheLast) {
+  uint32_t status = Start();
+  ASSERT_EQ(0u, status);
+  recording_kernel::FailNth(30, LSCOREDB_IO_ERROR);
+  status = RunToTheEnd(status);
+  EXPECT_EQ(LSCOREDB_IO_ERROR, status);
+  EXPECT_FALSE(more_);
+  EXPECT_EQ(nullptr, next_);
+  EXPECT_EQ(0, recording_kernel::OpenIterators());
+  EXPECT_EQ(0u, Current());
+}
+
+INSTANTIATE_TEST_SUITE_P(Names, BootstrapCallsTest,
+                         ::testing::Values(&lorv_prepare_system_tables, &lorv_create_metadata),
+                         [](auto const& prepare) {
+                           return prepare.param == &lorv_prepare_system_tables
+                                      ? std::string("PrepareSystemTables")
+                                      : std::string("CreateMetadata");
+                         });
+
+}  // namespace
