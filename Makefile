@@ -30,7 +30,7 @@ build: setup $(BUILD)/build.ninja
 
 # The example is built as a stranger would build it, against the installed libraries.
 run: setup $(BUILD)/build.ninja
-	cmake --build $(BUILD) --target sagleme lscoredb
+	cmake --build $(BUILD) --target installable
 	cmake --install $(BUILD) --prefix $(CURDIR)/$(PREFIX) > $(BUILD)/install.log
 	cmake -S examples/packages -B $(EXAMPLE) -G Ninja -DCMAKE_PREFIX_PATH=$(CURDIR)/$(PREFIX)
 	cmake --build $(EXAMPLE)

@@ -42,3 +42,20 @@ if(SAGLEME_KERNEL STREQUAL "embedded")
 endif()
 configure_file(cmake/sagleme.pc.in sagleme.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/sagleme.pc DESTINATION ${SAGLEME_PKGCONFIG_DIR})
+
+# Everything that an installation needs and nothing else.
+add_custom_target(installable DEPENDS sagleme)
+foreach(part lscoredb sagleme_tool)
+  if(TARGET ${part} AND NOT SAGLEME_KERNEL STREQUAL "system")
+    add_dependencies(installable ${part})
+  endif()
+endforeach()
+
+# What is installed is tried by strangers to the build tree.
+if(SAGLEME_TESTS AND NOT SAGLEME_SANITIZE AND SAGLEME_KERNEL STREQUAL "embedded")
+  foreach(what install system-kernel)
+    add_test(NAME install.${what}
+      COMMAND ${PROJECT_SOURCE_DIR}/tools/test-${what} ${PROJECT_BINARY_DIR})
+    set_tests_properties(install.${what} PROPERTIES LABELS install TIMEOUT 1200)
+  endforeach()
+endif()

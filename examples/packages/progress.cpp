@@ -44,16 +44,19 @@ double Progress::Rate() const {
   return static_cast<double>(done_) / std::max(elapsed.count(), 1e-6);
 }
 
+std::string Progress::Text() const {
+  if (total_ == 0) return fmt::format("{}", done_);
+  return fmt::format("{} of {}, {:.0f}/s", done_, total_, Rate());
+}
+
 void Progress::Draw() {
   drawn_ = done_;
-  std::string const of =
-      total_ == 0 ? std::to_string(done_) : fmt::format("{} of {}", done_, total_);
   if (is_terminal_) {
     std::string const bar = total_ == 0 ? std::string() : Bar(done_, total_) + "  ";
-    fmt::print("\r{}  {}{}  {:.0f}/s ", label_, bar, of, Rate());
+    fmt::print("\r{}  {}{} ", label_, bar, Text());
     line_is_open_ = true;
   } else {
-    fmt::print("{}: {}, {:.0f}/s\n", label_, of, Rate());
+    fmt::print("{}: {}\n", label_, Text());
   }
   std::fflush(stdout);
 }

@@ -12,7 +12,7 @@ namespace packages {
 
 class Progress {
  public:
-  // `total` 0: unknown; a line for every step then.
+  // `total` 0: unknown; every step is told then, and no rate.
   Progress(std::string label, int64_t total);
   ~Progress();
   Progress(Progress const&) = delete;
@@ -24,6 +24,7 @@ class Progress {
 
  private:
   void Draw();
+  std::string Text() const;
   double Rate() const;
 
   std::string const label_;
