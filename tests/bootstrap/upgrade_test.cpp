@@ -216,5 +216,44 @@ TEST_F(Upgrade, SystemTableWithoutTypeIdInAnUnfinishedDatabase_GetsOne) {
   });
 }
 
+// ---- a table that older versions do not have
+// -----------------------------------------------------
+
+constexpr char16_t const* kNewTable = u"Lorvenstack.Internal.Metadata.UserSchemaGeneration";
+
+// The kernel's layout stays, under a name that nobody asks for.
+void ForgetLayoutOfNewTable() {
+  PutText(Token::ByInvariantName(kNewTable), Token::kInvariantName, u"__forgotten");
+}
+
+void ForgetNewTable() {
+  RawView const view = TableRow(kNewTable);
+  ddl::EnumColumns(view, 0, -1, [](RawColumn const& column) { DeleteRow(column); });
+  DeleteRow(TypeIdsMeta::ByTypeIdsMeta_Type(view));
+  DeleteRow(SetSpecifier::ByType(view));
+  DeleteRow(view);
+  DeleteObjects(UserSchemaGeneration::setspec());
+  SetVersion(7);
+  ForgetLayoutOfNewTable();
+}
+
+TEST_F(Upgrade, MissingTable_IsCreatedWithFreshSpecifierAndTypeId) {
+  Change(ForgetNewTable);
+  ASSERT_EQ(0u, Bootstrap().status);
+  ASSERT_EQ(0u, StartUp().status);
+  Change([] {
+    EXPECT_EQ(u"i~", UserSchemaGeneration::setspec());
+    EXPECT_EQ(26u, UserSchemaGeneration::g_type_id());
+    EXPECT_EQ(4, ddl::GetColumnsCount(TableRow(kNewTable)));
+    EXPECT_EQ(9, GetLong(VersionRow(), Configuration::kValue));
+  });
+  EXPECT_EQ(0u, Generation());
+}
+
+TEST_F(Upgrade, ViewWithoutLayout_EndsTheProcess) {
+  Change(ForgetLayoutOfNewTable);
+  EXPECT_EQ(kTrapped, Run([](Database& database) { database.Bootstrap(); }));
+}
+
 }  // namespace
 }  // namespace sagleme_test

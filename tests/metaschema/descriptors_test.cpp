@@ -155,10 +155,10 @@ TEST(Records, NullabilityOfAColumn_FollowsFromItsType) {
 }
 
 TEST(Records, TypeOutOfRange_EndsTheProcess) {
-  for (unsigned char const type : {0, 11}) {
+  for (int const type : {0, 11}) {
     COLUMN_INFO column;
-    COLUMN_INFO_STATIC const record{u"Some", 0, type, nullptr, false};
-    EXPECT_EXIT(column = record, ::testing::KilledBySignal(SIGABRT), "") << int{type};
+    COLUMN_INFO_STATIC const record{u"Some", 0, static_cast<unsigned char>(type), nullptr, false};
+    EXPECT_EXIT(column = record, ::testing::KilledBySignal(SIGABRT), "") << type;
   }
 }
 

@@ -167,6 +167,7 @@ void AddKernelIndexes(Lines& lines) {
         Context(), GetULong(row, Token::kNameToken), &count, infos);
     if (status == LORV_STATUS_NO_INDEX) return;
     Check(status);
+    ASSERT_LE(count, std::size(infos));
     for (uint32_t i = 0; i < count; ++i) {
       char16_t const* setspec = nullptr;
       Check(lorvi_context_get_index_setspec(Context(), infos[i].index_id, &setspec));

@@ -180,7 +180,7 @@ extern MetaclassInit const g_inits[nr_meta_table_inits_generated_from_json];
 bool init_meta_table(TABLE_INFO& table);
 
 // Finds or makes the set specifier of a system table and its row.
-void populate_setspec(TABLE_INFO& table);
+SAGLEME_API void populate_setspec(TABLE_INFO& table);
 
 }  // namespace metalayer
 
