@@ -75,9 +75,10 @@ unsigned long TokenOfLayout(unsigned short layout) {
 }
 
 [[noreturn]] void ThrowMappedByClass(RawView const& table, LS_OBJ_REF const& clr_class, int count) {
+  std::u16string const table_name = FullNameOf(table);
+  std::u16string const class_name = GetText(clr_class, ClrClass::kFullClassName);
   ucs2_stream<ErrBlt> text;
-  text << "Table " << FullNameOf(table) << " is still referenced by clr class "
-       << GetText(clr_class, ClrClass::kFullClassName);
+  text << "Table " << table_name << " is still referenced by clr class " << class_name;
   if (count == 2) text << " and another";
   if (count > 2) text << " and others";
   text << ".";
