@@ -178,9 +178,13 @@ inline TablePtr LoadTable(metalayer::RawView const& view) {
   LS_OBJ_REF const base = CatalogueRef(view, metalayer::RawView::kInherits);
   if (base.oid != 0) table->base = CatalogueText(base, metalayer::RawView::kFullName);
   auto const setspec = metalayer::SetSpecifier::ByType(view);
-  table->setspec = CatalogueText(setspec, metalayer::SetSpecifier::kTypeId);
+  if (!setspec.is_null()) {
+    table->setspec = CatalogueText(setspec, metalayer::SetSpecifier::kTypeId);
+  }
   auto const type = metalayer::TypeIdsMeta::ByTypeIdsMeta_Type(view);
-  table->type_id = metalayer::GetULong(type, metalayer::TypeIdsMeta::kTypeIdsMeta_Id);
+  if (!type.is_null()) {
+    table->type_id = metalayer::GetULong(type, metalayer::TypeIdsMeta::kTypeIdsMeta_Id);
+  }
   table->columns = LoadColumns(view);
   table->indexes = LoadIndexes(view);
   return table;

@@ -22,10 +22,12 @@ void DeclareFormat(CLI::App& app, Output& output) {
                                             {"json", Format::kJson},
                                             {"csv", Format::kCsv},
                                             {"markdown", Format::kMarkdown}};
+  CLI::CheckedTransformer transformer(names);
+  transformer.description("");  // the numbers behind the names help nobody
   app.add_option("--format", output.chosen,
                  "Form of the list: table, json, csv or markdown. A table on a terminal, csv "
                  "elsewhere, unless given")
-      ->transform(CLI::CheckedTransformer(names))
+      ->transform(transformer)
       ->type_name("FORM");
 }
 
@@ -48,9 +50,17 @@ std::vector<std::unique_ptr<Command>> MakeCommands() {
   commands.push_back(MakeInfo());
   commands.push_back(MakeTables());
   commands.push_back(MakeDescribe());
+  commands.push_back(MakeSchema());
+  commands.push_back(MakeApply());
+  commands.push_back(MakeImport());
+  commands.push_back(MakeExport());
+  commands.push_back(MakeDump());
+  commands.push_back(MakeLoad());
   commands.push_back(MakeGet());
   commands.push_back(MakeFind());
   commands.push_back(MakeScan());
+  commands.push_back(MakeCheck());
+  commands.push_back(MakeVacuum());
   return commands;
 }
 

@@ -13,9 +13,17 @@ std::unique_ptr<Command> MakeCreate();
 std::unique_ptr<Command> MakeInfo();
 std::unique_ptr<Command> MakeTables();
 std::unique_ptr<Command> MakeDescribe();
+std::unique_ptr<Command> MakeSchema();
+std::unique_ptr<Command> MakeApply();
+std::unique_ptr<Command> MakeImport();
+std::unique_ptr<Command> MakeExport();
+std::unique_ptr<Command> MakeDump();
+std::unique_ptr<Command> MakeLoad();
 std::unique_ptr<Command> MakeGet();
 std::unique_ptr<Command> MakeFind();
 std::unique_ptr<Command> MakeScan();
+std::unique_ptr<Command> MakeCheck();
+std::unique_ptr<Command> MakeVacuum();
 
 }  // namespace tool
 

@@ -1,6 +1,7 @@
 #include <fmt/format.h>
 
 #include "commands/commands.h"
+#include "schema/document.h"
 
 namespace tool {
 namespace {
@@ -25,12 +26,21 @@ void ShowStep(Output const& output, int step) {
   }
 }
 
+// So that the documents of its schema know it again.
+void GiveIdentity(sagleme::Database const& database) {
+  sagleme::Context const context(database);
+  sagleme::Transaction transaction(context);
+  AssureDatabaseIdentity(transaction);
+  transaction.Commit();
+}
+
 Exit Create::Run(Session& session, Output& output) {
   std::string const& directory = session.directory();
   int steps = 0;
   try {
     auto const database =
         sagleme::Database::Create(directory, [&](int step) { ShowStep(output, steps = step); });
+    GiveIdentity(database);
   } catch (sagleme::Error const& error) {
     bool const exists = sagleme::Database::ExistsIn(directory) && steps == 0;
     throw Failure(exists ? Exit::kRefused : Exit::kCannotOpen,

@@ -123,11 +123,11 @@ std::string Listing::Json(std::string const& indent) const {
 std::string Listing::Csv() const {
   std::string text;
   for (std::size_t i = 0; i < heading_.size(); ++i)
-    text += (i == 0 ? "" : ",") + CsvField(heading_[i]);
+    text += (i == 0 ? "" : ",") + CsvText(heading_[i]);
   text += "\n";
   for (auto const& row : rows_) {
     for (std::size_t i = 0; i < row.size(); ++i) {
-      text += (i == 0 ? "" : ",") + CsvField(row[i].Plain());
+      text += (i == 0 ? "" : ",") + CsvText(row[i].Plain());
     }
     text += "\n";
   }

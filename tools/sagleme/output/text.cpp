@@ -94,7 +94,7 @@ std::string JsonString(std::string_view text) {
   return quoted + '"';
 }
 
-std::string CsvField(std::string_view text) {
+std::string CsvText(std::string_view text) {
   bool const plain = text.find_first_of(",\"\r\n") == std::string_view::npos;
   if (plain && !text.starts_with(' ') && !text.ends_with(' ')) return std::string(text);
   std::string quoted = "\"";

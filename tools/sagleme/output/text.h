@@ -21,7 +21,7 @@ std::string Visible(std::string_view text);
 std::string JsonString(std::string_view text);
 
 // A field of a CSV line, quoted where it must be.
-std::string CsvField(std::string_view text);
+std::string CsvText(std::string_view text);
 
 }  // namespace tool
 

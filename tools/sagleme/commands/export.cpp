@@ -1,0 +1,97 @@
+#include <fmt/format.h>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+
+#include "commands/commands.h"
+#include "commands/counts.h"
+#include "commands/names.h"
+#include "data/exporter.h"
+#include "output/progress.h"
+
+namespace tool {
+namespace {
+
+struct FileCloser {
+  void operator()(std::FILE* file) const { std::fclose(file); }
+};
+using FilePointer = std::unique_ptr<std::FILE, FileCloser>;
+
+class Export : public Command {
+ public:
+  std::string name() const override { return "export"; }
+  std::string summary() const override { return "Writes the objects of a table to a file"; }
+  std::vector<Example> examples() const override {
+    return {{"export shop Customer > customers.csv", "customers and objects of derived tables"},
+            {"export shop Customer --only --output customers.jsonl",
+             "without derived tables, one JSON object a line"}};
+  }
+  void Declare(CLI::App& app) override {
+    app.add_option("TABLE", table_, "The table; leading parts of the name may be left out")
+        ->required()
+        ->type_name("");
+    app.add_flag("--only", only_, "Without the objects of derived tables");
+    app.add_flag("--jsonl", json_, "JSON Lines; also what an output file named .jsonl gets");
+    app.add_option("--output", file_, "The file to write instead of the standard output")
+        ->type_name("FILE");
+  }
+  Exit Run(Session& session, Output& output) override;
+
+ private:
+  FileForm Form() const {
+    return json_ || file_.ends_with(".jsonl") ? FileForm::kJsonLines : FileForm::kCsv;
+  }
+  void WriteAll(sagleme::Transaction& transaction, Output const& to, Output const& report) const;
+
+  std::string table_;
+  bool only_ = false;
+  bool json_ = false;
+  std::string file_;
+};
+
+void Export::WriteAll(sagleme::Transaction& transaction, Output const& to,
+                      Output const& report) const {
+  sagleme::TablePtr const table = TableNamed(transaction, table_);
+  ObjectCounts const counts(transaction);
+  std::uint64_t const total = only_ ? counts.Own(*table) : counts.Subtree(*table);
+  Progress progress(report, "objects", total);
+  if (Form() == FileForm::kCsv) to.Print(CsvHeading(*table, !only_));
+  auto const line = Form() == FileForm::kCsv ? CsvLine : JsonLine;
+  std::uint64_t count = 0;
+  for (sagleme::Object const& object : only_ ? sagleme::Range::Only(transaction, *table)
+                                             : sagleme::Range::Subtree(transaction, *table)) {
+    sagleme::ReadScope const scope(transaction.context());
+    // JSON lines have the columns of the object's own table, so that nothing of a descendant is
+    // lost.
+    sagleme::TablePtr const own = Form() == FileForm::kCsv ? table : object.table();
+    if (own != nullptr) to.Print(line(object, *own, !only_));
+    ++count;
+    progress.Update(count, count);
+  }
+  progress.Finish(count);
+}
+
+Exit Export::Run(Session& session, Output& output) {
+  session.Read([&](sagleme::Transaction& transaction) {
+    if (file_.empty()) return WriteAll(transaction, output, output);
+    TableNamed(transaction, table_);  // before a file is made
+    FilePointer const file(std::fopen(file_.c_str(), "wb"));
+    if (file == nullptr) {
+      throw Failure(Exit::kUsage, fmt::format("cannot write {}: {}", file_, std::strerror(errno)));
+    }
+    Output to = output;
+    to.out = file.get();
+    WriteAll(transaction, to, output);
+    if (std::fflush(file.get()) != 0 || std::ferror(file.get()) != 0) {
+      throw Failure(Exit::kRefused, fmt::format("cannot write {}: the file is incomplete", file_));
+    }
+  });
+  return Exit::kDone;
+}
+
+}  // namespace
+
+std::unique_ptr<Command> MakeExport() { return std::make_unique<Export>(); }
+
+}  // namespace tool

@@ -1,0 +1,116 @@
+#include <fmt/format.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "commands/commands.h"
+#include "commands/files.h"
+#include "commands/names.h"
+#include "data/importer.h"
+#include "output/progress.h"
+
+namespace tool {
+namespace {
+
+class Import : public Command {
+ public:
+  std::string name() const override { return "import"; }
+  std::string summary() const override { return "Makes objects of the rows of a file"; }
+  std::vector<Example> examples() const override {
+    return {{"import shop Customer customers.csv", "all rows, or none when one is bad"},
+            {"import shop Order orders.jsonl --reject bad.jsonl",
+             "collects the bad rows in a file and takes the others"}};
+  }
+  void Declare(CLI::App& app) override {
+    app.add_option("TABLE", table_, "The table; leading parts of the name may be left out")
+        ->required()
+        ->type_name("");
+    app.add_option("FILE", file_, "CSV with a heading line, or JSON Lines; - is the standard input")
+        ->required()
+        ->type_name("");
+    app.add_flag("--jsonl", json_, "The file is JSON Lines, as one named .jsonl is anyway");
+    app.add_option("--reject", reject_, "Collects bad rows in this file and goes on")
+        ->type_name("FILE");
+    app.add_flag("--keep-ids", keep_ids_, "Objects get the ids that the file gives them");
+  }
+  Exit Run(Session& session, Output& output) override;
+
+ private:
+  std::unique_ptr<RowSource> Open(std::istream& input) const;
+  void Reject(RowSource const& source, BadRow const& bad, Output const& output);
+  // False at the end.
+  bool ImportOne(RowSource& source, Importer& importer, Output const& output);
+  std::string Place(FilePlace place) const {
+    return fmt::format("{}:{}:{}", file_, place.line, place.column);
+  }
+
+  std::string table_;
+  std::string file_;
+  std::string reject_;
+  bool json_ = false;
+  bool keep_ids_ = false;
+  std::ofstream rejects_;
+  std::uint64_t taken_ = 0;
+  std::uint64_t rejected_ = 0;
+};
+
+std::unique_ptr<RowSource> Import::Open(std::istream& input) const {
+  bool const json = json_ || file_.ends_with(".jsonl");
+  try {
+    return json ? MakeJsonSource(input) : MakeCsvSource(input);
+  } catch (BadRow const& bad) {
+    throw Failure(Exit::kProblem, fmt::format("{}: {}", Place(bad.place()), bad.what()));
+  }
+}
+
+void Import::Reject(RowSource const& source, BadRow const& bad, Output const& output) {
+  std::string const what = fmt::format("{}: {}", Place(bad.place()), bad.what());
+  if (reject_.empty()) {
+    throw Failure(Exit::kProblem, what,
+                  "Nothing was imported. With --reject FILE bad rows are collected there instead.");
+  }
+  if (rejected_++ == 0) {
+    rejects_.open(reject_, std::ios::binary);
+    rejects_ << source.heading();
+  }
+  rejects_ << source.raw();
+  output.Note(what + "\n");
+}
+
+bool Import::ImportOne(RowSource& source, Importer& importer, Output const& output) {
+  std::vector<RowField> row;
+  try {
+    if (!source.Next(row)) return false;
+    importer.Add(row);
+    ++taken_;
+  } catch (BadRow const& bad) {
+    Reject(source, bad, output);
+  }
+  return true;
+}
+
+Exit Import::Run(Session& session, Output& output) {
+  taken_ = rejected_ = 0;
+  auto const input = OpenFile(file_);
+  auto const source = Open(*input);
+  std::uint64_t const size = file_ == "-" ? 0 : std::filesystem::file_size(file_);
+  Progress progress(output, "objects", size);
+  session.Write([&](sagleme::Transaction& transaction) {
+    Importer importer(transaction, TableNamed(transaction, table_), keep_ids_);
+    while (true) {
+      sagleme::ReadScope const scope(transaction.context());
+      if (!ImportOne(*source, importer, output)) break;
+      progress.Update(source->bytes(), taken_);
+    }
+  });
+  progress.Finish(taken_);
+  if (rejected_ == 0) return Exit::kDone;
+  output.Note(fmt::format("{} rows were rejected and stand in {}\n", rejected_, reject_));
+  return Exit::kProblem;
+}
+
+}  // namespace
+
+std::unique_ptr<Command> MakeImport() { return std::make_unique<Import>(); }
+
+}  // namespace tool

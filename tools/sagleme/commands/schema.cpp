@@ -1,0 +1,51 @@
+#include <algorithm>
+
+#include "commands/commands.h"
+#include "commands/names.h"
+#include "schema/document.h"
+
+namespace tool {
+namespace {
+
+class Schema : public Command {
+ public:
+  std::string name() const override { return "schema"; }
+  std::string summary() const override { return "Writes the schema as a JSON document for apply"; }
+  std::vector<Example> examples() const override {
+    return {{"schema shop > shop.json", "the whole schema, to be changed and applied"},
+            {"schema shop Customer", "one table and its descendants"},
+            {"schema shop --portable", "without identities, to be applied to another database"}};
+  }
+  void Declare(CLI::App& app) override {
+    app.add_option("TABLE", table_, "Only this table and its descendants")->type_name("");
+    app.add_flag("--portable", portable_, "Without identities, which only this database knows");
+  }
+  Exit Run(Session& session, Output& output) override;
+
+ private:
+  std::string table_;
+  bool portable_ = false;
+};
+
+// Leaves the tables that stand under one.
+void KeepSubtree(sagleme::Transaction& transaction, sagleme::Table const& top, SchemaDoc& schema) {
+  std::erase_if(schema.tables, [&](TableDoc const& table) {
+    return !transaction.table(sagleme::ToUtf16(table.name))->IsA(top);
+  });
+  schema.part = sagleme::ToUtf8(top.name);
+}
+
+Exit Schema::Run(Session& session, Output& output) {
+  session.Read([&](sagleme::Transaction& transaction) {
+    SchemaDoc schema = ReadSchema(transaction, !portable_);
+    if (!table_.empty()) KeepSubtree(transaction, *TableNamed(transaction, table_), schema);
+    output.Print(SchemaJson(schema));
+  });
+  return Exit::kDone;
+}
+
+}  // namespace
+
+std::unique_ptr<Command> MakeSchema() { return std::make_unique<Schema>(); }
+
+}  // namespace tool

@@ -1,0 +1,139 @@
+#include "data/importer.h"
+
+#include <fmt/format.h>
+
+#include "output/value_text.h"
+
+namespace tool {
+namespace {
+
+// The unique index over one column alone that covers a table; nothing when there is none.
+std::optional<sagleme::Index> UniqueIndexOver(sagleme::Transaction& transaction,
+                                              sagleme::Table const& table,
+                                              std::u16string const& column) {
+  for (sagleme::TablePtr at = transaction.table(table.name); at != nullptr;
+       at = at->base.empty() ? nullptr : transaction.table(at->base)) {
+    for (sagleme::Index const& index : at->indexes) {
+      if (index.unique && index.columns.size() == 1 && index.columns[0].name == column)
+        return index;
+    }
+  }
+  return std::nullopt;
+}
+
+bool IsNumber(std::string const& text) {
+  return !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
+}
+
+RowField const* FindField(std::vector<RowField> const& row, std::string_view name) {
+  for (RowField const& field : row) {
+    if (field.name == name) return &field;
+  }
+  return nullptr;
+}
+
+}  // namespace
+
+void Importer::Add(std::vector<RowField> const& row) {
+  sagleme::TablePtr const table = TableOf(row);
+  sagleme::ObjectId const id = IdOf(row);
+  std::vector<Assignment> const assignments = Assignments(*table, row);
+  FilePlace const place = row.empty() ? FilePlace{} : row.front().place;
+  std::optional<sagleme::Object> object;
+  try {
+    object = sagleme::Object::CreateWithId(transaction_, *table, id);
+  } catch (sagleme::Error const& error) {
+    throw BadRow(place, error.what());
+  }
+  try {
+    for (Assignment const& assignment : assignments) Write(*object, *table, assignment);
+  } catch (BadRow const&) {
+    object->Delete();
+    throw;
+  }
+}
+
+void Importer::Write(sagleme::Object& object, sagleme::Table const& table,
+                     Assignment const& assignment) {
+  try {
+    object.Set(table, *assignment.column, assignment.value);
+  } catch (sagleme::Error const& error) {
+    throw BadRow(
+        assignment.place,
+        fmt::format("column {}: {}", sagleme::ToUtf8(assignment.column->name), error.what()));
+  }
+}
+
+sagleme::TablePtr Importer::TableOf(std::vector<RowField> const& row) const {
+  RowField const* const field = FindField(row, kTableField);
+  // A column of that name goes before.
+  if (field == nullptr || field->null || table_->FindColumn(u"table") != nullptr) return table_;
+  sagleme::TablePtr const table = transaction_.Find(sagleme::ToUtf16(field->text));
+  if (table != nullptr && table->IsA(*table_)) return table;
+  throw BadRow(field->place, fmt::format("{} is neither {} nor derived from it", field->text,
+                                         sagleme::ToUtf8(table_->name)));
+}
+
+sagleme::ObjectId Importer::IdOf(std::vector<RowField> const& row) const {
+  RowField const* const field = FindField(row, kIdField);
+  if (!keep_ids_ || field == nullptr || field->null) return {};
+  if (!IsNumber(field->text)) throw BadRow(field->place, "the id is no number");
+  try {
+    return {std::get<std::uint64_t>(ParseValue(sagleme::Type::kULong, field->text))};
+  } catch (BadValue const& error) {
+    throw BadRow(field->place, error.what());
+  }
+}
+
+std::vector<Importer::Assignment> Importer::Assignments(sagleme::Table const& table,
+                                                        std::vector<RowField> const& row) {
+  std::vector<Assignment> assignments;
+  for (RowField const& field : row) {
+    sagleme::Column const* const column = table.FindColumn(sagleme::ToUtf16(field.name));
+    if (column != nullptr && !column->system()) {
+      assignments.push_back({column, ParseField(*column, field), field.place});
+    } else if (field.name != kIdField && field.name != kTableField) {
+      throw BadRow(field.place, fmt::format("table {} has no column {}",
+                                            sagleme::ToUtf8(table.name), field.name));
+    }
+  }
+  return assignments;
+}
+
+sagleme::Value Importer::ParseField(sagleme::Column const& column, RowField const& field) {
+  try {
+    if (column.type == sagleme::Type::kReference && !field.null && !IsNumber(field.text)) {
+      return ParseReference(column, field);
+    }
+    sagleme::Value value = field.parse(column.type);
+    if (!sagleme::IsNull(value) || column.nullable) return value;
+    throw BadValue("it has no value, and the column takes no null");
+  } catch (BadValue const& error) {
+    throw BadRow(field.place, fmt::format("column {}: {}", field.name, error.what()));
+  }
+}
+
+sagleme::Value Importer::ParseReference(sagleme::Column const& column, RowField const& field) {
+  auto const equals = field.text.find('=');
+  if (equals == std::string::npos) {
+    throw BadValue(fmt::format("\"{}\" is neither an object's id nor column=value", field.text));
+  }
+  sagleme::TablePtr const target = transaction_.table(column.target);
+  return LookUp(*target, field.text.substr(0, equals), field.text.substr(equals + 1));
+}
+
+sagleme::ObjectId Importer::LookUp(sagleme::Table const& target, std::string const& column,
+                                   std::string const& value) {
+  auto const index = UniqueIndexOver(transaction_, target, sagleme::ToUtf16(column));
+  if (!index) {
+    throw BadValue(fmt::format("there is no unique index over column {} of {}", column,
+                               sagleme::ToUtf8(target.name)));
+  }
+  sagleme::Value const key = ParseValue(index->columns[0].type, value);
+  auto const found = sagleme::Range::Matching(transaction_, *index, {key}).Next();
+  if (found) return found->id();
+  throw BadValue(
+      fmt::format("there is no {} with {} = {}", sagleme::ToUtf8(target.name), column, value));
+}
+
+}  // namespace tool

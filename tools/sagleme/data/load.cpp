@@ -1,0 +1,178 @@
+#include <fmt/format.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <nlohmann/json.hpp>
+
+#include "cli/failure.h"
+#include "commands/objects.h"
+#include "data/dump.h"
+#include "output/progress.h"
+#include "output/value_text.h"
+#include "schema/plan.h"
+#include "schema/validate.h"
+
+namespace tool {
+namespace {
+
+using Json = nlohmann::json;
+
+// A directory that is removed with the object unless it was given its final name.
+class Scaffold {
+ public:
+  explicit Scaffold(std::string place) : place_(std::move(place)), path_(place_ + ".loading") {
+    std::error_code ignored;
+    if (std::filesystem::exists(place_) && !std::filesystem::is_empty(place_, ignored)) {
+      throw Failure(Exit::kRefused, fmt::format("{} is there already", place_),
+                    "Name a directory that is not there yet.");
+    }
+    std::filesystem::remove_all(path_);  // of a load that was cut off
+  }
+  ~Scaffold() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+  }
+  Scaffold(Scaffold const&) = delete;
+  Scaffold& operator=(Scaffold const&) = delete;
+
+  std::string const& path() const { return path_; }
+  void Finish() {
+    std::filesystem::remove(place_);
+    std::filesystem::rename(path_, place_);
+  }
+
+ private:
+  std::string place_;
+  std::string path_;
+};
+
+// A process that makes a database holds the first identities as given out. The objects of the dump
+// need theirs, so another process makes it.
+void CreateElsewhere(std::string const& directory) {
+  pid_t const child = fork();
+  if (child == 0) {
+    try {
+      sagleme::Database::Create(directory);
+    } catch (std::exception const&) {
+      _exit(1);
+    }
+    _exit(0);
+  }
+  int status = 0;
+  if (child < 0 || waitpid(child, &status, 0) != child || status != 0) {
+    throw Failure(Exit::kCannotOpen, fmt::format("cannot create {}", directory));
+  }
+}
+
+class Loader {
+ public:
+  Loader(std::istream& input, std::string const& source, Output const& report)
+      : input_(input), source_(source), report_(report) {}
+
+  std::uint64_t Run(std::string const& directory) {
+    ReadAll();
+    CreateElsewhere(directory);
+    auto const database = sagleme::Database::Open(directory);
+    sagleme::Context const context(database);
+    ReserveIdentities(context);
+    sagleme::Transaction transaction(context);
+    AssureDatabaseIdentity(transaction);
+    Apply(transaction, Compare(ReadSchema(transaction, false), schema_));
+    WriteObjects(transaction);
+    transaction.Commit();
+    return lines_.size();
+  }
+
+ private:
+  [[noreturn]] void Refuse(std::size_t line, std::string const& what) const {
+    throw Failure(Exit::kProblem, fmt::format("{}:{}: {}", source_, line, what),
+                  "No database was made.");
+  }
+
+  void ReadAll() {
+    std::string line;
+    if (!std::getline(input_, line)) Refuse(1, "the dump is empty");
+    schema_ = ParseSchema(line, source_);
+    Validate(schema_, source_);
+    while (std::getline(input_, line)) lines_.push_back(std::move(line));
+    for (std::size_t i = 0; i < lines_.size(); ++i) {
+      highest_ = std::max(highest_, ParseLine(i).at("id").get<std::uint64_t>());
+    }
+  }
+
+  Json ParseLine(std::size_t i) const {
+    try {
+      Json json = Json::parse(lines_[i]);
+      if (json.is_object() && json.contains("id") && json["id"].is_number_unsigned() &&
+          json.contains("t") && json["t"].is_number_unsigned() &&
+          json["t"].get<std::size_t>() < schema_.tables.size() && json.contains("v") &&
+          json["v"].is_array()) {
+        return json;
+      }
+    } catch (Json::parse_error const&) {
+    }
+    Refuse(i + 2, "this is no object of the dump");
+  }
+
+  // The rows of the new catalogue take identities above those of the objects once the highest of
+  // these has been in use; that the use is undone does not matter.
+  void ReserveIdentities(sagleme::Context const& context) const {
+    if (highest_ == 0) return;
+    sagleme::RawTransaction const transaction(context);
+    auto const layout = metalayer::MotherOfAllLayouts::metaclass_layout_handle();
+    auto const status = lorvi_context_insert_with_id(context.id(), layout, highest_);
+    if (status != LSCOREDB_ID_IN_USE) sagleme::detail::CheckKernel(status);
+  }
+
+  void WriteObjects(sagleme::Transaction& transaction) {
+    Progress progress(report_, "objects", lines_.size());
+    std::vector<sagleme::TablePtr> tables;
+    for (TableDoc const& table : schema_.tables) tables.push_back(transaction.table(table.name));
+    for (std::size_t i = 0; i < lines_.size(); ++i) {
+      Json const json = ParseLine(i);
+      try {
+        WriteObject(transaction, *tables[json["t"].get<std::size_t>()], json);
+      } catch (BadValue const& error) {
+        Refuse(i + 2, error.what());
+      } catch (sagleme::Error const& error) {
+        Refuse(i + 2, error.what());
+      }
+      progress.Update(i + 1, i + 1);
+    }
+    progress.Finish(lines_.size());
+  }
+
+  static void WriteObject(sagleme::Transaction& transaction, sagleme::Table const& table,
+                          Json const& json) {
+    auto const columns = UserColumns(table);
+    Json const& values = json["v"];
+    if (values.size() != columns.size())
+      throw BadValue("it has not as many values as its table columns");
+    auto object =
+        sagleme::Object::CreateWithId(transaction, table, {json["id"].get<std::uint64_t>()});
+    for (std::size_t i = 0; i < columns.size(); ++i) {
+      if (values[i].is_null()) continue;
+      object.Set(table, *columns[i], ParseJsonValue(columns[i]->type, values[i]));
+    }
+  }
+
+  std::istream& input_;
+  std::string source_;
+  Output const& report_;
+  SchemaDoc schema_;
+  std::vector<std::string> lines_;
+  std::uint64_t highest_ = 0;
+};
+
+}  // namespace
+
+std::uint64_t Load(std::string const& directory, std::istream& input, std::string const& source,
+                   Output const& report) {
+  Scaffold scaffold(directory);
+  std::uint64_t const count = Loader(input, source, report).Run(scaffold.path());
+  scaffold.Finish();
+  return count;
+}
+
+}  // namespace tool

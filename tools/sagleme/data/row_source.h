@@ -1,0 +1,49 @@
+#ifndef SAGLEME_TOOL_DATA_ROW_SOURCE_H
+#define SAGLEME_TOOL_DATA_ROW_SOURCE_H
+
+// Rows of named values from a file of either form.
+
+#include <functional>
+#include <istream>
+#include <memory>
+#include <sagleme/host.hpp>
+#include <string>
+#include <vector>
+
+#include "data/csv_reader.h"
+
+namespace tool {
+
+// One value of a row. `parse` turns it into a value of a type, null where the file says so, and
+// throws BadValue. `text` is how it stands in the file, for values that are no values of their
+// column.
+struct RowField {
+  std::string name;
+  std::string text;
+  bool null = false;
+  FilePlace place;
+  std::function<sagleme::Value(sagleme::Type)> parse;
+};
+
+class RowSource {
+ public:
+  virtual ~RowSource() = default;
+
+  // False at the end. BadRow for a row that cannot be read; the next one can.
+  virtual bool Next(std::vector<RowField>& row) = 0;
+  virtual FilePlace place() const = 0;  // where the row read last begins
+  virtual std::string raw() const = 0;  // the row read last, as it stands in the file
+  virtual std::size_t bytes() const = 0;
+  // What has to stand in front of raw rows to make a file of the same form.
+  virtual std::string heading() const { return ""; }
+};
+
+// The stream has to outlive them. A CSV file names its columns in its first line: BadRow without
+// one.
+std::unique_ptr<RowSource> MakeCsvSource(std::istream& input);
+// One JSON object a line.
+std::unique_ptr<RowSource> MakeJsonSource(std::istream& input);
+
+}  // namespace tool
+
+#endif

@@ -1,0 +1,94 @@
+#include <map>
+#include <set>
+
+#include "schema/matching.h"
+#include "schema/plan.h"
+#include "schema/renames.h"
+
+namespace tool {
+namespace {
+
+class Comparison {
+ public:
+  Comparison(SchemaDoc const& from, SchemaDoc const& to) : from_(from), to_(to), kept_(from, to) {}
+
+  Plan Make() {
+    DropIndexes();
+    DropColumns();
+    DropTables();
+    AddRenames(from_, to_, kept_, plan_);
+    for (TableDoc const& table : to_.tables) CreateTable(table);
+    AddColumns();
+    CreateIndexes();
+    return std::move(plan_);
+  }
+
+ private:
+  // Those of dropped tables too: they may hold a column that a base of theirs loses first.
+  void DropIndexes() {
+    for (TableDoc const& table : from_.tables) {
+      for (IndexDoc const& index : table.indexes) {
+        if (!kept_.KeepsIndex(index.name)) plan_.push_back(change::DropIndex{index.name});
+      }
+    }
+  }
+
+  // Before the tables: a reference whose target is gone can no longer be dropped.
+  void DropColumns() {
+    for (TableDoc const& table : from_.tables) {
+      if (kept_.NewTable(table.name) == nullptr) continue;
+      for (ColumnDoc const& column : table.columns) {
+        if (kept_.NewColumn(column) == nullptr) {
+          plan_.push_back(change::DropColumn{table.name, column.name});
+        }
+      }
+    }
+  }
+
+  // Descendants first.
+  void DropTables() {
+    for (auto table = from_.tables.rbegin(); table != from_.tables.rend(); ++table) {
+      if (kept_.NewTable(table->name) == nullptr) plan_.push_back(change::DropTable{table->name});
+    }
+  }
+
+  // Bases first.
+  void CreateTable(TableDoc const& table) {
+    if (kept_.OldTable(table.name) != nullptr || !created_.insert(table.name).second) return;
+    if (TableDoc const* const base = to_.Find(table.base)) CreateTable(*base);
+    plan_.push_back(change::CreateTable{table});
+  }
+
+  void AddColumns() {
+    for (TableDoc const& table : to_.tables) {
+      if (kept_.OldTable(table.name) == nullptr) continue;
+      std::vector<ColumnDoc> columns;
+      for (ColumnDoc const& column : table.columns) {
+        if (kept_.OldColumn(column) == nullptr) columns.push_back(column);
+      }
+      if (!columns.empty()) plan_.push_back(change::AddColumns{table.name, std::move(columns)});
+    }
+  }
+
+  void CreateIndexes() {
+    for (TableDoc const& table : to_.tables) {
+      for (IndexDoc const& index : table.indexes) {
+        if (!kept_.KeepsIndex(index.name)) {
+          plan_.push_back(change::CreateIndex{table.name, index});
+        }
+      }
+    }
+  }
+
+  SchemaDoc const& from_;
+  SchemaDoc const& to_;
+  Matching kept_;
+  std::set<std::string> created_;
+  Plan plan_;
+};
+
+}  // namespace
+
+Plan Compare(SchemaDoc const& from, SchemaDoc const& to) { return Comparison(from, to).Make(); }
+
+}  // namespace tool

@@ -1,0 +1,157 @@
+#include "schema/matching.h"
+
+#include <fmt/format.h>
+
+#include <functional>
+
+#include "cli/failure.h"
+
+namespace tool {
+namespace {
+
+// Pairs entries of two lists: by identity first, then by "was" where no old entry has the new name
+// yet, then by name.
+template <typename Doc>
+class Claims {
+ public:
+  Claims(std::vector<Doc> const& before, std::vector<Doc> const& after, bool identities,
+         std::string what)
+      : before_(before), after_(after), what_(std::move(what)) {
+    if (identities) {
+      Pass([this](Doc const& entry) { return ById(entry.id); });
+    }
+    Pass([this](Doc const& entry) {
+      return Named(entry.name) != nullptr ? nullptr : Named(entry.was);
+    });
+    Pass([this](Doc const& entry) { return Unclaimed(Named(entry.name)); });
+  }
+
+  std::map<Doc const*, Doc const*> const& pairs() const { return pairs_; }  // after -> before
+
+ private:
+  void Pass(std::function<Doc const*(Doc const&)> const& find) {
+    for (Doc const& entry : after_) {
+      if (pairs_.contains(&entry)) continue;
+      Doc const* const found = find(entry);
+      if (found == nullptr) continue;
+      if (!claimed_.emplace(found, &entry).second) {
+        throw Failure(Exit::kUsage,
+                      fmt::format("{} {} and {} {} both claim to have been {}", what_,
+                                  claimed_.at(found)->name, what_, entry.name, found->name));
+      }
+      pairs_[&entry] = found;
+    }
+  }
+  Doc const* ById(std::uint64_t id) const {
+    for (Doc const& entry : before_) {
+      if (id != 0 && entry.id == id) return &entry;
+    }
+    return nullptr;
+  }
+  Doc const* Named(std::string const& name) const {
+    for (Doc const& entry : before_) {
+      if (!name.empty() && entry.name == name) return &entry;
+    }
+    return nullptr;
+  }
+  Doc const* Unclaimed(Doc const* entry) const {
+    return claimed_.contains(entry) ? nullptr : entry;
+  }
+
+  std::vector<Doc> const& before_;
+  std::vector<Doc> const& after_;
+  std::string what_;
+  std::map<Doc const*, Doc const*> pairs_;
+  std::map<Doc const*, Doc const*> claimed_;  // before -> after
+};
+
+}  // namespace
+
+Matching::Matching(SchemaDoc const& from, SchemaDoc const& to)
+    : from_(from), to_(to), identities_(to.database != 0 && to.database == from.database) {
+  ClaimTables();
+  DropUnlessBaseStays();
+  for (auto const& [name, after] : new_tables_) MatchColumns(*from_.Find(name), *after);
+  MatchIndexes();
+}
+
+void Matching::ClaimTables() {
+  Claims<TableDoc> const claims(from_.tables, to_.tables, identities_, "table");
+  for (auto const& [after, before] : claims.pairs()) {
+    new_tables_[before->name] = after;
+    old_tables_[after->name] = before;
+  }
+}
+
+bool Matching::BaseStays(TableDoc const& before, TableDoc const& after) const {
+  if (from_.Find(before.base) == nullptr) return before.base == after.base;
+  TableDoc const* const base = NewTable(before.base);
+  return base != nullptr && base->name == after.base;
+}
+
+// A table whose base goes or changes cannot stay, and then none of its descendants can.
+void Matching::DropUnlessBaseStays() {
+  for (bool changed = true; changed;) {
+    changed = false;
+    for (auto at = new_tables_.begin(); at != new_tables_.end(); ++at) {
+      if (BaseStays(*from_.Find(at->first), *at->second)) continue;
+      old_tables_.erase(at->second->name);
+      new_tables_.erase(at);
+      changed = true;
+      break;
+    }
+  }
+}
+
+bool Matching::ShapeStays(ColumnDoc const& before, ColumnDoc const& after) const {
+  if (before.type != after.type || before.nullable != after.nullable) return false;
+  if (from_.Find(before.target) == nullptr) return before.target == after.target;
+  TableDoc const* const target = NewTable(before.target);
+  return target != nullptr && target->name == after.target;
+}
+
+void Matching::MatchColumns(TableDoc const& before, TableDoc const& after) {
+  Claims<ColumnDoc> const claims(before.columns, after.columns, identities_,
+                                 "column of table " + after.name + ":");
+  for (auto const& [new_column, old_column] : claims.pairs()) {
+    if (!ShapeStays(*old_column, *new_column)) continue;
+    new_columns_[old_column] = new_column;
+    old_columns_[new_column] = old_column;
+  }
+}
+
+// What a column of a table, inherited or not, will be called; empty when it goes.
+std::string Matching::NewNameOfColumn(TableDoc const& table, std::string const& column) const {
+  for (TableDoc const* at = &table; at != nullptr; at = from_.Find(at->base)) {
+    ColumnDoc const* const own = at->FindColumn(column);
+    if (own == nullptr) continue;
+    ColumnDoc const* const kept = NewColumn(*own);
+    return kept == nullptr ? "" : kept->name;
+  }
+  return column;  // of the catalogue, which does not change
+}
+
+bool Matching::IndexStays(TableDoc const& table, IndexDoc const& before,
+                          IndexDoc const& after) const {
+  if (before.unique != after.unique || before.columns.size() != after.columns.size()) return false;
+  for (std::size_t i = 0; i < before.columns.size(); ++i) {
+    if (before.columns[i].descending != after.columns[i].descending) return false;
+    if (NewNameOfColumn(table, before.columns[i].name) != after.columns[i].name) return false;
+  }
+  return true;
+}
+
+void Matching::MatchIndexes() {
+  for (auto const& [name, after] : new_tables_) {
+    TableDoc const& before = *from_.Find(name);
+    for (IndexDoc const& index : before.indexes) {
+      for (IndexDoc const& candidate : after->indexes) {
+        if (index.name == candidate.name && IndexStays(before, index, candidate)) {
+          indexes_.insert(index.name);
+        }
+      }
+    }
+  }
+}
+
+}  // namespace tool

@@ -1,0 +1,62 @@
+#ifndef SAGLEME_TOOL_SCHEMA_MATCHING_H
+#define SAGLEME_TOOL_SCHEMA_MATCHING_H
+
+// Which tables, columns and indexes of one schema are the same ones in another.
+
+#include <map>
+#include <set>
+#include <string>
+
+#include "schema/document.h"
+
+namespace tool {
+
+// What is kept, by what it is now called and by what it will be called. A table is kept when its
+// base is; a column when its table is and its shape stays; an index when it stays word for word,
+// renames of its columns aside. Everything else goes and comes.
+class Matching {
+ public:
+  // Failure with kUsage when two entries of `to` claim the same table or column.
+  Matching(SchemaDoc const& from, SchemaDoc const& to);
+
+  // Null when it is not kept. Names and entries of `from` give entries of `to`, and the other way
+  // round.
+  TableDoc const* NewTable(std::string const& old_name) const {
+    return Find(new_tables_, old_name);
+  }
+  TableDoc const* OldTable(std::string const& new_name) const {
+    return Find(old_tables_, new_name);
+  }
+  ColumnDoc const* NewColumn(ColumnDoc const& column) const { return Find(new_columns_, &column); }
+  ColumnDoc const* OldColumn(ColumnDoc const& column) const { return Find(old_columns_, &column); }
+  bool KeepsIndex(std::string const& index) const { return indexes_.contains(index); }
+
+ private:
+  template <typename Key, typename Value>
+  static Value const* Find(std::map<Key, Value const*> const& map, Key const& key) {
+    auto const found = map.find(key);
+    return found == map.end() ? nullptr : found->second;
+  }
+
+  void ClaimTables();
+  void DropUnlessBaseStays();
+  bool BaseStays(TableDoc const& before, TableDoc const& after) const;
+  void MatchColumns(TableDoc const& before, TableDoc const& after);
+  bool ShapeStays(ColumnDoc const& before, ColumnDoc const& after) const;
+  bool IndexStays(TableDoc const& table, IndexDoc const& before, IndexDoc const& after) const;
+  std::string NewNameOfColumn(TableDoc const& table, std::string const& column) const;
+  void MatchIndexes();
+
+  SchemaDoc const& from_;
+  SchemaDoc const& to_;
+  bool identities_;
+  std::map<std::string, TableDoc const*> new_tables_;  // by their name in `from`
+  std::map<std::string, TableDoc const*> old_tables_;  // by their name in `to`
+  std::map<ColumnDoc const*, ColumnDoc const*> new_columns_;
+  std::map<ColumnDoc const*, ColumnDoc const*> old_columns_;
+  std::set<std::string> indexes_;
+};
+
+}  // namespace tool
+
+#endif

@@ -1,0 +1,152 @@
+#include <fmt/format.h>
+
+#include <initializer_list>
+#include <nlohmann/json.hpp>
+
+#include "cli/failure.h"
+#include "schema/document.h"
+
+namespace tool {
+namespace {
+
+using Json = nlohmann::json;
+
+// Reads one object of the document and knows where in it it stands.
+class Reader {
+ public:
+  Reader(Json const& json, std::string where) : json_(json), where_(std::move(where)) {
+    if (!json_.is_object()) Refuse("is not an object");
+  }
+
+  [[noreturn]] void Refuse(std::string const& what) const {
+    throw Failure(Exit::kUsage, fmt::format("{} {}", where_, what));
+  }
+  void AllowOnly(std::initializer_list<std::string_view> names) const {
+    for (auto const& [name, value] : json_.items()) {
+      if (std::find(names.begin(), names.end(), name) == names.end()) {
+        Refuse(fmt::format("has a field \"{}\", which is not known", name));
+      }
+    }
+  }
+  std::string Text(char const* name) const {
+    if (!json_.contains(name)) return {};
+    Json const& field = json_.at(name);
+    if (!field.is_string()) Refuse(fmt::format("has a \"{}\" that is no text", name));
+    return field.get<std::string>();
+  }
+  std::string Required(char const* name) const {
+    std::string text = Text(name);
+    if (text.empty()) Refuse(fmt::format("has no \"{}\"", name));
+    if (text.find('\0') != std::string::npos) Refuse(fmt::format("has U+0000 in its \"{}\"", name));
+    return text;
+  }
+  bool Flag(char const* name) const {
+    if (!json_.contains(name)) return false;
+    if (!json_.at(name).is_boolean())
+      Refuse(fmt::format("has a \"{}\" that is no truth value", name));
+    return json_.at(name).get<bool>();
+  }
+  std::uint64_t Number(char const* name) const {
+    if (!json_.contains(name)) return 0;
+    if (!json_.at(name).is_number_unsigned()) {
+      Refuse(fmt::format("has a \"{}\" that is no number", name));
+    }
+    return json_.at(name).get<std::uint64_t>();
+  }
+  template <typename Each>
+  void ForEach(char const* name, Each&& each) const {
+    if (!json_.contains(name)) return;
+    if (!json_.at(name).is_array()) Refuse(fmt::format("has a \"{}\" that is no list", name));
+    for (Json const& entry : json_.at(name)) each(entry);
+  }
+  std::string const& where() const { return where_; }
+
+ private:
+  Json const& json_;
+  std::string where_;
+};
+
+sagleme::Type ParseType(Reader const& reader) {
+  std::string const name = reader.Required("type");
+  for (std::size_t i = 1; i < sagleme::kTypeNames.size(); ++i) {
+    if (sagleme::kTypeNames[i] == name) return static_cast<sagleme::Type>(i);
+  }
+  reader.Refuse(fmt::format("has the type \"{}\", which is not known", name));
+}
+
+ColumnDoc ParseColumn(Json const& json, std::string const& table) {
+  Reader const reader(json, fmt::format("a column of table {}", table));
+  std::string const name = reader.Required("name");
+  Reader const named(json, fmt::format("column {} of table {}", name, table));
+  named.AllowOnly({"name", "was", "id", "type", "target", "nullable"});
+  ColumnDoc column{name,
+                   named.Text("was"),
+                   named.Number("id"),
+                   ParseType(named),
+                   named.Flag("nullable"),
+                   named.Text("target")};
+  if (sagleme::MustBeNullable(column.type)) column.nullable = true;
+  bool const reference = column.type == sagleme::Type::kReference;
+  if (reference == column.target.empty()) {
+    named.Refuse(reference ? "is a reference without a \"target\""
+                           : "has a \"target\" though it is no reference");
+  }
+  return column;
+}
+
+IndexColumnDoc ParseIndexColumn(Json const& json, std::string const& index) {
+  if (json.is_string()) return {json.get<std::string>(), false};
+  Reader const reader(json, fmt::format("a column of index {}", index));
+  reader.AllowOnly({"name", "descending"});
+  return {reader.Required("name"), reader.Flag("descending")};
+}
+
+IndexDoc ParseIndex(Json const& json, std::string const& table) {
+  Reader const reader(json, fmt::format("an index of table {}", table));
+  reader.AllowOnly({"name", "unique", "columns"});
+  IndexDoc index{reader.Required("name"), reader.Flag("unique"), {}};
+  reader.ForEach("columns", [&](Json const& entry) {
+    index.columns.push_back(ParseIndexColumn(entry, index.name));
+  });
+  return index;
+}
+
+TableDoc ParseTable(Json const& json, std::string const& source) {
+  Reader const reader(json, fmt::format("{}: a table", source));
+  std::string const name = reader.Required("name");
+  Reader const named(json, fmt::format("{}: table {}", source, name));
+  named.AllowOnly({"name", "was", "id", "base", "columns", "indexes"});
+  TableDoc table{name, named.Text("was"), named.Text("base"), named.Number("id"), {}, {}};
+  named.ForEach("columns",
+                [&](Json const& entry) { table.columns.push_back(ParseColumn(entry, name)); });
+  named.ForEach("indexes",
+                [&](Json const& entry) { table.indexes.push_back(ParseIndex(entry, name)); });
+  return table;
+}
+
+Json ParseJson(std::string const& text, std::string const& source) {
+  try {
+    return Json::parse(text);
+  } catch (Json::parse_error const& error) {
+    auto const end = text.begin() + static_cast<std::ptrdiff_t>(std::min(error.byte, text.size()));
+    auto const line = 1 + std::count(text.begin(), end, '\n');
+    throw Failure(Exit::kUsage, fmt::format("{}:{}: this is no JSON", source, line));
+  }
+}
+
+}  // namespace
+
+SchemaDoc ParseSchema(std::string const& text, std::string const& source) {
+  Json const json = ParseJson(text, source);
+  Reader const reader(json, source);
+  reader.AllowOnly({"schema", "database", "part", "tables"});
+  if (reader.Number("schema") != 1) reader.Refuse("is no schema document of version 1");
+  SchemaDoc schema;
+  schema.database = static_cast<std::int64_t>(reader.Number("database"));
+  schema.part = reader.Text("part");
+  reader.ForEach("tables",
+                 [&](Json const& entry) { schema.tables.push_back(ParseTable(entry, source)); });
+  return schema;
+}
+
+}  // namespace tool

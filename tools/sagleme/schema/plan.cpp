@@ -1,0 +1,138 @@
+#include "schema/plan.h"
+
+#include <fmt/format.h>
+
+namespace tool {
+namespace {
+
+struct Labels {
+  Label operator()(change::DropIndex const&) const { return Label::kInstant; }
+  Label operator()(change::DropColumn const&) const { return Label::kDestructive; }
+  Label operator()(change::DropTable const&) const { return Label::kDestructive; }
+  Label operator()(change::RenameTable const&) const { return Label::kInstant; }
+  Label operator()(change::RenameColumn const&) const { return Label::kInstant; }
+  Label operator()(change::CreateTable const&) const { return Label::kInstant; }
+  Label operator()(change::AddColumns const&) const { return Label::kBackground; }
+  Label operator()(change::CreateIndex const&) const { return Label::kBackground; }
+};
+
+std::string ColumnNames(std::vector<ColumnDoc> const& columns) {
+  std::string names;
+  for (ColumnDoc const& column : columns) names += (names.empty() ? "" : ", ") + column.name;
+  return names;
+}
+
+struct Sentences {
+  std::string operator()(change::DropIndex const& it) const {
+    return fmt::format("drop index {}", it.index);
+  }
+  std::string operator()(change::DropColumn const& it) const {
+    return fmt::format("drop column {} of {} with its values", it.column, it.table);
+  }
+  std::string operator()(change::DropTable const& it) const {
+    return fmt::format("drop table {} with its objects", it.table);
+  }
+  std::string operator()(change::RenameTable const& it) const {
+    return fmt::format("rename table {} to {}", it.table, it.new_name);
+  }
+  std::string operator()(change::RenameColumn const& it) const {
+    return fmt::format("rename column {} of {} to {}", it.column, it.table, it.new_name);
+  }
+  std::string operator()(change::CreateTable const& it) const {
+    std::string text = fmt::format("create table {}", it.table.name);
+    if (!it.table.base.empty()) text += fmt::format(" derived from {}", it.table.base);
+    return text;
+  }
+  std::string operator()(change::AddColumns const& it) const {
+    return fmt::format("add {} to {}", ColumnNames(it.columns), it.table);
+  }
+  std::string operator()(change::CreateIndex const& it) const {
+    return fmt::format("create {}index {} on {}", it.index.unique ? "unique " : "", it.index.name,
+                       it.table);
+  }
+};
+
+class Applier {
+ public:
+  explicit Applier(sagleme::Transaction& transaction) : transaction_(transaction) {}
+
+  void operator()(change::DropIndex const& it) const {
+    sagleme::DropIndex(transaction_, sagleme::ToUtf16(it.index));
+  }
+  void operator()(change::DropColumn const& it) const {
+    sagleme::DropColumn(transaction_, sagleme::ToUtf16(it.table), sagleme::ToUtf16(it.column));
+  }
+  void operator()(change::DropTable const& it) const {
+    sagleme::DropOptions const forced{.children = false,
+                                      .force = true};  // references go in the plan
+    sagleme::DropTable(transaction_, sagleme::ToUtf16(it.table), forced);
+  }
+  void operator()(change::RenameTable const& it) const {
+    sagleme::RenameTable(transaction_, sagleme::ToUtf16(it.table), sagleme::ToUtf16(it.new_name));
+  }
+  void operator()(change::RenameColumn const& it) const {
+    sagleme::RenameColumn(transaction_, sagleme::ToUtf16(it.table), sagleme::ToUtf16(it.column),
+                          sagleme::ToUtf16(it.new_name));
+  }
+  void operator()(change::CreateTable const& it) const {
+    sagleme::CreateTable(transaction_, sagleme::ToUtf16(it.table.name),
+                         sagleme::ToUtf16(it.table.base), Specs(it.table.columns));
+  }
+  void operator()(change::AddColumns const& it) const {
+    sagleme::AddColumns(transaction_, sagleme::ToUtf16(it.table), Specs(it.columns));
+  }
+  void operator()(change::CreateIndex const& it) {
+    FinishReferences();  // a column without its type cannot be indexed
+    std::vector<sagleme::IndexColumnSpec> columns;
+    for (IndexColumnDoc const& column : it.index.columns) {
+      columns.push_back({sagleme::ToUtf16(column.name), !column.descending});
+    }
+    sagleme::CreateIndex(
+        transaction_, sagleme::ToUtf16(it.index.name), sagleme::ToUtf16(it.table), columns,
+        it.index.unique ? sagleme::Uniqueness::kUnique : sagleme::Uniqueness::kAny);
+  }
+
+  void FinishReferences() {
+    if (!finished_) sagleme::FinishReferences(transaction_);
+    finished_ = true;
+  }
+
+ private:
+  static std::vector<sagleme::ColumnSpec> Specs(std::vector<ColumnDoc> const& columns) {
+    std::vector<sagleme::ColumnSpec> specs;
+    for (ColumnDoc const& column : columns) {
+      specs.push_back({sagleme::ToUtf16(column.name), column.type, column.nullable,
+                       sagleme::ToUtf16(column.target)});
+    }
+    return specs;
+  }
+
+  sagleme::Transaction& transaction_;
+  bool finished_ = false;
+};
+
+}  // namespace
+
+Label LabelOf(Change const& change) { return std::visit(Labels{}, change); }
+
+std::string_view LabelName(Label label) {
+  switch (label) {
+    case Label::kInstant:
+      return "instant";
+    case Label::kBackground:
+      return "background";
+    case Label::kDestructive:
+      break;
+  }
+  return "destructive";
+}
+
+std::string Describe(Change const& change) { return std::visit(Sentences{}, change); }
+
+void Apply(sagleme::Transaction& transaction, Plan const& plan) {
+  Applier applier(transaction);
+  for (Change const& change : plan) std::visit(applier, change);
+  applier.FinishReferences();
+}
+
+}  // namespace tool

@@ -1,0 +1,170 @@
+#include <algorithm>
+#include <cstddef>
+#include <sagleme/vacuum.hpp>
+#include <span>
+#include <thread>
+
+namespace sagleme {
+namespace {
+
+constexpr std::size_t kCollected = 1000000;
+
+VacuumRequest ReadRequest(Object const& row, Table const& table) {
+  Property<std::u16string> const setspec(table, u"TypeId");
+  Property<std::uint64_t> const layout(table, u"ExpectedLayout");
+  Property<std::uint64_t> const kind(table, u"RequestKind");
+  VacuumRequest request;
+  request.row = row.id();
+  request.setspec = setspec.GetOr(row, u"");
+  request.layout = static_cast<std::uint16_t>(layout.GetOr(row, 0));
+  request.kind = static_cast<VacuumRequest::Kind>(kind.GetOr(row, 0));
+  return request;
+}
+
+TablePtr VacuumTable(Transaction& transaction) {
+  return transaction.table(u"Lorvenstack.Internal.Metadata.Vacuum");
+}
+
+bool SameRequest(VacuumRequest const& a, VacuumRequest const& b) {
+  return a.row == b.row && a.setspec == b.setspec && a.layout == b.layout && a.kind == b.kind;
+}
+
+class Worker {
+ public:
+  Worker(Context const& context, VacuumOptions const& options)
+      : context_(context), options_(options) {}
+
+  VacuumProgress Run() {
+    std::vector<VacuumRequest> requests;
+    {
+      Transaction transaction(context_, Access::kReadOnly);
+      requests = VacuumRequests(transaction);
+    }
+    progress_.requests = requests.size();
+    for (VacuumRequest const& request : requests) {
+      if (!WorkOff(request)) break;
+    }
+    return progress_;
+  }
+
+ private:
+  // False when the host wants the run to end.
+  bool WorkOff(VacuumRequest const& request) {
+    std::vector<ObjectId> left;
+    for (bool finished = false; !finished;) {
+      if (left.empty()) left = Collect(request);
+      if (left.empty()) {
+        Attempt([&](Transaction& transaction) { return Close(transaction, request); });
+        finished = true;
+      } else {
+        std::size_t const size = std::min<std::size_t>(left.size(), std::max(options_.batch, 1u));
+        std::span<ObjectId const> const batch(left.end() - static_cast<std::ptrdiff_t>(size),
+                                              left.end());
+        finished = !Attempt([&](Transaction& transaction) {
+          return Stands(transaction, request) && ChangeAll(transaction, request, batch);
+        });
+        left.resize(left.size() - size);
+      }
+      if (options_.report && !options_.report(progress_)) return false;
+      if (!finished) std::this_thread::sleep_for(options_.pause);
+    }
+    return true;
+  }
+
+  // The objects that the request still concerns, so many at a time as fit into memory with ease. A
+  // batch then takes them by id: a walk of its own would pass over all that are done again and
+  // again.
+  std::vector<ObjectId> Collect(VacuumRequest const& request) {
+    Transaction transaction(context_, Access::kReadOnly);
+    std::vector<ObjectId> found;
+    for (Object const& object : OfSet(transaction, request)) {
+      if (found.size() == kCollected) break;
+      if (Concerns(request, object)) found.push_back(object.id());
+    }
+    return found;
+  }
+
+  // One transaction, and again while others are in the way. Counts are taken over once it is
+  // committed. Returns what the work returns: whether there is more to do.
+  template <typename Work>
+  bool Attempt(Work&& work) {
+    for (std::uint32_t attempt = 1;; ++attempt) {
+      VacuumProgress const before = progress_;
+      try {
+        Transaction transaction(context_);
+        bool const more = work(transaction);
+        transaction.Commit();
+        return more;
+      } catch (Error const& error) {
+        progress_ = before;
+        if (error.status() != LSCOREDB_CONFLICT || attempt >= options_.attempts) throw;
+        ++progress_.conflicts;
+        std::this_thread::yield();
+      }
+    }
+  }
+
+  // Whether the request is as it was read: one that was changed meanwhile is left to the next run.
+  static bool Stands(Transaction& transaction, VacuumRequest const& request) {
+    auto const row = Object::Find(transaction, request.row);
+    return row && SameRequest(ReadRequest(*row, *VacuumTable(transaction)), request);
+  }
+
+  static Range OfSet(Transaction& transaction, VacuumRequest const& request) {
+    Table set;
+    set.setspec = request.setspec;
+    return Range::Only(transaction, set);
+  }
+
+  static bool Concerns(VacuumRequest const& request, Object const& object) {
+    return request.kind == VacuumRequest::Kind::kRemove || object.layout() != request.layout;
+  }
+
+  bool ChangeAll(Transaction& transaction, VacuumRequest const& request,
+                 std::span<ObjectId const> batch) {
+    for (ObjectId const id : batch) {
+      auto object = Object::Find(transaction, id);
+      if (!object || !Concerns(request, *object)) continue;  // another writer was here before
+      if (request.kind == VacuumRequest::Kind::kRemove) {
+        object->Delete();
+        ++progress_.removed;
+      } else {
+        detail::CheckKernel(lscoredb_move_object(transaction.context(), id.value, request.layout));
+        ++progress_.moved;
+      }
+    }
+    return true;
+  }
+
+  // Removes the request if nothing is left that it concerns.
+  bool Close(Transaction& transaction, VacuumRequest const& request) {
+    if (!Stands(transaction, request)) return false;
+    for (Object const& object : OfSet(transaction, request)) {
+      if (Concerns(request, object)) return false;  // came in meanwhile: the next run's
+    }
+    Object::Find(transaction, request.row)->Delete();
+    ++progress_.requests_done;
+    return false;
+  }
+
+  Context const& context_;
+  VacuumOptions const& options_;
+  VacuumProgress progress_;
+};
+
+}  // namespace
+
+std::vector<VacuumRequest> VacuumRequests(Transaction& transaction) {
+  std::vector<VacuumRequest> requests;
+  TablePtr const table = VacuumTable(transaction);
+  for (Object const& row : Range::Only(transaction, *table)) {
+    requests.push_back(ReadRequest(row, *table));
+  }
+  return requests;
+}
+
+VacuumProgress RunVacuum(Context const& context, VacuumOptions const& options) {
+  return Worker(context, options).Run();
+}
+
+}  // namespace sagleme
