@@ -238,12 +238,19 @@ void ForgetNewTable() {
 }
 
 TEST_F(Upgrade, MissingTable_IsCreatedWithFreshSpecifierAndTypeId) {
-  Change(ForgetNewTable);
+  Change([] {
+    unsigned short layout = 0;
+    Columns columns;
+    columns.Long(u"Number");
+    EXPECT_EQ(0u, lorv_create_table_by_names(TlsContextHandle::context(), u"App.Mine", nullptr,
+                                             columns, &layout));
+    ForgetNewTable();
+  });
   ASSERT_EQ(0u, Bootstrap().status);
   ASSERT_EQ(0u, StartUp().status);
   Change([] {
-    EXPECT_EQ(u"i~", UserSchemaGeneration::setspec());
-    EXPECT_EQ(26u, UserSchemaGeneration::g_type_id());
+    EXPECT_EQ(u"j~", UserSchemaGeneration::setspec());
+    EXPECT_EQ(27u, UserSchemaGeneration::g_type_id());
     EXPECT_EQ(4, ddl::GetColumnsCount(TableRow(kNewTable)));
     EXPECT_EQ(9, GetLong(VersionRow(), Configuration::kValue));
   });

@@ -9,113 +9,113 @@ namespace sagleme_test {
 
 namespace {
 
-// table  name, base, full name, token, type id, set specifier ("-": none)
+// table  name, base, namespace, token, type id, set specifier ("-": none)
 // column ordinal, name, logical type, target, token
 // index  name, uniqueness, token, columns
 constexpr char const* kDefinition = R"(
-table MotherOfAllLayouts - Lorvenstack.Internal.Metadata.MotherOfAllLayouts 11 1 -
+table MotherOfAllLayouts - internal 11 1 -
 column 0 __id 4 - 1
 column 1 __setspecifier 1 - 2
 column 2 __type_id 4 - 4
 index MotherOfAllLayouts_SetspecIndex plain 12 __setspecifier
-table Token MotherOfAllLayouts Lorvenstack.Internal.Metadata.Token 5 2 ~
+table Token MotherOfAllLayouts internal 5 2 ~
 column 3 NameToken 4 - 6
 column 4 InvariantName 1 - 7
 index NameToken unique 6 NameToken
 index InvariantName unique 7 InvariantName
-table SetSpecifier MotherOfAllLayouts Lorvenstack.Internal.Metadata.SetSpecifier 0 5 a~
+table SetSpecifier MotherOfAllLayouts internal 0 5 a~
 column 3 TypeId 1 - 0
 column 4 Type 8 RawView 0
 column 5 NumberOfChildren 4 - 0
 index TypeId plain 0 TypeId
 index TypeId_postV2_3 unique 0 TypeId
 index Type unique 0 Type
-table MetaData MotherOfAllLayouts Lorvenstack.Internal.Metadata.MetaData 0 0 c~
-table Configuration MetaData Lorvenstack.Internal.Metadata.Configuration 0 6 c~a~
+table MetaData MotherOfAllLayouts internal 0 0 c~
+table Configuration MetaData internal 0 6 c~a~
 column 3 ParameterName 1 - 0
 column 4 Value 3 - 0
 index ConfigurationParameter unique 0 ParameterName
-table TypeIdsMeta MetaData Lorvenstack.Internal.Metadata.TypeIdsMeta 0 3 c~~
+table TypeIdsMeta MetaData internal 0 3 c~~
 column 3 TypeIdsMeta_Id 4 - 0
 column 4 TypeIdsMeta_Type 8 RawView 0
 index TypeIdsMeta_PK unique 0 TypeIdsMeta_Id
 index TypeIdsMeta_Type unique 0 TypeIdsMeta_Type
-table Vacuum MotherOfAllLayouts Lorvenstack.Internal.Metadata.Vacuum 0 0 d~
+table Vacuum MotherOfAllLayouts internal 0 0 d~
 column 3 TypeId 1 - 0
 column 4 ExpectedLayout 4 - 0
 column 5 RequestKind 4 - 0
 index VacuumTypeId unique 0 TypeId
-table DataType MotherOfAllLayouts Lorvenstack.Metadata.DataType 0 0 b~
+table DataType MotherOfAllLayouts public 0 0 b~
 column 3 Name 1 - 0
-table DbPrimitiveType DataType Lorvenstack.Metadata.DbPrimitiveType 0 0 b~a~
+table DbPrimitiveType DataType public 0 0 b~a~
 column 4 PrimitiveType 4 - 0
 index DbPrimitiveTypePK_postV2_3 unique 0 PrimitiveType
-table MapPrimitiveType DataType Lorvenstack.Metadata.MapPrimitiveType 0 0 b~b~
+table MapPrimitiveType DataType public 0 0 b~b~
 column 4 DbPrimitiveType 8 DbPrimitiveType 0
 column 5 WriteLoss 10 - 0
 column 6 ReadLoss 10 - 0
-table ClrPrimitiveType MapPrimitiveType Lorvenstack.Metadata.ClrPrimitiveType 0 0 b~b~~
+table ClrPrimitiveType MapPrimitiveType public 0 0 b~b~~
 column 7 DbTypeCode 4 - 0
 index ClrPrimitiveTypePK unique 0 Name
-table Table DataType Lorvenstack.Metadata.Table 0 0 b~~
+table Table DataType public 0 0 b~~
 column 4 Inherits 8 Table 0
 column 5 Updatable 10 - 0
 column 6 FullName 1 - 0
 column 7 UniqueIdentifierReversed 1 - 0
 column 8 UniqueIdentifier 1 - 0
 index TablePK unique 0 UniqueIdentifierReversed
-table RawView Table Lorvenstack.Metadata.RawView 8 4 b~~~
+table RawView Table public 8 4 b~~~
 column 9 LayoutHandle 4 - 9
 index RawViewPK unique 10 LayoutHandle
 index RawViewPK2fullname unique 0 FullName
 index RawViewIdxInherits plain 0 Inherits
-table VMView Table Lorvenstack.Metadata.VMView 0 0 b~~a~
+table VMView Table public 0 0 b~~a~
 column 9 Mapper 8 RawView 0
-table ClrClass VMView Lorvenstack.Metadata.ClrClass 0 0 b~~a~~
+table ClrClass VMView public 0 0 b~~a~~
 column 10 AssemblyName 1 - 0
 column 11 AppDomainName 1 - 0
 column 12 FullClassName 1 - 0
 index ClrClassPK unique 0 FullClassName
 index ClrClassByMapper plain 0 Mapper
-table Member MotherOfAllLayouts Lorvenstack.Metadata.Member 0 0 e~
+table Member MotherOfAllLayouts public 0 0 e~
 column 3 Table 8 Table 0
 column 4 Name 1 - 0
 column 5 DataType 8 DataType 0
 column 6 Inherited 10 - 0
 index MemberPK unique 0 Table Name
-table Column Member Lorvenstack.Metadata.Column 0 0 e~~
+table Column Member public 0 0 e~~
 column 7 Nullable 10 - 0
 column 8 AlwaysUnique 10 - 0
-table RawColumn Column Lorvenstack.Internal.Metadata.RawColumn 0 0 e~~~
+table RawColumn Column internal 0 0 e~~~
 column 9 ColumnIndex 3 - 0
 index RawColumnPK unique 0 Table ColumnIndex
-table ReferenceRawColumn RawColumn Lorvenstack.Internal.Metadata.ReferenceRawColumn 0 0 e~~~~
+table ReferenceRawColumn RawColumn internal 0 0 e~~~~
 column 10 DataTypeName 1 - 0
 index ReferenceRawColumnByDataType plain 0 DataType
-table Property Member Lorvenstack.Metadata.Property 0 0 e~a~
+table Property Member public 0 0 e~a~
 column 7 Get 10 - 0
 column 8 Set 10 - 0
-table CodeProperty Property Lorvenstack.Metadata.CodeProperty 0 0 e~a~~
+table CodeProperty Property public 0 0 e~a~~
 column 9 Polymorphic 4 - 0
 index CodePropertyPK unique 0 Table Name
-table MappedProperty Property Lorvenstack.Metadata.MappedProperty 0 0 e~a~a~
+table MappedProperty Property public 0 0 e~a~a~
 column 9 Column 8 RawColumn 0
 index MappedPropertyPK unique 0 Table Name
 index MappedPropertyByColumn plain 0 Column
-table Index MotherOfAllLayouts Lorvenstack.Metadata.Index 0 0 f~
+table Index MotherOfAllLayouts public 0 0 f~
 column 3 Name 1 - 0
 column 4 Table 8 RawView 0
 column 5 Unique 4 - 0
 column 6 IndexHandle 4 - 0
 index IndexPK unique 0 Name
 index IndexByTable plain 0 Table
-table IndexedColumn MotherOfAllLayouts Lorvenstack.Metadata.IndexedColumn 0 0 g~
+table IndexedColumn MotherOfAllLayouts public 0 0 g~
 column 3 Index 8 Index 0
 column 4 Column 8 Column 0
 column 5 Position 4 - 0
 column 6 Ascending 10 - 0
 index IndexedColumnPK unique 0 Index Column
-table UserSchemaGeneration MotherOfAllLayouts Lorvenstack.Internal.Metadata.UserSchemaGeneration 0 0 h~
+table UserSchemaGeneration MotherOfAllLayouts internal 0 0 h~
 column 3 Generation 4 - 0
 )";
 
@@ -123,8 +123,10 @@ std::string OrEmpty(std::string const& word) { return word == "-" ? std::string(
 
 DefinedTable ReadTable(std::istream& line, std::vector<DefinedTable> const& before) {
   DefinedTable table;
-  std::string base, setspec;
-  line >> table.name >> base >> table.full_name >> table.token >> table.type_id >> setspec;
+  std::string base, space, setspec;
+  line >> table.name >> base >> space >> table.token >> table.type_id >> setspec;
+  table.full_name =
+      (space == "public" ? "Lorvenstack.Metadata." : "Lorvenstack.Internal.Metadata.") + table.name;
   table.base = OrEmpty(base);
   table.setspec = OrEmpty(setspec);
   for (DefinedTable const& other : before) {

@@ -2,6 +2,15 @@
 #define SAGLEME_METALAYER_SCHEMA_HPP
 
 // What reaches tables by number: tokens, set specifiers, layouts, type ids.
+//
+// A token is a number for a name, a set specifier a text that places a table in the inheritance
+// tree, a layout number the kernel's name of one stored form of a table, a type id the number that
+// a table keeps for life.
+//
+// Everything here works in the thread's context, in the host's transaction, and throws db_exception
+// with the kernel's code unless it says otherwise. "Ends the process" is FatalError: the catalogue
+// contradicts its own definition. A key that does not fit its buffer throws 4197.
+// The caches and statics are filled by start-up and on demand, and last as long as the process.
 
 #include <iterator>
 #include <sagleme/metalayer/keys.hpp>
@@ -12,46 +21,69 @@ namespace metalayer {
 // ---- tokens -------------------------------------------------------------------------------------
 
 struct SAGLEME_API TokenMain {
+  // Readies the class Token, by number, since no name can be looked up before. May be repeated.
+  // 4230 or 4229 when the table or one of its indexes is not there.
   static void Init();
+  // One above the highest in use. A number comes back only if it was the highest and its row went.
+  // REQUIRES: Init. An empty dictionary ends the process.
   static unsigned long get_next_token();
 
+  // The keys of the highest and of the lowest unsigned number.
   alignas(8) static unsigned char ukf_u64_max[16];
   alignas(8) static unsigned char ukf_u64_min[16];
 };
 
+// The token of `name`, never 0. A name without one gets the next, and a row.
+// REQUIRES: TokenMain::Init.
 SAGLEME_API unsigned long assure_token(char16_t const* name);
+// Gives `name` just that number. Ends the process when either of the two is taken by another.
 SAGLEME_API void assure_predefined_token(unsigned long token, char16_t const* name);
 
 // ---- kernel ids by name or token ----------------------------------------------------------------
+//
+// By name the token is assured first, so that a name never seen before gets a row.
 
 // No layout was made with that token.
 inline constexpr unsigned int kNoTable = 4230;
 
+// The number of the layout made with that token. Throws kNoTable for none.
 SAGLEME_API unsigned short LoadTableId(char16_t const* name);
 SAGLEME_API unsigned short LoadTableId(unsigned long token);
+// The kernel's id of the index made with that token. Throws 4229 for none.
 SAGLEME_API unsigned long LoadIndexId(char16_t const* name);
 SAGLEME_API unsigned long LoadIndexId(unsigned long token);
-// 0, or 4229 for no such index; any other kernel failure is thrown.
+// 0 with `*out` written, or 4229 for no such index; any other kernel failure is thrown. Two indexes
+// of one token end the process.
 SAGLEME_API unsigned int get_index_info_by_token(unsigned long token, LORVI_INDEX_INFO* out);
 
 // ---- set specifiers -----------------------------------------------------------------------------
 
+// The root's is the empty text. A child's is its parent's, the letters of the child's number, and
+// "~". So one specifier begins another exactly when the first table is an ancestor of the second,
+// and the objects of a table with all its descendants stand side by side in the index by set
+// specifier.
+
 struct SAGLEME_API Setspec {
-  // Bijective base 23 over "a" to "w"; 0 is the empty text.
+  // Bijective base 23 over "a" to "w"; 0 is the empty text, 23 "w", 24 "aa".
   static std::u16string i2spec(unsigned long n);
-  // Reads letters leftwards up to "~" or `last`; `first` is left on what stopped it.
+  // Reads letters leftwards up to "~" or `last`; `first` is left on what stopped it. No letter at
+  // all is 0. A unit outside the alphabet gives some number and no failure.
   static unsigned long spec2i(std::u16string::const_reverse_iterator& first,
                               std::u16string::const_reverse_iterator last);
 };
 
-// A new child specifier of `parent`, with its row. A null `type` makes the row refer to itself.
+// A new child specifier of `parent`, with its row. A null `type` makes the row refer to itself, the
+// mark of a specifier that no table owns yet. The parent's counter is raised, so a number is never
+// given out twice. A parent without a row ends the process.
 SAGLEME_API std::u16string NextSetspec(std::u16string const& parent, LS_OBJ_REF const& type);
 // The parent of a specifier: "a~b~" has "a~", "a~" has the empty text.
 SAGLEME_API std::u16string ParentSetspec(std::u16string const& setspec);
 // Opens `iterator` over all objects of the table with that specifier and of its subtree, and moves
-// to the first.
+// to the first; an empty range leaves `current` null. A null `setspec` asks for the null key.
 SAGLEME_API void RangeGlobalSetspecIndex(char16_t const* setspec,
                                          db_util::db_iter_with_keys* iterator);
+// Bootstrap: gives the bases of every table whose specifier is known theirs.
+// REQUIRES: a MetaschemaInit in force.
 SAGLEME_API void RecoverSetspecs();
 
 // True when the row's set specifier begins with `setspec`, or `setspec` is empty.
@@ -64,34 +96,57 @@ struct LayoutEntry {
   LS_OBJ_REF raw_view;
 };
 
+// What a process found out of layouts, by layout number, and of tables, by type id. Threads fill
+// and read them without a lock, through atomic words. Nothing clears an entry, not a drop and not a
+// roll back: a reader knows a dead row by the kernel's 4273 or 4174, and asks again.
 inline constexpr std::size_t kLayouts = 65536;
 SAGLEME_API extern LayoutEntry g_layouts[kLayouts];
 SAGLEME_API extern LS_OBJ_REF g_raw_views[kLayouts];
-// The RawView row of MotherOfAllLayouts.
+// The RawView row of MotherOfAllLayouts, where walks up the tree end.
 SAGLEME_API extern LS_OBJ_REF g_mom_rv;
 
 inline unsigned short LayoutOf(LS_OBJ_REF const& reference) {
   return static_cast<unsigned short>(reference.addr);
 }
 
+// The layout number of MotherOfAllLayouts.
 SAGLEME_API unsigned short GetRootLayoutHandle();
+// The type id of the table that holds `object`, also under a layout that the table has left; fills
+// the layout's entry in g_layouts. 0 when object or table is gone, and the entry stays empty.
 SAGLEME_API unsigned long AssureCurrentLayoutId(LS_OBJ_REF object);
+// Bootstrap: makes sure of the row for this pair. A null `raw_view` reserves the number. Ends the
+// process when the number or the table belongs to another.
 SAGLEME_API void AssureTypeId(unsigned long type_id, LS_OBJ_REF raw_view);
+// Gives the table the number above the highest. Type ids are never used again.
 SAGLEME_API unsigned long NextTypeId(LS_OBJ_REF raw_view);
+// The RawView row of a type id, read from the catalogue and cached; null for a number that is only
+// reserved. An unknown number ends the process.
 SAGLEME_API LS_OBJ_REF LoadRawViewByTypeId(unsigned long type_id);
+// The same from the cache, where it is filled: the row may be dead by now. Flags in the four
+// highest bits reach the slot of the number below them, and no row of the catalogue.
 SAGLEME_API LS_OBJ_REF raw_view_by_type_id(unsigned long type_id);
+// The type id of the table's ancestor directly below MotherOfAllLayouts, which may be itself.
 SAGLEME_API unsigned long GetRootTypeId(unsigned long type_id);
 
 // ---- start-up and generation --------------------------------------------------------------------
 
-// The one row of UserSchemaGeneration.
+// The one row of UserSchemaGeneration; null before start-up.
 SAGLEME_API extern LS_OBJ_REF g_schema_generation;
 
+// Start-up on a database that stands: fills the classes, compares the version, finds the
+// generation. Once per process; does nothing when it has succeeded before, in whatever database.
+// Returns 0. Throws 7043 for a database that is not or not wholly prepared, and 15010 with a text
+// for one of another version; can then be repeated. Two generations end the process.
 SAGLEME_API unsigned int InitMetalayer();
 SAGLEME_API bool IsMetalayerInitialized();
+// Makes the next InitMetalayer run in full. What the classes know stays.
 SAGLEME_API void SetMetalayerUninitialized();
+// Readies the classes of the tables that are there, without any check.
+// REQUIRES: a MetaschemaInit in force, TokenMain::Init.
 SAGLEME_API void PrepareGeneratedMetaClassesForReading();
+// Throws 15010 with its text unless the version is the library's.
 SAGLEME_API void ReportSchemaMismatchIf(unsigned long database_version);
+// Counts a change of the user schema. The count goes with the transaction.
 SAGLEME_API void AdvanceSchemaGeneration();
 SAGLEME_API void InitializeGenerationIfDoesntExist();
 

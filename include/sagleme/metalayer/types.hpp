@@ -22,24 +22,35 @@ struct SAGLEME_API ucs2_ci_comparator {
 
 using SqlTypeMap = std::map<std::u16string const, unsigned char const, ucs2_ci_comparator>;
 
+// From SQL type name to logical code.
 SAGLEME_API extern SqlTypeMap const sql_db_type_map;
+// SQL type names that are known and refused, in lower case only.
 SAGLEME_API extern std::set<std::u16string> const sql_unsupported_set;
+// By logical code: true where the kernel has no form of the type without null.
 SAGLEME_API extern std::map<unsigned char const, bool const> const db_type_nullable;
 
+// The code of a name, whatever its case; false, with `out` unchanged, for an unknown one. A null
+// `name` is a std::logic_error, here and below.
 SAGLEME_API bool MapStr2Uint(SqlTypeMap const& map, char16_t const* name, unsigned char& out);
 SAGLEME_API bool MapSqlToDbType(char16_t const* name, unsigned char& out);
+// True for a name of sql_unsupported_set; case counts.
 SAGLEME_API bool CheckUnsopportedSqlType(char16_t const* name);
+// A code without an entry throws std::out_of_range.
 SAGLEME_API bool IsDbTypeNullable(unsigned char type);
 
 // Throws 4226.
 [[noreturn]] SAGLEME_API void ThrowInvalidLogicalType();
 
+// The kernel's code: the logical one, but for bool, which is stored as an unsigned number. Codes
+// out of range throw 4226.
 inline unsigned char LogicalTypeToKernelType(unsigned char logical) {
   if (logical == 0 || logical > kLogicalBool) ThrowInvalidLogicalType();
   return logical == kLogicalBool ? static_cast<unsigned char>(LORV_TYPE_ULONG) : logical;
 }
 
-// The logical code of a column's type reference; kLogicalReference when it is a table.
+// The logical code of a column's type reference: that of a DbPrimitiveType row, or
+// kLogicalReference for a RawView row. Throws 4226 for a row of any other table and 4280 for one
+// that this transaction deleted. The null reference ends the process.
 SAGLEME_API unsigned char PrimTypeByTypeRef(LS_OBJ_REF const& type);
 
 }  // namespace metalayer
