@@ -172,15 +172,18 @@ void CommitWork::DeleteParts(ObjectId id) {
   for (std::uint32_t part = 0; batch_.Delete(Tree::kParts, PartKey(id, part));) ++part;
 }
 
+// Removals come first: two long keys of one object may be one key of the store.
 void CommitWork::ApplyEntries(PendingIndex const& entries) {
+  IndexDefinition const& index = entries.index();
   for (auto const& [key, entry] : entries.map()) {
-    if (entry.state == EntryState::kRemoved) {
-      if (entry.may_be_committed) DeleteEntry(batch_, entries.index(), key.encoded, key.object);
-    } else if (entry.state == EntryState::kPresent) {
-      PendingRow const* const row = request_.changes.FindRow(key.object);
-      LayoutNumber const layout = row != nullptr ? row->layout->number() : entry.layout;
-      PutEntry(batch_, entries.index(), key.encoded, key.object, layout);
-    }
+    if (entry.state != EntryState::kRemoved || !entry.may_be_committed) continue;
+    DeleteEntry(batch_, index, key.encoded, key.object);
+  }
+  for (auto const& [key, entry] : entries.map()) {
+    if (entry.state != EntryState::kPresent) continue;
+    PendingRow const* const row = request_.changes.FindRow(key.object);
+    LayoutNumber const layout = row != nullptr ? row->layout->number() : entry.layout;
+    PutEntry(batch_, index, key.encoded, key.object, layout);
   }
 }
 

@@ -3,7 +3,7 @@
 namespace lscore {
 namespace {
 
-constexpr std::size_t kMaxIndexColumns = 64;
+constexpr std::size_t kMaxIndexColumns = 16;  // the bits of the sort mask
 
 // Throws LSCOREDB_INVALID_ARGUMENT when the columns cannot be indexed.
 std::vector<IndexColumn> ReadColumns(LORVI_COLUMN_DEFINITION const* columns) {
@@ -64,8 +64,9 @@ uint32_t lorvi_context_drop_index(uint64_t context, uint64_t index_id) {
 uint32_t lorvi_context_get_index_infos_by_token(uint64_t context, uint64_t token, uint32_t* count,
                                                 LORVI_INDEX_INFO* out) {
   return WithTransaction(context, [&](Transaction& transaction) -> Status {
-    if (count == nullptr || (out == nullptr && *count != 0)) return LSCOREDB_NULL_ARGUMENT;
+    if (count == nullptr) return LSCOREDB_NULL_ARGUMENT;
     std::vector<IndexDefinition const*> const found = transaction.IndexesOf(Token{token});
+    if (out == nullptr && *count != 0 && !found.empty()) return LSCOREDB_NULL_ARGUMENT;
     for (std::size_t i = 0; i < found.size() && i < *count; ++i) out[i] = InfoOf(*found[i]);
     *count = static_cast<uint32_t>(found.size());
     return LORV_STATUS_OK;

@@ -51,8 +51,9 @@ uint32_t lorvi_context_get_layout_info(uint64_t context, uint16_t layout_handle,
 uint32_t lorvi_context_get_layout_infos_by_token(uint64_t context, uint64_t token, uint32_t* count,
                                                  LORVI_LAYOUT_INFO* out) {
   return WithTransaction(context, [&](Transaction& transaction) -> Status {
-    if (count == nullptr || (out == nullptr && *count != 0)) return LSCOREDB_NULL_ARGUMENT;
+    if (count == nullptr) return LSCOREDB_NULL_ARGUMENT;
     std::vector<Layout const*> const found = transaction.LayoutsOf(Token{token});
+    if (out == nullptr && *count != 0 && !found.empty()) return LSCOREDB_NULL_ARGUMENT;
     for (std::size_t i = 0; i < found.size() && i < *count; ++i) out[i] = InfoOf(*found[i]);
     *count = static_cast<uint32_t>(found.size());
     return LORV_STATUS_OK;

@@ -102,10 +102,9 @@ uint32_t lorv_context_put_default(uint64_t context, uint64_t oid, uint64_t addr,
 
 uint32_t lorv_context_put_setspec(uint64_t context, uint64_t oid, uint64_t,
                                   char16_t const* setspec) {
-  return WithWriting(context, [&](Transaction& transaction) {
-    std::optional<std::u16string_view> text;
-    if (setspec != nullptr) text = setspec;
-    return transaction.WriteSetspec(ObjectId{oid}, text);
+  return WithWriting(context, [&](Transaction& transaction) -> Status {
+    if (setspec == nullptr) return LSCOREDB_NULL_ARGUMENT;
+    return transaction.WriteSetspec(ObjectId{oid}, setspec);
   });
 }
 

@@ -183,7 +183,7 @@ bool IndexDefinition::HasColumn(Token wanted) const {
 void IndexDefinition::Prepare() {
   key_columns.clear();
   for (std::size_t i = 0; i < columns.size(); ++i) {
-    bool const descending = i < 16 && ((sort_mask >> i) & 1) != 0;
+    bool const descending = ((sort_mask >> i) & 1) != 0;
     key_columns.push_back({columns[i].type, descending});
   }
   entry_prefix.clear();
@@ -253,6 +253,7 @@ std::unique_ptr<IndexDefinition const> ParseIndex(IndexId id, std::string_view r
   index->flags = fields.Next<std::uint32_t>();
   index->sort_mask = fields.Next<std::uint16_t>();
   auto const count = fields.Next<std::uint16_t>();
+  if (count > 16) Throw(LSCOREDB_DAMAGED);
   for (std::uint16_t i = 0; i < count && fields.ok(); ++i) {
     IndexColumn column;
     column.type = fields.Next<std::uint8_t>();

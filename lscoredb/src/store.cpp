@@ -54,9 +54,12 @@ bool View::Get(Tree tree, std::string_view key, std::string_view* value) const {
   int const code = mdb_get(txn_, store_->Handle(tree), &k, &v);
   if (code == MDB_NOTFOUND) return false;
   CheckStore(code);
+  CheckPlace(BytesOf(v));
   *value = BytesOf(v);
   return true;
 }
+
+void View::ThrowDamaged() { Throw(LSCOREDB_DAMAGED); }
 
 CommitId View::id() const { return CommitId{mdb_txn_id(txn_)}; }
 
@@ -103,6 +106,7 @@ void Batch::Commit() {
 
 void Cursor::Open(View const& view, Tree tree) {
   bool const of_snapshot = view.frozen_;
+  view_ = &view;
   if (cursor_ != nullptr && of_snapshot && of_snapshot_ && tree == tree_) {
     CheckStore(mdb_cursor_renew(view.txn_, cursor_));
     return;
@@ -124,6 +128,8 @@ bool Cursor::Move(int operation) {
   int const code = mdb_cursor_get(cursor_, &k, &v, static_cast<MDB_cursor_op>(operation));
   if (code == MDB_NOTFOUND) return false;
   CheckStore(code);
+  view_->CheckPlace(BytesOf(k));
+  view_->CheckPlace(BytesOf(v));
   key_ = BytesOf(k);
   value_ = BytesOf(v);
   return true;
@@ -167,9 +173,20 @@ std::unique_ptr<Snapshot> Store::Begin() {
       idle_.pop_back();
     }
   }
-  if (snapshot == nullptr) return NewSnapshot();
-  CheckStore(mdb_txn_renew(snapshot->txn_));
+  if (snapshot == nullptr) {
+    snapshot = NewSnapshot();
+  } else {
+    CheckStore(mdb_txn_renew(snapshot->txn_));
+  }
+  NoteFile(*snapshot);
   return snapshot;
+}
+
+void Store::NoteFile(View& view) const {
+  MDB_envinfo info{};
+  CheckStore(mdb_env_info(env_, &info));
+  view.begin_ = map_begin_;
+  view.end_ = map_begin_ == 0 ? UINTPTR_MAX : map_begin_ + (info.me_last_pgno + 1) * page_size_;
 }
 
 void Store::End(std::unique_ptr<Snapshot> snapshot) noexcept {

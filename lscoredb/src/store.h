@@ -49,12 +49,24 @@ class View {
   View(Store& store, MDB_txn* txn, bool frozen) : store_(&store), txn_(txn), frozen_(frozen) {}
   ~View() = default;
 
+  // Throws LSCOREDB_DAMAGED when the bytes do not lie in the file that a snapshot reads.
+  void CheckPlace(std::string_view bytes) const {
+    auto const at = reinterpret_cast<std::uintptr_t>(bytes.data());
+    if (frozen_ && (at < begin_ || at > end_ || bytes.size() > end_ - at)) [[unlikely]] {
+      ThrowDamaged();
+    }
+  }
+  [[noreturn]] static void ThrowDamaged();
+
   Store* store_;
   MDB_txn* txn_;
   bool frozen_;  // a snapshot
+  std::uintptr_t begin_ = 0;
+  std::uintptr_t end_ = 0;
 
  private:
   friend class Cursor;
+  friend class Store;
 };
 
 // A frozen state of the store. Comes from Store::Begin and goes back to it.
@@ -108,6 +120,7 @@ class Cursor {
   bool Move(int operation);
 
   MDB_cursor* cursor_ = nullptr;
+  View const* view_ = nullptr;
   Tree tree_ = Tree::kRows;
   bool of_snapshot_ = false;
   std::string_view key_;
@@ -137,8 +150,11 @@ class Store {
   explicit Store(MDB_env* env) : env_(env) {}
   unsigned Handle(Tree tree) const { return trees_[static_cast<std::size_t>(tree)]; }
   std::unique_ptr<Snapshot> NewSnapshot();
+  void NoteFile(View& view) const;
 
   MDB_env* env_;
+  std::uintptr_t map_begin_ = 0;  // where the file lies in memory
+  std::size_t page_size_ = 0;
   unsigned trees_[kTreeCount] = {};
   std::mutex idle_mutex_;
   std::vector<std::unique_ptr<Snapshot>> idle_;  // ended, ready to be begun again

@@ -10,6 +10,7 @@
 #include "bytes.h"
 #include "format.h"
 #include "store.h"
+#include "store_check.h"
 #include "store_errors.h"
 
 namespace lscore {
@@ -93,21 +94,6 @@ void WriteFormat(MDB_txn* txn, MDB_dbi meta) {
   CheckStore(mdb_put(txn, meta, &key, &value, 0));
 }
 
-// A file that ends before its last page would end the process at the first touch behind the end.
-// Made longer it reads as zeros there, which the store recognises as damage.
-void RepairLength(MDB_env* env) {
-  MDB_envinfo info{};
-  MDB_stat stat{};
-  int file = -1;
-  struct stat status {};
-  CheckStore(mdb_env_info(env, &info));
-  CheckStore(mdb_env_stat(env, &stat));
-  CheckStore(mdb_env_get_fd(env, &file));
-  auto const size = static_cast<off_t>((info.me_last_pgno + 1) * stat.ms_psize);
-  if (fstat(file, &status) != 0) Throw(LSCOREDB_IO_ERROR);
-  if (status.st_size < size && posix_fallocate(file, size - 1, 1) != 0) Throw(LSCOREDB_DISK_FULL);
-}
-
 }  // namespace
 
 class StoreOpener {
@@ -122,10 +108,12 @@ class StoreOpener {
     CheckOpening(mdb_env_set_mapsize(env, options.max_file_size));
     unsigned const flags = MDB_NOTLS | MDB_NORDAHEAD | (sync ? 0u : unsigned{MDB_NOSYNC});
     CheckOpening(mdb_env_open(env, path, flags, kFileMode));
-    RepairLength(env);
+    CheckLength(env);
     int dead = 0;
     CheckOpening(mdb_reader_check(env, &dead));
     OpenTrees(*store);
+    store->page_size_ = PageSize(env);
+    store->map_begin_ = FindMap(env, store->Handle(Tree::kMeta));
     return store;
   }
 

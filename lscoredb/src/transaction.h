@@ -62,8 +62,7 @@ class Transaction {
   Status InsertWithId(LayoutNumber number, ObjectId id);
   Status Write(ObjectId id, LayoutNumber as, std::uint32_t column, TypeSet types,
                NewValue const& value);
-  // No text: null.
-  Status WriteSetspec(ObjectId id, std::optional<std::u16string_view> setspec);
+  Status WriteSetspec(ObjectId id, std::u16string_view setspec);
   Status Delete(ObjectId id);
   Status Move(ObjectId id, LayoutNumber to);
 

@@ -313,17 +313,14 @@ Status Transaction::PlaceUnder(PendingRow& row, Layout const& layout, Cell* cell
   return status;
 }
 
-Status Transaction::WriteSetspec(ObjectId id, std::optional<std::u16string_view> setspec) {
+Status Transaction::WriteSetspec(ObjectId id, std::u16string_view setspec) {
   RowRef const* found = nullptr;
   Status const live = FindLive(id, &found);
   if (live != LORV_STATUS_OK) return live;
-  Cell cell;
-  if (setspec.has_value()) {
-    NewValue value;
-    value.kind = NewValue::Kind::kText;
-    value.text = *setspec;
-    cell = NewCell(Column{}, value);
-  }
+  NewValue value;
+  value.kind = NewValue::Kind::kText;
+  value.text = setspec;
+  Cell const cell = NewCell(Column{}, value);
   PendingRow& row = Promote(*found);
   Status const status = ChangeRow(row, std::nullopt, [&] {
     row.setspec = cell;

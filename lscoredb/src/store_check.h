@@ -1,0 +1,25 @@
+#ifndef LSCOREDB_SRC_STORE_CHECK_H
+#define LSCOREDB_SRC_STORE_CHECK_H
+
+// What is looked at before the bytes of a file are trusted. For the store's own source files.
+
+#include <cstddef>
+#include <cstdint>
+
+struct MDB_env;
+
+namespace lscore {
+
+std::size_t PageSize(MDB_env* env);
+
+// Throws LSCOREDB_DAMAGED when the file ends before a page that is in use. A touch behind the end would
+// end the process.
+void CheckLength(MDB_env* env);
+
+// The address of the file's first byte in memory, or 0 when it cannot be told. `tree` holds the
+// format record.
+std::uintptr_t FindMap(MDB_env* env, unsigned tree);
+
+}  // namespace lscore
+
+#endif
