@@ -114,6 +114,11 @@ typedef struct lscoredb_layout_statistics {
 LSCOREDB_API uint32_t lscoredb_layout_stats(uint64_t context, uint32_t* count,
                                             lscoredb_layout_statistics* out);
 
+/* Writes a copy of the newest committed state into `directory`, which is not there yet or empty, while
+ * contexts of this and other processes read and write. The copy is a database by itself. Of a copy that
+ * failed the directory may hold a part, which is to be removed. */
+LSCOREDB_API uint32_t lscoredb_copy(lscoredb* database, char const* directory);
+
 /* An English sentence for every status of the contract and of this header; for any other number a
  * sentence that says so. Static memory. */
 LSCOREDB_API char const* lscoredb_status_text(uint32_t status);

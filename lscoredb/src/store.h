@@ -138,6 +138,10 @@ class Store {
   std::unique_ptr<Snapshot> Begin();
   void End(std::unique_ptr<Snapshot> snapshot) noexcept;
 
+  // Writes the newest committed state into a file in an empty directory, page by page, while others
+  // read and write. The copy goes on counting states where this store stands.
+  void Copy(char const* directory);
+
   // From now on every commit is synced. REQUIRES: no batch is open.
   void RequireSync();
 
