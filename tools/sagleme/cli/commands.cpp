@@ -61,6 +61,9 @@ std::vector<std::unique_ptr<Command>> MakeCommands() {
   commands.push_back(MakeScan());
   commands.push_back(MakeCheck());
   commands.push_back(MakeVacuum());
+  commands.push_back(MakeCopy());
+  commands.push_back(MakeDiagram());
+  commands.push_back(MakeShell());
   return commands;
 }
 

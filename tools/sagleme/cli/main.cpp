@@ -1,11 +1,9 @@
 // The command line: `sagleme COMMAND DB ...`.
 
-#include <fmt/format.h>
-
 #include <clocale>
-#include <cstring>
 
-#include "cli/command.h"
+#include "cli/manual.h"
+#include "cli/run.h"
 
 namespace tool {
 namespace {
@@ -16,57 +14,61 @@ constexpr char const* kAbout =
     "\n"
     "Exit status: 0 done, 1 a problem was found, 2 usage, 3 cannot open, 4 refused.";
 
-void Report(Output const& output, std::string const& what, std::string const& advice) {
-  output.Note(fmt::format("sagleme: {}\n", what));
-  if (!advice.empty()) output.Note(fmt::format("  {}\n", advice));
-}
+class Program {
+ public:
+  Program() : app_(kAbout, "sagleme"), output_(StandardOutput()), commands_(MakeCommands()) {
+    app_.require_subcommand(1);
+    app_.failure_message(CLI::FailureMessage::simple);
+    for (auto const& command : commands_) {
+      parsers_.push_back(Attach(app_, *command, output_, &directory_));
+    }
+    AddPrinter("--man-page", "Prints the manual page", [this] { return ManPage(app_, commands_); });
+    AddPrinter("--bash-completion", "Prints the completion for bash",
+               [this] { return BashCompletion(app_); });
+  }
 
-int RunCommand(Command& command, std::string const& directory, Output& output) {
-  try {
-    Session session(directory);
-    return static_cast<int>(command.Run(session, output));
-  } catch (Failure const& failure) {
-    Report(output, failure.what(), failure.advice());
-    return static_cast<int>(failure.exit());
-  } catch (sagleme::Error const& error) {
-    Report(output, fmt::format("{} (status {})", error.what(), error.status()), "");
-    return static_cast<int>(Exit::kRefused);
-  } catch (std::exception const& error) {
-    Report(output, error.what(), "");
-    return static_cast<int>(Exit::kRefused);
+  int Run(int argc, char** argv) {
+    try {
+      app_.parse(argc, argv);
+    } catch (CLI::ParseError const& error) {
+      return Usage(error);
+    }
+    for (std::size_t i = 0; i < commands_.size(); ++i) {
+      if (!parsers_[i]->parsed()) continue;
+      Session session(directory_);
+      return static_cast<int>(RunCommand(*commands_[i], session, output_));
+    }
+    return static_cast<int>(Exit::kUsage);
   }
-}
 
-int ReportUsage(CLI::App& app, CLI::ParseError const& error, Output const& output) {
-  if (error.get_exit_code() == 0) return app.exit(error);  // help
-  Report(output, error.what(), "See: sagleme --help, or --help behind a command.");
-  return static_cast<int>(Exit::kUsage);
-}
+ private:
+  void AddPrinter(char const* flag, char const* about, std::function<std::string()> text) {
+    app_.add_flag_callback(
+        flag,
+        [this, text] {
+          output_.Print(text());
+          throw CLI::Success();
+        },
+        about);
+  }
 
-int Main(int argc, char** argv) {
-  std::setlocale(LC_CTYPE, "C.UTF-8");
-  Output output = StandardOutput();
-  CLI::App app(kAbout, "sagleme");
-  app.require_subcommand(1);
-  app.failure_message(CLI::FailureMessage::simple);
-  std::string directory;
-  auto const commands = MakeCommands();
-  std::vector<CLI::App*> parsers;
-  for (auto const& command : commands) {
-    parsers.push_back(Attach(app, *command, output, &directory));
+  int Usage(CLI::ParseError const& error) {
+    if (error.get_exit_code() == 0) return app_.exit(error);  // help
+    TellFailure(output_, error.what(), "See: sagleme --help, or --help behind a command.");
+    return static_cast<int>(Exit::kUsage);
   }
-  try {
-    app.parse(argc, argv);
-  } catch (CLI::ParseError const& error) {
-    return ReportUsage(app, error, output);
-  }
-  for (std::size_t i = 0; i < commands.size(); ++i) {
-    if (parsers[i]->parsed()) return RunCommand(*commands[i], directory, output);
-  }
-  return static_cast<int>(Exit::kUsage);
-}
+
+  CLI::App app_;
+  Output output_;
+  std::string directory_;
+  std::vector<std::unique_ptr<Command>> commands_;
+  std::vector<CLI::App*> parsers_;
+};
 
 }  // namespace
 }  // namespace tool
 
-int main(int argc, char** argv) { return tool::Main(argc, argv); }
+int main(int argc, char** argv) {
+  std::setlocale(LC_CTYPE, "C.UTF-8");
+  return tool::Program().Run(argc, argv);
+}

@@ -24,6 +24,9 @@ std::unique_ptr<Command> MakeFind();
 std::unique_ptr<Command> MakeScan();
 std::unique_ptr<Command> MakeCheck();
 std::unique_ptr<Command> MakeVacuum();
+std::unique_ptr<Command> MakeCopy();
+std::unique_ptr<Command> MakeDiagram();
+std::unique_ptr<Command> MakeShell();
 
 }  // namespace tool
 

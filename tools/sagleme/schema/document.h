@@ -66,9 +66,11 @@ struct SchemaDoc {
 SchemaDoc ReadSchema(sagleme::Transaction& transaction, bool identities);
 
 std::string SchemaJson(SchemaDoc const& schema);
-// Failure with kUsage, which says where in the document something is wrong. What comes back is
-// sound: names are unique, bases, targets and indexed columns exist.
+// Failure with kUsage, which says where in the document something is wrong. Whether the whole of it can
+// be is Validate's matter.
 SchemaDoc ParseSchema(std::string const& json, std::string const& source);
+// A part together with what the database has outside of it; a whole is left alone.
+SchemaDoc Completed(SchemaDoc const& wanted, SchemaDoc const& present);
 
 // The number by which the documents of a database know it again; 0 for none.
 std::int64_t DatabaseIdentity(sagleme::Transaction& transaction);

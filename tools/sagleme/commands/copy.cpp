@@ -1,0 +1,53 @@
+#include <fmt/format.h>
+
+#include <filesystem>
+
+#include "commands/commands.h"
+
+namespace tool {
+namespace {
+
+class Copy : public Command {
+ public:
+  std::string name() const override { return "copy"; }
+  std::string summary() const override { return "Copies the database while others write"; }
+  std::vector<Example> examples() const override {
+    return {{"copy shop /backup/shop", "the newest committed state, as a database by itself"}};
+  }
+  void Declare(CLI::App& app) override {
+    app.add_option("TARGET", target_, "The copy's directory, which is not there yet")
+        ->required()
+        ->type_name("");
+  }
+  Exit Run(Session& session, Output& output) override;
+
+ private:
+  std::string target_;
+};
+
+// The copy grows beside its place and gets its name when it is whole.
+Exit Copy::Run(Session& session, Output& output) {
+  session.RequireNoTransaction("copy");
+  if (std::filesystem::exists(target_)) {
+    throw Failure(Exit::kRefused, fmt::format("{} is there already", target_),
+                  "Name a directory that is not there yet.");
+  }
+  std::string const growing = target_ + ".copying";
+  std::filesystem::remove_all(growing);  // of a copy that was cut off
+  auto const status = lscoredb_copy(session.database().handle(), growing.c_str());
+  if (status != 0) {
+    std::error_code ignored;
+    std::filesystem::remove_all(growing, ignored);
+    throw Failure(Exit::kRefused,
+                  fmt::format("cannot copy to {}: {}", target_, lscoredb_status_text(status)));
+  }
+  std::filesystem::rename(growing, target_);
+  output.Note(fmt::format("copied to {}\n", target_));
+  return Exit::kDone;
+}
+
+}  // namespace
+
+std::unique_ptr<Command> MakeCopy() { return std::make_unique<Copy>(); }
+
+}  // namespace tool

@@ -1,0 +1,58 @@
+#include "diagram/diagram.h"
+
+#include <fmt/format.h>
+
+#include <fstream>
+
+#include "commands/commands.h"
+
+namespace tool {
+namespace {
+
+class Diagram : public Command {
+ public:
+  std::string name() const override { return "diagram"; }
+  std::string summary() const override { return "Draws the inheritance tree"; }
+  std::vector<Example> examples() const override {
+    return {{"diagram shop --as html --output shop.html", "a page with a tree to search"},
+            {"diagram shop --as svg > shop.svg", "a picture, through Graphviz"}};
+  }
+  void Declare(CLI::App& app) override {
+    app.add_option("--as", form_, "dot, mermaid, svg or html; dot unless given")
+        ->check(CLI::IsMember({"dot", "mermaid", "svg", "html"}).description(""))
+        ->type_name("FORM");
+    app.add_option("--output", file_, "The file to write instead of the standard output")
+        ->type_name("FILE");
+  }
+  Exit Run(Session& session, Output& output) override;
+
+ private:
+  std::string Draw(SchemaDoc const& schema) const;
+
+  std::string form_ = "dot";
+  std::string file_;
+};
+
+std::string Diagram::Draw(SchemaDoc const& schema) const {
+  if (form_ == "mermaid") return MermaidDiagram(schema);
+  if (form_ == "svg") return SvgDiagram(schema);
+  if (form_ == "html") return HtmlDiagram(schema);
+  return DotDiagram(schema);
+}
+
+Exit Diagram::Run(Session& session, Output& output) {
+  session.Read([&](sagleme::Transaction& transaction) {
+    std::string const text = Draw(ReadSchema(transaction, false));
+    if (file_.empty()) return output.Print(text);
+    std::ofstream file(file_, std::ios::binary);
+    file << text;
+    if (!file.flush()) throw Failure(Exit::kUsage, fmt::format("cannot write {}", file_));
+  });
+  return Exit::kDone;
+}
+
+}  // namespace
+
+std::unique_ptr<Command> MakeDiagram() { return std::make_unique<Diagram>(); }
+
+}  // namespace tool

@@ -1,0 +1,106 @@
+#include "shell/line_reader.h"
+
+#include <histedit.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+
+#include "shell/words.h"
+
+namespace tool {
+namespace {
+
+constexpr int kHistorySize = 1000;
+constexpr std::size_t kMostShown = 40;
+
+class TerminalReader : public LineReader {
+ public:
+  explicit TerminalReader(Completer completer)
+      : completer_(std::move(completer)),
+        edit_(el_init("sagleme", stdin, stdout, stderr), el_end),
+        history_(history_init(), history_end) {
+    HistEvent event;
+    history(history_.get(), &event, H_SETSIZE, kHistorySize);
+    history(history_.get(), &event, H_SETUNIQUE, 1);
+    if (!HistoryFile().empty()) history(history_.get(), &event, H_LOAD, HistoryFile().c_str());
+    el_set(edit_.get(), EL_CLIENTDATA, this);
+    el_set(edit_.get(), EL_PROMPT, &TerminalReader::Prompt);
+    el_set(edit_.get(), EL_EDITOR, "emacs");
+    el_set(edit_.get(), EL_HIST, history, history_.get());
+    el_set(edit_.get(), EL_ADDFN, "complete", "completes a word", &TerminalReader::Complete);
+    el_set(edit_.get(), EL_BIND, "^I", "complete", nullptr);
+    el_source(edit_.get(), nullptr);
+  }
+  ~TerminalReader() override {
+    HistEvent event;
+    if (!HistoryFile().empty()) history(history_.get(), &event, H_SAVE, HistoryFile().c_str());
+  }
+
+  std::optional<std::string> Next(std::string const& prompt) override {
+    prompt_ = prompt;
+    int length = 0;
+    char const* const line = el_gets(edit_.get(), &length);
+    if (line == nullptr || length <= 0) return std::nullopt;
+    std::string text(line, static_cast<std::size_t>(length));
+    if (text.ends_with('\n')) text.pop_back();
+    HistEvent event;
+    if (!text.empty()) history(history_.get(), &event, H_ENTER, text.c_str());
+    return text;
+  }
+
+ private:
+  static TerminalReader& Self(EditLine* edit) {
+    void* self = nullptr;
+    el_get(edit, EL_CLIENTDATA, &self);
+    return *static_cast<TerminalReader*>(self);
+  }
+  static char* Prompt(EditLine* edit) { return Self(edit).prompt_.data(); }
+
+  static unsigned char Complete(EditLine* edit, int) {
+    LineInfo const* const info = el_line(edit);
+    std::string const line(info->buffer, info->cursor);
+    auto const words = Self(edit).completer_(line);
+    if (words.empty()) return CC_ERROR;
+    std::size_t const begun = line.size() - LastWord(line);
+    std::string rest = CommonBeginning(words).substr(begun);
+    if (words.size() == 1) rest += ' ';
+    if (rest.empty()) return Show(words);
+    return el_insertstr(edit, rest.c_str()) == 0 ? CC_REFRESH : CC_ERROR;
+  }
+  static unsigned char Show(std::vector<std::string> const& words) {
+    std::string text = "\n";
+    for (std::size_t i = 0; i < words.size() && i < kMostShown; ++i) text += words[i] + "  ";
+    if (words.size() > kMostShown) text += "...";
+    std::fputs((text + "\n").c_str(), stdout);
+    return CC_REDISPLAY;
+  }
+  static std::string HistoryFile() {
+    char const* const home = std::getenv("HOME");
+    return home == nullptr ? "" : std::string(home) + "/.sagleme_history";
+  }
+
+  Completer completer_;
+  std::string prompt_;
+  std::unique_ptr<EditLine, void (*)(EditLine*)> edit_;
+  std::unique_ptr<History, void (*)(History*)> history_;
+};
+
+class PlainReader : public LineReader {
+ public:
+  std::optional<std::string> Next(std::string const&) override {
+    std::string line;
+    if (!std::getline(std::cin, line)) return std::nullopt;
+    return line;
+  }
+};
+
+}  // namespace
+
+std::unique_ptr<LineReader> MakeTerminalReader(Completer completer) {
+  return std::make_unique<TerminalReader>(std::move(completer));
+}
+
+std::unique_ptr<LineReader> MakePlainReader() { return std::make_unique<PlainReader>(); }
+
+}  // namespace tool
