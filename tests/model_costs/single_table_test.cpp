@@ -66,11 +66,9 @@ TEST_F(CostTest, DropTable_GrowsWithColumns) {
   Create("A", "", 1);
   Create("B", "", 6);
   Create("C", "", 2);
+  // Whether there are children is asked in either case.
   Cost plain = DropTableCall();
-  plain += {3, 0, 0, 0};  // that it has no children
   plain += DropTableEach(4, 0, Pending::kNothing, false);
-  // Without descendants no walk over them is made when they are to be dropped.
-  plain.calls -= 3;
   EXPECT_EQ(plain, DropTable("A", false, false));
   Cost with_children = DropTableCall();
   with_children += DropTableEach(9, 0, Pending::kNothing, false);
@@ -93,6 +91,53 @@ TEST_F(CostTest, Indexes_GrowWithTheirColumns) {
             }));
   EXPECT_EQ(DropIndex(1), CostOf([&] { return lorv_drop_index_by_name(context(), u"One"); }));
   EXPECT_EQ(DropIndex(3), CostOf([&] { return lorv_drop_index_by_name(context(), u"Three"); }));
+}
+
+TEST_F(CostTest, Indexes_MakeDropsOfTheirTableAndItsColumnsDearer) {
+  Create("A", "", 3);
+  LORV_INDEXED_COLUMN const one[] = {{u"A_0", 1}, {nullptr, 0}};
+  LORV_INDEXED_COLUMN const two[] = {{u"A_0", 1}, {u"A_1", 0}, {nullptr, 0}};
+  ExpectOk(lorv_create_index_by_names(context(), u"One", u"A", one, false));
+  ExpectOk(lorv_create_index_by_names(context(), u"Two", u"A", two, false));
+  Cost column = DropColumnTop(3, 0, Pending::kNothing);
+  column.calls += 2 * 4;
+  EXPECT_EQ(column, Drop("A", "A_2"));
+  Cost table = DropTableCall();
+  table += DropTableEach(5, 0, Pending::kRequest, false);
+  table += {9 + 2 + 9 + 4, 0, 2 + 3, 0};
+  EXPECT_EQ(table, DropTable("A", false, false));
+}
+
+TEST_F(CostTest, CreateTable_UnderAKnownNameAndWithoutBase_NeedsNoTokenAndNoLookUp) {
+  Columns columns;
+  columns.Long(u"a");
+  ExpectOk(lorv_create_table_by_names(context(), u"A", nullptr, columns, nullptr));
+  DropTable("A", false, false);
+  Cost expected = CreateTable(3, 1);
+  expected.calls -= 7 + 3;
+  expected.inserted -= 1;
+  EXPECT_EQ(expected, CostOf([&] {
+              return lorv_create_table_by_names(context(), u"A", nullptr, columns, nullptr);
+            }));
+}
+
+TEST_F(CostTest, ReferenceColumns_CostACallMoreInEachTable) {
+  Create("Target", "", 0);
+  Create("A", "", 2);
+  Create("B", "A", 1);
+  Columns reference;
+  reference.Ref(u"next", u"Target");
+  Cost add = AddColumnsTop(2, 1, Pending::kNothing);
+  add += AddColumnsBelow(1, 1, 1, Pending::kNothing);
+  add.calls += 2;
+  EXPECT_EQ(add, CostOf([&] {
+              return lorv_alter_table_add_columns(context(), u"A", reference, nullptr);
+            }));
+  Cost create = CreateTable(6, 0);
+  create.calls += 3;
+  EXPECT_EQ(create, CostOf([&] {
+              return lorv_create_table_by_names(context(), u"C", u"A", Columns(), nullptr);
+            }));
 }
 
 // The objects of a table are no part of any of these sums, but for the index over them.
