@@ -158,8 +158,9 @@ TEST_F(CreateIndexTest, NameInUse_IsRefusedOnAnyTable) {
   Create(u"Other", Columns().Long(u"a"));
   CreateIndex(u"I", u"T", {u"a"});
   for (char16_t const* table : {u"T", u"Other"}) {
-    ExpectRefusedUntouched(4187, u"Index I already exists.",
-                           [&] { return ByNames(u"I", table, {{u"a", 1}}); });
+    ExpectRefusedUntouched(4187, u"Index I already exists.", [&] {
+      return ByNames(u"I", table, {{u"a", 1}});
+    });
   }
   ExpectRefusedUntouched(4187, u"Index I already exists.",
                          [&] { return ByOrdinals(u"I", 0, {3}); });
@@ -183,20 +184,23 @@ TEST_F(CreateIndexTest, ChildTables_GetNoIndexRows) {
 }
 
 TEST_F(CreateIndexTest, UnknownTable_IsRefused) {
-  ExpectRefusedUntouched(15003, u"Table Nobody not found.",
-                         [&] { return ByNames(u"I", u"Nobody", {{u"a", 1}}); });
+  ExpectRefusedUntouched(15003, u"Table Nobody not found.", [&] {
+    return ByNames(u"I", u"Nobody", {{u"a", 1}});
+  });
 }
 
 TEST_F(CreateIndexTest, UnknownColumn_IsRefused) {
   Create(u"a.T", Columns().Long(u"a"));
-  ExpectRefusedUntouched(4300, u"Column b isn't found in table a.T and ancestor tables.",
-                         [&] { return ByNames(u"I", u"a.T", {{u"a", 1}, {u"b", 1}}); });
+  ExpectRefusedUntouched(4300, u"Column b isn't found in table a.T and ancestor tables.", [&] {
+    return ByNames(u"I", u"a.T", {{u"a", 1}, {u"b", 1}});
+  });
 }
 
 TEST_F(CreateIndexTest, UnknownOrdinal_IsRefused) {
   Create(u"T", Columns().Long(u"a"));
-  ExpectRefusedUntouched(7035, u"Raw column 4 doesn't exist for index I.",
-                         [&] { return ByOrdinals(u"I", 0, {3, 4}); });
+  ExpectRefusedUntouched(7035, u"Raw column 4 doesn't exist for index I.", [&] {
+    return ByOrdinals(u"I", 0, {3, 4});
+  });
 }
 
 TEST_F(CreateIndexTest, DeferredReferenceColumn_EndsTheProcess) {

@@ -66,8 +66,8 @@ TEST_F(CreateTableTest, FirstTables_GetTheNextSpecifiersAndTypeIds) {
 TEST_F(CreateTableTest, DerivedTable_HasInheritedColumnsFirst) {
   Create(u"Base", Columns().Long(u"a").String(u"b"));
   Create(u"Derived", Columns().Double(u"c").Bool(u"d", true), u"Base");
-  EXPECT_EQ(WithRootColumns({"3 a long inherited", "4 b string null inherited", "5 c double",
-                             "6 d bool null"}),
+  EXPECT_EQ(WithRootColumns(
+                {"3 a long inherited", "4 b string null inherited", "5 c double", "6 d bool null"}),
             ColumnsOf(u"Derived"));
   ExpectKernelAgrees(u"Base");
 }

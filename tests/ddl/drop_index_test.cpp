@@ -1,6 +1,6 @@
-#include "support/catalogue.h"
-
 #include <utility>
+
+#include "support/catalogue.h"
 
 namespace sagleme_test {
 namespace {
@@ -93,9 +93,9 @@ TEST_F(DropIndexTest, UnknownTable_IsRefused) {
 
 TEST_F(DropIndexTest, AmbiguousTable_IsRefused) {
   Create(u"Other.T");
-  ExpectRefusedUntouched(
-      7039, u"Incomplete table name T matches more than one table: App.T, Other.T.",
-      [&] { return ByTableAndName(u"T", u"I"); });
+  ExpectRefusedUntouched(7039,
+                         u"Incomplete table name T matches more than one table: App.T, Other.T.",
+                         [&] { return ByTableAndName(u"T", u"I"); });
 }
 
 TEST_F(DropIndexTest, IndexOfAnotherTable_IsRefused) {

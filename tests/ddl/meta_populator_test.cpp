@@ -1,6 +1,6 @@
-#include "support/catalogue.h"
-
 #include <stdexcept>
+
+#include "support/catalogue.h"
 
 namespace sagleme_test {
 namespace {
@@ -29,9 +29,8 @@ TEST_F(MetaPopulatorTest, ChildOfTheRoot_GetsTheThreeHiddenColumns) {
 
 TEST_F(MetaPopulatorTest, CopyFromNoParent_WritesNothing) {
   RawView const table = BareTable(u"Bare");
-  ExpectUntouched([&] {
-    EXPECT_EQ(0, MetaPopul8r(true).CopyParentColumns(table, db_util::null_obj_ref));
-  });
+  ExpectUntouched(
+      [&] { EXPECT_EQ(0, MetaPopul8r(true).CopyParentColumns(table, db_util::null_obj_ref)); });
 }
 
 TEST_F(MetaPopulatorTest, CopyFromParentWithoutColumns_WritesNothing) {
@@ -130,15 +129,15 @@ TEST_F(MetaPopulatorTest, TypeRowOfAnotherTable_IsRefused) {
 }
 
 TEST_F(MetaPopulatorTest, ReferenceWithoutTypeName_IsRefused) {
-  ExpectRefused(15002, u"Reference type name missing in column c.",
-                lorv_create_table_by_names(context(), u"T", nullptr, Columns().Ref(u"c", nullptr),
-                                           nullptr));
+  ExpectRefused(
+      15002, u"Reference type name missing in column c.",
+      lorv_create_table_by_names(context(), u"T", nullptr, Columns().Ref(u"c", nullptr), nullptr));
 }
 
 TEST_F(MetaPopulatorTest, UnknownPrimitiveType_IsRefused) {
-  ExpectRefused(15002, u"Primitive type 77 not found for column c.",
-                lorv_create_table_by_names(context(), u"T", nullptr, Columns().Add(77, u"c", true),
-                                           nullptr));
+  ExpectRefused(
+      15002, u"Primitive type 77 not found for column c.",
+      lorv_create_table_by_names(context(), u"T", nullptr, Columns().Add(77, u"c", true), nullptr));
 }
 
 TEST_F(MetaPopulatorTest, TypeThatMustBeNullable_IsRefused) {
@@ -154,8 +153,8 @@ TEST_F(MetaPopulatorTest, TypeThatMustBeNullable_IsRefused) {
 TEST_F(MetaPopulatorTest, TypeThatMustBeNullable_CarriesTheTable) {
   RawView const table = BareTable(u"a.Bare");
   try {
-    MetaPopul8r(false).PopulateColumnMeta(
-        table, LORV_COLUMN_DEFINITION_NAMES{1, nullptr, 0, u"c"}, 0, false);
+    MetaPopul8r(false).PopulateColumnMeta(table, LORV_COLUMN_DEFINITION_NAMES{1, nullptr, 0, u"c"},
+                                          0, false);
     ADD_FAILURE();
   } catch (metalayer::exceptions::BadNewColumnArg const& failure) {
     EXPECT_EQ(u"a.Bare", failure.table);
@@ -164,9 +163,9 @@ TEST_F(MetaPopulatorTest, TypeThatMustBeNullable_CarriesTheTable) {
 }
 
 TEST_F(MetaPopulatorTest, KeyThatIsNotNullable_PassesOutAsOutOfRange) {
-  EXPECT_THROW(lorv_create_table_by_names(context(), u"T", nullptr, Columns().Add(9, u"k", false),
-                                          nullptr),
-               std::out_of_range);
+  EXPECT_THROW(
+      lorv_create_table_by_names(context(), u"T", nullptr, Columns().Add(9, u"k", false), nullptr),
+      std::out_of_range);
 }
 
 TEST_F(MetaPopulatorTest, MissingReferencePrimitive_EndsTheProcess) {
@@ -189,8 +188,8 @@ TEST_F(MetaPopulatorTest, GapInTheParentsOrdinals_EndsTheProcess) {
   Create(u"Parent", Columns().Long(u"a").Long(u"b").Long(u"c"));
   metalayer::DeleteRow(ColumnRow(u"Parent", u"b"));
   RawView const child = BareTable(u"Child");
-  EXPECT_EXIT(MetaPopul8r(false).CopyParentColumns(child, View(u"Parent")),
-              KilledBySignal(SIGABRT), "");
+  EXPECT_EXIT(MetaPopul8r(false).CopyParentColumns(child, View(u"Parent")), KilledBySignal(SIGABRT),
+              "");
 }
 
 TEST_F(MetaPopulatorTest, ColumnRowOfAnotherTable_EndsTheProcess) {
@@ -205,8 +204,8 @@ TEST_F(MetaPopulatorTest, ColumnRowOfAnotherTable_EndsTheProcess) {
   metalayer::PutText(row, RawColumn::kName, u"odd");
   metalayer::PutLong(row, RawColumn::kColumnIndex, 3);
   RawView const child = BareTable(u"Child");
-  EXPECT_EXIT(MetaPopul8r(false).CopyParentColumns(child, View(u"Parent")),
-              KilledBySignal(SIGABRT), "");
+  EXPECT_EXIT(MetaPopul8r(false).CopyParentColumns(child, View(u"Parent")), KilledBySignal(SIGABRT),
+              "");
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
-#include "support/catalogue.h"
-
 #include <functional>
+
+#include "support/catalogue.h"
 
 namespace sagleme_test {
 namespace {
@@ -58,9 +58,8 @@ TEST_F(DdlUtilsTest, ToLorviColDefs_RoomForTheTerminatorAlone_IsRefused) {
   LORVI_COLUMN_DEFINITION out[1] = {};
   Definitions const none = Longs(0);
   ExpectThrown(1001, u"Number of column definitions exceeds the limit of 1.", [&] {
-    ddl::ToLorviColDefs(View(kRootTable),
-                        metalayer::span<LORV_COLUMN_DEFINITION_NAMES const>(none), 0,
-                        metalayer::span<LORVI_COLUMN_DEFINITION>(out));
+    ddl::ToLorviColDefs(View(kRootTable), metalayer::span<LORV_COLUMN_DEFINITION_NAMES const>(none),
+                        0, metalayer::span<LORVI_COLUMN_DEFINITION>(out));
   });
 }
 
@@ -68,9 +67,9 @@ TEST_F(DdlUtilsTest, ToLorviColDefs_SpanOf115_Takes113) {
   RawView const table = TableWithRows(114);
   LORVI_COLUMN_DEFINITION out[115] = {};
   Definitions const fits = Longs(113);
-  EXPECT_EQ(113, ddl::ToLorviColDefs(table,
-                                     metalayer::span<LORV_COLUMN_DEFINITION_NAMES const>(fits), 0,
-                                     metalayer::span<LORVI_COLUMN_DEFINITION>(out)));
+  EXPECT_EQ(113,
+            ddl::ToLorviColDefs(table, metalayer::span<LORV_COLUMN_DEFINITION_NAMES const>(fits), 0,
+                                metalayer::span<LORVI_COLUMN_DEFINITION>(out)));
   EXPECT_EQ(LORV_TYPE_LONG, out[112].type);
   EXPECT_EQ(0, out[113].type);
   Definitions const too_many = Longs(114);
@@ -100,10 +99,9 @@ TEST_F(DdlUtilsTest, ToLorviColDefs_WithoutCatalogueRow_EndsTheProcess) {
   RawView const table = TableWithRows(1);
   LORVI_COLUMN_DEFINITION out[115] = {};
   Definitions const two = Longs(2);
-  EXPECT_EXIT(
-      ddl::ToLorviColDefs(table, metalayer::span<LORV_COLUMN_DEFINITION_NAMES const>(two), 0,
-                          metalayer::span<LORVI_COLUMN_DEFINITION>(out)),
-      KilledBySignal(SIGABRT), "");
+  EXPECT_EXIT(ddl::ToLorviColDefs(table, metalayer::span<LORV_COLUMN_DEFINITION_NAMES const>(two),
+                                  0, metalayer::span<LORVI_COLUMN_DEFINITION>(out)),
+              KilledBySignal(SIGABRT), "");
 }
 
 TEST_F(DdlUtilsTest, ToLorviColDef_MapsTypesAndRefusesOthers) {
@@ -122,9 +120,9 @@ TEST_F(DdlUtilsTest, ToLorviColDef_MapsTypesAndRefusesOthers) {
 }
 
 TEST_F(DdlUtilsTest, CreateTable_WithRefusedType_IsNotMetByTheKernel) {
-  ExpectRefused(15002, u"Primitive type 11 not found for column x.",
-                lorv_create_table_by_names(context(), u"T", nullptr, Columns().Add(11, u"x", true),
-                                           nullptr));
+  ExpectRefused(
+      15002, u"Primitive type 11 not found for column x.",
+      lorv_create_table_by_names(context(), u"T", nullptr, Columns().Add(11, u"x", true), nullptr));
 }
 
 TEST_F(DdlUtilsTest, CreateKernelLayout_TokenTwice_EndsTheProcess) {
@@ -144,9 +142,8 @@ TEST_F(DdlUtilsTest, RecreateTable_TokenTwice_EndsTheProcess) {
 
 TEST_F(DdlUtilsTest, CreateKernelLayout_WithoutBase_StandsOnTheRoot) {
   LORVI_COLUMN_DEFINITION const columns[] = {{3, 0, 5000}, {0, 0, 0}};
-  uint16_t const layout =
-      ddl::CreateKernelLayout(u"Fresh", db_util::null_obj_ref,
-                              metalayer::span<LORVI_COLUMN_DEFINITION const>(columns));
+  uint16_t const layout = ddl::CreateKernelLayout(
+      u"Fresh", db_util::null_obj_ref, metalayer::span<LORVI_COLUMN_DEFINITION const>(columns));
   LORVI_LAYOUT_INFO info = {};
   ASSERT_EQ(0u, lorvi_context_get_layout_info(context(), layout, &info));
   EXPECT_EQ(TokenOf(u"Fresh"), info.token);

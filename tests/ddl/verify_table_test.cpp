@@ -56,8 +56,8 @@ TEST_F(VerifyTableTest, SystemTable_CanBeVerified) {
 TEST_F(VerifyTableTest, Mismatch_StillTellsTheLayout) {
   uint16_t const layout = Create(u"T", Columns().Long(u"a"));
   uint16_t told = 0;
-  EXPECT_EQ(15009u, lorv_create_table_by_names(context(), u"T", nullptr, Columns().Double(u"a"),
-                                               &told));
+  EXPECT_EQ(15009u,
+            lorv_create_table_by_names(context(), u"T", nullptr, Columns().Double(u"a"), &told));
   EXPECT_EQ(layout, told);
 }
 
@@ -80,8 +80,7 @@ TEST_F(VerifyTableTest, BaseColumnsInTheDefinition_AreHeldAgainstOwnOnes) {
   Create(u"Base", Columns().Long(u"b"));
   Create(u"T", Columns().Long(u"x"), u"Base");
   ExpectRefusedUntouched(
-      15009,
-      u"Schema of the input type does not match schema of existing type: T for column x.",
+      15009, u"Schema of the input type does not match schema of existing type: T for column x.",
       [&] { return Verify(u"T", Columns().Long(u"b").Long(u"x"), u"Base"); });
   ExpectSame(u"T", Columns().Long(u"x"), u"Base");
 }

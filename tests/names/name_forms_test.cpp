@@ -88,8 +88,7 @@ TEST_F(PopulateRawViewTest, TrailingDot_StaysInTheFullName) {
   metalayer::RawView const row =
       metalayer::PopulateRawView(u"Customer.", 4711, db_util::null_obj_ref, false);
   EXPECT_EQ("Customer.", TextOf(row, metalayer::RawView::kFullName));
-  EXPECT_EQ("Customer.Raw.Lorvenstack",
-            TextOf(row, metalayer::RawView::kUniqueIdentifierReversed));
+  EXPECT_EQ("Customer.Raw.Lorvenstack", TextOf(row, metalayer::RawView::kUniqueIdentifierReversed));
   EXPECT_EQ(0u, row.get_ref(metalayer::RawView::kInherits).oid);
   EXPECT_FALSE(metalayer::GetBool(row, metalayer::RawView::kUpdatable));
 }

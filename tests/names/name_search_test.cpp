@@ -1,6 +1,6 @@
-#include "support/catalogue.h"
-
 #include <stdexcept>
+
+#include "support/catalogue.h"
 
 namespace sagleme_test {
 namespace {
@@ -32,8 +32,7 @@ class NameSearchTest : public CatalogueTest {
                   Search(uid));
   }
   void ExpectNotFound(char16_t const* uid) {
-    ExpectRefused(15003,
-                  std::u16string(u"Table not found by incomplete reverse id ") + uid + u".",
+    ExpectRefused(15003, std::u16string(u"Table not found by incomplete reverse id ") + uid + u".",
                   Search(uid));
   }
   void ExpectDottedThrows(uint32_t status, std::u16string const& text, char16_t const* name) {

@@ -1,13 +1,14 @@
 #ifndef SAGLEME_TESTS_SUPPORT_CATALOGUE_H
 #define SAGLEME_TESTS_SUPPORT_CATALOGUE_H
 
-// The catalogue in words: what the rows of a table, its columns, its indexes and its pending requests
-// say, and what the kernel holds beside them. All of it reads through the thread's context.
-
-#include "support/database.h"
+// The catalogue in words: what the rows of a table, its columns, its indexes and its pending
+// requests say, and what the kernel holds beside them. All of it reads through the thread's
+// context.
 
 #include <string>
 #include <vector>
+
+#include "support/database.h"
 
 namespace sagleme_test {
 
@@ -23,9 +24,9 @@ uint16_t LayoutOfTable(char16_t const* table);
 std::string TextOf(LS_OBJ_REF const& row, unsigned int column);
 std::string SetspecOfTable(LS_OBJ_REF const& view);
 
-// One line per column, by ordinal: "3 Price long", then " null" and " inherited" where they are so. A
-// reference reads "reference(Target)", deferred "reference(Target?)", and "reference(Target as Name)"
-// when the stored name is not the target's.
+// One line per column, by ordinal: "3 Price long", then " null" and " inherited" where they are so.
+// A reference reads "reference(Target)", deferred "reference(Target?)", and "reference(Target as
+// Name)" when the stored name is not the target's.
 std::vector<std::string> ColumnsOf(LS_OBJ_REF const& view);
 std::vector<std::string> ColumnsOf(char16_t const* table);
 // The lines of the three columns that every table inherits, and then `others`.
@@ -53,8 +54,8 @@ std::vector<uint64_t> TokensOfLayout(uint16_t layout);
 // The token of a text, 0 for none.
 uint64_t TokenOf(std::u16string const& text);
 
-// Every object of the database, system rows included, with all values: one line per object in the order
-// of identities.
+// Every object of the database, system rows included, with all values: one line per object in the
+// order of identities.
 std::string DumpDatabase();
 
 // Objects with the table's set specifier or one below it, in the order of identities.

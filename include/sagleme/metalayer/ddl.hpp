@@ -93,7 +93,7 @@ SAGLEME_API void RegisterMove(RawView const& view);
 
 namespace metalayer::ddl {
 
-// ---- shared by all schema changes ------------------------------------------------------------------
+// ---- shared by all schema changes ---------------------------------------------------------------
 
 // One definition as the kernel takes it, with the token given. 4226 for a type that is none.
 SAGLEME_API void ToLorviColDef(LORV_COLUMN_DEFINITION const& definition, unsigned long token,
@@ -140,7 +140,7 @@ void EnumColumns(RawView const& table, int first, int end, Callable&& callable);
 template <typename Callable>
 void EnumChildren(LS_OBJ_REF parent, Callable&& callable);
 
-// ---- tables ----------------------------------------------------------------------------------------
+// ---- tables -------------------------------------------------------------------------------------
 
 // Both create a table, or, when one of that name exists, hold it against the definition and write
 // nothing, the schema generation included. A null base is the root of all layouts.
@@ -207,7 +207,7 @@ SAGLEME_API void DropMutuallyReferencingTables(std::vector<DottedName> const& na
 // Forgets every mapped property and every class. The schema generation stays.
 SAGLEME_API void CleanClrMetadata();
 
-// ---- indexes ---------------------------------------------------------------------------------------
+// ---- indexes ------------------------------------------------------------------------------------
 
 // All create an index of at most 15 columns over a table and its descendants; its name is unique in
 // the database. `columns` are ordinals ended by -1, bit i of `sort_mask` makes the i-th column
