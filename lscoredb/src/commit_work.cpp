@@ -207,20 +207,23 @@ void CommitWork::ApplyIndexes() {
 void CommitWork::CountChange(PendingRow const& row) {
   if (!row.inserted()) {
     --counts_[row.original_layout->number()].objects;
-    Cell const setspec = OriginalOf(row).Setspec();
-    if (setspec.present) {
-      Unpack(setspec.text(), text_);
-      changed_sets_.insert(text_);
-    }
+    NoteSet(OriginalOf(row).Setspec());
   }
   if (row.deleted) return;
   CountDelta& delta = counts_[row.layout->number()];
   ++delta.objects;
   delta.example = &row;
-  if (row.setspec.present) {
-    Unpack(row.setspec.text(), text_);
-    changed_sets_.insert(text_);
-  }
+  NoteSet(row.setspec);
+}
+
+void CommitWork::NoteSet(Cell const& setspec) {
+  if (!setspec.present) return;
+  bool const again = setspec.bytes() == last_set_ && setspec.wide == last_wide_;
+  if (again && !changed_sets_.empty()) return;
+  Unpack(setspec.text(), text_);
+  changed_sets_.insert(text_);
+  last_set_ = setspec.bytes();
+  last_wide_ = setspec.wide;
 }
 
 void CommitWork::ApplyCounts() {

@@ -46,6 +46,7 @@ class CommitWork {
   void ApplyLayouts();
   void ApplyIndexes();
   void CountChange(PendingRow const& row);
+  void NoteSet(Cell const& setspec);
   void ApplyCounts();
   void ApplySetChanges();
 
@@ -67,6 +68,8 @@ class CommitWork {
   std::u16string text_;
   std::map<LayoutNumber, CountDelta> counts_;
   std::set<std::u16string> changed_sets_;
+  std::string last_set_;  // the packed bytes of the one noted last: rows of one set come together
+  bool last_wide_ = false;
 };
 
 }  // namespace lscore

@@ -22,7 +22,8 @@ class HandleTable {
  public:
   T* Find(std::uint64_t handle) const {
     std::uint64_t const slot = handle & 0xFFFFFFFF;
-    if (slot / kChunk >= kChunks) return nullptr;
+    // A slot out of use holds 0, which must not pass for the handle of slot 0.
+    if (handle == 0 || slot / kChunk >= kChunks) return nullptr;
     Chunk const* const chunk = chunks_[slot / kChunk].load(std::memory_order_acquire);
     if (chunk == nullptr) return nullptr;
     Slot const& at = (*chunk)[slot % kChunk];
