@@ -25,7 +25,12 @@ std::uint64_t FromEnvironment(char const* name, std::uint64_t otherwise) {
   return text == nullptr ? otherwise : std::strtoull(text, nullptr, 10);
 }
 
-constexpr std::size_t kStepsOfLeg = 250;
+// Where a run is cut: another place for each seed and leg.
+std::size_t StepsOfLeg(std::uint64_t seed, std::size_t leg) {
+  std::mt19937_64 random(seed * 1000 + leg);
+  return 50 + random() % 400;
+}
+
 constexpr std::size_t kRemembered = 60;  // operations told of a run that failed
 
 enum class StepKind { kOperation, kCommit, kRollback };
@@ -87,6 +92,7 @@ class Script {
 struct Run {
   std::uint64_t seed;
   std::size_t leg;
+  std::size_t first_step;  // of the leg
   std::string directory;
   std::filesystem::path identities;
 };
@@ -100,7 +106,8 @@ class Leg {
   std::string Play() {
     Open();
     if (differences_.empty()) CompareAll();
-    for (std::size_t i = 0; i < kStepsOfLeg && differences_.empty(); ++i) Take(script_.Next());
+    std::size_t const steps = StepsOfLeg(run_.seed, run_.leg);
+    for (std::size_t i = 0; i < steps && differences_.empty(); ++i) Take(script_.Next());
     if (differences_.empty()) Take(script_.End());
     session_.identities().Save(run_.identities);
     *metalayer::TlsMetalayerContext::Current() = 0;
@@ -158,7 +165,7 @@ class Leg {
   }
 
   void Remember(std::string const& line) {
-    history_.push_back(std::to_string(run_.leg * kStepsOfLeg + steps_) + " " + line);
+    history_.push_back(std::to_string(run_.first_step + steps_) + " " + line);
     if (history_.size() > kRemembered) history_.pop_front();
   }
 
@@ -178,16 +185,17 @@ class Leg {
   std::size_t steps_ = 0;
 };
 
-void Replay(Script& script, std::size_t legs) {
-  for (std::size_t leg = 0; leg < legs; ++leg) {
-    for (std::size_t i = 0; i < kStepsOfLeg; ++i) script.Next();
+void Replay(Script& script, Run const& run) {
+  for (std::size_t leg = 0; leg < run.leg; ++leg) {
+    std::size_t const steps = StepsOfLeg(run.seed, leg);
+    for (std::size_t i = 0; i < steps; ++i) script.Next();
     script.End();
   }
 }
 
 int PlayLeg(Run const& run) {
   Script script(run.seed);
-  Replay(script, run.leg);
+  Replay(script, run);
   std::string wrong;
   {
     Leg leg(run, script);
@@ -199,10 +207,11 @@ int PlayLeg(Run const& run) {
 
 void PlaySeed(std::uint64_t seed, std::size_t steps) {
   sagleme_test::TemporaryDirectory directory;
-  Run run{seed, 0, directory.path() + "/database", directory.path() + "/identities"};
-  for (; run.leg * kStepsOfLeg < steps; ++run.leg) {
+  Run run{seed, 0, 0, directory.path() + "/database", directory.path() + "/identities"};
+  while (run.first_step < steps) {
     ASSERT_EQ(0, sagleme_test::InChildProcess([&] { return PlayLeg(run); }))
         << "seed " << seed << ", leg " << run.leg;
+    run.first_step += StepsOfLeg(seed, run.leg++);
   }
 }
 
