@@ -220,14 +220,14 @@ class ModelRun : public ::testing::TestWithParam<std::uint64_t> {};
 TEST_P(ModelRun, DatabaseAndModelAgreeAtEveryStep) {
   std::uint64_t const first = FromEnvironment("SAGLEME_MODEL_FIRST_SEED", 1);
   std::uint64_t const seeds = FromEnvironment("SAGLEME_MODEL_SEEDS", 1);
-  std::size_t const steps = FromEnvironment("SAGLEME_MODEL_STEPS", 1000);
+  std::size_t const steps = FromEnvironment("SAGLEME_MODEL_STEPS", 1500);
   for (std::uint64_t i = 0; i < seeds; ++i) {
     PlaySeed(first + GetParam() + i * 1000, steps);
     if (HasFatalFailure()) return;
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Seeds, ModelRun, ::testing::Range<std::uint64_t>(0, 6));
+INSTANTIATE_TEST_SUITE_P(Seeds, ModelRun, ::testing::Range<std::uint64_t>(0, 10));
 
 }  // namespace
 
