@@ -242,7 +242,8 @@ std::optional<Bytes> Session::Binary(Oid oid, std::uint32_t column, LayoutId lay
   auto const record =
       Read<LORV_BINARY*>("get_binary", lorv_context_get_binary, context_, oid, layout, column);
   if (!record) return std::nullopt;
-  return Bytes((*record)->bytes, (*record)->bytes + (*record)->length);
+  std::uint8_t const* const bytes = (*record)->bytes;  // more of them than the record declares
+  return Bytes(bytes, bytes + (*record)->length);
 }
 
 std::optional<Oid> Session::RefId(Oid oid, std::uint32_t column, LayoutId layout) {
