@@ -82,8 +82,7 @@ TEST_F(BootstrapTest, SecondRunInTheSameProcess_WritesNothing) {
   ExpectCurrent();
 }
 
-// ---- numbers
-// --------------------------------------------------------------------------------------
+// ---- numbers ------------------------------------------------------------------------------------
 
 class NewDatabase : public DatabaseTest {};
 

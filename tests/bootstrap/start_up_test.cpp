@@ -120,8 +120,7 @@ TEST_F(StartUpTest, ReadiedClasses_AllowCatalogueReadsWithoutStartUp) {
   });
 }
 
-// ---- versions
-// ----------------------------------------------------------------------------------------
+// ---- versions -----------------------------------------------------------------------------------
 
 TEST_F(StartUpTest, OlderVersion_IsRefusedWithBothNumbers) {
   Change([] { SetVersion(8); });
@@ -157,8 +156,7 @@ TEST(Version, IsNineWithoutAnyDatabase) { EXPECT_EQ(9u, lorv_get_metaschema_vers
 
 TEST(Version, OfTheLibrary_IsNoMismatch) { EXPECT_NO_THROW(ReportSchemaMismatchIf(9)); }
 
-// ---- the generation
-// ------------------------------------------------------------------------------------
+// ---- the generation -----------------------------------------------------------------------------
 
 class Generation : public DatabaseTest {};
 

@@ -105,8 +105,7 @@ TEST(LogicalTypes, WithoutNullability_AreOutOfRange) {
   EXPECT_THROW(IsDbTypeNullable(11), std::out_of_range);
 }
 
-// ---- by reference
-// --------------------------------------------------------------------------------------
+// ---- by reference -------------------------------------------------------------------------------
 
 class TypeReference : public DatabaseTest {
  protected:

@@ -25,8 +25,7 @@ class Upgrade : public BootstrapTest {
   }
 };
 
-// ---- the version row
-// -------------------------------------------------------------------------------
+// ---- the version row ----------------------------------------------------------------------------
 
 TEST_F(Upgrade, VersionEight_IsRaised) {
   Change([] { SetVersion(8); });
@@ -64,8 +63,7 @@ TEST_F(Upgrade, NextVersion_IsRefused) {
       outcome.text);
 }
 
-// ---- the generation row
-// ----------------------------------------------------------------------------
+// ---- the generation row -------------------------------------------------------------------------
 
 TEST_F(Upgrade, MissingGeneration_StartsAtZero) {
   Change([] { EXPECT_EQ(1, DeleteObjects(UserSchemaGeneration::setspec())); });
@@ -78,8 +76,7 @@ TEST_F(Upgrade, Generation_IsKept) {
   EXPECT_EQ(1u, Generation());
 }
 
-// ---- the index over the texts of set specifiers
-// ------------------------------------------------------
+// ---- the index over the texts of set specifiers -------------------------------------------------
 
 TEST_F(Upgrade, UniqueSpecifierIndex_IsReplacedByOneThatIsNot) {
   Change([] { MakeSpecifierIndexUnique(); });
@@ -142,8 +139,7 @@ TEST_F(Upgrade, UniqueIndexOfSpecifiers_IsCreatedWhereOlderVersionsHaveNone) {
   ExpectRepaired(kYields);
 }
 
-// ---- the index of primitive types
-// --------------------------------------------------------------------
+// ---- the index of primitive types ---------------------------------------------------------------
 
 TEST_F(Upgrade, PrimitiveTypeIndex_IsCreatedWhereOlderVersionsHaveNone) {
   Change([] {
@@ -160,8 +156,7 @@ TEST_F(Upgrade, OldPrimitiveTypeIndex_IsDroppedWithAYieldOfItsOwn) {
   ExpectRepaired(kYields + 1);
 }
 
-// ---- the oldest of all
-// ---------------------------------------------------------------------------------
+// ---- the oldest of all --------------------------------------------------------------------------
 
 TEST_F(Upgrade, EverythingOldAtOnce_IsRepairedInOneRun) {
   Change([] {
@@ -182,8 +177,7 @@ TEST_F(Upgrade, EverythingOldAtOnce_IsRepairedInOneRun) {
   ExpectCurrent();
 }
 
-// ---- type ids
-// ------------------------------------------------------------------------------------------
+// ---- type ids -----------------------------------------------------------------------------------
 
 TEST_F(Upgrade, UserTableWithoutTypeId_GetsTheNextOne) {
   Change([] {
@@ -216,8 +210,7 @@ TEST_F(Upgrade, SystemTableWithoutTypeIdInAnUnfinishedDatabase_GetsOne) {
   });
 }
 
-// ---- a table that older versions do not have
-// -----------------------------------------------------
+// ---- a table that older versions do not have ----------------------------------------------------
 
 constexpr char16_t const* kNewTable = u"Lorvenstack.Internal.Metadata.UserSchemaGeneration";
 

@@ -128,8 +128,7 @@ TEST_F(DescriptorsInDatabase, LayoutWithoutTable_IsZero) {
   EXPECT_EXIT(table.verify(), kTrap, "");
 }
 
-// ---- indexes
-// --------------------------------------------------------------------------------------------
+// ---- indexes ------------------------------------------------------------------------------------
 
 TEST_F(DescriptorsInDatabase, FirstIndex_TellsTheSetSpecifier) {
   INDEX_INFO& index = Known(u"RawView").indexes[0];

@@ -143,8 +143,7 @@ TEST_F(Descriptors, PredefinedTokens_ComeTableByTable) {
             reported);
 }
 
-// ---- records that no table has
-// ----------------------------------------------------------------------
+// ---- records that no table has ------------------------------------------------------------------
 
 TEST(Records, NullabilityOfAColumn_FollowsFromItsType) {
   for (unsigned char type = 1; type <= 10; ++type) {

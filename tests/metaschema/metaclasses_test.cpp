@@ -40,8 +40,21 @@ TEST(FreshProcess, InitWithoutTables_IsRefusedUntilTheyExist) {
   EXPECT_EQ(0u, CodeOf([] { TokenMain::Init(); }));
 }
 
-// ---- statics
-// --------------------------------------------------------------------------------------
+TEST(FreshProcess, ClassOfATableThatComesLater_IsReadiedOnceItExists) {
+  constexpr int kYieldOfTokens = 5;
+  Database database;
+  ASSERT_EQ(0u, database.BootstrapUpTo(kYieldOfTokens));
+  database.Begin();
+  *TlsMetalayerContext::Current() = database.context();
+  EXPECT_EQ(4230u, CodeOf([] { Vacuum::Init(u"", 0); }));
+  database.Rollback();
+  ASSERT_EQ(0u, database.Bootstrap());
+  database.Begin();
+  EXPECT_NE(0, Vacuum::Init(u"", 0));
+  EXPECT_EQ(u"d~", Vacuum::setspec());
+}
+
+// ---- statics ------------------------------------------------------------------------------------
 
 class Metaclasses : public DatabaseTest {};
 
@@ -88,8 +101,7 @@ TEST_F(Metaclasses, InitsInTableOrder_GiveTheTableIds) {
   }
 }
 
-// ---- kernel ids
-// -------------------------------------------------------------------------------------
+// ---- kernel ids ---------------------------------------------------------------------------------
 
 TEST_F(Metaclasses, IndexOfAnUnknownToken_IsNoFailure) {
   LORVI_INDEX_INFO info{};
@@ -121,8 +133,7 @@ TEST_F(Metaclasses, TwoIndexesOfOneToken_EndTheProcess) {
   EXPECT_EXIT(get_index_info_by_token(token, &info), ::testing::KilledBySignal(SIGABRT), "");
 }
 
-// ---- rows
-// -------------------------------------------------------------------------------------------
+// ---- rows ---------------------------------------------------------------------------------------
 
 TEST_F(Metaclasses, Insert_FillsEveryColumn) {
   LS_OBJ_REF const target{RawView::ByRawViewPK(RawView::metaclass_layout_handle())};
@@ -183,8 +194,7 @@ TEST_F(Metaclasses, InsertInAReadOnlyTransaction_IsTheKernelsFailure) {
   EXPECT_EQ(LSCOREDB_READ_ONLY, CodeOf([] { Configuration::Insert(u"Some", 1); }));
 }
 
-// ---- lookups
-// ------------------------------------------------------------------------------------------
+// ---- lookups ------------------------------------------------------------------------------------
 
 TEST_F(Metaclasses, LookupsThatFindNothing_AreNoFailure) {
   EXPECT_TRUE(RawView::ByRawViewPK(0).is_null());

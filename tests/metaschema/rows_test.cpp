@@ -107,8 +107,7 @@ TEST_F(SystemRows, BaseWithoutView_EndsTheProcess) {
   EXPECT_EXIT(table.populate_raw_view(), kTrap, "");
 }
 
-// ---- columns
-// ------------------------------------------------------------------------------------------
+// ---- columns ------------------------------------------------------------------------------------
 
 TEST_F(SystemRows, FirstOwnColumn_IsTheSignThatAllWereWritten) {
   TABLE_INFO& table = Known(u"Index");
@@ -134,8 +133,7 @@ TEST_F(SystemRows, MissingOwnColumns_AreWritten) {
   EXPECT_FALSE(GetBool(column, RawColumn::kInherited));
 }
 
-// ---- indexes
-// --------------------------------------------------------------------------------------------
+// ---- indexes ------------------------------------------------------------------------------------
 
 TEST_F(SystemRows, IndexRow_IsTheSignThatItsColumnsWereWritten) {
   TABLE_INFO& table = Known(u"Index");

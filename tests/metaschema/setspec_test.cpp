@@ -56,8 +56,7 @@ TEST(Parents, AreUpToTheSeparatorBefore) {
   EXPECT_EQ(u"a~", ParentSetspec(u"a~b"));
 }
 
-// ---- in a database
-// ----------------------------------------------------------------------------------
+// ---- in a database ------------------------------------------------------------------------------
 
 class Setspecs : public DatabaseTest {
  protected:
@@ -131,8 +130,7 @@ TEST_F(Setspecs, EmptyRange_LeavesTheIteratorAtNothing) {
   EXPECT_EQ(0u, objects.current.oid);
 }
 
-// ---- exported
-// -----------------------------------------------------------------------------------------
+// ---- exported -----------------------------------------------------------------------------------
 
 TEST_F(Setspecs, NullReference_IsRefused) {
   char16_t const* name = u"before";
@@ -178,8 +176,7 @@ TEST_F(Setspecs, SpecifierOfATable_IsFoundByItsReversedName) {
   EXPECT_EQ(u"e~~", std::u16string(name));
 }
 
-// ---- of system tables
-// -----------------------------------------------------------------------------------
+// ---- of system tables ---------------------------------------------------------------------------
 
 class SystemSetspecs : public Setspecs {
  protected:

@@ -47,8 +47,7 @@ class TypeIds : public DatabaseTest {
   std::vector<std::u16string> column_names_;
 };
 
-// ---- giving type ids
-// ------------------------------------------------------------------------------
+// ---- giving type ids ----------------------------------------------------------------------------
 
 TEST_F(TypeIds, Next_IsOneAboveTheHighest) {
   LS_OBJ_REF const first = Configuration::Insert(u"First", 1);
@@ -102,8 +101,7 @@ TEST_F(TypeIds, TableOfAnotherNumber_EndsTheProcess) {
   EXPECT_EXIT(AssureTypeId(100, View(u"Lorvenstack.Metadata.RawView")), kTrap, "");
 }
 
-// ---- by type id
-// -------------------------------------------------------------------------------------
+// ---- by type id ---------------------------------------------------------------------------------
 
 TEST_F(TypeIds, LoadedView_IsCached) {
   RawView const view = View(u"Lorvenstack.Metadata.Index");
@@ -173,8 +171,7 @@ TEST_F(TypeIds, RootOfTheTopmostTable_IsTheKernelsFailure) {
   }
 }
 
-// ---- by layout number
-// ---------------------------------------------------------------------------------
+// ---- by layout number ---------------------------------------------------------------------------
 
 TEST_F(TypeIds, CurrentLayout_GivesTheTypeAndFillsItsEntry) {
   unsigned short const layout = Create(u"App.Item");
