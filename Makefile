@@ -38,7 +38,7 @@ run: setup $(BUILD)/build.ninja
 	$(EXAMPLE)/packages $(STATUS) --database $(DATA)/packages $(ARGS)
 
 test: build
-	ctest --test-dir $(BUILD) --output-on-failure -j2
+	ctest --test-dir $(BUILD) --output-on-failure -j$$(nproc)
 
 lint:
 	tools/lint $(BUILD)
