@@ -91,11 +91,12 @@ TEST_F(DropIndexTest, UnknownTable_IsRefused) {
                          [&] { return ByTableAndName(u"No.Body", u"I"); });
 }
 
+// The third whose name begins so is a system table.
 TEST_F(DropIndexTest, AmbiguousTable_IsRefused) {
   Create(u"Other.T");
-  ExpectRefusedUntouched(7039,
-                         u"Incomplete table name T matches more than one table: App.T, Other.T.",
-                         [&] { return ByTableAndName(u"T", u"I"); });
+  ExpectRefusedUntouched(
+      7039, u"Incomplete table name T matches more than one table: App.T, Other.T, and more.",
+      [&] { return ByTableAndName(u"T", u"I"); });
 }
 
 TEST_F(DropIndexTest, IndexOfAnotherTable_IsRefused) {

@@ -218,12 +218,12 @@ TEST_F(DdlUtilsTest, NonInheritedColumn_IsTheTablesOwn) {
 }
 
 TEST_F(DdlUtilsTest, ColumnsCount_IsTheHighestOrdinalPlusOne) {
-  Create(u"T", Columns().Long(u"a"));
-  EXPECT_EQ(4, ddl::GetColumnsCount(View(u"T")));
+  Create(u"Real", Columns().Long(u"a"));
+  EXPECT_EQ(4, ddl::GetColumnsCount(View(u"Real")));
   EXPECT_EQ(0, ddl::GetColumnsCount(TableWithRows(0)));
   EXPECT_EQ(0, ddl::GetColumnsCount(RawView()));
-  metalayer::PutLong(ColumnRow(u"T", u"a"), RawColumn::kColumnIndex, 32767);
-  EXPECT_EQ(32768, ddl::GetColumnsCount(View(u"T")));
+  metalayer::PutLong(ColumnRow(u"Real", u"a"), RawColumn::kColumnIndex, 32767);
+  EXPECT_EQ(32768, ddl::GetColumnsCount(View(u"Real")));
 }
 
 TEST_F(DdlUtilsTest, ExistingTableAndIndex_FailByName) {

@@ -1,0 +1,203 @@
+#include "support/catalogue.h"
+
+namespace sagleme_test {
+namespace {
+
+using metalayer::RawView;
+using metalayer::SetSpecifier;
+using metalayer::TypeIdsMeta;
+using ::testing::KilledBySignal;
+
+class DropTableTest : public CatalogueTest {
+ protected:
+  uint32_t Drop(char16_t const* name, bool drop_children = false, bool force = false) {
+    return lorv_drop_table_by_name(context(), name, drop_children, force);
+  }
+  int CountColumnRows(LS_OBJ_REF const& view) {
+    int count = 0;
+    db_util::db_iter_with_keys rows;
+    metalayer::Key(rows.first_key).Ref(view);
+    metalayer::Key(rows.last_key).Ref(view);
+    rows.open(metalayer::RawColumn::index_id_RawColumnPK(), metalayer::kForward);
+    while (rows.next()) ++count;
+    return count;
+  }
+};
+
+TEST_F(DropTableTest, RemovesRowsAndAsksForDeletion) {
+  uint16_t const layout = Create(u"T", Columns().Long(u"a").Ref(u"r", u"No"));
+  RawView const view = View(u"T");
+  std::string const setspec = SetspecOfTable(view);
+  uint64_t const generation = Generation();
+  ExpectOk(Drop(u"T"));
+  EXPECT_TRUE(View(u"T").is_null());
+  EXPECT_EQ(0, CountColumnRows(view));
+  EXPECT_EQ((Request{2, layout}), RequestOfSetspec(setspec));
+  EXPECT_EQ(generation + 1, Generation());
+}
+
+TEST_F(DropTableTest, LeavesSpecifierTypeIdLayoutAndObjects) {
+  uint16_t const layout = Create(u"T", Columns().Long(u"a"));
+  RawView const view = View(u"T");
+  uint64_t const object = CreateObject(u"T");
+  WriteLong(u"T", u"a", object, 5);
+  ExpectOk(Drop(u"T"));
+  EXPECT_FALSE(SetSpecifier::ByType(view).is_null());
+  EXPECT_FALSE(TypeIdsMeta::ByTypeIdsMeta_Type(view).is_null());
+  int64_t value = 0;
+  EXPECT_EQ(0u, lorv_context_get_long(context(), object, layout, 3, &value));
+  EXPECT_EQ(5, value);
+}
+
+TEST_F(DropTableTest, PendingMove_BecomesADelete) {
+  Create(u"T");
+  uint16_t const layout = AddColumns(u"T", Columns().Long(u"a"));
+  std::string const setspec = SetspecOfTable(View(u"T"));
+  ExpectOk(Drop(u"T"));
+  EXPECT_EQ(1, CountRequests());
+  EXPECT_EQ((Request{2, layout}), RequestOfSetspec(setspec));
+}
+
+TEST_F(DropTableTest, Indexes_GoWithTheTable) {
+  Create(u"T", Columns().Long(u"a"));
+  CreateIndex(u"I", u"T", {u"a"});
+  CreateIndex(u"J", u"T", {u"-a"}, true);
+  uint64_t const generation = Generation();
+  ExpectOk(Drop(u"T"));
+  EXPECT_TRUE(metalayer::Index::ByIndexPK(u"I").is_null());
+  EXPECT_TRUE(metalayer::Index::ByIndexPK(u"J").is_null());
+  LORVI_INDEX_INFO info = {};
+  EXPECT_EQ(LORV_STATUS_NO_INDEX, metalayer::get_index_info_by_token(TokenOf(u"I"), &info));
+  EXPECT_EQ(generation + 3, Generation());
+}
+
+TEST_F(DropTableTest, Children_HoldTheTable) {
+  Create(u"a.Parent");
+  Create(u"b.First", {}, u"a.Parent");
+  ExpectRefusedUntouched(15013, u"Table a.Parent still has child b.First.",
+                         [&] { return Drop(u"a.Parent"); });
+  Create(u"b.Second", {}, u"a.Parent");
+  ExpectRefusedUntouched(15013, u"Table a.Parent still has child b.First and another.",
+                         [&] { return Drop(u"a.Parent"); });
+  Create(u"b.Third", {}, u"a.Parent");
+  ExpectRefusedUntouched(15013, u"Table a.Parent still has child b.First and others.",
+                         [&] { return Drop(u"a.Parent", false, true); });
+  Create(u"b.Fourth", {}, u"a.Parent");
+  ExpectRefusedUntouched(15013, u"Table a.Parent still has child b.First and others.",
+                         [&] { return Drop(u"a.Parent"); });
+}
+
+TEST_F(DropTableTest, WithChildren_AdvancesTheGenerationPerTable) {
+  Create(u"Parent");
+  Create(u"Child", {}, u"Parent");
+  std::string const parent = SetspecOfTable(View(u"Parent"));
+  std::string const child = SetspecOfTable(View(u"Child"));
+  uint64_t const generation = Generation();
+  ExpectOk(Drop(u"Parent", true));
+  EXPECT_EQ(generation + 2, Generation());
+  EXPECT_TRUE(View(u"Parent").is_null());
+  EXPECT_TRUE(View(u"Child").is_null());
+  EXPECT_EQ(2u, RequestOfSetspec(parent).kind);
+  EXPECT_EQ(2u, RequestOfSetspec(child).kind);
+}
+
+TEST_F(DropTableTest, WithChildren_DropsTheWholeTree) {
+  Create(u"Parent");
+  for (int i = 0; i < 20; ++i) {
+    std::u16string const name = u"Child" + Utf16(std::to_string(i));
+    Create(name.c_str(), {}, u"Parent");
+    Create((name + u"Below").c_str(), {}, name.c_str());
+  }
+  uint64_t const generation = Generation();
+  ExpectOk(Drop(u"Parent", true));
+  EXPECT_EQ(generation + 41, Generation());
+  EXPECT_EQ(41, CountRequests());
+  EXPECT_TRUE(View(u"Child19Below").is_null());
+}
+
+TEST_F(DropTableTest, ReferenceColumn_HoldsTheTable) {
+  Create(u"a.Target");
+  Create(u"b.Referrer", Columns().Ref(u"r", u"a.Target"));
+  ExpectRefusedUntouched(
+      15012, u"Table a.Target is still referenced at least by column r from table b.Referrer.",
+      [&] { return Drop(u"a.Target"); });
+  ExpectOk(Drop(u"a.Target", false, true));
+}
+
+TEST_F(DropTableTest, ReferenceToADescendant_IsFoundThere) {
+  Create(u"Parent");
+  Create(u"Child", {}, u"Parent");
+  Create(u"Referrer", Columns().Ref(u"r", u"Child"));
+  ExpectRefusedUntouched(
+      15012, u"Table Child is still referenced at least by column r from table Referrer.",
+      [&] { return Drop(u"Parent", true); });
+}
+
+TEST_F(DropTableTest, ReferringColumnWithoutTable_HasAnEmptyName) {
+  Create(u"Target");
+  Create(u"Referrer", Columns().Ref(u"r", u"Target"));
+  metalayer::PutRef(ColumnRow(u"Referrer", u"r"), metalayer::RawColumn::kTable,
+                    db_util::null_obj_ref);
+  ExpectRefused(15012, u"Table Target is still referenced at least by column r from table .",
+                Drop(u"Target"));
+}
+
+TEST_F(DropTableTest, SelfReference_NamesTheTableTwice) {
+  Create(u"T", Columns().Ref(u"self", u"T"));
+  ExpectRefusedUntouched(15012,
+                         u"Table T is still referenced at least by column self from table T.",
+                         [&] { return Drop(u"T"); });
+  ExpectOk(Drop(u"T", false, true));
+}
+
+TEST_F(DropTableTest, Class_HoldsTheTableUnlessForced) {
+  Create(u"T");
+  InsertClass(u"Class", View(u"T"));
+  ExpectRefusedUntouched(15012, u"Table T is still referenced by clr class Class.",
+                         [&] { return Drop(u"T"); });
+  ExpectOk(Drop(u"T", false, true));
+}
+
+TEST_F(DropTableTest, Refusals_ComeInOrder) {
+  ExpectRefusedUntouched(1001, u"Argument full_table_name is null.", [&] { return Drop(nullptr); });
+  ExpectRefusedUntouched(1001, u"Argument full_table_name is empty.", [&] { return Drop(u""); });
+  ExpectRefusedUntouched(15003, u"Table T not found.", [&] { return Drop(u"T"); });
+  Create(u"T", Columns().Ref(u"self", u"T"));
+  Create(u"Child", {}, u"T");
+  InsertClass(u"Class", View(u"T"));
+  ExpectRefusedUntouched(15013, u"Table T still has child Child.", [&] { return Drop(u"T"); });
+  ExpectOk(Drop(u"Child"));
+  ExpectRefusedUntouched(15012,
+                         u"Table T is still referenced at least by column self from table T.",
+                         [&] { return Drop(u"T"); });
+}
+
+TEST_F(DropTableTest, ShortenedName_IsNoFullName) {
+  Create(u"App.T");
+  ExpectRefusedUntouched(15003, u"Table T not found.", [&] { return Drop(u"T"); });
+}
+
+TEST_F(DropTableTest, WithoutSetSpecifier_EndsTheProcess) {
+  Create(u"T");
+  metalayer::DeleteRow(SetSpecifier::ByType(View(u"T")));
+  EXPECT_EXIT(Drop(u"T"), KilledBySignal(SIGABRT), "");
+}
+
+TEST_F(DropTableTest, SpecifierWithoutText_IsTheEmptyText) {
+  Create(u"T");
+  metalayer::PutText(SetSpecifier::ByType(View(u"T")), SetSpecifier::kTypeId, nullptr);
+  uint16_t const layout = LayoutOfTable(u"T");
+  ExpectOk(Drop(u"T"));
+  EXPECT_EQ((Request{2, layout}), RequestOfSetspec(""));
+}
+
+TEST_F(DropTableTest, DroppedTable_CanBeCreatedAnew) {
+  Create(u"T", Columns().Long(u"a"));
+  ExpectOk(Drop(u"T"));
+  Create(u"T", Columns().String(u"b"));
+  EXPECT_EQ(WithRootColumns({"3 b string null"}), ColumnsOf(u"T"));
+  ExpectKernelAgrees(u"T");
+}
+
+}  // namespace
+}  // namespace sagleme_test
