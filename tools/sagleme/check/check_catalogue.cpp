@@ -7,8 +7,6 @@
 namespace tool {
 namespace {
 
-using sagleme::ToUtf8;
-
 class CatalogueCheck {
  public:
   CatalogueCheck(sagleme::Transaction& transaction, Report const& report)
@@ -30,15 +28,15 @@ class CatalogueCheck {
   template <typename... Arguments>
   void Tell(char const* rule, sagleme::Table const& table, fmt::format_string<Arguments...> text,
             Arguments&&... arguments) const {
-    report_(
-        {rule, ToUtf8(table.name), 0, fmt::format(text, std::forward<Arguments>(arguments)...)});
+    report_({rule, sagleme::ToUtf8(table.name), 0,
+             fmt::format(text, std::forward<Arguments>(arguments)...)});
   }
 
   void Ordinals(sagleme::Table const& table) const {
     for (std::size_t i = 0; i < table.columns.size(); ++i) {
       if (table.columns[i].ordinal == i) continue;
       return Tell("ordinals", table, "column {} has the number {} where {} is due",
-                  ToUtf8(table.columns[i].name), table.columns[i].ordinal, i);
+                  sagleme::ToUtf8(table.columns[i].name), table.columns[i].ordinal, i);
     }
     if (table.columns.size() < 3)
       Tell("ordinals", table, "the three hidden columns are not all there");
@@ -48,7 +46,7 @@ class CatalogueCheck {
     if (table.base.empty()) return;
     sagleme::TablePtr const base = transaction_.Find(table.base);
     if (base == nullptr)
-      return Tell("inheritance", table, "the base {} is not there", ToUtf8(table.base));
+      return Tell("inheritance", table, "the base {} is not there", sagleme::ToUtf8(table.base));
     std::size_t inherited = 0;
     for (sagleme::Column const& column : table.columns) inherited += column.inherited ? 1 : 0;
     if (inherited != base->columns.size()) {
@@ -62,8 +60,8 @@ class CatalogueCheck {
           own.target == from.target && own.inherited) {
         continue;
       }
-      Tell("inheritance", table, "column {} differs from column {} of the base", ToUtf8(own.name),
-           ToUtf8(from.name));
+      Tell("inheritance", table, "column {} differs from column {} of the base",
+           sagleme::ToUtf8(own.name), sagleme::ToUtf8(from.name));
     }
   }
 
@@ -89,7 +87,8 @@ class CatalogueCheck {
     auto const wanted = truth ? sagleme::Type::kULong : column.type;
     if (status == 0 && info.type == static_cast<std::uint8_t>(wanted)) return;
     Tell("layout", table, "column {} is a {}, and no such column stands at {} in layout {}",
-         ToUtf8(column.name), sagleme::TypeName(column.type), column.ordinal, table.layout);
+         sagleme::ToUtf8(column.name), sagleme::TypeName(column.type), column.ordinal,
+         table.layout);
   }
 
   void Set(sagleme::Table const& table) {
@@ -98,17 +97,19 @@ class CatalogueCheck {
     if (base != nullptr && (!table.setspec.starts_with(base->setspec) ||
                             table.setspec.size() == base->setspec.size())) {
       Tell("set", table, "the set specifier {} does not extend {} of the base",
-           ToUtf8(table.setspec), ToUtf8(base->setspec));
+           sagleme::ToUtf8(table.setspec), sagleme::ToUtf8(base->setspec));
     }
     auto const [other, first] = sets_.emplace(table.setspec, table.name);
-    if (!first) Tell("set", table, "the set specifier is that of {} too", ToUtf8(other->second));
+    if (!first)
+      Tell("set", table, "the set specifier is that of {} too", sagleme::ToUtf8(other->second));
   }
 
   void TypeId(sagleme::Table const& table) {
     auto const [other, first] = type_ids_.emplace(table.type_id, table.name);
     if (table.type_id == 0) Tell("type id", table, "the table has no type id");
     if (!first)
-      Tell("type id", table, "type id {} is that of {} too", table.type_id, ToUtf8(other->second));
+      Tell("type id", table, "type id {} is that of {} too", table.type_id,
+           sagleme::ToUtf8(other->second));
   }
 
   void IndexOf(sagleme::Table const& table, sagleme::Index const& index) const {
@@ -116,14 +117,15 @@ class CatalogueCheck {
     auto const status =
         lorvi_context_get_index_setspec(transaction_.context(), index.handle, &setspec);
     if (status != 0) {
-      return Tell("index", table, "the kernel does not give index {}: {}", ToUtf8(index.name),
-                  lscoredb_status_text(status));
+      return Tell("index", table, "the kernel does not give index {}: {}",
+                  sagleme::ToUtf8(index.name), lscoredb_status_text(status));
     }
     if (table.setspec != setspec) {
-      Tell("index", table, "index {} covers the set {}, and its table is {}", ToUtf8(index.name),
-           ToUtf8(setspec), ToUtf8(table.setspec));
+      Tell("index", table, "index {} covers the set {}, and its table is {}",
+           sagleme::ToUtf8(index.name), sagleme::ToUtf8(setspec), sagleme::ToUtf8(table.setspec));
     }
-    if (index.columns.empty()) Tell("index", table, "index {} has no columns", ToUtf8(index.name));
+    if (index.columns.empty())
+      Tell("index", table, "index {} has no columns", sagleme::ToUtf8(index.name));
   }
 
   void Generation() const {

@@ -8,7 +8,7 @@
 namespace tool {
 namespace {
 
-class Describe : public Command {
+class DescribeCommand : public Command {
  public:
   std::string name() const override { return "describe"; }
   std::string summary() const override { return "Shows the columns and indexes of a table"; }
@@ -98,7 +98,7 @@ void PrintAll(sagleme::Table const& table, Listing const& columns, Listing const
   indexes.Print(output);
 }
 
-Exit Describe::Run(Session& session, Output& output) {
+Exit DescribeCommand::Run(Session& session, Output& output) {
   session.Read([&](sagleme::Transaction& transaction) {
     sagleme::TablePtr const table = TableNamed(transaction, table_);
     PrintAll(*table, ColumnList(transaction, *table), IndexList(transaction, *table), output);
@@ -108,6 +108,6 @@ Exit Describe::Run(Session& session, Output& output) {
 
 }  // namespace
 
-std::unique_ptr<Command> MakeDescribe() { return std::make_unique<Describe>(); }
+std::unique_ptr<Command> MakeDescribe() { return std::make_unique<DescribeCommand>(); }
 
 }  // namespace tool

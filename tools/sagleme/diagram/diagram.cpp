@@ -6,6 +6,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 
@@ -118,8 +119,7 @@ namespace {
 class TemporaryFile {
  public:
   explicit TemporaryFile(std::string const& text) {
-    char const* const base = std::getenv("TMPDIR");
-    path_ = std::string(base == nullptr ? "/tmp" : base) + "/sagleme-XXXXXX";
+    path_ = (std::filesystem::temp_directory_path() / "sagleme-XXXXXX").string();
     int const file = mkstemp(path_.data());
     if (file < 0) throw Failure(Exit::kRefused, "cannot make a temporary file in " + path_);
     close(file);

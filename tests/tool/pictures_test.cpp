@@ -1,0 +1,124 @@
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+
+#include "run_tool.h"
+
+namespace tool_test {
+namespace {
+
+class PicturesTest : public ToolTest {
+ protected:
+  void SetUp() override {
+    Create();
+    Apply(kLibrary);
+  }
+  std::string Draw(std::string const& form) { return On("diagram", {"--as", form}).out; }
+};
+
+bool Has(std::string const& text, std::string const& part) {
+  return text.find(part) != std::string::npos;
+}
+
+std::string OutputOf(std::string const& command) {
+  std::FILE* const pipe = popen(command.c_str(), "r");
+  std::string text;
+  char buffer[4096];
+  for (std::size_t count; (count = fread(buffer, 1, sizeof buffer, pipe)) != 0;) {
+    text.append(buffer, count);
+  }
+  pclose(pipe);
+  return text;
+}
+
+bool Installed(char const* program) {
+  return std::system(("command -v " + std::string(program) + " > /dev/null").c_str()) == 0;
+}
+
+TEST_F(PicturesTest, Dot_HasInheritanceAndReferences) {
+  std::string const dot = Draw("dot");
+  EXPECT_TRUE(Has(dot, "\"App.Book\" -> \"App.Item\" [arrowhead=onormal];")) << dot;
+  EXPECT_TRUE(Has(dot, "\"App.Item\" -> \"App.Person\" [style=dashed")) << dot;
+}
+
+TEST_F(PicturesTest, Mermaid_HasInheritanceAndReferences) {
+  std::string const text = Draw("mermaid");
+  EXPECT_TRUE(Has(text, "App_Item <|-- App_Book")) << text;
+  EXPECT_TRUE(Has(text, "App_Item ..> App_Person : Owner")) << text;
+}
+
+TEST_F(PicturesTest, Svg_IsDrawnByGraphviz) {
+  if (!Installed("dot")) GTEST_SKIP() << "Graphviz is not installed";
+  EXPECT_TRUE(Has(Draw("svg"), "</svg>"));
+}
+
+TEST_F(PicturesTest, Diagram_InAnUnknownForm_IsUsage) { On("diagram", {"--as", "png"}, 2); }
+
+// The page, with a script behind it that does what a user would, as the browser shows it
+// afterwards.
+TEST_F(PicturesTest, Html_ShowsTheTreeFindsAndOpensATable) {
+  if (!Installed("chromium")) GTEST_SKIP() << "Chromium is not installed";
+  std::string page = Draw("html");
+  std::string const script =
+      "<script>const field = document.getElementById('search'); field.value = 'isbn';"
+      "field.dispatchEvent(new Event('input'));"
+      "[...document.querySelectorAll('nav button')].find(b => b.textContent === "
+      "'App.Book').click();"
+      "</script></body>";
+  page.replace(page.rfind("</body>"), 7, script);
+  std::string const file = Write("page.html", page);
+  std::string const shown = OutputOf(
+      "chromium --headless --no-sandbox --disable-gpu --user-data-dir='" + Path("profile") +
+      "' --virtual-time-budget=2000 --dump-dom 'file://" + file + "' 2>/dev/null");
+  EXPECT_TRUE(Has(shown, "<li class=\"\"><button class=\"chosen\">App.Book</button>")) << shown;
+  EXPECT_TRUE(Has(shown, "<li class=\"hidden\"><button class=\"\">App.Film</button>")) << shown;
+  EXPECT_TRUE(Has(shown, "<h1>App.Book</h1>")) << shown;
+  EXPECT_TRUE(Has(shown, "<td>Isbn</td><td>ulong</td><td>App.Book</td>")) << shown;
+}
+
+TEST_F(PicturesTest, Html_WithATableNamedLikeMarkup_StaysOnePage) {
+  Apply(R"({"schema": 1, "tables": [{"name": "</script><b>"}]})", {"--allow-destructive"});
+  EXPECT_FALSE(Has(Draw("html"), "</script><b>"));
+}
+
+TEST_F(PicturesTest, Copy_IsADatabaseByItselfThatCanBeWrittenOn) {
+  On("import", {"Book", "-"}, 0, "Title,Isbn,Price\na,1,1\n");
+  std::string const dump = On("dump").out;
+  ASSERT_EQ(0, RunTool({"copy", database(), Path("copy")}).status);
+  EXPECT_EQ(dump, RunTool({"dump", Path("copy")}).out);
+  EXPECT_EQ(0, RunTool({"check", Path("copy")}).status);
+  EXPECT_EQ(0, RunTool({"import", Path("copy"), "Book", "-"}, "Title,Isbn,Price\nb,2,2\n").status);
+  EXPECT_EQ(dump, On("dump").out);
+  EXPECT_EQ(4, RunTool({"copy", database(), Path("copy")}).status);
+  EXPECT_EQ(4, RunTool({"copy", database(), Path("no/such/place")}).status);
+}
+
+TEST_F(PicturesTest, Copy_WhileAnotherWrites_IsWhole) {
+  std::string rows = "Title,Isbn,Price\n";
+  for (int i = 0; i < 3000; ++i) rows += std::to_string(i) + ",1,1\n";
+  pid_t const writer = StartTool({"import", database(), "Book", Write("rows.csv", rows)});
+  for (int i = 0; i < 3; ++i) {
+    std::string const target = Path("copy" + std::to_string(i));
+    EXPECT_EQ(0, RunTool({"copy", database(), target}).status);
+    EXPECT_EQ(0, RunTool({"check", target}).status);
+  }
+  EXPECT_EQ(0, WaitFor(writer));
+}
+
+TEST_F(ToolTest, Manual_HasEveryCommandAndCompletionIsBash) {
+  std::string const page = RunTool({"--man-page"}).out;
+  std::string const completion = RunTool({"--bash-completion"}).out;
+  for (char const* const command : {"create", "apply", "vacuum", "shell"}) {
+    EXPECT_TRUE(Has(page, std::string(".SS ") + command + "\n")) << page;
+  }
+  EXPECT_TRUE(Has(completion, "complete -o filenames -F _sagleme sagleme"));
+  Write("completion", completion);
+  std::string const words = OutputOf("bash -c \"source '" + Path("completion") +
+                                     "'; COMP_WORDS=(sagleme ap); COMP_CWORD=1; _sagleme; "
+                                     "echo \\${COMPREPLY[@]}\"");
+  EXPECT_EQ("apply\n", words);
+}
+
+}  // namespace
+}  // namespace tool_test

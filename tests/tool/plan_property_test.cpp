@@ -1,0 +1,203 @@
+#include <algorithm>
+#include <map>
+#include <random>
+
+#include "cli/failure.h"
+#include "run_tool.h"
+#include "schema/plan.h"
+#include "schema/validate.h"
+
+namespace tool_test {
+namespace {
+
+using tool::ColumnDoc;
+using tool::IndexDoc;
+using tool::SchemaDoc;
+using tool::TableDoc;
+
+// Random schemas over a small stock of names, so that pairs of them have much in common.
+class Maker {
+ public:
+  explicit Maker(unsigned seed) : random_(seed) {}
+
+  SchemaDoc Make() {
+    SchemaDoc schema;
+    std::size_t const count = 1 + Below(5);
+    for (std::size_t i = 0; i < count; ++i) AddTable(schema, i);
+    for (TableDoc& table : schema.tables) AddReference(schema, table);
+    for (std::size_t i = 0; i < schema.tables.size(); ++i) AddIndex(schema, i);
+    return schema;
+  }
+  std::size_t Below(std::size_t bound) { return random_() % bound; }
+
+ private:
+  void AddTable(SchemaDoc& schema, std::size_t) {
+    TableDoc table;
+    table.name = "T" + std::to_string(Below(6));
+    if (schema.Find(table.name) != nullptr) return;
+    if (!schema.tables.empty() && Below(2) == 0) {
+      table.base = schema.tables[Below(schema.tables.size())].name;
+    }
+    std::size_t const count = Below(4);
+    for (std::size_t i = 0; i < count; ++i) AddColumn(schema, table);
+    schema.tables.push_back(table);
+  }
+  // A name that no line of bases has twice: names begin with their table.
+  void AddColumn(SchemaDoc const&, TableDoc& table) {
+    ColumnDoc column;
+    column.name = table.name + "c" + std::to_string(Below(4));
+    if (table.FindColumn(column.name) != nullptr) return;
+    constexpr sagleme::Type kTypes[] = {sagleme::Type::kLong, sagleme::Type::kString,
+                                        sagleme::Type::kDouble, sagleme::Type::kBool};
+    column.type = kTypes[Below(Below(3) == 0 ? 4 : 2)];
+    column.nullable = sagleme::MustBeNullable(column.type) || Below(4) != 0;
+    table.columns.push_back(column);
+  }
+  void AddReference(SchemaDoc const& schema, TableDoc& table) {
+    if (Below(2) == 0) return;
+    ColumnDoc column;
+    column.name = table.name + "ref";
+    column.type = sagleme::Type::kReference;
+    column.target = schema.tables[Below(schema.tables.size())].name;
+    table.columns.push_back(column);
+  }
+  void AddIndex(SchemaDoc& schema, std::size_t i) {
+    TableDoc& table = schema.tables[i];
+    if (table.columns.empty() || Below(2) == 0) return;
+    IndexDoc index;
+    index.name = "I" + std::to_string(i);
+    index.columns.push_back({table.columns[Below(table.columns.size())].name, Below(2) == 0});
+    table.indexes.push_back(index);
+  }
+
+  std::mt19937 random_;
+};
+
+// A renamed copy: identities tell what is what, names go round.
+SchemaDoc WithRenames(SchemaDoc schema, Maker& maker) {
+  for (TableDoc& table : schema.tables) {
+    std::string const before = table.name;
+    if (maker.Below(3) != 0) continue;
+    std::string const after = "R" + before;
+    table.name = after;
+    for (TableDoc& each : schema.tables) {
+      if (each.base == before) each.base = after;
+      for (ColumnDoc& column : each.columns) {
+        if (column.target == before) column.target = after;
+      }
+    }
+  }
+  for (TableDoc& table : schema.tables) {
+    if (table.columns.size() < 2 || maker.Below(2) == 0) continue;
+    std::swap(table.columns[0].name, table.columns[1].name);
+    for (TableDoc& each : schema.tables) each.indexes.clear();
+  }
+  return schema;
+}
+
+// What a schema says, identities and the order of columns aside.
+std::string Essence(SchemaDoc schema) {
+  schema.database = 0;
+  for (TableDoc& table : schema.tables) {
+    table.id = 0;
+    for (ColumnDoc& column : table.columns) column.id = 0;
+    std::sort(table.columns.begin(), table.columns.end(),
+              [](auto& a, auto& b) { return a.name < b.name; });
+    std::sort(table.indexes.begin(), table.indexes.end(),
+              [](auto& a, auto& b) { return a.name < b.name; });
+  }
+  std::sort(schema.tables.begin(), schema.tables.end(),
+            [](auto& a, auto& b) { return a.name < b.name; });
+  return SchemaJson(schema);
+}
+
+// One object a table, its long and string columns filled, known by the identity of table and
+// column.
+class Sample {
+ public:
+  void Fill(sagleme::Transaction& transaction, SchemaDoc const& schema) {
+    for (TableDoc const& doc : schema.tables) {
+      sagleme::TablePtr const table = transaction.table(doc.name);
+      auto object = sagleme::Object::Create(transaction, *table);
+      auto& values = objects_[object.id().value];
+      for (ColumnDoc const& column : doc.columns) {
+        std::int64_t const number = ++next_;
+        if (column.type == sagleme::Type::kLong) values[column.id] = number;
+        if (column.type == sagleme::Type::kString) {
+          values[column.id] = sagleme::ToUtf16(std::to_string(number));
+        }
+        if (values.contains(column.id)) {
+          object.Set(*table, table->GetColumn(sagleme::ToUtf16(column.name)), values[column.id]);
+        }
+      }
+    }
+  }
+  // Every object whose table is there has the values of the columns that are there still.
+  void Expect(sagleme::Transaction& transaction) const {
+    for (auto const& [id, values] : objects_) {
+      auto const object = sagleme::Object::Find(transaction, {id});
+      ASSERT_TRUE(object);
+      sagleme::TablePtr const table = object->table();
+      if (table == nullptr) continue;
+      for (sagleme::Column const& column : table->columns) {
+        auto const value = values.find(column.id.value);
+        if (value != values.end()) {
+          EXPECT_EQ(value->second, object->Get(*table, column));
+        }
+      }
+    }
+  }
+
+ private:
+  std::map<std::uint64_t, std::map<std::uint64_t, sagleme::Value>> objects_;
+  std::int64_t next_ = 0;
+};
+
+void Reach(sagleme::Transaction& transaction, SchemaDoc const& wanted) {
+  Validate(wanted, "made");
+  tool::Apply(transaction, Compare(ReadSchema(transaction, true), wanted));
+  EXPECT_EQ(Essence(wanted), Essence(ReadSchema(transaction, true)));
+  EXPECT_TRUE(Compare(ReadSchema(transaction, true), wanted).empty());
+}
+
+void RunSeed(sagleme::Context const& context, unsigned seed) {
+  SCOPED_TRACE(seed);
+  Maker maker(seed);
+  sagleme::Transaction transaction(context);
+  AssureDatabaseIdentity(transaction);
+  Reach(transaction, maker.Make());
+  SchemaDoc const first = ReadSchema(transaction, true);
+  Sample sample;
+  sample.Fill(transaction, first);
+  SchemaDoc const second = maker.Make();
+  Reach(transaction, second);
+  sample.Expect(transaction);
+  SchemaDoc const present = ReadSchema(transaction, true);
+  Reach(transaction, WithRenames(present, maker));
+  sample.Expect(transaction);
+  transaction.Rollback();
+}
+
+TEST(PlanProperty, Apply_LeadsFromAnySchemaToAnyOther_AndKeepsTheValuesOfKeptColumns) {
+  auto const database = sagleme::Database::InMemory();
+  sagleme::Context const context(database);
+  for (unsigned seed = 1; seed <= 150 && !testing::Test::HasFailure(); ++seed) {
+    RunSeed(context, seed);
+  }
+}
+
+TEST(Plan, TwoEntriesThatWereOne_AreRefused) {
+  SchemaDoc from;
+  from.tables.push_back({});
+  from.tables[0].name = "A";
+  SchemaDoc to;
+  to.tables.resize(2);
+  to.tables[0].name = "B";
+  to.tables[0].was = "A";
+  to.tables[1].name = "C";
+  to.tables[1].was = "A";
+  EXPECT_THROW(Compare(from, to), tool::Failure);
+}
+
+}  // namespace
+}  // namespace tool_test

@@ -1,0 +1,180 @@
+#include "run_tool.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <pty.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+
+namespace tool_test {
+namespace {
+
+[[noreturn]] void Exec(Arguments const& arguments) {
+  std::vector<char*> array;
+  std::string program = SAGLEME_TOOL;
+  array.push_back(program.data());
+  std::vector<std::string> copies = arguments;
+  for (std::string& each : copies) array.push_back(each.data());
+  array.push_back(nullptr);
+  execv(SAGLEME_TOOL, array.data());
+  _exit(127);
+}
+
+int Status(int wait_status) {
+  return WIFEXITED(wait_status) ? WEXITSTATUS(wait_status) : 128 + WTERMSIG(wait_status);
+}
+
+void WriteAll(int file, std::string const& text) {
+  for (std::size_t at = 0; at < text.size();) {
+    ssize_t const written = write(file, text.data() + at, text.size() - at);
+    if (written <= 0) return;
+    at += static_cast<std::size_t>(written);
+  }
+}
+
+// False at the end.
+bool ReadSome(int file, std::string& to) {
+  char buffer[4096];
+  ssize_t const count = read(file, buffer, sizeof buffer);
+  if (count <= 0) return false;
+  to.append(buffer, static_cast<std::size_t>(count));
+  return true;
+}
+
+void ReadBoth(int out, int err, Result& result) {
+  pollfd files[2] = {{out, POLLIN, 0}, {err, POLLIN, 0}};
+  while (files[0].fd >= 0 || files[1].fd >= 0) {
+    poll(files, 2, -1);
+    if (files[0].revents != 0 && !ReadSome(out, result.out)) files[0].fd = -1;
+    if (files[1].revents != 0 && !ReadSome(err, result.err)) files[1].fd = -1;
+  }
+}
+
+}  // namespace
+
+Result RunTool(Arguments const& arguments, std::string const& input) {
+  int in[2];
+  int out[2];
+  int err[2];
+  if (pipe(in) != 0 || pipe(out) != 0 || pipe(err) != 0) return {};
+  pid_t const child = fork();
+  if (child == 0) {
+    dup2(in[0], STDIN_FILENO);
+    dup2(out[1], STDOUT_FILENO);
+    dup2(err[1], STDERR_FILENO);
+    for (int const file : {in[0], in[1], out[0], out[1], err[0], err[1]}) close(file);
+    Exec(arguments);
+  }
+  close(in[0]);
+  close(out[1]);
+  close(err[1]);
+  WriteAll(in[1], input);
+  close(in[1]);
+  Result result;
+  ReadBoth(out[0], err[0], result);
+  close(out[0]);
+  close(err[0]);
+  result.status = WaitFor(child);
+  return result;
+}
+
+Result RunOnTerminal(Arguments const& arguments, std::string const& input,
+                     std::vector<std::string> const& environment) {
+  int master = -1;
+  winsize size{24, 80, 0, 0};
+  pid_t const child = forkpty(&master, nullptr, nullptr, &size);
+  if (child == 0) {
+    setenv("TERM", "xterm", 1);
+    for (std::string const& each : environment) putenv(const_cast<char*>(each.c_str()));
+    Exec(arguments);
+  }
+  WriteAll(master, input);
+  Result result;
+  while (ReadSome(master, result.out)) {
+  }
+  result.status = WaitFor(child);
+  close(master);
+  return result;
+}
+
+pid_t StartTool(Arguments const& arguments) {
+  pid_t const child = fork();
+  if (child != 0) return child;
+  int const nowhere = open("/dev/null", O_RDWR);
+  for (int const file : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) dup2(nowhere, file);
+  Exec(arguments);
+}
+
+int WaitFor(pid_t process) {
+  int status = 0;
+  waitpid(process, &status, 0);
+  return Status(status);
+}
+
+std::string ReadText(std::string const& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+ToolTest::ToolTest() {
+  std::string pattern = (std::filesystem::temp_directory_path() / "sagleme-tool-XXXXXX").string();
+  directory_ = mkdtemp(pattern.data());
+}
+
+ToolTest::~ToolTest() { std::filesystem::remove_all(directory_); }
+
+std::string ToolTest::Write(std::string const& name, std::string const& text) const {
+  std::ofstream(Path(name), std::ios::binary) << text;
+  return Path(name);
+}
+
+Result ToolTest::On(std::string const& command, Arguments const& rest, int status,
+                    std::string const& input) const {
+  Arguments arguments{command, database()};
+  arguments.insert(arguments.end(), rest.begin(), rest.end());
+  Result result = RunTool(arguments, input);
+  EXPECT_EQ(status, result.status) << command << ": " << result.err << result.out;
+  return result;
+}
+
+void ToolTest::Apply(std::string const& schema, Arguments const& rest, int status) const {
+  Arguments arguments{Write("schema.json", schema)};
+  arguments.insert(arguments.end(), rest.begin(), rest.end());
+  On("apply", arguments, status);
+}
+
+char const* const kLibrary = R"({
+  "schema": 1,
+  "tables": [
+    {"name": "App.Item",
+     "columns": [
+       {"name": "Title", "type": "string"},
+       {"name": "Pages", "type": "long", "nullable": true},
+       {"name": "Owner", "type": "reference", "target": "App.Person"}],
+     "indexes": [
+       {"name": "ItemByPages", "columns": [{"name": "Pages", "descending": true}]},
+       {"name": "ItemByTitle", "unique": true, "columns": ["Title"]}]},
+    {"name": "App.Book", "base": "App.Item",
+     "columns": [
+       {"name": "Isbn", "type": "ulong"},
+       {"name": "Price", "type": "decimal"}]},
+    {"name": "App.Film", "base": "App.Item",
+     "columns": [
+       {"name": "Rating", "type": "double"},
+       {"name": "Poster", "type": "binary"},
+       {"name": "Colour", "type": "bool"}]},
+    {"name": "App.Person",
+     "columns": [
+       {"name": "Name", "type": "string"},
+       {"name": "Height", "type": "float", "nullable": true}],
+     "indexes": [
+       {"name": "PersonByName", "unique": true, "columns": ["Name"]}]}]
+}
+)";
+
+}  // namespace tool_test

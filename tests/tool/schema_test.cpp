@@ -1,0 +1,175 @@
+#include <nlohmann/json.hpp>
+
+#include "run_tool.h"
+
+namespace tool_test {
+namespace {
+
+using Json = nlohmann::json;
+
+class SchemaTest : public ToolTest {
+ protected:
+  void SetUp() override {
+    Create();
+    Apply(kLibrary);
+    On("import", {"App.Book", "-"}, 0, "Title,Pages,Isbn,Price\nOne,10,1,1.5\nTwo,20,2,2\n");
+  }
+  Json Document() { return Json::parse(On("schema").out); }
+  std::string Plan(Json const& document, int status = 0, Arguments rest = {"--plan"}) {
+    rest.insert(rest.begin(), Write("wanted.json", document.dump()));
+    return On("apply", rest, status).out;
+  }
+  std::string ApplyDocument(Json const& document, int status = 0) {
+    return Plan(document, status, {"--allow-destructive"});
+  }
+  static Json& Table(Json& document, std::string const& name) {
+    for (Json& table : document["tables"]) {
+      if (table["name"] == name) return table;
+    }
+    throw std::runtime_error(name);
+  }
+};
+
+TEST_F(SchemaTest, Schema_AppliedToAnEmptyDatabase_ComesBackByteForByte) {
+  std::string const portable = On("schema", {"--portable"}).out;
+  std::string const other = Path("other");
+  ASSERT_EQ(0, RunTool({"create", other}).status);
+  Write("portable.json", portable);
+  ASSERT_EQ(0, RunTool({"apply", other, Path("portable.json")}).status);
+  EXPECT_EQ(portable, RunTool({"schema", other, "--portable"}).out);
+}
+
+TEST_F(SchemaTest, Schema_AppliedToItsOwnDatabase_ChangesNothing) {
+  std::string const schema = On("schema").out;
+  Write("same.json", schema);
+  EXPECT_EQ("nothing to do\n", On("apply", {Path("same.json")}).out);
+  EXPECT_EQ(schema, On("schema").out);
+}
+
+TEST_F(SchemaTest, Apply_Twice_DoesNothingTheSecondTime) {
+  EXPECT_EQ("nothing to do\n", On("apply", {Write("again.json", kLibrary)}).out);
+}
+
+TEST_F(SchemaTest, Apply_WithPlanAlone_ChangesNothing) {
+  std::string const before = On("schema").out;
+  Json document = Document();
+  Table(document, "App.Book")["columns"].push_back({{"name", "Weight"}, {"type", "double"}});
+  EXPECT_EQ("background   add Weight to App.Book\n", Plan(document));
+  EXPECT_EQ(before, On("schema").out);
+}
+
+TEST_F(SchemaTest, Apply_RenamesByIdentity) {
+  Json document = Document();
+  Table(document, "App.Book")["columns"][0]["name"] = "Number";
+  Table(document, "App.Book")["name"] = "App.Volume";
+  EXPECT_EQ(
+      "instant      rename table App.Book to App.Volume\n"
+      "instant      rename column Isbn of App.Volume to Number\n",
+      ApplyDocument(document));
+  EXPECT_EQ(2u, Json::parse(On("scan", {"Volume", "--format", "json"}).out).size());
+}
+
+TEST_F(SchemaTest, Apply_RenamesByWas_AndOnlyOnce) {
+  std::string schema = kLibrary;
+  schema.replace(schema.find("\"name\": \"Isbn\""), 14, "\"name\": \"Number\", \"was\": \"Isbn\"");
+  std::string const file = Write("was.json", schema);
+  EXPECT_EQ("instant      rename column Isbn of App.Book to Number\n", On("apply", {file}).out);
+  EXPECT_EQ("nothing to do\n", On("apply", {file}).out);
+}
+
+TEST_F(SchemaTest, Apply_ANewNameWithoutAWord_IsNoRename) {
+  std::string schema = kLibrary;
+  schema.replace(schema.find("\"Isbn\""), 6, "\"Number\"");
+  std::string const plan = On("apply", {Write("new.json", schema), "--plan"}).out;
+  EXPECT_EQ(
+      "destructive  drop column Isbn of App.Book with its values\n"
+      "background   add Number to App.Book\n",
+      plan);
+}
+
+TEST_F(SchemaTest, Apply_NamesThatChangePlaces_KeepTheirValues) {
+  Json document = Document();
+  Table(document, "App.Item")["columns"][0]["name"] = "Pages";
+  Table(document, "App.Item")["columns"][1]["name"] = "Title";
+  for (Json& index : Table(document, "App.Item")["indexes"]) {
+    Json& column = index["columns"][0];
+    if (column.is_object()) {
+      column["name"] = "Title";
+    } else {
+      column = "Pages";
+    }
+  }
+  ApplyDocument(document);
+  Json const books = Json::parse(On("scan", {"Book", "--format", "json"}).out);
+  EXPECT_EQ("One", books[0]["Pages"]);
+  EXPECT_EQ(10, books[0]["Title"]);
+}
+
+TEST_F(SchemaTest, Apply_DestructiveWithoutTheFlag_IsRefusedAndChangesNothing) {
+  std::string const before = On("schema").out;
+  Json document = Document();
+  Table(document, "App.Book")["columns"].erase(0);
+  Plan(document, 4, {});
+  EXPECT_EQ(before, On("schema").out);
+  ApplyDocument(document);
+  EXPECT_NE(before, On("schema").out);
+}
+
+TEST_F(SchemaTest, Apply_AnotherBase_DropsAndMakesTheTableAnew) {
+  Json document = Document();
+  Table(document, "App.Film").erase("base");
+  std::string const plan = ApplyDocument(document);
+  EXPECT_NE(std::string::npos, plan.find("destructive  drop table App.Film")) << plan;
+  EXPECT_NE(std::string::npos, plan.find("create table App.Film\n")) << plan;
+  EXPECT_EQ("nothing to do\n", Plan(Document()));
+}
+
+TEST_F(SchemaTest, Apply_AnEmptySchema_DropsEverything) {
+  ApplyDocument({{"schema", 1}, {"tables", Json::array()}});
+  EXPECT_EQ("[]\n", On("tables", {"--format", "json"}).out);
+  On("check");
+}
+
+TEST_F(SchemaTest, Apply_OneTableOfAPart_LeavesTheOthers) {
+  std::string const part = On("schema", {"Item"}).out;
+  EXPECT_EQ("nothing to do\n", On("apply", {Write("part.json", part)}).out);
+  Json document = Json::parse(part);
+  Table(document, "App.Item")["columns"][1]["name"] = "Sheets";
+  for (Json& index : Table(document, "App.Item")["indexes"]) {
+    if (index["columns"][0].is_object()) index["columns"][0]["name"] = "Sheets";
+  }
+  EXPECT_EQ("instant      rename column Pages of App.Item to Sheets\n", ApplyDocument(document));
+}
+
+TEST_F(SchemaTest, Apply_BadDocuments_AreUsageAndSayWhere) {
+  auto const refused = [&](std::string const& text) {
+    return On("apply", {Write("bad.json", text)}, 2).err;
+  };
+  auto const tables = [](std::string const& list) {
+    return "{\"schema\": 1, \"tables\": [" + list + "]}";
+  };
+  EXPECT_NE(std::string::npos, refused("{\n\n]").find("bad.json:3: this is no JSON"));
+  EXPECT_NE(std::string::npos, refused("{\"schema\": 2}").find("no schema document of version 1"));
+  EXPECT_NE(std::string::npos, refused(tables("{}")).find("has no \"name\""));
+  EXPECT_NE(std::string::npos, refused(tables(R"({"name": "A", "colour": 1})")).find("\"colour\""));
+  EXPECT_NE(std::string::npos,
+            refused(tables(R"({"name": "A"}, {"name": "A"})")).find("table A stands twice"));
+  EXPECT_NE(std::string::npos, refused(tables(R"({"name": "A", "base": "B"})")).find("the base B"));
+  EXPECT_NE(std::string::npos,
+            refused(tables(R"({"name": "A", "base": "B"}, {"name": "B", "base": "A"})"))
+                .find("derives from itself"));
+  EXPECT_NE(std::string::npos,
+            refused(tables(R"({"name": "A", "columns": [{"name": "x", "type": "text"}]})"))
+                .find("the type \"text\""));
+  EXPECT_NE(std::string::npos,
+            refused(tables(R"({"name": "A", "columns": [{"name": "x", "type": "reference"}]})"))
+                .find("without a \"target\""));
+  EXPECT_NE(std::string::npos,
+            refused(tables(R"({"name": "A", "indexes": [{"name": "I", "columns": ["x"]}]})"))
+                .find("has no column x"));
+}
+
+TEST_F(SchemaTest, Apply_WithoutAFile_IsUsage) { On("apply", {Path("nothing.json")}, 2); }
+
+}  // namespace
+}  // namespace tool_test
