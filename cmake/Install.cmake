@@ -45,7 +45,7 @@ install(FILES ${PROJECT_BINARY_DIR}/sagleme.pc DESTINATION ${SAGLEME_PKGCONFIG_D
 
 # Everything that an installation needs and nothing else.
 add_custom_target(installable DEPENDS sagleme)
-foreach(part lscoredb sagleme_tool)
+foreach(part lscoredb sagleme_tool sagleme_manual)
   if(TARGET ${part} AND NOT SAGLEME_KERNEL STREQUAL "system")
     add_dependencies(installable ${part})
   endif()
