@@ -17,11 +17,11 @@
 // Names: where a function takes a table as text, it is the full name; where it takes a DottedName,
 // leading segments may be missing. Rows handed in and out are valid until the transaction ends.
 
-#include <sagleme/metalayer/catalogue.hpp>
-#include <sagleme/metalayer/names.hpp>
 #include <sagleme/sagleme.h>
 
 #include <functional>
+#include <sagleme/metalayer/catalogue.hpp>
+#include <sagleme/metalayer/names.hpp>
 #include <span>
 #include <string>
 #include <vector>

@@ -18,9 +18,8 @@
 // Everything here only reads, but for PopulateRawView, and works in the thread's context and
 // transaction. Rows are valid until the transaction ends.
 
-#include <sagleme/metalayer/catalogue.hpp>
-
 #include <list>
+#include <sagleme/metalayer/catalogue.hpp>
 #include <string>
 
 namespace metalayer {
