@@ -10,8 +10,10 @@
 namespace tool_test {
 namespace {
 
+using tool::AssureDatabaseIdentity;
 using tool::ColumnDoc;
 using tool::IndexDoc;
+using tool::ReadSchema;
 using tool::SchemaDoc;
 using tool::TableDoc;
 

@@ -80,7 +80,7 @@ TEST_F(VacuumTest, Vacuum_KilledAtRandomMomentsBesideAnotherWriter_EndsInTheRigh
     pid_t const vacuum = StartTool({"vacuum", database(), "--batch", "15"});
     On("import", {"Book", "-"}, 0, Rows(written, written + 20));
     written += 20;
-    usleep(random() % 20000);
+    usleep(static_cast<useconds_t>(random() % 20000));
     kill(vacuum, SIGKILL);
     WaitFor(vacuum);
     On("check");

@@ -65,7 +65,8 @@ class JsonSource : public RowSource {
   bool Next(std::vector<RowField>& row) override {
     row.clear();
     if (!NextLine()) return false;
-    for (auto const& [name, value] : Parse().items()) row.push_back(ToRowField(name, value));
+    nlohmann::json const json = Parse();
+    for (auto const& [name, value] : json.items()) row.push_back(ToRowField(name, value));
     return true;
   }
   FilePlace place() const override { return {line_, 1}; }

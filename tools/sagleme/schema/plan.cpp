@@ -74,15 +74,17 @@ class Applier {
     sagleme::RenameColumn(transaction_, sagleme::ToUtf16(it.table), sagleme::ToUtf16(it.column),
                           sagleme::ToUtf16(it.new_name));
   }
-  void operator()(change::CreateTable const& it) const {
+  void operator()(change::CreateTable const& it) {
+    references_open_ = true;
     sagleme::CreateTable(transaction_, sagleme::ToUtf16(it.table.name),
                          sagleme::ToUtf16(it.table.base), Specs(it.table.columns));
   }
-  void operator()(change::AddColumns const& it) const {
+  void operator()(change::AddColumns const& it) {
+    FinishReferences();
     sagleme::AddColumns(transaction_, sagleme::ToUtf16(it.table), Specs(it.columns));
   }
   void operator()(change::CreateIndex const& it) {
-    FinishReferences();  // a column without its type cannot be indexed
+    FinishReferences();
     std::vector<sagleme::IndexColumnSpec> columns;
     for (IndexColumnDoc const& column : it.index.columns) {
       columns.push_back({sagleme::ToUtf16(column.name), !column.descending});
@@ -92,9 +94,11 @@ class Applier {
         it.index.unique ? sagleme::Uniqueness::kUnique : sagleme::Uniqueness::kAny);
   }
 
+  // Columns whose targets come later have no type until then, and the layer neither indexes nor
+  // moves a column without one. All tables are created before either.
   void FinishReferences() {
-    if (!finished_) sagleme::FinishReferences(transaction_);
-    finished_ = true;
+    if (references_open_) sagleme::FinishReferences(transaction_);
+    references_open_ = false;
   }
 
  private:
@@ -108,7 +112,7 @@ class Applier {
   }
 
   sagleme::Transaction& transaction_;
-  bool finished_ = false;
+  bool references_open_ = false;
 };
 
 }  // namespace
