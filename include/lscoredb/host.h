@@ -6,17 +6,26 @@
  *
  * Rules
  *
- *  1. A database is a directory, or lives in memory and is gone at close. Several processes may have
- *     one directory open, and one process may open it several times.
- *  2. A context carries at most one transaction. Any number of contexts may be open; one thread at a
- *     time uses a context.
+ *  1. A database is a directory, or lives in memory and is gone at close. Several processes may
+ * have one directory open, and one process may open it several times.
+ *  2. A context carries at most one transaction. Any number of contexts may be open; one thread at
+ * a time uses a context.
  *  3. A transaction reads the database as it was at its begin, plus its own writes. Readers never
  *     wait for writers; writers wait for one another only inside commit. Of two transactions that
  *     write one object the second to commit fails with LSCOREDB_CONFLICT.
  *  4. A commit that returned 0 is kept, with the default durability also through a loss of power.
  *     One that returned anything else left nothing, and its transaction is over.
- *  5. Every function returns a status, 0 for success, and changes nothing when it fails.
- *     lscoredb_status_text has a sentence for each.
+ *  5. Every function returns a status, 0 for success, and writes no output and changes nothing when
+ * it fails. lscoredb_status_text has a sentence for each.
+ *  6. Identities of objects and indexes, and layout numbers, that a transaction took are not given
+ * out again while the process lives, also when it is rolled back.
+ *
+ * Statuses that any function may give, not repeated below: LSCOREDB_UNKNOWN_CONTEXT for a context
+ * that is not open, LSCOREDB_NULL_ARGUMENT, LSCOREDB_NO_MEMORY, LSCOREDB_IO_ERROR,
+ * LSCOREDB_DAMAGED.
+ *
+ * Limits: 1,000 columns in a layout, 16 columns in an index, 65,535 layout numbers, 2^32 - 1 bytes
+ * in a binary or units in a text; texts of any length may be indexed.
  */
 
 #include <lscoredb/lscoredb.h>
@@ -26,9 +35,11 @@
 extern "C" {
 #endif
 
-/* ---- statuses of the embedded kernel, beside those of the contract ------------------------------ */
+/* ---- statuses of the embedded kernel, beside those of the contract ------------------------------
+ */
 
 #define LSCOREDB_NO_MEMORY 1003u
+/* Calls out of turn, and arguments that name nothing or do not fit. */
 #define LSCOREDB_NO_TRANSACTION 9001u
 #define LSCOREDB_TRANSACTION_OPEN 9002u
 #define LSCOREDB_READ_ONLY 9003u
@@ -40,11 +51,13 @@ extern "C" {
 #define LSCOREDB_NULL_ARGUMENT 9009u
 #define LSCOREDB_INVALID_ARGUMENT 9010u
 #define LSCOREDB_MALFORMED_KEY 9011u
+/* What a transaction wants cannot be. After CONFLICT the same work may succeed in a new one. */
 #define LSCOREDB_CONFLICT 9020u
 #define LSCOREDB_DUPLICATE_KEY 9021u
 #define LSCOREDB_ID_IN_USE 9022u
 #define LSCOREDB_TOO_LARGE 9023u
 #define LSCOREDB_LAYOUTS_EXHAUSTED 9024u
+/* The database as a whole, its file and its surroundings. */
 #define LSCOREDB_IN_USE 9030u
 #define LSCOREDB_NOT_A_DATABASE 9031u
 #define LSCOREDB_NEWER_FORMAT 9032u
@@ -57,7 +70,8 @@ extern "C" {
 
 typedef struct lscoredb lscoredb;
 
-/* ---- opening ---------------------------------------------------------------------------------------- */
+/* ---- opening
+ * ---------------------------------------------------------------------------------------- */
 
 #define LSCOREDB_DURABLE 0u /* every commit is synced before it returns */
 #define LSCOREDB_NO_SYNC 1u /* survives the death of the process, not of the machine */
@@ -67,40 +81,56 @@ typedef struct lscoredb lscoredb;
 typedef struct lscoredb_options {
   size_t size;
   uint32_t durability;
-  uint32_t max_readers;      /* transactions open at once over all processes; 0: 1024 */
-  uint64_t max_file_size;    /* bytes; 0: 64 GiB. Address space, not memory */
-  uint64_t row_cache_size;   /* bytes for committed rows kept in memory; 0: 64 MiB */
+  uint32_t max_readers;   /* transactions open at once over all processes; 0: 1024 */
+  uint64_t max_file_size; /* bytes; 0: 64 GiB. Address space, not memory */
 } lscoredb_options;
 
-/* Opens, or creates, the database in `directory`; NULL opens a new one in memory. `options` may be
- * NULL. */
+/* Opens, or creates, the database in `directory`, which is made when it is missing; NULL opens a
+ * new one in memory. `options` may be NULL. Where the process has the directory open already, the
+ * two share a store and the stricter durability holds for both. LSCOREDB_CANNOT_OPEN: no directory,
+ * or no right to it. LSCOREDB_NOT_A_DATABASE: a file that is none of ours. LSCOREDB_NEWER_FORMAT:
+ * written by a later version. LSCOREDB_DAMAGED: cut or contradicting itself.
+ * LSCOREDB_INVALID_ARGUMENT: options out of range. */
 LSCOREDB_API uint32_t lscoredb_open(char const* directory, lscoredb_options const* options,
                                     lscoredb** out);
-/* LSCOREDB_IN_USE while contexts are open. */
+/* Ends the use of a database; `*database` is gone then. LSCOREDB_IN_USE: contexts are open. */
 LSCOREDB_API uint32_t lscoredb_close(lscoredb* database);
 
-/* ---- contexts and transactions ------------------------------------------------------------------------- */
+/* ---- contexts and transactions
+ * ------------------------------------------------------------------------- */
 
+/* Opens a context. A handle is never 0 and names nothing any more once it is closed. */
 LSCOREDB_API uint32_t lscoredb_context_open(lscoredb* database, uint64_t* out_context);
-/* Rolls back what is open. */
+/* Rolls back what is open, and frees the context with its iterators. */
 LSCOREDB_API uint32_t lscoredb_context_close(uint64_t context);
 
 #define LSCOREDB_READ_WRITE 0u
 #define LSCOREDB_READ_ONLY_TRANSACTION 1u
 
+/* Takes a snapshot of the database to read and write on. LSCOREDB_TRANSACTION_OPEN: the context has
+ * one. LSCOREDB_TOO_MANY_READERS: all places for open transactions are taken. */
 LSCOREDB_API uint32_t lscoredb_begin(uint64_t context, uint32_t flags);
+/* Makes the transaction's writes visible to later ones, and lasting; the transaction is over
+ * whatever comes of it. LSCOREDB_NO_TRANSACTION: none is open. LSCOREDB_CONFLICT: another
+ * transaction has committed a change of the same object since, or of the set of an index created
+ * here, or took the same layout number; run the work again. LSCOREDB_DUPLICATE_KEY: a unique index
+ * would hold a key twice. LSCOREDB_MAP_FULL, LSCOREDB_DISK_FULL: no room. */
 LSCOREDB_API uint32_t lscoredb_commit(uint64_t context);
+/* Ends the transaction and forgets its writes. */
 LSCOREDB_API uint32_t lscoredb_rollback(uint64_t context);
 
-/* A read scope bounds the life, and so the memory, of the strings and binaries handed out inside it.
- * Scopes nest; a transaction's end ends all of its scopes. */
+/* A read scope bounds the life, and so the memory, of the strings and binaries handed out inside
+ * it. Scopes nest; a transaction's end ends all of its scopes. LSCOREDB_INVALID_ARGUMENT: an end
+ * without a begin. */
 LSCOREDB_API uint32_t lscoredb_read_scope_begin(uint64_t context);
 LSCOREDB_API uint32_t lscoredb_read_scope_end(uint64_t context);
 
-/* ---- upkeep ------------------------------------------------------------------------------------------------ */
+/* ---- upkeep
+ * ------------------------------------------------------------------------------------------------
+ */
 
 /* Moves an object to another layout, columns matched by token: what both have is kept, the rest is
- * null or zero. */
+ * null or zero. LORV_STATUS_NO_OBJECT, LSCOREDB_UNKNOWN_LAYOUT, LSCOREDB_READ_ONLY. */
 LSCOREDB_API uint32_t lscoredb_move_object(uint64_t context, uint64_t oid, uint16_t layout);
 
 typedef struct lscoredb_layout_statistics {
@@ -114,9 +144,9 @@ typedef struct lscoredb_layout_statistics {
 LSCOREDB_API uint32_t lscoredb_layout_stats(uint64_t context, uint32_t* count,
                                             lscoredb_layout_statistics* out);
 
-/* Writes a copy of the newest committed state into `directory`, which is not there yet or empty, while
- * contexts of this and other processes read and write. The copy is a database by itself. Of a copy that
- * failed the directory may hold a part, which is to be removed. */
+/* Writes a copy of the newest committed state into `directory`, which is not there yet or empty,
+ * while contexts of this and other processes read and write. The copy is a database by itself. Of a
+ * copy that failed the directory may hold a part, which is to be removed. */
 LSCOREDB_API uint32_t lscoredb_copy(lscoredb* database, char const* directory);
 
 /* An English sentence for every status of the contract and of this header; for any other number a

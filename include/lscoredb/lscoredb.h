@@ -4,8 +4,8 @@
 /*
  * The contract of the storage kernel: rows of numbered columns, layouts, ordered indexes.
  *
- * This is everything that the metadata layer asks of a kernel. A library that offers these functions
- * with these meanings can take the place of the embedded kernel at load time.
+ * This is everything that the metadata layer asks of a kernel. A library that offers these
+ * functions with these meanings can take the place of the embedded kernel at load time.
  *
  * Rules
  *
@@ -13,23 +13,27 @@
  *     and nothing is changed.
  *  2. A context is a 64-bit handle owned by the host. One thread at a time uses a context. All
  *     functions below run inside the transaction that the host has open in the context.
- *  3. An object is named by two words: `oid`, its identity, never 0 and never used twice, and `addr`,
- *     whose low 16 bits name a layout. The columns of a call are the columns of that layout. The high
- *     48 bits are a position that the kernel gave; 0 is accepted in their place. A layout of 0 in
- *     the address stands for the object's own layout.
+ *  3. An object is named by two words: `oid`, its identity, never 0 and never used twice, and
+ * `addr`, whose low 16 bits name a layout. The columns of a call are the columns of that layout.
+ * The high 48 bits are a position that the kernel gave; 0 is accepted in their place. A layout of 0
+ * in the address stands for the object's own layout.
  *  4. An object keeps the layout under which it was written. When the address names another one,
- *     columns are matched by token. A column that the object's layout lacks reads as null, or as zero
- *     where it is not nullable. A write first moves the object to the named layout, provided that
- *     layout is newer and of the same set; otherwise the object stays where it is and the write goes to
- *     the column of that token.
+ *     columns are matched by token. A column that the object's layout lacks reads as null, or as
+ * zero where it is not nullable. A write first moves the object to the named layout, provided that
+ *     layout is newer and of the same set; otherwise the object stays where it is and the write
+ * goes to the column of that token.
  *  5. Column 0 of every layout is the object's identity, column 1 its set specifier; neither is
  *     written through the column functions. An unwritten column reads as null where it is nullable,
  *     else as zero.
- *  6. Memory handed out (string and binary records, texts) belongs to the kernel. It is writable, has
- *     room for one more unit behind the last one, and stays valid until the transaction, or the
+ *  6. Memory handed out (string and binary records, texts) belongs to the kernel. It is writable,
+ * has room for one more unit behind the last one, and stays valid until the transaction, or the
  *     innermost read scope of the context, ends.
- *  7. Texts passed in are UTF-16 ended by a zero unit. Lone surrogates are legal. The kernel keeps no
- *     pointer to anything passed in.
+ *  7. Texts passed in are UTF-16 ended by a zero unit. Lone surrogates are legal. The kernel keeps
+ * no pointer to anything passed in.
+ *  8. A kernel may give statuses beside those named here; the metadata layer passes them on as they
+ *     are. Those of the embedded kernel stand in <lscoredb/host.h>: among them calls outside a
+ *     transaction, writes in a read-only one, unknown layouts and columns, a column of another type
+ * than the function's, and a key that a unique index holds already.
  */
 
 #include <stdint.h>
@@ -62,7 +66,8 @@ extern "C" {
 /* A column token occurs twice in a layout. */
 #define LORV_STATUS_DUPLICATE_TOKEN 4277u
 
-/* ---- column types ------------------------------------------------------------------------------ */
+/* ---- column types ------------------------------------------------------------------------------
+ */
 
 #define LORV_TYPE_STRING 1u
 #define LORV_TYPE_BINARY 2u
@@ -78,7 +83,8 @@ extern "C" {
 #define LORV_TOKEN_ID 1u
 #define LORV_TOKEN_SETSPEC 2u
 
-/* ---- records that cross the boundary ----------------------------------------------------------- */
+/* ---- records that cross the boundary -----------------------------------------------------------
+ */
 
 /* Reference to an object. `oid` 0 is the null reference, whatever `addr` holds. */
 typedef struct LS_OBJ_REF {
@@ -99,10 +105,10 @@ typedef struct LORV_STRING {
   char16_t units[1];
 } LORV_STRING;
 
-/* A binary value in kernel memory: `length` bytes follow. */
+/* A binary value in kernel memory: `length` bytes follow, from `bytes` on. */
 typedef struct LORV_BINARY {
   uint32_t length;
-  uint8_t bytes[4];
+  uint8_t bytes[1];
 } LORV_BINARY;
 
 /* A column of a layout, or an indexed column. An array of them ends with an entry of `type` 0. */
@@ -133,9 +139,11 @@ typedef struct LORVI_INDEX_INFO {
   uint16_t flags;    /* the flags that the index was created with, low 16 bits */
 } LORVI_INDEX_INFO;
 
-/* ---- rows ---------------------------------------------------------------------------------------- */
+/* ---- rows
+ * ---------------------------------------------------------------------------------------- */
 
-/* Reads a column of one type. LORV_STATUS_NULL: the column has no value and `out` is not written. */
+/* Reads a column of one type. LORV_STATUS_NULL: the column has no value and `out` is not written.
+ */
 LSCOREDB_API uint32_t lorv_context_get_ulong(uint64_t context, uint64_t oid, uint64_t addr,
                                              uint32_t column, uint64_t* out);
 LSCOREDB_API uint32_t lorv_context_get_long(uint64_t context, uint64_t oid, uint64_t addr,
@@ -158,7 +166,7 @@ LSCOREDB_API uint32_t lorv_context_get_reference(uint64_t context, uint64_t oid,
 LSCOREDB_API uint32_t lorvi_context_get_refid(uint64_t context, uint64_t oid, uint64_t addr,
                                               uint32_t column, uint64_t* out);
 
-/* Writes a column of one type. */
+/* Writes a column of one type. Null written to a column that is not nullable is zero, or empty. */
 LSCOREDB_API uint32_t lorv_context_put_ulong(uint64_t context, uint64_t oid, uint64_t addr,
                                              uint32_t column, uint64_t value);
 LSCOREDB_API uint32_t lorv_context_put_long(uint64_t context, uint64_t oid, uint64_t addr,
@@ -190,7 +198,8 @@ LSCOREDB_API uint32_t lorv_context_get_setspec(uint64_t context, uint64_t oid, u
 LSCOREDB_API uint32_t lorv_context_put_setspec(uint64_t context, uint64_t oid, uint64_t addr,
                                                char16_t const* setspec);
 
-/* Inserts an object under layout `table_id`; the first is for system tables, the second for others. */
+/* Inserts an object under layout `table_id`; the first is for system tables, the second for others.
+ */
 LSCOREDB_API uint32_t lorv_context_insert_system(uint64_t context, uint16_t table_id,
                                                  uint64_t* out_oid);
 LSCOREDB_API uint32_t lorv_context_insert(uint64_t context, uint16_t table_id, uint64_t* out_oid);
@@ -202,7 +211,8 @@ LSCOREDB_API uint32_t lorv_context_delete(uint64_t context, uint64_t oid, uint64
  * LORV_STATUS_NO_OBJECT: there is none. */
 LSCOREDB_API uint32_t lorv_context_lookup(uint64_t context, uint64_t oid, uint64_t* out_addr);
 
-/* ---- index walks ----------------------------------------------------------------------------------- */
+/* ---- index walks
+ * ----------------------------------------------------------------------------------- */
 
 #define LORV_ITERATOR_FORWARD 0x70u
 #define LORV_ITERATOR_REVERSE 0x80070u
@@ -210,36 +220,39 @@ LSCOREDB_API uint32_t lorv_context_lookup(uint64_t context, uint64_t oid, uint64
 /* Opens a scan of the range from `first_key` to `last_key`, both included, in index order; with
  * LORV_ITERATOR_REVERSE against it, and `first_key` is then the bound that index order has last.
  * Keys are in the byte format of <sagleme/metalayer.hpp>; a key may stop after any column.
- * The scan delivers the range as it stood at this call: what the transaction writes afterwards does not
- * change it, but that objects deleted meanwhile are left out. Null is below all values; a column
- * created as descending runs backwards, its null last. */
+ * The scan delivers the range as it stood at this call: what the transaction writes afterwards does
+ * not change it, but that objects deleted meanwhile are left out. Null is below all values; a
+ * column created as descending runs backwards, its null last. */
 LSCOREDB_API uint32_t lorv_context_create_iterator(uint64_t context, uint64_t index_id,
                                                    uint32_t flags, void const* first_key,
                                                    void const* last_key, uint64_t* out_iterator);
 /* The next object, or status 0 and `oid` 0 at the end. */
 LSCOREDB_API uint32_t lorv_iterator_next(uint64_t iterator, LORV_REFERENCE* out);
-/* Releases an iterator; does not fail for one that is open, also after its transaction has ended. */
+/* Releases an iterator; does not fail for one that is open, also after its transaction has ended,
+ * as long as its context is open. */
 LSCOREDB_API uint32_t lorv_iterator_free(uint64_t iterator);
 
-/* ---- texts as key bytes ------------------------------------------------------------------------------ */
+/* ---- texts as key bytes
+ * ------------------------------------------------------------------------------ */
 
-/* The kernel's sort-order form of a text. Byte order is the order of UTF-16 code units. `flags` 1 gives
- * the bound above all texts that begin with `text`. Returns the number of bytes needed; when that is
- * more than `size` the buffer holds nothing useful.
- * The first bytes are a header: 7 bits each, high bit set on the last, most significant first: the
- * number of spare bits at the end of the payload that follows. */
+/* The kernel's sort-order form of a text. Byte order is the order of UTF-16 code units. `flags` 1
+ * gives the bound above all texts that begin with `text`. Returns the number of bytes needed; when
+ * that is more than `size` the buffer holds nothing useful. The first bytes are a header: 7 bits
+ * each, high bit set on the last, most significant first: the number of spare bits at the end of
+ * the payload that follows. */
 LSCOREDB_API uint32_t lorv_convert_ucs2_to_turbotext(char16_t const* text, uint32_t flags,
                                                      uint8_t* buffer, uint32_t size);
-/* The same for a prefix of set specifiers: `upper` 0 and 1 give the bounds that enclose exactly the set
- * specifiers that begin with `text`. */
+/* The same for a prefix of set specifiers: `upper` 0 and 1 give the bounds that enclose exactly the
+ * set specifiers that begin with `text`. */
 LSCOREDB_API uint32_t lorv_convert_ucs2_to_setspectt(char16_t const* text, uint32_t upper,
                                                      uint8_t* buffer, uint32_t size);
 
-/* ---- layouts and indexes ------------------------------------------------------------------------------- */
+/* ---- layouts and indexes
+ * ------------------------------------------------------------------------------- */
 
-/* Creates a layout: the columns of `base_layout_handle`, then `columns`. A base of 0 makes a root, whose
- * columns 0 and 1 the kernel adds. `reserved` is 0.
- * LORV_STATUS_DUPLICATE_TOKEN: two columns would carry one token. */
+/* Creates a layout: the columns of `base_layout_handle`, then `columns`. A base of 0 makes a root,
+ * whose columns 0 and 1 the kernel adds. `reserved` is 0. LORV_STATUS_DUPLICATE_TOKEN: two columns
+ * would carry one token. */
 LSCOREDB_API uint32_t lorvi_context_create_layout(uint64_t context, uint64_t token,
                                                   uint16_t base_layout_handle,
                                                   LORVI_COLUMN_DEFINITION const* columns,

@@ -136,14 +136,7 @@ class TransactionModelTest : public testing::TestWithParam<unsigned> {
     for (Oid const oid : all_) EXPECT_EQ(actor.session.Exists(oid), actor.seen.contains(oid));
   }
 
-  // With every other seed there is hardly any memory to keep committed rows in.
-  static lscoredb_options Options() {
-    lscoredb_options options = DefaultOptions();
-    options.row_cache_size = GetParam() % 2 == 0 ? 0 : 2000;
-    return options;
-  }
-
-  Database database_{Options()};
+  Database database_;
   std::mt19937 random_{GetParam()};
   std::vector<std::unique_ptr<Actor>> actors_;
   State committed_;
