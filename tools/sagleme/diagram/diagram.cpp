@@ -4,6 +4,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -64,9 +65,10 @@ std::string DotNode(TableDoc const& table) {
 
 std::string MermaidName(std::string const& text) {
   std::string name;
-  for (unsigned char const each : text) {
-    bool const plain = std::isalnum(each) != 0 || each >= 0x80;
-    name += plain ? static_cast<char>(each) : '_';
+  for (char const each : text) {
+    auto const byte = static_cast<unsigned char>(each);
+    bool const plain = std::isalnum(byte) != 0 || byte >= 0x80;
+    name += plain ? each : '_';
   }
   return name;
 }
