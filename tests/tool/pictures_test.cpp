@@ -1,8 +1,3 @@
-#include <unistd.h>
-
-#include <cstdlib>
-#include <filesystem>
-
 #include "run_tool.h"
 
 namespace tool_test {
@@ -21,21 +16,6 @@ bool Has(std::string const& text, std::string const& part) {
   return text.find(part) != std::string::npos;
 }
 
-std::string OutputOf(std::string const& command) {
-  std::FILE* const pipe = popen(command.c_str(), "r");
-  std::string text;
-  char buffer[4096];
-  for (std::size_t count; (count = fread(buffer, 1, sizeof buffer, pipe)) != 0;) {
-    text.append(buffer, count);
-  }
-  pclose(pipe);
-  return text;
-}
-
-bool Installed(char const* program) {
-  return std::system(("command -v " + std::string(program) + " > /dev/null").c_str()) == 0;
-}
-
 TEST_F(PicturesTest, Dot_HasInheritanceAndReferences) {
   std::string const dot = Draw("dot");
   EXPECT_TRUE(Has(dot, "\"App.Book\" -> \"App.Item\" [arrowhead=onormal];")) << dot;
@@ -48,34 +28,7 @@ TEST_F(PicturesTest, Mermaid_HasInheritanceAndReferences) {
   EXPECT_TRUE(Has(text, "App_Item ..> App_Person : Owner")) << text;
 }
 
-TEST_F(PicturesTest, Svg_IsDrawnByGraphviz) {
-  if (!Installed("dot")) GTEST_SKIP() << "Graphviz is not installed";
-  EXPECT_TRUE(Has(Draw("svg"), "</svg>"));
-}
-
 TEST_F(PicturesTest, Diagram_InAnUnknownForm_IsUsage) { On("diagram", {"--as", "png"}, 2); }
-
-// The page, with a script behind it that does what a user would, as the browser shows it
-// afterwards.
-TEST_F(PicturesTest, Html_ShowsTheTreeFindsAndOpensATable) {
-  if (!Installed("chromium")) GTEST_SKIP() << "Chromium is not installed";
-  std::string page = Draw("html");
-  std::string const script =
-      "<script>const field = document.getElementById('search'); field.value = 'isbn';"
-      "field.dispatchEvent(new Event('input'));"
-      "[...document.querySelectorAll('nav button')].find(b => b.textContent === "
-      "'App.Book').click();"
-      "</script></body>";
-  page.replace(page.rfind("</body>"), 7, script);
-  std::string const file = Write("page.html", page);
-  std::string const shown = OutputOf(
-      "chromium --headless --no-sandbox --disable-gpu --user-data-dir='" + Path("profile") +
-      "' --virtual-time-budget=2000 --dump-dom 'file://" + file + "' 2>/dev/null");
-  EXPECT_TRUE(Has(shown, "<li><button class=\"chosen\">App.Book</button>")) << shown;
-  EXPECT_TRUE(Has(shown, "<li class=\"hidden\"><button>App.Film</button>")) << shown;
-  EXPECT_TRUE(Has(shown, "<h1>App.Book</h1>")) << shown;
-  EXPECT_TRUE(Has(shown, "<td>Isbn</td><td>ulong</td><td><button>App.Book</button></td>")) << shown;
-}
 
 TEST_F(PicturesTest, Html_WithATableNamedLikeMarkup_StaysOnePage) {
   Apply(R"({"schema": 1, "tables": [{"name": "</script><b>"}]})", {"--allow-destructive"});

@@ -116,6 +116,17 @@ int WaitFor(pid_t process) {
   return Status(status);
 }
 
+std::string OutputOf(std::string const& command) {
+  std::FILE* const pipe = popen(command.c_str(), "r");
+  std::string text;
+  char buffer[4096];
+  for (std::size_t count; (count = fread(buffer, 1, sizeof buffer, pipe)) != 0;) {
+    text.append(buffer, count);
+  }
+  pclose(pipe);
+  return text;
+}
+
 std::string ReadText(std::string const& path) {
   std::ifstream file(path, std::ios::binary);
   return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};

@@ -27,6 +27,8 @@ Result RunOnTerminal(Arguments const& arguments, std::string const& input = "",
 pid_t StartTool(Arguments const& arguments);
 int WaitFor(pid_t process);
 
+// What a line for the system's shell prints.
+std::string OutputOf(std::string const& command);
 std::string ReadText(std::string const& path);
 
 // A directory of its own for each test, and a database in it.

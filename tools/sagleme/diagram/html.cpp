@@ -13,10 +13,11 @@ constexpr char const* kHead = R"html(<!DOCTYPE html>
 body { margin: 0; font: 15px/1.4 sans-serif; color: #1d2733; display: flex; height: 100vh; }
 nav { width: 22em; overflow: auto; border-right: 1px solid #c8d2dc; padding: 1em; flex: none; }
 main { overflow: auto; padding: 1em 2em; flex: auto; }
-input { width: 100%; box-sizing: border-box; font: inherit; padding: .3em .5em; margin-bottom: .6em; }
+input { width: 100%; box-sizing: border-box; font: inherit; padding: .3em; margin-bottom: .6em; }
 ul { list-style: none; margin: 0; padding-left: 1.1em; }
 nav > ul { padding-left: 0; }
-button { font: inherit; border: 0; background: none; padding: .1em .3em; cursor: pointer; color: inherit; text-align: left; }
+button { font: inherit; border: 0; background: none; padding: .1em .3em; cursor: pointer; }
+button { color: inherit; text-align: left; }
 button:hover, button:focus { background: #e6eef6; }
 button.chosen { background: #cfe0f2; }
 .hidden { display: none; }

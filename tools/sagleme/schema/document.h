@@ -66,8 +66,8 @@ struct SchemaDoc {
 SchemaDoc ReadSchema(sagleme::Transaction& transaction, bool identities);
 
 std::string SchemaJson(SchemaDoc const& schema);
-// Failure with kUsage, which says where in the document something is wrong. Whether the whole of it can
-// be is Validate's matter.
+// Failure with kUsage, which says where in the document something is wrong. Whether a database
+// can be so is the matter of Validate.
 SchemaDoc ParseSchema(std::string const& json, std::string const& source);
 // A part together with what the database has outside of it; a whole is left alone.
 SchemaDoc Completed(SchemaDoc const& wanted, SchemaDoc const& present);
