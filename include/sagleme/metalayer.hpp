@@ -3,9 +3,10 @@
 
 // The exported C++ of the metadata layer, for hosts written in C++.
 //
-// All of it works in the thread's kernel context, TlsMetalayerContext::Current(), and inside the transaction
-// that the host has open there. Failures are thrown as db_util::db_exception; their text stands in the
-// error buffer of the context. Rows, texts and iterators are valid until the transaction ends.
+// All of it works in the thread's kernel context, TlsMetalayerContext::Current(), and inside the
+// transaction that the host has open there. Failures are thrown as db_util::db_exception; their
+// text stands in the error buffer of the context. Rows, texts and iterators are valid until the
+// transaction ends.
 
 #include <sagleme/metalayer/catalogue.hpp>
 #include <sagleme/metalayer/context.hpp>

@@ -66,7 +66,7 @@ typedef struct LORV_COLUMN_DEFINITION_NAMES {
 
 typedef struct LORV_INDEXED_COLUMN {
   char16_t const* name; /* null ends the array */
-  uint8_t ascending; /* 0: the column runs backwards */
+  uint8_t ascending;    /* 0: the column runs backwards */
 } LORV_INDEXED_COLUMN;
 
 /* Opaque. A continuation is owned by the host; the other two by the library, see the handles

@@ -32,8 +32,8 @@ class IdAllocator {
   // afterwards it does not.
   void Give(ObjectId id);
 
-  // Reserves a block in a commit that takes place anyway, when the present one runs low, and keeps the
-  // mark above identities that callers chose. Install makes it usable once the commit is done.
+  // Reserves a block in a commit that takes place anyway, when the present one runs low, and keeps
+  // the mark above identities that callers chose. Install makes it usable once the commit is done.
   IdRange TopUp(Batch& batch);
   void Install(IdRange block);
 
@@ -47,9 +47,9 @@ class IdAllocator {
   std::mutex mutex_;
   IdRange present_;
   IdRange spare_;
-  std::vector<IdRange> issued_;         // what was handed out, in adjoining pieces
-  std::set<std::uint64_t> given_;       // chosen by callers inside present_ and spare_
-  std::uint64_t floor_ = 1;             // above all identities that callers chose
+  std::vector<IdRange> issued_;    // what was handed out, in adjoining pieces
+  std::set<std::uint64_t> given_;  // chosen by callers inside present_ and spare_
+  std::uint64_t floor_ = 1;        // above all identities that callers chose
 };
 
 // The highest layout number that this process has handed out for one database, over closing and

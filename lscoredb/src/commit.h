@@ -1,10 +1,10 @@
 #ifndef LSCOREDB_SRC_COMMIT_H
 #define LSCOREDB_SRC_COMMIT_H
 
-// How transactions become part of the store. Committers line up; the first one leads: it takes all who
-// wait, checks and applies each in one batch of the store, and ends that with one sync for all. Whoever
-// fails its checks has applied nothing and does not hold up the others. When the batch as a whole fails,
-// each is tried again alone, so that one that does not fit takes nobody with it.
+// How transactions become part of the store. Committers line up; the first one leads: it takes all
+// who wait, checks and applies each in one batch of the store, and ends that with one sync for all.
+// Whoever fails its checks has applied nothing and does not hold up the others. When the batch as a
+// whole fails, each is tried again alone, so that one that does not fit takes nobody with it.
 
 #include <condition_variable>
 #include <mutex>

@@ -64,8 +64,8 @@ void CommitWork::ValidateIndexes() const {
   }
 }
 
-// An index that the transaction itself created is in no store yet, one that another dropped is in none
-// any more.
+// An index that the transaction itself created is in no store yet, one that another dropped is in
+// none any more.
 bool CommitWork::IsLive(PendingIndex const& entries) const {
   return !late_ || !entries.committed() || HasIndex(batch_, entries.index().id);
 }
@@ -145,8 +145,7 @@ void CommitWork::ApplyRow(PendingRow const& row) {
 }
 
 void CommitWork::PutImage(PendingRow const& row) {
-  std::string_view image =
-      builder_.Build(*row.layout, batch_.id(), row.setspec, row.all_cells());
+  std::string_view image = builder_.Build(*row.layout, batch_.id(), row.setspec, row.all_cells());
   std::string stub;
   if (image.size() > format::kPartSize) {
     PutParts(row.id, image);
@@ -233,8 +232,8 @@ void CommitWork::ApplyCounts() {
     LayoutCount count = ReadCount(batch_, number);
     bool const sets = names_set && !(count.has_setspec && count.objects > 0);
     if (delta.objects == 0 && !sets) continue;
-    count.objects = static_cast<std::uint64_t>(static_cast<std::int64_t>(count.objects) +
-                                               delta.objects);
+    count.objects =
+        static_cast<std::uint64_t>(static_cast<std::int64_t>(count.objects) + delta.objects);
     if (sets) Unpack(delta.example->setspec.text(), count.setspec);
     count.has_setspec = count.objects > 0 && (count.has_setspec || sets);
     WriteCount(batch_, number, count);

@@ -1,8 +1,8 @@
 #ifndef LSCOREDB_SRC_COMMIT_WORK_H
 #define LSCOREDB_SRC_COMMIT_WORK_H
 
-// One transaction's part of a batch: all checks first, which write nothing, then all writes. Used by the
-// leader of a commit, on its thread; the transaction itself stands still meanwhile.
+// One transaction's part of a batch: all checks first, which write nothing, then all writes. Used
+// by the leader of a commit, on its thread; the transaction itself stands still meanwhile.
 
 #include <cstdint>
 #include <map>

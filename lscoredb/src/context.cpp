@@ -12,7 +12,9 @@ HandleTable<OpenIterator>& Iterators() {
   return *table;
 }
 
-Context::Context(lscoredb& owner) : owner_(owner), transaction_(owner.database) { ++owner_.contexts; }
+Context::Context(lscoredb& owner) : owner_(owner), transaction_(owner.database) {
+  ++owner_.contexts;
+}
 
 Context::~Context() {
   if (transaction_.open()) transaction_.Rollback();

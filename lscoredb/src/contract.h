@@ -1,8 +1,8 @@
 #ifndef LSCOREDB_SRC_CONTRACT_H
 #define LSCOREDB_SRC_CONTRACT_H
 
-// What the exported functions have in common: from a handle to its transaction, and the one door through
-// which failures become statuses.
+// What the exported functions have in common: from a handle to its transaction, and the one door
+// through which failures become statuses.
 
 #include "context.h"
 #include "status.h"

@@ -12,9 +12,9 @@ std::vector<IndexColumn> ReadColumns(LORVI_COLUMN_DEFINITION const* columns) {
     IndexColumn const column{Token{columns->token}, columns->type, columns->is_nullable != 0};
     bool const is_id = columns->token == LORV_TOKEN_ID;
     bool const is_setspec = columns->token == LORV_TOKEN_SETSPEC;
-    bool const right_type = (!is_id || column.type == LORV_TYPE_ULONG ||
-                             column.type == LORV_TYPE_KEY) &&
-                            (!is_setspec || column.type == LORV_TYPE_STRING);
+    bool const right_type =
+        (!is_id || column.type == LORV_TYPE_ULONG || column.type == LORV_TYPE_KEY) &&
+        (!is_setspec || column.type == LORV_TYPE_STRING);
     if (!IsColumnType(column.type) || !right_type || read.size() == kMaxIndexColumns) {
       Throw(LSCOREDB_INVALID_ARGUMENT);
     }
@@ -56,9 +56,8 @@ uint32_t lorvi_context_create_index(uint64_t context, uint64_t token, char16_t c
 }
 
 uint32_t lorvi_context_drop_index(uint64_t context, uint64_t index_id) {
-  return WithWriting(context, [&](Transaction& transaction) {
-    return transaction.DropIndex(IndexId{index_id});
-  });
+  return WithWriting(
+      context, [&](Transaction& transaction) { return transaction.DropIndex(IndexId{index_id}); });
 }
 
 uint32_t lorvi_context_get_index_infos_by_token(uint64_t context, uint64_t token, uint32_t* count,

@@ -14,8 +14,7 @@ Status ReadColumn(std::uint64_t context, std::uint64_t oid, std::uint64_t addr,
   return WithTransaction(context, [&](Transaction& transaction) -> Status {
     if (out == nullptr) return LSCOREDB_NULL_ARGUMENT;
     Cell cell;
-    Status const status =
-        transaction.Read(ObjectId{oid}, LayoutOf(addr), column, types, &cell);
+    Status const status = transaction.Read(ObjectId{oid}, LayoutOf(addr), column, types, &cell);
     if (status == LORV_STATUS_OK) deliver(transaction, cell);
     return status;
   });
@@ -68,10 +67,9 @@ uint32_t lorv_context_get_double(uint64_t context, uint64_t oid, uint64_t addr, 
 
 uint32_t lorv_context_get_string(uint64_t context, uint64_t oid, uint64_t addr, uint32_t column,
                                  LORV_STRING** out) {
-  return ReadColumn(context, oid, addr, column, TypeBit(LORV_TYPE_STRING), out,
-                    [out](Transaction& transaction, Cell const& cell) {
-                      *out = HandOut(transaction, cell);
-                    });
+  return ReadColumn(
+      context, oid, addr, column, TypeBit(LORV_TYPE_STRING), out,
+      [out](Transaction& transaction, Cell const& cell) { *out = HandOut(transaction, cell); });
 }
 
 uint32_t lorv_context_get_binary(uint64_t context, uint64_t oid, uint64_t addr, uint32_t column,

@@ -123,7 +123,6 @@ uint32_t lorvi_context_insert_with_id(uint64_t context, uint16_t table_id, uint6
 }
 
 uint32_t lorv_context_delete(uint64_t context, uint64_t oid, uint64_t) {
-  return WithWriting(context, [&](Transaction& transaction) {
-    return transaction.Delete(ObjectId{oid});
-  });
+  return WithWriting(context,
+                     [&](Transaction& transaction) { return transaction.Delete(ObjectId{oid}); });
 }

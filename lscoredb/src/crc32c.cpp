@@ -48,7 +48,8 @@ bool HasInstruction() {
 
 std::uint32_t Crc32cPortable(std::string_view bytes) {
   std::uint32_t crc = 0xFFFFFFFF;
-  for (char const c : bytes) crc = (crc >> 8) ^ kTable[(crc ^ static_cast<unsigned char>(c)) & 0xFF];
+  for (char const c : bytes)
+    crc = (crc >> 8) ^ kTable[(crc ^ static_cast<unsigned char>(c)) & 0xFF];
   return ~crc;
 }
 

@@ -6,7 +6,8 @@
 
 namespace lscore {
 
-// The CRC-32C checksum of `bytes`, by the processor's instruction where it has one. Pure, any thread.
+// The CRC-32C checksum of `bytes`, by the processor's instruction where it has one. Pure, any
+// thread.
 std::uint32_t Crc32c(std::string_view bytes);
 
 // The same without the instruction; the two agree on every input.

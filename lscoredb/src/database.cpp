@@ -29,7 +29,8 @@ struct Registry {
 };
 
 Registry& TheRegistry() {
-  static auto* const registry = new Registry;  // outlives all static objects that may hold databases
+  static auto* const registry =
+      new Registry;  // outlives all static objects that may hold databases
   return *registry;
 }
 

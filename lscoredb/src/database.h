@@ -1,8 +1,9 @@
 #ifndef LSCOREDB_SRC_DATABASE_H
 #define LSCOREDB_SRC_DATABASE_H
 
-// An open database: its store and what all contexts of the process share about it. One per directory and
-// process, however often it is opened; it lives until the last handle to it is closed. Any thread.
+// An open database: its store and what all contexts of the process share about it. One per
+// directory and process, however often it is opened; it lives until the last handle to it is
+// closed. Any thread.
 
 #include <memory>
 #include <string>
@@ -38,8 +39,8 @@ class Database {
   CommitQueue commits_;
 };
 
-// Opens the database in `directory`, which is created when missing, or shares it when the process has it
-// open; null opens a new one in memory.
+// Opens the database in `directory`, which is created when missing, or shares it when the process
+// has it open; null opens a new one in memory.
 std::shared_ptr<Database> OpenDatabase(char const* directory, StoreOptions const& options);
 // Gives a share back. The last one closes the store.
 void CloseDatabase(std::shared_ptr<Database> database);

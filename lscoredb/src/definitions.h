@@ -3,8 +3,8 @@
 
 // Layouts and indexes as the store keeps them, and the database's memory of those it has met.
 //
-// Nothing is read before it is asked for, so that opening and using a database with very many tables
-// costs what is used. Caches may be asked from any thread.
+// Nothing is read before it is asked for, so that opening and using a database with very many
+// tables costs what is used. Caches may be asked from any thread.
 
 #include <array>
 #include <atomic>

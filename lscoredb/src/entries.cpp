@@ -131,7 +131,8 @@ void EntryCursor::Arrive(bool on_entry, bool forward) {
 
 // Leaves the cursor on the entry behind the group, in the direction of the walk.
 void EntryCursor::GatherGroup(bool forward) {
-  std::string const shared(cursor_.key().substr(0, index_->entry_prefix.size() + format::kKeyPrefix));
+  std::string const shared(
+      cursor_.key().substr(0, index_->entry_prefix.size() + format::kKeyPrefix));
   group_.clear();
   do {
     group_.push_back(Parse());

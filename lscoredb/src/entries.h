@@ -4,8 +4,8 @@
 // The committed entries of an index: how an encoded key becomes a key of the store, and walks over
 // them in the order of the whole encoding, however long it is.
 //
-// A cursor belongs to one thread at a time and reads one view. The bytes of its entry stay valid until
-// it moves, over a snapshot until that ends.
+// A cursor belongs to one thread at a time and reads one view. The bytes of its entry stay valid
+// until it moves, over a snapshot until that ends.
 
 #include <string>
 #include <string_view>
@@ -72,8 +72,8 @@ class EntryCursor {
   bool valid_ = false;
   bool cursor_on_entry_ = false;
   Entry entry_;
-  // Entries whose encodings are cut in the store's key and agree in what it holds: the store has them by
-  // object, the group has them in the order of their encodings.
+  // Entries whose encodings are cut in the store's key and agree in what it holds: the store has
+  // them by object, the group has them in the order of their encodings.
   bool in_group_ = false;
   std::vector<Entry> group_;
   std::size_t group_at_ = 0;

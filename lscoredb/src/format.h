@@ -1,7 +1,7 @@
 #ifndef LSCOREDB_SRC_FORMAT_H
 #define LSCOREDB_SRC_FORMAT_H
 
-// The data file, byte by byte. These numbers are frozen: a change of any of them is a new format version.
+// The data file, byte by byte. These numbers are frozen: a change of any is a new format version.
 // Numbers are little endian inside values and big endian inside keys, unless it says otherwise.
 //
 // The file holds five trees.
@@ -16,10 +16,10 @@
 //       16     8  bytes of the set specifier
 //       24     4  columns in the presence bits (all of the layout but columns 0 and 1)
 //       28     4  unused, 0
-//       32        presence bits, in words of 8 bytes: fixed columns first, then variable ones, each in
-//                 column order
+//       32        presence bits, in words of 8 bytes: fixed columns first, then variable ones,
+//                 each in column order
 //                 8 bytes for each present fixed column
-//                 4 bytes (8 with flag 4) for each present variable column: where its bytes end, counted
+//                 4 bytes (8 with flag 4) for each present variable column: where its bytes end,
 //                 from the end of the set specifier; the highest bit says that a text is wide
 //                 the set specifier, then the bytes of the variable columns
 //
@@ -27,21 +27,22 @@
 //   image with flag 8 ends behind offset 32 with 8 bytes more, the size of the whole image, which
 //   then lies in "parts".
 //
-// "parts": object id (8, big endian), number of the part (4, big endian) -> the next kPartSize bytes.
+// "parts": object id (8, big endian), number of the part (4, big endian) -> the next kPartSize
+//   bytes.
 //
 // "index": ordered index id, encoded columns, ordered object id -> layout number (2), size of the
-//   ordered object id (1). Encoded columns of more than kKeyPrefix bytes are cut there in the key, and
-//   their rest stands at the end of the value.
+//   ordered object id (1). Encoded columns of more than kKeyPrefix bytes are cut there in the key,
+//   and their rest stands at the end of the value.
 //
 // "definitions": a letter and
 //   'L' layout number (2)                 -> a layout, see definitions.cpp
-//   'T' token (8), layout number (2)      -> commit and position in it, 8 + 4: the order of creation
+//   'T' token (8), layout number (2)      -> commit and position in it, 8 + 4: their order
 //   'I' index id (8)                      -> an index
 //   'J' token (8), index id (8)           -> nothing
 //   'S' hash of set specifier (8), index id (8) -> nothing: the indexes over a set specifier
 //   'C' layout number (2)                 -> count of objects (8), 1 and their set specifier, or 0
-//   'W' set specifier cut at kSetPrefix, its hash (8) -> commit (8) that last changed an object of
-//                                            that set, and the whole set specifier
+//   'W' set specifier cut at kSetPrefix, its hash (8) -> commit (8) that last changed an object
+//                                            of that set, and the whole set specifier
 //
 // "meta": "format" -> kMagic, version (4); "next-id" -> first id not reserved yet (8);
 //   "indexes" -> commit (8) that last created or dropped an index.
@@ -73,8 +74,8 @@ inline constexpr std::size_t kBitCountOffset = 24;
 inline constexpr std::size_t kHeaderSize = 32;
 inline constexpr std::size_t kStubSize = kHeaderSize + 8;
 
-// Images above this size go to "parts": one value of the store cannot hold the largest binaries, and
-// wants contiguous pages.
+// Images above this size go to "parts": one value of the store cannot hold the largest binaries,
+// and wants contiguous pages.
 inline constexpr std::size_t kPartSize = std::size_t{16} << 20;
 
 // The store takes keys of 511 bytes; an ordered id takes 9 at most.

@@ -1,10 +1,10 @@
 #ifndef LSCOREDB_SRC_HANDLES_H
 #define LSCOREDB_SRC_HANDLES_H
 
-// Handles that the outside may hold for ever: a number that is looked up without locks, and that stops
-// to name anything the moment its object is retired. A handle is a slot and how often it was used.
-// Objects are not owned. Find may be called from any thread with any number; the object that it
-// returns belongs to whoever may use the handle.
+// Handles that the outside may hold for ever: a number that is looked up without locks, and that
+// stops to name anything the moment its object is retired. A handle is a slot and how often it was
+// used. Objects are not owned. Find may be called from any thread with any number; the object that
+// it returns belongs to whoever may use the handle.
 
 #include <array>
 #include <atomic>
@@ -40,7 +40,8 @@ class HandleTable {
     return Revive(at, slot);
   }
 
-  // Makes the handle name nothing; its object keeps the slot and may be revived with another handle.
+  // Makes the handle name nothing; its object keeps the slot and may be revived with another
+  // handle.
   void Suspend(std::uint64_t handle) {
     SlotOf(handle & 0xFFFFFFFF).handle.store(0, std::memory_order_release);
   }

@@ -15,7 +15,8 @@ constexpr std::size_t kBinaryHead = offsetof(LORV_BINARY, bytes);
 
 // A value is known by where its bytes lie; all empty values are one.
 std::uint64_t SourceOf(std::string_view bytes) {
-  return bytes.empty() ? 1 : static_cast<std::uint64_t>(reinterpret_cast<std::uintptr_t>(bytes.data()));
+  return bytes.empty() ? 1
+                       : static_cast<std::uint64_t>(reinterpret_cast<std::uintptr_t>(bytes.data()));
 }
 
 std::uint32_t CheckedLength(std::size_t length) {

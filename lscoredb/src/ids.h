@@ -1,8 +1,8 @@
 #ifndef LSCOREDB_SRC_IDS_H
 #define LSCOREDB_SRC_IDS_H
 
-// The numbers that name things. They are distinct types, so that none is taken for another; Raw gives
-// the number itself where it is stored or handed out.
+// The numbers that name things. They are distinct types, so that none is taken for another; Raw
+// gives the number itself where it is stored or handed out.
 
 #include <cstdint>
 #include <type_traits>

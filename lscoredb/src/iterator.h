@@ -1,9 +1,9 @@
 #ifndef LSCOREDB_SRC_ITERATOR_H
 #define LSCOREDB_SRC_ITERATOR_H
 
-// A walk over a range of an index as it stood when the walk began: the snapshot's entries, merged with
-// those that the transaction had written by then. Belongs to the thread of its transaction. It may be
-// opened again once closed, which takes no memory in the common case.
+// A walk over a range of an index as it stood when the walk began: the snapshot's entries, merged
+// with those that the transaction had written by then. Belongs to the thread of its transaction. It
+// may be opened again once closed, which takes no memory in the common case.
 
 #include <optional>
 #include <string>
@@ -23,8 +23,8 @@ class Iterator {
   Iterator(Iterator const&) = delete;
   Iterator& operator=(Iterator const&) = delete;
 
-  // The next object that is still there; kNoObject at the end. LSCOREDB_NO_TRANSACTION: the transaction
-  // that the walk belongs to has ended.
+  // The next object that is still there; kNoObject at the end. LSCOREDB_NO_TRANSACTION: the
+  // transaction that the walk belongs to has ended.
   Status Next(ObjectId* object, LayoutNumber* layout);
 
  private:

@@ -1,9 +1,9 @@
 #ifndef LSCOREDB_SRC_LAYOUT_H
 #define LSCOREDB_SRC_LAYOUT_H
 
-// A layout: the numbered columns of a kind of rows. Immutable once built, and so free for any thread.
-// Committed layouts belong to the database and live as long as it is open; those of a transaction
-// that is still open belong to it.
+// A layout: the numbered columns of a kind of rows. Immutable once built, and so free for any
+// thread. Committed layouts belong to the database and live as long as it is open; those of a
+// transaction that is still open belong to it.
 
 #include <cstdint>
 #include <string>

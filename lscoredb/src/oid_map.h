@@ -1,8 +1,8 @@
 #ifndef LSCOREDB_SRC_OID_MAP_H
 #define LSCOREDB_SRC_OID_MAP_H
 
-// A hash table from numbers that are never 0 to small values. It keeps its memory when cleared, unless
-// it grew large. One thread at a time; pointers to values last until the next insertion.
+// A hash table from numbers that are never 0 to small values. It keeps its memory when cleared,
+// unless it grew large. One thread at a time; pointers to values last until the next insertion.
 
 #include <cstdint>
 #include <memory>

@@ -3,9 +3,9 @@
 
 // What a transaction has written and not committed: rows, index entries, layouts, indexes.
 //
-// It belongs to one transaction and goes with it. Rows and entries live in its arena; bytes of rows may
-// also lie in the snapshot that the transaction reads. Other threads read it only while the transaction
-// waits in commit.
+// It belongs to one transaction and goes with it. Rows and entries live in its arena; bytes of rows
+// may also lie in the snapshot that the transaction reads. Other threads read it only while the
+// transaction waits in commit.
 
 #include <map>
 #include <memory>
@@ -45,7 +45,8 @@ struct PendingRow {
   Cell& cell(std::uint32_t column) const { return cells[column - kFirstStoredColumn]; }
 };
 
-// A row to read, whichever form it has. A few words, passed by value; valid until the row is written.
+// A row to read, whichever form it has. A few words, passed by value; valid until the row is
+// written.
 struct RowRef {
   ObjectId id{};
   Layout const* layout = nullptr;
@@ -73,12 +74,13 @@ inline RowRef OriginalOf(PendingRow const& row) {
 // ---- keys of rows ------------------------------------------------------------------------------
 
 struct KeyFacts {
-  bool has_null = false;       // collides with nothing
-  bool has_unwritten = false;  // of an object that the transaction inserted: collides with nothing yet
+  bool has_null = false;  // collides with nothing
+  bool has_unwritten =
+      false;  // of an object that the transaction inserted: collides with nothing yet
 };
 
-// Encodes the index key of a row. Columns are found by token; one that the row's layout lacks is null, or
-// zero where the index says that it is not nullable.
+// Encodes the index key of a row. Columns are found by token; one that the row's layout lacks is
+// null, or zero where the index says that it is not nullable.
 class KeyEncoder {
  public:
   KeyFacts Encode(IndexDefinition const& index, RowRef const& row, KeyBytes& out);

@@ -1,9 +1,9 @@
 #ifndef LSCOREDB_SRC_ROW_H
 #define LSCOREDB_SRC_ROW_H
 
-// Rows: the stored image, the editable cells that a transaction writes into, and one way to read both.
-// An image is read where it lies; cells point into the image or into the memory of their transaction.
-// None of it owns memory.
+// Rows: the stored image, the editable cells that a transaction writes into, and one way to read
+// both. An image is read where it lies; cells point into the image or into the memory of their
+// transaction. None of it owns memory.
 
 #include <bit>
 #include <cstdint>
@@ -64,8 +64,9 @@ class RowImage {
       count += static_cast<std::uint32_t>(std::popcount(Word(i)));
     }
     std::uint64_t const below = (std::uint64_t{1} << (bit % 64)) - 1;
-    return bit % 64 == 0 ? count
-                         : count + static_cast<std::uint32_t>(std::popcount(Word(bit / 64) & below));
+    return bit % 64 == 0
+               ? count
+               : count + static_cast<std::uint32_t>(std::popcount(Word(bit / 64) & below));
   }
   static std::size_t FixedOffset(Layout const& layout) {
     return format::kHeaderSize + (layout.bit_count() + 63) / 64 * 8;

@@ -1,9 +1,9 @@
 #ifndef LSCOREDB_SRC_STATUS_H
 #define LSCOREDB_SRC_STATUS_H
 
-// Statuses inside the kernel. What a caller may well expect (a null column, no such object) travels as
-// a Status; what ends an operation (a full disk, a damaged page, a conflict) is thrown as a Failure and
-// caught at the one door of each exported function.
+// Statuses inside the kernel. What a caller may well expect (a null column, no such object) travels
+// as a Status; what ends an operation (a full disk, a damaged page, a conflict) is thrown as a
+// Failure and caught at the one door of each exported function.
 
 #include <lscoredb/host.h>
 

@@ -9,9 +9,7 @@
 namespace lscore {
 namespace {
 
-MDB_val ValueOf(std::string_view bytes) {
-  return {bytes.size(), const_cast<char*>(bytes.data())};
-}
+MDB_val ValueOf(std::string_view bytes) { return {bytes.size(), const_cast<char*>(bytes.data())}; }
 
 std::string_view BytesOf(MDB_val const& value) {
   return {static_cast<char const*>(value.mv_data), value.mv_size};

@@ -1,12 +1,12 @@
 #ifndef LSCOREDB_SRC_STORE_H
 #define LSCOREDB_SRC_STORE_H
 
-// The narrow seam to the ordered store below: snapshots to read, cursors over ordered keys, one atomic
-// batch of writes at a time. Only the store's own source files know what library does it.
+// The narrow seam to the ordered store below: snapshots to read, cursors over ordered keys, one
+// atomic batch of writes at a time. Only the store's own source files know what library does it.
 //
 // A Store is opened once per process and directory and outlives every view and cursor of it. Views
-// and cursors belong to one thread at a time. Bytes that a view hands out stay where they are until the
-// snapshot ends, those of a batch until its next write. All failures are thrown.
+// and cursors belong to one thread at a time. Bytes that a view hands out stay where they are until
+// the snapshot ends, those of a batch until its next write. All failures are thrown.
 
 #include <cstdint>
 #include <memory>

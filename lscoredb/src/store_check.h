@@ -12,8 +12,8 @@ namespace lscore {
 
 std::size_t PageSize(MDB_env* env);
 
-// Throws LSCOREDB_DAMAGED when the file ends before a page that is in use. A touch behind the end would
-// end the process.
+// Throws LSCOREDB_DAMAGED when the file ends before a page that is in use. A touch behind the end
+// would end the process.
 void CheckLength(MDB_env* env);
 
 // The address of the file's first byte in memory, or 0 when it cannot be told. `tree` holds the

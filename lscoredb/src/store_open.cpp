@@ -129,7 +129,8 @@ class StoreOpener {
       } else {
         CheckFormat(txn, store.Handle(Tree::kMeta));
       }
-      for (std::size_t i = 0; i < kTreeCount; ++i) OpenTree(store, txn, static_cast<Tree>(i), fresh);
+      for (std::size_t i = 0; i < kTreeCount; ++i)
+        OpenTree(store, txn, static_cast<Tree>(i), fresh);
     } catch (...) {
       mdb_txn_abort(txn);
       throw;

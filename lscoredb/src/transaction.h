@@ -142,8 +142,8 @@ class Transaction {
   Cell* CellsUnder(PendingRow const& row, Layout const& to);
   IndexCatalogue& catalogue();
 
-  // One change of a row with the upkeep of the indexes over it; `change` must not throw. `token`: only
-  // indexes with that column are concerned.
+  // One change of a row with the upkeep of the indexes over it; `change` must not throw. `token`:
+  // only indexes with that column are concerned.
   template <typename Change>
   Status ChangeRow(PendingRow& row, std::optional<Token> token, Change&& change);
   template <typename Visit>

@@ -59,8 +59,8 @@ PendingRow& Transaction::Promote(RowRef const& row) {
   pending.cells = cells;
   pending.original = source.image;
   pending.original_layout = source.layout;
-  pending.in_parts = std::find(assembled_ids_.begin(), assembled_ids_.end(), source.id) !=
-                     assembled_ids_.end();
+  pending.in_parts =
+      std::find(assembled_ids_.begin(), assembled_ids_.end(), source.id) != assembled_ids_.end();
   Refresh(pending);
   return pending;
 }
@@ -72,7 +72,8 @@ Status Transaction::FindTarget(RowRef const& row, LayoutNumber as, std::uint32_t
   if (layout == nullptr) return LSCOREDB_UNKNOWN_LAYOUT;
   if (column >= layout->column_count()) return LSCOREDB_UNKNOWN_COLUMN;
   Column const& wanted = layout->column(column);
-  if (column < kFirstStoredColumn || (types & TypeBit(wanted.type)) == 0) return LSCOREDB_WRONG_TYPE;
+  if (column < kFirstStoredColumn || (types & TypeBit(wanted.type)) == 0)
+    return LSCOREDB_WRONG_TYPE;
   *out = {layout, column};
   if (own) return LORV_STATUS_OK;
   bool const newer =
@@ -99,8 +100,8 @@ Status Transaction::FindTargetByToken(RowRef const& row, Column const& wanted, T
   return layout->column(out->column).type == wanted.type ? LORV_STATUS_OK : LSCOREDB_WRONG_TYPE;
 }
 
-// Whether the objects under a layout, if there are any, are of the row's set. A table that took over the
-// name of another one has layouts with the same token.
+// Whether the objects under a layout, if there are any, are of the row's set. A table that took
+// over the name of another one has layouts with the same token.
 bool Transaction::SameSet(RowRef const& row, Layout const& layout) {
   Cell const own = row.Setspec();
   if (PendingRow const* const* const example = examples_.Find(Raw(layout.number()))) {

@@ -1,18 +1,18 @@
 #ifndef SAGLEME_TESTS_SUPPORT_DATABASE_H
 #define SAGLEME_TESTS_SUPPORT_DATABASE_H
 
-// The fixture of the tests that run on the embedded kernel: a database, one context, a transaction, and
-// the words in which tests speak of refusals.
+// The fixture of the tests that run on the embedded kernel: a database, one context, a transaction,
+// and the words in which tests speak of refusals.
 //
-// What the layer knows of a database is process-wide: a test opens one database. Tests are run one per
-// process.
+// What the layer knows of a database is process-wide: a test opens one database. Tests are run one
+// per process.
 
 #include <gtest/gtest.h>
 #include <lscoredb/host.h>
-#include <sagleme/metalayer.hpp>
 #include <sagleme/sagleme.h>
 
 #include <functional>
+#include <sagleme/metalayer.hpp>
 #include <string>
 #include <vector>
 
@@ -51,8 +51,8 @@ class Database {
   void Commit() { ASSERT_EQ(0u, lscoredb_commit(context_)); }
   void Rollback() { ASSERT_EQ(0u, lscoredb_rollback(context_)); }
 
-  // Runs the bootstrap to its end, committing at every yield. Returns the last status; `yields` gets the
-  // number of times that control came back before the end.
+  // Runs the bootstrap to its end, committing at every yield. Returns the last status; `yields`
+  // gets the number of times that control came back before the end.
   uint32_t Bootstrap(int* yields = nullptr);
   // Runs the bootstrap up to and including its `count`th yield, commits, and abandons the rest.
   uint32_t BootstrapUpTo(int count);
@@ -65,8 +65,8 @@ class Database {
 // Runs `work` in a child process and returns its exit status: what `work` returns, or 128 + signal.
 int InChildProcess(std::function<int()> const& work);
 
-// A bootstrapped database in memory with a transaction open, and the context installed in the thread, so
-// that the exported C++ can be called directly.
+// A bootstrapped database in memory with a transaction open, and the context installed in the
+// thread, so that the exported C++ can be called directly.
 class DatabaseTest : public ::testing::Test {
  protected:
   void SetUp() override;

@@ -4,9 +4,9 @@
 // What stands behind the handles of object access. Handles are addresses of these records; two
 // process-wide caches own them, and lorv_crud_RefreshIssuedHandles alone frees them.
 
-#include <sagleme/metalayer/records.hpp>
 #include <sagleme/sagleme.h>
 
+#include <sagleme/metalayer/records.hpp>
 #include <string>
 #include <utility>
 
