@@ -110,7 +110,8 @@ SAGLEME_API void free_continuation_handle(continuation_context* handle);
  * 7043: the catalogue is missing or incomplete. 15010: it has another version. */
 SAGLEME_API uint32_t lorv_init_metalayer(uint64_t context);
 /* Completes the reference columns whose table did not exist when they were made. 15002: it still
- * does not. */
+ * does not. Call it before anything else looks at the type of such a column: verifying or indexing
+ * it, and adding or dropping columns in its table or above, end the process until then. */
 SAGLEME_API uint32_t lorv_update_reference_columns_types(uint64_t context);
 
 /* ---- booleans -------------------------------------------------------------------------------- */
