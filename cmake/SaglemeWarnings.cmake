@@ -6,7 +6,8 @@ target_compile_options(sagleme_warnings INTERFACE
   $<$<BOOL:${SAGLEME_WERROR}>:-Werror>)
 # GCC 12 sees an overlap in every "text" + std::string that it inlines (GCC bug 105651).
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
-  target_compile_options(sagleme_warnings INTERFACE $<$<COMPILE_LANGUAGE:CXX>:-Wno-restrict>)
+  target_compile_options(sagleme_warnings INTERFACE
+    $<$<COMPILE_LANGUAGE:CXX>:-Wno-restrict -Wno-stringop-overflow>)
 endif()
 
 if(SAGLEME_SANITIZE)
