@@ -127,7 +127,8 @@ std::string Listing::Csv() const {
   text += "\n";
   for (auto const& row : rows_) {
     for (std::size_t i = 0; i < row.size(); ++i) {
-      text += (i == 0 ? "" : ",") + CsvText(row[i].Plain());
+      if (i != 0) text += ',';
+      text += CsvText(row[i].Plain());
     }
     text += "\n";
   }
@@ -148,7 +149,7 @@ std::string Listing::Markdown() const {
   text += "\n";
   for (auto const& row : rows_) {
     text += "|";
-    for (Cell const& cell : row) text += " " + MarkdownText(cell.Plain()) + " |";
+    for (Cell const& cell : row) text.append(" ").append(MarkdownText(cell.Plain())).append(" |");
     text += "\n";
   }
   return text;
