@@ -49,7 +49,7 @@ TEST_F(PromptTest, ALineThatFails_EndsAScriptWithItsStatus) {
 TEST_F(PromptTest, OnATerminal_AFailureIsToldAndTheNextLineIsTaken) {
   Result const result = RunOnTerminal({"shell", database()}, "describe Nothing\ntables\nquit\n",
                                       {"HOME=" + Path("")});
-  EXPECT_EQ(0, result.status);
+  EXPECT_EQ(0, result.status) << result.out;
   EXPECT_NE(std::string::npos, result.out.find("there is no table Nothing")) << result.out;
   EXPECT_NE(std::string::npos, result.out.find("with descendants")) << result.out;
   EXPECT_NE(std::string::npos, ReadText(Path(".sagleme_history")).find("tables")) << result.out;
@@ -58,6 +58,7 @@ TEST_F(PromptTest, OnATerminal_AFailureIsToldAndTheNextLineIsTaken) {
 TEST_F(PromptTest, OnATerminal_ATabCompletesNames) {
   Result const result =
       RunOnTerminal({"shell", database()}, "desc\tApp.Bo\t\nquit\n", {"HOME=" + Path("")});
+  EXPECT_EQ(0, result.status) << result.out;
   EXPECT_NE(std::string::npos, result.out.find("App.Book, derived from App.Item")) << result.out;
 }
 
