@@ -10,7 +10,8 @@ ARGS    ?=
 .PHONY: help setup build run test lint tidy clean
 
 help:
-	@echo "make run    build everything, then load this machine's package database and ask it questions"
+	@echo "make run    build everything, then load this machine's package database, ask it questions"
+	@echo "            and change its schema"
 	@echo "            (STATUS=file loads another one, ARGS='--show gcc' passes options on)"
 	@echo "make test   build everything and run the tests"
 	@echo "make build  build the libraries, the example and the tests"
@@ -36,6 +37,7 @@ run: setup $(BUILD)/build.ninja
 	cmake --build $(EXAMPLE)
 	@mkdir -p $(DATA)
 	$(EXAMPLE)/packages $(STATUS) --database $(DATA)/packages $(ARGS)
+	$(EXAMPLE)/packages --evolve --database $(DATA)/packages
 
 test: build
 	ctest --test-dir $(BUILD) --output-on-failure -j$$(nproc)

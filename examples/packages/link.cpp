@@ -13,7 +13,7 @@
 namespace packages {
 namespace {
 
-constexpr std::string_view kDocumentationSuffix = "-doc";
+constexpr std::string_view kDocumentationSuffixes[] = {"-doc", "-man"};
 
 class Linker {
  public:
@@ -112,10 +112,13 @@ void Linker::LinkDevelopment(Object package) const {
 }
 
 void Linker::LinkDocumentation(Object package) const {
-  PackageHandles const& handles = handles_.Of(Kind::kDocumentation);
+  PackageHandles const& handles = HandlesOf(package.ref());
   std::string name = package.GetText(handles.name);
-  if (!name.ends_with(kDocumentationSuffix)) return;
-  name.resize(name.size() - kDocumentationSuffix.size());
+  auto const suffix = std::find_if(
+      std::begin(kDocumentationSuffixes), std::end(kDocumentationSuffixes),
+      [&](std::string_view each) { return name.size() > each.size() && name.ends_with(each); });
+  if (suffix == std::end(kDocumentationSuffixes)) return;
+  name.resize(name.size() - suffix->size());
   package.SetRef(handles.documents,
                  FindPackage(indexes_, name, package.GetText(handles.architecture)));
 }

@@ -1,5 +1,5 @@
-// Puts a Debian package database into an object database, and asks it questions from a second
-// process.
+// Puts a Debian package database into an object database, asks it questions from a second process,
+// and changes its schema in a third.
 
 #include <fmt/core.h>
 #include <spawn.h>
@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "evolve.h"
 #include "load.h"
 #include "progress.h"
 #include "query.h"
@@ -47,6 +48,7 @@ struct Arguments {
   int64_t batch = 500;
   bool load_only = false;
   bool query_only = false;
+  bool evolve = false;
   Questions questions = {"libc6", "bash"};
 };
 
@@ -75,6 +77,7 @@ void PrintLoaded(LoadResult const& result) {
 int RunLoad(Arguments const& arguments) {
   ControlFile file(arguments.file);
   Session session(OpenWithProgress(arguments.database));
+  RefuseEvolved(session, arguments.database);
   PrepareSchema(session);
   LoadOptions options;
   options.batch = arguments.batch;
@@ -87,6 +90,7 @@ int RunLoad(Arguments const& arguments) {
 
 int RunQuery(Arguments const& arguments) {
   Session session(sagleme::Database::Open(arguments.database));
+  RefuseEvolved(session, arguments.database);
   AnswerAll(session, arguments.questions);
   return kDone;
 }
@@ -114,6 +118,10 @@ int QueryInNewProcess(char const* program, Arguments const& arguments) {
 
 int Run(char const* program, Arguments const& arguments) {
   if (arguments.query_only) return RunQuery(arguments);
+  if (arguments.evolve) {
+    Evolve(arguments.database, arguments.questions.shown);
+    return kDone;
+  }
   fmt::print("{} -> {}\n", arguments.file, arguments.database);
   int const loaded = RunLoad(arguments);
   if (arguments.load_only) return loaded;
@@ -156,8 +164,14 @@ void Declare(CLI::App& app, Arguments& arguments) {
       ->capture_default_str();
   CLI::Option* const load_only =
       app.add_flag("--load-only", arguments.load_only, "Load, and ask nothing");
-  app.add_flag("--query-only", arguments.query_only, "Ask a database that was loaded before")
-      ->excludes(load_only);
+  CLI::Option* const query_only =
+      app.add_flag("--query-only", arguments.query_only, "Ask a database that was loaded before")
+          ->excludes(load_only);
+  app.add_flag("--evolve", arguments.evolve,
+               "Copy a database that was loaded before to DATABASE.evolved, and change the schema\n"
+               "of the copy while its objects stay")
+      ->excludes(load_only)
+      ->excludes(query_only);
   app.add_option("--depends-on", arguments.questions.depended_on, "Whose dependents are listed")
       ->check(CheckName)
       ->capture_default_str();
@@ -179,7 +193,9 @@ int main(int argc, char** argv) {
   } catch (CLI::ParseError const& error) {
     return app.exit(error) == 0 ? packages::kDone : packages::kWrongUse;
   }
-  std::signal(SIGINT, packages::AskStop);
-  std::signal(SIGTERM, packages::AskStop);
+  if (!arguments.evolve) {
+    std::signal(SIGINT, packages::AskStop);
+    std::signal(SIGTERM, packages::AskStop);
+  }
   return packages::RunGuarded(argv[0], arguments);
 }

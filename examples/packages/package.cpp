@@ -140,10 +140,15 @@ void ReadDependencies(Stanza const& stanza, Package& package) {
 
 bool EndsWith(std::string_view text, std::string_view end) { return text.ends_with(end); }
 
+bool IsManual(std::string const& name) {
+  return EndsWith(name, "-man") || EndsWith(name, "manpages") || EndsWith(name, "manpages-dev");
+}
+
 Kind KindOf(Package const& package) {
   // An archive area stands before the section: "non-free/libs".
   std::string_view const section =
       std::string_view(package.section).substr(package.section.rfind('/') + 1);
+  if (IsManual(package.name)) return Kind::kManual;
   if (section == "doc" || EndsWith(package.name, "-doc")) return Kind::kDocumentation;
   if (section == "libdevel" || EndsWith(package.name, "-dev")) return Kind::kDevelopment;
   if (section == "libs" || section == "oldlibs") return Kind::kLibrary;

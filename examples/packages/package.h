@@ -14,9 +14,9 @@
 
 namespace packages {
 
-// The tables that hold packages. Every package is in one of the last four.
-enum class Kind { kPackage, kLibrary, kDevelopment, kDocumentation, kProgram };
-inline constexpr std::size_t kKinds = 5;
+// The tables that hold packages. Every package is in one of the last five.
+enum class Kind { kPackage, kLibrary, kDevelopment, kDocumentation, kManual, kProgram };
+inline constexpr std::size_t kKinds = 6;
 
 // "libc6 (>= 2.36)", one alternative of one group of a relation field.
 struct Dependency {

@@ -75,7 +75,7 @@ void Answers::Counts() const {
       if (metalayer::crud::GetObjectTypeId(object) == type_id) ++own;
       return true;
     });
-    std::string const indent = table.base == nullptr ? "  " : "    ";
+    std::string const indent(2 * WithBases(table).size(), ' ');
     fmt::print("{:<28} {:>14} {:>20}\n", indent + sagleme::ToUtf8(table.name), own, all);
   }
 }

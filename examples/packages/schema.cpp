@@ -1,6 +1,7 @@
 #include "schema.h"
 
 #include <algorithm>
+#include <stdexcept>
 #include <vector>
 
 namespace packages {
@@ -53,6 +54,7 @@ constexpr TableSpec kTables[] = {
     {tables::kLibrary, tables::kPackage, kLibraryColumns},
     {tables::kDevelopment, tables::kPackage, kDevelopmentColumns},
     {tables::kDocumentation, tables::kPackage, kDocumentationColumns},
+    {tables::kManual, tables::kDocumentation, {}},
     {tables::kProgram, tables::kPackage, kProgramColumns},
     {tables::kDependency, nullptr, kDependencyColumns},
 };
@@ -148,7 +150,9 @@ PackageHandles PackageHandlesOf(Session& session, Kind kind) {
   handles.configuration = of(u"Configuration");
   if (kind == Kind::kLibrary) handles.library_version = of(u"LibraryVersion");
   if (kind == Kind::kDevelopment) handles.runtime = of(u"Runtime");
-  if (kind == Kind::kDocumentation) handles.documents = of(u"Documents");
+  if (kind == Kind::kDocumentation || kind == Kind::kManual) {
+    handles.documents = of(u"Documents");
+  }
   if (kind == Kind::kProgram) handles.configuration_files = of(u"ConfigurationFiles");
   return handles;
 }
@@ -175,15 +179,23 @@ TableSpec const* FindTable(std::u16string_view name) {
 }
 
 char16_t const* TableOf(Kind kind) {
-  constexpr char16_t const* kNames[kKinds] = {tables::kPackage, tables::kLibrary,
+  constexpr char16_t const* kNames[kKinds] = {tables::kPackage,     tables::kLibrary,
                                               tables::kDevelopment, tables::kDocumentation,
-                                              tables::kProgram};
+                                              tables::kManual,      tables::kProgram};
   return kNames[static_cast<std::size_t>(kind)];
 }
 
 void CreateSchema(Session& session) {
   for (TableSpec const& table : kTables) CreateTable(session, table);
   for (IndexSpec const& index : kIndexes) CreateIndex(session, index);
+}
+
+void RefuseEvolved(Session& session, std::string const& directory) {
+  Transaction const transaction(session, Transaction::Access::kReadOnly);
+  if (metalayer::RawView::ByRawViewPK2fullname(tables::kHeaders).is_null()) return;
+  throw std::runtime_error("the schema in " + directory +
+                           " was evolved: its tables are no longer those that packages are loaded "
+                           "into and asked of. Use the directory that it is a copy of.");
 }
 
 Handles::Handles(Session& session)

@@ -40,8 +40,10 @@ inline constexpr char16_t const* kPackage = u"Debian.Package";
 inline constexpr char16_t const* kLibrary = u"Debian.Library";
 inline constexpr char16_t const* kDevelopment = u"Debian.Development";
 inline constexpr char16_t const* kDocumentation = u"Debian.Documentation";
+inline constexpr char16_t const* kManual = u"Debian.Manual";
 inline constexpr char16_t const* kProgram = u"Debian.Program";
 inline constexpr char16_t const* kDependency = u"Debian.Dependency";
+inline constexpr char16_t const* kHeaders = u"Debian.Headers";  // kDevelopment, after the evolution
 }  // namespace tables
 
 namespace indexes {
@@ -61,6 +63,10 @@ char16_t const* TableOf(Kind kind);
 // Creates what is missing; a database that has all of it is left as it is. Runs in the caller's
 // transaction.
 void CreateSchema(Session& session);
+
+// Throws when the tables are no longer those above, because the evolution was played here. Needs no
+// transaction.
+void RefuseEvolved(Session& session, std::string const& directory);
 
 using Property = PropertyAccessInfo const*;
 

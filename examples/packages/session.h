@@ -23,6 +23,7 @@ class Session {
   }
 
   uint64_t context() const { return context_.id(); }
+  sagleme::Context const& owned_context() const { return context_; }
 
  private:
   friend class Transaction;

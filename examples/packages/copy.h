@@ -1,0 +1,21 @@
+#ifndef PACKAGES_COPY_H
+#define PACKAGES_COPY_H
+
+// Copies of whole databases, made by the kernel alone: a process that has made one is still free to
+// open any database.
+
+#include <string>
+
+namespace packages {
+
+// A copy beside `directory`, under its name with ".evolved" behind it, in the place of an earlier
+// one. Throws when there is no database in `directory`, or when what stands in the place of the
+// copy is none.
+std::string CopyForEvolution(std::string const& directory);
+
+// Removes a database. Throws, with nothing removed, when the directory holds anything else.
+void RemoveDatabase(std::string const& directory);
+
+}  // namespace packages
+
+#endif
