@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 #include "support/database.h"
 #include "support/recording_kernel.h"
@@ -17,8 +18,11 @@ constexpr int kMoreCallsThanAny = 20000;
 
 using Call = uint32_t (*)(uint64_t context);
 
-// The layout of App.Empty, which calls by layout name it by.
+// The layout of App.Empty, and the rows, which calls by layout and by row name things by.
 uint16_t layout_of_empty = 0;
+LS_OBJ_REF row_of_base{};
+LS_OBJ_REF row_of_index{};
+LS_OBJ_REF row_of_long{};
 
 uint32_t CreateTable(uint64_t context, char16_t const* name, char16_t const* base, Columns columns,
                      uint16_t* layout = nullptr) {
@@ -37,6 +41,20 @@ uint32_t MakeSchema(uint64_t context) {
   if (status == 0)
     status = lorv_create_index_by_names(context, u"ByCount", u"App.Base", by_count, false);
   return status;
+}
+
+void FindRows() {
+  row_of_base = metalayer::RawView::ByRawViewPK2fullname(u"App.Base");
+  row_of_index = metalayer::Index::ByIndexPK(u"ByCount");
+  row_of_long = metalayer::DbPrimitiveType::ByDbPrimitiveTypePK_postV2_3(3);
+}
+
+uint32_t CreateTableByRow(uint64_t context, char16_t const* name, LS_OBJ_REF const& base,
+                          std::vector<LORV_COLUMN_DEFINITION> columns) {
+  columns.push_back({{}, 0, nullptr});
+  LS_OBJ_REF made{};
+  return lorv_create_table(context, name, base.oid, base.addr, columns.data(), &made.oid,
+                           &made.addr);
 }
 
 struct Change {
@@ -62,6 +80,29 @@ Change const kChanges[] = {
      [](uint64_t context) {
        Columns columns = Columns().Ref(u"Owner", u"App.Child");
        return lorv_create_table_high_check_types(context, u"App.New", nullptr, columns, nullptr);
+     }},
+    {"CreateTableByRow",
+     [](uint64_t context) {
+       return CreateTableByRow(context, u"App.New", {},
+                               {{row_of_long, 0, u"Size"}, {row_of_base, 1, u"Owner"}});
+     }},
+    {"CreateDerivedTableByRow",
+     [](uint64_t context) {
+       return CreateTableByRow(context, u"App.New", row_of_base, {{row_of_long, 1, u"Size"}});
+     }},
+    {"CreateTableByRowThatExists",
+     [](uint64_t context) {
+       return CreateTableByRow(context, u"App.Child", row_of_base, {{row_of_base, 1, u"Owner"}});
+     }},
+    {"CreateIndexByRow",
+     [](uint64_t context) {
+       int16_t const columns[] = {4, 3, -1};
+       return lorv_create_index(context, row_of_base.oid, row_of_base.addr, u"ByBoth", 2, columns,
+                                1);
+     }},
+    {"DropIndexByRow",
+     [](uint64_t context) {
+       return lorv_drop_index(context, row_of_index.oid, row_of_index.addr);
      }},
     {"CreateIndexByNames",
      [](uint64_t context) {
@@ -122,6 +163,7 @@ class EveryCallTest : public sagleme_test::DatabaseTest,
     recording_kernel::Reset();
     DatabaseTest::SetUp();
     ExpectOk(MakeSchema(context()));
+    FindRows();
     Commit();
     Begin();
   }
