@@ -4,6 +4,7 @@
 
 #include <cerrno>
 
+#include "store_check.h"
 #include "store_errors.h"
 
 namespace lscore {
@@ -32,10 +33,10 @@ Status StatusOfStore(int code) {
       return LSCOREDB_NOT_A_DATABASE;
     case MDB_CORRUPTED:
     case MDB_PAGE_NOTFOUND:
-    case MDB_PANIC:
       return LSCOREDB_DAMAGED;
     case ENOSPC:
     case EDQUOT:
+    case EFBIG:
       return LSCOREDB_DISK_FULL;
     case ENOMEM:
       return LSCOREDB_NO_MEMORY;
@@ -97,7 +98,10 @@ bool Batch::Delete(Tree tree, std::string_view key) {
 void Batch::Commit() {
   MDB_txn* const txn = txn_;
   txn_ = nullptr;  // the store ends the transaction whatever comes of it
-  CheckStore(mdb_txn_commit(txn));
+  int const code = mdb_txn_commit(txn);
+  // A write that only found room for a part comes back without the reason.
+  if (code == EIO && IsDiskFull(store_->env_)) Throw(LSCOREDB_DISK_FULL);
+  CheckStore(code);
 }
 
 // ---- cursors -----------------------------------------------------------------------------------

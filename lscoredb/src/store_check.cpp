@@ -2,7 +2,9 @@
 
 #include <fcntl.h>
 #include <lmdb.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <memory>
@@ -110,6 +112,18 @@ void CheckLength(MDB_env* env) {
     if (ftruncate(file, status.st_size) != 0) Throw(LSCOREDB_IO_ERROR);
     throw;
   }
+}
+
+bool IsDiskFull(MDB_env* env) {
+  int file = -1;
+  struct stat status {};
+  struct rlimit limit {};
+  struct statvfs disk {};
+  CheckStore(mdb_env_get_fd(env, &file));
+  if (fstat(file, &status) != 0 || getrlimit(RLIMIT_FSIZE, &limit) != 0) return false;
+  auto const size = static_cast<rlim_t>(status.st_size);
+  if (limit.rlim_cur != RLIM_INFINITY && size + PageSize(env) > limit.rlim_cur) return true;
+  return fstatvfs(file, &disk) == 0 && disk.f_bavail * disk.f_frsize < PageSize(env);
 }
 
 std::uintptr_t FindMap(MDB_env* env, unsigned tree) {

@@ -16,6 +16,9 @@ std::size_t PageSize(MDB_env* env);
 // would end the process.
 void CheckLength(MDB_env* env);
 
+// Whether the file cannot grow by another page: the file system or the process's limit is reached.
+bool IsDiskFull(MDB_env* env);
+
 // The address of the file's first byte in memory, or 0 when it cannot be told. `tree` holds the
 // format record.
 std::uintptr_t FindMap(MDB_env* env, unsigned tree);

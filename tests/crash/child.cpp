@@ -14,9 +14,11 @@ namespace crash_test {
 namespace {
 
 int RunBody(std::function<int(Channel&)> const& body, Channel& channel) {
+  bool const failed_before = testing::Test::HasFailure();
   try {
     int const status = body(channel);
-    return testing::Test::HasFailure() ? Child::kFailedExpectation : status;
+    bool const failed = !failed_before && testing::Test::HasFailure();
+    return failed ? Child::kFailedExpectation : status;
   } catch (std::exception const& failure) {
     std::fprintf(stderr, "in a child: %s\n", failure.what());
     return Child::kException;

@@ -2,13 +2,10 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <sstream>
-#include <thread>
-#include <vector>
+#include <random>
 
-#include "crash/bank.h"
-#include "crash/child.h"
 #include "crash/directory.h"
+#include "crash/tellers.h"
 
 namespace crash_test {
 namespace {
@@ -24,66 +21,29 @@ int Rounds() {
   return wanted == nullptr ? usual : std::max(1, std::atoi(wanted));
 }
 
-// Works until it is killed. Says "teller step" for each step that it knows to be committed.
-int Write(Channel& channel, std::string const& directory, std::uint64_t seed, bool sync) {
-  Bank bank(directory, seed, {.no_sync = !sync});
-  Progress const done = bank.Done();
-  auto const say = [&](std::size_t teller, std::int64_t step) {
-    channel.Say(std::to_string(teller) + " " + std::to_string(step));
-  };
-  for (std::size_t i = 0; i < done.size(); ++i) say(i, done[i]);
-  std::vector<std::thread> threads;
-  for (std::size_t i = 0; i < done.size(); ++i) {
-    threads.emplace_back([&, i] {
-      sagleme::Context const context(bank.database());
-      for (;;) say(i, bank.Step(context, static_cast<int>(i)));
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
-  return 0;
-}
-
 class KillTest : public testing::TestWithParam<int> {
  protected:
   void SetUp() override { random_.seed(static_cast<unsigned>(GetParam())); }
 
   int Random(int below) { return std::uniform_int_distribution<int>(0, below - 1)(random_); }
 
-  void Note(std::string const& line) {
-    std::istringstream fields(line);
-    std::size_t teller = 0;
-    std::int64_t step = 0;
-    fields >> teller >> step;
-    acknowledged_.at(teller) = std::max(acknowledged_.at(teller), step);
-  }
-
   // A database at its beginning is killed sooner, in the midst of being made.
   void KillWriter(bool young) {
     bool const sync = Random(3) == 0;
-    Child writer([&](Channel& channel) { return Write(channel, directory_->path(), seed_, sync); });
+    Child writer([&](Channel& channel) {
+      Bank bank(directory_->path(), seed_, {.no_sync = !sync});
+      WorkUntilTheEnd(channel, bank);
+      return 0;
+    });
     int const patience = young ? Random(3) : 4 + Random(sync ? 20 : 60);
     for (int i = 0; i < patience; ++i) {
       std::optional<std::string> const line = writer.Next();
       ASSERT_TRUE(line.has_value()) << "the writer ended by itself: " << writer.Wait();
-      Note(*line);
+      Note(*line, acknowledged_);
     }
     for (int volatile spin = young ? Random(30000000) : Random(300000); spin > 0;) spin = spin - 1;
     writer.Kill();
-    while (std::optional<std::string> const line = writer.Next()) Note(*line);
-  }
-
-  // A step that was committed but not yet reported is there in full or not at all.
-  void ExpectWhole() {
-    Progress const acknowledged = acknowledged_;
-    InChild([&] {
-      Bank bank(directory_->path(), seed_, {.no_sync = true});
-      Progress const done = bank.Done();
-      for (std::size_t i = 0; i < done.size(); ++i) {
-        EXPECT_GE(done[i], acknowledged[i]) << "teller " << i;
-        EXPECT_LE(done[i], acknowledged[i] + 1) << "teller " << i;
-      }
-      bank.ExpectWhole();
-    });
+    NoteRest(writer, acknowledged_);
   }
 
   void StartOver() {
@@ -105,7 +65,7 @@ TEST_P(KillTest, KilledWriter_LeavesEveryAcknowledgedCommitAndNoHalfOne) {
     SCOPED_TRACE("round " + std::to_string(round));
     if (round % kRoundsOfADatabase == 0) StartOver();
     KillWriter(round % kRoundsOfADatabase < 2);
-    ExpectWhole();
+    ExpectWholeAfter(directory_->path(), seed_, acknowledged_);
   }
 }
 

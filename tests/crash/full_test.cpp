@@ -1,0 +1,142 @@
+// No more room: on the disk, under the process's limit, in the map.
+
+#include <sched.h>
+#include <signal.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+
+#include <fstream>
+
+#include "crash/bank.h"
+#include "crash/child.h"
+#include "crash/directory.h"
+
+namespace crash_test {
+namespace {
+
+constexpr std::uint64_t kSeed = 11;
+constexpr int kEnough = 3000;
+
+// Everyone works in turn until one is refused: its status. Nothing of the refused step is there.
+std::uint32_t WorkUntilRefused(Bank& bank) {
+  sagleme::Context const context(bank.database());
+  Progress before = bank.Done();
+  for (int i = 0; i < kEnough; ++i) {
+    auto const teller = static_cast<std::size_t>(i) % before.size();
+    try {
+      before[teller] = bank.Step(context, static_cast<int>(teller));
+    } catch (sagleme::Error const& refusal) {
+      EXPECT_EQ(before, bank.Done());
+      EXPECT_STREQ(lscoredb_status_text(refusal.status()), refusal.what());
+      bank.ExpectWhole();
+      return refusal.status();
+    }
+  }
+  return 0;
+}
+
+// The work goes on in the same process, and in the next one.
+void ExpectWorkGoesOn(Bank& bank) {
+  sagleme::Context const context(bank.database());
+  for (int i = 0; i < 12; ++i) bank.Step(context, i % (kTellers + 1));
+  bank.ExpectWhole();
+}
+
+void ExpectWholeIn(std::string const& directory) {
+  InChild([&] { Bank(directory, kSeed).ExpectWhole(); });
+}
+
+class FullTest : public testing::Test {
+ protected:
+  // Makes the database, so that its beginnings have room.
+  void Found() {
+    InChild([&] { Bank(directory_.path(), kSeed).ExpectWhole(); });
+  }
+
+  Directory directory_;
+};
+
+class FileSizeLimit {
+ public:
+  explicit FileSizeLimit(std::uintmax_t bytes) {
+    signal(SIGXFSZ, SIG_IGN);
+    getrlimit(RLIMIT_FSIZE, &before_);
+    rlimit limit = before_;
+    limit.rlim_cur = bytes;
+    setrlimit(RLIMIT_FSIZE, &limit);
+  }
+  ~FileSizeLimit() { setrlimit(RLIMIT_FSIZE, &before_); }
+  FileSizeLimit(FileSizeLimit const&) = delete;
+  FileSizeLimit& operator=(FileSizeLimit const&) = delete;
+
+ private:
+  rlimit before_{};
+};
+
+// The limit cuts pages and runs of pages in all places.
+TEST_F(FullTest, LimitOfTheFile_IsToldAndWorkGoesOnWhenItIsRaised) {
+  Found();
+  InChild([&] {
+    Bank bank(directory_.path(), kSeed, {.no_sync = true});
+    for (std::uintmax_t more = 0; more < 12; ++more) {
+      SCOPED_TRACE("with " + std::to_string(more) + " sectors more");
+      {
+        FileSizeLimit const limit(directory_.FileSize() / 512 * 512 + more * 1536);
+        EXPECT_EQ(LSCOREDB_DISK_FULL, WorkUntilRefused(bank));
+      }
+      ExpectWorkGoesOn(bank);
+    }
+  });
+  ExpectWholeIn(directory_.path());
+}
+
+// A file system of a few megabytes, seen by this process alone.
+bool MountSmallDisk(std::string const& where) {
+  return unshare(CLONE_NEWNS) == 0 &&
+         mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+         mount("tmpfs", where.c_str(), "tmpfs", 0, "size=3m") == 0;
+}
+
+void Occupy(std::string const& file, int kilobytes) {
+  std::ofstream out(file, std::ios::binary);
+  for (int i = 0; i < kilobytes && out.good(); ++i) out << std::string(1024, 'x') << std::flush;
+}
+
+// Where mounting is not allowed, the limit of the file stands for the disk.
+TEST_F(FullTest, FullDisk_IsToldAndWorkGoesOnWhenThereIsRoomAgain) {
+  InChild([&] {
+    bool const mounted = MountSmallDisk(directory_.path());
+    Bank bank(directory_.path(), kSeed);
+    for (int round = 0; round < 6; ++round) {
+      std::string const other = directory_.path() + "/other";
+      std::unique_ptr<FileSizeLimit> limit;
+      if (mounted) {
+        Occupy(other, 3 * 1024);
+      } else {
+        limit = std::make_unique<FileSizeLimit>(directory_.FileSize());
+      }
+      EXPECT_EQ(LSCOREDB_DISK_FULL, WorkUntilRefused(bank));
+      std::filesystem::remove(other);
+      limit.reset();
+      ExpectWorkGoesOn(bank);
+    }
+  });
+}
+
+TEST_F(FullTest, FullMap_IsToldAndWorkGoesOnWithALargerOne) {
+  Found();
+  std::uintmax_t const size = directory_.FileSize();
+  InChild([&] {
+    {
+      Bank bank(directory_.path(), kSeed, {.no_sync = true, .max_file_size = size + 300000});
+      EXPECT_EQ(LSCOREDB_MAP_FULL, WorkUntilRefused(bank));
+      EXPECT_EQ(LSCOREDB_MAP_FULL, WorkUntilRefused(bank));
+    }
+    Bank bank(directory_.path(), kSeed, {.no_sync = true, .max_file_size = size + 30000000});
+    ExpectWorkGoesOn(bank);
+  });
+  ExpectWholeIn(directory_.path());
+}
+
+}  // namespace
+}  // namespace crash_test
