@@ -306,5 +306,60 @@ TEST_F(AddColumnsTest, RolledBack_LeavesNothing) {
   ExpectKernelAgrees(u"Parent");
 }
 
+// All columns count as own ones in a child whose parent has lost its rows.
+TEST_F(AddColumnsTest, MoreThan113ColumnsToReloadInAChild_IsRefusedThere) {
+  Create(u"Parent");
+  Create(u"Child", LongColumns(0, 111), u"Parent");
+  for (char16_t const* const column : {u"__id", u"__setspecifier", u"__type_id"}) {
+    metalayer::DeleteRow(ColumnRow(u"Parent", column));
+  }
+  metalayer::PutRef(View(u"Parent"), RawView::kInherits, db_util::null_obj_ref);
+  uint16_t const parent = LayoutOfTable(u"Parent");
+  uint16_t const child = LayoutOfTable(u"Child");
+  ExpectRefused(15007, u"", Add(u"Parent", Columns().Long(u"x")));
+  EXPECT_NE(parent, LayoutOfTable(u"Parent"));
+  EXPECT_EQ(child, LayoutOfTable(u"Child"));
+}
+
+TEST_F(AddColumnsTest, UnreloadableTypeInAChild_StopsTheChangeThere) {
+  Create(u"Parent");
+  Create(u"Child", Columns().Long(u"c"), u"Parent");
+  metalayer::PutULong(metalayer::DbPrimitiveType::ByDbPrimitiveTypePK_postV2_3(3),
+                      metalayer::DbPrimitiveType::kPrimitiveType, 11);
+  uint16_t const child = LayoutOfTable(u"Child");
+  ExpectRefused(4226, u"", Add(u"Parent", Columns().String(u"x")));
+  EXPECT_EQ(WithRootColumns({"3 x string null"}), ColumnsOf(u"Parent"));
+  EXPECT_EQ((Request{1, LayoutOfTable(u"Parent")}), RequestOf(u"Parent"));
+  EXPECT_EQ(child, LayoutOfTable(u"Child"));
+}
+
+TEST_F(AddColumnsTest, ChildWithoutSetSpecifier_EndsTheProcess) {
+  Create(u"Parent");
+  Create(u"Child", {}, u"Parent");
+  metalayer::DeleteRow(metalayer::SetSpecifier::ByType(View(u"Child")));
+  EXPECT_EXIT(Add(u"Parent", Columns().Long(u"a")), KilledBySignal(SIGABRT), "");
+}
+
+TEST_F(AddColumnsTest, SpecifierWithoutText_AsksForTheEmptyOne) {
+  Create(u"T");
+  metalayer::PutText(metalayer::SetSpecifier::ByType(View(u"T")), metalayer::SetSpecifier::kTypeId,
+                     nullptr);
+  uint16_t const layout = AddColumns(u"T", Columns().Long(u"a"));
+  EXPECT_EQ((Request{1, layout}), RequestOfSetspec(""));
+}
+
+TEST_F(AddColumnsTest, DottedNameOfTwoTables_IsAmbiguous) {
+  Create(u"One.T");
+  Create(u"Two.T");
+  LORV_COLUMN_DEFINITION_NAMES const columns[] = {{3, nullptr, 0, u"a"}, {0, nullptr, 0, nullptr}};
+  try {
+    metalayer::ddl::AddColumns(metalayer::DottedName::Split(u"T"), columns);
+    ADD_FAILURE();
+  } catch (db_util::db_exception const& failure) {
+    EXPECT_EQ(7039u, failure.code());
+  }
+  EXPECT_EQ(WithRootColumns({}), ColumnsOf(u"One.T"));
+}
+
 }  // namespace
 }  // namespace sagleme_test

@@ -258,5 +258,61 @@ TEST_F(DropColumnTest, RolledBack_LeavesNothing) {
   ExpectKernelAgrees(u"Parent");
 }
 
+TEST_F(DropColumnTest, MappedThreeTimes_SaysOthers) {
+  Create(u"T", Columns().Long(u"x"));
+  for (char16_t const* const name : {u"A", u"B", u"C", u"D"}) {
+    InsertMappedProperty(View(u"T"), name, ColumnRow(u"T", u"x"));
+  }
+  ExpectRefusedUntouched(15014, u"Column x is mapped by A on table T and others.",
+                         [&] { return Drop(u"T", u"x"); });
+}
+
+// Only the uses at the table at hand are told, and those of descendants when it is their turn.
+TEST_F(DropColumnTest, PropertyOnADescendant_StopsTheChangeThere) {
+  CreateThreeLevels();
+  InsertMappedProperty(View(u"Child"), u"Prop", ColumnRow(u"Child", u"p"));
+  ExpectRefused(15014, u"Column p is mapped by Prop on table Child.", Drop(u"Parent", u"p"));
+  EXPECT_EQ(WithRootColumns({"3 q long"}), ColumnsOf(u"Parent"));
+  EXPECT_EQ(6u, ColumnsOf(u"Child").size());
+  EXPECT_EQ(kNoRequest, RequestOf(u"Child"));
+}
+
+TEST_F(DropColumnTest, UsesInDescendants_AreNotCountedAbove) {
+  CreateThreeLevels();
+  CreateIndex(u"I", u"Parent", {u"p"});
+  CreateIndex(u"J", u"Child", {u"p"});
+  CreateIndex(u"K", u"Grandchild", {u"p"});
+  ExpectRefusedUntouched(15011, u"Column p is a part of index I on table Parent.",
+                         [&] { return Drop(u"Parent", u"p"); });
+}
+
+TEST_F(DropColumnTest, UnreloadableType_Is4226) {
+  Create(u"T", Columns().Long(u"a").String(u"b"));
+  metalayer::PutULong(metalayer::DbPrimitiveType::ByDbPrimitiveTypePK_postV2_3(3),
+                      metalayer::DbPrimitiveType::kPrimitiveType, 11);
+  ExpectRefusedUntouched(4226, u"", [&] { return Drop(u"T", u"b"); });
+}
+
+TEST_F(DropColumnTest, TypeOfTheDroppedColumn_IsNotLookedAt) {
+  Create(u"T", Columns().Long(u"a").String(u"b"));
+  metalayer::PutULong(metalayer::DbPrimitiveType::ByDbPrimitiveTypePK_postV2_3(3),
+                      metalayer::DbPrimitiveType::kPrimitiveType, 11);
+  DropColumn(u"T", u"a");
+  EXPECT_EQ(WithRootColumns({"3 b string null"}), ColumnsOf(u"T"));
+}
+
+TEST_F(DropColumnTest, TableWithoutSetSpecifier_EndsTheProcess) {
+  Create(u"T", Columns().Long(u"a"));
+  metalayer::DeleteRow(metalayer::SetSpecifier::ByType(View(u"T")));
+  EXPECT_EXIT(Drop(u"T", u"a"), KilledBySignal(SIGABRT), "");
+}
+
+TEST_F(DropColumnTest, RefusedCall_LeavesTheOutputAlone) {
+  Create(u"T", Columns().Long(u"a"));
+  uint64_t layout = 77;
+  EXPECT_EQ(7038u, lorv_alter_table_drop_column_by_names(context(), u"T", u"b", &layout));
+  EXPECT_EQ(77u, layout);
+}
+
 }  // namespace
 }  // namespace sagleme_test

@@ -108,5 +108,37 @@ TEST_F(DropTableCascadeTest, WithoutSetSpecifier_EndsTheProcess) {
   EXPECT_EXIT(Cascade(u"T"), KilledBySignal(SIGABRT), "");
 }
 
+// A table is judged whole before its children are looked at.
+TEST_F(DropTableCascadeTest, DataComesBeforeIndexesOfChildren) {
+  Create(u"Parent", Columns().Long(u"a"));
+  Create(u"Child", {}, u"Parent");
+  CreateIndex(u"I", u"Child", {u"a"});
+  CreateObject(u"Child");
+  ExpectRefusedUntouched(15006, u"Table Parent still contains data.",
+                         [&] { return Cascade(u"Parent"); });
+}
+
+// The empty text is above all others: the range holds whatever object there is.
+TEST_F(DropTableCascadeTest, SpecifierWithoutText_CoversEveryObject) {
+  Create(u"T");
+  metalayer::PutText(SetSpecifier::ByType(View(u"T")), SetSpecifier::kTypeId, nullptr);
+  ExpectRefusedUntouched(15006, u"Table T still contains data.", [&] { return Cascade(u"T"); });
+}
+
+TEST_F(DropTableCascadeTest, ChildWithoutSetSpecifier_EndsTheProcess) {
+  Create(u"Parent");
+  Create(u"Child", {}, u"Parent");
+  metalayer::DeleteRow(SetSpecifier::ByType(View(u"Child")));
+  EXPECT_EXIT(Cascade(u"Parent"), KilledBySignal(SIGABRT), "");
+}
+
+TEST_F(DropTableCascadeTest, PendingRequest_StaysAsItIs) {
+  Create(u"T");
+  uint16_t const layout = AddColumns(u"T", Columns().Long(u"a"));
+  std::string const setspec = SetspecOfTable(View(u"T"));
+  ExpectOk(Cascade(u"T"));
+  EXPECT_EQ((Request{1, layout}), RequestOfSetspec(setspec));
+}
+
 }  // namespace
 }  // namespace sagleme_test

@@ -199,5 +199,55 @@ TEST_F(DropTableTest, DroppedTable_CanBeCreatedAnew) {
   ExpectKernelAgrees(u"T");
 }
 
+// The checks of a descendant come before anything of the tree goes.
+TEST_F(DropTableTest, ClassOnADescendant_HoldsTheTree) {
+  Create(u"Parent");
+  Create(u"Child", {}, u"Parent");
+  InsertClass(u"Class", View(u"Child"));
+  ExpectRefusedUntouched(15012, u"Table Child is still referenced by clr class Class.",
+                         [&] { return Drop(u"Parent", true); });
+  ExpectOk(Drop(u"Parent", true, true));
+}
+
+// Children go one after another, each with its own checks: those in front are gone by then.
+TEST_F(DropTableTest, ClassOnASecondChild_IsMetAfterTheFirstHasGone) {
+  Create(u"Parent");
+  Create(u"First", {}, u"Parent");
+  Create(u"Second", {}, u"Parent");
+  InsertClass(u"Class", View(u"Second"));
+  ExpectRefused(15012, u"Table Second is still referenced by clr class Class.",
+                Drop(u"Parent", true));
+  EXPECT_TRUE(View(u"First").is_null());
+  EXPECT_FALSE(View(u"Parent").is_null());
+}
+
+TEST_F(DropTableTest, ReferenceComesBeforeClass) {
+  Create(u"T", Columns().Ref(u"self", u"T"));
+  InsertClass(u"Class", View(u"T"));
+  ExpectRefusedUntouched(15012,
+                         u"Table T is still referenced at least by column self from table T.",
+                         [&] { return Drop(u"T"); });
+}
+
+TEST_F(DropTableTest, IndexesOfDescendants_GoWithThem) {
+  Create(u"Parent", Columns().Long(u"a"));
+  Create(u"Child", {}, u"Parent");
+  CreateIndex(u"I", u"Parent", {u"a"});
+  CreateIndex(u"J", u"Child", {u"a"});
+  uint64_t const generation = Generation();
+  ExpectOk(Drop(u"Parent", true));
+  EXPECT_TRUE(metalayer::Index::ByIndexPK(u"I").is_null());
+  EXPECT_TRUE(metalayer::Index::ByIndexPK(u"J").is_null());
+  EXPECT_EQ(generation + 4, Generation());
+}
+
+TEST_F(DropTableTest, PropertiesOfTheTable_AreLeftBehind) {
+  Create(u"T", Columns().Long(u"a"));
+  metalayer::MappedProperty const property =
+      InsertMappedProperty(View(u"T"), u"Prop", ColumnRow(u"T", u"a"));
+  ExpectOk(Drop(u"T"));
+  EXPECT_EQ("Prop", TextOf(property, metalayer::MappedProperty::kName));
+}
+
 }  // namespace
 }  // namespace sagleme_test

@@ -123,5 +123,51 @@ TEST_F(DropTablesTest, DottedNames_MayBeShortened) {
   });
 }
 
+TEST_F(DropTablesTest, ClassComesBeforeChildren) {
+  Create(u"Parent");
+  Create(u"Child", {}, u"Parent");
+  InsertClass(u"Class", View(u"Parent"));
+  ExpectRefusedUntouched(15012, u"Table Parent is still referenced by clr class Class.",
+                         [&] { return Drop({u"Parent"}); });
+  ExpectRefusedUntouched(15013, u"Table Parent still has child Child.",
+                         [&] { return Drop({u"Parent"}, false, true); });
+}
+
+// Each table of the set was judged; their descendants go unasked.
+TEST_F(DropTablesTest, Descendants_GoWhateverRefersToThem) {
+  Create(u"Parent");
+  Create(u"Child", {}, u"Parent");
+  Create(u"Outside", Columns().Ref(u"r", u"Child"));
+  InsertClass(u"Class", View(u"Child"));
+  ExpectOk(Drop({u"Parent"}, true));
+  EXPECT_TRUE(View(u"Child").is_null());
+  EXPECT_FALSE(View(u"Outside").is_null());
+}
+
+TEST_F(DropTablesTest, ReferringColumnWithoutTable_CountsAsOutside) {
+  Create(u"Target");
+  Create(u"Referrer", Columns().Ref(u"r", u"Target"));
+  metalayer::PutRef(ColumnRow(u"Referrer", u"r"), metalayer::RawColumn::kTable,
+                    db_util::null_obj_ref);
+  ExpectRefusedUntouched(
+      15012, u"Table Target is still referenced at least by column r from table .", [&] {
+        return Drop({u"Target", u"Referrer"});
+      });
+}
+
+TEST_F(DropTablesTest, DottedNameOfTwoTables_IsAmbiguous) {
+  Create(u"One.T");
+  Create(u"Two.T");
+  ExpectUntouched([] {
+    try {
+      metalayer::ddl::DropMutuallyReferencingTables(
+          std::vector<DottedName>{DottedName::Split(u"T")}, false, true);
+      ADD_FAILURE();
+    } catch (db_util::db_exception const& failure) {
+      EXPECT_EQ(7039u, failure.code());
+    }
+  });
+}
+
 }  // namespace
 }  // namespace sagleme_test

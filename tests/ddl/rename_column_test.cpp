@@ -202,5 +202,42 @@ TEST_F(RenameColumnTest, DottedName_TakesNamesUnchecked) {
   });
 }
 
+// Names are looked up among all members, not among columns alone.
+TEST_F(RenameColumnTest, NameOfAProperty_IsTaken) {
+  Create(u"T", Columns().Long(u"a"));
+  InsertMappedProperty(View(u"T"), u"Prop", ColumnRow(u"T", u"a"));
+  ExpectRefusedUntouched(4277,
+                         u"New column name Prop conflicts with existing column in the table T.",
+                         [&] { return Rename(u"T", u"a", u"Prop"); });
+}
+
+TEST_F(RenameColumnTest, NameOfAChildsProperty_IsTaken) {
+  Create(u"Parent", Columns().Long(u"p"));
+  Create(u"Child", {}, u"Parent");
+  InsertMappedProperty(View(u"Child"), u"Prop", ColumnRow(u"Child", u"p"));
+  ExpectRefused(4277,
+                u"New column name Prop conflicts with existing column in exactly 1 descendant "
+                u"table: Child.",
+                Rename(u"Parent", u"p", u"Prop"));
+}
+
+TEST_F(RenameColumnTest, NamesDifferingInCase_AreTwoNames) {
+  Create(u"T", Columns().Long(u"a"));
+  ExpectOk(Rename(u"T", u"a", u"A"));
+  EXPECT_EQ(WithRootColumns({"3 A long"}), ColumnsOf(u"T"));
+}
+
+TEST_F(RenameColumnTest, RolledBack_LeavesNothing) {
+  CreateFamily(0, 3);
+  Commit();
+  Begin();
+  std::string const before = DumpDatabase();
+  ExpectOk(Rename(u"Parent", u"p", u"q"));
+  Rollback();
+  Begin();
+  EXPECT_EQ(before, DumpDatabase());
+  ExpectOk(Rename(u"Parent", u"p", u"q"));
+}
+
 }  // namespace
 }  // namespace sagleme_test

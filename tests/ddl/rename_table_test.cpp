@@ -132,5 +132,38 @@ TEST_F(RenameTableTest, OldName_IsFreeAtOnce) {
   EXPECT_EQ(WithRootColumns({"3 a long"}), ColumnsOf(u"U"));
 }
 
+TEST_F(RenameTableTest, DottedNameOfTwoTables_IsAmbiguous) {
+  Create(u"One.T");
+  Create(u"Two.T");
+  ExpectUntouched([] {
+    try {
+      metalayer::ddl::RenameTable(metalayer::DottedName::Split(u"T"), u"U");
+      ADD_FAILURE();
+    } catch (db_util::db_exception const& failure) {
+      EXPECT_EQ(7039u, failure.code());
+    }
+  });
+}
+
+// Only names in full collide: the same last segment elsewhere is another table.
+TEST_F(RenameTableTest, SameShortNameElsewhere_IsFree) {
+  Create(u"One.T");
+  Create(u"Two.U");
+  ExpectOk(Rename(u"One.T", u"One.U"));
+  EXPECT_NE(View(u"One.U").oid, View(u"Two.U").oid);
+}
+
+TEST_F(RenameTableTest, RolledBack_LeavesNothing) {
+  Create(u"T");
+  Create(u"Referrer", Columns().Ref(u"r", u"T"));
+  Commit();
+  Begin();
+  std::string const before = DumpDatabase();
+  ExpectOk(Rename(u"T", u"U"));
+  Rollback();
+  Begin();
+  EXPECT_EQ(before, DumpDatabase());
+}
+
 }  // namespace
 }  // namespace sagleme_test

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "support/catalogue.h"
 #include "support/database.h"
 #include "support/recording_kernel.h"
 
@@ -29,6 +30,19 @@ uint32_t CreateTable(uint64_t context, char16_t const* name, char16_t const* bas
   return lorv_create_table_by_names(context, name, base, columns, layout);
 }
 
+// A reference that waits for its target, and a class with a property, on tables that nothing else
+// touches.
+uint32_t MakeUpkeep(uint64_t context) {
+  uint32_t status =
+      CreateTable(context, u"App.Waiting", nullptr, Columns().Ref(u"Later", u"App.Mapped"));
+  if (status == 0) status = CreateTable(context, u"App.Mapped", nullptr, Columns().String(u"Name"));
+  if (status != 0) return status;
+  sagleme_test::InsertMappedProperty(
+      sagleme_test::InsertClass(u"Class", sagleme_test::View(u"App.Mapped")), u"Property",
+      sagleme_test::ColumnRow(u"App.Mapped", u"Name"));
+  return 0;
+}
+
 // App.Base (Name, Count) <- App.Child (Owner -> App.Base), index ByCount over App.Base, App.Empty.
 uint32_t MakeSchema(uint64_t context) {
   uint32_t status =
@@ -40,6 +54,7 @@ uint32_t MakeSchema(uint64_t context) {
   LORV_INDEXED_COLUMN const by_count[] = {{u"Count", 1}, {nullptr, 0}};
   if (status == 0)
     status = lorv_create_index_by_names(context, u"ByCount", u"App.Base", by_count, false);
+  if (status == 0) status = MakeUpkeep(context);
   return status;
 }
 
@@ -192,6 +207,25 @@ TEST_P(EveryCallTest, Refused_PassesTheStatusOutAndCanBeRepeated) {
   // A change that asked the kernel nothing would have proved nothing.
   EXPECT_GT(calls, 1);
 }
+
+// An iterator that cannot be freed leaves no way on: the first and the last that a change opens.
+using EveryCallDeathTest = EveryCallTest;
+
+TEST_P(EveryCallDeathTest, IteratorThatTheKernelKeeps_EndsTheProcess) {
+  recording_kernel::Record();
+  ASSERT_EQ(0u, GetParam().call(context()));
+  int const frees = static_cast<int>(recording_kernel::CallsOf("lorv_iterator_free").size());
+  ASSERT_GT(frees, 0);
+  for (int const nth : {1, frees}) {
+    StartOver();
+    recording_kernel::FailNthOf("lorv_iterator_free", nth, kRefused);
+    EXPECT_EXIT(GetParam().call(context()), ::testing::KilledBySignal(SIGABRT), "") << nth;
+    recording_kernel::FailNth(0, 0);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Changes, EveryCallDeathTest, ::testing::ValuesIn(kChanges),
+                         [](auto const& change) { return std::string(change.param.name); });
 
 INSTANTIATE_TEST_SUITE_P(Changes, EveryCallTest, ::testing::ValuesIn(kChanges),
                          [](auto const& change) { return std::string(change.param.name); });
