@@ -32,7 +32,10 @@ void CommitQueue::Lead(std::vector<CommitRequest*> const& requests) noexcept {
     TryAll(some);
     return LORV_STATUS_OK;
   };
-  Status const together = Guarded([&] { return attempt(requests); });
+  Status together = Guarded([&] { return attempt(requests); });
+  if (together == LSCOREDB_MAP_FULL) {
+    together = Guarded([&] { return store_.FreeDeadReaders() ? attempt(requests) : together; });
+  }
   if (together == LORV_STATUS_OK) return;
   for (CommitRequest* const request : requests) {
     Status const alone =

@@ -102,6 +102,7 @@ void Batch::Commit() {
   // A write that only found room for a part comes back without the reason.
   if (code == EIO && IsDiskFull(store_->env_)) Throw(LSCOREDB_DISK_FULL);
   CheckStore(code);
+  store_->NoteGrowth();
 }
 
 // ---- cursors -----------------------------------------------------------------------------------
@@ -157,9 +158,7 @@ Store::~Store() {
 std::unique_ptr<Snapshot> Store::NewSnapshot() {
   MDB_txn* txn = nullptr;
   int code = mdb_txn_begin(env_, nullptr, MDB_RDONLY, &txn);
-  if (code == MDB_READERS_FULL) {  // slots of processes that died can be had back
-    int dead = 0;
-    CheckStore(mdb_reader_check(env_, &dead));
+  if (code == MDB_READERS_FULL && FreeDeadReaders()) {
     code = mdb_txn_begin(env_, nullptr, MDB_RDONLY, &txn);
   }
   CheckStore(code);
@@ -199,6 +198,21 @@ void Store::End(std::unique_ptr<Snapshot> snapshot) noexcept {
   } catch (std::bad_alloc const&) {
     snapshot.reset();  // one reader slot less to reuse, nothing lost
   }
+}
+
+bool Store::FreeDeadReaders() {
+  int dead = 0;
+  CheckStore(mdb_reader_check(env_, &dead));
+  return dead != 0;
+}
+
+// A file grows when no page can be used again: a reader in a process that is no more may be why.
+void Store::NoteGrowth() noexcept {
+  MDB_envinfo info{};
+  if (mdb_env_info(env_, &info) != 0) return;
+  if (last_page_.exchange(info.me_last_pgno) >= info.me_last_pgno) return;
+  int dead = 0;
+  mdb_reader_check(env_, &dead);  // what it cannot free today stays for the next time
 }
 
 // Not packed: packing would begin to count states anew, and rows bear the number of theirs.

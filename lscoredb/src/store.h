@@ -8,6 +8,7 @@
 // and cursors belong to one thread at a time. Bytes that a view hands out stay where they are until
 // the snapshot ends, those of a batch until its next write. All failures are thrown.
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -145,6 +146,10 @@ class Store {
   // From now on every commit is synced. REQUIRES: no batch is open.
   void RequireSync();
 
+  // Frees the places of readers whose processes died without a word, and with them the pages that
+  // they kept from being used again. Returns whether there were any.
+  bool FreeDeadReaders();
+
  private:
   friend class View;
   friend class Batch;
@@ -155,11 +160,13 @@ class Store {
   unsigned Handle(Tree tree) const { return trees_[static_cast<std::size_t>(tree)]; }
   std::unique_ptr<Snapshot> NewSnapshot();
   void NoteFile(View& view) const;
+  void NoteGrowth() noexcept;
 
   MDB_env* env_;
   std::uintptr_t map_begin_ = 0;  // where the file lies in memory
   std::size_t page_size_ = 0;
   unsigned trees_[kTreeCount] = {};
+  std::atomic<std::uint64_t> last_page_{0};  // of the file, when it was last looked at
   std::mutex idle_mutex_;
   std::vector<std::unique_ptr<Snapshot>> idle_;  // ended, ready to be begun again
 };

@@ -181,6 +181,10 @@ void Bank::Found() {
 Progress Bank::Done() {
   Context const context(*database_);
   Transaction transaction(context, Access::kReadOnly);
+  return Done(transaction);
+}
+
+Progress Bank::Done(Transaction& transaction) {
   Progress done{};
   for (std::size_t i = 0; i < done.size(); ++i) {
     done[i] = LongOf(OneAt(transaction, kTellerByNumber, static_cast<std::int64_t>(i)), u"Done");
@@ -270,9 +274,9 @@ void Bank::ChangeSchema(Transaction& transaction, std::int64_t step) {
 // ---- what is expected ---------------------------------------------------------------------------
 
 void Bank::ExpectWhole() {
-  Progress const done = Done();
   Context const context(*database_);
   Transaction transaction(context, Access::kReadOnly);
+  Progress const done = Done(transaction);
   ExpectAccounts(transaction, done);
   ExpectTransfers(transaction, done);
   ExpectSchema(transaction, done[kArchitect]);

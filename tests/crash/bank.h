@@ -37,8 +37,9 @@ class Bank {
 
   sagleme::Database& database() { return *database_; }
 
-  // How far everyone is, in the newest committed state.
+  // How far everyone is, in the newest committed state or as a transaction sees it.
   Progress Done();
+  static Progress Done(sagleme::Transaction& transaction);
 
   // One more step of a teller, or of the architect: its number once it is committed. Runs again
   // when others were faster. Throws sagleme::Error for what else is refused.
@@ -46,7 +47,8 @@ class Bank {
   // The same within a transaction, not committed. Returns the step's number.
   std::int64_t Work(sagleme::Transaction& transaction, int teller);
 
-  // Expects all that follows from how far everyone is, and that the database is sound.
+  // Expects, in one snapshot, all that follows from how far everyone is, and that the database is
+  // sound.
   void ExpectWhole();
 
  private:
