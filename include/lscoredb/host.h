@@ -17,8 +17,13 @@
  *     One that returned anything else left nothing, and its transaction is over.
  *  5. Every function returns a status, 0 for success, and writes no output and changes nothing when
  * it fails. lscoredb_status_text has a sentence for each.
- *  6. Identities of objects and indexes, and layout numbers, that a transaction took are not given
- * out again while the process lives, also when it is rolled back.
+ *  6. Identities of objects and indexes are never given out again, those of a transaction that is
+ * rolled back not while the process lives.
+ *  7. A layout number that a transaction took, whatever became of the transaction, is not given out
+ * again while any process lives that has had the database open, though it may have closed it: what
+ * it keeps by layout number stays true. Afterwards the numbers of transactions that were rolled
+ * back are free, and those of layouts that were released, see lscoredb_release_layout. Each process
+ * keeps a file "layouts.lock" of the directory open and locked for this until it ends.
  *
  * Statuses that any function may give, not repeated below: LSCOREDB_UNKNOWN_CONTEXT for a context
  * that is not open, LSCOREDB_NULL_ARGUMENT, LSCOREDB_NO_MEMORY, LSCOREDB_IO_ERROR,
@@ -57,6 +62,7 @@ extern "C" {
 #define LSCOREDB_ID_IN_USE 9022u
 #define LSCOREDB_TOO_LARGE 9023u
 #define LSCOREDB_LAYOUTS_EXHAUSTED 9024u
+#define LSCOREDB_LAYOUT_IN_USE 9025u
 /* The database as a whole, its file and its surroundings. */
 #define LSCOREDB_IN_USE 9030u
 #define LSCOREDB_NOT_A_DATABASE 9031u
@@ -113,8 +119,8 @@ LSCOREDB_API uint32_t lscoredb_begin(uint64_t context, uint32_t flags);
 /* Makes the transaction's writes visible to later ones, and lasting; the transaction is over
  * whatever comes of it. LSCOREDB_NO_TRANSACTION: none is open. LSCOREDB_CONFLICT: another
  * transaction has committed a change of the same object since, or of the set of an index created
- * here, or took the same layout number; run the work again. LSCOREDB_DUPLICATE_KEY: a unique index
- * would hold a key twice. LSCOREDB_MAP_FULL, LSCOREDB_DISK_FULL: no room. */
+ * here; run the work again. LSCOREDB_DUPLICATE_KEY: a unique index would hold a key twice.
+ * LSCOREDB_MAP_FULL, LSCOREDB_DISK_FULL: no room. */
 LSCOREDB_API uint32_t lscoredb_commit(uint64_t context);
 /* Ends the transaction and forgets its writes. */
 LSCOREDB_API uint32_t lscoredb_rollback(uint64_t context);
@@ -140,9 +146,21 @@ typedef struct lscoredb_layout_statistics {
 } lscoredb_layout_statistics;
 
 /* `*count` comes in as the room of `out` and goes out as the number of layouts, in rising order of
- * number. */
+ * number. Layouts that were released and have no objects are left out. */
 LSCOREDB_API uint32_t lscoredb_layout_stats(uint64_t context, uint32_t* count,
                                             lscoredb_layout_statistics* out);
+
+/* Says that nothing names a layout any more, no catalogue of the host and nothing that is still to
+ * be made from one. Nothing changes for processes that know the layout; objects may still come
+ * under it. The process that next has the database to itself when it opens it takes the layout away
+ * and gives its number out again, if no object stands under it then, and no layout was made on it
+ * but such as go too; else it stays until a later opening. In memory nothing is taken away.
+ * Releasing a layout twice changes nothing. LSCOREDB_UNKNOWN_LAYOUT, LSCOREDB_READ_ONLY.
+ * LSCOREDB_LAYOUT_IN_USE: objects stand under it.
+ *
+ * When all 65,535 numbers are taken lorvi_context_create_layout gives LSCOREDB_LAYOUTS_EXHAUSTED;
+ * its transaction can go on, commit and roll back. */
+LSCOREDB_API uint32_t lscoredb_release_layout(uint64_t context, uint16_t layout);
 
 /* Writes a copy of the newest committed state into `directory`, which is not there yet or empty,
  * while contexts of this and other processes read and write. The copy is a database by itself. Of a

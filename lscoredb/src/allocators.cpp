@@ -3,7 +3,6 @@
 #include <algorithm>
 
 #include "bytes.h"
-#include "definitions.h"
 #include "format.h"
 #include "status.h"
 
@@ -116,13 +115,6 @@ void IdAllocator::Give(ObjectId id) {
   } else if (raw < kEnd) {
     floor_ = std::max(floor_, raw + 1);
   }
-}
-
-LayoutNumber LayoutNumbers::Take(View const& view) {
-  std::lock_guard const lock(mutex_);
-  next_ = std::max(next_, std::uint32_t{Raw(HighestLayout(view))} + 1);
-  if (next_ > 0xFFFF) Throw(LSCOREDB_LAYOUTS_EXHAUSTED);
-  return LayoutNumber{static_cast<std::uint16_t>(next_++)};
 }
 
 }  // namespace lscore

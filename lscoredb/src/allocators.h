@@ -1,8 +1,8 @@
 #ifndef LSCOREDB_SRC_ALLOCATORS_H
 #define LSCOREDB_SRC_ALLOCATORS_H
 
-// Identities and layout numbers. What was handed out once is not handed out again, whether or not
-// the transaction that asked for it was committed. Any thread.
+// Identities of objects and indexes. What was handed out once is not handed out again, whether or
+// not the transaction that asked for it was committed. Any thread.
 
 #include <cstdint>
 #include <mutex>
@@ -50,18 +50,6 @@ class IdAllocator {
   std::vector<IdRange> issued_;    // what was handed out, in adjoining pieces
   std::set<std::uint64_t> given_;  // chosen by callers inside present_ and spare_
   std::uint64_t floor_ = 1;        // above all identities that callers chose
-};
-
-// The highest layout number that this process has handed out for one database, over closing and
-// opening it again.
-class LayoutNumbers {
- public:
-  // Throws LSCOREDB_LAYOUTS_EXHAUSTED.
-  LayoutNumber Take(View const& view);
-
- private:
-  std::mutex mutex_;
-  std::uint32_t next_ = 1;
 };
 
 }  // namespace lscore

@@ -190,6 +190,9 @@ void CommitWork::ApplyLayouts() {
   for (auto const& layout : request_.changes.layouts()) {
     WriteLayout(batch_, *layout, {batch_.id(), position_++});
   }
+  for (LayoutNumber const number : request_.changes.released_layouts()) {
+    WriteRelease(batch_, number);
+  }
 }
 
 void CommitWork::ApplyIndexes() {

@@ -8,6 +8,7 @@
 #include <string>
 #include <utility>
 
+#include "layout_release.h"
 #include "status.h"
 
 namespace lscore {
@@ -19,7 +20,7 @@ using DirectoryId = std::pair<dev_t, ino_t>;
 
 struct Known {
   std::weak_ptr<Database> database;
-  std::shared_ptr<LayoutNumbers> layout_numbers = std::make_shared<LayoutNumbers>();
+  std::shared_ptr<LayoutNumbers> layout_numbers;  // from the first opening on
 };
 
 // The directories that this process has opened. Held over an opening, so that none is opened twice.
@@ -52,6 +53,37 @@ DirectoryId IdOf(std::string const& path) {
   return {status.st_dev, status.st_ino};
 }
 
+// A directory that was removed, or made anew in the place of another, has nothing to be remembered.
+void ForgetRemoved(Registry& registry) {
+  std::erase_if(registry.known, [](auto const& entry) {
+    Known const& known = entry.second;
+    return known.database.expired() && known.layout_numbers != nullptr &&
+           known.layout_numbers->orphaned();
+  });
+}
+
+// Released layouts are taken away by whoever finds itself alone. What stands in the way of that, a
+// full disk for one, does not stand in the way of opening.
+void Collect(Store& store, LayoutNumbers& layout_numbers) {
+  if (!layout_numbers.alone()) return;
+  static_cast<void>(Guarded([&] {
+    CollectLayouts(store);
+    return LORV_STATUS_OK;
+  }));
+  layout_numbers.Share();
+}
+
+std::shared_ptr<Database> OpenStore(std::string const& path, StoreOptions const& options,
+                                    Known& known) {
+  std::shared_ptr<LayoutNumbers> numbers = known.layout_numbers;
+  if (numbers == nullptr) numbers = std::make_shared<LayoutNumbers>(path);
+  std::unique_ptr<Store> store = Store::Open(path.c_str(), options);
+  Collect(*store, *numbers);
+  auto database = std::make_shared<Database>(std::move(store), numbers);
+  known = {database, numbers};
+  return database;
+}
+
 }  // namespace
 
 std::shared_ptr<Database> OpenDatabase(char const* directory, StoreOptions const& options) {
@@ -64,11 +96,11 @@ std::shared_ptr<Database> OpenDatabase(char const* directory, StoreOptions const
   Registry& registry = TheRegistry();
   std::lock_guard const lock(registry.mutex);
   MakeDirectories(path);
+  ForgetRemoved(registry);
   Known& known = registry.known[IdOf(path)];
   std::shared_ptr<Database> database = known.database.lock();
   if (database == nullptr) {
-    database = std::make_shared<Database>(Store::Open(directory, options), known.layout_numbers);
-    known.database = database;
+    database = OpenStore(path, options, known);
   } else if (options.sync) {
     database->commits().RequireSync();
   }

@@ -11,6 +11,7 @@
 #include "allocators.h"
 #include "commit.h"
 #include "definitions.h"
+#include "layout_numbers.h"
 #include "store.h"
 
 namespace lscore {

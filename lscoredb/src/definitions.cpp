@@ -108,24 +108,40 @@ std::vector<std::pair<LayoutOrder, LayoutNumber>> LayoutsOfToken(View const& vie
   return found;
 }
 
-std::vector<LayoutNumber> AllLayouts(View const& view) {
-  std::vector<LayoutNumber> numbers;
-  ForEachWithPrefix(view, std::string(1, format::kLayoutLetter),
-                    [&](std::string_view key, std::string_view) {
+namespace {
+
+// The numbers in the keys of a letter and what stands there, rising.
+template <typename Visit>
+void ForEachNumber(View const& view, char letter, Visit&& visit) {
+  ForEachWithPrefix(view, std::string(1, letter),
+                    [&](std::string_view key, std::string_view value) {
                       if (key.size() != 2) Throw(LSCOREDB_DAMAGED);
-                      numbers.push_back(LayoutNumber{LoadBig<std::uint16_t>(key.data())});
+                      visit(LayoutNumber{LoadBig<std::uint16_t>(key.data())}, value);
                       return true;
                     });
+}
+
+std::vector<LayoutNumber> NumbersOf(View const& view, char letter) {
+  std::vector<LayoutNumber> numbers;
+  ForEachNumber(view, letter,
+                [&](LayoutNumber number, std::string_view) { numbers.push_back(number); });
   return numbers;
 }
 
-LayoutNumber HighestLayout(View const& view) {
-  Cursor cursor;
-  cursor.Open(view, Tree::kDefinitions);
-  bool const on =
-      cursor.Seek(std::string(1, format::kLayoutLetter + 1)) ? cursor.Previous() : cursor.Last();
-  if (!on || cursor.key().size() != 3 || cursor.key()[0] != format::kLayoutLetter) return kNoLayout;
-  return LayoutNumber{LoadBig<std::uint16_t>(cursor.key().data() + 1)};
+}  // namespace
+
+std::vector<LayoutNumber> AllLayouts(View const& view) {
+  return NumbersOf(view, format::kLayoutLetter);
+}
+
+std::map<LayoutNumber, LayoutNumber> LayoutBases(View const& view) {
+  std::map<LayoutNumber, LayoutNumber> bases;
+  ForEachNumber(view, format::kLayoutLetter, [&](LayoutNumber number, std::string_view record) {
+    FieldReader fields(record);
+    bases.emplace(number, LayoutNumber{fields.Next<std::uint16_t>()});
+    if (!fields.ok()) Throw(LSCOREDB_DAMAGED);
+  });
+  return bases;
 }
 
 namespace {
@@ -151,6 +167,29 @@ std::unique_ptr<Layout const> ParseLayout(LayoutNumber number, std::string_view 
 }
 
 }  // namespace
+
+void DeleteLayout(Batch& batch, LayoutNumber number) {
+  std::string_view record;
+  if (!batch.Get(Tree::kDefinitions, LayoutKey(number), &record)) Throw(LSCOREDB_DAMAGED);
+  Token const token = ParseLayout(number, record)->token();
+  batch.Delete(Tree::kDefinitions, LayoutKey(number));
+  batch.Delete(Tree::kDefinitions, KeyOf(format::kLayoutTokenLetter, Raw(token), Raw(number)));
+  batch.Delete(Tree::kDefinitions, KeyOf(format::kCountLetter, Raw(number)));
+  batch.Delete(Tree::kDefinitions, KeyOf(format::kReleaseLetter, Raw(number)));
+}
+
+void WriteRelease(Batch& batch, LayoutNumber number) {
+  batch.Put(Tree::kDefinitions, KeyOf(format::kReleaseLetter, Raw(number)), {});
+}
+
+bool IsReleased(View const& view, LayoutNumber number) {
+  std::string_view nothing;
+  return view.Get(Tree::kDefinitions, KeyOf(format::kReleaseLetter, Raw(number)), &nothing);
+}
+
+std::vector<LayoutNumber> ReleasedLayouts(View const& view) {
+  return NumbersOf(view, format::kReleaseLetter);
+}
 
 Layout const* LayoutCache::Find(View const& view, LayoutNumber number) {
   Layout const* layout = known_[Raw(number)].load(std::memory_order_acquire);

@@ -9,6 +9,7 @@
 #include <array>
 #include <atomic>
 #include <deque>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <shared_mutex>
@@ -32,7 +33,15 @@ void WriteLayout(Batch& batch, Layout const& layout, LayoutOrder order);
 std::vector<std::pair<LayoutOrder, LayoutNumber>> LayoutsOfToken(View const& view, Token token);
 // All layout numbers, rising.
 std::vector<LayoutNumber> AllLayouts(View const& view);
-LayoutNumber HighestLayout(View const& view);
+// All layouts with the layouts they were made on.
+std::map<LayoutNumber, LayoutNumber> LayoutBases(View const& view);
+// REQUIRES: the layout is not in use by objects or as a base.
+void DeleteLayout(Batch& batch, LayoutNumber number);
+
+// That a host has no more use for a layout. It stays what it is until it is taken away.
+void WriteRelease(Batch& batch, LayoutNumber number);
+bool IsReleased(View const& view, LayoutNumber number);
+std::vector<LayoutNumber> ReleasedLayouts(View const& view);
 
 // The committed layouts by number. What it hands out lives as long as it does.
 class LayoutCache {

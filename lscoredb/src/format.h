@@ -40,6 +40,8 @@
 //   'I' index id (8)                      -> an index
 //   'J' token (8), index id (8)           -> nothing
 //   'S' hash of set specifier (8), index id (8) -> nothing: the indexes over a set specifier
+//   'R' layout number (2)                 -> nothing: a layout that may be taken away once no
+//                                            object and no other layout needs it
 //   'C' layout number (2)                 -> count of objects (8), 1 and their set specifier, or 0
 //   'W' set specifier cut at kSetPrefix, its hash (8) -> commit (8) that last changed an object
 //                                            of that set, and the whole set specifier
@@ -84,6 +86,7 @@ inline constexpr std::size_t kSetPrefix = 400;
 
 inline constexpr char kLayoutLetter = 'L';
 inline constexpr char kLayoutTokenLetter = 'T';
+inline constexpr char kReleaseLetter = 'R';
 inline constexpr char kIndexLetter = 'I';
 inline constexpr char kIndexTokenLetter = 'J';
 inline constexpr char kIndexSetLetter = 'S';

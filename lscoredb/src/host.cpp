@@ -121,10 +121,16 @@ uint32_t lscoredb_move_object(uint64_t context, uint64_t oid, uint16_t layout) {
   });
 }
 
+uint32_t lscoredb_release_layout(uint64_t context, uint16_t layout) {
+  return WithWriting(context, [&](Transaction& transaction) {
+    return transaction.ReleaseLayout(LayoutNumber{layout});
+  });
+}
+
 uint32_t lscoredb_layout_stats(uint64_t context, uint32_t* count, lscoredb_layout_statistics* out) {
   return WithTransaction(context, [&](Transaction& transaction) -> Status {
     if (count == nullptr || (out == nullptr && *count != 0)) return LSCOREDB_NULL_ARGUMENT;
-    std::vector<LayoutNumber> const numbers = transaction.AllLayoutNumbers();
+    std::vector<LayoutNumber> const numbers = transaction.UsedLayouts();
     for (std::size_t i = 0; i < numbers.size() && i < *count; ++i) {
       Layout const* const layout = transaction.FindLayout(numbers[i]);
       if (layout == nullptr) return LSCOREDB_DAMAGED;

@@ -227,7 +227,7 @@ bool PendingChanges::IsDropped(IndexId id) const {
 }
 
 bool PendingChanges::empty() const {
-  bool changed = !layouts_.empty() || !created_.empty() || !dropped_.empty();
+  bool changed = !layouts_.empty() || !released_.empty() || !created_.empty() || !dropped_.empty();
   ForEachRow([&](PendingRow const& row) { changed = changed || row.changed; });
   return !changed;
 }
@@ -238,6 +238,7 @@ void PendingChanges::Clear() {
   index_by_id_.Clear();
   rows_.Clear();
   layouts_.clear();
+  released_.clear();
   created_.clear();
   created_and_dropped_.clear();
   dropped_.clear();

@@ -10,6 +10,7 @@
 #include <map>
 #include <memory>
 #include <memory_resource>
+#include <set>
 #include <string_view>
 #include <vector>
 
@@ -202,6 +203,8 @@ class PendingChanges {
 
   std::vector<std::unique_ptr<Layout const>> const& layouts() const { return layouts_; }
   void AddLayout(std::unique_ptr<Layout const> layout) { layouts_.push_back(std::move(layout)); }
+  std::set<LayoutNumber> const& released_layouts() const { return released_; }
+  void ReleaseLayout(LayoutNumber number) { released_.insert(number); }
   std::vector<std::unique_ptr<IndexDefinition const>> const& created_indexes() const {
     return created_;
   }
@@ -224,6 +227,7 @@ class PendingChanges {
   std::vector<std::unique_ptr<PendingIndex>> indexes_;
   std::vector<std::unique_ptr<PendingIndex>> forgotten_;  // iterators may still stand in them
   std::vector<std::unique_ptr<Layout const>> layouts_;
+  std::set<LayoutNumber> released_;
   std::vector<std::unique_ptr<IndexDefinition const>> created_;
   std::vector<std::unique_ptr<IndexDefinition const>> created_and_dropped_;
   std::vector<IndexDefinition const*> dropped_;

@@ -32,6 +32,7 @@ constexpr Entry kTexts[] = {
     {LSCOREDB_ID_IN_USE, "The identity is in use or was given out before."},
     {LSCOREDB_TOO_LARGE, "A value is larger than the database can hold."},
     {LSCOREDB_LAYOUTS_EXHAUSTED, "All layout numbers are in use."},
+    {LSCOREDB_LAYOUT_IN_USE, "Objects stand under the layout."},
     {LSCOREDB_IN_USE, "The database still has open contexts."},
     {LSCOREDB_NOT_A_DATABASE, "The files are not a database of this kernel."},
     {LSCOREDB_NEWER_FORMAT, "The database was written by a newer version of this kernel."},

@@ -72,7 +72,9 @@ class Transaction {
   Layout const* FindLayout(LayoutNumber number);
   // Newest first.
   std::vector<Layout const*> LayoutsOf(Token token);
-  std::vector<LayoutNumber> AllLayoutNumbers();
+  // All but those that are released and have no objects.
+  std::vector<LayoutNumber> UsedLayouts();
+  Status ReleaseLayout(LayoutNumber number);
   std::uint64_t CountObjects(LayoutNumber number);
   IndexId CreateIndex(std::unique_ptr<IndexDefinition> index);
   Status DropIndex(IndexId id);

@@ -46,11 +46,24 @@ std::vector<Layout const*> Transaction::LayoutsOf(Token token) {
   return found;
 }
 
-std::vector<LayoutNumber> Transaction::AllLayoutNumbers() {
+std::vector<LayoutNumber> Transaction::UsedLayouts() {
   std::vector<LayoutNumber> numbers = AllLayouts(*snapshot_);
   for (auto const& layout : changes_.layouts()) numbers.push_back(layout->number());
   std::sort(numbers.begin(), numbers.end());
+  std::erase_if(numbers, [this](LayoutNumber number) {
+    bool const released =
+        changes_.released_layouts().contains(number) || IsReleased(*snapshot_, number);
+    return released && CountObjects(number) == 0;
+  });
   return numbers;
+}
+
+// What comes under the layout later, or is made on it, is found when it is to be taken away.
+Status Transaction::ReleaseLayout(LayoutNumber number) {
+  if (FindLayout(number) == nullptr) return LSCOREDB_UNKNOWN_LAYOUT;
+  if (CountObjects(number) != 0) return LSCOREDB_LAYOUT_IN_USE;
+  if (!IsReleased(*snapshot_, number)) changes_.ReleaseLayout(number);
+  return LORV_STATUS_OK;
 }
 
 std::uint64_t Transaction::CountObjects(LayoutNumber number) {

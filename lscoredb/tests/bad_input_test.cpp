@@ -56,6 +56,7 @@ class BadInputTest : public KernelTest {
     for (std::uint32_t type = LORV_TYPE_STRING; type <= LORV_TYPE_REFERENCE; ++type)
       columns.push_back({type, 100 + type});
     layout_ = session_.CreateLayout(50, columns);
+    empty_layout_ = session_.CreateLayout(52, columns);
     index_ = session_.CreateIndex(60, kSet, {{LORV_TYPE_LONG, 100 + LORV_TYPE_LONG}});
     row_ = session_.Insert(layout_);
     session_.PutString(row_, kText, u"x");
@@ -101,6 +102,7 @@ class BadInputTest : public KernelTest {
   std::vector<LORVI_COLUMN_DEFINITION> const columns_ = Definitions({{LORV_TYPE_LONG, 300}});
   Outputs outputs_;
   LayoutId layout_ = 0;
+  LayoutId empty_layout_ = 0;
   LayoutId made_layout_ = 0;
   IndexId index_ = 0;
   Oid row_ = 0;
@@ -229,6 +231,8 @@ Calls BadInputTest::SchemaWrites() {
        }},
       {"move_object",
        [this](Target const& t) { return lscoredb_move_object(t.context, row_, layout_); }},
+      {"release_layout",
+       [this](Target const& t) { return lscoredb_release_layout(t.context, empty_layout_); }},
       {"drop_index",
        [this](Target const& t) { return lorvi_context_drop_index(t.context, index_); }}};
 }
@@ -419,10 +423,10 @@ TEST_F(BadInputTest, EveryStatusHasATextOfItsOwn) {
       LSCOREDB_UNKNOWN_LAYOUT, LSCOREDB_UNKNOWN_COLUMN,    LSCOREDB_WRONG_TYPE,
       LSCOREDB_NULL_ARGUMENT,  LSCOREDB_INVALID_ARGUMENT,  LSCOREDB_MALFORMED_KEY,
       LSCOREDB_CONFLICT,       LSCOREDB_DUPLICATE_KEY,     LSCOREDB_ID_IN_USE,
-      LSCOREDB_TOO_LARGE,      LSCOREDB_LAYOUTS_EXHAUSTED, LSCOREDB_IN_USE,
-      LSCOREDB_NOT_A_DATABASE, LSCOREDB_NEWER_FORMAT,      LSCOREDB_DAMAGED,
-      LSCOREDB_CANNOT_OPEN,    LSCOREDB_MAP_FULL,          LSCOREDB_DISK_FULL,
-      LSCOREDB_IO_ERROR,       LSCOREDB_TOO_MANY_READERS};
+      LSCOREDB_TOO_LARGE,      LSCOREDB_LAYOUTS_EXHAUSTED, LSCOREDB_LAYOUT_IN_USE,
+      LSCOREDB_IN_USE,         LSCOREDB_NOT_A_DATABASE,    LSCOREDB_NEWER_FORMAT,
+      LSCOREDB_DAMAGED,        LSCOREDB_CANNOT_OPEN,       LSCOREDB_MAP_FULL,
+      LSCOREDB_DISK_FULL,      LSCOREDB_IO_ERROR,          LSCOREDB_TOO_MANY_READERS};
   for (std::uint32_t const status : statuses) {
     char const* const text = lscoredb_status_text(status);
     EXPECT_STRNE(text, "") << status;

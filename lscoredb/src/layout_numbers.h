@@ -1,0 +1,73 @@
+#ifndef LSCOREDB_SRC_LAYOUT_NUMBERS_H
+#define LSCOREDB_SRC_LAYOUT_NUMBERS_H
+
+// Layout numbers: which are taken. Any thread, and any process that has the database open.
+//
+// What knows a number by its meaning, in the caches of a process, knows it until the process ends.
+// So a number that was handed out is taken, whatever became of its transaction, and its layout
+// stays, until no process lives that has had the database open. That is found out by a lock on a
+// file beside the data: shared by every process that opened the directory, from its first opening
+// to its end, and exclusive for the short time in which one finds itself alone. The file is mapped
+// and holds one bit a number, which makes the processes take different ones. It means nothing once
+// they are gone: whoever is alone begins it anew.
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "ids.h"
+#include "store.h"
+
+namespace lscore {
+
+class LayoutNumbers {
+ public:
+  // Of a database in memory, which no other process can know.
+  LayoutNumbers();
+  // Of the database in `directory`, which exists. Waits while another process is alone with it.
+  // Throws LSCOREDB_CANNOT_OPEN, LSCOREDB_DISK_FULL or LSCOREDB_NO_MEMORY.
+  explicit LayoutNumbers(std::string const& directory);
+  ~LayoutNumbers();
+  LayoutNumbers(LayoutNumbers const&) = delete;
+  LayoutNumbers& operator=(LayoutNumbers const&) = delete;
+
+  // Whether no other process knows a number of this database. Until Share none comes to know one.
+  bool alone() const { return alone_; }
+  void Share();
+
+  // Whether the file was removed, and the database with it.
+  bool orphaned() const;
+
+  // The lowest number that is not taken; takes it. Throws LSCOREDB_LAYOUTS_EXHAUSTED.
+  LayoutNumber Take(View const& view);
+
+ private:
+  static constexpr std::size_t kWords = 65536 / 64;
+
+  // The content of the file.
+  struct Board {
+    std::atomic<std::uint64_t> complete;  // all layouts that were there at first are marked
+    std::array<std::atomic<std::uint64_t>, kWords> taken;
+  };
+  static_assert(std::atomic<std::uint64_t>::is_always_lock_free, "processes share the words");
+  static_assert(sizeof(Board) == (1 + kWords) * sizeof(std::uint64_t));
+
+  void Lock();
+  bool TryLockAlone() const;
+  bool IsWhole() const;
+  void BeginAnew() const;
+  void Map();
+  void Complete(View const& view);
+  void Mark(LayoutNumber number);
+
+  int file_ = -1;
+  bool alone_ = false;
+  std::unique_ptr<Board> own_;
+  Board* board_ = nullptr;
+};
+
+}  // namespace lscore
+
+#endif

@@ -1,0 +1,45 @@
+#include "layout_release.h"
+
+#include <map>
+#include <set>
+
+#include "definitions.h"
+
+namespace lscore {
+namespace {
+
+std::set<LayoutNumber> ReleasedAndEmpty(View const& view) {
+  std::set<LayoutNumber> unused;
+  for (LayoutNumber const number : ReleasedLayouts(view)) {
+    if (ReadCount(view, number).objects == 0) unused.insert(number);
+  }
+  return unused;
+}
+
+// A layout that stays keeps its base, that one's base, and so on.
+void KeepBases(View const& view, std::set<LayoutNumber>& unused) {
+  std::map<LayoutNumber, LayoutNumber> const bases = LayoutBases(view);
+  auto const base_of = [&](LayoutNumber number) {
+    auto const found = bases.find(number);
+    return found == bases.end() ? kNoLayout : found->second;
+  };
+  for (auto const& [number, base] : bases) {
+    if (unused.contains(number)) continue;
+    LayoutNumber kept = base;
+    while (unused.erase(kept) != 0) kept = base_of(kept);
+  }
+}
+
+}  // namespace
+
+void CollectLayouts(Store& store) {
+  Batch batch(store);
+  std::set<LayoutNumber> unused = ReleasedAndEmpty(batch);
+  if (unused.empty()) return;
+  KeepBases(batch, unused);
+  if (unused.empty()) return;
+  for (LayoutNumber const number : unused) DeleteLayout(batch, number);
+  batch.Commit();
+}
+
+}  // namespace lscore
