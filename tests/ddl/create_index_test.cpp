@@ -240,5 +240,76 @@ TEST_F(CreateIndexTest, KernelIndex_CoversObjectsOfTheSubtree) {
   EXPECT_FALSE(walk.next());
 }
 
+TEST_F(CreateIndexTest, OrdinalsBelowTheEndMark_AreUnknownOnes) {
+  Create(u"T", Columns().Long(u"a"));
+  ExpectRefusedUntouched(7035, u"Raw column -2 doesn't exist for index I.", [&] {
+    return ByOrdinals(u"I", 0, {3, -2});
+  });
+}
+
+TEST_F(CreateIndexTest, RowThatIsNoTable_HasNoColumns) {
+  Create(u"T", Columns().Long(u"a"));
+  CreateIndex(u"I", u"T", {u"a"});
+  Index const no_table = Index::ByIndexPK(u"I");
+  int16_t const columns[] = {3, -1};
+  for (LS_OBJ_REF const& row : {db_util::null_obj_ref, static_cast<LS_OBJ_REF>(no_table)}) {
+    ExpectRefusedUntouched(7035, u"Raw column 3 doesn't exist for index J.", [&] {
+      return lorv_create_index(context(), row.oid, row.addr, u"J", 0, columns, 0);
+    });
+  }
+}
+
+TEST_F(CreateIndexTest, RowThatIsNoTableAndNoColumns_EndsTheProcess) {
+  int16_t const none[] = {-1};
+  EXPECT_EXIT(lorv_create_index(context(), 0, 0, u"I", 0, none, 0), KilledBySignal(SIGABRT), "");
+}
+
+TEST_F(CreateIndexTest, UnknownLayout_IsRefused) {
+  int16_t const columns[] = {3, -1};
+  ExpectRefusedUntouched(15003, u"Table wit layout id 65000 not found.", [&] {
+    return lorv_create_index_ids(context(), 65000, u"I", 0, columns, 0);
+  });
+}
+
+TEST_F(CreateIndexTest, NameInUse_IsFoundBeforeColumnsAre) {
+  Create(u"T", Columns().Long(u"a"));
+  CreateIndex(u"I", u"T", {u"a"});
+  ExpectRefusedUntouched(4187, u"Index I already exists.",
+                         [&] { return ByOrdinals(u"I", 0, {77}); });
+  ExpectRefusedUntouched(4300, u"Column b isn't found in table T and ancestor tables.", [&] {
+    return ByNames(u"I", u"T", {{u"b", 1}});
+  });
+}
+
+TEST_F(CreateIndexTest, TypeWithoutKernelType_Is4226) {
+  Create(u"T", Columns().Long(u"a"));
+  metalayer::PutULong(metalayer::DbPrimitiveType::ByDbPrimitiveTypePK_postV2_3(3),
+                      metalayer::DbPrimitiveType::kPrimitiveType, 11);
+  ExpectRefusedUntouched(4226, u"", [&] { return ByOrdinals(u"I", 0, {3}); });
+}
+
+TEST_F(CreateIndexTest, SpecifierWithoutText_CoversEveryObject) {
+  Create(u"T", Columns().Long(u"a"));
+  metalayer::PutText(metalayer::SetSpecifier::ByType(View(u"T")), metalayer::SetSpecifier::kTypeId,
+                     nullptr);
+  ExpectOk(ByOrdinals(u"I", 0, {3}));
+  char16_t const* setspec = nullptr;
+  ASSERT_EQ(0u, lorvi_context_get_index_setspec(context(), KernelIndex(u"I").index_id, &setspec));
+  EXPECT_EQ("", Utf8(setspec));
+}
+
+TEST_F(CreateIndexTest, RolledBack_LeavesNothingAndCanBeRepeated) {
+  Create(u"T", Columns().Long(u"a"));
+  Commit();
+  Begin();
+  std::string const before = DumpDatabase();
+  CreateIndex(u"I", u"T", {u"a"}, true);
+  Rollback();
+  Begin();
+  EXPECT_EQ(before, DumpDatabase());
+  CreateIndex(u"I", u"T", {u"a"});
+  EXPECT_EQ((std::vector<std::string>{"I(a+)"}), IndexesOf(u"T"));
+}
+
 }  // namespace
 }  // namespace sagleme_test

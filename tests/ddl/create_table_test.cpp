@@ -238,5 +238,72 @@ TEST_F(CreateTableTest, SpecifierOfADroppedChild_IsNotUsedAgain) {
   EXPECT_NE(dropped, SetspecOfTable(View(u"First")));
 }
 
+TEST_F(CreateTableTest, ByReference_LimitCountsTheBasesColumns) {
+  Create(u"Base", LongColumns(100));
+  RawView const base = View(u"Base");
+  LS_OBJ_REF const number = metalayer::DbPrimitiveType::ByDbPrimitiveTypePK_postV2_3(3);
+  std::vector<LORV_COLUMN_DEFINITION> columns;
+  for (int i = 100; i < 113; ++i) columns.push_back({number, 0, ColumnName(i)});
+  columns.push_back({db_util::null_obj_ref, 0, nullptr});
+  auto const create = [&] {
+    return lorv_create_table(context(), u"T", base.oid, base.addr, columns.data(), nullptr,
+                             nullptr);
+  };
+  ExpectRefusedUntouched(1001, u"Number of columns for table T exceeds the limit of 112.", create);
+  columns.erase(columns.begin());
+  ExpectOk(create());
+  EXPECT_EQ(115u, ColumnsOf(u"T").size());
+}
+
+TEST_F(CreateTableTest, ByReference_RefusedCallLeavesTheOutputsAlone) {
+  Create(u"Other", Columns().Long(u"a"));
+  CreateIndex(u"I", u"Other", {u"a"});
+  metalayer::Index const no_type = metalayer::Index::ByIndexPK(u"I");
+  LORV_COLUMN_DEFINITION const columns[] = {{no_type, 1, u"r"},
+                                            {db_util::null_obj_ref, 0, nullptr}};
+  uint64_t oid = 77;
+  uint64_t addr = 78;
+  ExpectRefused(15002, u"Refernce type for column r is not one of RawView.",
+                lorv_create_table(context(), u"T", 0, 0, columns, &oid, &addr));
+  EXPECT_EQ(77u, oid);
+  EXPECT_EQ(78u, addr);
+  EXPECT_FALSE(View(u"T").is_null());
+}
+
+// Whether the type must be nullable is asked of definitions by name alone.
+TEST_F(CreateTableTest, ByReference_NullabilityIsTheCallers) {
+  LS_OBJ_REF const string = metalayer::DbPrimitiveType::ByDbPrimitiveTypePK_postV2_3(1);
+  LORV_COLUMN_DEFINITION const columns[] = {{string, 0, u"s"}, {db_util::null_obj_ref, 0, nullptr}};
+  ExpectOk(lorv_create_table(context(), u"T", 0, 0, columns, nullptr, nullptr));
+  EXPECT_EQ(WithRootColumns({"3 s string"}), ColumnsOf(u"T"));
+  ExpectRefused(4213, u"Column s must be nullable.", ByNames(u"U", Columns().Add(1, u"s", false)));
+}
+
+// Columns are written without being looked up: a name that fits no key makes one that no call by
+// name reaches.
+TEST_F(CreateTableTest, ColumnNameTooLongForAKey_CannotBeAskedForLater) {
+  std::u16string const name(5000, u'x');
+  Create(u"T", Columns().Long(u"a").Long(name.c_str()));
+  EXPECT_EQ(5u, ColumnsOf(u"T").size());
+  PropertyAccessInfo* handle = nullptr;
+  ExpectRefused(4197, u"", lorv_crud_GetPropertyHandle(context(), u"T", name.c_str(), &handle));
+  ExpectOk(lorv_drop_table_by_name(context(), u"T", false, false));
+}
+
+TEST_F(CreateTableTest, SameColumnTwice_IsTheKernelsRefusal) {
+  EXPECT_EQ(LSCOREDB_DUPLICATE_KEY, ByNames(u"T", Columns().Long(u"a").String(u"a")));
+}
+
+TEST_F(CreateTableTest, ColumnOfTheBasesName_IsTheKernelsRefusal) {
+  Create(u"Base", Columns().Long(u"a"));
+  EXPECT_EQ(LSCOREDB_DUPLICATE_KEY, ByNames(u"T", Columns().Long(u"a"), u"Base"));
+  EXPECT_EQ(LSCOREDB_DUPLICATE_KEY, ByNames(u"U", Columns().Long(u"__id")));
+}
+
+TEST_F(CreateTableTest, NameThatDiffersByADotAtItsEnd_IsTheKernelsRefusal) {
+  Create(u"T");
+  EXPECT_EQ(LSCOREDB_DUPLICATE_KEY, ByNames(u"T.", {}));
+}
+
 }  // namespace
 }  // namespace sagleme_test

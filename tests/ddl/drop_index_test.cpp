@@ -152,5 +152,50 @@ TEST_F(DropIndexTest, SystemIndex_IsNotGuarded) {
   EXPECT_TRUE(Index::ByIndexPK(u"CodePropertyPK").is_null());
 }
 
+TEST_F(DropIndexTest, TableComesBeforeIndex) {
+  ExpectRefusedUntouched(15003, u"Table Nobody not found.",
+                         [&] { return ByTableAndName(u"Nobody", u"Nothing"); });
+  ExpectThrown(15003, u"Table T not found.", [] { ddl::DropIndex(u"T", u"Nothing"); });
+}
+
+TEST_F(DropIndexTest, IndexWithoutTable_BelongsToNone) {
+  metalayer::PutRef(Index::ByIndexPK(u"I"), Index::kTable, db_util::null_obj_ref);
+  ExpectRefusedUntouched(15005, u"Index I doesn't belong to the table App.T.",
+                         [&] { return ByTableAndName(u"App.T", u"I"); });
+  ExpectOk(lorv_drop_index_by_name(context(), u"I"));
+}
+
+// The rows went before the kernel was asked: the transaction has to put them back.
+TEST_F(DropIndexTest, IndexThatTheKernelHasLost_IsItsRefusal) {
+  Commit();
+  Begin();
+  uint64_t const generation = Generation();
+  ASSERT_EQ(0u, lorvi_context_drop_index(context(), HandleOf(u"I")));
+  EXPECT_EQ(LORV_STATUS_NO_INDEX, lorv_drop_index_by_name(context(), u"I"));
+  EXPECT_TRUE(Index::ByIndexPK(u"I").is_null());
+  EXPECT_EQ(generation, Generation());
+  Rollback();
+  Begin();
+  ExpectOk(lorv_drop_index_by_name(context(), u"I"));
+}
+
+TEST_F(DropIndexTest, EmptySegmentsOfTheTablesName_Count) {
+  ExpectRefusedUntouched(15003, u"Table App..T not found.",
+                         [&] { return ByTableAndName(u"App..T", u"I"); });
+  ExpectOk(ByTableAndName(u"App.T.", u"I"));
+}
+
+TEST_F(DropIndexTest, RolledBack_LeavesNothing) {
+  Commit();
+  Begin();
+  std::string const before = DumpDatabase();
+  ExpectOk(lorv_drop_index_by_name(context(), u"I"));
+  Rollback();
+  Begin();
+  EXPECT_EQ(before, DumpDatabase());
+  LORVI_INDEX_INFO info = {};
+  EXPECT_EQ(0u, metalayer::get_index_info_by_token(TokenOf(u"I"), &info));
+}
+
 }  // namespace
 }  // namespace sagleme_test

@@ -1,0 +1,71 @@
+// Start-up with each of its kernel calls refused in turn: the status comes out, nothing is begun by
+// half, and the same process can start up afterwards.
+
+#include <gtest/gtest.h>
+
+#include "support/database.h"
+#include "support/recording_kernel.h"
+
+namespace {
+
+using sagleme_test::Database;
+using sagleme_test::InChildProcess;
+using sagleme_test::TemporaryDirectory;
+
+constexpr uint32_t kNotPrepared = 7043;
+constexpr uint32_t kNoLayout = 4230;
+
+// What a child process found.
+enum Outcome { kAsExpected = 0, kNothingRefused, kAnotherStatus, kLeftOpen, kStarted, kNotAgain };
+
+Outcome StartUpWithOneCallRefused(Database& database, int nth, uint32_t with, uint32_t expected) {
+  recording_kernel::FailNth(nth, with);
+  uint32_t const status = lorv_init_metalayer(database.context());
+  bool const refused = recording_kernel::Failed();
+  recording_kernel::FailNth(0, 0);
+  if (!refused) return kNothingRefused;
+  if (status != expected) return kAnotherStatus;
+  if (recording_kernel::OpenIterators() != 0) return kLeftOpen;
+  if (metalayer::IsMetalayerInitialized()) return kStarted;
+  return lorv_init_metalayer(database.context()) == 0 ? kAsExpected : kNotAgain;
+}
+
+class StartUpFailure : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    recording_kernel::Reset();
+    ASSERT_EQ(0, InChildProcess(
+                     [&] { return static_cast<int>(Database(directory_.path()).Bootstrap()); }));
+  }
+
+  // In a process of its own, which knows nothing of the database yet.
+  int InFreshProcess(int nth, uint32_t with, uint32_t expected) {
+    return InChildProcess([&] {
+      Database database(directory_.path());
+      database.Begin();
+      return static_cast<int>(StartUpWithOneCallRefused(database, nth, with, expected));
+    });
+  }
+
+ private:
+  TemporaryDirectory directory_;
+};
+
+TEST_F(StartUpFailure, OfAnyCall_PassesTheStatusOutAndCanBeRepeated) {
+  int nth = 1;
+  for (;; ++nth) {
+    int const outcome = InFreshProcess(nth, LSCOREDB_IO_ERROR, LSCOREDB_IO_ERROR);
+    if (outcome == kNothingRefused) break;
+    ASSERT_EQ(kAsExpected, outcome) << "call " << nth;
+  }
+  EXPECT_GT(nth, 100);
+}
+
+// While the ids are read, a layout or index that is missing is the mark of a catalogue in the
+// making.
+TEST_F(StartUpFailure, MissingLayoutOrIndex_IsAnIncompleteCatalogue) {
+  EXPECT_EQ(kAsExpected, InFreshProcess(1, kNoLayout, kNotPrepared));
+  EXPECT_EQ(kAsExpected, InFreshProcess(1, LORV_STATUS_NO_INDEX, kNotPrepared));
+}
+
+}  // namespace
