@@ -133,6 +133,9 @@ namespace detail {
 // The status of a catalogue that is only partly there.
 inline constexpr std::uint32_t kPartialCatalogue = 7043;
 
+// What creation makes last: the index over the texts of set specifiers.
+inline constexpr char16_t kLastIndexOfCreation[] = u"TypeId";
+
 // Owner of a continuation between two steps.
 class Continuation {
  public:
@@ -179,14 +182,18 @@ inline void Database::Bootstrap(Progress const& progress) {
   }
 }
 
-// Whether the layer can start on what the directory holds; false for a catalogue in the making.
+// False for a catalogue in the making. The layer starts on one that lacks its last index only, and
+// gives names that are missing, which a read-only transaction refuses.
 inline bool Database::IsWhole() {
   Context const context(*this);
   RawTransaction const transaction(context, Access::kReadOnly);
   auto const status = lorv_init_metalayer(context.id());
-  if (status == detail::kPartialCatalogue) return false;
+  if (status == detail::kPartialCatalogue || status == LSCOREDB_READ_ONLY) return false;
   detail::CheckLayer(context.id(), status);
-  return true;
+  return detail::Inside(context.id(), [] {
+    auto const row = metalayer::Index::ByIndexPK(detail::kLastIndexOfCreation);
+    return !row.is_null() && metalayer::GetULong(row, metalayer::Index::kIndexHandle) != 0;
+  });
 }
 
 inline Database Database::Create(std::string const& directory, Progress const& progress,
