@@ -28,8 +28,9 @@ std::string WithoutSlash(std::string directory) {
   return directory;
 }
 
+// Data and locks; the kernel may have more locks than one.
 bool IsKernelFile(fs::path const& file) {
-  return file.filename() == "data.mdb" || file.filename() == "lock.mdb";
+  return file.extension() == ".mdb" || file.extension() == ".lock";
 }
 
 }  // namespace
