@@ -1,6 +1,7 @@
 // From names to handles.
 
 #include "crud/crud_test.h"
+#include "support/catalogue.h"
 
 namespace sagleme_test {
 namespace {
@@ -182,6 +183,48 @@ TEST_F(NamesTest, ExportedFunction_Failure_IsThrown) {
   } catch (db_util::db_exception const& failure) {
     EXPECT_EQ(15003u, failure.code());
   }
+}
+
+TEST_F(NamesTest, NamesTooLongForAKey_AreRefusedWithoutWords) {
+  std::u16string const name(5000, u'x');
+  uint64_t number = 77;
+  CreateInfo* create = nullptr;
+  PropertyAccessInfo* property = nullptr;
+  ExpectRefused(4197, u"", lorv_crud_GetTypeId(context(), name.c_str(), &number));
+  ExpectRefused(4197, u"", lorv_crud_GetDeleteHandle(context(), name.c_str(), &number));
+  ExpectRefused(4197, u"", lorv_crud_GetCreateHandle(context(), name.c_str(), &create));
+  ExpectRefused(4197, u"",
+                lorv_crud_GetCreateHandleOrSystem(context(), name.c_str(), true, &create));
+  ExpectRefused(4197, u"",
+                lorv_crud_GetPropertyHandle(context(), name.c_str(), u"Price", &property));
+  ExpectRefused(4197, u"",
+                lorv_crud_GetPropertyHandle(context(), u"Shop.Article", name.c_str(), &property));
+  EXPECT_EQ(77u, number);
+  EXPECT_EQ(nullptr, create);
+  EXPECT_EQ(nullptr, property);
+}
+
+TEST_F(NamesTest, PropertyHandle_HiddenColumns_AreColumnsLikeOthers) {
+  PropertyAccessInfo* handle = nullptr;
+  ExpectOk(lorv_crud_GetPropertyHandle(context(), u"Shop.Article", u"__id", &handle));
+  LS_OBJ_REF const object = CreateObject(u"Shop.Article");
+  uint64_t id = 0;
+  EXPECT_EQ(0u, lorv_crud_ReadULong(context(), handle, object.oid, object.addr, &id));
+  EXPECT_EQ(object.oid, id);
+}
+
+// A property of a language binding is a member of the table too, and has no place in objects. The
+// unfilled record stays in the way of every refresh until the property is gone.
+TEST_F(NamesTest, PropertyHandle_OfAMemberThatIsNoColumn_IsRefusedAndHoldsUpRefreshes) {
+  InsertMappedProperty(ViewOf(u"Shop.Article"), u"Mapped",
+                       metalayer::Member::ByMemberPK(ViewOf(u"Shop.Article"), u"Price"));
+  PropertyAccessInfo* handle = nullptr;
+  EXPECT_EQ(LSCOREDB_WRONG_TYPE,
+            lorv_crud_GetPropertyHandle(context(), u"Shop.Article", u"Mapped", &handle));
+  EXPECT_EQ(nullptr, handle);
+  EXPECT_EQ(LSCOREDB_WRONG_TYPE, lorv_crud_RefreshIssuedHandles(context()));
+  ExpectOk(lorv_clrmetadata_clean(context()));
+  ExpectOk(lorv_crud_RefreshIssuedHandles(context()));
 }
 
 }  // namespace
