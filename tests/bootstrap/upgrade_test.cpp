@@ -255,5 +255,34 @@ TEST_F(Upgrade, ViewWithoutLayout_EndsTheProcess) {
   EXPECT_EQ(kTrapped, Run([](Database& database) { database.Bootstrap(); }));
 }
 
+// ---- the primitive types ------------------------------------------------------------------------
+
+TEST_F(Upgrade, MissingPrimitiveTypes_AreInsertedAnew) {
+  Change([] { EXPECT_EQ(10, DeleteObjects(DbPrimitiveType::setspec())); });
+  Outcome const outcome = Bootstrap();
+  ASSERT_EQ(0u, outcome.status) << outcome.text;
+  EXPECT_EQ(kYields, outcome.yields);
+  Change([] {
+    for (unsigned char code = 1; code <= 10; ++code) {
+      EXPECT_FALSE(DbPrimitiveType::ByDbPrimitiveTypePK_postV2_3(code).is_null()) << int{code};
+    }
+    EXPECT_EQ(10, DeleteObjects(DbPrimitiveType::setspec()));
+  });
+}
+
+// The type of texts is the sign that all were written.
+TEST_F(Upgrade, OnePrimitiveTypeThatIsMissing_StaysMissing) {
+  Change([] { DeleteRow(DbPrimitiveType::ByDbPrimitiveTypePK_postV2_3(LORV_TYPE_DOUBLE)); });
+  ASSERT_EQ(0u, Bootstrap().status);
+  Change([] {
+    EXPECT_TRUE(DbPrimitiveType::ByDbPrimitiveTypePK_postV2_3(LORV_TYPE_DOUBLE).is_null());
+  });
+}
+
+TEST_F(Upgrade, TypeOfTextsMissingAlone_IsTheKernelsRefusalOfTheOthers) {
+  Change([] { DeleteRow(DbPrimitiveType::ByDbPrimitiveTypePK_postV2_3(LORV_TYPE_STRING)); });
+  EXPECT_EQ(LSCOREDB_DUPLICATE_KEY, Bootstrap().status);
+}
+
 }  // namespace
 }  // namespace sagleme_test
