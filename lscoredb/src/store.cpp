@@ -2,7 +2,9 @@
 
 #include <lmdb.h>
 
+#include <atomic>
 #include <cerrno>
+#include <utility>
 
 #include "store_check.h"
 #include "store_errors.h"
@@ -155,39 +157,63 @@ Store::~Store() {
   mdb_env_close(env_);
 }
 
-std::unique_ptr<Snapshot> Store::NewSnapshot() {
+int Store::NewSnapshot(std::unique_ptr<Snapshot>* out) {
   MDB_txn* txn = nullptr;
   int code = mdb_txn_begin(env_, nullptr, MDB_RDONLY, &txn);
   if (code == MDB_READERS_FULL && FreeDeadReaders()) {
     code = mdb_txn_begin(env_, nullptr, MDB_RDONLY, &txn);
   }
-  CheckStore(code);
-  return std::make_unique<Snapshot>(*this, txn);
+  if (code == 0) *out = std::make_unique<Snapshot>(*this, txn);
+  return code;
 }
 
-std::unique_ptr<Snapshot> Store::Begin() {
-  std::unique_ptr<Snapshot> snapshot;
+int Store::TakeSnapshot(std::unique_ptr<Snapshot>* out) {
   {
     std::lock_guard const lock(idle_mutex_);
     if (!idle_.empty()) {
-      snapshot = std::move(idle_.back());
+      *out = std::move(idle_.back());
       idle_.pop_back();
     }
   }
-  if (snapshot == nullptr) {
-    snapshot = NewSnapshot();
-  } else {
-    CheckStore(mdb_txn_renew(snapshot->txn_));
+  return *out == nullptr ? NewSnapshot(out) : mdb_txn_renew((*out)->txn_);
+}
+
+// The store takes the number of the newest state first, and then copies what describes that state
+// from one of two places that commits write to in turn. When two commits get in between, the number
+// and the copy belong to different states, or the copy to both. While the number is still the one
+// that is given out, the first of the two commits is not over, and the copy is whole.
+std::unique_ptr<Snapshot> Store::Begin() {
+  std::unique_ptr<Snapshot> snapshot;
+  CheckStore(TakeSnapshot(&snapshot));
+  while (!NoteFile(*snapshot)) {
+    std::unique_ptr<Snapshot> later;
+    int const code = TakeSnapshot(&later);
+    if (code == MDB_READERS_FULL) return BeginBetweenCommits(std::move(snapshot));
+    CheckStore(code);
+    if (later->id() == snapshot->id()) {
+      End(std::move(later));
+      break;
+    }
+    End(std::exchange(snapshot, std::move(later)));
   }
+  return snapshot;
+}
+
+std::unique_ptr<Snapshot> Store::BeginBetweenCommits(std::unique_ptr<Snapshot> snapshot) {
+  Batch const pause(*this);
+  mdb_txn_reset(snapshot->txn_);
+  CheckStore(mdb_txn_renew(snapshot->txn_));
   NoteFile(*snapshot);
   return snapshot;
 }
 
-void Store::NoteFile(View& view) const {
+bool Store::NoteFile(View& view) const {
+  std::atomic_thread_fence(std::memory_order_acquire);
   MDB_envinfo info{};
   CheckStore(mdb_env_info(env_, &info));
   view.begin_ = map_begin_;
   view.end_ = map_begin_ == 0 ? UINTPTR_MAX : map_begin_ + (info.me_last_pgno + 1) * page_size_;
+  return info.me_last_txnid == mdb_txn_id(view.txn_);
 }
 
 void Store::End(std::unique_ptr<Snapshot> snapshot) noexcept {

@@ -158,8 +158,12 @@ class Store {
 
   explicit Store(MDB_env* env) : env_(env) {}
   unsigned Handle(Tree tree) const { return trees_[static_cast<std::size_t>(tree)]; }
-  std::unique_ptr<Snapshot> NewSnapshot();
-  void NoteFile(View& view) const;
+  // These give the store's own codes.
+  int NewSnapshot(std::unique_ptr<Snapshot>* out);
+  int TakeSnapshot(std::unique_ptr<Snapshot>* out);
+  std::unique_ptr<Snapshot> BeginBetweenCommits(std::unique_ptr<Snapshot> snapshot);
+  // Notes where the file lies. Whether the view is of the newest state there.
+  bool NoteFile(View& view) const;
   void NoteGrowth() noexcept;
 
   MDB_env* env_;
