@@ -40,7 +40,7 @@ std::string CopyForEvolution(std::string const& directory) {
     throw sagleme::Error(LSCOREDB_NOT_A_DATABASE, "There is no database in " + directory + ".");
   }
   auto const database = OpenKernel(directory);
-  std::string const target = WithoutSlash(directory) + kSuffix;
+  std::string target = WithoutSlash(directory) + kSuffix;
   if (fs::exists(target)) RemoveDatabase(target);
   sagleme::detail::CheckKernel(lscoredb_copy(database.get(), target.c_str()));
   return target;
