@@ -89,6 +89,11 @@ typedef struct lscoredb_options {
   uint32_t durability;
   uint32_t max_readers;   /* transactions open at once over all processes; 0: 1024 */
   uint64_t max_file_size; /* bytes; 0: 64 GiB. Address space, not memory */
+  /* 1: reads every page in use before anything is trusted, and gives LSCOREDB_DAMAGED when they do
+   * not hold together; the time of reading the file once. 0: only where the file begins and where
+   * each of its trees begins. */
+  uint32_t verify;
+  uint32_t reserved; /* 0 */
 } lscoredb_options;
 
 /* Opens, or creates, the database in `directory`, which is made when it is missing; NULL opens a
@@ -166,6 +171,70 @@ LSCOREDB_API uint32_t lscoredb_release_layout(uint64_t context, uint16_t layout)
  * while contexts of this and other processes read and write. The copy is a database by itself. Of a
  * copy that failed the directory may hold a part, which is to be removed. */
 LSCOREDB_API uint32_t lscoredb_copy(lscoredb* database, char const* directory);
+
+/* ---- the check
+ * ------------------------------------------------------------------------------------------------
+ */
+
+/* What a finding is about, by the rule that does not hold. Fields of a finding that a rule does not
+ * fill are 0, the column LSCOREDB_NO_COLUMN. */
+/* Objects, entries of an index or definitions lie on a part of the file that cannot be read. object
+ * or index: the first that is lost. Nothing else is looked at then. */
+#define LSCOREDB_FINDING_PAGES 1u
+/* A definition is no well-formed record, or its checksum is wrong. layout or index, if it is known;
+ * column: the place of a column of an index with an impossible type. */
+#define LSCOREDB_FINDING_DEFINITION 2u
+/* A layout and what finds it by its token do not belong together, or its base is missing. layout */
+#define LSCOREDB_FINDING_LAYOUT 3u
+/* An index and what finds it by its token or by its set do not belong together. index */
+#define LSCOREDB_FINDING_INDEX 4u
+/* A layout does not have as many objects as the count of them says. layout */
+#define LSCOREDB_FINDING_COUNT 5u
+/* The last change of an object is not noted for its set. object */
+#define LSCOREDB_FINDING_SET_CHANGE 6u
+/* An identity is in use and would be given out again. object, or index */
+#define LSCOREDB_FINDING_NEXT_ID 7u
+/* An object's bytes or checksum are wrong, they are another object's, its layout is not there, or
+ * it comes from a commit that has not been. object, layout */
+#define LSCOREDB_FINDING_OBJECT 8u
+/* A large object is not there in full, or parts of a large object lie about that has none. object
+ */
+#define LSCOREDB_FINDING_PARTS 9u
+/* An index does not hold an object that it covers. object, index, layout */
+#define LSCOREDB_FINDING_MISSING_ENTRY 10u
+/* An index, or none, holds an entry that is no object's, or not as the object is now: another key,
+ * another layout, a wrong checksum. index, object */
+#define LSCOREDB_FINDING_ENTRY 11u
+/* A unique index holds a key twice. index, object: the second one */
+#define LSCOREDB_FINDING_DUPLICATE_KEY 12u
+
+#define LSCOREDB_NO_COLUMN 0xFFFFFFFFu
+
+typedef struct lscoredb_finding {
+  size_t size;   /* of this record, which may grow */
+  uint32_t kind; /* LSCOREDB_FINDING_* */
+  uint32_t column;
+  uint64_t object;
+  uint64_t index;
+  uint16_t layout;
+  char const* text; /* an English sentence; valid during the call */
+} lscoredb_finding;
+
+/* Is told of one finding. Anything but 0 ends the check. */
+typedef uint32_t (*lscoredb_finding_callback)(void* user, lscoredb_finding const* finding);
+
+#define LSCOREDB_CHECK_PAGES_ONLY 1u /* whether the file can be read at all */
+#define LSCOREDB_CHECK_NO_ENTRIES 2u /* objects and definitions, and no index against them */
+
+/* Reads the whole newest committed state and looks whether the rules above hold. It first reads the
+ * file page by page without trusting any, so that a damaged one is told and does no harm. Contexts
+ * of this and other processes may read and write meanwhile; like any reader that stays, it makes
+ * the file grow while they write. Memory: one bit for each page of the file, the definitions, a
+ * note for each set specifier, the largest object, and for a unique index 64 bytes for each of the
+ * keys that share their first 480 bytes. `report` may be NULL: then the first finding ends the
+ * check. LSCOREDB_DAMAGED: something was found. LSCOREDB_INVALID_ARGUMENT: unknown flags. */
+LSCOREDB_API uint32_t lscoredb_check(lscoredb* database, uint32_t flags,
+                                     lscoredb_finding_callback report, void* user);
 
 /* An English sentence for every status of the contract and of this header; for any other number a
  * sentence that says so. Static memory. */

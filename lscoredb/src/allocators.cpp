@@ -4,6 +4,7 @@
 
 #include "bytes.h"
 #include "format.h"
+#include "seal.h"
 #include "status.h"
 
 namespace lscore {
@@ -12,23 +13,22 @@ namespace {
 constexpr std::uint64_t kBlock = 65536;
 constexpr std::uint64_t kLow = kBlock / 4;
 constexpr std::uint64_t kPiece = 64;  // what a context takes at a time
-// Identities from here on are never handed out, only chosen by callers.
-constexpr std::uint64_t kEnd = std::uint64_t{1} << 62;
-
-std::uint64_t ReadMark(View const& view) {
-  std::string_view value;
-  if (!view.Get(Tree::kMeta, format::kNextIdKey, &value)) return 1;
-  if (value.size() != 8) Throw(LSCOREDB_DAMAGED);
-  return Load<std::uint64_t>(value.data());
-}
+constexpr std::uint64_t kEnd = kFirstChosenId;
 
 void WriteMark(Batch& batch, std::uint64_t mark) {
   std::string value;
   Append(value, mark);
-  batch.Put(Tree::kMeta, format::kNextIdKey, value);
+  PutSealed(batch, Tree::kMeta, format::kNextIdKey, value);
 }
 
 }  // namespace
+
+std::uint64_t ReadIdMark(View const& view) {
+  std::string_view value;
+  if (!GetSealed(view, Tree::kMeta, format::kNextIdKey, &value)) return 1;
+  if (value.size() != 8) Throw(LSCOREDB_DAMAGED);
+  return Load<std::uint64_t>(value.data());
+}
 
 IdRange IdAllocator::Take() {
   for (;;) {
@@ -80,7 +80,7 @@ void IdAllocator::Refill() {
 }
 
 IdRange IdAllocator::Reserve(Batch& batch) const {
-  std::uint64_t const mark = std::max(ReadMark(batch), floor_);
+  std::uint64_t const mark = std::max(ReadIdMark(batch), floor_);
   if (mark > kEnd - kBlock) Throw(LSCOREDB_TOO_LARGE);
   return {mark, mark + kBlock};
 }
@@ -88,12 +88,12 @@ IdRange IdAllocator::Reserve(Batch& batch) const {
 IdRange IdAllocator::TopUp(Batch& batch) {
   std::lock_guard const lock(mutex_);
   bool const low = (present_.end - present_.next) + (spare_.end - spare_.next) < kLow;
-  if (low && spare_.empty() && std::max(ReadMark(batch), floor_) <= kEnd - kBlock) {
+  if (low && spare_.empty() && std::max(ReadIdMark(batch), floor_) <= kEnd - kBlock) {
     IdRange const block = Reserve(batch);
     WriteMark(batch, block.end);
     return block;
   }
-  if (ReadMark(batch) < floor_) WriteMark(batch, floor_);
+  if (ReadIdMark(batch) < floor_) WriteMark(batch, floor_);
   return {};
 }
 

@@ -21,6 +21,12 @@ struct IdRange {
   bool empty() const { return next == end; }
 };
 
+// Identities from here on are never handed out, only chosen by callers.
+inline constexpr std::uint64_t kFirstChosenId = std::uint64_t{1} << 62;
+
+// The first identity that no process has reserved. Throws LSCOREDB_DAMAGED.
+std::uint64_t ReadIdMark(View const& view);
+
 // Hands out identities from blocks that it reserves in the store, for this process alone.
 class IdAllocator {
  public:

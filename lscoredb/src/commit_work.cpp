@@ -145,7 +145,8 @@ void CommitWork::ApplyRow(PendingRow const& row) {
 }
 
 void CommitWork::PutImage(PendingRow const& row) {
-  std::string_view image = builder_.Build(*row.layout, batch_.id(), row.setspec, row.all_cells());
+  std::string_view image =
+      builder_.Build(row.id, *row.layout, batch_.id(), row.setspec, row.all_cells());
   std::string stub;
   if (image.size() > format::kPartSize) {
     PutParts(row.id, image);

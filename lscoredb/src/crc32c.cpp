@@ -24,8 +24,9 @@ constexpr Table MakeTable() {
 constexpr Table kTable = MakeTable();
 
 #if defined(__x86_64__)
-__attribute__((target("sse4.2"))) std::uint32_t Crc32cHardware(std::string_view bytes) {
-  std::uint64_t crc = 0xFFFFFFFF;
+__attribute__((target("sse4.2"))) std::uint32_t Crc32cHardware(std::string_view bytes,
+                                                               std::uint32_t before) {
+  std::uint64_t crc = ~before;
   char const* at = bytes.data();
   std::size_t left = bytes.size();
   for (; left >= 8; at += 8, left -= 8) {
@@ -46,18 +47,18 @@ bool HasInstruction() {
 
 }  // namespace
 
-std::uint32_t Crc32cPortable(std::string_view bytes) {
-  std::uint32_t crc = 0xFFFFFFFF;
+std::uint32_t Crc32cPortable(std::string_view bytes, std::uint32_t before) {
+  std::uint32_t crc = ~before;
   for (char const c : bytes)
     crc = (crc >> 8) ^ kTable[(crc ^ static_cast<unsigned char>(c)) & 0xFF];
   return ~crc;
 }
 
-std::uint32_t Crc32c(std::string_view bytes) {
+std::uint32_t Crc32c(std::string_view bytes, std::uint32_t before) {
 #if defined(__x86_64__)
-  if (HasInstruction()) return Crc32cHardware(bytes);
+  if (HasInstruction()) return Crc32cHardware(bytes, before);
 #endif
-  return Crc32cPortable(bytes);
+  return Crc32cPortable(bytes, before);
 }
 
 }  // namespace lscore

@@ -99,11 +99,9 @@ std::shared_ptr<Database> OpenDatabase(char const* directory, StoreOptions const
   ForgetRemoved(registry);
   Known& known = registry.known[IdOf(path)];
   std::shared_ptr<Database> database = known.database.lock();
-  if (database == nullptr) {
-    database = OpenStore(path, options, known);
-  } else if (options.sync) {
-    database->commits().RequireSync();
-  }
+  if (database == nullptr) return OpenStore(path, options, known);
+  if (options.verify) database->store().Verify();
+  if (options.sync) database->commits().RequireSync();
   return database;
 }
 

@@ -4,6 +4,7 @@
 
 #include "bytes.h"
 #include "format.h"
+#include "seal.h"
 #include "status.h"
 #include "text.h"
 
@@ -23,7 +24,8 @@ void ForEachWithPrefix(View const& view, std::string const& prefix, Visit&& visi
   Cursor cursor;
   cursor.Open(view, Tree::kDefinitions);
   for (bool on = cursor.Seek(prefix); on && cursor.key().starts_with(prefix); on = cursor.Next()) {
-    if (!visit(cursor.key().substr(prefix.size()), cursor.value())) return;
+    std::string_view const record = Unseal(cursor.key(), cursor.value());
+    if (!visit(cursor.key().substr(prefix.size()), record)) return;
   }
 }
 
@@ -74,6 +76,13 @@ std::uint64_t HashOf(std::u16string_view text) {
 
 std::string LayoutKey(LayoutNumber number) { return KeyOf(format::kLayoutLetter, Raw(number)); }
 
+DefinitionRecord LayoutTokenRecord(Layout const& layout, LayoutOrder order) {
+  std::string made;
+  Append(made, Raw(order.commit));
+  Append(made, order.position);
+  return {KeyOf(format::kLayoutTokenLetter, Raw(layout.token()), Raw(layout.number())), made};
+}
+
 void WriteLayout(Batch& batch, Layout const& layout, LayoutOrder order) {
   std::string record;
   Append(record, Raw(layout.base()));
@@ -85,12 +94,9 @@ void WriteLayout(Batch& batch, Layout const& layout, LayoutOrder order) {
     Column const& column = layout.column(i);
     AppendColumn(record, column.type, column.nullable, column.token);
   }
-  batch.Put(Tree::kDefinitions, LayoutKey(layout.number()), record);
-  std::string made;
-  Append(made, Raw(order.commit));
-  Append(made, order.position);
-  batch.Put(Tree::kDefinitions,
-            KeyOf(format::kLayoutTokenLetter, Raw(layout.token()), Raw(layout.number())), made);
+  PutSealed(batch, Tree::kDefinitions, LayoutKey(layout.number()), record);
+  DefinitionRecord const named = LayoutTokenRecord(layout, order);
+  PutSealed(batch, Tree::kDefinitions, named.key, named.value);
 }
 
 std::vector<std::pair<LayoutOrder, LayoutNumber>> LayoutsOfToken(View const& view, Token token) {
@@ -144,8 +150,6 @@ std::map<LayoutNumber, LayoutNumber> LayoutBases(View const& view) {
   return bases;
 }
 
-namespace {
-
 std::unique_ptr<Layout const> ParseLayout(LayoutNumber number, std::string_view record) {
   FieldReader fields(record);
   LayoutNumber const base{fields.Next<std::uint16_t>()};
@@ -166,11 +170,9 @@ std::unique_ptr<Layout const> ParseLayout(LayoutNumber number, std::string_view 
   return std::make_unique<Layout const>(number, base, token, order, columns);
 }
 
-}  // namespace
-
 void DeleteLayout(Batch& batch, LayoutNumber number) {
   std::string_view record;
-  if (!batch.Get(Tree::kDefinitions, LayoutKey(number), &record)) Throw(LSCOREDB_DAMAGED);
+  if (!GetSealed(batch, Tree::kDefinitions, LayoutKey(number), &record)) Throw(LSCOREDB_DAMAGED);
   Token const token = ParseLayout(number, record)->token();
   batch.Delete(Tree::kDefinitions, LayoutKey(number));
   batch.Delete(Tree::kDefinitions, KeyOf(format::kLayoutTokenLetter, Raw(token), Raw(number)));
@@ -179,7 +181,7 @@ void DeleteLayout(Batch& batch, LayoutNumber number) {
 }
 
 void WriteRelease(Batch& batch, LayoutNumber number) {
-  batch.Put(Tree::kDefinitions, KeyOf(format::kReleaseLetter, Raw(number)), {});
+  PutSealed(batch, Tree::kDefinitions, KeyOf(format::kReleaseLetter, Raw(number)), {});
 }
 
 bool IsReleased(View const& view, LayoutNumber number) {
@@ -199,7 +201,7 @@ Layout const* LayoutCache::Find(View const& view, LayoutNumber number) {
 
 Layout const* LayoutCache::LoadFrom(View const& view, LayoutNumber number) {
   std::string_view record;
-  if (!view.Get(Tree::kDefinitions, LayoutKey(number), &record)) return nullptr;
+  if (!GetSealed(view, Tree::kDefinitions, LayoutKey(number), &record)) return nullptr;
   std::unique_ptr<Layout const> layout = ParseLayout(number, record);
   std::lock_guard const lock(mutex_);
   Layout const* const known = known_[Raw(number)].load(std::memory_order_acquire);
@@ -229,6 +231,16 @@ void IndexDefinition::Prepare() {
   AppendOrderedId(entry_prefix, Raw(id));
 }
 
+std::string IndexKey(IndexId id) { return KeyOf(format::kIndexLetter, Raw(id)); }
+
+DefinitionRecord IndexTokenRecord(IndexDefinition const& index) {
+  return {KeyOf(format::kIndexTokenLetter, Raw(index.token), Raw(index.id)), {}};
+}
+
+DefinitionRecord IndexSetRecord(IndexDefinition const& index) {
+  return {KeyOf(format::kIndexSetLetter, HashOf(index.setspec), Raw(index.id)), {}};
+}
+
 void WriteIndex(Batch& batch, IndexDefinition const& index) {
   std::string record;
   Append(record, Raw(index.token));
@@ -239,23 +251,21 @@ void WriteIndex(Batch& batch, IndexDefinition const& index) {
     AppendColumn(record, column.type, column.nullable, column.token);
   }
   AppendText(record, index.setspec);
-  batch.Put(Tree::kDefinitions, KeyOf(format::kIndexLetter, Raw(index.id)), record);
-  batch.Put(Tree::kDefinitions, KeyOf(format::kIndexTokenLetter, Raw(index.token), Raw(index.id)),
-            {});
-  batch.Put(Tree::kDefinitions,
-            KeyOf(format::kIndexSetLetter, HashOf(index.setspec), Raw(index.id)), {});
+  PutSealed(batch, Tree::kDefinitions, IndexKey(index.id), record);
+  for (DefinitionRecord const& named : {IndexTokenRecord(index), IndexSetRecord(index)}) {
+    PutSealed(batch, Tree::kDefinitions, named.key, named.value);
+  }
 }
 
 bool DeleteIndex(Batch& batch, IndexDefinition const& index) {
-  std::uint64_t const id = Raw(index.id);
-  batch.Delete(Tree::kDefinitions, KeyOf(format::kIndexTokenLetter, Raw(index.token), id));
-  batch.Delete(Tree::kDefinitions, KeyOf(format::kIndexSetLetter, HashOf(index.setspec), id));
-  return batch.Delete(Tree::kDefinitions, KeyOf(format::kIndexLetter, id));
+  batch.Delete(Tree::kDefinitions, IndexTokenRecord(index).key);
+  batch.Delete(Tree::kDefinitions, IndexSetRecord(index).key);
+  return batch.Delete(Tree::kDefinitions, IndexKey(index.id));
 }
 
 bool HasIndex(View const& view, IndexId id) {
   std::string_view record;
-  return view.Get(Tree::kDefinitions, KeyOf(format::kIndexLetter, Raw(id)), &record);
+  return view.Get(Tree::kDefinitions, IndexKey(id), &record);
 }
 
 std::vector<IndexId> IndexesOfToken(View const& view, Token token) {
@@ -271,7 +281,7 @@ std::vector<IndexId> IndexesOfToken(View const& view, Token token) {
 
 CommitId IndexVersion(View const& view) {
   std::string_view value;
-  if (!view.Get(Tree::kMeta, format::kIndexesKey, &value)) return CommitId{0};
+  if (!GetSealed(view, Tree::kMeta, format::kIndexesKey, &value)) return CommitId{0};
   if (value.size() != 8) Throw(LSCOREDB_DAMAGED);
   return CommitId{Load<std::uint64_t>(value.data())};
 }
@@ -279,10 +289,8 @@ CommitId IndexVersion(View const& view) {
 void WriteIndexVersion(Batch& batch) {
   std::string value;
   Append(value, Raw(batch.id()));
-  batch.Put(Tree::kMeta, format::kIndexesKey, value);
+  PutSealed(batch, Tree::kMeta, format::kIndexesKey, value);
 }
-
-namespace {
 
 std::unique_ptr<IndexDefinition const> ParseIndex(IndexId id, std::string_view record) {
   auto index = std::make_unique<IndexDefinition>();
@@ -307,8 +315,6 @@ std::unique_ptr<IndexDefinition const> ParseIndex(IndexId id, std::string_view r
   return index;
 }
 
-}  // namespace
-
 IndexDefinition const* IndexCatalogue::Find(View const& view, IndexId id) {
   {
     std::shared_lock const lock(mutex_);
@@ -323,7 +329,7 @@ IndexDefinition const* IndexCatalogue::FindLocked(View const& view, IndexId id) 
   auto const at = by_id_.find(Raw(id));
   if (at != by_id_.end()) return at->second.get();
   std::string_view record;
-  if (!view.Get(Tree::kDefinitions, KeyOf(format::kIndexLetter, Raw(id)), &record)) return nullptr;
+  if (!GetSealed(view, Tree::kDefinitions, IndexKey(id), &record)) return nullptr;
   return by_id_.emplace(Raw(id), ParseIndex(id, record)).first->second.get();
 }
 
@@ -371,7 +377,7 @@ std::shared_ptr<IndexCatalogue> IndexCatalogues::For(Snapshot const& snapshot) {
 namespace {
 
 // The units in the order of their numbers, cut to what fits into a key.
-std::string SetChangeKey(std::u16string_view setspec) {
+std::string SetChangePrefix(std::u16string_view setspec) {
   std::string key(1, format::kSetChangeLetter);
   for (char16_t const unit : setspec.substr(0, format::kSetPrefix / 2)) {
     AppendBig(key, static_cast<std::uint16_t>(unit));
@@ -381,21 +387,29 @@ std::string SetChangeKey(std::u16string_view setspec) {
 
 }  // namespace
 
-void WriteSetChange(Batch& batch, std::u16string_view setspec) {
-  std::string key = SetChangeKey(setspec);
+std::string SetChangeKey(std::u16string_view setspec) {
+  std::string key = SetChangePrefix(setspec);
   AppendBig(key, HashOf(setspec));
+  return key;
+}
+
+SetChange ParseSetChange(std::string_view record) {
+  if (record.size() < 9) Throw(LSCOREDB_DAMAGED);
+  return {CommitId{Load<std::uint64_t>(record.data())}, ReadText(record.substr(8))};
+}
+
+void WriteSetChange(Batch& batch, std::u16string_view setspec) {
   std::string value;
   Append(value, Raw(batch.id()));
   AppendText(value, setspec);
-  batch.Put(Tree::kDefinitions, key, value);
+  PutSealed(batch, Tree::kDefinitions, SetChangeKey(setspec), value);
 }
 
 bool SetChangedSince(View const& view, std::u16string_view prefix, CommitId since) {
   bool changed = false;
-  ForEachWithPrefix(view, SetChangeKey(prefix), [&](std::string_view, std::string_view value) {
-    if (value.size() < 9) Throw(LSCOREDB_DAMAGED);
-    changed = CommitId{Load<std::uint64_t>(value.data())} > since &&
-              ReadText(value.substr(8)).starts_with(prefix);
+  ForEachWithPrefix(view, SetChangePrefix(prefix), [&](std::string_view, std::string_view value) {
+    SetChange const change = ParseSetChange(value);
+    changed = change.commit > since && change.setspec.starts_with(prefix);
     return !changed;
   });
   return changed;
@@ -403,15 +417,19 @@ bool SetChangedSince(View const& view, std::u16string_view prefix, CommitId sinc
 
 // ---- objects by layout -------------------------------------------------------------------------
 
-LayoutCount ReadCount(View const& view, LayoutNumber number) {
+LayoutCount ParseCount(std::string_view record) {
+  if (record.size() < 9) Throw(LSCOREDB_DAMAGED);
   LayoutCount count;
-  std::string_view value;
-  if (!view.Get(Tree::kDefinitions, KeyOf(format::kCountLetter, Raw(number)), &value)) return count;
-  if (value.size() < 9) Throw(LSCOREDB_DAMAGED);
-  count.objects = Load<std::uint64_t>(value.data());
-  count.has_setspec = value[8] != 0;
-  if (count.has_setspec) count.setspec = ReadText(value.substr(9));
+  count.objects = Load<std::uint64_t>(record.data());
+  count.has_setspec = record[8] != 0;
+  if (count.has_setspec) count.setspec = ReadText(record.substr(9));
   return count;
+}
+
+LayoutCount ReadCount(View const& view, LayoutNumber number) {
+  std::string_view record;
+  std::string const key = KeyOf(format::kCountLetter, Raw(number));
+  return GetSealed(view, Tree::kDefinitions, key, &record) ? ParseCount(record) : LayoutCount{};
 }
 
 void WriteCount(Batch& batch, LayoutNumber number, LayoutCount const& count) {
@@ -419,7 +437,7 @@ void WriteCount(Batch& batch, LayoutNumber number, LayoutCount const& count) {
   Append(value, count.objects);
   value.push_back(count.has_setspec ? 1 : 0);
   if (count.has_setspec) AppendText(value, count.setspec);
-  batch.Put(Tree::kDefinitions, KeyOf(format::kCountLetter, Raw(number)), value);
+  PutSealed(batch, Tree::kDefinitions, KeyOf(format::kCountLetter, Raw(number)), value);
 }
 
 }  // namespace lscore

@@ -25,6 +25,12 @@
 
 namespace lscore {
 
+// A record as it stands in the tree of definitions, without its checksum.
+struct DefinitionRecord {
+  std::string key;
+  std::string value;
+};
+
 // ---- layouts -----------------------------------------------------------------------------------
 
 std::string LayoutKey(LayoutNumber number);
@@ -42,6 +48,11 @@ void DeleteLayout(Batch& batch, LayoutNumber number);
 void WriteRelease(Batch& batch, LayoutNumber number);
 bool IsReleased(View const& view, LayoutNumber number);
 std::vector<LayoutNumber> ReleasedLayouts(View const& view);
+
+// Throws when the bytes are no layout.
+std::unique_ptr<Layout const> ParseLayout(LayoutNumber number, std::string_view record);
+// What names a layout by its token.
+DefinitionRecord LayoutTokenRecord(Layout const& layout, LayoutOrder order);
 
 // The committed layouts by number. What it hands out lives as long as it does.
 class LayoutCache {
@@ -85,6 +96,13 @@ struct IndexDefinition {
 };
 
 using IndexList = std::vector<IndexDefinition const*>;
+
+// Throws when the bytes are no index.
+std::unique_ptr<IndexDefinition const> ParseIndex(IndexId id, std::string_view record);
+std::string IndexKey(IndexId id);
+// What names an index by its token and by its set specifier.
+DefinitionRecord IndexTokenRecord(IndexDefinition const& index);
+DefinitionRecord IndexSetRecord(IndexDefinition const& index);
 
 void WriteIndex(Batch& batch, IndexDefinition const& index);
 // Returns whether the index was there.
@@ -136,6 +154,13 @@ class IndexCatalogues {
 
 // ---- changes by set ----------------------------------------------------------------------------
 
+struct SetChange {
+  CommitId commit{};
+  std::u16string setspec;
+};
+std::string SetChangeKey(std::u16string_view setspec);
+SetChange ParseSetChange(std::string_view record);
+
 void WriteSetChange(Batch& batch, std::u16string_view setspec);
 // Whether an object whose set specifier begins with `prefix` was changed after `since`.
 bool SetChangedSince(View const& view, std::u16string_view prefix, CommitId since);
@@ -148,6 +173,7 @@ struct LayoutCount {
   std::u16string setspec;  // of the objects, while there are any
 };
 
+LayoutCount ParseCount(std::string_view record);
 LayoutCount ReadCount(View const& view, LayoutNumber number);
 void WriteCount(Batch& batch, LayoutNumber number, LayoutCount const& count);
 

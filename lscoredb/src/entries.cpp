@@ -4,6 +4,7 @@
 
 #include "bytes.h"
 #include "format.h"
+#include "seal.h"
 #include "status.h"
 
 namespace lscore {
@@ -51,15 +52,21 @@ int Compare(Entry const& a, Entry const& b) {
 
 // ---- writing -----------------------------------------------------------------------------------
 
+EntryRecord RecordOf(IndexDefinition const& index, std::string_view encoded, ObjectId object,
+                     LayoutNumber layout) {
+  EntryRecord record{EntryKey(index, encoded, object), {}};
+  Append(record.value, Raw(layout));
+  std::size_t const cut = std::min(encoded.size(), format::kKeyPrefix);
+  record.value.push_back(static_cast<char>(record.key.size() - index.entry_prefix.size() - cut));
+  record.value.append(encoded.substr(cut));
+  Seal(record.key, record.value);
+  return record;
+}
+
 void PutEntry(Batch& batch, IndexDefinition const& index, std::string_view encoded, ObjectId object,
               LayoutNumber layout) {
-  std::string const key = EntryKey(index, encoded, object);
-  std::string value;
-  Append(value, Raw(layout));
-  std::size_t const cut = std::min(encoded.size(), format::kKeyPrefix);
-  value.push_back(static_cast<char>(key.size() - index.entry_prefix.size() - cut));
-  value.append(encoded.substr(cut));
-  batch.Put(Tree::kIndex, key, value);
+  EntryRecord const record = RecordOf(index, encoded, object, layout);
+  batch.Put(Tree::kIndex, record.key, record.value);
 }
 
 void DeleteEntry(Batch& batch, IndexDefinition const& index, std::string_view encoded,
@@ -144,9 +151,11 @@ void EntryCursor::GatherGroup(bool forward) {
   group_at_ = forward ? 0 : group_.size() - 1;
 }
 
-Entry EntryCursor::Parse() const {
-  std::string_view key = cursor_.key().substr(index_->entry_prefix.size());
-  std::string_view const value = cursor_.value();
+Entry EntryCursor::Parse() const { return ParseEntry(*index_, cursor_.key(), cursor_.value()); }
+
+Entry ParseEntry(IndexDefinition const& index, std::string_view stored, std::string_view sealed) {
+  std::string_view const key = stored.substr(index.entry_prefix.size());
+  std::string_view const value = Unseal(stored, sealed);
   if (value.size() < kValueHead) Throw(LSCOREDB_DAMAGED);
   auto const id_size = static_cast<unsigned char>(value[2]);
   if (id_size > key.size()) Throw(LSCOREDB_DAMAGED);

@@ -37,6 +37,16 @@ struct Entry {
 // Orders entries by encoding and then by object.
 int Compare(Entry const& a, Entry const& b);
 
+// An entry as the store keeps it.
+struct EntryRecord {
+  std::string key;
+  std::string value;  // with its checksum
+};
+EntryRecord RecordOf(IndexDefinition const& index, std::string_view encoded, ObjectId object,
+                     LayoutNumber layout);
+// Of what an entry's record holds. Throws LSCOREDB_DAMAGED.
+Entry ParseEntry(IndexDefinition const& index, std::string_view key, std::string_view value);
+
 void PutEntry(Batch& batch, IndexDefinition const& index, std::string_view encoded, ObjectId object,
               LayoutNumber layout);
 void DeleteEntry(Batch& batch, IndexDefinition const& index, std::string_view encoded,

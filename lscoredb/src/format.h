@@ -15,7 +15,7 @@
 //        8     8  commit that wrote the row
 //       16     8  bytes of the set specifier
 //       24     4  columns in the presence bits (all of the layout but columns 0 and 1)
-//       28     4  unused, 0
+//       28     4  made of the object id, never 0; 0 in rows of version 1
 //       32        presence bits, in words of 8 bytes: fixed columns first, then variable ones,
 //                 each in column order
 //                 8 bytes for each present fixed column
@@ -29,6 +29,9 @@
 //
 // "parts": object id (8, big endian), number of the part (4, big endian) -> the next kPartSize
 //   bytes.
+//
+// The values of the three trees that follow end with 4 bytes that are not told below: the CRC-32C
+// of key and value. Version 1 had none; opening such a file adds them.
 //
 // "index": ordered index id, encoded columns, ordered object id -> layout number (2), size of the
 //   ordered object id (1). Encoded columns of more than kKeyPrefix bytes are cut there in the key,
@@ -46,7 +49,8 @@
 //   'W' set specifier cut at kSetPrefix, its hash (8) -> commit (8) that last changed an object
 //                                            of that set, and the whole set specifier
 //
-// "meta": "format" -> kMagic, version (4); "next-id" -> first id not reserved yet (8);
+// "meta": "format" -> kMagic, version (4), without checksum; "next-id" -> first id not reserved yet
+// (8);
 //   "indexes" -> commit (8) that last created or dropped an index.
 
 #include <cstddef>
@@ -56,7 +60,8 @@
 namespace lscore::format {
 
 inline constexpr std::string_view kMagic = "lscoredb";
-inline constexpr std::uint32_t kVersion = 1;
+inline constexpr std::uint32_t kVersion = 2;
+inline constexpr std::uint32_t kVersionWithoutSeals = 1;
 
 inline constexpr std::string_view kFormatKey = "format";
 inline constexpr std::string_view kNextIdKey = "next-id";
@@ -73,6 +78,7 @@ inline constexpr std::size_t kFlagsOffset = 6;
 inline constexpr std::size_t kCommitOffset = 8;
 inline constexpr std::size_t kSetspecSizeOffset = 16;
 inline constexpr std::size_t kBitCountOffset = 24;
+inline constexpr std::size_t kOwnerOffset = 28;
 inline constexpr std::size_t kHeaderSize = 32;
 inline constexpr std::size_t kStubSize = kHeaderSize + 8;
 

@@ -20,8 +20,9 @@ lscoredb_options OptionsOf(lscoredb_options const* given) {
 }
 
 StoreOptions StoreOptionsOf(lscoredb_options const& options) {
-  if (options.durability > LSCOREDB_NO_SYNC) Throw(LSCOREDB_INVALID_ARGUMENT);
+  if (options.durability > LSCOREDB_NO_SYNC || options.verify > 1) Throw(LSCOREDB_INVALID_ARGUMENT);
   StoreOptions store;
+  store.verify = options.verify != 0;
   store.sync = options.durability == LSCOREDB_DURABLE;
   if (options.max_readers != 0) store.max_readers = options.max_readers;
   if (options.max_file_size != 0) {

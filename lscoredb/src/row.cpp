@@ -10,6 +10,13 @@ namespace {
 constexpr std::uint64_t kWideSmall = std::uint64_t{1} << 31;
 constexpr std::uint64_t kWideBig = std::uint64_t{1} << 63;
 
+// What an image says of its object, never 0.
+std::uint32_t OwnerMark(ObjectId id) {
+  std::uint64_t const raw = Raw(id);
+  auto const mark = static_cast<std::uint32_t>(raw ^ (raw >> 32) * 0x9E3779B1);
+  return mark == 0 ? 1 : mark;
+}
+
 std::size_t BitmapSize(Layout const& layout) { return (layout.bit_count() + 63) / 64 * 8; }
 
 }  // namespace
@@ -66,8 +73,8 @@ Cell RowImage::Setspec(Layout const& layout) const {
 // The lengths inside an image, each looked at before it is used.
 class ImageCheck {
  public:
-  ImageCheck(std::string_view bytes, Layout const& layout)
-      : bytes_(bytes), layout_(layout), image_(bytes.data()) {}
+  ImageCheck(std::string_view bytes, ObjectId id, Layout const& layout)
+      : bytes_(bytes), id_(id), layout_(layout), image_(bytes.data()) {}
 
   bool Holds() const { return HeaderHolds() && BitsHold() && EndsHold(); }
 
@@ -75,8 +82,12 @@ class ImageCheck {
   bool HeaderHolds() const {
     return bytes_.size() >= format::kHeaderSize + BitmapSize(layout_) &&
            Load<std::uint32_t>(bytes_.data() + format::kCrcOffset) == Crc32c(bytes_.substr(4)) &&
-           image_.layout() == layout_.number() &&
+           image_.layout() == layout_.number() && OwnerHolds() &&
            Load<std::uint32_t>(bytes_.data() + format::kBitCountOffset) == layout_.bit_count();
+  }
+  bool OwnerHolds() const {
+    auto const mark = Load<std::uint32_t>(bytes_.data() + format::kOwnerOffset);
+    return mark == 0 || mark == OwnerMark(id_);
   }
   bool BitsHold() const {
     std::uint32_t const used = layout_.bit_count() % 64;
@@ -101,12 +112,13 @@ class ImageCheck {
   }
 
   std::string_view bytes_;
+  ObjectId id_;
   Layout const& layout_;
   RowImage image_;
 };
 
-bool RowImage::Validate(std::string_view bytes, Layout const& layout) {
-  return ImageCheck(bytes, layout).Holds();
+bool RowImage::Validate(std::string_view bytes, ObjectId id, Layout const& layout) {
+  return ImageCheck(bytes, id, layout).Holds();
 }
 
 bool IsStub(std::string_view bytes) {
@@ -116,6 +128,10 @@ bool IsStub(std::string_view bytes) {
 
 std::uint64_t WholeSize(std::string_view stub) {
   return Load<std::uint64_t>(stub.data() + format::kHeaderSize);
+}
+
+bool StubHolds(std::string_view stub) {
+  return Load<std::uint32_t>(stub.data() + format::kCrcOffset) == Crc32c(stub.substr(4));
 }
 
 // ---- building ----------------------------------------------------------------------------------
@@ -140,8 +156,8 @@ std::size_t VariableSize(Layout const& layout, std::span<Cell const> cells) {
   return size;
 }
 
-void AppendHeader(std::string& image, Layout const& layout, CommitId commit, Cell const& setspec,
-                  bool big) {
+void AppendHeader(std::string& image, ObjectId id, Layout const& layout, CommitId commit,
+                  Cell const& setspec, bool big) {
   unsigned flags = big ? format::kBigEnds : 0u;
   if (setspec.present) flags |= format::kHasSetspec;
   if (setspec.present && setspec.wide) flags |= format::kWideSetspec;
@@ -151,7 +167,7 @@ void AppendHeader(std::string& image, Layout const& layout, CommitId commit, Cel
   Append(image, Raw(commit));
   Append(image, std::uint64_t{setspec.present ? setspec.size : 0});
   Append(image, layout.bit_count());
-  Append(image, std::uint32_t{0});
+  Append(image, OwnerMark(id));
 }
 
 void AppendBits(std::string& image, Layout const& layout, std::span<Cell const> cells) {
@@ -185,11 +201,11 @@ void AppendEnds(std::string& image, Layout const& layout, std::span<Cell const> 
 
 }  // namespace
 
-std::string_view ImageBuilder::Build(Layout const& layout, CommitId commit, Cell const& setspec,
-                                     std::span<Cell const> cells) {
+std::string_view ImageBuilder::Build(ObjectId id, Layout const& layout, CommitId commit,
+                                     Cell const& setspec, std::span<Cell const> cells) {
   bool const big = VariableSize(layout, cells) >= kWideSmall;
   image_.clear();
-  AppendHeader(image_, layout, commit, setspec, big);
+  AppendHeader(image_, id, layout, commit, setspec, big);
   AppendBits(image_, layout, cells);
   AppendFixed(image_, layout, cells);
   AppendEnds(image_, layout, cells, big);

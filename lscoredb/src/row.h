@@ -51,8 +51,8 @@ class RowImage {
   Cell Read(Layout const& layout, Column const& column) const;
   Cell Setspec(Layout const& layout) const;
 
-  // Whether `bytes` are an image under `layout`, checksum and inner lengths.
-  static bool Validate(std::string_view bytes, Layout const& layout);
+  // Whether `bytes` are an image of that object under `layout`: checksum, owner and inner lengths.
+  static bool Validate(std::string_view bytes, ObjectId id, Layout const& layout);
 
  private:
   std::uint64_t Word(std::uint32_t index) const {
@@ -82,12 +82,14 @@ class RowImage {
 // Of stored bytes, whether they are only the head of an image whose rest lies in parts.
 bool IsStub(std::string_view bytes);
 std::uint64_t WholeSize(std::string_view stub);
+// Whether a stub is sound, and so what it says of the image's size.
+bool StubHolds(std::string_view stub);
 
 // Builds images one after another in memory that it keeps.
 class ImageBuilder {
  public:
   // `cells` are those of the columns from kFirstStoredColumn on.
-  std::string_view Build(Layout const& layout, CommitId commit, Cell const& setspec,
+  std::string_view Build(ObjectId id, Layout const& layout, CommitId commit, Cell const& setspec,
                          std::span<Cell const> cells);
   // The head that stands for an image in "rows" when the image itself goes to "parts".
   static std::string Stub(std::string_view image);

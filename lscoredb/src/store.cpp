@@ -207,6 +207,16 @@ std::unique_ptr<Snapshot> Store::BeginBetweenCommits(std::unique_ptr<Snapshot> s
   return snapshot;
 }
 
+std::unique_ptr<Snapshot> Store::BeginWalked(PageReport const& report) {
+  for (;;) {
+    std::unique_ptr<Snapshot> snapshot = Begin();
+    if (WalkPages(FileOf(env_), Raw(snapshot->id()), PageDepth::kAll, report)) return snapshot;
+    End(std::move(snapshot));
+  }
+}
+
+void Store::Verify() { CheckPages(env_, PageDepth::kAll); }
+
 bool Store::NoteFile(View& view) const {
   std::atomic_thread_fence(std::memory_order_acquire);
   MDB_envinfo info{};

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "ids.h"
+#include "store_pages.h"
 
 struct MDB_env;
 struct MDB_txn;
@@ -31,6 +32,7 @@ struct StoreOptions {
   bool sync = true;
   std::uint32_t max_readers = 1024;
   std::uint64_t max_file_size = std::uint64_t{64} << 30;
+  bool verify = false;  // all pages, before any is trusted
 };
 
 class Store;
@@ -137,7 +139,12 @@ class Store {
   Store& operator=(Store const&) = delete;
 
   std::unique_ptr<Snapshot> Begin();
+  // A snapshot after a walk of all its pages. Where faults were told, what a part of it gives is
+  // not to be relied upon, and reading may end the process.
+  std::unique_ptr<Snapshot> BeginWalked(PageReport const& report);
   void End(std::unique_ptr<Snapshot> snapshot) noexcept;
+  // Throws LSCOREDB_DAMAGED when pages of the newest state do not hold together.
+  void Verify();
 
   // Writes the newest committed state into a file in an empty directory, page by page, while others
   // read and write. The copy goes on counting states where this store stands.

@@ -22,10 +22,6 @@ struct AbortTransaction {
 };
 using ReadTransaction = std::unique_ptr<MDB_txn, AbortTransaction>;
 
-struct CloseCursor {
-  void operator()(MDB_cursor* cursor) const { mdb_cursor_close(cursor); }
-};
-
 ReadTransaction BeginReading(MDB_env* env) {
   MDB_txn* txn = nullptr;
   CheckStore(mdb_txn_begin(env, nullptr, MDB_RDONLY, &txn));
@@ -34,56 +30,7 @@ ReadTransaction BeginReading(MDB_env* env) {
 
 std::uintptr_t AddressOf(void const* data) { return reinterpret_cast<std::uintptr_t>(data); }
 
-// Walks a tree, and the trees that its values name, and looks where its bytes lie.
-class LengthWalk {
- public:
-  LengthWalk(MDB_txn* txn, std::size_t page_size, std::uint64_t size)
-      : txn_(txn), page_size_(page_size), size_(size) {}
-
-  void Walk(MDB_dbi tree) {
-    MDB_cursor* opened = nullptr;
-    CheckStore(mdb_cursor_open(txn_, tree, &opened));
-    std::unique_ptr<MDB_cursor, CloseCursor> const cursor(opened);
-    MDB_val key;
-    MDB_val value;
-    int code = mdb_cursor_get(opened, &key, &value, MDB_FIRST);
-    for (; code == 0; code = mdb_cursor_get(opened, &key, &value, MDB_NEXT)) {
-      CheckValue(key, value);
-    }
-    if (code != MDB_NOTFOUND) Throw(LSCOREDB_DAMAGED);
-  }
-
- private:
-  // A value behind the end of its key's page lies on pages of its own, which say their number.
-  void CheckValue(MDB_val const& key, MDB_val const& value) const {
-    std::uintptr_t const page = AddressOf(key.mv_data) / page_size_ * page_size_;
-    auto const number = Load<std::uint64_t>(reinterpret_cast<char const*>(page));
-    std::uintptr_t const begin = page - number * page_size_;
-    std::uintptr_t const at = AddressOf(value.mv_data);
-    if (at < begin || at - begin > size_ || value.mv_size > size_ - (at - begin)) {
-      Throw(LSCOREDB_DAMAGED);
-    }
-  }
-
-  MDB_txn* txn_;
-  std::size_t page_size_;
-  std::uint64_t size_;
-};
-
-void WalkAll(MDB_env* env, std::uint64_t size) {
-  ReadTransaction const txn = BeginReading(env);
-  LengthWalk walk(txn.get(), PageSize(env), size);
-  walk.Walk(0);  // the store's own tree of free pages
-  MDB_dbi names = 0;
-  CheckStore(mdb_dbi_open(txn.get(), nullptr, 0, &names));
-  walk.Walk(names);
-  for (char const* const name : {"rows", "parts", "index", "definitions", "meta"}) {
-    MDB_dbi tree = 0;
-    int const code = mdb_dbi_open(txn.get(), name, 0, &tree);
-    if (code == 0) walk.Walk(tree);
-    if (code != 0 && code != MDB_NOTFOUND) Throw(LSCOREDB_DAMAGED);
-  }
-}
+[[noreturn]] void ThrowDamaged(PageFault const&) { Throw(LSCOREDB_DAMAGED); }
 
 }  // namespace
 
@@ -93,25 +40,44 @@ std::size_t PageSize(MDB_env* env) {
   return stat.ms_psize;
 }
 
-// A file may end early and be sound: pages at its end that nobody uses need not have been written.
-// So it is made longer, where it reads as zeros, and then walked.
-void CheckLength(MDB_env* env) {
-  MDB_envinfo info{};
+int FileOf(MDB_env* env) {
   int file = -1;
-  struct stat status {};
-  CheckStore(mdb_env_info(env, &info));
   CheckStore(mdb_env_get_fd(env, &file));
-  std::uint64_t const size = (info.me_last_pgno + 1) * PageSize(env);
-  if (fstat(file, &status) != 0) Throw(LSCOREDB_IO_ERROR);
-  auto const found = static_cast<std::uint64_t>(status.st_size);
-  if (found >= size) return;
-  if (posix_fallocate(file, static_cast<off_t>(size) - 1, 1) != 0) Throw(LSCOREDB_DISK_FULL);
+  return file;
+}
+
+void CheckDataFile(char const* directory) {
+  std::string const path = std::string(directory) + "/data.mdb";
+  int const file = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  if (file < 0) return;  // the library says why, if the file is there
   try {
-    WalkAll(env, found);
+    CheckFileHeader(file);
   } catch (...) {
-    if (ftruncate(file, status.st_size) != 0) Throw(LSCOREDB_IO_ERROR);
+    close(file);
     throw;
   }
+  close(file);
+}
+
+void CheckPages(MDB_env* env, PageDepth depth) {
+  for (;;) {
+    ReadTransaction const txn = BeginReading(env);
+    if (WalkPages(FileOf(env), mdb_txn_id(txn.get()), depth, ThrowDamaged)) return;
+  }
+}
+
+// A file may end early and be sound: pages at its end that nobody uses need not have been written.
+// So its pages are walked, and then it is made longer, where it reads as zeros.
+void CheckLength(MDB_env* env) {
+  MDB_envinfo info{};
+  int const file = FileOf(env);
+  struct stat status {};
+  CheckStore(mdb_env_info(env, &info));
+  std::uint64_t const size = (info.me_last_pgno + 1) * PageSize(env);
+  if (fstat(file, &status) != 0) Throw(LSCOREDB_IO_ERROR);
+  if (static_cast<std::uint64_t>(status.st_size) >= size) return;
+  CheckPages(env, PageDepth::kAll);
+  if (posix_fallocate(file, static_cast<off_t>(size) - 1, 1) != 0) Throw(LSCOREDB_DISK_FULL);
 }
 
 bool IsDiskFull(MDB_env* env) {

@@ -6,11 +6,20 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "store_pages.h"
+
 struct MDB_env;
 
 namespace lscore {
 
 std::size_t PageSize(MDB_env* env);
+
+// What can be looked at before the library opens the file. The directory may hold none yet.
+// Throws LSCOREDB_NOT_A_DATABASE or LSCOREDB_DAMAGED.
+void CheckDataFile(char const* directory);
+
+// Throws LSCOREDB_DAMAGED when pages of the newest state do not hold together.
+void CheckPages(MDB_env* env, PageDepth depth);
 
 // Throws LSCOREDB_DAMAGED when the file ends before a page that is in use. A touch behind the end
 // would end the process.
@@ -18,6 +27,8 @@ void CheckLength(MDB_env* env);
 
 // Whether the file cannot grow by another page: the file system or the process's limit is reached.
 bool IsDiskFull(MDB_env* env);
+
+int FileOf(MDB_env* env);
 
 // The address of the file's first byte in memory, or 0 when it cannot be told. `tree` holds the
 // format record.

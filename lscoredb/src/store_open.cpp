@@ -9,6 +9,7 @@
 
 #include "bytes.h"
 #include "format.h"
+#include "seal.h"
 #include "store.h"
 #include "store_check.h"
 #include "store_errors.h"
@@ -72,8 +73,8 @@ bool IsEmpty(MDB_txn* txn) {
   return stat.ms_entries == 0;
 }
 
-// The version record stands first: without it nothing else is touched.
-void CheckFormat(MDB_txn* txn, MDB_dbi meta) {
+// The version record stands first: without it nothing else is touched. Returns the version.
+std::uint32_t CheckFormat(MDB_txn* txn, MDB_dbi meta) {
   MDB_val key{format::kFormatKey.size(), const_cast<char*>(format::kFormatKey.data())};
   MDB_val value;
   int const code = mdb_get(txn, meta, &key, &value);
@@ -84,6 +85,7 @@ void CheckFormat(MDB_txn* txn, MDB_dbi meta) {
   auto const version = fields.Next<std::uint32_t>();
   if (!ours || !fields.ok() || version == 0) Throw(LSCOREDB_NOT_A_DATABASE);
   if (version > format::kVersion) Throw(LSCOREDB_NEWER_FORMAT);
+  return version;
 }
 
 void WriteFormat(MDB_txn* txn, MDB_dbi meta) {
@@ -92,6 +94,27 @@ void WriteFormat(MDB_txn* txn, MDB_dbi meta) {
   MDB_val key{format::kFormatKey.size(), const_cast<char*>(format::kFormatKey.data())};
   MDB_val value{record.size(), record.data()};
   CheckStore(mdb_put(txn, meta, &key, &value, 0));
+}
+
+// Gives each record of a tree its checksum.
+void SealTree(MDB_txn* txn, MDB_dbi tree) {
+  MDB_cursor* cursor = nullptr;
+  MDB_val key;
+  MDB_val value;
+  CheckStore(mdb_cursor_open(txn, tree, &cursor));
+  int code = mdb_cursor_get(cursor, &key, &value, MDB_FIRST);
+  while (code == 0) {
+    std::string const name(static_cast<char const*>(key.mv_data), key.mv_size);
+    std::string record(static_cast<char const*>(value.mv_data), value.mv_size);
+    if (name != format::kFormatKey) {
+      Seal(name, record);
+      value = {record.size(), record.data()};
+      code = mdb_cursor_put(cursor, &key, &value, MDB_CURRENT);
+    }
+    if (code == 0) code = mdb_cursor_get(cursor, &key, &value, MDB_NEXT);
+  }
+  mdb_cursor_close(cursor);
+  if (code != MDB_NOTFOUND) CheckStore(code);
 }
 
 }  // namespace
@@ -106,9 +129,11 @@ class StoreOpener {
     CheckOpening(mdb_env_set_maxdbs(env, kTreeCount));
     CheckOpening(mdb_env_set_maxreaders(env, options.max_readers));
     CheckOpening(mdb_env_set_mapsize(env, options.max_file_size));
+    CheckDataFile(path);
     unsigned const flags = MDB_NOTLS | MDB_NORDAHEAD | (sync ? 0u : unsigned{MDB_NOSYNC});
     CheckOpening(mdb_env_open(env, path, flags, kFileMode));
     CheckLength(env);
+    CheckPages(env, options.verify ? PageDepth::kAll : PageDepth::kRoots);
     int dead = 0;
     CheckOpening(mdb_reader_check(env, &dead));
     OpenTrees(*store);
@@ -123,19 +148,28 @@ class StoreOpener {
     CheckOpening(mdb_txn_begin(store.env_, nullptr, 0, &txn));
     try {
       bool const fresh = IsEmpty(txn);
+      std::uint32_t version = format::kVersion;
       OpenTree(store, txn, Tree::kMeta, fresh);
       if (fresh) {
         WriteFormat(txn, store.Handle(Tree::kMeta));
       } else {
-        CheckFormat(txn, store.Handle(Tree::kMeta));
+        version = CheckFormat(txn, store.Handle(Tree::kMeta));
       }
       for (std::size_t i = 0; i < kTreeCount; ++i)
         OpenTree(store, txn, static_cast<Tree>(i), fresh);
+      if (version == format::kVersionWithoutSeals) Upgrade(store, txn);
     } catch (...) {
       mdb_txn_abort(txn);
       throw;
     }
     CheckStore(mdb_txn_commit(txn));
+  }
+
+  static void Upgrade(Store& store, MDB_txn* txn) {
+    for (Tree const tree : {Tree::kIndex, Tree::kDefinitions, Tree::kMeta}) {
+      SealTree(txn, store.Handle(tree));
+    }
+    WriteFormat(txn, store.Handle(Tree::kMeta));
   }
 
   static void OpenTree(Store& store, MDB_txn* txn, Tree tree, bool create) {

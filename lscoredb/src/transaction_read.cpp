@@ -13,12 +13,13 @@ RowRef const* Transaction::LoadRow(ObjectId id, CachedRow& cached) {
   std::string_view stored;
   if (!snapshot_->Get(Tree::kRows, BytesOf(key), &stored)) return nullptr;
   if (IsStub(stored)) {
+    if (!StubHolds(stored)) Throw(LSCOREDB_DAMAGED);
     std::uint64_t const size = WholeSize(stored);
     stored = {AssembleImage(id, stored), static_cast<std::size_t>(size)};
   }
   if (stored.size() < format::kHeaderSize) Throw(LSCOREDB_DAMAGED);
   Layout const* const layout = FindLayout(RowImage(stored.data()).layout());
-  if (layout == nullptr || !RowImage::Validate(stored, *layout)) Throw(LSCOREDB_DAMAGED);
+  if (layout == nullptr || !RowImage::Validate(stored, id, *layout)) Throw(LSCOREDB_DAMAGED);
   cached = {epoch_, {id, layout, stored.data(), nullptr}};
   return &cached.row;
 }

@@ -4,11 +4,10 @@
 #include <lmdb.h>
 
 #include <algorithm>
-#include <fstream>
 #include <random>
-#include <sstream>
 
 #include "kernel_test.h"
+#include "stored_records.h"
 
 namespace lscoredb_test {
 namespace {
@@ -19,7 +18,7 @@ constexpr std::uint64_t kIndexToken = 60;
 // Frozen: where a data file says what it is, and the newest version that this kernel reads.
 constexpr char kFormatKey[] = "format";
 constexpr char kMagic[] = "lscoredb";
-constexpr std::uint32_t kVersion = 1;
+constexpr std::uint32_t kVersion = 2;
 
 std::uint32_t TryOpen(std::string const& directory) {
   lscoredb* database = nullptr;
@@ -27,18 +26,6 @@ std::uint32_t TryOpen(std::string const& directory) {
   EXPECT_EQ(status == LORV_STATUS_OK, database != nullptr);
   if (database != nullptr) Check("close", lscoredb_close(database));
   return status;
-}
-
-std::string ReadFile(std::string const& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream content;
-  content << in.rdbuf();
-  return content.str();
-}
-
-void WriteFile(std::string const& path, std::string const& content) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out << content;
 }
 
 // Puts one record into a named tree of a store, which is made when it is missing.
@@ -133,6 +120,7 @@ TEST_F(DamageTest, ARowWhoseBytesChangedIsDamagedAndOthersAreRead) {
   ASSERT_GT(changed, 0U);
   WriteFile(File(), content);
   Database database(directory_.path());
+  database.ExpectDamage();
   Session session(database);
   session.BeginReadOnly();
   LORV_STRING* read = nullptr;
@@ -162,6 +150,7 @@ TEST_F(DamageTest, AnEmptyFileIsANewDatabase) {
 // Reads all there is and writes a little; what comes of it is a status, whichever.
 void UseEverything(std::string const& directory, IndexId index, Oids const& rows) {
   Database database(directory);
+  database.ExpectDamage();
   Session session(database);
   session.Begin();
   for (Oid const row : rows) session.String(row, kName);

@@ -67,6 +67,30 @@ TemporaryDirectory::~TemporaryDirectory() {
   std::filesystem::remove_all(path_, ignored);
 }
 
+namespace {
+
+std::uint32_t Note(void* user, lscoredb_finding const* finding) {
+  EXPECT_EQ(finding->size, sizeof(lscoredb_finding));
+  EXPECT_GT(std::string(finding->text).size(), 10U);
+  static_cast<std::vector<Finding>*>(user)->push_back(
+      {finding->kind, finding->object, finding->index, finding->layout, finding->column});
+  return 0;
+}
+
+}  // namespace
+
+std::ostream& operator<<(std::ostream& out, Finding const& finding) {
+  return out << "kind " << finding.kind << ", object " << finding.object << ", index "
+             << finding.index << ", layout " << finding.layout << ", column " << finding.column;
+}
+
+std::vector<Finding> Findings(lscoredb* database, std::uint32_t flags) {
+  std::vector<Finding> findings;
+  std::uint32_t const status = lscoredb_check(database, flags, Note, &findings);
+  EXPECT_STATUS(findings.empty() ? 0 : LSCOREDB_DAMAGED, status);
+  return findings;
+}
+
 Database::Database() { Check("open", lscoredb_open(nullptr, nullptr, &database_)); }
 
 Database::Database(lscoredb_options const& options) {
@@ -79,11 +103,18 @@ Database::Database(std::string const& directory, lscoredb_options const& options
 
 Database::~Database() {
   if (database_ != nullptr) {
+    ExpectSound();
     EXPECT_STATUS(0, lscoredb_close(database_));
   }
 }
 
+void Database::ExpectSound() const {
+  if (damage_expected_) return;
+  EXPECT_EQ(Findings(database_), std::vector<Finding>());
+}
+
 void Database::Close() {
+  ExpectSound();
   Check("close", lscoredb_close(database_));
   database_ = nullptr;
 }

@@ -18,6 +18,7 @@
 #include <filesystem>
 #include <functional>
 #include <optional>
+#include <ostream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -71,6 +72,20 @@ class TemporaryDirectory {
   std::filesystem::path path_;
 };
 
+// What the check tells, without its text.
+struct Finding {
+  std::uint32_t kind = 0;
+  Oid object = 0;
+  IndexId index = 0;
+  LayoutId layout = 0;
+  std::uint32_t column = LSCOREDB_NO_COLUMN;
+
+  friend bool operator==(Finding const&, Finding const&) = default;
+};
+std::ostream& operator<<(std::ostream& out, Finding const& finding);
+std::vector<Finding> Findings(lscoredb* database, std::uint32_t flags = 0);
+
+// Nothing is wrong with it when it is closed, or the test fails.
 class Database {
  public:
   Database();  // in memory
@@ -81,9 +96,14 @@ class Database {
   Database& operator=(Database const&) = delete;
   lscoredb* get() const { return database_; }
   void Close();
+  // Something may well be wrong with it.
+  void ExpectDamage() { damage_expected_ = true; }
 
  private:
+  void ExpectSound() const;
+
   lscoredb* database_ = nullptr;
+  bool damage_expected_ = false;
 };
 
 struct Column {

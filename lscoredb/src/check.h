@@ -1,0 +1,201 @@
+#ifndef LSCOREDB_SRC_CHECK_H
+#define LSCOREDB_SRC_CHECK_H
+
+// The check of a committed state: definitions, objects, and indexes against objects both ways.
+// Works on a snapshot whose pages are known to be sound, on one thread. The rules are told in
+// lscoredb/host.h, by the kinds of findings.
+//
+// Objects are walked once, and each key that an object should have is looked up; then the entries
+// of all indexes are walked, and each is compared with what its object gives. So nothing is
+// remembered of the one or the other, whatever their number.
+
+#include <array>
+#include <functional>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "definitions.h"
+#include "pending.h"
+#include "status.h"
+#include "store.h"
+
+namespace lscore {
+
+struct Finding {
+  std::uint32_t kind = 0;
+  ObjectId object{};
+  IndexId index{};
+  LayoutNumber layout{};
+  std::uint32_t column = LSCOREDB_NO_COLUMN;
+};
+
+// Passes findings on. Throws StopCheck when the host wants no more.
+struct StopCheck {};
+class FindingSink {
+ public:
+  FindingSink(lscoredb_finding_callback report, void* user) : report_(report), user_(user) {}
+  void Tell(Finding const& finding, std::string const& text);
+  bool any() const { return any_; }
+
+ private:
+  lscoredb_finding_callback report_;
+  void* user_;
+  bool any_ = false;
+};
+
+// Tells what a fault of a page makes unreadable.
+void TellFault(FindingSink& sink, PageFault const& fault);
+
+// ---- definitions (check_definitions.cpp) -------------------------------------------------------
+
+// All layouts and indexes of the state that could be read, and the rules about their records.
+class CheckedDefinitions {
+ public:
+  CheckedDefinitions(Snapshot const& snapshot, FindingSink& sink)
+      : snapshot_(snapshot), sink_(sink) {}
+
+  void Load();
+  // The records that find layouts and indexes, and those that may be forgotten.
+  void CheckRecords();
+
+  Layout const* FindLayout(LayoutNumber number) const;
+  IndexDefinition const* FindIndex(IndexId id) const;
+  std::vector<IndexDefinition const*> Covering(std::u16string_view setspec) const;
+  // A definition is there and was told to be unusable.
+  bool IsBroken(LayoutNumber number) const;
+  bool IsBroken(IndexId id) const;
+  template <typename Visit>
+  void ForEachLayout(Visit&& visit) const {
+    for (auto const& [number, layout] : layouts_) {
+      if (layout != nullptr) visit(*layout);
+    }
+  }
+  IndexId highest_index() const { return indexes_.empty() ? IndexId{0} : indexes_.rbegin()->first; }
+
+ private:
+  void LoadOne(std::string_view key, std::string_view record);
+  void TellBroken(std::string_view key, char const* what);
+  void LoadIndex(IndexId id, std::string_view record);
+  void CheckOne(std::string_view key, std::string_view record);
+  void CheckLayoutToken(std::string_view key, std::string_view record);
+  void CheckIndexName(std::string_view key, bool by_token);
+  void CheckSetChange(std::string_view key, std::string_view record);
+  void CheckCountOf(std::string_view key, std::string_view record);
+  void CheckRelease(std::string_view key);
+  void ExpectRecord(DefinitionRecord const& record, Finding const& finding, char const* what);
+
+  Snapshot const& snapshot_;
+  FindingSink& sink_;
+  // Broken ones are null.
+  std::map<LayoutNumber, std::unique_ptr<Layout const>> layouts_;
+  std::map<IndexId, std::unique_ptr<IndexDefinition const>> indexes_;
+};
+
+// ---- objects (check_objects.cpp) ---------------------------------------------------------------
+
+// Reads objects as the store has them.
+class ObjectReader {
+ public:
+  ObjectReader(Snapshot const& snapshot, CheckedDefinitions const& definitions)
+      : snapshot_(snapshot), definitions_(definitions) {}
+
+  struct Problem {
+    std::uint32_t kind = 0;
+    char const* what = nullptr;  // null: none
+  };
+  // `*row` is good until the next call when there is no problem.
+  Problem Read(ObjectId id, std::string_view stored, RowRef* row);
+
+ private:
+  Problem Assemble(ObjectId id, std::string_view* stored);
+
+  Snapshot const& snapshot_;
+  CheckedDefinitions const& definitions_;
+  std::string assembled_;
+};
+
+class ObjectCheck {
+ public:
+  ObjectCheck(Snapshot const& snapshot, CheckedDefinitions const& definitions, FindingSink& sink,
+              bool entries)
+      : snapshot_(snapshot),
+        definitions_(definitions),
+        sink_(sink),
+        entries_(entries),
+        reader_(snapshot, definitions) {}
+
+  void Run();
+
+ private:
+  // What is known of a set specifier.
+  struct Set {
+    std::vector<IndexDefinition const*> covering;
+    CommitId changed{};  // as it is noted
+    bool told = false;
+  };
+
+  void CheckObject(ObjectId id, std::string_view stored);
+  void TellProblem(ObjectId id, std::string_view stored, ObjectReader::Problem problem);
+  void CheckEntries(RowRef const& row, Set const& set);
+  void CheckSetChange(RowRef const& row, Set& set);
+  Set& SetOf(std::u16string const& setspec);
+  void CheckParts();
+  // Whether the object has such a part; if not, that is told.
+  bool CheckPart(ObjectId id, std::uint32_t part);
+  void CheckCount(LayoutNumber number);
+  void CheckNextId();
+
+  Snapshot const& snapshot_;
+  CheckedDefinitions const& definitions_;
+  FindingSink& sink_;
+  bool entries_;
+  ObjectReader reader_;
+  std::uint64_t highest_id_ = 0;  // of those that are given out
+  std::unordered_map<LayoutNumber, std::uint64_t> counts_;
+  std::unordered_map<std::u16string, Set> sets_;
+  KeyEncoder encoder_;
+  KeyBytes key_;
+  std::u16string setspec_;
+};
+
+// ---- entries (check_entries.cpp) ---------------------------------------------------------------
+
+class EntryCheck {
+ public:
+  EntryCheck(Snapshot const& snapshot, CheckedDefinitions const& definitions, FindingSink& sink)
+      : snapshot_(snapshot),
+        definitions_(definitions),
+        sink_(sink),
+        reader_(snapshot, definitions) {}
+
+  void Run();
+
+ private:
+  void EnterIndex(std::string_view key);
+  void CheckEntry(std::string_view key, std::string_view value);
+  void CompareWithObject(Entry const& entry, std::string_view key, std::string_view value);
+  void CheckUnique(Entry const& entry);
+
+  Snapshot const& snapshot_;
+  CheckedDefinitions const& definitions_;
+  FindingSink& sink_;
+  ObjectReader reader_;
+  std::string prefix_;                      // of the index that the walk is in
+  IndexDefinition const* index_ = nullptr;  // null: there is none of that id
+  KeyEncoder encoder_;
+  KeyBytes key_;
+  std::u16string setspec_;
+  std::string last_;                  // the key before, as far as the store orders by it
+  std::set<std::string_view> tails_;  // of the keys that agree in what the store orders by
+};
+
+// Runs everything on the newest state of a store. Throws StopCheck.
+void CheckStoreState(Store& store, std::uint32_t flags, FindingSink& sink);
+
+}  // namespace lscore
+
+#endif

@@ -1,0 +1,237 @@
+#include "bytes.h"
+#include "check.h"
+#include "format.h"
+#include "seal.h"
+
+namespace lscore {
+namespace {
+
+using Letter = char;
+
+// The numbers behind a key's letter, where the key has the size that its letter asks for.
+std::size_t KeySize(Letter letter) {
+  switch (letter) {
+    case format::kLayoutLetter:
+    case format::kCountLetter:
+    case format::kReleaseLetter:
+      return 3;
+    case format::kIndexLetter:
+      return 9;
+    case format::kLayoutTokenLetter:
+      return 11;
+    case format::kIndexTokenLetter:
+    case format::kIndexSetLetter:
+      return 17;
+    default:
+      return 0;
+  }
+}
+
+LayoutNumber LayoutAtEnd(std::string_view key) {
+  return LayoutNumber{LoadBig<std::uint16_t>(key.data() + key.size() - 2)};
+}
+IndexId IndexAtEnd(std::string_view key) {
+  return IndexId{LoadBig<std::uint64_t>(key.data() + key.size() - 8)};
+}
+
+// What a record is about, as far as its key tells.
+Finding About(std::string_view key) {
+  Finding finding;
+  finding.kind = LSCOREDB_FINDING_DEFINITION;
+  Letter const letter = key.empty() ? '\0' : key[0];
+  if (KeySize(letter) != key.size()) return finding;
+  bool const of_layout = letter == format::kLayoutLetter || letter == format::kCountLetter ||
+                         letter == format::kReleaseLetter || letter == format::kLayoutTokenLetter;
+  if (of_layout) {
+    finding.layout = LayoutAtEnd(key);
+  } else {
+    finding.index = IndexAtEnd(key);
+  }
+  return finding;
+}
+
+Finding OfLayout(LayoutNumber number) {
+  return {LSCOREDB_FINDING_LAYOUT, {}, {}, number, LSCOREDB_NO_COLUMN};
+}
+Finding OfIndex(IndexId id) { return {LSCOREDB_FINDING_INDEX, {}, id, {}, LSCOREDB_NO_COLUMN}; }
+
+// Visits the sound records; `broken` is told of the others.
+template <typename Visit, typename Broken>
+void ForEachRecord(Snapshot const& snapshot, Visit&& visit, Broken&& broken) {
+  Cursor cursor;
+  cursor.Open(snapshot, Tree::kDefinitions);
+  for (bool on = cursor.First(); on; on = cursor.Next()) {
+    if (!IsSealed(cursor.key(), cursor.value())) {
+      broken(cursor.key(), "Its checksum is wrong.");
+      continue;
+    }
+    Status const status = Guarded([&] {
+      visit(cursor.key(), Unseal(cursor.key(), cursor.value()));
+      return LORV_STATUS_OK;
+    });
+    if (status != LORV_STATUS_OK) broken(cursor.key(), "It is not well formed.");
+  }
+}
+
+}  // namespace
+
+void CheckedDefinitions::Load() {
+  ForEachRecord(
+      snapshot_, [&](std::string_view key, std::string_view record) { LoadOne(key, record); },
+      [&](std::string_view key, char const* what) { TellBroken(key, what); });
+}
+
+void CheckedDefinitions::TellBroken(std::string_view key, char const* what) {
+  Finding const finding = About(key);
+  if (!key.empty() && key[0] == format::kLayoutLetter) layouts_.try_emplace(finding.layout);
+  if (!key.empty() && key[0] == format::kIndexLetter) indexes_.try_emplace(finding.index);
+  sink_.Tell(finding, std::string("A definition cannot be used. ") + what);
+}
+
+void CheckedDefinitions::LoadOne(std::string_view key, std::string_view record) {
+  Letter const letter = key[0];
+  std::size_t const size = KeySize(letter);
+  bool const of_set = letter == format::kSetChangeLetter;
+  if (size != key.size() && !of_set) Throw(LSCOREDB_DAMAGED);
+  if (letter == format::kLayoutLetter) {
+    LayoutNumber const number = LayoutAtEnd(key);
+    layouts_[number] = ParseLayout(number, record);
+  } else if (letter == format::kIndexLetter) {
+    LoadIndex(IndexAtEnd(key), record);
+  } else if (letter == format::kCountLetter) {
+    ParseCount(record);
+  } else if (of_set) {
+    ParseSetChange(record);
+  }
+}
+
+void CheckedDefinitions::LoadIndex(IndexId id, std::string_view record) {
+  auto index = ParseIndex(id, record);
+  for (std::size_t i = 0; i < index->columns.size(); ++i) {
+    if (IsColumnType(index->columns[i].type)) continue;
+    indexes_.try_emplace(id);
+    Finding const finding{LSCOREDB_FINDING_DEFINITION, {}, id, {}, static_cast<std::uint32_t>(i)};
+    return sink_.Tell(finding, "A column of the index has a type that is none.");
+  }
+  indexes_[id] = std::move(index);
+}
+
+void CheckedDefinitions::CheckRecords() {
+  ForEachRecord(
+      snapshot_, [&](std::string_view key, std::string_view record) { CheckOne(key, record); },
+      [](std::string_view, char const*) {});  // told when they were loaded
+  for (auto const& [number, layout] : layouts_) {
+    if (layout == nullptr) continue;
+    ExpectRecord(LayoutTokenRecord(*layout, layout->order()), OfLayout(number),
+                 "The layout is not found by its token.");
+    bool const based = layout->base() == kNoLayout || layouts_.contains(layout->base());
+    if (!based) sink_.Tell(OfLayout(number), "The layout's base is not there.");
+  }
+  for (auto const& [id, index] : indexes_) {
+    if (index == nullptr) continue;
+    ExpectRecord(IndexTokenRecord(*index), OfIndex(id), "The index is not found by its token.");
+    ExpectRecord(IndexSetRecord(*index), OfIndex(id),
+                 "The index is not found by its set specifier.");
+  }
+}
+
+void CheckedDefinitions::CheckOne(std::string_view key, std::string_view record) {
+  switch (key[0]) {
+    case format::kLayoutTokenLetter:
+      return CheckLayoutToken(key, record);
+    case format::kIndexTokenLetter:
+    case format::kIndexSetLetter:
+      return CheckIndexName(key, key[0] == format::kIndexTokenLetter);
+    case format::kSetChangeLetter:
+      return CheckSetChange(key, record);
+    case format::kCountLetter:
+      return CheckCountOf(key, record);
+    case format::kReleaseLetter:
+      return CheckRelease(key);
+    default:
+      return;
+  }
+}
+
+void CheckedDefinitions::CheckLayoutToken(std::string_view key, std::string_view record) {
+  if (key.size() != KeySize(key[0])) return;
+  LayoutNumber const number = LayoutAtEnd(key);
+  if (IsBroken(number)) return;
+  Layout const* const layout = FindLayout(number);
+  if (layout == nullptr) {
+    return sink_.Tell(OfLayout(number), "A token names a layout that is not there.");
+  }
+  DefinitionRecord const wanted = LayoutTokenRecord(*layout, layout->order());
+  if (wanted.key != key) {
+    sink_.Tell(OfLayout(number), "A token names the layout that is not its own.");
+  } else if (wanted.value != record) {
+    sink_.Tell(OfLayout(number), "The layout's age is not the one that its token tells.");
+  }
+}
+
+void CheckedDefinitions::CheckIndexName(std::string_view key, bool by_token) {
+  if (key.size() != KeySize(key[0])) return;
+  IndexId const id = IndexAtEnd(key);
+  if (IsBroken(id)) return;
+  IndexDefinition const* const index = FindIndex(id);
+  std::string const by = by_token ? "A token" : "A set specifier";
+  if (index == nullptr) return sink_.Tell(OfIndex(id), by + " names an index that is not there.");
+  std::string const wanted = (by_token ? IndexTokenRecord(*index) : IndexSetRecord(*index)).key;
+  if (wanted != key) sink_.Tell(OfIndex(id), by + " names the index that is not its own.");
+}
+
+void CheckedDefinitions::CheckSetChange(std::string_view key, std::string_view record) {
+  SetChange const change = ParseSetChange(record);
+  if (SetChangeKey(change.setspec) != key) {
+    sink_.Tell(About(key), "The last change of a set is noted under another one.");
+  }
+}
+
+void CheckedDefinitions::CheckCountOf(std::string_view key, std::string_view record) {
+  LayoutNumber const number = LayoutAtEnd(key);
+  if (layouts_.contains(number) || ParseCount(record).objects == 0) return;
+  sink_.Tell(OfLayout(number), "There is a count of objects for a layout that is not there.");
+}
+
+void CheckedDefinitions::CheckRelease(std::string_view key) {
+  LayoutNumber const number = LayoutAtEnd(key);
+  if (layouts_.contains(number)) return;
+  sink_.Tell(OfLayout(number), "A layout that is not there is said to be of no more use.");
+}
+
+void CheckedDefinitions::ExpectRecord(DefinitionRecord const& record, Finding const& finding,
+                                      char const* what) {
+  std::string_view ignored;
+  if (!snapshot_.Get(Tree::kDefinitions, record.key, &ignored)) sink_.Tell(finding, what);
+}
+
+bool CheckedDefinitions::IsBroken(LayoutNumber number) const {
+  auto const at = layouts_.find(number);
+  return at != layouts_.end() && at->second == nullptr;
+}
+
+bool CheckedDefinitions::IsBroken(IndexId id) const {
+  auto const at = indexes_.find(id);
+  return at != indexes_.end() && at->second == nullptr;
+}
+
+Layout const* CheckedDefinitions::FindLayout(LayoutNumber number) const {
+  auto const at = layouts_.find(number);
+  return at == layouts_.end() ? nullptr : at->second.get();
+}
+
+IndexDefinition const* CheckedDefinitions::FindIndex(IndexId id) const {
+  auto const at = indexes_.find(id);
+  return at == indexes_.end() ? nullptr : at->second.get();
+}
+
+std::vector<IndexDefinition const*> CheckedDefinitions::Covering(
+    std::u16string_view setspec) const {
+  std::vector<IndexDefinition const*> covering;
+  for (auto const& [id, index] : indexes_) {
+    if (index != nullptr && index->Covers(setspec)) covering.push_back(index.get());
+  }
+  return covering;
+}
+
+}  // namespace lscore

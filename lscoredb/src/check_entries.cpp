@@ -1,0 +1,91 @@
+#include "bytes.h"
+#include "check.h"
+#include "format.h"
+
+namespace lscore {
+
+void EntryCheck::Run() {
+  Cursor cursor;
+  cursor.Open(snapshot_, Tree::kIndex);
+  for (bool on = cursor.First(); on; on = cursor.Next()) {
+    if (prefix_.empty() || !cursor.key().starts_with(prefix_)) EnterIndex(cursor.key());
+    if (index_ != nullptr) CheckEntry(cursor.key(), cursor.value());
+  }
+}
+
+void EntryCheck::EnterIndex(std::string_view key) {
+  std::uint64_t id = 0;
+  std::size_t const size = ReadOrderedId(key, &id);
+  prefix_ = key.substr(0, size == 0 ? key.size() : size);
+  index_ = size == 0 ? nullptr : definitions_.FindIndex(IndexId{id});
+  last_.clear();
+  tails_.clear();
+  if (index_ != nullptr || (size != 0 && definitions_.IsBroken(IndexId{id}))) return;
+  Finding finding;
+  finding.kind = LSCOREDB_FINDING_ENTRY;
+  finding.index = IndexId{id};
+  sink_.Tell(finding, "There are entries of an index that is not there.");
+}
+
+void EntryCheck::CheckEntry(std::string_view key, std::string_view value) {
+  Entry entry;
+  Status const read = Guarded([&] {
+    entry = ParseEntry(*index_, key, value);
+    return LORV_STATUS_OK;
+  });
+  if (read == LORV_STATUS_OK) return CompareWithObject(entry, key, value);
+  Finding finding;
+  finding.kind = LSCOREDB_FINDING_ENTRY;
+  finding.index = index_->id;
+  sink_.Tell(finding, "An entry is not what was written.");
+}
+
+// An object that is damaged itself is told as that.
+void EntryCheck::CompareWithObject(Entry const& entry, std::string_view key,
+                                   std::string_view value) {
+  Finding finding;
+  finding.kind = LSCOREDB_FINDING_ENTRY;
+  finding.index = index_->id;
+  finding.object = entry.object;
+  finding.layout = entry.layout;
+  std::uint64_t const id = Raw(entry.object);
+  std::string_view stored;
+  if (!snapshot_.Get(Tree::kRows, BytesOf(id), &stored)) {
+    return sink_.Tell(finding, "The index holds an object that is not there.");
+  }
+  RowRef row;
+  if (reader_.Read(entry.object, stored, &row).what != nullptr) return;
+  Cell const setspec = row.Setspec();
+  if (setspec.present) Unpack(setspec.text(), setspec_);
+  if (!setspec.present || !index_->Covers(setspec_)) {
+    return sink_.Tell(finding, "The index holds an object that it does not cover.");
+  }
+  KeyFacts const facts = encoder_.Encode(*index_, row, key_);
+  EntryRecord const wanted = RecordOf(*index_, key_, row.id, row.layout->number());
+  if (wanted.key != key || key_.size() != entry.key.head.size() + entry.key.tail.size() ||
+      !key_.ends_with(entry.key.tail)) {
+    return sink_.Tell(finding, "The index holds the object under another key.");
+  }
+  if (wanted.value != value) {
+    return sink_.Tell(finding, "The index holds the object with another layout.");
+  }
+  if (index_->unique() && !facts.has_null) CheckUnique(entry);
+}
+
+// Equal keys follow one another, but for those that the store's keys hold only a part of: of these
+// the ones that agree in that part do.
+void EntryCheck::CheckUnique(Entry const& entry) {
+  bool const same = last_ == entry.key.head;
+  if (!same) tails_.clear();
+  last_ = entry.key.head;
+  bool const first = tails_.insert(entry.key.tail).second;
+  if (first) return;
+  Finding finding;
+  finding.kind = LSCOREDB_FINDING_DUPLICATE_KEY;
+  finding.index = index_->id;
+  finding.object = entry.object;
+  finding.layout = entry.layout;
+  sink_.Tell(finding, "The index is unique and holds the object's key a second time.");
+}
+
+}  // namespace lscore

@@ -1,0 +1,215 @@
+#include "allocators.h"
+#include "bytes.h"
+#include "check.h"
+#include "format.h"
+#include "seal.h"
+
+namespace lscore {
+namespace {
+
+Finding Of(std::uint32_t kind, ObjectId object) {
+  Finding finding;
+  finding.kind = kind;
+  finding.object = object;
+  return finding;
+}
+
+std::string PartKey(ObjectId id, std::uint32_t part) {
+  std::string key;
+  AppendBig(key, Raw(id));
+  AppendBig(key, part);
+  return key;
+}
+
+std::uint64_t PartCount(std::uint64_t size) {
+  return (size + format::kPartSize - 1) / format::kPartSize;
+}
+
+}  // namespace
+
+// ---- reading -----------------------------------------------------------------------------------
+
+ObjectReader::Problem ObjectReader::Read(ObjectId id, std::string_view stored, RowRef* row) {
+  if (IsStub(stored)) {
+    Problem const problem = Assemble(id, &stored);
+    if (problem.what != nullptr) return problem;
+  }
+  if (stored.size() < format::kHeaderSize) return {LSCOREDB_FINDING_OBJECT, "It is too short."};
+  RowImage const image(stored.data());
+  Layout const* const layout = definitions_.FindLayout(image.layout());
+  if (layout == nullptr) return {LSCOREDB_FINDING_OBJECT, "Its layout is not there."};
+  if (!RowImage::Validate(stored, id, *layout)) {
+    return {LSCOREDB_FINDING_OBJECT, "Its bytes are not what was written for it."};
+  }
+  if (image.commit() > snapshot_.id()) {
+    return {LSCOREDB_FINDING_OBJECT, "It comes from a commit that has not been."};
+  }
+  *row = {id, layout, stored.data(), nullptr};
+  return {};
+}
+
+ObjectReader::Problem ObjectReader::Assemble(ObjectId id, std::string_view* stored) {
+  constexpr std::uint32_t kParts = LSCOREDB_FINDING_PARTS;
+  if (!StubHolds(*stored)) return {LSCOREDB_FINDING_OBJECT, "What says its size is damaged."};
+  std::uint64_t const size = WholeSize(*stored);
+  assembled_.clear();
+  for (std::uint32_t part = 0; assembled_.size() < size; ++part) {
+    std::string_view bytes;
+    if (!snapshot_.Get(Tree::kParts, PartKey(id, part), &bytes)) {
+      return {kParts, "A part of it is missing."};
+    }
+    if (bytes.size() != std::min<std::uint64_t>(format::kPartSize, size - assembled_.size())) {
+      return {kParts, "A part of it has another size."};
+    }
+    assembled_.append(bytes);
+  }
+  *stored = assembled_;
+  return {};
+}
+
+// ---- objects -----------------------------------------------------------------------------------
+
+void ObjectCheck::Run() {
+  Cursor cursor;
+  cursor.Open(snapshot_, Tree::kRows);
+  for (bool on = cursor.First(); on; on = cursor.Next()) {
+    CheckObject(ObjectId{Load<std::uint64_t>(cursor.key().data())}, cursor.value());
+  }
+  CheckParts();
+  definitions_.ForEachLayout([&](Layout const& layout) { CheckCount(layout.number()); });
+  CheckNextId();
+}
+
+void ObjectCheck::CheckObject(ObjectId id, std::string_view stored) {
+  if (Raw(id) < kFirstChosenId) highest_id_ = std::max(highest_id_, Raw(id));
+  RowRef row;
+  ObjectReader::Problem const problem = reader_.Read(id, stored, &row);
+  if (stored.size() >= format::kHeaderSize) ++counts_[RowImage(stored.data()).layout()];
+  if (problem.what != nullptr) {
+    return TellProblem(id, stored, problem);
+  }
+  Cell const setspec = row.Setspec();
+  if (!setspec.present) return;
+  Unpack(setspec.text(), setspec_);
+  Set& set = SetOf(setspec_);
+  CheckSetChange(row, set);
+  if (entries_) CheckEntries(row, set);
+}
+
+void ObjectCheck::TellProblem(ObjectId id, std::string_view stored, ObjectReader::Problem problem) {
+  Finding finding = Of(problem.kind, id);
+  if (stored.size() >= format::kHeaderSize) finding.layout = RowImage(stored.data()).layout();
+  sink_.Tell(finding, std::string("The object is damaged. ") + problem.what);
+}
+
+ObjectCheck::Set& ObjectCheck::SetOf(std::u16string const& setspec) {
+  auto const [at, first] = sets_.try_emplace(setspec);
+  Set& set = at->second;
+  if (!first) return set;
+  set.covering = definitions_.Covering(setspec);
+  std::string const key = SetChangeKey(setspec);
+  std::string_view record;
+  if (snapshot_.Get(Tree::kDefinitions, key, &record) && IsSealed(key, record)) {
+    Status const read = Guarded([&] {
+      set.changed = ParseSetChange(Unseal(key, record)).commit;
+      return LORV_STATUS_OK;
+    });
+    if (read != LORV_STATUS_OK) set.changed = CommitId{0};
+  }
+  return set;
+}
+
+void ObjectCheck::CheckSetChange(RowRef const& row, Set& set) {
+  bool const noted = set.changed >= RowImage(row.image).commit() && set.changed <= snapshot_.id();
+  if (noted || set.told) return;
+  set.told = true;
+  sink_.Tell(Of(LSCOREDB_FINDING_SET_CHANGE, row.id),
+             "The object's last change is not noted for its set.");
+}
+
+void ObjectCheck::CheckEntries(RowRef const& row, Set const& set) {
+  for (IndexDefinition const* const index : set.covering) {
+    encoder_.Encode(*index, row, key_);
+    std::string_view ignored;
+    std::string const key = RecordOf(*index, key_, row.id, row.layout->number()).key;
+    if (snapshot_.Get(Tree::kIndex, key, &ignored)) continue;
+    Finding finding = Of(LSCOREDB_FINDING_MISSING_ENTRY, row.id);
+    finding.index = index->id;
+    finding.layout = row.layout->number();
+    sink_.Tell(finding, "The index does not hold the object.");
+  }
+}
+
+// ---- parts -------------------------------------------------------------------------------------
+
+void ObjectCheck::CheckParts() {
+  Cursor cursor;
+  cursor.Open(snapshot_, Tree::kParts);
+  ObjectId told{~std::uint64_t{0}};  // once for each object is enough
+  for (bool on = cursor.First(); on; on = cursor.Next()) {
+    std::string_view const key = cursor.key();
+    ObjectId id{};
+    std::uint32_t part = 0;
+    if (key.size() == sizeof id + sizeof part) {
+      id = ObjectId{LoadBig<std::uint64_t>(key.data())};
+      part = LoadBig<std::uint32_t>(key.data() + sizeof id);
+    }
+    if (id != told && !CheckPart(id, part)) told = id;
+  }
+}
+
+bool ObjectCheck::CheckPart(ObjectId id, std::uint32_t part) {
+  std::uint64_t const raw = Raw(id);
+  std::string_view stored;
+  bool const there = id != kNoObject && snapshot_.Get(Tree::kRows, BytesOf(raw), &stored);
+  if (there && IsStub(stored) && (!StubHolds(stored) || part < PartCount(WholeSize(stored))))
+    return true;
+  sink_.Tell(Of(LSCOREDB_FINDING_PARTS, id),
+             there ? "There are parts that the object does not have."
+                   : "There are parts of an object that is not there.");
+  return false;
+}
+
+// ---- counts ------------------------------------------------------------------------------------
+
+void ObjectCheck::CheckCount(LayoutNumber number) {
+  std::uint64_t const found = counts_[number];
+  std::uint64_t told = 0;
+  Status const read = Guarded([&] {
+    told = ReadCount(snapshot_, number).objects;
+    return LORV_STATUS_OK;
+  });
+  if (read != LORV_STATUS_OK || told == found) return;  // a broken record is told as that
+  Finding finding;
+  finding.kind = LSCOREDB_FINDING_COUNT;
+  finding.layout = number;
+  sink_.Tell(finding, "The layout has " + std::to_string(found) + " objects, and its count says " +
+                          std::to_string(told) + ".");
+}
+
+// ---- identities --------------------------------------------------------------------------------
+
+void ObjectCheck::CheckNextId() {
+  std::uint64_t mark = 0;
+  Status const read = Guarded([&] {
+    mark = ReadIdMark(snapshot_);
+    return IndexVersion(snapshot_) <= snapshot_.id() ? LORV_STATUS_OK : LSCOREDB_DAMAGED;
+  });
+  if (read != LORV_STATUS_OK) {
+    Finding finding;
+    finding.kind = LSCOREDB_FINDING_DEFINITION;
+    return sink_.Tell(finding, "What says which identities are free cannot be used.");
+  }
+  if (highest_id_ >= mark) {
+    sink_.Tell(Of(LSCOREDB_FINDING_NEXT_ID, ObjectId{highest_id_}),
+               "The object's identity would be given out again.");
+  }
+  IndexId const last = definitions_.highest_index();
+  if (Raw(last) < mark) return;
+  Finding finding;
+  finding.kind = LSCOREDB_FINDING_NEXT_ID;
+  finding.index = last;
+  sink_.Tell(finding, "The index's identity would be given out again.");
+}
+
+}  // namespace lscore

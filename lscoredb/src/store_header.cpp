@@ -1,0 +1,116 @@
+#include "store_header.h"
+
+#include <unistd.h>
+
+#include <bit>
+#include <cerrno>
+
+#include "bytes.h"
+#include "status.h"
+#include "store_pages.h"
+
+namespace lscore {
+namespace pages {
+namespace {
+
+constexpr std::uint32_t kMark = 0xBEEFC0DE;
+constexpr std::uint32_t kVersion = 1;
+constexpr std::size_t kSmallestPage = 512;
+constexpr std::size_t kLargestPage = 65536;
+constexpr std::uint64_t kMostBytes = std::uint64_t{1} << 47;  // what a process can map
+
+Header ReadHeader(int file, std::uint64_t offset) {
+  std::string bytes;
+  ReadAt(file, offset, kPageHead + kHeaderSize, bytes);
+  if (bytes.size() < kPageHead + kHeaderSize) Throw(LSCOREDB_NOT_A_DATABASE);
+  char const* const head = bytes.data() + kPageHead;
+  bool const ours = (Load<std::uint16_t>(bytes.data() + 10) & kHeaderPage) != 0 &&
+                    Load<std::uint32_t>(head) == kMark && Load<std::uint32_t>(head + 4) == kVersion;
+  if (!ours) Throw(LSCOREDB_NOT_A_DATABASE);
+  Header header;
+  header.page_size = Load<std::uint32_t>(head + 24);
+  header.free = ReadTree(head + 24);
+  header.trees = ReadTree(head + 72);
+  header.last_page = Load<std::uint64_t>(head + 120);
+  header.commit = Load<std::uint64_t>(head + 128);
+  bool const page_holds = std::has_single_bit(header.page_size) &&
+                          header.page_size >= kSmallestPage && header.page_size <= kLargestPage;
+  if (!page_holds) Throw(LSCOREDB_DAMAGED);
+  return header;
+}
+
+bool TreeHolds(TreeRecord const& tree, std::uint64_t last_page) {
+  if (tree.root == kNoPage) return tree.depth == 0 && tree.entries == 0;
+  return tree.depth > 0 && tree.depth <= kMaxDepth && tree.root >= kHeaderPages &&
+         tree.root <= last_page;
+}
+
+bool HeaderHolds(Header const& header) {
+  return header.last_page < kMostBytes / header.page_size && header.last_page > 0 &&
+         header.free.key_kind == kIntegerKeys && header.trees.key_kind == kByteKeys &&
+         TreeHolds(header.free, header.last_page) && TreeHolds(header.trees, header.last_page);
+}
+
+// The two last commits, each where its number puts it; a file that nothing was committed to has 0
+// twice. So a number that changed is noticed, before it brings back an older state.
+bool CommitsHold(std::array<Header, 2> const& headers) {
+  std::uint64_t const even = headers[0].commit;
+  std::uint64_t const odd = headers[1].commit;
+  if (even == 0 && odd == 0) return true;
+  return even % 2 == 0 && odd % 2 == 1 && (even + 1 == odd || odd + 1 == even);
+}
+
+bool HeadersHold(std::array<Header, 2> const& headers) {
+  Header const& newest = headers[headers[0].commit < headers[1].commit ? 1 : 0];
+  return headers[0].page_size == headers[1].page_size && CommitsHold(headers) &&
+         HeaderHolds(newest);
+}
+
+}  // namespace
+
+TreeRecord ReadTree(char const* bytes) {
+  TreeRecord tree;
+  tree.key_kind = Load<std::uint16_t>(bytes + 4);
+  tree.depth = Load<std::uint16_t>(bytes + 6);
+  tree.branch_pages = Load<std::uint64_t>(bytes + 8);
+  tree.leaf_pages = Load<std::uint64_t>(bytes + 16);
+  tree.overflow_pages = Load<std::uint64_t>(bytes + 24);
+  tree.entries = Load<std::uint64_t>(bytes + 32);
+  tree.root = Load<std::uint64_t>(bytes + 40);
+  return tree;
+}
+
+std::array<Header, 2> ReadHeaders(int file) {
+  Header const first = ReadHeader(file, 0);
+  return {first, ReadHeader(file, first.page_size)};
+}
+
+void ReadAt(int file, std::uint64_t offset, std::size_t size, std::string& bytes) {
+  bytes.resize(size);
+  std::size_t filled = 0;
+  while (filled < size) {
+    ssize_t const got =
+        pread(file, bytes.data() + filled, size - filled, static_cast<off_t>(offset + filled));
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0) Throw(LSCOREDB_IO_ERROR);
+    if (got == 0) break;
+    filled += static_cast<std::size_t>(got);
+  }
+  bytes.resize(filled);
+}
+
+}  // namespace pages
+
+// Another process may be writing a header just now, and is done with it the next moment.
+void CheckFileHeader(int file) {
+  constexpr int kAttempts = 100;
+  std::string first;
+  pages::ReadAt(file, 0, 1, first);
+  if (first.empty()) return;
+  for (int attempt = 0; attempt < kAttempts; ++attempt) {
+    if (pages::HeadersHold(pages::ReadHeaders(file))) return;
+  }
+  Throw(LSCOREDB_DAMAGED);
+}
+
+}  // namespace lscore

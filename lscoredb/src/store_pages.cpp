@@ -1,0 +1,364 @@
+#include "store_pages.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <set>
+#include <vector>
+
+#include "bytes.h"
+#include "status.h"
+#include "store_header.h"
+
+namespace lscore {
+namespace {
+
+using namespace pages;
+
+struct KnownTree {
+  std::string_view name;
+  std::uint16_t key_kind;
+};
+constexpr KnownTree kKnownTrees[] = {{"rows", kIntegerKeys},
+                                     {"parts", kByteKeys},
+                                     {"index", kByteKeys},
+                                     {"definitions", kByteKeys},
+                                     {"meta", kByteKeys}};
+
+// Keys from `low` on and below `high`. Empty ones bound nothing.
+struct Bounds {
+  std::string_view low;
+  std::string_view high;
+};
+
+// One node of a page; Page::Load has looked at its places.
+struct Node {
+  std::string_view key;
+  std::uint16_t value_kind = 0;
+  std::uint64_t child = 0;       // on a branch page
+  std::uint64_t value_size = 0;  // on a leaf
+  char const* value = nullptr;   // likewise; on overflow pages: their number
+};
+
+class Page {
+ public:
+  // Why the bytes are no page of that kind, or null.
+  char const* Load(std::uint64_t number, std::size_t page_size, bool leaf, std::string bytes);
+
+  std::size_t count() const { return count_; }
+  Node At(std::size_t i) const;
+
+ private:
+  std::uint16_t Short(std::size_t at) const { return lscore::Load<std::uint16_t>(&bytes_[at]); }
+  std::size_t Place(std::size_t i) const { return Short(kPageHead + 2 * i); }
+  // The bytes that a node takes, 0 when it does not fit into the page.
+  std::size_t NodeSize(std::size_t at) const;
+
+  std::string bytes_;
+  bool leaf_ = false;
+  std::size_t count_ = 0;
+};
+
+char const* Page::Load(std::uint64_t number, std::size_t page_size, bool leaf, std::string bytes) {
+  bytes_ = std::move(bytes);
+  leaf_ = leaf;
+  if (bytes_.size() < page_size) return "the file ends before it";
+  if (lscore::Load<std::uint64_t>(bytes_.data()) != number) return "it bears another number";
+  if (Short(10) != (leaf ? kLeaf : kBranch)) return "it is of another kind";
+  std::size_t const lower = Short(12);
+  std::size_t const upper = Short(14);
+  if (lower < kPageHead || lower % 2 != 0 || upper < lower || upper > page_size) {
+    return "its head contradicts itself";
+  }
+  count_ = (lower - kPageHead) / 2;
+  std::size_t used = 0;
+  for (std::size_t i = 0; i < count_; ++i) {
+    std::size_t const size = Place(i) < upper ? 0 : NodeSize(Place(i));
+    if (size == 0) return "an entry lies outside of it";
+    used += size;
+  }
+  return used == page_size - upper ? nullptr : "its entries overlap";
+}
+
+std::size_t Page::NodeSize(std::size_t at) const {
+  if (at % 2 != 0 || at + kNodeHead > bytes_.size()) return 0;
+  std::uint64_t size = kNodeHead + std::uint64_t{Short(at + 6)};
+  if (leaf_) {
+    bool const on_overflow = (Short(at + 4) & kValueOnOverflow) != 0;
+    size += on_overflow ? sizeof(std::uint64_t) : lscore::Load<std::uint32_t>(&bytes_[at]);
+  }
+  return at + size > bytes_.size() ? 0 : static_cast<std::size_t>(size + size % 2);
+}
+
+Node Page::At(std::size_t i) const {
+  char const* const at = bytes_.data() + Place(i);
+  Node node;
+  node.key = {at + kNodeHead, lscore::Load<std::uint16_t>(at + 6)};
+  if (leaf_) {
+    node.value_kind = lscore::Load<std::uint16_t>(at + 4);
+    node.value_size = lscore::Load<std::uint32_t>(at);
+    node.value = at + kNodeHead + node.key.size();
+  } else {
+    node.child =
+        lscore::Load<std::uint32_t>(at) | std::uint64_t{lscore::Load<std::uint16_t>(at + 4)} << 32;
+  }
+  return node;
+}
+
+// The pages that the file has room for. Of those behind it, which nobody has written, some may be
+// free.
+std::uint64_t PagesOf(int file, Header const& header) {
+  struct stat status {};
+  if (fstat(file, &status) != 0) Throw(LSCOREDB_IO_ERROR);
+  std::uint64_t const whole = static_cast<std::uint64_t>(status.st_size) / header.page_size + 1;
+  return std::min(whole, header.last_page + 1);
+}
+
+class Walk {
+ public:
+  Walk(int file, Header const& header, PageDepth depth, PageReport const& report)
+      : file_(file),
+        header_(header),
+        depth_(depth),
+        report_(report),
+        seen_(PagesOf(file, header)) {}
+
+  void Run();
+
+ private:
+  // What the walk of one tree has met, against what the tree's record says.
+  struct Met {
+    std::uint64_t branch_pages = 0;
+    std::uint64_t leaf_pages = 0;
+    std::uint64_t overflow_pages = 0;
+    std::uint64_t entries = 0;
+  };
+
+  void WalkTree(std::string_view name, TreeRecord const& tree);
+  void WalkPage(std::uint64_t number, std::uint16_t levels, Bounds bounds);
+  bool LoadPage(std::uint64_t number, std::uint16_t levels, Bounds bounds, Page& page);
+  void WalkChildren(Page const& page, std::uint16_t levels, Bounds bounds);
+  bool KeysHold(Page const& page, bool leaf, Bounds bounds) const;
+  bool KeyHolds(std::string_view key) const;
+  bool Below(std::string_view a, std::string_view b) const;
+  void WalkLeaf(Page const& page, Bounds bounds);
+  void WalkValue(Node const& node);
+  // The value's bytes, wherever they are; false when they cannot be read.
+  bool WalkOverflow(Node const& node, std::string* bytes);
+  void WalkFreePages(std::string_view key, std::string_view list);
+  void WalkNamedTree(Node const& node);
+  bool Take(std::uint64_t first, std::uint64_t count);
+  bool TakeFree(std::uint64_t number);
+  void Tell(char const* what, Bounds bounds = {}) {
+    ++faults_;
+    report_({name_, bounds.low, bounds.high, what});
+  }
+
+  int file_;
+  Header const& header_;
+  PageDepth depth_;
+  PageReport const& report_;
+  std::vector<bool> seen_;
+  std::set<std::uint64_t> seen_behind_;
+  std::uint64_t faults_ = 0;
+  std::string_view name_;
+  TreeRecord const* tree_ = nullptr;
+  Met met_;
+  std::vector<std::pair<std::string, TreeRecord>> named_;
+};
+
+void Walk::Run() {
+  WalkTree("trees", header_.trees);
+  for (KnownTree const& known : kKnownTrees) {
+    auto const at = std::find_if(named_.begin(), named_.end(),
+                                 [&](auto const& one) { return one.first == known.name; });
+    name_ = known.name;
+    if (at == named_.end()) {
+      if (depth_ == PageDepth::kAll) Tell("it is not there");
+    } else if (at->second.key_kind != known.key_kind) {
+      Tell("its record has keys of another kind");
+    } else {
+      WalkTree(known.name, at->second);
+    }
+  }
+  WalkTree("free", header_.free);
+}
+
+void Walk::WalkTree(std::string_view name, TreeRecord const& tree) {
+  name_ = name;
+  tree_ = &tree;
+  met_ = {};
+  if (tree.root == kNoPage) {
+    if (tree.depth != 0 || tree.entries != 0) Tell("its record contradicts itself");
+    return;
+  }
+  if (tree.depth == 0 || tree.depth > kMaxDepth) return Tell("its record contradicts itself");
+  std::uint64_t const before = faults_;
+  WalkPage(tree.root, tree.depth, {});
+  if (depth_ == PageDepth::kRoots && (name != "trees" || tree.depth > 1)) return;
+  bool const same = met_.branch_pages == tree.branch_pages && met_.leaf_pages == tree.leaf_pages &&
+                    met_.overflow_pages == tree.overflow_pages && met_.entries == tree.entries;
+  if (faults_ == before && !same) Tell("it does not have the size that its record says");
+}
+
+// `levels` is the height of what stands below the page and itself.
+void Walk::WalkPage(std::uint64_t number, std::uint16_t levels, Bounds bounds) {
+  Page page;
+  if (!LoadPage(number, levels, bounds, page)) return;
+  bool const leaf = levels == 1;
+  ++(leaf ? met_.leaf_pages : met_.branch_pages);
+  if (!KeysHold(page, leaf, bounds)) return Tell("its keys are out of order", bounds);
+  if (leaf) {
+    WalkLeaf(page, bounds);
+  } else if (depth_ == PageDepth::kAll) {
+    WalkChildren(page, levels, bounds);
+  }
+}
+
+bool Walk::LoadPage(std::uint64_t number, std::uint16_t levels, Bounds bounds, Page& page) {
+  if (!Take(number, 1)) {
+    Tell("it lies outside of the file, or is used twice", bounds);
+    return false;
+  }
+  std::string bytes;
+  ReadAt(file_, number * header_.page_size, header_.page_size, bytes);
+  char const* const broken = page.Load(number, header_.page_size, levels == 1, std::move(bytes));
+  std::size_t const fewest = levels == 1 || name_ == "free" ? 1 : 2;
+  if (broken == nullptr && page.count() >= fewest) return true;
+  Tell(broken != nullptr ? broken : "it has too few entries", bounds);
+  return false;
+}
+
+void Walk::WalkChildren(Page const& page, std::uint16_t levels, Bounds bounds) {
+  for (std::size_t i = 0; i < page.count(); ++i) {
+    Bounds const own{i == 0 ? bounds.low : page.At(i).key,
+                     i + 1 == page.count() ? bounds.high : page.At(i + 1).key};
+    WalkPage(page.At(i).child, static_cast<std::uint16_t>(levels - 1), own);
+  }
+}
+
+// The first key of a branch page stands for everything below the second, whatever it is.
+bool Walk::KeysHold(Page const& page, bool leaf, Bounds bounds) const {
+  std::string_view before;
+  for (std::size_t i = leaf ? 0 : 1; i < page.count(); ++i) {
+    std::string_view const key = page.At(i).key;
+    if (!KeyHolds(key) || (!before.empty() && !Below(before, key))) return false;
+    if (before.empty() && !bounds.low.empty() && Below(key, bounds.low)) return false;
+    before = key;
+  }
+  return before.empty() || bounds.high.empty() || Below(before, bounds.high);
+}
+
+bool Walk::KeyHolds(std::string_view key) const {
+  return tree_->key_kind == kIntegerKeys ? key.size() == sizeof(std::uint64_t)
+                                         : !key.empty() && key.size() <= kMaxKey;
+}
+
+bool Walk::Below(std::string_view a, std::string_view b) const {
+  if (tree_->key_kind != kIntegerKeys) return a < b;
+  return Load<std::uint64_t>(a.data()) < Load<std::uint64_t>(b.data());
+}
+
+void Walk::WalkLeaf(Page const& page, Bounds bounds) {
+  met_.entries += page.count();
+  for (std::size_t i = 0; i < page.count(); ++i) {
+    Node const node = page.At(i);
+    bool const names = name_ == "trees";
+    if (names && node.value_kind == kValueIsTree && node.value_size == kTreeSize) {
+      WalkNamedTree(node);
+    } else if (node.value_kind > kValueOnOverflow) {
+      return Tell("an entry is of another kind", bounds);
+    } else if (!names || depth_ == PageDepth::kAll) {
+      WalkValue(node);
+    }
+  }
+}
+
+void Walk::WalkNamedTree(Node const& node) {
+  bool const known = std::any_of(std::begin(kKnownTrees), std::end(kKnownTrees),
+                                 [&](KnownTree const& tree) { return tree.name == node.key; });
+  if (!known && depth_ == PageDepth::kAll) Tell("it holds a tree of another name");
+  named_.emplace_back(std::string(node.key), ReadTree(node.value));
+}
+
+void Walk::WalkValue(Node const& node) {
+  bool const free = name_ == "free";
+  std::string overflow;
+  std::string_view value(node.value, node.value_kind == kPlainValue ? node.value_size : 0);
+  if (name_ == "trees") return Tell("it holds something that is no tree");
+  if (node.value_kind == kValueOnOverflow) {
+    if (!WalkOverflow(node, free ? &overflow : nullptr)) {
+      return Tell("a value on pages of its own cannot be read", {node.key, node.key});
+    }
+    value = overflow;
+  }
+  if (free && depth_ == PageDepth::kAll) WalkFreePages(node.key, value);
+}
+
+bool Walk::WalkOverflow(Node const& node, std::string* bytes) {
+  auto const first = Load<std::uint64_t>(node.value);
+  std::uint64_t const needed = (kPageHead - 1 + node.value_size) / header_.page_size + 1;
+  if (first < kHeaderPages || first > header_.last_page) return false;
+  std::string head;
+  ReadAt(file_, first * header_.page_size, kPageHead, head);
+  if (head.size() < kPageHead || Load<std::uint64_t>(head.data()) != first) return false;
+  if (Load<std::uint16_t>(head.data() + 10) != kOverflow) return false;
+  auto const count = Load<std::uint32_t>(head.data() + 12);
+  if (count < needed || !Take(first, count)) return false;
+  met_.overflow_pages += count;
+  std::string last;
+  std::uint64_t const end = first * header_.page_size + kPageHead + node.value_size;
+  ReadAt(file_, end - 1, 1, last);
+  if (last.empty()) return false;
+  if (bytes != nullptr) {
+    ReadAt(file_, first * header_.page_size + kPageHead, node.value_size, *bytes);
+  }
+  return true;
+}
+
+// A count and as many page numbers, falling, that the commit named by the key has left.
+void Walk::WalkFreePages(std::string_view key, std::string_view list) {
+  auto const commit = Load<std::uint64_t>(key.data());
+  std::size_t const room = list.size() / sizeof(std::uint64_t);
+  std::uint64_t const count = room == 0 ? 0 : Load<std::uint64_t>(list.data());
+  if (room == 0 || count >= room || commit == 0 || commit > header_.commit) {
+    return Tell("a list of free pages contradicts itself");
+  }
+  std::uint64_t above = kNoPage;
+  for (std::uint64_t i = 1; i <= count; ++i) {
+    auto const number = Load<std::uint64_t>(list.data() + i * sizeof(std::uint64_t));
+    if (number >= above || !TakeFree(number)) {
+      return Tell("a list of free pages names one that is in use");
+    }
+    above = number;
+  }
+}
+
+// Whether the pages are there and nobody had them before.
+bool Walk::Take(std::uint64_t first, std::uint64_t count) {
+  if (first < kHeaderPages || first > header_.last_page) return false;
+  if (first >= seen_.size() || count > seen_.size() - first) return false;
+  for (std::uint64_t number = first; number < first + count; ++number) {
+    if (seen_[number]) return false;
+    seen_[number] = true;
+  }
+  return true;
+}
+
+bool Walk::TakeFree(std::uint64_t number) {
+  if (number < seen_.size()) return Take(number, 1);
+  return number <= header_.last_page && seen_behind_.insert(number).second;
+}
+
+}  // namespace
+
+bool WalkPages(int file, std::uint64_t commit, PageDepth depth, PageReport const& report) {
+  for (Header const& header : ReadHeaders(file)) {
+    if (header.commit != commit) continue;
+    Walk(file, header, depth, report).Run();
+    return true;
+  }
+  return false;
+}
+
+}  // namespace lscore

@@ -1,0 +1,49 @@
+#ifndef LSCOREDB_SRC_STORE_PAGES_H
+#define LSCOREDB_SRC_STORE_PAGES_H
+
+// Reads the pages of a data file by itself and looks whether they hold together. The store's
+// library follows what pages say without asking, so that a page gone wrong ends the process or
+// answers with another page's bytes; after a walk of these over a state, the library may be trusted
+// with it.
+//
+// Everything is read through the file's descriptor, never through the map: a file that is cut
+// meanwhile reads short here, where a touch of the map would end the process. For the store's own
+// source files. No state, any thread; memory is one bit for each page of the file and one page for
+// each level of a tree.
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <string_view>
+
+namespace lscore {
+
+// A part of a tree that cannot be read. `tree` is empty for what concerns the file as a whole. Keys
+// from `low` on and below `high` are lost with it; empty: from the beginning, to the end.
+struct PageFault {
+  std::string_view tree;
+  std::string_view low;
+  std::string_view high;
+  char const* what;
+};
+
+// Is told of each fault. It may throw, which ends the walk.
+using PageReport = std::function<void(PageFault const&)>;
+
+// The beginning of the file, which says where its trees are: two records of the last two commits.
+// An empty file has none and passes. Throws LSCOREDB_NOT_A_DATABASE or LSCOREDB_DAMAGED.
+void CheckFileHeader(int file);
+
+enum class PageDepth {
+  kRoots,  // the trees' names and first pages: a constant effort
+  kAll,    // each page that is in use, and the list of those that are not
+};
+
+// Walks the state that commit `commit` made. Returns false, with nothing told, when the file does
+// not say any more where that state is, since two commits have followed it.
+// REQUIRES: a reader of that state is open, so that its pages stay.
+bool WalkPages(int file, std::uint64_t commit, PageDepth depth, PageReport const& report);
+
+}  // namespace lscore
+
+#endif
