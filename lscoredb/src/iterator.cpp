@@ -37,6 +37,7 @@ void Transaction::CloseIterator(Iterator& iterator) {
 
 void Iterator::Start(Transaction& transaction, IndexDefinition const& index, bool reverse) {
   transaction_ = &transaction;
+  failed_ = LORV_STATUS_OK;
   reverse_ = reverse;
   seen_ = transaction.now_;
   pending_ = transaction.changes_.FindIndex(index.id);
@@ -120,6 +121,11 @@ bool Iterator::NextEntry(Entry* out) {
 
 Status Iterator::Next(ObjectId* object, LayoutNumber* layout) {
   if (transaction_ == nullptr) return LSCOREDB_NO_TRANSACTION;
+  if (failed_ == LORV_STATUS_OK) failed_ = Guarded([&] { return Step(object, layout); });
+  return failed_;
+}
+
+Status Iterator::Step(ObjectId* object, LayoutNumber* layout) {
   for (Entry entry; NextEntry(&entry);) {
     PendingRow const* const row = transaction_->changes_.FindRow(entry.object);
     if (row != nullptr && row->deleted) continue;

@@ -24,11 +24,14 @@ class Iterator {
   Iterator& operator=(Iterator const&) = delete;
 
   // The next object that is still there; kNoObject at the end. LSCOREDB_NO_TRANSACTION: the
-  // transaction that the walk belongs to has ended.
+  // transaction that the walk belongs to has ended. A walk that failed goes on failing: what it did
+  // not get to is not to be passed over.
   Status Next(ObjectId* object, LayoutNumber* layout);
 
  private:
   friend class Transaction;
+
+  Status Step(ObjectId* object, LayoutNumber* layout);
 
   // REQUIRES: low_ and high_ are set.
   void Start(Transaction& transaction, IndexDefinition const& index, bool reverse);
@@ -41,6 +44,7 @@ class Iterator {
   void SkipUntouched();
 
   Transaction* transaction_ = nullptr;  // null: not open, or ended
+  Status failed_ = LORV_STATUS_OK;
   bool reverse_ = false;
   Sequence seen_ = 0;  // later writes are not seen
   std::string low_;

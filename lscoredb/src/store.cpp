@@ -158,12 +158,12 @@ Store::~Store() {
 }
 
 int Store::NewSnapshot(std::unique_ptr<Snapshot>* out) {
-  MDB_txn* txn = nullptr;
-  int code = mdb_txn_begin(env_, nullptr, MDB_RDONLY, &txn);
+  auto snapshot = std::make_unique<Snapshot>(*this, nullptr);
+  int code = mdb_txn_begin(env_, nullptr, MDB_RDONLY, &snapshot->txn_);
   if (code == MDB_READERS_FULL && FreeDeadReaders()) {
-    code = mdb_txn_begin(env_, nullptr, MDB_RDONLY, &txn);
+    code = mdb_txn_begin(env_, nullptr, MDB_RDONLY, &snapshot->txn_);
   }
-  if (code == 0) *out = std::make_unique<Snapshot>(*this, txn);
+  if (code == 0) *out = std::move(snapshot);
   return code;
 }
 

@@ -163,7 +163,7 @@ class Store {
   friend class Cursor;
   friend class StoreOpener;
 
-  explicit Store(MDB_env* env) : env_(env) {}
+  Store() = default;
   unsigned Handle(Tree tree) const { return trees_[static_cast<std::size_t>(tree)]; }
   // These give the store's own codes.
   int NewSnapshot(std::unique_ptr<Snapshot>* out);
@@ -173,7 +173,7 @@ class Store {
   bool NoteFile(View& view) const;
   void NoteGrowth() noexcept;
 
-  MDB_env* env_;
+  MDB_env* env_ = nullptr;
   std::uintptr_t map_begin_ = 0;  // where the file lies in memory
   std::size_t page_size_ = 0;
   unsigned trees_[kTreeCount] = {};

@@ -39,11 +39,11 @@ class MemoryDirectory {
     char const* const base = std::getenv("TMPDIR");
     path_ = (base != nullptr ? std::string(base) : std::string("/tmp")) + "/lscoredb-XXXXXX";
     if (mkdtemp(path_.data()) == nullptr) Throw(LSCOREDB_CANNOT_OPEN);
-    file_ = memfd_create("lscoredb", MFD_CLOEXEC);
-    std::string const target = "/proc/self/fd/" + std::to_string(file_);
-    if (file_ < 0 || symlink(target.c_str(), (path_ + "/data.mdb").c_str()) != 0) {
+    try {
+      LinkMemory();
+    } catch (...) {
       Clear();
-      Throw(LSCOREDB_CANNOT_OPEN);
+      throw;
     }
   }
   ~MemoryDirectory() { Clear(); }
@@ -53,15 +53,25 @@ class MemoryDirectory {
   char const* path() const { return path_.c_str(); }
 
  private:
-  void Clear() {
-    unlink((path_ + "/data.mdb").c_str());
-    unlink((path_ + "/lock.mdb").c_str());
+  void LinkMemory() {
+    data_ = path_ + "/data.mdb";
+    lock_ = path_ + "/lock.mdb";
+    file_ = memfd_create("lscoredb", MFD_CLOEXEC);
+    std::string const target = "/proc/self/fd/" + std::to_string(file_);
+    if (file_ < 0 || symlink(target.c_str(), data_.c_str()) != 0) Throw(LSCOREDB_CANNOT_OPEN);
+  }
+
+  void Clear() noexcept {
+    unlink(data_.c_str());
+    unlink(lock_.c_str());
     rmdir(path_.c_str());
     if (file_ >= 0) close(file_);
     file_ = -1;
   }
 
   std::string path_;
+  std::string data_;
+  std::string lock_;
   int file_ = -1;
 };
 
@@ -122,9 +132,9 @@ void SealTree(MDB_txn* txn, MDB_dbi tree) {
 class StoreOpener {
  public:
   static std::unique_ptr<Store> Open(char const* path, StoreOptions const& options, bool sync) {
-    MDB_env* env = nullptr;
-    CheckOpening(mdb_env_create(&env));
-    std::unique_ptr<Store> store(new Store(env));
+    std::unique_ptr<Store> store(new Store);
+    CheckOpening(mdb_env_create(&store->env_));
+    MDB_env* const env = store->env_;
     CheckOpening(mdb_env_set_assert(env, OnBrokenPage));
     CheckOpening(mdb_env_set_maxdbs(env, kTreeCount));
     CheckOpening(mdb_env_set_maxreaders(env, options.max_readers));

@@ -30,8 +30,8 @@ struct Disk {
 };
 
 Disk& TheDisk() {
-  static auto* const disk = new Disk;
-  return *disk;
+  static Disk disk;
+  return disk;
 }
 
 void Put(int file, char const* data, std::size_t size, off_t at) {
