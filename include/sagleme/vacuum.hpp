@@ -1,14 +1,18 @@
 #ifndef SAGLEME_VACUUM_HPP
 #define SAGLEME_VACUUM_HPP
 
-// Works off what schema changes leave behind: objects under superseded layouts, and objects of
-// dropped tables.
+// Works off what schema changes leave behind: objects under superseded layouts, objects of dropped
+// tables, and then the layouts themselves.
 //
 // A request names a set specifier and concerns the objects of exactly that set. A move brings each
 // object that has another layout than the one expected to it, values kept by column, new columns
 // null or zero. A removal deletes each object; the rows of the set specifier and of the type id
 // stay, since neither is ever used again. A request goes in a transaction that has seen no such
 // object left, and the request as it was read.
+//
+// At its end a run releases the kernel layouts that no row of the catalogue names and no object
+// stands under, those that earlier runs left among them. Their numbers are given out again once
+// every process has ended that had the database open, see lscoredb_release_layout.
 //
 // Every batch is a transaction of its own, opened in the context given, which must have none open.
 // A run can end after any of them, also by the death of the process, and the next one goes on.
@@ -40,6 +44,7 @@ struct VacuumProgress {
   std::uint64_t requests_done = 0;
   std::uint64_t requests = 0;   // that were there at the beginning
   std::uint64_t conflicts = 0;  // batches that were tried again
+  std::uint64_t released = 0;   // layouts
 };
 
 struct VacuumOptions {

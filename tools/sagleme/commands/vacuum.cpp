@@ -44,8 +44,9 @@ Exit VacuumCommand::Run(Session& session, Output& output) {
   };
   auto const done = sagleme::RunVacuum(session.context(), options);
   progress.Finish(done.moved + done.removed);
-  output.Note(fmt::format("moved {}, removed {}, requests worked off {} of {}\n", done.moved,
-                          done.removed, done.requests_done, done.requests));
+  output.Note(
+      fmt::format("moved {}, removed {}, requests worked off {} of {}, layouts released {}\n",
+                  done.moved, done.removed, done.requests_done, done.requests, done.released));
   return Exit::kDone;
 }
 

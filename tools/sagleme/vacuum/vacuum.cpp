@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <sagleme/vacuum.hpp>
+#include <set>
 #include <span>
 #include <thread>
 
@@ -25,6 +26,44 @@ TablePtr VacuumTable(Transaction& transaction) {
   return transaction.table(u"Lorvenstack.Internal.Metadata.Vacuum");
 }
 
+// The layouts that tables have, and those that requests speak of.
+std::set<std::uint16_t> NamedLayouts(Transaction& transaction) {
+  std::set<std::uint16_t> named;
+  TablePtr const views = transaction.table(u"Lorvenstack.Metadata.RawView");
+  Property<std::uint64_t> const layout(*views, u"LayoutHandle");
+  for (Object const& view : Range::Subtree(transaction, *views)) {
+    named.insert(static_cast<std::uint16_t>(layout.GetOr(view, 0)));
+  }
+  for (VacuumRequest const& request : VacuumRequests(transaction)) named.insert(request.layout);
+  return named;
+}
+
+// Whether a layout is that of a table, now or in former times: what a host may have made in the
+// kernel beside the tables is not.
+bool IsOfTables(Transaction& transaction, std::uint16_t layout) {
+  std::uint16_t const root = RootTable(transaction)->layout;
+  while (layout != 0 && layout != root) {
+    LORVI_LAYOUT_INFO info{};
+    detail::CheckKernel(lorvi_context_get_layout_info(transaction.context(), layout, &info));
+    layout = info.base_layout_handle;
+  }
+  return layout == root;
+}
+
+std::vector<std::uint16_t> EmptyLayouts(Transaction& transaction) {
+  std::uint32_t count = 0;
+  detail::CheckKernel(lscoredb_layout_stats(transaction.context(), &count, nullptr));
+  std::vector<lscoredb_layout_statistics> statistics(count);
+  if (count != 0) {
+    detail::CheckKernel(lscoredb_layout_stats(transaction.context(), &count, statistics.data()));
+  }
+  std::vector<std::uint16_t> empty;
+  for (lscoredb_layout_statistics const& layout : statistics) {
+    if (layout.objects == 0) empty.push_back(layout.layout);
+  }
+  return empty;
+}
+
 bool SameRequest(VacuumRequest const& a, VacuumRequest const& b) {
   return a.row == b.row && a.setspec == b.setspec && a.layout == b.layout && a.kind == b.kind;
 }
@@ -42,8 +81,9 @@ class Worker {
     }
     progress_.requests = requests.size();
     for (VacuumRequest const& request : requests) {
-      if (!WorkOff(request)) break;
+      if (!WorkOff(request)) return progress_;
     }
+    Attempt([this](Transaction& transaction) { return ReleaseLayouts(transaction); });
     return progress_;
   }
 
@@ -144,6 +184,18 @@ class Worker {
     }
     Object::Find(transaction, request.row)->Delete();
     ++progress_.requests_done;
+    return false;
+  }
+
+  // The layouts of one name may be those of two tables, one of which had the name of the other
+  // once: only the catalogue knows which are in use.
+  bool ReleaseLayouts(Transaction& transaction) {
+    std::set<std::uint16_t> const named = NamedLayouts(transaction);
+    for (std::uint16_t const layout : EmptyLayouts(transaction)) {
+      if (named.contains(layout) || !IsOfTables(transaction, layout)) continue;
+      detail::CheckKernel(lscoredb_release_layout(transaction.context(), layout));
+      ++progress_.released;
+    }
     return false;
   }
 
