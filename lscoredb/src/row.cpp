@@ -101,6 +101,7 @@ class ImageCheck {
     std::size_t const values = ends + end_size * variable;
     auto const setspec = Load<std::uint64_t>(bytes_.data() + format::kSetspecSizeOffset);
     if (values > bytes_.size() || setspec > bytes_.size() - values) return false;
+    if ((image_.flags() & format::kWideSetspec) != 0 && setspec % 2 != 0) return false;
     std::uint64_t last = 0;
     for (std::uint32_t i = 0; i < variable; ++i) {
       bool wide = false;
