@@ -13,6 +13,8 @@ using namespace lscore;
 
 namespace {
 
+constexpr ObjectId kId{123};
+
 Layout MakeLayout(Input& input) {
   std::vector<Column> columns(input.Below(80));
   std::uint64_t token = 100;
@@ -53,10 +55,11 @@ void ReadForeign(Input& input) {
   if (image.size() >= format::kHeaderSize) {
     StoreAt(image.data() + format::kLayoutOffset, Raw(layout.number()));
     StoreAt(image.data() + format::kBitCountOffset, layout.bit_count());
+    StoreAt(image.data() + format::kOwnerOffset, std::uint32_t{0});  // of anybody
     StoreAt(image.data() + format::kCrcOffset, Crc32c(std::string_view(image).substr(4)));
   }
   image.shrink_to_fit();
-  if (RowImage::Validate(image, layout)) ReadAll(image, layout);
+  if (RowImage::Validate(image, kId, layout)) ReadAll(image, layout);
 }
 
 void BuildAndRead(Input& input) {
@@ -80,8 +83,8 @@ void BuildAndRead(Input& input) {
   setspec.data = "ABCD";
   setspec.size = setspec.present ? input.Below(5) : 0;
   ImageBuilder builder;
-  std::string const image(builder.Build(layout, CommitId{9}, setspec, cells));
-  Require(RowImage::Validate(image, layout), "what is built is good");
+  std::string const image(builder.Build(kId, layout, CommitId{9}, setspec, cells));
+  Require(RowImage::Validate(image, kId, layout), "what is built is good");
   RowImage const row(image.data());
   Require(row.Setspec(layout).bytes() == setspec.bytes().substr(0, setspec.size),
           "a set reads back");
