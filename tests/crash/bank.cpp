@@ -139,6 +139,12 @@ void MakeAccount(Transaction& transaction, std::u16string const& table, std::int
   account.Set(*found, found->GetColumn(u"Balance"), balance);
 }
 
+std::uint32_t TellFinding(void*, lscoredb_finding const* finding) {
+  ADD_FAILURE() << finding->text << " object " << finding->object << ", index " << finding->index
+                << ", layout " << finding->layout;
+  return 0;
+}
+
 std::unique_ptr<Database> OpenOrCreate(std::string const& directory, Options const& options) {
   if (Database::ExistsIn(directory)) {
     try {
@@ -280,6 +286,7 @@ void Bank::ExpectWhole() {
   ExpectAccounts(transaction, done);
   ExpectTransfers(transaction, done);
   ExpectSchema(transaction, done[kArchitect]);
+  EXPECT_EQ(0U, lscoredb_check(database_->handle(), 0, TellFinding, nullptr));
   tool::Check(transaction, {}, [](tool::Finding const& finding) {
     ADD_FAILURE() << finding.rule << " " << finding.table << " " << finding.object << ": "
                   << finding.what;

@@ -132,6 +132,8 @@ void ExpectRefusedEverywhere(Call const& call) {
 struct NamedCall {
   char const* name;
   Call call;
+
+  friend void PrintTo(NamedCall const& named, std::ostream* out) { *out << named.name; }
 };
 
 std::uint32_t PutSetspec(World& world) {
