@@ -7,23 +7,24 @@
  * Rules
  *
  *  1. A database is a directory, or lives in memory and is gone at close. Several processes may
- * have one directory open, and one process may open it several times.
+ *     have one directory open, and one process may open it several times.
  *  2. A context carries at most one transaction. Any number of contexts may be open; one thread at
- * a time uses a context.
+ *     a time uses a context.
  *  3. A transaction reads the database as it was at its begin, plus its own writes. Readers never
  *     wait for writers; writers wait for one another only inside commit. Of two transactions that
  *     write one object the second to commit fails with LSCOREDB_CONFLICT.
  *  4. A commit that returned 0 is kept, with the default durability also through a loss of power.
  *     One that returned anything else left nothing, and its transaction is over.
  *  5. Every function returns a status, 0 for success, and writes no output and changes nothing when
- * it fails. lscoredb_status_text has a sentence for each.
+ *     it fails. lscoredb_status_text has a sentence for each.
  *  6. Identities of objects and indexes are never given out again, those of a transaction that is
- * rolled back not while the process lives.
+ *     rolled back not while the process lives.
  *  7. A layout number that a transaction took, whatever became of the transaction, is not given out
- * again while any process lives that has had the database open, though it may have closed it: what
- * it keeps by layout number stays true. Afterwards the numbers of transactions that were rolled
- * back are free, and those of layouts that were released, see lscoredb_release_layout. Each process
- * keeps a file "layouts.lock" of the directory open and locked for this until it ends.
+ *     again while any process lives that has had the database open, though it may have closed it:
+ *     what it keeps by layout number stays true. Afterwards the numbers of transactions that were
+ *     rolled back are free, and those of layouts that were released, see lscoredb_release_layout.
+ *     Each process keeps a file "layouts.lock" of the directory open and locked for this until it
+ *     ends.
  *
  * Statuses that any function may give, not repeated below: LSCOREDB_UNKNOWN_CONTEXT for a context
  * that is not open, LSCOREDB_NULL_ARGUMENT, LSCOREDB_NO_MEMORY, LSCOREDB_IO_ERROR,
@@ -40,8 +41,7 @@
 extern "C" {
 #endif
 
-/* ---- statuses of the embedded kernel, beside those of the contract ------------------------------
- */
+/* ---- statuses of the embedded kernel, beside those of the contract --------------------------- */
 
 #define LSCOREDB_NO_MEMORY 1003u
 /* Calls out of turn, and arguments that name nothing or do not fit. */
@@ -76,8 +76,7 @@ extern "C" {
 
 typedef struct lscoredb lscoredb;
 
-/* ---- opening
- * ---------------------------------------------------------------------------------------- */
+/* ---- opening --------------------------------------------------------------------------------- */
 
 #define LSCOREDB_DURABLE 0u /* every commit is synced before it returns */
 #define LSCOREDB_NO_SYNC 1u /* survives the death of the process, not of the machine */
@@ -107,8 +106,7 @@ LSCOREDB_API uint32_t lscoredb_open(char const* directory, lscoredb_options cons
 /* Ends the use of a database; `*database` is gone then. LSCOREDB_IN_USE: contexts are open. */
 LSCOREDB_API uint32_t lscoredb_close(lscoredb* database);
 
-/* ---- contexts and transactions
- * ------------------------------------------------------------------------- */
+/* ---- contexts and transactions --------------------------------------------------------------- */
 
 /* Opens a context. A handle is never 0 and names nothing any more once it is closed. */
 LSCOREDB_API uint32_t lscoredb_context_open(lscoredb* database, uint64_t* out_context);
@@ -136,9 +134,7 @@ LSCOREDB_API uint32_t lscoredb_rollback(uint64_t context);
 LSCOREDB_API uint32_t lscoredb_read_scope_begin(uint64_t context);
 LSCOREDB_API uint32_t lscoredb_read_scope_end(uint64_t context);
 
-/* ---- upkeep
- * ------------------------------------------------------------------------------------------------
- */
+/* ---- upkeep ---------------------------------------------------------------------------------- */
 
 /* Moves an object to another layout, columns matched by token: what both have is kept, the rest is
  * null or zero. LORV_STATUS_NO_OBJECT, LSCOREDB_UNKNOWN_LAYOUT, LSCOREDB_READ_ONLY. */
@@ -167,9 +163,25 @@ LSCOREDB_API uint32_t lscoredb_layout_stats(uint64_t context, uint32_t* count,
  * its transaction can go on, commit and roll back. */
 LSCOREDB_API uint32_t lscoredb_release_layout(uint64_t context, uint16_t layout);
 
+typedef struct lscoredb_statistics {
+  size_t size;            /* set to sizeof(lscoredb_statistics) by the caller */
+  uint64_t file_size;     /* bytes of the data file that have been used, free places included */
+  uint64_t max_file_size; /* bytes that it may grow to */
+  uint64_t last_commit;   /* the number of the newest committed state */
+  uint64_t oldest_commit; /* of the oldest state that an open transaction of any process reads; what
+                             newer states freed is used again once it moves on */
+  uint32_t transactions;  /* open ones, over all processes */
+  uint32_t max_readers;   /* how many there may be */
+} lscoredb_statistics;
+
+/* Figures of the whole database. Fields beyond `out->size` are not written.
+ * LSCOREDB_INVALID_ARGUMENT: a `size` that is none. */
+LSCOREDB_API uint32_t lscoredb_stats(lscoredb* database, lscoredb_statistics* out);
+
 /* Writes a copy of the newest committed state into `directory`, which is not there yet or empty,
- * while contexts of this and other processes read and write. The copy is a database by itself. Of a
- * copy that failed the directory may hold a part, which is to be removed. */
+ * while contexts of this and other processes read and write. The copy is a database by itself and
+ * packed: it has no free places. Of a copy that failed the directory may hold a part, which is to
+ * be removed. */
 LSCOREDB_API uint32_t lscoredb_copy(lscoredb* database, char const* directory);
 
 /* ---- the check

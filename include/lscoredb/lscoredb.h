@@ -14,26 +14,26 @@
  *  2. A context is a 64-bit handle owned by the host. One thread at a time uses a context. All
  *     functions below run inside the transaction that the host has open in the context.
  *  3. An object is named by two words: `oid`, its identity, never 0 and never used twice, and
- * `addr`, whose low 16 bits name a layout. The columns of a call are the columns of that layout.
- * The high 48 bits are a position that the kernel gave; 0 is accepted in their place. A layout of 0
- * in the address stands for the object's own layout.
+ *     `addr`, whose low 16 bits name a layout. The columns of a call are the columns of that
+ *     layout. The high 48 bits are a position that the kernel gave; 0 is accepted in their place. A
+ *     layout of 0 in the address stands for the object's own layout.
  *  4. An object keeps the layout under which it was written. When the address names another one,
  *     columns are matched by token. A column that the object's layout lacks reads as null, or as
- * zero where it is not nullable. A write first moves the object to the named layout, provided that
- *     layout is newer and of the same set; otherwise the object stays where it is and the write
- * goes to the column of that token.
+ *     zero where it is not nullable. A write first moves the object to the named layout, provided
+ *     that layout is newer and of the same set; otherwise the object stays where it is and the
+ *     write goes to the column of that token.
  *  5. Column 0 of every layout is the object's identity, column 1 its set specifier; neither is
  *     written through the column functions. An unwritten column reads as null where it is nullable,
  *     else as zero.
  *  6. Memory handed out (string and binary records, texts) belongs to the kernel. It is writable,
- * has room for one more unit behind the last one, and stays valid until the transaction, or the
+ *     has room for one more unit behind the last one, and stays valid until the transaction, or the
  *     innermost read scope of the context, ends.
  *  7. Texts passed in are UTF-16 ended by a zero unit. Lone surrogates are legal. The kernel keeps
- * no pointer to anything passed in.
+ *     no pointer to anything passed in.
  *  8. A kernel may give statuses beside those named here; the metadata layer passes them on as they
  *     are. Those of the embedded kernel stand in <lscoredb/host.h>: among them calls outside a
  *     transaction, writes in a read-only one, unknown layouts and columns, a column of another type
- * than the function's, and a key that a unique index holds already.
+ *     than the function's, and a key that a unique index holds already.
  */
 
 #include <stdint.h>
@@ -52,7 +52,7 @@
 extern "C" {
 #endif
 
-/* ---- statuses of the contract --------------------------------------------------------------- */
+/* ---- statuses of the contract ---------------------------------------------------------------- */
 
 #define LORV_STATUS_OK 0u
 /* The object was deleted by this very transaction and cannot be reached. */
@@ -66,8 +66,7 @@ extern "C" {
 /* A column token occurs twice in a layout. */
 #define LORV_STATUS_DUPLICATE_TOKEN 4277u
 
-/* ---- column types ------------------------------------------------------------------------------
- */
+/* ---- column types ---------------------------------------------------------------------------- */
 
 #define LORV_TYPE_STRING 1u
 #define LORV_TYPE_BINARY 2u
@@ -83,8 +82,7 @@ extern "C" {
 #define LORV_TOKEN_ID 1u
 #define LORV_TOKEN_SETSPEC 2u
 
-/* ---- records that cross the boundary -----------------------------------------------------------
- */
+/* ---- records that cross the boundary --------------------------------------------------------- */
 
 /* Reference to an object. `oid` 0 is the null reference, whatever `addr` holds. */
 typedef struct LS_OBJ_REF {
@@ -139,8 +137,7 @@ typedef struct LORVI_INDEX_INFO {
   uint16_t flags;    /* the flags that the index was created with, low 16 bits */
 } LORVI_INDEX_INFO;
 
-/* ---- rows
- * ---------------------------------------------------------------------------------------- */
+/* ---- rows ------------------------------------------------------------------------------------ */
 
 /* Reads a column of one type. LORV_STATUS_NULL: the column has no value and `out` is not written.
  */
@@ -211,8 +208,7 @@ LSCOREDB_API uint32_t lorv_context_delete(uint64_t context, uint64_t oid, uint64
  * LORV_STATUS_NO_OBJECT: there is none. */
 LSCOREDB_API uint32_t lorv_context_lookup(uint64_t context, uint64_t oid, uint64_t* out_addr);
 
-/* ---- index walks
- * ----------------------------------------------------------------------------------- */
+/* ---- index walks ----------------------------------------------------------------------------- */
 
 #define LORV_ITERATOR_FORWARD 0x70u
 #define LORV_ITERATOR_REVERSE 0x80070u
@@ -232,8 +228,7 @@ LSCOREDB_API uint32_t lorv_iterator_next(uint64_t iterator, LORV_REFERENCE* out)
  * as long as its context is open. */
 LSCOREDB_API uint32_t lorv_iterator_free(uint64_t iterator);
 
-/* ---- texts as key bytes
- * ------------------------------------------------------------------------------ */
+/* ---- texts as key bytes ---------------------------------------------------------------------- */
 
 /* The kernel's sort-order form of a text. Byte order is the order of UTF-16 code units. `flags` 1
  * gives the bound above all texts that begin with `text`. Returns the number of bytes needed; when
@@ -247,8 +242,7 @@ LSCOREDB_API uint32_t lorv_convert_ucs2_to_turbotext(char16_t const* text, uint3
 LSCOREDB_API uint32_t lorv_convert_ucs2_to_setspectt(char16_t const* text, uint32_t upper,
                                                      uint8_t* buffer, uint32_t size);
 
-/* ---- layouts and indexes
- * ------------------------------------------------------------------------------- */
+/* ---- layouts and indexes --------------------------------------------------------------------- */
 
 /* Creates a layout: the columns of `base_layout_handle`, then `columns`. A base of 0 makes a root,
  * whose columns 0 and 1 the kernel adds. `reserved` is 0. LORV_STATUS_DUPLICATE_TOKEN: two columns

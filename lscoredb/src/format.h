@@ -50,8 +50,8 @@
 //                                            of that set, and the whole set specifier
 //
 // "meta": "format" -> kMagic, version (4), without checksum; "next-id" -> first id not reserved yet
-// (8);
-//   "indexes" -> commit (8) that last created or dropped an index.
+//   (8); "indexes" -> commit (8) that last created or dropped an index; "states-before" -> what the
+//   store's own count of commits falls short of ours (8), in a packed copy; absent: nothing.
 
 #include <cstddef>
 #include <cstdint>
@@ -66,6 +66,7 @@ inline constexpr std::uint32_t kVersionWithoutSeals = 1;
 inline constexpr std::string_view kFormatKey = "format";
 inline constexpr std::string_view kNextIdKey = "next-id";
 inline constexpr std::string_view kIndexesKey = "indexes";
+inline constexpr std::string_view kStatesBeforeKey = "states-before";
 
 inline constexpr std::uint16_t kHasSetspec = 1;
 inline constexpr std::uint16_t kWideSetspec = 2;

@@ -142,4 +142,21 @@ uint32_t lscoredb_layout_stats(uint64_t context, uint32_t* count, lscoredb_layou
   });
 }
 
+uint32_t lscoredb_stats(lscoredb* database, lscoredb_statistics* out) {
+  return Guarded([&]() -> Status {
+    if (database == nullptr || out == nullptr) return LSCOREDB_NULL_ARGUMENT;
+    if (out->size < sizeof out->size) return LSCOREDB_INVALID_ARGUMENT;
+    StoreStatistics const found = database->database->store().Statistics();
+    lscoredb_statistics const all{out->size,
+                                  found.file_size,
+                                  found.max_file_size,
+                                  Raw(found.last_commit),
+                                  Raw(found.oldest_commit),
+                                  found.readers,
+                                  found.max_readers};
+    std::memcpy(out, &all, std::min(out->size, sizeof all));
+    return LORV_STATUS_OK;
+  });
+}
+
 char const* lscoredb_status_text(uint32_t status) { return StatusText(status); }

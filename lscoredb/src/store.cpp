@@ -2,8 +2,11 @@
 
 #include <lmdb.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <cinttypes>
+#include <cstdio>
 #include <utility>
 
 #include "store_check.h"
@@ -16,6 +19,24 @@ MDB_val ValueOf(std::string_view bytes) { return {bytes.size(), const_cast<char*
 
 std::string_view BytesOf(MDB_val const& value) {
   return {static_cast<char const*>(value.mv_data), value.mv_size};
+}
+
+struct Readers {
+  std::uint32_t count;
+  std::uint64_t oldest;
+};
+
+// Gets the table of readers as text, one line each: process, thread and the state that is read, "-"
+// for none.
+int NoteReader(char const* line, void* to) {
+  auto& readers = *static_cast<Readers*>(to);
+  int process = 0;
+  std::size_t thread = 0;
+  std::uint64_t state = 0;
+  if (std::sscanf(line, "%d %zx %" SCNu64, &process, &thread, &state) != 3) return 0;
+  ++readers.count;
+  readers.oldest = std::min(readers.oldest, state);
+  return 0;
 }
 
 }  // namespace
@@ -62,7 +83,7 @@ bool View::Get(Tree tree, std::string_view key, std::string_view* value) const {
 
 void View::ThrowDamaged() { Throw(LSCOREDB_DAMAGED); }
 
-CommitId View::id() const { return CommitId{mdb_txn_id(txn_)}; }
+CommitId View::id() const { return CommitId{store_->states_before_ + mdb_txn_id(txn_)}; }
 
 Snapshot::~Snapshot() { mdb_txn_abort(txn_); }
 
@@ -87,6 +108,12 @@ bool Batch::PutNew(Tree tree, std::string_view key, std::string_view value) {
   if (code == MDB_KEYEXIST) return false;
   CheckStore(code);
   return true;
+}
+
+void Batch::Append(Tree tree, std::string_view key, std::string_view value) {
+  MDB_val k = ValueOf(key);
+  MDB_val v = ValueOf(value);
+  CheckStore(mdb_put(txn_, store_->Handle(tree), &k, &v, MDB_APPEND));
 }
 
 bool Batch::Delete(Tree tree, std::string_view key) {
@@ -251,8 +278,20 @@ void Store::NoteGrowth() noexcept {
   mdb_reader_check(env_, &dead);  // what it cannot free today stays for the next time
 }
 
-// Not packed: packing would begin to count states anew, and rows bear the number of theirs.
-void Store::Copy(char const* directory) { CheckStore(mdb_env_copy2(env_, directory, 0)); }
+StoreStatistics Store::Statistics() const {
+  MDB_envinfo info{};
+  CheckStore(mdb_env_info(env_, &info));
+  Readers readers{0, info.me_last_txnid};
+  if (mdb_reader_list(env_, &NoteReader, &readers) < 0) Throw(LSCOREDB_IO_ERROR);
+  StoreStatistics statistics;
+  statistics.file_size = (info.me_last_pgno + 1) * page_size_;
+  statistics.max_file_size = info.me_mapsize;
+  statistics.last_commit = CommitId{states_before_ + info.me_last_txnid};
+  statistics.oldest_commit = CommitId{states_before_ + readers.oldest};
+  statistics.readers = readers.count;
+  statistics.max_readers = info.me_maxreaders;
+  return statistics;
+}
 
 void Store::RequireSync() { CheckStore(mdb_env_set_flags(env_, MDB_NOSYNC, 0)); }
 

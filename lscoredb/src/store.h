@@ -35,6 +35,15 @@ struct StoreOptions {
   bool verify = false;  // all pages, before any is trusted
 };
 
+struct StoreStatistics {
+  std::uint64_t file_size = 0;
+  std::uint64_t max_file_size = 0;
+  CommitId last_commit{0};
+  CommitId oldest_commit{0};  // that anybody reads
+  std::uint32_t readers = 0;
+  std::uint32_t max_readers = 0;
+};
+
 class Store;
 
 // What a snapshot and a batch have in common: reading.
@@ -91,6 +100,8 @@ class Batch : public View {
   void Put(Tree tree, std::string_view key, std::string_view value);
   // Returns false, with nothing changed, when the key is there already.
   bool PutNew(Tree tree, std::string_view key, std::string_view value);
+  // As Put, packed. REQUIRES: `key` is above all keys of the tree.
+  void Append(Tree tree, std::string_view key, std::string_view value);
   // Returns whether the key was there.
   bool Delete(Tree tree, std::string_view key);
   // REQUIRES: no cursor over this batch is open.
@@ -146,9 +157,11 @@ class Store {
   // Throws LSCOREDB_DAMAGED when pages of the newest state do not hold together.
   void Verify();
 
-  // Writes the newest committed state into a file in an empty directory, page by page, while others
-  // read and write. The copy goes on counting states where this store stands.
+  // Writes the newest committed state into a store in an empty directory, without places that are
+  // free, while others read and write. The copy goes on counting states where this store stands.
   void Copy(char const* directory);
+
+  StoreStatistics Statistics() const;
 
   // From now on every commit is synced. REQUIRES: no batch is open.
   void RequireSync();
@@ -176,6 +189,7 @@ class Store {
   MDB_env* env_ = nullptr;
   std::uintptr_t map_begin_ = 0;  // where the file lies in memory
   std::size_t page_size_ = 0;
+  std::uint64_t states_before_ = 0;  // that the file counts no more
   unsigned trees_[kTreeCount] = {};
   std::atomic<std::uint64_t> last_page_{0};  // of the file, when it was last looked at
   std::mutex idle_mutex_;

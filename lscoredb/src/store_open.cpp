@@ -98,6 +98,19 @@ std::uint32_t CheckFormat(MDB_txn* txn, MDB_dbi meta) {
   return version;
 }
 
+std::uint64_t ReadStatesBefore(MDB_txn* txn, MDB_dbi meta) {
+  MDB_val key{format::kStatesBeforeKey.size(), const_cast<char*>(format::kStatesBeforeKey.data())};
+  MDB_val value;
+  int const code = mdb_get(txn, meta, &key, &value);
+  if (code == MDB_NOTFOUND) return 0;
+  CheckStore(code);
+  std::string_view const sealed(static_cast<char const*>(value.mv_data), value.mv_size);
+  FieldReader fields(Unseal(format::kStatesBeforeKey, sealed));
+  auto const count = fields.Next<std::uint64_t>();
+  if (!fields.ok()) Throw(LSCOREDB_DAMAGED);
+  return count;
+}
+
 void WriteFormat(MDB_txn* txn, MDB_dbi meta) {
   std::string record(format::kMagic);
   Append(record, format::kVersion);
@@ -164,6 +177,7 @@ class StoreOpener {
         WriteFormat(txn, store.Handle(Tree::kMeta));
       } else {
         version = CheckFormat(txn, store.Handle(Tree::kMeta));
+        store.states_before_ = ReadStatesBefore(txn, store.Handle(Tree::kMeta));
       }
       for (std::size_t i = 0; i < kTreeCount; ++i)
         OpenTree(store, txn, static_cast<Tree>(i), fresh);

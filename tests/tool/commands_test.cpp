@@ -80,6 +80,8 @@ TEST_F(CommandsTest, Info_CountsTablesAndObjects) {
   EXPECT_EQ(5, info["objects"]);
   EXPECT_EQ(9, info["catalogue version"]);
   EXPECT_EQ(0, info["tables to move"]);
+  EXPECT_EQ(info["newest commit"], info["oldest commit that is read"]);
+  EXPECT_EQ(0, info["other open transactions"]);
 }
 
 TEST_F(CommandsTest, Tables_CountOwnObjectsAndThoseOfDescendants) {

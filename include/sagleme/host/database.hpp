@@ -44,6 +44,14 @@ class Database {
 
   lscoredb* handle() const { return handle_; }
 
+  // Sizes, commits and open transactions, over all processes.
+  lscoredb_statistics Statistics() const {
+    lscoredb_statistics statistics{};
+    statistics.size = sizeof statistics;
+    detail::CheckKernel(lscoredb_stats(handle_, &statistics));
+    return statistics;
+  }
+
   // Whether a directory holds a data file of the kernel.
   static bool ExistsIn(std::string const& directory) {
     return std::filesystem::exists(std::filesystem::path(directory) / "data.mdb");

@@ -43,8 +43,14 @@ std::uint64_t CatalogueVersion(sagleme::Transaction& transaction) {
 
 void AddKernel(Session& session, Properties& properties) {
   std::filesystem::path const directory(session.directory());
+  lscoredb_statistics const statistics = session.database().Statistics();
   properties.Add("data file bytes",
                  Cell::Number(std::filesystem::file_size(directory / "data.mdb")));
+  properties.Add("largest data file bytes", Cell::Number(statistics.max_file_size));
+  properties.Add("newest commit", Cell::Number(statistics.last_commit));
+  properties.Add("oldest commit that is read", Cell::Number(statistics.oldest_commit));
+  // This command's own reading is one of them.
+  properties.Add("other open transactions", Cell::Number(statistics.transactions - 1));
 }
 
 void AddCounts(sagleme::Transaction& transaction, Properties& properties) {

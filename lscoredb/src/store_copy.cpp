@@ -1,0 +1,89 @@
+#include <string>
+
+#include "bytes.h"
+#include "format.h"
+#include "seal.h"
+#include "store.h"
+
+namespace lscore {
+namespace {
+
+// A batch keeps what it writes in memory until it is over.
+constexpr std::size_t kBatchBytes = std::size_t{32} << 20;
+
+class Copier {
+ public:
+  Copier(View const& from, Store& to) : from_(from), to_(to) {}
+
+  void Run() {
+    TakeFormat();
+    for (Tree const tree : {Tree::kRows, Tree::kParts, Tree::kIndex, Tree::kDefinitions}) {
+      CopyTree(tree);
+    }
+    to_.RequireSync();  // which takes along what went before
+    FinishMeta();
+  }
+
+ private:
+  // A copy that was cut off has no format, and is no database.
+  void TakeFormat() {
+    Batch batch(to_);
+    std::string_view format;
+    batch.Get(Tree::kMeta, format::kFormatKey, &format);
+    format_ = format;
+    batch.Delete(Tree::kMeta, format::kFormatKey);
+    batch.Commit();
+  }
+
+  void CopyTree(Tree tree) {
+    Cursor cursor;
+    cursor.Open(from_, tree);
+    for (bool more = cursor.First(); more;) {
+      Batch batch(to_);
+      for (std::size_t bytes = 0; more && bytes < kBatchBytes; more = cursor.Next()) {
+        batch.Append(tree, cursor.key(), cursor.value());
+        bytes += cursor.key().size() + cursor.value().size();
+      }
+      batch.Commit();
+    }
+  }
+
+  // The copy counts its states anew, and rows bear the number of theirs, so it is told how many
+  // there were before.
+  void FinishMeta() {
+    Batch batch(to_);
+    Cursor cursor;
+    cursor.Open(from_, Tree::kMeta);
+    for (bool more = cursor.First(); more; more = cursor.Next()) {
+      batch.Put(Tree::kMeta, cursor.key(), cursor.value());
+    }
+    std::string before;
+    Append(before, Raw(from_.id()));
+    PutSealed(batch, Tree::kMeta, format::kStatesBeforeKey, before);
+    batch.Put(Tree::kMeta, format::kFormatKey, format_);
+    batch.Commit();
+  }
+
+  View const& from_;
+  Store& to_;
+  std::string format_;
+};
+
+}  // namespace
+
+void Store::Copy(char const* directory) {
+  StoreOptions options;
+  options.sync = false;
+  options.max_file_size = Statistics().max_file_size;
+  std::unique_ptr<Store> const target = Open(directory, options);
+  std::unique_ptr<Snapshot> snapshot = Begin();
+  try {
+    Copier(*snapshot, *target).Run();
+  } catch (...) {
+    End(std::move(snapshot));
+    throw;
+  }
+  End(std::move(snapshot));
+}
+
+}  // namespace lscore
