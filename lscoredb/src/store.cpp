@@ -15,6 +15,8 @@
 namespace lscore {
 namespace {
 
+constexpr int kWalkAttempts = 3;
+
 MDB_val ValueOf(std::string_view bytes) { return {bytes.size(), const_cast<char*>(bytes.data())}; }
 
 std::string_view BytesOf(MDB_val const& value) {
@@ -235,11 +237,19 @@ std::unique_ptr<Snapshot> Store::BeginBetweenCommits(std::unique_ptr<Snapshot> s
 }
 
 std::unique_ptr<Snapshot> Store::BeginWalked(PageReport const& report) {
-  for (;;) {
+  CommitId last{0};
+  for (int same = 0; same < kWalkAttempts;) {
     std::unique_ptr<Snapshot> snapshot = Begin();
-    if (WalkPages(FileOf(env_), Raw(snapshot->id()), PageDepth::kAll, report)) return snapshot;
+    if (WalkPages(FileOf(env_), mdb_txn_id(snapshot->txn_), PageDepth::kAll, report)) {
+      return snapshot;
+    }
+    // Overtaken by a commit, or the head of the file is not what this process knows of it.
+    same = snapshot->id() == last ? same + 1 : 0;
+    last = snapshot->id();
     End(std::move(snapshot));
+    Batch const pause(*this);  // until a commit that is under way is over
   }
+  Throw(LSCOREDB_DAMAGED);
 }
 
 void Store::Verify() { CheckPages(env_, PageDepth::kAll); }
