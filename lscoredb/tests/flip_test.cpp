@@ -64,7 +64,8 @@ void Append(std::ostream& out, Oid row, Session& session) {
   out << row << ' ' << session.Exists(row);
   if (!session.Exists(row)) return;
   out << ' ' << session.LayoutOf(row) << ' ' << session.Long(row, 2).value_or(-1) << ' ';
-  for (char16_t const unit : session.String(row, 3).value_or(u"")) out << std::uint32_t{unit} << '.';
+  for (char16_t const unit : session.String(row, 3).value_or(u""))
+    out << std::uint32_t{unit} << '.';
   for (char16_t const unit : session.Setspec(row).value_or(u"")) out << std::uint32_t{unit} << '.';
 }
 
