@@ -15,7 +15,7 @@
 //        8     8  commit that wrote the row
 //       16     8  bytes of the set specifier
 //       24     4  columns in the presence bits (all of the layout but columns 0 and 1)
-//       28     4  made of the object id, never 0; 0 in rows of version 1
+//       28     4  made of the object id, never 0
 //       32        presence bits, in words of 8 bytes: fixed columns first, then variable ones,
 //                 each in column order
 //                 8 bytes for each present fixed column
@@ -31,7 +31,7 @@
 //   bytes.
 //
 // The values of the three trees that follow end with 4 bytes that are not told below: the CRC-32C
-// of key and value. Version 1 had none; opening such a file adds them.
+// of key and value.
 //
 // "index": ordered index id, encoded columns, ordered object id -> layout number (2), size of the
 //   ordered object id (1). Encoded columns of more than kKeyPrefix bytes are cut there in the key,
@@ -60,8 +60,7 @@
 namespace lscore::format {
 
 inline constexpr std::string_view kMagic = "lscoredb";
-inline constexpr std::uint32_t kVersion = 2;
-inline constexpr std::uint32_t kVersionWithoutSeals = 1;
+inline constexpr std::uint32_t kVersion = 1;
 
 inline constexpr std::string_view kFormatKey = "format";
 inline constexpr std::string_view kNextIdKey = "next-id";

@@ -86,8 +86,7 @@ class ImageCheck {
            Load<std::uint32_t>(bytes_.data() + format::kBitCountOffset) == layout_.bit_count();
   }
   bool OwnerHolds() const {
-    auto const mark = Load<std::uint32_t>(bytes_.data() + format::kOwnerOffset);
-    return mark == 0 || mark == OwnerMark(id_);
+    return Load<std::uint32_t>(bytes_.data() + format::kOwnerOffset) == OwnerMark(id_);
   }
   bool BitsHold() const {
     std::uint32_t const used = layout_.bit_count() % 64;

@@ -83,8 +83,8 @@ bool IsEmpty(MDB_txn* txn) {
   return stat.ms_entries == 0;
 }
 
-// The version record stands first: without it nothing else is touched. Returns the version.
-std::uint32_t CheckFormat(MDB_txn* txn, MDB_dbi meta) {
+// The version record stands first: without it nothing else is touched.
+void CheckFormat(MDB_txn* txn, MDB_dbi meta) {
   MDB_val key{format::kFormatKey.size(), const_cast<char*>(format::kFormatKey.data())};
   MDB_val value;
   int const code = mdb_get(txn, meta, &key, &value);
@@ -95,7 +95,6 @@ std::uint32_t CheckFormat(MDB_txn* txn, MDB_dbi meta) {
   auto const version = fields.Next<std::uint32_t>();
   if (!ours || !fields.ok() || version == 0) Throw(LSCOREDB_NOT_A_DATABASE);
   if (version > format::kVersion) Throw(LSCOREDB_NEWER_FORMAT);
-  return version;
 }
 
 std::uint64_t ReadStatesBefore(MDB_txn* txn, MDB_dbi meta) {
@@ -117,27 +116,6 @@ void WriteFormat(MDB_txn* txn, MDB_dbi meta) {
   MDB_val key{format::kFormatKey.size(), const_cast<char*>(format::kFormatKey.data())};
   MDB_val value{record.size(), record.data()};
   CheckStore(mdb_put(txn, meta, &key, &value, 0));
-}
-
-// Gives each record of a tree its checksum.
-void SealTree(MDB_txn* txn, MDB_dbi tree) {
-  MDB_cursor* cursor = nullptr;
-  MDB_val key;
-  MDB_val value;
-  CheckStore(mdb_cursor_open(txn, tree, &cursor));
-  int code = mdb_cursor_get(cursor, &key, &value, MDB_FIRST);
-  while (code == 0) {
-    std::string const name(static_cast<char const*>(key.mv_data), key.mv_size);
-    std::string record(static_cast<char const*>(value.mv_data), value.mv_size);
-    if (name != format::kFormatKey) {
-      Seal(name, record);
-      value = {record.size(), record.data()};
-      code = mdb_cursor_put(cursor, &key, &value, MDB_CURRENT);
-    }
-    if (code == 0) code = mdb_cursor_get(cursor, &key, &value, MDB_NEXT);
-  }
-  mdb_cursor_close(cursor);
-  if (code != MDB_NOTFOUND) CheckStore(code);
 }
 
 }  // namespace
@@ -171,29 +149,20 @@ class StoreOpener {
     CheckOpening(mdb_txn_begin(store.env_, nullptr, 0, &txn));
     try {
       bool const fresh = IsEmpty(txn);
-      std::uint32_t version = format::kVersion;
       OpenTree(store, txn, Tree::kMeta, fresh);
       if (fresh) {
         WriteFormat(txn, store.Handle(Tree::kMeta));
       } else {
-        version = CheckFormat(txn, store.Handle(Tree::kMeta));
+        CheckFormat(txn, store.Handle(Tree::kMeta));
         store.states_before_ = ReadStatesBefore(txn, store.Handle(Tree::kMeta));
       }
       for (std::size_t i = 0; i < kTreeCount; ++i)
         OpenTree(store, txn, static_cast<Tree>(i), fresh);
-      if (version == format::kVersionWithoutSeals) Upgrade(store, txn);
     } catch (...) {
       mdb_txn_abort(txn);
       throw;
     }
     CheckStore(mdb_txn_commit(txn));
-  }
-
-  static void Upgrade(Store& store, MDB_txn* txn) {
-    for (Tree const tree : {Tree::kIndex, Tree::kDefinitions, Tree::kMeta}) {
-      SealTree(txn, store.Handle(tree));
-    }
-    WriteFormat(txn, store.Handle(Tree::kMeta));
   }
 
   static void OpenTree(Store& store, MDB_txn* txn, Tree tree, bool create) {
