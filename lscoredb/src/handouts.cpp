@@ -12,6 +12,8 @@ namespace {
 
 constexpr std::size_t kTextHead = offsetof(LORV_STRING, units);
 constexpr std::size_t kBinaryHead = offsetof(LORV_BINARY, bytes);
+constexpr std::size_t kKeptSources =
+    4096;  // a transaction's list is kept for the next one up to here
 
 // A value is known by where its bytes lie; all empty values are one.
 std::uint64_t SourceOf(std::string_view bytes) {
@@ -77,6 +79,7 @@ void Handouts::Drop(std::size_t down_to) {
 
 void Handouts::Clear() {
   by_source_.Clear();
+  if (made_.capacity() > kKeptSources) made_ = std::vector<std::uint64_t>();
   made_.clear();
   scopes_.clear();
   arena_.Release();

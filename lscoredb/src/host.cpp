@@ -105,14 +105,14 @@ uint32_t lscoredb_rollback(uint64_t context) {
 
 uint32_t lscoredb_read_scope_begin(uint64_t context) {
   return WithTransaction(context, [](Transaction& transaction) {
-    transaction.handouts().BeginScope();
+    transaction.BeginScope();
     return LORV_STATUS_OK;
   });
 }
 
 uint32_t lscoredb_read_scope_end(uint64_t context) {
   return WithTransaction(context, [](Transaction& transaction) {
-    return transaction.handouts().EndScope() ? LORV_STATUS_OK : LSCOREDB_INVALID_ARGUMENT;
+    return transaction.EndScope() ? LORV_STATUS_OK : LSCOREDB_INVALID_ARGUMENT;
   });
 }
 

@@ -1,5 +1,7 @@
 #include "transaction.h"
 
+#include <utility>
+
 namespace lscore {
 
 Transaction::Transaction(std::shared_ptr<Database> database) : database_(std::move(database)) {}
@@ -35,11 +37,37 @@ void Transaction::End() noexcept {
   examples_.Clear();
   assembled_.clear();
   assembled_ids_.clear();
+  scopes_.clear();
   catalogue_.reset();
   doomed_ = LORV_STATUS_OK;
   now_ = 0;
   ++epoch_;
   database_->store().End(std::move(snapshot_));
+}
+
+void Transaction::BeginScope() {
+  scopes_.reserve(scopes_.size() + 1);
+  handouts_.BeginScope();
+  scopes_.push_back(assembled_.size());
+}
+
+// Images that were put together inside the scope go with it, but for those that written rows refer
+// to.
+bool Transaction::EndScope() {
+  if (!handouts_.EndScope()) return false;
+  std::size_t kept = scopes_.back();
+  scopes_.pop_back();
+  if (kept == assembled_.size()) return true;
+  for (std::size_t i = kept; i < assembled_.size(); ++i) {
+    if (changes_.FindRow(assembled_ids_[i]) == nullptr) continue;
+    std::swap(assembled_[kept], assembled_[i]);
+    std::swap(assembled_ids_[kept], assembled_ids_[i]);
+    ++kept;
+  }
+  assembled_.resize(kept);
+  assembled_ids_.resize(kept);
+  ++epoch_;
+  return true;
 }
 
 IndexCatalogue& Transaction::catalogue() {

@@ -49,6 +49,9 @@ class Transaction {
   Status Commit();
   void Rollback() noexcept;
   Handouts& handouts() { return handouts_; }
+  void BeginScope();
+  // Returns whether a scope was open.
+  bool EndScope();
 
   // ---- reading rows (transaction_read.cpp)
   // The value of `column` as layout `as` has it; kNoLayout: the object's own.
@@ -176,6 +179,7 @@ class Transaction {
   Handouts handouts_;
   std::vector<std::unique_ptr<char[]>> assembled_;  // images that the store keeps in parts
   std::vector<ObjectId> assembled_ids_;
+  std::vector<std::size_t> scopes_;  // how many images there were at the begin of each
   std::shared_ptr<IndexCatalogue> catalogue_;
   IdRange ids_;
   std::vector<Iterator*> open_iterators_;

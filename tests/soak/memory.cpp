@@ -1,0 +1,76 @@
+#include "memory.h"
+
+#include <malloc.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <new>
+
+namespace {
+
+std::atomic<std::size_t> g_in_use = 0;
+
+void* Take(std::size_t size) {
+  void* const taken = std::malloc(size == 0 ? 1 : size);
+  if (taken == nullptr) throw std::bad_alloc();
+  g_in_use += malloc_usable_size(taken);
+  return taken;
+}
+
+void Give(void* taken) noexcept {
+  if (taken == nullptr) return;
+  g_in_use -= malloc_usable_size(taken);
+  std::free(taken);
+}
+
+// Bytes of private memory that the process has mapped, which is what the limit is about.
+std::size_t MappedData() {
+  std::ifstream file("/proc/self/status");
+  std::string word;
+  while (file >> word && word != "VmData:") {
+  }
+  std::size_t kilobytes = 0;
+  file >> kilobytes;
+  return kilobytes * 1024;
+}
+
+}  // namespace
+
+void* operator new(std::size_t size) { return Take(size); }
+void* operator new[](std::size_t size) { return Take(size); }
+void operator delete(void* taken) noexcept { Give(taken); }
+void operator delete[](void* taken) noexcept { Give(taken); }
+void operator delete(void* taken, std::size_t) noexcept { Give(taken); }
+void operator delete[](void* taken, std::size_t) noexcept { Give(taken); }
+
+namespace sagleme_soak {
+
+std::size_t BytesInUse() { return g_in_use; }
+
+std::uint64_t FromEnvironment(char const* name, std::uint64_t otherwise) {
+  char const* const text = std::getenv(name);
+  return text == nullptr ? otherwise : std::strtoull(text, nullptr, 10);
+}
+
+TemporaryDirectory::TemporaryDirectory() {
+  std::string name = (std::filesystem::temp_directory_path() / "sagleme-soak-XXXXXX").string();
+  if (mkdtemp(name.data()) == nullptr) std::abort();
+  path_ = name;
+}
+
+TemporaryDirectory::~TemporaryDirectory() {
+  std::error_code ignored;
+  std::filesystem::remove_all(path_, ignored);
+}
+
+MemoryLimit::MemoryLimit(std::size_t more) {
+  getrlimit(RLIMIT_DATA, &before_);
+  rlimit const limit{MappedData() + more, before_.rlim_max};
+  setrlimit(RLIMIT_DATA, &limit);
+}
+
+MemoryLimit::~MemoryLimit() { setrlimit(RLIMIT_DATA, &before_); }
+
+}  // namespace sagleme_soak
