@@ -7,7 +7,8 @@
  * Rules
  *
  *  1. A database is a directory, or lives in memory and is gone at close. Several processes may
- *     have one directory open, and one process may open it several times.
+ *     have one directory open, and one process may open it several times. A process that was forked
+ *     opens it anew: handles of the parent are not for its use.
  *  2. A context carries at most one transaction. Any number of contexts may be open; one thread at
  *     a time uses a context.
  *  3. A transaction reads the database as it was at its begin, plus its own writes. Readers never

@@ -1,11 +1,13 @@
 #include "database.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <map>
 #include <mutex>
 #include <string>
+#include <tuple>
 #include <utility>
 
 #include "layout_release.h"
@@ -16,7 +18,8 @@ namespace {
 
 constexpr mode_t kDirectoryMode = 0750;
 
-using DirectoryId = std::pair<dev_t, ino_t>;
+// Of a directory, and of the process: what was open before a fork is the parent's.
+using DirectoryId = std::tuple<pid_t, dev_t, ino_t>;
 
 struct Known {
   std::weak_ptr<Database> database;
@@ -50,7 +53,7 @@ DirectoryId IdOf(std::string const& path) {
   struct stat status {};
   if (stat(path.c_str(), &status) != 0) Throw(LSCOREDB_CANNOT_OPEN);
   if (!S_ISDIR(status.st_mode)) Throw(LSCOREDB_CANNOT_OPEN);
-  return {status.st_dev, status.st_ino};
+  return {getpid(), status.st_dev, status.st_ino};
 }
 
 // A directory that was removed, or made anew in the place of another, has nothing to be remembered.

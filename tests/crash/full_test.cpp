@@ -78,7 +78,7 @@ TEST_F(FullTest, LimitOfTheFile_IsToldAndWorkGoesOnWhenItIsRaised) {
   Found();
   InChild([&] {
     Bank bank(directory_.path(), kSeed, {.no_sync = true});
-    for (std::uintmax_t more = 0; more < 12; ++more) {
+    for (std::uintmax_t more = 0; more < 8; ++more) {
       SCOPED_TRACE("with " + std::to_string(more) + " sectors more");
       {
         FileSizeLimit const limit(directory_.FileSize() / 512 * 512 + more * 1536);

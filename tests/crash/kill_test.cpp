@@ -29,7 +29,7 @@ class KillTest : public testing::TestWithParam<int> {
 
   // A database at its beginning is killed sooner, in the midst of being made.
   void KillWriter(bool young) {
-    bool const sync = Random(3) == 0;
+    bool const sync = Random(4) == 0;
     Child writer([&](Channel& channel) {
       Bank bank(directory_->path(), seed_, {.no_sync = !sync});
       WorkUntilTheEnd(channel, bank);

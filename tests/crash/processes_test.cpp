@@ -65,6 +65,21 @@ TEST_F(ProcessesTest, ReadersBesideWriters_SeeWholeStatesOnly) {
   });
 }
 
+TEST_F(ProcessesTest, ForkedProcess_OpensTheDatabaseOfItsParentAnew) {
+  InChild([&] {
+    lscoredb* parents = nullptr;
+    ASSERT_EQ(0U, lscoredb_open(directory_.path().c_str(), nullptr, &parents));
+    InChild([&] {
+      Bank bank(directory_.path(), kSeed);
+      EXPECT_EQ(1, bank.Step(Context(bank.database()), 0));
+    });
+    EXPECT_EQ(0U, lscoredb_close(parents));
+    Bank bank(directory_.path(), kSeed);
+    EXPECT_EQ(2, bank.Step(Context(bank.database()), 0));
+    bank.ExpectWhole();
+  });
+}
+
 // ---- schema changes -----------------------------------------------------------------------------
 
 // An account made and read through handles that were issued before the schema changed.
