@@ -106,6 +106,25 @@ TEST_F(DamageTest, AFileOfANewerFormatIsRefusedAndLeftAlone) {
   EXPECT_STATUS(0, TryOpen(directory_.path()));
 }
 
+TEST_F(DamageTest, VerifyingFindsAPageThatIsNone) {
+  Fill();
+  std::string content = ReadFile(File());
+  std::string const text(200, 'C');
+  for (std::size_t at = content.find(text); at != std::string::npos;
+       at = content.find(text, at + 1)) {
+    content[at / 4096 * 4096 + 10] = 0x55;
+  }
+  WriteFile(File(), content);
+  lscoredb_options options = NoSync();
+  options.verify = 1;
+  lscoredb* database = nullptr;
+  EXPECT_STATUS(LSCOREDB_DAMAGED, lscoredb_open(directory_.path().c_str(), &options, &database));
+  options.verify = 2;
+  EXPECT_STATUS(LSCOREDB_INVALID_ARGUMENT,
+                lscoredb_open(directory_.path().c_str(), &options, &database));
+  EXPECT_EQ(database, nullptr);
+}
+
 TEST_F(DamageTest, ARowWhoseBytesChangedIsDamagedAndOthersAreRead) {
   Fill();
   std::string content = ReadFile(File());

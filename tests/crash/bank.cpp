@@ -3,11 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <map>
+#include <sagleme/check.hpp>
 #include <set>
 #include <utility>
 #include <vector>
-
-#include "check/check.h"
 
 namespace crash_test {
 
@@ -287,7 +286,7 @@ void Bank::ExpectWhole() {
   ExpectTransfers(transaction, done);
   ExpectSchema(transaction, done[kArchitect]);
   EXPECT_EQ(0U, lscoredb_check(database_->handle(), 0, TellFinding, nullptr));
-  tool::Check(transaction, {}, [](tool::Finding const& finding) {
+  CheckCatalogue(transaction, {}, [](Finding const& finding) {
     ADD_FAILURE() << finding.rule << " " << finding.table << " " << finding.object << ": "
                   << finding.what;
   });

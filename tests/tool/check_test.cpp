@@ -1,5 +1,6 @@
 #include <lmdb.h>
 
+#include <fstream>
 #include <functional>
 #include <nlohmann/json.hpp>
 #include <sagleme/host.hpp>
@@ -117,6 +118,48 @@ TEST_F(CheckTest, ATableWithoutATypeId_IsFound) {
   EXPECT_EQ("App.Film", Finding("type id")["table"]);
 }
 
+TEST_F(CheckTest, AColumnWithTheTokenOfAnother_IsFound) {
+  Plant([](sagleme::Transaction& transaction) {
+    auto const book = transaction.table(u"App.Book");
+    LORVI_COLUMN_INFO info{};
+    ASSERT_EQ(0u, lorvi_context_get_column_info(transaction.context(), book->layout,
+                                                book->GetColumn(u"Isbn").ordinal, &info));
+    metalayer::PutText(metalayer::Token::ByNameToken(info.token), metalayer::Token::kInvariantName,
+                       u"another");
+  });
+  EXPECT_EQ("App.Book", Finding("tokens")["table"]);
+}
+
+TEST_F(CheckTest, ACounterOfChildrenThatLagsBehind_IsFound) {
+  Plant([](auto&) {
+    auto const row = metalayer::SetSpecifier::ByType(RawView::ByRawViewPK2fullname(u"App.Item"));
+    metalayer::PutULong(row, metalayer::SetSpecifier::kNumberOfChildren, 0);
+  });
+  EXPECT_EQ("App.Item", Finding("children")["table"]);
+}
+
+TEST_F(CheckTest, AReferenceThatStillWaitsForATableThatIsThere_IsFound) {
+  Plant([](sagleme::Transaction& transaction) {
+    auto const columns = transaction.table(u"Lorvenstack.Internal.Metadata.ReferenceRawColumn");
+    auto const owner = transaction.table(u"App.Book")->GetColumn(u"Owner").id;
+    sagleme::Property<sagleme::ObjectId>(*columns, u"DataType")
+        .Clear(*sagleme::Object::Find(transaction, owner));
+  });
+  EXPECT_EQ("App.Book", Finding("deferred")["table"]);
+}
+
+TEST_F(CheckTest, ARequestThatNobodyCanMeet_IsFound) {
+  Plant([](sagleme::Transaction& transaction) {
+    metalayer::Vacuum::Insert(transaction.table(u"App.Film")->setspec.c_str(), 1, 2);
+  });
+  EXPECT_LT(0, Finding("vacuum")["object"]);
+}
+
+TEST_F(CheckTest, ASecondCounterOfSchemaChanges_IsFound) {
+  Plant([](auto&) { metalayer::UserSchemaGeneration::Insert(7); });
+  EXPECT_EQ("Lorvenstack.Internal.Metadata.UserSchemaGeneration", Finding("generation")["table"]);
+}
+
 TEST_F(CheckTest, AnIndexThatTheKernelLacks_IsFound) {
   Plant([](sagleme::Transaction& transaction) {
     auto const index = *transaction.FindIndex(u"ItemByTitle");
@@ -166,6 +209,17 @@ TEST_F(CheckTest, ARowThatWasOverwritten_IsFound) {
     return mdb_cursor_put(cursor, &key, &changed, MDB_CURRENT) == 0;
   });
   EXPECT_EQ(1, RunTool({"check", database()}).status);
+}
+
+TEST_F(CheckTest, APageThatIsNone_IsFoundBeforeAnythingIsRead) {
+  std::string const path = database() + "/data.mdb";
+  std::string content = ReadText(path);
+  for (std::size_t at = content.find("Two"); at != std::string::npos;
+       at = content.find("Two", at + 1)) {
+    content[at / 4096 * 4096 + 10] = 0x55;
+  }
+  std::ofstream(path, std::ios::binary) << content;
+  EXPECT_TRUE(Finding("pages")["table"].is_null());
 }
 
 TEST_F(CheckTest, AReferenceThatLeadsNowhere_IsFoundOnRequest) {

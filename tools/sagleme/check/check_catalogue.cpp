@@ -1,71 +1,70 @@
-#include <fmt/format.h>
-
 #include <map>
+#include <optional>
 
-#include "check/check.h"
+#include "parts.h"
 
-namespace tool {
+namespace sagleme::checks {
 namespace {
 
 class CatalogueCheck {
  public:
-  CatalogueCheck(sagleme::Transaction& transaction, Report const& report)
+  CatalogueCheck(Transaction& transaction, FindingReport const& report)
       : transaction_(transaction), report_(report) {}
 
   void Run() {
-    for (sagleme::TablePtr const& table : transaction_.Tables(true)) {
+    for (TablePtr const& table : transaction_.Tables(true)) {
       Ordinals(*table);
       Inheritance(*table);
       Layout(*table);
+      if (!table->system) Tokens(*table);
       Set(*table);
       TypeId(*table);
-      for (sagleme::Index const& index : table->indexes) IndexOf(*table, index);
+      for (Index const& index : table->indexes) IndexOf(*table, index);
     }
     Generation();
   }
 
  private:
   template <typename... Arguments>
-  void Tell(char const* rule, sagleme::Table const& table, fmt::format_string<Arguments...> text,
-            Arguments&&... arguments) const {
-    report_({rule, sagleme::ToUtf8(table.name), 0,
-             fmt::format(text, std::forward<Arguments>(arguments)...)});
+  void Tell(char const* rule, Table const& table, std::string_view text,
+            Arguments const&... arguments) const {
+    report_({rule, ToUtf8(table.name), 0, Say(text, arguments...)});
   }
 
-  void Ordinals(sagleme::Table const& table) const {
+  void Ordinals(Table const& table) const {
     for (std::size_t i = 0; i < table.columns.size(); ++i) {
       if (table.columns[i].ordinal == i) continue;
       return Tell("ordinals", table, "column {} has the number {} where {} is due",
-                  sagleme::ToUtf8(table.columns[i].name), table.columns[i].ordinal, i);
+                  ToUtf8(table.columns[i].name), table.columns[i].ordinal, i);
     }
     if (table.columns.size() < 3)
       Tell("ordinals", table, "the three hidden columns are not all there");
   }
 
-  void Inheritance(sagleme::Table const& table) const {
+  void Inheritance(Table const& table) const {
     if (table.base.empty()) return;
-    sagleme::TablePtr const base = transaction_.Find(table.base);
+    TablePtr const base = transaction_.Find(table.base);
     if (base == nullptr)
-      return Tell("inheritance", table, "the base {} is not there", sagleme::ToUtf8(table.base));
+      return Tell("inheritance", table, "the base {} is not there", ToUtf8(table.base));
     std::size_t inherited = 0;
-    for (sagleme::Column const& column : table.columns) inherited += column.inherited ? 1 : 0;
+    for (Column const& column : table.columns) inherited += column.inherited ? 1 : 0;
     if (inherited != base->columns.size()) {
       Tell("inheritance", table, "{} columns are inherited, and the base has {}", inherited,
            base->columns.size());
     }
     for (std::size_t i = 0; i < std::min(base->columns.size(), table.columns.size()); ++i) {
-      sagleme::Column const& own = table.columns[i];
-      sagleme::Column const& from = base->columns[i];
+      Column const& own = table.columns[i];
+      Column const& from = base->columns[i];
       if (own.name == from.name && own.type == from.type && own.nullable == from.nullable &&
           own.target == from.target && own.inherited) {
         continue;
       }
-      Tell("inheritance", table, "column {} differs from column {} of the base",
-           sagleme::ToUtf8(own.name), sagleme::ToUtf8(from.name));
+      Tell("inheritance", table, "column {} differs from column {} of the base", ToUtf8(own.name),
+           ToUtf8(from.name));
     }
   }
 
-  void Layout(sagleme::Table const& table) const {
+  void Layout(Table const& table) const {
     LORVI_LAYOUT_INFO info{};
     auto const status = lorvi_context_get_layout_info(transaction_.context(), table.layout, &info);
     if (status != 0) {
@@ -76,88 +75,107 @@ class CatalogueCheck {
       Tell("layout", table, "layout {} has {} columns, and the table {}", table.layout,
            info.column_count, table.columns.size());
     }
-    for (sagleme::Column const& column : table.columns) LayoutColumn(table, column);
+    for (Column const& column : table.columns) LayoutColumn(table, column);
   }
 
-  void LayoutColumn(sagleme::Table const& table, sagleme::Column const& column) const {
+  void LayoutColumn(Table const& table, Column const& column) const {
     LORVI_COLUMN_INFO info{};
     auto const status =
         lorvi_context_get_column_info(transaction_.context(), table.layout, column.ordinal, &info);
-    bool const truth = column.type == sagleme::Type::kBool;
-    auto const wanted = truth ? sagleme::Type::kULong : column.type;
+    bool const truth = column.type == Type::kBool;
+    auto const wanted = truth ? Type::kULong : column.type;
     if (status == 0 && info.type == static_cast<std::uint8_t>(wanted)) return;
     Tell("layout", table, "column {} is a {}, and no such column stands at {} in layout {}",
-         sagleme::ToUtf8(column.name), sagleme::TypeName(column.type), column.ordinal,
-         table.layout);
+         ToUtf8(column.name), TypeName(column.type), column.ordinal, table.layout);
   }
 
-  void Set(sagleme::Table const& table) {
+  // The token of a column in the kernel; nothing when there is no such column, which is told.
+  std::optional<std::uint64_t> TokenOf(Table const& table, Column const& column) const {
+    LORVI_COLUMN_INFO info{};
+    auto const status =
+        lorvi_context_get_column_info(transaction_.context(), table.layout, column.ordinal, &info);
+    return status == 0 ? std::optional<std::uint64_t>(info.token) : std::nullopt;
+  }
+
+  void Tokens(Table const& table) const {
+    TablePtr const base = transaction_.Find(table.base);
+    for (Column const& column : table.columns) {
+      std::optional<std::uint64_t> const token = TokenOf(table, column);
+      if (!token) continue;
+      if (!column.inherited) {
+        if (NameOf(*token) == ToUtf16(std::to_string(column.id.value))) continue;
+        Tell("tokens", table, "column {} has token {} in the kernel, which is not its own",
+             ToUtf8(column.name), *token);
+      } else if (base != nullptr && column.ordinal < base->columns.size() &&
+                 TokenOf(*base, base->columns[column.ordinal]) != token) {
+        Tell("tokens", table, "column {} has token {} in the kernel, and another one in the base",
+             ToUtf8(column.name), *token);
+      }
+    }
+  }
+
+  std::u16string NameOf(std::uint64_t token) const {
+    return detail::Inside(transaction_.context(), [&] {
+      auto const row = metalayer::Token::ByNameToken(token);
+      return row.is_null() ? std::u16string()
+                           : detail::CatalogueText(row, metalayer::Token::kInvariantName);
+    });
+  }
+
+  void Set(Table const& table) {
     if (table.base.empty()) return;
-    sagleme::TablePtr const base = transaction_.Find(table.base);
+    TablePtr const base = transaction_.Find(table.base);
     if (base != nullptr && (!table.setspec.starts_with(base->setspec) ||
                             table.setspec.size() == base->setspec.size())) {
       Tell("set", table, "the set specifier {} does not extend {} of the base",
-           sagleme::ToUtf8(table.setspec), sagleme::ToUtf8(base->setspec));
+           ToUtf8(table.setspec), ToUtf8(base->setspec));
     }
     auto const [other, first] = sets_.emplace(table.setspec, table.name);
-    if (!first)
-      Tell("set", table, "the set specifier is that of {} too", sagleme::ToUtf8(other->second));
+    if (!first) Tell("set", table, "the set specifier is that of {} too", ToUtf8(other->second));
   }
 
-  void TypeId(sagleme::Table const& table) {
+  void TypeId(Table const& table) {
     auto const [other, first] = type_ids_.emplace(table.type_id, table.name);
     if (table.type_id == 0) Tell("type id", table, "the table has no type id");
     if (!first)
-      Tell("type id", table, "type id {} is that of {} too", table.type_id,
-           sagleme::ToUtf8(other->second));
+      Tell("type id", table, "type id {} is that of {} too", table.type_id, ToUtf8(other->second));
   }
 
-  void IndexOf(sagleme::Table const& table, sagleme::Index const& index) const {
+  void IndexOf(Table const& table, Index const& index) const {
     char16_t const* setspec = nullptr;
     auto const status =
         lorvi_context_get_index_setspec(transaction_.context(), index.handle, &setspec);
     if (status != 0) {
-      return Tell("index", table, "the kernel does not give index {}: {}",
-                  sagleme::ToUtf8(index.name), lscoredb_status_text(status));
+      return Tell("index", table, "the kernel does not give index {}: {}", ToUtf8(index.name),
+                  lscoredb_status_text(status));
     }
     if (table.setspec != setspec) {
-      Tell("index", table, "index {} covers the set {}, and its table is {}",
-           sagleme::ToUtf8(index.name), sagleme::ToUtf8(setspec), sagleme::ToUtf8(table.setspec));
+      Tell("index", table, "index {} covers the set {}, and its table is {}", ToUtf8(index.name),
+           ToUtf8(setspec), ToUtf8(table.setspec));
     }
-    if (index.columns.empty())
-      Tell("index", table, "index {} has no columns", sagleme::ToUtf8(index.name));
+    if (index.columns.empty()) Tell("index", table, "index {} has no columns", ToUtf8(index.name));
   }
 
   void Generation() const {
-    sagleme::TablePtr const table =
+    TablePtr const table =
         transaction_.table(u"Lorvenstack.Internal.Metadata.UserSchemaGeneration");
     std::size_t count = 0;
-    for ([[maybe_unused]] sagleme::Object const& row : sagleme::Range::Only(transaction_, *table)) {
+    for ([[maybe_unused]] Object const& row : Range::Only(transaction_, *table)) {
       ++count;
     }
     if (count != 1) Tell("generation", *table, "there are {} counters of schema changes", count);
   }
 
-  sagleme::Transaction& transaction_;
-  Report const& report_;
+  Transaction& transaction_;
+  FindingReport const& report_;
   std::map<std::u16string, std::u16string> sets_;
   std::map<std::uint64_t, std::u16string> type_ids_;
 };
 
 }  // namespace
 
-void CheckCatalogue(sagleme::Transaction& transaction, Report const& report) {
+void CheckTables(Transaction& transaction, FindingReport const& report) {
   CatalogueCheck(transaction, report).Run();
 }
 
-void Check(sagleme::Transaction& transaction, CheckOptions const& options, Report const& report) {
-  try {
-    CheckCatalogue(transaction, report);
-    CheckObjects(transaction, options, report);
-    CheckEntries(transaction, report);
-  } catch (sagleme::Error const& error) {
-    report({"reading", "", 0, fmt::format("{} (status {})", error.what(), error.status())});
-  }
-}
-
-}  // namespace tool
+}  // namespace sagleme::checks

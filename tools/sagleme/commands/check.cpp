@@ -1,7 +1,8 @@
-#include "check/check.h"
-
 #include <fmt/format.h>
 
+#include <sagleme/check.hpp>
+
+#include "cli/failure.h"
 #include "commands/commands.h"
 #include "output/listing.h"
 
@@ -25,18 +26,27 @@ class CheckCommand : public Command {
   Exit Run(Session& session, Output& output) override;
 
  private:
-  CheckOptions options_;
+  sagleme::CheckOptions options_;
 };
+
+// Says what is missing, without reading anything.
+void RequireDatabase(Session& session) {
+  if (!sagleme::Database::ExistsIn(session.directory())) session.database();
+}
 
 Exit CheckCommand::Run(Session& session, Output& output) {
   Listing listing({"rule", "table", "object", "problem"});
-  session.Read([&](sagleme::Transaction& transaction) {
-    Check(transaction, options_, [&](Finding const& finding) {
-      listing.Add(
-          {Cell::Text(finding.rule), finding.table.empty() ? Cell{} : Cell::Text(finding.table),
-           finding.object == 0 ? Cell{} : Cell::Number(finding.object), Cell::Text(finding.what)});
-    });
-  });
+  auto const add = [&](sagleme::Finding const& finding) {
+    listing.Add(
+        {Cell::Text(finding.rule), finding.table.empty() ? Cell{} : Cell::Text(finding.table),
+         finding.object == 0 ? Cell{} : Cell::Number(finding.object), Cell::Text(finding.what)});
+  };
+  RequireDatabase(session);
+  try {
+    sagleme::CheckDatabase(session.directory(), options_, add);
+  } catch (sagleme::Error const& error) {
+    throw Failure(Exit::kCannotOpen, "cannot open " + session.directory() + ": " + error.what());
+  }
   if (listing.size() == 0) {
     output.Note("nothing is wrong\n");
     return Exit::kDone;

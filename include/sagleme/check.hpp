@@ -1,0 +1,63 @@
+#ifndef SAGLEME_CHECK_HPP
+#define SAGLEME_CHECK_HPP
+
+// The check of a database: what lscoredb_check finds in the kernel, told by table, and then the
+// catalogue by itself and against the kernel, and the objects against the catalogue.
+//
+// Rules of the kernel's part, see lscoredb/host.h: pages, definition, layout, index, count, set
+// change, identity, object, entries. Of pages and definitions that are broken the rest is not
+// looked at, since it cannot be read then. Rules of the catalogue's part, each one function:
+//
+//   ordinals     the columns of a table are numbered from 0 without gaps
+//   inheritance  a table begins with the columns of its base, as they are there
+//   layout       a table's layout in the kernel has its columns, with their types
+//   tokens       a column is known to the kernel by the token of its catalogue row, an
+//                inherited one by its base's
+//   set          a table's set specifier extends its base's, and is its alone
+//   children     a set specifier's counter of children is above all of them
+//   type id      every table has a type id of its own
+//   deferred     a reference column knows its target when that is there
+//   index        an index exists in the kernel, over its table's set, with columns in order
+//   generation   there is one counter of schema changes
+//   vacuum       a request is the only one for its set, asks for something known, and for a move to
+//                the layout of a table or for the removal of what no table has
+//   object       an object belongs to a table or waits to be removed, lies under its table's layout
+//                or waits to be moved, and can be read in full
+//   reference    a reference leads to an object of its target (only on request: deleting an object
+//                does not look for references to it)
+//
+// Memory grows with the catalogue and the findings of the kernel's part, not with the objects.
+
+#include <cstdint>
+#include <functional>
+#include <sagleme/host.hpp>
+#include <string>
+
+namespace sagleme {
+
+struct Finding {
+  std::string rule;
+  std::string table;         // empty: of the whole database, or not known
+  std::uint64_t object = 0;  // 0: of the table
+  std::string what;          // an English sentence
+};
+
+using FindingReport = std::function<void(Finding const&)>;
+
+struct CheckOptions {
+  bool references = false;
+};
+
+// Checks the newest committed state of the database in `directory`, also when the process has it
+// open. Reads nothing before the pages of the file are known to hold together. Error when the
+// kernel cannot open it at all.
+void CheckDatabase(std::string const& directory, CheckOptions const& options,
+                   FindingReport const& report);
+
+// The catalogue's part alone, as a transaction sees it.
+void CheckCatalogue(Transaction& transaction, CheckOptions const& options,
+                    FindingReport const& report);
+
+}  // namespace sagleme
+
+#endif

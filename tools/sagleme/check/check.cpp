@@ -1,0 +1,170 @@
+#include <optional>
+#include <vector>
+
+#include "parts.h"
+
+namespace sagleme {
+namespace {
+
+// What the kernel told, with its text.
+struct KernelFinding {
+  lscoredb_finding what{};
+  std::string text;
+};
+using KernelFindings = std::vector<KernelFinding>;
+
+std::uint32_t Keep(void* user, lscoredb_finding const* finding) {
+  static_cast<KernelFindings*>(user)->push_back({*finding, finding->text});
+  return 0;
+}
+
+// A share of a database that is given back.
+class Kernel {
+ public:
+  explicit Kernel(std::string const& directory) {
+    lscoredb_options options{};
+    options.size = sizeof options;
+    detail::CheckKernel(lscoredb_open(directory.c_str(), &options, &handle_));
+  }
+  ~Kernel() { lscoredb_close(handle_); }
+  Kernel(Kernel const&) = delete;
+  Kernel& operator=(Kernel const&) = delete;
+
+  KernelFindings Check() const {
+    KernelFindings findings;
+    auto const status = lscoredb_check(handle_, 0, Keep, &findings);
+    if (status != LSCOREDB_DAMAGED) detail::CheckKernel(status);
+    return findings;
+  }
+
+ private:
+  lscoredb* handle_ = nullptr;
+};
+
+char const* RuleOf(std::uint32_t kind) {
+  switch (kind) {
+    case LSCOREDB_FINDING_PAGES:
+      return "pages";
+    case LSCOREDB_FINDING_DEFINITION:
+      return "definition";
+    case LSCOREDB_FINDING_LAYOUT:
+      return "layout";
+    case LSCOREDB_FINDING_INDEX:
+      return "index";
+    case LSCOREDB_FINDING_COUNT:
+      return "count";
+    case LSCOREDB_FINDING_SET_CHANGE:
+      return "set change";
+    case LSCOREDB_FINDING_NEXT_ID:
+      return "identity";
+    case LSCOREDB_FINDING_OBJECT:
+    case LSCOREDB_FINDING_PARTS:
+      return "object";
+    default:
+      return "entries";
+  }
+}
+
+// Whether nothing else can be read for sure.
+bool EndsReading(KernelFinding const& finding) {
+  return finding.what.kind == LSCOREDB_FINDING_PAGES ||
+         finding.what.kind == LSCOREDB_FINDING_DEFINITION;
+}
+
+// From what the kernel knows to the tables of the catalogue.
+class Names {
+ public:
+  explicit Names(Transaction& transaction)
+      : transaction_(transaction), tables_(transaction.Tables(true)) {}
+
+  Finding Translate(KernelFinding const& finding) const {
+    Finding told{RuleOf(finding.what.kind), {}, finding.what.object, finding.text};
+    for (TablePtr const& table : tables_) {
+      for (Index const& index : table->indexes) {
+        if (finding.what.index == 0 || index.handle != finding.what.index) continue;
+        told.table = ToUtf8(table->name);
+        told.what = "index " + ToUtf8(index.name) + ": " + finding.text;
+      }
+    }
+    if (told.table.empty()) told.table = TableOf(finding);
+    return told;
+  }
+
+ private:
+  std::string TableOf(KernelFinding const& finding) const {
+    for (TablePtr const& table : tables_) {
+      if (finding.what.layout != 0 && table->layout == finding.what.layout) {
+        return ToUtf8(table->name);
+      }
+    }
+    if (finding.what.object == 0) return {};
+    try {
+      auto const object = Object::Find(transaction_, ObjectId{finding.what.object});
+      TablePtr const table = object ? transaction_.BySetspec(object->setspec()) : nullptr;
+      return table == nullptr ? std::string() : ToUtf8(table->name);
+    } catch (Error const&) {
+      return {};  // it is damaged
+    }
+  }
+
+  Transaction& transaction_;
+  std::vector<TablePtr> tables_;
+};
+
+Finding Untranslated(KernelFinding const& finding) {
+  return {RuleOf(finding.what.kind), {}, finding.what.object, finding.text};
+}
+
+void TellAll(KernelFindings const& findings, FindingReport const& report) {
+  for (KernelFinding const& finding : findings) report(Untranslated(finding));
+}
+
+void TellByTable(Transaction& transaction, KernelFindings const& findings,
+                 FindingReport const& report) {
+  if (findings.empty()) return;
+  std::optional<Names> names;
+  try {
+    names.emplace(transaction);
+  } catch (Error const&) {
+    return TellAll(findings, report);  // the catalogue is what is damaged
+  }
+  for (KernelFinding const& finding : findings) report(names->Translate(finding));
+}
+
+void TellError(Error const& error, FindingReport const& report) {
+  report({"reading", {}, 0, checks::Say("{} (status {})", error.what(), error.status())});
+}
+
+}  // namespace
+
+void CheckCatalogue(Transaction& transaction, CheckOptions const& options,
+                    FindingReport const& report) {
+  try {
+    checks::CheckTables(transaction, report);
+    checks::CheckRows(transaction, report);
+    checks::CheckObjects(transaction, options, report);
+  } catch (Error const& error) {
+    TellError(error, report);
+  }
+}
+
+void CheckDatabase(std::string const& directory, CheckOptions const& options,
+                   FindingReport const& report) {
+  KernelFindings const findings = Kernel(directory).Check();
+  for (KernelFinding const& finding : findings) {
+    if (EndsReading(finding)) return TellAll(findings, report);
+  }
+  std::optional<Database> database;
+  try {
+    database.emplace(Database::Open(directory));
+  } catch (Error const& error) {
+    TellAll(findings, report);
+    return TellError(error, report);
+  }
+  Context const context(*database);
+  Transaction transaction(context, Access::kReadOnly);
+  TellByTable(transaction, findings, report);
+  CheckCatalogue(transaction, options, report);
+}
+
+}  // namespace sagleme
