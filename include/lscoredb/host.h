@@ -185,9 +185,7 @@ LSCOREDB_API uint32_t lscoredb_stats(lscoredb* database, lscoredb_statistics* ou
  * be removed. */
 LSCOREDB_API uint32_t lscoredb_copy(lscoredb* database, char const* directory);
 
-/* ---- the check
- * ------------------------------------------------------------------------------------------------
- */
+/* ---- the check ------------------------------------------------------------------------------- */
 
 /* What a finding is about, by the rule that does not hold. Fields of a finding that a rule does not
  * fill are 0, the column LSCOREDB_NO_COLUMN. */
@@ -210,8 +208,8 @@ LSCOREDB_API uint32_t lscoredb_copy(lscoredb* database, char const* directory);
 /* An object's bytes or checksum are wrong, they are another object's, its layout is not there, or
  * it comes from a commit that has not been. object, layout */
 #define LSCOREDB_FINDING_OBJECT 8u
-/* A large object is not there in full, or parts of a large object lie about that has none. object
- */
+/* A large object is not there in full, or parts of a large object lie about that has none.
+ * object */
 #define LSCOREDB_FINDING_PARTS 9u
 /* An index does not hold an object that it covers. object, index, layout */
 #define LSCOREDB_FINDING_MISSING_ENTRY 10u

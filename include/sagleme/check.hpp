@@ -18,7 +18,8 @@
 //   type id      every table has a type id of its own
 //   deferred     a reference column knows its target when that is there
 //   index        an index exists in the kernel, over its table's set, with columns in order
-//   generation   there is one counter of schema changes
+//   generation   there is one counter of schema changes. Of several only CheckCatalogue can tell:
+//                where they are committed the layer's start-up ends the process
 //   vacuum       a request is the only one for its set, asks for something known, and for a move to
 //                the layout of a table or for the removal of what no table has
 //   object       an object belongs to a table or waits to be removed, lies under its table's layout

@@ -97,7 +97,8 @@ class LongTransactionTest : public ::testing::Test {
 };
 
 TEST_F(LongTransactionTest, TextsInScopes_TakeNoMemoryForLong) {
-  std::uint64_t const rows = FromEnvironment("SAGLEME_SOAK_STRINGS", 1000000) / kTexts;
+  std::uint64_t const usual = kLimitsWork ? 10000000 : 1000000;
+  std::uint64_t const rows = FromEnvironment("SAGLEME_SOAK_STRINGS", usual) / kTexts;
   ASSERT_NO_FATAL_FAILURE(Fill(rows));
   ASSERT_EQ(0U, lscoredb_begin(context_, LSCOREDB_READ_ONLY_TRANSACTION));
   ASSERT_EQ(0U, Read(100, true));

@@ -3,6 +3,7 @@
 #include <fstream>
 #include <functional>
 #include <nlohmann/json.hpp>
+#include <sagleme/check.hpp>
 #include <sagleme/host.hpp>
 
 #include "run_tool.h"
@@ -155,9 +156,22 @@ TEST_F(CheckTest, ARequestThatNobodyCanMeet_IsFound) {
   EXPECT_LT(0, Finding("vacuum")["object"]);
 }
 
-TEST_F(CheckTest, ASecondCounterOfSchemaChanges_IsFound) {
-  Plant([](auto&) { metalayer::UserSchemaGeneration::Insert(7); });
-  EXPECT_EQ("Lorvenstack.Internal.Metadata.UserSchemaGeneration", Finding("generation")["table"]);
+// Committed it would end every process that starts the layer.
+TEST_F(CheckTest, ASecondCounterOfSchemaChanges_IsFoundInTheTransactionThatMadeIt) {
+  auto const open = sagleme::Database::Open(database());
+  sagleme::Context const context(open);
+  sagleme::Transaction transaction(context);
+  std::vector<sagleme::Finding> findings;
+  auto const keep = [&](sagleme::Finding const& finding) { findings.push_back(finding); };
+  sagleme::CheckCatalogue(transaction, {}, keep);
+  EXPECT_TRUE(findings.empty());
+  sagleme::detail::Inside(transaction.context(),
+                          [] { metalayer::UserSchemaGeneration::Insert(7); });
+  sagleme::CheckCatalogue(transaction, {}, keep);
+  ASSERT_EQ(1u, findings.size());
+  EXPECT_EQ("generation", findings[0].rule);
+  EXPECT_EQ("Lorvenstack.Internal.Metadata.UserSchemaGeneration", findings[0].table);
+  EXPECT_EQ("there are 2 counters of schema changes", findings[0].what);
 }
 
 TEST_F(CheckTest, AnIndexThatTheKernelLacks_IsFound) {
