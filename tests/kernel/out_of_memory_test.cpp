@@ -5,6 +5,7 @@
 #include <new>
 #include <sagleme/metalayer/keys.hpp>
 
+#include "support/catalogue.h"
 #include "support/recording_kernel.h"
 
 namespace {
@@ -45,6 +46,48 @@ TEST(KeysWithoutMemory, ShortText_NeedsNone) {
   metalayer::Key(buffer).Text(u"short");
   no_memory = false;
   EXPECT_EQ(0x25, buffer[0]);
+}
+
+// A table whose set specifier has a text that takes memory as a key.
+class LongSpecifierWithoutMemory : public sagleme_test::CatalogueTest {
+ protected:
+  static constexpr std::size_t kLength = 300;
+
+  void SetUp() override {
+    recording_kernel::Reset();
+    CatalogueTest::SetUp();
+    Create(u"T", sagleme_test::Columns().Long(u"a"));
+    metalayer::PutText(metalayer::SetSpecifier::ByType(sagleme_test::View(u"T")),
+                       metalayer::SetSpecifier::kTypeId, std::u16string(kLength, u's').c_str());
+  }
+
+  template <typename Call>
+  uint32_t WithoutMemory(Call const& call) {
+    no_memory = true;
+    uint32_t const status = call();
+    no_memory = false;
+    return status;
+  }
+  uint32_t Drop() { return lorv_drop_table_by_name(context(), u"T", false, false); }
+  uint32_t Cascade() { return lorv_drop_table_cascade(context(), u"T"); }
+};
+
+// The request is what needs the text: the table stands, and the rest is the transaction's to undo.
+TEST_F(LongSpecifierWithoutMemory, DroppingTheTable_StopsAtTheRequest) {
+  ExpectRefused(1003, u"", WithoutMemory([this] { return Drop(); }));
+  EXPECT_EQ(0, recording_kernel::OpenIterators());
+  EXPECT_EQ(0, sagleme_test::CountRequests());
+  EXPECT_EQ(sagleme_test::WithRootColumns({"3 a long"}), sagleme_test::ColumnsOf(u"T"));
+  ExpectOk(Drop());
+  EXPECT_EQ(2u, sagleme_test::RequestOfSetspec(std::string(kLength, 's')).kind);
+  EXPECT_TRUE(sagleme_test::View(u"T").is_null());
+}
+
+TEST_F(LongSpecifierWithoutMemory, DroppingInACascade_LeavesAllAsItWas) {
+  ExpectRefusedUntouched(1003, u"", [this] { return WithoutMemory([this] { return Cascade(); }); });
+  EXPECT_EQ(0, recording_kernel::OpenIterators());
+  ExpectOk(Cascade());
+  EXPECT_TRUE(sagleme_test::View(u"T").is_null());
 }
 
 }  // namespace
