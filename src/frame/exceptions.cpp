@@ -73,22 +73,25 @@ void PrintConflictsCount(Stream& stream, u16string const& table, int count) {
 
 unsigned long Context() { return *TlsMetalayerContext::Current(); }
 
-void CheckRead(unsigned int status) {
+// Whether a column has a value. The output of a read that found none is not to be looked at.
+bool HasValue(unsigned int status) {
   if (status != 0 && status != LORV_STATUS_NULL) db_util::db_exception::check(status);
+  return status == 0;
 }
 
 LS_OBJ_REF TableOfColumn(LS_OBJ_REF const& column) {
   LORV_REFERENCE table{};
-  CheckRead(
+  bool const has_table = HasValue(
       lorv_context_get_reference(Context(), column.oid, column.addr, kTableOfRawColumn, &table));
-  return {table.oid, table.position << 16 | table.layout};
+  return has_table ? LS_OBJ_REF{table.oid, table.position << 16 | table.layout} : LS_OBJ_REF{};
 }
 
 void PrintTableOfColumn(Stream& stream, LS_OBJ_REF const& column) {
   LS_OBJ_REF const table = TableOfColumn(column);
   LORV_STRING* name = nullptr;
-  CheckRead(lorv_context_get_string(Context(), table.oid, table.addr, kFullNameOfRawView, &name));
-  if (name != nullptr) stream << u16string(name->units, name->length);
+  bool const has_name = HasValue(
+      lorv_context_get_string(Context(), table.oid, table.addr, kFullNameOfRawView, &name));
+  if (has_name) stream << u16string(name->units, name->length);
 }
 
 void PrintDescendantConflicts(Stream& stream, NewColumnNameConflictsList const& list) {

@@ -108,6 +108,30 @@ TEST_F(ConflictingNameTest, OfAnotherKind_AddsNothing) {
   EXPECT_EQ(u"New column name C conflicts with existing column.", Text());
 }
 
+TEST_F(ConflictingNameTest, TableWithoutAName_IsNamedByNothing) {
+  Answer<&lorv_context_get_string>(
+      [this](uint64_t, uint64_t, uint64_t, uint32_t, LORV_STRING** out) {
+        NameOf(1, 6, out);
+        return LORV_STATUS_NULL;
+      });
+  EXPECT_EQ(4277u, Raise(1, {{1, 0}}));
+  EXPECT_EQ(u"New column name C conflicts with existing column in ancestor table .", Text());
+}
+
+// A kernel may leave anything in the output of a read that it answers with null.
+TEST_F(ConflictingNameTest, ColumnOfNoTable_AsksForTheNameOfTheNullReference) {
+  Answer<&lorv_context_get_reference>(
+      [](uint64_t, uint64_t, uint64_t, uint32_t, LORV_REFERENCE* out) {
+        *out = {5, 6, 7};
+        return LORV_STATUS_NULL;
+      });
+  recording_kernel::Record();
+  EXPECT_EQ(4273u, Raise(1, {{1, 2}}));
+  auto const& calls = recording_kernel::Calls();
+  EXPECT_EQ((std::vector<uint64_t>{kContext, 1, 2, 3}), calls.at(0).numbers);
+  EXPECT_EQ((std::vector<uint64_t>{kContext, 0, 0, 6}), calls.at(1).numbers);
+}
+
 TEST_F(ConflictingNameTest, KernelFailureInBetween_TakesItsPlace) {
   EXPECT_EQ(4273u, Raise(3, {{1, 0}, {kColumnOfNoTable, 0}}, true));
   EXPECT_EQ(
