@@ -99,6 +99,38 @@ TEST_F(ArgumentsTest, AddColumns_ChecksThemInOrder) {
                 lorv_alter_table_add_columns(kContext, u"t", many.data(), nullptr));
 }
 
+// Nothing behind the 113th entry is looked at.
+TEST_F(ArgumentsTest, ListsWithoutAnEnd_AreReadNoFurtherThan113Entries) {
+  auto by_reference = ByReference(113);
+  by_reference.pop_back();
+  by_reference.shrink_to_fit();
+  ExpectRefused(u"Number of columns for table t exceeds the limit of 112.",
+                lorv_create_table(kContext, u"t", 0, 0, by_reference.data(), nullptr, nullptr));
+  auto by_names = ByNames(113);
+  by_names.pop_back();
+  by_names.shrink_to_fit();
+  ExpectRefused(u"Number of columns for table t exceeds the limit of 112.",
+                lorv_alter_table_add_columns(kContext, u"t", by_names.data(), nullptr));
+}
+
+TEST_F(ArgumentsTest, RefusedCalls_LeaveTheirOutputsAlone) {
+  uint64_t oid = 7;
+  uint64_t addr = 8;
+  uint16_t layout = 9;
+  auto const by_reference = ByReference(113);
+  auto const by_names = ByNames(113);
+  for (char16_t const* const name : {static_cast<char16_t const*>(nullptr), u"", u"t"}) {
+    EXPECT_EQ(1001u, lorv_create_table(kContext, name, 0, 0, by_reference.data(), &oid, &addr));
+    EXPECT_EQ(1001u, lorv_create_table_by_names(kContext, name, nullptr, by_names.data(), &layout));
+    EXPECT_EQ(1001u, lorv_create_table_high_check_types(kContext, name, nullptr, by_names.data(),
+                                                        &layout));
+    EXPECT_EQ(1001u, lorv_alter_table_add_columns(kContext, name, by_names.data(), &oid));
+  }
+  EXPECT_EQ(7u, oid);
+  EXPECT_EQ(8u, addr);
+  EXPECT_EQ(9u, layout);
+}
+
 TEST_F(ArgumentsTest, SetspecName_NeedsARow) {
   char16_t const* name = nullptr;
   ExpectRefused(u"The argument setspec_oid is zero.",

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <new>
+
 #include "support/database.h"
 #include "support/recording_kernel.h"
 
@@ -83,6 +85,72 @@ TEST_P(BootstrapCallsTest, FailureInALaterStep_IsTheResultOfThatStepAndTheLast) 
   EXPECT_EQ(nullptr, next_);
   EXPECT_EQ(0, recording_kernel::OpenIterators());
   EXPECT_EQ(0u, Current());
+}
+
+TEST_P(BootstrapCallsTest, RunThatIsGivenUp_DestroysItsDescriptorsAndPutsTheSavedContextBack) {
+  *metalayer::TlsMetalayerContext::Current() = 3;
+  ASSERT_EQ(0u, Start());
+  ASSERT_TRUE(more_);
+  EXPECT_EQ(database_.context(), Current());
+  EXPECT_NE(nullptr, metalayer::MetaschemaInit::inits());
+  free_continuation_handle(next_);
+  EXPECT_EQ(nullptr, metalayer::MetaschemaInit::inits());
+  EXPECT_EQ(3u, Current());
+  *metalayer::TlsMetalayerContext::Current() = 0;
+}
+
+TEST_P(BootstrapCallsTest, NormalEnd_DestroysTheDescriptorsAndPutsTheSavedContextBack) {
+  *metalayer::TlsMetalayerContext::Current() = 3;
+  EXPECT_EQ(0u, RunToTheEnd(Start()));
+  EXPECT_EQ(nullptr, metalayer::MetaschemaInit::inits());
+  EXPECT_EQ(3u, Current());
+  *metalayer::TlsMetalayerContext::Current() = 0;
+}
+
+// The start empties the buffer; the steps behind it leave it alone.
+TEST_P(BootstrapCallsTest, OldText_IsGoneWithTheStartAndLaterTextStaysOverTheSteps) {
+  constexpr char16_t kText[] = u"The argument setspec_oid is zero.";
+  uint64_t const context = database_.context();
+  EXPECT_EQ(1001u, lorv_setspec_name_by_setspec_ref(context, 0, 0, nullptr));
+  EXPECT_EQ(kText, sagleme_test::LastText(context));
+  ASSERT_EQ(0u, Start());
+  EXPECT_EQ(nullptr, lorv_metalayer_errbuf(context));
+  EXPECT_EQ(1001u, lorv_setspec_name_by_setspec_ref(context, 0, 0, nullptr));
+  EXPECT_EQ(0u, RunToTheEnd(0));
+  EXPECT_EQ(kText, sagleme_test::LastText(context));
+}
+
+void ThrowFromTheKernel() {
+  recording_kernel::Answer<&lorv_context_create_iterator>(
+      [](uint64_t, uint64_t, uint32_t, void const*, void const*, uint64_t*) -> uint32_t {
+        throw std::bad_alloc();
+      });
+  recording_kernel::Answer<&lorvi_context_get_layout_infos_by_token>(
+      [](uint64_t, uint64_t, uint32_t*, LORVI_LAYOUT_INFO*) -> uint32_t {
+        throw std::bad_alloc();
+      });
+}
+
+TEST_P(BootstrapCallsTest, ForeignExceptionBeforeTheFirstYield_LeavesTheCall) {
+  ThrowFromTheKernel();
+  EXPECT_THROW(Start(), std::bad_alloc);
+  EXPECT_EQ(nullptr, metalayer::MetaschemaInit::inits());
+  EXPECT_EQ(0u, Current());
+}
+
+TEST_P(BootstrapCallsTest, LaterForeignException_LeavesTheStepThatResumed) {
+  uint32_t status = Start();
+  for (int i = 0; i < 3 && status == 0; ++i) status = GoOn();
+  ASSERT_EQ(0u, status);
+  ASSERT_TRUE(more_);
+  ThrowFromTheKernel();
+  continuation_context* const handle = next_;
+  EXPECT_THROW(run_continuation(handle, &next_, &more_), std::bad_alloc);
+  EXPECT_EQ(nullptr, next_);
+  EXPECT_FALSE(more_);
+  EXPECT_EQ(nullptr, metalayer::MetaschemaInit::inits());
+  EXPECT_EQ(0u, Current());
+  free_continuation_handle(handle);
 }
 
 INSTANTIATE_TEST_SUITE_P(Names, BootstrapCallsTest,

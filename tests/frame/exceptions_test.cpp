@@ -211,6 +211,7 @@ TEST_F(ExceptionsTest, NamePastTheEndOfTheBuffer_IsCutAndTheFailureStands) {
   try {
     ThrowNonexistentTable(name);
   } catch (BadTableArg const& failure) {
+    EXPECT_EQ(15003u, failure.code());
     EXPECT_EQ(name, failure.table);
   }
   EXPECT_EQ(7168u, Text().size());

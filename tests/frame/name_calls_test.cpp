@@ -91,6 +91,24 @@ TEST_F(NameCallsTest, GetToken_OfNoName_IsNotFound) {
   ExpectRefused(4279, u"Token for name  not found.", lorv_get_token(context(), nullptr, &token));
 }
 
+// 990 bytes in chunks of 31 with their counts, the end of the text and the end mark: 1024 bytes.
+TEST_F(NameCallsTest, GetToken_OfTheLongestNameThatFitsAKey_IsLookedUp) {
+  std::u16string const name(990, u'n');
+  uint64_t const token = Assured(name.c_str());
+  uint64_t found = 0;
+  ExpectOk(lorv_get_token(context(), name.c_str(), &found));
+  EXPECT_EQ(token, found);
+}
+
+TEST_F(NameCallsTest, GetToken_OfANameOneByteTooLong_IsRefusedBeforeTheKernelIsAsked) {
+  std::u16string const name(991, u'n');
+  uint64_t token = 7;
+  recording_kernel::Record();
+  ExpectRefused(4197, u"", lorv_get_token(context(), name.c_str(), &token));
+  EXPECT_EQ(7u, token);
+  EXPECT_TRUE(recording_kernel::Names().empty());
+}
+
 using NameCallsDeathTest = NameCallsTest;
 
 TEST_F(NameCallsDeathTest, GetToken_OfATableWithoutALayout_EndsTheProcess) {
@@ -121,6 +139,17 @@ TEST_F(NameCallsTest, GetTokenName_OfARowWithoutAText_IsNull) {
   char16_t const* name = u"";
   ExpectOk(lorv_get_token_name(context(), 999999, &name));
   EXPECT_EQ(nullptr, name);
+}
+
+TEST_F(NameCallsTest, NamesOfTokens_ThatCannotBeRead_AreTheKernelsStatus) {
+  uint64_t const token = Assured(u"word");
+  char16_t const* name = u"untouched";
+  for (auto const call :
+       {&lorv_get_token_name, &lorv_get_table_name_by_token, &lorv_get_column_name_by_token}) {
+    recording_kernel::FailNthOf("lorv_context_get_string", 1, LSCOREDB_IO_ERROR);
+    ExpectRefused(LSCOREDB_IO_ERROR, u"", call(context(), token, &name));
+    EXPECT_EQ(u"untouched", Text(name));
+  }
 }
 
 TEST_F(NameCallsTest, NameByToken_OfAPlainWord_IsTheWord) {
@@ -225,6 +254,21 @@ TEST_F(NameCallsTest, TableByLayout_IsFoundByTheCurrentOneAlone) {
                 u"No table is associated with layout id " +
                     sagleme_test::Utf16(std::to_string(layout)) + u".",
                 lorv_table_ref_by_layout_id(context(), layout, &oid, &addr));
+}
+
+// ---- booleans
+// -----------------------------------------------------------------------------------
+
+TEST_F(NameCallsTest, PutBool_OfTwo_StoresOne) {
+  MakeTable(u"App.T");
+  RawView const view(RawView::ByRawViewPK2fullname(u"App.T"));
+  for (auto const& [given, stored] : {std::pair{0, 0u}, std::pair{2, 1u}, std::pair{1, 1u}}) {
+    uint64_t value = 77;
+    EXPECT_EQ(0u, lorv_meta_put_bool(context(), view.oid, view.addr, RawView::kUpdatable,
+                                     static_cast<uint64_t>(given)));
+    EXPECT_EQ(0u, lorv_meta_get_bool(context(), view.oid, view.addr, RawView::kUpdatable, &value));
+    EXPECT_EQ(stored, value);
+  }
 }
 
 }  // namespace
