@@ -80,6 +80,50 @@ TEST_F(CatalogueCallsTest, NextToken_ScansBackwardsFromTheHighest) {
   EXPECT_EQ(1u, recording_kernel::CallsOf("lorv_iterator_next").size());
 }
 
+TEST_F(CatalogueCallsTest, ColumnsCount_ScansBackwardsFromTheHighestOrdinal) {
+  RawView const table(RawView::ByRawViewPK2fullname(u"Lorvenstack.Metadata.Index"));
+  std::string oid;
+  for (int shift = 56; shift >= 0; shift -= 8) {
+    oid += " " + Hex({static_cast<uint8_t>(table.oid >> shift)});
+  }
+  recording_kernel::Record();
+  EXPECT_LT(3, ddl::GetColumnsCount(table));
+  ExpectScan(RawColumn::index_id_RawColumnPK(), 0x80070,
+             "28" + oid + " 28 80 00 00 00 00 00 7F FF C0 00 00 00 00 00",
+             "28" + oid + " 60 C0 00 00 00 00 00");
+  EXPECT_EQ(1u, recording_kernel::CallsOf("lorv_iterator_next").size());
+}
+
+// The empty text as a high bound stands above all texts. What it converts to is the kernel's.
+TEST_F(CatalogueCallsTest, Clean_ScansFromTheNullKeyToTheHighest) {
+  recording_kernel::Record();
+  ExpectOk(lorv_clrmetadata_clean(context()));
+  std::vector<Call> const scans = recording_kernel::CallsOf("lorv_context_create_iterator");
+  uint8_t converted[128];
+  uint32_t const size = lorv_convert_ucs2_to_turbotext(u"", 1, converted, sizeof converted);
+  uint8_t text[128];
+  ukf::ENCODER end{text};
+  ukf::encode_tt4(converted, size, end);
+  std::vector<uint8_t> const highest(text, end.position);
+  auto const finished = [](std::vector<uint8_t> key) {
+    key.push_back(0xC0);
+    key.resize((key.size() + 7) / 8 * 8);
+    return Hex(key);
+  };
+  std::vector<uint8_t> of_two(9, 0xFF);
+  of_two.front() = 0x28;
+  of_two.insert(of_two.end(), highest.begin(), highest.end());
+  ASSERT_EQ(2u, scans.size());
+  EXPECT_EQ((std::vector<uint64_t>{context(), MappedProperty::index_id_MappedPropertyPK(), 0x70}),
+            scans[0].numbers);
+  EXPECT_EQ("60 C0 00 00 00 00 00 00", Hex(scans[0].keys.at(0)));
+  EXPECT_EQ(finished(of_two), Hex(scans[0].keys.at(1)));
+  EXPECT_EQ((std::vector<uint64_t>{context(), ClrClass::index_id_ClrClassPK(), 0x70}),
+            scans[1].numbers);
+  EXPECT_EQ("60 C0 00 00 00 00 00 00", Hex(scans[1].keys.at(0)));
+  EXPECT_EQ(finished(highest), Hex(scans[1].keys.at(1)));
+}
+
 TEST_F(CatalogueCallsTest, Subtree_IsScannedBetweenTheBoundsOfItsSpecifier) {
   recording_kernel::Record();
   db_util::db_iter_with_keys objects;

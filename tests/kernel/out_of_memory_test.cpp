@@ -39,6 +39,19 @@ TEST(KeysWithoutMemory, LongText_IsRefusedAsOutOfMemory) {
   EXPECT_EQ(1003u, code);
 }
 
+TEST(KeysWithoutMemory, CallWithALongName_IsRefusedAsOutOfMemory) {
+  recording_kernel::Reset();
+  std::u16string const name(300, u'n');
+  uint64_t token = 77;
+  recording_kernel::Record();
+  no_memory = true;
+  uint32_t const status = lorv_get_token(1, name.c_str(), &token);
+  no_memory = false;
+  EXPECT_EQ(1003u, status);
+  EXPECT_EQ(77u, token);
+  EXPECT_TRUE(recording_kernel::Names().empty());
+}
+
 TEST(KeysWithoutMemory, ShortText_NeedsNone) {
   recording_kernel::Reset();
   alignas(8) unsigned char buffer[1024];

@@ -291,6 +291,19 @@ TEST_F(RecordsDeathTest, IteratorThatTheKernelKeeps_EndsTheProcess) {
       ::testing::KilledBySignal(SIGABRT), "");
 }
 
+TEST_F(RecordsDeathTest, IteratorThatTheKernelKeepsInAFailure_EndsTheProcess) {
+  EXPECT_EXIT(
+      {
+        CodeOf([] {
+          db_iterator walk;
+          walk.open(6, metalayer::kForward, kKey, kKey);
+          recording_kernel::FailNthOf("lorv_iterator_free", 1, 1);
+          db_util::db_exception::check(4711);
+        });
+      },
+      ::testing::KilledBySignal(SIGABRT), "");
+}
+
 TEST_F(RecordsDeathTest, IteratorThatTheKernelKeepsOnReopening_EndsTheProcess) {
   EXPECT_EXIT(
       {

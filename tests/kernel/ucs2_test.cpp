@@ -58,7 +58,13 @@ TEST(Ucs2ScpyS, BadArguments_AreTold) {
   errno = 0;
   EXPECT_EQ(22, ucs2_scpy_s(nullptr, 4, u"abc"));
   EXPECT_EQ(22, errno);
+  errno = 0;
   EXPECT_EQ(22, ucs2_scpy_s(out, 4, nullptr));
+  EXPECT_EQ(22, errno);
+  EXPECT_EQ(u'.', out[1]);
+  EXPECT_EQ(0, out[0]);
+  out[0] = u'x';
+  EXPECT_EQ(22, ucs2_scpy_s(out, 0, nullptr));
   EXPECT_EQ(0, out[0]);
   out[0] = u'x';
   errno = 0;
@@ -91,11 +97,18 @@ TEST(Ucs2StrcatS, UnterminatedTarget_IsRefusedUnchanged) {
 
 TEST(Ucs2StrcatS, BadArguments_AreTold) {
   char16_t out[4] = u"ab";
+  errno = 0;
   EXPECT_EQ(22, ucs2_strcat_s(nullptr, 4, u"c"));
+  EXPECT_EQ(22, errno);
+  errno = 0;
   EXPECT_EQ(22, ucs2_strcat_s(out, 4, nullptr));
+  EXPECT_EQ(22, errno);
   EXPECT_EQ(0, out[0]);
+  EXPECT_EQ(u'b', out[1]);
   out[0] = u'x';
+  errno = 0;
   EXPECT_EQ(34, ucs2_strcat_s(out, 0, u"c"));
+  EXPECT_EQ(34, errno);
   EXPECT_EQ(0, out[0]);
 }
 
