@@ -1,3 +1,4 @@
+#include <sagleme/metalayer/metaschema.hpp>
 #include <stdexcept>
 
 #include "support/catalogue.h"
@@ -8,6 +9,7 @@ namespace {
 using metalayer::MetaPopul8r;
 using metalayer::RawColumn;
 using metalayer::RawView;
+using metalayer::ReferenceRawColumn;
 using ::testing::KilledBySignal;
 
 class MetaPopulatorTest : public CatalogueTest {
@@ -20,6 +22,26 @@ class MetaPopulatorTest : public CatalogueTest {
     return metalayer::DbPrimitiveType::ByDbPrimitiveTypePK_postV2_3(type);
   }
   uint32_t UpdateRefTypes() { return lorv_update_reference_columns_types(context()); }
+  // An object of a new table below a system table.
+  LS_OBJ_REF ObjectBelow(char16_t const* system_table, char16_t const* table) {
+    uint16_t const layout = Create(table, {}, system_table);
+    uint64_t oid = 0;
+    EXPECT_EQ(0u, lorv_context_insert(context(), layout, &oid));
+    std::u16string const setspec = Utf16(SetspecOfTable(View(table)));
+    EXPECT_EQ(0u, lorv_context_put_setspec(context(), oid, layout, setspec.c_str()));
+    return {oid, layout};
+  }
+  // A failure that has left every row as it was.
+  template <typename Call>
+  void ExpectThrownUntouched(uint32_t status, std::u16string const& text, Call&& call) {
+    ExpectUntouched([&] { ExpectThrown(status, text, call); });
+  }
+  // The text is there, and empty.
+  void ExpectEmptyText(LS_OBJ_REF const& row, unsigned int column) {
+    char16_t const* const text = metalayer::db_record(row).get_string(column);
+    ASSERT_NE(nullptr, text);
+    EXPECT_EQ(u"", std::u16string(text));
+  }
 };
 
 TEST_F(MetaPopulatorTest, ChildOfTheRoot_GetsTheThreeHiddenColumns) {
@@ -128,6 +150,20 @@ TEST_F(MetaPopulatorTest, TypeRowOfAnotherTable_IsRefused) {
                 lorv_create_table(context(), u"T", 0, 0, columns, nullptr, nullptr));
 }
 
+// Tables below the two that types come from are no types either.
+TEST_F(MetaPopulatorTest, TypeRowOfAnyOtherTable_IsRefused) {
+  RawView const table = BareTable(u"Bare");
+  MetaPopul8r populator(false);
+  for (LS_OBJ_REF const& type : {ObjectBelow(u"Lorvenstack.Metadata.RawView", u"Views"),
+                                 ObjectBelow(u"Lorvenstack.Metadata.DbPrimitiveType", u"Types"),
+                                 LS_OBJ_REF(InsertClass(u"Class", View(u"Views"))),
+                                 LS_OBJ_REF(ColumnRow(u"Views", u"Name")), db_util::null_obj_ref}) {
+    ExpectThrownUntouched(15002, u"Refernce type for column c is not one of RawView.", [&] {
+      populator.PopulateColumnMeta(table, LORV_COLUMN_DEFINITION{type, 1, u"c"}, 0, false);
+    });
+  }
+}
+
 TEST_F(MetaPopulatorTest, ReferenceWithoutTypeName_IsRefused) {
   ExpectRefused(
       15002, u"Reference type name missing in column c.",
@@ -194,18 +230,120 @@ TEST_F(MetaPopulatorTest, GapInTheParentsOrdinals_EndsTheProcess) {
 
 TEST_F(MetaPopulatorTest, ColumnRowOfAnotherTable_EndsTheProcess) {
   Create(u"Parent");
-  uint16_t const layout = Create(u"Odd", {}, u"Lorvenstack.Internal.Metadata.RawColumn");
-  uint64_t oid = 0;
-  ASSERT_EQ(0u, lorv_context_insert(context(), layout, &oid));
-  std::u16string const setspec = Utf16(SetspecOfTable(View(u"Odd")));
-  ASSERT_EQ(0u, lorv_context_put_setspec(context(), oid, layout, setspec.c_str()));
-  LS_OBJ_REF const row{oid, layout};
+  LS_OBJ_REF const row = ObjectBelow(u"Lorvenstack.Internal.Metadata.RawColumn", u"Odd");
   metalayer::PutRef(row, RawColumn::kTable, View(u"Parent"));
   metalayer::PutText(row, RawColumn::kName, u"odd");
   metalayer::PutLong(row, RawColumn::kColumnIndex, 3);
   RawView const child = BareTable(u"Child");
   EXPECT_EXIT(MetaPopul8r(false).CopyParentColumns(child, View(u"Parent")), KilledBySignal(SIGABRT),
               "");
+}
+
+TEST_F(MetaPopulatorTest, OrdinalThatIsTaken_IsTheKernelsRefusal) {
+  RawView const table = BareTable(u"Bare");
+  MetaPopul8r populator(true);
+  LORV_COLUMN_DEFINITION_NAMES const a{3, nullptr, 0, u"a"};
+  LORV_COLUMN_DEFINITION_NAMES const b{3, nullptr, 0, u"b"};
+  populator.PopulateColumnMeta(table, a, 0, false);
+  ExpectThrown(LSCOREDB_DUPLICATE_KEY, u"",
+               [&] { populator.PopulateColumnMeta(table, b, 0, false); });
+}
+
+// ---- values that are not there ----------------------------------------------------------------
+
+TEST_F(MetaPopulatorTest, CopyOfAColumnWithoutTexts_HasEmptyOnes) {
+  Create(u"Target");
+  Create(u"Parent", Columns().Long(u"a").Ref(u"r", u"Target"));
+  metalayer::PutText(ColumnRow(u"Parent", u"a"), RawColumn::kName, nullptr);
+  metalayer::PutText(ColumnRow(u"Parent", u"r"), ReferenceRawColumn::kDataTypeName, nullptr);
+  RawView const child = BareTable(u"Child");
+  EXPECT_EQ(5, MetaPopul8r(true).CopyParentColumns(child, View(u"Parent")));
+  ExpectEmptyText(RawColumn::ByRawColumnPK(child, 3), RawColumn::kName);
+  RawColumn const reference = RawColumn::ByRawColumnPK(child, 4);
+  ExpectEmptyText(reference, ReferenceRawColumn::kDataTypeName);
+  EXPECT_EQ(View(u"Target").oid, reference.get_ref(RawColumn::kDataType).oid);
+}
+
+TEST_F(MetaPopulatorTest, TargetWithoutFullName_GivesAnEmptyOne) {
+  Create(u"Target");
+  RawView const target = View(u"Target");
+  metalayer::PutText(target, RawView::kFullName, nullptr);
+  RawView const table = BareTable(u"Bare");
+  MetaPopul8r(true).PopulateColumnMeta(table, LORV_COLUMN_DEFINITION{target, 1, u"r"}, 0, false);
+  RawColumn const column = ColumnRow(table, u"r");
+  ExpectEmptyText(column, ReferenceRawColumn::kDataTypeName);
+  EXPECT_EQ(target.oid, column.get_ref(RawColumn::kDataType).oid);
+}
+
+TEST_F(MetaPopulatorTest, UpdateRefTypes_ColumnWithoutTexts_IsRefusedWithEmptyOnes) {
+  Create(u"T", Columns().Ref(u"r", u"Later"));
+  RawColumn const column = ColumnRow(u"T", u"r");
+  metalayer::PutText(column, ReferenceRawColumn::kDataTypeName, nullptr);
+  ExpectRefusedUntouched(15002, u"Column r refers to an unknown type .",
+                         [&] { return UpdateRefTypes(); });
+  metalayer::PutText(column, RawColumn::kName, nullptr);
+  ExpectRefusedUntouched(15002, u"Column  refers to an unknown type .",
+                         [&] { return UpdateRefTypes(); });
+}
+
+TEST_F(MetaPopulatorTest, UpdateRefTypes_ReachesRowsOfDerivedTables) {
+  LS_OBJ_REF const row = ObjectBelow(u"Lorvenstack.Internal.Metadata.ReferenceRawColumn", u"Odd");
+  metalayer::PutText(row, ReferenceRawColumn::kDataTypeName, u"Odd");
+  ExpectOk(UpdateRefTypes());
+  EXPECT_EQ(View(u"Odd").oid, metalayer::db_record(row).get_ref(RawColumn::kDataType).oid);
+}
+
+// ---- columns of system tables -----------------------------------------------------------------
+
+class SystemColumnTest : public MetaPopulatorTest {
+ protected:
+  static metalayer::COLUMN_INFO Column(uint8_t type, char16_t const* target = nullptr) {
+    metalayer::COLUMN_INFO column;
+    column.name = u"c";
+    column.type = type;
+    column.ref_table = target;
+    column.nullable = type == metalayer::kLogicalReference;
+    return column;
+  }
+  void Populate(bool strict, RawView const& table, metalayer::COLUMN_INFO const& column) {
+    MetaPopul8r(strict).PopulateColumnMeta(table, column, 0, false);
+  }
+  void ExpectRefusedColumn(std::u16string const& text, metalayer::COLUMN_INFO const& column) {
+    RawView const table = BareTable(u"Bare");
+    ExpectThrownUntouched(15002, text, [&] { Populate(true, table, column); });
+  }
+};
+
+TEST_F(SystemColumnTest, ReferenceWithoutTypeName_IsRefused) {
+  ExpectRefusedColumn(u"Reference type name missing in column c.", Column(8));
+}
+
+TEST_F(SystemColumnTest, UnknownPrimitiveType_IsRefused) {
+  ExpectRefusedColumn(u"Primitive type 77 not found for column c.", Column(77));
+}
+
+TEST_F(SystemColumnTest, UnknownTarget_IsRefused) {
+  metalayer::MetaschemaInit const metaschema;
+  ExpectRefusedColumn(u"Reference type Nothing not found for column c.", Column(8, u"Nothing"));
+}
+
+// The target is found by its layout, not by its name.
+TEST_F(SystemColumnTest, TargetWithoutLayout_IsRefused) {
+  metalayer::MetaschemaInit const metaschema;
+  ExpectRefusedColumn(u"Reference type Index not found for column c.", Column(8, u"Index"));
+}
+
+TEST_F(SystemColumnTest, MissingTarget_IsDeferredUnlessStrict) {
+  metalayer::MetaschemaInit const metaschema;
+  RawView const table = BareTable(u"Bare");
+  Populate(false, table, Column(8, u"Nothing"));
+  EXPECT_EQ((std::vector<std::string>{"0 c reference(Nothing?) null"}), ColumnsOf(table));
+}
+
+TEST_F(SystemColumnTest, Nullability_IsTakenAsItIs) {
+  RawView const table = BareTable(u"Bare");
+  Populate(true, table, Column(1));
+  EXPECT_EQ((std::vector<std::string>{"0 c string"}), ColumnsOf(table));
 }
 
 }  // namespace
