@@ -18,6 +18,7 @@ class Damage : public BootstrapTest {
   void ExpectStartUp(uint32_t status) {
     Outcome const outcome = StartUp();
     EXPECT_EQ(status, outcome.status) << outcome.text;
+    EXPECT_EQ("", outcome.text);
   }
 };
 

@@ -119,6 +119,35 @@ TEST_F(DdlUtilsTest, ToLorviColDef_MapsTypesAndRefusesOthers) {
   }
 }
 
+TEST_F(DdlUtilsTest, ToLorviColDef_ByReference_RefusesWhatIsNoType) {
+  LS_OBJ_REF const type = metalayer::DbPrimitiveType::ByDbPrimitiveTypePK_postV2_3(3);
+  LORVI_COLUMN_DEFINITION out = {};
+  ddl::ToLorviColDef(LORV_COLUMN_DEFINITION{type, 1, u"x"}, 99, &out);
+  EXPECT_EQ(LORV_TYPE_LONG, out.type);
+  EXPECT_EQ(1, out.is_nullable);
+  EXPECT_EQ(99u, out.token);
+  for (uint64_t const number : {0u, 11u}) {
+    metalayer::PutULong(type, metalayer::DbPrimitiveType::kPrimitiveType, number);
+    ExpectThrown(4226, u"", [&] {
+      ddl::ToLorviColDef(LORV_COLUMN_DEFINITION{type, 1, u"x"}, 99, &out);
+    });
+  }
+}
+
+TEST_F(DdlUtilsTest, ToLorviColDefs_RefusedType_EndsTheList) {
+  RawView const table = TableWithRows(2);
+  LORVI_COLUMN_DEFINITION out[3] = {};
+  for (uint8_t const refused : {uint8_t{11}, uint8_t{255}}) {
+    Definitions list = Longs(2);
+    list[1].logical_type = refused;
+    ExpectThrown(4226, u"", [&] {
+      ddl::ToLorviColDefs(table, metalayer::span<LORV_COLUMN_DEFINITION_NAMES const>(list), 0,
+                          metalayer::span<LORVI_COLUMN_DEFINITION>(out));
+    });
+    EXPECT_EQ(LORV_TYPE_LONG, out[0].type);
+  }
+}
+
 TEST_F(DdlUtilsTest, CreateTable_WithRefusedType_IsNotMetByTheKernel) {
   ExpectRefused(
       15002, u"Primitive type 11 not found for column x.",
@@ -170,9 +199,13 @@ TEST_F(DdlUtilsTest, RecreateTable_KeepsTheTokenAndLeavesTheOldLayout) {
 }
 
 TEST_F(DdlUtilsTest, RecreateTable_WithoutInherits_StandsOnTheRoot) {
-  Create(u"T");
+  Create(u"Base");
+  Create(u"T", {}, u"Base");
   RawView table = View(u"T");
   metalayer::PutRef(table, RawView::kInherits, db_util::null_obj_ref);
+  LORV_REFERENCE none_at_all = {};
+  ASSERT_EQ(LORV_STATUS_NULL, lorv_context_get_reference(context(), table.oid, table.addr,
+                                                         RawView::kInherits, &none_at_all));
   LORVI_COLUMN_DEFINITION const none[] = {{0, 0, 0}};
   uint16_t const layout =
       ddl::RecreateTable(table, metalayer::span<LORVI_COLUMN_DEFINITION const>(none));
@@ -188,6 +221,16 @@ TEST_F(DdlUtilsTest, KernelTokens_DifferBetweenTablesOfSameColumns) {
   EXPECT_NE(TokensOfLayout(one)[3], TokensOfLayout(two)[3]);
   EXPECT_NE(ColumnRow(u"One", u"a").oid, ColumnRow(u"Child", u"a").oid);
   EXPECT_EQ(TokensOfLayout(one)[3], TokensOfLayout(LayoutOfTable(u"Child"))[3]);
+  // Read as a table's own, the inherited copy is another column than its original.
+  LORVI_COLUMN_DEFINITION out[115] = {};
+  Definitions const a = Longs(1);
+  metalayer::span<LORV_COLUMN_DEFINITION_NAMES const> const list(a);
+  metalayer::span<LORVI_COLUMN_DEFINITION> const room(out);
+  ASSERT_EQ(1, ddl::ToLorviColDefs(View(u"One"), list, 3, room));
+  EXPECT_EQ(TokensOfLayout(one)[3], out[0].token);
+  ASSERT_EQ(1, ddl::ToLorviColDefs(View(u"Child"), list, 3, room));
+  EXPECT_NE(TokensOfLayout(one)[3], out[0].token);
+  EXPECT_EQ(TokenOf(Utf16(std::to_string(ColumnRow(u"Child", u"a").oid))), out[0].token);
 }
 
 TEST_F(DdlUtilsTest, MappedTable_IsReportedWithAnotherAndOthers) {

@@ -3,6 +3,9 @@
 
 #include <gtest/gtest.h>
 
+#include <csignal>
+#include <string>
+
 #include "support/database.h"
 #include "support/recording_kernel.h"
 
@@ -50,6 +53,8 @@ class StartUpFailure : public ::testing::Test {
     });
   }
 
+  std::string const& directory() const { return directory_.path(); }
+
  private:
   TemporaryDirectory directory_;
 };
@@ -62,6 +67,23 @@ TEST_F(StartUpFailure, OfAnyCall_PassesTheStatusOutAndCanBeRepeated) {
     ASSERT_EQ(kAsExpected, outcome) << "call " << nth;
   }
   EXPECT_GT(nth, 100);
+}
+
+// An iterator that cannot be freed leaves no way on, whatever start-up looked for with it.
+TEST_F(StartUpFailure, IteratorThatTheKernelKeeps_EndsTheProcess) {
+  constexpr int kTrapped = 128 + SIGABRT;
+  int nth = 1;
+  for (;; nth += kDistance) {
+    int const outcome = InChildProcess([&] {
+      Database database(directory());
+      database.Begin();
+      recording_kernel::FailNthOf("lorv_iterator_free", nth, LSCOREDB_IO_ERROR);
+      return lorv_init_metalayer(database.context()) == 0 ? kNothingRefused : kAnotherStatus;
+    });
+    if (outcome == kNothingRefused) break;
+    ASSERT_EQ(kTrapped, outcome) << "free " << nth;
+  }
+  EXPECT_GT(nth, 50);
 }
 
 // While the ids are read, a layout or index that is missing is the mark of a catalogue in the

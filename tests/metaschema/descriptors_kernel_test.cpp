@@ -3,6 +3,7 @@
 #include <csignal>
 #include <optional>
 #include <sagleme/metalayer/metaschema.hpp>
+#include <utility>
 
 #include "support/catalogue_definition.h"
 #include "support/database.h"
@@ -70,6 +71,15 @@ TEST_F(DescriptorsInDatabase, Root_ComparesTokenAndLayoutOnly) {
   EXPECT_NO_THROW(root.verify(&info));
   ++info.token;
   EXPECT_EXIT(root.verify(&info), kTrap, "");
+  --info.token;
+  ++info.layout_handle;
+  EXPECT_EXIT(root.verify(&info), kTrap, "");
+}
+
+TEST_F(DescriptorsInDatabase, Root_TakesNoBase) {
+  TABLE_INFO const& root = Known(u"MotherOfAllLayouts");
+  EXPECT_NO_THROW(root.verify_base_table(0));
+  EXPECT_EXIT(root.verify_base_table(root.layout), kTrap, "");
 }
 
 TEST_F(DescriptorsInDatabase, TableWithoutOwnColumns_VerifiesByItsBasesCount) {
@@ -170,6 +180,15 @@ TEST_F(DescriptorsInDatabase, IndexThatDiffers_EndsTheProcess) {
   expect_trap([](LORVI_INDEX_INFO& info) { info.attribute_count = 1; });
 }
 
+TEST_F(DescriptorsInDatabase, IndexOverOtherColumnsThanNamed_EndsTheProcess) {
+  INDEX_INFO& index = Known(u"RawColumn").indexes[0];
+  std::u16string setspec;
+  ASSERT_TRUE(index.load_metatable_index(&setspec));
+  EXPECT_NO_THROW(index.verify());
+  std::swap(index.column_infos[0], index.column_infos[1]);
+  EXPECT_EXIT(index.verify(), kTrap, "");
+}
+
 TEST_F(DescriptorsInDatabase, IndexThatIsGone_VerifiesAsTheKernelsFailure) {
   INDEX_INFO& index = Known(u"Vacuum").indexes[0];
   std::u16string setspec;
@@ -199,6 +218,35 @@ TEST_F(DescriptorsInDatabase, IndexWithFewerColumnsThanCounted_EndsTheProcess) {
   ASSERT_EQ(0u, lorvi_context_drop_index(context(), Vacuum::index_id_VacuumTypeId()));
   index.nr_columns = 2;
   EXPECT_EXIT(index.create_metatable_index(&setspec), kTrap, "");
+}
+
+TEST_F(DescriptorsInDatabase, IndexOverAColumnOfAnInvalidType_IsNotMade) {
+  INDEX_INFO& index = Known(u"Vacuum").indexes[0];
+  std::u16string setspec = u"d~";
+  ASSERT_EQ(0u, lorvi_context_drop_index(context(), Vacuum::index_id_VacuumTypeId()));
+  for (int const type : {0, 11}) {
+    index.column_infos[0]->type = static_cast<unsigned char>(type);
+    try {
+      index.create_metatable_index(&setspec);
+      FAIL() << "type " << type << " was taken";
+    } catch (db_util::db_exception const& failure) {
+      EXPECT_EQ(4226u, failure.code());
+    }
+    LORVI_INDEX_INFO info{};
+    EXPECT_EQ(LORV_STATUS_NO_INDEX, get_index_info_by_token(index.token, &info));
+    EXPECT_EQ(0u, index.index_id);
+  }
+}
+
+// What lacks its layout or an index is passed over, and what stands behind it is readied.
+TEST_F(DescriptorsInDatabase, ReadyingClasses_PassesOverATableThatLacksAnIndex) {
+  ASSERT_EQ(0u, lorvi_context_drop_index(context(), Vacuum::index_id_VacuumTypeId()));
+  Vacuum::g_index_id_VacuumTypeId_ = 0;
+  unsigned short const table_id = UserSchemaGeneration::metaclass_layout_handle();
+  UserSchemaGeneration::g_table_id_ = 0;
+  EXPECT_NO_THROW(PrepareGeneratedMetaClassesForReading());
+  EXPECT_EQ(0u, Vacuum::index_id_VacuumTypeId());
+  EXPECT_EQ(table_id, UserSchemaGeneration::metaclass_layout_handle());
 }
 
 TEST_F(DescriptorsInDatabase, IndexOfAllocatedToken_IsFoundByIt) {

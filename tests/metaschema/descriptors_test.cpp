@@ -64,6 +64,7 @@ TEST_F(Descriptors, EveryOrdinal_LeadsToItsColumn) {
 TEST_F(Descriptors, InheritedColumns_BelongToTheTableThatDeclaresThem) {
   TABLE_INFO const& table = Table(u"ClrClass");
   EXPECT_EQ(&Table(u"MotherOfAllLayouts"), table.find_column(2)->table);
+  EXPECT_EQ(u"__type_id", std::u16string(table.find_column(2)->name));
   EXPECT_EQ(&Table(u"VMView"), table.find_column(9)->table);
   EXPECT_EQ(u"Mapper", std::u16string(table.find_column(9)->name));
 }
@@ -83,6 +84,12 @@ TEST_F(Descriptors, UnknownNames_FindNothing) {
   EXPECT_EQ(nullptr, TABLE_INFO::find_table(u"Nothing"));
   EXPECT_EQ(nullptr, Table(u"RawView").find_column(u"layouthandle"));
   EXPECT_EQ(nullptr, Table(u"Table").find_column(u"LayoutHandle"));
+}
+
+TEST_F(Descriptors, Root_HasNoBase) {
+  TABLE_INFO const& root = Table(u"MotherOfAllLayouts");
+  EXPECT_EQ(nullptr, root.base);
+  EXPECT_EQ(nullptr, root.base_table);
 }
 
 // The sense of this search is part of the interface.
@@ -192,13 +199,15 @@ TEST(Records, IndexOverAnUnknownColumn_EndsTheProcess) {
 TEST(Records, ColumnOfAnInvalidType_CannotBeDefined) {
   COLUMN_INFO column;
   column = COLUMN_INFO_STATIC{u"Some", 99, 3, nullptr, false};
-  column.type = 11;
-  LORVI_COLUMN_DEFINITION out{};
-  try {
-    column.define_column(&out);
-    FAIL() << "type 11 was taken";
-  } catch (db_util::db_exception const& failure) {
-    EXPECT_EQ(4226u, failure.code());
+  for (int const type : {0, 11}) {
+    column.type = static_cast<unsigned char>(type);
+    LORVI_COLUMN_DEFINITION out{};
+    try {
+      column.define_column(&out);
+      FAIL() << "type " << type << " was taken";
+    } catch (db_util::db_exception const& failure) {
+      EXPECT_EQ(4226u, failure.code());
+    }
   }
 }
 
