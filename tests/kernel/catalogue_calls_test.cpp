@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "support/catalogue.h"
 #include "support/database.h"
 #include "support/recording_kernel.h"
 
@@ -159,6 +160,18 @@ TEST_F(CatalogueCallsTest, InsertThatIsRefusedInBetween_StopsThere) {
   EXPECT_THROW(Token::Insert(4711, u"word"), db_util::db_exception);
   EXPECT_EQ((std::vector<std::string>{"lorv_context_insert_system", "lorv_context_put_setspec"}),
             recording_kernel::Names());
+}
+
+// However many classes map a table, three are enough to say so.
+TEST_F(CatalogueCallsTest, MappedTable_IsAskedForThreeClassesAtMost) {
+  RawView const table = RawView::ByRawViewPK(Index::metaclass_layout_handle());
+  for (char16_t const* const name : {u"a", u"b", u"c", u"d", u"e"}) {
+    sagleme_test::InsertClass(name, table);
+  }
+  recording_kernel::Record();
+  EXPECT_THROW(ddl::CheckTableIsNotUsedByLevel1(table), db_util::db_exception);
+  EXPECT_EQ(3u, recording_kernel::CallsOf("lorv_iterator_next").size());
+  EXPECT_EQ(0, recording_kernel::OpenIterators());
 }
 
 TEST_F(CatalogueCallsTest, NewTable_HasALayoutWithTokensOfItsColumnRows) {

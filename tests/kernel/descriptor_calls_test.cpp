@@ -53,6 +53,15 @@ class DescriptorCalls : public sagleme_test::DatabaseTest {
           return 0u;
         });
   }
+  // From now on every column is a number with that token.
+  static void AnswerColumns(unsigned long token) {
+    recording_kernel::Answer<&lorvi_context_get_column_info>(
+        [token](uint64_t, uint16_t, uint16_t, LORVI_COLUMN_INFO* out) {
+          out->token = token;
+          out->type = LORV_TYPE_ULONG;
+          return 0u;
+        });
+  }
   template <typename Call>
   static unsigned int CodeOf(Call const& call) {
     try {
@@ -84,6 +93,21 @@ TEST_F(DescriptorCallsDeathTest, SeveralLayoutsWhereOneWasAskedFor_EndTheProcess
 TEST_F(DescriptorCallsDeathTest, LayoutOfAnotherToken_EndsTheProcess) {
   AnswerLayouts(1, kTokenOfViews + 1);
   EXPECT_EXIT(Views().get_layout(), kTrap, "");
+}
+
+// Ordinals count too: a kernel that told the same of every column would not do.
+TEST_F(DescriptorCallsDeathTest, ColumnOfAnotherOrdinal_EndsTheProcess) {
+  COLUMN_INFO const& column = *Views().find_column(u"LayoutHandle");
+  AnswerColumns(column.token);
+  EXPECT_NO_THROW(column.verify(9));
+  EXPECT_EXIT(column.verify(8), kTrap, "");
+}
+
+TEST_F(DescriptorCallsDeathTest, ColumnWithoutToken_EndsTheProcessEvenIfTheKernelsHasNone) {
+  COLUMN_INFO column = *Views().find_column(u"LayoutHandle");
+  column.token = 0;
+  AnswerColumns(0);
+  EXPECT_EXIT(column.verify(9), kTrap, "");
 }
 
 TEST_F(DescriptorCalls, LayoutThatIsRefused_IsTheKernelsFailure) {
