@@ -197,6 +197,17 @@ TEST_F(CreateTableTest, ByReference_HandsBackTheNewRow) {
   ExpectKernelAgrees(u"T");
 }
 
+TEST_F(CreateTableTest, ByReference_TypeThatIsGone_IsRefused) {
+  LS_OBJ_REF const gone = metalayer::DbPrimitiveType::Insert(u"mine", 11);
+  metalayer::DeleteRow(gone);
+  LORV_COLUMN_DEFINITION const columns[] = {{gone, 0, u"c"}, {db_util::null_obj_ref, 0, nullptr}};
+  uint64_t oid = 7;
+  uint64_t addr = 8;
+  ExpectRefused(4280, u"", lorv_create_table(context(), u"T", 0, 0, columns, &oid, &addr));
+  EXPECT_EQ(7u, oid);
+  EXPECT_EQ(8u, addr);
+}
+
 TEST_F(CreateTableTest, ByReference_TakesNullOutputs) {
   LORV_COLUMN_DEFINITION const end[] = {{db_util::null_obj_ref, 0, nullptr}};
   ExpectOk(lorv_create_table(context(), u"T", 0, 0, end, nullptr, nullptr));
