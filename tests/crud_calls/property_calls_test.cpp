@@ -34,9 +34,11 @@ class PropertyCallsTest : public ::testing::Test {
   // `access` makes exactly one call, to `function`, with the handle's place and `rest` behind it.
   void ExpectOneCall(char const* function, std::function<uint32_t()> const& access,
                      std::vector<uint64_t> const& rest = {}) {
+    metalayer::is_errbuf_clear_requested();
     recording_kernel::Record();
     recording_kernel::FailNth(1, kStatus);
     EXPECT_EQ(kStatus, access());
+    EXPECT_EQ(has_frame_, metalayer::is_errbuf_clear_requested());
     ASSERT_EQ(std::vector<std::string>{function}, recording_kernel::Names());
     std::vector<uint64_t> expected = {kContext, kOid, kKernelAddr, kColumn};
     expected.insert(expected.end(), rest.begin(), rest.end());
@@ -49,6 +51,7 @@ class PropertyCallsTest : public ::testing::Test {
   }
 
   PropertyAccessInfo handle_;
+  bool has_frame_ = false;  // its mark is the request to empty the error buffer
   int64_t signed_ = 1;
   uint64_t unsigned_ = 1;
   double double_ = 1;
@@ -115,6 +118,7 @@ TEST_F(PropertyCallsTest, ReadRef_FoldsPositionAndLayout) {
 }
 
 TEST_F(PropertyCallsTest, ReadRefAndType_KernelRefuses_WritesNothing) {
+  has_frame_ = true;
   uint64_t type_id = 8;
   ExpectOneCall("lorv_context_get_reference", Access(lorv_crud_ReadRefAndType, &ref_, &type_id));
   EXPECT_EQ(9u, ref_.oid);

@@ -167,6 +167,20 @@ TEST_F(ErrbufTest, LongNameAsFirstPiece_LosesItsFullChunksToTheRequest) {
   EXPECT_EQ(u"tail", Text());
 }
 
+TEST_F(ErrbufTest, LongEightBitTextAsFirstPiece_LosesItsFullChunksToo) {
+  Stream stream;
+  stream << u"old";
+  metalayer::request_clear_errbuf();
+  stream << (std::string(256, 'a') + "tail").c_str();
+  EXPECT_EQ(u"tail", Text());
+}
+
+TEST_F(ErrbufTest, LongEightBitText_IsWrittenWholeThroughTheChunks) {
+  Stream stream;
+  stream << u"x" << std::string(300, 'a').c_str() << 7;
+  EXPECT_EQ(u"x" + std::u16string(300, u'a') + u"7", Text());
+}
+
 TEST_F(ErrbufTest, NameOfExactlyOneChunk_SurvivesTheRequest) {
   metalayer::request_clear_errbuf();
   Stream stream;

@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <deque>
+#include <memory>
 #include <sagleme/metalayer/keys.hpp>
 #include <sagleme/metalayer/records.hpp>
 #include <vector>
@@ -259,6 +260,14 @@ TEST_F(RecordsTest, FreeResourcesThenDestructor_FreeOnce) {
     EXPECT_EQ(0u, walk.handle);
   }
   EXPECT_EQ(1u, recording_kernel::CallsOf("lorv_iterator_free").size());
+}
+
+TEST_F(RecordsTest, IteratorDeletedThroughItsBase_FreesOnce) {
+  std::unique_ptr<db_iterator> walk = std::make_unique<db_iter_with_keys>();
+  walk->open(6, metalayer::kForward, kKey, kKey);
+  recording_kernel::Record();
+  walk.reset();
+  EXPECT_EQ((std::vector<std::string>{"lorv_iterator_free"}), recording_kernel::Names());
 }
 
 TEST_F(RecordsTest, UnopenedIterator_FreesNothing) {
