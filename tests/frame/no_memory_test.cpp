@@ -15,7 +15,10 @@
 namespace {
 
 constexpr uint64_t kOuter = 5;
-constexpr uint64_t kUnseen = 0x987654321;
+// Contexts that nothing else has asked for, one a test.
+constexpr uint64_t kLookedAt = 0x987654321;
+constexpr uint64_t kNotMade = 0x987654322;
+constexpr uint64_t kCalledIn = 0x987654323;
 
 unsigned long Current() { return *metalayer::TlsMetalayerContext::Current(); }
 
@@ -50,20 +53,20 @@ class NoMemoryTest : public ::testing::Test {
 };
 
 TEST_F(NoMemoryTest, LookAtAContextNeverSeen_MakesItsBuffer) {
-  EXPECT_EQ(nullptr, lorv_metalayer_errbuf(kUnseen));
-  EXPECT_FALSE(RunsOut(1, [] { metalayer::errbuf_by_ctx(kUnseen); }));
+  EXPECT_EQ(nullptr, lorv_metalayer_errbuf(kLookedAt));
+  EXPECT_FALSE(RunsOut(1, [] { metalayer::errbuf_by_ctx(kLookedAt); }));
 }
 
 TEST_F(NoMemoryTest, BufferThatCannotBeMade_ThrowsAndReleasesTheLock) {
   int nth = 1;
-  while (RunsOut(nth, [] { metalayer::errbuf_by_ctx(kUnseen); })) ++nth;
+  while (RunsOut(nth, [] { metalayer::errbuf_by_ctx(kNotMade); })) ++nth;
   EXPECT_LT(1, nth);
-  EXPECT_EQ(nullptr, lorv_metalayer_errbuf(kUnseen));
+  EXPECT_EQ(nullptr, lorv_metalayer_errbuf(kNotMade));
 }
 
 TEST_F(NoMemoryTest, EagerCall_EndsBeforeItsWorkWithTheCallersContextBack) {
   uint64_t token = 77;
-  EXPECT_TRUE(RunsOut(1, [&] { lorv_get_token(kUnseen, u"name", &token); }));
+  EXPECT_TRUE(RunsOut(1, [&] { lorv_get_token(kCalledIn, u"name", &token); }));
   EXPECT_EQ(kOuter, Current());
   EXPECT_EQ(77u, token);
 }
@@ -83,6 +86,25 @@ TEST_F(NoMemoryTest, FailureThatCannotBePrepared_IsTheLackOfMemory) {
   }
   EXPECT_LT(1, nth);
   EXPECT_EQ(1001u, status);
+}
+
+// A number of this length does not fit into the stream itself.
+TEST_F(NoMemoryTest, NumberThatCannotBeWritten_IsTheLackOfMemory) {
+  metalayer::clean_errbuf_by_ctx(kOuter);
+  unsigned int code = 0;
+  int nth = 1;
+  while (RunsOut(nth, [&code] {
+    try {
+      metalayer::exceptions::ThrowTokenNotFound(~0ul);
+    } catch (db_util::db_exception const& failure) {
+      code = failure.code();
+    }
+  })) {
+    EXPECT_EQ(0u, code);
+    ++nth;
+  }
+  EXPECT_LT(1, nth);
+  EXPECT_EQ(4279u, code);
 }
 
 }  // namespace

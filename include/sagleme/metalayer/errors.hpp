@@ -89,7 +89,8 @@ template <typename Writer>
 class ucs2_stream {
  public:
   ucs2_stream() : sstrm_(std::ios_base::out) {
-    sstrm_.imbue(std::locale::classic());  // a host's locale may group digits
+    sstrm_.imbue(std::locale::classic());      // a host's locale may group digits
+    sstrm_.exceptions(std::ios_base::badbit);  // lack of memory goes on to the caller
   }
 
   ucs2_stream& operator<<(char const* text) {
