@@ -15,8 +15,6 @@
 namespace lscore {
 namespace {
 
-constexpr int kWalkAttempts = 3;
-
 MDB_val ValueOf(std::string_view bytes) { return {bytes.size(), const_cast<char*>(bytes.data())}; }
 
 std::string_view BytesOf(MDB_val const& value) {

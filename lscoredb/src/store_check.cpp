@@ -59,11 +59,18 @@ void CheckDataFile(char const* directory) {
   close(file);
 }
 
+// A state that the file's head does not show was overtaken by two commits, and the next one is
+// newer; or the file is not the one that the processes know which have it open.
 void CheckPages(MDB_env* env, PageDepth depth) {
-  for (;;) {
+  std::uint64_t last = 0;
+  for (int same = 0; same < kWalkAttempts;) {
     ReadTransaction const txn = BeginReading(env);
-    if (WalkPages(FileOf(env), mdb_txn_id(txn.get()), depth, ThrowDamaged)) return;
+    std::uint64_t const state = mdb_txn_id(txn.get());
+    if (WalkPages(FileOf(env), state, depth, ThrowDamaged)) return;
+    same = state == last ? same + 1 : 0;
+    last = state;
   }
+  Throw(LSCOREDB_DAMAGED);
 }
 
 // A file may end early and be sound: pages at its end that nobody uses need not have been written.

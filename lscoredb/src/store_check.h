@@ -18,6 +18,10 @@ std::size_t PageSize(MDB_env* env);
 // Throws LSCOREDB_NOT_A_DATABASE or LSCOREDB_DAMAGED.
 void CheckDataFile(char const* directory);
 
+// How often a walk over the pages of the newest state begins again, without a newer one to walk,
+// because the file's head does not show that state.
+inline constexpr int kWalkAttempts = 3;
+
 // Throws LSCOREDB_DAMAGED when pages of the newest state do not hold together.
 void CheckPages(MDB_env* env, PageDepth depth);
 

@@ -4,9 +4,11 @@
 #include <lmdb.h>
 
 #include <algorithm>
+#include <fstream>
 #include <random>
 
 #include "kernel_test.h"
+#include "other_process.h"
 #include "stored_records.h"
 
 namespace lscoredb_test {
@@ -123,6 +125,33 @@ TEST_F(DamageTest, VerifyingFindsAPageThatIsNone) {
   EXPECT_STATUS(LSCOREDB_INVALID_ARGUMENT,
                 lscoredb_open(directory_.path().c_str(), &options, &database));
   EXPECT_EQ(database, nullptr);
+}
+
+// The head of an older copy was put into a file that another process works on.
+TEST_F(DamageTest, AFileThatDoesNotShowTheStateThatOthersReadIsDamaged) {
+  constexpr std::size_t kHead = std::size_t{2} * 4096;
+  Fill();
+  std::string const older = ReadFile(File()).substr(0, kHead);
+  OtherProcess holder([&](OtherProcess& test) {
+    Database database(directory_.path());
+    Session session(database);
+    for (int i = 0; i < 4; ++i) {
+      session.Begin();
+      session.PutString(rows_[0], kName, Text(static_cast<std::size_t>(i), u'X'));
+      session.Commit();
+    }
+    test.Say();
+    test.Hear();
+  });
+  holder.Hear();
+  std::fstream(File(), std::ios::in | std::ios::out | std::ios::binary) << older;
+  for (std::uint32_t const verify : {0U, 1U}) {
+    lscoredb_options options = NoSync();
+    options.verify = verify;
+    lscoredb* database = nullptr;
+    EXPECT_STATUS(LSCOREDB_DAMAGED, lscoredb_open(directory_.path().c_str(), &options, &database));
+    EXPECT_EQ(database, nullptr);
+  }
 }
 
 TEST_F(DamageTest, ARowWhoseBytesChangedIsDamagedAndOthersAreRead) {
