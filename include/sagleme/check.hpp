@@ -50,8 +50,8 @@ struct CheckOptions {
 };
 
 // Checks the newest committed state of the database in `directory`, also when the process has it
-// open. Reads nothing before the pages of the file are known to hold together. Error when the
-// kernel cannot open it at all.
+// open. Reads nothing before the pages of the file are known to hold together. Error when there is
+// none, and when the kernel cannot open it at all.
 void CheckDatabase(std::string const& directory, CheckOptions const& options,
                    FindingReport const& report);
 

@@ -274,8 +274,7 @@ SAGLEME_API uint32_t lorv_crud_GetCreateHandleOrSystem(uint64_t context, char16_
 SAGLEME_API uint32_t lorv_crud_GetDeleteHandle(uint64_t context, char16_t const* name,
                                                uint64_t* out_handle);
 /* For one column of a table. 1001: it has no such column. The name of a language binding's property
- * gives the kernel's status, and refreshes fail with it from then on until the property is gone.
- */
+ * gives the kernel's status, and refreshes fail with it from then on until that is gone. */
 SAGLEME_API uint32_t lorv_crud_GetPropertyHandle(uint64_t context, char16_t const* class_name,
                                                  char16_t const* property_name,
                                                  PropertyAccessInfo** out_handle);

@@ -1,5 +1,6 @@
 #include <lmdb.h>
 
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <nlohmann/json.hpp>
@@ -242,6 +243,28 @@ TEST_F(CheckTest, AReferenceThatLeadsNowhere_IsFoundOnRequest) {
   });
   On("check");
   EXPECT_EQ("App.Book", Finding("reference", {"--references"})["table"]);
+}
+
+TEST_F(CheckTest, InATransactionAtThePrompt_WhatTheTransactionSeesIsChecked) {
+  Plant([](sagleme::Transaction& transaction) {
+    sagleme::Range::Only(transaction, *transaction.table(u"App.Person")).Next()->Delete();
+  });
+  Json without_owner = Json::parse(kLibrary);
+  without_owner["tables"][0]["columns"].erase(2);
+  std::string const change =
+      "apply " + Write("without.json", without_owner.dump()) + " --allow-destructive\n";
+  On("shell", {}, 1, "check --references\n");
+  On("shell", {}, 0, "begin\n" + change + "check --references\nrollback\n");
+  On("shell", {}, 1, "check --references\n");
+}
+
+TEST_F(CheckTest, ADirectoryWithoutADatabase_IsToldAndNothingIsMade) {
+  std::string const nowhere = Path("nowhere");
+  auto const ignore = [](sagleme::Finding const&) {};
+  EXPECT_THROW(sagleme::CheckDatabase(nowhere, {}, ignore), sagleme::Error);
+  EXPECT_FALSE(std::filesystem::exists(nowhere));
+  EXPECT_EQ(3, RunTool({"check", nowhere}).status);
+  EXPECT_FALSE(std::filesystem::exists(nowhere));
 }
 
 }  // namespace

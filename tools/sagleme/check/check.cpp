@@ -150,6 +150,10 @@ void CheckCatalogue(Transaction& transaction, CheckOptions const& options,
 
 void CheckDatabase(std::string const& directory, CheckOptions const& options,
                    FindingReport const& report) {
+  // The kernel would make one.
+  if (!Database::ExistsIn(directory)) {
+    throw Error(LSCOREDB_NOT_A_DATABASE, "There is no database in " + directory + ".");
+  }
   KernelFindings const findings = Kernel(directory).Check();
   for (KernelFinding const& finding : findings) {
     if (EndsReading(finding)) return TellAll(findings, report);

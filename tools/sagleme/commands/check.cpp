@@ -13,7 +13,7 @@ class CheckCommand : public Command {
  public:
   std::string name() const override { return "check"; }
   std::string summary() const override {
-    return "Looks for damage in catalogue, objects and indexes";
+    return "Looks for damage in file, catalogue, objects and indexes";
   }
   std::vector<Example> examples() const override {
     return {{"check shop", "prints what is wrong, and ends with status 1 when anything is"},
@@ -29,9 +29,15 @@ class CheckCommand : public Command {
   sagleme::CheckOptions options_;
 };
 
-// Says what is missing, without reading anything.
-void RequireDatabase(Session& session) {
+// Where there is nothing, opening says so in its own words.
+void CheckCommitted(Session& session, sagleme::CheckOptions const& options,
+                    sagleme::FindingReport const& report) {
   if (!sagleme::Database::ExistsIn(session.directory())) session.database();
+  try {
+    sagleme::CheckDatabase(session.directory(), options, report);
+  } catch (sagleme::Error const& error) {
+    throw Failure(Exit::kCannotOpen, "cannot open " + session.directory() + ": " + error.what());
+  }
 }
 
 Exit CheckCommand::Run(Session& session, Output& output) {
@@ -41,11 +47,12 @@ Exit CheckCommand::Run(Session& session, Output& output) {
         {Cell::Text(finding.rule), finding.table.empty() ? Cell{} : Cell::Text(finding.table),
          finding.object == 0 ? Cell{} : Cell::Number(finding.object), Cell::Text(finding.what)});
   };
-  RequireDatabase(session);
-  try {
-    sagleme::CheckDatabase(session.directory(), options_, add);
-  } catch (sagleme::Error const& error) {
-    throw Failure(Exit::kCannotOpen, "cannot open " + session.directory() + ": " + error.what());
+  if (session.in_transaction()) {
+    session.Read([&](sagleme::Transaction& transaction) {
+      sagleme::CheckCatalogue(transaction, options_, add);
+    });
+  } else {
+    CheckCommitted(session, options_, add);
   }
   if (listing.size() == 0) {
     output.Note("nothing is wrong\n");
