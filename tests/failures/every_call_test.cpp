@@ -6,15 +6,16 @@
 #include <string>
 #include <vector>
 
+#include "failures/sweep.h"
 #include "support/catalogue.h"
 #include "support/database.h"
 #include "support/recording_kernel.h"
 
 namespace {
 
+using namespace failures_test;
 using sagleme_test::Columns;
 
-constexpr uint32_t kRefused = LSCOREDB_IO_ERROR;
 constexpr int kMoreCallsThanAny = 20000;
 
 using Call = uint32_t (*)(uint64_t context);
@@ -190,22 +191,8 @@ class EveryCallTest : public sagleme_test::DatabaseTest,
 };
 
 TEST_P(EveryCallTest, Refused_PassesTheStatusOutAndCanBeRepeated) {
-  int calls = 1;
-  for (;; ++calls) {
-    ASSERT_LT(calls, kMoreCallsThanAny);
-    recording_kernel::FailNth(calls, kRefused);
-    uint32_t const status = GetParam().call(context());
-    bool const refused = recording_kernel::Failed();
-    recording_kernel::FailNth(0, 0);
-    ASSERT_EQ(refused ? kRefused : 0u, status) << "call " << calls;
-    ASSERT_EQ(0, recording_kernel::OpenIterators()) << "call " << calls;
-    if (!refused) break;
-    StartOver();
-    ASSERT_EQ(0u, GetParam().call(context())) << "again after call " << calls;
-    StartOver();
-  }
-  // A change that asked the kernel nothing would have proved nothing.
-  EXPECT_GT(calls, 1);
+  ExpectRefusalsPassedOut(
+      kMoreCallsThanAny, [this] { return GetParam().call(context()); }, [this] { StartOver(); });
 }
 
 // An iterator that cannot be freed leaves no way on: the first and the last that a change opens.

@@ -6,15 +6,16 @@
 #include <csignal>
 #include <string>
 
+#include "failures/sweep.h"
 #include "support/catalogue.h"
 #include "support/database.h"
 #include "support/recording_kernel.h"
 
 namespace {
 
+using namespace failures_test;
 using sagleme_test::Columns;
 
-constexpr uint32_t kRefused = LSCOREDB_IO_ERROR;
 constexpr int kMoreCallsThanAny = 2000;
 constexpr uint64_t kFreeId = 1'000'000'000;
 
@@ -162,21 +163,8 @@ class EveryReadTest : public sagleme_test::CatalogueTest,
 };
 
 TEST_P(EveryReadTest, Refused_PassesTheStatusOutAndCanBeRepeated) {
-  int calls = 1;
-  for (;; ++calls) {
-    ASSERT_LT(calls, kMoreCallsThanAny);
-    recording_kernel::FailNth(calls, kRefused);
-    uint32_t const status = GetParam().call(context());
-    bool const refused = recording_kernel::Failed();
-    recording_kernel::FailNth(0, 0);
-    ASSERT_EQ(refused ? kRefused : 0u, status) << "call " << calls;
-    ASSERT_EQ(0, recording_kernel::OpenIterators()) << "call " << calls;
-    StartOver();
-    if (!refused) break;
-    ASSERT_EQ(0u, GetParam().call(context())) << "again after call " << calls;
-    StartOver();
-  }
-  EXPECT_GT(calls, 1);
+  ExpectRefusalsPassedOut(
+      kMoreCallsThanAny, [this] { return GetParam().call(context()); }, [this] { StartOver(); });
 }
 
 INSTANTIATE_TEST_SUITE_P(Readings, EveryReadTest, ::testing::ValuesIn(kReadings),

@@ -11,37 +11,17 @@
 #include <system_error>
 #include <thread>
 
-#include "support/recording_kernel.h"
+#include "frame/contexts.h"
 
 namespace {
 
+using namespace frame_test;
 using recording_kernel::Answer;
 
-constexpr uint64_t kOuter = 5;
-constexpr uint64_t kInner = 6;
 constexpr uint32_t kStatus = 4711;
 
-unsigned long Current() { return *metalayer::TlsMetalayerContext::Current(); }
-
-std::u16string TextOf(uint64_t context) {
-  char16_t const* const text = lorv_metalayer_errbuf(context);
-  return text == nullptr ? u"(null)" : text;
-}
-
-class ExportedFramesTest : public ::testing::Test {
+class ExportedFramesTest : public ContextsTest {
  protected:
-  void SetUp() override {
-    recording_kernel::Reset();
-    *metalayer::TlsMetalayerContext::Current() = kOuter;
-    metalayer::clean_errbuf_by_ctx(kOuter);
-    metalayer::clean_errbuf_by_ctx(kInner);
-    metalayer::is_errbuf_clear_requested();
-  }
-  void TearDown() override {
-    *metalayer::TlsMetalayerContext::Current() = 0;
-    recording_kernel::Reset();
-  }
-
   // From now on the kernel answers the calls below by what `work` returns or throws.
   void AnswerBy(std::function<uint32_t()> work) {
     auto const answer = [this, work](uint64_t context) {

@@ -9,12 +9,12 @@
 #include <vector>
 
 #include "crud/handles.h"
-#include "support/recording_kernel.h"
+#include "frame/contexts.h"
 
 namespace {
 
-constexpr uint64_t kOuter = 5;
-constexpr uint64_t kInner = 6;
+using namespace frame_test;
+
 constexpr uint32_t kStatus = 4711;
 constexpr char16_t kOldText[] = u"The argument setspec_oid is zero.";
 

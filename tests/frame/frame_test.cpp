@@ -9,24 +9,15 @@
 #include <system_error>
 #include <vector>
 
-#include "support/recording_kernel.h"
+#include "frame/contexts.h"
 
 namespace {
 
+using namespace frame_test;
 using metalayer::MetalayerFunction;
 using namespace metalayer::exceptions;
 
-constexpr unsigned long kOuter = 5;
-constexpr unsigned long kInner = 6;
-
-unsigned long Current() { return *metalayer::TlsMetalayerContext::Current(); }
-
 void Say(char16_t const* text) { ucs2_stream<metalayer::ErrBlt>() << text; }
-
-std::u16string TextOf(unsigned long context) {
-  char16_t const* const text = lorv_metalayer_errbuf(context);
-  return text == nullptr ? u"(null)" : text;
-}
 
 // Notes the thread's context when it is destroyed.
 struct Witness {
@@ -36,20 +27,8 @@ struct Witness {
 };
 
 template <typename Eager>
-class FrameTest : public ::testing::Test {
+class FrameTest : public ContextsTest {
  protected:
-  void SetUp() override {
-    recording_kernel::Reset();
-    *metalayer::TlsMetalayerContext::Current() = kOuter;
-    metalayer::clean_errbuf_by_ctx(kOuter);
-    metalayer::clean_errbuf_by_ctx(kInner);
-    metalayer::is_errbuf_clear_requested();
-  }
-  void TearDown() override {
-    *metalayer::TlsMetalayerContext::Current() = 0;
-    recording_kernel::Reset();
-  }
-
   template <typename Body>
   static unsigned int InFrame(Body&& body) {
     return MetalayerFunction<Eager::value>(kInner, body);

@@ -13,6 +13,7 @@
 #include <sagleme/host.hpp>
 
 #include "memory.h"
+#include "support/database.h"
 
 namespace sagleme_soak {
 namespace {
@@ -186,7 +187,7 @@ class Load {
     EXPECT_THROW(loser.Commit(), sagleme::Error);
   }
 
-  TemporaryDirectory directory_;
+  sagleme_test::TemporaryDirectory directory_;
   lscoredb* first_ = nullptr;
   std::unique_ptr<sagleme::Database> database_;
   std::unique_ptr<sagleme::Context> writer_;

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "memory.h"
+#include "support/database.h"
 
 namespace sagleme_soak {
 namespace {
@@ -90,7 +91,7 @@ class LongTransactionTest : public ::testing::Test {
     return 0;
   }
 
-  TemporaryDirectory directory_;
+  sagleme_test::TemporaryDirectory directory_;
   lscoredb* database_ = nullptr;
   std::uint64_t context_ = 0;
   std::vector<std::uint64_t> rows_;

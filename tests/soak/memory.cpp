@@ -4,7 +4,6 @@
 
 #include <atomic>
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <new>
 
@@ -52,17 +51,6 @@ std::size_t BytesInUse() { return g_in_use; }
 std::uint64_t FromEnvironment(char const* name, std::uint64_t otherwise) {
   char const* const text = std::getenv(name);
   return text == nullptr ? otherwise : std::strtoull(text, nullptr, 10);
-}
-
-TemporaryDirectory::TemporaryDirectory() {
-  std::string name = (std::filesystem::temp_directory_path() / "sagleme-soak-XXXXXX").string();
-  if (mkdtemp(name.data()) == nullptr) std::abort();
-  path_ = name;
-}
-
-TemporaryDirectory::~TemporaryDirectory() {
-  std::error_code ignored;
-  std::filesystem::remove_all(path_, ignored);
 }
 
 MemoryLimit::MemoryLimit(std::size_t more) {

@@ -8,7 +8,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <string>
 
 namespace sagleme_soak {
 
@@ -16,18 +15,6 @@ std::size_t BytesInUse();
 
 // A number from the environment, `otherwise` when there is none.
 std::uint64_t FromEnvironment(char const* name, std::uint64_t otherwise);
-
-class TemporaryDirectory {
- public:
-  TemporaryDirectory();
-  ~TemporaryDirectory();
-  TemporaryDirectory(TemporaryDirectory const&) = delete;
-  TemporaryDirectory& operator=(TemporaryDirectory const&) = delete;
-  std::string const& path() const { return path_; }
-
- private:
-  std::string path_;
-};
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 inline constexpr bool kLimitsWork = false;  // a sanitizer's own memory counts too
