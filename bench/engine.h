@@ -1,0 +1,76 @@
+#ifndef SAGLEME_BENCH_ENGINE_H
+#define SAGLEME_BENCH_ENGINE_H
+
+// What is measured, of each kind of store in its own best way. Every call works through the objects
+// named and returns a sum over what it read, which is the same for all engines.
+
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <stdexcept>
+#include <string>
+
+#include "dataset.h"
+
+namespace bench {
+
+using Numbers = std::span<Number const>;
+using Sum = std::uint64_t;
+
+// Changes are committed in transactions of so many.
+inline constexpr std::size_t kBatch = 1000;
+
+class Engine {
+ public:
+  Engine() = default;
+  virtual ~Engine() = default;
+  Engine(Engine const&) = delete;
+  Engine& operator=(Engine const&) = delete;
+
+  // The objects from `first` on, in transactions of kBatch.
+  virtual void Create(Number first, Number count) = 0;
+
+  // The column `plain` of each, in one transaction.
+  virtual Sum ReadOne(Numbers which) = 0;
+  // In a read-only transaction for each.
+  virtual Sum ReadOneAlone(Numbers which) = 0;
+  // All five columns.
+  virtual Sum ReadAll(Numbers which) = 0;
+  // Objects by name through the index, and the column `plain`.
+  virtual Sum Find(Numbers which) = 0;
+  // `count` entries of the index over `indexed`, with the column `plain` or only the identities.
+  virtual Sum Walk(std::size_t count) = 0;
+  virtual Sum WalkIds(std::size_t count) = 0;
+
+  virtual void UpdatePlain(Numbers which, std::int64_t value) = 0;
+  // Puts another value, from which the next call with it comes back to the first.
+  virtual void UpdateIndexed(Numbers which, std::int64_t flip) = 0;
+
+  // Closes what is open and opens it again, up to the first column read.
+  virtual Sum Reopen() = 0;
+  virtual std::uint64_t Bytes() = 0;
+};
+
+// `directory`: where files go; it is there and empty. Durable engines sync every commit.
+std::unique_ptr<Engine> MakeSagleme(std::string const& directory, bool durable);
+std::unique_ptr<Engine> MakeLmdb(std::string const& directory, bool durable);
+// In memory for an empty name of a directory.
+std::unique_ptr<Engine> MakeSqlite(std::string const& directory, bool durable);
+std::unique_ptr<Engine> MakeHash();
+
+// One thread's share of an engine for durable commits: each call creates one object and commits.
+class Committer {
+ public:
+  virtual ~Committer() = default;
+  virtual void CommitOne(Number number) = 0;
+};
+std::unique_ptr<Committer> MakeSaglemeCommitter(Engine& engine);
+std::unique_ptr<Committer> MakeLmdbCommitter(Engine& engine);
+std::unique_ptr<Committer> MakeSqliteCommitter(std::string const& directory);
+
+inline Sum Bits(double value) { return static_cast<Sum>(value * 16); }
+inline Sum Bits(std::int64_t value) { return static_cast<Sum>(value); }
+
+}  // namespace bench
+
+#endif

@@ -1,0 +1,287 @@
+// LMDB used directly: rows by integer key as one record each, index entries in one tree, no copies.
+
+#include <lmdb.h>
+
+#include <bit>
+#include <cstring>
+#include <filesystem>
+
+#include "engine.h"
+
+namespace bench {
+namespace {
+
+constexpr std::uint8_t kByTable = 0;
+constexpr std::uint8_t kByName = 1;
+constexpr std::uint8_t kByIndexed = 2;
+
+struct Record {
+  std::int64_t plain;
+  std::int64_t indexed;
+  double weight;
+  std::uint64_t other;
+  std::uint32_t table;
+  char16_t name[kNameUnits];
+};
+
+void Check(int code) {
+  if (code != 0) throw std::runtime_error(mdb_strerror(code));
+}
+
+std::uint64_t Big(std::uint64_t value) { return __builtin_bswap64(value); }
+
+// An index number, a value and an identity, in the order of their bytes.
+struct Key {
+  template <typename Value>
+  Key(std::uint8_t index, Value const* value, std::size_t size, std::uint64_t id) {
+    bytes[0] = static_cast<char>(index);
+    std::memcpy(bytes + 1, value, size);
+    std::uint64_t const big = Big(id);
+    std::memcpy(bytes + 1 + size, &big, sizeof big);
+    length = 1 + size + sizeof big;
+  }
+  MDB_val val() { return {length, bytes}; }
+  char bytes[64];
+  std::size_t length;
+};
+
+Key TableKey(Record const& record, std::uint64_t id) {
+  return {kByTable, &record.table, sizeof record.table, id};
+}
+// Names are letters of one byte each.
+Key NameKey(char16_t const* name, std::uint64_t id) {
+  char letters[kNameUnits];
+  for (std::size_t i = 0; i < kNameUnits; ++i) letters[i] = static_cast<char>(name[i]);
+  return {kByName, letters, sizeof letters, id};
+}
+Key IndexedKey(std::int64_t value, std::uint64_t id) {
+  std::uint64_t const big = Big(static_cast<std::uint64_t>(value) ^ std::uint64_t{1} << 63);
+  return {kByIndexed, &big, sizeof big, id};
+}
+
+Record RecordOf(Thing const& thing) {
+  Record record{};
+  record.plain = thing.plain;
+  record.indexed = thing.indexed;
+  record.weight = thing.weight;
+  record.other = thing.other + std::uint64_t{1};
+  record.table = thing.table;
+  std::memcpy(record.name, thing.name.data(), sizeof record.name);
+  return record;
+}
+
+class LmdbEngine : public Engine {
+ public:
+  LmdbEngine(std::string directory, bool durable)
+      : directory_(std::move(directory)), durable_(durable) {
+    Open();
+  }
+  ~LmdbEngine() override { Close(); }
+
+  void Create(Number first, Number count) override {
+    for (Number begin = first; begin < first + count; begin += kBatch) {
+      Write([&](MDB_txn* txn) {
+        Number const end = std::min<Number>(begin + kBatch, first + count);
+        for (Number i = begin; i < end; ++i) Insert(txn, i);
+      });
+    }
+  }
+  void CommitOne(Number number) {
+    Write([&](MDB_txn* txn) { Insert(txn, number); });
+  }
+
+  Sum ReadOne(Numbers which) override {
+    Sum sum = 0;
+    Read([&] {
+      for (Number const i : which) sum += Bits(Get(read_, i)->plain);
+    });
+    return sum;
+  }
+  Sum ReadOneAlone(Numbers which) override {
+    Sum sum = 0;
+    for (Number const i : which) Read([&] { sum += Bits(Get(read_, i)->plain); });
+    return sum;
+  }
+  Sum ReadAll(Numbers which) override {
+    Sum sum = 0;
+    Read([&] {
+      for (Number const i : which) {
+        Record const& record = *Get(read_, i);
+        sum += Bits(record.plain) + Bits(record.indexed) + Bits(record.weight) + record.name[7] +
+               (record.other != 0);
+      }
+    });
+    return sum;
+  }
+  Sum Find(Numbers which) override {
+    Sum sum = 0;
+    Read([&] {
+      Check(mdb_cursor_renew(read_, cursor_));
+      for (Number const i : which) {
+        Thing const thing = MakeThing(i);
+        Key key = NameKey(thing.name.data(), 0);
+        MDB_val k = key.val();
+        MDB_val v{};
+        Check(mdb_cursor_get(cursor_, &k, &v, MDB_SET_RANGE));
+        sum += Bits(ById(read_, IdOf(k))->plain);
+      }
+    });
+    return sum;
+  }
+  Sum Walk(std::size_t count) override {
+    return WalkIndex(count, [&](std::uint64_t id) { return Bits(ById(read_, id)->plain); });
+  }
+  Sum WalkIds(std::size_t count) override {
+    return WalkIndex(count, [](std::uint64_t id) { return Sum{id != 0}; });
+  }
+
+  void UpdatePlain(Numbers which, std::int64_t value) override {
+    ForBatches(which, [&](MDB_txn* txn, Number i) {
+      Record record = *Get(txn, i);
+      record.plain = value;
+      Put(txn, i + std::uint64_t{1}, record);
+    });
+  }
+  void UpdateIndexed(Numbers which, std::int64_t flip) override {
+    ForBatches(which, [&](MDB_txn* txn, Number i) {
+      std::uint64_t const id = i + std::uint64_t{1};
+      Record record = *Get(txn, i);
+      Key before = IndexedKey(record.indexed, id);
+      MDB_val k = before.val();
+      Check(mdb_del(txn, index_, &k, nullptr));
+      record.indexed ^= flip;
+      PutEntry(txn, IndexedKey(record.indexed, id));
+      Put(txn, id, record);
+    });
+  }
+
+  Sum Reopen() override {
+    Close();
+    Open();
+    Number const first = 0;
+    return ReadOne({&first, 1});
+  }
+  std::uint64_t Bytes() override { return std::filesystem::file_size(directory_ + "/data.mdb"); }
+
+ private:
+  void Open() {
+    Check(mdb_env_create(&env_));
+    Check(mdb_env_set_maxdbs(env_, 2));
+    Check(mdb_env_set_mapsize(env_, std::size_t{16} << 30));
+    unsigned const flags = MDB_NORDAHEAD | (durable_ ? 0U : unsigned{MDB_NOSYNC});
+    Check(mdb_env_open(env_, directory_.c_str(), flags | MDB_NOTLS, 0640));
+    MDB_txn* txn = nullptr;
+    Check(mdb_txn_begin(env_, nullptr, 0, &txn));
+    Check(mdb_dbi_open(txn, "rows", MDB_CREATE | MDB_INTEGERKEY, &rows_));
+    Check(mdb_dbi_open(txn, "index", MDB_CREATE, &index_));
+    Check(mdb_txn_commit(txn));
+    Check(mdb_txn_begin(env_, nullptr, MDB_RDONLY, &read_));
+    Check(mdb_cursor_open(read_, index_, &cursor_));
+    mdb_txn_reset(read_);
+  }
+  void Close() {
+    mdb_cursor_close(cursor_);
+    mdb_txn_abort(read_);
+    mdb_env_close(env_);
+  }
+
+  template <typename Work>
+  void Read(Work&& work) {
+    Check(mdb_txn_renew(read_));
+    work();
+    mdb_txn_reset(read_);
+  }
+  template <typename Work>
+  void Write(Work&& work) {
+    MDB_txn* txn = nullptr;
+    Check(mdb_txn_begin(env_, nullptr, 0, &txn));
+    work(txn);
+    Check(mdb_txn_commit(txn));
+  }
+  template <typename Work>
+  void ForBatches(Numbers which, Work&& work) {
+    for (std::size_t begin = 0; begin < which.size(); begin += kBatch) {
+      Write([&](MDB_txn* txn) {
+        for (Number const i : which.subspan(begin, std::min(kBatch, which.size() - begin))) {
+          work(txn, i);
+        }
+      });
+    }
+  }
+  template <typename Visit>
+  Sum WalkIndex(std::size_t count, Visit&& visit) {
+    Sum sum = 0;
+    Read([&] {
+      Check(mdb_cursor_renew(read_, cursor_));
+      char first = kByIndexed;
+      MDB_val k{1, &first};
+      MDB_val v{};
+      int code = mdb_cursor_get(cursor_, &k, &v, MDB_SET_RANGE);
+      for (std::size_t i = 0; i < count; ++i) {
+        Check(code);
+        sum += visit(IdOf(k));
+        code = mdb_cursor_get(cursor_, &k, &v, MDB_NEXT);
+      }
+    });
+    return sum;
+  }
+
+  static std::uint64_t IdOf(MDB_val const& key) {
+    std::uint64_t big = 0;
+    std::memcpy(&big, static_cast<char const*>(key.mv_data) + key.mv_size - sizeof big, sizeof big);
+    return Big(big);
+  }
+  Record const* ById(MDB_txn* txn, std::uint64_t id) {
+    MDB_val k{sizeof id, &id};
+    MDB_val v{};
+    Check(mdb_get(txn, rows_, &k, &v));
+    return static_cast<Record const*>(v.mv_data);
+  }
+  Record const* Get(MDB_txn* txn, Number i) { return ById(txn, i + std::uint64_t{1}); }
+  void Put(MDB_txn* txn, std::uint64_t id, Record& record) {
+    MDB_val k{sizeof id, &id};
+    MDB_val v{sizeof record, &record};
+    Check(mdb_put(txn, rows_, &k, &v, 0));
+  }
+  void PutEntry(MDB_txn* txn, Key key) {
+    MDB_val k = key.val();
+    MDB_val v{0, nullptr};
+    Check(mdb_put(txn, index_, &k, &v, 0));
+  }
+  void Insert(MDB_txn* txn, Number i) {
+    std::uint64_t const id = i + std::uint64_t{1};
+    Record record = RecordOf(MakeThing(i));
+    Put(txn, id, record);
+    PutEntry(txn, TableKey(record, id));
+    PutEntry(txn, NameKey(record.name, id));
+    PutEntry(txn, IndexedKey(record.indexed, id));
+  }
+
+  std::string directory_;
+  bool durable_;
+  MDB_env* env_ = nullptr;
+  MDB_txn* read_ = nullptr;
+  MDB_cursor* cursor_ = nullptr;
+  MDB_dbi rows_ = 0;
+  MDB_dbi index_ = 0;
+};
+
+class LmdbCommitter : public Committer {
+ public:
+  explicit LmdbCommitter(LmdbEngine& engine) : engine_(engine) {}
+  void CommitOne(Number number) override { engine_.CommitOne(number); }
+
+ private:
+  LmdbEngine& engine_;
+};
+
+}  // namespace
+
+std::unique_ptr<Engine> MakeLmdb(std::string const& directory, bool durable) {
+  return std::make_unique<LmdbEngine>(directory, durable);
+}
+std::unique_ptr<Committer> MakeLmdbCommitter(Engine& engine) {
+  return std::make_unique<LmdbCommitter>(dynamic_cast<LmdbEngine&>(engine));
+}
+
+}  // namespace bench

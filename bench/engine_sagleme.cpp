@@ -1,0 +1,289 @@
+// sagleme through its exported functions: property handles for columns, iterators for indexes.
+
+#include <sagleme/host.hpp>
+#include <vector>
+
+#include "engine.h"
+
+namespace bench {
+namespace {
+
+constexpr char16_t const* kNames[kTables] = {u"Bench.Thing", u"Bench.First", u"Bench.Second",
+                                             u"Bench.Third"};
+
+void Check(std::uint32_t status) { sagleme::detail::CheckKernel(status); }
+
+sagleme::Options OptionsOf(bool durable) {
+  sagleme::Options options;
+  options.no_sync = !durable;
+  return options;
+}
+
+void MakeTables(sagleme::Database const& database) {
+  sagleme::Context const context(database);
+  sagleme::Transaction transaction(context);
+  std::vector<sagleme::ColumnSpec> const columns{
+      {u"Plain", sagleme::Type::kLong},
+      {u"Indexed", sagleme::Type::kLong},
+      {u"Weight", sagleme::Type::kDouble},
+      {u"Name"},
+      {u"Other", sagleme::Type::kReference, true, u"Bench.Thing"}};
+  sagleme::CreateTable(transaction, kNames[0], u"", columns);
+  for (std::uint32_t i = 1; i < kTables; ++i) {
+    sagleme::CreateTable(transaction, kNames[i], kNames[0], {});
+  }
+  std::vector<sagleme::IndexColumnSpec> const name{{u"Name"}};
+  std::vector<sagleme::IndexColumnSpec> const indexed{{u"Indexed"}};
+  sagleme::CreateIndex(transaction, u"ThingByName", kNames[0], name);
+  sagleme::CreateIndex(transaction, u"ThingByIndexed", kNames[0], indexed);
+  transaction.Commit();
+}
+
+// What a thread works with: its context, and handles, which are of the process.
+struct Handles {
+  explicit Handles(std::uint64_t context) {
+    for (std::uint32_t i = 0; i < kTables; ++i) {
+      Check(lorv_crud_GetCreateHandle(context, kNames[i], &create[i]));
+    }
+    Check(lorv_crud_GetPropertyHandle(context, kNames[0], u"Plain", &plain));
+    Check(lorv_crud_GetPropertyHandle(context, kNames[0], u"Indexed", &indexed));
+    Check(lorv_crud_GetPropertyHandle(context, kNames[0], u"Weight", &weight));
+    Check(lorv_crud_GetPropertyHandle(context, kNames[0], u"Name", &name));
+    Check(lorv_crud_GetPropertyHandle(context, kNames[0], u"Other", &other));
+  }
+  CreateInfo* create[kTables] = {};
+  PropertyAccessInfo* plain = nullptr;
+  PropertyAccessInfo* indexed = nullptr;
+  PropertyAccessInfo* weight = nullptr;
+  PropertyAccessInfo* name = nullptr;
+  PropertyAccessInfo* other = nullptr;
+};
+
+struct Object {
+  std::uint64_t oid;
+  std::uint64_t addr;
+};
+
+Object Insert(std::uint64_t context, Handles const& handles, Number number, Object const* other) {
+  Thing const thing = MakeThing(number);
+  Object made{};
+  Check(lorv_crud_CreateObject(context, handles.create[thing.table], &made.oid, &made.addr));
+  Check(lorv_crud_WriteLong(context, handles.plain, made.oid, made.addr, thing.plain));
+  Check(lorv_crud_WriteLong(context, handles.indexed, made.oid, made.addr, thing.indexed));
+  Check(lorv_crud_WriteDouble(context, handles.weight, made.oid, made.addr, thing.weight));
+  Check(lorv_crud_WriteString(context, handles.name, made.oid, made.addr, thing.name.data()));
+  Object const& target = other == nullptr ? made : *other;
+  Check(lorv_crud_WriteRef(context, handles.other, made.oid, made.addr, target.oid, target.addr));
+  return made;
+}
+
+class SaglemeEngine : public Engine {
+ public:
+  SaglemeEngine(std::string directory, bool durable)
+      : directory_(std::move(directory)),
+        options_(OptionsOf(durable)),
+        database_(std::make_unique<sagleme::Database>(
+            sagleme::Database::Create(directory_, {}, options_))) {
+    MakeTables(*database_);
+    Use();
+  }
+
+  sagleme::Database const& database() const { return *database_; }
+
+  void Create(Number first, Number count) override {
+    for (Number begin = first; begin < first + count; begin += kBatch) {
+      Write([&] {
+        Number const end = std::min<Number>(begin + kBatch, first + count);
+        for (Number i = begin; i < end; ++i) {
+          Number const other = MakeThing(i).other;
+          objects_.push_back(Insert(id(), *handles_, i, other < i ? &objects_[other] : nullptr));
+        }
+      });
+    }
+  }
+
+  Sum ReadOne(Numbers which) override {
+    Sum sum = 0;
+    Read([&] {
+      for (Number const i : which) sum += Plain(objects_[i]);
+    });
+    return sum;
+  }
+  Sum ReadOneAlone(Numbers which) override {
+    Sum sum = 0;
+    for (Number const i : which) Read([&] { sum += Plain(objects_[i]); });
+    return sum;
+  }
+  Sum ReadAll(Numbers which) override {
+    Sum sum = 0;
+    Read([&] {
+      Check(lscoredb_read_scope_begin(id()));
+      for (Number const i : which) {
+        Object const& object = objects_[i];
+        std::int64_t plain = 0;
+        std::int64_t indexed = 0;
+        double weight = 0;
+        char16_t const* name = nullptr;
+        std::uint64_t other = 0;
+        Check(lorv_crud_ReadLong(id(), handles_->plain, object.oid, object.addr, &plain));
+        Check(lorv_crud_ReadLong(id(), handles_->indexed, object.oid, object.addr, &indexed));
+        Check(lorv_crud_ReadDouble(id(), handles_->weight, object.oid, object.addr, &weight));
+        Check(lorv_crud_ReadString(id(), handles_->name, object.oid, object.addr, &name));
+        Check(lorv_crud_ReadRefId(id(), handles_->other, object.oid, object.addr, &other));
+        sum += Bits(plain) + Bits(indexed) + Bits(weight) + name[7] + Sum{other != 0};
+      }
+      Check(lscoredb_read_scope_end(id()));
+    });
+    return sum;
+  }
+  Sum Find(Numbers which) override {
+    Sum sum = 0;
+    Read([&] {
+      for (Number const i : which) {
+        Thing const thing = MakeThing(i);
+        alignas(8) unsigned char key[64];
+        metalayer::Key(key).Text(thing.name.data());
+        std::uint64_t iterator = 0;
+        Check(lorv_context_create_iterator(id(), by_name_, LORV_ITERATOR_FORWARD, key, key,
+                                           &iterator));
+        LORV_REFERENCE found{};
+        Check(lorv_iterator_next(iterator, &found));
+        sum += Plain({found.oid, found.layout});
+        Check(lorv_iterator_free(iterator));
+      }
+    });
+    return sum;
+  }
+  Sum Walk(std::size_t count) override {
+    return WalkIndex(count, [this](LORV_REFERENCE const& found) {
+      return Plain({found.oid, found.layout});
+    });
+  }
+  Sum WalkIds(std::size_t count) override {
+    return WalkIndex(count, [](LORV_REFERENCE const& found) { return Sum{found.oid != 0}; });
+  }
+
+  void UpdatePlain(Numbers which, std::int64_t value) override {
+    ForBatches(which, [&](Object const& object) {
+      Check(lorv_crud_WriteLong(id(), handles_->plain, object.oid, object.addr, value));
+    });
+  }
+  void UpdateIndexed(Numbers which, std::int64_t flip) override {
+    ForBatches(which, [&](Object const& object) {
+      std::int64_t value = 0;
+      Check(lorv_crud_ReadLong(id(), handles_->indexed, object.oid, object.addr, &value));
+      Check(lorv_crud_WriteLong(id(), handles_->indexed, object.oid, object.addr, value ^ flip));
+    });
+  }
+
+  Sum Reopen() override {
+    handles_.reset();
+    context_.reset();
+    database_.reset();
+    database_ = std::make_unique<sagleme::Database>(sagleme::Database::Open(directory_, options_));
+    context_ = std::make_unique<sagleme::Context>(*database_);
+    Number const first = 0;
+    TakeHandles();
+    return ReadOne({&first, 1});
+  }
+  std::uint64_t Bytes() override { return database_->Statistics().file_size; }
+
+ private:
+  std::uint64_t id() const { return context_->id(); }
+
+  void Use() {
+    context_ = std::make_unique<sagleme::Context>(*database_);
+    TakeHandles();
+  }
+  void TakeHandles() {
+    sagleme::Transaction transaction(*context_, sagleme::Access::kReadOnly);
+    handles_ = std::make_unique<Handles>(id());
+    by_name_ = transaction.FindIndex(u"ThingByName")->handle;
+    by_indexed_ = transaction.FindIndex(u"ThingByIndexed")->handle;
+  }
+
+  template <typename Work>
+  void Read(Work&& work) {
+    Check(lscoredb_begin(id(), LSCOREDB_READ_ONLY_TRANSACTION));
+    work();
+    Check(lscoredb_rollback(id()));
+  }
+  template <typename Work>
+  void Write(Work&& work) {
+    Check(lscoredb_begin(id(), LSCOREDB_READ_WRITE));
+    work();
+    Check(lscoredb_commit(id()));
+  }
+  template <typename Work>
+  void ForBatches(Numbers which, Work&& work) {
+    for (std::size_t begin = 0; begin < which.size(); begin += kBatch) {
+      Write([&] {
+        for (Number const i : which.subspan(begin, std::min(kBatch, which.size() - begin))) {
+          work(objects_[i]);
+        }
+      });
+    }
+  }
+  template <typename Visit>
+  Sum WalkIndex(std::size_t count, Visit&& visit) {
+    Sum sum = 0;
+    Read([&] {
+      alignas(8) unsigned char first[16];
+      alignas(8) unsigned char last[16];
+      metalayer::Key(first).Long(std::numeric_limits<std::int64_t>::min());
+      metalayer::Key(last).Long(std::numeric_limits<std::int64_t>::max());
+      std::uint64_t iterator = 0;
+      Check(lorv_context_create_iterator(id(), by_indexed_, LORV_ITERATOR_FORWARD, first, last,
+                                         &iterator));
+      for (std::size_t i = 0; i < count; ++i) {
+        LORV_REFERENCE found{};
+        Check(lorv_iterator_next(iterator, &found));
+        sum += visit(found);
+      }
+      Check(lorv_iterator_free(iterator));
+    });
+    return sum;
+  }
+  Sum Plain(Object const& object) {
+    std::int64_t value = 0;
+    Check(lorv_crud_ReadLong(id(), handles_->plain, object.oid, object.addr, &value));
+    return Bits(value);
+  }
+
+  std::string directory_;
+  sagleme::Options options_;
+  std::unique_ptr<sagleme::Database> database_;
+  std::unique_ptr<sagleme::Context> context_;
+  std::unique_ptr<Handles> handles_;
+  std::uint64_t by_name_ = 0;
+  std::uint64_t by_indexed_ = 0;
+  std::vector<Object> objects_;
+};
+
+class SaglemeCommitter : public Committer {
+ public:
+  explicit SaglemeCommitter(sagleme::Database const& database) : context_(database) {
+    sagleme::RawTransaction const transaction(context_, sagleme::Access::kReadOnly);
+    handles_ = std::make_unique<Handles>(context_.id());
+  }
+  void CommitOne(Number number) override {
+    Check(lscoredb_begin(context_.id(), LSCOREDB_READ_WRITE));
+    Insert(context_.id(), *handles_, number, nullptr);
+    Check(lscoredb_commit(context_.id()));
+  }
+
+ private:
+  sagleme::Context context_;
+  std::unique_ptr<Handles> handles_;
+};
+
+}  // namespace
+
+std::unique_ptr<Engine> MakeSagleme(std::string const& directory, bool durable) {
+  return std::make_unique<SaglemeEngine>(directory, durable);
+}
+std::unique_ptr<Committer> MakeSaglemeCommitter(Engine& engine) {
+  return std::make_unique<SaglemeCommitter>(dynamic_cast<SaglemeEngine&>(engine).database());
+}
+
+}  // namespace bench

@@ -1,0 +1,265 @@
+// SQLite with statements prepared once: one table with the integer primary key, an index for each
+// of the others' indexes. A tree of tables is a column, as programs without inheritance have it.
+
+#include <sqlite3.h>
+
+#include <filesystem>
+#include <utility>
+
+#include "engine.h"
+
+namespace bench {
+namespace {
+
+void Check(int code, int expected = SQLITE_OK) {
+  if (code != expected) throw std::runtime_error(sqlite3_errstr(code));
+}
+
+// What the text of a name holds: letters of one byte each.
+std::string Letters(Thing const& thing) {
+  return {thing.name.begin(), thing.name.begin() + kNameUnits};
+}
+
+class Statement {
+ public:
+  Statement(sqlite3* database, char const* text) {
+    Check(sqlite3_prepare_v3(database, text, -1, SQLITE_PREPARE_PERSISTENT, &statement_, nullptr));
+  }
+  ~Statement() { sqlite3_finalize(statement_); }
+  Statement(Statement const&) = delete;
+  Statement& operator=(Statement const&) = delete;
+
+  Statement& Bind(int at, std::int64_t value) {
+    Check(sqlite3_bind_int64(statement_, at, value));
+    return *this;
+  }
+  Statement& Bind(int at, double value) {
+    Check(sqlite3_bind_double(statement_, at, value));
+    return *this;
+  }
+  Statement& Bind(int at, std::string const& text) {
+    Check(sqlite3_bind_text(statement_, at, text.data(), static_cast<int>(text.size()),
+                            SQLITE_STATIC));
+    return *this;
+  }
+  bool Step() {
+    int const code = sqlite3_step(statement_);
+    if (code == SQLITE_ROW) return true;
+    Check(code, SQLITE_DONE);
+    return false;
+  }
+  void Reset() { Check(sqlite3_reset(statement_)); }
+  void Run() {
+    Step();
+    Reset();
+  }
+  std::int64_t Long(int column) { return sqlite3_column_int64(statement_, column); }
+  double Double(int column) { return sqlite3_column_double(statement_, column); }
+  unsigned char const* Text(int column) { return sqlite3_column_text(statement_, column); }
+
+ private:
+  sqlite3_stmt* statement_ = nullptr;
+};
+
+class Connection {
+ public:
+  Connection(std::string const& directory, bool durable) {
+    std::string const path = directory.empty() ? ":memory:" : directory + "/data.sqlite";
+    Check(sqlite3_open_v2(path.c_str(), &handle_,
+                          SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
+                          nullptr));
+    sqlite3_busy_timeout(handle_, 60000);
+    if (!directory.empty()) Execute("pragma journal_mode = wal");
+    Execute(durable ? "pragma synchronous = full" : "pragma synchronous = off");
+    Execute("pragma cache_size = -524288");
+    Execute("pragma mmap_size = 4294967296");
+    Execute("pragma temp_store = memory");
+    Execute(
+        "create table if not exists thing (id integer primary key, kind integer not null,"
+        " plain integer, indexed integer, weight real, name text, other integer)");
+    Execute("create index if not exists by_kind on thing (kind)");
+    Execute("create index if not exists by_name on thing (name)");
+    Execute("create index if not exists by_indexed on thing (indexed)");
+  }
+  ~Connection() { sqlite3_close(handle_); }
+  Connection(Connection const&) = delete;
+  Connection& operator=(Connection const&) = delete;
+
+  sqlite3* handle() { return handle_; }
+  void Execute(char const* text) { Check(sqlite3_exec(handle_, text, nullptr, nullptr, nullptr)); }
+
+ private:
+  sqlite3* handle_ = nullptr;
+};
+
+class Statements {
+ public:
+  Statements(std::string const& directory, bool durable) : connection(directory, durable) {}
+
+  Connection connection;
+  Statement begin{connection.handle(), "begin"};
+  Statement begin_writing{connection.handle(), "begin immediate"};
+  Statement commit{connection.handle(), "commit"};
+  Statement insert{connection.handle(), "insert into thing values (?, ?, ?, ?, ?, ?, ?)"};
+  Statement read_one{connection.handle(), "select plain from thing where id = ?"};
+  Statement read_all{connection.handle(),
+                     "select plain, indexed, weight, name, other from thing where id = ?"};
+  Statement find{connection.handle(), "select plain from thing where name = ?"};
+  Statement walk{connection.handle(),
+                 "select plain from thing indexed by by_indexed order by indexed limit ?"};
+  Statement walk_ids{connection.handle(),
+                     "select id from thing indexed by by_indexed order by indexed limit ?"};
+  Statement update_plain{connection.handle(), "update thing set plain = ? where id = ?"};
+  // SQLite has no operator for an exclusive or.
+  Statement update_indexed{
+      connection.handle(),
+      "update thing set indexed = (indexed | ?1) - (indexed & ?1) where id = ?2"};
+};
+
+void Insert(Statements& statements, Number number) {
+  Thing const thing = MakeThing(number);
+  std::string const name = Letters(thing);
+  statements.insert.Bind(1, std::int64_t{number} + 1)
+      .Bind(2, std::int64_t{thing.table})
+      .Bind(3, thing.plain)
+      .Bind(4, thing.indexed)
+      .Bind(5, thing.weight)
+      .Bind(6, name)
+      .Bind(7, std::int64_t{thing.other} + 1)
+      .Run();
+}
+
+class SqliteEngine : public Engine {
+ public:
+  SqliteEngine(std::string directory, bool durable)
+      : directory_(std::move(directory)),
+        durable_(durable),
+        statements_(std::make_unique<Statements>(directory_, durable)) {}
+
+  void Create(Number first, Number count) override {
+    for (Number begin = first; begin < first + count; begin += kBatch) {
+      statements_->begin_writing.Run();
+      Number const end = std::min<Number>(begin + kBatch, first + count);
+      for (Number i = begin; i < end; ++i) Insert(*statements_, i);
+      statements_->commit.Run();
+    }
+  }
+
+  Sum ReadOne(Numbers which) override {
+    Sum sum = 0;
+    statements_->begin.Run();
+    for (Number const i : which) sum += One(i);
+    statements_->commit.Run();
+    return sum;
+  }
+  Sum ReadOneAlone(Numbers which) override {
+    Sum sum = 0;
+    for (Number const i : which) sum += One(i);  // each statement is a transaction
+    return sum;
+  }
+  Sum ReadAll(Numbers which) override {
+    Sum sum = 0;
+    statements_->begin.Run();
+    Statement& read = statements_->read_all;
+    for (Number const i : which) {
+      read.Bind(1, std::int64_t{i} + 1).Step();
+      sum += Bits(read.Long(0)) + Bits(read.Long(1)) + Bits(read.Double(2)) + read.Text(3)[7] +
+             Sum{read.Long(4) != 0};
+      read.Reset();
+    }
+    statements_->commit.Run();
+    return sum;
+  }
+  Sum Find(Numbers which) override {
+    Sum sum = 0;
+    statements_->begin.Run();
+    for (Number const i : which) {
+      std::string const name = Letters(MakeThing(i));
+      statements_->find.Bind(1, name).Step();
+      sum += Bits(statements_->find.Long(0));
+      statements_->find.Reset();
+    }
+    statements_->commit.Run();
+    return sum;
+  }
+  Sum Walk(std::size_t count) override {
+    return WalkWith(statements_->walk, count, [](std::int64_t value) { return Bits(value); });
+  }
+  Sum WalkIds(std::size_t count) override {
+    return WalkWith(statements_->walk_ids, count,
+                    [](std::int64_t value) { return Sum{value != 0}; });
+  }
+
+  void UpdatePlain(Numbers which, std::int64_t value) override {
+    Update(statements_->update_plain, which, value);
+  }
+  void UpdateIndexed(Numbers which, std::int64_t flip) override {
+    Update(statements_->update_indexed, which, flip);
+  }
+
+  Sum Reopen() override {
+    if (directory_.empty()) return 0;
+    statements_.reset();
+    statements_ = std::make_unique<Statements>(directory_, durable_);
+    return One(0);
+  }
+  std::uint64_t Bytes() override {
+    if (directory_.empty()) return 0;
+    statements_->connection.Execute("pragma wal_checkpoint(truncate)");
+    return std::filesystem::file_size(directory_ + "/data.sqlite");
+  }
+
+ private:
+  Sum One(Number i) {
+    Statement& read = statements_->read_one;
+    read.Bind(1, std::int64_t{i} + 1).Step();
+    Sum const value = Bits(read.Long(0));
+    read.Reset();
+    return value;
+  }
+  template <typename Visit>
+  Sum WalkWith(Statement& walk, std::size_t count, Visit&& visit) {
+    Sum sum = 0;
+    walk.Bind(1, static_cast<std::int64_t>(count));
+    while (walk.Step()) sum += visit(walk.Long(0));
+    walk.Reset();
+    return sum;
+  }
+  void Update(Statement& update, Numbers which, std::int64_t value) {
+    for (std::size_t begin = 0; begin < which.size(); begin += kBatch) {
+      statements_->begin_writing.Run();
+      for (Number const i : which.subspan(begin, std::min(kBatch, which.size() - begin))) {
+        update.Bind(1, value).Bind(2, std::int64_t{i} + 1).Run();
+      }
+      statements_->commit.Run();
+    }
+  }
+
+  std::string directory_;
+  bool durable_;
+  std::unique_ptr<Statements> statements_;
+};
+
+class SqliteCommitter : public Committer {
+ public:
+  explicit SqliteCommitter(std::string const& directory) : statements_(directory, true) {}
+  void CommitOne(Number number) override {
+    statements_.begin_writing.Run();
+    Insert(statements_, number);
+    statements_.commit.Run();
+  }
+
+ private:
+  Statements statements_;
+};
+
+}  // namespace
+
+std::unique_ptr<Engine> MakeSqlite(std::string const& directory, bool durable) {
+  return std::make_unique<SqliteEngine>(directory, durable);
+}
+std::unique_ptr<Committer> MakeSqliteCommitter(std::string const& directory) {
+  return std::make_unique<SqliteCommitter>(directory);
+}
+
+}  // namespace bench

@@ -1,0 +1,67 @@
+// Measures sagleme beside LMDB, SQLite and a table in memory, on the same objects in one run.
+
+#include <fmt/format.h>
+
+#include <CLI/CLI.hpp>
+#include <fstream>
+#include <iostream>
+
+#include "results.h"
+#include "sections.h"
+
+namespace bench {
+namespace {
+
+struct Outputs {
+  std::string json;
+  std::string page;
+};
+
+void WriteFile(std::string const& path, std::string const& text) {
+  if (path.empty()) return;
+  std::ofstream out(path);
+  out << text;
+  if (!out.flush()) throw std::runtime_error("cannot write " + path);
+}
+
+std::vector<Result> MeasureAll(Settings const& settings) {
+  std::vector<Result> all;
+  auto const add = [&all](std::function<std::vector<Result>()> const& section) {
+    std::vector<Result> const some = InOwnProcess(section);
+    all.insert(all.end(), some.begin(), some.end());
+  };
+  add([&] { return MeasureObjects(settings); });
+  for (int const threads : {1, 8}) add([&] { return MeasureCommits(settings, threads); });
+  return all;
+}
+
+int Main(int argc, char** argv) {
+  CLI::App app("Measures sagleme beside LMDB, SQLite and a table in memory.");
+  Settings settings;
+  Outputs outputs;
+  app.add_option("directory", settings.directory, "where the databases go; made, and left there")
+      ->required();
+  app.add_option("--objects", settings.objects, "how many")->check(CLI::Range(1000, 100000000));
+  app.add_option("--rounds", settings.rounds, "how often each work is done")
+      ->check(CLI::Range(1, 100));
+  app.add_option("--json", outputs.json, "a file for all figures");
+  app.add_option("--table", outputs.page, "a file for the table");
+  CLI11_PARSE(app, argc, argv);
+  std::vector<Result> const results = MeasureAll(settings);
+  std::cout << TableOf(results);
+  WriteFile(outputs.json, JsonOf(results));
+  WriteFile(outputs.page, TableOf(results));
+  return 0;
+}
+
+}  // namespace
+}  // namespace bench
+
+int main(int argc, char** argv) {
+  try {
+    return bench::Main(argc, argv);
+  } catch (std::exception const& error) {
+    std::cerr << "bench: " << error.what() << '\n';
+    return 1;
+  }
+}

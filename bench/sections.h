@@ -1,0 +1,50 @@
+#ifndef SAGLEME_BENCH_SECTIONS_H
+#define SAGLEME_BENCH_SECTIONS_H
+
+// The parts of the benchmark. Each runs in a process of its own, since the layer's handles and
+// caches are the process's and belong to one database.
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "dataset.h"
+#include "results.h"
+
+namespace bench {
+
+inline constexpr char kSagleme[] = "sagleme";
+inline constexpr char kLmdb[] = "LMDB";
+inline constexpr char kSqliteMemory[] = "SQLite in memory";
+inline constexpr char kSqliteWal[] = "SQLite WAL";
+inline constexpr char kHash[] = "hash table";
+
+struct Settings {
+  Number objects = 1000000;
+  int rounds = 5;
+  std::string directory;  // for databases
+
+  // Made for the section.
+  std::string Directory(std::string const& name) const;
+};
+
+template <typename Work>
+double Nanoseconds(Work&& work) {
+  auto const begin = std::chrono::steady_clock::now();
+  work();
+  return std::chrono::duration<double, std::nano>(std::chrono::steady_clock::now() - begin).count();
+}
+
+// Objects in all engines: reads, walks, changes, opening, sizes.
+std::vector<Result> MeasureObjects(Settings const& settings);
+// Durable commits of one object by so many threads.
+std::vector<Result> MeasureCommits(Settings const& settings, int threads);
+
+// What `section` measures, in a child process. Throws what went wrong there as a runtime_error.
+std::vector<Result> InOwnProcess(std::function<std::vector<Result>()> const& section);
+
+}  // namespace bench
+
+#endif
