@@ -33,7 +33,11 @@ struct Section {
 std::vector<Section> Sections() {
   return {{"objects", &MeasureObjects},
           {"commits of 1 thread", [](Settings const& s) { return MeasureCommits(s, 1); }},
-          {"commits of 8 threads", [](Settings const& s) { return MeasureCommits(s, 8); }}};
+          {"commits of 8 threads", [](Settings const& s) { return MeasureCommits(s, 8); }},
+          {"schema with many tables", &MeasureSchemaTables},
+          {"schema with many objects", &MeasureSchemaObjects},
+          {"bootstrap", &MeasureBootstrap},
+          {"opening", &MeasureOpening}};
 }
 
 // Of the sections whose names hold `word`.

@@ -42,6 +42,14 @@ std::vector<Result> MeasureObjects(Settings const& settings);
 // Durable commits of one object by so many threads.
 std::vector<Result> MeasureCommits(Settings const& settings, int threads);
 
+// Changes of the schema with few and many tables, and with few and many objects.
+std::vector<Result> MeasureSchemaTables(Settings const& settings);
+std::vector<Result> MeasureSchemaObjects(Settings const& settings);
+// Making a database in memory.
+std::vector<Result> MeasureBootstrap(Settings const& settings);
+// Opening databases of few and many tables, in time and memory.
+std::vector<Result> MeasureOpening(Settings const& settings);
+
 // What `section` measures, in a child process. Throws what went wrong there as a runtime_error.
 std::vector<Result> InOwnProcess(std::function<std::vector<Result>()> const& section);
 
