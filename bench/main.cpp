@@ -36,6 +36,7 @@ std::vector<Section> Sections() {
           {"commits of 8 threads", [](Settings const& s) { return MeasureCommits(s, 8); }},
           {"schema with many tables", &MeasureSchemaTables},
           {"schema with many objects", &MeasureSchemaObjects},
+          {"schema beside PostgreSQL", &MeasureSchemaBesidePostgres},
           {"bootstrap", &MeasureBootstrap},
           {"opening", &MeasureOpening}};
 }

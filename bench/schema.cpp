@@ -10,14 +10,12 @@
 
 #include "schema_database.h"
 #include "sections.h"
+#include "turns.h"
 #include "worker.h"
 
 namespace bench {
 namespace {
 
-// Changes in a round, in turns of a few.
-constexpr int kTurns = 10;
-constexpr int kTimes = 5;
 constexpr unsigned kFew = 10;  // tables
 constexpr double kGoal = 1.3;
 
@@ -26,31 +24,13 @@ unsigned TablesFor(Settings const& settings, unsigned most) {
   return std::clamp<unsigned>(settings.objects / 100, kFew, most);
 }
 
-Result MakeResult(std::string work, std::string unit, std::string const& other, double goal) {
-  std::cerr << work << std::endl;
-  return {std::move(work), std::move(unit), false, {{kSagleme, {}}, {other, {}}}, {{other, goal}}};
-}
-
-// One figure for each, as the mean over turns that they take in turn.
-using Turn = std::function<double()>;
-void MeasureRound(Result& result, Turn const& own, Turn const& other) {
-  double sums[2] = {0, 0};
-  for (int turn = 0; turn < kTurns; ++turn) {
-    for (int i = 0; i < 2; ++i) {
-      int const which = (turn + i) % 2;
-      sums[which] += which == 0 ? own() : other();
-    }
-  }
-  for (std::size_t i = 0; i < 2; ++i) result.series[i].values.push_back(sums[i] / kTurns);
-}
-
 // ---- few tables and many ------------------------------------------------------------------------
 
 Worker::Task PrepareTables(std::string const& directory, unsigned tables) {
   auto const database = std::make_shared<SchemaDatabase>(directory, false);
   database->MakeTables(0, tables, 5);
   return [database, tables](int change) {
-    return database->Time(static_cast<Change>(change), tables / 2, kTimes);
+    return database->Time(static_cast<Change>(change), tables / 2, kTurnTimes);
   };
 }
 
@@ -62,7 +42,7 @@ Worker::Task PrepareObjects(std::string const& directory, Number objects) {
   database->Fill(1, objects);
   return [database](int command) {
     return database->Time(static_cast<Change>(command / 2), static_cast<unsigned>(command % 2),
-                          kTimes);
+                          kTurnTimes);
   };
 }
 
@@ -148,8 +128,8 @@ std::vector<Result> MeasureSchemaTables(Settings const& settings) {
   for (Change const change : kChanges) {
     int const command = static_cast<int>(change);
     Result result =
-        MakeResult(fmt::format("{}, in a database of {} tables, no sync", NameOf(change), many),
-                   "ns", other, kGoal);
+        MakeComparison(fmt::format("{}, in a database of {} tables, no sync", NameOf(change), many),
+                       "ns", other, kGoal);
     for (int round = 0; round < settings.rounds; ++round) {
       MeasureRound(
           result, [&] { return own.Run(command); }, [&] { return few.Run(command); });
@@ -165,7 +145,7 @@ std::vector<Result> MeasureSchemaObjects(Settings const& settings) {
   std::vector<Result> results;
   for (Change const change : {Change::kAddColumn, Change::kDropColumn, Change::kRenameColumn}) {
     int const command = static_cast<int>(change) * 2;
-    Result result = MakeResult(
+    Result result = MakeComparison(
         fmt::format("{}, in a table of {} objects, no sync", NameOf(change), settings.objects),
         "ns", "empty table", kGoal);
     for (int round = 0; round < settings.rounds; ++round) {
@@ -178,7 +158,7 @@ std::vector<Result> MeasureSchemaObjects(Settings const& settings) {
 }
 
 std::vector<Result> MeasureBootstrap(Settings const& settings) {
-  Result result = MakeResult("make a database in memory", "ns", "50 tables created", 1);
+  Result result = MakeComparison("make a database in memory", "ns", "50 tables created", 1);
   for (int round = 0; round < settings.rounds; ++round) {
     Worker worker(&PrepareMemory);
     for (int i = 0; i < 2; ++i) {
@@ -195,10 +175,10 @@ std::vector<Result> MeasureOpening(Settings const& settings) {
   std::string const few_directory = settings.Directory("opening-few");
   MakeDatabase(directory, many, 20);
   MakeDatabase(few_directory, kFew, 20);
-  Result time = MakeResult(
+  Result time = MakeComparison(
       fmt::format("open a database of {} tables and {} columns and find one", many, many * 20),
       "ns", fmt::format("{} tables", kFew), kGoal);
-  Result memory = MakeResult(
+  Result memory = MakeComparison(
       "memory that opening a database of 10 tables and finding one takes (share of the "
       "process, with touched pages of file and libraries)",
       "bytes", "16 MiB", 1);

@@ -20,6 +20,7 @@ inline constexpr char kLmdb[] = "LMDB";
 inline constexpr char kSqliteMemory[] = "SQLite in memory";
 inline constexpr char kSqliteWal[] = "SQLite WAL";
 inline constexpr char kHash[] = "hash table";
+inline constexpr char kPostgres[] = "PostgreSQL";
 
 struct Settings {
   Number objects = 1000000;
@@ -45,6 +46,9 @@ std::vector<Result> MeasureCommits(Settings const& settings, int threads);
 // Changes of the schema with few and many tables, and with few and many objects.
 std::vector<Result> MeasureSchemaTables(Settings const& settings);
 std::vector<Result> MeasureSchemaObjects(Settings const& settings);
+// Changes of the schema beside those of PostgreSQL. Nothing, and a line that says why, where none is
+// installed.
+std::vector<Result> MeasureSchemaBesidePostgres(Settings const& settings);
 // Making a database in memory.
 std::vector<Result> MeasureBootstrap(Settings const& settings);
 // Opening databases of few and many tables, in time and memory.
