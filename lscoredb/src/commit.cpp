@@ -3,58 +3,55 @@
 #include "commit_work.h"
 
 namespace lscore {
+namespace {
+
+CommitRequest& RequestOf(CommitTicket* ticket) { return static_cast<CommitRequest&>(*ticket); }
+
+}  // namespace
 
 Status CommitQueue::Run(CommitRequest& request) {
-  std::unique_lock lock(mutex_);
-  waiting_.push_back(&request);
-  changed_.wait(lock, [&] { return request.done || !leading_; });
-  if (request.done) return request.status;
-  leading_ = true;
-  std::vector<CommitRequest*> requests;
-  requests.swap(waiting_);
-  lock.unlock();
-  Lead(requests);
-  lock.lock();
-  for (CommitRequest* const finished : requests) finished->done = true;
-  leading_ = false;
-  changed_.notify_all();
+  CommitLine::Tickets batch;
+  if (!line_.Enter(request, &batch)) return request.status;
+  auto const begin = std::chrono::steady_clock::now();
+  Lead(batch);
+  line_.Finish(batch, std::chrono::steady_clock::now() - begin);
   return request.status;
 }
 
 void CommitQueue::RequireSync() {
-  std::unique_lock lock(mutex_);
-  changed_.wait(lock, [&] { return !leading_; });
-  store_.RequireSync();
+  line_.BetweenBatches([this] { store_.RequireSync(); });
 }
 
-void CommitQueue::Lead(std::vector<CommitRequest*> const& requests) noexcept {
-  auto const attempt = [this](std::vector<CommitRequest*> const& some) {
+void CommitQueue::Lead(Tickets tickets) noexcept {
+  auto const attempt = [this](Tickets some) {
     TryAll(some);
     return LORV_STATUS_OK;
   };
-  Status together = Guarded([&] { return attempt(requests); });
+  Status together = Guarded([&] { return attempt(tickets); });
   if (together == LSCOREDB_MAP_FULL) {
-    together = Guarded([&] { return store_.FreeDeadReaders() ? attempt(requests) : together; });
+    together = Guarded([&] { return store_.FreeDeadReaders() ? attempt(tickets) : together; });
   }
   if (together == LORV_STATUS_OK) return;
-  for (CommitRequest* const request : requests) {
-    Status const alone =
-        requests.size() == 1 ? together : Guarded([&] { return attempt({request}); });
-    if (alone != LORV_STATUS_OK) request->status = alone;
+  for (CommitTicket* const& ticket : tickets) {
+    Status const alone = tickets.size() == 1 ? together : Guarded([&] {
+      return attempt({&ticket, 1});
+    });
+    if (alone != LORV_STATUS_OK) RequestOf(ticket).status = alone;
   }
 }
 
-void CommitQueue::TryAll(std::vector<CommitRequest*> const& requests) {
+void CommitQueue::TryAll(Tickets tickets) {
   Batch batch(store_);
   std::uint32_t position = 0;
   bool anything = false;
-  for (CommitRequest* const request : requests) {
-    CommitWork work(batch, *request, position);
-    request->status = Guarded([&] {
+  for (CommitTicket* const ticket : tickets) {
+    CommitRequest& request = RequestOf(ticket);
+    CommitWork work(batch, request, position);
+    request.status = Guarded([&] {
       work.Validate();
       return LORV_STATUS_OK;
     });
-    if (request->status != LORV_STATUS_OK) continue;
+    if (request.status != LORV_STATUS_OK) continue;
     work.Apply();
     anything = true;
   }

@@ -6,11 +6,10 @@
 // Whoever fails its checks has applied nothing and does not hold up the others. When the batch as a
 // whole fails, each is tried again alone, so that one that does not fit takes nobody with it.
 
-#include <condition_variable>
-#include <mutex>
-#include <vector>
+#include <span>
 
 #include "allocators.h"
+#include "commit_line.h"
 #include "definitions.h"
 #include "pending.h"
 #include "status.h"
@@ -19,12 +18,14 @@
 namespace lscore {
 
 // One transaction's wish to be committed. Owned by its thread, which waits.
-struct CommitRequest {
+struct CommitRequest : CommitTicket {
+  CommitRequest(PendingChanges const& its_changes, Snapshot const& its_snapshot, CommitId version)
+      : changes(its_changes), snapshot(its_snapshot), index_version(version) {}
+
   PendingChanges const& changes;
   Snapshot const& snapshot;
   CommitId index_version;  // of the snapshot
   Status status = LORV_STATUS_OK;
-  bool done = false;
 };
 
 class CommitQueue {
@@ -38,15 +39,14 @@ class CommitQueue {
   void RequireSync();
 
  private:
-  void Lead(std::vector<CommitRequest*> const& requests) noexcept;
-  void TryAll(std::vector<CommitRequest*> const& requests);
+  using Tickets = std::span<CommitTicket* const>;  // of requests
+
+  void Lead(Tickets tickets) noexcept;
+  void TryAll(Tickets tickets);
 
   Store& store_;
   IdAllocator& ids_;
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::vector<CommitRequest*> waiting_;
-  bool leading_ = false;
+  CommitLine line_;
 };
 
 }  // namespace lscore

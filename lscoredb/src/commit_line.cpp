@@ -1,0 +1,62 @@
+#include "commit_line.h"
+
+namespace lscore {
+
+bool CommitLine::Enter(CommitTicket& ticket, Tickets* batch) {
+  Lock lock(mutex_);
+  waiting_.push_back(&ticket);
+  if (!AwaitTurn(lock, ticket)) return false;
+  Take(batch);
+  return true;
+}
+
+bool CommitLine::AwaitTurn(Lock& lock, CommitTicket const& ticket) {
+  std::condition_variable& turn = TurnOf(batches_);
+  turn.wait(lock, [&] { return ticket.done || state_ != State::kLed; });
+  if (ticket.done) return false;
+  if (waiting_.size() >= company_.wanted()) return true;
+  if (state_ == State::kIdle && Gather(lock, turn)) return true;
+  turn.wait(lock, [&] { return ticket.done; });
+  return false;
+}
+
+// Returns whether the time is over and nobody completed the batch.
+bool CommitLine::Gather(Lock& lock, std::condition_variable& turn) {
+  std::size_t const batch = batches_;
+  auto const until = last_end_ + company_.patience();
+  if (std::chrono::steady_clock::now() >= until) return true;
+  state_ = State::kGathering;
+  found_ = waiting_.size();
+  return !turn.wait_until(lock, until, [&] { return batches_ != batch; });
+}
+
+void CommitLine::Take(Tickets* batch) {
+  if (state_ == State::kIdle) found_ = 0;
+  state_ = State::kLed;
+  ++batches_;
+  batch->swap(waiting_);
+}
+
+void CommitLine::Finish(Tickets const& batch, Company::Duration took) {
+  Lock lock(mutex_);
+  for (CommitTicket* const ticket : batch) ticket->done = true;
+  bool const waited = found_ != 0;
+  company_.Ended({batch.size(), waiting_.size(), waited, batch.size() > found_, took});
+  last_end_ = std::chrono::steady_clock::now();
+  state_ = State::kIdle;
+  std::size_t const size = batch.size();
+  bool const more = !waiting_.empty();
+  std::condition_variable& ended = TurnOf(batches_ - 1);
+  std::condition_variable& next = TurnOf(batches_);
+  lock.unlock();
+  if (size > 1) ended.notify_all();
+  if (more) next.notify_one();
+  calm_.notify_all();
+}
+
+std::size_t CommitLine::waiting() const {
+  std::lock_guard const lock(mutex_);
+  return waiting_.size();
+}
+
+}  // namespace lscore

@@ -1,0 +1,156 @@
+// Who leads a batch, who is in it, and who waits for whom.
+
+#include "../src/commit_line.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <thread>
+
+namespace {
+
+using lscore::CommitLine;
+using lscore::CommitTicket;
+using lscore::Company;
+using namespace std::chrono_literals;
+
+constexpr Company::Duration kForEver = 1h;
+constexpr Company::Duration kLongBatch = 10h;
+
+class CommitLineTest : public testing::Test {
+ protected:
+  ~CommitLineTest() override {
+    for (std::thread& thread : threads_) thread.join();
+  }
+
+  // A thread that lines up, and finishes the batch if it comes to lead.
+  void EnterInThread(CommitLine& line) {
+    threads_.emplace_back([&] {
+      CommitTicket ticket;
+      CommitLine::Tickets batch;
+      if (!line.Enter(ticket, &batch)) {
+        EXPECT_TRUE(ticket.done);
+        return;
+      }
+      led_ = batch.size();
+      line.Finish(batch, kLongBatch);
+    });
+  }
+  static void AwaitLined(CommitLine const& line, std::size_t count) {
+    while (line.waiting() < count) std::this_thread::yield();
+  }
+  void JoinAll() {
+    for (std::thread& thread : threads_) thread.join();
+    threads_.clear();
+  }
+
+  // This thread leads while `count` others line up behind.
+  void LeadWithBehind(CommitLine& line, std::size_t count) {
+    CommitTicket ticket;
+    CommitLine::Tickets batch;
+    ASSERT_TRUE(line.Enter(ticket, &batch));
+    for (std::size_t i = 0; i < count; ++i) EnterInThread(line);
+    AwaitLined(line, count);
+    line.Finish(batch, kLongBatch);
+  }
+
+  std::vector<std::thread> threads_;
+  std::atomic<std::size_t> led_{0};  // the size of the last batch that another thread led
+};
+
+TEST_F(CommitLineTest, WhoIsAlone_LeadsAtOnce) {
+  CommitLine line(kForEver);
+  for (int i = 0; i < 3; ++i) {
+    CommitTicket ticket;
+    CommitLine::Tickets batch;
+    ASSERT_TRUE(line.Enter(ticket, &batch));
+    EXPECT_EQ(batch, CommitLine::Tickets{&ticket});
+    line.Finish(batch, kLongBatch);
+    EXPECT_TRUE(ticket.done);
+  }
+}
+
+TEST_F(CommitLineTest, WhoComesWhileABatchIsLed_IsInTheNext) {
+  CommitLine line(0ns);
+  LeadWithBehind(line, 5);
+  JoinAll();
+  EXPECT_EQ(5U, led_);
+}
+
+TEST_F(CommitLineTest, WhoWasBusy_IsWaitedForAndLeadsWhenAllAreThere) {
+  CommitLine line(kForEver);
+  LeadWithBehind(line, 4);
+  CommitTicket ticket;
+  CommitLine::Tickets batch;
+  ASSERT_TRUE(line.Enter(ticket, &batch));
+  EXPECT_EQ(5U, batch.size());
+  EXPECT_EQ(1, std::count(batch.begin(), batch.end(), &ticket));
+  line.Finish(batch, kLongBatch);
+  JoinAll();
+  EXPECT_EQ(0U, led_) << "nobody else led";
+}
+
+TEST_F(CommitLineTest, WhoStaysAway_HoldsNobodyUpForEver) {
+  CommitLine line(1ms);
+  LeadWithBehind(line, 4);
+  JoinAll();
+  EXPECT_EQ(4U, led_);
+}
+
+TEST_F(CommitLineTest, WorkBetweenBatches_WaitsForTheLeader) {
+  CommitLine line(kForEver);
+  CommitTicket ticket;
+  CommitLine::Tickets batch;
+  ASSERT_TRUE(line.Enter(ticket, &batch));
+  std::atomic<bool> started{false};
+  std::atomic<bool> over{false};
+  bool seen = false;
+  threads_.emplace_back([&] {
+    started = true;
+    started.notify_all();
+    line.BetweenBatches([&] { seen = over; });
+  });
+  started.wait(false);
+  over = true;
+  line.Finish(batch, kLongBatch);
+  JoinAll();
+  EXPECT_TRUE(seen);
+}
+
+TEST_F(CommitLineTest, WorkBetweenBatches_GoesOnWhileOneWaitsForCompany) {
+  CommitLine line(kForEver);
+  LeadWithBehind(line, 1);
+  bool done = false;
+  line.BetweenBatches([&] { done = true; });
+  EXPECT_TRUE(done);
+  LeadWithBehind(line, 0);
+}
+
+TEST_F(CommitLineTest, ManyThreads_EachIsLedOnceAndOneLeadsAtATime) {
+  constexpr int kThreads = 8;
+  constexpr int kCommits = 500;
+  CommitLine line;
+  std::atomic<int> leaders{0};
+  std::atomic<std::size_t> committed{0};
+  for (int i = 0; i < kThreads; ++i) {
+    threads_.emplace_back([&] {
+      for (int n = 0; n < kCommits; ++n) {
+        CommitTicket ticket;
+        CommitLine::Tickets batch;
+        if (line.Enter(ticket, &batch)) {
+          EXPECT_EQ(1, ++leaders);
+          committed += batch.size();
+          --leaders;
+          line.Finish(batch, 300us);
+        }
+        EXPECT_TRUE(ticket.done);
+      }
+    });
+  }
+  JoinAll();
+  EXPECT_EQ(std::size_t{kThreads} * kCommits, committed);
+  EXPECT_EQ(0U, line.waiting());
+}
+
+}  // namespace

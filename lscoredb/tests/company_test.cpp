@@ -1,0 +1,88 @@
+// When a committer waits for others, and how long.
+
+#include "../src/company.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using lscore::Company;
+using namespace std::chrono_literals;
+
+constexpr Company::Duration kTook = 600us;
+
+Company::Batch Ended(std::size_t size, std::size_t behind) {
+  return {size, behind, false, false, kTook};
+}
+Company::Batch WaitedInVain(std::size_t size) { return {size, 0, true, false, kTook}; }
+Company::Batch WaitedWell(std::size_t size) { return {size, 0, true, true, kTook}; }
+
+class CompanyTest : public testing::Test {
+ protected:
+  // How many batches of two go without waiting from now on, before one waits again.
+  int Pauses() {
+    int pauses = 0;
+    for (; company_.wanted() == 1; ++pauses) company_.Ended(Ended(2, 0));
+    return pauses;
+  }
+
+  Company company_{Company::kLongest};
+};
+
+TEST_F(CompanyTest, AtFirst_NobodyIsWaitedFor) {
+  EXPECT_EQ(1U, company_.wanted());
+  EXPECT_EQ(0us, company_.patience());
+}
+
+TEST_F(CompanyTest, WhoIsAlone_WaitsForNobody) {
+  company_.Ended(Ended(1, 0));
+  EXPECT_EQ(1U, company_.wanted());
+}
+
+TEST_F(CompanyTest, MembersOfTheBatchAndThoseBehindIt_AreExpected) {
+  company_.Ended(Ended(7, 0));
+  EXPECT_EQ(7U, company_.wanted());
+  company_.Ended(Ended(1, 7));
+  EXPECT_EQ(8U, company_.wanted());
+}
+
+TEST_F(CompanyTest, WhoStayedAway_IsNotExpectedAgain) {
+  company_.Ended(Ended(8, 0));
+  company_.Ended(WaitedWell(5));
+  EXPECT_EQ(5U, company_.wanted());
+}
+
+TEST_F(CompanyTest, WaitsArePartOfWhatABatchTakes) {
+  company_.Ended({2, 0, false, false, 600us});
+  EXPECT_EQ(600us / Company::kPart, company_.patience());
+}
+
+TEST_F(CompanyTest, NoWaitIsLongerThanTheLongest) {
+  company_.Ended({2, 0, false, false, 1h});
+  EXPECT_EQ(Company::kLongest, company_.patience());
+}
+
+TEST_F(CompanyTest, WhereBatchesAreQuick_NobodyIsWaitedFor) {
+  company_.Ended({8, 3, false, false, Company::kShortest});
+  EXPECT_EQ(1U, company_.wanted());
+}
+
+TEST_F(CompanyTest, AfterWaitsInVain_TwiceAsManyBatchesGoWithout) {
+  for (int const pauses : {1, 2, 4, 8, 16, 32, 64, 64}) {
+    company_.Ended(WaitedInVain(2));
+    EXPECT_EQ(pauses, Pauses());
+  }
+}
+
+TEST_F(CompanyTest, AfterAWaitInWhichSomebodyCame_OneInVainCostsLittleAgain) {
+  for (int i = 0; i < 5; ++i) {
+    company_.Ended(WaitedInVain(2));
+    Pauses();
+  }
+  company_.Ended(WaitedWell(2));
+  EXPECT_EQ(2U, company_.wanted());
+  company_.Ended(WaitedInVain(2));
+  EXPECT_EQ(1, Pauses());
+}
+
+}  // namespace
