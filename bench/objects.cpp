@@ -57,7 +57,8 @@ class ObjectBench {
     return numbers;
   }
 
-  // Rounds of all engines, each beginning with another one. Engines have to agree in what they read.
+  // Rounds of all engines, each beginning with another one. Engines have to agree in what they
+  // read.
   void Measure(std::string const& work, std::size_t operations, std::vector<Goal> goals,
                Work const& run, std::vector<std::string> const& without = {}) {
     std::cerr << work << std::endl;

@@ -2,8 +2,8 @@
 #define LSCOREDB_SRC_COMMIT_LINE_H
 
 // Where committers line up, and who of them leads. Whoever leads takes all who wait as one batch,
-// and nobody else leads until it has finished. Before a batch starts, the first in line may wait for
-// company; the one who completes it leads then, so that no thread has to be woken first.
+// and nobody else leads until it has finished. Before a batch starts, the first in line may wait
+// for company; the one who completes it leads then, so that no thread has to be woken first.
 //
 // Any thread. A ticket belongs to its thread, which waits, and is of no use to others once it is
 // done.
@@ -28,8 +28,8 @@ class CommitLine {
   // `longest`: nobody waits longer for company.
   explicit CommitLine(Company::Duration longest = Company::kLongest) : company_(longest) {}
 
-  // Lines up. Returns whether the caller leads: `*batch` is then what it leads, its own ticket among
-  // them, and Finish has to follow. Otherwise another led it, and the ticket is done.
+  // Lines up. Returns whether the caller leads: `*batch` is then what it leads, its own ticket
+  // among them, and Finish has to follow. Otherwise another led it, and the ticket is done.
   bool Enter(CommitTicket& ticket, Tickets* batch);
   // `took`: what the batch took since it was led.
   void Finish(Tickets const& batch, Company::Duration took);

@@ -1,12 +1,12 @@
 #ifndef LSCOREDB_SRC_COMPANY_H
 #define LSCOREDB_SRC_COMPANY_H
 
-// Whether a committer waits for others before it starts a batch, and how long. A sync costs the same
-// for one commit as for eight, so those who share one each pay a part of it. Who was busy a moment
-// ago tells who will come back: the members of the last batch and those who lined up behind it. They
-// are waited for until a time after the end of that batch, so someone who comes alone, or later,
-// waits for nobody. A wait in which nobody came is not repeated at once: after each one in a row
-// twice as many batches go without.
+// Whether a committer waits for others before it starts a batch, and how long. A sync costs much
+// the same for one commit as for eight, so those who share one each pay a part. Who was busy a
+// moment ago tells who will come back: the members of the last batch and those who lined up behind
+// it. They are waited for until a time after the end of that batch, so someone who comes alone, or
+// later, waits for nobody. A wait in which nobody came is not repeated at once: after each one in a
+// row twice as many batches go without.
 //
 // Looks at no clock. Used under its owner's lock.
 

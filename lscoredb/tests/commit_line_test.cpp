@@ -125,6 +125,7 @@ TEST_F(CommitLineTest, WorkBetweenBatches_GoesOnWhileOneWaitsForCompany) {
   line.BetweenBatches([&] { done = true; });
   EXPECT_TRUE(done);
   LeadWithBehind(line, 0);
+  JoinAll();
 }
 
 TEST_F(CommitLineTest, ManyThreads_EachIsLedOnceAndOneLeadsAtATime) {
