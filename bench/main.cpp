@@ -32,6 +32,7 @@ struct Section {
 
 std::vector<Section> Sections() {
   return {{"objects", &MeasureObjects},
+          {"handles", &MeasureHandles},
           {"commits of 1 thread", [](Settings const& s) { return MeasureCommits(s, 1); }},
           {"commits of 8 threads", [](Settings const& s) { return MeasureCommits(s, 8); }},
           {"schema with many tables", &MeasureSchemaTables},

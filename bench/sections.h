@@ -40,6 +40,8 @@ double Nanoseconds(Work&& work) {
 
 // Objects in all engines: reads, walks, changes, opening, sizes.
 std::vector<Result> MeasureObjects(Settings const& settings);
+// Reads through property handles beside the kernel's call.
+std::vector<Result> MeasureHandles(Settings const& settings);
 // Durable commits of one object by so many threads.
 std::vector<Result> MeasureCommits(Settings const& settings, int threads);
 
