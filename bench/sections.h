@@ -48,8 +48,8 @@ std::vector<Result> MeasureCommits(Settings const& settings, int threads);
 // Changes of the schema with few and many tables, and with few and many objects.
 std::vector<Result> MeasureSchemaTables(Settings const& settings);
 std::vector<Result> MeasureSchemaObjects(Settings const& settings);
-// Changes of the schema beside those of PostgreSQL. Nothing, and a line that says why, where none is
-// installed.
+// Changes of the schema beside those of PostgreSQL. Nothing, and a line that says why, where there
+// is none.
 std::vector<Result> MeasureSchemaBesidePostgres(Settings const& settings);
 // Making a database in memory.
 std::vector<Result> MeasureBootstrap(Settings const& settings);

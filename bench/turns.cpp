@@ -14,14 +14,14 @@ Result MakeComparison(std::string work, std::string unit, std::string const& oth
 
 void MeasureRound(Result& result, Turn const& own, Turn const& other) {
   constexpr int kTurns = 10;
-  double sums[2] = {0, 0};
+  std::vector<double> figures[2];
   for (int turn = 0; turn < kTurns; ++turn) {
     for (int i = 0; i < 2; ++i) {
       int const which = (turn + i) % 2;
-      sums[which] += which == 0 ? own() : other();
+      figures[which].push_back(which == 0 ? own() : other());
     }
   }
-  for (std::size_t i = 0; i < 2; ++i) result.series[i].values.push_back(sums[i] / kTurns);
+  for (std::size_t i = 0; i < 2; ++i) result.series[i].values.push_back(Median(figures[i]));
 }
 
 }  // namespace bench

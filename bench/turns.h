@@ -18,7 +18,7 @@ Result MakeComparison(std::string work, std::string unit, std::string const& oth
 
 // A figure of one side's turn.
 using Turn = std::function<double()>;
-// Adds a round, of each side the mean over ten turns.
+// Adds a round, of each side the median of ten turns.
 void MeasureRound(Result& result, Turn const& own, Turn const& other);
 
 }  // namespace bench

@@ -2,7 +2,8 @@
 #define LSCOREDB_SRC_OID_MAP_H
 
 // A hash table from numbers that are never 0 to small values. It keeps its memory when cleared,
-// unless it grew large. One thread at a time; pointers to values last until the next insertion.
+// unless it grew large or was little used: who walks it pays for all of its room. One thread at a
+// time; pointers to values last until the next insertion.
 
 #include <cstdint>
 #include <memory>
@@ -46,11 +47,12 @@ class OidMap {
 
   void Clear() {
     if (size_ == 0) return;
+    bool const keep = slots_.size() <= kKept && slots_.size() <= kFirst + size_ * kRoomKept;
     size_ = 0;
-    if (slots_.size() > kKept) {
-      slots_ = std::vector<Slot>();
-    } else {
+    if (keep) {
       for (Slot& slot : slots_) slot = Slot{};
+    } else {
+      slots_ = std::vector<Slot>();
     }
   }
 
@@ -66,6 +68,7 @@ class OidMap {
  private:
   static constexpr std::size_t kFirst = 16;
   static constexpr std::size_t kKept = 4096;
+  static constexpr std::size_t kRoomKept = 8;  // for each value that there was
 
   struct Slot {
     std::uint64_t key = 0;
