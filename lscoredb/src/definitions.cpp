@@ -193,8 +193,14 @@ std::vector<LayoutNumber> ReleasedLayouts(View const& view) {
   return NumbersOf(view, format::kReleaseLetter);
 }
 
+// Zeros that the system gives when they are touched.
+LayoutCache::LayoutCache()
+    : known_(static_cast<Layout const**>(std::calloc(kLayoutNumbers, sizeof(Layout const*)))) {
+  if (known_ == nullptr) Throw(LSCOREDB_NO_MEMORY);
+}
+
 Layout const* LayoutCache::Find(View const& view, LayoutNumber number) {
-  Layout const* layout = known_[Raw(number)].load(std::memory_order_acquire);
+  Layout const* layout = At(number).load(std::memory_order_acquire);
   if (layout == nullptr) layout = LoadFrom(view, number);
   return layout != nullptr && layout->order().commit <= view.id() ? layout : nullptr;
 }
@@ -204,10 +210,10 @@ Layout const* LayoutCache::LoadFrom(View const& view, LayoutNumber number) {
   if (!GetSealed(view, Tree::kDefinitions, LayoutKey(number), &record)) return nullptr;
   std::unique_ptr<Layout const> layout = ParseLayout(number, record);
   std::lock_guard const lock(mutex_);
-  Layout const* const known = known_[Raw(number)].load(std::memory_order_acquire);
+  Layout const* const known = At(number).load(std::memory_order_acquire);
   if (known != nullptr) return known;
   owned_.push_back(std::move(layout));
-  known_[Raw(number)].store(owned_.back().get(), std::memory_order_release);
+  At(number).store(owned_.back().get(), std::memory_order_release);
   return owned_.back().get();
 }
 

@@ -6,8 +6,8 @@
 // Nothing is read before it is asked for, so that opening and using a database with very many
 // tables costs what is used. Caches may be asked from any thread.
 
-#include <array>
 #include <atomic>
+#include <cstdlib>
 #include <deque>
 #include <map>
 #include <memory>
@@ -54,16 +54,26 @@ std::unique_ptr<Layout const> ParseLayout(LayoutNumber number, std::string_view 
 // What names a layout by its token.
 DefinitionRecord LayoutTokenRecord(Layout const& layout, LayoutOrder order);
 
-// The committed layouts by number. What it hands out lives as long as it does.
+// The committed layouts by number. What it hands out lives as long as it does. Memory for numbers
+// that are not asked for is never touched.
 class LayoutCache {
  public:
+  LayoutCache();
+
   // Null when the view holds no such layout.
   Layout const* Find(View const& view, LayoutNumber number);
 
  private:
+  struct Free {
+    void operator()(Layout const** known) const { std::free(known); }
+  };
+
+  std::atomic_ref<Layout const*> At(LayoutNumber number) const {
+    return std::atomic_ref(known_[Raw(number)]);
+  }
   Layout const* LoadFrom(View const& view, LayoutNumber number);
 
-  std::array<std::atomic<Layout const*>, 65536> known_{};
+  std::unique_ptr<Layout const*[], Free> known_;
   std::mutex mutex_;
   std::deque<std::unique_ptr<Layout const>> owned_;
 };

@@ -4,6 +4,7 @@
 // The numbers that name things. They are distinct types, so that none is taken for another; Raw
 // gives the number itself where it is stored or handed out.
 
+#include <cstddef>
 #include <cstdint>
 #include <type_traits>
 
@@ -22,6 +23,7 @@ constexpr auto Raw(Id id) {
 }
 
 inline constexpr LayoutNumber kNoLayout{0};
+inline constexpr std::size_t kLayoutNumbers = 65536;  // with kNoLayout
 inline constexpr ObjectId kNoObject{0};
 
 // The layout named by the address word of a reference.

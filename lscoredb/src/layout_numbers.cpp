@@ -108,14 +108,28 @@ bool LayoutNumbers::IsWhole() const {
   return status.st_size == sizeof(Board);
 }
 
+constexpr LayoutNumbers::Words LayoutNumbers::FreshWords() {
+  Words words{};
+  words[1 + Raw(kNoLayout) / 64] = std::uint64_t{1} << (Raw(kNoLayout) % 64);
+  return words;
+}
+
 // Written, not only made long: a write into the map must not meet a full disk. The word that is
-// zeroed first says that the others cannot be relied on.
+// zeroed first says that the others cannot be relied on. A file that nobody took a number from is
+// left as it is, since a write may have to wait for one that is on its way to the disk.
 void LayoutNumbers::BeginAnew() const {
-  static constexpr std::array<char, sizeof(Board)> kZeros{};
-  ssize_t const written = pwrite(file_, kZeros.data(), kZeros.size(), 0);
+  static constexpr Words kFresh = FreshWords();
+  if (IsWhole() && ReadWords() == kFresh) return;
+  ssize_t const written = pwrite(file_, kFresh.data(), sizeof kFresh, 0);
   if (written < 0) ThrowErrno();
-  if (static_cast<std::size_t>(written) != kZeros.size()) Throw(LSCOREDB_DISK_FULL);
+  if (static_cast<std::size_t>(written) != sizeof kFresh) Throw(LSCOREDB_DISK_FULL);
   if (!IsWhole() && ftruncate(file_, sizeof(Board)) != 0) ThrowErrno();
+}
+
+LayoutNumbers::Words LayoutNumbers::ReadWords() const {
+  Words words{};
+  if (pread(file_, words.data(), sizeof words, 0) < 0) ThrowErrno();
+  return words;
 }
 
 void LayoutNumbers::Map() {

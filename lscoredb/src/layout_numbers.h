@@ -44,7 +44,7 @@ class LayoutNumbers {
   LayoutNumber Take(View const& view);
 
  private:
-  static constexpr std::size_t kWords = 65536 / 64;
+  static constexpr std::size_t kWords = kLayoutNumbers / 64;
 
   // The content of the file.
   struct Board {
@@ -53,11 +53,14 @@ class LayoutNumbers {
   };
   static_assert(std::atomic<std::uint64_t>::is_always_lock_free, "processes share the words");
   static_assert(sizeof(Board) == (1 + kWords) * sizeof(std::uint64_t));
+  using Words = std::array<std::uint64_t, 1 + kWords>;  // of a board as it stands in the file
 
   void Lock();
   bool TryLockAlone() const;
   bool IsWhole() const;
   void BeginAnew() const;
+  static constexpr Words FreshWords();
+  Words ReadWords() const;
   void Map();
   void Complete(View const& view);
   void Mark(LayoutNumber number);
