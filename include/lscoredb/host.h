@@ -82,6 +82,8 @@ typedef struct lscoredb lscoredb;
 #define LSCOREDB_DURABLE 0u /* every commit is synced before it returns */
 #define LSCOREDB_NO_SYNC 1u /* survives the death of the process, not of the machine */
 
+#define LSCOREDB_NO_ROW_MEMORY UINT64_MAX
+
 /* Set `size` to sizeof(lscoredb_options) and the rest to 0 for the defaults. Fields beyond `size`
  * count as 0. */
 typedef struct lscoredb_options {
@@ -94,6 +96,10 @@ typedef struct lscoredb_options {
    * each of its trees begins. */
   uint32_t verify;
   uint32_t reserved; /* 0 */
+  /* Bytes in which all contexts of the process share rows that were read, so that the next one that
+   * reads them does not go to the file; 0: 256 MiB, LSCOREDB_NO_ROW_MEMORY: none. It is taken as
+   * rows come in. While old transactions last it may be a quarter more. */
+  uint64_t row_memory;
 } lscoredb_options;
 
 /* Opens, or creates, the database in `directory`, which is made when it is missing; NULL opens a

@@ -44,9 +44,10 @@ void CommitQueue::TryAll(Tickets tickets) {
   Batch batch(store_);
   std::uint32_t position = 0;
   bool anything = false;
+  KeptChanges kept(rows_);
   for (CommitTicket* const ticket : tickets) {
     CommitRequest& request = RequestOf(ticket);
-    CommitWork work(batch, request, position);
+    CommitWork work(batch, request, position, kept);
     request.status = Guarded([&] {
       work.Validate();
       return LORV_STATUS_OK;
@@ -57,7 +58,9 @@ void CommitQueue::TryAll(Tickets tickets) {
   }
   if (!anything) return;
   IdRange const block = ids_.TopUp(batch);
+  kept.TakeOut(batch.id());
   batch.Commit();
+  kept.PutBack();
   ids_.Install(block);
 }
 

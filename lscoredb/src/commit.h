@@ -12,6 +12,7 @@
 #include "commit_line.h"
 #include "definitions.h"
 #include "pending.h"
+#include "row_table.h"
 #include "status.h"
 #include "store.h"
 
@@ -30,7 +31,8 @@ struct CommitRequest : CommitTicket {
 
 class CommitQueue {
  public:
-  CommitQueue(Store& store, IdAllocator& ids) : store_(store), ids_(ids) {}
+  CommitQueue(Store& store, IdAllocator& ids, RowTable& rows)
+      : store_(store), ids_(ids), rows_(rows) {}
 
   // Commits or fails; either way nothing of the request is used afterwards.
   Status Run(CommitRequest& request);
@@ -46,6 +48,7 @@ class CommitQueue {
 
   Store& store_;
   IdAllocator& ids_;
+  RowTable& rows_;
   CommitLine line_;
 };
 

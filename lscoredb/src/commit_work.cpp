@@ -19,6 +19,28 @@ std::string PartKey(ObjectId id, std::uint32_t part) {
 
 }  // namespace
 
+// ---- rows in memory ----------------------------------------------------------------------------
+
+// A row that nobody read does not come in. One under a layout of this transaction waits until it is
+// read, by its committed layout.
+void KeptChanges::Add(PendingRow const& row, std::string_view image, CommitId state) {
+  if (row.inserted()) return;
+  replaced_.push_back(row.id);
+  bool const new_layout = row.layout->order().commit == kNotCommitted;
+  if (image.empty() || new_layout || !rows_.Holds(row.id)) return;
+  if (KeptRowPtr kept = rows_.Prepare(row.id, *row.layout, image, state)) {
+    newer_.push_back(std::move(kept));
+  }
+}
+
+void KeptChanges::TakeOut(CommitId state) noexcept {
+  for (ObjectId const id : replaced_) rows_.TakeOut(id, state);
+}
+
+void KeptChanges::PutBack() noexcept {
+  for (KeptRowPtr& row : newer_) rows_.PutBack(std::move(row));
+}
+
 // ---- checks ------------------------------------------------------------------------------------
 
 void CommitWork::Validate() {
@@ -138,6 +160,7 @@ void CommitWork::ApplyRow(PendingRow const& row) {
   if (row.deleted) {
     std::uint64_t const id = Raw(row.id);
     batch_.Delete(Tree::kRows, BytesOf(id));
+    kept_.Add(row, {}, batch_.id());
   } else {
     PutImage(row);
   }
@@ -148,6 +171,7 @@ void CommitWork::PutImage(PendingRow const& row) {
   std::string_view image =
       builder_.Build(row.id, *row.layout, batch_.id(), row.setspec, row.all_cells());
   std::string stub;
+  kept_.Add(row, image, batch_.id());
   if (image.size() > format::kPartSize) {
     PutParts(row.id, image);
     stub = ImageBuilder::Stub(image);

@@ -11,14 +11,33 @@
 #include <string>
 
 #include "commit.h"
+#include "row_table.h"
 
 namespace lscore {
+
+// What a batch does to rows that are kept in memory.
+class KeptChanges {
+ public:
+  explicit KeptChanges(RowTable& rows) : rows_(rows) {}
+
+  // The row is replaced, or deleted where there is no image.
+  void Add(PendingRow const& row, std::string_view image, CommitId state);
+  // Right before and after the batch is committed.
+  void TakeOut(CommitId state) noexcept;
+  void PutBack() noexcept;
+
+ private:
+  RowTable& rows_;
+  std::vector<ObjectId> replaced_;
+  std::vector<KeptRowPtr> newer_;
+};
 
 class CommitWork {
  public:
   // `position` numbers the layouts made in this batch.
-  CommitWork(Batch& batch, CommitRequest const& request, std::uint32_t& position)
-      : batch_(batch), request_(request), position_(position) {}
+  CommitWork(Batch& batch, CommitRequest const& request, std::uint32_t& position,
+             KeptChanges& kept)
+      : batch_(batch), request_(request), position_(position), kept_(kept) {}
 
   // Throws LSCOREDB_CONFLICT or LSCOREDB_DUPLICATE_KEY when the transaction cannot be committed.
   // Has written nothing then.
@@ -58,6 +77,7 @@ class CommitWork {
   Batch& batch_;
   CommitRequest const& request_;
   std::uint32_t& position_;
+  KeptChanges& kept_;
   bool late_ = false;  // indexes were created or dropped since the snapshot
   std::unique_ptr<IndexCatalogue> now_;
   Arena arena_;

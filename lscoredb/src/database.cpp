@@ -82,7 +82,7 @@ std::shared_ptr<Database> OpenStore(std::string const& path, StoreOptions const&
   if (numbers == nullptr) numbers = std::make_shared<LayoutNumbers>(path);
   std::unique_ptr<Store> store = Store::Open(path.c_str(), options);
   Collect(*store, *numbers);
-  auto database = std::make_shared<Database>(std::move(store), numbers);
+  auto database = std::make_shared<Database>(std::move(store), numbers, options.row_memory);
   known = {database, numbers};
   return database;
 }
@@ -92,7 +92,7 @@ std::shared_ptr<Database> OpenStore(std::string const& path, StoreOptions const&
 std::shared_ptr<Database> OpenDatabase(char const* directory, StoreOptions const& options) {
   if (directory == nullptr) {
     return std::make_shared<Database>(Store::Open(nullptr, options),
-                                      std::make_shared<LayoutNumbers>());
+                                      std::make_shared<LayoutNumbers>(), options.row_memory);
   }
   std::string const path = directory;
   if (path.empty()) Throw(LSCOREDB_CANNOT_OPEN);

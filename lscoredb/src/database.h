@@ -12,19 +12,24 @@
 #include "commit.h"
 #include "definitions.h"
 #include "layout_numbers.h"
+#include "row_table.h"
 #include "store.h"
 
 namespace lscore {
 
 class Database {
  public:
-  Database(std::unique_ptr<Store> store, std::shared_ptr<LayoutNumbers> layout_numbers)
+  // `row_memory`: bytes for rows that are kept.
+  Database(std::unique_ptr<Store> store, std::shared_ptr<LayoutNumbers> layout_numbers,
+           std::uint64_t row_memory)
       : store_(std::move(store)),
         layout_numbers_(std::move(layout_numbers)),
+        rows_(store_->watch(), row_memory),
         ids_(*store_),
-        commits_(*store_, ids_) {}
+        commits_(*store_, ids_, rows_) {}
 
   Store& store() { return *store_; }
+  RowTable& rows() { return rows_; }
   LayoutCache& layouts() { return layouts_; }
   IndexCatalogues& catalogues() { return catalogues_; }
   IdAllocator& ids() { return ids_; }
@@ -34,6 +39,7 @@ class Database {
  private:
   std::unique_ptr<Store> store_;
   std::shared_ptr<LayoutNumbers> layout_numbers_;
+  RowTable rows_;
   LayoutCache layouts_;
   IndexCatalogues catalogues_;
   IdAllocator ids_;

@@ -9,6 +9,7 @@ namespace lscore {
 namespace {
 
 constexpr std::uint64_t kSmallestFile = 64 * 1024;
+constexpr std::uint64_t kMostRowMemory = std::uint64_t{1} << 40;
 
 // Fields that the caller's record is too short for count as 0.
 lscoredb_options OptionsOf(lscoredb_options const* given) {
@@ -27,6 +28,11 @@ StoreOptions StoreOptionsOf(lscoredb_options const& options) {
   if (options.max_readers != 0) store.max_readers = options.max_readers;
   if (options.max_file_size != 0) {
     store.max_file_size = std::max(options.max_file_size, kSmallestFile);
+  }
+  if (options.row_memory == LSCOREDB_NO_ROW_MEMORY) {
+    store.row_memory = 0;
+  } else if (options.row_memory != 0) {
+    store.row_memory = std::min(options.row_memory, kMostRowMemory);
   }
   return store;
 }

@@ -98,6 +98,7 @@ Batch::~Batch() {
 void Batch::Put(Tree tree, std::string_view key, std::string_view value) {
   MDB_val k = ValueOf(key);
   MDB_val v = ValueOf(value);
+  changed_ = true;
   CheckStore(mdb_put(txn_, store_->Handle(tree), &k, &v, 0));
 }
 
@@ -106,6 +107,7 @@ bool Batch::PutNew(Tree tree, std::string_view key, std::string_view value) {
   MDB_val v = ValueOf(value);
   int const code = mdb_put(txn_, store_->Handle(tree), &k, &v, MDB_NOOVERWRITE);
   if (code == MDB_KEYEXIST) return false;
+  changed_ = true;
   CheckStore(code);
   return true;
 }
@@ -113,6 +115,7 @@ bool Batch::PutNew(Tree tree, std::string_view key, std::string_view value) {
 void Batch::Append(Tree tree, std::string_view key, std::string_view value) {
   MDB_val k = ValueOf(key);
   MDB_val v = ValueOf(value);
+  changed_ = true;
   CheckStore(mdb_put(txn_, store_->Handle(tree), &k, &v, MDB_APPEND));
 }
 
@@ -120,14 +123,18 @@ bool Batch::Delete(Tree tree, std::string_view key) {
   MDB_val k = ValueOf(key);
   int const code = mdb_del(txn_, store_->Handle(tree), &k, nullptr);
   if (code == MDB_NOTFOUND) return false;
+  changed_ = true;
   CheckStore(code);
   return true;
 }
 
 void Batch::Commit() {
+  CommitId const state = id();
   MDB_txn* const txn = txn_;
   txn_ = nullptr;  // the store ends the transaction whatever comes of it
+  if (changed_) store_->watch_.BeginCommit(state);
   int const code = mdb_txn_commit(txn);
+  if (changed_) store_->watch_.EndCommit(state, code == 0);
   // A write that only found room for a part comes back without the reason.
   if (code == EIO && IsDiskFull(store_->env_)) Throw(LSCOREDB_DISK_FULL);
   CheckStore(code);

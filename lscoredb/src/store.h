@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "ids.h"
+#include "state_watch.h"
 #include "store_pages.h"
 
 struct MDB_env;
@@ -33,6 +34,7 @@ struct StoreOptions {
   std::uint32_t max_readers = 1024;
   std::uint64_t max_file_size = std::uint64_t{64} << 30;
   bool verify = false;  // all pages, before any is trusted
+  std::uint64_t row_memory = std::uint64_t{256} << 20;
 };
 
 struct StoreStatistics {
@@ -106,6 +108,9 @@ class Batch : public View {
   bool Delete(Tree tree, std::string_view key);
   // REQUIRES: no cursor over this batch is open.
   void Commit();
+
+ private:
+  bool changed_ = false;
 };
 
 // Walks a tree in key order. May be opened over and over; over snapshots that costs no allocation.
@@ -162,6 +167,7 @@ class Store {
   void Copy(char const* directory);
 
   StoreStatistics Statistics() const;
+  StateWatch& watch() { return watch_; }
 
   // From now on every commit is synced. REQUIRES: no batch is open.
   void RequireSync();
@@ -191,6 +197,7 @@ class Store {
   std::size_t page_size_ = 0;
   std::uint64_t states_before_ = 0;  // that the file counts no more
   unsigned trees_[kTreeCount] = {};
+  StateWatch watch_;
   std::atomic<std::uint64_t> last_page_{0};  // of the file, when it was last looked at
   std::mutex idle_mutex_;
   std::vector<std::unique_ptr<Snapshot>> idle_;  // ended, ready to be begun again

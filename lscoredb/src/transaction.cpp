@@ -4,14 +4,17 @@
 
 namespace lscore {
 
-Transaction::Transaction(std::shared_ptr<Database> database) : database_(std::move(database)) {}
+Transaction::Transaction(std::shared_ptr<Database> database)
+    : database_(std::move(database)), kept_rows_(database_->rows()) {}
 
 Transaction::~Transaction() {
   if (open()) Rollback();
 }
 
 void Transaction::Begin(bool read_only) {
-  snapshot_ = database_->store().Begin();
+  Store& store = database_->store();
+  snapshot_ = store.Begin();
+  kept_rows_.Begin(snapshot_->id(), store.watch().Notice(snapshot_->id()));
   read_only_ = read_only;
 }
 
@@ -42,6 +45,7 @@ void Transaction::End() noexcept {
   doomed_ = LORV_STATUS_OK;
   now_ = 0;
   ++epoch_;
+  kept_rows_.End();
   database_->store().End(std::move(snapshot_));
 }
 

@@ -123,6 +123,8 @@ class Transaction {
     return LoadRow(id, cached);
   }
   RowRef const* LoadRow(ObjectId id, CachedRow& cached);
+  // From the store.
+  RowRef const* ReadRow(ObjectId id, CachedRow& cached);
   // A deleted object is UNREACHABLE, a missing one NO_OBJECT.
   Status FindLive(ObjectId id, RowRef const** out);
   char const* AssembleImage(ObjectId id, std::string_view stub);
@@ -170,6 +172,7 @@ class Transaction {
   void CheckFilled(PendingIndex const& entries) const;
 
   std::shared_ptr<Database> database_;
+  RowTable::Reader kept_rows_;
   std::unique_ptr<Snapshot> snapshot_;
   bool read_only_ = false;
   Status doomed_ = LORV_STATUS_OK;  // set when a write stopped half-way

@@ -9,6 +9,14 @@ RowRef const* Transaction::LoadRow(ObjectId id, CachedRow& cached) {
     cached = {epoch_, RefOf(*pending)};
     return &cached.row;
   }
+  if (KeptRow const* const kept = kept_rows_.Find(id)) {
+    cached = {epoch_, {id, kept->layout, kept->image(), nullptr}};
+    return &cached.row;
+  }
+  return ReadRow(id, cached);
+}
+
+RowRef const* Transaction::ReadRow(ObjectId id, CachedRow& cached) {
   std::uint64_t const key = Raw(id);
   std::string_view stored;
   if (!snapshot_->Get(Tree::kRows, BytesOf(key), &stored)) return nullptr;
@@ -20,6 +28,7 @@ RowRef const* Transaction::LoadRow(ObjectId id, CachedRow& cached) {
   if (stored.size() < format::kHeaderSize) Throw(LSCOREDB_DAMAGED);
   Layout const* const layout = FindLayout(RowImage(stored.data()).layout());
   if (layout == nullptr || !RowImage::Validate(stored, id, *layout)) Throw(LSCOREDB_DAMAGED);
+  kept_rows_.Keep(id, *layout, stored);
   cached = {epoch_, {id, layout, stored.data(), nullptr}};
   return &cached.row;
 }

@@ -1,0 +1,140 @@
+#ifndef LSCOREDB_SRC_ROW_TABLE_H
+#define LSCOREDB_SRC_ROW_TABLE_H
+
+// The newest committed rows in memory, for all contexts of the process.
+//
+// A row comes in when a transaction reads it first, and is the newest as long as it is in: the
+// commit that replaces it takes it out before it becomes visible. So whoever reads a state that is
+// not older than the row's commit may take it. Rows that leave are kept until every transaction
+// that may have them is over; while they make up more than a quarter of the memory none comes in.
+//
+// Readers take no lock. Buckets have four places, one line of the processor's cache; neighbours by
+// id lie together. When the memory or a bucket is full, another row of the bucket goes.
+
+#include <array>
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string_view>
+#include <vector>
+
+#include "ids.h"
+#include "layout.h"
+#include "state_watch.h"
+
+namespace lscore {
+
+// A committed row, followed by its image.
+struct KeptRow {
+  ObjectId id{};
+  Layout const* layout = nullptr;
+  CommitId commit{};       // that wrote it
+  CommitId known{};        // a state whose newest it was
+  std::uint64_t size = 0;  // with its image
+  std::uint64_t left_at = 0;
+  KeptRow* left_before = nullptr;
+
+  char const* image() const { return reinterpret_cast<char const*>(this + 1); }
+};
+
+struct KeptRowFree {
+  void operator()(KeptRow* row) const noexcept;
+};
+using KeptRowPtr = std::unique_ptr<KeptRow, KeptRowFree>;
+
+class RowTable {
+ public:
+  // A transaction's right to use what it finds, from Begin to End. One thread at a time.
+  class Reader {
+   public:
+    explicit Reader(RowTable& table);
+    ~Reader();
+    Reader(Reader const&) = delete;
+    Reader& operator=(Reader const&) = delete;
+
+    // `usable`: what StateWatch::Notice said of the state.
+    void Begin(CommitId state, bool usable);
+    void End() noexcept { since_.store(kNotReading, std::memory_order_release); }
+
+    // The row in the state that is read; null: not in the table. Valid until End.
+    KeptRow const* Find(ObjectId id) const { return usable_ ? table_.Find(id, state_) : nullptr; }
+    // Offers a row that was read from the store.
+    void Keep(ObjectId id, Layout const& layout, std::string_view image) noexcept;
+
+   private:
+    friend class RowTable;
+
+    RowTable& table_;
+    CommitId state_{};
+    bool usable_ = false;
+    std::atomic<std::uint64_t> since_{kNotReading};
+  };
+
+  // `memory`: bytes for rows; 0: none are kept.
+  RowTable(StateWatch const& watch, std::uint64_t memory);
+  ~RowTable();
+  RowTable(RowTable const&) = delete;
+  RowTable& operator=(RowTable const&) = delete;
+
+  // ---- for the one who commits
+  bool Holds(ObjectId id) const;
+  // Before the commit that replaces or deletes the row becomes visible.
+  void TakeOut(ObjectId id, CommitId state) noexcept;
+  // Null: no memory for it. What the commit writes in the place of a row.
+  KeptRowPtr Prepare(ObjectId id, Layout const& layout, std::string_view image,
+                     CommitId state) noexcept;
+  // After the commit, before the next one begins.
+  void PutBack(KeptRowPtr row) noexcept;
+
+ private:
+  static constexpr std::size_t kWays = 4;
+  static constexpr std::size_t kStripes = 1024;
+  static constexpr std::size_t kFirstRetired = 64;
+  static constexpr std::uint64_t kNotReading = ~std::uint64_t{0};
+
+  // Read and written through std::atomic_ref, since it comes from the system as zeros.
+  struct alignas(64) Bucket {
+    std::uint64_t ids[kWays];
+    KeptRow* rows[kWays];
+  };
+  // Of all buckets whose numbers are alike: who changes one holds the lock.
+  struct Stripe {
+    std::mutex mutex;
+    CommitId newest{};  // that took a row out
+  };
+
+  KeptRow const* Find(ObjectId id, CommitId state) const;
+  std::size_t BucketOf(ObjectId id) const;
+  Stripe& StripeOf(std::size_t bucket) { return stripes_[bucket % kStripes]; }
+  Bucket* Buckets() noexcept;
+  // REQUIRES: the stripe's lock, for these.
+  void Place(Bucket& bucket, KeptRowPtr row) noexcept;
+  void Remove(Bucket& bucket, std::size_t way) noexcept;
+  bool MakeRoom(Bucket& bucket, std::uint64_t size) noexcept;
+  bool HasRoom(std::uint64_t size) const { return placed_.load() + size <= memory_; }
+  void Retire(KeptRow* row) noexcept;
+  // REQUIRES: the lock of what is retired.
+  void FreeRetired() noexcept;
+
+  StateWatch const& watch_;
+  std::uint64_t const memory_;
+  std::size_t bucket_count_ = 0;
+  std::atomic<Bucket*> buckets_{nullptr};
+  std::mutex buckets_mutex_;
+  std::array<Stripe, kStripes> stripes_;
+
+  std::atomic<std::uint64_t> placed_{0};         // bytes
+  std::atomic<std::uint64_t> retired_bytes_{0};  // of rows that left and are not freed yet
+  std::atomic<std::uint64_t> clock_{1};          // counts rows that left
+  std::mutex retired_mutex_;
+  KeptRow* retired_ = nullptr;  // the last that left
+  std::size_t retired_count_ = 0;
+  std::size_t enough_retired_ = kFirstRetired;
+  std::vector<Reader*> readers_;
+};
+
+}  // namespace lscore
+
+#endif
