@@ -2,7 +2,7 @@
 #define SAGLEME_BENCH_ENGINE_H
 
 // What is measured, of each kind of store in its own best way. Every call works through the objects
-// named and returns a sum over what it read, which is the same for all engines.
+// selected before and returns a sum over what it read, which is the same for all engines.
 
 #include <cstdint>
 #include <memory>
@@ -30,25 +30,34 @@ class Engine {
   // The objects from `first` on, in transactions of kBatch.
   virtual void Create(Number first, Number count) = 0;
 
+  // Outside of what is measured: a program has its keys or references at hand.
+  virtual void Select(Numbers which) { selected_ = which; }
+
   // The column `plain` of each, in one transaction.
-  virtual Sum ReadOne(Numbers which) = 0;
+  virtual Sum ReadOne() = 0;
   // In a read-only transaction for each.
-  virtual Sum ReadOneAlone(Numbers which) = 0;
+  virtual Sum ReadOneAlone() = 0;
   // All five columns.
-  virtual Sum ReadAll(Numbers which) = 0;
+  virtual Sum ReadAll() = 0;
   // Objects by name through the index, and the column `plain`.
-  virtual Sum Find(Numbers which) = 0;
+  virtual Sum Find() = 0;
   // `count` entries of the index over `indexed`, with the column `plain` or only the identities.
   virtual Sum Walk(std::size_t count) = 0;
   virtual Sum WalkIds(std::size_t count) = 0;
 
-  virtual void UpdatePlain(Numbers which, std::int64_t value) = 0;
+  virtual void UpdatePlain(std::int64_t value) = 0;
   // Puts another value, from which the next call with it comes back to the first.
-  virtual void UpdateIndexed(Numbers which, std::int64_t flip) = 0;
+  virtual void UpdateIndexed(std::int64_t flip) = 0;
 
   // Closes what is open and opens it again, up to the first column read.
   virtual Sum Reopen() = 0;
   virtual std::uint64_t Bytes() = 0;
+
+ protected:
+  Numbers selected() const { return selected_; }
+
+ private:
+  Numbers selected_;
 };
 
 // `directory`: where files go; it is there and empty. Durable engines sync every commit.

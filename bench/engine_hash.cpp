@@ -12,29 +12,29 @@ class HashEngine : public Engine {
   void Create(Number first, Number count) override {
     for (Number i = first; i < first + count; ++i) things_.emplace(i + 1, MakeThing(i));
   }
-  Sum ReadOne(Numbers which) override {
+  Sum ReadOne() override {
     Sum sum = 0;
-    for (Number const i : which) sum += Bits(things_.find(i + 1)->second.plain);
+    for (Number const i : selected()) sum += Bits(things_.find(i + 1)->second.plain);
     return sum;
   }
-  Sum ReadOneAlone(Numbers which) override { return ReadOne(which); }
-  Sum ReadAll(Numbers which) override {
+  Sum ReadOneAlone() override { return ReadOne(); }
+  Sum ReadAll() override {
     Sum sum = 0;
-    for (Number const i : which) {
+    for (Number const i : selected()) {
       Thing const& thing = things_.find(i + 1)->second;
       sum += Bits(thing.plain) + Bits(thing.indexed) + Bits(thing.weight) + thing.name[7] +
              Sum{thing.other + std::uint64_t{1} != 0};
     }
     return sum;
   }
-  Sum Find(Numbers) override { return 0; }
+  Sum Find() override { return 0; }
   Sum Walk(std::size_t) override { return 0; }
   Sum WalkIds(std::size_t) override { return 0; }
-  void UpdatePlain(Numbers which, std::int64_t value) override {
-    for (Number const i : which) things_.find(i + 1)->second.plain = value;
+  void UpdatePlain(std::int64_t value) override {
+    for (Number const i : selected()) things_.find(i + 1)->second.plain = value;
   }
-  void UpdateIndexed(Numbers which, std::int64_t flip) override {
-    for (Number const i : which) things_.find(i + 1)->second.indexed ^= flip;
+  void UpdateIndexed(std::int64_t flip) override {
+    for (Number const i : selected()) things_.find(i + 1)->second.indexed ^= flip;
   }
   Sum Reopen() override { return 0; }
   std::uint64_t Bytes() override { return 0; }

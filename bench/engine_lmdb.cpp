@@ -31,22 +31,22 @@ class LmdbEngine : public Engine {
     Write([&](MDB_txn* txn) { Insert(txn, number); });
   }
 
-  Sum ReadOne(Numbers which) override {
+  Sum ReadOne() override {
     Sum sum = 0;
     Read([&] {
-      for (Number const i : which) sum += Bits(Get(read_, i)->plain);
+      for (Number const i : selected()) sum += Bits(Get(read_, i)->plain);
     });
     return sum;
   }
-  Sum ReadOneAlone(Numbers which) override {
+  Sum ReadOneAlone() override {
     Sum sum = 0;
-    for (Number const i : which) Read([&] { sum += Bits(Get(read_, i)->plain); });
+    for (Number const i : selected()) Read([&] { sum += Bits(Get(read_, i)->plain); });
     return sum;
   }
-  Sum ReadAll(Numbers which) override {
+  Sum ReadAll() override {
     Sum sum = 0;
     Read([&] {
-      for (Number const i : which) {
+      for (Number const i : selected()) {
         Record const& record = *Get(read_, i);
         sum += Bits(record.plain) + Bits(record.indexed) + Bits(record.weight) + record.name[7] +
                (record.other != 0);
@@ -54,11 +54,11 @@ class LmdbEngine : public Engine {
     });
     return sum;
   }
-  Sum Find(Numbers which) override {
+  Sum Find() override {
     Sum sum = 0;
     Read([&] {
       Check(mdb_cursor_renew(read_, cursor_));
-      for (Number const i : which) {
+      for (Number const i : selected()) {
         Thing const thing = MakeThing(i);
         Key key = NameKey(thing.name.data(), 0);
         MDB_val k = key.val();
@@ -76,15 +76,15 @@ class LmdbEngine : public Engine {
     return WalkIndex(count, [](std::uint64_t id) { return Sum{id != 0}; });
   }
 
-  void UpdatePlain(Numbers which, std::int64_t value) override {
-    ForBatches(which, [&](MDB_txn* txn, Number i) {
+  void UpdatePlain(std::int64_t value) override {
+    ForBatches([&](MDB_txn* txn, Number i) {
       Record record = *Get(txn, i);
       record.plain = value;
       Put(txn, i + std::uint64_t{1}, record);
     });
   }
-  void UpdateIndexed(Numbers which, std::int64_t flip) override {
-    ForBatches(which, [&](MDB_txn* txn, Number i) {
+  void UpdateIndexed(std::int64_t flip) override {
+    ForBatches([&](MDB_txn* txn, Number i) {
       std::uint64_t const id = i + std::uint64_t{1};
       Record record = *Get(txn, i);
       Key before = IndexedKey(record.indexed, id);
@@ -99,8 +99,9 @@ class LmdbEngine : public Engine {
   Sum Reopen() override {
     Close();
     Open();
-    Number const first = 0;
-    return ReadOne({&first, 1});
+    static constexpr Number kFirst = 0;
+    Select({&kFirst, 1});
+    return ReadOne();
   }
   std::uint64_t Bytes() override { return std::filesystem::file_size(directory_ + "/data.mdb"); }
 
@@ -140,10 +141,11 @@ class LmdbEngine : public Engine {
     Check(mdb_txn_commit(txn));
   }
   template <typename Work>
-  void ForBatches(Numbers which, Work&& work) {
-    for (std::size_t begin = 0; begin < which.size(); begin += kBatch) {
+  void ForBatches(Work&& work) {
+    for (std::size_t begin = 0; begin < selected().size(); begin += kBatch) {
       Write([&](MDB_txn* txn) {
-        for (Number const i : which.subspan(begin, std::min(kBatch, which.size() - begin))) {
+        for (Number const i :
+             selected().subspan(begin, std::min(kBatch, selected().size() - begin))) {
           work(txn, i);
         }
       });

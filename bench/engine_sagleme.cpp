@@ -102,24 +102,29 @@ class SaglemeEngine : public Engine {
     }
   }
 
-  Sum ReadOne(Numbers which) override {
+  void Select(Numbers which) override {
+    Engine::Select(which);
+    references_.clear();
+    for (Number const i : which) references_.push_back(objects_[i]);
+  }
+
+  Sum ReadOne() override {
     Sum sum = 0;
     Read([&] {
-      for (Number const i : which) sum += Plain(objects_[i]);
+      for (Object const& object : references_) sum += Plain(object);
     });
     return sum;
   }
-  Sum ReadOneAlone(Numbers which) override {
+  Sum ReadOneAlone() override {
     Sum sum = 0;
-    for (Number const i : which) Read([&] { sum += Plain(objects_[i]); });
+    for (Object const& object : references_) Read([&] { sum += Plain(object); });
     return sum;
   }
-  Sum ReadAll(Numbers which) override {
+  Sum ReadAll() override {
     Sum sum = 0;
     Read([&] {
       Check(lscoredb_read_scope_begin(id()));
-      for (Number const i : which) {
-        Object const& object = objects_[i];
+      for (Object const& object : references_) {
         std::int64_t plain = 0;
         std::int64_t indexed = 0;
         double weight = 0;
@@ -136,10 +141,10 @@ class SaglemeEngine : public Engine {
     });
     return sum;
   }
-  Sum Find(Numbers which) override {
+  Sum Find() override {
     Sum sum = 0;
     Read([&] {
-      for (Number const i : which) {
+      for (Number const i : selected()) {
         Thing const thing = MakeThing(i);
         alignas(8) unsigned char key[64];
         metalayer::Key(key).Text(thing.name.data());
@@ -163,13 +168,13 @@ class SaglemeEngine : public Engine {
     return WalkIndex(count, [](LORV_REFERENCE const& found) { return Sum{found.oid != 0}; });
   }
 
-  void UpdatePlain(Numbers which, std::int64_t value) override {
-    ForBatches(which, [&](Object const& object) {
+  void UpdatePlain(std::int64_t value) override {
+    ForBatches([&](Object const& object) {
       Check(lorv_crud_WriteLong(id(), handles_->plain, object.oid, object.addr, value));
     });
   }
-  void UpdateIndexed(Numbers which, std::int64_t flip) override {
-    ForBatches(which, [&](Object const& object) {
+  void UpdateIndexed(std::int64_t flip) override {
+    ForBatches([&](Object const& object) {
       std::int64_t value = 0;
       Check(lorv_crud_ReadLong(id(), handles_->indexed, object.oid, object.addr, &value));
       Check(lorv_crud_WriteLong(id(), handles_->indexed, object.oid, object.addr, value ^ flip));
@@ -182,9 +187,10 @@ class SaglemeEngine : public Engine {
     database_.reset();
     database_ = std::make_unique<sagleme::Database>(sagleme::Database::Open(directory_, options_));
     context_ = std::make_unique<sagleme::Context>(*database_);
-    Number const first = 0;
+    static constexpr Number kFirst = 0;
     TakeHandles();
-    return ReadOne({&first, 1});
+    Select({&kFirst, 1});
+    return ReadOne();
   }
   std::uint64_t Bytes() override { return database_->Statistics().file_size; }
 
@@ -215,11 +221,12 @@ class SaglemeEngine : public Engine {
     Check(lscoredb_commit(id()));
   }
   template <typename Work>
-  void ForBatches(Numbers which, Work&& work) {
-    for (std::size_t begin = 0; begin < which.size(); begin += kBatch) {
+  void ForBatches(Work&& work) {
+    std::span<Object const> const all(references_);
+    for (std::size_t begin = 0; begin < all.size(); begin += kBatch) {
       Write([&] {
-        for (Number const i : which.subspan(begin, std::min(kBatch, which.size() - begin))) {
-          work(objects_[i]);
+        for (Object const& object : all.subspan(begin, std::min(kBatch, all.size() - begin))) {
+          work(object);
         }
       });
     }
@@ -257,7 +264,8 @@ class SaglemeEngine : public Engine {
   std::unique_ptr<Handles> handles_;
   std::uint64_t by_name_ = 0;
   std::uint64_t by_indexed_ = 0;
-  std::vector<Object> objects_;
+  std::vector<Object> objects_;     // by number
+  std::vector<Object> references_;  // of those that are selected
 };
 
 class SaglemeCommitter : public Committer {

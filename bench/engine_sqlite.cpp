@@ -145,23 +145,23 @@ class SqliteEngine : public Engine {
     }
   }
 
-  Sum ReadOne(Numbers which) override {
+  Sum ReadOne() override {
     Sum sum = 0;
     statements_->begin.Run();
-    for (Number const i : which) sum += One(i);
+    for (Number const i : selected()) sum += One(i);
     statements_->commit.Run();
     return sum;
   }
-  Sum ReadOneAlone(Numbers which) override {
+  Sum ReadOneAlone() override {
     Sum sum = 0;
-    for (Number const i : which) sum += One(i);  // each statement is a transaction
+    for (Number const i : selected()) sum += One(i);  // each statement is a transaction
     return sum;
   }
-  Sum ReadAll(Numbers which) override {
+  Sum ReadAll() override {
     Sum sum = 0;
     statements_->begin.Run();
     Statement& read = statements_->read_all;
-    for (Number const i : which) {
+    for (Number const i : selected()) {
       read.Bind(1, std::int64_t{i} + 1).Step();
       sum += Bits(read.Long(0)) + Bits(read.Long(1)) + Bits(read.Double(2)) + read.Text(3)[7] +
              Sum{read.Long(4) != 0};
@@ -170,10 +170,10 @@ class SqliteEngine : public Engine {
     statements_->commit.Run();
     return sum;
   }
-  Sum Find(Numbers which) override {
+  Sum Find() override {
     Sum sum = 0;
     statements_->begin.Run();
-    for (Number const i : which) {
+    for (Number const i : selected()) {
       std::string const name = Letters(MakeThing(i));
       statements_->find.Bind(1, name).Step();
       sum += Bits(statements_->find.Long(0));
@@ -190,12 +190,8 @@ class SqliteEngine : public Engine {
                     [](std::int64_t value) { return Sum{value != 0}; });
   }
 
-  void UpdatePlain(Numbers which, std::int64_t value) override {
-    Update(statements_->update_plain, which, value);
-  }
-  void UpdateIndexed(Numbers which, std::int64_t flip) override {
-    Update(statements_->update_indexed, which, flip);
-  }
+  void UpdatePlain(std::int64_t value) override { Update(statements_->update_plain, value); }
+  void UpdateIndexed(std::int64_t flip) override { Update(statements_->update_indexed, flip); }
 
   Sum Reopen() override {
     if (directory_.empty()) return 0;
@@ -225,10 +221,11 @@ class SqliteEngine : public Engine {
     walk.Reset();
     return sum;
   }
-  void Update(Statement& update, Numbers which, std::int64_t value) {
-    for (std::size_t begin = 0; begin < which.size(); begin += kBatch) {
+  void Update(Statement& update, std::int64_t value) {
+    for (std::size_t begin = 0; begin < selected().size(); begin += kBatch) {
       statements_->begin_writing.Run();
-      for (Number const i : which.subspan(begin, std::min(kBatch, which.size() - begin))) {
+      for (Number const i :
+           selected().subspan(begin, std::min(kBatch, selected().size() - begin))) {
         update.Bind(1, value).Bind(2, std::int64_t{i} + 1).Run();
       }
       statements_->commit.Run();
