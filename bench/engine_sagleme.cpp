@@ -123,8 +123,8 @@ class SaglemeEngine : public Engine {
   Sum ReadAll() override {
     Sum sum = 0;
     Read([&] {
-      Check(lscoredb_read_scope_begin(id()));
       for (Object const& object : references_) {
+        Check(lscoredb_read_scope_begin(id()));
         std::int64_t plain = 0;
         std::int64_t indexed = 0;
         double weight = 0;
@@ -136,8 +136,8 @@ class SaglemeEngine : public Engine {
         Check(lorv_crud_ReadString(id(), handles_->name, object.oid, object.addr, &name));
         Check(lorv_crud_ReadRefId(id(), handles_->other, object.oid, object.addr, &other));
         sum += Bits(plain) + Bits(indexed) + Bits(weight) + name[7] + Sum{other != 0};
+        Check(lscoredb_read_scope_end(id()));
       }
-      Check(lscoredb_read_scope_end(id()));
     });
     return sum;
   }

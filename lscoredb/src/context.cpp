@@ -2,15 +2,8 @@
 
 namespace lscore {
 
-HandleTable<Context>& Contexts() {
-  static auto* const table = new HandleTable<Context>;  // asked until the very end of the process
-  return *table;
-}
-
-HandleTable<OpenIterator>& Iterators() {
-  static auto* const table = new HandleTable<OpenIterator>;
-  return *table;
-}
+constinit LastingHandleTable<Context> contexts;
+constinit LastingHandleTable<OpenIterator> iterators;
 
 Context::Context(lscoredb& owner) : owner_(owner), transaction_(owner.database) {
   ++owner_.contexts;

@@ -31,8 +31,10 @@ struct OpenIterator {
   Iterator iterator;
 };
 
-HandleTable<Context>& Contexts();
-HandleTable<OpenIterator>& Iterators();
+extern LastingHandleTable<Context> contexts;
+extern LastingHandleTable<OpenIterator> iterators;
+inline HandleTable<Context>& Contexts() { return contexts.table; }
+inline HandleTable<OpenIterator>& Iterators() { return iterators.table; }
 
 class Context {
  public:

@@ -1,4 +1,5 @@
 #include <bit>
+#include <type_traits>
 
 #include "contract.h"
 
@@ -6,6 +7,22 @@ namespace lscore {
 namespace {
 
 constexpr TypeSet kUnsigned = TypeBit(LORV_TYPE_ULONG) | TypeBit(LORV_TYPE_KEY);
+
+template <typename Out>
+using BitsOf = std::conditional_t<sizeof(Out) == 4, std::uint32_t, std::uint64_t>;
+
+// Reads a fixed column, whose bits are those of an Out, perhaps with more above them.
+template <typename Out>
+Status ReadFixed(std::uint64_t context, std::uint64_t oid, std::uint64_t addr, std::uint32_t column,
+                 TypeSet types, Out* out) noexcept {
+  return WithTransaction(context, [&](Transaction& transaction) -> Status {
+    if (out == nullptr) return LSCOREDB_NULL_ARGUMENT;
+    std::uint64_t bits = 0;
+    Status const status = transaction.ReadFixed(ObjectId{oid}, LayoutOf(addr), column, types, &bits);
+    if (status == LORV_STATUS_OK) *out = std::bit_cast<Out>(static_cast<BitsOf<Out>>(bits));
+    return status;
+  });
+}
 
 // Reads a column and hands its cell to `deliver`, which writes the output.
 template <typename Out, typename Deliver>
@@ -32,37 +49,27 @@ using namespace lscore;
 
 uint32_t lorv_context_get_ulong(uint64_t context, uint64_t oid, uint64_t addr, uint32_t column,
                                 uint64_t* out) {
-  return ReadColumn(context, oid, addr, column, kUnsigned, out,
-                    [out](Transaction&, Cell const& cell) { *out = cell.bits; });
+  return ReadFixed(context, oid, addr, column, kUnsigned, out);
 }
 
 uint32_t lorv_context_get_long(uint64_t context, uint64_t oid, uint64_t addr, uint32_t column,
                                int64_t* out) {
-  return ReadColumn(
-      context, oid, addr, column, TypeBit(LORV_TYPE_LONG), out,
-      [out](Transaction&, Cell const& cell) { *out = static_cast<int64_t>(cell.bits); });
+  return ReadFixed(context, oid, addr, column, TypeBit(LORV_TYPE_LONG), out);
 }
 
 uint32_t lorv_context_get_decimal(uint64_t context, uint64_t oid, uint64_t addr, uint32_t column,
                                   int64_t* out) {
-  return ReadColumn(
-      context, oid, addr, column, TypeBit(LORV_TYPE_DECIMAL), out,
-      [out](Transaction&, Cell const& cell) { *out = static_cast<int64_t>(cell.bits); });
+  return ReadFixed(context, oid, addr, column, TypeBit(LORV_TYPE_DECIMAL), out);
 }
 
 uint32_t lorv_context_get_float(uint64_t context, uint64_t oid, uint64_t addr, uint32_t column,
                                 float* out) {
-  return ReadColumn(context, oid, addr, column, TypeBit(LORV_TYPE_FLOAT), out,
-                    [out](Transaction&, Cell const& cell) {
-                      *out = std::bit_cast<float>(static_cast<uint32_t>(cell.bits));
-                    });
+  return ReadFixed(context, oid, addr, column, TypeBit(LORV_TYPE_FLOAT), out);
 }
 
 uint32_t lorv_context_get_double(uint64_t context, uint64_t oid, uint64_t addr, uint32_t column,
                                  double* out) {
-  return ReadColumn(
-      context, oid, addr, column, TypeBit(LORV_TYPE_DOUBLE), out,
-      [out](Transaction&, Cell const& cell) { *out = std::bit_cast<double>(cell.bits); });
+  return ReadFixed(context, oid, addr, column, TypeBit(LORV_TYPE_DOUBLE), out);
 }
 
 uint32_t lorv_context_get_string(uint64_t context, uint64_t oid, uint64_t addr, uint32_t column,
@@ -92,8 +99,7 @@ uint32_t lorv_context_get_reference(uint64_t context, uint64_t oid, uint64_t add
 
 uint32_t lorvi_context_get_refid(uint64_t context, uint64_t oid, uint64_t addr, uint32_t column,
                                  uint64_t* out) {
-  return ReadColumn(context, oid, addr, column, TypeBit(LORV_TYPE_REFERENCE), out,
-                    [out](Transaction&, Cell const& cell) { *out = cell.bits; });
+  return ReadFixed(context, oid, addr, column, TypeBit(LORV_TYPE_REFERENCE), out);
 }
 
 uint32_t lorv_context_get_setspec(uint64_t context, uint64_t oid, uint64_t, LORV_STRING** out) {

@@ -20,7 +20,9 @@ namespace lscore {
 template <typename T>
 class HandleTable {
  public:
-  T* Find(std::uint64_t handle) const {
+  constexpr HandleTable() = default;
+
+  [[gnu::always_inline]] T* Find(std::uint64_t handle) const {
     std::uint64_t const slot = handle & 0xFFFFFFFF;
     // A slot out of use holds 0, which must not pass for the handle of slot 0.
     if (handle == 0 || slot / kChunk >= kChunks) return nullptr;
@@ -100,6 +102,14 @@ class HandleTable {
   std::mutex mutex_;
   std::vector<std::unique_ptr<Chunk>> owned_;
   std::vector<std::uint64_t> free_;
+};
+
+// A table that is there before anything of the process runs and is asked until its very end.
+template <typename T>
+union LastingHandleTable {
+  constexpr LastingHandleTable() : table() {}
+  constexpr ~LastingHandleTable() {}
+  HandleTable<T> table;
 };
 
 }  // namespace lscore

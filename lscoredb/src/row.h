@@ -5,7 +5,6 @@
 // both. An image is read where it lies; cells point into the image or into the memory of their
 // transaction. None of it owns memory.
 
-#include <bit>
 #include <cstdint>
 #include <span>
 #include <string>
@@ -47,6 +46,14 @@ class RowImage {
   std::uint64_t Fixed(Layout const& layout, Column const& column) const {
     return Load<std::uint64_t>(bytes_ + FixedOffset(layout) + 8 * CountBelow(column.bit));
   }
+  // The same for a column whose presence bit is in the first word, from what is known of its layout.
+  std::uint64_t FixedIn(std::uint64_t word, std::uint64_t below, std::size_t fixed_offset) const {
+    return Load<std::uint64_t>(bytes_ + fixed_offset + std::size_t{8} * CountBits(word & below));
+  }
+  std::uint64_t FirstWord() const { return Load<std::uint64_t>(bytes_ + format::kHeaderSize); }
+  static std::size_t FixedOffset(Layout const& layout) {
+    return format::kHeaderSize + (layout.bit_count() + 63) / 64 * 8;
+  }
   // The value of a stored column, absent ones included.
   Cell Read(Layout const& layout, Column const& column) const;
   Cell Setspec(Layout const& layout) const;
@@ -58,18 +65,21 @@ class RowImage {
   std::uint64_t Word(std::uint32_t index) const {
     return Load<std::uint64_t>(bytes_ + format::kHeaderSize + 8 * index);
   }
+  // How many presence bits below `bit` are set.
   std::uint32_t CountBelow(std::uint32_t bit) const {
     std::uint32_t count = 0;
-    for (std::uint32_t i = 0; i < bit / 64; ++i) {
-      count += static_cast<std::uint32_t>(std::popcount(Word(i)));
-    }
+    for (std::uint32_t i = 0; i < bit / 64; ++i) count += CountBits(Word(i));
     std::uint64_t const below = (std::uint64_t{1} << (bit % 64)) - 1;
-    return bit % 64 == 0
-               ? count
-               : count + static_cast<std::uint32_t>(std::popcount(Word(bit / 64) & below));
+    if (below == 0) return count;
+    std::uint64_t const word = Word(bit / 64) & below;
+    return count + (word == below ? bit % 64 : CountBits(word));  // rows without nulls are common
   }
-  static std::size_t FixedOffset(Layout const& layout) {
-    return format::kHeaderSize + (layout.bit_count() + 63) / 64 * 8;
+  // Inline, where the instruction for it cannot be taken for granted and is a function otherwise.
+  static std::uint32_t CountBits(std::uint64_t word) {
+    word -= (word >> 1) & 0x5555555555555555;
+    word = (word & 0x3333333333333333) + ((word >> 2) & 0x3333333333333333);
+    word = (word + (word >> 4)) & 0x0F0F0F0F0F0F0F0F;
+    return static_cast<std::uint32_t>((word * 0x0101010101010101) >> 56);
   }
   std::uint16_t flags() const { return Load<std::uint16_t>(bytes_ + format::kFlagsOffset); }
   std::uint64_t End(std::size_t ends, std::uint32_t index, bool* wide) const;

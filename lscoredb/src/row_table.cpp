@@ -9,20 +9,37 @@
 #include <new>
 #include <utility>
 
-#include "row.h"
-
 namespace lscore {
 namespace {
 
 constexpr std::uint64_t kUsualRow = 128;  // bytes; says how many places there are for the memory
+constexpr std::size_t kLine = 64;
 
-template <typename Word>
-Word Get(Word& word) {
-  return std::atomic_ref(word).load(std::memory_order_seq_cst);
+// What stands behind the image of a row.
+struct Left {
+  std::uint64_t at = 0;
+  KeptRow* before = nullptr;
+};
+
+// Images are as long as they are.
+Left LeftOf(KeptRow const& row) {
+  Left left;
+  std::memcpy(&left, row.image() + row.size, sizeof left);
+  return left;
 }
-template <typename Word>
-void Set(Word& word, Word value) {
-  std::atomic_ref(word).store(value, std::memory_order_seq_cst);
+void SetLeft(KeptRow& row, Left const& left) {
+  std::memcpy(reinterpret_cast<char*>(&row + 1) + row.size, &left, sizeof left);
+}
+
+std::uint64_t AllocatedSize(std::uint64_t image) {
+  return (sizeof(KeptRow) + image + sizeof(Left) + kLine - 1) / kLine * kLine;
+}
+
+std::uint64_t Get(std::uint64_t& place) {
+  return std::atomic_ref(place).load(std::memory_order_seq_cst);
+}
+void Set(std::uint64_t& place, std::uint64_t value) {
+  std::atomic_ref(place).store(value, std::memory_order_seq_cst);
 }
 
 }  // namespace
@@ -59,39 +76,54 @@ void RowTable::Reader::Keep(ObjectId id, Layout const& layout, std::string_view 
   // What took a row of this stripe out since may have been a newer version of this one.
   if (!lock.owns_lock() || state_ < stripe.newest) return;
   KeptRowPtr row = table_.Prepare(id, layout, image, state_);
-  if (row != nullptr) table_.Place(buckets[number], std::move(row));
+  if (row != nullptr) table_.Put(buckets[number], std::move(row));
 }
 
 KeptRow const* RowTable::Find(ObjectId id, CommitId state) const {
   Bucket* const buckets = buckets_.load(std::memory_order_acquire);
   if (buckets == nullptr) return nullptr;
   Bucket& bucket = buckets[BucketOf(id)];
-  for (std::size_t way = 0; way < kWays; ++way) {
-    if (Get(bucket.ids[way]) != Raw(id)) continue;
-    KeptRow const* const row = Get(bucket.rows[way]);
-    if (row == nullptr || row->id != id) continue;
-    return row->commit <= state && row->known >= watch_.foreign() ? row : nullptr;
+  Place const mark = Mark(id);
+  for (std::size_t i = 0; i < kWays; ++i) {
+    Place const place = Get(bucket.places[(Raw(id) + i) % kWays]);
+    if ((place & ~kAddress) != mark || place == 0) continue;
+    KeptRow const* const row = RowAt(place);
+    // Where the value lies is known only when the first line has come: that would be two waits.
+    __builtin_prefetch(reinterpret_cast<char const*>(row) + kLine);
+    if (row->id != id) continue;
+    return row->commit() <= state && row->known >= watch_.foreign() ? row : nullptr;
   }
   return nullptr;
 }
 
 // ---- the table ---------------------------------------------------------------------------------
 
-RowTable::RowTable(StateWatch const& watch, std::uint64_t memory) : watch_(watch), memory_(memory) {
+RowTable::RowTable(StateWatch const& watch, std::uint64_t memory)
+    : watch_(watch), memory_(memory) {
   std::uint64_t const places = std::max<std::uint64_t>(memory / kUsualRow, kWays);
-  bucket_count_ = static_cast<std::size_t>(std::bit_ceil(places / kWays));
+  bucket_bits_ = static_cast<std::size_t>(std::bit_width(places / kWays) - 1);
 }
 
 RowTable::~RowTable() {
   Bucket* const buckets = buckets_.load();
   if (buckets != nullptr) {
-    for (std::size_t i = 0; i < bucket_count_; ++i) {
-      for (KeptRow* const row : buckets[i].rows) KeptRowFree()(row);
+    for (std::size_t i = 0; i < BucketCount(); ++i) {
+      for (Place const place : buckets[i].places) KeptRowFree()(RowAt(place));
     }
-    munmap(buckets, bucket_count_ * sizeof(Bucket));
+    munmap(buckets, BucketCount() * sizeof(Bucket));
   }
-  for (KeptRow* row = retired_; row != nullptr;)
-    KeptRowFree()(std::exchange(row, row->left_before));
+  for (KeptRow* row = retired_; row != nullptr;) {
+    KeptRowFree()(std::exchange(row, LeftOf(*row).before));
+  }
+}
+
+RowTable::Place RowTable::Mark(ObjectId id) {
+  return (Raw(id) * 0x9E3779B97F4A7C15) & ~kAddress;
+}
+
+RowTable::Place RowTable::PlaceOf(KeptRow* row) {
+  auto const address = static_cast<Place>(reinterpret_cast<std::uintptr_t>(row));
+  return address | Mark(row->id);
 }
 
 RowTable::Bucket* RowTable::Buckets() noexcept {
@@ -100,9 +132,10 @@ RowTable::Bucket* RowTable::Buckets() noexcept {
   std::lock_guard const lock(buckets_mutex_);
   buckets = buckets_.load(std::memory_order_acquire);
   if (buckets != nullptr) return buckets;
-  void* const zeros = mmap(nullptr, bucket_count_ * sizeof(Bucket), PROT_READ | PROT_WRITE,
+  void* const zeros = mmap(nullptr, BucketCount() * sizeof(Bucket), PROT_READ | PROT_WRITE,
                            MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
   if (zeros == MAP_FAILED) return nullptr;
+  madvise(zeros, BucketCount() * sizeof(Bucket), MADV_HUGEPAGE);  // a wish: it works without
   buckets = static_cast<Bucket*>(zeros);
   buckets_.store(buckets, std::memory_order_release);
   return buckets;
@@ -111,26 +144,41 @@ RowTable::Bucket* RowTable::Buckets() noexcept {
 // Ids come in runs, of which each fills its buckets evenly; runs far apart are spread.
 std::size_t RowTable::BucketOf(ObjectId id) const {
   std::uint64_t const line = Raw(id) / kWays;
-  std::uint64_t const run = line / bucket_count_;
-  return static_cast<std::size_t>((line + run * 0x9E3779B97F4A7C15) & (bucket_count_ - 1));
+  std::uint64_t const run = line >> bucket_bits_;
+  return static_cast<std::size_t>((line + run * 0x9E3779B97F4A7C15) & (BucketCount() - 1));
+}
+
+std::size_t RowTable::WayOf(Bucket& bucket, ObjectId id) {
+  std::size_t way = 0;
+  while (way < kWays) {
+    Place const place = bucket.places[way];
+    if (place != 0 && RowAt(place)->id == id) return way;
+    ++way;
+  }
+  return way;
 }
 
 bool RowTable::Holds(ObjectId id) const {
   Bucket* const buckets = buckets_.load(std::memory_order_acquire);
   if (buckets == nullptr) return false;
   Bucket& bucket = buckets[BucketOf(id)];
-  return std::any_of(std::begin(bucket.ids), std::end(bucket.ids),
-                     [id](std::uint64_t& place) { return Get(place) == Raw(id); });
+  return std::any_of(std::begin(bucket.places), std::end(bucket.places), [id](Place& place) {
+    Place const found = Get(place);
+    return found != 0 && (found & ~kAddress) == Mark(id);
+  });
 }
 
 KeptRowPtr RowTable::Prepare(ObjectId id, Layout const& layout, std::string_view image,
                              CommitId known) noexcept {
-  std::uint64_t const size = sizeof(KeptRow) + image.size();
+  std::uint64_t const size = AllocatedSize(image.size());
   if (size > memory_) return nullptr;
-  void* const memory = std::malloc(size);
-  if (memory == nullptr) return nullptr;
-  CommitId const commit = RowImage(image.data()).commit();
-  KeptRowPtr row(new (memory) KeptRow{id, &layout, commit, known, size});
+  void* const memory = std::aligned_alloc(kLine, size);
+  // No machine of today gives out addresses that the places cannot hold.
+  if (memory == nullptr || (reinterpret_cast<std::uintptr_t>(memory) & ~kAddress) != 0) {
+    std::free(memory);
+    return nullptr;
+  }
+  KeptRowPtr row(new (memory) KeptRow{id, &layout, known, image.size()});
   std::memcpy(row.get() + 1, image.data(), image.size());
   return row;
 }
@@ -143,32 +191,26 @@ void RowTable::TakeOut(ObjectId id, CommitId state) noexcept {
   stripe.newest = std::max(stripe.newest, state);
   Bucket* const buckets = buckets_.load(std::memory_order_acquire);
   if (buckets == nullptr) return;
-  Bucket& bucket = buckets[number];
-  for (std::size_t way = 0; way < kWays; ++way) {
-    if (bucket.ids[way] == Raw(id)) Remove(bucket, way);
-  }
+  std::size_t const way = WayOf(buckets[number], id);
+  if (way < kWays) Remove(buckets[number], way);
 }
 
 void RowTable::PutBack(KeptRowPtr row) noexcept {
   std::size_t const number = BucketOf(row->id);
   std::lock_guard const lock(StripeOf(number).mutex);
-  Place(buckets_.load(std::memory_order_acquire)[number], std::move(row));
+  Put(buckets_.load(std::memory_order_acquire)[number], std::move(row));
 }
 
-void RowTable::Place(Bucket& bucket, KeptRowPtr row) noexcept {
-  std::size_t way = 0;
-  while (way < kWays && bucket.ids[way] != Raw(row->id)) ++way;
-  if (way < kWays) Remove(bucket, way);
-  if (!MakeRoom(bucket, row->size)) return;
-  way = 0;
-  while (way < kWays && bucket.rows[way] != nullptr) ++way;
-  if (way == kWays) {
-    way = clock_.load(std::memory_order_relaxed) % kWays;
-    Remove(bucket, way);
-  }
-  placed_ += row->size;
-  Set(bucket.ids[way], Raw(row->id));
-  Set(bucket.rows[way], row.release());
+void RowTable::Put(Bucket& bucket, KeptRowPtr row) noexcept {
+  std::size_t const there = WayOf(bucket, row->id);
+  if (there < kWays) Remove(bucket, there);
+  if (!MakeRoom(bucket, AllocatedSize(row->size))) return;
+  std::size_t way = Raw(row->id) % kWays;
+  for (std::size_t i = 0; i < kWays && bucket.places[way] != 0; ++i) way = (way + 1) % kWays;
+  if (bucket.places[way] != 0) Remove(bucket, way);
+  placed_ += AllocatedSize(row->size);
+  Set(bucket.places[way], PlaceOf(row.get()));
+  static_cast<void>(row.release());
 }
 
 bool RowTable::MakeRoom(Bucket& bucket, std::uint64_t size) noexcept {
@@ -178,17 +220,15 @@ bool RowTable::MakeRoom(Bucket& bucket, std::uint64_t size) noexcept {
     if (retired_bytes_ > memory_ / 4) return false;
   }
   for (std::size_t way = 0; way < kWays && !HasRoom(size); ++way) {
-    if (bucket.rows[way] != nullptr) Remove(bucket, way);
+    if (bucket.places[way] != 0) Remove(bucket, way);
   }
   return HasRoom(size);
 }
 
 void RowTable::Remove(Bucket& bucket, std::size_t way) noexcept {
-  KeptRow* const row = bucket.rows[way];
-  Set(bucket.rows[way], static_cast<KeptRow*>(nullptr));
-  Set(bucket.ids[way], std::uint64_t{0});
-  if (row == nullptr) return;
-  placed_ -= row->size;
+  KeptRow* const row = RowAt(bucket.places[way]);
+  Set(bucket.places[way], 0);
+  placed_ -= AllocatedSize(row->size);
   Retire(row);
 }
 
@@ -196,9 +236,8 @@ void RowTable::Remove(Bucket& bucket, std::size_t way) noexcept {
 
 void RowTable::Retire(KeptRow* row) noexcept {
   std::lock_guard const lock(retired_mutex_);
-  retired_bytes_ += row->size;
-  row->left_at = clock_.fetch_add(1);
-  row->left_before = std::exchange(retired_, row);
+  retired_bytes_ += AllocatedSize(row->size);
+  SetLeft(*row, {clock_.fetch_add(1), std::exchange(retired_, row)});
   if (++retired_count_ >= enough_retired_) FreeRetired();
 }
 
@@ -208,15 +247,15 @@ void RowTable::FreeRetired() noexcept {
   KeptRow* row = std::exchange(retired_, nullptr);
   retired_count_ = 0;
   while (row != nullptr) {
-    KeptRow* const next = row->left_before;
-    if (row->left_at < oldest) {
-      retired_bytes_ -= row->size;
+    Left const left = LeftOf(*row);
+    if (left.at < oldest) {
+      retired_bytes_ -= AllocatedSize(row->size);
       KeptRowFree()(row);
     } else {
-      row->left_before = std::exchange(retired_, row);
+      SetLeft(*row, {left.at, std::exchange(retired_, row)});
       ++retired_count_;
     }
-    row = next;
+    row = left.before;
   }
   enough_retired_ = std::max(kFirstRetired, 2 * retired_count_);
 }

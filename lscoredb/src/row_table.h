@@ -8,8 +8,9 @@
 // not older than the row's commit may take it. Rows that leave are kept until every transaction
 // that may have them is over; while they make up more than a quarter of the memory none comes in.
 //
-// Readers take no lock. Buckets have four places, one line of the processor's cache; neighbours by
-// id lie together. When the memory or a bucket is full, another row of the bucket goes.
+// Readers take no lock. A bucket is one line of the processor's cache, with a place for each of
+// eight neighbours by id, which others may take too: a random read is bound by the lines it touches,
+// and so places are small. When the memory or a bucket is full, another row of the bucket goes.
 
 #include <array>
 #include <atomic>
@@ -22,21 +23,20 @@
 
 #include "ids.h"
 #include "layout.h"
+#include "row.h"
 #include "state_watch.h"
 
 namespace lscore {
 
-// A committed row, followed by its image.
+// A committed row: its image follows, and behind that what is needed once it has left.
 struct KeptRow {
   ObjectId id{};
   Layout const* layout = nullptr;
-  CommitId commit{};       // that wrote it
   CommitId known{};        // a state whose newest it was
-  std::uint64_t size = 0;  // with its image
-  std::uint64_t left_at = 0;
-  KeptRow* left_before = nullptr;
+  std::uint64_t size = 0;  // of the image
 
   char const* image() const { return reinterpret_cast<char const*>(this + 1); }
+  CommitId commit() const { return RowImage(image()).commit(); }  // that wrote it
 };
 
 struct KeptRowFree {
@@ -79,6 +79,7 @@ class RowTable {
   RowTable& operator=(RowTable const&) = delete;
 
   // ---- for the one who commits
+  // Now and then of a row that it does not hold too.
   bool Holds(ObjectId id) const;
   // Before the commit that replaces or deletes the row becomes visible.
   void TakeOut(ObjectId id, CommitId state) noexcept;
@@ -89,15 +90,17 @@ class RowTable {
   void PutBack(KeptRowPtr row) noexcept;
 
  private:
-  static constexpr std::size_t kWays = 4;
+  static constexpr std::size_t kWays = 8;
   static constexpr std::size_t kStripes = 1024;
+  static constexpr std::uint64_t kAddress = (std::uint64_t{1} << 48) - 1;
   static constexpr std::size_t kFirstRetired = 64;
   static constexpr std::uint64_t kNotReading = ~std::uint64_t{0};
 
-  // Read and written through std::atomic_ref, since it comes from the system as zeros.
+  // The address of a row, and above it bits that are made of the row's id; 0: free. Read and written
+  // through std::atomic_ref, since buckets come from the system as zeros.
+  using Place = std::uint64_t;
   struct alignas(64) Bucket {
-    std::uint64_t ids[kWays];
-    KeptRow* rows[kWays];
+    Place places[kWays];
   };
   // Of all buckets whose numbers are alike: who changes one holds the lock.
   struct Stripe {
@@ -105,12 +108,21 @@ class RowTable {
     CommitId newest{};  // that took a row out
   };
 
+  static Place PlaceOf(KeptRow* row);
+  static KeptRow* RowAt(Place place) {
+    return reinterpret_cast<KeptRow*>(static_cast<std::uintptr_t>(place & kAddress));
+  }
+  static Place Mark(ObjectId id);
+  // The way that holds the row, or kWays. REQUIRES: the stripe's lock.
+  static std::size_t WayOf(Bucket& bucket, ObjectId id);
+
   KeptRow const* Find(ObjectId id, CommitId state) const;
+  std::size_t BucketCount() const { return std::size_t{1} << bucket_bits_; }
   std::size_t BucketOf(ObjectId id) const;
   Stripe& StripeOf(std::size_t bucket) { return stripes_[bucket % kStripes]; }
   Bucket* Buckets() noexcept;
   // REQUIRES: the stripe's lock, for these.
-  void Place(Bucket& bucket, KeptRowPtr row) noexcept;
+  void Put(Bucket& bucket, KeptRowPtr row) noexcept;
   void Remove(Bucket& bucket, std::size_t way) noexcept;
   bool MakeRoom(Bucket& bucket, std::uint64_t size) noexcept;
   bool HasRoom(std::uint64_t size) const { return placed_.load() + size <= memory_; }
@@ -120,7 +132,7 @@ class RowTable {
 
   StateWatch const& watch_;
   std::uint64_t const memory_;
-  std::size_t bucket_count_ = 0;
+  std::size_t bucket_bits_ = 0;  // there are 2 to the power of it
   std::atomic<Bucket*> buckets_{nullptr};
   std::mutex buckets_mutex_;
   std::array<Stripe, kStripes> stripes_;

@@ -44,7 +44,7 @@ void Transaction::End() noexcept {
   catalogue_.reset();
   doomed_ = LORV_STATUS_OK;
   now_ = 0;
-  ++epoch_;
+  cache_.Clear();
   kept_rows_.End();
   database_->store().End(std::move(snapshot_));
 }
@@ -70,7 +70,7 @@ bool Transaction::EndScope() {
   }
   assembled_.resize(kept);
   assembled_ids_.resize(kept);
-  ++epoch_;
+  cache_.Clear();
   return true;
 }
 

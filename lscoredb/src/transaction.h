@@ -18,6 +18,7 @@
 #include "handouts.h"
 #include "iterator.h"
 #include "pending.h"
+#include "row_cache.h"
 #include "status.h"
 
 namespace lscore {
@@ -56,6 +57,21 @@ class Transaction {
   // ---- reading rows (transaction_read.cpp)
   // The value of `column` as layout `as` has it; kNoLayout: the object's own.
   Status Read(ObjectId id, LayoutNumber as, std::uint32_t column, TypeSet types, Cell* out);
+  // The same for the value of a fixed column.
+  Status ReadFixed(ObjectId id, LayoutNumber as, std::uint32_t column, TypeSet types,
+                   std::uint64_t* out) {
+    RowRef const* const row = FindRow(id);
+    if (row == nullptr || row->image == nullptr) return ReadOtherFixed(id, as, column, types, out);
+    Reading const& reading = ReadingOf(*row->layout, as, column);
+    RowImage const image(row->image);
+    std::uint64_t const present = image.FirstWord();
+    if (reading.layout != row->layout || reading.key != KeyOf(as, column) ||
+        (types & reading.type) == 0 || (present & reading.bit) == 0) {
+      return ReadOtherFixed(id, as, column, types, out);
+    }
+    *out = image.FixedIn(present, reading.bit - 1, reading.fixed_offset);
+    return LORV_STATUS_OK;
+  }
   Status Setspec(ObjectId id, Cell* out);
   // The object's layout. LORV_STATUS_NO_OBJECT: there is none.
   Status Lookup(ObjectId id, LayoutNumber* out);
@@ -93,12 +109,6 @@ class Transaction {
  private:
   friend class Iterator;
 
-  struct CachedRow {
-    std::uint64_t epoch = 0;
-    RowRef row;
-  };
-  static constexpr std::size_t kCachedRows = 512;
-
   // An index over a row that is being changed, and the row's keys in it.
   struct Affected {
     IndexDefinition const* index = nullptr;
@@ -112,19 +122,36 @@ class Transaction {
     bool SameKey() const { return had_old && has_new && old_key == new_key; }
   };
 
+  // Where a fixed column of one layout lies in images under another one, which may be the same.
+  struct Reading {
+    Layout const* layout = nullptr;  // of the images
+    std::uint64_t key = 0;           // the layout that the column is named by, and its number there
+    std::uint64_t bit = 0;           // its own, in the first word of presence bits
+    std::uint32_t fixed_offset = 0;
+    TypeSet type = 0;
+  };
+  static constexpr std::size_t kReadings = 128;
+
   void End() noexcept;
 
   // Null: there is no such object. A deleted one is found as such.
   RowRef const* FindRow(ObjectId id) {
-    CachedRow& cached = cache_[Raw(id) % kCachedRows];
-    if (cached.row.id == id && cached.epoch == epoch_) [[likely]] {
-      return &cached.row;
-    }
-    return LoadRow(id, cached);
+    RowRef const* const cached = cache_.Find(id);
+    return cached != nullptr ? cached : LoadRow(id);
   }
-  RowRef const* LoadRow(ObjectId id, CachedRow& cached);
+  static constexpr std::uint64_t KeyOf(LayoutNumber as, std::uint32_t column) {
+    return std::uint64_t{column} << 16 | Raw(as);
+  }
+  Reading& ReadingOf(Layout const& layout, LayoutNumber as, std::uint32_t column) {
+    return readings_[(Raw(layout.number()) + std::size_t{Raw(as)} * 7 + column) % kReadings];
+  }
+  void NoteReading(RowRef const& row, LayoutNumber as, std::uint32_t column);
+  // Kept out of the way of what is read most.
+  [[gnu::noinline]] Status ReadOtherFixed(ObjectId id, LayoutNumber as, std::uint32_t column,
+                                          TypeSet types, std::uint64_t* out);
+  [[gnu::noinline]] RowRef const* LoadRow(ObjectId id);
   // From the store.
-  RowRef const* ReadRow(ObjectId id, CachedRow& cached);
+  RowRef const* ReadRow(ObjectId id);
   // A deleted object is UNREACHABLE, a missing one NO_OBJECT.
   Status FindLive(ObjectId id, RowRef const** out);
   char const* AssembleImage(ObjectId id, std::string_view stub);
@@ -176,7 +203,6 @@ class Transaction {
   std::unique_ptr<Snapshot> snapshot_;
   bool read_only_ = false;
   Status doomed_ = LORV_STATUS_OK;  // set when a write stopped half-way
-  std::uint64_t epoch_ = 1;         // grows with every transaction: old cached rows do not count
   Sequence now_ = 0;
   PendingChanges changes_;
   Handouts handouts_;
@@ -193,7 +219,8 @@ class Transaction {
   std::vector<Affected> affected_;
   std::size_t affected_count_ = 0;
   std::u16string text_;
-  std::array<CachedRow, kCachedRows> cache_{};
+  RowCache cache_;
+  std::array<Reading, kReadings> readings_{};  // of committed layouts, and so for good
 };
 
 }  // namespace lscore

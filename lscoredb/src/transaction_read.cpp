@@ -3,20 +3,18 @@
 
 namespace lscore {
 
-RowRef const* Transaction::LoadRow(ObjectId id, CachedRow& cached) {
+RowRef const* Transaction::LoadRow(ObjectId id) {
   if (id == kNoObject) return nullptr;
   if (PendingRow const* const pending = changes_.FindRow(id)) {
-    cached = {epoch_, RefOf(*pending)};
-    return &cached.row;
+    return cache_.Put(RefOf(*pending));
   }
   if (KeptRow const* const kept = kept_rows_.Find(id)) {
-    cached = {epoch_, {id, kept->layout, kept->image(), nullptr}};
-    return &cached.row;
+    return cache_.Put({id, kept->layout, kept->image(), nullptr});
   }
-  return ReadRow(id, cached);
+  return ReadRow(id);
 }
 
-RowRef const* Transaction::ReadRow(ObjectId id, CachedRow& cached) {
+RowRef const* Transaction::ReadRow(ObjectId id) {
   std::uint64_t const key = Raw(id);
   std::string_view stored;
   if (!snapshot_->Get(Tree::kRows, BytesOf(key), &stored)) return nullptr;
@@ -29,8 +27,7 @@ RowRef const* Transaction::ReadRow(ObjectId id, CachedRow& cached) {
   Layout const* const layout = FindLayout(RowImage(stored.data()).layout());
   if (layout == nullptr || !RowImage::Validate(stored, id, *layout)) Throw(LSCOREDB_DAMAGED);
   kept_rows_.Keep(id, *layout, stored);
-  cached = {epoch_, {id, layout, stored.data(), nullptr}};
-  return &cached.row;
+  return cache_.Put({id, layout, stored.data(), nullptr});
 }
 
 char const* Transaction::AssembleImage(ObjectId id, std::string_view stub) {
@@ -73,6 +70,30 @@ Status Transaction::Read(ObjectId id, LayoutNumber as, std::uint32_t column, Typ
   Column const& own = layout.column(column);
   if ((types & TypeBit(own.type)) == 0) return LSCOREDB_WRONG_TYPE;
   return ReadOwn(*row, column, out);
+}
+
+Status Transaction::ReadOtherFixed(ObjectId id, LayoutNumber as, std::uint32_t column,
+                                   TypeSet types, std::uint64_t* out) {
+  Cell cell;
+  Status const status = Read(id, as, column, types, &cell);
+  if (status != LORV_STATUS_OK) return status;
+  *out = cell.bits;
+  NoteReading(*FindRow(id), as, column);
+  return LORV_STATUS_OK;
+}
+
+// REQUIRES: the column was read, and is a fixed one.
+void Transaction::NoteReading(RowRef const& row, LayoutNumber as, std::uint32_t column) {
+  Layout const& layout = *row.layout;
+  Layout const& named = as == kNoLayout ? layout : *FindLayout(as);
+  int const own = layout.Find(named.column(column).token);
+  bool const committed = std::max(layout.order(), named.order()).commit != kNotCommitted;
+  if (!committed || own < static_cast<int>(kFirstStoredColumn)) return;
+  Column const& at = layout.column(static_cast<std::uint32_t>(own));
+  if (at.bit >= 64) return;
+  ReadingOf(layout, as, column) = {&layout, KeyOf(as, column), std::uint64_t{1} << at.bit,
+                                   static_cast<std::uint32_t>(RowImage::FixedOffset(layout)),
+                                   TypeBit(at.type)};
 }
 
 Status Transaction::ReadOwn(RowRef const& row, std::uint32_t column, Cell* out) const {

@@ -41,9 +41,7 @@ Status Transaction::InsertWithId(LayoutNumber number, ObjectId id) {
 }
 
 // Brings the cached form of a row up to date after its pending form appeared or changed.
-void Transaction::Refresh(PendingRow const& row) {
-  cache_[Raw(row.id) % kCachedRows] = {epoch_, RefOf(row)};
-}
+void Transaction::Refresh(PendingRow const& row) { cache_.Put(RefOf(row)); }
 
 // The row in editable form. Its values stay where they are, in the snapshot.
 PendingRow& Transaction::Promote(RowRef const& row) {

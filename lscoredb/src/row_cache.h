@@ -1,0 +1,81 @@
+#ifndef LSCOREDB_SRC_ROW_CACHE_H
+#define LSCOREDB_SRC_ROW_CACHE_H
+
+// The rows that a transaction is busy with, by id. One thread at a time.
+//
+// Sets of two places, one line of the processor's cache each: of a thousand rows at random hardly
+// any drive each other out. Memory is taken by the page when rows come to lie there.
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <memory>
+#include <new>
+#include <vector>
+
+#include "ids.h"
+#include "pending.h"
+
+namespace lscore {
+
+class RowCache {
+ public:
+  RowCache() : memory_(std::calloc(kSets + 1, sizeof(Set))) {
+    if (memory_ == nullptr) throw std::bad_alloc();
+    void* aligned = memory_.get();
+    std::size_t space = (kSets + 1) * sizeof(Set);
+    sets_ = static_cast<Set*>(std::align(kLine, kSets * sizeof(Set), aligned, space));
+    used_.reserve(kManyUsed);
+  }
+
+  // Null: not there. Valid until the next Put or Clear.
+  RowRef const* Find(ObjectId id) const {
+    Set const& set = SetOf(id);
+    if (set[0].id == id && id != kNoObject) return &set[0];
+    return set[1].id == id && id != kNoObject ? &set[1] : nullptr;
+  }
+
+  // Takes the place of what was there of the same row.
+  RowRef const* Put(RowRef const& row) {
+    Set& set = SetOf(row.id);
+    if (set[0].id == kNoObject) NoteUsed(set);
+    if (set[0].id != row.id) set[1] = set[0];
+    set[0] = row;
+    return &set[0];
+  }
+
+  void Clear() {
+    if (used_.size() == kManyUsed) return ClearAll();
+    for (std::uint32_t const number : used_) sets_[number] = Set{};
+    used_.clear();
+  }
+
+ private:
+  static constexpr std::size_t kSets = 4096;
+  static constexpr std::size_t kManyUsed = 512;  // from here on all are cleared
+
+  static constexpr std::size_t kLine = 64;
+
+  using Set = std::array<RowRef, 2>;  // zeros stand for no row
+  static_assert(sizeof(Set) == kLine);
+  struct Free {
+    void operator()(void* memory) const { std::free(memory); }
+  };
+
+  Set& SetOf(ObjectId id) const { return sets_[Raw(id) % kSets]; }
+  void NoteUsed(Set const& set) {
+    if (used_.size() < kManyUsed) used_.push_back(static_cast<std::uint32_t>(&set - sets_));
+  }
+  void ClearAll() {
+    std::fill_n(sets_, kSets, Set{});
+    used_.clear();
+  }
+
+  std::unique_ptr<void, Free> memory_;  // from the system as zeros, page by page
+  Set* sets_ = nullptr;                 // in it
+  std::vector<std::uint32_t> used_;  // sets with a row, while they are few
+};
+
+}  // namespace lscore
+
+#endif
