@@ -70,7 +70,7 @@ void ForgetRemoved(Registry& registry) {
 void Collect(Store& store, LayoutNumbers& layout_numbers) {
   if (!layout_numbers.alone()) return;
   static_cast<void>(Guarded([&] {
-    CollectLayouts(store);
+    layout_numbers.Offer(CollectLayouts(store));
     return LORV_STATUS_OK;
   }));
   layout_numbers.Share();

@@ -136,6 +136,16 @@ std::vector<LayoutNumber> NumbersOf(View const& view, char letter) {
 
 }  // namespace
 
+LayoutNumber HighestLayout(View const& view) {
+  constexpr char kNextLetter = format::kLayoutLetter + 1;
+  Cursor cursor;
+  cursor.Open(view, Tree::kDefinitions);
+  bool const found = cursor.Seek({&kNextLetter, 1}) ? cursor.Previous() : cursor.Last();
+  if (!found || cursor.key().front() != format::kLayoutLetter) return kNoLayout;
+  if (cursor.key().size() != 3) Throw(LSCOREDB_DAMAGED);
+  return LayoutNumber{LoadBig<std::uint16_t>(cursor.key().data() + 1)};
+}
+
 std::vector<LayoutNumber> AllLayouts(View const& view) {
   return NumbersOf(view, format::kLayoutLetter);
 }

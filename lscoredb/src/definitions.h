@@ -37,6 +37,8 @@ std::string LayoutKey(LayoutNumber number);
 void WriteLayout(Batch& batch, Layout const& layout, LayoutOrder order);
 // The numbers of the layouts of a token and when they were made.
 std::vector<std::pair<LayoutOrder, LayoutNumber>> LayoutsOfToken(View const& view, Token token);
+// kNoLayout: there is none.
+LayoutNumber HighestLayout(View const& view);
 // All layout numbers, rising.
 std::vector<LayoutNumber> AllLayouts(View const& view);
 // All layouts with the layouts they were made on.

@@ -18,6 +18,8 @@ namespace {
 constexpr char const* kFileName = "/layouts.lock";
 constexpr mode_t kFileMode = 0640;
 constexpr int kAttempts = 1000;
+// Fewer are looked through for numbers between them, which takes less than creating one.
+constexpr std::uint64_t kManyLayouts = 256;
 
 [[noreturn]] void ThrowErrno() {
   switch (errno) {
@@ -150,28 +152,65 @@ bool LayoutNumbers::orphaned() const {
   return file_ >= 0 && fstat(file_, &status) == 0 && status.st_nlink == 0;
 }
 
-void LayoutNumbers::Mark(LayoutNumber number) {
-  board_->taken[Raw(number) / 64].fetch_or(std::uint64_t{1} << (Raw(number) % 64));
+bool LayoutNumbers::Mark(LayoutNumber number) {
+  std::uint64_t const bit = std::uint64_t{1} << (Raw(number) % 64);
+  return (board_->taken[Raw(number) / 64].fetch_or(bit) & bit) == 0;
 }
 
-// Layouts that were committed later than the snapshot have numbers that were taken here.
-void LayoutNumbers::Complete(View const& view) {
+void LayoutNumbers::Offer(std::vector<LayoutNumber> numbers) {
+  std::lock_guard const lock(mutex_);
+  offered_.assign(numbers.rbegin(), numbers.rend());
+}
+
+// What was committed later than the snapshot, or is going to be, has a number that was taken here.
+std::uint64_t LayoutNumbers::FindUnmarked(View const& view) {
+  std::uint64_t below = board_->unmarked_below;
+  if (below != 0) return below;
+  std::uint64_t const found = std::uint64_t{Raw(HighestLayout(view))} + 1;
+  if (found < kManyLayouts) {
+    MarkAll(view);
+    return 1;
+  }
+  return board_->unmarked_below.compare_exchange_strong(below, found) ? found : below;
+}
+
+void LayoutNumbers::MarkAll(View const& view) {
   for (LayoutNumber const number : AllLayouts(view)) Mark(number);
-  board_->complete = 1;
+  board_->unmarked_below = 1;
 }
 
-LayoutNumber LayoutNumbers::Take(View const& view) {
-  if (board_->complete == 0) Complete(view);
-  for (std::size_t i = 0; i < kWords; ++i) {
+LayoutNumber LayoutNumbers::TakeOffered() {
+  std::lock_guard const lock(mutex_);
+  while (!offered_.empty()) {
+    LayoutNumber const number = offered_.back();
+    offered_.pop_back();
+    if (Mark(number)) return number;
+  }
+  return kNoLayout;
+}
+
+LayoutNumber LayoutNumbers::TakeFrom(std::size_t first) {
+  std::uint64_t below = (std::uint64_t{1} << (first % 64)) - 1;  // bits that are not to be taken
+  for (std::size_t i = first / 64; i < kWords; ++i, below = 0) {
     std::uint64_t taken = board_->taken[i];
-    while (~taken != 0) {
-      int const free = std::countr_one(taken);
+    while (~(taken | below) != 0) {
+      int const free = std::countr_one(taken | below);
       if (board_->taken[i].compare_exchange_weak(taken, taken | std::uint64_t{1} << free)) {
         return LayoutNumber{static_cast<std::uint16_t>(i * 64 + static_cast<std::size_t>(free))};
       }
     }
   }
-  Throw(LSCOREDB_LAYOUTS_EXHAUSTED);
+  return kNoLayout;
+}
+
+LayoutNumber LayoutNumbers::Take(View const& view) {
+  LayoutNumber number = TakeOffered();
+  if (number == kNoLayout) number = TakeFrom(FindUnmarked(view));
+  if (number != kNoLayout) return number;
+  if (board_->unmarked_below != 1) MarkAll(view);
+  number = TakeFrom(0);
+  if (number == kNoLayout) Throw(LSCOREDB_LAYOUTS_EXHAUSTED);
+  return number;
 }
 
 }  // namespace lscore

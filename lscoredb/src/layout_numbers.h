@@ -15,7 +15,9 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <vector>
 
 #include "ids.h"
 #include "store.h"
@@ -40,7 +42,12 @@ class LayoutNumbers {
   // Whether the file was removed, and the database with it.
   bool orphaned() const;
 
-  // The lowest number that is not taken; takes it. Throws LSCOREDB_LAYOUTS_EXHAUSTED.
+  // Numbers of layouts that were taken away while this process was alone, rising.
+  void Offer(std::vector<LayoutNumber> numbers);
+
+  // A number that is not taken; takes it. Among few layouts it is the lowest. Among many, which it
+  // would take long to look through, those on offer come first, then those above all that were ever
+  // committed, and the rest when these run out. Throws LSCOREDB_LAYOUTS_EXHAUSTED.
   LayoutNumber Take(View const& view);
 
  private:
@@ -48,7 +55,9 @@ class LayoutNumbers {
 
   // The content of the file.
   struct Board {
-    std::atomic<std::uint64_t> complete;  // all layouts that were there at first are marked
+    // Below this number there may be layouts that were there at first and are not marked; 0: it is
+    // not known yet, 1: all are marked.
+    std::atomic<std::uint64_t> unmarked_below;
     std::array<std::atomic<std::uint64_t>, kWords> taken;
   };
   static_assert(std::atomic<std::uint64_t>::is_always_lock_free, "processes share the words");
@@ -62,13 +71,20 @@ class LayoutNumbers {
   static constexpr Words FreshWords();
   Words ReadWords() const;
   void Map();
-  void Complete(View const& view);
-  void Mark(LayoutNumber number);
+  std::uint64_t FindUnmarked(View const& view);
+  void MarkAll(View const& view);
+  // Returns whether it was not marked before.
+  bool Mark(LayoutNumber number);
+  LayoutNumber TakeOffered();
+  // The lowest one that is not marked, from a number on; kNoLayout: none.
+  LayoutNumber TakeFrom(std::size_t first);
 
   int file_ = -1;
   bool alone_ = false;
   std::unique_ptr<Board> own_;
   Board* board_ = nullptr;
+  std::mutex mutex_;
+  std::vector<LayoutNumber> offered_;  // falling
 };
 
 }  // namespace lscore

@@ -32,14 +32,15 @@ void KeepBases(View const& view, std::set<LayoutNumber>& unused) {
 
 }  // namespace
 
-void CollectLayouts(Store& store) {
+std::vector<LayoutNumber> CollectLayouts(Store& store) {
   Batch batch(store);
   std::set<LayoutNumber> unused = ReleasedAndEmpty(batch);
-  if (unused.empty()) return;
+  if (unused.empty()) return {};
   KeepBases(batch, unused);
-  if (unused.empty()) return;
+  if (unused.empty()) return {};
   for (LayoutNumber const number : unused) DeleteLayout(batch, number);
   batch.Commit();
+  return {unused.begin(), unused.end()};
 }
 
 }  // namespace lscore

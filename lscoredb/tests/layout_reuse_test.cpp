@@ -339,6 +339,29 @@ TEST_F(LayoutReuseTest, WhenNumbersRunOut_TheTransactionGoesOnAndALaterProcessHa
   });
 }
 
+TEST_F(LayoutReuseTest, NumbersLeftOverAmongManyLayouts_ComeWhenTheOthersRunOut) {
+  constexpr LayoutId kMany = 300;
+  MakeLayouts(kMany);
+  Elsewhere([](Session& session) {
+    for (LayoutId const layout : LayoutIds{7, 9}) EXPECT_STATUS(0, Release(session, layout));
+  });
+  Elsewhere([](Session& session) {
+    EXPECT_EQ(session.CreateLayout(kNewToken, {}), 7) << "it took the layout away";
+  });
+  Elsewhere([](Session& session) { EXPECT_EQ(session.CreateLayout(kNewToken, {}), kMany + 1); });
+  InAnotherProcess([&] {
+    Database database(place_);
+    Session session(database);
+    session.Begin();
+    LayoutId layout = 0;
+    for (LayoutId i = kMany + 1; i < kHighest; ++i) Check("create", TryCreate(session, &layout));
+    EXPECT_EQ(layout, kHighest);
+    Check("create", TryCreate(session, &layout));
+    EXPECT_EQ(layout, 9);
+    EXPECT_STATUS(LSCOREDB_LAYOUTS_EXHAUSTED, TryCreate(session, &layout));
+  });
+}
+
 TEST_F(LayoutReuseTest, SeventyThousandChangesOfOneTableOverSeveralProcesses) {
   constexpr int kProcesses = 7;
   constexpr int kTransactions = 1000;
