@@ -114,6 +114,7 @@ std::string TextOfError(std::string const& body) {
 
 PostgresCluster::PostgresCluster(std::string directory)
     : directory_(std::filesystem::absolute(directory)), programs_(FindPrograms()) {
+  std::filesystem::remove_all(directory_ + "/data");  // of a run that was killed
   if (geteuid() == 0) {
     passwd const& user = ServerUser();
     if (chown(directory_.c_str(), user.pw_uid, user.pw_gid) != 0) {
