@@ -55,14 +55,24 @@ Finding OfLayout(LayoutNumber number) {
 }
 Finding OfIndex(IndexId id) { return {LSCOREDB_FINDING_INDEX, {}, id, {}, LSCOREDB_NO_COLUMN}; }
 
-// Visits the sound records; `broken` is told of the others.
+bool IsKeptInMeta(Letter letter) {
+  return letter == format::kCountLetter || letter == format::kSetChangeLetter;
+}
+
+// Visits the sound records that begin with `prefix`; `broken` is told of the others.
 template <typename Visit, typename Broken>
-void ForEachRecord(Snapshot const& snapshot, Visit&& visit, Broken&& broken) {
+void ForEachIn(Snapshot const& snapshot, Tree tree, std::string const& prefix, Visit&& visit,
+               Broken&& broken) {
   Cursor cursor;
-  cursor.Open(snapshot, Tree::kDefinitions);
-  for (bool on = cursor.First(); on; on = cursor.Next()) {
+  cursor.Open(snapshot, tree);
+  bool on = prefix.empty() ? cursor.First() : cursor.Seek(prefix);
+  for (; on && cursor.key().starts_with(prefix); on = cursor.Next()) {
     if (!IsSealed(cursor.key(), cursor.value())) {
       broken(cursor.key(), "Its checksum is wrong.");
+      continue;
+    }
+    if (IsKeptInMeta(cursor.key()[0]) != (tree == Tree::kMeta)) {
+      broken(cursor.key(), "It stands in the wrong tree.");
       continue;
     }
     Status const status = Guarded([&] {
@@ -70,6 +80,14 @@ void ForEachRecord(Snapshot const& snapshot, Visit&& visit, Broken&& broken) {
       return LORV_STATUS_OK;
     });
     if (status != LORV_STATUS_OK) broken(cursor.key(), "It is not well formed.");
+  }
+}
+
+template <typename Visit, typename Broken>
+void ForEachRecord(Snapshot const& snapshot, Visit&& visit, Broken&& broken) {
+  ForEachIn(snapshot, Tree::kDefinitions, "", visit, broken);
+  for (Letter const letter : {format::kCountLetter, format::kSetChangeLetter}) {
+    ForEachIn(snapshot, Tree::kMeta, std::string(1, letter), visit, broken);
   }
 }
 

@@ -109,7 +109,7 @@ ObjectCheck::Set& ObjectCheck::SetOf(std::u16string const& setspec) {
   set.covering = definitions_.Covering(setspec);
   std::string const key = SetChangeKey(setspec);
   std::string_view record;
-  if (snapshot_.Get(Tree::kDefinitions, key, &record) && IsSealed(key, record)) {
+  if (snapshot_.Get(Tree::kMeta, key, &record) && IsSealed(key, record)) {
     Status const read = Guarded([&] {
       set.changed = ParseSetChange(Unseal(key, record)).commit;
       return LORV_STATUS_OK;

@@ -20,9 +20,9 @@ std::string KeyOf(char letter, Parts... parts) {
 
 // Visits the keys that begin with `prefix`, in order, until `visit` returns false.
 template <typename Visit>
-void ForEachWithPrefix(View const& view, std::string const& prefix, Visit&& visit) {
+void ForEachWithPrefix(View const& view, Tree tree, std::string const& prefix, Visit&& visit) {
   Cursor cursor;
-  cursor.Open(view, Tree::kDefinitions);
+  cursor.Open(view, tree);
   for (bool on = cursor.Seek(prefix); on && cursor.key().starts_with(prefix); on = cursor.Next()) {
     std::string_view const record = Unseal(cursor.key(), cursor.value());
     if (!visit(cursor.key().substr(prefix.size()), record)) return;
@@ -101,7 +101,7 @@ void WriteLayout(Batch& batch, Layout const& layout, LayoutOrder order) {
 
 std::vector<std::pair<LayoutOrder, LayoutNumber>> LayoutsOfToken(View const& view, Token token) {
   std::vector<std::pair<LayoutOrder, LayoutNumber>> found;
-  ForEachWithPrefix(view, KeyOf(format::kLayoutTokenLetter, Raw(token)),
+  ForEachWithPrefix(view, Tree::kDefinitions, KeyOf(format::kLayoutTokenLetter, Raw(token)),
                     [&](std::string_view key, std::string_view value) {
                       FieldReader fields(value);
                       LayoutOrder order;
@@ -119,7 +119,7 @@ namespace {
 // The numbers in the keys of a letter and what stands there, rising.
 template <typename Visit>
 void ForEachNumber(View const& view, char letter, Visit&& visit) {
-  ForEachWithPrefix(view, std::string(1, letter),
+  ForEachWithPrefix(view, Tree::kDefinitions, std::string(1, letter),
                     [&](std::string_view key, std::string_view value) {
                       if (key.size() != 2) Throw(LSCOREDB_DAMAGED);
                       visit(LayoutNumber{LoadBig<std::uint16_t>(key.data())}, value);
@@ -186,7 +186,7 @@ void DeleteLayout(Batch& batch, LayoutNumber number) {
   Token const token = ParseLayout(number, record)->token();
   batch.Delete(Tree::kDefinitions, LayoutKey(number));
   batch.Delete(Tree::kDefinitions, KeyOf(format::kLayoutTokenLetter, Raw(token), Raw(number)));
-  batch.Delete(Tree::kDefinitions, KeyOf(format::kCountLetter, Raw(number)));
+  batch.Delete(Tree::kMeta, KeyOf(format::kCountLetter, Raw(number)));
   batch.Delete(Tree::kDefinitions, KeyOf(format::kReleaseLetter, Raw(number)));
 }
 
@@ -286,7 +286,7 @@ bool HasIndex(View const& view, IndexId id) {
 
 std::vector<IndexId> IndexesOfToken(View const& view, Token token) {
   std::vector<IndexId> ids;
-  ForEachWithPrefix(view, KeyOf(format::kIndexTokenLetter, Raw(token)),
+  ForEachWithPrefix(view, Tree::kDefinitions, KeyOf(format::kIndexTokenLetter, Raw(token)),
                     [&](std::string_view key, std::string_view) {
                       if (key.size() != 8) Throw(LSCOREDB_DAMAGED);
                       ids.push_back(IndexId{LoadBig<std::uint64_t>(key.data())});
@@ -365,7 +365,7 @@ IndexList IndexCatalogue::CollectLocked(View const& view, std::u16string_view se
   IndexList found;
   TextHash hash;
   for (std::size_t length = 0;; ++length) {
-    ForEachWithPrefix(view, KeyOf(format::kIndexSetLetter, hash.value()),
+    ForEachWithPrefix(view, Tree::kDefinitions, KeyOf(format::kIndexSetLetter, hash.value()),
                       [&](std::string_view key, std::string_view) {
                         if (key.size() != 8) Throw(LSCOREDB_DAMAGED);
                         IndexDefinition const* const index =
@@ -418,16 +418,17 @@ void WriteSetChange(Batch& batch, std::u16string_view setspec) {
   std::string value;
   Append(value, Raw(batch.id()));
   AppendText(value, setspec);
-  PutSealed(batch, Tree::kDefinitions, SetChangeKey(setspec), value);
+  PutSealed(batch, Tree::kMeta, SetChangeKey(setspec), value);
 }
 
 bool SetChangedSince(View const& view, std::u16string_view prefix, CommitId since) {
   bool changed = false;
-  ForEachWithPrefix(view, SetChangePrefix(prefix), [&](std::string_view, std::string_view value) {
-    SetChange const change = ParseSetChange(value);
-    changed = change.commit > since && change.setspec.starts_with(prefix);
-    return !changed;
-  });
+  ForEachWithPrefix(view, Tree::kMeta, SetChangePrefix(prefix),
+                    [&](std::string_view, std::string_view value) {
+                      SetChange const change = ParseSetChange(value);
+                      changed = change.commit > since && change.setspec.starts_with(prefix);
+                      return !changed;
+                    });
   return changed;
 }
 
@@ -445,7 +446,7 @@ LayoutCount ParseCount(std::string_view record) {
 LayoutCount ReadCount(View const& view, LayoutNumber number) {
   std::string_view record;
   std::string const key = KeyOf(format::kCountLetter, Raw(number));
-  return GetSealed(view, Tree::kDefinitions, key, &record) ? ParseCount(record) : LayoutCount{};
+  return GetSealed(view, Tree::kMeta, key, &record) ? ParseCount(record) : LayoutCount{};
 }
 
 void WriteCount(Batch& batch, LayoutNumber number, LayoutCount const& count) {
@@ -453,7 +454,7 @@ void WriteCount(Batch& batch, LayoutNumber number, LayoutCount const& count) {
   Append(value, count.objects);
   value.push_back(count.has_setspec ? 1 : 0);
   if (count.has_setspec) AppendText(value, count.setspec);
-  PutSealed(batch, Tree::kDefinitions, KeyOf(format::kCountLetter, Raw(number)), value);
+  PutSealed(batch, Tree::kMeta, KeyOf(format::kCountLetter, Raw(number)), value);
 }
 
 }  // namespace lscore

@@ -45,13 +45,14 @@
 //   'S' hash of set specifier (8), index id (8) -> nothing: the indexes over a set specifier
 //   'R' layout number (2)                 -> nothing: a layout that may be taken away once no
 //                                            object and no other layout needs it
-//   'C' layout number (2)                 -> count of objects (8), 1 and their set specifier, or 0
-//   'W' set specifier cut at kSetPrefix, its hash (8) -> commit (8) that last changed an object
-//                                            of that set, and the whole set specifier
 //
 // "meta": "format" -> kMagic, version (4), without checksum; "next-id" -> first id not reserved yet
 //   (8); "indexes" -> commit (8) that last created or dropped an index; "states-before" -> what the
-//   store's own count of commits falls short of ours (8), in a packed copy; absent: nothing.
+//   store's own count of commits falls short of ours (8), in a packed copy; absent: nothing. And
+//   what most commits change, so that they touch few pages for it: a letter and
+//   'C' layout number (2)                 -> count of objects (8), 1 and their set specifier, or 0
+//   'W' set specifier cut at kSetPrefix, its hash (8) -> commit (8) that last changed an object
+//                                            of that set, and the whole set specifier
 
 #include <cstddef>
 #include <cstdint>

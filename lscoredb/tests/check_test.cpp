@@ -207,6 +207,11 @@ TEST_F(CheckTest, ADefinitionOfAnUnknownKindIsTold) {
   ExpectOnly({.kind = LSCOREDB_FINDING_DEFINITION});
 }
 
+TEST_F(CheckTest, ACountAmongTheDefinitionsIsTold) {
+  Tree("definitions").PutSealed("C" + Big(layout_, 2), Little(0, 9));
+  ExpectOnly(OfLayout(LSCOREDB_FINDING_DEFINITION, layout_));
+}
+
 TEST_F(CheckTest, AnImpossibleTypeOfAnIndexedColumnIsTold) {
   Tree("definitions").Change("I" + Big(names_, 8), [](std::string& record) { record[16] = 77; });
   ExpectOnly({.kind = LSCOREDB_FINDING_DEFINITION, .index = names_, .column = 0});
@@ -245,7 +250,7 @@ TEST_F(CheckTest, ALayoutWithoutItsBaseIsTold) {
 }
 
 TEST_F(CheckTest, ACountOfNoLayoutIsTold) {
-  Tree("definitions").PutSealed("C" + Big(999, 2), Little(3, 8) + Little(0, 1));
+  Tree("meta").PutSealed("C" + Big(999, 2), Little(3, 8) + Little(0, 1));
   ExpectOnly(OfLayout(LSCOREDB_FINDING_LAYOUT, 999));
 }
 
@@ -282,13 +287,13 @@ TEST_F(CheckTest, ASetOfAnotherIndexIsTold) {
 }
 
 TEST_F(CheckTest, AWrongCountIsTold) {
-  Tree("definitions").Change("C" + Big(layout_, 2), [](std::string& record) { record[0] = 9; });
+  Tree("meta").Change("C" + Big(layout_, 2), [](std::string& record) { record[0] = 9; });
   ExpectOnly(OfLayout(LSCOREDB_FINDING_COUNT, layout_));
 }
 
 TEST_F(CheckTest, AChangeThatIsNotNotedForItsSetIsTold) {
   {
-    StoredTree tree = Tree("definitions");
+    StoredTree tree = Tree("meta");
     std::string elsewhere = "W";
     for (char const letter : std::string("elsewhere/")) elsewhere += std::string(1, '\0') + letter;
     tree.Delete(tree.FindPrefix(elsewhere));
@@ -297,7 +302,7 @@ TEST_F(CheckTest, AChangeThatIsNotNotedForItsSetIsTold) {
 }
 
 TEST_F(CheckTest, AChangeNotedUnderAnotherSetIsTold) {
-  Tree("definitions").PutSealed("Wxyz", Little(1, 8) + std::string("\0set/", 5));
+  Tree("meta").PutSealed("Wxyz", Little(1, 8) + std::string("\0set/", 5));
   ExpectOnly({.kind = LSCOREDB_FINDING_DEFINITION});
 }
 
