@@ -51,7 +51,7 @@ std::string_view Take(std::string_view& bytes, std::size_t size) {
 
 std::uint32_t ChecksumOf(RecordHead head, std::string_view payload) {
   head.checksum = 0;
-  return lscore::Crc32c(payload, lscore::Crc32c(BytesOf(head)));
+  return lscore::Crc32c(BytesOf(head), payload);
 }
 
 void AddPut(std::string& puts, Tree tree, MDB_val key, MDB_val value) {

@@ -48,8 +48,9 @@ void CommitQueue::TryAll(Tickets tickets) {
   for (CommitTicket* const ticket : tickets) {
     CommitRequest& request = RequestOf(ticket);
     CommitWork work(batch, request, position, kept);
+    bool const next = Raw(batch.id()) == Raw(request.snapshot.id()) + 1;
     request.status = Guarded([&] {
-      work.Validate();
+      work.Validate(next && !anything);
       return LORV_STATUS_OK;
     });
     if (request.status != LORV_STATUS_OK) continue;

@@ -1,5 +1,7 @@
 #include "commit_work.h"
 
+#include <algorithm>
+
 #include "bytes.h"
 #include "format.h"
 #include "keys.h"
@@ -43,10 +45,16 @@ void KeptChanges::PutBack() noexcept {
 
 // ---- checks ------------------------------------------------------------------------------------
 
-void CommitWork::Validate() {
+void CommitWork::Validate(bool nothing_between) {
   request_.changes.ForEachRow([this](PendingRow const& row) {
-    if (Matters(row)) ValidateRow(row);
+    if (Matters(row)) rows_.push_back(&row);
   });
+  // Neighbours share pages, and a tree that grows at its end is filled.
+  std::sort(rows_.begin(), rows_.end(),
+            [](PendingRow const* a, PendingRow const* b) { return a->id < b->id; });
+  if (!nothing_between) {
+    for (PendingRow const* const row : rows_) ValidateRow(*row);
+  }
   ValidateLayouts();
   ValidateIndexes();
   late_ = IndexVersion(batch_) != request_.index_version;
@@ -94,9 +102,7 @@ bool CommitWork::IsLive(PendingIndex const& entries) const {
 
 void CommitWork::DeriveLateEntries() {
   now_ = std::make_unique<IndexCatalogue>(IndexVersion(batch_));
-  request_.changes.ForEachRow([this](PendingRow const& row) {
-    if (Matters(row)) DeriveLateEntries(row);
-  });
+  for (PendingRow const* const row : rows_) DeriveLateEntries(*row);
 }
 
 void CommitWork::DeriveLateEntries(PendingRow const& row) {
@@ -142,9 +148,7 @@ void CommitWork::CheckUnique(PendingIndex const& entries) {
 // ---- writes ------------------------------------------------------------------------------------
 
 void CommitWork::Apply() {
-  request_.changes.ForEachRow([this](PendingRow const& row) {
-    if (Matters(row)) ApplyRow(row);
-  });
+  for (PendingRow const* const row : rows_) ApplyRow(*row);
   for (auto const& entries : request_.changes.indexes()) {
     if (IsLive(*entries)) ApplyEntries(*entries);
   }
@@ -201,13 +205,13 @@ void CommitWork::ApplyEntries(PendingIndex const& entries) {
   IndexDefinition const& index = entries.index();
   for (auto const& [key, entry] : entries.map()) {
     if (entry.state != EntryState::kRemoved || !entry.may_be_committed) continue;
-    DeleteEntry(batch_, index, key.encoded, key.object);
+    entries_.Delete(index, key.encoded, key.object);
   }
   for (auto const& [key, entry] : entries.map()) {
     if (entry.state != EntryState::kPresent) continue;
     PendingRow const* const row = request_.changes.FindRow(key.object);
     LayoutNumber const layout = row != nullptr ? row->layout->number() : entry.layout;
-    PutEntry(batch_, index, key.encoded, key.object, layout);
+    entries_.Put(index, key.encoded, key.object, layout);
   }
 }
 
@@ -245,12 +249,15 @@ void CommitWork::CountChange(PendingRow const& row) {
 
 void CommitWork::NoteSet(Cell const& setspec) {
   if (!setspec.present) return;
-  bool const again = setspec.bytes() == last_set_ && setspec.wide == last_wide_;
-  if (again && !changed_sets_.empty()) return;
+  NotedSet& noted = noted_sets_[next_noted_];
+  auto const same = [&](NotedSet const& one) {
+    return one.present && one.wide == setspec.wide && one.bytes == setspec.bytes();
+  };
+  if (std::any_of(noted_sets_.begin(), noted_sets_.end(), same)) return;
   Unpack(setspec.text(), text_);
   changed_sets_.insert(text_);
-  last_set_ = setspec.bytes();
-  last_wide_ = setspec.wide;
+  noted = {std::string(setspec.bytes()), setspec.wide, true};
+  next_noted_ = (next_noted_ + 1) % noted_sets_.size();
 }
 
 void CommitWork::ApplyCounts() {

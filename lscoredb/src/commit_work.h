@@ -4,6 +4,7 @@
 // One transaction's part of a batch: all checks first, which write nothing, then all writes. Used
 // by the leader of a commit, on its thread; the transaction itself stands still meanwhile.
 
+#include <array>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -35,13 +36,13 @@ class KeptChanges {
 class CommitWork {
  public:
   // `position` numbers the layouts made in this batch.
-  CommitWork(Batch& batch, CommitRequest const& request, std::uint32_t& position,
-             KeptChanges& kept)
-      : batch_(batch), request_(request), position_(position), kept_(kept) {}
+  CommitWork(Batch& batch, CommitRequest const& request, std::uint32_t& position, KeptChanges& kept)
+      : batch_(batch), request_(request), position_(position), kept_(kept), entries_(batch) {}
 
   // Throws LSCOREDB_CONFLICT or LSCOREDB_DUPLICATE_KEY when the transaction cannot be committed.
-  // Has written nothing then.
-  void Validate();
+  // Has written nothing then. `nothing_between`: no commit came after the snapshot, and the batch is
+  // empty.
+  void Validate(bool nothing_between);
   // Writes everything. When it throws, the batch is of no use any more.
   void Apply();
 
@@ -69,6 +70,11 @@ class CommitWork {
   void ApplyCounts();
   void ApplySetChanges();
 
+  struct NotedSet {
+    std::string bytes;  // packed
+    bool wide = false;
+    bool present = false;
+  };
   struct CountDelta {
     std::int64_t objects = 0;
     PendingRow const* example = nullptr;  // a row that is under the layout now
@@ -78,7 +84,9 @@ class CommitWork {
   CommitRequest const& request_;
   std::uint32_t& position_;
   KeptChanges& kept_;
-  bool late_ = false;  // indexes were created or dropped since the snapshot
+  EntryWriter entries_;
+  std::vector<PendingRow const*> rows_;  // with something to do for them, by id
+  bool late_ = false;                    // indexes were created or dropped since the snapshot
   std::unique_ptr<IndexCatalogue> now_;
   Arena arena_;
   std::map<IndexId, std::unique_ptr<PendingIndex>> late_entries_;
@@ -88,8 +96,8 @@ class CommitWork {
   std::u16string text_;
   std::map<LayoutNumber, CountDelta> counts_;
   std::set<std::u16string> changed_sets_;
-  std::string last_set_;  // the packed bytes of the one noted last: rows of one set come together
-  bool last_wide_ = false;
+  std::array<NotedSet, 8> noted_sets_;  // some of those, so that most rows need not ask
+  std::size_t next_noted_ = 0;
 };
 
 }  // namespace lscore

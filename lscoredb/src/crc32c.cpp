@@ -24,24 +24,29 @@ constexpr Table MakeTable() {
 constexpr Table kTable = MakeTable();
 
 #if defined(__x86_64__)
-__attribute__((target("sse4.2"))) std::uint32_t Crc32cHardware(std::string_view bytes,
-                                                               std::uint32_t before) {
-  std::uint64_t crc = ~before;
+__attribute__((target("sse4.2"))) inline std::uint32_t Advance(std::uint32_t before,
+                                                               std::string_view bytes) {
+  std::uint64_t crc = before;
   char const* at = bytes.data();
   std::size_t left = bytes.size();
   for (; left >= 8; at += 8, left -= 8) {
     crc = __builtin_ia32_crc32di(crc, Load<std::uint64_t>(at));
   }
   auto tail = static_cast<std::uint32_t>(crc);
-  for (; left > 0; ++at, --left) {
-    tail = __builtin_ia32_crc32qi(tail, static_cast<unsigned char>(*at));
+  if ((left & 4) != 0) {
+    tail = __builtin_ia32_crc32si(tail, Load<std::uint32_t>(at));
+    at += 4;
   }
-  return ~tail;
+  if ((left & 2) != 0) {
+    tail = __builtin_ia32_crc32hi(tail, Load<std::uint16_t>(at));
+    at += 2;
+  }
+  return (left & 1) == 0 ? tail : __builtin_ia32_crc32qi(tail, static_cast<unsigned char>(*at));
 }
 
-bool HasInstruction() {
-  static bool const has = __builtin_cpu_supports("sse4.2") != 0;
-  return has;
+__attribute__((target("sse4.2"))) std::uint32_t Crc32cHardware(std::string_view first,
+                                                               std::string_view second) {
+  return ~Advance(Advance(~std::uint32_t{0}, first), second);
 }
 #endif
 
@@ -54,11 +59,11 @@ std::uint32_t Crc32cPortable(std::string_view bytes, std::uint32_t before) {
   return ~crc;
 }
 
-std::uint32_t Crc32c(std::string_view bytes, std::uint32_t before) {
+std::uint32_t Crc32c(std::string_view first, std::string_view second) {
 #if defined(__x86_64__)
-  if (HasInstruction()) return Crc32cHardware(bytes, before);
+  if (__builtin_cpu_supports("sse4.2")) return Crc32cHardware(first, second);
 #endif
-  return Crc32cPortable(bytes, before);
+  return Crc32cPortable(second, Crc32cPortable(first));
 }
 
 }  // namespace lscore

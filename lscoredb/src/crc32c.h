@@ -6,11 +6,12 @@
 
 namespace lscore {
 
-// The CRC-32C checksum of `bytes`, by the processor's instruction where it has one. With `before`,
-// the checksum of other bytes, it is that of those and these one after another. Pure, any thread.
-std::uint32_t Crc32c(std::string_view bytes, std::uint32_t before = 0);
+// The CRC-32C checksum of `first` and `second` one after another, by the processor's instruction
+// where it has one. Pure, any thread.
+std::uint32_t Crc32c(std::string_view first, std::string_view second = {});
 
-// The same without the instruction; the two agree on every input.
+// Of bytes behind those whose checksum is `before`, without the instruction; the two agree on every
+// input.
 std::uint32_t Crc32cPortable(std::string_view bytes, std::uint32_t before = 0);
 
 }  // namespace lscore

@@ -24,11 +24,22 @@ int ComparePieces(std::string_view a, std::string_view a_tail, std::string_view 
   return ComparePieces(a_tail, {}, b, b_tail);
 }
 
-std::string EntryKey(IndexDefinition const& index, std::string_view encoded, ObjectId object) {
-  std::string key = index.entry_prefix;
+void BuildKey(IndexDefinition const& index, std::string_view encoded, ObjectId object,
+              std::string& key) {
+  key = index.entry_prefix;
   key.append(encoded.substr(0, format::kKeyPrefix));
   AppendOrderedId(key, Raw(object));
-  return key;
+}
+
+void BuildRecord(IndexDefinition const& index, std::string_view encoded, ObjectId object,
+                 LayoutNumber layout, EntryRecord& record) {
+  BuildKey(index, encoded, object, record.key);
+  record.value.clear();
+  Append(record.value, Raw(layout));
+  std::size_t const cut = std::min(encoded.size(), format::kKeyPrefix);
+  record.value.push_back(static_cast<char>(record.key.size() - index.entry_prefix.size() - cut));
+  record.value.append(encoded.substr(cut));
+  Seal(record.key, record.value);
 }
 
 }  // namespace
@@ -54,24 +65,20 @@ int Compare(Entry const& a, Entry const& b) {
 
 EntryRecord RecordOf(IndexDefinition const& index, std::string_view encoded, ObjectId object,
                      LayoutNumber layout) {
-  EntryRecord record{EntryKey(index, encoded, object), {}};
-  Append(record.value, Raw(layout));
-  std::size_t const cut = std::min(encoded.size(), format::kKeyPrefix);
-  record.value.push_back(static_cast<char>(record.key.size() - index.entry_prefix.size() - cut));
-  record.value.append(encoded.substr(cut));
-  Seal(record.key, record.value);
+  EntryRecord record;
+  BuildRecord(index, encoded, object, layout, record);
   return record;
 }
 
-void PutEntry(Batch& batch, IndexDefinition const& index, std::string_view encoded, ObjectId object,
-              LayoutNumber layout) {
-  EntryRecord const record = RecordOf(index, encoded, object, layout);
-  batch.Put(Tree::kIndex, record.key, record.value);
+void EntryWriter::Put(IndexDefinition const& index, std::string_view encoded, ObjectId object,
+                      LayoutNumber layout) {
+  BuildRecord(index, encoded, object, layout, record_);
+  batch_.Put(Tree::kIndex, record_.key, record_.value);
 }
 
-void DeleteEntry(Batch& batch, IndexDefinition const& index, std::string_view encoded,
-                 ObjectId object) {
-  batch.Delete(Tree::kIndex, EntryKey(index, encoded, object));
+void EntryWriter::Delete(IndexDefinition const& index, std::string_view encoded, ObjectId object) {
+  BuildKey(index, encoded, object, record_.key);
+  batch_.Delete(Tree::kIndex, record_.key);
 }
 
 void DeleteEntries(Batch& batch, IndexDefinition const& index) {

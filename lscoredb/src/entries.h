@@ -47,10 +47,19 @@ EntryRecord RecordOf(IndexDefinition const& index, std::string_view encoded, Obj
 // Of what an entry's record holds. Throws LSCOREDB_DAMAGED.
 Entry ParseEntry(IndexDefinition const& index, std::string_view key, std::string_view value);
 
-void PutEntry(Batch& batch, IndexDefinition const& index, std::string_view encoded, ObjectId object,
-              LayoutNumber layout);
-void DeleteEntry(Batch& batch, IndexDefinition const& index, std::string_view encoded,
-                 ObjectId object);
+// Puts and deletes entries, one after another in memory that it keeps.
+class EntryWriter {
+ public:
+  explicit EntryWriter(Batch& batch) : batch_(batch) {}
+
+  void Put(IndexDefinition const& index, std::string_view encoded, ObjectId object,
+           LayoutNumber layout);
+  void Delete(IndexDefinition const& index, std::string_view encoded, ObjectId object);
+
+ private:
+  Batch& batch_;
+  EntryRecord record_;
+};
 // Deletes all entries of an index.
 void DeleteEntries(Batch& batch, IndexDefinition const& index);
 
@@ -72,7 +81,15 @@ class EntryCursor {
   Entry const& entry() const { return in_group_ ? group_[group_at_] : entry_; }
 
  private:
-  bool InIndex() const { return cursor_.key().starts_with(index_->entry_prefix); }
+  // The prefix is a few bytes, and every step asks.
+  bool InIndex() const {
+    std::string_view const key = cursor_.key();
+    std::string const& prefix = index_->entry_prefix;
+    if (key.size() < prefix.size()) return false;
+    std::size_t same = 0;
+    while (same < prefix.size() && key[same] == prefix[same]) ++same;
+    return same == prefix.size();
+  }
   void Arrive(bool on_entry, bool forward);
   void GatherGroup(bool forward);
   Entry Parse() const;

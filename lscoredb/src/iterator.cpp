@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "bytes.h"
 #include "keys.h"
 #include "transaction.h"
 
@@ -42,6 +43,7 @@ void Iterator::Start(Transaction& transaction, IndexDefinition const& index, boo
   seen_ = transaction.now_;
   pending_ = transaction.changes_.FindIndex(index.id);
   has_committed_ = pending_ == nullptr || pending_->committed();
+  step_due_ = false;
   if (has_committed_) {
     committed_.Open(*transaction.snapshot_, index);
     reverse ? committed_.SeekLast(high_) : committed_.SeekFirst(low_);
@@ -65,9 +67,16 @@ void Iterator::Finish() {
   pending_ = nullptr;
 }
 
+// Mostly the first bytes tell.
 bool Iterator::CommittedInRange() const {
   if (!has_committed_ || !committed_.valid()) return false;
   EncodedKey const& key = committed_.entry().key;
+  std::string const& bound = reverse_ ? low_ : high_;
+  if (key.head.size() >= sizeof(std::uint64_t) && bound.size() >= sizeof(std::uint64_t)) {
+    auto const own = LoadBig<std::uint64_t>(key.head.data());
+    auto const last = LoadBig<std::uint64_t>(bound.data());
+    if (own != last) return (own < last) != reverse_;
+  }
   return reverse_ ? Compare(key, {low_, {}}) >= 0 : ComparePrefix(key, high_) <= 0;
 }
 
@@ -77,7 +86,14 @@ bool Iterator::PendingInRange() const {
   return reverse_ ? Compare(key, {low_, {}}) >= 0 : ComparePrefix(key, high_) <= 0;
 }
 
-void Iterator::StepCommitted() { reverse_ ? committed_.Previous() : committed_.Next(); }
+// Whoever wants one entry is not to pay for the next.
+void Iterator::StepCommitted() { step_due_ = true; }
+
+void Iterator::TakeDueStep() {
+  if (!step_due_) return;
+  step_due_ = false;
+  reverse_ ? committed_.Previous() : committed_.Next();
+}
 
 void Iterator::StepPending() {
   if (reverse_) {
@@ -93,29 +109,27 @@ void Iterator::SkipUntouched() {
   while (!at_end_ && at_->second.At(seen_) == EntryState::kUntouched) StepPending();
 }
 
-bool Iterator::NextEntry(Entry* out) {
+Entry const* Iterator::NextEntry() {
   for (;;) {
+    TakeDueStep();
     SkipUntouched();
     bool const committed = CommittedInRange();
     bool const pending = PendingInRange();
-    if (!committed && !pending) return false;
-    Entry own;
-    if (pending) own = {{at_->first.encoded, {}}, at_->first.object, at_->second.layout};
+    if (!committed && !pending) return nullptr;
+    if (pending) written_ = {{at_->first.encoded, {}}, at_->first.object, at_->second.layout};
     int order = committed ? -1 : 1;
     if (committed && pending) {
-      order = Compare(committed_.entry(), own);
+      order = Compare(committed_.entry(), written_);
       if (reverse_) order = -order;
     }
     if (order < 0) {
-      *out = committed_.entry();
       StepCommitted();
-      return true;
+      return &committed_.entry();
     }
     bool const present = at_->second.At(seen_) == EntryState::kPresent;
-    *out = own;
     if (order == 0) StepCommitted();
     StepPending();
-    if (present) return true;
+    if (present) return &written_;
   }
 }
 
@@ -126,11 +140,11 @@ Status Iterator::Next(ObjectId* object, LayoutNumber* layout) {
 }
 
 Status Iterator::Step(ObjectId* object, LayoutNumber* layout) {
-  for (Entry entry; NextEntry(&entry);) {
-    PendingRow const* const row = transaction_->changes_.FindRow(entry.object);
+  while (Entry const* const entry = NextEntry()) {
+    PendingRow const* const row = transaction_->changes_.FindRow(entry->object);
     if (row != nullptr && row->deleted) continue;
-    *object = entry.object;
-    *layout = row != nullptr ? row->layout->number() : entry.layout;
+    *object = entry->object;
+    *layout = row != nullptr ? row->layout->number() : entry->layout;
     return LORV_STATUS_OK;
   }
   *object = kNoObject;

@@ -36,10 +36,12 @@ class Iterator {
   // REQUIRES: low_ and high_ are set.
   void Start(Transaction& transaction, IndexDefinition const& index, bool reverse);
   void Finish();
-  bool NextEntry(Entry* out);
+  // Null at the end. Valid until the next call.
+  Entry const* NextEntry();
   bool CommittedInRange() const;
   bool PendingInRange() const;
   void StepCommitted();
+  void TakeDueStep();
   void StepPending();
   void SkipUntouched();
 
@@ -51,9 +53,11 @@ class Iterator {
   std::string high_;
   EntryCursor committed_;
   bool has_committed_ = false;
+  bool step_due_ = false;  // of the committed entries
   PendingIndex const* pending_ = nullptr;
   PendingIndex::Map::const_iterator at_;
   bool at_end_ = true;
+  Entry written_;  // the pending entry that is next
 };
 
 }  // namespace lscore

@@ -237,7 +237,7 @@ std::size_t ReadOrderedId(std::string_view bytes, std::uint64_t* id) {
   std::uint64_t value = 0;
   for (char const byte : bytes.substr(1, count))
     value = value << 8 | static_cast<std::uint8_t>(byte);
-  if (value <= kMaxShortId || SignificantBytes(value) != count) return 0;
+  if (value <= kMaxShortId || bytes[1] == 0) return 0;  // one number has one form
   *id = value;
   return count + 1;
 }

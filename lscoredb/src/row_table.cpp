@@ -13,6 +13,7 @@ namespace lscore {
 namespace {
 
 constexpr std::uint64_t kUsualRow = 128;  // bytes; says how many places there are for the memory
+constexpr std::size_t kManyRows = 20000;
 constexpr std::size_t kLine = 64;
 
 // What stands behind the image of a row.
@@ -98,8 +99,7 @@ KeptRow const* RowTable::Find(ObjectId id, CommitId state) const {
 
 // ---- the table ---------------------------------------------------------------------------------
 
-RowTable::RowTable(StateWatch const& watch, std::uint64_t memory)
-    : watch_(watch), memory_(memory) {
+RowTable::RowTable(StateWatch const& watch, std::uint64_t memory) : watch_(watch), memory_(memory) {
   std::uint64_t const places = std::max<std::uint64_t>(memory / kUsualRow, kWays);
   bucket_bits_ = static_cast<std::size_t>(std::bit_width(places / kWays) - 1);
 }
@@ -107,8 +107,8 @@ RowTable::RowTable(StateWatch const& watch, std::uint64_t memory)
 RowTable::~RowTable() {
   Bucket* const buckets = buckets_.load();
   if (buckets != nullptr) {
-    for (std::size_t i = 0; i < BucketCount(); ++i) {
-      for (Place const place : buckets[i].places) KeptRowFree()(RowAt(place));
+    for (std::size_t region = 0; region < kRegions; ++region) {
+      if (used_[region]) FreeRegion(buckets + region * RegionSize());
     }
     munmap(buckets, BucketCount() * sizeof(Bucket));
   }
@@ -117,9 +117,13 @@ RowTable::~RowTable() {
   }
 }
 
-RowTable::Place RowTable::Mark(ObjectId id) {
-  return (Raw(id) * 0x9E3779B97F4A7C15) & ~kAddress;
+void RowTable::FreeRegion(Bucket const* first) noexcept {
+  for (Bucket const* bucket = first; bucket < first + RegionSize(); ++bucket) {
+    for (Place const place : bucket->places) KeptRowFree()(RowAt(place));
+  }
 }
+
+RowTable::Place RowTable::Mark(ObjectId id) { return (Raw(id) * 0x9E3779B97F4A7C15) & ~kAddress; }
 
 RowTable::Place RowTable::PlaceOf(KeptRow* row) {
   auto const address = static_cast<Place>(reinterpret_cast<std::uintptr_t>(row));
@@ -135,7 +139,6 @@ RowTable::Bucket* RowTable::Buckets() noexcept {
   void* const zeros = mmap(nullptr, BucketCount() * sizeof(Bucket), PROT_READ | PROT_WRITE,
                            MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
   if (zeros == MAP_FAILED) return nullptr;
-  madvise(zeros, BucketCount() * sizeof(Bucket), MADV_HUGEPAGE);  // a wish: it works without
   buckets = static_cast<Bucket*>(zeros);
   buckets_.store(buckets, std::memory_order_release);
   return buckets;
@@ -209,8 +212,19 @@ void RowTable::Put(Bucket& bucket, KeptRowPtr row) noexcept {
   for (std::size_t i = 0; i < kWays && bucket.places[way] != 0; ++i) way = (way + 1) % kWays;
   if (bucket.places[way] != 0) Remove(bucket, way);
   placed_ += AllocatedSize(row->size);
+  NoteUsed(bucket);
   Set(bucket.places[way], PlaceOf(row.get()));
   static_cast<void>(row.release());
+}
+
+// Large pages are a wish: everything works without them. For a few rows they would cost more than
+// they bring.
+void RowTable::NoteUsed(Bucket const& bucket) noexcept {
+  Bucket* const buckets = buckets_.load(std::memory_order_relaxed);
+  auto const number = static_cast<std::size_t>(&bucket - buckets);
+  used_[number / RegionSize()].store(true, std::memory_order_relaxed);
+  if (rows_put_.fetch_add(1, std::memory_order_relaxed) + 1 != kManyRows) return;
+  madvise(buckets, BucketCount() * sizeof(Bucket), MADV_HUGEPAGE);
 }
 
 bool RowTable::MakeRoom(Bucket& bucket, std::uint64_t size) noexcept {

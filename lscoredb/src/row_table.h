@@ -94,6 +94,7 @@ class RowTable {
   static constexpr std::size_t kStripes = 1024;
   static constexpr std::uint64_t kAddress = (std::uint64_t{1} << 48) - 1;
   static constexpr std::size_t kFirstRetired = 64;
+  static constexpr std::size_t kRegions = 256;  // of buckets
   static constexpr std::uint64_t kNotReading = ~std::uint64_t{0};
 
   // The address of a row, and above it bits that are made of the row's id; 0: free. Read and written
@@ -118,9 +119,12 @@ class RowTable {
 
   KeptRow const* Find(ObjectId id, CommitId state) const;
   std::size_t BucketCount() const { return std::size_t{1} << bucket_bits_; }
+  std::size_t RegionSize() const { return (BucketCount() + kRegions - 1) / kRegions; }
   std::size_t BucketOf(ObjectId id) const;
   Stripe& StripeOf(std::size_t bucket) { return stripes_[bucket % kStripes]; }
   Bucket* Buckets() noexcept;
+  void NoteUsed(Bucket const& bucket) noexcept;
+  void FreeRegion(Bucket const* first) noexcept;
   // REQUIRES: the stripe's lock, for these.
   void Put(Bucket& bucket, KeptRowPtr row) noexcept;
   void Remove(Bucket& bucket, std::size_t way) noexcept;
@@ -134,6 +138,8 @@ class RowTable {
   std::uint64_t const memory_;
   std::size_t bucket_bits_ = 0;  // there are 2 to the power of it
   std::atomic<Bucket*> buckets_{nullptr};
+  std::array<std::atomic<bool>, kRegions> used_{};  // regions that ever held a row
+  std::atomic<std::size_t> rows_put_{0};
   std::mutex buckets_mutex_;
   std::array<Stripe, kStripes> stripes_;
 

@@ -7,13 +7,13 @@
 namespace lscore {
 
 void Seal(std::string_view key, std::string& record) {
-  Append(record, Crc32c(record, Crc32c(key)));
+  Append(record, Crc32c(key, record));
 }
 
 bool IsSealed(std::string_view key, std::string_view sealed) {
   if (sealed.size() < kSealSize) return false;
   std::string_view const record = sealed.substr(0, sealed.size() - kSealSize);
-  return Load<std::uint32_t>(record.data() + record.size()) == Crc32c(record, Crc32c(key));
+  return Load<std::uint32_t>(record.data() + record.size()) == Crc32c(key, record);
 }
 
 std::string_view Unseal(std::string_view key, std::string_view sealed) {

@@ -146,6 +146,8 @@ void Batch::Commit() {
 void Cursor::Open(View const& view, Tree tree) {
   bool const of_snapshot = view.frozen_;
   view_ = &view;
+  behind_ = false;
+  leaf_.Leave();
   if (cursor_ != nullptr && of_snapshot && of_snapshot_ && tree == tree_) {
     CheckStore(mdb_cursor_renew(view.txn_, cursor_));
     return;
@@ -162,6 +164,8 @@ void Cursor::Close() {
 }
 
 bool Cursor::Move(int operation) {
+  behind_ = false;
+  leaf_.Leave();
   MDB_val k = ValueOf(key_);
   MDB_val v{};
   int const code = mdb_cursor_get(cursor_, &k, &v, static_cast<MDB_cursor_op>(operation));
@@ -181,8 +185,26 @@ bool Cursor::Seek(std::string_view key) {
 
 bool Cursor::First() { return Move(MDB_FIRST); }
 bool Cursor::Last() { return Move(MDB_LAST); }
-bool Cursor::Next() { return Move(MDB_NEXT); }
-bool Cursor::Previous() { return Move(MDB_PREV); }
+bool Cursor::Next() { return Step(MDB_NEXT); }
+bool Cursor::Previous() { return Step(MDB_PREV); }
+
+bool Cursor::Step(int operation) {
+  bool const forward = operation == MDB_NEXT;
+  if (EnterLeaf() && (forward ? leaf_.Next(&key_, &value_) : leaf_.Previous(&key_, &value_))) {
+    behind_ = true;
+    return true;
+  }
+  if (behind_ && !Move(MDB_SET)) View::ThrowDamaged();
+  return Move(operation);
+}
+
+bool Cursor::EnterLeaf() {
+  if (leaf_.inside()) return true;
+  if (!of_snapshot_ || view_->begin_ == 0) return false;
+  std::size_t const size = view_->store_->page_size_;
+  std::size_t const place = reinterpret_cast<std::uintptr_t>(key_.data()) - view_->begin_;
+  return leaf_.Enter(key_.data() - place % size, size, key_.data());
+}
 
 // ---- the store ---------------------------------------------------------------------------------
 

@@ -18,6 +18,7 @@
 
 #include "ids.h"
 #include "state_watch.h"
+#include "store_leaf.h"
 #include "store_pages.h"
 
 struct MDB_env;
@@ -137,6 +138,8 @@ class Cursor {
 
  private:
   bool Move(int operation);
+  bool Step(int operation);
+  bool EnterLeaf();
 
   MDB_cursor* cursor_ = nullptr;
   View const* view_ = nullptr;
@@ -144,6 +147,8 @@ class Cursor {
   bool of_snapshot_ = false;
   std::string_view key_;
   std::string_view value_;
+  LeafWalk leaf_;        // of a snapshot, once it is walked
+  bool behind_ = false;  // the store's cursor stands where the walk of the leaf began
 };
 
 class Store {

@@ -1,0 +1,91 @@
+// Walks over a snapshot, which step through pages by themselves, beside walks over a batch, which
+// the store's library makes.
+
+#include <gtest/gtest.h>
+
+#include <random>
+
+#include "../src/bytes.h"
+#include "../src/store.h"
+
+namespace lscore {
+namespace {
+
+std::string KeyOf(std::uint32_t number) {
+  std::string key;
+  AppendBig(key, number);
+  return key + std::string(number % 37, 'k');
+}
+
+// Values of all sizes: none, small ones, and such as lie on pages of their own.
+std::string ValueOf(std::uint32_t number) {
+  std::size_t const size = number % 23 == 0 ? 9000 + number : number % 200;
+  return std::string(size, static_cast<char>('a' + number % 26));
+}
+
+class StoreWalkTest : public testing::TestWithParam<std::uint32_t> {
+ protected:
+  StoreWalkTest() {
+    StoreOptions options;
+    options.sync = false;
+    store_ = Store::Open(nullptr, options);
+    Batch batch(*store_);
+    for (std::uint32_t i = 0; i < GetParam(); ++i) batch.Put(Tree::kParts, KeyOf(i), ValueOf(i));
+    batch.Put(Tree::kMeta, "state", "one");
+    batch.Commit();
+    snapshot_ = store_->Begin();
+  }
+  ~StoreWalkTest() override { store_->End(std::move(snapshot_)); }
+
+  std::unique_ptr<Store> store_;
+  std::unique_ptr<Snapshot> snapshot_;
+};
+
+TEST_P(StoreWalkTest, GivesEveryEntryOnceInBothDirections) {
+  Cursor cursor;
+  cursor.Open(*snapshot_, Tree::kParts);
+  std::uint32_t met = 0;
+  for (bool on = cursor.First(); on; on = cursor.Next(), ++met) {
+    ASSERT_EQ(KeyOf(met), cursor.key());
+    ASSERT_EQ(ValueOf(met), cursor.value());
+  }
+  EXPECT_EQ(GetParam(), met);
+  for (bool on = cursor.Last(); on; on = cursor.Previous()) {
+    ASSERT_EQ(KeyOf(--met), cursor.key());
+    ASSERT_EQ(ValueOf(met), cursor.value());
+  }
+  EXPECT_EQ(0u, met);
+}
+
+// Turns, jumps and steps across both ends.
+TEST_P(StoreWalkTest, GoesWhereTheStoresOwnCursorGoes) {
+  Batch batch(*store_);
+  Cursor own;
+  own.Open(*snapshot_, Tree::kParts);
+  Cursor stores;
+  stores.Open(batch, Tree::kParts);
+  std::mt19937 random(5);
+  bool on = own.First();
+  ASSERT_EQ(stores.First(), on);
+  for (int step = 0; step < 20000; ++step) {
+    auto const choice = static_cast<std::uint32_t>(random() % 40);
+    if (!on || choice == 0) {
+      std::string const key = KeyOf(static_cast<std::uint32_t>(random() % (GetParam() + 1)));
+      on = own.Seek(key);
+      ASSERT_EQ(stores.Seek(key), on);
+    } else {
+      bool const forward = (step / 50) % 2 == 0 ? choice < 30 : choice < 10;
+      on = forward ? own.Next() : own.Previous();
+      ASSERT_EQ(forward ? stores.Next() : stores.Previous(), on);
+    }
+    if (!on) continue;
+    ASSERT_EQ(stores.key(), own.key());
+    ASSERT_EQ(stores.value(), own.value());
+  }
+  stores.Close();
+}
+
+INSTANTIATE_TEST_SUITE_P(Sizes, StoreWalkTest, testing::Values(1u, 7u, 300u, 3000u));
+
+}  // namespace
+}  // namespace lscore
