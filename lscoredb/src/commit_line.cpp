@@ -26,12 +26,11 @@ bool CommitLine::Gather(Lock& lock, std::condition_variable& turn) {
   auto const until = last_end_ + company_.patience();
   if (std::chrono::steady_clock::now() >= until) return true;
   state_ = State::kGathering;
-  found_ = waiting_.size();
   return !turn.wait_until(lock, until, [&] { return batches_ != batch; });
 }
 
 void CommitLine::Take(Tickets* batch) {
-  if (state_ == State::kIdle) found_ = 0;
+  waited_ = state_ == State::kGathering;
   state_ = State::kLed;
   ++batches_;
   batch->swap(waiting_);
@@ -40,8 +39,7 @@ void CommitLine::Take(Tickets* batch) {
 void CommitLine::Finish(Tickets const& batch, Company::Duration took) {
   Lock lock(mutex_);
   for (CommitTicket* const ticket : batch) ticket->done = true;
-  bool const waited = found_ != 0;
-  company_.Ended({batch.size(), waiting_.size(), waited, batch.size() > found_, took});
+  company_.Ended({batch.size(), waiting_.size(), waited_, took});
   last_end_ = std::chrono::steady_clock::now();
   state_ = State::kIdle;
   std::size_t const size = batch.size();

@@ -63,7 +63,7 @@ class CommitLine {
   Tickets waiting_;
   Company company_;
   std::chrono::steady_clock::time_point last_end_;
-  std::size_t found_ = 0;  // how many were there when the first began to wait for company
+  bool waited_ = false;  // somebody, for company, before the batch that is led
 };
 
 }  // namespace lscore

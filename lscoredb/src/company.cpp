@@ -10,10 +10,11 @@ void Company::Ended(Batch const& batch) {
   wanted_ = alone ? 1 : batch.size + batch.behind;
 }
 
-// Whether the next batch goes without waiting because waits were in vain.
+// Whether the next batch goes without waiting because waits were too short.
 bool Company::Pauses(Batch const& batch) {
-  if (batch.waited && batch.came) next_pauses_ = 1;
-  if (batch.waited && !batch.came) {
+  bool const complete = batch.size >= wanted_;
+  if (batch.waited && complete) next_pauses_ = 1;
+  if (batch.waited && !complete) {
     pauses_ = next_pauses_;
     next_pauses_ = std::min(next_pauses_ * 2, kMostPauses);
   }

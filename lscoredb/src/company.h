@@ -5,8 +5,8 @@
 // the same for one commit as for eight, so those who share one each pay a part. Who was busy a
 // moment ago tells who will come back: the members of the last batch and those who lined up behind
 // it. They are waited for until a time after the end of that batch, so someone who comes alone, or
-// later, waits for nobody. A wait in which nobody came is not repeated at once: after each one in a
-// row twice as many batches go without.
+// later, waits for nobody. A wait that ended before all were there cost more than it brought and is
+// not repeated at once: after each one in a row twice as many batches go without.
 //
 // Looks at no clock. Used under its owner's lock.
 
@@ -29,14 +29,13 @@ class Company {
   static constexpr Duration kShortest = std::chrono::microseconds(30);
   // Nobody waits longer, however long a batch took: it may have waited for another process.
   static constexpr Duration kLongest = std::chrono::milliseconds(2);
-  // The most batches that go without after waits in vain.
+  // The most batches that go without after waits that were too short.
   static constexpr unsigned kMostPauses = 64;
 
   struct Batch {
     std::size_t size = 1;    // of the batch that ended
     std::size_t behind = 0;  // lined up for the next one when it ended
     bool waited = false;     // for company before it started
-    bool came = false;       // somebody, meanwhile
     Duration took{0};        // from its start to its end
   };
 
@@ -54,7 +53,7 @@ class Company {
   std::size_t wanted_ = 1;
   Duration patience_{0};
   unsigned pauses_ = 0;       // batches still to go without
-  unsigned next_pauses_ = 1;  // after the next wait in vain
+  unsigned next_pauses_ = 1;  // after the next wait that is too short
 };
 
 }  // namespace lscore

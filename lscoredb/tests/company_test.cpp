@@ -11,11 +11,8 @@ using namespace std::chrono_literals;
 
 constexpr Company::Duration kTook = 600us;
 
-Company::Batch Ended(std::size_t size, std::size_t behind) {
-  return {size, behind, false, false, kTook};
-}
-Company::Batch WaitedInVain(std::size_t size) { return {size, 0, true, false, kTook}; }
-Company::Batch WaitedWell(std::size_t size) { return {size, 0, true, true, kTook}; }
+Company::Batch Ended(std::size_t size, std::size_t behind) { return {size, behind, false, kTook}; }
+Company::Batch Waited(std::size_t size, std::size_t behind) { return {size, behind, true, kTook}; }
 
 class CompanyTest : public testing::Test {
  protected:
@@ -48,40 +45,48 @@ TEST_F(CompanyTest, MembersOfTheBatchAndThoseBehindIt_AreExpected) {
 
 TEST_F(CompanyTest, WhoStayedAway_IsNotExpectedAgain) {
   company_.Ended(Ended(8, 0));
-  company_.Ended(WaitedWell(5));
+  company_.Ended(Ended(5, 0));
   EXPECT_EQ(5U, company_.wanted());
 }
 
 TEST_F(CompanyTest, WaitsArePartOfWhatABatchTakes) {
-  company_.Ended({2, 0, false, false, 600us});
+  company_.Ended({2, 0, false, 600us});
   EXPECT_EQ(600us / Company::kPart, company_.patience());
 }
 
 TEST_F(CompanyTest, NoWaitIsLongerThanTheLongest) {
-  company_.Ended({2, 0, false, false, 1h});
+  company_.Ended({2, 0, false, 1h});
   EXPECT_EQ(Company::kLongest, company_.patience());
 }
 
 TEST_F(CompanyTest, WhereBatchesAreQuick_NobodyIsWaitedFor) {
-  company_.Ended({8, 3, false, false, Company::kShortest});
+  company_.Ended({8, 3, false, Company::kShortest});
   EXPECT_EQ(1U, company_.wanted());
 }
 
-TEST_F(CompanyTest, AfterWaitsInVain_TwiceAsManyBatchesGoWithout) {
+TEST_F(CompanyTest, AfterWaitsThatWereTooShort_TwiceAsManyBatchesGoWithout) {
+  company_.Ended(Ended(2, 0));
   for (int const pauses : {1, 2, 4, 8, 16, 32, 64, 64}) {
-    company_.Ended(WaitedInVain(2));
+    company_.Ended(Waited(1, 1));
     EXPECT_EQ(pauses, Pauses());
   }
 }
 
-TEST_F(CompanyTest, AfterAWaitInWhichSomebodyCame_OneInVainCostsLittleAgain) {
+TEST_F(CompanyTest, SomeOfThoseExpected_AreTooFew) {
+  company_.Ended(Ended(8, 0));
+  company_.Ended(Waited(7, 1));
+  EXPECT_EQ(1U, company_.wanted());
+}
+
+TEST_F(CompanyTest, AfterAWaitForAll_OneThatIsTooShortCostsLittleAgain) {
+  company_.Ended(Ended(2, 0));
   for (int i = 0; i < 5; ++i) {
-    company_.Ended(WaitedInVain(2));
+    company_.Ended(Waited(1, 1));
     Pauses();
   }
-  company_.Ended(WaitedWell(2));
+  company_.Ended(Waited(2, 0));
   EXPECT_EQ(2U, company_.wanted());
-  company_.Ended(WaitedInVain(2));
+  company_.Ended(Waited(1, 1));
   EXPECT_EQ(1, Pauses());
 }
 
