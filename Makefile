@@ -7,18 +7,20 @@ DATA    := build/data
 STATUS  ?= /var/lib/dpkg/status
 ARGS    ?=
 
-.PHONY: help setup build run test lint tidy clean
+.PHONY: help setup build run test bench lint tidy clean
 
 help:
 	@echo "make run    build everything, then load this machine's package database, ask it questions"
 	@echo "            and change its schema"
 	@echo "            (STATUS=file loads another one, ARGS='--show gcc' passes options on)"
 	@echo "make test   build everything and run the tests"
+	@echo "make bench  measure sagleme beside LMDB, SQLite and, where it is installed, PostgreSQL;"
+	@echo "            ten minutes, and docs/performance.md is written anew"
 	@echo "make build  build the libraries, the example and the tests"
 	@echo "make lint   check the house rules on a built tree"
 	@echo "make tidy   run clang-tidy over the sources (needs clang-tidy)"
 	@echo "make clean  remove build/"
-	@echo "run, test and build first install the Debian packages that are missing, with apt-get."
+	@echo "run, test, bench and build first install the Debian packages that are missing, with apt-get."
 
 setup:
 	@tools/setup
@@ -41,6 +43,14 @@ run: setup $(BUILD)/build.ninja
 
 test: build
 	ctest --test-dir $(BUILD) --output-on-failure -j$$(nproc)
+
+bench:
+	@tools/setup libsqlite3-dev
+	cmake --preset release -DSAGLEME_BENCH=ON
+	cmake --build $(BUILD) --target bench_stores
+	rm -rf $(DATA)/bench
+	@mkdir -p $(DATA)
+	$(BUILD)/bench/bench_stores $(DATA)/bench --json $(BUILD)/bench.json --page docs/performance.md
 
 lint:
 	tools/lint $(BUILD)

@@ -7,6 +7,7 @@
 #include <functional>
 #include <iostream>
 
+#include "page.h"
 #include "results.h"
 #include "sections.h"
 
@@ -15,6 +16,7 @@ namespace {
 
 struct Outputs {
   std::string json;
+  std::string table;
   std::string page;
 };
 
@@ -65,12 +67,14 @@ int Main(int argc, char** argv) {
       ->check(CLI::Range(1, 100));
   app.add_option("--only", only, "only sections whose names hold this word");
   app.add_option("--json", outputs.json, "a file for all figures");
-  app.add_option("--table", outputs.page, "a file for the table");
+  app.add_option("--table", outputs.table, "a file for the table");
+  app.add_option("--page", outputs.page, "a file for the page of the documentation");
   CLI11_PARSE(app, argc, argv);
   std::vector<Result> const results = MeasureAll(settings, only);
   std::cout << TableOf(results);
   WriteFile(outputs.json, JsonOf(results));
-  WriteFile(outputs.page, TableOf(results));
+  WriteFile(outputs.table, TableOf(results));
+  WriteFile(outputs.page, PageOf(results, settings));
   return 0;
 }
 

@@ -1,0 +1,20 @@
+#ifndef SAGLEME_BENCH_PAGE_H
+#define SAGLEME_BENCH_PAGE_H
+
+// The page of the documentation that tells how fast sagleme is: texts of bench/texts around the
+// table of a run.
+
+#include <string>
+#include <vector>
+
+#include "results.h"
+#include "sections.h"
+
+namespace bench {
+
+// Throws a runtime_error when a text cannot be read.
+std::string PageOf(std::vector<Result> const& results, Settings const& settings);
+
+}  // namespace bench
+
+#endif
