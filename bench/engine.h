@@ -49,8 +49,9 @@ class Engine {
   // Puts another value, from which the next call with it comes back to the first.
   virtual void UpdateIndexed(std::int64_t flip) = 0;
 
-  // Closes what is open and opens it again, up to the first column read.
-  virtual Sum Reopen() = 0;
+  virtual void Close() = 0;
+  // Opens what was closed, up to the first column read.
+  virtual Sum Open() = 0;
   virtual std::uint64_t Bytes() = 0;
 
  protected:

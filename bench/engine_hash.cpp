@@ -36,7 +36,8 @@ class HashEngine : public Engine {
   void UpdateIndexed(std::int64_t flip) override {
     for (Number const i : selected()) things_.find(i + 1)->second.indexed ^= flip;
   }
-  Sum Reopen() override { return 0; }
+  void Close() override {}
+  Sum Open() override { return 0; }
   std::uint64_t Bytes() override { return 0; }
 
  private:

@@ -15,9 +15,9 @@ class LmdbEngine : public Engine {
  public:
   LmdbEngine(std::string directory, bool durable)
       : directory_(std::move(directory)), durable_(durable) {
-    Open();
+    OpenTrees(true);
   }
-  ~LmdbEngine() override { Close(); }
+  ~LmdbEngine() override { CloseTrees(); }
 
   void Create(Number first, Number count) override {
     for (Number begin = first; begin < first + count; begin += kBatch) {
@@ -96,9 +96,9 @@ class LmdbEngine : public Engine {
     });
   }
 
-  Sum Reopen() override {
-    Close();
-    Open();
+  void Close() override { CloseTrees(); }
+  Sum Open() override {
+    OpenTrees(false);
     static constexpr Number kFirst = 0;
     Select({&kFirst, 1});
     return ReadOne();
@@ -106,22 +106,23 @@ class LmdbEngine : public Engine {
   std::uint64_t Bytes() override { return std::filesystem::file_size(directory_ + "/data.mdb"); }
 
  private:
-  void Open() {
+  void OpenTrees(bool make) {
     Check(mdb_env_create(&env_));
     Check(mdb_env_set_maxdbs(env_, 2));
     Check(mdb_env_set_mapsize(env_, std::size_t{16} << 30));
     unsigned const flags = MDB_NORDAHEAD | (durable_ ? 0U : unsigned{MDB_NOSYNC});
     Check(mdb_env_open(env_, directory_.c_str(), flags | MDB_NOTLS, 0640));
+    unsigned const create = make ? MDB_CREATE : 0;
     MDB_txn* txn = nullptr;
-    Check(mdb_txn_begin(env_, nullptr, 0, &txn));
-    Check(mdb_dbi_open(txn, "rows", MDB_CREATE | MDB_INTEGERKEY, &rows_));
-    Check(mdb_dbi_open(txn, "index", MDB_CREATE, &index_));
+    Check(mdb_txn_begin(env_, nullptr, make ? 0 : MDB_RDONLY, &txn));
+    Check(mdb_dbi_open(txn, "rows", create | MDB_INTEGERKEY, &rows_));
+    Check(mdb_dbi_open(txn, "index", create, &index_));
     Check(mdb_txn_commit(txn));
     Check(mdb_txn_begin(env_, nullptr, MDB_RDONLY, &read_));
     Check(mdb_cursor_open(read_, index_, &cursor_));
     mdb_txn_reset(read_);
   }
-  void Close() {
+  void CloseTrees() {
     mdb_cursor_close(cursor_);
     mdb_txn_abort(read_);
     mdb_env_close(env_);

@@ -104,6 +104,7 @@ class SaglemeEngine : public Engine {
 
   void Select(Numbers which) override {
     Engine::Select(which);
+    if (context_ != nullptr && handles_ == nullptr) TakeHandles();
     references_.clear();
     for (Number const i : which) references_.push_back(objects_[i]);
   }
@@ -181,16 +182,22 @@ class SaglemeEngine : public Engine {
     });
   }
 
-  Sum Reopen() override {
+  void Close() override {
     handles_.reset();
     context_.reset();
     database_.reset();
+  }
+  // A program asks for the handles that it needs: here it is one.
+  Sum Open() override {
     database_ = std::make_unique<sagleme::Database>(sagleme::Database::Open(directory_, options_));
     context_ = std::make_unique<sagleme::Context>(*database_);
-    static constexpr Number kFirst = 0;
-    TakeHandles();
-    Select({&kFirst, 1});
-    return ReadOne();
+    std::int64_t value = 0;
+    Read([&] {
+      PropertyAccessInfo* plain = nullptr;
+      Check(lorv_crud_GetPropertyHandle(id(), kNames[0], u"Plain", &plain));
+      Check(lorv_crud_ReadLong(id(), plain, objects_[0].oid, objects_[0].addr, &value));
+    });
+    return Bits(value);
   }
   std::uint64_t Bytes() override { return database_->Statistics().file_size; }
 

@@ -193,9 +193,11 @@ class SqliteEngine : public Engine {
   void UpdatePlain(std::int64_t value) override { Update(statements_->update_plain, value); }
   void UpdateIndexed(std::int64_t flip) override { Update(statements_->update_indexed, flip); }
 
-  Sum Reopen() override {
+  void Close() override {
+    if (!directory_.empty()) statements_.reset();
+  }
+  Sum Open() override {
     if (directory_.empty()) return 0;
-    statements_.reset();
     statements_ = std::make_unique<Statements>(directory_, durable_);
     return One(0);
   }

@@ -207,8 +207,9 @@ class ObjectBench {
              1,
              {{kLmdb, 1.5}},
              nullptr,
-             [](Engine& engine, std::size_t) { return engine.Reopen(); },
-             {kHash, kSqliteMemory}});
+             [](Engine& engine, std::size_t) { return engine.Open(); },
+             {kHash, kSqliteMemory},
+             [](Engine& engine) { engine.Close(); }});
     std::size_t const count = std::min<std::size_t>(200000, settings_.objects);
     Measure({"read one long, random, on first touch",
              count,
@@ -216,7 +217,10 @@ class ObjectBench {
              [&](std::size_t round) { return Distinct(count, round); },
              [](Engine& engine, std::size_t) { return engine.ReadOne(); },
              {kHash, kSqliteMemory},
-             [](Engine& engine) { engine.Reopen(); }});
+             [](Engine& engine) {
+               engine.Close();
+               engine.Open();
+             }});
   }
 
   Engine& EngineOf(std::string const& name) {

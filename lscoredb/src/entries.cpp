@@ -158,6 +158,17 @@ void EntryCursor::GatherGroup(bool forward) {
   group_at_ = forward ? 0 : group_.size() - 1;
 }
 
+ObjectId EntryCursor::Guess(std::size_t ahead, bool forward) const {
+  std::string_view key;
+  std::string_view value;
+  std::uint64_t object = 0;
+  if (!cursor_.Peek(ahead, forward, &key, &value) || value.size() < kValueHead) return kNoObject;
+  auto const id_size = static_cast<unsigned char>(value[2]);
+  if (id_size > key.size()) return kNoObject;
+  return ReadOrderedId(key.substr(key.size() - id_size), &object) == id_size ? ObjectId{object}
+                                                                             : kNoObject;
+}
+
 Entry EntryCursor::Parse() const { return ParseEntry(*index_, cursor_.key(), cursor_.value()); }
 
 Entry ParseEntry(IndexDefinition const& index, std::string_view stored, std::string_view sealed) {

@@ -44,6 +44,7 @@ void Iterator::Start(Transaction& transaction, IndexDefinition const& index, boo
   pending_ = transaction.changes_.FindIndex(index.id);
   has_committed_ = pending_ == nullptr || pending_->committed();
   step_due_ = false;
+  given_ = kNoObject;
   if (has_committed_) {
     committed_.Open(*transaction.snapshot_, index);
     reverse ? committed_.SeekLast(high_) : committed_.SeekFirst(low_);
@@ -133,6 +134,14 @@ Entry const* Iterator::NextEntry() {
   }
 }
 
+// Whoever read the object that was given last will read the next ones. What waits for memory then
+// is on its way while objects before it are worked with.
+void Iterator::FetchAhead() const {
+  if (transaction_->cache_.Find(given_) == nullptr) return;
+  transaction_->kept_rows_.FetchPlace(committed_.Guess(kPlacesAhead, !reverse_));
+  transaction_->kept_rows_.FetchRow(committed_.Guess(kRowsAhead, !reverse_));
+}
+
 Status Iterator::Next(ObjectId* object, LayoutNumber* layout) {
   if (transaction_ == nullptr) return LSCOREDB_NO_TRANSACTION;
   if (failed_ == LORV_STATUS_OK) failed_ = Guarded([&] { return Step(object, layout); });
@@ -143,6 +152,8 @@ Status Iterator::Step(ObjectId* object, LayoutNumber* layout) {
   while (Entry const* const entry = NextEntry()) {
     PendingRow const* const row = transaction_->changes_.FindRow(entry->object);
     if (row != nullptr && row->deleted) continue;
+    FetchAhead();
+    given_ = entry->object;
     *object = entry->object;
     *layout = row != nullptr ? row->layout->number() : entry->layout;
     return LORV_STATUS_OK;

@@ -44,6 +44,10 @@ class Iterator {
   void TakeDueStep();
   void StepPending();
   void SkipUntouched();
+  void FetchAhead() const;
+
+  static constexpr std::size_t kPlacesAhead = 8;
+  static constexpr std::size_t kRowsAhead = 4;
 
   Transaction* transaction_ = nullptr;  // null: not open, or ended
   Status failed_ = LORV_STATUS_OK;
@@ -57,6 +61,7 @@ class Iterator {
   PendingIndex const* pending_ = nullptr;
   PendingIndex::Map::const_iterator at_;
   bool at_end_ = true;
+  ObjectId given_{};
   Entry written_;  // the pending entry that is next
 };
 

@@ -73,7 +73,7 @@ class RowCache {
 
   std::unique_ptr<void, Free> memory_;  // from the system as zeros, page by page
   Set* sets_ = nullptr;                 // in it
-  std::vector<std::uint32_t> used_;  // sets with a row, while they are few
+  std::vector<std::uint32_t> used_;     // sets with a row, while they are few
 };
 
 }  // namespace lscore

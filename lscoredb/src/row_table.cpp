@@ -97,6 +97,20 @@ KeptRow const* RowTable::Find(ObjectId id, CommitId state) const {
   return nullptr;
 }
 
+void RowTable::FetchPlace(ObjectId id) const {
+  Bucket* const buckets = buckets_.load(std::memory_order_acquire);
+  if (buckets != nullptr) __builtin_prefetch(&buckets[BucketOf(id)]);
+}
+
+void RowTable::FetchRow(ObjectId id) const {
+  Bucket* const buckets = buckets_.load(std::memory_order_acquire);
+  if (buckets == nullptr) return;
+  Place const place = Get(buckets[BucketOf(id)].places[Raw(id) % kWays]);
+  if (place == 0 || (place & ~kAddress) != Mark(id)) return;
+  __builtin_prefetch(RowAt(place));
+  __builtin_prefetch(reinterpret_cast<char const*>(RowAt(place)) + kLine);
+}
+
 // ---- the table ---------------------------------------------------------------------------------
 
 RowTable::RowTable(StateWatch const& watch, std::uint64_t memory) : watch_(watch), memory_(memory) {

@@ -60,6 +60,11 @@ class RowTable {
 
     // The row in the state that is read; null: not in the table. Valid until End.
     KeptRow const* Find(ObjectId id) const { return usable_ ? table_.Find(id, state_) : nullptr; }
+    // Rows that will be looked for soon: first their places are fetched, and then they themselves.
+    void FetchPlace(ObjectId id) const { table_.FetchPlace(id); }
+    void FetchRow(ObjectId id) const {
+      if (usable_) table_.FetchRow(id);
+    }
     // Offers a row that was read from the store.
     void Keep(ObjectId id, Layout const& layout, std::string_view image) noexcept;
 
@@ -118,6 +123,8 @@ class RowTable {
   static std::size_t WayOf(Bucket& bucket, ObjectId id);
 
   KeptRow const* Find(ObjectId id, CommitId state) const;
+  void FetchPlace(ObjectId id) const;
+  void FetchRow(ObjectId id) const;
   std::size_t BucketCount() const { return std::size_t{1} << bucket_bits_; }
   std::size_t RegionSize() const { return (BucketCount() + kRegions - 1) / kRegions; }
   std::size_t BucketOf(ObjectId id) const;

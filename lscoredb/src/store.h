@@ -133,6 +133,12 @@ class Cursor {
   bool Next();
   bool Previous();
 
+  // An entry that many further on, when the cursor has come by steps and it is near. The bytes are
+  // as little checked as those of any other.
+  bool Peek(std::size_t ahead, bool forward, std::string_view* key, std::string_view* value) const {
+    return leaf_.inside() && leaf_.Peek(ahead, forward, key, value);
+  }
+
   std::string_view key() const { return key_; }
   std::string_view value() const { return value_; }
 

@@ -47,6 +47,12 @@ class LeafWalk {
     return at_ > 0 && Take(at_ - 1, key, value);
   }
 
+  // The entry that many further on, without going there.
+  bool Peek(std::size_t ahead, bool forward, std::string_view* key, std::string_view* value) const {
+    if (forward ? ahead >= count_ - at_ : ahead > at_) return false;
+    return Read(forward ? at_ + ahead : at_ - ahead, key, value);
+  }
+
  private:
   static constexpr std::size_t kKindOffset = 10;
   static constexpr std::size_t kLowerOffset = 12;
@@ -55,6 +61,12 @@ class LeafWalk {
   std::size_t PlaceOf(std::size_t at) const { return Short(page_ + pages::kPageHead + 2 * at); }
 
   bool Take(std::size_t at, std::string_view* key, std::string_view* value) {
+    if (!Read(at, key, value)) return false;
+    at_ = at;
+    return true;
+  }
+
+  bool Read(std::size_t at, std::string_view* key, std::string_view* value) const {
     std::size_t const place = PlaceOf(at);
     if (place + pages::kNodeHead > page_size_) return false;
     char const* const node = page_ + place;
@@ -62,7 +74,6 @@ class LeafWalk {
     std::size_t const value_size = Load<std::uint32_t>(node);
     bool const plain = Short(node + 4) == 0;
     if (!plain || pages::kNodeHead + key_size + value_size > page_size_ - place) return false;
-    at_ = at;
     *key = {node + pages::kNodeHead, key_size};
     *value = {node + pages::kNodeHead + key_size, value_size};
     return true;

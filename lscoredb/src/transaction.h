@@ -58,18 +58,15 @@ class Transaction {
   // The value of `column` as layout `as` has it; kNoLayout: the object's own.
   Status Read(ObjectId id, LayoutNumber as, std::uint32_t column, TypeSet types, Cell* out);
   // The same for the value of a fixed column.
-  Status ReadFixed(ObjectId id, LayoutNumber as, std::uint32_t column, TypeSet types,
-                   std::uint64_t* out) {
+  [[gnu::always_inline]] Status ReadFixed(ObjectId id, LayoutNumber as, std::uint32_t column,
+                                          TypeSet types, std::uint64_t* out) {
     RowRef const* const row = FindRow(id);
-    if (row == nullptr || row->image == nullptr) return ReadOtherFixed(id, as, column, types, out);
-    Reading const& reading = ReadingOf(*row->layout, as, column);
+    Reading const* const reading = row == nullptr ? nullptr : FindReading(*row, as, column, types);
+    if (reading == nullptr) return ReadOtherFixed(id, as, column, types, out);
     RowImage const image(row->image);
     std::uint64_t const present = image.FirstWord();
-    if (reading.layout != row->layout || reading.key != KeyOf(as, column) ||
-        (types & reading.type) == 0 || (present & reading.bit) == 0) {
-      return ReadOtherFixed(id, as, column, types, out);
-    }
-    *out = image.FixedIn(present, reading.bit - 1, reading.fixed_offset);
+    if ((present & reading->bit) == 0) return ReadOtherFixed(id, as, column, types, out);
+    *out = image.FixedIn(present, reading->bit - 1, reading->fixed_offset);
     return LORV_STATUS_OK;
   }
   Status Setspec(ObjectId id, Cell* out);
@@ -122,12 +119,13 @@ class Transaction {
     bool SameKey() const { return had_old && has_new && old_key == new_key; }
   };
 
-  // Where a fixed column of one layout lies in images under another one, which may be the same.
+  // Where a column of one layout lies in images under another one, which may be the same.
   struct Reading {
     Layout const* layout = nullptr;  // of the images
     std::uint64_t key = 0;           // the layout that the column is named by, and its number there
     std::uint64_t bit = 0;           // its own, in the first word of presence bits
-    std::uint32_t fixed_offset = 0;
+    std::uint16_t fixed_offset = 0;
+    std::uint16_t own = 0;  // its number there
     TypeSet type = 0;
   };
   static constexpr std::size_t kReadings = 128;
@@ -143,8 +141,19 @@ class Transaction {
     return std::uint64_t{column} << 16 | Raw(as);
   }
   Reading& ReadingOf(Layout const& layout, LayoutNumber as, std::uint32_t column) {
-    return readings_[(Raw(layout.number()) + std::size_t{Raw(as)} * 7 + column) % kReadings];
+    // Layouts of one tree have numbers that follow one another, and so have their columns.
+    return readings_[(Raw(layout.number()) * 13u + Raw(as) * 5u + column) % kReadings];
   }
+  // Null: not noted, or there is no image, or the type is not among those.
+  Reading const* FindReading(RowRef const& row, LayoutNumber as, std::uint32_t column,
+                             TypeSet types) {
+    if (row.image == nullptr) return nullptr;
+    Reading const& reading = ReadingOf(*row.layout, as, column);
+    bool const same = reading.layout == row.layout && reading.key == KeyOf(as, column);
+    return same && (types & reading.type) != 0 ? &reading : nullptr;
+  }
+  Status ReadUnnoted(RowRef const& row, LayoutNumber as, std::uint32_t column, TypeSet types,
+                     Cell* out);
   void NoteReading(RowRef const& row, LayoutNumber as, std::uint32_t column);
   // Kept out of the way of what is read most.
   [[gnu::noinline]] Status ReadOtherFixed(ObjectId id, LayoutNumber as, std::uint32_t column,

@@ -64,25 +64,34 @@ Status Transaction::Read(ObjectId id, LayoutNumber as, std::uint32_t column, Typ
   RowRef const* row = nullptr;
   Status const found = FindLive(id, &row);
   if (found != LORV_STATUS_OK) return found;
-  Layout const& layout = *row->layout;
-  if (as != layout.number() && as != kNoLayout) return ReadAs(*row, as, column, types, out);
+  if (Reading const* const reading = FindReading(*row, as, column, types)) {
+    *out = row->Read(reading->own);
+    if (out->present) return LORV_STATUS_OK;
+  }
+  Status const status = ReadUnnoted(*row, as, column, types, out);
+  if (status == LORV_STATUS_OK && column >= kFirstStoredColumn) NoteReading(*row, as, column);
+  return status;
+}
+
+Status Transaction::ReadUnnoted(RowRef const& row, LayoutNumber as, std::uint32_t column,
+                                TypeSet types, Cell* out) {
+  Layout const& layout = *row.layout;
+  if (as != layout.number() && as != kNoLayout) return ReadAs(row, as, column, types, out);
   if (column >= layout.column_count()) return LSCOREDB_UNKNOWN_COLUMN;
   Column const& own = layout.column(column);
   if ((types & TypeBit(own.type)) == 0) return LSCOREDB_WRONG_TYPE;
-  return ReadOwn(*row, column, out);
+  return ReadOwn(row, column, out);
 }
 
 Status Transaction::ReadOtherFixed(ObjectId id, LayoutNumber as, std::uint32_t column,
                                    TypeSet types, std::uint64_t* out) {
   Cell cell;
   Status const status = Read(id, as, column, types, &cell);
-  if (status != LORV_STATUS_OK) return status;
-  *out = cell.bits;
-  NoteReading(*FindRow(id), as, column);
-  return LORV_STATUS_OK;
+  if (status == LORV_STATUS_OK) *out = cell.bits;
+  return status;
 }
 
-// REQUIRES: the column was read, and is a fixed one.
+// REQUIRES: the column was read.
 void Transaction::NoteReading(RowRef const& row, LayoutNumber as, std::uint32_t column) {
   Layout const& layout = *row.layout;
   Layout const& named = as == kNoLayout ? layout : *FindLayout(as);
@@ -91,8 +100,11 @@ void Transaction::NoteReading(RowRef const& row, LayoutNumber as, std::uint32_t 
   if (!committed || own < static_cast<int>(kFirstStoredColumn)) return;
   Column const& at = layout.column(static_cast<std::uint32_t>(own));
   if (at.bit >= 64) return;
-  ReadingOf(layout, as, column) = {&layout, KeyOf(as, column), std::uint64_t{1} << at.bit,
-                                   static_cast<std::uint32_t>(RowImage::FixedOffset(layout)),
+  ReadingOf(layout, as, column) = {&layout,
+                                   KeyOf(as, column),
+                                   std::uint64_t{1} << at.bit,
+                                   static_cast<std::uint16_t>(RowImage::FixedOffset(layout)),
+                                   static_cast<std::uint16_t>(own),
                                    TypeBit(at.type)};
 }
 
