@@ -40,8 +40,8 @@ class CommitWork {
       : batch_(batch), request_(request), position_(position), kept_(kept), entries_(batch) {}
 
   // Throws LSCOREDB_CONFLICT or LSCOREDB_DUPLICATE_KEY when the transaction cannot be committed.
-  // Has written nothing then. `nothing_between`: no commit came after the snapshot, and the batch is
-  // empty.
+  // Has written nothing then. `nothing_between`: no commit came after the snapshot, and the batch
+  // is empty.
   void Validate(bool nothing_between);
   // Writes everything. When it throws, the batch is of no use any more.
   void Apply();

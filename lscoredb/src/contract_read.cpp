@@ -18,7 +18,8 @@ Status ReadFixed(std::uint64_t context, std::uint64_t oid, std::uint64_t addr, s
   return WithTransaction(context, [&](Transaction& transaction) -> Status {
     if (out == nullptr) return LSCOREDB_NULL_ARGUMENT;
     std::uint64_t bits = 0;
-    Status const status = transaction.ReadFixed(ObjectId{oid}, LayoutOf(addr), column, types, &bits);
+    Status const status =
+        transaction.ReadFixed(ObjectId{oid}, LayoutOf(addr), column, types, &bits);
     if (status == LORV_STATUS_OK) *out = std::bit_cast<Out>(static_cast<BitsOf<Out>>(bits));
     return status;
   });

@@ -76,8 +76,8 @@ class EntryCursor {
   void Next();
   void Previous();
 
-  // What seems to be the object of an entry that many further on; kNoObject: not known. Only to have
-  // it at hand sooner.
+  // What seems to be the object of an entry that many further on; kNoObject: not known. Only to
+  // have it at hand sooner.
   ObjectId Guess(std::size_t ahead, bool forward) const;
 
   bool valid() const { return valid_; }

@@ -46,7 +46,7 @@ class RowImage {
   std::uint64_t Fixed(Layout const& layout, Column const& column) const {
     return Load<std::uint64_t>(bytes_ + FixedOffset(layout) + 8 * CountBelow(column.bit));
   }
-  // The same for a column whose presence bit is in the first word, from what is known of its layout.
+  // The same for a column whose presence bit is in the first word, by what is known of its layout.
   std::uint64_t FixedIn(std::uint64_t word, std::uint64_t below, std::size_t fixed_offset) const {
     return Load<std::uint64_t>(bytes_ + fixed_offset + std::size_t{8} * CountBits(word & below));
   }

@@ -14,7 +14,7 @@ namespace {
 
 constexpr std::uint64_t kUsualRow = 128;  // bytes; says how many places there are for the memory
 constexpr std::size_t kManyRows = 20000;
-constexpr std::size_t kLine = 64;
+constexpr std::size_t kLine = RowMemory::kLine;
 
 // What stands behind the image of a row.
 struct Left {
@@ -45,7 +45,9 @@ void Set(std::uint64_t& place, std::uint64_t value) {
 
 }  // namespace
 
-void KeptRowFree::operator()(KeptRow* row) const noexcept { std::free(row); }
+void KeptRowFree::operator()(KeptRow* row) const noexcept {
+  memory->Give(row, AllocatedSize(row->size));
+}
 
 // ---- readers -----------------------------------------------------------------------------------
 
@@ -113,7 +115,8 @@ void RowTable::FetchRow(ObjectId id) const {
 
 // ---- the table ---------------------------------------------------------------------------------
 
-RowTable::RowTable(StateWatch const& watch, std::uint64_t memory) : watch_(watch), memory_(memory) {
+RowTable::RowTable(StateWatch const& watch, std::uint64_t memory)
+    : watch_(watch), memory_(memory), row_memory_(2 * memory) {
   std::uint64_t const places = std::max<std::uint64_t>(memory / kUsualRow, kWays);
   bucket_bits_ = static_cast<std::size_t>(std::bit_width(places / kWays) - 1);
 }
@@ -127,13 +130,15 @@ RowTable::~RowTable() {
     munmap(buckets, BucketCount() * sizeof(Bucket));
   }
   for (KeptRow* row = retired_; row != nullptr;) {
-    KeptRowFree()(std::exchange(row, LeftOf(*row).before));
+    Free(std::exchange(row, LeftOf(*row).before));
   }
 }
 
 void RowTable::FreeRegion(Bucket const* first) noexcept {
   for (Bucket const* bucket = first; bucket < first + RegionSize(); ++bucket) {
-    for (Place const place : bucket->places) KeptRowFree()(RowAt(place));
+    for (Place const place : bucket->places) {
+      if (place != 0) Free(RowAt(place));
+    }
   }
 }
 
@@ -189,13 +194,13 @@ KeptRowPtr RowTable::Prepare(ObjectId id, Layout const& layout, std::string_view
                              CommitId known) noexcept {
   std::uint64_t const size = AllocatedSize(image.size());
   if (size > memory_) return nullptr;
-  void* const memory = std::aligned_alloc(kLine, size);
+  void* const memory = row_memory_.Take(size);
   // No machine of today gives out addresses that the places cannot hold.
   if (memory == nullptr || (reinterpret_cast<std::uintptr_t>(memory) & ~kAddress) != 0) {
-    std::free(memory);
+    if (memory != nullptr) row_memory_.Give(memory, size);
     return nullptr;
   }
-  KeptRowPtr row(new (memory) KeptRow{id, &layout, known, image.size()});
+  KeptRowPtr row(new (memory) KeptRow{id, &layout, known, image.size()}, {&row_memory_});
   std::memcpy(row.get() + 1, image.data(), image.size());
   return row;
 }
@@ -239,6 +244,7 @@ void RowTable::NoteUsed(Bucket const& bucket) noexcept {
   used_[number / RegionSize()].store(true, std::memory_order_relaxed);
   if (rows_put_.fetch_add(1, std::memory_order_relaxed) + 1 != kManyRows) return;
   madvise(buckets, BucketCount() * sizeof(Bucket), MADV_HUGEPAGE);
+  row_memory_.UseChunks();
 }
 
 bool RowTable::MakeRoom(Bucket& bucket, std::uint64_t size) noexcept {
@@ -278,7 +284,7 @@ void RowTable::FreeRetired() noexcept {
     Left const left = LeftOf(*row);
     if (left.at < oldest) {
       retired_bytes_ -= AllocatedSize(row->size);
-      KeptRowFree()(row);
+      Free(row);
     } else {
       SetLeft(*row, {left.at, std::exchange(retired_, row)});
       ++retired_count_;

@@ -9,8 +9,8 @@
 // that may have them is over; while they make up more than a quarter of the memory none comes in.
 //
 // Readers take no lock. A bucket is one line of the processor's cache, with a place for each of
-// eight neighbours by id, which others may take too: a random read is bound by the lines it touches,
-// and so places are small. When the memory or a bucket is full, another row of the bucket goes.
+// eight neighbours by id, which others may take too: a random read is bound by the lines that it
+// touches, and so places are small. When the memory or a bucket is full, another row of the bucket goes.
 
 #include <array>
 #include <atomic>
@@ -24,6 +24,7 @@
 #include "ids.h"
 #include "layout.h"
 #include "row.h"
+#include "row_memory.h"
 #include "state_watch.h"
 
 namespace lscore {
@@ -41,6 +42,7 @@ struct KeptRow {
 
 struct KeptRowFree {
   void operator()(KeptRow* row) const noexcept;
+  RowMemory* memory = nullptr;
 };
 using KeptRowPtr = std::unique_ptr<KeptRow, KeptRowFree>;
 
@@ -102,8 +104,8 @@ class RowTable {
   static constexpr std::size_t kRegions = 256;  // of buckets
   static constexpr std::uint64_t kNotReading = ~std::uint64_t{0};
 
-  // The address of a row, and above it bits that are made of the row's id; 0: free. Read and written
-  // through std::atomic_ref, since buckets come from the system as zeros.
+  // The address of a row, and above it bits that are made of the row's id; 0: free. Read and
+  // written through std::atomic_ref, since buckets come from the system as zeros.
   using Place = std::uint64_t;
   struct alignas(64) Bucket {
     Place places[kWays];
@@ -138,11 +140,13 @@ class RowTable {
   bool MakeRoom(Bucket& bucket, std::uint64_t size) noexcept;
   bool HasRoom(std::uint64_t size) const { return placed_.load() + size <= memory_; }
   void Retire(KeptRow* row) noexcept;
+  void Free(KeptRow* row) noexcept { KeptRowFree{&row_memory_}(row); }
   // REQUIRES: the lock of what is retired.
   void FreeRetired() noexcept;
 
   StateWatch const& watch_;
   std::uint64_t const memory_;
+  RowMemory row_memory_;
   std::size_t bucket_bits_ = 0;  // there are 2 to the power of it
   std::atomic<Bucket*> buckets_{nullptr};
   std::array<std::atomic<bool>, kRegions> used_{};  // regions that ever held a row

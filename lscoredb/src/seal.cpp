@@ -6,9 +6,7 @@
 
 namespace lscore {
 
-void Seal(std::string_view key, std::string& record) {
-  Append(record, Crc32c(key, record));
-}
+void Seal(std::string_view key, std::string& record) { Append(record, Crc32c(key, record)); }
 
 bool IsSealed(std::string_view key, std::string_view sealed) {
   if (sealed.size() < kSealSize) return false;

@@ -147,7 +147,8 @@ TEST_P(RowTableTest, ARowUnderANewLayoutIsReadByIt) {
 }
 
 // Each writer moves its own rows from one value to the next, all in one commit. Readers that stay
-// and readers that come see one value over all rows of a writer, and never an older one than before.
+// and readers that come see one value over all rows of a writer, and never an older one than
+// before.
 TEST_P(RowTableTest, ReadersThatStayBesideWriters_SeeEveryRowAsItWas) {
   constexpr int kWriters = 2;
   constexpr int kReaders = 4;
