@@ -227,6 +227,11 @@ class SharedRowsTest : public testing::TestWithParam<std::tuple<std::uint64_t, b
     EXPECT_STATUS(LORV_STATUS_OK, static_cast<std::uint32_t>(Do(who, {Deed::kWrite, part, value})));
     world_ = With(part, value);
   }
+  // What was prepared with these.
+  void CommitAs(int who, std::uint64_t part, std::int64_t value) {
+    EXPECT_STATUS(LORV_STATUS_OK, static_cast<std::uint32_t>(Do(who, {Deed::kCommit})));
+    world_ = With(part, value);
+  }
   void DeleteAs(int who, std::uint64_t row) {
     EXPECT_STATUS(LORV_STATUS_OK, static_cast<std::uint32_t>(Do(who, {Deed::kDelete, row})));
     world_[row] = kDeleted;
@@ -340,8 +345,7 @@ TEST_P(SharedRowsTest, AnOwnCommitRightAfterOneOfAnotherProcessMakesNoOldRowNew)
   Do(kA, {Deed::kPrepare, 1, 22});
   DeleteAs(kB, 0);
   WriteAs(kB, 0, 21);
-  EXPECT_STATUS(LORV_STATUS_OK, static_cast<std::uint32_t>(Do(kA, {Deed::kCommit})));
-  world_ = With(1, 22);
+  CommitAs(kA, 1, 22);
   ExpectAllSeenBy(kA);
   WriteAs(kA, 2, 23);
   ExpectAllSeenBy(kA);
