@@ -73,8 +73,10 @@ namespace {
 constexpr std::uint64_t kMemory = 65536;
 constexpr std::uint64_t kRowsForAll = 20000;  // far more than there is room for
 constexpr std::uint64_t kFirstState = 5;
-// While old transactions last it may be a quarter more, and a row that is about to come in.
-constexpr std::size_t kMost = kMemory + kMemory / 4 + 512;
+constexpr std::size_t kLargestRow = 448;
+// While transactions last it may be a quarter more, and a row that comes in and those that it drives
+// out.
+constexpr std::size_t kMost = kMemory + kMemory / 4 + 4 * kLargestRow;
 
 class RowMemoryBoundTest : public testing::Test {
  protected:
@@ -85,11 +87,12 @@ class RowMemoryBoundTest : public testing::Test {
 
   static CommitId State(std::uint64_t number) { return CommitId{number}; }
   static std::uint64_t ValueOf(std::uint64_t id, std::uint64_t state) { return id * 1000 + state; }
+  // Of very different sizes, so that the memory is full before the places for rows are.
   std::string ImageOf(std::uint64_t id, std::uint64_t state) {
-    Cell cell;
-    cell.present = true;
-    cell.bits = ValueOf(id, state);
-    return std::string(builder_.Build(ObjectId{id}, layout_, State(state), {}, {&cell, 1}));
+    std::string const filling(id % 300, 'x');
+    Cell const cells[] = {{ValueOf(id, state), nullptr, 0, true, false},
+                          {0, filling.data(), filling.size(), true, false}};
+    return std::string(builder_.Build(ObjectId{id}, layout_, State(state), {}, cells));
   }
   std::uint64_t ValueIn(KeptRow const& row) const {
     return RowImage(row.image()).Fixed(layout_, layout_.column(kFirstStoredColumn));
@@ -124,7 +127,8 @@ class RowMemoryBoundTest : public testing::Test {
                  kNoLayout,
                  Token{50},
                  {CommitId{1}, 0},
-                 {{Token{100}, LORV_TYPE_LONG, true, true, 0}}};
+                 {{Token{100}, LORV_TYPE_LONG, true, true, 0},
+                  {Token{101}, LORV_TYPE_BINARY, true, false, 0}}};
   ImageBuilder builder_;
   StateWatch watch_;
   std::size_t const before_ = TheTaken().now();
