@@ -46,9 +46,13 @@ class RowImage {
   std::uint64_t Fixed(Layout const& layout, Column const& column) const {
     return Load<std::uint64_t>(bytes_ + FixedOffset(layout) + 8 * CountBelow(column.bit));
   }
-  // The same for a column whose presence bit is in the first word, by what is known of its layout.
-  std::uint64_t FixedIn(std::uint64_t word, std::uint64_t below, std::size_t fixed_offset) const {
-    return Load<std::uint64_t>(bytes_ + fixed_offset + std::size_t{8} * CountBits(word & below));
+  std::uint64_t FixedAt(std::size_t place) const { return Load<std::uint64_t>(bytes_ + place); }
+  // How many bits are set. Inline, where the instruction for it cannot be taken for granted and is a function otherwise.
+  static std::uint32_t CountBits(std::uint64_t word) {
+    word -= (word >> 1) & 0x5555555555555555;
+    word = (word & 0x3333333333333333) + ((word >> 2) & 0x3333333333333333);
+    word = (word + (word >> 4)) & 0x0F0F0F0F0F0F0F0F;
+    return static_cast<std::uint32_t>((word * 0x0101010101010101) >> 56);
   }
   std::uint64_t FirstWord() const { return Load<std::uint64_t>(bytes_ + format::kHeaderSize); }
   static std::size_t FixedOffset(Layout const& layout) {
@@ -73,13 +77,6 @@ class RowImage {
     if (below == 0) return count;
     std::uint64_t const word = Word(bit / 64) & below;
     return count + (word == below ? bit % 64 : CountBits(word));  // rows without nulls are common
-  }
-  // Inline, where the instruction for it cannot be taken for granted and is a function otherwise.
-  static std::uint32_t CountBits(std::uint64_t word) {
-    word -= (word >> 1) & 0x5555555555555555;
-    word = (word & 0x3333333333333333) + ((word >> 2) & 0x3333333333333333);
-    word = (word + (word >> 4)) & 0x0F0F0F0F0F0F0F0F;
-    return static_cast<std::uint32_t>((word * 0x0101010101010101) >> 56);
   }
   std::uint16_t flags() const { return Load<std::uint16_t>(bytes_ + format::kFlagsOffset); }
   std::uint64_t End(std::size_t ends, std::uint32_t index, bool* wide) const;

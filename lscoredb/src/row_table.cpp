@@ -116,7 +116,7 @@ void RowTable::FetchRow(ObjectId id) const {
 // ---- the table ---------------------------------------------------------------------------------
 
 RowTable::RowTable(StateWatch const& watch, std::uint64_t memory)
-    : watch_(watch), memory_(memory), row_memory_(2 * memory) {
+    : watch_(watch), memory_(memory), row_memory_(memory + memory / 4) {
   std::uint64_t const places = std::max<std::uint64_t>(memory / kUsualRow, kWays);
   bucket_bits_ = static_cast<std::size_t>(std::bit_width(places / kWays) - 1);
 }

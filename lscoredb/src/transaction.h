@@ -64,9 +64,16 @@ class Transaction {
     Reading const* const reading = row == nullptr ? nullptr : FindReading(*row, as, column, types);
     if (reading == nullptr) return ReadOtherFixed(id, as, column, types, out);
     RowImage const image(row->image);
-    std::uint64_t const present = image.FirstWord();
-    if ((present & reading->bit) == 0) return ReadOtherFixed(id, as, column, types, out);
-    *out = image.FixedIn(present, reading->bit - 1, reading->fixed_offset);
+    std::uint64_t const present = image.FirstWord() & reading->mask;
+    if (present == reading->pattern) [[likely]] {
+      *out = image.FixedAt(reading->place);
+      return LORV_STATUS_OK;
+    }
+    std::uint64_t const below = reading->mask >> 1;
+    if (present <= below) return ReadOtherFixed(id, as, column, types, out);
+    std::uint32_t const more = RowImage::CountBits(present & below);
+    std::uint32_t const usual = RowImage::CountBits(reading->pattern & below);
+    *out = image.FixedAt(reading->place + std::size_t{8} * more - std::size_t{8} * usual);
     return LORV_STATUS_OK;
   }
   Status Setspec(ObjectId id, Cell* out);
@@ -122,11 +129,11 @@ class Transaction {
   // Where a column of one layout lies in images under another one, which may be the same.
   struct Reading {
     Layout const* layout = nullptr;  // of the images
-    std::uint64_t key = 0;           // the layout that the column is named by, and its number there
-    std::uint64_t bit = 0;           // its own, in the first word of presence bits
-    std::uint16_t fixed_offset = 0;
-    std::uint16_t own = 0;  // its number there
-    TypeSet type = 0;
+    std::uint64_t mask = 0;          // the presence bits up to its own, in the first word
+    std::uint64_t pattern = 0;       // as the last row that was looked at had them
+    std::uint32_t key = 0;           // the layout that the column is named by, its number there
+    std::uint16_t place = 0;         // of a fixed column in such images; of others their number
+    std::uint16_t type = 0;          // a TypeSet of one
   };
   static constexpr std::size_t kReadings = 128;
 

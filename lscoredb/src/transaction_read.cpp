@@ -2,6 +2,11 @@
 #include "transaction.h"
 
 namespace lscore {
+namespace {
+
+constexpr TypeSet kVariableTypes = TypeBit(LORV_TYPE_STRING) | TypeBit(LORV_TYPE_BINARY);
+
+}  // namespace
 
 RowRef const* Transaction::LoadRow(ObjectId id) {
   if (id == kNoObject) return nullptr;
@@ -64,8 +69,9 @@ Status Transaction::Read(ObjectId id, LayoutNumber as, std::uint32_t column, Typ
   RowRef const* row = nullptr;
   Status const found = FindLive(id, &row);
   if (found != LORV_STATUS_OK) return found;
-  if (Reading const* const reading = FindReading(*row, as, column, types)) {
-    *out = row->Read(reading->own);
+  Reading const* const reading = FindReading(*row, as, column, types & kVariableTypes);
+  if (reading != nullptr) {
+    *out = row->Read(reading->place);
     if (out->present) return LORV_STATUS_OK;
   }
   Status const status = ReadUnnoted(*row, as, column, types, out);
@@ -97,15 +103,24 @@ void Transaction::NoteReading(RowRef const& row, LayoutNumber as, std::uint32_t 
   Layout const& named = as == kNoLayout ? layout : *FindLayout(as);
   int const own = layout.Find(named.column(column).token);
   bool const committed = std::max(layout.order(), named.order()).commit != kNotCommitted;
-  if (!committed || own < static_cast<int>(kFirstStoredColumn)) return;
+  if (row.image == nullptr || !committed || own < static_cast<int>(kFirstStoredColumn)) return;
   Column const& at = layout.column(static_cast<std::uint32_t>(own));
-  if (at.bit >= 64) return;
-  ReadingOf(layout, as, column) = {&layout,
-                                   KeyOf(as, column),
-                                   std::uint64_t{1} << at.bit,
-                                   static_cast<std::uint16_t>(RowImage::FixedOffset(layout)),
-                                   static_cast<std::uint16_t>(own),
-                                   TypeBit(at.type)};
+  if (at.bit >= 64 || column > UINT16_MAX) return;
+  RowImage const image(row.image);
+  Reading reading{&layout,
+                  0,
+                  0,
+                  static_cast<std::uint32_t>(KeyOf(as, column)),
+                  static_cast<std::uint16_t>(own),
+                  static_cast<std::uint16_t>(TypeBit(at.type))};
+  reading.mask = (std::uint64_t{2} << at.bit) - 1;
+  reading.pattern = image.FirstWord() & reading.mask;
+  if (!image.Present(at)) return;
+  if (at.fixed) {
+    std::uint32_t const before = RowImage::CountBits(reading.pattern & (reading.mask >> 1));
+    reading.place = static_cast<std::uint16_t>(RowImage::FixedOffset(layout) + 8 * before);
+  }
+  ReadingOf(layout, as, column) = reading;
 }
 
 Status Transaction::ReadOwn(RowRef const& row, std::uint32_t column, Cell* out) const {

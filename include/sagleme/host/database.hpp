@@ -17,6 +17,7 @@ namespace sagleme {
 struct Options {
   bool no_sync = false;             // commits survive the process, not the machine
   std::uint64_t max_file_size = 0;  // bytes; 0: the kernel's own
+  std::uint64_t row_memory = 0;     // bytes for rows that were read; likewise
 };
 
 // Told after each step of the bootstrap; steps count from 1.
@@ -176,6 +177,7 @@ inline Database Database::OpenKernel(char const* directory, Options const& optio
   kernel_options.size = sizeof kernel_options;
   kernel_options.durability = options.no_sync ? LSCOREDB_NO_SYNC : LSCOREDB_DURABLE;
   kernel_options.max_file_size = options.max_file_size;
+  kernel_options.row_memory = options.row_memory;
   lscoredb* handle = nullptr;
   detail::CheckKernel(lscoredb_open(directory, &kernel_options, &handle));
   return Database(handle);
