@@ -47,7 +47,8 @@ class RowImage {
     return Load<std::uint64_t>(bytes_ + FixedOffset(layout) + 8 * CountBelow(column.bit));
   }
   std::uint64_t FixedAt(std::size_t place) const { return Load<std::uint64_t>(bytes_ + place); }
-  // How many bits are set. Inline, where the instruction for it cannot be taken for granted and is a function otherwise.
+  // How many bits are set. Inline, since the instruction for it cannot be taken for granted and the
+  // compiler would call a function.
   static std::uint32_t CountBits(std::uint64_t word) {
     word -= (word >> 1) & 0x5555555555555555;
     word = (word & 0x3333333333333333) + ((word >> 2) & 0x3333333333333333);

@@ -10,7 +10,8 @@
 //
 // Readers take no lock. A bucket is one line of the processor's cache, with a place for each of
 // eight neighbours by id, which others may take too: a random read is bound by the lines that it
-// touches, and so places are small. When the memory or a bucket is full, another row of the bucket goes.
+// touches, and so places are small. When the memory or a bucket is full, another row of the bucket
+// goes.
 
 #include <array>
 #include <atomic>

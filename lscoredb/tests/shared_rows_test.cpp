@@ -337,8 +337,8 @@ TEST_P(SharedRowsTest, OwnCommitsBeforeBetweenAndAfterThoseOfAnotherProcessAreAl
   ExpectNewestSeenBy(kB);
 }
 
-// Its transaction began before, so that nothing tells of the other process's commits but the numbers
-// of the states.
+// Its transaction began before, so that nothing tells of the other process's commits but the
+// numbers of the states.
 TEST_P(SharedRowsTest, AnOwnCommitRightAfterOneOfAnotherProcessMakesNoOldRowNew) {
   StayAs(kA);
   ExpectAllSeenBy(kA);
