@@ -74,8 +74,8 @@ constexpr std::uint64_t kMemory = 65536;
 constexpr std::uint64_t kRowsForAll = 20000;  // far more than there is room for
 constexpr std::uint64_t kFirstState = 5;
 constexpr std::size_t kLargestRow = 448;
-// While transactions last it may be a quarter more, and a row that comes in and those that it drives
-// out.
+// While transactions last it may be a quarter more, and a row that comes in and those that it
+// drives out.
 constexpr std::size_t kMost = kMemory + kMemory / 4 + 4 * kLargestRow;
 
 class RowMemoryBoundTest : public testing::Test {
