@@ -44,7 +44,8 @@ class ObjectBench {
     std::function<std::vector<Number>(std::size_t round)> numbers;  // null: none selected
     std::function<Sum(Engine&, std::size_t round)> run;
     std::vector<std::string> without = {};
-    std::function<void(Engine&)> prepare = nullptr;
+    std::function<void(Engine&)> prepare = nullptr;  // outside of what is measured
+    std::size_t repeats = 1;                         // in a round
   };
 
   void Add(std::string const& name, std::unique_ptr<Engine> engine) {
@@ -82,10 +83,13 @@ class ObjectBench {
       std::vector<Number> const numbers = job.numbers ? job.numbers(round) : std::vector<Number>();
       for (std::size_t turn = 0; turn < taking_part.size(); ++turn) {
         std::size_t const i = (turn + round) % taking_part.size();
-        if (job.prepare) job.prepare(*taking_part[i]);
-        taking_part[i]->Select(numbers);
-        double const time = Nanoseconds([&] { sums[i] = job.run(*taking_part[i], round); });
-        result.series[i].values[round] = time / static_cast<double>(job.operations);
+        double time = 0;
+        for (std::size_t turns = 0; turns < job.repeats; ++turns) {
+          if (job.prepare) job.prepare(*taking_part[i]);
+          taking_part[i]->Select(numbers);
+          time += Nanoseconds([&] { sums[i] = job.run(*taking_part[i], round); });
+        }
+        result.series[i].values[round] = time / static_cast<double>(job.operations * job.repeats);
         taking_part[i]->Select({});
       }
       for (std::size_t i = 1; i < sums.size(); ++i) {
@@ -209,7 +213,8 @@ class ObjectBench {
              nullptr,
              [](Engine& engine, std::size_t) { return engine.Open(); },
              {kHash, kSqliteMemory},
-             [](Engine& engine) { engine.Close(); }});
+             [](Engine& engine) { engine.Close(); },
+             20});
     std::size_t const count = std::min<std::size_t>(200000, settings_.objects);
     Measure({"read one long, random, on first touch",
              count,

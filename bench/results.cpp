@@ -3,14 +3,20 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <array>
+#include <map>
 #include <nlohmann/json.hpp>
 
 namespace bench {
 namespace {
 
-std::string Figure(double value) {
-  if (value < 10) return fmt::format("{:.2f}", value);
-  return value < 1000 ? fmt::format("{:.0f}", value) : fmt::format("{:.3g}k", value / 1000);
+// With a unit that leaves three digits or so.
+std::string Figure(double value, std::string const& unit) {
+  static std::map<std::string, std::array<char const*, 3>> const larger{
+      {"ns", {"ns", "µs", "ms"}}, {"bytes", {"B", "kB", "MB"}}, {"1/s", {"/s", "k/s", "M/s"}}};
+  std::size_t step = 0;
+  for (; value >= 1000 && step < 2; ++step) value /= 1000;
+  return fmt::format("{:.3g} {}", value, larger.at(unit)[step]);
 }
 
 Series const* Find(Result const& result, std::string const& engine) {
@@ -61,10 +67,9 @@ std::string TableOf(std::vector<Result> const& results) {
     std::string figures;
     for (Series const& one : result.series) {
       figures += fmt::format("{}{} {}", figures.empty() ? "" : ", ", one.engine,
-                             Figure(Median(one.values)));
+                             Figure(Median(one.values), result.unit));
     }
-    text +=
-        fmt::format("| {} ({}) | {} | {} |\n", result.work, result.unit, figures, GoalsOf(result));
+    text += fmt::format("| {} | {} | {} |\n", result.work, figures, GoalsOf(result));
   }
   return text;
 }
