@@ -271,15 +271,24 @@ void RowTable::Remove(Bucket& bucket, std::size_t way) noexcept {
 void RowTable::Retire(KeptRow* row) noexcept {
   std::lock_guard const lock(retired_mutex_);
   retired_bytes_ += AllocatedSize(row->size);
-  SetLeft(*row, {clock_.fetch_add(1), std::exchange(retired_, row)});
+  std::uint64_t const now = clock_.fetch_add(1);
+  if (retired_ == nullptr) first_left_ = now;
+  SetLeft(*row, {now, std::exchange(retired_, row)});
   if (++retired_count_ >= enough_retired_) FreeRetired();
 }
 
+// Does not look at rows as long as a reader may have the first of them.
 void RowTable::FreeRetired() noexcept {
   std::uint64_t oldest = clock_.load();
   for (Reader const* const reader : readers_) oldest = std::min(oldest, reader->since_.load());
+  if (first_left_ < oldest) FreeRetiredBefore(oldest);
+  enough_retired_ = std::max(kFirstRetired, 2 * retired_count_);
+}
+
+void RowTable::FreeRetiredBefore(std::uint64_t oldest) noexcept {
   KeptRow* row = std::exchange(retired_, nullptr);
   retired_count_ = 0;
+  first_left_ = kNotReading;
   while (row != nullptr) {
     Left const left = LeftOf(*row);
     if (left.at < oldest) {
@@ -287,11 +296,11 @@ void RowTable::FreeRetired() noexcept {
       Free(row);
     } else {
       SetLeft(*row, {left.at, std::exchange(retired_, row)});
+      first_left_ = std::min(first_left_, left.at);
       ++retired_count_;
     }
     row = left.before;
   }
-  enough_retired_ = std::max(kFirstRetired, 2 * retired_count_);
 }
 
 }  // namespace lscore

@@ -144,6 +144,7 @@ class RowTable {
   void Free(KeptRow* row) noexcept { KeptRowFree{&row_memory_}(row); }
   // REQUIRES: the lock of what is retired.
   void FreeRetired() noexcept;
+  void FreeRetiredBefore(std::uint64_t oldest) noexcept;
 
   StateWatch const& watch_;
   std::uint64_t const memory_;
@@ -159,7 +160,8 @@ class RowTable {
   std::atomic<std::uint64_t> retired_bytes_{0};  // of rows that left and are not freed yet
   std::atomic<std::uint64_t> clock_{1};          // counts rows that left
   std::mutex retired_mutex_;
-  KeptRow* retired_ = nullptr;  // the last that left
+  KeptRow* retired_ = nullptr;    // the last that left
+  std::uint64_t first_left_ = 0;  // when the first of them left
   std::size_t retired_count_ = 0;
   std::size_t enough_retired_ = kFirstRetired;
   std::vector<Reader*> readers_;

@@ -146,6 +146,26 @@ TEST_P(RowTableTest, ARowUnderANewLayoutIsReadByIt) {
   }
 }
 
+// The commit itself holds all that it replaces, far more than may wait to be freed.
+TEST_P(RowTableTest, ACommitOfManyRowsThatWereRead_IsSeenWhole) {
+  constexpr std::size_t kMany = 20000;
+  Session session(database_);
+  session.Begin();
+  while (rows_.size() < kMany) {
+    rows_.push_back(session.Insert(layout_));
+    Write(session, rows_.back(), 0);
+  }
+  session.Commit();
+  for (std::int64_t value = 1; value < 3; ++value) {
+    session.Begin();
+    EXPECT_EQ(value - 1, ReadAll(session));
+    for (Oid const row : rows_) Write(session, row, value);
+    session.Commit();
+  }
+  session.BeginReadOnly();
+  EXPECT_EQ(2, ReadAll(session));
+}
+
 // Each writer moves its own rows from one value to the next, all in one commit. Readers that stay
 // and readers that come see one value over all rows of a writer, and never an older one than
 // before.
@@ -213,9 +233,11 @@ TEST_P(RowTableTest, ReadersThatStayBesideWriters_SeeEveryRowAsItWas) {
 }
 
 // Room for all, for a few rows, for none.
-INSTANTIATE_TEST_SUITE_P(Memory, RowTableTest, testing::Values(0, 4096, LSCOREDB_NO_ROW_MEMORY),
+INSTANTIATE_TEST_SUITE_P(Memory, RowTableTest,
+                         testing::Values(0, 1048576, 4096, LSCOREDB_NO_ROW_MEMORY),
                          [](auto const& tested) {
                            if (tested.param == 0) return std::string("Usual");
+                           if (tested.param == 1048576) return std::string("Some");
                            return std::string(tested.param == 4096 ? "Little" : "None");
                          });
 
