@@ -50,6 +50,13 @@ class Shop {
         "the shop is built");
   }
 
+  ~Shop() {
+    lscoredb_context_close(context_);
+    lscoredb_close(database_);
+  }
+  Shop(Shop const&) = delete;
+  Shop& operator=(Shop const&) = delete;
+
   std::uint64_t context() const { return context_; }
 
  private:
