@@ -98,7 +98,8 @@ typedef struct lscoredb_options {
   uint32_t reserved; /* 0 */
   /* Bytes in which all contexts of the process share rows that were read, so that the next one that
    * reads them does not go to the file; 0: 256 MiB, LSCOREDB_NO_ROW_MEMORY: none. It is taken as
-   * rows come in. While old transactions last it may be a quarter more. */
+   * rows come in. While old transactions last it may be a quarter more, and finding the rows takes
+   * a sixteenth besides. Rows above 64 KiB are always read from the file. */
   uint64_t row_memory;
 } lscoredb_options;
 

@@ -137,7 +137,7 @@ Entry const* Iterator::NextEntry() {
 // Whoever read the object that was given last will read the next ones. What waits for memory then
 // is on its way while objects before it are worked with.
 void Iterator::FetchAhead() const {
-  if (transaction_->cache_.Find(given_) == nullptr) return;
+  if (!has_committed_ || transaction_->cache_.Find(given_) == nullptr) return;
   transaction_->kept_rows_.FetchPlace(committed_.Guess(kPlacesAhead, !reverse_));
   transaction_->kept_rows_.FetchRow(committed_.Guess(kRowsAhead, !reverse_));
 }

@@ -14,6 +14,8 @@ namespace {
 
 constexpr std::uint64_t kUsualRow = 128;  // bytes; says how many places there are for the memory
 constexpr std::size_t kManyRows = 20000;
+// The way to a larger row is short beside what there is to read, and its copy would drive out many.
+constexpr std::uint64_t kLargestRow = 64 * 1024;
 constexpr std::size_t kLine = RowMemory::kLine;
 
 // What stands behind the image of a row.
@@ -193,7 +195,7 @@ bool RowTable::Holds(ObjectId id) const {
 KeptRowPtr RowTable::Prepare(ObjectId id, Layout const& layout, std::string_view image,
                              CommitId known) noexcept {
   std::uint64_t const size = AllocatedSize(image.size());
-  if (size > memory_) return nullptr;
+  if (size > std::min(memory_, kLargestRow)) return nullptr;
   void* const memory = row_memory_.Take(size);
   // No machine of today gives out addresses that the places cannot hold.
   if (memory == nullptr || (reinterpret_cast<std::uintptr_t>(memory) & ~kAddress) != 0) {

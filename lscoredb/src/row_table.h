@@ -91,7 +91,7 @@ class RowTable {
   bool Holds(ObjectId id) const;
   // Before the commit that replaces or deletes the row becomes visible.
   void TakeOut(ObjectId id, CommitId state) noexcept;
-  // Null: no memory for it. What the commit writes in the place of a row.
+  // Null: too large, or no memory for it. What the commit writes in the place of a row.
   KeptRowPtr Prepare(ObjectId id, Layout const& layout, std::string_view image,
                      CommitId state) noexcept;
   // After the commit, before the next one begins.

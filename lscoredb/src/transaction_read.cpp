@@ -99,11 +99,12 @@ Status Transaction::ReadOtherFixed(ObjectId id, LayoutNumber as, std::uint32_t c
 
 // REQUIRES: the column was read.
 void Transaction::NoteReading(RowRef const& row, LayoutNumber as, std::uint32_t column) {
+  if (row.image == nullptr) return;
   Layout const& layout = *row.layout;
   Layout const& named = as == kNoLayout ? layout : *FindLayout(as);
   int const own = layout.Find(named.column(column).token);
   bool const committed = std::max(layout.order(), named.order()).commit != kNotCommitted;
-  if (row.image == nullptr || !committed || own < static_cast<int>(kFirstStoredColumn)) return;
+  if (!committed || own < static_cast<int>(kFirstStoredColumn)) return;
   Column const& at = layout.column(static_cast<std::uint32_t>(own));
   if (at.bit >= 64 || column > UINT16_MAX) return;
   RowImage const image(row.image);
