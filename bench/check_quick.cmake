@@ -11,7 +11,8 @@ execute_process(
 file(REMOVE_RECURSE "${DIRECTORY}/databases")
 
 file(READ "${DIRECTORY}/results.json" json)
-file(STRINGS "${DIRECTORY}/results.md" rows REGEX "^\\| .* \\|$")
+# Without the encoding a line would end at every sign beyond ASCII, such as the "µ" of a unit.
+file(STRINGS "${DIRECTORY}/results.md" rows REGEX "^\\| .* \\|$" ENCODING UTF-8)
 list(LENGTH rows row_count)
 string(JSON count LENGTH "${json}")
 math(EXPR heading_and_works "${count} + 1")
