@@ -33,20 +33,24 @@ void Append(std::string& out, T value) {
   out.append(bytes, sizeof bytes);
 }
 
+// Its bytes in the other order. Spelt out with the compiler's own functions, since a loop over the
+// bytes stays one.
+template <typename T>
+T SwapBytes(T value) {
+  static_assert(sizeof value == 2 || sizeof value == 4 || sizeof value == 8);
+  if constexpr (sizeof value == 2) return static_cast<T>(__builtin_bswap16(value));
+  if constexpr (sizeof value == 4) return static_cast<T>(__builtin_bswap32(value));
+  return static_cast<T>(__builtin_bswap64(value));
+}
+
 template <typename T>
 void AppendBig(std::string& out, T value) {
-  for (int shift = static_cast<int>(sizeof value) * 8 - 8; shift >= 0; shift -= 8) {
-    out.push_back(static_cast<char>(value >> shift));
-  }
+  Append(out, SwapBytes(value));
 }
 
 template <typename T>
 T LoadBig(char const* from) {
-  T value = 0;
-  for (std::size_t i = 0; i < sizeof value; ++i) {
-    value = static_cast<T>((value << 8) | static_cast<unsigned char>(from[i]));
-  }
-  return value;
+  return SwapBytes(Load<T>(from));
 }
 
 // The bytes of a number as a key of a tree that is ordered by integers.

@@ -30,7 +30,7 @@ void EntryCheck::EnterIndex(std::string_view key) {
 void EntryCheck::CheckEntry(std::string_view key, std::string_view value) {
   Entry entry;
   Status const read = Guarded([&] {
-    entry = ParseEntry(*index_, key, value);
+    ParseEntry(*index_, key, value, &entry);
     return LORV_STATUS_OK;
   });
   if (read == LORV_STATUS_OK) return CompareWithObject(entry, key, value);

@@ -139,7 +139,7 @@ void EntryCursor::Arrive(bool on_entry, bool forward) {
   in_group_ = false;
   valid_ = on_entry && InIndex();
   if (!valid_) return;
-  entry_ = Parse();
+  ParseEntry(*index_, cursor_.key(), cursor_.value(), &entry_);
   if (!entry_.key.tail.empty()) GatherGroup(forward);
 }
 
@@ -149,7 +149,7 @@ void EntryCursor::GatherGroup(bool forward) {
       cursor_.key().substr(0, index_->entry_prefix.size() + format::kKeyPrefix));
   group_.clear();
   do {
-    group_.push_back(Parse());
+    ParseEntry(*index_, cursor_.key(), cursor_.value(), &group_.emplace_back());
     cursor_on_entry_ = forward ? cursor_.Next() : cursor_.Previous();
   } while (cursor_on_entry_ && cursor_.key().starts_with(shared));
   std::sort(group_.begin(), group_.end(),
@@ -169,9 +169,8 @@ ObjectId EntryCursor::Guess(std::size_t ahead, bool forward) const {
                                                                              : kNoObject;
 }
 
-Entry EntryCursor::Parse() const { return ParseEntry(*index_, cursor_.key(), cursor_.value()); }
-
-Entry ParseEntry(IndexDefinition const& index, std::string_view stored, std::string_view sealed) {
+void ParseEntry(IndexDefinition const& index, std::string_view stored, std::string_view sealed,
+                Entry* entry) {
   std::string_view const key = stored.substr(index.entry_prefix.size());
   std::string_view const value = Unseal(stored, sealed);
   if (value.size() < kValueHead) Throw(LSCOREDB_DAMAGED);
@@ -180,11 +179,9 @@ Entry ParseEntry(IndexDefinition const& index, std::string_view stored, std::str
   std::string_view const head = key.substr(0, key.size() - id_size);
   std::uint64_t object = 0;
   if (ReadOrderedId(key.substr(head.size()), &object) != id_size) Throw(LSCOREDB_DAMAGED);
-  Entry entry;
-  entry.key = {head, value.substr(kValueHead)};
-  entry.object = ObjectId{object};
-  entry.layout = LayoutNumber{Load<std::uint16_t>(value.data())};
-  return entry;
+  entry->key = {head, value.substr(kValueHead)};
+  entry->object = ObjectId{object};
+  entry->layout = LayoutNumber{Load<std::uint16_t>(value.data())};
 }
 
 }  // namespace lscore

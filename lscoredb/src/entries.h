@@ -44,8 +44,10 @@ struct EntryRecord {
 };
 EntryRecord RecordOf(IndexDefinition const& index, std::string_view encoded, ObjectId object,
                      LayoutNumber layout);
-// Of what an entry's record holds. Throws LSCOREDB_DAMAGED.
-Entry ParseEntry(IndexDefinition const& index, std::string_view key, std::string_view value);
+// Of what an entry's record holds. Throws LSCOREDB_DAMAGED. Written in place, since a walk does
+// this at each step.
+void ParseEntry(IndexDefinition const& index, std::string_view key, std::string_view value,
+                Entry* entry);
 
 // Puts and deletes entries, one after another in memory that it keeps.
 class EntryWriter {
@@ -96,7 +98,6 @@ class EntryCursor {
   }
   void Arrive(bool on_entry, bool forward);
   void GatherGroup(bool forward);
-  Entry Parse() const;
 
   Cursor cursor_;
   IndexDefinition const* index_ = nullptr;

@@ -45,6 +45,8 @@ void Iterator::Start(Transaction& transaction, IndexDefinition const& index, boo
   has_committed_ = pending_ == nullptr || pending_->committed();
   step_due_ = false;
   given_ = kNoObject;
+  steps_ = 0;
+  reading_ = false;
   if (has_committed_) {
     committed_.Open(*transaction.snapshot_, index);
     reverse ? committed_.SeekLast(high_) : committed_.SeekFirst(low_);
@@ -135,9 +137,12 @@ Entry const* Iterator::NextEntry() {
 }
 
 // Whoever read the object that was given last will read the next ones. What waits for memory then
-// is on its way while objects before it are worked with.
-void Iterator::FetchAhead() const {
-  if (!has_committed_ || transaction_->cache_.Find(given_) == nullptr) return;
+// is on its way while objects before it are worked with. Asked now and then, since whoever does not
+// read is not to wait for the answer.
+void Iterator::FetchAhead() {
+  if (!has_committed_) return;
+  if (steps_++ % kStepsPerLook == 1) reading_ = transaction_->cache_.Find(given_) != nullptr;
+  if (!reading_) return;
   transaction_->kept_rows_.FetchPlace(committed_.Guess(kPlacesAhead, !reverse_));
   transaction_->kept_rows_.FetchRow(committed_.Guess(kRowsAhead, !reverse_));
 }

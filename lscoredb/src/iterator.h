@@ -44,10 +44,11 @@ class Iterator {
   void TakeDueStep();
   void StepPending();
   void SkipUntouched();
-  void FetchAhead() const;
+  void FetchAhead();
 
   static constexpr std::size_t kPlacesAhead = 8;
   static constexpr std::size_t kRowsAhead = 4;
+  static constexpr std::uint32_t kStepsPerLook = 32;
 
   Transaction* transaction_ = nullptr;  // null: not open, or ended
   Status failed_ = LORV_STATUS_OK;
@@ -62,6 +63,8 @@ class Iterator {
   PendingIndex::Map::const_iterator at_;
   bool at_end_ = true;
   ObjectId given_{};
+  std::uint32_t steps_ = 0;
+  bool reading_ = false;  // the objects that were given were read, when it was looked at last
   Entry written_;  // the pending entry that is next
 };
 
