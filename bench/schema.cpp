@@ -118,6 +118,7 @@ double BytesToOpen(std::string const& directory) {
 }  // namespace
 
 std::vector<Result> MeasureSchemaTables(Settings const& settings) {
+  StayOnOneProcessor();
   unsigned const many = TablesFor(settings, 10000);
   std::string const other = fmt::format("{} tables", kFew);
   std::string const directory = settings.Directory("schema-many");
@@ -140,6 +141,7 @@ std::vector<Result> MeasureSchemaTables(Settings const& settings) {
 }
 
 std::vector<Result> MeasureSchemaObjects(Settings const& settings) {
+  StayOnOneProcessor();
   std::string const directory = settings.Directory("schema-objects");
   Worker worker([&] { return PrepareObjects(directory, settings.objects); });
   std::vector<Result> results;
@@ -158,6 +160,7 @@ std::vector<Result> MeasureSchemaObjects(Settings const& settings) {
 }
 
 std::vector<Result> MeasureBootstrap(Settings const& settings) {
+  StayOnOneProcessor();
   Result result = MakeComparison("make a database in memory", "ns", "50 tables created", 1);
   for (int round = 0; round < settings.rounds; ++round) {
     Worker worker(&PrepareMemory);
@@ -169,6 +172,7 @@ std::vector<Result> MeasureBootstrap(Settings const& settings) {
 }
 
 std::vector<Result> MeasureOpening(Settings const& settings) {
+  StayOnOneProcessor();
   constexpr double kMost = 16 * 1024 * 1024;
   unsigned const many = TablesFor(settings, 5000);
   std::string const directory = settings.Directory("opening-many");

@@ -146,9 +146,9 @@ void SchemaDatabase::Fill(unsigned table, Number objects) {
 
 double SchemaDatabase::Time(Change change, unsigned table, int times) {
   std::u16string const name = TableName(table);
-  double sum = 0;
-  for (int i = 0; i < times; ++i) sum += TimeOnce(change, name);
-  return sum / times;
+  std::vector<double> all;
+  for (int i = 0; i < times; ++i) all.push_back(TimeOnce(change, name));
+  return Median(all);
 }
 
 double SchemaDatabase::TimeOnce(Change change, std::u16string const& table) {

@@ -43,13 +43,13 @@ Statements StatementsOf(Change change) {
 double Time(PostgresServer& server, Change change) {
   Statements const statements = StatementsOf(change);
   server.Run(CreateTable("target"));
-  double sum = 0;
+  std::vector<double> times;
   for (int i = 0; i < kTurnTimes; ++i) {
-    sum += Nanoseconds([&] { server.Run(statements.timed); });
+    times.push_back(Nanoseconds([&] { server.Run(statements.timed); }));
     server.Run(statements.undo);
   }
   server.Run("DROP TABLE target");
-  return sum / kTurnTimes;
+  return Median(times);
 }
 
 std::vector<Result> MeasureBeside(Settings const& settings, PostgresCluster const& cluster,

@@ -10,8 +10,8 @@
 
 namespace bench {
 
-// Of what each side does in a turn, so many.
-inline constexpr int kTurnTimes = 5;
+// Of what each side does in a turn, so many. The first ones pay for the turn of the other side.
+inline constexpr int kTurnTimes = 15;
 
 // Without figures yet: sagleme and another side, which is to be reached by that ratio.
 Result MakeComparison(std::string work, std::string unit, std::string const& other, double goal);

@@ -1,5 +1,6 @@
 #include "worker.h"
 
+#include <sched.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -49,6 +50,15 @@ std::array<int, 2> MakePipe() {
 }
 
 }  // namespace
+
+void StayOnOneProcessor() {
+  cpu_set_t one;
+  CPU_ZERO(&one);
+  int const current = sched_getcpu();
+  if (current < 0) throw std::runtime_error("no processor");
+  CPU_SET(static_cast<std::size_t>(current), &one);
+  if (sched_setaffinity(0, sizeof one, &one) != 0) throw std::runtime_error("no such processor");
+}
 
 Worker::Worker(std::function<Task()> const& prepare) {
   std::array<int, 2> const commands = MakePipe();

@@ -8,6 +8,10 @@
 
 namespace bench {
 
+// This process and those that it makes from now on stay on the processor that it is on, so that
+// sides that take turns have the same one. For sides that work in one thread.
+void StayOnOneProcessor();
+
 class Worker {
  public:
   // Does what a command stands for and returns a figure of it.

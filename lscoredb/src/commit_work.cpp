@@ -60,9 +60,9 @@ void CommitWork::Validate(bool nothing_between) {
   late_ = IndexVersion(batch_) != request_.index_version;
   if (late_) DeriveLateEntries();
   for (auto const& entries : request_.changes.indexes()) {
-    if (IsLive(*entries)) CheckUnique(*entries);
+    if (IsLive(*entries)) CheckUnique(*entries, nothing_between);
   }
-  for (auto const& [id, entries] : late_entries_) CheckUnique(*entries);
+  for (auto const& [id, entries] : late_entries_) CheckUnique(*entries, nothing_between);
 }
 
 void CommitWork::ValidateRow(PendingRow const& row) {
@@ -134,11 +134,12 @@ PendingIndex& CommitWork::LateEntries(IndexDefinition const& index) {
   return *entries;
 }
 
-void CommitWork::CheckUnique(PendingIndex const& entries) {
+void CommitWork::CheckUnique(PendingIndex const& entries, bool nothing_between) {
   if (!entries.index().unique()) return;
   EntryCursor cursor;
   for (auto const& [key, entry] : entries.map()) {
     if (entry.state != EntryState::kPresent || entry.facts.has_null) continue;
+    if (nothing_between && entry.facts.known_unique) continue;
     if (entries.HasOther(key, true) || CommittedHasOther(batch_, cursor, entries, key)) {
       Throw(LSCOREDB_DUPLICATE_KEY);
     }

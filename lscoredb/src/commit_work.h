@@ -55,7 +55,7 @@ class CommitWork {
   void DeriveLateEntries(PendingRow const& row);
   void DeriveLateEntry(IndexDefinition const& index, PendingRow const& row, bool before);
   PendingIndex& LateEntries(IndexDefinition const& index);
-  void CheckUnique(PendingIndex const& entries);
+  void CheckUnique(PendingIndex const& entries, bool nothing_between);
   bool IsLive(PendingIndex const& entries) const;
 
   void ApplyRow(PendingRow const& row);

@@ -78,6 +78,9 @@ struct KeyFacts {
   bool has_null = false;  // collides with nothing
   bool has_unwritten =
       false;  // of an object that the transaction inserted: collides with nothing yet
+  // When the key was written no other object had it, neither in the snapshot nor in the
+  // transaction. Whoever took it later has looked for this one.
+  bool known_unique = false;
 };
 
 // Encodes the index key of a row. Columns are found by token; one that the row's layout lacks is

@@ -222,8 +222,8 @@ PendingIndex& Transaction::Pending(IndexDefinition const& index) {
 Status Transaction::CheckUnique(PendingRow const& row) {
   if (!open_iterators_.empty()) return LORV_STATUS_OK;
   for (std::size_t i = 0; i < affected_count_; ++i) {
-    Affected const& affected = affected_[i];
-    KeyFacts const& facts = affected.new_facts;
+    Affected& affected = affected_[i];
+    KeyFacts& facts = affected.new_facts;
     if (!affected.index->unique() || !affected.has_new) continue;
     if (facts.has_null || facts.has_unwritten) continue;
     if (affected.SameKey() && !affected.old_facts.has_unwritten) continue;
@@ -233,6 +233,7 @@ Status Transaction::CheckUnique(PendingRow const& row) {
     if (pending.committed() && CommittedHasOther(*snapshot_, unique_cursor_, pending, key)) {
       return LSCOREDB_DUPLICATE_KEY;
     }
+    facts.known_unique = true;
   }
   return LORV_STATUS_OK;
 }
