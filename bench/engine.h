@@ -52,6 +52,9 @@ class Engine {
   virtual void Close() = 0;
   // Opens what was closed, up to the first column read.
   virtual Sum Open() = 0;
+  // Opens what was closed until it can be worked with. Nothing but Close may follow. What has no
+  // step of its own for that reads a first column.
+  virtual void Start() { Open(); }
   virtual std::uint64_t Bytes() = 0;
 
  protected:

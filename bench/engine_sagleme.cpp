@@ -1,6 +1,7 @@
 // sagleme through its exported functions: property handles for columns, iterators for indexes.
 
 #include <sagleme/host.hpp>
+#include <utility>
 #include <vector>
 
 #include "engine.h"
@@ -183,9 +184,20 @@ class SaglemeEngine : public Engine {
   }
 
   void Close() override {
+    if (started_ != nullptr) Stop();
     handles_.reset();
     context_.reset();
     database_.reset();
+  }
+  void Start() override {
+    lscoredb_options options{};
+    options.size = sizeof options;
+    options.durability = options_.no_sync ? LSCOREDB_NO_SYNC : LSCOREDB_DURABLE;
+    Check(lscoredb_open(directory_.c_str(), &options, &started_));
+    Check(lscoredb_context_open(started_, &started_context_));
+    Check(lscoredb_begin(started_context_, LSCOREDB_READ_ONLY_TRANSACTION));
+    Check(lorv_init_metalayer(started_context_));
+    Check(lscoredb_rollback(started_context_));
   }
   // A program asks for the handles that it needs: here it is one.
   Sum Open() override {
@@ -213,6 +225,11 @@ class SaglemeEngine : public Engine {
     handles_ = std::make_unique<Handles>(id());
     by_name_ = transaction.FindIndex(u"ThingByName")->handle;
     by_indexed_ = transaction.FindIndex(u"ThingByIndexed")->handle;
+  }
+
+  void Stop() {
+    Check(lscoredb_context_close(started_context_));
+    Check(lscoredb_close(std::exchange(started_, nullptr)));
   }
 
   template <typename Work>
@@ -268,6 +285,8 @@ class SaglemeEngine : public Engine {
   sagleme::Options options_;
   std::unique_ptr<sagleme::Database> database_;
   std::unique_ptr<sagleme::Context> context_;
+  lscoredb* started_ = nullptr;  // between Start and Close
+  std::uint64_t started_context_ = 0;
   std::unique_ptr<Handles> handles_;
   std::uint64_t by_name_ = 0;
   std::uint64_t by_indexed_ = 0;

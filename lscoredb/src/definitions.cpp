@@ -203,12 +203,6 @@ std::vector<LayoutNumber> ReleasedLayouts(View const& view) {
   return NumbersOf(view, format::kReleaseLetter);
 }
 
-// Zeros that the system gives when they are touched.
-LayoutCache::LayoutCache()
-    : known_(static_cast<Layout const**>(std::calloc(kLayoutNumbers, sizeof(Layout const*)))) {
-  if (known_ == nullptr) Throw(LSCOREDB_NO_MEMORY);
-}
-
 Layout const* LayoutCache::Find(View const& view, LayoutNumber number) {
   Layout const* layout = At(number).load(std::memory_order_acquire);
   if (layout == nullptr) layout = LoadFrom(view, number);

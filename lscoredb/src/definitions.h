@@ -7,7 +7,6 @@
 // tables costs what is used. Caches may be asked from any thread.
 
 #include <atomic>
-#include <cstdlib>
 #include <deque>
 #include <map>
 #include <memory>
@@ -22,6 +21,7 @@
 #include "keys.h"
 #include "layout.h"
 #include "store.h"
+#include "zero_pages.h"
 
 namespace lscore {
 
@@ -60,22 +60,16 @@ DefinitionRecord LayoutTokenRecord(Layout const& layout, LayoutOrder order);
 // that are not asked for is never touched.
 class LayoutCache {
  public:
-  LayoutCache();
-
   // Null when the view holds no such layout.
   Layout const* Find(View const& view, LayoutNumber number);
 
  private:
-  struct Free {
-    void operator()(Layout const** known) const { std::free(known); }
-  };
-
   std::atomic_ref<Layout const*> At(LayoutNumber number) const {
     return std::atomic_ref(known_[Raw(number)]);
   }
   Layout const* LoadFrom(View const& view, LayoutNumber number);
 
-  std::unique_ptr<Layout const*[], Free> known_;
+  ZeroPages<Layout const*> known_{kLayoutNumbers};
   std::mutex mutex_;
   std::deque<std::unique_ptr<Layout const>> owned_;
 };

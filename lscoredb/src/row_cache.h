@@ -8,25 +8,17 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdlib>
-#include <memory>
-#include <new>
 #include <vector>
 
 #include "ids.h"
 #include "pending.h"
+#include "zero_pages.h"
 
 namespace lscore {
 
 class RowCache {
  public:
-  RowCache() : memory_(std::calloc(kSets + 1, sizeof(Set))) {
-    if (memory_ == nullptr) throw std::bad_alloc();
-    void* aligned = memory_.get();
-    std::size_t space = (kSets + 1) * sizeof(Set);
-    sets_ = static_cast<Set*>(std::align(kLine, kSets * sizeof(Set), aligned, space));
-    used_.reserve(kManyUsed);
-  }
+  RowCache() : sets_(kSets) { used_.reserve(kManyUsed); }
 
   // Null: not there. Valid until the next Put or Clear.
   RowRef const* Find(ObjectId id) const {
@@ -58,22 +50,17 @@ class RowCache {
 
   using Set = std::array<RowRef, 2>;  // zeros stand for no row
   static_assert(sizeof(Set) == kLine);
-  struct Free {
-    void operator()(void* memory) const { std::free(memory); }
-  };
-
   Set& SetOf(ObjectId id) const { return sets_[Raw(id) % kSets]; }
   void NoteUsed(Set const& set) {
-    if (used_.size() < kManyUsed) used_.push_back(static_cast<std::uint32_t>(&set - sets_));
+    if (used_.size() < kManyUsed) used_.push_back(static_cast<std::uint32_t>(&set - sets_.data()));
   }
   void ClearAll() {
-    std::fill_n(sets_, kSets, Set{});
+    std::fill_n(sets_.data(), kSets, Set{});
     used_.clear();
   }
 
-  std::unique_ptr<void, Free> memory_;  // from the system as zeros, page by page
-  Set* sets_ = nullptr;                 // in it
-  std::vector<std::uint32_t> used_;     // sets with a row, while they are few
+  ZeroPages<Set> sets_;
+  std::vector<std::uint32_t> used_;  // sets with a row, while they are few
 };
 
 }  // namespace lscore

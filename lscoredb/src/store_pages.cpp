@@ -268,7 +268,7 @@ void Walk::WalkLeaf(Page const& page, Bounds bounds) {
       WalkNamedTree(node);
     } else if (node.value_kind > kValueOnOverflow) {
       return Tell("an entry is of another kind", bounds);
-    } else if (!names || depth_ == PageDepth::kAll) {
+    } else if (depth_ == PageDepth::kAll || (!names && name_ != "free")) {
       WalkValue(node);
     }
   }
@@ -292,7 +292,7 @@ void Walk::WalkValue(Node const& node) {
     }
     value = overflow;
   }
-  if (free && depth_ == PageDepth::kAll) WalkFreePages(node.key, value);
+  if (free) WalkFreePages(node.key, value);
 }
 
 bool Walk::WalkOverflow(Node const& node, std::string* bytes) {
