@@ -36,8 +36,8 @@ class SchemaDatabase {
   // One table with five columns, in a transaction of its own.
   void MakeTable(std::u16string const& name);
 
-  // Nanoseconds that a change takes, with the begin and commit of its transaction, as the median
-  // of so many. Each is undone before the next, beside what is measured. Columns and indexes are those
+  // Nanoseconds that a change takes, with the begin and commit of its transaction, as the median of
+  // so many. Each is undone before the next, beside what is measured. Columns and indexes are those
   // of `table`.
   double Time(Change change, unsigned table, int times);
 

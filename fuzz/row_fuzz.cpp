@@ -3,7 +3,6 @@
 
 #include <lscoredb/lscoredb.h>
 
-#include "../lscoredb/src/crc32c.h"
 #include "../lscoredb/src/row.h"
 #include "input.h"
 
@@ -54,11 +53,20 @@ void ReadForeign(Input& input) {
   std::string image(bytes.begin(), bytes.end());
   if (image.size() >= format::kHeaderSize) {
     StoreAt(image.data() + format::kLayoutOffset, Raw(layout.number()));
-    StoreAt(image.data() + format::kBitCountOffset, layout.bit_count());
-    StoreAt(image.data() + format::kOwnerOffset, std::uint32_t{0});  // of anybody
-    StoreAt(image.data() + format::kCrcOffset, Crc32c(std::string_view(image).substr(4)));
+    StoreAt(image.data() + format::kCrcOffset, RowImage::Checksum(image, kId, layout));
   }
   image.shrink_to_fit();
+  if (RowImage::Validate(image, kId, layout)) ReadAll(image, layout);
+}
+
+// Bytes turn into others, and the checksum has been made to fit.
+void ReadChanged(Input& input, Layout const& layout, std::string image) {
+  std::size_t const changeable = image.size() - format::kHeaderSize;
+  for (std::size_t changes = input.Below(4); changes > 0 && changeable > 0; --changes) {
+    std::size_t const at = format::kHeaderSize + input.Below(changeable);
+    image[at] = static_cast<char>(input.Take<std::uint8_t>());
+  }
+  StoreAt(image.data() + format::kCrcOffset, RowImage::Checksum(image, kId, layout));
   if (RowImage::Validate(image, kId, layout)) ReadAll(image, layout);
 }
 
@@ -96,6 +104,7 @@ void BuildAndRead(Input& input) {
     Require(column.fixed ? cell.bits == cells[i].bits : cell.bytes() == cells[i].bytes(),
             "a value reads back");
   }
+  ReadChanged(input, layout, image);
 }
 
 }  // namespace

@@ -9,23 +9,22 @@
 // "rows": object id (8 bytes, ordered as an integer) -> row image.
 //
 //   offset  size  content
-//        0     4  CRC-32C of everything behind it
+//        0     4  CRC-32C of the object id (8), of the number of columns in the presence bits (4:
+//                 all of the layout but columns 0 and 1), and of everything behind it
 //        4     2  layout number
-//        6     2  flags: 1 set specifier present, 2 set specifier wide, 4 big ends, 8 in parts
+//        6     2  flags: 1 set specifier present, 2 big ends, 4 in parts
 //        8     8  commit that wrote the row
-//       16     8  bytes of the set specifier
-//       24     4  columns in the presence bits (all of the layout but columns 0 and 1)
-//       28     4  made of the object id, never 0
-//       32        presence bits, in words of 8 bytes: fixed columns first, then variable ones,
+//       16        presence bits, in words of 8 bytes: fixed columns first, then variable ones,
 //                 each in column order
 //                 8 bytes for each present fixed column
-//                 4 bytes (8 with flag 4) for each present variable column: where its bytes end,
-//                 from the end of the set specifier; the highest bit says that a text is wide
-//                 the set specifier, then the bytes of the variable columns
+//                 4 bytes (8 with flag 2) for the set specifier, when there is one, and for each
+//                 present variable column: where its bytes end, from the last of these numbers on;
+//                 the highest bit says that a text is wide
+//                 the bytes of the set specifier and of the variable columns
 //
 //   A text is kept as one byte a unit when all units are below 256, else wide, two bytes a unit. An
-//   image with flag 8 ends behind offset 32 with 8 bytes more, the size of the whole image, which
-//   then lies in "parts".
+//   image with flag 4 ends behind offset 16 with 8 bytes more, the size of the whole image, which
+//   then lies in "parts"; its checksum is only of what is behind it.
 //
 // "parts": object id (8, big endian), number of the part (4, big endian) -> the next kPartSize
 //   bytes.
@@ -69,18 +68,14 @@ inline constexpr std::string_view kIndexesKey = "indexes";
 inline constexpr std::string_view kStatesBeforeKey = "states-before";
 
 inline constexpr std::uint16_t kHasSetspec = 1;
-inline constexpr std::uint16_t kWideSetspec = 2;
-inline constexpr std::uint16_t kBigEnds = 4;
-inline constexpr std::uint16_t kInParts = 8;
+inline constexpr std::uint16_t kBigEnds = 2;
+inline constexpr std::uint16_t kInParts = 4;
 
 inline constexpr std::size_t kCrcOffset = 0;
 inline constexpr std::size_t kLayoutOffset = 4;
 inline constexpr std::size_t kFlagsOffset = 6;
 inline constexpr std::size_t kCommitOffset = 8;
-inline constexpr std::size_t kSetspecSizeOffset = 16;
-inline constexpr std::size_t kBitCountOffset = 24;
-inline constexpr std::size_t kOwnerOffset = 28;
-inline constexpr std::size_t kHeaderSize = 32;
+inline constexpr std::size_t kHeaderSize = 16;
 inline constexpr std::size_t kStubSize = kHeaderSize + 8;
 
 // Images above this size go to "parts": one value of the store cannot hold the largest binaries,

@@ -65,7 +65,7 @@ class Iterator {
   ObjectId given_{};
   std::uint32_t steps_ = 0;
   bool reading_ = false;  // the objects that were given were read, when it was looked at last
-  Entry written_;  // the pending entry that is next
+  Entry written_;         // the pending entry that is next
 };
 
 }  // namespace lscore

@@ -10,13 +10,6 @@ namespace {
 constexpr std::uint64_t kWideSmall = std::uint64_t{1} << 31;
 constexpr std::uint64_t kWideBig = std::uint64_t{1} << 63;
 
-// What an image says of its object, never 0.
-std::uint32_t OwnerMark(ObjectId id) {
-  std::uint64_t const raw = Raw(id);
-  auto const mark = static_cast<std::uint32_t>(raw ^ (raw >> 32) * 0x9E3779B1);
-  return mark == 0 ? 1 : mark;
-}
-
 std::size_t BitmapSize(Layout const& layout) { return (layout.bit_count() + 63) / 64 * 8; }
 
 }  // namespace
@@ -34,6 +27,23 @@ std::uint64_t RowImage::End(std::size_t ends, std::uint32_t index, bool* wide) c
   return end & ~kWideSmall;
 }
 
+RowImage::Variable RowImage::FindVariable(Layout const& layout) const {
+  std::uint32_t const fixed = CountBelow(layout.fixed_count());
+  Variable all{};
+  all.columns_from = (flags() & format::kHasSetspec) != 0 ? 1 : 0;
+  all.count = all.columns_from + CountBelow(layout.bit_count()) - fixed;
+  all.ends = FixedOffset(layout) + std::size_t{8} * fixed;
+  all.values = all.ends + std::size_t{(flags() & format::kBigEnds) != 0 ? 8U : 4U} * all.count;
+  return all;
+}
+
+void RowImage::ReadVariable(Variable const& all, std::uint32_t index, Cell& cell) const {
+  bool ignored = false;
+  std::uint64_t const begin = index == 0 ? 0 : End(all.ends, index - 1, &ignored);
+  cell.data = bytes_ + all.values + begin;
+  cell.size = End(all.ends, index, &cell.wide) - begin;
+}
+
 Cell RowImage::Read(Layout const& layout, Column const& column) const {
   Cell cell;
   cell.present = Present(column);
@@ -42,29 +52,16 @@ Cell RowImage::Read(Layout const& layout, Column const& column) const {
     cell.bits = Fixed(layout, column);
     return cell;
   }
-  std::uint32_t const fixed = CountBelow(layout.fixed_count());
-  std::uint32_t const all = CountBelow(layout.bit_count());
-  std::uint32_t const index = CountBelow(column.bit) - fixed;
-  std::size_t const ends = FixedOffset(layout) + std::size_t{8} * fixed;
-  std::size_t const end_size = (flags() & format::kBigEnds) != 0 ? 8 : 4;
-  char const* const values = bytes_ + ends + end_size * (all - fixed) +
-                             Load<std::uint64_t>(bytes_ + format::kSetspecSizeOffset);
-  bool ignored = false;
-  std::uint64_t const begin = index == 0 ? 0 : End(ends, index - 1, &ignored);
-  cell.data = values + begin;
-  cell.size = End(ends, index, &cell.wide) - begin;
+  Variable const all = FindVariable(layout);
+  std::uint32_t const below = CountBelow(column.bit) - CountBelow(layout.fixed_count());
+  ReadVariable(all, all.columns_from + below, cell);
   return cell;
 }
 
 Cell RowImage::Setspec(Layout const& layout) const {
   Cell cell;
   cell.present = (flags() & format::kHasSetspec) != 0;
-  cell.wide = (flags() & format::kWideSetspec) != 0;
-  std::uint32_t const fixed = CountBelow(layout.fixed_count());
-  std::uint32_t const all = CountBelow(layout.bit_count());
-  std::size_t const end_size = (flags() & format::kBigEnds) != 0 ? 8 : 4;
-  cell.data = bytes_ + FixedOffset(layout) + std::size_t{8} * fixed + end_size * (all - fixed);
-  cell.size = Load<std::uint64_t>(bytes_ + format::kSetspecSizeOffset);
+  if (cell.present) ReadVariable(FindVariable(layout), 0, cell);
   return cell;
 }
 
@@ -81,34 +78,25 @@ class ImageCheck {
  private:
   bool HeaderHolds() const {
     return bytes_.size() >= format::kHeaderSize + BitmapSize(layout_) &&
-           Load<std::uint32_t>(bytes_.data() + format::kCrcOffset) == Crc32c(bytes_.substr(4)) &&
-           image_.layout() == layout_.number() && OwnerHolds() &&
-           Load<std::uint32_t>(bytes_.data() + format::kBitCountOffset) == layout_.bit_count();
-  }
-  bool OwnerHolds() const {
-    return Load<std::uint32_t>(bytes_.data() + format::kOwnerOffset) == OwnerMark(id_);
+           Load<std::uint32_t>(bytes_.data() + format::kCrcOffset) ==
+               RowImage::Checksum(bytes_, id_, layout_) &&
+           image_.layout() == layout_.number();
   }
   bool BitsHold() const {
     std::uint32_t const used = layout_.bit_count() % 64;
     return used == 0 || (image_.Word(layout_.bit_count() / 64) >> used) == 0;
   }
   bool EndsHold() const {
-    std::uint32_t const fixed = image_.CountBelow(layout_.fixed_count());
-    std::uint32_t const variable = image_.CountBelow(layout_.bit_count()) - fixed;
-    std::size_t const end_size = (image_.flags() & format::kBigEnds) != 0 ? 8 : 4;
-    std::size_t const ends = RowImage::FixedOffset(layout_) + std::size_t{8} * fixed;
-    std::size_t const values = ends + end_size * variable;
-    auto const setspec = Load<std::uint64_t>(bytes_.data() + format::kSetspecSizeOffset);
-    if (values > bytes_.size() || setspec > bytes_.size() - values) return false;
-    if ((image_.flags() & format::kWideSetspec) != 0 && setspec % 2 != 0) return false;
+    RowImage::Variable const all = image_.FindVariable(layout_);
+    if (all.values > bytes_.size()) return false;
     std::uint64_t last = 0;
-    for (std::uint32_t i = 0; i < variable; ++i) {
+    for (std::uint32_t i = 0; i < all.count; ++i) {
       bool wide = false;
-      std::uint64_t const end = image_.End(ends, i, &wide);
+      std::uint64_t const end = image_.End(all.ends, i, &wide);
       if (end < last || (wide && (end - last) % 2 != 0)) return false;
       last = end;
     }
-    return last == bytes_.size() - values - setspec;
+    return last == bytes_.size() - all.values;
   }
 
   std::string_view bytes_;
@@ -116,6 +104,13 @@ class ImageCheck {
   Layout const& layout_;
   RowImage image_;
 };
+
+std::uint32_t RowImage::Checksum(std::string_view bytes, ObjectId id, Layout const& layout) {
+  char owner[sizeof(std::uint64_t) + sizeof(std::uint32_t)];
+  StoreAt(owner, Raw(id));
+  StoreAt(owner + sizeof(std::uint64_t), layout.bit_count());
+  return Crc32c({owner, sizeof owner}, bytes.substr(sizeof(std::uint32_t)));
+}
 
 bool RowImage::Validate(std::string_view bytes, ObjectId id, Layout const& layout) {
   return ImageCheck(bytes, id, layout).Holds();
@@ -148,26 +143,22 @@ void ForEachByBit(Layout const& layout, Visit&& visit) {
   }
 }
 
-std::size_t VariableSize(Layout const& layout, std::span<Cell const> cells) {
-  std::size_t size = 0;
+std::size_t VariableSize(Layout const& layout, Cell const& setspec, std::span<Cell const> cells) {
+  std::size_t size = setspec.present ? setspec.size : 0;
   ForEachByBit(layout, [&](Column const& column, std::uint32_t i) {
     if (!column.fixed && cells[i].present) size += cells[i].size;
   });
   return size;
 }
 
-void AppendHeader(std::string& image, ObjectId id, Layout const& layout, CommitId commit,
-                  Cell const& setspec, bool big) {
+void AppendHeader(std::string& image, Layout const& layout, CommitId commit, Cell const& setspec,
+                  bool big) {
   unsigned flags = big ? format::kBigEnds : 0u;
   if (setspec.present) flags |= format::kHasSetspec;
-  if (setspec.present && setspec.wide) flags |= format::kWideSetspec;
   Append(image, std::uint32_t{0});
   Append(image, Raw(layout.number()));
   Append(image, static_cast<std::uint16_t>(flags));
   Append(image, Raw(commit));
-  Append(image, std::uint64_t{setspec.present ? setspec.size : 0});
-  Append(image, layout.bit_count());
-  Append(image, OwnerMark(id));
 }
 
 void AppendBits(std::string& image, Layout const& layout, std::span<Cell const> cells) {
@@ -186,16 +177,20 @@ void AppendFixed(std::string& image, Layout const& layout, std::span<Cell const>
   });
 }
 
-void AppendEnds(std::string& image, Layout const& layout, std::span<Cell const> cells, bool big) {
+void AppendEnds(std::string& image, Layout const& layout, Cell const& setspec,
+                std::span<Cell const> cells, bool big) {
   std::uint64_t end = 0;
-  ForEachByBit(layout, [&](Column const& column, std::uint32_t i) {
-    if (column.fixed || !cells[i].present) return;
-    end += cells[i].size;
+  auto const append = [&](Cell const& cell) {
+    end += cell.size;
     if (big) {
-      Append(image, end | (cells[i].wide ? kWideBig : 0));
+      Append(image, end | (cell.wide ? kWideBig : 0));
     } else {
-      Append(image, static_cast<std::uint32_t>(end | (cells[i].wide ? kWideSmall : 0)));
+      Append(image, static_cast<std::uint32_t>(end | (cell.wide ? kWideSmall : 0)));
     }
+  };
+  if (setspec.present) append(setspec);
+  ForEachByBit(layout, [&](Column const& column, std::uint32_t i) {
+    if (!column.fixed && cells[i].present) append(cells[i]);
   });
 }
 
@@ -203,17 +198,17 @@ void AppendEnds(std::string& image, Layout const& layout, std::span<Cell const> 
 
 std::string_view ImageBuilder::Build(ObjectId id, Layout const& layout, CommitId commit,
                                      Cell const& setspec, std::span<Cell const> cells) {
-  bool const big = VariableSize(layout, cells) >= kWideSmall;
+  bool const big = VariableSize(layout, setspec, cells) >= kWideSmall;
   image_.clear();
-  AppendHeader(image_, id, layout, commit, setspec, big);
+  AppendHeader(image_, layout, commit, setspec, big);
   AppendBits(image_, layout, cells);
   AppendFixed(image_, layout, cells);
-  AppendEnds(image_, layout, cells, big);
+  AppendEnds(image_, layout, setspec, cells, big);
   if (setspec.present) image_.append(setspec.bytes());
   ForEachByBit(layout, [&](Column const& column, std::uint32_t i) {
     if (!column.fixed && cells[i].present) image_.append(cells[i].bytes());
   });
-  StoreAt(image_.data() + format::kCrcOffset, Crc32c(std::string_view(image_).substr(4)));
+  StoreAt(image_.data() + format::kCrcOffset, RowImage::Checksum(image_, id, layout));
   return image_;
 }
 

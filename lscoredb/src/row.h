@@ -63,8 +63,10 @@ class RowImage {
   Cell Read(Layout const& layout, Column const& column) const;
   Cell Setspec(Layout const& layout) const;
 
-  // Whether `bytes` are an image of that object under `layout`: checksum, owner and inner lengths.
+  // Whether `bytes` are an image of that object under `layout`: checksum and inner lengths.
   static bool Validate(std::string_view bytes, ObjectId id, Layout const& layout);
+  // The checksum of such an image, of which the first bytes are left out.
+  static std::uint32_t Checksum(std::string_view bytes, ObjectId id, Layout const& layout);
 
  private:
   std::uint64_t Word(std::uint32_t index) const {
@@ -80,7 +82,16 @@ class RowImage {
     return count + (word == below ? bit % 64 : CountBits(word));  // rows without nulls are common
   }
   std::uint16_t flags() const { return Load<std::uint16_t>(bytes_ + format::kFlagsOffset); }
+  // Where the values of variable size are. The set specifier, when there is one, is the first.
+  struct Variable {
+    std::size_t ends;    // offset
+    std::size_t values;  // offset
+    std::uint32_t count;
+    std::uint32_t columns_from;  // 1 behind a set specifier
+  };
+  Variable FindVariable(Layout const& layout) const;
   std::uint64_t End(std::size_t ends, std::uint32_t index, bool* wide) const;
+  void ReadVariable(Variable const& all, std::uint32_t index, Cell& cell) const;
 
   friend class ImageCheck;
 

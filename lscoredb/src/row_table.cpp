@@ -27,11 +27,11 @@ struct Left {
 // Images are as long as they are.
 Left LeftOf(KeptRow const& row) {
   Left left;
-  std::memcpy(&left, row.image() + row.size, sizeof left);
+  std::memcpy(&left, row.image() + row.size(), sizeof left);
   return left;
 }
 void SetLeft(KeptRow& row, Left const& left) {
-  std::memcpy(reinterpret_cast<char*>(&row + 1) + row.size, &left, sizeof left);
+  std::memcpy(reinterpret_cast<char*>(&row + 1) + row.size(), &left, sizeof left);
 }
 
 std::uint64_t AllocatedSize(std::uint64_t image) {
@@ -48,7 +48,7 @@ void Set(std::uint64_t& place, std::uint64_t value) {
 }  // namespace
 
 void KeptRowFree::operator()(KeptRow* row) const noexcept {
-  memory->Give(row, AllocatedSize(row->size));
+  memory->Give(row, AllocatedSize(row->size()));
 }
 
 // ---- readers -----------------------------------------------------------------------------------
@@ -202,9 +202,11 @@ KeptRowPtr RowTable::Prepare(ObjectId id, Layout const& layout, std::string_view
     if (memory != nullptr) row_memory_.Give(memory, size);
     return nullptr;
   }
-  KeptRowPtr row(new (memory) KeptRow{id, &layout, known, image.size()}, {&row_memory_});
-  std::memcpy(row.get() + 1, image.data(), image.size());
-  return row;
+  auto* const row = new (memory) KeptRow{id, &layout, known};
+  char* const copy = reinterpret_cast<char*>(row + 1);
+  std::memcpy(copy, image.data(), image.size());
+  StoreAt(copy + format::kCrcOffset, static_cast<std::uint32_t>(image.size()));
+  return KeptRowPtr(row, {&row_memory_});
 }
 
 void RowTable::TakeOut(ObjectId id, CommitId state) noexcept {
@@ -228,11 +230,11 @@ void RowTable::PutBack(KeptRowPtr row) noexcept {
 void RowTable::Put(Bucket& bucket, KeptRowPtr row) noexcept {
   std::size_t const there = WayOf(bucket, row->id);
   if (there < kWays) Remove(bucket, there);
-  if (!MakeRoom(bucket, AllocatedSize(row->size))) return;
+  if (!MakeRoom(bucket, AllocatedSize(row->size()))) return;
   std::size_t way = Raw(row->id) % kWays;
   for (std::size_t i = 0; i < kWays && bucket.places[way] != 0; ++i) way = (way + 1) % kWays;
   if (bucket.places[way] != 0) Remove(bucket, way);
-  placed_ += AllocatedSize(row->size);
+  placed_ += AllocatedSize(row->size());
   NoteUsed(bucket);
   Set(bucket.places[way], PlaceOf(row.get()));
   static_cast<void>(row.release());
@@ -264,7 +266,7 @@ bool RowTable::MakeRoom(Bucket& bucket, std::uint64_t size) noexcept {
 void RowTable::Remove(Bucket& bucket, std::size_t way) noexcept {
   KeptRow* const row = RowAt(bucket.places[way]);
   Set(bucket.places[way], 0);
-  placed_ -= AllocatedSize(row->size);
+  placed_ -= AllocatedSize(row->size());
   Retire(row);
 }
 
@@ -272,7 +274,7 @@ void RowTable::Remove(Bucket& bucket, std::size_t way) noexcept {
 
 void RowTable::Retire(KeptRow* row) noexcept {
   std::lock_guard const lock(retired_mutex_);
-  retired_bytes_ += AllocatedSize(row->size);
+  retired_bytes_ += AllocatedSize(row->size());
   std::uint64_t const now = clock_.fetch_add(1);
   if (retired_ == nullptr) first_left_ = now;
   SetLeft(*row, {now, std::exchange(retired_, row)});
@@ -294,7 +296,7 @@ void RowTable::FreeRetiredBefore(std::uint64_t oldest) noexcept {
   while (row != nullptr) {
     Left const left = LeftOf(*row);
     if (left.at < oldest) {
-      retired_bytes_ -= AllocatedSize(row->size);
+      retired_bytes_ -= AllocatedSize(row->size());
       Free(row);
     } else {
       SetLeft(*row, {left.at, std::exchange(retired_, row)});

@@ -22,6 +22,8 @@
 #include <string_view>
 #include <vector>
 
+#include "bytes.h"
+#include "format.h"
 #include "ids.h"
 #include "layout.h"
 #include "row.h"
@@ -30,13 +32,14 @@
 
 namespace lscore {
 
-// A committed row: its image follows, and behind that what is needed once it has left.
+// A committed row: its image follows, and behind that what is needed once it has left. A usual row
+// is two lines of the processor's cache, so the size of the image has the place of its checksum.
 struct KeptRow {
   ObjectId id{};
   Layout const* layout = nullptr;
-  CommitId known{};        // a state whose newest it was
-  std::uint64_t size = 0;  // of the image
+  CommitId known{};  // a state whose newest it was
 
+  std::uint32_t size() const { return Load<std::uint32_t>(image() + format::kCrcOffset); }
   char const* image() const { return reinterpret_cast<char const*>(this + 1); }
   CommitId commit() const { return RowImage(image()).commit(); }  // that wrote it
 };
