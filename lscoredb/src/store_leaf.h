@@ -33,7 +33,9 @@ class LeafWalk {
     count_ = (lower - pages::kPageHead) / 2;
     std::size_t const place = static_cast<std::size_t>(key - page) - pages::kNodeHead;
     for (at_ = 0; at_ < count_; ++at_) {
-      if (PlaceOf(at_) == place) return true;
+      if (PlaceOf(at_) != place) continue;
+      FetchAround();
+      return true;
     }
     Leave();
     return false;
@@ -66,6 +68,14 @@ class LeafWalk {
     FetchAhead(at > at_ ? at + kAhead : at - kAhead);
     at_ = at;
     return true;
+  }
+
+  // Of a page that was entered, what the first steps need in either direction.
+  void FetchAround() const {
+    for (std::size_t i = 1; i < kAhead; ++i) {
+      FetchAhead(at_ + i);
+      FetchAhead(at_ - i);
+    }
   }
 
   // Entries lie in a page in the order in which they were made. Wraps below zero, which is no entry

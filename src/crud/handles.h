@@ -11,6 +11,8 @@
 #include <sagleme/sagleme.h>
 
 #include <atomic>
+#include <bit>
+#include <cstring>
 #include <sagleme/metalayer/records.hpp>
 #include <string>
 
@@ -42,11 +44,15 @@ struct Place {
   uint32_t column;
 };
 
-// The layout in the caller's address word gives way to the one that the handle knows.
+static_assert(std::endian::native == std::endian::little);
+
+// The layout in the caller's address word gives way to the one that the handle knows. Copied over
+// its lowest bytes, which is one instruction where masks are four.
 inline Place PlaceOf(PropertyAccessInfo const* handle, uint64_t addr) {
-  constexpr uint64_t kLayoutBits = 0xFFFF;
   uint32_t const location = handle->location.load(std::memory_order_relaxed);
-  return {(addr & ~kLayoutBits) | (location & kLayoutBits), location >> 16};
+  auto const layout = static_cast<uint16_t>(location);
+  std::memcpy(&addr, &layout, sizeof layout);
+  return {addr, location >> 16};
 }
 
 }  // namespace metalayer::crud
