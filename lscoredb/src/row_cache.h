@@ -50,6 +50,7 @@ class RowCache {
 
   using Set = std::array<RowRef, 2>;  // zeros stand for no row
   static_assert(sizeof(Set) == kLine);
+
   Set& SetOf(ObjectId id) const { return sets_[Raw(id) % kSets]; }
   void NoteUsed(Set const& set) {
     if (used_.size() < kManyUsed) used_.push_back(static_cast<std::uint32_t>(&set - sets_.data()));
