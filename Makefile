@@ -15,7 +15,7 @@ help:
 	@echo "            (STATUS=file loads another one, ARGS='--show gcc' passes options on)"
 	@echo "make test   build everything and run the tests"
 	@echo "make bench  measure sagleme beside LMDB, SQLite and, where it is installed, PostgreSQL;"
-	@echo "            ten minutes, and docs/performance.md is written anew"
+	@echo "            four minutes, and docs/performance.md is written anew"
 	@echo "make build  build the libraries, the example and the tests"
 	@echo "make lint   check the house rules on a built tree"
 	@echo "make tidy   run clang-tidy over the sources (needs clang-tidy)"
