@@ -1,7 +1,7 @@
 // The exported functions: version and generation, bootstrap, booleans. The other families have
 // files of their own beside this one.
 
-#include "frame/lsdbmetalayer.h"
+#include "api/lsdbmetalayer.h"
 
 #include <memory>
 #include <sagleme/metalayer/catalogue.hpp>

@@ -2,7 +2,7 @@
 
 #include <sagleme/metalayer/ddl.hpp>
 
-#include "frame/lsdbmetalayer.h"
+#include "api/lsdbmetalayer.h"
 
 namespace metalayer {
 namespace {

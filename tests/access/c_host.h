@@ -1,5 +1,5 @@
-#ifndef SAGLEME_TESTS_KERNEL_C_HOST_H
-#define SAGLEME_TESTS_KERNEL_C_HOST_H
+#ifndef SAGLEME_TESTS_ACCESS_C_HOST_H
+#define SAGLEME_TESTS_ACCESS_C_HOST_H
 
 /* What a host written in C does with the library; its tests call it. */
 

@@ -1,5 +1,5 @@
-#ifndef SAGLEME_SRC_FRAME_LSDBMETALAYER_H
-#define SAGLEME_SRC_FRAME_LSDBMETALAYER_H
+#ifndef SAGLEME_SRC_API_LSDBMETALAYER_H
+#define SAGLEME_SRC_API_LSDBMETALAYER_H
 
 // What the files of the exported functions share.
 

@@ -1,6 +1,6 @@
 /* The C headers as a plain C program sees them. */
 
-#include "kernel/c_host.h"
+#include "access/c_host.h"
 
 #include <sagleme/sagleme.h>
 #include <sagleme/ucs2.h>

@@ -1,4 +1,4 @@
-#include "kernel/c_host.h"
+#include "access/c_host.h"
 
 #include <gtest/gtest.h>
 

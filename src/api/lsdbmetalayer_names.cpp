@@ -6,7 +6,7 @@
 #include <sagleme/metalayer/names.hpp>
 #include <sagleme/metalayer/schema.hpp>
 
-#include "frame/lsdbmetalayer.h"
+#include "api/lsdbmetalayer.h"
 
 namespace metalayer {
 namespace {
