@@ -21,11 +21,14 @@
  *  6. Identities of objects and indexes are never given out again, those of a transaction that is
  *     rolled back not while the process lives.
  *  7. A layout number that a transaction took, whatever became of the transaction, is not given out
- *     again while any process lives that has had the database open, though it may have closed it:
- *     what it keeps by layout number stays true. Afterwards the numbers of transactions that were
- *     rolled back are free, and those of layouts that were released, see lscoredb_release_layout.
- *     Each process keeps a file "layouts.lock" of the directory open and locked for this until it
- *     ends.
+ *     again while any process has the database open that knows it. Afterwards the numbers of
+ *     transactions that were rolled back are free, and those of layouts that were released, see
+ *     lscoredb_release_layout. So what is kept by layout number, or by any number of a database, is
+ *     forgotten with the database's last close: attach it (lscoredb_attach). Each process keeps a
+ *     file "layouts.lock" of the directory open and locked from the first open to the last close.
+ *  8. A process may use any number of databases, one after another and at the same time. The last
+ *     lscoredb_close of a database gives back all that it took: memory, mappings, descriptors and
+ *     locks.
  *
  * Statuses that any function may give, not repeated below: LSCOREDB_UNKNOWN_CONTEXT for a context
  * that is not open, LSCOREDB_NULL_ARGUMENT, LSCOREDB_NO_MEMORY, LSCOREDB_IO_ERROR,
@@ -114,12 +117,38 @@ LSCOREDB_API uint32_t lscoredb_open(char const* directory, lscoredb_options cons
 /* Ends the use of a database; `*database` is gone then. LSCOREDB_IN_USE: contexts are open. */
 LSCOREDB_API uint32_t lscoredb_close(lscoredb* database);
 
-/* ---- contexts and transactions --------------------------------------------------------------- */
+/* ---- contexts -------------------------------------------------------------------------------- */
 
 /* Opens a context. A handle is never 0 and names nothing any more once it is closed. */
 LSCOREDB_API uint32_t lscoredb_context_open(lscoredb* database, uint64_t* out_context);
 /* Rolls back what is open, and frees the context with its iterators. */
 LSCOREDB_API uint32_t lscoredb_context_close(uint64_t context);
+
+/* ---- what users keep with a database or a context ------------------------------------------- */
+
+/* The number of the database that a context belongs to, never 0. All that have one directory open
+ * at the same time share it; the next opening after the last close gets another. No number comes
+ * twice in a process. */
+LSCOREDB_API uint32_t lscoredb_database_number(uint64_t context, uint64_t* out);
+
+/* Is given a value that was attached, once, when its owner ends. No context of the database is open
+ * any more, or the context is closed already. */
+typedef void (*lscoredb_release_callback)(void* value);
+
+/* Attaches `value` to the context's database under `key`, the address of something that the caller
+ * owns, until the last close of the database, which calls `release` (may be NULL); the last value
+ * attached goes first. When there is a value under the key already, that one stays, goes out, and
+ * `value` is the caller's still. Any thread. */
+LSCOREDB_API uint32_t lscoredb_attach(uint64_t context, void const* key, void* value,
+                                      lscoredb_release_callback release, void** out);
+/* The value under the key; NULL goes out when there is none. Takes no lock. */
+LSCOREDB_API uint32_t lscoredb_attached(uint64_t context, void const* key, void** out);
+/* The same for values that end with the context, in lscoredb_context_close. */
+LSCOREDB_API uint32_t lscoredb_context_attach(uint64_t context, void const* key, void* value,
+                                              lscoredb_release_callback release, void** out);
+LSCOREDB_API uint32_t lscoredb_context_attached(uint64_t context, void const* key, void** out);
+
+/* ---- transactions ---------------------------------------------------------------------------- */
 
 #define LSCOREDB_READ_WRITE 0u
 #define LSCOREDB_READ_ONLY_TRANSACTION 1u

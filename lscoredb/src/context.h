@@ -45,6 +45,8 @@ class Context {
 
   lscoredb& owner() { return owner_; }
   Transaction& transaction() { return transaction_; }
+  Database& database() { return *owner_.database; }
+  Attachments& attachments() { return attachments_; }
 
   Status CreateIterator(IndexId index, bool reverse, void const* first_key, void const* last_key,
                         std::uint64_t* out);
@@ -57,6 +59,7 @@ class Context {
   Transaction transaction_;
   std::vector<std::unique_ptr<OpenIterator>> iterators_;
   std::vector<OpenIterator*> free_iterators_;
+  Attachments attachments_;
 };
 
 }  // namespace lscore

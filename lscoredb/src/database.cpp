@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <map>
 #include <mutex>
@@ -21,15 +22,10 @@ constexpr mode_t kDirectoryMode = 0750;
 // Of a directory, and of the process: what was open before a fork is the parent's.
 using DirectoryId = std::tuple<pid_t, dev_t, ino_t>;
 
-struct Known {
-  std::weak_ptr<Database> database;
-  std::shared_ptr<LayoutNumbers> layout_numbers;  // from the first opening on
-};
-
-// The directories that this process has opened. Held over an opening, so that none is opened twice.
+// The directories that this process has open. Held over an opening, so that none is opened twice.
 struct Registry {
   std::mutex mutex;
-  std::map<DirectoryId, Known> known;
+  std::map<DirectoryId, std::weak_ptr<Database>> open;
 };
 
 Registry& TheRegistry() {
@@ -56,13 +52,17 @@ DirectoryId IdOf(std::string const& path) {
   return {getpid(), status.st_dev, status.st_ino};
 }
 
-// A directory that was removed, or made anew in the place of another, has nothing to be remembered.
-void ForgetRemoved(Registry& registry) {
-  std::erase_if(registry.known, [](auto const& entry) {
-    Known const& known = entry.second;
-    return known.database.expired() && known.layout_numbers != nullptr &&
-           known.layout_numbers->orphaned();
-  });
+void ForgetClosed(Registry& registry) {
+  std::erase_if(registry.open, [](auto const& entry) { return entry.second.expired(); });
+}
+
+// Null when the directory is not open. A directory that was removed while it was open may have left
+// its place, and its number in the file system, to another one.
+std::shared_ptr<Database> FindOpen(Registry& registry, DirectoryId const& id) {
+  auto const found = registry.open.find(id);
+  std::shared_ptr<Database> database =
+      found == registry.open.end() ? nullptr : found->second.lock();
+  return database != nullptr && database->layout_numbers().orphaned() ? nullptr : database;
 }
 
 // Released layouts are taken away by whoever finds itself alone. What stands in the way of that, a
@@ -76,18 +76,19 @@ void Collect(Store& store, LayoutNumbers& layout_numbers) {
   layout_numbers.Share();
 }
 
-std::shared_ptr<Database> OpenStore(std::string const& path, StoreOptions const& options,
-                                    Known& known) {
-  std::shared_ptr<LayoutNumbers> numbers = known.layout_numbers;
-  if (numbers == nullptr) numbers = std::make_shared<LayoutNumbers>(path);
+std::shared_ptr<Database> OpenStore(std::string const& path, StoreOptions const& options) {
+  auto numbers = std::make_shared<LayoutNumbers>(path);
   std::unique_ptr<Store> store = Store::Open(path.c_str(), options);
   Collect(*store, *numbers);
-  auto database = std::make_shared<Database>(std::move(store), numbers, options.row_memory);
-  known = {database, numbers};
-  return database;
+  return std::make_shared<Database>(std::move(store), std::move(numbers), options.row_memory);
 }
 
 }  // namespace
+
+std::uint64_t NextDatabaseNumber() {
+  static std::atomic<std::uint64_t> last{0};
+  return ++last;
+}
 
 std::shared_ptr<Database> OpenDatabase(char const* directory, StoreOptions const& options) {
   if (directory == nullptr) {
@@ -99,18 +100,30 @@ std::shared_ptr<Database> OpenDatabase(char const* directory, StoreOptions const
   Registry& registry = TheRegistry();
   std::lock_guard const lock(registry.mutex);
   MakeDirectories(path);
-  ForgetRemoved(registry);
-  Known& known = registry.known[IdOf(path)];
-  std::shared_ptr<Database> database = known.database.lock();
-  if (database == nullptr) return OpenStore(path, options, known);
+  ForgetClosed(registry);
+  DirectoryId const id = IdOf(path);
+  std::shared_ptr<Database> database = FindOpen(registry, id);
+  if (database == nullptr) {
+    database = OpenStore(path, options);
+    registry.open[id] = database;
+    return database;
+  }
   if (options.verify) database->store().Verify();
   if (options.sync) database->commits().RequireSync();
   return database;
 }
 
-// No one opens the directory again before its store is closed.
+// No one opens the directory again before its store is closed. What was attached is released behind
+// the lock, since it may open and close databases of its own.
 void CloseDatabase(std::shared_ptr<Database> database) {
-  std::lock_guard const lock(TheRegistry().mutex);
+  std::shared_ptr<LayoutNumbers> numbers;
+  std::unique_ptr<Attachments> attachments;
+  Registry& registry = TheRegistry();
+  std::lock_guard const lock(registry.mutex);
+  if (database.use_count() == 1) {
+    numbers = database->ShareLayoutNumbers();
+    attachments = database->TakeAttachments();
+  }
   database.reset();
 }
 

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "allocators.h"
+#include "attachments.h"
 #include "commit.h"
 #include "definitions.h"
 #include "layout_numbers.h"
@@ -16,6 +17,8 @@
 #include "store.h"
 
 namespace lscore {
+
+std::uint64_t NextDatabaseNumber();
 
 class Database {
  public:
@@ -34,9 +37,16 @@ class Database {
   IndexCatalogues& catalogues() { return catalogues_; }
   IdAllocator& ids() { return ids_; }
   LayoutNumbers& layout_numbers() { return *layout_numbers_; }
+  // Never given to another database of the process, nor to this one when it is opened again.
+  std::uint64_t number() const { return number_; }
+  Attachments& attachments() { return *attachments_; }
+  // What CloseDatabase still needs when the store is closed.
+  std::unique_ptr<Attachments> TakeAttachments() { return std::move(attachments_); }
+  std::shared_ptr<LayoutNumbers> ShareLayoutNumbers() const { return layout_numbers_; }
   CommitQueue& commits() { return commits_; }
 
  private:
+  std::uint64_t const number_ = NextDatabaseNumber();
   std::unique_ptr<Store> store_;
   std::shared_ptr<LayoutNumbers> layout_numbers_;
   RowTable rows_;
@@ -44,12 +54,14 @@ class Database {
   IndexCatalogues catalogues_;
   IdAllocator ids_;
   CommitQueue commits_;
+  std::unique_ptr<Attachments> attachments_ = std::make_unique<Attachments>();
 };
 
 // Opens the database in `directory`, which is created when missing, or shares it when the process
 // has it open; null opens a new one in memory.
 std::shared_ptr<Database> OpenDatabase(char const* directory, StoreOptions const& options);
-// Gives a share back. The last one closes the store.
+// Gives a share back. The last one closes the store, then releases what was attached, and then lets
+// go of the layout numbers, which what was attached may have known.
 void CloseDatabase(std::shared_ptr<Database> database);
 
 }  // namespace lscore

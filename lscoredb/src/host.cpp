@@ -45,6 +45,19 @@ Status WithContext(std::uint64_t handle, Work&& work) noexcept {
   });
 }
 
+Status Attach(Attachments& to, void const* key, void* value, lscoredb_release_callback release,
+              void** out) {
+  if (key == nullptr || value == nullptr || out == nullptr) return LSCOREDB_NULL_ARGUMENT;
+  *out = to.Attach(key, value, release);
+  return LORV_STATUS_OK;
+}
+
+Status FindAttached(Attachments const& in, void const* key, void** out) {
+  if (key == nullptr || out == nullptr) return LSCOREDB_NULL_ARGUMENT;
+  *out = in.Find(key);
+  return LORV_STATUS_OK;
+}
+
 }  // namespace
 }  // namespace lscore
 
@@ -87,6 +100,39 @@ uint32_t lscoredb_context_close(uint64_t context) {
     Contexts().Retire(context);
     return LORV_STATUS_OK;
   });
+}
+
+uint32_t lscoredb_database_number(uint64_t context, uint64_t* out) {
+  return WithContext(context, [&](Context& found) -> Status {
+    if (out == nullptr) return LSCOREDB_NULL_ARGUMENT;
+    *out = found.database().number();
+    return LORV_STATUS_OK;
+  });
+}
+
+uint32_t lscoredb_attach(uint64_t context, void const* key, void* value,
+                         lscoredb_release_callback release, void** out) {
+  return WithContext(context, [&](Context& found) {
+    return Attach(found.database().attachments(), key, value, release, out);
+  });
+}
+
+uint32_t lscoredb_attached(uint64_t context, void const* key, void** out) {
+  return WithContext(context, [&](Context& found) {
+    return FindAttached(found.database().attachments(), key, out);
+  });
+}
+
+uint32_t lscoredb_context_attach(uint64_t context, void const* key, void* value,
+                                 lscoredb_release_callback release, void** out) {
+  return WithContext(context, [&](Context& found) {
+    return Attach(found.attachments(), key, value, release, out);
+  });
+}
+
+uint32_t lscoredb_context_attached(uint64_t context, void const* key, void** out) {
+  return WithContext(context,
+                     [&](Context& found) { return FindAttached(found.attachments(), key, out); });
 }
 
 uint32_t lscoredb_begin(uint64_t context, uint32_t flags) {

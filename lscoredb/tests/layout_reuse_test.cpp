@@ -1,5 +1,5 @@
-// When a layout's number is given out again, and when not. Every step runs in a process of its own:
-// what a process has seen of a database it has seen for life.
+// When a layout's number is given out again, and when not. What a process has seen of a database it
+// knows until its last close, so most steps run in a process of their own.
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -117,8 +117,9 @@ TEST_F(LayoutReuseTest, ALaterProcessGivesAReleasedNumberANewMeaning) {
   });
 }
 
-TEST_F(LayoutReuseTest, TheProcessThatKnewANumberKeepsItsMeaning_AlsoWhenItOpensAgain) {
+TEST_F(LayoutReuseTest, TheProcessThatKnowsANumberKeepsItsMeaning_AsLongAsItHasTheDatabaseOpen) {
   InAnotherProcess([&] {
+    Database const stays(place_);
     Here([](Session& session) { EXPECT_EQ(session.CreateLayout(kOldToken, {}), 1); });
     Here([](Session& session) { EXPECT_STATUS(0, Release(session, 1)); });
     for (LayoutId next = 2; next < 5; ++next) {
@@ -129,6 +130,18 @@ TEST_F(LayoutReuseTest, TheProcessThatKnewANumberKeepsItsMeaning_AlsoWhenItOpens
     }
   });
   ExpectKnownLater({2, 3, 4});
+}
+
+TEST_F(LayoutReuseTest, TheLastCloseForgetsWhatNumbersMeant) {
+  InAnotherProcess([&] {
+    Here([](Session& session) { EXPECT_EQ(session.CreateLayout(kOldToken, {}), 1); });
+    Here([](Session& session) { EXPECT_STATUS(0, Release(session, 1)); });
+    Here([](Session& session) {
+      EXPECT_FALSE(Knows(session, 1));
+      EXPECT_EQ(session.CreateLayout(kNewToken, {}), 1);
+    });
+  });
+  ExpectKnownLater({1});
 }
 
 TEST_F(LayoutReuseTest, NothingIsTakenAwayWhileAnotherProcessReads) {
@@ -156,20 +169,20 @@ TEST_F(LayoutReuseTest, NothingIsTakenAwayWhileAnotherProcessReads) {
   ExpectKnownLater({2, 3});
 }
 
-TEST_F(LayoutReuseTest, AProcessThatClosedTheDatabaseStillKnowsIt) {
+TEST_F(LayoutReuseTest, AProcessThatClosedTheDatabaseStandsInNoOnesWay) {
   MakeLayouts(2);
   OtherProcess knowing([&](OtherProcess& test) {
     Here([](Session& session) { EXPECT_TRUE(Knows(session, 1)); });
     test.Say();
     test.Hear();
-    Here([](Session& session) { EXPECT_EQ(session.LayoutInfo(1).token, kOldToken); });
+    Here([](Session& session) { EXPECT_EQ(session.LayoutInfo(1).token, kNewToken); });
   });
   knowing.Hear();
   ReleaseElsewhere(1);
-  Elsewhere([](Session& session) { EXPECT_EQ(session.CreateLayout(kNewToken, {}), 3); });
+  Elsewhere([](Session& session) { EXPECT_EQ(session.CreateLayout(kNewToken, {}), 1); });
   knowing.Say();
   knowing.ExpectGoodEnd();
-  ExpectKnownLater({2, 3});
+  ExpectKnownLater({1, 2});
 }
 
 TEST_F(LayoutReuseTest, ALayoutWithObjectsIsNotReleased) {
@@ -223,6 +236,7 @@ TEST_F(LayoutReuseTest, AReleaseGoesWithItsTransaction) {
 TEST_F(LayoutReuseTest, AReleasedLayoutServesUntilItIsTakenAway) {
   MakeLayouts(2);
   InAnotherProcess([&] {
+    Database const stays(place_);
     Here([](Session& session) { EXPECT_STATUS(0, Release(session, 1)); });
     Here([](Session& session) {
       EXPECT_EQ(LayoutsInUse(session), std::set<LayoutId>{2});
