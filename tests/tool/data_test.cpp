@@ -125,7 +125,7 @@ TEST_F(DataTest, Import_OfANullWhereNoneIsTaken_IsABadRow) {
 TEST_F(DataTest, Import_OnATerminal_TellsHowLongItTook) {
   Result const result =
       RunOnTerminal({"import", database(), "Book", Write("one.csv", "Title\na\n")});
-  EXPECT_NE(std::string::npos, result.out.find("1 objects in 0:0")) << result.out;
+  EXPECT_NE(std::string::npos, result.out.find("1 object in 0:0")) << result.out;
 }
 
 TEST_F(DataTest, Dump_LoadedAndDumpedAgain_IsTheSameByteForByte) {

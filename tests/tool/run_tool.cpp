@@ -6,7 +6,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -83,22 +87,82 @@ Result RunTool(Arguments const& arguments, std::string const& input) {
   return result;
 }
 
+void SkipWithoutTerminal(std::string const& why) {
+  char const* const ci = std::getenv("CI");
+  bool const must_run = ci != nullptr && *ci != '\0';
+  std::fprintf(stderr, "%s: there is no pseudo-terminal: %s\n", must_run ? "failed" : "skipped",
+               why.c_str());
+  _exit(must_run ? 1 : kSkipped);
+}
+
+Terminal::Terminal(Arguments const& arguments, std::vector<std::string> const& environment) {
+  winsize size{24, 80, 0, 0};
+  child_ = forkpty(&master_, nullptr, nullptr, &size);
+  if (child_ < 0) SkipWithoutTerminal(std::strerror(errno));
+  if (child_ != 0) return;
+  setenv("TERM", "xterm", 1);
+  setenv("PAGER", "", 1);
+  for (std::string const& each : environment) putenv(const_cast<char*>(each.c_str()));
+  Exec(arguments);
+}
+
+Terminal::~Terminal() {
+  if (child_ > 0) {
+    kill(child_, SIGKILL);
+    WaitFor(child_);
+  }
+  close(master_);
+}
+
+void Terminal::Type(std::string const& keys) const { WriteAll(master_, keys); }
+
+std::string Terminal::Until(std::string const& text) {
+  while (true) {
+    auto const at = seen_.find(text);
+    if (at != std::string::npos) {
+      std::string const found = seen_.substr(0, at + text.size());
+      seen_.erase(0, found.size());
+      return found;
+    }
+    if (ReadSome(master_, seen_)) continue;
+    ADD_FAILURE() << "the tool ended before it showed \"" << text << "\": " << seen_;
+    return seen_;
+  }
+}
+
+Result Terminal::Finish() {
+  Result result;
+  while (ReadSome(master_, seen_)) {
+  }
+  result.out = std::move(seen_);
+  result.status = WaitFor(child_);
+  child_ = -1;
+  return result;
+}
+
 Result RunOnTerminal(Arguments const& arguments, std::string const& input,
                      std::vector<std::string> const& environment) {
-  int master = -1;
-  winsize size{24, 80, 0, 0};
-  pid_t const child = forkpty(&master, nullptr, nullptr, &size);
+  Terminal terminal(arguments, environment);
+  terminal.Type(input);
+  return terminal.Finish();
+}
+
+Result RunToolInto(std::string const& file, Arguments const& arguments) {
+  int err[2];
+  if (pipe(err) != 0) return {};
+  pid_t const child = fork();
   if (child == 0) {
-    setenv("TERM", "xterm", 1);
-    for (std::string const& each : environment) putenv(const_cast<char*>(each.c_str()));
+    dup2(open(file.c_str(), O_WRONLY), STDOUT_FILENO);
+    dup2(err[1], STDERR_FILENO);
+    for (int const each : {err[0], err[1]}) close(each);
     Exec(arguments);
   }
-  WriteAll(master, input);
+  close(err[1]);
   Result result;
-  while (ReadSome(master, result.out)) {
+  while (ReadSome(err[0], result.err)) {
   }
+  close(err[0]);
   result.status = WaitFor(child);
-  close(master);
   return result;
 }
 

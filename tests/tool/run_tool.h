@@ -20,9 +20,36 @@ struct Result {
 using Arguments = std::vector<std::string>;
 
 Result RunTool(Arguments const& arguments, std::string const& input = "");
-// On a pseudo-terminal of 80 columns: `out` has what a user sees, `err` nothing.
+// On a pseudo-terminal of 24 rows and 80 columns: `out` has what a user sees, `err` nothing.
 Result RunOnTerminal(Arguments const& arguments, std::string const& input = "",
                      std::vector<std::string> const& environment = {});
+// A pseudo-terminal with the tool on it, for a dialogue.
+class Terminal {
+ public:
+  explicit Terminal(Arguments const& arguments, std::vector<std::string> const& environment = {});
+  ~Terminal();
+  Terminal(Terminal const&) = delete;
+  Terminal& operator=(Terminal const&) = delete;
+
+  void Type(std::string const& keys) const;
+  // Reads until a text has come since the last call; a test failure when the tool ends first.
+  std::string Until(std::string const& text);
+  // Reads until the tool ends, and tells its status.
+  Result Finish();
+
+ private:
+  int master_ = -1;
+  pid_t child_ = -1;
+  std::string seen_;
+};
+
+// Ends the test's process as skipped, for CTest to show, on a machine that has no terminals to
+// give. Where CI is set it fails: there everything has to run.
+[[noreturn]] void SkipWithoutTerminal(std::string const& why);
+inline constexpr int kSkipped = 77;
+
+// With its output in a file such as /dev/full; `out` stays empty.
+Result RunToolInto(std::string const& file, Arguments const& arguments);
 // Starts it and returns at once; its output goes nowhere.
 pid_t StartTool(Arguments const& arguments);
 int WaitFor(pid_t process);

@@ -20,6 +20,9 @@ namespace tool {
 struct Example {
   std::string line;  // behind "sagleme "
   std::string meaning;
+
+  // At the prompt, where `program` is empty, without the database, which is the second word.
+  std::string For(std::string const& program) const;
 };
 
 class Command {
@@ -27,7 +30,10 @@ class Command {
   virtual ~Command() = default;
 
   virtual std::string name() const = 0;
+  // One sentence without its full stop, in the imperative.
   virtual std::string summary() const = 0;
+  // More for help and manual, a line a paragraph.
+  virtual std::string details() const { return ""; }
   virtual std::vector<Example> examples() const = 0;
   // Declares options and arguments, the database left out.
   virtual void Declare(CLI::App& app) = 0;
@@ -35,14 +41,16 @@ class Command {
   virtual bool at_prompt() const { return true; }
   // Whether its list obeys --format.
   virtual bool lists() const { return false; }
+  // Whether it serves programs rather than people.
+  virtual bool hidden() const { return false; }
   virtual Exit Run(Session& session, Output& output) = 0;
 };
 
 // All commands in the order in which help shows them. Each call makes new ones.
 std::vector<std::unique_ptr<Command>> MakeCommands();
 
-// Adds one to a parser: its options, --format where it lists, help with examples. The database
-// comes first and goes to `directory`; at the prompt, where it is not named, that is null.
+// Adds one to a parser: its options, and --format where it lists. The database comes first and goes
+// to `directory`; at the prompt, where it is not named, that is null.
 CLI::App* Attach(CLI::App& parser, Command& command, Output& output, std::string* directory);
 
 }  // namespace tool

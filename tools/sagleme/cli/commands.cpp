@@ -2,36 +2,43 @@
 
 #include <fmt/format.h>
 
-#include <map>
-
 #include "cli/command.h"
 
 namespace tool {
 namespace {
 
-std::string Footer(Command const& command) {
-  std::string text = "Examples:\n";
-  for (Example const& example : command.examples()) {
-    text += fmt::format("  sagleme {}\n      {}\n", example.line, example.meaning);
+constexpr std::pair<char const*, Format> kFormats[] = {{"table", Format::kTable},
+                                                       {"records", Format::kRecords},
+                                                       {"json", Format::kJson},
+                                                       {"csv", Format::kCsv},
+                                                       {"markdown", Format::kMarkdown}};
+
+Format FormatNamed(std::string const& wanted) {
+  std::vector<std::string> names;
+  for (auto const& [name, format] : kFormats) {
+    if (name == wanted) return format;
+    names.emplace_back(name);
   }
-  return text;
+  throw Failure(Exit::kUsage, fmt::format("there is no form \"{}\" of a list", wanted),
+                fmt::format("There are: {}.", fmt::join(names, ", ")));
 }
 
 void DeclareFormat(CLI::App& app, Output& output) {
-  std::map<std::string, Format> const names{{"table", Format::kTable},
-                                            {"json", Format::kJson},
-                                            {"csv", Format::kCsv},
-                                            {"markdown", Format::kMarkdown}};
-  CLI::CheckedTransformer transformer(names);
-  transformer.description("");  // the numbers behind the names help nobody
-  app.add_option("--format", output.chosen,
-                 "Form of the list: table, json, csv or markdown. A table on a terminal, csv "
-                 "elsewhere, unless given")
-      ->transform(transformer)
+  app.add_option_function<std::string>(
+         "--format", [&output](std::string const& name) { output.chosen = FormatNamed(name); },
+         "Form of the list: table, records, json, csv or markdown. By default a table on a "
+         "terminal and csv elsewhere")
       ->type_name("FORM");
 }
 
 }  // namespace
+
+std::string Example::For(std::string const& program) const {
+  if (!program.empty()) return line;
+  auto const first = line.find(' ');
+  auto const second = line.find(' ', first + 1);
+  return line.substr(0, first) + (second == std::string::npos ? "" : line.substr(second));
+}
 
 CLI::App* Attach(CLI::App& parser, Command& command, Output& output, std::string* directory) {
   CLI::App* const app = parser.add_subcommand(command.name(), command.summary());
@@ -40,7 +47,7 @@ CLI::App* Attach(CLI::App& parser, Command& command, Output& output, std::string
   }
   command.Declare(*app);
   if (command.lists()) DeclareFormat(*app, output);
-  app->footer(Footer(command));
+  app->set_help_flag("-h,--help", "Show this help");
   return app;
 }
 

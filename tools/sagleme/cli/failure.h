@@ -9,7 +9,14 @@
 
 namespace tool {
 
-enum class Exit : int { kDone = 0, kProblem = 1, kUsage = 2, kCannotOpen = 3, kRefused = 4 };
+enum class Exit : int {
+  kDone = 0,
+  kProblem = 1,
+  kUsage = 2,
+  kCannotOpen = 3,
+  kRefused = 4,
+  kSomethingToDo = 5,
+};
 
 class Failure : public std::runtime_error {
  public:

@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include "cli/help.h"
+
 namespace tool {
 namespace {
 
@@ -23,25 +25,9 @@ std::string Troff(std::string const& text) {
   return escaped;
 }
 
-std::string Usage(CLI::App const& command) {
-  std::string usage = "sagleme " + command.get_name();
-  for (CLI::Option const* const option : command.get_options()) {
-    if (!option->get_positional()) continue;
-    std::string const name = option->get_name(true);
-    usage += " " + (option->get_required() ? name : "[" + name + "]");
-  }
-  return usage + " [OPTIONS]";
-}
-
-std::string OptionTerm(CLI::Option const& option) {
-  if (option.get_positional()) return option.get_name(true);
-  std::string const type = option.get_expected_max() == 0 ? "" : " " + option.get_type_name();
-  return option.get_name() + type;
-}
-
 std::string ManOfCommand(CLI::App const& app, Command const& command) {
   std::string page = ".SS " + Troff(command.name()) + "\n";
-  page += ".B " + Troff(Usage(app)) + "\n.PP\n" + Troff(command.summary()) + ".\n";
+  page += ".B " + Troff(UsageLine(app, "sagleme ")) + "\n.PP\n" + Troff(command.summary()) + ".\n";
   for (CLI::Option const* const option : app.get_options()) {
     if (option->get_name() == "--help") continue;
     page +=

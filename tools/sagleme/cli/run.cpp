@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include "cli/interrupt.h"
+
 namespace tool {
 
 void TellFailure(Output const& output, std::string const& what, std::string const& advice) {
@@ -9,12 +11,18 @@ void TellFailure(Output const& output, std::string const& what, std::string cons
   if (!advice.empty()) output.Note(fmt::format("  {}\n", advice));
 }
 
-Exit RunCommand(Command& command, Session& session, Output& output) {
+Exit Guarded(Output const& output, std::function<Exit()> const& work) {
   try {
-    return command.Run(session, output);
+    Exit const exit = work();
+    output.Flush();
+    return exit;
   } catch (Failure const& failure) {
     TellFailure(output, failure.what(), failure.advice());
     return failure.exit();
+  } catch (OutputClosed const&) {
+    throw;
+  } catch (Interrupted const&) {
+    throw;
   } catch (sagleme::Error const& error) {
     TellFailure(output, fmt::format("{} (status {})", error.what(), error.status()), "");
   } catch (std::exception const& error) {

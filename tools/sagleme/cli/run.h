@@ -1,8 +1,9 @@
 #ifndef SAGLEME_TOOL_CLI_RUN_H
 #define SAGLEME_TOOL_CLI_RUN_H
 
-// Running a command with its failures told on standard error.
+// Running commands with their failures told on standard error.
 
+#include <functional>
 #include <string>
 
 #include "cli/command.h"
@@ -10,7 +11,10 @@
 namespace tool {
 
 void TellFailure(Output const& output, std::string const& what, std::string const& advice);
-Exit RunCommand(Command& command, Session& session, Output& output);
+
+// Runs `work` and flushes the output; what either throws is told, and becomes an exit status.
+// OutputClosed and Interrupted pass.
+Exit Guarded(Output const& output, std::function<Exit()> const& work);
 
 }  // namespace tool
 

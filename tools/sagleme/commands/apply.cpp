@@ -73,6 +73,7 @@ Exit ApplySchema::Run(Session& session, Output& output) {
     Plan const plan = MakePlan(transaction, wanted);
     PrintPlan(plan, output);
     RefuseDestructive(plan);
+    output.Flush();  // nobody's changes are made behind a plan that could not be shown
     if (!plan.empty()) Apply(transaction, plan);
   });
   return Exit::kDone;

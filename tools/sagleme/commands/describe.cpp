@@ -84,6 +84,7 @@ void PrintAll(sagleme::Table const& table, Listing const& columns, Listing const
     case Format::kCsv:
       return columns.Print(output);
     case Format::kTable:
+    case Format::kRecords:
       output.Print(base.empty()
                        ? Visible(name) + "\n\n"
                        : fmt::format("{}, derived from {}\n\n", Visible(name), Visible(base)));

@@ -1,9 +1,5 @@
 #include "diagram/diagram.h"
 
-#include <fmt/format.h>
-
-#include <fstream>
-
 #include "commands/commands.h"
 
 namespace tool {
@@ -44,9 +40,9 @@ Exit Diagram::Run(Session& session, Output& output) {
   session.Read([&](sagleme::Transaction& transaction) {
     std::string const text = Draw(ReadSchema(transaction, false));
     if (file_.empty()) return output.Print(text);
-    std::ofstream file(file_, std::ios::binary);
-    file << text;
-    if (!file.flush()) throw Failure(Exit::kUsage, fmt::format("cannot write {}", file_));
+    NewFileWriter file(file_);
+    file.Write(text);
+    file.Flush();
   });
   return Exit::kDone;
 }

@@ -1,7 +1,5 @@
 #include <fmt/format.h>
 
-#include <cerrno>
-#include <cstring>
 #include <memory>
 
 #include "commands/commands.h"
@@ -12,11 +10,6 @@
 
 namespace tool {
 namespace {
-
-struct FileCloser {
-  void operator()(std::FILE* file) const { std::fclose(file); }
-};
-using FilePointer = std::unique_ptr<std::FILE, FileCloser>;
 
 class Export : public Command {
  public:
@@ -76,16 +69,10 @@ Exit Export::Run(Session& session, Output& output) {
   session.Read([&](sagleme::Transaction& transaction) {
     if (file_.empty()) return WriteAll(transaction, output, output);
     TableNamed(transaction, table_);  // before a file is made
-    FilePointer const file(std::fopen(file_.c_str(), "wb"));
-    if (file == nullptr) {
-      throw Failure(Exit::kUsage, fmt::format("cannot write {}: {}", file_, std::strerror(errno)));
-    }
     Output to = output;
-    to.out = file.get();
+    to.out = std::make_shared<NewFileWriter>(file_);
     WriteAll(transaction, to, output);
-    if (std::fflush(file.get()) != 0 || std::ferror(file.get()) != 0) {
-      throw Failure(Exit::kRefused, fmt::format("cannot write {}: the file is incomplete", file_));
-    }
+    to.Flush();
   });
   return Exit::kDone;
 }

@@ -71,7 +71,7 @@ sagleme::Range Find::Open(sagleme::Transaction& transaction, sagleme::Index cons
 Exit Find::Run(Session& session, Output& output) {
   session.Read([&](sagleme::Transaction& transaction) {
     sagleme::Index const index = IndexNamed(transaction, index_);
-    ObjectList list(transaction.table(index.table));
+    ObjectList list(output, transaction.table(index.table));
     std::uint64_t shown = 0;
     sagleme::Range range = Open(transaction, index);
     while (shown < limit_) {
@@ -81,7 +81,7 @@ Exit Find::Run(Session& session, Output& output) {
       list.Add(*object);
       ++shown;
     }
-    list.Print(output);
+    list.Finish();
   });
   return Exit::kDone;
 }

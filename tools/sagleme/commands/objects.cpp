@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include "cli/failure.h"
+#include "cli/interrupt.h"
 #include "commands/names.h"
 #include "output/value_text.h"
 
@@ -64,15 +65,16 @@ std::vector<sagleme::Column const*> UserColumns(sagleme::Table const& table) {
   return columns;
 }
 
-ObjectList::ObjectList(sagleme::TablePtr table)
-    : table_(std::move(table)), listing_(Heading(*table_)) {}
+ObjectList::ObjectList(Output const& output, sagleme::TablePtr table)
+    : table_(std::move(table)), writer_(output, Heading(*table_)) {}
 
 void ObjectList::Add(sagleme::Object const& object) {
+  CheckInterrupt();
   std::vector<Cell> row{Cell::Number(object.id().value), Cell::Text(TableName(object))};
   for (sagleme::Column const* const column : UserColumns(*table_)) {
     row.push_back(ValueCell(object.Get(*table_, *column)));
   }
-  listing_.Add(std::move(row));
+  writer_.Add(std::move(row));
 }
 
 Properties ObjectProperties(sagleme::Object const& object, std::vector<std::string> const& follow) {

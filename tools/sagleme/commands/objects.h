@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "output/list_writer.h"
 #include "output/listing.h"
 
 namespace tool {
@@ -15,14 +16,15 @@ namespace tool {
 // hidden columns are left out; id and table stand in front.
 class ObjectList {
  public:
-  explicit ObjectList(sagleme::TablePtr table);
+  ObjectList(Output const& output, sagleme::TablePtr table);
 
+  // Throws Interrupted when the user has stopped the command.
   void Add(sagleme::Object const& object);
-  void Print(Output const& output) const { listing_.Print(output); }
+  void Finish() { writer_.Finish(); }
 
  private:
   sagleme::TablePtr table_;
-  Listing listing_;
+  ListWriter writer_;
 };
 
 // One object with all its properties. Each reference in `follow` is a path of column names joined

@@ -1,5 +1,6 @@
 #include <fmt/format.h>
 
+#include "cli/interrupt.h"
 #include "commands/commands.h"
 #include "commands/names.h"
 #include "commands/objects.h"
@@ -80,12 +81,13 @@ Exit Scan::Run(Session& session, Output& output) {
   session.Read([&](sagleme::Transaction& transaction) {
     sagleme::TablePtr const table = TableNamed(transaction, table_);
     std::vector<Condition> const conditions = Conditions(*table);
-    ObjectList list(table);
+    ObjectList list(output, table);
     sagleme::Range range = only_ ? sagleme::Range::Only(transaction, *table)
                                  : sagleme::Range::Subtree(transaction, *table);
     for (std::uint64_t shown = 0; shown < limit_;) {
       auto const object = range.Next();
       if (!object) break;
+      CheckInterrupt();
       sagleme::ReadScope const scope(transaction.context());
       bool const wanted = std::all_of(conditions.begin(), conditions.end(), [&](auto const& each) {
         return each.Holds(*table, *object);
@@ -94,7 +96,7 @@ Exit Scan::Run(Session& session, Output& output) {
       list.Add(*object);
       ++shown;
     }
-    list.Print(output);
+    list.Finish();
   });
   return Exit::kDone;
 }

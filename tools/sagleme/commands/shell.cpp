@@ -3,6 +3,8 @@
 
 #include <filesystem>
 
+#include "cli/interrupt.h"
+#include "cli/parser.h"
 #include "cli/run.h"
 #include "commands/commands.h"
 #include "shell/line_reader.h"
@@ -38,14 +40,15 @@ constexpr char const* kHelp =
     "Commands are those of the command line, without the database's name:\n";
 
 // The words of the prompt itself. False for others.
-bool RunOwn(std::string const& word, Session& session, Output& output) {
+bool RunOwn(std::vector<std::string> const& words, Session& session, Output& output) {
+  std::string const& word = words.front();
   if (word == "begin") {
     session.Begin();
   } else if (word == "commit") {
     session.Commit();
   } else if (word == "rollback") {
     session.Rollback();
-  } else if (word == "help") {
+  } else if (word == "help" && words.size() == 1) {
     output.Print(kHelp);
     for (auto const& command : MakeCommands()) {
       if (command->at_prompt()) {
@@ -60,39 +63,30 @@ bool RunOwn(std::string const& word, Session& session, Output& output) {
 
 Exit RunParsed(std::vector<std::string> words, Session& session, Output const& output) {
   Output own = output;  // what one line chooses does not last
-  CLI::App app("", "");
-  app.require_subcommand(1);
-  auto const commands = MakeCommands();
-  std::vector<CLI::App*> parsers;
-  for (auto const& command : commands) {
-    parsers.push_back(command->at_prompt() ? Attach(app, *command, own, nullptr) : nullptr);
-  }
-  std::reverse(words.begin(), words.end());  // the parser takes them from the end
-  try {
-    app.parse(words);
-  } catch (CLI::ParseError const& error) {
-    if (error.get_exit_code() == 0) return static_cast<Exit>(app.exit(error));
-    TellFailure(own, error.what(), "See: help, or --help behind a command.");
-    return Exit::kUsage;
-  }
-  for (std::size_t i = 0; i < commands.size(); ++i) {
-    if (parsers[i] != nullptr && parsers[i]->parsed())
-      return RunCommand(*commands[i], session, own);
-  }
-  return Exit::kUsage;
+  Parser parser(own, nullptr);
+  Command* const command = parser.Parse(std::move(words));
+  return command == nullptr ? Exit::kDone : command->Run(session, own);
 }
 
 Exit RunLine(std::string const& line, Session& session, Output& output) {
-  try {
+  return Guarded(output, [&] {
     std::vector<std::string> const words = SplitLine(line);
-    if (words.empty() || RunOwn(words.front(), session, output)) return Exit::kDone;
+    if (words.empty() || RunOwn(words, session, output)) return Exit::kDone;
     return RunParsed(words, session, output);
-  } catch (Failure const& failure) {
-    TellFailure(output, failure.what(), failure.advice());
-    return failure.exit();
-  } catch (sagleme::Error const& error) {
-    TellFailure(output, fmt::format("{} (status {})", error.what(), error.status()), "");
-    return Exit::kRefused;
+  });
+}
+
+// A line of which the user may stop the work, and stays at the prompt.
+Exit RunInterruptible(std::string const& line, Session& session, Output& output,
+                      LineReader& reader) {
+  try {
+    return RunLine(line, session, output);
+  } catch (Interrupted const&) {
+    TakeInterrupt();
+    reader.NoteInterrupt();
+    output.out->Discard();
+    output.Note("\ninterrupted\n");
+    return Exit::kProblem;
   }
 }
 
@@ -104,14 +98,15 @@ std::string Shell::Prompt(Session const& session) const {
 Exit Shell::Run(Session& session, Output& output) {
   session.database();
   bool const terminal = isatty(STDIN_FILENO) == 1;
+  std::optional<InterruptGuard> guard;
+  if (terminal) guard.emplace();
   auto const reader =
       terminal
           ? MakeTerminalReader([&](std::string const& line) { return Completions(session, line); })
           : MakePlainReader();
   while (auto const line = reader->Next(Prompt(session))) {
     if (*line == "quit" || *line == "exit") break;
-    Exit const exit = RunLine(*line, session, output);
-    std::fflush(output.out);
+    Exit const exit = RunInterruptible(*line, session, output, *reader);
     if (exit != Exit::kDone && !terminal) return exit;
   }
   if (session.in_transaction()) output.Note("the open transaction is undone\n");

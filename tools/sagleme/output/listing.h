@@ -1,31 +1,16 @@
 #ifndef SAGLEME_TOOL_OUTPUT_LISTING_H
 #define SAGLEME_TOOL_OUTPUT_LISTING_H
 
-// A list with a heading, in the form that the user wants.
+// A list with a heading that is held until it is printed.
 
-#include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "output/cell.h"
 #include "output/format.h"
 
 namespace tool {
-
-struct Cell {
-  enum class Kind { kNull, kText, kNumber, kBool, kJson };
-
-  Kind kind = Kind::kNull;
-  std::string text;  // UTF-8; of a number or truth value its JSON form, of kJson any JSON
-  bool lone_surrogates = false;  // in a text: it goes into JSON as its units
-
-  static Cell Text(std::string text) { return {Kind::kText, std::move(text), false}; }
-  static Cell Number(std::uint64_t value) { return {Kind::kNumber, std::to_string(value), false}; }
-  static Cell Bool(bool value) { return {Kind::kBool, value ? "true" : "false", false}; }
-
-  std::string Json() const;
-  // Nothing for null.
-  std::string Plain() const { return text; }
-};
 
 class Listing {
  public:
@@ -36,15 +21,10 @@ class Listing {
   std::size_t size() const { return rows_.size(); }
 
   void Print(Output const& output) const;
-  // An array of objects, in lines of `indent` blanks.
+  // An array of objects, its lines indented by `indent`.
   std::string Json(std::string const& indent = "") const;
 
  private:
-  std::string Table(bool color) const;
-  std::string Csv() const;
-  std::string Markdown() const;
-  std::vector<std::size_t> Widths() const;
-
   std::vector<std::string> heading_;
   std::vector<std::vector<Cell>> rows_;
 };

@@ -1,8 +1,9 @@
 #ifndef SAGLEME_TOOL_OUTPUT_PROGRESS_H
 #define SAGLEME_TOOL_OUTPUT_PROGRESS_H
 
-// Tells on standard error how far a long work is: one line with rate and time left on a terminal, a
-// plain line for each tenth elsewhere.
+// Tells on standard error how far long work is: one line that is drawn again and again, with rate,
+// percentage and time left. Only on a terminal; elsewhere, as in the log of a nightly job, the
+// summary alone.
 
 #include <chrono>
 #include <cstdint>
@@ -14,25 +15,30 @@ namespace tool {
 
 class Progress {
  public:
-  // `total` in the units of Update's `done`; 0 when it is not known. `things` are what is counted.
+  // `total` in the units of Update's `done`; 0 when it is not known. `things` is the plural of what
+  // is counted.
   Progress(Output const& output, std::string things, std::uint64_t total)
       : output_(output), things_(std::move(things)), total_(total) {}
+  // Takes the line away when the work did not get to its summary.
+  ~Progress();
+  Progress(Progress const&) = delete;
+  Progress& operator=(Progress const&) = delete;
 
+  // Throws Interrupted when the user has stopped the work.
   void Update(std::uint64_t done, std::uint64_t count);
-  // The last line: how many, and how fast on a terminal.
+  // The summary: how many, and how long it took on a terminal.
   void Finish(std::uint64_t count);
 
  private:
   using Clock = std::chrono::steady_clock;
 
-  void ShowOnTerminal(std::uint64_t done, std::uint64_t count);
-  void ShowPlain(std::uint64_t done, std::uint64_t count);
+  void Show(std::uint64_t done, std::uint64_t count);
   double Seconds() const;
 
   Output const& output_;
   std::string things_;
   std::uint64_t total_;
-  std::uint64_t shown_ = 0;  // tenths, or hundred thousands when the total is not known
+  bool line_shown_ = false;
   Clock::time_point start_ = Clock::now();
   Clock::time_point drawn_ = start_;
 };

@@ -105,4 +105,9 @@ std::string CsvText(std::string_view text) {
   return quoted + '"';
 }
 
+std::string Counted(std::uint64_t count, std::string_view plural) {
+  if (count == 1) plural.remove_suffix(plural.ends_with("xes") ? 2 : 1);
+  return fmt::format("{} {}", count, plural);
+}
+
 }  // namespace tool

@@ -4,6 +4,7 @@
 // Texts for terminals and files: widths, control characters, JSON strings.
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -22,6 +23,9 @@ std::string JsonString(std::string_view text);
 
 // A field of a CSV line, quoted where it must be.
 std::string CsvText(std::string_view text);
+
+// "1 object", "2 objects", "0 indexes", "1 index": a count with its noun, given in the plural.
+std::string Counted(std::uint64_t count, std::string_view plural);
 
 }  // namespace tool
 

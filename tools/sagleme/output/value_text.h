@@ -20,7 +20,7 @@
 #include <string>
 #include <string_view>
 
-#include "output/listing.h"
+#include "output/cell.h"
 
 namespace tool {
 

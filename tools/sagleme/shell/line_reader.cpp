@@ -1,11 +1,16 @@
 #include "shell/line_reader.h"
 
 #include <histedit.h>
+#include <poll.h>
+#include <unistd.h>
 
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cwchar>
 #include <iostream>
 
+#include "cli/interrupt.h"
 #include "shell/words.h"
 
 namespace tool {
@@ -13,6 +18,21 @@ namespace {
 
 constexpr int kHistorySize = 1000;
 constexpr std::size_t kMostShown = 40;
+
+// Waits until there is something to read. False when Ctrl-C came first: the signal is let in while
+// the process waits and at no other time, so that none slips by between the look and the wait.
+bool WaitForInput() {
+  sigset_t interrupt;
+  sigset_t before;
+  sigemptyset(&interrupt);
+  sigaddset(&interrupt, SIGINT);
+  sigprocmask(SIG_BLOCK, &interrupt, &before);
+  pollfd input{STDIN_FILENO, POLLIN, 0};
+  while (!InterruptPending() && ppoll(&input, 1, nullptr, &before) < 0) {
+  }
+  sigprocmask(SIG_SETMASK, &before, nullptr);
+  return !InterruptPending();
+}
 
 class TerminalReader : public LineReader {
  public:
@@ -30,6 +50,7 @@ class TerminalReader : public LineReader {
     el_set(edit_.get(), EL_HIST, history, history_.get());
     el_set(edit_.get(), EL_ADDFN, "complete", "completes a word", &TerminalReader::Complete);
     el_set(edit_.get(), EL_BIND, "^I", "complete", nullptr);
+    el_set(edit_.get(), EL_GETCFN, &TerminalReader::ReadCharacter);
     el_source(edit_.get(), nullptr);
   }
   ~TerminalReader() override {
@@ -39,8 +60,11 @@ class TerminalReader : public LineReader {
 
   std::optional<std::string> Next(std::string const& prompt) override {
     prompt_ = prompt;
+    el_resize(edit_.get());
     int length = 0;
     char const* const line = el_gets(edit_.get(), &length);
+    if (TakeInterrupt()) return AfterInterrupt();
+    interrupted_before_ = false;
     if (line == nullptr || length <= 0) return std::nullopt;
     std::string text(line, static_cast<std::size_t>(length));
     if (text.ends_with('\n')) text.pop_back();
@@ -48,6 +72,7 @@ class TerminalReader : public LineReader {
     if (!text.empty()) history(history_.get(), &event, H_ENTER, text.c_str());
     return text;
   }
+  void NoteInterrupt() override { interrupted_before_ = true; }
 
  private:
   static TerminalReader& Self(EditLine* edit) {
@@ -55,6 +80,36 @@ class TerminalReader : public LineReader {
     el_get(edit, EL_CLIENTDATA, &self);
     return *static_cast<TerminalReader*>(self);
   }
+  // An empty line, so that the prompt is shown again, or nothing to leave.
+  std::optional<std::string> AfterInterrupt() {
+    el_reset(edit_.get());
+    bool const leave = line_was_empty_ && interrupted_before_;
+    bool const hint = line_was_empty_ && !leave;
+    std::fputs(hint ? "^C (again to leave)\n" : "^C\n", stdout);
+    std::fflush(stdout);
+    interrupted_before_ = line_was_empty_;
+    if (leave) return std::nullopt;
+    return "";
+  }
+
+  // One character, as libedit asks for it: 1, 0 at the end of the input, -1 when interrupted.
+  static int ReadCharacter(EditLine* edit, wchar_t* character) {
+    std::mbstate_t state{};
+    while (true) {
+      if (!WaitForInput()) {
+        LineInfo const* const info = el_line(edit);
+        Self(edit).line_was_empty_ = info->lastchar == info->buffer;
+        return -1;
+      }
+      char byte = 0;
+      if (read(STDIN_FILENO, &byte, 1) <= 0) return 0;
+      std::size_t const length = std::mbrtowc(character, &byte, 1, &state);
+      if (length == static_cast<std::size_t>(-2)) continue;  // more bytes belong to it
+      if (length == static_cast<std::size_t>(-1)) *character = 0xFFFD;
+      return 1;
+    }
+  }
+
   static char* Prompt(EditLine* edit) { return Self(edit).prompt_.data(); }
 
   static unsigned char Complete(EditLine* edit, int) {
@@ -82,6 +137,8 @@ class TerminalReader : public LineReader {
 
   Completer completer_;
   std::string prompt_;
+  bool line_was_empty_ = false;
+  bool interrupted_before_ = false;
   std::unique_ptr<EditLine, void (*)(EditLine*)> edit_;
   std::unique_ptr<History, void (*)(History*)> history_;
 };

@@ -1,0 +1,20 @@
+#ifndef SAGLEME_TOOL_CLI_NEAR_H
+#define SAGLEME_TOOL_CLI_NEAR_H
+
+// Names that a misspelt one may have meant.
+
+#include <string>
+#include <vector>
+
+namespace tool {
+
+// The nearest first, at most three. A name is near when it takes few keystrokes to get there, when
+// it differs in case only, or when it begins with what was typed.
+std::vector<std::string> NearNames(std::string const& typed, std::vector<std::string> const& names);
+
+// "Did you mean a, b or c?", or nothing when no name is near.
+std::string DidYouMean(std::string const& typed, std::vector<std::string> const& names);
+
+}  // namespace tool
+
+#endif

@@ -1,0 +1,64 @@
+#include "output/writer.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "cli/failure.h"
+
+namespace tool {
+namespace {
+
+constexpr std::size_t kBufferSize = 64 * 1024;
+
+// The error, or 0.
+int WriteAll(int file, std::string_view text) {
+  while (!text.empty()) {
+    ssize_t const written = write(file, text.data(), text.size());
+    if (written < 0 && errno == EINTR) continue;
+    if (written < 0) return errno;
+    text.remove_prefix(static_cast<std::size_t>(written));
+  }
+  return 0;
+}
+
+}  // namespace
+
+void FileWriter::Write(std::string_view text) {
+  if (error_ != 0) Fail();
+  buffer_ += text;
+  if (buffer_.size() >= kBufferSize) Flush();
+}
+
+void FileWriter::Flush() {
+  if (error_ == 0) error_ = WriteAll(file_, buffer_);
+  buffer_.clear();
+  if (error_ != 0) Fail();
+}
+
+void FileWriter::Fail() const {
+  if (error_ == EPIPE) throw OutputClosed();
+  throw Failure(Exit::kRefused, fmt::format("cannot write {}: {}", name_, std::strerror(error_)),
+                "The output is incomplete.");
+}
+
+NewFileWriter::~NewFileWriter() { close(opened_); }
+
+int NewFileWriter::Open(std::string const& path) {
+  int const file = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+  if (file >= 0) return file;
+  throw Failure(Exit::kUsage, fmt::format("cannot write {}: {}", path, std::strerror(errno)));
+}
+
+void ReserveStandardFiles() {
+  for (int const file : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    if (fcntl(file, F_GETFD) != -1) continue;
+    // Read-only: what is written to a closed standard output has to fail, not to vanish.
+    open("/dev/null", file == STDERR_FILENO ? O_WRONLY : O_RDONLY);
+  }
+}
+
+}  // namespace tool
