@@ -2,24 +2,11 @@
 
 #include <fmt/format.h>
 
+#include "data/references.h"
 #include "output/value_text.h"
 
 namespace tool {
 namespace {
-
-// The unique index over one column alone that covers a table; nothing when there is none.
-std::optional<sagleme::Index> UniqueIndexOver(sagleme::Transaction& transaction,
-                                              sagleme::Table const& table,
-                                              std::u16string const& column) {
-  for (sagleme::TablePtr at = transaction.table(table.name); at != nullptr;
-       at = at->base.empty() ? nullptr : transaction.table(at->base)) {
-    for (sagleme::Index const& index : at->indexes) {
-      if (index.unique && index.columns.size() == 1 && index.columns[0].name == column)
-        return index;
-    }
-  }
-  return std::nullopt;
-}
 
 bool IsNumber(std::string const& text) {
   return !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
@@ -103,7 +90,7 @@ std::vector<Importer::Assignment> Importer::Assignments(sagleme::Table const& ta
 sagleme::Value Importer::ParseField(sagleme::Column const& column, RowField const& field) {
   try {
     if (column.type == sagleme::Type::kReference && !field.null && !IsNumber(field.text)) {
-      return ParseReference(column, field);
+      return ReferencedObject(transaction_, column, field.text);
     }
     sagleme::Value value = field.parse(column.type);
     if (!sagleme::IsNull(value) || column.nullable) return value;
@@ -111,29 +98,6 @@ sagleme::Value Importer::ParseField(sagleme::Column const& column, RowField cons
   } catch (BadValue const& error) {
     throw BadRow(field.place, fmt::format("column {}: {}", field.name, error.what()));
   }
-}
-
-sagleme::Value Importer::ParseReference(sagleme::Column const& column, RowField const& field) {
-  auto const equals = field.text.find('=');
-  if (equals == std::string::npos) {
-    throw BadValue(fmt::format("\"{}\" is neither an object's id nor column=value", field.text));
-  }
-  sagleme::TablePtr const target = transaction_.table(column.target);
-  return LookUp(*target, field.text.substr(0, equals), field.text.substr(equals + 1));
-}
-
-sagleme::ObjectId Importer::LookUp(sagleme::Table const& target, std::string const& column,
-                                   std::string const& value) {
-  auto const index = UniqueIndexOver(transaction_, target, sagleme::ToUtf16(column));
-  if (!index) {
-    throw BadValue(fmt::format("there is no unique index over column {} of {}", column,
-                               sagleme::ToUtf8(target.name)));
-  }
-  sagleme::Value const key = ParseValue(index->columns[0].type, value);
-  auto const found = sagleme::Range::Matching(transaction_, *index, {key}).Next();
-  if (found) return found->id();
-  throw BadValue(
-      fmt::format("there is no {} with {} = {}", sagleme::ToUtf8(target.name), column, value));
 }
 
 }  // namespace tool

@@ -39,9 +39,6 @@ class Importer {
   sagleme::TablePtr TableOf(std::vector<RowField> const& row) const;
   sagleme::ObjectId IdOf(std::vector<RowField> const& row) const;
   sagleme::Value ParseField(sagleme::Column const& column, RowField const& field);
-  sagleme::Value ParseReference(sagleme::Column const& column, RowField const& field);
-  sagleme::ObjectId LookUp(sagleme::Table const& target, std::string const& column,
-                           std::string const& value);
   std::vector<Assignment> Assignments(sagleme::Table const& table,
                                       std::vector<RowField> const& row);
   void Write(sagleme::Object& object, sagleme::Table const& table, Assignment const& assignment);
