@@ -8,7 +8,7 @@
 #include <iterator>
 #include <utility>
 
-#include "../lscoredb/src/crc32c.h"
+#include "crc32c.h"
 #include "lmdb_records.h"
 #include "sections.h"
 

@@ -17,7 +17,7 @@
 #include <string>
 #include <vector>
 
-#include "../lscoredb/src/commit_line.h"
+#include "commit_line.h"
 #include "engine.h"
 
 namespace bench {

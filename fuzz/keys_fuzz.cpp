@@ -2,8 +2,8 @@
 
 #include <lscoredb/lscoredb.h>
 
-#include "../lscoredb/src/keys.h"
 #include "input.h"
+#include "keys.h"
 
 using sagleme_fuzz::Input;
 using sagleme_fuzz::Require;

@@ -3,8 +3,8 @@
 
 #include <lscoredb/lscoredb.h>
 
-#include "../lscoredb/src/row.h"
 #include "input.h"
+#include "row.h"
 
 using sagleme_fuzz::Input;
 using sagleme_fuzz::Require;

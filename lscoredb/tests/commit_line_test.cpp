@@ -1,6 +1,6 @@
 // Who leads a batch, who is in it, and who waits for whom.
 
-#include "../src/commit_line.h"
+#include "commit_line.h"
 
 #include <gtest/gtest.h>
 

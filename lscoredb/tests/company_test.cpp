@@ -1,6 +1,6 @@
 // When a committer waits for others, and how long.
 
-#include "../src/company.h"
+#include "company.h"
 
 #include <gtest/gtest.h>
 

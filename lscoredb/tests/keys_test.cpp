@@ -1,4 +1,4 @@
-#include "../src/keys.h"
+#include "keys.h"
 
 #include <gtest/gtest.h>
 #include <lscoredb/lscoredb.h>

@@ -5,8 +5,8 @@
 
 #include <array>
 
-#include "../src/crc32c.h"
-#include "../src/row.h"
+#include "crc32c.h"
+#include "row.h"
 
 namespace lscore {
 namespace {

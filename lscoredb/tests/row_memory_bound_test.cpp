@@ -12,7 +12,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "../src/row_table.h"
+#include "row_table.h"
 
 namespace lscore {
 namespace {

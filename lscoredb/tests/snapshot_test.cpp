@@ -7,8 +7,8 @@
 #include <thread>
 #include <vector>
 
-#include "../src/bytes.h"
-#include "../src/store.h"
+#include "bytes.h"
+#include "store.h"
 
 namespace lscore {
 namespace {

@@ -1,6 +1,6 @@
 // What the numbers of states tell of who committed them.
 
-#include "../src/state_watch.h"
+#include "state_watch.h"
 
 #include <gtest/gtest.h>
 

@@ -5,8 +5,8 @@
 
 #include <random>
 
-#include "../src/bytes.h"
-#include "../src/store.h"
+#include "bytes.h"
+#include "store.h"
 
 namespace lscore {
 namespace {

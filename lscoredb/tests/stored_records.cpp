@@ -5,7 +5,7 @@
 #include <fstream>
 #include <sstream>
 
-#include "../src/crc32c.h"
+#include "crc32c.h"
 
 namespace lscoredb_test {
 
