@@ -17,7 +17,7 @@
 #include <string>
 #include <vector>
 
-#include "commit_line.h"
+#include "commit_queue.h"
 #include "engine.h"
 
 namespace bench {
@@ -43,7 +43,7 @@ class LogStore {
   static std::size_t Recover(std::string const& copy, std::string const& log_directory);
 
  private:
-  using Tickets = lscore::CommitLine::Tickets;
+  using Tickets = lscore::CommitQueue::Tickets;
 
   void Lead(Tickets const& batch);
   void Append(std::uint64_t sequence, std::string const& payload);
@@ -51,7 +51,7 @@ class LogStore {
 
   std::string directory_;
   Durability durability_;
-  lscore::CommitLine line_;
+  lscore::CommitQueue line_;
   MDB_env* env_ = nullptr;
   MDB_dbi rows_ = 0;
   MDB_dbi index_ = 0;

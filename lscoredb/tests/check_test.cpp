@@ -203,12 +203,12 @@ TEST_F(CheckTest, ADefinitionThatIsCutIsTold) {
 }
 
 TEST_F(CheckTest, ADefinitionOfAnUnknownKindIsTold) {
-  Tree("definitions").PutSealed("Q", "");
+  Tree("definitions").PutChecked("Q", "");
   ExpectOnly({.kind = LSCOREDB_FINDING_DEFINITION});
 }
 
 TEST_F(CheckTest, ACountAmongTheDefinitionsIsTold) {
-  Tree("definitions").PutSealed("C" + Big(layout_, 2), Little(0, 9));
+  Tree("definitions").PutChecked("C" + Big(layout_, 2), Little(0, 9));
   ExpectOnly(OfLayout(LSCOREDB_FINDING_DEFINITION, layout_));
 }
 
@@ -228,17 +228,17 @@ TEST_F(CheckTest, ALayoutThatItsTokenDoesNotFindIsTold) {
 }
 
 TEST_F(CheckTest, ATokenOfAnotherLayoutIsTold) {
-  Tree("definitions").PutSealed("T" + Big(51, 8) + Big(layout_, 2), Little(1, 12));
+  Tree("definitions").PutChecked("T" + Big(51, 8) + Big(layout_, 2), Little(1, 12));
   ExpectOnly(OfLayout(LSCOREDB_FINDING_LAYOUT, layout_));
 }
 
 TEST_F(CheckTest, ATokenOfNoLayoutIsTold) {
-  Tree("definitions").PutSealed("T" + Big(51, 8) + Big(999, 2), Little(1, 12));
+  Tree("definitions").PutChecked("T" + Big(51, 8) + Big(999, 2), Little(1, 12));
   ExpectOnly(OfLayout(LSCOREDB_FINDING_LAYOUT, 999));
 }
 
 TEST_F(CheckTest, ALayoutOfAnotherAgeThanItsTokenTellsIsTold) {
-  Tree("definitions").PutSealed("T" + Big(kLayoutToken, 8) + Big(layout_, 2), Little(77, 12));
+  Tree("definitions").PutChecked("T" + Big(kLayoutToken, 8) + Big(layout_, 2), Little(77, 12));
   ExpectOnly(OfLayout(LSCOREDB_FINDING_LAYOUT, layout_));
 }
 
@@ -250,12 +250,12 @@ TEST_F(CheckTest, ALayoutWithoutItsBaseIsTold) {
 }
 
 TEST_F(CheckTest, ACountOfNoLayoutIsTold) {
-  Tree("meta").PutSealed("C" + Big(999, 2), Little(3, 8) + Little(0, 1));
+  Tree("meta").PutChecked("C" + Big(999, 2), Little(3, 8) + Little(0, 1));
   ExpectOnly(OfLayout(LSCOREDB_FINDING_LAYOUT, 999));
 }
 
 TEST_F(CheckTest, AReleaseOfNoLayoutIsTold) {
-  Tree("definitions").PutSealed("R" + Big(999, 2), "");
+  Tree("definitions").PutChecked("R" + Big(999, 2), "");
   ExpectOnly(OfLayout(LSCOREDB_FINDING_LAYOUT, 999));
 }
 
@@ -275,14 +275,14 @@ TEST_F(CheckTest, AnIndexThatItsSetDoesNotFindIsTold) {
 }
 
 TEST_F(CheckTest, ANameOfNoIndexIsTold) {
-  Tree("definitions").PutSealed("J" + Big(kNamesToken, 8) + Big(999, 8), "");
-  Tree("definitions").PutSealed("S" + Big(1, 8) + Big(998, 8), "");
+  Tree("definitions").PutChecked("J" + Big(kNamesToken, 8) + Big(999, 8), "");
+  Tree("definitions").PutChecked("S" + Big(1, 8) + Big(998, 8), "");
   EXPECT_EQ(Check(), (std::vector<Finding>{OfIndex(LSCOREDB_FINDING_INDEX, 999),
                                            OfIndex(LSCOREDB_FINDING_INDEX, 998)}));
 }
 
 TEST_F(CheckTest, ASetOfAnotherIndexIsTold) {
-  Tree("definitions").PutSealed("S" + Big(1, 8) + Big(names_, 8), "");
+  Tree("definitions").PutChecked("S" + Big(1, 8) + Big(names_, 8), "");
   ExpectOnly(OfIndex(LSCOREDB_FINDING_INDEX, names_));
 }
 
@@ -302,12 +302,12 @@ TEST_F(CheckTest, AChangeThatIsNotNotedForItsSetIsTold) {
 }
 
 TEST_F(CheckTest, AChangeNotedUnderAnotherSetIsTold) {
-  Tree("meta").PutSealed("Wxyz", Little(1, 8) + std::string("\0set/", 5));
+  Tree("meta").PutChecked("Wxyz", Little(1, 8) + std::string("\0set/", 5));
   ExpectOnly({.kind = LSCOREDB_FINDING_DEFINITION});
 }
 
 TEST_F(CheckTest, AnIdentityThatWouldBeGivenOutAgainIsTold) {
-  Tree("meta").PutSealed("next-id", Little(outsider_, 8));
+  Tree("meta").PutChecked("next-id", Little(outsider_, 8));
   ExpectOnly(OfObject(LSCOREDB_FINDING_NEXT_ID, outsider_));
 }
 
@@ -320,7 +320,7 @@ TEST_F(CheckTest, AnIdentityOfAnIndexThatWouldBeGivenOutAgainIsTold) {
     last = session.CreateIndex(kNumbersToken, u"nowhere/", {{LORV_TYPE_LONG, 100}});
     session.Commit();
   }
-  Tree("meta").PutSealed("next-id", Little(last, 8));
+  Tree("meta").PutChecked("next-id", Little(last, 8));
   ExpectOnly(OfIndex(LSCOREDB_FINDING_NEXT_ID, last));
 }
 
@@ -442,9 +442,9 @@ TEST_F(CheckTest, AnEntryOfNoObjectIsTold) {
   {
     StoredTree index = Tree("index");
     std::string key = EntryKey(index, names_, rows_[1]);
-    std::string const value = Unsealed(index.Get(key));
+    std::string const value = WithoutChecksum(index.Get(key));
     key.back() = 100;
-    index.PutSealed(key, value);
+    index.PutChecked(key, value);
   }
   ExpectOnly(OfEntry(LSCOREDB_FINDING_ENTRY, 100, names_, layout_));
 }
@@ -453,9 +453,9 @@ TEST_F(CheckTest, AnEntryOfAnObjectThatIsNotCoveredIsTold) {
   {
     StoredTree index = Tree("index");
     std::string key = EntryKey(index, names_, rows_[1]);
-    std::string const value = Unsealed(index.Get(key));
+    std::string const value = WithoutChecksum(index.Get(key));
     key.back() = static_cast<char>(outsider_);
-    index.PutSealed(key, value);
+    index.PutChecked(key, value);
   }
   ExpectOnly(OfEntry(LSCOREDB_FINDING_ENTRY, outsider_, names_, layout_));
 }
@@ -464,9 +464,9 @@ TEST_F(CheckTest, AnObjectThatIsHeldTwiceIsTold) {
   {
     StoredTree index = Tree("index");
     std::string key = EntryKey(index, names_, rows_[1]);
-    std::string const value = Unsealed(index.Get(key));
+    std::string const value = WithoutChecksum(index.Get(key));
     ++key[2];  // the first letter of its name
-    index.PutSealed(key, value);
+    index.PutChecked(key, value);
   }
   ExpectOnly(OfEntry(LSCOREDB_FINDING_ENTRY, rows_[1], names_, layout_));
 }

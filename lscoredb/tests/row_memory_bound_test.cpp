@@ -12,7 +12,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "row_table.h"
+#include "shared_row_cache.h"
 
 namespace lscore {
 namespace {
@@ -94,13 +94,13 @@ class RowMemoryBoundTest : public testing::Test {
                           {0, filling.data(), filling.size(), true, false}};
     return std::string(builder_.Build(ObjectId{id}, layout_, State(state), {}, cells));
   }
-  std::uint64_t ValueIn(KeptRow const& row) const {
+  std::uint64_t ValueIn(CachedRow const& row) const {
     return RowImage(row.image()).Fixed(layout_, layout_.column(kFirstStoredColumn));
   }
   // As a transaction reads; whether the row was in the table. `stored`: the row in its state.
-  bool Read(RowTable::Reader& reader, std::uint64_t id, std::uint64_t state,
+  bool Read(SharedRowCache::Reader& reader, std::uint64_t id, std::uint64_t state,
             std::string const& stored) {
-    KeptRow const* const row = reader.Find(ObjectId{id});
+    CachedRow const* const row = reader.Find(ObjectId{id});
     if (row == nullptr) {
       reader.Keep(ObjectId{id}, layout_, stored);
       return false;
@@ -108,12 +108,12 @@ class RowMemoryBoundTest : public testing::Test {
     EXPECT_EQ(ValueOf(id, state), ValueIn(*row));
     return true;
   }
-  bool Read(RowTable::Reader& reader, std::uint64_t id, std::uint64_t state) {
+  bool Read(SharedRowCache::Reader& reader, std::uint64_t id, std::uint64_t state) {
     return Read(reader, id, state, ImageOf(id, state));
   }
   // As a commit replaces rows.
   void Replace(std::uint64_t id, std::uint64_t state) {
-    KeptRowPtr newer;
+    CachedRowPtr newer;
     if (table_.Holds(ObjectId{id})) {
       newer = table_.Prepare(ObjectId{id}, layout_, ImageOf(id, state), State(state));
     }
@@ -130,9 +130,9 @@ class RowMemoryBoundTest : public testing::Test {
                  {{Token{100}, LORV_TYPE_LONG, true, true, 0},
                   {Token{101}, LORV_TYPE_BINARY, true, false, 0}}};
   ImageBuilder builder_;
-  StateWatch watch_;
+  ForeignCommits watch_;
   std::size_t const before_ = TheTaken().now();
-  RowTable table_{watch_, kMemory};
+  SharedRowCache table_{watch_, kMemory};
 };
 
 TEST_F(RowMemoryBoundTest, AMillionReadsOfManyRowsTakeNoMoreThanThereIs) {
@@ -144,7 +144,7 @@ TEST_F(RowMemoryBoundTest, AMillionReadsOfManyRowsTakeNoMoreThanThereIs) {
   std::vector<std::string> stored;
   for (std::uint64_t id = 0; id < kRowsForAll; ++id) stored.push_back(ImageOf(id, kFirstState));
   std::mt19937 random(3);
-  RowTable::Reader reader(table_);
+  SharedRowCache::Reader reader(table_);
   int found = 0;
   for (int i = 0; i < kReads; ++i) {
     if (i % 1000 == 0) reader.End();
@@ -161,17 +161,17 @@ TEST_F(RowMemoryBoundTest, AMillionReadsOfManyRowsTakeNoMoreThanThereIs) {
 // The old reader has every version of the first state in use.
 TEST_F(RowMemoryBoundTest, RowsThatAnOldReaderPinsStopTheFillingUntilItEnds) {
   constexpr std::uint64_t kBusy = 200;
-  RowTable::Reader old(table_);
+  SharedRowCache::Reader old(table_);
   old.Begin(State(kFirstState), true);
-  std::vector<KeptRow const*> pinned;
+  std::vector<CachedRow const*> pinned;
   for (std::uint64_t id = 1; id <= kBusy; ++id) Read(old, id, kFirstState);
   for (std::uint64_t id = 1; id <= kBusy; ++id) {
-    KeptRow const* const row = old.Find(ObjectId{id});
+    CachedRow const* const row = old.Find(ObjectId{id});
     if (row != nullptr) pinned.push_back(row);
   }
   ASSERT_LT(kBusy / 2, pinned.size());
   std::uint64_t state = kFirstState;
-  RowTable::Reader reader(table_);
+  SharedRowCache::Reader reader(table_);
   for (int round = 0; round < 20; ++round) {
     for (std::uint64_t id = 1; id <= kBusy; ++id) {
       Replace(id, ++state);
@@ -180,7 +180,7 @@ TEST_F(RowMemoryBoundTest, RowsThatAnOldReaderPinsStopTheFillingUntilItEnds) {
       reader.End();
     }
   }
-  for (KeptRow const* const row : pinned) {
+  for (CachedRow const* const row : pinned) {
     EXPECT_EQ(ValueOf(Raw(row->id), kFirstState), ValueIn(*row));
   }
   reader.Begin(State(state), true);
@@ -198,8 +198,8 @@ TEST_F(RowMemoryBoundTest, RowsThatAnOldReaderPinsStopTheFillingUntilItEnds) {
 // The table and all that left it go with it.
 TEST_F(RowMemoryBoundTest, NothingIsLeftOfATableThatIsGone) {
   {
-    RowTable table(watch_, kMemory);
-    RowTable::Reader reader(table);
+    SharedRowCache table(watch_, kMemory);
+    SharedRowCache::Reader reader(table);
     reader.Begin(State(kFirstState), true);
     for (std::uint64_t id = 1; id < 2000; ++id) {
       reader.Keep(ObjectId{id}, layout_, ImageOf(id, kFirstState));

@@ -30,7 +30,7 @@ class StoreWalkTest : public testing::TestWithParam<std::uint32_t> {
     options.sync = false;
     store_ = Store::Open(nullptr, options);
     Batch batch(*store_);
-    for (std::uint32_t i = 0; i < GetParam(); ++i) batch.Put(Tree::kParts, KeyOf(i), ValueOf(i));
+    for (std::uint32_t i = 0; i < GetParam(); ++i) batch.Put(Tree::kOverflow, KeyOf(i), ValueOf(i));
     batch.Put(Tree::kMeta, "state", "one");
     batch.Commit();
     snapshot_ = store_->Begin();
@@ -43,7 +43,7 @@ class StoreWalkTest : public testing::TestWithParam<std::uint32_t> {
 
 TEST_P(StoreWalkTest, GivesEveryEntryOnceInBothDirections) {
   Cursor cursor;
-  cursor.Open(*snapshot_, Tree::kParts);
+  cursor.Open(*snapshot_, Tree::kOverflow);
   std::uint32_t met = 0;
   for (bool on = cursor.First(); on; on = cursor.Next(), ++met) {
     ASSERT_EQ(KeyOf(met), cursor.key());
@@ -61,9 +61,9 @@ TEST_P(StoreWalkTest, GivesEveryEntryOnceInBothDirections) {
 TEST_P(StoreWalkTest, GoesWhereTheStoresOwnCursorGoes) {
   Batch batch(*store_);
   Cursor own;
-  own.Open(*snapshot_, Tree::kParts);
+  own.Open(*snapshot_, Tree::kOverflow);
   Cursor stores;
-  stores.Open(batch, Tree::kParts);
+  stores.Open(batch, Tree::kOverflow);
   std::mt19937 random(5);
   bool on = own.First();
   ASSERT_EQ(stores.First(), on);

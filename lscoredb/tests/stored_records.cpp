@@ -28,11 +28,13 @@ std::uint64_t FromLittle(std::string const& bytes) {
   return value;
 }
 
-std::string Sealed(std::string const& key, std::string const& record) {
+std::string WithChecksum(std::string const& key, std::string const& record) {
   return record + Little(lscore::Crc32c(key + record), 4);
 }
 
-std::string Unsealed(std::string const& record) { return record.substr(0, record.size() - 4); }
+std::string WithoutChecksum(std::string const& record) {
+  return record.substr(0, record.size() - 4);
+}
 
 std::string Summed(std::string image) {
   return Little(lscore::Crc32c(std::string_view(image).substr(4)), 4) + image.substr(4);
@@ -88,9 +90,9 @@ void StoredTree::Delete(std::string const& key) {
 }
 
 void StoredTree::Change(std::string const& key, std::function<void(std::string&)> const& change) {
-  std::string record = Unsealed(Get(key));
+  std::string record = WithoutChecksum(Get(key));
   change(record);
-  PutSealed(key, record);
+  PutChecked(key, record);
 }
 
 std::string StoredTree::Find(std::function<bool(std::string const&)> const& is) {

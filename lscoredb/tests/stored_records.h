@@ -15,8 +15,8 @@ namespace lscoredb_test {
 using Records = std::map<std::string, std::string>;
 
 // What the values of all trees but "rows" and "parts" end with.
-std::string Sealed(std::string const& key, std::string const& record);
-std::string Unsealed(std::string const& record);
+std::string WithChecksum(std::string const& key, std::string const& record);
+std::string WithoutChecksum(std::string const& record);
 // A row image whose checksum is made to fit.
 std::string Summed(std::string image);
 
@@ -38,8 +38,8 @@ class StoredTree {
   void Put(std::string const& key, std::string const& value);
   void Delete(std::string const& key);
   // With the checksum that belongs to it.
-  void PutSealed(std::string const& key, std::string const& record) {
-    Put(key, Sealed(key, record));
+  void PutChecked(std::string const& key, std::string const& record) {
+    Put(key, WithChecksum(key, record));
   }
   // Changes a sealed record and seals it again.
   void Change(std::string const& key, std::function<void(std::string&)> const& change);

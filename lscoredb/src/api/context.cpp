@@ -2,8 +2,8 @@
 
 namespace lscore {
 
-constinit LastingHandleTable<Context> contexts;
-constinit LastingHandleTable<OpenIterator> iterators;
+constinit NeverDestroyedHandleTable<Context> contexts;
+constinit NeverDestroyedHandleTable<OpenIterator> iterators;
 
 Context::Context(lscoredb& owner) : owner_(owner), transaction_(owner.database) {
   ++owner_.contexts;

@@ -31,8 +31,8 @@ struct OpenIterator {
   Iterator iterator;
 };
 
-extern LastingHandleTable<Context> contexts;
-extern LastingHandleTable<OpenIterator> iterators;
+extern NeverDestroyedHandleTable<Context> contexts;
+extern NeverDestroyedHandleTable<OpenIterator> iterators;
 inline HandleTable<Context>& Contexts() { return contexts.table; }
 inline HandleTable<OpenIterator>& Iterators() { return iterators.table; }
 

@@ -106,9 +106,9 @@ class HandleTable {
 
 // A table that is there before anything of the process runs and is asked until its very end.
 template <typename T>
-union LastingHandleTable {
-  constexpr LastingHandleTable() : table() {}
-  constexpr ~LastingHandleTable() {}
+union NeverDestroyedHandleTable {
+  constexpr NeverDestroyedHandleTable() : table() {}
+  constexpr ~NeverDestroyedHandleTable() {}
   HandleTable<T> table;
 };
 

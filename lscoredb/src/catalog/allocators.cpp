@@ -3,8 +3,8 @@
 #include <algorithm>
 
 #include "bytes.h"
+#include "checksummed_record.h"
 #include "format.h"
-#include "seal.h"
 #include "status.h"
 
 namespace lscore {
@@ -18,14 +18,14 @@ constexpr std::uint64_t kEnd = kFirstChosenId;
 void WriteMark(Batch& batch, std::uint64_t mark) {
   std::string value;
   Append(value, mark);
-  PutSealed(batch, Tree::kMeta, format::kNextIdKey, value);
+  PutChecked(batch, Tree::kMeta, format::kNextIdKey, value);
 }
 
 }  // namespace
 
 std::uint64_t ReadIdMark(View const& view) {
   std::string_view value;
-  if (!GetSealed(view, Tree::kMeta, format::kNextIdKey, &value)) return 1;
+  if (!GetChecked(view, Tree::kMeta, format::kNextIdKey, &value)) return 1;
   if (value.size() != 8) Throw(LSCOREDB_DAMAGED);
   return Load<std::uint64_t>(value.data());
 }

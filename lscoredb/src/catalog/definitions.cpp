@@ -3,8 +3,8 @@
 #include <algorithm>
 
 #include "bytes.h"
+#include "checksummed_record.h"
 #include "format.h"
-#include "seal.h"
 #include "status.h"
 #include "text.h"
 
@@ -24,7 +24,7 @@ void ForEachWithPrefix(View const& view, Tree tree, std::string const& prefix, V
   Cursor cursor;
   cursor.Open(view, tree);
   for (bool on = cursor.Seek(prefix); on && cursor.key().starts_with(prefix); on = cursor.Next()) {
-    std::string_view const record = Unseal(cursor.key(), cursor.value());
+    std::string_view const record = StripChecksum(cursor.key(), cursor.value());
     if (!visit(cursor.key().substr(prefix.size()), record)) return;
   }
 }
@@ -94,9 +94,9 @@ void WriteLayout(Batch& batch, Layout const& layout, LayoutOrder order) {
     Column const& column = layout.column(i);
     AppendColumn(record, column.type, column.nullable, column.token);
   }
-  PutSealed(batch, Tree::kDefinitions, LayoutKey(layout.number()), record);
+  PutChecked(batch, Tree::kDefinitions, LayoutKey(layout.number()), record);
   DefinitionRecord const named = LayoutTokenRecord(layout, order);
-  PutSealed(batch, Tree::kDefinitions, named.key, named.value);
+  PutChecked(batch, Tree::kDefinitions, named.key, named.value);
 }
 
 std::vector<std::pair<LayoutOrder, LayoutNumber>> LayoutsOfToken(View const& view, Token token) {
@@ -182,7 +182,7 @@ std::unique_ptr<Layout const> ParseLayout(LayoutNumber number, std::string_view 
 
 void DeleteLayout(Batch& batch, LayoutNumber number) {
   std::string_view record;
-  if (!GetSealed(batch, Tree::kDefinitions, LayoutKey(number), &record)) Throw(LSCOREDB_DAMAGED);
+  if (!GetChecked(batch, Tree::kDefinitions, LayoutKey(number), &record)) Throw(LSCOREDB_DAMAGED);
   Token const token = ParseLayout(number, record)->token();
   batch.Delete(Tree::kDefinitions, LayoutKey(number));
   batch.Delete(Tree::kDefinitions, KeyOf(format::kLayoutTokenLetter, Raw(token), Raw(number)));
@@ -191,7 +191,7 @@ void DeleteLayout(Batch& batch, LayoutNumber number) {
 }
 
 void WriteRelease(Batch& batch, LayoutNumber number) {
-  PutSealed(batch, Tree::kDefinitions, KeyOf(format::kReleaseLetter, Raw(number)), {});
+  PutChecked(batch, Tree::kDefinitions, KeyOf(format::kReleaseLetter, Raw(number)), {});
 }
 
 bool IsReleased(View const& view, LayoutNumber number) {
@@ -211,7 +211,7 @@ Layout const* LayoutCache::Find(View const& view, LayoutNumber number) {
 
 Layout const* LayoutCache::LoadFrom(View const& view, LayoutNumber number) {
   std::string_view record;
-  if (!GetSealed(view, Tree::kDefinitions, LayoutKey(number), &record)) return nullptr;
+  if (!GetChecked(view, Tree::kDefinitions, LayoutKey(number), &record)) return nullptr;
   std::unique_ptr<Layout const> layout = ParseLayout(number, record);
   std::lock_guard const lock(mutex_);
   Layout const* const known = At(number).load(std::memory_order_acquire);
@@ -261,9 +261,9 @@ void WriteIndex(Batch& batch, IndexDefinition const& index) {
     AppendColumn(record, column.type, column.nullable, column.token);
   }
   AppendText(record, index.setspec);
-  PutSealed(batch, Tree::kDefinitions, IndexKey(index.id), record);
+  PutChecked(batch, Tree::kDefinitions, IndexKey(index.id), record);
   for (DefinitionRecord const& named : {IndexTokenRecord(index), IndexSetRecord(index)}) {
-    PutSealed(batch, Tree::kDefinitions, named.key, named.value);
+    PutChecked(batch, Tree::kDefinitions, named.key, named.value);
   }
 }
 
@@ -291,7 +291,7 @@ std::vector<IndexId> IndexesOfToken(View const& view, Token token) {
 
 CommitId IndexVersion(View const& view) {
   std::string_view value;
-  if (!GetSealed(view, Tree::kMeta, format::kIndexesKey, &value)) return CommitId{0};
+  if (!GetChecked(view, Tree::kMeta, format::kIndexesKey, &value)) return CommitId{0};
   if (value.size() != 8) Throw(LSCOREDB_DAMAGED);
   return CommitId{Load<std::uint64_t>(value.data())};
 }
@@ -299,7 +299,7 @@ CommitId IndexVersion(View const& view) {
 void WriteIndexVersion(Batch& batch) {
   std::string value;
   Append(value, Raw(batch.id()));
-  PutSealed(batch, Tree::kMeta, format::kIndexesKey, value);
+  PutChecked(batch, Tree::kMeta, format::kIndexesKey, value);
 }
 
 std::unique_ptr<IndexDefinition const> ParseIndex(IndexId id, std::string_view record) {
@@ -339,7 +339,7 @@ IndexDefinition const* IndexCatalogue::FindLocked(View const& view, IndexId id) 
   auto const at = by_id_.find(Raw(id));
   if (at != by_id_.end()) return at->second.get();
   std::string_view record;
-  if (!GetSealed(view, Tree::kDefinitions, IndexKey(id), &record)) return nullptr;
+  if (!GetChecked(view, Tree::kDefinitions, IndexKey(id), &record)) return nullptr;
   return by_id_.emplace(Raw(id), ParseIndex(id, record)).first->second.get();
 }
 
@@ -412,7 +412,7 @@ void WriteSetChange(Batch& batch, std::u16string_view setspec) {
   std::string value;
   Append(value, Raw(batch.id()));
   AppendText(value, setspec);
-  PutSealed(batch, Tree::kMeta, SetChangeKey(setspec), value);
+  PutChecked(batch, Tree::kMeta, SetChangeKey(setspec), value);
 }
 
 bool SetChangedSince(View const& view, std::u16string_view prefix, CommitId since) {
@@ -440,7 +440,7 @@ LayoutCount ParseCount(std::string_view record) {
 LayoutCount ReadCount(View const& view, LayoutNumber number) {
   std::string_view record;
   std::string const key = KeyOf(format::kCountLetter, Raw(number));
-  return GetSealed(view, Tree::kMeta, key, &record) ? ParseCount(record) : LayoutCount{};
+  return GetChecked(view, Tree::kMeta, key, &record) ? ParseCount(record) : LayoutCount{};
 }
 
 void WriteCount(Batch& batch, LayoutNumber number, LayoutCount const& count) {
@@ -448,7 +448,7 @@ void WriteCount(Batch& batch, LayoutNumber number, LayoutCount const& count) {
   Append(value, count.objects);
   value.push_back(count.has_setspec ? 1 : 0);
   if (count.has_setspec) AppendText(value, count.setspec);
-  PutSealed(batch, Tree::kMeta, KeyOf(format::kCountLetter, Raw(number)), value);
+  PutChecked(batch, Tree::kMeta, KeyOf(format::kCountLetter, Raw(number)), value);
 }
 
 }  // namespace lscore

@@ -1,7 +1,7 @@
 #include "check.h"
 
 #include "bytes.h"
-#include "contract.h"
+#include "c_api.h"
 #include "keys.h"
 
 namespace lscore {

@@ -1,7 +1,7 @@
 #include "bytes.h"
 #include "check.h"
+#include "checksummed_record.h"
 #include "format.h"
-#include "seal.h"
 
 namespace lscore {
 namespace {
@@ -67,7 +67,7 @@ void ForEachIn(Snapshot const& snapshot, Tree tree, std::string const& prefix, V
   cursor.Open(snapshot, tree);
   bool on = prefix.empty() ? cursor.First() : cursor.Seek(prefix);
   for (; on && cursor.key().starts_with(prefix); on = cursor.Next()) {
-    if (!IsSealed(cursor.key(), cursor.value())) {
+    if (!HasValidChecksum(cursor.key(), cursor.value())) {
       broken(cursor.key(), "Its checksum is wrong.");
       continue;
     }
@@ -76,7 +76,7 @@ void ForEachIn(Snapshot const& snapshot, Tree tree, std::string const& prefix, V
       continue;
     }
     Status const status = Guarded([&] {
-      visit(cursor.key(), Unseal(cursor.key(), cursor.value()));
+      visit(cursor.key(), StripChecksum(cursor.key(), cursor.value()));
       return LORV_STATUS_OK;
     });
     if (status != LORV_STATUS_OK) broken(cursor.key(), "It is not well formed.");

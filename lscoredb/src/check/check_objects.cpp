@@ -1,8 +1,8 @@
 #include "allocators.h"
 #include "bytes.h"
 #include "check.h"
+#include "checksummed_record.h"
 #include "format.h"
-#include "seal.h"
 
 namespace lscore {
 namespace {
@@ -49,17 +49,17 @@ ObjectReader::Problem ObjectReader::Read(ObjectId id, std::string_view stored, R
 }
 
 ObjectReader::Problem ObjectReader::Assemble(ObjectId id, std::string_view* stored) {
-  constexpr std::uint32_t kParts = LSCOREDB_FINDING_PARTS;
+  constexpr std::uint32_t kOverflow = LSCOREDB_FINDING_PARTS;
   if (!StubHolds(*stored)) return {LSCOREDB_FINDING_OBJECT, "What says its size is damaged."};
   std::uint64_t const size = WholeSize(*stored);
   assembled_.clear();
   for (std::uint32_t part = 0; assembled_.size() < size; ++part) {
     std::string_view bytes;
-    if (!snapshot_.Get(Tree::kParts, PartKey(id, part), &bytes)) {
-      return {kParts, "A part of it is missing."};
+    if (!snapshot_.Get(Tree::kOverflow, PartKey(id, part), &bytes)) {
+      return {kOverflow, "A part of it is missing."};
     }
     if (bytes.size() != std::min<std::uint64_t>(format::kPartSize, size - assembled_.size())) {
-      return {kParts, "A part of it has another size."};
+      return {kOverflow, "A part of it has another size."};
     }
     assembled_.append(bytes);
   }
@@ -109,9 +109,9 @@ ObjectCheck::Set& ObjectCheck::SetOf(std::u16string const& setspec) {
   set.covering = definitions_.Covering(setspec);
   std::string const key = SetChangeKey(setspec);
   std::string_view record;
-  if (snapshot_.Get(Tree::kMeta, key, &record) && IsSealed(key, record)) {
+  if (snapshot_.Get(Tree::kMeta, key, &record) && HasValidChecksum(key, record)) {
     Status const read = Guarded([&] {
-      set.changed = ParseSetChange(Unseal(key, record)).commit;
+      set.changed = ParseSetChange(StripChecksum(key, record)).commit;
       return LORV_STATUS_OK;
     });
     if (read != LORV_STATUS_OK) set.changed = CommitId{0};
@@ -144,7 +144,7 @@ void ObjectCheck::CheckEntries(RowRef const& row, Set const& set) {
 
 void ObjectCheck::CheckParts() {
   Cursor cursor;
-  cursor.Open(snapshot_, Tree::kParts);
+  cursor.Open(snapshot_, Tree::kOverflow);
   ObjectId told{~std::uint64_t{0}};  // once for each object is enough
   for (bool on = cursor.First(); on; on = cursor.Next()) {
     std::string_view const key = cursor.key();

@@ -4,7 +4,7 @@
 #include <cerrno>
 #include <filesystem>
 
-#include "contract.h"
+#include "c_api.h"
 #include "database.h"
 
 namespace lscore {

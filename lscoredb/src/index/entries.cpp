@@ -3,8 +3,8 @@
 #include <algorithm>
 
 #include "bytes.h"
+#include "checksummed_record.h"
 #include "format.h"
-#include "seal.h"
 #include "status.h"
 
 namespace lscore {
@@ -39,7 +39,7 @@ void BuildRecord(IndexDefinition const& index, std::string_view encoded, ObjectI
   std::size_t const cut = std::min(encoded.size(), format::kKeyPrefix);
   record.value.push_back(static_cast<char>(record.key.size() - index.entry_prefix.size() - cut));
   record.value.append(encoded.substr(cut));
-  Seal(record.key, record.value);
+  AppendChecksum(record.key, record.value);
 }
 
 }  // namespace
@@ -169,10 +169,10 @@ ObjectId EntryCursor::Guess(std::size_t ahead, bool forward) const {
                                                                              : kNoObject;
 }
 
-void ParseEntry(IndexDefinition const& index, std::string_view stored, std::string_view sealed,
-                Entry* entry) {
+void ParseEntry(IndexDefinition const& index, std::string_view stored,
+                std::string_view stored_record, Entry* entry) {
   std::string_view const key = stored.substr(index.entry_prefix.size());
-  std::string_view const value = Unseal(stored, sealed);
+  std::string_view const value = StripChecksum(stored, stored_record);
   if (value.size() < kValueHead) Throw(LSCOREDB_DAMAGED);
   auto const id_size = static_cast<unsigned char>(value[2]);
   if (id_size > key.size()) Throw(LSCOREDB_DAMAGED);

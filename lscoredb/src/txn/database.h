@@ -10,10 +10,10 @@
 
 #include "allocators.h"
 #include "attachments.h"
-#include "commit.h"
 #include "definitions.h"
+#include "group_commit.h"
 #include "layout_numbers.h"
-#include "row_table.h"
+#include "shared_row_cache.h"
 #include "store.h"
 
 namespace lscore {
@@ -32,7 +32,7 @@ class Database {
         commits_(*store_, ids_, rows_) {}
 
   Store& store() { return *store_; }
-  RowTable& rows() { return rows_; }
+  SharedRowCache& rows() { return rows_; }
   LayoutCache& layouts() { return layouts_; }
   IndexCatalogues& catalogues() { return catalogues_; }
   IdAllocator& ids() { return ids_; }
@@ -43,17 +43,17 @@ class Database {
   // What CloseDatabase still needs when the store is closed.
   std::unique_ptr<Attachments> TakeAttachments() { return std::move(attachments_); }
   std::shared_ptr<LayoutNumbers> ShareLayoutNumbers() const { return layout_numbers_; }
-  CommitQueue& commits() { return commits_; }
+  GroupCommit& commits() { return commits_; }
 
  private:
   std::uint64_t const number_ = NextDatabaseNumber();
   std::unique_ptr<Store> store_;
   std::shared_ptr<LayoutNumbers> layout_numbers_;
-  RowTable rows_;
+  SharedRowCache rows_;
   LayoutCache layouts_;
   IndexCatalogues catalogues_;
   IdAllocator ids_;
-  CommitQueue commits_;
+  GroupCommit commits_;
   std::unique_ptr<Attachments> attachments_ = std::make_unique<Attachments>();
 };
 

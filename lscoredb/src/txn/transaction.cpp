@@ -35,7 +35,7 @@ void Transaction::Rollback() noexcept { End(); }
 void Transaction::End() noexcept {
   for (Iterator* const iterator : open_iterators_) iterator->Finish();
   open_iterators_.clear();
-  handouts_.Clear();
+  result_buffers_.Clear();
   changes_.Clear();
   examples_.Clear();
   assembled_.clear();
@@ -51,14 +51,14 @@ void Transaction::End() noexcept {
 
 void Transaction::BeginScope() {
   scopes_.reserve(scopes_.size() + 1);
-  handouts_.BeginScope();
+  result_buffers_.BeginScope();
   scopes_.push_back(assembled_.size());
 }
 
 // Images that were put together inside the scope go with it, but for those that written rows refer
 // to.
 bool Transaction::EndScope() {
-  if (!handouts_.EndScope()) return false;
+  if (!result_buffers_.EndScope()) return false;
   std::size_t kept = scopes_.back();
   scopes_.pop_back();
   if (kept == assembled_.size()) return true;

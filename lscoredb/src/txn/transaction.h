@@ -15,11 +15,11 @@
 #include <vector>
 
 #include "database.h"
-#include "handouts.h"
 #include "iterator.h"
 #include "pending.h"
-#include "row_cache.h"
+#include "result_buffers.h"
 #include "status.h"
+#include "transaction_row_cache.h"
 
 namespace lscore {
 
@@ -49,7 +49,7 @@ class Transaction {
   void Begin(bool read_only);
   Status Commit();
   void Rollback() noexcept;
-  Handouts& handouts() { return handouts_; }
+  ResultBuffers& result_buffers() { return result_buffers_; }
   void BeginScope();
   // Returns whether a scope was open.
   bool EndScope();
@@ -61,7 +61,8 @@ class Transaction {
   [[gnu::always_inline]] Status ReadFixed(ObjectId id, LayoutNumber as, std::uint32_t column,
                                           TypeSet types, std::uint64_t* out) {
     RowRef const* const row = FindRow(id);
-    Reading const* const reading = row == nullptr ? nullptr : FindReading(*row, as, column, types);
+    ColumnAccessPlan const* const reading =
+        row == nullptr ? nullptr : FindAccessPlan(*row, as, column, types);
     if (reading == nullptr) return ReadOtherFixed(id, as, column, types, out);
     RowImage const image(row->image);
     std::uint64_t const present = image.FirstWord() & reading->mask;
@@ -127,7 +128,7 @@ class Transaction {
   };
 
   // Where a column of one layout lies in images under another one, which may be the same.
-  struct Reading {
+  struct ColumnAccessPlan {
     Layout const* layout = nullptr;  // of the images
     std::uint64_t mask = 0;          // the presence bits up to its own, in the first word
     std::uint64_t pattern = 0;       // as the last row that was looked at had them
@@ -135,7 +136,7 @@ class Transaction {
     std::uint16_t place = 0;         // of a fixed column in such images; of others their number
     std::uint16_t type = 0;          // a TypeSet of one
   };
-  static constexpr std::size_t kReadings = 128;
+  static constexpr std::size_t kAccessPlans = 128;
 
   void End() noexcept;
 
@@ -147,21 +148,21 @@ class Transaction {
   static constexpr std::uint64_t KeyOf(LayoutNumber as, std::uint32_t column) {
     return std::uint64_t{column} << 16 | Raw(as);
   }
-  Reading& ReadingOf(Layout const& layout, LayoutNumber as, std::uint32_t column) {
+  ColumnAccessPlan& AccessPlanOf(Layout const& layout, LayoutNumber as, std::uint32_t column) {
     // Layouts of one tree have numbers that follow one another, and so have their columns.
-    return readings_[(Raw(layout.number()) * 13u + Raw(as) * 5u + column) % kReadings];
+    return access_plans_[(Raw(layout.number()) * 13u + Raw(as) * 5u + column) % kAccessPlans];
   }
   // Null: not noted, or there is no image, or the type is not among those.
-  Reading const* FindReading(RowRef const& row, LayoutNumber as, std::uint32_t column,
-                             TypeSet types) {
+  ColumnAccessPlan const* FindAccessPlan(RowRef const& row, LayoutNumber as, std::uint32_t column,
+                                         TypeSet types) {
     if (row.image == nullptr) return nullptr;
-    Reading const& reading = ReadingOf(*row.layout, as, column);
+    ColumnAccessPlan const& reading = AccessPlanOf(*row.layout, as, column);
     bool const same = reading.layout == row.layout && reading.key == KeyOf(as, column);
     return same && (types & reading.type) != 0 ? &reading : nullptr;
   }
   Status ReadUnnoted(RowRef const& row, LayoutNumber as, std::uint32_t column, TypeSet types,
                      Cell* out);
-  void NoteReading(RowRef const& row, LayoutNumber as, std::uint32_t column);
+  void NoteAccessPlan(RowRef const& row, LayoutNumber as, std::uint32_t column);
   // Kept out of the way of what is read most.
   [[gnu::noinline]] Status ReadOtherFixed(ObjectId id, LayoutNumber as, std::uint32_t column,
                                           TypeSet types, std::uint64_t* out);
@@ -215,13 +216,13 @@ class Transaction {
   void CheckFilled(PendingIndex const& entries) const;
 
   std::shared_ptr<Database> database_;
-  RowTable::Reader kept_rows_;
+  SharedRowCache::Reader kept_rows_;
   std::unique_ptr<Snapshot> snapshot_;
   bool read_only_ = false;
   Status doomed_ = LORV_STATUS_OK;  // set when a write stopped half-way
   Sequence now_ = 0;
   PendingChanges changes_;
-  Handouts handouts_;
+  ResultBuffers result_buffers_;
   std::vector<std::unique_ptr<char[]>> assembled_;  // images that the store keeps in parts
   std::vector<ObjectId> assembled_ids_;
   std::vector<std::size_t> scopes_;  // how many images there were at the begin of each
@@ -235,8 +236,9 @@ class Transaction {
   std::vector<Affected> affected_;
   std::size_t affected_count_ = 0;
   std::u16string text_;
-  RowCache cache_;
-  std::array<Reading, kReadings> readings_{};  // of committed layouts, and so for good
+  TransactionRowCache cache_;
+  std::array<ColumnAccessPlan, kAccessPlans>
+      access_plans_{};  // of committed layouts, and so for good
 };
 
 }  // namespace lscore

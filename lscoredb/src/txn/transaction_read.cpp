@@ -13,7 +13,7 @@ RowRef const* Transaction::LoadRow(ObjectId id) {
   if (PendingRow const* const pending = changes_.FindRow(id)) {
     return cache_.Put(RefOf(*pending));
   }
-  if (KeptRow const* const kept = kept_rows_.Find(id)) {
+  if (CachedRow const* const kept = kept_rows_.Find(id)) {
     return cache_.Put({id, kept->layout, kept->image(), nullptr});
   }
   return ReadRow(id);
@@ -47,7 +47,7 @@ char const* Transaction::AssembleImage(ObjectId id, std::string_view stub) {
     AppendBig(key, Raw(id));
     AppendBig(key, part);
     std::string_view bytes;
-    if (!snapshot_->Get(Tree::kParts, key, &bytes)) Throw(LSCOREDB_DAMAGED);
+    if (!snapshot_->Get(Tree::kOverflow, key, &bytes)) Throw(LSCOREDB_DAMAGED);
     if (bytes.empty() || bytes.size() > size - filled) Throw(LSCOREDB_DAMAGED);
     std::memcpy(image.get() + filled, bytes.data(), bytes.size());
     filled += bytes.size();
@@ -69,13 +69,13 @@ Status Transaction::Read(ObjectId id, LayoutNumber as, std::uint32_t column, Typ
   RowRef const* row = nullptr;
   Status const found = FindLive(id, &row);
   if (found != LORV_STATUS_OK) return found;
-  Reading const* const reading = FindReading(*row, as, column, types & kVariableTypes);
+  ColumnAccessPlan const* const reading = FindAccessPlan(*row, as, column, types & kVariableTypes);
   if (reading != nullptr) {
     *out = row->Read(reading->place);
     if (out->present) return LORV_STATUS_OK;
   }
   Status const status = ReadUnnoted(*row, as, column, types, out);
-  if (status == LORV_STATUS_OK && column >= kFirstStoredColumn) NoteReading(*row, as, column);
+  if (status == LORV_STATUS_OK && column >= kFirstStoredColumn) NoteAccessPlan(*row, as, column);
   return status;
 }
 
@@ -98,7 +98,7 @@ Status Transaction::ReadOtherFixed(ObjectId id, LayoutNumber as, std::uint32_t c
 }
 
 // REQUIRES: the column was read.
-void Transaction::NoteReading(RowRef const& row, LayoutNumber as, std::uint32_t column) {
+void Transaction::NoteAccessPlan(RowRef const& row, LayoutNumber as, std::uint32_t column) {
   if (row.image == nullptr) return;
   Layout const& layout = *row.layout;
   Layout const& named = as == kNoLayout ? layout : *FindLayout(as);
@@ -108,12 +108,12 @@ void Transaction::NoteReading(RowRef const& row, LayoutNumber as, std::uint32_t 
   Column const& at = layout.column(static_cast<std::uint32_t>(own));
   if (at.bit >= 64 || column > UINT16_MAX) return;
   RowImage const image(row.image);
-  Reading reading{&layout,
-                  0,
-                  0,
-                  static_cast<std::uint32_t>(KeyOf(as, column)),
-                  static_cast<std::uint16_t>(own),
-                  static_cast<std::uint16_t>(TypeBit(at.type))};
+  ColumnAccessPlan reading{&layout,
+                           0,
+                           0,
+                           static_cast<std::uint32_t>(KeyOf(as, column)),
+                           static_cast<std::uint16_t>(own),
+                           static_cast<std::uint16_t>(TypeBit(at.type))};
   reading.mask = (std::uint64_t{2} << at.bit) - 1;
   reading.pattern = image.FirstWord() & reading.mask;
   if (!image.Present(at)) return;
@@ -121,7 +121,7 @@ void Transaction::NoteReading(RowRef const& row, LayoutNumber as, std::uint32_t 
     std::uint32_t const before = RowImage::CountBits(reading.pattern & (reading.mask >> 1));
     reading.place = static_cast<std::uint16_t>(RowImage::FixedOffset(layout) + 8 * before);
   }
-  ReadingOf(layout, as, column) = reading;
+  AccessPlanOf(layout, as, column) = reading;
 }
 
 Status Transaction::ReadOwn(RowRef const& row, std::uint32_t column, Cell* out) const {

@@ -57,7 +57,7 @@ PendingRow& Transaction::Promote(RowRef const& row) {
   pending.cells = cells;
   pending.original = source.image;
   pending.original_layout = source.layout;
-  pending.in_parts =
+  pending.in_overflow =
       std::find(assembled_ids_.begin(), assembled_ids_.end(), source.id) != assembled_ids_.end();
   Refresh(pending);
   return pending;

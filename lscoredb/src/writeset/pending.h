@@ -39,7 +39,7 @@ struct PendingRow {
   bool given_id = false;  // inserted with an identity of the caller's choice
   bool changed = false;
   bool deleted = false;
-  bool in_parts = false;  // the committed image
+  bool in_overflow = false;  // the committed image
 
   bool inserted() const { return original == nullptr; }
   std::span<Cell const> all_cells() const { return {cells, layout->bit_count()}; }

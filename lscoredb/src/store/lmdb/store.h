@@ -16,8 +16,8 @@
 #include <string_view>
 #include <vector>
 
+#include "foreign_commits.h"
 #include "ids.h"
-#include "state_watch.h"
 #include "store_leaf.h"
 #include "store_pages.h"
 
@@ -27,7 +27,7 @@ struct MDB_cursor;
 
 namespace lscore {
 
-enum class Tree : std::uint8_t { kRows, kParts, kIndex, kDefinitions, kMeta };
+enum class Tree : std::uint8_t { kRows, kOverflow, kIndex, kDefinitions, kMeta };
 inline constexpr std::size_t kTreeCount = 5;
 
 struct StoreOptions {
@@ -153,7 +153,7 @@ class Cursor {
   bool of_snapshot_ = false;
   std::string_view key_;
   std::string_view value_;
-  LeafWalk leaf_;        // of a snapshot, once it is walked
+  LeafScan leaf_;        // of a snapshot, once it is walked
   bool behind_ = false;  // the store's cursor stands where the walk of the leaf began
 };
 
@@ -178,7 +178,7 @@ class Store {
   void Copy(char const* directory);
 
   StoreStatistics Statistics() const;
-  StateWatch& watch() { return watch_; }
+  ForeignCommits& watch() { return watch_; }
 
   // From now on every commit is synced. REQUIRES: no batch is open.
   void RequireSync();
@@ -208,7 +208,7 @@ class Store {
   std::size_t page_size_ = 0;
   std::uint64_t states_before_ = 0;  // that the file counts no more
   unsigned trees_[kTreeCount] = {};
-  StateWatch watch_;
+  ForeignCommits watch_;
   std::atomic<std::uint64_t> last_page_{0};  // of the file, when it was last looked at
   std::mutex idle_mutex_;
   std::vector<std::unique_ptr<Snapshot>> idle_;  // ended, ready to be begun again

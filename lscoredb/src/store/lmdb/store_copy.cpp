@@ -1,8 +1,8 @@
 #include <string>
 
 #include "bytes.h"
+#include "checksummed_record.h"
 #include "format.h"
-#include "seal.h"
 #include "store.h"
 
 namespace lscore {
@@ -17,7 +17,7 @@ class Copier {
 
   void Run() {
     TakeFormat();
-    for (Tree const tree : {Tree::kRows, Tree::kParts, Tree::kIndex, Tree::kDefinitions}) {
+    for (Tree const tree : {Tree::kRows, Tree::kOverflow, Tree::kIndex, Tree::kDefinitions}) {
       CopyTree(tree);
     }
     to_.RequireSync();  // which takes along what went before
@@ -59,7 +59,7 @@ class Copier {
     }
     std::string before;
     Append(before, Raw(from_.id()));
-    PutSealed(batch, Tree::kMeta, format::kStatesBeforeKey, before);
+    PutChecked(batch, Tree::kMeta, format::kStatesBeforeKey, before);
     batch.Put(Tree::kMeta, format::kFormatKey, format_);
     batch.Commit();
   }

@@ -16,7 +16,7 @@
 
 namespace lscore {
 
-class LeafWalk {
+class LeafScan {
  public:
   bool inside() const { return page_ != nullptr; }
   void Leave() { page_ = nullptr; }

@@ -8,8 +8,8 @@
 #include <cstdlib>
 
 #include "bytes.h"
+#include "checksummed_record.h"
 #include "format.h"
-#include "seal.h"
 #include "store.h"
 #include "store_check.h"
 #include "store_errors.h"
@@ -103,8 +103,8 @@ std::uint64_t ReadStatesBefore(MDB_txn* txn, MDB_dbi meta) {
   int const code = mdb_get(txn, meta, &key, &value);
   if (code == MDB_NOTFOUND) return 0;
   CheckStore(code);
-  std::string_view const sealed(static_cast<char const*>(value.mv_data), value.mv_size);
-  FieldReader fields(Unseal(format::kStatesBeforeKey, sealed));
+  std::string_view const stored_record(static_cast<char const*>(value.mv_data), value.mv_size);
+  FieldReader fields(StripChecksum(format::kStatesBeforeKey, stored_record));
   auto const count = fields.Next<std::uint64_t>();
   if (!fields.ok()) Throw(LSCOREDB_DAMAGED);
   return count;

@@ -1,17 +1,17 @@
-#include "company.h"
+#include "group_commit_policy.h"
 
 #include <algorithm>
 
 namespace lscore {
 
-void Company::Ended(Batch const& batch) {
+void GroupCommitPolicy::Ended(Batch const& batch) {
   patience_ = std::min(batch.took / kPart, longest_);
   bool const alone = Pauses(batch) || patience_ < kShortest;
   wanted_ = alone ? 1 : batch.size + batch.behind;
 }
 
 // Whether the next batch goes without waiting because waits were too short.
-bool Company::Pauses(Batch const& batch) {
+bool GroupCommitPolicy::Pauses(Batch const& batch) {
   bool const complete = batch.size >= wanted_;
   if (batch.waited && complete) next_pauses_ = 1;
   if (batch.waited && !complete) {

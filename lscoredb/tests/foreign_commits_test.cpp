@@ -1,6 +1,6 @@
 // What the numbers of states tell of who committed them.
 
-#include "state_watch.h"
+#include "foreign_commits.h"
 
 #include <gtest/gtest.h>
 
@@ -9,29 +9,29 @@ namespace {
 
 constexpr CommitId State(std::uint64_t number) { return CommitId{number}; }
 
-void CommitOwn(StateWatch& watch, std::uint64_t state, bool succeeded = true) {
+void CommitOwn(ForeignCommits& watch, std::uint64_t state, bool succeeded = true) {
   watch.BeginCommit(State(state));
   watch.EndCommit(State(state), succeeded);
 }
 
-TEST(StateWatchTest, AStateThatNobodyHereMadeIsForeign) {
-  StateWatch watch;
+TEST(ForeignCommitsTest, AStateThatNobodyHereMadeIsForeign) {
+  ForeignCommits watch;
   EXPECT_TRUE(watch.Notice(State(7)));
   EXPECT_EQ(State(7), watch.foreign());
   EXPECT_TRUE(watch.Notice(State(6)));
   EXPECT_EQ(State(7), watch.foreign());
 }
 
-TEST(StateWatchTest, OwnCommitsAreAccountedFor) {
-  StateWatch watch;
+TEST(ForeignCommitsTest, OwnCommitsAreAccountedFor) {
+  ForeignCommits watch;
   watch.Notice(State(7));
   for (std::uint64_t state = 8; state < 11; ++state) CommitOwn(watch, state);
   EXPECT_TRUE(watch.Notice(State(10)));
   EXPECT_EQ(State(7), watch.foreign());
 }
 
-TEST(StateWatchTest, ACommitOfAnotherProcessBetweenOwnOnesIsForeign) {
-  StateWatch watch;
+TEST(ForeignCommitsTest, ACommitOfAnotherProcessBetweenOwnOnesIsForeign) {
+  ForeignCommits watch;
   watch.Notice(State(7));
   CommitOwn(watch, 8);
   CommitOwn(watch, 10);
@@ -42,8 +42,8 @@ TEST(StateWatchTest, ACommitOfAnotherProcessBetweenOwnOnesIsForeign) {
   EXPECT_EQ(State(11), watch.foreign());
 }
 
-TEST(StateWatchTest, AStateWhoseCommitIsUnderWayIsNobodysYet) {
-  StateWatch watch;
+TEST(ForeignCommitsTest, AStateWhoseCommitIsUnderWayIsNobodysYet) {
+  ForeignCommits watch;
   watch.Notice(State(7));
   watch.BeginCommit(State(8));
   EXPECT_FALSE(watch.Notice(State(8)));
@@ -55,8 +55,8 @@ TEST(StateWatchTest, AStateWhoseCommitIsUnderWayIsNobodysYet) {
 }
 
 // The number of a commit that failed goes to whoever commits next.
-TEST(StateWatchTest, AFailedCommitLeavesItsNumberToOthers) {
-  StateWatch watch;
+TEST(ForeignCommitsTest, AFailedCommitLeavesItsNumberToOthers) {
+  ForeignCommits watch;
   watch.Notice(State(7));
   CommitOwn(watch, 8, false);
   EXPECT_TRUE(watch.Notice(State(8)));

@@ -1,20 +1,24 @@
 // When a committer waits for others, and how long.
 
-#include "company.h"
+#include "group_commit_policy.h"
 
 #include <gtest/gtest.h>
 
 namespace {
 
-using lscore::Company;
+using lscore::GroupCommitPolicy;
 using namespace std::chrono_literals;
 
-constexpr Company::Duration kTook = 600us;
+constexpr GroupCommitPolicy::Duration kTook = 600us;
 
-Company::Batch Ended(std::size_t size, std::size_t behind) { return {size, behind, false, kTook}; }
-Company::Batch Waited(std::size_t size, std::size_t behind) { return {size, behind, true, kTook}; }
+GroupCommitPolicy::Batch Ended(std::size_t size, std::size_t behind) {
+  return {size, behind, false, kTook};
+}
+GroupCommitPolicy::Batch Waited(std::size_t size, std::size_t behind) {
+  return {size, behind, true, kTook};
+}
 
-class CompanyTest : public testing::Test {
+class GroupCommitPolicyTest : public testing::Test {
  protected:
   // How many batches of two go without waiting from now on, before one waits again.
   int Pauses() {
@@ -23,48 +27,48 @@ class CompanyTest : public testing::Test {
     return pauses;
   }
 
-  Company company_{Company::kLongest};
+  GroupCommitPolicy company_{GroupCommitPolicy::kLongest};
 };
 
-TEST_F(CompanyTest, AtFirst_NobodyIsWaitedFor) {
+TEST_F(GroupCommitPolicyTest, AtFirst_NobodyIsWaitedFor) {
   EXPECT_EQ(1U, company_.wanted());
   EXPECT_EQ(0us, company_.patience());
 }
 
-TEST_F(CompanyTest, WhoIsAlone_WaitsForNobody) {
+TEST_F(GroupCommitPolicyTest, WhoIsAlone_WaitsForNobody) {
   company_.Ended(Ended(1, 0));
   EXPECT_EQ(1U, company_.wanted());
 }
 
-TEST_F(CompanyTest, MembersOfTheBatchAndThoseBehindIt_AreExpected) {
+TEST_F(GroupCommitPolicyTest, MembersOfTheBatchAndThoseBehindIt_AreExpected) {
   company_.Ended(Ended(7, 0));
   EXPECT_EQ(7U, company_.wanted());
   company_.Ended(Ended(1, 7));
   EXPECT_EQ(8U, company_.wanted());
 }
 
-TEST_F(CompanyTest, WhoStayedAway_IsNotExpectedAgain) {
+TEST_F(GroupCommitPolicyTest, WhoStayedAway_IsNotExpectedAgain) {
   company_.Ended(Ended(8, 0));
   company_.Ended(Ended(5, 0));
   EXPECT_EQ(5U, company_.wanted());
 }
 
-TEST_F(CompanyTest, WaitsArePartOfWhatABatchTakes) {
+TEST_F(GroupCommitPolicyTest, WaitsArePartOfWhatABatchTakes) {
   company_.Ended({2, 0, false, 600us});
-  EXPECT_EQ(600us / Company::kPart, company_.patience());
+  EXPECT_EQ(600us / GroupCommitPolicy::kPart, company_.patience());
 }
 
-TEST_F(CompanyTest, NoWaitIsLongerThanTheLongest) {
+TEST_F(GroupCommitPolicyTest, NoWaitIsLongerThanTheLongest) {
   company_.Ended({2, 0, false, 1h});
-  EXPECT_EQ(Company::kLongest, company_.patience());
+  EXPECT_EQ(GroupCommitPolicy::kLongest, company_.patience());
 }
 
-TEST_F(CompanyTest, WhereBatchesAreQuick_NobodyIsWaitedFor) {
-  company_.Ended({8, 3, false, Company::kShortest});
+TEST_F(GroupCommitPolicyTest, WhereBatchesAreQuick_NobodyIsWaitedFor) {
+  company_.Ended({8, 3, false, GroupCommitPolicy::kShortest});
   EXPECT_EQ(1U, company_.wanted());
 }
 
-TEST_F(CompanyTest, AfterWaitsThatWereTooShort_TwiceAsManyBatchesGoWithout) {
+TEST_F(GroupCommitPolicyTest, AfterWaitsThatWereTooShort_TwiceAsManyBatchesGoWithout) {
   company_.Ended(Ended(2, 0));
   for (int const pauses : {1, 2, 4, 8, 16, 32, 64, 64}) {
     company_.Ended(Waited(1, 1));
@@ -72,13 +76,13 @@ TEST_F(CompanyTest, AfterWaitsThatWereTooShort_TwiceAsManyBatchesGoWithout) {
   }
 }
 
-TEST_F(CompanyTest, SomeOfThoseExpected_AreTooFew) {
+TEST_F(GroupCommitPolicyTest, SomeOfThoseExpected_AreTooFew) {
   company_.Ended(Ended(8, 0));
   company_.Ended(Waited(7, 1));
   EXPECT_EQ(1U, company_.wanted());
 }
 
-TEST_F(CompanyTest, AfterAWaitForAll_OneThatIsTooShortCostsLittleAgain) {
+TEST_F(GroupCommitPolicyTest, AfterAWaitForAll_OneThatIsTooShortCostsLittleAgain) {
   company_.Ended(Ended(2, 0));
   for (int i = 0; i < 5; ++i) {
     company_.Ended(Waited(1, 1));

@@ -1,5 +1,5 @@
-#ifndef LSCOREDB_SRC_CONTRACT_H
-#define LSCOREDB_SRC_CONTRACT_H
+#ifndef LSCOREDB_SRC_C_API_H
+#define LSCOREDB_SRC_C_API_H
 
 // What the exported functions have in common: from a handle to its transaction, and the one door
 // through which failures become statuses.

@@ -1,5 +1,5 @@
-#ifndef LSCOREDB_SRC_COMMIT_H
-#define LSCOREDB_SRC_COMMIT_H
+#ifndef LSCOREDB_SRC_GROUP_COMMIT_H
+#define LSCOREDB_SRC_GROUP_COMMIT_H
 
 // How transactions become part of the store. Committers line up; the first one leads: it takes all
 // who wait, checks and applies each in one batch of the store, and ends that with one sync for all.
@@ -9,10 +9,10 @@
 #include <span>
 
 #include "allocators.h"
-#include "commit_line.h"
+#include "commit_queue.h"
 #include "definitions.h"
 #include "pending.h"
-#include "row_table.h"
+#include "shared_row_cache.h"
 #include "status.h"
 #include "store.h"
 
@@ -29,9 +29,9 @@ struct CommitRequest : CommitTicket {
   Status status = LORV_STATUS_OK;
 };
 
-class CommitQueue {
+class GroupCommit {
  public:
-  CommitQueue(Store& store, IdAllocator& ids, RowTable& rows)
+  GroupCommit(Store& store, IdAllocator& ids, SharedRowCache& rows)
       : store_(store), ids_(ids), rows_(rows) {}
 
   // Commits or fails; either way nothing of the request is used afterwards.
@@ -48,8 +48,8 @@ class CommitQueue {
 
   Store& store_;
   IdAllocator& ids_;
-  RowTable& rows_;
-  CommitLine line_;
+  SharedRowCache& rows_;
+  CommitQueue queue_;
 };
 
 }  // namespace lscore

@@ -27,9 +27,9 @@ lscoredb_options WithRowMemory(std::uint64_t bytes) {
   return options;
 }
 
-class RowTableTest : public testing::TestWithParam<std::uint64_t> {
+class SharedRowCacheTest : public testing::TestWithParam<std::uint64_t> {
  protected:
-  RowTableTest() : database_(directory_.path(), WithRowMemory(GetParam())) {
+  SharedRowCacheTest() : database_(directory_.path(), WithRowMemory(GetParam())) {
     Session session(database_);
     session.Begin();
     layout_ = session.CreateLayout(
@@ -71,7 +71,7 @@ class RowTableTest : public testing::TestWithParam<std::uint64_t> {
   Oids rows_;
 };
 
-TEST_P(RowTableTest, TransactionsSeeTheirOwnStatesInAnyOrderOfReading) {
+TEST_P(SharedRowCacheTest, TransactionsSeeTheirOwnStatesInAnyOrderOfReading) {
   std::deque<Session> readers;
   for (std::int64_t value = 0; value < 8; ++value) {
     WriteAll(value);
@@ -89,7 +89,7 @@ TEST_P(RowTableTest, TransactionsSeeTheirOwnStatesInAnyOrderOfReading) {
   }
 }
 
-TEST_P(RowTableTest, ADeletedRowIsThereForOlderTransactionsOnly) {
+TEST_P(SharedRowCacheTest, ADeletedRowIsThereForOlderTransactionsOnly) {
   Session before(database_);
   before.BeginReadOnly();
   EXPECT_EQ(0, Read(before, rows_[3]));
@@ -107,7 +107,7 @@ TEST_P(RowTableTest, ADeletedRowIsThereForOlderTransactionsOnly) {
   EXPECT_FALSE(later.Exists(rows_[3]));
 }
 
-TEST_P(RowTableTest, ARefusedCommitLeavesTheRowsAsTheyAre) {
+TEST_P(SharedRowCacheTest, ARefusedCommitLeavesTheRowsAsTheyAre) {
   Session reader(database_);
   reader.BeginReadOnly();
   EXPECT_EQ(0, ReadAll(reader));
@@ -126,7 +126,7 @@ TEST_P(RowTableTest, ARefusedCommitLeavesTheRowsAsTheyAre) {
   EXPECT_EQ(0, ReadAll(reader));
 }
 
-TEST_P(RowTableTest, ARowUnderANewLayoutIsReadByIt) {
+TEST_P(SharedRowCacheTest, ARowUnderANewLayoutIsReadByIt) {
   Session session(database_);
   session.Begin();
   EXPECT_EQ(0, Read(session, rows_[0]));
@@ -147,7 +147,7 @@ TEST_P(RowTableTest, ARowUnderANewLayoutIsReadByIt) {
 }
 
 // The commit itself holds all that it replaces, far more than may wait to be freed.
-TEST_P(RowTableTest, ACommitOfManyRowsThatWereRead_IsSeenWhole) {
+TEST_P(SharedRowCacheTest, ACommitOfManyRowsThatWereRead_IsSeenWhole) {
   constexpr std::size_t kMany = 20000;
   Session session(database_);
   session.Begin();
@@ -169,7 +169,7 @@ TEST_P(RowTableTest, ACommitOfManyRowsThatWereRead_IsSeenWhole) {
 // Each writer moves its own rows from one value to the next, all in one commit. Readers that stay
 // and readers that come see one value over all rows of a writer, and never an older one than
 // before.
-TEST_P(RowTableTest, ReadersThatStayBesideWriters_SeeEveryRowAsItWas) {
+TEST_P(SharedRowCacheTest, ReadersThatStayBesideWriters_SeeEveryRowAsItWas) {
   constexpr int kWriters = 2;
   constexpr int kReaders = 4;
 #if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
@@ -233,7 +233,7 @@ TEST_P(RowTableTest, ReadersThatStayBesideWriters_SeeEveryRowAsItWas) {
 }
 
 // Room for all, for a few rows, for none.
-INSTANTIATE_TEST_SUITE_P(Memory, RowTableTest,
+INSTANTIATE_TEST_SUITE_P(Memory, SharedRowCacheTest,
                          testing::Values(0, 1048576, 4096, LSCOREDB_NO_ROW_MEMORY),
                          [](auto const& tested) {
                            if (tested.param == 0) return std::string("Usual");

@@ -1,8 +1,8 @@
-#include "commit_line.h"
+#include "commit_queue.h"
 
 namespace lscore {
 
-bool CommitLine::Enter(CommitTicket& ticket, Tickets* batch) {
+bool CommitQueue::Enter(CommitTicket& ticket, Tickets* batch) {
   Lock lock(mutex_);
   waiting_.push_back(&ticket);
   if (!AwaitTurn(lock, ticket)) return false;
@@ -10,36 +10,36 @@ bool CommitLine::Enter(CommitTicket& ticket, Tickets* batch) {
   return true;
 }
 
-bool CommitLine::AwaitTurn(Lock& lock, CommitTicket const& ticket) {
+bool CommitQueue::AwaitTurn(Lock& lock, CommitTicket const& ticket) {
   std::condition_variable& turn = TurnOf(batches_);
   turn.wait(lock, [&] { return ticket.done || state_ != State::kLed; });
   if (ticket.done) return false;
-  if (waiting_.size() >= company_.wanted()) return true;
+  if (waiting_.size() >= policy_.wanted()) return true;
   if (state_ == State::kIdle && Gather(lock, turn)) return true;
   turn.wait(lock, [&] { return ticket.done; });
   return false;
 }
 
 // Returns whether the time is over and nobody completed the batch.
-bool CommitLine::Gather(Lock& lock, std::condition_variable& turn) {
+bool CommitQueue::Gather(Lock& lock, std::condition_variable& turn) {
   std::size_t const batch = batches_;
-  auto const until = last_end_ + company_.patience();
+  auto const until = last_end_ + policy_.patience();
   if (std::chrono::steady_clock::now() >= until) return true;
   state_ = State::kGathering;
   return !turn.wait_until(lock, until, [&] { return batches_ != batch; });
 }
 
-void CommitLine::Take(Tickets* batch) {
+void CommitQueue::Take(Tickets* batch) {
   waited_ = state_ == State::kGathering;
   state_ = State::kLed;
   ++batches_;
   batch->swap(waiting_);
 }
 
-void CommitLine::Finish(Tickets const& batch, Company::Duration took) {
+void CommitQueue::Finish(Tickets const& batch, GroupCommitPolicy::Duration took) {
   Lock lock(mutex_);
   for (CommitTicket* const ticket : batch) ticket->done = true;
-  company_.Ended({batch.size(), waiting_.size(), waited_, took});
+  policy_.Ended({batch.size(), waiting_.size(), waited_, took});
   last_end_ = std::chrono::steady_clock::now();
   state_ = State::kIdle;
   std::size_t const size = batch.size();
@@ -52,7 +52,7 @@ void CommitLine::Finish(Tickets const& batch, Company::Duration took) {
   calm_.notify_all();
 }
 
-std::size_t CommitLine::waiting() const {
+std::size_t CommitQueue::waiting() const {
   std::lock_guard const lock(mutex_);
   return waiting_.size();
 }

@@ -1,5 +1,5 @@
-#ifndef LSCOREDB_SRC_ROW_TABLE_H
-#define LSCOREDB_SRC_ROW_TABLE_H
+#ifndef LSCOREDB_SRC_SHARED_ROW_CACHE_H
+#define LSCOREDB_SRC_SHARED_ROW_CACHE_H
 
 // The newest committed rows in memory, for all contexts of the process.
 //
@@ -23,18 +23,18 @@
 #include <vector>
 
 #include "bytes.h"
+#include "cached_row_memory.h"
+#include "foreign_commits.h"
 #include "format.h"
 #include "ids.h"
 #include "layout.h"
 #include "row.h"
-#include "row_memory.h"
-#include "state_watch.h"
 
 namespace lscore {
 
 // A committed row: its image follows, and behind that what is needed once it has left. A usual row
 // is two lines of the processor's cache, so the size of the image has the place of its checksum.
-struct KeptRow {
+struct CachedRow {
   ObjectId id{};
   Layout const* layout = nullptr;
   CommitId known{};  // a state whose newest it was
@@ -44,28 +44,28 @@ struct KeptRow {
   CommitId commit() const { return RowImage(image()).commit(); }  // that wrote it
 };
 
-struct KeptRowFree {
-  void operator()(KeptRow* row) const noexcept;
-  RowMemory* memory = nullptr;
+struct CachedRowFree {
+  void operator()(CachedRow* row) const noexcept;
+  CachedRowMemory* memory = nullptr;
 };
-using KeptRowPtr = std::unique_ptr<KeptRow, KeptRowFree>;
+using CachedRowPtr = std::unique_ptr<CachedRow, CachedRowFree>;
 
-class RowTable {
+class SharedRowCache {
  public:
   // A transaction's right to use what it finds, from Begin to End. One thread at a time.
   class Reader {
    public:
-    explicit Reader(RowTable& table);
+    explicit Reader(SharedRowCache& table);
     ~Reader();
     Reader(Reader const&) = delete;
     Reader& operator=(Reader const&) = delete;
 
-    // `usable`: what StateWatch::Notice said of the state.
+    // `usable`: what ForeignCommits::Notice said of the state.
     void Begin(CommitId state, bool usable);
     void End() noexcept { since_.store(kNotReading, std::memory_order_release); }
 
     // The row in the state that is read; null: not in the table. Valid until End.
-    KeptRow const* Find(ObjectId id) const { return usable_ ? table_.Find(id, state_) : nullptr; }
+    CachedRow const* Find(ObjectId id) const { return usable_ ? table_.Find(id, state_) : nullptr; }
     // Rows that will be looked for soon: first their places are fetched, and then they themselves.
     void FetchPlace(ObjectId id) const { table_.FetchPlace(id); }
     void FetchRow(ObjectId id) const {
@@ -75,19 +75,19 @@ class RowTable {
     void Keep(ObjectId id, Layout const& layout, std::string_view image) noexcept;
 
    private:
-    friend class RowTable;
+    friend class SharedRowCache;
 
-    RowTable& table_;
+    SharedRowCache& table_;
     CommitId state_{};
     bool usable_ = false;
     std::atomic<std::uint64_t> since_{kNotReading};
   };
 
   // `memory`: bytes for rows; 0: none are kept.
-  RowTable(StateWatch const& watch, std::uint64_t memory);
-  ~RowTable();
-  RowTable(RowTable const&) = delete;
-  RowTable& operator=(RowTable const&) = delete;
+  SharedRowCache(ForeignCommits const& watch, std::uint64_t memory);
+  ~SharedRowCache();
+  SharedRowCache(SharedRowCache const&) = delete;
+  SharedRowCache& operator=(SharedRowCache const&) = delete;
 
   // ---- for the one who commits
   // Now and then of a row that it does not hold too.
@@ -95,10 +95,10 @@ class RowTable {
   // Before the commit that replaces or deletes the row becomes visible.
   void TakeOut(ObjectId id, CommitId state) noexcept;
   // Null: too large, or no memory for it. What the commit writes in the place of a row.
-  KeptRowPtr Prepare(ObjectId id, Layout const& layout, std::string_view image,
-                     CommitId state) noexcept;
+  CachedRowPtr Prepare(ObjectId id, Layout const& layout, std::string_view image,
+                       CommitId state) noexcept;
   // After the commit, before the next one begins.
-  void PutBack(KeptRowPtr row) noexcept;
+  void PutBack(CachedRowPtr row) noexcept;
 
  private:
   static constexpr std::size_t kWays = 8;
@@ -120,15 +120,15 @@ class RowTable {
     CommitId newest{};  // that took a row out
   };
 
-  static Place PlaceOf(KeptRow* row);
-  static KeptRow* RowAt(Place place) {
-    return reinterpret_cast<KeptRow*>(static_cast<std::uintptr_t>(place & kAddress));
+  static Place PlaceOf(CachedRow* row);
+  static CachedRow* RowAt(Place place) {
+    return reinterpret_cast<CachedRow*>(static_cast<std::uintptr_t>(place & kAddress));
   }
   static Place Mark(ObjectId id);
   // The way that holds the row, or kWays. REQUIRES: the stripe's lock.
   static std::size_t WayOf(Bucket& bucket, ObjectId id);
 
-  KeptRow const* Find(ObjectId id, CommitId state) const;
+  CachedRow const* Find(ObjectId id, CommitId state) const;
   void FetchPlace(ObjectId id) const;
   void FetchRow(ObjectId id) const;
   std::size_t BucketCount() const { return std::size_t{1} << bucket_bits_; }
@@ -139,19 +139,19 @@ class RowTable {
   void NoteUsed(Bucket const& bucket) noexcept;
   void FreeRegion(Bucket const* first) noexcept;
   // REQUIRES: the stripe's lock, for these.
-  void Put(Bucket& bucket, KeptRowPtr row) noexcept;
+  void Put(Bucket& bucket, CachedRowPtr row) noexcept;
   void Remove(Bucket& bucket, std::size_t way) noexcept;
   bool MakeRoom(Bucket& bucket, std::uint64_t size) noexcept;
   bool HasRoom(std::uint64_t size) const { return placed_.load() + size <= memory_; }
-  void Retire(KeptRow* row) noexcept;
-  void Free(KeptRow* row) noexcept { KeptRowFree{&row_memory_}(row); }
+  void Retire(CachedRow* row) noexcept;
+  void Free(CachedRow* row) noexcept { CachedRowFree{&row_memory_}(row); }
   // REQUIRES: the lock of what is retired.
   void FreeRetired() noexcept;
   void FreeRetiredBefore(std::uint64_t oldest) noexcept;
 
-  StateWatch const& watch_;
+  ForeignCommits const& watch_;
   std::uint64_t const memory_;
-  RowMemory row_memory_;
+  CachedRowMemory row_memory_;
   std::size_t bucket_bits_ = 0;  // there are 2 to the power of it
   std::atomic<Bucket*> buckets_{nullptr};
   std::array<std::atomic<bool>, kRegions> used_{};  // regions that ever held a row
@@ -163,7 +163,7 @@ class RowTable {
   std::atomic<std::uint64_t> retired_bytes_{0};  // of rows that left and are not freed yet
   std::atomic<std::uint64_t> clock_{1};          // counts rows that left
   std::mutex retired_mutex_;
-  KeptRow* retired_ = nullptr;    // the last that left
+  CachedRow* retired_ = nullptr;  // the last that left
   std::uint64_t first_left_ = 0;  // when the first of them left
   std::size_t retired_count_ = 0;
   std::size_t enough_retired_ = kFirstRetired;

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "contract.h"
+#include "c_api.h"
 
 namespace lscore {
 namespace {

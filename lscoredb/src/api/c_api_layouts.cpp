@@ -1,4 +1,4 @@
-#include "contract.h"
+#include "c_api.h"
 
 namespace lscore {
 namespace {

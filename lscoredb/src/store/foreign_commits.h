@@ -1,5 +1,5 @@
-#ifndef LSCOREDB_SRC_STATE_WATCH_H
-#define LSCOREDB_SRC_STATE_WATCH_H
+#ifndef LSCOREDB_SRC_FOREIGN_COMMITS_H
+#define LSCOREDB_SRC_FOREIGN_COMMITS_H
 
 // Tells commits of this process from those of others, by their numbers alone.
 //
@@ -14,7 +14,7 @@
 
 namespace lscore {
 
-class StateWatch {
+class ForeignCommits {
  public:
   // Whether all that leads to `state`, which a snapshot has just begun to read, is accounted for:
   // it is an own commit, or before it, or noted as foreign. False while an own commit of that

@@ -1,7 +1,7 @@
 #include <bit>
 #include <limits>
 
-#include "contract.h"
+#include "c_api.h"
 
 namespace lscore {
 namespace {

@@ -1,4 +1,4 @@
-#include "row_table.h"
+#include "shared_row_cache.h"
 
 #include <sys/mman.h>
 
@@ -16,26 +16,26 @@ constexpr std::uint64_t kUsualRow = 128;  // bytes; says how many places there a
 constexpr std::size_t kManyRows = 20000;
 // The way to a larger row is short beside what there is to read, and its copy would drive out many.
 constexpr std::uint64_t kLargestRow = 64 * 1024;
-constexpr std::size_t kLine = RowMemory::kLine;
+constexpr std::size_t kLine = CachedRowMemory::kLine;
 
 // What stands behind the image of a row.
 struct Left {
   std::uint64_t at = 0;
-  KeptRow* before = nullptr;
+  CachedRow* before = nullptr;
 };
 
 // Images are as long as they are.
-Left LeftOf(KeptRow const& row) {
+Left LeftOf(CachedRow const& row) {
   Left left;
   std::memcpy(&left, row.image() + row.size(), sizeof left);
   return left;
 }
-void SetLeft(KeptRow& row, Left const& left) {
+void SetLeft(CachedRow& row, Left const& left) {
   std::memcpy(reinterpret_cast<char*>(&row + 1) + row.size(), &left, sizeof left);
 }
 
 std::uint64_t AllocatedSize(std::uint64_t image) {
-  return (sizeof(KeptRow) + image + sizeof(Left) + kLine - 1) / kLine * kLine;
+  return (sizeof(CachedRow) + image + sizeof(Left) + kLine - 1) / kLine * kLine;
 }
 
 std::uint64_t Get(std::uint64_t& place) {
@@ -47,31 +47,32 @@ void Set(std::uint64_t& place, std::uint64_t value) {
 
 }  // namespace
 
-void KeptRowFree::operator()(KeptRow* row) const noexcept {
+void CachedRowFree::operator()(CachedRow* row) const noexcept {
   memory->Give(row, AllocatedSize(row->size()));
 }
 
 // ---- readers -----------------------------------------------------------------------------------
 
-RowTable::Reader::Reader(RowTable& table) : table_(table) {
+SharedRowCache::Reader::Reader(SharedRowCache& table) : table_(table) {
   std::lock_guard const lock(table_.retired_mutex_);
   table_.readers_.push_back(this);
 }
 
-RowTable::Reader::~Reader() {
+SharedRowCache::Reader::~Reader() {
   std::lock_guard const lock(table_.retired_mutex_);
   std::erase(table_.readers_, this);
 }
 
 // A row that leaves before the clock is read here cannot be found any more; one that leaves later
 // is not freed while the time stands here.
-void RowTable::Reader::Begin(CommitId state, bool usable) {
+void SharedRowCache::Reader::Begin(CommitId state, bool usable) {
   state_ = state;
   usable_ = usable;
   if (usable) since_.exchange(table_.clock_.load(std::memory_order_seq_cst));
 }
 
-void RowTable::Reader::Keep(ObjectId id, Layout const& layout, std::string_view image) noexcept {
+void SharedRowCache::Reader::Keep(ObjectId id, Layout const& layout,
+                                  std::string_view image) noexcept {
   if (!usable_ || table_.memory_ == 0) return;
   Bucket* const buckets = table_.Buckets();
   if (buckets == nullptr) return;
@@ -80,11 +81,11 @@ void RowTable::Reader::Keep(ObjectId id, Layout const& layout, std::string_view 
   std::unique_lock const lock(stripe.mutex, std::try_to_lock);
   // What took a row of this stripe out since may have been a newer version of this one.
   if (!lock.owns_lock() || state_ < stripe.newest) return;
-  KeptRowPtr row = table_.Prepare(id, layout, image, state_);
+  CachedRowPtr row = table_.Prepare(id, layout, image, state_);
   if (row != nullptr) table_.Put(buckets[number], std::move(row));
 }
 
-KeptRow const* RowTable::Find(ObjectId id, CommitId state) const {
+CachedRow const* SharedRowCache::Find(ObjectId id, CommitId state) const {
   Bucket* const buckets = buckets_.load(std::memory_order_acquire);
   if (buckets == nullptr) return nullptr;
   Bucket& bucket = buckets[BucketOf(id)];
@@ -92,7 +93,7 @@ KeptRow const* RowTable::Find(ObjectId id, CommitId state) const {
   for (std::size_t i = 0; i < kWays; ++i) {
     Place const place = Get(bucket.places[(Raw(id) + i) % kWays]);
     if ((place & ~kAddress) != mark || place == 0) continue;
-    KeptRow const* const row = RowAt(place);
+    CachedRow const* const row = RowAt(place);
     // Where the value lies is known only when the first line has come: that would be two waits.
     __builtin_prefetch(reinterpret_cast<char const*>(row) + kLine);
     if (row->id != id) continue;
@@ -101,12 +102,12 @@ KeptRow const* RowTable::Find(ObjectId id, CommitId state) const {
   return nullptr;
 }
 
-void RowTable::FetchPlace(ObjectId id) const {
+void SharedRowCache::FetchPlace(ObjectId id) const {
   Bucket* const buckets = buckets_.load(std::memory_order_acquire);
   if (buckets != nullptr) __builtin_prefetch(&buckets[BucketOf(id)]);
 }
 
-void RowTable::FetchRow(ObjectId id) const {
+void SharedRowCache::FetchRow(ObjectId id) const {
   Bucket* const buckets = buckets_.load(std::memory_order_acquire);
   if (buckets == nullptr) return;
   Place const place = Get(buckets[BucketOf(id)].places[Raw(id) % kWays]);
@@ -117,13 +118,13 @@ void RowTable::FetchRow(ObjectId id) const {
 
 // ---- the table ---------------------------------------------------------------------------------
 
-RowTable::RowTable(StateWatch const& watch, std::uint64_t memory)
+SharedRowCache::SharedRowCache(ForeignCommits const& watch, std::uint64_t memory)
     : watch_(watch), memory_(memory), row_memory_(memory + memory / 4) {
   std::uint64_t const places = std::max<std::uint64_t>(memory / kUsualRow, kWays);
   bucket_bits_ = static_cast<std::size_t>(std::bit_width(places / kWays) - 1);
 }
 
-RowTable::~RowTable() {
+SharedRowCache::~SharedRowCache() {
   Bucket* const buckets = buckets_.load();
   if (buckets != nullptr) {
     for (std::size_t region = 0; region < kRegions; ++region) {
@@ -131,12 +132,12 @@ RowTable::~RowTable() {
     }
     munmap(buckets, BucketCount() * sizeof(Bucket));
   }
-  for (KeptRow* row = retired_; row != nullptr;) {
+  for (CachedRow* row = retired_; row != nullptr;) {
     Free(std::exchange(row, LeftOf(*row).before));
   }
 }
 
-void RowTable::FreeRegion(Bucket const* first) noexcept {
+void SharedRowCache::FreeRegion(Bucket const* first) noexcept {
   for (Bucket const* bucket = first; bucket < first + RegionSize(); ++bucket) {
     for (Place const place : bucket->places) {
       if (place != 0) Free(RowAt(place));
@@ -144,14 +145,16 @@ void RowTable::FreeRegion(Bucket const* first) noexcept {
   }
 }
 
-RowTable::Place RowTable::Mark(ObjectId id) { return (Raw(id) * 0x9E3779B97F4A7C15) & ~kAddress; }
+SharedRowCache::Place SharedRowCache::Mark(ObjectId id) {
+  return (Raw(id) * 0x9E3779B97F4A7C15) & ~kAddress;
+}
 
-RowTable::Place RowTable::PlaceOf(KeptRow* row) {
+SharedRowCache::Place SharedRowCache::PlaceOf(CachedRow* row) {
   auto const address = static_cast<Place>(reinterpret_cast<std::uintptr_t>(row));
   return address | Mark(row->id);
 }
 
-RowTable::Bucket* RowTable::Buckets() noexcept {
+SharedRowCache::Bucket* SharedRowCache::Buckets() noexcept {
   Bucket* buckets = buckets_.load(std::memory_order_acquire);
   if (buckets != nullptr) return buckets;
   std::lock_guard const lock(buckets_mutex_);
@@ -166,13 +169,13 @@ RowTable::Bucket* RowTable::Buckets() noexcept {
 }
 
 // Ids come in runs, of which each fills its buckets evenly; runs far apart are spread.
-std::size_t RowTable::BucketOf(ObjectId id) const {
+std::size_t SharedRowCache::BucketOf(ObjectId id) const {
   std::uint64_t const line = Raw(id) / kWays;
   std::uint64_t const run = line >> bucket_bits_;
   return static_cast<std::size_t>((line + run * 0x9E3779B97F4A7C15) & (BucketCount() - 1));
 }
 
-std::size_t RowTable::WayOf(Bucket& bucket, ObjectId id) {
+std::size_t SharedRowCache::WayOf(Bucket& bucket, ObjectId id) {
   std::size_t way = 0;
   while (way < kWays) {
     Place const place = bucket.places[way];
@@ -182,7 +185,7 @@ std::size_t RowTable::WayOf(Bucket& bucket, ObjectId id) {
   return way;
 }
 
-bool RowTable::Holds(ObjectId id) const {
+bool SharedRowCache::Holds(ObjectId id) const {
   Bucket* const buckets = buckets_.load(std::memory_order_acquire);
   if (buckets == nullptr) return false;
   Bucket& bucket = buckets[BucketOf(id)];
@@ -192,8 +195,8 @@ bool RowTable::Holds(ObjectId id) const {
   });
 }
 
-KeptRowPtr RowTable::Prepare(ObjectId id, Layout const& layout, std::string_view image,
-                             CommitId known) noexcept {
+CachedRowPtr SharedRowCache::Prepare(ObjectId id, Layout const& layout, std::string_view image,
+                                     CommitId known) noexcept {
   std::uint64_t const size = AllocatedSize(image.size());
   if (size > std::min(memory_, kLargestRow)) return nullptr;
   void* const memory = row_memory_.Take(size);
@@ -202,14 +205,14 @@ KeptRowPtr RowTable::Prepare(ObjectId id, Layout const& layout, std::string_view
     if (memory != nullptr) row_memory_.Give(memory, size);
     return nullptr;
   }
-  auto* const row = new (memory) KeptRow{id, &layout, known};
+  auto* const row = new (memory) CachedRow{id, &layout, known};
   char* const copy = reinterpret_cast<char*>(row + 1);
   std::memcpy(copy, image.data(), image.size());
   StoreAt(copy + format::kCrcOffset, static_cast<std::uint32_t>(image.size()));
-  return KeptRowPtr(row, {&row_memory_});
+  return CachedRowPtr(row, {&row_memory_});
 }
 
-void RowTable::TakeOut(ObjectId id, CommitId state) noexcept {
+void SharedRowCache::TakeOut(ObjectId id, CommitId state) noexcept {
   if (memory_ == 0) return;
   std::size_t const number = BucketOf(id);
   Stripe& stripe = StripeOf(number);
@@ -221,13 +224,13 @@ void RowTable::TakeOut(ObjectId id, CommitId state) noexcept {
   if (way < kWays) Remove(buckets[number], way);
 }
 
-void RowTable::PutBack(KeptRowPtr row) noexcept {
+void SharedRowCache::PutBack(CachedRowPtr row) noexcept {
   std::size_t const number = BucketOf(row->id);
   std::lock_guard const lock(StripeOf(number).mutex);
   Put(buckets_.load(std::memory_order_acquire)[number], std::move(row));
 }
 
-void RowTable::Put(Bucket& bucket, KeptRowPtr row) noexcept {
+void SharedRowCache::Put(Bucket& bucket, CachedRowPtr row) noexcept {
   std::size_t const there = WayOf(bucket, row->id);
   if (there < kWays) Remove(bucket, there);
   if (!MakeRoom(bucket, AllocatedSize(row->size()))) return;
@@ -242,7 +245,7 @@ void RowTable::Put(Bucket& bucket, KeptRowPtr row) noexcept {
 
 // Large pages are a wish: everything works without them. For a few rows they would cost more than
 // they bring.
-void RowTable::NoteUsed(Bucket const& bucket) noexcept {
+void SharedRowCache::NoteUsed(Bucket const& bucket) noexcept {
   Bucket* const buckets = buckets_.load(std::memory_order_relaxed);
   auto const number = static_cast<std::size_t>(&bucket - buckets);
   used_[number / RegionSize()].store(true, std::memory_order_relaxed);
@@ -251,7 +254,7 @@ void RowTable::NoteUsed(Bucket const& bucket) noexcept {
   row_memory_.UseChunks();
 }
 
-bool RowTable::MakeRoom(Bucket& bucket, std::uint64_t size) noexcept {
+bool SharedRowCache::MakeRoom(Bucket& bucket, std::uint64_t size) noexcept {
   if (retired_bytes_ > memory_ / 4) {
     std::lock_guard const lock(retired_mutex_);
     FreeRetired();
@@ -263,8 +266,8 @@ bool RowTable::MakeRoom(Bucket& bucket, std::uint64_t size) noexcept {
   return HasRoom(size);
 }
 
-void RowTable::Remove(Bucket& bucket, std::size_t way) noexcept {
-  KeptRow* const row = RowAt(bucket.places[way]);
+void SharedRowCache::Remove(Bucket& bucket, std::size_t way) noexcept {
+  CachedRow* const row = RowAt(bucket.places[way]);
   Set(bucket.places[way], 0);
   placed_ -= AllocatedSize(row->size());
   Retire(row);
@@ -272,7 +275,7 @@ void RowTable::Remove(Bucket& bucket, std::size_t way) noexcept {
 
 // ---- rows that left ----------------------------------------------------------------------------
 
-void RowTable::Retire(KeptRow* row) noexcept {
+void SharedRowCache::Retire(CachedRow* row) noexcept {
   std::lock_guard const lock(retired_mutex_);
   retired_bytes_ += AllocatedSize(row->size());
   std::uint64_t const now = clock_.fetch_add(1);
@@ -282,15 +285,15 @@ void RowTable::Retire(KeptRow* row) noexcept {
 }
 
 // Does not look at rows as long as a reader may have the first of them.
-void RowTable::FreeRetired() noexcept {
+void SharedRowCache::FreeRetired() noexcept {
   std::uint64_t oldest = clock_.load();
   for (Reader const* const reader : readers_) oldest = std::min(oldest, reader->since_.load());
   if (first_left_ < oldest) FreeRetiredBefore(oldest);
   enough_retired_ = std::max(kFirstRetired, 2 * retired_count_);
 }
 
-void RowTable::FreeRetiredBefore(std::uint64_t oldest) noexcept {
-  KeptRow* row = std::exchange(retired_, nullptr);
+void SharedRowCache::FreeRetiredBefore(std::uint64_t oldest) noexcept {
+  CachedRow* row = std::exchange(retired_, nullptr);
   retired_count_ = 0;
   first_left_ = kNotReading;
   while (row != nullptr) {

@@ -1,7 +1,7 @@
 #include <bit>
 #include <type_traits>
 
-#include "contract.h"
+#include "c_api.h"
 
 namespace lscore {
 namespace {
@@ -40,7 +40,7 @@ Status ReadColumn(std::uint64_t context, std::uint64_t oid, std::uint64_t addr,
 
 // Texts of columns can be as long as memory; a set specifier goes the same way.
 LORV_STRING* HandOut(Transaction& transaction, Cell const& cell) {
-  return transaction.handouts().Text(cell.text());
+  return transaction.result_buffers().Text(cell.text());
 }
 
 }  // namespace
@@ -84,7 +84,7 @@ uint32_t lorv_context_get_binary(uint64_t context, uint64_t oid, uint64_t addr, 
                                  LORV_BINARY** out) {
   return ReadColumn(context, oid, addr, column, TypeBit(LORV_TYPE_BINARY), out,
                     [out](Transaction& transaction, Cell const& cell) {
-                      *out = transaction.handouts().Binary(cell.bytes());
+                      *out = transaction.result_buffers().Binary(cell.bytes());
                     });
 }
 

@@ -1,4 +1,4 @@
-#include "commit_work.h"
+#include "commit_applier.h"
 
 #include <algorithm>
 
@@ -25,27 +25,27 @@ std::string PartKey(ObjectId id, std::uint32_t part) {
 
 // A row that nobody read does not come in. One under a layout of this transaction waits until it is
 // read, by its committed layout.
-void KeptChanges::Add(PendingRow const& row, std::string_view image, CommitId state) {
+void CachedRowChanges::Add(PendingRow const& row, std::string_view image, CommitId state) {
   if (row.inserted()) return;
   replaced_.push_back(row.id);
   bool const new_layout = row.layout->order().commit == kNotCommitted;
   if (image.empty() || new_layout || !rows_.Holds(row.id)) return;
-  if (KeptRowPtr kept = rows_.Prepare(row.id, *row.layout, image, state)) {
+  if (CachedRowPtr kept = rows_.Prepare(row.id, *row.layout, image, state)) {
     newer_.push_back(std::move(kept));
   }
 }
 
-void KeptChanges::TakeOut(CommitId state) noexcept {
+void CachedRowChanges::TakeOut(CommitId state) noexcept {
   for (ObjectId const id : replaced_) rows_.TakeOut(id, state);
 }
 
-void KeptChanges::PutBack() noexcept {
-  for (KeptRowPtr& row : newer_) rows_.PutBack(std::move(row));
+void CachedRowChanges::PutBack() noexcept {
+  for (CachedRowPtr& row : newer_) rows_.PutBack(std::move(row));
 }
 
 // ---- checks ------------------------------------------------------------------------------------
 
-void CommitWork::Validate(bool nothing_between) {
+void CommitApplier::Validate(bool nothing_between) {
   request_.changes.ForEachRow([this](PendingRow const& row) {
     if (Matters(row)) rows_.push_back(&row);
   });
@@ -65,7 +65,7 @@ void CommitWork::Validate(bool nothing_between) {
   for (auto const& [id, entries] : late_entries_) CheckUnique(*entries, nothing_between);
 }
 
-void CommitWork::ValidateRow(PendingRow const& row) {
+void CommitApplier::ValidateRow(PendingRow const& row) {
   if (row.inserted() && !row.given_id) return;
   std::uint64_t const id = Raw(row.id);
   std::string_view stored;
@@ -76,7 +76,7 @@ void CommitWork::ValidateRow(PendingRow const& row) {
   if (RowImage(stored.data()).commit() > request_.snapshot.id()) Throw(LSCOREDB_CONFLICT);
 }
 
-void CommitWork::ValidateLayouts() const {
+void CommitApplier::ValidateLayouts() const {
   for (auto const& layout : request_.changes.layouts()) {
     std::string_view stored;
     if (batch_.Get(Tree::kDefinitions, LayoutKey(layout->number()), &stored)) {
@@ -85,7 +85,7 @@ void CommitWork::ValidateLayouts() const {
   }
 }
 
-void CommitWork::ValidateIndexes() const {
+void CommitApplier::ValidateIndexes() const {
   for (IndexDefinition const* const index : request_.changes.dropped_indexes()) {
     if (!HasIndex(batch_, index->id)) Throw(LSCOREDB_CONFLICT);
   }
@@ -96,16 +96,16 @@ void CommitWork::ValidateIndexes() const {
 
 // An index that the transaction itself created is in no store yet, one that another dropped is in
 // none any more.
-bool CommitWork::IsLive(PendingIndex const& entries) const {
+bool CommitApplier::IsLive(PendingIndex const& entries) const {
   return !late_ || !entries.committed() || HasIndex(batch_, entries.index().id);
 }
 
-void CommitWork::DeriveLateEntries() {
+void CommitApplier::DeriveLateEntries() {
   now_ = std::make_unique<IndexCatalogue>(IndexVersion(batch_));
   for (PendingRow const* const row : rows_) DeriveLateEntries(*row);
 }
 
-void CommitWork::DeriveLateEntries(PendingRow const& row) {
+void CommitApplier::DeriveLateEntries(PendingRow const& row) {
   for (bool const before : {true, false}) {
     if (before ? row.inserted() : row.deleted) continue;
     Cell const setspec = before ? OriginalOf(row).Setspec() : row.setspec;
@@ -118,7 +118,8 @@ void CommitWork::DeriveLateEntries(PendingRow const& row) {
   }
 }
 
-void CommitWork::DeriveLateEntry(IndexDefinition const& index, PendingRow const& row, bool before) {
+void CommitApplier::DeriveLateEntry(IndexDefinition const& index, PendingRow const& row,
+                                    bool before) {
   PendingIndex& entries = LateEntries(index);
   KeyFacts const facts = encoder_.Encode(index, before ? OriginalOf(row) : RefOf(row), key_);
   if (before) {
@@ -128,13 +129,13 @@ void CommitWork::DeriveLateEntry(IndexDefinition const& index, PendingRow const&
   }
 }
 
-PendingIndex& CommitWork::LateEntries(IndexDefinition const& index) {
+PendingIndex& CommitApplier::LateEntries(IndexDefinition const& index) {
   std::unique_ptr<PendingIndex>& entries = late_entries_[index.id];
   if (entries == nullptr) entries = std::make_unique<PendingIndex>(index, true, arena_);
   return *entries;
 }
 
-void CommitWork::CheckUnique(PendingIndex const& entries, bool nothing_between) {
+void CommitApplier::CheckUnique(PendingIndex const& entries, bool nothing_between) {
   if (!entries.index().unique()) return;
   EntryCursor cursor;
   for (auto const& [key, entry] : entries.map()) {
@@ -148,7 +149,7 @@ void CommitWork::CheckUnique(PendingIndex const& entries, bool nothing_between) 
 
 // ---- writes ------------------------------------------------------------------------------------
 
-void CommitWork::Apply() {
+void CommitApplier::Apply() {
   for (PendingRow const* const row : rows_) ApplyRow(*row);
   for (auto const& entries : request_.changes.indexes()) {
     if (IsLive(*entries)) ApplyEntries(*entries);
@@ -160,8 +161,8 @@ void CommitWork::Apply() {
   ApplySetChanges();
 }
 
-void CommitWork::ApplyRow(PendingRow const& row) {
-  if (row.in_parts) DeleteParts(row.id);
+void CommitApplier::ApplyRow(PendingRow const& row) {
+  if (row.in_overflow) DeleteParts(row.id);
   if (row.deleted) {
     std::uint64_t const id = Raw(row.id);
     batch_.Delete(Tree::kRows, BytesOf(id));
@@ -172,7 +173,7 @@ void CommitWork::ApplyRow(PendingRow const& row) {
   CountChange(row);
 }
 
-void CommitWork::PutImage(PendingRow const& row) {
+void CommitApplier::PutImage(PendingRow const& row) {
   std::string_view image =
       builder_.Build(row.id, *row.layout, batch_.id(), row.setspec, row.all_cells());
   std::string stub;
@@ -190,19 +191,19 @@ void CommitWork::PutImage(PendingRow const& row) {
   }
 }
 
-void CommitWork::PutParts(ObjectId id, std::string_view image) {
+void CommitApplier::PutParts(ObjectId id, std::string_view image) {
   for (std::uint32_t part = 0; !image.empty(); ++part) {
-    batch_.Put(Tree::kParts, PartKey(id, part), image.substr(0, format::kPartSize));
+    batch_.Put(Tree::kOverflow, PartKey(id, part), image.substr(0, format::kPartSize));
     image.remove_prefix(std::min(image.size(), format::kPartSize));
   }
 }
 
-void CommitWork::DeleteParts(ObjectId id) {
-  for (std::uint32_t part = 0; batch_.Delete(Tree::kParts, PartKey(id, part));) ++part;
+void CommitApplier::DeleteParts(ObjectId id) {
+  for (std::uint32_t part = 0; batch_.Delete(Tree::kOverflow, PartKey(id, part));) ++part;
 }
 
 // Removals come first: two long keys of one object may be one key of the store.
-void CommitWork::ApplyEntries(PendingIndex const& entries) {
+void CommitApplier::ApplyEntries(PendingIndex const& entries) {
   IndexDefinition const& index = entries.index();
   for (auto const& [key, entry] : entries.map()) {
     if (entry.state != EntryState::kRemoved || !entry.may_be_committed) continue;
@@ -216,7 +217,7 @@ void CommitWork::ApplyEntries(PendingIndex const& entries) {
   }
 }
 
-void CommitWork::ApplyLayouts() {
+void CommitApplier::ApplyLayouts() {
   for (auto const& layout : request_.changes.layouts()) {
     WriteLayout(batch_, *layout, {batch_.id(), position_++});
   }
@@ -225,7 +226,7 @@ void CommitWork::ApplyLayouts() {
   }
 }
 
-void CommitWork::ApplyIndexes() {
+void CommitApplier::ApplyIndexes() {
   for (IndexDefinition const* const index : request_.changes.dropped_indexes()) {
     DeleteEntries(batch_, *index);
     DeleteIndex(batch_, *index);
@@ -236,7 +237,7 @@ void CommitWork::ApplyIndexes() {
   }
 }
 
-void CommitWork::CountChange(PendingRow const& row) {
+void CommitApplier::CountChange(PendingRow const& row) {
   if (!row.inserted()) {
     --counts_[row.original_layout->number()].objects;
     NoteSet(OriginalOf(row).Setspec());
@@ -248,7 +249,7 @@ void CommitWork::CountChange(PendingRow const& row) {
   NoteSet(row.setspec);
 }
 
-void CommitWork::NoteSet(Cell const& setspec) {
+void CommitApplier::NoteSet(Cell const& setspec) {
   if (!setspec.present) return;
   NotedSet& noted = noted_sets_[next_noted_];
   auto const same = [&](NotedSet const& one) {
@@ -261,7 +262,7 @@ void CommitWork::NoteSet(Cell const& setspec) {
   next_noted_ = (next_noted_ + 1) % noted_sets_.size();
 }
 
-void CommitWork::ApplyCounts() {
+void CommitApplier::ApplyCounts() {
   for (auto const& [number, delta] : counts_) {
     bool const names_set = delta.example != nullptr && delta.example->setspec.present;
     if (delta.objects == 0 && !names_set) continue;
@@ -276,7 +277,7 @@ void CommitWork::ApplyCounts() {
   }
 }
 
-void CommitWork::ApplySetChanges() {
+void CommitApplier::ApplySetChanges() {
   for (std::u16string const& setspec : changed_sets_) WriteSetChange(batch_, setspec);
 }
 

@@ -1,5 +1,5 @@
-#ifndef LSCOREDB_SRC_ROW_CACHE_H
-#define LSCOREDB_SRC_ROW_CACHE_H
+#ifndef LSCOREDB_SRC_TRANSACTION_ROW_CACHE_H
+#define LSCOREDB_SRC_TRANSACTION_ROW_CACHE_H
 
 // The rows that a transaction is busy with, by id. One thread at a time.
 //
@@ -16,9 +16,9 @@
 
 namespace lscore {
 
-class RowCache {
+class TransactionRowCache {
  public:
-  RowCache() : sets_(kSets) { used_.reserve(kManyUsed); }
+  TransactionRowCache() : sets_(kSets) { used_.reserve(kManyUsed); }
 
   // Null: not there. Valid until the next Put or Clear.
   RowRef const* Find(ObjectId id) const {

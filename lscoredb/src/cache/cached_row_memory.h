@@ -1,5 +1,5 @@
-#ifndef LSCOREDB_SRC_ROW_MEMORY_H
-#define LSCOREDB_SRC_ROW_MEMORY_H
+#ifndef LSCOREDB_SRC_CACHED_ROW_MEMORY_H
+#define LSCOREDB_SRC_CACHED_ROW_MEMORY_H
 
 // Memory for rows that are read at random: in large pages, where the system has them, since half of
 // the wait for such a row is that for its address.
@@ -16,15 +16,15 @@
 
 namespace lscore {
 
-class RowMemory {
+class CachedRowMemory {
  public:
   static constexpr std::size_t kLine = 64;  // what all blocks are aligned to
 
   // `bytes`: room for chunks, of which none is taken yet.
-  explicit RowMemory(std::uint64_t bytes) : chunk_limit_(bytes / kChunk) {}
-  ~RowMemory();
-  RowMemory(RowMemory const&) = delete;
-  RowMemory& operator=(RowMemory const&) = delete;
+  explicit CachedRowMemory(std::uint64_t bytes) : chunk_limit_(bytes / kChunk) {}
+  ~CachedRowMemory();
+  CachedRowMemory(CachedRowMemory const&) = delete;
+  CachedRowMemory& operator=(CachedRowMemory const&) = delete;
 
   // Null: there is none. `size` is a multiple of kLine.
   void* Take(std::size_t size) noexcept;

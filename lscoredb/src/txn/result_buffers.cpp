@@ -1,4 +1,4 @@
-#include "handouts.h"
+#include "result_buffers.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -29,7 +29,7 @@ std::uint32_t CheckedLength(std::size_t length) {
 }  // namespace
 
 template <typename Make>
-char* Handouts::FindOrMake(std::string_view bytes, Make&& make) {
+char* ResultBuffers::FindOrMake(std::string_view bytes, Make&& make) {
   std::uint64_t const source = SourceOf(bytes);
   if (char* const* const found = by_source_.Find(source)) return *found;
   if (made_.size() == made_.capacity()) made_.reserve(made_.size() * 2 + 16);
@@ -39,7 +39,7 @@ char* Handouts::FindOrMake(std::string_view bytes, Make&& make) {
   return copy;
 }
 
-LORV_STRING* Handouts::Text(PackedText text) {
+LORV_STRING* ResultBuffers::Text(PackedText text) {
   std::uint32_t const length = CheckedLength(UnitCount(text));
   char* const copy = FindOrMake(text.bytes, [&] {
     char* const made = arena_.Allocate(kTextHead + (std::size_t{length} + 1) * sizeof(char16_t));
@@ -52,7 +52,7 @@ LORV_STRING* Handouts::Text(PackedText text) {
   return reinterpret_cast<LORV_STRING*>(copy);
 }
 
-LORV_BINARY* Handouts::Binary(std::string_view bytes) {
+LORV_BINARY* ResultBuffers::Binary(std::string_view bytes) {
   std::uint32_t const length = CheckedLength(bytes.size());
   char* const copy = FindOrMake(bytes, [&] {
     char* const made = arena_.Allocate(kBinaryHead + bytes.size() + 4);
@@ -63,9 +63,9 @@ LORV_BINARY* Handouts::Binary(std::string_view bytes) {
   return reinterpret_cast<LORV_BINARY*>(copy);
 }
 
-void Handouts::BeginScope() { scopes_.push_back({arena_.mark(), made_.size()}); }
+void ResultBuffers::BeginScope() { scopes_.push_back({arena_.mark(), made_.size()}); }
 
-bool Handouts::EndScope() {
+bool ResultBuffers::EndScope() {
   if (scopes_.empty()) return false;
   Drop(scopes_.back().made);
   arena_.ReleaseTo(scopes_.back().mark);
@@ -73,11 +73,11 @@ bool Handouts::EndScope() {
   return true;
 }
 
-void Handouts::Drop(std::size_t down_to) {
+void ResultBuffers::Drop(std::size_t down_to) {
   for (; made_.size() > down_to; made_.pop_back()) by_source_.Erase(made_.back());
 }
 
-void Handouts::Clear() {
+void ResultBuffers::Clear() {
   by_source_.Clear();
   if (made_.capacity() > kKeptSources) made_ = std::vector<std::uint64_t>();
   made_.clear();

@@ -1,5 +1,5 @@
-#ifndef LSCOREDB_SRC_COMMIT_WORK_H
-#define LSCOREDB_SRC_COMMIT_WORK_H
+#ifndef LSCOREDB_SRC_COMMIT_APPLIER_H
+#define LSCOREDB_SRC_COMMIT_APPLIER_H
 
 // One transaction's part of a batch: all checks first, which write nothing, then all writes. Used
 // by the leader of a commit, on its thread; the transaction itself stands still meanwhile.
@@ -11,15 +11,15 @@
 #include <set>
 #include <string>
 
-#include "commit.h"
-#include "row_table.h"
+#include "group_commit.h"
+#include "shared_row_cache.h"
 
 namespace lscore {
 
 // What a batch does to rows that are kept in memory.
-class KeptChanges {
+class CachedRowChanges {
  public:
-  explicit KeptChanges(RowTable& rows) : rows_(rows) {}
+  explicit CachedRowChanges(SharedRowCache& rows) : rows_(rows) {}
 
   // The row is replaced, or deleted where there is no image.
   void Add(PendingRow const& row, std::string_view image, CommitId state);
@@ -28,15 +28,16 @@ class KeptChanges {
   void PutBack() noexcept;
 
  private:
-  RowTable& rows_;
+  SharedRowCache& rows_;
   std::vector<ObjectId> replaced_;
-  std::vector<KeptRowPtr> newer_;
+  std::vector<CachedRowPtr> newer_;
 };
 
-class CommitWork {
+class CommitApplier {
  public:
   // `position` numbers the layouts made in this batch.
-  CommitWork(Batch& batch, CommitRequest const& request, std::uint32_t& position, KeptChanges& kept)
+  CommitApplier(Batch& batch, CommitRequest const& request, std::uint32_t& position,
+                CachedRowChanges& kept)
       : batch_(batch), request_(request), position_(position), kept_(kept), entries_(batch) {}
 
   // Throws LSCOREDB_CONFLICT or LSCOREDB_DUPLICATE_KEY when the transaction cannot be committed.
@@ -83,7 +84,7 @@ class CommitWork {
   Batch& batch_;
   CommitRequest const& request_;
   std::uint32_t& position_;
-  KeptChanges& kept_;
+  CachedRowChanges& kept_;
   EntryWriter entries_;
   std::vector<PendingRow const*> rows_;  // with something to do for them, by id
   bool late_ = false;                    // indexes were created or dropped since the snapshot

@@ -1,6 +1,6 @@
 // Who leads a batch, who is in it, and who waits for whom.
 
-#include "commit_line.h"
+#include "commit_queue.h"
 
 #include <gtest/gtest.h>
 
@@ -10,25 +10,25 @@
 
 namespace {
 
-using lscore::CommitLine;
+using lscore::CommitQueue;
 using lscore::CommitTicket;
-using lscore::Company;
+using lscore::GroupCommitPolicy;
 using namespace std::chrono_literals;
 
-constexpr Company::Duration kForEver = 1h;
-constexpr Company::Duration kLongBatch = 10h;
+constexpr GroupCommitPolicy::Duration kForEver = 1h;
+constexpr GroupCommitPolicy::Duration kLongBatch = 10h;
 
-class CommitLineTest : public testing::Test {
+class CommitQueueTest : public testing::Test {
  protected:
-  ~CommitLineTest() override {
+  ~CommitQueueTest() override {
     for (std::thread& thread : threads_) thread.join();
   }
 
   // A thread that lines up, and finishes the batch if it comes to lead.
-  void EnterInThread(CommitLine& line) {
+  void EnterInThread(CommitQueue& line) {
     threads_.emplace_back([&] {
       CommitTicket ticket;
-      CommitLine::Tickets batch;
+      CommitQueue::Tickets batch;
       if (!line.Enter(ticket, &batch)) {
         EXPECT_TRUE(ticket.done);
         return;
@@ -37,7 +37,7 @@ class CommitLineTest : public testing::Test {
       line.Finish(batch, kLongBatch);
     });
   }
-  static void AwaitLined(CommitLine const& line, std::size_t count) {
+  static void AwaitLined(CommitQueue const& line, std::size_t count) {
     while (line.waiting() < count) std::this_thread::yield();
   }
   void JoinAll() {
@@ -46,9 +46,9 @@ class CommitLineTest : public testing::Test {
   }
 
   // This thread leads while `count` others line up behind.
-  void LeadWithBehind(CommitLine& line, std::size_t count) {
+  void LeadWithBehind(CommitQueue& line, std::size_t count) {
     CommitTicket ticket;
-    CommitLine::Tickets batch;
+    CommitQueue::Tickets batch;
     ASSERT_TRUE(line.Enter(ticket, &batch));
     for (std::size_t i = 0; i < count; ++i) EnterInThread(line);
     AwaitLined(line, count);
@@ -59,30 +59,30 @@ class CommitLineTest : public testing::Test {
   std::atomic<std::size_t> led_{0};  // the size of the last batch that another thread led
 };
 
-TEST_F(CommitLineTest, WhoIsAlone_LeadsAtOnce) {
-  CommitLine line(kForEver);
+TEST_F(CommitQueueTest, WhoIsAlone_LeadsAtOnce) {
+  CommitQueue line(kForEver);
   for (int i = 0; i < 3; ++i) {
     CommitTicket ticket;
-    CommitLine::Tickets batch;
+    CommitQueue::Tickets batch;
     ASSERT_TRUE(line.Enter(ticket, &batch));
-    EXPECT_EQ(batch, CommitLine::Tickets{&ticket});
+    EXPECT_EQ(batch, CommitQueue::Tickets{&ticket});
     line.Finish(batch, kLongBatch);
     EXPECT_TRUE(ticket.done);
   }
 }
 
-TEST_F(CommitLineTest, WhoComesWhileABatchIsLed_IsInTheNext) {
-  CommitLine line(0ns);
+TEST_F(CommitQueueTest, WhoComesWhileABatchIsLed_IsInTheNext) {
+  CommitQueue line(0ns);
   LeadWithBehind(line, 5);
   JoinAll();
   EXPECT_EQ(5U, led_);
 }
 
-TEST_F(CommitLineTest, WhoWasBusy_IsWaitedForAndLeadsWhenAllAreThere) {
-  CommitLine line(kForEver);
+TEST_F(CommitQueueTest, WhoWasBusy_IsWaitedForAndLeadsWhenAllAreThere) {
+  CommitQueue line(kForEver);
   LeadWithBehind(line, 4);
   CommitTicket ticket;
-  CommitLine::Tickets batch;
+  CommitQueue::Tickets batch;
   ASSERT_TRUE(line.Enter(ticket, &batch));
   EXPECT_EQ(5U, batch.size());
   EXPECT_EQ(1, std::count(batch.begin(), batch.end(), &ticket));
@@ -91,17 +91,17 @@ TEST_F(CommitLineTest, WhoWasBusy_IsWaitedForAndLeadsWhenAllAreThere) {
   EXPECT_EQ(0U, led_) << "nobody else led";
 }
 
-TEST_F(CommitLineTest, WhoStaysAway_HoldsNobodyUpForEver) {
-  CommitLine line(1ms);
+TEST_F(CommitQueueTest, WhoStaysAway_HoldsNobodyUpForEver) {
+  CommitQueue line(1ms);
   LeadWithBehind(line, 4);
   JoinAll();
   EXPECT_EQ(4U, led_);
 }
 
-TEST_F(CommitLineTest, WorkBetweenBatches_WaitsForTheLeader) {
-  CommitLine line(kForEver);
+TEST_F(CommitQueueTest, WorkBetweenBatches_WaitsForTheLeader) {
+  CommitQueue line(kForEver);
   CommitTicket ticket;
-  CommitLine::Tickets batch;
+  CommitQueue::Tickets batch;
   ASSERT_TRUE(line.Enter(ticket, &batch));
   std::atomic<bool> started{false};
   std::atomic<bool> over{false};
@@ -118,8 +118,8 @@ TEST_F(CommitLineTest, WorkBetweenBatches_WaitsForTheLeader) {
   EXPECT_TRUE(seen);
 }
 
-TEST_F(CommitLineTest, WorkBetweenBatches_GoesOnWhileOneWaitsForCompany) {
-  CommitLine line(kForEver);
+TEST_F(CommitQueueTest, WorkBetweenBatches_GoesOnWhileOneWaitsForCompany) {
+  CommitQueue line(kForEver);
   LeadWithBehind(line, 1);
   bool done = false;
   line.BetweenBatches([&] { done = true; });
@@ -128,17 +128,17 @@ TEST_F(CommitLineTest, WorkBetweenBatches_GoesOnWhileOneWaitsForCompany) {
   JoinAll();
 }
 
-TEST_F(CommitLineTest, ManyThreads_EachIsLedOnceAndOneLeadsAtATime) {
+TEST_F(CommitQueueTest, ManyThreads_EachIsLedOnceAndOneLeadsAtATime) {
   constexpr int kThreads = 8;
   constexpr int kCommits = 500;
-  CommitLine line;
+  CommitQueue line;
   std::atomic<int> leaders{0};
   std::atomic<std::size_t> committed{0};
   for (int i = 0; i < kThreads; ++i) {
     threads_.emplace_back([&] {
       for (int n = 0; n < kCommits; ++n) {
         CommitTicket ticket;
-        CommitLine::Tickets batch;
+        CommitQueue::Tickets batch;
         if (line.Enter(ticket, &batch)) {
           EXPECT_EQ(1, ++leaders);
           committed += batch.size();

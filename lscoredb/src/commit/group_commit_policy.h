@@ -1,5 +1,5 @@
-#ifndef LSCOREDB_SRC_COMPANY_H
-#define LSCOREDB_SRC_COMPANY_H
+#ifndef LSCOREDB_SRC_GROUP_COMMIT_POLICY_H
+#define LSCOREDB_SRC_GROUP_COMMIT_POLICY_H
 
 // Whether a committer waits for others before it starts a batch, and how long. A sync costs much
 // the same for one commit as for eight, so those who share one each pay a part. Who was busy a
@@ -15,12 +15,12 @@
 
 namespace lscore {
 
-class Company {
+class GroupCommitPolicy {
  public:
   using Duration = std::chrono::nanoseconds;
 
   // `longest`: nobody waits longer for company.
-  explicit Company(Duration longest) : longest_(longest) {}
+  explicit GroupCommitPolicy(Duration longest) : longest_(longest) {}
 
   // Waiting is worth a part of what a batch takes: who waits in vain then loses little, and a
   // committer that was just let go comes back within it.

@@ -1,5 +1,5 @@
-#ifndef LSCOREDB_SRC_HANDOUTS_H
-#define LSCOREDB_SRC_HANDOUTS_H
+#ifndef LSCOREDB_SRC_RESULT_BUFFERS_H
+#define LSCOREDB_SRC_RESULT_BUFFERS_H
 
 // The writable copies of texts and binaries that a transaction hands out. They live until the
 // innermost read scope that was open at their making, or the transaction, ends. A value that
@@ -16,7 +16,7 @@
 
 namespace lscore {
 
-class Handouts {
+class ResultBuffers {
  public:
   // The bytes must stay where and what they are until Clear.
   LORV_STRING* Text(PackedText text);

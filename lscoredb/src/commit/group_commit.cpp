@@ -1,6 +1,6 @@
-#include "commit.h"
+#include "group_commit.h"
 
-#include "commit_work.h"
+#include "commit_applier.h"
 
 namespace lscore {
 namespace {
@@ -9,20 +9,20 @@ CommitRequest& RequestOf(CommitTicket* ticket) { return static_cast<CommitReques
 
 }  // namespace
 
-Status CommitQueue::Run(CommitRequest& request) {
-  CommitLine::Tickets batch;
-  if (!line_.Enter(request, &batch)) return request.status;
+Status GroupCommit::Run(CommitRequest& request) {
+  CommitQueue::Tickets batch;
+  if (!queue_.Enter(request, &batch)) return request.status;
   auto const begin = std::chrono::steady_clock::now();
   Lead(batch);
-  line_.Finish(batch, std::chrono::steady_clock::now() - begin);
+  queue_.Finish(batch, std::chrono::steady_clock::now() - begin);
   return request.status;
 }
 
-void CommitQueue::RequireSync() {
-  line_.BetweenBatches([this] { store_.RequireSync(); });
+void GroupCommit::RequireSync() {
+  queue_.BetweenBatches([this] { store_.RequireSync(); });
 }
 
-void CommitQueue::Lead(Tickets tickets) noexcept {
+void GroupCommit::Lead(Tickets tickets) noexcept {
   auto const attempt = [this](Tickets some) {
     TryAll(some);
     return LORV_STATUS_OK;
@@ -40,14 +40,14 @@ void CommitQueue::Lead(Tickets tickets) noexcept {
   }
 }
 
-void CommitQueue::TryAll(Tickets tickets) {
+void GroupCommit::TryAll(Tickets tickets) {
   Batch batch(store_);
   std::uint32_t position = 0;
   bool anything = false;
-  KeptChanges kept(rows_);
+  CachedRowChanges kept(rows_);
   for (CommitTicket* const ticket : tickets) {
     CommitRequest& request = RequestOf(ticket);
-    CommitWork work(batch, request, position, kept);
+    CommitApplier work(batch, request, position, kept);
     bool const next = Raw(batch.id()) == Raw(request.snapshot.id()) + 1;
     request.status = Guarded([&] {
       work.Validate(next && !anything);

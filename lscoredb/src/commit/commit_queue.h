@@ -1,5 +1,5 @@
-#ifndef LSCOREDB_SRC_COMMIT_LINE_H
-#define LSCOREDB_SRC_COMMIT_LINE_H
+#ifndef LSCOREDB_SRC_COMMIT_QUEUE_H
+#define LSCOREDB_SRC_COMMIT_QUEUE_H
 
 // Where committers line up, and who of them leads. Whoever leads takes all who wait as one batch,
 // and nobody else leads until it has finished. Before a batch starts, the first in line may wait
@@ -13,7 +13,7 @@
 #include <mutex>
 #include <vector>
 
-#include "company.h"
+#include "group_commit_policy.h"
 
 namespace lscore {
 
@@ -21,18 +21,19 @@ struct CommitTicket {
   bool done = false;
 };
 
-class CommitLine {
+class CommitQueue {
  public:
   using Tickets = std::vector<CommitTicket*>;
 
   // `longest`: nobody waits longer for company.
-  explicit CommitLine(Company::Duration longest = Company::kLongest) : company_(longest) {}
+  explicit CommitQueue(GroupCommitPolicy::Duration longest = GroupCommitPolicy::kLongest)
+      : policy_(longest) {}
 
   // Lines up. Returns whether the caller leads: `*batch` is then what it leads, its own ticket
   // among them, and Finish has to follow. Otherwise another led it, and the ticket is done.
   bool Enter(CommitTicket& ticket, Tickets* batch);
   // `took`: what the batch took since it was led.
-  void Finish(Tickets const& batch, Company::Duration took);
+  void Finish(Tickets const& batch, GroupCommitPolicy::Duration took);
 
   // How many are lined up for a batch that nobody leads yet.
   std::size_t waiting() const;
@@ -61,7 +62,7 @@ class CommitLine {
   State state_ = State::kIdle;
   std::size_t batches_ = 0;  // that were led
   Tickets waiting_;
-  Company company_;
+  GroupCommitPolicy policy_;
   std::chrono::steady_clock::time_point last_end_;
   bool waited_ = false;  // somebody, for company, before the batch that is led
 };

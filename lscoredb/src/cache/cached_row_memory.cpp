@@ -1,4 +1,4 @@
-#include "row_memory.h"
+#include "cached_row_memory.h"
 
 #include <sys/mman.h>
 
@@ -8,11 +8,11 @@
 
 namespace lscore {
 
-RowMemory::~RowMemory() {
+CachedRowMemory::~CachedRowMemory() {
   if (reserved_ != nullptr) munmap(reserved_, (chunk_limit_ + 1) * kChunk);
 }
 
-void RowMemory::UseChunks() noexcept {
+void CachedRowMemory::UseChunks() noexcept {
   std::lock_guard const lock(mutex_);
   if (reserved_ != nullptr || chunk_limit_ == 0) return;
   try {
@@ -35,13 +35,13 @@ void RowMemory::UseChunks() noexcept {
   }
 }
 
-bool RowMemory::Holds(void const* block) const {
+bool CachedRowMemory::Holds(void const* block) const {
   auto const at = reinterpret_cast<std::uintptr_t>(block);
   auto const begin = reinterpret_cast<std::uintptr_t>(chunks_begin_);
   return chunks_begin_ != nullptr && at >= begin && at - begin < chunk_limit_ * kChunk;
 }
 
-void* RowMemory::Take(std::size_t size) noexcept {
+void* CachedRowMemory::Take(std::size_t size) noexcept {
   if (size <= kLargest) {
     std::lock_guard const lock(mutex_);
     Numbers& roomy = RoomyFor(size);
@@ -55,7 +55,7 @@ void* RowMemory::Take(std::size_t size) noexcept {
   return std::aligned_alloc(kLine, size);
 }
 
-void* RowMemory::TakeFrom(std::uint32_t number) {
+void* CachedRowMemory::TakeFrom(std::uint32_t number) {
   Chunk& chunk = chunks_[number];
   void* block = chunk.free;
   if (block != nullptr) {
@@ -69,7 +69,7 @@ void* RowMemory::TakeFrom(std::uint32_t number) {
   return block;
 }
 
-void RowMemory::Give(void* block, std::size_t size) noexcept {
+void CachedRowMemory::Give(void* block, std::size_t size) noexcept {
   {
     std::lock_guard const lock(mutex_);
     if (Holds(block)) {
@@ -85,7 +85,7 @@ void RowMemory::Give(void* block, std::size_t size) noexcept {
   std::free(block);
 }
 
-void RowMemory::Release(std::uint32_t number) {
+void CachedRowMemory::Release(std::uint32_t number) {
   Chunk& chunk = chunks_[number];
   Numbers& roomy = RoomyFor(chunk.size);
   if (roomy.size() == 1) return;  // the next row of that size would take one again
