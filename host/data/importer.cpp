@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include "data/duplicates.h"
 #include "data/references.h"
 #include "output/value_text.h"
 
@@ -33,7 +34,9 @@ void Importer::Add(std::vector<RowField> const& row) {
     throw BadRow(place, error.what());
   }
   try {
-    for (Assignment const& assignment : assignments) Write(*object, *table, assignment);
+    for (Assignment const& assignment : assignments) {
+      Write(*object, *table, assignment, assignments);
+    }
   } catch (BadRow const&) {
     object->Delete();
     throw;
@@ -41,14 +44,24 @@ void Importer::Add(std::vector<RowField> const& row) {
 }
 
 void Importer::Write(sagleme::Object& object, sagleme::Table const& table,
-                     Assignment const& assignment) {
+                     Assignment const& assignment, std::vector<Assignment> const& all) {
   try {
     object.Set(table, *assignment.column, assignment.value);
   } catch (sagleme::Error const& error) {
+    if (error.status() == LSCOREDB_DUPLICATE_KEY) RefuseDuplicate(object, table, assignment, all);
     throw BadRow(
         assignment.place,
         fmt::format("column {}: {}", sagleme::ToUtf8(assignment.column->name), error.what()));
   }
+}
+
+// Returns when no other object can be found that has the key.
+void Importer::RefuseDuplicate(sagleme::Object const& object, sagleme::Table const& table,
+                               Assignment const& assignment, std::vector<Assignment> const& all) {
+  std::vector<NewValue> values;
+  for (Assignment const& each : all) values.push_back({each.column, each.value});
+  std::string const text = DescribeDuplicate(transaction_, object, table, values);
+  if (!text.empty()) throw BadRow(assignment.place, text);
 }
 
 sagleme::TablePtr Importer::TableOf(std::vector<RowField> const& row) const {

@@ -41,7 +41,10 @@ class Importer {
   sagleme::Value ParseField(sagleme::Column const& column, RowField const& field);
   std::vector<Assignment> Assignments(sagleme::Table const& table,
                                       std::vector<RowField> const& row);
-  void Write(sagleme::Object& object, sagleme::Table const& table, Assignment const& assignment);
+  void Write(sagleme::Object& object, sagleme::Table const& table, Assignment const& assignment,
+             std::vector<Assignment> const& all);
+  void RefuseDuplicate(sagleme::Object const& object, sagleme::Table const& table,
+                       Assignment const& assignment, std::vector<Assignment> const& all);
 
   sagleme::Transaction& transaction_;
   sagleme::TablePtr table_;

@@ -7,6 +7,7 @@
 // session's and is not named.
 
 #include <CLI/CLI.hpp>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -52,6 +53,13 @@ std::vector<std::unique_ptr<Command>> MakeCommands();
 // Adds one to a parser: its options, and --format where it lists. The database comes first and goes
 // to `directory`; at the prompt, where it is not named, that is null.
 CLI::App* Attach(CLI::App& parser, Command& command, Output& output, std::string* directory);
+
+// Options whose values are checked in the words of this program: a whole number, and one of several
+// words.
+void AddCount(CLI::App& app, std::string const& name, std::uint64_t& count,
+              std::string const& about, std::string const& unit = "COUNT");
+void AddChoice(CLI::App& app, std::string const& name, std::string& choice,
+               std::vector<std::string> const& choices, std::string const& about);
 
 }  // namespace tool
 

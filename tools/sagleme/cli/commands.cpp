@@ -66,6 +66,10 @@ std::vector<std::unique_ptr<Command>> MakeCommands() {
   commands.push_back(MakeGet());
   commands.push_back(MakeFind());
   commands.push_back(MakeScan());
+  commands.push_back(MakeCount());
+  commands.push_back(MakeInsert());
+  commands.push_back(MakeSet());
+  commands.push_back(MakeDelete());
   commands.push_back(MakeCheck());
   commands.push_back(MakeVacuum());
   commands.push_back(MakeCopy());

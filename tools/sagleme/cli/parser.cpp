@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <charconv>
 
 #include "cli/help.h"
 #include "cli/near.h"
@@ -94,9 +95,17 @@ std::vector<std::string> Parser::Names() const {
   return names;
 }
 
-void Parser::RefuseCommand(std::string const& name) const {
-  std::string const near = DidYouMean(name, Names());
-  throw Failure(Exit::kUsage, fmt::format("there is no command \"{}\"", name),
+void Parser::RefuseFirst(std::string const& word) const {
+  bool const option = word.starts_with('-');
+  auto const names = option ? OptionNames(app_) : Names();
+  bool const known =
+      option ? word == "-h" || std::find(names.begin(), names.end(), word) != names.end()
+             : Named(word) != nullptr;
+  if (known) return;
+  std::string const near = DidYouMean(word, names);
+  throw Failure(Exit::kUsage,
+                option ? fmt::format("there is no option {}", word)
+                       : fmt::format("there is no command \"{}\"", word),
                 near.empty() ? program_ + "help lists the commands." : near);
 }
 
@@ -115,8 +124,7 @@ Command* Parser::Parse(std::vector<std::string> words) {
   if (words.empty()) {
     throw Failure(Exit::kUsage, "no command was given", program_ + "help lists the commands.");
   }
-  bool const names_command = !words.front().starts_with('-');
-  if (names_command && Named(words.front()) == nullptr) RefuseCommand(words.front());
+  RefuseFirst(words.front());
   std::reverse(words.begin(), words.end());  // the library takes them from the end
   try {
     app_.parse(words);
@@ -165,6 +173,35 @@ Failure Parser::Refusal(CLI::ParseError const& error) const {
   return {Exit::kUsage, what,
           fmt::format("Usage: {}\n  {}help {} shows the options.", UsageLine(app, program_),
                       program_, app.get_name())};
+}
+
+void AddCount(CLI::App& app, std::string const& name, std::uint64_t& count,
+              std::string const& about, std::string const& unit) {
+  app.add_option_function<std::string>(
+         name,
+         [name, &count](std::string const& text) {
+           auto const [end, error] = std::from_chars(text.data(), text.data() + text.size(), count);
+           if (error == std::errc() && end == text.data() + text.size()) return;
+           throw Failure(Exit::kUsage,
+                         fmt::format("the option {} needs a whole number, not \"{}\"", name, text));
+         },
+         about)
+      ->type_name(unit);
+}
+
+void AddChoice(CLI::App& app, std::string const& name, std::string& choice,
+               std::vector<std::string> const& choices, std::string const& about) {
+  app.add_option_function<std::string>(
+         name,
+         [name, &choice, choices](std::string const& text) {
+           choice = text;
+           if (std::find(choices.begin(), choices.end(), text) != choices.end()) return;
+           throw Failure(Exit::kUsage,
+                         fmt::format("the option {} does not take \"{}\"", name, text),
+                         fmt::format("It takes one of: {}.", fmt::join(choices, ", ")));
+         },
+         about)
+      ->type_name("FORM");
 }
 
 }  // namespace tool

@@ -40,7 +40,7 @@ class Parser {
   Attached const* Parsed() const;
   std::string Help() const;
   std::vector<std::string> Names() const;
-  [[noreturn]] void RefuseCommand(std::string const& name) const;
+  void RefuseFirst(std::string const& word) const;
   Failure Refusal(CLI::ParseError const& error) const;
   std::string WhatIsWrong(CLI::ParseError const& error, CLI::App const& app,
                           std::string& near) const;

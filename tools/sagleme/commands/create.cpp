@@ -18,12 +18,9 @@ class Create : public Command {
   Exit Run(Session& session, Output& output) override;
 };
 
+// On a terminal only; in a log the steps would be noise.
 void ShowStep(Output const& output, int step) {
-  if (output.err_is_terminal) {
-    output.Note(fmt::format("\rbootstrap: step {}", step));
-  } else {
-    output.Note(fmt::format("bootstrap: step {}\n", step));
-  }
+  if (output.err_is_terminal) output.Note(fmt::format("\rbootstrap: step {}", step));
 }
 
 // So that the documents of its schema know it again.
@@ -47,8 +44,7 @@ Exit Create::Run(Session& session, Output& output) {
                   fmt::format("cannot create {}: {}", directory, error.what()),
                   exists ? "Name a directory that is not there yet." : "");
   }
-  if (output.err_is_terminal) output.Note("\n");
-  output.Note(fmt::format("created {} in {} steps\n", directory, steps));
+  output.Note(fmt::format("{}created {}\n", output.err_is_terminal ? "\r\x1b[K" : "", directory));
   return Exit::kDone;
 }
 

@@ -14,9 +14,8 @@ class Diagram : public Command {
             {"diagram shop --as svg > shop.svg", "a picture, through Graphviz"}};
   }
   void Declare(CLI::App& app) override {
-    app.add_option("--as", form_, "dot, mermaid, svg or html; dot unless given")
-        ->check(CLI::IsMember({"dot", "mermaid", "svg", "html"}).description(""))
-        ->type_name("FORM");
+    AddChoice(app, "--as", form_, {"dot", "mermaid", "svg", "html"},
+              "The form of the diagram: dot (the default), mermaid, svg or html");
     app.add_option("--output", file_, "The file to write instead of the standard output")
         ->type_name("FILE");
   }

@@ -3,6 +3,7 @@
 #include "commands/commands.h"
 #include "commands/names.h"
 #include "commands/objects.h"
+#include "output/text.h"
 #include "output/value_text.h"
 
 namespace tool {
@@ -11,18 +12,21 @@ namespace {
 class Find : public Command {
  public:
   std::string name() const override { return "find"; }
-  std::string summary() const override { return "Shows the objects that an index holds for a key"; }
+  std::string summary() const override { return "Show the objects that an index holds for a key"; }
   std::vector<Example> examples() const override {
     return {{"find shop CustomerByName Adams", "the customers of that name"},
             {"find shop OrderByDate", "all orders, by date"},
-            {"find shop CustomerByName Ad --starting", "the customers whose names begin so"}};
+            {"find shop CustomerByName Ad --starting", "the customers whose names begin with Ad"}};
   }
   void Declare(CLI::App& app) override {
-    app.add_option("INDEX", index_, "The index")->required()->type_name("");
-    app.add_option("KEY", key_, "Values of its first columns; all objects for none")->type_name("");
-    app.add_flag("--starting", starting_, "The last value is the beginning of a text");
-    app.add_flag("--reverse", reverse_, "Against the order of the index");
-    app.add_option("--limit", limit_, "At most so many objects")->type_name("COUNT");
+    app.add_option("INDEX", index_, "An index")->required()->type_name("");
+    app.add_option("KEY", key_,
+                   "Values for the first columns of the index. Without any, all objects are shown")
+        ->type_name("");
+    app.add_flag("--starting", starting_, "Take the last value as the beginning of a text");
+    app.add_flag("--reverse", reverse_, "Show the objects in reverse order");
+    AddCount(app, "--limit", limit_, "Show at most COUNT objects");
+    app.add_flag("--all-columns", all_columns_, "Show the columns of derived tables too");
   }
   bool lists() const override { return true; }
   Exit Run(Session& session, Output& output) override;
@@ -35,13 +39,15 @@ class Find : public Command {
   std::vector<std::string> key_;
   bool starting_ = false;
   bool reverse_ = false;
+  bool all_columns_ = false;
   std::uint64_t limit_ = UINT64_MAX;
 };
 
 std::vector<sagleme::Value> Find::Key(sagleme::Index const& index) const {
   if (key_.size() > index.columns.size()) {
-    throw Failure(Exit::kUsage, fmt::format("index {} has {} columns, and {} values are given",
-                                            index_, index.columns.size(), key_.size()));
+    throw Failure(Exit::kUsage, fmt::format("index {} has {}, but {} were given", index_,
+                                            Counted(index.columns.size(), "columns"),
+                                            Counted(key_.size(), "values")));
   }
   std::vector<sagleme::Value> key;
   for (std::size_t i = 0; i < key_.size(); ++i) {
@@ -62,7 +68,7 @@ sagleme::Range Find::Open(sagleme::Transaction& transaction, sagleme::Index cons
   if (!starting_) return sagleme::Range::Matching(transaction, index, key, direction);
   if (key.empty() || !std::holds_alternative<std::u16string>(key.back()) ||
       !index.columns[key.size() - 1].ascending) {
-    throw Failure(Exit::kUsage, "--starting wants a last value for an ascending column of texts");
+    throw Failure(Exit::kUsage, "--starting needs a value for an ascending column of texts");
   }
   return sagleme::Range::Between(transaction, index, sagleme::IndexKey(index, key),
                                  sagleme::IndexKey(index, key, true), direction);
@@ -71,7 +77,8 @@ sagleme::Range Find::Open(sagleme::Transaction& transaction, sagleme::Index cons
 Exit Find::Run(Session& session, Output& output) {
   session.Read([&](sagleme::Transaction& transaction) {
     sagleme::Index const index = IndexNamed(transaction, index_);
-    ObjectList list(output, transaction.table(index.table));
+    ObjectList list(output, transaction, transaction.table(index.table),
+                    all_columns_ ? Columns::kAll : Columns::kOfTable);
     std::uint64_t shown = 0;
     sagleme::Range range = Open(transaction, index);
     while (shown < limit_) {

@@ -1,6 +1,5 @@
-#include <fmt/format.h>
-
 #include "commands/commands.h"
+#include "commands/names.h"
 #include "commands/objects.h"
 
 namespace tool {
@@ -9,7 +8,7 @@ namespace {
 class Get : public Command {
  public:
   std::string name() const override { return "get"; }
-  std::string summary() const override { return "Shows one object with all its properties"; }
+  std::string summary() const override { return "Show one object with all its properties"; }
   std::vector<Example> examples() const override {
     return {{"get shop 1042", "the object with the id 1042"},
             {"get shop 1042 --follow Customer --follow Customer.Country",
@@ -18,7 +17,8 @@ class Get : public Command {
   void Declare(CLI::App& app) override {
     app.add_option("ID", id_, "The object's id")->required()->type_name("");
     app.add_option("--follow", follow_,
-                   "A reference to follow; again for more, with dots for deeper")
+                   "Show the object behind a reference too. Can be repeated; dots lead on to "
+                   "references of that object")
         ->allow_extra_args(false)
         ->type_name("COLUMN");
   }
@@ -26,15 +26,13 @@ class Get : public Command {
   Exit Run(Session& session, Output& output) override;
 
  private:
-  std::uint64_t id_ = 0;
+  std::string id_;
   std::vector<std::string> follow_;
 };
 
 Exit Get::Run(Session& session, Output& output) {
   session.Read([&](sagleme::Transaction& transaction) {
-    auto const object = sagleme::Object::Find(transaction, {id_});
-    if (!object) throw Failure(Exit::kProblem, fmt::format("there is no object {}", id_));
-    ObjectProperties(*object, follow_).Print(output);
+    ObjectProperties(ObjectNamed(transaction, id_), follow_).Print(output);
   });
   return Exit::kDone;
 }

@@ -8,13 +8,19 @@
 
 namespace tool {
 
-// A table by a name that may lack leading segments. Failure with kRefused when there is none, or
-// when several end so, which are then listed.
+// A table by a name that may lack leading segments; the catalogue's own by its full name only.
+// Failure with kRefused when there is none, with near names, or when several end so, which are then
+// listed.
 sagleme::TablePtr TableNamed(sagleme::Transaction& transaction, std::string const& name);
-// Failure with kRefused and the columns that there are.
+// The same for commands that write objects: the catalogue's own tables are refused.
+sagleme::TablePtr UserTableNamed(sagleme::Transaction& transaction, std::string const& name);
+// Failure with kRefused and near names, or the columns that there are.
 sagleme::Column const& ColumnNamed(sagleme::Table const& table, std::string const& name);
-// Failure with kRefused when there is none.
+// Failure with kRefused when there is none, with near names.
 sagleme::Index IndexNamed(sagleme::Transaction& transaction, std::string const& name);
+// Failure with kUsage for what is no id, with kProblem when there is no such object.
+sagleme::Object ObjectNamed(sagleme::Transaction& transaction, std::string const& text);
+sagleme::ObjectId ParseObjectId(std::string const& text);
 // UTF-16 of what a user typed. Failure with kUsage for bytes that are no UTF-8.
 std::u16string Typed(std::string const& text);
 

@@ -2,19 +2,39 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+
 #include "cli/failure.h"
 #include "cli/interrupt.h"
 #include "commands/names.h"
+#include "data/importer.h"
 #include "output/value_text.h"
 
 namespace tool {
 namespace {
 
-std::vector<std::string> Heading(sagleme::Table const& table) {
-  std::vector<std::string> heading{"id", "table"};
-  for (sagleme::Column const* const column : UserColumns(table)) {
-    heading.push_back(sagleme::ToUtf8(column->name));
+// The table's columns, and behind them those that its descendants add; two descendants may have
+// columns of one name.
+std::vector<std::u16string> ColumnNames(sagleme::Transaction& transaction,
+                                        sagleme::Table const& table, Columns columns) {
+  std::vector<std::u16string> names;
+  auto const add = [&](sagleme::Table const& from) {
+    for (sagleme::Column const* const column : UserColumns(from)) {
+      bool const there = std::find(names.begin(), names.end(), column->name) != names.end();
+      if (!there) names.push_back(column->name);
+    }
+  };
+  add(table);
+  if (columns == Columns::kOfTable) return names;
+  for (sagleme::TablePtr const& each : transaction.Tables()) {
+    if (each->IsA(table)) add(*each);
   }
+  return names;
+}
+
+std::vector<std::string> Heading(std::vector<std::u16string> const& columns) {
+  std::vector<std::string> heading{kIdField, kTableField};
+  for (std::u16string const& name : columns) heading.push_back(sagleme::ToUtf8(name));
   return heading;
 }
 
@@ -25,8 +45,8 @@ std::string TableName(sagleme::Object const& object) {
 
 void AddProperties(sagleme::Object const& object, std::string const& prefix,
                    Properties& properties) {
-  properties.Add(prefix + "id", Cell::Number(object.id().value));
-  properties.Add(prefix + "table", Cell::Text(TableName(object)));
+  properties.Add(prefix + kIdField, Cell::Number(object.id().value));
+  properties.Add(prefix + kTableField, Cell::Text(TableName(object)));
   sagleme::TablePtr const table = object.table();
   if (table == nullptr) return;
   for (sagleme::Column const* const column : UserColumns(*table)) {
@@ -44,7 +64,7 @@ std::optional<sagleme::Object> Follow(sagleme::Object at, std::string_view path)
     if (table == nullptr) return std::nullopt;
     sagleme::Column const& column = ColumnNamed(*table, name);
     if (column.type != sagleme::Type::kReference) {
-      throw Failure(Exit::kUsage, fmt::format("column {} is no reference", name));
+      throw Failure(Exit::kUsage, fmt::format("column {} is not a reference", name));
     }
     auto const value = at.Get(*table, column);
     auto const* const id = std::get_if<sagleme::ObjectId>(&value);
@@ -65,15 +85,26 @@ std::vector<sagleme::Column const*> UserColumns(sagleme::Table const& table) {
   return columns;
 }
 
-ObjectList::ObjectList(Output const& output, sagleme::TablePtr table)
-    : table_(std::move(table)), writer_(output, Heading(*table_)) {}
+ObjectList::ObjectList(Output const& output, sagleme::Transaction& transaction,
+                       sagleme::TablePtr table, Columns columns)
+    : table_(std::move(table)),
+      columns_(ColumnNames(transaction, *table_, columns)),
+      writer_(output, Heading(columns_)) {}
+
+Cell ObjectList::CellOf(sagleme::Object const& object, sagleme::TablePtr const& own,
+                        std::u16string const& column) const {
+  if (sagleme::Column const* const shared = table_->FindColumn(column)) {
+    return ValueCell(object.Get(*table_, *shared));
+  }
+  sagleme::Column const* const added = own == nullptr ? nullptr : own->FindColumn(column);
+  return added == nullptr ? Cell{} : ValueCell(object.Get(*own, *added));
+}
 
 void ObjectList::Add(sagleme::Object const& object) {
   CheckInterrupt();
+  sagleme::TablePtr const own = object.table();
   std::vector<Cell> row{Cell::Number(object.id().value), Cell::Text(TableName(object))};
-  for (sagleme::Column const* const column : UserColumns(*table_)) {
-    row.push_back(ValueCell(object.Get(*table_, *column)));
-  }
+  for (std::u16string const& column : columns_) row.push_back(CellOf(object, own, column));
   writer_.Add(std::move(row));
 }
 

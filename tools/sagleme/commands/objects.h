@@ -12,18 +12,26 @@
 
 namespace tool {
 
-// A list of objects with the columns of one table, for objects of it and of its descendants. The
-// hidden columns are left out; id and table stand in front.
+enum class Columns { kOfTable, kAll };
+
+// A list of objects of one table and of its descendants, written while it is made. It shows the
+// columns of the table, or with kAll also those of the descendants; the hidden columns are left
+// out, id and table stand in front.
 class ObjectList {
  public:
-  ObjectList(Output const& output, sagleme::TablePtr table);
+  ObjectList(Output const& output, sagleme::Transaction& transaction, sagleme::TablePtr table,
+             Columns columns);
 
   // Throws Interrupted when the user has stopped the command.
   void Add(sagleme::Object const& object);
   void Finish() { writer_.Finish(); }
 
  private:
+  Cell CellOf(sagleme::Object const& object, sagleme::TablePtr const& own,
+              std::u16string const& column) const;
+
   sagleme::TablePtr table_;
+  std::vector<std::u16string> columns_;
   ListWriter writer_;
 };
 

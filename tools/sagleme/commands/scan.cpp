@@ -1,102 +1,93 @@
 #include <fmt/format.h>
 
-#include "cli/interrupt.h"
 #include "commands/commands.h"
-#include "commands/names.h"
+#include "commands/counts.h"
 #include "commands/objects.h"
-#include "output/value_text.h"
+#include "commands/selection.h"
 
 namespace tool {
 namespace {
-
-// COLUMN=VALUE, or COLUMN= for null and the empty text.
-struct Condition {
-  sagleme::Column const* column;
-  std::string text;
-  sagleme::Value value;
-
-  bool Holds(sagleme::Table const& table, sagleme::Object const& object) const {
-    sagleme::Value const found = object.Get(table, *column);
-    if (text.empty() && sagleme::IsNull(found)) return true;
-    return found == value;
-  }
-};
 
 class Scan : public Command {
  public:
   std::string name() const override { return "scan"; }
   std::string summary() const override {
-    return "Lists the objects of a table and its descendants";
+    return "List the objects of a table and of the tables derived from it";
   }
+  std::string details() const override { return kConditionHelp; }
   std::vector<Example> examples() const override {
     return {{"scan shop Customer", "all customers"},
-            {"scan shop Customer --only", "without those of derived tables"},
-            {"scan shop Customer --where City=Lyon --where Active=true", "those that meet both"}};
+            {"scan shop Customer --where City=Lyon --where \"Age>=18\"", "those that meet both"},
+            {"scan shop Order --where Total=100..200 --order Total:desc --limit 10",
+             "the ten largest orders between 100 and 200"}};
   }
   void Declare(CLI::App& app) override {
-    app.add_option("TABLE", table_, "The table; leading parts of the name may be left out")
-        ->required()
-        ->type_name("");
-    app.add_flag("--only", only_, "Without the objects of derived tables");
-    app.add_option("--where", where_, "A value that a column must have; an empty one is null too")
+    selection_.Declare(app);
+    app.add_option("--order", order_,
+                   "Sort by a column, descending with :desc behind its name. Can be repeated")
         ->allow_extra_args(false)
-        ->type_name("COLUMN=VALUE");
-    app.add_option("--limit", limit_, "At most so many objects")->type_name("COUNT");
+        ->type_name("COLUMN");
+    AddCount(app, "--limit", limit_, "Show at most COUNT objects");
+    app.add_flag("--all-columns", all_columns_, "Show the columns of derived tables too");
+    app.add_flag("--explain", explain_, "Say on standard error how the objects are found");
   }
   bool lists() const override { return true; }
   Exit Run(Session& session, Output& output) override;
 
  private:
-  std::vector<Condition> Conditions(sagleme::Table const& table) const;
-
-  std::string table_;
-  bool only_ = false;
-  std::vector<std::string> where_;
+  Selection selection_;
+  std::vector<std::string> order_;
   std::uint64_t limit_ = UINT64_MAX;
+  bool all_columns_ = false;
+  bool explain_ = false;
 };
-
-Condition ParseCondition(sagleme::Table const& table, std::string const& text) {
-  auto const equals = text.find('=');
-  if (equals == std::string::npos) {
-    throw Failure(Exit::kUsage, fmt::format("--where wants COLUMN=VALUE, not {}", text));
-  }
-  sagleme::Column const& column = ColumnNamed(table, text.substr(0, equals));
-  std::string const value = text.substr(equals + 1);
-  if (value.empty() && column.type != sagleme::Type::kString)
-    return {&column, value, sagleme::Null{}};
-  try {
-    return {&column, value, ParseValue(column.type, value)};
-  } catch (BadValue const& error) {
-    throw Failure(Exit::kUsage, fmt::format("--where {}: {}", text, error.what()));
-  }
-}
-
-std::vector<Condition> Scan::Conditions(sagleme::Table const& table) const {
-  std::vector<Condition> conditions;
-  for (std::string const& text : where_) conditions.push_back(ParseCondition(table, text));
-  return conditions;
-}
 
 Exit Scan::Run(Session& session, Output& output) {
   session.Read([&](sagleme::Transaction& transaction) {
-    sagleme::TablePtr const table = TableNamed(transaction, table_);
-    std::vector<Condition> const conditions = Conditions(*table);
-    ObjectList list(output, table);
-    sagleme::Range range = only_ ? sagleme::Range::Only(transaction, *table)
-                                 : sagleme::Range::Subtree(transaction, *table);
-    for (std::uint64_t shown = 0; shown < limit_;) {
-      auto const object = range.Next();
-      if (!object) break;
-      CheckInterrupt();
-      sagleme::ReadScope const scope(transaction.context());
-      bool const wanted = std::all_of(conditions.begin(), conditions.end(), [&](auto const& each) {
-        return each.Holds(*table, *object);
-      });
-      if (!wanted) continue;
-      list.Add(*object);
-      ++shown;
+    SearchRequest request = selection_.Request(transaction);
+    for (std::string const& text : order_) {
+      request.order.push_back(ParseOrder(*request.table, text));
     }
+    request.limit = limit_;
+    Search const search(transaction, request);
+    if (explain_) output.Note(search.Path() + "\n");
+    ObjectList list(output, transaction, request.table,
+                    all_columns_ ? Columns::kAll : Columns::kOfTable);
+    search.ForEach([&](sagleme::Object const& object) { list.Add(object); });
     list.Finish();
+  });
+  return Exit::kDone;
+}
+
+class Count : public Command {
+ public:
+  std::string name() const override { return "count"; }
+  std::string summary() const override {
+    return "Count the objects of a table and of the tables derived from it";
+  }
+  std::string details() const override { return kConditionHelp; }
+  std::vector<Example> examples() const override {
+    return {{"count shop Customer", "all customers"},
+            {"count shop Customer --where City=Lyon", "those in Lyon"}};
+  }
+  void Declare(CLI::App& app) override { selection_.Declare(app); }
+  Exit Run(Session& session, Output& output) override;
+
+ private:
+  Selection selection_;
+};
+
+Exit Count::Run(Session& session, Output& output) {
+  session.Read([&](sagleme::Transaction& transaction) {
+    SearchRequest const request = selection_.Request(transaction);
+    std::uint64_t count = 0;
+    if (selection_.whole_table()) {
+      ObjectCounts const counts(transaction);
+      count = request.only ? counts.Own(*request.table) : counts.Subtree(*request.table);
+    } else {
+      Search(transaction, request).ForEach([&](sagleme::Object const&) { ++count; });
+    }
+    output.Print(fmt::format("{}\n", count));
   });
   return Exit::kDone;
 }
@@ -104,5 +95,6 @@ Exit Scan::Run(Session& session, Output& output) {
 }  // namespace
 
 std::unique_ptr<Command> MakeScan() { return std::make_unique<Scan>(); }
+std::unique_ptr<Command> MakeCount() { return std::make_unique<Count>(); }
 
 }  // namespace tool

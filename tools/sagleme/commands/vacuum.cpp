@@ -19,24 +19,27 @@ class VacuumCommand : public Command {
             {"vacuum shop --batch 100 --pause 50", "in small steps with rests between"}};
   }
   void Declare(CLI::App& app) override {
-    app.add_option("--batch", batch_, "Objects in a transaction, 1000 unless given")
-        ->check(CLI::PositiveNumber)
-        ->type_name("COUNT");
-    app.add_option("--pause", pause_, "Milliseconds between transactions, none unless given")
-        ->type_name("MS");
+    AddCount(app, "--batch", batch_, "Work on COUNT objects in a transaction. 1000 by default");
+    AddCount(app, "--pause", pause_, "Wait MS milliseconds between transactions. 0 by default",
+             "MS");
   }
   Exit Run(Session& session, Output& output) override;
 
  private:
-  std::uint32_t batch_ = 1000;
-  std::uint32_t pause_ = 0;
+  std::uint64_t batch_ = 1000;
+  std::uint64_t pause_ = 0;
 };
 
 Exit VacuumCommand::Run(Session& session, Output& output) {
   session.RequireNoTransaction("vacuum");
   Progress progress(output, "objects", 0);
   sagleme::VacuumOptions options;
-  options.batch = batch_;
+  if (batch_ == 0 || batch_ > UINT32_MAX) {
+    throw Failure(
+        Exit::kUsage,
+        fmt::format("the option --batch needs a number from 1 to {}, not {}", UINT32_MAX, batch_));
+  }
+  options.batch = static_cast<std::uint32_t>(batch_);
   options.pause = std::chrono::milliseconds(pause_);
   options.report = [&](sagleme::VacuumProgress const& so_far) {
     progress.Update(0, so_far.moved + so_far.removed);
