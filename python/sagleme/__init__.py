@@ -1,0 +1,56 @@
+"""An object database for programs: classes are tables.
+
+>>> import sagleme as sg
+>>> class Planet(sg.Table):
+...     name: str | None
+...     moons: int = 0
+>>> db = sg.open(None, models=[Planet])
+>>> print(db.apply())
+instant     create table Planet (name: str | None, moons: int)
+>>> with db.write() as tx:
+...     _ = tx.new(Planet, name="Mars", moons=2)
+>>> with db.read() as tx:
+...     [planet.name for planet in tx.all(Planet).where(Planet.moons > 1)]
+['Mars']
+>>> db.close()
+"""
+
+from .database import Database, Transaction, open
+from .errors import (
+    BadValue,
+    ClosedError,
+    Conflict,
+    Damaged,
+    DeletedError,
+    DuplicateKey,
+    EndedError,
+    Error,
+    ForkedError,
+    Full,
+    InUse,
+    ModelError,
+    NestedTransaction,
+    NotFound,
+    OpenError,
+    PickleError,
+    ReadOnly,
+    SchemaError,
+    SeveralFound,
+    WrongTransaction,
+    WrongType,
+)
+from .expressions import Condition, avg, count, max, min, sum
+from .models import Back, Column, Float32, Index, Key, Table, ULong, column, ref
+from .queries import Query, Rows
+from .schema import Plan, Step
+
+__version__ = "0.1.0"
+
+__all__ = [
+    "Back", "BadValue", "ClosedError", "Column", "Condition", "Conflict", "Damaged", "Database",
+    "DeletedError", "DuplicateKey", "EndedError", "Error", "Float32", "ForkedError", "Full",
+    "InUse", "Index", "Key", "ModelError", "NestedTransaction", "NotFound", "OpenError",
+    "PickleError", "Plan", "Query", "ReadOnly", "Rows", "SchemaError", "SeveralFound", "Step",
+    "Table", "Transaction", "ULong", "WrongTransaction", "WrongType", "avg", "column", "count",
+    "max", "min", "open", "ref", "sum",
+]

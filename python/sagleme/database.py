@@ -1,0 +1,307 @@
+"""Databases and transactions."""
+
+from __future__ import annotations
+
+import functools
+import os
+import threading
+import weakref
+from collections.abc import Callable, Iterable
+from types import TracebackType
+from typing import Any, TypeVar
+
+from . import _core, models, schema
+from .errors import ClosedError, Conflict, SchemaError, WrongType
+from .queries import Query
+
+T = TypeVar("T")
+R = TypeVar("R")
+
+os.register_at_fork(after_in_child=_core.give_up_after_fork)
+
+
+class _IndexInfo:
+    """An index that a query can use."""
+
+    __slots__ = ("name", "handle", "unique", "table", "columns")
+
+    def __init__(self, table: Any, entry: dict[str, Any]) -> None:
+        by_name = {each._column: each for each in table._columns.values()}
+        self.name, self.handle, self.unique = entry["name"], entry["handle"], entry["unique"]
+        self.table = table
+        self.columns = [(by_name.get(name), up) for name, up in entry["columns"]]
+
+
+class _Snapshot:
+    """What a state of the schema means for Python: classes, indexes, and the extension's view."""
+
+    def __init__(self, maker: schema.ClassMaker, entries: list[dict[str, Any]]) -> None:
+        self.tables = {each["name"]: each for each in entries}
+        self.classes = maker.classes(self.tables)
+        self.view = schema.bind(self.classes, self.tables)
+        self.indexes: dict[Any, list[_IndexInfo]] = {}
+        for name, cls in self.classes.items():
+            if name in self.tables and not schema.misfit_of(cls, self.tables):
+                self.indexes[cls] = self._indexes_of(cls)
+
+    def _indexes_of(self, cls: Any) -> list[_IndexInfo]:
+        found = []
+        at = cls
+        while at is not None:
+            for entry in self.tables[at._table_name]["indexes"]:
+                info = _IndexInfo(at, entry)
+                if info.columns and info.columns[0][0] is not None:
+                    found.append(info)
+            at = at._base
+        return found
+
+
+class Transaction(_core.Transaction):
+    """A view of the database as it was at its begin, and what is written on it.
+
+    It ends with its ``with`` block: committed, or rolled back when an exception leaves the block.
+    """
+
+    def __init__(self, database: Database, context: Any, writes: bool) -> None:
+        super().__init__(context, writes)
+        self.database = database
+        database._local.transaction = weakref.ref(self)
+        try:
+            self._snapshot = database._snapshot_for(self)
+            self._bind(self._snapshot.view)
+        except BaseException:
+            self.rollback()
+            raise
+
+    def all(self, cls: type[T]) -> Query[T]:
+        """The objects of a class and of those below it."""
+        return Query(self, _need_class(cls))
+
+    def only(self, cls: type[T]) -> Query[T]:
+        """The objects of exactly that class."""
+        return Query(self, _need_class(cls), True)
+
+    def get(self, cls: type[T], id: int) -> T | None:
+        """An object by its identity; None when there is none of that class."""
+        found = self._get(id)
+        return found if isinstance(found, cls) else None
+
+    def insert_many(self, cls: type[Any], rows: Any, *, progress: bool = False) -> int:
+        """Makes many objects: of dictionaries, tuples, a frame, or anything that speaks Arrow."""
+        from . import bulk
+
+        return bulk.insert_many(self, _need_class(cls), rows, progress)
+
+    def _indexes_of(self, cls: Any) -> list[_IndexInfo]:
+        return self._snapshot.indexes.get(cls, [])
+
+    def __enter__(self) -> Transaction:
+        return self
+
+    def __exit__(self, kind: type[BaseException] | None, value: BaseException | None,
+                 trace: TracebackType | None) -> None:
+        if not self.open:
+            return
+        if kind is None and self.writing:
+            self.commit()
+        else:
+            self.rollback()
+
+    def __reduce__(self) -> Any:
+        from .errors import PickleError
+
+        raise PickleError("a transaction belongs to its thread and cannot be pickled")
+
+    def __repr__(self) -> str:
+        state = "open" if self.open else "ended"
+        return f"<{'write' if self.writing else 'read'} transaction, {state}>"
+
+
+def _need_class(cls: Any) -> Any:
+    if isinstance(cls, models.TableMeta) and not cls._abstract:
+        return cls
+    if isinstance(cls, models.TableMeta):
+        raise WrongType(f"{cls.__name__} is abstract and has no objects of its own")
+    raise WrongType(f"a class of a table is needed, not {cls!r}")
+
+
+class Database:
+    """A database that is open. Threads share it; each has a transaction of its own."""
+
+    def __init__(self, handle: Any, classes: list[Any], path: str | None) -> None:
+        self._handle, self._models, self.path = handle, classes, path
+        self._maker = schema.ClassMaker(classes)
+        self._local = threading.local()
+        self._lock = threading.Lock()
+        self._snapshots: dict[int, _Snapshot] = {}
+
+    # ---- transactions
+
+    def read(self) -> Transaction:
+        """Begins a transaction to read in this thread."""
+        return Transaction(self, self._context(), False)
+
+    def write(self) -> Transaction:
+        """Begins a transaction to read and write in this thread."""
+        return Transaction(self, self._context(), True)
+
+    def transact(self, work: Callable[..., Any] | None = None, *, retries: int = 10) -> Any:
+        """Runs a function in a transaction, its first argument, again when it met a conflict.
+
+        ``@db.transact`` or ``@db.transact(retries=3)``.
+        """
+        if work is None:
+            return functools.partial(self.transact, retries=retries)
+
+        @functools.wraps(work)
+        def run(*args: Any, **kwargs: Any) -> Any:
+            for attempt in range(retries + 1):
+                try:
+                    with self.write() as tx:
+                        return work(tx, *args, **kwargs)
+                except Conflict:
+                    if attempt == retries:
+                        raise
+            raise AssertionError("unreachable")
+
+        return run
+
+    def _context(self) -> Any:
+        context = getattr(self._local, "context", None)
+        if context is None or not context.open:
+            context = self._local.context = self._handle.context()
+        return context
+
+    # ---- schema
+
+    def _snapshot_for(self, tx: Any) -> _Snapshot:
+        generation = tx.generation
+        found = self._snapshots.get(generation)
+        if found is None:
+            entries = _core.catalogue(tx)
+            with self._lock:
+                found = self._snapshots.get(generation)
+                if found is None:
+                    found = _Snapshot(self._maker, entries)
+                    while len(self._snapshots) >= 4:
+                        del self._snapshots[min(self._snapshots)]
+                    self._snapshots[generation] = found
+        return found
+
+    def plan(self) -> schema.Plan:
+        """What leads from the database's schema to the models: print it."""
+        return schema.visible(schema.make_plan(self._models, self._seen().tables.values()))
+
+    def apply(self, *, allow: Iterable[str] = ("instant", "background")) -> schema.Plan:
+        """Makes the steps of the plan, all or none, when their labels are allowed."""
+        allowed = set(allow)
+        unknown = allowed - set(schema.LABELS[:3])
+        if unknown:
+            raise WrongType(f"allow takes {', '.join(schema.LABELS[:3])}, not {sorted(unknown)}")
+        with self.write() as tx:
+            plan = schema.make_plan(self._models, tx._snapshot.tables.values())
+            _refuse(schema.visible(plan), allowed)
+            for step in plan:
+                step.run(tx)
+        return schema.visible(plan)
+
+    @property
+    def classes(self) -> dict[str, Any]:
+        """The classes of all tables by name: the models, and those made from the catalogue."""
+        return dict(self._seen().classes)
+
+    def _seen(self) -> _Snapshot:
+        """The schema as this thread's transaction sees it, or as it is now."""
+        current = getattr(self._local, "transaction", None)
+        tx = current() if current is not None else None
+        if tx is not None and tx.open:
+            return tx._snapshot
+        with self.read() as tx:
+            return tx._snapshot
+
+    def __getitem__(self, name: str) -> Any:
+        """The class of a table by its name, whole or its last part."""
+        classes = self.classes
+        if name in classes:
+            return classes[name]
+        found = [cls for full, cls in classes.items() if full.endswith("." + name)]
+        if len(found) == 1:
+            return found[0]
+        if found:
+            names = ", ".join(sorted(cls._table_name for cls in found))
+            raise SchemaError(f"several tables are called {name}: {names}")
+        raise SchemaError(f"the database has no table {name}")
+
+    # ---- upkeep
+
+    def copy(self, directory: str | os.PathLike[str]) -> None:
+        """Writes a packed copy of the newest committed state into a new directory."""
+        self._handle.copy(os.fspath(directory))
+
+    def statistics(self) -> dict[str, int]:
+        """Sizes, commits and open transactions, over all processes."""
+        found: dict[str, int] = self._handle.statistics()
+        return found
+
+    # ---- life
+
+    def close(self) -> None:
+        """Rolls back what is open and closes. Objects and queries of it give a clear error then."""
+        self._handle.close()
+
+    @property
+    def closed(self) -> bool:
+        return bool(self._handle.closed)
+
+    def __enter__(self) -> Database:
+        if self.closed:
+            raise ClosedError("the database is closed")
+        return self
+
+    def __exit__(self, kind: type[BaseException] | None, value: BaseException | None,
+                 trace: TracebackType | None) -> None:
+        self.close()
+
+    def __reduce__(self) -> Any:
+        from .errors import PickleError
+
+        raise PickleError("a database cannot be pickled; open its directory in the other process")
+
+    def __repr__(self) -> str:
+        where = "in memory" if self.path is None else repr(self.path)
+        return f"<database {where}{', closed' if self.closed else ''}>"
+
+
+def _refuse(plan: schema.Plan, allowed: set[str]) -> None:
+    refused = [step for step in plan if step.label == "refused"]
+    if refused:
+        raise SchemaError("\n".join(step.text for step in refused))
+    held = [step for step in plan if step.label not in allowed]
+    if held:
+        labels = sorted({step.label for step in held})
+        raise SchemaError(
+            "nothing was changed; not allowed:\n" + "\n".join(map(repr, held)),
+            hint=f"allow={sorted(allowed | set(labels))!r} allows it",
+        )
+
+
+def open(path: str | os.PathLike[str] | None, models: Iterable[Any] | None = None, *,
+         sync: bool = True, max_file_size: int = 0, row_memory: int = 0) -> Database:
+    """Opens the database in a directory; None gives a new one in memory.
+
+    With `models` a missing directory is created. Without them, every table gets a class made from
+    the catalogue: ``db["Library.Book"]``. `sync=False` lets commits survive the process but not the
+    machine. `max_file_size` and `row_memory` are bytes; 0 takes the library's own.
+    """
+    from .models import closure
+
+    classes = closure(models) if models is not None else []
+    name = None if path is None else os.fspath(path)
+    create = name is not None and models is not None and not _holds_database(name)
+    handle = _core.Database(name, create=create, no_sync=not sync, max_file_size=max_file_size,
+                            row_memory=row_memory)
+    return Database(handle, classes, name)
+
+
+def _holds_database(path: str) -> bool:
+    return os.path.exists(os.path.join(path, "data.mdb"))

@@ -1,0 +1,158 @@
+"""The exceptions of the package.
+
+Each has a status (0 where the package itself found the fault), a text that says what was wrong, and
+a hint that says what to do about it.
+
+>>> error = from_status(9020, "another transaction changed the object")
+>>> type(error).__name__, error.status
+('Conflict', 9020)
+"""
+
+from __future__ import annotations
+
+
+class Error(Exception):
+    """Base of all exceptions of the package."""
+
+    default_hint = ""
+
+    def __init__(self, text: str, status: int = 0, hint: str | None = None) -> None:
+        super().__init__(text)
+        self.text = text
+        self.status = status
+        self.hint = self.default_hint if hint is None else hint
+
+
+class Conflict(Error):
+    """Another transaction committed a change of the same object first."""
+
+    default_hint = "run the work again in a new transaction; @db.transact(retries=...) does"
+
+
+class DuplicateKey(Error):
+    """A unique index holds the key already."""
+
+    default_hint = "look for the object that has the value, or give another one"
+
+
+class WrongType(Error, TypeError):
+    """A value of a type that its place does not take."""
+
+
+class BadValue(Error, ValueError):
+    """A value of the right type that its place cannot hold."""
+
+
+class ModelError(Error, TypeError):
+    """A class that cannot be a table."""
+
+
+class SchemaError(Error):
+    """The database's schema and what was asked of it do not go together."""
+
+    default_hint = "print(db.plan()) shows how models and database differ"
+
+
+class ReadOnly(Error):
+    """A write in a transaction that was begun to read."""
+
+    default_hint = "begin with db.write()"
+
+
+class EndedError(Error):
+    """A transaction, or an object of one, that has ended."""
+
+    default_hint = "begin a new transaction and read the object again"
+
+
+class DeletedError(Error):
+    """An object that is no longer there."""
+
+
+class WrongTransaction(Error):
+    """An object of one transaction used in another."""
+
+    default_hint = "read the object in the transaction that uses it: tx.get(Class, id)"
+
+
+class NestedTransaction(Error):
+    """A second transaction in one thread."""
+
+    default_hint = "pass the open transaction on, or take a savepoint in it"
+
+
+class InUse(Error):
+    """Another thread uses it."""
+
+
+class ClosedError(Error):
+    """A database that was closed."""
+
+
+class ForkedError(Error):
+    """A database that was opened in the parent of a fork."""
+
+    default_hint = "open the database anew in the child"
+
+
+class OpenError(Error, OSError):
+    """A directory that cannot be opened as a database."""
+
+
+class Damaged(OpenError):
+    """A database whose file contradicts itself."""
+
+    default_hint = "restore a copy; sagleme check names what is damaged"
+
+
+class Full(Error, OSError):
+    """No room for the data, on the disk or in the size that was given."""
+
+    default_hint = "free space on the disk, or open with a larger max_file_size"
+
+
+class PickleError(Error, TypeError):
+    """Objects live in their transaction and are not pickled."""
+
+
+class NotFound(Error, LookupError):
+    """A query for one object found none."""
+
+
+class SeveralFound(Error, LookupError):
+    """A query for one object found several."""
+
+
+_FAMILIES: dict[int, type[Error]] = {
+    1001: SchemaError,
+    4174: DeletedError,
+    4273: DeletedError,
+    9001: EndedError,
+    9002: NestedTransaction,
+    9003: ReadOnly,
+    9008: WrongType,
+    9010: BadValue,
+    9020: Conflict,
+    9021: DuplicateKey,
+    9023: BadValue,
+    9030: InUse,
+    9031: OpenError,
+    9032: OpenError,
+    9033: Damaged,
+    9034: OpenError,
+    9035: Full,
+    9036: Full,
+    9037: OpenError,
+    7043: OpenError,
+    15010: OpenError,
+}
+
+
+def from_status(status: int, text: str) -> Error:
+    """The exception for a status of the libraries."""
+    family = _FAMILIES.get(status)
+    if family is None:
+        family = SchemaError if 4000 <= status < 5000 or 7000 <= status < 20000 else Error
+        if 9000 <= status < 9100:
+            family = Error
+    return family(text, status)

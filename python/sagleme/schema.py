@@ -1,0 +1,328 @@
+"""What leads from the schema of a database to that of its classes."""
+
+from __future__ import annotations
+
+from collections.abc import Callable, Iterable
+from typing import Any
+
+from . import _core, models
+from .errors import SchemaError
+
+LABELS = ("instant", "background", "lossy", "refused")
+
+
+class Step:
+    """One change. Its label says what it costs:
+
+    instant: only the catalogue changes. background: objects are read now, for an index, or moved
+    later, by db.vacuum(). lossy: values are lost. refused: it cannot be done; the text says why.
+    """
+
+    __slots__ = ("label", "text", "run", "rank")
+
+    def __init__(self, label: str, text: str, rank: int, run: Callable[[Any], None]) -> None:
+        self.label, self.text, self.rank, self.run = label, text, rank, run
+
+    def __repr__(self) -> str:
+        return f"{self.label:<10}  {self.text}"
+
+
+class Plan(list[Step]):
+    """The steps, in the order in which they are made."""
+
+    def __str__(self) -> str:
+        return "\n".join(map(repr, self)) if self else "nothing to do"
+
+    @property
+    def labels(self) -> set[str]:
+        return {step.label for step in self}
+
+    def _repr_html_(self) -> str:
+        from .html import table_of
+
+        return table_of("plan", ["label", "step"], [[step.label, step.text] for step in self])
+
+
+# The order in which changes can be made.
+(_DROP_INDEX, _RENAME_TABLE, _RENAME_COLUMN, _DROP_COLUMN, _CREATE_TABLE, _ADD_COLUMNS, _FINISH,
+ _CREATE_INDEX, _REFUSED) = range(9)
+
+
+def _refused(text: str) -> Step:
+    def run(tx: Any) -> None:
+        raise SchemaError(text)
+
+    return Step("refused", text, _REFUSED, run)
+
+
+def column_type(entry: dict[str, Any]) -> str:
+    """The type of a column of the catalogue, as a class would annotate it."""
+    name = entry["target"] if entry["type"] == models.REFERENCE else models.TYPE_NAMES[entry["type"]]
+    return f"{name} | None" if entry["nullable"] else str(name)
+
+
+def field_type(column: Any) -> str:
+    if column._kind == models.REFERENCE:
+        name = column._target_class()._table_name
+    else:
+        name = models.TYPE_NAMES[column._kind]
+    return f"{name} | None" if column._nullable else name
+
+
+def _spec(column: Any) -> tuple[str, int, bool, str]:
+    target = column._target_class()
+    return (column._column, models.STORED[column._kind], column._nullable,
+            target._table_name if target is not None else "")
+
+
+class _Planner:
+    """Compares classes with the tables of the catalogue."""
+
+    def __init__(self, classes: list[Any], tables: Iterable[dict[str, Any]]) -> None:
+        self.classes = classes
+        self.tables = {table["name"]: table for table in tables}
+        self.steps: list[Step] = []
+        self.renamed: dict[str, str] = {}  # new name -> old name
+        self.new_references = False
+
+    def plan(self) -> Plan:
+        for cls in self.classes:
+            self._find_rename(cls)
+        for cls in self.classes:
+            old = self.tables.get(self.renamed.get(cls._table_name, cls._table_name))
+            if old is None:
+                self._create(cls)
+            else:
+                self._alter(cls, old)
+        if self.new_references:
+            self.steps.append(Step("instant", "", _FINISH, _core.finish_references))
+        ordered = sorted(self.steps, key=lambda step: step.rank)
+        return Plan(ordered)
+
+    def _find_rename(self, cls: Any) -> None:
+        name, was = cls._table_name, cls._was
+        wanted = {each._table_name for each in self.classes}
+        if name in self.tables or not was or was not in self.tables or was in wanted:
+            return
+        self.renamed[name] = was
+        self.steps.append(Step("instant", f"rename table {was} to {name}", _RENAME_TABLE,
+                               lambda tx: _core.rename_table(tx, was, name)))
+
+    def _new_name(self, table: str) -> str:
+        return next((new for new, old in self.renamed.items() if old == table), table)
+
+    def _create(self, cls: Any) -> None:
+        name = cls._table_name
+        base = cls._base._table_name if cls._base is not None else ""
+        columns = [_spec(each) for each in cls._own]
+        self.new_references |= any(each._kind == models.REFERENCE for each in cls._own)
+        shown = ", ".join(f"{each._column}: {field_type(each)}" for each in cls._own)
+        under = f" under {base}" if base else ""
+        self.steps.append(Step("instant", f"create table {name}{under} ({shown})", _CREATE_TABLE,
+                               lambda tx: _core.create_table(tx, name, base, columns)))
+        for index in cls._indexes:
+            self._create_index(cls, index)
+
+    def _alter(self, cls: Any, table: dict[str, Any]) -> None:
+        if not self._base_fits(cls, table):
+            return
+        present = {each["name"]: each for each in table["columns"]
+                   if not each["inherited"] and not each["name"].startswith("__")}
+        kept: dict[str, str] = {}  # column before -> column after
+        added = []
+        for column in cls._own:
+            before = self._before(cls, column, present)
+            if before is None:
+                added.append(column)
+                continue
+            kept[before["name"]] = column._column
+            self._compare(cls, column, before)
+        self._rename_columns(cls, kept)
+        gone = [name for name in present if name not in kept]
+        self._indexes(cls, table, kept)
+        for name in gone:
+            self._drop_column(cls, name)
+        if added:
+            self._add_columns(cls, added)
+
+    def _base_fits(self, cls: Any, table: dict[str, Any]) -> bool:
+        base = self._new_name(table["base"]) if table["base"] in self.tables else ""
+        wanted = cls._base._table_name if cls._base is not None else ""
+        if base != wanted:
+            self.steps.append(_refused(
+                f"table {cls._table_name} derives from {base or 'no table'} in the database and "
+                f"from {wanted or 'no table'} in class {cls.__name__}; a base cannot change"))
+        return base == wanted
+
+    @staticmethod
+    def _before(cls: Any, column: Any, present: dict[str, Any]) -> dict[str, Any] | None:
+        if column._column in present:
+            return present[column._column]
+        declared = {each._column for each in cls._own}
+        return present.get(column._was) if column._was not in declared else None
+
+    def _compare(self, cls: Any, column: Any, before: dict[str, Any]) -> None:
+        name, type_, nullable, target = _spec(column)
+        same_target = type_ != models.REFERENCE or self._new_name(before["target"]) == target
+        if before["type"] == type_ and before["nullable"] == nullable and same_target:
+            return
+        self.steps.append(_refused(
+            f"column {cls._table_name}.{name} is {column_type(before)} in the database and "
+            f"{field_type(column)} in class {cls.__name__}; a column's type cannot change: "
+            f"declare a new column and copy the values"))
+
+    def _rename_columns(self, cls: Any, kept: dict[str, str]) -> None:
+        for before, after in kept.items():
+            if before == after:
+                continue
+            text = f"rename column {cls._table_name}.{before} to {after}"
+            self.steps.append(Step("instant", text, _RENAME_COLUMN, _renaming(cls, before, after)))
+
+    def _drop_column(self, cls: Any, name: str) -> None:
+        table = cls._table_name
+        self.steps.append(Step("lossy", f"drop column {table}.{name}, with its values",
+                               _DROP_COLUMN, lambda tx: _core.drop_column(tx, table, name)))
+
+    def _add_columns(self, cls: Any, added: list[Any]) -> None:
+        table, columns = cls._table_name, [_spec(each) for each in added]
+        self.new_references |= any(each._kind == models.REFERENCE for each in added)
+        shown = ", ".join(f"{each._column}: {field_type(each)}" for each in added)
+        self.steps.append(Step("instant", f"add to table {table} ({shown})", _ADD_COLUMNS,
+                               lambda tx: _core.add_columns(tx, table, columns)))
+
+    def _indexes(self, cls: Any, table: dict[str, Any], kept: dict[str, str]) -> None:
+        wanted = {(_index_columns(cls, index), index.unique): index for index in cls._indexes}
+        inherited = {} if cls._base is None else {
+            each._column: each._column for each in cls._base._columns.values()}
+        for index in table["indexes"]:
+            names = {**inherited, **kept}
+            columns = tuple((names.get(name, ""), up) for name, up in index["columns"])
+            if wanted.pop((columns, index["unique"]), None) is None:
+                self._drop_index(cls, index)
+        for index in wanted.values():
+            self._create_index(cls, index)
+
+    def _drop_index(self, cls: Any, index: dict[str, Any]) -> None:
+        name = index["name"]
+        text = f"drop index {name} of table {cls._table_name}"
+        self.steps.append(Step("instant", text, _DROP_INDEX,
+                               lambda tx: _core.drop_index(tx, name)))
+
+    def _create_index(self, cls: Any, index: Any) -> None:
+        table, columns = cls._table_name, _index_columns(cls, index)
+        name = f"{table}." + "+".join(each if up else f"-{each}" for each, up in columns)
+        if index.unique:
+            name += " unique"
+        shown = ", ".join(each if up else f"{each} backwards" for each, up in columns)
+        text = f"create {'unique ' if index.unique else ''}index over {table} ({shown})"
+        self.steps.append(Step("background", text, _CREATE_INDEX, lambda tx: _core.create_index(
+            tx, name, table, list(columns), index.unique)))
+
+
+def _renaming(cls: Any, before: str, after: str) -> Callable[[Any], None]:
+    return lambda tx: _core.rename_column(tx, cls._table_name, before, after)
+
+
+def _index_columns(cls: Any, index: Any) -> tuple[tuple[str, bool], ...]:
+    return tuple((cls._columns[name]._column, up) for name, up in index.columns)
+
+
+def make_plan(classes: list[Any], tables: Iterable[dict[str, Any]]) -> Plan:
+    return _Planner(classes, tables).plan()
+
+
+def visible(plan: Plan) -> Plan:
+    """Without the steps that only finish others."""
+    return Plan(step for step in plan if step.text)
+
+
+# ---- classes for the tables of a catalogue
+
+
+def misfit_of(cls: Any, tables: dict[str, Any]) -> str:
+    """Why objects of a class cannot be used; empty when they can."""
+    table = tables.get(cls._table_name)
+    if table is None:
+        return (f"the database has no table {cls._table_name} for class {cls.__name__}; "
+                f"db.apply() creates it")
+    base = table["base"] if table["base"] in tables else ""
+    wanted = cls._base._table_name if cls._base is not None else ""
+    if base != wanted:
+        return (f"class {cls.__name__} does not fit table {cls._table_name}, which derives from "
+                f"{base or 'no table'}; db.plan() shows more")
+    present = {each["name"]: each for each in table["columns"]}
+    for column in cls._columns.values():
+        name, type_, nullable, target = _spec(column)
+        before = present.get(name)
+        if before is None:
+            return (f"class {cls.__name__} does not fit table {cls._table_name}, which has no "
+                    f"column {name}; db.apply() adds it")
+        same_target = type_ != models.REFERENCE or before["target"] == target
+        if before["type"] != type_ or before["nullable"] != nullable or not same_target:
+            return (f"class {cls.__name__} does not fit table {cls._table_name}: column {name} is "
+                    f"{column_type(before)} there and {field_type(column)} in the class")
+    return ""
+
+
+class ClassMaker:
+    """Makes classes for tables that have none, and keeps them while their shape stays."""
+
+    def __init__(self, classes: list[Any]) -> None:
+        self.given = {cls._table_name: cls for cls in classes}
+        self.made: dict[int, tuple[Any, Any]] = {}  # by the table's identity: its shape, the class
+
+    def classes(self, tables: dict[str, Any]) -> dict[str, Any]:
+        found: dict[str, Any] = dict(self.given)
+        for name in tables:
+            self._class_for(name, tables, found)
+        return found
+
+    def _class_for(self, name: str, tables: dict[str, Any], found: dict[str, Any]) -> Any:
+        if name in found:
+            return found[name]
+        table = tables[name]
+        base = models.Table
+        if table["base"] in tables:
+            base = self._class_for(table["base"], tables, found)
+        own = [each for each in table["columns"]
+               if not each["inherited"] and not each["name"].startswith("__")]
+        shape = (name, base, [(each["name"], each["type"], each["nullable"], each["target"])
+                              for each in own])
+        known = self.made.get(table["id"])
+        if known is None or known[0] != shape:
+            self.made[table["id"]] = known = (shape, _made_class(name, base, own))
+        found[name] = known[1]
+        return known[1]
+
+
+def _made_class(name: str, base: Any, own: list[dict[str, Any]]) -> Any:
+    specs = []
+    for each in own:
+        attribute = each["name"]
+        while attribute in models._TAKEN or attribute.startswith("_") or attribute in base._columns:
+            attribute = attribute.lstrip("_") + "_"
+        options = models._Options(None, each["name"], None, False, False)
+        target = (each["target"] or None) if each["type"] == models.REFERENCE else None
+        specs.append(models._Spec(attribute, each["type"], each["nullable"], target, options))
+    meta: Any = models.TableMeta
+    return meta(name.rpartition(".")[2], (base,), {"__module__": "sagleme.made"}, name=name,
+                _specs=specs)
+
+
+def bind(found: dict[str, Any], tables: dict[str, Any]) -> Any:
+    """The view of the classes for the extension."""
+    entries = []
+    for name, cls in found.items():
+        table = tables.get(name)
+        for column in cls._own:
+            if isinstance(column._target, str):
+                column._target = found.get(column._target) or column._target_class()
+        misfit = misfit_of(cls, tables)
+        columns = []
+        if not misfit:
+            ordinals = {each["name"]: each["ordinal"] for each in table["columns"]}
+            columns = [(each, ordinals[each._column], each._kind, each._target_class(),
+                        each._default) for each in cls._columns.values()]
+        entries.append((cls, table["layout"] if table else 0, table["setspec"] if table else "",
+                        misfit, columns))
+    return _core.View(entries)

@@ -1,0 +1,193 @@
+// The catalogue for Python: tables as plain values, and the changes of the schema.
+
+#include "catalogue.h"
+
+#include "types.h"
+
+namespace binding {
+namespace {
+
+sagleme::Transaction& KernelOf(PyObject* transaction) {
+  if (!PyObject_TypeCheck(transaction, &g_transaction_type)) {
+    Raise("WrongType", "a transaction is needed");
+  }
+  NeedOpen(As<Transaction>(transaction));
+  return *As<Transaction>(transaction)->kernel;
+}
+
+void Append(PyObject* list, PyObject* item) {
+  Ref const owned(Need(item));
+  if (PyList_Append(list, item) != 0) throw PythonError{};
+}
+
+PyObject* ColumnEntry(sagleme::Column const& column) {
+  return Py_BuildValue("{sNsisNsNsisNsK}", "name", FromUnits(column.name), "type",
+                       static_cast<int>(column.type), "nullable", PyBool_FromLong(column.nullable),
+                       "inherited", PyBool_FromLong(column.inherited), "ordinal",
+                       static_cast<int>(column.ordinal), "target", FromUnits(column.target), "id",
+                       column.id.value);
+}
+
+PyObject* IndexEntry(sagleme::Index const& index) {
+  Ref columns(Need(PyList_New(0)));
+  for (auto const& column : index.columns) {
+    Append(columns.get(),
+           Py_BuildValue("(NN)", FromUnits(column.name), PyBool_FromLong(column.ascending)));
+  }
+  return Py_BuildValue("{sNsNsKsKsN}", "name", FromUnits(index.name), "unique",
+                       PyBool_FromLong(index.unique), "handle", index.handle, "id", index.id.value,
+                       "columns", columns.release());
+}
+
+PyObject* TableEntry(sagleme::Table const& table) {
+  Ref columns(Need(PyList_New(0)));
+  for (auto const& column : table.columns) Append(columns.get(), ColumnEntry(column));
+  Ref indexes(Need(PyList_New(0)));
+  for (auto const& index : table.indexes) Append(indexes.get(), IndexEntry(index));
+  return Py_BuildValue("{sNsNsNsisKsNsN}", "name", FromUnits(table.name), "base",
+                       FromUnits(table.base), "setspec", FromUnits(table.setspec), "layout",
+                       static_cast<int>(table.layout), "id", table.id().value, "columns",
+                       columns.release(), "indexes", indexes.release());
+}
+
+std::vector<sagleme::ColumnSpec> ColumnSpecs(PyObject* columns) {
+  std::vector<sagleme::ColumnSpec> specs;
+  Ref const list(Need(PySequence_Fast(columns, "columns are a list")));
+  for (Py_ssize_t i = 0; i < PySequence_Fast_GET_SIZE(list.get()); ++i) {
+    PyObject* name = nullptr;
+    PyObject* target = nullptr;
+    int type = 0;
+    int nullable = 0;
+    if (!PyArg_ParseTuple(PySequence_Fast_GET_ITEM(list.get(), i), "UipU", &name, &type, &nullable,
+                          &target)) {
+      throw PythonError{};
+    }
+    specs.push_back(
+        {ToUnits(name), static_cast<sagleme::Type>(type), nullable != 0, ToUnits(target)});
+  }
+  return specs;
+}
+
+// Parses two to four texts and runs a change on them.
+template <typename Change>
+PyObject* WithTexts(PyObject* args, char const* format, Change&& change) {
+  PyObject* transaction = nullptr;
+  PyObject* texts[3] = {nullptr, nullptr, nullptr};
+  if (!PyArg_ParseTuple(args, format, &transaction, &texts[0], &texts[1], &texts[2])) {
+    return nullptr;
+  }
+  return Guard([&]() -> PyObject* {
+    sagleme::Transaction& kernel = KernelOf(transaction);
+    std::u16string units[3];
+    for (int i = 0; i < 3; ++i) {
+      if (texts[i] != nullptr) units[i] = ToUnits(texts[i]);
+    }
+    Away(As<Transaction>(transaction), [&] { change(kernel, units[0], units[1], units[2]); });
+    Py_RETURN_NONE;
+  });
+}
+
+}  // namespace
+
+PyObject* Catalogue(PyObject*, PyObject* transaction) {
+  return Guard([&] {
+    Ref list(Need(PyList_New(0)));
+    sagleme::Transaction& kernel = KernelOf(transaction);
+    for (auto const& table : kernel.Tables()) Append(list.get(), TableEntry(*table));
+    return list.release();
+  });
+}
+
+PyObject* CreateTable(PyObject*, PyObject* args) {
+  PyObject* transaction = nullptr;
+  PyObject* name = nullptr;
+  PyObject* base = nullptr;
+  PyObject* columns = nullptr;
+  if (!PyArg_ParseTuple(args, "OUUO", &transaction, &name, &base, &columns)) return nullptr;
+  return Guard([&]() -> PyObject* {
+    sagleme::Transaction& kernel = KernelOf(transaction);
+    auto const specs = ColumnSpecs(columns);
+    sagleme::CreateTable(kernel, ToUnits(name), ToUnits(base), specs);
+    Py_RETURN_NONE;
+  });
+}
+
+PyObject* AddColumns(PyObject*, PyObject* args) {
+  PyObject* transaction = nullptr;
+  PyObject* table = nullptr;
+  PyObject* columns = nullptr;
+  if (!PyArg_ParseTuple(args, "OUO", &transaction, &table, &columns)) return nullptr;
+  return Guard([&]() -> PyObject* {
+    sagleme::Transaction& kernel = KernelOf(transaction);
+    auto const specs = ColumnSpecs(columns);
+    sagleme::AddColumns(kernel, ToUnits(table), specs);
+    Py_RETURN_NONE;
+  });
+}
+
+PyObject* FinishReferences(PyObject*, PyObject* args) {
+  return WithTexts(args, "O",
+                   [](auto& kernel, auto&, auto&, auto&) { sagleme::FinishReferences(kernel); });
+}
+
+PyObject* DropColumn(PyObject*, PyObject* args) {
+  return WithTexts(args, "OUU", [](auto& kernel, auto& table, auto& column, auto&) {
+    sagleme::DropColumn(kernel, table, column);
+  });
+}
+
+PyObject* RenameColumn(PyObject*, PyObject* args) {
+  return WithTexts(args, "OUUU", [](auto& kernel, auto& table, auto& column, auto& name) {
+    sagleme::RenameColumn(kernel, table, column, name);
+  });
+}
+
+PyObject* RenameTable(PyObject*, PyObject* args) {
+  return WithTexts(args, "OUU", [](auto& kernel, auto& table, auto& name, auto&) {
+    sagleme::RenameTable(kernel, table, name);
+  });
+}
+
+PyObject* DropTable(PyObject*, PyObject* args) {
+  return WithTexts(args, "OU", [](auto& kernel, auto& table, auto&, auto&) {
+    sagleme::DropTable(kernel, table, {.children = true, .force = true});
+  });
+}
+
+PyObject* DropIndex(PyObject*, PyObject* args) {
+  return WithTexts(args, "OU", [](auto& kernel, auto& index, auto&, auto&) {
+    sagleme::DropIndex(kernel, index);
+  });
+}
+
+PyObject* CreateIndex(PyObject*, PyObject* args) {
+  PyObject* transaction = nullptr;
+  PyObject* name = nullptr;
+  PyObject* table = nullptr;
+  PyObject* columns = nullptr;
+  int unique = 0;
+  if (!PyArg_ParseTuple(args, "OUUOp", &transaction, &name, &table, &columns, &unique)) {
+    return nullptr;
+  }
+  return Guard([&]() -> PyObject* {
+    sagleme::Transaction& kernel = KernelOf(transaction);
+    std::vector<sagleme::IndexColumnSpec> specs;
+    Ref const list(Need(PySequence_Fast(columns, "columns are a list")));
+    for (Py_ssize_t i = 0; i < PySequence_Fast_GET_SIZE(list.get()); ++i) {
+      PyObject* column = nullptr;
+      int ascending = 0;
+      if (!PyArg_ParseTuple(PySequence_Fast_GET_ITEM(list.get(), i), "Up", &column, &ascending)) {
+        throw PythonError{};
+      }
+      specs.push_back({ToUnits(column), ascending != 0});
+    }
+    auto const uniqueness = unique != 0 ? sagleme::Uniqueness::kUnique : sagleme::Uniqueness::kAny;
+    std::u16string const index_name = ToUnits(name);
+    std::u16string const table_name = ToUnits(table);
+    Away(As<Transaction>(transaction),
+         [&] { sagleme::CreateIndex(kernel, index_name, table_name, specs, uniqueness); });
+    Py_RETURN_NONE;
+  });
+}
+
+}  // namespace binding

@@ -1,0 +1,60 @@
+// The module sagleme._core. The package's Python stands on it; programs do not import it.
+
+#include <lscoredb/host.h>
+
+#include "catalogue.h"
+#include "scan.h"
+
+namespace binding {
+
+PyObject* GiveUpAfterFork(PyObject*, PyObject*);
+
+namespace {
+
+// status_text(n): the kernel's sentence.
+PyObject* StatusText(PyObject*, PyObject* status) {
+  unsigned long const number = PyLong_AsUnsignedLong(status);
+  if (PyErr_Occurred()) return nullptr;
+  return PyUnicode_FromString(lscoredb_status_text(static_cast<std::uint32_t>(number)));
+}
+
+PyMethodDef g_functions[] = {{"scan", NewScan, METH_VARARGS, nullptr},
+                             {"catalogue", Catalogue, METH_O, nullptr},
+                             {"create_table", CreateTable, METH_VARARGS, nullptr},
+                             {"add_columns", AddColumns, METH_VARARGS, nullptr},
+                             {"finish_references", FinishReferences, METH_VARARGS, nullptr},
+                             {"drop_column", DropColumn, METH_VARARGS, nullptr},
+                             {"rename_column", RenameColumn, METH_VARARGS, nullptr},
+                             {"rename_table", RenameTable, METH_VARARGS, nullptr},
+                             {"drop_table", DropTable, METH_VARARGS, nullptr},
+                             {"create_index", CreateIndex, METH_VARARGS, nullptr},
+                             {"drop_index", DropIndex, METH_VARARGS, nullptr},
+                             {"status_text", StatusText, METH_O, nullptr},
+                             {"give_up_after_fork", GiveUpAfterFork, METH_NOARGS, nullptr},
+                             {nullptr, nullptr, 0, nullptr}};
+
+PyModuleDef g_module = {PyModuleDef_HEAD_INIT,
+                        "sagleme._core",
+                        "The part of sagleme that is written in C++.",
+                        -1,
+                        g_functions,
+                        nullptr,
+                        nullptr,
+                        nullptr,
+                        nullptr};
+
+bool AddType(PyObject* module, PyTypeObject& type) { return PyModule_AddType(module, &type) == 0; }
+
+}  // namespace
+}  // namespace binding
+
+PyMODINIT_FUNC PyInit__core() {
+  using namespace binding;
+  Ref module(PyModule_Create(&g_module));
+  if (!module) return nullptr;
+  for (PyTypeObject* const type : {&g_database_type, &g_context_type, &g_transaction_type,
+                                   &g_view_type, &g_object_type, &g_field_type, &g_scan_type}) {
+    if (!AddType(module.get(), *type)) return nullptr;
+  }
+  return module.release();
+}

@@ -1,0 +1,284 @@
+// Transactions: what keeps their objects, and what ends them.
+
+#include <Python.h>
+#include <structmember.h>
+
+#include "types.h"
+
+namespace binding {
+namespace {
+
+int TransactionInit(PyObject* object, PyObject* args, PyObject*) {
+  PyObject* context_object = nullptr;
+  int writes = 0;
+  if (!PyArg_ParseTuple(args, "O!p", &g_context_type, &context_object, &writes)) return -1;
+  return Guarded(-1, [&] {
+    auto* const self = As<Transaction>(object);
+    auto* const context = As<Context>(context_object);
+    if (context->database->forked) {
+      Raise("ForkedError",
+            "this database was opened before the process forked; open it anew in the child");
+    }
+    if (context->handle == nullptr) Raise("ClosedError", "the database is closed");
+    if (context->current != nullptr || self->context != nullptr) {
+      Raise("NestedTransaction",
+            "a transaction is open in this thread already; use it, or take a savepoint in it");
+    }
+    auto const access = writes != 0 ? sagleme::Access::kReadWrite : sagleme::Access::kReadOnly;
+    self->objects = new IdentityMap<Object>;
+    self->orphans = new std::vector<std::uint64_t>;
+    self->writes = writes != 0;
+    self->stamp = 1;
+    self->context_id = context->handle->id();
+    context->current = self;  // keeps other threads and close away while the lock is released
+    self->state = State::kBusy;
+    try {
+      Unlocked const unlocked;
+      self->kernel = new sagleme::Transaction(*context->handle, access);
+      self->generation = self->kernel->Generation();
+    } catch (...) {
+      delete std::exchange(self->kernel, nullptr);
+      context->current = nullptr;
+      self->state = State::kEnded;
+      throw;
+    }
+    self->state = State::kOpen;
+    self->context = context;
+    Py_INCREF(context_object);
+    return 0;
+  });
+}
+
+void FreeOrphans(Transaction* transaction) {
+  for (std::uint64_t const iterator : *transaction->orphans) lorv_iterator_free(iterator);
+  transaction->orphans->clear();
+}
+
+// The transaction is over then, whatever comes of it.
+template <typename Work>
+void End(Transaction* self, Work&& work) {
+  NeedOpen(self);
+  FreeOrphans(self);
+  std::unique_ptr<sagleme::Transaction> kernel(std::exchange(self->kernel, nullptr));
+  self->state = State::kBusy;
+  struct Over {
+    Transaction* self;
+    ~Over() {
+      self->state = State::kEnded;
+      if (self->context->current == self) self->context->current = nullptr;
+    }
+  } const over{self};
+  Unlocked const unlocked;
+  work(*kernel);
+  kernel.reset();
+}
+
+PyObject* Commit(PyObject* object, PyObject*) {
+  return Guard([&]() -> PyObject* {
+    End(As<Transaction>(object), [](sagleme::Transaction& kernel) { kernel.Commit(); });
+    Py_RETURN_NONE;
+  });
+}
+
+PyObject* Rollback(PyObject* object, PyObject*) {
+  return Guard([&]() -> PyObject* {
+    End(As<Transaction>(object), [](sagleme::Transaction& kernel) { kernel.Rollback(); });
+    Py_RETURN_NONE;
+  });
+}
+
+void TransactionDealloc(PyObject* object) {
+  auto* const self = As<Transaction>(object);
+  if (self->weak_references != nullptr) PyObject_ClearWeakRefs(object);
+  if (self->state == State::kOpen && self->kernel != nullptr) {
+    Guarded(0, [&] {
+      End(self, [](sagleme::Transaction& kernel) { kernel.Rollback(); });
+      return 0;
+    });
+    PyErr_Clear();
+  }
+  Py_XDECREF(Plain(self->context));
+  Py_XDECREF(Plain(self->view));
+  delete self->objects;
+  delete self->orphans;
+  Py_TYPE(object)->tp_free(object);
+}
+
+PyObject* Bind(PyObject* object, PyObject* view) {
+  auto* const self = As<Transaction>(object);
+  if (Py_TYPE(view) != &g_view_type || self->view != nullptr) {
+    PyErr_SetString(PyExc_TypeError, "bind takes a View, once");
+    return nullptr;
+  }
+  self->view = As<View>(Py_NewRef(view));
+  Py_RETURN_NONE;
+}
+
+// Says that something else has written in this context.
+PyObject* Touch(PyObject* object, PyObject*) {
+  ++As<Transaction>(object)->stamp;
+  Py_RETURN_NONE;
+}
+
+PyObject* Get(PyObject* object, PyObject* id) {
+  return Guard([&] {
+    auto* const self = As<Transaction>(object);
+    NeedView(self);
+    unsigned long long const oid = PyLong_AsUnsignedLongLong(id);
+    if (PyErr_Occurred()) throw PythonError{};
+    return ObjectById(self, oid);
+  });
+}
+
+PyObject* Delete(PyObject* object, PyObject* argument) {
+  return Guard([&]() -> PyObject* {
+    auto* const self = As<Transaction>(object);
+    if (!IsObject(argument)) {
+      Raise("WrongType", "delete takes an object of a table, not " + ReprOf(argument));
+    }
+    auto* const target = As<Object>(argument);
+    NeedLive(target);
+    if (target->transaction != self) {
+      Raise("WrongTransaction", ReprOf(argument) + " belongs to another transaction");
+    }
+    sagleme::detail::CheckKernel(lorv_context_delete(self->context_id, target->oid, target->addr));
+    ++self->stamp;
+    target->gone = true;
+    self->objects->Remove(target);
+    Py_RETURN_NONE;
+  });
+}
+
+Field* FieldNamed(Binding const& binding, PyObject* name) {
+  PyObject* const found = _PyType_Lookup(binding.type, name);
+  if (found == nullptr || !IsField(found)) {
+    Raise("WrongType", std::string(NameOf(binding.type)) + " has no column " + TextOf(name));
+  }
+  return As<Field>(found);
+}
+
+BoundColumn const& ColumnOf(Binding const& binding, Field const* field) {
+  return binding.columns.at(static_cast<std::size_t>(field->slot));
+}
+
+void WriteColumns(Object* made, PyObject* const* values, PyObject* names) {
+  Binding const& binding = *made->binding;
+  std::vector<bool> given(binding.columns.size());
+  Py_ssize_t const count = names == nullptr ? 0 : PyTuple_GET_SIZE(names);
+  for (Py_ssize_t i = 0; i < count; ++i) {
+    Field const* const field = FieldNamed(binding, PyTuple_GET_ITEM(names, i));
+    BoundColumn const& column = ColumnOf(binding, field);
+    WriteValue(made->transaction, CellOf(made, column.ordinal), column, values[i]);
+    given[static_cast<std::size_t>(field->slot)] = true;
+  }
+  for (std::size_t slot = 0; slot < given.size(); ++slot) {
+    BoundColumn const& column = binding.columns[slot];
+    if (given[slot] || column.fallback == nullptr) continue;
+    WriteValue(made->transaction, CellOf(made, column.ordinal), column, column.fallback);
+  }
+}
+
+// new(cls, **columns). An object whose columns are refused is deleted again.
+PyObject* New(PyObject* object, PyObject* const* args, Py_ssize_t count, PyObject* names) {
+  return Guard([&] {
+    auto* const self = As<Transaction>(object);
+    if (count != 1) Raise("WrongType", "new takes a class, and its columns by name");
+    NeedView(self);
+    Binding* const binding = BindingOf(self, args[0]);
+    std::uint64_t const oid = InsertRow(self, *binding);
+    Ref made(NewObject(self, binding, oid));
+    if (!made) throw PythonError{};
+    try {
+      WriteColumns(As<Object>(made.get()), args + 1, names);
+    } catch (PythonError const&) {
+      static_cast<void>(lorv_context_delete(self->context_id, oid, binding->layout));
+      As<Object>(made.get())->gone = true;
+      throw;
+    }
+    ++self->stamp;
+    return made.release();
+  });
+}
+
+PyObject* IsOpen(PyObject* object, void*) {
+  return PyBool_FromLong(As<Transaction>(object)->state == State::kOpen);
+}
+PyObject* IsWriting(PyObject* object, void*) {
+  return PyBool_FromLong(As<Transaction>(object)->writes);
+}
+PyObject* Generation(PyObject* object, void*) {
+  return PyLong_FromUnsignedLongLong(As<Transaction>(object)->generation);
+}
+PyObject* LiveCount(PyObject* object, void*) {
+  auto const* const objects = As<Transaction>(object)->objects;
+  return PyLong_FromSize_t(objects == nullptr ? 0 : objects->size());
+}
+
+PyMethodDef g_methods[] = {
+    {"commit", Commit, METH_NOARGS, "Keeps what was written."},
+    {"rollback", Rollback, METH_NOARGS, "Forgets what was written."},
+    {"_bind", Bind, METH_O, "Takes the view of the schema."},
+    {"_touch", Touch, METH_NOARGS, "What was read before may be stale."},
+    {"_get", Get, METH_O, "An object by its identity, or None."},
+    {"delete", Delete, METH_O, "Deletes an object."},
+    {"new", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(New)),
+     METH_FASTCALL | METH_KEYWORDS, "Makes an object of a class, its columns given by name."},
+    {nullptr, nullptr, 0, nullptr}};
+
+PyGetSetDef g_members[] = {
+    {"open", IsOpen, nullptr, "Whether it can still be used.", nullptr},
+    {"writing", IsWriting, nullptr, "Whether it was begun to write.", nullptr},
+    {"generation", Generation, nullptr, "The count of schema changes that it sees.", nullptr},
+    {"live", LiveCount, nullptr, "How many of its objects Python holds.", nullptr},
+    {nullptr, nullptr, nullptr, nullptr, nullptr}};
+
+PyTypeObject MakeType() {
+  PyTypeObject type = {PyVarObject_HEAD_INIT(nullptr, 0)};
+  type.tp_name = "sagleme._core.Transaction";
+  type.tp_basicsize = sizeof(Transaction);
+  type.tp_flags = Py_TPFLAGS_DEFAULT | Py_TPFLAGS_BASETYPE;
+  type.tp_new = PyType_GenericNew;
+  type.tp_init = TransactionInit;
+  type.tp_dealloc = TransactionDealloc;
+  type.tp_methods = g_methods;
+  type.tp_getset = g_members;
+  type.tp_weaklistoffset = offsetof(Transaction, weak_references);
+  return type;
+}
+
+}  // namespace
+
+PyTypeObject g_transaction_type = MakeType();
+
+void NeedOpen(Transaction* transaction) {
+  switch (transaction->state) {
+    case State::kOpen:
+      if (transaction->kernel != nullptr) return;
+      [[fallthrough]];
+    case State::kEnded:
+      Raise("EndedError",
+            "the transaction has ended; begin a new one with db.read() or db.write()");
+    case State::kBusy:
+      Raise("InUse", "another thread is busy in this transaction; a thread begins its own");
+    case State::kForked:
+      Raise("ForkedError",
+            "the process forked inside this transaction; open the database anew in the child");
+  }
+}
+
+View* NeedView(Transaction* transaction) {
+  NeedOpen(transaction);
+  if (transaction->view == nullptr) Raise("SchemaError", "the transaction has no view of classes");
+  return transaction->view;
+}
+
+std::uint64_t InsertRow(Transaction* transaction, Binding const& binding) {
+  std::uint64_t oid = 0;
+  std::uint64_t const context = transaction->context_id;
+  sagleme::detail::CheckKernel(lorv_context_insert(context, binding.layout, &oid));
+  sagleme::detail::CheckKernel(
+      lorv_context_put_setspec(context, oid, binding.layout, binding.setspec.c_str()));
+  return oid;
+}
+
+}  // namespace binding
