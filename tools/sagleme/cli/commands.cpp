@@ -75,6 +75,7 @@ std::vector<std::unique_ptr<Command>> MakeCommands() {
   commands.push_back(MakeCopy());
   commands.push_back(MakeDiagram());
   commands.push_back(MakeShell());
+  commands.push_back(MakeComplete());
   return commands;
 }
 

@@ -22,7 +22,7 @@ Exit RunWords(std::vector<std::string> words, Output& output) {
   parser.AddPrinter("--man-page", "Print the manual page",
                     [&] { return ManPage(parser.app(), parser.commands()); });
   parser.AddPrinter("--bash-completion", "Print the completion for bash",
-                    [&] { return BashCompletion(parser.app()); });
+                    [&] { return BashCompletion(parser.commands()); });
   Command* const command = parser.Parse(std::move(words));
   if (command == nullptr) return Exit::kDone;
   Session session(directory);

@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include <sstream>
+
 #include "cli/help.h"
 
 namespace tool {
@@ -28,8 +30,12 @@ std::string Troff(std::string const& text) {
 std::string ManOfCommand(CLI::App const& app, Command const& command) {
   std::string page = ".SS " + Troff(command.name()) + "\n";
   page += ".B " + Troff(UsageLine(app, "sagleme ")) + "\n.PP\n" + Troff(command.summary()) + ".\n";
+  std::istringstream details(command.details());
+  for (std::string paragraph; std::getline(details, paragraph);) {
+    page += ".PP\n" + Troff(paragraph) + "\n";
+  }
   for (CLI::Option const* const option : app.get_options()) {
-    if (option->get_name() == "--help") continue;
+    if (option->check_name("--help")) continue;
     page +=
         ".TP\n.B " + Troff(OptionTerm(*option)) + "\n" + Troff(option->get_description()) + ".\n";
   }
@@ -40,14 +46,6 @@ std::string ManOfCommand(CLI::App const& app, Command const& command) {
   return page;
 }
 
-std::string LongOptions(CLI::App const& app) {
-  std::string names;
-  for (CLI::Option const* const option : app.get_options()) {
-    for (std::string const& name : option->get_lnames()) names += " --" + name;
-  }
-  return names;
-}
-
 }  // namespace
 
 std::string ManPage(CLI::App const& app, std::vector<std::unique_ptr<Command>> const& commands) {
@@ -56,6 +54,7 @@ std::string ManPage(CLI::App const& app, std::vector<std::unique_ptr<Command>> c
       ".SH SYNOPSIS\n.B sagleme\n.I COMMAND DB\n[ARGUMENTS]\n.SH DESCRIPTION\n" +
       Troff(app.get_description()) + "\n.SH COMMANDS\n";
   for (auto const& command : commands) {
+    if (command->hidden()) continue;
     page += ManOfCommand(*app.get_subcommand(command->name()), *command);
   }
   page +=
@@ -65,32 +64,33 @@ std::string ManPage(CLI::App const& app, std::vector<std::unique_ptr<Command>> c
   return page;
 }
 
-std::string BashCompletion(CLI::App const& app) {
-  std::string commands;
-  std::string cases;
-  for (CLI::App const* const command : app.get_subcommands({})) {
-    commands += (commands.empty() ? "" : " ") + command->get_name();
-    cases += fmt::format("    {}) options=\"{}\" ;;\n", command->get_name(),
-                         LongOptions(*command).substr(1));
+// The names of a database come from the tool itself, which completes a line as at the prompt.
+std::string BashCompletion(std::vector<std::unique_ptr<Command>> const& commands) {
+  std::string names = "help";
+  for (auto const& command : commands) {
+    if (!command->hidden()) names += " " + command->name();
   }
-  return fmt::format(
-      "# Completion of sagleme for bash.\n"
-      "_sagleme() {{\n"
-      "  local word=\"${{COMP_WORDS[COMP_CWORD]}}\" options=\"\"\n"
-      "  if [ \"$COMP_CWORD\" -eq 1 ]; then\n"
-      "    COMPREPLY=($(compgen -W \"{}\" -- \"$word\"))\n"
-      "    return\n"
-      "  fi\n"
-      "  case \"${{COMP_WORDS[1]}}\" in\n"
-      "{}"
-      "  esac\n"
-      "  case \"$word\" in\n"
-      "    -*) COMPREPLY=($(compgen -W \"$options\" -- \"$word\")) ;;\n"
-      "    *) COMPREPLY=($(compgen -f -- \"$word\")) ;;\n"
-      "  esac\n"
-      "}}\n"
-      "complete -o filenames -F _sagleme sagleme\n",
-      commands, cases);
+  return "# Completion of sagleme for bash.\n"
+         "_sagleme() {\n"
+         "  local word=\"${COMP_WORDS[COMP_CWORD]}\" directory=\"${COMP_WORDS[2]/#\\~/$HOME}\"\n"
+         "  local command=\"${COMP_WORDS[1]}\" rest=(\"${COMP_WORDS[@]:3:COMP_CWORD-2}\")\n"
+         "  COMPREPLY=()\n"
+         "  if [ \"$COMP_CWORD\" -eq 1 ] || [ \"$command\" = help ]; then\n"
+         "    COMPREPLY=($(compgen -W \"" +
+         names +
+         "\" -- \"$word\"))\n"
+         "    return\n"
+         "  fi\n"
+         "  if [ \"$COMP_CWORD\" -gt 2 ]; then\n"
+         "    mapfile -t COMPREPLY < <(\"${COMP_WORDS[0]}\" complete \"$directory\" \\\n"
+         "      \"$command ${rest[*]}\" 2>/dev/null)\n"
+         "  fi\n"
+         "  if [ ${#COMPREPLY[@]} -eq 0 ]; then\n"
+         "    mapfile -t COMPREPLY < <(compgen -f -- \"$word\")\n"
+         "  fi\n"
+         "  case \"${COMPREPLY[0]}\" in *=) compopt -o nospace 2>/dev/null ;; esac\n"
+         "}\n"
+         "complete -o filenames -F _sagleme sagleme\n";
 }
 
 }  // namespace tool

@@ -14,7 +14,7 @@ namespace tool {
 
 // REQUIRES: each command was attached to `app`.
 std::string ManPage(CLI::App const& app, std::vector<std::unique_ptr<Command>> const& commands);
-std::string BashCompletion(CLI::App const& app);
+std::string BashCompletion(std::vector<std::unique_ptr<Command>> const& commands);
 
 }  // namespace tool
 

@@ -31,6 +31,7 @@ std::unique_ptr<Command> MakeVacuum();
 std::unique_ptr<Command> MakeCopy();
 std::unique_ptr<Command> MakeDiagram();
 std::unique_ptr<Command> MakeShell();
+std::unique_ptr<Command> MakeComplete();
 
 }  // namespace tool
 

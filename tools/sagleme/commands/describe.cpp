@@ -11,21 +11,23 @@ namespace {
 class DescribeCommand : public Command {
  public:
   std::string name() const override { return "describe"; }
-  std::string summary() const override { return "Shows the columns and indexes of a table"; }
+  std::string summary() const override { return "Show the columns and indexes of a table"; }
   std::vector<Example> examples() const override {
     return {{"describe shop Customer", "the table whose name ends in Customer"},
             {"describe shop App.Customer --format markdown", "for a document"}};
   }
   void Declare(CLI::App& app) override {
-    app.add_option("TABLE", table_, "The table; leading parts of the name may be left out")
+    app.add_option("TABLE", table_, "The table; leading parts of its name can be left out")
         ->required()
         ->type_name("");
+    app.add_flag("--system", system_, "Show the hidden columns too, and the root of all tables");
   }
   bool lists() const override { return true; }
   Exit Run(Session& session, Output& output) override;
 
  private:
   std::string table_;
+  bool system_ = false;
 };
 
 // The table that declares a column: the first of the line of bases that has it as its own.
@@ -46,9 +48,10 @@ std::string IndexColumns(sagleme::Index const& index) {
   return text;
 }
 
-Listing ColumnList(sagleme::Transaction& transaction, sagleme::Table const& table) {
+Listing ColumnList(sagleme::Transaction& transaction, sagleme::Table const& table, bool system) {
   Listing listing({"column", "type", "nullable", "target", "from"});
   for (sagleme::Column const& column : table.columns) {
+    if (column.system() && !system) continue;
     listing.Add({Cell::Text(sagleme::ToUtf8(column.name)),
                  Cell::Text(std::string(sagleme::TypeName(column.type))),
                  Cell::Bool(column.nullable),
@@ -59,10 +62,11 @@ Listing ColumnList(sagleme::Transaction& transaction, sagleme::Table const& tabl
 }
 
 // The indexes that cover a table: its own and those of its bases.
-Listing IndexList(sagleme::Transaction& transaction, sagleme::Table const& table) {
+Listing IndexList(sagleme::Transaction& transaction, sagleme::Table const& table, bool system) {
   Listing listing({"index", "unique", "columns", "from"});
   for (sagleme::TablePtr at = transaction.table(table.name); at != nullptr;
        at = at->base.empty() ? nullptr : transaction.table(at->base)) {
+    if (at->system && !system) continue;
     for (sagleme::Index const& index : at->indexes) {
       listing.Add({Cell::Text(sagleme::ToUtf8(index.name)), Cell::Bool(index.unique),
                    Cell::Text(IndexColumns(index)), Cell::Text(sagleme::ToUtf8(at->name))});
@@ -71,10 +75,9 @@ Listing IndexList(sagleme::Transaction& transaction, sagleme::Table const& table
   return listing;
 }
 
-void PrintAll(sagleme::Table const& table, Listing const& columns, Listing const& indexes,
-              Output const& output) {
+void PrintAll(sagleme::Table const& table, std::string const& base, Listing const& columns,
+              Listing const& indexes, Output const& output) {
   std::string const name = sagleme::ToUtf8(table.name);
-  std::string const base = sagleme::ToUtf8(table.base);
   switch (output.format()) {
     case Format::kJson:
       return output.Print(fmt::format(
@@ -102,7 +105,11 @@ void PrintAll(sagleme::Table const& table, Listing const& columns, Listing const
 Exit DescribeCommand::Run(Session& session, Output& output) {
   session.Read([&](sagleme::Transaction& transaction) {
     sagleme::TablePtr const table = TableNamed(transaction, table_);
-    PrintAll(*table, ColumnList(transaction, *table), IndexList(transaction, *table), output);
+    bool const system = system_ || table->system;
+    bool const show_base = system || !sagleme::detail::IsSystemTable(table->base);
+    PrintAll(*table, show_base ? sagleme::ToUtf8(table->base) : "",
+             ColumnList(transaction, *table, system), IndexList(transaction, *table, system),
+             output);
   });
   return Exit::kDone;
 }

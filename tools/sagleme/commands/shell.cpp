@@ -1,23 +1,39 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <filesystem>
 
+#include "cli/help.h"
 #include "cli/interrupt.h"
 #include "cli/parser.h"
 #include "cli/run.h"
 #include "commands/commands.h"
 #include "shell/line_reader.h"
+#include "shell/pager.h"
+#include "shell/settings.h"
 #include "shell/words.h"
 
 namespace tool {
 namespace {
 
+std::vector<std::pair<std::string, std::string>> OwnWords() {
+  return {{"begin", "Open a transaction for the lines that follow"},
+          {"commit", "Keep what was done in it"},
+          {"rollback", "Undo what was done in it"},
+          {"quit", "Leave; an open transaction is undone"},
+          {"#", "Begins a comment"}};
+}
+
 class Shell : public Command {
  public:
   std::string name() const override { return "shell"; }
   std::string summary() const override {
-    return "A prompt for the same commands, with transactions";
+    return "Open a prompt for the same commands, with transactions";
+  }
+  std::string details() const override {
+    return "At the prompt, help lists the commands and settings. Ctrl-C stops a command; a second "
+           "one at an empty prompt leaves.";
   }
   std::vector<Example> examples() const override {
     return {{"shell shop", "begin, commit and rollback enclose what belongs together"},
@@ -28,93 +44,138 @@ class Shell : public Command {
   Exit Run(Session& session, Output& output) override;
 
  private:
-  std::string Prompt(Session const& session) const;
+  Exit RunLine(std::string const& line, LineReader& reader);
+  Exit RunWords(std::vector<std::string> const& words, Output& own);
+  bool RunOwn(std::vector<std::string> const& words, Output const& own);
+  std::string Prompt() const;
+
+  Session* session_ = nullptr;
+  Output const* output_ = nullptr;
+  bool terminal_ = false;  // a person sits at it
+  Settings settings_;
 };
 
-constexpr char const* kHelp =
-    "begin       opens a transaction for the lines that follow\n"
-    "commit      keeps what was done in it\n"
-    "rollback    undoes what was done in it\n"
-    "quit        ends; an open transaction is undone\n"
-    "\n"
-    "Commands are those of the command line, without the database's name:\n";
+void PrintHelp(Output const& output) {
+  std::vector<std::pair<std::string, std::string>> commands;
+  for (auto const& command : MakeCommands()) {
+    if (command->at_prompt() && !command->hidden()) {
+      commands.emplace_back(command->name(), command->summary());
+    }
+  }
+  output.Print("At the prompt:\n" + TermList(OwnWords()) + "\nSettings:\n" +
+               TermList(Settings::Words()) + "\nCommands, without the name of the database:\n" +
+               TermList(commands) +
+               "\nhelp COMMAND shows the options of a command with examples.\n");
+}
 
 // The words of the prompt itself. False for others.
-bool RunOwn(std::vector<std::string> const& words, Session& session, Output& output) {
+bool Shell::RunOwn(std::vector<std::string> const& words, Output const& own) {
   std::string const& word = words.front();
-  if (word == "begin") {
-    session.Begin();
-  } else if (word == "commit") {
-    session.Commit();
-  } else if (word == "rollback") {
-    session.Rollback();
-  } else if (word == "help" && words.size() == 1) {
-    output.Print(kHelp);
-    for (auto const& command : MakeCommands()) {
-      if (command->at_prompt()) {
-        output.Print(fmt::format("{:<11} {}\n", command->name(), command->summary()));
-      }
-    }
-  } else {
-    return false;
+  if (settings_.Take(words, own)) return true;
+  bool const is_own = word == "begin" || word == "commit" || word == "rollback";
+  if (word == "help" && words.size() == 1) {
+    PrintHelp(own);
+    return true;
   }
+  if (!is_own) return false;
+  if (words.size() > 1) throw Failure(Exit::kUsage, fmt::format("{} takes no argument", word));
+  if (word == "begin") session_->Begin();
+  if (word == "commit") session_->Commit();
+  if (word == "rollback") session_->Rollback();
   return true;
 }
 
-Exit RunParsed(std::vector<std::string> words, Session& session, Output const& output) {
-  Output own = output;  // what one line chooses does not last
+Exit Shell::RunWords(std::vector<std::string> const& words, Output& own) {
+  if (words.empty() || RunOwn(words, own)) return Exit::kDone;
   Parser parser(own, nullptr);
-  Command* const command = parser.Parse(std::move(words));
-  return command == nullptr ? Exit::kDone : command->Run(session, own);
+  Command* const command = parser.Parse(words);
+  if (command == nullptr) return Exit::kDone;
+  // A command that changes something must not hang on whether its output is read.
+  if (!command->lists()) own.out = output_->out;
+  return command->Run(*session_, own);
 }
 
-Exit RunLine(std::string const& line, Session& session, Output& output) {
-  return Guarded(output, [&] {
-    std::vector<std::string> const words = SplitLine(line);
-    if (words.empty() || RunOwn(words, session, output)) return Exit::kDone;
-    return RunParsed(words, session, output);
-  });
-}
-
-// A line of which the user may stop the work, and stays at the prompt.
-Exit RunInterruptible(std::string const& line, Session& session, Output& output,
-                      LineReader& reader) {
+// What one line chooses does not last. The user may stop its work or leave its pager, and stays at
+// the prompt.
+Exit Shell::RunLine(std::string const& line, LineReader& reader) {
+  Output own = *output_;
+  settings_.ApplyTo(own);
+  bool const pages = terminal_ && own.out_is_terminal && settings_.paging();
+  auto const pager =
+      std::make_shared<PagerWriter>(own.out, SizeOfTerminal(), pages ? PagerCommand() : "");
+  own.out = pager;
   try {
-    return RunLine(line, session, output);
+    return Guarded(own, [&] {
+      Exit const exit = RunWords(SplitLine(line), own);
+      pager->Flush();
+      return exit;
+    });
   } catch (Interrupted const&) {
     TakeInterrupt();
     reader.NoteInterrupt();
-    output.out->Discard();
-    output.Note("\ninterrupted\n");
+    own.out->Discard();
+    own.Note("\ninterrupted\n");
     return Exit::kProblem;
+  } catch (OutputClosed const&) {
+    if (!pager->started()) throw;
+    return Exit::kDone;
   }
 }
 
-std::string Shell::Prompt(Session const& session) const {
-  std::filesystem::path const directory(session.directory());
-  return fmt::format("{}{}> ", directory.filename().string(), session.in_transaction() ? "*" : "");
+std::string Shell::Prompt() const {
+  std::filesystem::path const directory = std::filesystem::path(session_->directory()) / "";
+  return fmt::format("{}{}> ", directory.parent_path().filename().string(),
+                     session_->in_transaction() ? "*" : "");
 }
 
 Exit Shell::Run(Session& session, Output& output) {
+  session_ = &session;
+  output_ = &output;
   session.database();
-  bool const terminal = isatty(STDIN_FILENO) == 1;
+  terminal_ = isatty(STDIN_FILENO) == 1;
   std::optional<InterruptGuard> guard;
-  if (terminal) guard.emplace();
+  if (terminal_) guard.emplace();
   auto const reader =
-      terminal
+      terminal_
           ? MakeTerminalReader([&](std::string const& line) { return Completions(session, line); })
           : MakePlainReader();
-  while (auto const line = reader->Next(Prompt(session))) {
+  while (auto const line = reader->Next(Prompt())) {
     if (*line == "quit" || *line == "exit") break;
-    Exit const exit = RunInterruptible(*line, session, output, *reader);
-    if (exit != Exit::kDone && !terminal) return exit;
+    auto const start = std::chrono::steady_clock::now();
+    Exit const exit = RunLine(*line, *reader);
+    std::chrono::duration<double> const took = std::chrono::steady_clock::now() - start;
+    if (settings_.timing()) output.Note(fmt::format("{:.3f} s\n", took.count()));
+    if (exit != Exit::kDone && !terminal_) return exit;
   }
   if (session.in_transaction()) output.Note("the open transaction is undone\n");
   return Exit::kDone;
 }
 
+// Words for completion in other programs: the shell's own, from outside.
+class Complete : public Command {
+ public:
+  std::string name() const override { return "complete"; }
+  std::string summary() const override { return "List what the last word of a line may be"; }
+  std::vector<Example> examples() const override {
+    return {{"complete shop \"scan Cust\"", "tables whose names begin with Cust"}};
+  }
+  void Declare(CLI::App& app) override {
+    app.add_option("LINE", line_, "A line as at the prompt")->required()->type_name("");
+  }
+  bool at_prompt() const override { return false; }
+  bool hidden() const override { return true; }
+  Exit Run(Session& session, Output& output) override {
+    for (std::string const& word : Completions(session, line_)) output.Print(word + "\n");
+    return Exit::kDone;
+  }
+
+ private:
+  std::string line_;
+};
+
 }  // namespace
 
 std::unique_ptr<Command> MakeShell() { return std::make_unique<Shell>(); }
+std::unique_ptr<Command> MakeComplete() { return std::make_unique<Complete>(); }
 
 }  // namespace tool

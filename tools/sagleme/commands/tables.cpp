@@ -10,7 +10,7 @@ namespace {
 class Tables : public Command {
  public:
   std::string name() const override { return "tables"; }
-  std::string summary() const override { return "Lists the tables with their objects counted"; }
+  std::string summary() const override { return "List the tables with their objects counted"; }
   std::vector<Example> examples() const override {
     return {
         {"tables shop", "all tables by name"},
@@ -18,8 +18,8 @@ class Tables : public Command {
         {"tables shop --system --format json", "the catalogue's own tables too, for a program"}};
   }
   void Declare(CLI::App& app) override {
-    app.add_flag("--tree", tree_, "As a tree: children indented below their base");
-    app.add_flag("--system", system_, "With the tables of the catalogue itself");
+    app.add_flag("--tree", tree_, "Show a tree: tables indented below their base");
+    app.add_flag("--system", system_, "Show the tables of the catalogue itself too");
   }
   bool lists() const override { return true; }
   Exit Run(Session& session, Output& output) override;
@@ -35,9 +35,11 @@ class Tables : public Command {
 };
 
 void Tables::Add(sagleme::Table const& table, int depth) {
+  bool const hide_base =
+      table.base.empty() || (!system_ && sagleme::detail::IsSystemTable(table.base));
   std::string const indent(static_cast<std::size_t>(2 * depth), ' ');
   listing_->Add({Cell::Text(indent + sagleme::ToUtf8(table.name)),
-                 table.base.empty() ? Cell{} : Cell::Text(sagleme::ToUtf8(table.base)),
+                 hide_base ? Cell{} : Cell::Text(sagleme::ToUtf8(table.base)),
                  Cell::Number(counts_->Own(table)), Cell::Number(counts_->Subtree(table)),
                  Cell::Number(table.columns.size()), Cell::Number(table.indexes.size())});
 }

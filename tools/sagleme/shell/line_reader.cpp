@@ -112,14 +112,23 @@ class TerminalReader : public LineReader {
 
   static char* Prompt(EditLine* edit) { return Self(edit).prompt_.data(); }
 
+  // None where a line cannot be read so far, or the database not at all.
+  std::vector<std::string> Candidates(std::string const& line) const {
+    try {
+      return completer_(line);
+    } catch (std::exception const&) {
+      return {};
+    }
+  }
   static unsigned char Complete(EditLine* edit, int) {
     LineInfo const* const info = el_line(edit);
     std::string const line(info->buffer, info->cursor);
-    auto const words = Self(edit).completer_(line);
+    auto const words = Self(edit).Candidates(line);
     if (words.empty()) return CC_ERROR;
     std::size_t const begun = line.size() - LastWord(line);
     std::string rest = CommonBeginning(words).substr(begun);
-    if (words.size() == 1) rest += ' ';
+    bool const whole = words.size() == 1 && !rest.ends_with('=') && !rest.ends_with('/');
+    if (whole) rest += ' ';
     if (rest.empty()) return Show(words);
     return el_insertstr(edit, rest.c_str()) == 0 ? CC_REFRESH : CC_ERROR;
   }

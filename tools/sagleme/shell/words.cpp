@@ -1,9 +1,12 @@
 #include "shell/words.h"
 
 #include <algorithm>
+#include <filesystem>
 #include <set>
+#include <utility>
 
 #include "cli/command.h"
+#include "shell/settings.h"
 
 namespace tool {
 namespace {
@@ -34,6 +37,8 @@ class Splitter {
       in_word_ = true;
     } else if (each == ' ' || each == '\t') {
       EndWord();
+    } else if (each == '#' && !in_word_) {
+      at_ = line_.size() - 1;  // a comment
     } else {
       Add(each);
     }
@@ -56,41 +61,144 @@ class Splitter {
   std::vector<std::string> words_;
 };
 
-std::set<std::string> CommandNames() {
-  std::set<std::string> names{"begin", "commit", "rollback", "help", "quit"};
+using Names = std::set<std::string>;
+
+Names CommandNames() {
+  Names names{"begin", "commit", "rollback", "help", "quit"};
+  for (auto const& [word, meaning] : Settings::Words()) names.insert(word);
   for (auto const& command : MakeCommands()) {
     if (command->at_prompt()) names.insert(command->name());
   }
   return names;
 }
 
-std::set<std::string> OptionNames(std::string const& name) {
-  std::set<std::string> names{"--help"};
-  CLI::App parser;
-  Output output;
-  for (auto const& command : MakeCommands()) {
-    if (command->name() != name) continue;
-    for (CLI::Option const* const option :
-         Attach(parser, *command, output, nullptr)->get_options()) {
-      for (std::string const& each : option->get_lnames()) names.insert("--" + each);
-    }
+Names OptionNames(CLI::App const& app) {
+  Names names;
+  for (CLI::Option const* const option : app.get_options()) {
+    for (std::string const& each : option->get_lnames()) names.insert("--" + each);
   }
   return names;
 }
 
-std::set<std::string> SchemaNames(Session& session) {
-  std::set<std::string> names;
+Names TableNames(Session& session) {
+  Names names;
   session.Read([&](sagleme::Transaction& transaction) {
     for (sagleme::TablePtr const& table : transaction.Tables()) {
       names.insert(sagleme::ToUtf8(table->name));
       names.insert(sagleme::ToUtf8(table->short_name()));
-      for (sagleme::Column const& column : table->columns) {
-        if (!column.system()) names.insert(sagleme::ToUtf8(column.name));
-      }
+    }
+  });
+  return names;
+}
+
+Names IndexNames(Session& session) {
+  Names names;
+  session.Read([&](sagleme::Transaction& transaction) {
+    for (sagleme::TablePtr const& table : transaction.Tables()) {
       for (sagleme::Index const& index : table->indexes) names.insert(sagleme::ToUtf8(index.name));
     }
   });
   return names;
+}
+
+// Of the tables that end with what was typed as one; of all where none does. `behind` is what
+// follows each name.
+Names ColumnNames(Session& session, std::u16string const& typed, std::string const& behind) {
+  Names names;
+  session.Read([&](sagleme::Transaction& transaction) {
+    for (sagleme::TablePtr const& table : transaction.Tables()) {
+      if (!typed.empty() && table->name != typed && table->short_name() != typed) continue;
+      for (sagleme::Column const& column : table->columns) {
+        if (!column.system()) names.insert(sagleme::ToUtf8(column.name) + behind);
+      }
+    }
+  });
+  return names;
+}
+
+// The entries of a folder that a path leads to as far as it is typed; folders end with a slash.
+Names FileNames(std::string const& begun) {
+  Names names;
+  std::string const folder = begun.substr(0, begun.rfind('/') + 1);
+  std::error_code error;
+  std::filesystem::directory_iterator entries(folder.empty() ? "." : folder, error);
+  for (; !error && entries != std::filesystem::directory_iterator(); entries.increment(error)) {
+    std::error_code unknown;
+    bool const is_folder = entries->is_directory(unknown);
+    names.insert(folder + entries->path().filename().string() + (is_folder ? "/" : ""));
+  }
+  return names;
+}
+
+// What stands before the word that is to be completed.
+struct Place {
+  std::vector<std::string> arguments;  // behind the command, without options and their values
+  std::string option;                  // whose value the word is; empty when it is none's
+};
+
+Place PlaceIn(CLI::App const& app, std::vector<std::string> const& words) {
+  Place place;
+  for (std::size_t i = 1; i < words.size(); ++i) {
+    std::string const option = std::exchange(place.option, "");
+    if (!words[i].starts_with("--")) {
+      if (option.empty()) place.arguments.push_back(words[i]);
+      continue;
+    }
+    CLI::Option const* const declared = app.get_option_no_throw(words[i]);
+    if (declared != nullptr && declared->get_expected_max() != 0) place.option = words[i];
+  }
+  return place;
+}
+
+// The name of the argument that comes next; the last one where it takes several.
+std::string ArgumentAt(CLI::App const& app, std::size_t place) {
+  std::string name;
+  for (CLI::Option const* const option : app.get_options()) {
+    if (!option->get_positional()) continue;
+    name = option->get_name(true);
+    if (place-- == 0) return name;
+    if (option->get_expected_max() <= 1) name.clear();
+  }
+  return name;
+}
+
+Names ValuesOf(std::string const& option, std::string const& begun, Session& session,
+               std::u16string const& table) {
+  if (option == "--format") return {"table", "records", "json", "csv", "markdown"};
+  if (option == "--as") return {"dot", "mermaid", "svg", "html"};
+  if (option == "--output" || option == "--reject") return FileNames(begun);
+  bool const column =
+      option == "--where" || option == "--order" || option == "--null" || option == "--follow";
+  return column ? ColumnNames(session, table, "") : Names{};
+}
+
+Names Arguments(std::string const& argument, std::string const& begun, Session& session,
+                std::u16string const& table) {
+  if (argument == "TABLE") return TableNames(session);
+  if (argument == "INDEX") return IndexNames(session);
+  if (argument == "COLUMN=VALUE") return ColumnNames(session, table, "=");
+  return argument == "FILE" || argument == "TARGET" ? FileNames(begun) : Names{};
+}
+
+Names WordsBehind(Session& session, std::vector<std::string> const& words,
+                  std::string const& begun) {
+  std::string const& name = words.front();
+  if (name == "help") return CommandNames();
+  if (name == "paging" || name == "timing") return {"on", "off"};
+  if (name == "expanded") return {"on", "off", "auto"};
+  CLI::App parser;
+  Output output;
+  for (auto const& command : MakeCommands()) {
+    if (command->name() != name) continue;
+    CLI::App const& app = *Attach(parser, *command, output, nullptr);
+    if (begun.starts_with('-')) return OptionNames(app);
+    Place const place = PlaceIn(app, words);
+    bool const has_table = ArgumentAt(app, 0) == "TABLE" && !place.arguments.empty();
+    std::u16string const table = has_table ? sagleme::ToUtf16(place.arguments[0]) : u"";
+    if (!place.option.empty()) return ValuesOf(place.option, begun, session, table);
+    return Arguments(ArgumentAt(app, place.arguments.size()), begun, session, table);
+  }
+  return {};
 }
 
 }  // namespace
@@ -105,15 +213,8 @@ std::size_t LastWord(std::string const& line) {
 std::vector<std::string> Completions(Session& session, std::string const& line) {
   std::size_t const start = LastWord(line);
   std::string const begun = line.substr(start);
-  std::set<std::string> names;
-  if (line.find_first_not_of(" \t") >= start) {
-    names = CommandNames();
-  } else if (begun.starts_with('-')) {
-    auto const first = line.find_first_not_of(" \t");
-    names = OptionNames(line.substr(first, line.find_first_of(" \t", first) - first));
-  } else {
-    names = SchemaNames(session);
-  }
+  auto const words = SplitLine(line.substr(0, start));
+  Names const names = words.empty() ? CommandNames() : WordsBehind(session, words, begun);
   std::vector<std::string> fitting;
   for (std::string const& name : names) {
     if (name.starts_with(begun)) fitting.push_back(name);

@@ -11,11 +11,13 @@
 namespace tool {
 
 // Splits at blanks; quotation marks of either kind keep blanks, a backslash keeps the next
-// character. Failure with kUsage for a quotation mark that is never closed.
+// character, and a # in front of a word begins a comment. Failure with kUsage for a quotation mark
+// that is never closed.
 std::vector<std::string> SplitLine(std::string const& line);
 
-// What the last word of a line may be: a command in first place, behind it an option, a table, by
-// its full or short name, a column or an index. Sorted, without repetition.
+// What the last word of a line may be: a command in first place; behind it an option, or what the
+// argument or option takes there: a table, by its full or short name, a column of the table that
+// the line names, an index, a form, a file. Sorted, without repetition.
 std::vector<std::string> Completions(Session& session, std::string const& line);
 // The beginning that all of them share.
 std::string CommonBeginning(std::vector<std::string> const& words);
