@@ -1,0 +1,124 @@
+#include "attachment.h"
+
+#include "connection.h"
+#include "cursor.h"
+#include "failure.h"
+
+namespace sagleme::sql {
+
+Attachment::Attachment(std::shared_ptr<Store> store, std::string const& encoding)
+    : store_(std::move(store)), context_(store_->database()), encoding_(encoding) {
+  Begin();
+  Unlock();
+}
+
+Attachment::~Attachment() {
+  Unlock();
+  if (connection_ != nullptr) connection_->Remove(this);
+}
+
+void Attachment::Join(Connection* connection, std::string name) {
+  connection_ = connection;
+  name_ = std::move(name);
+}
+
+void Attachment::Open() {
+  store_->RequireOwnProcess();
+  transaction_.emplace(context_);
+}
+
+void Attachment::Adopt(SchemaPtr schema) {
+  image_ = Image(*schema, encoding_);
+  schema_ = std::move(schema);
+  last_table_ = nullptr;
+}
+
+void Attachment::Begin() {
+  End();
+  Open();
+  try {
+    if (schema_ == nullptr || schema_->generation() != transaction_->Generation()) {
+      Adopt(store_->SchemaOf(*transaction_));
+    }
+  } catch (...) {
+    transaction_.reset();
+    throw;
+  }
+  locked_ = true;
+}
+
+void Attachment::Unlock() noexcept {
+  locked_ = false;
+  End();
+}
+
+std::uint64_t Attachment::Estimate(Shape const& shape) {
+  bool const own = !transaction_.has_value();
+  if (own) Open();
+  std::uint64_t const rows = store_->Estimate(context(), shape);
+  if (own) transaction_.reset();
+  return rows;
+}
+
+// After a commit inside of a transaction of SQLite's, which goes on for statements that still read.
+Transaction& Attachment::transaction() {
+  if (!transaction_.has_value()) Open();
+  return *transaction_;
+}
+
+void Attachment::Forget() {
+  wrote_ = defined_ = false;
+  if (connection_ != nullptr) connection_->Release(this);
+}
+
+void Attachment::Drain() noexcept {
+  for (Cursor* const cursor : cursors_) cursor->Drain();
+}
+
+void Attachment::End() noexcept {
+  if (transaction_.has_value()) {
+    Drain();
+    transaction_.reset();
+  }
+  Forget();
+}
+
+void Attachment::NoteWrite() {
+  if (wrote_) return;
+  if (connection_ != nullptr) connection_->Claim(this);
+  wrote_ = true;
+}
+
+void Attachment::Commit() {
+  if (!wrote_) return;
+  Drain();
+  try {
+    transaction_->Commit();
+  } catch (...) {
+    transaction_.reset();
+    Forget();
+    throw;
+  }
+  transaction_.reset();
+  Forget();
+}
+
+void Attachment::Rollback() noexcept {
+  if (!wrote_) return;
+  End();
+}
+
+TablePtr Attachment::TableOf(std::uint64_t oid) {
+  LORV_STRING* record = nullptr;
+  auto const status = lorv_context_get_setspec(context(), oid, 0, &record);
+  if (status == LORV_STATUS_NULL) return nullptr;
+  detail::CheckKernel(status);
+  std::u16string_view const setspec(record->units, record->length);
+  if (last_table_ == nullptr || last_setspec_ != setspec) {
+    last_table_ = schema_->BySetspec(setspec);
+    last_setspec_ = setspec;
+  }
+  return last_table_;
+}
+
+}  // namespace sagleme::sql

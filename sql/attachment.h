@@ -1,0 +1,101 @@
+#ifndef SAGLEME_SQL_ATTACHMENT_H
+#define SAGLEME_SQL_ATTACHMENT_H
+
+// A database as one SQLite connection has it attached: a context, its transaction, and the file
+// that SQLite takes for the schema.
+//
+// To SQLite the schema is a database file that lists virtual tables. The file is made up from the
+// catalogue and lives in memory; see image.h and vfs.h. SQLite locks a file when a transaction
+// first reads it and unlocks it when the transaction ends, which is how a snapshot here begins and
+// ends, and a statement of a moment sees one state of definitions and objects. When the file is
+// locked and the schema has another generation than before, the file changes with its schema
+// cookie, and SQLite reads the definitions again and prepares its statements anew.
+//
+// One thread at a time uses an attachment: SQLite's lock of the connection sees to that.
+
+#include <memory>
+#include <optional>
+#include <sagleme/host.hpp>
+#include <string>
+#include <vector>
+
+#include "api.h"
+#include "image.h"
+#include "store.h"
+
+namespace sagleme::sql {
+
+class Connection;
+class Cursor;
+
+class Attachment {
+ public:
+  Attachment(std::shared_ptr<Store> store, std::string const& encoding);
+  ~Attachment();
+  Attachment(Attachment const&) = delete;
+  Attachment& operator=(Attachment const&) = delete;
+
+  Store& store() const { return *store_; }
+  std::uint64_t context() const { return context_.id(); }
+  // The open transaction. REQUIRES: Touch, or a locked file.
+  Transaction& transaction();
+  bool in_transaction() const { return transaction_.has_value(); }
+  // The schema that SQLite was told last.
+  SchemaPtr const& schema() const { return schema_; }
+  Connection* connection() const { return connection_; }
+  std::string const& name() const { return name_; }
+  void Join(Connection* connection, std::string name);
+
+  // About how many objects a table holds, also while no transaction is open.
+  std::uint64_t Estimate(Shape const& shape);
+
+  // ---- the file's side
+  Image& image() { return image_; }
+  // The file is locked: a snapshot begins.
+  void Begin();
+  // The file is unlocked: what was not committed is undone.
+  void Unlock() noexcept;
+  bool locked() const { return locked_; }
+
+  // ---- writing
+  bool wrote() const { return wrote_; }
+  void NoteWrite();
+  void NoteDefinition() { defined_ = true; }
+  bool defined() const { return defined_; }
+  // Keeps what was written. Cursors that are open go on with the objects that they had ahead.
+  void Commit();
+  void Rollback() noexcept;
+
+  // ---- cursors
+  void Add(Cursor* cursor) { cursors_.push_back(cursor); }
+  void Remove(Cursor* cursor) { std::erase(cursors_, cursor); }
+
+  // The table of an object, from its set specifier. Null when it was dropped.
+  TablePtr TableOf(std::uint64_t oid);
+
+ private:
+  void Open();
+  void End() noexcept;
+  void Adopt(SchemaPtr schema);
+  void Drain() noexcept;
+  void Forget();
+
+  std::shared_ptr<Store> store_;
+  Context context_;
+  std::optional<Transaction> transaction_;
+  SchemaPtr schema_;
+  Image image_;
+  std::string encoding_;
+  Connection* connection_ = nullptr;
+  std::string name_;
+  bool locked_ = false;
+  bool wrote_ = false;
+  bool defined_ = false;  // the schema was changed in this transaction
+  std::vector<Cursor*> cursors_;
+  std::u16string last_setspec_;
+  TablePtr last_table_;
+};
+
+}  // namespace sagleme::sql
+
+#endif

@@ -1,0 +1,57 @@
+#ifndef SAGLEME_SQL_CONNECTION_H
+#define SAGLEME_SQL_CONNECTION_H
+
+// What belongs to one SQLite connection: its attachments, and which of them its transaction writes.
+//
+// Modules and functions registered with SQLite share it; it goes with the last of them.
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "api.h"
+
+namespace sagleme::sql {
+
+class Attachment;
+
+class Connection {
+ public:
+  explicit Connection(sqlite3* handle) : handle_(handle) {}
+  ~Connection();
+  Connection(Connection const&) = delete;
+  Connection& operator=(Connection const&) = delete;
+
+  sqlite3* handle() const { return handle_; }
+  std::vector<Attachment*> const& attachments() const { return attachments_; }
+
+  // Attaches the database in a directory; an empty `schema` is named after the directory. Returns
+  // the name.
+  std::string Attach(std::string const& directory, std::string schema);
+  // The attachment behind a schema, or, for an empty name, the only one there is. Failure when
+  // there is none or more than one.
+  Attachment& Find(std::string const& schema);
+  // The same, null when there is none of that name.
+  Attachment* Known(char const* schema);
+  // By the number that references carry; null when it is detached.
+  Attachment* At(unsigned number) const;
+  unsigned NumberOf(Attachment const* attachment) const;
+  void Remove(Attachment* attachment);
+
+  // Makes sure that SQLite holds the attachment's file locked, so that a transaction is open, and
+  // ends when the statement that is running, or the transaction around it, does.
+  void Touch(Attachment& attachment);
+
+  // A transaction writes one database. Failure when it is another one already.
+  void Claim(Attachment* attachment);
+  void Release(Attachment* attachment);
+
+ private:
+  sqlite3* handle_;
+  std::vector<Attachment*> attachments_;  // detached ones leave a null behind
+  Attachment* writer_ = nullptr;
+};
+
+}  // namespace sagleme::sql
+
+#endif

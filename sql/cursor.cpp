@@ -1,0 +1,272 @@
+#include "cursor.h"
+
+#include <algorithm>
+
+#include "attachment.h"
+#include "connection.h"
+#include "failure.h"
+#include "table.h"
+#include "text.h"
+
+namespace sagleme::sql {
+namespace {
+
+using SpanLists = std::vector<std::vector<Span>>;
+
+// The spans that one use leaves: of its value, or of each in its list.
+std::vector<Span> SpansOfUse(Type type, Use const& use, sqlite3_value* value) {
+  if (!use.in) return SpansOf(type, use.op, value);
+  std::vector<Span> spans;
+  sqlite3_value* each = nullptr;
+  int code = sqlite3_vtab_in_first(value, &each);
+  for (; code == SQLITE_OK && each != nullptr; code = sqlite3_vtab_in_next(value, &each)) {
+    auto const more = SpansOf(type, SQLITE_INDEX_CONSTRAINT_EQ, each);
+    spans.insert(spans.end(), more.begin(), more.end());
+  }
+  if (code != SQLITE_OK && code != SQLITE_DONE) throw Failure(code, "The list cannot be read.");
+  Normalise(spans);
+  return spans;
+}
+
+std::vector<Span> Both(std::vector<Span> const& a, std::vector<Span> const& b) {
+  std::vector<Span> both;
+  for (Span const& left : a) {
+    for (Span const& right : b) {
+      if (auto const common = Intersection(left, right)) both.push_back(*common);
+    }
+  }
+  Normalise(both);
+  return both;
+}
+
+// For each of the first parts of the index what is left of it.
+SpanLists Collect(ShapeIndex const& index, Plan const& plan, sqlite3_value** values) {
+  SpanLists lists;
+  for (std::size_t i = 0; i < plan.uses.size(); ++i) {
+    Use const& use = plan.uses[i];
+    std::vector<Span> spans = SpansOfUse(index.parts[use.part].type, use, values[i]);
+    if (use.part < lists.size()) {
+      lists[use.part] = Both(lists[use.part], spans);
+    } else {
+      lists.push_back(std::move(spans));
+    }
+  }
+  return lists;
+}
+
+// All ways to take one span from each list, in the order of the index; a span that is no point ends
+// its way.
+void Combine(ShapeIndex const& index, SpanLists const& lists, std::vector<Span>& taken,
+             std::vector<KeyRange>& ranges) {
+  std::size_t const part = taken.size();
+  bool const at_end = part == lists.size() || (!taken.empty() && !taken.back().IsPoint());
+  if (at_end) {
+    ranges.push_back(RangeOf(index, taken));
+    return;
+  }
+  auto const follow = [&](Span const& span) {
+    taken.push_back(span);
+    Combine(index, lists, taken, ranges);
+    taken.pop_back();
+  };
+  if (index.parts[part].ascending) {
+    std::for_each(lists[part].begin(), lists[part].end(), follow);
+  } else {
+    std::for_each(lists[part].rbegin(), lists[part].rend(), follow);
+  }
+}
+
+// Whether rows of the ranges come in the order of the columns behind those that equal one value.
+bool EqualsArePoints(Plan const& plan, SpanLists const& lists) {
+  for (Use const& use : plan.uses) {
+    bool const equal = use.op == SQLITE_INDEX_CONSTRAINT_EQ ||
+                       use.op == SQLITE_INDEX_CONSTRAINT_IS ||
+                       use.op == SQLITE_INDEX_CONSTRAINT_ISNULL;
+    auto const& spans = lists[use.part];
+    if (equal && !spans.empty() && (spans.size() > 1 || !spans.front().IsPoint())) return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+Cursor::Cursor(VirtualTable& table) : sqlite3_vtab_cursor{}, table_(table) {}
+
+Cursor::~Cursor() {
+  Reset();
+  if (attachment_ != nullptr) attachment_->Remove(this);
+}
+
+void Cursor::CloseScan() {
+  if (iterator_ != 0) lorv_iterator_free(iterator_);
+  iterator_ = 0;
+}
+
+void Cursor::Reset() {
+  CloseScan();
+  row_ = {};
+  ranges_.clear();
+  range_ = 0;
+  ids_.clear();
+  id_ = 0;
+  by_id_ = in_runs_ = all_one_run_ = drained_ = lost_ = check_set_ = false;
+  ready_.clear();
+}
+
+RowId Cursor::RowAt(std::uint64_t oid, std::uint64_t position) const {
+  return {oid, position << 16 | layout_};
+}
+
+void Cursor::PrepareIds(Plan const& plan, sqlite3_value* value) {
+  by_id_ = true;
+  for (Span const& span : SpansOfUse(Type::kULong, plan.uses.front(), value)) {
+    if (span.first.kind == Bound::Kind::kWord && span.IsPoint()) ids_.push_back(span.first.word);
+  }
+}
+
+void Cursor::PrepareIndex(Plan const& plan, int, sqlite3_value** values) {
+  ShapeIndex const& index = table_.shape->indexes[plan.index];
+  index_ = index.handle;
+  check_set_ = !index.own;
+  SpanLists const lists = Collect(index, plan, values);
+  std::vector<Span> taken;
+  Combine(index, lists, taken, ranges_);
+  if (reverse_) std::reverse(ranges_.begin(), ranges_.end());
+  order_ = plan.order;
+  all_one_run_ = plan.ordered && !order_.empty() && !EqualsArePoints(plan, lists);
+  in_runs_ = plan.ordered && (all_one_run_ || RunOrder(context_, order_).needed());
+}
+
+void Cursor::Prepare(Plan const& plan, int count, sqlite3_value** values) {
+  reverse_ = plan.reverse;
+  switch (plan.kind) {
+    case Plan::Kind::kId:
+      PrepareIds(plan, values[0]);
+      break;
+    case Plan::Kind::kIndex:
+      PrepareIndex(plan, count, values);
+      break;
+    case Plan::Kind::kScan:
+      index_ = metalayer::MotherOfAllLayouts::index_id_MotherOfAllLayouts_SetspecIndex();
+      ranges_.push_back(RangeOfSet(*table_.shape->table, table_.shape->only));
+      break;
+  }
+}
+
+void Cursor::Filter(Plan const& plan, int count, sqlite3_value** values) {
+  if (attachment_ == nullptr) {
+    attachment_ = &table_.Attached();
+    attachment_->Add(this);
+  }
+  Reset();
+  table_.Begin();
+  context_ = attachment_->context();
+  layout_ = table_.shape->table->layout;
+  Prepare(plan, count, values);
+  Next();
+}
+
+void Cursor::OpenRange(KeyRange const& range) {
+  detail::CheckKernel(lorv_context_create_iterator(
+      context_, index_, reverse_ ? LORV_ITERATOR_REVERSE : LORV_ITERATOR_FORWARD,
+      (reverse_ ? range.last : range.first).data(), (reverse_ ? range.first : range.last).data(),
+      &iterator_));
+}
+
+bool Cursor::Keep(RowId& row) {
+  std::uint64_t addr = 0;
+  auto const status = lorv_context_lookup(context_, row.oid, &addr);
+  if (status == LORV_STATUS_NO_OBJECT || status == LORV_STATUS_UNREACHABLE) return false;
+  detail::CheckKernel(status);
+  row.addr = (addr & ~std::uint64_t{0xFFFF}) | layout_;
+  return table_.Holds(*attachment_, row.oid);
+}
+
+bool Cursor::Scan(RowId& row) {
+  while (by_id_ && id_ < ids_.size()) {
+    row = RowAt(ids_[id_++], 0);
+    if (row.oid != 0 && Keep(row)) return true;
+  }
+  while (iterator_ != 0 || range_ < ranges_.size()) {
+    if (iterator_ == 0) OpenRange(ranges_[range_++]);
+    LORV_REFERENCE found{};
+    detail::CheckKernel(lorv_iterator_next(iterator_, &found));
+    if (found.oid == 0) {
+      CloseScan();
+      continue;
+    }
+    row = RowAt(found.oid, found.position);
+    if (!check_set_ || table_.Holds(*attachment_, row.oid)) return true;
+  }
+  return false;
+}
+
+// Reads on up to the next plain row and puts what stands before it in order.
+bool Cursor::FetchRun(RowId& row) {
+  if (ready_.empty()) {
+    RunOrder const order(context_, order_);
+    std::vector<RowId> run;
+    RowId next;
+    bool more = Scan(next);
+    for (; more && (all_one_run_ || !order.IsPlain(next)); more = Scan(next)) run.push_back(next);
+    order.Sort(run);
+    ready_.assign(run.begin(), run.end());
+    if (more) ready_.push_back(next);
+    if (ready_.empty()) return false;
+  }
+  row = ready_.front();
+  ready_.pop_front();
+  return true;
+}
+
+bool Cursor::Fetch(RowId& row) {
+  if (!drained_) return in_runs_ ? FetchRun(row) : Scan(row);
+  if (lost_) throw std::bad_alloc();
+  attachment_->transaction();
+  while (!ready_.empty()) {
+    row = ready_.front();
+    ready_.pop_front();
+    if (Keep(row)) return true;
+  }
+  return false;
+}
+
+void Cursor::Next() {
+  RowId row;
+  row_ = Fetch(row) ? row : RowId{};
+}
+
+void Cursor::Drain() noexcept {
+  if (drained_) return;
+  try {
+    std::deque<RowId> rest;
+    RowId row;
+    while (!AtEnd() && Fetch(row)) rest.push_back(row);
+    ready_ = std::move(rest);
+  } catch (std::exception const&) {
+    lost_ = true;
+  }
+  CloseScan();
+  drained_ = true;
+}
+
+void Cursor::Column(sqlite3_context* result, int column) {
+  if (sqlite3_vtab_nochange(result)) return;
+  Shape const& shape = *table_.shape;
+  if (ShapeColumn const* const found = shape.ColumnAt(column)) {
+    Result(result, {context_, row_.oid, row_.addr, found->ordinal}, found->type, table_.number);
+    return;
+  }
+  if (shape.IsHidden(column, Hidden::kId)) {
+    sqlite3_result_int64(result, static_cast<sqlite3_int64>(row_.oid));
+  } else if (shape.IsHidden(column, Hidden::kVersion)) {
+    std::uint64_t addr = 0;
+    detail::CheckKernel(lorv_context_lookup(context_, row_.oid, &addr));
+    sqlite3_result_int64(result, static_cast<sqlite3_int64>(addr & 0xFFFF));
+  } else if (TablePtr const table = attachment_->TableOf(row_.oid)) {
+    std::string const name = ToSqlText(table->name);
+    sqlite3_result_text64(result, name.data(), name.size(), SQLITE_TRANSIENT, SQLITE_UTF8);
+  }
+}
+
+}  // namespace sagleme::sql

@@ -1,0 +1,76 @@
+#ifndef SAGLEME_SQL_CURSOR_H
+#define SAGLEME_SQL_CURSOR_H
+
+// One pass over a table by a plan.
+//
+// Rows are named by id and read column by column when SQLite asks. A commit or rollback in the
+// middle of a pass ends the kernel's scan: the ids that were still to come are taken down before,
+// and looked up one by one afterwards.
+
+#include <deque>
+#include <vector>
+
+#include "api.h"
+#include "keys.h"
+#include "order.h"
+#include "plan.h"
+
+namespace sagleme::sql {
+
+class Attachment;
+struct VirtualTable;
+
+class Cursor : public sqlite3_vtab_cursor {
+ public:
+  explicit Cursor(VirtualTable& table);
+  ~Cursor();
+  Cursor(Cursor const&) = delete;
+  Cursor& operator=(Cursor const&) = delete;
+
+  void Filter(Plan const& plan, int count, sqlite3_value** values);
+  void Next();
+  bool AtEnd() const { return row_.oid == 0; }
+  std::uint64_t oid() const { return row_.oid; }
+  void Column(sqlite3_context* result, int column);
+  // Takes down what is still to come. Never fails: what could not be taken down is an error of the
+  // next step.
+  void Drain() noexcept;
+
+ private:
+  void Reset();
+  void CloseScan();
+  void Prepare(Plan const& plan, int count, sqlite3_value** values);
+  void PrepareIds(Plan const& plan, sqlite3_value* value);
+  void PrepareIndex(Plan const& plan, int count, sqlite3_value** values);
+  void OpenRange(KeyRange const& range);
+  bool Scan(RowId& row);   // the next row of the ranges
+  bool Fetch(RowId& row);  // the next row in the order that SQLite wants
+  bool FetchRun(RowId& row);
+  bool Keep(RowId& row);  // whether an object that was found by its id is of this table
+  RowId RowAt(std::uint64_t oid, std::uint64_t position) const;
+
+  VirtualTable& table_;
+  Attachment* attachment_ = nullptr;
+  std::uint64_t context_ = 0;
+  std::uint64_t layout_ = 0;
+  RowId row_;
+  std::uint64_t index_ = 0;
+  std::uint64_t iterator_ = 0;
+  bool reverse_ = false;
+  bool check_set_ = false;  // the index holds objects of other tables too
+  std::vector<KeyRange> ranges_;
+  std::size_t range_ = 0;
+  std::vector<std::uint64_t> ids_;  // in their stead
+  std::size_t id_ = 0;
+  bool by_id_ = false;
+  std::vector<OrderColumn> order_;
+  bool in_runs_ = false;
+  bool all_one_run_ = false;
+  std::deque<RowId> ready_;
+  bool drained_ = false;
+  bool lost_ = false;
+};
+
+}  // namespace sagleme::sql
+
+#endif

@@ -1,0 +1,59 @@
+#include "failure.h"
+
+#include <new>
+
+namespace sagleme::sql {
+
+int ResultCode(std::uint32_t status) {
+  switch (status) {
+    case LSCOREDB_CONFLICT:
+      // The transaction is over and can be run again; waiting for a lock would not help.
+      return SQLITE_BUSY_SNAPSHOT;
+    case LSCOREDB_TOO_MANY_READERS:
+    case LSCOREDB_IN_USE:
+      return SQLITE_BUSY;
+    case LSCOREDB_DUPLICATE_KEY:
+    case LSCOREDB_ID_IN_USE:
+      return SQLITE_CONSTRAINT;
+    case LSCOREDB_NO_MEMORY:
+      return SQLITE_NOMEM;
+    case LSCOREDB_READ_ONLY:
+      return SQLITE_READONLY;
+    case LSCOREDB_TOO_LARGE:
+      return SQLITE_TOOBIG;
+    case LSCOREDB_MAP_FULL:
+    case LSCOREDB_DISK_FULL:
+      return SQLITE_FULL;
+    case LSCOREDB_IO_ERROR:
+      return SQLITE_IOERR;
+    case LSCOREDB_DAMAGED:
+      return SQLITE_CORRUPT;
+    case LSCOREDB_CANNOT_OPEN:
+      return SQLITE_CANTOPEN;
+    case LSCOREDB_NOT_A_DATABASE:
+    case LSCOREDB_NEWER_FORMAT:
+      return SQLITE_NOTADB;
+    default:
+      return SQLITE_ERROR;
+  }
+}
+
+int Guarded(std::function<void()> const& work, std::function<void(char const*)> const& tell) {
+  try {
+    work();
+    return SQLITE_OK;
+  } catch (Failure const& failure) {
+    tell(failure.what());
+    return failure.code();
+  } catch (Error const& error) {
+    tell(error.what());
+    return ResultCode(error.status());
+  } catch (std::bad_alloc const&) {
+    return SQLITE_NOMEM;
+  } catch (std::exception const& error) {
+    tell(error.what());
+    return SQLITE_ERROR;
+  }
+}
+
+}  // namespace sagleme::sql

@@ -1,0 +1,42 @@
+#ifndef SAGLEME_SQL_FAILURE_H
+#define SAGLEME_SQL_FAILURE_H
+
+// Failures on their way to SQLite: a result code and a text.
+
+#include <functional>
+#include <sagleme/host.hpp>
+#include <stdexcept>
+#include <string>
+
+#include "api.h"
+
+namespace sagleme::sql {
+
+class Failure : public std::runtime_error {
+ public:
+  Failure(int code, std::string const& text) : std::runtime_error(text), code_(code) {}
+  int code() const { return code_; }
+
+ private:
+  int code_;
+};
+
+// The result code that tells a client what to do about a status.
+int ResultCode(std::uint32_t status);
+
+// Runs `work` at the border to SQLite, which knows no exceptions: SQLITE_OK, or the code of what
+// was thrown, with its text handed to `tell`.
+int Guarded(std::function<void()> const& work, std::function<void(char const*)> const& tell);
+
+// The same for a method of a virtual table, whose text SQLite frees.
+template <typename Work>
+int GuardedMethod(sqlite3_vtab* table, Work&& work) {
+  return Guarded(work, [table](char const* text) {
+    sqlite3_free(table->zErrMsg);
+    table->zErrMsg = sqlite3_mprintf("%s", text);
+  });
+}
+
+}  // namespace sagleme::sql
+
+#endif

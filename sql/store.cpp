@@ -1,0 +1,81 @@
+#include "store.h"
+
+#include <unistd.h>
+
+#include <filesystem>
+#include <map>
+
+#include "failure.h"
+
+namespace sagleme::sql {
+namespace {
+
+std::string Canonical(std::string const& directory) {
+  std::error_code error;
+  auto const path = std::filesystem::canonical(directory, error);
+  if (error) {
+    throw Failure(SQLITE_CANTOPEN,
+                  "There is no database in " + directory + ": " + error.message() + ".");
+  }
+  return path.string();
+}
+
+}  // namespace
+
+std::shared_ptr<Store> Store::Open(std::string const& directory) {
+  static std::mutex mutex;
+  static std::map<std::string, std::weak_ptr<Store>> open;
+  std::string const path = Canonical(directory);
+  std::lock_guard const lock(mutex);
+  std::shared_ptr<Store> store = open[path].lock();
+  if (store != nullptr && store->process_ == getpid()) return store;
+  open[path] = store = std::make_shared<Store>(path);
+  return store;
+}
+
+Store::Store(std::string directory)
+    : directory_(std::move(directory)), process_(getpid()), database_(Database::Open(directory_)) {}
+
+void Store::RequireOwnProcess() const {
+  if (process_ == getpid()) return;
+  throw Failure(SQLITE_MISUSE, directory_ +
+                                   " was attached before this process was forked; open the "
+                                   "connection and attach the database anew.");
+}
+
+SchemaPtr Store::SchemaOf(Transaction& transaction) {
+  std::uint64_t const generation = transaction.Generation();
+  std::lock_guard const lock(mutex_);
+  if (newest_ != nullptr && newest_->generation() == generation) return newest_;
+  SchemaPtr schema = Schema::Read(transaction);
+  if (newest_ == nullptr || newest_->generation() < generation) newest_ = schema;
+  return schema;
+}
+
+void Store::RefreshCounts(std::uint64_t context) {
+  std::uint64_t const now = database_.Statistics().last_commit;
+  // Counting costs about as much as there are layouts, and estimates may lag behind.
+  if (!counts_.empty() && now - counted_at_ < 1 + counts_.size() / 16) return;
+  std::uint32_t count = 0;
+  detail::CheckKernel(lscoredb_layout_stats(context, &count, nullptr));
+  std::vector<lscoredb_layout_statistics> layouts(count + 8);
+  count = static_cast<std::uint32_t>(layouts.size());
+  detail::CheckKernel(lscoredb_layout_stats(context, &count, layouts.data()));
+  layouts.resize(std::min<std::size_t>(count, layouts.size()));
+  counts_.clear();
+  for (auto const& each : layouts) counts_[each.token] += each.objects;
+  counted_at_ = now;
+}
+
+std::uint64_t Store::Estimate(std::uint64_t context, Shape const& shape) {
+  std::lock_guard const lock(mutex_);
+  RefreshCounts(context);
+  std::uint64_t sum = 0;
+  for (std::uint64_t const token : shape.layout_tokens) {
+    auto const found = counts_.find(token);
+    if (found != counts_.end()) sum += found->second;
+  }
+  return sum;
+}
+
+}  // namespace sagleme::sql

@@ -1,0 +1,51 @@
+#ifndef SAGLEME_SQL_STORE_H
+#define SAGLEME_SQL_STORE_H
+
+// An open database, shared by all connections of the process that have it attached.
+//
+// Threads may use a store at the same time; a connection works in a context of its own.
+
+#include <sys/types.h>
+
+#include <memory>
+#include <mutex>
+#include <sagleme/host.hpp>
+#include <string>
+#include <unordered_map>
+
+#include "schema.h"
+
+namespace sagleme::sql {
+
+class Store {
+ public:
+  // The one that is open already, or a new one. Failure for a directory without a database.
+  static std::shared_ptr<Store> Open(std::string const& directory);
+
+  explicit Store(std::string directory);
+
+  std::string const& directory() const { return directory_; }
+  Database const& database() const { return database_; }
+  // Failure in a process forked since: what the parent has open is not for its use.
+  void RequireOwnProcess() const;
+
+  // The schema as a transaction without changes of it finds it.
+  SchemaPtr SchemaOf(Transaction& transaction);
+  // About how many objects a table holds.
+  std::uint64_t Estimate(std::uint64_t context, Shape const& shape);
+
+ private:
+  void RefreshCounts(std::uint64_t context);
+
+  std::string directory_;
+  pid_t process_;
+  Database database_;
+  std::mutex mutex_;
+  SchemaPtr newest_;
+  std::unordered_map<std::uint64_t, std::uint64_t> counts_;  // by token of layouts
+  std::uint64_t counted_at_ = 0;                             // the commit
+};
+
+}  // namespace sagleme::sql
+
+#endif
