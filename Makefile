@@ -7,7 +7,9 @@ DATA    := build/data
 STATUS  ?= /var/lib/dpkg/status
 ARGS    ?=
 
-.PHONY: help setup build run test bench lint tidy clean
+PYTHON_PACKAGES := patchelf python3-dev python3-pandas python3-pip python3-setuptools python3-wheel
+
+.PHONY: help setup build run test bench lint tidy clean python run-python
 
 help:
 	@echo "make run    build everything, then load this machine's package database, ask it questions"
@@ -16,6 +18,9 @@ help:
 	@echo "make test   build everything and run the tests"
 	@echo "make bench  measure sagleme beside LMDB, SQLite and, where it is installed, PostgreSQL;"
 	@echo "            four minutes, and docs/performance.md is written anew"
+	@echo "make python build the Python package: a wheel in dist/"
+	@echo "make run-python"
+	@echo "            build the Python package in place and run the README's program on it"
 	@echo "make build  build the libraries, the example and the tests"
 	@echo "make lint   check the house rules on a built tree"
 	@echo "make tidy   run clang-tidy over the sources (needs clang-tidy)"
@@ -40,6 +45,21 @@ run: setup $(BUILD)/build.ninja
 	@mkdir -p $(DATA)
 	$(EXAMPLE)/packages $(STATUS) --database $(DATA)/packages $(ARGS)
 	$(EXAMPLE)/packages --evolve --database $(DATA)/packages
+
+# The wheel carries the libraries; it is built without a network.
+python: | setup
+	@tools/setup $(PYTHON_PACKAGES)
+	/usr/bin/python3 -m pip wheel --quiet --no-deps --no-build-isolation --no-index \
+	  --wheel-dir dist ./python
+	@ls dist/sagleme-*.whl
+
+run-python: | setup
+	@tools/setup $(PYTHON_PACKAGES)
+	cmake --preset release -DSAGLEME_PYTHON=ON
+	cmake --build $(BUILD) --target sagleme_python
+	rm -rf $(DATA)/python && mkdir -p $(DATA)/python
+	cd $(DATA)/python && PYTHONPATH=$(CURDIR)/$(BUILD)/python /usr/bin/python3 \
+	  $(CURDIR)/python/tests/sketch.py
 
 test: build
 	ctest --test-dir $(BUILD) --output-on-failure -j$$(nproc)

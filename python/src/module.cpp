@@ -3,7 +3,7 @@
 #include <lscoredb/host.h>
 
 #include "catalogue.h"
-#include "scan.h"
+#include "columns.h"
 
 namespace binding {
 
@@ -19,6 +19,9 @@ PyObject* StatusText(PyObject*, PyObject* status) {
 }
 
 PyMethodDef g_functions[] = {{"scan", NewScan, METH_VARARGS, nullptr},
+                             {"collect", Collect, METH_VARARGS, nullptr},
+                             {"insert_arrow", InsertArrow, METH_VARARGS, nullptr},
+                             {"insert_rows", InsertRows, METH_VARARGS, nullptr},
                              {"catalogue", Catalogue, METH_O, nullptr},
                              {"create_table", CreateTable, METH_VARARGS, nullptr},
                              {"add_columns", AddColumns, METH_VARARGS, nullptr},
@@ -52,8 +55,9 @@ PyMODINIT_FUNC PyInit__core() {
   using namespace binding;
   Ref module(PyModule_Create(&g_module));
   if (!module) return nullptr;
-  for (PyTypeObject* const type : {&g_database_type, &g_context_type, &g_transaction_type,
-                                   &g_view_type, &g_object_type, &g_field_type, &g_scan_type}) {
+  for (PyTypeObject* const type :
+       {&g_database_type, &g_context_type, &g_transaction_type, &g_view_type, &g_object_type,
+        &g_field_type, &g_scan_type, &g_columns_type, &g_buffer_type}) {
     if (!AddType(module.get(), *type)) return nullptr;
   }
   return module.release();

@@ -115,12 +115,15 @@ std::string Where(BoundColumn const& column) {
   Raise("BadValue", Where(column) + " takes " + range + ", not " + ReprOf(value));
 }
 
+// A whole number of Python's or of another library's; truth values are none.
+Ref WholeOf(BoundColumn const& column, PyObject* value) {
+  if (PyBool_Check(value) || !PyIndex_Check(value)) RaiseWrongType(column, value);
+  return Ref(Need(PyNumber_Index(value)));
+}
+
 std::int64_t ToLong(BoundColumn const& column, PyObject* value) {
-  Ref const index(PyLong_Check(value) && !PyBool_Check(value)    ? Py_NewRef(value)
-                  : PyIndex_Check(value) && !PyBool_Check(value) ? PyNumber_Index(value)
-                                                                 : nullptr);
-  if (!index) RaiseWrongType(column, value);
-  long long const number = PyLong_AsLongLong(index.get());
+  Ref const whole = WholeOf(column, value);
+  long long const number = PyLong_AsLongLong(whole.get());
   if (number == -1 && PyErr_Occurred()) {
     RaiseOutOfRange(column, value, "int from -2**63 to 2**63 - 1");
   }
@@ -128,8 +131,8 @@ std::int64_t ToLong(BoundColumn const& column, PyObject* value) {
 }
 
 std::uint64_t ToULong(BoundColumn const& column, PyObject* value) {
-  if (!PyLong_Check(value) || PyBool_Check(value)) RaiseWrongType(column, value);
-  unsigned long long const number = PyLong_AsUnsignedLongLong(value);
+  Ref const whole = WholeOf(column, value);
+  unsigned long long const number = PyLong_AsUnsignedLongLong(whole.get());
   if (PyErr_Occurred()) RaiseOutOfRange(column, value, "int from 0 to 2**64 - 1");
   return number;
 }

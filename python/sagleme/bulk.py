@@ -1,0 +1,185 @@
+"""Many values at once: into NumPy, pandas and Arrow, and out of them."""
+
+from __future__ import annotations
+
+import itertools
+from collections.abc import Callable, Iterable
+from typing import Any
+
+from . import _core, models
+from .errors import WrongType
+
+_INTEGERS = {models.LONG: "int64", models.ULONG: "uint64", models.KEY: "uint64",
+             models.REFERENCE: "uint64"}
+_REALS = {models.FLOAT: "float32", models.DOUBLE: "float64"}
+
+
+def columns_of(rows: Any) -> Any:
+    """The columns of a selection, collected by the extension."""
+    access = rows._access()
+    if not access.ordered:
+        raise WrongType("columns come in the order of an index; sort the frame instead of the query")
+    scan = rows._scan(access, rows._outputs, rows._limit, rows._offset)
+    return _core.collect(scan, rows.names)
+
+
+def _numpy_column(numpy: Any, columns: Any, place: int, kind: int) -> Any:
+    if kind in (models.STRING, models.BINARY, models.DECIMAL):
+        array = numpy.empty(len(columns), dtype=object)
+        array[:] = columns.list(place)
+        return array
+    words = columns.words(place)
+    if kind in _REALS:
+        array = numpy.frombuffer(words, dtype="float64")
+        array = array.astype(_REALS[kind], copy=False)
+    elif kind == models.BOOL:
+        array = numpy.frombuffer(words, dtype="uint64").astype(bool)
+    elif kind == models.DATETIME:
+        array = numpy.frombuffer(words, dtype="datetime64[us]")
+    else:
+        array = numpy.frombuffer(words, dtype=_INTEGERS[kind])
+    if columns.nulls(place) == 0:
+        return array
+    return numpy.ma.masked_array(array, numpy.frombuffer(columns.valid(place), dtype="uint8") == 0)
+
+
+def to_numpy(rows: Any) -> dict[str, Any]:
+    import numpy
+
+    columns = columns_of(rows)
+    return {name: _numpy_column(numpy, columns, place, kind)
+            for place, (name, kind) in enumerate(columns.names)}
+
+
+def to_pandas(rows: Any) -> Any:
+    import numpy
+    import pandas
+
+    ordered = rows._access().ordered
+    columns = columns_of(rows if ordered else rows._copy(_orders=[], _limit=None, _offset=0))
+    frame = pandas.DataFrame(
+        {name: _pandas_column(pandas, numpy, columns, place, kind)
+         for place, (name, kind) in enumerate(columns.names)}, copy=False)
+    return frame if ordered else _sorted_frame(rows, frame)
+
+
+def _sorted_frame(rows: Any, frame: Any) -> Any:
+    """Sorts in Python what no index sorts."""
+    import pandas
+
+    return pandas.DataFrame(list(rows), columns=frame.columns).astype(frame.dtypes.to_dict())
+
+
+def _pandas_column(pandas: Any, numpy: Any, columns: Any, place: int, kind: int) -> Any:
+    array = _numpy_column(numpy, columns, place, kind)
+    if kind == models.DATETIME:
+        plain = numpy.ma.getdata(array).copy()
+        plain[numpy.ma.getmaskarray(array)] = numpy.datetime64("NaT")
+        return pandas.to_datetime(plain, utc=True)
+    if not isinstance(array, numpy.ma.MaskedArray):
+        return array
+    data, mask = numpy.ma.getdata(array), numpy.ma.getmaskarray(array)
+    if kind in _INTEGERS:
+        return pandas.arrays.IntegerArray(data.copy(), mask)
+    if kind == models.BOOL:
+        return pandas.arrays.BooleanArray(data, mask)
+    return numpy.where(mask, numpy.nan, data)
+
+
+# ---- the other way
+
+
+def insert_many(tx: Any, cls: Any, rows: Any, progress: bool) -> int:
+    """Makes objects of rows, of a frame, or of what speaks Arrow."""
+    if hasattr(rows, "__arrow_c_stream__"):
+        with _Bar(progress, None) as bar:
+            return int(_core.insert_arrow(tx, cls, rows.__arrow_c_stream__(), bar.add))
+    if hasattr(rows, "dtypes") and hasattr(rows, "columns"):
+        return _insert_frame(tx, cls, rows, progress)
+    return _insert_rows(tx, cls, rows, progress)
+
+
+def _columns_named(cls: Any, names: Iterable[str]) -> list[Any]:
+    found = []
+    for name in names:
+        column = cls._columns.get(name)
+        if column is None:
+            raise WrongType(f"{cls.__name__} has no column {name!r}")
+        found.append(column)
+    return found
+
+
+def _insert_frame(tx: Any, cls: Any, frame: Any, progress: bool) -> int:
+    columns = _columns_named(cls, map(str, frame.columns))
+    lists = [_values_of(tx, column, frame[name])
+             for column, name in zip(columns, frame.columns)]
+    rows = zip(*lists)
+    return int(_core.insert_rows(tx, cls, columns, _watched(rows, progress, len(frame))))
+
+
+def _values_of(tx: Any, column: Any, series: Any) -> list[Any]:
+    """A column of a frame as values that the extension takes; what pandas calls missing is None."""
+    missing = series.isna().to_numpy()
+    if column._kind == models.DATETIME:
+        values = [each.to_pydatetime(warn=False) for each in series.dt.floor("us")]
+    else:
+        values = series.tolist()
+    convert: Callable[[Any], Any] | None = None
+    if column._kind == models.REFERENCE:
+        convert = tx._get
+    elif column._kind in _INTEGERS and series.dtype.kind == "f":
+        convert = _whole
+    elif column._kind == models.BOOL and series.dtype.kind == "b":
+        convert = bool
+    if not missing.any() and convert is None:
+        return list(values)
+    keep = convert or (lambda value: value)
+    return [None if gone else keep(value) for value, gone in zip(values, missing)]
+
+
+def _whole(value: float) -> Any:
+    """pandas keeps whole numbers as floats where some are missing."""
+    return int(value) if value == int(value) else value
+
+
+def _insert_rows(tx: Any, cls: Any, rows: Iterable[Any], progress: bool) -> int:
+    total = len(rows) if hasattr(rows, "__len__") else None
+    iterator = iter(rows)
+    first = next(iterator, None)
+    if first is None:
+        return 0
+    if isinstance(first, dict):
+        columns = _columns_named(cls, first)
+    else:
+        columns = list(cls._columns.values())
+    every = itertools.chain([first], iterator)
+    return int(_core.insert_rows(tx, cls, columns, _watched(every, progress, total)))
+
+
+def _tqdm() -> Any:
+    try:
+        import tqdm
+    except ImportError:
+        return None
+    return tqdm.tqdm
+
+
+def _watched(rows: Iterable[Any], progress: bool, total: int | None) -> Iterable[Any]:
+    bar = _tqdm() if progress else None
+    return rows if bar is None else bar(rows, total=total, unit=" objects")
+
+
+class _Bar:
+    """A progress bar where tqdm is there and one is wanted."""
+
+    def __init__(self, wanted: bool, total: int | None) -> None:
+        make = _tqdm() if wanted else None
+        self._bar = None if make is None else make(total=total, unit=" objects")
+        self.add: Callable[[int], Any] | None = None if self._bar is None else self._bar.update
+
+    def __enter__(self) -> _Bar:
+        return self
+
+    def __exit__(self, *exception: Any) -> None:
+        if self._bar is not None:
+            self._bar.close()
