@@ -67,7 +67,8 @@ Transaction& Attachment::transaction() {
 }
 
 void Attachment::Forget() {
-  wrote_ = defined_ = false;
+  wrote_ = defined_ = broken_ = false;
+  marks_.clear();
   if (connection_ != nullptr) connection_->Release(this);
 }
 
@@ -83,7 +84,14 @@ void Attachment::End() noexcept {
   Forget();
 }
 
+void Attachment::RequireWhole() const {
+  if (!broken_) return;
+  throw Failure(SQLITE_ERROR,
+                "A part of this transaction could not be undone by itself; roll all of it back.");
+}
+
 void Attachment::NoteWrite() {
+  RequireWhole();
   if (wrote_) return;
   if (connection_ != nullptr) connection_->Claim(this);
   wrote_ = true;
@@ -91,6 +99,7 @@ void Attachment::NoteWrite() {
 
 void Attachment::Commit() {
   if (!wrote_) return;
+  RequireWhole();
   Drain();
   try {
     transaction_->Commit();
@@ -106,6 +115,22 @@ void Attachment::Commit() {
 void Attachment::Rollback() noexcept {
   if (!wrote_) return;
   End();
+}
+
+void Attachment::Savepoint(int number) {
+  if (marks_.empty() || marks_.back().number < number) marks_.push_back({number, writes_});
+}
+
+void Attachment::RollbackTo(int number) {
+  for (Mark const& mark : marks_) {
+    if (mark.number < number || mark.writes == writes_) continue;
+    broken_ = true;
+    RequireWhole();
+  }
+}
+
+void Attachment::Release(int number) {
+  while (!marks_.empty() && marks_.back().number >= number) marks_.pop_back();
 }
 
 TablePtr Attachment::TableOf(std::uint64_t oid) {

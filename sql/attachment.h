@@ -66,6 +66,13 @@ class Attachment {
   void Commit();
   void Rollback() noexcept;
 
+  // ---- savepoints, by SQLite's numbers, which every table of a transaction tells
+  void Savepoint(int number);
+  void RollbackTo(int number);
+  void Release(int number);
+  // A row was written.
+  void CountWrite() { ++writes_; }
+
   // ---- cursors
   void Add(Cursor* cursor) { cursors_.push_back(cursor); }
   void Remove(Cursor* cursor) { std::erase(cursors_, cursor); }
@@ -74,7 +81,13 @@ class Attachment {
   TablePtr TableOf(std::uint64_t oid);
 
  private:
+  struct Mark {
+    int number;
+    std::uint64_t writes;
+  };
+
   void Open();
+  void RequireWhole() const;
   void End() noexcept;
   void Adopt(SchemaPtr schema);
   void Drain() noexcept;
@@ -91,6 +104,9 @@ class Attachment {
   bool locked_ = false;
   bool wrote_ = false;
   bool defined_ = false;  // the schema was changed in this transaction
+  std::vector<Mark> marks_;
+  std::uint64_t writes_ = 0;
+  bool broken_ = false;  // holds writes that a savepoint should have undone
   std::vector<Cursor*> cursors_;
   std::u16string last_setspec_;
   TablePtr last_table_;

@@ -4,6 +4,7 @@
 #include "connection.h"
 #include "cursor.h"
 #include "failure.h"
+#include "update.h"
 
 namespace sagleme::sql {
 namespace {
@@ -111,6 +112,42 @@ int RowIdOf(sqlite3_vtab_cursor* cursor, sqlite3_int64* out) {
   return SQLITE_OK;
 }
 
+int Update(sqlite3_vtab* table, int count, sqlite3_value** values, sqlite3_int64* id) {
+  return GuardedMethod(table, [&] {
+    sqlite3_int64 const made = UpdateRow(TableAt(table), count, values);
+    if (made != 0) *id = made;
+    TableAt(table).Attached().CountWrite();
+  });
+}
+
+int Begin(sqlite3_vtab* table) {
+  return GuardedMethod(table, [&] { TableAt(table).Begin(); });
+}
+
+// The last moment at which a commit can still be refused.
+int Sync(sqlite3_vtab* table) {
+  return GuardedMethod(table, [&] { TableAt(table).Attached().Commit(); });
+}
+
+int Commit(sqlite3_vtab*) { return SQLITE_OK; }
+
+int Rollback(sqlite3_vtab* table) {
+  TableAt(table).Attached().Rollback();
+  return SQLITE_OK;
+}
+
+int Savepoint(sqlite3_vtab* table, int number) {
+  return GuardedMethod(table, [&] { TableAt(table).Attached().Savepoint(number); });
+}
+
+int RollbackTo(sqlite3_vtab* table, int number) {
+  return GuardedMethod(table, [&] { TableAt(table).Attached().RollbackTo(number); });
+}
+
+int Release(sqlite3_vtab* table, int number) {
+  return GuardedMethod(table, [&] { TableAt(table).Attached().Release(number); });
+}
+
 sqlite3_module MakeModule() {
   sqlite3_module module{};
   module.iVersion = 2;
@@ -126,6 +163,14 @@ sqlite3_module MakeModule() {
   module.xEof = Eof;
   module.xColumn = Column;
   module.xRowid = RowIdOf;
+  module.xUpdate = Update;
+  module.xBegin = Begin;
+  module.xSync = Sync;
+  module.xCommit = Commit;
+  module.xRollback = Rollback;
+  module.xSavepoint = Savepoint;
+  module.xRollbackTo = RollbackTo;
+  module.xRelease = Release;
   return module;
 }
 

@@ -1,0 +1,255 @@
+#include "update.h"
+
+#include <algorithm>
+#include <vector>
+
+#include "attachment.h"
+#include "connection.h"
+#include "failure.h"
+#include "keys.h"
+#include "table.h"
+#include "text.h"
+#include "values.h"
+
+namespace sagleme::sql {
+namespace {
+
+struct Assignment {
+  ShapeColumn const* column;
+  Input input;
+};
+
+// One row on its way into a table.
+class Row {
+ public:
+  Row(VirtualTable& table, sqlite3_value** columns)
+      : table_(table),
+        shape_(*table.shape),
+        at_(table.Attached()),
+        context_(at_.context()),
+        columns_(columns) {}
+
+  sqlite3_int64 Insert(sqlite3_value* id);
+  void Update(std::uint64_t oid);
+  void Delete(std::uint64_t oid);
+
+ private:
+  bool Given(std::size_t column) const { return sqlite3_value_nochange(columns_[column]) == 0; }
+  sqlite3_value* HiddenValue(Hidden which) const;
+  void ReadAssignments(bool insert);
+  TablePtr Target() const;
+  std::uint64_t GivenId(sqlite3_value* id) const;
+  void RequireSame(std::uint64_t oid) const;
+  bool Exists(std::uint64_t oid) const;
+  std::uint64_t Create(Table const& table, std::uint64_t id);
+  void Fill(Table const& table, std::uint64_t oid);
+  void Assign(std::uint64_t oid);
+  void Restore(std::uint64_t oid, std::vector<Value> const& before);
+  void Check(std::uint32_t status) const;
+  std::string UniqueIndexes() const;
+  bool replaces() const {
+    return sqlite3_vtab_on_conflict(table_.connection->handle()) == SQLITE_REPLACE;
+  }
+  Place At(std::uint64_t oid, std::uint16_t layout, ShapeColumn const& column) const {
+    return {context_, oid, layout, column.ordinal};
+  }
+
+  VirtualTable& table_;
+  Shape const& shape_;
+  Attachment& at_;
+  std::uint64_t context_;
+  sqlite3_value** columns_;
+  std::vector<Assignment> assignments_;
+};
+
+sqlite3_value* Row::HiddenValue(Hidden which) const {
+  auto const found = std::find(shape_.hidden.begin(), shape_.hidden.end(), which);
+  if (found == shape_.hidden.end()) return nullptr;
+  auto const place =
+      shape_.columns.size() + static_cast<std::size_t>(found - shape_.hidden.begin());
+  bool const null = sqlite3_value_type(columns_[place]) == SQLITE_NULL;
+  return null || !Given(place) ? nullptr : columns_[place];
+}
+
+void Row::ReadAssignments(bool insert) {
+  for (std::size_t i = 0; i < shape_.columns.size(); ++i) {
+    if (!insert && !Given(i)) continue;
+    bool const null = sqlite3_value_type(columns_[i]) == SQLITE_NULL;
+    if (insert && null && shape_.columns[i].nullable) continue;
+    assignments_.push_back({&shape_.columns[i], Input(shape_.columns[i], columns_[i])});
+  }
+}
+
+// The table that `_table` names, which is this one or derived from it.
+TablePtr Row::Target() const {
+  sqlite3_value* const given = HiddenValue(Hidden::kTable);
+  if (given == nullptr) return shape_.table;
+  std::string const name = reinterpret_cast<char const*>(sqlite3_value_text(given));
+  Entry const* const entry = at_.schema()->Find(name);
+  if (entry == nullptr) throw Failure(SQLITE_ERROR, "no such table: " + name);
+  TablePtr const target = entry->shape->table;
+  if (target->IsA(*shape_.table)) return target;
+  throw Failure(SQLITE_CONSTRAINT,
+                "Table " + name + " is not derived from " + ToUtf8(shape_.table->name) + ".");
+}
+
+std::uint64_t Row::GivenId(sqlite3_value* id) const {
+  if (sqlite3_value_type(id) == SQLITE_NULL) id = HiddenValue(Hidden::kId);
+  if (id == nullptr) return 0;
+  if (sqlite3_value_numeric_type(id) != SQLITE_INTEGER || sqlite3_value_int64(id) <= 0) {
+    throw Failure(SQLITE_MISMATCH, std::string("An object's id is an integer above 0, not ") +
+                                       reinterpret_cast<char const*>(sqlite3_value_text(id)) + ".");
+  }
+  return static_cast<std::uint64_t>(sqlite3_value_int64(id));
+}
+
+void Row::RequireSame(std::uint64_t oid) const {
+  sqlite3_value* const id = HiddenValue(Hidden::kId);
+  if (id != nullptr && static_cast<std::uint64_t>(sqlite3_value_int64(id)) != oid) {
+    throw Failure(SQLITE_CONSTRAINT, "An object's id cannot be changed.");
+  }
+  sqlite3_value* const table = HiddenValue(Hidden::kTable);
+  if (table == nullptr) return;
+  TablePtr const own = at_.TableOf(oid);
+  if (own == nullptr || Target()->row.oid != own->row.oid) {
+    throw Failure(SQLITE_CONSTRAINT,
+                  "An object cannot be moved to another table: delete it and insert it there.");
+  }
+}
+
+bool Row::Exists(std::uint64_t oid) const {
+  std::uint64_t addr = 0;
+  auto const status = lorv_context_lookup(context_, oid, &addr);
+  if (status == LORV_STATUS_NO_OBJECT || status == LORV_STATUS_UNREACHABLE) return false;
+  detail::CheckKernel(status);
+  return true;
+}
+
+std::string Row::UniqueIndexes() const {
+  std::string names;
+  for (ShapeIndex const& index : shape_.indexes) {
+    if (!index.unique) continue;
+    names += (names.empty() ? "" : ", ") + index.name + " (";
+    for (std::size_t i = 0; i < index.parts.size(); ++i) {
+      ShapeColumn const* const column = shape_.ColumnAt(index.parts[i].column);
+      names += (i == 0 ? "" : ", ") + (column == nullptr ? "?" : column->name);
+    }
+    names += ")";
+  }
+  return names;
+}
+
+void Row::Check(std::uint32_t status) const {
+  if (status == LSCOREDB_DUPLICATE_KEY) {
+    throw Failure(SQLITE_CONSTRAINT,
+                  "UNIQUE constraint failed: " + at_.schema()->NameOf(*shape_.table) +
+                      ": another object has the same values in the index " + UniqueIndexes());
+  }
+  if (status == LSCOREDB_ID_IN_USE) {
+    throw Failure(SQLITE_CONSTRAINT,
+                  "UNIQUE constraint failed: " + at_.schema()->NameOf(*shape_.table) +
+                      "._oid: ids are given once, and this one was");
+  }
+  detail::CheckKernel(status);
+}
+
+std::uint64_t Row::Create(Table const& table, std::uint64_t id) {
+  std::uint64_t oid = id;
+  if (id == 0) {
+    Check(lorv_context_insert(context_, table.layout, &oid));
+  } else {
+    Check(lorvi_context_insert_with_id(context_, table.layout, id));
+  }
+  return oid;
+}
+
+// An object enters the indexes once, with its set specifier, when it has its values.
+void Row::Fill(Table const& table, std::uint64_t oid) {
+  for (Assignment const& each : assignments_) {
+    Check(each.input.Put(At(oid, table.layout, *each.column)));
+  }
+  Check(lorv_context_put_setspec(context_, oid, table.layout, table.setspec.c_str()));
+}
+
+sqlite3_int64 Row::Insert(sqlite3_value* id) {
+  ReadAssignments(true);
+  TablePtr const target = Target();
+  std::uint64_t const given = GivenId(id);
+  if (given != 0 && replaces() && Exists(given)) {
+    if (!table_.Holds(at_, given)) Check(LSCOREDB_ID_IN_USE);
+    assignments_.clear();
+    for (std::size_t i = 0; i < shape_.columns.size(); ++i) {
+      assignments_.push_back({&shape_.columns[i], Input(shape_.columns[i], columns_[i])});
+    }
+    Assign(given);
+    return static_cast<sqlite3_int64>(given);
+  }
+  at_.NoteWrite();
+  std::uint64_t const oid = Create(*target, given);
+  try {
+    Fill(*target, oid);
+  } catch (...) {
+    lorv_context_delete(context_, oid, target->layout);
+    throw;
+  }
+  return static_cast<sqlite3_int64>(oid);
+}
+
+void Row::Restore(std::uint64_t oid, std::vector<Value> const& before) {
+  for (std::size_t i = 0; i < before.size(); ++i) {
+    ShapeColumn const& column = *assignments_[i].column;
+    detail::PutValue({context_, oid, shape_.table->layout, column.ordinal}, column.type, before[i]);
+  }
+}
+
+void Row::Assign(std::uint64_t oid) {
+  at_.NoteWrite();
+  std::vector<Value> before;
+  try {
+    for (Assignment const& each : assignments_) {
+      Place const at = At(oid, shape_.table->layout, *each.column);
+      before.push_back(
+          detail::GetValue({at.context, at.oid, at.addr, at.column}, each.column->type));
+      Check(each.input.Put(at));
+    }
+  } catch (...) {
+    Restore(oid, before);
+    throw;
+  }
+}
+
+void Row::Update(std::uint64_t oid) {
+  RequireSame(oid);
+  ReadAssignments(false);
+  Assign(oid);
+}
+
+void Row::Delete(std::uint64_t oid) {
+  at_.NoteWrite();
+  Check(lorv_context_delete(context_, oid, 0));
+}
+
+}  // namespace
+
+sqlite3_int64 UpdateRow(VirtualTable& table, int count, sqlite3_value** values) {
+  table.Begin();
+  if (table.shape->table->system) {
+    throw Failure(SQLITE_READONLY,
+                  "Table " + ToUtf8(table.shape->table->name) +
+                      " is part of the catalogue, which changes by definitions alone.");
+  }
+  Row row(table, values + 2);
+  bool const insert = count > 1 && sqlite3_value_type(values[0]) == SQLITE_NULL;
+  if (insert) return row.Insert(values[1]);
+  auto const oid = static_cast<std::uint64_t>(sqlite3_value_int64(values[0]));
+  if (count == 1) {
+    row.Delete(oid);
+  } else if (sqlite3_value_int64(values[0]) != sqlite3_value_int64(values[1])) {
+    throw Failure(SQLITE_CONSTRAINT, "An object's id cannot be changed.");
+  } else {
+    row.Update(oid);
+  }
+  return 0;
+}
+
+}  // namespace sagleme::sql
