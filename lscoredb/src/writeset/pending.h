@@ -7,9 +7,7 @@
 // may also lie in the snapshot that the transaction reads. Other threads read it only while the
 // transaction waits in commit.
 
-#include <map>
 #include <memory>
-#include <memory_resource>
 #include <set>
 #include <string_view>
 #include <vector>
@@ -20,6 +18,7 @@
 #include "ids.h"
 #include "layout.h"
 #include "oid_map.h"
+#include "pending_entry.h"
 #include "row.h"
 
 namespace lscore {
@@ -74,15 +73,6 @@ inline RowRef OriginalOf(PendingRow const& row) {
 
 // ---- keys of rows ------------------------------------------------------------------------------
 
-struct KeyFacts {
-  bool has_null = false;  // collides with nothing
-  bool has_unwritten =
-      false;  // of an object that the transaction inserted: collides with nothing yet
-  // When the key was written no other object had it, neither in the snapshot nor in the
-  // transaction. Whoever took it later has looked for this one.
-  bool known_unique = false;
-};
-
 // Encodes the index key of a row. Columns are found by token; one that the row's layout lacks is
 // null, or zero where the index says that it is not nullable.
 class KeyEncoder {
@@ -97,54 +87,9 @@ class KeyEncoder {
 
 // ---- index entries -----------------------------------------------------------------------------
 
-using Sequence = std::uint64_t;
-
-enum class EntryState : std::uint8_t {
-  kUntouched,  // as the snapshot has it
-  kPresent,
-  kRemoved,
-};
-
-struct PendingKey {
-  std::string_view encoded;
-  ObjectId object{};
-};
-
-// Stands behind all keys that begin with `prefix`.
-struct BehindPrefix {
-  std::string_view prefix;
-};
-
-struct PendingKeyLess {
-  using is_transparent = void;
-  bool operator()(PendingKey const& a, PendingKey const& b) const {
-    int const order = a.encoded.compare(b.encoded);
-    return order != 0 ? order < 0 : a.object < b.object;
-  }
-  bool operator()(PendingKey const& a, BehindPrefix b) const {
-    return a.encoded.substr(0, b.prefix.size()).compare(b.prefix) <= 0;
-  }
-  bool operator()(BehindPrefix a, PendingKey const& b) const { return !(*this)(b, a); }
-};
-
-struct PendingEntry {
-  EntryState state = EntryState::kUntouched;
-  bool may_be_committed = false;  // the snapshot may hold this entry too
-  KeyFacts facts;
-  LayoutNumber layout{};  // of an object that the transaction has not touched
-  Sequence since = 0;
-  PendingEntry const* older = nullptr;  // what open iterators may still have to see
-
-  EntryState At(Sequence when) const {
-    PendingEntry const* entry = this;
-    while (entry != nullptr && entry->since > when) entry = entry->older;
-    return entry == nullptr ? EntryState::kUntouched : entry->state;
-  }
-};
-
 class PendingIndex {
  public:
-  using Map = std::pmr::map<PendingKey, PendingEntry, PendingKeyLess>;
+  using Map = PendingEntryMap;
 
   // `committed`: the snapshot holds entries of the index too.
   PendingIndex(IndexDefinition const& index, bool committed, Arena& arena)

@@ -1,0 +1,72 @@
+#ifndef LSCOREDB_SRC_PENDING_ENTRY_H
+#define LSCOREDB_SRC_PENDING_ENTRY_H
+
+// The entry of an index as a transaction has written it, and the order of such entries.
+
+#include <map>
+#include <memory_resource>
+#include <string_view>
+
+#include "ids.h"
+
+namespace lscore {
+
+using Sequence = std::uint64_t;
+
+struct KeyFacts {
+  bool has_null = false;  // collides with nothing
+  bool has_unwritten =
+      false;  // of an object that the transaction inserted: collides with nothing yet
+  // When the key was written no other object had it, neither in the snapshot nor in the
+  // transaction. Whoever took it later has looked for this one.
+  bool known_unique = false;
+};
+
+enum class EntryState : std::uint8_t {
+  kUntouched,  // as the snapshot has it
+  kPresent,
+  kRemoved,
+};
+
+struct PendingKey {
+  std::string_view encoded;
+  ObjectId object{};
+};
+
+// Stands behind all keys that begin with `prefix`.
+struct BehindPrefix {
+  std::string_view prefix;
+};
+
+struct PendingKeyLess {
+  using is_transparent = void;
+  bool operator()(PendingKey const& a, PendingKey const& b) const {
+    int const order = a.encoded.compare(b.encoded);
+    return order != 0 ? order < 0 : a.object < b.object;
+  }
+  bool operator()(PendingKey const& a, BehindPrefix b) const {
+    return a.encoded.substr(0, b.prefix.size()).compare(b.prefix) <= 0;
+  }
+  bool operator()(BehindPrefix a, PendingKey const& b) const { return !(*this)(b, a); }
+};
+
+struct PendingEntry {
+  EntryState state = EntryState::kUntouched;
+  bool may_be_committed = false;  // the snapshot may hold this entry too
+  KeyFacts facts;
+  LayoutNumber layout{};  // of an object that the transaction has not touched
+  Sequence since = 0;
+  PendingEntry const* older = nullptr;  // what open iterators may still have to see
+
+  EntryState At(Sequence when) const {
+    PendingEntry const* entry = this;
+    while (entry != nullptr && entry->since > when) entry = entry->older;
+    return entry == nullptr ? EntryState::kUntouched : entry->state;
+  }
+};
+
+using PendingEntryMap = std::pmr::map<PendingKey, PendingEntry, PendingKeyLess>;
+
+}  // namespace lscore
+
+#endif
