@@ -60,6 +60,8 @@ extern "C" {
 #define LSCOREDB_NULL_ARGUMENT 9009u
 #define LSCOREDB_INVALID_ARGUMENT 9010u
 #define LSCOREDB_MALFORMED_KEY 9011u
+#define LSCOREDB_UNKNOWN_SAVEPOINT 9012u
+#define LSCOREDB_ROLLED_BACK 9013u
 /* What a transaction wants cannot be. After CONFLICT the same work may succeed in a new one. */
 #define LSCOREDB_CONFLICT 9020u
 #define LSCOREDB_DUPLICATE_KEY 9021u
@@ -164,6 +166,35 @@ LSCOREDB_API uint32_t lscoredb_begin(uint64_t context, uint32_t flags);
 LSCOREDB_API uint32_t lscoredb_commit(uint64_t context);
 /* Ends the transaction and forgets its writes. */
 LSCOREDB_API uint32_t lscoredb_rollback(uint64_t context);
+
+/* Savepoints. A transaction, also a read-only one, has any number of them, one behind the other;
+ * the transaction's end ends them all. Writes cost a little more while one is open, to note how
+ * they are taken back; nothing is copied beside.
+ *
+ * Sets one. Its number is never 0, and no other savepoint of the process has it. */
+LSCOREDB_API uint32_t lscoredb_savepoint(uint64_t context, uint64_t* out);
+/* Takes back everything that was written since: objects and their values, index entries, layouts,
+ * indexes, releases of layouts, lscoredb_require. The time follows what was written since. The
+ * savepoint stays, and may be rolled back to again; those set later end. Afterwards the transaction
+ * is as it was, also where a write in between had failed, but for these:
+ *  - identities and layout numbers that were given out since are not given out again;
+ *  - iterators that were opened since have ended: LSCOREDB_ROLLED_BACK from them until they are
+ *    freed. Those opened before go on over the range as it stood when they were opened;
+ *  - read scopes stay as they are, opened since or not, and so do the strings and binaries that
+ *    were handed out, until their scope ends.
+ * What a user keeps of the schema, handles for one, is to be refreshed as after lscoredb_rollback.
+ * LSCOREDB_UNKNOWN_SAVEPOINT: none of this transaction, or ended. */
+LSCOREDB_API uint32_t lscoredb_rollback_to(uint64_t context, uint64_t savepoint);
+/* Ends the savepoint and those set later. What was written stays, and goes with an older savepoint
+ * that is rolled back to. LSCOREDB_UNKNOWN_SAVEPOINT as above. */
+LSCOREDB_API uint32_t lscoredb_release(uint64_t context, uint64_t savepoint);
+
+/* Has the transaction's commit fail with LSCOREDB_CONFLICT when another one has changed or deleted
+ * the object since the snapshot, as if this one had changed it too; transactions that require one
+ * object do not disturb each other. It holds also when nothing was written. For rules over two
+ * objects: who makes a reference requires its target. LORV_STATUS_NO_OBJECT: there is none.
+ * LORV_STATUS_UNREACHABLE: deleted by this transaction. LSCOREDB_READ_ONLY. */
+LSCOREDB_API uint32_t lscoredb_require(uint64_t context, uint64_t oid);
 
 /* A read scope bounds the life, and so the memory, of the strings and binaries handed out inside
  * it. Scopes nest; a transaction's end ends all of its scopes. LSCOREDB_INVALID_ARGUMENT: an end

@@ -105,6 +105,7 @@ class BadInputTest : public KernelTest {
   LayoutId empty_layout_ = 0;
   LayoutId made_layout_ = 0;
   IndexId index_ = 0;
+  std::uint64_t savepoint_ = 0;
   Oid row_ = 0;
 };
 
@@ -204,6 +205,10 @@ Calls BadInputTest::SchemaReads() {
          std::uint32_t count = 1;
          return lscoredb_layout_stats(t.context, &count, &stats);
        }},
+      {"savepoint", [this](Target const& t) { return lscoredb_savepoint(t.context, &savepoint_); }},
+      {"rollback_to",
+       [this](Target const& t) { return lscoredb_rollback_to(t.context, savepoint_); }},
+      {"release", [this](Target const& t) { return lscoredb_release(t.context, savepoint_); }},
       {"read_scope_begin", [](Target const& t) { return lscoredb_read_scope_begin(t.context); }},
       {"read_scope_end", [](Target const& t) { return lscoredb_read_scope_end(t.context); }}};
 }
@@ -229,6 +234,7 @@ Calls BadInputTest::SchemaWrites() {
          return lorvi_context_create_index(t.context, 61, kSet, columns_.data(), 0, 0,
                                            &outputs_.word);
        }},
+      {"require", [this](Target const& t) { return lscoredb_require(t.context, row_); }},
       {"move_object",
        [this](Target const& t) { return lscoredb_move_object(t.context, row_, layout_); }},
       {"release_layout",
@@ -322,6 +328,7 @@ TEST_F(BadInputTest, ANullPointerForAnOutput) {
   EXPECT_STATUS(null, lorv_context_lookup(c, row_, nullptr));
   EXPECT_STATUS(null, lorv_context_insert(c, layout_, nullptr));
   EXPECT_STATUS(null, lorv_context_insert_system(c, layout_, nullptr));
+  EXPECT_STATUS(null, lscoredb_savepoint(c, nullptr));
   EXPECT_EQ(session_.Setspec(row_), kSet);
 }
 

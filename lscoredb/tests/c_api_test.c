@@ -58,6 +58,16 @@ static void walk(uint64_t context, uint64_t index, uint64_t first, uint64_t seco
   EXPECT_OK(lorv_iterator_free(iterator));
 }
 
+static void take_back(uint64_t context, uint16_t layout, uint64_t row) {
+  uint64_t savepoint = 0;
+  EXPECT_OK(lscoredb_savepoint(context, &savepoint));
+  EXPECT_OK(lorv_context_delete(context, row, layout));
+  EXPECT_OK(lscoredb_rollback_to(context, savepoint));
+  EXPECT_OK(lscoredb_require(context, row));
+  EXPECT_OK(lscoredb_release(context, savepoint));
+  EXPECT(lscoredb_release(context, savepoint) == LSCOREDB_UNKNOWN_SAVEPOINT);
+}
+
 static void use(uint64_t context) {
   uint16_t layout = 0;
   uint64_t index = 0;
@@ -66,6 +76,7 @@ static void use(uint64_t context) {
   EXPECT_OK(lorvi_context_create_index(context, 60, u"set/", INDEXED, 0, 0, &index));
   uint64_t const five = insert_row(context, layout, 5);
   uint64_t const minus = insert_row(context, layout, -5);
+  take_back(context, layout, five);
   read_back(context, layout, five);
   EXPECT_OK(lscoredb_commit(context));
   EXPECT_OK(lscoredb_begin(context, LSCOREDB_READ_ONLY_TRANSACTION));

@@ -155,6 +155,29 @@ uint32_t lscoredb_rollback(uint64_t context) {
   });
 }
 
+uint32_t lscoredb_savepoint(uint64_t context, uint64_t* out) {
+  return WithTransaction(context, [&](Transaction& transaction) -> Status {
+    if (out == nullptr) return LSCOREDB_NULL_ARGUMENT;
+    *out = transaction.SetSavepoint();
+    return LORV_STATUS_OK;
+  });
+}
+
+uint32_t lscoredb_rollback_to(uint64_t context, uint64_t savepoint) {
+  return WithTransaction(
+      context, [&](Transaction& transaction) { return transaction.RollbackTo(savepoint); });
+}
+
+uint32_t lscoredb_release(uint64_t context, uint64_t savepoint) {
+  return WithTransaction(context,
+                         [&](Transaction& transaction) { return transaction.Release(savepoint); });
+}
+
+uint32_t lscoredb_require(uint64_t context, uint64_t oid) {
+  return WithWriting(context,
+                     [&](Transaction& transaction) { return transaction.Require(ObjectId{oid}); });
+}
+
 uint32_t lscoredb_read_scope_begin(uint64_t context) {
   return WithTransaction(context, [](Transaction& transaction) {
     transaction.BeginScope();

@@ -46,7 +46,7 @@ class OidMap {
   }
 
   void Clear() {
-    if (size_ == 0) return;
+    if (size_ == 0 && slots_.size() <= kKept) return;
     bool const keep = slots_.size() <= kKept && slots_.size() <= kFirst + size_ * kRoomKept;
     size_ = 0;
     if (keep) {

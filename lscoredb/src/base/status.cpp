@@ -27,6 +27,8 @@ constexpr Entry kTexts[] = {
     {LSCOREDB_NULL_ARGUMENT, "A pointer that is needed is null."},
     {LSCOREDB_INVALID_ARGUMENT, "An argument is outside of what is allowed."},
     {LSCOREDB_MALFORMED_KEY, "The key is not one of this index."},
+    {LSCOREDB_UNKNOWN_SAVEPOINT, "The transaction has no such savepoint, or has it no more."},
+    {LSCOREDB_ROLLED_BACK, "The iterator was opened behind a savepoint that was rolled back to."},
     {LSCOREDB_CONFLICT, "Another transaction changed the same data and was committed first."},
     {LSCOREDB_DUPLICATE_KEY, "A unique index holds this key already."},
     {LSCOREDB_ID_IN_USE, "The identity is in use or was given out before."},

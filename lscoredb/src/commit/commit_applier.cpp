@@ -54,6 +54,7 @@ void CommitApplier::Validate(bool nothing_between) {
             [](PendingRow const* a, PendingRow const* b) { return a->id < b->id; });
   if (!nothing_between) {
     for (PendingRow const* const row : rows_) ValidateRow(*row);
+    request_.changes.ForEachRequired([this](ObjectId id) { ValidateRequired(id); });
   }
   ValidateLayouts();
   ValidateIndexes();
@@ -72,6 +73,14 @@ void CommitApplier::ValidateRow(PendingRow const& row) {
   bool const there = batch_.Get(Tree::kRows, BytesOf(id), &stored);
   if (there == row.inserted()) Throw(LSCOREDB_CONFLICT);
   if (!there) return;
+  if (stored.size() < format::kHeaderSize) Throw(LSCOREDB_DAMAGED);
+  if (RowImage(stored.data()).commit() > request_.snapshot.id()) Throw(LSCOREDB_CONFLICT);
+}
+
+void CommitApplier::ValidateRequired(ObjectId object) {
+  std::uint64_t const id = Raw(object);
+  std::string_view stored;
+  if (!batch_.Get(Tree::kRows, BytesOf(id), &stored)) Throw(LSCOREDB_CONFLICT);
   if (stored.size() < format::kHeaderSize) Throw(LSCOREDB_DAMAGED);
   if (RowImage(stored.data()).commit() > request_.snapshot.id()) Throw(LSCOREDB_CONFLICT);
 }

@@ -49,6 +49,7 @@ class CommitApplier {
 
  private:
   void ValidateRow(PendingRow const& row);
+  void ValidateRequired(ObjectId id);
   void ValidateLayouts() const;
   void ValidateIndexes() const;
   // Entries for indexes that were created after the snapshot was taken.

@@ -53,7 +53,7 @@ void GroupCommit::TryAll(Tickets tickets) {
       work.Validate(next && !anything);
       return LORV_STATUS_OK;
     });
-    if (request.status != LORV_STATUS_OK) continue;
+    if (request.status != LORV_STATUS_OK || request.changes.empty()) continue;
     work.Apply();
     anything = true;
   }

@@ -21,6 +21,7 @@ Status Transaction::OpenIterator(Iterator& iterator, IndexId id, bool reverse,
     return LSCOREDB_MALFORMED_KEY;
   }
   open_iterators_.push_back(&iterator);
+  iterator.opening_ = ++openings_;
   try {
     iterator.Start(*this, *index, reverse);
   } catch (...) {
@@ -33,7 +34,7 @@ Status Transaction::OpenIterator(Iterator& iterator, IndexId id, bool reverse,
 void Transaction::CloseIterator(Iterator& iterator) {
   open_iterators_.erase(std::remove(open_iterators_.begin(), open_iterators_.end(), &iterator),
                         open_iterators_.end());
-  iterator.Finish();
+  iterator.Finish(LSCOREDB_NO_TRANSACTION);
 }
 
 void Iterator::Start(Transaction& transaction, IndexDefinition const& index, bool reverse) {
@@ -65,8 +66,9 @@ void Iterator::Start(Transaction& transaction, IndexDefinition const& index, boo
   SkipUntouched();
 }
 
-void Iterator::Finish() {
+void Iterator::Finish(Status ended) {
   transaction_ = nullptr;
+  ended_ = ended;
   pending_ = nullptr;
 }
 
@@ -148,7 +150,7 @@ void Iterator::FetchAhead() {
 }
 
 Status Iterator::Next(ObjectId* object, LayoutNumber* layout) {
-  if (transaction_ == nullptr) return LSCOREDB_NO_TRANSACTION;
+  if (transaction_ == nullptr) return ended_;
   if (failed_ == LORV_STATUS_OK) failed_ = Guarded([&] { return Step(object, layout); });
   return failed_;
 }

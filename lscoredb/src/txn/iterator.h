@@ -24,7 +24,8 @@ class Iterator {
   Iterator& operator=(Iterator const&) = delete;
 
   // The next object that is still there; kNoObject at the end. LSCOREDB_NO_TRANSACTION: the
-  // transaction that the walk belongs to has ended. A walk that failed goes on failing: what it did
+  // transaction that the walk belongs to has ended. LSCOREDB_ROLLED_BACK: it began behind a
+  // savepoint that was rolled back to. A walk that failed goes on failing: what it did
   // not get to is not to be passed over.
   Status Next(ObjectId* object, LayoutNumber* layout);
 
@@ -35,7 +36,8 @@ class Iterator {
 
   // REQUIRES: low_ and high_ are set.
   void Start(Transaction& transaction, IndexDefinition const& index, bool reverse);
-  void Finish();
+  // `ended`: what Next gives from here on.
+  void Finish(Status ended);
   // Null at the end. Valid until the next call.
   Entry const* NextEntry();
   bool CommittedInRange() const;
@@ -43,6 +45,7 @@ class Iterator {
   void StepCommitted();
   void TakeDueStep();
   void StepPending();
+  // Leaves the walk on an entry that was there when it began.
   void SkipUntouched();
   void FetchAhead();
 
@@ -51,7 +54,9 @@ class Iterator {
   static constexpr std::uint32_t kStepsPerLook = 32;
 
   Transaction* transaction_ = nullptr;  // null: not open, or ended
+  Status ended_ = LSCOREDB_NO_TRANSACTION;
   Status failed_ = LORV_STATUS_OK;
+  std::uint64_t opening_ = 0;  // among the walks of the transaction
   bool reverse_ = false;
   Sequence seen_ = 0;  // later writes are not seen
   std::string low_;

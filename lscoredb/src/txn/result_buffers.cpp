@@ -63,6 +63,11 @@ LORV_BINARY* ResultBuffers::Binary(std::string_view bytes) {
   return reinterpret_cast<LORV_BINARY*>(copy);
 }
 
+void ResultBuffers::ForgetSince(std::size_t made) {
+  Drop(made);
+  for (Scope& scope : scopes_) scope.made = std::min(scope.made, made);
+}
+
 void ResultBuffers::BeginScope() { scopes_.push_back({arena_.mark(), made_.size()}); }
 
 bool ResultBuffers::EndScope() {

@@ -18,9 +18,15 @@ namespace lscore {
 
 class ResultBuffers {
  public:
-  // The bytes must stay where and what they are until Clear.
+  // The bytes must stay where and what they are until Clear or ForgetSince.
   LORV_STRING* Text(PackedText text);
   LORV_BINARY* Binary(std::string_view bytes);
+
+  // How many values were handed out that are still known.
+  std::size_t made() const { return made_.size(); }
+  // Whoever asks again for what was handed out behind the first `made` gets another copy; the
+  // present ones stay.
+  void ForgetSince(std::size_t made);
 
   void BeginScope();
   // Returns whether a scope was open.

@@ -1,5 +1,6 @@
 #include "transaction.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace lscore {
@@ -20,7 +21,7 @@ void Transaction::Begin(bool read_only) {
 
 Status Transaction::Commit() {
   Status status = doomed_;
-  if (status == LORV_STATUS_OK && !changes_.empty()) {
+  if (status == LORV_STATUS_OK && (!changes_.empty() || changes_.requires_any())) {
     status = Guarded([&] {
       CommitRequest request{changes_, *snapshot_, catalogue().version()};
       return database_->commits().Run(request);
@@ -33,15 +34,15 @@ Status Transaction::Commit() {
 void Transaction::Rollback() noexcept { End(); }
 
 void Transaction::End() noexcept {
-  for (Iterator* const iterator : open_iterators_) iterator->Finish();
+  for (Iterator* const iterator : open_iterators_) iterator->Finish(LSCOREDB_NO_TRANSACTION);
   open_iterators_.clear();
   result_buffers_.Clear();
   changes_.Clear();
-  examples_.Clear();
   assembled_.clear();
   assembled_ids_.clear();
   scopes_.clear();
   catalogue_.reset();
+  savepoints_.clear();
   doomed_ = LORV_STATUS_OK;
   now_ = 0;
   cache_.Clear();
@@ -59,6 +60,9 @@ void Transaction::BeginScope() {
 // to.
 bool Transaction::EndScope() {
   if (!result_buffers_.EndScope()) return false;
+  for (Savepoint& savepoint : savepoints_) {
+    savepoint.handed_out = std::min(savepoint.handed_out, result_buffers_.made());
+  }
   std::size_t kept = scopes_.back();
   scopes_.pop_back();
   if (kept == assembled_.size()) return true;

@@ -49,6 +49,17 @@ class Transaction {
   void Begin(bool read_only);
   Status Commit();
   void Rollback() noexcept;
+  // ---- savepoints (transaction_savepoints.cpp)
+  // Never 0, and never given twice in a process.
+  std::uint64_t SetSavepoint();
+  // Takes back what was written since, and ends later savepoints and walks that began since.
+  // LSCOREDB_UNKNOWN_SAVEPOINT: it is none, or none any more.
+  Status RollbackTo(std::uint64_t savepoint);
+  // Ends the savepoint and later ones; what was written stays.
+  Status Release(std::uint64_t savepoint);
+  // Commit fails when another transaction has changed the object since the snapshot.
+  Status Require(ObjectId id);
+
   ResultBuffers& result_buffers() { return result_buffers_; }
   void BeginScope();
   // Returns whether a scope was open.
@@ -113,6 +124,14 @@ class Transaction {
 
  private:
   friend class Iterator;
+
+  struct Savepoint {
+    std::uint64_t number = 0;
+    PendingChanges::Mark written;
+    std::size_t handed_out = 0;  // texts and binaries
+    std::uint64_t openings = 0;  // of walks
+    Status doomed = LORV_STATUS_OK;
+  };
 
   // An index over a row that is being changed, and the row's keys in it.
   struct Affected {
@@ -186,8 +205,11 @@ class Transaction {
   Status FindTarget(RowRef const& row, LayoutNumber as, std::uint32_t column, TypeSet types,
                     Target* out);
   Status FindTargetByToken(RowRef const& row, Column const& wanted, Target* out);
+  std::vector<Savepoint>::iterator FindSavepoint(std::uint64_t number);
   bool SameSet(RowRef const& row, Layout const& layout);
-  void NoteExample(PendingRow const& row);
+  void NoteExample(PendingRow const& row) {
+    if (row.setspec.present) changes_.NoteExample(row);
+  }
   Status PlaceUnder(PendingRow& row, Layout const& layout, Cell* cells);
   Cell NewCell(Column const& column, NewValue const& value);
   Cell* CellsUnder(PendingRow const& row, Layout const& to);
@@ -229,7 +251,8 @@ class Transaction {
   std::shared_ptr<IndexCatalogue> catalogue_;
   IdRange ids_;
   std::vector<Iterator*> open_iterators_;
-  OidMap<PendingRow const*> examples_;  // by layout number: a row that came under it
+  std::uint64_t openings_ = 0;  // of walks, ever
+  std::vector<Savepoint> savepoints_;
 
   KeyEncoder encoder_;
   EntryCursor unique_cursor_;

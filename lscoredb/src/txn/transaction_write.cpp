@@ -102,8 +102,8 @@ Status Transaction::FindTargetByToken(RowRef const& row, Column const& wanted, T
 // over the name of another one has layouts with the same token.
 bool Transaction::SameSet(RowRef const& row, Layout const& layout) {
   Cell const own = row.Setspec();
-  if (PendingRow const* const* const example = examples_.Find(Raw(layout.number()))) {
-    PendingRow const& other = **example;
+  if (PendingRow const* const example = changes_.FindExample(layout.number())) {
+    PendingRow const& other = *example;
     if (!other.deleted && other.layout == &layout && other.setspec.present) {
       return own.present && other.setspec.text() == own.text();
     }
@@ -114,17 +114,6 @@ bool Transaction::SameSet(RowRef const& row, Layout const& layout) {
   if (!own.present) return false;
   Unpack(own.text(), text_);
   return text_ == count.setspec;
-}
-
-// Remembers a row by the layout it came under.
-void Transaction::NoteExample(PendingRow const& row) {
-  if (!row.setspec.present) return;
-  std::uint64_t const number = Raw(row.layout->number());
-  if (PendingRow const** const example = examples_.Find(number)) {
-    *example = &row;
-  } else {
-    examples_.Insert(number, &row);
-  }
 }
 
 // ---- values ------------------------------------------------------------------------------------
@@ -298,6 +287,7 @@ Status Transaction::Write(ObjectId id, LayoutNumber as, std::uint32_t column, Ty
     cells[target.column - kFirstStoredColumn] = cell;
     return PlaceUnder(row, *target.layout, cells);
   }
+  changes_.WillChange(row, row.cell(target.column));
   Cell const before = row.cell(target.column);
   Status const written = ChangeRow(row, own.token, [&] { row.cell(target.column) = cell; });
   if (written != LORV_STATUS_OK) row.cell(target.column) = before;
@@ -305,6 +295,7 @@ Status Transaction::Write(ObjectId id, LayoutNumber as, std::uint32_t column, Ty
 }
 
 Status Transaction::PlaceUnder(PendingRow& row, Layout const& layout, Cell* cells) {
+  changes_.WillChange(row);
   Status const status = ChangeRow(row, std::nullopt, [&] {
     row.layout = &layout;
     row.cells = cells;
@@ -322,6 +313,7 @@ Status Transaction::WriteSetspec(ObjectId id, std::u16string_view setspec) {
   value.text = setspec;
   Cell const cell = NewCell(Column{}, value);
   PendingRow& row = Promote(*found);
+  changes_.WillChange(row);
   Status const status = ChangeRow(row, std::nullopt, [&] {
     row.setspec = cell;
     row.covering = nullptr;
@@ -334,6 +326,7 @@ Status Transaction::Delete(ObjectId id) {
   RowRef const* const found = FindRow(id);
   if (found == nullptr || found->deleted()) return LORV_STATUS_NO_OBJECT;
   PendingRow& row = Promote(*found);
+  changes_.WillChange(row);
   return ChangeRow(row, std::nullopt, [&] { row.deleted = true; });
 }
 

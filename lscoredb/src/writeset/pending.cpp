@@ -83,8 +83,13 @@ PendingEntry const* PendingIndex::Find(std::string_view encoded, ObjectId object
   return at == map_.end() ? nullptr : &at->second;
 }
 
+void PendingIndex::RecordChange(PendingEntry& entry) {
+  if (recording()) undo_->Record(undo::EntryChanged{&entry, entry});
+}
+
 PendingEntry& PendingIndex::Change(Map::iterator at, Sequence now, bool keep_history) {
   PendingEntry& entry = at->second;
+  RecordChange(entry);
   if (keep_history) {
     entry.older = new (arena_->Allocate(sizeof(PendingEntry))) PendingEntry(entry);
   } else {
@@ -101,6 +106,7 @@ void PendingIndex::Add(PendingKey key, KeyFacts facts, bool may_be_committed, Se
     char* const bytes = arena_->Allocate(key.encoded.size());
     std::copy(key.encoded.begin(), key.encoded.end(), bytes);
     key.encoded = {bytes, key.encoded.size()};
+    if (recording()) undo_->Record(undo::EntryAdded{this, key});
     at = map_.emplace(key, PendingEntry{}).first;
     at->second.may_be_committed = may_be_committed;
     at->second.since = now;
@@ -122,15 +128,31 @@ void PendingIndex::Remove(PendingKey key, Sequence now, bool keep_history) {
     Add(key, {}, true, now, keep_history);
     map_.find(key)->second.state = EntryState::kRemoved;
   } else if (!keep_history && !at->second.may_be_committed) {
-    map_.erase(at);
+    Erase(at);
   } else {
     Change(at, now, keep_history).state = EntryState::kRemoved;
   }
 }
 
+void PendingIndex::Erase(Map::iterator at) {
+  if (!recording()) {
+    map_.erase(at);
+    return;
+  }
+  undo::EntryErased& step = undo_->Record(undo::EntryErased{this, {}});
+  step.entry = map_.extract(at);
+}
+
 void PendingIndex::SetFacts(PendingKey key, KeyFacts facts) {
   auto const at = map_.find(key);
-  if (at != map_.end()) at->second.facts = facts;
+  if (at == map_.end()) return;
+  RecordChange(at->second);
+  at->second.facts = facts;
+}
+
+void PendingIndex::TakeBack(undo::EntryAdded const& added) {
+  auto const at = map_.find(added.key);
+  if (at != map_.end()) map_.erase(at);
 }
 
 bool PendingIndex::HasOther(PendingKey key, bool count_unwritten) const {
@@ -161,10 +183,39 @@ bool CommittedHasOther(View const& view, EntryCursor& cursor, PendingIndex const
 // ---- all of it ---------------------------------------------------------------------------------
 
 PendingRow& PendingChanges::AddRow(ObjectId id) {
+  if (undo_.recording()) undo_.Record(undo::RowAdded{id});
   auto* const row = new (arena_.Allocate(sizeof(PendingRow))) PendingRow();
   row->id = id;
   rows_.Insert(Raw(id), row);
   return *row;
+}
+
+void PendingChanges::WillChange(PendingRow& row) {
+  if (!undo_.recording()) return;
+  auto* const before = new (arena_.Allocate(sizeof(PendingRow))) PendingRow(row);
+  undo_.Record(undo::RowChanged{&row, before});
+}
+
+void PendingChanges::WillChange(PendingRow& row, Cell& cell) {
+  if (undo_.recording()) undo_.Record(undo::CellChanged{&row, &cell, cell, row.changed});
+}
+
+PendingRow const* PendingChanges::FindExample(LayoutNumber layout) const {
+  auto const* const found = examples_.Find(Raw(layout));
+  return found == nullptr ? nullptr : *found;
+}
+
+void PendingChanges::NoteExample(PendingRow const& row) {
+  std::uint64_t const number = Raw(row.layout->number());
+  PendingRow const** const example = examples_.Find(number);
+  if (undo_.recording()) {
+    undo_.Record(undo::ExampleNoted{row.layout->number(), example == nullptr ? nullptr : *example});
+  }
+  if (example != nullptr) {
+    *example = &row;
+  } else {
+    examples_.Insert(number, &row);
+  }
 }
 
 Cell* PendingChanges::NewCells(Layout const& layout) {
@@ -179,13 +230,35 @@ PendingIndex* PendingChanges::FindIndex(IndexId id) const {
 }
 
 PendingIndex& PendingChanges::AddIndex(IndexDefinition const& index, bool committed) {
-  indexes_.push_back(std::make_unique<PendingIndex>(index, committed, arena_));
+  auto entries = std::make_unique<PendingIndex>(index, committed, arena_);
+  entries->RecordIn(undo_);
+  if (undo_.recording()) undo_.Record(undo::IndexAdded{indexes_.size(), created_.size()});
+  indexes_.push_back(std::move(entries));
   index_by_id_.Insert(Raw(index.id), indexes_.back().get());
   return *indexes_.back();
 }
 
+void PendingChanges::AddLayout(std::unique_ptr<Layout const> layout) {
+  if (undo_.recording()) undo_.Record(undo::LayoutAdded{layouts_.size()});
+  layouts_.push_back(std::move(layout));
+}
+
+void PendingChanges::ReleaseLayout(LayoutNumber number) {
+  if (released_.contains(number)) return;
+  if (undo_.recording()) undo_.Record(undo::LayoutReleased{number});
+  released_.insert(number);
+}
+
+void PendingChanges::Require(ObjectId id) {
+  if (required_.Find(Raw(id)) != nullptr) return;
+  if (undo_.recording()) undo_.Record(undo::ObjectRequired{id});
+  required_.Insert(Raw(id), true);
+}
+
 void PendingChanges::CreateIndex(std::unique_ptr<IndexDefinition const> index,
                                  std::unique_ptr<PendingIndex> entries) {
+  if (undo_.recording()) undo_.Record(undo::IndexAdded{indexes_.size(), created_.size()});
+  entries->RecordIn(undo_);
   created_.reserve(created_.size() + 1);
   indexes_.reserve(indexes_.size() + 1);
   index_by_id_.Insert(Raw(index->id), entries.get());
@@ -193,19 +266,39 @@ void PendingChanges::CreateIndex(std::unique_ptr<IndexDefinition const> index,
   created_.push_back(std::move(index));
 }
 
+namespace {
+
+template <typename All>
+std::size_t PlaceIn(All const& all, typename All::iterator at) {
+  return at == all.end() ? undo::IndexDropped::kNowhere
+                         : static_cast<std::size_t>(at - all.begin());
+}
+
+// Moves the last of `from` to where it stood. REQUIRES: there was room for it before.
+template <typename All>
+void MoveBack(All& from, All& to, std::size_t place) {
+  to.insert(to.begin() + static_cast<std::ptrdiff_t>(place), std::move(from.back()));
+  from.pop_back();
+}
+
+}  // namespace
+
 void PendingChanges::DropIndex(IndexDefinition const& index) {
   forgotten_.reserve(forgotten_.size() + 1);
   created_and_dropped_.reserve(created_and_dropped_.size() + 1);
   dropped_.reserve(dropped_.size() + 1);
   auto const same_entries = [&](auto const& entries) { return &entries->index() == &index; };
   auto const entries = std::find_if(indexes_.begin(), indexes_.end(), same_entries);
+  auto const same = [&](auto const& created) { return created.get() == &index; };
+  auto const created = std::find_if(created_.begin(), created_.end(), same);
+  if (undo_.recording()) {
+    undo_.Record(undo::IndexDropped{PlaceIn(indexes_, entries), PlaceIn(created_, created)});
+  }
   if (entries != indexes_.end()) {
     index_by_id_.Erase(Raw(index.id));
     forgotten_.push_back(std::move(*entries));
     indexes_.erase(entries);
   }
-  auto const same = [&](auto const& created) { return created.get() == &index; };
-  auto const created = std::find_if(created_.begin(), created_.end(), same);
   if (created == created_.end()) {
     dropped_.push_back(&index);
     return;
@@ -232,7 +325,97 @@ bool PendingChanges::empty() const {
   return !changed;
 }
 
+// ---- taking back -------------------------------------------------------------------------------
+
+PendingChanges::Mark PendingChanges::SetMark() {
+  undo_.Start();
+  return {undo_.size(), arena_.mark()};
+}
+
+ObjectId PendingChanges::TakeBack(undo::RowAdded const& added) {
+  if (FindRow(added.id) != nullptr) rows_.Erase(Raw(added.id));
+  return added.id;
+}
+
+ObjectId PendingChanges::TakeBack(undo::CellChanged const& changed) {
+  *changed.cell = changed.before;
+  changed.row->changed = changed.changed;
+  return kNoObject;
+}
+
+ObjectId PendingChanges::TakeBack(undo::RowChanged const& changed) {
+  *changed.row = *changed.before;
+  return changed.row->id;
+}
+
+ObjectId PendingChanges::TakeBack(undo::ExampleNoted const& noted) {
+  std::uint64_t const number = Raw(noted.layout);
+  PendingRow const** const example = examples_.Find(number);
+  if (example != nullptr && noted.before == nullptr) {
+    examples_.Erase(number);
+  } else if (example != nullptr) {
+    *example = noted.before;
+  }
+  return kNoObject;
+}
+
+ObjectId PendingChanges::TakeBack(undo::EntryAdded const& added) {
+  added.index->TakeBack(added);
+  return kNoObject;
+}
+
+ObjectId PendingChanges::TakeBack(undo::EntryChanged const& changed) {
+  *changed.entry = changed.before;
+  return kNoObject;
+}
+
+ObjectId PendingChanges::TakeBack(undo::EntryErased& erased) {
+  erased.index->TakeBack(erased);
+  return kNoObject;
+}
+
+ObjectId PendingChanges::TakeBack(undo::LayoutAdded const& added) {
+  layouts_.resize(added.layouts);
+  return kNoObject;
+}
+
+ObjectId PendingChanges::TakeBack(undo::LayoutReleased const& released) {
+  released_.erase(released.number);
+  return kNoObject;
+}
+
+ObjectId PendingChanges::TakeBack(undo::IndexAdded const& added) {
+  for (; indexes_.size() > added.indexes; indexes_.pop_back()) {
+    std::uint64_t const id = Raw(indexes_.back()->index().id);
+    if (index_by_id_.Find(id) != nullptr) index_by_id_.Erase(id);
+  }
+  created_.resize(added.created);
+  return kNoObject;
+}
+
+ObjectId PendingChanges::TakeBack(undo::IndexDropped const& dropped) {
+  if (dropped.created_at != undo::IndexDropped::kNowhere) {
+    MoveBack(created_and_dropped_, created_, dropped.created_at);
+  } else {
+    dropped_.pop_back();
+  }
+  if (dropped.entries_at != undo::IndexDropped::kNowhere) {
+    PendingIndex& entries = *forgotten_.back();
+    MoveBack(forgotten_, indexes_, dropped.entries_at);
+    index_by_id_.Insert(Raw(entries.index().id), &entries);
+  }
+  return kNoObject;
+}
+
+ObjectId PendingChanges::TakeBack(undo::ObjectRequired const& required) {
+  if (required_.Find(Raw(required.id)) != nullptr) required_.Erase(Raw(required.id));
+  return kNoObject;
+}
+
 void PendingChanges::Clear() {
+  undo_.Stop();
+  examples_.Clear();
+  required_.Clear();
   indexes_.clear();
   forgotten_.clear();
   index_by_id_.Clear();

@@ -20,6 +20,7 @@
 #include "oid_map.h"
 #include "pending_entry.h"
 #include "row.h"
+#include "undo_log.h"
 
 namespace lscore {
 
@@ -98,6 +99,8 @@ class PendingIndex {
   IndexDefinition const& index() const { return *index_; }
   bool committed() const { return committed_; }
   Map const& map() const { return map_; }
+  // From here on changes are recorded. `undo` must outlive the entries.
+  void RecordIn(UndoLog& undo) { undo_ = &undo; }
 
   // The entry's newest state, or null when the transaction has not touched it.
   PendingEntry const* Find(std::string_view encoded, ObjectId object) const;
@@ -113,12 +116,19 @@ class PendingIndex {
   // columns count only with `count_unwritten`.
   bool HasOther(PendingKey key, bool count_unwritten) const;
 
+  void TakeBack(undo::EntryAdded const& added);
+  void TakeBack(undo::EntryErased& erased) { map_.insert(std::move(erased.entry)); }
+
  private:
+  bool recording() const { return undo_ != nullptr && undo_->recording(); }
   PendingEntry& Change(Map::iterator at, Sequence now, bool keep_history);
+  void RecordChange(PendingEntry& entry);
+  void Erase(Map::iterator at);
 
   IndexDefinition const* index_;
   bool committed_;
   Arena* arena_;
+  UndoLog* undo_ = nullptr;
   Map map_;
 };
 
@@ -137,22 +147,27 @@ class PendingChanges {
     return found == nullptr ? nullptr : *found;
   }
   PendingRow& AddRow(ObjectId id);
-  // REQUIRES: the row was added and nothing came of it.
-  void ForgetRow(ObjectId id) { rows_.Erase(Raw(id)); }
+  // To be called before anything of the row changes, or before a cell of it does.
+  void WillChange(PendingRow& row);
+  void WillChange(PendingRow& row, Cell& cell);
   Cell* NewCells(Layout const& layout);
   template <typename Visit>
   void ForEachRow(Visit&& visit) const {
     rows_.ForEach([&](std::uint64_t, PendingRow* row) { visit(*row); });
   }
 
+  // A row that came under a layout, remembered by the layout's number; null: none was.
+  PendingRow const* FindExample(LayoutNumber layout) const;
+  void NoteExample(PendingRow const& row);
+
   PendingIndex* FindIndex(IndexId id) const;
   PendingIndex& AddIndex(IndexDefinition const& index, bool committed);
   std::vector<std::unique_ptr<PendingIndex>> const& indexes() const { return indexes_; }
 
   std::vector<std::unique_ptr<Layout const>> const& layouts() const { return layouts_; }
-  void AddLayout(std::unique_ptr<Layout const> layout) { layouts_.push_back(std::move(layout)); }
+  void AddLayout(std::unique_ptr<Layout const> layout);
   std::set<LayoutNumber> const& released_layouts() const { return released_; }
-  void ReleaseLayout(LayoutNumber number) { released_.insert(number); }
+  void ReleaseLayout(LayoutNumber number);
   std::vector<std::unique_ptr<IndexDefinition const>> const& created_indexes() const {
     return created_;
   }
@@ -165,12 +180,59 @@ class PendingChanges {
   IndexDefinition const* FindCreated(IndexId id) const;
   bool IsDropped(IndexId id) const;
 
+  // Objects that no other transaction may have changed when this one commits.
+  bool requires_any() const { return required_.size() != 0; }
+  void Require(ObjectId id);
+  template <typename Visit>
+  void ForEachRequired(Visit&& visit) const {
+    required_.ForEach([&](std::uint64_t id, bool) { visit(ObjectId{id}); });
+  }
+
+  // ---- savepoints
+  struct Mark {
+    std::size_t steps = 0;
+    Arena::Mark arena;
+  };
+  // From here on changes are recorded, until EndRecording.
+  Mark SetMark();
+  // Takes back what was written since. Calls `forget` with the identities of rows that are not to
+  // be known any more by where they were. REQUIRES: no walk stands on an entry that was added
+  // since.
+  template <typename Forget>
+  void RollbackTo(Mark const& mark, Forget&& forget) {
+    undo_.TakeBackTo(mark.steps, [&](undo::Step& step) {
+      ObjectId const row = std::visit([this](auto& one) { return TakeBack(one); }, step);
+      if (row != kNoObject) forget(row);
+    });
+    arena_.ReleaseTo(mark.arena);
+  }
+  // Nothing can be taken back any more.
+  void EndRecording() { undo_.Stop(); }
+
+  // Nothing is to be written.
   bool empty() const;
   void Clear();
 
  private:
+  // Each returns the row whose place or layout changed, or none.
+  ObjectId TakeBack(undo::RowAdded const& added);
+  ObjectId TakeBack(undo::CellChanged const& changed);
+  ObjectId TakeBack(undo::RowChanged const& changed);
+  ObjectId TakeBack(undo::ExampleNoted const& noted);
+  ObjectId TakeBack(undo::EntryAdded const& added);
+  ObjectId TakeBack(undo::EntryChanged const& changed);
+  ObjectId TakeBack(undo::EntryErased& erased);
+  ObjectId TakeBack(undo::LayoutAdded const& added);
+  ObjectId TakeBack(undo::LayoutReleased const& released);
+  ObjectId TakeBack(undo::IndexAdded const& added);
+  ObjectId TakeBack(undo::IndexDropped const& dropped);
+  ObjectId TakeBack(undo::ObjectRequired const& required);
+
   Arena arena_;
+  UndoLog undo_;  // behind the arena, in which what it keeps lies
   OidMap<PendingRow*> rows_;
+  OidMap<PendingRow const*> examples_;  // by layout number
+  OidMap<bool> required_;
   OidMap<PendingIndex*> index_by_id_;
   std::vector<std::unique_ptr<PendingIndex>> indexes_;
   std::vector<std::unique_ptr<PendingIndex>> forgotten_;  // iterators may still stand in them

@@ -36,6 +36,16 @@ class TransactionRowCache {
     return &set[0];
   }
 
+  void Forget(ObjectId id) {
+    Set& set = SetOf(id);
+    if (set[0].id == id) {
+      set[0] = set[1];
+      set[1] = RowRef{};
+    } else if (set[1].id == id) {
+      set[1] = RowRef{};
+    }
+  }
+
   void Clear() {
     if (used_.size() == kManyUsed) return ClearAll();
     for (std::uint32_t const number : used_) sets_[number] = Set{};

@@ -1,0 +1,115 @@
+#ifndef LSCOREDB_SRC_UNDO_LOG_H
+#define LSCOREDB_SRC_UNDO_LOG_H
+
+// How to take back what a transaction wrote since its oldest open savepoint.
+//
+// Each change of the write set records a step before it is made; steps are taken back newest first,
+// so that each finds the write set as its change left it. A change that failed after its step was
+// recorded may be taken back too. Nothing is recorded while no savepoint is open. One thread at a
+// time.
+
+#include <cstddef>
+#include <utility>
+#include <variant>
+#include <vector>
+
+#include "ids.h"
+#include "pending_entry.h"
+#include "row.h"
+
+namespace lscore {
+
+struct PendingRow;
+class PendingIndex;
+
+namespace undo {
+
+struct RowAdded {
+  ObjectId id{};
+};
+struct CellChanged {
+  PendingRow* row = nullptr;
+  Cell* cell = nullptr;
+  Cell before;
+  bool changed = false;  // the row, before
+};
+struct RowChanged {
+  PendingRow* row = nullptr;
+  PendingRow const* before = nullptr;  // its cells stay where they are
+};
+struct ExampleNoted {
+  LayoutNumber layout{};
+  PendingRow const* before = nullptr;
+};
+struct EntryAdded {
+  PendingIndex* index = nullptr;
+  PendingKey key;
+};
+struct EntryChanged {
+  PendingEntry* entry = nullptr;
+  PendingEntry before;
+};
+struct EntryErased {
+  PendingIndex* index = nullptr;
+  PendingEntryMap::node_type entry;
+};
+// The numbers are those of layouts, of indexes with entries and of created indexes before.
+struct LayoutAdded {
+  std::size_t layouts = 0;
+};
+struct LayoutReleased {
+  LayoutNumber number{};
+};
+struct IndexAdded {
+  std::size_t indexes = 0;
+  std::size_t created = 0;
+};
+struct IndexDropped {
+  static constexpr std::size_t kNowhere = static_cast<std::size_t>(-1);
+  std::size_t entries_at = kNowhere;
+  std::size_t created_at = kNowhere;
+};
+struct ObjectRequired {
+  ObjectId id{};
+};
+
+using Step = std::variant<RowAdded, CellChanged, RowChanged, ExampleNoted, EntryAdded, EntryChanged,
+                          EntryErased, LayoutAdded, LayoutReleased, IndexAdded, IndexDropped,
+                          ObjectRequired>;
+
+}  // namespace undo
+
+class UndoLog {
+ public:
+  bool recording() const { return recording_; }
+  std::size_t size() const { return steps_.size(); }
+  void Start() { recording_ = true; }
+  // Forgets all steps.
+  void Stop() {
+    recording_ = false;
+    if (steps_.capacity() > kKept) steps_ = std::vector<undo::Step>();
+    steps_.clear();
+  }
+
+  // REQUIRES: recording(). The reference is valid until the next step.
+  template <typename Step>
+  Step& Record(Step step) {
+    return std::get<Step>(steps_.emplace_back(std::move(step)));
+  }
+
+  // Visits the steps behind the first `size`, newest first, and forgets them.
+  template <typename Visit>
+  void TakeBackTo(std::size_t size, Visit&& visit) {
+    for (; steps_.size() > size; steps_.pop_back()) visit(steps_.back());
+  }
+
+ private:
+  static constexpr std::size_t kKept = 1024;
+
+  bool recording_ = false;
+  std::vector<undo::Step> steps_;
+};
+
+}  // namespace lscore
+
+#endif
