@@ -115,6 +115,12 @@ class RawTransaction {
   bool open() const { return open_; }
   std::uint64_t context() const { return context_; }
 
+  // Commit fails with LSCOREDB_CONFLICT when another transaction changes or deletes the object
+  // meanwhile, as if this one had changed it too.
+  void Require(std::uint64_t object_id) {
+    detail::CheckKernel(lscoredb_require(context_, object_id));
+  }
+
  private:
   std::uint64_t context_;
   bool open_ = false;
