@@ -24,13 +24,18 @@
  *  6. References. An object is two words: `oid`, its identity, 0 for no object, and `addr`, whose
  *     low 16 bits name a layout. They stay valid for the object's life; a stale `addr` is
  *     accepted.
- *  7. Start-up. Once per process, before anything else: lorv_prepare_system_tables on a new or
- *     older database, lorv_init_metalayer on one that is known to be current. What is learnt then
- *     is process-wide: a process works with one database.
+ *  7. Start-up. Once per database, before anything else in it: lorv_prepare_system_tables on a new
+ *     or older one, lorv_init_metalayer on one that is known to be current. What is learnt then is
+ *     kept with the database and ends with its last close; a process may use any number of
+ *     databases, one after another and at the same time. (A kernel that does not tell databases
+ *     apart, which the embedded one does, leaves the layer with one state for the process, and the
+ *     process with one database.)
  *  8. Continuations. A function with `next` and `more` does its work in steps. While it returns 0
  *     with *more true, do what is to be done between steps (commit, begin), call run_continuation
  *     with *next, and free that handle. All steps run on one thread, in the context of the first;
- *     between steps that context stays the thread's own. Any other outcome is the last one.
+ *     between steps that context stays the thread's own. Any other outcome is the last one. Work in
+ *     another database may come between two steps, also a continuation that is run to its end; a
+ *     step in a context of another database is refused with LORV_STATUS_FOREIGN_DATABASE.
  *  9. Exceptions. Failures inside become statuses, but out of memory and failures of the standard
  *     library pass through as C++ exceptions, with the thread's state restored.
  * 10. The frameless functions (marked so) touch neither error text nor thread state.
@@ -43,6 +48,9 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+
+/* A handle or a continuation is used in a context of another database than its own. */
+#define LORV_STATUS_FOREIGN_DATABASE 15030u
 
 /* ---- records from the host ------------------------------------------------------------------- */
 
@@ -86,9 +94,8 @@ SAGLEME_API uint64_t lorv_get_metaschema_version(void);
 SAGLEME_API uint64_t lorv_get_metaschema_generation(void);
 /* The words of the context's last failure, null for none. Emptied by the next call in that context,
  * by an lorv_crud_ call only when that fails with words of its own. At most 7168 units; the rest is
- * cut off. The memory is the library's and stays as long as the process, 14 KiB for each context in
- * which the layer was called: threads keep their contexts, and do not open one for each task.
- * Frameless. */
+ * cut off. The memory is the library's and stays as long as the context is open, 14 KiB for each one
+ * in which the layer was called. Frameless. */
 SAGLEME_API char16_t const* lorv_metalayer_errbuf(uint64_t context);
 
 /* ---- bootstrap ------------------------------------------------------------------------------- */

@@ -28,7 +28,7 @@ unsigned long CachedType(LayoutEntry& entry, LS_OBJ_REF* out_view) {
 unsigned long ReloadedType(LS_OBJ_REF const& object, LS_OBJ_REF const& gone_view) {
   unsigned long const type_id = AssureCurrentLayoutId(object);
   LS_OBJ_REF view = db_util::null_obj_ref;
-  CachedType(g_layouts[LayoutOf(object)], &view);
+  CachedType(EntryOfLayout(LayoutOf(object)), &view);
   return view.oid == gone_view.oid ? kNoType : type_id;
 }
 
@@ -47,7 +47,7 @@ unsigned long GetObjectTypeId(LS_OBJ_REF object) {
   unsigned short const layout = LayoutOf(object);
   if (layout == 0) return kNoType;
   LS_OBJ_REF view = db_util::null_obj_ref;
-  unsigned long const type_id = CachedType(g_layouts[layout], &view);
+  unsigned long const type_id = CachedType(EntryOfLayout(layout), &view);
   if (type_id == kNoType) return AssureCurrentLayoutId(object);
   uint64_t current = 0;
   unsigned int const status = lorv_context_get_ulong(TlsContextHandle::context(), view.oid,
@@ -66,6 +66,7 @@ namespace crud = metalayer::crud;
 uint32_t lorv_crud_CreateObject(uint64_t context, CreateInfo const* handle, uint64_t* out_oid,
                                 uint64_t* out_addr) {
   return MetalayerFunction<false>(context, [&] {
+    crud::RequireOwn(handle);
     uint16_t const layout = handle->layout.load(std::memory_order_relaxed);
     uint64_t oid = 0;
     Check(handle->is_system ? lorv_context_insert_system(context, layout, &oid)
@@ -79,6 +80,7 @@ uint32_t lorv_crud_CreateObject(uint64_t context, CreateInfo const* handle, uint
 uint32_t lorv_crud_CreateObjectWithId(uint64_t context, CreateInfo const* handle, uint64_t oid,
                                       uint64_t* out_addr) {
   return MetalayerFunction<false>(context, [&] {
+    crud::RequireOwn(handle);
     if (handle->is_system) metalayer::FatalError();
     uint16_t const layout = handle->layout.load(std::memory_order_relaxed);
     Check(lorvi_context_insert_with_id(context, layout, oid));
@@ -118,6 +120,7 @@ uint32_t lorv_crud_ReadRefAndType(uint64_t context, PropertyAccessInfo const* ha
                                   uint64_t addr, LS_OBJ_REF* out, uint64_t* out_type_id) {
   uint32_t status = 0;
   uint32_t const frame_status = MetalayerFunction<false>(context, [&] {
+    crud::RequireOwn(handle);
     crud::Place const place = crud::PlaceOf(handle, addr);
     LORV_REFERENCE reference{};
     status = lorv_context_get_reference(context, oid, place.addr, place.column, &reference);

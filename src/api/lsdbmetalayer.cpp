@@ -51,7 +51,7 @@ uint64_t lorv_get_metaschema_version(void) { return kMetaschemaVersion; }
 
 // For code that runs inside a frame already: no frame, and a failure is thrown.
 uint64_t lorv_get_metaschema_generation(void) {
-  return GetULong(g_schema_generation, UserSchemaGeneration::kGeneration);
+  return GetULong(SchemaGeneration(), UserSchemaGeneration::kGeneration);
 }
 
 uint32_t lorv_prepare_system_tables(uint64_t context, continuation_context** next, bool* more) {

@@ -7,6 +7,7 @@
 #include <sagleme/metalayer/schema.hpp>
 #include <vector>
 
+#include "bootstrap/start_up.h"
 #include "bootstrap/version_row.h"
 
 namespace metalayer {
@@ -15,12 +16,27 @@ LS_OBJ_REF g_schema_generation = db_util::null_obj_ref;
 
 namespace {
 
+std::atomic<bool> g_meta_inited{false};
+
+}  // namespace
+
+StartUp::StartUp(DatabaseState const& state)
+    : done(state.exported() ? g_meta_inited : own_done_),
+      generation(state.exported() ? g_schema_generation : own_generation_) {}
+
+StartUp::~StartUp() {
+  done = false;
+  generation = db_util::null_obj_ref;
+}
+
+LS_OBJ_REF& SchemaGeneration() { return CurrentStartUp().generation; }
+
+namespace {
+
 constexpr unsigned int kNotPrepared = 7043;
 constexpr unsigned int kVersionMismatch = 15010;
 constexpr unsigned int kTokenTable = 1;
 constexpr unsigned int kFirstLoadedTable = 2;
-
-bool g_meta_inited = false;
 
 template <typename Row>
 Row Required(Row row) {
@@ -35,7 +51,7 @@ std::vector<unsigned short> LoadTableIds() {
   // An empty dictionary belongs to a database that was cut off before its first names.
   Required(Token::ByNameToken(metaschema_init_generated_from_json[kTokenTable].token));
   ids[0] = g_inits[0](std::u16string(), 0);
-  ids[kTokenTable] = Token::g_table_id_;
+  ids[kTokenTable] = Token::metaclass_layout_handle();
   for (unsigned int i = kFirstLoadedTable; i < nr_meta_table_inits(); ++i) {
     ids[i] = g_inits[i](std::u16string(), 0);
   }
@@ -71,7 +87,9 @@ LS_OBJ_REF FindSchemaGeneration() {
 }  // namespace
 
 unsigned int InitMetalayer() {
-  if (g_meta_inited) return 0;
+  StartUp& start_up = CurrentStartUp();
+  std::lock_guard const lock(start_up.mutex);
+  if (start_up.done) return 0;
   std::vector<unsigned short> const table_ids = LoadTableIdsOrRefuse();
   // The last table's row is the last that creation writes.
   Required(RawView::ByRawViewPK(table_ids.back()));
@@ -80,17 +98,17 @@ unsigned int InitMetalayer() {
   }
   Configuration const version = Required(Configuration::ByConfigurationParameter(kVersionRow));
   ReportSchemaMismatchIf(static_cast<unsigned long>(GetLong(version, Configuration::kValue)));
-  g_mom_rv = RawView::ByRawViewPK(MotherOfAllLayouts::metaclass_layout_handle());
-  g_schema_generation = FindSchemaGeneration();
-  g_meta_inited = true;
+  MomRawView() = RawView::ByRawViewPK(MotherOfAllLayouts::metaclass_layout_handle());
+  start_up.generation = FindSchemaGeneration();
+  start_up.done = true;
   return 0;
 }
 
-bool IsMetalayerInitialized() { return g_meta_inited; }
+bool IsMetalayerInitialized() { return CurrentStartUp().done; }
 
 void SetMetalayerUninitialized() {
-  g_meta_inited = false;
-  g_schema_generation = db_util::null_obj_ref;
+  CurrentStartUp().done = false;
+  SchemaGeneration() = db_util::null_obj_ref;
 }
 
 void PrepareGeneratedMetaClassesForReading() {
@@ -108,8 +126,9 @@ void ReportSchemaMismatchIf(unsigned long database_version) {
 }
 
 void AdvanceSchemaGeneration() {
-  unsigned long const generation = GetULong(g_schema_generation, UserSchemaGeneration::kGeneration);
-  PutULong(g_schema_generation, UserSchemaGeneration::kGeneration, generation + 1);
+  LS_OBJ_REF const row = SchemaGeneration();
+  unsigned long const generation = GetULong(row, UserSchemaGeneration::kGeneration);
+  PutULong(row, UserSchemaGeneration::kGeneration, generation + 1);
 }
 
 void InitializeGenerationIfDoesntExist() {

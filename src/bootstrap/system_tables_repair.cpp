@@ -29,14 +29,14 @@ bool HasOldSpecifierIndex() {
 // Dropping an index advances the schema's generation, whose row a fresh process has not found yet.
 class GenerationScope {
  public:
-  GenerationScope() : saved_(g_schema_generation) {
+  GenerationScope() : saved_(SchemaGeneration()) {
     db_util::db_iter_with_keys objects;
     RangeGlobalSetspecIndex(UserSchemaGeneration::setspec().c_str(), &objects);
-    g_schema_generation = objects.current;
+    SchemaGeneration() = objects.current;
   }
   GenerationScope(GenerationScope const&) = delete;
   GenerationScope& operator=(GenerationScope const&) = delete;
-  ~GenerationScope() { g_schema_generation = saved_; }
+  ~GenerationScope() { SchemaGeneration() = saved_; }
 
  private:
   LS_OBJ_REF const saved_;

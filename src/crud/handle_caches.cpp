@@ -15,14 +15,24 @@ namespace {
 
 constexpr unsigned int kTableNotFound = 15003;
 
-std::mutex s_prop_infos_mtx;
-std::unordered_map<unsigned long, std::unique_ptr<PropertyAccessInfo>> s_prop_infos;
+struct HandleCaches : StatePart {
+  static constexpr PartOf kPart = PartOf::kHandles;
 
-std::mutex s_create_infos_mtx;
-std::unordered_map<unsigned long, std::unique_ptr<CreateInfo>> s_create_infos;
-// Records that lost their place to another table with the same type id. Their addresses are out, so
-// they live on until a refresh finds their table gone.
-std::vector<std::unique_ptr<CreateInfo>> s_displaced_create_infos;
+  explicit HandleCaches(DatabaseState const& state) : database(state) {}
+
+  DatabaseState const& database;
+
+  std::mutex s_prop_infos_mtx;
+  std::unordered_map<unsigned long, std::unique_ptr<PropertyAccessInfo>> s_prop_infos;
+
+  std::mutex s_create_infos_mtx;
+  std::unordered_map<unsigned long, std::unique_ptr<CreateInfo>> s_create_infos;
+  // Records that lost their place to another table with the same type id. Their addresses are out,
+  // so they live on until a refresh finds their table gone.
+  std::vector<std::unique_ptr<CreateInfo>> s_displaced_create_infos;
+};
+
+HandleCaches& Caches() { return DatabaseState::Current().Get<HandleCaches>(); }
 
 unsigned int LookUp(LS_OBJ_REF const& row) {
   uint64_t addr = 0;
@@ -43,23 +53,26 @@ void UpdateLayout(CreateInfo& info) {
 
 bool IsCached(unsigned long type_id) {
   return type_id < kLayouts &&
-         std::atomic_ref(g_raw_views[type_id].oid).load(std::memory_order_relaxed) != 0;
+         std::atomic_ref(RawViewSlot(type_id).oid).load(std::memory_order_relaxed) != 0;
 }
 
 // A transaction that created a table and was rolled back leaves its row in the cache of views, and
 // the next table gets the same type id: a filled slot is tried, and read again from the catalogue
-// when its row is gone. In the catalogue a type id has no system mark.
+// when its row is gone. In the catalogue a type id has no system mark, and one that has no slot is
+// looked for there.
 LS_OBJ_REF LiveRawView(unsigned long key) {
   unsigned long const type_id = key & ~kSystemCreate;
+  if (type_id >= kLayouts) return LoadRawViewByTypeId(type_id);
   bool const was_cached = IsCached(type_id);
   LS_OBJ_REF const view = raw_view_by_type_id(key);
   return was_cached && IsGone(LookUp(view)) ? LoadRawViewByTypeId(type_id) : view;
 }
 
 // The entry stays behind empty when the record cannot be begun.
-CreateInfo* BuildCreateInfo(unsigned long context, unsigned long key,
+CreateInfo* BuildCreateInfo(unsigned long context, unsigned long key, DatabaseState const& database,
                             std::unique_ptr<CreateInfo>& entry) {
   auto info = std::make_unique<CreateInfo>();
+  info->database = &database;
   info->view = LiveRawView(key);
   if (info->view.oid == 0) Throw(kTableNotFound);
   info->setspec = CreateInfo::setspec_by_view(context, info->view);
@@ -85,11 +98,13 @@ bool RefreshOne(CreateInfo* info) {
 }  // namespace
 
 PropertyAccessInfo* PropertyHandle(LS_OBJ_REF const& view, LS_OBJ_REF const& column) {
-  std::lock_guard const lock(s_prop_infos_mtx);
-  auto const known = s_prop_infos.find(column.oid);
-  if (known != s_prop_infos.end()) return known->second.get();
-  auto made = std::make_unique<PropertyAccessInfo>(view, column);
-  PropertyAccessInfo& info = *s_prop_infos.emplace(column.oid, std::move(made)).first->second;
+  HandleCaches& caches = Caches();
+  std::lock_guard const lock(caches.s_prop_infos_mtx);
+  auto const known = caches.s_prop_infos.find(column.oid);
+  if (known != caches.s_prop_infos.end()) return known->second.get();
+  auto made = std::make_unique<PropertyAccessInfo>(view, column, &caches.database);
+  PropertyAccessInfo& info =
+      *caches.s_prop_infos.emplace(column.oid, std::move(made)).first->second;
   if (LookUp(view) != LORV_STATUS_NO_OBJECT && LookUp(column) != LORV_STATUS_NO_OBJECT) {
     UpdateLocation(info);
   }
@@ -97,28 +112,34 @@ PropertyAccessInfo* PropertyHandle(LS_OBJ_REF const& view, LS_OBJ_REF const& col
 }
 
 CreateInfo* create_handle_from_typeid(unsigned long context, unsigned long key) {
-  std::lock_guard const lock(s_create_infos_mtx);
-  auto const [entry, is_new] = s_create_infos.try_emplace(key);
+  HandleCaches& caches = Caches();
+  std::lock_guard const lock(caches.s_create_infos_mtx);
+  auto const [entry, is_new] = caches.s_create_infos.try_emplace(key);
   std::unique_ptr<CreateInfo>& info = entry->second;
   if (!is_new && (info == nullptr || !IsGone(LookUp(info->view)))) return info.get();
-  if (!is_new) s_displaced_create_infos.push_back(std::move(info));
-  return BuildCreateInfo(context, key, info);
+  if (!is_new) caches.s_displaced_create_infos.push_back(std::move(info));
+  return BuildCreateInfo(context, key, caches.database, info);
 }
 
 void RefreshPropertyHandles() {
-  std::lock_guard const lock(s_prop_infos_mtx);
-  for (auto entry = s_prop_infos.begin(); entry != s_prop_infos.end();) {
-    entry = RefreshOne(*entry->second) ? std::next(entry) : s_prop_infos.erase(entry);
+  HandleCaches& caches = Caches();
+  std::lock_guard const lock(caches.s_prop_infos_mtx);
+  auto& infos = caches.s_prop_infos;
+  for (auto entry = infos.begin(); entry != infos.end();) {
+    entry = RefreshOne(*entry->second) ? std::next(entry) : infos.erase(entry);
   }
 }
 
 void RefreshCreateHandles() {
-  std::lock_guard const lock(s_create_infos_mtx);
-  for (auto entry = s_create_infos.begin(); entry != s_create_infos.end();) {
-    entry = RefreshOne(entry->second.get()) ? std::next(entry) : s_create_infos.erase(entry);
+  HandleCaches& caches = Caches();
+  std::lock_guard const lock(caches.s_create_infos_mtx);
+  auto& infos = caches.s_create_infos;
+  for (auto entry = infos.begin(); entry != infos.end();) {
+    entry = RefreshOne(entry->second.get()) ? std::next(entry) : infos.erase(entry);
   }
-  for (auto info = s_displaced_create_infos.begin(); info != s_displaced_create_infos.end();) {
-    info = RefreshOne(info->get()) ? std::next(info) : s_displaced_create_infos.erase(info);
+  auto& displaced = caches.s_displaced_create_infos;
+  for (auto info = displaced.begin(); info != displaced.end();) {
+    info = RefreshOne(info->get()) ? std::next(info) : displaced.erase(info);
   }
 }
 

@@ -3,8 +3,8 @@
 
 // The records behind the handles of object access.
 //
-// A handle is the address of one of these records. The caches (handle_caches.h) own them and are
-// the only writers, under their locks. The object path reads `location` and `layout` at any time
+// A handle is the address of one of these records. The caches (handle_caches.h) of its database own
+// them and are the only writers, under their locks. The object path reads `location` and `layout` at any time
 // without a lock, so each is one atomic word: a reader gets both halves of a `location` from one
 // refresh.
 
@@ -16,14 +16,21 @@
 #include <sagleme/metalayer/records.hpp>
 #include <string>
 
+namespace metalayer {
+class DatabaseState;
+}
+
 struct PropertyAccessInfo {
-  PropertyAccessInfo(LS_OBJ_REF table, LS_OBJ_REF member) : view(table), column(member) {}
+  PropertyAccessInfo(LS_OBJ_REF table, LS_OBJ_REF member,
+                     metalayer::DatabaseState const* of = nullptr)
+      : view(table), column(member), database(of) {}
 
   // Bits 0 to 15: the table's layout; bits 16 to 31: the column's index. First, so that the object
   // path loads it straight through the handle.
   std::atomic<uint32_t> location{0};
-  LS_OBJ_REF view;    // the table's RawView row
-  LS_OBJ_REF column;  // the property's row among the table's members
+  LS_OBJ_REF view;                           // the table's RawView row
+  LS_OBJ_REF column;                         // the property's row among the table's members
+  metalayer::DatabaseState const* database;  // null: not of a cache
 };
 
 struct CreateInfo {
@@ -33,6 +40,7 @@ struct CreateInfo {
   LS_OBJ_REF view = db_util::null_obj_ref;
   std::u16string setspec;
   bool is_system = false;
+  metalayer::DatabaseState const* database = nullptr;
   std::atomic<uint16_t> layout{0};
 };
 

@@ -56,7 +56,7 @@ RawView WrittenTable(char16_t const* name) {
 template <typename Definition>
 unsigned short WriteTable(bool strict, char16_t const* name, LS_OBJ_REF const& given_base,
                           span<Definition const> columns, LS_OBJ_REF* out_table) {
-  LS_OBJ_REF const base = given_base.oid != 0 ? given_base : g_mom_rv;
+  LS_OBJ_REF const base = given_base.oid != 0 ? given_base : MomRawView();
   CheckColumnLimit(name, base, columns.size());
   RawView const table = PopulateRawView(name, 0, base, true);
   if (out_table != nullptr) *out_table = table;

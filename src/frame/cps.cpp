@@ -1,5 +1,6 @@
 #include "frame/cps.h"
 
+#include <sagleme/metalayer/errors.hpp>
 #include <utility>
 
 using boost::coroutines::push_coroutine;
@@ -34,6 +35,7 @@ struct StackLoan {
 
 Impl::continuation_context_impl(Body const& body) : stack_(StackSize()) {
   Start(body);
+  database_ = metalayer::DatabaseState::Share(*metalayer::TlsMetalayerContext::Current());
   PassOnFailure();
 }
 
@@ -65,15 +67,34 @@ void Impl::Resume() {
   ++value_;
 }
 
+bool Impl::InItsDatabase() const {
+  unsigned long const context = *metalayer::TlsMetalayerContext::Current();
+  return &metalayer::DatabaseState::Of(context) == database_.get();
+}
+
 void Impl::PassOnFailure() {
   if (failure_ != nullptr) std::rethrow_exception(std::exchange(failure_, nullptr));
 }
+
+namespace metalayer {
+namespace {
+
+unsigned int RefuseForeignLeg() {
+  request_clear_errbuf();
+  ucs2_stream<ErrBlt>() << u"The thread is in a context of another database than this continuation "
+                           u"works in. Run or free the one that was begun last.";
+  return LORV_STATUS_FOREIGN_DATABASE;
+}
+
+}  // namespace
+}  // namespace metalayer
 
 unsigned int run_continuation_impl(Impl& impl, bool* finished) {
   // Without a value there is nothing to go on from: the first leg ran already, or all of it is
   // over.
   bool const stopped_at_value = impl.value_ != Impl::Coroutine::iterator();
   if (stopped_at_value && *impl.coroutine_) {
+    if (!impl.InItsDatabase()) return metalayer::RefuseForeignLeg();
     impl.Resume();
   } else {
     impl.value_ = boost::coroutines::begin(*impl.coroutine_);

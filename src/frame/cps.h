@@ -3,6 +3,10 @@
 
 // Resumable computations behind a handle that C code can hold.
 //
+// A continuation works in the context that its thread was in when the body stopped first, and keeps
+// the layer's state of that context's database. Between two legs the context stays the thread's; a
+// leg that begins in a context of another database is refused, and the computation can go on later.
+//
 // The body runs on a stack of its own, up to its first yield while the handle is made, then one leg
 // per run_continuation. All of it belongs to the thread that made the handle. It ends when the body
 // returns or throws, or when the last handle is freed, which unwinds the body where it stands.
@@ -22,6 +26,7 @@
 #include <memory>
 #include <optional>
 
+#include "frame/database_state.h"
 #include "frame/stack_switch.h"
 
 struct continuation_context {
@@ -47,7 +52,9 @@ class continuation_context::continuation_context_impl {
   void Start(Body const& body);
   void Resume();
   void PassOnFailure();
+  bool InItsDatabase() const;
 
+  std::shared_ptr<metalayer::DatabaseState> database_;
   metalayer::CoroutineStack stack_;
   std::exception_ptr failure_;  // what left the body and has not been thrown on yet
   std::optional<Coroutine> coroutine_;
@@ -55,7 +62,7 @@ class continuation_context::continuation_context_impl {
 };
 
 // One leg. `*finished`: the body is through, and the result is 0. What the body threw is thrown
-// here.
+// here. LORV_STATUS_FOREIGN_DATABASE, with a text: no leg was run.
 unsigned int run_continuation_impl(continuation_context::continuation_context_impl& impl,
                                    bool* finished);
 

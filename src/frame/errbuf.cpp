@@ -5,8 +5,15 @@
 #include <algorithm>
 #include <sagleme/metalayer/errors.hpp>
 
+#include "frame/context_state.h"
+
 namespace metalayer {
 namespace {
+
+ErrBuffers::Buf* Made(std::unique_ptr<ErrBuffers::Buf>& place) {
+  if (place == nullptr) place = std::make_unique_for_overwrite<ErrBuffers::Buf>();
+  return place.get();
+}
 
 ErrBuffers::Buf& BufOf(unsigned long buf) { return *reinterpret_cast<ErrBuffers::Buf*>(buf); }
 
@@ -16,10 +23,9 @@ ErrBuffers g_err_bufs;
 constinit thread_local unsigned char tls_clear_errbuf = 0;
 
 ErrBuffers::Buf* ErrBuffers::Find(unsigned long context) {
+  if (ContextState* const state = ContextState::Find(context)) return Made(state->errors);
   std::lock_guard const lock(mutex_);
-  std::unique_ptr<Buf>& slot = buffers_[context];
-  if (slot == nullptr) slot = std::make_unique_for_overwrite<Buf>();
-  return slot.get();
+  return Made(buffers_[context]);
 }
 
 unsigned long errbuf_by_ctx(unsigned long context) {

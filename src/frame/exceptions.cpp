@@ -1,3 +1,5 @@
+#include <sagleme/sagleme.h>
+
 #include <algorithm>
 #include <sagleme/metalayer/errors.hpp>
 
@@ -198,6 +200,11 @@ void CheckNonEmptyStringArg(char16_t const* value, char16_t const* argument_name
   if (*value != 0) return;
   Write(u"Argument ", argument_name, u" is empty.");
   throw BadArg(kBadArgument);
+}
+
+void ThrowForeignHandle() {
+  Write(u"The handle belongs to another database than the context.");
+  throw BadArg(LORV_STATUS_FOREIGN_DATABASE);
 }
 
 void ThrowTokenNotFound(char16_t const* name) {

@@ -197,13 +197,13 @@ void WriteOrdinals(std::ostream& out, TableRecord const& table) {
 }
 
 void WriteAccessors(std::ostream& out, TableRecord const& table) {
-  out << "\n  static std::u16string const& setspec() { return g_setspec_; }\n"
-      << "  static unsigned short metaclass_layout_handle() { return g_table_id_; }\n"
-      << "  static unsigned long g_type_id() { return g_type_id_; }\n";
+  out << "\n  static std::u16string const& setspec();\n"
+      << "  static unsigned short metaclass_layout_handle();\n"
+      << "  static unsigned long g_type_id();\n";
   for (IndexRecord const& index : table.indexes) {
-    out << "  static unsigned long index_id_" << index.name << "() { return g_index_id_"
-        << index.name << "_; }\n";
+    out << "  static unsigned long index_id_" << index.name << "();\n";
   }
+  out << "  static MetaclassSlots const& slots();\n";
 }
 
 void WriteFunctions(std::ostream& out, TableRecord const& table) {
@@ -217,7 +217,8 @@ void WriteFunctions(std::ostream& out, TableRecord const& table) {
 }
 
 void WriteStatics(std::ostream& out, TableRecord const& table) {
-  out << "\n  static std::u16string g_setspec_;\n"
+  out << "\n  // Of the first database opened.\n"
+      << "  static std::u16string g_setspec_;\n"
       << "  static unsigned long g_type_id_;\n"
       << "  static unsigned short g_table_id_;\n";
   for (IndexRecord const& index : table.indexes) {
@@ -259,18 +260,35 @@ void DefineStatics(std::ostream& out, TableRecord const& table) {
   }
 }
 
+void DefineAccessors(std::ostream& out, TableRecord const& table, std::size_t number) {
+  std::string const scope = table.name + "::";
+  out << "\nMetaclassSlots const& " << scope << "slots() { return SlotsOfMetaclass(" << number
+      << "); }\n"
+      << "std::u16string const& " << scope << "setspec() { return *slots().setspec; }\n"
+      << "unsigned short " << scope << "metaclass_layout_handle() { return *slots().table_id; }\n"
+      << "unsigned long " << scope << "g_type_id() { return *slots().type_id; }\n";
+  for (std::size_t i = 0; i < table.indexes.size(); ++i) {
+    out << "unsigned long " << scope << "index_id_" << table.indexes[i].name
+        << "() { return *slots().index_ids[" << i << "]; }\n";
+  }
+}
+
+// Writes what is known already only when it differs: threads may read it.
 void DefineInit(std::ostream& out, TableRecord const& table) {
   out << "\nunsigned short " << table.name
       << "::Init(std::u16string const& setspec, unsigned long type_id) {\n"
-      << "  if (!setspec.empty()) g_setspec_ = setspec;\n"
-      << "  if (type_id != 0) g_type_id_ = type_id;\n"
-      << "  if (g_table_id_ == 0) g_table_id_ = LoadTableId(u\"" << table.FullName() << "\");\n";
-  for (IndexRecord const& index : table.indexes) {
-    if (!index.loaded) continue;
-    std::string const id = "g_index_id_" + index.name + "_";
-    out << "  if (" << id << " == 0) " << id << " = LoadIndexId(u\"" << index.name << "\");\n";
+      << "  MetaclassSlots const& known = slots();\n"
+      << "  if (!setspec.empty() && *known.setspec != setspec) *known.setspec = setspec;\n"
+      << "  if (type_id != 0 && *known.type_id != type_id) *known.type_id = type_id;\n"
+      << "  if (*known.table_id == 0) *known.table_id = LoadTableId(u\"" << table.FullName()
+      << "\");\n";
+  for (std::size_t i = 0; i < table.indexes.size(); ++i) {
+    if (!table.indexes[i].loaded) continue;
+    std::string const id = "*known.index_ids[" + std::to_string(i) + "]";
+    out << "  if (" << id << " == 0) " << id << " = LoadIndexId(u\"" << table.indexes[i].name
+        << "\");\n";
   }
-  out << "  return g_table_id_;\n}\n";
+  out << "  return *known.table_id;\n}\n";
 }
 
 std::string PutFunction(std::string const& type) {
@@ -283,7 +301,7 @@ std::string PutFunction(std::string const& type) {
 void DefineInsert(std::ostream& out, TableRecord const& table) {
   std::vector<ColumnRecord> const columns = InsertColumns(table);
   out << "\nLS_OBJ_REF " << table.name << "::Insert(" << Parameters(columns) << ") {\n"
-      << "  LS_OBJ_REF const row = InsertSystemRow(g_table_id_, g_setspec_);\n";
+      << "  LS_OBJ_REF const row = InsertSystemRow(*slots().table_id, *slots().setspec);\n";
   for (ColumnRecord const& column : columns) {
     out << "  " << PutFunction(column.type) << "(row, k" << column.name << ", "
         << ParameterName(column.name) << ");\n";
@@ -304,23 +322,40 @@ void DefineLookup(std::ostream& out, TableRecord const& table, IndexRecord const
       << table.name << " " << table.name << "::By" << index.name << "(" << Parameters(columns)
       << ") {\n  alignas(8) unsigned char key[db_util::db_iter_with_keys::kKeySize];\n  Key(key)";
   for (ColumnRecord const& column : columns) out << KeyField(column);
-  out << ";\n  return " << table.name << "(LookupByKey(g_index_id_" << index.name
-      << "_, key));\n}\n";
+  out << ";\n  return " << table.name << "(LookupByKey(index_id_" << index.name
+      << "(), key));\n}\n";
+}
+
+void DefineExportedSlots(std::ostream& out, Schema const& schema) {
+  out << "\nMetaclassSlots const g_exported_slots[] = {\n";
+  for (TableRecord const& table : schema) {
+    std::string const scope = "&" + table.name + "::";
+    out << "    {" << scope << "g_setspec_, " << scope << "g_type_id_, " << scope
+        << "g_table_id_, {";
+    for (IndexRecord const& index : table.indexes)
+      out << scope << "g_index_id_" << index.name << "_, ";
+    out << "}},\n";
+  }
+  out << "};\n";
 }
 
 void WriteClasses(std::ostream& out, Schema const& schema) {
   out << "// Generated from the description of the metaschema.\n\n"
       << "#include <sagleme/metalayer/catalogue.hpp>\n#include <sagleme/metalayer/schema.hpp>\n\n"
-      << "#include \"metaschema/system_row.h\"\n\nnamespace metalayer {\n";
-  for (TableRecord const& table : schema) {
+      << "#include \"metaschema/metaclasses.h\"\n#include \"metaschema/system_row.h\"\n\n"
+      << "namespace metalayer {\n";
+  for (std::size_t number = 0; number < schema.size(); ++number) {
+    TableRecord const& table = schema[number];
     out << "\n// ---- " << table.name << "\n\n";
     DefineStatics(out, table);
+    DefineAccessors(out, table, number);
     DefineInit(out, table);
     DefineInsert(out, table);
     for (IndexRecord const& index : table.indexes) {
       if (index.lookup) DefineLookup(out, table, index);
     }
   }
+  DefineExportedSlots(out, schema);
   out << "\n}  // namespace metalayer\n";
 }
 

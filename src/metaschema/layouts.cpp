@@ -4,10 +4,26 @@
 #include <sagleme/metalayer/catalogue.hpp>
 #include <sagleme/metalayer/schema.hpp>
 
+#include "metaschema/layout_tables.h"
+
 namespace metalayer {
 
 LayoutEntry g_layouts[kLayouts];
 LS_OBJ_REF g_mom_rv = db_util::null_obj_ref;
+
+LayoutTables::LayoutTables(DatabaseState const& state)
+    : layouts(state.exported() ? g_layouts : nullptr),
+      raw_views(state.exported() ? g_raw_views : nullptr),
+      mom_rv(state.exported() ? &g_mom_rv : &own_mom_rv_) {}
+
+LayoutTables::~LayoutTables() { *mom_rv = db_util::null_obj_ref; }
+
+LayoutEntry& EntryOfLayout(unsigned short layout) { return CurrentLayouts().layouts.At(layout); }
+LS_OBJ_REF& RawViewSlot(unsigned long number) {
+  if (number >= kLayouts) FatalError();
+  return CurrentLayouts().raw_views.At(number);
+}
+LS_OBJ_REF& MomRawView() { return *CurrentLayouts().mom_rv; }
 
 namespace {
 
@@ -19,7 +35,7 @@ unsigned long TypeIdOf(LS_OBJ_REF const& raw_view) {
 
 // The type id last: who finds it set finds the row beside it.
 void Remember(unsigned short layout, unsigned long type_id, LS_OBJ_REF const& raw_view) {
-  LayoutEntry& entry = g_layouts[layout];
+  LayoutEntry& entry = EntryOfLayout(layout);
   std::atomic_ref(entry.raw_view.oid).store(raw_view.oid, std::memory_order_relaxed);
   std::atomic_ref(entry.raw_view.addr).store(raw_view.addr, std::memory_order_relaxed);
   std::atomic_ref(entry.type_id).store(type_id, std::memory_order_release);
@@ -60,7 +76,7 @@ bool HasLayout(LS_OBJ_REF const& raw_view) {
 }  // namespace
 
 unsigned short GetRootLayoutHandle() {
-  return static_cast<unsigned short>(GetULong(g_mom_rv, RawView::kLayoutHandle));
+  return static_cast<unsigned short>(GetULong(MomRawView(), RawView::kLayoutHandle));
 }
 
 unsigned long AssureCurrentLayoutId(LS_OBJ_REF object) {

@@ -4,6 +4,8 @@
 #include <sagleme/metalayer/metaschema.hpp>
 #include <sagleme/metalayer/types.hpp>
 
+#include "metaschema/descriptors.h"
+
 namespace metalayer {
 
 namespace {
@@ -195,34 +197,75 @@ INDEX_INFO* TABLE_INFO::find_index(char16_t const* index_name) const {
 std::unique_ptr<TABLE_INFO[]> MetaschemaInit::g_inits_;
 std::unique_ptr<MetaschemaInit::TableByName> MetaschemaInit::g_table_by_name_;
 
+DescriptorSet* Descriptors::Find(unsigned long context) {
+  std::lock_guard const lock(mutex_);
+  auto const found = sets_.find(context);
+  return found == sets_.end() ? nullptr : &found->second;
+}
+
+// The exported variables can hold one set.
+void Descriptors::Begin(unsigned long context) {
+  std::lock_guard const lock(mutex_);
+  sets_.erase(context);
+  sets_.try_emplace(context, exported_ && sets_.empty());
+}
+
+void Descriptors::End(unsigned long context) {
+  std::lock_guard const lock(mutex_);
+  sets_.erase(context);
+}
+
+namespace {
+
+DescriptorSet* CurrentDescriptors() {
+  return DatabaseState::Current().Get<Descriptors>().Find(*TlsMetalayerContext::Current());
+}
+
+}  // namespace
+
 // The map must be full before the first record is assigned, since base tables are found through it,
 // and a table reads the finished counts of its base, which stands before it.
-MetaschemaInit::MetaschemaInit() {
-  g_inits_ = std::make_unique<TABLE_INFO[]>(nr_meta_table_inits());
-  FillMetaTableInits();
-  for (unsigned int i = 0; i < nr_meta_table_inits(); ++i) {
-    g_inits_[i] = metaschema_init_generated_from_json[i];
+MetaschemaInit::MetaschemaInit()
+    : database_(DatabaseState::Share(*TlsMetalayerContext::Current())),
+      context_(*TlsMetalayerContext::Current()) {
+  auto& descriptors = database_->Get<Descriptors>();
+  descriptors.Begin(context_);
+  try {
+    auto& tables = descriptors.Find(context_)->tables;
+    tables = std::make_unique<TABLE_INFO[]>(nr_meta_table_inits());
+    FillMetaTableInits();
+    for (unsigned int i = 0; i < nr_meta_table_inits(); ++i) {
+      tables[i] = metaschema_init_generated_from_json[i];
+    }
+  } catch (...) {
+    descriptors.End(context_);
+    throw;
   }
 }
 
-MetaschemaInit::~MetaschemaInit() {
-  g_table_by_name_.reset();
-  g_inits_.reset();
+MetaschemaInit::~MetaschemaInit() { database_->Get<Descriptors>().End(context_); }
+
+TABLE_INFO* MetaschemaInit::inits() {
+  DescriptorSet const* const set = CurrentDescriptors();
+  return set == nullptr ? nullptr : set->tables.get();
 }
 
 void MetaschemaInit::FillMetaTableInits() {
-  if (g_table_by_name_ == nullptr) g_table_by_name_ = std::make_unique<TableByName>();
-  if (!g_table_by_name_->empty()) return;
-  if (g_inits_ == nullptr) FatalError();
+  DescriptorSet* const set = CurrentDescriptors();
+  if (set == nullptr) FatalError();
+  if (set->by_name == nullptr) set->by_name = std::make_unique<TableByName>();
+  if (!set->by_name->empty()) return;
+  if (set->tables == nullptr) FatalError();
   for (unsigned int i = 0; i < nr_meta_table_inits(); ++i) {
-    g_table_by_name_->emplace(metaschema_init_generated_from_json[i].name, &g_inits_[i]);
+    set->by_name->emplace(metaschema_init_generated_from_json[i].name, &set->tables[i]);
   }
 }
 
 TABLE_INFO* MetaschemaInit::table_by_name(char16_t const* name) {
-  if (g_table_by_name_ == nullptr) return nullptr;
-  auto const found = g_table_by_name_->find(name);
-  return found == g_table_by_name_->end() ? nullptr : found->second;
+  DescriptorSet const* const set = CurrentDescriptors();
+  if (set == nullptr || set->by_name == nullptr) return nullptr;
+  auto const found = set->by_name->find(name);
+  return found == set->by_name->end() ? nullptr : found->second;
 }
 
 void MetaschemaInit::EnumPredefinedTokens(
@@ -230,13 +273,14 @@ void MetaschemaInit::EnumPredefinedTokens(
   auto const report = [&callback](unsigned long token, char16_t const* text) {
     if (token != 0) callback(token, text);
   };
+  TABLE_INFO const* const tables = inits();
   for (unsigned int i = 0; i < nr_meta_table_inits(); ++i) {
     TABLE_INFO_STATIC const& record = metaschema_init_generated_from_json[i];
-    report(record.token, g_inits_[i].full_name);
-    for (std::size_t c = 0; c < g_inits_[i].nr_columns; ++c) {
+    report(record.token, tables[i].full_name);
+    for (std::size_t c = 0; c < tables[i].nr_columns; ++c) {
       report(record.columns[c].token, record.columns[c].name);
     }
-    for (std::size_t x = 0; x < g_inits_[i].nr_indexes; ++x) {
+    for (std::size_t x = 0; x < tables[i].nr_indexes; ++x) {
       report(record.indexes[x].token, record.indexes[x].name);
     }
   }

@@ -20,13 +20,17 @@ alignas(8) unsigned char TokenMain::ukf_u64_max[16];
 alignas(8) unsigned char TokenMain::ukf_u64_min[16];
 
 void TokenMain::Init() {
-  Key(ukf_u64_max).ULong(~0ul);
-  Key(ukf_u64_min).ULong(0);
-  if (Token::g_table_id_ == 0) Token::g_table_id_ = LoadTableId(kTokenTable);
-  if (Token::g_index_id_NameToken_ == 0) Token::g_index_id_NameToken_ = LoadIndexId(kNumberIndex);
-  if (Token::g_index_id_InvariantName_ == 0) {
-    Token::g_index_id_InvariantName_ = LoadIndexId(kTextIndex);
-  }
+  // Alike for all databases, whose threads may come here at the same time.
+  static bool const keys_written = [] {
+    Key(ukf_u64_max).ULong(~0ul);
+    Key(ukf_u64_min).ULong(0);
+    return true;
+  }();
+  static_cast<void>(keys_written);
+  MetaclassSlots const& known = Token::slots();
+  if (*known.table_id == 0) *known.table_id = LoadTableId(kTokenTable);
+  if (*known.index_ids[0] == 0) *known.index_ids[0] = LoadIndexId(kNumberIndex);
+  if (*known.index_ids[1] == 0) *known.index_ids[1] = LoadIndexId(kTextIndex);
   Token::Init(u"~", metaschema_init_generated_from_json[kTokenTableNumber].type_id);
 }
 

@@ -4,6 +4,8 @@
 #include <sagleme/metalayer/catalogue.hpp>
 #include <sagleme/metalayer/schema.hpp>
 
+#include "metaschema/layout_tables.h"
+
 namespace metalayer {
 
 LS_OBJ_REF g_raw_views[kLayouts];
@@ -14,14 +16,15 @@ namespace {
 constexpr unsigned long kNumberBits = ~0ul >> 4;
 
 LS_OBJ_REF CachedRawView(unsigned long number) {
-  LS_OBJ_REF& slot = g_raw_views[number];
-  return {std::atomic_ref(slot.oid).load(std::memory_order_acquire),
-          std::atomic_ref(slot.addr).load(std::memory_order_relaxed)};
+  LS_OBJ_REF* const slot = CurrentLayouts().raw_views.Find(number);
+  if (slot == nullptr) return db_util::null_obj_ref;
+  return {std::atomic_ref(slot->oid).load(std::memory_order_acquire),
+          std::atomic_ref(slot->addr).load(std::memory_order_relaxed)};
 }
 
 // The identity last: who finds it set finds the address beside it.
 void CacheRawView(unsigned long number, LS_OBJ_REF const& raw_view) {
-  LS_OBJ_REF& slot = g_raw_views[number];
+  LS_OBJ_REF& slot = RawViewSlot(number);
   std::atomic_ref(slot.addr).store(raw_view.addr, std::memory_order_relaxed);
   std::atomic_ref(slot.oid).store(raw_view.oid, std::memory_order_release);
 }
@@ -83,7 +86,7 @@ unsigned long GetRootTypeId(unsigned long type_id) {
   if (current.is_null()) FatalError();
   for (;;) {
     RawView const base(current.get_ref(RawView::kInherits));
-    if (base.oid == g_mom_rv.oid) break;
+    if (base.oid == MomRawView().oid) break;
     current = base;
   }
   if (current.is_null()) raise_assertion_failure_except();

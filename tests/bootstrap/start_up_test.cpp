@@ -54,12 +54,26 @@ TEST_F(StartUpTest, FindsRootViewAndGeneration) {
   });
 }
 
-TEST_F(StartUpTest, SecondCall_SucceedsAtOnceInAnyContext) {
+TEST_F(StartUpTest, SecondCall_SucceedsAtOnceInAnyContextOfTheDatabase) {
+  InFreshProcess([](Database& database) {
+    ASSERT_EQ(0u, lorv_init_metalayer(database.context()));
+    uint64_t without_transaction = 0;
+    ASSERT_EQ(0u, lscoredb_context_open(database.handle(), &without_transaction));
+    EXPECT_EQ(0u, lorv_init_metalayer(without_transaction));
+    EXPECT_EQ(0u, lscoredb_context_close(without_transaction));
+    EXPECT_EQ(0u, InitMetalayer());
+  });
+}
+
+TEST_F(StartUpTest, AnotherDatabase_IsStartedUpByItself) {
   InFreshProcess([](Database& database) {
     ASSERT_EQ(0u, lorv_init_metalayer(database.context()));
     Database other;
+    other.Begin();
+    EXPECT_EQ(7043u, lorv_init_metalayer(other.context()));
+    other.Rollback();
+    ASSERT_EQ(0u, other.Bootstrap());
     EXPECT_EQ(0u, lorv_init_metalayer(other.context()));
-    EXPECT_EQ(0u, InitMetalayer());
   });
 }
 

@@ -43,7 +43,7 @@ namespace metalayer {
 // Set: the thread's next write to an error buffer empties that buffer first.
 SAGLEME_API extern constinit thread_local unsigned char tls_clear_errbuf;
 
-// `buf` is an ErrBuffers::Buf*, valid as long as the process.
+// `buf` is an ErrBuffers::Buf*, valid as long as the context is open.
 SAGLEME_API unsigned long errbuf_by_ctx(unsigned long context);
 SAGLEME_API unsigned long clean_errbuf_by_ctx(unsigned long context);
 SAGLEME_API unsigned long errbuf_blt_sz(unsigned long buf, char16_t const* text);
@@ -183,6 +183,7 @@ struct NewColumnNameConflictsList {
 SAGLEME_API void CheckPtrArg(void const* value, char16_t const* argument_name);
 SAGLEME_API void CheckNonEmptyStringArg(char16_t const* value, char16_t const* argument_name);
 
+[[noreturn]] SAGLEME_API void ThrowForeignHandle();
 [[noreturn]] SAGLEME_API void ThrowTokenNotFound(char16_t const* name);
 [[noreturn]] SAGLEME_API void ThrowTokenNotFound(unsigned long id);
 [[noreturn]] SAGLEME_API void ThrowInvalidSetspec();

@@ -4,8 +4,8 @@
 // The definition of the 25 system tables, and the descriptors that bootstrap expands it into.
 //
 // The static records are constant and generated from one description. A MetaschemaInit owns the
-// descriptors for the length of one bootstrap call; only one may exist at a time, on one thread,
-// and pointers between descriptors end with it. Nothing here is locked.
+// descriptors for the length of one bootstrap call; only one may exist at a time in a context, and
+// pointers between descriptors end with it. Nothing here is locked.
 //
 // A descriptor knows its names and ordinals from the start; then its layout, its indexes, its set
 // specifier and its rows, each found in the database or made. Every step may be repeated. A
@@ -179,7 +179,11 @@ struct SAGLEME_API TABLE_INFO : TABLE_INFO_DERIVED_FROM_STATIC {
   void copy_indexes();
 };
 
-// The descriptors of all tables, and what bootstrap does with them.
+class DatabaseState;
+struct DescriptorSet;
+
+// The descriptors of all tables, and what bootstrap does with them. In force in the context that the
+// thread is in when it is made; the static functions answer for the thread's context.
 class SAGLEME_API MetaschemaInit {
  public:
   MetaschemaInit();
@@ -190,7 +194,7 @@ class SAGLEME_API MetaschemaInit {
   // Does nothing when the names are known; without descriptors it ends the process.
   static void FillMetaTableInits();
   // The descriptors in table order; null when there is no MetaschemaInit.
-  static TABLE_INFO* inits() { return g_inits_.get(); }
+  static TABLE_INFO* inits();
   static TABLE_INFO* table_by_name(char16_t const* name);
   static TABLE_INFO* find_table(char16_t const* name) { return table_by_name(name); }
   // Table by table: the table's token with its full name, its columns', its indexes'. A number that
@@ -204,8 +208,13 @@ class SAGLEME_API MetaschemaInit {
   void CreateAndVerifyMetatables(std::function<void()> const& yield);
 
  private:
+  friend struct DescriptorSet;
   using TableByName = std::map<std::u16string, TABLE_INFO*>;
 
+  std::shared_ptr<DatabaseState> const database_;
+  unsigned long const context_;
+
+  // Of the first database opened.
   static std::unique_ptr<TABLE_INFO[]> g_inits_;
   static std::unique_ptr<TableByName> g_table_by_name_;
 };

@@ -94,6 +94,18 @@ SAGLEME_API void PutText(LS_OBJ_REF const& row, unsigned int column, char16_t co
 SAGLEME_API void PutRef(LS_OBJ_REF const& row, unsigned int column, LS_OBJ_REF const& value);
 SAGLEME_API void DeleteRow(LS_OBJ_REF const& row);
 
+// Where a system table's class keeps what is known of its table in one database.
+struct MetaclassSlots {
+  std::u16string* setspec;
+  unsigned long* type_id;
+  unsigned short* table_id;
+  unsigned long* index_ids[3];  // in the order of declaration, null behind the last
+};
+
+// The slots of the class of that number, in the database of the thread's context. In no context
+// they are the exported statics of the class, which the first database opened has as well.
+SAGLEME_API MetaclassSlots const& SlotsOfMetaclass(unsigned int number);
+
 // A non-zero kernel status as an exception.
 inline void Check(unsigned int status) {
   if (status != 0) db_util::db_exception::check(status);

@@ -10,7 +10,7 @@
 // Everything here works in the thread's context, in the host's transaction, and throws db_exception
 // with the kernel's code unless it says otherwise. "Ends the process" is FatalError: the catalogue
 // contradicts its own definition. A key that does not fit its buffer throws 4197.
-// The caches and statics are filled by start-up and on demand, and last as long as the process.
+// What start-up and calls learn is kept with the context's database, until its last close.
 
 #include <iterator>
 #include <sagleme/metalayer/keys.hpp>
@@ -96,13 +96,19 @@ struct LayoutEntry {
   LS_OBJ_REF raw_view;
 };
 
-// What a process found out of layouts, by layout number, and of tables, by type id. Threads fill
-// and read them without a lock, through atomic words. Nothing clears an entry, not a drop and not a
-// roll back: a reader knows a dead row by the kernel's 4273 or 4174, and asks again.
+// What was found out of a database's layouts, by layout number, and of its tables, by type id.
+// Threads fill and read the entries without a lock, through atomic words. Nothing clears an entry,
+// not a drop and not a roll back: a reader knows a dead row by the kernel's 4273 or 4174, and asks
+// again. The functions answer for the database of the thread's context.
 inline constexpr std::size_t kLayouts = 65536;
+SAGLEME_API LayoutEntry& EntryOfLayout(unsigned short layout);
+// A number from kLayouts on ends the process.
+SAGLEME_API LS_OBJ_REF& RawViewSlot(unsigned long type_id);
+// The RawView row of MotherOfAllLayouts, where walks up the tree end.
+SAGLEME_API LS_OBJ_REF& MomRawView();
+// The same for the first database opened, and when it is closed for the next one that is opened.
 SAGLEME_API extern LayoutEntry g_layouts[kLayouts];
 SAGLEME_API extern LS_OBJ_REF g_raw_views[kLayouts];
-// The RawView row of MotherOfAllLayouts, where walks up the tree end.
 SAGLEME_API extern LS_OBJ_REF g_mom_rv;
 
 inline unsigned short LayoutOf(LS_OBJ_REF const& reference) {
@@ -112,7 +118,7 @@ inline unsigned short LayoutOf(LS_OBJ_REF const& reference) {
 // The layout number of MotherOfAllLayouts.
 SAGLEME_API unsigned short GetRootLayoutHandle();
 // The type id of the table that holds `object`, also under a layout that the table has left; fills
-// the layout's entry in g_layouts. 0 when object or table is gone, and the entry stays empty.
+// the layout's entry. 0 when object or table is gone, and the entry stays empty.
 SAGLEME_API unsigned long AssureCurrentLayoutId(LS_OBJ_REF object);
 // Bootstrap: makes sure of the row for this pair. A null `raw_view` reserves the number. Ends the
 // process when the number or the table belongs to another.
@@ -130,11 +136,14 @@ SAGLEME_API unsigned long GetRootTypeId(unsigned long type_id);
 
 // ---- start-up and generation --------------------------------------------------------------------
 
-// The one row of UserSchemaGeneration; null before start-up.
+// The one row of UserSchemaGeneration in the context's database; null before start-up.
+SAGLEME_API LS_OBJ_REF& SchemaGeneration();
+// That of the first database opened.
 SAGLEME_API extern LS_OBJ_REF g_schema_generation;
 
 // Start-up on a database that stands: fills the classes, compares the version, finds the
-// generation. Once per process; does nothing when it has succeeded before, in whatever database.
+// generation. Once per database; does nothing when it has succeeded before. Threads may start one
+// database up at the same time.
 // Returns 0. Throws 7043 for a database that is not or not wholly prepared, and 15010 with a text
 // for one of another version; can then be repeated. Two generations end the process.
 SAGLEME_API unsigned int InitMetalayer();

@@ -1,0 +1,94 @@
+#include "frame/database_state.h"
+
+#include <sagleme/metalayer/context.hpp>
+
+#include "frame/context_state.h"
+#include "frame/kernel_host.h"
+
+namespace metalayer {
+namespace {
+
+char const kKey = 0;  // its address is what the states are attached under
+
+constinit std::atomic<bool> exported_in_use{false};
+
+using SharedState = std::shared_ptr<DatabaseState>;
+
+// A status other than 0 says that there is no such context.
+void* FindAttached(decltype(lscoredb_attached) find, unsigned long context, bool* open) {
+  void* found = nullptr;
+  *open = find(context, &kKey, &found) == 0;
+  return found;
+}
+
+template <typename Value>
+void Release(void* value) {
+  delete static_cast<Value*>(value);
+}
+
+// The context was open a moment ago, so that what fails is memory.
+template <typename Value>
+Value& Attach(decltype(lscoredb_attach) attach, unsigned long context,
+              std::unique_ptr<Value> value) {
+  void* attached = nullptr;
+  unsigned int const status = attach(context, &kKey, value.get(), Release<Value>, &attached);
+  if (status != 0 || attached == nullptr) throw std::bad_alloc();
+  if (attached == value.get()) return *value.release();
+  return *static_cast<Value*>(attached);
+}
+
+}  // namespace
+
+// The states as the kernel keeps them.
+class KernelStates {
+ public:
+  // That of all contexts which no kernel keeps a state for. Never destroyed: functions may be called
+  // until the very end of the process.
+  static SharedState const& OfProcess() {
+    static auto const* const state = new SharedState(new DatabaseState(true));
+    return *state;
+  }
+
+  // One at a time, so that only a state that is kept claims what is exported.
+  static SharedState OfDatabase(unsigned long context) {
+    static std::mutex mutex;
+    std::lock_guard const lock(mutex);
+    bool open = false;
+    void* const known = FindAttached(lscoredb_attached, context, &open);
+    if (known != nullptr) return *static_cast<SharedState*>(known);
+    bool const exported = !exported_in_use.exchange(true);
+    auto state = std::make_unique<SharedState>(new DatabaseState(exported));
+    return Attach(lscoredb_attach, context, std::move(state));
+  }
+};
+
+DatabaseState::~DatabaseState() {
+  for (std::size_t i = kParts; i > 0; --i) delete parts_[i - 1].load();
+  if (exported_) exported_in_use = false;
+}
+
+ContextState* ContextState::Find(unsigned long context) {
+  if (!KernelKeepsStates()) return nullptr;
+  bool open = false;
+  void* const known = FindAttached(lscoredb_context_attached, context, &open);
+  if (known != nullptr) [[likely]]
+    return static_cast<ContextState*>(known);
+  if (!open) return nullptr;
+  auto state = std::make_unique<ContextState>();
+  state->database = KernelStates::OfDatabase(context);
+  return &Attach(lscoredb_context_attach, context, std::move(state));
+}
+
+std::shared_ptr<DatabaseState> DatabaseState::Share(unsigned long context) {
+  ContextState* const state = ContextState::Find(context);
+  return state == nullptr ? KernelStates::OfProcess() : state->database;
+}
+
+DatabaseState& DatabaseState::Of(unsigned long context) {
+  ContextState* const state = ContextState::Find(context);
+  return state == nullptr ? *KernelStates::OfProcess() : *state->database;
+}
+
+DatabaseState& DatabaseState::Current() { return Of(*TlsMetalayerContext::Current()); }
+
+}  // namespace metalayer
