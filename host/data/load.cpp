@@ -120,7 +120,8 @@ class Loader {
   void ReserveIdentities(sagleme::Context const& context) const {
     if (highest_ == 0) return;
     sagleme::RawTransaction const transaction(context);
-    auto const layout = metalayer::MotherOfAllLayouts::metaclass_layout_handle();
+    auto const layout = sagleme::detail::Inside(
+        context.id(), [] { return metalayer::MotherOfAllLayouts::metaclass_layout_handle(); });
     auto const status = lorvi_context_insert_with_id(context.id(), layout, highest_);
     if (status != LSCOREDB_ID_IN_USE) sagleme::detail::CheckKernel(status);
   }

@@ -14,11 +14,12 @@
 //
 // Rules
 //
-//  1. A process has one database open, and many contexts in it; a context has one transaction at a
-//     time, and is used by one thread at a time.
-//  2. Tables, columns and indexes are values as the transaction found them. Objects and ranges
-//  belong
-//     to their transaction and end with it. Views of texts end with the innermost read scope.
+//  1. A process uses any number of databases, each with many contexts; a context has one
+//     transaction at a time, and is used by one thread at a time. Threads may use different
+//     databases at the same time, also to create and open them.
+//  2. Tables, columns and indexes are values as the transaction found them, of use in that database
+//     until it is closed. Objects and ranges belong to their transaction and end with it. Views of
+//     texts end with the innermost read scope.
 //  3. Every failure is a sagleme::Error with the status and the text; nothing is changed by a call
 //     that fails, but for schema changes: they leave a part behind, which a Savepoint around the
 //     change takes back, or the rollback of the transaction.

@@ -3,9 +3,8 @@
 
 // Owners of a database, of contexts in it, and of the kernel's transactions.
 //
-// A process opens one database: what the metadata layer learns of it is kept for the life of the
-// process. Close order follows scope: a Context ends before its Database. Any thread may use any
-// Context, one at a time.
+// A process uses any number of databases, one after another and at the same time. Close order
+// follows scope: a Context ends before its Database. Any thread may use any Context, one at a time.
 
 #include <filesystem>
 #include <functional>
@@ -94,6 +93,7 @@ class RawTransaction {
  public:
   explicit RawTransaction(Context const& context, Access access = Access::kReadWrite)
       : context_(context.id()) {
+    detail::CheckKernel(lscoredb_database_number(context_, &database_));
     detail::CheckKernel(lscoredb_begin(context_, static_cast<std::uint32_t>(access)));
     open_ = true;
   }
@@ -114,6 +114,8 @@ class RawTransaction {
   }
   bool open() const { return open_; }
   std::uint64_t context() const { return context_; }
+  // The number of the database, which no other one of the process has or had.
+  std::uint64_t database() const { return database_; }
 
   // Commit fails with LSCOREDB_CONFLICT when another transaction changes or deletes the object
   // meanwhile, as if this one had changed it too.
@@ -123,6 +125,7 @@ class RawTransaction {
 
  private:
   std::uint64_t context_;
+  std::uint64_t database_ = 0;
   bool open_ = false;
 };
 

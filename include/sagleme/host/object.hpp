@@ -55,6 +55,7 @@ class Object {
 
  private:
   detail::Place At(Table const& table, Column const& column) const {
+    detail::RequireOwn(*transaction_, table);
     std::uint64_t const position = reference_.addr & ~std::uint64_t{0xFFFF};
     return {transaction_->context(), reference_.oid, position | table.layout, column.ordinal};
   }
@@ -67,12 +68,13 @@ class Object {
 // A typed property: one column of a table, for objects of the table and of its descendants. T is
 // bool, int64_t, uint64_t, Decimal, float, double, std::u16string, std::u16string_view (a view that
 // ends with the transaction or the read scope), Bytes or ObjectId, and has to fit the column's
-// type: LSCOREDB_WRONG_TYPE otherwise. Valid as long as the table's shape.
+// type: LSCOREDB_WRONG_TYPE otherwise. Valid as long as the table's shape, in its database alone:
+// for objects of another one LORV_STATUS_FOREIGN_DATABASE.
 template <typename T>
 class Property {
  public:
   Property(Table const& table, std::u16string_view name)
-      : layout_(table.layout), column_(table.GetColumn(name).ordinal) {
+      : database_(table.database), layout_(table.layout), column_(table.GetColumn(name).ordinal) {
     if (!detail::TypeOf<T>::Fits(table.GetColumn(name).type)) {
       detail::CheckKernel(LSCOREDB_WRONG_TYPE);
     }
@@ -97,11 +99,15 @@ class Property {
 
  private:
   detail::Place At(Object const& object) const {
+    if (object.transaction().database() != database_ && database_ != 0) [[unlikely]] {
+      detail::ThrowForeign("The property");
+    }
     LS_OBJ_REF const reference = object.reference();
     std::uint64_t const position = reference.addr & ~std::uint64_t{0xFFFF};
     return {object.transaction().context(), reference.oid, position | layout_, column_};
   }
 
+  std::uint64_t database_;
   std::uint16_t layout_;
   std::uint16_t column_;
 };
@@ -110,6 +116,7 @@ class Property {
 // ----------------------------------------------------------------------------------------
 
 inline Object Object::CreateWithId(Transaction& transaction, Table const& table, ObjectId id) {
+  detail::RequireOwn(transaction, table);
   std::uint64_t oid = id.value;
   if (oid == 0) {
     detail::CheckKernel(lorv_context_insert(transaction.context(), table.layout, &oid));

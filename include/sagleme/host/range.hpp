@@ -99,6 +99,7 @@ class Range {
  private:
   Range(Transaction& transaction, std::uint64_t index, IndexKey first, IndexKey last,
         Direction direction);
+  static std::uint64_t IndexBySetspec(Transaction& transaction, Table const& table);
 
   Transaction* transaction_;
   IndexKey first_;
@@ -181,15 +182,22 @@ inline std::optional<Object> Range::Next() {
   return Object(*transaction_, db_util::Fold(record));
 }
 
+inline std::uint64_t Range::IndexBySetspec(Transaction& transaction, Table const& table) {
+  detail::RequireOwn(transaction, table);
+  return detail::Inside(transaction.context(), [] {
+    return metalayer::MotherOfAllLayouts::index_id_MotherOfAllLayouts_SetspecIndex();
+  });
+}
+
 inline Range Range::Only(Transaction& transaction, Table const& table) {
   auto const write = [&](metalayer::Key& key) { key.Text(table.setspec.c_str()); };
-  return {transaction, metalayer::MotherOfAllLayouts::index_id_MotherOfAllLayouts_SetspecIndex(),
-          IndexKey::Written(write), IndexKey::Written(write), Direction::kForward};
+  return {transaction, IndexBySetspec(transaction, table), IndexKey::Written(write),
+          IndexKey::Written(write), Direction::kForward};
 }
 
 inline Range Range::Subtree(Transaction& transaction, Table const& table) {
   return {
-      transaction, metalayer::MotherOfAllLayouts::index_id_MotherOfAllLayouts_SetspecIndex(),
+      transaction, IndexBySetspec(transaction, table),
       IndexKey::Written([&](metalayer::Key& key) { key.SetspecLowerBound(table.setspec.c_str()); }),
       IndexKey::Written([&](metalayer::Key& key) { key.SetspecUpperBound(table.setspec.c_str()); }),
       Direction::kForward};
@@ -197,6 +205,7 @@ inline Range Range::Subtree(Transaction& transaction, Table const& table) {
 
 inline Range Range::Between(Transaction& transaction, Index const& index, IndexKey first,
                             IndexKey last, Direction direction) {
+  detail::RequireOwn(transaction, index);
   return {transaction, index.handle, std::move(first), std::move(last), direction};
 }
 

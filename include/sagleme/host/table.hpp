@@ -2,7 +2,9 @@
 #define SAGLEME_HOST_TABLE_HPP
 
 // Tables, columns and indexes as a transaction sees them: plain values, read from the catalogue
-// once. They stay as they are when the schema changes; Transaction::Forget is for that.
+// once. They stay as they are when the schema changes; Transaction::Forget is for that. They are of
+// use in the database that they were read from, until it is closed: elsewhere what takes them fails
+// with LORV_STATUS_FOREIGN_DATABASE.
 
 #include <algorithm>
 #include <memory>
@@ -37,7 +39,8 @@ struct Index {
   std::u16string name;
   std::u16string table;  // full name of the table that declares it
   bool unique = false;
-  std::uint64_t handle = 0;  // what the kernel knows it by
+  std::uint64_t handle = 0;    // what the kernel knows it by
+  std::uint64_t database = 0;  // the number of its database; 0: any
   ObjectId id;
   std::vector<IndexedColumn> columns;
 };
@@ -47,6 +50,7 @@ struct Table {
   std::u16string base;  // full name; empty at the root of all tables
   std::u16string setspec;
   std::uint64_t type_id = 0;
+  std::uint64_t database = 0;  // the number of its database; 0: any
   std::uint16_t layout = 0;
   bool system = false;
   LS_OBJ_REF row{};             // the catalogue's row
@@ -76,6 +80,26 @@ struct Table {
 using TablePtr = std::shared_ptr<Table const>;
 
 namespace detail {
+
+// The number of the database that the thread's context belongs to.
+inline std::uint64_t CurrentDatabase() {
+  std::uint64_t number = 0;
+  CheckKernel(lscoredb_database_number(*metalayer::TlsMetalayerContext::Current(), &number));
+  return number;
+}
+
+[[noreturn]] inline void ThrowForeign(std::string const& what) {
+  throw Error(LORV_STATUS_FOREIGN_DATABASE,
+              what + " belongs to another database than the transaction. Read it there anew.");
+}
+
+// Table or Index.
+template <typename Definition>
+void RequireOwn(RawTransaction const& transaction, Definition const& definition) {
+  if (definition.database == transaction.database() || definition.database == 0) [[likely]]
+    return;
+  ThrowForeign((std::is_same_v<Definition, Index> ? "Index " : "Table ") + ToUtf8(definition.name));
+}
 
 // A text column in full: unlike a terminated text it is right whatever it holds.
 inline std::u16string CatalogueText(LS_OBJ_REF const& row, unsigned column) {
@@ -147,6 +171,7 @@ inline std::vector<IndexedColumn> LoadIndexedColumns(metalayer::Index const& ind
 
 inline Index LoadIndex(metalayer::Index const& row) {
   Index index;
+  index.database = CurrentDatabase();
   index.id = {row.oid};
   index.name = CatalogueText(row, metalayer::Index::kName);
   index.unique = metalayer::GetULong(row, metalayer::Index::kUnique) != 0;
@@ -171,6 +196,7 @@ inline std::vector<Index> LoadIndexes(metalayer::RawView const& view) {
 inline TablePtr LoadTable(metalayer::RawView const& view) {
   auto table = std::make_shared<Table>();
   table->row = view;
+  table->database = CurrentDatabase();
   table->name = CatalogueText(view, metalayer::RawView::kFullName);
   table->system = IsSystemTable(table->name);
   table->layout =

@@ -137,6 +137,7 @@ inline std::vector<TablePtr> Transaction::Tables(bool system) {
 }
 
 inline std::vector<TablePtr> Transaction::Children(Table const& table, bool system) {
+  detail::RequireOwn(*this, table);
   return detail::Inside(context(), [&] {
     std::vector<TablePtr> children;
     metalayer::ddl::EnumChildren(table.row, [&](metalayer::RawView const& row) {
