@@ -147,7 +147,7 @@ void Cursor::Prepare(Plan const& plan, int count, sqlite3_value** values) {
       PrepareIndex(plan, count, values);
       break;
     case Plan::Kind::kScan:
-      index_ = metalayer::MotherOfAllLayouts::index_id_MotherOfAllLayouts_SetspecIndex();
+      index_ = sagleme::detail::IndexBySetspec(context_);
       ranges_.push_back(RangeOfSet(*table_.shape->table, table_.shape->only));
       break;
   }

@@ -94,8 +94,8 @@ SAGLEME_API uint64_t lorv_get_metaschema_version(void);
 SAGLEME_API uint64_t lorv_get_metaschema_generation(void);
 /* The words of the context's last failure, null for none. Emptied by the next call in that context,
  * by an lorv_crud_ call only when that fails with words of its own. At most 7168 units; the rest is
- * cut off. The memory is the library's and stays as long as the context is open, 14 KiB for each one
- * in which the layer was called. Frameless. */
+ * cut off. The memory is the library's and stays as long as the context is open, 14 KiB for each
+ * one in which the layer was called. Frameless. */
 SAGLEME_API char16_t const* lorv_metalayer_errbuf(uint64_t context);
 
 /* ---- bootstrap ------------------------------------------------------------------------------- */

@@ -91,9 +91,9 @@ Source IndexSource(Transaction* transaction, PyObject* form) {
           BoundOf(transaction, last, prefix != 0)};
 }
 
-Source SetSource(Binding const& binding, bool only) {
+Source SetSource(Transaction const& transaction, Binding const& binding, bool only) {
   char16_t const* const set = binding.setspec.c_str();
-  return {metalayer::MotherOfAllLayouts::index_id_MotherOfAllLayouts_SetspecIndex(), false,
+  return {sagleme::detail::IndexBySetspec(transaction.context_id), false,
           KeyWords([&](metalayer::Key& key) {
             static_cast<void>(only ? key.Text(set) : key.SetspecLowerBound(set));
           }),
@@ -426,7 +426,7 @@ std::unique_ptr<ScanBody> BodyFor(ScanArguments const& given) {
   body->root = BindingOf(transaction, given.type);
   body->only = given.only != 0;
   if (given.sources == Py_None) {
-    body->sources.push_back(SetSource(*body->root, body->only));
+    body->sources.push_back(SetSource(*transaction, *body->root, body->only));
     body->anything = true;
   } else {
     Ref const list(Need(PySequence_Fast(given.sources, "sources are a list")));

@@ -4,9 +4,9 @@
 // The records behind the handles of object access.
 //
 // A handle is the address of one of these records. The caches (handle_caches.h) of its database own
-// them and are the only writers, under their locks. The object path reads `location` and `layout` at any time
-// without a lock, so each is one atomic word: a reader gets both halves of a `location` from one
-// refresh.
+// them and are the only writers, under their locks. The object path reads `location` and `layout`
+// at any time without a lock, so each is one atomic word: a reader gets both halves of a `location`
+// from one refresh. Handles end with their database.
 
 #include <sagleme/sagleme.h>
 

@@ -42,8 +42,8 @@ Value& Attach(decltype(lscoredb_attach) attach, unsigned long context,
 // The states as the kernel keeps them.
 class KernelStates {
  public:
-  // That of all contexts which no kernel keeps a state for. Never destroyed: functions may be called
-  // until the very end of the process.
+  // That of all contexts which no kernel keeps a state for. Never destroyed: functions may be
+  // called until the very end of the process.
   static SharedState const& OfProcess() {
     static auto const* const state = new SharedState(new DatabaseState(true));
     return *state;

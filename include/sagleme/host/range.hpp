@@ -129,6 +129,13 @@ struct KeyField {
 
 inline constexpr std::uint32_t kKeyTooLong = 4197;
 
+// The index of all objects by set specifier, in the context's database.
+inline std::uint64_t IndexBySetspec(std::uint64_t context) {
+  return Inside(context, [] {
+    return metalayer::MotherOfAllLayouts::index_id_MotherOfAllLayouts_SetspecIndex();
+  });
+}
+
 }  // namespace detail
 
 // Writes into room that doubles until the key fits.
@@ -184,9 +191,7 @@ inline std::optional<Object> Range::Next() {
 
 inline std::uint64_t Range::IndexBySetspec(Transaction& transaction, Table const& table) {
   detail::RequireOwn(transaction, table);
-  return detail::Inside(transaction.context(), [] {
-    return metalayer::MotherOfAllLayouts::index_id_MotherOfAllLayouts_SetspecIndex();
-  });
+  return detail::IndexBySetspec(transaction.context());
 }
 
 inline Range Range::Only(Transaction& transaction, Table const& table) {

@@ -182,8 +182,8 @@ struct SAGLEME_API TABLE_INFO : TABLE_INFO_DERIVED_FROM_STATIC {
 class DatabaseState;
 struct DescriptorSet;
 
-// The descriptors of all tables, and what bootstrap does with them. In force in the context that the
-// thread is in when it is made; the static functions answer for the thread's context.
+// The descriptors of all tables, and what bootstrap does with them. In force in the context that
+// the thread is in when it is made; the static functions answer for the thread's context.
 class SAGLEME_API MetaschemaInit {
  public:
   MetaschemaInit();
