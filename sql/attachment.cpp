@@ -1,10 +1,18 @@
 #include "attachment.h"
 
+#include <algorithm>
+
 #include "connection.h"
 #include "cursor.h"
 #include "failure.h"
 
 namespace sagleme::sql {
+namespace {
+
+// SQLite's number of a savepoint that a transaction began with, instead of BEGIN.
+constexpr int kWholeTransaction = -1;
+
+}  // namespace
 
 Attachment::Attachment(std::shared_ptr<Store> store, std::string const& encoding)
     : store_(std::move(store)), context_(store_->database()), encoding_(encoding) {
@@ -67,7 +75,7 @@ Transaction& Attachment::transaction() {
 }
 
 void Attachment::Forget() {
-  wrote_ = defined_ = broken_ = false;
+  wrote_ = defined_ = false;
   marks_.clear();
   if (connection_ != nullptr) connection_->Release(this);
 }
@@ -84,22 +92,15 @@ void Attachment::End() noexcept {
   Forget();
 }
 
-void Attachment::RequireWhole() const {
-  if (!broken_) return;
-  throw Failure(SQLITE_ERROR,
-                "A part of this transaction could not be undone by itself; roll all of it back.");
-}
-
 void Attachment::NoteWrite() {
-  RequireWhole();
   if (wrote_) return;
   if (connection_ != nullptr) connection_->Claim(this);
+  if (marks_.empty()) Savepoint(kWholeTransaction);
   wrote_ = true;
 }
 
 void Attachment::Commit() {
   if (!wrote_) return;
-  RequireWhole();
   Drain();
   try {
     transaction_->Commit();
@@ -118,19 +119,30 @@ void Attachment::Rollback() noexcept {
 }
 
 void Attachment::Savepoint(int number) {
-  if (marks_.empty() || marks_.back().number < number) marks_.push_back({number, writes_});
+  if (!marks_.empty() && marks_.back().number >= number) return;
+  if (marks_.empty() && number != kWholeTransaction) Savepoint(kWholeTransaction);
+  std::uint64_t savepoint = 0;
+  detail::CheckKernel(lscoredb_savepoint(transaction().context(), &savepoint));
+  marks_.push_back({number, savepoint});
 }
 
+// A table that was first written behind a savepoint does not know its number: the next one above
+// stands for the same state.
 void Attachment::RollbackTo(int number) {
-  for (Mark const& mark : marks_) {
-    if (mark.number < number || mark.writes == writes_) continue;
-    broken_ = true;
-    RequireWhole();
-  }
+  auto const mark = std::find_if(marks_.begin(), marks_.end(),
+                                 [number](Mark const& each) { return each.number >= number; });
+  if (mark == marks_.end()) return;
+  Drain();
+  detail::CheckKernel(lscoredb_rollback_to(context(), mark->savepoint));
+  marks_.erase(mark + 1, marks_.end());
 }
 
 void Attachment::Release(int number) {
-  while (!marks_.empty() && marks_.back().number >= number) marks_.pop_back();
+  auto const mark = std::find_if(marks_.begin(), marks_.end(),
+                                 [number](Mark const& each) { return each.number >= number; });
+  if (mark == marks_.end()) return;
+  detail::CheckKernel(lscoredb_release(context(), mark->savepoint));
+  marks_.erase(mark, marks_.end());
 }
 
 TablePtr Attachment::TableOf(std::uint64_t oid) {

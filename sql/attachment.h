@@ -70,9 +70,6 @@ class Attachment {
   void Savepoint(int number);
   void RollbackTo(int number);
   void Release(int number);
-  // A row was written.
-  void CountWrite() { ++writes_; }
-
   // ---- cursors
   void Add(Cursor* cursor) { cursors_.push_back(cursor); }
   void Remove(Cursor* cursor) { std::erase(cursors_, cursor); }
@@ -83,11 +80,10 @@ class Attachment {
  private:
   struct Mark {
     int number;
-    std::uint64_t writes;
+    std::uint64_t savepoint;
   };
 
   void Open();
-  void RequireWhole() const;
   void End() noexcept;
   void Adopt(SchemaPtr schema);
   void Drain() noexcept;
@@ -105,8 +101,6 @@ class Attachment {
   bool wrote_ = false;
   bool defined_ = false;  // the schema was changed in this transaction
   std::vector<Mark> marks_;
-  std::uint64_t writes_ = 0;
-  bool broken_ = false;  // holds writes that a savepoint should have undone
   std::vector<Cursor*> cursors_;
   std::u16string last_setspec_;
   TablePtr last_table_;

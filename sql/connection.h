@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "api.h"
+#include "json.h"
 
 namespace sagleme::sql {
 
@@ -23,6 +24,7 @@ class Connection {
   Connection& operator=(Connection const&) = delete;
 
   sqlite3* handle() const { return handle_; }
+  Json& json() { return json_; }
   std::vector<Attachment*> const& attachments() const { return attachments_; }
 
   // Attaches the database in a directory; an empty `schema` is named after the directory. Returns
@@ -50,6 +52,7 @@ class Connection {
   sqlite3* handle_;
   std::vector<Attachment*> attachments_;  // detached ones leave a null behind
   Attachment* writer_ = nullptr;
+  Json json_;
 };
 
 }  // namespace sagleme::sql

@@ -258,7 +258,7 @@ void Cursor::Column(sqlite3_context* result, int column) {
     return;
   }
   if (shape.IsHidden(column, Hidden::kId)) {
-    sqlite3_result_int64(result, static_cast<sqlite3_int64>(row_.oid));
+    IdResult(result, row_.oid, table_.number);
   } else if (shape.IsHidden(column, Hidden::kVersion)) {
     std::uint64_t addr = 0;
     detail::CheckKernel(lorv_context_lookup(context_, row_.oid, &addr));

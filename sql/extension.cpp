@@ -5,6 +5,7 @@
 #include "connection.h"
 #include "failure.h"
 #include "functions.h"
+#include "only.h"
 #include "table.h"
 #include "vfs.h"
 
@@ -31,6 +32,7 @@ int Register(sqlite3* database, char** text) {
         RegisterFileSystem();
         auto const connection = std::make_shared<Connection>(database);
         Check(RegisterTables(database, connection));
+        Check(RegisterOnly(database, connection));
         Check(RegisterFunctions(database, connection));
       },
       [text](char const* what) {

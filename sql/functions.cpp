@@ -41,6 +41,108 @@ void AttachDatabase(sqlite3_context* context, Connection& connection, int count,
   sqlite3_result_text(context, name.c_str(), -1, SQLITE_TRANSIENT);
 }
 
+// The object that a reference names: in the attachment that the value carries, or in the only one.
+struct Target {
+  Attachment* attachment;
+  std::uint64_t oid;
+};
+
+bool IsReference(sqlite3_value* value) {
+  unsigned const subtype = sqlite3_value_subtype(value);
+  return subtype >= kReferenceSubtype && subtype < kReferenceSubtype + kMostAttachments;
+}
+
+Attachment& AttachmentOf(Connection& connection, sqlite3_value* value) {
+  Attachment* const found = connection.At(sqlite3_value_subtype(value) - kReferenceSubtype);
+  if (found != nullptr) return *found;
+  throw Failure(SQLITE_ERROR, "The database that a reference belongs to was detached.");
+}
+
+std::uint64_t IdIn(sqlite3_value* value) {
+  if (sqlite3_value_type(value) == SQLITE_INTEGER && sqlite3_value_int64(value) > 0) {
+    return static_cast<std::uint64_t>(sqlite3_value_int64(value));
+  }
+  throw Failure(SQLITE_MISMATCH, std::string("This is not the id of an object: ") +
+                                     reinterpret_cast<char const*>(sqlite3_value_text(value)));
+}
+
+// Null when there is no such object any more.
+TablePtr TableOf(Connection& connection, Target const& target) {
+  connection.Touch(*target.attachment);
+  std::uint64_t addr = 0;
+  auto const status = lorv_context_lookup(target.attachment->context(), target.oid, &addr);
+  if (status == LORV_STATUS_NO_OBJECT || status == LORV_STATUS_UNREACHABLE) return nullptr;
+  detail::CheckKernel(status);
+  return target.attachment->TableOf(target.oid);
+}
+
+using Reader = void (*)(sqlite3_context*, Place const&, Type, unsigned);
+
+void ReadColumn(sqlite3_context* context, Connection& connection, Target const& target,
+                std::string const& name, Reader read) {
+  TablePtr const table = TableOf(connection, target);
+  if (table == nullptr) return sqlite3_result_null(context);
+  Attachment& at = *target.attachment;
+  ShapeColumn const* const column = at.schema()->ShapeOf(*table)->FindColumn(name);
+  if (column == nullptr) {
+    throw Failure(SQLITE_ERROR, "no such column: " + at.schema()->NameOf(*table) + "." + name);
+  }
+  read(context, {at.context(), target.oid, table->layout, column->ordinal}, column->type,
+       connection.NumberOf(&at));
+}
+
+void ReadExact(sqlite3_context* context, Place const& place, Type type, unsigned) {
+  ExactResult(context, place, type);
+}
+
+// sagleme_deref(schema, id, column) and sagleme_exact(schema, id, column)
+template <Reader read>
+void Dereference(sqlite3_context* context, Connection& connection, int, sqlite3_value** values) {
+  Attachment& at = connection.Find(TextOf(values[0], "The name of the schema"));
+  if (sqlite3_value_type(values[1]) == SQLITE_NULL) return sqlite3_result_null(context);
+  ReadColumn(context, connection, {&at, IdIn(values[1])},
+             TextOf(values[2], "The name of the column"), read);
+}
+
+// What is a number without a mark may be a reference that has lost it on the way through a sort or
+// a subquery. As JSON the answer would be NULL, which would be taken for an object's value.
+bool MayBeReference(Connection const& connection, sqlite3_value** values) {
+  if (connection.attachments().empty() || sqlite3_value_type(values[0]) != SQLITE_INTEGER ||
+      sqlite3_value_type(values[1]) != SQLITE_TEXT) {
+    return false;
+  }
+  return *sqlite3_value_text(values[1]) != '$';
+}
+
+template <bool text>
+void Arrow(sqlite3_context* context, Connection& connection, int, sqlite3_value** values) {
+  if (IsReference(values[0])) {
+    return ReadColumn(context, connection, {&AttachmentOf(connection, values[0]), IdIn(values[0])},
+                      TextOf(values[1], "The name of the column"), Result);
+  }
+  if (MayBeReference(connection, values)) {
+    throw Failure(SQLITE_ERROR,
+                  "-> cannot tell whether this number is a reference: it does not come straight "
+                  "from a column. Use sagleme_deref(schema, id, column).");
+  }
+  connection.json().Extract(context, values, text);
+}
+
+void IsOf(sqlite3_context* context, Connection& connection, int count, sqlite3_value** values) {
+  if (sqlite3_value_type(values[0]) == SQLITE_NULL) return sqlite3_result_null(context);
+  std::string const schema = count > 2 ? TextOf(values[2], "The name of the schema") : "";
+  bool const marked = count < 3 && IsReference(values[0]);
+  Attachment& at = marked ? AttachmentOf(connection, values[0]) : connection.Find(schema);
+  TablePtr const table = TableOf(connection, {&at, IdIn(values[0])});
+  std::string const name = TextOf(values[1], "The name of the table");
+  Entry const* const entry = at.schema()->Find(name);
+  if (entry == nullptr) throw Failure(SQLITE_ERROR, "no such table: " + name);
+  if (table == nullptr) return sqlite3_result_null(context);
+  Table const& wanted = *entry->shape->table;
+  bool const holds = entry->shape->only ? table->row.oid == wanted.row.oid : table->IsA(wanted);
+  sqlite3_result_int(context, holds ? 1 : 0);
+}
+
 struct Definition {
   char const* name;
   int arguments;
@@ -48,9 +150,18 @@ struct Definition {
   void (*call)(sqlite3_context*, int, sqlite3_value**);
 };
 
+// Values reach these with their subtypes, and leave them so; later versions of SQLite want to know.
+constexpr int kTakesSubtypes = SQLITE_SUBTYPE | 0x001000000;
+
 constexpr Definition kFunctions[] = {
     {"sagleme_attach", 1, SQLITE_DIRECTONLY, Call<AttachDatabase>},
     {"sagleme_attach", 2, SQLITE_DIRECTONLY, Call<AttachDatabase>},
+    {"sagleme_deref", 3, 0, Call<Dereference<Result>>},
+    {"sagleme_exact", 3, 0, Call<Dereference<ReadExact>>},
+    {"is_of", 2, kTakesSubtypes, Call<IsOf>},
+    {"is_of", 3, kTakesSubtypes, Call<IsOf>},
+    {"->", 2, kTakesSubtypes, Call<Arrow<false>>},
+    {"->>", 2, kTakesSubtypes, Call<Arrow<true>>},
 };
 
 }  // namespace

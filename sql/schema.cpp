@@ -113,7 +113,7 @@ void AddIndexes(Shape& shape, Tree const& tree) {
   }
 }
 
-ShapePtr ShapeOf(TablePtr const& table, bool only, Tree const& tree) {
+ShapePtr MakeShape(TablePtr const& table, bool only, Tree const& tree) {
   auto shape = std::make_shared<Shape>();
   shape->table = table;
   shape->only = only;
@@ -190,10 +190,19 @@ std::string Quoted(std::string_view name) {
   return text + "\"";
 }
 
+ShapeColumn const* Shape::FindColumn(std::string_view name) const {
+  NameLess const less;
+  for (ShapeColumn const& column : columns) {
+    if (!less(column.name, name) && !less(name, column.name)) return &column;
+  }
+  return nullptr;
+}
+
 void Schema::AddTable(TablePtr const& table, std::string const& name, ShapePtr const& whole,
                       ShapePtr const& only) {
   std::string const full = ToUtf8(table->name);
   names_[table->row.oid] = name;
+  shapes_[table->row.oid] = whole;
   by_setspec_[table->setspec] = table;
   entries_.emplace(name, Entry{whole, !table->system});
   entries_.emplace(name + " only", Entry{only, false});
@@ -216,8 +225,8 @@ SchemaPtr Schema::Read(Transaction& transaction) {
     Uses const uses = CountUses(tables, system);
     for (TablePtr const& table : tables) {
       if (table->system != system) continue;
-      schema->AddTable(table, ShortestName(*table, uses), ShapeOf(table, false, tree),
-                       ShapeOf(table, true, tree));
+      schema->AddTable(table, ShortestName(*table, uses), MakeShape(table, false, tree),
+                       MakeShape(table, true, tree));
     }
   }
   return schema;

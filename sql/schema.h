@@ -49,6 +49,7 @@ struct Shape {
   std::vector<std::uint64_t> layout_tokens;  // of the tables whose objects it holds
   std::string declaration;                   // for sqlite3_declare_vtab
 
+  ShapeColumn const* FindColumn(std::string_view name) const;
   // Null for a hidden column.
   ShapeColumn const* ColumnAt(int column) const {
     auto const at = static_cast<std::size_t>(column);
@@ -85,6 +86,7 @@ class Schema {
   Entry const* Find(std::string_view name) const;
   // The table of objects with that set specifier; null when it was dropped.
   TablePtr BySetspec(std::u16string_view setspec) const;
+  ShapePtr const& ShapeOf(Table const& table) const { return shapes_.at(table.row.oid); }
   // The shortest name by which SQL knows a table.
   std::string NameOf(Table const& table) const;
 
@@ -96,7 +98,8 @@ class Schema {
   std::uint64_t generation_ = 0;
   std::map<std::string, Entry, NameLess> entries_;
   std::map<std::u16string, TablePtr, std::less<>> by_setspec_;
-  std::map<std::uint64_t, std::string> names_;  // by the catalogue's row
+  std::map<std::uint64_t, ShapePtr> shapes_;    // by the catalogue's row
+  std::map<std::uint64_t, std::string> names_;  // likewise
 };
 using SchemaPtr = std::shared_ptr<Schema const>;
 

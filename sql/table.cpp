@@ -116,7 +116,6 @@ int Update(sqlite3_vtab* table, int count, sqlite3_value** values, sqlite3_int64
   return GuardedMethod(table, [&] {
     sqlite3_int64 const made = UpdateRow(TableAt(table), count, values);
     if (made != 0) *id = made;
-    TableAt(table).Attached().CountWrite();
   });
 }
 

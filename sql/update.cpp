@@ -19,6 +19,26 @@ struct Assignment {
   Input input;
 };
 
+// Takes back what was written in its life unless that is kept.
+class Undo {
+ public:
+  explicit Undo(std::uint64_t context) : context_(context) {
+    detail::CheckKernel(lscoredb_savepoint(context_, &savepoint_));
+  }
+  ~Undo() {
+    if (!kept_) lscoredb_rollback_to(context_, savepoint_);
+    lscoredb_release(context_, savepoint_);
+  }
+  Undo(Undo const&) = delete;
+  Undo& operator=(Undo const&) = delete;
+  void Keep() { kept_ = true; }
+
+ private:
+  std::uint64_t context_;
+  std::uint64_t savepoint_ = 0;
+  bool kept_ = false;
+};
+
 // One row on its way into a table.
 class Row {
  public:
@@ -44,7 +64,6 @@ class Row {
   std::uint64_t Create(Table const& table, std::uint64_t id);
   void Fill(Table const& table, std::uint64_t oid);
   void Assign(std::uint64_t oid);
-  void Restore(std::uint64_t oid, std::vector<Value> const& before);
   void Check(std::uint32_t status) const;
   std::string UniqueIndexes() const;
   bool replaces() const {
@@ -185,37 +204,20 @@ sqlite3_int64 Row::Insert(sqlite3_value* id) {
     return static_cast<sqlite3_int64>(given);
   }
   at_.NoteWrite();
+  Undo undo(context_);
   std::uint64_t const oid = Create(*target, given);
-  try {
-    Fill(*target, oid);
-  } catch (...) {
-    lorv_context_delete(context_, oid, target->layout);
-    throw;
-  }
+  Fill(*target, oid);
+  undo.Keep();
   return static_cast<sqlite3_int64>(oid);
-}
-
-void Row::Restore(std::uint64_t oid, std::vector<Value> const& before) {
-  for (std::size_t i = 0; i < before.size(); ++i) {
-    ShapeColumn const& column = *assignments_[i].column;
-    detail::PutValue({context_, oid, shape_.table->layout, column.ordinal}, column.type, before[i]);
-  }
 }
 
 void Row::Assign(std::uint64_t oid) {
   at_.NoteWrite();
-  std::vector<Value> before;
-  try {
-    for (Assignment const& each : assignments_) {
-      Place const at = At(oid, shape_.table->layout, *each.column);
-      before.push_back(
-          detail::GetValue({at.context, at.oid, at.addr, at.column}, each.column->type));
-      Check(each.input.Put(at));
-    }
-  } catch (...) {
-    Restore(oid, before);
-    throw;
+  Undo undo(context_);
+  for (Assignment const& each : assignments_) {
+    Check(each.input.Put(At(oid, shape_.table->layout, *each.column)));
   }
+  undo.Keep();
 }
 
 void Row::Update(std::uint64_t oid) {

@@ -72,10 +72,7 @@ void ReferenceResult(sqlite3_context* result, Place const& at, unsigned attachme
     sqlite3_result_null(result);
     return;
   }
-  sqlite3_result_int64(result, static_cast<sqlite3_int64>(oid));
-  if (attachment < kMostAttachments) {
-    sqlite3_result_subtype(result, kReferenceSubtype + attachment);
-  }
+  IdResult(result, oid, attachment);
 }
 
 void BlobOfWord(sqlite3_context* result, std::uint64_t word) {
@@ -246,6 +243,13 @@ Value ValueIn(ShapeColumn const& column, sqlite3_value* value) {
 }
 
 }  // namespace
+
+void IdResult(sqlite3_context* result, std::uint64_t oid, unsigned attachment) {
+  sqlite3_result_int64(result, static_cast<sqlite3_int64>(oid));
+  if (attachment < kMostAttachments) {
+    sqlite3_result_subtype(result, kReferenceSubtype + attachment);
+  }
+}
 
 void Result(sqlite3_context* result, Place const& at, Type type, unsigned attachment) {
   switch (type) {

@@ -37,6 +37,8 @@ inline constexpr unsigned kMostAttachments = 127;
 
 // Failure when the object is gone.
 void Result(sqlite3_context* result, Place const& place, Type type, unsigned attachment);
+// An object's id, marked like a reference to it.
+void IdResult(sqlite3_context* result, std::uint64_t oid, unsigned attachment);
 void ExactResult(sqlite3_context* result, Place const& place, Type type);
 
 // A value ready to be written: nothing can be wrong with it any more but what the kernel finds.

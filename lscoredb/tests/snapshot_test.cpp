@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "bytes.h"
-#include "open_store.h"
+#include "store.h"
 
 namespace lscore {
 namespace {
@@ -18,15 +18,15 @@ constexpr std::string_view kKey = "newest";
 std::unique_ptr<Store> NewStore() {
   StoreOptions options;
   options.sync = false;
-  return OpenStore(nullptr, options);
+  return Store::Open(nullptr, options);
 }
 
 void CommitNumber(Store& store) {
-  std::unique_ptr<Batch> const batch = store.BeginBatch();
+  Batch batch(store);
   std::string number;
-  Append(number, Raw(batch->id()));
-  batch->Put(Tree::kMeta, kKey, number);
-  batch->Commit();
+  Append(number, Raw(batch.id()));
+  batch.Put(Tree::kMeta, kKey, number);
+  batch.Commit();
 }
 
 std::uint64_t NumberIn(Snapshot const& snapshot) {

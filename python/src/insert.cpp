@@ -429,7 +429,6 @@ void InsertArray(Transaction* transaction, Binding const& binding, ArrowArray co
       Cell const at{transaction->context_id, oid, binding.layout, column.ordinal};
       sagleme::detail::CheckKernel(PutDatum(at, column.kind, value));
     }
-    EnterIndexes(transaction, binding, oid);
   }
 }
 
@@ -501,8 +500,7 @@ PyObject* InsertRows(PyObject*, PyObject* args) {
       std::uint64_t const oid = InsertWithFallbacks(transaction, binding, fallbacks);
       try {
         WriteRow(transaction, binding, oid, columns, row.get());
-        EnterIndexes(transaction, binding, oid);
-      } catch (...) {
+      } catch (PythonError const&) {
         static_cast<void>(lorv_context_delete(transaction->context_id, oid, binding.layout));
         throw;
       }

@@ -179,6 +179,36 @@ TEST_F(Write, WalkGoesOnOverARollback) {
   EXPECT_EQ(sql_("SELECT count(*) FROM Item"), "3");
 }
 
+TEST_F(Write, Savepoints_Nest) {
+  sql_("SAVEPOINT a; INSERT INTO Item(Title, Year) VALUES('1', 1)");
+  sql_("SAVEPOINT b; INSERT INTO Book(Title, Year) VALUES('2', 2)");
+  sql_("SAVEPOINT c; INSERT INTO Person(Name) VALUES('3')");
+  EXPECT_EQ(sql_("ROLLBACK TO b; SELECT group_concat(Title) FROM Item"), "1");
+  EXPECT_EQ(sql_("SELECT count(*) FROM Person"), "0");
+  sql_("INSERT INTO Book(Title, Year) VALUES('4', 4); RELEASE b");
+  EXPECT_EQ(sql_("SELECT group_concat(Title) FROM Item"), "1,4");
+  EXPECT_EQ(sql_("ROLLBACK TO a; SELECT count(*) FROM Item; RELEASE a"), "0");
+}
+
+TEST_F(Write, StatementThatFailsInATransaction_IsUndoneAlone) {
+  sql_("BEGIN; INSERT INTO Person(Name) VALUES('Ann')");
+  EXPECT_TRUE(sql_("INSERT INTO Person(Name) VALUES('x'), ('y'), ('Ann')").starts_with("error"));
+  EXPECT_TRUE(sql_("UPDATE Person SET Name = 'z', Boss = 'b'").starts_with("error"));
+  sql_("INSERT INTO Person(Name) VALUES('Bob'); COMMIT");
+  EXPECT_EQ(sql_("SELECT Name FROM Person ORDER BY Name"), "Ann\nBob");
+}
+
+TEST_F(Write, SecondDatabase_IsRefusedInOneTransaction) {
+  Sql other;
+  EXPECT_EQ(sql_("SELECT sagleme_attach('" + library_.directory() + "', 'again')"), "again");
+  sql_("BEGIN; INSERT INTO lib.Item(Title, Year) VALUES('1', 1)");
+  EXPECT_EQ(sql_("INSERT INTO again.Item(Title, Year) VALUES('1', 1)"),
+            "error: A transaction changes one sagleme database, and this one changes lib; commit "
+            "it before again is changed.");
+  EXPECT_EQ(sql_("COMMIT; INSERT INTO again.Item(Title, Year) VALUES('2', 2)"), "");
+  EXPECT_EQ(sql_("SELECT count(*) FROM lib.Item"), "2");
+}
+
 TEST_F(Write, TriggersAndViewsOverTables_Work) {
   sql_("CREATE TEMP VIEW old AS SELECT Title FROM Item WHERE Year < 1900");
   sql_(

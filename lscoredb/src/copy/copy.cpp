@@ -5,7 +5,6 @@
 #include <filesystem>
 
 #include "c_api.h"
-#include "copy_store.h"
 #include "database.h"
 
 namespace lscore {
@@ -28,7 +27,7 @@ uint32_t lscoredb_copy(lscoredb* database, char const* directory) {
   return lscore::Guarded([&]() -> lscore::Status {
     if (database == nullptr || directory == nullptr) return LSCOREDB_NULL_ARGUMENT;
     lscore::PrepareTarget(directory);
-    lscore::CopyStore(database->database->store(), directory);
+    database->database->store().Copy(directory);
     return LORV_STATUS_OK;
   });
 }
