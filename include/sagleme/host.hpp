@@ -21,14 +21,15 @@
 //     until it is closed. Objects and ranges belong to their transaction and end with it. Views of
 //     texts end with the innermost read scope.
 //  3. Every failure is a sagleme::Error with the status and the text; nothing is changed by a call
-//  that
-//     fails, but for schema changes, whose transaction is then to be rolled back.
+//     that fails, but for schema changes: they leave a part behind, which a Savepoint around the
+//     change takes back, or the rollback of the transaction.
 //  4. Texts are UTF-16 inside; ToUtf8 and ToUtf16 convert.
 
 #include <sagleme/host/database.hpp>
 #include <sagleme/host/errors.hpp>
 #include <sagleme/host/object.hpp>
 #include <sagleme/host/range.hpp>
+#include <sagleme/host/savepoint.hpp>
 #include <sagleme/host/schema.hpp>
 #include <sagleme/host/table.hpp>
 #include <sagleme/host/text.hpp>

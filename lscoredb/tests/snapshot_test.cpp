@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "bytes.h"
-#include "store.h"
+#include "open_store.h"
 
 namespace lscore {
 namespace {
@@ -18,15 +18,15 @@ constexpr std::string_view kKey = "newest";
 std::unique_ptr<Store> NewStore() {
   StoreOptions options;
   options.sync = false;
-  return Store::Open(nullptr, options);
+  return OpenStore(nullptr, options);
 }
 
 void CommitNumber(Store& store) {
-  Batch batch(store);
+  std::unique_ptr<Batch> const batch = store.BeginBatch();
   std::string number;
-  Append(number, Raw(batch.id()));
-  batch.Put(Tree::kMeta, kKey, number);
-  batch.Commit();
+  Append(number, Raw(batch->id()));
+  batch->Put(Tree::kMeta, kKey, number);
+  batch->Commit();
 }
 
 std::uint64_t NumberIn(Snapshot const& snapshot) {

@@ -6,7 +6,7 @@
 #include <random>
 
 #include "bytes.h"
-#include "store.h"
+#include "open_store.h"
 
 namespace lscore {
 namespace {
@@ -28,11 +28,13 @@ class StoreWalkTest : public testing::TestWithParam<std::uint32_t> {
   StoreWalkTest() {
     StoreOptions options;
     options.sync = false;
-    store_ = Store::Open(nullptr, options);
-    Batch batch(*store_);
-    for (std::uint32_t i = 0; i < GetParam(); ++i) batch.Put(Tree::kOverflow, KeyOf(i), ValueOf(i));
-    batch.Put(Tree::kMeta, "state", "one");
-    batch.Commit();
+    store_ = OpenStore(nullptr, options);
+    std::unique_ptr<Batch> const batch = store_->BeginBatch();
+    for (std::uint32_t i = 0; i < GetParam(); ++i) {
+      batch->Put(Tree::kOverflow, KeyOf(i), ValueOf(i));
+    }
+    batch->Put(Tree::kMeta, "state", "one");
+    batch->Commit();
     snapshot_ = store_->Begin();
   }
   ~StoreWalkTest() override { store_->End(std::move(snapshot_)); }
@@ -59,11 +61,11 @@ TEST_P(StoreWalkTest, GivesEveryEntryOnceInBothDirections) {
 
 // Turns, jumps and steps across both ends.
 TEST_P(StoreWalkTest, GoesWhereTheStoresOwnCursorGoes) {
-  Batch batch(*store_);
+  std::unique_ptr<Batch> const batch = store_->BeginBatch();
   Cursor own;
   own.Open(*snapshot_, Tree::kOverflow);
   Cursor stores;
-  stores.Open(batch, Tree::kOverflow);
+  stores.Open(*batch, Tree::kOverflow);
   std::mt19937 random(5);
   bool on = own.First();
   ASSERT_EQ(stores.First(), on);

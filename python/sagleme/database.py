@@ -8,7 +8,7 @@ import threading
 import weakref
 from collections.abc import Callable, Iterable
 from types import TracebackType
-from typing import Any, TypeVar
+from typing import Any, NamedTuple, TypeVar
 
 from . import _core, models, schema
 from .errors import ClosedError, Conflict, SchemaError, WrongType
@@ -54,6 +54,15 @@ class _Snapshot:
                     found.append(info)
             at = at._base
         return found
+
+
+class Finding(NamedTuple):
+    """What a check found."""
+
+    rule: str
+    table: str
+    object: int
+    what: str
 
 
 class Transaction(_core.Transaction):
@@ -242,6 +251,39 @@ class Database:
         """Sizes, commits and open transactions, over all processes."""
         found: dict[str, int] = self._handle.statistics()
         return found
+
+    def vacuum(self, *, batch: int = 1000,
+               report: Callable[[dict[str, int]], bool | None] | None = None) -> dict[str, int]:
+        """Moves objects to the present shape of their tables, and removes those of dropped ones.
+
+        Each batch is a transaction of its own, after which `report` is told what was done so far;
+        False from it ends the run. A later run goes on.
+        """
+        if not isinstance(batch, int) or batch < 1:
+            raise WrongType(f"a batch holds at least one object, not {batch!r}")
+        found: dict[str, int] = _core.vacuum(self._context(), batch, report)
+        return found
+
+    def check(self, *, references: bool = False) -> list[Finding]:
+        """Reads everything that is committed and tells what contradicts itself; nothing is well.
+
+        With `references` it also tells those that lead to no object of their class.
+        """
+        if self.path is None:
+            raise WrongType("a database in memory has no file to check")
+        if self.closed:
+            raise ClosedError("the database is closed")
+        return [Finding(*each) for each in _core.check(self.path, references)]
+
+    def schema(self) -> list[dict[str, Any]]:
+        """All tables with their columns and indexes, as plain dictionaries."""
+        return [schema.described(table) for _, table in sorted(self._seen().tables.items())]
+
+    def describe(self, cls: Any = None) -> schema.Description:
+        """Tables as classes would declare them, in a text and in HTML."""
+        seen = self._seen()
+        names = sorted(seen.tables) if cls is None else [_need_class(cls)._table_name]
+        return schema.Description([seen.tables[name] for name in names if name in seen.tables])
 
     # ---- life
 

@@ -126,8 +126,7 @@ class _Planner:
     def _alter(self, cls: Any, table: dict[str, Any]) -> None:
         if not self._base_fits(cls, table):
             return
-        present = {each["name"]: each for each in table["columns"]
-                   if not each["inherited"] and not each["name"].startswith("__")}
+        present = {each["name"]: each for each in _own_columns(table)}
         kept: dict[str, str] = {}  # column before -> column after
         added = []
         for column in cls._own:
@@ -236,6 +235,55 @@ def visible(plan: Plan) -> Plan:
     return Plan(step for step in plan if step.text)
 
 
+# ---- the schema for people
+
+
+def _own_columns(table: dict[str, Any]) -> list[dict[str, Any]]:
+    return [each for each in table["columns"]
+            if not each["inherited"] and not each["name"].startswith("__")]
+
+
+def described(table: dict[str, Any]) -> dict[str, Any]:
+    """A table as a plain dictionary."""
+    return {
+        "name": table["name"],
+        "base": "" if table["base"].startswith("Lorvenstack.") else table["base"],
+        "columns": [{"name": each["name"], "type": column_type(each)}
+                    for each in _own_columns(table)],
+        "indexes": [{"name": each["name"], "unique": each["unique"], "columns": each["columns"]}
+                    for each in table["indexes"]],
+    }
+
+
+class Description:
+    """Tables in words."""
+
+    def __init__(self, tables: list[dict[str, Any]]) -> None:
+        self._tables = [described(table) for table in tables]
+
+    def __str__(self) -> str:
+        return "\n\n".join(map(_table_in_words, self._tables))
+
+    __repr__ = __str__
+
+    def _repr_html_(self) -> str:
+        from .html import table_of
+
+        return "".join(
+            table_of(table["name"], ["column", "type"],
+                     [[each["name"], each["type"]] for each in table["columns"]])
+            for table in self._tables)
+
+
+def _table_in_words(table: dict[str, Any]) -> str:
+    head = table["name"] + (f" under {table['base']}" if table["base"] else "")
+    lines = [f"    {each['name']}: {each['type']}" for each in table["columns"]]
+    for index in table["indexes"]:
+        names = ", ".join(name if up else f"-{name}" for name, up in index["columns"])
+        lines.append(f"    {'unique ' if index['unique'] else ''}index ({names})")
+    return "\n".join([head, *lines])
+
+
 # ---- classes for the tables of a catalogue
 
 
@@ -284,8 +332,7 @@ class ClassMaker:
         base = models.Table
         if table["base"] in tables:
             base = self._class_for(table["base"], tables, found)
-        own = [each for each in table["columns"]
-               if not each["inherited"] and not each["name"].startswith("__")]
+        own = _own_columns(table)
         shape = (name, base, [(each["name"], each["type"], each["nullable"], each["target"])
                               for each in own])
         known = self.made.get(table["id"])

@@ -20,6 +20,12 @@ PyObject* DropTable(PyObject* module, PyObject* args);     // table, with its de
 PyObject* CreateIndex(PyObject* module, PyObject* args);   // name, table, columns, unique
 PyObject* DropIndex(PyObject* module, PyObject* args);     // name
 
+// vacuum(context, objects in a batch, report or None): moves objects to the shape of their tables.
+// `report` is called with a dictionary after each batch; False ends the run.
+PyObject* Vacuum(PyObject* module, PyObject* args);
+// check(directory, references) -> [(rule, table, object, sentence)]
+PyObject* Check(PyObject* module, PyObject* args);
+
 }  // namespace binding
 
 #endif

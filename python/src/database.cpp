@@ -70,11 +70,11 @@ void CloseContext(Context* context) {
 
 void CloseDatabase(Database* database) {
   if (database->handle == nullptr) return;
-  for (Context* const context : *database->contexts) {
-    if (context->current != nullptr && context->current->state == State::kBusy) {
-      Raise("InUse", "another thread is busy in a transaction of this database; close it later");
-    }
+  bool busy = database->working > 0;
+  for (Context const* const context : *database->contexts) {
+    busy |= context->current != nullptr && context->current->state == State::kBusy;
   }
+  if (busy) Raise("InUse", "another thread is busy in this database; close it later");
   while (!database->contexts->empty()) CloseContext(database->contexts->back());
   g_open.erase(database);
   sagleme::Database* const handle = std::exchange(database->handle, nullptr);
@@ -127,6 +127,7 @@ PyObject* Copy(PyObject* object, PyObject* directory) {
     std::uint32_t status = 0;
     {
       lscoredb* const handle = self->handle->handle();
+      Working const working(self);
       Unlocked const unlocked;
       status = lscoredb_copy(handle, name.c_str());
     }

@@ -429,6 +429,7 @@ void InsertArray(Transaction* transaction, Binding const& binding, ArrowArray co
       Cell const at{transaction->context_id, oid, binding.layout, column.ordinal};
       sagleme::detail::CheckKernel(PutDatum(at, column.kind, value));
     }
+    EnterIndexes(transaction, binding, oid);
   }
 }
 
@@ -500,7 +501,8 @@ PyObject* InsertRows(PyObject*, PyObject* args) {
       std::uint64_t const oid = InsertWithFallbacks(transaction, binding, fallbacks);
       try {
         WriteRow(transaction, binding, oid, columns, row.get());
-      } catch (PythonError const&) {
+        EnterIndexes(transaction, binding, oid);
+      } catch (...) {
         static_cast<void>(lorv_context_delete(transaction->context_id, oid, binding.layout));
         throw;
       }

@@ -190,8 +190,10 @@ PyObject* New(PyObject* object, PyObject* const* args, Py_ssize_t count, PyObjec
     if (!made) throw PythonError{};
     try {
       WriteColumns(As<Object>(made.get()), args + 1, names);
-    } catch (PythonError const&) {
+      EnterIndexes(self, *binding, oid);
+    } catch (...) {
       static_cast<void>(lorv_context_delete(self->context_id, oid, binding->layout));
+      self->objects->Remove(As<Object>(made.get()));
       As<Object>(made.get())->gone = true;
       throw;
     }
@@ -276,9 +278,12 @@ std::uint64_t InsertRow(Transaction* transaction, Binding const& binding) {
   std::uint64_t oid = 0;
   std::uint64_t const context = transaction->context_id;
   sagleme::detail::CheckKernel(lorv_context_insert(context, binding.layout, &oid));
-  sagleme::detail::CheckKernel(
-      lorv_context_put_setspec(context, oid, binding.layout, binding.setspec.c_str()));
   return oid;
+}
+
+void EnterIndexes(Transaction* transaction, Binding const& binding, std::uint64_t oid) {
+  sagleme::detail::CheckKernel(lorv_context_put_setspec(transaction->context_id, oid,
+                                                        binding.layout, binding.setspec.c_str()));
 }
 
 }  // namespace binding

@@ -74,7 +74,20 @@ struct Context;
 struct Database {
   PyObject_HEAD sagleme::Database* handle;  // null once closed
   std::vector<Context*>* contexts;
+  std::size_t working;  // calls that are under way without a transaction of ours
   bool forked;
+};
+
+// Keeps a database from being closed while it lives, with the interpreter's lock given up.
+class Working {
+ public:
+  explicit Working(Database* database) : database_(database) { ++database->working; }
+  ~Working() { --database_->working; }
+  Working(Working const&) = delete;
+  Working& operator=(Working const&) = delete;
+
+ private:
+  Database* database_;
 };
 
 struct Transaction;
@@ -153,8 +166,11 @@ PyObject* ObjectById(Transaction* transaction, std::uint64_t oid);
 PyObject* NewObject(Transaction* transaction, Binding* binding, std::uint64_t oid);
 // Ends every Python object that was made since `savepoint`.
 void ForgetObjectsSince(Transaction* transaction, std::uint64_t savepoint);
-// The bytes of one row that was inserted under a binding.
+// Inserts a row that belongs to no set yet. Its columns are written before it enters the indexes:
+// an entry would move with every one of them.
 std::uint64_t InsertRow(Transaction* transaction, Binding const& binding);
+// Makes a row an object of its table.
+void EnterIndexes(Transaction* transaction, Binding const& binding, std::uint64_t oid);
 
 // Runs work without the interpreter's lock, with the transaction marked busy.
 template <typename Work>

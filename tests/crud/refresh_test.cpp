@@ -131,6 +131,78 @@ TEST_F(RefreshTest, TableRolledBack_NextTableWithItsTypeIdHasItsOwnHandles) {
   EXPECT_EQ(type_id, TypeIdOf(object));
 }
 
+// A savepoint inside a transaction, here set and rolled back to around `work`.
+class SavepointRefreshTest : public RefreshTest {
+ protected:
+  template <typename Work>
+  void TakeBack(Work&& work) {
+    uint64_t savepoint = 0;
+    ASSERT_EQ(0u, lscoredb_savepoint(context(), &savepoint));
+    work();
+    ASSERT_EQ(0u, lscoredb_rollback_to(context(), savepoint));
+    ASSERT_EQ(0u, lscoredb_release(context(), savepoint));
+  }
+};
+
+TEST_F(SavepointRefreshTest, TableTakenBack_NextTableWithItsTypeIdHasItsOwnHandles) {
+  CreateInfo* draft = nullptr;
+  uint64_t type_id = 0;
+  TakeBack([&] {
+    CreateTable(u"Draft", Columns().Long(u"Pages"));
+    type_id = TypeId(u"Draft");
+    draft = Creator(u"Draft");
+    LS_OBJ_REF const object = CreateObject(u"Draft");
+    WriteLong(Property(u"Draft", u"Pages"), object, 1);
+    EXPECT_EQ(type_id, TypeIdOf(object));
+  });
+  CreateTable(u"Final", Columns().Long(u"Chapters"));
+  ASSERT_EQ(type_id, TypeId(u"Final"));
+  EXPECT_NE(draft, Creator(u"Final"));
+  LS_OBJ_REF const object = CreateObject(u"Final");
+  WriteLong(Property(u"Final", u"Chapters"), object, 12);
+  EXPECT_EQ(12, ReadLong(Property(u"Final", u"Chapters"), object));
+  EXPECT_EQ(type_id, TypeIdOf(object));
+  Refresh();
+  EXPECT_EQ(12, ReadLong(Property(u"Final", u"Chapters"), object));
+}
+
+TEST_F(SavepointRefreshTest, SameTableTakenBackAndMadeAgain_Works) {
+  for (int i = 0; i < 3; ++i) {
+    TakeBack([&] {
+      CreateTable(u"Draft", Columns().Long(u"Pages"));
+      WriteLong(Property(u"Draft", u"Pages"), CreateObject(u"Draft"), i);
+    });
+  }
+  CreateTable(u"Draft", Columns().Long(u"Pages"));
+  LS_OBJ_REF const object = CreateObject(u"Draft");
+  WriteLong(Property(u"Draft", u"Pages"), object, 7);
+  Commit();
+  Begin();
+  EXPECT_EQ(7, ReadLong(Property(u"Draft", u"Pages"), object));
+}
+
+TEST_F(SavepointRefreshTest, ColumnTakenBack_RefreshLeadsHandlesBack) {
+  CreateTable(u"Draft", Columns().Long(u"Pages"));
+  PropertyAccessInfo* const pages = Property(u"Draft", u"Pages");
+  LS_OBJ_REF const before = CreateObject(u"Draft");
+  WriteLong(pages, before, 3);
+  TakeBack([&] {
+    ExpectOk(
+        lorv_alter_table_add_columns(context(), u"Draft", Columns().Long(u"Words", true), nullptr));
+    Refresh();
+    WriteLong(pages, before, 4);
+    WriteLong(Property(u"Draft", u"Words"), before, 5);
+  });
+  Refresh();
+  EXPECT_EQ(3, ReadLong(pages, before));
+  LS_OBJ_REF const since = CreateObject(u"Draft");
+  WriteLong(pages, since, 6);
+  EXPECT_EQ(6, ReadLong(pages, since));
+  Commit();
+  Begin();
+  EXPECT_EQ(3, ReadLong(pages, before));
+}
+
 TEST_F(RefreshTest, TableRolledBack_SystemCreateHandleOfTheNextOneWorks) {
   Commit();
   Begin();

@@ -117,6 +117,12 @@ class RawTransaction {
   // The number of the database, which no other one of the process has or had.
   std::uint64_t database() const { return database_; }
 
+  // Commit fails with LSCOREDB_CONFLICT when another transaction changes or deletes the object
+  // meanwhile, as if this one had changed it too.
+  void Require(std::uint64_t object_id) {
+    detail::CheckKernel(lscoredb_require(context_, object_id));
+  }
+
  private:
   std::uint64_t context_;
   std::uint64_t database_ = 0;

@@ -68,14 +68,14 @@ void IdAllocator::Refill() {
     std::lock_guard const lock(mutex_);
     if (!present_.empty() || !spare_.empty()) return;
   }
-  Batch batch(store_);
+  std::unique_ptr<Batch> const batch = store_.BeginBatch();
   IdRange block;
   {
     std::lock_guard const lock(mutex_);
-    block = Reserve(batch);
+    block = Reserve(*batch);
   }
-  WriteMark(batch, block.end);
-  batch.Commit();
+  WriteMark(*batch, block.end);
+  batch->Commit();
   Install(block);
 }
 

@@ -33,13 +33,13 @@ void KeepBases(View const& view, std::set<LayoutNumber>& unused) {
 }  // namespace
 
 std::vector<LayoutNumber> CollectLayouts(Store& store) {
-  Batch batch(store);
-  std::set<LayoutNumber> unused = ReleasedAndEmpty(batch);
+  std::unique_ptr<Batch> const batch = store.BeginBatch();
+  std::set<LayoutNumber> unused = ReleasedAndEmpty(*batch);
   if (unused.empty()) return {};
-  KeepBases(batch, unused);
+  KeepBases(*batch, unused);
   if (unused.empty()) return {};
-  for (LayoutNumber const number : unused) DeleteLayout(batch, number);
-  batch.Commit();
+  for (LayoutNumber const number : unused) DeleteLayout(*batch, number);
+  batch->Commit();
   return {unused.begin(), unused.end()};
 }
 

@@ -10,19 +10,19 @@ namespace {
 constexpr std::uint32_t kKnownFlags = LSCOREDB_CHECK_PAGES_ONLY | LSCOREDB_CHECK_NO_ENTRIES;
 
 // The object or index that a key of a tree belongs to; 0: it does not say.
-std::uint64_t OwnerOf(std::string_view tree, std::string_view key) {
+std::uint64_t OwnerOf(Tree tree, std::string_view key) {
   std::uint64_t id = 0;
-  if (tree == "index") return ReadOrderedId(key, &id) != 0 ? id : 0;
+  if (tree == Tree::kIndex) return ReadOrderedId(key, &id) != 0 ? id : 0;
   if (key.size() < sizeof id) return 0;
-  if (tree == "rows") return Load<std::uint64_t>(key.data());
-  return tree == "parts" ? LoadBig<std::uint64_t>(key.data()) : 0;
+  if (tree == Tree::kRows) return Load<std::uint64_t>(key.data());
+  return tree == Tree::kOverflow ? LoadBig<std::uint64_t>(key.data()) : 0;
 }
 
-std::string RangeText(std::string_view tree, PageFault const& fault) {
-  bool const of_index = tree == "index";
+std::string RangeText(StoreFault const& fault) {
+  bool const of_index = fault.tree == Tree::kIndex;
   std::string text = of_index ? "Entries of indexes" : "Objects";
-  std::uint64_t const low = OwnerOf(tree, fault.low);
-  std::uint64_t const high = OwnerOf(tree, fault.high);
+  std::uint64_t const low = OwnerOf(fault.tree, fault.low);
+  std::uint64_t const high = OwnerOf(fault.tree, fault.high);
   if (low != 0) text += " from " + std::to_string(low) + " on";
   if (high != 0) text += (of_index || low == high ? " up to " : " below ") + std::to_string(high);
   return text + " cannot be read: ";
@@ -44,28 +44,27 @@ void FindingSink::Tell(Finding const& finding, std::string const& text) {
   if (report_(user_, &told) != 0) throw StopCheck();
 }
 
-void TellFault(FindingSink& sink, PageFault const& fault) {
+void TellFault(FindingSink& sink, StoreFault const& fault) {
   Finding finding;
   finding.kind = LSCOREDB_FINDING_PAGES;
-  std::string text;
+  std::string text = "Definitions cannot be read: ";
+  bool const of_tree = fault.area == StoreFault::Area::kTree;
   std::uint64_t const first = OwnerOf(fault.tree, fault.low);
-  if (fault.tree == "rows" || fault.tree == "parts") {
+  if (of_tree && (fault.tree == Tree::kRows || fault.tree == Tree::kOverflow)) {
     finding.object = ObjectId{first};
-    text = RangeText(fault.tree, fault);
-  } else if (fault.tree == "index") {
+    text = RangeText(fault);
+  } else if (of_tree && fault.tree == Tree::kIndex) {
     finding.index = IndexId{first};
-    text = RangeText(fault.tree, fault);
-  } else if (fault.tree == "free") {
+    text = RangeText(fault);
+  } else if (fault.area == StoreFault::Area::kFreeSpace) {
     text = "What is free in the file is not known: ";
-  } else {
-    text = "Definitions cannot be read: ";
   }
   sink.Tell(finding, text + fault.what + '.');
 }
 
 void CheckStoreState(Store& store, std::uint32_t flags, FindingSink& sink) {
   std::unique_ptr<Snapshot> const snapshot =
-      store.BeginWalked([&](PageFault const& fault) { TellFault(sink, fault); });
+      store.BeginVerified([&](StoreFault const& fault) { TellFault(sink, fault); });
   if (sink.any() || (flags & LSCOREDB_CHECK_PAGES_ONLY) != 0) return;
   CheckedDefinitions definitions(*snapshot, sink);
   definitions.Load();

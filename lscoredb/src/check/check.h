@@ -47,8 +47,8 @@ class FindingSink {
   bool any_ = false;
 };
 
-// Tells what a fault of a page makes unreadable.
-void TellFault(FindingSink& sink, PageFault const& fault);
+// Tells what a fault of the store makes unreadable.
+void TellFault(FindingSink& sink, StoreFault const& fault);
 
 // ---- definitions (check_definitions.cpp) -------------------------------------------------------
 

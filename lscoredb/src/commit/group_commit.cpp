@@ -41,14 +41,14 @@ void GroupCommit::Lead(Tickets tickets) noexcept {
 }
 
 void GroupCommit::TryAll(Tickets tickets) {
-  Batch batch(store_);
+  std::unique_ptr<Batch> const batch = store_.BeginBatch();
   std::uint32_t position = 0;
   bool anything = false;
   CachedRowChanges kept(rows_);
   for (CommitTicket* const ticket : tickets) {
     CommitRequest& request = RequestOf(ticket);
-    CommitApplier work(batch, request, position, kept);
-    bool const next = Raw(batch.id()) == Raw(request.snapshot.id()) + 1;
+    CommitApplier work(*batch, request, position, kept);
+    bool const next = Raw(batch->id()) == Raw(request.snapshot.id()) + 1;
     request.status = Guarded([&] {
       work.Validate(next && !anything);
       return LORV_STATUS_OK;
@@ -58,9 +58,9 @@ void GroupCommit::TryAll(Tickets tickets) {
     anything = true;
   }
   if (!anything) return;
-  IdRange const block = ids_.TopUp(batch);
-  kept.TakeOut(batch.id());
-  batch.Commit();
+  IdRange const block = ids_.TopUp(*batch);
+  kept.TakeOut(batch->id());
+  batch->Commit();
   kept.PutBack();
   ids_.Install(block);
 }

@@ -5,6 +5,7 @@
 #include <filesystem>
 
 #include "c_api.h"
+#include "copy_store.h"
 #include "database.h"
 
 namespace lscore {
@@ -27,7 +28,7 @@ uint32_t lscoredb_copy(lscoredb* database, char const* directory) {
   return lscore::Guarded([&]() -> lscore::Status {
     if (database == nullptr || directory == nullptr) return LSCOREDB_NULL_ARGUMENT;
     lscore::PrepareTarget(directory);
-    database->database->store().Copy(directory);
+    lscore::CopyStore(database->database->store(), directory);
     return LORV_STATUS_OK;
   });
 }

@@ -159,14 +159,13 @@ void EntryCursor::GatherGroup(bool forward) {
 }
 
 ObjectId EntryCursor::Guess(std::size_t ahead, bool forward) const {
-  std::string_view key;
-  std::string_view value;
+  KeyValue seen;
   std::uint64_t object = 0;
-  if (!cursor_.Peek(ahead, forward, &key, &value) || value.size() < kValueHead) return kNoObject;
-  auto const id_size = static_cast<unsigned char>(value[2]);
-  if (id_size > key.size()) return kNoObject;
-  return ReadOrderedId(key.substr(key.size() - id_size), &object) == id_size ? ObjectId{object}
-                                                                             : kNoObject;
+  if (!cursor_.Peek(ahead, forward, &seen) || seen.value.size() < kValueHead) return kNoObject;
+  auto const id_size = static_cast<unsigned char>(seen.value[2]);
+  if (id_size > seen.key.size()) return kNoObject;
+  std::string_view const id = seen.key.substr(seen.key.size() - id_size);
+  return ReadOrderedId(id, &object) == id_size ? ObjectId{object} : kNoObject;
 }
 
 void ParseEntry(IndexDefinition const& index, std::string_view stored,

@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "layout_release.h"
+#include "open_store.h"
 #include "status.h"
 
 namespace lscore {
@@ -76,9 +77,9 @@ void Collect(Store& store, LayoutNumbers& layout_numbers) {
   layout_numbers.Share();
 }
 
-std::shared_ptr<Database> OpenStore(std::string const& path, StoreOptions const& options) {
+std::shared_ptr<Database> OpenDirectory(std::string const& path, StoreOptions const& options) {
   auto numbers = std::make_shared<LayoutNumbers>(path);
-  std::unique_ptr<Store> store = Store::Open(path.c_str(), options);
+  std::unique_ptr<Store> store = OpenStore(path.c_str(), options);
   Collect(*store, *numbers);
   return std::make_shared<Database>(std::move(store), std::move(numbers), options.row_memory);
 }
@@ -92,7 +93,7 @@ std::uint64_t NextDatabaseNumber() {
 
 std::shared_ptr<Database> OpenDatabase(char const* directory, StoreOptions const& options) {
   if (directory == nullptr) {
-    return std::make_shared<Database>(Store::Open(nullptr, options),
+    return std::make_shared<Database>(OpenStore(nullptr, options),
                                       std::make_shared<LayoutNumbers>(), options.row_memory);
   }
   std::string const path = directory;
@@ -104,7 +105,7 @@ std::shared_ptr<Database> OpenDatabase(char const* directory, StoreOptions const
   DirectoryId const id = IdOf(path);
   std::shared_ptr<Database> database = FindOpen(registry, id);
   if (database == nullptr) {
-    database = OpenStore(path, options);
+    database = OpenDirectory(path, options);
     registry.open[id] = database;
     return database;
   }

@@ -27,7 +27,14 @@
 
 namespace lscore::pages {
 
+// The trees of a database by their names in the file, in the order of enum Tree.
+inline constexpr std::array<char const*, 5> kTreeNames = {"rows", "parts", "index", "definitions",
+                                                          "meta"};
+inline constexpr char const* kFreeTreeName = "free";  // in reports, the list of free pages
+
 inline constexpr std::size_t kPageHead = 16;
+inline constexpr std::size_t kKindOffset = 10;
+inline constexpr std::size_t kSlotsEndOffset = 12;
 inline constexpr std::size_t kNodeHead = 8;
 inline constexpr std::size_t kTreeSize = 48;
 inline constexpr std::size_t kHeaderSize = 136;

@@ -10,14 +10,14 @@
 #include "bytes.h"
 #include "checksummed_record.h"
 #include "format.h"
-#include "store.h"
+#include "lmdb_store.h"
 #include "store_check.h"
 #include "store_errors.h"
+#include "store_header.h"
 
 namespace lscore {
 namespace {
 
-constexpr char const* kTreeNames[kTreeCount] = {"rows", "parts", "index", "definitions", "meta"};
 constexpr unsigned kTreeFlags[kTreeCount] = {MDB_INTEGERKEY, 0, 0, 0, 0};
 constexpr mode_t kFileMode = 0640;
 
@@ -122,8 +122,8 @@ void WriteFormat(MDB_txn* txn, MDB_dbi meta) {
 
 class StoreOpener {
  public:
-  static std::unique_ptr<Store> Open(char const* path, StoreOptions const& options, bool sync) {
-    std::unique_ptr<Store> store(new Store);
+  static std::unique_ptr<LmdbStore> Open(char const* path, StoreOptions const& options, bool sync) {
+    std::unique_ptr<LmdbStore> store(new LmdbStore);
     CheckOpening(mdb_env_create(&store->env_));
     MDB_env* const env = store->env_;
     CheckOpening(mdb_env_set_assert(env, OnBrokenPage));
@@ -144,7 +144,7 @@ class StoreOpener {
   }
 
  private:
-  static void OpenTrees(Store& store) {
+  static void OpenTrees(LmdbStore& store) {
     MDB_txn* txn = nullptr;
     CheckOpening(mdb_txn_begin(store.env_, nullptr, 0, &txn));
     try {
@@ -165,16 +165,16 @@ class StoreOpener {
     CheckStore(mdb_txn_commit(txn));
   }
 
-  static void OpenTree(Store& store, MDB_txn* txn, Tree tree, bool create) {
+  static void OpenTree(LmdbStore& store, MDB_txn* txn, Tree tree, bool create) {
     auto const i = static_cast<std::size_t>(tree);
     unsigned const flags = kTreeFlags[i] | (create ? unsigned{MDB_CREATE} : 0u);
-    int const code = mdb_dbi_open(txn, kTreeNames[i], flags, &store.trees_[i]);
+    int const code = mdb_dbi_open(txn, pages::kTreeNames[i], flags, &store.trees_[i]);
     if (code == MDB_NOTFOUND || code == MDB_INCOMPATIBLE) Throw(LSCOREDB_NOT_A_DATABASE);
     CheckStore(code);
   }
 };
 
-std::unique_ptr<Store> Store::Open(char const* directory, StoreOptions const& options) {
+std::unique_ptr<LmdbStore> LmdbStore::Open(char const* directory, StoreOptions const& options) {
   if (directory != nullptr) return StoreOpener::Open(directory, options, options.sync);
   MemoryDirectory const memory;
   return StoreOpener::Open(memory.path(), options, false);

@@ -181,7 +181,7 @@ void Walk::Run() {
       WalkTree(known.name, at->second);
     }
   }
-  WalkTree("free", header_.free);
+  WalkTree(pages::kFreeTreeName, header_.free);
 }
 
 void Walk::WalkTree(std::string_view name, TreeRecord const& tree) {
@@ -223,7 +223,7 @@ bool Walk::LoadPage(std::uint64_t number, std::uint16_t levels, Bounds bounds, P
   std::string bytes;
   ReadAt(file_, number * header_.page_size, header_.page_size, bytes);
   char const* const broken = page.Load(number, header_.page_size, levels == 1, std::move(bytes));
-  std::size_t const fewest = levels == 1 || name_ == "free" ? 1 : 2;
+  std::size_t const fewest = levels == 1 || name_ == pages::kFreeTreeName ? 1 : 2;
   if (broken == nullptr && page.count() >= fewest) return true;
   Tell(broken != nullptr ? broken : "it has too few entries", bounds);
   return false;
@@ -268,7 +268,7 @@ void Walk::WalkLeaf(Page const& page, Bounds bounds) {
       WalkNamedTree(node);
     } else if (node.value_kind > kValueOnOverflow) {
       return Tell("an entry is of another kind", bounds);
-    } else if (depth_ == PageDepth::kAll || (!names && name_ != "free")) {
+    } else if (depth_ == PageDepth::kAll || (!names && name_ != pages::kFreeTreeName)) {
       WalkValue(node);
     }
   }
@@ -282,7 +282,7 @@ void Walk::WalkNamedTree(Node const& node) {
 }
 
 void Walk::WalkValue(Node const& node) {
-  bool const free = name_ == "free";
+  bool const free = name_ == pages::kFreeTreeName;
   std::string overflow;
   std::string_view value(node.value, node.value_kind == kPlainValue ? node.value_size : 0);
   if (name_ == "trees") return Tell("it holds something that is no tree");

@@ -1,9 +1,12 @@
+#include "copy_store.h"
+
 #include <string>
+#include <utility>
 
 #include "bytes.h"
 #include "checksummed_record.h"
 #include "format.h"
-#include "store.h"
+#include "open_store.h"
 
 namespace lscore {
 namespace {
@@ -27,41 +30,41 @@ class Copier {
  private:
   // A copy that was cut off has no format, and is no database.
   void TakeFormat() {
-    Batch batch(to_);
+    std::unique_ptr<Batch> const batch = to_.BeginBatch();
     std::string_view format;
-    batch.Get(Tree::kMeta, format::kFormatKey, &format);
+    batch->Get(Tree::kMeta, format::kFormatKey, &format);
     format_ = format;
-    batch.Delete(Tree::kMeta, format::kFormatKey);
-    batch.Commit();
+    batch->Delete(Tree::kMeta, format::kFormatKey);
+    batch->Commit();
   }
 
   void CopyTree(Tree tree) {
     Cursor cursor;
     cursor.Open(from_, tree);
     for (bool more = cursor.First(); more;) {
-      Batch batch(to_);
+      std::unique_ptr<Batch> const batch = to_.BeginBatch();
       for (std::size_t bytes = 0; more && bytes < kBatchBytes; more = cursor.Next()) {
-        batch.Append(tree, cursor.key(), cursor.value());
+        batch->Append(tree, cursor.key(), cursor.value());
         bytes += cursor.key().size() + cursor.value().size();
       }
-      batch.Commit();
+      batch->Commit();
     }
   }
 
   // The copy counts its states anew, and rows bear the number of theirs, so it is told how many
   // there were before.
   void FinishMeta() {
-    Batch batch(to_);
+    std::unique_ptr<Batch> const batch = to_.BeginBatch();
     Cursor cursor;
     cursor.Open(from_, Tree::kMeta);
     for (bool more = cursor.First(); more; more = cursor.Next()) {
-      batch.Put(Tree::kMeta, cursor.key(), cursor.value());
+      batch->Put(Tree::kMeta, cursor.key(), cursor.value());
     }
     std::string before;
     Append(before, Raw(from_.id()));
-    PutChecked(batch, Tree::kMeta, format::kStatesBeforeKey, before);
-    batch.Put(Tree::kMeta, format::kFormatKey, format_);
-    batch.Commit();
+    PutChecked(*batch, Tree::kMeta, format::kStatesBeforeKey, before);
+    batch->Put(Tree::kMeta, format::kFormatKey, format_);
+    batch->Commit();
   }
 
   View const& from_;
@@ -71,19 +74,19 @@ class Copier {
 
 }  // namespace
 
-void Store::Copy(char const* directory) {
+void CopyStore(Store& store, char const* directory) {
   StoreOptions options;
   options.sync = false;
-  options.max_file_size = Statistics().max_file_size;
-  std::unique_ptr<Store> const target = Open(directory, options);
-  std::unique_ptr<Snapshot> snapshot = Begin();
+  options.max_file_size = store.Statistics().max_file_size;
+  std::unique_ptr<Store> const target = OpenStore(directory, options);
+  std::unique_ptr<Snapshot> snapshot = store.Begin();
   try {
     Copier(*snapshot, *target).Run();
   } catch (...) {
-    End(std::move(snapshot));
+    store.End(std::move(snapshot));
     throw;
   }
-  End(std::move(snapshot));
+  store.End(std::move(snapshot));
 }
 
 }  // namespace lscore

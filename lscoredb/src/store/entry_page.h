@@ -1,0 +1,118 @@
+#ifndef LSCOREDB_SRC_ENTRY_PAGE_H
+#define LSCOREDB_SRC_ENTRY_PAGE_H
+
+// Steps from entry to entry inside one page of a snapshot, without a call into the store.
+//
+// A store hands out entries in slotted pages, little endian:
+//
+//   slots   offset of each entry from the beginning of the page (2 bytes each), in key order
+//   entry   0  size of the value (4)
+//           4  form (2): 0 is plain, of any other the store knows where the value lies
+//           6  size of the key (2)
+//           8  the key, then the value when the form is plain
+//
+//   page +0          +slots                      +slots[0]
+//        [ ........ | 0x0fd0 0x0fa8 0x0f80 .... | ... | 4:size 2:form 2:size key value | ... ]
+//
+// A page of a state that is being read does not change. What it says of itself is checked before it
+// is used: a step that is not plain (the page's end, a value elsewhere, a page that contradicts
+// itself) is left to the store. One thread at a time; owns nothing.
+
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+
+#include "bytes.h"
+
+namespace lscore {
+
+struct KeyValue {
+  std::string_view key;
+  std::string_view value;
+};
+
+class EntryPage {
+ public:
+  static constexpr std::size_t kEntryHead = 8;
+  static constexpr std::uint16_t kPlain = 0;
+
+  bool inside() const { return page_ != nullptr; }
+  void Leave() { page_ = nullptr; }
+
+  // To the entry at `offset`. Returns whether the page has it.
+  // REQUIRES: `count` slots from `slots` on lie in the page.
+  bool Enter(char const* page, std::size_t page_size, std::size_t slots, std::size_t count,
+             std::size_t offset) {
+    page_ = page;
+    page_size_ = page_size;
+    slots_ = page + slots;
+    count_ = count;
+    for (at_ = 0; at_ < count_; ++at_) {
+      if (OffsetOf(at_) != offset) continue;
+      FetchAround();
+      return true;
+    }
+    Leave();
+    return false;
+  }
+
+  // REQUIRES: inside(). Changes nothing when it returns false.
+  bool Next(KeyValue* entry) { return at_ + 1 < count_ && Take(at_ + 1, entry); }
+  bool Previous(KeyValue* entry) { return at_ > 0 && Take(at_ - 1, entry); }
+
+  // The entry that many further on, without going there.
+  bool Peek(std::size_t ahead, bool forward, KeyValue* entry) const {
+    if (forward ? ahead >= count_ - at_ : ahead > at_) return false;
+    return Read(forward ? at_ + ahead : at_ - ahead, entry);
+  }
+
+ private:
+  static constexpr std::size_t kAhead = 6;
+
+  static std::size_t Short(char const* at) { return Load<std::uint16_t>(at); }
+  std::size_t OffsetOf(std::size_t at) const { return Short(slots_ + 2 * at); }
+
+  bool Take(std::size_t at, KeyValue* entry) {
+    if (!Read(at, entry)) return false;
+    FetchAhead(at > at_ ? at + kAhead : at - kAhead);
+    at_ = at;
+    return true;
+  }
+
+  // Of a page that was entered, what the first steps need in either direction.
+  void FetchAround() const {
+    for (std::size_t i = 1; i < kAhead; ++i) {
+      FetchAhead(at_ + i);
+      FetchAhead(at_ - i);
+    }
+  }
+
+  // Entries may lie in a page in any order. Wraps below zero, which is no entry either.
+  void FetchAhead(std::size_t at) const {
+    if (at >= count_) return;
+    __builtin_prefetch(page_ + OffsetOf(at));
+  }
+
+  bool Read(std::size_t at, KeyValue* entry) const {
+    std::size_t const offset = OffsetOf(at);
+    if (offset + kEntryHead > page_size_) return false;
+    char const* const head = page_ + offset;
+    std::size_t const key_size = Short(head + 6);
+    std::size_t const value_size = Load<std::uint32_t>(head);
+    bool const plain = Short(head + 4) == kPlain;
+    if (!plain || kEntryHead + key_size + value_size > page_size_ - offset) return false;
+    entry->key = {head + kEntryHead, key_size};
+    entry->value = {head + kEntryHead + key_size, value_size};
+    return true;
+  }
+
+  char const* page_ = nullptr;
+  char const* slots_ = nullptr;
+  std::size_t page_size_ = 0;
+  std::size_t count_ = 0;
+  std::size_t at_ = 0;
+};
+
+}  // namespace lscore
+
+#endif

@@ -1,0 +1,369 @@
+#include "lmdb_store.h"
+
+#include <lmdb.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cinttypes>
+#include <cstdio>
+#include <utility>
+
+#include "bytes.h"
+#include "store_check.h"
+#include "store_errors.h"
+#include "store_header.h"
+#include "store_pages.h"
+
+namespace lscore {
+namespace {
+
+MDB_val ValueOf(std::string_view bytes) { return {bytes.size(), const_cast<char*>(bytes.data())}; }
+
+std::string_view BytesOf(MDB_val const& value) {
+  return {static_cast<char const*>(value.mv_data), value.mv_size};
+}
+
+struct Readers {
+  std::uint32_t count;
+  std::uint64_t oldest;
+};
+
+// Gets the table of readers as text, one line each: process, thread and the state that is read, "-"
+// for none.
+int NoteReader(char const* line, void* to) {
+  auto& readers = *static_cast<Readers*>(to);
+  int process = 0;
+  std::size_t thread = 0;
+  std::uint64_t state = 0;
+  if (std::sscanf(line, "%d %zx %" SCNu64, &process, &thread, &state) != 3) return 0;
+  ++readers.count;
+  readers.oldest = std::min(readers.oldest, state);
+  return 0;
+}
+
+StoreFault FaultOf(PageFault const& fault) {
+  StoreFault found{StoreFault::Area::kWhole, Tree::kMeta, fault.low, fault.high, fault.what};
+  if (fault.tree == pages::kFreeTreeName) found.area = StoreFault::Area::kFreeSpace;
+  for (std::size_t i = 0; i < kTreeCount; ++i) {
+    if (fault.tree != pages::kTreeNames[i]) continue;
+    found.area = StoreFault::Area::kTree;
+    found.tree = static_cast<Tree>(i);
+  }
+  return found;
+}
+
+}  // namespace
+
+Status StatusOfStore(int code) {
+  switch (code) {
+    case MDB_MAP_FULL:
+    case MDB_MAP_RESIZED:
+      return LSCOREDB_MAP_FULL;
+    case MDB_READERS_FULL:
+      return LSCOREDB_TOO_MANY_READERS;
+    case MDB_BAD_VALSIZE:
+    case MDB_TXN_FULL:
+      return LSCOREDB_TOO_LARGE;
+    case MDB_INVALID:
+    case MDB_VERSION_MISMATCH:
+      return LSCOREDB_NOT_A_DATABASE;
+    case MDB_CORRUPTED:
+    case MDB_PAGE_NOTFOUND:
+      return LSCOREDB_DAMAGED;
+    case ENOSPC:
+    case EDQUOT:
+    case EFBIG:
+      return LSCOREDB_DISK_FULL;
+    case ENOMEM:
+      return LSCOREDB_NO_MEMORY;
+    default:
+      return LSCOREDB_IO_ERROR;
+  }
+}
+
+// ---- views -------------------------------------------------------------------------------------
+
+bool LmdbView::Get(Tree tree, std::string_view key, std::string_view* value) const {
+  MDB_val k = ValueOf(key);
+  MDB_val v;
+  int const code = mdb_get(txn, store_.Handle(tree), &k, &v);
+  if (code == MDB_NOTFOUND) return false;
+  CheckStore(code);
+  CheckPlace(BytesOf(v));
+  *value = BytesOf(v);
+  return true;
+}
+
+void LmdbView::OpenCursor(Tree tree, std::unique_ptr<TreeCursor>& cursor) const {
+  if (cursor != nullptr && &cursor->store() == &store_ &&
+      static_cast<LmdbCursor&>(*cursor).Renew(*this, tree)) {
+    return;
+  }
+  cursor.reset();
+  cursor = std::make_unique<LmdbCursor>(*this, tree);
+}
+
+void LmdbView::ThrowDamaged() { Throw(LSCOREDB_DAMAGED); }
+
+CommitId LmdbView::id() const { return CommitId{store_.states_before() + mdb_txn_id(txn)}; }
+
+bool LmdbView::NoteFile() {
+  std::atomic_thread_fence(std::memory_order_acquire);
+  MDB_envinfo info{};
+  CheckStore(mdb_env_info(store_.env(), &info));
+  std::uintptr_t const map = store_.map_begin();
+  begin_ = map;
+  end_ = map == 0 ? UINTPTR_MAX : map + (info.me_last_pgno + 1) * store_.page_size();
+  return info.me_last_txnid == mdb_txn_id(txn);
+}
+
+LmdbSnapshot::~LmdbSnapshot() { mdb_txn_abort(view_.txn); }
+
+int LmdbSnapshot::BeginNew() {
+  return Began(mdb_txn_begin(view_.store().env(), nullptr, MDB_RDONLY, &view_.txn));
+}
+
+int LmdbSnapshot::Renew() { return Began(mdb_txn_renew(view_.txn)); }
+
+int LmdbSnapshot::Began(int code) {
+  if (code == 0) set_id(view_.id());
+  return code;
+}
+
+void LmdbSnapshot::Reset() { mdb_txn_reset(view_.txn); }
+
+LmdbBatch::LmdbBatch(LmdbStore& store) : store_(store), view_(store, false) {
+  CheckStore(mdb_txn_begin(store.env(), nullptr, 0, &view_.txn));
+  set_id(view_.id());
+}
+
+LmdbBatch::~LmdbBatch() {
+  if (view_.txn != nullptr) mdb_txn_abort(view_.txn);
+}
+
+int LmdbBatch::PutWith(unsigned flags, Tree tree, std::string_view key, std::string_view value) {
+  MDB_val k = ValueOf(key);
+  MDB_val v = ValueOf(value);
+  int const code = mdb_put(view_.txn, store_.Handle(tree), &k, &v, flags);
+  if (code != MDB_KEYEXIST) changed_ = true;
+  return code;
+}
+
+void LmdbBatch::Put(Tree tree, std::string_view key, std::string_view value) {
+  CheckStore(PutWith(0, tree, key, value));
+}
+
+bool LmdbBatch::PutNew(Tree tree, std::string_view key, std::string_view value) {
+  int const code = PutWith(MDB_NOOVERWRITE, tree, key, value);
+  if (code == MDB_KEYEXIST) return false;
+  CheckStore(code);
+  return true;
+}
+
+void LmdbBatch::Append(Tree tree, std::string_view key, std::string_view value) {
+  CheckStore(PutWith(MDB_APPEND, tree, key, value));
+}
+
+bool LmdbBatch::Delete(Tree tree, std::string_view key) {
+  MDB_val k = ValueOf(key);
+  int const code = mdb_del(view_.txn, store_.Handle(tree), &k, nullptr);
+  if (code == MDB_NOTFOUND) return false;
+  changed_ = true;
+  CheckStore(code);
+  return true;
+}
+
+void LmdbBatch::Commit() {
+  MDB_txn* const txn = view_.txn;
+  view_.txn = nullptr;  // the library ends the transaction whatever comes of it
+  if (changed_) store_.watch().BeginCommit(id());
+  int const code = mdb_txn_commit(txn);
+  if (changed_) store_.watch().EndCommit(id(), code == 0);
+  // A write that only found room for a part comes back without the reason.
+  if (code == EIO && IsDiskFull(store_.env())) Throw(LSCOREDB_DISK_FULL);
+  CheckStore(code);
+  store_.NoteGrowth();
+}
+
+// ---- cursors -----------------------------------------------------------------------------------
+
+LmdbCursor::LmdbCursor(LmdbView const& view, Tree tree)
+    : TreeCursor(view.store()), view_(&view), tree_(tree), of_snapshot_(view.frozen()) {
+  CheckStore(mdb_cursor_open(view.txn, view.store().Handle(tree), &cursor_));
+}
+
+LmdbCursor::~LmdbCursor() { mdb_cursor_close(cursor_); }
+
+bool LmdbCursor::Renew(LmdbView const& view, Tree tree) {
+  if (!of_snapshot_ || !view.frozen() || tree != tree_) return false;
+  view_ = &view;
+  given_ = nullptr;
+  CheckStore(mdb_cursor_renew(view.txn, cursor_));
+  return true;
+}
+
+bool LmdbCursor::Move(int operation, KeyValue* entry) {
+  MDB_val k = ValueOf(entry->key);
+  MDB_val v{};
+  given_ = nullptr;
+  int const code = mdb_cursor_get(cursor_, &k, &v, static_cast<MDB_cursor_op>(operation));
+  if (code == MDB_NOTFOUND) return false;
+  CheckStore(code);
+  view_->CheckPlace(BytesOf(k));
+  view_->CheckPlace(BytesOf(v));
+  *entry = {BytesOf(k), BytesOf(v)};
+  given_ = entry->key.data();
+  return true;
+}
+
+bool LmdbCursor::Seek(std::string_view key, KeyValue* entry) {
+  KeyValue found{key, {}};
+  if (!Move(MDB_SET_RANGE, &found)) return false;
+  *entry = found;
+  return true;
+}
+
+bool LmdbCursor::First(KeyValue* entry) { return Move(MDB_FIRST, entry); }
+bool LmdbCursor::Last(KeyValue* entry) { return Move(MDB_LAST, entry); }
+bool LmdbCursor::Next(KeyValue* entry) { return Step(MDB_NEXT, entry); }
+bool LmdbCursor::Previous(KeyValue* entry) { return Step(MDB_PREV, entry); }
+
+// After steps inside a page the library's cursor still stands where the page was entered.
+bool LmdbCursor::Step(int operation, KeyValue* entry) {
+  if (given_ != entry->key.data() && !Move(MDB_SET, entry)) LmdbView::ThrowDamaged();
+  return Move(operation, entry);
+}
+
+// Pages of the file are what entry_page.h describes; see store_header.h for what stands before the
+// slots.
+bool LmdbCursor::EnterPage(KeyValue const& entry, EntryPage* page) {
+  if (!of_snapshot_ || view_->begin() == 0) return false;
+  std::size_t const size = view_->store().page_size();
+  char const* const key = entry.key.data();
+  char const* const begin = key - (reinterpret_cast<std::uintptr_t>(key) - view_->begin()) % size;
+  std::size_t const slots_end = Load<std::uint16_t>(begin + pages::kSlotsEndOffset);
+  if (Load<std::uint16_t>(begin + pages::kKindOffset) != pages::kLeaf ||
+      slots_end < pages::kPageHead || slots_end > size) {
+    return false;
+  }
+  return page->Enter(begin, size, pages::kPageHead, (slots_end - pages::kPageHead) / 2,
+                     static_cast<std::size_t>(key - begin) - pages::kNodeHead);
+}
+
+// ---- the store ---------------------------------------------------------------------------------
+
+LmdbStore::~LmdbStore() {
+  idle_.clear();
+  mdb_env_close(env_);
+}
+
+int LmdbStore::TakeSnapshot(std::unique_ptr<LmdbSnapshot>* out) {
+  {
+    std::lock_guard const lock(idle_mutex_);
+    if (!idle_.empty()) {
+      *out = std::move(idle_.back());
+      idle_.pop_back();
+    }
+  }
+  if (*out != nullptr) return (*out)->Renew();
+  auto snapshot = std::make_unique<LmdbSnapshot>(*this);
+  int code = snapshot->BeginNew();
+  if (code == MDB_READERS_FULL && FreeDeadReaders()) code = snapshot->BeginNew();
+  if (code == 0) *out = std::move(snapshot);
+  return code;
+}
+
+// The store takes the number of the newest state first, and then copies what describes that state
+// from one of two places that commits write to in turn. When two commits get in between, the number
+// and the copy belong to different states, or the copy to both. While the number is still the one
+// that is given out, the first of the two commits is not over, and the copy is whole.
+std::unique_ptr<LmdbSnapshot> LmdbStore::BeginSnapshot() {
+  std::unique_ptr<LmdbSnapshot> snapshot;
+  CheckStore(TakeSnapshot(&snapshot));
+  while (!snapshot->NoteFile()) {
+    std::unique_ptr<LmdbSnapshot> later;
+    int const code = TakeSnapshot(&later);
+    if (code == MDB_READERS_FULL) return BeginBetweenCommits(std::move(snapshot));
+    CheckStore(code);
+    if (later->id() == snapshot->id()) {
+      End(std::move(later));
+      break;
+    }
+    End(std::exchange(snapshot, std::move(later)));
+  }
+  return snapshot;
+}
+
+std::unique_ptr<LmdbSnapshot> LmdbStore::BeginBetweenCommits(
+    std::unique_ptr<LmdbSnapshot> snapshot) {
+  LmdbBatch const pause(*this);
+  snapshot->Reset();
+  CheckStore(snapshot->Renew());
+  snapshot->NoteFile();
+  return snapshot;
+}
+
+std::unique_ptr<Snapshot> LmdbStore::BeginVerified(FaultReport const& report) {
+  auto const report_page = [&](PageFault const& fault) { report(FaultOf(fault)); };
+  CommitId last{0};
+  for (int same = 0; same < kWalkAttempts;) {
+    std::unique_ptr<LmdbSnapshot> snapshot = BeginSnapshot();
+    if (WalkPages(FileOf(env_), mdb_txn_id(snapshot->txn()), PageDepth::kAll, report_page)) {
+      return snapshot;
+    }
+    // Overtaken by a commit, or the head of the file is not what this process knows of it.
+    same = snapshot->id() == last ? same + 1 : 0;
+    last = snapshot->id();
+    End(std::move(snapshot));
+    LmdbBatch const pause(*this);  // until a commit that is under way is over
+  }
+  Throw(LSCOREDB_DAMAGED);
+}
+
+void LmdbStore::Verify() { CheckPages(env_, PageDepth::kAll); }
+
+void LmdbStore::End(std::unique_ptr<Snapshot> snapshot) noexcept {
+  std::unique_ptr<LmdbSnapshot> ended(static_cast<LmdbSnapshot*>(snapshot.release()));
+  ended->Reset();
+  std::lock_guard const lock(idle_mutex_);
+  try {
+    idle_.push_back(std::move(ended));
+  } catch (std::bad_alloc const&) {
+    ended.reset();  // one reader slot less to reuse, nothing lost
+  }
+}
+
+bool LmdbStore::FreeDeadReaders() {
+  int dead = 0;
+  CheckStore(mdb_reader_check(env_, &dead));
+  return dead != 0;
+}
+
+// A file grows when no page can be used again: a reader in a process that is no more may be why.
+void LmdbStore::NoteGrowth() noexcept {
+  MDB_envinfo info{};
+  if (mdb_env_info(env_, &info) != 0) return;
+  if (last_page_.exchange(info.me_last_pgno) >= info.me_last_pgno) return;
+  int dead = 0;
+  mdb_reader_check(env_, &dead);  // what it cannot free today stays for the next time
+}
+
+StoreStatistics LmdbStore::Statistics() const {
+  MDB_envinfo info{};
+  CheckStore(mdb_env_info(env_, &info));
+  Readers readers{0, info.me_last_txnid};
+  if (mdb_reader_list(env_, &NoteReader, &readers) < 0) Throw(LSCOREDB_IO_ERROR);
+  StoreStatistics statistics;
+  statistics.file_size = (info.me_last_pgno + 1) * page_size_;
+  statistics.max_file_size = info.me_mapsize;
+  statistics.last_commit = CommitId{states_before_ + info.me_last_txnid};
+  statistics.oldest_commit = CommitId{states_before_ + readers.oldest};
+  statistics.readers = readers.count;
+  statistics.max_readers = info.me_maxreaders;
+  return statistics;
+}
+
+void LmdbStore::RequireSync() { CheckStore(mdb_env_set_flags(env_, MDB_NOSYNC, 0)); }
+
+}  // namespace lscore

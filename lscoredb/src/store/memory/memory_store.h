@@ -1,0 +1,79 @@
+#ifndef LSCOREDB_SRC_MEMORY_STORE_H
+#define LSCOREDB_SRC_MEMORY_STORE_H
+
+// A small store in the memory of one process, whole trees at a time: each commit makes new ones of
+// those it changed. It keeps the seam honest; it is not meant to be fast. Not part of the library.
+
+#include <array>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "store.h"
+
+namespace lscore {
+
+// The order of keys of a tree.
+struct MemoryOrder {
+  using is_transparent = void;
+  bool numbers = false;
+  bool operator()(std::string_view a, std::string_view b) const;
+};
+
+using MemoryEntries = std::map<std::string, std::string, MemoryOrder>;
+
+// The entries of a tree in one committed state, with the pages in which small ones are handed out.
+class MemoryTree {
+ public:
+  explicit MemoryTree(MemoryEntries entries);
+
+  MemoryEntries const& entries() const { return entries_; }
+  bool EnterPage(KeyValue const& entry, EntryPage* page) const;
+
+ private:
+  struct Page {
+    std::string bytes;
+    std::vector<std::uint16_t> offsets;
+  };
+
+  MemoryEntries entries_;
+  std::map<std::string_view, Page, MemoryOrder> pages_;  // by first key
+};
+
+struct MemoryState {
+  CommitId id{0};
+  std::array<std::shared_ptr<MemoryTree const>, kTreeCount> trees;
+};
+
+class MemoryStore final : public Store {
+ public:
+  explicit MemoryStore(StoreOptions const& options = {});
+
+  std::unique_ptr<Snapshot> Begin() override;
+  void End(std::unique_ptr<Snapshot> snapshot) noexcept override;
+  std::unique_ptr<Batch> BeginBatch() override;
+  std::unique_ptr<Snapshot> BeginVerified(FaultReport const& report) override;
+  void Verify() override {}
+  StoreStatistics Statistics() const override;
+  void RequireSync() override {}
+  bool FreeDeadReaders() override { return false; }
+
+ private:
+  friend class MemoryBatch;
+
+  std::shared_ptr<MemoryState const> Newest() const;
+
+  StoreOptions const options_;
+  std::mutex batch_mutex_;  // held by the open batch
+  mutable std::mutex mutex_;
+  std::shared_ptr<MemoryState const> newest_;
+  std::multiset<CommitId> readers_;
+};
+
+}  // namespace lscore
+
+#endif

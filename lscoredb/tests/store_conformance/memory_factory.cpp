@@ -1,0 +1,14 @@
+// The factory of the kernel's tests over the store in memory: databases in memory lie there.
+
+#include "lmdb_store.h"
+#include "memory_store.h"
+#include "open_store.h"
+
+namespace lscore {
+
+std::unique_ptr<Store> OpenStore(char const* directory, StoreOptions const& options) {
+  if (directory == nullptr) return std::make_unique<MemoryStore>(options);
+  return LmdbStore::Open(directory, options);
+}
+
+}  // namespace lscore

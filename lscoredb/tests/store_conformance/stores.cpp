@@ -1,0 +1,66 @@
+#include "stores.h"
+
+#include <fstream>
+
+#include "lmdb_store.h"
+#include "memory_store.h"
+
+namespace lscore {
+namespace {
+
+// Overwrites all but the head of the file.
+void ScribbleOver(std::string const& directory) {
+  constexpr std::streamoff kHead = 8192;
+  std::fstream file(directory + "/data.mdb", std::ios::in | std::ios::out | std::ios::binary);
+  file.seekg(0, std::ios::end);
+  auto const size = static_cast<std::streamoff>(file.tellg());
+  file.seekp(kHead);
+  std::string const bytes(static_cast<std::size_t>(size - kHead), '\x5A');
+  file.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+}
+
+}  // namespace
+
+std::vector<TestedStore> const& NewStores() {
+  static std::vector<TestedStore> const stores = {
+      {"lmdb", [](StoreOptions const& options) { return LmdbStore::Open(nullptr, options); }},
+      {"memory",
+       [](StoreOptions const& options) { return std::make_unique<MemoryStore>(options); }},
+  };
+  return stores;
+}
+
+std::vector<TestedFile> const& StoresInFiles() {
+  static std::vector<TestedFile> const stores = {
+      {"lmdb",
+       [](char const* directory, StoreOptions const& options) {
+         return LmdbStore::Open(directory, options);
+       },
+       ScribbleOver},
+  };
+  return stores;
+}
+
+Entries AllOf(View const& view, Tree tree) {
+  Entries all;
+  Cursor cursor;
+  cursor.Open(view, tree);
+  for (bool on = cursor.First(); on; on = cursor.Next()) {
+    all.emplace_back(cursor.key(), cursor.value());
+  }
+  cursor.Close();
+  return all;
+}
+
+std::string ValueIn(View const& view, Tree tree, std::string_view key) {
+  std::string_view value;
+  return view.Get(tree, key, &value) ? std::string(value) : "(none)";
+}
+
+void Fill(Store& store, Tree tree, std::map<std::string, std::string> const& entries) {
+  std::unique_ptr<Batch> const batch = store.BeginBatch();
+  for (auto const& [key, value] : entries) batch->Put(tree, key, value);
+  batch->Commit();
+}
+
+}  // namespace lscore

@@ -1,0 +1,89 @@
+// Work on whole databases: the vacuum and the check.
+
+#include <sagleme/check.hpp>
+#include <sagleme/vacuum.hpp>
+
+#include "catalogue.h"
+#include "types.h"
+
+namespace binding {
+namespace {
+
+PyObject* ProgressOf(sagleme::VacuumProgress const& done) {
+  return Py_BuildValue("{sKsKsKsKsKsK}", "moved", done.moved, "removed", done.removed,
+                       "requests_done", done.requests_done, "requests", done.requests, "conflicts",
+                       done.conflicts, "released", done.released);
+}
+
+// Tells Python of a batch. False ends the run, also for an exception, which then stays set.
+bool Report(PyObject* report, sagleme::VacuumProgress const& done) {
+  PyGILState_STATE const state = PyGILState_Ensure();
+  bool go_on = PyErr_CheckSignals() == 0;
+  if (go_on && report != Py_None) {
+    Ref const progress(ProgressOf(done));
+    Ref const answer(progress ? PyObject_CallOneArg(report, progress.get()) : nullptr);
+    go_on = answer && answer.get() != Py_False;
+  }
+  PyGILState_Release(state);
+  return go_on;
+}
+
+PyObject* FindingOf(sagleme::Finding const& finding) {
+  return Py_BuildValue("(s#s#Ks#)", finding.rule.data(),
+                       static_cast<Py_ssize_t>(finding.rule.size()), finding.table.data(),
+                       static_cast<Py_ssize_t>(finding.table.size()),
+                       static_cast<unsigned long long>(finding.object), finding.what.data(),
+                       static_cast<Py_ssize_t>(finding.what.size()));
+}
+
+}  // namespace
+
+PyObject* Vacuum(PyObject*, PyObject* args) {
+  PyObject* context_object = nullptr;
+  unsigned int batch = 0;
+  PyObject* report = nullptr;
+  if (!PyArg_ParseTuple(args, "O!IO", &g_context_type, &context_object, &batch, &report)) {
+    return nullptr;
+  }
+  return Guard([&] {
+    auto* const context = As<Context>(context_object);
+    if (context->handle == nullptr) Raise("ClosedError", "the database is closed");
+    if (context->current != nullptr) {
+      Raise("NestedTransaction", "a transaction is open in this thread; end it before the vacuum");
+    }
+    sagleme::VacuumOptions options;
+    options.batch = batch;
+    options.report = [report](auto const& done) { return Report(report, done); };
+    sagleme::VacuumProgress done;
+    {
+      Working const working(context->database);
+      Unlocked const unlocked;
+      done = sagleme::RunVacuum(*context->handle, options);
+    }
+    if (PyErr_Occurred()) throw PythonError{};
+    return ProgressOf(done);
+  });
+}
+
+PyObject* Check(PyObject*, PyObject* args) {
+  PyObject* path = nullptr;
+  int references = 0;
+  if (!PyArg_ParseTuple(args, "Up", &path, &references)) return nullptr;
+  return Guard([&] {
+    std::vector<sagleme::Finding> findings;
+    std::string const directory = TextOf(path);
+    {
+      Unlocked const unlocked;
+      sagleme::CheckDatabase(directory, {.references = references != 0},
+                             [&](sagleme::Finding const& each) { findings.push_back(each); });
+    }
+    Ref list(Need(PyList_New(0)));
+    for (sagleme::Finding const& each : findings) {
+      Ref const entry(Need(FindingOf(each)));
+      if (PyList_Append(list.get(), entry.get()) != 0) throw PythonError{};
+    }
+    return list.release();
+  });
+}
+
+}  // namespace binding
