@@ -54,7 +54,7 @@ TEST_F(SchemaTest, Apply_WithPlanAlone_ChangesNothing) {
   std::string const before = On("schema").out;
   Json document = Document();
   Table(document, "App.Book")["columns"].push_back({{"name", "Weight"}, {"type", "double"}});
-  EXPECT_EQ("background   add Weight to App.Book\n", Plan(document));
+  EXPECT_EQ("background   add Weight to App.Book\n", Plan(document, 5));
   EXPECT_EQ(before, On("schema").out);
 }
 
@@ -80,7 +80,7 @@ TEST_F(SchemaTest, Apply_RenamesByWas_AndOnlyOnce) {
 TEST_F(SchemaTest, Apply_ANewNameWithoutAWord_IsNoRename) {
   std::string schema = kLibrary;
   schema.replace(schema.find("\"Isbn\""), 6, "\"Number\"");
-  std::string const plan = On("apply", {Write("new.json", schema), "--plan"}).out;
+  std::string const plan = On("apply", {Write("new.json", schema), "--plan"}, 5).out;
   EXPECT_EQ(
       "destructive  drop column Isbn of App.Book with its values\n"
       "background   add Number to App.Book\n",
@@ -167,6 +167,34 @@ TEST_F(SchemaTest, Apply_BadDocuments_AreUsageAndSayWhere) {
   EXPECT_NE(std::string::npos,
             refused(tables(R"({"name": "A", "indexes": [{"name": "I", "columns": ["x"]}]})"))
                 .find("has no column x"));
+}
+
+TEST_F(SchemaTest, Apply_OfAnotherDatabasesDocument_SaysSoBeforeAnythingIsLost) {
+  std::string const other = Path("other");
+  ASSERT_EQ(0, RunTool({"create", other}).status);
+  std::string const file = Write("other.json", RunTool({"schema", other}).out);
+  Result const plan = On("apply", {file, "--plan"}, 5);
+  EXPECT_NE(std::string::npos, plan.err.find("other.json was written by another database"))
+      << plan.err;
+  Result const refused = On("apply", {file}, 4);
+  EXPECT_NE(std::string::npos, refused.err.find("other.json describes another database, and the "
+                                                "plan would lose values or objects"))
+      << refused.err;
+  EXPECT_NE(std::string::npos, refused.err.find("Use --allow-destructive if you mean it."));
+  std::string const own = Write("own.json", On("schema").out);
+  EXPECT_EQ("", On("apply", {own}).err);
+}
+
+TEST_F(SchemaTest, Names_ThatAreTooLong_AreToldInASentence) {
+  std::string const name(5000, 'x');
+  for (Arguments const& arguments : {Arguments{"scan", name}, Arguments{"find", name}}) {
+    Result const result = On(arguments[0], {name}, 4);
+    EXPECT_NE(std::string::npos, result.err.find("A name is too long")) << result.err;
+  }
+  Json document = Document();
+  document["tables"].push_back({{"name", name}});
+  std::string const file = Write("long.json", document.dump());
+  EXPECT_NE(std::string::npos, On("apply", {file}, 4).err.find("A name is too long"));
 }
 
 TEST_F(SchemaTest, Apply_WithoutAFile_IsUsage) { On("apply", {Path("nothing.json")}, 2); }

@@ -41,13 +41,33 @@ TEST_F(VacuumTest, Vacuum_MovesObjectsAndKeepsTheirValues) {
   std::string const before = On("scan", {"Book"}).out;
   EXPECT_EQ(3, Info()["tables to move"]);
   Result const vacuum = On("vacuum", {"--batch", "100"});
-  EXPECT_NE(std::string::npos, vacuum.err.find("moved 250, removed 0, requests worked off 3 of 3"))
+  EXPECT_NE(std::string::npos,
+            vacuum.err.find("moved 250 objects, removed 0 objects, finished 3 of 3 requests"))
       << vacuum.err;
   EXPECT_EQ(before, On("scan", {"Book"}).out);
   EXPECT_EQ(0, Info()["tables to move"]);
   On("check");
   EXPECT_NE(std::string::npos,
-            On("vacuum").err.find("moved 0, removed 0, requests worked off 0 of 0"));
+            On("vacuum").err.find("moved 0 objects, removed 0 objects, finished 0 of 0 requests"));
+}
+
+TEST_F(VacuumTest, Vacuum_CutOffByCtrlC_KeepsWhatIsDoneAndGoesOnTheNextTime) {
+  On("import", {"Book", "-"}, 0, Rows(0, 250));
+  AddColumn("First");
+  std::string const before = On("scan", {"Book"}).out;
+  {
+    Terminal terminal({"vacuum", database(), "--batch", "1", "--pause", "150"});
+    terminal.Until("a second, ");
+    std::string const shown = terminal.Until(" left");
+    EXPECT_NE(std::string::npos, shown.find(" %, ")) << shown;
+    terminal.Type("\x03");
+    terminal.Until("interrupted: what was done is kept; run vacuum again to go on");
+    EXPECT_EQ(1, terminal.Finish().status);
+  }
+  EXPECT_EQ(before, On("scan", {"Book"}).out);
+  EXPECT_EQ(std::string::npos, On("vacuum").err.find("\nmoved 0 objects"));
+  EXPECT_EQ(0, Info()["tables to move"]);
+  EXPECT_EQ(before, On("scan", {"Book"}).out);
 }
 
 TEST_F(VacuumTest, Vacuum_RemovesObjectsOfDroppedTablesAndOfNoOthers) {
@@ -61,7 +81,7 @@ TEST_F(VacuumTest, Vacuum_RemovesObjectsOfDroppedTablesAndOfNoOthers) {
   EXPECT_EQ(1, Info()["tables to clear"]);
   On("check");
   Result const vacuum = On("vacuum", {"--batch", "7"});
-  EXPECT_NE(std::string::npos, vacuum.err.find("removed 30, requests worked off 1 of 1"))
+  EXPECT_NE(std::string::npos, vacuum.err.find("removed 30 objects, finished 1 of 1 request,"))
       << vacuum.err;
   EXPECT_EQ(0, Info()["tables to clear"]);
   EXPECT_GT(objects - 30, Info()["catalogue rows and objects"].get<std::uint64_t>());

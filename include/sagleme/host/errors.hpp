@@ -29,9 +29,50 @@ class Error : public std::runtime_error {
 
 namespace detail {
 
+// What a status of the metadata layer means where the layer wrote no text of its own; null for
+// others.
+inline char const* LayerStatusText(std::uint32_t status) {
+  switch (status) {
+    case 1001:
+      return "An argument is missing or not allowed.";
+    case 1070:
+      return "An iterator was not freed.";
+    case 4197:
+      return "A name is too long to be looked up.";
+    case 4226:
+      return "The type of a column is not known.";
+    case 4230:
+      return "There is no such table.";
+    case 4280:
+      return "The type of a column was dropped.";
+    case 7035:
+      return "The catalogue contradicts itself; sagleme check says where.";
+    case 7043:
+      return "The database has no catalogue yet.";
+    case 15002:
+      return "A column has a type that is not allowed there.";
+    case 15003:
+      return "There is no such table.";
+    case 15007:
+      return "There are more columns than a table or an index can hold.";
+    case 15010:
+      return "The catalogue has a version that this library cannot use.";
+    case 15012:
+      return "Another table refers to the table.";
+    default:
+      return nullptr;
+  }
+}
+
+// A sentence for every status of either library.
+inline char const* StatusText(std::uint32_t status) {
+  char const* const text = LayerStatusText(status);
+  return text == nullptr ? lscoredb_status_text(status) : text;
+}
+
 // A non-zero status of the kernel, which has one sentence for each.
 inline void CheckKernel(std::uint32_t status) {
-  if (status != 0) throw Error(status, lscoredb_status_text(status));
+  if (status != 0) throw Error(status, StatusText(status));
 }
 
 // A non-zero status of the metadata layer. Its text, where the layer wrote one, is taken out of the
@@ -40,7 +81,7 @@ inline void CheckKernel(std::uint32_t status) {
   char16_t const* const buffer = lorv_metalayer_errbuf(context);
   std::string text = buffer == nullptr ? "" : ToUtf8(buffer);
   metalayer::clean_errbuf_by_ctx(context);
-  if (text.empty()) text = lscoredb_status_text(status);
+  if (text.empty()) text = StatusText(status);
   throw Error(status, text);
 }
 

@@ -11,7 +11,7 @@ sagleme::Database& Session::database() {
   } catch (sagleme::Error const& error) {
     bool const missing = !sagleme::Database::ExistsIn(directory_);
     throw Failure(Exit::kCannotOpen, "cannot open " + directory_ + ": " + error.what(),
-                  missing ? "Make one with: sagleme create " + directory_ : "");
+                  missing ? "Create one with: sagleme create " + directory_ : "");
   }
   return *database_;
 }
@@ -36,7 +36,8 @@ void Session::Write(Work const& work) {
 
 void Session::Begin() {
   if (open_)
-    throw Failure(Exit::kRefused, "a transaction is open", "End it with commit or rollback.");
+    throw Failure(Exit::kRefused, "a transaction is already open",
+                  "End it with commit or rollback.");
   open_.emplace(context());
 }
 
@@ -63,8 +64,8 @@ void Session::Rollback() {
 
 void Session::RequireNoTransaction(std::string const& command) const {
   if (!open_) return;
-  throw Failure(Exit::kRefused, command + " works in transactions of its own",
-                "End the open one with commit or rollback.");
+  throw Failure(Exit::kRefused, command + " needs transactions of its own",
+                "End the open one with commit or rollback first.");
 }
 
 }  // namespace tool

@@ -13,28 +13,37 @@ namespace {
 class ApplySchema : public Command {
  public:
   std::string name() const override { return "apply"; }
-  std::string summary() const override { return "Brings the database to the schema in a file"; }
+  std::string summary() const override {
+    return "Change the schema of a database to the one in a file";
+  }
   std::vector<Example> examples() const override {
-    return {{"apply shop shop.json --plan", "shows what would be changed, and changes nothing"},
+    return {{"apply shop shop.json --plan",
+             "shows what would be changed; ends with status 5 if anything would"},
             {"apply shop shop.json", "makes the changes in one transaction"},
-            {"apply shop shop.json --allow-destructive", "also those that lose values or objects"}};
+            {"apply shop shop.json --allow-destructive",
+             "makes changes that lose values or objects too"}};
   }
   void Declare(CLI::App& app) override {
-    app.add_option("FILE", file_, "A schema document; - is the standard input")
+    app.add_option("FILE", file_, "A schema document; - is standard input")
         ->required()
         ->type_name("");
-    app.add_flag("--plan", plan_only_, "Shows the plan and changes nothing");
-    app.add_flag("--allow-destructive", destructive_, "Makes changes that lose values or objects");
+    app.add_flag("--plan", plan_only_,
+                 "Show the plan and change nothing. The status is 5 if there is something to do");
+    app.add_flag("--allow-destructive", destructive_,
+                 "Make changes that lose values or objects too");
   }
   Exit Run(Session& session, Output& output) override;
 
  private:
   Plan MakePlan(sagleme::Transaction& transaction, SchemaDoc const& wanted) const;
+  void NoteStranger(sagleme::Transaction& transaction, SchemaDoc const& wanted,
+                    Output const& output);
   void RefuseDestructive(Plan const& plan) const;
 
   std::string file_;
   bool plan_only_ = false;
   bool destructive_ = false;
+  bool stranger_ = false;  // the document was written by another database
 };
 
 void PrintPlan(Plan const& plan, Output const& output) {
@@ -51,25 +60,45 @@ Plan ApplySchema::MakePlan(sagleme::Transaction& transaction, SchemaDoc const& w
   return Compare(present, whole);
 }
 
+// Where the document comes from another database its ids mean nothing here, and what differs looks
+// like something to drop.
+void ApplySchema::NoteStranger(sagleme::Transaction& transaction, SchemaDoc const& wanted,
+                               Output const& output) {
+  std::int64_t const own = DatabaseIdentity(transaction);
+  stranger_ = wanted.database != 0 && wanted.database != own;
+  if (!stranger_) return;
+  output.Note(
+      fmt::format("{} was written by another database; tables and columns are matched by "
+                  "their names\n",
+                  file_));
+}
+
 void ApplySchema::RefuseDestructive(Plan const& plan) const {
   bool const any = std::any_of(plan.begin(), plan.end(), [](Change const& change) {
     return LabelOf(change) == Label::kDestructive;
   });
   if (!any || destructive_) return;
-  throw Failure(Exit::kRefused, "the plan would lose values or objects, and nothing was changed",
-                "Take --allow-destructive when that is meant.");
+  std::string const what = "the plan would lose values or objects; nothing was changed";
+  throw Failure(Exit::kRefused,
+                stranger_ ? file_ + " describes another database, and " + what : what,
+                "Use --allow-destructive if you mean it.");
 }
 
 Exit ApplySchema::Run(Session& session, Output& output) {
   SchemaDoc const wanted = ParseSchema(ReadFile(file_), file_);
   if (plan_only_) {
+    bool anything = false;
     session.Read([&](sagleme::Transaction& transaction) {
-      PrintPlan(MakePlan(transaction, wanted), output);
+      NoteStranger(transaction, wanted, output);
+      Plan const plan = MakePlan(transaction, wanted);
+      PrintPlan(plan, output);
+      anything = !plan.empty();
     });
-    return Exit::kDone;
+    return anything ? Exit::kSomethingToDo : Exit::kDone;
   }
   session.Write([&](sagleme::Transaction& transaction) {
     AssureDatabaseIdentity(transaction);
+    NoteStranger(transaction, wanted, output);
     Plan const plan = MakePlan(transaction, wanted);
     PrintPlan(plan, output);
     RefuseDestructive(plan);

@@ -5,6 +5,7 @@
 #include "cli/failure.h"
 #include "commands/commands.h"
 #include "output/listing.h"
+#include "output/text.h"
 
 namespace tool {
 namespace {
@@ -13,14 +14,14 @@ class CheckCommand : public Command {
  public:
   std::string name() const override { return "check"; }
   std::string summary() const override {
-    return "Looks for damage in file, catalogue, objects and indexes";
+    return "Look for damage in file, catalogue, objects and indexes";
   }
   std::vector<Example> examples() const override {
-    return {{"check shop", "prints what is wrong, and ends with status 1 when anything is"},
-            {"check shop --references", "also references that lead nowhere"}};
+    return {{"check shop", "lists what is wrong; ends with status 1 if anything is"},
+            {"check shop --references", "looks for references to missing objects too"}};
   }
   void Declare(CLI::App& app) override {
-    app.add_flag("--references", options_.references, "References must lead to an object too");
+    app.add_flag("--references", options_.references, "Look for references to missing objects too");
   }
   bool lists() const override { return true; }
   Exit Run(Session& session, Output& output) override;
@@ -55,11 +56,11 @@ Exit CheckCommand::Run(Session& session, Output& output) {
     CheckCommitted(session, options_, add);
   }
   if (listing.size() == 0) {
-    output.Note("nothing is wrong\n");
+    output.Note("no problems found\n");
     return Exit::kDone;
   }
   listing.Print(output);
-  output.Note(fmt::format("{} problems\n", listing.size()));
+  output.Note(Counted(listing.size(), "problems") + "\n");
   return Exit::kProblem;
 }
 

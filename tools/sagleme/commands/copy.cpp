@@ -10,12 +10,12 @@ namespace {
 class Copy : public Command {
  public:
   std::string name() const override { return "copy"; }
-  std::string summary() const override { return "Copies the database while others write"; }
+  std::string summary() const override { return "Copy the database while others write"; }
   std::vector<Example> examples() const override {
-    return {{"copy shop /backup/shop", "the newest committed state, as a database by itself"}};
+    return {{"copy shop /backup/shop", "the last committed state, as a database of its own"}};
   }
   void Declare(CLI::App& app) override {
-    app.add_option("TARGET", target_, "The copy's directory, which is not there yet")
+    app.add_option("TARGET", target_, "The directory of the copy, which must not exist")
         ->required()
         ->type_name("");
   }
@@ -29,8 +29,8 @@ class Copy : public Command {
 Exit Copy::Run(Session& session, Output& output) {
   session.RequireNoTransaction("copy");
   if (std::filesystem::exists(target_)) {
-    throw Failure(Exit::kRefused, fmt::format("{} is there already", target_),
-                  "Name a directory that is not there yet.");
+    throw Failure(Exit::kRefused, fmt::format("{} already exists", target_),
+                  "Name a directory that does not exist.");
   }
   std::string const growing = target_ + ".copying";
   std::filesystem::remove_all(growing);  // of a copy that was cut off

@@ -9,9 +9,9 @@ namespace {
 class Create : public Command {
  public:
   std::string name() const override { return "create"; }
-  std::string summary() const override { return "Makes a new database"; }
+  std::string summary() const override { return "Create a new database"; }
   std::vector<Example> examples() const override {
-    return {{"create shop", "makes the directory shop with an empty database in it"}};
+    return {{"create shop", "creates the directory shop with an empty database in it"}};
   }
   void Declare(CLI::App&) override {}
   bool at_prompt() const override { return false; }
@@ -42,7 +42,7 @@ Exit Create::Run(Session& session, Output& output) {
     bool const exists = sagleme::Database::ExistsIn(directory) && steps == 0;
     throw Failure(exists ? Exit::kRefused : Exit::kCannotOpen,
                   fmt::format("cannot create {}: {}", directory, error.what()),
-                  exists ? "Name a directory that is not there yet." : "");
+                  exists ? "Name a directory that does not exist." : "");
   }
   output.Note(fmt::format("{}created {}\n", output.err_is_terminal ? "\r\x1b[K" : "", directory));
   return Exit::kDone;

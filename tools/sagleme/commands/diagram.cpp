@@ -8,15 +8,18 @@ namespace {
 class Diagram : public Command {
  public:
   std::string name() const override { return "diagram"; }
-  std::string summary() const override { return "Draws the inheritance tree"; }
+  std::string summary() const override {
+    return "Draw the tables with their inheritance and references";
+  }
   std::vector<Example> examples() const override {
-    return {{"diagram shop --as html --output shop.html", "a page with a tree to search"},
-            {"diagram shop --as svg > shop.svg", "a picture, through Graphviz"}};
+    return {
+        {"diagram shop --as html --output shop.html", "a page with a tree that can be searched"},
+        {"diagram shop --as svg > shop.svg", "a picture, through Graphviz"}};
   }
   void Declare(CLI::App& app) override {
     AddChoice(app, "--as", form_, {"dot", "mermaid", "svg", "html"},
               "The form of the diagram: dot (the default), mermaid, svg or html");
-    app.add_option("--output", file_, "The file to write instead of the standard output")
+    app.add_option("--output", file_, "Write to FILE instead of standard output")
         ->type_name("FILE");
   }
   Exit Run(Session& session, Output& output) override;

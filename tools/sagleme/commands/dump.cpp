@@ -9,7 +9,7 @@ namespace {
 class DumpCommand : public Command {
  public:
   std::string name() const override { return "dump"; }
-  std::string summary() const override { return "Writes the whole database as text"; }
+  std::string summary() const override { return "Write the whole database as text"; }
   std::vector<Example> examples() const override {
     return {{"dump shop > shop.dump", "schema and objects as one transaction sees them"}};
   }
@@ -23,12 +23,12 @@ class DumpCommand : public Command {
 class LoadCommand : public Command {
  public:
   std::string name() const override { return "load"; }
-  std::string summary() const override { return "Makes a new database of a dump"; }
+  std::string summary() const override { return "Restore a dump into a new database"; }
   std::vector<Example> examples() const override {
-    return {{"load copy shop.dump", "makes the directory copy; all objects keep their ids"}};
+    return {{"load copy shop.dump", "creates the directory copy; all objects keep their ids"}};
   }
   void Declare(CLI::App& app) override {
-    app.add_option("FILE", file_, "A dump; - is the standard input")->required()->type_name("");
+    app.add_option("FILE", file_, "A dump; - is standard input")->required()->type_name("");
   }
   bool at_prompt() const override { return false; }
   Exit Run(Session& session, Output& output) override {

@@ -14,19 +14,21 @@ namespace {
 class Export : public Command {
  public:
   std::string name() const override { return "export"; }
-  std::string summary() const override { return "Writes the objects of a table to a file"; }
+  std::string summary() const override {
+    return "Write the objects of a table as CSV or JSON Lines";
+  }
   std::vector<Example> examples() const override {
     return {{"export shop Customer > customers.csv", "customers and objects of derived tables"},
             {"export shop Customer --only --output customers.jsonl",
              "without derived tables, one JSON object a line"}};
   }
   void Declare(CLI::App& app) override {
-    app.add_option("TABLE", table_, "The table; leading parts of the name may be left out")
+    app.add_option("TABLE", table_, "The table; leading parts of its name can be left out")
         ->required()
         ->type_name("");
-    app.add_flag("--only", only_, "Without the objects of derived tables");
-    app.add_flag("--jsonl", json_, "JSON Lines; also what an output file named .jsonl gets");
-    app.add_option("--output", file_, "The file to write instead of the standard output")
+    app.add_flag("--only", only_, "Leave out the objects of derived tables");
+    app.add_flag("--jsonl", json_, "Write JSON Lines, as for an output file named .jsonl");
+    app.add_option("--output", file_, "Write to FILE instead of standard output")
         ->type_name("FILE");
   }
   Exit Run(Session& session, Output& output) override;

@@ -8,6 +8,7 @@
 #include "commands/names.h"
 #include "data/importer.h"
 #include "output/progress.h"
+#include "output/text.h"
 
 namespace tool {
 namespace {
@@ -15,23 +16,22 @@ namespace {
 class Import : public Command {
  public:
   std::string name() const override { return "import"; }
-  std::string summary() const override { return "Makes objects of the rows of a file"; }
+  std::string summary() const override { return "Create objects from the rows of a file"; }
   std::vector<Example> examples() const override {
-    return {{"import shop Customer customers.csv", "all rows, or none when one is bad"},
+    return {{"import shop Customer customers.csv", "all rows, or none if one is bad"},
             {"import shop Order orders.jsonl --reject bad.jsonl",
-             "collects the bad rows in a file and takes the others"}};
+             "collects the bad rows in a file and imports the others"}};
   }
   void Declare(CLI::App& app) override {
-    app.add_option("TABLE", table_, "The table; leading parts of the name may be left out")
+    app.add_option("TABLE", table_, "The table; leading parts of its name can be left out")
         ->required()
         ->type_name("");
-    app.add_option("FILE", file_, "CSV with a heading line, or JSON Lines; - is the standard input")
+    app.add_option("FILE", file_, "CSV with a heading line, or JSON Lines; - is standard input")
         ->required()
         ->type_name("");
-    app.add_flag("--jsonl", json_, "The file is JSON Lines, as one named .jsonl is anyway");
-    app.add_option("--reject", reject_, "Collects bad rows in this file and goes on")
-        ->type_name("FILE");
-    app.add_flag("--keep-ids", keep_ids_, "Objects get the ids that the file gives them");
+    app.add_flag("--jsonl", json_, "Read JSON Lines, as from a file named .jsonl");
+    app.add_option("--reject", reject_, "Collect bad rows in FILE and go on")->type_name("FILE");
+    app.add_flag("--keep-ids", keep_ids_, "Give the objects the ids that stand in the file");
   }
   Exit Run(Session& session, Output& output) override;
 
@@ -67,7 +67,7 @@ void Import::Reject(RowSource const& source, BadRow const& bad, Output const& ou
   std::string const what = fmt::format("{}: {}", Place(bad.place()), bad.what());
   if (reject_.empty()) {
     throw Failure(Exit::kProblem, what,
-                  "Nothing was imported. With --reject FILE bad rows are collected there instead.");
+                  "Nothing was imported. --reject FILE collects bad rows and imports the others.");
   }
   if (rejected_++ == 0) {
     rejects_.open(reject_, std::ios::binary);
@@ -105,7 +105,7 @@ Exit Import::Run(Session& session, Output& output) {
   });
   progress.Finish(taken_);
   if (rejected_ == 0) return Exit::kDone;
-  output.Note(fmt::format("{} rows were rejected and stand in {}\n", rejected_, reject_));
+  output.Note(fmt::format("{} rejected; see {}\n", Counted(rejected_, "rows"), reject_));
   return Exit::kProblem;
 }
 

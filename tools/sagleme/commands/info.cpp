@@ -12,9 +12,9 @@ namespace {
 class Info : public Command {
  public:
   std::string name() const override { return "info"; }
-  std::string summary() const override { return "Shows versions, sizes and counts"; }
+  std::string summary() const override { return "Show versions, sizes and counts"; }
   std::vector<Example> examples() const override {
-    return {{"info shop", "what is in the database and what waits to be tidied"},
+    return {{"info shop", "what is in the database and what vacuum would do"},
             {"info shop --format json", "the same for a program"}};
   }
   void Declare(CLI::App&) override {}

@@ -10,15 +10,16 @@ namespace {
 class Schema : public Command {
  public:
   std::string name() const override { return "schema"; }
-  std::string summary() const override { return "Writes the schema as a JSON document for apply"; }
+  std::string summary() const override { return "Write the schema as a JSON document for apply"; }
   std::vector<Example> examples() const override {
-    return {{"schema shop > shop.json", "the whole schema, to be changed and applied"},
-            {"schema shop Customer", "one table and its descendants"},
-            {"schema shop --portable", "without identities, to be applied to another database"}};
+    return {{"schema shop > shop.json", "the whole schema, to be edited and applied"},
+            {"schema shop Customer", "one table and the tables derived from it"},
+            {"schema shop --portable", "without ids, to be applied to another database"}};
   }
   void Declare(CLI::App& app) override {
-    app.add_option("TABLE", table_, "Only this table and its descendants")->type_name("");
-    app.add_flag("--portable", portable_, "Without identities, which only this database knows");
+    app.add_option("TABLE", table_, "Write this table and the tables derived from it only")
+        ->type_name("");
+    app.add_flag("--portable", portable_, "Leave out the ids, which only this database knows");
   }
   Exit Run(Session& session, Output& output) override;
 

@@ -1,9 +1,13 @@
 #include <fmt/format.h>
 
 #include <sagleme/vacuum.hpp>
+#include <set>
 
+#include "cli/interrupt.h"
 #include "commands/commands.h"
+#include "commands/counts.h"
 #include "output/progress.h"
+#include "output/text.h"
 
 namespace tool {
 namespace {
@@ -12,11 +16,18 @@ class VacuumCommand : public Command {
  public:
   std::string name() const override { return "vacuum"; }
   std::string summary() const override {
-    return "Moves objects to their table's current layout and removes those of dropped tables";
+    return "Move objects to the current layouts and remove those of dropped tables";
   }
   std::vector<Example> examples() const override {
-    return {{"vacuum shop", "works everything off, beside other writers if need be"},
-            {"vacuum shop --batch 100 --pause 50", "in small steps with rests between"}};
+    return {
+        {"vacuum shop", "does everything that is left to do, beside other writers"},
+        {"vacuum shop --batch 100 --pause 50", "in small transactions with pauses between them"}};
+  }
+  std::string details() const override {
+    return "Every batch is a transaction of its own. A vacuum that is cut off, by Ctrl-C, a kill "
+           "or "
+           "a power failure, keeps the batches that are done, and the next one goes on from there. "
+           "Nothing is lost, and readers never see the difference.";
   }
   void Declare(CLI::App& app) override {
     AddCount(app, "--batch", batch_, "Work on COUNT objects in a transaction. 1000 by default");
@@ -30,9 +41,23 @@ class VacuumCommand : public Command {
   std::uint64_t pause_ = 0;
 };
 
+// Objects under layouts that no table has any longer.
+std::uint64_t ToDo(Session& session) {
+  std::uint64_t count = 0;
+  session.Read([&](sagleme::Transaction& transaction) {
+    std::set<std::uint16_t> current;
+    for (sagleme::TablePtr const& table : transaction.Tables(true)) current.insert(table->layout);
+    for (auto const& layout : LayoutStatistics(transaction)) {
+      if (!current.contains(layout.layout)) count += layout.objects;
+    }
+  });
+  return count;
+}
+
 Exit VacuumCommand::Run(Session& session, Output& output) {
   session.RequireNoTransaction("vacuum");
-  Progress progress(output, "objects", 0);
+  InterruptGuard const guard;
+  Progress progress(output, "objects", ToDo(session));
   sagleme::VacuumOptions options;
   if (batch_ == 0 || batch_ > UINT32_MAX) {
     throw Failure(
@@ -42,15 +67,19 @@ Exit VacuumCommand::Run(Session& session, Output& output) {
   options.batch = static_cast<std::uint32_t>(batch_);
   options.pause = std::chrono::milliseconds(pause_);
   options.report = [&](sagleme::VacuumProgress const& so_far) {
-    progress.Update(0, so_far.moved + so_far.removed);
+    if (InterruptPending()) return false;
+    progress.Update(so_far.moved + so_far.removed, so_far.moved + so_far.removed);
     return true;
   };
   auto const done = sagleme::RunVacuum(session.context(), options);
   progress.Finish(done.moved + done.removed);
-  output.Note(
-      fmt::format("moved {}, removed {}, requests worked off {} of {}, layouts released {}\n",
-                  done.moved, done.removed, done.requests_done, done.requests, done.released));
-  return Exit::kDone;
+  output.Note(fmt::format("moved {}, removed {}, finished {} of {}, released {}\n",
+                          Counted(done.moved, "objects"), Counted(done.removed, "objects"),
+                          done.requests_done, Counted(done.requests, "requests"),
+                          Counted(done.released, "layouts")));
+  if (!TakeInterrupt()) return Exit::kDone;
+  output.Note("interrupted: what was done is kept; run vacuum again to go on\n");
+  return Exit::kProblem;
 }
 
 }  // namespace
