@@ -8,6 +8,7 @@ constexpr char const* kHead = R"html(<!DOCTYPE html>
 <html lang="en">
 <head>
 <meta charset="utf-8">
+<meta name="viewport" content="width=device-width, initial-scale=1">
 <title>Schema</title>
 <style>
 body { margin: 0; font: 15px/1.4 sans-serif; color: #1d2733; display: flex; height: 100vh; }
@@ -25,6 +26,12 @@ table { border-collapse: collapse; margin: .6em 0 1.2em; }
 th, td { border: 1px solid #c8d2dc; padding: .2em .6em; text-align: left; }
 th { background: #eef3f8; }
 .inherited { color: #66717d; }
+@media (max-width: 45em) {
+  body { display: block; height: auto; }
+  nav { width: auto; max-height: 45vh; border-right: 0; border-bottom: 1px solid #c8d2dc; }
+  main { padding: 1em; }
+  h1 { font-size: 1.3em; overflow-wrap: anywhere; }
+}
 </style>
 </head>
 <body>
@@ -51,7 +58,7 @@ function element(kind, text, parent) {
 function addSubtree(table, list) {
   const item = element('li', undefined, list);
   const button = element('button', table.name, item);
-  button.addEventListener('click', () => choose(table.name));
+  button.addEventListener('click', () => go(table.name));
   items.set(table.name, {item, button});
   const children = tables.filter(each => each.base === table.name);
   if (children.length === 0) return;
@@ -70,12 +77,26 @@ function row(list, cells, kind) {
   cells.forEach(cell => {
     const field = element(kind || 'td', undefined, made);
     if (byName.has(cell) && kind !== 'th') {
-      element('button', cell, field).addEventListener('click', () => choose(cell));
+      element('button', cell, field).addEventListener('click', () => go(cell));
     } else {
       field.textContent = cell;
     }
   });
   return made;
+}
+
+// The table stands in the page's address, so that a link leads to it and "back" goes back.
+function go(name) {
+  location.hash = encodeURIComponent(name);
+}
+
+function show() {
+  const name = decodeURIComponent(location.hash.slice(1));
+  if (byName.has(name)) choose(name);
+}
+
+function takesNull(column) {
+  return column.nullable || column.target || ['string', 'binary'].includes(column.type);
 }
 
 function choose(name) {
@@ -84,9 +105,10 @@ function choose(name) {
   main.replaceChildren();
   element('h1', name, main);
   const columns = element('table', undefined, main);
-  row(columns, ['column', 'type', 'from'], 'th');
+  row(columns, ['column', 'type', 'null', 'from'], 'th');
   line(table).forEach(from => (from.columns || []).forEach(column => {
-    const made = row(columns, [column.name, column.target || column.type, from.name]);
+    const made = row(columns, [column.name, column.target || column.type,
+      takesNull(column) ? 'allowed' : 'never', from.name]);
     if (from !== table) made.className = 'inherited';
   }));
   const indexes = line(table).flatMap(from => from.indexes || []);
@@ -97,6 +119,7 @@ function choose(name) {
       index.columns.map(each => each.name ? each.name + ' descending' : each).join(', ')]));
   }
   items.forEach(({button}, each) => button.classList.toggle('chosen', each === name));
+  if (matchMedia('(max-width: 45em)').matches) main.scrollIntoView();
 }
 
 function search(text) {
@@ -111,6 +134,8 @@ function search(text) {
 tables.filter(table => !byName.has(table.base))
   .forEach(table => addSubtree(table, document.getElementById('tree')));
 document.getElementById('search').addEventListener('input', event => search(event.target.value));
+addEventListener('hashchange', show);
+show();
 </script>
 </body>
 </html>

@@ -27,8 +27,22 @@ TEST_F(ToolTest, DiagramAsHtml_ShowsTheTreeFindsAndOpensATable) {
   EXPECT_TRUE(Shows(shown, "<li><button class=\"chosen\">App.Book</button>")) << shown;
   EXPECT_TRUE(Shows(shown, "<li class=\"hidden\"><button>App.Film</button>")) << shown;
   EXPECT_TRUE(Shows(shown, "<h1>App.Book</h1>")) << shown;
-  EXPECT_TRUE(Shows(shown, "<td>Isbn</td><td>ulong</td><td><button>App.Book</button></td>"))
+  EXPECT_TRUE(
+      Shows(shown, "<td>Isbn</td><td>ulong</td><td>never</td><td><button>App.Book</button></td>"))
       << shown;
+}
+
+TEST_F(ToolTest, DiagramAsHtml_OpensTheTableThatALinkNamesAndFitsAPhone) {
+  Create();
+  Apply(kLibrary);
+  std::string const file = Write("page.html", On("diagram", {"--as", "html"}).out);
+  std::string const browser = "chromium --headless --no-sandbox --disable-gpu --user-data-dir='" +
+                              Path("profile") + "' --virtual-time-budget=2000 ";
+  std::string const shown =
+      OutputOf(browser + "--dump-dom 'file://" + file + "#App.Item' 2>/dev/null");
+  EXPECT_TRUE(Shows(shown, "<h1>App.Item</h1>")) << shown;
+  EXPECT_TRUE(Shows(shown, "<td>Pages</td><td>long</td><td>allowed</td>")) << shown;
+  EXPECT_TRUE(Shows(shown, "content=\"width=device-width, initial-scale=1\"")) << shown;
 }
 
 }  // namespace
