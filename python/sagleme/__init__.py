@@ -15,7 +15,7 @@ instant     create table Planet (name: str | None, moons: int)
 >>> db.close()
 """
 
-from .database import Database, Transaction, open
+from .database import Database, Savepoint, Transaction, open
 from .errors import (
     BadValue,
     ClosedError,
@@ -50,7 +50,7 @@ __all__ = [
     "Back", "BadValue", "ClosedError", "Column", "Condition", "Conflict", "Damaged", "Database",
     "DeletedError", "DuplicateKey", "EndedError", "Error", "Float32", "ForkedError", "Full",
     "InUse", "Index", "Key", "ModelError", "NestedTransaction", "NotFound", "OpenError",
-    "PickleError", "Plan", "Query", "ReadOnly", "Rows", "SchemaError", "SeveralFound", "Step",
+    "PickleError", "Plan", "Query", "ReadOnly", "Rows", "Savepoint", "SchemaError", "SeveralFound", "Step",
     "Table", "Transaction", "ULong", "WrongTransaction", "WrongType", "avg", "column", "count",
     "max", "min", "open", "ref", "sum",
 ]

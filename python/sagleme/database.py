@@ -65,6 +65,37 @@ class Finding(NamedTuple):
     what: str
 
 
+class Savepoint:
+    """A state of a transaction to come back to: ``with tx.savepoint():``.
+
+    An exception that leaves the block takes back what was written in it, and goes on. `rollback`
+    does so at once; the savepoint stays and can be rolled back to again.
+    """
+
+    def __init__(self, tx: Transaction) -> None:
+        self._tx = tx
+        self._number, self._ours = tx._savepoint()
+
+    def rollback(self) -> None:
+        """Takes back everything that was written since. Objects made since are no more."""
+        self._tx._rollback_to(self._number, self._ours)
+
+    def release(self) -> None:
+        """Ends the savepoint and those set later; what was written stays."""
+        self._tx._release(self._number)
+
+    def __enter__(self) -> Savepoint:
+        return self
+
+    def __exit__(self, kind: type[BaseException] | None, value: BaseException | None,
+                 trace: TracebackType | None) -> None:
+        if not self._tx.open:
+            return
+        if kind is not None:
+            self.rollback()
+        self.release()
+
+
 class Transaction(_core.Transaction):
     """A view of the database as it was at its begin, and what is written on it.
 
@@ -100,6 +131,10 @@ class Transaction(_core.Transaction):
         from . import bulk
 
         return bulk.insert_many(self, _need_class(cls), rows, progress)
+
+    def savepoint(self) -> Savepoint:
+        """Sets a savepoint; savepoints nest."""
+        return Savepoint(self)
 
     def _indexes_of(self, cls: Any) -> list[_IndexInfo]:
         return self._snapshot.indexes.get(cls, [])

@@ -132,6 +132,8 @@ _FAMILIES: dict[int, type[Error]] = {
     9003: ReadOnly,
     9008: WrongType,
     9010: BadValue,
+    9012: EndedError,
+    9013: EndedError,
     9020: Conflict,
     9021: DuplicateKey,
     9023: BadValue,

@@ -149,6 +149,45 @@ PyObject* Delete(PyObject* object, PyObject* argument) {
   });
 }
 
+// savepoint() -> (the kernel's number, ours)
+PyObject* SetSavepoint(PyObject* object, PyObject*) {
+  return Guard([&] {
+    auto* const self = As<Transaction>(object);
+    NeedOpen(self);
+    std::uint64_t number = 0;
+    sagleme::detail::CheckKernel(lscoredb_savepoint(self->context_id, &number));
+    return Py_BuildValue("(KK)", static_cast<unsigned long long>(number),
+                         static_cast<unsigned long long>(++self->savepoints));
+  });
+}
+
+// What was read since is stale, and what was made since is no more.
+PyObject* RollbackTo(PyObject* object, PyObject* args) {
+  unsigned long long number = 0;
+  unsigned long long ours = 0;
+  if (!PyArg_ParseTuple(args, "KK", &number, &ours)) return nullptr;
+  return Guard([&]() -> PyObject* {
+    auto* const self = As<Transaction>(object);
+    NeedOpen(self);
+    sagleme::detail::CheckKernel(lscoredb_rollback_to(self->context_id, number));
+    ++self->stamp;
+    ForgetObjectsSince(self, ours);
+    self->kernel->Forget();
+    Py_RETURN_NONE;
+  });
+}
+
+PyObject* Release(PyObject* object, PyObject* number) {
+  return Guard([&]() -> PyObject* {
+    auto* const self = As<Transaction>(object);
+    NeedOpen(self);
+    unsigned long long const savepoint = PyLong_AsUnsignedLongLong(number);
+    if (PyErr_Occurred()) throw PythonError{};
+    sagleme::detail::CheckKernel(lscoredb_release(self->context_id, savepoint));
+    Py_RETURN_NONE;
+  });
+}
+
 Field* FieldNamed(Binding const& binding, PyObject* name) {
   PyObject* const found = _PyType_Lookup(binding.type, name);
   if (found == nullptr || !IsField(found)) {
@@ -221,6 +260,9 @@ PyMethodDef g_methods[] = {
     {"rollback", Rollback, METH_NOARGS, "Forgets what was written."},
     {"_bind", Bind, METH_O, "Takes the view of the schema."},
     {"_touch", Touch, METH_NOARGS, "What was read before may be stale."},
+    {"_savepoint", SetSavepoint, METH_NOARGS, nullptr},
+    {"_rollback_to", RollbackTo, METH_VARARGS, nullptr},
+    {"_release", Release, METH_O, nullptr},
     {"_get", Get, METH_O, "An object by its identity, or None."},
     {"delete", Delete, METH_O, "Deletes an object."},
     {"new", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(New)),
