@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 import itertools
-from collections.abc import Callable, Iterable
+from collections.abc import Callable, Iterable, Sized
 from typing import Any
 
 from . import _core, models
@@ -143,7 +143,7 @@ def _whole(value: float) -> Any:
 
 
 def _insert_rows(tx: Any, cls: Any, rows: Iterable[Any], progress: bool) -> int:
-    total = len(rows) if hasattr(rows, "__len__") else None
+    total = len(rows) if isinstance(rows, Sized) else None
     iterator = iter(rows)
     first = next(iterator, None)
     if first is None:

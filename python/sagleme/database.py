@@ -10,7 +10,8 @@ from collections.abc import Callable, Iterable
 from types import TracebackType
 from typing import Any, NamedTuple, TypeVar
 
-from . import _core, models, schema
+from . import _core, models
+from . import schema as schemas
 from .errors import ClosedError, Conflict, SchemaError, WrongType
 from .queries import Query
 
@@ -35,13 +36,13 @@ class _IndexInfo:
 class _Snapshot:
     """What a state of the schema means for Python: classes, indexes, and the extension's view."""
 
-    def __init__(self, maker: schema.ClassMaker, entries: list[dict[str, Any]]) -> None:
+    def __init__(self, maker: schemas.ClassMaker, entries: list[dict[str, Any]]) -> None:
         self.tables = {each["name"]: each for each in entries}
         self.classes = maker.classes(self.tables)
-        self.view = schema.bind(self.classes, self.tables)
+        self.view = schemas.bind(self.classes, self.tables)
         self.indexes: dict[Any, list[_IndexInfo]] = {}
         for name, cls in self.classes.items():
-            if name in self.tables and not schema.misfit_of(cls, self.tables):
+            if name in self.tables and not schemas.misfit_of(cls, self.tables):
                 self.indexes[cls] = self._indexes_of(cls)
 
     def _indexes_of(self, cls: Any) -> list[_IndexInfo]:
@@ -174,7 +175,7 @@ class Database:
 
     def __init__(self, handle: Any, classes: list[Any], path: str | None) -> None:
         self._handle, self._models, self.path = handle, classes, path
-        self._maker = schema.ClassMaker(classes)
+        self._maker = schemas.ClassMaker(classes)
         self._local = threading.local()
         self._lock = threading.Lock()
         self._snapshots: dict[int, _Snapshot] = {}
@@ -196,13 +197,14 @@ class Database:
         """
         if work is None:
             return functools.partial(self.transact, retries=retries)
+        body = work
 
         @functools.wraps(work)
         def run(*args: Any, **kwargs: Any) -> Any:
             for attempt in range(retries + 1):
                 try:
                     with self.write() as tx:
-                        return work(tx, *args, **kwargs)
+                        return body(tx, *args, **kwargs)
                 except Conflict:
                     if attempt == retries:
                         raise
@@ -232,22 +234,22 @@ class Database:
                     self._snapshots[generation] = found
         return found
 
-    def plan(self) -> schema.Plan:
+    def plan(self) -> schemas.Plan:
         """What leads from the database's schema to the models: print it."""
-        return schema.visible(schema.make_plan(self._models, self._seen().tables.values()))
+        return schemas.visible(schemas.make_plan(self._models, self._seen().tables.values()))
 
-    def apply(self, *, allow: Iterable[str] = ("instant", "background")) -> schema.Plan:
+    def apply(self, *, allow: Iterable[str] = ("instant", "background")) -> schemas.Plan:
         """Makes the steps of the plan, all or none, when their labels are allowed."""
         allowed = set(allow)
-        unknown = allowed - set(schema.LABELS[:3])
+        unknown = allowed - set(schemas.LABELS[:3])
         if unknown:
-            raise WrongType(f"allow takes {', '.join(schema.LABELS[:3])}, not {sorted(unknown)}")
+            raise WrongType(f"allow takes {', '.join(schemas.LABELS[:3])}, not {sorted(unknown)}")
         with self.write() as tx:
-            plan = schema.make_plan(self._models, tx._snapshot.tables.values())
-            _refuse(schema.visible(plan), allowed)
+            plan = schemas.make_plan(self._models, tx._snapshot.tables.values())
+            _refuse(schemas.visible(plan), allowed)
             for step in plan:
                 step.run(tx)
-        return schema.visible(plan)
+        return schemas.visible(plan)
 
     @property
     def classes(self) -> dict[str, Any]:
@@ -312,13 +314,13 @@ class Database:
 
     def schema(self) -> list[dict[str, Any]]:
         """All tables with their columns and indexes, as plain dictionaries."""
-        return [schema.described(table) for _, table in sorted(self._seen().tables.items())]
+        return [schemas.described(table) for _, table in sorted(self._seen().tables.items())]
 
-    def describe(self, cls: Any = None) -> schema.Description:
+    def describe(self, cls: Any = None) -> schemas.Description:
         """Tables as classes would declare them, in a text and in HTML."""
         seen = self._seen()
         names = sorted(seen.tables) if cls is None else [_need_class(cls)._table_name]
-        return schema.Description([seen.tables[name] for name in names if name in seen.tables])
+        return schemas.Description([seen.tables[name] for name in names if name in seen.tables])
 
     # ---- life
 
@@ -349,7 +351,7 @@ class Database:
         return f"<database {where}{', closed' if self.closed else ''}>"
 
 
-def _refuse(plan: schema.Plan, allowed: set[str]) -> None:
+def _refuse(plan: schemas.Plan, allowed: set[str]) -> None:
     refused = [step for step in plan if step.label == "refused"]
     if refused:
         raise SchemaError("\n".join(step.text for step in refused))

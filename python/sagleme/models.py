@@ -118,10 +118,14 @@ class Column(Expression, _core.Field):
     def _target_class(self) -> type[Table] | None:
         if isinstance(self._target, str):
             self._target = _find_class(self._target, self._table)
-        return self._target  # type: ignore[no-any-return]
+        return self._target
 
     def __repr__(self) -> str:
         return f"{self._owner}.{self._name}"
+
+    if typing.TYPE_CHECKING:
+        # Through a reference: Item.lender.name.
+        def __getattr__(self, name: str) -> Any: ...
 
 
 class ReferenceColumn(Column):
@@ -251,7 +255,7 @@ class _Annotation:
             self.target = inner
             return REFERENCE
         if typing.get_origin(inner) is Annotated:
-            marks = [each for each in inner.__metadata__ if isinstance(each, _Kind)]
+            marks = [each for each in typing.get_args(inner)[1:] if isinstance(each, _Kind)]
             return marks[0].kind if marks else self._kind_of(typing.get_args(inner)[0])
         return _KINDS.get(inner, 0) if isinstance(inner, type) else 0
 
@@ -347,8 +351,8 @@ class TableMeta(type):
             )
         tables = [base for base in bases if isinstance(base, TableMeta)]
         if len(tables) > 1:
-            names = " and ".join(base.__name__ for base in tables)
-            raise ModelError(f"{class_name} derives from {names}; a table has one base")
+            both = " and ".join(base.__name__ for base in tables)
+            raise ModelError(f"{class_name} derives from {both}; a table has one base")
         backs: list[Back[Any, Any]] = []
         if made_specs is None:
             names = _names_for(class_name, ns)
@@ -356,7 +360,7 @@ class TableMeta(type):
         ns.setdefault("__slots__", ())
         if ns["__slots__"]:
             raise ModelError(f"{class_name}: objects of a table have columns and no __slots__")
-        cls = super().__new__(mcs, class_name, bases, ns)
+        cls: Any = super().__new__(mcs, class_name, bases, ns)
         cls._define(tables[0] if tables else None, made_specs, options)
         for back in backs:
             back._owner = cls

@@ -287,7 +287,7 @@ class Query(Generic[T]):
     def _sorted(self, access: _Access) -> Iterator[Any]:
         """Sorts by keys and identities; objects are made of those alone that are delivered."""
         keys = [order.path for order in self._orders]
-        values = [()] if self._outputs is None else self._outputs
+        values: list[tuple[Any, ...]] = [()] if self._outputs is None else self._outputs
         rows = list(self._scan(access, keys + values, None, 0))
         for place in reversed(range(len(keys))):
             key = _sort_key(place, keys[place][-1]._kind == models.STRING)
@@ -308,7 +308,7 @@ class Query(Generic[T]):
 
     def count(self) -> int:
         """How many objects there are."""
-        return self._scan(self._access(), None, self._limit, self._offset).count()  # type: ignore
+        return self._scan(self._access(), None, self._limit, self._offset).count()
 
     def exists(self) -> bool:
         """Whether there is any."""

@@ -366,7 +366,7 @@ def bind(found: dict[str, Any], tables: dict[str, Any]) -> Any:
                 column._target = found.get(column._target) or column._target_class()
         misfit = misfit_of(cls, tables)
         columns = []
-        if not misfit:
+        if table is not None and not misfit:
             ordinals = {each["name"]: each["ordinal"] for each in table["columns"]}
             columns = [(each, ordinals[each._column], each._kind, each._target_class(),
                         each._default) for each in cls._columns.values()]
