@@ -265,9 +265,15 @@ SAGLEME_API uint32_t lorv_clrmetadata_clean(uint64_t context);
 
 /* ---- objects: handles ------------------------------------------------------------------------ */
 
-/* A handle is asked for by name once and used for any number of objects, in any context and thread.
- * The library owns it; it is valid until a refresh finds its table or column gone. After a schema
- * change it is stale until the next refresh. Names are full names. 15003: no such table. */
+/* A handle is asked for by name once and used for any number of objects, in any context of its
+ * database and any thread. The library owns it; it is valid until a refresh finds its table or
+ * column gone, and no longer than its database is open. After a schema change it is stale until the
+ * next refresh. Names are full names. 15003: no such table.
+ *
+ * A handle of another database than the context's gives LORV_STATUS_FOREIGN_DATABASE, with a text,
+ * in lorv_crud_CreateObject, lorv_crud_CreateObjectWithId and lorv_crud_ReadRefAndType. The
+ * frameless functions do not look: with a foreign handle they read and write whatever column of the
+ * object has the handle's place. */
 
 /* The number that stays with a table for its life. */
 SAGLEME_API uint32_t lorv_crud_GetTypeId(uint64_t context, char16_t const* name,

@@ -42,11 +42,13 @@ Value& Attach(decltype(lscoredb_attach) attach, unsigned long context,
 // The states as the kernel keeps them.
 class KernelStates {
  public:
-  // That of all contexts which no kernel keeps a state for. Never destroyed: functions may be
-  // called until the very end of the process.
-  static SharedState const& OfProcess() {
-    static auto const* const state = new SharedState(new DatabaseState(true));
-    return *state;
+  // That of a context which the kernel keeps no state for. Where it keeps any, a context that is
+  // not open has no part in those of databases; a thread in no context sees what is exported.
+  // Never destroyed: functions may be called until the very end of the process.
+  static SharedState const& OfProcess(unsigned long context) {
+    static auto const* const exported = new SharedState(new DatabaseState(true));
+    static auto const* const not_open = new SharedState(new DatabaseState(false));
+    return context != 0 && KernelKeepsStates() ? *not_open : *exported;
   }
 
   // One at a time, so that only a state that is kept claims what is exported.
@@ -81,12 +83,12 @@ ContextState* ContextState::Find(unsigned long context) {
 
 std::shared_ptr<DatabaseState> DatabaseState::Share(unsigned long context) {
   ContextState* const state = ContextState::Find(context);
-  return state == nullptr ? KernelStates::OfProcess() : state->database;
+  return state == nullptr ? KernelStates::OfProcess(context) : state->database;
 }
 
 DatabaseState& DatabaseState::Of(unsigned long context) {
   ContextState* const state = ContextState::Find(context);
-  return state == nullptr ? *KernelStates::OfProcess() : *state->database;
+  return state == nullptr ? *KernelStates::OfProcess(context) : *state->database;
 }
 
 DatabaseState& DatabaseState::Current() { return Of(*TlsMetalayerContext::Current()); }

@@ -134,7 +134,7 @@ TEST_F(CatalogueCallsTest, Subtree_IsScannedBetweenTheBoundsOfItsSpecifier) {
                 context(), MotherOfAllLayouts::index_id_MotherOfAllLayouts_SetspecIndex(), 0x70}),
             scan.numbers);
   EXPECT_LT(scan.keys.at(0), scan.keys.at(1));
-  EXPECT_EQ(g_schema_generation.oid, objects.current.oid);
+  EXPECT_EQ(SchemaGeneration().oid, objects.current.oid);
 }
 
 TEST_F(CatalogueCallsTest, Insert_WritesTheSpecifierAndThenTheColumnsInOrder) {

@@ -48,9 +48,9 @@ TEST_F(StartUpTest, FillsTheClasses) {
 TEST_F(StartUpTest, FindsRootViewAndGeneration) {
   InFreshProcess([](Database& database) {
     ASSERT_EQ(0u, lorv_init_metalayer(database.context()));
-    EXPECT_EQ(TableRow(u"Lorvenstack.Internal.Metadata.MotherOfAllLayouts").oid, g_mom_rv.oid);
+    EXPECT_EQ(TableRow(u"Lorvenstack.Internal.Metadata.MotherOfAllLayouts").oid, MomRawView().oid);
     EXPECT_EQ(MotherOfAllLayouts::metaclass_layout_handle(), GetRootLayoutHandle());
-    EXPECT_EQ(UserSchemaGeneration::metaclass_layout_handle(), LayoutOf(g_schema_generation));
+    EXPECT_EQ(UserSchemaGeneration::metaclass_layout_handle(), LayoutOf(SchemaGeneration()));
   });
 }
 
@@ -80,26 +80,26 @@ TEST_F(StartUpTest, AnotherDatabase_IsStartedUpByItself) {
 TEST_F(StartUpTest, AfterSetUninitialized_RunsAgainInFull) {
   InFreshProcess([](Database& database) {
     ASSERT_EQ(0u, lorv_init_metalayer(database.context()));
-    LS_OBJ_REF const generation = g_schema_generation;
+    LS_OBJ_REF const generation = SchemaGeneration();
     SetMetalayerUninitialized();
     EXPECT_FALSE(IsMetalayerInitialized());
-    EXPECT_EQ(0u, g_schema_generation.oid);
+    EXPECT_EQ(0u, SchemaGeneration().oid);
     EXPECT_EQ(u"b~~~", RawView::setspec());
-    g_mom_rv = db_util::null_obj_ref;
+    MomRawView() = db_util::null_obj_ref;
     EXPECT_EQ(0u, lorv_init_metalayer(database.context()));
-    EXPECT_EQ(generation.oid, g_schema_generation.oid);
-    EXPECT_NE(0u, g_mom_rv.oid);
+    EXPECT_EQ(generation.oid, SchemaGeneration().oid);
+    EXPECT_NE(0u, MomRawView().oid);
   });
 }
 
 TEST_F(StartUpTest, AfterAFailureThatFoundTheGeneration_CanBeRepeated) {
   InFreshProcess([](Database& database) {
     ASSERT_EQ(0u, lorv_init_metalayer(database.context()));
-    LS_OBJ_REF const generation = g_schema_generation;
+    LS_OBJ_REF const generation = SchemaGeneration();
     SetMetalayerUninitialized();
-    g_schema_generation = generation;
+    SchemaGeneration() = generation;
     EXPECT_EQ(0u, lorv_init_metalayer(database.context()));
-    EXPECT_EQ(generation.oid, g_schema_generation.oid);
+    EXPECT_EQ(generation.oid, SchemaGeneration().oid);
   });
 }
 
@@ -110,7 +110,7 @@ TEST_F(StartUpTest, FailedCall_LeavesTheLayerUninitializedUntilItIsRepeated) {
     SetMetalayerUninitialized();
     EXPECT_EQ(15010u, lorv_init_metalayer(database.context()));
     EXPECT_FALSE(IsMetalayerInitialized());
-    EXPECT_EQ(0u, g_schema_generation.oid);
+    EXPECT_EQ(0u, SchemaGeneration().oid);
     SetVersion(9);
     EXPECT_EQ(0u, lorv_init_metalayer(database.context()));
     EXPECT_TRUE(IsMetalayerInitialized());
@@ -188,7 +188,7 @@ TEST_F(Generation, AssuredTwice_StaysOneRow) {
   InitializeGenerationIfDoesntExist();
   db_util::db_iter_with_keys rows;
   RangeGlobalSetspecIndex(UserSchemaGeneration::setspec().c_str(), &rows);
-  EXPECT_EQ(g_schema_generation.oid, rows.current.oid);
+  EXPECT_EQ(SchemaGeneration().oid, rows.current.oid);
   EXPECT_FALSE(rows.next());
 }
 

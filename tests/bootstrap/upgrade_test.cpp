@@ -85,7 +85,7 @@ TEST_F(Upgrade, UniqueSpecifierIndex_IsReplacedByOneThatIsNot) {
   EXPECT_EQ(kYields, outcome.yields);
   // Dropping an index is a change of the schema.
   EXPECT_EQ(1u, Generation());
-  Change([] { PutULong(g_schema_generation, UserSchemaGeneration::kGeneration, 0); });
+  Change([] { PutULong(SchemaGeneration(), UserSchemaGeneration::kGeneration, 0); });
   ExpectCurrent();
 }
 
@@ -108,7 +108,7 @@ TEST_F(Upgrade, UniqueSpecifierIndexBesideTheNewOne_IsDropped) {
   Outcome const outcome = Bootstrap();
   EXPECT_EQ(0u, outcome.status) << outcome.text;
   EXPECT_EQ(1u, Generation());
-  Change([] { PutULong(g_schema_generation, UserSchemaGeneration::kGeneration, 0); });
+  Change([] { PutULong(SchemaGeneration(), UserSchemaGeneration::kGeneration, 0); });
   ExpectCurrent();
 }
 
@@ -173,7 +173,7 @@ TEST_F(Upgrade, EverythingOldAtOnce_IsRepairedInOneRun) {
   EXPECT_EQ(0u, outcome.status) << outcome.text;
   EXPECT_EQ(kYields + 1, outcome.yields);
   EXPECT_EQ(1u, Generation());
-  Change([] { PutULong(g_schema_generation, UserSchemaGeneration::kGeneration, 0); });
+  Change([] { PutULong(SchemaGeneration(), UserSchemaGeneration::kGeneration, 0); });
   ExpectCurrent();
 }
 

@@ -149,9 +149,10 @@ TEST_F(ObjectsTest, GetObjectTypeId_SupersededLayout_KeepsTheTablesType) {
   ExpectOk(lorv_alter_table_add_columns(context(), u"Animal", more, nullptr));
   EXPECT_EQ(type_id, TypeIdOf(dog));
   // The entry of the old layout is filled by now; one that never was is found by the set specifier.
-  metalayer::g_layouts[static_cast<uint16_t>(dog.addr)] = {};
+  metalayer::EntryOfLayout(static_cast<uint16_t>(dog.addr)) = {};
   EXPECT_EQ(type_id, TypeIdOf(dog));
-  EXPECT_EQ(ViewOf(u"Dog").oid, metalayer::g_layouts[static_cast<uint16_t>(dog.addr)].raw_view.oid);
+  EXPECT_EQ(ViewOf(u"Dog").oid,
+            metalayer::EntryOfLayout(static_cast<uint16_t>(dog.addr)).raw_view.oid);
 }
 
 TEST_F(ObjectsTest, GetObjectTypeId_DroppedTableWithWarmEntry_IsZero) {
@@ -166,7 +167,7 @@ TEST_F(ObjectsTest, GetObjectTypeId_DroppedTableWithColdEntry_IsZero) {
   LS_OBJ_REF const dog = CreateObject(u"Dog");
   DropTable(u"Dog");
   EXPECT_EQ(0u, TypeIdOf(dog));
-  EXPECT_EQ(0u, metalayer::g_layouts[static_cast<uint16_t>(dog.addr)].type_id);
+  EXPECT_EQ(0u, metalayer::EntryOfLayout(static_cast<uint16_t>(dog.addr)).type_id);
 }
 
 TEST_F(ObjectsTest, GetObjectTypeId_TableDroppedAndCommitted_IsZero) {
@@ -193,9 +194,9 @@ TEST_F(ObjectsTest, GetObjectTypeId_EntryOfAVanishedView_IsLoadedAnew) {
   uint16_t const layout = static_cast<uint16_t>(dog.addr);
   LS_OBJ_REF const vanished = CreateObject(u"Animal");
   ExpectOk(lorv_crud_DeleteObject_NoHandle(context(), vanished.oid, vanished.addr));
-  metalayer::g_layouts[layout] = {999, {vanished.oid, vanished.addr}};
+  metalayer::EntryOfLayout(layout) = {999, {vanished.oid, vanished.addr}};
   EXPECT_EQ(TypeId(u"Dog"), TypeIdOf(dog));
-  EXPECT_EQ(TypeId(u"Dog"), metalayer::g_layouts[layout].type_id);
+  EXPECT_EQ(TypeId(u"Dog"), metalayer::EntryOfLayout(layout).type_id);
 }
 
 TEST_F(ObjectsTest, GetObjectTypeId_ExportedForm_NullReferenceHasNoType) {

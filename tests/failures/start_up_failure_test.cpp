@@ -49,6 +49,7 @@ class StartUpFailure : public ::testing::Test {
     return InChildProcess([&] {
       Database database(directory_.path());
       database.Begin();
+      *metalayer::TlsMetalayerContext::Current() = database.context();
       return static_cast<int>(StartUpWithOneCallRefused(database, nth, with, expected));
     });
   }

@@ -17,6 +17,7 @@ class BootstrapCallsTest : public ::testing::TestWithParam<Prepare> {
     recording_kernel::Reset();
     database_.Begin();
   }
+  void TearDown() override { recording_kernel::Reset(); }
 
   uint32_t Start() { return GetParam()(database_.context(), &next_, &more_); }
 

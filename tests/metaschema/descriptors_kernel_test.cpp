@@ -241,9 +241,9 @@ TEST_F(DescriptorsInDatabase, IndexOverAColumnOfAnInvalidType_IsNotMade) {
 // What lacks its layout or an index is passed over, and what stands behind it is readied.
 TEST_F(DescriptorsInDatabase, ReadyingClasses_PassesOverATableThatLacksAnIndex) {
   ASSERT_EQ(0u, lorvi_context_drop_index(context(), Vacuum::index_id_VacuumTypeId()));
-  Vacuum::g_index_id_VacuumTypeId_ = 0;
+  *Vacuum::slots().index_ids[0] = 0;
   unsigned short const table_id = UserSchemaGeneration::metaclass_layout_handle();
-  UserSchemaGeneration::g_table_id_ = 0;
+  *UserSchemaGeneration::slots().table_id = 0;
   EXPECT_NO_THROW(PrepareGeneratedMetaClassesForReading());
   EXPECT_EQ(0u, Vacuum::index_id_VacuumTypeId());
   EXPECT_EQ(table_id, UserSchemaGeneration::metaclass_layout_handle());

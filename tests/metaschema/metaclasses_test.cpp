@@ -23,6 +23,8 @@ unsigned int CodeOf(std::function<void()> const& call) {
 // ---- before any database ------------------------------------------------------------------------
 
 TEST(FreshProcess, Classes_KnowNothing) {
+  Database const database;
+  *TlsMetalayerContext::Current() = database.context();
   EXPECT_TRUE(RawView::setspec().empty());
   EXPECT_EQ(0u, RawView::g_type_id());
   EXPECT_EQ(0, RawView::metaclass_layout_handle());
@@ -73,15 +75,15 @@ TEST_F(Metaclasses, Init_IsAdditive) {
 TEST_F(Metaclasses, Init_LoadsWhatIsNotKnown) {
   unsigned short const table_id = Vacuum::metaclass_layout_handle();
   unsigned long const index_id = Vacuum::index_id_VacuumTypeId();
-  Vacuum::g_table_id_ = 0;
-  Vacuum::g_index_id_VacuumTypeId_ = 0;
+  *Vacuum::slots().table_id = 0;
+  *Vacuum::slots().index_ids[0] = 0;
   EXPECT_EQ(table_id, Vacuum::Init(u"", 0));
   EXPECT_EQ(index_id, Vacuum::index_id_VacuumTypeId());
 }
 
 TEST_F(Metaclasses, InitWithAMissingIndex_IsRefused) {
   ASSERT_EQ(0u, lorvi_context_drop_index(context(), Vacuum::index_id_VacuumTypeId()));
-  Vacuum::g_index_id_VacuumTypeId_ = 0;
+  *Vacuum::slots().index_ids[0] = 0;
   EXPECT_EQ(4229u, CodeOf([] { Vacuum::Init(u"", 0); }));
 }
 

@@ -106,11 +106,11 @@ TEST_F(TypeIds, TableOfAnotherNumber_EndsTheProcess) {
 TEST_F(TypeIds, LoadedView_IsCached) {
   RawView const view = View(u"Lorvenstack.Metadata.Index");
   unsigned long const type_id = TypeIdOf(view);
-  g_raw_views[type_id] = db_util::null_obj_ref;
+  RawViewSlot(type_id) = db_util::null_obj_ref;
   EXPECT_EQ(view.oid, raw_view_by_type_id(type_id).oid);
-  EXPECT_EQ(view.oid, g_raw_views[type_id].oid);
+  EXPECT_EQ(view.oid, RawViewSlot(type_id).oid);
   // From now on the catalogue is not asked.
-  g_raw_views[type_id] = {4711, 0};
+  RawViewSlot(type_id) = {4711, 0};
   EXPECT_EQ(4711u, raw_view_by_type_id(type_id).oid);
   EXPECT_EQ(view.oid, LoadRawViewByTypeId(type_id).oid);
 }
@@ -129,7 +129,7 @@ TEST_F(TypeIds, ReservedNumber_HasNoView) {
   AssureTypeId(100, db_util::null_obj_ref);
   EXPECT_EQ(0u, LoadRawViewByTypeId(100).oid);
   EXPECT_EQ(0u, raw_view_by_type_id(100).oid);
-  EXPECT_EQ(0u, g_raw_views[100].oid);
+  EXPECT_EQ(0u, RawViewSlot(100).oid);
 }
 
 TEST_F(TypeIds, NumberZero_EndsTheProcess) { EXPECT_EXIT(raw_view_by_type_id(0), kTrap, ""); }
@@ -177,8 +177,8 @@ TEST_F(TypeIds, CurrentLayout_GivesTheTypeAndFillsItsEntry) {
   unsigned short const layout = Create(u"App.Item");
   LS_OBJ_REF const object = NewObject(u"App.Item");
   EXPECT_EQ(26u, AssureCurrentLayoutId(object));
-  EXPECT_EQ(26u, g_layouts[layout].type_id);
-  EXPECT_EQ(View(u"App.Item").oid, g_layouts[layout].raw_view.oid);
+  EXPECT_EQ(26u, EntryOfLayout(layout).type_id);
+  EXPECT_EQ(View(u"App.Item").oid, EntryOfLayout(layout).raw_view.oid);
 }
 
 TEST_F(TypeIds, SupersededLayout_LeadsToTheTableOfToday) {
@@ -187,8 +187,8 @@ TEST_F(TypeIds, SupersededLayout_LeadsToTheTableOfToday) {
   AddColumn(u"App.Item");
   ASSERT_TRUE(RawView::ByRawViewPK(old_layout).is_null());
   EXPECT_EQ(26u, AssureCurrentLayoutId(object));
-  EXPECT_EQ(26u, g_layouts[old_layout].type_id);
-  EXPECT_EQ(View(u"App.Item").oid, g_layouts[old_layout].raw_view.oid);
+  EXPECT_EQ(26u, EntryOfLayout(old_layout).type_id);
+  EXPECT_EQ(View(u"App.Item").oid, EntryOfLayout(old_layout).raw_view.oid);
 }
 
 TEST_F(TypeIds, DroppedTable_HasNoType) {
@@ -196,7 +196,7 @@ TEST_F(TypeIds, DroppedTable_HasNoType) {
   LS_OBJ_REF const object = NewObject(u"App.Item");
   ExpectOk(lorv_drop_table_by_name(context(), u"App.Item", false, true));
   EXPECT_EQ(0u, AssureCurrentLayoutId(object));
-  EXPECT_EQ(0u, g_layouts[layout].type_id);
+  EXPECT_EQ(0u, EntryOfLayout(layout).type_id);
 }
 
 TEST_F(TypeIds, DroppedTableAfterCommit_HasNoType) {

@@ -73,7 +73,7 @@ class CatalogueComparison {
     CompareClasses();
     out_.Same(
         "schema generation", model_.generation,
-        GetULong(metalayer::g_schema_generation, metalayer::UserSchemaGeneration::kGeneration));
+        GetULong(metalayer::SchemaGeneration(), metalayer::UserSchemaGeneration::kGeneration));
   }
 
  private:

@@ -150,4 +150,67 @@ Columns::operator LORV_COLUMN_DEFINITION_NAMES const*() {
   return definitions_.data();
 }
 
+// ---- another database beside that of the test ---------------------------------------------------
+
+namespace {
+
+// A database with a table and a few objects, which have to stay as they are.
+class Neighbour : public ::testing::Environment {
+ public:
+  void SetUp() override {
+    database_ = std::make_unique<Database>();
+    ASSERT_EQ(0u, database_->Bootstrap());
+    database_->Begin();
+    uint16_t layout = 0;
+    ASSERT_EQ(0u, lorv_create_table_by_names(context(), kTable, nullptr, Columns().Long(u"Number"),
+                                             &layout));
+    ASSERT_EQ(0u, lorv_crud_GetCreateHandle(context(), kTable, &create_));
+    ASSERT_EQ(0u, lorv_crud_GetPropertyHandle(context(), kTable, u"Number", &number_));
+    database_->Commit();
+    Use();
+  }
+
+  void TearDown() override {
+    Use();
+    database_.reset();
+  }
+
+ private:
+  static constexpr char16_t kTable[] = u"Beside.Table";
+
+  uint64_t context() const { return database_->context(); }
+
+  // Adds an object and reads all that there are, the type of each by its layout.
+  void Use() {
+    database_->Begin();
+    uint64_t oid = 0;
+    uint64_t addr = 0;
+    uint64_t table_type = 0;
+    ASSERT_EQ(0u, lorv_crud_GetTypeId(context(), kTable, &table_type));
+    ASSERT_EQ(0u, lorv_crud_CreateObject(context(), create_, &oid, &addr));
+    objects_.push_back(oid);
+    ASSERT_EQ(0u, lorv_crud_WriteLong(context(), number_, oid, addr, Number(objects_.size())));
+    for (std::size_t i = 0; i < objects_.size(); ++i) {
+      uint64_t type = 0;
+      int64_t number = 0;
+      ASSERT_EQ(0u, lorv_crud_Lookup(context(), objects_[i], &addr, &type));
+      ASSERT_EQ(table_type, type);
+      ASSERT_EQ(0u, lorv_crud_ReadLong(context(), number_, objects_[i], addr, &number));
+      ASSERT_EQ(Number(i + 1), number);
+    }
+    database_->Commit();
+  }
+  static int64_t Number(std::size_t count) { return static_cast<int64_t>(1000 + count); }
+
+  std::unique_ptr<Database> database_;
+  CreateInfo* create_ = nullptr;
+  PropertyAccessInfo* number_ = nullptr;
+  std::vector<uint64_t> objects_;
+};
+
+::testing::Environment* const neighbour = std::getenv("SAGLEME_TEST_BESIDE") == nullptr
+                                              ? nullptr
+                                              : ::testing::AddGlobalTestEnvironment(new Neighbour);
+
+}  // namespace
 }  // namespace sagleme_test

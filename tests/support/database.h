@@ -4,8 +4,8 @@
 // The fixture of the tests that run on the embedded kernel: a database, one context, a transaction,
 // and the words in which tests speak of refusals.
 //
-// What the layer knows of a database is process-wide: a test opens one database. Tests are run one
-// per process.
+// Tests are run one per process. With SAGLEME_TEST_BESIDE in the environment another database of
+// the process is open while a test runs, and in use before and after it.
 
 #include <gtest/gtest.h>
 #include <lscoredb/host.h>

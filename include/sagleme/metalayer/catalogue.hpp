@@ -4,9 +4,10 @@
 // The 25 system tables as classes.
 //
 // An object of such a class is a row reference with getters, null when a lookup found nothing. The
-// statics hold what a process must know of a table to reach it without its name: kernel table id,
-// kernel index ids, set specifier, type id. Start-up fills them; they keep their values until the
-// process ends. The classes are generated from the description of the metaschema.
+// static functions tell what must be known of a table to reach it without its name: kernel table
+// id, kernel index ids, set specifier, type id, each in the database of the thread's context.
+// Start-up fills them; they end with the database's last close. The static variables are those of
+// the first database opened. The classes are generated from the description of the metaschema.
 
 #include <sagleme/metalayer/metalayer_generated.hpp>
 #include <sagleme/metalayer/records.hpp>

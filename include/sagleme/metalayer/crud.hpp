@@ -2,7 +2,8 @@
 #define SAGLEME_METALAYER_CRUD_HPP
 
 // What stands behind the handles of object access. Handles are addresses of these records; two
-// process-wide caches own them, and lorv_crud_RefreshIssuedHandles alone frees them.
+// caches of their database own them. lorv_crud_RefreshIssuedHandles frees those of what is gone,
+// and the last close of the database all of them.
 
 #include <sagleme/sagleme.h>
 
