@@ -33,7 +33,7 @@ Status Context::CreateIterator(IndexId index, bool reverse, void const* first_ke
                                void const* last_key, std::uint64_t* out) {
   OpenIterator& iterator = TakeIterator();
   Status const status =
-      transaction_.OpenIterator(iterator.iterator, index, reverse, first_key, last_key);
+      transaction_.OpenIterator(iterator.iterator, index, {reverse, first_key, last_key});
   if (status != LORV_STATUS_OK) return status;
   free_iterators_.pop_back();
   iterator.handle = Iterators().Revive(iterator.handle);

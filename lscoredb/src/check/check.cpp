@@ -1,13 +1,10 @@
 #include "check.h"
 
 #include "bytes.h"
-#include "c_api.h"
 #include "keys.h"
 
 namespace lscore {
 namespace {
-
-constexpr std::uint32_t kKnownFlags = LSCOREDB_CHECK_PAGES_ONLY | LSCOREDB_CHECK_NO_ENTRIES;
 
 // The object or index that a key of a tree belongs to; 0: it does not say.
 std::uint64_t OwnerOf(Tree tree, std::string_view key) {
@@ -75,18 +72,3 @@ void CheckStoreState(Store& store, std::uint32_t flags, FindingSink& sink) {
 }
 
 }  // namespace lscore
-
-uint32_t lscoredb_check(lscoredb* database, uint32_t flags, lscoredb_finding_callback report,
-                        void* user) {
-  return lscore::Guarded([&]() -> lscore::Status {
-    if (database == nullptr) return LSCOREDB_NULL_ARGUMENT;
-    if ((flags & ~lscore::kKnownFlags) != 0) return LSCOREDB_INVALID_ARGUMENT;
-    lscore::FindingSink sink(report, user);
-    try {
-      lscore::CheckStoreState(database->database->store(), flags, sink);
-    } catch (lscore::StopCheck const&) {
-      return LSCOREDB_DAMAGED;
-    }
-    return sink.any() ? LSCOREDB_DAMAGED : LORV_STATUS_OK;
-  });
-}

@@ -1,61 +1,45 @@
 #include "iterator.h"
 
-#include <algorithm>
-
 #include "bytes.h"
 #include "keys.h"
-#include "transaction.h"
 
 namespace lscore {
 
-Status Transaction::OpenIterator(Iterator& iterator, IndexId id, bool reverse,
-                                 void const* first_key, void const* last_key) {
-  IndexDefinition const* const index = FindIndex(id);
-  if (index == nullptr) return LORV_STATUS_NO_INDEX;
-  iterator.low_.clear();
-  iterator.high_.clear();
-  void const* const low = reverse ? last_key : first_key;
-  void const* const high = reverse ? first_key : last_key;
-  if (!AppendContractKey(iterator.low_, low, index->key_columns) ||
-      !AppendContractKey(iterator.high_, high, index->key_columns)) {
-    return LSCOREDB_MALFORMED_KEY;
-  }
-  open_iterators_.push_back(&iterator);
-  iterator.opening_ = ++openings_;
-  try {
-    iterator.Start(*this, *index, reverse);
-  } catch (...) {
-    CloseIterator(iterator);
-    throw;
-  }
-  return LORV_STATUS_OK;
+Status Iterator::SetRange(IndexDefinition const& index, ScanRange const& range) {
+  low_.clear();
+  high_.clear();
+  reverse_ = range.reverse;
+  void const* const low = reverse_ ? range.last_key : range.first_key;
+  void const* const high = reverse_ ? range.first_key : range.last_key;
+  bool const both = AppendContractKey(low_, low, index.key_columns) &&
+                    AppendContractKey(high_, high, index.key_columns);
+  return both ? LORV_STATUS_OK : LSCOREDB_MALFORMED_KEY;
 }
 
-void Transaction::CloseIterator(Iterator& iterator) {
-  open_iterators_.erase(std::remove(open_iterators_.begin(), open_iterators_.end(), &iterator),
-                        open_iterators_.end());
-  iterator.Finish(LSCOREDB_NO_TRANSACTION);
+void Iterator::SetPrefix(std::string_view prefix) {
+  reverse_ = false;
+  low_ = prefix;
+  high_ = prefix;
 }
 
-void Iterator::Start(Transaction& transaction, IndexDefinition const& index, bool reverse) {
-  transaction_ = &transaction;
+void Iterator::Start(ScanSource const& source, IndexDefinition const& index) {
+  source_ = source;
+  open_ = true;
   failed_ = LORV_STATUS_OK;
-  reverse_ = reverse;
-  seen_ = transaction.now_;
-  pending_ = transaction.changes_.FindIndex(index.id);
+  pending_ = source.changes->FindIndex(index.id);
   has_committed_ = pending_ == nullptr || pending_->committed();
   step_due_ = false;
   given_ = kNoObject;
   steps_ = 0;
   reading_ = false;
   if (has_committed_) {
-    committed_.Open(*transaction.snapshot_, index);
-    reverse ? committed_.SeekLast(high_) : committed_.SeekFirst(low_);
+    committed_.Open(*source.snapshot, index);
+    reverse_ ? committed_.SeekLast(high_) : committed_.SeekFirst(low_);
   }
   at_end_ = pending_ == nullptr;
   if (at_end_) return;
   PendingIndex::Map const& map = pending_->map();
-  if (reverse) {
+  if (reverse_) {
     at_ = map.lower_bound(BehindPrefix{high_});
     at_end_ = at_ == map.begin();
     if (!at_end_) --at_;
@@ -67,7 +51,7 @@ void Iterator::Start(Transaction& transaction, IndexDefinition const& index, boo
 }
 
 void Iterator::Finish(Status ended) {
-  transaction_ = nullptr;
+  open_ = false;
   ended_ = ended;
   pending_ = nullptr;
 }
@@ -111,7 +95,7 @@ void Iterator::StepPending() {
 
 // Entries that were written after the walk began are as the snapshot has them.
 void Iterator::SkipUntouched() {
-  while (!at_end_ && at_->second.At(seen_) == EntryState::kUntouched) StepPending();
+  while (!at_end_ && at_->second.At(source_.seen) == EntryState::kUntouched) StepPending();
 }
 
 Entry const* Iterator::NextEntry() {
@@ -131,7 +115,7 @@ Entry const* Iterator::NextEntry() {
       StepCommitted();
       return &committed_.entry();
     }
-    bool const present = at_->second.At(seen_) == EntryState::kPresent;
+    bool const present = at_->second.At(source_.seen) == EntryState::kPresent;
     if (order == 0) StepCommitted();
     StepPending();
     if (present) return &written_;
@@ -143,21 +127,21 @@ Entry const* Iterator::NextEntry() {
 // read is not to wait for the answer.
 void Iterator::FetchAhead() {
   if (!has_committed_) return;
-  if (steps_++ % kStepsPerLook == 1) reading_ = transaction_->cache_.Find(given_) != nullptr;
+  if (steps_++ % kStepsPerLook == 1) reading_ = source_.rows->Find(given_) != nullptr;
   if (!reading_) return;
-  transaction_->kept_rows_.FetchPlace(committed_.Guess(kPlacesAhead, !reverse_));
-  transaction_->kept_rows_.FetchRow(committed_.Guess(kRowsAhead, !reverse_));
+  source_.shared_rows->FetchPlace(committed_.Guess(kPlacesAhead, !reverse_));
+  source_.shared_rows->FetchRow(committed_.Guess(kRowsAhead, !reverse_));
 }
 
 Status Iterator::Next(ObjectId* object, LayoutNumber* layout) {
-  if (transaction_ == nullptr) return ended_;
+  if (!open_) return ended_;
   if (failed_ == LORV_STATUS_OK) failed_ = Guarded([&] { return Step(object, layout); });
   return failed_;
 }
 
 Status Iterator::Step(ObjectId* object, LayoutNumber* layout) {
   while (Entry const* const entry = NextEntry()) {
-    PendingRow const* const row = transaction_->changes_.FindRow(entry->object);
+    PendingRow const* const row = source_.changes->FindRow(entry->object);
     if (row != nullptr && row->deleted) continue;
     FetchAhead();
     given_ = entry->object;

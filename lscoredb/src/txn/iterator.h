@@ -1,7 +1,7 @@
 #ifndef LSCOREDB_SRC_ITERATOR_H
 #define LSCOREDB_SRC_ITERATOR_H
 
-// A walk over a range of an index as it stood when the walk began: the snapshot's entries, merged
+// A scan of a range of an index as it stood when the scan began: the snapshot's entries, merged
 // with those that the transaction had written by then. Belongs to the thread of its transaction. It
 // may be opened again once closed, which takes no memory in the common case.
 
@@ -11,11 +11,29 @@
 #include "entries.h"
 #include "ids.h"
 #include "pending.h"
+#include "shared_row_cache.h"
 #include "status.h"
+#include "transaction_row_cache.h"
 
 namespace lscore {
 
-class Transaction;
+using RowsInUse = TransactionRowCache<RowRef>;
+
+// What a scan reads of its transaction. Pointers, since an iterator is opened over and over.
+struct ScanSource {
+  Snapshot const* snapshot = nullptr;
+  PendingChanges const* changes = nullptr;
+  RowsInUse const* rows = nullptr;
+  SharedRowCache::Reader* shared_rows = nullptr;
+  Sequence seen = 0;  // later writes are not seen
+};
+
+// The bounds as the contract has them, both inclusive.
+struct ScanRange {
+  bool reverse = false;
+  void const* first_key = nullptr;
+  void const* last_key = nullptr;
+};
 
 class Iterator {
  public:
@@ -23,21 +41,25 @@ class Iterator {
   Iterator(Iterator const&) = delete;
   Iterator& operator=(Iterator const&) = delete;
 
+  // LSCOREDB_MALFORMED_KEY: a bound is no key of the index.
+  Status SetRange(IndexDefinition const& index, ScanRange const& range);
+  // All entries whose encoded key begins with `prefix`.
+  void SetPrefix(std::string_view prefix);
+  // REQUIRES: the range is set.
+  void Start(ScanSource const& source, IndexDefinition const& index);
+  // `ended`: what Next gives from here on.
+  void Finish(Status ended);
+  // Leaves the scan on an entry that was there when it began.
+  void SkipUntouched();
+
   // The next object that is still there; kNoObject at the end. LSCOREDB_NO_TRANSACTION: the
-  // transaction that the walk belongs to has ended. LSCOREDB_ROLLED_BACK: it began behind a
-  // savepoint that was rolled back to. A walk that failed goes on failing: what it did
-  // not get to is not to be passed over.
+  // transaction that the scan belongs to has ended. LSCOREDB_ROLLED_BACK: it began behind a
+  // savepoint that was rolled back to. Errors are sticky: what a failed scan did not get to must
+  // not be passed over.
   Status Next(ObjectId* object, LayoutNumber* layout);
 
  private:
-  friend class Transaction;
-
   Status Step(ObjectId* object, LayoutNumber* layout);
-
-  // REQUIRES: low_ and high_ are set.
-  void Start(Transaction& transaction, IndexDefinition const& index, bool reverse);
-  // `ended`: what Next gives from here on.
-  void Finish(Status ended);
   // Null at the end. Valid until the next call.
   Entry const* NextEntry();
   bool CommittedInRange() const;
@@ -45,20 +67,17 @@ class Iterator {
   void StepCommitted();
   void TakeDueStep();
   void StepPending();
-  // Leaves the walk on an entry that was there when it began.
-  void SkipUntouched();
   void FetchAhead();
 
   static constexpr std::size_t kPlacesAhead = 8;
   static constexpr std::size_t kRowsAhead = 4;
   static constexpr std::uint32_t kStepsPerLook = 32;
 
-  Transaction* transaction_ = nullptr;  // null: not open, or ended
+  ScanSource source_;
+  bool open_ = false;
   Status ended_ = LSCOREDB_NO_TRANSACTION;
   Status failed_ = LORV_STATUS_OK;
-  std::uint64_t opening_ = 0;  // among the walks of the transaction
   bool reverse_ = false;
-  Sequence seen_ = 0;  // later writes are not seen
   std::string low_;
   std::string high_;
   EntryCursor committed_;

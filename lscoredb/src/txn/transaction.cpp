@@ -34,8 +34,7 @@ Status Transaction::Commit() {
 void Transaction::Rollback() noexcept { End(); }
 
 void Transaction::End() noexcept {
-  for (Iterator* const iterator : open_iterators_) iterator->Finish(LSCOREDB_NO_TRANSACTION);
-  open_iterators_.clear();
+  scans_.EndAll();
   result_buffers_.Clear();
   changes_.Clear();
   assembled_.clear();
@@ -77,6 +76,18 @@ bool Transaction::EndScope() {
   cache_.Clear();
   return true;
 }
+
+Status Transaction::OpenIterator(Iterator& iterator, IndexId id, ScanRange const& range) {
+  IndexDefinition const* const index = FindIndex(id);
+  if (index == nullptr) return LORV_STATUS_NO_INDEX;
+  return scans_.Open(iterator, SourceOfScans(), *index, range);
+}
+
+ScanSource Transaction::SourceOfScans() {
+  return {snapshot_.get(), &changes_, &cache_, &kept_rows_, now_};
+}
+
+void Transaction::CloseIterator(Iterator& iterator) { scans_.Close(iterator); }
 
 IndexCatalogue& Transaction::catalogue() {
   if (catalogue_ == nullptr) catalogue_ = database_->catalogues().For(*snapshot_);

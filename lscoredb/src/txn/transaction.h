@@ -15,9 +15,9 @@
 #include <vector>
 
 #include "database.h"
-#include "iterator.h"
 #include "pending.h"
 #include "result_buffers.h"
+#include "scans.h"
 #include "status.h"
 #include "transaction_row_cache.h"
 
@@ -116,20 +116,17 @@ class Transaction {
   IndexDefinition const* FindIndex(IndexId id);
   std::vector<IndexDefinition const*> IndexesOf(Token token);
 
-  // ---- walking (iterator.cpp)
+  // ---- scans
   // REQUIRES: the iterator is not open; it is closed before the transaction object goes.
-  Status OpenIterator(Iterator& iterator, IndexId id, bool reverse, void const* first_key,
-                      void const* last_key);
+  Status OpenIterator(Iterator& iterator, IndexId id, ScanRange const& range);
   void CloseIterator(Iterator& iterator);
 
  private:
-  friend class Iterator;
-
   struct Savepoint {
     std::uint64_t number = 0;
     PendingChanges::Mark written;
     std::size_t handed_out = 0;  // texts and binaries
-    std::uint64_t openings = 0;  // of walks
+    std::uint64_t scans = 0;     // that were opened
     Status doomed = LORV_STATUS_OK;
   };
 
@@ -158,6 +155,7 @@ class Transaction {
   static constexpr std::size_t kAccessPlans = 128;
 
   void End() noexcept;
+  ScanSource SourceOfScans();
 
   // Null: there is no such object. A deleted one is found as such.
   RowRef const* FindRow(ObjectId id) {
@@ -250,8 +248,7 @@ class Transaction {
   std::vector<std::size_t> scopes_;  // how many images there were at the begin of each
   std::shared_ptr<IndexCatalogue> catalogue_;
   IdRange ids_;
-  std::vector<Iterator*> open_iterators_;
-  std::uint64_t openings_ = 0;  // of walks, ever
+  Scans scans_;
   std::vector<Savepoint> savepoints_;
 
   KeyEncoder encoder_;
@@ -259,7 +256,7 @@ class Transaction {
   std::vector<Affected> affected_;
   std::size_t affected_count_ = 0;
   std::u16string text_;
-  TransactionRowCache cache_;
+  RowsInUse cache_;
   std::array<ColumnAccessPlan, kAccessPlans>
       access_plans_{};  // of committed layouts, and so for good
 };

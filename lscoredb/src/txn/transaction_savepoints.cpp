@@ -8,7 +8,8 @@ namespace lscore {
 std::uint64_t Transaction::SetSavepoint() {
   static std::atomic<std::uint64_t> last{0};
   savepoints_.emplace_back();  // before anything is recorded: this may fail
-  savepoints_.back() = {++last, changes_.SetMark(), result_buffers_.made(), openings_, doomed_};
+  savepoints_.back() = {++last, changes_.SetMark(), result_buffers_.made(), scans_.opened(),
+                        doomed_};
   return savepoints_.back().number;
 }
 
@@ -20,11 +21,7 @@ std::vector<Transaction::Savepoint>::iterator Transaction::FindSavepoint(std::ui
 Status Transaction::RollbackTo(std::uint64_t savepoint) {
   auto const found = FindSavepoint(savepoint);
   if (found == savepoints_.end()) return LSCOREDB_UNKNOWN_SAVEPOINT;
-  std::erase_if(open_iterators_, [&](Iterator* iterator) {
-    bool const later = iterator->opening_ > found->openings;
-    later ? iterator->Finish(LSCOREDB_ROLLED_BACK) : iterator->SkipUntouched();
-    return later;
-  });
+  scans_.EndSince(found->scans);
   changes_.RollbackTo(found->written, [this](ObjectId id) { cache_.Forget(id); });
   // Memory of what is gone is used again, and values are known by where they lie.
   result_buffers_.ForgetSince(found->handed_out);

@@ -156,15 +156,16 @@ IndexDefinition const* Transaction::FindSetIndex(std::u16string const& setspec) 
 template <typename Visit>
 void Transaction::WalkSetIndex(IndexDefinition const& index, std::u16string const& setspec,
                                Visit&& visit) {
-  Iterator walk;
-  AppendText(walk.low_, setspec, index.key_columns[0].descending);
-  walk.low_.pop_back();  // without its end the text is a bound for all that begin with it
-  walk.high_ = walk.low_;
-  walk.Start(*this, index, false);
+  std::string prefix;
+  AppendText(prefix, setspec, index.key_columns[0].descending);
+  prefix.pop_back();  // without its end the text is a bound for all that begin with it
+  Iterator scan;
+  scan.SetPrefix(prefix);
+  scan.Start(SourceOfScans(), index);
   ObjectId object{};
   LayoutNumber layout{};
   for (;;) {
-    Check(walk.Next(&object, &layout));
+    Check(scan.Next(&object, &layout));
     if (object == kNoObject) return;
     RowRef const* const row = FindRow(object);
     if (row == nullptr) Throw(LSCOREDB_DAMAGED);

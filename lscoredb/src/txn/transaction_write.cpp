@@ -209,7 +209,7 @@ PendingIndex& Transaction::Pending(IndexDefinition const& index) {
 
 // While a walk is open a duplicate may be one that passes; commit looks again.
 Status Transaction::CheckUnique(PendingRow const& row) {
-  if (!open_iterators_.empty()) return LORV_STATUS_OK;
+  if (scans_.any()) return LORV_STATUS_OK;
   for (std::size_t i = 0; i < affected_count_; ++i) {
     Affected& affected = affected_[i];
     KeyFacts& facts = affected.new_facts;
@@ -228,7 +228,7 @@ Status Transaction::CheckUnique(PendingRow const& row) {
 }
 
 void Transaction::ApplyKeys(PendingRow const& row, bool moved) {
-  bool const keep = !open_iterators_.empty();
+  bool const keep = scans_.any();
   ++now_;
   for (std::size_t i = 0; i < affected_count_; ++i) {
     Affected const& affected = affected_[i];

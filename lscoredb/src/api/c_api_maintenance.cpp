@@ -5,13 +5,14 @@
 #include <filesystem>
 
 #include "c_api.h"
+#include "check.h"
 #include "copy_store.h"
-#include "database.h"
 
 namespace lscore {
 namespace {
 
 constexpr mode_t kDirectoryMode = 0750;
+constexpr std::uint32_t kKnownFlags = LSCOREDB_CHECK_PAGES_ONLY | LSCOREDB_CHECK_NO_ENTRIES;
 
 // A directory that is not there yet, or an empty one.
 void PrepareTarget(char const* directory) {
@@ -30,5 +31,20 @@ uint32_t lscoredb_copy(lscoredb* database, char const* directory) {
     lscore::PrepareTarget(directory);
     lscore::CopyStore(database->database->store(), directory);
     return LORV_STATUS_OK;
+  });
+}
+
+uint32_t lscoredb_check(lscoredb* database, uint32_t flags, lscoredb_finding_callback report,
+                        void* user) {
+  return lscore::Guarded([&]() -> lscore::Status {
+    if (database == nullptr) return LSCOREDB_NULL_ARGUMENT;
+    if ((flags & ~lscore::kKnownFlags) != 0) return LSCOREDB_INVALID_ARGUMENT;
+    lscore::FindingSink sink(report, user);
+    try {
+      lscore::CheckStoreState(database->database->store(), flags, sink);
+    } catch (lscore::StopCheck const&) {
+      return LSCOREDB_DAMAGED;
+    }
+    return sink.any() ? LSCOREDB_DAMAGED : LORV_STATUS_OK;
   });
 }

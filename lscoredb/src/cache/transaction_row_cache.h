@@ -1,7 +1,8 @@
 #ifndef LSCOREDB_SRC_TRANSACTION_ROW_CACHE_H
 #define LSCOREDB_SRC_TRANSACTION_ROW_CACHE_H
 
-// The rows that a transaction is busy with, by id. One thread at a time.
+// The rows that a transaction is busy with, by id. One thread at a time. RowRef is a plain struct of
+// half a line of the processor's cache with a member `id`.
 //
 // Sets of two places, one line of the processor's cache each: of a thousand rows at random hardly
 // any drive each other out. Memory is taken by the page when rows come to lie there.
@@ -11,11 +12,11 @@
 #include <vector>
 
 #include "ids.h"
-#include "pending.h"
 #include "zero_pages.h"
 
 namespace lscore {
 
+template <typename RowRef>
 class TransactionRowCache {
  public:
   TransactionRowCache() : sets_(kSets) { used_.reserve(kManyUsed); }
