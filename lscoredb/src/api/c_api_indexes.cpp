@@ -3,8 +3,6 @@
 namespace lscore {
 namespace {
 
-constexpr std::size_t kMaxIndexColumns = 16;  // the bits of the sort mask
-
 // Throws LSCOREDB_INVALID_ARGUMENT when the columns cannot be indexed.
 std::vector<IndexColumn> ReadColumns(LORVI_COLUMN_DEFINITION const* columns) {
   std::vector<IndexColumn> read;

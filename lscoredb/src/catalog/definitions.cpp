@@ -234,7 +234,7 @@ bool IndexDefinition::HasColumn(Token wanted) const {
 void IndexDefinition::Prepare() {
   key_columns.clear();
   for (std::size_t i = 0; i < columns.size(); ++i) {
-    bool const descending = ((sort_mask >> i) & 1) != 0;
+    bool const descending = i < format::kSortMaskBits && ((sort_mask >> i) & 1) != 0;
     key_columns.push_back({columns[i].type, descending});
   }
   entry_prefix.clear();
@@ -262,6 +262,9 @@ void WriteIndex(Batch& batch, IndexDefinition const& index) {
   }
   AppendText(record, index.setspec);
   PutChecked(batch, Tree::kDefinitions, IndexKey(index.id), record);
+  if (index.columns.size() > format::kSortMaskBits) {
+    batch.Put(Tree::kMeta, format::kFormatKey, format::FormatRecord(format::kWideIndexVersion));
+  }
   for (DefinitionRecord const& named : {IndexTokenRecord(index), IndexSetRecord(index)}) {
     PutChecked(batch, Tree::kDefinitions, named.key, named.value);
   }
@@ -310,7 +313,7 @@ std::unique_ptr<IndexDefinition const> ParseIndex(IndexId id, std::string_view r
   index->flags = fields.Next<std::uint32_t>();
   index->sort_mask = fields.Next<std::uint16_t>();
   auto const count = fields.Next<std::uint16_t>();
-  if (count > 16) Throw(LSCOREDB_DAMAGED);
+  if (count > kMaxIndexColumns) Throw(LSCOREDB_DAMAGED);
   for (std::uint16_t i = 0; i < count && fields.ok(); ++i) {
     IndexColumn column;
     column.type = fields.Next<std::uint8_t>();

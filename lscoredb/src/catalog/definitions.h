@@ -82,6 +82,8 @@ struct IndexColumn {
   bool nullable = false;
 };
 
+inline constexpr std::size_t kMaxIndexColumns = 1024;
+
 struct IndexDefinition {
   IndexId id{};
   Token token{};

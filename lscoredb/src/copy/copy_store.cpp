@@ -32,7 +32,7 @@ class Copier {
   void TakeFormat() {
     std::unique_ptr<Batch> const batch = to_.BeginBatch();
     std::string_view format;
-    batch->Get(Tree::kMeta, format::kFormatKey, &format);
+    from_.Get(Tree::kMeta, format::kFormatKey, &format);
     format_ = format;
     batch->Delete(Tree::kMeta, format::kFormatKey);
     batch->Commit();

@@ -55,12 +55,28 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 #include <string_view>
+
+#include "bytes.h"
 
 namespace lscore::format {
 
 inline constexpr std::string_view kMagic = "lscoredb";
-inline constexpr std::uint32_t kVersion = 1;
+// Versions of the format. A file is written in the first one, and moves to a later one with the
+// first thing that needs it, so that older kernels read what they can.
+inline constexpr std::uint32_t kFirstVersion = 1;
+inline constexpr std::uint32_t kWideIndexVersion = 2;  // indexes of more than kSortMaskBits columns
+inline constexpr std::uint32_t kNewestVersion = kWideIndexVersion;
+
+// The value of the format record.
+inline std::string FormatRecord(std::uint32_t version) {
+  std::string record(kMagic);
+  Append(record, version);
+  return record;
+}
+
+inline constexpr std::size_t kSortMaskBits = 16;
 
 inline constexpr std::string_view kFormatKey = "format";
 inline constexpr std::string_view kNextIdKey = "next-id";

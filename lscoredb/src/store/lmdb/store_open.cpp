@@ -94,7 +94,7 @@ void CheckFormat(MDB_txn* txn, MDB_dbi meta) {
   bool const ours = fields.Bytes(format::kMagic.size()) == format::kMagic;
   auto const version = fields.Next<std::uint32_t>();
   if (!ours || !fields.ok() || version == 0) Throw(LSCOREDB_NOT_A_DATABASE);
-  if (version > format::kVersion) Throw(LSCOREDB_NEWER_FORMAT);
+  if (version > format::kNewestVersion) Throw(LSCOREDB_NEWER_FORMAT);
 }
 
 std::uint64_t ReadStatesBefore(MDB_txn* txn, MDB_dbi meta) {
@@ -111,8 +111,7 @@ std::uint64_t ReadStatesBefore(MDB_txn* txn, MDB_dbi meta) {
 }
 
 void WriteFormat(MDB_txn* txn, MDB_dbi meta) {
-  std::string record(format::kMagic);
-  Append(record, format::kVersion);
+  std::string record = format::FormatRecord(format::kFirstVersion);
   MDB_val key{format::kFormatKey.size(), const_cast<char*>(format::kFormatKey.data())};
   MDB_val value{record.size(), record.data()};
   CheckStore(mdb_put(txn, meta, &key, &value, 0));

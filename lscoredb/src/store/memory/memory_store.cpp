@@ -200,12 +200,12 @@ void MemoryBatch::Commit() {
 
 MemoryStore::MemoryStore(StoreOptions const& options) : options_(options) {
   auto state = std::make_shared<MemoryState>();
-  std::string record(format::kMagic);
-  Append(record, format::kVersion);
   for (std::size_t i = 0; i < kTreeCount; ++i) {
     auto const tree = static_cast<Tree>(i);
     MemoryEntries entries(OrderOf(tree));
-    if (tree == Tree::kMeta) entries.emplace(format::kFormatKey, record);
+    if (tree == Tree::kMeta) {
+      entries.emplace(format::kFormatKey, format::FormatRecord(format::kFirstVersion));
+    }
     state->trees[i] = std::make_shared<MemoryTree const>(std::move(entries));
   }
   state->id = CommitId{1};
