@@ -8,7 +8,8 @@
  *
  *  1. A database is a directory, or lives in memory and is gone at close. Several processes may
  *     have one directory open, and one process may open it several times. A process that was forked
- *     opens it anew: handles of the parent are not for its use.
+ *     opens it anew: in it the parent's contexts and iterators name nothing, calls with the
+ *     parent's databases give LSCOREDB_OF_PARENT, and closing one does nothing and gives 0.
  *  2. A context carries at most one transaction. Any number of contexts may be open; one thread at
  *     a time uses a context.
  *  3. A transaction reads the database as it was at its begin, plus its own writes. Readers never
@@ -79,6 +80,7 @@ extern "C" {
 #define LSCOREDB_DISK_FULL 9036u
 #define LSCOREDB_IO_ERROR 9037u
 #define LSCOREDB_TOO_MANY_READERS 9038u
+#define LSCOREDB_OF_PARENT 9039u
 
 typedef struct lscoredb lscoredb;
 

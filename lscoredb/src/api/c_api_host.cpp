@@ -67,6 +67,7 @@ uint32_t lscoredb_open(char const* directory, lscoredb_options const* options, l
   return Guarded([&]() -> Status {
     if (out == nullptr) return LSCOREDB_NULL_ARGUMENT;
     StoreOptions const store = StoreOptionsOf(OptionsOf(options));
+    LeaveHandlesToParents();
     auto handle = std::make_unique<lscoredb>();
     handle->database = OpenDatabase(directory, store);
     *out = handle.release();
@@ -77,6 +78,7 @@ uint32_t lscoredb_open(char const* directory, lscoredb_options const* options, l
 uint32_t lscoredb_close(lscoredb* database) {
   return Guarded([&]() -> Status {
     if (database == nullptr) return LSCOREDB_NULL_ARGUMENT;
+    if (IsOfParent(*database)) return LORV_STATUS_OK;  // who has it open still
     if (database->contexts != 0) return LSCOREDB_IN_USE;
     CloseDatabase(std::move(database->database));
     std::unique_ptr<lscoredb> const closed(database);
@@ -87,6 +89,7 @@ uint32_t lscoredb_close(lscoredb* database) {
 uint32_t lscoredb_context_open(lscoredb* database, uint64_t* out_context) {
   return Guarded([&]() -> Status {
     if (database == nullptr || out_context == nullptr) return LSCOREDB_NULL_ARGUMENT;
+    if (IsOfParent(*database)) return LSCOREDB_OF_PARENT;
     auto context = std::make_unique<Context>(*database);
     *out_context = Contexts().Register(*context);
     context.release();  // the handle owns it now
@@ -220,6 +223,7 @@ uint32_t lscoredb_layout_stats(uint64_t context, uint32_t* count, lscoredb_layou
 uint32_t lscoredb_stats(lscoredb* database, lscoredb_statistics* out) {
   return Guarded([&]() -> Status {
     if (database == nullptr || out == nullptr) return LSCOREDB_NULL_ARGUMENT;
+    if (IsOfParent(*database)) return LSCOREDB_OF_PARENT;
     if (out->size < sizeof out->size) return LSCOREDB_INVALID_ARGUMENT;
     StoreStatistics const found = database->database->store().Statistics();
     lscoredb_statistics const all{out->size,

@@ -28,6 +28,7 @@ void PrepareTarget(char const* directory) {
 uint32_t lscoredb_copy(lscoredb* database, char const* directory) {
   return lscore::Guarded([&]() -> lscore::Status {
     if (database == nullptr || directory == nullptr) return LSCOREDB_NULL_ARGUMENT;
+    if (lscore::IsOfParent(*database)) return LSCOREDB_OF_PARENT;
     lscore::PrepareTarget(directory);
     lscore::CopyStore(database->database->store(), directory);
     return LORV_STATUS_OK;
@@ -38,6 +39,7 @@ uint32_t lscoredb_check(lscoredb* database, uint32_t flags, lscoredb_finding_cal
                         void* user) {
   return lscore::Guarded([&]() -> lscore::Status {
     if (database == nullptr) return LSCOREDB_NULL_ARGUMENT;
+    if (lscore::IsOfParent(*database)) return LSCOREDB_OF_PARENT;
     if ((flags & ~lscore::kKnownFlags) != 0) return LSCOREDB_INVALID_ARGUMENT;
     lscore::FindingSink sink(report, user);
     try {

@@ -5,6 +5,22 @@ namespace lscore {
 constinit NeverDestroyedHandleTable<Context> contexts;
 constinit NeverDestroyedHandleTable<OpenIterator> iterators;
 
+namespace {
+
+void ForgetHandles() {
+  Contexts().ForgetParent();
+  Iterators().ForgetParent();
+}
+
+}  // namespace
+
+void LeaveHandlesToParents() {
+  static bool const registered = (InEveryChild(ForgetHandles), true);
+  static_cast<void>(registered);
+}
+
+bool IsOfParent(lscoredb const& database) { return database.process != ProcessNumber(); }
+
 Context::Context(lscoredb& owner) : owner_(owner), transaction_(owner.database) {
   ++owner_.contexts;
 }

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "database.h"
+#include "fork.h"
 #include "handles.h"
 #include "iterator.h"
 #include "transaction.h"
@@ -18,11 +19,17 @@
 struct lscoredb {
   std::shared_ptr<lscore::Database> database;
   std::atomic<std::uint32_t> contexts{0};
+  std::uint64_t process = lscore::ProcessNumber();  // that opened it
 };
 
 namespace lscore {
 
 class Context;
+
+// From now on handles name nothing in a process that is forked off.
+void LeaveHandlesToParents();
+// Whether this process was forked off the one that opened the database.
+bool IsOfParent(lscoredb const& database);
 
 // An iterator and the handle that it was last known by.
 struct OpenIterator {

@@ -4,13 +4,14 @@
 // Handles that the outside may hold for ever: a number that is looked up without locks, and that
 // stops to name anything the moment its object is retired. A handle is a slot and how often it was
 // used. Objects are not owned. Find may be called from any thread with any number; the object that
-// it returns belongs to whoever may use the handle.
+// it returns belongs to whoever may use the handle. In a process that was forked off, those of
+// the parent name nothing.
 
 #include <array>
 #include <atomic>
 #include <cstdint>
-#include <memory>
 #include <mutex>
+#include <new>
 #include <vector>
 
 #include "status.h"
@@ -59,6 +60,14 @@ class HandleTable {
     free_.push_back(handle & 0xFFFFFFFF);  // never grows: TakeSlot reserved for it
   }
 
+  // In a forked child, where nothing else runs yet: lets go of all that the parent knows, without
+  // freeing it. New handles come from other slots, and so none equals one of the parent's.
+  void ForgetParent() {
+    for (std::size_t i = 0; i < chunk_count_; ++i) chunks_[i].store(nullptr);
+    new (&mutex_) std::mutex;
+    new (&free_) std::vector<std::uint64_t>;
+  }
+
  private:
   static constexpr std::size_t kChunk = 256;
   static constexpr std::size_t kChunks = 16384;
@@ -89,18 +98,17 @@ class HandleTable {
   }
 
   void AddChunk() {
-    if (owned_.size() == kChunks) Throw(LSCOREDB_NO_MEMORY);
-    std::size_t const number = owned_.size();
+    if (chunk_count_ == kChunks) Throw(LSCOREDB_NO_MEMORY);
+    std::size_t const number = chunk_count_;
     free_.reserve((number + 1) * kChunk);
-    owned_.reserve(number + 1);
-    owned_.push_back(std::make_unique<Chunk>());
-    chunks_[number].store(owned_.back().get(), std::memory_order_release);
+    chunks_[number].store(new Chunk, std::memory_order_release);
+    ++chunk_count_;
     for (std::size_t i = kChunk; i > 0; --i) free_.push_back(number * kChunk + i - 1);
   }
 
   std::array<std::atomic<Chunk*>, kChunks> chunks_{};
   std::mutex mutex_;
-  std::vector<std::unique_ptr<Chunk>> owned_;
+  std::size_t chunk_count_ = 0;  // chunks are never freed, as little as the table
   std::vector<std::uint64_t> free_;
 };
 

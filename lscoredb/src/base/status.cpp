@@ -44,6 +44,7 @@ constexpr Entry kTexts[] = {
     {LSCOREDB_DISK_FULL, "The disk is full."},
     {LSCOREDB_IO_ERROR, "Reading or writing the database failed."},
     {LSCOREDB_TOO_MANY_READERS, "Too many transactions are open at once."},
+    {LSCOREDB_OF_PARENT, "The database was opened by a process that this one was forked from."},
 };
 
 }  // namespace

@@ -10,6 +10,7 @@
 #include <cerrno>
 
 #include "definitions.h"
+#include "fork.h"
 #include "status.h"
 
 namespace lscore {
@@ -73,12 +74,14 @@ LayoutNumbers::LayoutNumbers(std::string const& directory) {
   Lock();
   if (alone_) BeginAnew();
   Map();
+  KeepFromChildren(file_);
   opened.Release();
   Mark(kNoLayout);
 }
 
 LayoutNumbers::~LayoutNumbers() {
   if (file_ < 0) return;
+  ForgetFile(file_);
   munmap(board_, sizeof(Board));
   close(file_);
 }

@@ -11,6 +11,7 @@
 #include <tuple>
 #include <utility>
 
+#include "fork.h"
 #include "layout_release.h"
 #include "open_store.h"
 #include "status.h"
@@ -29,9 +30,19 @@ struct Registry {
   std::map<DirectoryId, std::weak_ptr<Database>> open;
 };
 
+// Outlives all static objects that may hold databases. Null until it is asked for, and again in a
+// forked child, since a thread that is not there any more may have been working on it.
+std::atomic<Registry*> the_registry{nullptr};
+
+void ForgetRegistry() { the_registry = nullptr; }
+
 Registry& TheRegistry() {
-  static auto* const registry =
-      new Registry;  // outlives all static objects that may hold databases
+  static bool const registered = (InEveryChild(ForgetRegistry), true);
+  static_cast<void>(registered);
+  Registry* registry = the_registry;
+  if (registry != nullptr) return *registry;
+  auto fresh = std::make_unique<Registry>();
+  if (the_registry.compare_exchange_strong(registry, fresh.get())) return *fresh.release();
   return *registry;
 }
 

@@ -10,6 +10,8 @@
 #include <utility>
 
 #include "bytes.h"
+#include "fork.h"
+#include "library_call.h"
 #include "store_check.h"
 #include "store_errors.h"
 #include "store_header.h"
@@ -70,6 +72,8 @@ Status StatusOfStore(int code) {
       return LSCOREDB_NOT_A_DATABASE;
     case MDB_CORRUPTED:
     case MDB_PAGE_NOTFOUND:
+    case kBrokenPage:
+    case MDB_BAD_TXN:  // it met one before
       return LSCOREDB_DAMAGED;
     case ENOSPC:
     case EDQUOT:
@@ -87,7 +91,8 @@ Status StatusOfStore(int code) {
 bool LmdbView::Get(Tree tree, std::string_view key, std::string_view* value) const {
   MDB_val k = ValueOf(key);
   MDB_val v;
-  int const code = mdb_get(txn, store_.Handle(tree), &k, &v);
+  unsigned const handle = store_.Handle(tree);
+  int const code = CallLibrary([&] { return mdb_get(txn, handle, &k, &v); });
   if (code == MDB_NOTFOUND) return false;
   CheckStore(code);
   CheckPlace(BytesOf(v));
@@ -134,18 +139,43 @@ int LmdbSnapshot::Began(int code) {
 void LmdbSnapshot::Reset() { mdb_txn_reset(view_.txn); }
 
 LmdbBatch::LmdbBatch(LmdbStore& store) : store_(store), view_(store, false) {
+  if (store.given_up()) LmdbView::ThrowDamaged();
   CheckStore(mdb_txn_begin(store.env(), nullptr, 0, &view_.txn));
   set_id(view_.id());
+  try {
+    store.guard().Begin(mdb_txn_id(view_.txn) - 1);
+  } catch (...) {
+    mdb_txn_abort(view_.txn);
+    throw;
+  }
 }
 
 LmdbBatch::~LmdbBatch() {
   if (view_.txn != nullptr) mdb_txn_abort(view_.txn);
 }
 
+template <typename Write>
+int LmdbBatch::CallWriting(Write const& write) {
+  if (view_.txn == nullptr) LmdbView::ThrowDamaged();
+  int const code = CallLibrary(write);
+  if (code == kBrokenPage) {
+    view_.txn = nullptr;
+    store_.GiveUpWriting();
+  }
+  return code;
+}
+
+bool LmdbBatch::Get(Tree tree, std::string_view key, std::string_view* value) const {
+  store_.guard().Check(tree, key);
+  return view_.Get(tree, key, value);
+}
+
 int LmdbBatch::PutWith(unsigned flags, Tree tree, std::string_view key, std::string_view value) {
   MDB_val k = ValueOf(key);
   MDB_val v = ValueOf(value);
-  int const code = mdb_put(view_.txn, store_.Handle(tree), &k, &v, flags);
+  store_.guard().Check(tree, key);
+  unsigned const handle = store_.Handle(tree);
+  int const code = CallWriting([&] { return mdb_put(view_.txn, handle, &k, &v, flags); });
   if (code != MDB_KEYEXIST) changed_ = true;
   return code;
 }
@@ -167,7 +197,9 @@ void LmdbBatch::Append(Tree tree, std::string_view key, std::string_view value) 
 
 bool LmdbBatch::Delete(Tree tree, std::string_view key) {
   MDB_val k = ValueOf(key);
-  int const code = mdb_del(view_.txn, store_.Handle(tree), &k, nullptr);
+  store_.guard().CheckAround(tree, key);
+  unsigned const handle = store_.Handle(tree);
+  int const code = CallWriting([&] { return mdb_del(view_.txn, handle, &k, nullptr); });
   if (code == MDB_NOTFOUND) return false;
   changed_ = true;
   CheckStore(code);
@@ -175,10 +207,10 @@ bool LmdbBatch::Delete(Tree tree, std::string_view key) {
 }
 
 void LmdbBatch::Commit() {
-  MDB_txn* const txn = view_.txn;
-  view_.txn = nullptr;  // the library ends the transaction whatever comes of it
+  if (view_.txn == nullptr) LmdbView::ThrowDamaged();
   if (changed_) store_.watch().BeginCommit(id());
-  int const code = mdb_txn_commit(txn);
+  int const code = CallWriting([this] { return mdb_txn_commit(view_.txn); });
+  view_.txn = nullptr;  // the library ends the transaction whatever comes of it
   if (changed_) store_.watch().EndCommit(id(), code == 0);
   // A write that only found room for a part comes back without the reason.
   if (code == EIO && IsDiskFull(store_.env())) Throw(LSCOREDB_DISK_FULL);
@@ -207,7 +239,9 @@ bool LmdbCursor::Move(int operation, KeyValue* entry) {
   MDB_val k = ValueOf(entry->key);
   MDB_val v{};
   given_ = nullptr;
-  int const code = mdb_cursor_get(cursor_, &k, &v, static_cast<MDB_cursor_op>(operation));
+  MDB_cursor* const cursor = cursor_;
+  int const code = CallLibrary(
+      [&] { return mdb_cursor_get(cursor, &k, &v, static_cast<MDB_cursor_op>(operation)); });
   if (code == MDB_NOTFOUND) return false;
   CheckStore(code);
   view_->CheckPlace(BytesOf(k));
@@ -218,6 +252,7 @@ bool LmdbCursor::Move(int operation, KeyValue* entry) {
 }
 
 bool LmdbCursor::Seek(std::string_view key, KeyValue* entry) {
+  if (!of_snapshot_) view_->store().guard().CheckAround(tree_, key);
   KeyValue found{key, {}};
   if (!Move(MDB_SET_RANGE, &found)) return false;
   *entry = found;
@@ -255,7 +290,13 @@ bool LmdbCursor::EnterPage(KeyValue const& entry, EntryPage* page) {
 
 LmdbStore::~LmdbStore() {
   idle_.clear();
+  for (int const file : files_) ForgetFile(file);
   mdb_env_close(env_);
+}
+
+void LmdbStore::GiveUpWriting() noexcept {
+  given_up_ = true;
+  ReleaseWriteLock(env_);  // what is not found is free when the thread ends
 }
 
 int LmdbStore::TakeSnapshot(std::unique_ptr<LmdbSnapshot>* out) {

@@ -10,6 +10,7 @@
 #include <mutex>
 #include <vector>
 
+#include "page_guard.h"
 #include "store.h"
 
 struct MDB_env;
@@ -86,9 +87,7 @@ class LmdbBatch final : public Batch {
   explicit LmdbBatch(LmdbStore& store);
   ~LmdbBatch() override;
 
-  bool Get(Tree tree, std::string_view key, std::string_view* value) const override {
-    return view_.Get(tree, key, value);
-  }
+  bool Get(Tree tree, std::string_view key, std::string_view* value) const override;
   void OpenCursor(Tree tree, std::unique_ptr<TreeCursor>& cursor) const override {
     view_.OpenCursor(tree, cursor);
   }
@@ -99,6 +98,10 @@ class LmdbBatch final : public Batch {
   void Commit() override;
 
  private:
+  // Runs a call that changes pages. When it meets a broken page the batch is gone, and with it all
+  // writing of the store.
+  template <typename Write>
+  int CallWriting(Write const& write);
   int PutWith(unsigned flags, Tree tree, std::string_view key, std::string_view value);
 
   LmdbStore& store_;
@@ -155,6 +158,11 @@ class LmdbStore final : public Store {
   std::size_t page_size() const { return page_size_; }
   std::uint64_t states_before() const { return states_before_; }
   void NoteGrowth() noexcept;
+  PageGuard& guard() const { return guard_; }
+  // After a write that the library cannot take back: no batch begins any more, and other processes
+  // may write. REQUIRES: this thread has the lock for writing.
+  void GiveUpWriting() noexcept;
+  bool given_up() const { return given_up_; }
 
  private:
   friend class StoreOpener;
@@ -166,6 +174,9 @@ class LmdbStore final : public Store {
   std::unique_ptr<LmdbSnapshot> BeginBetweenCommits(std::unique_ptr<LmdbSnapshot> snapshot);
 
   MDB_env* env_ = nullptr;
+  std::vector<int> files_;   // that the library has open
+  PageGuard mutable guard_;  // of the batch that is open
+  std::atomic<bool> given_up_{false};
   std::uintptr_t map_begin_ = 0;  // where the file lies in memory
   std::size_t page_size_ = 0;
   std::uint64_t states_before_ = 0;  // that the file counts no more

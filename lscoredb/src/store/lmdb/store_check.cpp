@@ -12,6 +12,7 @@
 
 #include "bytes.h"
 #include "format.h"
+#include "library_call.h"
 #include "store_errors.h"
 
 namespace lscore {
@@ -26,6 +27,10 @@ ReadTransaction BeginReading(MDB_env* env) {
   MDB_txn* txn = nullptr;
   CheckStore(mdb_txn_begin(env, nullptr, MDB_RDONLY, &txn));
   return ReadTransaction(txn);
+}
+
+bool IsSameFile(struct stat const& a, struct stat const& b) {
+  return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
 }
 
 std::uintptr_t AddressOf(void const* data) { return reinterpret_cast<std::uintptr_t>(data); }
@@ -44,6 +49,32 @@ int FileOf(MDB_env* env) {
   int file = -1;
   CheckStore(mdb_env_get_fd(env, &file));
   return file;
+}
+
+// The library tells only one of them. It opens the lock file before that one, and the other one,
+// which alone syncs by itself, right after it.
+std::vector<int> FilesOf(MDB_env* env) {
+  constexpr int kNear = 64;
+  int const data = FileOf(env);
+  std::vector<int> files{data};
+  char const* directory = nullptr;
+  struct stat lock {};
+  struct stat status {};
+  CheckStore(mdb_env_get_path(env, &directory));
+  if (stat((std::string(directory) + "/lock.mdb").c_str(), &lock) == 0) {
+    int file = data - 1;
+    while (file >= 0 && (fstat(file, &status) != 0 || !IsSameFile(status, lock))) --file;
+    if (file >= 0) files.push_back(file);
+  }
+  struct stat own {};
+  if (fstat(data, &own) != 0) return files;
+  for (int file = data + 1; file < data + kNear; ++file) {
+    if (fstat(file, &status) != 0 || !IsSameFile(status, own)) continue;
+    if ((fcntl(file, F_GETFL) & O_DSYNC) == 0) continue;
+    files.push_back(file);
+    break;
+  }
+  return files;
 }
 
 void CheckDataFile(char const* directory) {
@@ -103,7 +134,7 @@ std::uintptr_t FindMap(MDB_env* env, unsigned tree) {
   ReadTransaction const txn = BeginReading(env);
   MDB_val key{format::kFormatKey.size(), const_cast<char*>(format::kFormatKey.data())};
   MDB_val value;
-  CheckStore(mdb_get(txn.get(), tree, &key, &value));
+  CheckStore(CallLibrary([&] { return mdb_get(txn.get(), tree, &key, &value); }));
   std::size_t const page_size = PageSize(env);
   std::uintptr_t const page = AddressOf(value.mv_data) / page_size * page_size;
   auto const number = Load<std::uint64_t>(reinterpret_cast<char const*>(page));

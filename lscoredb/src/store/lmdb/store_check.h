@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <vector>
 
 #include "store_pages.h"
 
@@ -33,6 +34,8 @@ void CheckLength(MDB_env* env);
 bool IsDiskFull(MDB_env* env);
 
 int FileOf(MDB_env* env);
+// The descriptors that the library has open: of the data file, twice, and of its lock file.
+std::vector<int> FilesOf(MDB_env* env);
 
 // The address of the file's first byte in memory, or 0 when it cannot be told. `tree` holds the
 // format record.

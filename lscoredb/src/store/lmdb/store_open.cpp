@@ -9,7 +9,9 @@
 
 #include "bytes.h"
 #include "checksummed_record.h"
+#include "fork.h"
 #include "format.h"
+#include "library_call.h"
 #include "lmdb_store.h"
 #include "store_check.h"
 #include "store_errors.h"
@@ -20,10 +22,6 @@ namespace {
 
 constexpr unsigned kTreeFlags[kTreeCount] = {MDB_INTEGERKEY, 0, 0, 0, 0};
 constexpr mode_t kFileMode = 0640;
-
-// A page that contradicts itself stops the store's walk; the call that met it fails and the process
-// goes on.
-[[noreturn]] void OnBrokenPage(MDB_env*, char const*) { Throw(LSCOREDB_DAMAGED); }
 
 // While opening, what the system refuses is told as that.
 void CheckOpening(int code) {
@@ -78,7 +76,7 @@ class MemoryDirectory {
 bool IsEmpty(MDB_txn* txn) {
   MDB_dbi main = 0;
   MDB_stat stat{};
-  CheckStore(mdb_dbi_open(txn, nullptr, 0, &main));
+  CheckStore(CallLibrary([&] { return mdb_dbi_open(txn, nullptr, 0, &main); }));
   CheckStore(mdb_stat(txn, main, &stat));
   return stat.ms_entries == 0;
 }
@@ -87,7 +85,7 @@ bool IsEmpty(MDB_txn* txn) {
 void CheckFormat(MDB_txn* txn, MDB_dbi meta) {
   MDB_val key{format::kFormatKey.size(), const_cast<char*>(format::kFormatKey.data())};
   MDB_val value;
-  int const code = mdb_get(txn, meta, &key, &value);
+  int const code = CallLibrary([&] { return mdb_get(txn, meta, &key, &value); });
   if (code == MDB_NOTFOUND) Throw(LSCOREDB_NOT_A_DATABASE);
   CheckStore(code);
   FieldReader fields({static_cast<char const*>(value.mv_data), value.mv_size});
@@ -100,7 +98,7 @@ void CheckFormat(MDB_txn* txn, MDB_dbi meta) {
 std::uint64_t ReadStatesBefore(MDB_txn* txn, MDB_dbi meta) {
   MDB_val key{format::kStatesBeforeKey.size(), const_cast<char*>(format::kStatesBeforeKey.data())};
   MDB_val value;
-  int const code = mdb_get(txn, meta, &key, &value);
+  int const code = CallLibrary([&] { return mdb_get(txn, meta, &key, &value); });
   if (code == MDB_NOTFOUND) return 0;
   CheckStore(code);
   std::string_view const stored_record(static_cast<char const*>(value.mv_data), value.mv_size);
@@ -114,7 +112,7 @@ void WriteFormat(MDB_txn* txn, MDB_dbi meta) {
   std::string record = format::FormatRecord(format::kFirstVersion);
   MDB_val key{format::kFormatKey.size(), const_cast<char*>(format::kFormatKey.data())};
   MDB_val value{record.size(), record.data()};
-  CheckStore(mdb_put(txn, meta, &key, &value, 0));
+  CheckStore(CallLibrary([&] { return mdb_put(txn, meta, &key, &value, 0); }));
 }
 
 }  // namespace
@@ -132,6 +130,8 @@ class StoreOpener {
     CheckDataFile(path);
     unsigned const flags = MDB_NOTLS | MDB_NORDAHEAD | (sync ? 0u : unsigned{MDB_NOSYNC});
     CheckOpening(mdb_env_open(env, path, flags, kFileMode));
+    store->files_ = FilesOf(env);
+    for (int const file : store->files_) KeepFromChildren(file);
     CheckLength(env);
     CheckPages(env, options.verify ? PageDepth::kAll : PageDepth::kRoots);
     int dead = 0;
@@ -139,6 +139,8 @@ class StoreOpener {
     OpenTrees(*store);
     store->page_size_ = PageSize(env);
     store->map_begin_ = FindMap(env, store->Handle(Tree::kMeta));
+    store->guard_.Open(FileOf(env), reinterpret_cast<char const*>(store->map_begin_),
+                       store->page_size_);
     return store;
   }
 
@@ -158,16 +160,20 @@ class StoreOpener {
       for (std::size_t i = 0; i < kTreeCount; ++i)
         OpenTree(store, txn, static_cast<Tree>(i), fresh);
     } catch (...) {
-      mdb_txn_abort(txn);
+      mdb_txn_abort(txn);  // nothing was written but into a file that had no pages
       throw;
     }
-    CheckStore(mdb_txn_commit(txn));
+    int const code = CallLibrary([&] { return mdb_txn_commit(txn); });
+    if (code == kBrokenPage) ReleaseWriteLock(store.env_);
+    CheckStore(code);
   }
 
   static void OpenTree(LmdbStore& store, MDB_txn* txn, Tree tree, bool create) {
     auto const i = static_cast<std::size_t>(tree);
     unsigned const flags = kTreeFlags[i] | (create ? unsigned{MDB_CREATE} : 0u);
-    int const code = mdb_dbi_open(txn, pages::kTreeNames[i], flags, &store.trees_[i]);
+    unsigned* const handle = &store.trees_[i];
+    int const code =
+        CallLibrary([&] { return mdb_dbi_open(txn, pages::kTreeNames[i], flags, handle); });
     if (code == MDB_NOTFOUND || code == MDB_INCOMPATIBLE) Throw(LSCOREDB_NOT_A_DATABASE);
     CheckStore(code);
   }

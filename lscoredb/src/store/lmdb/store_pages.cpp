@@ -8,7 +8,7 @@
 
 #include "bytes.h"
 #include "status.h"
-#include "store_header.h"
+#include "store_page.h"
 
 namespace lscore {
 namespace {
@@ -24,86 +24,6 @@ constexpr KnownTree kKnownTrees[] = {{"rows", kIntegerKeys},
                                      {"index", kByteKeys},
                                      {"definitions", kByteKeys},
                                      {"meta", kByteKeys}};
-
-// Keys from `low` on and below `high`. Empty ones bound nothing.
-struct Bounds {
-  std::string_view low;
-  std::string_view high;
-};
-
-// One node of a page; Page::Load has looked at its places.
-struct Node {
-  std::string_view key;
-  std::uint16_t value_kind = 0;
-  std::uint64_t child = 0;       // on a branch page
-  std::uint64_t value_size = 0;  // on a leaf
-  char const* value = nullptr;   // likewise; on overflow pages: their number
-};
-
-class Page {
- public:
-  // Why the bytes are no page of that kind, or null.
-  char const* Load(std::uint64_t number, std::size_t page_size, bool leaf, std::string bytes);
-
-  std::size_t count() const { return count_; }
-  Node At(std::size_t i) const;
-
- private:
-  std::uint16_t Short(std::size_t at) const { return lscore::Load<std::uint16_t>(&bytes_[at]); }
-  std::size_t Place(std::size_t i) const { return Short(kPageHead + 2 * i); }
-  // The bytes that a node takes, 0 when it does not fit into the page.
-  std::size_t NodeSize(std::size_t at) const;
-
-  std::string bytes_;
-  bool leaf_ = false;
-  std::size_t count_ = 0;
-};
-
-char const* Page::Load(std::uint64_t number, std::size_t page_size, bool leaf, std::string bytes) {
-  bytes_ = std::move(bytes);
-  leaf_ = leaf;
-  if (bytes_.size() < page_size) return "the file ends before it";
-  if (lscore::Load<std::uint64_t>(bytes_.data()) != number) return "it bears another number";
-  if (Short(10) != (leaf ? kLeaf : kBranch)) return "it is of another kind";
-  std::size_t const lower = Short(12);
-  std::size_t const upper = Short(14);
-  if (lower < kPageHead || lower % 2 != 0 || upper < lower || upper > page_size) {
-    return "its head contradicts itself";
-  }
-  count_ = (lower - kPageHead) / 2;
-  std::size_t used = 0;
-  for (std::size_t i = 0; i < count_; ++i) {
-    std::size_t const size = Place(i) < upper ? 0 : NodeSize(Place(i));
-    if (size == 0) return "an entry lies outside of it";
-    used += size;
-  }
-  return used == page_size - upper ? nullptr : "its entries overlap";
-}
-
-std::size_t Page::NodeSize(std::size_t at) const {
-  if (at % 2 != 0 || at + kNodeHead > bytes_.size()) return 0;
-  std::uint64_t size = kNodeHead + std::uint64_t{Short(at + 6)};
-  if (leaf_) {
-    bool const on_overflow = (Short(at + 4) & kValueOnOverflow) != 0;
-    size += on_overflow ? sizeof(std::uint64_t) : lscore::Load<std::uint32_t>(&bytes_[at]);
-  }
-  return at + size > bytes_.size() ? 0 : static_cast<std::size_t>(size + size % 2);
-}
-
-Node Page::At(std::size_t i) const {
-  char const* const at = bytes_.data() + Place(i);
-  Node node;
-  node.key = {at + kNodeHead, lscore::Load<std::uint16_t>(at + 6)};
-  if (leaf_) {
-    node.value_kind = lscore::Load<std::uint16_t>(at + 4);
-    node.value_size = lscore::Load<std::uint32_t>(at);
-    node.value = at + kNodeHead + node.key.size();
-  } else {
-    node.child =
-        lscore::Load<std::uint32_t>(at) | std::uint64_t{lscore::Load<std::uint16_t>(at + 4)} << 32;
-  }
-  return node;
-}
 
 // The pages that the file has room for. Of those behind it, which nobody has written, some may be
 // free.
@@ -136,11 +56,9 @@ class Walk {
 
   void WalkTree(std::string_view name, TreeRecord const& tree);
   void WalkPage(std::uint64_t number, std::uint16_t levels, Bounds bounds);
-  bool LoadPage(std::uint64_t number, std::uint16_t levels, Bounds bounds, Page& page);
+  bool LoadPage(std::uint64_t number, std::uint16_t levels, Bounds bounds, std::string& bytes,
+                Page& page);
   void WalkChildren(Page const& page, std::uint16_t levels, Bounds bounds);
-  bool KeysHold(Page const& page, bool leaf, Bounds bounds) const;
-  bool KeyHolds(std::string_view key) const;
-  bool Below(std::string_view a, std::string_view b) const;
   void WalkLeaf(Page const& page, Bounds bounds);
   void WalkValue(Node const& node);
   // The value's bytes, wherever they are; false when they cannot be read.
@@ -168,6 +86,7 @@ class Walk {
 };
 
 void Walk::Run() {
+  if (depth_ == PageDepth::kFreePages) return WalkTree(pages::kFreeTreeName, header_.free);
   WalkTree("trees", header_.trees);
   for (KnownTree const& known : kKnownTrees) {
     auto const at = std::find_if(named_.begin(), named_.end(),
@@ -203,26 +122,28 @@ void Walk::WalkTree(std::string_view name, TreeRecord const& tree) {
 
 // `levels` is the height of what stands below the page and itself.
 void Walk::WalkPage(std::uint64_t number, std::uint16_t levels, Bounds bounds) {
+  std::string bytes;
   Page page;
-  if (!LoadPage(number, levels, bounds, page)) return;
+  if (!LoadPage(number, levels, bounds, bytes, page)) return;
   bool const leaf = levels == 1;
   ++(leaf ? met_.leaf_pages : met_.branch_pages);
-  if (!KeysHold(page, leaf, bounds)) return Tell("its keys are out of order", bounds);
+  if (!KeysHold(page, leaf, tree_->key_kind, bounds))
+    return Tell("its keys are out of order", bounds);
   if (leaf) {
     WalkLeaf(page, bounds);
-  } else if (depth_ == PageDepth::kAll) {
+  } else if (depth_ != PageDepth::kRoots) {
     WalkChildren(page, levels, bounds);
   }
 }
 
-bool Walk::LoadPage(std::uint64_t number, std::uint16_t levels, Bounds bounds, Page& page) {
+bool Walk::LoadPage(std::uint64_t number, std::uint16_t levels, Bounds bounds, std::string& bytes,
+                    Page& page) {
   if (!Take(number, 1)) {
     Tell("it lies outside of the file, or is used twice", bounds);
     return false;
   }
-  std::string bytes;
   ReadAt(file_, number * header_.page_size, header_.page_size, bytes);
-  char const* const broken = page.Load(number, header_.page_size, levels == 1, std::move(bytes));
+  char const* const broken = page.Load(number, header_.page_size, levels == 1, bytes);
   std::size_t const fewest = levels == 1 || name_ == pages::kFreeTreeName ? 1 : 2;
   if (broken == nullptr && page.count() >= fewest) return true;
   Tell(broken != nullptr ? broken : "it has too few entries", bounds);
@@ -237,28 +158,6 @@ void Walk::WalkChildren(Page const& page, std::uint16_t levels, Bounds bounds) {
   }
 }
 
-// The first key of a branch page stands for everything below the second, whatever it is.
-bool Walk::KeysHold(Page const& page, bool leaf, Bounds bounds) const {
-  std::string_view before;
-  for (std::size_t i = leaf ? 0 : 1; i < page.count(); ++i) {
-    std::string_view const key = page.At(i).key;
-    if (!KeyHolds(key) || (!before.empty() && !Below(before, key))) return false;
-    if (before.empty() && !bounds.low.empty() && Below(key, bounds.low)) return false;
-    before = key;
-  }
-  return before.empty() || bounds.high.empty() || Below(before, bounds.high);
-}
-
-bool Walk::KeyHolds(std::string_view key) const {
-  return tree_->key_kind == kIntegerKeys ? key.size() == sizeof(std::uint64_t)
-                                         : !key.empty() && key.size() <= kMaxKey;
-}
-
-bool Walk::Below(std::string_view a, std::string_view b) const {
-  if (tree_->key_kind != kIntegerKeys) return a < b;
-  return Load<std::uint64_t>(a.data()) < Load<std::uint64_t>(b.data());
-}
-
 void Walk::WalkLeaf(Page const& page, Bounds bounds) {
   met_.entries += page.count();
   for (std::size_t i = 0; i < page.count(); ++i) {
@@ -268,7 +167,7 @@ void Walk::WalkLeaf(Page const& page, Bounds bounds) {
       WalkNamedTree(node);
     } else if (node.value_kind > kValueOnOverflow) {
       return Tell("an entry is of another kind", bounds);
-    } else if (depth_ == PageDepth::kAll || (!names && name_ != pages::kFreeTreeName)) {
+    } else if (depth_ != PageDepth::kRoots || (!names && name_ != pages::kFreeTreeName)) {
       WalkValue(node);
     }
   }

@@ -35,8 +35,9 @@ using PageReport = std::function<void(PageFault const&)>;
 void CheckFileHeader(int file);
 
 enum class PageDepth {
-  kRoots,  // the trees' names and first pages: a constant effort
-  kAll,    // each page that is in use, and the list of those that are not
+  kRoots,      // the trees' names and first pages: a constant effort
+  kFreePages,  // the list of pages that are not in use
+  kAll,        // each page that is in use, and the list of those that are not
 };
 
 // Walks the state that commit `commit` made. Returns false, with nothing told, when the file does
