@@ -324,8 +324,11 @@ std::uint64_t InsertRow(Transaction* transaction, Binding const& binding) {
 }
 
 void EnterIndexes(Transaction* transaction, Binding const& binding, std::uint64_t oid) {
-  sagleme::detail::CheckKernel(lorv_context_put_setspec(transaction->context_id, oid,
-                                                        binding.layout, binding.setspec.c_str()));
+  auto const status = lorv_context_put_setspec(transaction->context_id, oid, binding.layout,
+                                               binding.setspec.c_str());
+  if (status == 0) return;
+  throw sagleme::Error(status,
+                       std::string(NameOf(binding.type)) + ": " + lscoredb_status_text(status));
 }
 
 }  // namespace binding

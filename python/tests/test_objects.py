@@ -245,8 +245,9 @@ def test_a_read_transaction_refuses_writes(make):
 def test_a_second_value_of_a_unique_column(make):
     db = make(*MODELS)
     fill(db)
-    with pytest.raises(sg.DuplicateKey), db.write() as tx:
+    with pytest.raises(sg.DuplicateKey, match="^Book: ") as caught, db.write() as tx:
         tx.new(Book, isbn="isbn 3")
+    assert caught.value.status == 9021 and caught.value.hint
     with db.read() as tx:
         assert tx.all(Book).count() == 20
 
