@@ -38,14 +38,16 @@ if(SAGLEME_KERNEL STREQUAL "embedded")
   set(SAGLEME_PC_REQUIRES "lscoredb = ${PROJECT_VERSION}")
   set(SAGLEME_PC_KERNEL_LIBS "")
   configure_file(cmake/lscoredb.pc.in lscoredb.pc @ONLY)
-  install(FILES ${PROJECT_BINARY_DIR}/lscoredb.pc DESTINATION ${SAGLEME_PKGCONFIG_DIR})
+  configure_file(cmake/saglemehost.pc.in saglemehost.pc @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/lscoredb.pc ${PROJECT_BINARY_DIR}/saglemehost.pc
+          DESTINATION ${SAGLEME_PKGCONFIG_DIR})
 endif()
 configure_file(cmake/sagleme.pc.in sagleme.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/sagleme.pc DESTINATION ${SAGLEME_PKGCONFIG_DIR})
 
 # Everything that an installation needs and nothing else.
 add_custom_target(installable DEPENDS sagleme)
-foreach(part lscoredb sagleme_tool sagleme_manual)
+foreach(part lscoredb sagleme_host sagleme_tool sagleme_manual)
   if(TARGET ${part} AND NOT SAGLEME_KERNEL STREQUAL "system")
     add_dependencies(installable ${part})
   endif()

@@ -1,12 +1,12 @@
 #include "data/dump.h"
 
 #include <algorithm>
+#include <sagleme/counts.hpp>
+#include <sagleme/schema_document.hpp>
 
-#include "commands/counts.h"
 #include "commands/objects.h"
 #include "output/progress.h"
-#include "output/value_text.h"
-#include "schema/document.h"
+#include "text/json_value.h"
 
 namespace tool {
 namespace {
@@ -29,25 +29,26 @@ std::string ObjectLine(std::size_t place, sagleme::Object const& object,
   std::string line = "{\"t\": " + std::to_string(place) +
                      ", \"id\": " + std::to_string(object.id().value) + ", \"v\": [";
   bool first = true;
-  for (sagleme::Column const* const column : UserColumns(table)) {
-    line += (first ? "" : ", ") + ValueJson(object.Get(table, *column));
+  for (sagleme::Column const* const column : sagleme::UserColumns(table)) {
+    line += (first ? "" : ", ") + sagleme::ValueJson(object.Get(table, *column));
     first = false;
   }
   return line + "]}\n";
 }
 
-std::uint64_t CountAll(sagleme::Transaction& transaction, SchemaDoc const& schema) {
-  ObjectCounts const counts(transaction);
+std::uint64_t CountAll(sagleme::Transaction& transaction, sagleme::SchemaDoc const& schema) {
+  sagleme::ObjectCounts const counts(transaction);
   std::uint64_t total = 0;
-  for (TableDoc const& table : schema.tables) total += counts.Own(*transaction.table(table.name));
+  for (sagleme::TableDoc const& table : schema.tables)
+    total += counts.Own(*transaction.table(table.name));
   return total;
 }
 
 }  // namespace
 
 std::uint64_t Dump(sagleme::Transaction& transaction, Output const& to, Output const& report) {
-  SchemaDoc const schema = ReadSchema(transaction, false);
-  to.Print(OneLine(SchemaJson(schema)));
+  sagleme::SchemaDoc const schema = sagleme::ReadSchema(transaction, false);
+  to.Print(OneLine(sagleme::SchemaJson(schema)));
   Progress progress(report, "objects", CountAll(transaction, schema));
   std::uint64_t count = 0;
   for (std::size_t i = 0; i < schema.tables.size(); ++i) {

@@ -4,7 +4,7 @@
 
 #include "data/duplicates.h"
 #include "data/references.h"
-#include "output/value_text.h"
+#include "text/json_value.h"
 
 namespace tool {
 namespace {
@@ -79,8 +79,8 @@ sagleme::ObjectId Importer::IdOf(std::vector<RowField> const& row) const {
   if (!keep_ids_ || field == nullptr || field->null) return {};
   if (!IsNumber(field->text)) throw BadRow(field->place, "the id is no number");
   try {
-    return {std::get<std::uint64_t>(ParseValue(sagleme::Type::kULong, field->text))};
-  } catch (BadValue const& error) {
+    return {std::get<std::uint64_t>(sagleme::ParseValue(sagleme::Type::kULong, field->text))};
+  } catch (sagleme::BadValue const& error) {
     throw BadRow(field->place, error.what());
   }
 }
@@ -107,8 +107,8 @@ sagleme::Value Importer::ParseField(sagleme::Column const& column, RowField cons
     }
     sagleme::Value value = field.parse(column.type);
     if (!sagleme::IsNull(value) || column.nullable) return value;
-    throw BadValue("it has no value, and the column takes no null");
-  } catch (BadValue const& error) {
+    throw sagleme::BadValue("it has no value, and the column takes no null");
+  } catch (sagleme::BadValue const& error) {
     throw BadRow(field.place, fmt::format("column {}: {}", field.name, error.what()));
   }
 }

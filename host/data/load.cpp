@@ -4,14 +4,13 @@
 
 #include <filesystem>
 #include <nlohmann/json.hpp>
+#include <sagleme/schema_plan.hpp>
 
 #include "cli/failure.h"
 #include "commands/objects.h"
 #include "data/dump.h"
 #include "output/progress.h"
-#include "output/value_text.h"
-#include "schema/plan.h"
-#include "schema/validate.h"
+#include "text/json_value.h"
 
 namespace tool {
 namespace {
@@ -77,8 +76,9 @@ class Loader {
     sagleme::Context const context(database);
     ReserveIdentities(context);
     sagleme::Transaction transaction(context);
-    AssureDatabaseIdentity(transaction);
-    Apply(transaction, Compare(ReadSchema(transaction, false), schema_));
+    sagleme::AssureDatabaseIdentity(transaction);
+    sagleme::ApplyPlan(transaction,
+                       sagleme::CompareSchemas(sagleme::ReadSchema(transaction, false), schema_));
     WriteObjects(transaction);
     transaction.Commit();
     return lines_.size();
@@ -93,8 +93,8 @@ class Loader {
   void ReadAll() {
     std::string line;
     if (!std::getline(input_, line)) Refuse(1, "the dump is empty");
-    schema_ = ParseSchema(line, source_);
-    Validate(schema_, source_);
+    schema_ = sagleme::ParseSchema(line, source_);
+    sagleme::ValidateSchema(schema_, source_);
     while (std::getline(input_, line)) lines_.push_back(std::move(line));
     for (std::size_t i = 0; i < lines_.size(); ++i) {
       highest_ = std::max(highest_, ParseLine(i).at("id").get<std::uint64_t>());
@@ -129,12 +129,13 @@ class Loader {
   void WriteObjects(sagleme::Transaction& transaction) {
     Progress progress(report_, "objects", lines_.size());
     std::vector<sagleme::TablePtr> tables;
-    for (TableDoc const& table : schema_.tables) tables.push_back(transaction.table(table.name));
+    for (sagleme::TableDoc const& table : schema_.tables)
+      tables.push_back(transaction.table(table.name));
     for (std::size_t i = 0; i < lines_.size(); ++i) {
       Json const json = ParseLine(i);
       try {
         WriteObject(transaction, *tables[json["t"].get<std::size_t>()], json);
-      } catch (BadValue const& error) {
+      } catch (sagleme::BadValue const& error) {
         Refuse(i + 2, error.what());
       } catch (sagleme::Error const& error) {
         Refuse(i + 2, error.what());
@@ -146,10 +147,10 @@ class Loader {
 
   static void WriteObject(sagleme::Transaction& transaction, sagleme::Table const& table,
                           Json const& json) {
-    auto const columns = UserColumns(table);
+    auto const columns = sagleme::UserColumns(table);
     Json const& values = json["v"];
     if (values.size() != columns.size())
-      throw BadValue("it has not as many values as its table columns");
+      throw sagleme::BadValue("it has not as many values as its table columns");
     auto object =
         sagleme::Object::CreateWithId(transaction, table, {json["id"].get<std::uint64_t>()});
     for (std::size_t i = 0; i < columns.size(); ++i) {
@@ -161,7 +162,7 @@ class Loader {
   std::istream& input_;
   std::string source_;
   Output const& report_;
-  SchemaDoc schema_;
+  sagleme::SchemaDoc schema_;
   std::vector<std::string> lines_;
   std::uint64_t highest_ = 0;
 };

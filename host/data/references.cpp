@@ -4,7 +4,7 @@
 
 #include <optional>
 
-#include "output/value_text.h"
+#include "text/json_value.h"
 
 namespace tool {
 namespace {
@@ -29,7 +29,7 @@ sagleme::ObjectId ReferencedObject(sagleme::Transaction& transaction, sagleme::C
                                    std::string const& text) {
   auto const equals = text.find('=');
   if (equals == std::string::npos) {
-    throw BadValue(fmt::format("\"{}\" is neither an object's id nor column=value", text));
+    throw sagleme::BadValue(fmt::format("\"{}\" is neither an object's id nor column=value", text));
   }
   std::string const name = text.substr(0, equals);
   std::string const value = text.substr(equals + 1);
@@ -37,12 +37,13 @@ sagleme::ObjectId ReferencedObject(sagleme::Transaction& transaction, sagleme::C
   std::string const target_name = sagleme::ToUtf8(target->name);
   auto const index = UniqueIndexOver(transaction, *target, sagleme::ToUtf16(name));
   if (!index) {
-    throw BadValue(fmt::format("there is no unique index over column {} of {}", name, target_name));
+    throw sagleme::BadValue(
+        fmt::format("there is no unique index over column {} of {}", name, target_name));
   }
-  sagleme::Value const key = ParseValue(index->columns[0].type, value);
+  sagleme::Value const key = sagleme::ParseValue(index->columns[0].type, value);
   auto const found = sagleme::Range::Matching(transaction, *index, {key}).Next();
   if (found) return found->id();
-  throw BadValue(fmt::format("there is no {} with {} = {}", target_name, name, value));
+  throw sagleme::BadValue(fmt::format("there is no {} with {} = {}", target_name, name, value));
 }
 
 }  // namespace tool

@@ -5,7 +5,7 @@
 #include <nlohmann/json.hpp>
 #include <set>
 
-#include "output/value_text.h"
+#include "text/json_value.h"
 
 namespace tool {
 namespace {
@@ -46,7 +46,7 @@ class CsvSource : public RowSource {
     bool const null = field.text.empty() && !field.quoted;
     auto const parse = [null, text = field.text](sagleme::Type type) -> sagleme::Value {
       if (null) return sagleme::Null{};
-      return ParseValue(type, text);
+      return sagleme::ParseValue(type, text);
     };
     return {heading_[i].text, field.text, null, field.place, parse};
   }

@@ -1,5 +1,3 @@
-#include "diagram/diagram.h"
-
 #include <fmt/format.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -10,11 +8,11 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <sagleme/diagram.hpp>
+#include <sagleme/failure.hpp>
+#include <sagleme/value_text.hpp>
 
-#include "cli/failure.h"
-#include "output/text.h"
-
-namespace tool {
+namespace sagleme {
 namespace {
 
 std::string XmlText(std::string const& text) {
@@ -54,9 +52,9 @@ std::string DotNode(TableDoc const& table) {
   std::string rows =
       fmt::format("<tr><td bgcolor=\"#dde6f0\"><b>{}</b></td></tr>", XmlText(table.name));
   for (ColumnDoc const& column : table.columns) {
-    rows += fmt::format("<tr><td align=\"left\">{} <i>{}</i></td></tr>", XmlText(column.name),
-                        column.target.empty() ? std::string(sagleme::TypeName(column.type))
-                                              : XmlText(column.target));
+    rows += fmt::format(
+        "<tr><td align=\"left\">{} <i>{}</i></td></tr>", XmlText(column.name),
+        column.target.empty() ? std::string(TypeName(column.type)) : XmlText(column.target));
   }
   return fmt::format(
       "  {} [label=<<table border=\"0\" cellborder=\"1\" cellspacing=\"0\">{}</table>>];\n",
@@ -99,8 +97,7 @@ std::string MermaidDiagram(SchemaDoc const& schema) {
     std::string const name = MermaidName(table.name);
     text += fmt::format("  class {}[\"{}\"]\n", name, XmlText(table.name));
     for (ColumnDoc const& column : table.columns) {
-      text += fmt::format("  {} : {} {}\n", name, sagleme::TypeName(column.type),
-                          MermaidName(column.name));
+      text += fmt::format("  {} : {} {}\n", name, TypeName(column.type), MermaidName(column.name));
     }
   }
   for (TableDoc const& table : schema.tables) {
@@ -123,7 +120,8 @@ class TemporaryFile {
   explicit TemporaryFile(std::string const& text) {
     path_ = (std::filesystem::temp_directory_path() / "sagleme-XXXXXX").string();
     int const file = mkstemp(path_.data());
-    if (file < 0) throw Failure(Exit::kRefused, "cannot make a temporary file in " + path_);
+    if (file < 0)
+      throw Failure(Failure::Kind::kRefused, "cannot make a temporary file in " + path_);
     close(file);
     std::ofstream(path_, std::ios::binary) << text;
   }
@@ -141,15 +139,15 @@ class TemporaryFile {
 std::string SvgDiagram(SchemaDoc const& schema) {
   TemporaryFile const file(DotDiagram(schema));
   std::FILE* const pipe = popen(("dot -Tsvg '" + file.path() + "' 2>/dev/null").c_str(), "r");
-  if (pipe == nullptr) throw Failure(Exit::kRefused, "cannot run Graphviz");
+  if (pipe == nullptr) throw Failure(Failure::Kind::kRefused, "cannot run Graphviz");
   std::string svg;
   char buffer[4096];
   for (std::size_t count; (count = std::fread(buffer, 1, sizeof buffer, pipe)) != 0;) {
     svg.append(buffer, count);
   }
   if (pclose(pipe) == 0 && !svg.empty()) return svg;
-  throw Failure(Exit::kRefused, "Graphviz did not draw the diagram",
+  throw Failure(Failure::Kind::kRefused, "Graphviz did not draw the diagram",
                 "Install it: apt-get install graphviz");
 }
 
-}  // namespace tool
+}  // namespace sagleme

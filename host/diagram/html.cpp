@@ -1,7 +1,7 @@
-#include "diagram/diagram.h"
-#include "output/text.h"
+#include <sagleme/diagram.hpp>
+#include <sagleme/value_text.hpp>
 
-namespace tool {
+namespace sagleme {
 namespace {
 
 constexpr char const* kHead = R"html(<!DOCTYPE html>
@@ -154,4 +154,4 @@ std::string HtmlDiagram(SchemaDoc const& schema) {
   return kHead + Embedded(SchemaJson(schema)) + kTail;
 }
 
-}  // namespace tool
+}  // namespace sagleme

@@ -1,11 +1,11 @@
 #include <map>
+#include <sagleme/schema_plan.hpp>
 #include <set>
 
 #include "schema/matching.h"
-#include "schema/plan.h"
 #include "schema/renames.h"
 
-namespace tool {
+namespace sagleme {
 namespace {
 
 class Comparison {
@@ -89,6 +89,8 @@ class Comparison {
 
 }  // namespace
 
-Plan Compare(SchemaDoc const& from, SchemaDoc const& to) { return Comparison(from, to).Make(); }
+Plan CompareSchemas(SchemaDoc const& from, SchemaDoc const& to) {
+  return Comparison(from, to).Make();
+}
 
-}  // namespace tool
+}  // namespace sagleme

@@ -3,10 +3,9 @@
 #include <fmt/format.h>
 
 #include <functional>
+#include <sagleme/failure.hpp>
 
-#include "cli/failure.h"
-
-namespace tool {
+namespace sagleme {
 namespace {
 
 // Pairs entries of two lists: by identity first, then by "was" where no old entry has the new name
@@ -35,7 +34,7 @@ class Claims {
       Doc const* const found = find(entry);
       if (found == nullptr) continue;
       if (!claimed_.emplace(found, &entry).second) {
-        throw Failure(Exit::kUsage,
+        throw Failure(Failure::Kind::kBadInput,
                       fmt::format("{} {} and {} {} both claim to have been {}", what_,
                                   claimed_.at(found)->name, what_, entry.name, found->name));
       }
@@ -154,4 +153,4 @@ void Matching::MatchIndexes() {
   }
 }
 
-}  // namespace tool
+}  // namespace sagleme

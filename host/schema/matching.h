@@ -1,15 +1,14 @@
-#ifndef SAGLEME_TOOL_SCHEMA_MATCHING_H
-#define SAGLEME_TOOL_SCHEMA_MATCHING_H
+#ifndef SAGLEME_HOST_SCHEMA_MATCHING_H
+#define SAGLEME_HOST_SCHEMA_MATCHING_H
 
 // Which tables, columns and indexes of one schema are the same ones in another.
 
 #include <map>
+#include <sagleme/schema_document.hpp>
 #include <set>
 #include <string>
 
-#include "schema/document.h"
-
-namespace tool {
+namespace sagleme {
 
 // What is kept, by what it is now called and by what it will be called. A table is kept when its
 // base is; a column when its table is and its shape stays; an index when it stays word for word,
@@ -57,6 +56,6 @@ class Matching {
   std::set<std::string> indexes_;
 };
 
-}  // namespace tool
+}  // namespace sagleme
 
 #endif

@@ -2,11 +2,10 @@
 
 #include <initializer_list>
 #include <nlohmann/json.hpp>
+#include <sagleme/failure.hpp>
+#include <sagleme/schema_document.hpp>
 
-#include "cli/failure.h"
-#include "schema/document.h"
-
-namespace tool {
+namespace sagleme {
 namespace {
 
 using Json = nlohmann::json;
@@ -19,7 +18,7 @@ class Reader {
   }
 
   [[noreturn]] void Refuse(std::string const& what) const {
-    throw Failure(Exit::kUsage, fmt::format("{} {}", where_, what));
+    throw Failure(Failure::Kind::kBadInput, fmt::format("{} {}", where_, what));
   }
   void AllowOnly(std::initializer_list<std::string_view> names) const {
     for (auto const& [name, value] : json_.items()) {
@@ -66,10 +65,10 @@ class Reader {
   std::string where_;
 };
 
-sagleme::Type ParseType(Reader const& reader) {
+Type ParseType(Reader const& reader) {
   std::string const name = reader.Required("type");
-  for (std::size_t i = 1; i < sagleme::kTypeNames.size(); ++i) {
-    if (sagleme::kTypeNames[i] == name) return static_cast<sagleme::Type>(i);
+  for (std::size_t i = 1; i < kTypeNames.size(); ++i) {
+    if (kTypeNames[i] == name) return static_cast<Type>(i);
   }
   reader.Refuse(fmt::format("has the type \"{}\", which is not known", name));
 }
@@ -85,8 +84,8 @@ ColumnDoc ParseColumn(Json const& json, std::string const& table) {
                    ParseType(named),
                    named.Flag("nullable"),
                    named.Text("target")};
-  if (sagleme::MustBeNullable(column.type)) column.nullable = true;
-  bool const reference = column.type == sagleme::Type::kReference;
+  if (MustBeNullable(column.type)) column.nullable = true;
+  bool const reference = column.type == Type::kReference;
   if (reference == column.target.empty()) {
     named.Refuse(reference ? "is a reference without a \"target\""
                            : "has a \"target\" though it is no reference");
@@ -130,7 +129,7 @@ Json ParseJson(std::string const& text, std::string const& source) {
   } catch (Json::parse_error const& error) {
     auto const end = text.begin() + static_cast<std::ptrdiff_t>(std::min(error.byte, text.size()));
     auto const line = 1 + std::count(text.begin(), end, '\n');
-    throw Failure(Exit::kUsage, fmt::format("{}:{}: this is no JSON", source, line));
+    throw Failure(Failure::Kind::kBadInput, fmt::format("{}:{}: this is no JSON", source, line));
   }
 }
 
@@ -149,4 +148,4 @@ SchemaDoc ParseSchema(std::string const& text, std::string const& source) {
   return schema;
 }
 
-}  // namespace tool
+}  // namespace sagleme

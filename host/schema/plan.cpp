@@ -1,8 +1,8 @@
-#include "schema/plan.h"
-
 #include <fmt/format.h>
 
-namespace tool {
+#include <sagleme/schema_plan.hpp>
+
+namespace sagleme {
 namespace {
 
 struct Labels {
@@ -54,44 +54,39 @@ struct Sentences {
 
 class Applier {
  public:
-  explicit Applier(sagleme::Transaction& transaction) : transaction_(transaction) {}
+  explicit Applier(Transaction& transaction) : transaction_(transaction) {}
 
-  void operator()(change::DropIndex const& it) const {
-    sagleme::DropIndex(transaction_, sagleme::ToUtf16(it.index));
-  }
+  void operator()(change::DropIndex const& it) const { DropIndex(transaction_, ToUtf16(it.index)); }
   void operator()(change::DropColumn const& it) const {
-    sagleme::DropColumn(transaction_, sagleme::ToUtf16(it.table), sagleme::ToUtf16(it.column));
+    DropColumn(transaction_, ToUtf16(it.table), ToUtf16(it.column));
   }
   void operator()(change::DropTable const& it) const {
-    sagleme::DropOptions const forced{.children = false,
-                                      .force = true};  // references go in the plan
-    sagleme::DropTable(transaction_, sagleme::ToUtf16(it.table), forced);
+    DropOptions const forced{.children = false, .force = true};  // references go in the plan
+    DropTable(transaction_, ToUtf16(it.table), forced);
   }
   void operator()(change::RenameTable const& it) const {
-    sagleme::RenameTable(transaction_, sagleme::ToUtf16(it.table), sagleme::ToUtf16(it.new_name));
+    RenameTable(transaction_, ToUtf16(it.table), ToUtf16(it.new_name));
   }
   void operator()(change::RenameColumn const& it) const {
-    sagleme::RenameColumn(transaction_, sagleme::ToUtf16(it.table), sagleme::ToUtf16(it.column),
-                          sagleme::ToUtf16(it.new_name));
+    RenameColumn(transaction_, ToUtf16(it.table), ToUtf16(it.column), ToUtf16(it.new_name));
   }
   void operator()(change::CreateTable const& it) {
     references_open_ = true;
-    sagleme::CreateTable(transaction_, sagleme::ToUtf16(it.table.name),
-                         sagleme::ToUtf16(it.table.base), Specs(it.table.columns));
+    CreateTable(transaction_, ToUtf16(it.table.name), ToUtf16(it.table.base),
+                Specs(it.table.columns));
   }
   void operator()(change::AddColumns const& it) {
     FinishReferences();
-    sagleme::AddColumns(transaction_, sagleme::ToUtf16(it.table), Specs(it.columns));
+    AddColumns(transaction_, ToUtf16(it.table), Specs(it.columns));
   }
   void operator()(change::CreateIndex const& it) {
     FinishReferences();
-    std::vector<sagleme::IndexColumnSpec> columns;
+    std::vector<IndexColumnSpec> columns;
     for (IndexColumnDoc const& column : it.index.columns) {
-      columns.push_back({sagleme::ToUtf16(column.name), !column.descending});
+      columns.push_back({ToUtf16(column.name), !column.descending});
     }
-    sagleme::CreateIndex(
-        transaction_, sagleme::ToUtf16(it.index.name), sagleme::ToUtf16(it.table), columns,
-        it.index.unique ? sagleme::Uniqueness::kUnique : sagleme::Uniqueness::kAny);
+    CreateIndex(transaction_, ToUtf16(it.index.name), ToUtf16(it.table), columns,
+                it.index.unique ? Uniqueness::kUnique : Uniqueness::kAny);
   }
 
   // Columns whose targets come later have no type until then, and the layer neither indexes nor
@@ -102,16 +97,15 @@ class Applier {
   }
 
  private:
-  static std::vector<sagleme::ColumnSpec> Specs(std::vector<ColumnDoc> const& columns) {
-    std::vector<sagleme::ColumnSpec> specs;
+  static std::vector<ColumnSpec> Specs(std::vector<ColumnDoc> const& columns) {
+    std::vector<ColumnSpec> specs;
     for (ColumnDoc const& column : columns) {
-      specs.push_back({sagleme::ToUtf16(column.name), column.type, column.nullable,
-                       sagleme::ToUtf16(column.target)});
+      specs.push_back({ToUtf16(column.name), column.type, column.nullable, ToUtf16(column.target)});
     }
     return specs;
   }
 
-  sagleme::Transaction& transaction_;
+  Transaction& transaction_;
   bool references_open_ = false;
 };
 
@@ -131,12 +125,12 @@ std::string_view LabelName(Label label) {
   return "destructive";
 }
 
-std::string Describe(Change const& change) { return std::visit(Sentences{}, change); }
+std::string DescribeChange(Change const& change) { return std::visit(Sentences{}, change); }
 
-void Apply(sagleme::Transaction& transaction, Plan const& plan) {
+void ApplyPlan(Transaction& transaction, Plan const& plan) {
   Applier applier(transaction);
   for (Change const& change : plan) std::visit(applier, change);
   applier.FinishReferences();
 }
 
-}  // namespace tool
+}  // namespace sagleme

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-namespace tool {
+namespace sagleme {
 namespace {
 
 // Something with a name that may have to change. Names collide inside a scope.
@@ -105,4 +105,4 @@ void AddRenames(SchemaDoc const& from, SchemaDoc const& to, Matching const& kept
   RenameColumns(from, to, kept, plan);
 }
 
-}  // namespace tool
+}  // namespace sagleme

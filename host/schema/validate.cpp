@@ -1,13 +1,11 @@
-#include "schema/validate.h"
-
 #include <fmt/format.h>
 
 #include <map>
+#include <sagleme/failure.hpp>
+#include <sagleme/schema_document.hpp>
 #include <set>
 
-#include "cli/failure.h"
-
-namespace tool {
+namespace sagleme {
 
 ColumnDoc const* TableDoc::FindColumn(std::string const& column) const {
   for (ColumnDoc const& each : columns) {
@@ -23,7 +21,7 @@ TableDoc const* SchemaDoc::Find(std::string const& table) const {
   return nullptr;
 }
 
-SchemaDoc Completed(SchemaDoc const& wanted, SchemaDoc const& present) {
+SchemaDoc CompletedSchema(SchemaDoc const& wanted, SchemaDoc const& present) {
   SchemaDoc whole = wanted;
   if (wanted.part.empty()) return whole;
   std::set<std::string> inside{wanted.part};
@@ -53,7 +51,7 @@ class Validator {
  private:
   template <typename... Arguments>
   [[noreturn]] void Refuse(fmt::format_string<Arguments...> text, Arguments&&... arguments) const {
-    throw Failure(Exit::kUsage,
+    throw Failure(Failure::Kind::kBadInput,
                   source_ + ": " + fmt::format(text, std::forward<Arguments>(arguments)...));
   }
 
@@ -63,7 +61,7 @@ class Validator {
     return found == tables_.end() ? nullptr : found->second;
   }
   bool Exists(std::string const& table) const {
-    return tables_.contains(table) || sagleme::detail::IsSystemTable(sagleme::ToUtf16(table));
+    return tables_.contains(table) || detail::IsSystemTable(ToUtf16(table));
   }
 
   void CheckBases(TableDoc const& table) const {
@@ -123,9 +121,9 @@ class Validator {
 
 }  // namespace
 
-void Validate(SchemaDoc const& schema, std::string const& source) {
+void ValidateSchema(SchemaDoc const& schema, std::string const& source) {
   Validator validator(schema, source);
   for (TableDoc const& table : schema.tables) validator.Check(table);
 }
 
-}  // namespace tool
+}  // namespace sagleme

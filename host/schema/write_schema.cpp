@@ -1,7 +1,7 @@
-#include "output/text.h"
-#include "schema/document.h"
+#include <sagleme/schema_document.hpp>
+#include <sagleme/value_text.hpp>
 
-namespace tool {
+namespace sagleme {
 namespace {
 
 std::string Field(char const* name, std::string const& text) {
@@ -13,10 +13,10 @@ std::string Identity(std::uint64_t id) { return id == 0 ? "" : ", \"id\": " + st
 std::string ColumnJson(ColumnDoc const& column) {
   std::string json = "{\"name\": " + JsonString(column.name) + Identity(column.id);
   json += Field("was", column.was);
-  json += Field("type", std::string(sagleme::TypeName(column.type)));
+  json += Field("type", std::string(TypeName(column.type)));
   json += Field("target", column.target);
   // The types that always take null need no word about it.
-  if (column.nullable && !sagleme::MustBeNullable(column.type)) json += ", \"nullable\": true";
+  if (column.nullable && !MustBeNullable(column.type)) json += ", \"nullable\": true";
   return json + "}";
 }
 
@@ -64,4 +64,4 @@ std::string SchemaJson(SchemaDoc const& schema) {
   return json + "]\n}\n";
 }
 
-}  // namespace tool
+}  // namespace sagleme

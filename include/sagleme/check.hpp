@@ -29,6 +29,8 @@
 //
 // Memory grows with the catalogue and the findings of the kernel's part, not with the objects.
 
+#include <sagleme/export.h>
+
 #include <cstdint>
 #include <functional>
 #include <sagleme/host.hpp>
@@ -52,12 +54,12 @@ struct CheckOptions {
 // Checks the newest committed state of the database in `directory`, also when the process has it
 // open. Reads nothing before the pages of the file are known to hold together. Error when there is
 // none, and when the kernel cannot open it at all.
-void CheckDatabase(std::string const& directory, CheckOptions const& options,
-                   FindingReport const& report);
+SAGLEME_HOST_API void CheckDatabase(std::string const& directory, CheckOptions const& options,
+                                    FindingReport const& report);
 
 // The catalogue's part alone, as a transaction sees it.
-void CheckCatalogue(Transaction& transaction, CheckOptions const& options,
-                    FindingReport const& report);
+SAGLEME_HOST_API void CheckCatalogue(Transaction& transaction, CheckOptions const& options,
+                                     FindingReport const& report);
 
 }  // namespace sagleme
 

@@ -19,6 +19,8 @@
 // Other writers may work meanwhile: a batch that meets them is tried again. One vacuum at a time is
 // enough; two do no harm but step on each other's toes.
 
+#include <sagleme/export.h>
+
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -56,11 +58,12 @@ struct VacuumOptions {
 };
 
 // The requests as a transaction sees them.
-std::vector<VacuumRequest> VacuumRequests(Transaction& transaction);
+SAGLEME_HOST_API std::vector<VacuumRequest> VacuumRequests(Transaction& transaction);
 
 // Works off the requests that are there, and returns what was done. Error when a batch fails for
 // another reason than a conflict; what was committed before stays done.
-VacuumProgress RunVacuum(Context const& context, VacuumOptions const& options = {});
+SAGLEME_HOST_API VacuumProgress RunVacuum(Context const& context,
+                                          VacuumOptions const& options = {});
 
 }  // namespace sagleme
 

@@ -1,21 +1,19 @@
 #include <algorithm>
 #include <map>
 #include <random>
+#include <sagleme/schema_plan.hpp>
 
-#include "cli/failure.h"
 #include "run_tool.h"
-#include "schema/plan.h"
-#include "schema/validate.h"
 
 namespace tool_test {
 namespace {
 
-using tool::AssureDatabaseIdentity;
-using tool::ColumnDoc;
-using tool::IndexDoc;
-using tool::ReadSchema;
-using tool::SchemaDoc;
-using tool::TableDoc;
+using sagleme::AssureDatabaseIdentity;
+using sagleme::ColumnDoc;
+using sagleme::IndexDoc;
+using sagleme::ReadSchema;
+using sagleme::SchemaDoc;
+using sagleme::TableDoc;
 
 // Random schemas over a small stock of names, so that pairs of them have much in common.
 class Maker {
@@ -156,10 +154,10 @@ class Sample {
 };
 
 void Reach(sagleme::Transaction& transaction, SchemaDoc const& wanted) {
-  Validate(wanted, "made");
-  tool::Apply(transaction, Compare(ReadSchema(transaction, true), wanted));
+  ValidateSchema(wanted, "made");
+  sagleme::ApplyPlan(transaction, CompareSchemas(ReadSchema(transaction, true), wanted));
   EXPECT_EQ(Essence(wanted), Essence(ReadSchema(transaction, true)));
-  EXPECT_TRUE(Compare(ReadSchema(transaction, true), wanted).empty());
+  EXPECT_TRUE(CompareSchemas(ReadSchema(transaction, true), wanted).empty());
 }
 
 void RunSeed(sagleme::Context const& context, unsigned seed) {
@@ -198,7 +196,7 @@ TEST(Plan, TwoEntriesThatWereOne_AreRefused) {
   to.tables[0].was = "A";
   to.tables[1].name = "C";
   to.tables[1].was = "A";
-  EXPECT_THROW(Compare(from, to), tool::Failure);
+  EXPECT_THROW(CompareSchemas(from, to), sagleme::Failure);
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 // Failures as exceptions that carry the status and the text.
 
 #include <lscoredb/host.h>
+#include <sagleme/export.h>
 #include <sagleme/sagleme.h>
 
 #include <sagleme/host/text.hpp>
@@ -14,7 +15,7 @@
 
 namespace sagleme {
 
-class Error : public std::runtime_error {
+class SAGLEME_EXCEPTION Error : public std::runtime_error {
  public:
   Error(std::uint32_t status, std::string const& text)
       : std::runtime_error(text), status_(status) {}

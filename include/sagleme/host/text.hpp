@@ -7,6 +7,8 @@
 // any other unit's, and such bytes become a lone surrogate again, so that every stored text
 // survives the way out and back.
 
+#include <sagleme/export.h>
+
 #include <cstdint>
 #include <stdexcept>
 #include <string>
@@ -15,7 +17,7 @@
 namespace sagleme {
 
 // Bytes that are no UTF-8. `offset` is that of the first byte that does not belong.
-class BadUtf8 : public std::invalid_argument {
+class SAGLEME_EXCEPTION BadUtf8 : public std::invalid_argument {
  public:
   explicit BadUtf8(std::size_t offset)
       : std::invalid_argument("byte " + std::to_string(offset + 1) + " is not UTF-8"),

@@ -2,9 +2,28 @@
 
 #include <fmt/format.h>
 
+#include <sagleme/failure.hpp>
+
 #include "cli/interrupt.h"
 
 namespace tool {
+namespace {
+
+Exit ExitOf(sagleme::Failure::Kind kind) {
+  switch (kind) {
+    case sagleme::Failure::Kind::kBadData:
+      return Exit::kProblem;
+    case sagleme::Failure::Kind::kBadInput:
+      return Exit::kUsage;
+    case sagleme::Failure::Kind::kCannotOpen:
+      return Exit::kCannotOpen;
+    case sagleme::Failure::Kind::kRefused:
+      break;
+  }
+  return Exit::kRefused;
+}
+
+}  // namespace
 
 void TellFailure(Output const& output, std::string const& what, std::string const& advice) {
   output.Note(fmt::format("sagleme: {}\n", what));
@@ -19,6 +38,9 @@ Exit Guarded(Output const& output, std::function<Exit()> const& work) {
   } catch (Failure const& failure) {
     TellFailure(output, failure.what(), failure.advice());
     return failure.exit();
+  } catch (sagleme::Failure const& failure) {
+    TellFailure(output, failure.what(), failure.advice());
+    return ExitOf(failure.kind());
   } catch (OutputClosed const&) {
     throw;
   } catch (Interrupted const&) {

@@ -1,11 +1,10 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <sagleme/schema_plan.hpp>
 
 #include "commands/commands.h"
 #include "commands/files.h"
-#include "schema/plan.h"
-#include "schema/validate.h"
 
 namespace tool {
 namespace {
@@ -35,10 +34,10 @@ class ApplySchema : public Command {
   Exit Run(Session& session, Output& output) override;
 
  private:
-  Plan MakePlan(sagleme::Transaction& transaction, SchemaDoc const& wanted) const;
-  void NoteStranger(sagleme::Transaction& transaction, SchemaDoc const& wanted,
+  sagleme::Plan MakePlan(sagleme::Transaction& transaction, sagleme::SchemaDoc const& wanted) const;
+  void NoteStranger(sagleme::Transaction& transaction, sagleme::SchemaDoc const& wanted,
                     Output const& output);
-  void RefuseDestructive(Plan const& plan) const;
+  void RefuseDestructive(sagleme::Plan const& plan) const;
 
   std::string file_;
   bool plan_only_ = false;
@@ -46,25 +45,27 @@ class ApplySchema : public Command {
   bool stranger_ = false;  // the document was written by another database
 };
 
-void PrintPlan(Plan const& plan, Output const& output) {
-  for (Change const& change : plan) {
-    output.Print(fmt::format("{:<11}  {}\n", LabelName(LabelOf(change)), Describe(change)));
+void PrintPlan(sagleme::Plan const& plan, Output const& output) {
+  for (sagleme::Change const& change : plan) {
+    output.Print(fmt::format("{:<11}  {}\n", sagleme::LabelName(sagleme::LabelOf(change)),
+                             sagleme::DescribeChange(change)));
   }
   if (plan.empty()) output.Print("nothing to do\n");
 }
 
-Plan ApplySchema::MakePlan(sagleme::Transaction& transaction, SchemaDoc const& wanted) const {
-  SchemaDoc const present = ReadSchema(transaction, true);
-  SchemaDoc const whole = Completed(wanted, present);
-  Validate(whole, file_);
-  return Compare(present, whole);
+sagleme::Plan ApplySchema::MakePlan(sagleme::Transaction& transaction,
+                                    sagleme::SchemaDoc const& wanted) const {
+  sagleme::SchemaDoc const present = sagleme::ReadSchema(transaction, true);
+  sagleme::SchemaDoc const whole = sagleme::CompletedSchema(wanted, present);
+  sagleme::ValidateSchema(whole, file_);
+  return sagleme::CompareSchemas(present, whole);
 }
 
 // Where the document comes from another database its ids mean nothing here, and what differs looks
 // like something to drop.
-void ApplySchema::NoteStranger(sagleme::Transaction& transaction, SchemaDoc const& wanted,
+void ApplySchema::NoteStranger(sagleme::Transaction& transaction, sagleme::SchemaDoc const& wanted,
                                Output const& output) {
-  std::int64_t const own = DatabaseIdentity(transaction);
+  std::int64_t const own = sagleme::DatabaseIdentity(transaction);
   stranger_ = wanted.database != 0 && wanted.database != own;
   if (!stranger_) return;
   output.Note(
@@ -73,9 +74,9 @@ void ApplySchema::NoteStranger(sagleme::Transaction& transaction, SchemaDoc cons
                   file_));
 }
 
-void ApplySchema::RefuseDestructive(Plan const& plan) const {
-  bool const any = std::any_of(plan.begin(), plan.end(), [](Change const& change) {
-    return LabelOf(change) == Label::kDestructive;
+void ApplySchema::RefuseDestructive(sagleme::Plan const& plan) const {
+  bool const any = std::any_of(plan.begin(), plan.end(), [](sagleme::Change const& change) {
+    return sagleme::LabelOf(change) == sagleme::Label::kDestructive;
   });
   if (!any || destructive_) return;
   std::string const what = "the plan would lose values or objects; nothing was changed";
@@ -85,25 +86,25 @@ void ApplySchema::RefuseDestructive(Plan const& plan) const {
 }
 
 Exit ApplySchema::Run(Session& session, Output& output) {
-  SchemaDoc const wanted = ParseSchema(ReadFile(file_), file_);
+  sagleme::SchemaDoc const wanted = sagleme::ParseSchema(ReadFile(file_), file_);
   if (plan_only_) {
     bool anything = false;
     session.Read([&](sagleme::Transaction& transaction) {
       NoteStranger(transaction, wanted, output);
-      Plan const plan = MakePlan(transaction, wanted);
+      sagleme::Plan const plan = MakePlan(transaction, wanted);
       PrintPlan(plan, output);
       anything = !plan.empty();
     });
     return anything ? Exit::kSomethingToDo : Exit::kDone;
   }
   session.Write([&](sagleme::Transaction& transaction) {
-    AssureDatabaseIdentity(transaction);
+    sagleme::AssureDatabaseIdentity(transaction);
     NoteStranger(transaction, wanted, output);
-    Plan const plan = MakePlan(transaction, wanted);
+    sagleme::Plan const plan = MakePlan(transaction, wanted);
     PrintPlan(plan, output);
     RefuseDestructive(plan);
     output.Flush();  // nobody's changes are made behind a plan that could not be shown
-    if (!plan.empty()) Apply(transaction, plan);
+    if (!plan.empty()) sagleme::ApplyPlan(transaction, plan);
   });
   return Exit::kDone;
 }

@@ -1,7 +1,8 @@
 #include <fmt/format.h>
 
+#include <sagleme/schema_document.hpp>
+
 #include "commands/commands.h"
-#include "schema/document.h"
 
 namespace tool {
 namespace {
@@ -27,7 +28,7 @@ void ShowStep(Output const& output, int step) {
 void GiveIdentity(sagleme::Database const& database) {
   sagleme::Context const context(database);
   sagleme::Transaction transaction(context);
-  AssureDatabaseIdentity(transaction);
+  sagleme::AssureDatabaseIdentity(transaction);
   transaction.Commit();
 }
 

@@ -1,4 +1,4 @@
-#include "diagram/diagram.h"
+#include <sagleme/diagram.hpp>
 
 #include "commands/commands.h"
 
@@ -25,22 +25,22 @@ class Diagram : public Command {
   Exit Run(Session& session, Output& output) override;
 
  private:
-  std::string Draw(SchemaDoc const& schema) const;
+  std::string Draw(sagleme::SchemaDoc const& schema) const;
 
   std::string form_ = "dot";
   std::string file_;
 };
 
-std::string Diagram::Draw(SchemaDoc const& schema) const {
-  if (form_ == "mermaid") return MermaidDiagram(schema);
-  if (form_ == "svg") return SvgDiagram(schema);
-  if (form_ == "html") return HtmlDiagram(schema);
-  return DotDiagram(schema);
+std::string Diagram::Draw(sagleme::SchemaDoc const& schema) const {
+  if (form_ == "mermaid") return sagleme::MermaidDiagram(schema);
+  if (form_ == "svg") return sagleme::SvgDiagram(schema);
+  if (form_ == "html") return sagleme::HtmlDiagram(schema);
+  return sagleme::DotDiagram(schema);
 }
 
 Exit Diagram::Run(Session& session, Output& output) {
   session.Read([&](sagleme::Transaction& transaction) {
-    std::string const text = Draw(ReadSchema(transaction, false));
+    std::string const text = Draw(sagleme::ReadSchema(transaction, false));
     if (file_.empty()) return output.Print(text);
     NewFileWriter file(file_);
     file.Write(text);

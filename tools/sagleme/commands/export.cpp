@@ -1,9 +1,9 @@
 #include <fmt/format.h>
 
 #include <memory>
+#include <sagleme/counts.hpp>
 
 #include "commands/commands.h"
-#include "commands/counts.h"
 #include "commands/names.h"
 #include "data/exporter.h"
 #include "output/progress.h"
@@ -48,7 +48,7 @@ class Export : public Command {
 void Export::WriteAll(sagleme::Transaction& transaction, Output const& to,
                       Output const& report) const {
   sagleme::TablePtr const table = TableNamed(transaction, table_);
-  ObjectCounts const counts(transaction);
+  sagleme::ObjectCounts const counts(transaction);
   std::uint64_t const total = only_ ? counts.Own(*table) : counts.Subtree(*table);
   Progress progress(report, "objects", total);
   if (Form() == FileForm::kCsv) to.Print(CsvHeading(*table, !only_));

@@ -1,9 +1,9 @@
 #include <fmt/format.h>
 
 #include <filesystem>
+#include <sagleme/counts.hpp>
 
 #include "commands/commands.h"
-#include "commands/counts.h"
 #include "output/listing.h"
 
 namespace tool {
@@ -57,7 +57,7 @@ void AddCounts(sagleme::Transaction& transaction, Properties& properties) {
   auto const user = transaction.Tables();
   std::uint64_t indexes = 0;
   std::uint64_t objects = 0;
-  ObjectCounts const counts(transaction);
+  sagleme::ObjectCounts const counts(transaction);
   for (sagleme::TablePtr const& table : user) {
     indexes += table->indexes.size();
     objects += counts.Own(*table);
@@ -70,7 +70,7 @@ void AddCounts(sagleme::Transaction& transaction, Properties& properties) {
 
 void AddLayouts(sagleme::Transaction& transaction, Properties& properties) {
   std::uint64_t used = 0;
-  auto const layouts = LayoutStatistics(transaction);
+  auto const layouts = sagleme::LayoutStatistics(transaction);
   for (auto const& layout : layouts) used += layout.objects != 0 ? 1 : 0;
   properties.Add("layouts", Cell::Number(layouts.size()));
   properties.Add("layouts in use", Cell::Number(used));

@@ -77,14 +77,6 @@ std::optional<sagleme::Object> Follow(sagleme::Object at, std::string_view path)
 
 }  // namespace
 
-std::vector<sagleme::Column const*> UserColumns(sagleme::Table const& table) {
-  std::vector<sagleme::Column const*> columns;
-  for (sagleme::Column const& column : table.columns) {
-    if (!column.system()) columns.push_back(&column);
-  }
-  return columns;
-}
-
 ObjectList::ObjectList(Output const& output, sagleme::Transaction& transaction,
                        sagleme::TablePtr table, Columns columns)
     : table_(std::move(table)),

@@ -3,6 +3,7 @@
 
 // Objects as rows of a list and as lists of their properties.
 
+#include <sagleme/counts.hpp>
 #include <sagleme/host.hpp>
 #include <string>
 #include <vector>
@@ -11,6 +12,8 @@
 #include "output/listing.h"
 
 namespace tool {
+
+using sagleme::UserColumns;
 
 enum class Columns { kOfTable, kAll };
 
@@ -38,9 +41,6 @@ class ObjectList {
 // One object with all its properties. Each reference in `follow` is a path of column names joined
 // by dots, whose target's properties are shown too, under that path.
 Properties ObjectProperties(sagleme::Object const& object, std::vector<std::string> const& follow);
-
-// The columns that users see.
-std::vector<sagleme::Column const*> UserColumns(sagleme::Table const& table);
 
 }  // namespace tool
 

@@ -1,7 +1,8 @@
 #include <fmt/format.h>
 
+#include <sagleme/counts.hpp>
+
 #include "commands/commands.h"
-#include "commands/counts.h"
 #include "commands/objects.h"
 #include "commands/selection.h"
 
@@ -82,7 +83,7 @@ Exit Count::Run(Session& session, Output& output) {
     SearchRequest const request = selection_.Request(transaction);
     std::uint64_t count = 0;
     if (selection_.whole_table()) {
-      ObjectCounts const counts(transaction);
+      sagleme::ObjectCounts const counts(transaction);
       count = request.only ? counts.Own(*request.table) : counts.Subtree(*request.table);
     } else {
       Search(transaction, request).ForEach([&](sagleme::Object const&) { ++count; });

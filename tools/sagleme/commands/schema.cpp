@@ -1,8 +1,8 @@
 #include <algorithm>
+#include <sagleme/schema_document.hpp>
 
 #include "commands/commands.h"
 #include "commands/names.h"
-#include "schema/document.h"
 
 namespace tool {
 namespace {
@@ -29,8 +29,9 @@ class Schema : public Command {
 };
 
 // Leaves the tables that stand under one.
-void KeepSubtree(sagleme::Transaction& transaction, sagleme::Table const& top, SchemaDoc& schema) {
-  std::erase_if(schema.tables, [&](TableDoc const& table) {
+void KeepSubtree(sagleme::Transaction& transaction, sagleme::Table const& top,
+                 sagleme::SchemaDoc& schema) {
+  std::erase_if(schema.tables, [&](sagleme::TableDoc const& table) {
     return !transaction.table(sagleme::ToUtf16(table.name))->IsA(top);
   });
   schema.part = sagleme::ToUtf8(top.name);
@@ -38,9 +39,9 @@ void KeepSubtree(sagleme::Transaction& transaction, sagleme::Table const& top, S
 
 Exit Schema::Run(Session& session, Output& output) {
   session.Read([&](sagleme::Transaction& transaction) {
-    SchemaDoc schema = ReadSchema(transaction, !portable_);
+    sagleme::SchemaDoc schema = sagleme::ReadSchema(transaction, !portable_);
     if (!table_.empty()) KeepSubtree(transaction, *TableNamed(transaction, table_), schema);
-    output.Print(SchemaJson(schema));
+    output.Print(sagleme::SchemaJson(schema));
   });
   return Exit::kDone;
 }

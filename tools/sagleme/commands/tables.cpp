@@ -1,7 +1,8 @@
 #include <fmt/format.h>
 
+#include <sagleme/counts.hpp>
+
 #include "commands/commands.h"
-#include "commands/counts.h"
 #include "output/listing.h"
 
 namespace tool {
@@ -30,7 +31,7 @@ class Tables : public Command {
 
   bool tree_ = false;
   bool system_ = false;
-  ObjectCounts const* counts_ = nullptr;
+  sagleme::ObjectCounts const* counts_ = nullptr;
   Listing* listing_ = nullptr;
 };
 
@@ -54,7 +55,7 @@ void Tables::AddSubtree(sagleme::Transaction& transaction, sagleme::Table const&
 Exit Tables::Run(Session& session, Output& output) {
   Listing listing({"table", "base", "objects", "with descendants", "columns", "indexes"});
   session.Read([&](sagleme::Transaction& transaction) {
-    ObjectCounts const counts(transaction);
+    sagleme::ObjectCounts const counts(transaction);
     counts_ = &counts;
     listing_ = &listing;
     sagleme::TablePtr const root = sagleme::RootTable(transaction);

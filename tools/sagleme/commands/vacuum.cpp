@@ -1,11 +1,11 @@
 #include <fmt/format.h>
 
+#include <sagleme/counts.hpp>
 #include <sagleme/vacuum.hpp>
 #include <set>
 
 #include "cli/interrupt.h"
 #include "commands/commands.h"
-#include "commands/counts.h"
 #include "output/progress.h"
 #include "output/text.h"
 
@@ -47,7 +47,7 @@ std::uint64_t ToDo(Session& session) {
   session.Read([&](sagleme::Transaction& transaction) {
     std::set<std::uint16_t> current;
     for (sagleme::TablePtr const& table : transaction.Tables(true)) current.insert(table->layout);
-    for (auto const& layout : LayoutStatistics(transaction)) {
+    for (auto const& layout : sagleme::LayoutStatistics(transaction)) {
       if (!current.contains(layout.layout)) count += layout.objects;
     }
   });

@@ -1,7 +1,18 @@
-#ifndef SAGLEME_TOOL_SCHEMA_PLAN_H
-#define SAGLEME_TOOL_SCHEMA_PLAN_H
+#ifndef SAGLEME_SCHEMA_PLAN_HPP
+#define SAGLEME_SCHEMA_PLAN_HPP
 
 // A plan of changes that leads from one schema to another.
+//
+//   sagleme::SchemaDoc const wanted = sagleme::ParseSchema(text, "shop.json");
+//   sagleme::ValidateSchema(wanted, "shop.json");
+//   sagleme::Transaction transaction(context);
+//   sagleme::Plan const plan =
+//       sagleme::CompareSchemas(sagleme::ReadSchema(transaction, true), wanted);
+//   for (sagleme::Change const& change : plan) {
+//     if (sagleme::LabelOf(change) == sagleme::Label::kDestructive) return AskFirst(plan);
+//   }
+//   sagleme::ApplyPlan(transaction, plan);
+//   transaction.Commit();
 //
 // Changes are plain data, in the order in which they can be made; comparing makes them, printing
 // and applying are visitors. What is lost by a change, and when its work is done, is its label:
@@ -10,14 +21,13 @@
 //   background   objects are read at once, for an index, or moved later, by vacuum
 //   destructive  values or objects are lost
 
+#include <sagleme/schema_document.hpp>
 #include <string>
 #include <string_view>
 #include <variant>
 #include <vector>
 
-#include "schema/document.h"
-
-namespace tool {
+namespace sagleme {
 
 namespace change {
 
@@ -61,20 +71,20 @@ using Plan = std::vector<Change>;
 
 enum class Label { kInstant, kBackground, kDestructive };
 
-Label LabelOf(Change const& change);
-std::string_view LabelName(Label label);
+SAGLEME_HOST_API Label LabelOf(Change const& change);
+SAGLEME_HOST_API std::string_view LabelName(Label label);
 // One sentence.
-std::string Describe(Change const& change);
+SAGLEME_HOST_API std::string DescribeChange(Change const& change);
 
 // What leads from `from`, the schema of a database with identities, to `to`. Tables and columns are
-// known again by their identity, when `to` was written from the same database, by "was", or by
-// their name; never by likeness. The order of columns does not matter. Failure with kUsage when two
+// recognised by their identity, when `to` was written from the same database, by "was", or by their
+// name; never by likeness. The order of columns does not matter. Failure of kBadInput when two
 // entries of `to` claim the same table or column.
-Plan Compare(SchemaDoc const& from, SchemaDoc const& to);
+SAGLEME_HOST_API Plan CompareSchemas(SchemaDoc const& from, SchemaDoc const& to);
 
 // Makes the changes. Error when one is refused; the transaction is then to be rolled back.
-void Apply(sagleme::Transaction& transaction, Plan const& plan);
+SAGLEME_HOST_API void ApplyPlan(Transaction& transaction, Plan const& plan);
 
-}  // namespace tool
+}  // namespace sagleme
 
 #endif

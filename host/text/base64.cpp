@@ -1,8 +1,7 @@
 #include <array>
+#include <sagleme/value_text.hpp>
 
-#include "output/value_text.h"
-
-namespace tool {
+namespace sagleme {
 namespace {
 
 constexpr std::string_view kDigits =
@@ -16,7 +15,7 @@ std::uint32_t Digit(char digit) {
 
 }  // namespace
 
-std::string Base64(sagleme::Bytes const& bytes) {
+std::string Base64(Bytes const& bytes) {
   std::string text;
   text.reserve((bytes.size() + 2) / 3 * 4);
   for (std::size_t i = 0; i < bytes.size(); i += 3) {
@@ -30,10 +29,10 @@ std::string Base64(sagleme::Bytes const& bytes) {
   return text;
 }
 
-sagleme::Bytes ParseBase64(std::string_view text) {
+Bytes ParseBase64(std::string_view text) {
   if (text.size() % 4 != 0)
     throw BadValue("the text is not base64: its length is no multiple of 4");
-  sagleme::Bytes bytes;
+  Bytes bytes;
   bytes.reserve(text.size() / 4 * 3);
   for (std::size_t i = 0; i < text.size(); i += 4) {
     bool const last = i + 4 == text.size();
@@ -49,4 +48,4 @@ sagleme::Bytes ParseBase64(std::string_view text) {
   return bytes;
 }
 
-}  // namespace tool
+}  // namespace sagleme

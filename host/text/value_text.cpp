@@ -1,0 +1,172 @@
+#include <fmt/format.h>
+
+#include <charconv>
+#include <cmath>
+#include <limits>
+#include <nlohmann/json.hpp>
+#include <sagleme/host/text.hpp>
+#include <sagleme/value_text.hpp>
+
+#include "text/json_value.h"
+
+namespace sagleme {
+namespace {
+
+constexpr std::uint64_t kMillion = 1000000;
+
+struct ToText {
+  std::string operator()(Null) const { return ""; }
+  std::string operator()(bool value) const { return value ? "true" : "false"; }
+  std::string operator()(std::int64_t value) const { return std::to_string(value); }
+  std::string operator()(std::uint64_t value) const { return std::to_string(value); }
+  std::string operator()(Decimal value) const { return DecimalText(value); }
+  std::string operator()(float value) const { return Floating(value); }
+  std::string operator()(double value) const { return Floating(value); }
+  std::string operator()(std::u16string const& value) const { return ToUtf8(value); }
+  std::string operator()(Bytes const& value) const { return Base64(value); }
+  std::string operator()(ObjectId value) const { return std::to_string(value.value); }
+
+  template <typename T>
+  static std::string Floating(T value) {
+    return std::isnan(value) ? "nan" : fmt::format("{}", value);  // a sign of nan says nothing
+  }
+};
+
+struct ToJson {
+  std::string operator()(Null) const { return "null"; }
+  std::string operator()(float value) const { return Number(value); }
+  std::string operator()(double value) const { return Number(value); }
+  std::string operator()(Decimal value) const { return JsonString(DecimalText(value)); }
+  std::string operator()(Bytes const& value) const { return JsonString(Base64(value)); }
+  std::string operator()(std::u16string const& value) const {
+    return IsWellFormed(value) ? JsonString(ToUtf8(value)) : UnitsJson(value);
+  }
+  template <typename T>
+  std::string operator()(T const& value) const {
+    return ToText{}(value);
+  }
+
+  template <typename T>
+  static std::string Number(T value) {
+    std::string const text = ToText::Floating(value);
+    return std::isfinite(value) ? text : JsonString(text);
+  }
+};
+
+template <typename T>
+T ParseNumber(std::string_view text) {
+  T value{};
+  auto const [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+  if (error == std::errc::result_out_of_range) {
+    throw BadValue(fmt::format("{} is out of range", text));
+  }
+  if (error != std::errc() || end != text.data() + text.size() || text.empty()) {
+    throw BadValue(fmt::format("\"{}\" is not a number", text));
+  }
+  return value;
+}
+
+bool ParseBool(std::string_view text) {
+  if (text == "true" || text == "1") return true;
+  if (text == "false" || text == "0") return false;
+  throw BadValue(fmt::format("\"{}\" is neither true nor false", text));
+}
+
+[[noreturn]] void ThrowBadDecimal(std::string_view text) {
+  throw BadValue(
+      fmt::format("\"{}\" is not a decimal with at most six digits behind the point", text));
+}
+
+Decimal ParseDecimal(std::string_view text) {
+  bool const negative = text.starts_with('-');
+  std::string_view const digits = text.substr(negative ? 1 : 0);
+  auto const point = digits.find('.');
+  std::string fraction(point == std::string_view::npos ? "" : digits.substr(point + 1));
+  std::string const whole(digits.substr(0, point));
+  bool const only_digits = (whole + fraction).find_first_not_of("0123456789") == std::string::npos;
+  if (whole.empty() || !only_digits || fraction.size() > 6) ThrowBadDecimal(text);
+  fraction.resize(6, '0');
+  auto const value = ParseNumber<std::uint64_t>(whole + fraction);
+  constexpr auto kMost = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
+  if (value > kMost + (negative ? 1 : 0)) throw BadValue(fmt::format("{} is out of range", text));
+  return {static_cast<std::int64_t>(negative ? 0 - value : value)};
+}
+
+std::u16string ParseText(std::string_view text) {
+  try {
+    std::u16string units = ToUtf16(text);
+    if (units.find(u'\0') == std::u16string::npos) return units;
+  } catch (BadUtf8 const& error) {
+    throw BadValue(error.what());
+  }
+  throw BadValue("the text holds U+0000, which no stored text can");
+}
+
+std::u16string ParseUnits(nlohmann::json const& json) {
+  std::u16string units;
+  for (auto const& unit : json.at("utf16")) {
+    if (!unit.is_number_unsigned() || unit.get<std::uint64_t>() - 1 >= 0xFFFF) {
+      throw BadValue(unit.dump() + " is no unit of UTF-16 text");
+    }
+    units.push_back(unit.get<char16_t>());
+  }
+  return units;
+}
+
+}  // namespace
+
+std::string DecimalText(Decimal value) {
+  bool const negative = value.millionths < 0;
+  auto const magnitude = negative ? 0 - static_cast<std::uint64_t>(value.millionths)
+                                  : static_cast<std::uint64_t>(value.millionths);
+  std::string text = fmt::format("{}{}", negative ? "-" : "", magnitude / kMillion);
+  if (magnitude % kMillion == 0) return text;
+  text += fmt::format(".{:06}", magnitude % kMillion);
+  text.erase(text.find_last_not_of('0') + 1);
+  return text;
+}
+
+std::string ValueText(Value const& value) { return std::visit(ToText{}, value); }
+
+std::string ValueJson(Value const& value) { return std::visit(ToJson{}, value); }
+
+Value ParseValue(Type type, std::string_view text) {
+  switch (type) {
+    case Type::kString:
+      return ParseText(text);
+    case Type::kBinary:
+      return ParseBase64(text);
+    case Type::kLong:
+      return ParseNumber<std::int64_t>(text);
+    case Type::kULong:
+    case Type::kKey:
+      return ParseNumber<std::uint64_t>(text);
+    case Type::kDecimal:
+      return ParseDecimal(text);
+    case Type::kFloat:
+      return ParseNumber<float>(text);
+    case Type::kDouble:
+      return ParseNumber<double>(text);
+    case Type::kReference:
+      return ObjectId{ParseNumber<std::uint64_t>(text)};
+    case Type::kBool:
+      return ParseBool(text);
+  }
+  throw BadValue("the column's type is not known");
+}
+
+Value ParseJsonValue(Type type, nlohmann::json const& json) {
+  if (json.is_null()) return Null{};
+  if (json.is_object() && json.contains("utf16") && type == Type::kString) {
+    return ParseUnits(json);
+  }
+  if (json.is_string()) return ParseValue(type, json.get_ref<std::string const&>());
+  if (type == Type::kString || json.is_structured()) {
+    throw BadValue(json.dump() + " is not a " + std::string(TypeName(type)));
+  }
+  if (type == Type::kDouble && json.is_number()) return json.get<double>();
+  if (type == Type::kFloat && json.is_number()) return json.get<float>();
+  return ParseValue(type, json.dump());
+}
+
+}  // namespace sagleme

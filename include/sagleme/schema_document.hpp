@@ -1,0 +1,101 @@
+#ifndef SAGLEME_SCHEMA_DOCUMENT_HPP
+#define SAGLEME_SCHEMA_DOCUMENT_HPP
+
+// A schema as a document: plain values that are read from a database or from JSON, compared with
+// one another (<sagleme/schema_plan.hpp>) and written as JSON.
+//
+// Tables come after their bases, siblings by name. A table has the columns that it declares itself,
+// in order, and its indexes by name. Identities ("id", and "database" for whose they are) are
+// optional: with them a renamed table or column is recognised, without them only "was" tells of a
+// rename.
+//
+// Names are UTF-8. Values own what they hold; any thread may use its own.
+
+#include <sagleme/export.h>
+
+#include <cstdint>
+#include <sagleme/failure.hpp>
+#include <sagleme/host.hpp>
+#include <string>
+#include <vector>
+
+namespace sagleme {
+
+struct ColumnDoc {
+  std::string name;
+  std::string was;  // its former name, where this is a rename
+  std::uint64_t id = 0;
+  Type type = Type::kString;
+  bool nullable = true;
+  std::string target;  // the table that a reference points at
+
+  // Whether values of one can stay in the other.
+  bool SameShape(ColumnDoc const& other) const {
+    return type == other.type && nullable == other.nullable && target == other.target;
+  }
+};
+
+struct IndexColumnDoc {
+  std::string name;
+  bool descending = false;
+  friend bool operator==(IndexColumnDoc const&, IndexColumnDoc const&) = default;
+};
+
+struct IndexDoc {
+  std::string name;
+  bool unique = false;
+  std::vector<IndexColumnDoc> columns;
+  friend bool operator==(IndexDoc const&, IndexDoc const&) = default;
+};
+
+struct SAGLEME_HOST_API TableDoc {
+  std::string name;
+  std::string was;   // its former name, where this is a rename
+  std::string base;  // empty: the root of all tables
+  std::uint64_t id = 0;
+  std::vector<ColumnDoc> columns;
+  std::vector<IndexDoc> indexes;
+
+  // Null when there is none. Declared columns only.
+  ColumnDoc const* FindColumn(std::string const& column) const;
+};
+
+struct SAGLEME_HOST_API SchemaDoc {
+  std::int64_t database = 0;  // whose the identities are; 0: none are given
+  std::string part;           // the table whose subtree alone this is; empty: the whole
+  std::vector<TableDoc> tables;
+
+  // Null when there is none.
+  TableDoc const* Find(std::string const& table) const;
+};
+
+// The schema of a database; identities only on request, and only where the database has one itself.
+SAGLEME_HOST_API SchemaDoc ReadSchema(Transaction& transaction, bool identities);
+
+SAGLEME_HOST_API std::string SchemaJson(SchemaDoc const& schema);
+
+// Reads a document. `source` names it in messages. Failure of kBadInput, which says where in the
+// document something is wrong. ValidateSchema tells whether a database can be so.
+SAGLEME_HOST_API SchemaDoc ParseSchema(std::string const& json, std::string const& source);
+
+// Refuses, with Failure of kBadInput, a schema that no database can have:
+//
+//   1. two tables, or two indexes, of one name
+//   2. a base that is neither in the document nor a table of the catalogue, or a line of bases that
+//      comes back to where it began
+//   3. a column whose name occurs twice in a table, inherited ones included, or begins with "__"
+//   4. a reference to a table that is neither in the document nor of the catalogue
+//   5. an index without columns, or with one that its table does not have
+SAGLEME_HOST_API void ValidateSchema(SchemaDoc const& schema, std::string const& source);
+
+// A part together with what the database has outside of it; a whole is left alone.
+SAGLEME_HOST_API SchemaDoc CompletedSchema(SchemaDoc const& wanted, SchemaDoc const& present);
+
+// The number by which the documents of a database recognise it; 0 for none.
+SAGLEME_HOST_API std::int64_t DatabaseIdentity(Transaction& transaction);
+// Gives it one when it has none.
+SAGLEME_HOST_API void AssureDatabaseIdentity(Transaction& transaction);
+
+}  // namespace sagleme
+
+#endif
