@@ -86,6 +86,31 @@ TEST(OpenTest, OptionsAreCheckedAndMayBeShort) {
   EXPECT_STATUS(LSCOREDB_INVALID_ARGUMENT, TryOpen(directory / "d", &options));
 }
 
+TEST(OpenTest, ALockFileThatNoDiskHoldsIsRefused) {
+  TemporaryDirectory directory;
+  lscoredb_options options = NoSync();
+  for (std::uint32_t const readers : {65537u, 0xFFFFFFFFu}) {
+    options.max_readers = readers;
+    EXPECT_STATUS(LSCOREDB_INVALID_ARGUMENT, TryOpen(directory / "a", &options));
+  }
+  options.max_readers = 65536;
+  EXPECT_STATUS(0, TryOpen(directory / "a", &options));
+}
+
+// There is nothing yet that could be broken.
+TEST(OpenTest, WhatIsNewIsSoundWhenVerified) {
+  TemporaryDirectory directory;
+  lscoredb_options options = NoSync();
+  options.verify = 1;
+  EXPECT_NO_THROW(Database{options}) << "in memory";
+  for (int time = 0; time < 3; ++time) {
+    Database database(directory / "a", options);
+    Session session(database);
+    World const world(session);
+    world.CommittedRow(session, time);
+  }
+}
+
 TEST(OpenTest, NullPointersAreRefused) {
   EXPECT_STATUS(LSCOREDB_NULL_ARGUMENT, lscoredb_open(nullptr, nullptr, nullptr));
   EXPECT_STATUS(LSCOREDB_NULL_ARGUMENT, lscoredb_close(nullptr));

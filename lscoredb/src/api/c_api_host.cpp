@@ -9,6 +9,7 @@ namespace lscore {
 namespace {
 
 constexpr std::uint64_t kSmallestFile = 64 * 1024;
+constexpr std::uint32_t kMostReaders = 65536;  // each takes a line of the lock file
 constexpr std::uint64_t kMostRowMemory = std::uint64_t{1} << 40;
 
 // Fields that the caller's record is too short for count as 0.
@@ -22,6 +23,7 @@ lscoredb_options OptionsOf(lscoredb_options const* given) {
 
 StoreOptions StoreOptionsOf(lscoredb_options const& options) {
   if (options.durability > LSCOREDB_NO_SYNC || options.verify > 1) Throw(LSCOREDB_INVALID_ARGUMENT);
+  if (options.max_readers > kMostReaders) Throw(LSCOREDB_INVALID_ARGUMENT);
   StoreOptions store;
   store.verify = options.verify != 0;
   store.sync = options.durability == LSCOREDB_DURABLE;

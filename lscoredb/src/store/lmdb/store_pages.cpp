@@ -93,7 +93,8 @@ void Walk::Run() {
                                  [&](auto const& one) { return one.first == known.name; });
     name_ = known.name;
     if (at == named_.end()) {
-      if (depth_ == PageDepth::kAll) Tell("it is not there");
+      bool const fresh = header_.commit == 0;  // its creation is still to be committed
+      if (depth_ == PageDepth::kAll && !fresh) Tell("it is not there");
     } else if (at->second.key_kind != known.key_kind) {
       Tell("its record has keys of another kind");
     } else {
