@@ -75,15 +75,15 @@ std::string MermaidName(std::string const& text) {
 
 std::string DotDiagram(SchemaDoc const& schema) {
   std::string text =
-      "digraph schema {\n  rankdir=BT;\n  node [shape=plain, fontname=\"sans-serif\"];\n";
+      "digraph schema {\n  rankdir=RL;\n  node [shape=plain, fontname=\"sans-serif\"];\n";
   for (TableDoc const& table : schema.tables) text += DotNode(table);
   for (TableDoc const& table : schema.tables) {
-    if (!table.base.empty()) {
+    if (schema.Find(table.base) != nullptr) {
       text += fmt::format("  {} -> {} [arrowhead=onormal];\n", DotName(table.name),
                           DotName(table.base));
     }
     for (ColumnDoc const& column : table.columns) {
-      if (column.target.empty()) continue;
+      if (schema.Find(column.target) == nullptr) continue;  // not drawn
       text += fmt::format("  {} -> {} [style=dashed, constraint=false, label={}];\n",
                           DotName(table.name), DotName(column.target), DotName(column.name));
     }
@@ -102,9 +102,10 @@ std::string MermaidDiagram(SchemaDoc const& schema) {
   }
   for (TableDoc const& table : schema.tables) {
     std::string const name = MermaidName(table.name);
-    if (!table.base.empty()) text += fmt::format("  {} <|-- {}\n", MermaidName(table.base), name);
+    if (schema.Find(table.base) != nullptr)
+      text += fmt::format("  {} <|-- {}\n", MermaidName(table.base), name);
     for (ColumnDoc const& column : table.columns) {
-      if (column.target.empty()) continue;
+      if (schema.Find(column.target) == nullptr) continue;  // not drawn
       text += fmt::format("  {} ..> {} : {}\n", name, MermaidName(column.target),
                           MermaidName(column.name));
     }

@@ -28,6 +28,31 @@ TEST_F(PicturesTest, Mermaid_HasInheritanceAndReferences) {
   EXPECT_TRUE(Has(text, "App_Item ..> App_Person : Owner")) << text;
 }
 
+TEST_F(PicturesTest, Diagram_OfOneTable_HasItsDescendantsAndNoOthers) {
+  std::string const dot = On("diagram", {"Item"}).out;
+  EXPECT_TRUE(Has(dot, "\"App.Book\" -> \"App.Item\"")) << dot;
+  EXPECT_FALSE(Has(dot, "\"App.Person\"")) << dot;
+  Result const top = On("diagram", {"Item", "--depth", "0", "--as", "mermaid"});
+  EXPECT_TRUE(Has(top.out, "class App_Item")) << top.out;
+  EXPECT_FALSE(Has(top.out, "App_Book")) << top.out;
+  EXPECT_TRUE(Has(top.err, "2 tables left out")) << top.err;
+  On("diagram", {"Itm"}, 4);
+}
+
+TEST_F(PicturesTest, Diagram_OfManyTables_IsCutToAPage) {
+  std::string schema = R"({"schema": 1, "tables": [{"name": "Top"})";
+  for (int i = 0; i < 150; ++i) {
+    schema += ", {\"name\": \"T" + std::to_string(i) + "\", \"base\": \"Top\"}";
+  }
+  Apply(schema + "]}", {"--allow-destructive"});
+  Result const cut = On("diagram");
+  EXPECT_TRUE(Has(cut.err, "51 tables left out")) << cut.err;
+  EXPECT_TRUE(Has(cut.out, "\"Top\" ["));
+  EXPECT_TRUE(Has(On("diagram", {"--limit", "2"}).err, "149 tables left out"));
+  EXPECT_EQ("", On("diagram", {"--limit", "0"}).err);
+  EXPECT_EQ("", On("diagram", {"--as", "html"}).err);
+}
+
 TEST_F(PicturesTest, Diagram_InAnUnknownForm_IsUsage) { On("diagram", {"--as", "png"}, 2); }
 
 TEST_F(PicturesTest, Html_WithATableNamedLikeMarkup_StaysOnePage) {

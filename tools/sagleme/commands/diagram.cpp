@@ -1,6 +1,11 @@
+#include <fmt/format.h>
+
 #include <sagleme/diagram.hpp>
 
 #include "commands/commands.h"
+#include "commands/excerpt.h"
+#include "commands/names.h"
+#include "output/text.h"
 
 namespace tool {
 namespace {
@@ -13,23 +18,46 @@ class Diagram : public Command {
   }
   std::vector<Example> examples() const override {
     return {
-        {"diagram shop --as html --output shop.html", "a page with a tree that can be searched"},
-        {"diagram shop --as svg > shop.svg", "a picture, through Graphviz"}};
+        {"diagram shop --as html --output shop.html",
+         "a page with a tree that can be searched; shop.html#App.Customer leads to a table"},
+        {"diagram shop Customer --as svg > customer.svg",
+         "a picture of one table and those derived from it, through Graphviz"},
+        {"diagram shop --depth 1 --as mermaid", "the tables without a base and their children"}};
   }
   void Declare(CLI::App& app) override {
+    app.add_option("TABLE", table_, "Draw this table and the tables derived from it only")
+        ->type_name("");
     AddChoice(app, "--as", form_, {"dot", "mermaid", "svg", "html"},
               "The form of the diagram: dot (the default), mermaid, svg or html");
+    AddCount(app, "--depth", limits_.depth,
+             "Draw at most LEVELS levels of tables below the highest", "LEVELS");
+    AddCount(app, "--limit", limit_,
+             "Draw at most COUNT tables, the highest first; 0 for all. 100 by default, and all in "
+             "html");
     app.add_option("--output", file_, "Write to FILE instead of standard output")
         ->type_name("FILE");
   }
   Exit Run(Session& session, Output& output) override;
 
  private:
-  std::string Draw(sagleme::SchemaDoc const& schema) const;
+  static constexpr std::uint64_t kTablesOnAPicture = 100;
+  static constexpr std::uint64_t kUnset = UINT64_MAX;
 
+  std::uint64_t MostTables() const;
+  std::string Draw(sagleme::SchemaDoc const& schema) const;
+  sagleme::SchemaDoc Part(sagleme::Transaction& transaction, Output const& output);
+
+  std::string table_;
   std::string form_ = "dot";
   std::string file_;
+  std::uint64_t limit_ = kUnset;
+  ExcerptLimits limits_;
 };
+
+std::uint64_t Diagram::MostTables() const {
+  if (limit_ == kUnset) return form_ == "html" ? UINT64_MAX : kTablesOnAPicture;
+  return limit_ == 0 ? UINT64_MAX : limit_;
+}
 
 std::string Diagram::Draw(sagleme::SchemaDoc const& schema) const {
   if (form_ == "mermaid") return sagleme::MermaidDiagram(schema);
@@ -38,9 +66,23 @@ std::string Diagram::Draw(sagleme::SchemaDoc const& schema) const {
   return sagleme::DotDiagram(schema);
 }
 
+sagleme::SchemaDoc Diagram::Part(sagleme::Transaction& transaction, Output const& output) {
+  sagleme::SchemaDoc const schema = sagleme::ReadSchema(transaction, false);
+  if (!table_.empty()) limits_.top = sagleme::ToUtf8(UserTableNamed(transaction, table_)->name);
+  sagleme::SchemaDoc const wanted = Excerpt(schema, {.top = limits_.top});
+  limits_.tables = MostTables();
+  sagleme::SchemaDoc part = Excerpt(schema, limits_);
+  std::size_t const missing = wanted.tables.size() - part.tables.size();
+  if (missing != 0) {
+    output.Note(fmt::format("{} left out; --depth and --limit say how many are drawn\n",
+                            Counted(missing, "tables")));
+  }
+  return part;
+}
+
 Exit Diagram::Run(Session& session, Output& output) {
   session.Read([&](sagleme::Transaction& transaction) {
-    std::string const text = Draw(sagleme::ReadSchema(transaction, false));
+    std::string const text = Draw(Part(transaction, output));
     if (file_.empty()) return output.Print(text);
     NewFileWriter file(file_);
     file.Write(text);
