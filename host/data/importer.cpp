@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+
 #include "data/duplicates.h"
 #include "data/references.h"
 #include "text/json_value.h"
@@ -62,6 +64,26 @@ void Importer::RefuseDuplicate(sagleme::Object const& object, sagleme::Table con
   for (Assignment const& each : all) values.push_back({each.column, each.value});
   std::string const text = DescribeDuplicate(transaction_, object, table, values);
   if (!text.empty()) throw BadRow(assignment.place, text);
+}
+
+void Importer::CheckNames(std::vector<RowField> const& names) const {
+  bool const many_tables = FindField(names, kTableField) != nullptr;
+  std::vector<sagleme::TablePtr> tables{table_};
+  for (sagleme::TablePtr const& table : transaction_.Tables()) {
+    if (many_tables && table->IsA(*table_)) tables.push_back(table);
+  }
+  for (RowField const& field : names) {
+    if (field.name == kIdField || field.name == kTableField) continue;
+    std::u16string const name = sagleme::ToUtf16(field.name);
+    bool const known = std::any_of(tables.begin(), tables.end(), [&](auto const& table) {
+      sagleme::Column const* const column = table->FindColumn(name);
+      return column != nullptr && !column->system();
+    });
+    if (!known) {
+      throw BadRow(field.place, fmt::format("table {} has no column {}",
+                                            sagleme::ToUtf8(table_->name), field.name));
+    }
+  }
 }
 
 sagleme::TablePtr Importer::TableOf(std::vector<RowField> const& row) const {

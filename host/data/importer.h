@@ -26,6 +26,8 @@ class Importer {
   Importer(sagleme::Transaction& transaction, sagleme::TablePtr table, bool keep_ids)
       : transaction_(transaction), table_(std::move(table)), keep_ids_(keep_ids) {}
 
+  // BadRow for a name that no row of the table, or of one derived from it, can have.
+  void CheckNames(std::vector<RowField> const& names) const;
   // BadRow when it cannot; nothing of the row is then left.
   void Add(std::vector<RowField> const& row);
 

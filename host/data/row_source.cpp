@@ -38,6 +38,13 @@ class CsvSource : public RowSource {
   FilePlace place() const override { return place_; }
   std::string raw() const override { return reader_.raw(); }
   std::size_t bytes() const override { return reader_.bytes(); }
+  std::vector<RowField> names() const override {
+    std::vector<RowField> names;
+    for (CsvField const& field : heading_) {
+      names.push_back({field.text, field.text, false, field.place, {}});
+    }
+    return names;
+  }
   std::string heading() const override { return heading_text_; }
 
  private:

@@ -34,6 +34,8 @@ class RowSource {
   virtual FilePlace place() const = 0;  // where the row read last begins
   virtual std::string raw() const = 0;  // the row read last, as it stands in the file
   virtual std::size_t bytes() const = 0;
+  // The names that all rows have, where the file gives them once.
+  virtual std::vector<RowField> names() const { return {}; }
   // What has to stand in front of raw rows to make a file of the same form.
   virtual std::string heading() const { return ""; }
 };

@@ -109,6 +109,15 @@ TEST_F(DataTest, Import_BadFiles_AreToldWithTheirPlace) {
   EXPECT_EQ(0u, Count("Book"));
 }
 
+TEST_F(DataTest, Import_OfAnUnknownHeading_IsToldOnceWithItsPlace) {
+  std::string const file = Write("heading.csv", "Title,Isbm\nOne,1\nTwo,2\nThree,3\n");
+  Result const result = On("import", {"Book", file, "--reject", Path("rejected.csv")}, 1);
+  std::string const told = "heading.csv:1:7: table App.Book has no column Isbm\n";
+  EXPECT_NE(std::string::npos, result.err.find(told)) << result.err;
+  EXPECT_EQ(result.err.find("Isbm"), result.err.rfind("Isbm")) << result.err;
+  EXPECT_EQ("", ReadText(Path("rejected.csv")));
+}
+
 TEST_F(DataTest, Import_OfAReferenceThatLeadsNowhere_IsABadRow) {
   Result const result = On("import", {"Book", "-"}, 1, "Title,Owner\na,Name=Nobody\n");
   EXPECT_NE(std::string::npos, result.err.find("there is no App.Person with Name = Nobody"));

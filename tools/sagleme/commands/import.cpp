@@ -6,6 +6,7 @@
 #include "commands/commands.h"
 #include "commands/files.h"
 #include "commands/names.h"
+#include "commands/objects.h"
 #include "data/importer.h"
 #include "output/progress.h"
 #include "output/text.h"
@@ -38,6 +39,8 @@ class Import : public Command {
  private:
   std::unique_ptr<RowSource> Open(std::istream& input) const;
   void Reject(RowSource const& source, BadRow const& bad, Output const& output);
+  void CheckNames(RowSource const& source, Importer const& importer,
+                  sagleme::Table const& table) const;
   // False at the end.
   bool ImportOne(RowSource& source, Importer& importer, Output const& output);
   std::string Place(FilePlace place) const {
@@ -89,6 +92,22 @@ bool Import::ImportOne(RowSource& source, Importer& importer, Output const& outp
   return true;
 }
 
+// A name that is wrong is wrong in every row, and told once.
+void Import::CheckNames(RowSource const& source, Importer const& importer,
+                        sagleme::Table const& table) const {
+  try {
+    importer.CheckNames(source.names());
+  } catch (BadRow const& bad) {
+    std::vector<std::string> columns;
+    for (sagleme::Column const* const column : UserColumns(table)) {
+      columns.push_back(sagleme::ToUtf8(column->name));
+    }
+    throw Failure(
+        Exit::kProblem, fmt::format("{}: {}", Place(bad.place()), bad.what()),
+        fmt::format("Nothing was imported. Its columns are {}.", fmt::join(columns, ", ")));
+  }
+}
+
 Exit Import::Run(Session& session, Output& output) {
   taken_ = rejected_ = 0;
   auto const input = OpenFile(file_);
@@ -96,7 +115,9 @@ Exit Import::Run(Session& session, Output& output) {
   std::uint64_t const size = file_ == "-" ? 0 : std::filesystem::file_size(file_);
   Progress progress(output, "objects", size);
   session.Write([&](sagleme::Transaction& transaction) {
-    Importer importer(transaction, TableNamed(transaction, table_), keep_ids_);
+    sagleme::TablePtr const table = UserTableNamed(transaction, table_);
+    Importer importer(transaction, table, keep_ids_);
+    CheckNames(*source, importer, *table);
     while (true) {
       sagleme::ReadScope const scope(transaction.context());
       if (!ImportOne(*source, importer, output)) break;
