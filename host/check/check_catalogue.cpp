@@ -34,22 +34,21 @@ class CatalogueCheck {
   void Ordinals(Table const& table) const {
     for (std::size_t i = 0; i < table.columns.size(); ++i) {
       if (table.columns[i].ordinal == i) continue;
-      return Tell("ordinals", table, "column {} has the number {} where {} is due",
+      return Tell("ordinals", table, "column {} has number {} instead of {}",
                   ToUtf8(table.columns[i].name), table.columns[i].ordinal, i);
     }
-    if (table.columns.size() < 3)
-      Tell("ordinals", table, "the three hidden columns are not all there");
+    if (table.columns.size() < 3) Tell("ordinals", table, "a hidden column is missing");
   }
 
   void Inheritance(Table const& table) const {
     if (table.base.empty()) return;
     TablePtr const base = transaction_.Find(table.base);
     if (base == nullptr)
-      return Tell("inheritance", table, "the base {} is not there", ToUtf8(table.base));
+      return Tell("inheritance", table, "the base {} does not exist", ToUtf8(table.base));
     std::size_t inherited = 0;
     for (Column const& column : table.columns) inherited += column.inherited ? 1 : 0;
     if (inherited != base->columns.size()) {
-      Tell("inheritance", table, "{} columns are inherited, and the base has {}", inherited,
+      Tell("inheritance", table, "{} columns are inherited, but the base has {}", inherited,
            base->columns.size());
     }
     for (std::size_t i = 0; i < std::min(base->columns.size(), table.columns.size()); ++i) {
@@ -72,7 +71,7 @@ class CatalogueCheck {
                   lscoredb_status_text(status));
     }
     if (info.column_count != table.columns.size()) {
-      Tell("layout", table, "layout {} has {} columns, and the table {}", table.layout,
+      Tell("layout", table, "layout {} has {} columns, but the table has {}", table.layout,
            info.column_count, table.columns.size());
     }
     for (Column const& column : table.columns) LayoutColumn(table, column);

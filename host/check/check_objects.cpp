@@ -74,7 +74,7 @@ class ObjectCheck {
     TablePtr const wanted = transaction_.Find(column.target);
     if (target && wanted != nullptr && target->setspec().starts_with(wanted->setspec)) return;
     Tell("reference", table, object,
-         Say("column {} refers to {}, which is no {}", ToUtf8(column.name), id.value,
+         Say("column {} refers to {}, which is not a {}", ToUtf8(column.name), id.value,
              ToUtf8(column.target)));
   }
 

@@ -94,7 +94,7 @@ class RowCheck {
     std::set<std::u16string> seen;
     for (VacuumRequest const& request : VacuumRequests(transaction_)) {
       std::string const problem =
-          seen.insert(request.setspec).second ? ProblemOf(request) : "there are two of them";
+          seen.insert(request.setspec).second ? ProblemOf(request) : "there are two such requests";
       if (problem.empty()) continue;
       report_({"vacuum", ToUtf8(kVacuum), request.row.value,
                Say("the request for the set {}: {}", ToUtf8(request.setspec), problem)});

@@ -53,7 +53,7 @@ void CsvReader::ReadQuoted(CsvField& field) {
     field.text += static_cast<char>(byte);
   }
   if (Peek() != ',' && !AtLineEnd()) {
-    throw BadRow(place_, "something follows a closing quotation mark");
+    throw BadRow(place_, "a comma or the end of the line must follow a closing quotation mark");
   }
 }
 
@@ -65,7 +65,7 @@ CsvField CsvReader::ReadField() {
     return field;
   }
   while (Peek() != ',' && !AtLineEnd()) {
-    if (Peek() == '"') throw BadRow(place_, "a quotation mark stands inside a bare value");
+    if (Peek() == '"') throw BadRow(place_, "a value with a quotation mark in it must be quoted");
     field.text += static_cast<char>(Take());
   }
   return field;

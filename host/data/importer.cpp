@@ -99,7 +99,7 @@ sagleme::TablePtr Importer::TableOf(std::vector<RowField> const& row) const {
 sagleme::ObjectId Importer::IdOf(std::vector<RowField> const& row) const {
   RowField const* const field = FindField(row, kIdField);
   if (!keep_ids_ || field == nullptr || field->null) return {};
-  if (!IsNumber(field->text)) throw BadRow(field->place, "the id is no number");
+  if (!IsNumber(field->text)) throw BadRow(field->place, "the id is not a number");
   try {
     return {std::get<std::uint64_t>(sagleme::ParseValue(sagleme::Type::kULong, field->text))};
   } catch (sagleme::BadValue const& error) {
@@ -129,7 +129,7 @@ sagleme::Value Importer::ParseField(sagleme::Column const& column, RowField cons
     }
     sagleme::Value value = field.parse(column.type);
     if (!sagleme::IsNull(value) || column.nullable) return value;
-    throw sagleme::BadValue("it has no value, and the column takes no null");
+    throw sagleme::BadValue("a value is needed; the column takes no null");
   } catch (sagleme::BadValue const& error) {
     throw BadRow(field.place, fmt::format("column {}: {}", field.name, error.what()));
   }

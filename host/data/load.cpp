@@ -23,8 +23,8 @@ class Scaffold {
   explicit Scaffold(std::string place) : place_(std::move(place)), path_(place_ + ".loading") {
     std::error_code ignored;
     if (std::filesystem::exists(place_) && !std::filesystem::is_empty(place_, ignored)) {
-      throw Failure(Exit::kRefused, fmt::format("{} is there already", place_),
-                    "Name a directory that is not there yet.");
+      throw Failure(Exit::kRefused, fmt::format("{} already exists", place_),
+                    "Name a directory that does not exist.");
     }
     std::filesystem::remove_all(path_);  // of a load that was cut off
   }
@@ -87,7 +87,7 @@ class Loader {
  private:
   [[noreturn]] void Refuse(std::size_t line, std::string const& what) const {
     throw Failure(Exit::kProblem, fmt::format("{}:{}: {}", source_, line, what),
-                  "No database was made.");
+                  "No database was created.");
   }
 
   void ReadAll() {
@@ -112,7 +112,7 @@ class Loader {
       }
     } catch (Json::parse_error const&) {
     }
-    Refuse(i + 2, "this is no object of the dump");
+    Refuse(i + 2, "not an object of the dump");
   }
 
   // The rows of the new catalogue take identities above those of the objects once the highest of
@@ -150,7 +150,7 @@ class Loader {
     auto const columns = sagleme::UserColumns(table);
     Json const& values = json["v"];
     if (values.size() != columns.size())
-      throw sagleme::BadValue("it has not as many values as its table columns");
+      throw sagleme::BadValue("the number of values differs from the number of columns");
     auto object =
         sagleme::Object::CreateWithId(transaction, table, {json["id"].get<std::uint64_t>()});
     for (std::size_t i = 0; i < columns.size(); ++i) {

@@ -18,7 +18,7 @@ class CsvSource : public RowSource {
     std::set<std::string> names;
     for (CsvField const& field : heading_) {
       if (!names.insert(field.text).second) {
-        throw BadRow(field.place, fmt::format("the column {} stands twice", field.text));
+        throw BadRow(field.place, fmt::format("column {} is named twice", field.text));
       }
     }
   }
@@ -29,8 +29,8 @@ class CsvSource : public RowSource {
     if (!more) return false;
     place_ = fields_.front().place;
     if (fields_.size() != heading_.size()) {
-      throw BadRow(place_, fmt::format("the row has {} values, the heading {}", fields_.size(),
-                                       heading_.size()));
+      throw BadRow(place_, fmt::format("the row has {} values, but the heading has {}",
+                                       fields_.size(), heading_.size()));
     }
     for (std::size_t i = 0; i < fields_.size(); ++i) row.push_back(ToRowField(i));
     return true;
@@ -94,9 +94,9 @@ class JsonSource : public RowSource {
       nlohmann::json json = nlohmann::json::parse(text_);
       if (json.is_object()) return json;
     } catch (nlohmann::json::parse_error const& error) {
-      throw BadRow({line_, error.byte}, "the line is no JSON");
+      throw BadRow({line_, error.byte}, "the line is not valid JSON");
     }
-    throw BadRow({line_, 1}, "the line is no JSON object");
+    throw BadRow({line_, 1}, "the line is not a JSON object");
   }
   // JSON readers tell no places of values: where the name first stands is the best that there is.
   FilePlace PlaceOf(std::string const& name) const {

@@ -23,14 +23,14 @@ class Reader {
   void AllowOnly(std::initializer_list<std::string_view> names) const {
     for (auto const& [name, value] : json_.items()) {
       if (std::find(names.begin(), names.end(), name) == names.end()) {
-        Refuse(fmt::format("has a field \"{}\", which is not known", name));
+        Refuse(fmt::format("has an unknown field \"{}\"", name));
       }
     }
   }
   std::string Text(char const* name) const {
     if (!json_.contains(name)) return {};
     Json const& field = json_.at(name);
-    if (!field.is_string()) Refuse(fmt::format("has a \"{}\" that is no text", name));
+    if (!field.is_string()) Refuse(fmt::format("is wrong: \"{}\" must be a string", name));
     return field.get<std::string>();
   }
   std::string Required(char const* name) const {
@@ -42,20 +42,20 @@ class Reader {
   bool Flag(char const* name) const {
     if (!json_.contains(name)) return false;
     if (!json_.at(name).is_boolean())
-      Refuse(fmt::format("has a \"{}\" that is no truth value", name));
+      Refuse(fmt::format("is wrong: \"{}\" must be true or false", name));
     return json_.at(name).get<bool>();
   }
   std::uint64_t Number(char const* name) const {
     if (!json_.contains(name)) return 0;
     if (!json_.at(name).is_number_unsigned()) {
-      Refuse(fmt::format("has a \"{}\" that is no number", name));
+      Refuse(fmt::format("is wrong: \"{}\" must be a number", name));
     }
     return json_.at(name).get<std::uint64_t>();
   }
   template <typename Each>
   void ForEach(char const* name, Each&& each) const {
     if (!json_.contains(name)) return;
-    if (!json_.at(name).is_array()) Refuse(fmt::format("has a \"{}\" that is no list", name));
+    if (!json_.at(name).is_array()) Refuse(fmt::format("is wrong: \"{}\" must be an array", name));
     for (Json const& entry : json_.at(name)) each(entry);
   }
   std::string const& where() const { return where_; }
@@ -70,7 +70,7 @@ Type ParseType(Reader const& reader) {
   for (std::size_t i = 1; i < kTypeNames.size(); ++i) {
     if (kTypeNames[i] == name) return static_cast<Type>(i);
   }
-  reader.Refuse(fmt::format("has the type \"{}\", which is not known", name));
+  reader.Refuse(fmt::format("has an unknown type \"{}\"", name));
 }
 
 ColumnDoc ParseColumn(Json const& json, std::string const& table) {
@@ -88,7 +88,7 @@ ColumnDoc ParseColumn(Json const& json, std::string const& table) {
   bool const reference = column.type == Type::kReference;
   if (reference == column.target.empty()) {
     named.Refuse(reference ? "is a reference without a \"target\""
-                           : "has a \"target\" though it is no reference");
+                           : "has a \"target\" but is not a reference");
   }
   return column;
 }
@@ -129,7 +129,7 @@ Json ParseJson(std::string const& text, std::string const& source) {
   } catch (Json::parse_error const& error) {
     auto const end = text.begin() + static_cast<std::ptrdiff_t>(std::min(error.byte, text.size()));
     auto const line = 1 + std::count(text.begin(), end, '\n');
-    throw Failure(Failure::Kind::kBadInput, fmt::format("{}:{}: this is no JSON", source, line));
+    throw Failure(Failure::Kind::kBadInput, fmt::format("{}:{}: not valid JSON", source, line));
   }
 }
 
@@ -139,7 +139,7 @@ SchemaDoc ParseSchema(std::string const& text, std::string const& source) {
   Json const json = ParseJson(text, source);
   Reader const reader(json, source);
   reader.AllowOnly({"schema", "database", "part", "tables"});
-  if (reader.Number("schema") != 1) reader.Refuse("is no schema document of version 1");
+  if (reader.Number("schema") != 1) reader.Refuse("is not a schema document of version 1");
   SchemaDoc schema;
   schema.database = static_cast<std::int64_t>(reader.Number("database"));
   schema.part = reader.Text("part");

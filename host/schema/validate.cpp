@@ -38,7 +38,8 @@ class Validator {
  public:
   Validator(SchemaDoc const& schema, std::string const& source) : source_(source) {
     for (TableDoc const& table : schema.tables) {
-      if (!tables_.emplace(table.name, &table).second) Refuse("table {} stands twice", table.name);
+      if (!tables_.emplace(table.name, &table).second)
+        Refuse("table {} is defined twice", table.name);
     }
   }
 
@@ -69,7 +70,7 @@ class Validator {
     for (TableDoc const* at = &table; at != nullptr; at = Base(*at)) {
       if (!seen.insert(at->name).second) Refuse("table {} derives from itself", table.name);
       if (!at->base.empty() && !Exists(at->base)) {
-        Refuse("the base {} of table {} is not there", at->base, at->name);
+        Refuse("the base {} of table {} is not defined", at->base, at->name);
       }
     }
   }
@@ -85,11 +86,11 @@ class Validator {
     }
     for (ColumnDoc const& column : table.columns) {
       if (column.name.starts_with("__")) {
-        Refuse("column {} of table {}: names that begin with __ are the system's", column.name,
+        Refuse("column {} of table {}: names that begin with __ are reserved", column.name,
                table.name);
       }
       if (!column.target.empty() && !Exists(column.target)) {
-        Refuse("column {} of table {} refers to {}, which is not there", column.name, table.name,
+        Refuse("column {} of table {} refers to {}, which is not defined", column.name, table.name,
                column.target);
       }
     }
@@ -106,7 +107,7 @@ class Validator {
   }
 
   void CheckIndex(TableDoc const& table, IndexDoc const& index) {
-    if (!indexes_.insert(index.name).second) Refuse("index {} stands twice", index.name);
+    if (!indexes_.insert(index.name).second) Refuse("index {} is defined twice", index.name);
     if (index.columns.empty()) Refuse("index {} has no columns", index.name);
     for (IndexColumnDoc const& column : index.columns) {
       if (HasColumn(table, column.name)) continue;

@@ -31,7 +31,7 @@ std::string Base64(Bytes const& bytes) {
 
 Bytes ParseBase64(std::string_view text) {
   if (text.size() % 4 != 0)
-    throw BadValue("the text is not base64: its length is no multiple of 4");
+    throw BadValue("the text is not base64: its length is not a multiple of 4");
   Bytes bytes;
   bytes.reserve(text.size() / 4 * 3);
   for (std::size_t i = 0; i < text.size(); i += 4) {

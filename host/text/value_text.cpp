@@ -74,7 +74,7 @@ bool ParseBool(std::string_view text) {
 
 [[noreturn]] void ThrowBadDecimal(std::string_view text) {
   throw BadValue(
-      fmt::format("\"{}\" is not a decimal with at most six digits behind the point", text));
+      fmt::format("\"{}\" is not a decimal with at most six digits after the point", text));
 }
 
 Decimal ParseDecimal(std::string_view text) {
@@ -99,14 +99,14 @@ std::u16string ParseText(std::string_view text) {
   } catch (BadUtf8 const& error) {
     throw BadValue(error.what());
   }
-  throw BadValue("the text holds U+0000, which no stored text can");
+  throw BadValue("a stored text cannot contain U+0000");
 }
 
 std::u16string ParseUnits(nlohmann::json const& json) {
   std::u16string units;
   for (auto const& unit : json.at("utf16")) {
     if (!unit.is_number_unsigned() || unit.get<std::uint64_t>() - 1 >= 0xFFFF) {
-      throw BadValue(unit.dump() + " is no unit of UTF-16 text");
+      throw BadValue(unit.dump() + " is not a unit of UTF-16 text");
     }
     units.push_back(unit.get<char16_t>());
   }
@@ -152,7 +152,7 @@ Value ParseValue(Type type, std::string_view text) {
     case Type::kBool:
       return ParseBool(text);
   }
-  throw BadValue("the column's type is not known");
+  throw BadValue("the type of the column is not known");
 }
 
 Value ParseJsonValue(Type type, nlohmann::json const& json) {

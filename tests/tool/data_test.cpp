@@ -103,7 +103,7 @@ TEST_F(DataTest, Import_BadFiles_AreToldWithTheirPlace) {
             On("import", {"Book", "-"}, 1, "Title\n\xff\n").err.find("not UTF-8"));
   EXPECT_NE(std::string::npos, On("import", {"Book", "-"}, 1, "Isbn\n\n-1\n").err.find("-:3:1"));
   EXPECT_NE(std::string::npos,
-            On("import", {"Book", "-", "--jsonl"}, 1, "[1]\n").err.find("no JSON"));
+            On("import", {"Book", "-", "--jsonl"}, 1, "[1]\n").err.find("not a JSON object"));
   On("import", {"Book", Path("nothing")}, 2);
   On("import", {"Nothing", "-"}, 4, "a\n1\n");
   EXPECT_EQ(0u, Count("Book"));

@@ -148,19 +148,20 @@ TEST_F(SchemaTest, Apply_BadDocuments_AreUsageAndSayWhere) {
   auto const tables = [](std::string const& list) {
     return "{\"schema\": 1, \"tables\": [" + list + "]}";
   };
-  EXPECT_NE(std::string::npos, refused("{\n\n]").find("bad.json:3: this is no JSON"));
-  EXPECT_NE(std::string::npos, refused("{\"schema\": 2}").find("no schema document of version 1"));
+  EXPECT_NE(std::string::npos, refused("{\n\n]").find("bad.json:3: not valid JSON"));
+  EXPECT_NE(std::string::npos,
+            refused("{\"schema\": 2}").find("not a schema document of version 1"));
   EXPECT_NE(std::string::npos, refused(tables("{}")).find("has no \"name\""));
   EXPECT_NE(std::string::npos, refused(tables(R"({"name": "A", "colour": 1})")).find("\"colour\""));
   EXPECT_NE(std::string::npos,
-            refused(tables(R"({"name": "A"}, {"name": "A"})")).find("table A stands twice"));
+            refused(tables(R"({"name": "A"}, {"name": "A"})")).find("table A is defined twice"));
   EXPECT_NE(std::string::npos, refused(tables(R"({"name": "A", "base": "B"})")).find("the base B"));
   EXPECT_NE(std::string::npos,
             refused(tables(R"({"name": "A", "base": "B"}, {"name": "B", "base": "A"})"))
                 .find("derives from itself"));
   EXPECT_NE(std::string::npos,
             refused(tables(R"({"name": "A", "columns": [{"name": "x", "type": "text"}]})"))
-                .find("the type \"text\""));
+                .find("unknown type \"text\""));
   EXPECT_NE(std::string::npos,
             refused(tables(R"({"name": "A", "columns": [{"name": "x", "type": "reference"}]})"))
                 .find("without a \"target\""));
