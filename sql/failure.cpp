@@ -14,6 +14,7 @@ int ResultCode(std::uint32_t status) {
       return SQLITE_BUSY;
     case LSCOREDB_DUPLICATE_KEY:
     case LSCOREDB_ID_IN_USE:
+    case LSCOREDB_ID_GIVEN_OUT:
       return SQLITE_CONSTRAINT;
     case LSCOREDB_NO_MEMORY:
       return SQLITE_NOMEM;

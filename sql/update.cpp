@@ -164,7 +164,7 @@ void Row::Check(std::uint32_t status) const {
                   "UNIQUE constraint failed: " + at_.schema()->NameOf(*shape_.table) +
                       ": another object has the same values in the index " + UniqueIndexes());
   }
-  if (status == LSCOREDB_ID_IN_USE) {
+  if (status == LSCOREDB_ID_IN_USE || status == LSCOREDB_ID_GIVEN_OUT) {
     throw Failure(SQLITE_CONSTRAINT,
                   "UNIQUE constraint failed: " + at_.schema()->NameOf(*shape_.table) +
                       "._oid: ids are given once, and this one was");

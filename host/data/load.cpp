@@ -1,6 +1,5 @@
 #include <fmt/format.h>
-#include <sys/wait.h>
-#include <unistd.h>
+#include <lscoredb/host.h>
 
 #include <filesystem>
 #include <nlohmann/json.hpp>
@@ -16,6 +15,9 @@ namespace tool {
 namespace {
 
 using Json = nlohmann::json;
+
+// From here on the kernel does not come near identities that callers choose.
+constexpr std::uint64_t kFarIdentities = std::uint64_t{1} << 61;
 
 // A directory that is removed with the object unless it was given its final name.
 class Scaffold {
@@ -46,22 +48,14 @@ class Scaffold {
   std::string path_;
 };
 
-// A process that makes a database holds the first identities as given out. The objects of the dump
-// need theirs, so another process makes it.
-void CreateElsewhere(std::string const& directory) {
-  pid_t const child = fork();
-  if (child == 0) {
-    try {
-      sagleme::Database::Create(directory);
-    } catch (std::exception const&) {
-      _exit(1);
-    }
-    _exit(0);
-  }
-  int status = 0;
-  if (child < 0 || waitpid(child, &status, 0) != child || status != 0) {
-    throw Failure(Exit::kCannotOpen, fmt::format("cannot create {}", directory));
-  }
+// The kernel keeps its own identities above those of the dump, the catalogue's included: every
+// object comes back with the identity that it had, which may be known outside of the database.
+void LeaveIdentities(std::string const& directory, std::uint64_t first) {
+  lscoredb* kernel = nullptr;
+  sagleme::detail::CheckKernel(lscoredb_open(directory.c_str(), nullptr, &kernel));
+  auto const raised = lscoredb_raise_ids(kernel, first);
+  sagleme::detail::CheckKernel(lscoredb_close(kernel));
+  sagleme::detail::CheckKernel(raised);
 }
 
 class Loader {
@@ -71,10 +65,9 @@ class Loader {
 
   std::uint64_t Run(std::string const& directory) {
     ReadAll();
-    CreateElsewhere(directory);
-    auto const database = sagleme::Database::Open(directory);
+    LeaveIdentities(directory, highest_ + 1);
+    auto const database = sagleme::Database::Create(directory);
     sagleme::Context const context(database);
-    ReserveIdentities(context);
     sagleme::Transaction transaction(context);
     sagleme::AssureDatabaseIdentity(transaction);
     sagleme::ApplyPlan(transaction,
@@ -97,7 +90,8 @@ class Loader {
     sagleme::ValidateSchema(schema_, source_);
     while (std::getline(input_, line)) lines_.push_back(std::move(line));
     for (std::size_t i = 0; i < lines_.size(); ++i) {
-      highest_ = std::max(highest_, ParseLine(i).at("id").get<std::uint64_t>());
+      auto const id = ParseLine(i).at("id").get<std::uint64_t>();
+      if (id < kFarIdentities) highest_ = std::max(highest_, id);
     }
   }
 
@@ -113,17 +107,6 @@ class Loader {
     } catch (Json::parse_error const&) {
     }
     Refuse(i + 2, "not an object of the dump");
-  }
-
-  // The rows of the new catalogue take identities above those of the objects once the highest of
-  // these has been in use; that the use is undone does not matter.
-  void ReserveIdentities(sagleme::Context const& context) const {
-    if (highest_ == 0) return;
-    sagleme::RawTransaction const transaction(context);
-    auto const layout = sagleme::detail::Inside(
-        context.id(), [] { return metalayer::MotherOfAllLayouts::metaclass_layout_handle(); });
-    auto const status = lorvi_context_insert_with_id(context.id(), layout, highest_);
-    if (status != LSCOREDB_ID_IN_USE) sagleme::detail::CheckKernel(status);
   }
 
   void WriteObjects(sagleme::Transaction& transaction) {

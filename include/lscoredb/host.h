@@ -20,7 +20,13 @@
  *  5. Every function returns a status, 0 for success, and writes no output and changes nothing when
  *     it fails. lscoredb_status_text has a sentence for each.
  *  6. Identities of objects and indexes are never given out again, those of a transaction that is
- *     rolled back not while the process lives.
+ *     rolled back not while the process lives. Processes reserve them by blocks, in rising order.
+ *     From the first that none has reserved up to 2^63 - 1 a host may choose identities by
+ *     lorvi_context_insert_with_id, any that no committed object ever had; below it those that
+ *     lscoredb_raise_ids left free, or that a reservation stepped over because hosts had chosen
+ *     nearby ones. Others give LSCOREDB_ID_GIVEN_OUT, and LSCOREDB_ID_IN_USE where an object has
+ *     it. Identities that the kernel gives keep clear of chosen ones; when another process reserves
+ *     a block around one that is not committed yet, that commit gives LSCOREDB_ID_GIVEN_OUT.
  *  7. A layout number that a transaction took, whatever became of the transaction, is not given out
  *     again while any process has the database open that knows it. Afterwards the numbers of
  *     transactions that were rolled back are free, and those of layouts that were released, see
@@ -70,6 +76,7 @@ extern "C" {
 #define LSCOREDB_TOO_LARGE 9023u
 #define LSCOREDB_LAYOUTS_EXHAUSTED 9024u
 #define LSCOREDB_LAYOUT_IN_USE 9025u
+#define LSCOREDB_ID_GIVEN_OUT 9026u
 /* The database as a whole, its file and its surroundings. */
 #define LSCOREDB_IN_USE 9030u
 #define LSCOREDB_NOT_A_DATABASE 9031u
@@ -163,8 +170,8 @@ LSCOREDB_API uint32_t lscoredb_begin(uint64_t context, uint32_t flags);
 /* Makes the transaction's writes visible to later ones, and lasting; the transaction is over
  * whatever comes of it. LSCOREDB_NO_TRANSACTION: none is open. LSCOREDB_CONFLICT: another
  * transaction has committed a change of the same object since, or of the set of an index created
- * here; run the work again. LSCOREDB_DUPLICATE_KEY: a unique index would hold a key twice.
- * LSCOREDB_MAP_FULL, LSCOREDB_DISK_FULL: no room. */
+ * here; run the work again. LSCOREDB_ID_GIVEN_OUT: see rule 6. LSCOREDB_DUPLICATE_KEY: a unique
+ * index would hold a key twice. LSCOREDB_MAP_FULL, LSCOREDB_DISK_FULL: no room. */
 LSCOREDB_API uint32_t lscoredb_commit(uint64_t context);
 /* Ends the transaction and forgets its writes. */
 LSCOREDB_API uint32_t lscoredb_rollback(uint64_t context);
@@ -233,6 +240,13 @@ LSCOREDB_API uint32_t lscoredb_layout_stats(uint64_t context, uint32_t* count,
  * its transaction can go on, commit and roll back. */
 LSCOREDB_API uint32_t lscoredb_release_layout(uint64_t context, uint16_t layout);
 
+/* Has the kernel give only identities from `first` on, in all processes, but for some that contexts
+ * and other processes hold already. Those below that were never reserved may be chosen from then
+ * on. Whoever brings objects back with the identities they had calls it on the new database before
+ * anything else, with a number above them all. Done at once and for good, in no transaction; no
+ * change when the kernel is past `first`. LSCOREDB_INVALID_ARGUMENT: above 2^61. */
+LSCOREDB_API uint32_t lscoredb_raise_ids(lscoredb* database, uint64_t first);
+
 typedef struct lscoredb_statistics {
   size_t size;            /* set to sizeof(lscoredb_statistics) by the caller */
   uint64_t file_size;     /* bytes of the data file that have been used, free places included */
@@ -272,7 +286,8 @@ LSCOREDB_API uint32_t lscoredb_copy(lscoredb* database, char const* directory);
 #define LSCOREDB_FINDING_COUNT 5u
 /* The last change of an object is not noted for its set. object */
 #define LSCOREDB_FINDING_SET_CHANGE 6u
-/* An identity is in use and would be given out again. object, or index */
+/* The identity of an index would be given out again, or what says which identities may be chosen
+ * contradicts itself. index, or object */
 #define LSCOREDB_FINDING_NEXT_ID 7u
 /* An object's bytes or checksum are wrong, they are another object's, its layout is not there, or
  * it comes from a commit that has not been. object, layout */

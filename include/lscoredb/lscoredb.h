@@ -200,7 +200,8 @@ LSCOREDB_API uint32_t lorv_context_put_setspec(uint64_t context, uint64_t oid, u
 LSCOREDB_API uint32_t lorv_context_insert_system(uint64_t context, uint16_t table_id,
                                                  uint64_t* out_oid);
 LSCOREDB_API uint32_t lorv_context_insert(uint64_t context, uint16_t table_id, uint64_t* out_oid);
-/* Inserts an object with a given identity, which must not be in use nor have been given out. */
+/* Inserts an object with a given identity, which must not be in use nor have been given out, nor be
+ * among those that the kernel has reserved for itself. */
 LSCOREDB_API uint32_t lorvi_context_insert_with_id(uint64_t context, uint16_t table_id,
                                                    uint64_t oid);
 LSCOREDB_API uint32_t lorv_context_delete(uint64_t context, uint64_t oid, uint64_t addr);

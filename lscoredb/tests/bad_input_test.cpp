@@ -223,7 +223,7 @@ Calls BadInputTest::SchemaWrites() {
        }},
       {"insert_with_id",
        [this](Target const& t) {
-         return lorvi_context_insert_with_id(t.context, layout_, row_ + 5000);
+         return lorvi_context_insert_with_id(t.context, layout_, row_ + 500000);
        }},
       {"create_layout",
        [this](Target const& t) {

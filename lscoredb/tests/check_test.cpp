@@ -306,9 +306,20 @@ TEST_F(CheckTest, AChangeNotedUnderAnotherSetIsTold) {
   ExpectOnly({.kind = LSCOREDB_FINDING_DEFINITION});
 }
 
-TEST_F(CheckTest, AnIdentityThatWouldBeGivenOutAgainIsTold) {
-  Tree("meta").PutChecked("next-id", Little(outsider_, 8));
-  ExpectOnly(OfObject(LSCOREDB_FINDING_NEXT_ID, outsider_));
+TEST_F(CheckTest, RangesOfFreeIdentitiesThatContradictAreTold) {
+  auto const key = [](char first) { return "F" + std::string(7, '\0') + first; };
+  Tree("meta").PutChecked(key(5), Little(5, 8));
+  ExpectOnly(OfObject(LSCOREDB_FINDING_NEXT_ID, 5));
+  Tree("meta").PutChecked(key(5), Little(9, 8));
+  Tree("meta").PutChecked(key(8), Little(12, 8));
+  ExpectOnly(OfObject(LSCOREDB_FINDING_NEXT_ID, 8));
+  Tree("meta").PutChecked(key(8), Little(std::uint64_t{1} << 50, 8));
+  ExpectOnly(OfObject(LSCOREDB_FINDING_NEXT_ID, 8));
+}
+
+TEST_F(CheckTest, ADeletedIdentityThatIsInUseIsTold) {
+  Tree("meta").PutChecked("X" + std::string(7, '\0') + static_cast<char>(3), "");
+  ExpectOnly(OfObject(LSCOREDB_FINDING_NEXT_ID, 3));
 }
 
 TEST_F(CheckTest, AnIdentityOfAnIndexThatWouldBeGivenOutAgainIsTold) {

@@ -307,7 +307,7 @@ TEST_F(RowTest, InsertForSystemTablesIsAnInsert) {
 }
 
 TEST_F(RowTest, AGivenIdIsTakenOnceAndNeverHandedOutAgain) {
-  Oid const given = row_ + 500;
+  Oid const given = row_ + 100000;
   session_.InsertWithId(layout_, given);
   EXPECT_STATUS(LSCOREDB_ID_IN_USE, lorvi_context_insert_with_id(context(), layout_, given));
   EXPECT_STATUS(LSCOREDB_ID_IN_USE, lorvi_context_insert_with_id(context(), layout_, row_));
@@ -334,7 +334,7 @@ TEST_F(RowTest, TheIdOfADeletedObjectIsNotUsedAgain) {
   Restart();
   session_.Delete(row_);
   Restart();
-  EXPECT_STATUS(LSCOREDB_ID_IN_USE, lorvi_context_insert_with_id(context(), layout_, row_));
+  EXPECT_STATUS(LSCOREDB_ID_GIVEN_OUT, lorvi_context_insert_with_id(context(), layout_, row_));
 }
 
 TEST_F(RowTest, ARowOfHundredsOfColumnsKeepsTheFewThatAreWritten) {

@@ -70,7 +70,7 @@ TEST_F(ObjectsTest, CreateObject_StaleLayout_IsTheKernelsToRefuse) {
 }
 
 TEST_F(ObjectsTest, CreateObjectWithId_TakesTheId) {
-  uint64_t const chosen = CreateObject(u"Dog").oid + 1000;
+  uint64_t const chosen = CreateObject(u"Dog").oid + 1'000'000;
   uint64_t addr = 0;
   ExpectOk(lorv_crud_CreateObjectWithId(context(), Creator(u"Dog"), chosen, &addr));
   EXPECT_EQ(Creator(u"Dog")->layout.load(), addr);

@@ -208,6 +208,14 @@ uint32_t lscoredb_release_layout(uint64_t context, uint16_t layout) {
   });
 }
 
+uint32_t lscoredb_raise_ids(lscoredb* database, uint64_t first) {
+  return Guarded([&]() -> Status {
+    if (database == nullptr) return LSCOREDB_NULL_ARGUMENT;
+    database->database->ids().RaiseTo(first);
+    return LORV_STATUS_OK;
+  });
+}
+
 uint32_t lscoredb_layout_stats(uint64_t context, uint32_t* count, lscoredb_layout_statistics* out) {
   return WithTransaction(context, [&](Transaction& transaction) -> Status {
     if (count == nullptr || (out == nullptr && *count != 0)) return LSCOREDB_NULL_ARGUMENT;

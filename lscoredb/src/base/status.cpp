@@ -32,6 +32,8 @@ constexpr Entry kTexts[] = {
     {LSCOREDB_CONFLICT, "Another transaction changed the same data and was committed first."},
     {LSCOREDB_DUPLICATE_KEY, "A unique index holds this key already."},
     {LSCOREDB_ID_IN_USE, "The identity is in use or was given out before."},
+    {LSCOREDB_ID_GIVEN_OUT,
+     "The identity was used before, or is reserved for those that the database gives itself."},
     {LSCOREDB_TOO_LARGE, "A value is larger than the database can hold."},
     {LSCOREDB_LAYOUTS_EXHAUSTED, "All layout numbers are in use."},
     {LSCOREDB_LAYOUT_IN_USE, "Objects stand under the layout."},

@@ -1,10 +1,8 @@
 #include "allocators.h"
 
 #include <algorithm>
+#include <memory>
 
-#include "bytes.h"
-#include "checksummed_record.h"
-#include "format.h"
 #include "status.h"
 
 namespace lscore {
@@ -13,22 +11,10 @@ namespace {
 constexpr std::uint64_t kBlock = 65536;
 constexpr std::uint64_t kLow = kBlock / 4;
 constexpr std::uint64_t kPiece = 64;  // what a context takes at a time
-constexpr std::uint64_t kEnd = kFirstChosenId;
-
-void WriteMark(Batch& batch, std::uint64_t mark) {
-  std::string value;
-  Append(value, mark);
-  PutChecked(batch, Tree::kMeta, format::kNextIdKey, value);
-}
+constexpr std::uint64_t kEnd = kFirstNotGivenId;
+constexpr std::uint64_t kHighestRaise = kEnd / 2;
 
 }  // namespace
-
-std::uint64_t ReadIdMark(View const& view) {
-  std::string_view value;
-  if (!GetChecked(view, Tree::kMeta, format::kNextIdKey, &value)) return 1;
-  if (value.size() != 8) Throw(LSCOREDB_DAMAGED);
-  return Load<std::uint64_t>(value.data());
-}
 
 IdRange IdAllocator::Take() {
   for (;;) {
@@ -42,24 +28,10 @@ IdRange IdAllocator::Take() {
 }
 
 bool IdAllocator::TakeFrom(IdRange& range, IdRange* out) {
-  while (!range.empty()) {
-    auto const chosen = given_.lower_bound(range.next);
-    std::uint64_t end = std::min(range.next + kPiece, range.end);
-    if (chosen != given_.end()) end = std::min(end, *chosen);
-    if (end == range.next) {
-      ++range.next;
-      continue;
-    }
-    *out = {range.next, end};
-    if (issued_.empty() || issued_.back().end != out->next) {
-      issued_.push_back(*out);
-    } else {
-      issued_.back().end = end;
-    }
-    range.next = end;
-    return true;
-  }
-  return false;
+  if (range.empty()) return false;
+  *out = {range.next, std::min(range.next + kPiece, range.end)};
+  range.next = out->end;
+  return true;
 }
 
 void IdAllocator::Refill() {
@@ -74,27 +46,39 @@ void IdAllocator::Refill() {
     std::lock_guard const lock(mutex_);
     block = Reserve(*batch);
   }
-  WriteMark(*batch, block.end);
+  if (block.empty()) Throw(LSCOREDB_TOO_LARGE);
   batch->Commit();
   Install(block);
 }
 
-IdRange IdAllocator::Reserve(Batch& batch) const {
-  std::uint64_t const mark = std::max(ReadIdMark(batch), floor_);
-  if (mark > kEnd - kBlock) Throw(LSCOREDB_TOO_LARGE);
-  return {mark, mark + kBlock};
+std::uint64_t IdAllocator::NextObstacle(Batch const& batch, std::uint64_t from) const {
+  auto const pending = pending_.lower_bound(from);
+  std::uint64_t const own = pending == pending_.end() ? UINT64_MAX : *pending;
+  return std::min({own, NextChosen(batch, from), kEnd});
+}
+
+// Callers may have chosen identities right behind the mark, few or many: the steps over them grow,
+// and what is stepped over stays free.
+IdRange IdAllocator::Reserve(Batch& batch) {
+  std::uint64_t const mark = ReadIdMark(batch);
+  std::uint64_t start = mark;
+  std::uint64_t end = mark;
+  for (std::uint64_t step = kPiece; start < kEnd; step *= 2) {
+    end = std::min(NextObstacle(batch, start), start + kBlock);
+    if (end - start >= kPiece) break;
+    start += std::min(step, kEnd - start);
+  }
+  if (start >= kEnd) return {};
+  if (start != mark) AddFreeRange(batch, {mark, start});
+  WriteIdMark(batch, end);
+  reserved_below_ = std::max(reserved_below_, end);
+  return {start, end};
 }
 
 IdRange IdAllocator::TopUp(Batch& batch) {
   std::lock_guard const lock(mutex_);
   bool const low = (present_.end - present_.next) + (spare_.end - spare_.next) < kLow;
-  if (low && spare_.empty() && std::max(ReadIdMark(batch), floor_) <= kEnd - kBlock) {
-    IdRange const block = Reserve(batch);
-    WriteMark(batch, block.end);
-    return block;
-  }
-  if (ReadIdMark(batch) < floor_) WriteMark(batch, floor_);
-  return {};
+  return low && spare_.empty() ? Reserve(batch) : IdRange{};
 }
 
 void IdAllocator::Install(IdRange block) {
@@ -102,18 +86,34 @@ void IdAllocator::Install(IdRange block) {
   std::lock_guard const lock(mutex_);
   if (present_.empty()) std::swap(present_, spare_);
   (present_.empty() ? present_ : spare_) = block;
-  given_.erase(given_.begin(), given_.lower_bound(std::min(present_.next, block.next)));
 }
 
-void IdAllocator::Give(ObjectId id) {
-  std::uint64_t const raw = Raw(id);
-  auto const holds = [raw](IdRange const& range) { return raw >= range.next && raw < range.end; };
+bool IdAllocator::Choose(ObjectId id) {
   std::lock_guard const lock(mutex_);
-  if (std::any_of(issued_.begin(), issued_.end(), holds)) Throw(LSCOREDB_ID_IN_USE);
-  if (holds(present_) || holds(spare_)) {
-    given_.insert(raw);
-  } else if (raw < kEnd) {
-    floor_ = std::max(floor_, raw + 1);
+  if (Raw(id) < reserved_below_) return false;
+  pending_.insert(Raw(id));
+  return true;
+}
+
+void IdAllocator::Forget(std::vector<ObjectId> const& ids) noexcept {
+  if (ids.empty()) return;
+  std::lock_guard const lock(mutex_);
+  for (ObjectId const id : ids) pending_.erase(pending_.find(Raw(id)));
+}
+
+void IdAllocator::RaiseTo(std::uint64_t first) {
+  if (first > kHighestRaise) Throw(LSCOREDB_INVALID_ARGUMENT);
+  std::lock_guard const refill(refill_mutex_);
+  std::unique_ptr<Batch> const batch = store_.BeginBatch();
+  std::uint64_t const mark = ReadIdMark(*batch);
+  if (mark < first) {
+    AddFreeRange(*batch, {mark, first});
+    WriteIdMark(*batch, first);
+    batch->Commit();
+  }
+  std::lock_guard const lock(mutex_);
+  for (IdRange* const block : {&present_, &spare_}) {
+    if (block->next < first) *block = {};
   }
 }
 

@@ -154,7 +154,6 @@ class ObjectCheck {
   FindingSink& sink_;
   bool entries_;
   ObjectReader reader_;
-  std::uint64_t highest_id_ = 0;  // of those that are given out
   std::unordered_map<LayoutNumber, std::uint64_t> counts_;
   std::unordered_map<std::u16string, Set> sets_;
   KeyEncoder encoder_;

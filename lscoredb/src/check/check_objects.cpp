@@ -81,7 +81,6 @@ void ObjectCheck::Run() {
 }
 
 void ObjectCheck::CheckObject(ObjectId id, std::string_view stored) {
-  if (Raw(id) < kFirstChosenId) highest_id_ = std::max(highest_id_, Raw(id));
   RowRef row;
   ObjectReader::Problem const problem = reader_.Read(id, stored, &row);
   if (stored.size() >= format::kHeaderSize) ++counts_[RowImage(stored.data()).layout()];
@@ -191,8 +190,10 @@ void ObjectCheck::CheckCount(LayoutNumber number) {
 
 void ObjectCheck::CheckNextId() {
   std::uint64_t mark = 0;
+  ObjectId misplaced = kNoObject;
   Status const read = Guarded([&] {
     mark = ReadIdMark(snapshot_);
+    misplaced = FindMisplacedId(snapshot_, mark);
     return IndexVersion(snapshot_) <= snapshot_.id() ? LORV_STATUS_OK : LSCOREDB_DAMAGED;
   });
   if (read != LORV_STATUS_OK) {
@@ -200,9 +201,9 @@ void ObjectCheck::CheckNextId() {
     finding.kind = LSCOREDB_FINDING_DEFINITION;
     return sink_.Tell(finding, "What says which identities are free cannot be used.");
   }
-  if (highest_id_ >= mark) {
-    sink_.Tell(Of(LSCOREDB_FINDING_NEXT_ID, ObjectId{highest_id_}),
-               "The object's identity would be given out again.");
+  if (misplaced != kNoObject) {
+    sink_.Tell(Of(LSCOREDB_FINDING_NEXT_ID, misplaced),
+               "What says which identities may be chosen contradicts itself here.");
   }
   IndexId const last = definitions_.highest_index();
   if (Raw(last) < mark) return;

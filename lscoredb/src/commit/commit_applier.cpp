@@ -70,11 +70,17 @@ void CommitApplier::ValidateRow(PendingRow const& row) {
   if (row.inserted() && !row.given_id) return;
   std::uint64_t const id = Raw(row.id);
   std::string_view stored;
+  if (row.given_id) ValidateChosen(row.id);
   bool const there = batch_.Get(Tree::kRows, BytesOf(id), &stored);
   if (there == row.inserted()) Throw(LSCOREDB_CONFLICT);
   if (!there) return;
   if (stored.size() < format::kHeaderSize) Throw(LSCOREDB_DAMAGED);
   if (RowImage(stored.data()).commit() > request_.snapshot.id()) Throw(LSCOREDB_CONFLICT);
+}
+
+// Another process may have reserved it for itself.
+void CommitApplier::ValidateChosen(ObjectId id) const {
+  if (!MayBeChosen(batch_, id, ReadIdMark(batch_))) Throw(LSCOREDB_ID_GIVEN_OUT);
 }
 
 void CommitApplier::ValidateRequired(ObjectId object) {
@@ -175,6 +181,7 @@ void CommitApplier::ApplyRow(PendingRow const& row) {
   if (row.deleted) {
     std::uint64_t const id = Raw(row.id);
     batch_.Delete(Tree::kRows, BytesOf(id));
+    deleted_.Add(row.id);
     kept_.Add(row, {}, batch_.id());
   } else {
     PutImage(row);

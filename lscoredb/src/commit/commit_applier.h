@@ -11,6 +11,7 @@
 #include <set>
 #include <string>
 
+#include "chosen_ids.h"
 #include "group_commit.h"
 #include "shared_row_cache.h"
 
@@ -38,7 +39,12 @@ class CommitApplier {
   // `position` numbers the layouts made in this batch.
   CommitApplier(Batch& batch, CommitRequest const& request, std::uint32_t& position,
                 CachedRowChanges& kept)
-      : batch_(batch), request_(request), position_(position), kept_(kept), entries_(batch) {}
+      : batch_(batch),
+        request_(request),
+        position_(position),
+        kept_(kept),
+        entries_(batch),
+        deleted_(batch) {}
 
   // Throws LSCOREDB_CONFLICT or LSCOREDB_DUPLICATE_KEY when the transaction cannot be committed.
   // Has written nothing then. `nothing_between`: no commit came after the snapshot, and the batch
@@ -49,6 +55,7 @@ class CommitApplier {
 
  private:
   void ValidateRow(PendingRow const& row);
+  void ValidateChosen(ObjectId id) const;
   void ValidateRequired(ObjectId id);
   void ValidateLayouts() const;
   void ValidateIndexes() const;
@@ -87,6 +94,7 @@ class CommitApplier {
   std::uint32_t& position_;
   CachedRowChanges& kept_;
   EntryWriter entries_;
+  DeletedIds deleted_;
   std::vector<PendingRow const*> rows_;  // with something to do for them, by id
   bool late_ = false;                    // indexes were created or dropped since the snapshot
   std::unique_ptr<IndexCatalogue> now_;

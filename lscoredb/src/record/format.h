@@ -49,6 +49,9 @@
 //   (8); "indexes" -> commit (8) that last created or dropped an index; "states-before" -> what the
 //   store's own count of commits falls short of ours (8), in a packed copy; absent: nothing. And
 //   what most commits change, so that they touch few pages for it: a letter and
+//   'F' first id (8)                      -> the end (8) of a range of ids below "next-id" that
+//                                            were never reserved, nor used by deleted objects
+//   'X' id (8)                            -> nothing: of a deleted object, not below "next-id"
 //   'C' layout number (2)                 -> count of objects (8), 1 and their set specifier, or 0
 //   'W' set specifier cut at kSetPrefix, its hash (8) -> commit (8) that last changed an object
 //                                            of that set, and the whole set specifier
@@ -109,6 +112,8 @@ inline constexpr char kIndexLetter = 'I';
 inline constexpr char kIndexTokenLetter = 'J';
 inline constexpr char kIndexSetLetter = 'S';
 inline constexpr char kCountLetter = 'C';
+inline constexpr char kFreeIdsLetter = 'F';
+inline constexpr char kDeletedIdLetter = 'X';
 inline constexpr char kSetChangeLetter = 'W';
 
 }  // namespace lscore::format

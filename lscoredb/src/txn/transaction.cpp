@@ -42,6 +42,8 @@ void Transaction::End() noexcept {
   scopes_.clear();
   catalogue_.reset();
   savepoints_.clear();
+  database_->ids().Forget(chosen_);
+  chosen_.clear();
   doomed_ = LORV_STATUS_OK;
   now_ = 0;
   cache_.Clear();

@@ -193,6 +193,7 @@ class Transaction {
   Status ReadOwn(RowRef const& row, std::uint32_t column, Cell* out) const;
 
   Layout const& LayoutToInsert(LayoutNumber number);
+  bool ChooseId(ObjectId id);
   PendingRow& AddInserted(Layout const& layout, ObjectId id);
   PendingRow& Promote(RowRef const& row);
   void Refresh(PendingRow const& row);
@@ -248,6 +249,7 @@ class Transaction {
   std::vector<std::size_t> scopes_;  // how many images there were at the begin of each
   std::shared_ptr<IndexCatalogue> catalogue_;
   IdRange ids_;
+  std::vector<ObjectId> chosen_;  // that the allocator was told of
   Scans scans_;
   std::vector<Savepoint> savepoints_;
 

@@ -31,11 +31,22 @@ ObjectId Transaction::Insert(LayoutNumber number) {
   return id;
 }
 
+// Commit looks again, since the mark may move on.
+bool Transaction::ChooseId(ObjectId id) {
+  std::uint64_t const mark = ReadIdMark(*snapshot_);
+  if (!MayBeChosen(*snapshot_, id, mark)) return false;
+  if (Raw(id) < mark) return true;
+  if (chosen_.size() == chosen_.capacity()) chosen_.reserve(chosen_.size() * 2 + 16);
+  if (!database_->ids().Choose(id)) return false;
+  chosen_.push_back(id);
+  return true;
+}
+
 Status Transaction::InsertWithId(LayoutNumber number, ObjectId id) {
-  if (id == kNoObject) return LSCOREDB_INVALID_ARGUMENT;
+  if (id == kNoObject || Raw(id) > kLastChosenId) return LSCOREDB_INVALID_ARGUMENT;
   Layout const& layout = LayoutToInsert(number);
   if (FindRow(id) != nullptr) return LSCOREDB_ID_IN_USE;
-  database_->ids().Give(id);
+  if (!ChooseId(id)) return LSCOREDB_ID_GIVEN_OUT;
   AddInserted(layout, id).given_id = true;
   return LORV_STATUS_OK;
 }
