@@ -28,7 +28,10 @@ struct ToText {
 
   template <typename T>
   static std::string Floating(T value) {
-    return std::isnan(value) ? "nan" : fmt::format("{}", value);  // a sign of nan says nothing
+    if (std::isnan(value)) return "nan";  // a sign of nan says nothing
+    // JSON readers take "-0" for the integer, which has no sign.
+    if (value == 0 && std::signbit(value)) return "-0.0";
+    return fmt::format("{}", value);
   }
 };
 

@@ -176,6 +176,15 @@ TEST_F(DataTest, Load_OntoADatabase_IsRefused) {
   EXPECT_EQ(dump, On("dump").out);
 }
 
+TEST_F(DataTest, Dump_OfNegativeZero_KeepsItsSign) {
+  Apply(kEveryType, {"--allow-destructive"});
+  On("import", {"T", "-"}, 0, "f,g\n-0,-0.0\n0,0\n");
+  std::string const dump = On("dump").out;
+  EXPECT_NE(std::string::npos, dump.find("-0.0, -0.0")) << dump;
+  ASSERT_EQ(0, RunTool({"load", Path("loaded"), "-"}, dump).status);
+  EXPECT_EQ(dump, RunTool({"dump", Path("loaded")}).out);
+}
+
 TEST_F(DataTest, Dump_OfLoneSurrogates_BringsThemBack) {
   On("import", {"Person", "-", "--jsonl"}, 0, "{\"Name\": {\"utf16\": [55357, 97]}}\n");
   std::string const dump = On("dump").out;
