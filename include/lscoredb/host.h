@@ -113,7 +113,9 @@ typedef struct lscoredb_options {
   /* Bytes in which all contexts of the process share rows that were read, so that the next one that
    * reads them does not go to the file; 0: 256 MiB, LSCOREDB_NO_ROW_MEMORY: none. It is taken as
    * rows come in. While old transactions last it may be a quarter more, and finding the rows takes
-   * a sixteenth besides. Rows above 64 KiB are always read from the file. */
+   * a sixteenth besides. Rows above 64 KiB are always read from the file. All databases of the
+   * process share one budget, the largest that an open one was given; half of an equal share of it
+   * is free to each whatever the others took. */
   uint64_t row_memory;
 } lscoredb_options;
 

@@ -85,6 +85,7 @@ void SystemTables::PrepareRoot() {
   yield_();
   root_.verify_metatable_indexes();
   root_.verify();
+  root_.verify_metatable_indexes();
 }
 
 // ---- dictionary ---------------------------------------------------------------------------------

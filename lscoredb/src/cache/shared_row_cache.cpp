@@ -119,12 +119,13 @@ void SharedRowCache::FetchRow(ObjectId id) const {
 // ---- the table ---------------------------------------------------------------------------------
 
 SharedRowCache::SharedRowCache(ForeignCommits const& watch, std::uint64_t memory)
-    : watch_(watch), memory_(memory), row_memory_(memory + memory / 4) {
+    : watch_(watch), memory_(memory), share_(memory), row_memory_(memory + memory / 4) {
   std::uint64_t const places = std::max<std::uint64_t>(memory / kUsualRow, kWays);
   bucket_bits_ = static_cast<std::size_t>(std::bit_width(places / kWays) - 1);
 }
 
 SharedRowCache::~SharedRowCache() {
+  RowBudget::Give(placed_);
   Bucket* const buckets = buckets_.load();
   if (buckets != nullptr) {
     for (std::size_t region = 0; region < kRegions; ++region) {
@@ -238,6 +239,7 @@ void SharedRowCache::Put(Bucket& bucket, CachedRowPtr row) noexcept {
   for (std::size_t i = 0; i < kWays && bucket.places[way] != 0; ++i) way = (way + 1) % kWays;
   if (bucket.places[way] != 0) Remove(bucket, way);
   placed_ += AllocatedSize(row->size());
+  RowBudget::Take(AllocatedSize(row->size()));
   NoteUsed(bucket);
   Set(bucket.places[way], PlaceOf(row.get()));
   static_cast<void>(row.release());
@@ -270,6 +272,7 @@ void SharedRowCache::Remove(Bucket& bucket, std::size_t way) noexcept {
   CachedRow* const row = RowAt(bucket.places[way]);
   Set(bucket.places[way], 0);
   placed_ -= AllocatedSize(row->size());
+  RowBudget::Give(AllocatedSize(row->size()));
   Retire(row);
 }
 

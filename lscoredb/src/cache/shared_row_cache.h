@@ -29,6 +29,7 @@
 #include "ids.h"
 #include "layout.h"
 #include "row.h"
+#include "row_budget.h"
 
 namespace lscore {
 
@@ -142,7 +143,10 @@ class SharedRowCache {
   void Put(Bucket& bucket, CachedRowPtr row) noexcept;
   void Remove(Bucket& bucket, std::size_t way) noexcept;
   bool MakeRoom(Bucket& bucket, std::uint64_t size) noexcept;
-  bool HasRoom(std::uint64_t size) const { return placed_.load() + size <= memory_; }
+  bool HasRoom(std::uint64_t size) const {
+    std::uint64_t const wanted = placed_.load() + size;
+    return wanted <= memory_ && RowBudget::Allows(wanted, size);
+  }
   void Retire(CachedRow* row) noexcept;
   void Free(CachedRow* row) noexcept { CachedRowFree{&row_memory_}(row); }
   // REQUIRES: the lock of what is retired.
@@ -151,6 +155,7 @@ class SharedRowCache {
 
   ForeignCommits const& watch_;
   std::uint64_t const memory_;
+  RowBudget::Share const share_;
   CachedRowMemory row_memory_;
   std::size_t bucket_bits_ = 0;  // there are 2 to the power of it
   std::atomic<Bucket*> buckets_{nullptr};
