@@ -263,8 +263,8 @@ LSCOREDB_API uint32_t lorvi_context_get_column_info(uint64_t context, uint16_t l
                                                     uint16_t column, LORVI_COLUMN_INFO* out);
 
 /* Creates an index over all objects, present and future, whose set specifier begins with `setspec`.
- * Bit 0 of `flags`: unique. Bit i of `sort_mask`: the i-th column descends; columns from the 17th on
- * ascend. Up to 1024 columns. */
+ * Bit 0 of `flags`: unique. Bit i of `sort_mask`: the i-th column descends; columns from the 17th
+ * on ascend. Up to 1024 columns. */
 LSCOREDB_API uint32_t lorvi_context_create_index(uint64_t context, uint64_t token,
                                                  char16_t const* setspec,
                                                  LORVI_COLUMN_DEFINITION const* columns,

@@ -1,8 +1,8 @@
 #ifndef LSCOREDB_SRC_TRANSACTION_ROW_CACHE_H
 #define LSCOREDB_SRC_TRANSACTION_ROW_CACHE_H
 
-// The rows that a transaction is busy with, by id. One thread at a time. RowRef is a plain struct of
-// half a line of the processor's cache with a member `id`.
+// The rows that a transaction is busy with, by id. One thread at a time. RowRef is a plain struct
+// of half a line of the processor's cache with a member `id`.
 //
 // Sets of two places, one line of the processor's cache each: of a thousand rows at random hardly
 // any drive each other out. Memory is taken by the page when rows come to lie there.
