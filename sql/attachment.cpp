@@ -39,13 +39,14 @@ void Attachment::Adopt(SchemaPtr schema) {
   image_ = Image(*schema, encoding_);
   schema_ = std::move(schema);
   last_table_ = nullptr;
+  stale_ = false;
 }
 
 void Attachment::Begin() {
   End();
   Open();
   try {
-    if (schema_ == nullptr || schema_->generation() != transaction_->Generation()) {
+    if (stale_ || schema_->generation() != transaction_->Generation()) {
       Adopt(store_->SchemaOf(*transaction_));
     }
   } catch (...) {
@@ -58,6 +59,7 @@ void Attachment::Begin() {
 void Attachment::Unlock() noexcept {
   locked_ = false;
   End();
+  defined_ = false;
 }
 
 std::uint64_t Attachment::Estimate(Shape const& shape) {
@@ -75,7 +77,7 @@ Transaction& Attachment::transaction() {
 }
 
 void Attachment::Forget() {
-  wrote_ = defined_ = false;
+  wrote_ = false;
   marks_.clear();
   if (connection_ != nullptr) connection_->Release(this);
 }
@@ -135,6 +137,10 @@ void Attachment::RollbackTo(int number) {
   Drain();
   detail::CheckKernel(lscoredb_rollback_to(context(), mark->savepoint));
   marks_.erase(mark + 1, marks_.end());
+  if (!defined_) return;
+  transaction_->Forget();
+  schema_ = Schema::Read(*transaction_);
+  last_table_ = nullptr;
 }
 
 void Attachment::Release(int number) {
@@ -143,6 +149,82 @@ void Attachment::Release(int number) {
   if (mark == marks_.end()) return;
   detail::CheckKernel(lscoredb_release(context(), mark->savepoint));
   marks_.erase(mark, marks_.end());
+}
+
+std::vector<std::string> Attachment::Define(Definition const& definition) {
+  std::vector<std::string> const plan = PlanOf(transaction(), definition.statement);
+  if (definition.explain) return plan;
+  NoteWrite();
+  bool const alone = sqlite3_get_autocommit(connection_->handle()) != 0;
+  try {
+    Change(definition.statement);
+  } catch (...) {
+    if (alone) Rollback();
+    throw;
+  }
+  if (alone) Commit();
+  return plan;
+}
+
+// A change that fails half way leaves nothing behind.
+void Attachment::Change(DefinitionStatement const& statement) {
+  std::uint64_t savepoint = 0;
+  detail::CheckKernel(lscoredb_savepoint(context(), &savepoint));
+  SchemaPtr const before = schema_;
+  try {
+    Apply(*transaction_, statement);
+    stale_ = true;
+    if (sqlite3_get_autocommit(connection_->handle()) == 0) TellSqlite(before);
+  } catch (...) {
+    lscoredb_rollback_to(context(), savepoint);
+    lscoredb_release(context(), savepoint);
+    transaction_->Forget();
+    schema_ = before;
+    last_table_ = nullptr;
+    throw;
+  }
+  lscoredb_release(context(), savepoint);
+}
+
+namespace {
+
+bool SameToSqlite(Shape const& a, Shape const& b) {
+  auto const same_index = [](ShapeIndex const& x, ShapeIndex const& y) {
+    return x.name == y.name && x.handle == y.handle && x.own == y.own;
+  };
+  return a.declaration == b.declaration && a.table->row.oid == b.table->row.oid &&
+         a.table->layout == b.table->layout && a.table->name == b.table->name &&
+         a.layout_tokens == b.layout_tokens && a.leaf == b.leaf &&
+         std::equal(a.indexes.begin(), a.indexes.end(), b.indexes.begin(), b.indexes.end(),
+                    same_index);
+}
+
+}  // namespace
+
+// Inside of a transaction the file cannot change under SQLite, so what differs is dropped and
+// created by statements, which go with the transaction or a savepoint.
+void Attachment::TellSqlite(SchemaPtr const& before) {
+  schema_ = Schema::Read(*transaction_);
+  last_table_ = nullptr;
+  std::string sql;
+  for (auto const& [name, entry] : before->entries()) {
+    Entry const* const now = schema_->Find(name);
+    if (now != nullptr && SameToSqlite(*entry.shape, *now->shape)) continue;
+    sql += "DROP TABLE " + Quoted(name_) + "." + Quoted(name) + ";";
+    if (now == nullptr) continue;
+    sql += "CREATE VIRTUAL TABLE " + Quoted(name_) + "." + Quoted(name) + " USING sagleme;";
+  }
+  for (auto const& [name, entry] : schema_->entries()) {
+    if (before->Find(name) != nullptr) continue;
+    sql += "CREATE VIRTUAL TABLE " + Quoted(name_) + "." + Quoted(name) + " USING sagleme;";
+  }
+  defined_ = defining_ = true;
+  char* text = nullptr;
+  int const code = sqlite3_exec(connection_->handle(), sql.c_str(), nullptr, nullptr, &text);
+  defining_ = false;
+  std::string const what = text == nullptr ? "" : text;
+  sqlite3_free(text);
+  if (code != SQLITE_OK) throw Failure(code, "The definition cannot change now: " + what + ".");
 }
 
 TablePtr Attachment::TableOf(std::uint64_t oid) {

@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "api.h"
+#include "definition.h"
 #include "image.h"
 #include "store.h"
 
@@ -37,7 +38,7 @@ class Attachment {
 
   Store& store() const { return *store_; }
   std::uint64_t context() const { return context_.id(); }
-  // The open transaction. REQUIRES: Touch, or a locked file.
+  // The open transaction. REQUIRES: a locked file, see Hold.
   Transaction& transaction();
   bool in_transaction() const { return transaction_.has_value(); }
   // The schema that SQLite was told last.
@@ -60,8 +61,13 @@ class Attachment {
   // ---- writing
   bool wrote() const { return wrote_; }
   void NoteWrite();
-  void NoteDefinition() { defined_ = true; }
+  // Whether the file may be written: the schema was changed in this transaction.
   bool defined() const { return defined_; }
+  // Makes a change of the schema, or tells what it would do; the lines of its plan either way.
+  // Outside of a transaction of SQLite's it is committed at once, inside it goes with that.
+  std::vector<std::string> Define(Definition const& definition);
+  // Whether tables are put into the schema or taken out for such a change.
+  bool defining() const { return defining_; }
   // Keeps what was written. Cursors that are open go on with the objects that they had ahead.
   void Commit();
   void Rollback() noexcept;
@@ -88,6 +94,8 @@ class Attachment {
   void Adopt(SchemaPtr schema);
   void Drain() noexcept;
   void Forget();
+  void Change(DefinitionStatement const& statement);
+  void TellSqlite(SchemaPtr const& before);
 
   std::shared_ptr<Store> store_;
   Context context_;
@@ -99,7 +107,9 @@ class Attachment {
   std::string name_;
   bool locked_ = false;
   bool wrote_ = false;
-  bool defined_ = false;  // the schema was changed in this transaction
+  bool defined_ = false;
+  bool defining_ = false;
+  bool stale_ = true;  // the file is to be made anew when it is locked next
   std::vector<Mark> marks_;
   std::vector<Cursor*> cursors_;
   std::u16string last_setspec_;

@@ -76,22 +76,20 @@ void Connection::Remove(Attachment* attachment) {
   Release(attachment);
 }
 
-void Connection::Touch(Attachment& attachment) {
-  if (attachment.in_transaction()) return;
-  if (attachment.locked()) {
-    attachment.transaction();
-    return;
+// A statement in the middle of reading the file keeps it locked.
+Hold::Hold(Connection& connection, Attachment& attachment) {
+  if (!attachment.locked()) {
+    std::string const sql = "SELECT 0 FROM " + Quoted(attachment.name()) + ".sqlite_schema LIMIT 1";
+    sqlite3* const handle = connection.handle();
+    int code = sqlite3_prepare_v2(handle, sql.c_str(), -1, &reader_, nullptr);
+    if (code == SQLITE_OK) code = sqlite3_step(reader_);
+    if (code != SQLITE_ROW) {
+      std::string const text = sqlite3_errmsg(handle);
+      sqlite3_finalize(reader_);
+      throw Failure(code, text);
+    }
   }
-  std::string const sql = "SELECT 0 FROM " + Quoted(attachment.name()) + ".sqlite_schema LIMIT 1";
-  sqlite3_stmt* statement = nullptr;
-  int code = sqlite3_prepare_v2(handle_, sql.c_str(), -1, &statement, nullptr);
-  if (code == SQLITE_OK) {
-    sqlite3_step(statement);
-    code = sqlite3_finalize(statement);
-  }
-  if (code != SQLITE_OK) throw Failure(code, sqlite3_errmsg(handle_));
-  if (attachment.in_transaction()) return;
-  throw Failure(SQLITE_MISUSE, attachment.name() + " can be read inside of a statement only.");
+  attachment.transaction();
 }
 
 void Connection::Claim(Attachment* attachment) {

@@ -40,10 +40,6 @@ class Connection {
   unsigned NumberOf(Attachment const* attachment) const;
   void Remove(Attachment* attachment);
 
-  // Makes sure that SQLite holds the attachment's file locked, so that a transaction is open, and
-  // ends when the statement that is running, or the transaction around it, does.
-  void Touch(Attachment& attachment);
-
   // A transaction writes one database. Failure when it is another one already.
   void Claim(Attachment* attachment);
   void Release(Attachment* attachment);
@@ -53,6 +49,19 @@ class Connection {
   std::vector<Attachment*> attachments_;  // detached ones leave a null behind
   Attachment* writer_ = nullptr;
   Json json_;
+};
+
+// Keeps a transaction open for as long as it lives: the one of the statement that is running or of
+// the transaction around it, or, where neither reads the attachment, one of its own.
+class Hold {
+ public:
+  Hold(Connection& connection, Attachment& attachment);
+  ~Hold() { sqlite3_finalize(reader_); }
+  Hold(Hold const&) = delete;
+  Hold& operator=(Hold const&) = delete;
+
+ private:
+  sqlite3_stmt* reader_ = nullptr;
 };
 
 }  // namespace sagleme::sql

@@ -2,6 +2,7 @@
 
 #include "attachment.h"
 #include "connection.h"
+#include "definition.h"
 #include "failure.h"
 #include "text.h"
 #include "values.h"
@@ -41,6 +42,22 @@ void AttachDatabase(sqlite3_context* context, Connection& connection, int count,
   sqlite3_result_text(context, name.c_str(), -1, SQLITE_TRANSIENT);
 }
 
+// Runs statements that define tables and indexes. The result is what was done, or, behind EXPLAIN,
+// would be, a line for each change.
+void Execute(sqlite3_context* context, Connection& connection, int count, sqlite3_value** values) {
+  std::string const text = TextOf(values[0], "The statement");
+  Attachment& at = connection.Find(count > 1 ? TextOf(values[1], "The name of the schema") : "");
+  Hold const hold(connection, at);
+  std::string done;
+  std::string_view rest = text;
+  do {
+    Definition const definition = ParseDefinition(rest, &rest);
+    for (std::string const& line : at.Define(definition)) done += line + "\n";
+  } while (BeginsDefinition(rest));
+  if (!done.empty()) done.pop_back();
+  sqlite3_result_text64(context, done.data(), done.size(), SQLITE_TRANSIENT, SQLITE_UTF8);
+}
+
 // The object that a reference names: in the attachment that the value carries, or in the only one.
 struct Target {
   Attachment* attachment;
@@ -67,8 +84,7 @@ std::uint64_t IdIn(sqlite3_value* value) {
 }
 
 // Null when there is no such object any more.
-TablePtr TableOf(Connection& connection, Target const& target) {
-  connection.Touch(*target.attachment);
+TablePtr TableOf(Target const& target) {
   std::uint64_t addr = 0;
   auto const status = lorv_context_lookup(target.attachment->context(), target.oid, &addr);
   if (status == LORV_STATUS_NO_OBJECT || status == LORV_STATUS_UNREACHABLE) return nullptr;
@@ -80,9 +96,10 @@ using Reader = void (*)(sqlite3_context*, Place const&, Type, unsigned);
 
 void ReadColumn(sqlite3_context* context, Connection& connection, Target const& target,
                 std::string const& name, Reader read) {
-  TablePtr const table = TableOf(connection, target);
-  if (table == nullptr) return sqlite3_result_null(context);
   Attachment& at = *target.attachment;
+  Hold const hold(connection, at);
+  TablePtr const table = TableOf(target);
+  if (table == nullptr) return sqlite3_result_null(context);
   ShapeColumn const* const column = at.schema()->ShapeOf(*table)->FindColumn(name);
   if (column == nullptr) {
     throw Failure(SQLITE_ERROR, "no such column: " + at.schema()->NameOf(*table) + "." + name);
@@ -133,7 +150,8 @@ void IsOf(sqlite3_context* context, Connection& connection, int count, sqlite3_v
   std::string const schema = count > 2 ? TextOf(values[2], "The name of the schema") : "";
   bool const marked = count < 3 && IsReference(values[0]);
   Attachment& at = marked ? AttachmentOf(connection, values[0]) : connection.Find(schema);
-  TablePtr const table = TableOf(connection, {&at, IdIn(values[0])});
+  Hold const hold(connection, at);
+  TablePtr const table = TableOf({&at, IdIn(values[0])});
   std::string const name = TextOf(values[1], "The name of the table");
   Entry const* const entry = at.schema()->Find(name);
   if (entry == nullptr) throw Failure(SQLITE_ERROR, "no such table: " + name);
@@ -143,7 +161,7 @@ void IsOf(sqlite3_context* context, Connection& connection, int count, sqlite3_v
   sqlite3_result_int(context, holds ? 1 : 0);
 }
 
-struct Definition {
+struct Function {
   char const* name;
   int arguments;
   int flags;
@@ -153,9 +171,11 @@ struct Definition {
 // Values reach these with their subtypes, and leave them so; later versions of SQLite want to know.
 constexpr int kTakesSubtypes = SQLITE_SUBTYPE | 0x001000000;
 
-constexpr Definition kFunctions[] = {
+constexpr Function kFunctions[] = {
     {"sagleme_attach", 1, SQLITE_DIRECTONLY, Call<AttachDatabase>},
     {"sagleme_attach", 2, SQLITE_DIRECTONLY, Call<AttachDatabase>},
+    {"sagleme_exec", 1, SQLITE_DIRECTONLY, Call<Execute>},
+    {"sagleme_exec", 2, SQLITE_DIRECTONLY, Call<Execute>},
     {"sagleme_deref", 3, 0, Call<Dereference<Result>>},
     {"sagleme_exact", 3, 0, Call<Dereference<ReadExact>>},
     {"is_of", 2, kTakesSubtypes, Call<IsOf>},
@@ -167,7 +187,7 @@ constexpr Definition kFunctions[] = {
 }  // namespace
 
 int RegisterFunctions(sqlite3* database, std::shared_ptr<Connection> const& connection) {
-  for (Definition const& each : kFunctions) {
+  for (Function const& each : kFunctions) {
     int const code = sqlite3_create_function_v2(
         database, each.name, each.arguments, SQLITE_UTF8 | each.flags,
         new std::shared_ptr<Connection>(connection), each.call, nullptr, nullptr,

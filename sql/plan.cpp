@@ -15,6 +15,8 @@ constexpr double kSeek = 4;
 constexpr double kIndexRow = 1.5;
 // What conditions are thought to leave where nothing is known.
 constexpr double kEqualRows = 10;
+// A statement may stay prepared while a table grows, so a small one is planned for as a larger one.
+constexpr double kLeastRows = 256;
 constexpr double kRangeShare = 0.25;
 constexpr double kPrefixShare = 0.05;
 
@@ -54,7 +56,7 @@ struct Candidate {
 class Chooser {
  public:
   Chooser(Shape const& shape, double rows, sqlite3_index_info* info)
-      : shape_(shape), rows_(std::max(rows, 1.0)), info_(info) {}
+      : shape_(shape), rows_(std::max(rows, kLeastRows)), info_(info) {}
 
   Candidate Best() const;
   void Describe(Candidate& candidate) const;

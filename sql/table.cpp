@@ -47,6 +47,12 @@ int Disconnect(sqlite3_vtab* table) {
   return SQLITE_OK;
 }
 
+// Tables go by definitions of the database alone.
+int Destroy(sqlite3_vtab* table) {
+  if (TableAt(table).Attached().defining()) return Disconnect(table);
+  return SQLITE_READONLY;
+}
+
 // Statements keep their plans by number as long as they are prepared, so none goes before the
 // table; equal ones are kept once.
 int KeepPlan(VirtualTable& table, Plan plan) {
@@ -154,7 +160,7 @@ sqlite3_module MakeModule() {
   module.xConnect = Connect;
   module.xBestIndex = BestIndex;
   module.xDisconnect = Disconnect;
-  module.xDestroy = Disconnect;
+  module.xDestroy = Destroy;
   module.xOpen = OpenCursor;
   module.xClose = CloseCursor;
   module.xFilter = Filter;
@@ -175,7 +181,7 @@ sqlite3_module MakeModule() {
 
 }  // namespace
 
-void VirtualTable::Begin() { connection->Touch(*attachment); }
+void VirtualTable::Begin() { attachment->transaction(); }
 
 bool VirtualTable::Holds(Attachment& at, std::uint64_t oid) const {
   TablePtr const found = at.TableOf(oid);

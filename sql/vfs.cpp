@@ -20,6 +20,12 @@ struct File {
   Attachment* attachment;
 };
 
+// What SQLite notes to undo a change of an attachment's file.
+struct Journal {
+  sqlite3_file base;
+  Image* bytes;
+};
+
 // A file system in front of another one.
 struct FileSystem {
   sqlite3_vfs vfs;
@@ -106,6 +112,65 @@ constexpr sqlite3_io_methods MakeMethods() {
 
 constexpr sqlite3_io_methods kMethods = MakeMethods();
 
+Image& BytesOf(sqlite3_file* file) { return *reinterpret_cast<Journal*>(file)->bytes; }
+
+int CloseJournal(sqlite3_file* file) {
+  delete reinterpret_cast<Journal*>(file)->bytes;
+  return SQLITE_OK;
+}
+
+int ReadJournal(sqlite3_file* file, void* out, int size, sqlite3_int64 offset) {
+  bool const whole =
+      BytesOf(file).Read(out, static_cast<std::size_t>(size), static_cast<std::size_t>(offset));
+  return whole ? SQLITE_OK : SQLITE_IOERR_SHORT_READ;
+}
+
+int WriteJournal(sqlite3_file* file, void const* data, int size, sqlite3_int64 offset) {
+  try {
+    BytesOf(file).Write(data, static_cast<std::size_t>(size), static_cast<std::size_t>(offset));
+    return SQLITE_OK;
+  } catch (std::bad_alloc const&) {
+    return SQLITE_IOERR_NOMEM;
+  }
+}
+
+int TruncateJournal(sqlite3_file* file, sqlite3_int64 size) {
+  BytesOf(file).Truncate(static_cast<std::size_t>(size));
+  return SQLITE_OK;
+}
+
+int JournalSize(sqlite3_file* file, sqlite3_int64* size) {
+  *size = static_cast<sqlite3_int64>(BytesOf(file).size());
+  return SQLITE_OK;
+}
+
+int NoLock(sqlite3_file*, int) { return SQLITE_OK; }
+
+constexpr sqlite3_io_methods MakeJournalMethods() {
+  sqlite3_io_methods methods = MakeMethods();
+  methods.xClose = CloseJournal;
+  methods.xRead = ReadJournal;
+  methods.xWrite = WriteJournal;
+  methods.xTruncate = TruncateJournal;
+  methods.xFileSize = JournalSize;
+  methods.xLock = NoLock;
+  methods.xUnlock = NoLock;
+  return methods;
+}
+
+constexpr sqlite3_io_methods kJournalMethods = MakeJournalMethods();
+
+// There is none but while definitions change: what else would be written has no place here.
+int OpenJournal(char const* name, sqlite3_file* file) {
+  sqlite3_file* const of = sqlite3_database_file_object(name);
+  if (of == nullptr || of->pMethods != &kMethods || !Of(of).defined()) return SQLITE_CANTOPEN;
+  auto* const bytes = new (std::nothrow) Image;
+  if (bytes == nullptr) return SQLITE_NOMEM;
+  reinterpret_cast<Journal*>(file)->bytes = bytes;
+  file->pMethods = &kJournalMethods;
+  return SQLITE_OK;
+}
+
 FileSystem& SystemOf(sqlite3_vfs* vfs) { return *reinterpret_cast<FileSystem*>(vfs); }
 
 bool IsMarked(char const* name) {
@@ -125,6 +190,7 @@ std::string DirectoryIn(char const* name) {
 
 int OpenAttachment(char const* name, sqlite3_file* file, int flags, int* out_flags) {
   file->pMethods = nullptr;
+  if ((flags & SQLITE_OPEN_MAIN_JOURNAL) != 0) return OpenJournal(name, file);
   if ((flags & SQLITE_OPEN_MAIN_DB) == 0) return SQLITE_CANTOPEN;
   auto const open = [&] {
     std::string const encoding = wanted_encoding == nullptr ? "UTF-8" : *wanted_encoding;
@@ -169,7 +235,8 @@ void PutInFront(FileSystem& system, sqlite3_vfs* behind) {
   system.vfs = *behind;
   system.vfs.pNext = nullptr;
   system.behind = behind;
-  system.vfs.szOsFile = std::max(behind->szOsFile, static_cast<int>(sizeof(File)));
+  system.vfs.szOsFile =
+      std::max(behind->szOsFile, static_cast<int>(std::max(sizeof(File), sizeof(Journal))));
   system.vfs.xOpen = Open;
   system.vfs.xDelete = Delete;
   system.vfs.xAccess = AccessFile;

@@ -1,0 +1,260 @@
+#include "definition.h"
+
+#include <algorithm>
+#include <array>
+#include <set>
+
+#include "failure.h"
+#include "schema.h"
+
+namespace sagleme::sql {
+namespace {
+
+constexpr std::uint32_t kNoTable = 15003;
+
+TablePtr TableNamed(Transaction& transaction, std::string const& name) {
+  try {
+    return transaction.Resolve(ToUtf16(name));
+  } catch (Error const& error) {
+    if (error.status() == kNoTable) return nullptr;
+    throw;
+  }
+}
+
+TablePtr RequireTable(Transaction& transaction, std::string const& name) {
+  if (TablePtr const found = TableNamed(transaction, name)) return found;
+  throw Failure(SQLITE_ERROR, "no such table: " + name);
+}
+
+std::u16string FullName(Transaction& transaction, std::string const& name) {
+  return RequireTable(transaction, name)->name;
+}
+
+// The target of a reference may be made later, by a name that is then its full one.
+ColumnSpec SpecOf(Transaction& transaction, ColumnDefinition const& column) {
+  ColumnSpec spec{ToUtf16(column.name), column.type, column.nullable, ToUtf16(column.target)};
+  if (column.type != Type::kReference) return spec;
+  if (TablePtr const target = TableNamed(transaction, column.target)) spec.target = target->name;
+  return spec;
+}
+
+std::vector<TablePtr> Subtree(Transaction& transaction, TablePtr const& top) {
+  std::vector<TablePtr> tables{top};
+  for (TablePtr const& child : transaction.Children(*top)) {
+    auto const below = Subtree(transaction, child);
+    tables.insert(tables.end(), below.begin(), below.end());
+  }
+  return tables;
+}
+
+std::vector<std::u16string> IndexesOfSubtree(Transaction& transaction, TablePtr const& top) {
+  std::vector<std::u16string> names;
+  for (TablePtr const& table : Subtree(transaction, top)) {
+    for (Index const& index : table->indexes) names.push_back(index.name);
+  }
+  return names;
+}
+
+class Applier {
+ public:
+  explicit Applier(Transaction& transaction) : transaction_(transaction) {}
+
+  void operator()(CreateTableStatement const& it) const {
+    if (it.if_not_exists && transaction_.Find(ToUtf16(it.table)) != nullptr) return;
+    if (transaction_.Find(ToUtf16(it.table)) != nullptr) {
+      throw Failure(SQLITE_ERROR, "table " + it.table + " already exists");
+    }
+    std::vector<ColumnSpec> specs;
+    for (ColumnDefinition const& column : it.columns) {
+      specs.push_back(SpecOf(transaction_, column));
+      if (specs.back().target == ToUtf16(it.table)) continue;
+      RequireTarget(column);
+    }
+    std::u16string const base = it.base.empty() ? u"" : FullName(transaction_, it.base);
+    CreateTable(transaction_, ToUtf16(it.table), base, specs);
+    FinishReferences(transaction_);
+  }
+  void operator()(AddColumnStatement const& it) const {
+    RequireTarget(it.column);
+    AddColumns(transaction_, FullName(transaction_, it.table),
+               std::array{SpecOf(transaction_, it.column)});
+  }
+  void operator()(DropColumnStatement const& it) const {
+    DropColumn(transaction_, FullName(transaction_, it.table), ToUtf16(it.column));
+  }
+  void operator()(RenameColumnStatement const& it) const {
+    RenameColumn(transaction_, FullName(transaction_, it.table), ToUtf16(it.column),
+                 ToUtf16(it.new_name));
+  }
+  void operator()(RenameTableStatement const& it) const {
+    RenameTable(transaction_, FullName(transaction_, it.table), ToUtf16(it.new_name));
+  }
+  void operator()(DropTableStatement const& it) const {
+    if (it.if_exists && TableNamed(transaction_, it.table) == nullptr) return;
+    DropTable(transaction_, FullName(transaction_, it.table),
+              {.children = it.cascade, .force = it.cascade});
+  }
+  void operator()(CreateIndexStatement const& it) const {
+    if (it.if_not_exists && transaction_.FindIndex(ToUtf16(it.index)).has_value()) return;
+    std::vector<IndexColumnSpec> parts;
+    for (auto const& part : it.parts) parts.push_back({ToUtf16(part.column), !part.descending});
+    CreateIndex(transaction_, ToUtf16(it.index), FullName(transaction_, it.table), parts,
+                it.unique ? Uniqueness::kUnique : Uniqueness::kAny);
+  }
+  void operator()(DropIndexStatement const& it) const {
+    if (it.if_exists && !transaction_.FindIndex(ToUtf16(it.index)).has_value()) return;
+    DropIndex(transaction_, ToUtf16(it.index));
+  }
+
+ private:
+  void RequireTarget(ColumnDefinition const& column) const {
+    if (column.type == Type::kReference) RequireTable(transaction_, column.target);
+  }
+
+  Transaction& transaction_;
+};
+
+class Planner {
+ public:
+  explicit Planner(Transaction& transaction) : transaction_(transaction) {}
+
+  using Lines = std::vector<std::string>;
+
+  Lines operator()(CreateTableStatement const& it) const {
+    std::string const base =
+        it.base.empty() ? "" : " derived from " + ToUtf8(FullName(transaction_, it.base));
+    return {"instant      create table " + it.table + base};
+  }
+  Lines operator()(AddColumnStatement const& it) const {
+    return {"background   add " + it.column.name + " to " + Full(it.table)};
+  }
+  Lines operator()(DropColumnStatement const& it) const {
+    return {"destructive  drop column " + it.column + " of " + Full(it.table) + " with its values"};
+  }
+  Lines operator()(RenameColumnStatement const& it) const {
+    return {"instant      rename column " + it.column + " of " + Full(it.table) + " to " +
+            it.new_name};
+  }
+  Lines operator()(RenameTableStatement const& it) const {
+    return {"instant      rename table " + Full(it.table) + " to " + it.new_name};
+  }
+  Lines operator()(DropTableStatement const& it) const {
+    TablePtr const top = TableNamed(transaction_, it.table);
+    if (top == nullptr && it.if_exists) return {};
+    if (top == nullptr) RequireTable(transaction_, it.table);
+    Lines lines;
+    for (std::u16string const& index : IndexesOfSubtree(transaction_, top)) {
+      lines.push_back("instant      drop index " + ToUtf8(index));
+    }
+    for (TablePtr const& table : Subtree(transaction_, top)) {
+      lines.push_back("destructive  drop table " + ToUtf8(table->name) + " with its objects");
+      if (!it.cascade) break;
+    }
+    return lines;
+  }
+  Lines operator()(CreateIndexStatement const& it) const {
+    return {std::string("background   create ") + (it.unique ? "unique " : "") + "index " +
+            it.index + " on " + Full(it.table)};
+  }
+  Lines operator()(DropIndexStatement const& it) const {
+    return {"instant      drop index " + it.index};
+  }
+
+ private:
+  std::string Full(std::string const& table) const { return ToUtf8(FullName(transaction_, table)); }
+
+  Transaction& transaction_;
+};
+
+// The name of a type that the grammar reads as just that type.
+std::string_view SqlTypeName(Type type) {
+  switch (type) {
+    case Type::kString:
+      return "text";
+    case Type::kBinary:
+      return "binary";
+    case Type::kLong:
+      return "bigint";
+    case Type::kULong:
+    case Type::kKey:
+      return "uint";
+    case Type::kDecimal:
+      return "decimal";
+    case Type::kFloat:
+      return "real";
+    case Type::kDouble:
+      return "double";
+    case Type::kBool:
+      return "boolean";
+    case Type::kReference:
+      break;
+  }
+  return "ref";
+}
+
+std::string ColumnText(Column const& column) {
+  std::string text = Quoted(ToUtf8(column.name)) + " ";
+  if (column.type == Type::kReference) return text + "REF(" + Quoted(ToUtf8(column.target)) + ")";
+  text += SqlTypeName(column.type);
+  return column.nullable || MustBeNullable(column.type) ? text : text + " NOT NULL";
+}
+
+bool IsLater(Column const& column, std::set<std::u16string> const& made) {
+  return column.type == Type::kReference && !made.contains(column.target);
+}
+
+std::string TableText(Table const& table, bool derived, std::set<std::u16string> const& made) {
+  std::string columns;
+  for (Column const& column : table.columns) {
+    if (column.inherited || column.system() || IsLater(column, made)) continue;
+    columns += (columns.empty() ? "\n  " : ",\n  ") + ColumnText(column);
+  }
+  std::string text = "CREATE TABLE " + Quoted(ToUtf8(table.name)) + " (" + columns + ")";
+  if (derived) text += " UNDER " + Quoted(ToUtf8(table.base));
+  return text + ";\n";
+}
+
+std::string IndexText(Index const& index) {
+  std::string text = index.unique ? "CREATE UNIQUE INDEX " : "CREATE INDEX ";
+  text += Quoted(ToUtf8(index.name)) + " ON " + Quoted(ToUtf8(index.table)) + " (";
+  for (std::size_t i = 0; i < index.columns.size(); ++i) {
+    text += (i == 0 ? "" : ", ") + Quoted(ToUtf8(index.columns[i].name));
+    text += index.columns[i].ascending ? "" : " DESC";
+  }
+  return text + ");\n";
+}
+
+}  // namespace
+
+std::vector<std::string> PlanOf(Transaction& transaction, DefinitionStatement const& statement) {
+  return std::visit(Planner(transaction), statement);
+}
+
+void Apply(Transaction& transaction, DefinitionStatement const& statement) {
+  std::visit(Applier(transaction), statement);
+}
+
+// Bases first. A reference to a table that comes later is added when all are there.
+std::string DefinitionsOf(Transaction& transaction) {
+  std::vector<TablePtr> tables = transaction.Tables();
+  std::sort(tables.begin(), tables.end(),
+            [](TablePtr const& a, TablePtr const& b) { return a->setspec < b->setspec; });
+  std::set<std::u16string> made;
+  std::string text;
+  std::string later;
+  std::string indexes;
+  for (TablePtr const& table : tables) {
+    bool const derived = made.contains(table->base);
+    made.insert(table->name);
+    text += TableText(*table, derived, made);
+    for (Column const& column : table->columns) {
+      if (column.inherited || column.system() || !IsLater(column, made)) continue;
+      later += "ALTER TABLE " + Quoted(ToUtf8(table->name)) + " ADD COLUMN " + ColumnText(column) +
+               ";\n";
+    }
+    for (Index const& index : table->indexes) indexes += IndexText(index);
+  }
+  return text + later + indexes;
+}
+
+}  // namespace sagleme::sql

@@ -1,0 +1,104 @@
+#ifndef SAGLEME_SQL_DEFINITION_H
+#define SAGLEME_SQL_DEFINITION_H
+
+// Statements that define tables and indexes, as data, read by a grammar.
+//
+//   CREATE TABLE [IF NOT EXISTS] name ( column [, ...] ) [UNDER base | INHERITS ( base )]
+//   ALTER TABLE name ADD [COLUMN] column | DROP [COLUMN] name | RENAME TO name
+//                  | RENAME [COLUMN] name TO name
+//   DROP TABLE [IF EXISTS] name [CASCADE]
+//   CREATE [UNIQUE] INDEX [IF NOT EXISTS] name ON table ( column [ASC | DESC] [, ...] )
+//   DROP INDEX [IF EXISTS] name
+//   EXPLAIN any of these
+//
+//   column:  name type [NOT NULL | NULL]   or   name REF ( table )
+//
+// Names are plain words or stand between double quotes, and have segments with dots between them.
+
+#include <sagleme/host.hpp>
+#include <string>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+namespace sagleme::sql {
+
+struct ColumnDefinition {
+  std::string name;
+  Type type = Type::kString;
+  bool nullable = true;
+  std::string target;  // of a reference
+};
+
+struct CreateTableStatement {
+  std::string table;
+  std::string base;
+  std::vector<ColumnDefinition> columns;
+  bool if_not_exists = false;
+};
+struct AddColumnStatement {
+  std::string table;
+  ColumnDefinition column;
+};
+struct DropColumnStatement {
+  std::string table;
+  std::string column;
+};
+struct RenameColumnStatement {
+  std::string table;
+  std::string column;
+  std::string new_name;
+};
+struct RenameTableStatement {
+  std::string table;
+  std::string new_name;
+};
+struct DropTableStatement {
+  std::string table;
+  bool cascade = false;
+  bool if_exists = false;
+};
+struct CreateIndexStatement {
+  struct Part {
+    std::string column;
+    bool descending = false;
+  };
+  std::string index;
+  std::string table;
+  std::vector<Part> parts;
+  bool unique = false;
+  bool if_not_exists = false;
+};
+struct DropIndexStatement {
+  std::string index;
+  bool if_exists = false;
+};
+
+using DefinitionStatement =
+    std::variant<CreateTableStatement, AddColumnStatement, DropColumnStatement,
+                 RenameColumnStatement, RenameTableStatement, DropTableStatement,
+                 CreateIndexStatement, DropIndexStatement>;
+
+struct Definition {
+  bool explain = false;
+  DefinitionStatement statement;
+};
+
+// Whether a text begins with such a statement, so far as its first words tell.
+bool BeginsDefinition(std::string_view text);
+// The statement that `text` begins with, up to its semicolon or the end. `rest` gets what follows.
+// Failure with line, column and what was expected there.
+Definition ParseDefinition(std::string_view text, std::string_view* rest);
+
+// One sentence with what it costs: "instant", "background" or "destructive", and what is done.
+// Names are resolved; Error or Failure when that cannot be.
+std::vector<std::string> PlanOf(Transaction& transaction, DefinitionStatement const& statement);
+// Makes the change. What was done by a change that failed goes with the transaction or savepoint.
+void Apply(Transaction& transaction, DefinitionStatement const& statement);
+
+// Statements that make the tables of a database again, in an order that works.
+std::string DefinitionsOf(Transaction& transaction);
+
+}  // namespace sagleme::sql
+
+#endif

@@ -1,0 +1,349 @@
+#include <tao/pegtl.hpp>
+#include <tao/pegtl/contrib/unescape.hpp>
+
+#include "definition.h"
+#include "failure.h"
+
+namespace sagleme::sql {
+namespace {
+
+namespace peg = tao::pegtl;
+
+// ---- words
+
+struct line_comment : peg::seq<peg::two<'-'>, peg::until<peg::eolf>> {};
+struct block_comment : peg::if_must<TAO_PEGTL_STRING("/*"), peg::until<TAO_PEGTL_STRING("*/")>> {};
+struct blank : peg::sor<peg::space, line_comment, block_comment> {};
+struct gap : peg::star<blank> {};
+struct letter : peg::sor<peg::alpha, peg::one<'_'>, peg::ranges<'\x80', '\xff'>> {};
+struct letter_or_digit : peg::sor<letter, peg::digit, peg::one<'$'>> {};
+
+template <typename Word>
+struct keyword : peg::seq<Word, peg::not_at<letter_or_digit>, gap> {};
+#define SAGLEME_KEYWORD(name, text) \
+  struct name : keyword<TAO_PEGTL_ISTRING(text)> {}
+SAGLEME_KEYWORD(kw_add, "add");
+SAGLEME_KEYWORD(kw_alter, "alter");
+SAGLEME_KEYWORD(kw_asc, "asc");
+SAGLEME_KEYWORD(kw_cascade, "cascade");
+SAGLEME_KEYWORD(kw_column, "column");
+SAGLEME_KEYWORD(kw_create, "create");
+SAGLEME_KEYWORD(kw_desc, "desc");
+SAGLEME_KEYWORD(kw_drop, "drop");
+SAGLEME_KEYWORD(kw_exists, "exists");
+SAGLEME_KEYWORD(kw_explain, "explain");
+SAGLEME_KEYWORD(kw_if, "if");
+SAGLEME_KEYWORD(kw_index, "index");
+SAGLEME_KEYWORD(kw_inherits, "inherits");
+SAGLEME_KEYWORD(kw_not, "not");
+SAGLEME_KEYWORD(kw_null, "null");
+SAGLEME_KEYWORD(kw_on, "on");
+SAGLEME_KEYWORD(kw_parent, "parent");
+SAGLEME_KEYWORD(kw_ref, "ref");
+SAGLEME_KEYWORD(kw_rename, "rename");
+SAGLEME_KEYWORD(kw_set, "set");
+SAGLEME_KEYWORD(kw_table, "table");
+SAGLEME_KEYWORD(kw_to, "to");
+SAGLEME_KEYWORD(kw_type, "type");
+SAGLEME_KEYWORD(kw_under, "under");
+SAGLEME_KEYWORD(kw_unique, "unique");
+#undef SAGLEME_KEYWORD
+
+template <char C>
+struct mark : peg::seq<peg::one<C>, gap> {};
+struct open_list : mark<'('> {};
+struct close_list : mark<')'> {};
+struct comma : mark<','> {};
+
+struct plain_word : peg::seq<letter, peg::star<letter_or_digit>> {};
+struct quoted_text : peg::plus<peg::sor<peg::two<'"'>, peg::not_one<'"', '\0'>>> {};
+struct quoted_word : peg::if_must<peg::one<'"'>, quoted_text, peg::one<'"'>> {};
+struct segment : peg::sor<plain_word, quoted_word> {};
+struct dotted : peg::seq<peg::list_must<segment, peg::one<'.'>>, gap> {};
+
+struct table_name : dotted {};
+struct base_name : dotted {};
+struct new_table_name : dotted {};
+struct target_name : dotted {};
+struct index_name : dotted {};
+struct column_name : peg::seq<segment, gap> {};
+struct new_column_name : peg::seq<segment, gap> {};
+
+// ---- columns
+
+struct type_word : plain_word {};
+struct reference_type : peg::if_must<peg::seq<kw_ref, open_list>, target_name, close_list> {};
+struct no_length : peg::not_at<peg::one<'('>> {};
+struct plain_type : peg::seq<type_word, gap, peg::must<no_length>> {};
+struct column_type : peg::sor<reference_type, plain_type> {};
+struct not_null : peg::if_must<kw_not, kw_null> {};
+struct nullness : peg::opt<peg::sor<not_null, kw_null>> {};
+struct column : peg::seq<column_name, peg::must<column_type>, nullness> {};
+struct column_end : peg::at<peg::one<',', ')'>> {};
+struct listed_column : peg::seq<peg::must<column>, peg::must<column_end>> {};
+struct column_list
+    : peg::if_must<
+          open_list,
+          peg::sor<close_list, peg::seq<peg::list<listed_column, comma>, peg::must<close_list>>>> {
+};
+
+// ---- statements
+
+struct said_if_not : peg::if_must<kw_if, kw_not, kw_exists> {};
+struct said_if : peg::if_must<kw_if, kw_exists> {};
+struct said_unique : kw_unique {};
+struct said_cascade : kw_cascade {};
+struct said_descending : kw_desc {};
+struct said_explain : kw_explain {};
+
+struct under : peg::if_must<kw_under, base_name> {};
+struct inherits : peg::if_must<peg::seq<kw_inherits, open_list>, base_name, close_list> {};
+struct bases : peg::opt<peg::sor<under, inherits>> {};
+struct create_table
+    : peg::if_must<kw_table, peg::opt<said_if_not>, table_name, bases, column_list, bases> {};
+
+struct part : peg::seq<column_name, peg::opt<peg::sor<said_descending, kw_asc>>> {};
+struct create_index : peg::if_must<kw_index, peg::opt<said_if_not>, index_name, kw_on, table_name,
+                                   open_list, peg::list_must<part, comma>, close_list> {};
+struct create_unique : peg::if_must<said_unique, create_index> {};
+struct created : peg::sor<create_table, create_unique, create_index> {};
+
+struct add_column : peg::if_must<kw_add, peg::opt<kw_column>, column> {};
+struct drop_column : peg::if_must<kw_drop, peg::opt<kw_column>, column_name> {};
+struct rename_table : peg::if_must<kw_to, new_table_name> {};
+struct rename_column
+    : peg::seq<peg::opt<kw_column>, column_name, peg::must<kw_to>, peg::must<new_column_name>> {};
+struct renamed : peg::if_must<kw_rename, peg::sor<rename_table, rename_column>> {};
+struct set_parent : peg::if_must<kw_set, kw_parent, dotted> {};
+struct retype : peg::if_must<kw_alter, peg::opt<kw_column>, column_name, peg::opt<kw_set>, kw_type,
+                             column_type> {};
+struct alteration : peg::sor<add_column, drop_column, renamed, set_parent, retype> {};
+struct alter_table : peg::if_must<kw_alter, kw_table, table_name, alteration> {};
+
+struct drop_table : peg::if_must<kw_table, peg::opt<said_if>, table_name, peg::opt<said_cascade>> {
+};
+struct drop_index : peg::if_must<kw_index, peg::opt<said_if>, index_name> {};
+struct dropped : peg::sor<drop_table, drop_index> {};
+
+struct create : peg::if_must<kw_create, created> {};
+struct drop : peg::if_must<kw_drop, dropped> {};
+struct statement_end : peg::sor<mark<';'>, peg::eof> {};
+struct statement : peg::sor<create, alter_table, drop> {};
+struct definition : peg::must<gap, peg::opt<said_explain>, statement, statement_end> {};
+
+// What the first words must be for the statement to be one of ours.
+struct beginning
+    : peg::seq<
+          gap, peg::opt<kw_explain>,
+          peg::sor<peg::seq<kw_create, peg::sor<kw_table, peg::seq<kw_unique, kw_index>, kw_index>>,
+                   peg::seq<kw_alter, kw_table>, peg::seq<kw_drop, peg::sor<kw_table, kw_index>>>> {
+};
+
+// ---- what is said where something else is found
+
+template <typename Rule>
+inline constexpr char const* expected = nullptr;
+#define SAGLEME_EXPECTED(rule, text) \
+  template <>                        \
+  inline constexpr char const* expected<rule> = text
+SAGLEME_EXPECTED(statement, "CREATE TABLE, CREATE INDEX, ALTER TABLE, DROP TABLE or DROP INDEX");
+SAGLEME_EXPECTED(created, "TABLE, INDEX or UNIQUE INDEX");
+SAGLEME_EXPECTED(create_index, "INDEX");
+SAGLEME_EXPECTED(dropped, "TABLE or INDEX");
+SAGLEME_EXPECTED(alteration, "ADD, DROP, RENAME, SET PARENT or ALTER COLUMN");
+SAGLEME_EXPECTED(statement_end, "the end of the statement");
+SAGLEME_EXPECTED(column_list, "( and the columns");
+SAGLEME_EXPECTED(column_end, "NOT NULL, a comma or )");
+SAGLEME_EXPECTED(column, "a column");
+SAGLEME_EXPECTED(column_type, "a type, or REF(table)");
+SAGLEME_EXPECTED(no_length, "no length or precision, which columns do not have");
+SAGLEME_EXPECTED(column_name, "the name of a column");
+SAGLEME_EXPECTED(new_column_name, "the new name of the column");
+SAGLEME_EXPECTED(table_name, "the name of a table");
+SAGLEME_EXPECTED(new_table_name, "the new name of the table");
+SAGLEME_EXPECTED(base_name, "the name of the base");
+SAGLEME_EXPECTED(target_name, "the name of the table referred to");
+SAGLEME_EXPECTED(index_name, "the name of an index");
+SAGLEME_EXPECTED(dotted, "the name of a table");
+SAGLEME_EXPECTED(segment, "a name after the dot");
+SAGLEME_EXPECTED(quoted_text, "a name between the quotes");
+SAGLEME_EXPECTED(part, "the name of a column");
+SAGLEME_EXPECTED(open_list, "(");
+SAGLEME_EXPECTED(close_list, ")");
+SAGLEME_EXPECTED(kw_exists, "EXISTS");
+SAGLEME_EXPECTED(kw_not, "NOT");
+SAGLEME_EXPECTED(kw_null, "NULL");
+SAGLEME_EXPECTED(kw_on, "ON");
+SAGLEME_EXPECTED(kw_parent, "PARENT");
+SAGLEME_EXPECTED(kw_table, "TABLE");
+SAGLEME_EXPECTED(kw_to, "TO");
+SAGLEME_EXPECTED(kw_type, "TYPE");
+#undef SAGLEME_EXPECTED
+using renaming = peg::sor<rename_table, rename_column>;
+template <>
+inline constexpr char const* expected<renaming> = "TO or the name of a column";
+template <>
+inline constexpr char const* expected<peg::one<'"'>> = "\" at the end of the name";
+template <>
+inline constexpr char const* expected<peg::until<TAO_PEGTL_STRING("*/")>> = "*/";
+using columns_inside =
+    peg::sor<close_list, peg::seq<peg::list<listed_column, comma>, peg::must<close_list>>>;
+template <>
+inline constexpr char const* expected<columns_inside> = "a column or )";
+
+std::string Found(char const* at, char const* end) {
+  if (at == end) return "the end";
+  char const* last = at;
+  while (last != end && last - at < 24 &&
+         (std::isalnum(static_cast<unsigned char>(*last)) != 0 || *last == '_')) {
+    ++last;
+  }
+  return last == at ? std::string(1, *at) : std::string(at, last);
+}
+
+[[noreturn]] void Refuse(std::size_t line, std::size_t column, std::string const& what) {
+  throw Failure(SQLITE_ERROR, "line " + std::to_string(line) + ", column " +
+                                  std::to_string(column) + ": " + what);
+}
+
+template <typename Rule>
+struct Control : peg::normal<Rule> {
+  template <typename Input, typename... States>
+  [[noreturn]] static void raise(Input const& in, States&&...) {
+    auto const at = in.position();
+    char const* const text = expected<Rule> == nullptr ? "something else" : expected<Rule>;
+    Refuse(at.line, at.column,
+           "expected " + std::string(text) + ", found " + Found(in.current(), in.end()));
+  }
+};
+
+// ---- building
+
+struct Builder {
+  std::vector<std::string> segments;
+  std::string table;
+  std::string base;
+  std::string index;
+  std::string new_table;
+  std::string new_column;
+  std::vector<ColumnDefinition> columns;
+  std::vector<bool> descending;
+  bool conditional = false;
+  bool unique = false;
+  bool cascade = false;
+  Definition made;
+
+  std::string TakeName() {
+    std::string name;
+    for (std::string const& each : segments) name += (name.empty() ? "" : ".") + each;
+    segments.clear();
+    return name;
+  }
+};
+
+template <typename Rule>
+struct Action : peg::nothing<Rule> {};
+
+template <>
+struct Action<plain_word> {
+  template <typename Input>
+  static void apply(Input const& in, Builder& to) {
+    to.segments.push_back(in.string());
+  }
+};
+template <>
+struct Action<quoted_text> {
+  template <typename Input>
+  static void apply(Input const& in, Builder& to) {
+    std::string text = in.string();
+    for (auto at = text.find("\"\""); at != std::string::npos; at = text.find("\"\"", at + 1)) {
+      text.erase(at, 1);
+    }
+    to.segments.push_back(std::move(text));
+  }
+};
+
+#define SAGLEME_ACTION(rule, ...)                                                       \
+  template <>                                                                           \
+  struct Action<rule> {                                                                 \
+    template <typename Input>                                                           \
+    static void apply([[maybe_unused]] Input const& in, [[maybe_unused]] Builder& to) { \
+      __VA_ARGS__;                                                                      \
+    }                                                                                   \
+  }
+SAGLEME_ACTION(table_name, to.table = to.TakeName());
+SAGLEME_ACTION(base_name, to.base = to.TakeName());
+SAGLEME_ACTION(new_table_name, to.new_table = to.TakeName());
+SAGLEME_ACTION(index_name, to.index = to.TakeName());
+SAGLEME_ACTION(new_column_name, to.new_column = to.TakeName());
+SAGLEME_ACTION(column_name, to.columns.push_back({to.TakeName(), Type::kString, true, ""});
+               to.descending.push_back(false));
+SAGLEME_ACTION(target_name, to.columns.back().type = Type::kReference;
+               to.columns.back().target = to.TakeName());
+SAGLEME_ACTION(not_null, to.columns.back().nullable = false);
+SAGLEME_ACTION(said_descending, to.descending.back() = true);
+SAGLEME_ACTION(said_if_not, to.conditional = true);
+SAGLEME_ACTION(said_if, to.conditional = true);
+SAGLEME_ACTION(said_unique, to.unique = true);
+SAGLEME_ACTION(said_cascade, to.cascade = true);
+SAGLEME_ACTION(said_explain, to.made.explain = true);
+SAGLEME_ACTION(type_word, {
+  std::u16string const name = ToUtf16(in.string());
+  unsigned char code = 0;
+  auto const at = in.position();
+  if (!metalayer::MapSqlToDbType(name.c_str(), code)) {
+    bool const known = metalayer::CheckUnsopportedSqlType(name.c_str());
+    Refuse(at.line, at.column,
+           known ? "type " + in.string() + " is not supported"
+                 : "expected a type, or REF(table), found " + in.string());
+  }
+  to.columns.back().type = static_cast<Type>(code);
+});
+SAGLEME_ACTION(create_table, (to.made.statement = CreateTableStatement{
+                                  to.table, to.base, to.columns, to.conditional}));
+SAGLEME_ACTION(add_column, (to.made.statement = AddColumnStatement{to.table, to.columns.back()}));
+SAGLEME_ACTION(drop_column,
+               (to.made.statement = DropColumnStatement{to.table, to.columns.back().name}));
+SAGLEME_ACTION(rename_table, (to.made.statement = RenameTableStatement{to.table, to.new_table}));
+SAGLEME_ACTION(rename_column, (to.made.statement = RenameColumnStatement{
+                                   to.table, to.columns.back().name, to.new_column}));
+SAGLEME_ACTION(drop_table,
+               (to.made.statement = DropTableStatement{to.table, to.cascade, to.conditional}));
+SAGLEME_ACTION(drop_index, (to.made.statement = DropIndexStatement{to.index, to.conditional}));
+SAGLEME_ACTION(set_parent, {
+  auto const at = in.position();
+  Refuse(at.line, at.column, "a table keeps its base: make a new table and copy the objects");
+});
+SAGLEME_ACTION(retype, {
+  auto const at = in.position();
+  Refuse(at.line, at.column, "a column keeps its type: add a new column and copy the values");
+});
+SAGLEME_ACTION(create_index, {
+  CreateIndexStatement made{to.index, to.table, {}, to.unique, to.conditional};
+  for (std::size_t i = 0; i < to.columns.size(); ++i) {
+    made.parts.push_back({to.columns[i].name, to.descending[i]});
+  }
+  to.made.statement = std::move(made);
+});
+#undef SAGLEME_ACTION
+
+}  // namespace
+
+bool BeginsDefinition(std::string_view text) {
+  peg::memory_input<> in(text.data(), text.size(), "");
+  try {
+    return peg::parse<beginning>(in);
+  } catch (peg::parse_error const&) {
+    return false;  // a comment without an end
+  }
+}
+
+Definition ParseDefinition(std::string_view text, std::string_view* rest) {
+  peg::memory_input<> in(text.data(), text.size(), "");
+  Builder builder;
+  peg::parse<definition, Action, Control>(in, builder);
+  if (rest != nullptr) *rest = text.substr(static_cast<std::size_t>(in.current() - text.data()));
+  return builder.made;
+}
+
+}  // namespace sagleme::sql

@@ -1,0 +1,130 @@
+// Definitions: what the grammar takes, what it says of the rest, and when SQL sees the change.
+
+#include "sql/definition.h"
+
+#include "support.h"
+
+namespace sql_tests {
+namespace {
+
+class Define : public testing::Test {
+ protected:
+  Define() { library_.AttachTo(sql_); }
+
+  std::string operator()(std::string const& statement) {
+    std::string quoted;
+    for (char const c : statement) quoted += c == '\'' ? "''" : std::string(1, c);
+    return sql_("SELECT sagleme_exec('" + quoted + "')");
+  }
+
+  Library library_;
+  Sql sql_;
+};
+
+TEST_F(Define, TablesAndIndexesComeAndGo) {
+  EXPECT_EQ((*this)("CREATE TABLE Library.Film (Minutes integer NOT NULL, \"Made in\" text, "
+                    "Director REF(Person)) UNDER Library.Item"),
+            "instant      create table Library.Film derived from Library.Item");
+  EXPECT_EQ(sql_("INSERT INTO Film(Title, Year, Minutes, \"Made in\") "
+                 "VALUES('Metropolis', 1927, 153, 'Berlin'); SELECT Minutes FROM Film"),
+            "153");
+  EXPECT_EQ((*this)("CREATE INDEX FilmByMinutes ON Film (Minutes DESC, Title)"),
+            "background   create index FilmByMinutes on Library.Film");
+  // EXPLAIN alone looks at no file, so it does not find the definitions that changed.
+  EXPECT_EQ(sql_("SELECT Minutes FROM Film WHERE Minutes > 100"), "153");
+  std::string const plan = sql_("EXPLAIN QUERY PLAN SELECT * FROM Film WHERE Minutes > 100");
+  EXPECT_NE(plan.find("FilmByMinutes (Minutes>?)"), std::string::npos) << plan;
+  EXPECT_EQ((*this)("ALTER TABLE Film RENAME COLUMN Minutes TO Length"),
+            "instant      rename column Minutes of Library.Film to Length");
+  EXPECT_EQ(sql_("SELECT Length FROM Film WHERE Length > 100"), "153");
+  EXPECT_EQ((*this)("ALTER TABLE Film ADD Colour boolean"),
+            "background   add Colour to Library.Film");
+  EXPECT_EQ(sql_("SELECT Colour FROM Film"), "NULL");
+  EXPECT_EQ((*this)("ALTER TABLE Film DROP COLUMN Colour"),
+            "destructive  drop column Colour of Library.Film with its values");
+  EXPECT_EQ((*this)("ALTER TABLE Film RENAME TO Library.Movie"),
+            "instant      rename table Library.Film to Library.Movie");
+  EXPECT_EQ((*this)("DROP INDEX FilmByMinutes"), "instant      drop index FilmByMinutes");
+  EXPECT_EQ(sql_("SELECT Title FROM Movie"), "Metropolis");
+  EXPECT_EQ((*this)("DROP TABLE Movie"), "destructive  drop table Library.Movie with its objects");
+  EXPECT_EQ(sql_("SELECT * FROM Movie"), "error: no such table: Movie");
+}
+
+TEST_F(Define, Explain_TellsThePlanAndChangesNothing) {
+  EXPECT_EQ((*this)("EXPLAIN DROP TABLE Item CASCADE"),
+            "instant      drop index ItemByTitle\ninstant      drop index ItemByYear\n"
+            "instant      drop index BookByPages\n"
+            "destructive  drop table Library.Item with its objects\n"
+            "destructive  drop table Library.Book with its objects");
+  EXPECT_EQ(sql_("SELECT count(*) FROM Book"), "0");
+}
+
+TEST_F(Define, InsideATransaction_GoesWithIt) {
+  sql_("BEGIN");
+  (*this)("CREATE TABLE Library.Film () INHERITS (Library.Item)");
+  EXPECT_EQ(sql_("INSERT INTO Film(Title, Year) VALUES('M', 1931); SELECT _table FROM Item"),
+            "Library.Film");
+  EXPECT_EQ(sql_("ROLLBACK; SELECT * FROM Film"), "error: no such table: Film");
+  sql_("BEGIN");
+  (*this)("ALTER TABLE Item ADD Shelf text");
+  EXPECT_EQ(sql_("INSERT INTO Book(Title, Year, Shelf) VALUES('Emma', 1815, 'E'); COMMIT"), "");
+  EXPECT_EQ(sql_("SELECT Shelf FROM Item"), "E");
+  sql_("BEGIN; SAVEPOINT s");
+  (*this)("DROP INDEX ItemByYear");
+  EXPECT_EQ(sql_("ROLLBACK TO s; SELECT Shelf FROM Item WHERE Year = 1815; COMMIT"), "E");
+}
+
+TEST_F(Define, Error_SaysWhereAndWhatWasExpected) {
+  EXPECT_EQ((*this)("CREATE TABLE a.B (\n  x integer,\n  y nonsense)"),
+            "error: line 3, column 5: expected a type, or REF(table), found nonsense");
+  EXPECT_EQ((*this)("CREATE TABLE (x integer)"),
+            "error: line 1, column 14: expected the name of a table, found (");
+  EXPECT_EQ((*this)("CREATE TABLE B (x integer"),
+            "error: line 1, column 26: expected NOT NULL, a comma or ), found the end");
+  EXPECT_EQ((*this)("CREATE TABLE B (x integer PRIMARY KEY)"),
+            "error: line 1, column 27: expected NOT NULL, a comma or ), found PRIMARY");
+  EXPECT_EQ((*this)("CREATE TABLE B (x varchar(20))"),
+            "error: line 1, column 26: expected no length or precision, which columns do not "
+            "have, found (");
+  EXPECT_EQ((*this)("CREATE TABLE B (x timetz)"),
+            "error: line 1, column 19: type timetz is not supported");
+  EXPECT_EQ((*this)("ALTER TABLE Item SET PARENT Person"),
+            "error: line 1, column 18: a table keeps its base: make a new table and copy the "
+            "objects");
+  EXPECT_EQ((*this)("TRUNCATE Item"),
+            "error: line 1, column 1: expected CREATE TABLE, CREATE INDEX, ALTER TABLE, DROP "
+            "TABLE or DROP INDEX, found TRUNCATE");
+  EXPECT_EQ((*this)("CREATE TABLE B (x integer) nonsense"),
+            "error: line 1, column 28: expected the end of the statement, found nonsense");
+}
+
+TEST_F(Define, WhatTheLayerRefuses_LeavesNothing) {
+  EXPECT_EQ((*this)("DROP TABLE Film"), "error: no such table: Film");
+  EXPECT_EQ((*this)("DROP TABLE IF EXISTS Film"), "");
+  EXPECT_EQ((*this)("CREATE TABLE Library.Book (x text)"),
+            "error: table Library.Book already exists");
+  EXPECT_TRUE((*this)("DROP TABLE Item").starts_with("error"));
+  EXPECT_TRUE((*this)("ALTER TABLE Item DROP COLUMN Year").starts_with("error"));
+  EXPECT_EQ((*this)("CREATE TABLE A.B (c REF(No.Such))"), "error: no such table: No.Such");
+  EXPECT_EQ(sql_("INSERT INTO Item(Title, Year) VALUES('x', 1); SELECT count(*) FROM Item"), "1");
+  EXPECT_TRUE(sql_("DROP TABLE lib.Item").starts_with("error"));
+  EXPECT_EQ(sql_("SELECT count(*) FROM Item"), "1");
+}
+
+TEST_F(Define, DefinitionsOf_AreReadAgain) {
+  (*this)(
+      "CREATE TABLE \"Odd \"\"one\" (b boolean, r real NOT NULL, d double, \"a b\" binary, "
+      "n decimal, u uint)");
+  std::string text;
+  library_.Change(
+      [&](sagleme::Transaction& transaction) { text = sagleme::sql::DefinitionsOf(transaction); });
+  (*this)("DROP TABLE Item CASCADE; DROP TABLE Person CASCADE; DROP TABLE \"Odd \"\"one\"");
+  EXPECT_EQ(sql_("SELECT name FROM lib.sqlite_schema WHERE type = 'table'"), "");
+  EXPECT_FALSE((*this)(text).starts_with("error"));
+  library_.Change([&](sagleme::Transaction& transaction) {
+    EXPECT_EQ(sagleme::sql::DefinitionsOf(transaction), text);
+  });
+}
+
+}  // namespace
+}  // namespace sql_tests
