@@ -170,21 +170,28 @@ TEST_F(ConcurrencyTest, ReadersSeeWholeTransactions) {
   session_.Begin();
   Oid const other = NewRow(session_, 1000);
   session_.Commit();
-  InParallel(3, [&](int thread) {
+  constexpr int kReaders = 2;
+  constexpr std::size_t kStates = 20;  // that each reader sees
+  std::atomic<int> reading = kReaders;
+  InParallel(1 + kReaders, [&](int thread) {
     Session session(database_);
-    for (int i = 0; i < 200; ++i) {
-      if (thread == 0) {
-        session.Begin();
-        session.PutLong(row_, kValue, *session.Long(row_, kValue) + 1);
-        session.PutLong(other, kValue, *session.Long(other, kValue) - 1);
-        session.Commit();
-        continue;
-      }
+    // Up to the middle and back, so that the order of the rows stays.
+    for (std::int64_t i = 0; thread == 0 && reading > 0; ++i) {
+      std::int64_t const moved = i / 400 % 2 == 0 ? 1 : -1;
+      session.Begin();
+      session.PutLong(row_, kValue, *session.Long(row_, kValue) + moved);
+      session.PutLong(other, kValue, *session.Long(other, kValue) - moved);
+      session.Commit();
+    }
+    std::set<std::int64_t> states;
+    while (thread != 0 && states.size() < kStates) {
       session.BeginReadOnly();
+      states.insert(*session.Long(row_, kValue));
       EXPECT_EQ(*session.Long(row_, kValue) + *session.Long(other, kValue), 1000);
       EXPECT_EQ(session.Walk(by_value_), (Oids{row_, other}));
       session.Commit();
     }
+    if (thread != 0) --reading;
   });
 }
 

@@ -210,10 +210,18 @@ TEST(OpenTest, ADirectoryReachedByAnotherNameIsTheSameDatabase) {
 TEST(OpenTest, ManyDatabasesMayBeOpen) {
   std::vector<std::unique_ptr<Database>> databases;
   for (int i = 0; i < 10; ++i) databases.push_back(std::make_unique<Database>());
-  for (auto const& database : databases) {
-    Session session(*database);
-    World const world(session);
-    world.CommittedRow(session, 1);
+  std::vector<World> worlds;
+  for (std::size_t i = 0; i < databases.size(); ++i) {
+    Session session(*databases[i]);
+    worlds.emplace_back(session);
+    worlds.back().CommittedRow(session, static_cast<std::int64_t>(i));
+  }
+  for (std::size_t i = 0; i < databases.size(); ++i) {
+    Session session(*databases[i]);
+    session.BeginReadOnly();
+    Oids const rows = session.Walk(worlds[i].index);
+    ASSERT_EQ(1u, rows.size()) << "database " << i;
+    EXPECT_EQ(static_cast<std::int64_t>(i), session.Long(rows[0], kNumber));
   }
 }
 

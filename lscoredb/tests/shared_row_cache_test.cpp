@@ -5,6 +5,7 @@
 #include <barrier>
 #include <deque>
 #include <thread>
+#include <utility>
 
 #include "kernel_test.h"
 
@@ -189,14 +190,19 @@ TEST_P(SharedRowCacheTest, ReadersThatStayBesideWriters_SeeEveryRowAsItWas) {
     return value;
   };
   std::atomic<int> working = kWriters;
+  std::atomic<int> commits = 0;
+  std::barrier start(kWriters +
+                     kReaders);  // the readers' first states are those before all commits
   std::vector<std::thread> threads;
   for (int writer = 0; writer < kWriters; ++writer) {
     threads.emplace_back([&, writer] {
       Session session(database_);
+      start.arrive_and_wait();
       for (std::int64_t value = 1; value <= kCommits; ++value) {
         session.Begin();
         for (Oid const row : rows_of(writer)) Write(session, row, value);
         session.Commit();
+        ++commits;
       }
       --working;
     });
@@ -206,10 +212,15 @@ TEST_P(SharedRowCacheTest, ReadersThatStayBesideWriters_SeeEveryRowAsItWas) {
       Session staying(database_);
       Session coming(database_);
       std::int64_t newest[kWriters] = {};
-      while (working > 0) {
+      bool first = true;
+      do {
         staying.BeginReadOnly();
         std::int64_t seen[kWriters] = {};
         for (int writer = 0; writer < kWriters; ++writer) seen[writer] = read(staying, writer);
+        if (std::exchange(first, false)) {
+          start.arrive_and_wait();
+          while (commits == 0) std::this_thread::yield();
+        }
         for (int i = 0; i <= reader; ++i) {
           coming.BeginReadOnly();
           for (int writer = 0; writer < kWriters; ++writer) {
@@ -223,7 +234,7 @@ TEST_P(SharedRowCacheTest, ReadersThatStayBesideWriters_SeeEveryRowAsItWas) {
           EXPECT_EQ(seen[writer], read(staying, writer));
         }
         staying.Rollback();
-      }
+      } while (working > 0);
     });
   }
   for (std::thread& thread : threads) thread.join();
