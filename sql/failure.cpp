@@ -18,7 +18,7 @@ int ResultCode(std::uint32_t status) {
       return SQLITE_CONSTRAINT;
     case LSCOREDB_NO_MEMORY:
       return SQLITE_NOMEM;
-    case LSCOREDB_READ_ONLY:
+    case LSCOREDB_WRITE_REFUSED:
       return SQLITE_READONLY;
     case LSCOREDB_TOO_LARGE:
       return SQLITE_TOOBIG;

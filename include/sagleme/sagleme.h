@@ -43,14 +43,25 @@
 
 #include <lscoredb/lscoredb.h>
 #include <sagleme/export.h>
+#include <sagleme/statuses.h>
 #include <stddef.h>
 
 #ifdef __cplusplus
 extern "C" {
 #endif
 
-/* A handle or a continuation is used in a context of another database than its own. */
-#define LORV_STATUS_FOREIGN_DATABASE 15030u
+/* ---- logical types --------------------------------------------------------------------------- */
+
+/* The types of columns as the catalogue has them, by their codes there. */
+#define SAGLEME_TYPE_TEXT 1u
+#define SAGLEME_TYPE_BINARY 2u
+#define SAGLEME_TYPE_SIGNED 3u
+#define SAGLEME_TYPE_UNSIGNED 4u
+#define SAGLEME_TYPE_DECIMAL 5u
+#define SAGLEME_TYPE_FLOAT 6u
+#define SAGLEME_TYPE_DOUBLE 7u
+#define SAGLEME_TYPE_REFERENCE 8u
+#define SAGLEME_TYPE_BOOL 10u
 
 /* ---- records from the host ------------------------------------------------------------------- */
 
@@ -64,9 +75,7 @@ typedef struct LORV_COLUMN_DEFINITION {
 } LORV_COLUMN_DEFINITION;
 
 typedef struct LORV_COLUMN_DEFINITION_NAMES {
-  /* 1 text, 2 binary, 3 signed, 4 unsigned, 5 decimal, 6 float, 7 double, 8 reference,
-   * 10 bool */
-  uint8_t logical_type;
+  uint8_t logical_type;      /* SAGLEME_TYPE_* */
   char16_t const* type_name; /* full name of the referenced table, for reference columns */
   uint8_t is_nullable;
   char16_t const* name; /* null ends the array */

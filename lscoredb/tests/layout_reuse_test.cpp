@@ -265,7 +265,7 @@ TEST_F(LayoutReuseTest, WhatCannotBeReleased) {
     session.Rollback();
     EXPECT_STATUS(LSCOREDB_NO_TRANSACTION, Release(session, 1));
     session.BeginReadOnly();
-    EXPECT_STATUS(LSCOREDB_READ_ONLY, Release(session, 1));
+    EXPECT_STATUS(LSCOREDB_WRITE_REFUSED, Release(session, 1));
     session.Rollback();
   });
   ExpectKnownLater({1});

@@ -282,7 +282,7 @@ TEST_F(SavepointTest, AReadOnlyTransactionMayHaveThem) {
   session_.BeginReadOnly();
   Savepoint const savepoint = Set();
   Oid oid = 0;
-  EXPECT_STATUS(LSCOREDB_READ_ONLY, lorv_context_insert(context(), layout_, &oid));
+  EXPECT_STATUS(LSCOREDB_WRITE_REFUSED, lorv_context_insert(context(), layout_, &oid));
   RollbackTo(savepoint);
   Release(savepoint);
   ExpectAsAtFirst();

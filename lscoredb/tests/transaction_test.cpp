@@ -283,7 +283,7 @@ TEST_F(TransactionTest, AReadOnlyTransactionReadsAndCommits) {
   session_.BeginReadOnly();
   EXPECT_EQ(session_.Long(account_, kBalance), 100);
   EXPECT_EQ(session_.Walk(by_balance_), Oids{account_});
-  EXPECT_STATUS(LSCOREDB_READ_ONLY,
+  EXPECT_STATUS(LSCOREDB_WRITE_REFUSED,
                 lorv_context_put_long(session_.context(), account_, 0, kBalance, 1));
   EXPECT_EQ(session_.Long(account_, kBalance), 100);
   session_.Commit();

@@ -66,8 +66,8 @@ void encode_tt4(unsigned char const* text, unsigned int size, ENCODER& encoder) 
 namespace db_util {
 namespace {
 
-constexpr unsigned int kOutOfMemory = 1003;
-constexpr unsigned int kKeyDoesNotFit = 4197;
+constexpr unsigned int kOutOfMemory = SAGLEME_NO_MEMORY;
+constexpr unsigned int kKeyDoesNotFit = SAGLEME_NAME_TOO_LONG;
 
 constexpr unsigned long kIntegerSize = 9;
 constexpr unsigned long kSignBit = 1ul << 63;

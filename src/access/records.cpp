@@ -3,7 +3,7 @@
 namespace db_util {
 namespace {
 
-constexpr unsigned int kIteratorNotFreed = 1070;
+constexpr unsigned int kIteratorNotFreed = SAGLEME_ITERATOR_NOT_FREED;
 
 // An iterator that cannot be given back means that the kernel and this library disagree on what is
 // open; nothing after that could be trusted.

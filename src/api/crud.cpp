@@ -9,8 +9,8 @@
 namespace metalayer::crud {
 namespace {
 
-constexpr unsigned int kTableNotFound = 15003;
-constexpr unsigned int kBadArgument = 1001;
+constexpr unsigned int kTableNotFound = SAGLEME_TABLE_NOT_FOUND;
+constexpr unsigned int kBadArgument = SAGLEME_BAD_ARGUMENT;
 
 // There is no record behind a delete handle; deleting needs none.
 constexpr uint64_t kDeleteHandle = 1;

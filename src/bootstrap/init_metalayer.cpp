@@ -33,8 +33,8 @@ LS_OBJ_REF& SchemaGeneration() { return CurrentStartUp().generation; }
 
 namespace {
 
-constexpr unsigned int kNotPrepared = 7043;
-constexpr unsigned int kVersionMismatch = 15010;
+constexpr unsigned int kNotPrepared = SAGLEME_NOT_PREPARED;
+constexpr unsigned int kVersionMismatch = SAGLEME_VERSION_MISMATCH;
 constexpr unsigned int kTokenTable = 1;
 constexpr unsigned int kFirstLoadedTable = 2;
 

@@ -8,8 +8,8 @@ namespace metalayer {
 
 namespace {
 
-constexpr unsigned int kInvalidType = 4226;
-constexpr unsigned int kTypeIsGone = 4280;
+constexpr unsigned int kInvalidType = SAGLEME_INVALID_TYPE;
+constexpr unsigned int kTypeIsGone = SAGLEME_TYPE_IS_GONE;
 
 // Rows of a table, or of a descendant of it.
 template <typename Metaclass>

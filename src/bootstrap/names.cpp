@@ -11,7 +11,7 @@ namespace {
 
 constexpr char16_t kSeparator = u'.';
 constexpr char16_t const* kReversedRoot = u".Raw.Lorvenstack";
-constexpr unsigned int kTableNotFound = 15003;
+constexpr unsigned int kTableNotFound = SAGLEME_TABLE_NOT_FOUND;
 
 // The index of all table-like rows also holds views and classes; a name finds stored tables alone.
 bool IsStoredTable(LS_OBJ_REF const& row) {

@@ -13,7 +13,7 @@
 namespace metalayer::crud {
 namespace {
 
-constexpr unsigned int kTableNotFound = 15003;
+constexpr unsigned int kTableNotFound = SAGLEME_TABLE_NOT_FOUND;
 
 struct HandleCaches : StatePart {
   static constexpr PartOf kPart = PartOf::kHandles;

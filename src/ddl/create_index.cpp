@@ -11,8 +11,8 @@ namespace {
 constexpr int kSortMaskBits = 16;
 constexpr short kEndOfColumns = -1;
 constexpr unsigned int kUnique = 1;  // bit 0 of the flags
-constexpr unsigned int kBadIndexColumns = 7035;
-constexpr unsigned int kTableNotFound = 15003;
+constexpr unsigned int kBadIndexColumns = SAGLEME_BROKEN_CATALOGUE;
+constexpr unsigned int kTableNotFound = SAGLEME_TABLE_NOT_FOUND;
 
 bool IsAscending(unsigned short sort_mask, int position) {
   return ((sort_mask >> position) & 1) == 0;

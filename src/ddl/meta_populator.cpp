@@ -9,7 +9,7 @@ namespace metalayer {
 
 namespace {
 
-constexpr unsigned int kBadType = 15002;
+constexpr unsigned int kBadType = SAGLEME_TARGET_NOT_FOUND;
 
 // What a column row is made of, whichever way the column was described.
 struct ColumnRow {

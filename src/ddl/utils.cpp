@@ -11,8 +11,8 @@ namespace metalayer::ddl {
 
 namespace {
 
-constexpr unsigned int kBadArgument = 1001;
-constexpr unsigned int kStillReferenced = 15012;
+constexpr unsigned int kBadArgument = SAGLEME_BAD_ARGUMENT;
+constexpr unsigned int kStillReferenced = SAGLEME_TABLE_REFERENCED;
 constexpr std::size_t kDecimalDigits = 21;  // of the largest 64-bit number, with the terminator
 
 [[noreturn]] void ThrowTooManyDefinitions(std::size_t limit) {

@@ -12,7 +12,7 @@
 namespace metalayer::ddl {
 
 // Raised without words of its own: a list of kernel records that is full before its columns end.
-inline constexpr unsigned int kTooManyKernelRecords = 15007;
+inline constexpr unsigned int kTooManyKernelRecords = SAGLEME_TOO_MANY_RECORDS;
 
 // A table's additions over its base, ended by a record of type 0.
 struct KernelRecords {

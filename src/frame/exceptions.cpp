@@ -27,27 +27,27 @@ namespace {
 using std::u16string;
 using Stream = ucs2_stream<ErrBlt>;
 
-constexpr unsigned int kBadArgument = 1001;
-constexpr unsigned int kIndexAlreadyExists = 4187;
-constexpr unsigned int kColumnNotNullable = 4213;
-constexpr unsigned int kTableAlreadyExists = 4214;
-constexpr unsigned int kIndexNotFound = 4229;
-constexpr unsigned int kLayoutNotFound = 4230;
-constexpr unsigned int kColumnNameTaken = 4277;
-constexpr unsigned int kTokenNotFound = 4279;
-constexpr unsigned int kColumnNotFound = 4300;
-constexpr unsigned int kColumnNonexistent = 7038;
-constexpr unsigned int kAmbiguousName = 7039;
-constexpr unsigned int kBaseTableNotFound = 15001;
-constexpr unsigned int kTableNotFound = 15003;
-constexpr unsigned int kIndexNotOfTable = 15005;
-constexpr unsigned int kTableNotEmpty = 15006;
-constexpr unsigned int kSchemaMismatch = 15009;
-constexpr unsigned int kColumnIndexed = 15011;
-constexpr unsigned int kTableReferenced = 15012;
-constexpr unsigned int kTableHasChildren = 15013;
-constexpr unsigned int kColumnMapped = 15014;
-constexpr unsigned int kColumnInherited = 15024;
+constexpr unsigned int kBadArgument = SAGLEME_BAD_ARGUMENT;
+constexpr unsigned int kIndexAlreadyExists = SAGLEME_INDEX_EXISTS;
+constexpr unsigned int kColumnNotNullable = SAGLEME_COLUMN_NOT_NULLABLE;
+constexpr unsigned int kTableAlreadyExists = SAGLEME_TABLE_EXISTS;
+constexpr unsigned int kIndexNotFound = SAGLEME_INDEX_NOT_FOUND;
+constexpr unsigned int kLayoutNotFound = SAGLEME_LAYOUT_NOT_FOUND;
+constexpr unsigned int kColumnNameTaken = SAGLEME_COLUMN_NAME_TAKEN;
+constexpr unsigned int kTokenNotFound = SAGLEME_TOKEN_NOT_FOUND;
+constexpr unsigned int kColumnNotFound = SAGLEME_COLUMN_NOT_FOUND;
+constexpr unsigned int kColumnNonexistent = SAGLEME_NO_SUCH_COLUMN;
+constexpr unsigned int kAmbiguousName = SAGLEME_AMBIGUOUS_NAME;
+constexpr unsigned int kBaseTableNotFound = SAGLEME_BASE_NOT_FOUND;
+constexpr unsigned int kTableNotFound = SAGLEME_TABLE_NOT_FOUND;
+constexpr unsigned int kIndexNotOfTable = SAGLEME_INDEX_OF_ANOTHER_TABLE;
+constexpr unsigned int kTableNotEmpty = SAGLEME_TABLE_NOT_EMPTY;
+constexpr unsigned int kSchemaMismatch = SAGLEME_SCHEMA_MISMATCH;
+constexpr unsigned int kColumnIndexed = SAGLEME_COLUMN_INDEXED;
+constexpr unsigned int kTableReferenced = SAGLEME_TABLE_REFERENCED;
+constexpr unsigned int kTableHasChildren = SAGLEME_TABLE_HAS_DESCENDANTS;
+constexpr unsigned int kColumnMapped = SAGLEME_COLUMN_MAPPED;
+constexpr unsigned int kColumnInherited = SAGLEME_COLUMN_INHERITED;
 
 constexpr int kMaxDefinitions = 112;
 

@@ -1,9 +1,11 @@
+#include <sagleme/statuses.h>
+
 #include <sagleme/metalayer/context.hpp>
 
 namespace metalayer {
 namespace {
 
-constexpr unsigned int kBrokenCatalogue = 7035;
+constexpr unsigned int kBrokenCatalogue = SAGLEME_BROKEN_CATALOGUE;
 
 }  // namespace
 

@@ -199,7 +199,7 @@ TEST_F(Generation, InAReadOnlyTransaction_CannotAdvance) {
     AdvanceSchemaGeneration();
     FAIL() << "a read-only transaction took a write";
   } catch (db_util::db_exception const& failure) {
-    EXPECT_EQ(LSCOREDB_READ_ONLY, failure.code());
+    EXPECT_EQ(LSCOREDB_WRITE_REFUSED, failure.code());
   }
 }
 

@@ -193,7 +193,7 @@ TEST_F(Metaclasses, InsertsWithoutCallers_Work) {
 TEST_F(Metaclasses, InsertInAReadOnlyTransaction_IsTheKernelsFailure) {
   Rollback();
   ASSERT_EQ(0u, lscoredb_begin(context(), LSCOREDB_READ_ONLY_TRANSACTION));
-  EXPECT_EQ(LSCOREDB_READ_ONLY, CodeOf([] { Configuration::Insert(u"Some", 1); }));
+  EXPECT_EQ(LSCOREDB_WRITE_REFUSED, CodeOf([] { Configuration::Insert(u"Some", 1); }));
 }
 
 // ---- lookups ------------------------------------------------------------------------------------

@@ -149,7 +149,7 @@ class ReadScope {
 namespace detail {
 
 // The status of a catalogue that is only partly there.
-inline constexpr std::uint32_t kPartialCatalogue = 7043;
+inline constexpr std::uint32_t kPartialCatalogue = SAGLEME_NOT_PREPARED;
 
 // What creation makes last: the index over the texts of set specifiers.
 inline constexpr char16_t kLastIndexOfCreation[] = u"TypeId";
@@ -207,7 +207,7 @@ inline bool Database::IsWhole() {
   Context const context(*this);
   RawTransaction const transaction(context, Access::kReadOnly);
   auto const status = lorv_init_metalayer(context.id());
-  if (status == detail::kPartialCatalogue || status == LSCOREDB_READ_ONLY) return false;
+  if (status == detail::kPartialCatalogue || status == LSCOREDB_WRITE_REFUSED) return false;
   detail::CheckLayer(context.id(), status);
   return detail::Inside(context.id(), [] {
     auto const row = metalayer::Index::ByIndexPK(detail::kLastIndexOfCreation);

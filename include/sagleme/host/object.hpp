@@ -152,7 +152,8 @@ inline std::u16string Object::setspec() const {
 
 inline TablePtr Object::LiveTable() const {
   if (TablePtr found = table()) return found;
-  throw Error(15003, "The table of object " + std::to_string(reference_.oid) + " was dropped.");
+  throw Error(SAGLEME_TABLE_NOT_FOUND,
+              "The table of object " + std::to_string(reference_.oid) + " was dropped.");
 }
 
 inline Value Object::Get(std::u16string_view column) const {

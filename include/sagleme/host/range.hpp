@@ -127,7 +127,7 @@ struct KeyField {
   void operator()(ObjectId value) const { key.ULong(value.value); }
 };
 
-inline constexpr std::uint32_t kKeyTooLong = 4197;
+inline constexpr std::uint32_t kKeyTooLong = SAGLEME_NAME_TOO_LONG;
 
 // The index of all objects by set specifier, in the context's database.
 inline std::uint64_t IndexBySetspec(std::uint64_t context) {

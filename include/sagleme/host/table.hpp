@@ -71,7 +71,8 @@ struct Table {
   // Throws Error with 7038.
   Column const& GetColumn(std::u16string_view column) const {
     if (Column const* const found = FindColumn(column)) return *found;
-    throw Error(7038, "Table " + ToUtf8(name) + " has no column " + ToUtf8(column) + ".");
+    throw Error(SAGLEME_NO_SUCH_COLUMN,
+                "Table " + ToUtf8(name) + " has no column " + ToUtf8(column) + ".");
   }
   // Whether it is `other` or one of its descendants.
   bool IsA(Table const& other) const { return setspec.starts_with(other.setspec); }

@@ -85,7 +85,7 @@ inline TablePtr Transaction::Find(std::u16string_view full_name) {
 
 inline TablePtr Transaction::table(std::u16string_view full_name) {
   if (TablePtr const found = Find(full_name)) return found;
-  throw Error(15003, "Table " + ToUtf8(full_name) + " not found.");
+  throw Error(SAGLEME_TABLE_NOT_FOUND, "Table " + ToUtf8(full_name) + " not found.");
 }
 
 inline TablePtr Transaction::Resolve(std::u16string_view name) {

@@ -4,6 +4,8 @@
 // Failures: one exception type that carries one number, and the text of the last failure of a
 // context, written before the exception is thrown.
 
+#include <sagleme/statuses.h>
+
 #include <cstddef>
 #include <locale>
 #include <sagleme/metalayer/context.hpp>

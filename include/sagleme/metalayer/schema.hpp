@@ -12,6 +12,8 @@
 // contradicts its own definition. A key that does not fit its buffer throws 4197.
 // What start-up and calls learn is kept with the context's database, until its last close.
 
+#include <sagleme/statuses.h>
+
 #include <iterator>
 #include <sagleme/metalayer/keys.hpp>
 #include <string>
@@ -44,7 +46,7 @@ SAGLEME_API void assure_predefined_token(unsigned long token, char16_t const* na
 // By name the token is assured first, so that a name never seen before gets a row.
 
 // No layout was made with that token.
-inline constexpr unsigned int kNoTable = 4230;
+inline constexpr unsigned int kNoTable = SAGLEME_LAYOUT_NOT_FOUND;
 
 // The number of the layout made with that token. Throws kNoTable for none.
 SAGLEME_API unsigned short LoadTableId(char16_t const* name);
