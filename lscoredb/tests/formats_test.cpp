@@ -1,0 +1,82 @@
+// Databases of every version of the format, as they were written when it was new: opened, checked,
+// read and written.
+
+#include "format_corpus.h"
+#include "stored_records.h"
+
+namespace lscoredb_test {
+namespace {
+
+using namespace corpus;
+
+class FormatsTest : public testing::TestWithParam<std::uint32_t> {
+ protected:
+  FormatsTest() {
+    std::filesystem::copy_file(
+        std::string(FORMAT_CORPUS) + "/v" + std::to_string(GetParam()) + "/data.mdb",
+        directory_ / "data.mdb");
+  }
+
+  std::string Version() const {
+    StoredTree meta(directory_.path(), "meta");
+    return meta.Get("format").substr(std::string("lscoredb").size());
+  }
+
+  TemporaryDirectory directory_;
+};
+
+TEST_P(FormatsTest, IsOpenedAsItIs) {
+  EXPECT_EQ(Little(GetParam(), 4), Version());
+  {
+    lscoredb_options options = NoSync();
+    options.verify = 1;
+    Database const database(directory_.path(), options);
+    EXPECT_TRUE(Findings(database.get()).empty());
+  }
+  EXPECT_EQ(Little(GetParam(), 4), Version());
+}
+
+TEST_P(FormatsTest, HoldsWhatWasWritten) {
+  Database const database(directory_.path());
+  Session session(database);
+  session.BeginReadOnly();
+  Oids const rows = session.Walk(session.IndexesByToken(kByNumber).at(0));
+  ASSERT_EQ(static_cast<std::size_t>(kRows), rows.size());
+  for (int i = 0; i < kRows; ++i) {
+    Oid const row = rows[static_cast<std::size_t>(i)];
+    EXPECT_EQ(i, session.Long(row, kNumber));
+    EXPECT_EQ(TextOf(i), session.String(row, kText));
+    double fraction = -1;
+    Check("get_double", lorv_context_get_double(session.context(), row, 0, kFraction, &fraction));
+    EXPECT_EQ(i / 4.0, fraction);
+    LORV_REFERENCE target{};
+    std::uint32_t const status =
+        lorv_context_get_reference(session.context(), row, 0, kTarget, &target);
+    EXPECT_EQ(i == 0 ? LORV_STATUS_NULL : LORV_STATUS_OK, status);
+    EXPECT_EQ(i == 0 ? Oid{0} : rows[static_cast<std::size_t>(i) - 1], target.oid);
+  }
+  EXPECT_EQ(rows.size(), session.Walk(session.IndexesByToken(kByText).at(0)).size());
+  EXPECT_EQ(GetParam() >= 2 ? 1u : 0u, session.IndexesByToken(kWideIndex).size());
+}
+
+TEST_P(FormatsTest, TakesWritesAndANewIndex) {
+  {
+    Database const database(directory_.path());
+    Session session(database);
+    session.Begin();
+    LayoutId const layout = session.LayoutsByToken(kTable).at(0);
+    Oid const row = session.Insert(layout);
+    session.PutLong(row, kNumber, kRows);
+    session.CreateIndex(70, kSet, {{LORV_TYPE_LONG, kNumberToken}});
+    session.Commit();
+  }
+  Database const database(directory_.path());
+  Session session(database);
+  session.BeginReadOnly();
+  EXPECT_EQ(kRows + 1u, session.Walk(session.IndexesByToken(70).at(0)).size());
+}
+
+INSTANTIATE_TEST_SUITE_P(Versions, FormatsTest, testing::Range(1u, kNewestVersion + 1));
+
+}  // namespace
+}  // namespace lscoredb_test
