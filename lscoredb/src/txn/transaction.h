@@ -72,20 +72,20 @@ class Transaction {
   [[gnu::always_inline]] Status ReadFixed(ObjectId id, LayoutNumber as, std::uint32_t column,
                                           TypeSet types, std::uint64_t* out) {
     RowRef const* const row = FindRow(id);
-    ColumnAccessPlan const* const reading =
+    ColumnAccessPlan const* const plan =
         row == nullptr ? nullptr : FindAccessPlan(*row, as, column, types);
-    if (reading == nullptr) return ReadOtherFixed(id, as, column, types, out);
+    if (plan == nullptr) return ReadOtherFixed(id, as, column, types, out);
     RowImage const image(row->image);
-    std::uint64_t const present = image.FirstWord() & reading->mask;
-    if (present == reading->pattern) [[likely]] {
-      *out = image.FixedAt(reading->place);
+    std::uint64_t const present = image.FirstWord() & plan->mask;
+    if (present == plan->pattern) [[likely]] {
+      *out = image.FixedAt(plan->offset);
       return LORV_STATUS_OK;
     }
-    std::uint64_t const below = reading->mask >> 1;
+    std::uint64_t const below = plan->mask >> 1;
     if (present <= below) return ReadOtherFixed(id, as, column, types, out);
-    std::uint32_t const more = RowImage::CountBits(present & below);
-    std::uint32_t const usual = RowImage::CountBits(reading->pattern & below);
-    *out = image.FixedAt(reading->place + std::size_t{8} * more - std::size_t{8} * usual);
+    std::uint32_t const before = RowImage::CountBits(present & below);
+    std::uint32_t const usual = RowImage::CountBits(plan->pattern & below);
+    *out = image.FixedAt(plan->offset + std::size_t{8} * before - std::size_t{8} * usual);
     return LORV_STATUS_OK;
   }
   Status Setspec(ObjectId id, Cell* out);
@@ -144,12 +144,26 @@ class Transaction {
   };
 
   // Where a column of one layout lies in images under another one, which may be the same.
+  //
+  // A fixed column stands behind those before it that are present, so its offset depends on the
+  // presence bits below its own. The plan keeps them and the offset as the last row had them. For
+  // the column of bit 4, planned from a row that lacks column 2:
+  //
+  //   bit       5 4 3 2 1 0
+  //   mask      0 1 1 1 1 1   its own bit and all below
+  //   pattern   0 1 1 0 1 1   of the row
+  //   image     | header 16 | bits 8 | c0 | c1 | c3 | c4 | ...   offset = 16 + 8 + 3 * 8 = 48
+  //
+  // The next row has        and so
+  //   x 1 1 0 1 1           the pattern: the value is at 48, without counting
+  //   x 1 1 1 1 1           4 bits below, 3 in the pattern: the value is at 48 + 8 * (4 - 3)
+  //   x 0 1 1 1 1           not more than mask >> 1: its own bit is clear, there is no value
   struct ColumnAccessPlan {
     Layout const* layout = nullptr;  // of the images
     std::uint64_t mask = 0;          // the presence bits up to its own, in the first word
     std::uint64_t pattern = 0;       // as the last row that was looked at had them
     std::uint32_t key = 0;           // the layout that the column is named by, its number there
-    std::uint16_t place = 0;         // of a fixed column in such images; of others their number
+    std::uint16_t offset = 0;        // of a fixed column in such images; of others their number
     std::uint16_t type = 0;          // a TypeSet of one
   };
   static constexpr std::size_t kAccessPlans = 128;
@@ -173,9 +187,9 @@ class Transaction {
   ColumnAccessPlan const* FindAccessPlan(RowRef const& row, LayoutNumber as, std::uint32_t column,
                                          TypeSet types) {
     if (row.image == nullptr) return nullptr;
-    ColumnAccessPlan const& reading = AccessPlanOf(*row.layout, as, column);
-    bool const same = reading.layout == row.layout && reading.key == KeyOf(as, column);
-    return same && (types & reading.type) != 0 ? &reading : nullptr;
+    ColumnAccessPlan const& plan = AccessPlanOf(*row.layout, as, column);
+    bool const same = plan.layout == row.layout && plan.key == KeyOf(as, column);
+    return same && (types & plan.type) != 0 ? &plan : nullptr;
   }
   Status ReadUnnoted(RowRef const& row, LayoutNumber as, std::uint32_t column, TypeSet types,
                      Cell* out);

@@ -69,9 +69,9 @@ Status Transaction::Read(ObjectId id, LayoutNumber as, std::uint32_t column, Typ
   RowRef const* row = nullptr;
   Status const found = FindLive(id, &row);
   if (found != LORV_STATUS_OK) return found;
-  ColumnAccessPlan const* const reading = FindAccessPlan(*row, as, column, types & kVariableTypes);
-  if (reading != nullptr) {
-    *out = row->Read(reading->place);
+  ColumnAccessPlan const* const plan = FindAccessPlan(*row, as, column, types & kVariableTypes);
+  if (plan != nullptr) {
+    *out = row->Read(plan->offset);
     if (out->present) return LORV_STATUS_OK;
   }
   Status const status = ReadUnnoted(*row, as, column, types, out);
@@ -108,20 +108,20 @@ void Transaction::NoteAccessPlan(RowRef const& row, LayoutNumber as, std::uint32
   Column const& at = layout.column(static_cast<std::uint32_t>(own));
   if (at.bit >= 64 || column > UINT16_MAX) return;
   RowImage const image(row.image);
-  ColumnAccessPlan reading{&layout,
-                           0,
-                           0,
-                           static_cast<std::uint32_t>(KeyOf(as, column)),
-                           static_cast<std::uint16_t>(own),
-                           static_cast<std::uint16_t>(TypeBit(at.type))};
-  reading.mask = (std::uint64_t{2} << at.bit) - 1;
-  reading.pattern = image.FirstWord() & reading.mask;
+  ColumnAccessPlan plan{&layout,
+                        0,
+                        0,
+                        static_cast<std::uint32_t>(KeyOf(as, column)),
+                        static_cast<std::uint16_t>(own),
+                        static_cast<std::uint16_t>(TypeBit(at.type))};
+  plan.mask = (std::uint64_t{2} << at.bit) - 1;
+  plan.pattern = image.FirstWord() & plan.mask;
   if (!image.Present(at)) return;
   if (at.fixed) {
-    std::uint32_t const before = RowImage::CountBits(reading.pattern & (reading.mask >> 1));
-    reading.place = static_cast<std::uint16_t>(RowImage::FixedOffset(layout) + 8 * before);
+    std::uint32_t const before = RowImage::CountBits(plan.pattern & (plan.mask >> 1));
+    plan.offset = static_cast<std::uint16_t>(RowImage::FixedOffset(layout) + 8 * before);
   }
-  AccessPlanOf(layout, as, column) = reading;
+  AccessPlanOf(layout, as, column) = plan;
 }
 
 Status Transaction::ReadOwn(RowRef const& row, std::uint32_t column, Cell* out) const {
