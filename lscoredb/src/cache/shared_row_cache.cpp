@@ -117,6 +117,16 @@ void SharedRowCache::FetchRow(ObjectId id) const {
 }
 
 // ---- the table ---------------------------------------------------------------------------------
+//
+// The life of a row in the table, beside commits 7 and 8 that both write it:
+//
+//   commit 7 takes the old row out | batch 7 is committed | puts the row of 7 in
+//   a reader of state 7 finds it; a reader of state 6 finds nothing and asks the store
+//   commit 8 takes the row of 7 out, and notes when: it is freed once no reader of before is left
+//   a reader of state 7 that has it keeps it; one that comes now asks the store
+//
+// A reader puts in what it read from the store only if no commit younger than its state took a row
+// out of that stripe: what it has might be an old version by now.
 
 SharedRowCache::SharedRowCache(ForeignCommits const& watch, std::uint64_t memory)
     : watch_(watch), memory_(memory), share_(memory), row_memory_(memory + memory / 4) {

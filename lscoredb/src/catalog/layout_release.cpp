@@ -32,6 +32,10 @@ void KeepBases(View const& view, std::set<LayoutNumber>& unused) {
 
 }  // namespace
 
+// A layout goes when it was released, no object stands under it, and no layout that stays was made
+// on it, directly or through others. So with A <- B <- C and D on B, all released but D, and no
+// objects anywhere: C goes, A and B stay for D. The caller is alone with the database, so that no
+// process knows the numbers that become free.
 std::vector<LayoutNumber> CollectLayouts(Store& store) {
   std::unique_ptr<Batch> const batch = store.BeginBatch();
   std::set<LayoutNumber> unused = ReleasedAndEmpty(*batch);

@@ -40,6 +40,18 @@ void GroupCommit::Lead(Tickets tickets) noexcept {
   }
 }
 
+// One batch of the store for all tickets. In their order:
+//
+//   1. validate: no row that the transaction wrote or required was committed by another since its
+//      snapshot, nothing changed in the set of an index that it made, no unique key is taken.
+//      Entries of indexes that others made meanwhile are derived. Whoever fails here is refused
+//      alone and has changed nothing. When no state lies between the snapshot and this batch, rows
+//      are not compared.
+//   2. apply: definitions, rows, entries, counts. The next ticket is validated against this.
+//
+// Then rows in memory that are replaced are taken out, the batch is committed, and the new images
+// are put in: a reader of the new state never finds an old row, and one of an old state never finds
+// a new one. A failure from 2 on undoes the batch as a whole; see Lead.
 void GroupCommit::TryAll(Tickets tickets) {
   std::unique_ptr<Batch> const batch = store_.BeginBatch();
   std::uint32_t position = 0;

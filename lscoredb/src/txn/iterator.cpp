@@ -98,6 +98,16 @@ void Iterator::SkipUntouched() {
   while (!at_end_ && at_->second.At(source_.seen) == EntryState::kUntouched) StepPending();
 }
 
+// Merges two sequences in one order: the entries of the snapshot, and those that the transaction
+// had written when the scan began. Each step compares the next of both.
+//
+//   committed   a@1        c@3   d@4
+//   written         b@7    c@3   d@4     in order of key, then object
+//               present  present removed
+//   delivered   a@1  b@7   c@3
+//
+// The lower one is delivered. Where both have an entry, what was written decides, and both step: an
+// entry that was removed hides the committed one. Backwards the higher one is next.
 Entry const* Iterator::NextEntry() {
   for (;;) {
     TakeDueStep();
