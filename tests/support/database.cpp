@@ -15,6 +15,16 @@ struct ContinuationFreer {
 };
 using Continuation = std::unique_ptr<continuation_context, ContinuationFreer>;
 
+// A child that was forked off has no part in its parent's databases, so a test that expects the end
+// of its process begins anew in a process of its own.
+class DeathTestsInNewProcesses : public testing::Environment {
+ public:
+  void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+};
+
+[[maybe_unused]] auto* const g_death_tests_in_new_processes =
+    testing::AddGlobalTestEnvironment(new DeathTestsInNewProcesses);
+
 }  // namespace
 
 std::u16string LastText(uint64_t context) {
