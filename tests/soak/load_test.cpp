@@ -26,8 +26,6 @@ using sagleme::Type;
 constexpr std::size_t kObjects = 400;
 constexpr std::size_t kReaders = 6;  // that hold a snapshot at once
 constexpr std::uint32_t kReaderSlots = 16;
-// What a context leaves behind in which the layer was called: room for the words of a failure.
-constexpr std::size_t kLeftByContext = 14400;
 
 class Load {
  public:
@@ -49,7 +47,6 @@ class Load {
   Load(Load const&) = delete;
   Load& operator=(Load const&) = delete;
 
-  std::size_t ContextsOfWriters() const { return contexts_; }
   std::uintmax_t FileSize() const {
     return std::filesystem::file_size(directory_.path() + "/data.mdb");
   }
@@ -121,8 +118,7 @@ class Load {
 
   void RenewWriter() {
     writer_ = std::make_unique<sagleme::Context>(*database_);
-    ++contexts_;
-    lorv_metalayer_errbuf(writer_->id());  // so that every one of them leaves its room behind
+    lorv_metalayer_errbuf(writer_->id());  // whose room goes with the context
   }
 
   void Make() {
@@ -191,7 +187,6 @@ class Load {
   lscoredb* first_ = nullptr;
   std::unique_ptr<sagleme::Database> database_;
   std::unique_ptr<sagleme::Context> writer_;
-  std::size_t contexts_ = 1;
   std::deque<Reader> readers_;
   Numbers expected_;
   Numbers committed_;
@@ -211,9 +206,7 @@ std::size_t ResidentBytes() {
 
 struct Measures {
   explicit Measures(Load const& load)
-      : heap(BytesInUse() - load.ContextsOfWriters() * kLeftByContext),
-        resident(ResidentBytes() - load.ContextsOfWriters() * kLeftByContext),
-        file(load.FileSize()) {}
+      : heap(BytesInUse()), resident(ResidentBytes()), file(load.FileSize()) {}
   std::size_t heap;
   std::size_t resident;
   std::uintmax_t file;
