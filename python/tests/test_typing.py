@@ -11,6 +11,9 @@ import sagleme
 
 SKETCH = Path(__file__).with_name("sketch.py")
 PACKAGE = Path(sagleme.__file__).parent.parent
+# An installed package is found by itself, and mypy refuses to be told of it.
+INSTALLED = PACKAGE.name in ("site-packages", "dist-packages")
+PATHS = {} if INSTALLED else {"MYPYPATH": str(PACKAGE), "PYTHONPATH": str(PACKAGE)}
 
 
 def mypy(source, folder):
@@ -21,7 +24,7 @@ def mypy(source, folder):
         [sys.executable, "-m", "mypy", "--strict", "--follow-imports=silent", "--no-error-summary",
          "--cache-dir", str(folder / "cache"), "program.py"], cwd=folder, capture_output=True,
         text=True, check=False,
-        env={**os.environ, "MYPYPATH": str(PACKAGE), "PYTHONPATH": str(PACKAGE)})
+        env={**os.environ, **PATHS})
     return done.stdout + done.stderr
 
 
@@ -46,5 +49,5 @@ def test_the_package_is_typed(tmp_path):
         [sys.executable, "-m", "mypy", "--strict", "--no-error-summary", "--no-warn-return-any",
          "--ignore-missing-imports", "--cache-dir", str(tmp_path / "cache"), "-p", "sagleme"],
         cwd=tmp_path, capture_output=True, text=True, check=False,
-        env={**os.environ, "MYPYPATH": str(PACKAGE), "PYTHONPATH": str(PACKAGE)})
+        env={**os.environ, **PATHS})
     assert done.stdout + done.stderr == ""
