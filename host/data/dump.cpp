@@ -1,8 +1,10 @@
 #include "data/dump.h"
 
-#include <algorithm>
+#include <fmt/format.h>
+
 #include <sagleme/counts.hpp>
 #include <sagleme/schema_document.hpp>
+#include <vector>
 
 #include "commands/objects.h"
 #include "output/progress.h"
@@ -36,6 +38,11 @@ std::string ObjectLine(std::size_t place, sagleme::Object const& object,
   return line + "]}\n";
 }
 
+std::string EndLine(std::uint64_t count, std::vector<std::uint64_t> const& by_table) {
+  return fmt::format("{{\"end\": {{\"objects\": {}, \"tables\": [{}]}}}}\n", count,
+                     fmt::join(by_table, ", "));
+}
+
 std::uint64_t CountAll(sagleme::Transaction& transaction, sagleme::SchemaDoc const& schema) {
   sagleme::ObjectCounts const counts(transaction);
   std::uint64_t total = 0;
@@ -51,15 +58,18 @@ std::uint64_t Dump(sagleme::Transaction& transaction, Output const& to, Output c
   to.Print(OneLine(sagleme::SchemaJson(schema)));
   Progress progress(report, "objects", CountAll(transaction, schema));
   std::uint64_t count = 0;
+  std::vector<std::uint64_t> by_table(schema.tables.size());
   for (std::size_t i = 0; i < schema.tables.size(); ++i) {
     sagleme::TablePtr const table = transaction.table(schema.tables[i].name);
     for (sagleme::Object const& object : sagleme::Range::Only(transaction, *table)) {
       sagleme::ReadScope const scope(transaction.context());
       to.Print(ObjectLine(i, object, *table));
       ++count;
+      ++by_table[i];
       progress.Update(count, count);
     }
   }
+  to.Print(EndLine(count, by_table));
   progress.Finish(count);
   return count;
 }

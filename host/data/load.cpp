@@ -89,10 +89,32 @@ class Loader {
     schema_ = sagleme::ParseSchema(line, source_);
     sagleme::ValidateSchema(schema_, source_);
     while (std::getline(input_, line)) lines_.push_back(std::move(line));
+    std::string const end = TakeEnd();
+    std::vector<std::uint64_t> by_table(schema_.tables.size());
     for (std::size_t i = 0; i < lines_.size(); ++i) {
-      auto const id = ParseLine(i).at("id").get<std::uint64_t>();
+      Json const object = ParseLine(i);
+      auto const id = object["id"].get<std::uint64_t>();
       if (id < kFarIdentities) highest_ = std::max(highest_, id);
+      ++by_table[object["t"].get<std::size_t>()];
     }
+    if (Json::parse(end, nullptr, false) != EndOf(lines_.size(), by_table)) {
+      Refuse(lines_.size() + 2, "the dump is not whole: its last line counts other objects");
+    }
+  }
+
+  static Json EndOf(std::uint64_t objects, std::vector<std::uint64_t> const& by_table) {
+    return {{"end", {{"objects", objects}, {"tables", by_table}}}};
+  }
+
+  // The line behind the objects. A dump that was cut has none, wherever the cut is.
+  std::string TakeEnd() {
+    if (lines_.empty() || !lines_.back().starts_with("{\"end\":")) {
+      Refuse(lines_.size() + 2,
+             "the dump is cut: the last line, which counts the objects, is missing");
+    }
+    std::string end = std::move(lines_.back());
+    lines_.pop_back();
+    return end;
   }
 
   Json ParseLine(std::size_t i) const {
