@@ -84,6 +84,19 @@ void Importer::CheckNames(std::vector<RowField> const& names) const {
                                             sagleme::ToUtf8(table_->name), field.name));
     }
   }
+  if (!names.empty()) RequireColumns(*table_, names);
+}
+
+// A column without a value would silently become zero.
+void Importer::RequireColumns(sagleme::Table const& table, std::vector<RowField> const& row) const {
+  for (sagleme::Column const& column : table.columns) {
+    if (column.nullable || column.system()) continue;
+    std::string const name = sagleme::ToUtf8(column.name);
+    if (FindField(row, name) != nullptr) continue;
+    throw BadRow(row.empty() ? FilePlace{} : row.front().place,
+                 fmt::format("column {} of table {} is missing, and takes no null", name,
+                             sagleme::ToUtf8(table.name)));
+  }
 }
 
 sagleme::TablePtr Importer::TableOf(std::vector<RowField> const& row) const {
@@ -109,6 +122,7 @@ sagleme::ObjectId Importer::IdOf(std::vector<RowField> const& row) const {
 
 std::vector<Importer::Assignment> Importer::Assignments(sagleme::Table const& table,
                                                         std::vector<RowField> const& row) {
+  RequireColumns(table, row);
   std::vector<Assignment> assignments;
   for (RowField const& field : row) {
     sagleme::Column const* const column = table.FindColumn(sagleme::ToUtf16(field.name));

@@ -26,7 +26,8 @@ class Importer {
   Importer(sagleme::Transaction& transaction, sagleme::TablePtr table, bool keep_ids)
       : transaction_(transaction), table_(std::move(table)), keep_ids_(keep_ids) {}
 
-  // BadRow for a name that no row of the table, or of one derived from it, can have.
+  // BadRow for a name that no row of the table, or of one derived from it, can have, and when a
+  // column of the table that takes no null is not among the names, where the file gives any.
   void CheckNames(std::vector<RowField> const& names) const;
   // BadRow when it cannot; nothing of the row is then left.
   void Add(std::vector<RowField> const& row);
@@ -38,6 +39,7 @@ class Importer {
     FilePlace place;
   };
 
+  void RequireColumns(sagleme::Table const& table, std::vector<RowField> const& row) const;
   sagleme::TablePtr TableOf(std::vector<RowField> const& row) const;
   sagleme::ObjectId IdOf(std::vector<RowField> const& row) const;
   sagleme::Value ParseField(sagleme::Column const& column, RowField const& field);

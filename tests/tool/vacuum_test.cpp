@@ -28,7 +28,7 @@ class VacuumTest : public ToolTest {
   void AddColumn(std::string const& name) {
     std::string schema = On("schema").out;
     schema.replace(schema.find("{\"name\": \"Pages\""), 0,
-                   "{\"name\": \"" + name + "\", \"type\": \"long\"}, ");
+                   "{\"name\": \"" + name + "\", \"type\": \"long\", \"nullable\": true}, ");
     Apply(schema);
   }
   Json Info() { return Json::parse(On("info", {"--format", "json"}).out); }
@@ -72,7 +72,7 @@ TEST_F(VacuumTest, Vacuum_CutOffByCtrlC_KeepsWhatIsDoneAndGoesOnTheNextTime) {
 
 TEST_F(VacuumTest, Vacuum_RemovesObjectsOfDroppedTablesAndOfNoOthers) {
   On("import", {"Book", "-"}, 0, Rows(0, 30));
-  On("import", {"Film", "-"}, 0, "Title\na\nb\n");
+  On("import", {"Film", "-"}, 0, "Title,Rating,Colour\na,1,true\nb,2,true\n");
   std::uint64_t const objects = Info()["catalogue rows and objects"];
   std::string schema = kLibrary;
   std::size_t const book = schema.find("    {\"name\": \"App.Book\"");
