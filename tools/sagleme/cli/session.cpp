@@ -28,7 +28,12 @@ void Session::Read(Work const& work) {
 }
 
 void Session::Write(Work const& work) {
-  if (open_) return work(*open_);
+  if (open_) {
+    sagleme::Savepoint statement(*open_);
+    work(*open_);
+    statement.Release();
+    return;
+  }
   sagleme::Transaction transaction(context());
   work(transaction);
   transaction.Commit();

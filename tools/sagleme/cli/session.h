@@ -25,7 +25,8 @@ class Session {
   using Work = std::function<void(sagleme::Transaction&)>;
   // In the open transaction, or in a read-only one.
   void Read(Work const& work);
-  // In the open transaction, or in one that is committed when the work returns.
+  // In the open transaction, or in one that is committed when the work returns. Work that throws
+  // leaves nothing behind; an open transaction goes on without it.
   void Write(Work const& work);
 
   // The transaction that the user opened. Failure with kRefused for one too many, or one too few.
