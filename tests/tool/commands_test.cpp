@@ -1,3 +1,4 @@
+#include <filesystem>
 #include <nlohmann/json.hpp>
 
 #include "run_tool.h"
@@ -39,6 +40,16 @@ TEST_F(ToolTest, Create_OnAnExistingDatabase_IsRefused) {
 TEST_F(ToolTest, Create_WhereAFileStands_CannotOpen) {
   Write("db", "a file");
   On("create", {}, 3);
+}
+
+TEST_F(ToolTest, Create_BesideForeignFiles_IsRefusedWithTheirName) {
+  std::filesystem::create_directory(database());
+  Write("db/notes.txt", "a file");
+  Result const refused = On("create", {}, 4);
+  EXPECT_TRUE(Contains(refused.err, "the directory holds notes.txt")) << refused.err;
+  EXPECT_FALSE(std::filesystem::exists(Path("db/data.mdb")));
+  std::filesystem::remove(Path("db/notes.txt"));
+  On("create");
 }
 
 TEST_F(ToolTest, Create_OffATerminal_TellsTheEndOnly) {

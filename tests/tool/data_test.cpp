@@ -1,3 +1,4 @@
+#include <filesystem>
 #include <nlohmann/json.hpp>
 
 #include "run_tool.h"
@@ -58,7 +59,8 @@ TEST_F(DataTest, Import_OfJsonLines_TakesReferencesByIdAndByUniqueIndex) {
   Json const people = Json::parse(On("scan", {"Person", "--format", "json"}).out);
   std::string const id = people[0]["id"].dump();
   On("import", {"Book", "-", "--jsonl"}, 0,
-     "{\"Title\": \"a\", \"Owner\": " + id + "}\n{\"Title\": \"b\", \"Owner\": \"Name=Bob\"}\n");
+     "{\"Title\": \"a\", \"Isbn\": 1, \"Price\": 1, \"Owner\": " + id +
+         "}\n{\"Title\": \"b\", \"Isbn\": 2, \"Price\": 1, \"Owner\": \"Name=Bob\"}\n");
   Json const books = Json::parse(On("scan", {"Book", "--format", "json"}).out);
   EXPECT_EQ(people[0]["id"], books[0]["Owner"]);
   EXPECT_EQ(people[1]["id"], books[1]["Owner"]);
@@ -66,7 +68,7 @@ TEST_F(DataTest, Import_OfJsonLines_TakesReferencesByIdAndByUniqueIndex) {
 
 TEST_F(DataTest, Export_OfASubtree_CanBeImportedIntoIt) {
   On("import", {"Book", "-"}, 0, "Title,Isbn,Price\na,1,1\n");
-  On("import", {"Film", "-"}, 0, "Title,Rating\nb,2\n");
+  On("import", {"Film", "-"}, 0, "Title,Rating,Colour\nb,2,true\n");
   std::string const lines = On("export", {"Item", "--jsonl"}).out;
   std::string const other = Path("other");
   ASSERT_EQ(0, RunTool({"create", other}).status);
@@ -76,7 +78,7 @@ TEST_F(DataTest, Export_OfASubtree_CanBeImportedIntoIt) {
 }
 
 TEST_F(DataTest, Import_WithABadRow_KeepsNothingAndTellsThePlace) {
-  std::string const file = Write("bad.csv", "Title,Isbn\nOne,1\nTwo,many\nThree,3\n");
+  std::string const file = Write("bad.csv", "Title,Isbn,Price\nOne,1,1\nTwo,many,1\nThree,3,1\n");
   Result const result = On("import", {"Book", file}, 1);
   EXPECT_NE(std::string::npos,
             result.err.find("bad.csv:3:5: column Isbn: \"many\" is not a number"))
@@ -86,10 +88,12 @@ TEST_F(DataTest, Import_WithABadRow_KeepsNothingAndTellsThePlace) {
 
 TEST_F(DataTest, Import_WithReject_TakesTheGoodRowsAndCollectsTheBad) {
   std::string const file =
-      Write("mixed.csv", "Title,Isbn\nOne,1\nTwo,many\nOne,2\nFour,4,5\n\"x\"y,1\nFive,5\n");
+      Write("mixed.csv",
+            "Title,Isbn,Price\nOne,1,1\nTwo,many,1\nOne,2,1\nFour,4,5,6\n\"x\"y,1,1\nFive,5,1\n");
   Result const result = On("import", {"Book", file, "--reject", Path("rejected.csv")}, 1);
   EXPECT_EQ(2u, Count("Book")) << result.err;
-  EXPECT_EQ("Title,Isbn\nTwo,many\nOne,2\nFour,4,5\n\"x\"y,1\n", ReadText(Path("rejected.csv")));
+  EXPECT_EQ("Title,Isbn,Price\nTwo,many,1\nOne,2,1\nFour,4,5,6\n\"x\"y,1,1\n",
+            ReadText(Path("rejected.csv")));
   On("check");
 }
 
@@ -98,10 +102,11 @@ TEST_F(DataTest, Import_BadFiles_AreToldWithTheirPlace) {
   EXPECT_NE(std::string::npos, On("import", {"Book", "-"}, 1, "A\nb\n").err.find("no column A"));
   EXPECT_NE(std::string::npos, On("import", {"Book", "-"}, 1, "Title,Title\n").err.find("twice"));
   EXPECT_NE(std::string::npos,
-            On("import", {"Book", "-"}, 1, "Title\n\"a\n").err.find("never closed"));
+            On("import", {"Book", "-"}, 1, "Title,Isbn,Price\n\"a\n").err.find("never closed"));
   EXPECT_NE(std::string::npos,
-            On("import", {"Book", "-"}, 1, "Title\n\xff\n").err.find("not UTF-8"));
-  EXPECT_NE(std::string::npos, On("import", {"Book", "-"}, 1, "Isbn\n\n-1\n").err.find("-:3:1"));
+            On("import", {"Book", "-"}, 1, "Title,Isbn,Price\n\xff,1,1\n").err.find("not UTF-8"));
+  EXPECT_NE(std::string::npos,
+            On("import", {"Book", "-"}, 1, "Isbn,Price\n\n-1,1\n").err.find("-:3:1"));
   EXPECT_NE(std::string::npos,
             On("import", {"Book", "-", "--jsonl"}, 1, "[1]\n").err.find("not a JSON object"));
   On("import", {"Book", Path("nothing")}, 2);
@@ -119,28 +124,41 @@ TEST_F(DataTest, Import_OfAnUnknownHeading_IsToldOnceWithItsPlace) {
 }
 
 TEST_F(DataTest, Import_OfAReferenceThatLeadsNowhere_IsABadRow) {
-  Result const result = On("import", {"Book", "-"}, 1, "Title,Owner\na,Name=Nobody\n");
+  Result const result =
+      On("import", {"Book", "-"}, 1, "Title,Owner,Isbn,Price\na,Name=Nobody,1,1\n");
   EXPECT_NE(std::string::npos, result.err.find("there is no App.Person with Name = Nobody"));
-  On("import", {"Book", "-"}, 1, "Title,Owner\na,Height=1\n");
+  On("import", {"Book", "-"}, 1, "Title,Owner,Isbn,Price\na,Height=1,1,1\n");
 }
 
 TEST_F(DataTest, Import_OfANullWhereNoneIsTaken_IsABadRow) {
   EXPECT_NE(std::string::npos,
-            On("import", {"Book", "-"}, 1, "Isbn\n\"\"\n").err.find("is not a number"));
+            On("import", {"Book", "-"}, 1, "Isbn,Price\n\"\",1\n").err.find("is not a number"));
   EXPECT_NE(std::string::npos,
-            On("import", {"Book", "-"}, 1, "Title,Isbn\na,\n").err.find("takes no null"));
+            On("import", {"Book", "-"}, 1, "Title,Isbn,Price\na,,1\n").err.find("takes no null"));
+}
+
+TEST_F(DataTest, Import_WithoutAColumnThatTakesNoNull_IsRefusedBeforeTheFirstRow) {
+  Result const csv = On("import", {"Book", "-"}, 1, "Title,Price\na,1\n");
+  EXPECT_NE(std::string::npos,
+            csv.err.find("-:1:1: column Isbn of table App.Book is missing, and takes no null"))
+      << csv.err;
+  Result const json =
+      On("import", {"Book", "-", "--jsonl"}, 1, "{\"Title\": \"a\", \"Isbn\": 1}\n");
+  EXPECT_NE(std::string::npos, json.err.find("column Price of table App.Book is missing"))
+      << json.err;
+  EXPECT_EQ(0u, Count("Book"));
 }
 
 TEST_F(DataTest, Import_OnATerminal_TellsHowLongItTook) {
   Result const result =
-      RunOnTerminal({"import", database(), "Book", Write("one.csv", "Title\na\n")});
+      RunOnTerminal({"import", database(), "Book", Write("one.csv", "Title,Isbn,Price\na,1,1\n")});
   EXPECT_NE(std::string::npos, result.out.find("1 object in 0:0")) << result.out;
 }
 
 TEST_F(DataTest, Dump_LoadedAndDumpedAgain_IsTheSameByteForByte) {
   On("import", {"Person", "-"}, 0, "Name,Height\nAda,1.5\nBob,\n");
   On("import", {"Book", "-"}, 0, "Title,Pages,Owner,Isbn,Price\na,1,Name=Bob,1,0.5\nb,,,2,1\n");
-  On("import", {"Film", "-"}, 0, "Title,Rating,Poster\nc,nan,AAEC\n");
+  On("import", {"Film", "-"}, 0, "Title,Rating,Poster,Colour\nc,nan,AAEC,false\n");
   std::string const dump = On("dump").out;
   std::string const other = Path("other");
   Result const load = RunTool({"load", other, Write("dump", dump)});
@@ -151,7 +169,8 @@ TEST_F(DataTest, Dump_LoadedAndDumpedAgain_IsTheSameByteForByte) {
 
 TEST_F(DataTest, Load_OfAHostsFirstObjects_KeepsTheirLowIds) {
   std::string const dump =
-      "{\"schema\": 1, \"tables\": [{\"name\": \"T\"}]}\n{\"t\": 0, \"id\": 470, \"v\": []}\n";
+      "{\"schema\": 1, \"tables\": [{\"name\": \"T\"}]}\n{\"t\": 0, \"id\": 470, \"v\": []}\n"
+      "{\"end\": {\"objects\": 1, \"tables\": [1]}}\n";
   std::string const other = Path("other");
   Result const load = RunTool({"load", other, "-"}, dump);
   ASSERT_EQ(0, load.status) << load.err;
@@ -162,12 +181,32 @@ TEST_F(DataTest, Load_OfABadDump_MakesNoDatabase) {
   std::string const other = Path("other");
   std::string const schema = "{\"schema\": 1, \"tables\": [{\"name\": \"T\"}]}\n";
   EXPECT_EQ(1, RunTool({"load", other, "-"}, "").status);
-  EXPECT_EQ(1, RunTool({"load", other, "-"}, schema + "nonsense\n").status);
-  EXPECT_EQ(1,
-            RunTool({"load", other, "-"}, schema + "{\"t\": 1, \"id\": 500, \"v\": []}\n").status);
-  EXPECT_EQ(1,
-            RunTool({"load", other, "-"}, schema + "{\"t\": 0, \"id\": 500, \"v\": [1]}\n").status);
+  std::string const end = "{\"end\": {\"objects\": 1, \"tables\": [1]}}\n";
+  auto const refused = [&](std::string const& objects, std::string const& text) {
+    Result const load = RunTool({"load", other, "-"}, schema + objects);
+    EXPECT_EQ(1, load.status) << objects;
+    EXPECT_NE(std::string::npos, load.err.find(text)) << load.err;
+  };
+  refused("nonsense\n" + end, "not an object of the dump");
+  refused("{\"t\": 1, \"id\": 500, \"v\": []}\n" + end, "not an object of the dump");
+  refused("{\"t\": 0, \"id\": 500, \"v\": [1]}\n" + end, "the number of values differs");
+  refused(end, "its last line counts other objects");
   EXPECT_EQ(3, RunTool({"info", other}).status);
+}
+
+TEST_F(DataTest, Load_OfADumpCutAtAnyLineEnd_MakesNoDatabase) {
+  On("import", {"Person", "-"}, 0, "Name\nAda\nBob\nCleo\n");
+  std::string const dump = On("dump").out;
+  std::string const other = Path("other");
+  std::size_t cuts = 0;
+  for (std::size_t end = dump.find('\n'); end + 1 < dump.size(); end = dump.find('\n', end + 1)) {
+    Result const load = RunTool({"load", other, "-"}, dump.substr(0, end + 1));
+    EXPECT_EQ(1, load.status);
+    EXPECT_NE(std::string::npos, load.err.find("the dump is cut")) << load.err;
+    EXPECT_FALSE(std::filesystem::exists(other));
+    ++cuts;
+  }
+  EXPECT_EQ(4u, cuts);
 }
 
 TEST_F(DataTest, Load_OntoADatabase_IsRefused) {

@@ -37,6 +37,17 @@ TEST_F(PromptTest, Transactions_AreKeptOrUndoneAsAWhole) {
   EXPECT_EQ(1u, People());
 }
 
+TEST_F(PromptTest, AStatementThatFails_LeavesNothingAndTheTransactionGoesOn) {
+  std::string const good = Write("good.csv", "Name\nAda\n");
+  std::string const bad = Write("bad.csv", "Name,Height\nBob,1\nCleo,tall\n");
+  Result const result =
+      RunOnTerminal({"shell", database()},
+                    "begin\nimport Person " + good + "\nimport Person " + bad + "\ncommit\nquit\n",
+                    {"HOME=" + Path("")});
+  EXPECT_NE(std::string::npos, result.out.find("Nothing was imported")) << result.out;
+  EXPECT_EQ(1u, People());
+}
+
 TEST_F(PromptTest, ALineThatFails_EndsAScriptWithItsStatus) {
   On("shell", {}, 4, "describe Nothing\ntables\n");
   On("shell", {}, 2, "nonsense\n");

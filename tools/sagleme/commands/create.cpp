@@ -1,6 +1,8 @@
 #include <fmt/format.h>
 
+#include <filesystem>
 #include <sagleme/schema_document.hpp>
+#include <set>
 
 #include "commands/commands.h"
 
@@ -32,8 +34,23 @@ void GiveIdentity(sagleme::Database const& database) {
   transaction.Commit();
 }
 
+// A creation that was cut off left only files of the kernel, and goes on.
+void RefuseForeignFiles(std::string const& directory) {
+  static std::set<std::string> const own{"data.mdb", "lock.mdb", "layouts.lock"};
+  std::error_code ignored;
+  for (auto const& entry : std::filesystem::directory_iterator(directory, ignored)) {
+    std::string const name = entry.path().filename();
+    if (own.contains(name)) continue;
+    throw Failure(Exit::kRefused,
+                  fmt::format("cannot create {}: the directory holds {}, which is no database file",
+                              directory, name),
+                  "Name a directory that does not exist or is empty.");
+  }
+}
+
 Exit Create::Run(Session& session, Output& output) {
   std::string const& directory = session.directory();
+  RefuseForeignFiles(directory);
   int steps = 0;
   try {
     auto const database =
