@@ -6,8 +6,8 @@
 // The first line is the schema in one JSON document; every further line an object, by table in the
 // order of the schema and then by id: {"t": place of the table in the schema, "id": ..., "v":
 // [values of all columns in order]}. The last line counts the objects, in all and by table:
-// {"end": {"objects": ..., "tables": [...]}}; without it a dump was cut. Objects of dropped tables are left out, and so is what
-// bindings keep in the catalogue beside tables, columns and indexes.
+// {"end": {"objects": ..., "tables": [...]}}; without it a dump was cut. Objects of dropped tables
+// are left out, and so is what bindings keep in the catalogue beside tables, columns and indexes.
 
 #include <istream>
 #include <sagleme/host.hpp>
