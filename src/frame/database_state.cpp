@@ -1,5 +1,9 @@
 #include "frame/database_state.h"
 
+#include <pthread.h>
+
+#include <atomic>
+#include <mutex>
 #include <sagleme/metalayer/context.hpp>
 
 #include "frame/context_state.h"
@@ -37,6 +41,12 @@ Value& Attach(decltype(lscoredb_attach) attach, unsigned long context,
   return *static_cast<Value*>(attached);
 }
 
+// Held while a state is looked for or made, and over every fork, so that a child finds it free.
+std::mutex making;
+
+[[maybe_unused]] int const kept_over_forks =
+    pthread_atfork([] { making.lock(); }, [] { making.unlock(); }, [] { making.unlock(); });
+
 }  // namespace
 
 // The states as the kernel keeps them.
@@ -46,21 +56,28 @@ class KernelStates {
   // not open has no part in those of databases; a thread in no context sees what is exported.
   // Never destroyed: functions may be called until the very end of the process.
   static SharedState const& OfProcess(unsigned long context) {
-    static auto const* const exported = new SharedState(new DatabaseState(true));
-    static auto const* const not_open = new SharedState(new DatabaseState(false));
-    return context != 0 && KernelKeepsStates() ? *not_open : *exported;
+    static constinit std::atomic<SharedState const*> exported{nullptr};
+    static constinit std::atomic<SharedState const*> not_open{nullptr};
+    return context != 0 && KernelKeepsStates() ? Made(not_open, false) : Made(exported, true);
   }
 
   // One at a time, so that only a state that is kept claims what is exported.
   static SharedState OfDatabase(unsigned long context) {
-    static std::mutex mutex;
-    std::lock_guard const lock(mutex);
+    std::lock_guard const lock(making);
     bool open = false;
     void* const known = FindAttached(lscoredb_attached, context, &open);
     if (known != nullptr) return *static_cast<SharedState*>(known);
     bool const exported = !exported_in_use.exchange(true);
     auto state = std::make_unique<SharedState>(new DatabaseState(exported));
     return Attach(lscoredb_attach, context, std::move(state));
+  }
+
+ private:
+  static SharedState const& Made(std::atomic<SharedState const*>& place, bool exported) {
+    if (SharedState const* const made = place) return *made;
+    std::lock_guard const lock(making);
+    if (place == nullptr) place = new SharedState(new DatabaseState(exported));
+    return *place;
   }
 };
 

@@ -69,7 +69,6 @@ uint32_t lscoredb_open(char const* directory, lscoredb_options const* options, l
   return Guarded([&]() -> Status {
     if (out == nullptr) return LSCOREDB_NULL_ARGUMENT;
     StoreOptions const store = StoreOptionsOf(OptionsOf(options));
-    LeaveHandlesToParents();
     auto handle = std::make_unique<lscoredb>();
     handle->database = OpenDatabase(directory, store);
     *out = handle.release();

@@ -1,5 +1,7 @@
 #include "context.h"
 
+#include "fork.h"
+
 namespace lscore {
 
 constinit NeverDestroyedHandleTable<Context> contexts;
@@ -7,17 +9,12 @@ constinit NeverDestroyedHandleTable<OpenIterator> iterators;
 
 namespace {
 
-void ForgetHandles() {
+AtFork const forget_handles(nullptr, nullptr, [] {
   Contexts().ForgetParent();
   Iterators().ForgetParent();
-}
+});
 
 }  // namespace
-
-void LeaveHandlesToParents() {
-  static bool const registered = (InEveryChild(ForgetHandles), true);
-  static_cast<void>(registered);
-}
 
 bool IsOfParent(lscoredb const& database) { return database.process != ProcessNumber(); }
 

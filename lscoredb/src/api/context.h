@@ -26,8 +26,6 @@ namespace lscore {
 
 class Context;
 
-// From now on handles name nothing in a process that is forked off.
-void LeaveHandlesToParents();
 // Whether this process was forked off the one that opened the database.
 bool IsOfParent(lscoredb const& database);
 

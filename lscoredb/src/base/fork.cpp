@@ -21,41 +21,37 @@ struct Files {
   std::vector<int> open;
 };
 
-Files& TheFiles() {
-  static auto* const files = new Files;  // a fork may come at any time
-  return *files;
-}
+// Never destroyed, since a fork may come at any time.
+Files& files = *new Files;
 
-void LockFiles() { TheFiles().mutex.lock(); }
-void UnlockFiles() { TheFiles().mutex.unlock(); }
+void LockFiles() { files.mutex.lock(); }
+void UnlockFiles() { files.mutex.unlock(); }
 
 void CloseFiles() {
-  for (int const file : TheFiles().open) close(file);
-  TheFiles().open.clear();
-  TheFiles().mutex.unlock();
+  for (int const file : files.open) close(file);
+  files.open.clear();
+  files.mutex.unlock();
   ++process_number;
 }
 
-void Register(void (*before)(), void (*in_parent)(), void (*in_child)()) {
-  if (pthread_atfork(before, in_parent, in_child) != 0) throw std::bad_alloc();
-}
+AtFork const close_files(LockFiles, UnlockFiles, CloseFiles);
 
 }  // namespace
 
+AtFork::AtFork(void (*before)(), void (*in_parent)(), void (*in_child)()) {
+  if (pthread_atfork(before, in_parent, in_child) != 0) throw std::bad_alloc();
+}
+
 std::uint64_t ProcessNumber() noexcept { return process_number.load(std::memory_order_relaxed); }
 
-void InEveryChild(void (*forget)()) { Register(nullptr, nullptr, forget); }
-
 void KeepFromChildren(int file) {
-  static bool const registered = (Register(LockFiles, UnlockFiles, CloseFiles), true);
-  static_cast<void>(registered);
-  std::lock_guard const lock(TheFiles().mutex);
-  TheFiles().open.push_back(file);
+  std::lock_guard const lock(files.mutex);
+  files.open.push_back(file);
 }
 
 void ForgetFile(int file) noexcept {
-  std::lock_guard const lock(TheFiles().mutex);
-  std::erase(TheFiles().open, file);
+  std::lock_guard const lock(files.mutex);
+  std::erase(files.open, file);
 }
 
 }  // namespace lscore

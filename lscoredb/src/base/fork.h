@@ -12,9 +12,14 @@ namespace lscore {
 // Differs between a process and those it was forked from.
 std::uint64_t ProcessNumber() noexcept;
 
-// Calls `forget` in every process that is forked off from now on, before anything else of it runs.
-// It may neither throw nor wait.
-void InEveryChild(void (*forget)());
+// What runs around every fork: before it, then in the parent, and in the child before anything else
+// of it. Null runs nothing. None of them may throw. An object of this class belongs at namespace
+// scope: registered on first use, a fork by another thread could copy the half-done registration,
+// and the child would wait for its end without end.
+class AtFork {
+ public:
+  AtFork(void (*before)(), void (*in_parent)(), void (*in_child)());
+};
 
 // A child closes the file; until it is said to be closed here.
 void KeepFromChildren(int file);

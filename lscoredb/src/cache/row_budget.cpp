@@ -3,7 +3,10 @@
 #include <algorithm>
 #include <atomic>
 #include <mutex>
+#include <new>
 #include <set>
+
+#include "fork.h"
 
 namespace lscore {
 namespace {
@@ -22,45 +25,41 @@ struct Budget {
   }
 };
 
-// Outlives all static objects that may hold databases.
-Budget& TheBudget() {
-  static auto* const budget = new Budget;
-  return *budget;
-}
+// Never destroyed, since static objects may hold databases.
+Budget& budget = *new Budget;
+
+// A child begins with a budget of its own: it has none of the parent's databases open, and a thread
+// that is not there any more may have been at work on the parent's.
+AtFork const begin_anew(nullptr, nullptr, [] { new (&budget) Budget; });
 
 }  // namespace
 
 RowBudget::Share::Share(std::uint64_t memory) : memory_(memory) {
-  Budget& budget = TheBudget();
   std::lock_guard const lock(budget.mutex);
   budget.memories.insert(memory);
   budget.Divide();
 }
 
 RowBudget::Share::~Share() {
-  Budget& budget = TheBudget();
   std::lock_guard const lock(budget.mutex);
   budget.memories.erase(budget.memories.find(memory_));
   budget.Divide();
 }
 
 bool RowBudget::Allows(std::uint64_t wanted, std::uint64_t more) noexcept {
-  Budget const& budget = TheBudget();
   return budget.taken.load(std::memory_order_relaxed) + more <=
              budget.limit.load(std::memory_order_relaxed) ||
          wanted <= budget.free_to_each.load(std::memory_order_relaxed);
 }
 
 void RowBudget::Take(std::uint64_t bytes) noexcept {
-  TheBudget().taken.fetch_add(bytes, std::memory_order_relaxed);
+  budget.taken.fetch_add(bytes, std::memory_order_relaxed);
 }
 
 void RowBudget::Give(std::uint64_t bytes) noexcept {
-  TheBudget().taken.fetch_sub(bytes, std::memory_order_relaxed);
+  budget.taken.fetch_sub(bytes, std::memory_order_relaxed);
 }
 
-std::uint64_t RowBudget::taken() noexcept {
-  return TheBudget().taken.load(std::memory_order_relaxed);
-}
+std::uint64_t RowBudget::taken() noexcept { return budget.taken.load(std::memory_order_relaxed); }
 
 }  // namespace lscore

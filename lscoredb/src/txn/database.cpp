@@ -34,11 +34,9 @@ struct Registry {
 // forked child, since a thread that is not there any more may have been working on it.
 std::atomic<Registry*> the_registry{nullptr};
 
-void ForgetRegistry() { the_registry = nullptr; }
+AtFork const forget_registry(nullptr, nullptr, [] { the_registry = nullptr; });
 
 Registry& TheRegistry() {
-  static bool const registered = (InEveryChild(ForgetRegistry), true);
-  static_cast<void>(registered);
   Registry* registry = the_registry;
   if (registry != nullptr) return *registry;
   auto fresh = std::make_unique<Registry>();
@@ -98,7 +96,7 @@ std::shared_ptr<Database> OpenDirectory(std::string const& path, StoreOptions co
 }  // namespace
 
 std::uint64_t NextDatabaseNumber() {
-  static std::atomic<std::uint64_t> last{0};
+  static constinit std::atomic<std::uint64_t> last{0};
   return ++last;
 }
 

@@ -6,7 +6,7 @@
 namespace lscore {
 
 std::uint64_t Transaction::SetSavepoint() {
-  static std::atomic<std::uint64_t> last{0};
+  static constinit std::atomic<std::uint64_t> last{0};
   savepoints_.emplace_back();  // before anything is recorded: this may fail
   savepoints_.back() = {++last, changes_.SetMark(), result_buffers_.made(), scans_.opened(),
                         doomed_};
