@@ -1,6 +1,6 @@
 #include "data/csv_reader.h"
 
-namespace tool {
+namespace sagleme {
 namespace {
 
 constexpr int kEnd = std::char_traits<char>::eof();
@@ -94,4 +94,4 @@ bool CsvReader::Next(std::vector<CsvField>& fields) {
   }
 }
 
-}  // namespace tool
+}  // namespace sagleme

@@ -1,32 +1,16 @@
-#ifndef SAGLEME_TOOL_DATA_CSV_READER_H
-#define SAGLEME_TOOL_DATA_CSV_READER_H
+#ifndef SAGLEME_HOST_DATA_CSV_READER_H
+#define SAGLEME_HOST_DATA_CSV_READER_H
 
 // Lines of values separated by commas, as RFC 4180 has them, with the place of every value, which
 // is why it is written here. A quoted empty value is the empty text, a bare one is null.
 
 #include <cstddef>
 #include <istream>
-#include <stdexcept>
+#include <sagleme/host/rows.hpp>
 #include <string>
 #include <vector>
 
-namespace tool {
-
-// A place in a text file, counted from 1; columns in bytes.
-struct FilePlace {
-  std::size_t line = 1;
-  std::size_t column = 1;
-};
-
-// What is wrong with a row, and where. `what()` without the place.
-class BadRow : public std::runtime_error {
- public:
-  BadRow(FilePlace place, std::string const& what) : std::runtime_error(what), place_(place) {}
-  FilePlace place() const { return place_; }
-
- private:
-  FilePlace place_;
-};
+namespace sagleme {
 
 struct CsvField {
   std::string text;
@@ -60,6 +44,6 @@ class CsvReader {
   std::size_t bytes_ = 0;
 };
 
-}  // namespace tool
+}  // namespace sagleme
 
 #endif

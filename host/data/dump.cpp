@@ -1,16 +1,12 @@
-#include "data/dump.h"
-
 #include <fmt/format.h>
 
 #include <sagleme/counts.hpp>
+#include <sagleme/host/dump.hpp>
 #include <sagleme/schema_document.hpp>
+#include <sagleme/value_text.hpp>
 #include <vector>
 
-#include "commands/objects.h"
-#include "output/progress.h"
-#include "text/json_value.h"
-
-namespace tool {
+namespace sagleme {
 namespace {
 
 // The document on one line: line ends inside texts are escapes, so all others are layout.
@@ -26,13 +22,12 @@ std::string OneLine(std::string json) {
   return line + "\n";
 }
 
-std::string ObjectLine(std::size_t place, sagleme::Object const& object,
-                       sagleme::Table const& table) {
+std::string ObjectLine(std::size_t place, Object const& object, Table const& table) {
   std::string line = "{\"t\": " + std::to_string(place) +
                      ", \"id\": " + std::to_string(object.id().value) + ", \"v\": [";
   bool first = true;
-  for (sagleme::Column const* const column : sagleme::UserColumns(table)) {
-    line += (first ? "" : ", ") + sagleme::ValueJson(object.Get(table, *column));
+  for (Column const* const column : UserColumns(table)) {
+    line += (first ? "" : ", ") + ValueJson(object.Get(table, *column));
     first = false;
   }
   return line + "]}\n";
@@ -43,35 +38,33 @@ std::string EndLine(std::uint64_t count, std::vector<std::uint64_t> const& by_ta
                      fmt::join(by_table, ", "));
 }
 
-std::uint64_t CountAll(sagleme::Transaction& transaction, sagleme::SchemaDoc const& schema) {
-  sagleme::ObjectCounts const counts(transaction);
+std::uint64_t CountAll(Transaction& transaction, SchemaDoc const& schema) {
+  ObjectCounts const counts(transaction);
   std::uint64_t total = 0;
-  for (sagleme::TableDoc const& table : schema.tables)
-    total += counts.Own(*transaction.table(table.name));
+  for (TableDoc const& table : schema.tables) total += counts.Own(*transaction.table(table.name));
   return total;
 }
 
 }  // namespace
 
-std::uint64_t Dump(sagleme::Transaction& transaction, Output const& to, Output const& report) {
-  sagleme::SchemaDoc const schema = sagleme::ReadSchema(transaction, false);
-  to.Print(OneLine(sagleme::SchemaJson(schema)));
-  Progress progress(report, "objects", CountAll(transaction, schema));
+std::uint64_t Dump(Transaction& transaction, TextSink const& to, TransferReport const& report) {
+  SchemaDoc const schema = ReadSchema(transaction, false);
+  to(OneLine(SchemaJson(schema)));
+  std::uint64_t const total = report ? CountAll(transaction, schema) : 0;
   std::uint64_t count = 0;
   std::vector<std::uint64_t> by_table(schema.tables.size());
   for (std::size_t i = 0; i < schema.tables.size(); ++i) {
-    sagleme::TablePtr const table = transaction.table(schema.tables[i].name);
-    for (sagleme::Object const& object : sagleme::Range::Only(transaction, *table)) {
-      sagleme::ReadScope const scope(transaction.context());
-      to.Print(ObjectLine(i, object, *table));
+    TablePtr const table = transaction.table(schema.tables[i].name);
+    for (Object const& object : Range::Only(transaction, *table)) {
+      ReadScope const scope(transaction.context());
+      to(ObjectLine(i, object, *table));
       ++count;
       ++by_table[i];
-      progress.Update(count, count);
+      if (report) report({count, count, total});
     }
   }
-  to.Print(EndLine(count, by_table));
-  progress.Finish(count);
+  to(EndLine(count, by_table));
   return count;
 }
 
-}  // namespace tool
+}  // namespace sagleme

@@ -3,15 +3,13 @@
 
 #include <filesystem>
 #include <nlohmann/json.hpp>
+#include <sagleme/counts.hpp>
+#include <sagleme/host/dump.hpp>
 #include <sagleme/schema_plan.hpp>
 
-#include "cli/failure.h"
-#include "commands/objects.h"
-#include "data/dump.h"
-#include "output/progress.h"
 #include "text/json_value.h"
 
-namespace tool {
+namespace sagleme {
 namespace {
 
 using Json = nlohmann::json;
@@ -25,7 +23,7 @@ class Scaffold {
   explicit Scaffold(std::string place) : place_(std::move(place)), path_(place_ + ".loading") {
     std::error_code ignored;
     if (std::filesystem::exists(place_) && !std::filesystem::is_empty(place_, ignored)) {
-      throw Failure(Exit::kRefused, fmt::format("{} already exists", place_),
+      throw Failure(Failure::Kind::kRefused, fmt::format("{} already exists", place_),
                     "Name a directory that does not exist.");
     }
     std::filesystem::remove_all(path_);  // of a load that was cut off
@@ -52,26 +50,25 @@ class Scaffold {
 // object comes back with the identity that it had, which may be known outside of the database.
 void LeaveIdentities(std::string const& directory, std::uint64_t first) {
   lscoredb* kernel = nullptr;
-  sagleme::detail::CheckKernel(lscoredb_open(directory.c_str(), nullptr, &kernel));
+  detail::CheckKernel(lscoredb_open(directory.c_str(), nullptr, &kernel));
   auto const raised = lscoredb_raise_ids(kernel, first);
-  sagleme::detail::CheckKernel(lscoredb_close(kernel));
-  sagleme::detail::CheckKernel(raised);
+  detail::CheckKernel(lscoredb_close(kernel));
+  detail::CheckKernel(raised);
 }
 
 class Loader {
  public:
-  Loader(std::istream& input, std::string const& source, Output const& report)
+  Loader(std::istream& input, std::string const& source, TransferReport const& report)
       : input_(input), source_(source), report_(report) {}
 
   std::uint64_t Run(std::string const& directory) {
     ReadAll();
     LeaveIdentities(directory, highest_ + 1);
-    auto const database = sagleme::Database::Create(directory);
-    sagleme::Context const context(database);
-    sagleme::Transaction transaction(context);
-    sagleme::AssureDatabaseIdentity(transaction);
-    sagleme::ApplyPlan(transaction,
-                       sagleme::CompareSchemas(sagleme::ReadSchema(transaction, false), schema_));
+    auto const database = Database::Create(directory);
+    Context const context(database);
+    Transaction transaction(context);
+    AssureDatabaseIdentity(transaction);
+    ApplyPlan(transaction, CompareSchemas(ReadSchema(transaction, false), schema_));
     WriteObjects(transaction);
     transaction.Commit();
     return lines_.size();
@@ -79,15 +76,15 @@ class Loader {
 
  private:
   [[noreturn]] void Refuse(std::size_t line, std::string const& what) const {
-    throw Failure(Exit::kProblem, fmt::format("{}:{}: {}", source_, line, what),
+    throw Failure(Failure::Kind::kBadData, fmt::format("{}:{}: {}", source_, line, what),
                   "No database was created.");
   }
 
   void ReadAll() {
     std::string line;
     if (!std::getline(input_, line)) Refuse(1, "the dump is empty");
-    schema_ = sagleme::ParseSchema(line, source_);
-    sagleme::ValidateSchema(schema_, source_);
+    schema_ = ParseSchema(line, source_);
+    ValidateSchema(schema_, source_);
     while (std::getline(input_, line)) lines_.push_back(std::move(line));
     std::string const end = TakeEnd();
     std::vector<std::uint64_t> by_table(schema_.tables.size());
@@ -131,33 +128,28 @@ class Loader {
     Refuse(i + 2, "not an object of the dump");
   }
 
-  void WriteObjects(sagleme::Transaction& transaction) {
-    Progress progress(report_, "objects", lines_.size());
-    std::vector<sagleme::TablePtr> tables;
-    for (sagleme::TableDoc const& table : schema_.tables)
-      tables.push_back(transaction.table(table.name));
+  void WriteObjects(Transaction& transaction) {
+    std::vector<TablePtr> tables;
+    for (TableDoc const& table : schema_.tables) tables.push_back(transaction.table(table.name));
     for (std::size_t i = 0; i < lines_.size(); ++i) {
       Json const json = ParseLine(i);
       try {
         WriteObject(transaction, *tables[json["t"].get<std::size_t>()], json);
-      } catch (sagleme::BadValue const& error) {
+      } catch (BadValue const& error) {
         Refuse(i + 2, error.what());
-      } catch (sagleme::Error const& error) {
+      } catch (Error const& error) {
         Refuse(i + 2, error.what());
       }
-      progress.Update(i + 1, i + 1);
+      if (report_) report_({i + 1, i + 1, lines_.size()});
     }
-    progress.Finish(lines_.size());
   }
 
-  static void WriteObject(sagleme::Transaction& transaction, sagleme::Table const& table,
-                          Json const& json) {
-    auto const columns = sagleme::UserColumns(table);
+  static void WriteObject(Transaction& transaction, Table const& table, Json const& json) {
+    auto const columns = UserColumns(table);
     Json const& values = json["v"];
     if (values.size() != columns.size())
-      throw sagleme::BadValue("the number of values differs from the number of columns");
-    auto object =
-        sagleme::Object::CreateWithId(transaction, table, {json["id"].get<std::uint64_t>()});
+      throw BadValue("the number of values differs from the number of columns");
+    auto object = Object::CreateWithId(transaction, table, {json["id"].get<std::uint64_t>()});
     for (std::size_t i = 0; i < columns.size(); ++i) {
       if (values[i].is_null()) continue;
       object.Set(table, *columns[i], ParseJsonValue(columns[i]->type, values[i]));
@@ -166,8 +158,8 @@ class Loader {
 
   std::istream& input_;
   std::string source_;
-  Output const& report_;
-  sagleme::SchemaDoc schema_;
+  TransferReport const& report_;
+  SchemaDoc schema_;
   std::vector<std::string> lines_;
   std::uint64_t highest_ = 0;
 };
@@ -175,11 +167,11 @@ class Loader {
 }  // namespace
 
 std::uint64_t Load(std::string const& directory, std::istream& input, std::string const& source,
-                   Output const& report) {
+                   TransferReport const& report) {
   Scaffold scaffold(directory);
   std::uint64_t const count = Loader(input, source, report).Run(scaffold.path());
   scaffold.Finish();
   return count;
 }
 
-}  // namespace tool
+}  // namespace sagleme

@@ -7,7 +7,7 @@
 namespace sagleme {
 
 // A value as ValueJson writes it. Throws BadValue.
-SAGLEME_HOST_API Value ParseJsonValue(Type type, nlohmann::json const& json);
+Value ParseJsonValue(Type type, nlohmann::json const& json);
 
 }  // namespace sagleme
 

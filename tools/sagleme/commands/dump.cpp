@@ -1,7 +1,8 @@
-#include "data/dump.h"
+#include <sagleme/host/dump.hpp>
 
 #include "commands/commands.h"
 #include "commands/files.h"
+#include "output/progress.h"
 
 namespace tool {
 namespace {
@@ -15,7 +16,11 @@ class DumpCommand : public Command {
   }
   void Declare(CLI::App&) override {}
   Exit Run(Session& session, Output& output) override {
-    session.Read([&](sagleme::Transaction& transaction) { Dump(transaction, output, output); });
+    session.Read([&](sagleme::Transaction& transaction) {
+      Progress progress(output, "objects");
+      auto const print = [&](std::string_view text) { output.Print(text); };
+      progress.Finish(sagleme::Dump(transaction, print, progress.report()));
+    });
     return Exit::kDone;
   }
 };
@@ -33,7 +38,8 @@ class LoadCommand : public Command {
   bool at_prompt() const override { return false; }
   Exit Run(Session& session, Output& output) override {
     auto const input = OpenFile(file_);
-    Load(session.directory(), *input, file_, output);
+    Progress progress(output, "objects");
+    progress.Finish(sagleme::Load(session.directory(), *input, file_, progress.report()));
     return Exit::kDone;
   }
 

@@ -1,8 +1,9 @@
 #include <fmt/format.h>
 
+#include <sagleme/host/duplicates.hpp>
+
 #include "commands/commands.h"
 #include "commands/names.h"
-#include "data/duplicates.h"
 #include "output/text.h"
 #include "output/value_text.h"
 #include "query/condition.h"
@@ -25,7 +26,8 @@ class NewValues {
         ->allow_extra_args(false)
         ->type_name("COLUMN");
   }
-  std::vector<NewValue> Parse(sagleme::Transaction& transaction, sagleme::Table const& table) const;
+  std::vector<sagleme::NewValue> Parse(sagleme::Transaction& transaction,
+                                       sagleme::Table const& table) const;
 
  private:
   std::vector<std::string> values_;
@@ -33,12 +35,12 @@ class NewValues {
 };
 
 sagleme::Column const& WritableColumn(sagleme::Table const& table, std::string const& name,
-                                      std::vector<NewValue> const& before) {
+                                      std::vector<sagleme::NewValue> const& before) {
   sagleme::Column const& column = ColumnNamed(table, name);
   if (column.system()) {
     throw Failure(Exit::kRefused, fmt::format("column {} cannot be written", name));
   }
-  for (NewValue const& each : before) {
+  for (sagleme::NewValue const& each : before) {
     if (each.column == &column) {
       throw Failure(Exit::kUsage, fmt::format("column {} is given twice", name));
     }
@@ -46,9 +48,9 @@ sagleme::Column const& WritableColumn(sagleme::Table const& table, std::string c
   return column;
 }
 
-std::vector<NewValue> NewValues::Parse(sagleme::Transaction& transaction,
-                                       sagleme::Table const& table) const {
-  std::vector<NewValue> values;
+std::vector<sagleme::NewValue> NewValues::Parse(sagleme::Transaction& transaction,
+                                                sagleme::Table const& table) const {
+  std::vector<sagleme::NewValue> values;
   for (std::string const& text : values_) {
     auto const equals = text.find('=');
     if (equals == std::string::npos) {
@@ -68,11 +70,12 @@ std::vector<NewValue> NewValues::Parse(sagleme::Transaction& transaction,
 }
 
 // A new object has values where its table takes no null.
-void RequireValues(sagleme::Table const& table, std::vector<NewValue> const& values) {
+void RequireValues(sagleme::Table const& table, std::vector<sagleme::NewValue> const& values) {
   for (sagleme::Column const& column : table.columns) {
     if (column.system() || column.nullable || sagleme::MustBeNullable(column.type)) continue;
-    bool const given = std::any_of(values.begin(), values.end(),
-                                   [&](NewValue const& each) { return each.column == &column; });
+    bool const given =
+        std::any_of(values.begin(), values.end(),
+                    [&](sagleme::NewValue const& each) { return each.column == &column; });
     if (given) continue;
     throw Failure(Exit::kRefused,
                   fmt::format("column {} of {} needs a value", sagleme::ToUtf8(column.name),
@@ -81,12 +84,12 @@ void RequireValues(sagleme::Table const& table, std::vector<NewValue> const& val
 }
 
 void Assign(sagleme::Transaction& transaction, sagleme::Object& object, sagleme::Table const& table,
-            std::vector<NewValue> const& values) {
+            std::vector<sagleme::NewValue> const& values) {
   try {
-    for (NewValue const& each : values) object.Set(table, *each.column, each.value);
+    for (sagleme::NewValue const& each : values) object.Set(table, *each.column, each.value);
   } catch (sagleme::Error const& error) {
     if (error.status() != LSCOREDB_DUPLICATE_KEY) throw;
-    std::string const duplicate = DescribeDuplicate(transaction, object, table, values);
+    std::string const duplicate = sagleme::DescribeDuplicate(transaction, object, table, values);
     if (duplicate.empty()) throw;
     throw Failure(Exit::kRefused, duplicate);
   }

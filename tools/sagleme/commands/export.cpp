@@ -2,10 +2,10 @@
 
 #include <memory>
 #include <sagleme/counts.hpp>
+#include <sagleme/host/export.hpp>
 
 #include "commands/commands.h"
 #include "commands/names.h"
-#include "data/exporter.h"
 #include "output/progress.h"
 
 namespace tool {
@@ -34,8 +34,9 @@ class Export : public Command {
   Exit Run(Session& session, Output& output) override;
 
  private:
-  FileForm Form() const {
-    return json_ || file_.ends_with(".jsonl") ? FileForm::kJsonLines : FileForm::kCsv;
+  sagleme::FileForm Form() const {
+    return json_ || file_.ends_with(".jsonl") ? sagleme::FileForm::kJsonLines
+                                              : sagleme::FileForm::kCsv;
   }
   void WriteAll(sagleme::Transaction& transaction, Output const& to, Output const& report) const;
 
@@ -51,15 +52,15 @@ void Export::WriteAll(sagleme::Transaction& transaction, Output const& to,
   sagleme::ObjectCounts const counts(transaction);
   std::uint64_t const total = only_ ? counts.Own(*table) : counts.Subtree(*table);
   Progress progress(report, "objects", total);
-  if (Form() == FileForm::kCsv) to.Print(CsvHeading(*table, !only_));
-  auto const line = Form() == FileForm::kCsv ? CsvLine : JsonLine;
+  if (Form() == sagleme::FileForm::kCsv) to.Print(sagleme::CsvHeading(*table, !only_));
+  auto const line = Form() == sagleme::FileForm::kCsv ? sagleme::CsvLine : sagleme::JsonLine;
   std::uint64_t count = 0;
   for (sagleme::Object const& object : only_ ? sagleme::Range::Only(transaction, *table)
                                              : sagleme::Range::Subtree(transaction, *table)) {
     sagleme::ReadScope const scope(transaction.context());
     // JSON lines have the columns of the object's own table, so that nothing of a descendant is
     // lost.
-    sagleme::TablePtr const own = Form() == FileForm::kCsv ? table : object.table();
+    sagleme::TablePtr const own = Form() == sagleme::FileForm::kCsv ? table : object.table();
     if (own != nullptr) to.Print(line(object, *own, !only_));
     ++count;
     progress.Update(count, count);

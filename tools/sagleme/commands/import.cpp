@@ -2,12 +2,12 @@
 
 #include <filesystem>
 #include <fstream>
+#include <sagleme/host/import.hpp>
 
 #include "commands/commands.h"
 #include "commands/files.h"
 #include "commands/names.h"
 #include "commands/objects.h"
-#include "data/importer.h"
 #include "output/progress.h"
 #include "output/text.h"
 
@@ -37,13 +37,13 @@ class Import : public Command {
   Exit Run(Session& session, Output& output) override;
 
  private:
-  std::unique_ptr<RowSource> Open(std::istream& input) const;
-  void Reject(RowSource const& source, BadRow const& bad, Output const& output);
-  void CheckNames(RowSource const& source, Importer const& importer,
+  std::unique_ptr<sagleme::RowSource> Open(std::istream& input) const;
+  void Reject(sagleme::RowSource const& source, sagleme::BadRow const& bad, Output const& output);
+  void CheckNames(sagleme::RowSource const& source, sagleme::Importer const& importer,
                   sagleme::Table const& table) const;
   // False at the end.
-  bool ImportOne(RowSource& source, Importer& importer, Output const& output);
-  std::string Place(FilePlace place) const {
+  bool ImportOne(sagleme::RowSource& source, sagleme::Importer& importer, Output const& output);
+  std::string Place(sagleme::FilePlace place) const {
     return fmt::format("{}:{}:{}", file_, place.line, place.column);
   }
 
@@ -57,16 +57,17 @@ class Import : public Command {
   std::uint64_t rejected_ = 0;
 };
 
-std::unique_ptr<RowSource> Import::Open(std::istream& input) const {
+std::unique_ptr<sagleme::RowSource> Import::Open(std::istream& input) const {
   bool const json = json_ || file_.ends_with(".jsonl");
   try {
-    return json ? MakeJsonSource(input) : MakeCsvSource(input);
-  } catch (BadRow const& bad) {
+    return json ? sagleme::MakeJsonSource(input) : sagleme::MakeCsvSource(input);
+  } catch (sagleme::BadRow const& bad) {
     throw Failure(Exit::kProblem, fmt::format("{}: {}", Place(bad.place()), bad.what()));
   }
 }
 
-void Import::Reject(RowSource const& source, BadRow const& bad, Output const& output) {
+void Import::Reject(sagleme::RowSource const& source, sagleme::BadRow const& bad,
+                    Output const& output) {
   std::string const what = fmt::format("{}: {}", Place(bad.place()), bad.what());
   if (reject_.empty()) {
     throw Failure(Exit::kProblem, what,
@@ -80,24 +81,25 @@ void Import::Reject(RowSource const& source, BadRow const& bad, Output const& ou
   output.Note(what + "\n");
 }
 
-bool Import::ImportOne(RowSource& source, Importer& importer, Output const& output) {
-  std::vector<RowField> row;
+bool Import::ImportOne(sagleme::RowSource& source, sagleme::Importer& importer,
+                       Output const& output) {
+  std::vector<sagleme::RowField> row;
   try {
     if (!source.Next(row)) return false;
     importer.Add(row);
     ++taken_;
-  } catch (BadRow const& bad) {
+  } catch (sagleme::BadRow const& bad) {
     Reject(source, bad, output);
   }
   return true;
 }
 
 // A name that is wrong is wrong in every row, and told once.
-void Import::CheckNames(RowSource const& source, Importer const& importer,
+void Import::CheckNames(sagleme::RowSource const& source, sagleme::Importer const& importer,
                         sagleme::Table const& table) const {
   try {
     importer.CheckNames(source.names());
-  } catch (BadRow const& bad) {
+  } catch (sagleme::BadRow const& bad) {
     std::vector<std::string> columns;
     for (sagleme::Column const* const column : UserColumns(table)) {
       columns.push_back(sagleme::ToUtf8(column->name));
@@ -116,7 +118,7 @@ Exit Import::Run(Session& session, Output& output) {
   Progress progress(output, "objects", size);
   session.Write([&](sagleme::Transaction& transaction) {
     sagleme::TablePtr const table = UserTableNamed(transaction, table_);
-    Importer importer(transaction, table, keep_ids_);
+    sagleme::Importer importer(transaction, table, keep_ids_);
     CheckNames(*source, importer, *table);
     while (true) {
       sagleme::ReadScope const scope(transaction.context());

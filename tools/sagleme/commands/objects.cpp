@@ -3,11 +3,11 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <sagleme/host/import.hpp>
 
 #include "cli/failure.h"
 #include "cli/interrupt.h"
 #include "commands/names.h"
-#include "data/importer.h"
 #include "output/value_text.h"
 
 namespace tool {
@@ -33,7 +33,7 @@ std::vector<std::u16string> ColumnNames(sagleme::Transaction& transaction,
 }
 
 std::vector<std::string> Heading(std::vector<std::u16string> const& columns) {
-  std::vector<std::string> heading{kIdField, kTableField};
+  std::vector<std::string> heading{sagleme::kIdField, sagleme::kTableField};
   for (std::u16string const& name : columns) heading.push_back(sagleme::ToUtf8(name));
   return heading;
 }
@@ -45,8 +45,8 @@ std::string TableName(sagleme::Object const& object) {
 
 void AddProperties(sagleme::Object const& object, std::string const& prefix,
                    Properties& properties) {
-  properties.Add(prefix + kIdField, Cell::Number(object.id().value));
-  properties.Add(prefix + kTableField, Cell::Text(TableName(object)));
+  properties.Add(prefix + sagleme::kIdField, Cell::Number(object.id().value));
+  properties.Add(prefix + sagleme::kTableField, Cell::Text(TableName(object)));
   sagleme::TablePtr const table = object.table();
   if (table == nullptr) return;
   for (sagleme::Column const* const column : UserColumns(*table)) {

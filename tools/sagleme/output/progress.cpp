@@ -34,6 +34,13 @@ void Progress::Update(std::uint64_t done, std::uint64_t count) {
   if (output_.err_is_terminal) Show(done, count);
 }
 
+sagleme::TransferReport Progress::report() {
+  return [this](sagleme::TransferProgress const& so_far) {
+    total_ = so_far.total;
+    Update(so_far.done, so_far.objects);
+  };
+}
+
 void Progress::Show(std::uint64_t done, std::uint64_t count) {
   if (Clock::now() - drawn_ < kRedraw) return;
   drawn_ = Clock::now();

@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <sagleme/host/transfer.hpp>
 #include <string>
 
 #include "output/format.h"
@@ -17,7 +18,7 @@ class Progress {
  public:
   // `total` in the units of Update's `done`; 0 when it is not known. `things` is the plural of what
   // is counted.
-  Progress(Output const& output, std::string things, std::uint64_t total)
+  Progress(Output const& output, std::string things, std::uint64_t total = 0)
       : output_(output), things_(std::move(things)), total_(total) {}
   // Takes the line away when the work did not get to its summary.
   ~Progress();
@@ -26,6 +27,8 @@ class Progress {
 
   // Throws Interrupted when the user has stopped the work.
   void Update(std::uint64_t done, std::uint64_t count);
+  // The same for the library, which knows the total. Ends with this object.
+  sagleme::TransferReport report();
   // The summary: how many, and how long it took on a terminal.
   void Finish(std::uint64_t count);
 

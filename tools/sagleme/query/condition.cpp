@@ -3,10 +3,10 @@
 #include <fmt/format.h>
 
 #include <optional>
+#include <sagleme/host/references.hpp>
 
 #include "cli/failure.h"
 #include "commands/names.h"
-#include "data/references.h"
 #include "output/value_text.h"
 
 namespace tool {
@@ -139,7 +139,7 @@ sagleme::Value ParseTyped(sagleme::Transaction& transaction, sagleme::Column con
   bool const by_key = column.type == sagleme::Type::kReference &&
                       text.find_first_not_of("0123456789") != std::string::npos;
   try {
-    if (by_key) return ReferencedObject(transaction, column, text);
+    if (by_key) return sagleme::ReferencedObject(transaction, column, text);
     return ParseValue(column.type, text);
   } catch (BadValue const& error) {
     throw Failure(Exit::kUsage,

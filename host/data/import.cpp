@@ -1,14 +1,13 @@
-#include "data/importer.h"
-
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <sagleme/host/duplicates.hpp>
+#include <sagleme/host/import.hpp>
+#include <sagleme/host/references.hpp>
 
-#include "data/duplicates.h"
-#include "data/references.h"
 #include "text/json_value.h"
 
-namespace tool {
+namespace sagleme {
 namespace {
 
 bool IsNumber(std::string const& text) {
@@ -25,14 +24,14 @@ RowField const* FindField(std::vector<RowField> const& row, std::string_view nam
 }  // namespace
 
 void Importer::Add(std::vector<RowField> const& row) {
-  sagleme::TablePtr const table = TableOf(row);
-  sagleme::ObjectId const id = IdOf(row);
+  TablePtr const table = TableOf(row);
+  ObjectId const id = IdOf(row);
   std::vector<Assignment> const assignments = Assignments(*table, row);
   FilePlace const place = row.empty() ? FilePlace{} : row.front().place;
-  std::optional<sagleme::Object> object;
+  std::optional<Object> object;
   try {
-    object = sagleme::Object::CreateWithId(transaction_, *table, id);
-  } catch (sagleme::Error const& error) {
+    object = Object::CreateWithId(transaction_, *table, id);
+  } catch (Error const& error) {
     throw BadRow(place, error.what());
   }
   try {
@@ -45,20 +44,19 @@ void Importer::Add(std::vector<RowField> const& row) {
   }
 }
 
-void Importer::Write(sagleme::Object& object, sagleme::Table const& table,
-                     Assignment const& assignment, std::vector<Assignment> const& all) {
+void Importer::Write(Object& object, Table const& table, Assignment const& assignment,
+                     std::vector<Assignment> const& all) {
   try {
     object.Set(table, *assignment.column, assignment.value);
-  } catch (sagleme::Error const& error) {
+  } catch (Error const& error) {
     if (error.status() == LSCOREDB_DUPLICATE_KEY) RefuseDuplicate(object, table, assignment, all);
-    throw BadRow(
-        assignment.place,
-        fmt::format("column {}: {}", sagleme::ToUtf8(assignment.column->name), error.what()));
+    throw BadRow(assignment.place,
+                 fmt::format("column {}: {}", ToUtf8(assignment.column->name), error.what()));
   }
 }
 
 // Returns when no other object can be found that has the key.
-void Importer::RefuseDuplicate(sagleme::Object const& object, sagleme::Table const& table,
+void Importer::RefuseDuplicate(Object const& object, Table const& table,
                                Assignment const& assignment, std::vector<Assignment> const& all) {
   std::vector<NewValue> values;
   for (Assignment const& each : all) values.push_back({each.column, each.value});
@@ -68,85 +66,85 @@ void Importer::RefuseDuplicate(sagleme::Object const& object, sagleme::Table con
 
 void Importer::CheckNames(std::vector<RowField> const& names) const {
   bool const many_tables = FindField(names, kTableField) != nullptr;
-  std::vector<sagleme::TablePtr> tables{table_};
-  for (sagleme::TablePtr const& table : transaction_.Tables()) {
+  std::vector<TablePtr> tables{table_};
+  for (TablePtr const& table : transaction_.Tables()) {
     if (many_tables && table->IsA(*table_)) tables.push_back(table);
   }
   for (RowField const& field : names) {
     if (field.name == kIdField || field.name == kTableField) continue;
-    std::u16string const name = sagleme::ToUtf16(field.name);
+    std::u16string const name = ToUtf16(field.name);
     bool const known = std::any_of(tables.begin(), tables.end(), [&](auto const& table) {
-      sagleme::Column const* const column = table->FindColumn(name);
+      Column const* const column = table->FindColumn(name);
       return column != nullptr && !column->system();
     });
     if (!known) {
-      throw BadRow(field.place, fmt::format("table {} has no column {}",
-                                            sagleme::ToUtf8(table_->name), field.name));
+      throw BadRow(field.place,
+                   fmt::format("table {} has no column {}", ToUtf8(table_->name), field.name));
     }
   }
   if (!names.empty()) RequireColumns(*table_, names);
 }
 
 // A column without a value would silently become zero.
-void Importer::RequireColumns(sagleme::Table const& table, std::vector<RowField> const& row) const {
-  for (sagleme::Column const& column : table.columns) {
+void Importer::RequireColumns(Table const& table, std::vector<RowField> const& row) const {
+  for (Column const& column : table.columns) {
     if (column.nullable || column.system()) continue;
-    std::string const name = sagleme::ToUtf8(column.name);
+    std::string const name = ToUtf8(column.name);
     if (FindField(row, name) != nullptr) continue;
     throw BadRow(row.empty() ? FilePlace{} : row.front().place,
                  fmt::format("column {} of table {} is missing, and takes no null", name,
-                             sagleme::ToUtf8(table.name)));
+                             ToUtf8(table.name)));
   }
 }
 
-sagleme::TablePtr Importer::TableOf(std::vector<RowField> const& row) const {
+TablePtr Importer::TableOf(std::vector<RowField> const& row) const {
   RowField const* const field = FindField(row, kTableField);
   // A column of that name goes before.
   if (field == nullptr || field->null || table_->FindColumn(u"table") != nullptr) return table_;
-  sagleme::TablePtr const table = transaction_.Find(sagleme::ToUtf16(field->text));
+  TablePtr const table = transaction_.Find(ToUtf16(field->text));
   if (table != nullptr && table->IsA(*table_)) return table;
   throw BadRow(field->place, fmt::format("{} is neither {} nor derived from it", field->text,
-                                         sagleme::ToUtf8(table_->name)));
+                                         ToUtf8(table_->name)));
 }
 
-sagleme::ObjectId Importer::IdOf(std::vector<RowField> const& row) const {
+ObjectId Importer::IdOf(std::vector<RowField> const& row) const {
   RowField const* const field = FindField(row, kIdField);
   if (!keep_ids_ || field == nullptr || field->null) return {};
   if (!IsNumber(field->text)) throw BadRow(field->place, "the id is not a number");
   try {
-    return {std::get<std::uint64_t>(sagleme::ParseValue(sagleme::Type::kULong, field->text))};
-  } catch (sagleme::BadValue const& error) {
+    return {std::get<std::uint64_t>(ParseValue(Type::kULong, field->text))};
+  } catch (BadValue const& error) {
     throw BadRow(field->place, error.what());
   }
 }
 
-std::vector<Importer::Assignment> Importer::Assignments(sagleme::Table const& table,
+std::vector<Importer::Assignment> Importer::Assignments(Table const& table,
                                                         std::vector<RowField> const& row) {
   RequireColumns(table, row);
   std::vector<Assignment> assignments;
   for (RowField const& field : row) {
-    sagleme::Column const* const column = table.FindColumn(sagleme::ToUtf16(field.name));
+    Column const* const column = table.FindColumn(ToUtf16(field.name));
     if (column != nullptr && !column->system()) {
       assignments.push_back({column, ParseField(*column, field), field.place});
     } else if (field.name != kIdField && field.name != kTableField) {
-      throw BadRow(field.place, fmt::format("table {} has no column {}",
-                                            sagleme::ToUtf8(table.name), field.name));
+      throw BadRow(field.place,
+                   fmt::format("table {} has no column {}", ToUtf8(table.name), field.name));
     }
   }
   return assignments;
 }
 
-sagleme::Value Importer::ParseField(sagleme::Column const& column, RowField const& field) {
+Value Importer::ParseField(Column const& column, RowField const& field) {
   try {
-    if (column.type == sagleme::Type::kReference && !field.null && !IsNumber(field.text)) {
+    if (column.type == Type::kReference && !field.null && !IsNumber(field.text)) {
       return ReferencedObject(transaction_, column, field.text);
     }
-    sagleme::Value value = field.parse(column.type);
-    if (!sagleme::IsNull(value) || column.nullable) return value;
-    throw sagleme::BadValue("a value is needed; the column takes no null");
-  } catch (sagleme::BadValue const& error) {
+    Value value = field.parse(column.type);
+    if (!IsNull(value) || column.nullable) return value;
+    throw BadValue("a value is needed; the column takes no null");
+  } catch (BadValue const& error) {
     throw BadRow(field.place, fmt::format("column {}: {}", field.name, error.what()));
   }
 }
 
-}  // namespace tool
+}  // namespace sagleme

@@ -1,18 +1,36 @@
-#ifndef SAGLEME_TOOL_DATA_ROW_SOURCE_H
-#define SAGLEME_TOOL_DATA_ROW_SOURCE_H
+#ifndef SAGLEME_HOST_ROWS_HPP
+#define SAGLEME_HOST_ROWS_HPP
 
 // Rows of named values from a file of either form.
 
+#include <sagleme/export.h>
+
+#include <cstddef>
 #include <functional>
 #include <istream>
 #include <memory>
 #include <sagleme/host.hpp>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "data/csv_reader.h"
+namespace sagleme {
 
-namespace tool {
+// A place in a text file, counted from 1; columns in bytes.
+struct FilePlace {
+  std::size_t line = 1;
+  std::size_t column = 1;
+};
+
+// What is wrong with a row, and where. `what()` without the place.
+class SAGLEME_EXCEPTION BadRow : public std::runtime_error {
+ public:
+  BadRow(FilePlace place, std::string const& what) : std::runtime_error(what), place_(place) {}
+  FilePlace place() const { return place_; }
+
+ private:
+  FilePlace place_;
+};
 
 // One value of a row. `parse` turns it into a value of a type, null where the file says so, and
 // throws BadValue. `text` is how it stands in the file, for values that are no values of their
@@ -22,10 +40,10 @@ struct RowField {
   std::string text;
   bool null = false;
   FilePlace place;
-  std::function<sagleme::Value(sagleme::Type)> parse;
+  std::function<Value(Type)> parse;
 };
 
-class RowSource {
+class SAGLEME_HOST_API RowSource {
  public:
   virtual ~RowSource() = default;
 
@@ -42,10 +60,10 @@ class RowSource {
 
 // The stream has to outlive them. A CSV file names its columns in its first line: BadRow without
 // one.
-std::unique_ptr<RowSource> MakeCsvSource(std::istream& input);
+SAGLEME_HOST_API std::unique_ptr<RowSource> MakeCsvSource(std::istream& input);
 // One JSON object a line.
-std::unique_ptr<RowSource> MakeJsonSource(std::istream& input);
+SAGLEME_HOST_API std::unique_ptr<RowSource> MakeJsonSource(std::istream& input);
 
-}  // namespace tool
+}  // namespace sagleme
 
 #endif

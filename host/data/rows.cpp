@@ -1,13 +1,13 @@
-#include "data/row_source.h"
-
 #include <fmt/format.h>
 
 #include <nlohmann/json.hpp>
+#include <sagleme/host/rows.hpp>
 #include <set>
 
+#include "data/csv_reader.h"
 #include "text/json_value.h"
 
-namespace tool {
+namespace sagleme {
 namespace {
 
 class CsvSource : public RowSource {
@@ -51,9 +51,9 @@ class CsvSource : public RowSource {
   RowField ToRowField(std::size_t i) const {
     CsvField const& field = fields_[i];
     bool const null = field.text.empty() && !field.quoted;
-    auto const parse = [null, text = field.text](sagleme::Type type) -> sagleme::Value {
-      if (null) return sagleme::Null{};
-      return sagleme::ParseValue(type, text);
+    auto const parse = [null, text = field.text](Type type) -> Value {
+      if (null) return Null{};
+      return ParseValue(type, text);
     };
     return {heading_[i].text, field.text, null, field.place, parse};
   }
@@ -105,7 +105,7 @@ class JsonSource : public RowSource {
   }
   RowField ToRowField(std::string const& name, nlohmann::json const& value) const {
     std::string const text = value.is_string() ? value.get<std::string>() : value.dump();
-    auto const parse = [value](sagleme::Type type) { return ParseJsonValue(type, value); };
+    auto const parse = [value](Type type) { return ParseJsonValue(type, value); };
     return {name, text, value.is_null(), PlaceOf(name), parse};
   }
 
@@ -125,4 +125,4 @@ std::unique_ptr<RowSource> MakeJsonSource(std::istream& input) {
   return std::make_unique<JsonSource>(input);
 }
 
-}  // namespace tool
+}  // namespace sagleme

@@ -1,0 +1,37 @@
+#ifndef SAGLEME_HOST_DUMP_HPP
+#define SAGLEME_HOST_DUMP_HPP
+
+// A whole database as text, and back.
+//
+// The first line is the schema in one JSON document; every further line an object, by table in the
+// order of the schema and then by id: {"t": place of the table in the schema, "id": ..., "v":
+// [values of all columns in order]}. The last line counts the objects, in all and by table:
+// {"end": {"objects": ..., "tables": [...]}}; without it a dump was cut. Objects of dropped tables
+// are left out, and so is what bindings keep in the catalogue beside tables, columns and indexes.
+
+#include <sagleme/export.h>
+
+#include <istream>
+#include <sagleme/failure.hpp>
+#include <sagleme/host.hpp>
+#include <sagleme/host/transfer.hpp>
+#include <string>
+
+namespace sagleme {
+
+// Writes the database as the transaction sees it, and returns the number of objects. `report` may
+// be empty. Error when something cannot be read.
+SAGLEME_HOST_API std::uint64_t Dump(Transaction& transaction, TextSink const& to,
+                                    TransferReport const& report = {});
+
+// Makes a new database of a dump in `directory`, which does not exist or is empty, and returns the
+// number of objects. It comes into being whole or not at all: what is loaded grows beside its
+// place.
+// `source` names the dump in messages. Failure of kRefused when the place is taken, of kBadData
+// with the line for a bad dump, of kBadInput for a schema that no database can have.
+SAGLEME_HOST_API std::uint64_t Load(std::string const& directory, std::istream& input,
+                                    std::string const& source, TransferReport const& report = {});
+
+}  // namespace sagleme
+
+#endif
