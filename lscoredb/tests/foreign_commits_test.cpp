@@ -4,63 +4,120 @@
 
 #include <gtest/gtest.h>
 
+#include "status.h"
+
 namespace lscore {
 namespace {
 
 constexpr CommitId State(std::uint64_t number) { return CommitId{number}; }
 
-void CommitOwn(ForeignCommits& watch, std::uint64_t state, bool succeeded = true) {
-  watch.BeginCommit(State(state));
-  watch.EndCommit(State(state), succeeded);
+bool ListNone(CommitId, std::vector<ObjectId>*) { return false; }
+
+void CommitOwn(ForeignCommits& commits, std::uint64_t state, bool succeeded = true) {
+  commits.BeginCommit(State(state), ListNone);
+  commits.EndCommit(State(state), succeeded);
 }
 
 TEST(ForeignCommitsTest, AStateThatNobodyHereMadeIsForeign) {
-  ForeignCommits watch;
-  EXPECT_TRUE(watch.Notice(State(7)));
-  EXPECT_EQ(State(7), watch.foreign());
-  EXPECT_TRUE(watch.Notice(State(6)));
-  EXPECT_EQ(State(7), watch.foreign());
+  ForeignCommits commits;
+  EXPECT_TRUE(commits.Notice(State(7), ListNone));
+  EXPECT_EQ(State(7), commits.unlisted());
+  EXPECT_TRUE(commits.Notice(State(6), ListNone));
+  EXPECT_EQ(State(7), commits.unlisted());
 }
 
 TEST(ForeignCommitsTest, OwnCommitsAreAccountedFor) {
-  ForeignCommits watch;
-  watch.Notice(State(7));
-  for (std::uint64_t state = 8; state < 11; ++state) CommitOwn(watch, state);
-  EXPECT_TRUE(watch.Notice(State(10)));
-  EXPECT_EQ(State(7), watch.foreign());
+  ForeignCommits commits;
+  commits.Notice(State(7), ListNone);
+  for (std::uint64_t state = 8; state < 11; ++state) CommitOwn(commits, state);
+  EXPECT_TRUE(commits.Notice(State(10), ListNone));
+  EXPECT_EQ(State(7), commits.unlisted());
 }
 
 TEST(ForeignCommitsTest, ACommitOfAnotherProcessBetweenOwnOnesIsForeign) {
-  ForeignCommits watch;
-  watch.Notice(State(7));
-  CommitOwn(watch, 8);
-  CommitOwn(watch, 10);
-  EXPECT_EQ(State(9), watch.foreign());
-  EXPECT_TRUE(watch.Notice(State(10)));
-  EXPECT_EQ(State(9), watch.foreign());
-  EXPECT_TRUE(watch.Notice(State(11)));
-  EXPECT_EQ(State(11), watch.foreign());
+  ForeignCommits commits;
+  commits.Notice(State(7), ListNone);
+  CommitOwn(commits, 8);
+  CommitOwn(commits, 10);
+  EXPECT_EQ(State(9), commits.unlisted());
+  EXPECT_TRUE(commits.Notice(State(10), ListNone));
+  EXPECT_EQ(State(9), commits.unlisted());
+  EXPECT_TRUE(commits.Notice(State(11), ListNone));
+  EXPECT_EQ(State(11), commits.unlisted());
 }
 
 TEST(ForeignCommitsTest, AStateWhoseCommitIsUnderWayIsNobodysYet) {
-  ForeignCommits watch;
-  watch.Notice(State(7));
-  watch.BeginCommit(State(8));
-  EXPECT_FALSE(watch.Notice(State(8)));
-  EXPECT_TRUE(watch.Notice(State(7)));
-  EXPECT_EQ(State(7), watch.foreign());
-  watch.EndCommit(State(8), true);
-  EXPECT_TRUE(watch.Notice(State(8)));
-  EXPECT_EQ(State(7), watch.foreign());
+  ForeignCommits commits;
+  commits.Notice(State(7), ListNone);
+  commits.BeginCommit(State(8), ListNone);
+  EXPECT_FALSE(commits.Notice(State(8), ListNone));
+  EXPECT_TRUE(commits.Notice(State(7), ListNone));
+  EXPECT_EQ(State(7), commits.unlisted());
+  commits.EndCommit(State(8), true);
+  EXPECT_TRUE(commits.Notice(State(8), ListNone));
+  EXPECT_EQ(State(7), commits.unlisted());
 }
 
 // The number of a commit that failed goes to whoever commits next.
 TEST(ForeignCommitsTest, AFailedCommitLeavesItsNumberToOthers) {
-  ForeignCommits watch;
-  watch.Notice(State(7));
-  CommitOwn(watch, 8, false);
-  EXPECT_TRUE(watch.Notice(State(8)));
-  EXPECT_EQ(State(8), watch.foreign());
+  ForeignCommits commits;
+  commits.Notice(State(7), ListNone);
+  CommitOwn(commits, 8, false);
+  EXPECT_TRUE(commits.Notice(State(8), ListNone));
+  EXPECT_EQ(State(8), commits.unlisted());
+}
+
+class ListedCommitsTest : public testing::Test {
+ protected:
+  ListedCommitsTest() {
+    commits_.SetListener([this](std::vector<ObjectId> const& changed, CommitId state) {
+      reported_.insert(reported_.end(), changed.begin(), changed.end());
+      reported_for_ = state;
+    });
+    commits_.Notice(State(7), ListNone);
+  }
+
+  // Object n is what state n changed.
+  ForeignCommits::Changes Listed(std::uint64_t upto) {
+    return [upto](CommitId after, std::vector<ObjectId>* changed) {
+      for (std::uint64_t i = Raw(after) + 1; i <= upto; ++i) changed->push_back(ObjectId{i});
+      return true;
+    };
+  }
+
+  ForeignCommits commits_;
+  std::vector<ObjectId> reported_;
+  CommitId reported_for_{};
+};
+
+TEST_F(ListedCommitsTest, WhatIsListedIsReportedAndTheRestHolds) {
+  EXPECT_TRUE(commits_.Notice(State(9), Listed(9)));
+  EXPECT_EQ((std::vector{ObjectId{8}, ObjectId{9}}), reported_);
+  EXPECT_EQ(State(9), reported_for_);
+  EXPECT_EQ(State(7), commits_.unlisted());
+}
+
+TEST_F(ListedCommitsTest, AStateIsListedOnce) {
+  commits_.Notice(State(8), Listed(8));
+  commits_.Notice(State(8), Listed(8));
+  EXPECT_EQ(std::vector{ObjectId{8}}, reported_);
+}
+
+TEST_F(ListedCommitsTest, AnOwnCommitListsWhatCameBeforeIt) {
+  commits_.BeginCommit(State(9), Listed(8));
+  commits_.EndCommit(State(9), true);
+  EXPECT_EQ(std::vector{ObjectId{8}}, reported_);
+  EXPECT_EQ(State(7), commits_.unlisted());
+}
+
+TEST_F(ListedCommitsTest, AListThatFailsCountsAsNone) {
+  auto const fail = [](CommitId, std::vector<ObjectId>* changed) -> bool {
+    changed->push_back(ObjectId{1});
+    Throw(LSCOREDB_IO_ERROR);
+  };
+  EXPECT_TRUE(commits_.Notice(State(8), fail));
+  EXPECT_TRUE(reported_.empty());
+  EXPECT_EQ(State(8), commits_.unlisted());
 }
 
 }  // namespace

@@ -78,11 +78,13 @@ constexpr std::size_t kLargestRow = 448;
 // drives out.
 constexpr std::size_t kMost = kMemory + kMemory / 4 + 4 * kLargestRow;
 
+bool ListNone(CommitId, std::vector<ObjectId>*) { return false; }
+
 class RowMemoryBoundTest : public testing::Test {
  protected:
   RowMemoryBoundTest() {
     TheTaken().ForgetMost();
-    watch_.Notice(State(kFirstState));
+    foreign_commits_.Notice(State(kFirstState), ListNone);
   }
 
   static CommitId State(std::uint64_t number) { return CommitId{number}; }
@@ -118,8 +120,8 @@ class RowMemoryBoundTest : public testing::Test {
       newer = table_.Prepare(ObjectId{id}, layout_, ImageOf(id, state), State(state));
     }
     table_.TakeOut(ObjectId{id}, State(state));
-    watch_.BeginCommit(State(state));
-    watch_.EndCommit(State(state), true);
+    foreign_commits_.BeginCommit(State(state), ListNone);
+    foreign_commits_.EndCommit(State(state), true);
     if (newer != nullptr) table_.PutBack(std::move(newer));
   }
 
@@ -130,9 +132,9 @@ class RowMemoryBoundTest : public testing::Test {
                  {{Token{100}, LORV_TYPE_LONG, true, true, 0},
                   {Token{101}, LORV_TYPE_BINARY, true, false, 0}}};
   ImageBuilder builder_;
-  ForeignCommits watch_;
+  ForeignCommits foreign_commits_;
   std::size_t const before_ = TheTaken().now();
-  SharedRowCache table_{watch_, kMemory};
+  SharedRowCache table_{foreign_commits_, kMemory};
 };
 
 TEST_F(RowMemoryBoundTest, AMillionReadsOfManyRowsTakeNoMoreThanThereIs) {
@@ -198,7 +200,7 @@ TEST_F(RowMemoryBoundTest, RowsThatAnOldReaderPinsStopTheFillingUntilItEnds) {
 // The table and all that left it go with it.
 TEST_F(RowMemoryBoundTest, NothingIsLeftOfATableThatIsGone) {
   {
-    SharedRowCache table(watch_, kMemory);
+    SharedRowCache table(foreign_commits_, kMemory);
     SharedRowCache::Reader reader(table);
     reader.Begin(State(kFirstState), true);
     for (std::uint64_t id = 1; id < 2000; ++id) {

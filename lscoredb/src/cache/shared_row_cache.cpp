@@ -97,7 +97,7 @@ CachedRow const* SharedRowCache::Find(ObjectId id, CommitId state) const {
     // Where the value lies is known only when the first line has come: that would be two waits.
     __builtin_prefetch(reinterpret_cast<char const*>(row) + kLine);
     if (row->id != id) continue;
-    return row->commit() <= state && row->known >= watch_.foreign() ? row : nullptr;
+    return row->commit() <= state && row->known >= foreign_commits_.unlisted() ? row : nullptr;
   }
   return nullptr;
 }
@@ -128,8 +128,11 @@ void SharedRowCache::FetchRow(ObjectId id) const {
 // A reader puts in what it read from the store only if no commit younger than its state took a row
 // out of that stripe: what it has might be an old version by now.
 
-SharedRowCache::SharedRowCache(ForeignCommits const& watch, std::uint64_t memory)
-    : watch_(watch), memory_(memory), share_(memory), row_memory_(memory + memory / 4) {
+SharedRowCache::SharedRowCache(ForeignCommits const& foreign_commits, std::uint64_t memory)
+    : foreign_commits_(foreign_commits),
+      memory_(memory),
+      share_(memory),
+      row_memory_(memory + memory / 4) {
   std::uint64_t const places = std::max<std::uint64_t>(memory / kUsualRow, kWays);
   bucket_bits_ = static_cast<std::size_t>(std::bit_width(places / kWays) - 1);
 }
@@ -237,7 +240,9 @@ void SharedRowCache::TakeOut(ObjectId id, CommitId state) noexcept {
 
 void SharedRowCache::PutBack(CachedRowPtr row) noexcept {
   std::size_t const number = BucketOf(row->id);
-  std::lock_guard const lock(StripeOf(number).mutex);
+  Stripe& stripe = StripeOf(number);
+  std::lock_guard const lock(stripe.mutex);
+  if (row->known < stripe.newest) return;  // another process has committed meanwhile
   Put(buckets_.load(std::memory_order_acquire)[number], std::move(row));
 }
 

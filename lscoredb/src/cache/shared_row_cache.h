@@ -61,7 +61,7 @@ class SharedRowCache {
     Reader(Reader const&) = delete;
     Reader& operator=(Reader const&) = delete;
 
-    // `usable`: what ForeignCommits::Notice said of the state.
+    // `usable`: what ForeignCommits::Notice returned for the state.
     void Begin(CommitId state, bool usable);
     void End() noexcept { since_.store(kNotReading, std::memory_order_release); }
 
@@ -85,15 +85,16 @@ class SharedRowCache {
   };
 
   // `memory`: bytes for rows; 0: none are kept.
-  SharedRowCache(ForeignCommits const& watch, std::uint64_t memory);
+  SharedRowCache(ForeignCommits const& foreign_commits, std::uint64_t memory);
   ~SharedRowCache();
   SharedRowCache(SharedRowCache const&) = delete;
   SharedRowCache& operator=(SharedRowCache const&) = delete;
 
   // ---- for the one who commits
-  // Now and then of a row that it does not hold too.
+  // May be true of a row that it does not hold.
   bool Holds(ObjectId id) const;
-  // Before the commit that replaces or deletes the row becomes visible.
+  // Before the commit that replaces or deletes the row becomes visible, or, when another process
+  // made it, before the first reader of `state` is told that all is accounted for.
   void TakeOut(ObjectId id, CommitId state) noexcept;
   // Null: too large, or no memory for it. What the commit writes in the place of a row.
   CachedRowPtr Prepare(ObjectId id, Layout const& layout, std::string_view image,
@@ -153,7 +154,7 @@ class SharedRowCache {
   void FreeRetired() noexcept;
   void FreeRetiredBefore(std::uint64_t oldest) noexcept;
 
-  ForeignCommits const& watch_;
+  ForeignCommits const& foreign_commits_;
   std::uint64_t const memory_;
   RowBudget::Share const share_;
   CachedRowMemory row_memory_;

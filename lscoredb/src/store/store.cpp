@@ -11,4 +11,16 @@ void View::GetMany(Tree tree, std::span<std::string_view const> keys,
   }
 }
 
+void Store::BeginOwnCommit(Batch const& batch) {
+  foreign_commits_.BeginCommit(batch.id(), [&](CommitId after, std::vector<ObjectId>* changed) {
+    return ListChanges(batch, after, changed);
+  });
+}
+
+void Store::EndOwnCommit(Batch const& batch, bool succeeded) {
+  foreign_commits_.EndCommit(batch.id(), succeeded);
+}
+
+bool Store::ListChanges(View const&, CommitId, std::vector<ObjectId>*) const { return false; }
+
 }  // namespace lscore

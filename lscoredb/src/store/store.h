@@ -16,11 +16,11 @@
 //   batch             write transaction         one append, one sync      one transaction
 //   reservation       a small batch             a small batch             a small batch
 //   state number      transaction id            position in the log       a row of the schema
-//   others' commits   unknown: all may differ   the log names them        a table names them
+//   others' commits   unknown: all may differ   the log lists objects     a table lists objects
 //
 // Hence: bytes are valid as long as their snapshot, entries come in pages (entry_page.h) so that a
-// step is no virtual call, gets can be asked for together, ids and layout numbers are reserved in
-// batches like all else, and ForeignCommits says since when nothing remembered holds.
+// step is no virtual call, gets can be asked for together, ids are reserved in batches like all
+// else, and ListChanges names the objects that others changed where the store knows them.
 //
 // A Store is opened once per process and directory and outlives every view and cursor of it. Any
 // thread may call it. Views and cursors belong to one thread at a time. All failures are thrown as
@@ -32,6 +32,7 @@
 #include <optional>
 #include <span>
 #include <string_view>
+#include <vector>
 
 #include "entry_page.h"
 #include "foreign_commits.h"
@@ -237,10 +238,28 @@ class Store {
   virtual bool FreeDeadReaders() = 0;
 
   // What this process knows of the commits of others.
-  ForeignCommits& watch() { return watch_; }
+  ForeignCommits& foreign_commits() { return foreign_commits_; }
+  // Whether all that leads to the snapshot's state is accounted for; see ForeignCommits::Notice.
+  bool Notice(Snapshot const& snapshot) {
+    return foreign_commits_.Notice(snapshot.id(),
+                                   [&](CommitId after, std::vector<ObjectId>* changed) {
+                                     return ListChanges(snapshot, after, changed);
+                                   });
+  }
+
+  // For the store's batches, around a commit that changes something.
+  void BeginOwnCommit(Batch const& batch);
+  void EndOwnCommit(Batch const& batch, bool succeeded);
+
+ protected:
+  // Appends the objects that the commits after `after` changed, whoever made them, up to the state
+  // that `view` reads; of a batch, up to the state that it began from. It may name others too.
+  // Returns false when it cannot list them, or had better not since they are many: then the process
+  // forgets all rows that it has in memory. A failure counts as false.
+  virtual bool ListChanges(View const& view, CommitId after, std::vector<ObjectId>* changed) const;
 
  private:
-  ForeignCommits watch_;
+  ForeignCommits foreign_commits_;
 };
 
 }  // namespace lscore

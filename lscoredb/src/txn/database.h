@@ -7,6 +7,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "allocators.h"
 #include "attachments.h"
@@ -27,9 +28,14 @@ class Database {
            std::uint64_t row_memory)
       : store_(std::move(store)),
         layout_numbers_(std::move(layout_numbers)),
-        rows_(store_->watch(), row_memory),
+        rows_(store_->foreign_commits(), row_memory),
         ids_(*store_),
-        commits_(*store_, ids_, rows_) {}
+        commits_(*store_, ids_, rows_) {
+    store_->foreign_commits().SetListener(
+        [this](std::vector<ObjectId> const& changed, CommitId state) {
+          for (ObjectId const id : changed) rows_.TakeOut(id, state);
+        });
+  }
 
   Store& store() { return *store_; }
   SharedRowCache& rows() { return rows_; }

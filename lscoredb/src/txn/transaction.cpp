@@ -15,7 +15,7 @@ Transaction::~Transaction() {
 void Transaction::Begin(bool read_only) {
   Store& store = database_->store();
   snapshot_ = store.Begin();
-  kept_rows_.Begin(snapshot_->id(), store.watch().Notice(snapshot_->id()));
+  kept_rows_.Begin(snapshot_->id(), store.Notice(*snapshot_));
   read_only_ = read_only;
 }
 

@@ -103,13 +103,13 @@ TEST_P(StoreConformance, StatesAreNumberedOneByOne) {
 TEST_P(StoreConformance, OwnCommitsAreNotForeign) {
   {
     Reading const at_first(*store_);
-    store_->watch().Notice(at_first->id());
+    store_->Notice(*at_first);
   }
-  CommitId const foreign = store_->watch().foreign();
+  CommitId const unlisted = store_->foreign_commits().unlisted();
   Fill(*store_, kTree, {{"a", "1"}});
   Reading const now(*store_);
-  EXPECT_TRUE(store_->watch().Notice(now->id()));
-  EXPECT_EQ(foreign, store_->watch().foreign());
+  EXPECT_TRUE(store_->Notice(*now));
+  EXPECT_EQ(unlisted, store_->foreign_commits().unlisted());
 }
 
 TEST_P(StoreConformance, StatisticsNameTheOldestStateThatIsRead) {

@@ -208,10 +208,10 @@ bool LmdbBatch::Delete(Tree tree, std::string_view key) {
 
 void LmdbBatch::Commit() {
   if (view_.txn == nullptr) LmdbView::ThrowDamaged();
-  if (changed_) store_.watch().BeginCommit(id());
+  if (changed_) store_.BeginOwnCommit(*this);
   int const code = CallWriting([this] { return mdb_txn_commit(view_.txn); });
   view_.txn = nullptr;  // the library ends the transaction whatever comes of it
-  if (changed_) store_.watch().EndCommit(id(), code == 0);
+  if (changed_) store_.EndOwnCommit(*this, code == 0);
   // A write that only found room for a part comes back without the reason.
   if (code == EIO && IsDiskFull(store_.env())) Throw(LSCOREDB_DISK_FULL);
   CheckStore(code);

@@ -61,14 +61,17 @@ bool GetFrom(MemoryEntries const& entries, std::string_view key, std::string_vie
   return true;
 }
 
+}  // namespace
+
 class MemorySnapshot final : public Snapshot {
  public:
-  MemorySnapshot(Store const& store, std::shared_ptr<MemoryState const> state)
+  MemorySnapshot(MemoryStore const& store, std::shared_ptr<MemoryState const> state)
       : store_(store), state_(std::move(state)) {
     set_id(state_->id);
   }
 
   bool Get(Tree tree, std::string_view key, std::string_view* value) const override {
+    if (tree == Tree::kRows) ++store_.rows_given_;
     return GetFrom(TreeOf(tree).entries(), key, value);
   }
   void OpenCursor(Tree tree, std::unique_ptr<TreeCursor>& cursor) const override {
@@ -80,11 +83,9 @@ class MemorySnapshot final : public Snapshot {
     return *state_->trees[static_cast<std::size_t>(tree)];
   }
 
-  Store const& store_;
+  MemoryStore const& store_;
   std::shared_ptr<MemoryState const> state_;
 };
-
-}  // namespace
 
 bool MemoryOrder::operator()(std::string_view a, std::string_view b) const {
   return numbers ? Load<std::uint64_t>(a.data()) < Load<std::uint64_t>(b.data()) : a < b;
@@ -127,7 +128,7 @@ bool MemoryTree::EnterPage(KeyValue const& entry, EntryPage* page) const {
 class MemoryBatch final : public Batch {
  public:
   explicit MemoryBatch(MemoryStore& store)
-      : store_(store), lock_(store.batch_mutex_), base_(store.Newest()) {
+      : store_(store), lock_(store.data_->batch_mutex), base_(store.data_->newest) {
     set_id(CommitId{Raw(base_->id) + 1});
   }
 
@@ -139,18 +140,18 @@ class MemoryBatch final : public Batch {
   }
   void Put(Tree tree, std::string_view key, std::string_view value) override {
     CheckKey(key);
-    Changing(tree).insert_or_assign(std::string(key), std::string(value));
+    Changing(tree, key).insert_or_assign(std::string(key), std::string(value));
   }
   bool PutNew(Tree tree, std::string_view key, std::string_view value) override {
     CheckKey(key);
-    return Changing(tree).try_emplace(std::string(key), value).second;
+    return Changing(tree, key).try_emplace(std::string(key), value).second;
   }
   void Append(Tree tree, std::string_view key, std::string_view value) override {
     Put(tree, key, value);
   }
   bool Delete(Tree tree, std::string_view key) override {
     if (!EntriesOf(tree).contains(key)) return false;
-    MemoryEntries& entries = Changing(tree);
+    MemoryEntries& entries = Changing(tree, key);
     entries.erase(entries.find(key));
     return true;
   }
@@ -169,11 +170,16 @@ class MemoryBatch final : public Batch {
     if (!changed_[i].has_value()) changed_[i] = base_->trees[i]->entries();
     return *changed_[i];
   }
+  MemoryEntries& Changing(Tree tree, std::string_view key) {
+    if (tree == Tree::kRows) changed_rows_.push_back(ObjectId{Load<std::uint64_t>(key.data())});
+    return Changing(tree);
+  }
 
   MemoryStore& store_;
   std::unique_lock<std::mutex> lock_;
   std::shared_ptr<MemoryState const> base_;
   std::array<std::optional<MemoryEntries>, kTreeCount> changed_;
+  std::vector<ObjectId> changed_rows_;
 };
 
 void MemoryBatch::Commit() {
@@ -186,19 +192,22 @@ void MemoryBatch::Commit() {
   }
   if (changed) {
     state->id = id();
-    store_.watch().BeginCommit(id());
+    store_.BeginOwnCommit(*this);
     {
-      std::lock_guard const lock(store_.mutex_);
-      store_.newest_ = std::move(state);
+      MemoryData& data = *store_.data_;
+      std::lock_guard const lock(data.mutex);
+      data.changed[id()] = std::move(changed_rows_);
+      data.newest = std::move(state);
     }
-    store_.watch().EndCommit(id(), true);
+    store_.EndOwnCommit(*this, true);
   }
   lock_.unlock();
 }
 
 // ---- the store ---------------------------------------------------------------------------------
 
-MemoryStore::MemoryStore(StoreOptions const& options) : options_(options) {
+MemoryStore::MemoryStore(StoreOptions const& options)
+    : MemoryStore(options, std::make_shared<MemoryData>()) {
   auto state = std::make_shared<MemoryState>();
   for (std::size_t i = 0; i < kTreeCount; ++i) {
     auto const tree = static_cast<Tree>(i);
@@ -209,25 +218,24 @@ MemoryStore::MemoryStore(StoreOptions const& options) : options_(options) {
     state->trees[i] = std::make_shared<MemoryTree const>(std::move(entries));
   }
   state->id = CommitId{1};
-  newest_ = std::move(state);
+  data_->newest = std::move(state);
 }
 
-std::shared_ptr<MemoryState const> MemoryStore::Newest() const {
-  std::lock_guard const lock(mutex_);
-  return newest_;
+std::unique_ptr<MemoryStore> MemoryStore::Beside() const {
+  return std::unique_ptr<MemoryStore>(new MemoryStore(options_, data_));
 }
 
 std::unique_ptr<Snapshot> MemoryStore::Begin() {
-  std::lock_guard const lock(mutex_);
-  auto snapshot = std::make_unique<MemorySnapshot>(*this, newest_);
-  if (readers_.size() >= options_.max_readers) Throw(LSCOREDB_TOO_MANY_READERS);
-  readers_.insert(snapshot->id());
+  std::lock_guard const lock(data_->mutex);
+  auto snapshot = std::make_unique<MemorySnapshot>(*this, data_->newest);
+  if (data_->readers.size() >= options_.max_readers) Throw(LSCOREDB_TOO_MANY_READERS);
+  data_->readers.insert(snapshot->id());
   return snapshot;
 }
 
 void MemoryStore::End(std::unique_ptr<Snapshot> snapshot) noexcept {
-  std::lock_guard const lock(mutex_);
-  readers_.erase(readers_.find(snapshot->id()));
+  std::lock_guard const lock(data_->mutex);
+  data_->readers.erase(data_->readers.find(snapshot->id()));
 }
 
 std::unique_ptr<Batch> MemoryStore::BeginBatch() { return std::make_unique<MemoryBatch>(*this); }
@@ -235,14 +243,24 @@ std::unique_ptr<Batch> MemoryStore::BeginBatch() { return std::make_unique<Memor
 std::unique_ptr<Snapshot> MemoryStore::BeginVerified(FaultReport const&) { return Begin(); }
 
 StoreStatistics MemoryStore::Statistics() const {
-  std::lock_guard const lock(mutex_);
+  std::lock_guard const lock(data_->mutex);
+  std::multiset<CommitId> const& readers = data_->readers;
   StoreStatistics statistics;
   statistics.max_file_size = options_.max_file_size;
-  statistics.last_commit = newest_->id;
-  statistics.oldest_commit = readers_.empty() ? newest_->id : *readers_.begin();
-  statistics.readers = static_cast<std::uint32_t>(readers_.size());
+  statistics.last_commit = data_->newest->id;
+  statistics.oldest_commit = readers.empty() ? data_->newest->id : *readers.begin();
+  statistics.readers = static_cast<std::uint32_t>(readers.size());
   statistics.max_readers = options_.max_readers;
   return statistics;
+}
+
+// Commits after the view's state are listed too, if there are any by now.
+bool MemoryStore::ListChanges(View const&, CommitId after, std::vector<ObjectId>* changed) const {
+  std::lock_guard const lock(data_->mutex);
+  for (auto at = data_->changed.upper_bound(after); at != data_->changed.end(); ++at) {
+    changed->insert(changed->end(), at->second.begin(), at->second.end());
+  }
+  return true;
 }
 
 }  // namespace lscore

@@ -3,8 +3,10 @@
 
 // A small store in the memory of one process, whole trees at a time: each commit makes new ones of
 // those it changed. It keeps the seam honest; it is not meant to be fast. Not part of the library.
+// A second store over the same data plays another process, whose changes the store lists.
 
 #include <array>
+#include <atomic>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -49,9 +51,20 @@ struct MemoryState {
   std::array<std::shared_ptr<MemoryTree const>, kTreeCount> trees;
 };
 
+// What the stores over the same data share.
+struct MemoryData {
+  std::mutex batch_mutex;  // held by the open batch
+  std::mutex mutex;        // of what follows
+  std::shared_ptr<MemoryState const> newest;
+  std::multiset<CommitId> readers;
+  std::map<CommitId, std::vector<ObjectId>> changed;  // by each commit
+};
+
 class MemoryStore final : public Store {
  public:
   explicit MemoryStore(StoreOptions const& options = {});
+  // Another store over the same data.
+  std::unique_ptr<MemoryStore> Beside() const;
 
   std::unique_ptr<Snapshot> Begin() override;
   void End(std::unique_ptr<Snapshot> snapshot) noexcept override;
@@ -62,16 +75,22 @@ class MemoryStore final : public Store {
   void RequireSync() override {}
   bool FreeDeadReaders() override { return false; }
 
+  // How many rows the snapshots of this store gave.
+  std::size_t rows_given() const { return rows_given_; }
+
+ protected:
+  bool ListChanges(View const& view, CommitId after, std::vector<ObjectId>* changed) const override;
+
  private:
   friend class MemoryBatch;
+  friend class MemorySnapshot;
 
-  std::shared_ptr<MemoryState const> Newest() const;
+  MemoryStore(StoreOptions const& options, std::shared_ptr<MemoryData> data)
+      : options_(options), data_(std::move(data)) {}
 
   StoreOptions const options_;
-  std::mutex batch_mutex_;  // held by the open batch
-  mutable std::mutex mutex_;
-  std::shared_ptr<MemoryState const> newest_;
-  std::multiset<CommitId> readers_;
+  std::shared_ptr<MemoryData> const data_;
+  std::atomic<std::size_t> mutable rows_given_{0};
 };
 
 }  // namespace lscore

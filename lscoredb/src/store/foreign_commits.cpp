@@ -1,0 +1,44 @@
+#include "foreign_commits.h"
+
+#include "status.h"
+
+namespace lscore {
+
+void ForeignCommits::BeginCommit(CommitId state, Changes const& changes) {
+  std::lock_guard const lock(mutex_);
+  NoteForeign(CommitId{Raw(state) - 1}, changes);
+  committing_ = state;
+}
+
+void ForeignCommits::EndCommit(CommitId state, bool succeeded) {
+  std::lock_guard const lock(mutex_);
+  committing_ = CommitId{0};
+  if (succeeded && state > accounted_) accounted_ = state;
+}
+
+bool ForeignCommits::NoticeNew(CommitId state, Changes const& changes) {
+  std::lock_guard const lock(mutex_);
+  if (state == committing_) return false;
+  NoteForeign(state, changes);
+  return true;
+}
+
+// Whoever is at an older state may still have an old version of a listed object in hand. The
+// listener gets the state so that such a version does not come in any more.
+void ForeignCommits::NoteForeign(CommitId state, Changes const& changes) {
+  if (state <= accounted_) return;
+  std::vector<ObjectId> changed;
+  bool listed = false;
+  Status const status = Guarded([&] {
+    listed = accounted_ != CommitId{0} && changes(accounted_, &changed);
+    return LORV_STATUS_OK;
+  });
+  if (status != LORV_STATUS_OK || !listed) {
+    unlisted_ = state;
+  } else if (listener_ != nullptr) {
+    listener_(changed, state);
+  }
+  accounted_ = state;
+}
+
+}  // namespace lscore
