@@ -130,6 +130,11 @@ typedef struct lscoredb_options {
  * LSCOREDB_INVALID_ARGUMENT: options out of range. */
 LSCOREDB_API uint32_t lscoredb_open(char const* directory, lscoredb_options const* options,
                                     lscoredb** out);
+/* After a lscoredb_open or lscoredb_copy of this thread that failed: which file or directory the
+ * system refused, and why, as in "shelf/layouts.lock: Permission denied". Empty where it refused
+ * none; the status tells all then. Valid until the thread's next call of one of the two. Say for
+ * instance: Cannot open shelf/layouts.lock: Permission denied. */
+LSCOREDB_API char const* lscoredb_open_error(void);
 /* Ends the use of a database; `*database` is gone then. LSCOREDB_IN_USE: contexts are open. */
 LSCOREDB_API uint32_t lscoredb_close(lscoredb* database);
 

@@ -2,6 +2,7 @@
 #include <memory>
 
 #include "kernel_test.h"
+#include "other_process.h"
 
 namespace lscoredb_test {
 namespace {
@@ -72,6 +73,45 @@ TEST(OpenTest, ADirectoryThatCannotBeCreatedIsRefused) {
   EXPECT_STATUS(LSCOREDB_CANNOT_OPEN, TryOpen(directory / "file"));
   EXPECT_STATUS(LSCOREDB_CANNOT_OPEN, TryOpen("/proc/nowhere"));
   EXPECT_STATUS(LSCOREDB_CANNOT_OPEN, TryOpen(""));
+}
+
+// As a user who is not above the rights of files, whoever runs the test.
+void ExpectRefusal(std::string const& directory, std::string const& text) {
+  InAnotherProcess([&] {
+    constexpr uid_t kNobody = 65534;
+    EXPECT_TRUE(geteuid() != 0 || seteuid(kNobody) == 0);
+    EXPECT_STATUS(LSCOREDB_CANNOT_OPEN, TryOpen(directory));
+    EXPECT_EQ(text, lscoredb_open_error());
+  });
+}
+
+TEST(OpenTest, ARefusalNamesTheFileAndTheReason) {
+  TemporaryDirectory directory;
+  std::filesystem::permissions(directory.path(), std::filesystem::perms{0755});
+  std::ofstream(directory / "file") << "not a directory";
+  TryOpen(directory / "file/below");
+  EXPECT_EQ(directory / "file/below" + ": Not a directory", lscoredb_open_error());
+  TryOpen("");
+  EXPECT_STREQ(": No such file or directory", lscoredb_open_error());
+  EXPECT_STATUS(0, TryOpen(directory / "new"));
+  EXPECT_STREQ("", lscoredb_open_error());
+}
+
+TEST(OpenTest, EachFileThatIsRefusedIsNamed) {
+  using std::filesystem::perms;
+  TemporaryDirectory directory;
+  std::string const place = directory / "db";
+  std::filesystem::permissions(directory.path(), perms{0555});
+  ExpectRefusal(place, place + ": Permission denied");
+  std::filesystem::permissions(directory.path(), perms{0755});
+  EXPECT_STATUS(0, TryOpen(place));
+  std::filesystem::permissions(place, perms{0755});
+  for (char const* const name : {"data.mdb", "lock.mdb", "layouts.lock"}) {
+    for (auto const& file : std::filesystem::directory_iterator(place)) {
+      std::filesystem::permissions(file, perms{file.path().filename() == name ? 0u : 0666u});
+    }
+    ExpectRefusal(place, place + "/" + name + ": Permission denied");
+  }
 }
 
 TEST(OpenTest, OptionsAreCheckedAndMayBeShort) {

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "c_api.h"
+#include "open_error.h"
 
 namespace lscore {
 namespace {
@@ -69,12 +70,15 @@ uint32_t lscoredb_open(char const* directory, lscoredb_options const* options, l
   return Guarded([&]() -> Status {
     if (out == nullptr) return LSCOREDB_NULL_ARGUMENT;
     StoreOptions const store = StoreOptionsOf(OptionsOf(options));
+    ForgetOpenError();
     auto handle = std::make_unique<lscoredb>();
     handle->database = OpenDatabase(directory, store);
     *out = handle.release();
     return LORV_STATUS_OK;
   });
 }
+
+char const* lscoredb_open_error(void) { return OpenError().c_str(); }
 
 uint32_t lscoredb_close(lscoredb* database) {
   return Guarded([&]() -> Status {

@@ -7,6 +7,7 @@
 #include "c_api.h"
 #include "check.h"
 #include "copy_store.h"
+#include "open_error.h"
 
 namespace lscore {
 namespace {
@@ -17,9 +18,11 @@ constexpr std::uint32_t kKnownFlags = LSCOREDB_CHECK_PAGES_ONLY | LSCOREDB_CHECK
 // A directory that is not there yet, or an empty one.
 void PrepareTarget(char const* directory) {
   if (mkdir(directory, kDirectoryMode) == 0) return;
+  if (errno != EEXIST) ThrowCannotOpen(directory, errno);
   std::error_code error;
-  bool const empty = errno == EEXIST && std::filesystem::is_empty(directory, error);
-  if (!empty || error) Throw(LSCOREDB_CANNOT_OPEN);
+  bool const empty = std::filesystem::is_empty(directory, error);
+  if (error) ThrowCannotOpen(directory, error.value());
+  if (!empty) ThrowCannotOpen(directory, EEXIST);
 }
 
 }  // namespace
@@ -29,6 +32,7 @@ uint32_t lscoredb_copy(lscoredb* database, char const* directory) {
   return lscore::Guarded([&]() -> lscore::Status {
     if (database == nullptr || directory == nullptr) return LSCOREDB_NULL_ARGUMENT;
     if (lscore::IsOfParent(*database)) return LSCOREDB_OF_PARENT;
+    lscore::ForgetOpenError();
     lscore::PrepareTarget(directory);
     lscore::CopyStore(database->database->store(), directory);
     return LORV_STATUS_OK;

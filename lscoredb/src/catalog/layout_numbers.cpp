@@ -11,6 +11,7 @@
 
 #include "definitions.h"
 #include "fork.h"
+#include "open_error.h"
 #include "status.h"
 
 namespace lscore {
@@ -22,25 +23,12 @@ constexpr int kAttempts = 1000;
 // Fewer are looked through for numbers between them, which takes less than creating one.
 constexpr std::uint64_t kManyLayouts = 256;
 
-[[noreturn]] void ThrowErrno() {
-  switch (errno) {
-    case ENOSPC:
-    case EDQUOT:
-    case EFBIG:
-      Throw(LSCOREDB_DISK_FULL);
-    case ENOMEM:
-      Throw(LSCOREDB_NO_MEMORY);
-    default:
-      Throw(LSCOREDB_CANNOT_OPEN);
-  }
-}
-
 // A file that is closed again unless its owner came into being.
 class Descriptor {
  public:
   explicit Descriptor(std::string const& path)
       : file_(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, kFileMode)) {
-    if (file_ < 0) ThrowErrno();
+    if (file_ < 0) ThrowCannotOpen(path, errno);
   }
   ~Descriptor() {
     if (file_ >= 0) close(file_);
@@ -56,9 +44,9 @@ class Descriptor {
 };
 
 // Waits as long as others hold locks that stand against this one.
-void LockFile(int file, int kind) {
+void LockFile(std::string const& path, int file, int kind) {
   while (flock(file, kind) != 0) {
-    if (errno != EINTR) ThrowErrno();
+    if (errno != EINTR) ThrowCannotOpen(path, errno);
   }
 }
 
@@ -68,8 +56,8 @@ LayoutNumbers::LayoutNumbers() : own_(std::make_unique<Board>()), board_(own_.ge
   Mark(kNoLayout);
 }
 
-LayoutNumbers::LayoutNumbers(std::string const& directory) {
-  Descriptor opened(directory + kFileName);
+LayoutNumbers::LayoutNumbers(std::string const& directory) : path_(directory + kFileName) {
+  Descriptor opened(path_);
   file_ = opened.get();
   Lock();
   if (alone_) BeginAnew();
@@ -92,24 +80,25 @@ void LayoutNumbers::Lock() {
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
     alone_ = TryLockAlone();
     if (alone_) return;
-    LockFile(file_, LOCK_SH);
+    LockFile(path_, file_, LOCK_SH);
     if (IsWhole()) return;
-    LockFile(file_, LOCK_UN);
+    LockFile(path_, file_, LOCK_UN);
   }
+  NoteOpenError(path_, "it is held by a process that has not made it");
   Throw(LSCOREDB_CANNOT_OPEN);
 }
 
 bool LayoutNumbers::TryLockAlone() const {
   while (flock(file_, LOCK_EX | LOCK_NB) != 0) {
     if (errno == EWOULDBLOCK) return false;
-    if (errno != EINTR) ThrowErrno();
+    if (errno != EINTR) ThrowCannotOpen(path_, errno);
   }
   return true;
 }
 
 bool LayoutNumbers::IsWhole() const {
   struct stat status {};
-  if (fstat(file_, &status) != 0) ThrowErrno();
+  if (fstat(file_, &status) != 0) ThrowCannotOpen(path_, errno);
   return status.st_size == sizeof(Board);
 }
 
@@ -126,27 +115,27 @@ void LayoutNumbers::BeginAnew() const {
   static constexpr Words kFresh = FreshWords();
   if (IsWhole() && ReadWords() == kFresh) return;
   ssize_t const written = pwrite(file_, kFresh.data(), sizeof kFresh, 0);
-  if (written < 0) ThrowErrno();
-  if (static_cast<std::size_t>(written) != sizeof kFresh) Throw(LSCOREDB_DISK_FULL);
-  if (!IsWhole() && ftruncate(file_, sizeof(Board)) != 0) ThrowErrno();
+  if (written < 0) ThrowCannotOpen(path_, errno);
+  if (static_cast<std::size_t>(written) != sizeof kFresh) ThrowCannotOpen(path_, ENOSPC);
+  if (!IsWhole() && ftruncate(file_, sizeof(Board)) != 0) ThrowCannotOpen(path_, errno);
 }
 
 LayoutNumbers::Words LayoutNumbers::ReadWords() const {
   Words words{};
-  if (pread(file_, words.data(), sizeof words, 0) < 0) ThrowErrno();
+  if (pread(file_, words.data(), sizeof words, 0) < 0) ThrowCannotOpen(path_, errno);
   return words;
 }
 
 void LayoutNumbers::Map() {
   void* const mapped = mmap(nullptr, sizeof(Board), PROT_READ | PROT_WRITE, MAP_SHARED, file_, 0);
-  if (mapped == MAP_FAILED) ThrowErrno();
+  if (mapped == MAP_FAILED) ThrowCannotOpen(path_, errno);
   board_ = static_cast<Board*>(mapped);
 }
 
 // On the way from one lock to the other a second process may be alone for a moment. That does no
 // harm: nothing was read yet that it could change.
 void LayoutNumbers::Share() {
-  LockFile(file_, LOCK_SH);
+  LockFile(path_, file_, LOCK_SH);
   alone_ = false;
 }
 

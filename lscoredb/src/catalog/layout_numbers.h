@@ -79,6 +79,7 @@ class LayoutNumbers {
   // The lowest one that is not marked, from a number on; kNoLayout: none.
   LayoutNumber TakeFrom(std::size_t first);
 
+  std::string const path_;
   int file_ = -1;
   bool alone_ = false;
   std::unique_ptr<Board> own_;

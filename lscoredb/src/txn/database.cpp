@@ -13,6 +13,7 @@
 
 #include "fork.h"
 #include "layout_release.h"
+#include "open_error.h"
 #include "open_store.h"
 #include "status.h"
 
@@ -49,7 +50,8 @@ void MakeDirectories(std::string const& path) {
     std::string const part = path.substr(0, end);
     if (mkdir(part.c_str(), kDirectoryMode) != 0 && errno != EEXIST) {
       struct stat status {};
-      if (stat(part.c_str(), &status) != 0) Throw(LSCOREDB_CANNOT_OPEN);
+      int const error = errno;
+      if (stat(part.c_str(), &status) != 0) ThrowCannotOpen(part, error);
     }
     if (end == std::string::npos) return;
   }
@@ -57,8 +59,8 @@ void MakeDirectories(std::string const& path) {
 
 DirectoryId IdOf(std::string const& path) {
   struct stat status {};
-  if (stat(path.c_str(), &status) != 0) Throw(LSCOREDB_CANNOT_OPEN);
-  if (!S_ISDIR(status.st_mode)) Throw(LSCOREDB_CANNOT_OPEN);
+  if (stat(path.c_str(), &status) != 0) ThrowCannotOpen(path, errno);
+  if (!S_ISDIR(status.st_mode)) ThrowCannotOpen(path, ENOTDIR);
   return {getpid(), status.st_dev, status.st_ino};
 }
 
@@ -106,7 +108,7 @@ std::shared_ptr<Database> OpenDatabase(char const* directory, StoreOptions const
                                       std::make_shared<LayoutNumbers>(), options.row_memory);
   }
   std::string const path = directory;
-  if (path.empty()) Throw(LSCOREDB_CANNOT_OPEN);
+  if (path.empty()) ThrowCannotOpen(path, ENOENT);
   Registry& registry = TheRegistry();
   std::lock_guard const lock(registry.mutex);
   MakeDirectories(path);

@@ -13,6 +13,7 @@
 #include "format.h"
 #include "library_call.h"
 #include "lmdb_store.h"
+#include "open_error.h"
 #include "store_check.h"
 #include "store_errors.h"
 #include "store_header.h"
@@ -30,13 +31,23 @@ void CheckOpening(int code) {
   Throw(status == LSCOREDB_IO_ERROR ? LSCOREDB_CANNOT_OPEN : status);
 }
 
+// The library gives the system's error numbers, but does not say of which file.
+void NoteRefusal(std::string const& directory, int error) {
+  if (error <= 0) return;  // a code of its own
+  std::string const lock = directory + "/lock.mdb";
+  int const file = open(lock.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, kFileMode);
+  if (file < 0) return NoteOpenError(lock, errno);
+  close(file);
+  NoteOpenError(directory + "/data.mdb", error);
+}
+
 // A directory for the short time of opening: what the store finds there is a name for memory.
 class MemoryDirectory {
  public:
   MemoryDirectory() {
     char const* const base = std::getenv("TMPDIR");
     path_ = (base != nullptr ? std::string(base) : std::string("/tmp")) + "/lscoredb-XXXXXX";
-    if (mkdtemp(path_.data()) == nullptr) Throw(LSCOREDB_CANNOT_OPEN);
+    if (mkdtemp(path_.data()) == nullptr) ThrowCannotOpen(path_, errno);
     try {
       LinkMemory();
     } catch (...) {
@@ -56,7 +67,7 @@ class MemoryDirectory {
     lock_ = path_ + "/lock.mdb";
     file_ = memfd_create("lscoredb", MFD_CLOEXEC);
     std::string const target = "/proc/self/fd/" + std::to_string(file_);
-    if (file_ < 0 || symlink(target.c_str(), data_.c_str()) != 0) Throw(LSCOREDB_CANNOT_OPEN);
+    if (file_ < 0 || symlink(target.c_str(), data_.c_str()) != 0) ThrowCannotOpen(data_, errno);
   }
 
   void Clear() noexcept {
@@ -129,7 +140,9 @@ class StoreOpener {
     CheckOpening(mdb_env_set_mapsize(env, options.max_file_size));
     CheckDataFile(path);
     unsigned const flags = MDB_NOTLS | MDB_NORDAHEAD | (sync ? 0u : unsigned{MDB_NOSYNC});
-    CheckOpening(mdb_env_open(env, path, flags, kFileMode));
+    int const code = mdb_env_open(env, path, flags, kFileMode);
+    NoteRefusal(path, code);
+    CheckOpening(code);
     store->files_ = FilesOf(env);
     for (int const file : store->files_) KeepFromChildren(file);
     CheckLength(env);
