@@ -79,6 +79,7 @@ extern "C" {
 #define LSCOREDB_LAYOUTS_EXHAUSTED 9024u
 #define LSCOREDB_LAYOUT_IN_USE 9025u
 #define LSCOREDB_ID_GIVEN_OUT 9026u
+#define LSCOREDB_SET_CLOSED 9027u
 /* The database as a whole, its file and its surroundings. */
 #define LSCOREDB_IN_USE 9030u
 #define LSCOREDB_NOT_A_DATABASE 9031u
@@ -180,8 +181,9 @@ LSCOREDB_API uint32_t lscoredb_begin(uint64_t context, uint32_t flags);
 /* Makes the transaction's writes visible to later ones, and lasting; the transaction is over
  * whatever comes of it. LSCOREDB_NO_TRANSACTION: none is open. LSCOREDB_CONFLICT: another
  * transaction has committed a change of the same object since, or of the set of an index created
- * here; run the work again. LSCOREDB_ID_GIVEN_OUT: see rule 6. LSCOREDB_DUPLICATE_KEY: a unique
- * index would hold a key twice. LSCOREDB_MAP_FULL, LSCOREDB_DISK_FULL: no room. */
+ * here; run the work again. LSCOREDB_ID_GIVEN_OUT: see rule 6. LSCOREDB_SET_CLOSED: see
+ * lscoredb_close_set. LSCOREDB_DUPLICATE_KEY: a unique index would hold a key twice.
+ * LSCOREDB_MAP_FULL, LSCOREDB_DISK_FULL: no room. */
 LSCOREDB_API uint32_t lscoredb_commit(uint64_t context);
 /* Ends the transaction and forgets its writes. */
 LSCOREDB_API uint32_t lscoredb_rollback(uint64_t context);
@@ -193,9 +195,9 @@ LSCOREDB_API uint32_t lscoredb_rollback(uint64_t context);
  * Sets one. Its number is never 0, and no other savepoint of the process has it. */
 LSCOREDB_API uint32_t lscoredb_savepoint(uint64_t context, uint64_t* out);
 /* Takes back everything that was written since: objects and their values, index entries, layouts,
- * indexes, releases of layouts, lscoredb_require. The time follows what was written since. The
- * savepoint stays, and may be rolled back to again; those set later end. Afterwards the transaction
- * is as it was, also where a write in between had failed, but for these:
+ * indexes, releases of layouts, closings of sets, lscoredb_require. The time follows what was
+ * written since. The savepoint stays, and may be rolled back to again; those set later end.
+ * Afterwards the transaction is as it was, also where a write in between had failed, but for these:
  *  - identities and layout numbers that were given out since are not given out again;
  *  - iterators that were opened since have ended: LSCOREDB_ROLLED_BACK from them until they are
  *    freed. Those opened before go on over the range as it stood when they were opened;
@@ -249,6 +251,20 @@ LSCOREDB_API uint32_t lscoredb_layout_stats(uint64_t context, uint32_t* count,
  * When all 65,535 numbers are taken lorvi_context_create_layout gives LSCOREDB_LAYOUTS_EXHAUSTED;
  * its transaction can go on, commit and roll back. */
 LSCOREDB_API uint32_t lscoredb_release_layout(uint64_t context, uint16_t layout);
+
+#define LSCOREDB_CLOSE_EMPTY 1u
+
+/* Closes a set: no object comes into exactly that set any more, whatever layout it has and whoever
+ * inserts it, since its table is gone. lorv_context_put_setspec gives LSCOREDB_SET_CLOSED then, and
+ * takes away an object that the transaction inserted and that has no set yet, so that an insert
+ * that was refused leaves nothing; lscoredb_commit gives LSCOREDB_SET_CLOSED to a transaction that
+ * brought an object into the set before it could see that it is closed. Objects that are in the set
+ * stay, and may be changed, moved and deleted. A set stays closed for good: hosts do not use a set
+ * specifier twice. With LSCOREDB_CLOSE_EMPTY the commit gives LSCOREDB_CONFLICT when another
+ * transaction has changed an object of the set, or of one that begins with it, since the snapshot.
+ * Closing a set twice changes nothing. LSCOREDB_WRITE_REFUSED. LSCOREDB_INVALID_ARGUMENT: unknown
+ * flags. */
+LSCOREDB_API uint32_t lscoredb_close_set(uint64_t context, char16_t const* setspec, uint32_t flags);
 
 /* Has the kernel give only identities from `first` on, in all processes, but for some that contexts
  * and other processes hold already. Those below that were never reserved may be chosen from then

@@ -207,6 +207,28 @@ TEST_F(CheckTest, ADefinitionOfAnUnknownKindIsTold) {
   ExpectOnly({.kind = LSCOREDB_FINDING_DEFINITION});
 }
 
+TEST_F(CheckTest, AClosedSetUnderAnotherOnesKeyIsTold) {
+  {
+    Database database(directory_.path());
+    Session session(database);
+    session.Begin();
+    ::lscoredb_test::Check("close_set", lscoredb_close_set(session.context(), u"closed/", 0));
+    session.Commit();
+  }
+  EXPECT_EQ(Check(), std::vector<Finding>());
+  {
+    StoredTree tree = Tree("definitions");
+    std::string const key = tree.FindPrefix("Z");
+    tree.PutChecked(key + "x", WithoutChecksum(tree.Get(key)));
+  }
+  ExpectOnly({.kind = LSCOREDB_FINDING_DEFINITION});
+}
+
+TEST_F(CheckTest, AClosedSetThatNothingSpeaksOfIsTold) {
+  Tree("definitions").PutChecked("Z", std::string(1, '\0') + "closed/");
+  EXPECT_EQ(Check().size(), 2U);
+}
+
 TEST_F(CheckTest, ACountAmongTheDefinitionsIsTold) {
   Tree("definitions").PutChecked("C" + Big(layout_, 2), Little(0, 9));
   ExpectOnly(OfLayout(LSCOREDB_FINDING_DEFINITION, layout_));

@@ -20,7 +20,7 @@ constexpr std::uint64_t kIndexToken = 60;
 // Frozen: where a data file says what it is, and the newest version that this kernel reads.
 constexpr char kFormatKey[] = "format";
 constexpr char kMagic[] = "lscoredb";
-constexpr std::uint32_t kVersion = 2;  // the newest one
+constexpr std::uint32_t kVersion = 3;  // the newest one
 
 std::uint32_t TryOpen(std::string const& directory) {
   lscoredb* database = nullptr;

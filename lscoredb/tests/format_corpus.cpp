@@ -10,6 +10,7 @@ void Write(std::string const& directory, std::uint32_t version) {
   session.CreateIndex(kByNumber, kSet, {{LORV_TYPE_LONG, kNumberToken}}, kUnique);
   session.CreateIndex(kByText, kSet, {{LORV_TYPE_STRING, kTextToken}});
   if (version >= 2) session.CreateIndex(kWideIndex, kSet, WideColumns());
+  if (version >= 3) Check("close_set", lscoredb_close_set(session.context(), kClosedSet, 0));
   session.Commit();
   Oid last = 0;
   for (int i = 0; i < kRows; ++i) {

@@ -8,12 +8,13 @@
 
 namespace lscoredb_test::corpus {
 
-inline constexpr std::uint32_t kNewestVersion = 2;
+inline constexpr std::uint32_t kNewestVersion = 3;
 
 inline constexpr std::uint64_t kTable = 50;
 inline constexpr std::uint64_t kByNumber = 60;
 inline constexpr std::uint64_t kByText = 61;
-inline constexpr std::uint64_t kWideIndex = 62;  // from version 2 on
+inline constexpr std::uint64_t kWideIndex = 62;       // from version 2 on
+inline constexpr char16_t kClosedSet[] = u"closed/";  // from version 3 on
 inline constexpr std::uint32_t kNumber = 2;
 inline constexpr std::uint32_t kText = 3;
 inline constexpr std::uint32_t kFraction = 4;

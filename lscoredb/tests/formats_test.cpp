@@ -23,6 +23,7 @@ class FormatsTest : public testing::TestWithParam<std::uint32_t> {
   }
 
   TemporaryDirectory directory_;
+  std::uint32_t newest_ = GetParam();
 };
 
 TEST_P(FormatsTest, IsOpenedAsItIs) {
@@ -57,6 +58,33 @@ TEST_P(FormatsTest, HoldsWhatWasWritten) {
   }
   EXPECT_EQ(rows.size(), session.Walk(session.IndexesByToken(kByText).at(0)).size());
   EXPECT_EQ(GetParam() >= 2 ? 1u : 0u, session.IndexesByToken(kWideIndex).size());
+}
+
+TEST_P(FormatsTest, KnowsClosedSets) {
+  Database const database(directory_.path());
+  Session session(database);
+  session.Begin();
+  Oid const row = session.InsertBare(session.LayoutsByToken(kTable).at(0));
+  EXPECT_STATUS(GetParam() >= 3 ? LSCOREDB_SET_CLOSED : LORV_STATUS_OK,
+                lorv_context_put_setspec(session.context(), row, 0, kClosedSet));
+}
+
+// What needs an older version leaves a later one as it is.
+TEST_P(FormatsTest, MovesToWhatItIsAskedForAndNeverBack) {
+  for (std::uint32_t const needed : {2u, 3u, 2u}) {
+    {
+      Database const database(directory_.path());
+      Session session(database);
+      session.Begin();
+      if (needed == 2) session.CreateIndex(71, kSet, WideColumns());
+      if (needed == 3) {
+        Check("close_set", lscoredb_close_set(session.context(), u"more/", 0));
+      }
+      session.Commit();
+    }
+    newest_ = std::max(newest_, needed);
+    EXPECT_EQ(Little(newest_, 4), Version());
+  }
 }
 
 TEST_P(FormatsTest, TakesWritesAndANewIndex) {

@@ -3,8 +3,12 @@
 #include <sagleme/metalayer/errors.hpp>
 #include <sagleme/metalayer/schema.hpp>
 #include <set>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "ddl/utils.h"
+#include "frame/kernel_host.h"
 
 namespace metalayer::ddl {
 
@@ -67,9 +71,15 @@ void CheckReferencesStayInside(TableSet const& tables) {
 
 // ---- taking a table out of the catalogue ----------------------------------------------------
 
+// Handles of the table are out, here and in other processes, and none is told that it is gone: the
+// kernel refuses their objects, where it can.
+void CloseSet(std::u16string const& setspec, uint32_t flags) {
+  if (lscoredb_close_set == nullptr) return;
+  Check(lscoredb_close_set(TlsContextHandle::context(), setspec.c_str(), flags));
+}
+
 // A move that was asked for before is moot: the same request now asks for deletion.
-void RegisterDelete(RawView const& table) {
-  std::u16string const setspec = SetspecTextOf(table);
+void RequestDelete(RawView const& table, std::u16string const& setspec) {
   unsigned short const layout = LayoutHandleOf(table);
   LS_OBJ_REF const request = VacuumRequestOf(setspec);
   if (request.oid == 0) {
@@ -78,6 +88,12 @@ void RegisterDelete(RawView const& table) {
   }
   PutULong(request, Vacuum::kRequestKind, kDeleteRequest);
   PutULong(request, Vacuum::kExpectedLayout, layout);
+}
+
+void RegisterDelete(RawView const& table) {
+  std::u16string const setspec = SetspecTextOf(table);
+  RequestDelete(table, setspec);
+  CloseSet(setspec, 0);
 }
 
 // The rows of set specifier and type id stay: they go on naming the objects left behind.
@@ -133,17 +149,21 @@ void AssertNoIndex(RawView const& table) {
   exceptions::ThrowTableHasIndex(FullNameOf(table), GetText(first, Index::kName), more);
 }
 
+using Setspecs = std::vector<std::u16string>;
+
 // The range of a table's set specifier holds the objects of its descendants as well.
-void AssertNoObject(RawView const& table) {
+void AssertNoObject(RawView const& table, Setspecs& empty) {
   db_util::db_iter_with_keys objects;
-  RangeGlobalSetspecIndex(SetspecTextOf(table).c_str(), &objects);
+  std::u16string setspec = SetspecTextOf(table);
+  RangeGlobalSetspecIndex(setspec.c_str(), &objects);
   if (objects.current.oid != 0) exceptions::ThrowTableContainsData(FullNameOf(table));
+  empty.push_back(std::move(setspec));
 }
 
-void AssertDropCascadeIsValid(RawView const& table) {
+void AssertDropCascadeIsValid(RawView const& table, Setspecs& empty) {
   AssertNoIndex(table);
-  AssertNoObject(table);
-  EnumChildren(table, [](RawView const& child) { AssertDropCascadeIsValid(child); });
+  AssertNoObject(table, empty);
+  EnumChildren(table, [&empty](RawView const& child) { AssertDropCascadeIsValid(child, empty); });
 }
 
 using ChildBatch = std::array<LS_OBJ_REF, 16>;
@@ -191,8 +211,10 @@ void DropTable(char16_t const* name, bool drop_children, bool force) {
 
 void DropTableCascade(char16_t const* name) {
   RawView const table = ExistingTableArg(name);
-  AssertDropCascadeIsValid(table);
+  Setspecs empty;
+  AssertDropCascadeIsValid(table, empty);
   DropRvAndRcMetaCascade(table);
+  for (std::u16string const& setspec : empty) CloseSet(setspec, kCloseEmpty);
   AdvanceSchemaGeneration();
 }
 

@@ -15,6 +15,8 @@ using lscoredb_release_callback = void (*)(void* value);
 [[gnu::weak]] uint32_t lscoredb_context_attach(uint64_t context, void const* key, void* value,
                                                lscoredb_release_callback release, void** out);
 [[gnu::weak]] uint32_t lscoredb_context_attached(uint64_t context, void const* key, void** out);
+[[gnu::weak]] uint32_t lscoredb_close_set(uint64_t context, char16_t const* setspec,
+                                          uint32_t flags);
 }
 
 namespace metalayer {
@@ -24,6 +26,9 @@ inline bool KernelKeepsStates() {
   return lscoredb_attach != nullptr && lscoredb_attached != nullptr &&
          lscoredb_context_attach != nullptr && lscoredb_context_attached != nullptr;
 }
+
+// Of lscoredb_close_set: the commit fails when an object came into the set since.
+inline constexpr uint32_t kCloseEmpty = 1;
 
 }  // namespace metalayer
 

@@ -211,6 +211,15 @@ uint32_t lscoredb_release_layout(uint64_t context, uint16_t layout) {
   });
 }
 
+uint32_t lscoredb_close_set(uint64_t context, char16_t const* setspec, uint32_t flags) {
+  return WithWriting(context, [&](Transaction& transaction) -> Status {
+    if (setspec == nullptr) return LSCOREDB_NULL_ARGUMENT;
+    if ((flags & ~LSCOREDB_CLOSE_EMPTY) != 0) return LSCOREDB_INVALID_ARGUMENT;
+    transaction.CloseSet(setspec, (flags & LSCOREDB_CLOSE_EMPTY) != 0);
+    return LORV_STATUS_OK;
+  });
+}
+
 uint32_t lscoredb_raise_ids(lscoredb* database, uint64_t first) {
   return Guarded([&]() -> Status {
     if (database == nullptr) return LSCOREDB_NULL_ARGUMENT;

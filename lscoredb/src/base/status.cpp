@@ -39,6 +39,7 @@ constexpr Entry kTexts[] = {
     {LSCOREDB_LAYOUT_IN_USE, "Objects stand under the layout."},
     {LSCOREDB_ID_GIVEN_OUT,
      "The identity was used before, or is reserved for those that the database gives itself."},
+    {LSCOREDB_SET_CLOSED, "The set takes no more objects: its table was dropped."},
     {LSCOREDB_IN_USE, "The database still has open contexts."},
     {LSCOREDB_NOT_A_DATABASE, "The files are not a database of this kernel."},
     {LSCOREDB_NEWER_FORMAT,

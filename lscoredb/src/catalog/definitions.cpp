@@ -29,22 +29,6 @@ void ForEachWithPrefix(View const& view, Tree tree, std::string const& prefix, V
   }
 }
 
-// Texts in definitions: a byte that says whether it is wide, then its packed bytes to the end.
-void AppendText(std::string& record, std::u16string_view text) {
-  bool const wide = NeedsWide(text);
-  record.push_back(wide ? 1 : 0);
-  std::size_t const start = record.size();
-  record.resize(start + PackedSize(text, wide));
-  Pack(text, wide, record.data() + start);
-}
-
-std::u16string ReadText(std::string_view record) {
-  if (record.empty() || (record[0] != 0 && record.size() % 2 == 0)) Throw(LSCOREDB_DAMAGED);
-  std::u16string text;
-  Unpack({record.substr(1), record[0] != 0}, text);
-  return text;
-}
-
 void AppendColumn(std::string& record, std::uint8_t type, bool nullable, Token token) {
   Append(record, type);
   Append(record, static_cast<std::uint8_t>(nullable ? 1 : 0));
@@ -67,7 +51,47 @@ std::uint64_t HashOf(std::u16string_view text) {
   return hash.value();
 }
 
+// The units in the order of their numbers, cut to what fits into a key.
+std::string SetPrefix(char letter, std::u16string_view setspec) {
+  std::string key(1, letter);
+  for (char16_t const unit : setspec.substr(0, format::kSetPrefix / 2)) {
+    AppendBig(key, static_cast<std::uint16_t>(unit));
+  }
+  return key;
+}
+
 }  // namespace
+
+// ---- the format and its parts -------------------------------------------------------------------
+
+void RequireFormat(Batch& batch, std::uint32_t version) {
+  std::string_view stored;
+  if (!batch.Get(Tree::kMeta, format::kFormatKey, &stored)) Throw(LSCOREDB_DAMAGED);
+  if (stored.size() != format::FormatRecord(version).size()) Throw(LSCOREDB_DAMAGED);
+  if (Load<std::uint32_t>(stored.data() + format::kMagic.size()) >= version) return;
+  batch.Put(Tree::kMeta, format::kFormatKey, format::FormatRecord(version));
+}
+
+void AppendDefinitionText(std::string& record, std::u16string_view text) {
+  bool const wide = NeedsWide(text);
+  record.push_back(wide ? 1 : 0);
+  std::size_t const start = record.size();
+  record.resize(start + PackedSize(text, wide));
+  Pack(text, wide, record.data() + start);
+}
+
+std::u16string ReadDefinitionText(std::string_view record) {
+  if (record.empty() || (record[0] != 0 && record.size() % 2 == 0)) Throw(LSCOREDB_DAMAGED);
+  std::u16string text;
+  Unpack({record.substr(1), record[0] != 0}, text);
+  return text;
+}
+
+std::string SetKey(char letter, std::u16string_view setspec) {
+  std::string key = SetPrefix(letter, setspec);
+  AppendBig(key, HashOf(setspec));
+  return key;
+}
 
 // ---- layouts -----------------------------------------------------------------------------------
 
@@ -260,10 +284,10 @@ void WriteIndex(Batch& batch, IndexDefinition const& index) {
   for (IndexColumn const& column : index.columns) {
     AppendColumn(record, column.type, column.nullable, column.token);
   }
-  AppendText(record, index.setspec);
+  AppendDefinitionText(record, index.setspec);
   PutChecked(batch, Tree::kDefinitions, IndexKey(index.id), record);
   if (index.columns.size() > format::kSortMaskBits) {
-    batch.Put(Tree::kMeta, format::kFormatKey, format::FormatRecord(format::kWideIndexVersion));
+    RequireFormat(batch, format::kWideIndexVersion);
   }
   for (DefinitionRecord const& named : {IndexTokenRecord(index), IndexSetRecord(index)}) {
     PutChecked(batch, Tree::kDefinitions, named.key, named.value);
@@ -323,7 +347,7 @@ std::unique_ptr<IndexDefinition const> ParseIndex(IndexId id, std::string_view r
   }
   std::size_t const read = 16 + std::size_t{10} * count;
   if (!fields.ok() || read > record.size()) Throw(LSCOREDB_DAMAGED);
-  index->setspec = ReadText(record.substr(read));
+  index->setspec = ReadDefinitionText(record.substr(read));
   index->Prepare();
   return index;
 }
@@ -387,40 +411,25 @@ std::shared_ptr<IndexCatalogue> IndexCatalogues::For(Snapshot const& snapshot) {
 
 // ---- changes by set ----------------------------------------------------------------------------
 
-namespace {
-
-// The units in the order of their numbers, cut to what fits into a key.
-std::string SetChangePrefix(std::u16string_view setspec) {
-  std::string key(1, format::kSetChangeLetter);
-  for (char16_t const unit : setspec.substr(0, format::kSetPrefix / 2)) {
-    AppendBig(key, static_cast<std::uint16_t>(unit));
-  }
-  return key;
-}
-
-}  // namespace
-
 std::string SetChangeKey(std::u16string_view setspec) {
-  std::string key = SetChangePrefix(setspec);
-  AppendBig(key, HashOf(setspec));
-  return key;
+  return SetKey(format::kSetChangeLetter, setspec);
 }
 
 SetChange ParseSetChange(std::string_view record) {
   if (record.size() < 9) Throw(LSCOREDB_DAMAGED);
-  return {CommitId{Load<std::uint64_t>(record.data())}, ReadText(record.substr(8))};
+  return {CommitId{Load<std::uint64_t>(record.data())}, ReadDefinitionText(record.substr(8))};
 }
 
 void WriteSetChange(Batch& batch, std::u16string_view setspec) {
   std::string value;
   Append(value, Raw(batch.id()));
-  AppendText(value, setspec);
+  AppendDefinitionText(value, setspec);
   PutChecked(batch, Tree::kMeta, SetChangeKey(setspec), value);
 }
 
 bool SetChangedSince(View const& view, std::u16string_view prefix, CommitId since) {
   bool changed = false;
-  ForEachWithPrefix(view, Tree::kMeta, SetChangePrefix(prefix),
+  ForEachWithPrefix(view, Tree::kMeta, SetPrefix(format::kSetChangeLetter, prefix),
                     [&](std::string_view, std::string_view value) {
                       SetChange const change = ParseSetChange(value);
                       changed = change.commit > since && change.setspec.starts_with(prefix);
@@ -436,7 +445,7 @@ LayoutCount ParseCount(std::string_view record) {
   LayoutCount count;
   count.objects = Load<std::uint64_t>(record.data());
   count.has_setspec = record[8] != 0;
-  if (count.has_setspec) count.setspec = ReadText(record.substr(9));
+  if (count.has_setspec) count.setspec = ReadDefinitionText(record.substr(9));
   return count;
 }
 
@@ -450,7 +459,7 @@ void WriteCount(Batch& batch, LayoutNumber number, LayoutCount const& count) {
   std::string value;
   Append(value, count.objects);
   value.push_back(count.has_setspec ? 1 : 0);
-  if (count.has_setspec) AppendText(value, count.setspec);
+  if (count.has_setspec) AppendDefinitionText(value, count.setspec);
   PutChecked(batch, Tree::kMeta, KeyOf(format::kCountLetter, Raw(number)), value);
 }
 

@@ -31,6 +31,18 @@ struct DefinitionRecord {
   std::string value;
 };
 
+// ---- the format and its parts -------------------------------------------------------------------
+
+// Moves the file to that version of the format, unless it has it or a later one.
+void RequireFormat(Batch& batch, std::uint32_t version);
+
+// Texts in records: a byte that says whether it is wide, then its packed bytes to the end.
+void AppendDefinitionText(std::string& record, std::u16string_view text);
+// Throws when the bytes are no text.
+std::u16string ReadDefinitionText(std::string_view record);
+// The key of a set's record: the letter, the set specifier as far as a key takes it, its hash.
+std::string SetKey(char letter, std::u16string_view setspec);
+
 // ---- layouts -----------------------------------------------------------------------------------
 
 std::string LayoutKey(LayoutNumber number);

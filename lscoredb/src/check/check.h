@@ -83,6 +83,7 @@ class CheckedDefinitions {
   void CheckOne(std::string_view key, std::string_view record);
   void CheckLayoutToken(std::string_view key, std::string_view record);
   void CheckIndexName(std::string_view key, bool by_token);
+  void CheckClosedSet(std::string_view key, std::string_view record);
   void CheckSetChange(std::string_view key, std::string_view record);
   void CheckCountOf(std::string_view key, std::string_view record);
   void CheckRelease(std::string_view key);

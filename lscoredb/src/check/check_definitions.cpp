@@ -1,6 +1,7 @@
 #include "bytes.h"
 #include "check.h"
 #include "checksummed_record.h"
+#include "closed_sets.h"
 #include "format.h"
 
 namespace lscore {
@@ -54,6 +55,11 @@ Finding OfLayout(LayoutNumber number) {
   return {LSCOREDB_FINDING_LAYOUT, {}, {}, number, LSCOREDB_NO_COLUMN};
 }
 Finding OfIndex(IndexId id) { return {LSCOREDB_FINDING_INDEX, {}, id, {}, LSCOREDB_NO_COLUMN}; }
+
+// Records whose key holds a set specifier have no size of their own.
+bool IsOfSet(Letter letter) {
+  return letter == format::kSetChangeLetter || letter == format::kClosedSetLetter;
+}
 
 bool IsKeptInMeta(Letter letter) {
   return letter == format::kCountLetter || letter == format::kSetChangeLetter;
@@ -109,8 +115,7 @@ void CheckedDefinitions::TellBroken(std::string_view key, char const* what) {
 void CheckedDefinitions::LoadOne(std::string_view key, std::string_view record) {
   Letter const letter = key[0];
   std::size_t const size = KeySize(letter);
-  bool const of_set = letter == format::kSetChangeLetter;
-  if (size != key.size() && !of_set) Throw(LSCOREDB_DAMAGED);
+  if (size != key.size() && !IsOfSet(letter)) Throw(LSCOREDB_DAMAGED);
   if (letter == format::kLayoutLetter) {
     LayoutNumber const number = LayoutAtEnd(key);
     layouts_[number] = ParseLayout(number, record);
@@ -118,8 +123,10 @@ void CheckedDefinitions::LoadOne(std::string_view key, std::string_view record) 
     LoadIndex(IndexAtEnd(key), record);
   } else if (letter == format::kCountLetter) {
     ParseCount(record);
-  } else if (of_set) {
+  } else if (letter == format::kSetChangeLetter) {
     ParseSetChange(record);
+  } else if (letter == format::kClosedSetLetter) {
+    ParseClosedSet(record);
   }
 }
 
@@ -162,6 +169,8 @@ void CheckedDefinitions::CheckOne(std::string_view key, std::string_view record)
       return CheckIndexName(key, key[0] == format::kIndexTokenLetter);
     case format::kSetChangeLetter:
       return CheckSetChange(key, record);
+    case format::kClosedSetLetter:
+      return CheckClosedSet(key, record);
     case format::kCountLetter:
       return CheckCountOf(key, record);
     case format::kReleaseLetter:
@@ -202,6 +211,15 @@ void CheckedDefinitions::CheckSetChange(std::string_view key, std::string_view r
   SetChange const change = ParseSetChange(record);
   if (SetChangeKey(change.setspec) != key) {
     sink_.Tell(About(key), "The last change of a set is noted under another one.");
+  }
+}
+
+void CheckedDefinitions::CheckClosedSet(std::string_view key, std::string_view record) {
+  if (ClosedSetKey(ParseClosedSet(record)) != key) {
+    sink_.Tell(About(key), "A closed set is noted under another one.");
+  }
+  if (LastClosing(snapshot_) == CommitId{0}) {
+    sink_.Tell(About(key), "A set is closed, and nothing says that any is.");
   }
 }
 

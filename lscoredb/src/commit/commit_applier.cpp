@@ -58,6 +58,7 @@ void CommitApplier::Validate(bool nothing_between) {
   }
   ValidateLayouts();
   ValidateIndexes();
+  if (!nothing_between) ValidateSets();
   late_ = IndexVersion(batch_) != request_.index_version;
   if (late_) DeriveLateEntries();
   for (auto const& entries : request_.changes.indexes()) {
@@ -106,6 +107,31 @@ void CommitApplier::ValidateIndexes() const {
   }
   for (auto const& index : request_.changes.created_indexes()) {
     if (SetChangedSince(batch_, index->setspec, request_.snapshot.id())) Throw(LSCOREDB_CONFLICT);
+  }
+}
+
+// Whether the row is in another set than in the snapshot, with that set in `text_`.
+bool CommitApplier::EntersSet(PendingRow const& row) {
+  if (row.deleted || !row.setspec.present) return false;
+  std::u16string before;
+  if (!row.inserted()) {
+    Cell const own = OriginalOf(row).Setspec();
+    if (own.present) Unpack(own.text(), before);
+  }
+  Unpack(row.setspec.text(), text_);
+  return before != text_;
+}
+
+// What was closed in the snapshot was refused by the write.
+void CommitApplier::ValidateSets() {
+  CommitId const since = request_.snapshot.id();
+  for (auto const& [setspec, unchanged] : request_.changes.closed_sets()) {
+    if (unchanged && SetChangedSince(batch_, setspec, since)) Throw(LSCOREDB_CONFLICT);
+  }
+  if (LastClosing(batch_) <= since) return;
+  KnownOpenSet known;
+  for (PendingRow const* const row : rows_) {
+    if (EntersSet(*row) && known.IsClosed(batch_, text_)) Throw(LSCOREDB_SET_CLOSED);
   }
 }
 
@@ -171,6 +197,7 @@ void CommitApplier::Apply() {
   }
   for (auto const& [id, entries] : late_entries_) ApplyEntries(*entries);
   ApplyLayouts();
+  ApplyClosings();
   ApplyIndexes();
   ApplyCounts();
   ApplySetChanges();
@@ -240,6 +267,10 @@ void CommitApplier::ApplyLayouts() {
   for (LayoutNumber const number : request_.changes.released_layouts()) {
     WriteRelease(batch_, number);
   }
+}
+
+void CommitApplier::ApplyClosings() {
+  for (auto const& closed : request_.changes.closed_sets()) WriteClosedSet(batch_, closed.first);
 }
 
 void CommitApplier::ApplyIndexes() {

@@ -12,6 +12,7 @@
 #include <string>
 
 #include "chosen_ids.h"
+#include "closed_sets.h"
 #include "group_commit.h"
 #include "shared_row_cache.h"
 
@@ -59,6 +60,8 @@ class CommitApplier {
   void ValidateRequired(ObjectId id);
   void ValidateLayouts() const;
   void ValidateIndexes() const;
+  void ValidateSets();
+  bool EntersSet(PendingRow const& row);
   // Entries for indexes that were created after the snapshot was taken.
   void DeriveLateEntries();
   void DeriveLateEntries(PendingRow const& row);
@@ -73,6 +76,7 @@ class CommitApplier {
   void DeleteParts(ObjectId id);
   void ApplyEntries(PendingIndex const& entries);
   void ApplyLayouts();
+  void ApplyClosings();
   void ApplyIndexes();
   void CountChange(PendingRow const& row);
   void NoteSet(Cell const& setspec);

@@ -44,9 +44,12 @@
 //   'S' hash of set specifier (8), index id (8) -> nothing: the indexes over a set specifier
 //   'R' layout number (2)                 -> nothing: a layout that may be taken away once no
 //                                            object and no other layout needs it
+//   'Z' set specifier cut at kSetPrefix, its hash (8) -> the whole set specifier: a set that takes
+//                                            no more objects
 //
 // "meta": "format" -> kMagic, version (4), without checksum; "next-id" -> first id not reserved yet
-//   (8); "indexes" -> commit (8) that last created or dropped an index; "states-before" -> what the
+//   (8); "indexes" -> commit (8) that last created or dropped an index; "closings" -> commit
+//   (8) that last closed a set; "states-before" -> what the
 //   store's own count of commits falls short of ours (8), in a packed copy; absent: nothing. And
 //   what most commits change, so that they touch few pages for it: a letter and
 //   'F' first id (8)                      -> the end (8) of a range of ids below "next-id" that
@@ -70,7 +73,8 @@ inline constexpr std::string_view kMagic = "lscoredb";
 // first thing that needs it, so that older kernels read what they can.
 inline constexpr std::uint32_t kFirstVersion = 1;
 inline constexpr std::uint32_t kWideIndexVersion = 2;  // indexes of more than kSortMaskBits columns
-inline constexpr std::uint32_t kNewestVersion = kWideIndexVersion;
+inline constexpr std::uint32_t kClosedSetVersion = 3;  // sets that take no more objects
+inline constexpr std::uint32_t kNewestVersion = kClosedSetVersion;
 
 // The value of the format record.
 inline std::string FormatRecord(std::uint32_t version) {
@@ -84,6 +88,7 @@ inline constexpr std::size_t kSortMaskBits = 16;
 inline constexpr std::string_view kFormatKey = "format";
 inline constexpr std::string_view kNextIdKey = "next-id";
 inline constexpr std::string_view kIndexesKey = "indexes";
+inline constexpr std::string_view kClosingsKey = "closings";
 inline constexpr std::string_view kStatesBeforeKey = "states-before";
 
 inline constexpr std::uint16_t kHasSetspec = 1;
@@ -108,6 +113,7 @@ inline constexpr std::size_t kSetPrefix = 400;
 inline constexpr char kLayoutLetter = 'L';
 inline constexpr char kLayoutTokenLetter = 'T';
 inline constexpr char kReleaseLetter = 'R';
+inline constexpr char kClosedSetLetter = 'Z';
 inline constexpr char kIndexLetter = 'I';
 inline constexpr char kIndexTokenLetter = 'J';
 inline constexpr char kIndexSetLetter = 'S';

@@ -41,6 +41,7 @@ void Transaction::End() noexcept {
   assembled_ids_.clear();
   scopes_.clear();
   catalogue_.reset();
+  known_open_.Forget();
   savepoints_.clear();
   database_->ids().Forget(chosen_);
   chosen_.clear();

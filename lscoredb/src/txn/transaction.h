@@ -14,6 +14,7 @@
 #include <string_view>
 #include <vector>
 
+#include "closed_sets.h"
 #include "database.h"
 #include "pending.h"
 #include "result_buffers.h"
@@ -111,6 +112,8 @@ class Transaction {
   std::vector<LayoutNumber> UsedLayouts();
   Status ReleaseLayout(LayoutNumber number);
   std::uint64_t CountObjects(LayoutNumber number);
+  // No more objects come into the set. `empty`: commit fails when one was changed in it since.
+  void CloseSet(std::u16string_view setspec, bool empty);
   IndexId CreateIndex(std::unique_ptr<IndexDefinition> index);
   Status DropIndex(IndexId id);
   IndexDefinition const* FindIndex(IndexId id);
@@ -223,6 +226,9 @@ class Transaction {
   void NoteExample(PendingRow const& row) {
     if (row.setspec.present) changes_.NoteExample(row);
   }
+  // Whether the set is closed to a row that is not in it.
+  bool IsClosedTo(RowRef const& row, std::u16string_view setspec);
+  Status RefuseClosedSet(RowRef const& row);
   Status PlaceUnder(PendingRow& row, Layout const& layout, Cell* cells);
   Cell NewCell(Column const& column, NewValue const& value);
   Cell* CellsUnder(PendingRow const& row, Layout const& to);
@@ -262,6 +268,7 @@ class Transaction {
   std::vector<ObjectId> assembled_ids_;
   std::vector<std::size_t> scopes_;  // how many images there were at the begin of each
   std::shared_ptr<IndexCatalogue> catalogue_;
+  KnownOpenSet known_open_;
   IdRange ids_;
   std::vector<ObjectId> chosen_;  // that the allocator was told of
   Scans scans_;

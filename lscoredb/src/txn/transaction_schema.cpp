@@ -75,6 +75,11 @@ std::uint64_t Transaction::CountObjects(LayoutNumber number) {
   return count;
 }
 
+void Transaction::CloseSet(std::u16string_view setspec, bool empty) {
+  if (changes_.IsClosed(setspec) || known_open_.IsClosed(*snapshot_, setspec)) return;
+  changes_.CloseSet(setspec, empty);
+}
+
 // ---- indexes -----------------------------------------------------------------------------------
 
 IndexDefinition const* Transaction::FindIndex(IndexId id) {

@@ -315,10 +315,25 @@ Status Transaction::PlaceUnder(PendingRow& row, Layout const& layout, Cell* cell
   return status;
 }
 
+bool Transaction::IsClosedTo(RowRef const& row, std::u16string_view setspec) {
+  if (!changes_.IsClosed(setspec) && !known_open_.IsClosed(*snapshot_, setspec)) return false;
+  Cell const own = row.Setspec();
+  if (!own.present) return true;
+  Unpack(own.text(), text_);
+  return text_ != setspec;
+}
+
+// An insert ends with the object's set: one that is refused leaves no object behind.
+Status Transaction::RefuseClosedSet(RowRef const& row) {
+  if (row.inserted() && !row.Setspec().present) Check(Delete(row.id));
+  return LSCOREDB_SET_CLOSED;
+}
+
 Status Transaction::WriteSetspec(ObjectId id, std::u16string_view setspec) {
   RowRef const* found = nullptr;
   Status const live = FindLive(id, &found);
   if (live != LORV_STATUS_OK) return live;
+  if (IsClosedTo(*found, setspec)) return RefuseClosedSet(*found);
   NewValue value;
   value.kind = NewValue::Kind::kText;
   value.text = setspec;

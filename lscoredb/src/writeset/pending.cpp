@@ -249,6 +249,11 @@ void PendingChanges::ReleaseLayout(LayoutNumber number) {
   released_.insert(number);
 }
 
+void PendingChanges::CloseSet(std::u16string_view setspec, bool unchanged) {
+  if (undo_.recording()) undo_.Record(undo::SetClosed{std::u16string(setspec)});
+  closed_.emplace(setspec, unchanged);
+}
+
 void PendingChanges::Require(ObjectId id) {
   if (required_.Find(Raw(id)) != nullptr) return;
   if (undo_.recording()) undo_.Record(undo::ObjectRequired{id});
@@ -320,7 +325,8 @@ bool PendingChanges::IsDropped(IndexId id) const {
 }
 
 bool PendingChanges::empty() const {
-  bool changed = !layouts_.empty() || !released_.empty() || !created_.empty() || !dropped_.empty();
+  bool changed = !layouts_.empty() || !released_.empty() || !closed_.empty() || !created_.empty() ||
+                 !dropped_.empty();
   ForEachRow([&](PendingRow const& row) { changed = changed || row.changed; });
   return !changed;
 }
@@ -384,6 +390,11 @@ ObjectId PendingChanges::TakeBack(undo::LayoutReleased const& released) {
   return kNoObject;
 }
 
+ObjectId PendingChanges::TakeBack(undo::SetClosed const& closed) {
+  closed_.erase(closed.setspec);
+  return kNoObject;
+}
+
 ObjectId PendingChanges::TakeBack(undo::IndexAdded const& added) {
   for (; indexes_.size() > added.indexes; indexes_.pop_back()) {
     std::uint64_t const id = Raw(indexes_.back()->index().id);
@@ -422,6 +433,7 @@ void PendingChanges::Clear() {
   rows_.Clear();
   layouts_.clear();
   released_.clear();
+  closed_.clear();
   created_.clear();
   created_and_dropped_.clear();
   dropped_.clear();

@@ -7,8 +7,11 @@
 // may also lie in the snapshot that the transaction reads. Other threads read it only while the
 // transaction waits in commit.
 
+#include <functional>
+#include <map>
 #include <memory>
 #include <set>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -168,6 +171,12 @@ class PendingChanges {
   void AddLayout(std::unique_ptr<Layout const> layout);
   std::set<LayoutNumber> const& released_layouts() const { return released_; }
   void ReleaseLayout(LayoutNumber number);
+  // Sets that the transaction closes, and whether no object may have been changed in them since the
+  // snapshot.
+  using ClosedSets = std::map<std::u16string, bool, std::less<>>;
+  ClosedSets const& closed_sets() const { return closed_; }
+  void CloseSet(std::u16string_view setspec, bool unchanged);
+  bool IsClosed(std::u16string_view setspec) const { return closed_.contains(setspec); }
   std::vector<std::unique_ptr<IndexDefinition const>> const& created_indexes() const {
     return created_;
   }
@@ -224,6 +233,7 @@ class PendingChanges {
   ObjectId TakeBack(undo::EntryErased& erased);
   ObjectId TakeBack(undo::LayoutAdded const& added);
   ObjectId TakeBack(undo::LayoutReleased const& released);
+  ObjectId TakeBack(undo::SetClosed const& closed);
   ObjectId TakeBack(undo::IndexAdded const& added);
   ObjectId TakeBack(undo::IndexDropped const& dropped);
   ObjectId TakeBack(undo::ObjectRequired const& required);
@@ -238,6 +248,7 @@ class PendingChanges {
   std::vector<std::unique_ptr<PendingIndex>> forgotten_;  // iterators may still stand in them
   std::vector<std::unique_ptr<Layout const>> layouts_;
   std::set<LayoutNumber> released_;
+  ClosedSets closed_;
   std::vector<std::unique_ptr<IndexDefinition const>> created_;
   std::vector<std::unique_ptr<IndexDefinition const>> created_and_dropped_;
   std::vector<IndexDefinition const*> dropped_;

@@ -9,6 +9,7 @@
 // time.
 
 #include <cstddef>
+#include <string>
 #include <utility>
 #include <variant>
 #include <vector>
@@ -60,6 +61,9 @@ struct LayoutAdded {
 struct LayoutReleased {
   LayoutNumber number{};
 };
+struct SetClosed {
+  std::u16string setspec;
+};
 struct IndexAdded {
   std::size_t indexes = 0;
   std::size_t created = 0;
@@ -74,8 +78,8 @@ struct ObjectRequired {
 };
 
 using Step = std::variant<RowAdded, CellChanged, RowChanged, ExampleNoted, EntryAdded, EntryChanged,
-                          EntryErased, LayoutAdded, LayoutReleased, IndexAdded, IndexDropped,
-                          ObjectRequired>;
+                          EntryErased, LayoutAdded, LayoutReleased, SetClosed, IndexAdded,
+                          IndexDropped, ObjectRequired>;
 
 }  // namespace undo
 
