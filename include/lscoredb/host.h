@@ -153,6 +153,12 @@ LSCOREDB_API uint32_t lscoredb_context_close(uint64_t context);
  * twice in a process. */
 LSCOREDB_API uint32_t lscoredb_database_number(uint64_t context, uint64_t* out);
 
+/* The identity of the database that a context belongs to, by which it is known again: a random
+ * number below 2^53. It comes with the first commit, of a new database or of one that an earlier
+ * version wrote, and never changes; 0 until then. A copy of a database, by lscoredb_copy or of its
+ * files, has the same one. Needs no transaction. LSCOREDB_TOO_MANY_READERS. */
+LSCOREDB_API uint32_t lscoredb_identity(uint64_t context, uint64_t* out);
+
 /* Is given a value that was attached, once, when its owner ends. No context of the database is open
  * any more, or the context is closed already. */
 typedef void (*lscoredb_release_callback)(void* value);

@@ -71,6 +71,7 @@ static void take_back(uint64_t context, uint16_t layout, uint64_t row) {
 static void use(uint64_t context) {
   uint16_t layout = 0;
   uint64_t index = 0;
+  uint64_t identity = 0;
   EXPECT_OK(lscoredb_begin(context, LSCOREDB_READ_WRITE));
   EXPECT_OK(lorvi_context_create_layout(context, 50, 0, COLUMNS, 0, &layout));
   EXPECT_OK(lorvi_context_create_index(context, 60, u"set/", INDEXED, 0, 0, &index));
@@ -82,6 +83,8 @@ static void use(uint64_t context) {
   EXPECT_OK(lscoredb_begin(context, LSCOREDB_READ_ONLY_TRANSACTION));
   walk(context, index, minus, five);
   EXPECT_OK(lscoredb_rollback(context));
+  EXPECT_OK(lscoredb_identity(context, &identity));
+  EXPECT(identity != 0);
 }
 
 static void records_have_the_given_shape(void) {

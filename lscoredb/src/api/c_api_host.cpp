@@ -118,6 +118,14 @@ uint32_t lscoredb_database_number(uint64_t context, uint64_t* out) {
   });
 }
 
+uint32_t lscoredb_identity(uint64_t context, uint64_t* out) {
+  return WithContext(context, [&](Context& found) -> Status {
+    if (out == nullptr) return LSCOREDB_NULL_ARGUMENT;
+    *out = found.database().identity().Get();
+    return LORV_STATUS_OK;
+  });
+}
+
 uint32_t lscoredb_attach(uint64_t context, void const* key, void* value,
                          lscoredb_release_callback release, void** out) {
   return WithContext(context, [&](Context& found) {

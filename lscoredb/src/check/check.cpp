@@ -1,6 +1,7 @@
 #include "check.h"
 
 #include "bytes.h"
+#include "identity.h"
 #include "keys.h"
 
 namespace lscore {
@@ -23,6 +24,17 @@ std::string RangeText(StoreFault const& fault) {
   if (low != 0) text += " from " + std::to_string(low) + " on";
   if (high != 0) text += (of_index || low == high ? " up to " : " below ") + std::to_string(high);
   return text + " cannot be read: ";
+}
+
+void CheckIdentity(View const& view, FindingSink& sink) {
+  Status const status = Guarded([&] {
+    ReadIdentity(view);
+    return LORV_STATUS_OK;
+  });
+  if (status == LORV_STATUS_OK) return;
+  Finding finding;
+  finding.kind = LSCOREDB_FINDING_DEFINITION;
+  sink.Tell(finding, "The identity of the database cannot be used.");
 }
 
 }  // namespace
@@ -63,6 +75,7 @@ void CheckStoreState(Store& store, std::uint32_t flags, FindingSink& sink) {
   std::unique_ptr<Snapshot> const snapshot =
       store.BeginVerified([&](StoreFault const& fault) { TellFault(sink, fault); });
   if (sink.any() || (flags & LSCOREDB_CHECK_PAGES_ONLY) != 0) return;
+  CheckIdentity(*snapshot, sink);
   CheckedDefinitions definitions(*snapshot, sink);
   definitions.Load();
   definitions.CheckRecords();

@@ -70,6 +70,7 @@ void GroupCommit::TryAll(Tickets tickets) {
     anything = true;
   }
   if (!anything) return;
+  identity_.Assure(*batch);
   IdRange const block = ids_.TopUp(*batch);
   kept.TakeOut(batch->id());
   batch->Commit();

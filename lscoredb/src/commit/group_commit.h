@@ -11,6 +11,7 @@
 #include "allocators.h"
 #include "commit_queue.h"
 #include "definitions.h"
+#include "identity.h"
 #include "pending.h"
 #include "shared_row_cache.h"
 #include "status.h"
@@ -31,8 +32,8 @@ struct CommitRequest : CommitTicket {
 
 class GroupCommit {
  public:
-  GroupCommit(Store& store, IdAllocator& ids, SharedRowCache& rows)
-      : store_(store), ids_(ids), rows_(rows) {}
+  GroupCommit(Store& store, IdAllocator& ids, DatabaseIdentity& identity, SharedRowCache& rows)
+      : store_(store), ids_(ids), identity_(identity), rows_(rows) {}
 
   // Commits or fails; either way nothing of the request is used afterwards.
   Status Run(CommitRequest& request);
@@ -48,6 +49,7 @@ class GroupCommit {
 
   Store& store_;
   IdAllocator& ids_;
+  DatabaseIdentity& identity_;
   SharedRowCache& rows_;
   CommitQueue queue_;
 };

@@ -13,6 +13,7 @@
 #include "attachments.h"
 #include "definitions.h"
 #include "group_commit.h"
+#include "identity.h"
 #include "layout_numbers.h"
 #include "shared_row_cache.h"
 #include "store.h"
@@ -30,7 +31,8 @@ class Database {
         layout_numbers_(std::move(layout_numbers)),
         rows_(store_->foreign_commits(), row_memory),
         ids_(*store_),
-        commits_(*store_, ids_, rows_) {
+        identity_(*store_),
+        commits_(*store_, ids_, identity_, rows_) {
     store_->foreign_commits().SetListener(
         [this](std::vector<ObjectId> const& changed, CommitId state) {
           for (ObjectId const id : changed) rows_.TakeOut(id, state);
@@ -42,6 +44,7 @@ class Database {
   LayoutCache& layouts() { return layouts_; }
   IndexCatalogues& catalogues() { return catalogues_; }
   IdAllocator& ids() { return ids_; }
+  DatabaseIdentity& identity() { return identity_; }
   LayoutNumbers& layout_numbers() { return *layout_numbers_; }
   // Never given to another database of the process, nor to this one when it is opened again.
   std::uint64_t number() const { return number_; }
@@ -59,6 +62,7 @@ class Database {
   LayoutCache layouts_;
   IndexCatalogues catalogues_;
   IdAllocator ids_;
+  DatabaseIdentity identity_;
   GroupCommit commits_;
   std::unique_ptr<Attachments> attachments_ = std::make_unique<Attachments>();
 };
