@@ -67,7 +67,6 @@ class Loader {
     auto const database = Database::Create(directory);
     Context const context(database);
     Transaction transaction(context);
-    AssureDatabaseIdentity(transaction);
     ApplyPlan(transaction, CompareSchemas(ReadSchema(transaction, false), schema_));
     WriteObjects(transaction);
     transaction.Commit();

@@ -13,6 +13,7 @@ class Comparison {
   Comparison(SchemaDoc const& from, SchemaDoc const& to) : from_(from), to_(to), kept_(from, to) {}
 
   Plan Make() {
+    RefuseDoubts(kept_.doubts(), "");
     DropIndexes();
     DropColumns();
     DropTables();
@@ -88,6 +89,10 @@ class Comparison {
 };
 
 }  // namespace
+
+std::vector<Doubt> FindDoubts(SchemaDoc const& from, SchemaDoc const& to) {
+  return Matching(from, to).doubts();
+}
 
 Plan CompareSchemas(SchemaDoc const& from, SchemaDoc const& to) {
   return Comparison(from, to).Make();

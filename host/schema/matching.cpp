@@ -9,7 +9,7 @@ namespace sagleme {
 namespace {
 
 // Pairs entries of two lists: by identity first, then by "was" where no old entry has the new name
-// yet, then by name.
+// still, then by name.
 template <typename Doc>
 class Claims {
  public:
@@ -20,12 +20,12 @@ class Claims {
       Pass([this](Doc const& entry) { return ById(entry.id); });
     }
     Pass([this](Doc const& entry) {
-      return Named(entry.name) != nullptr ? nullptr : Named(entry.was);
+      return Unclaimed(Named(entry.name)) != nullptr ? nullptr : Named(entry.was);
     });
     Pass([this](Doc const& entry) { return Unclaimed(Named(entry.name)); });
   }
 
-  std::map<Doc const*, Doc const*> const& pairs() const { return pairs_; }  // after -> before
+  Pairs<Doc> const& pairs() const { return pairs_; }
 
  private:
   void Pass(std::function<Doc const*(Doc const&)> const& find) {
@@ -60,7 +60,7 @@ class Claims {
   std::vector<Doc> const& before_;
   std::vector<Doc> const& after_;
   std::string what_;
-  std::map<Doc const*, Doc const*> pairs_;
+  Pairs<Doc> pairs_;
   std::map<Doc const*, Doc const*> claimed_;  // before -> after
 };
 
@@ -68,18 +68,22 @@ class Claims {
 
 Matching::Matching(SchemaDoc const& from, SchemaDoc const& to)
     : from_(from), to_(to), identities_(to.database != 0 && to.database == from.database) {
-  ClaimTables();
+  Pairs<TableDoc> const tables = ClaimTables();
   DropUnlessBaseStays();
+  doubts_ = DoubtTables(from, to, tables, [this](TableDoc const& before, TableDoc const& after) {
+    return BaseStays(before, after);
+  });
   for (auto const& [name, after] : new_tables_) MatchColumns(*from_.Find(name), *after);
   MatchIndexes();
 }
 
-void Matching::ClaimTables() {
+Pairs<TableDoc> Matching::ClaimTables() {
   Claims<TableDoc> const claims(from_.tables, to_.tables, identities_, "table");
   for (auto const& [after, before] : claims.pairs()) {
     new_tables_[before->name] = after;
     old_tables_[after->name] = before;
   }
+  return claims.pairs();
 }
 
 bool Matching::BaseStays(TableDoc const& before, TableDoc const& after) const {
@@ -117,6 +121,11 @@ void Matching::MatchColumns(TableDoc const& before, TableDoc const& after) {
     new_columns_[old_column] = new_column;
     old_columns_[new_column] = old_column;
   }
+  auto const fits = [this](ColumnDoc const& old_column, ColumnDoc const& new_column) {
+    return ShapeStays(old_column, new_column);
+  };
+  auto const found = DoubtColumns(before, after, claims.pairs(), fits);
+  doubts_.insert(doubts_.end(), found.begin(), found.end());
 }
 
 // What a column of a table, inherited or not, will be called; empty when it goes.

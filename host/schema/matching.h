@@ -4,9 +4,11 @@
 // Which tables, columns and indexes of one schema are the same ones in another.
 
 #include <map>
-#include <sagleme/schema_document.hpp>
+#include <sagleme/schema_plan.hpp>
 #include <set>
 #include <string>
+
+#include "schema/doubts.h"
 
 namespace sagleme {
 
@@ -29,6 +31,8 @@ class Matching {
   ColumnDoc const* NewColumn(ColumnDoc const& column) const { return Find(new_columns_, &column); }
   ColumnDoc const* OldColumn(ColumnDoc const& column) const { return Find(old_columns_, &column); }
   bool KeepsIndex(std::string const& index) const { return indexes_.contains(index); }
+  // What may be kept as well, and goes and comes as it is.
+  std::vector<Doubt> const& doubts() const { return doubts_; }
 
  private:
   template <typename Key, typename Value>
@@ -37,7 +41,7 @@ class Matching {
     return found == map.end() ? nullptr : found->second;
   }
 
-  void ClaimTables();
+  Pairs<TableDoc> ClaimTables();
   void DropUnlessBaseStays();
   bool BaseStays(TableDoc const& before, TableDoc const& after) const;
   void MatchColumns(TableDoc const& before, TableDoc const& after);
@@ -54,6 +58,7 @@ class Matching {
   std::map<ColumnDoc const*, ColumnDoc const*> new_columns_;
   std::map<ColumnDoc const*, ColumnDoc const*> old_columns_;
   std::set<std::string> indexes_;
+  std::vector<Doubt> doubts_;
 };
 
 }  // namespace sagleme

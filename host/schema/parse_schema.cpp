@@ -39,6 +39,15 @@ class Reader {
     if (text.find('\0') != std::string::npos) Refuse(fmt::format("has U+0000 in its \"{}\"", name));
     return text;
   }
+  // "was" is the former name, or null where there is none.
+  bool IsNull(char const* name) const { return json_.contains(name) && json_.at(name).is_null(); }
+  std::string FormerName() const {
+    if (IsNull("was")) return {};
+    if (json_.contains("was") && !json_.at("was").is_string()) {
+      Refuse("is wrong: \"was\" must be a string, or null for what is new");
+    }
+    return json_.contains("was") ? Required("was") : "";
+  }
   bool Flag(char const* name) const {
     if (!json_.contains(name)) return false;
     if (!json_.at(name).is_boolean())
@@ -79,11 +88,12 @@ ColumnDoc ParseColumn(Json const& json, std::string const& table) {
   Reader const named(json, fmt::format("column {} of table {}", name, table));
   named.AllowOnly({"name", "was", "id", "type", "target", "nullable"});
   ColumnDoc column{name,
-                   named.Text("was"),
+                   named.FormerName(),
                    named.Number("id"),
                    ParseType(named),
                    named.Flag("nullable"),
-                   named.Text("target")};
+                   named.Text("target"),
+                   named.IsNull("was")};
   if (MustBeNullable(column.type)) column.nullable = true;
   bool const reference = column.type == Type::kReference;
   if (reference == column.target.empty()) {
@@ -115,7 +125,8 @@ TableDoc ParseTable(Json const& json, std::string const& source) {
   std::string const name = reader.Required("name");
   Reader const named(json, fmt::format("{}: table {}", source, name));
   named.AllowOnly({"name", "was", "id", "base", "columns", "indexes"});
-  TableDoc table{name, named.Text("was"), named.Text("base"), named.Number("id"), {}, {}};
+  TableDoc table{name, named.FormerName(), named.Text("base"), named.Number("id"), {},
+                 {},   named.IsNull("was")};
   named.ForEach("columns",
                 [&](Json const& entry) { table.columns.push_back(ParseColumn(entry, name)); });
   named.ForEach("indexes",

@@ -1,10 +1,9 @@
-#include <random>
 #include <sagleme/schema_document.hpp>
 
 namespace sagleme {
 namespace {
 
-constexpr char16_t const* kIdentityName = u"SchemaDocumentIdentity";
+constexpr char16_t const* kFormerIdentityName = u"SchemaDocumentIdentity";
 
 ColumnDoc ToColumnDoc(Column const& column, bool identities) {
   ColumnDoc doc;
@@ -49,10 +48,6 @@ void AddSubtree(Transaction& transaction, Table const& table, SchemaDoc& schema)
   }
 }
 
-metalayer::Configuration IdentityRow() {
-  return metalayer::Configuration::ByConfigurationParameter(kIdentityName);
-}
-
 }  // namespace
 
 SchemaDoc ReadSchema(Transaction& transaction, bool identities) {
@@ -62,19 +57,14 @@ SchemaDoc ReadSchema(Transaction& transaction, bool identities) {
   return schema;
 }
 
+// Earlier versions kept one of their own in the catalogue, which documents may know.
 std::int64_t DatabaseIdentity(Transaction& transaction) {
-  return detail::Inside(transaction.context(), []() -> std::int64_t {
-    auto const row = IdentityRow();
-    return row.is_null() ? 0 : metalayer::GetLong(row, metalayer::Configuration::kValue);
-  });
-}
-
-void AssureDatabaseIdentity(Transaction& transaction) {
-  std::random_device device;
-  std::int64_t const number =
-      std::int64_t{device() & 0x1FFFFF} << 32 | device();  // exact in any JSON
-  detail::Inside(transaction.context(), [number] {
-    if (IdentityRow().is_null()) metalayer::Configuration::Insert(kIdentityName, number | 1);
+  return detail::Inside(transaction.context(), [&transaction]() -> std::int64_t {
+    auto const row = metalayer::Configuration::ByConfigurationParameter(kFormerIdentityName);
+    if (!row.is_null()) return metalayer::GetLong(row, metalayer::Configuration::kValue);
+    std::uint64_t identity = 0;
+    detail::CheckKernel(lscoredb_identity(transaction.context(), &identity));
+    return static_cast<std::int64_t>(identity);
   });
 }
 

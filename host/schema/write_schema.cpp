@@ -8,11 +8,16 @@ std::string Field(char const* name, std::string const& text) {
   return text.empty() ? "" : ", \"" + std::string(name) + "\": " + JsonString(text);
 }
 
+template <typename Doc>
+std::string FormerName(Doc const& entry) {
+  return entry.is_new ? ", \"was\": null" : Field("was", entry.was);
+}
+
 std::string Identity(std::uint64_t id) { return id == 0 ? "" : ", \"id\": " + std::to_string(id); }
 
 std::string ColumnJson(ColumnDoc const& column) {
   std::string json = "{\"name\": " + JsonString(column.name) + Identity(column.id);
-  json += Field("was", column.was);
+  json += FormerName(column);
   json += Field("type", std::string(TypeName(column.type)));
   json += Field("target", column.target);
   // The types that always take null need no word about it.
@@ -45,7 +50,7 @@ std::string List(char const* name, std::vector<T> const& entries, ToJson&& to_js
 
 std::string TableJson(TableDoc const& table) {
   std::string json = "{\"name\": " + JsonString(table.name) + Identity(table.id);
-  json += Field("was", table.was) + Field("base", table.base);
+  json += FormerName(table) + Field("base", table.base);
   json += List("columns", table.columns, ColumnJson);
   json += List("indexes", table.indexes, IndexJson);
   return json + "}";

@@ -7,7 +7,7 @@
 // Tables come after their bases, siblings by name. A table has the columns that it declares itself,
 // in order, and its indexes by name. Identities ("id", and "database" for whose they are) are
 // optional: with them a renamed table or column is recognised, without them only "was" tells of a
-// rename.
+// rename. docs/schema.md describes the document.
 //
 // Names are UTF-8. Values own what they hold; any thread may use its own.
 
@@ -27,7 +27,8 @@ struct ColumnDoc {
   std::uint64_t id = 0;
   Type type = Type::kString;
   bool nullable = true;
-  std::string target;  // the table that a reference points at
+  std::string target;   // the table that a reference points at
+  bool is_new = false;  // it is no rename, whatever it looks like: "was" is null
 
   // Whether values of one can stay in the other.
   bool SameShape(ColumnDoc const& other) const {
@@ -55,6 +56,7 @@ struct SAGLEME_HOST_API TableDoc {
   std::uint64_t id = 0;
   std::vector<ColumnDoc> columns;
   std::vector<IndexDoc> indexes;
+  bool is_new = false;  // as above
 
   // Null when there is none. Declared columns only.
   ColumnDoc const* FindColumn(std::string const& column) const;
@@ -69,7 +71,8 @@ struct SAGLEME_HOST_API SchemaDoc {
   TableDoc const* Find(std::string const& table) const;
 };
 
-// The schema of a database; identities only on request, and only where the database has one itself.
+// The schema of a database; identities only on request, and only where the database has one itself,
+// which one of an earlier version lacks until something is committed to it.
 SAGLEME_HOST_API SchemaDoc ReadSchema(Transaction& transaction, bool identities);
 
 SAGLEME_HOST_API std::string SchemaJson(SchemaDoc const& schema);
@@ -91,10 +94,9 @@ SAGLEME_HOST_API void ValidateSchema(SchemaDoc const& schema, std::string const&
 // A part together with what the database has outside of it; a whole is left alone.
 SAGLEME_HOST_API SchemaDoc CompletedSchema(SchemaDoc const& wanted, SchemaDoc const& present);
 
-// The number by which the documents of a database recognise it; 0 for none.
+// The number by which the documents of a database recognise it; 0 for none yet. Copies of a
+// database share it; see lscoredb_identity.
 SAGLEME_HOST_API std::int64_t DatabaseIdentity(Transaction& transaction);
-// Gives it one when it has none.
-SAGLEME_HOST_API void AssureDatabaseIdentity(Transaction& transaction);
 
 }  // namespace sagleme
 

@@ -6,8 +6,8 @@
 //   sagleme::SchemaDoc const wanted = sagleme::ParseSchema(text, "shop.json");
 //   sagleme::ValidateSchema(wanted, "shop.json");
 //   sagleme::Transaction transaction(context);
-//   sagleme::Plan const plan =
-//       sagleme::CompareSchemas(sagleme::ReadSchema(transaction, true), wanted);
+//   sagleme::SchemaDoc const present = sagleme::ReadSchema(transaction, true);
+//   sagleme::Plan const plan = sagleme::CompareSchemas(present, wanted);
 //   for (sagleme::Change const& change : plan) {
 //     if (sagleme::LabelOf(change) == sagleme::Label::kDestructive) return AskFirst(plan);
 //   }
@@ -76,10 +76,28 @@ SAGLEME_HOST_API std::string_view LabelName(Label label);
 // One sentence.
 SAGLEME_HOST_API std::string DescribeChange(Change const& change);
 
+// A table or column that is gone, and one that has come in its place and may be the same by a new
+// name, or not: nothing in the document says which, and one of the two readings loses values.
+struct Doubt {
+  std::string table;  // of columns, by its new name; empty: tables themselves
+  std::string gone;
+  std::string come;
+};
+enum class Reading { kRenamed, kNew };
+
+// What is to be settled before two schemas can be compared; empty: nothing. Settled tables may
+// raise doubts about their columns, so ask again until none is left.
+SAGLEME_HOST_API std::vector<Doubt> FindDoubts(SchemaDoc const& from, SchemaDoc const& to);
+// Writes the reading into the document. REQUIRES: the doubt was found in it.
+SAGLEME_HOST_API void Settle(SchemaDoc& to, Doubt const& doubt, Reading reading);
+// Failure of kRefused that tells both readings, and how a document says which, unless there is no
+// doubt. `source` names the document and may be empty.
+SAGLEME_HOST_API void RefuseDoubts(std::vector<Doubt> const& doubts, std::string const& source);
+
 // What leads from `from`, the schema of a database with identities, to `to`. Tables and columns are
 // recognised by their identity, when `to` was written from the same database, by "was", or by their
-// name; never by likeness. The order of columns does not matter. Failure of kBadInput when two
-// entries of `to` claim the same table or column.
+// name; never by likeness, which is refused as RefuseDoubts does. The order of columns does not
+// matter. Failure of kBadInput when two entries of `to` claim the same table or column.
 SAGLEME_HOST_API Plan CompareSchemas(SchemaDoc const& from, SchemaDoc const& to);
 
 // Makes the changes. Error when one is refused; the transaction is then to be rolled back.

@@ -1,4 +1,6 @@
+#include <array>
 #include <nlohmann/json.hpp>
+#include <sagleme/host.hpp>
 
 #include "run_tool.h"
 
@@ -21,6 +23,11 @@ class SchemaTest : public ToolTest {
   }
   std::string ApplyDocument(Json const& document, int status = 0) {
     return Plan(document, status, {"--allow-destructive"});
+  }
+  // The library's schema with another entry in the place of the column Isbn.
+  static std::string Renamed(std::string const& entry) {
+    std::string schema = kLibrary;
+    return schema.replace(schema.find("\"name\": \"Isbn\""), 14, entry);
   }
   static Json& Table(Json& document, std::string const& name) {
     for (Json& table : document["tables"]) {
@@ -77,14 +84,125 @@ TEST_F(SchemaTest, Apply_RenamesByWas_AndOnlyOnce) {
   EXPECT_EQ("nothing to do\n", On("apply", {file}).out);
 }
 
-TEST_F(SchemaTest, Apply_ANewNameWithoutAWord_IsNoRename) {
-  std::string schema = kLibrary;
-  schema.replace(schema.find("\"Isbn\""), 6, "\"Number\"");
-  std::string const plan = On("apply", {Write("new.json", schema), "--plan"}, 5).out;
+TEST_F(SchemaTest, Apply_WasNull_IsNoRename) {
+  std::string const file = Write("new.json", Renamed("\"name\": \"Number\", \"was\": null"));
   EXPECT_EQ(
       "destructive  drop column Isbn of App.Book with its values\n"
       "background   add Number to App.Book\n",
-      plan);
+      On("apply", {file, "--plan"}, 5).out);
+  On("apply", {file}, 4);
+  On("apply", {file, "--allow-destructive"});
+  EXPECT_EQ("nothing to do\n", On("apply", {file}).out);
+}
+
+TEST_F(SchemaTest, Apply_ANewNameWithoutAWord_IsRefusedWithBothReadings) {
+  std::string const before = On("schema").out;
+  std::string const file = Write("new.json", Renamed("\"name\": \"Number\""));
+  for (Arguments const& rest :
+       {Arguments{}, Arguments{"--plan"}, Arguments{"--allow-destructive"}}) {
+    Arguments arguments{file};
+    arguments.insert(arguments.end(), rest.begin(), rest.end());
+    Result const refused = On("apply", arguments, 4);
+    EXPECT_EQ("", refused.out);
+    EXPECT_EQ("sagleme: " + file +
+                  ": column Isbn of App.Book is gone and column Number has come in its place; it "
+                  "may be Isbn by a new name, or another column\n"
+                  "  If it was renamed, write \"was\": \"Isbn\" in the entry of Number; if it is "
+                  "new, \"was\": null.\n",
+              refused.err);
+  }
+  EXPECT_EQ(before, On("schema").out);
+}
+
+TEST_F(SchemaTest, Apply_ANewNameOnATerminal_IsAskedAbout) {
+  std::string const file = Write("new.json", Renamed("\"name\": \"Number\""));
+  auto const answer = [&](std::string const& typed, Arguments rest = {}) {
+    rest.insert(rest.begin(), {"apply", database(), file});
+    return RunOnTerminal(rest, typed);
+  };
+  Result const stopped = answer("\n");
+  EXPECT_EQ(4, stopped.status);
+  EXPECT_NE(std::string::npos, stopped.out.find("Type r if Number is its new name")) << stopped.out;
+  EXPECT_NE(std::string::npos, stopped.out.find("\"was\": null")) << stopped.out;
+  EXPECT_EQ(4, answer("n\n").status) << "values would be lost";
+  Result const renamed = answer("what\nr\n");
+  EXPECT_EQ(0, renamed.status) << renamed.out;
+  EXPECT_NE(std::string::npos, renamed.out.find("rename column Isbn of App.Book to Number"));
+  EXPECT_EQ(2, Json::parse(On("scan", {"Book", "--format", "json"}).out)[1]["Number"]);
+  EXPECT_EQ("nothing to do\n", On("apply", {file}).out);
+}
+
+TEST_F(SchemaTest, Apply_AnAnswerThatLosesValues_IsTakenWithTheFlag) {
+  std::string const file = Write("new.json", Renamed("\"name\": \"Number\""));
+  Result const dropped = RunOnTerminal({"apply", database(), file, "--allow-destructive"}, "n\n");
+  EXPECT_EQ(0, dropped.status) << dropped.out;
+  EXPECT_EQ(0, Json::parse(On("scan", {"Book", "--format", "json"}).out)[1]["Number"]);
+}
+
+TEST_F(SchemaTest, Apply_AColumnInAnotherPlaceOrOfAnotherType_IsNoRename) {
+  Json document = Json::parse(On("schema", {"--portable"}).out);
+  Json& columns = Table(document, "App.Book")["columns"];
+  columns.erase(0);
+  columns.push_back({{"name", "Number"}, {"type", "ulong"}});
+  EXPECT_EQ(
+      "destructive  drop column Isbn of App.Book with its values\n"
+      "background   add Number to App.Book\n",
+      Plan(document, 5));
+  columns.erase(columns.size() - 1);
+  columns.insert(columns.begin(), Json{{"name", "Number"}, {"type", "long"}});
+  EXPECT_EQ(
+      "destructive  drop column Isbn of App.Book with its values\n"
+      "background   add Number to App.Book\n",
+      Plan(document, 5));
+}
+
+TEST_F(SchemaTest, Apply_ATableByANewNameWithoutAWord_IsRefusedUntilItIsSaid) {
+  Json document = Json::parse(On("schema", {"--portable"}).out);
+  Table(document, "App.Person")["name"] = "App.Human";
+  Table(document, "App.Item")["columns"][2]["target"] = "App.Human";
+  std::string const file = Write("table.json", document.dump());
+  Result const refused = On("apply", {file, "--allow-destructive"}, 4);
+  EXPECT_NE(std::string::npos,
+            refused.err.find("table App.Person is gone and table App.Human has come in its place; "
+                             "it may be App.Person by a new name, or another table"))
+      << refused.err;
+  Table(document, "App.Human")["was"] = "App.Person";
+  EXPECT_EQ("instant      rename table App.Person to App.Human\n", ApplyDocument(document));
+}
+
+// The ids of a document tell what stays; an entry without one may be what has gone.
+TEST_F(SchemaTest, Apply_AnEntryThatLostItsId_IsInDoubt) {
+  Json document = Document();
+  Table(document, "App.Book")["columns"][0] = {{"name", "Number"}, {"type", "ulong"}};
+  std::string const file = Write("noid.json", document.dump());
+  EXPECT_NE(std::string::npos, On("apply", {file}, 4).err.find("column Isbn of App.Book is gone"));
+}
+
+TEST_F(SchemaTest, Schema_OfADatabaseThatTheLibraryMade_HasIdentities) {
+  std::string const made = Path("made");
+  {
+    auto const database = sagleme::Database::Create(made);
+    sagleme::Context const context(database);
+    sagleme::Transaction transaction(context);
+    std::array const columns{sagleme::ColumnSpec{u"Code"}};
+    CreateTable(transaction, u"Thing", u"", columns);
+    transaction.Commit();
+  }
+  Json document = Json::parse(RunTool({"schema", made}).out);
+  EXPECT_TRUE(document["database"].is_number_unsigned());
+  document["tables"][0]["columns"][0]["name"] = "Number";
+  std::string const file = Write("made.json", document.dump());
+  EXPECT_EQ("instant      rename column Code of Thing to Number\n",
+            RunTool({"apply", made, file}).out);
+}
+
+TEST_F(SchemaTest, Identity_IsKeptByACopyAndNotByALoadedDump) {
+  std::string const own = Document()["database"].dump();
+  On("copy", {Path("copy")});
+  EXPECT_EQ(own, Json::parse(RunTool({"schema", Path("copy")}).out)["database"].dump());
+  Write("dump.jsonl", On("dump").out);
+  ASSERT_EQ(0, RunTool({"load", Path("loaded"), Path("dump.jsonl")}).status);
+  EXPECT_NE(own, Json::parse(RunTool({"schema", Path("loaded")}).out)["database"].dump());
 }
 
 TEST_F(SchemaTest, Apply_NamesThatChangePlaces_KeepTheirValues) {
@@ -152,6 +270,8 @@ TEST_F(SchemaTest, Apply_BadDocuments_AreUsageAndSayWhere) {
   EXPECT_NE(std::string::npos,
             refused("{\"schema\": 2}").find("not a schema document of version 1"));
   EXPECT_NE(std::string::npos, refused(tables("{}")).find("has no \"name\""));
+  EXPECT_NE(std::string::npos, refused(tables(R"({"name": "A", "was": 1})"))
+                                   .find("\"was\" must be a string, or null for what is new"));
   EXPECT_NE(std::string::npos, refused(tables(R"({"name": "A", "colour": 1})")).find("\"colour\""));
   EXPECT_NE(std::string::npos,
             refused(tables(R"({"name": "A"}, {"name": "A"})")).find("table A is defined twice"));
@@ -196,6 +316,17 @@ TEST_F(SchemaTest, Names_ThatAreTooLong_AreToldInASentence) {
   document["tables"].push_back({{"name", name}});
   std::string const file = Write("long.json", document.dump());
   EXPECT_NE(std::string::npos, On("apply", {file}, 4).err.find("A name is too long"));
+}
+
+TEST_F(ToolTest, TheDocumentOnItsPage_IsApplied) {
+  std::string const page = ReadText(SAGLEME_DOCS "/schema.md");
+  auto const begin = page.find("```json\n") + 8;
+  Json const document = Json::parse(page.substr(begin, page.find("```", begin) - begin));
+  Create();
+  On("apply", {Write("page.json", document.dump())});
+  Json written = Json::parse(On("schema", {"--portable"}).out);
+  EXPECT_EQ(document["tables"].size(), written["tables"].size());
+  EXPECT_EQ("nothing to do\n", On("apply", {Path("page.json")}).out);
 }
 
 TEST_F(SchemaTest, Apply_WithoutAFile_IsUsage) { On("apply", {Path("nothing.json")}, 2); }

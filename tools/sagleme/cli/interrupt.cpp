@@ -1,5 +1,8 @@
 #include "cli/interrupt.h"
 
+#include <poll.h>
+#include <unistd.h>
+
 namespace tool {
 namespace {
 
@@ -24,6 +27,21 @@ bool TakeInterrupt() {
   bool const taken = pending != 0;
   pending = 0;
   return taken;
+}
+
+// The signal is let in while the process waits and at no other time, so that none slips by between
+// the look and the wait.
+bool WaitForInput() {
+  sigset_t interrupt;
+  sigset_t before;
+  sigemptyset(&interrupt);
+  sigaddset(&interrupt, SIGINT);
+  sigprocmask(SIG_BLOCK, &interrupt, &before);
+  pollfd input{STDIN_FILENO, POLLIN, 0};
+  while (!InterruptPending() && ppoll(&input, 1, nullptr, &before) < 0) {
+  }
+  sigprocmask(SIG_SETMASK, &before, nullptr);
+  return !InterruptPending();
 }
 
 void CheckInterrupt() {

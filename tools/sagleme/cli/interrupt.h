@@ -30,6 +30,8 @@ class InterruptGuard {
 bool InterruptPending();
 // Tells whether one is pending and forgets it.
 bool TakeInterrupt();
+// Waits until the standard input has something to read, or has ended. False when Ctrl-C came first.
+bool WaitForInput();
 // Throws Interrupted when one is pending, which it stays until it is taken.
 void CheckInterrupt();
 

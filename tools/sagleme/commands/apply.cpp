@@ -1,8 +1,10 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <optional>
 #include <sagleme/schema_plan.hpp>
 
+#include "cli/question.h"
 #include "commands/commands.h"
 #include "commands/files.h"
 
@@ -14,6 +16,12 @@ class ApplySchema : public Command {
   std::string name() const override { return "apply"; }
   std::string summary() const override {
     return "Change the schema of a database to the one in a file";
+  }
+  std::string details() const override {
+    return "A table or column that is gone, where a similar one has come in its place without "
+           "an id, may have been renamed. On a terminal apply asks; elsewhere it refuses until "
+           "the document says so: \"was\": \"OLD NAME\" for a rename, \"was\": null for what is "
+           "new.";
   }
   std::vector<Example> examples() const override {
     return {{"apply shop shop.json --plan",
@@ -34,7 +42,10 @@ class ApplySchema : public Command {
   Exit Run(Session& session, Output& output) override;
 
  private:
-  sagleme::Plan MakePlan(sagleme::Transaction& transaction, sagleme::SchemaDoc const& wanted) const;
+  sagleme::Plan MakePlan(sagleme::Transaction& transaction, sagleme::SchemaDoc const& wanted,
+                         Output const& output) const;
+  void SettleDoubts(sagleme::SchemaDoc const& present, sagleme::SchemaDoc& wanted,
+                    Output const& output) const;
   void NoteStranger(sagleme::Transaction& transaction, sagleme::SchemaDoc const& wanted,
                     Output const& output);
   void RefuseDestructive(sagleme::Plan const& plan) const;
@@ -53,11 +64,37 @@ void PrintPlan(sagleme::Plan const& plan, Output const& output) {
   if (plan.empty()) output.Print("nothing to do\n");
 }
 
+// Nothing for whoever does not say which.
+std::optional<sagleme::Reading> AskWhich(Output const& output, sagleme::Doubt const& doubt) {
+  bool const tables = doubt.table.empty();
+  std::string const question = fmt::format(
+      "{} {}{} is gone and {} has come in its place.\n"
+      "Type r if {} is its new name, n if {} is new and the {} of {} go, nothing to stop: ",
+      tables ? "Table" : "Column", doubt.gone, tables ? "" : " of " + doubt.table, doubt.come,
+      doubt.come, doubt.come, tables ? "objects" : "values", doubt.gone);
+  char const letter = AskLetter(output, question, "rn");
+  if (letter == 0) return std::nullopt;
+  return letter == 'r' ? sagleme::Reading::kRenamed : sagleme::Reading::kNew;
+}
+
+void ApplySchema::SettleDoubts(sagleme::SchemaDoc const& present, sagleme::SchemaDoc& wanted,
+                               Output const& output) const {
+  while (true) {
+    auto const doubts = sagleme::FindDoubts(present, wanted);
+    if (doubts.empty()) return;
+    bool const can_ask = file_ != "-" && CanAsk(output);
+    auto const reading = can_ask ? AskWhich(output, doubts.front()) : std::nullopt;
+    if (!reading) return sagleme::RefuseDoubts(doubts, file_);
+    sagleme::Settle(wanted, doubts.front(), *reading);
+  }
+}
+
 sagleme::Plan ApplySchema::MakePlan(sagleme::Transaction& transaction,
-                                    sagleme::SchemaDoc const& wanted) const {
+                                    sagleme::SchemaDoc const& wanted, Output const& output) const {
   sagleme::SchemaDoc const present = sagleme::ReadSchema(transaction, true);
-  sagleme::SchemaDoc const whole = sagleme::CompletedSchema(wanted, present);
+  sagleme::SchemaDoc whole = sagleme::CompletedSchema(wanted, present);
   sagleme::ValidateSchema(whole, file_);
+  SettleDoubts(present, whole, output);
   return sagleme::CompareSchemas(present, whole);
 }
 
@@ -91,16 +128,15 @@ Exit ApplySchema::Run(Session& session, Output& output) {
     bool anything = false;
     session.Read([&](sagleme::Transaction& transaction) {
       NoteStranger(transaction, wanted, output);
-      sagleme::Plan const plan = MakePlan(transaction, wanted);
+      sagleme::Plan const plan = MakePlan(transaction, wanted, output);
       PrintPlan(plan, output);
       anything = !plan.empty();
     });
     return anything ? Exit::kSomethingToDo : Exit::kDone;
   }
   session.Write([&](sagleme::Transaction& transaction) {
-    sagleme::AssureDatabaseIdentity(transaction);
     NoteStranger(transaction, wanted, output);
-    sagleme::Plan const plan = MakePlan(transaction, wanted);
+    sagleme::Plan const plan = MakePlan(transaction, wanted, output);
     PrintPlan(plan, output);
     RefuseDestructive(plan);
     output.Flush();  // nobody's changes are made behind a plan that could not be shown

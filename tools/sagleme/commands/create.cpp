@@ -1,7 +1,7 @@
 #include <fmt/format.h>
 
 #include <filesystem>
-#include <sagleme/schema_document.hpp>
+#include <sagleme/host.hpp>
 #include <set>
 
 #include "commands/commands.h"
@@ -26,14 +26,6 @@ void ShowStep(Output const& output, int step) {
   if (output.err_is_terminal) output.Note(fmt::format("\rbootstrap: step {}", step));
 }
 
-// So that the documents of its schema know it again.
-void GiveIdentity(sagleme::Database const& database) {
-  sagleme::Context const context(database);
-  sagleme::Transaction transaction(context);
-  sagleme::AssureDatabaseIdentity(transaction);
-  transaction.Commit();
-}
-
 // A creation that was cut off left only files of the kernel, and goes on.
 void RefuseForeignFiles(std::string const& directory) {
   static std::set<std::string> const own{"data.mdb", "lock.mdb", "layouts.lock"};
@@ -53,9 +45,7 @@ Exit Create::Run(Session& session, Output& output) {
   RefuseForeignFiles(directory);
   int steps = 0;
   try {
-    auto const database =
-        sagleme::Database::Create(directory, [&](int step) { ShowStep(output, steps = step); });
-    GiveIdentity(database);
+    sagleme::Database::Create(directory, [&](int step) { ShowStep(output, steps = step); });
   } catch (sagleme::Error const& error) {
     bool const exists = sagleme::Database::ExistsIn(directory) && steps == 0;
     throw Failure(exists ? Exit::kRefused : Exit::kCannotOpen,

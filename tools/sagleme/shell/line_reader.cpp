@@ -1,10 +1,8 @@
 #include "shell/line_reader.h"
 
 #include <histedit.h>
-#include <poll.h>
 #include <unistd.h>
 
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cwchar>
@@ -18,21 +16,6 @@ namespace {
 
 constexpr int kHistorySize = 1000;
 constexpr std::size_t kMostShown = 40;
-
-// Waits until there is something to read. False when Ctrl-C came first: the signal is let in while
-// the process waits and at no other time, so that none slips by between the look and the wait.
-bool WaitForInput() {
-  sigset_t interrupt;
-  sigset_t before;
-  sigemptyset(&interrupt);
-  sigaddset(&interrupt, SIGINT);
-  sigprocmask(SIG_BLOCK, &interrupt, &before);
-  pollfd input{STDIN_FILENO, POLLIN, 0};
-  while (!InterruptPending() && ppoll(&input, 1, nullptr, &before) < 0) {
-  }
-  sigprocmask(SIG_SETMASK, &before, nullptr);
-  return !InterruptPending();
-}
 
 class TerminalReader : public LineReader {
  public:
