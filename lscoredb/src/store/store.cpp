@@ -1,5 +1,7 @@
 #include "store.h"
 
+#include "layout_board.h"
+
 namespace lscore {
 
 void View::GetMany(Tree tree, std::span<std::string_view const> keys,
@@ -10,6 +12,8 @@ void View::GetMany(Tree tree, std::span<std::string_view const> keys,
     if (Get(tree, keys[i], &value)) values[i] = value;
   }
 }
+
+Store::Store() : reservations_(std::make_shared<MemoryReservations>()) {}
 
 void Store::BeginOwnCommit(Batch const& batch) {
   foreign_commits_.BeginCommit(batch.id(), [&](CommitId after, std::vector<ObjectId>* changed) {

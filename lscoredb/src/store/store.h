@@ -14,7 +14,8 @@
 //   one get           tree descent              overlay, then image       a round trip
 //   many gets         as many descents          as many look-ups          one round trip
 //   batch             write transaction         one append, one sync      one transaction
-//   reservation       a small batch             a small batch             a small batch
+//   reserving ids     a small batch             a small batch             a small batch
+//   layout numbers    a mapped file, locked     the same                  rows of a table
 //   state number      transaction id            position in the log       a row of the schema
 //   others' commits   unknown: all may differ   the log lists objects     a table lists objects
 //
@@ -32,11 +33,13 @@
 #include <optional>
 #include <span>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "entry_page.h"
 #include "foreign_commits.h"
 #include "ids.h"
+#include "layout_reservations.h"
 
 namespace lscore {
 
@@ -52,6 +55,8 @@ struct StoreOptions {
   std::uint64_t max_file_size = std::uint64_t{64} << 30;
   bool verify = false;  // all of it, before any is trusted
   std::uint64_t row_memory = std::uint64_t{256} << 20;
+  // Opens the reservations of layout numbers too, before anything else of the store.
+  bool reserve_layouts = false;
 };
 
 struct StoreStatistics {
@@ -211,7 +216,7 @@ class Cursor {
 // A new store holds the record of the format in kMeta (format.h) and nothing else.
 class Store {
  public:
-  Store() = default;
+  Store();
   Store(Store const&) = delete;
   Store& operator=(Store const&) = delete;
   virtual ~Store() = default;
@@ -237,6 +242,11 @@ class Store {
   // they kept from being used again. Returns whether there were any.
   virtual bool FreeDeadReaders() = 0;
 
+  // Reservations that all processes share which have the store open; without
+  // StoreOptions::reserve_layouts, or of a store in memory, those of this object alone. They last
+  // as long as somebody holds them, also longer than the store.
+  std::shared_ptr<LayoutReservations> const& layout_reservations() const { return reservations_; }
+
   // What this process knows of the commits of others.
   ForeignCommits& foreign_commits() { return foreign_commits_; }
   // Whether all that leads to the snapshot's state is accounted for; see ForeignCommits::Notice.
@@ -258,8 +268,14 @@ class Store {
   // forgets all rows that it has in memory. A failure counts as false.
   virtual bool ListChanges(View const& view, CommitId after, std::vector<ObjectId>* changed) const;
 
+  // While opening.
+  void UseReservations(std::shared_ptr<LayoutReservations> reservations) {
+    reservations_ = std::move(reservations);
+  }
+
  private:
   ForeignCommits foreign_commits_;
+  std::shared_ptr<LayoutReservations> reservations_;
 };
 
 }  // namespace lscore

@@ -12,7 +12,6 @@
 #include <utility>
 
 #include "fork.h"
-#include "layout_release.h"
 #include "open_error.h"
 #include "open_store.h"
 #include "status.h"
@@ -74,25 +73,14 @@ std::shared_ptr<Database> FindOpen(Registry& registry, DirectoryId const& id) {
   auto const found = registry.open.find(id);
   std::shared_ptr<Database> database =
       found == registry.open.end() ? nullptr : found->second.lock();
-  return database != nullptr && database->layout_numbers().orphaned() ? nullptr : database;
+  return database != nullptr && database->orphaned() ? nullptr : database;
 }
 
-// Released layouts are taken away by whoever finds itself alone. What stands in the way of that, a
-// full disk for one, does not stand in the way of opening.
-void Collect(Store& store, LayoutNumbers& layout_numbers) {
-  if (!layout_numbers.alone()) return;
-  static_cast<void>(Guarded([&] {
-    layout_numbers.Offer(CollectLayouts(store));
-    return LORV_STATUS_OK;
-  }));
-  layout_numbers.Share();
-}
-
-std::shared_ptr<Database> OpenDirectory(std::string const& path, StoreOptions const& options) {
-  auto numbers = std::make_shared<LayoutNumbers>(path);
-  std::unique_ptr<Store> store = OpenStore(path.c_str(), options);
-  Collect(*store, *numbers);
-  return std::make_shared<Database>(std::move(store), std::move(numbers), options.row_memory);
+std::shared_ptr<Database> OpenDirectory(std::string const& path, StoreOptions options) {
+  options.reserve_layouts = true;
+  auto database = std::make_shared<Database>(OpenStore(path.c_str(), options), options.row_memory);
+  database->layout_numbers().CollectReleased(database->store());
+  return database;
 }
 
 }  // namespace
@@ -104,8 +92,7 @@ std::uint64_t NextDatabaseNumber() {
 
 std::shared_ptr<Database> OpenDatabase(char const* directory, StoreOptions const& options) {
   if (directory == nullptr) {
-    return std::make_shared<Database>(OpenStore(nullptr, options),
-                                      std::make_shared<LayoutNumbers>(), options.row_memory);
+    return std::make_shared<Database>(OpenStore(nullptr, options), options.row_memory);
   }
   std::string const path = directory;
   if (path.empty()) ThrowCannotOpen(path, ENOENT);
@@ -128,12 +115,12 @@ std::shared_ptr<Database> OpenDatabase(char const* directory, StoreOptions const
 // No one opens the directory again before its store is closed. What was attached is released behind
 // the lock, since it may open and close databases of its own.
 void CloseDatabase(std::shared_ptr<Database> database) {
-  std::shared_ptr<LayoutNumbers> numbers;
+  std::shared_ptr<LayoutReservations> numbers;
   std::unique_ptr<Attachments> attachments;
   Registry& registry = TheRegistry();
   std::lock_guard const lock(registry.mutex);
   if (database.use_count() == 1) {
-    numbers = database->ShareLayoutNumbers();
+    numbers = database->layout_numbers().reservations();
     attachments = database->TakeAttachments();
   }
   database.reset();

@@ -25,10 +25,9 @@ std::uint64_t NextDatabaseNumber();
 class Database {
  public:
   // `row_memory`: bytes for rows that are kept.
-  Database(std::unique_ptr<Store> store, std::shared_ptr<LayoutNumbers> layout_numbers,
-           std::uint64_t row_memory)
+  Database(std::unique_ptr<Store> store, std::uint64_t row_memory)
       : store_(std::move(store)),
-        layout_numbers_(std::move(layout_numbers)),
+        layout_numbers_(store_->layout_reservations()),
         rows_(store_->foreign_commits(), row_memory),
         ids_(*store_),
         identity_(*store_),
@@ -45,19 +44,20 @@ class Database {
   IndexCatalogues& catalogues() { return catalogues_; }
   IdAllocator& ids() { return ids_; }
   DatabaseIdentity& identity() { return identity_; }
-  LayoutNumbers& layout_numbers() { return *layout_numbers_; }
+  LayoutNumbers& layout_numbers() { return layout_numbers_; }
+  // Whether the directory was removed under the open database.
+  bool orphaned() const { return store_->layout_reservations()->orphaned(); }
   // Never given to another database of the process, nor to this one when it is opened again.
   std::uint64_t number() const { return number_; }
   Attachments& attachments() { return *attachments_; }
   // What CloseDatabase still needs when the store is closed.
   std::unique_ptr<Attachments> TakeAttachments() { return std::move(attachments_); }
-  std::shared_ptr<LayoutNumbers> ShareLayoutNumbers() const { return layout_numbers_; }
   GroupCommit& commits() { return commits_; }
 
  private:
   std::uint64_t const number_ = NextDatabaseNumber();
   std::unique_ptr<Store> store_;
-  std::shared_ptr<LayoutNumbers> layout_numbers_;
+  LayoutNumbers layout_numbers_;
   SharedRowCache rows_;
   LayoutCache layouts_;
   IndexCatalogues catalogues_;
@@ -71,7 +71,7 @@ class Database {
 // has it open; null opens a new one in memory.
 std::shared_ptr<Database> OpenDatabase(char const* directory, StoreOptions const& options);
 // Gives a share back. The last one closes the store, then releases what was attached, and then lets
-// go of the layout numbers, which what was attached may have known.
+// go of the reserved layout numbers, which what was attached may have known.
 void CloseDatabase(std::shared_ptr<Database> database);
 
 }  // namespace lscore

@@ -112,6 +112,30 @@ TEST_P(StoreConformance, OwnCommitsAreNotForeign) {
   EXPECT_EQ(unlisted, store_->foreign_commits().unlisted());
 }
 
+TEST_P(StoreConformance, AReservedLayoutNumberIsFreeNoMore) {
+  LayoutReservations& reservations = *store_->layout_reservations();
+  EXPECT_TRUE(reservations.Reserve(LayoutNumber{7}));
+  EXPECT_FALSE(reservations.Reserve(LayoutNumber{7}));
+  EXPECT_FALSE(reservations.Reserve(kNoLayout));
+  EXPECT_EQ(LayoutNumber{8}, reservations.ReserveFrom(7));
+  EXPECT_EQ(LayoutNumber{1}, reservations.ReserveFrom(0));
+}
+
+TEST_P(StoreConformance, LayoutNumbersEndWithTheLast) {
+  LayoutReservations& reservations = *store_->layout_reservations();
+  EXPECT_EQ(LayoutNumber{65535}, reservations.ReserveFrom(65535));
+  EXPECT_EQ(kNoLayout, reservations.ReserveFrom(65535));
+  EXPECT_EQ(kNoLayout, reservations.ReserveFrom(65536));
+}
+
+TEST_P(StoreConformance, TheWordOfReservationsChangesFromWhatWasExpectedOnly) {
+  LayoutReservations& reservations = *store_->layout_reservations();
+  EXPECT_EQ(0U, reservations.word());
+  EXPECT_TRUE(reservations.ReplaceWord(0, 300));
+  EXPECT_FALSE(reservations.ReplaceWord(0, 400));
+  EXPECT_EQ(300U, reservations.word());
+}
+
 TEST_P(StoreConformance, StatisticsNameTheOldestStateThatIsRead) {
   Fill(*store_, kTree, {{"a", "1"}});
   Reading const old(*store_);

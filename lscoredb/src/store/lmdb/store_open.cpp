@@ -11,6 +11,7 @@
 #include "checksummed_record.h"
 #include "fork.h"
 #include "format.h"
+#include "layout_board_file.h"
 #include "library_call.h"
 #include "lmdb_store.h"
 #include "open_error.h"
@@ -193,7 +194,13 @@ class StoreOpener {
 };
 
 std::unique_ptr<LmdbStore> LmdbStore::Open(char const* directory, StoreOptions const& options) {
-  if (directory != nullptr) return StoreOpener::Open(directory, options, options.sync);
+  if (directory != nullptr) {
+    std::shared_ptr<LayoutReservations> reservations;
+    if (options.reserve_layouts) reservations = std::make_shared<FileReservations>(directory);
+    std::unique_ptr<LmdbStore> store = StoreOpener::Open(directory, options, options.sync);
+    if (reservations != nullptr) store->UseReservations(std::move(reservations));
+    return store;
+  }
   MemoryDirectory const memory;
   return StoreOpener::Open(memory.path(), options, false);
 }

@@ -15,6 +15,7 @@
 #include <string_view>
 #include <vector>
 
+#include "layout_board.h"
 #include "store.h"
 
 namespace lscore {
@@ -58,6 +59,7 @@ struct MemoryData {
   std::shared_ptr<MemoryState const> newest;
   std::multiset<CommitId> readers;
   std::map<CommitId, std::vector<ObjectId>> changed;  // by each commit
+  std::shared_ptr<LayoutBoard> const layouts = std::make_shared<LayoutBoard>();
 };
 
 class MemoryStore final : public Store {
@@ -86,7 +88,9 @@ class MemoryStore final : public Store {
   friend class MemorySnapshot;
 
   MemoryStore(StoreOptions const& options, std::shared_ptr<MemoryData> data)
-      : options_(options), data_(std::move(data)) {}
+      : options_(options), data_(std::move(data)) {
+    UseReservations(std::make_shared<MemoryReservations>(data_->layouts));
+  }
 
   StoreOptions const options_;
   std::shared_ptr<MemoryData> const data_;
