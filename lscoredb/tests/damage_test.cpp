@@ -4,6 +4,7 @@
 #include <lmdb.h>
 
 #include <algorithm>
+#include <cstring>
 #include <fstream>
 #include <random>
 
@@ -75,6 +76,30 @@ class DamageTest : public testing::Test {
   IndexId index_ = 0;
   Oids rows_;
 };
+
+// Pages before the one that is said to be the last are never written, so the file would come to be
+// as long as that says.
+TEST_F(DamageTest, AWrongLastPageIsNotBelieved) {
+  constexpr std::size_t kPage = 4096;
+  constexpr std::size_t kLastPage = 16 + 120;
+  constexpr std::size_t kCommit = 16 + 128;
+  Fill();
+  std::string const sound = ReadFile(File());
+  bool const first = std::memcmp(&sound[kCommit], &sound[kPage + kCommit], 8) > 0;
+  ASSERT_LT(sound[kCommit + 1] | sound[kPage + kCommit + 1], 1) << "a byte tells the newer one";
+  std::size_t const at = (first ? 0 : kPage) + kLastPage;
+  int refused = 0;
+  for (std::size_t bit = 0; bit < 64; ++bit) {
+    std::string broken = sound;
+    broken[at + bit / 8] = static_cast<char>(broken[at + bit / 8] ^ (1 << bit % 8));
+    WriteFile(File(), broken);
+    std::uint32_t const status = TryOpen(directory_.path());
+    EXPECT_TRUE(status == 0 || status == LSCOREDB_DAMAGED) << status << " of bit " << bit;
+    refused += status != 0 ? 1 : 0;
+    EXPECT_EQ(sound.size(), std::filesystem::file_size(File())) << "bit " << bit;
+  }
+  EXPECT_LT(56, refused) << "one that is too high";
+}
 
 TEST_F(DamageTest, AForeignFileIsNotADatabase) {
   WriteFile(File(), std::string(100000, 'x'));

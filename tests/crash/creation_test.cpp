@@ -1,8 +1,11 @@
 // A database that is cut off while it is made.
 
+#include <algorithm>
+
 #include "crash/directory.h"
 #include "crash/store_faults.h"
 #include "crash/tellers.h"
+#include "crash/volatile_disk.h"
 
 namespace crash_test {
 namespace {
@@ -32,6 +35,43 @@ TEST(CreationTest, KilledAfterAnyCommit_IsCompletedByTheNextProcess) {
     ExpectWholeAfter(directory.path(), kSeed, {});
   }
   EXPECT_LT(5, commits);
+}
+
+// Also the first of all commits, which makes the file itself.
+TEST(CreationTest, LossOfPowerAtAnyPointOfTheFirstWrites_LeavesADatabaseOrNone) {
+  using store_faults::Point;
+  std::uint64_t seed = 0;
+  for (Point const point : {Point::kWriting, Point::kBeforeSync, Point::kAfterSync,
+                            Point::kBeforeRoot, Point::kAfterRoot}) {
+    for (int const nth : {1, 2, 3}) {
+      SCOPED_TRACE("point " + std::to_string(static_cast<int>(point)) + ", passage " +
+                   std::to_string(nth));
+      Directory const directory;
+      Child maker([&](Channel&) {
+        volatile_disk::Watch(++seed);
+        store_faults::Arm(point, nth, volatile_disk::LosePower);
+        Bank const bank(directory.path(), kSeed);
+        return 0;
+      });
+      EXPECT_EQ(kKilled, maker.Wait());
+      ExpectWholeAfter(directory.path(), kSeed, {});
+    }
+  }
+}
+
+// A name that did not reach the disk is a file that is not there after a loss of power.
+TEST(CreationTest, DirectoriesAreSyncedAfterFilesAreMadeInThem) {
+  Directory const directory;
+  InChild([&] {
+    std::string const place = directory.path() + "/a/b";
+    lscoredb* database = nullptr;
+    EXPECT_EQ(0U, lscoredb_open(place.c_str(), nullptr, &database));
+    EXPECT_EQ(0U, lscoredb_close(database));
+    std::vector<std::string> const synced = store_faults::SyncedDirectories();
+    for (std::string const& one : {directory.path(), directory.path() + "/a", place}) {
+      EXPECT_EQ(1, std::count(synced.begin(), synced.end(), one)) << one;
+    }
+  });
 }
 
 }  // namespace

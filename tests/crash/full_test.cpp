@@ -123,6 +123,46 @@ TEST_F(FullTest, FullDisk_IsToldAndWorkGoesOnWhenThereIsRoomAgain) {
   });
 }
 
+// From a disk with nothing left to one that holds a database.
+TEST_F(FullTest, DatabaseThatDoesNotFit_IsRefusedWhereverTheRoomEnds) {
+  InChild([&] {
+    bool const mounted = MountSmallDisk(directory_.path());
+    lscoredb* original = nullptr;
+    EXPECT_EQ(0U, lscoredb_open(nullptr, nullptr, &original));
+    std::string const other = directory_.path() + "/other";
+    int refused = 0;
+    for (int room = 0; room <= 160; room += 4) {
+      SCOPED_TRACE(std::to_string(room) + " KiB are free");
+      std::unique_ptr<FileSizeLimit> limit;
+      if (mounted) {
+        Occupy(other, 3 * 1024);
+        std::filesystem::resize_file(other, std::filesystem::file_size(other) - room * 1024u);
+      } else {
+        limit = std::make_unique<FileSizeLimit>(room * 1024u);
+      }
+      std::string const made = directory_.path() + "/made";
+      std::string const copy = directory_.path() + "/copy";
+      lscoredb* database = nullptr;
+      std::uint32_t const opened = lscoredb_open(made.c_str(), nullptr, &database);
+      if (opened == 0) {
+        EXPECT_EQ(0U, lscoredb_close(database));
+      }
+      std::filesystem::remove_all(made);
+      std::uint32_t const copied = lscoredb_copy(original, copy.c_str());
+      std::filesystem::remove_all(copy);
+      for (std::uint32_t const status : {opened, copied}) {
+        EXPECT_TRUE(status == 0 || status == LSCOREDB_DISK_FULL) << status;
+        refused += status != 0 ? 1 : 0;
+      }
+      limit.reset();
+      std::filesystem::remove(other);
+    }
+    EXPECT_EQ(0U, lscoredb_close(original));
+    EXPECT_LT(0, refused);
+    EXPECT_GT(82, refused);
+  });
+}
+
 TEST_F(FullTest, FullMap_IsToldAndWorkGoesOnWithALargerOne) {
   Found();
   std::uintmax_t const size = directory_.FileSize();

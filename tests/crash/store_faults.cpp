@@ -3,9 +3,11 @@
 #include <dlfcn.h>
 #include <lmdb.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -26,6 +28,7 @@ struct State {
   int acted = 0;
   Action action;
   int syncs = 0;
+  std::vector<std::string> directories;
   // Of the batch that is being made.
   bool changed = false;
   bool changed_rows = false;
@@ -79,13 +82,18 @@ int PassChange(MDB_dbi tree) {
   return code;
 }
 
-bool IsDataFile(int file) {
+using Path = std::array<char, 4096>;
+
+std::string_view PathOf(int file, Path& target) {
   char link[64];
-  char target[4096];
   std::snprintf(link, sizeof link, "/proc/self/fd/%d", file);
-  ssize_t const size = readlink(link, target, sizeof target);
-  return size > 0 &&
-         std::string_view(target, static_cast<std::size_t>(size)).ends_with("/data.mdb");
+  ssize_t const size = readlink(link, target.data(), target.size());
+  return {target.data(), size < 0 ? 0 : static_cast<std::size_t>(size)};
+}
+
+bool IsDataFile(int file) {
+  Path path;
+  return PathOf(file, path).ends_with("/data.mdb");
 }
 
 // Pages are written whole, the root is less than one.
@@ -134,6 +142,11 @@ int Kill() {
 int Syncs() {
   std::lock_guard const lock(TheState().mutex);
   return TheState().syncs;
+}
+
+std::vector<std::string> SyncedDirectories() {
+  std::lock_guard const lock(TheState().mutex);
+  return TheState().directories;
 }
 
 }  // namespace store_faults
@@ -230,4 +243,15 @@ STANDS_BETWEEN int fdatasync(int file) {
   }
   Pass(Point::kAfterSync);
   return synced;
+}
+
+STANDS_BETWEEN int fsync(int file) {
+  static auto* const real = Behind<int(int)>("fsync");
+  struct stat status {};
+  Path path;
+  if (fstat(file, &status) == 0 && S_ISDIR(status.st_mode)) {
+    std::lock_guard const lock(TheState().mutex);
+    TheState().directories.emplace_back(PathOf(file, path));
+  }
+  return real(file);
 }

@@ -8,6 +8,8 @@
 // Process-wide; any thread passes points. What is armed in a process is not armed in its parent.
 
 #include <functional>
+#include <string>
+#include <vector>
 
 namespace store_faults {
 
@@ -41,6 +43,8 @@ int Kill();
 
 // Syncs of data files since the process began.
 int Syncs();
+// The directories that were synced since the process began, each as often as it was.
+std::vector<std::string> SyncedDirectories();
 
 }  // namespace store_faults
 

@@ -7,6 +7,7 @@
 #include "c_api.h"
 #include "check.h"
 #include "copy_store.h"
+#include "directory.h"
 #include "open_error.h"
 
 namespace lscore {
@@ -17,7 +18,10 @@ constexpr std::uint32_t kKnownFlags = LSCOREDB_CHECK_PAGES_ONLY | LSCOREDB_CHECK
 
 // A directory that is not there yet, or an empty one.
 void PrepareTarget(char const* directory) {
-  if (mkdir(directory, kDirectoryMode) == 0) return;
+  if (mkdir(directory, kDirectoryMode) == 0) {
+    std::filesystem::path const above = std::filesystem::path(directory).parent_path();
+    return SyncDirectory(above.empty() ? "." : above.string());
+  }
   if (errno != EEXIST) ThrowCannotOpen(directory, errno);
   std::error_code error;
   bool const empty = std::filesystem::is_empty(directory, error);

@@ -1,10 +1,12 @@
 #include "fork.h"
 
+#include <fcntl.h>
 #include <pthread.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <mutex>
 #include <new>
 #include <vector>
@@ -52,6 +54,26 @@ void KeepFromChildren(int file) {
 void ForgetFile(int file) noexcept {
   std::lock_guard const lock(files.mutex);
   std::erase(files.open, file);
+}
+
+int OpenKept(char const* path, int flags, unsigned mode) noexcept {
+  std::lock_guard const lock(files.mutex);
+  int const file = open(path, flags | O_CLOEXEC, mode);
+  if (file < 0) return file;
+  try {
+    files.open.push_back(file);
+  } catch (std::bad_alloc const&) {
+    close(file);
+    errno = ENOMEM;
+    return -1;
+  }
+  return file;
+}
+
+void CloseKept(int file) noexcept {
+  std::lock_guard const lock(files.mutex);
+  std::erase(files.open, file);
+  close(file);
 }
 
 }  // namespace lscore

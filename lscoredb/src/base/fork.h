@@ -25,6 +25,11 @@ class AtFork {
 void KeepFromChildren(int file);
 void ForgetFile(int file) noexcept;
 
+// As open and close, of a file that is kept from children from its first moment on: no child keeps
+// its locks alive.
+int OpenKept(char const* path, int flags, unsigned mode = 0) noexcept;
+void CloseKept(int file) noexcept;
+
 }  // namespace lscore
 
 #endif

@@ -11,6 +11,7 @@
 #include <tuple>
 #include <utility>
 
+#include "directory.h"
 #include "fork.h"
 #include "open_error.h"
 #include "open_store.h"
@@ -44,15 +45,19 @@ Registry& TheRegistry() {
   return *registry;
 }
 
-void MakeDirectories(std::string const& path) {
+void MakeDirectories(std::string const& path, bool sync) {
+  std::string above = path.starts_with('/') ? "/" : ".";
   for (std::size_t end = path.find('/', 1);; end = path.find('/', end + 1)) {
     std::string const part = path.substr(0, end);
-    if (mkdir(part.c_str(), kDirectoryMode) != 0 && errno != EEXIST) {
+    if (mkdir(part.c_str(), kDirectoryMode) == 0) {
+      if (sync) SyncDirectory(above);
+    } else if (errno != EEXIST) {
       struct stat status {};
       int const error = errno;
       if (stat(part.c_str(), &status) != 0) ThrowCannotOpen(part, error);
     }
     if (end == std::string::npos) return;
+    above = part;
   }
 }
 
@@ -98,7 +103,7 @@ std::shared_ptr<Database> OpenDatabase(char const* directory, StoreOptions const
   if (path.empty()) ThrowCannotOpen(path, ENOENT);
   Registry& registry = TheRegistry();
   std::lock_guard const lock(registry.mutex);
-  MakeDirectories(path);
+  MakeDirectories(path, options.sync);
   ForgetClosed(registry);
   DirectoryId const id = IdOf(path);
   std::shared_ptr<Database> database = FindOpen(registry, id);

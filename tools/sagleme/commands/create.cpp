@@ -28,7 +28,7 @@ void ShowStep(Output const& output, int step) {
 
 // A creation that was cut off left only files of the kernel, and goes on.
 void RefuseForeignFiles(std::string const& directory) {
-  static std::set<std::string> const own{"data.mdb", "lock.mdb", "layouts.lock"};
+  static std::set<std::string> const own{"data.mdb", "data.new", "lock.mdb", "layouts.lock"};
   std::error_code ignored;
   for (auto const& entry : std::filesystem::directory_iterator(directory, ignored)) {
     std::string const name = entry.path().filename();

@@ -7,15 +7,19 @@
 #include <cerrno>
 #include <cinttypes>
 #include <cstdio>
+#include <optional>
+#include <thread>
 #include <utility>
 
 #include "bytes.h"
+#include "directory.h"
 #include "fork.h"
 #include "library_call.h"
 #include "store_check.h"
 #include "store_errors.h"
 #include "store_header.h"
 #include "store_pages.h"
+#include "write_pause.h"
 
 namespace lscore {
 namespace {
@@ -123,6 +127,12 @@ bool LmdbView::NoteFile() {
   return info.me_last_txnid == mdb_txn_id(txn);
 }
 
+LmdbSnapshot::LmdbSnapshot(LmdbStore const& store, MDB_txn* writing)
+    : view_(store, true), stops_writing_(true) {
+  view_.txn = writing;
+  set_id(CommitId{Raw(view_.id()) - 1});
+}
+
 LmdbSnapshot::~LmdbSnapshot() { mdb_txn_abort(view_.txn); }
 
 int LmdbSnapshot::BeginNew() {
@@ -143,6 +153,7 @@ LmdbBatch::LmdbBatch(LmdbStore& store) : store_(store), view_(store, false) {
   CheckStore(mdb_txn_begin(store.env(), nullptr, 0, &view_.txn));
   set_id(view_.id());
   try {
+    store.SetSyncOfBatch();
     store.guard().Begin(mdb_txn_id(view_.txn) - 1);
   } catch (...) {
     mdb_txn_abort(view_.txn);
@@ -346,26 +357,55 @@ std::unique_ptr<LmdbSnapshot> LmdbStore::BeginBetweenCommits(
 }
 
 std::unique_ptr<Snapshot> LmdbStore::BeginVerified(FaultReport const& report) {
-  auto const report_page = [&](PageFault const& fault) { report(FaultOf(fault)); };
-  CommitId last{0};
-  for (int same = 0; same < kWalkAttempts;) {
-    std::unique_ptr<LmdbSnapshot> snapshot = BeginSnapshot();
-    if (WalkPages(FileOf(env_), mdb_txn_id(snapshot->txn()), PageDepth::kAll, report_page)) {
-      return snapshot;
-    }
-    // Overtaken by a commit, or the head of the file is not what this process knows of it.
-    same = snapshot->id() == last ? same + 1 : 0;
-    last = snapshot->id();
-    End(std::move(snapshot));
-    LmdbBatch const pause(*this);  // until a commit that is under way is over
-  }
-  Throw(LSCOREDB_DAMAGED);
+  pages::Header header;
+  std::unique_ptr<LmdbSnapshot> snapshot =
+      given_up() ? BeginBesideWriters(&header) : BeginWithHeader(&header);
+  WalkPages(FileOf(env_), header, PageDepth::kAll,
+            [&](PageFault const& fault) { report(FaultOf(fault)); });
+  return snapshot;
 }
 
-void LmdbStore::Verify() { CheckPages(env_, PageDepth::kAll); }
+std::unique_ptr<LmdbSnapshot> LmdbStore::BeginWithHeader(pages::Header* header) {
+  std::unique_ptr<LmdbSnapshot> snapshot;
+  WritePause pause(env_);
+  std::optional<pages::Header> const found = pages::FindHeader(FileOf(env_), pause.state());
+  if (!found) LmdbView::ThrowDamaged();
+  *header = *found;
+  int const code = TakeSnapshot(&snapshot);
+  if (code == MDB_READERS_FULL) {
+    snapshot = std::make_unique<LmdbSnapshot>(*this, pause.txn());
+    static_cast<void>(pause.Release());
+  } else {
+    CheckStore(code);
+  }
+  snapshot->NoteFile();
+  return snapshot;
+}
+
+// A header that two readings agree about was not written in between, or else very slowly.
+std::unique_ptr<LmdbSnapshot> LmdbStore::BeginBesideWriters(pages::Header* header) {
+  constexpr int kAttempts = 1000;
+  for (int attempt = 0; attempt < kAttempts; ++attempt) {
+    std::unique_ptr<LmdbSnapshot> snapshot = BeginSnapshot();
+    std::uint64_t const state = mdb_txn_id(snapshot->txn());
+    std::optional<pages::Header> const found = pages::FindHeader(FileOf(env_), state);
+    std::this_thread::yield();
+    if (found && found == pages::FindHeader(FileOf(env_), state)) {
+      *header = *found;
+      return snapshot;
+    }
+    End(std::move(snapshot));
+  }
+  LmdbView::ThrowDamaged();
+}
+
+void LmdbStore::Verify() {
+  End(BeginVerified([](StoreFault const&) { LmdbView::ThrowDamaged(); }));
+}
 
 void LmdbStore::End(std::unique_ptr<Snapshot> snapshot) noexcept {
   std::unique_ptr<LmdbSnapshot> ended(static_cast<LmdbSnapshot*>(snapshot.release()));
+  if (ended->stops_writing()) return;
   ended->Reset();
   std::lock_guard const lock(idle_mutex_);
   try {
@@ -405,6 +445,22 @@ StoreStatistics LmdbStore::Statistics() const {
   return statistics;
 }
 
-void LmdbStore::RequireSync() { CheckStore(mdb_env_set_flags(env_, MDB_NOSYNC, 0)); }
+// What others commit from now on is synced, and what was committed before is synced here.
+void LmdbStore::RequireSync() {
+  char const* directory = nullptr;
+  locks_.RequireSync();
+  sync_ = true;
+  CheckStore(mdb_env_get_path(env_, &directory));
+  SyncDirectory(directory);
+  WritePause const pause(env_);
+  CheckStore(mdb_env_set_flags(env_, MDB_NOSYNC, 0));
+  CheckStore(mdb_env_sync(env_, 1));
+}
+
+void LmdbStore::SetSyncOfBatch() {
+  if (sync_) return;
+  int const sync = locks_.OthersRequireSync() ? 1 : 0;
+  CheckStore(mdb_env_set_flags(env_, MDB_NOSYNC, 1 - sync));
+}
 
 }  // namespace lscore

@@ -12,6 +12,8 @@
 
 #include "page_guard.h"
 #include "store.h"
+#include "store_header.h"
+#include "store_locks.h"
 
 struct MDB_env;
 struct MDB_txn;
@@ -58,6 +60,9 @@ class LmdbView {
 class LmdbSnapshot final : public Snapshot {
  public:
   explicit LmdbSnapshot(LmdbStore const& store) : view_(store, true) {}
+  // Of the newest state, without a place in the table of readers: no one commits until it ends, by
+  // the thread that made it. `writing` is an empty transaction for writing.
+  LmdbSnapshot(LmdbStore const& store, MDB_txn* writing);
   ~LmdbSnapshot() override;
 
   bool Get(Tree tree, std::string_view key, std::string_view* value) const override {
@@ -75,11 +80,13 @@ class LmdbSnapshot final : public Snapshot {
 
   MDB_txn* txn() const { return view_.txn; }
   bool NoteFile() { return view_.NoteFile(); }
+  bool stops_writing() const { return stops_writing_; }
 
  private:
   int Began(int code);
 
   LmdbView view_;
+  bool stops_writing_ = false;
 };
 
 class LmdbBatch final : public Batch {
@@ -163,6 +170,9 @@ class LmdbStore final : public Store {
   // may write. REQUIRES: this thread has the lock for writing.
   void GiveUpWriting() noexcept;
   bool given_up() const { return given_up_; }
+  // Before a batch changes anything: whether its commit is synced. REQUIRES: this thread has the
+  // lock for writing.
+  void SetSyncOfBatch();
 
  private:
   friend class StoreOpener;
@@ -172,7 +182,12 @@ class LmdbStore final : public Store {
   int TakeSnapshot(std::unique_ptr<LmdbSnapshot>* out);
   std::unique_ptr<LmdbSnapshot> BeginSnapshot();
   std::unique_ptr<LmdbSnapshot> BeginBetweenCommits(std::unique_ptr<LmdbSnapshot> snapshot);
+  // A snapshot of the newest state with that state's header, which no one was writing.
+  std::unique_ptr<LmdbSnapshot> BeginWithHeader(pages::Header* header);
+  std::unique_ptr<LmdbSnapshot> BeginBesideWriters(pages::Header* header);
 
+  StoreLocks locks_;
+  bool sync_ = false;
   MDB_env* env_ = nullptr;
   std::vector<int> files_;   // that the library has open
   PageGuard mutable guard_;  // of the batch that is open

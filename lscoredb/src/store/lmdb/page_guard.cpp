@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <optional>
 
 #include "bytes.h"
 #include "status.h"
@@ -70,9 +71,9 @@ void PageGuard::Open(int file, char const* map, std::size_t page_size) {
 void PageGuard::Begin(std::uint64_t state) {
   Forget();
   if (!free_pages_hold_) {
-    bool const there =
-        WalkPages(file_, state, PageDepth::kFreePages, [](auto const&) { ThrowDamaged(); });
-    if (!there) ThrowDamaged();
+    std::optional<Header> const header = FindHeader(file_, state);
+    if (!header) ThrowDamaged();
+    WalkPages(file_, *header, PageDepth::kFreePages, [](auto const&) { ThrowDamaged(); });
     free_pages_hold_ = true;
   }
   if (map_ == nullptr) return;

@@ -4,6 +4,7 @@
 
 #include <bit>
 #include <cerrno>
+#include <ctime>
 
 #include "bytes.h"
 #include "status.h"
@@ -60,10 +61,13 @@ bool CommitsHold(std::array<Header, 2> const& headers) {
   return even % 2 == 0 && odd % 2 == 1 && (even + 1 == odd || odd + 1 == even);
 }
 
+// A file never becomes shorter.
 bool HeadersHold(std::array<Header, 2> const& headers) {
-  Header const& newest = headers[headers[0].commit < headers[1].commit ? 1 : 0];
-  return headers[0].page_size == headers[1].page_size && CommitsHold(headers) &&
-         HeaderHolds(newest);
+  bool const first = headers[0].commit > headers[1].commit;
+  Header const& newest = headers[first ? 0 : 1];
+  Header const& older = headers[first ? 1 : 0];
+  return newest.page_size == older.page_size && CommitsHold(headers) && HeaderHolds(newest) &&
+         newest.last_page >= older.last_page;
 }
 
 }  // namespace
@@ -85,6 +89,13 @@ std::array<Header, 2> ReadHeaders(int file) {
   return {first, ReadHeader(file, first.page_size)};
 }
 
+std::optional<Header> FindHeader(int file, std::uint64_t commit) {
+  for (Header const& header : ReadHeaders(file)) {
+    if (header.commit == commit) return header;
+  }
+  return std::nullopt;
+}
+
 void ReadAt(int file, std::uint64_t offset, std::size_t size, std::string& bytes) {
   bytes.resize(size);
   std::size_t filled = 0;
@@ -101,14 +112,16 @@ void ReadAt(int file, std::uint64_t offset, std::size_t size, std::string& bytes
 
 }  // namespace pages
 
-// Another process may be writing a header just now, and is done with it the next moment.
-void CheckFileHeader(int file) {
-  constexpr int kAttempts = 100;
+// Who writes a header is done with it the next moment, if nobody stops the process.
+void CheckFileHeader(int file, bool others_write) {
+  constexpr int kAttempts = 1000;
+  constexpr timespec kPause{0, 1'000'000};
   std::string first;
   pages::ReadAt(file, 0, 1, first);
   if (first.empty()) return;
-  for (int attempt = 0; attempt < kAttempts; ++attempt) {
+  for (int attempt = 0; attempt < (others_write ? kAttempts : 1); ++attempt) {
     if (pages::HeadersHold(pages::ReadHeaders(file))) return;
+    if (others_write) nanosleep(&kPause, nullptr);
   }
   Throw(LSCOREDB_DAMAGED);
 }

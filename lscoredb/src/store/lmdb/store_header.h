@@ -23,6 +23,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 
 namespace lscore::pages {
@@ -64,6 +65,8 @@ struct TreeRecord {
   std::uint64_t overflow_pages = 0;
   std::uint64_t entries = 0;
   std::uint64_t root = kNoPage;
+
+  friend bool operator==(TreeRecord const&, TreeRecord const&) = default;
 };
 TreeRecord ReadTree(char const* bytes);
 
@@ -73,10 +76,15 @@ struct Header {
   TreeRecord trees;
   std::uint64_t last_page = 0;
   std::uint64_t commit = 0;
+
+  friend bool operator==(Header const&, Header const&) = default;
 };
 
 // Both headers. Throws LSCOREDB_NOT_A_DATABASE or LSCOREDB_DAMAGED when one is not well formed.
 std::array<Header, 2> ReadHeaders(int file);
+// That of the state which commit `commit` made; none when the file tells no more where it is.
+// REQUIRES: no one writes the headers meanwhile, or the answer is looked at again.
+std::optional<Header> FindHeader(int file, std::uint64_t commit);
 
 // Reads up to `size` bytes; the string is shorter when the file ends before.
 void ReadAt(int file, std::uint64_t offset, std::size_t size, std::string& bytes);

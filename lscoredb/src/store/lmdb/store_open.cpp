@@ -6,9 +6,12 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <optional>
+#include <string>
 
 #include "bytes.h"
 #include "checksummed_record.h"
+#include "directory.h"
 #include "fork.h"
 #include "format.h"
 #include "layout_board_file.h"
@@ -18,12 +21,14 @@
 #include "store_check.h"
 #include "store_errors.h"
 #include "store_header.h"
+#include "write_pause.h"
 
 namespace lscore {
 namespace {
 
 constexpr unsigned kTreeFlags[kTreeCount] = {MDB_INTEGERKEY, 0, 0, 0, 0};
 constexpr mode_t kFileMode = 0640;
+constexpr mode_t kDirectoryMode = 0750;
 
 // While opening, what the system refuses is told as that.
 void CheckOpening(int code) {
@@ -32,14 +37,10 @@ void CheckOpening(int code) {
   Throw(status == LSCOREDB_IO_ERROR ? LSCOREDB_CANNOT_OPEN : status);
 }
 
-// The library gives the system's error numbers, but does not say of which file.
-void NoteRefusal(std::string const& directory, int error) {
-  if (error <= 0) return;  // a code of its own
-  std::string const lock = directory + "/lock.mdb";
-  int const file = open(lock.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, kFileMode);
-  if (file < 0) return NoteOpenError(lock, errno);
-  close(file);
-  NoteOpenError(directory + "/data.mdb", error);
+// The lock file is open already, so what the system refuses the library is the data file.
+void CheckOpening(int code, char const* directory) {
+  if (code > 0) NoteOpenError(std::string(directory) + "/data.mdb", code);
+  CheckOpening(code);
 }
 
 // A directory for the short time of opening: what the store finds there is a name for memory.
@@ -129,63 +130,149 @@ void WriteFormat(MDB_txn* txn, MDB_dbi meta) {
 
 }  // namespace
 
-class StoreOpener {
+// What opens must be a whole database or none at all, whenever the power goes: a new file gets its
+// name when all of it is on the disk.
+class DataFile {
  public:
-  static std::unique_ptr<LmdbStore> Open(char const* path, StoreOptions const& options, bool sync) {
-    std::unique_ptr<LmdbStore> store(new LmdbStore);
-    CheckOpening(mdb_env_create(&store->env_));
-    MDB_env* const env = store->env_;
-    CheckOpening(mdb_env_set_assert(env, OnBrokenPage));
-    CheckOpening(mdb_env_set_maxdbs(env, kTreeCount));
-    CheckOpening(mdb_env_set_maxreaders(env, options.max_readers));
-    CheckOpening(mdb_env_set_mapsize(env, options.max_file_size));
-    CheckDataFile(path);
-    unsigned const flags = MDB_NOTLS | MDB_NORDAHEAD | (sync ? 0u : unsigned{MDB_NOSYNC});
-    int const code = mdb_env_open(env, path, flags, kFileMode);
-    NoteRefusal(path, code);
-    CheckOpening(code);
-    store->files_ = FilesOf(env);
-    for (int const file : store->files_) KeepFromChildren(file);
-    CheckLength(env);
-    CheckPages(env, options.verify ? PageDepth::kAll : PageDepth::kRoots);
-    int dead = 0;
-    CheckOpening(mdb_reader_check(env, &dead));
-    OpenTrees(*store);
-    store->page_size_ = PageSize(env);
-    store->map_begin_ = FindMap(env, store->Handle(Tree::kMeta));
-    store->guard_.Open(FileOf(env), reinterpret_cast<char const*>(store->map_begin_),
-                       store->page_size_);
-    return store;
+  DataFile(std::string const& directory, StoreOptions const& options, bool sync)
+      : directory_(directory), options_(options), sync_(sync) {}
+
+  bool IsThere() const {
+    struct stat status {};
+    return stat((directory_ + "/data.mdb").c_str(), &status) == 0 && status.st_size != 0;
+  }
+
+  // REQUIRES: no one else has the directory open.
+  void Make() const {
+    Clear();  // of one who did not come to an end
+    std::string const place = Place();
+    std::string const path = directory_ + "/data.mdb";
+    if (mkdir(place.c_str(), kDirectoryMode) != 0) ThrowCannotOpen(place, errno);
+    try {
+      Fill();
+      std::string const made = place + "/data.mdb";
+      if (rename(made.c_str(), path.c_str()) != 0) ThrowCannotOpen(path, errno);
+    } catch (...) {
+      Clear();
+      throw;
+    }
+    Clear();
+    if (sync_) SyncDirectory(directory_);
   }
 
  private:
-  static void OpenTrees(LmdbStore& store) {
-    MDB_txn* txn = nullptr;
-    CheckOpening(mdb_txn_begin(store.env_, nullptr, 0, &txn));
-    try {
-      bool const fresh = IsEmpty(txn);
-      OpenTree(store, txn, Tree::kMeta, fresh);
-      if (fresh) {
-        WriteFormat(txn, store.Handle(Tree::kMeta));
-      } else {
-        CheckFormat(txn, store.Handle(Tree::kMeta));
-        store.states_before_ = ReadStatesBefore(txn, store.Handle(Tree::kMeta));
-      }
-      for (std::size_t i = 0; i < kTreeCount; ++i)
-        OpenTree(store, txn, static_cast<Tree>(i), fresh);
-    } catch (...) {
-      mdb_txn_abort(txn);  // nothing was written but into a file that had no pages
-      throw;
-    }
-    int const code = CallLibrary([&] { return mdb_txn_commit(txn); });
-    if (code == kBrokenPage) ReleaseWriteLock(store.env_);
+  void Fill() const;
+
+  std::string Place() const { return directory_ + "/data.new"; }
+  void Clear() const noexcept {
+    std::string const place = Place();
+    unlink((place + "/data.mdb").c_str());
+    rmdir(place.c_str());
+  }
+
+  std::string const directory_;
+  StoreOptions const& options_;
+  bool sync_;
+};
+
+class StoreOpener {
+ public:
+  static std::unique_ptr<LmdbStore> Open(char const* path, StoreOptions const& options,
+                                         bool in_memory) {
+    bool const sync = options.sync && !in_memory;
+    std::unique_ptr<LmdbStore> store(new LmdbStore);
+    store->locks_.LineUp(path, options.max_readers);
+    bool const alone = store->locks_.alone();
+    DataFile const data(path, options, sync);
+    if (alone && !in_memory && !data.IsThere()) data.Make();
+    CheckDataFile(path, !alone);
+    store->env_ = OpenLibrary(path, options, sync ? 0u : unsigned{MDB_NOSYNC});
+    store->files_ = FilesOf(store->env_, store->locks_.lock_file());
+    for (int const file : store->files_) KeepFromChildren(file);
+    store->locks_.TakeOver(store->env_);
+    if (sync) store->locks_.RequireSync();
+    store->sync_ = sync;
+    LookIn(*store);
+    FindMap(*store);
+    store->locks_.LeaveLine();
+    if (options.verify) store->Verify();
+    int dead = 0;
+    CheckOpening(mdb_reader_check(store->env_, &dead));
+    return store;
+  }
+
+  // Of a file that has no name yet.
+  static void MakeTrees(MDB_env* env) {
+    unsigned handles[kTreeCount] = {};
+    WritePause writing(env);
+    MakeTrees(writing.txn(), handles);
+    int const code = mdb_txn_commit(writing.Release());
+    if (code == EIO && IsDiskFull(env)) Throw(LSCOREDB_DISK_FULL);
     CheckStore(code);
   }
 
-  static void OpenTree(LmdbStore& store, MDB_txn* txn, Tree tree, bool create) {
+  static MDB_env* OpenLibrary(char const* path, StoreOptions const& options, unsigned flags) {
+    MDB_env* env = nullptr;
+    CheckOpening(mdb_env_create(&env));
+    try {
+      CheckOpening(mdb_env_set_assert(env, OnBrokenPage));
+      CheckOpening(mdb_env_set_maxdbs(env, kTreeCount));
+      CheckOpening(mdb_env_set_maxreaders(env, options.max_readers));
+      CheckOpening(mdb_env_set_mapsize(env, options.max_file_size));
+      CheckOpening(mdb_env_open(env, path, flags | MDB_NOTLS | MDB_NORDAHEAD, kFileMode), path);
+    } catch (...) {
+      mdb_env_close(env);
+      throw;
+    }
+    return env;
+  }
+
+ private:
+  // While no one writes: what the header says, the trees, and what others did not sync.
+  static void LookIn(LmdbStore& store) {
+    MDB_env* const env = store.env_;
+    WritePause pause(env);
+    std::optional<pages::Header> const header = pages::FindHeader(FileOf(env), pause.state());
+    if (!header) Throw(LSCOREDB_DAMAGED);
+    CheckLength(FileOf(env), *header);
+    CheckPages(FileOf(env), *header, PageDepth::kRoots);
+    OpenTrees(store, pause.txn());
+    int const code = CallLibrary([&] { return mdb_txn_commit(pause.Release()); });
+    if (code == kBrokenPage) ReleaseWriteLock(env);
+    CheckStore(code);
+    if (store.sync_) CheckStore(mdb_env_sync(env, 1));
+  }
+
+  static void FindMap(LmdbStore& store) {
+    WritePause const pause(store.env_);
+    store.page_size_ = PageSize(store.env_);
+    store.map_begin_ = MapBegin(store.env_, pause.txn(), store.Handle(Tree::kMeta));
+    store.guard_.Open(FileOf(store.env_), reinterpret_cast<char const*>(store.map_begin_),
+                      store.page_size_);
+  }
+
+  static void OpenTrees(LmdbStore& store, MDB_txn* txn) {
+    if (IsEmpty(txn)) return MakeTrees(txn, store.trees_);
+    OpenTree(store.trees_, txn, Tree::kMeta, 0);
+    CheckFormat(txn, store.Handle(Tree::kMeta));
+    store.states_before_ = ReadStatesBefore(txn, store.Handle(Tree::kMeta));
+    for (std::size_t i = 0; i < kTreeCount; ++i) {
+      OpenTree(store.trees_, txn, static_cast<Tree>(i), 0);
+    }
+  }
+
+  static void MakeTrees(MDB_txn* txn, unsigned (&handles)[kTreeCount]) {
+    OpenTree(handles, txn, Tree::kMeta, MDB_CREATE);
+    WriteFormat(txn, handles[static_cast<std::size_t>(Tree::kMeta)]);
+    for (std::size_t i = 0; i < kTreeCount; ++i) {
+      OpenTree(handles, txn, static_cast<Tree>(i), MDB_CREATE);
+    }
+  }
+
+  static void OpenTree(unsigned (&handles)[kTreeCount], MDB_txn* txn, Tree tree, unsigned create) {
     auto const i = static_cast<std::size_t>(tree);
-    unsigned const flags = kTreeFlags[i] | (create ? unsigned{MDB_CREATE} : 0u);
-    unsigned* const handle = &store.trees_[i];
+    unsigned const flags = kTreeFlags[i] | create;
+    unsigned* const handle = &handles[i];
     int const code =
         CallLibrary([&] { return mdb_dbi_open(txn, pages::kTreeNames[i], flags, handle); });
     if (code == MDB_NOTFOUND || code == MDB_INCOMPATIBLE) Throw(LSCOREDB_NOT_A_DATABASE);
@@ -193,16 +280,28 @@ class StoreOpener {
   }
 };
 
+void DataFile::Fill() const {
+  unsigned const flags = MDB_NOLOCK | (sync_ ? 0u : unsigned{MDB_NOSYNC});
+  MDB_env* const env = StoreOpener::OpenLibrary(Place().c_str(), options_, flags);
+  try {
+    StoreOpener::MakeTrees(env);
+  } catch (...) {
+    mdb_env_close(env);
+    throw;
+  }
+  mdb_env_close(env);
+}
+
 std::unique_ptr<LmdbStore> LmdbStore::Open(char const* directory, StoreOptions const& options) {
   if (directory != nullptr) {
     std::shared_ptr<LayoutReservations> reservations;
     if (options.reserve_layouts) reservations = std::make_shared<FileReservations>(directory);
-    std::unique_ptr<LmdbStore> store = StoreOpener::Open(directory, options, options.sync);
+    std::unique_ptr<LmdbStore> store = StoreOpener::Open(directory, options, false);
     if (reservations != nullptr) store->UseReservations(std::move(reservations));
     return store;
   }
   MemoryDirectory const memory;
-  return StoreOpener::Open(memory.path(), options, false);
+  return StoreOpener::Open(memory.path(), options, true);
 }
 
 }  // namespace lscore

@@ -67,6 +67,11 @@ class Walk {
   void WalkNamedTree(Node const& node);
   bool Take(std::uint64_t first, std::uint64_t count);
   bool TakeFree(std::uint64_t number);
+  // A new file ends with its headers.
+  bool IsTaken(std::uint64_t number) const {
+    if (number < kHeaderPages) return true;
+    return number < seen_.size() ? seen_[number] : seen_behind_.contains(number);
+  }
   void Tell(char const* what, Bounds bounds = {}) {
     ++faults_;
     report_({name_, bounds.low, bounds.high, what});
@@ -102,6 +107,10 @@ void Walk::Run() {
     }
   }
   WalkTree(pages::kFreeTreeName, header_.free);
+  if (depth_ == PageDepth::kAll && faults_ == 0 && !IsTaken(header_.last_page)) {
+    name_ = {};
+    Tell("its last page is not one that anything uses");
+  }
 }
 
 void Walk::WalkTree(std::string_view name, TreeRecord const& tree) {
@@ -252,13 +261,8 @@ bool Walk::TakeFree(std::uint64_t number) {
 
 }  // namespace
 
-bool WalkPages(int file, std::uint64_t commit, PageDepth depth, PageReport const& report) {
-  for (Header const& header : ReadHeaders(file)) {
-    if (header.commit != commit) continue;
-    Walk(file, header, depth, report).Run();
-    return true;
-  }
-  return false;
+void WalkPages(int file, Header const& header, PageDepth depth, PageReport const& report) {
+  Walk(file, header, depth, report).Run();
 }
 
 }  // namespace lscore

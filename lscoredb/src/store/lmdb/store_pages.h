@@ -16,6 +16,8 @@
 #include <string>
 #include <string_view>
 
+#include "store_header.h"
+
 namespace lscore {
 
 // A part of a tree that cannot be read. `tree` is empty for what concerns the file as a whole. Keys
@@ -31,8 +33,9 @@ struct PageFault {
 using PageReport = std::function<void(PageFault const&)>;
 
 // The beginning of the file, which says where its trees are: two records of the last two commits.
-// An empty file has none and passes. Throws LSCOREDB_NOT_A_DATABASE or LSCOREDB_DAMAGED.
-void CheckFileHeader(int file);
+// An empty file has none and passes. Where others may be writing it just now, it is looked at again
+// before it is called damaged. Throws LSCOREDB_NOT_A_DATABASE or LSCOREDB_DAMAGED.
+void CheckFileHeader(int file, bool others_write);
 
 enum class PageDepth {
   kRoots,      // the trees' names and first pages: a constant effort
@@ -40,10 +43,9 @@ enum class PageDepth {
   kAll,        // each page that is in use, and the list of those that are not
 };
 
-// Walks the state that commit `commit` made. Returns false, with nothing told, when the file does
-// not say any more where that state is, since two commits have followed it.
-// REQUIRES: a reader of that state is open, so that its pages stay.
-bool WalkPages(int file, std::uint64_t commit, PageDepth depth, PageReport const& report);
+// Walks the state that the header describes.
+// REQUIRES: a reader of that state is open, or no one writes, so that its pages stay.
+void WalkPages(int file, pages::Header const& header, PageDepth depth, PageReport const& report);
 
 }  // namespace lscore
 

@@ -1,0 +1,113 @@
+#include "store_locks.h"
+
+#include <fcntl.h>
+#include <lmdb.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include "fork.h"
+#include "open_error.h"
+#include "status.h"
+#include "store_errors.h"
+
+namespace lscore {
+namespace {
+
+constexpr mode_t kFileMode = 0640;
+// Behind all numbers of processes.
+constexpr off_t kOpen = 0;
+constexpr off_t kDurable = off_t{1} << 40;
+
+struct flock LockOf(short kind, off_t byte) {
+  struct flock lock {};
+  lock.l_type = kind;
+  lock.l_whence = SEEK_SET;
+  lock.l_start = byte;
+  lock.l_len = 1;
+  return lock;
+}
+
+void Lock(int file, short kind, off_t byte) {
+  struct flock lock = LockOf(kind, byte);
+  while (fcntl(file, F_OFD_SETLKW, &lock) != 0) {
+    if (errno != EINTR) Throw(LSCOREDB_IO_ERROR);
+  }
+}
+
+// Whether another open file description, or a process, has a lock on the byte.
+bool IsLockedByOthers(int file, off_t byte) {
+  struct flock lock = LockOf(F_WRLCK, byte);
+  if (fcntl(file, F_OFD_GETLK, &lock) != 0) Throw(LSCOREDB_IO_ERROR);
+  return lock.l_type != F_UNLCK;
+}
+
+// `command` says whose locks: those of the process, or of the open file description.
+int Unlock(int file, int command) {
+  struct flock all = LockOf(F_UNLCK, 0);
+  all.l_len = 0;
+  return fcntl(file, command, &all);
+}
+
+}  // namespace
+
+StoreLocks::~StoreLocks() {
+  LeaveLine();
+  if (lock_file_ < 0) return;
+  Unlock(lock_file_, F_OFD_SETLK);  // a child that has not closed it yet holds nothing up
+  CloseKept(lock_file_);
+}
+
+void StoreLocks::LineUp(std::string const& directory, std::uint32_t max_readers) {
+  directory_ = OpenKept(directory.c_str(), O_RDONLY | O_DIRECTORY);
+  if (directory_ < 0) ThrowCannotOpen(directory, errno);
+  while (flock(directory_, LOCK_EX) != 0) {
+    if (errno != EINTR) ThrowCannotOpen(directory, errno);
+  }
+  std::string const path = directory + "/lock.mdb";
+  lock_file_ = OpenKept(path.c_str(), O_RDWR | O_CREAT, kFileMode);
+  if (lock_file_ < 0) ThrowCannotOpen(path, errno);
+  MakeRoom(path, max_readers);
+}
+
+// The size stays as it is: the library reads from it how many readers there are places for. A file
+// system that cannot reserve room is one that has it, or none at all.
+void StoreLocks::MakeRoom(std::string const& path, std::uint32_t max_readers) const {
+  constexpr off_t kLine = 64;  // bytes of a place, and as much as three before the first
+  struct stat status {};
+  if (fstat(lock_file_, &status) != 0) ThrowCannotOpen(path, errno);
+  off_t const needed = std::max(status.st_size, (off_t{max_readers} + 3) * kLine);
+  while (fallocate(lock_file_, FALLOC_FL_KEEP_SIZE, 0, needed) != 0) {
+    if (errno == EOPNOTSUPP) return;
+    if (errno != EINTR) ThrowCannotOpen(path, errno);
+  }
+}
+
+bool StoreLocks::alone() const { return !IsLockedByOthers(lock_file_, kOpen); }
+
+// The library says once that the process lives, when it first reads, and relies on it from then on.
+void StoreLocks::TakeOver(MDB_env* env) {
+  MDB_txn* txn = nullptr;
+  int const code = mdb_txn_begin(env, nullptr, MDB_RDONLY, &txn);
+  if (code == 0) mdb_txn_abort(txn);
+  if (code != MDB_READERS_FULL) CheckStore(code);
+  Lock(lock_file_, F_RDLCK, kOpen);
+  if (Unlock(lock_file_, F_SETLK) != 0) Throw(LSCOREDB_IO_ERROR);
+  Lock(lock_file_, F_WRLCK, getpid());
+}
+
+void StoreLocks::LeaveLine() noexcept {
+  if (directory_ < 0) return;
+  flock(directory_, LOCK_UN);
+  CloseKept(directory_);
+  directory_ = -1;
+}
+
+void StoreLocks::RequireSync() { Lock(lock_file_, F_RDLCK, kDurable); }
+
+bool StoreLocks::OthersRequireSync() const { return IsLockedByOthers(lock_file_, kDurable); }
+
+}  // namespace lscore

@@ -1,0 +1,65 @@
+#ifndef LSCOREDB_SRC_STORE_LOCKS_H
+#define LSCOREDB_SRC_STORE_LOCKS_H
+
+// The locks by which processes that have one directory open know of each other.
+//
+// The store's library marks its lock file with POSIX record locks: one for having it open, one that
+// says that the process lives. Those belong to the process and vanish when any part of it closes
+// any descriptor of that file, a backup that copies the directory for one. Then the next opener
+// would begin the table of readers anew under those who use it. So the locks are taken over: once
+// the library has set them, the same bytes are locked through an open file description of our own,
+// which only its own end unlocks. The library of another process asks for these bytes as before and
+// sees them taken.
+//
+//   lock.mdb   byte 0       shared      who has the directory open
+//              byte PID     exclusive   the process PID lives, and so do its readers
+//              kDurable     shared      who wants every commit synced, of whatever process
+//   data.mdb   kWriters     shared      who may write
+//              kFrozen      shared      who reads without a place in the table of readers
+//   directory  flock        exclusive   who is opening it, one at a time
+//
+// No one holds both kWriters and kFrozen while another holds the other one. For the store's own
+// source files.
+
+#include <cstdint>
+#include <string>
+
+struct MDB_env;
+
+namespace lscore {
+
+class StoreLocks {
+ public:
+  StoreLocks() = default;
+  ~StoreLocks();
+  StoreLocks(StoreLocks const&) = delete;
+  StoreLocks& operator=(StoreLocks const&) = delete;
+
+  // Waits until no one else is opening the directory. Then opens the lock file, or makes it, with
+  // room on the disk for the table of readers: the library writes it through memory, where a full
+  // disk would end the process. Throws what ThrowCannotOpen does.
+  void LineUp(std::string const& directory, std::uint32_t max_readers);
+
+  // Whether no one else has the directory open. REQUIRES: lined up.
+  bool alone() const;
+  // Takes the library's locks over. REQUIRES: `env` was opened since, and `alone` asked before.
+  void TakeOver(MDB_env* env);
+  // Lets the next one open the directory.
+  void LeaveLine() noexcept;
+
+  // From now on everyone who writes the files syncs every commit.
+  void RequireSync();
+  bool OthersRequireSync() const;
+
+  int lock_file() const { return lock_file_; }
+
+ private:
+  void MakeRoom(std::string const& path, std::uint32_t max_readers) const;
+
+  int directory_ = -1;
+  int lock_file_ = -1;
+};
+
+}  // namespace lscore
+
+#endif

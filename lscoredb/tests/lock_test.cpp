@@ -1,0 +1,200 @@
+// What processes that have one directory open know of each other, whatever a host does with the
+// files of its own database, and whoever ends in the midst of opening one.
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <cstddef>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <random>
+
+#include "other_process.h"
+#include "process_world.h"
+
+namespace lscoredb_test {
+namespace {
+
+class LockTest : public testing::Test {
+ protected:
+  static constexpr int kPairs = 200;
+
+  std::string Place() const { return directory_ / "db"; }
+
+  // As a backup does that copies the directory.
+  void ReadEveryFile() const {
+    for (auto const& file : std::filesystem::directory_iterator(Place())) {
+      std::ifstream in(file.path(), std::ios::binary);
+      std::string const all(std::istreambuf_iterator<char>(in), {});
+      EXPECT_FALSE(all.empty()) << file.path();
+    }
+  }
+
+  void ChangeElsewhere(Oids const& rows) const {
+    InAnotherProcess([&] {
+      Database database(Place());
+      Session session(database);
+      for (int round = 0; round < 20; ++round) {
+        session.Begin();
+        for (Oid const row : rows) session.PutLong(row, kPairValue, -round);
+        session.Commit();
+      }
+    });
+  }
+
+  TemporaryDirectory directory_;
+};
+
+TEST_F(LockTest, AHostThatReadsTheFilesKeepsItsSnapshots) {
+  Database database(Place());
+  Session session(database);
+  Oids rows;
+  for (int i = 1; i <= kPairs; ++i) rows.push_back(CommitPair(session, i));
+  session.BeginReadOnly();
+  ReadEveryFile();
+  ChangeElsewhere(rows);
+  for (std::size_t i = 0; i < rows.size(); ++i) {
+    ASSERT_EQ(session.Long(rows[i], kPairValue), static_cast<std::int64_t>(i) + 1);
+  }
+  session.Rollback();
+  CommitPair(session, 7);
+}
+
+TEST_F(LockTest, AHostThatReadsTheFilesStaysCounted) {
+  auto database = std::make_unique<Database>(Place());
+  auto session = std::make_unique<Session>(*database);
+  CommitPair(*session, 1);
+  session->BeginReadOnly();
+  ReadEveryFile();
+  lscoredb_statistics statistics{};
+  statistics.size = sizeof statistics;
+  InAnotherProcess([&] {
+    Database other(Place());
+    Check("stats", lscoredb_stats(other.get(), &statistics));
+    EXPECT_EQ(1U, statistics.transactions);
+  });
+  Check("stats", lscoredb_stats(database->get(), &statistics));
+  EXPECT_EQ(1U, statistics.transactions);
+}
+
+// What it holds is of no use to anyone when no process has the directory open.
+TEST_F(LockTest, WhateverTheLockFileHoldsIsMadeAnew) {
+  for (std::size_t const size : {0U, 3U, 64U, 8192U, 100000U}) {
+    for (char const byte : {'\0', '\xFF', 'x'}) {
+      {
+        Database database(Place());
+        Session session(database);
+        CommitPair(session, 1);
+      }
+      std::ofstream(Place() + "/lock.mdb", std::ios::binary | std::ios::trunc)
+          << std::string(size, byte);
+      Database database(Place());
+      Session session(database);
+      CommitPair(session, 1);
+    }
+  }
+}
+
+// Openers of one directory that are killed at any moment: whoever comes next, or waits, opens it.
+TEST_F(LockTest, OpenersThatAreKilledHinderNoOne) {
+  constexpr int kRounds = 60;
+  constexpr unsigned kPatience = 60;
+  std::mt19937 random(11);
+  auto const open_for_ever = [&](OtherProcess& test) {
+    alarm(kPatience);
+    test.Say();
+    for (;;) Database const database(Place());
+  };
+  for (int round = 0; round < kRounds && !HasFailure(); ++round) {
+    std::filesystem::remove(Place() + "/lock.mdb");
+    OtherProcess first(open_for_ever);
+    OtherProcess second(open_for_ever);
+    first.Hear();
+    second.Hear();
+    usleep(static_cast<useconds_t>(random() % 3000));
+    first.Kill();
+    InAnotherProcess([&] {
+      alarm(kPatience);
+      for (int i = 0; i < 3; ++i) EXPECT_NO_THROW(Database{Place()});
+    });
+    second.Kill();
+  }
+  Database database(Place());
+  Session session(database);
+  CommitPair(session, 1);
+}
+
+constexpr std::size_t kPageSize = 4096;
+constexpr std::streamoff kTreesOfHeader = 16 + 72;
+
+// While someone has the database open a header may be half written. Whoever opens it looks again.
+TEST_F(LockTest, AHeaderThatIsBeingWrittenIsNoDamage) {
+  Database database(Place());
+  Session session(database);
+  CommitPair(session, 1);
+  std::string const path = Place() + "/data.mdb";
+  std::string sound(2 * kPageSize, '\0');
+  std::ifstream(path, std::ios::binary).read(sound.data(), 2 * kPageSize);
+  int const file = open(path.c_str(), O_RDWR | O_CLOEXEC);
+  std::string const torn(40, '\x77');
+  for (std::size_t const page : {0U, 1U}) {
+    auto const at = static_cast<off_t>(page * kPageSize) + kTreesOfHeader;
+    ASSERT_EQ(40, pwrite(file, torn.data(), torn.size(), at));
+  }
+  OtherProcess opener([&](OtherProcess& test) {
+    test.Say();
+    EXPECT_NO_THROW(Database{Place()});
+  });
+  opener.Hear();
+  int const line = open(Place().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  while (flock(line, LOCK_EX | LOCK_NB) == 0) flock(line, LOCK_UN);
+  usleep(20000);
+  EXPECT_EQ(2 * kPageSize, pwrite(file, sound.data(), sound.size(), 0));
+  opener.ExpectGoodEnd();
+  close(line);
+  close(file);
+}
+
+// All places for transactions are taken by this process.
+class FullTableTest : public LockTest {
+ protected:
+  FullTableTest() {
+    lscoredb_options options = NoSync();
+    options.max_readers = 4;
+    database_ = std::make_unique<Database>(Place(), options);
+    for (std::uint32_t status = 0; status == 0;) {
+      sessions_.push_back(std::make_unique<Session>(*database_));
+      CommitWhilePossible(*sessions_.back());
+      status = lscoredb_begin(sessions_.back()->context(), LSCOREDB_READ_ONLY_TRANSACTION);
+    }
+  }
+
+  void CommitWhilePossible(Session& session) {
+    if (sessions_.size() == 1) CommitPair(session, 1);
+  }
+
+  std::unique_ptr<Database> database_;
+  std::vector<std::unique_ptr<Session>> sessions_;
+};
+
+TEST_F(FullTableTest, AnotherProcessOpensAndChecksTheDatabase) {
+  InAnotherProcess([&] {
+    lscoredb* other = nullptr;
+    ASSERT_EQ(0U, lscoredb_open(Place().c_str(), nullptr, &other));
+    EXPECT_STATUS(0, lscoredb_check(other, 0, nullptr, nullptr));
+    std::uint64_t context = 0;
+    Check("context", lscoredb_context_open(other, &context));
+    EXPECT_STATUS(LSCOREDB_TOO_MANY_READERS, lscoredb_begin(context, LSCOREDB_READ_WRITE));
+    Check("close", lscoredb_context_close(context));
+    EXPECT_STATUS(0, lscoredb_close(other));
+  });
+  EXPECT_STATUS(0, lscoredb_check(database_->get(), 0, nullptr, nullptr));
+  sessions_.front()->Rollback();
+  CommitPair(*sessions_.front(), 2);
+}
+
+}  // namespace
+}  // namespace lscoredb_test
