@@ -120,19 +120,24 @@ void Attachment::Rollback() noexcept {
   End();
 }
 
+// SQLite tells a table of the last savepoint when the transaction first writes it. Those around it
+// begin with the same state, or, when a definition is what writes, with the one before.
 void Attachment::Savepoint(int number) {
-  if (!marks_.empty() && marks_.back().number >= number) return;
-  if (marks_.empty() && number != kWholeTransaction) Savepoint(kWholeTransaction);
-  std::uint64_t savepoint = 0;
-  detail::CheckKernel(lscoredb_savepoint(transaction().context(), &savepoint));
-  marks_.push_back({number, savepoint});
+  int next = marks_.empty() ? kWholeTransaction : marks_.back().number + 1;
+  for (; next <= number; ++next) {
+    std::uint64_t savepoint = 0;
+    if (defining_) {
+      savepoint = marks_.back().savepoint;
+    } else {
+      detail::CheckKernel(lscoredb_savepoint(transaction().context(), &savepoint));
+    }
+    marks_.push_back({next, savepoint});
+  }
 }
 
-// A table that was first written behind a savepoint does not know its number: the next one above
-// stands for the same state.
 void Attachment::RollbackTo(int number) {
   auto const mark = std::find_if(marks_.begin(), marks_.end(),
-                                 [number](Mark const& each) { return each.number >= number; });
+                                 [number](Mark const& each) { return each.number == number; });
   if (mark == marks_.end()) return;
   Drain();
   detail::CheckKernel(lscoredb_rollback_to(context(), mark->savepoint));
@@ -145,9 +150,10 @@ void Attachment::RollbackTo(int number) {
 
 void Attachment::Release(int number) {
   auto const mark = std::find_if(marks_.begin(), marks_.end(),
-                                 [number](Mark const& each) { return each.number >= number; });
+                                 [number](Mark const& each) { return each.number == number; });
   if (mark == marks_.end()) return;
-  detail::CheckKernel(lscoredb_release(context(), mark->savepoint));
+  bool const shared = mark != marks_.begin() && std::prev(mark)->savepoint == mark->savepoint;
+  if (!shared) detail::CheckKernel(lscoredb_release(context(), mark->savepoint));
   marks_.erase(mark, marks_.end());
 }
 
@@ -202,23 +208,37 @@ bool SameToSqlite(Shape const& a, Shape const& b) {
 }  // namespace
 
 // Inside of a transaction the file cannot change under SQLite, so what differs is dropped and
-// created by statements, which go with the transaction or a savepoint.
+// created by statements, which go with the transaction or a savepoint. One at least is created: by
+// that SQLite knows that the transaction writes here, and tells of the savepoints to come.
 void Attachment::TellSqlite(SchemaPtr const& before) {
-  schema_ = Schema::Read(*transaction_);
-  last_table_ = nullptr;
-  std::string sql;
+  SchemaPtr const now = Schema::Read(*transaction_);
+  std::string drop;
+  std::string create;
+  auto const add = [this](std::string& sql, char const* verb, std::string const& name,
+                          char const* end) {
+    sql += verb + Quoted(name_) + "." + Quoted(name) + end;
+  };
   for (auto const& [name, entry] : before->entries()) {
-    Entry const* const now = schema_->Find(name);
-    if (now != nullptr && SameToSqlite(*entry.shape, *now->shape)) continue;
-    sql += "DROP TABLE " + Quoted(name_) + "." + Quoted(name) + ";";
-    if (now == nullptr) continue;
-    sql += "CREATE VIRTUAL TABLE " + Quoted(name_) + "." + Quoted(name) + " USING sagleme;";
+    Entry const* const after = now->Find(name);
+    bool const same = after != nullptr && SameToSqlite(*entry.shape, *after->shape);
+    if (same && (!create.empty() || !entry.shape->table->system)) continue;
+    add(drop, "DROP TABLE ", name, ";");
+    if (after != nullptr) add(create, "CREATE VIRTUAL TABLE ", name, " USING sagleme;");
   }
-  for (auto const& [name, entry] : schema_->entries()) {
-    if (before->Find(name) != nullptr) continue;
-    sql += "CREATE VIRTUAL TABLE " + Quoted(name_) + "." + Quoted(name) + " USING sagleme;";
+  for (auto const& [name, entry] : now->entries()) {
+    if (before->Find(name) == nullptr)
+      add(create, "CREATE VIRTUAL TABLE ", name, " USING sagleme;");
   }
-  defined_ = defining_ = true;
+  defined_ = true;
+  ExecuteDefining(drop);
+  schema_ = now;
+  last_table_ = nullptr;
+  ExecuteDefining(create);
+}
+
+// SQLite connects to a table before it drops it, so what goes is dropped under the schema of before.
+void Attachment::ExecuteDefining(std::string const& sql) {
+  defining_ = true;
   char* text = nullptr;
   int const code = sqlite3_exec(connection_->handle(), sql.c_str(), nullptr, nullptr, &text);
   defining_ = false;

@@ -96,6 +96,7 @@ class Attachment {
   void Forget();
   void Change(DefinitionStatement const& statement);
   void TellSqlite(SchemaPtr const& before);
+  void ExecuteDefining(std::string const& sql);
 
   std::shared_ptr<Store> store_;
   Context context_;

@@ -279,12 +279,18 @@ Candidate Chooser::Best() const {
   return best;
 }
 
-// A condition on a number is exact here, so SQLite need not look at it again.
-bool IsExact(Shape const& shape, Constraint const& constraint) {
-  if (constraint.op == SQLITE_INDEX_CONSTRAINT_IS) return false;
-  if (shape.IsId(constraint.iColumn)) return true;
-  ShapeColumn const* const column = shape.ColumnAt(constraint.iColumn);
-  return column != nullptr && column->type != Type::kString;
+bool IsExact(Type type) { return type == Type::kLong || type == Type::kBool; }
+
+// Whether rows that the index leaves fulfil a condition, so that SQLite need not look at it again.
+// A value for a part of another type may leave more than one value, and what stands for the parts
+// behind it is then not used.
+bool IsExact(Shape const& shape, Plan const& plan, Use const& use) {
+  if (use.in || use.op == SQLITE_INDEX_CONSTRAINT_IS) return false;
+  if (plan.kind == Plan::Kind::kId) return true;
+  auto const& parts = shape.indexes[plan.index].parts;
+  auto const end = parts.begin() + static_cast<std::ptrdiff_t>(use.part);
+  return parts[use.part].type != Type::kString &&
+         std::all_of(parts.begin(), end, [](auto const& part) { return IsExact(part.type); });
 }
 
 }  // namespace
@@ -297,8 +303,7 @@ void Choose(Shape const& shape, std::uint64_t rows, sqlite3_index_info* info, Pl
     Use& use = best.plan.uses[i];
     info->aConstraintUsage[at].argvIndex = static_cast<int>(i) + 1;
     use.in = sqlite3_vtab_in(info, at, 1) != 0;
-    bool const exact = !use.in && IsExact(shape, info->aConstraint[at]);
-    info->aConstraintUsage[at].omit = exact ? 1 : 0;
+    info->aConstraintUsage[at].omit = IsExact(shape, best.plan, use) ? 1 : 0;
     if (!use.in) continue;
     best.plan.ordered = false;
     best.plan.reverse = false;

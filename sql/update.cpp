@@ -1,12 +1,14 @@
 #include "update.h"
 
 #include <algorithm>
+#include <map>
 #include <vector>
 
 #include "attachment.h"
 #include "connection.h"
 #include "failure.h"
 #include "keys.h"
+#include "replace.h"
 #include "table.h"
 #include "text.h"
 #include "values.h"
@@ -64,6 +66,7 @@ class Row {
   std::uint64_t Create(Table const& table, std::uint64_t id);
   void Fill(Table const& table, std::uint64_t oid);
   void Assign(std::uint64_t oid);
+  void ClearTheWay(Table const& table, std::uint64_t oid);
   void Check(std::uint32_t status) const;
   std::string UniqueIndexes() const;
   bool replaces() const {
@@ -205,15 +208,31 @@ sqlite3_int64 Row::Insert(sqlite3_value* id) {
   }
   at_.NoteWrite();
   Undo undo(context_);
+  ClearTheWay(*target, 0);
   std::uint64_t const oid = Create(*target, given);
   Fill(*target, oid);
   undo.Keep();
   return static_cast<sqlite3_int64>(oid);
 }
 
+// OR REPLACE deletes what has the values that the object is to have, as it does in SQLite's own
+// tables.
+void Row::ClearTheWay(Table const& table, std::uint64_t oid) {
+  if (!replaces()) return;
+  std::map<std::uint16_t, Value> values;
+  for (Assignment const& each : assignments_) {
+    values.emplace(each.column->ordinal, each.input.value());
+  }
+  for (ObjectId const id : InTheWay(at_.transaction(), table, values, ObjectId{oid})) {
+    Check(lorv_context_delete(context_, id.value, 0));
+  }
+}
+
 void Row::Assign(std::uint64_t oid) {
   at_.NoteWrite();
   Undo undo(context_);
+  TablePtr const table = replaces() ? at_.TableOf(oid) : nullptr;
+  if (table != nullptr) ClearTheWay(*table, oid);
   for (Assignment const& each : assignments_) {
     Check(each.input.Put(At(oid, shape_.table->layout, *each.column)));
   }
@@ -221,6 +240,7 @@ void Row::Assign(std::uint64_t oid) {
 }
 
 void Row::Update(std::uint64_t oid) {
+  if (replaces() && !Exists(oid)) return;  // OR REPLACE deleted it for another row of the statement
   RequireSame(oid);
   ReadAssignments(false);
   Assign(oid);

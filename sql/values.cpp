@@ -184,6 +184,7 @@ std::uint64_t UnsignedIn(ShapeColumn const& column, sqlite3_value* value) {
   double const real = number->real;
   bool const large = !number->is_integer && real >= 9223372036854775808.0;
   if (large && real < 18446744073709551616.0) return static_cast<std::uint64_t>(real);
+  if (real == 18446744073709551616.0) return UINT64_MAX;  // as what the highest numbers read
   std::int64_t const integer = IntegerIn(column, value);
   if (integer < 0) Refuse(column, value);
   return static_cast<std::uint64_t>(integer);
@@ -199,7 +200,10 @@ Decimal DecimalIn(ShapeColumn const& column, sqlite3_value* value) {
     if (number->is_integer) Refuse(column, value);
   }
   double const millionths = std::nearbyint(number->real * 1e6);
-  if (!(std::abs(millionths) < 9223372036854775808.0)) Refuse(column, value);
+  if (millionths == 9223372036854775808.0) return {INT64_MAX};  // as what the highest reads
+  if (!(millionths >= -9223372036854775808.0 && millionths < 9223372036854775808.0)) {
+    Refuse(column, value);
+  }
   return {static_cast<std::int64_t>(millionths)};
 }
 

@@ -48,6 +48,7 @@ class Input {
   Input(ShapeColumn const& column, sqlite3_value* value);
 
   std::uint32_t Put(Place const& place) const;
+  sagleme::Value const& value() const { return value_; }
 
  private:
   sagleme::Value value_;

@@ -74,6 +74,15 @@ TEST_F(Define, InsideATransaction_GoesWithIt) {
   EXPECT_EQ(sql_("ROLLBACK TO s; SELECT Shelf FROM Item WHERE Year = 1815; COMMIT"), "E");
 }
 
+TEST_F(Define, SavepointAfterATableWasDropped_KeepsThatWhenItIsRolledBackTo) {
+  (*this)("CREATE TABLE Library.Film () UNDER Library.Item");
+  sql_("BEGIN");
+  (*this)("DROP TABLE Film");
+  sql_("SAVEPOINT s; INSERT INTO Item(Title, Year) VALUES('a', 1)");
+  EXPECT_EQ(sql_("ROLLBACK TO s; SELECT count(*) FROM Item; COMMIT"), "0");
+  EXPECT_EQ(sql_("SELECT * FROM Film"), "error: no such table: Film");
+}
+
 TEST_F(Define, Error_SaysWhereAndWhatWasExpected) {
   EXPECT_EQ((*this)("CREATE TABLE a.B (\n  x integer,\n  y nonsense)"),
             "error: line 3, column 5: expected a type, or REF(table), found nonsense");

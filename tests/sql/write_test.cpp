@@ -190,6 +190,25 @@ TEST_F(Write, Savepoints_Nest) {
   EXPECT_EQ(sql_("ROLLBACK TO a; SELECT count(*) FROM Item; RELEASE a"), "0");
 }
 
+TEST_F(Write, SavepointBeforeAStatementThatFailed_IsKept) {
+  sql_("BEGIN; SAVEPOINT a");
+  EXPECT_TRUE(sql_("INSERT INTO Item(Year) VALUES('x')").starts_with("error"));
+  sql_("INSERT INTO Item(Title, Year) VALUES('1', 1)");
+  EXPECT_EQ(sql_("ROLLBACK TO a; SELECT count(*) FROM Item; COMMIT"), "0");
+}
+
+TEST_F(Write, OrReplace_DeletesWhatHasTheSameKey) {
+  sql_("INSERT INTO Person(Name) VALUES('Ann'), ('Bob'), ('Cid')");
+  EXPECT_EQ(sql_("INSERT OR REPLACE INTO Person(Name) VALUES('Ann'), ('Dee')"), "");
+  EXPECT_EQ(sql_("SELECT Name FROM Person ORDER BY _oid"), "Bob\nCid\nAnn\nDee");
+  EXPECT_EQ(sql_("UPDATE OR REPLACE Person SET Name = 'Bob' WHERE Name = 'Cid'"), "");
+  EXPECT_EQ(sql_("UPDATE OR REPLACE Person SET Name = 'Bob' WHERE Name = 'Bob'"), "");
+  EXPECT_EQ(sql_("SELECT Name FROM Person ORDER BY _oid"), "Bob\nAnn\nDee");
+  // All of them come to have one name, and the last one keeps it.
+  EXPECT_EQ(sql_("UPDATE OR REPLACE Person SET Name = 'Eve'"), "");
+  EXPECT_EQ(sql_("SELECT Name FROM Person"), "Eve");
+}
+
 TEST_F(Write, StatementThatFailsInATransaction_IsUndoneAlone) {
   sql_("BEGIN; INSERT INTO Person(Name) VALUES('Ann')");
   EXPECT_TRUE(sql_("INSERT INTO Person(Name) VALUES('x'), ('y'), ('Ann')").starts_with("error"));
