@@ -236,7 +236,7 @@ void Attachment::TellSqlite(SchemaPtr const& before) {
   ExecuteDefining(create);
 }
 
-// SQLite connects to a table before it drops it, so what goes is dropped under the schema of before.
+// SQLite connects to a table before it drops it, so what goes is dropped under the schema before.
 void Attachment::ExecuteDefining(std::string const& sql) {
   defining_ = true;
   char* text = nullptr;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <sagleme/schema_plan.hpp>
 #include <set>
 
 #include "failure.h"
@@ -114,51 +115,48 @@ class Applier {
   Transaction& transaction_;
 };
 
+// The changes that a statement makes, in the words of schema plans.
 class Planner {
  public:
   explicit Planner(Transaction& transaction) : transaction_(transaction) {}
 
-  using Lines = std::vector<std::string>;
-
-  Lines operator()(CreateTableStatement const& it) const {
-    std::string const base =
-        it.base.empty() ? "" : " derived from " + ToUtf8(FullName(transaction_, it.base));
-    return {"instant      create table " + it.table + base};
+  Plan operator()(CreateTableStatement const& it) const {
+    TableDoc table;
+    table.name = it.table;
+    if (!it.base.empty()) table.base = Full(it.base);
+    return {change::CreateTable{table}};
   }
-  Lines operator()(AddColumnStatement const& it) const {
-    return {"background   add " + it.column.name + " to " + Full(it.table)};
+  Plan operator()(AddColumnStatement const& it) const {
+    ColumnDoc column;
+    column.name = it.column.name;
+    return {change::AddColumns{Full(it.table), {column}}};
   }
-  Lines operator()(DropColumnStatement const& it) const {
-    return {"destructive  drop column " + it.column + " of " + Full(it.table) + " with its values"};
+  Plan operator()(DropColumnStatement const& it) const {
+    return {change::DropColumn{Full(it.table), it.column}};
   }
-  Lines operator()(RenameColumnStatement const& it) const {
-    return {"instant      rename column " + it.column + " of " + Full(it.table) + " to " +
-            it.new_name};
+  Plan operator()(RenameColumnStatement const& it) const {
+    return {change::RenameColumn{Full(it.table), it.column, it.new_name}};
   }
-  Lines operator()(RenameTableStatement const& it) const {
-    return {"instant      rename table " + Full(it.table) + " to " + it.new_name};
+  Plan operator()(RenameTableStatement const& it) const {
+    return {change::RenameTable{Full(it.table), it.new_name}};
   }
-  Lines operator()(DropTableStatement const& it) const {
-    TablePtr const top = TableNamed(transaction_, it.table);
-    if (top == nullptr && it.if_exists) return {};
-    if (top == nullptr) RequireTable(transaction_, it.table);
-    Lines lines;
+  Plan operator()(DropTableStatement const& it) const {
+    if (it.if_exists && TableNamed(transaction_, it.table) == nullptr) return {};
+    TablePtr const top = RequireTable(transaction_, it.table);
+    Plan plan;
     for (std::u16string const& index : IndexesOfSubtree(transaction_, top)) {
-      lines.push_back("instant      drop index " + ToUtf8(index));
+      plan.push_back(change::DropIndex{ToUtf8(index)});
     }
     for (TablePtr const& table : Subtree(transaction_, top)) {
-      lines.push_back("destructive  drop table " + ToUtf8(table->name) + " with its objects");
+      plan.push_back(change::DropTable{ToUtf8(table->name)});
       if (!it.cascade) break;
     }
-    return lines;
+    return plan;
   }
-  Lines operator()(CreateIndexStatement const& it) const {
-    return {std::string("background   create ") + (it.unique ? "unique " : "") + "index " +
-            it.index + " on " + Full(it.table)};
+  Plan operator()(CreateIndexStatement const& it) const {
+    return {change::CreateIndex{Full(it.table), {it.index, it.unique, {}}}};
   }
-  Lines operator()(DropIndexStatement const& it) const {
-    return {"instant      drop index " + it.index};
-  }
+  Plan operator()(DropIndexStatement const& it) const { return {change::DropIndex{it.index}}; }
 
  private:
   std::string Full(std::string const& table) const { return ToUtf8(FullName(transaction_, table)); }
@@ -227,7 +225,13 @@ std::string IndexText(Index const& index) {
 }  // namespace
 
 std::vector<std::string> PlanOf(Transaction& transaction, DefinitionStatement const& statement) {
-  return std::visit(Planner(transaction), statement);
+  std::vector<std::string> lines;
+  for (Change const& change : std::visit(Planner(transaction), statement)) {
+    std::string label(LabelName(LabelOf(change)));
+    label.resize(13, ' ');
+    lines.push_back(label + DescribeChange(change));
+  }
+  return lines;
 }
 
 void Apply(Transaction& transaction, DefinitionStatement const& statement) {
@@ -235,11 +239,17 @@ void Apply(Transaction& transaction, DefinitionStatement const& statement) {
 }
 
 // Bases first. A reference to a table that comes later is added when all are there.
-std::string DefinitionsOf(Transaction& transaction) {
+std::string DefinitionsOf(Transaction& transaction, TablePtr const& top) {
   std::vector<TablePtr> tables = transaction.Tables();
   std::sort(tables.begin(), tables.end(),
             [](TablePtr const& a, TablePtr const& b) { return a->setspec < b->setspec; });
-  std::set<std::u16string> made;
+  std::set<std::u16string> made;  // or there already
+  if (top != nullptr) {
+    for (TablePtr const& table : tables) {
+      if (!table->IsA(*top)) made.insert(table->name);
+    }
+    std::erase_if(tables, [&](TablePtr const& table) { return !table->IsA(*top); });
+  }
   std::string text;
   std::string later;
   std::string indexes;

@@ -96,8 +96,9 @@ std::vector<std::string> PlanOf(Transaction& transaction, DefinitionStatement co
 // Makes the change. What was done by a change that failed goes with the transaction or savepoint.
 void Apply(Transaction& transaction, DefinitionStatement const& statement);
 
-// Statements that make the tables of a database again, in an order that works.
-std::string DefinitionsOf(Transaction& transaction);
+// Statements that make the tables of a database again, in an order that works, or `top` and those
+// derived from it where the others are there.
+std::string DefinitionsOf(Transaction& transaction, TablePtr const& top = nullptr);
 
 }  // namespace sagleme::sql
 
