@@ -1,5 +1,7 @@
 #include <sagleme/metalayer/records.hpp>
 
+#include "frame/traps.h"
+
 namespace db_util {
 namespace {
 

@@ -9,6 +9,7 @@
 
 #include "bootstrap/start_up.h"
 #include "bootstrap/version_row.h"
+#include "metaschema/system_tables_init.h"
 
 namespace metalayer {
 

@@ -4,6 +4,8 @@
 #include <sagleme/metalayer/schema.hpp>
 #include <sagleme/metalayer/types.hpp>
 
+#include "metaschema/setspec.h"
+
 namespace metalayer {
 
 namespace {

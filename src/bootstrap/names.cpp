@@ -5,6 +5,8 @@
 #include <sagleme/metalayer/names.hpp>
 #include <sagleme/metalayer/schema.hpp>
 
+#include "metaschema/setspec.h"
+
 namespace metalayer {
 
 namespace {

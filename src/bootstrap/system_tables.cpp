@@ -5,6 +5,8 @@
 #include <sagleme/metalayer/catalogue.hpp>
 #include <sagleme/metalayer/schema.hpp>
 
+#include "metaschema/system_tables_init.h"
+
 namespace metalayer {
 
 namespace {

@@ -9,6 +9,7 @@
 
 #include "bootstrap/system_tables.h"
 #include "bootstrap/version_row.h"
+#include "metaschema/system_tables_init.h"
 
 namespace metalayer {
 

@@ -6,6 +6,7 @@
 #include <sagleme/metalayer/types.hpp>
 
 #include "ddl/utils.h"
+#include "metaschema/setspec.h"
 
 namespace metalayer::ddl {
 

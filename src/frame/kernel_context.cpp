@@ -2,6 +2,8 @@
 
 #include <sagleme/metalayer/context.hpp>
 
+#include "frame/traps.h"
+
 namespace metalayer {
 namespace {
 

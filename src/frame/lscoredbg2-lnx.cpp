@@ -1,5 +1,6 @@
 #include <cstdlib>
-#include <sagleme/metalayer/context.hpp>
+
+#include "frame/traps.h"
 
 // The stops stand in a code section of their own, so that a post-mortem finds them at a glance and
 // the ordinary code stays free of them.

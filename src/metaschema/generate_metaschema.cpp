@@ -384,7 +384,8 @@ void WriteTableIndexes(std::ostream& out, TableRecord const& table) {
 void WriteTable(std::ostream& out, Schema const& schema) {
   out << "// Generated from the description of the metaschema.\n\n"
       << "#include <sagleme/metalayer/catalogue.hpp>\n"
-      << "#include <sagleme/metalayer/metaschema.hpp>\n\nnamespace metalayer {\n\n"
+      << "#include <sagleme/metalayer/metaschema.hpp>\n\n"
+      << "#include \"metaschema/system_tables_init.h\"\n\nnamespace metalayer {\n\n"
       << "TABLE_INFO_STATIC const metaschema_init_generated_from_json[] = {\n";
   for (TableRecord const& table : schema) {
     out << "    {" << Literal(table.name) << ", " << table.token << ", " << table.type_id << ",\n";

@@ -8,6 +8,8 @@
 #include <sagleme/metalayer/schema.hpp>
 #include <sagleme/metalayer/types.hpp>
 
+#include "metaschema/system_tables_init.h"
+
 namespace metalayer {
 
 namespace {

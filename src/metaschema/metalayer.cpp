@@ -6,6 +6,7 @@
 #include <sagleme/metalayer/schema.hpp>
 #include <string_view>
 
+#include "metaschema/setspec.h"
 #include "metaschema/system_row.h"
 
 namespace metalayer {

@@ -4,6 +4,7 @@
 #include <sagleme/metalayer/metaschema.hpp>
 #include <sagleme/metalayer/types.hpp>
 
+#include "frame/traps.h"
 #include "metaschema/descriptors.h"
 
 namespace metalayer {

@@ -4,6 +4,7 @@
 #include <sagleme/metalayer/catalogue.hpp>
 #include <sagleme/metalayer/schema.hpp>
 
+#include "frame/traps.h"
 #include "metaschema/layout_tables.h"
 
 namespace metalayer {

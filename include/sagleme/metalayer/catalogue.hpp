@@ -1,6 +1,8 @@
 #ifndef SAGLEME_METALAYER_CATALOGUE_HPP
 #define SAGLEME_METALAYER_CATALOGUE_HPP
 
+// Part of the binary interface for makers of bindings; see <sagleme/metalayer.hpp>.
+//
 // The 25 system tables as classes.
 //
 // An object of such a class is a row reference with getters, null when a lookup found nothing. The

@@ -1,7 +1,9 @@
 #ifndef SAGLEME_METALAYER_CONTEXT_HPP
 #define SAGLEME_METALAYER_CONTEXT_HPP
 
-// The context of the calling thread, and the stops for what must never be.
+// Part of the binary interface for makers of bindings; see <sagleme/metalayer.hpp>.
+//
+// The context of the calling thread, and the stop for what must never be.
 
 #include <lscoredb/lscoredb.h>
 #include <sagleme/export.h>
@@ -24,14 +26,5 @@ class SAGLEME_API TlsMetalayerContext {
 [[noreturn]] SAGLEME_API void FatalError();
 
 }  // namespace metalayer
-
-extern "C" {
-// Emergency stops: each calls abort, whatever it is given.
-[[noreturn]] void raise_unexpected_except(unsigned int code);
-[[noreturn]] void raise_assertion_failure_except();
-[[noreturn]] void raise_assertion_failure_except_with_data(void const* data);
-[[noreturn]] void raise_no_memory_except();
-[[noreturn]] void raise_unhandled_except();
-}
 
 #endif

@@ -1,6 +1,8 @@
 #ifndef SAGLEME_METALAYER_CRUD_HPP
 #define SAGLEME_METALAYER_CRUD_HPP
 
+// Part of the binary interface for makers of bindings; see <sagleme/metalayer.hpp>.
+//
 // What stands behind the handles of object access. Handles are addresses of these records; two
 // caches of their database own them. lorv_crud_RefreshIssuedHandles frees those of what is gone,
 // and the last close of the database all of them.

@@ -1,6 +1,8 @@
 #ifndef SAGLEME_METALAYER_DDL_HPP
 #define SAGLEME_METALAYER_DDL_HPP
 
+// Part of the binary interface for makers of bindings; see <sagleme/metalayer.hpp>.
+//
 // Changes of the user schema.
 //
 // All of it runs on the caller's thread, in the thread's context and inside the transaction that is

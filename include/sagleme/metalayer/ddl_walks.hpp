@@ -1,6 +1,8 @@
 #ifndef SAGLEME_METALAYER_DDL_WALKS_HPP
 #define SAGLEME_METALAYER_DDL_WALKS_HPP
 
+// Part of the binary interface for makers of bindings; see <sagleme/metalayer.hpp>.
+//
 // The bodies of the walks that ddl.hpp declares.
 
 #include <sagleme/metalayer/ddl.hpp>

@@ -1,6 +1,8 @@
 #ifndef SAGLEME_METALAYER_ERRORS_HPP
 #define SAGLEME_METALAYER_ERRORS_HPP
 
+// Part of the binary interface for makers of bindings; see <sagleme/metalayer.hpp>.
+//
 // Failures: one exception type that carries one number, and the text of the last failure of a
 // context, written before the exception is thrown.
 

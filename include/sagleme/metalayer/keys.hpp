@@ -1,6 +1,8 @@
 #ifndef SAGLEME_METALAYER_KEYS_HPP
 #define SAGLEME_METALAYER_KEYS_HPP
 
+// Part of the binary interface for makers of bindings; see <sagleme/metalayer.hpp>.
+//
 // The byte keys of all index access.
 //
 // A key is the fields of the index's columns in order, the end mark 0xC0, and zero bytes up to a

@@ -1,6 +1,8 @@
 #ifndef SAGLEME_METALAYER_METASCHEMA_HPP
 #define SAGLEME_METALAYER_METASCHEMA_HPP
 
+// Part of the binary interface for makers of bindings; see <sagleme/metalayer.hpp>.
+//
 // The definition of the 25 system tables, and the descriptors that bootstrap expands it into.
 //
 // The static records are constant and generated from one description. A MetaschemaInit owns the
@@ -218,14 +220,6 @@ class SAGLEME_API MetaschemaInit {
   static std::unique_ptr<TABLE_INFO[]> g_inits_;
   static std::unique_ptr<TableByName> g_table_by_name_;
 };
-
-// One Init function per system table, in table order.
-using MetaclassInit = unsigned short (*)(std::u16string const& setspec, unsigned long type_id);
-extern MetaclassInit const g_inits[nr_meta_table_inits_generated_from_json];
-
-// Finds the table's layout and indexes in the database and readies its class; false when the table
-// is not all there.
-bool init_meta_table(TABLE_INFO& table);
 
 // Finds or makes the set specifier of a system table and its row.
 SAGLEME_API void populate_setspec(TABLE_INFO& table);

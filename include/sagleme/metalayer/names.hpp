@@ -1,6 +1,8 @@
 #ifndef SAGLEME_METALAYER_NAMES_HPP
 #define SAGLEME_METALAYER_NAMES_HPP
 
+// Part of the binary interface for makers of bindings; see <sagleme/metalayer.hpp>.
+//
 // The forms of a table's name, and the search for a table by less than its full name.
 //
 // A name is split into segments at its dots. A table with the full name App.Model.Customer is

@@ -1,6 +1,8 @@
 #ifndef SAGLEME_METALAYER_SCHEMA_HPP
 #define SAGLEME_METALAYER_SCHEMA_HPP
 
+// Part of the binary interface for makers of bindings; see <sagleme/metalayer.hpp>.
+//
 // What reaches tables by number: tokens, set specifiers, layouts, type ids.
 //
 // A token is a number for a name, a set specifier a text that places a table in the inheritance
@@ -87,9 +89,6 @@ SAGLEME_API void RangeGlobalSetspecIndex(char16_t const* setspec,
 // Bootstrap: gives the bases of every table whose specifier is known theirs.
 // REQUIRES: a MetaschemaInit in force.
 SAGLEME_API void RecoverSetspecs();
-
-// True when the row's set specifier begins with `setspec`, or `setspec` is empty.
-bool SetspecBeginsWith(LS_OBJ_REF const& row, std::u16string const& setspec);
 
 // ---- layouts and type ids -----------------------------------------------------------------------
 

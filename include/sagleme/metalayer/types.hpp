@@ -1,6 +1,8 @@
 #ifndef SAGLEME_METALAYER_TYPES_HPP
 #define SAGLEME_METALAYER_TYPES_HPP
 
+// Part of the binary interface for makers of bindings; see <sagleme/metalayer.hpp>.
+//
 // The vocabularies of column types: SQL names, logical codes, kernel codes. Static tables, built
 // with the library and never changed.
 
