@@ -28,19 +28,17 @@ install(FILES ${PROJECT_BINARY_DIR}/sagleme-config.cmake
               ${PROJECT_BINARY_DIR}/sagleme-config-version.cmake
         DESTINATION ${SAGLEME_PACKAGE_DIR})
 
-# Paths in the pkg-config files are told from the place of the files.
+# One name gives a program all that the headers declare. Paths in the pkg-config files are told from the place of the files.
 set(SAGLEME_PKGCONFIG_DIR ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 file(RELATIVE_PATH SAGLEME_PC_PREFIX /${SAGLEME_PKGCONFIG_DIR} /)
 string(REGEX REPLACE "/$" "" SAGLEME_PC_PREFIX "${SAGLEME_PC_PREFIX}")
 set(SAGLEME_PC_REQUIRES "")
-set(SAGLEME_PC_KERNEL_LIBS "-llscoredb -llsllvm")
+set(SAGLEME_PC_LIBS "-lsagleme -llscoredb -llsllvm")
 if(SAGLEME_KERNEL STREQUAL "embedded")
   set(SAGLEME_PC_REQUIRES "lscoredb = ${PROJECT_VERSION}")
-  set(SAGLEME_PC_KERNEL_LIBS "")
+  set(SAGLEME_PC_LIBS "-lsaglemehost -lsagleme")
   configure_file(cmake/lscoredb.pc.in lscoredb.pc @ONLY)
-  configure_file(cmake/saglemehost.pc.in saglemehost.pc @ONLY)
-  install(FILES ${PROJECT_BINARY_DIR}/lscoredb.pc ${PROJECT_BINARY_DIR}/saglemehost.pc
-          DESTINATION ${SAGLEME_PKGCONFIG_DIR})
+  install(FILES ${PROJECT_BINARY_DIR}/lscoredb.pc DESTINATION ${SAGLEME_PKGCONFIG_DIR})
 endif()
 configure_file(cmake/sagleme.pc.in sagleme.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/sagleme.pc DESTINATION ${SAGLEME_PKGCONFIG_DIR})

@@ -96,7 +96,10 @@ class Applier {
               {.children = it.cascade, .force = it.cascade});
   }
   void operator()(CreateIndexStatement const& it) const {
-    if (it.if_not_exists && transaction_.FindIndex(ToUtf16(it.index)).has_value()) return;
+    if (transaction_.FindIndex(it.index).has_value()) {
+      if (it.if_not_exists) return;
+      throw Failure(SQLITE_ERROR, "index " + it.index + " already exists");
+    }
     std::vector<IndexColumnSpec> parts;
     for (auto const& part : it.parts) parts.push_back({ToUtf16(part.column), !part.descending});
     CreateIndex(transaction_, ToUtf16(it.index), FullName(transaction_, it.table), parts,

@@ -5,6 +5,7 @@
 
 #include <sagleme/export.h>
 
+#include <sagleme/cxx20.hpp>
 #include <stdexcept>
 #include <string>
 

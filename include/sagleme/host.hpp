@@ -25,6 +25,7 @@
 //     change takes back, or the rollback of the transaction.
 //  4. Texts are UTF-16 inside; ToUtf8 and ToUtf16 convert.
 
+#include <sagleme/cxx20.hpp>
 #include <sagleme/host/database.hpp>
 #include <sagleme/host/errors.hpp>
 #include <sagleme/host/object.hpp>

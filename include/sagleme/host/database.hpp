@@ -8,6 +8,7 @@
 
 #include <filesystem>
 #include <functional>
+#include <sagleme/host/creation_lock.hpp>
 #include <sagleme/host/errors.hpp>
 #include <string>
 
@@ -17,6 +18,8 @@ struct Options {
   bool no_sync = false;             // commits survive the process, not the machine
   std::uint64_t max_file_size = 0;  // bytes; 0: the kernel's own
   std::uint64_t row_memory = 0;     // bytes for rows that were read; likewise
+  std::uint32_t max_readers = 0;    // transactions at once over all processes; likewise
+  bool verify = false;              // reads every page in use before anything is trusted
 };
 
 // Told after each step of the bootstrap; steps count from 1.
@@ -32,6 +35,10 @@ class Database {
                          Options const& options = {});
   // Opens an existing one; nothing is created when there is none, which is LSCOREDB_NOT_A_DATABASE.
   static Database Open(std::string const& directory, Options const& options = {});
+  // Opens what `directory` holds, and creates a database where it holds none or the beginnings of
+  // one. Several processes may do so at the same time.
+  static Database OpenOrCreate(std::string const& directory, Progress const& progress = {},
+                               Options const& options = {});
   // A new one in memory, gone with the object.
   static Database InMemory(Progress const& progress = {}, Options const& options = {});
 
@@ -43,6 +50,8 @@ class Database {
   }
 
   lscoredb* handle() const { return handle_; }
+  // The handle, which is the caller's to close from now on.
+  lscoredb* Release() { return std::exchange(handle_, nullptr); }
 
   // Sizes, commits and open transactions, over all processes.
   lscoredb_statistics Statistics() const {
@@ -185,6 +194,8 @@ inline Database Database::OpenKernel(char const* directory, Options const& optio
   lscoredb_options kernel_options{};
   kernel_options.size = sizeof kernel_options;
   kernel_options.durability = options.no_sync ? LSCOREDB_NO_SYNC : LSCOREDB_DURABLE;
+  kernel_options.verify = options.verify ? 1 : 0;
+  kernel_options.max_readers = options.max_readers;
   kernel_options.max_file_size = options.max_file_size;
   kernel_options.row_memory = options.row_memory;
   lscoredb* handle = nullptr;
@@ -217,9 +228,9 @@ inline bool Database::IsWhole() {
 
 inline Database Database::Create(std::string const& directory, Progress const& progress,
                                  Options const& options) {
-  bool const begun = ExistsIn(directory);
   Database database = OpenKernel(directory.c_str(), options);
-  if (begun && database.IsWhole()) {
+  detail::CreationLock const alone(directory);
+  if (database.IsWhole()) {
     throw Error(LSCOREDB_CANNOT_OPEN, directory + " already holds a database.");
   }
   database.Bootstrap(progress);
@@ -235,6 +246,14 @@ inline Database Database::Open(std::string const& directory, Options const& opti
     throw Error(detail::kPartialCatalogue,
                 "The creation of the database in " + directory + " was cut off. Create it again.");
   }
+  return database;
+}
+
+inline Database Database::OpenOrCreate(std::string const& directory, Progress const& progress,
+                                       Options const& options) {
+  Database database = OpenKernel(directory.c_str(), options);
+  detail::CreationLock const alone(directory);
+  if (!database.IsWhole()) database.Bootstrap(progress);
   return database;
 }
 

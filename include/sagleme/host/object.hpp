@@ -42,12 +42,12 @@ class Object {
   Value Get(Table const& table, Column const& column) const {
     return detail::GetValue(At(table, column), column.type);
   }
-  Value Get(std::u16string_view column) const;
+  Value Get(TextView const& column) const;
   // Null sets a column that cannot be null to zero.
   void Set(Table const& table, Column const& column, Value const& value) {
     detail::PutValue(At(table, column), column.type, value);
   }
-  void Set(std::u16string_view column, Value const& value);
+  void Set(TextView const& column, Value const& value);
   void Delete() {
     detail::CheckKernel(
         lorv_context_delete(transaction_->context(), reference_.oid, reference_.addr));
@@ -65,21 +65,20 @@ class Object {
   LS_OBJ_REF reference_;
 };
 
-// A typed property: one column of a table, for objects of the table and of its descendants. T is
-// bool, int64_t, uint64_t, Decimal, float, double, std::u16string, std::u16string_view (a view that
-// ends with the transaction or the read scope), Bytes or ObjectId, and has to fit the column's
-// type: LSCOREDB_WRONG_TYPE otherwise. Valid as long as the table's shape, in its database alone:
-// for objects of another one LORV_STATUS_FOREIGN_DATABASE.
+// A typed property: a column of a table, for objects of it and of its descendants. T is bool,
+// int64_t, uint64_t, Decimal, float, double, std::u16string, std::string or std::u8string (UTF-8),
+// std::u16string_view (which ends with the transaction or read scope), Bytes or ObjectId, and fits
+// the column's type: LSCOREDB_WRONG_TYPE otherwise. Valid as long as the table's shape, in its
+// database alone: for objects of another one LORV_STATUS_FOREIGN_DATABASE.
 template <typename T>
 class Property {
  public:
-  Property(Table const& table, std::u16string_view name)
+  Property(Table const& table, TextView const& name)
       : database_(table.database), layout_(table.layout), column_(table.GetColumn(name).ordinal) {
     if (!detail::TypeOf<T>::Fits(table.GetColumn(name).type)) {
       detail::CheckKernel(LSCOREDB_WRONG_TYPE);
     }
   }
-  Property(Table const& table, std::string_view name) : Property(table, ToUtf16(name)) {}
 
   // Nothing for null.
   std::optional<T> Get(Object const& object) const {
@@ -156,12 +155,12 @@ inline TablePtr Object::LiveTable() const {
               "The table of object " + std::to_string(reference_.oid) + " was dropped.");
 }
 
-inline Value Object::Get(std::u16string_view column) const {
+inline Value Object::Get(TextView const& column) const {
   TablePtr const own = LiveTable();
   return Get(*own, own->GetColumn(column));
 }
 
-inline void Object::Set(std::u16string_view column, Value const& value) {
+inline void Object::Set(TextView const& column, Value const& value) {
   TablePtr const own = LiveTable();
   Set(*own, own->GetColumn(column), value);
 }

@@ -55,7 +55,7 @@ class Range {
   // The texts of the index's first column that begin so. REQUIRES: an ascending column of type
   // string.
   static Range StartingWith(Transaction& transaction, Index const& index,
-                            std::u16string const& beginning);
+                            TextView const& beginning);
 
   Range(Range&& other) noexcept
       : transaction_(other.transaction_),
@@ -220,8 +220,8 @@ inline Range Range::Matching(Transaction& transaction, Index const& index,
 }
 
 inline Range Range::StartingWith(Transaction& transaction, Index const& index,
-                                 std::u16string const& beginning) {
-  std::vector<Value> const bound{beginning};
+                                 TextView const& beginning) {
+  std::vector<Value> const bound{beginning.view()};
   return Between(transaction, index, IndexKey(index, bound), IndexKey(index, bound, true));
 }
 

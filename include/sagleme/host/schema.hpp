@@ -3,10 +3,11 @@
 
 // Changes of the schema, in the transaction given and kept or undone with it.
 //
-// All names are full names. A failure half way leaves what was done so far to the transaction,
-// which is then to be rolled back. Objects are never touched: what moves or goes is asked for in
-// the catalogue and done later by <sagleme/vacuum.hpp>.
+// Names are full names. A failure half way leaves what was done so far to the transaction, which is
+// then to be rolled back. Objects are never touched: what moves or goes is asked for in the
+// catalogue and done later by <sagleme/vacuum.hpp>.
 
+#include <initializer_list>
 #include <sagleme/host/transaction.hpp>
 #include <span>
 #include <string>
@@ -16,14 +17,14 @@
 namespace sagleme {
 
 struct ColumnSpec {
-  std::u16string name;
+  Text name;
   Type type = Type::kString;
   bool nullable = true;
-  std::u16string target = {};  // of a reference: the full name of its table
+  Text target = {};  // of a reference: the full name of its table
 };
 
 struct IndexColumnSpec {
-  std::u16string name;
+  Text name;
   bool ascending = true;
 };
 
@@ -63,8 +64,8 @@ void ChangeSchema(Transaction& transaction, Change&& change) {
 
 // An empty base is the root of all tables. A table that exists with just this definition is left
 // alone. Targets of references may come later in the same transaction: FinishReferences ends that.
-inline TablePtr CreateTable(Transaction& transaction, std::u16string const& name,
-                            std::u16string const& base, std::span<ColumnSpec const> columns) {
+inline TablePtr CreateTable(Transaction& transaction, Text const& name, Text const& base,
+                            std::span<ColumnSpec const> columns) {
   detail::ColumnArray const array(columns);
   detail::ChangeSchema(transaction, [&](std::uint64_t context) {
     std::uint16_t layout = 0;
@@ -73,36 +74,42 @@ inline TablePtr CreateTable(Transaction& transaction, std::u16string const& name
   });
   return transaction.table(name);
 }
+inline TablePtr CreateTable(Transaction& transaction, Text const& name, Text const& base,
+                            std::initializer_list<ColumnSpec> columns) {
+  return CreateTable(transaction, name, base, std::span(columns.begin(), columns.size()));
+}
 
 // Gives reference columns whose targets came later their type; 15002 when one is still missing.
 inline void FinishReferences(Transaction& transaction) {
   detail::ChangeSchema(transaction, lorv_update_reference_columns_types);
 }
 
-inline void AddColumns(Transaction& transaction, std::u16string const& table,
+inline void AddColumns(Transaction& transaction, Text const& table,
                        std::span<ColumnSpec const> columns) {
   detail::ColumnArray const array(columns);
   detail::ChangeSchema(transaction, [&](std::uint64_t context) {
     return lorv_alter_table_add_columns(context, table.c_str(), array.data(), nullptr);
   });
 }
+inline void AddColumns(Transaction& transaction, Text const& table,
+                       std::initializer_list<ColumnSpec> columns) {
+  AddColumns(transaction, table, std::span(columns.begin(), columns.size()));
+}
 
-inline void DropColumn(Transaction& transaction, std::u16string const& table,
-                       std::u16string const& column) {
+inline void DropColumn(Transaction& transaction, Text const& table, Text const& column) {
   detail::ChangeSchema(transaction, [&](std::uint64_t context) {
     return lorv_alter_table_drop_column_by_names(context, table.c_str(), column.c_str(), nullptr);
   });
 }
 
-inline void RenameColumn(Transaction& transaction, std::u16string const& table,
-                         std::u16string const& column, std::u16string const& new_name) {
+inline void RenameColumn(Transaction& transaction, Text const& table, Text const& column,
+                         Text const& new_name) {
   detail::ChangeSchema(transaction, [&](std::uint64_t context) {
     return lorv_alter_table_rename_column(context, table.c_str(), column.c_str(), new_name.c_str());
   });
 }
 
-inline void RenameTable(Transaction& transaction, std::u16string const& table,
-                        std::u16string const& new_name) {
+inline void RenameTable(Transaction& transaction, Text const& table, Text const& new_name) {
   detail::ChangeSchema(transaction, [&](std::uint64_t context) {
     return lorv_rename_table(context, table.c_str(), new_name.c_str());
   });
@@ -113,27 +120,44 @@ struct DropOptions {
   bool force = false;     // references to the tables do not hold them
 };
 
-// Several tables that may refer to one another go together.
-inline void DropTables(Transaction& transaction, std::span<std::u16string const> names,
-                       DropOptions options = {}) {
+// Several tables that may refer to one another go together. `names` holds texts of any form.
+template <typename Names = std::initializer_list<Text>>
+void DropTables(Transaction& transaction, Names const& names, DropOptions options = {}) {
+  std::vector<Text> const texts(std::begin(names), std::end(names));
   std::vector<char16_t const*> array;
-  for (std::u16string const& name : names) array.push_back(name.c_str());
+  for (Text const& name : texts) array.push_back(name.c_str());
   array.push_back(nullptr);
   detail::ChangeSchema(transaction, [&](std::uint64_t context) {
     return lorv_drop_tables_by_names(context, array.data(), options.children, options.force);
   });
 }
 
-inline void DropTable(Transaction& transaction, std::u16string const& name,
-                      DropOptions options = {}) {
+inline void DropTable(Transaction& transaction, Text const& name, DropOptions options = {}) {
   detail::ChangeSchema(transaction, [&](std::uint64_t context) {
     return lorv_drop_table_by_name(context, name.c_str(), options.children, options.force);
   });
 }
 
-inline void CreateIndex(Transaction& transaction, std::u16string const& name,
-                        std::u16string const& table, std::span<IndexColumnSpec const> columns,
+namespace detail {
+
+inline bool IsDefinedSo(Index const& index, Text const& table,
+                        std::span<IndexColumnSpec const> columns, Uniqueness uniqueness) {
+  return index.table == table && index.unique == (uniqueness == Uniqueness::kUnique) &&
+         std::equal(columns.begin(), columns.end(), index.columns.begin(), index.columns.end(),
+                    [](IndexColumnSpec const& spec, IndexedColumn const& column) {
+                      return spec.name == column.name && spec.ascending == column.ascending;
+                    });
+}
+
+}  // namespace detail
+
+// An index that exists with just this definition is left alone; SAGLEME_INDEX_EXISTS for another
+// one of its name.
+inline void CreateIndex(Transaction& transaction, Text const& name, Text const& table,
+                        std::span<IndexColumnSpec const> columns,
                         Uniqueness uniqueness = Uniqueness::kAny) {
+  std::optional<Index> const existing = transaction.FindIndex(name);
+  if (existing && detail::IsDefinedSo(*existing, table, columns, uniqueness)) return;
   std::vector<LORV_INDEXED_COLUMN> array;
   for (IndexColumnSpec const& column : columns) {
     array.push_back({column.name.c_str(), static_cast<std::uint8_t>(column.ascending ? 1 : 0)});
@@ -144,8 +168,13 @@ inline void CreateIndex(Transaction& transaction, std::u16string const& name,
                                       uniqueness == Uniqueness::kUnique);
   });
 }
+inline void CreateIndex(Transaction& transaction, Text const& name, Text const& table,
+                        std::initializer_list<IndexColumnSpec> columns,
+                        Uniqueness uniqueness = Uniqueness::kAny) {
+  CreateIndex(transaction, name, table, std::span(columns.begin(), columns.size()), uniqueness);
+}
 
-inline void DropIndex(Transaction& transaction, std::u16string const& name) {
+inline void DropIndex(Transaction& transaction, Text const& name) {
   detail::ChangeSchema(transaction, [&](std::uint64_t context) {
     return lorv_drop_index_by_name(context, name.c_str());
   });

@@ -63,13 +63,13 @@ struct Table {
     return std::u16string_view(name).substr(dot == std::u16string::npos ? 0 : dot + 1);
   }
   // Null when there is none.
-  Column const* FindColumn(std::u16string_view column) const {
+  Column const* FindColumn(TextView const& column) const {
     auto const at = std::find_if(columns.begin(), columns.end(),
-                                 [&](Column const& each) { return each.name == column; });
+                                 [&](Column const& each) { return each.name == column.view(); });
     return at == columns.end() ? nullptr : &*at;
   }
   // Throws Error with 7038.
-  Column const& GetColumn(std::u16string_view column) const {
+  Column const& GetColumn(TextView const& column) const {
     if (Column const* const found = FindColumn(column)) return *found;
     throw Error(SAGLEME_NO_SUCH_COLUMN,
                 "Table " + ToUtf8(name) + " has no column " + ToUtf8(column) + ".");

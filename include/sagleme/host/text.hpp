@@ -3,6 +3,9 @@
 
 // UTF-8 outside, UTF-16 inside.
 //
+// Functions take texts as TextView and structs hold them as Text; both are made from UTF-16 and
+// from UTF-8, from literals (u"x", "x", u8"x"), strings and views.
+//
 // The database takes lone surrogates, and so do these: one becomes three bytes of the same shape as
 // any other unit's, and such bytes become a lone surrogate again, so that every stored text
 // survives the way out and back.
@@ -10,9 +13,11 @@
 #include <sagleme/export.h>
 
 #include <cstdint>
+#include <sagleme/cxx20.hpp>
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace sagleme {
 
@@ -126,6 +131,52 @@ inline bool IsWellFormed(std::u16string_view text) {
   }
   return true;
 }
+
+inline std::u16string ToUtf16(std::u8string_view text) {
+  return ToUtf16(std::string_view(reinterpret_cast<char const*>(text.data()), text.size()));
+}
+
+// A text as a parameter: views UTF-16, and holds the UTF-16 that it makes of UTF-8. Views what it
+// was made from, which has to outlive it. The constructors from UTF-8 throw BadUtf8.
+class TextView {
+ public:
+  TextView() = default;
+  TextView(char16_t const* text) : view_(text) {}
+  TextView(std::u16string_view text) : view_(text) {}
+  TextView(std::u16string const& text) : view_(text) {}
+  TextView(char const* utf8) : TextView(std::string_view(utf8)) {}
+  TextView(std::string_view utf8) : converted_(ToUtf16(utf8)), view_(converted_) {}
+  TextView(std::string const& utf8) : TextView(std::string_view(utf8)) {}
+  TextView(char8_t const* utf8) : TextView(std::u8string_view(utf8)) {}
+  TextView(std::u8string_view utf8) : converted_(ToUtf16(utf8)), view_(converted_) {}
+  TextView(std::u8string const& utf8) : TextView(std::u8string_view(utf8)) {}
+  TextView(TextView const&) = delete;  // the view may be of the object itself
+  TextView& operator=(TextView const&) = delete;
+
+  operator std::u16string_view() const { return view_; }
+  std::u16string_view view() const { return view_; }
+  std::u16string str() const { return std::u16string(view_); }
+  bool empty() const { return view_.empty(); }
+
+ private:
+  std::u16string converted_;
+  std::u16string_view view_;
+};
+
+// A text that owns its units. The constructors from UTF-8 throw BadUtf8.
+class Text : public std::u16string {
+ public:
+  Text() = default;
+  Text(std::u16string text) : std::u16string(std::move(text)) {}
+  Text(std::u16string_view text) : std::u16string(text) {}
+  Text(char16_t const* text) : std::u16string(text) {}
+  Text(std::string_view utf8) : std::u16string(ToUtf16(utf8)) {}
+  Text(std::string const& utf8) : std::u16string(ToUtf16(utf8)) {}
+  Text(char const* utf8) : std::u16string(ToUtf16(utf8)) {}
+  Text(std::u8string_view utf8) : std::u16string(ToUtf16(utf8)) {}
+  Text(std::u8string const& utf8) : std::u16string(ToUtf16(utf8)) {}
+  Text(char8_t const* utf8) : std::u16string(ToUtf16(utf8)) {}
+};
 
 }  // namespace sagleme
 

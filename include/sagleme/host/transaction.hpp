@@ -20,12 +20,11 @@ class Transaction : public RawTransaction {
   using RawTransaction::RawTransaction;
 
   // By the full name; null when there is none.
-  TablePtr Find(std::u16string_view full_name);
+  TablePtr Find(TextView const& full_name);
   // By the full name; Error with 15003 when there is none.
-  TablePtr table(std::u16string_view full_name);
-  TablePtr table(std::string_view full_name) { return table(ToUtf16(full_name)); }
+  TablePtr table(TextView const& full_name);
   // By a name that may lack leading segments. 15003: no such table, 7039: several.
-  TablePtr Resolve(std::u16string_view name);
+  TablePtr Resolve(TextView const& name);
   // By the catalogue's row; null when there is none.
   TablePtr ById(ObjectId id);
   // The table of all objects with that set specifier; null when it was dropped.
@@ -35,7 +34,7 @@ class Transaction : public RawTransaction {
   // The tables derived directly from one, by full name.
   std::vector<TablePtr> Children(Table const& table, bool system = false);
   // An index by its name, unique in the database; nothing when there is none.
-  std::optional<Index> FindIndex(std::u16string_view name);
+  std::optional<Index> FindIndex(TextView const& name);
 
   // The counter of schema changes, as this transaction sees it.
   std::uint64_t Generation();
@@ -74,24 +73,24 @@ inline TablePtr Transaction::Keep(metalayer::RawView const& view) {
   return kept = table;
 }
 
-inline TablePtr Transaction::Find(std::u16string_view full_name) {
-  auto const kept = by_name_.find(full_name);
+inline TablePtr Transaction::Find(TextView const& full_name) {
+  auto const kept = by_name_.find(full_name.view());
   if (kept != by_name_.end()) return kept->second;
   return detail::Inside(context(), [&] {
-    std::u16string const name(full_name);
+    std::u16string const name = full_name.str();
     return Keep(metalayer::RawView::ByRawViewPK2fullname(name.c_str()));
   });
 }
 
-inline TablePtr Transaction::table(std::u16string_view full_name) {
+inline TablePtr Transaction::table(TextView const& full_name) {
   if (TablePtr const found = Find(full_name)) return found;
   throw Error(SAGLEME_TABLE_NOT_FOUND, "Table " + ToUtf8(full_name) + " not found.");
 }
 
-inline TablePtr Transaction::Resolve(std::u16string_view name) {
+inline TablePtr Transaction::Resolve(TextView const& name) {
   if (TablePtr const exact = Find(name)) return exact;
   return detail::Inside(context(), [&] {
-    std::u16string const text(name);
+    std::u16string const text = name.str();
     return Keep(metalayer::DottedName2RawView(metalayer::DottedName::Split(text.c_str())));
   });
 }
@@ -150,9 +149,9 @@ inline std::vector<TablePtr> Transaction::Children(Table const& table, bool syst
   });
 }
 
-inline std::optional<Index> Transaction::FindIndex(std::u16string_view name) {
+inline std::optional<Index> Transaction::FindIndex(TextView const& name) {
   return detail::Inside(context(), [&]() -> std::optional<Index> {
-    std::u16string const text(name);
+    std::u16string const text = name.str();
     auto const row = metalayer::Index::ByIndexPK(text.c_str());
     if (row.is_null()) return std::nullopt;
     return detail::LoadIndex(row);

@@ -33,7 +33,7 @@ inline constexpr std::array<std::string_view, 11> kTypeNames = {
 inline std::string_view TypeName(Type type) { return kTypeNames[static_cast<std::size_t>(type)]; }
 
 // Columns of these types take null whatever their definition says.
-inline bool MustBeNullable(Type type) {
+constexpr bool MustBeNullable(Type type) {
   return type == Type::kString || type == Type::kBinary || type == Type::kReference;
 }
 
@@ -56,8 +56,19 @@ struct Null {
   friend bool operator==(Null const&, Null const&) = default;
 };
 
-using Value = std::variant<Null, bool, std::int64_t, std::uint64_t, Decimal, float, double,
-                           std::u16string, Bytes, ObjectId>;
+// Null, or a value of one of the types. Texts are given in UTF-16 or UTF-8 and held in UTF-16.
+class Value : public std::variant<Null, bool, std::int64_t, std::uint64_t, Decimal, float, double,
+                                  std::u16string, Bytes, ObjectId> {
+ public:
+  using variant::variant;
+  Value(std::u16string_view text) : variant(std::u16string(text)) {}
+  Value(std::string_view utf8) : variant(ToUtf16(utf8)) {}
+  Value(std::string const& utf8) : variant(ToUtf16(utf8)) {}
+  Value(char const* utf8) : variant(ToUtf16(utf8)) {}
+  Value(std::u8string_view utf8) : variant(ToUtf16(utf8)) {}
+  Value(std::u8string const& utf8) : variant(ToUtf16(utf8)) {}
+  Value(char8_t const* utf8) : variant(ToUtf16(utf8)) {}
+};
 
 inline bool IsNull(Value const& value) { return std::holds_alternative<Null>(value); }
 
@@ -95,6 +106,14 @@ struct TypeOf<std::u16string> {
 };
 template <>
 struct TypeOf<std::u16string_view> {
+  static bool Fits(Type type) { return type == Type::kString; }
+};
+template <>
+struct TypeOf<std::string> {
+  static bool Fits(Type type) { return type == Type::kString; }
+};
+template <>
+struct TypeOf<std::u8string> {
   static bool Fits(Type type) { return type == Type::kString; }
 };
 template <>
@@ -148,6 +167,18 @@ inline std::uint32_t Get(Place const& at, std::u16string& out) {
   out = view;
   return status;
 }
+inline std::uint32_t Get(Place const& at, std::string& out) {
+  std::u16string_view view;
+  auto const status = Get(at, view);
+  if (status == 0) out = ToUtf8(view);
+  return status;
+}
+inline std::uint32_t Get(Place const& at, std::u8string& out) {
+  std::string bytes;
+  auto const status = Get(at, bytes);
+  if (status == 0) out.assign(bytes.begin(), bytes.end());
+  return status;
+}
 inline std::uint32_t Get(Place const& at, Bytes& out) {
   LORV_BINARY* record = nullptr;
   auto const status = lorv_context_get_binary(at.context, at.oid, at.addr, at.column, &record);
@@ -186,6 +217,12 @@ inline std::uint32_t Put(Place const& at, std::u16string const& value) {
 }
 inline std::uint32_t Put(Place const& at, std::u16string_view value) {
   return Put(at, std::u16string(value));
+}
+inline std::uint32_t Put(Place const& at, std::string const& utf8) {
+  return Put(at, ToUtf16(utf8));
+}
+inline std::uint32_t Put(Place const& at, std::u8string const& utf8) {
+  return Put(at, ToUtf16(utf8));
 }
 inline std::uint32_t Put(Place const& at, Bytes const& value) {
   static std::uint8_t const none = 0;  // an empty value is not null, which a null pointer would say

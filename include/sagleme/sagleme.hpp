@@ -1,0 +1,29 @@
+#ifndef SAGLEME_SAGLEME_HPP
+#define SAGLEME_SAGLEME_HPP
+
+// The C++ API of sagleme: all that a program includes. Programs link sagleme::host, or what
+// `pkg-config --libs sagleme` says.
+//
+//   databases, transactions, objects, ranges    <sagleme/host.hpp>, which has the rules
+//   structs mapped to tables                    <sagleme/host/mapping.hpp> and those after it
+//   checks, counts, vacuum                      <sagleme/check.hpp>, counts.hpp, vacuum.hpp
+//   schema documents, plans, diagrams           <sagleme/schema_document.hpp> and those after it
+//
+// The headers named here may be included by themselves. Those under <sagleme/metalayer/> are no
+// part of the API: they are the binary interface for makers of language bindings.
+
+#include <sagleme/check.hpp>
+#include <sagleme/counts.hpp>
+#include <sagleme/cxx20.hpp>
+#include <sagleme/diagram.hpp>
+#include <sagleme/failure.hpp>
+#include <sagleme/host.hpp>
+#include <sagleme/host/define_tables.hpp>
+#include <sagleme/host/mapping.hpp>
+#include <sagleme/host/table_of.hpp>
+#include <sagleme/schema_document.hpp>
+#include <sagleme/schema_plan.hpp>
+#include <sagleme/vacuum.hpp>
+#include <sagleme/value_text.hpp>
+
+#endif
