@@ -35,9 +35,10 @@ class Shop {
     Require(lscoredb_context_open(database_, &context_) == 0, "a context opens");
     Bootstrap();
     lscoredb_begin(context_, LSCOREDB_READ_WRITE);
-    LORV_COLUMN_DEFINITION_NAMES const article[] = {
-        {3, nullptr, 0, u"Price"}, {1, nullptr, 1, u"Title"}, {0, nullptr, 0, nullptr}};
-    LORV_COLUMN_DEFINITION_NAMES const book[] = {{4, nullptr, 1, u"Pages"},
+    LORV_COLUMN_DEFINITION_NAMES const article[] = {{SAGLEME_TYPE_SIGNED, nullptr, 0, u"Price"},
+                                                    {SAGLEME_TYPE_TEXT, nullptr, 1, u"Title"},
+                                                    {0, nullptr, 0, nullptr}};
+    LORV_COLUMN_DEFINITION_NAMES const book[] = {{SAGLEME_TYPE_UNSIGNED, nullptr, 1, u"Pages"},
                                                  {0, nullptr, 0, nullptr}};
     LORV_INDEXED_COLUMN const price[] = {{u"Price", 1}, {nullptr, 0}};
     std::uint16_t layout = 0;

@@ -22,16 +22,16 @@ namespace binding {
 
 // What a column holds on Python's side: the database's types, and those stored in one of them.
 enum class Kind : std::uint8_t {
-  kString = 1,
-  kBinary = 2,
-  kLong = 3,
-  kULong = 4,
-  kDecimal = 5,
-  kFloat = 6,
-  kDouble = 7,
-  kReference = 8,
-  kKey = 9,
-  kBool = 10,
+  kString = static_cast<std::uint8_t>(sagleme::Type::kString),
+  kBinary = static_cast<std::uint8_t>(sagleme::Type::kBinary),
+  kLong = static_cast<std::uint8_t>(sagleme::Type::kLong),
+  kULong = static_cast<std::uint8_t>(sagleme::Type::kULong),
+  kDecimal = static_cast<std::uint8_t>(sagleme::Type::kDecimal),
+  kFloat = static_cast<std::uint8_t>(sagleme::Type::kFloat),
+  kDouble = static_cast<std::uint8_t>(sagleme::Type::kDouble),
+  kReference = static_cast<std::uint8_t>(sagleme::Type::kReference),
+  kKey = static_cast<std::uint8_t>(sagleme::Type::kKey),
+  kBool = static_cast<std::uint8_t>(sagleme::Type::kBool),
   kDatetime = 11,  // a long: microseconds since 1970, UTC
 };
 

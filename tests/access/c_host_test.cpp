@@ -1,6 +1,7 @@
 #include "access/c_host.h"
 
 #include <gtest/gtest.h>
+#include <sagleme/statuses.h>
 
 #include <string>
 
@@ -11,7 +12,7 @@ TEST(CHost, AsksForTheVersionWithoutADatabase) { EXPECT_EQ(9u, c_host_version())
 TEST(CHost, GetsAStatusAndAText) {
   constexpr unsigned long kContext = 4711;
   char16_t text[64];
-  EXPECT_EQ(1001u, c_host_create_table_without_name(kContext));
+  EXPECT_EQ(SAGLEME_BAD_ARGUMENT, c_host_create_table_without_name(kContext));
   EXPECT_EQ(0, c_host_reads_message(kContext, text, 64));
   EXPECT_EQ(u"Argument name is null.", std::u16string(text));
 }

@@ -131,7 +131,7 @@ TEST_F(DescriptorCalls, IndexThatIsRefused_IsTheKernelsFailure) {
 
 // Only what is missing is passed over.
 TEST_F(DescriptorCalls, ReadyingClasses_PassesOverWhatIsMissingAlone) {
-  for (unsigned int const missing : {4230u, unsigned{LORV_STATUS_NO_INDEX}}) {
+  for (unsigned int const missing : {SAGLEME_LAYOUT_NOT_FOUND, unsigned{LORV_STATUS_NO_INDEX}}) {
     recording_kernel::FailNthOf("lorvi_context_get_index_infos_by_token", 1, missing);
     EXPECT_EQ(0u, CodeOf([] { PrepareGeneratedMetaClassesForReading(); })) << missing;
     EXPECT_TRUE(recording_kernel::Failed());

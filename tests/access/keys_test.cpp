@@ -254,18 +254,18 @@ TEST_F(KeysTest, UpperBoundOfATextPrefix_StandsAboveAllTextsThatBeginWithIt) {
 
 TEST_F(KeysTest, KeyBufferThatIsAskedToGrow_Refuses) {
   alignas(8) unsigned char buffer[64];
-  EXPECT_EQ(4197u, CodeOf([&] { db_util::KeyBuf(buffer).resize(65); }));
+  EXPECT_EQ(SAGLEME_NAME_TOO_LONG, CodeOf([&] { db_util::KeyBuf(buffer).resize(65); }));
 }
 
 TEST_F(KeysTest, FieldWithoutRoom_IsRefused) {
   alignas(8) unsigned char buffer[16];
-  EXPECT_EQ(4197u, CodeOf([&] { Key(buffer).ULong(1).ULong(2); }));
-  EXPECT_EQ(4197u, CodeOf([&] { Key(buffer).ULong(1).Text(u"a text too long"); }));
+  EXPECT_EQ(SAGLEME_NAME_TOO_LONG, CodeOf([&] { Key(buffer).ULong(1).ULong(2); }));
+  EXPECT_EQ(SAGLEME_NAME_TOO_LONG, CodeOf([&] { Key(buffer).ULong(1).Text(u"a text too long"); }));
 }
 
 TEST_F(KeysTest, EndWithoutRoom_IsRefused) {
   alignas(8) unsigned char buffer[8];
-  EXPECT_EQ(4197u, CodeOf([&] {
+  EXPECT_EQ(SAGLEME_NAME_TOO_LONG, CodeOf([&] {
               Key key(buffer);
               for (int i = 0; i < 8; ++i) key.Null();
             }));
@@ -279,14 +279,14 @@ TEST_F(KeysTest, KeyThatFillsTheBufferToTheLastByte_Fits) {
   };
   EXPECT_EQ(0u, CodeOf([&] { fill(1023); }));
   EXPECT_EQ(0xC0, buffer[1023]);
-  EXPECT_EQ(4197u, CodeOf([&] { fill(1024); }));
+  EXPECT_EQ(SAGLEME_NAME_TOO_LONG, CodeOf([&] { fill(1024); }));
 }
 
 TEST_F(KeysTest, LookupWithTooLongAText_IsRefusedBeforeTheKernelIsAsked) {
   recording_kernel::Record();
   std::u16string const name(2000, u'n');
   alignas(8) unsigned char buffer[1024];
-  EXPECT_EQ(4197u, CodeOf([&] {
+  EXPECT_EQ(SAGLEME_NAME_TOO_LONG, CodeOf([&] {
               Key(buffer).Text(name.c_str());
               metalayer::LookupByKey(1, buffer);
             }));
@@ -319,7 +319,7 @@ TEST_F(KeysTest, FailureWhileAKeyIsOpen_LeavesTheKeyFinished) {
 TEST_F(KeysTest, HeaderThatTellsOfMoreThanThereIs_IsRefused) {
   alignas(8) unsigned char buffer[1024];
   ConvertTo({0x90, 0x01});  // 16 spare bits in one byte
-  EXPECT_EQ(4197u, CodeOf([&] { Key(buffer).Text(u"x"); }));
+  EXPECT_EQ(SAGLEME_NAME_TOO_LONG, CodeOf([&] { Key(buffer).Text(u"x"); }));
 }
 
 }  // namespace

@@ -36,7 +36,7 @@ TEST(KeysWithoutMemory, LongText_IsRefusedAsOutOfMemory) {
     code = failure.code();
   }
   no_memory = false;
-  EXPECT_EQ(1003u, code);
+  EXPECT_EQ(SAGLEME_NO_MEMORY, code);
 }
 
 TEST(KeysWithoutMemory, CallWithALongName_IsRefusedAsOutOfMemory) {
@@ -47,7 +47,7 @@ TEST(KeysWithoutMemory, CallWithALongName_IsRefusedAsOutOfMemory) {
   no_memory = true;
   uint32_t const status = lorv_get_token(1, name.c_str(), &token);
   no_memory = false;
-  EXPECT_EQ(1003u, status);
+  EXPECT_EQ(SAGLEME_NO_MEMORY, status);
   EXPECT_EQ(77u, token);
   EXPECT_TRUE(recording_kernel::Names().empty());
 }
@@ -87,7 +87,7 @@ class LongSpecifierWithoutMemory : public sagleme_test::CatalogueTest {
 
 // The request is what needs the text: the table stands, and the rest is the transaction's to undo.
 TEST_F(LongSpecifierWithoutMemory, DroppingTheTable_StopsAtTheRequest) {
-  ExpectRefused(1003, u"", WithoutMemory([this] { return Drop(); }));
+  ExpectRefused(SAGLEME_NO_MEMORY, u"", WithoutMemory([this] { return Drop(); }));
   EXPECT_EQ(0, recording_kernel::OpenIterators());
   EXPECT_EQ(0, sagleme_test::CountRequests());
   EXPECT_EQ(sagleme_test::WithRootColumns({"3 a long"}), sagleme_test::ColumnsOf(u"T"));
@@ -97,7 +97,8 @@ TEST_F(LongSpecifierWithoutMemory, DroppingTheTable_StopsAtTheRequest) {
 }
 
 TEST_F(LongSpecifierWithoutMemory, DroppingInACascade_LeavesAllAsItWas) {
-  ExpectRefusedUntouched(1003, u"", [this] { return WithoutMemory([this] { return Cascade(); }); });
+  ExpectRefusedUntouched(SAGLEME_NO_MEMORY, u"",
+                         [this] { return WithoutMemory([this] { return Cascade(); }); });
   EXPECT_EQ(0, recording_kernel::OpenIterators());
   ExpectOk(Cascade());
   EXPECT_TRUE(sagleme_test::View(u"T").is_null());

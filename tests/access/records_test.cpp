@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <lscoredb/host.h>
 
 #include <cstring>
 #include <deque>
@@ -105,7 +106,7 @@ TEST_F(RecordsTest, GetString_OfNull_IsANullPointer) {
 TEST_F(RecordsTest, GetString_ThatFails_ThrowsTheKernelsCode) {
   Answer<&lorv_context_get_string>(
       [](uint64_t, uint64_t, uint64_t, uint32_t, LORV_STRING**) { return LORV_STATUS_NO_OBJECT; });
-  EXPECT_EQ(4273u, CodeOf([] { db_record(LS_OBJ_REF{1, 2}).get_string(3); }));
+  EXPECT_EQ(LORV_STATUS_NO_OBJECT, CodeOf([] { db_record(LS_OBJ_REF{1, 2}).get_string(3); }));
 }
 
 TEST_F(RecordsTest, GetRef_FoldsPositionAndLayout) {
@@ -131,9 +132,10 @@ TEST_F(RecordsTest, GetRef_OfNull_IsTheNullReference) {
 }
 
 TEST_F(RecordsTest, GetRef_ThatFails_ThrowsTheKernelsCode) {
-  Answer<&lorv_context_get_reference>(
-      [](uint64_t, uint64_t, uint64_t, uint32_t, LORV_REFERENCE*) { return 4174u; });
-  EXPECT_EQ(4174u, CodeOf([] { db_record(LS_OBJ_REF{1, 2}).get_ref(3); }));
+  Answer<&lorv_context_get_reference>([](uint64_t, uint64_t, uint64_t, uint32_t, LORV_REFERENCE*) {
+    return LORV_STATUS_UNREACHABLE;
+  });
+  EXPECT_EQ(LORV_STATUS_UNREACHABLE, CodeOf([] { db_record(LS_OBJ_REF{1, 2}).get_ref(3); }));
 }
 
 TEST_F(RecordsTest, Record_IsNullByItsIdentityAlone) {
@@ -145,7 +147,7 @@ TEST_F(RecordsTest, Record_IsNullByItsIdentityAlone) {
 TEST_F(RecordsTest, IntegerOfANullColumn_IsAFailure) {
   Answer<&lorv_context_get_ulong>(
       [](uint64_t, uint64_t, uint64_t, uint32_t, uint64_t*) { return LORV_STATUS_NULL; });
-  EXPECT_EQ(4272u, CodeOf([] { metalayer::GetULong({1, 2}, 3); }));
+  EXPECT_EQ(LORV_STATUS_NULL, CodeOf([] { metalayer::GetULong({1, 2}, 3); }));
 }
 
 TEST_F(RecordsTest, PutBool_WritesOneForTrue) {
@@ -180,15 +182,15 @@ TEST_F(RecordsTest, LookupWithoutAMatch_IsNullAndLeavesNothingOpen) {
 }
 
 TEST_F(RecordsTest, LookupThatCannotOpen_ThrowsAndFreesNothing) {
-  recording_kernel::FailNthOf("lorv_context_create_iterator", 1, 9005);
+  recording_kernel::FailNthOf("lorv_context_create_iterator", 1, LSCOREDB_UNKNOWN_ITERATOR);
   recording_kernel::Record();
-  EXPECT_EQ(9005u, CodeOf([] { metalayer::LookupByKey(6, kKey); }));
+  EXPECT_EQ(LSCOREDB_UNKNOWN_ITERATOR, CodeOf([] { metalayer::LookupByKey(6, kKey); }));
   EXPECT_EQ((std::vector<std::string>{"lorv_context_create_iterator"}), recording_kernel::Names());
 }
 
 TEST_F(RecordsTest, LookupThatCannotStep_ThrowsAndLeavesNothingOpen) {
-  recording_kernel::FailNthOf("lorv_iterator_next", 1, 9005);
-  EXPECT_EQ(9005u, CodeOf([] { metalayer::LookupByKey(6, kKey); }));
+  recording_kernel::FailNthOf("lorv_iterator_next", 1, LSCOREDB_UNKNOWN_ITERATOR);
+  EXPECT_EQ(LSCOREDB_UNKNOWN_ITERATOR, CodeOf([] { metalayer::LookupByKey(6, kKey); }));
   EXPECT_EQ(0, recording_kernel::OpenIterators());
 }
 
@@ -244,8 +246,9 @@ TEST_F(RecordsTest, OpeningAgainInVain_LeavesTheIteratorEmpty) {
   db_iterator walk;
   walk.open(6, metalayer::kForward, kKey, kKey);
   walk.next();
-  recording_kernel::FailNthOf("lorv_context_create_iterator", 1, 9010);
-  EXPECT_EQ(9010u, CodeOf([&] { walk.open(7, metalayer::kForward, kKey, kKey); }));
+  recording_kernel::FailNthOf("lorv_context_create_iterator", 1, LSCOREDB_INVALID_ARGUMENT);
+  EXPECT_EQ(LSCOREDB_INVALID_ARGUMENT,
+            CodeOf([&] { walk.open(7, metalayer::kForward, kKey, kKey); }));
   EXPECT_EQ(0u, walk.handle);
   EXPECT_EQ(0u, walk.current.oid);
 }

@@ -26,24 +26,24 @@ constexpr char16_t const* kIndexTable = u"Lorvenstack.Metadata.Index";
 
 TEST_F(Damage, MissingTypeIdOfASystemTable_EndsTheProcess) {
   Change([] { DeleteRow(TypeIdsMeta::ByTypeIdsMeta_Type(TableRow(kIndexTable))); });
-  ExpectStartUp(7043);
+  ExpectStartUp(SAGLEME_NOT_PREPARED);
   ExpectBootstrapTraps();
 }
 
 TEST_F(Damage, MissingViewOfASystemTable_EndsTheProcess) {
   Change([] { DeleteRow(TableRow(kIndexTable)); });
-  ExpectStartUp(7043);
+  ExpectStartUp(SAGLEME_NOT_PREPARED);
   ExpectBootstrapTraps();
 }
 
 TEST_F(Damage, MissingViewOfTheLastTable_IsRefusedByStartUp) {
   Change([] { DeleteRow(TableRow(u"Lorvenstack.Internal.Metadata.UserSchemaGeneration")); });
-  ExpectStartUp(7043);
+  ExpectStartUp(SAGLEME_NOT_PREPARED);
 }
 
 TEST_F(Damage, MissingSetSpecifierOfATable_IsRefusedByStartUp) {
   Change([] { DeleteRow(SetSpecifier::ByType(TableRow(kIndexTable))); });
-  ExpectStartUp(7043);
+  ExpectStartUp(SAGLEME_NOT_PREPARED);
 }
 
 TEST_F(Damage, WrongPredefinedTypeId_EndsTheProcess) {
@@ -162,17 +162,17 @@ TEST_F(Damage, TwoGenerations_EndTheProcess) {
 
 TEST_F(Damage, MissingGeneration_IsRefusedByStartUp) {
   Change([] { DeleteObjects(UserSchemaGeneration::setspec()); });
-  ExpectStartUp(7043);
+  ExpectStartUp(SAGLEME_NOT_PREPARED);
 }
 
 TEST_F(Damage, MissingVersion_IsRefusedByStartUp) {
   Change([] { DeleteRow(VersionRow()); });
-  ExpectStartUp(7043);
+  ExpectStartUp(SAGLEME_NOT_PREPARED);
 }
 
 TEST_F(Damage, MissingIndex_IsRefusedByStartUp) {
   Change([] { DropKernelIndex(u"VacuumTypeId"); });
-  ExpectStartUp(7043);
+  ExpectStartUp(SAGLEME_NOT_PREPARED);
 }
 
 }  // namespace

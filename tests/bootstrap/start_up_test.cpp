@@ -70,7 +70,7 @@ TEST_F(StartUpTest, AnotherDatabase_IsStartedUpByItself) {
     ASSERT_EQ(0u, lorv_init_metalayer(database.context()));
     Database other;
     other.Begin();
-    EXPECT_EQ(7043u, lorv_init_metalayer(other.context()));
+    EXPECT_EQ(SAGLEME_NOT_PREPARED, lorv_init_metalayer(other.context()));
     other.Rollback();
     ASSERT_EQ(0u, other.Bootstrap());
     EXPECT_EQ(0u, lorv_init_metalayer(other.context()));
@@ -108,7 +108,7 @@ TEST_F(StartUpTest, FailedCall_LeavesTheLayerUninitializedUntilItIsRepeated) {
     ASSERT_EQ(0u, lorv_init_metalayer(database.context()));
     SetVersion(8);
     SetMetalayerUninitialized();
-    EXPECT_EQ(15010u, lorv_init_metalayer(database.context()));
+    EXPECT_EQ(SAGLEME_VERSION_MISMATCH, lorv_init_metalayer(database.context()));
     EXPECT_FALSE(IsMetalayerInitialized());
     EXPECT_EQ(0u, SchemaGeneration().oid);
     SetVersion(9);
@@ -139,7 +139,7 @@ TEST_F(StartUpTest, ReadiedClasses_AllowCatalogueReadsWithoutStartUp) {
 TEST_F(StartUpTest, OlderVersion_IsRefusedWithBothNumbers) {
   Change([] { SetVersion(8); });
   Outcome const outcome = StartUp();
-  EXPECT_EQ(15010u, outcome.status);
+  EXPECT_EQ(SAGLEME_VERSION_MISMATCH, outcome.status);
   EXPECT_EQ(
       "This version of Lorvenstack has metaschema version 9, while the database has version 8.",
       outcome.text);
@@ -150,7 +150,7 @@ TEST_F(StartUpTest, OlderVersion_IsRefusedWithBothNumbers) {
 TEST_F(StartUpTest, NewerVersion_IsRefusedWithBothNumbers) {
   Change([] { SetVersion(12); });
   Outcome const outcome = StartUp();
-  EXPECT_EQ(15010u, outcome.status);
+  EXPECT_EQ(SAGLEME_VERSION_MISMATCH, outcome.status);
   EXPECT_EQ(
       "This version of Lorvenstack has metaschema version 9, while the database has version 12.",
       outcome.text);
@@ -159,7 +159,7 @@ TEST_F(StartUpTest, NewerVersion_IsRefusedWithBothNumbers) {
 TEST_F(StartUpTest, NegativeVersion_ShowsAsALargeNumber) {
   Change([] { SetVersion(-1); });
   Outcome const outcome = StartUp();
-  EXPECT_EQ(15010u, outcome.status);
+  EXPECT_EQ(SAGLEME_VERSION_MISMATCH, outcome.status);
   EXPECT_EQ(
       "This version of Lorvenstack has metaschema version 9, while the database has version "
       "18446744073709551615.",

@@ -82,13 +82,13 @@ TEST(SqlTypes, RefusedNames_AreKnownInLowerCaseOnly) {
 
 TEST(LogicalTypes, ToKernelTypes_AreThemselvesButBool) {
   for (unsigned char code = 1; code <= 9; ++code) EXPECT_EQ(code, LogicalTypeToKernelType(code));
-  EXPECT_EQ(4, LogicalTypeToKernelType(10));
+  EXPECT_EQ(LORV_TYPE_ULONG, LogicalTypeToKernelType(SAGLEME_TYPE_BOOL));
 }
 
 TEST(LogicalTypes, OutOfRange_AreRefused) {
-  EXPECT_EQ(4226u, CodeOf([] { LogicalTypeToKernelType(0); }));
-  EXPECT_EQ(4226u, CodeOf([] { LogicalTypeToKernelType(11); }));
-  EXPECT_EQ(4226u, CodeOf([] { LogicalTypeToKernelType(255); }));
+  EXPECT_EQ(SAGLEME_INVALID_TYPE, CodeOf([] { LogicalTypeToKernelType(0); }));
+  EXPECT_EQ(SAGLEME_INVALID_TYPE, CodeOf([] { LogicalTypeToKernelType(11); }));
+  EXPECT_EQ(SAGLEME_INVALID_TYPE, CodeOf([] { LogicalTypeToKernelType(255); }));
 }
 
 TEST(LogicalTypes, StringBinaryAndReference_MustBeNullable) {
@@ -121,28 +121,29 @@ TEST_F(TypeReference, PrimitiveRow_GivesItsCode) {
 }
 
 TEST_F(TypeReference, TableRow_IsAReference) {
-  EXPECT_EQ(8, PrimTypeByTypeRef(RawView::ByRawViewPK2fullname(u"Lorvenstack.Metadata.Index")));
+  EXPECT_EQ(SAGLEME_TYPE_REFERENCE,
+            PrimTypeByTypeRef(RawView::ByRawViewPK2fullname(u"Lorvenstack.Metadata.Index")));
 }
 
 // The layout in a reference is only a hint: what the row's set says counts.
 TEST_F(TypeReference, WithoutLayout_IsToldByTheSet) {
   LS_OBJ_REF primitive = Primitive(7);
   primitive.addr = 0;
-  EXPECT_EQ(7, PrimTypeByTypeRef(primitive));
+  EXPECT_EQ(SAGLEME_TYPE_DOUBLE, PrimTypeByTypeRef(primitive));
   LS_OBJ_REF table = RawView::ByRawViewPK2fullname(u"Lorvenstack.Metadata.Index");
   table.addr = 0;
-  EXPECT_EQ(8, PrimTypeByTypeRef(table));
+  EXPECT_EQ(SAGLEME_TYPE_REFERENCE, PrimTypeByTypeRef(table));
 }
 
 TEST_F(TypeReference, RowOfAnotherTable_IsRefused) {
   LS_OBJ_REF const row = Token::ByNameToken(1);
-  EXPECT_EQ(4226u, CodeOf([&row] { PrimTypeByTypeRef(row); }));
+  EXPECT_EQ(SAGLEME_INVALID_TYPE, CodeOf([&row] { PrimTypeByTypeRef(row); }));
 }
 
 TEST_F(TypeReference, RowThatThisTransactionDeleted_IsGone) {
   LS_OBJ_REF const row = DbPrimitiveType::Insert(u"mine", 11);
   DeleteRow(row);
-  EXPECT_EQ(4280u, CodeOf([&row] { PrimTypeByTypeRef(row); }));
+  EXPECT_EQ(SAGLEME_TYPE_IS_GONE, CodeOf([&row] { PrimTypeByTypeRef(row); }));
 }
 
 TEST_F(TypeReference, RowThatNeverWas_IsTheKernelsFailure) {
@@ -156,9 +157,9 @@ TEST_F(TypeReference, NullReference_EndsTheProcess) {
 
 TEST_F(TypeReference, ColumnDefinitions_TellTheirLogicalType) {
   LORV_COLUMN_DEFINITION const by_row{Primitive(10), 0, u"Flag"};
-  EXPECT_EQ(10, ddl::LogicalTypeFromColDef(by_row));
-  LORV_COLUMN_DEFINITION_NAMES const by_name{9, nullptr, 0, u"Code"};
-  EXPECT_EQ(9, ddl::LogicalTypeFromColDef(by_name));
+  EXPECT_EQ(SAGLEME_TYPE_BOOL, ddl::LogicalTypeFromColDef(by_row));
+  LORV_COLUMN_DEFINITION_NAMES const by_name{LORV_TYPE_KEY, nullptr, 0, u"Code"};
+  EXPECT_EQ(LORV_TYPE_KEY, ddl::LogicalTypeFromColDef(by_name));
 }
 
 }  // namespace

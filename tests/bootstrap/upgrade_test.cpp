@@ -46,7 +46,7 @@ TEST_F(Upgrade, NewerVersion_IsRefusedAndNothingIsTouched) {
   Change([] { SetVersion(12); });
   Lines const before = Objects();
   for (Outcome const& outcome : {Bootstrap(), BootstrapReadOnly()}) {
-    EXPECT_EQ(15010u, outcome.status);
+    EXPECT_EQ(SAGLEME_VERSION_MISMATCH, outcome.status);
     EXPECT_EQ(
         "This version of Lorvenstack has metaschema version 9, while the database has version 12.",
         outcome.text);
@@ -57,7 +57,7 @@ TEST_F(Upgrade, NewerVersion_IsRefusedAndNothingIsTouched) {
 TEST_F(Upgrade, NextVersion_IsRefused) {
   Change([] { SetVersion(10); });
   Outcome const outcome = Bootstrap();
-  EXPECT_EQ(15010u, outcome.status);
+  EXPECT_EQ(SAGLEME_VERSION_MISMATCH, outcome.status);
   EXPECT_EQ(
       "This version of Lorvenstack has metaschema version 9, while the database has version 10.",
       outcome.text);
@@ -135,7 +135,7 @@ TEST_F(Upgrade, UniqueIndexOfSpecifiers_IsCreatedWhereOlderVersionsHaveNone) {
     DropKernelIndex(u"TypeId_postV2_3");
     DeleteIndexRows(u"TypeId_postV2_3");
   });
-  EXPECT_EQ(7043u, StartUp().status);
+  EXPECT_EQ(SAGLEME_NOT_PREPARED, StartUp().status);
   ExpectRepaired(kYields);
 }
 

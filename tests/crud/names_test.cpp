@@ -26,26 +26,28 @@ TEST_F(NamesTest, GetTypeId_SystemTable_IsItsOwn) {
 
 TEST_F(NamesTest, GetTypeId_UnknownTable_NamesIt) {
   uint64_t type_id = 77;
-  ExpectRefused(15003, u"Type Shop.Nothing not found.",
+  ExpectRefused(SAGLEME_TABLE_NOT_FOUND, u"Type Shop.Nothing not found.",
                 lorv_crud_GetTypeId(context(), u"Shop.Nothing", &type_id));
   EXPECT_EQ(77u, type_id);
 }
 
 TEST_F(NamesTest, GetTypeId_NullName_IsUnknown) {
   uint64_t type_id = 77;
-  ExpectRefused(15003, u"Type  not found.", lorv_crud_GetTypeId(context(), nullptr, &type_id));
+  ExpectRefused(SAGLEME_TABLE_NOT_FOUND, u"Type  not found.",
+                lorv_crud_GetTypeId(context(), nullptr, &type_id));
 }
 
 TEST_F(NamesTest, GetTypeId_EmptyName_IsUnknown) {
   uint64_t type_id = 77;
-  ExpectRefused(15003, u"Type  not found.", lorv_crud_GetTypeId(context(), u"", &type_id));
+  ExpectRefused(SAGLEME_TABLE_NOT_FOUND, u"Type  not found.",
+                lorv_crud_GetTypeId(context(), u"", &type_id));
 }
 
 TEST_F(NamesTest, GetTypeId_ShortOrOtherCaseName_IsUnknown) {
   uint64_t type_id = 77;
-  ExpectRefused(15003, u"Type Article not found.",
+  ExpectRefused(SAGLEME_TABLE_NOT_FOUND, u"Type Article not found.",
                 lorv_crud_GetTypeId(context(), u"Article", &type_id));
-  ExpectRefused(15003, u"Type shop.article not found.",
+  ExpectRefused(SAGLEME_TABLE_NOT_FOUND, u"Type shop.article not found.",
                 lorv_crud_GetTypeId(context(), u"shop.article", &type_id));
 }
 
@@ -58,9 +60,9 @@ TEST_F(NamesTest, GetTypeId_TableWithoutTypeId_EndsTheProcess) {
 
 TEST_F(NamesTest, CreateHandle_UnknownTable_NamesIt) {
   CreateInfo* handle = nullptr;
-  ExpectRefused(15003, u"Type Shop.Nothing not found.",
+  ExpectRefused(SAGLEME_TABLE_NOT_FOUND, u"Type Shop.Nothing not found.",
                 lorv_crud_GetCreateHandle(context(), u"Shop.Nothing", &handle));
-  ExpectRefused(15003, u"Type Shop.Nothing not found.",
+  ExpectRefused(SAGLEME_TABLE_NOT_FOUND, u"Type Shop.Nothing not found.",
                 lorv_crud_GetCreateHandleOrSystem(context(), u"Shop.Nothing", true, &handle));
   EXPECT_EQ(nullptr, handle);
 }
@@ -118,7 +120,7 @@ TEST_F(NamesTest, DeleteHandle_KnownTable_IsOne) {
 
 TEST_F(NamesTest, DeleteHandle_UnknownTable_NamesIt) {
   uint64_t handle = 77;
-  ExpectRefused(15003, u"Type Shop.Nothing not found.",
+  ExpectRefused(SAGLEME_TABLE_NOT_FOUND, u"Type Shop.Nothing not found.",
                 lorv_crud_GetDeleteHandle(context(), u"Shop.Nothing", &handle));
   EXPECT_EQ(77u, handle);
 }
@@ -134,36 +136,36 @@ TEST_F(NamesTest, PropertyHandle_InheritedColumn_IsAnotherThanTheBases) {
 
 TEST_F(NamesTest, PropertyHandle_UnknownProperty_NamesItAndTheClass) {
   PropertyAccessInfo* handle = nullptr;
-  ExpectRefused(1001, u"Property Weight isn't found in class Shop.Article.",
+  ExpectRefused(SAGLEME_BAD_ARGUMENT, u"Property Weight isn't found in class Shop.Article.",
                 lorv_crud_GetPropertyHandle(context(), u"Shop.Article", u"Weight", &handle));
   EXPECT_EQ(nullptr, handle);
 }
 
 TEST_F(NamesTest, PropertyHandle_NullProperty_IsUnknown) {
   PropertyAccessInfo* handle = nullptr;
-  ExpectRefused(1001, u"Property  isn't found in class Shop.Article.",
+  ExpectRefused(SAGLEME_BAD_ARGUMENT, u"Property  isn't found in class Shop.Article.",
                 lorv_crud_GetPropertyHandle(context(), u"Shop.Article", nullptr, &handle));
 }
 
 TEST_F(NamesTest, PropertyHandle_UnknownTable_NamesTheTable) {
   PropertyAccessInfo* handle = nullptr;
-  ExpectRefused(15003, u"Type Shop.Nothing not found.",
+  ExpectRefused(SAGLEME_TABLE_NOT_FOUND, u"Type Shop.Nothing not found.",
                 lorv_crud_GetPropertyHandle(context(), u"Shop.Nothing", u"Price", &handle));
 }
 
 TEST_F(NamesTest, PropertyHandle_ColumnOfDescendantOnly_IsUnknownInTheBase) {
   PropertyAccessInfo* handle = nullptr;
-  ExpectRefused(1001, u"Property Pages isn't found in class Shop.Article.",
+  ExpectRefused(SAGLEME_BAD_ARGUMENT, u"Property Pages isn't found in class Shop.Article.",
                 lorv_crud_GetPropertyHandle(context(), u"Shop.Article", u"Pages", &handle));
 }
 
 TEST_F(NamesTest, FailureThenSuccess_LeavesTheTextUntilTheNextFailure) {
   uint64_t type_id = 0;
-  ExpectRefused(15003, u"Type First not found.",
+  ExpectRefused(SAGLEME_TABLE_NOT_FOUND, u"Type First not found.",
                 lorv_crud_GetTypeId(context(), u"First", &type_id));
   EXPECT_EQ(26u, TypeId(u"Shop.Article"));
   EXPECT_EQ("Type First not found.", Utf8(LastText(context())));
-  ExpectRefused(15003, u"Type Second not found.",
+  ExpectRefused(SAGLEME_TABLE_NOT_FOUND, u"Type Second not found.",
                 lorv_crud_GetTypeId(context(), u"Second", &type_id));
 }
 
@@ -181,7 +183,7 @@ TEST_F(NamesTest, ExportedFunction_Failure_IsThrown) {
     metalayer::crud::GetTypeId(u"Shop.Nothing");
     FAIL() << "nothing was thrown";
   } catch (db_util::db_exception const& failure) {
-    EXPECT_EQ(15003u, failure.code());
+    EXPECT_EQ(SAGLEME_TABLE_NOT_FOUND, failure.code());
   }
 }
 
@@ -190,14 +192,16 @@ TEST_F(NamesTest, NamesTooLongForAKey_AreRefusedWithoutWords) {
   uint64_t number = 77;
   CreateInfo* create = nullptr;
   PropertyAccessInfo* property = nullptr;
-  ExpectRefused(4197, u"", lorv_crud_GetTypeId(context(), name.c_str(), &number));
-  ExpectRefused(4197, u"", lorv_crud_GetDeleteHandle(context(), name.c_str(), &number));
-  ExpectRefused(4197, u"", lorv_crud_GetCreateHandle(context(), name.c_str(), &create));
-  ExpectRefused(4197, u"",
+  ExpectRefused(SAGLEME_NAME_TOO_LONG, u"", lorv_crud_GetTypeId(context(), name.c_str(), &number));
+  ExpectRefused(SAGLEME_NAME_TOO_LONG, u"",
+                lorv_crud_GetDeleteHandle(context(), name.c_str(), &number));
+  ExpectRefused(SAGLEME_NAME_TOO_LONG, u"",
+                lorv_crud_GetCreateHandle(context(), name.c_str(), &create));
+  ExpectRefused(SAGLEME_NAME_TOO_LONG, u"",
                 lorv_crud_GetCreateHandleOrSystem(context(), name.c_str(), true, &create));
-  ExpectRefused(4197, u"",
+  ExpectRefused(SAGLEME_NAME_TOO_LONG, u"",
                 lorv_crud_GetPropertyHandle(context(), name.c_str(), u"Price", &property));
-  ExpectRefused(4197, u"",
+  ExpectRefused(SAGLEME_NAME_TOO_LONG, u"",
                 lorv_crud_GetPropertyHandle(context(), u"Shop.Article", name.c_str(), &property));
   EXPECT_EQ(77u, number);
   EXPECT_EQ(nullptr, create);

@@ -120,7 +120,8 @@ TEST_F(ObjectsTest, Lookup_FindsAddressAndType) {
 
 TEST_F(ObjectsTest, Lookup_UnknownId_LeavesTheErrorText) {
   uint64_t type_id = 0;
-  ExpectRefused(15003, u"Type Cat not found.", lorv_crud_GetTypeId(context(), u"Cat", &type_id));
+  ExpectRefused(SAGLEME_TABLE_NOT_FOUND, u"Type Cat not found.",
+                lorv_crud_GetTypeId(context(), u"Cat", &type_id));
   uint64_t addr = 77;
   type_id = 78;
   EXPECT_EQ(LORV_STATUS_NO_OBJECT, lorv_crud_Lookup(context(), 1ull << 40, &addr, &type_id));

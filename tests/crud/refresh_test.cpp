@@ -75,7 +75,7 @@ TEST_F(RefreshTest, DroppedColumn_LosesItsHandle) {
   Refresh();
   EXPECT_EQ(kept, Property(u"Article", u"Price"));
   PropertyAccessInfo* gone = nullptr;
-  ExpectRefused(1001, u"Property Weight isn't found in class Article.",
+  ExpectRefused(SAGLEME_BAD_ARGUMENT, u"Property Weight isn't found in class Article.",
                 lorv_crud_GetPropertyHandle(context(), u"Article", u"Weight", &gone));
 }
 
@@ -88,7 +88,7 @@ TEST_F(RefreshTest, DroppedTable_LosesItsHandles) {
   Refresh();
   EXPECT_EQ(other, Creator(u"Other"));
   CreateInfo* gone = nullptr;
-  ExpectRefused(15003, u"Type Article not found.",
+  ExpectRefused(SAGLEME_TABLE_NOT_FOUND, u"Type Article not found.",
                 lorv_crud_GetCreateHandle(context(), u"Article", &gone));
 }
 

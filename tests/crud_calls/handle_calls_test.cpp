@@ -106,7 +106,8 @@ TEST_F(HandleCallsTest, CreateHandle_TypeIdWithoutView_IsRefusedWithoutWords_And
   recording_kernel::Answer<&lorv_context_get_reference>(
       [](uint64_t, uint64_t, uint64_t, uint32_t, LORV_REFERENCE*) { return LORV_STATUS_NULL; });
   CreateInfo* handle = nullptr;
-  ExpectRefused(15003, u"", lorv_crud_GetCreateHandle(context(), u"Article", &handle));
+  ExpectRefused(SAGLEME_TABLE_NOT_FOUND, u"",
+                lorv_crud_GetCreateHandle(context(), u"Article", &handle));
   recording_kernel::Reset();
   handle = reinterpret_cast<CreateInfo*>(this);
   ExpectOk(lorv_crud_GetCreateHandle(context(), u"Article", &handle));

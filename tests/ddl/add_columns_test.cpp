@@ -125,37 +125,41 @@ TEST_F(AddColumnsTest, PendingRequest_KeepsItsKind) {
 
 TEST_F(AddColumnsTest, DottedName_FindsTheTableByItsLastSegments) {
   Create(u"App.Model.T");
-  LORV_COLUMN_DEFINITION_NAMES const columns[] = {{3, nullptr, 0, u"a"}, {0, nullptr, 0, nullptr}};
+  LORV_COLUMN_DEFINITION_NAMES const columns[] = {{SAGLEME_TYPE_SIGNED, nullptr, 0, u"a"},
+                                                  {0, nullptr, 0, nullptr}};
   uint16_t const layout =
       metalayer::ddl::AddColumns(metalayer::DottedName::Split(u"Model.T"), columns);
   EXPECT_EQ(LayoutOfTable(u"App.Model.T"), layout);
-  ExpectThrown(15003, u"Table Other.T not found.", [&] {
+  ExpectThrown(SAGLEME_TABLE_NOT_FOUND, u"Table Other.T not found.", [&] {
     metalayer::ddl::AddColumns(metalayer::DottedName::Split(u"Other.T"), columns);
   });
 }
 
 TEST_F(AddColumnsTest, Arguments_AreCheckedInOrder) {
   Create(u"T");
-  ExpectRefusedUntouched(1001, u"Argument full_table_name is null.", [&] {
+  ExpectRefusedUntouched(SAGLEME_BAD_ARGUMENT, u"Argument full_table_name is null.", [&] {
     return lorv_alter_table_add_columns(context(), nullptr, nullptr, nullptr);
   });
-  ExpectRefusedUntouched(1001, u"Argument full_table_name is empty.", [&] {
+  ExpectRefusedUntouched(SAGLEME_BAD_ARGUMENT, u"Argument full_table_name is empty.", [&] {
     return lorv_alter_table_add_columns(context(), u"", nullptr, nullptr);
   });
-  ExpectRefusedUntouched(1001, u"Argument added_columns is null.", [&] {
+  ExpectRefusedUntouched(SAGLEME_BAD_ARGUMENT, u"Argument added_columns is null.", [&] {
     return lorv_alter_table_add_columns(context(), u"Nobody", nullptr, nullptr);
   });
-  ExpectRefusedUntouched(1001, u"Number of columns for table Nobody exceeds the limit of 112.",
+  ExpectRefusedUntouched(SAGLEME_BAD_ARGUMENT,
+                         u"Number of columns for table Nobody exceeds the limit of 112.",
                          [&] { return Add(u"Nobody", LongColumns(0, 113)); });
-  ExpectRefusedUntouched(15003, u"Table Nobody not found.",
+  ExpectRefusedUntouched(SAGLEME_TABLE_NOT_FOUND, u"Table Nobody not found.",
                          [&] { return Add(u"Nobody", Columns().Long(u"a")); });
-  ExpectRefusedUntouched(1001, u"No column definitions provided.", [&] { return Add(u"T", {}); });
+  ExpectRefusedUntouched(SAGLEME_BAD_ARGUMENT, u"No column definitions provided.",
+                         [&] { return Add(u"T", {}); });
 }
 
 TEST_F(AddColumnsTest, RefusedCall_LeavesTheOutputAlone) {
   Create(u"T", Columns().Long(u"a"));
   uint64_t layout = 77;
-  EXPECT_EQ(4277u, lorv_alter_table_add_columns(context(), u"T", Columns().Long(u"a"), &layout));
+  EXPECT_EQ(SAGLEME_COLUMN_NAME_TAKEN,
+            lorv_alter_table_add_columns(context(), u"T", Columns().Long(u"a"), &layout));
   EXPECT_EQ(77u, layout);
 }
 
@@ -163,7 +167,7 @@ TEST_F(AddColumnsTest, NamesInUse_AreToldAllAtOnce) {
   Create(u"Base", Columns().Long(u"b"));
   Create(u"a.T", Columns().Long(u"z").Long(u"o"), u"Base");
   ExpectRefusedUntouched(
-      4277,
+      SAGLEME_COLUMN_NAME_TAKEN,
       u"Table a.T: added column b conflicts with inherited column; added column "
       u"o conflicts with existing column; added column z conflicts with existing "
       u"column; added column new conflicts with other added column.",
@@ -174,7 +178,8 @@ TEST_F(AddColumnsTest, NamesInUse_AreToldAllAtOnce) {
 
 TEST_F(AddColumnsTest, NameTwiceInTheRequest_IsRefusedUnwritten) {
   Create(u"T");
-  ExpectRefusedUntouched(4277, u"Table T: added column x conflicts with other added column.",
+  ExpectRefusedUntouched(SAGLEME_COLUMN_NAME_TAKEN,
+                         u"Table T: added column x conflicts with other added column.",
                          [&] { return Add(u"T", Columns().Long(u"x").String(u"x")); });
 }
 
@@ -190,7 +195,7 @@ TEST_F(AddColumnsTest, NameInAGrandchild_FailsAfterTheTablesAboveWereChanged) {
   Create(u"a.Grandchild", Columns().Long(u"x").Long(u"y"), u"Child");
   uint16_t const grandchild = LayoutOfTable(u"a.Grandchild");
   uint64_t const generation = Generation();
-  ExpectRefused(4277,
+  ExpectRefused(SAGLEME_COLUMN_NAME_TAKEN,
                 u"Table a.Grandchild: added column x conflicts with column from descendant table "
                 u"a.Grandchild; added column y conflicts with column from descendant table "
                 u"a.Grandchild.",
@@ -206,18 +211,21 @@ TEST_F(AddColumnsTest, NameInAGrandchild_FailsAfterTheTablesAboveWereChanged) {
 TEST_F(AddColumnsTest, PropertyOfTheTable_CountsAsAName) {
   Create(u"T", Columns().Long(u"a"));
   InsertMappedProperty(View(u"T"), u"Prop", ColumnRow(u"T", u"a"));
-  ExpectRefusedUntouched(4277, u"Table T: added column Prop conflicts with existing column.",
+  ExpectRefusedUntouched(SAGLEME_COLUMN_NAME_TAKEN,
+                         u"Table T: added column Prop conflicts with existing column.",
                          [&] { return Add(u"T", Columns().Long(u"Prop")); });
 }
 
 TEST_F(AddColumnsTest, Limit_Is115InAll) {
   Create(u"a.T", LongColumns(0, 100));
-  ExpectRefusedUntouched(1001, u"Number of columns for table a.T exceeds the limit of 112.",
+  ExpectRefusedUntouched(SAGLEME_BAD_ARGUMENT,
+                         u"Number of columns for table a.T exceeds the limit of 112.",
                          [&] { return Add(u"a.T", LongColumns(100, 113)); });
   AddColumns(u"a.T", LongColumns(100, 112));
   EXPECT_EQ(115u, ColumnsOf(u"a.T").size());
   ExpectKernelAgrees(u"a.T");
-  ExpectRefusedUntouched(1001, u"Number of columns for table a.T exceeds the limit of 112.",
+  ExpectRefusedUntouched(SAGLEME_BAD_ARGUMENT,
+                         u"Number of columns for table a.T exceeds the limit of 112.",
                          [&] { return Add(u"a.T", Columns().Long(u"one")); });
 }
 
@@ -232,7 +240,8 @@ TEST_F(AddColumnsTest, ChildAtItsLimit_StopsTheChangeThere) {
   Create(u"Parent", LongColumns(0, 10));
   Create(u"a.Child", LongColumns(10, 111), u"Parent");
   uint16_t const child = LayoutOfTable(u"a.Child");
-  ExpectRefused(1001, u"Number of columns for table a.Child exceeds the limit of 112.",
+  ExpectRefused(SAGLEME_BAD_ARGUMENT,
+                u"Number of columns for table a.Child exceeds the limit of 112.",
                 Add(u"Parent", Columns().Long(u"x").Long(u"y")));
   EXPECT_EQ(15u, ColumnsOf(u"Parent").size());
   EXPECT_EQ(child, LayoutOfTable(u"a.Child"));
@@ -252,14 +261,16 @@ TEST_F(AddColumnsTest, ChildThatJustFits_TakesTheColumn) {
 TEST_F(AddColumnsTest, MoreThan113ColumnsToReload_IsRefusedWithoutWords) {
   Create(u"T", LongColumns(0, 111));
   metalayer::PutRef(View(u"T"), RawView::kInherits, db_util::null_obj_ref);
-  ExpectRefusedUntouched(15007, u"", [&] { return Add(u"T", Columns().Long(u"x")); });
+  ExpectRefusedUntouched(SAGLEME_TOO_MANY_RECORDS, u"",
+                         [&] { return Add(u"T", Columns().Long(u"x")); });
 }
 
 TEST_F(AddColumnsTest, UnreloadableType_Is4226) {
   Create(u"T", Columns().Long(u"a"));
   metalayer::PutULong(metalayer::DbPrimitiveType::ByDbPrimitiveTypePK_postV2_3(3),
                       metalayer::DbPrimitiveType::kPrimitiveType, 11);
-  ExpectRefusedUntouched(4226, u"", [&] { return Add(u"T", Columns().String(u"x")); });
+  ExpectRefusedUntouched(SAGLEME_INVALID_TYPE, u"",
+                         [&] { return Add(u"T", Columns().String(u"x")); });
 }
 
 TEST_F(AddColumnsTest, DeferredReferenceInTheTable_EndsTheProcess) {
@@ -269,18 +280,19 @@ TEST_F(AddColumnsTest, DeferredReferenceInTheTable_EndsTheProcess) {
 
 TEST_F(AddColumnsTest, TypeThatMustBeNullable_IsRefused) {
   Create(u"T");
-  ExpectRefused(4213, u"Column s must be nullable.", Add(u"T", Columns().Add(1, u"s", false)));
+  ExpectRefused(SAGLEME_COLUMN_NOT_NULLABLE, u"Column s must be nullable.",
+                Add(u"T", Columns().Add(SAGLEME_TYPE_TEXT, u"s", false)));
 }
 
 TEST_F(AddColumnsTest, ReferenceWithoutTypeName_IsRefused) {
   Create(u"T");
-  ExpectRefused(15002, u"Reference type name missing in column r.",
+  ExpectRefused(SAGLEME_TARGET_NOT_FOUND, u"Reference type name missing in column r.",
                 Add(u"T", Columns().Ref(u"r", nullptr)));
 }
 
 TEST_F(AddColumnsTest, UnknownPrimitiveType_KeepsTheColumnsBeforeIt) {
   uint16_t const layout = Create(u"T");
-  ExpectRefused(15002, u"Primitive type 200 not found for column b.",
+  ExpectRefused(SAGLEME_TARGET_NOT_FOUND, u"Primitive type 200 not found for column b.",
                 Add(u"T", Columns().Long(u"a").Add(200, u"b", true)));
   EXPECT_EQ(WithRootColumns({"3 a long"}), ColumnsOf(u"T"));
   EXPECT_EQ(layout, LayoutOfTable(u"T"));
@@ -316,7 +328,7 @@ TEST_F(AddColumnsTest, MoreThan113ColumnsToReloadInAChild_IsRefusedThere) {
   metalayer::PutRef(View(u"Parent"), RawView::kInherits, db_util::null_obj_ref);
   uint16_t const parent = LayoutOfTable(u"Parent");
   uint16_t const child = LayoutOfTable(u"Child");
-  ExpectRefused(15007, u"", Add(u"Parent", Columns().Long(u"x")));
+  ExpectRefused(SAGLEME_TOO_MANY_RECORDS, u"", Add(u"Parent", Columns().Long(u"x")));
   EXPECT_NE(parent, LayoutOfTable(u"Parent"));
   EXPECT_EQ(child, LayoutOfTable(u"Child"));
 }
@@ -327,7 +339,7 @@ TEST_F(AddColumnsTest, UnreloadableTypeInAChild_StopsTheChangeThere) {
   metalayer::PutULong(metalayer::DbPrimitiveType::ByDbPrimitiveTypePK_postV2_3(3),
                       metalayer::DbPrimitiveType::kPrimitiveType, 11);
   uint16_t const child = LayoutOfTable(u"Child");
-  ExpectRefused(4226, u"", Add(u"Parent", Columns().String(u"x")));
+  ExpectRefused(SAGLEME_INVALID_TYPE, u"", Add(u"Parent", Columns().String(u"x")));
   EXPECT_EQ(WithRootColumns({"3 x string null"}), ColumnsOf(u"Parent"));
   EXPECT_EQ((Request{1, LayoutOfTable(u"Parent")}), RequestOf(u"Parent"));
   EXPECT_EQ(child, LayoutOfTable(u"Child"));
@@ -351,12 +363,13 @@ TEST_F(AddColumnsTest, SpecifierWithoutText_AsksForTheEmptyOne) {
 TEST_F(AddColumnsTest, DottedNameOfTwoTables_IsAmbiguous) {
   Create(u"One.T");
   Create(u"Two.T");
-  LORV_COLUMN_DEFINITION_NAMES const columns[] = {{3, nullptr, 0, u"a"}, {0, nullptr, 0, nullptr}};
+  LORV_COLUMN_DEFINITION_NAMES const columns[] = {{SAGLEME_TYPE_SIGNED, nullptr, 0, u"a"},
+                                                  {0, nullptr, 0, nullptr}};
   try {
     metalayer::ddl::AddColumns(metalayer::DottedName::Split(u"T"), columns);
     ADD_FAILURE();
   } catch (db_util::db_exception const& failure) {
-    EXPECT_EQ(7039u, failure.code());
+    EXPECT_EQ(SAGLEME_AMBIGUOUS_NAME, failure.code());
   }
   EXPECT_EQ(WithRootColumns({}), ColumnsOf(u"One.T"));
 }

@@ -54,8 +54,9 @@ TEST_F(CleanMetadataTest, MappedTable_CanBeDroppedAfterwards) {
   Create(u"T", Columns().Long(u"a").Long(u"b"));
   metalayer::ClrClass const owner = InsertClass(u"Class", View(u"T"));
   InsertMappedProperty(owner, u"Prop", ColumnRow(u"T", u"a"));
-  EXPECT_EQ(15012u, lorv_drop_table_by_name(context(), u"T", false, false));
-  EXPECT_EQ(15012u, lorv_alter_table_drop_column_by_names(context(), u"T", u"a", nullptr));
+  EXPECT_EQ(SAGLEME_TABLE_REFERENCED, lorv_drop_table_by_name(context(), u"T", false, false));
+  EXPECT_EQ(SAGLEME_TABLE_REFERENCED,
+            lorv_alter_table_drop_column_by_names(context(), u"T", u"a", nullptr));
   ExpectOk(Clean());
   DropColumn(u"T", u"a");
   ExpectOk(lorv_drop_table_by_name(context(), u"T", false, false));
@@ -66,7 +67,8 @@ TEST_F(CleanMetadataTest, IndexedColumn_IsStillHeld) {
   InsertMappedProperty(View(u"T"), u"Prop", ColumnRow(u"T", u"a"));
   CreateIndex(u"I", u"T", {u"a"});
   ExpectOk(Clean());
-  EXPECT_EQ(15011u, lorv_alter_table_drop_column_by_names(context(), u"T", u"a", nullptr));
+  EXPECT_EQ(SAGLEME_COLUMN_INDEXED,
+            lorv_alter_table_drop_column_by_names(context(), u"T", u"a", nullptr));
 }
 
 }  // namespace

@@ -107,7 +107,8 @@ TEST_F(CreateIndexTest, ByLayoutId_SupersededLayout_IsNotFound) {
   AddColumns(u"T", Columns().Long(u"b"));
   int16_t const columns[] = {3, -1};
   ExpectRefusedUntouched(
-      15003, u"Table wit layout id " + Utf16(std::to_string(layout)) + u" not found.",
+      SAGLEME_TABLE_NOT_FOUND,
+      u"Table wit layout id " + Utf16(std::to_string(layout)) + u" not found.",
       [&] { return lorv_create_index_ids(context(), layout, u"I", 0, columns, 0); });
 }
 
@@ -124,7 +125,8 @@ TEST_F(CreateIndexTest, FifteenColumns_Fit) {
 TEST_F(CreateIndexTest, SixteenColumnsByNames_AreRefusedBeforeTheKernel) {
   CreateWideTable();
   ExpectRefusedUntouched(
-      7035, u"Number of columns in index I for table T doesn't fit into 16 bit sort mask.",
+      SAGLEME_BROKEN_CATALOGUE,
+      u"Number of columns in index I for table T doesn't fit into 16 bit sort mask.",
       [&] { return ByNames(u"I", u"T", Names(16)); });
   EXPECT_EQ(0u, TokenOf(u"I"));
 }
@@ -132,7 +134,8 @@ TEST_F(CreateIndexTest, SixteenColumnsByNames_AreRefusedBeforeTheKernel) {
 TEST_F(CreateIndexTest, SixteenColumnsByOrdinals_AreRefusedBehindTheKernel) {
   CreateWideTable();
   uint64_t const generation = Generation();
-  ExpectRefused(7035, u"Number of columns in index I doesn't fit into 16 bit sort mask.",
+  ExpectRefused(SAGLEME_BROKEN_CATALOGUE,
+                u"Number of columns in index I doesn't fit into 16 bit sort mask.",
                 ByOrdinals(u"I", 0, Ordinals(16)));
   EXPECT_TRUE(KernelHasIndex(u"I"));
   EXPECT_EQ(1u, IndexesOf(u"T").size());
@@ -141,7 +144,7 @@ TEST_F(CreateIndexTest, SixteenColumnsByOrdinals_AreRefusedBehindTheKernel) {
 
 TEST_F(CreateIndexTest, Ordinals115_AreRefusedWithoutWords) {
   CreateWideTable();
-  ExpectRefusedUntouched(15007, u"",
+  ExpectRefusedUntouched(SAGLEME_TOO_MANY_RECORDS, u"",
                          [&] { return ByOrdinals(u"I", 0, std::vector<int16_t>(115, 3)); });
 }
 
@@ -158,11 +161,11 @@ TEST_F(CreateIndexTest, NameInUse_IsRefusedOnAnyTable) {
   Create(u"Other", Columns().Long(u"a"));
   CreateIndex(u"I", u"T", {u"a"});
   for (char16_t const* table : {u"T", u"Other"}) {
-    ExpectRefusedUntouched(4187, u"Index I already exists.", [&] {
+    ExpectRefusedUntouched(SAGLEME_INDEX_EXISTS, u"Index I already exists.", [&] {
       return ByNames(u"I", table, {{u"a", 1}});
     });
   }
-  ExpectRefusedUntouched(4187, u"Index I already exists.",
+  ExpectRefusedUntouched(SAGLEME_INDEX_EXISTS, u"Index I already exists.",
                          [&] { return ByOrdinals(u"I", 0, {3}); });
 }
 
@@ -184,21 +187,22 @@ TEST_F(CreateIndexTest, ChildTables_GetNoIndexRows) {
 }
 
 TEST_F(CreateIndexTest, UnknownTable_IsRefused) {
-  ExpectRefusedUntouched(15003, u"Table Nobody not found.", [&] {
+  ExpectRefusedUntouched(SAGLEME_TABLE_NOT_FOUND, u"Table Nobody not found.", [&] {
     return ByNames(u"I", u"Nobody", {{u"a", 1}});
   });
 }
 
 TEST_F(CreateIndexTest, UnknownColumn_IsRefused) {
   Create(u"a.T", Columns().Long(u"a"));
-  ExpectRefusedUntouched(4300, u"Column b isn't found in table a.T and ancestor tables.", [&] {
-    return ByNames(u"I", u"a.T", {{u"a", 1}, {u"b", 1}});
-  });
+  ExpectRefusedUntouched(SAGLEME_COLUMN_NOT_FOUND,
+                         u"Column b isn't found in table a.T and ancestor tables.", [&] {
+                           return ByNames(u"I", u"a.T", {{u"a", 1}, {u"b", 1}});
+                         });
 }
 
 TEST_F(CreateIndexTest, UnknownOrdinal_IsRefused) {
   Create(u"T", Columns().Long(u"a"));
-  ExpectRefusedUntouched(7035, u"Raw column 4 doesn't exist for index I.", [&] {
+  ExpectRefusedUntouched(SAGLEME_BROKEN_CATALOGUE, u"Raw column 4 doesn't exist for index I.", [&] {
     return ByOrdinals(u"I", 0, {3, 4});
   });
 }
@@ -242,9 +246,10 @@ TEST_F(CreateIndexTest, KernelIndex_CoversObjectsOfTheSubtree) {
 
 TEST_F(CreateIndexTest, OrdinalsBelowTheEndMark_AreUnknownOnes) {
   Create(u"T", Columns().Long(u"a"));
-  ExpectRefusedUntouched(7035, u"Raw column -2 doesn't exist for index I.", [&] {
-    return ByOrdinals(u"I", 0, {3, -2});
-  });
+  ExpectRefusedUntouched(SAGLEME_BROKEN_CATALOGUE, u"Raw column -2 doesn't exist for index I.",
+                         [&] {
+                           return ByOrdinals(u"I", 0, {3, -2});
+                         });
 }
 
 TEST_F(CreateIndexTest, RowThatIsNoTable_HasNoColumns) {
@@ -253,9 +258,9 @@ TEST_F(CreateIndexTest, RowThatIsNoTable_HasNoColumns) {
   Index const no_table = Index::ByIndexPK(u"I");
   int16_t const columns[] = {3, -1};
   for (LS_OBJ_REF const& row : {db_util::null_obj_ref, static_cast<LS_OBJ_REF>(no_table)}) {
-    ExpectRefusedUntouched(7035, u"Raw column 3 doesn't exist for index J.", [&] {
-      return lorv_create_index(context(), row.oid, row.addr, u"J", 0, columns, 0);
-    });
+    ExpectRefusedUntouched(
+        SAGLEME_BROKEN_CATALOGUE, u"Raw column 3 doesn't exist for index J.",
+        [&] { return lorv_create_index(context(), row.oid, row.addr, u"J", 0, columns, 0); });
   }
 }
 
@@ -266,7 +271,7 @@ TEST_F(CreateIndexTest, RowThatIsNoTableAndNoColumns_EndsTheProcess) {
 
 TEST_F(CreateIndexTest, UnknownLayout_IsRefused) {
   int16_t const columns[] = {3, -1};
-  ExpectRefusedUntouched(15003, u"Table wit layout id 65000 not found.", [&] {
+  ExpectRefusedUntouched(SAGLEME_TABLE_NOT_FOUND, u"Table wit layout id 65000 not found.", [&] {
     return lorv_create_index_ids(context(), 65000, u"I", 0, columns, 0);
   });
 }
@@ -274,18 +279,19 @@ TEST_F(CreateIndexTest, UnknownLayout_IsRefused) {
 TEST_F(CreateIndexTest, NameInUse_IsFoundBeforeColumnsAre) {
   Create(u"T", Columns().Long(u"a"));
   CreateIndex(u"I", u"T", {u"a"});
-  ExpectRefusedUntouched(4187, u"Index I already exists.",
+  ExpectRefusedUntouched(SAGLEME_INDEX_EXISTS, u"Index I already exists.",
                          [&] { return ByOrdinals(u"I", 0, {77}); });
-  ExpectRefusedUntouched(4300, u"Column b isn't found in table T and ancestor tables.", [&] {
-    return ByNames(u"I", u"T", {{u"b", 1}});
-  });
+  ExpectRefusedUntouched(SAGLEME_COLUMN_NOT_FOUND,
+                         u"Column b isn't found in table T and ancestor tables.", [&] {
+                           return ByNames(u"I", u"T", {{u"b", 1}});
+                         });
 }
 
 TEST_F(CreateIndexTest, TypeWithoutKernelType_Is4226) {
   Create(u"T", Columns().Long(u"a"));
   metalayer::PutULong(metalayer::DbPrimitiveType::ByDbPrimitiveTypePK_postV2_3(3),
                       metalayer::DbPrimitiveType::kPrimitiveType, 11);
-  ExpectRefusedUntouched(4226, u"", [&] { return ByOrdinals(u"I", 0, {3}); });
+  ExpectRefusedUntouched(SAGLEME_INVALID_TYPE, u"", [&] { return ByOrdinals(u"I", 0, {3}); });
 }
 
 TEST_F(CreateIndexTest, SpecifierWithoutText_CoversEveryObject) {

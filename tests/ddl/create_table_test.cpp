@@ -108,12 +108,14 @@ TEST_F(CreateTableTest, UnderTheRoot_112ColumnsFit) {
 }
 
 TEST_F(CreateTableTest, ListOf113_IsRefusedUnread) {
-  ExpectRefusedUntouched(1001, u"Number of columns for table T exceeds the limit of 112.",
+  ExpectRefusedUntouched(SAGLEME_BAD_ARGUMENT,
+                         u"Number of columns for table T exceeds the limit of 112.",
                          [&] { return ByNames(u"T", LongColumns(113)); });
-  ExpectRefusedUntouched(1001, u"Number of columns for table T exceeds the limit of 112.", [&] {
-    std::vector<LORV_COLUMN_DEFINITION> columns(113, {{1, 1}, 0, u"c"});
-    return lorv_create_table(context(), u"T", 0, 0, columns.data(), nullptr, nullptr);
-  });
+  ExpectRefusedUntouched(
+      SAGLEME_BAD_ARGUMENT, u"Number of columns for table T exceeds the limit of 112.", [&] {
+        std::vector<LORV_COLUMN_DEFINITION> columns(113, {{1, 1}, 0, u"c"});
+        return lorv_create_table(context(), u"T", 0, 0, columns.data(), nullptr, nullptr);
+      });
 }
 
 TEST_F(CreateTableTest, BaseOfTenColumns_Takes105More) {
@@ -122,45 +124,48 @@ TEST_F(CreateTableTest, BaseOfTenColumns_Takes105More) {
   for (int i = 7; i < 112; ++i) columns.Long(ColumnName(i));
   Columns more = columns;
   more.Long(u"last");
-  ExpectRefusedUntouched(1001, u"Number of columns for table T exceeds the limit of 112.",
+  ExpectRefusedUntouched(SAGLEME_BAD_ARGUMENT,
+                         u"Number of columns for table T exceeds the limit of 112.",
                          [&] { return ByNames(u"T", more, u"Base"); });
   Create(u"T", columns, u"Base");
   EXPECT_EQ(115u, ColumnsOf(u"T").size());
 }
 
 TEST_F(CreateTableTest, Arguments_AreCheckedFirst) {
-  ExpectRefusedUntouched(1001, u"Argument name is null.", [&] { return ByNames(nullptr, {}); });
-  ExpectRefusedUntouched(1001, u"Argument name is empty.", [&] { return ByNames(u"", {}); });
-  ExpectRefusedUntouched(1001, u"Argument base_table_name is empty.",
+  ExpectRefusedUntouched(SAGLEME_BAD_ARGUMENT, u"Argument name is null.",
+                         [&] { return ByNames(nullptr, {}); });
+  ExpectRefusedUntouched(SAGLEME_BAD_ARGUMENT, u"Argument name is empty.",
+                         [&] { return ByNames(u"", {}); });
+  ExpectRefusedUntouched(SAGLEME_BAD_ARGUMENT, u"Argument base_table_name is empty.",
                          [&] { return ByNames(u"T", {}, u""); });
-  ExpectRefusedUntouched(1001, u"Argument column_definitions is null.", [&] {
+  ExpectRefusedUntouched(SAGLEME_BAD_ARGUMENT, u"Argument column_definitions is null.", [&] {
     return lorv_create_table_by_names(context(), u"T", u"", nullptr, nullptr);
   });
-  ExpectRefusedUntouched(1001, u"Argument column_definitions is null.", [&] {
+  ExpectRefusedUntouched(SAGLEME_BAD_ARGUMENT, u"Argument column_definitions is null.", [&] {
     return lorv_create_table(context(), u"T", 0, 0, nullptr, nullptr, nullptr);
   });
-  ExpectRefusedUntouched(1001, u"Argument name is empty.", [&] {
+  ExpectRefusedUntouched(SAGLEME_BAD_ARGUMENT, u"Argument name is empty.", [&] {
     return lorv_create_table(context(), u"", 0, 0, nullptr, nullptr, nullptr);
   });
-  ExpectRefusedUntouched(1001, u"Argument name is null.", [&] {
+  ExpectRefusedUntouched(SAGLEME_BAD_ARGUMENT, u"Argument name is null.", [&] {
     return lorv_create_table_high_check_types(context(), nullptr, nullptr, nullptr, nullptr);
   });
 }
 
 TEST_F(CreateTableTest, UnknownBase_IsRefused) {
-  ExpectRefusedUntouched(15001, u"Base table Nobody not found.",
+  ExpectRefusedUntouched(SAGLEME_BASE_NOT_FOUND, u"Base table Nobody not found.",
                          [&] { return ByNames(u"T", {}, u"Nobody"); });
 }
 
 // The base is looked up before the table.
 TEST_F(CreateTableTest, UnknownBaseOfAnExistingTable_IsRefused) {
   Create(u"T");
-  ExpectRefusedUntouched(15001, u"Base table Nobody not found.",
+  ExpectRefusedUntouched(SAGLEME_BASE_NOT_FOUND, u"Base table Nobody not found.",
                          [&] { return ByNames(u"T", {}, u"Nobody"); });
 }
 
 TEST_F(CreateTableTest, StrictFailure_LeavesTheViewRowToTheTransaction) {
-  ExpectRefused(15002, u"Reference type Later not found for column r.",
+  ExpectRefused(SAGLEME_TARGET_NOT_FOUND, u"Reference type Later not found for column r.",
                 lorv_create_table_high_check_types(context(), u"T", nullptr,
                                                    Columns().Ref(u"r", u"Later"), nullptr));
   EXPECT_FALSE(View(u"T").is_null());
@@ -203,7 +208,8 @@ TEST_F(CreateTableTest, ByReference_TypeThatIsGone_IsRefused) {
   LORV_COLUMN_DEFINITION const columns[] = {{gone, 0, u"c"}, {db_util::null_obj_ref, 0, nullptr}};
   uint64_t oid = 7;
   uint64_t addr = 8;
-  ExpectRefused(4280, u"", lorv_create_table(context(), u"T", 0, 0, columns, &oid, &addr));
+  ExpectRefused(SAGLEME_TYPE_IS_GONE, u"",
+                lorv_create_table(context(), u"T", 0, 0, columns, &oid, &addr));
   EXPECT_EQ(7u, oid);
   EXPECT_EQ(8u, addr);
 }
@@ -260,7 +266,8 @@ TEST_F(CreateTableTest, ByReference_LimitCountsTheBasesColumns) {
     return lorv_create_table(context(), u"T", base.oid, base.addr, columns.data(), nullptr,
                              nullptr);
   };
-  ExpectRefusedUntouched(1001, u"Number of columns for table T exceeds the limit of 112.", create);
+  ExpectRefusedUntouched(SAGLEME_BAD_ARGUMENT,
+                         u"Number of columns for table T exceeds the limit of 112.", create);
   columns.erase(columns.begin());
   ExpectOk(create());
   EXPECT_EQ(115u, ColumnsOf(u"T").size());
@@ -274,7 +281,7 @@ TEST_F(CreateTableTest, ByReference_RefusedCallLeavesTheOutputsAlone) {
                                             {db_util::null_obj_ref, 0, nullptr}};
   uint64_t oid = 77;
   uint64_t addr = 78;
-  ExpectRefused(15002, u"Refernce type for column r is not one of RawView.",
+  ExpectRefused(SAGLEME_TARGET_NOT_FOUND, u"Refernce type for column r is not one of RawView.",
                 lorv_create_table(context(), u"T", 0, 0, columns, &oid, &addr));
   EXPECT_EQ(77u, oid);
   EXPECT_EQ(78u, addr);
@@ -287,7 +294,8 @@ TEST_F(CreateTableTest, ByReference_NullabilityIsTheCallers) {
   LORV_COLUMN_DEFINITION const columns[] = {{string, 0, u"s"}, {db_util::null_obj_ref, 0, nullptr}};
   ExpectOk(lorv_create_table(context(), u"T", 0, 0, columns, nullptr, nullptr));
   EXPECT_EQ(WithRootColumns({"3 s string"}), ColumnsOf(u"T"));
-  ExpectRefused(4213, u"Column s must be nullable.", ByNames(u"U", Columns().Add(1, u"s", false)));
+  ExpectRefused(SAGLEME_COLUMN_NOT_NULLABLE, u"Column s must be nullable.",
+                ByNames(u"U", Columns().Add(SAGLEME_TYPE_TEXT, u"s", false)));
 }
 
 // Columns are written without being looked up: a name that fits no key makes one that no call by
@@ -297,7 +305,8 @@ TEST_F(CreateTableTest, ColumnNameTooLongForAKey_CannotBeAskedForLater) {
   Create(u"T", Columns().Long(u"a").Long(name.c_str()));
   EXPECT_EQ(5u, ColumnsOf(u"T").size());
   PropertyAccessInfo* handle = nullptr;
-  ExpectRefused(4197, u"", lorv_crud_GetPropertyHandle(context(), u"T", name.c_str(), &handle));
+  ExpectRefused(SAGLEME_NAME_TOO_LONG, u"",
+                lorv_crud_GetPropertyHandle(context(), u"T", name.c_str(), &handle));
   ExpectOk(lorv_drop_table_by_name(context(), u"T", false, false));
 }
 

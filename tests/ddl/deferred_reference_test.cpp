@@ -80,7 +80,7 @@ TEST_F(DeferredReferenceDeathTest, VerifyingItsTable_EndsTheProcessWhateverTypeI
 // Nullability is compared before types.
 TEST_F(DeferredReferenceTest, VerifyingWithAColumnThatTakesNoNull_FindsTheDifferenceFirst) {
   ExpectRefusedUntouched(
-      15009,
+      SAGLEME_SCHEMA_MISMATCH,
       u"Schema of the input type does not match schema of existing type: Parent for column r.",
       [&] { return Verify(u"Parent", Columns().Long(u"r").Long(u"a")); });
 }

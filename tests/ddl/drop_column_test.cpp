@@ -107,25 +107,26 @@ TEST_F(DropColumnTest, DroppedColumn_CanBeAddedAnew) {
 
 TEST_F(DropColumnTest, Arguments_AreCheckedInOrder) {
   Create(u"T", Columns().Long(u"a"));
-  ExpectRefusedUntouched(1001, u"Argument full_table_name is null.",
+  ExpectRefusedUntouched(SAGLEME_BAD_ARGUMENT, u"Argument full_table_name is null.",
                          [&] { return Drop(nullptr, nullptr); });
-  ExpectRefusedUntouched(1001, u"Argument full_table_name is empty.",
+  ExpectRefusedUntouched(SAGLEME_BAD_ARGUMENT, u"Argument full_table_name is empty.",
                          [&] { return Drop(u"", nullptr); });
-  ExpectRefusedUntouched(1001, u"Argument column_name is null.",
+  ExpectRefusedUntouched(SAGLEME_BAD_ARGUMENT, u"Argument column_name is null.",
                          [&] { return Drop(u"Nobody", nullptr); });
-  ExpectRefusedUntouched(1001, u"Argument column_name is empty.",
+  ExpectRefusedUntouched(SAGLEME_BAD_ARGUMENT, u"Argument column_name is empty.",
                          [&] { return Drop(u"Nobody", u""); });
-  ExpectRefusedUntouched(15003, u"Table Nobody not found.", [&] { return Drop(u"Nobody", u"a"); });
-  ExpectRefusedUntouched(7038, u"Column b isn't found in table T.",
+  ExpectRefusedUntouched(SAGLEME_TABLE_NOT_FOUND, u"Table Nobody not found.",
+                         [&] { return Drop(u"Nobody", u"a"); });
+  ExpectRefusedUntouched(SAGLEME_NO_SUCH_COLUMN, u"Column b isn't found in table T.",
                          [&] { return Drop(u"T", u"b"); });
 }
 
 TEST_F(DropColumnTest, InheritedColumn_IsDroppedWhereItIsDeclared) {
   Create(u"Parent", Columns().Long(u"p"));
   Create(u"a.Child", {}, u"Parent");
-  ExpectRefusedUntouched(15024, u"Column p is inherited by table a.Child.",
+  ExpectRefusedUntouched(SAGLEME_COLUMN_INHERITED, u"Column p is inherited by table a.Child.",
                          [&] { return Drop(u"a.Child", u"p"); });
-  ExpectRefusedUntouched(15024, u"Column __id is inherited by table Parent.",
+  ExpectRefusedUntouched(SAGLEME_COLUMN_INHERITED, u"Column __id is inherited by table Parent.",
                          [&] { return Drop(u"Parent", u"__id"); });
   DropColumn(u"Parent", u"p");
   EXPECT_EQ(WithRootColumns({}), ColumnsOf(u"a.Child"));
@@ -134,13 +135,15 @@ TEST_F(DropColumnTest, InheritedColumn_IsDroppedWhereItIsDeclared) {
 TEST_F(DropColumnTest, Index_HoldsTheColumn) {
   Create(u"a.T", Columns().Long(u"x").Long(u"y"));
   CreateIndex(u"I", u"a.T", {u"y", u"x"});
-  ExpectRefusedUntouched(15011, u"Column x is a part of index I on table a.T.",
+  ExpectRefusedUntouched(SAGLEME_COLUMN_INDEXED, u"Column x is a part of index I on table a.T.",
                          [&] { return Drop(u"a.T", u"x"); });
   CreateIndex(u"J", u"a.T", {u"x"});
-  ExpectRefusedUntouched(15011, u"Column x is a part of index I on table a.T and one other.",
+  ExpectRefusedUntouched(SAGLEME_COLUMN_INDEXED,
+                         u"Column x is a part of index I on table a.T and one other.",
                          [&] { return Drop(u"a.T", u"x"); });
   CreateIndex(u"K", u"a.T", {u"-x"});
-  ExpectRefusedUntouched(15011, u"Column x is a part of index I on table a.T and others.",
+  ExpectRefusedUntouched(SAGLEME_COLUMN_INDEXED,
+                         u"Column x is a part of index I on table a.T and others.",
                          [&] { return Drop(u"a.T", u"x"); });
 }
 
@@ -156,7 +159,8 @@ TEST_F(DropColumnTest, IndexOnAChild_StopsTheChangeThere) {
   Create(u"a.Child", Columns().Long(u"c"), u"Parent");
   CreateIndex(u"I", u"a.Child", {u"p"});
   uint64_t const generation = Generation();
-  ExpectRefused(15011, u"Column p is a part of index I on table a.Child.", Drop(u"Parent", u"p"));
+  ExpectRefused(SAGLEME_COLUMN_INDEXED, u"Column p is a part of index I on table a.Child.",
+                Drop(u"Parent", u"p"));
   EXPECT_EQ(WithRootColumns({"3 q long"}), ColumnsOf(u"Parent"));
   EXPECT_EQ((Request{1, LayoutOfTable(u"Parent")}), RequestOf(u"Parent"));
   EXPECT_EQ(6u, ColumnsOf(u"a.Child").size());
@@ -180,10 +184,11 @@ TEST_F(DropColumnTest, IndexOnAChild_CarriesTheDeclaringTable) {
 TEST_F(DropColumnTest, MappedProperty_HoldsTheColumn) {
   Create(u"a.T", Columns().Long(u"x"));
   InsertMappedProperty(View(u"a.T"), u"First", ColumnRow(u"a.T", u"x"));
-  ExpectRefusedUntouched(15014, u"Column x is mapped by First on table a.T.",
+  ExpectRefusedUntouched(SAGLEME_COLUMN_MAPPED, u"Column x is mapped by First on table a.T.",
                          [&] { return Drop(u"a.T", u"x"); });
   InsertMappedProperty(View(u"a.T"), u"Second", ColumnRow(u"a.T", u"x"));
-  ExpectRefusedUntouched(15014, u"Column x is mapped by First on table a.T and one other.",
+  ExpectRefusedUntouched(SAGLEME_COLUMN_MAPPED,
+                         u"Column x is mapped by First on table a.T and one other.",
                          [&] { return Drop(u"a.T", u"x"); });
 }
 
@@ -191,7 +196,7 @@ TEST_F(DropColumnTest, IndexedAndMapped_ReportsTheIndex) {
   Create(u"T", Columns().Long(u"x"));
   InsertMappedProperty(View(u"T"), u"Prop", ColumnRow(u"T", u"x"));
   CreateIndex(u"I", u"T", {u"x"});
-  ExpectRefusedUntouched(15011, u"Column x is a part of index I on table T.",
+  ExpectRefusedUntouched(SAGLEME_COLUMN_INDEXED, u"Column x is a part of index I on table T.",
                          [&] { return Drop(u"T", u"x"); });
 }
 
@@ -199,15 +204,16 @@ TEST_F(DropColumnTest, ClassOnTheTable_HoldsIt) {
   Create(u"T", Columns().Long(u"x"));
   InsertClass(u"Class", View(u"T"));
   CreateIndex(u"I", u"T", {u"x"});
-  ExpectRefusedUntouched(15012, u"Table T is still referenced by clr class Class.",
+  ExpectRefusedUntouched(SAGLEME_TABLE_REFERENCED,
+                         u"Table T is still referenced by clr class Class.",
                          [&] { return Drop(u"T", u"x"); });
 }
 
 TEST_F(DropColumnTest, ClassOnADescendant_StopsTheChangeThere) {
   CreateThreeLevels();
   InsertClass(u"Class", View(u"Grandchild"));
-  ExpectRefused(15012, u"Table Grandchild is still referenced by clr class Class.",
-                Drop(u"Parent", u"p"));
+  ExpectRefused(SAGLEME_TABLE_REFERENCED,
+                u"Table Grandchild is still referenced by clr class Class.", Drop(u"Parent", u"p"));
   EXPECT_EQ(4u, ColumnsOf(u"Parent").size());
   EXPECT_EQ(5u, ColumnsOf(u"Child").size());
   EXPECT_EQ(7u, ColumnsOf(u"Grandchild").size());
@@ -232,7 +238,7 @@ TEST_F(DropColumnTest, MoreThan114ColumnsToReload_IsRefusedWithoutWords) {
   metalayer::PutRef(table, RawView::kInherits, db_util::null_obj_ref);
   RawColumn::Insert(table, u"extra", ColumnRow(u"T", u"n0").get_ref(RawColumn::kDataType), false,
                     false, false, 115);
-  ExpectRefusedUntouched(15007, u"", [&] { return Drop(u"T", u"n5"); });
+  ExpectRefusedUntouched(SAGLEME_TOO_MANY_RECORDS, u"", [&] { return Drop(u"T", u"n5"); });
 }
 
 TEST_F(DropColumnTest, DottedName_FindsTheTableByItsLastSegments) {
@@ -240,9 +246,9 @@ TEST_F(DropColumnTest, DottedName_FindsTheTableByItsLastSegments) {
   metalayer::DottedName const name = metalayer::DottedName::Split(u"Model.T");
   uint16_t const layout = metalayer::ddl::DropColumn(name, u"a");
   EXPECT_EQ(LayoutOfTable(u"App.Model.T"), layout);
-  ExpectThrown(1001, u"Argument column_name is empty.",
+  ExpectThrown(SAGLEME_BAD_ARGUMENT, u"Argument column_name is empty.",
                [&] { metalayer::ddl::DropColumn(name, u""); });
-  ExpectThrown(15003, u"Table Other.T not found.",
+  ExpectThrown(SAGLEME_TABLE_NOT_FOUND, u"Table Other.T not found.",
                [] { metalayer::ddl::DropColumn(metalayer::DottedName::Split(u"Other.T"), u"b"); });
 }
 
@@ -263,7 +269,7 @@ TEST_F(DropColumnTest, MappedThreeTimes_SaysOthers) {
   for (char16_t const* const name : {u"A", u"B", u"C", u"D"}) {
     InsertMappedProperty(View(u"T"), name, ColumnRow(u"T", u"x"));
   }
-  ExpectRefusedUntouched(15014, u"Column x is mapped by A on table T and others.",
+  ExpectRefusedUntouched(SAGLEME_COLUMN_MAPPED, u"Column x is mapped by A on table T and others.",
                          [&] { return Drop(u"T", u"x"); });
 }
 
@@ -271,7 +277,8 @@ TEST_F(DropColumnTest, MappedThreeTimes_SaysOthers) {
 TEST_F(DropColumnTest, PropertyOnADescendant_StopsTheChangeThere) {
   CreateThreeLevels();
   InsertMappedProperty(View(u"Child"), u"Prop", ColumnRow(u"Child", u"p"));
-  ExpectRefused(15014, u"Column p is mapped by Prop on table Child.", Drop(u"Parent", u"p"));
+  ExpectRefused(SAGLEME_COLUMN_MAPPED, u"Column p is mapped by Prop on table Child.",
+                Drop(u"Parent", u"p"));
   EXPECT_EQ(WithRootColumns({"3 q long"}), ColumnsOf(u"Parent"));
   EXPECT_EQ(6u, ColumnsOf(u"Child").size());
   EXPECT_EQ(kNoRequest, RequestOf(u"Child"));
@@ -282,7 +289,7 @@ TEST_F(DropColumnTest, UsesInDescendants_AreNotCountedAbove) {
   CreateIndex(u"I", u"Parent", {u"p"});
   CreateIndex(u"J", u"Child", {u"p"});
   CreateIndex(u"K", u"Grandchild", {u"p"});
-  ExpectRefusedUntouched(15011, u"Column p is a part of index I on table Parent.",
+  ExpectRefusedUntouched(SAGLEME_COLUMN_INDEXED, u"Column p is a part of index I on table Parent.",
                          [&] { return Drop(u"Parent", u"p"); });
 }
 
@@ -290,7 +297,7 @@ TEST_F(DropColumnTest, UnreloadableType_Is4226) {
   Create(u"T", Columns().Long(u"a").String(u"b"));
   metalayer::PutULong(metalayer::DbPrimitiveType::ByDbPrimitiveTypePK_postV2_3(3),
                       metalayer::DbPrimitiveType::kPrimitiveType, 11);
-  ExpectRefusedUntouched(4226, u"", [&] { return Drop(u"T", u"b"); });
+  ExpectRefusedUntouched(SAGLEME_INVALID_TYPE, u"", [&] { return Drop(u"T", u"b"); });
 }
 
 TEST_F(DropColumnTest, TypeOfTheDroppedColumn_IsNotLookedAt) {
@@ -310,7 +317,8 @@ TEST_F(DropColumnTest, TableWithoutSetSpecifier_EndsTheProcess) {
 TEST_F(DropColumnTest, RefusedCall_LeavesTheOutputAlone) {
   Create(u"T", Columns().Long(u"a"));
   uint64_t layout = 77;
-  EXPECT_EQ(7038u, lorv_alter_table_drop_column_by_names(context(), u"T", u"b", &layout));
+  EXPECT_EQ(SAGLEME_NO_SUCH_COLUMN,
+            lorv_alter_table_drop_column_by_names(context(), u"T", u"b", &layout));
   EXPECT_EQ(77u, layout);
 }
 

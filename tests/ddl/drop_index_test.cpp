@@ -70,7 +70,7 @@ TEST_F(DropIndexTest, ByFullNameAndName_RemovesIt) {
   uint64_t const handle = HandleOf(u"I");
   ddl::DropIndex(u"App.T", u"I");
   ExpectDropped(u"I", handle);
-  ExpectThrown(15003, u"Table T not found.", [] { ddl::DropIndex(u"T", u"J"); });
+  ExpectThrown(SAGLEME_TABLE_NOT_FOUND, u"Table T not found.", [] { ddl::DropIndex(u"T", u"J"); });
 }
 
 TEST_F(DropIndexTest, DroppedIndex_CanBeCreatedAgain) {
@@ -80,14 +80,14 @@ TEST_F(DropIndexTest, DroppedIndex_CanBeCreatedAgain) {
 }
 
 TEST_F(DropIndexTest, UnknownIndex_IsRefused) {
-  ExpectRefusedUntouched(4229, u"Index Nobody not found.",
+  ExpectRefusedUntouched(SAGLEME_INDEX_NOT_FOUND, u"Index Nobody not found.",
                          [&] { return lorv_drop_index_by_name(context(), u"Nobody"); });
-  ExpectRefusedUntouched(4229, u"Index Nobody not found.",
+  ExpectRefusedUntouched(SAGLEME_INDEX_NOT_FOUND, u"Index Nobody not found.",
                          [&] { return ByTableAndName(u"App.T", u"Nobody"); });
 }
 
 TEST_F(DropIndexTest, UnknownTable_IsRefused) {
-  ExpectRefusedUntouched(15003, u"Table No.Body not found.",
+  ExpectRefusedUntouched(SAGLEME_TABLE_NOT_FOUND, u"Table No.Body not found.",
                          [&] { return ByTableAndName(u"No.Body", u"I"); });
 }
 
@@ -95,19 +95,22 @@ TEST_F(DropIndexTest, UnknownTable_IsRefused) {
 TEST_F(DropIndexTest, AmbiguousTable_IsRefused) {
   Create(u"Other.T");
   ExpectRefusedUntouched(
-      7039, u"Incomplete table name T matches more than one table: App.T, Other.T, and more.",
+      SAGLEME_AMBIGUOUS_NAME,
+      u"Incomplete table name T matches more than one table: App.T, Other.T, and more.",
       [&] { return ByTableAndName(u"T", u"I"); });
 }
 
 TEST_F(DropIndexTest, IndexOfAnotherTable_IsRefused) {
   Create(u"App.Other");
-  ExpectRefusedUntouched(15005, u"Index I doesn't belong to the table App.Other.",
+  ExpectRefusedUntouched(SAGLEME_INDEX_OF_ANOTHER_TABLE,
+                         u"Index I doesn't belong to the table App.Other.",
                          [&] { return ByTableAndName(u"Other", u"I"); });
 }
 
 TEST_F(DropIndexTest, IndexOfTheParent_IsNotTheChilds) {
   Create(u"App.Child", {}, u"App.T");
-  ExpectRefusedUntouched(15005, u"Index I doesn't belong to the table App.Child.",
+  ExpectRefusedUntouched(SAGLEME_INDEX_OF_ANOTHER_TABLE,
+                         u"Index I doesn't belong to the table App.Child.",
                          [&] { return ByTableAndName(u"Child", u"I"); });
 }
 
@@ -153,14 +156,16 @@ TEST_F(DropIndexTest, SystemIndex_IsNotGuarded) {
 }
 
 TEST_F(DropIndexTest, TableComesBeforeIndex) {
-  ExpectRefusedUntouched(15003, u"Table Nobody not found.",
+  ExpectRefusedUntouched(SAGLEME_TABLE_NOT_FOUND, u"Table Nobody not found.",
                          [&] { return ByTableAndName(u"Nobody", u"Nothing"); });
-  ExpectThrown(15003, u"Table T not found.", [] { ddl::DropIndex(u"T", u"Nothing"); });
+  ExpectThrown(SAGLEME_TABLE_NOT_FOUND, u"Table T not found.",
+               [] { ddl::DropIndex(u"T", u"Nothing"); });
 }
 
 TEST_F(DropIndexTest, IndexWithoutTable_BelongsToNone) {
   metalayer::PutRef(Index::ByIndexPK(u"I"), Index::kTable, db_util::null_obj_ref);
-  ExpectRefusedUntouched(15005, u"Index I doesn't belong to the table App.T.",
+  ExpectRefusedUntouched(SAGLEME_INDEX_OF_ANOTHER_TABLE,
+                         u"Index I doesn't belong to the table App.T.",
                          [&] { return ByTableAndName(u"App.T", u"I"); });
   ExpectOk(lorv_drop_index_by_name(context(), u"I"));
 }
@@ -180,7 +185,7 @@ TEST_F(DropIndexTest, IndexThatTheKernelHasLost_IsItsRefusal) {
 }
 
 TEST_F(DropIndexTest, EmptySegmentsOfTheTablesName_Count) {
-  ExpectRefusedUntouched(15003, u"Table App..T not found.",
+  ExpectRefusedUntouched(SAGLEME_TABLE_NOT_FOUND, u"Table App..T not found.",
                          [&] { return ByTableAndName(u"App..T", u"I"); });
   ExpectOk(ByTableAndName(u"App.T.", u"I"));
 }

@@ -52,9 +52,10 @@ TEST_F(DropTableCascadeTest, ReferencesAndClasses_DoNotHoldIt) {
 TEST_F(DropTableCascadeTest, Index_HoldsIt) {
   Create(u"a.T", Columns().Long(u"a"));
   CreateIndex(u"I", u"a.T", {u"a"});
-  ExpectRefusedUntouched(15006, u"Table a.T still has index I.", [&] { return Cascade(u"a.T"); });
+  ExpectRefusedUntouched(SAGLEME_TABLE_NOT_EMPTY, u"Table a.T still has index I.",
+                         [&] { return Cascade(u"a.T"); });
   CreateIndex(u"J", u"a.T", {u"-a"});
-  ExpectRefusedUntouched(15006, u"Table a.T still has index I and more.",
+  ExpectRefusedUntouched(SAGLEME_TABLE_NOT_EMPTY, u"Table a.T still has index I and more.",
                          [&] { return Cascade(u"a.T"); });
 }
 
@@ -63,7 +64,7 @@ TEST_F(DropTableCascadeTest, IndexOfADescendant_HoldsIt) {
   Create(u"First", {}, u"Parent");
   Create(u"Second", {}, u"Parent");
   CreateIndex(u"I", u"Second", {u"a"});
-  ExpectRefusedUntouched(15006, u"Table Second still has index I.",
+  ExpectRefusedUntouched(SAGLEME_TABLE_NOT_EMPTY, u"Table Second still has index I.",
                          [&] { return Cascade(u"Parent"); });
 }
 
@@ -72,7 +73,7 @@ TEST_F(DropTableCascadeTest, ObjectInAGrandchild_IsReportedForTheTopmostTable) {
   Create(u"Child", {}, u"Parent");
   Create(u"Grandchild", {}, u"Child");
   uint64_t const object = CreateObject(u"Grandchild");
-  ExpectRefusedUntouched(15006, u"Table Parent still contains data.",
+  ExpectRefusedUntouched(SAGLEME_TABLE_NOT_EMPTY, u"Table Parent still contains data.",
                          [&] { return Cascade(u"Parent"); });
   ExpectOk(lorv_crud_DeleteObject_NoHandle(context(), object, LayoutOfTable(u"Grandchild")));
   ExpectOk(Cascade(u"Parent"));
@@ -82,7 +83,8 @@ TEST_F(DropTableCascadeTest, IndexComesBeforeData) {
   Create(u"T", Columns().Long(u"a"));
   CreateIndex(u"I", u"T", {u"a"});
   CreateObject(u"T");
-  ExpectRefusedUntouched(15006, u"Table T still has index I.", [&] { return Cascade(u"T"); });
+  ExpectRefusedUntouched(SAGLEME_TABLE_NOT_EMPTY, u"Table T still has index I.",
+                         [&] { return Cascade(u"T"); });
 }
 
 TEST_F(DropTableCascadeTest, ObjectsOfSiblings_DoNotHoldIt) {
@@ -96,10 +98,12 @@ TEST_F(DropTableCascadeTest, ObjectsOfSiblings_DoNotHoldIt) {
 }
 
 TEST_F(DropTableCascadeTest, Arguments_AreChecked) {
-  ExpectRefusedUntouched(1001, u"Argument full_table_name is null.",
+  ExpectRefusedUntouched(SAGLEME_BAD_ARGUMENT, u"Argument full_table_name is null.",
                          [&] { return Cascade(nullptr); });
-  ExpectRefusedUntouched(1001, u"Argument full_table_name is empty.", [&] { return Cascade(u""); });
-  ExpectRefusedUntouched(15003, u"Table Nobody not found.", [&] { return Cascade(u"Nobody"); });
+  ExpectRefusedUntouched(SAGLEME_BAD_ARGUMENT, u"Argument full_table_name is empty.",
+                         [&] { return Cascade(u""); });
+  ExpectRefusedUntouched(SAGLEME_TABLE_NOT_FOUND, u"Table Nobody not found.",
+                         [&] { return Cascade(u"Nobody"); });
 }
 
 TEST_F(DropTableCascadeTest, WithoutSetSpecifier_EndsTheProcess) {
@@ -114,7 +118,7 @@ TEST_F(DropTableCascadeTest, DataComesBeforeIndexesOfChildren) {
   Create(u"Child", {}, u"Parent");
   CreateIndex(u"I", u"Child", {u"a"});
   CreateObject(u"Child");
-  ExpectRefusedUntouched(15006, u"Table Parent still contains data.",
+  ExpectRefusedUntouched(SAGLEME_TABLE_NOT_EMPTY, u"Table Parent still contains data.",
                          [&] { return Cascade(u"Parent"); });
 }
 
@@ -122,7 +126,8 @@ TEST_F(DropTableCascadeTest, DataComesBeforeIndexesOfChildren) {
 TEST_F(DropTableCascadeTest, SpecifierWithoutText_CoversEveryObject) {
   Create(u"T");
   metalayer::PutText(SetSpecifier::ByType(View(u"T")), SetSpecifier::kTypeId, nullptr);
-  ExpectRefusedUntouched(15006, u"Table T still contains data.", [&] { return Cascade(u"T"); });
+  ExpectRefusedUntouched(SAGLEME_TABLE_NOT_EMPTY, u"Table T still contains data.",
+                         [&] { return Cascade(u"T"); });
 }
 
 TEST_F(DropTableCascadeTest, ChildWithoutSetSpecifier_EndsTheProcess) {

@@ -74,16 +74,19 @@ TEST_F(DropTableTest, Indexes_GoWithTheTable) {
 TEST_F(DropTableTest, Children_HoldTheTable) {
   Create(u"a.Parent");
   Create(u"b.First", {}, u"a.Parent");
-  ExpectRefusedUntouched(15013, u"Table a.Parent still has child b.First.",
+  ExpectRefusedUntouched(SAGLEME_TABLE_HAS_DESCENDANTS, u"Table a.Parent still has child b.First.",
                          [&] { return Drop(u"a.Parent"); });
   Create(u"b.Second", {}, u"a.Parent");
-  ExpectRefusedUntouched(15013, u"Table a.Parent still has child b.First and another.",
+  ExpectRefusedUntouched(SAGLEME_TABLE_HAS_DESCENDANTS,
+                         u"Table a.Parent still has child b.First and another.",
                          [&] { return Drop(u"a.Parent"); });
   Create(u"b.Third", {}, u"a.Parent");
-  ExpectRefusedUntouched(15013, u"Table a.Parent still has child b.First and others.",
+  ExpectRefusedUntouched(SAGLEME_TABLE_HAS_DESCENDANTS,
+                         u"Table a.Parent still has child b.First and others.",
                          [&] { return Drop(u"a.Parent", false, true); });
   Create(u"b.Fourth", {}, u"a.Parent");
-  ExpectRefusedUntouched(15013, u"Table a.Parent still has child b.First and others.",
+  ExpectRefusedUntouched(SAGLEME_TABLE_HAS_DESCENDANTS,
+                         u"Table a.Parent still has child b.First and others.",
                          [&] { return Drop(u"a.Parent"); });
 }
 
@@ -119,7 +122,8 @@ TEST_F(DropTableTest, ReferenceColumn_HoldsTheTable) {
   Create(u"a.Target");
   Create(u"b.Referrer", Columns().Ref(u"r", u"a.Target"));
   ExpectRefusedUntouched(
-      15012, u"Table a.Target is still referenced at least by column r from table b.Referrer.",
+      SAGLEME_TABLE_REFERENCED,
+      u"Table a.Target is still referenced at least by column r from table b.Referrer.",
       [&] { return Drop(u"a.Target"); });
   ExpectOk(Drop(u"a.Target", false, true));
 }
@@ -129,7 +133,8 @@ TEST_F(DropTableTest, ReferenceToADescendant_IsFoundThere) {
   Create(u"Child", {}, u"Parent");
   Create(u"Referrer", Columns().Ref(u"r", u"Child"));
   ExpectRefusedUntouched(
-      15012, u"Table Child is still referenced at least by column r from table Referrer.",
+      SAGLEME_TABLE_REFERENCED,
+      u"Table Child is still referenced at least by column r from table Referrer.",
       [&] { return Drop(u"Parent", true); });
 }
 
@@ -138,13 +143,14 @@ TEST_F(DropTableTest, ReferringColumnWithoutTable_HasAnEmptyName) {
   Create(u"Referrer", Columns().Ref(u"r", u"Target"));
   metalayer::PutRef(ColumnRow(u"Referrer", u"r"), metalayer::RawColumn::kTable,
                     db_util::null_obj_ref);
-  ExpectRefused(15012, u"Table Target is still referenced at least by column r from table .",
+  ExpectRefused(SAGLEME_TABLE_REFERENCED,
+                u"Table Target is still referenced at least by column r from table .",
                 Drop(u"Target"));
 }
 
 TEST_F(DropTableTest, SelfReference_NamesTheTableTwice) {
   Create(u"T", Columns().Ref(u"self", u"T"));
-  ExpectRefusedUntouched(15012,
+  ExpectRefusedUntouched(SAGLEME_TABLE_REFERENCED,
                          u"Table T is still referenced at least by column self from table T.",
                          [&] { return Drop(u"T"); });
   ExpectOk(Drop(u"T", false, true));
@@ -153,28 +159,34 @@ TEST_F(DropTableTest, SelfReference_NamesTheTableTwice) {
 TEST_F(DropTableTest, Class_HoldsTheTableUnlessForced) {
   Create(u"T");
   InsertClass(u"Class", View(u"T"));
-  ExpectRefusedUntouched(15012, u"Table T is still referenced by clr class Class.",
+  ExpectRefusedUntouched(SAGLEME_TABLE_REFERENCED,
+                         u"Table T is still referenced by clr class Class.",
                          [&] { return Drop(u"T"); });
   ExpectOk(Drop(u"T", false, true));
 }
 
 TEST_F(DropTableTest, Refusals_ComeInOrder) {
-  ExpectRefusedUntouched(1001, u"Argument full_table_name is null.", [&] { return Drop(nullptr); });
-  ExpectRefusedUntouched(1001, u"Argument full_table_name is empty.", [&] { return Drop(u""); });
-  ExpectRefusedUntouched(15003, u"Table T not found.", [&] { return Drop(u"T"); });
+  ExpectRefusedUntouched(SAGLEME_BAD_ARGUMENT, u"Argument full_table_name is null.",
+                         [&] { return Drop(nullptr); });
+  ExpectRefusedUntouched(SAGLEME_BAD_ARGUMENT, u"Argument full_table_name is empty.",
+                         [&] { return Drop(u""); });
+  ExpectRefusedUntouched(SAGLEME_TABLE_NOT_FOUND, u"Table T not found.",
+                         [&] { return Drop(u"T"); });
   Create(u"T", Columns().Ref(u"self", u"T"));
   Create(u"Child", {}, u"T");
   InsertClass(u"Class", View(u"T"));
-  ExpectRefusedUntouched(15013, u"Table T still has child Child.", [&] { return Drop(u"T"); });
+  ExpectRefusedUntouched(SAGLEME_TABLE_HAS_DESCENDANTS, u"Table T still has child Child.",
+                         [&] { return Drop(u"T"); });
   ExpectOk(Drop(u"Child"));
-  ExpectRefusedUntouched(15012,
+  ExpectRefusedUntouched(SAGLEME_TABLE_REFERENCED,
                          u"Table T is still referenced at least by column self from table T.",
                          [&] { return Drop(u"T"); });
 }
 
 TEST_F(DropTableTest, ShortenedName_IsNoFullName) {
   Create(u"App.T");
-  ExpectRefusedUntouched(15003, u"Table T not found.", [&] { return Drop(u"T"); });
+  ExpectRefusedUntouched(SAGLEME_TABLE_NOT_FOUND, u"Table T not found.",
+                         [&] { return Drop(u"T"); });
 }
 
 TEST_F(DropTableTest, WithoutSetSpecifier_EndsTheProcess) {
@@ -204,7 +216,8 @@ TEST_F(DropTableTest, ClassOnADescendant_HoldsTheTree) {
   Create(u"Parent");
   Create(u"Child", {}, u"Parent");
   InsertClass(u"Class", View(u"Child"));
-  ExpectRefusedUntouched(15012, u"Table Child is still referenced by clr class Class.",
+  ExpectRefusedUntouched(SAGLEME_TABLE_REFERENCED,
+                         u"Table Child is still referenced by clr class Class.",
                          [&] { return Drop(u"Parent", true); });
   ExpectOk(Drop(u"Parent", true, true));
 }
@@ -215,7 +228,7 @@ TEST_F(DropTableTest, ClassOnASecondChild_IsMetAfterTheFirstHasGone) {
   Create(u"First", {}, u"Parent");
   Create(u"Second", {}, u"Parent");
   InsertClass(u"Class", View(u"Second"));
-  ExpectRefused(15012, u"Table Second is still referenced by clr class Class.",
+  ExpectRefused(SAGLEME_TABLE_REFERENCED, u"Table Second is still referenced by clr class Class.",
                 Drop(u"Parent", true));
   EXPECT_TRUE(View(u"First").is_null());
   EXPECT_FALSE(View(u"Parent").is_null());
@@ -224,7 +237,7 @@ TEST_F(DropTableTest, ClassOnASecondChild_IsMetAfterTheFirstHasGone) {
 TEST_F(DropTableTest, ReferenceComesBeforeClass) {
   Create(u"T", Columns().Ref(u"self", u"T"));
   InsertClass(u"Class", View(u"T"));
-  ExpectRefusedUntouched(15012,
+  ExpectRefusedUntouched(SAGLEME_TABLE_REFERENCED,
                          u"Table T is still referenced at least by column self from table T.",
                          [&] { return Drop(u"T"); });
 }

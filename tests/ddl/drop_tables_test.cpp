@@ -23,10 +23,10 @@ class DropTablesTest : public CatalogueTest {
 
 TEST_F(DropTablesTest, MutualReferences_GoTogetherOnly) {
   CreateMutual();
-  ExpectRefusedUntouched(15012,
+  ExpectRefusedUntouched(SAGLEME_TABLE_REFERENCED,
                          u"Table One is still referenced at least by column one from table Two.",
                          [&] { return lorv_drop_table_by_name(context(), u"One", false, false); });
-  ExpectRefusedUntouched(15012,
+  ExpectRefusedUntouched(SAGLEME_TABLE_REFERENCED,
                          u"Table Two is still referenced at least by column two from table One.",
                          [&] { return Drop({u"Two"}); });
   uint64_t const generation = Generation();
@@ -59,7 +59,8 @@ TEST_F(DropTablesTest, ReferenceFromOutside_IsFoundBeforeAnythingGoes) {
   Create(u"Third");
   Create(u"Outside", Columns().Ref(u"r", u"Third"));
   ExpectRefusedUntouched(
-      15012, u"Table Third is still referenced at least by column r from table Outside.", [&] {
+      SAGLEME_TABLE_REFERENCED,
+      u"Table Third is still referenced at least by column r from table Outside.", [&] {
         return Drop({u"One", u"Two", u"Third"});
       });
   ExpectOk(Drop({u"One", u"Two", u"Third"}, false, true));
@@ -77,7 +78,7 @@ TEST_F(DropTablesTest, Class_HoldsATableUnlessForced) {
   Create(u"First");
   Create(u"Second");
   InsertClass(u"Class", View(u"Second"));
-  ExpectRefused(15012, u"Table Second is still referenced by clr class Class.",
+  ExpectRefused(SAGLEME_TABLE_REFERENCED, u"Table Second is still referenced by clr class Class.",
                 Drop({u"First", u"Second"}));
   EXPECT_TRUE(View(u"First").is_null());
   ExpectOk(Drop({u"Second"}, false, true));
@@ -87,9 +88,10 @@ TEST_F(DropTablesTest, ParentInFrontOfItsChild_IsHeldByIt) {
   Create(u"Parent");
   Create(u"Child", {}, u"Parent");
   ASSERT_LT(View(u"Parent").oid, View(u"Child").oid);
-  ExpectRefusedUntouched(15013, u"Table Parent still has child Child.", [&] {
-    return Drop({u"Child", u"Parent"});
-  });
+  ExpectRefusedUntouched(SAGLEME_TABLE_HAS_DESCENDANTS, u"Table Parent still has child Child.",
+                         [&] {
+                           return Drop({u"Child", u"Parent"});
+                         });
 }
 
 TEST_F(DropTablesTest, DescendantReachedTwice_FailsWithTheKernelsStatus) {
@@ -101,10 +103,10 @@ TEST_F(DropTablesTest, DescendantReachedTwice_FailsWithTheKernelsStatus) {
 
 TEST_F(DropTablesTest, Arguments_AreCheckedPerName) {
   Create(u"T");
-  ExpectRefusedUntouched(1001, u"Argument full_table_name is empty.", [&] {
+  ExpectRefusedUntouched(SAGLEME_BAD_ARGUMENT, u"Argument full_table_name is empty.", [&] {
     return Drop({u"T", u""});
   });
-  ExpectRefusedUntouched(15003, u"Table Nobody not found.", [&] {
+  ExpectRefusedUntouched(SAGLEME_TABLE_NOT_FOUND, u"Table Nobody not found.", [&] {
     return Drop({u"T", u"Nobody"});
   });
 }
@@ -117,7 +119,7 @@ TEST_F(DropTablesTest, DottedNames_MayBeShortened) {
       false);
   EXPECT_TRUE(View(u"App.One").is_null());
   EXPECT_TRUE(View(u"App.Two").is_null());
-  ExpectThrown(15003, u"Table One not found.", [] {
+  ExpectThrown(SAGLEME_TABLE_NOT_FOUND, u"Table One not found.", [] {
     metalayer::ddl::DropMutuallyReferencingTables(
         std::vector<DottedName>{DottedName::Split(u"One")}, false, false);
   });
@@ -127,9 +129,10 @@ TEST_F(DropTablesTest, ClassComesBeforeChildren) {
   Create(u"Parent");
   Create(u"Child", {}, u"Parent");
   InsertClass(u"Class", View(u"Parent"));
-  ExpectRefusedUntouched(15012, u"Table Parent is still referenced by clr class Class.",
+  ExpectRefusedUntouched(SAGLEME_TABLE_REFERENCED,
+                         u"Table Parent is still referenced by clr class Class.",
                          [&] { return Drop({u"Parent"}); });
-  ExpectRefusedUntouched(15013, u"Table Parent still has child Child.",
+  ExpectRefusedUntouched(SAGLEME_TABLE_HAS_DESCENDANTS, u"Table Parent still has child Child.",
                          [&] { return Drop({u"Parent"}, false, true); });
 }
 
@@ -149,10 +152,11 @@ TEST_F(DropTablesTest, ReferringColumnWithoutTable_CountsAsOutside) {
   Create(u"Referrer", Columns().Ref(u"r", u"Target"));
   metalayer::PutRef(ColumnRow(u"Referrer", u"r"), metalayer::RawColumn::kTable,
                     db_util::null_obj_ref);
-  ExpectRefusedUntouched(
-      15012, u"Table Target is still referenced at least by column r from table .", [&] {
-        return Drop({u"Target", u"Referrer"});
-      });
+  ExpectRefusedUntouched(SAGLEME_TABLE_REFERENCED,
+                         u"Table Target is still referenced at least by column r from table .",
+                         [&] {
+                           return Drop({u"Target", u"Referrer"});
+                         });
 }
 
 TEST_F(DropTablesTest, DottedNameOfTwoTables_IsAmbiguous) {
@@ -164,7 +168,7 @@ TEST_F(DropTablesTest, DottedNameOfTwoTables_IsAmbiguous) {
           std::vector<DottedName>{DottedName::Split(u"T")}, false, true);
       ADD_FAILURE();
     } catch (db_util::db_exception const& failure) {
-      EXPECT_EQ(7039u, failure.code());
+      EXPECT_EQ(SAGLEME_AMBIGUOUS_NAME, failure.code());
     }
   });
 }

@@ -102,7 +102,7 @@ class LongNamesTest : public CatalogueTest, public ::testing::WithParamInterface
 TEST_P(LongNamesTest, AreRefusedWithoutAnythingWritten) {
   Create(u"T", Columns().Long(u"a").Long(u"b"));
   CreateIndex(u"I", u"T", {u"a"});
-  ExpectRefusedUntouched(4197, u"", [&] { return GetParam().call(context()); });
+  ExpectRefusedUntouched(SAGLEME_NAME_TOO_LONG, u"", [&] { return GetParam().call(context()); });
 }
 
 INSTANTIATE_TEST_SUITE_P(Requests, LongNamesTest, ::testing::ValuesIn(kRequests),

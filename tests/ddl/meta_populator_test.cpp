@@ -110,7 +110,7 @@ TEST_F(MetaPopulatorTest, MissingTarget_IsDeferredUnlessStrict) {
   ExpectOk(lorv_create_table_by_names(context(), u"Lax", nullptr, Columns().Ref(u"r", u"Later"),
                                       nullptr));
   EXPECT_EQ(WithRootColumns({"3 r reference(Later?) null"}), ColumnsOf(u"Lax"));
-  ExpectRefused(15002, u"Reference type Later not found for column r.",
+  ExpectRefused(SAGLEME_TARGET_NOT_FOUND, u"Reference type Later not found for column r.",
                 lorv_create_table_high_check_types(context(), u"Strict", nullptr,
                                                    Columns().Ref(u"r", u"Later"), nullptr));
 }
@@ -137,7 +137,8 @@ TEST_F(MetaPopulatorTest, UpdateRefTypes_UnknownTarget_KeepsWhatWasDone) {
   Create(u"First", Columns().Ref(u"a", u"Here"));
   Create(u"Second", Columns().Ref(u"b", u"Nowhere"));
   Create(u"Here");
-  ExpectRefused(15002, u"Column b refers to an unknown type Nowhere.", UpdateRefTypes());
+  ExpectRefused(SAGLEME_TARGET_NOT_FOUND, u"Column b refers to an unknown type Nowhere.",
+                UpdateRefTypes());
   EXPECT_EQ(WithRootColumns({"3 a reference(Here) null"}), ColumnsOf(u"First"));
   EXPECT_EQ(WithRootColumns({"3 b reference(Nowhere?) null"}), ColumnsOf(u"Second"));
 }
@@ -146,7 +147,7 @@ TEST_F(MetaPopulatorTest, TypeRowOfAnotherTable_IsRefused) {
   LS_OBJ_REF const type =
       metalayer::ClrPrimitiveType::Insert(u"Int32", Primitive(3), false, false, 9);
   LORV_COLUMN_DEFINITION const columns[] = {{type, 0, u"c"}, {db_util::null_obj_ref, 0, nullptr}};
-  ExpectRefused(15002, u"Refernce type for column c is not one of RawView.",
+  ExpectRefused(SAGLEME_TARGET_NOT_FOUND, u"Refernce type for column c is not one of RawView.",
                 lorv_create_table(context(), u"T", 0, 0, columns, nullptr, nullptr));
 }
 
@@ -158,27 +159,28 @@ TEST_F(MetaPopulatorTest, TypeRowOfAnyOtherTable_IsRefused) {
                                  ObjectBelow(u"Lorvenstack.Metadata.DbPrimitiveType", u"Types"),
                                  LS_OBJ_REF(InsertClass(u"Class", View(u"Views"))),
                                  LS_OBJ_REF(ColumnRow(u"Views", u"Name")), db_util::null_obj_ref}) {
-    ExpectThrownUntouched(15002, u"Refernce type for column c is not one of RawView.", [&] {
-      populator.PopulateColumnMeta(table, LORV_COLUMN_DEFINITION{type, 1, u"c"}, 0, false);
-    });
+    ExpectThrownUntouched(
+        SAGLEME_TARGET_NOT_FOUND, u"Refernce type for column c is not one of RawView.", [&] {
+          populator.PopulateColumnMeta(table, LORV_COLUMN_DEFINITION{type, 1, u"c"}, 0, false);
+        });
   }
 }
 
 TEST_F(MetaPopulatorTest, ReferenceWithoutTypeName_IsRefused) {
   ExpectRefused(
-      15002, u"Reference type name missing in column c.",
+      SAGLEME_TARGET_NOT_FOUND, u"Reference type name missing in column c.",
       lorv_create_table_by_names(context(), u"T", nullptr, Columns().Ref(u"c", nullptr), nullptr));
 }
 
 TEST_F(MetaPopulatorTest, UnknownPrimitiveType_IsRefused) {
   ExpectRefused(
-      15002, u"Primitive type 77 not found for column c.",
+      SAGLEME_TARGET_NOT_FOUND, u"Primitive type 77 not found for column c.",
       lorv_create_table_by_names(context(), u"T", nullptr, Columns().Add(77, u"c", true), nullptr));
 }
 
 TEST_F(MetaPopulatorTest, TypeThatMustBeNullable_IsRefused) {
   for (uint8_t const type : {uint8_t{1}, uint8_t{2}, uint8_t{8}}) {
-    ExpectRefused(4213, u"Column c must be nullable.",
+    ExpectRefused(SAGLEME_COLUMN_NOT_NULLABLE, u"Column c must be nullable.",
                   lorv_create_table_by_names(context(), u"T", nullptr,
                                              Columns().Add(type, u"c", false), nullptr));
     Rollback();
@@ -189,8 +191,8 @@ TEST_F(MetaPopulatorTest, TypeThatMustBeNullable_IsRefused) {
 TEST_F(MetaPopulatorTest, TypeThatMustBeNullable_CarriesTheTable) {
   RawView const table = BareTable(u"a.Bare");
   try {
-    MetaPopul8r(false).PopulateColumnMeta(table, LORV_COLUMN_DEFINITION_NAMES{1, nullptr, 0, u"c"},
-                                          0, false);
+    MetaPopul8r(false).PopulateColumnMeta(
+        table, LORV_COLUMN_DEFINITION_NAMES{SAGLEME_TYPE_TEXT, nullptr, 0, u"c"}, 0, false);
     ADD_FAILURE();
   } catch (metalayer::exceptions::BadNewColumnArg const& failure) {
     EXPECT_EQ(u"a.Bare", failure.table);
@@ -199,9 +201,9 @@ TEST_F(MetaPopulatorTest, TypeThatMustBeNullable_CarriesTheTable) {
 }
 
 TEST_F(MetaPopulatorTest, KeyThatIsNotNullable_PassesOutAsOutOfRange) {
-  EXPECT_THROW(
-      lorv_create_table_by_names(context(), u"T", nullptr, Columns().Add(9, u"k", false), nullptr),
-      std::out_of_range);
+  EXPECT_THROW(lorv_create_table_by_names(context(), u"T", nullptr,
+                                          Columns().Add(LORV_TYPE_KEY, u"k", false), nullptr),
+               std::out_of_range);
 }
 
 TEST_F(MetaPopulatorTest, MissingReferencePrimitive_EndsTheProcess) {
@@ -242,8 +244,8 @@ TEST_F(MetaPopulatorTest, ColumnRowOfAnotherTable_EndsTheProcess) {
 TEST_F(MetaPopulatorTest, OrdinalThatIsTaken_IsTheKernelsRefusal) {
   RawView const table = BareTable(u"Bare");
   MetaPopul8r populator(true);
-  LORV_COLUMN_DEFINITION_NAMES const a{3, nullptr, 0, u"a"};
-  LORV_COLUMN_DEFINITION_NAMES const b{3, nullptr, 0, u"b"};
+  LORV_COLUMN_DEFINITION_NAMES const a{SAGLEME_TYPE_SIGNED, nullptr, 0, u"a"};
+  LORV_COLUMN_DEFINITION_NAMES const b{SAGLEME_TYPE_SIGNED, nullptr, 0, u"b"};
   populator.PopulateColumnMeta(table, a, 0, false);
   ExpectThrown(LSCOREDB_DUPLICATE_KEY, u"",
                [&] { populator.PopulateColumnMeta(table, b, 0, false); });
@@ -279,10 +281,10 @@ TEST_F(MetaPopulatorTest, UpdateRefTypes_ColumnWithoutTexts_IsRefusedWithEmptyOn
   Create(u"T", Columns().Ref(u"r", u"Later"));
   RawColumn const column = ColumnRow(u"T", u"r");
   metalayer::PutText(column, ReferenceRawColumn::kDataTypeName, nullptr);
-  ExpectRefusedUntouched(15002, u"Column r refers to an unknown type .",
+  ExpectRefusedUntouched(SAGLEME_TARGET_NOT_FOUND, u"Column r refers to an unknown type .",
                          [&] { return UpdateRefTypes(); });
   metalayer::PutText(column, RawColumn::kName, nullptr);
-  ExpectRefusedUntouched(15002, u"Column  refers to an unknown type .",
+  ExpectRefusedUntouched(SAGLEME_TARGET_NOT_FOUND, u"Column  refers to an unknown type .",
                          [&] { return UpdateRefTypes(); });
 }
 
@@ -310,7 +312,7 @@ class SystemColumnTest : public MetaPopulatorTest {
   }
   void ExpectRefusedColumn(std::u16string const& text, metalayer::COLUMN_INFO const& column) {
     RawView const table = BareTable(u"Bare");
-    ExpectThrownUntouched(15002, text, [&] { Populate(true, table, column); });
+    ExpectThrownUntouched(SAGLEME_TARGET_NOT_FOUND, text, [&] { Populate(true, table, column); });
   }
 };
 

@@ -81,7 +81,7 @@ TEST_F(ObjectsAcrossChangesTest, DroppedColumn_IsGoneAndOthersStay) {
   DropColumn(u"Parent", u"p");
   Refresh();
   PropertyAccessInfo* handle = nullptr;
-  EXPECT_EQ(1001u, lorv_crud_GetPropertyHandle(context(), u"Child", u"p", &handle));
+  EXPECT_EQ(SAGLEME_BAD_ARGUMENT, lorv_crud_GetPropertyHandle(context(), u"Child", u"p", &handle));
   EXPECT_EQ("2", ReadLong(u"Child", u"q", object));
   EXPECT_EQ("3", ReadLong(u"Child", u"c", object));
 }

@@ -60,7 +60,7 @@ TEST_F(RenameColumnTest, IndexesAndPropertyHandles_GoOnWorking) {
 
 TEST_F(RenameColumnTest, OwnName_IsTaken) {
   Create(u"a.T", Columns().Long(u"a"));
-  ExpectRefusedUntouched(4277,
+  ExpectRefusedUntouched(SAGLEME_COLUMN_NAME_TAKEN,
                          u"New column name a conflicts with existing column in the table a.T.",
                          [&] { return Rename(u"a.T", u"a", u"a"); });
 }
@@ -68,7 +68,7 @@ TEST_F(RenameColumnTest, OwnName_IsTaken) {
 TEST_F(RenameColumnTest, NameOfAnotherOwnColumn_IsTakenAlsoForAMissingColumn) {
   Create(u"a.T", Columns().Long(u"a").Long(u"b"));
   for (char16_t const* old_name : {u"a", u"missing"}) {
-    ExpectRefusedUntouched(4277,
+    ExpectRefusedUntouched(SAGLEME_COLUMN_NAME_TAKEN,
                            u"New column name b conflicts with existing column in the table a.T.",
                            [&] { return Rename(u"a.T", old_name, u"b"); });
   }
@@ -79,13 +79,15 @@ TEST_F(RenameColumnTest, NameOfAnInheritedColumn_NamesTheDeclaringAncestor) {
   Create(u"x.Parent", Columns().Long(u"p"), u"x.Grandparent");
   Create(u"x.T", Columns().Long(u"a"), u"x.Parent");
   ExpectRefusedUntouched(
-      4277, u"New column name g conflicts with existing column in ancestor table x.Grandparent.",
+      SAGLEME_COLUMN_NAME_TAKEN,
+      u"New column name g conflicts with existing column in ancestor table x.Grandparent.",
       [&] { return Rename(u"x.T", u"a", u"g"); });
   ExpectRefusedUntouched(
-      4277, u"New column name p conflicts with existing column in ancestor table x.Parent.",
+      SAGLEME_COLUMN_NAME_TAKEN,
+      u"New column name p conflicts with existing column in ancestor table x.Parent.",
       [&] { return Rename(u"x.T", u"a", u"p"); });
   ExpectRefusedUntouched(
-      4277,
+      SAGLEME_COLUMN_NAME_TAKEN,
       std::u16string(u"New column name __id conflicts with existing column in ancestor table ") +
           kRootTable + u".",
       [&] { return Rename(u"x.T", u"a", u"__id"); });
@@ -94,7 +96,7 @@ TEST_F(RenameColumnTest, NameOfAnInheritedColumn_NamesTheDeclaringAncestor) {
 TEST_F(RenameColumnTest, NameInAChild_FailsAfterTheParentWasWritten) {
   CreateFamily(1, 0);
   uint64_t const generation = Generation();
-  ExpectRefused(4277,
+  ExpectRefused(SAGLEME_COLUMN_NAME_TAKEN,
                 u"New column name x conflicts with existing column in exactly 1 descendant table: "
                 u"X0.",
                 Rename(u"Parent", u"p", u"x"));
@@ -107,7 +109,7 @@ TEST_F(RenameColumnTest, NameInAChild_FailsAfterTheParentWasWritten) {
 TEST_F(RenameColumnTest, NamesInSeveralDescendants_AreListed) {
   CreateFamily(3, 2);
   Create(u"Below", Columns().Long(u"x"), u"Free1");
-  ExpectRefused(4277,
+  ExpectRefused(SAGLEME_COLUMN_NAME_TAKEN,
                 u"New column name x conflicts with existing column in exactly 4 descendant tables: "
                 u"X0, X1, X2, Below.",
                 Rename(u"Parent", u"p", u"x"));
@@ -117,7 +119,7 @@ TEST_F(RenameColumnTest, NamesInSeveralDescendants_AreListed) {
 TEST_F(RenameColumnTest, InheritedNameBelowAConflict_IsNoFurtherOne) {
   CreateFamily(1, 0);
   Create(u"Below", {}, u"X0");
-  ExpectRefused(4277,
+  ExpectRefused(SAGLEME_COLUMN_NAME_TAKEN,
                 u"New column name x conflicts with existing column in exactly 1 descendant table: "
                 u"X0.",
                 Rename(u"Parent", u"p", u"x"));
@@ -125,7 +127,7 @@ TEST_F(RenameColumnTest, InheritedNameBelowAConflict_IsNoFurtherOne) {
 
 TEST_F(RenameColumnTest, SearchGoesOnFor1001TablesBehindTheFirstConflict) {
   CreateFamily(1, 1001);
-  ExpectRefused(4277,
+  ExpectRefused(SAGLEME_COLUMN_NAME_TAKEN,
                 u"New column name x conflicts with existing column in exactly 1 descendant table: "
                 u"X0.",
                 Rename(u"Parent", u"p", u"x"));
@@ -133,7 +135,7 @@ TEST_F(RenameColumnTest, SearchGoesOnFor1001TablesBehindTheFirstConflict) {
 
 TEST_F(RenameColumnTest, SearchGivesUpAtTheNextTable) {
   CreateFamily(2, 1001);
-  ExpectRefused(4277,
+  ExpectRefused(SAGLEME_COLUMN_NAME_TAKEN,
                 u"New column name x conflicts with existing column in at least 2 descendant "
                 u"tables: X0, X1.",
                 Rename(u"Parent", u"p", u"x"));
@@ -147,7 +149,7 @@ TEST_F(RenameColumnTest, TablesInFrontOfTheFirstConflict_DoNotCount) {
     Create((u"Free" + Utf16(std::to_string(i))).c_str(), {}, u"Parent");
   }
   Create(u"Last", Columns().Long(u"x"), u"Parent");
-  ExpectRefused(4277,
+  ExpectRefused(SAGLEME_COLUMN_NAME_TAKEN,
                 u"New column name x conflicts with existing column in exactly 1 descendant table: "
                 u"Last.",
                 Rename(u"Parent", u"p", u"x"));
@@ -156,31 +158,31 @@ TEST_F(RenameColumnTest, TablesInFrontOfTheFirstConflict_DoNotCount) {
 TEST_F(RenameColumnTest, InheritedColumn_IsRenamedWhereItIsDeclared) {
   Create(u"Parent", Columns().Long(u"p"));
   Create(u"a.Child", {}, u"Parent");
-  ExpectRefusedUntouched(15024, u"Column p is inherited by table a.Child.",
+  ExpectRefusedUntouched(SAGLEME_COLUMN_INHERITED, u"Column p is inherited by table a.Child.",
                          [&] { return Rename(u"a.Child", u"p", u"q"); });
   ExpectOk(Rename(u"Parent", u"p", u"q"));
 }
 
 TEST_F(RenameColumnTest, MissingColumn_IsRefused) {
   Create(u"T", Columns().Long(u"a"));
-  ExpectRefusedUntouched(7038, u"Column b isn't found in table T.",
+  ExpectRefusedUntouched(SAGLEME_NO_SUCH_COLUMN, u"Column b isn't found in table T.",
                          [&] { return Rename(u"T", u"b", u"c"); });
 }
 
 TEST_F(RenameColumnTest, Arguments_AreCheckedInOrder) {
-  ExpectRefusedUntouched(1001, u"Argument full_table_name is null.",
+  ExpectRefusedUntouched(SAGLEME_BAD_ARGUMENT, u"Argument full_table_name is null.",
                          [&] { return Rename(nullptr, nullptr, nullptr); });
-  ExpectRefusedUntouched(1001, u"Argument full_table_name is empty.",
+  ExpectRefusedUntouched(SAGLEME_BAD_ARGUMENT, u"Argument full_table_name is empty.",
                          [&] { return Rename(u"", nullptr, nullptr); });
-  ExpectRefusedUntouched(1001, u"Argument column_name is null.",
+  ExpectRefusedUntouched(SAGLEME_BAD_ARGUMENT, u"Argument column_name is null.",
                          [&] { return Rename(u"Nobody", nullptr, nullptr); });
-  ExpectRefusedUntouched(1001, u"Argument column_name is empty.",
+  ExpectRefusedUntouched(SAGLEME_BAD_ARGUMENT, u"Argument column_name is empty.",
                          [&] { return Rename(u"Nobody", u"", nullptr); });
-  ExpectRefusedUntouched(1001, u"Argument column_new_name is null.",
+  ExpectRefusedUntouched(SAGLEME_BAD_ARGUMENT, u"Argument column_new_name is null.",
                          [&] { return Rename(u"Nobody", u"a", nullptr); });
-  ExpectRefusedUntouched(1001, u"Argument column_new_name is empty.",
+  ExpectRefusedUntouched(SAGLEME_BAD_ARGUMENT, u"Argument column_new_name is empty.",
                          [&] { return Rename(u"Nobody", u"a", u""); });
-  ExpectRefusedUntouched(15003, u"Table Nobody not found.",
+  ExpectRefusedUntouched(SAGLEME_TABLE_NOT_FOUND, u"Table Nobody not found.",
                          [&] { return Rename(u"Nobody", u"a", u"b"); });
 }
 
@@ -195,9 +197,9 @@ TEST_F(RenameColumnTest, DottedName_TakesNamesUnchecked) {
   metalayer::DottedName const name = metalayer::DottedName::Split(u"App.T");
   metalayer::ddl::RenameColumn(name, u"a", u"b");
   EXPECT_EQ(WithRootColumns({"3 b long"}), ColumnsOf(u"App.T"));
-  ExpectThrown(7038, u"Column  isn't found in table App.T.",
+  ExpectThrown(SAGLEME_NO_SUCH_COLUMN, u"Column  isn't found in table App.T.",
                [&] { metalayer::ddl::RenameColumn(name, u"", u"c"); });
-  ExpectThrown(15003, u"Table Other.T not found.", [] {
+  ExpectThrown(SAGLEME_TABLE_NOT_FOUND, u"Table Other.T not found.", [] {
     metalayer::ddl::RenameColumn(metalayer::DottedName::Split(u"Other.T"), u"a", u"b");
   });
 }
@@ -206,7 +208,7 @@ TEST_F(RenameColumnTest, DottedName_TakesNamesUnchecked) {
 TEST_F(RenameColumnTest, NameOfAProperty_IsTaken) {
   Create(u"T", Columns().Long(u"a"));
   InsertMappedProperty(View(u"T"), u"Prop", ColumnRow(u"T", u"a"));
-  ExpectRefusedUntouched(4277,
+  ExpectRefusedUntouched(SAGLEME_COLUMN_NAME_TAKEN,
                          u"New column name Prop conflicts with existing column in the table T.",
                          [&] { return Rename(u"T", u"a", u"Prop"); });
 }
@@ -215,7 +217,7 @@ TEST_F(RenameColumnTest, NameOfAChildsProperty_IsTaken) {
   Create(u"Parent", Columns().Long(u"p"));
   Create(u"Child", {}, u"Parent");
   InsertMappedProperty(View(u"Child"), u"Prop", ColumnRow(u"Child", u"p"));
-  ExpectRefused(4277,
+  ExpectRefused(SAGLEME_COLUMN_NAME_TAKEN,
                 u"New column name Prop conflicts with existing column in exactly 1 descendant "
                 u"table: Child.",
                 Rename(u"Parent", u"p", u"Prop"));

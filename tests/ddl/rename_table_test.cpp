@@ -83,28 +83,29 @@ TEST_F(RenameTableTest, Children_KeepTheirNamesAndTheirParent) {
 TEST_F(RenameTableTest, TakenName_IsRefusedTheTablesOwnToo) {
   Create(u"T");
   Create(u"Other");
-  ExpectRefusedUntouched(4214, u"Table Other already exists.",
+  ExpectRefusedUntouched(SAGLEME_TABLE_EXISTS, u"Table Other already exists.",
                          [&] { return Rename(u"T", u"Other"); });
-  ExpectRefusedUntouched(4214, u"Table T already exists.", [&] { return Rename(u"T", u"T"); });
+  ExpectRefusedUntouched(SAGLEME_TABLE_EXISTS, u"Table T already exists.",
+                         [&] { return Rename(u"T", u"T"); });
 }
 
 TEST_F(RenameTableTest, Arguments_AreCheckedInOrder) {
-  ExpectRefusedUntouched(1001, u"Argument full_table_name is null.",
+  ExpectRefusedUntouched(SAGLEME_BAD_ARGUMENT, u"Argument full_table_name is null.",
                          [&] { return Rename(nullptr, nullptr); });
-  ExpectRefusedUntouched(1001, u"Argument full_table_name is empty.",
+  ExpectRefusedUntouched(SAGLEME_BAD_ARGUMENT, u"Argument full_table_name is empty.",
                          [&] { return Rename(u"", nullptr); });
-  ExpectRefusedUntouched(1001, u"Argument new_table_name is null.",
+  ExpectRefusedUntouched(SAGLEME_BAD_ARGUMENT, u"Argument new_table_name is null.",
                          [&] { return Rename(u"Nobody", nullptr); });
-  ExpectRefusedUntouched(1001, u"Argument new_table_name is empty.",
+  ExpectRefusedUntouched(SAGLEME_BAD_ARGUMENT, u"Argument new_table_name is empty.",
                          [&] { return Rename(u"Nobody", u""); });
-  ExpectRefusedUntouched(15003, u"Table Nobody not found.",
+  ExpectRefusedUntouched(SAGLEME_TABLE_NOT_FOUND, u"Table Nobody not found.",
                          [&] { return Rename(u"Nobody", u"Somebody"); });
 }
 
 TEST_F(RenameTableTest, NameTooLongForAKey_Is4197) {
   Create(u"T");
   std::u16string const name(5000, u'x');
-  ExpectRefusedUntouched(4197, u"", [&] { return Rename(u"T", name.c_str()); });
+  ExpectRefusedUntouched(SAGLEME_NAME_TOO_LONG, u"", [&] { return Rename(u"T", name.c_str()); });
 }
 
 TEST_F(RenameTableTest, MappedTable_IsNotHeld) {
@@ -117,7 +118,7 @@ TEST_F(RenameTableTest, DottedName_FindsTheTableByItsLastSegments) {
   Create(u"App.Model.T");
   metalayer::ddl::RenameTable(metalayer::DottedName::Split(u"Model.T"), u"App.U");
   EXPECT_FALSE(View(u"App.U").is_null());
-  ExpectThrown(15003, u"Table Model.T not found.", [] {
+  ExpectThrown(SAGLEME_TABLE_NOT_FOUND, u"Table Model.T not found.", [] {
     metalayer::ddl::RenameTable(metalayer::DottedName::Split(u"Model.T"), u"App.V");
   });
 }
@@ -126,7 +127,7 @@ TEST_F(RenameTableTest, OldName_IsFreeAtOnce) {
   Create(u"T", Columns().Long(u"a"));
   ExpectOk(Rename(u"T", u"U"));
   CreateInfo* handle = nullptr;
-  EXPECT_EQ(15003u, lorv_crud_GetCreateHandle(context(), u"T", &handle));
+  EXPECT_EQ(SAGLEME_TABLE_NOT_FOUND, lorv_crud_GetCreateHandle(context(), u"T", &handle));
   Create(u"T", Columns().String(u"b"));
   EXPECT_EQ(WithRootColumns({"3 b string null"}), ColumnsOf(u"T"));
   EXPECT_EQ(WithRootColumns({"3 a long"}), ColumnsOf(u"U"));
@@ -140,7 +141,7 @@ TEST_F(RenameTableTest, DottedNameOfTwoTables_IsAmbiguous) {
       metalayer::ddl::RenameTable(metalayer::DottedName::Split(u"T"), u"U");
       ADD_FAILURE();
     } catch (db_util::db_exception const& failure) {
-      EXPECT_EQ(7039u, failure.code());
+      EXPECT_EQ(SAGLEME_AMBIGUOUS_NAME, failure.code());
     }
   });
 }

@@ -16,7 +16,7 @@ class DdlUtilsTest : public CatalogueTest {
 
   // Definitions of that many columns of type long, ended.
   static Definitions Longs(std::size_t count) {
-    Definitions list(count, {3, nullptr, 0, u"x"});
+    Definitions list(count, {SAGLEME_TYPE_SIGNED, nullptr, 0, u"x"});
     list.push_back({0, nullptr, 0, nullptr});
     return list;
   }
@@ -38,7 +38,7 @@ class DdlUtilsTest : public CatalogueTest {
     return ordinals;
   }
   void ExpectMapped(char16_t const* table, std::u16string const& rest) {
-    ExpectThrown(15012,
+    ExpectThrown(SAGLEME_TABLE_REFERENCED,
                  std::u16string(u"Table ") + table + u" is still referenced by clr class " + rest,
                  [&] { ddl::CheckTableIsNotUsedByLevel1(View(table)); });
   }
@@ -57,7 +57,7 @@ TEST_F(DdlUtilsTest, ToLorviColDefs_EmptyList_WritesOneTerminator) {
 TEST_F(DdlUtilsTest, ToLorviColDefs_RoomForTheTerminatorAlone_IsRefused) {
   LORVI_COLUMN_DEFINITION out[1] = {};
   Definitions const none = Longs(0);
-  ExpectThrown(1001, u"Number of column definitions exceeds the limit of 1.", [&] {
+  ExpectThrown(SAGLEME_BAD_ARGUMENT, u"Number of column definitions exceeds the limit of 1.", [&] {
     ddl::ToLorviColDefs(View(kRootTable), metalayer::span<LORV_COLUMN_DEFINITION_NAMES const>(none),
                         0, metalayer::span<LORVI_COLUMN_DEFINITION>(out));
   });
@@ -73,10 +73,11 @@ TEST_F(DdlUtilsTest, ToLorviColDefs_SpanOf115_Takes113) {
   EXPECT_EQ(LORV_TYPE_LONG, out[112].type);
   EXPECT_EQ(0, out[113].type);
   Definitions const too_many = Longs(114);
-  ExpectThrown(1001, u"Number of column definitions exceeds the limit of 115.", [&] {
-    ddl::ToLorviColDefs(table, metalayer::span<LORV_COLUMN_DEFINITION_NAMES const>(too_many), 0,
-                        metalayer::span<LORVI_COLUMN_DEFINITION>(out));
-  });
+  ExpectThrown(
+      SAGLEME_BAD_ARGUMENT, u"Number of column definitions exceeds the limit of 115.", [&] {
+        ddl::ToLorviColDefs(table, metalayer::span<LORV_COLUMN_DEFINITION_NAMES const>(too_many), 0,
+                            metalayer::span<LORVI_COLUMN_DEFINITION>(out));
+      });
 }
 
 TEST_F(DdlUtilsTest, ToLorviColDefs_ByReference_TakesTheSame) {
@@ -115,7 +116,7 @@ TEST_F(DdlUtilsTest, ToLorviColDef_MapsTypesAndRefusesOthers) {
   }
   for (unsigned type : {0u, 11u, 255u}) {
     LORV_COLUMN_DEFINITION_NAMES const definition{static_cast<uint8_t>(type), nullptr, 1, u"x"};
-    ExpectThrown(4226, u"", [&] { ddl::ToLorviColDef(definition, 99, &out); });
+    ExpectThrown(SAGLEME_INVALID_TYPE, u"", [&] { ddl::ToLorviColDef(definition, 99, &out); });
   }
 }
 
@@ -128,7 +129,7 @@ TEST_F(DdlUtilsTest, ToLorviColDef_ByReference_RefusesWhatIsNoType) {
   EXPECT_EQ(99u, out.token);
   for (uint64_t const number : {0u, 11u}) {
     metalayer::PutULong(type, metalayer::DbPrimitiveType::kPrimitiveType, number);
-    ExpectThrown(4226, u"", [&] {
+    ExpectThrown(SAGLEME_INVALID_TYPE, u"", [&] {
       ddl::ToLorviColDef(LORV_COLUMN_DEFINITION{type, 1, u"x"}, 99, &out);
     });
   }
@@ -140,7 +141,7 @@ TEST_F(DdlUtilsTest, ToLorviColDefs_RefusedType_EndsTheList) {
   for (uint8_t const refused : {uint8_t{11}, uint8_t{255}}) {
     Definitions list = Longs(2);
     list[1].logical_type = refused;
-    ExpectThrown(4226, u"", [&] {
+    ExpectThrown(SAGLEME_INVALID_TYPE, u"", [&] {
       ddl::ToLorviColDefs(table, metalayer::span<LORV_COLUMN_DEFINITION_NAMES const>(list), 0,
                           metalayer::span<LORVI_COLUMN_DEFINITION>(out));
     });
@@ -150,7 +151,7 @@ TEST_F(DdlUtilsTest, ToLorviColDefs_RefusedType_EndsTheList) {
 
 TEST_F(DdlUtilsTest, CreateTable_WithRefusedType_IsNotMetByTheKernel) {
   ExpectRefused(
-      15002, u"Primitive type 11 not found for column x.",
+      SAGLEME_TARGET_NOT_FOUND, u"Primitive type 11 not found for column x.",
       lorv_create_table_by_names(context(), u"T", nullptr, Columns().Add(11, u"x", true), nullptr));
 }
 
@@ -254,9 +255,9 @@ TEST_F(DdlUtilsTest, NonInheritedColumn_IsTheTablesOwn) {
   Create(u"Base", Columns().Long(u"a"));
   Create(u"T", Columns().Long(u"b"), u"Base");
   EXPECT_EQ(ColumnRow(u"T", u"b").oid, ddl::GetNonInheritedColumn(View(u"T"), u"b").oid);
-  ExpectThrown(15024, u"Column a is inherited by table T.",
+  ExpectThrown(SAGLEME_COLUMN_INHERITED, u"Column a is inherited by table T.",
                [&] { ddl::GetNonInheritedColumn(View(u"T"), u"a"); });
-  ExpectThrown(7038, u"Column c isn't found in table T.",
+  ExpectThrown(SAGLEME_NO_SUCH_COLUMN, u"Column c isn't found in table T.",
                [&] { ddl::GetNonInheritedColumn(View(u"T"), u"c"); });
 }
 
@@ -274,8 +275,10 @@ TEST_F(DdlUtilsTest, ExistingTableAndIndex_FailByName) {
   CreateIndex(u"I", u"T", {u"a"});
   EXPECT_EQ(View(u"T").oid, ddl::ExistingTable(u"T").oid);
   EXPECT_EQ("I", TextOf(ddl::ExistingIndex(u"I"), metalayer::Index::kName));
-  ExpectThrown(15003, u"Table Nobody not found.", [] { ddl::ExistingTable(u"Nobody"); });
-  ExpectThrown(4229, u"Index Nobody not found.", [] { ddl::ExistingIndex(u"Nobody"); });
+  ExpectThrown(SAGLEME_TABLE_NOT_FOUND, u"Table Nobody not found.",
+               [] { ddl::ExistingTable(u"Nobody"); });
+  ExpectThrown(SAGLEME_INDEX_NOT_FOUND, u"Index Nobody not found.",
+               [] { ddl::ExistingIndex(u"Nobody"); });
 }
 
 TEST_F(DdlUtilsTest, EnumColumns_WalksTheRangeInOrder) {

@@ -18,7 +18,7 @@ class VerifyTableTest : public CatalogueTest {
   }
   void ExpectColumnDiffers(char16_t const* column, Columns columns) {
     ExpectRefusedUntouched(
-        15009,
+        SAGLEME_SCHEMA_MISMATCH,
         std::u16string(u"Schema of the input type does not match schema of existing type: a.T for "
                        u"column ") +
             column + u".",
@@ -56,7 +56,7 @@ TEST_F(VerifyTableTest, SystemTable_CanBeVerified) {
 TEST_F(VerifyTableTest, Mismatch_StillTellsTheLayout) {
   uint16_t const layout = Create(u"T", Columns().Long(u"a"));
   uint16_t told = 0;
-  EXPECT_EQ(15009u,
+  EXPECT_EQ(SAGLEME_SCHEMA_MISMATCH,
             lorv_create_table_by_names(context(), u"T", nullptr, Columns().Double(u"a"), &told));
   EXPECT_EQ(layout, told);
 }
@@ -80,7 +80,8 @@ TEST_F(VerifyTableTest, BaseColumnsInTheDefinition_AreHeldAgainstOwnOnes) {
   Create(u"Base", Columns().Long(u"b"));
   Create(u"T", Columns().Long(u"x"), u"Base");
   ExpectRefusedUntouched(
-      15009, u"Schema of the input type does not match schema of existing type: T for column x.",
+      SAGLEME_SCHEMA_MISMATCH,
+      u"Schema of the input type does not match schema of existing type: T for column x.",
       [&] { return Verify(u"T", Columns().Long(u"b").Long(u"x"), u"Base"); });
   ExpectSame(u"T", Columns().Long(u"x"), u"Base");
 }
@@ -89,9 +90,9 @@ TEST_F(VerifyTableTest, NumberOfColumns_Differs) {
   Create(u"a.T", Columns().Long(u"x").Long(u"y"));
   std::u16string const text =
       u"Schema of the input type does not match schema of existing type: a.T ";
-  ExpectRefusedUntouched(15009, text + u"fewer input columns than existing.",
+  ExpectRefusedUntouched(SAGLEME_SCHEMA_MISMATCH, text + u"fewer input columns than existing.",
                          [&] { return Verify(u"a.T", Columns().Long(u"x")); });
-  ExpectRefusedUntouched(15009, text + u"more input columns than existing.", [&] {
+  ExpectRefusedUntouched(SAGLEME_SCHEMA_MISMATCH, text + u"more input columns than existing.", [&] {
     return Verify(u"a.T", Columns().Long(u"x").Long(u"y").Long(u"z"));
   });
 }
@@ -101,11 +102,11 @@ TEST_F(VerifyTableTest, Base_Differs) {
   Create(u"Derived", {}, u"Base");
   Create(u"Direct");
   std::u16string const differs = u"' is different than the given base type.";
-  ExpectRefusedUntouched(15009, u"The existing base type of 'Derived" + differs,
+  ExpectRefusedUntouched(SAGLEME_SCHEMA_MISMATCH, u"The existing base type of 'Derived" + differs,
                          [&] { return Verify(u"Derived", {}); });
-  ExpectRefusedUntouched(15009, u"The existing base type of 'Direct" + differs,
+  ExpectRefusedUntouched(SAGLEME_SCHEMA_MISMATCH, u"The existing base type of 'Direct" + differs,
                          [&] { return Verify(u"Direct", {}, u"Base"); });
-  ExpectRefusedUntouched(15009, u"The existing base type of 'Derived" + differs,
+  ExpectRefusedUntouched(SAGLEME_SCHEMA_MISMATCH, u"The existing base type of 'Derived" + differs,
                          [&] { return Verify(u"Derived", {}, kRootTable); });
 }
 
@@ -121,7 +122,7 @@ TEST_F(VerifyTableTest, RootAsBase_IsTheSameAsNone) {
 TEST_F(VerifyTableTest, TableWithoutBase_MatchesNoBaseOnly) {
   Columns const own = Columns().ULong(u"__id").String(u"__setspecifier").ULong(u"__type_id");
   ExpectSame(kRootTable, own);
-  ExpectRefused(15009,
+  ExpectRefused(SAGLEME_SCHEMA_MISMATCH,
                 std::u16string(u"The existing base type of '") + kRootTable +
                     u"' is different than the given base type.",
                 Verify(kRootTable, own, kRootTable));
@@ -140,7 +141,7 @@ TEST_F(VerifyTableTest, Target_Differs) {
   Create(u"Two");
   Create(u"a.T", Columns().Ref(u"r", u"One"));
   ExpectColumnDiffers(u"r", Columns().Ref(u"r", u"Two"));
-  EXPECT_EQ(15009u, VerifyByReference(u"a.T", {{View(u"Two"), 1, u"r"}}));
+  EXPECT_EQ(SAGLEME_SCHEMA_MISMATCH, VerifyByReference(u"a.T", {{View(u"Two"), 1, u"r"}}));
 }
 
 TEST_F(VerifyTableTest, UnknownOrAmbiguousTarget_IsAColumnMismatch) {

@@ -15,8 +15,8 @@ using sagleme_test::Database;
 using sagleme_test::InChildProcess;
 using sagleme_test::TemporaryDirectory;
 
-constexpr uint32_t kNotPrepared = 7043;
-constexpr uint32_t kNoLayout = 4230;
+constexpr uint32_t kNotPrepared = SAGLEME_NOT_PREPARED;
+constexpr uint32_t kNoLayout = SAGLEME_LAYOUT_NOT_FOUND;
 
 // What a child process found.
 enum Outcome { kAsExpected = 0, kNothingRefused, kAnotherStatus, kLeftOpen, kStarted, kNotAgain };

@@ -15,14 +15,15 @@ namespace {
 constexpr uint64_t kContext = 12;
 
 void ExpectRefused(char16_t const* text, uint32_t status) {
-  EXPECT_EQ(1001u, status);
+  EXPECT_EQ(SAGLEME_BAD_ARGUMENT, status);
   char16_t const* const written = lorv_metalayer_errbuf(kContext);
   ASSERT_NE(nullptr, written);
   EXPECT_EQ(std::u16string(text), std::u16string(written));
 }
 
 std::vector<LORV_COLUMN_DEFINITION_NAMES> ByNames(std::size_t count) {
-  std::vector<LORV_COLUMN_DEFINITION_NAMES> list(count, {3, nullptr, 0, u"column"});
+  std::vector<LORV_COLUMN_DEFINITION_NAMES> list(count,
+                                                 {SAGLEME_TYPE_SIGNED, nullptr, 0, u"column"});
   list.push_back({0, nullptr, 0, nullptr});
   return list;
 }
@@ -120,11 +121,14 @@ TEST_F(ArgumentsTest, RefusedCalls_LeaveTheirOutputsAlone) {
   auto const by_reference = ByReference(113);
   auto const by_names = ByNames(113);
   for (char16_t const* const name : {static_cast<char16_t const*>(nullptr), u"", u"t"}) {
-    EXPECT_EQ(1001u, lorv_create_table(kContext, name, 0, 0, by_reference.data(), &oid, &addr));
-    EXPECT_EQ(1001u, lorv_create_table_by_names(kContext, name, nullptr, by_names.data(), &layout));
-    EXPECT_EQ(1001u, lorv_create_table_high_check_types(kContext, name, nullptr, by_names.data(),
-                                                        &layout));
-    EXPECT_EQ(1001u, lorv_alter_table_add_columns(kContext, name, by_names.data(), &oid));
+    EXPECT_EQ(SAGLEME_BAD_ARGUMENT,
+              lorv_create_table(kContext, name, 0, 0, by_reference.data(), &oid, &addr));
+    EXPECT_EQ(SAGLEME_BAD_ARGUMENT,
+              lorv_create_table_by_names(kContext, name, nullptr, by_names.data(), &layout));
+    EXPECT_EQ(SAGLEME_BAD_ARGUMENT, lorv_create_table_high_check_types(kContext, name, nullptr,
+                                                                       by_names.data(), &layout));
+    EXPECT_EQ(SAGLEME_BAD_ARGUMENT,
+              lorv_alter_table_add_columns(kContext, name, by_names.data(), &oid));
   }
   EXPECT_EQ(7u, oid);
   EXPECT_EQ(8u, addr);

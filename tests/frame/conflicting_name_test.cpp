@@ -77,26 +77,26 @@ class ConflictingNameTest : public ::testing::Test {
 };
 
 TEST_F(ConflictingNameTest, InAnAncestor_NamesTheFirstColumnsTable) {
-  EXPECT_EQ(4277u, Raise(1, {{1, 0}, {2, 0}}));
+  EXPECT_EQ(SAGLEME_COLUMN_NAME_TAKEN, Raise(1, {{1, 0}, {2, 0}}));
   EXPECT_EQ(u"New column name C conflicts with existing column in ancestor table Table1.", Text());
 }
 
 TEST_F(ConflictingNameTest, InTheTableItself_ReadsNothing) {
   recording_kernel::Record();
-  EXPECT_EQ(4277u, Raise(2, {{1, 0}}));
+  EXPECT_EQ(SAGLEME_COLUMN_NAME_TAKEN, Raise(2, {{1, 0}}));
   EXPECT_EQ(u"New column name C conflicts with existing column in the table T.", Text());
   EXPECT_TRUE(recording_kernel::Calls().empty());
 }
 
 TEST_F(ConflictingNameTest, InOneDescendant_HasNoPlural) {
-  EXPECT_EQ(4277u, Raise(3, {{1, 0}}, true));
+  EXPECT_EQ(SAGLEME_COLUMN_NAME_TAKEN, Raise(3, {{1, 0}}, true));
   EXPECT_EQ(
       u"New column name C conflicts with existing column in exactly 1 descendant table: Table1.",
       Text());
 }
 
 TEST_F(ConflictingNameTest, InSeveralDescendants_NamesThemInOrder) {
-  EXPECT_EQ(4277u, Raise(3, {{2, 0}, {1, 0}, {3, 0}}));
+  EXPECT_EQ(SAGLEME_COLUMN_NAME_TAKEN, Raise(3, {{2, 0}, {1, 0}, {3, 0}}));
   EXPECT_EQ(
       u"New column name C conflicts with existing column in at least 3 descendant tables: Table2, "
       u"Table1, Table3.",
@@ -104,7 +104,7 @@ TEST_F(ConflictingNameTest, InSeveralDescendants_NamesThemInOrder) {
 }
 
 TEST_F(ConflictingNameTest, OfAnotherKind_AddsNothing) {
-  EXPECT_EQ(4277u, Raise(0, {}));
+  EXPECT_EQ(SAGLEME_COLUMN_NAME_TAKEN, Raise(0, {}));
   EXPECT_EQ(u"New column name C conflicts with existing column.", Text());
 }
 
@@ -114,7 +114,7 @@ TEST_F(ConflictingNameTest, TableWithoutAName_IsNamedByNothing) {
         NameOf(1, 6, out);
         return LORV_STATUS_NULL;
       });
-  EXPECT_EQ(4277u, Raise(1, {{1, 0}}));
+  EXPECT_EQ(SAGLEME_COLUMN_NAME_TAKEN, Raise(1, {{1, 0}}));
   EXPECT_EQ(u"New column name C conflicts with existing column in ancestor table .", Text());
 }
 
@@ -126,22 +126,22 @@ TEST_F(ConflictingNameTest, ColumnOfNoTable_AsksForTheNameOfTheNullReference) {
         return LORV_STATUS_NULL;
       });
   recording_kernel::Record();
-  EXPECT_EQ(4273u, Raise(1, {{1, 2}}));
+  EXPECT_EQ(LORV_STATUS_NO_OBJECT, Raise(1, {{1, 2}}));
   auto const& calls = recording_kernel::Calls();
   EXPECT_EQ((std::vector<uint64_t>{kContext, 1, 2, 3}), calls.at(0).numbers);
   EXPECT_EQ((std::vector<uint64_t>{kContext, 0, 0, 6}), calls.at(1).numbers);
 }
 
 TEST_F(ConflictingNameTest, KernelFailureInBetween_TakesItsPlace) {
-  EXPECT_EQ(4273u, Raise(3, {{1, 0}, {kColumnOfNoTable, 0}}, true));
+  EXPECT_EQ(LORV_STATUS_NO_OBJECT, Raise(3, {{1, 0}, {kColumnOfNoTable, 0}}, true));
   EXPECT_EQ(
       u"New column name C conflicts with existing column in exactly 2 descendant tables: Table1, ",
       Text());
 }
 
 TEST_F(ConflictingNameTest, FailedReadOfTheTable_TakesItsPlace) {
-  recording_kernel::FailNthOf("lorv_context_get_reference", 1, 4174);
-  EXPECT_EQ(4174u, Raise(1, {{1, 0}}));
+  recording_kernel::FailNthOf("lorv_context_get_reference", 1, LORV_STATUS_UNREACHABLE);
+  EXPECT_EQ(LORV_STATUS_UNREACHABLE, Raise(1, {{1, 0}}));
   EXPECT_EQ(u"New column name C conflicts with existing column in ancestor table ", Text());
 }
 

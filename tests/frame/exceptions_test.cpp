@@ -61,122 +61,141 @@ class ExceptionsTest : public ::testing::Test {
 
 TEST_F(ExceptionsTest, Check_ThrowsTheCodeWithoutAText) {
   Expect<db_util::db_exception>(4711, u"", [] { db_util::db_exception::check(4711); });
-  Expect<db_util::db_exception>(7043, u"", [] { metalayer::Throw(7043); });
+  Expect<db_util::db_exception>(SAGLEME_NOT_PREPARED, u"", [] { metalayer::Throw(SAGLEME_NOT_PREPARED); });
 }
 
 TEST_F(ExceptionsTest, Arguments) {
-  Expect<BadArg>(1001, u"Argument name is null.", [] { CheckPtrArg(nullptr, u"name"); });
-  Expect<BadArg>(1001, u"Argument name is null.", [] { CheckNonEmptyStringArg(nullptr, u"name"); });
-  Expect<BadArg>(1001, u"Argument name is empty.", [] { CheckNonEmptyStringArg(u"", u"name"); });
-  Expect<BadArg>(1001, u"The argument setspec_oid is zero.", [] { ThrowInvalidSetspec(); });
-  Expect<BadArg>(1001, u"No column definitions provided.", [] { ThrowNoColumnDefinitions(); });
-  Expect<BadArg>(1001, u"Number of columns for table T exceeds the limit of 112.",
+  Expect<BadArg>(SAGLEME_BAD_ARGUMENT, u"Argument name is null.",
+                 [] { CheckPtrArg(nullptr, u"name"); });
+  Expect<BadArg>(SAGLEME_BAD_ARGUMENT, u"Argument name is null.",
+                 [] { CheckNonEmptyStringArg(nullptr, u"name"); });
+  Expect<BadArg>(SAGLEME_BAD_ARGUMENT, u"Argument name is empty.",
+                 [] { CheckNonEmptyStringArg(u"", u"name"); });
+  Expect<BadArg>(SAGLEME_BAD_ARGUMENT, u"The argument setspec_oid is zero.",
+                 [] { ThrowInvalidSetspec(); });
+  Expect<BadArg>(SAGLEME_BAD_ARGUMENT, u"No column definitions provided.",
+                 [] { ThrowNoColumnDefinitions(); });
+  Expect<BadArg>(SAGLEME_BAD_ARGUMENT, u"Number of columns for table T exceeds the limit of 112.",
                  [] { ThrowTooManyColumns(u"T"); });
 }
 
 TEST_F(ExceptionsTest, Tokens) {
-  Expect<BadArg>(4279, u"Token for name N not found.", [] { ThrowTokenNotFound(u"N"); });
-  Expect<BadArg>(4279, u"Token for id 18446744073709551615 not found.",
+  Expect<BadArg>(SAGLEME_TOKEN_NOT_FOUND, u"Token for name N not found.",
+                 [] { ThrowTokenNotFound(u"N"); });
+  Expect<BadArg>(SAGLEME_TOKEN_NOT_FOUND, u"Token for id 18446744073709551615 not found.",
                  [] { ThrowTokenNotFound(~0ul); });
-  Expect<BadArg>(4279, u"Token for name  not found.",
+  Expect<BadArg>(SAGLEME_TOKEN_NOT_FOUND, u"Token for name  not found.",
                  [] { ThrowTokenNotFound(static_cast<char16_t const*>(nullptr)); });
 }
 
 TEST_F(ExceptionsTest, LayoutId) {
-  Expect<BadArg>(4230, u"No table is associated with layout id 65535.",
+  Expect<BadArg>(SAGLEME_LAYOUT_NOT_FOUND, u"No table is associated with layout id 65535.",
                  [] { ThrowTableNotFound(65535); });
 }
 
 TEST_F(ExceptionsTest, TablesThatAreMissingOrThere) {
-  ExpectTable(15003, u"Table T not found.", [] { ThrowNonexistentTable(u"T"); });
-  EXPECT_EQ(u"T", Expect<BadNewTableArg>(4214, u"Table T already exists.", [] {
+  ExpectTable(SAGLEME_TABLE_NOT_FOUND, u"Table T not found.", [] { ThrowNonexistentTable(u"T"); });
+  EXPECT_EQ(u"T", Expect<BadNewTableArg>(SAGLEME_TABLE_EXISTS, u"Table T already exists.", [] {
                     ThrowNamedTableAlreadyExists(u"T");
                   })->table);
-  EXPECT_EQ(u"T", Expect<BadBaseTableArg>(15001, u"Base table T not found.", [] {
+  EXPECT_EQ(u"T", Expect<BadBaseTableArg>(SAGLEME_BASE_NOT_FOUND, u"Base table T not found.", [] {
                     ThrowNonexistentBaseTable(u"T");
                   })->table);
 }
 
 TEST_F(ExceptionsTest, TablesThatAreHeld) {
-  ExpectTable(15006, u"Table T still contains data.", [] { ThrowTableContainsData(u"T"); });
-  ExpectTable(15006, u"Table T still has index I.", [] { ThrowTableHasIndex(u"T", u"I", false); });
-  ExpectTable(15006, u"Table T still has index I and more.",
+  ExpectTable(SAGLEME_TABLE_NOT_EMPTY, u"Table T still contains data.",
+              [] { ThrowTableContainsData(u"T"); });
+  ExpectTable(SAGLEME_TABLE_NOT_EMPTY, u"Table T still has index I.",
+              [] { ThrowTableHasIndex(u"T", u"I", false); });
+  ExpectTable(SAGLEME_TABLE_NOT_EMPTY, u"Table T still has index I and more.",
               [] { ThrowTableHasIndex(u"T", u"I", true); });
-  ExpectTable(15012, u"Table T is still referenced at least by column C from table R.",
+  ExpectTable(SAGLEME_TABLE_REFERENCED,
+              u"Table T is still referenced at least by column C from table R.",
               [] { ThrowTableIsReferenced(u"T", u"C", u"R"); });
 }
 
 TEST_F(ExceptionsTest, Children_AreCountedInWords) {
-  ExpectTable(15013, u"Table T still has child X.", [] { ThrowTableHasChildren(u"T", u"X", 1); });
-  ExpectTable(15013, u"Table T still has child X and another.",
+  ExpectTable(SAGLEME_TABLE_HAS_DESCENDANTS, u"Table T still has child X.",
+              [] { ThrowTableHasChildren(u"T", u"X", 1); });
+  ExpectTable(SAGLEME_TABLE_HAS_DESCENDANTS, u"Table T still has child X and another.",
               [] { ThrowTableHasChildren(u"T", u"X", 2); });
-  ExpectTable(15013, u"Table T still has child X and others.",
+  ExpectTable(SAGLEME_TABLE_HAS_DESCENDANTS, u"Table T still has child X and others.",
               [] { ThrowTableHasChildren(u"T", u"X", 5); });
-  ExpectTable(15013, u"Table T still has child X.", [] { ThrowTableHasChildren(u"T", u"X", 0); });
+  ExpectTable(SAGLEME_TABLE_HAS_DESCENDANTS, u"Table T still has child X.",
+              [] { ThrowTableHasChildren(u"T", u"X", 0); });
 }
 
 TEST_F(ExceptionsTest, SchemasThatDiffer) {
-  ExpectTable(15009, u"The existing base type of 'T' is different than the given base type.",
+  ExpectTable(SAGLEME_SCHEMA_MISMATCH,
+              u"The existing base type of 'T' is different than the given base type.",
               [] { ThrowBaseTypeMismatch(u"T"); });
-  ExpectTable(15009,
+  ExpectTable(SAGLEME_SCHEMA_MISMATCH,
               u"Schema of the input type does not match schema of existing type: T fewer input "
               u"columns than existing.",
               [] { ThrowIncorrectNumberOfColumns(u"T", true); });
-  ExpectTable(15009,
+  ExpectTable(SAGLEME_SCHEMA_MISMATCH,
               u"Schema of the input type does not match schema of existing type: T more input "
               u"columns than existing.",
               [] { ThrowIncorrectNumberOfColumns(u"T", false); });
-  ExpectTable(15009,
+  ExpectTable(SAGLEME_SCHEMA_MISMATCH,
               u"Schema of the input type does not match schema of existing type: T for column C.",
               [] { ThrowColumnDoesNotMatch(u"T", u"C"); });
 }
 
 TEST_F(ExceptionsTest, NamesThatMatchTwice) {
-  ExpectTable(7039, u"Incomplete table name T matches more than one table: A, B.",
+  ExpectTable(SAGLEME_AMBIGUOUS_NAME, u"Incomplete table name T matches more than one table: A, B.",
               [] { ThrowSqlAmbiguousType(u"T", u"A", u"B", false); });
-  ExpectTable(7039, u"Incomplete table name T matches more than one table: A, B, and more.",
+  ExpectTable(SAGLEME_AMBIGUOUS_NAME,
+              u"Incomplete table name T matches more than one table: A, B, and more.",
               [] { ThrowSqlAmbiguousType(u"T", u"A", u"B", true); });
   auto const failure = Expect<AmbiguousIncompleteReverseUid>(
-      7039, u"Incomplete reverse uid U matches more than one raw view: A, B, and more.",
+      SAGLEME_AMBIGUOUS_NAME,
+      u"Incomplete reverse uid U matches more than one raw view: A, B, and more.",
       [] { ThrowAmbiguousIncompleteReverseUid(u"U", u"A", u"B", true); });
   EXPECT_EQ(u"U", failure.value().uid);
   EXPECT_EQ(u"A", failure.value().first);
   EXPECT_EQ(u"B", failure.value().second);
   EXPECT_TRUE(failure.value().more);
   Expect<AmbiguousIncompleteReverseUid>(
-      7039, u"Incomplete reverse uid U matches more than one raw view: A, B.",
+      SAGLEME_AMBIGUOUS_NAME, u"Incomplete reverse uid U matches more than one raw view: A, B.",
       [] { ThrowAmbiguousIncompleteReverseUid(u"U", u"A", u"B", false); });
 }
 
 TEST_F(ExceptionsTest, Columns) {
-  ExpectColumn<BadColumnArg>(4300, u"Column C isn't found in table T and ancestor tables.",
+  ExpectColumn<BadColumnArg>(SAGLEME_COLUMN_NOT_FOUND,
+                             u"Column C isn't found in table T and ancestor tables.",
                              [] { ThrowColumnNotFound(u"T", u"C"); });
-  ExpectColumn<BadColumnArg>(7038, u"Column C isn't found in table T.",
+  ExpectColumn<BadColumnArg>(SAGLEME_NO_SUCH_COLUMN, u"Column C isn't found in table T.",
                              [] { ThrowNonexistentColumn(u"T", u"C"); });
-  ExpectColumn<BadColumnArg>(15024, u"Column C is inherited by table T.",
+  ExpectColumn<BadColumnArg>(SAGLEME_COLUMN_INHERITED, u"Column C is inherited by table T.",
                              [] { ThrowColumnIsInherited(u"T", u"C"); });
 }
 
 TEST_F(ExceptionsTest, ColumnThatMustBeNullable_IsToldWithoutItsTable) {
-  ExpectColumn<BadNewColumnArg>(4213, u"Column C must be nullable.",
+  ExpectColumn<BadNewColumnArg>(SAGLEME_COLUMN_NOT_NULLABLE, u"Column C must be nullable.",
                                 [] { ThrowColumnTypeMustBeNullable(u"T", u"C"); });
 }
 
 TEST_F(ExceptionsTest, ColumnHeldByIndexes_IsCountedInWords) {
-  ExpectColumn<BadColumnArg>(15011, u"Column C is a part of index I on table X.",
+  ExpectColumn<BadColumnArg>(SAGLEME_COLUMN_INDEXED, u"Column C is a part of index I on table X.",
                              [] { ThrowIndexExistsOnColumn(u"T", u"C", u"I", u"X", 1); });
-  ExpectColumn<BadColumnArg>(15011, u"Column C is a part of index I on table X and one other.",
+  ExpectColumn<BadColumnArg>(SAGLEME_COLUMN_INDEXED,
+                             u"Column C is a part of index I on table X and one other.",
                              [] { ThrowIndexExistsOnColumn(u"T", u"C", u"I", u"X", 2); });
-  ExpectColumn<BadColumnArg>(15011, u"Column C is a part of index I on table X and others.",
+  ExpectColumn<BadColumnArg>(SAGLEME_COLUMN_INDEXED,
+                             u"Column C is a part of index I on table X and others.",
                              [] { ThrowIndexExistsOnColumn(u"T", u"C", u"I", u"X", 3); });
 }
 
 TEST_F(ExceptionsTest, ColumnHeldByMappings_IsCountedInWords) {
-  ExpectColumn<BadColumnArg>(15014, u"Column C is mapped by M on table X.",
+  ExpectColumn<BadColumnArg>(SAGLEME_COLUMN_MAPPED, u"Column C is mapped by M on table X.",
                              [] { ThrowColumnIsMapped(u"T", u"C", u"M", u"X", 1); });
-  ExpectColumn<BadColumnArg>(15014, u"Column C is mapped by M on table X and one other.",
+  ExpectColumn<BadColumnArg>(SAGLEME_COLUMN_MAPPED,
+                             u"Column C is mapped by M on table X and one other.",
                              [] { ThrowColumnIsMapped(u"T", u"C", u"M", u"X", 2); });
-  ExpectColumn<BadColumnArg>(15014, u"Column C is mapped by M on table X and others.",
+  ExpectColumn<BadColumnArg>(SAGLEME_COLUMN_MAPPED,
+                             u"Column C is mapped by M on table X and others.",
                              [] { ThrowColumnIsMapped(u"T", u"C", u"M", u"X", 9); });
 }
 
@@ -184,10 +203,10 @@ TEST_F(ExceptionsTest, Indexes) {
   auto const index_of = [](unsigned int code, u16string const& text, auto const& raise) {
     return Expect<BadIndexArg>(code, text, raise).value().index;
   };
-  EXPECT_EQ(u"I", index_of(4229, u"Index I not found.", [] { ThrowIndexNotFound(u"I"); }));
+  EXPECT_EQ(u"I", index_of(SAGLEME_INDEX_NOT_FOUND, u"Index I not found.", [] { ThrowIndexNotFound(u"I"); }));
   EXPECT_EQ(u"I",
-            index_of(4187, u"Index I already exists.", [] { ThrowIndexAlreadyExists(u"I"); }));
-  EXPECT_EQ(u"I", index_of(15005, u"Index I doesn't belong to the table T.",
+            index_of(SAGLEME_INDEX_EXISTS, u"Index I already exists.", [] { ThrowIndexAlreadyExists(u"I"); }));
+  EXPECT_EQ(u"I", index_of(SAGLEME_INDEX_OF_ANOTHER_TABLE, u"Index I doesn't belong to the table T.",
                            [] { ThrowIndexNotFoundInType(u"I", u"T"); }));
 }
 
@@ -211,7 +230,7 @@ TEST_F(ExceptionsTest, NamePastTheEndOfTheBuffer_IsCutAndTheFailureStands) {
   try {
     ThrowNonexistentTable(name);
   } catch (BadTableArg const& failure) {
-    EXPECT_EQ(15003u, failure.code());
+    EXPECT_EQ(SAGLEME_TABLE_NOT_FOUND, failure.code());
     EXPECT_EQ(name, failure.table);
   }
   EXPECT_EQ(7168u, Text().size());
@@ -222,7 +241,7 @@ TEST_F(ExceptionsTest, NamePastTheEndOfTheBuffer_IsCutAndTheFailureStands) {
 
 TEST_F(ExceptionsTest, AddedColumns_AreListedByKind) {
   ExpectColumn<BadNewColumnArg>(
-      4277,
+      SAGLEME_COLUMN_NAME_TAKEN,
       u"Table T: added column a conflicts with existing column; added column b conflicts with "
       u"inherited column; added column a conflicts with column from descendant table X; added "
       u"column z conflicts with other added column; added column y conflicts with other added "
@@ -235,7 +254,7 @@ TEST_F(ExceptionsTest, AddedColumns_AreListedByKind) {
 
 TEST_F(ExceptionsTest, AddedColumns_AreSortedAndThinnedOut) {
   ExpectColumn<BadNewColumnArg>(
-      4277,
+      SAGLEME_COLUMN_NAME_TAKEN,
       u"Table T: added column a conflicts with existing column; added column a conflicts with "
       u"inherited column; added column ab conflicts with existing column.",
       [] {
@@ -243,7 +262,7 @@ TEST_F(ExceptionsTest, AddedColumns_AreSortedAndThinnedOut) {
             u"T", u"C", {{u"ab", false}, {u"a", true}, {u"a", true}, {u"a", false}}, {}, {});
       });
   ExpectColumn<BadNewColumnArg>(
-      4277,
+      SAGLEME_COLUMN_NAME_TAKEN,
       u"Table T: added column a conflicts with column from descendant table X; added column a "
       u"conflicts with column from descendant table Y; added column b conflicts with column from "
       u"descendant table A.",
@@ -255,7 +274,7 @@ TEST_F(ExceptionsTest, AddedColumns_AreSortedAndThinnedOut) {
 
 TEST_F(ExceptionsTest, AddedColumns_SortByUnsignedCodeUnit) {
   ExpectColumn<BadNewColumnArg>(
-      4277,
+      SAGLEME_COLUMN_NAME_TAKEN,
       u"Table T: added column z conflicts with existing column; added column \xE000 conflicts with "
       u"existing column.",
       [] {
@@ -265,7 +284,7 @@ TEST_F(ExceptionsTest, AddedColumns_SortByUnsignedCodeUnit) {
 
 TEST_F(ExceptionsTest, AddedColumnsThatRepeatAlone_HaveNoSeparator) {
   ExpectColumn<BadNewColumnArg>(
-      4277,
+      SAGLEME_COLUMN_NAME_TAKEN,
       u"Table T: added column y conflicts with other added columnadded column x conflicts with "
       u"other added column.",
       [] {

@@ -25,7 +25,8 @@ struct Call {
 
 // What calls are given, and where their outputs would go.
 LORV_COLUMN_DEFINITION const no_columns[] = {{{0, 0}, 0, nullptr}};
-LORV_COLUMN_DEFINITION_NAMES const one_column[] = {{3, nullptr, 0, u"a"}, {0, nullptr, 0, nullptr}};
+LORV_COLUMN_DEFINITION_NAMES const one_column[] = {{SAGLEME_TYPE_SIGNED, nullptr, 0, u"a"},
+                                                   {0, nullptr, 0, nullptr}};
 LORV_INDEXED_COLUMN const by_name[] = {{u"a", 1}, {nullptr, 0}};
 int16_t const by_ordinal[] = {3, -1};
 char16_t const* names[] = {u"t", nullptr};
@@ -112,7 +113,7 @@ class FrameFormsTest : public ::testing::Test {
   // The call is refused in its own context, which leaves its outputs alone and the thread's context
   // as it was.
   static void ExpectRefused(Call const& call) {
-    EXPECT_EQ(1001u, lorv_setspec_name_by_setspec_ref(kInner, 0, 0, nullptr));
+    EXPECT_EQ(SAGLEME_BAD_ARGUMENT, lorv_setspec_name_by_setspec_ref(kInner, 0, 0, nullptr));
     metalayer::is_errbuf_clear_requested();
     recording_kernel::Reset();
     recording_kernel::FailNth(1, kStatus);

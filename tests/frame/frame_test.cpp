@@ -57,7 +57,7 @@ TYPED_TEST(FrameTest, Failure_IsItsCodeAndTheOldContextIsBack) {
 }
 
 TYPED_TEST(FrameTest, EveryKindOfFailure_BecomesItsCode) {
-  EXPECT_EQ(7043u, this->InFrame([] { metalayer::Throw(7043); }));
+  EXPECT_EQ(SAGLEME_NOT_PREPARED, this->InFrame([] { metalayer::Throw(SAGLEME_NOT_PREPARED); }));
   EXPECT_EQ(1u, this->InFrame([] { throw BadArg(1); }));
   EXPECT_EQ(2u, this->InFrame([] { throw BadTableArg(2, u"t"); }));
   EXPECT_EQ(3u, this->InFrame([] { throw BadNewTableArg(3, u"t"); }));
@@ -152,7 +152,7 @@ TEST_F(LazyFrame, ThatWritesNothing_LeavesTheOldTextAndTheRequest) {
 // ---- the exported functions' side ---------------------------------------------------------------
 
 TEST_F(EagerFrame, FailedCallsText_IsGoneAfterTheNextCallThatSucceeds) {
-  EXPECT_EQ(1001u, lorv_setspec_name_by_setspec_ref(kInner, 0, 0, nullptr));
+  EXPECT_EQ(SAGLEME_BAD_ARGUMENT, lorv_setspec_name_by_setspec_ref(kInner, 0, 0, nullptr));
   EXPECT_EQ(u"The argument setspec_oid is zero.", TextOf(kInner));
   recording_kernel::Answer<&lorv_context_get_string>(
       [](uint64_t, uint64_t, uint64_t, uint32_t, LORV_STRING**) { return LORV_STATUS_NULL; });
@@ -164,9 +164,9 @@ TEST_F(EagerFrame, FailedCallsText_IsGoneAfterTheNextCallThatSucceeds) {
 
 TEST_F(EagerFrame, FailedCall_LeavesItsOutputAlone) {
   recording_kernel::Answer<&lorv_context_get_string>(
-      [](uint64_t, uint64_t, uint64_t, uint32_t, LORV_STRING**) { return 4273u; });
+      [](uint64_t, uint64_t, uint64_t, uint32_t, LORV_STRING**) { return LORV_STATUS_NO_OBJECT; });
   char16_t const* name = u"untouched";
-  EXPECT_EQ(4273u, lorv_setspec_name_by_setspec_ref(kInner, 3, 4, &name));
+  EXPECT_EQ(LORV_STATUS_NO_OBJECT, lorv_setspec_name_by_setspec_ref(kInner, 3, 4, &name));
   EXPECT_EQ(u"untouched", std::u16string(name));
 }
 
@@ -194,7 +194,7 @@ TEST_F(EagerFrame, Version_NeedsNoContext) { EXPECT_EQ(9u, lorv_get_metaschema_v
 
 TEST_F(EagerFrame, GenerationBeforeStartUp_ThrowsTheKernelsFailure) {
   recording_kernel::Answer<&lorv_context_get_ulong>(
-      [](uint64_t, uint64_t, uint64_t, uint32_t, uint64_t*) { return 4273u; });
+      [](uint64_t, uint64_t, uint64_t, uint32_t, uint64_t*) { return LORV_STATUS_NO_OBJECT; });
   recording_kernel::Record();
   unsigned int code = 0;
   try {
@@ -202,7 +202,7 @@ TEST_F(EagerFrame, GenerationBeforeStartUp_ThrowsTheKernelsFailure) {
   } catch (db_util::db_exception const& failure) {
     code = failure.code();
   }
-  EXPECT_EQ(4273u, code);
+  EXPECT_EQ(LORV_STATUS_NO_OBJECT, code);
   EXPECT_EQ((std::vector<uint64_t>{kOuter, 0, 0, 3}), recording_kernel::Calls().at(0).numbers);
 }
 

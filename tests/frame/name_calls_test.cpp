@@ -55,7 +55,7 @@ TEST_F(NameCallsTest, AssureToken_CountsUpByOne) {
 TEST_F(NameCallsTest, AssureToken_OfANameTooLongForAKey_IsRefused) {
   std::u16string const name(2000, u'n');
   uint64_t token = 7;
-  ExpectRefused(4197, u"", lorv_assure_token(context(), name.c_str(), &token));
+  ExpectRefused(SAGLEME_NAME_TOO_LONG, u"", lorv_assure_token(context(), name.c_str(), &token));
   EXPECT_EQ(7u, token);
 }
 
@@ -80,7 +80,7 @@ TEST_F(NameCallsTest, GetToken_OfATable_IsItsLayoutsToken) {
 TEST_F(NameCallsTest, GetToken_OfAnUnknownName_MakesNone) {
   uint64_t token = 7;
   recording_kernel::Record();
-  ExpectRefused(4279, u"Token for name nobody not found.",
+  ExpectRefused(SAGLEME_TOKEN_NOT_FOUND, u"Token for name nobody not found.",
                 lorv_get_token(context(), u"nobody", &token));
   EXPECT_EQ(7u, token);
   EXPECT_TRUE(recording_kernel::CallsOf("lorv_context_insert_system").empty());
@@ -88,7 +88,8 @@ TEST_F(NameCallsTest, GetToken_OfAnUnknownName_MakesNone) {
 
 TEST_F(NameCallsTest, GetToken_OfNoName_IsNotFound) {
   uint64_t token = 7;
-  ExpectRefused(4279, u"Token for name  not found.", lorv_get_token(context(), nullptr, &token));
+  ExpectRefused(SAGLEME_TOKEN_NOT_FOUND, u"Token for name  not found.",
+                lorv_get_token(context(), nullptr, &token));
 }
 
 // 990 bytes in chunks of 31 with their counts, the end of the text and the end mark: 1024 bytes.
@@ -104,7 +105,7 @@ TEST_F(NameCallsTest, GetToken_OfANameOneByteTooLong_IsRefusedBeforeTheKernelIsA
   std::u16string const name(991, u'n');
   uint64_t token = 7;
   recording_kernel::Record();
-  ExpectRefused(4197, u"", lorv_get_token(context(), name.c_str(), &token));
+  ExpectRefused(SAGLEME_NAME_TOO_LONG, u"", lorv_get_token(context(), name.c_str(), &token));
   EXPECT_EQ(7u, token);
   EXPECT_TRUE(recording_kernel::Names().empty());
 }
@@ -130,7 +131,8 @@ TEST_F(NameCallsTest, GetTokenName_ReadsTheTextBack) {
 
 TEST_F(NameCallsTest, GetTokenName_OfZero_IsNotFound) {
   char16_t const* name = u"untouched";
-  ExpectRefused(4279, u"Token for id 0 not found.", lorv_get_token_name(context(), 0, &name));
+  ExpectRefused(SAGLEME_TOKEN_NOT_FOUND, u"Token for id 0 not found.",
+                lorv_get_token_name(context(), 0, &name));
   EXPECT_EQ(u"untouched", Text(name));
 }
 
@@ -190,7 +192,7 @@ TEST_F(NameCallsTest, NameByToken_OfARowWithoutAText_IsNull) {
 
 TEST_F(NameCallsTest, NameByToken_OfAnUnknownToken_IsNotFound) {
   char16_t const* name = nullptr;
-  ExpectRefused(4279, u"Token for id 88888888 not found.",
+  ExpectRefused(SAGLEME_TOKEN_NOT_FOUND, u"Token for id 88888888 not found.",
                 lorv_get_column_name_by_token(context(), 88888888, &name));
 }
 
@@ -235,7 +237,7 @@ TEST_F(NameCallsTest, TableByReversedName_IsItsRow) {
   uint64_t addr = 0;
   ExpectOk(lorv_table_ref_by_incomplete_reverse_uid(context(), u"Order", &oid, &addr));
   EXPECT_EQ(view.oid, oid);
-  ExpectRefused(15003, u"Table not found by incomplete reverse id Nothing.",
+  ExpectRefused(SAGLEME_TABLE_NOT_FOUND, u"Table not found by incomplete reverse id Nothing.",
                 lorv_table_ref_by_incomplete_reverse_uid(context(), u"Nothing", &oid, &addr));
   EXPECT_EQ(view.oid, oid);
 }
@@ -250,7 +252,7 @@ TEST_F(NameCallsTest, TableByLayout_IsFoundByTheCurrentOneAlone) {
   Columns more;
   more.Long(u"More");
   ExpectOk(lorv_alter_table_add_columns(context(), u"App.T", more, nullptr));
-  ExpectRefused(4230,
+  ExpectRefused(SAGLEME_LAYOUT_NOT_FOUND,
                 u"No table is associated with layout id " +
                     sagleme_test::Utf16(std::to_string(layout)) + u".",
                 lorv_table_ref_by_layout_id(context(), layout, &oid, &addr));

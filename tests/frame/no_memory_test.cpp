@@ -85,7 +85,7 @@ TEST_F(NoMemoryTest, FailureThatCannotBePrepared_IsTheLackOfMemory) {
     EXPECT_EQ(kOuter, Current());
   }
   EXPECT_LT(1, nth);
-  EXPECT_EQ(1001u, status);
+  EXPECT_EQ(SAGLEME_BAD_ARGUMENT, status);
 }
 
 // A number of this length does not fit into the stream itself.
@@ -104,7 +104,7 @@ TEST_F(NoMemoryTest, NumberThatCannotBeWritten_IsTheLackOfMemory) {
     ++nth;
   }
   EXPECT_LT(1, nth);
-  EXPECT_EQ(4279u, code);
+  EXPECT_EQ(SAGLEME_TOKEN_NOT_FOUND, code);
 }
 
 }  // namespace

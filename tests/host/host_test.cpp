@@ -66,8 +66,8 @@ TEST_F(HostTest, Table_KnowsItsColumnsAndTheirOrigins) {
   EXPECT_EQ(Type::kDouble, tool->GetColumn(u"Weight").type);
   EXPECT_EQ(u"App.Thing", tool->GetColumn(u"Next").target);
   EXPECT_EQ(2u, transaction.table(u"App.Thing")->indexes.size());
-  EXPECT_EQ(7038u, StatusOf([&] { tool->GetColumn(u"Colour"); }));
-  EXPECT_EQ(15003u, StatusOf([&] { transaction.table(u"App.Nothing"); }));
+  EXPECT_EQ(SAGLEME_NO_SUCH_COLUMN, StatusOf([&] { tool->GetColumn(u"Colour"); }));
+  EXPECT_EQ(SAGLEME_TABLE_NOT_FOUND, StatusOf([&] { transaction.table(u"App.Nothing"); }));
   EXPECT_EQ(tool, transaction.Resolve(u"Tool"));
   EXPECT_EQ(2u, transaction.Tables().size());
   EXPECT_EQ(27u, transaction.Tables(true).size());
@@ -146,7 +146,7 @@ TEST_F(HostTest, Failures_CarryStatusAndText) {
     sagleme::DropTable(transaction, u"App.Thing");
     FAIL() << "a table with children went";
   } catch (sagleme::Error const& error) {
-    EXPECT_EQ(15013u, error.status());
+    EXPECT_EQ(SAGLEME_TABLE_HAS_DESCENDANTS, error.status());
     EXPECT_NE(std::string::npos, std::string(error.what()).find("App.Tool"));
   }
   EXPECT_EQ(LSCOREDB_TRANSACTION_OPEN, StatusOf([&] { sagleme::Transaction second(context_); }));

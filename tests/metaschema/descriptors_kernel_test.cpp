@@ -198,7 +198,7 @@ TEST_F(DescriptorsInDatabase, IndexThatIsGone_VerifiesAsTheKernelsFailure) {
     index.verify();
     FAIL() << "an index that is gone was verified";
   } catch (db_util::db_exception const& failure) {
-    EXPECT_EQ(4229u, failure.code());
+    EXPECT_EQ(SAGLEME_INDEX_NOT_FOUND, failure.code());
   }
 }
 
@@ -230,7 +230,7 @@ TEST_F(DescriptorsInDatabase, IndexOverAColumnOfAnInvalidType_IsNotMade) {
       index.create_metatable_index(&setspec);
       FAIL() << "type " << type << " was taken";
     } catch (db_util::db_exception const& failure) {
-      EXPECT_EQ(4226u, failure.code());
+      EXPECT_EQ(SAGLEME_INVALID_TYPE, failure.code());
     }
     LORVI_INDEX_INFO info{};
     EXPECT_EQ(LORV_STATUS_NO_INDEX, get_index_info_by_token(index.token, &info));

@@ -206,7 +206,7 @@ TEST(Records, ColumnOfAnInvalidType_CannotBeDefined) {
       column.define_column(&out);
       FAIL() << "type " << type << " was taken";
     } catch (db_util::db_exception const& failure) {
-      EXPECT_EQ(4226u, failure.code());
+      EXPECT_EQ(SAGLEME_INVALID_TYPE, failure.code());
     }
   }
 }

@@ -35,7 +35,7 @@ TEST(FreshProcess, InitWithoutTables_IsRefusedUntilTheyExist) {
   Database database;
   database.Begin();
   *TlsMetalayerContext::Current() = database.context();
-  EXPECT_EQ(4230u, CodeOf([] { TokenMain::Init(); }));
+  EXPECT_EQ(SAGLEME_LAYOUT_NOT_FOUND, CodeOf([] { TokenMain::Init(); }));
   database.Rollback();
   ASSERT_EQ(0u, database.Bootstrap());
   database.Begin();
@@ -48,7 +48,7 @@ TEST(FreshProcess, ClassOfATableThatComesLater_IsReadiedOnceItExists) {
   ASSERT_EQ(0u, database.BootstrapUpTo(kYieldOfTokens));
   database.Begin();
   *TlsMetalayerContext::Current() = database.context();
-  EXPECT_EQ(4230u, CodeOf([] { Vacuum::Init(u"", 0); }));
+  EXPECT_EQ(SAGLEME_LAYOUT_NOT_FOUND, CodeOf([] { Vacuum::Init(u"", 0); }));
   database.Rollback();
   ASSERT_EQ(0u, database.Bootstrap());
   database.Begin();
@@ -84,7 +84,7 @@ TEST_F(Metaclasses, Init_LoadsWhatIsNotKnown) {
 TEST_F(Metaclasses, InitWithAMissingIndex_IsRefused) {
   ASSERT_EQ(0u, lorvi_context_drop_index(context(), Vacuum::index_id_VacuumTypeId()));
   *Vacuum::slots().index_ids[0] = 0;
-  EXPECT_EQ(4229u, CodeOf([] { Vacuum::Init(u"", 0); }));
+  EXPECT_EQ(SAGLEME_INDEX_NOT_FOUND, CodeOf([] { Vacuum::Init(u"", 0); }));
 }
 
 TEST_F(Metaclasses, OldSpecifierIndex_IsNeverLoaded) {
@@ -107,7 +107,7 @@ TEST_F(Metaclasses, InitsInTableOrder_GiveTheTableIds) {
 
 TEST_F(Metaclasses, IndexOfAnUnknownToken_IsNoFailure) {
   LORVI_INDEX_INFO info{};
-  EXPECT_EQ(4229u, get_index_info_by_token(999999, &info));
+  EXPECT_EQ(SAGLEME_INDEX_NOT_FOUND, get_index_info_by_token(999999, &info));
 }
 
 TEST_F(Metaclasses, KernelIds_AreFoundByNameAndToken) {
@@ -118,8 +118,8 @@ TEST_F(Metaclasses, KernelIds_AreFoundByNameAndToken) {
 }
 
 TEST_F(Metaclasses, UnknownNames_AreRefusedAndGetTheirToken) {
-  EXPECT_EQ(4230u, CodeOf([] { LoadTableId(u"No.Such.Table"); }));
-  EXPECT_EQ(4229u, CodeOf([] { LoadIndexId(u"NoSuchIndex"); }));
+  EXPECT_EQ(SAGLEME_LAYOUT_NOT_FOUND, CodeOf([] { LoadTableId(u"No.Such.Table"); }));
+  EXPECT_EQ(SAGLEME_INDEX_NOT_FOUND, CodeOf([] { LoadIndexId(u"NoSuchIndex"); }));
   EXPECT_FALSE(Token::ByInvariantName(u"No.Such.Table").is_null());
   EXPECT_FALSE(Token::ByInvariantName(u"NoSuchIndex").is_null());
 }
@@ -231,7 +231,8 @@ TEST_F(Metaclasses, EveryLookup_FindsItsRow) {
 
 TEST_F(Metaclasses, KeyThatDoesNotFit_IsRefused) {
   std::u16string const name(2000, u'n');
-  EXPECT_EQ(4197u, CodeOf([&name] { RawView::ByRawViewPK2fullname(name.c_str()); }));
+  EXPECT_EQ(SAGLEME_NAME_TOO_LONG,
+            CodeOf([&name] { RawView::ByRawViewPK2fullname(name.c_str()); }));
 }
 
 }  // namespace

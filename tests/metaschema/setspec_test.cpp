@@ -97,7 +97,7 @@ TEST_F(Setspecs, SpecifierTooLongForAKey_IsRefused) {
     NextSetspec(std::u16string(3000, u'w') + u"~", db_util::null_obj_ref);
     FAIL() << "the key fits";
   } catch (db_util::db_exception const& failure) {
-    EXPECT_EQ(4197u, failure.code());
+    EXPECT_EQ(SAGLEME_NAME_TOO_LONG, failure.code());
   }
 }
 
@@ -134,7 +134,7 @@ TEST_F(Setspecs, EmptyRange_LeavesTheIteratorAtNothing) {
 
 TEST_F(Setspecs, NullReference_IsRefused) {
   char16_t const* name = u"before";
-  ExpectRefused(1001, u"The argument setspec_oid is zero.",
+  ExpectRefused(SAGLEME_BAD_ARGUMENT, u"The argument setspec_oid is zero.",
                 lorv_setspec_name_by_setspec_ref(context(), 0, 77, &name));
   EXPECT_EQ(u"before", std::u16string(name));
 }

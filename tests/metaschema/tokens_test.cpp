@@ -140,7 +140,7 @@ TEST_F(Tokens, TableName_GivesTheTokenOfTheTablesLayout) {
 TEST_F(Tokens, UnknownName_IsRefusedAndGetsNoRow) {
   std::vector<std::string> const before = DumpObjects();
   unsigned long token = 77;
-  ExpectRefused(4279, u"Token for name Nothing not found.",
+  ExpectRefused(SAGLEME_TOKEN_NOT_FOUND, u"Token for name Nothing not found.",
                 lorv_get_token(context(), u"Nothing", &token));
   EXPECT_EQ(77u, token);
   EXPECT_EQ("", Differences(before, DumpObjects()));
@@ -156,8 +156,8 @@ TEST_F(Tokens, TableWhoseLayoutIsGone_EndsTheProcess) {
 TEST_F(Tokens, NameTooLongForAKey_IsRefused) {
   std::u16string const name(2000, u'n');
   unsigned long token = 77;
-  ExpectRefused(4197, u"", lorv_assure_token(context(), name.c_str(), &token));
-  ExpectRefused(4197, u"", lorv_get_token(context(), name.c_str(), &token));
+  ExpectRefused(SAGLEME_NAME_TOO_LONG, u"", lorv_assure_token(context(), name.c_str(), &token));
+  ExpectRefused(SAGLEME_NAME_TOO_LONG, u"", lorv_get_token(context(), name.c_str(), &token));
   EXPECT_EQ(77u, token);
 }
 
@@ -178,10 +178,11 @@ TEST_F(Tokens, TokenWithoutText_HasANullName) {
 
 TEST_F(Tokens, UnknownNumber_IsRefused) {
   char16_t const* name = u"before";
-  ExpectRefused(4279, u"Token for id 0 not found.", lorv_get_token_name(context(), 0, &name));
-  ExpectRefused(4279, u"Token for id 99999 not found.",
+  ExpectRefused(SAGLEME_TOKEN_NOT_FOUND, u"Token for id 0 not found.",
+                lorv_get_token_name(context(), 0, &name));
+  ExpectRefused(SAGLEME_TOKEN_NOT_FOUND, u"Token for id 99999 not found.",
                 lorv_get_column_name_by_token(context(), 99999, &name));
-  ExpectRefused(4279, u"Token for id 99999 not found.",
+  ExpectRefused(SAGLEME_TOKEN_NOT_FOUND, u"Token for id 99999 not found.",
                 lorv_get_table_name_by_token(context(), 99999, &name));
   EXPECT_EQ(u"before", std::u16string(name));
 }

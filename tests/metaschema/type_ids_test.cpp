@@ -238,7 +238,8 @@ TEST_F(TypeIds, SupersededLayoutNumber_GivesNoTable) {
   unsigned long addr = 77;
   std::u16string const text =
       u"No table is associated with layout id " + Utf16(std::to_string(layout)) + u".";
-  ExpectRefused(4230, text, lorv_table_ref_by_layout_id(context(), layout, &oid, &addr));
+  ExpectRefused(SAGLEME_LAYOUT_NOT_FOUND, text,
+                lorv_table_ref_by_layout_id(context(), layout, &oid, &addr));
   EXPECT_EQ(77u, oid);
   EXPECT_EQ(77u, addr);
 }

@@ -4,6 +4,9 @@
 // One function for each operation: what it does to the model. Throws Failure, with the model in any
 // state.
 
+#include <lscoredb/host.h>
+#include <sagleme/statuses.h>
+
 #include "model/operations.h"
 
 namespace sagleme_model {
@@ -29,8 +32,8 @@ void Apply(Model& model, AskProperty const& operation);
 Uid Apply(Model& model, CreateObject const& operation);
 
 // ---- shared by them
-inline constexpr std::uint32_t kBadArgument = 1001;
-inline constexpr std::uint32_t kDuplicateKey = 9021;
+inline constexpr std::uint32_t kBadArgument = SAGLEME_BAD_ARGUMENT;
+inline constexpr std::uint32_t kDuplicateKey = LSCOREDB_DUPLICATE_KEY;
 
 inline constexpr std::size_t kMaxDefinitions = 112;
 inline constexpr std::size_t kMaxColumns = 115;

@@ -9,12 +9,12 @@ namespace sagleme_model {
 
 namespace {
 
-constexpr std::uint32_t kNameTaken = 4277;
-constexpr std::uint32_t kNoColumn = 7038;
-constexpr std::uint32_t kInherited = 15024;
-constexpr std::uint32_t kIndexed = 15011;
-constexpr std::uint32_t kMapped = 15014;
-constexpr std::uint32_t kReferenced = 15012;
+constexpr std::uint32_t kNameTaken = SAGLEME_COLUMN_NAME_TAKEN;
+constexpr std::uint32_t kNoColumn = SAGLEME_NO_SUCH_COLUMN;
+constexpr std::uint32_t kInherited = SAGLEME_COLUMN_INHERITED;
+constexpr std::uint32_t kIndexed = SAGLEME_COLUMN_INDEXED;
+constexpr std::uint32_t kMapped = SAGLEME_COLUMN_MAPPED;
+constexpr std::uint32_t kReferenced = SAGLEME_TABLE_REFERENCED;
 
 // ---- adding -----------------------------------------------------------------------------------
 

@@ -9,10 +9,10 @@ namespace sagleme_model {
 
 namespace {
 
-constexpr std::uint32_t kReferenced = 15012;
-constexpr std::uint32_t kHasChildren = 15013;
-constexpr std::uint32_t kNotEmpty = 15006;
-constexpr std::uint32_t kRowUnreachable = 4174;
+constexpr std::uint32_t kReferenced = SAGLEME_TABLE_REFERENCED;
+constexpr std::uint32_t kHasChildren = SAGLEME_TABLE_HAS_DESCENDANTS;
+constexpr std::uint32_t kNotEmpty = SAGLEME_TABLE_NOT_EMPTY;
+constexpr std::uint32_t kRowUnreachable = LORV_STATUS_UNREACHABLE;
 
 void CheckNoChildren(Model const& model, Table const& table) {
   std::vector<Uid> const children = model.ChildrenOf(table.row);

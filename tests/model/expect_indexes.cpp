@@ -8,12 +8,12 @@ namespace sagleme_model {
 
 namespace {
 
-constexpr std::uint32_t kIndexExists = 4187;
-constexpr std::uint32_t kNoIndex = 4229;
-constexpr std::uint32_t kNoColumn = 4300;
-constexpr std::uint32_t kNotOfTable = 15005;
-constexpr std::uint32_t kBadIndexColumns = 7035;
-constexpr std::uint32_t kBadType = 15002;
+constexpr std::uint32_t kIndexExists = SAGLEME_INDEX_EXISTS;
+constexpr std::uint32_t kNoIndex = SAGLEME_INDEX_NOT_FOUND;
+constexpr std::uint32_t kNoColumn = SAGLEME_COLUMN_NOT_FOUND;
+constexpr std::uint32_t kNotOfTable = SAGLEME_INDEX_OF_ANOTHER_TABLE;
+constexpr std::uint32_t kBadIndexColumns = SAGLEME_BROKEN_CATALOGUE;
+constexpr std::uint32_t kBadType = SAGLEME_TARGET_NOT_FOUND;
 constexpr std::size_t kMaxIndexColumns = 15;
 
 Column const& NamedColumn(Table const& table, Text const& name) {

@@ -6,7 +6,7 @@ namespace sagleme_model {
 
 namespace {
 
-constexpr std::uint32_t kTypeNotFound = 15003;
+constexpr std::uint32_t kTypeNotFound = SAGLEME_TABLE_NOT_FOUND;
 
 Table const& CrudTable(Model const& model, Text const& name) {
   Table const* const table = model.FindTable(name);

@@ -8,12 +8,12 @@ namespace sagleme_model {
 
 namespace {
 
-constexpr std::uint32_t kNoBase = 15001;
-constexpr std::uint32_t kBadType = 15002;
-constexpr std::uint32_t kNoTable = 15003;
-constexpr std::uint32_t kMismatch = 15009;
-constexpr std::uint32_t kNotNullable = 4213;
-constexpr std::uint32_t kTableExists = 4214;
+constexpr std::uint32_t kNoBase = SAGLEME_BASE_NOT_FOUND;
+constexpr std::uint32_t kBadType = SAGLEME_TARGET_NOT_FOUND;
+constexpr std::uint32_t kNoTable = SAGLEME_TABLE_NOT_FOUND;
+constexpr std::uint32_t kMismatch = SAGLEME_SCHEMA_MISMATCH;
+constexpr std::uint32_t kNotNullable = SAGLEME_COLUMN_NOT_NULLABLE;
+constexpr std::uint32_t kTableExists = SAGLEME_TABLE_EXISTS;
 
 bool ByRefs(CreateTable const& operation) { return operation.form == CreateTable::Form::kByRefs; }
 

@@ -1,5 +1,8 @@
 #include "model/model.h"
 
+#include <lscoredb/lscoredb.h>
+#include <sagleme/statuses.h>
+
 #include <algorithm>
 
 namespace sagleme_model {
@@ -197,8 +200,8 @@ void Model::RequestDelete(Table const& dropped) {
 
 // A row that this transaction deleted cannot be reached; one deleted earlier is not there.
 void Model::CheckType(Column const& column) const {
-  constexpr std::uint32_t kTypeUnreachable = 4280;
-  constexpr std::uint32_t kNoSuchRow = 4273;
+  constexpr std::uint32_t kTypeUnreachable = SAGLEME_TYPE_IS_GONE;
+  constexpr std::uint32_t kNoSuchRow = LORV_STATUS_NO_OBJECT;
   if (column.type != kReference || column.target == 0 || tables.contains(column.target)) return;
   throw Failure{dropped_now_.contains(column.target) ? kTypeUnreachable : kNoSuchRow, u""};
 }

@@ -1,5 +1,7 @@
 // What a name means: the forms under which tables are stored, and the search by the last segments.
 
+#include <sagleme/statuses.h>
+
 #include <algorithm>
 
 #include "model/model.h"
@@ -9,8 +11,8 @@ namespace sagleme_model {
 namespace {
 
 constexpr char16_t kSeparator = u'.';
-constexpr std::uint32_t kTableNotFound = 15003;
-constexpr std::uint32_t kAmbiguous = 7039;
+constexpr std::uint32_t kTableNotFound = SAGLEME_TABLE_NOT_FOUND;
+constexpr std::uint32_t kAmbiguous = SAGLEME_AMBIGUOUS_NAME;
 constexpr Uid kSystemTable = ~Uid{0};
 
 Text Join(std::vector<Text> const& segments) {

@@ -26,13 +26,14 @@ class NameSearchTest : public CatalogueTest {
     return status;
   }
   void ExpectAmbiguous(char16_t const* uid, std::u16string const& matches) {
-    ExpectRefused(7039,
+    ExpectRefused(SAGLEME_AMBIGUOUS_NAME,
                   std::u16string(u"Incomplete reverse uid ") + uid +
                       u" matches more than one raw view: " + matches + u".",
                   Search(uid));
   }
   void ExpectNotFound(char16_t const* uid) {
-    ExpectRefused(15003, std::u16string(u"Table not found by incomplete reverse id ") + uid + u".",
+    ExpectRefused(SAGLEME_TABLE_NOT_FOUND,
+                  std::u16string(u"Table not found by incomplete reverse id ") + uid + u".",
                   Search(uid));
   }
   void ExpectDottedThrows(uint32_t status, std::u16string const& text, char16_t const* name) {
@@ -143,8 +144,9 @@ TEST_F(NameSearchTest, SystemTable_IsFoundByReversedAndByShortName) {
 
 TEST_F(NameSearchTest, KeyTooLong_Is4197) {
   std::u16string const name(5000, u'x');
-  ExpectRefused(4197, u"", Search(name.c_str()));
-  ExpectThrown(4197, u"", [&name] { metalayer::DottedName2RawView(DottedName{{name}}); });
+  ExpectRefused(SAGLEME_NAME_TOO_LONG, u"", Search(name.c_str()));
+  ExpectThrown(SAGLEME_NAME_TOO_LONG, u"",
+               [&name] { metalayer::DottedName2RawView(DottedName{{name}}); });
 }
 
 TEST_F(NameSearchTest, NullText_PassesOutAsALogicError) {
@@ -161,18 +163,18 @@ TEST_F(NameSearchTest, DottedName_ReadsForward) {
 }
 
 TEST_F(NameSearchTest, DottedName_NotFoundSpeaksOfTheGivenName) {
-  ExpectDottedThrows(15003, u"Table Model.Nobody not found.", u"Model.Nobody");
+  ExpectDottedThrows(SAGLEME_TABLE_NOT_FOUND, u"Table Model.Nobody not found.", u"Model.Nobody");
 }
 
 TEST_F(NameSearchTest, DottedName_AmbiguitySpeaksOfFullNames) {
   Create(u"A.Model.Customer");
   Create(u"B.Model.Customer");
-  ExpectDottedThrows(7039,
+  ExpectDottedThrows(SAGLEME_AMBIGUOUS_NAME,
                      u"Incomplete table name Model.Customer matches more than one table: "
                      u"A.Model.Customer, B.Model.Customer.",
                      u"Model.Customer");
   Create(u"C.Model.Customer");
-  ExpectDottedThrows(7039,
+  ExpectDottedThrows(SAGLEME_AMBIGUOUS_NAME,
                      u"Incomplete table name Model.Customer matches more than one table: "
                      u"A.Model.Customer, B.Model.Customer, and more.",
                      u"Model.Customer");

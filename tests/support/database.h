@@ -91,12 +91,20 @@ class Columns {
  public:
   Columns& Add(uint8_t logical_type, char16_t const* name, bool nullable = false);
   Columns& Ref(char16_t const* name, char16_t const* target);
-  Columns& String(char16_t const* name) { return Add(1, name, true); }
-  Columns& Binary(char16_t const* name) { return Add(2, name, true); }
-  Columns& Long(char16_t const* name, bool nullable = false) { return Add(3, name, nullable); }
-  Columns& ULong(char16_t const* name, bool nullable = false) { return Add(4, name, nullable); }
-  Columns& Double(char16_t const* name, bool nullable = false) { return Add(7, name, nullable); }
-  Columns& Bool(char16_t const* name, bool nullable = false) { return Add(10, name, nullable); }
+  Columns& String(char16_t const* name) { return Add(SAGLEME_TYPE_TEXT, name, true); }
+  Columns& Binary(char16_t const* name) { return Add(SAGLEME_TYPE_BINARY, name, true); }
+  Columns& Long(char16_t const* name, bool nullable = false) {
+    return Add(SAGLEME_TYPE_SIGNED, name, nullable);
+  }
+  Columns& ULong(char16_t const* name, bool nullable = false) {
+    return Add(SAGLEME_TYPE_UNSIGNED, name, nullable);
+  }
+  Columns& Double(char16_t const* name, bool nullable = false) {
+    return Add(SAGLEME_TYPE_DOUBLE, name, nullable);
+  }
+  Columns& Bool(char16_t const* name, bool nullable = false) {
+    return Add(SAGLEME_TYPE_BOOL, name, nullable);
+  }
 
   // Valid until the next change.
   operator LORV_COLUMN_DEFINITION_NAMES const*();

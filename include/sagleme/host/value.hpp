@@ -14,16 +14,16 @@
 namespace sagleme {
 
 enum class Type : std::uint8_t {
-  kString = 1,
-  kBinary = 2,
-  kLong = 3,
-  kULong = 4,
-  kDecimal = 5,
-  kFloat = 6,
-  kDouble = 7,
-  kReference = 8,
-  kKey = 9,
-  kBool = 10,
+  kString = SAGLEME_TYPE_TEXT,
+  kBinary = SAGLEME_TYPE_BINARY,
+  kLong = SAGLEME_TYPE_SIGNED,
+  kULong = SAGLEME_TYPE_UNSIGNED,
+  kDecimal = SAGLEME_TYPE_DECIMAL,
+  kFloat = SAGLEME_TYPE_FLOAT,
+  kDouble = SAGLEME_TYPE_DOUBLE,
+  kReference = SAGLEME_TYPE_REFERENCE,
+  kKey = LORV_TYPE_KEY,
+  kBool = SAGLEME_TYPE_BOOL,
 };
 
 inline constexpr std::array<std::string_view, 11> kTypeNames = {
