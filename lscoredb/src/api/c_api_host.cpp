@@ -78,7 +78,7 @@ uint32_t lscoredb_open(char const* directory, lscoredb_options const* options, l
   });
 }
 
-char const* lscoredb_open_error(void) { return OpenError().c_str(); }
+char const* lscoredb_open_error(void) { return OpenError(); }
 
 uint32_t lscoredb_close(lscoredb* database) {
   return Guarded([&]() -> Status {

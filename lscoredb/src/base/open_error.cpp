@@ -1,6 +1,8 @@
 #include "open_error.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <exception>
 #include <system_error>
 
@@ -9,27 +11,34 @@
 namespace lscore {
 namespace {
 
-thread_local std::string text;
+// Without a destructor: one would hold the library in memory after dlclose, until the thread ends.
+// A path that the system takes fits with its reason.
+constinit thread_local char text[4096 + 256] = "";
+
+void Append(std::size_t& length, std::string_view part) noexcept {
+  std::size_t const room = sizeof text - 1 - length;
+  length += part.copy(text + length, std::min(room, part.size()));
+  text[length] = '\0';
+}
 
 }  // namespace
 
-std::string const& OpenError() noexcept { return text; }
+char const* OpenError() noexcept { return text; }
 
-void ForgetOpenError() noexcept { text.clear(); }
+void ForgetOpenError() noexcept { text[0] = '\0'; }
 
 void NoteOpenError(std::string_view path, std::string_view reason) noexcept {
-  try {
-    text.assign(path).append(": ").append(reason);
-  } catch (std::exception const&) {
-    text.clear();  // the status still tells what kind of failure it was
-  }
+  std::size_t length = 0;
+  Append(length, path);
+  Append(length, ": ");
+  Append(length, reason);
 }
 
 void NoteOpenError(std::string_view path, int error) noexcept {
   try {
     NoteOpenError(path, std::generic_category().message(error));
   } catch (std::exception const&) {
-    text.clear();
+    ForgetOpenError();  // the status still tells what kind of failure it was
   }
 }
 

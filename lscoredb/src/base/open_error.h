@@ -3,13 +3,12 @@
 
 // Which file the system refused while a database was opened, and why. One text for each thread.
 
-#include <string>
 #include <string_view>
 
 namespace lscore {
 
 // `path: reason`, of the last refusal that the thread noted; empty when there is none.
-std::string const& OpenError() noexcept;
+char const* OpenError() noexcept;
 void ForgetOpenError() noexcept;
 
 // Notes that the system refused `path` with this error number.
