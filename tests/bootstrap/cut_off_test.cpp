@@ -26,7 +26,9 @@ TEST_P(CutOff, IsRefusedByStartUpUntilItIsWhole) {
     database.Begin();
     return Lines{std::to_string(lorv_init_metalayer(database.context()))};
   });
-  EXPECT_EQ(Lines{GetParam() < kYieldOfAllRows ? std::to_string(SAGLEME_NOT_PREPARED) : "0"}, status);
+  std::string const expected =
+      GetParam() < kYieldOfAllRows ? std::to_string(SAGLEME_NOT_PREPARED) : "0";
+  EXPECT_EQ(Lines{expected}, status);
 }
 
 INSTANTIATE_TEST_SUITE_P(AtYield, CutOff, ::testing::Range(1, kYields + 1));

@@ -61,7 +61,8 @@ class ExceptionsTest : public ::testing::Test {
 
 TEST_F(ExceptionsTest, Check_ThrowsTheCodeWithoutAText) {
   Expect<db_util::db_exception>(4711, u"", [] { db_util::db_exception::check(4711); });
-  Expect<db_util::db_exception>(SAGLEME_NOT_PREPARED, u"", [] { metalayer::Throw(SAGLEME_NOT_PREPARED); });
+  Expect<db_util::db_exception>(SAGLEME_NOT_PREPARED, u"",
+                                [] { metalayer::Throw(SAGLEME_NOT_PREPARED); });
 }
 
 TEST_F(ExceptionsTest, Arguments) {
@@ -203,11 +204,13 @@ TEST_F(ExceptionsTest, Indexes) {
   auto const index_of = [](unsigned int code, u16string const& text, auto const& raise) {
     return Expect<BadIndexArg>(code, text, raise).value().index;
   };
-  EXPECT_EQ(u"I", index_of(SAGLEME_INDEX_NOT_FOUND, u"Index I not found.", [] { ThrowIndexNotFound(u"I"); }));
+  EXPECT_EQ(u"I", index_of(SAGLEME_INDEX_NOT_FOUND, u"Index I not found.",
+                           [] { ThrowIndexNotFound(u"I"); }));
+  EXPECT_EQ(u"I", index_of(SAGLEME_INDEX_EXISTS, u"Index I already exists.",
+                           [] { ThrowIndexAlreadyExists(u"I"); }));
   EXPECT_EQ(u"I",
-            index_of(SAGLEME_INDEX_EXISTS, u"Index I already exists.", [] { ThrowIndexAlreadyExists(u"I"); }));
-  EXPECT_EQ(u"I", index_of(SAGLEME_INDEX_OF_ANOTHER_TABLE, u"Index I doesn't belong to the table T.",
-                           [] { ThrowIndexNotFoundInType(u"I", u"T"); }));
+            index_of(SAGLEME_INDEX_OF_ANOTHER_TABLE, u"Index I doesn't belong to the table T.",
+                     [] { ThrowIndexNotFoundInType(u"I", u"T"); }));
 }
 
 // ---- how texts are written ----------------------------------------------------------------------

@@ -12,8 +12,8 @@ namespace lscore {
 namespace {
 
 // Without a destructor: one would hold the library in memory after dlclose, until the thread ends.
-// A path that the system takes fits with its reason.
-constinit thread_local char text[4096 + 256] = "";
+// Small, since a library that is loaded later gets few bytes for its threads.
+constinit thread_local char text[512] = "";
 
 void Append(std::size_t& length, std::string_view part) noexcept {
   std::size_t const room = sizeof text - 1 - length;
@@ -27,8 +27,14 @@ char const* OpenError() noexcept { return text; }
 
 void ForgetOpenError() noexcept { text[0] = '\0'; }
 
+// Of a long path its end is kept.
 void NoteOpenError(std::string_view path, std::string_view reason) noexcept {
+  constexpr std::size_t kLongestPath = 384;
   std::size_t length = 0;
+  if (path.size() > kLongestPath) {
+    Append(length, "...");
+    path.remove_prefix(path.size() - kLongestPath);
+  }
   Append(length, path);
   Append(length, ": ");
   Append(length, reason);
