@@ -139,13 +139,15 @@ void TellError(Error const& error, FindingReport const& report) {
 
 void CheckCatalogue(Transaction& transaction, CheckOptions const& options,
                     FindingReport const& report) {
-  try {
-    checks::CheckTables(transaction, report);
-    checks::CheckRows(transaction, report);
-    checks::CheckObjects(transaction, options, report);
-  } catch (Error const& error) {
-    TellError(error, report);
-  }
+  checks::WithOwnFailures(report, [&](FindingReport const& tell) {
+    try {
+      checks::CheckTables(transaction, tell);
+      checks::CheckRows(transaction, tell);
+      checks::CheckObjects(transaction, options, tell);
+    } catch (Error const& error) {
+      TellError(error, tell);
+    }
+  });
 }
 
 void CheckDatabase(std::string const& directory, CheckOptions const& options,

@@ -3,6 +3,7 @@
 
 // The parts of the check above the kernel. Each tells what it finds and goes on.
 
+#include <exception>
 #include <sagleme/check.hpp>
 #include <sstream>
 #include <string>
@@ -14,6 +15,27 @@ void CheckTables(Transaction& transaction, FindingReport const& report);
 void CheckRows(Transaction& transaction, FindingReport const& report);
 void CheckObjects(Transaction& transaction, CheckOptions const& options,
                   FindingReport const& report);
+
+// What a report threw, on its way through checks that catch the failures of reading.
+struct ReportFailure {
+  std::exception_ptr cause;
+};
+
+// Runs `work` with a report whose exceptions come out as they are.
+template <typename Work>
+void WithOwnFailures(FindingReport const& report, Work&& work) {
+  try {
+    work(FindingReport([&report](Finding const& finding) {
+      try {
+        report(finding);
+      } catch (...) {
+        throw ReportFailure{std::current_exception()};
+      }
+    }));
+  } catch (ReportFailure const& failure) {
+    std::rethrow_exception(failure.cause);
+  }
+}
 
 // The text with each {} replaced by the next argument.
 template <typename... Arguments>

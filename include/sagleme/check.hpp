@@ -45,6 +45,7 @@ struct Finding {
   std::string what;          // an English sentence
 };
 
+// An exception from it ends the check and passes through.
 using FindingReport = std::function<void(Finding const&)>;
 
 struct CheckOptions {

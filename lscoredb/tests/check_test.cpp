@@ -131,6 +131,24 @@ TEST_F(CheckTest, AHostCanEndIt) {
   EXPECT_EQ(told, 2);
 }
 
+TEST_F(CheckTest, AnExceptionOfTheHostEndsItAndComesOut) {
+  for (Oid const row : rows_) ChangeRow(row, 8, Little(1000000, 8));
+  Database database(directory_.path());
+  database.ExpectDamage();
+  auto const fail = [](void*, lscoredb_finding const*) -> std::uint32_t {
+    throw std::runtime_error("the report's disk is full");
+  };
+  auto const fail_oddly = [](void*, lscoredb_finding const*) -> std::uint32_t { throw 7; };
+  try {
+    lscoredb_check(database.get(), 0, fail, nullptr);
+    ADD_FAILURE() << "nothing came out";
+  } catch (std::runtime_error const& error) {
+    EXPECT_STREQ("the report's disk is full", error.what());
+  }
+  EXPECT_THROW(lscoredb_check(database.get(), 0, fail_oddly, nullptr), int);
+  EXPECT_EQ(Findings(database.get()).size(), rows_.size());
+}
+
 TEST_F(CheckTest, WithoutEntriesOnlyObjectsAreLookedAt) {
   Tree("index").Put(
       "\x7F"

@@ -45,11 +45,11 @@ uint32_t lscoredb_copy(lscoredb* database, char const* directory) {
 
 uint32_t lscoredb_check(lscoredb* database, uint32_t flags, lscoredb_finding_callback report,
                         void* user) {
-  return lscore::Guarded([&]() -> lscore::Status {
+  lscore::FindingSink sink(report, user);
+  lscore::Status const status = lscore::Guarded([&]() -> lscore::Status {
     if (database == nullptr) return LSCOREDB_NULL_ARGUMENT;
     if (lscore::IsOfParent(*database)) return LSCOREDB_OF_PARENT;
     if ((flags & ~lscore::kKnownFlags) != 0) return LSCOREDB_INVALID_ARGUMENT;
-    lscore::FindingSink sink(report, user);
     try {
       lscore::CheckStoreState(database->database->store(), flags, sink);
     } catch (lscore::StopCheck const&) {
@@ -57,4 +57,6 @@ uint32_t lscoredb_check(lscoredb* database, uint32_t flags, lscoredb_finding_cal
     }
     return sink.any() ? LSCOREDB_DAMAGED : LORV_STATUS_OK;
   });
+  sink.PassOnFailure();
+  return status;
 }

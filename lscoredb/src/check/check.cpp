@@ -39,6 +39,16 @@ void CheckIdentity(View const& view, FindingSink& sink) {
 
 }  // namespace
 
+// Whether to go on. What a callback throws is the caller's, and no failure of the check.
+bool FindingSink::Report(lscoredb_finding const& finding) noexcept {
+  try {
+    return report_(user_, &finding) == 0;
+  } catch (...) {
+    failure_ = std::current_exception();
+    return false;
+  }
+}
+
 void FindingSink::Tell(Finding const& finding, std::string const& text) {
   any_ = true;
   if (report_ == nullptr) throw StopCheck();
@@ -50,7 +60,7 @@ void FindingSink::Tell(Finding const& finding, std::string const& text) {
   told.index = Raw(finding.index);
   told.layout = Raw(finding.layout);
   told.text = text.c_str();
-  if (report_(user_, &told) != 0) throw StopCheck();
+  if (!Report(told)) throw StopCheck();
 }
 
 void TellFault(FindingSink& sink, StoreFault const& fault) {
@@ -80,8 +90,10 @@ void CheckStoreState(Store& store, std::uint32_t flags, FindingSink& sink) {
   definitions.Load();
   definitions.CheckRecords();
   bool const entries = (flags & LSCOREDB_CHECK_NO_ENTRIES) == 0;
-  ObjectCheck(*snapshot, definitions, sink, entries).Run();
-  if (entries) EntryCheck(*snapshot, definitions, sink).Run();
+  ObjectCheck objects(*snapshot, definitions, sink, entries);
+  CheckObjectsInThreads(store, *snapshot, definitions, sink, entries, objects);
+  objects.Finish();
+  if (entries) EntryCheck(*snapshot, definitions, sink, objects.matched()).Run();
 }
 
 }  // namespace lscore

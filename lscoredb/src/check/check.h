@@ -2,14 +2,17 @@
 #define LSCOREDB_SRC_CHECK_H
 
 // The check of a committed state: definitions, objects, and indexes against objects both ways.
-// Works on a snapshot whose pages are known to be sound, on one thread. The rules are told in
-// lscoredb/host.h, by the kinds of findings.
+// Works on a snapshot whose pages are known to be sound. The rules are told in lscoredb/host.h, by
+// the kinds of findings.
 //
-// Objects are walked once, and each key that an object should have is looked up; then the entries
-// of all indexes are walked, and each is compared with what its object gives. So nothing is
-// remembered of the one or the other, whatever their number.
+// Objects are walked once, in several threads that each have a snapshot of the same state, and each
+// entry that an object should have is looked up and counted for its index. An index that holds just
+// as many entries holds no others, and none of them needs its object again; only where the numbers
+// differ is each entry of the index compared with what its object gives. So nothing is remembered
+// of the one or the other, whatever their number.
 
 #include <array>
+#include <exception>
 #include <functional>
 #include <map>
 #include <memory>
@@ -33,18 +36,36 @@ struct Finding {
   std::uint32_t column = LSCOREDB_NO_COLUMN;
 };
 
-// Passes findings on. Throws StopCheck when the host wants no more.
+// Is told what is found. Throws StopCheck when no more is wanted.
 struct StopCheck {};
-class FindingSink {
+class Findings {
+ public:
+  virtual void Tell(Finding const& finding, std::string const& text) = 0;
+
+ protected:
+  ~Findings() = default;
+};
+
+// Passes findings on to the host.
+class FindingSink final : public Findings {
  public:
   FindingSink(lscoredb_finding_callback report, void* user) : report_(report), user_(user) {}
-  void Tell(Finding const& finding, std::string const& text);
+  void Tell(Finding const& finding, std::string const& text) override;
+  // The first finding is the last.
+  bool one_is_enough() const { return report_ == nullptr; }
   bool any() const { return any_; }
+  // Throws what the callback threw, if it did: it ended the check.
+  void PassOnFailure() const {
+    if (failure_ != nullptr) std::rethrow_exception(failure_);
+  }
 
  private:
+  bool Report(lscoredb_finding const& finding) noexcept;
+
   lscoredb_finding_callback report_;
   void* user_;
   bool any_ = false;
+  std::exception_ptr failure_;
 };
 
 // Tells what a fault of the store makes unreadable.
@@ -55,8 +76,7 @@ void TellFault(FindingSink& sink, StoreFault const& fault);
 // All layouts and indexes of the state that could be read, and the rules about their records.
 class CheckedDefinitions {
  public:
-  CheckedDefinitions(Snapshot const& snapshot, FindingSink& sink)
-      : snapshot_(snapshot), sink_(sink) {}
+  CheckedDefinitions(Snapshot const& snapshot, Findings& sink) : snapshot_(snapshot), sink_(sink) {}
 
   void Load();
   // The records that find layouts and indexes, and those that may be forgotten.
@@ -90,7 +110,7 @@ class CheckedDefinitions {
   void ExpectRecord(DefinitionRecord const& record, Finding const& finding, char const* what);
 
   Snapshot const& snapshot_;
-  FindingSink& sink_;
+  Findings& sink_;
   // Broken ones are null.
   std::map<LayoutNumber, std::unique_ptr<Layout const>> layouts_;
   std::map<IndexId, std::unique_ptr<IndexDefinition const>> indexes_;
@@ -119,9 +139,18 @@ class ObjectReader {
   std::string assembled_;
 };
 
+// How many entries of each index were found as their objects give them.
+using MatchedEntries = std::unordered_map<IndexId, std::uint64_t>;
+
+// Both included.
+struct ObjectRange {
+  ObjectId first{};
+  ObjectId last{};
+};
+
 class ObjectCheck {
  public:
-  ObjectCheck(Snapshot const& snapshot, CheckedDefinitions const& definitions, FindingSink& sink,
+  ObjectCheck(Snapshot const& snapshot, CheckedDefinitions const& definitions, Findings& sink,
               bool entries)
       : snapshot_(snapshot),
         definitions_(definitions),
@@ -129,20 +158,28 @@ class ObjectCheck {
         entries_(entries),
         reader_(snapshot, definitions) {}
 
-  void Run();
+  void Run(ObjectRange const& range);
+  // Takes over what another one has counted.
+  void Add(ObjectCheck const& other);
+  // What can be said once all objects are counted.
+  void Finish();
+  MatchedEntries const& matched() const { return matched_; }
 
  private:
+  struct Covering {
+    IndexDefinition const* index;
+    std::uint64_t* matched;
+  };
   // What is known of a set specifier.
   struct Set {
-    std::vector<IndexDefinition const*> covering;
+    std::vector<Covering> covering;
     CommitId changed{};  // as it is noted
-    bool told = false;
   };
 
   void CheckObject(ObjectId id, std::string_view stored);
   void TellProblem(ObjectId id, std::string_view stored, ObjectReader::Problem problem);
   void CheckEntries(RowRef const& row, Set const& set);
-  void CheckSetChange(RowRef const& row, Set& set);
+  void CheckSetChange(RowRef const& row, Set const& set);
   Set& SetOf(std::u16string const& setspec);
   void CheckParts();
   // Whether the object has such a part; if not, that is told.
@@ -152,11 +189,13 @@ class ObjectCheck {
 
   Snapshot const& snapshot_;
   CheckedDefinitions const& definitions_;
-  FindingSink& sink_;
+  Findings& sink_;
   bool entries_;
   ObjectReader reader_;
   std::unordered_map<LayoutNumber, std::uint64_t> counts_;
   std::unordered_map<std::u16string, Set> sets_;
+  std::map<std::u16string, ObjectId> unnoted_;  // sets and the first object that shows it
+  MatchedEntries matched_;
   KeyEncoder encoder_;
   KeyBytes key_;
   std::u16string setspec_;
@@ -166,23 +205,32 @@ class ObjectCheck {
 
 class EntryCheck {
  public:
-  EntryCheck(Snapshot const& snapshot, CheckedDefinitions const& definitions, FindingSink& sink)
+  EntryCheck(Snapshot const& snapshot, CheckedDefinitions const& definitions, Findings& sink,
+             MatchedEntries const& matched)
       : snapshot_(snapshot),
         definitions_(definitions),
         sink_(sink),
+        matched_(matched),
         reader_(snapshot, definitions) {}
 
   void Run();
 
  private:
   void EnterIndex(std::string_view key);
+  // Whether the index holds the entries that were matched and no others, and no key twice that may
+  // be there once.
+  bool HoldsWhatWasMatched();
+  bool IsDuplicate(std::string_view key, std::string_view value);
+  bool IsFirstWithKey(Entry const& entry);
+  bool HasNull(ObjectId object);
   void CheckEntry(std::string_view key, std::string_view value);
   void CompareWithObject(Entry const& entry, std::string_view key, std::string_view value);
   void CheckUnique(Entry const& entry);
 
   Snapshot const& snapshot_;
   CheckedDefinitions const& definitions_;
-  FindingSink& sink_;
+  Findings& sink_;
+  MatchedEntries const& matched_;
   ObjectReader reader_;
   std::string prefix_;                      // of the index that the walk is in
   IndexDefinition const* index_ = nullptr;  // null: there is none of that id
@@ -192,6 +240,13 @@ class EntryCheck {
   std::string last_;                  // the key before, as far as the store orders by it
   std::set<std::string_view> tails_;  // of the keys that agree in what the store orders by
 };
+
+// ---- threads (check_threads.cpp) ---------------------------------------------------------------
+
+// Checks all objects of the snapshot, and gives what was counted to `check`.
+void CheckObjectsInThreads(Store& store, Snapshot const& snapshot,
+                           CheckedDefinitions const& definitions, FindingSink& sink, bool entries,
+                           ObjectCheck& check);
 
 // Runs everything on the newest state of a store. Throws StopCheck.
 void CheckStoreState(Store& store, std::uint32_t flags, FindingSink& sink);

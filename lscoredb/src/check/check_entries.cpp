@@ -4,13 +4,73 @@
 
 namespace lscore {
 
+namespace {
+
+// The least key above all that begin so. REQUIRES: there is one.
+std::string Above(std::string prefix) {
+  while (prefix.back() == '\xFF') prefix.pop_back();
+  ++prefix.back();
+  return prefix;
+}
+
+}  // namespace
+
+// An index that holds nothing but what was matched is walked in the order in which it lies, and
+// passed over.
 void EntryCheck::Run() {
   Cursor cursor;
   cursor.Open(snapshot_, Tree::kIndex);
-  for (bool on = cursor.First(); on; on = cursor.Next()) {
-    if (prefix_.empty() || !cursor.key().starts_with(prefix_)) EnterIndex(cursor.key());
+  for (bool on = cursor.First(); on;) {
+    bool const enters = prefix_.empty() || !cursor.key().starts_with(prefix_);
+    if (enters) EnterIndex(cursor.key());
+    if (enters && index_ != nullptr && HoldsWhatWasMatched()) {
+      on = cursor.Seek(Above(prefix_));
+      continue;
+    }
     if (index_ != nullptr) CheckEntry(cursor.key(), cursor.value());
+    on = cursor.Next();
   }
+}
+
+bool EntryCheck::HoldsWhatWasMatched() {
+  auto const matched = matched_.find(index_->id);
+  std::uint64_t left = matched == matched_.end() ? 0 : matched->second;
+  bool sound = true;
+  Cursor cursor;
+  cursor.Open(snapshot_, Tree::kIndex);
+  for (bool on = cursor.Seek(prefix_); sound && on && cursor.key().starts_with(prefix_);
+       on = cursor.Next()) {
+    sound = left-- > 0 && (!index_->unique() || !IsDuplicate(cursor.key(), cursor.value()));
+  }
+  last_.clear();
+  tails_.clear();
+  return sound && left == 0;
+}
+
+// REQUIRES: entries are given in order.
+bool EntryCheck::IsDuplicate(std::string_view key, std::string_view value) {
+  Entry entry;
+  Status const read = Guarded([&] {
+    ParseEntry(*index_, key, value, &entry);
+    return LORV_STATUS_OK;
+  });
+  if (read != LORV_STATUS_OK) return true;  // is looked at again
+  return !IsFirstWithKey(entry) && !HasNull(entry.object);
+}
+
+bool EntryCheck::IsFirstWithKey(Entry const& entry) {
+  if (last_ != entry.key.head) tails_.clear();
+  last_ = entry.key.head;
+  return tails_.insert(entry.key.tail).second;
+}
+
+bool EntryCheck::HasNull(ObjectId object) {
+  std::uint64_t const id = Raw(object);
+  std::string_view stored;
+  RowRef row;
+  if (!snapshot_.Get(Tree::kRows, BytesOf(id), &stored)) return false;
+  if (reader_.Read(object, stored, &row).what != nullptr) return false;
+  return encoder_.Encode(*index_, row, key_).has_null;
 }
 
 void EntryCheck::EnterIndex(std::string_view key) {
@@ -75,11 +135,7 @@ void EntryCheck::CompareWithObject(Entry const& entry, std::string_view key,
 // Equal keys follow one another, but for those that the store's keys hold only a part of: of these
 // the ones that agree in that part do.
 void EntryCheck::CheckUnique(Entry const& entry) {
-  bool const same = last_ == entry.key.head;
-  if (!same) tails_.clear();
-  last_ = entry.key.head;
-  bool const first = tails_.insert(entry.key.tail).second;
-  if (first) return;
+  if (IsFirstWithKey(entry)) return;
   Finding finding;
   finding.kind = LSCOREDB_FINDING_DUPLICATE_KEY;
   finding.index = index_->id;

@@ -1,3 +1,5 @@
+#include <algorithm>
+
 #include "allocators.h"
 #include "bytes.h"
 #include "check.h"
@@ -69,11 +71,30 @@ ObjectReader::Problem ObjectReader::Assemble(ObjectId id, std::string_view* stor
 
 // ---- objects -----------------------------------------------------------------------------------
 
-void ObjectCheck::Run() {
+void ObjectCheck::Run(ObjectRange const& range) {
   Cursor cursor;
   cursor.Open(snapshot_, Tree::kRows);
-  for (bool on = cursor.First(); on; on = cursor.Next()) {
-    CheckObject(ObjectId{Load<std::uint64_t>(cursor.key().data())}, cursor.value());
+  std::uint64_t const first = Raw(range.first);
+  for (bool on = cursor.Seek(BytesOf(first)); on; on = cursor.Next()) {
+    ObjectId const id{Load<std::uint64_t>(cursor.key().data())};
+    if (id > range.last) return;
+    CheckObject(id, cursor.value());
+  }
+}
+
+void ObjectCheck::Add(ObjectCheck const& other) {
+  for (auto const& [layout, objects] : other.counts_) counts_[layout] += objects;
+  for (auto const& [index, entries] : other.matched_) matched_[index] += entries;
+  for (auto const& [setspec, object] : other.unnoted_) {
+    auto const [at, first] = unnoted_.emplace(setspec, object);
+    if (!first) at->second = std::min(at->second, object);
+  }
+}
+
+void ObjectCheck::Finish() {
+  for (auto const& [setspec, object] : unnoted_) {
+    sink_.Tell(Of(LSCOREDB_FINDING_SET_CHANGE, object),
+               "The object's last change is not noted for its set.");
   }
   CheckParts();
   definitions_.ForEachLayout([&](Layout const& layout) { CheckCount(layout.number()); });
@@ -105,7 +126,9 @@ ObjectCheck::Set& ObjectCheck::SetOf(std::u16string const& setspec) {
   auto const [at, first] = sets_.try_emplace(setspec);
   Set& set = at->second;
   if (!first) return set;
-  set.covering = definitions_.Covering(setspec);
+  for (IndexDefinition const* const index : definitions_.Covering(setspec)) {
+    set.covering.push_back({index, &matched_[index->id]});
+  }
   std::string const key = SetChangeKey(setspec);
   std::string_view record;
   if (snapshot_.Get(Tree::kMeta, key, &record) && HasValidChecksum(key, record)) {
@@ -118,20 +141,21 @@ ObjectCheck::Set& ObjectCheck::SetOf(std::u16string const& setspec) {
   return set;
 }
 
-void ObjectCheck::CheckSetChange(RowRef const& row, Set& set) {
+// REQUIRES: `setspec_` is the set's.
+void ObjectCheck::CheckSetChange(RowRef const& row, Set const& set) {
   bool const noted = set.changed >= RowImage(row.image).commit() && set.changed <= snapshot_.id();
-  if (noted || set.told) return;
-  set.told = true;
-  sink_.Tell(Of(LSCOREDB_FINDING_SET_CHANGE, row.id),
-             "The object's last change is not noted for its set.");
+  if (!noted) unnoted_.emplace(setspec_, row.id);
 }
 
 void ObjectCheck::CheckEntries(RowRef const& row, Set const& set) {
-  for (IndexDefinition const* const index : set.covering) {
+  for (auto const& [index, matched] : set.covering) {
     encoder_.Encode(*index, row, key_);
-    std::string_view ignored;
-    std::string const key = RecordOf(*index, key_, row.id, row.layout->number()).key;
-    if (snapshot_.Get(Tree::kIndex, key, &ignored)) continue;
+    std::string_view stored;
+    EntryRecord const record = RecordOf(*index, key_, row.id, row.layout->number());
+    if (snapshot_.Get(Tree::kIndex, record.key, &stored)) {
+      if (stored == record.value) ++*matched;
+      continue;
+    }
     Finding finding = Of(LSCOREDB_FINDING_MISSING_ENTRY, row.id);
     finding.index = index->id;
     finding.layout = row.layout->number();

@@ -1,0 +1,137 @@
+#include <algorithm>
+#include <atomic>
+#include <deque>
+#include <mutex>
+#include <system_error>
+#include <thread>
+
+#include "bytes.h"
+#include "check.h"
+
+namespace lscore {
+namespace {
+
+constexpr unsigned kMostThreads = 8;
+constexpr std::uint64_t kIdsPerRange = 4096;  // at least
+constexpr std::uint64_t kRangesPerThread = 16;
+
+// What was found in one range, told later by the thread that the host called in.
+class KeptFindings final : public Findings {
+ public:
+  explicit KeptFindings(bool one_is_enough) : one_is_enough_(one_is_enough) {}
+
+  void Tell(Finding const& finding, std::string const& text) override {
+    kept_.emplace_back(finding, text);
+    if (one_is_enough_) throw StopCheck();
+  }
+  void PassOn(Findings& to) {
+    for (auto const& [finding, text] : kept_) to.Tell(finding, text);
+    kept_ = {};
+  }
+
+ private:
+  bool const one_is_enough_;
+  std::vector<std::pair<Finding, std::string>> kept_;
+};
+
+// All objects, cut into ranges of identities.
+std::vector<ObjectRange> Ranges(Snapshot const& snapshot, std::uint64_t most) {
+  Cursor cursor;
+  cursor.Open(snapshot, Tree::kRows);
+  if (!cursor.First()) return {};
+  auto const first = Load<std::uint64_t>(cursor.key().data());
+  cursor.Last();
+  auto const last = Load<std::uint64_t>(cursor.key().data());
+  std::uint64_t const ids = last - first;
+  std::uint64_t const step = std::max(kIdsPerRange, ids / most + 1);
+  std::vector<ObjectRange> ranges;
+  for (std::uint64_t at = first;; at += step) {
+    bool const ends = last - at < step;
+    ranges.push_back({ObjectId{at}, ObjectId{ends ? last : at + step - 1}});
+    if (ends) return ranges;
+  }
+}
+
+class Workers {
+ public:
+  Workers(Store& store, Snapshot const& snapshot, CheckedDefinitions const& definitions,
+          FindingSink& sink, bool entries, ObjectCheck& check)
+      : store_(store),
+        snapshot_(snapshot),
+        definitions_(definitions),
+        sink_(sink),
+        entries_(entries),
+        check_(check) {}
+
+  void Run() {
+    unsigned const threads = std::clamp(std::thread::hardware_concurrency(), 1u, kMostThreads);
+    ranges_ = Ranges(snapshot_, threads * kRangesPerThread);
+    for (std::size_t i = 0; i < ranges_.size(); ++i) found_.emplace_back(sink_.one_is_enough());
+    std::size_t const helpers = std::min<std::size_t>(threads, ranges_.size());
+    std::vector<std::thread> running;
+    running.reserve(helpers);
+    try {
+      for (std::size_t i = 1; i < helpers; ++i) running.emplace_back([this] { Help(); });
+    } catch (std::system_error const&) {
+      // Fewer do it as well.
+    }
+    WorkOn(snapshot_);
+    for (std::thread& thread : running) thread.join();
+    if (failure_ != nullptr) std::rethrow_exception(failure_);
+    for (KeptFindings& found : found_) found.PassOn(sink_);
+  }
+
+ private:
+  // A snapshot is read by one thread. One of another state would be of no use: then those who have
+  // begun do the work.
+  void Help() noexcept {
+    std::unique_ptr<Snapshot> own;
+    try {
+      own = store_.Begin();
+    } catch (...) {
+      return;
+    }
+    if (own->id() == snapshot_.id()) WorkOn(*own);
+    store_.End(std::move(own));
+  }
+
+  void WorkOn(Snapshot const& snapshot) noexcept {
+    try {
+      for (std::size_t i = next_++; i < ranges_.size() && !ended_; i = next_++) {
+        ObjectCheck own(snapshot, definitions_, found_[i], entries_);
+        own.Run(ranges_[i]);
+        std::lock_guard const lock(mutex_);
+        check_.Add(own);
+      }
+    } catch (StopCheck const&) {
+      ended_ = true;
+    } catch (...) {
+      ended_ = true;
+      std::lock_guard const lock(mutex_);
+      failure_ = std::current_exception();
+    }
+  }
+
+  Store& store_;
+  Snapshot const& snapshot_;
+  CheckedDefinitions const& definitions_;
+  FindingSink& sink_;
+  bool const entries_;
+  std::vector<ObjectRange> ranges_;
+  std::deque<KeptFindings> found_;  // by range
+  std::atomic<std::size_t> next_{0};
+  std::atomic<bool> ended_{false};
+  std::mutex mutex_;
+  ObjectCheck& check_;
+  std::exception_ptr failure_;
+};
+
+}  // namespace
+
+void CheckObjectsInThreads(Store& store, Snapshot const& snapshot,
+                           CheckedDefinitions const& definitions, FindingSink& sink, bool entries,
+                           ObjectCheck& check) {
+  Workers(store, snapshot, definitions, sink, entries, check).Run();
+}
+
+}  // namespace lscore
