@@ -4,7 +4,9 @@
 #include <gtest/gtest.h>
 #include <lscoredb/host.h>
 
+#include <fstream>
 #include <functional>
+#include <string>
 #include <vector>
 
 #include "memory.h"
@@ -129,6 +131,33 @@ TEST_F(LongTransactionTest, TextsInScopes_TakeNoMemoryForLong) {
   }
   EXPECT_EQ(0U, lscoredb_rollback(context_));
   EXPECT_LT(BytesInUse(), before + kMegabyte);
+}
+
+// Private memory of the process in the machine, whoever took it.
+std::size_t ResidentBytes() {
+  std::ifstream file("/proc/self/status");
+  std::string word;
+  while (file >> word && word != "RssAnon:") {
+  }
+  std::size_t kilobytes = 0;
+  file >> kilobytes;
+  return kilobytes * 1024;
+}
+
+// Also what the heap would keep for later.
+TEST_F(LongTransactionTest, MemoryOfALargeTransaction_GoesBackToTheSystemWhenItEnds) {
+  if (!kLimitsWork) return;
+  ASSERT_NO_FATAL_FAILURE(Fill(150000));
+  for (bool const commits : {true, false, true}) {
+    std::size_t const before = ResidentBytes();
+    ASSERT_EQ(0U, lscoredb_begin(context_, LSCOREDB_READ_WRITE));
+    for (std::uint64_t const row : rows_) {
+      ASSERT_EQ(0U, lorv_context_put_string(context_, row, 0, kFirstColumn, u"another text"));
+    }
+    EXPECT_GT(ResidentBytes(), before + 40 * kMegabyte) << "the transaction is not large";
+    ASSERT_EQ(0U, commits ? lscoredb_commit(context_) : lscoredb_rollback(context_));
+    EXPECT_LT(ResidentBytes(), before + 24 * kMegabyte);
+  }
 }
 
 // Rows that the store keeps in parts are put together in memory, which goes with the scope too.

@@ -1,6 +1,9 @@
 #include "arena.h"
 
+#include <sys/mman.h>
+
 #include <algorithm>
+#include <new>
 
 namespace lscore {
 
@@ -17,15 +20,43 @@ void Arena::AddChunk(std::size_t at_least) {
   std::size_t const next =
       chunks_.empty() ? kFirstChunk : std::min(chunks_.back().size * 2, kLargestChunk);
   std::size_t const size = std::max(next, at_least);
+  bool const mapped = from_heap_ + size > kMostFromHeap;
   chunks_.reserve(chunks_.size() + 1);
-  chunks_.push_back({std::unique_ptr<char[]>(new char[size]), size});
+  chunks_.push_back(mapped ? FromSystem(at_least) : FromHeap(size));
+  if (!mapped) from_heap_ += size;
   used_ = 0;
 }
 
+Arena::Chunk Arena::FromHeap(std::size_t size) {
+  return {std::unique_ptr<char[], Free>(new char[size], Free{0}), size};
+}
+
+Arena::Chunk Arena::FromSystem(std::size_t at_least) {
+  std::size_t const size = (at_least + kMappedChunk - 1) / kMappedChunk * kMappedChunk;
+  void* const mapped =
+      mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (mapped == MAP_FAILED) throw std::bad_alloc();
+  return {std::unique_ptr<char[], Free>(static_cast<char*>(mapped), Free{size}), size};
+}
+
+void Arena::Free::operator()(char* bytes) const noexcept {
+  if (mapped == 0) {
+    delete[] bytes;
+  } else {
+    munmap(bytes, mapped);
+  }
+}
+
+void Arena::DropChunk() {
+  Chunk const& last = chunks_.back();
+  if (last.bytes.get_deleter().mapped == 0) from_heap_ -= last.size;
+  chunks_.pop_back();
+}
+
 void Arena::ReleaseTo(Mark mark) {
-  while (chunks_.size() > mark.chunk + 1) chunks_.pop_back();
+  while (chunks_.size() > mark.chunk + 1) DropChunk();
   used_ = chunks_.empty() ? 0 : mark.used;
-  if (used_ == 0 && chunks_.size() == 1 && chunks_[0].size > kFirstChunk) chunks_.clear();
+  if (used_ == 0 && chunks_.size() == 1 && chunks_[0].size > kFirstChunk) DropChunk();
 }
 
 }  // namespace lscore

@@ -2,7 +2,8 @@
 #define LSCOREDB_SRC_ARENA_H
 
 // Memory that is given back all at once, or down to a mark. It keeps its first chunk, so that small
-// transactions take nothing from the heap. One thread at a time.
+// transactions take nothing from the heap. What goes beyond a few megabytes comes from the system
+// itself and goes back to it: a heap would keep it. One thread at a time.
 
 #include <cstddef>
 #include <memory>
@@ -30,12 +31,22 @@ class Arena : public std::pmr::memory_resource {
   static constexpr std::size_t kLargestChunk = 1024 * 1024;
   static constexpr std::size_t kAlignment = 16;
 
+  static constexpr std::size_t kMostFromHeap = std::size_t{8} << 20;
+  static constexpr std::size_t kMappedChunk = std::size_t{4} << 20;
+
+  struct Free {
+    std::size_t mapped;  // bytes from the system; 0: from the heap
+    void operator()(char* bytes) const noexcept;
+  };
   struct Chunk {
-    std::unique_ptr<char[]> bytes;
+    std::unique_ptr<char[], Free> bytes;
     std::size_t size;
   };
 
   void AddChunk(std::size_t at_least);
+  void DropChunk();
+  static Chunk FromHeap(std::size_t size);
+  static Chunk FromSystem(std::size_t at_least);
 
   void* do_allocate(std::size_t bytes, std::size_t) override { return Allocate(bytes); }
   void do_deallocate(void*, std::size_t, std::size_t) override {}
@@ -45,6 +56,7 @@ class Arena : public std::pmr::memory_resource {
 
   std::vector<Chunk> chunks_;
   std::size_t used_ = 0;  // of the last chunk
+  std::size_t from_heap_ = 0;
 };
 
 }  // namespace lscore
