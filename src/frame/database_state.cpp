@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <mutex>
+#include <new>
 #include <sagleme/metalayer/context.hpp>
 
 #include "frame/context_state.h"
@@ -67,16 +68,27 @@ class KernelStates {
     bool open = false;
     void* const known = FindAttached(lscoredb_attached, context, &open);
     if (known != nullptr) return *static_cast<SharedState*>(known);
-    bool const exported = !exported_in_use.exchange(true);
-    auto state = std::make_unique<SharedState>(new DatabaseState(exported));
+    auto state = std::make_unique<SharedState>();
+    state->reset(MakeClaiming());
     return Attach(lscoredb_attach, context, std::move(state));
   }
 
  private:
+  // Claims what is exported, when nobody has. A state gives its claim back when it ends; one that
+  // could not be made has none.
+  static DatabaseState* MakeClaiming() {
+    bool const exported = !exported_in_use.exchange(true);
+    if (auto* const made = new (std::nothrow) DatabaseState(exported)) return made;
+    if (exported) exported_in_use = false;
+    throw std::bad_alloc();
+  }
+
   static SharedState const& Made(std::atomic<SharedState const*>& place, bool exported) {
     if (SharedState const* const made = place) return *made;
     std::lock_guard const lock(making);
-    if (place == nullptr) place = new SharedState(new DatabaseState(exported));
+    // It has no claim to give back, also when memory runs out here.
+    auto const keep = [](DatabaseState*) {};
+    if (place == nullptr) place = new SharedState(new DatabaseState(exported), keep);
     return *place;
   }
 };
