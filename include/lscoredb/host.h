@@ -347,8 +347,8 @@ typedef struct lscoredb_finding {
   char const* text; /* an English sentence; valid during the call */
 } lscoredb_finding;
 
-/* Is told of one finding. Anything but 0 ends the check. An exception ends it too and passes through
- * lscoredb_check to the caller as it is. */
+/* Is told of one finding. Anything but 0 ends the check. An exception ends it too, and comes out of
+ * lscoredb_check as it is. */
 typedef uint32_t (*lscoredb_finding_callback)(void* user, lscoredb_finding const* finding);
 
 #define LSCOREDB_CHECK_PAGES_ONLY 1u /* whether the file can be read at all */
@@ -357,11 +357,12 @@ typedef uint32_t (*lscoredb_finding_callback)(void* user, lscoredb_finding const
 /* Reads the whole newest committed state and looks whether the rules above hold. It first reads the
  * file page by page without trusting any, so that a damaged one is told and does no harm. Contexts
  * of this and other processes may read and write meanwhile; like any reader that stays, it makes
- * the file grow while they write. Objects are read in up to eight threads; `report` is called in the
- * caller's. Memory: one bit for each page of the file, the definitions, what is found wrong with
- * objects, for each thread a note for each set specifier and the largest object, and for a unique
- * index 64 bytes for each of the keys that share their first 480 bytes. `report` may be NULL: then
- * the first finding ends the check. LSCOREDB_DAMAGED: something was found. LSCOREDB_INVALID_ARGUMENT: unknown flags. */
+ * the file grow while they write. Objects are read in up to eight threads; `report` is called in
+ * the caller's. Memory: one bit for each page of the file, the definitions, what is found wrong
+ * with objects, for each thread a note for each set specifier and the largest object, and for a
+ * unique index 64 bytes for each of the keys that share their first 480 bytes. `report` may be
+ * NULL: then the first finding ends the check. LSCOREDB_DAMAGED: something was found.
+ * LSCOREDB_INVALID_ARGUMENT: unknown flags. */
 LSCOREDB_API uint32_t lscoredb_check(lscoredb* database, uint32_t flags,
                                      lscoredb_finding_callback report, void* user);
 

@@ -1,5 +1,5 @@
-// A host with a leak checker that ends, or looks, while its database is open and rows are in memory:
-// nothing is reported, and what leaks is.
+// A host's leak checker that looks while its database is open and rows are in memory: nothing of
+// ours is reported, and what leaks is.
 
 #include <lscoredb/host.h>
 #include <sanitizer/lsan_interface.h>
