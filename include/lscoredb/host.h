@@ -100,6 +100,14 @@ typedef struct lscoredb lscoredb;
 #define LSCOREDB_DURABLE 0u /* every commit is synced before it returns */
 #define LSCOREDB_NO_SYNC 1u /* survives the death of the process, not of the machine */
 
+/* Whether commits go to a log first: one write and one sync each, and to the data file later, many
+ * at once. A directory that has a log keeps it whatever is asked for. One without gets a log when
+ * LSCOREDB_LOG asks for it and no other process has it open; programs that know no logs refuse it
+ * then with LSCOREDB_NEWER_FORMAT. The default is without. In memory there is none. */
+#define LSCOREDB_DEFAULT_LOG 0u
+#define LSCOREDB_LOG 1u
+#define LSCOREDB_NO_LOG 2u
+
 #define LSCOREDB_NO_ROW_MEMORY UINT64_MAX
 
 /* Set `size` to sizeof(lscoredb_options) and the rest to 0 for the defaults. Fields beyond `size`
@@ -113,7 +121,7 @@ typedef struct lscoredb_options {
    * not hold together; the time of reading the file once. 0: only where the file begins and where
    * each of its trees begins. */
   uint32_t verify;
-  uint32_t reserved; /* 0 */
+  uint32_t log; /* LSCOREDB_DEFAULT_LOG, LSCOREDB_LOG or LSCOREDB_NO_LOG */
   /* Bytes in which all contexts of the process share rows that were read, so that the next one that
    * reads them does not go to the file; 0: 256 MiB, LSCOREDB_NO_ROW_MEMORY: none. It is taken as
    * rows come in. While old transactions last it may be a quarter more, and finding the rows takes
@@ -121,6 +129,10 @@ typedef struct lscoredb_options {
    * process share one budget, the largest that an open one was given; half of an equal share of it
    * is free to each whatever the others took. */
   uint64_t row_memory;
+  /* Bytes of the log that bring about a checkpoint, which writes what the log holds into the data
+   * file. 0: 16 MiB; from 64 KiB to 1 GiB. What the log holds is kept in memory, at most twice. A
+   * commit that is larger goes to the data file at once. */
+  uint64_t log_limit;
 } lscoredb_options;
 
 /* Opens, or creates, the database in `directory`, which is made when it is missing; NULL opens a
@@ -288,6 +300,9 @@ typedef struct lscoredb_statistics {
                              newer states freed is used again once it moves on */
   uint32_t transactions;  /* open ones, over all processes */
   uint32_t max_readers;   /* how many there may be */
+  uint64_t log_size;      /* bytes of the log that the data file does not hold yet; 0: no log */
+  uint64_t log_memory;    /* bytes of this process that hold what is in the log, and what was when
+                             transactions began that are still open */
 } lscoredb_statistics;
 
 /* Figures of the whole database. Fields beyond `out->size` are not written.

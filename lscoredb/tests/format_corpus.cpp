@@ -3,7 +3,9 @@
 namespace lscoredb_test::corpus {
 
 void Write(std::string const& directory, std::uint32_t version) {
-  Database database(directory);
+  lscoredb_options options = NoSync();
+  options.log = version >= 4 ? LSCOREDB_LOG : LSCOREDB_NO_LOG;
+  Database database(directory, options);
   Session session(database);
   session.Begin();
   LayoutId const layout = session.CreateLayout(kTable, TableColumns());

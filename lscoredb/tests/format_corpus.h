@@ -8,7 +8,7 @@
 
 namespace lscoredb_test::corpus {
 
-inline constexpr std::uint32_t kNewestVersion = 3;
+inline constexpr std::uint32_t kNewestVersion = 4;  // which has a log
 
 inline constexpr std::uint64_t kTable = 50;
 inline constexpr std::uint64_t kByNumber = 60;

@@ -19,7 +19,7 @@ class FormatsTest : public testing::TestWithParam<std::uint32_t> {
 
   std::string Version() const {
     StoredTree meta(directory_.path(), "meta");
-    return meta.Get("format").substr(std::string("lscoredb").size());
+    return meta.Get("format").substr(std::string("lscoredb").size(), 4);
   }
 
   TemporaryDirectory directory_;

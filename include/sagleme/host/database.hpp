@@ -15,11 +15,13 @@
 namespace sagleme {
 
 struct Options {
-  bool no_sync = false;             // commits survive the process, not the machine
-  std::uint64_t max_file_size = 0;  // bytes; 0: the kernel's own
-  std::uint64_t row_memory = 0;     // bytes for rows that were read; likewise
-  std::uint32_t max_readers = 0;    // transactions at once over all processes; likewise
-  bool verify = false;              // reads every page in use before anything is trusted
+  bool no_sync = false;                      // commits survive the process, not the machine
+  std::uint64_t max_file_size = 0;           // bytes; 0: the kernel's own
+  std::uint64_t row_memory = 0;              // bytes for rows that were read; likewise
+  std::uint32_t max_readers = 0;             // transactions at once over all processes; likewise
+  bool verify = false;                       // reads every page in use before anything is trusted
+  std::uint32_t log = LSCOREDB_DEFAULT_LOG;  // LSCOREDB_LOG, LSCOREDB_NO_LOG
+  std::uint64_t log_limit = 0;               // bytes that bring a checkpoint about
 };
 
 // Told after each step of the bootstrap; steps count from 1.
@@ -198,6 +200,8 @@ inline Database Database::OpenKernel(char const* directory, Options const& optio
   kernel_options.max_readers = options.max_readers;
   kernel_options.max_file_size = options.max_file_size;
   kernel_options.row_memory = options.row_memory;
+  kernel_options.log = options.log;
+  kernel_options.log_limit = options.log_limit;
   lscoredb* handle = nullptr;
   detail::CheckKernel(lscoredb_open(directory, &kernel_options, &handle));
   return Database(handle);

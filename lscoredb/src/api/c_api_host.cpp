@@ -12,6 +12,13 @@ namespace {
 constexpr std::uint64_t kSmallestFile = 64 * 1024;
 constexpr std::uint32_t kMostReaders = 65536;  // each takes a line of the lock file
 constexpr std::uint64_t kMostRowMemory = std::uint64_t{1} << 40;
+constexpr std::uint64_t kLeastLog = 64 * 1024;
+constexpr std::uint64_t kMostLog = std::uint64_t{1} << 30;
+#ifdef LSCOREDB_LOG_BY_DEFAULT
+constexpr std::uint32_t kDefaultLog = LSCOREDB_LOG;
+#else
+constexpr std::uint32_t kDefaultLog = LSCOREDB_NO_LOG;
+#endif
 
 // Fields that the caller's record is too short for count as 0.
 lscoredb_options OptionsOf(lscoredb_options const* given) {
@@ -20,6 +27,16 @@ lscoredb_options OptionsOf(lscoredb_options const* given) {
   if (given->size < sizeof given->size) Throw(LSCOREDB_INVALID_ARGUMENT);
   std::memcpy(&options, given, std::min(given->size, sizeof options));
   return options;
+}
+
+void TakeLogOptions(lscoredb_options const& options, StoreOptions& store) {
+  if (options.log > LSCOREDB_NO_LOG) Throw(LSCOREDB_INVALID_ARGUMENT);
+  store.log = (options.log == LSCOREDB_DEFAULT_LOG ? kDefaultLog : options.log) == LSCOREDB_LOG;
+  if (options.log_limit == 0) return;
+  if (options.log_limit < kLeastLog || options.log_limit > kMostLog) {
+    Throw(LSCOREDB_INVALID_ARGUMENT);
+  }
+  store.log_limit = options.log_limit;
 }
 
 StoreOptions StoreOptionsOf(lscoredb_options const& options) {
@@ -37,6 +54,7 @@ StoreOptions StoreOptionsOf(lscoredb_options const& options) {
   } else if (options.row_memory != 0) {
     store.row_memory = std::min(options.row_memory, kMostRowMemory);
   }
+  TakeLogOptions(options, store);
   return store;
 }
 
@@ -262,7 +280,9 @@ uint32_t lscoredb_stats(lscoredb* database, lscoredb_statistics* out) {
                                   Raw(found.last_commit),
                                   Raw(found.oldest_commit),
                                   found.readers,
-                                  found.max_readers};
+                                  found.max_readers,
+                                  found.log_size,
+                                  found.log_memory};
     std::memcpy(out, &all, std::min(out->size, sizeof all));
     return LORV_STATUS_OK;
   });

@@ -48,6 +48,11 @@ __attribute__((target("sse4.2"))) std::uint32_t Crc32cHardware(std::string_view 
                                                                std::string_view second) {
   return ~Advance(Advance(~std::uint32_t{0}, first), second);
 }
+
+__attribute__((target("sse4.2"))) std::uint32_t ExtendHardware(std::uint32_t before,
+                                                               std::string_view bytes) {
+  return ~Advance(~before, bytes);
+}
 #endif
 
 }  // namespace
@@ -64,6 +69,13 @@ std::uint32_t Crc32c(std::string_view first, std::string_view second) {
   if (__builtin_cpu_supports("sse4.2")) return Crc32cHardware(first, second);
 #endif
   return Crc32cPortable(second, Crc32cPortable(first));
+}
+
+std::uint32_t Crc32cExtend(std::uint32_t before, std::string_view bytes) {
+#if defined(__x86_64__)
+  if (__builtin_cpu_supports("sse4.2")) return ExtendHardware(before, bytes);
+#endif
+  return Crc32cPortable(bytes, before);
 }
 
 }  // namespace lscore

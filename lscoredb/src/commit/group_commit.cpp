@@ -15,6 +15,7 @@ Status GroupCommit::Run(CommitRequest& request) {
   auto const begin = std::chrono::steady_clock::now();
   Lead(batch);
   queue_.Finish(batch, std::chrono::steady_clock::now() - begin);
+  store_.Upkeep();
   return request.status;
 }
 

@@ -76,7 +76,8 @@ inline constexpr std::string_view kMagic = "lscoredb";
 inline constexpr std::uint32_t kFirstVersion = 1;
 inline constexpr std::uint32_t kWideIndexVersion = 2;  // indexes of more than kSortMaskBits columns
 inline constexpr std::uint32_t kClosedSetVersion = 3;  // sets that take no more objects
-inline constexpr std::uint32_t kNewestVersion = kClosedSetVersion;
+inline constexpr std::uint32_t kLogVersion = 4;        // a log beside the file, log_format.h
+inline constexpr std::uint32_t kNewestVersion = kLogVersion;
 
 // The value of the format record.
 inline std::string FormatRecord(std::uint32_t version) {

@@ -66,6 +66,11 @@ class EntryPage {
     return Read(forward ? at_ + ahead : at_ - ahead, entry);
   }
 
+  // The first and the last entry of the page. Returns false when one of them is not plain.
+  bool Ends(KeyValue* first, KeyValue* last) const {
+    return inside() && Read(0, first) && Read(count_ - 1, last);
+  }
+
  private:
   static constexpr std::size_t kAhead = 6;
 

@@ -55,6 +55,9 @@ struct StoreOptions {
   std::uint64_t max_file_size = std::uint64_t{64} << 30;
   bool verify = false;  // all of it, before any is trusted
   std::uint64_t row_memory = std::uint64_t{256} << 20;
+  bool log = false;  // the store gets one if it has none, and nobody else knows the directory
+  std::uint64_t log_limit = std::uint64_t{16} << 20;  // bytes of it that bring a checkpoint about
+
   // Opens the reservations of layout numbers too, before anything else of the store.
   bool reserve_layouts = false;
 };
@@ -66,6 +69,8 @@ struct StoreStatistics {
   CommitId oldest_commit{0};  // that anybody reads
   std::uint32_t readers = 0;
   std::uint32_t max_readers = 0;
+  std::uint64_t log_size = 0;    // of commits that were appended, and not brought to their places
+  std::uint64_t log_memory = 0;  // of this process, for these and for what snapshots keep of them
 };
 
 // A part of the store that cannot be read. Keys of the tree from `low` on and below `high` are lost
@@ -241,6 +246,9 @@ class Store {
   // Frees the slots of readers whose processes died without a word, and with them the space that
   // they kept from being used again. Returns whether there were any.
   virtual bool FreeDeadReaders() = 0;
+
+  // Work that commits have put off. Called now and then by one who has committed and holds nothing.
+  virtual void Upkeep() noexcept {}
 
   // Reservations that all processes share which have the store open; without
   // StoreOptions::reserve_layouts, or of a store in memory, those of this object alone. They last

@@ -1,8 +1,11 @@
 #include "stores.h"
 
+#include <cstdlib>
+#include <filesystem>
 #include <fstream>
 
 #include "lmdb_store.h"
+#include "log_of_tests.h"
 #include "memory_store.h"
 
 namespace lscore {
@@ -19,6 +22,34 @@ void ScribbleOver(std::string const& directory) {
   file.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
 }
 
+// Directories that go at the end of the process.
+class Directories {
+ public:
+  ~Directories() {
+    for (std::string const& path : paths_) std::filesystem::remove_all(path);
+  }
+  std::string New() {
+    std::string path = testing::TempDir() + "/store-XXXXXX";
+    if (mkdtemp(path.data()) == nullptr) throw std::runtime_error("no directory for the test");
+    return paths_.emplace_back(path);
+  }
+
+ private:
+  std::vector<std::string> paths_;
+};
+
+std::string NewDirectory() {
+  static Directories directories;
+  return directories.New();
+}
+
+TestedStore LogWithLimit(char const* name, std::uint64_t limit) {
+  return {name, [limit](StoreOptions options) {
+            options.log_limit = limit;
+            return OpenLogStore(NewDirectory(), options);
+          }};
+}
+
 }  // namespace
 
 std::vector<TestedStore> const& NewStores() {
@@ -26,6 +57,11 @@ std::vector<TestedStore> const& NewStores() {
       {"lmdb", [](StoreOptions const& options) { return LmdbStore::Open(nullptr, options); }},
       {"memory",
        [](StoreOptions const& options) { return std::make_unique<MemoryStore>(options); }},
+      // One that never comes to its limit, one that does again and again, and one that is above it
+      // with many a commit.
+      LogWithLimit("log", StoreOptions().log_limit),
+      LogWithLimit("log_turning", 16 * 1024),
+      LogWithLimit("log_bypassed", 512),
   };
   return stores;
 }
@@ -37,6 +73,7 @@ std::vector<TestedFile> const& StoresInFiles() {
          return LmdbStore::Open(directory, options);
        },
        ScribbleOver},
+      {"log", OpenLogStore, ScribbleOver},
   };
   return stores;
 }
@@ -61,6 +98,7 @@ void Fill(Store& store, Tree tree, std::map<std::string, std::string> const& ent
   std::unique_ptr<Batch> const batch = store.BeginBatch();
   for (auto const& [key, value] : entries) batch->Put(tree, key, value);
   batch->Commit();
+  store.Upkeep();
 }
 
 }  // namespace lscore

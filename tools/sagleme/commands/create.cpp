@@ -16,9 +16,14 @@ class Create : public Command {
   std::vector<Example> examples() const override {
     return {{"create shop", "creates the directory shop with an empty database in it"}};
   }
-  void Declare(CLI::App&) override {}
+  void Declare(CLI::App& app) override {
+    app.add_flag("--log", log_, "Have commits go to a log first, which makes each of them faster");
+  }
   bool at_prompt() const override { return false; }
   Exit Run(Session& session, Output& output) override;
+
+ private:
+  bool log_ = false;
 };
 
 // On a terminal only; in a log the steps would be noise.
@@ -28,7 +33,8 @@ void ShowStep(Output const& output, int step) {
 
 // A creation that was cut off left only files of the kernel, and goes on.
 void RefuseForeignFiles(std::string const& directory) {
-  static std::set<std::string> const own{"data.mdb", "data.new", "lock.mdb", "layouts.lock"};
+  static std::set<std::string> const own{"data.mdb", "data.new", "lock.mdb", "layouts.lock",
+                                         "log-0",    "log-1",    "log.lock"};
   std::error_code ignored;
   for (auto const& entry : std::filesystem::directory_iterator(directory, ignored)) {
     std::string const name = entry.path().filename();
@@ -45,7 +51,10 @@ Exit Create::Run(Session& session, Output& output) {
   RefuseForeignFiles(directory);
   int steps = 0;
   try {
-    sagleme::Database::Create(directory, [&](int step) { ShowStep(output, steps = step); });
+    sagleme::Options options;
+    if (log_) options.log = LSCOREDB_LOG;
+    sagleme::Database::Create(
+        directory, [&](int step) { ShowStep(output, steps = step); }, options);
   } catch (sagleme::Error const& error) {
     bool const exists = sagleme::Database::ExistsIn(directory) && steps == 0;
     throw Failure(exists ? Exit::kRefused : Exit::kCannotOpen,

@@ -1,11 +1,32 @@
 #include "open_store.h"
 
+#include <unistd.h>
+
+#include <string>
+
 #include "lmdb_store.h"
+#include "log_store.h"
 
 namespace lscore {
+namespace {
+
+bool MayHaveLog(std::string const& directory, StoreOptions const& options) {
+  return options.log || access((directory + logformat::kBoardName).c_str(), F_OK) == 0;
+}
+
+}  // namespace
 
 std::unique_ptr<Store> OpenStore(char const* directory, StoreOptions const& options) {
-  return LmdbStore::Open(directory, options);
+  if (directory == nullptr) return LmdbStore::Open(nullptr, options);
+  StoreOptions image_options = options;
+  if (MayHaveLog(directory, options)) image_options.max_readers += LogStore::kOwnReaders;
+  std::unique_ptr<Store> image = LmdbStore::Open(directory, image_options);
+  if (auto store = LogStore::Open(image, directory, options)) return store;
+  // Reservations are alone where nobody else has the directory open, or opens it meanwhile.
+  bool const alone = options.reserve_layouts && image->layout_reservations()->alone();
+  if (!options.log || !alone) return image;
+  LogStore::Convert(*image);
+  return LogStore::Open(image, directory, options);
 }
 
 }  // namespace lscore

@@ -1,0 +1,61 @@
+#include "checkpoint.h"
+
+#include "format.h"
+
+namespace lscore {
+namespace {
+
+constexpr CommitId kAlways{0};
+
+std::string LastKey(Batch const& image, Tree tree) {
+  Cursor cursor;
+  cursor.Open(image, tree);
+  std::string last = cursor.Last() ? std::string(cursor.key()) : std::string();
+  cursor.Close();
+  return last;
+}
+
+// Keys behind the last one of the tree are appended, which packs them.
+class TreeWriter {
+ public:
+  TreeWriter(Batch& image, Tree tree) : image_(image), tree_(tree), last_(LastKey(image, tree)) {}
+
+  void Write(OrderedKey const& key, OverlayVersion const& version) {
+    if (version.deleted) {
+      image_.Delete(tree_, key.bytes);
+    } else if (last_.empty() || OrderedKey(tree_, last_) < key) {
+      image_.Append(tree_, key.bytes, version.value);
+    } else {
+      image_.Put(tree_, key.bytes, ValueFor(key, version.value));
+    }
+  }
+
+ private:
+  std::string_view ValueFor(OrderedKey const& key, std::string_view value) {
+    if (tree_ != Tree::kMeta || key.bytes != format::kFormatKey) return value;
+    format_ = logformat::ImageFormat(value);
+    return format_;
+  }
+
+  Batch& image_;
+  Tree tree_;
+  std::string last_;
+  std::string format_;
+};
+
+}  // namespace
+
+void WriteLayer(Batch& image, LogLayer const& layer, CommitId state) {
+  for (std::size_t i = 0; i < kTreeCount; ++i) {
+    auto const tree = static_cast<Tree>(i);
+    OverlayNode const* node = layer.changes.First(tree);
+    if (node == nullptr) continue;
+    TreeWriter writer(image, tree);
+    for (; node != nullptr; node = node->Next()) {
+      OverlayVersion const* const version = node->VersionAt(state);
+      if (version != nullptr && version->commit != kAlways) writer.Write(node->key(), *version);
+    }
+  }
+}
+
+}  // namespace lscore

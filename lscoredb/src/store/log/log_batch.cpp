@@ -1,0 +1,103 @@
+#include "log_batch.h"
+
+#include <chrono>
+
+#include "status.h"
+
+namespace lscore {
+namespace {
+
+std::uint64_t Microseconds() {
+  auto const now = std::chrono::system_clock::now().time_since_epoch();
+  return static_cast<std::uint64_t>(
+      std::chrono::duration_cast<std::chrono::microseconds>(now).count());
+}
+
+void CheckKey(Tree tree, std::string_view key) {
+  bool const fits = tree == Tree::kRows ? key.size() == sizeof(std::uint64_t)
+                                        : !key.empty() && key.size() <= kMaxKeySize;
+  if (!fits) Throw(LSCOREDB_TOO_LARGE);
+}
+
+}  // namespace
+
+LogBatch::LogBatch(LogStore& store)
+    : store_(store),
+      lock_(store.batch_mutex_),
+      layers_(store.PrepareBatch()),
+      view_(store, *store.image_),
+      record_(layers_->active->changes) {
+  CommitId const state = store.tail_.applied();
+  set_id(CommitId{Raw(state) + 1});
+  view_.Set(layers_, id(), nullptr);
+  layers_->active->changes.BeginChanges();
+}
+
+LogBatch::~LogBatch() { End(); }
+
+// Whatever was written and not published is taken out of the overlay.
+void LogBatch::End() noexcept {
+  if (over_) return;
+  over_ = true;
+  if (store_.tail_.applied() < id()) layers_->active->changes.RollBack(id());
+  view_.EndImage();
+  store_.board_.Release(LogBoard::Lock::kCommit);
+  lock_.unlock();
+}
+
+void LogBatch::Write(logformat::Change const& change) {
+  KeyValue const kept = record_.Add(change);
+  layers_->active->changes.Write({change.tree, kept.key}, kept.value, change.deleted, id());
+}
+
+void LogBatch::Put(Tree tree, std::string_view key, std::string_view value) {
+  CheckKey(tree, key);
+  Write({tree, key, value, false});
+}
+
+bool LogBatch::PutNew(Tree tree, std::string_view key, std::string_view value) {
+  std::string_view there;
+  CheckKey(tree, key);
+  if (Get(tree, key, &there)) return false;
+  Write({tree, key, value, false});
+  return true;
+}
+
+bool LogBatch::Delete(Tree tree, std::string_view key) {
+  std::string_view there;
+  CheckKey(tree, key);
+  if (!Get(tree, key, &there)) return false;
+  Write({tree, key, {}, true});
+  return true;
+}
+
+void LogBatch::Commit() {
+  try {
+    if (!record_.empty()) {
+      view_.EndImage();
+      if (store_.FitsLog(record_.size(), *layers_)) {
+        CommitToLog();
+      } else {
+        store_.CommitToImage(*this, *layers_);
+      }
+    }
+  } catch (...) {
+    End();
+    throw;
+  }
+  End();
+}
+
+void LogBatch::CommitToLog() {
+  LogPlace const place = store_.tail_.place();
+  logformat::Head head;
+  head.before = place.before;
+  head.generation = place.generation;
+  head.commit = id();
+  head.synced = store_.board_.Synced();
+  head.time = Microseconds();
+  std::span<iovec> const pieces = record_.Finish(head, store_.files_.identity());
+  store_.AppendRecord(*this, place, head, pieces);
+}
+
+}  // namespace lscore

@@ -1,0 +1,50 @@
+#ifndef LSCOREDB_SRC_LOG_BATCH_H
+#define LSCOREDB_SRC_LOG_BATCH_H
+
+// A batch of a store with a log. It writes into the active overlay, as the commit that is to be,
+// which no snapshot sees yet, and the same bytes are the record of the log.
+
+#include <mutex>
+
+#include "log_store.h"
+#include "log_view.h"
+#include "record_writer.h"
+
+namespace lscore {
+
+class LogBatch final : public Batch {
+ public:
+  // Waits for the locks.
+  explicit LogBatch(LogStore& store);
+  ~LogBatch() override;
+
+  bool Get(Tree tree, std::string_view key, std::string_view* value) const override {
+    return view_.Get(tree, key, value);
+  }
+  void OpenCursor(Tree tree, std::unique_ptr<TreeCursor>& cursor) const override {
+    view_.OpenCursor(tree, cursor, false);
+  }
+  void Put(Tree tree, std::string_view key, std::string_view value) override;
+  bool PutNew(Tree tree, std::string_view key, std::string_view value) override;
+  void Append(Tree tree, std::string_view key, std::string_view value) override {
+    Put(tree, key, value);
+  }
+  bool Delete(Tree tree, std::string_view key) override;
+  void Commit() override;
+
+ private:
+  void Write(logformat::Change const& change);
+  void CommitToLog();
+  void End() noexcept;
+
+  LogStore& store_;
+  std::unique_lock<std::mutex> lock_;
+  std::shared_ptr<LogLayers const> layers_;
+  LayeredView view_;
+  RecordWriter record_;
+  bool over_ = false;
+};
+
+}  // namespace lscore
+
+#endif

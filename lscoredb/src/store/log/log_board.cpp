@@ -1,0 +1,82 @@
+#include "log_board.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <array>
+
+#include "fork.h"
+#include "system_call.h"
+
+namespace lscore {
+namespace {
+
+constexpr mode_t kFileMode = 0640;
+
+}  // namespace
+
+LogBoard::~LogBoard() {
+  if (words_ != nullptr) munmap(words_, sizeof(Words));
+  if (file_ < 0) return;
+  ForgetFile(file_);
+  close(file_);
+}
+
+// Zeros are written where there are no words yet, and not only the length set, since a write into
+// the map must not meet a full disk.
+void LogBoard::Open(std::string const& path) {
+  file_ = Retry([&] { return open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, kFileMode); });
+  KeepFromChildren(file_);
+  Take(Lock::kDoor);
+  off_t const size = Retry([&] { return lseek(file_, 0, SEEK_END); });
+  if (size < static_cast<off_t>(sizeof(Words))) {
+    std::array<char, sizeof(Words)> const zeros{};
+    auto const written = Retry([&] { return pwrite(file_, zeros.data(), zeros.size(), 0); });
+    if (static_cast<std::size_t>(written) != zeros.size()) Throw(LSCOREDB_DISK_FULL);
+  }
+  void* const mapped = mmap(nullptr, sizeof(Words), PROT_READ | PROT_WRITE, MAP_SHARED, file_, 0);
+  if (mapped == MAP_FAILED) ThrowErrno();
+  words_ = static_cast<Words*>(mapped);
+}
+
+bool LogBoard::Set(Lock lock, int kind, bool wait) const {
+  struct flock region {};
+  region.l_type = static_cast<short>(kind);
+  region.l_whence = SEEK_SET;
+  region.l_start = static_cast<off_t>(lock);
+  region.l_len = 1;
+  while (fcntl(file_, wait ? F_OFD_SETLKW : F_OFD_SETLK, &region) != 0) {
+    if (!wait && (errno == EAGAIN || errno == EACCES)) return false;
+    if (errno != EINTR) ThrowErrno();
+  }
+  return true;
+}
+
+void LogBoard::Take(Lock lock) { Set(lock, F_WRLCK, true); }
+
+void LogBoard::Release(Lock lock) noexcept {
+  static_cast<void>(Guarded([&] {
+    Set(lock, F_UNLCK, true);
+    return LORV_STATUS_OK;
+  }));
+}
+
+bool LogBoard::TryBeAlone() { return Set(Lock::kPresence, F_WRLCK, false); }
+
+void LogBoard::Share() { Set(Lock::kPresence, F_RDLCK, true); }
+
+void LogBoard::RaiseSynced(CommitId commit) {
+  std::uint64_t now = words_->synced;
+  while (now < Raw(commit) && !words_->synced.compare_exchange_weak(now, Raw(commit))) {
+  }
+}
+
+void LogBoard::Reset() {
+  words_->published = 0;
+  words_->synced = 0;
+  words_->generation = 0;
+  words_->writing = 0;
+}
+
+}  // namespace lscore

@@ -1,0 +1,75 @@
+#ifndef LSCOREDB_SRC_LOG_BOARD_H
+#define LSCOREDB_SRC_LOG_BOARD_H
+
+// What the processes that have a log open tell one another: a few words of memory that they share,
+// and locks, both on the file "log.lock". The system lifts the locks of a process that dies. The
+// words mean nothing once nobody has the log open: whoever is alone sets them anew.
+//
+//   lock      held
+//   presence  shared by each process as long as it has the log open, exclusively by one that finds
+//             itself alone
+//   door      while a process opens or closes the log
+//   commit    while a process has a batch open
+//
+// Any thread; each lock is taken by one thread of the process at a time.
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+
+#include "ids.h"
+
+namespace lscore {
+
+class LogBoard {
+ public:
+  enum class Lock : std::int64_t { kPresence, kDoor, kCommit };
+
+  LogBoard() = default;
+  ~LogBoard();
+  LogBoard(LogBoard const&) = delete;
+  LogBoard& operator=(LogBoard const&) = delete;
+
+  void Open(std::string const& path);
+
+  // Waits for an exclusive lock.
+  void Take(Lock lock);
+  void Release(Lock lock) noexcept;
+  // Whether no other process is present; then none comes in until Share or the end.
+  bool TryBeAlone();
+  void Share();
+
+  // REQUIRES: alone.
+  void Reset();
+
+  // The last commit that readers may see.
+  CommitId Published() const { return CommitId{words_->published.load()}; }
+  void SetPublished(CommitId commit) { words_->published = Raw(commit); }
+  // The last commit that is known to be on the disk. It never falls.
+  CommitId Synced() const { return CommitId{words_->synced.load()}; }
+  void RaiseSynced(CommitId commit);
+  // The generation that commits go to.
+  std::uint64_t Generation() const { return words_->generation; }
+  void SetGeneration(std::uint64_t generation) { words_->generation = generation; }
+  // Whether the holder of the commit lock is writing. When the lock is free, it died over it.
+  bool Writing() const { return words_->writing != 0; }
+  void SetWriting(bool writing) { words_->writing = writing ? 1 : 0; }
+
+ private:
+  struct Words {
+    std::atomic<std::uint64_t> published;
+    std::atomic<std::uint64_t> synced;
+    std::atomic<std::uint64_t> generation;
+    std::atomic<std::uint64_t> writing;
+  };
+  static_assert(std::atomic<std::uint64_t>::is_always_lock_free, "processes share the words");
+
+  bool Set(Lock lock, int kind, bool wait) const;
+
+  int file_ = -1;
+  Words* words_ = nullptr;
+};
+
+}  // namespace lscore
+
+#endif

@@ -1,0 +1,213 @@
+#include "log_cursor.h"
+
+#include "page_builder.h"
+#include "status.h"
+
+namespace lscore {
+namespace {
+
+// A page costs what some dozen steps do, and a look-up takes few.
+constexpr int kStepsBeforePage = 8;
+
+}  // namespace
+
+LogCursor::LogCursor(Store const& store, LayeredView const& view, Tree tree, bool frozen)
+    : TreeCursor(store), view_(&view), tree_(tree), renewable_(frozen) {
+  Renew(view, tree);
+}
+
+void LogCursor::Renew(LayeredView const& view, Tree tree) {
+  view_ = &view;
+  tree_ = tree;
+  given_ = nullptr;
+  image_on_ = false;
+  steps_ = 0;
+  mixed_first_ = mixed_last_ = {};
+  sources_ = 0;
+  AddSource(view.layers().active->changes);
+  if (view.layers().frozen != nullptr) AddSource(view.layers().frozen->changes);
+  view.image().OpenCursor(tree, image_);
+}
+
+void LogCursor::AddSource(Overlay const& overlay) {
+  if (overlay.HasTree(tree_)) source_[sources_++] = {&overlay, nullptr, nullptr};
+}
+
+// ---- the sources -------------------------------------------------------------------------------
+
+// On the node, or the next one in the direction of the walk that has a version in this state.
+void LogCursor::Stand(Source& source, OverlayNode const* node) const {
+  for (; node != nullptr; node = forward_ ? node->Next() : source.overlay->Below(node->key())) {
+    source.version = node->VersionAt(view_->state());
+    if (source.version != nullptr) break;
+  }
+  source.node = node;
+}
+
+void LogCursor::StandBehind(Source& source, std::string_view key) const {
+  OrderedKey const ordered(tree_, key);
+  if (!forward_) return Stand(source, source.overlay->Below(ordered));
+  OverlayNode const* const node = source.overlay->NotBelow(ordered);
+  Stand(source, node != nullptr && node->key() == ordered ? node->Next() : node);
+}
+
+void LogCursor::StepImage() {
+  image_on_ = forward_ ? image_->Next(&image_entry_) : image_->Previous(&image_entry_);
+}
+
+void LogCursor::TurnImage(KeyValue const& entry) {
+  if (entry.key.data() != given_ && in_image_page_) {
+    image_entry_ = entry;
+    return StepImage();
+  }
+  std::string_view const key = entry.key;
+  image_on_ = image_->Seek(key, &image_entry_);
+  if (forward_) {
+    if (image_on_ && image_entry_.key == key) StepImage();
+  } else if (image_on_) {
+    StepImage();
+  } else {
+    image_on_ = image_->Last(&image_entry_);
+  }
+}
+
+void LogCursor::Pass(std::string_view key) {
+  if (image_on_ && image_entry_.key == key) StepImage();
+  for (std::size_t i = 0; i < sources_; ++i) {
+    Source& source = source_[i];
+    if (source.node == nullptr || source.node->key().bytes != key) continue;
+    Stand(source, forward_ ? source.node->Next() : source.overlay->Below(source.node->key()));
+  }
+}
+
+bool LogCursor::IsNearer(std::string_view a, std::string_view b) const {
+  OrderedKey const left(tree_, a);
+  OrderedKey const right(tree_, b);
+  return forward_ ? left < right : right < left;
+}
+
+LogCursor::Source const* LogCursor::Nearest() const {
+  Source const* nearest = nullptr;
+  for (std::size_t i = 0; i < sources_; ++i) {
+    Source const& source = source_[i];
+    if (source.node == nullptr) continue;
+    if (nearest == nullptr || IsNearer(source.node->key().bytes, nearest->node->key().bytes)) {
+      nearest = &source;
+    }
+  }
+  return nearest;
+}
+
+bool LogCursor::Give(KeyValue* entry) {
+  for (;;) {
+    Source const* const source = Nearest();
+    if (source == nullptr || (image_on_ && IsNearer(image_entry_.key, source->node->key().bytes))) {
+      given_ = image_on_ ? image_entry_.key.data() : nullptr;
+      if (image_on_) *entry = image_entry_;
+      return image_on_;
+    }
+    std::string_view const key = source->node->key().bytes;
+    if (!source->version->deleted) {
+      *entry = {key, source->version->value};
+      given_ = key.data();
+      return true;
+    }
+    Pass(key);
+  }
+}
+
+// ---- moves -------------------------------------------------------------------------------------
+
+bool LogCursor::Seek(std::string_view key, KeyValue* entry) {
+  if (bare()) return image_->Seek(key, entry);
+  if (tree_ == Tree::kRows && key.size() != sizeof(std::uint64_t)) Throw(LSCOREDB_TOO_LARGE);
+  forward_ = true;
+  steps_ = 0;
+  image_on_ = image_->Seek(key, &image_entry_);
+  for (std::size_t i = 0; i < sources_; ++i) {
+    Stand(source_[i], source_[i].overlay->NotBelow({tree_, key}));
+  }
+  return Give(entry);
+}
+
+bool LogCursor::First(KeyValue* entry) {
+  if (bare()) return image_->First(entry);
+  forward_ = true;
+  image_on_ = image_->First(&image_entry_);
+  for (std::size_t i = 0; i < sources_; ++i) Stand(source_[i], source_[i].overlay->First(tree_));
+  return Give(entry);
+}
+
+bool LogCursor::Last(KeyValue* entry) {
+  if (bare()) return image_->Last(entry);
+  forward_ = false;
+  image_on_ = image_->Last(&image_entry_);
+  for (std::size_t i = 0; i < sources_; ++i) Stand(source_[i], source_[i].overlay->Last(tree_));
+  return Give(entry);
+}
+
+bool LogCursor::Step(KeyValue* entry, bool forward) {
+  if (bare()) return forward ? image_->Next(entry) : image_->Previous(entry);
+  steps_ = forward_ == forward ? steps_ + 1 : 0;
+  if (forward_ == forward && entry->key.data() == given_) {
+    Pass(entry->key);
+    return Give(entry);
+  }
+  forward_ = forward;
+  TurnImage(*entry);
+  for (std::size_t i = 0; i < sources_; ++i) StandBehind(source_[i], entry->key);
+  return Give(entry);
+}
+
+// ---- pages -------------------------------------------------------------------------------------
+
+bool LogCursor::HasBetween(KeyValue const& first, KeyValue const& last) const {
+  OrderedKey const low(tree_, first.key);
+  OrderedKey const high(tree_, last.key);
+  for (std::size_t i = 0; i < sources_; ++i) {
+    OverlayNode const* const node = source_[i].overlay->NotBelow(low);
+    if (node != nullptr && !(high < node->key())) return true;
+  }
+  return false;
+}
+
+bool LogCursor::EnterImagePage(KeyValue const& entry, EntryPage* page) {
+  if (!image_on_ || entry.key.data() != image_entry_.key.data()) return false;
+  if (mixed_last_.key.data() != nullptr) {
+    OrderedKey const key(tree_, entry.key);
+    bool const inside =
+        !(key < OrderedKey(tree_, mixed_first_.key)) && !(OrderedKey(tree_, mixed_last_.key) < key);
+    if (inside) return false;
+  }
+  if (!image_->EnterPage(entry, page)) return false;
+  KeyValue first;
+  KeyValue last;
+  if (page->Ends(&first, &last) && !HasBetween(first, last)) return true;
+  page->Leave();
+  mixed_first_ = first;
+  mixed_last_ = last;
+  return false;
+}
+
+// Walks on and copies what it meets. Afterwards the cursor stands where the page ends.
+bool LogCursor::MakePage(KeyValue const& entry, EntryPage* page) {
+  bool const wanted = renewable_ && steps_ >= kStepsBeforePage && view_->has_room_for_pages();
+  PageBuilder builder(forward_);
+  if (!wanted || entry.key.data() != given_ || !builder.Add(entry)) return false;
+  KeyValue next = entry;
+  bool more = true;
+  while (more) {
+    Pass(next.key);
+    more = Give(&next) && builder.Add(next);
+  }
+  given_ = nullptr;
+  return view_->KeepPage(builder.Finish(), page);
+}
+
+bool LogCursor::EnterPage(KeyValue const& entry, EntryPage* page) {
+  if (bare()) return image_->EnterPage(entry, page);
+  in_image_page_ = EnterImagePage(entry, page);
+  return in_image_page_ || MakePage(entry, page);
+}
+
+}  // namespace lscore

@@ -1,0 +1,122 @@
+#include "log_files.h"
+
+#include <unistd.h>
+
+#include <cstring>
+
+#include "crc32c.h"
+#include "status.h"
+
+namespace lscore {
+
+using logformat::Generation;
+using logformat::Head;
+
+LogPlace LogRecord::Behind(LogPlace const& place) const {
+  std::uint64_t const begin =
+      head.generation == place.generation ? place.offset : logformat::kTitleSize;
+  return {head.generation, logformat::Aligned(begin + head.size), head.checksum, head.commit};
+}
+
+bool LogFiles::Open() {
+  bool all = true;
+  for (std::size_t i = 0; i < files_.size(); ++i) {
+    if (files_[i].is_open()) continue;
+    all = files_[i].Open(directory_ + logformat::kFileNames[i], false) && all;
+  }
+  return all;
+}
+
+void LogFiles::Create() {
+  bool const were_there = Open();
+  for (std::size_t i = 0; i < files_.size(); ++i) {
+    if (!files_[i].is_open()) files_[i].Open(directory_ + logformat::kFileNames[i], true);
+    Entitle(files_[i]);
+  }
+  if (!were_there) SyncDirectory(directory_);
+}
+
+void LogFiles::Entitle(LogFile& file) const {
+  std::string title = logformat::TitleOf(identity_);
+  std::array<iovec, 1> piece{{{title.data(), title.size()}}};
+  file.MakeRoom(title.size(), 0);
+  file.Write(0, piece);
+}
+
+void LogFiles::CheckTitles() const {
+  std::string const expected = logformat::TitleOf(identity_);
+  std::string const blank(expected.size(), '\0');
+  for (LogFile const& file : files_) {
+    std::string title(expected.size(), '\0');
+    file.Read(0, title.data(), title.size());
+    if (title != expected && title != blank) Throw(LSCOREDB_DAMAGED);
+  }
+}
+
+void LogFiles::Remove() noexcept {
+  for (std::size_t i = 0; i < files_.size(); ++i) {
+    files_[i].Close();
+    unlink((directory_ + logformat::kFileNames[i]).c_str());
+  }
+}
+
+bool LogFiles::IsWhole(LogRecord const& record) const {
+  std::string_view const checked(record.bytes.get() + logformat::kCheckedFrom,
+                                 record.head.size - logformat::kCheckedFrom);
+  return Crc32c(logformat::BytesOf(identity_), checked) == record.head.checksum;
+}
+
+std::optional<LogRecord> LogFiles::ReadAt(Generation generation, std::uint64_t offset) {
+  LogFile const& file = Of(generation);
+  if (!file.is_open()) return std::nullopt;
+  LogRecord record;
+  if (file.Read(offset, reinterpret_cast<char*>(&record.head), sizeof(Head)) < sizeof(Head) ||
+      record.head.generation != generation || record.head.size < sizeof(Head)) {
+    return std::nullopt;
+  }
+  std::uint64_t const room = file.Size();
+  if (offset > room || record.head.size > room - offset) return std::nullopt;
+  record.bytes.reset(new char[record.head.size]);
+  if (file.Read(offset, record.bytes.get(), record.head.size) < record.head.size ||
+      std::memcmp(record.bytes.get(), &record.head, sizeof(Head)) != 0 || !IsWhole(record)) {
+    return std::nullopt;
+  }
+  return record;
+}
+
+std::optional<LogRecord> LogFiles::ReadNext(LogPlace const& place) {
+  if (!Open()) return std::nullopt;
+  auto const follows = [&](std::optional<LogRecord> const& record) {
+    return record.has_value() && record->head.before == place.before &&
+           Raw(record->head.commit) == Raw(place.commit) + 1;
+  };
+  std::optional<LogRecord> record = ReadAt(place.generation, place.offset);
+  if (!follows(record)) record = ReadAt(logformat::After(place.generation), logformat::kTitleSize);
+  if (!follows(record)) record.reset();
+  return record;
+}
+
+bool LogFiles::GoesOnBehind(LogPlace const& place) {
+  return HoldsSynced(place.generation, place.offset, place.commit) ||
+         HoldsSynced(logformat::After(place.generation), logformat::kTitleSize, place.commit);
+}
+
+// Looks at every place where a record may begin.
+bool LogFiles::HoldsSynced(Generation generation, std::uint64_t offset, CommitId after) {
+  LogFile const& file = Of(generation);
+  if (!file.is_open()) return false;
+  std::uint64_t const end = file.Size();
+  if (offset >= end) return false;
+  std::string bytes(end - offset, '\0');
+  bytes.resize(file.Read(offset, bytes.data(), bytes.size()));
+  for (std::size_t at = 0; at + sizeof(Head) <= bytes.size(); at += logformat::kAlignment) {
+    Head head;
+    std::memcpy(&head, bytes.data() + at, sizeof head);
+    bool const may_be = head.generation == generation && head.commit > after &&
+                        head.synced > after && head.size >= sizeof(Head);
+    if (may_be && ReadAt(generation, offset + at).has_value()) return true;
+  }
+  return false;
+}
+
+}  // namespace lscore

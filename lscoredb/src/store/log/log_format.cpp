@@ -1,0 +1,86 @@
+#include "log_format.h"
+
+#include "checksummed_record.h"
+#include "crc32c.h"
+#include "format.h"
+#include "status.h"
+
+namespace lscore::logformat {
+namespace {
+
+constexpr std::size_t kPositionSize = kIdentitySize + 8 + 8 + 4 + 1;
+constexpr std::size_t kVersionAt = format::kMagic.size();
+
+}  // namespace
+
+std::string TitleOf(Identity const& identity) {
+  std::string title(kTitleMark);
+  title.append(BytesOf(identity));
+  Append(title, Crc32c(title));
+  title.resize(kTitleSize, '\0');
+  return title;
+}
+
+std::optional<ImagePosition> FindPosition(View const& image) {
+  std::string_view record;
+  if (!GetChecked(image, Tree::kMeta, kImageKey, &record)) return std::nullopt;
+  if (record.size() != kPositionSize) Throw(LSCOREDB_DAMAGED);
+  ImagePosition position;
+  FieldReader fields(record);
+  std::string_view const identity = fields.Bytes(kIdentitySize);
+  std::copy(identity.begin(), identity.end(), position.identity.begin());
+  position.generation = Generation{fields.Next<std::uint64_t>()};
+  position.commit = CommitId{fields.Next<std::uint64_t>()};
+  position.before = fields.Next<std::uint32_t>();
+  position.clean = fields.Next<std::uint8_t>() != 0;
+  return position;
+}
+
+ImagePosition ReadPosition(View const& image) {
+  std::optional<ImagePosition> const position = FindPosition(image);
+  if (!position.has_value()) Throw(LSCOREDB_DAMAGED);
+  return *position;
+}
+
+void WritePosition(Batch& image, ImagePosition const& position) {
+  std::string record(BytesOf(position.identity));
+  Append(record, Raw(position.generation));
+  Append(record, Raw(position.commit));
+  Append(record, position.before);
+  record.push_back(position.clean ? 1 : 0);
+  PutChecked(image, Tree::kMeta, kImageKey, record);
+}
+
+std::string ImageFormat(std::string_view content_format) {
+  std::string record = format::FormatRecord(format::kLogVersion);
+  record.append(content_format.substr(kVersionAt));
+  return record;
+}
+
+std::string ContentFormat(View const& image) {
+  std::string_view record;
+  if (!image.Get(Tree::kMeta, format::kFormatKey, &record)) Throw(LSCOREDB_DAMAGED);
+  std::size_t const skipped = kVersionAt + sizeof(std::uint32_t);
+  if (record.size() < skipped + sizeof(std::uint32_t)) Throw(LSCOREDB_DAMAGED);
+  return std::string(format::kMagic).append(record.substr(skipped));
+}
+
+bool NextChange(std::string_view& rest, Change* change) {
+  if (rest.empty()) return false;
+  FieldReader fields(rest);
+  auto const value_size = fields.Next<std::uint32_t>();
+  auto const key_size = fields.Next<std::uint16_t>();
+  auto const kind = fields.Next<std::uint8_t>();
+  fields.Next<std::uint8_t>();
+  change->deleted = (kind & kDeleted) != 0;
+  change->tree = static_cast<Tree>(kind & ~kDeleted);
+  change->key = fields.Bytes(key_size);
+  change->value = fields.Bytes(value_size);
+  bool const fits = change->tree == Tree::kRows ? key_size == sizeof(std::uint64_t)
+                                                : key_size > 0 && key_size <= kMaxKeySize;
+  if (!fields.ok() || !fits || (kind & ~kDeleted) >= kTreeCount) Throw(LSCOREDB_DAMAGED);
+  rest.remove_prefix(kChangeHead + key_size + value_size);
+  return true;
+}
+
+}  // namespace lscore::logformat

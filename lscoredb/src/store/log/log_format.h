@@ -1,0 +1,126 @@
+#ifndef LSCOREDB_SRC_LOG_FORMAT_H
+#define LSCOREDB_SRC_LOG_FORMAT_H
+
+// The bytes of a log, and of what the image says of it. Numbers are little endian. They are frozen:
+// a change of any is a new format version.
+//
+// The log lies in two files, "log-0" and "log-1", which take turns: generation g is in the file of
+// g % 2, behind its title. A generation's records are written over by those of the next but one,
+// when the image holds all of them.
+//
+// The title is kTitleSize bytes long and never changes: kTitleMark, the log's identity (16), the
+// CRC-32C of the two (4), zeros. All zeros it is as long as no sync has brought it to the disk.
+//
+// A record is a commit:
+//
+//   offset  size  content
+//        0     4  CRC-32C of the log's identity (16) and of everything of the record behind it
+//        4     4  the checksum of the record before, which the first of a log takes from the image
+//        8     8  size of the record; the next one begins at the next multiple of 8
+//       16     8  generation
+//       24     8  number of the commit
+//       32     8  number of the last commit that was known to be synced when this one was written
+//       40     8  time, microseconds since 1970
+//       48        changes, in the order in which they were made, without gaps:
+//
+//   change  0     4  size of the value
+//           4     2  size of the key
+//           6     1  tree; 128 more when the key is deleted
+//           7     1  0
+//           8        the key, the value
+//
+// A record is only good right behind the one that it names, so what an earlier use of the file, a
+// commit that was cut off, or another database left behind is not taken for one.
+//
+// The image has in its tree "meta" a record "log" (ImagePosition), which ends with a checksum like
+// all others there, and bears the format version kLogVersion followed by the version that the
+// content itself needs.
+
+#include <array>
+#include <cstdint>
+#include <cstring>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "bytes.h"
+#include "ids.h"
+#include "store.h"
+
+namespace lscore::logformat {
+
+inline constexpr std::string_view kImageKey = "log";
+inline constexpr std::array<char const*, 2> kFileNames = {"/log-0", "/log-1"};
+inline constexpr char const* kBoardName = "/log.lock";
+
+inline constexpr std::size_t kIdentitySize = 16;
+using Identity = std::array<char, kIdentitySize>;
+inline std::string_view BytesOf(Identity const& identity) {
+  return {identity.data(), identity.size()};
+}
+
+enum class Generation : std::uint64_t {};
+
+inline std::size_t FileOf(Generation generation) {
+  return static_cast<std::size_t>(Raw(generation) % 2);
+}
+inline Generation After(Generation generation) { return Generation{Raw(generation) + 1}; }
+
+inline constexpr std::string_view kTitleMark = "lscorlog";
+inline constexpr std::size_t kTitleSize = 512;
+
+inline constexpr std::size_t kHeadSize = 48;
+inline constexpr std::size_t kCheckedFrom = 4;
+inline constexpr std::size_t kChangeHead = 8;
+inline constexpr std::size_t kAlignment = 8;
+inline constexpr std::uint8_t kDeleted = 128;
+
+inline std::uint64_t Aligned(std::uint64_t offset) {
+  return (offset + kAlignment - 1) / kAlignment * kAlignment;
+}
+
+struct Head {
+  std::uint32_t checksum = 0;
+  std::uint32_t before = 0;
+  std::uint64_t size = 0;
+  Generation generation{0};
+  CommitId commit{0};
+  CommitId synced{0};
+  std::uint64_t time = 0;
+};
+static_assert(sizeof(Head) == kHeadSize, "a head is stored as it lies in memory");
+
+// Which part of the log the image holds, and where the rest begins.
+struct ImagePosition {
+  Identity identity{};
+  Generation generation{0};  // that begins behind the commit
+  CommitId commit{0};        // the last one that the image holds
+  std::uint32_t before = 0;  // the checksum of its record
+  bool clean = false;        // the log was empty when the last process closed the database
+};
+
+std::string TitleOf(Identity const& identity);
+
+// The position in the image; none: it has no log. Both throw LSCOREDB_DAMAGED.
+std::optional<ImagePosition> FindPosition(View const& image);
+// Of an image that has one.
+ImagePosition ReadPosition(View const& image);
+void WritePosition(Batch& image, ImagePosition const& position);
+
+// The record of the format of an image with a log, and what it says of the content.
+std::string ImageFormat(std::string_view content_format);
+std::string ContentFormat(View const& image);
+
+// Moves to the next change of a record. Returns false at its end; throws LSCOREDB_DAMAGED where
+// the bytes are none.
+struct Change {
+  Tree tree;
+  std::string_view key;
+  std::string_view value;
+  bool deleted;
+};
+bool NextChange(std::string_view& rest, Change* change);
+
+}  // namespace lscore::logformat
+
+#endif

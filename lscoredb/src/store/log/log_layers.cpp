@@ -1,0 +1,132 @@
+#include "log_layers.h"
+
+#include <set>
+#include <utility>
+
+#include "format.h"
+#include "status.h"
+
+namespace lscore {
+namespace {
+
+constexpr CommitId kAlways{0};
+
+std::string_view Kept(Overlay& overlay, std::string_view bytes) {
+  char* const at = overlay.TakeBytes(bytes.size());
+  std::copy(bytes.begin(), bytes.end(), at);
+  return {at, bytes.size()};
+}
+
+}  // namespace
+
+// What the image says of the log is hidden, and its format is told as without one.
+LogLayer::LogLayer(LogPlace const& place, std::string_view content_format)
+    : number(place.generation), base(place.commit), before(place.before) {
+  changes.Write({Tree::kMeta, logformat::kImageKey}, {}, true, kAlways);
+  changes.Write({Tree::kMeta, format::kFormatKey}, Kept(changes, content_format), false, kAlways);
+}
+
+void LogTail::Restart(View const& image, logformat::ImagePosition const& position) {
+  LogPlace const place = LogPlace::At(position);
+  SetLayers({std::make_shared<LogLayer>(place, logformat::ContentFormat(image)), nullptr});
+  {
+    std::lock_guard const lock(mutex_);
+    others_.clear();
+    remembered_from_ = place.commit;
+  }
+  SetPlace(place);
+}
+
+void LogTail::NoteOthers(CommitId commit, std::vector<ObjectId> const& changed) {
+  std::lock_guard const lock(mutex_);
+  for (ObjectId const object : changed) others_.push_back({commit, object});
+  while (others_.size() > kMostRemembered) {
+    remembered_from_ = others_.front().commit;
+    others_.pop_front();
+  }
+}
+
+bool LogTail::ListOthers(CommitId after, std::vector<ObjectId>* changed) const {
+  std::lock_guard const lock(mutex_);
+  if (after < remembered_from_) return false;
+  for (auto at = others_.rbegin(); at != others_.rend() && at->commit > after; ++at) {
+    changed->push_back(at->object);
+  }
+  return true;
+}
+
+bool LogTail::Advance() {
+  std::optional<LogRecord> record = files_.ReadNext(place_);
+  if (!record.has_value()) return false;
+  if (record->head.generation != place_.generation) Rotate();
+  Overlay& overlay = layers()->active->changes;
+  LogPlace const behind = record->Behind(place_);
+  overlay.BeginChanges();
+  std::string_view rest = record->changes();
+  overlay.Keep(std::move(record->bytes), record->head.size);
+  std::vector<ObjectId> changed;
+  logformat::Change change;
+  while (logformat::NextChange(rest, &change)) {
+    overlay.Write({change.tree, change.key}, change.value, change.deleted, record->head.commit);
+    if (change.tree == Tree::kRows)
+      changed.push_back(ObjectId{Load<std::uint64_t>(change.key.data())});
+  }
+  NoteOthers(record->head.commit, changed);
+  SetPlace(behind);
+  return true;
+}
+
+void LogTail::Rotate() {
+  std::shared_ptr<LogLayers const> const now = layers();
+  OverlayVersion const* const format =
+      now->active->changes.Find({Tree::kMeta, format::kFormatKey}, place_.commit);
+  frozen_size_ = size_.load();
+  LogPlace next = place_;
+  next.generation = logformat::After(place_.generation);
+  next.offset = logformat::kTitleSize;
+  SetLayers({std::make_shared<LogLayer>(next, format->value), now->active});
+  SetPlace(next);
+}
+
+void LogTail::DropHeld(logformat::ImagePosition const& position) {
+  std::shared_ptr<LogLayers const> const now = layers();
+  if (now->frozen == nullptr || position.commit < now->active->base) return;
+  SetLayers({now->active, nullptr});
+}
+
+void LogTail::SetPlace(LogPlace const& place) {
+  place_ = place;
+  applied_.store(Raw(place.commit), std::memory_order_release);
+  size_ = place.offset - logformat::kTitleSize;
+}
+
+std::shared_ptr<LogLayers const> LogTail::layers() const {
+  std::lock_guard const lock(mutex_);
+  return layers_;
+}
+
+void LogTail::SetLayers(LogLayers layers) {
+  auto shared = std::make_shared<LogLayers const>(std::move(layers));
+  std::lock_guard const lock(mutex_);
+  std::erase_if(all_layers_, [](auto const& layer) { return layer.expired(); });
+  all_layers_.push_back(shared->active);
+  layers_.swap(shared);
+}
+
+std::uint64_t LogTail::Size() const {
+  std::lock_guard const lock(mutex_);
+  return size_ + (layers_->frozen != nullptr ? frozen_size_.load() : 0);
+}
+
+std::uint64_t LogTail::Memory() const {
+  std::lock_guard const lock(mutex_);
+  std::set<LogLayer const*> counted;
+  std::uint64_t bytes = 0;
+  for (std::weak_ptr<LogLayer> const& weak : all_layers_) {
+    std::shared_ptr<LogLayer> const layer = weak.lock();
+    if (layer != nullptr && counted.insert(layer.get()).second) bytes += layer->changes.bytes();
+  }
+  return bytes;
+}
+
+}  // namespace lscore

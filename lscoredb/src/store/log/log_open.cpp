@@ -1,0 +1,116 @@
+#include <random>
+
+#include "format.h"
+#include "log_store.h"
+#include "status.h"
+
+namespace lscore {
+
+using logformat::ImagePosition;
+
+namespace {
+
+logformat::Identity NewIdentity() {
+  std::random_device random;
+  logformat::Identity identity{};
+  for (std::size_t i = 0; i < identity.size(); i += sizeof(std::uint32_t)) {
+    StoreAt(identity.data() + i, static_cast<std::uint32_t>(random()));
+  }
+  return identity;
+}
+
+void CheckContent(std::string_view format) {
+  auto const version = Load<std::uint32_t>(format.data() + format::kMagic.size());
+  if (version > format::kNewestVersion) Throw(LSCOREDB_NEWER_FORMAT);
+}
+
+}  // namespace
+
+void LogStore::Convert(Store& image) {
+  std::unique_ptr<Batch> const batch = image.BeginBatch();
+  std::string_view format;
+  if (!batch->Get(Tree::kMeta, format::kFormatKey, &format)) Throw(LSCOREDB_NOT_A_DATABASE);
+  batch->Put(Tree::kMeta, format::kFormatKey, logformat::ImageFormat(std::string(format)));
+  ImagePosition position;
+  position.identity = NewIdentity();
+  position.generation = logformat::Generation{1};
+  position.commit = batch->id();
+  position.clean = true;
+  logformat::WritePosition(*batch, position);
+  batch->Commit();
+}
+
+std::unique_ptr<LogStore> LogStore::Open(std::unique_ptr<Store>& image, std::string directory,
+                                         StoreOptions const& options) {
+  std::unique_ptr<Snapshot> snapshot = image->Begin();
+  std::optional<ImagePosition> const position = logformat::FindPosition(*snapshot);
+  if (position.has_value()) CheckContent(logformat::ContentFormat(*snapshot));
+  image->End(std::move(snapshot));
+  if (!position.has_value()) return nullptr;
+  std::string const board = directory + logformat::kBoardName;
+  std::unique_ptr<LogStore> store(
+      new LogStore(std::move(image), std::move(directory), options, *position));
+  store->board_.Open(board);
+  if (store->board_.TryBeAlone()) {
+    store->Recover();
+  } else {
+    store->board_.Share();
+    store->Join();
+  }
+  store->open_ = true;
+  store->board_.Release(LogBoard::Lock::kDoor);
+  if (options.verify) store->Verify();
+  return store;
+}
+
+// Reads all of the log that the image does not hold. A record that is not whole ends it, unless a
+// later one says that it was synced once.
+void LogStore::Recover() {
+  std::unique_ptr<Snapshot> image = image_->Begin();
+  ImagePosition const position = logformat::ReadPosition(*image);
+  tail_.Restart(*image, position);
+  image_->End(std::move(image));
+  board_.Reset();
+  board_.RaiseSynced(position.commit);
+  if (!position.clean) {
+    if (!files_.Open()) Throw(LSCOREDB_DAMAGED);
+    files_.CheckTitles();
+    while (tail_.Advance()) {
+    }
+    if (files_.GoesOnBehind(tail_.place())) Throw(LSCOREDB_DAMAGED);
+    used_ = true;
+    if (sync_ && tail_.applied() > position.commit) SyncUpTo(tail_.applied());
+  }
+  board_.SetGeneration(Raw(tail_.place().generation));
+  board_.SetPublished(tail_.applied());
+  board_.Share();
+}
+
+void LogStore::Join() {
+  std::unique_ptr<Snapshot> image = image_->Begin();
+  tail_.Restart(*image, logformat::ReadPosition(*image));
+  image_->End(std::move(image));
+}
+
+LogStore::~LogStore() {
+  if (!open_) return;
+  static_cast<void>(Guarded([&] {
+    board_.Take(LogBoard::Lock::kDoor);
+    if (board_.TryBeAlone()) CloseAlone();
+    return LORV_STATUS_OK;
+  }));
+}
+
+// The last one leaves an image that holds everything. Where that fails the next opening recovers.
+void LogStore::CloseAlone() {
+  CatchUp(board_.Published());
+  if (board_.Writing()) FinishForOther();
+  std::unique_ptr<Snapshot> image = image_->Begin();
+  ImagePosition const position = logformat::ReadPosition(*image);
+  image_->End(std::move(image));
+  if (position.clean && position.commit == tail_.applied()) return;
+  WriteAll(*tail_.layers(), tail_.applied(), true);
+  files_.Remove();
+}
+
+}  // namespace lscore

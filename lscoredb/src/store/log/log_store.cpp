@@ -1,0 +1,358 @@
+#include "log_store.h"
+
+#include <algorithm>
+#include <array>
+#include <utility>
+
+#include "checkpoint.h"
+#include "log_batch.h"
+#include "status.h"
+
+namespace lscore {
+
+using logformat::ImagePosition;
+
+LogStore::LogStore(std::unique_ptr<Store> image, std::string directory, StoreOptions const& options,
+                   ImagePosition const& position)
+    : image_(std::move(image)),
+      options_(options),
+      files_(std::move(directory), position.identity),
+      sync_(options.sync),
+      tail_(files_) {
+  UseReservations(image_->layout_reservations());
+  image_->RequireSync();  // what it holds, the log holds no more
+}
+
+// ---- snapshots ---------------------------------------------------------------------------------
+
+void LogStore::CatchUp(CommitId state) {
+  std::lock_guard const lock(tail_mutex_);
+  while (tail_.applied() < state) {
+    if (tail_.Advance()) continue;
+    std::unique_ptr<Snapshot> image = image_->Begin();
+    ImagePosition const position = logformat::ReadPosition(*image);
+    // What was published is in the log, or the image has it.
+    if (position.commit <= tail_.applied()) Throw(LSCOREDB_DAMAGED);
+    tail_.Restart(*image, position);
+    image_->End(std::move(image));
+  }
+}
+
+std::shared_ptr<LogLayers const> LogStore::LayersAt(CommitId state) {
+  if (tail_.applied() < state) CatchUp(state);
+  return tail_.layers();
+}
+
+ImagePosition LogStore::PositionOf(Snapshot const& image) {
+  {
+    std::lock_guard const lock(readers_mutex_);
+    if (known_image_ == image.id()) return known_position_;
+  }
+  ImagePosition const position = logformat::ReadPosition(image);
+  image_size_ = image_->Statistics().file_size;
+  {
+    std::lock_guard const lock(readers_mutex_);
+    if (known_image_ < image.id()) {
+      known_image_ = image.id();
+      known_position_ = position;
+    }
+  }
+  std::unique_lock const lock(tail_mutex_, std::try_to_lock);
+  if (lock.owns_lock()) tail_.DropHeld(position);
+  return position;
+}
+
+std::unique_ptr<Snapshot> LogStore::Over(std::unique_ptr<Snapshot>& image,
+                                         std::shared_ptr<LogLayers const> layers, CommitId state) {
+  ImagePosition const position = PositionOf(*image);
+  if (position.commit > state) {
+    if (board_.Published() >= position.commit) return nullptr;
+    // Committed to the image, and about to be published.
+    state = position.commit;
+    layers = LayersAt(state);
+  }
+  if (layers->base() > position.commit) return nullptr;
+  auto snapshot =
+      std::make_unique<LogSnapshot>(*this, *image_, std::move(layers), state, std::move(image));
+  Enter(*snapshot);
+  return snapshot;
+}
+
+std::unique_ptr<Snapshot> LogStore::Begin() {
+  for (;;) {
+    CommitId const state = board_.Published();
+    std::shared_ptr<LogLayers const> layers = LayersAt(state);
+    std::unique_ptr<Snapshot> image = image_->Begin();
+    std::unique_ptr<Snapshot> snapshot = Over(image, std::move(layers), state);
+    if (snapshot != nullptr) return snapshot;
+    image_->End(std::move(image));
+  }
+}
+
+std::unique_ptr<Snapshot> LogStore::BeginVerified(FaultReport const& report) {
+  for (;;) {
+    std::unique_ptr<Snapshot> image = image_->BeginVerified(report);
+    CommitId const state = board_.Published();
+    std::shared_ptr<LogLayers const> layers = LayersAt(state);
+    std::unique_ptr<Snapshot> snapshot = Over(image, std::move(layers), state);
+    if (snapshot != nullptr) return snapshot;
+    image_->End(std::move(image));
+  }
+}
+
+void LogStore::Enter(LogSnapshot& snapshot) {
+  std::lock_guard const lock(readers_mutex_);
+  if (readers_.size() >= options_.max_readers) Throw(LSCOREDB_TOO_MANY_READERS);
+  snapshot.place = readers_.size();
+  readers_.push_back(&snapshot);
+}
+
+void LogStore::End(std::unique_ptr<Snapshot> snapshot) noexcept {
+  std::unique_ptr<LogSnapshot> const ended(static_cast<LogSnapshot*>(snapshot.release()));
+  std::lock_guard const lock(readers_mutex_);
+  readers_[ended->place] = readers_.back();
+  readers_[ended->place]->place = ended->place;
+  readers_.pop_back();
+}
+
+// ---- batches -----------------------------------------------------------------------------------
+
+std::unique_ptr<Batch> LogStore::BeginBatch() { return std::make_unique<LogBatch>(*this); }
+
+std::shared_ptr<LogLayers const> LogStore::PrepareBatch() {
+  board_.Take(LogBoard::Lock::kCommit);
+  try {
+    CatchUp(board_.Published());
+    if (board_.Writing()) FinishForOther();
+    FollowRotation();
+    Check(TryTakeBack(tail_.place()));
+    MakeRoomInLog();
+  } catch (...) {
+    board_.Release(LogBoard::Lock::kCommit);
+    throw;
+  }
+  return tail_.layers();
+}
+
+// Who died over a commit may have brought it into the image, or written all of its record.
+void LogStore::FinishForOther() {
+  {
+    std::unique_ptr<Snapshot> image = image_->Begin();
+    CommitId const in_image = logformat::ReadPosition(*image).commit;
+    image_->End(std::move(image));
+    CatchUp(in_image);
+    std::lock_guard const lock(tail_mutex_);
+    while (tail_.Advance()) {
+    }
+  }
+  CommitId const last = tail_.applied();
+  if (last > board_.Published()) {
+    if (sync_ && files_.Open()) SyncUpTo(last);
+    board_.SetGeneration(std::max(board_.Generation(), Raw(tail_.place().generation)));
+    board_.SetPublished(last);
+  }
+  board_.SetWriting(false);
+}
+
+// Another process may have taken the next file, and not written to it yet.
+void LogStore::FollowRotation() {
+  std::lock_guard const lock(tail_mutex_);
+  while (Raw(tail_.place().generation) < board_.Generation()) tail_.Rotate();
+}
+
+void LogStore::MakeRoomInLog() {
+  if (tail_.place().offset < options_.log_limit) return;
+  std::shared_ptr<LogLayers const> const layers = tail_.layers();
+  if (layers->frozen != nullptr) Checkpoint(*layers);
+  std::lock_guard const lock(tail_mutex_);
+  tail_.Rotate();
+  board_.SetGeneration(Raw(tail_.place().generation));
+  checkpoint_due_ = true;
+}
+
+// The first commit since the log was closed makes its files, and has the image say that they are
+// needed.
+void LogStore::MarkUsed() {
+  if (used_) return;
+  {
+    std::lock_guard const lock(tail_mutex_);
+    files_.Create();
+  }
+  std::unique_ptr<Batch> const batch = image_->BeginBatch();
+  ImagePosition position = logformat::ReadPosition(*batch);
+  if (position.clean) {
+    position.clean = false;
+    logformat::WritePosition(*batch, position);
+    batch->Commit();
+  }
+  used_ = true;
+}
+
+// Each changed entry may take a page of the image, and one above it.
+bool LogStore::FitsLog(std::uint64_t size, LogLayers const& layers) const {
+  constexpr std::uint64_t kEntryNeeds = 2 * 4096;
+  auto const needs = [](Overlay const& changes) {
+    return changes.nodes() * kEntryNeeds + 2 * changes.bytes();
+  };
+  std::uint64_t needed = image_size_ + needs(layers.active->changes);
+  if (layers.frozen != nullptr) needed += needs(layers.frozen->changes);
+  return size <= options_.log_limit && needed <= options_.max_file_size;
+}
+
+void LogStore::AppendRecord(Batch const& batch, LogPlace const& place, logformat::Head const& head,
+                            std::span<iovec> pieces) {
+  MarkUsed();
+  LogFile& file = files_.Of(place.generation);
+  file.MakeRoom(place.offset + head.size, options_.log_limit);
+  board_.SetWriting(true);
+  try {
+    file.Write(place.offset, pieces);
+    spoiled_ = sync_;
+    if (sync_) SyncUpTo(head.commit);
+    spoiled_ = false;
+  } catch (...) {
+    static_cast<void>(TryTakeBack(place));
+    board_.SetWriting(false);
+    throw;
+  }
+  {
+    std::uint64_t const end = logformat::Aligned(place.offset + head.size);
+    std::lock_guard const lock(tail_mutex_);
+    tail_.Appended({place.generation, end, head.checksum, head.commit});
+  }
+  BeginOwnCommit(batch);
+  board_.SetPublished(head.commit);
+  EndOwnCommit(batch, true);
+  board_.SetWriting(false);
+}
+
+// A record that could not be synced is whole, and may be on the disk: it must not be found there,
+// now that its commit has failed. One that could not be written is not whole.
+Status LogStore::TryTakeBack(LogPlace const& place) noexcept {
+  if (!spoiled_) return LORV_STATUS_OK;
+  return Guarded([&] {
+    std::array<char, logformat::kHeadSize> zeros{};
+    std::array<iovec, 1> piece{{{zeros.data(), zeros.size()}}};
+    LogFile& file = files_.Of(place.generation);
+    file.Write(place.offset, piece);
+    file.Sync();
+    spoiled_ = false;
+    return LORV_STATUS_OK;
+  });
+}
+
+void LogStore::SyncUpTo(CommitId commit) {
+  LogPlace const place = tail_.place();
+  CommitId const base = tail_.layers()->active->base;
+  if (board_.Synced() < base) files_.Of(logformat::After(place.generation)).Sync();
+  files_.Of(place.generation).Sync();
+  board_.RaiseSynced(commit);
+}
+
+// ---- the image ---------------------------------------------------------------------------------
+
+void LogStore::WriteAll(LogLayers const& layers, CommitId state, bool clean) {
+  std::unique_ptr<Batch> const batch = image_->BeginBatch();
+  ImagePosition position = logformat::ReadPosition(*batch);
+  if (layers.frozen != nullptr && position.commit < layers.active->base) {
+    WriteLayer(*batch, *layers.frozen, layers.active->base);
+  }
+  WriteLayer(*batch, *layers.active, state);
+  position.generation = logformat::After(layers.active->number);
+  position.commit = state;
+  position.before = tail_.place().before;
+  position.clean = position.clean || clean;
+  logformat::WritePosition(*batch, position);
+  batch->Commit();
+}
+
+// Readers may see the image's new state before it is published, and take it for that. The tail
+// begins at the image when it is needed next.
+void LogStore::CommitToImage(Batch const& batch, LogLayers const& layers) {
+  CommitId const state = batch.id();
+  board_.SetWriting(true);
+  BeginOwnCommit(batch);
+  try {
+    WriteAll(layers, state, false);
+  } catch (...) {
+    EndOwnCommit(batch, false);
+    board_.SetWriting(false);
+    throw;
+  }
+  board_.RaiseSynced(state);
+  board_.SetGeneration(Raw(logformat::After(layers.active->number)));
+  board_.SetPublished(state);
+  EndOwnCommit(batch, true);
+  board_.SetWriting(false);
+}
+
+void LogStore::Checkpoint(LogLayers const& layers) {
+  LogLayer const& active = *layers.active;
+  std::unique_ptr<Batch> const batch = image_->BeginBatch();
+  ImagePosition position = logformat::ReadPosition(*batch);
+  if (position.commit < active.base) {
+    WriteLayer(*batch, *layers.frozen, active.base);
+    position.generation = active.number;
+    position.commit = active.base;
+    position.before = active.before;
+    logformat::WritePosition(*batch, position);
+    batch->Commit();
+    board_.RaiseSynced(active.base);
+  }
+  std::lock_guard const lock(tail_mutex_);
+  tail_.DropHeld(position);
+}
+
+// What stands in the way of it, a full disk for one, is told by the commit that needs the room.
+void LogStore::Upkeep() noexcept {
+  if (!checkpoint_due_.exchange(false)) return;
+  static_cast<void>(Guarded([&] {
+    std::shared_ptr<LogLayers const> const layers = tail_.layers();
+    if (layers->frozen != nullptr) Checkpoint(*layers);
+    return LORV_STATUS_OK;
+  }));
+}
+
+// ---- the whole ---------------------------------------------------------------------------------
+
+void LogStore::Verify() {
+  image_->Verify();
+  std::unique_ptr<Snapshot> image = image_->Begin();
+  ImagePosition const position = logformat::ReadPosition(*image);
+  LogPlace place = LogPlace::At(position);
+  CommitId const last = board_.Published();
+  bool whole = true;
+  while (whole && place.commit < last) {
+    std::lock_guard const lock(tail_mutex_);
+    std::optional<LogRecord> const record = files_.ReadNext(place);
+    whole = record.has_value();
+    if (whole) place = record->Behind(place);
+  }
+  image_->End(std::move(image));
+  if (whole) return;
+  image = image_->Begin();
+  CommitId const held = logformat::ReadPosition(*image).commit;
+  image_->End(std::move(image));
+  if (held <= place.commit) Throw(LSCOREDB_DAMAGED);
+}
+
+bool LogStore::ListChanges(View const&, CommitId after, std::vector<ObjectId>* changed) const {
+  return tail_.ListOthers(after, changed);
+}
+
+StoreStatistics LogStore::Statistics() const {
+  StoreStatistics statistics = image_->Statistics();
+  statistics.max_readers = options_.max_readers;
+  statistics.last_commit = board_.Published();
+  statistics.log_memory = tail_.Memory();
+  statistics.log_size = tail_.Size();
+  std::lock_guard const lock(readers_mutex_);
+  // Of what others read only the image is known.
+  CommitId oldest =
+      statistics.readers > readers_.size() ? known_position_.commit : statistics.last_commit;
+  for (LogSnapshot const* const reader : readers_) oldest = std::min(oldest, reader->id());
+  statistics.oldest_commit = oldest;
+  return statistics;
+}
+
+}  // namespace lscore

@@ -1,0 +1,72 @@
+#ifndef LSCOREDB_SRC_LOG_VIEW_H
+#define LSCOREDB_SRC_LOG_VIEW_H
+
+// Reads a state of a store with a log: layers over an image, as of one commit.
+
+#include <deque>
+#include <memory>
+
+#include "log_layers.h"
+#include "page_builder.h"
+
+namespace lscore {
+
+// The state of a view. The image is begun when it is first needed, if it was not given.
+class LayeredView {
+ public:
+  LayeredView(Store const& store, Store& image_store) : store_(store), image_store_(image_store) {}
+  ~LayeredView() { EndImage(); }
+  LayeredView(LayeredView const&) = delete;
+  LayeredView& operator=(LayeredView const&) = delete;
+
+  void Set(std::shared_ptr<LogLayers const> layers, CommitId state,
+           std::unique_ptr<Snapshot> image);
+  void EndImage();
+
+  bool Get(Tree tree, std::string_view key, std::string_view* value) const;
+  void OpenCursor(Tree tree, std::unique_ptr<TreeCursor>& cursor, bool frozen) const;
+
+  bool has_room_for_pages() const { return pages_.size() < kMostPages; }
+  // Keeps a page that was made for a walk, and enters it. Returns whether it is of use.
+  bool KeepPage(BuiltPage made, EntryPage* page) const;
+
+  LogLayers const& layers() const { return *layers_; }
+  CommitId state() const { return state_; }
+  Snapshot const& image() const;
+
+ private:
+  static constexpr std::size_t kMostPages = 512;
+
+  Store const& store_;
+  Store& image_store_;
+  std::shared_ptr<LogLayers const> layers_;
+  CommitId state_{0};
+  std::unique_ptr<Snapshot> mutable image_;
+  std::deque<BuiltPage> mutable pages_;
+};
+
+class LogSnapshot final : public Snapshot {
+ public:
+  LogSnapshot(Store const& store, Store& image_store, std::shared_ptr<LogLayers const> layers,
+              CommitId state, std::unique_ptr<Snapshot> image)
+      : view_(store, image_store) {
+    set_id(state);
+    view_.Set(std::move(layers), state, std::move(image));
+  }
+
+  bool Get(Tree tree, std::string_view key, std::string_view* value) const override {
+    return view_.Get(tree, key, value);
+  }
+  void OpenCursor(Tree tree, std::unique_ptr<TreeCursor>& cursor) const override {
+    view_.OpenCursor(tree, cursor, true);
+  }
+
+  std::size_t place = 0;  // among the snapshots of the store
+
+ private:
+  LayeredView view_;
+};
+
+}  // namespace lscore
+
+#endif

@@ -1,0 +1,226 @@
+#include "overlay.h"
+
+#include <algorithm>
+#include <functional>
+#include <new>
+
+#include "bytes.h"
+
+namespace lscore {
+namespace {
+
+std::uint64_t PrefixOf(Tree tree, std::string_view bytes) {
+  if (tree == Tree::kRows) return Load<std::uint64_t>(bytes.data());
+  if (bytes.size() >= 8) return LoadBig<std::uint64_t>(bytes.data());
+  char padded[8] = {};
+  std::copy(bytes.begin(), bytes.end(), padded);
+  return LoadBig<std::uint64_t>(padded);
+}
+
+}  // namespace
+
+// The bytes of a row's key are not in the order of its number, and equal where the numbers are.
+OrderedKey::OrderedKey(Tree its_tree, std::string_view its_bytes)
+    : tree(its_tree), prefix(PrefixOf(its_tree, its_bytes)), bytes(its_bytes) {}
+
+Overlay::Overlay() {
+  static constexpr std::uint64_t kZero = 0;
+  for (std::size_t i = 0; i < kTreeCount; ++i) {
+    Tree const tree{static_cast<std::uint8_t>(i)};
+    heads_[i] =
+        NewNode({tree, tree == Tree::kRows ? BytesOf(kZero) : std::string_view()}, kMaxHeight);
+    place_[i].fill(heads_[i]);
+  }
+  tables_.push_back(std::make_unique<Table>(kFirstSlots));
+  table_ = tables_.back().get();
+}
+
+// ---- nodes -------------------------------------------------------------------------------------
+
+OverlayNode* Overlay::NewNode(OrderedKey const& key, int height) {
+  std::size_t const extra = static_cast<std::size_t>(height - 1) * sizeof(OverlayNode::next_[0]);
+  std::size_t const size = sizeof(OverlayNode) + extra;
+  auto* const node = new (arena_.Allocate(size)) OverlayNode(key);
+  for (int level = 0; level < height; ++level) {
+    new (&node->next_[level]) std::atomic<OverlayNode*>(nullptr);
+  }
+  Count(size);
+  return node;
+}
+
+// One in four nodes is a level higher than the others.
+int Overlay::RandomHeight() {
+  random_ ^= random_ << 13;
+  random_ ^= random_ >> 7;
+  random_ ^= random_ << 17;
+  int height = 1;
+  for (std::uint64_t bits = random_; height < kMaxHeight && (bits & 3) == 0; bits >>= 2) ++height;
+  return height;
+}
+
+// Finds the last node below the key on each level, from where the last one went in: up as long as
+// the key is beyond the gap there, then down.
+void Overlay::FindPlace(OrderedKey const& key) {
+  auto const tree = static_cast<std::size_t>(key.tree);
+  std::array<OverlayNode*, kMaxHeight>& place = place_[tree];
+  int level = 0;
+  OverlayNode* at = place[0];
+  if (at != heads_[tree] && !(at->key() < key)) {
+    level = kMaxHeight - 1;
+    at = heads_[tree];
+  } else {
+    auto const beyond = [&](int there) {
+      OverlayNode const* const next = place[static_cast<std::size_t>(there)]->NextAt(there);
+      return next != nullptr && next->key() < key;
+    };
+    while (level < kMaxHeight - 1 && beyond(level)) ++level;
+    at = place[static_cast<std::size_t>(level)];
+  }
+  for (; level >= 0; --level) {
+    for (OverlayNode* next = at->NextAt(level); next != nullptr && next->key() < key;
+         next = at->NextAt(level)) {
+      at = next;
+    }
+    place[static_cast<std::size_t>(level)] = at;
+  }
+}
+
+OverlayNode* Overlay::Insert(OrderedKey const& key, std::size_t hash) {
+  FindPlace(key);
+  int const height = RandomHeight();
+  OverlayNode* const node = NewNode(key, height);
+  node->hash_ = hash;
+  if (2 * (nodes() + 1) > tables_.back()->mask) Grow();
+  auto& place = place_[static_cast<std::size_t>(key.tree)];
+  for (int level = 0; level < height; ++level) {
+    OverlayNode*& before = place[static_cast<std::size_t>(level)];
+    node->next_[level].store(before->NextAt(level), std::memory_order_relaxed);
+    before->next_[level].store(node, std::memory_order_release);
+    before = node;
+  }
+  Link(*tables_.back(), node);
+  nodes_.fetch_add(1, std::memory_order_relaxed);
+  return node;
+}
+
+// ---- the hash table ----------------------------------------------------------------------------
+
+std::size_t Overlay::HashOf(OrderedKey const& key) {
+  constexpr std::size_t kMix = 0x9E3779B97F4A7C15;
+  std::size_t const hash =
+      key.tree == Tree::kRows ? key.prefix * kMix : std::hash<std::string_view>()(key.bytes);
+  std::size_t const mixed = (hash + static_cast<std::size_t>(key.tree)) * kMix;
+  return mixed ^ (mixed >> 32);
+}
+
+void Overlay::Link(Table& table, OverlayNode* node) {
+  std::size_t at = node->hash_ & table.mask;
+  while (table.slot[at].load(std::memory_order_relaxed) != nullptr) at = (at + 1) & table.mask;
+  table.slot[at].store(node, std::memory_order_release);
+}
+
+// A reader that is in the old table misses only nodes that come in from now on, which belong to
+// commits after its state.
+void Overlay::Grow() {
+  Table const& old = *tables_.back();
+  auto grown = std::make_unique<Table>(4 * (old.mask + 1));
+  for (std::size_t i = 0; i <= old.mask; ++i) {
+    OverlayNode* const node = old.slot[i].load(std::memory_order_relaxed);
+    if (node != nullptr) Link(*grown, node);
+  }
+  Count((grown->mask + 1) * sizeof(grown->slot[0]));
+  table_.store(grown.get(), std::memory_order_release);
+  tables_.push_back(std::move(grown));
+}
+
+OverlayNode* Overlay::FindNode(OrderedKey const& key, std::size_t hash) const {
+  Table const& table = *table_.load(std::memory_order_acquire);
+  for (std::size_t at = hash & table.mask;; at = (at + 1) & table.mask) {
+    OverlayNode* const node = table.slot[at].load(std::memory_order_acquire);
+    if (node == nullptr || (node->hash_ == hash && node->key() == key)) return node;
+  }
+}
+
+// ---- writing -----------------------------------------------------------------------------------
+
+void Overlay::Write(OrderedKey const& key, std::string_view value, bool deleted, CommitId commit) {
+  std::size_t const hash = HashOf(key);
+  OverlayNode* node = FindNode(key, hash);
+  if (node == nullptr) node = Insert(key, hash);
+  OverlayVersion* const newest = node->newest_.load(std::memory_order_relaxed);
+  if (newest != nullptr && newest->commit == commit) {
+    newest->value = value;
+    newest->deleted = deleted;
+    return;
+  }
+  changed_.push_back(node);
+  auto* const version =
+      new (arena_.Allocate(sizeof(OverlayVersion))) OverlayVersion{newest, commit, value, deleted};
+  Count(sizeof(OverlayVersion));
+  node->newest_.store(version, std::memory_order_release);
+}
+
+void Overlay::RollBack(CommitId commit) {
+  for (OverlayNode* const node : changed_) {
+    OverlayVersion* const newest = node->newest_.load(std::memory_order_relaxed);
+    if (newest == nullptr || newest->commit != commit) continue;
+    node->newest_.store(newest->older, std::memory_order_release);
+  }
+  changed_.clear();
+}
+
+char* Overlay::TakeBytes(std::size_t size) {
+  if (size > free_size_) {
+    std::size_t const taken = std::max(size, next_size_);
+    std::unique_ptr<char[]> bytes(new char[taken]);
+    char* const at = bytes.get();
+    Keep(std::move(bytes), taken);
+    free_bytes_ = at;
+    free_size_ = taken;
+    next_size_ = std::min(2 * next_size_, kMostBytes);
+  }
+  char* const at = free_bytes_;
+  free_bytes_ += size;
+  free_size_ -= size;
+  return at;
+}
+
+void Overlay::Keep(std::unique_ptr<char[]> bytes, std::size_t size) {
+  kept_.push_back(std::move(bytes));
+  Count(size);
+}
+
+// ---- reading -----------------------------------------------------------------------------------
+
+OverlayVersion const* Overlay::Find(OrderedKey const& key, CommitId state) const {
+  OverlayNode const* const node = FindNode(key, HashOf(key));
+  return node == nullptr ? nullptr : node->VersionAt(state);
+}
+
+OverlayNode const* Overlay::Below(OrderedKey const& key) const {
+  OverlayNode const* const head = &HeadOf(key.tree);
+  OverlayNode const* at = head;
+  for (int level = kMaxHeight - 1; level >= 0; --level) {
+    for (OverlayNode const* next = at->NextAt(level); next != nullptr && next->key() < key;
+         next = at->NextAt(level)) {
+      at = next;
+    }
+  }
+  return at == head ? nullptr : at;
+}
+
+OverlayNode const* Overlay::NotBelow(OrderedKey const& key) const {
+  OverlayNode const* const below = Below(key);
+  return below == nullptr ? First(key.tree) : below->Next();
+}
+
+OverlayNode const* Overlay::Last(Tree tree) const {
+  OverlayNode const* const head = &HeadOf(tree);
+  OverlayNode const* at = head;
+  for (int level = kMaxHeight - 1; level >= 0; --level) {
+    while (OverlayNode const* const next = at->NextAt(level)) at = next;
+  }
+  return at == head ? nullptr : at;
+}
+
+}  // namespace lscore

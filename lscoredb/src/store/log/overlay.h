@@ -1,0 +1,157 @@
+#ifndef LSCOREDB_SRC_OVERLAY_H
+#define LSCOREDB_SRC_OVERLAY_H
+
+// What one generation of the log changed, in memory: the versions of each changed entry of all five
+// trees, for readers of any state since the generation began.
+//
+// A node is a key. It hangs in a hash table, for look-ups, and in the skip list of its tree, for
+// walks. Its versions are a chain, the newest first:
+//
+//   hash table -> node "k" -> commit 9: "v3" -> commit 7: deleted -> null
+//                   |
+//                   v next, on each level
+//                 node "m" ...
+//
+// A reader of state 8 takes the first version that is not above 8, and finds "k" deleted. A key
+// without such a version is as the generation before, or the image, has it.
+//
+// One thread at a time writes; any number of threads read at the same time and take no lock. What
+// was linked stays until the overlay ends, and so do the bytes of keys and values, which lie in
+// memory that it gives out (TakeBytes) or is given (Keep).
+
+#include <array>
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string_view>
+#include <vector>
+
+#include "arena.h"
+#include "ids.h"
+#include "store.h"
+
+namespace lscore {
+
+// A key of a tree, ready to be compared: the order is that of the prefix, then that of the bytes.
+struct OrderedKey {
+  OrderedKey(Tree its_tree, std::string_view its_bytes);
+
+  Tree tree;
+  std::uint64_t prefix;
+  std::string_view bytes;
+
+  // REQUIRES: of one tree.
+  bool operator<(OrderedKey const& other) const {
+    return prefix != other.prefix ? prefix < other.prefix : bytes < other.bytes;
+  }
+  bool operator==(OrderedKey const& other) const {
+    return prefix == other.prefix && bytes == other.bytes && tree == other.tree;
+  }
+};
+
+struct OverlayVersion {
+  OverlayVersion* older;
+  CommitId commit;
+  std::string_view value;
+  bool deleted;
+};
+
+class OverlayNode {
+ public:
+  OrderedKey const& key() const { return key_; }
+  // The newest version that a reader of the state sees; null: none.
+  OverlayVersion const* VersionAt(CommitId state) const {
+    OverlayVersion const* version = newest_.load(std::memory_order_acquire);
+    while (version != nullptr && version->commit > state) version = version->older;
+    return version;
+  }
+  OverlayNode const* Next() const { return next_[0].load(std::memory_order_acquire); }
+
+ private:
+  friend class Overlay;
+  explicit OverlayNode(OrderedKey const& key) : key_(key) {}
+
+  OverlayNode* NextAt(int level) const { return next_[level].load(std::memory_order_acquire); }
+
+  OrderedKey key_;
+  std::size_t hash_ = 0;
+  std::atomic<OverlayVersion*> newest_{nullptr};
+  std::atomic<OverlayNode*> next_[1];  // as many as the node is high
+};
+
+class Overlay {
+ public:
+  Overlay();
+  Overlay(Overlay const&) = delete;
+  Overlay& operator=(Overlay const&) = delete;
+
+  // ---- writing ----
+
+  // REQUIRES: `commit` is not below that of any version there is.
+  void Write(OrderedKey const& key, std::string_view value, bool deleted, CommitId commit);
+  // From here on writes can be taken back.
+  void BeginChanges() { changed_.clear(); }
+  // Takes back the versions of `commit`, all of them written since BeginChanges.
+  void RollBack(CommitId commit);
+  // Memory for bytes of keys and values, without a gap behind what was taken before where it can.
+  char* TakeBytes(std::size_t size);
+  void Keep(std::unique_ptr<char[]> bytes, std::size_t size);
+
+  // ---- reading ----
+
+  OverlayVersion const* Find(OrderedKey const& key, CommitId state) const;
+  bool HasTree(Tree tree) const { return First(tree) != nullptr; }
+  OverlayNode const* First(Tree tree) const { return HeadOf(tree).Next(); }
+  OverlayNode const* Last(Tree tree) const;
+  OverlayNode const* NotBelow(OrderedKey const& key) const;
+  OverlayNode const* Below(OrderedKey const& key) const;
+
+  std::size_t nodes() const { return nodes_.load(std::memory_order_relaxed); }
+  // Of memory.
+  std::size_t bytes() const { return bytes_.load(std::memory_order_relaxed); }
+
+ private:
+  static constexpr int kMaxHeight = 14;
+  static constexpr std::size_t kFirstSlots = 256;
+  static constexpr std::size_t kFirstBytes = 4 * 1024;
+  static constexpr std::size_t kMostBytes = 256 * 1024;
+
+  struct Table {
+    explicit Table(std::size_t slots)
+        : mask(slots - 1), slot(std::make_unique<std::atomic<OverlayNode*>[]>(slots)) {}
+    std::size_t mask;
+    std::unique_ptr<std::atomic<OverlayNode*>[]> slot;
+  };
+
+  OverlayNode const& HeadOf(Tree tree) const { return *heads_[static_cast<std::size_t>(tree)]; }
+  static std::size_t HashOf(OrderedKey const& key);
+  OverlayNode* FindNode(OrderedKey const& key, std::size_t hash) const;
+  OverlayNode* NewNode(OrderedKey const& key, int height);
+  OverlayNode* Insert(OrderedKey const& key, std::size_t hash);
+  void FindPlace(OrderedKey const& key);
+  int RandomHeight();
+  void Link(OverlayNode* node);
+  void Grow();
+  static void Link(Table& table, OverlayNode* node);
+  void Count(std::size_t bytes) { bytes_.fetch_add(bytes, std::memory_order_relaxed); }
+
+  Arena arena_;
+  std::vector<std::unique_ptr<char[]>> kept_;
+  char* free_bytes_ = nullptr;
+  std::size_t free_size_ = 0;
+  std::size_t next_size_ = kFirstBytes;
+  std::array<OverlayNode*, kTreeCount> heads_;
+  // Where the last node of each tree went in: the next one is often near.
+  std::array<std::array<OverlayNode*, kMaxHeight>, kTreeCount> place_;
+  std::vector<std::unique_ptr<Table>> tables_;  // readers may still be in an older one
+  std::atomic<Table*> table_;
+  std::vector<OverlayNode*> changed_;
+  std::uint64_t random_ = 0x9E3779B97F4A7C15;
+  std::atomic<std::size_t> nodes_{0};
+  std::atomic<std::size_t> bytes_{0};
+};
+
+}  // namespace lscore
+
+#endif

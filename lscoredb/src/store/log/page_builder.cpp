@@ -1,0 +1,32 @@
+#include "page_builder.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "bytes.h"
+
+namespace lscore {
+
+bool PageBuilder::Add(KeyValue const& entry) {
+  std::string& bytes = page_.bytes;
+  if (offsets_.size() >= kMostEntries || entry.value.size() > kLargestValue ||
+      bytes.size() > kMostBytes) {
+    return false;
+  }
+  offsets_.push_back(static_cast<std::uint16_t>(bytes.size()));
+  Append(bytes, static_cast<std::uint32_t>(entry.value.size()));
+  Append(bytes, EntryPage::kPlain);
+  Append(bytes, static_cast<std::uint16_t>(entry.key.size()));
+  bytes.append(entry.key).append(entry.value);
+  return true;
+}
+
+BuiltPage PageBuilder::Finish() {
+  page_.slots = page_.bytes.size();
+  page_.count = offsets_.size();
+  if (!rising_) std::reverse(offsets_.begin(), offsets_.end());
+  for (std::uint16_t const offset : offsets_) Append(page_.bytes, offset);
+  return std::move(page_);
+}
+
+}  // namespace lscore

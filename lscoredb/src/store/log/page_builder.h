@@ -1,0 +1,46 @@
+#ifndef LSCOREDB_SRC_PAGE_BUILDER_H
+#define LSCOREDB_SRC_PAGE_BUILDER_H
+
+// Makes a page of entries (entry_page.h) out of some that are not together in one. One thread.
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "entry_page.h"
+
+namespace lscore {
+
+struct BuiltPage {
+  std::string bytes;
+  std::size_t slots = 0;
+  std::size_t count = 0;
+  std::size_t entered = 0;  // the offset of the entry that was added first
+
+  bool Enter(EntryPage* page) const {
+    return count > 1 && page->Enter(bytes.data(), bytes.size(), slots, count, entered);
+  }
+};
+
+class PageBuilder {
+ public:
+  // `rising`: entries are added in the order of their keys, else in the opposite order.
+  explicit PageBuilder(bool rising) : rising_(rising) {}
+
+  // Returns false, with nothing changed, when there is no room for the entry.
+  bool Add(KeyValue const& entry);
+  BuiltPage Finish();
+
+ private:
+  static constexpr std::size_t kMostEntries = 64;
+  static constexpr std::size_t kMostBytes = 16 * 1024;
+  static constexpr std::size_t kLargestValue = 1024;
+
+  bool rising_;
+  BuiltPage page_;
+  std::vector<std::uint16_t> offsets_;
+};
+
+}  // namespace lscore
+
+#endif

@@ -1,0 +1,39 @@
+#ifndef LSCOREDB_SRC_SYSTEM_CALL_H
+#define LSCOREDB_SRC_SYSTEM_CALL_H
+
+// Calls of the system that fail, as statuses.
+
+#include <cerrno>
+
+#include "status.h"
+
+namespace lscore {
+
+inline Status StatusOfErrno() {
+  switch (errno) {
+    case ENOSPC:
+    case EDQUOT:
+    case EFBIG:
+      return LSCOREDB_DISK_FULL;
+    case ENOMEM:
+      return LSCOREDB_NO_MEMORY;
+    default:
+      return LSCOREDB_IO_ERROR;
+  }
+}
+
+[[noreturn]] inline void ThrowErrno() { Throw(StatusOfErrno()); }
+
+// Calls again when a signal came in between. Throws when the result is -1.
+template <typename Call>
+auto Retry(Call const& call) {
+  for (;;) {
+    auto const result = call();
+    if (result != -1) return result;
+    if (errno != EINTR) ThrowErrno();
+  }
+}
+
+}  // namespace lscore
+
+#endif
