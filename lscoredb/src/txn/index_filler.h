@@ -1,0 +1,42 @@
+#ifndef LSCOREDB_SRC_INDEX_FILLER_H
+#define LSCOREDB_SRC_INDEX_FILLER_H
+
+// Fills a new index with the objects that are there. One thread at a time.
+
+#include <string>
+
+#include "row_reader.h"
+#include "schema_view.h"
+#include "transaction_state.h"
+
+namespace lscore {
+
+class IndexFiller {
+ public:
+  IndexFiller(TransactionState& state, SchemaView& schema, RowReader& reader)
+      : state_(state), schema_(schema), reader_(reader) {}
+
+  // Adds an entry for each object of the index's set. Throws LSCOREDB_DUPLICATE_KEY when two
+  // collide in a unique index.
+  void Fill(PendingIndex& entries);
+
+ private:
+  template <typename Visit>
+  void ForEachObjectOfSet(std::u16string const& setspec, Visit&& visit);
+  template <typename Visit>
+  void ScanSetIndex(IndexDefinition const& index, std::u16string const& setspec, Visit&& visit);
+  template <typename Visit>
+  void ScanRows(std::u16string const& setspec, Visit&& visit);
+  IndexDefinition const* FindSetIndex(std::u16string const& setspec);
+  static void CheckUnique(PendingIndex const& entries);
+
+  TransactionState& state_;
+  SchemaView& schema_;
+  RowReader& reader_;
+  KeyEncoder encoder_;
+  std::u16string text_;
+};
+
+}  // namespace lscore
+
+#endif

@@ -1,0 +1,110 @@
+#include "index_maintainer.h"
+
+#include "text.h"
+
+namespace lscore {
+
+template <typename Visit>
+void IndexMaintainer::ForEachCovering(PendingRow& row, Visit&& visit) {
+  if (!row.setspec.present || row.deleted) return;
+  if (row.covering == nullptr) {
+    Unpack(row.setspec.text(), text_);
+    row.covering = &schema_.CommittedCovering(text_);
+  }
+  for (IndexDefinition const* const index : *row.covering) {
+    if (!state_.changes.IsDropped(index->id)) visit(*index);
+  }
+  if (state_.changes.created_indexes().empty()) return;
+  Unpack(row.setspec.text(), text_);
+  for (auto const& index : state_.changes.created_indexes()) {
+    if (index->Covers(text_)) visit(*index);
+  }
+}
+
+IndexMaintainer::Affected& IndexMaintainer::AffectedBy(IndexDefinition const& index) {
+  for (std::size_t i = 0; i < affected_count_; ++i) {
+    if (affected_[i].index == &index) return affected_[i];
+  }
+  if (affected_count_ == affected_.size()) affected_.emplace_back();
+  Affected& affected = affected_[affected_count_++];
+  affected.index = &index;
+  affected.had_old = false;
+  affected.has_new = false;
+  return affected;
+}
+
+void IndexMaintainer::CollectKeys(PendingRow& row, std::optional<Token> token, bool before) {
+  ForEachCovering(row, [&](IndexDefinition const& index) {
+    if (token.has_value() && !index.HasColumn(*token)) return;
+    Affected& affected = AffectedBy(index);
+    (before ? affected.had_old : affected.has_new) = true;
+    KeyFacts const facts =
+        encoder_.Encode(index, RefOf(row), before ? affected.old_key : affected.new_key);
+    (before ? affected.old_facts : affected.new_facts) = facts;
+  });
+}
+
+PendingIndex& IndexMaintainer::Pending(IndexDefinition const& index) {
+  PendingIndex* const pending = state_.changes.FindIndex(index.id);
+  return pending != nullptr ? *pending : state_.changes.AddIndex(index, true);
+}
+
+// While a walk is open a duplicate may be one that passes; commit looks again.
+Status IndexMaintainer::CheckUnique(PendingRow const& row) {
+  if (scans_.any()) return LORV_STATUS_OK;
+  for (std::size_t i = 0; i < affected_count_; ++i) {
+    Affected& affected = affected_[i];
+    KeyFacts& facts = affected.new_facts;
+    if (!affected.index->unique() || !affected.has_new) continue;
+    if (facts.has_null || facts.has_unwritten) continue;
+    if (affected.SameKey() && !affected.old_facts.has_unwritten) continue;
+    PendingIndex& pending = Pending(*affected.index);
+    PendingKey const key{affected.new_key, row.id};
+    if (pending.HasOther(key, false)) return LSCOREDB_DUPLICATE_KEY;
+    if (pending.committed() && CommittedHasOther(*state_.snapshot, unique_cursor_, pending, key)) {
+      return LSCOREDB_DUPLICATE_KEY;
+    }
+    facts.known_unique = true;
+  }
+  return LORV_STATUS_OK;
+}
+
+void IndexMaintainer::ApplyKeys(PendingRow const& row, bool moved) {
+  bool const keep = scans_.any();
+  ++state_.now;
+  for (std::size_t i = 0; i < affected_count_; ++i) {
+    Affected const& affected = affected_[i];
+    PendingIndex& pending = Pending(*affected.index);
+    if (affected.SameKey() && !moved) {
+      pending.SetFacts({affected.new_key, row.id}, affected.new_facts);
+      continue;
+    }
+    bool const same = affected.SameKey();
+    if (affected.had_old && !same) pending.Remove({affected.old_key, row.id}, state_.now, keep);
+    if (affected.has_new) {
+      pending.Add({affected.new_key, row.id}, affected.new_facts, same, state_.now, keep);
+    }
+  }
+}
+
+Status IndexMaintainer::FinishChange(PendingRow& row, std::optional<Token> token,
+                                     PendingRow const& before) {
+  Status status = Guarded([&] {
+    CollectKeys(row, token, false);
+    return CheckUnique(row);
+  });
+  if (status != LORV_STATUS_OK) {
+    row = before;
+    return status;
+  }
+  row.changed = true;
+  status = Guarded([&] {
+    ApplyKeys(row, row.layout != before.layout);
+    return LORV_STATUS_OK;
+  });
+  if (status != LORV_STATUS_OK) state_.doomed = status;
+  reader_.NoteWritten(row);
+  return status;
+}
+
+}  // namespace lscore

@@ -1,0 +1,72 @@
+#ifndef LSCOREDB_SRC_INDEX_MAINTAINER_H
+#define LSCOREDB_SRC_INDEX_MAINTAINER_H
+
+// Keeps the indexes in step with the rows that a transaction changes: each change of a row goes
+// through here, and with it the entries of all indexes over the row. One thread at a time.
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "row_reader.h"
+#include "scans.h"
+#include "schema_view.h"
+#include "transaction_state.h"
+
+namespace lscore {
+
+class IndexMaintainer {
+ public:
+  IndexMaintainer(TransactionState& state, SchemaView& schema, RowReader& reader,
+                  Scans const& scans)
+      : state_(state), schema_(schema), reader_(reader), scans_(scans) {}
+
+  // One change of a row with the upkeep of the indexes over it; `change` must not throw. `token`:
+  // only indexes with that column are concerned. When it fails the row is as it was, but for cells
+  // that `change` wrote, which the caller puts back.
+  template <typename Change>
+  Status ChangeRow(PendingRow& row, std::optional<Token> token, Change&& change) {
+    affected_count_ = 0;
+    CollectKeys(row, token, true);
+    PendingRow const before = row;
+    change();
+    return FinishChange(row, token, before);
+  }
+
+ private:
+  // An index over a row that is being changed, and the row's keys in it.
+  struct Affected {
+    IndexDefinition const* index = nullptr;
+    bool had_old = false;
+    bool has_new = false;
+    KeyFacts old_facts;
+    KeyFacts new_facts;
+    KeyBytes old_key;
+    KeyBytes new_key;
+
+    bool SameKey() const { return had_old && has_new && old_key == new_key; }
+  };
+
+  template <typename Visit>
+  void ForEachCovering(PendingRow& row, Visit&& visit);
+  void CollectKeys(PendingRow& row, std::optional<Token> token, bool before);
+  Affected& AffectedBy(IndexDefinition const& index);
+  Status FinishChange(PendingRow& row, std::optional<Token> token, PendingRow const& before);
+  Status CheckUnique(PendingRow const& row);
+  void ApplyKeys(PendingRow const& row, bool moved);
+  PendingIndex& Pending(IndexDefinition const& index);
+
+  TransactionState& state_;
+  SchemaView& schema_;
+  RowReader& reader_;
+  Scans const& scans_;
+  KeyEncoder encoder_;
+  EntryCursor unique_cursor_;
+  std::vector<Affected> affected_;  // reused, so that keys keep their room
+  std::size_t affected_count_ = 0;
+  std::u16string text_;
+};
+
+}  // namespace lscore
+
+#endif

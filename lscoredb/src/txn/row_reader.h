@@ -1,0 +1,108 @@
+#ifndef LSCOREDB_SRC_ROW_READER_H
+#define LSCOREDB_SRC_ROW_READER_H
+
+// Reads rows for a transaction, in whichever form they are: as it wrote them itself, from the rows
+// that all contexts share, or from its snapshot. Rows that it is busy with are cached, and so is
+// where their columns lie. docs/rows.md tells of the forms. One thread at a time.
+
+#include <cstdint>
+#include <string_view>
+
+#include "assembled_images.h"
+#include "column_access_plans.h"
+#include "iterator.h"
+#include "schema_view.h"
+#include "shared_row_cache.h"
+#include "status.h"
+#include "transaction_row_cache.h"
+#include "transaction_state.h"
+
+namespace lscore {
+
+class RowReader {
+ public:
+  RowReader(TransactionState& state, SchemaView& schema)
+      : state_(state), schema_(schema), shared_rows_(state.database->rows()) {}
+
+  // `usable`: what Store::Notice returned for the snapshot.
+  void Begin(bool usable) { shared_rows_.Begin(state_.snapshot->id(), usable); }
+  void End();
+
+  // Null: there is no such object. A deleted one is found as such. Valid until the row is written,
+  // or another one is looked for.
+  RowRef const* FindRow(ObjectId id) {
+    RowRef const* const cached = cache_.Find(id);
+    return cached != nullptr ? cached : LoadRow(id);
+  }
+  // LORV_STATUS_UNREACHABLE for a deleted object, LORV_STATUS_NO_OBJECT for a missing one.
+  Status FindLive(ObjectId id, RowRef const** out);
+
+  // The value of `column` as layout `as` has it; kNoLayout: the object's own.
+  Status Read(ObjectId id, LayoutNumber as, std::uint32_t column, TypeSet types, Cell* out);
+  // The same for the value of a fixed column.
+  [[gnu::always_inline]] Status ReadFixed(ObjectId id, LayoutNumber as, std::uint32_t column,
+                                          TypeSet types, std::uint64_t* out) {
+    RowRef const* const row = FindRow(id);
+    ColumnAccessPlan const* const plan =
+        row == nullptr ? nullptr : FindAccessPlan(*row, as, column, types);
+    if (plan == nullptr) return ReadOtherFixed(id, as, column, types, out);
+    RowImage const image(row->image);
+    std::uint64_t const present = image.FirstWord() & plan->mask;
+    if (present == plan->pattern) [[likely]] {
+      *out = image.FixedAt(plan->offset);
+      return LORV_STATUS_OK;
+    }
+    std::uint64_t const below = plan->mask >> 1;
+    if (present <= below) return ReadOtherFixed(id, as, column, types, out);
+    std::uint32_t const before = RowImage::CountBits(present & below);
+    std::uint32_t const usual = RowImage::CountBits(plan->pattern & below);
+    *out = image.FixedAt(plan->offset + std::size_t{8} * before - std::size_t{8} * usual);
+    return LORV_STATUS_OK;
+  }
+  Status Setspec(ObjectId id, Cell* out);
+  // The object's layout. LORV_STATUS_NO_OBJECT: there is none.
+  Status Lookup(ObjectId id, LayoutNumber* out);
+
+  // After the transaction wrote the row, and after a rollback took back what it wrote.
+  void NoteWritten(PendingRow const& row) { cache_.Put(RefOf(row)); }
+  void Forget(ObjectId id) { cache_.Forget(id); }
+
+  // Whether the committed image of a row that was read lies in overflow chunks.
+  bool IsAssembled(ObjectId id) const { return assembled_.Find(id) != nullptr; }
+  void BeginScope() { assembled_.BeginScope(); }
+  // REQUIRES: a scope is open.
+  void EndScope();
+
+  ScanSource scan_source() {
+    return {state_.snapshot.get(), &state_.changes, &cache_, &shared_rows_, state_.now};
+  }
+
+ private:
+  // Null: not planned, or there is no image.
+  ColumnAccessPlan const* FindAccessPlan(RowRef const& row, LayoutNumber as, std::uint32_t column,
+                                         TypeSet types) const {
+    return row.image == nullptr ? nullptr : plans_.Find(*row.layout, as, column, types);
+  }
+  void NoteAccessPlan(RowRef const& row, LayoutNumber as, std::uint32_t column);
+  // Kept out of the way of what is read most.
+  [[gnu::noinline]] Status ReadOtherFixed(ObjectId id, LayoutNumber as, std::uint32_t column,
+                                          TypeSet types, std::uint64_t* out);
+  [[gnu::noinline]] RowRef const* LoadRow(ObjectId id);
+  RowRef const* ReadFromStore(ObjectId id);
+  char const* AssembleImage(ObjectId id, std::string_view stub);
+  Status ReadUnplanned(RowRef const& row, LayoutNumber as, std::uint32_t column, TypeSet types,
+                       Cell* out);
+  Status ReadAs(RowRef const& row, LayoutNumber as, std::uint32_t column, TypeSet types, Cell* out);
+  static Status ReadOwn(RowRef const& row, std::uint32_t column, Cell* out);
+
+  TransactionState& state_;
+  SchemaView& schema_;
+  SharedRowCache::Reader shared_rows_;
+  AssembledImages assembled_;
+  RowsInUse cache_;
+  ColumnAccessPlans plans_;
+};
+
+}  // namespace lscore
+
+#endif

@@ -1,0 +1,84 @@
+#ifndef LSCOREDB_SRC_ROW_WRITER_H
+#define LSCOREDB_SRC_ROW_WRITER_H
+
+// Writes rows into the write set of a transaction. A row that is written first becomes pending: an
+// editable form whose values stay in the snapshot until they are replaced. Either a call succeeds
+// or it changes nothing. One thread at a time.
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "column_access_plans.h"
+#include "index_maintainer.h"
+#include "row_reader.h"
+#include "schema_view.h"
+#include "transaction_state.h"
+
+namespace lscore {
+
+// What a write puts into a column.
+struct NewValue {
+  enum class Kind : std::uint8_t { kFixed, kText, kBinary, kNull };
+  Kind kind = Kind::kNull;  // null, or zero where the column is not nullable
+  std::uint64_t bits = 0;
+  std::u16string_view text;
+  std::string_view bytes;
+};
+
+class RowWriter {
+ public:
+  RowWriter(TransactionState& state, SchemaView& schema, RowReader& reader,
+            IndexMaintainer& indexes)
+      : state_(state), schema_(schema), reader_(reader), indexes_(indexes) {}
+
+  // Throws LSCOREDB_UNKNOWN_LAYOUT.
+  ObjectId Insert(LayoutNumber number);
+  // LSCOREDB_ID_IN_USE, LSCOREDB_ID_GIVEN_OUT, LSCOREDB_INVALID_ARGUMENT: not this identity.
+  Status InsertWithId(LayoutNumber number, ObjectId id);
+  Status Write(ObjectId id, LayoutNumber as, std::uint32_t column, TypeSet types,
+               NewValue const& value);
+  // LSCOREDB_SET_CLOSED: the set takes no more objects. A new object goes then.
+  Status WriteSetspec(ObjectId id, std::u16string_view setspec);
+  Status Delete(ObjectId id);
+  // Puts the object under another layout; columns are matched by token.
+  Status Move(ObjectId id, LayoutNumber to);
+
+  void End() noexcept;
+
+ private:
+  struct Target {
+    Layout const* layout;
+    std::uint32_t column;
+  };
+
+  Layout const& LayoutToInsert(LayoutNumber number);
+  bool ChooseId(ObjectId id);
+  PendingRow& AddInserted(Layout const& layout, ObjectId id);
+  PendingRow& Promote(RowRef const& row);
+  Status FindTarget(RowRef const& row, LayoutNumber as, std::uint32_t column, TypeSet types,
+                    Target* out);
+  Status FindTargetByToken(RowRef const& row, Column const& wanted, Target* out);
+  bool SameSet(RowRef const& row, Layout const& layout);
+  void NoteExample(PendingRow const& row) {
+    if (row.setspec.present) state_.changes.NoteExample(row);
+  }
+  // Whether the set is closed to a row that is not in it.
+  bool IsClosedTo(RowRef const& row, std::u16string_view setspec);
+  Status RefuseClosedSet(RowRef const& row);
+  Status MoveUnder(PendingRow& row, Layout const& layout, Cell* cells);
+  Cell NewCell(Column const& column, NewValue const& value);
+  Cell* CellsUnder(PendingRow const& row, Layout const& to);
+
+  TransactionState& state_;
+  SchemaView& schema_;
+  RowReader& reader_;
+  IndexMaintainer& indexes_;
+  std::vector<ObjectId> chosen_;  // identities that the allocator keeps clear of
+  std::u16string text_;
+};
+
+}  // namespace lscore
+
+#endif

@@ -1,0 +1,53 @@
+#ifndef LSCOREDB_SRC_SAVEPOINTS_H
+#define LSCOREDB_SRC_SAVEPOINTS_H
+
+// The savepoints that a transaction has open, innermost last. One thread at a time.
+
+#include <cstdint>
+#include <vector>
+
+#include "result_buffers.h"
+#include "row_reader.h"
+#include "scans.h"
+#include "transaction_state.h"
+
+namespace lscore {
+
+class Savepoints {
+ public:
+  Savepoints(TransactionState& state, RowReader& reader, Scans& scans, ResultBuffers& results)
+      : state_(state), reader_(reader), scans_(scans), results_(results) {}
+
+  // Never 0, and never given twice in a process.
+  std::uint64_t Set();
+  // Takes back what was written since, and ends later savepoints and scans that began since.
+  // LSCOREDB_UNKNOWN_SAVEPOINT: it is none, or none any more.
+  Status RollbackTo(std::uint64_t savepoint);
+  // Ends the savepoint and later ones; what was written stays.
+  Status Release(std::uint64_t savepoint);
+
+  // After a read scope ended, and values with it.
+  void ForgetResults();
+  void End() noexcept { savepoints_.clear(); }
+
+ private:
+  struct Savepoint {
+    std::uint64_t number = 0;
+    PendingChanges::Mark written;
+    std::size_t handed_out = 0;  // texts and binaries
+    std::uint64_t scans = 0;     // that were opened
+    Status doomed = LORV_STATUS_OK;
+  };
+
+  std::vector<Savepoint>::iterator Find(std::uint64_t number);
+
+  TransactionState& state_;
+  RowReader& reader_;
+  Scans& scans_;
+  ResultBuffers& results_;
+  std::vector<Savepoint> savepoints_;
+};
+
+}  // namespace lscore
+
+#endif

@@ -1,0 +1,56 @@
+#ifndef LSCOREDB_SRC_SCHEMA_VIEW_H
+#define LSCOREDB_SRC_SCHEMA_VIEW_H
+
+// Layouts and indexes as a transaction sees them: those of its snapshot and its own. What it
+// returns is valid until the transaction ends. One thread at a time.
+
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "closed_sets.h"
+#include "transaction_state.h"
+
+namespace lscore {
+
+class SchemaView {
+ public:
+  explicit SchemaView(TransactionState& state) : state_(state) {}
+
+  // Null: there is none.
+  Layout const* FindLayout(LayoutNumber number) const;
+  // Newest first.
+  std::vector<Layout const*> LayoutsOf(Token token) const;
+
+  // Null: there is none.
+  IndexDefinition const* FindIndex(IndexId id);
+  // Newest first.
+  std::vector<IndexDefinition const*> IndexesOf(Token token);
+  // The committed indexes over a set, with those that the transaction has dropped.
+  IndexList const& CommittedCovering(std::u16string const& setspec) {
+    return catalogue().Covering(*state_.snapshot, setspec);
+  }
+  // Whether a set takes no more objects (closed_sets.h).
+  bool IsClosed(std::u16string_view setspec) {
+    return state_.changes.IsClosed(setspec) || known_open_.IsClosed(*state_.snapshot, setspec);
+  }
+  // Of the committed indexes.
+  CommitId version() { return catalogue().version(); }
+
+  void End() noexcept {
+    catalogue_.reset();
+    known_open_.Forget();
+  }
+
+ private:
+  IndexCatalogue& catalogue();
+
+  TransactionState& state_;
+  KnownOpenSet known_open_;
+  std::shared_ptr<IndexCatalogue> catalogue_;  // fetched when it is first needed
+};
+
+}  // namespace lscore
+
+#endif
