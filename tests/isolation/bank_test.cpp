@@ -1,6 +1,7 @@
-// A bank: money moves between accounts in several threads, accounts are opened and closed, others
-// add it all up, and the schema changes beside them. No snapshot shows more or less money than
-// there is, and the history of all transactions is one that snapshot isolation allows.
+// A bank: money moves between accounts in several threads, some transfers are taken back to a
+// savepoint and made otherwise, accounts are opened and closed, others add it all up, and the schema
+// changes beside them. No snapshot shows more or less money than there is, and the history of all
+// transactions is one that snapshot isolation allows.
 
 #include <gtest/gtest.h>
 
@@ -70,8 +71,20 @@ class BankTest : public ::testing::Test {
     Object const payee = Account(work, to);
     std::int64_t const had = BalanceOf(work, payer);
     std::int64_t const has = BalanceOf(work, payee);
+    if (random() % 3 == 0) ThinkAgain(work, random);
     Put(work, payer, had - amount);
     Put(work, payee, has + amount);
+  }
+
+  // A transfer to a new account that is taken back: others may change what it wrote meanwhile.
+  void ThinkAgain(Recorded& work, std::mt19937_64& random) const {
+    Object const payer = Account(work, random() % kAccounts);
+    std::int64_t const had = BalanceOf(work, payer);
+    work.TakeBack([&] {
+      Put(work, payer, had - 1);
+      Put(work, Object::Create(work.transaction(), *payer.table()), 1);
+    });
+    EXPECT_EQ(had, *Balance(payer).Get(payer));
   }
 
   // Opens an account with money of another one, and closes it again in the next transaction.

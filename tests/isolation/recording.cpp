@@ -58,6 +58,16 @@ void Recorded::Wrote(sagleme::Object const& object) {
 
 void Recorded::Deletes(sagleme::Object const& object) { NoteWrite(object.id().value); }
 
+void Recorded::TakeBack(std::function<void()> const& body) {
+  auto const writes = record_.writes;
+  auto const written = written_;
+  sagleme::Savepoint savepoint(transaction_);
+  body();
+  savepoint.Rollback();
+  record_.writes = writes;
+  written_ = written;
+}
+
 bool Recorded::Commit() {
   record_.end_called = recorder_.Now();
   try {

@@ -60,6 +60,9 @@ class Recorded {
   // Notes a deletion. REQUIRES: the object was seen.
   void Deletes(sagleme::Object const& object);
 
+  // Runs `body` behind a savepoint and takes back what it wrote: it is as if it had only read.
+  void TakeBack(std::function<void()> const& body);
+
   // Whether it was committed; false after a conflict. Any other refusal is thrown.
   bool Commit();
 

@@ -1,5 +1,7 @@
 // Long seeded runs of schema changes and object operations on a database, against the model.
 //
+// Transactions are committed and rolled back, and rolled back to savepoints, which nest.
+//
 // A run is cut into legs. Each leg is a process of its own: it replays the model up to its start,
 // without a database, opens the directory that the leg before it left, and goes on. What has to be
 // carried over beside the seed are the identities that the database gave out.
@@ -33,7 +35,7 @@ std::size_t StepsOfLeg(std::uint64_t seed, std::size_t leg) {
 
 constexpr std::size_t kRemembered = 60;  // operations told of a run that failed
 
-enum class StepKind { kOperation, kCommit, kRollback };
+enum class StepKind { kOperation, kCommit, kRollback, kSavepoint, kRollbackTo, kRelease };
 
 struct Step {
   StepKind kind = StepKind::kOperation;
@@ -41,6 +43,7 @@ struct Step {
   Outcome expected;
   bool clean = true;  // false: a failure that leaves a part of its change until the rollback
   Model before;
+  std::size_t savepoint = 0;  // which of the open ones
 };
 
 // The model's side of a run: what comes next, and what it must answer.
@@ -51,8 +54,10 @@ class Script {
   Model const& model() const { return model_; }
 
   Step Next() {
-    if (must_roll_back_ || generator_.Chance(3)) return RollBack();
+    if (must_roll_back_ || generator_.Chance(6)) return RollBackSomewhere();
     if (generator_.Chance(8)) return Commit();
+    if (savepoints_.size() < kMostSavepoints && generator_.Chance(6)) return SetSavepoint();
+    if (!savepoints_.empty() && generator_.Chance(4)) return Release();
     Step step;
     step.operation = generator_.Draw(model_);
     step.before = model_;
@@ -68,24 +73,63 @@ class Script {
   Step Commit() {
     model_.Commit();
     committed_ = model_;
+    savepoints_.clear();
     Step step;
     step.kind = StepKind::kCommit;
     return step;
   }
 
   Step RollBack() {
-    Model restored = committed_;
-    restored.SkipRowsOf(model_);
-    model_ = std::move(restored);
-    must_roll_back_ = false;
+    Restore(committed_);
+    savepoints_.clear();
     Step step;
     step.kind = StepKind::kRollback;
     return step;
   }
 
+  Step RollBackSomewhere() {
+    if (savepoints_.empty() || generator_.Chance(40)) return RollBack();
+    Step step;
+    step.kind = StepKind::kRollbackTo;
+    step.savepoint = AnySavepoint();
+    savepoints_.resize(step.savepoint + 1);
+    Restore(savepoints_.back());
+    return step;
+  }
+
+  Step SetSavepoint() {
+    savepoints_.push_back(model_);
+    Step step;
+    step.kind = StepKind::kSavepoint;
+    return step;
+  }
+
+  Step Release() {
+    Step step;
+    step.kind = StepKind::kRelease;
+    step.savepoint = AnySavepoint();
+    savepoints_.resize(step.savepoint);
+    return step;
+  }
+
+  std::size_t AnySavepoint() {
+    std::size_t number = savepoints_.size() - 1;
+    while (number > 0 && generator_.Chance(40)) --number;
+    return number;
+  }
+
+  void Restore(Model restored) {
+    restored.SkipRowsOf(model_);
+    model_ = std::move(restored);
+    must_roll_back_ = false;
+  }
+
+  static constexpr std::size_t kMostSavepoints = 4;
+
   Generator generator_;
   Model model_;
   Model committed_;
+  std::vector<Model> savepoints_;  // as it was at each that is open
   bool must_roll_back_ = false;
 };
 
@@ -140,10 +184,35 @@ class Leg {
         Remember("roll back");
         differences_.Same("status of the rollback", 0u, lscoredb_rollback(session_.context()));
         break;
+      default:
+        return TakeSavepointStep(step);
     }
+    savepoints_.clear();
     database_.Begin();
     differences_.Same("status of the refresh", 0u, session_.RefreshHandles());
     CompareAll();
+  }
+
+  void TakeSavepointStep(Step const& step) {
+    std::uint64_t const context = session_.context();
+    std::string const which = std::to_string(step.savepoint);
+    if (step.kind == StepKind::kSavepoint) {
+      Remember("savepoint " + std::to_string(savepoints_.size()));
+      differences_.Same("status of the savepoint", 0u,
+                        lscoredb_savepoint(context, &savepoints_.emplace_back()));
+    } else if (step.kind == StepKind::kRelease) {
+      Remember("release " + which);
+      differences_.Same("status of the release", 0u,
+                        lscoredb_release(context, savepoints_.at(step.savepoint)));
+      savepoints_.resize(step.savepoint);
+    } else {
+      Remember("roll back to " + which);
+      differences_.Same("status of the rollback", 0u,
+                        lscoredb_rollback_to(context, savepoints_.at(step.savepoint)));
+      savepoints_.resize(step.savepoint + 1);
+      differences_.Same("status of the refresh", 0u, session_.RefreshHandles());
+      CompareAll();
+    }
   }
 
   void TakeOperation(Step const& step) {
@@ -182,6 +251,7 @@ class Leg {
   Session session_{database_};
   Differences differences_;
   std::deque<std::string> history_;
+  std::vector<std::uint64_t> savepoints_;  // the database's numbers of those that are open
   std::size_t steps_ = 0;
 };
 
