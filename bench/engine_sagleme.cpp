@@ -175,6 +175,20 @@ class SaglemeEngine : public Engine {
       Check(lorv_crud_WriteLong(id(), handles_->plain, object.oid, object.addr, value));
     });
   }
+  void UpdateAndTakeBack(std::int64_t value) override {
+    std::span<Object const> const all(references_);
+    Write([&] {
+      for (std::size_t begin = 0; begin < all.size(); begin += kGroup) {
+        std::uint64_t savepoint = 0;
+        Check(lscoredb_savepoint(id(), &savepoint));
+        for (Object const& object : all.subspan(begin, std::min(kGroup, all.size() - begin))) {
+          Check(lorv_crud_WriteLong(id(), handles_->plain, object.oid, object.addr, value));
+        }
+        Check(lscoredb_rollback_to(id(), savepoint));
+        Check(lscoredb_release(id(), savepoint));
+      }
+    });
+  }
   void UpdateIndexed(std::int64_t flip) override {
     ForBatches([&](Object const& object) {
       std::int64_t value = 0;

@@ -99,6 +99,9 @@ class Statements {
   Connection connection;
   Statement begin{connection.handle(), "begin"};
   Statement begin_writing{connection.handle(), "begin immediate"};
+  Statement savepoint{connection.handle(), "savepoint s"};
+  Statement rollback_to{connection.handle(), "rollback to s"};
+  Statement release{connection.handle(), "release s"};
   Statement commit{connection.handle(), "commit"};
   Statement insert{connection.handle(), "insert into thing values (?, ?, ?, ?, ?, ?, ?)"};
   Statement read_one{connection.handle(), "select plain from thing where id = ?"};
@@ -192,6 +195,19 @@ class SqliteEngine : public Engine {
 
   void UpdatePlain(std::int64_t value) override { Update(statements_->update_plain, value); }
   void UpdateIndexed(std::int64_t flip) override { Update(statements_->update_indexed, flip); }
+  void UpdateAndTakeBack(std::int64_t value) override {
+    statements_->begin_writing.Run();
+    for (std::size_t begin = 0; begin < selected().size(); begin += kGroup) {
+      statements_->savepoint.Run();
+      for (Number const i :
+           selected().subspan(begin, std::min(kGroup, selected().size() - begin))) {
+        statements_->update_plain.Bind(1, value).Bind(2, std::int64_t{i} + 1).Run();
+      }
+      statements_->rollback_to.Run();
+      statements_->release.Run();
+    }
+    statements_->commit.Run();
+  }
 
   void Close() override {
     if (!directory_.empty()) statements_.reset();

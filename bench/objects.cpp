@@ -194,6 +194,15 @@ class ObjectBench {
                engine.UpdateIndexed(0x155555555);
                return Sum{0};
              }});
+    Measure({"set a savepoint, update 10 plain columns, take them back; for each update",
+             count,
+             {{kSqliteMemory, 1.0}, {kSqliteWal, 1.0}},
+             some,
+             [&](Engine& engine, std::size_t round) {
+               engine.UpdateAndTakeBack(static_cast<std::int64_t>(round) + 7);
+               return Sum{0};
+             },
+             {kLmdb, kHash}});
   }
 
   void Creates() {
