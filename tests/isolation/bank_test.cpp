@@ -1,7 +1,7 @@
 // A bank: money moves between accounts in several threads, some transfers are taken back to a
-// savepoint and made otherwise, accounts are opened and closed, others add it all up, and the schema
-// changes beside them. No snapshot shows more or less money than there is, and the history of all
-// transactions is one that snapshot isolation allows.
+// savepoint and made otherwise, accounts are opened and closed, others add it all up, and the
+// schema changes beside them. No snapshot shows more or less money than there is, and the history
+// of all transactions is one that snapshot isolation allows.
 
 #include <gtest/gtest.h>
 
