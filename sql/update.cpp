@@ -67,6 +67,8 @@ class Row {
   void Fill(Table const& table, std::uint64_t oid);
   void Assign(std::uint64_t oid);
   void ClearTheWay(Table const& table, std::uint64_t oid);
+  void PutAll(Table const& table, std::uint64_t oid);
+  void RequireTarget(Table const& table, Assignment const& assignment) const;
   void Check(std::uint32_t status) const;
   std::string UniqueIndexes() const;
   bool replaces() const {
@@ -185,11 +187,27 @@ std::uint64_t Row::Create(Table const& table, std::uint64_t id) {
   return oid;
 }
 
-// An object enters the indexes once, with its set specifier, when it has its values.
-void Row::Fill(Table const& table, std::uint64_t oid) {
+void Row::RequireTarget(Table const& table, Assignment const& assignment) const {
+  auto const* const target = std::get_if<ObjectId>(&assignment.input.value());
+  if (target == nullptr) return;
+  try {
+    sagleme::RequireTarget(at_.transaction(), table, table.columns[assignment.column->ordinal],
+                           *target);
+  } catch (Error const& error) {
+    throw Failure(SQLITE_CONSTRAINT, std::string("FOREIGN KEY constraint failed: ") + error.what());
+  }
+}
+
+void Row::PutAll(Table const& table, std::uint64_t oid) {
   for (Assignment const& each : assignments_) {
+    RequireTarget(table, each);
     Check(each.input.Put(At(oid, table.layout, *each.column)));
   }
+}
+
+// An object enters the indexes once, with its set specifier, when it has its values.
+void Row::Fill(Table const& table, std::uint64_t oid) {
+  PutAll(table, oid);
   Check(lorv_context_put_setspec(context_, oid, table.layout, table.setspec.c_str()));
 }
 
@@ -233,9 +251,7 @@ void Row::Assign(std::uint64_t oid) {
   Undo undo(context_);
   TablePtr const table = replaces() ? at_.TableOf(oid) : nullptr;
   if (table != nullptr) ClearTheWay(*table, oid);
-  for (Assignment const& each : assignments_) {
-    Check(each.input.Put(At(oid, shape_.table->layout, *each.column)));
-  }
+  PutAll(*shape_.table, oid);
   undo.Keep();
 }
 

@@ -24,7 +24,7 @@ class Kernel {
   explicit Kernel(std::string const& directory) {
     lscoredb_options options{};
     options.size = sizeof options;
-    detail::CheckKernel(lscoredb_open(directory.c_str(), &options, &handle_));
+    detail::CheckOpened(lscoredb_open(directory.c_str(), &options, &handle_), directory);
   }
   ~Kernel() { lscoredb_close(handle_); }
   Kernel(Kernel const&) = delete;
@@ -152,10 +152,7 @@ void CheckCatalogue(Transaction& transaction, CheckOptions const& options,
 
 void CheckDatabase(std::string const& directory, CheckOptions const& options,
                    FindingReport const& report) {
-  // The kernel would make one.
-  if (!Database::ExistsIn(directory)) {
-    throw Error(LSCOREDB_NOT_A_DATABASE, "There is no database in " + directory + ".");
-  }
+  detail::RequireDataFile(directory);  // the kernel would make one
   KernelFindings const findings = Kernel(directory).Check();
   for (KernelFinding const& finding : findings) {
     if (EndsReading(finding)) return TellAll(findings, report);

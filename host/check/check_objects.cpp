@@ -60,7 +60,8 @@ class ObjectCheck {
     try {
       Value const value = object.Get(table, column);
       auto const* const id = std::get_if<ObjectId>(&value);
-      if (options_.references && id != nullptr && !column.target.empty()) {
+      bool const looked_at = options_.references && !table.system && !column.target.empty();
+      if (looked_at && id != nullptr) {
         CheckReference(object, name, column, *id);
       }
     } catch (Error const& error) {
@@ -71,11 +72,10 @@ class ObjectCheck {
   void CheckReference(Object const& object, std::string const& table, Column const& column,
                       ObjectId id) {
     auto const target = Object::Find(transaction_, id);
-    TablePtr const wanted = transaction_.Find(column.target);
-    if (target && wanted != nullptr && target->setspec().starts_with(wanted->setspec)) return;
+    if (target && transaction_.Holds(column.target_id, target->reference())) return;
+    std::string const what = target ? "is not of " + ToUtf8(column.target) : "does not exist";
     Tell("reference", table, object,
-         Say("column {} refers to {}, which is not a {}", ToUtf8(column.name), id.value,
-             ToUtf8(column.target)));
+         Say("column {} refers to object {}, which {}", ToUtf8(column.name), id.value, what));
   }
 
   Transaction& transaction_;

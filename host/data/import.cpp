@@ -47,7 +47,14 @@ void Importer::Add(std::vector<RowField> const& row) {
 void Importer::Write(Object& object, Table const& table, Assignment const& assignment,
                      std::vector<Assignment> const& all) {
   try {
-    object.Set(table, *assignment.column, assignment.value);
+    // With their ids kept objects may refer to rows that come later.
+    if (keep_ids_ && assignment.column->type == Type::kReference) {
+      detail::PutValue(
+          {transaction_.context(), object.id().value, table.layout, assignment.column->ordinal},
+          Type::kReference, assignment.value);
+    } else {
+      object.Set(table, *assignment.column, assignment.value);
+    }
   } catch (Error const& error) {
     if (error.status() == LSCOREDB_DUPLICATE_KEY) RefuseDuplicate(object, table, assignment, all);
     throw BadRow(assignment.place,

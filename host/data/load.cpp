@@ -151,7 +151,10 @@ class Loader {
     auto object = Object::CreateWithId(transaction, table, {json["id"].get<std::uint64_t>()});
     for (std::size_t i = 0; i < columns.size(); ++i) {
       if (values[i].is_null()) continue;
-      object.Set(table, *columns[i], ParseJsonValue(columns[i]->type, values[i]));
+      // A reference may lead to an object of a later line.
+      detail::PutValue(
+          {transaction.context(), object.id().value, table.layout, columns[i]->ordinal},
+          columns[i]->type, ParseJsonValue(columns[i]->type, values[i]));
     }
   }
 

@@ -24,8 +24,8 @@
 //                the layout of a table or for the removal of what no table has
 //   object       an object belongs to a table or waits to be removed, lies under its table's layout
 //                or waits to be moved, and can be read in full
-//   reference    a reference leads to an object of its target (only on request: deleting an object
-//                does not look for references to it)
+//   reference    a reference leads to an object of its target: deleting an object does not look for
+//                references to it. The catalogue's own are not looked at
 //
 // Memory grows with the catalogue and the findings of the kernel's part, not with the objects.
 
@@ -49,7 +49,7 @@ struct Finding {
 using FindingReport = std::function<void(Finding const&)>;
 
 struct CheckOptions {
-  bool references = false;
+  bool references = true;  // look for references that lead nowhere
 };
 
 // Checks the newest committed state of the database in `directory`, also when the process has it

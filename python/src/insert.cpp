@@ -405,27 +405,30 @@ std::vector<ArrowColumn> ArrowColumns(Binding const& binding, ArrowSchema const&
   return columns;
 }
 
-// References are given by identity and have to lead to objects.
-void NeedReference(Transaction const* transaction, Datum const& value, std::int64_t row) {
-  if (value.tag == Datum::Tag::kNull) return;
-  std::uint64_t addr = 0;
-  auto const status =
-      lorv_context_lookup(transaction->context_id, static_cast<std::uint64_t>(value.whole), &addr);
-  if (status == 0) return;
-  throw sagleme::Error(LSCOREDB_INVALID_ARGUMENT,
-                       "row " + std::to_string(row) + ": no object " + std::to_string(value.whole));
+// References are given by identity and have to lead to objects of their target.
+void NeedReference(Transaction const* transaction, sagleme::Table const& table,
+                   BoundColumn const& column, Datum const& value, std::int64_t row) {
+  if (column.kind != Kind::kReference || value.tag == Datum::Tag::kNull) return;
+  try {
+    sagleme::RequireTarget(*transaction->kernel, table, table.columns[column.ordinal],
+                           {static_cast<std::uint64_t>(value.whole)});
+  } catch (sagleme::Error const& error) {
+    throw sagleme::Error(LSCOREDB_INVALID_ARGUMENT,
+                         "row " + std::to_string(row) + ": " + error.what());
+  }
 }
 
 void InsertArray(Transaction* transaction, Binding const& binding, ArrowArray const& array,
                  std::vector<ArrowColumn>& columns, std::vector<Target> const& fallbacks) {
   std::u16string room;
+  sagleme::TablePtr const table = transaction->kernel->BySetspec(binding.setspec);
   for (std::size_t i = 0; i < columns.size(); ++i) columns[i].Use(*array.children[i]);
   for (std::int64_t row = 0; row < array.length; ++row) {
     std::uint64_t const oid = InsertWithFallbacks(transaction, binding, fallbacks);
     for (ArrowColumn const& each : columns) {
       BoundColumn const& column = each.column();
       Datum const value = each.Read(row + array.offset, room);
-      if (column.kind == Kind::kReference) NeedReference(transaction, value, row);
+      NeedReference(transaction, *table, column, value, row);
       Cell const at{transaction->context_id, oid, binding.layout, column.ordinal};
       sagleme::detail::CheckKernel(PutDatum(at, column.kind, value));
     }

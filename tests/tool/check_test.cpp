@@ -24,7 +24,7 @@ class CheckTest : public ToolTest {
     On("import", {"Person", "-"}, 0, "Name\nAda\n");
     On("import", {"Book", "-"}, 0,
        "Title,Pages,Owner,Isbn,Price\nOne,1,Name=Ada,1,1\nTwo,2,,2,2\n");
-    On("check", {"--references"});
+    On("check");
   }
 
   // Writes past all rules, in a transaction that is kept.
@@ -237,12 +237,26 @@ TEST_F(CheckTest, APageThatIsNone_IsFoundBeforeAnythingIsRead) {
   EXPECT_TRUE(Finding("pages")["table"].is_null());
 }
 
-TEST_F(CheckTest, AReferenceThatLeadsNowhere_IsFoundOnRequest) {
+TEST_F(CheckTest, AReferenceThatLeadsNowhere_IsFound) {
   Plant([](sagleme::Transaction& transaction) {
     sagleme::Range::Only(transaction, *transaction.table(u"App.Person")).Next()->Delete();
   });
-  On("check");
-  EXPECT_EQ("App.Book", Finding("reference", {"--references"})["table"]);
+  EXPECT_EQ("App.Book", Finding("reference")["table"]);
+  On("check", {"--no-references"});
+}
+
+TEST_F(CheckTest, AReferenceToAnotherTable_IsFound) {
+  Plant([](sagleme::Transaction& transaction) {
+    auto const table = transaction.table(u"App.Book");
+    auto const book = *sagleme::Range::Only(transaction, *table).Next();
+    auto const owner = table->GetColumn(u"Owner").ordinal;
+    ASSERT_EQ(0u, lorv_context_put_reference(transaction.context(), book.id().value, table->layout,
+                                             owner, book.id().value, 0));
+  });
+  Json const finding = Finding("reference");
+  EXPECT_NE(std::string::npos,
+            finding["problem"].get<std::string>().find("which is not of App.Person"))
+      << finding;
 }
 
 TEST_F(CheckTest, InATransactionAtThePrompt_WhatTheTransactionSeesIsChecked) {
@@ -253,9 +267,9 @@ TEST_F(CheckTest, InATransactionAtThePrompt_WhatTheTransactionSeesIsChecked) {
   without_owner["tables"][0]["columns"].erase(2);
   std::string const change =
       "apply " + Write("without.json", without_owner.dump()) + " --allow-destructive\n";
-  On("shell", {}, 1, "check --references\n");
-  On("shell", {}, 0, "begin\n" + change + "check --references\nrollback\n");
-  On("shell", {}, 1, "check --references\n");
+  On("shell", {}, 1, "check\n");
+  On("shell", {}, 0, "begin\n" + change + "check\nrollback\n");
+  On("shell", {}, 1, "check\n");
 }
 
 TEST_F(CheckTest, ADirectoryWithoutADatabase_IsToldAndNothingIsMade) {

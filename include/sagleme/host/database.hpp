@@ -36,6 +36,7 @@ class Database {
   static Database Create(std::string const& directory, Progress const& progress = {},
                          Options const& options = {});
   // Opens an existing one; nothing is created when there is none, which is LSCOREDB_NOT_A_DATABASE.
+  // What the system refuses is told by its file: "Cannot open d/layouts.lock: Permission denied".
   static Database Open(std::string const& directory, Options const& options = {});
   // Opens what `directory` holds, and creates a database where it holds none or the beginnings of
   // one. Several processes may do so at the same time.
@@ -63,9 +64,10 @@ class Database {
     return statistics;
   }
 
-  // Whether a directory holds a data file of the kernel.
+  // Whether a directory holds a data file of the kernel, as far as one is allowed to look.
   static bool ExistsIn(std::string const& directory) {
-    return std::filesystem::exists(std::filesystem::path(directory) / "data.mdb");
+    std::error_code refused;
+    return std::filesystem::exists(std::filesystem::path(directory) / "data.mdb", refused);
   }
 
  private:
@@ -165,6 +167,16 @@ inline constexpr std::uint32_t kPartialCatalogue = SAGLEME_NOT_PREPARED;
 // What creation makes last: the index over the texts of set specifiers.
 inline constexpr char16_t kLastIndexOfCreation[] = u"TypeId";
 
+inline void RequireDataFile(std::string const& directory) {
+  auto const file = std::filesystem::path(directory) / "data.mdb";
+  std::error_code refused;
+  if (std::filesystem::exists(file, refused)) return;
+  if (refused) {
+    throw Error(LSCOREDB_CANNOT_OPEN, "Cannot open " + file.string() + ": " + refused.message());
+  }
+  throw Error(LSCOREDB_NOT_A_DATABASE, "There is no database in " + directory + ".");
+}
+
 // Owner of a continuation between two steps.
 class Continuation {
  public:
@@ -203,7 +215,8 @@ inline Database Database::OpenKernel(char const* directory, Options const& optio
   kernel_options.log = options.log;
   kernel_options.log_limit = options.log_limit;
   lscoredb* handle = nullptr;
-  detail::CheckKernel(lscoredb_open(directory, &kernel_options, &handle));
+  detail::CheckOpened(lscoredb_open(directory, &kernel_options, &handle),
+                      directory == nullptr ? "memory" : directory);
   return Database(handle);
 }
 
@@ -242,9 +255,7 @@ inline Database Database::Create(std::string const& directory, Progress const& p
 }
 
 inline Database Database::Open(std::string const& directory, Options const& options) {
-  if (!ExistsIn(directory)) {
-    throw Error(LSCOREDB_NOT_A_DATABASE, "There is no database in " + directory + ".");
-  }
+  detail::RequireDataFile(directory);
   Database database = OpenKernel(directory.c_str(), options);
   if (!database.IsWhole()) {
     throw Error(detail::kPartialCatalogue,

@@ -76,6 +76,14 @@ inline void CheckKernel(std::uint32_t status) {
   if (status != 0) throw Error(status, StatusText(status));
 }
 
+// A non-zero status of lscoredb_open: the file that the system refused, or else the directory.
+inline void CheckOpened(std::uint32_t status, std::string const& directory) {
+  if (status == 0) return;
+  std::string const refused = lscoredb_open_error();
+  if (!refused.empty()) throw Error(status, "Cannot open " + refused);
+  throw Error(status, "Cannot open the database in " + directory + ": " + StatusText(status));
+}
+
 // A non-zero status of the metadata layer. Its text, where the layer wrote one, is taken out of the
 // buffer, so that a later failure without a text of its own does not show it again.
 [[noreturn]] inline void ThrowLayer(std::uint64_t context, std::uint32_t status) {

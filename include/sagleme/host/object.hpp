@@ -10,6 +10,7 @@
 #include <iterator>
 #include <memory>
 #include <optional>
+#include <sagleme/host/reference.hpp>
 #include <sagleme/host/transaction.hpp>
 #include <string>
 #include <string_view>
@@ -43,8 +44,12 @@ class Object {
     return detail::GetValue(At(table, column), column.type);
   }
   Value Get(TextView const& column) const;
-  // Null sets a column that cannot be null to zero.
+  // Null sets a column that cannot be null to zero. A reference has to lead to an object of the
+  // column's target, see <sagleme/host/reference.hpp>.
   void Set(Table const& table, Column const& column, Value const& value) {
+    if (auto const* const target = std::get_if<ObjectId>(&value)) {
+      RequireTarget(*transaction_, table, column, *target);
+    }
     detail::PutValue(At(table, column), column.type, value);
   }
   void Set(TextView const& column, Value const& value);
@@ -73,9 +78,14 @@ class Object {
 template <typename T>
 class Property {
  public:
-  Property(Table const& table, TextView const& name)
-      : database_(table.database), layout_(table.layout), column_(table.GetColumn(name).ordinal) {
-    if (!detail::TypeOf<T>::Fits(table.GetColumn(name).type)) {
+  Property(Table const& table, TextView const& name) : Property(table, table.GetColumn(name)) {}
+  // REQUIRES: the column is of the table.
+  Property(Table const& table, Column const& column)
+      : database_(table.database),
+        layout_(table.layout),
+        column_(column.ordinal),
+        target_(table, column) {
+    if (!detail::TypeOf<T>::Fits(column.type)) {
       detail::CheckKernel(LSCOREDB_WRONG_TYPE);
     }
   }
@@ -91,7 +101,9 @@ class Property {
   T GetOr(Object const& object, T fallback) const {
     return Get(object).value_or(std::move(fallback));
   }
+  // A reference has to lead to an object of the column's target.
   void Set(Object const& object, T const& value) const {
+    target_.Require(object.transaction(), value);
     detail::CheckKernel(detail::Put(At(object), value));
   }
   void Clear(Object const& object) const { detail::CheckKernel(detail::Put(At(object), Null{})); }
@@ -109,6 +121,7 @@ class Property {
   std::uint64_t database_;
   std::uint16_t layout_;
   std::uint16_t column_;
+  [[no_unique_address]] detail::TargetRule<T> target_;
 };
 
 // ---- bodies

@@ -24,6 +24,7 @@ struct Column {
   bool inherited = false;
   std::uint16_t ordinal = 0;
   std::u16string target;  // full name of the table that a reference points at
+  ObjectId target_id;     // the catalogue's row of that table; 0 as long as there is none
   ObjectId id;            // the catalogue's row, which keeps its identity through renames
   bool system() const { return name.starts_with(u"__"); }
 };
@@ -139,6 +140,7 @@ inline Column LoadColumn(metalayer::RawColumn const& row) {
     column.target = CatalogueText(row, metalayer::ReferenceRawColumn::kDataTypeName);
   } else if (metalayer::LayoutOf(type) == metalayer::RawView::metaclass_layout_handle()) {
     column.target = CatalogueText(type, metalayer::RawView::kFullName);
+    column.target_id = {type.oid};
   }
   return column;
 }

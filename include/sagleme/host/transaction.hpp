@@ -9,8 +9,10 @@
 #include <functional>
 #include <map>
 #include <sagleme/host/table.hpp>
+#include <set>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace sagleme {
@@ -29,6 +31,10 @@ class Transaction : public RawTransaction {
   TablePtr ById(ObjectId id);
   // The table of all objects with that set specifier; null when it was dropped.
   TablePtr BySetspec(std::u16string_view setspec);
+  // The table that an object is of; null when it was dropped. It allocates nothing that stays.
+  TablePtr TableOf(LS_OBJ_REF const& object);
+  // Whether an object is of a table, given by its row, or of one derived from it.
+  bool Holds(ObjectId table, LS_OBJ_REF const& object);
   // All tables, by full name; the library's own ones on request.
   std::vector<TablePtr> Tables(bool system = false);
   // The tables derived directly from one, by full name.
@@ -44,6 +50,7 @@ class Transaction : public RawTransaction {
     by_id_.clear();
     by_setspec_.clear();
     by_name_.clear();
+    held_.clear();
   }
 
  private:
@@ -53,6 +60,8 @@ class Transaction : public RawTransaction {
   std::map<std::uint64_t, TablePtr> by_id_;
   std::map<std::u16string, TablePtr, std::less<>> by_setspec_;
   std::map<std::u16string, TablePtr, std::less<>> by_name_;
+  // Layouts whose objects a table holds: all that stand under one layout are of one table.
+  std::set<std::pair<std::uint64_t, std::uint16_t>> held_;
 };
 
 // The table that all others derive from, directly or not.
@@ -118,6 +127,27 @@ inline TablePtr Transaction::BySetspec(std::u16string_view setspec) {
     return ObjectId{detail::CatalogueRef(row, metalayer::SetSpecifier::kType).oid};
   });
   return by_setspec_[std::u16string(setspec)] = id.value == 0 ? nullptr : ById(id);
+}
+
+inline TablePtr Transaction::TableOf(LS_OBJ_REF const& object) {
+  ReadScope const scope(context());
+  LORV_STRING* setspec = nullptr;
+  auto const status = lorv_context_get_setspec(context(), object.oid, object.addr, &setspec);
+  if (status == LORV_STATUS_NULL) return nullptr;
+  detail::CheckKernel(status);
+  return BySetspec({setspec->units, setspec->length});
+}
+
+inline bool Transaction::Holds(ObjectId table, LS_OBJ_REF const& object) {
+  std::pair const key{table.value, metalayer::LayoutOf(object)};
+  if (held_.contains(key)) return true;
+  TablePtr const wanted = ById(table);
+  if (wanted == nullptr) return false;
+  // One that is being made may not have its set specifier yet.
+  TablePtr const own = wanted->layout == key.second ? wanted : TableOf(object);
+  if (own == nullptr || !own->IsA(*wanted)) return false;
+  held_.insert(key);
+  return true;
 }
 
 inline std::vector<TablePtr> Transaction::Tables(bool system) {

@@ -9,8 +9,9 @@ sagleme::Database& Session::database() {
   try {
     database_.emplace(sagleme::Database::Open(directory_));
   } catch (sagleme::Error const& error) {
-    bool const missing = !sagleme::Database::ExistsIn(directory_);
-    throw Failure(Exit::kCannotOpen, "cannot open " + directory_ + ": " + error.what(),
+    bool const missing =
+        error.status() == LSCOREDB_NOT_A_DATABASE && !sagleme::Database::ExistsIn(directory_);
+    throw Failure(Exit::kCannotOpen, error.what(),
                   missing ? "Create one with: sagleme create " + directory_ : "");
   }
   return *database_;

@@ -18,10 +18,12 @@ class CheckCommand : public Command {
   }
   std::vector<Example> examples() const override {
     return {{"check shop", "lists what is wrong; ends with status 1 if anything is"},
-            {"check shop --references", "looks for references to missing objects too"}};
+            {"check shop --no-references", "passes over references to missing objects"}};
   }
   void Declare(CLI::App& app) override {
-    app.add_flag("--references", options_.references, "Look for references to missing objects too");
+    app.add_flag_callback(
+        "--no-references", [this] { options_.references = false; },
+        "Pass over references to missing objects");
   }
   bool lists() const override { return true; }
   Exit Run(Session& session, Output& output) override;
@@ -37,7 +39,7 @@ void CheckCommitted(Session& session, sagleme::CheckOptions const& options,
   try {
     sagleme::CheckDatabase(session.directory(), options, report);
   } catch (sagleme::Error const& error) {
-    throw Failure(Exit::kCannotOpen, "cannot open " + session.directory() + ": " + error.what());
+    throw Failure(Exit::kCannotOpen, error.what());
   }
 }
 

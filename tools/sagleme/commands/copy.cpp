@@ -28,18 +28,20 @@ class Copy : public Command {
 // The copy grows beside its place and gets its name when it is whole.
 Exit Copy::Run(Session& session, Output& output) {
   session.RequireNoTransaction("copy");
-  if (std::filesystem::exists(target_)) {
+  std::error_code ignored;
+  if (std::filesystem::exists(target_, ignored)) {
     throw Failure(Exit::kRefused, fmt::format("{} already exists", target_),
                   "Name a directory that does not exist.");
   }
   std::string const growing = target_ + ".copying";
-  std::filesystem::remove_all(growing);  // of a copy that was cut off
+  std::filesystem::remove_all(growing, ignored);  // of a copy that was cut off
   auto const status = lscoredb_copy(session.database().handle(), growing.c_str());
   if (status != 0) {
-    std::error_code ignored;
+    std::string const refused = lscoredb_open_error();
     std::filesystem::remove_all(growing, ignored);
     throw Failure(Exit::kRefused,
-                  fmt::format("cannot copy to {}: {}", target_, lscoredb_status_text(status)));
+                  fmt::format("cannot copy to {}: {}", target_,
+                              refused.empty() ? lscoredb_status_text(status) : refused));
   }
   std::filesystem::rename(growing, target_);
   output.Note(fmt::format("copied to {}\n", target_));

@@ -182,7 +182,7 @@ class Delete : public Command {
   std::string name() const override { return "delete"; }
   std::string summary() const override { return "Delete objects"; }
   std::string details() const override {
-    return "References to a deleted object stay as they are; check --references finds them.";
+    return "References to a deleted object stay as they are; check finds them.";
   }
   std::vector<Example> examples() const override {
     return {{"delete shop 131073", "one object"}, {"delete shop 131073 131074", "both, or none"}};
