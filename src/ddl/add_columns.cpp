@@ -6,7 +6,7 @@
 #include <utility>
 #include <vector>
 
-#include "ddl/utils.h"
+#include "catalogue/utils.h"
 
 namespace metalayer {
 

@@ -1,6 +1,6 @@
 #include <limits>
 
-#include "ddl/utils.h"
+#include "catalogue/utils.h"
 
 namespace metalayer::ddl {
 

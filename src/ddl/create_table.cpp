@@ -5,7 +5,7 @@
 #include <sagleme/metalayer/schema.hpp>
 #include <sagleme/metalayer/types.hpp>
 
-#include "ddl/utils.h"
+#include "catalogue/utils.h"
 #include "metaschema/setspec.h"
 
 namespace metalayer::ddl {

@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-#include "ddl/utils.h"
+#include "catalogue/utils.h"
 #include "frame/kernel_host.h"
 
 namespace metalayer::ddl {

@@ -2,7 +2,7 @@
 #include <sagleme/metalayer/schema.hpp>
 #include <utility>
 
-#include "ddl/utils.h"
+#include "catalogue/utils.h"
 
 namespace metalayer::ddl {
 

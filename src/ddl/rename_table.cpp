@@ -1,7 +1,7 @@
 #include <sagleme/metalayer/errors.hpp>
 #include <sagleme/metalayer/schema.hpp>
 
-#include "ddl/utils.h"
+#include "catalogue/utils.h"
 
 namespace metalayer::ddl {
 

@@ -1,4 +1,4 @@
-#include "ddl/utils.h"
+#include "catalogue/utils.h"
 
 #include <sagleme/ucs2.h>
 
