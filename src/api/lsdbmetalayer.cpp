@@ -9,12 +9,11 @@
 #include <sagleme/metalayer/metaschema.hpp>
 #include <sagleme/metalayer/schema.hpp>
 
+#include "catalogue/version.h"
 #include "frame/cps.h"
 
 namespace metalayer {
 namespace {
-
-constexpr uint64_t kMetaschemaVersion = 9;
 
 using Yield = boost::coroutines::push_coroutine<unsigned int>;
 

@@ -1,36 +1,15 @@
-// Start-up: what a process must know of a database that stands, and the generation of its schema.
-
-#include <sagleme/sagleme.h>
+// Start-up: what a process must know of a database that stands.
 
 #include <sagleme/metalayer/catalogue.hpp>
 #include <sagleme/metalayer/metaschema.hpp>
 #include <sagleme/metalayer/schema.hpp>
 #include <vector>
 
-#include "bootstrap/start_up.h"
-#include "bootstrap/version_row.h"
+#include "catalogue/start_up.h"
+#include "catalogue/version.h"
 #include "metaschema/system_tables_init.h"
 
 namespace metalayer {
-
-LS_OBJ_REF g_schema_generation = db_util::null_obj_ref;
-
-namespace {
-
-std::atomic<bool> g_meta_inited{false};
-
-}  // namespace
-
-StartUp::StartUp(DatabaseState const& state)
-    : done(state.exported() ? g_meta_inited : own_done_),
-      generation(state.exported() ? g_schema_generation : own_generation_) {}
-
-StartUp::~StartUp() {
-  done = false;
-  generation = db_util::null_obj_ref;
-}
-
-LS_OBJ_REF& SchemaGeneration() { return CurrentStartUp().generation; }
 
 namespace {
 
@@ -119,17 +98,11 @@ void PrepareGeneratedMetaClassesForReading() {
 }
 
 void ReportSchemaMismatchIf(unsigned long database_version) {
-  if (database_version == lorv_get_metaschema_version()) return;
+  if (database_version == kMetaschemaVersion) return;
   ucs2_stream<ErrBlt>() << "This version of Lorvenstack has metaschema version "
-                        << lorv_get_metaschema_version() << ", while the database has version "
+                        << kMetaschemaVersion << ", while the database has version "
                         << database_version << ".";
   Throw(kVersionMismatch);
-}
-
-void AdvanceSchemaGeneration() {
-  LS_OBJ_REF const row = SchemaGeneration();
-  unsigned long const generation = GetULong(row, UserSchemaGeneration::kGeneration);
-  PutULong(row, UserSchemaGeneration::kGeneration, generation + 1);
 }
 
 void InitializeGenerationIfDoesntExist() {

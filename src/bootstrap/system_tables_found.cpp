@@ -8,7 +8,7 @@
 #include <stdexcept>
 
 #include "bootstrap/system_tables.h"
-#include "bootstrap/version_row.h"
+#include "catalogue/version.h"
 #include "metaschema/system_tables_init.h"
 
 namespace metalayer {
@@ -71,7 +71,7 @@ void SystemTables::RefuseNewerDatabase() {
   if (row.is_null()) return;
   has_version_ = true;
   long const version = GetLong(row, Configuration::kValue);
-  if (version > static_cast<long>(lorv_get_metaschema_version())) {
+  if (version > static_cast<long>(kMetaschemaVersion)) {
     ReportSchemaMismatchIf(static_cast<unsigned long>(version));
   }
 }

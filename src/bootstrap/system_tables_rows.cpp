@@ -1,14 +1,12 @@
 // The rows that describe the system tables, and the few that every database has beside them.
 
-#include <sagleme/sagleme.h>
-
 #include <sagleme/metalayer/catalogue.hpp>
 #include <sagleme/metalayer/ddl.hpp>
 #include <sagleme/metalayer/schema.hpp>
 #include <sagleme/metalayer/types.hpp>
 
 #include "bootstrap/system_tables.h"
-#include "bootstrap/version_row.h"
+#include "catalogue/version.h"
 
 namespace metalayer {
 
@@ -59,7 +57,7 @@ void SystemTables::GiveTypeIdsToUserTables() {
 }
 
 void SystemTables::WriteVersion() {
-  long const current = static_cast<long>(lorv_get_metaschema_version());
+  long const current = static_cast<long>(kMetaschemaVersion);
   Configuration const row = Configuration::ByConfigurationParameter(kVersionRow);
   if (row.is_null()) {
     Configuration::Insert(kVersionRow, current);

@@ -1,5 +1,5 @@
-#ifndef SAGLEME_DDL_UTILS_H
-#define SAGLEME_DDL_UTILS_H
+#ifndef CATALOGUE_UTILS_H
+#define CATALOGUE_UTILS_H
 
 // What the schema changes share among themselves and offer to nobody else: kernel records of
 // columns, and catalogue rows that hang on a table. Everything works in the thread's context and

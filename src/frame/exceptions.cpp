@@ -386,4 +386,9 @@ void ThrowIndexNotFoundInType(u16string index, u16string table) {
 }
 
 }  // namespace exceptions
+
+// --- types ---------------------------------------------------------------------------------------
+
+void ThrowInvalidLogicalType() { Throw(SAGLEME_INVALID_TYPE); }
+
 }  // namespace metalayer

@@ -30,8 +30,6 @@ unsigned char ReadLogicalType(LS_OBJ_REF const& type) {
 
 }  // namespace
 
-void ThrowInvalidLogicalType() { Throw(kInvalidType); }
-
 unsigned char PrimTypeByTypeRef(LS_OBJ_REF const& type) try {
   if (type.oid == 0) FatalError();
   return ReadLogicalType(type);

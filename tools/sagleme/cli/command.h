@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "cli/failure.h"
+#include "base/failure.h"
 #include "cli/session.h"
 #include "output/format.h"
 

@@ -5,8 +5,8 @@
 #include <algorithm>
 #include <charconv>
 
+#include "base/near.h"
 #include "cli/help.h"
-#include "cli/near.h"
 
 namespace tool {
 namespace {

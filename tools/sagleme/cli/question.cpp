@@ -4,7 +4,7 @@
 
 #include <optional>
 
-#include "cli/interrupt.h"
+#include "base/interrupt.h"
 
 namespace tool {
 namespace {

@@ -4,7 +4,7 @@
 
 #include <sagleme/failure.hpp>
 
-#include "cli/interrupt.h"
+#include "base/interrupt.h"
 
 namespace tool {
 namespace {

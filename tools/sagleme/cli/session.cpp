@@ -1,6 +1,6 @@
 #include "cli/session.h"
 
-#include "cli/failure.h"
+#include "base/failure.h"
 
 namespace tool {
 

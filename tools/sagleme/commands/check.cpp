@@ -2,7 +2,7 @@
 
 #include <sagleme/check.hpp>
 
-#include "cli/failure.h"
+#include "base/failure.h"
 #include "commands/commands.h"
 #include "output/listing.h"
 #include "output/text.h"

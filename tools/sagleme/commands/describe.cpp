@@ -1,9 +1,9 @@
 #include <fmt/format.h>
 
 #include "commands/commands.h"
-#include "commands/names.h"
 #include "output/listing.h"
 #include "output/text.h"
+#include "query/names.h"
 
 namespace tool {
 namespace {

@@ -4,8 +4,8 @@
 
 #include "commands/commands.h"
 #include "commands/excerpt.h"
-#include "commands/names.h"
 #include "output/text.h"
+#include "query/names.h"
 
 namespace tool {
 namespace {

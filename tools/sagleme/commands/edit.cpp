@@ -3,10 +3,10 @@
 #include <sagleme/host/duplicates.hpp>
 
 #include "commands/commands.h"
-#include "commands/names.h"
 #include "output/text.h"
 #include "output/value_text.h"
 #include "query/condition.h"
+#include "query/names.h"
 
 namespace tool {
 namespace {

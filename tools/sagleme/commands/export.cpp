@@ -5,8 +5,8 @@
 #include <sagleme/host/export.hpp>
 
 #include "commands/commands.h"
-#include "commands/names.h"
 #include "output/progress.h"
+#include "query/names.h"
 
 namespace tool {
 namespace {

@@ -9,7 +9,7 @@
 #include <iostream>
 #include <iterator>
 
-#include "cli/failure.h"
+#include "base/failure.h"
 
 namespace tool {
 

@@ -1,10 +1,10 @@
 #include <fmt/format.h>
 
 #include "commands/commands.h"
-#include "commands/names.h"
 #include "commands/objects.h"
 #include "output/text.h"
 #include "output/value_text.h"
+#include "query/names.h"
 
 namespace tool {
 namespace {

@@ -1,6 +1,6 @@
 #include "commands/commands.h"
-#include "commands/names.h"
 #include "commands/objects.h"
+#include "query/names.h"
 
 namespace tool {
 namespace {

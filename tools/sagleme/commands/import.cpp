@@ -6,10 +6,10 @@
 
 #include "commands/commands.h"
 #include "commands/files.h"
-#include "commands/names.h"
 #include "commands/objects.h"
 #include "output/progress.h"
 #include "output/text.h"
+#include "query/names.h"
 
 namespace tool {
 namespace {

@@ -5,10 +5,10 @@
 #include <algorithm>
 #include <sagleme/host/import.hpp>
 
-#include "cli/failure.h"
-#include "cli/interrupt.h"
-#include "commands/names.h"
+#include "base/failure.h"
+#include "base/interrupt.h"
 #include "output/value_text.h"
+#include "query/names.h"
 
 namespace tool {
 namespace {

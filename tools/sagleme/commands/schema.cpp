@@ -2,7 +2,7 @@
 #include <sagleme/schema_document.hpp>
 
 #include "commands/commands.h"
-#include "commands/names.h"
+#include "query/names.h"
 
 namespace tool {
 namespace {

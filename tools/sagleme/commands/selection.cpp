@@ -1,6 +1,6 @@
 #include "commands/selection.h"
 
-#include "commands/names.h"
+#include "query/names.h"
 
 namespace tool {
 

@@ -4,8 +4,8 @@
 #include <chrono>
 #include <filesystem>
 
+#include "base/interrupt.h"
 #include "cli/help.h"
-#include "cli/interrupt.h"
 #include "cli/parser.h"
 #include "cli/run.h"
 #include "commands/commands.h"

@@ -4,7 +4,7 @@
 #include <sagleme/vacuum.hpp>
 #include <set>
 
-#include "cli/interrupt.h"
+#include "base/interrupt.h"
 #include "commands/commands.h"
 #include "output/progress.h"
 #include "output/text.h"

@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "cli/interrupt.h"
+#include "base/interrupt.h"
 
 namespace tool {
 

@@ -4,7 +4,7 @@
 
 #include <algorithm>
 
-#include "cli/interrupt.h"
+#include "base/interrupt.h"
 #include "output/text.h"
 
 namespace tool {

@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "cli/failure.h"
+#include "base/failure.h"
 
 namespace tool {
 namespace {

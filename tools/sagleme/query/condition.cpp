@@ -5,9 +5,9 @@
 #include <optional>
 #include <sagleme/host/references.hpp>
 
-#include "cli/failure.h"
-#include "commands/names.h"
+#include "base/failure.h"
 #include "output/value_text.h"
+#include "query/names.h"
 
 namespace tool {
 namespace {

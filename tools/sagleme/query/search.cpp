@@ -4,9 +4,9 @@
 
 #include <algorithm>
 
-#include "cli/failure.h"
-#include "cli/interrupt.h"
-#include "commands/names.h"
+#include "base/failure.h"
+#include "base/interrupt.h"
+#include "query/names.h"
 
 namespace tool {
 namespace {

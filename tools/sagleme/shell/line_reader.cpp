@@ -8,7 +8,7 @@
 #include <cwchar>
 #include <iostream>
 
-#include "cli/interrupt.h"
+#include "base/interrupt.h"
 #include "shell/words.h"
 
 namespace tool {

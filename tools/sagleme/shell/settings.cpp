@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <charconv>
 
-#include "cli/failure.h"
+#include "base/failure.h"
 
 namespace tool {
 namespace {

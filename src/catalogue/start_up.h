@@ -1,5 +1,5 @@
-#ifndef BOOTSTRAP_START_UP_H
-#define BOOTSTRAP_START_UP_H
+#ifndef CATALOGUE_START_UP_H
+#define CATALOGUE_START_UP_H
 
 // How far start-up has come in one database.
 

@@ -1,5 +1,5 @@
-#ifndef SAGLEME_TOOL_CLI_FAILURE_H
-#define SAGLEME_TOOL_CLI_FAILURE_H
+#ifndef SAGLEME_TOOL_BASE_FAILURE_H
+#define SAGLEME_TOOL_BASE_FAILURE_H
 
 // How a command ends when it does not end well: an exit status, what is wrong and where, and what
 // to do.

@@ -1,5 +1,5 @@
-#ifndef SAGLEME_TOOL_CLI_INTERRUPT_H
-#define SAGLEME_TOOL_CLI_INTERRUPT_H
+#ifndef SAGLEME_TOOL_BASE_INTERRUPT_H
+#define SAGLEME_TOOL_BASE_INTERRUPT_H
 
 // Ctrl-C as an exception, for programs that outlive it.
 //

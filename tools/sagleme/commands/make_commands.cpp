@@ -1,8 +1,7 @@
-#include "commands/commands.h"
-
 #include <fmt/format.h>
 
 #include "cli/command.h"
+#include "commands/commands.h"
 
 namespace tool {
 namespace {

@@ -1,4 +1,4 @@
-#include "cli/near.h"
+#include "base/near.h"
 
 #include <algorithm>
 #include <cctype>

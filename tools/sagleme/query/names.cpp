@@ -1,11 +1,11 @@
-#include "commands/names.h"
+#include "query/names.h"
 
 #include <fmt/format.h>
 
 #include <charconv>
 
-#include "cli/failure.h"
-#include "cli/near.h"
+#include "base/failure.h"
+#include "base/near.h"
 
 namespace tool {
 namespace {

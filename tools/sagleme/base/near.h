@@ -1,5 +1,5 @@
-#ifndef SAGLEME_TOOL_CLI_NEAR_H
-#define SAGLEME_TOOL_CLI_NEAR_H
+#ifndef SAGLEME_TOOL_BASE_NEAR_H
+#define SAGLEME_TOOL_BASE_NEAR_H
 
 // Names that a misspelt one may have meant.
 

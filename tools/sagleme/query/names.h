@@ -1,5 +1,5 @@
-#ifndef SAGLEME_TOOL_COMMANDS_NAMES_H
-#define SAGLEME_TOOL_COMMANDS_NAMES_H
+#ifndef SAGLEME_TOOL_QUERY_NAMES_H
+#define SAGLEME_TOOL_QUERY_NAMES_H
 
 // Tables, columns and indexes by what users type.
 

@@ -1,4 +1,4 @@
-#include "cli/interrupt.h"
+#include "base/interrupt.h"
 
 #include <poll.h>
 #include <unistd.h>
