@@ -21,7 +21,8 @@ constexpr std::uint64_t kIndexToken = 60;
 // Frozen: where a data file says what it is, and the newest version that this kernel reads.
 constexpr char kFormatKey[] = "format";
 constexpr char kMagic[] = "lscoredb";
-constexpr std::uint32_t kVersion = 3;  // the newest one
+constexpr std::uint32_t kVersion = 3;        // the newest one without a log
+constexpr std::uint32_t kNewestVersion = 4;  // of a database with one
 
 std::uint32_t TryOpen(std::string const& directory) {
   lscoredb* database = nullptr;
@@ -125,7 +126,7 @@ TEST_F(DamageTest, AStoreWithOurTreeNamesAndWithoutOurMarkIsNotADatabase) {
 
 TEST_F(DamageTest, AFileOfANewerFormatIsRefusedAndLeftAlone) {
   Fill();
-  PutRecord(directory_.path(), "meta", kFormatKey, FormatRecord(kVersion + 1));
+  PutRecord(directory_.path(), "meta", kFormatKey, FormatRecord(kNewestVersion + 1));
   std::string const before = ReadFile(File());
   EXPECT_STATUS(LSCOREDB_NEWER_FORMAT, TryOpen(directory_.path()));
   EXPECT_TRUE(ReadFile(File()) == before);
