@@ -35,7 +35,7 @@ std::uint32_t Failed(std::uint32_t status, char const* words) {
 Options OptionsOf(lscoredb_options const* given) {
   lscoredb_options whole{};
   if (given != nullptr) std::memcpy(&whole, given, std::min(given->size, sizeof whole));
-  if (whole.durability > LSCOREDB_NO_SYNC || whole.verify > 1 || whole.reserved != 0) {
+  if (whole.durability > LSCOREDB_NO_SYNC || whole.verify > 1) {
     detail::CheckKernel(LSCOREDB_INVALID_ARGUMENT);
   }
   Options options;
@@ -44,6 +44,8 @@ Options OptionsOf(lscoredb_options const* given) {
   options.max_file_size = whole.max_file_size;
   options.verify = whole.verify != 0;
   options.row_memory = whole.row_memory;
+  options.log = whole.log;
+  options.log_limit = whole.log_limit;
   return options;
 }
 
