@@ -134,13 +134,47 @@ TableDoc ParseTable(Json const& json, std::string const& source) {
   return table;
 }
 
+// Where a text ends to be JSON: not all of the parser's exceptions say it.
+class FirstError final : public nlohmann::json_sax<Json> {
+ public:
+  explicit FirstError(std::string const& text) { Json::sax_parse(text, this); }
+
+  std::size_t at() const { return at_; }
+  std::string const& what() const { return what_; }
+
+  bool parse_error(std::size_t position, std::string const& token,
+                   Json::exception const& error) override {
+    at_ = position;
+    bool const of_number = dynamic_cast<Json::out_of_range const*>(&error) != nullptr;
+    what_ = of_number ? fmt::format("the number {} is too large", token) : "not valid JSON";
+    return false;
+  }
+  bool null() override { return true; }
+  bool boolean(bool) override { return true; }
+  bool number_integer(std::int64_t) override { return true; }
+  bool number_unsigned(std::uint64_t) override { return true; }
+  bool number_float(double, std::string const&) override { return true; }
+  bool string(std::string&) override { return true; }
+  bool binary(Json::binary_t&) override { return true; }
+  bool start_object(std::size_t) override { return true; }
+  bool key(std::string&) override { return true; }
+  bool end_object() override { return true; }
+  bool start_array(std::size_t) override { return true; }
+  bool end_array() override { return true; }
+
+ private:
+  std::size_t at_ = 0;
+  std::string what_ = "not valid JSON";
+};
+
 Json ParseJson(std::string const& text, std::string const& source) {
   try {
     return Json::parse(text);
-  } catch (Json::parse_error const& error) {
-    auto const end = text.begin() + static_cast<std::ptrdiff_t>(std::min(error.byte, text.size()));
+  } catch (Json::exception const&) {
+    FirstError const error(text);
+    auto const end = text.begin() + static_cast<std::ptrdiff_t>(std::min(error.at(), text.size()));
     auto const line = 1 + std::count(text.begin(), end, '\n');
-    throw Failure(Failure::Kind::kBadInput, fmt::format("{}:{}: not valid JSON", source, line));
+    throw Failure(Failure::Kind::kBadInput, fmt::format("{}:{}: {}", source, line, error.what()));
   }
 }
 

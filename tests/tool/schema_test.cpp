@@ -268,6 +268,8 @@ TEST_F(SchemaTest, Apply_BadDocuments_AreUsageAndSayWhere) {
   };
   EXPECT_NE(std::string::npos, refused("{\n\n]").find("bad.json:3: not valid JSON"));
   EXPECT_NE(std::string::npos,
+            refused("{\"schema\":\n 1e999}").find("bad.json:2: the number 1e999 is too large"));
+  EXPECT_NE(std::string::npos,
             refused("{\"schema\": 2}").find("not a schema document of version 1"));
   EXPECT_NE(std::string::npos, refused(tables("{}")).find("has no \"name\""));
   EXPECT_NE(std::string::npos, refused(tables(R"({"name": "A", "was": 1})"))
