@@ -61,6 +61,8 @@
 #define SAGLEME_COLUMN_MAPPED 15014u
 /* The column is inherited; change it in the table that declares it. */
 #define SAGLEME_COLUMN_INHERITED 15024u
+/* The table would derive from too many tables, one from another. Given by the host library. */
+#define SAGLEME_TOO_DEEP 15031u
 /* The database and its catalogue. */
 /* The catalogue contradicts itself, which ends the process. From the creation of an index: an
  * ordinal is unknown, or there are too many. */

@@ -60,18 +60,52 @@ void ChangeSchema(Transaction& transaction, Change&& change) {
   CheckLayer(transaction.context(), status);
 }
 
+// A set specifier grows with each table that derives from another, and has to fit into a key.
+inline bool IsTooDeepToDerive(Table const& base) {
+  constexpr std::size_t kLongestOwnPart = 16;
+  alignas(8) unsigned char area[db_util::db_iter_with_keys::kKeySize];
+  try {
+    metalayer::Key(db_util::KeyBuf(area))
+        .Text((base.setspec + std::u16string(kLongestOwnPart, u'a')).c_str());
+    return false;
+  } catch (db_util::db_exception const&) {
+    return true;
+  }
+}
+
+// Gives the failure of a table that would be too deep a status and a text of its own.
+inline void RequireDepth(Transaction& transaction, std::u16string const& name,
+                         std::u16string const& base) {
+  TablePtr table = transaction.Find(base);
+  if (table == nullptr || !IsTooDeepToDerive(*table)) return;
+  std::size_t levels = 0;
+  for (; table != nullptr; table = transaction.Find(table->base)) ++levels;
+  throw Error(SAGLEME_TOO_DEEP, "Table " + ToUtf8(name) + " cannot derive from " + ToUtf8(base) +
+                                    ": it would have " + std::to_string(levels) +
+                                    " tables above it, one over another, which is too many. "
+                                    "Derive it from a table nearer to the root.");
+}
+
 }  // namespace detail
 
 // An empty base is the root of all tables. A table that exists with just this definition is left
 // alone. Targets of references may come later in the same transaction: FinishReferences ends that.
+// SAGLEME_TOO_DEEP: see the limits in docs/reliability.md.
 inline TablePtr CreateTable(Transaction& transaction, Text const& name, Text const& base,
                             std::span<ColumnSpec const> columns) {
   detail::ColumnArray const array(columns);
-  detail::ChangeSchema(transaction, [&](std::uint64_t context) {
-    std::uint16_t layout = 0;
-    return lorv_create_table_by_names(context, name.c_str(), base.empty() ? nullptr : base.c_str(),
-                                      array.data(), &layout);
-  });
+  try {
+    detail::ChangeSchema(transaction, [&](std::uint64_t context) {
+      std::uint16_t layout = 0;
+      return lorv_create_table_by_names(
+          context, name.c_str(), base.empty() ? nullptr : base.c_str(), array.data(), &layout);
+    });
+  } catch (Error const& error) {
+    if (error.status() == SAGLEME_NAME_TOO_LONG) {
+      detail::RequireDepth(transaction, name.c_str(), base.c_str());
+    }
+    throw;
+  }
   return transaction.table(name);
 }
 inline TablePtr CreateTable(Transaction& transaction, Text const& name, Text const& base,
