@@ -16,7 +16,7 @@ class ObjectCheck {
   }
 
   void Run() {
-    for (Object const& object : Range::Subtree(transaction_, *RootTable(transaction_))) {
+    for (Object const& object : Range::WithDropped(transaction_, *RootTable(transaction_))) {
       ReadScope const scope(transaction_.context());
       try {
         CheckOne(object);
@@ -42,7 +42,9 @@ class ObjectCheck {
     TablePtr const table = transaction_.BySetspec(setspec);
     if (table == nullptr || table->setspec != setspec) {
       if (Pending(setspec, VacuumRequest::Kind::kRemove)) return;
-      return Tell("object", "", object, Say("it belongs to no table: {}", ToUtf8(setspec)));
+      return Tell("object", "", object,
+                  Say("it belongs to no table: {}; vacuum removes it when its table was dropped",
+                      ToUtf8(setspec)));
     }
     std::string const name = ToUtf8(table->name);
     if (object.layout() != table->layout && !Pending(setspec, VacuumRequest::Kind::kMove)) {

@@ -26,6 +26,24 @@ TablePtr VacuumTable(Transaction& transaction) {
   return transaction.table(u"Lorvenstack.Internal.Metadata.Vacuum");
 }
 
+// Removals that nothing asks for: of sets whose table was dropped. Objects came into them through
+// handles that were left, in databases whose drops did not close their sets.
+std::vector<VacuumRequest> UnrequestedRemovals(Transaction& transaction) {
+  std::set<std::u16string> requested;
+  for (VacuumRequest const& request : VacuumRequests(transaction)) {
+    requested.insert(request.setspec);
+  }
+  TablePtr const sets = transaction.table(u"Lorvenstack.Internal.Metadata.SetSpecifier");
+  Property<std::u16string> const text(*sets, u"TypeId");
+  std::vector<VacuumRequest> removals;
+  for (Object const& row : Range::Only(transaction, *sets)) {
+    std::u16string setspec = text.GetOr(row, u"");
+    if (requested.contains(setspec) || transaction.BySetspec(setspec) != nullptr) continue;
+    removals.push_back({{}, std::move(setspec), 0, VacuumRequest::Kind::kRemove});
+  }
+  return removals;
+}
+
 // The layouts that tables have, and those that requests speak of.
 std::set<std::uint16_t> NamedLayouts(Transaction& transaction) {
   std::set<std::uint16_t> named;
@@ -83,6 +101,9 @@ class Worker {
     for (VacuumRequest const& request : requests) {
       if (!WorkOff(request)) return progress_;
     }
+    for (VacuumRequest const& removal : CloseDroppedSets()) {
+      if (!WorkOff(removal)) return progress_;
+    }
     Attempt([this](Transaction& transaction) { return ReleaseLayouts(transaction); });
     return progress_;
   }
@@ -109,6 +130,19 @@ class Worker {
       if (!finished) std::this_thread::sleep_for(options_.pause);
     }
     return true;
+  }
+
+  // No more objects come into the sets that have no table; returns what is to be removed there.
+  std::vector<VacuumRequest> CloseDroppedSets() {
+    std::vector<VacuumRequest> removals;
+    Attempt([&](Transaction& transaction) {
+      removals = UnrequestedRemovals(transaction);
+      for (VacuumRequest const& removal : removals) {
+        detail::CheckKernel(lscoredb_close_set(transaction.context(), removal.setspec.c_str(), 0));
+      }
+      return false;
+    });
+    return removals;
   }
 
   // The objects that the request still concerns, so many at a time as fit into memory with ease. A
@@ -146,9 +180,12 @@ class Worker {
 
   // Whether the request is as it was read: one that was changed meanwhile is left to the next run.
   static bool Stands(Transaction& transaction, VacuumRequest const& request) {
+    if (IsUnrequested(request)) return transaction.BySetspec(request.setspec) == nullptr;
     auto const row = Object::Find(transaction, request.row);
     return row && SameRequest(ReadRequest(*row, *VacuumTable(transaction)), request);
   }
+
+  static bool IsUnrequested(VacuumRequest const& request) { return request.row.value == 0; }
 
   static Range OfSet(Transaction& transaction, VacuumRequest const& request) {
     Table set;
@@ -178,7 +215,7 @@ class Worker {
 
   // Removes the request if nothing is left that it concerns.
   bool Close(Transaction& transaction, VacuumRequest const& request) {
-    if (!Stands(transaction, request)) return false;
+    if (IsUnrequested(request) || !Stands(transaction, request)) return false;
     for (Object const& object : OfSet(transaction, request)) {
       if (Concerns(request, object)) return false;  // came in meanwhile: the next run's
     }

@@ -10,6 +10,9 @@
 // stay, since neither is ever used again. A request goes in a transaction that has seen no such
 // object left, and the request as it was read.
 //
+// Objects of a dropped table that no request speaks of go too: handles that were left could store
+// them where a drop did not close its set. A run closes the sets of dropped tables that are open.
+//
 // At its end a run releases the kernel layouts that no row of the catalogue names and no object
 // stands under, those that earlier runs left among them. Their numbers are given out again once
 // every process has ended that had the database open, see lscoredb_release_layout.

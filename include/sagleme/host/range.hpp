@@ -4,6 +4,7 @@
 // Ranges of objects for range-for: a table, a subtree, a part of an index.
 //
 // A range is walked once, by one loop. Its objects come in index order; both bounds are included.
+// Objects of dropped tables, which stay until vacuum takes them away, are left out.
 
 #include <cstddef>
 #include <iterator>
@@ -44,6 +45,8 @@ class Range {
   static Range Only(Transaction& transaction, Table const& table);
   // All objects of the table and of its descendants, ordered by table.
   static Range Subtree(Transaction& transaction, Table const& table);
+  // The same with the objects of dropped descendants.
+  static Range WithDropped(Transaction& transaction, Table const& table);
   // What an index holds between two keys. With kReverse the bounds still come in index order.
   static Range Between(Transaction& transaction, Index const& index, IndexKey first, IndexKey last,
                        Direction direction = Direction::kForward);
@@ -61,7 +64,8 @@ class Range {
       : transaction_(other.transaction_),
         first_(std::move(other.first_)),
         last_(std::move(other.last_)),
-        iterator_(std::exchange(other.iterator_, 0)) {}
+        iterator_(std::exchange(other.iterator_, 0)),
+        all_(other.all_) {}
   Range& operator=(Range&&) = delete;
   ~Range() {
     if (iterator_ != 0) lorv_iterator_free(iterator_);
@@ -105,6 +109,7 @@ class Range {
   IndexKey first_;
   IndexKey last_;
   std::uint64_t iterator_ = 0;
+  bool all_ = false;  // objects of dropped tables too
 };
 
 // ---- bodies
@@ -183,10 +188,15 @@ inline Range::Range(Transaction& transaction, std::uint64_t index, IndexKey firs
 }
 
 inline std::optional<Object> Range::Next() {
-  LORV_REFERENCE record{};
-  detail::CheckKernel(lorv_iterator_next(iterator_, &record));
-  if (record.oid == 0) return std::nullopt;
-  return Object(*transaction_, db_util::Fold(record));
+  for (;;) {
+    LORV_REFERENCE record{};
+    detail::CheckKernel(lorv_iterator_next(iterator_, &record));
+    if (record.oid == 0) return std::nullopt;
+    if (all_ ||
+        transaction_->live_layouts().Holds(transaction_->context(), record.oid, record.layout)) {
+      return Object(*transaction_, db_util::Fold(record));
+    }
+  }
 }
 
 inline std::uint64_t Range::IndexBySetspec(Transaction& transaction, Table const& table) {
@@ -196,8 +206,10 @@ inline std::uint64_t Range::IndexBySetspec(Transaction& transaction, Table const
 
 inline Range Range::Only(Transaction& transaction, Table const& table) {
   auto const write = [&](metalayer::Key& key) { key.Text(table.setspec.c_str()); };
-  return {transaction, IndexBySetspec(transaction, table), IndexKey::Written(write),
-          IndexKey::Written(write), Direction::kForward};
+  Range range(transaction, IndexBySetspec(transaction, table), IndexKey::Written(write),
+              IndexKey::Written(write), Direction::kForward);
+  range.all_ = true;  // the caller says whose objects
+  return range;
 }
 
 inline Range Range::Subtree(Transaction& transaction, Table const& table) {
@@ -206,6 +218,12 @@ inline Range Range::Subtree(Transaction& transaction, Table const& table) {
       IndexKey::Written([&](metalayer::Key& key) { key.SetspecLowerBound(table.setspec.c_str()); }),
       IndexKey::Written([&](metalayer::Key& key) { key.SetspecUpperBound(table.setspec.c_str()); }),
       Direction::kForward};
+}
+
+inline Range Range::WithDropped(Transaction& transaction, Table const& table) {
+  Range range = Subtree(transaction, table);
+  range.all_ = true;
+  return range;
 }
 
 inline Range Range::Between(Transaction& transaction, Index const& index, IndexKey first,

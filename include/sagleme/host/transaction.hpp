@@ -17,6 +17,33 @@
 
 namespace sagleme {
 
+namespace detail {
+
+// Whether the table of an object is there.
+inline bool IsOfLiveTable(std::uint64_t context, std::uint64_t oid);
+
+// Which layouts have objects of tables that are there. The objects of a dropped table stay until
+// vacuum takes them away, also in the ranges of the tables that it derived from. All objects under
+// a layout are of one table.
+class LiveLayouts {
+ public:
+  // Whether the table of an object under that layout is there.
+  bool Holds(std::uint64_t context, std::uint64_t oid, std::uint16_t layout) {
+    if (layout >= known_.size()) known_.resize(layout + std::size_t{64});
+    Known& known = known_[layout];
+    if (known == Known::kNot) known = IsOfLiveTable(context, oid) ? Known::kLive : Known::kDropped;
+    return known == Known::kLive;
+  }
+  void Forget() { known_.clear(); }
+
+ private:
+  enum class Known : std::uint8_t { kNot, kLive, kDropped };
+
+  std::vector<Known> known_;
+};
+
+}  // namespace detail
+
 class Transaction : public RawTransaction {
  public:
   using RawTransaction::RawTransaction;
@@ -45,12 +72,14 @@ class Transaction : public RawTransaction {
   // The counter of schema changes, as this transaction sees it.
   std::uint64_t Generation();
 
+  detail::LiveLayouts& live_layouts() { return live_layouts_; }
   // Drops what is kept of the schema. To be called after changes of it.
   void Forget() {
     by_id_.clear();
     by_setspec_.clear();
     by_name_.clear();
     held_.clear();
+    live_layouts_.Forget();
   }
 
  private:
@@ -62,6 +91,7 @@ class Transaction : public RawTransaction {
   std::map<std::u16string, TablePtr, std::less<>> by_name_;
   // Layouts whose objects a table holds: all that stand under one layout are of one table.
   std::set<std::pair<std::uint64_t, std::uint16_t>> held_;
+  detail::LiveLayouts live_layouts_;
 };
 
 // The table that all others derive from, directly or not.
@@ -71,6 +101,19 @@ inline TablePtr RootTable(Transaction& transaction) {
 
 // ---- bodies
 // ----------------------------------------------------------------------------------------
+
+inline bool detail::IsOfLiveTable(std::uint64_t context, std::uint64_t oid) {
+  return Inside(context, [&] {
+    LORV_STRING* setspec = nullptr;
+    metalayer::Check(lorv_context_get_setspec(context, oid, 0, &setspec));
+    std::u16string const text(setspec->units, setspec->length);
+    auto const row = metalayer::SetSpecifier::ByTypeId_postV2_3(text.c_str());
+    if (row.is_null()) return false;
+    std::uint64_t addr = 0;
+    auto const table = CatalogueRef(row, metalayer::SetSpecifier::kType);
+    return table.oid != 0 && lorv_context_lookup(context, table.oid, &addr) == LORV_STATUS_OK;
+  });
+}
 
 inline TablePtr Transaction::Keep(metalayer::RawView const& view) {
   if (view.is_null()) return nullptr;
