@@ -91,6 +91,11 @@ extern "C" {
 #define LSCOREDB_IO_ERROR 9037u
 #define LSCOREDB_TOO_MANY_READERS 9038u
 #define LSCOREDB_OF_PARENT 9039u
+/* A database on a server. */
+#define LSCOREDB_SERVER_LOST 9050u
+#define LSCOREDB_COMMIT_UNKNOWN 9051u
+#define LSCOREDB_SNAPSHOT_EXPIRED 9052u
+#define LSCOREDB_NO_SERVER_LIBRARY 9053u
 /* end of what tools/statuses generates */
 
 typedef struct lscoredb lscoredb;
@@ -136,15 +141,21 @@ typedef struct lscoredb_options {
 } lscoredb_options;
 
 /* Opens, or creates, the database in `directory`, which is made when it is missing; NULL opens a
- * new one in memory. `options` may be NULL. Where the process has the directory open already, the
- * two share a store and the stricter durability holds for both. LSCOREDB_CANNOT_OPEN: no directory,
- * or no right to it. LSCOREDB_NOT_A_DATABASE: a file that is none of ours. LSCOREDB_NEWER_FORMAT:
+ * new one in memory. In the place of a directory stands the URL of a schema on a PostgreSQL server
+ * ("postgresql://user@host/database?schema=shop"), whose tables are made when they are missing;
+ * docs/many-machines.md tells the rest. `options` may be NULL. Where the process has the directory
+ * open already, the two share a store and the stricter durability holds for both.
+ * LSCOREDB_CANNOT_OPEN: no directory, or no right to it. LSCOREDB_NOT_A_DATABASE: a file that is none of ours. LSCOREDB_NEWER_FORMAT:
  * written by a later version. LSCOREDB_DAMAGED: cut or contradicting itself.
  * LSCOREDB_INVALID_ARGUMENT: options out of range. */
 LSCOREDB_API uint32_t lscoredb_open(char const* directory, lscoredb_options const* options,
                                     lscoredb** out);
-/* After a lscoredb_open or lscoredb_copy of this thread that failed: which file or directory the
- * system refused, and why, as in "shelf/layouts.lock: Permission denied". Empty where it refused
+/* Writes to `*out` whether there is a database in a directory, or at a URL, of whatever format: 1
+ * or 0. Opens nothing. LSCOREDB_SERVER_LOST, LSCOREDB_CANNOT_OPEN, LSCOREDB_NO_SERVER_LIBRARY: a
+ * server cannot be asked. */
+LSCOREDB_API uint32_t lscoredb_exists(char const* directory, uint32_t* out);
+/* After a lscoredb_open, lscoredb_exists or lscoredb_copy of this thread that failed: which file or
+ * directory the system refused, or what the server said, and why, as in "shelf/layouts.lock: Permission denied". Empty where it refused
  * none; the status tells all then. Valid until the thread's next call of one of the two. Say for
  * instance: Cannot open shelf/layouts.lock: Permission denied. */
 LSCOREDB_API char const* lscoredb_open_error(void);

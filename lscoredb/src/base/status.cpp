@@ -52,6 +52,16 @@ constexpr Entry kTexts[] = {
     {LSCOREDB_IO_ERROR, "Reading or writing the database failed."},
     {LSCOREDB_TOO_MANY_READERS, "Too many transactions are open at once."},
     {LSCOREDB_OF_PARENT, "The database was opened by a process that this one was forked from."},
+    {LSCOREDB_SERVER_LOST,
+     "The server cannot be reached, or the connection to it was lost. Nothing was committed."},
+    {LSCOREDB_COMMIT_UNKNOWN,
+     "The connection was lost during the commit, and the server does not say whether it took "
+     "place."},
+    {LSCOREDB_SNAPSHOT_EXPIRED,
+     "The server ended the transaction, which stood idle or ran for too long."},
+    {LSCOREDB_NO_SERVER_LIBRARY,
+     "The library for databases on a server, liblscoredb-postgres, is not installed or is of "
+     "another version."},
     // end of what tools/statuses generates
 };
 // clang-format on

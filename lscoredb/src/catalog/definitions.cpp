@@ -449,10 +449,12 @@ LayoutCount ParseCount(std::string_view record) {
   return count;
 }
 
+std::string CountKey(LayoutNumber number) { return KeyOf(format::kCountLetter, Raw(number)); }
+
 LayoutCount ReadCount(View const& view, LayoutNumber number) {
   std::string_view record;
-  std::string const key = KeyOf(format::kCountLetter, Raw(number));
-  return GetChecked(view, Tree::kMeta, key, &record) ? ParseCount(record) : LayoutCount{};
+  return GetChecked(view, Tree::kMeta, CountKey(number), &record) ? ParseCount(record)
+                                                                  : LayoutCount{};
 }
 
 void WriteCount(Batch& batch, LayoutNumber number, LayoutCount const& count) {
@@ -460,7 +462,7 @@ void WriteCount(Batch& batch, LayoutNumber number, LayoutCount const& count) {
   Append(value, count.objects);
   value.push_back(count.has_setspec ? 1 : 0);
   if (count.has_setspec) AppendDefinitionText(value, count.setspec);
-  PutChecked(batch, Tree::kMeta, KeyOf(format::kCountLetter, Raw(number)), value);
+  PutChecked(batch, Tree::kMeta, CountKey(number), value);
 }
 
 }  // namespace lscore

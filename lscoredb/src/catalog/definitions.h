@@ -194,6 +194,7 @@ struct LayoutCount {
 };
 
 LayoutCount ParseCount(std::string_view record);
+std::string CountKey(LayoutNumber number);  // in kMeta
 LayoutCount ReadCount(View const& view, LayoutNumber number);
 void WriteCount(Batch& batch, LayoutNumber number, LayoutCount const& count);
 

@@ -21,6 +21,29 @@ std::string PartKey(ObjectId id, std::uint32_t part) {
 
 }  // namespace
 
+void AddHints(CommitRequest const& request, std::vector<TreeKey>* hints) {
+  std::set<LayoutNumber> counted;
+  auto const add_row = [&](ObjectId object) {
+    std::uint64_t const id = Raw(object);
+    hints->push_back({Tree::kRows, std::string(BytesOf(id))});
+  };
+  request.changes.ForEachRow([&](PendingRow const& row) {
+    if (!Matters(row)) return;
+    add_row(row.id);
+    if (!row.inserted()) counted.insert(row.original_layout->number());
+    if (!row.deleted) counted.insert(row.layout->number());
+    if (row.in_overflow) hints->push_back({Tree::kOverflow, PartKey(row.id, 0)});
+  });
+  request.changes.ForEachRequired(add_row);
+  for (LayoutNumber const number : counted) hints->push_back({Tree::kMeta, CountKey(number)});
+  for (auto const& layout : request.changes.layouts()) {
+    hints->push_back({Tree::kDefinitions, LayoutKey(layout->number())});
+  }
+  for (std::string_view const key : {format::kIndexesKey, format::kNextIdKey}) {
+    hints->push_back({Tree::kMeta, std::string(key)});
+  }
+}
+
 // ---- rows in memory ----------------------------------------------------------------------------
 
 // A row that nobody read does not come in. One under a layout of this transaction waits until it is
@@ -207,7 +230,7 @@ void CommitApplier::ApplyRow(PendingRow const& row) {
   if (row.in_overflow) DeleteParts(row.id);
   if (row.deleted) {
     std::uint64_t const id = Raw(row.id);
-    batch_.Delete(Tree::kRows, BytesOf(id));
+    batch_.Remove(Tree::kRows, BytesOf(id));
     deleted_.Add(row.id);
     kept_.Add(row, {}, batch_.id());
   } else {

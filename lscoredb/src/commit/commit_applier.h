@@ -10,6 +10,7 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "chosen_ids.h"
 #include "closed_sets.h"
@@ -34,6 +35,9 @@ class CachedRowChanges {
   std::vector<ObjectId> replaced_;
   std::vector<CachedRowPtr> newer_;
 };
+
+// What a batch that applies the request is going to get from the store, most of it.
+void AddHints(CommitRequest const& request, std::vector<TreeKey>* hints);
 
 class CommitApplier {
  public:

@@ -33,12 +33,29 @@ void GroupCommit::Lead(Tickets tickets) noexcept {
     together = Guarded([&] { return store_.FreeDeadReaders() ? attempt(tickets) : together; });
   }
   if (together == LORV_STATUS_OK) return;
+  if (together == LSCOREDB_COMMIT_UNKNOWN) return LeaveOpen(tickets);
   for (CommitTicket* const& ticket : tickets) {
     Status const alone = tickets.size() == 1 ? together : Guarded([&] {
       return attempt({&ticket, 1});
     });
     if (alone != LORV_STATUS_OK) RequestOf(ticket).status = alone;
   }
+}
+
+// Who was to be committed may have been, and must not be tried again.
+void GroupCommit::LeaveOpen(Tickets tickets) noexcept {
+  for (CommitTicket* const ticket : tickets) {
+    CommitRequest& request = RequestOf(ticket);
+    bool const took_part = request.status == LORV_STATUS_OK && !request.changes.empty();
+    if (took_part) request.status = LSCOREDB_COMMIT_UNKNOWN;
+  }
+}
+
+std::unique_ptr<Batch> GroupCommit::BeginBatch(Tickets tickets) {
+  if (!store_.takes_hints()) return store_.BeginBatch();
+  std::vector<TreeKey> hints;
+  for (CommitTicket* const ticket : tickets) AddHints(RequestOf(ticket), &hints);
+  return store_.BeginBatch(hints);
 }
 
 // One batch of the store for all tickets. In their order:
@@ -54,7 +71,7 @@ void GroupCommit::Lead(Tickets tickets) noexcept {
 // are put in: a reader of the new state never finds an old row, and one of an old state never finds
 // a new one. A failure from 2 on undoes the batch as a whole; see Lead.
 void GroupCommit::TryAll(Tickets tickets) {
-  std::unique_ptr<Batch> const batch = store_.BeginBatch();
+  std::unique_ptr<Batch> const batch = BeginBatch(tickets);
   std::uint32_t position = 0;
   bool anything = false;
   CachedRowChanges kept(rows_);

@@ -46,6 +46,8 @@ class GroupCommit {
 
   void Lead(Tickets tickets) noexcept;
   void TryAll(Tickets tickets);
+  std::unique_ptr<Batch> BeginBatch(Tickets tickets);
+  static void LeaveOpen(Tickets tickets) noexcept;
 
   Store& store_;
   IdAllocator& ids_;

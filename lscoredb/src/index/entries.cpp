@@ -78,7 +78,7 @@ void EntryWriter::Put(IndexDefinition const& index, std::string_view encoded, Ob
 
 void EntryWriter::Delete(IndexDefinition const& index, std::string_view encoded, ObjectId object) {
   BuildKey(index, encoded, object, record_.key);
-  batch_.Delete(Tree::kIndex, record_.key);
+  batch_.Remove(Tree::kIndex, record_.key);
 }
 
 void DeleteEntries(Batch& batch, IndexDefinition const& index) {

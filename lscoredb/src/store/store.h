@@ -32,6 +32,7 @@
 #include <memory>
 #include <optional>
 #include <span>
+#include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -48,6 +49,11 @@ namespace lscore {
 enum class Tree : std::uint8_t { kRows, kOverflow, kIndex, kDefinitions, kMeta };
 inline constexpr std::size_t kTreeCount = 5;
 inline constexpr std::size_t kMaxKeySize = 511;
+
+struct TreeKey {
+  Tree tree;
+  std::string key;
+};
 
 struct StoreOptions {
   bool sync = true;
@@ -158,6 +164,8 @@ class Batch : public View {
   virtual void Append(Tree tree, std::string_view key, std::string_view value) = 0;
   // Returns whether the key was there.
   virtual bool Delete(Tree tree, std::string_view key) = 0;
+  // As Delete, for those who do not ask, which saves a round trip where there are any.
+  virtual void Remove(Tree tree, std::string_view key) { Delete(tree, key); }
   // All or nothing; afterwards the batch is over either way. REQUIRES: no cursor over it is open.
   virtual void Commit() = 0;
 };
@@ -231,6 +239,11 @@ class Store {
   virtual void End(std::unique_ptr<Snapshot> snapshot) noexcept = 0;
   // Waits until no other batch is open, in whatever process.
   virtual std::unique_ptr<Batch> BeginBatch() = 0;
+  // Whether round trips are saved by saying what a batch is going to get; and such a batch.
+  virtual bool takes_hints() const { return false; }
+  virtual std::unique_ptr<Batch> BeginBatch(std::vector<TreeKey> const& /* hints */) {
+    return BeginBatch();
+  }
 
   // A snapshot whose every part was checked. Where faults were reported, what a part of it gives is
   // not to be relied upon, and reading may end the process.

@@ -451,6 +451,30 @@ TEST_P(StoreConformance, PutNewLeavesWhatIsThere) {
   EXPECT_EQ("3", ValueIn(*Reading(*store_), kTree, "a"));
 }
 
+TEST_P(StoreConformance, RemoveTakesAwayWhatIsThereAndNothingElse) {
+  Fill(*store_, kTree, {{"a", "1"}, {"b", "2"}});
+  EXPECT_EQ(LORV_STATUS_OK, CommitStatus([](Batch& batch) {
+              batch.Remove(kTree, "a");
+              batch.Remove(kTree, "missing");
+              EXPECT_EQ("(none)", ValueIn(batch, kTree, "a"));
+            }));
+  Reading const now(*store_);
+  EXPECT_EQ((Entries{{"b", "2"}}), AllOf(*now, kTree));
+}
+
+TEST_P(StoreConformance, BatchWithHintsReadsWhatOneWithoutReads) {
+  std::uint64_t const id = 7;
+  Fill(*store_, kTree, {{"a", "1"}});
+  Fill(*store_, Tree::kRows, {{std::string(BytesOf(id)), "row"}});
+  std::unique_ptr<Batch> const batch = store_->BeginBatch(
+      {{kTree, "a"}, {kTree, "missing"}, {Tree::kRows, std::string(BytesOf(id))}});
+  EXPECT_EQ("1", ValueIn(*batch, kTree, "a"));
+  EXPECT_EQ("(none)", ValueIn(*batch, kTree, "missing"));
+  EXPECT_EQ("row", ValueIn(*batch, Tree::kRows, BytesOf(id)));
+  EXPECT_FALSE(batch->PutNew(kTree, "a", "2"));
+  EXPECT_TRUE(batch->PutNew(kTree, "missing", "2"));
+}
+
 TEST_P(StoreConformance, AppendPutsBehindTheLastKey) {
   std::map<std::string, std::string> const entries = NumberedEntries(300);
   std::unique_ptr<Batch> const batch = store_->BeginBatch();
