@@ -5,6 +5,7 @@
 
 #include "c_api.h"
 #include "open_error.h"
+#include "open_store.h"
 
 namespace lscore {
 namespace {
@@ -92,6 +93,15 @@ uint32_t lscoredb_open(char const* directory, lscoredb_options const* options, l
     auto handle = std::make_unique<lscoredb>();
     handle->database = OpenDatabase(directory, store);
     *out = handle.release();
+    return LORV_STATUS_OK;
+  });
+}
+
+uint32_t lscoredb_exists(char const* directory, uint32_t* out) {
+  return Guarded([&]() -> Status {
+    if (directory == nullptr || out == nullptr) return LSCOREDB_NULL_ARGUMENT;
+    ForgetOpenError();
+    *out = StoreExists(directory) ? 1 : 0;
     return LORV_STATUS_OK;
   });
 }

@@ -9,6 +9,7 @@
 #include "copy_store.h"
 #include "directory.h"
 #include "open_error.h"
+#include "server_place.h"
 
 namespace lscore {
 namespace {
@@ -37,7 +38,7 @@ uint32_t lscoredb_copy(lscoredb* database, char const* directory) {
     if (database == nullptr || directory == nullptr) return LSCOREDB_NULL_ARGUMENT;
     if (lscore::IsOfParent(*database)) return LSCOREDB_OF_PARENT;
     lscore::ForgetOpenError();
-    lscore::PrepareTarget(directory);
+    if (!lscore::IsServerUrl(directory)) lscore::PrepareTarget(directory);
     lscore::CopyStore(database->database->store(), directory);
     return LORV_STATUS_OK;
   });

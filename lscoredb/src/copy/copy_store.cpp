@@ -6,7 +6,10 @@
 #include "bytes.h"
 #include "checksummed_record.h"
 #include "format.h"
+#include "open_error.h"
 #include "open_store.h"
+#include "server_place.h"
+#include "status.h"
 
 namespace lscore {
 namespace {
@@ -78,6 +81,11 @@ void CopyStore(Store& store, char const* directory) {
   StoreOptions options;
   options.sync = false;
   options.max_file_size = store.Statistics().max_file_size;
+  // A directory was found to be empty already.
+  if (IsServerUrl(directory) && StoreExists(directory)) {
+    NoteOpenError("the target", "there is a database already");
+    Throw(LSCOREDB_CANNOT_OPEN);
+  }
   std::unique_ptr<Store> const target = OpenStore(directory, options);
   std::unique_ptr<Snapshot> snapshot = store.Begin();
   try {

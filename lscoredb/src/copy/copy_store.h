@@ -7,9 +7,9 @@
 
 namespace lscore {
 
-// Writes the newest committed state into a new store in an empty directory, without unused space,
-// while others read and write. The copy goes on counting states where this store stands. A copy
-// that was cut off is no database.
+// Writes the newest committed state into a new store in an empty directory, or on a server, without
+// unused space, while others read and write. The copy goes on counting states where this store
+// stands. A copy that was cut off is no database.
 void CopyStore(Store& store, char const* directory);
 
 }  // namespace lscore

@@ -15,6 +15,7 @@
 #include "fork.h"
 #include "open_error.h"
 #include "open_store.h"
+#include "server_place.h"
 #include "status.h"
 
 namespace lscore {
@@ -22,13 +23,14 @@ namespace {
 
 constexpr mode_t kDirectoryMode = 0750;
 
-// Of a directory, and of the process: what was open before a fork is the parent's.
-using DirectoryId = std::tuple<pid_t, dev_t, ino_t>;
+// Of a directory, or of the URL of a server, and of the process: what was open before a fork is the
+// parent's.
+using PlaceId = std::tuple<pid_t, dev_t, ino_t, std::string>;
 
-// The directories that this process has open. Held over an opening, so that none is opened twice.
+// What this process has open. Held over the opening of a directory, so that none is opened twice.
 struct Registry {
   std::mutex mutex;
-  std::map<DirectoryId, std::weak_ptr<Database>> open;
+  std::map<PlaceId, std::weak_ptr<Database>> open;
 };
 
 // Outlives all static objects that may hold databases. Null until it is asked for, and again in a
@@ -61,11 +63,11 @@ void MakeDirectories(std::string const& path, bool sync) {
   }
 }
 
-DirectoryId IdOf(std::string const& path) {
+PlaceId IdOf(std::string const& path) {
   struct stat status {};
   if (stat(path.c_str(), &status) != 0) ThrowCannotOpen(path, errno);
   if (!S_ISDIR(status.st_mode)) ThrowCannotOpen(path, ENOTDIR);
-  return {getpid(), status.st_dev, status.st_ino};
+  return {getpid(), status.st_dev, status.st_ino, {}};
 }
 
 void ForgetClosed(Registry& registry) {
@@ -74,17 +76,46 @@ void ForgetClosed(Registry& registry) {
 
 // Null when the directory is not open. A directory that was removed while it was open may have left
 // its place, and its number in the file system, to another one.
-std::shared_ptr<Database> FindOpen(Registry& registry, DirectoryId const& id) {
+std::shared_ptr<Database> FindOpen(Registry& registry, PlaceId const& id) {
   auto const found = registry.open.find(id);
   std::shared_ptr<Database> database =
       found == registry.open.end() ? nullptr : found->second.lock();
   return database != nullptr && database->orphaned() ? nullptr : database;
 }
 
-std::shared_ptr<Database> OpenDirectory(std::string const& path, StoreOptions options) {
+std::shared_ptr<Database> OpenPlace(std::string const& path, StoreOptions options) {
   options.reserve_layouts = true;
   auto database = std::make_shared<Database>(OpenStore(path.c_str(), options), options.row_memory);
   database->layout_numbers().CollectReleased(database->store());
+  return database;
+}
+
+// Another opener of what is open already.
+void Join(Database& database, StoreOptions const& options) {
+  if (options.verify) database.store().Verify();
+  if (options.sync) database.commits().RequireSync();
+}
+
+// Nobody else waits for a server meanwhile. Who opened the same one first shares what it opened.
+std::shared_ptr<Database> OpenServer(std::string const& url, StoreOptions const& options) {
+  Registry& registry = TheRegistry();
+  PlaceId const id{getpid(), 0, 0, url};
+  auto const find = [&] {
+    std::lock_guard const lock(registry.mutex);
+    ForgetClosed(registry);
+    return FindOpen(registry, id);
+  };
+  std::shared_ptr<Database> database = find();
+  if (database == nullptr) {
+    std::shared_ptr<Database> const opened = OpenPlace(url, options);
+    std::lock_guard const lock(registry.mutex);
+    database = FindOpen(registry, id);
+    if (database == nullptr) {
+      registry.open[id] = opened;
+      return opened;
+    }
+  }
+  Join(*database, options);
   return database;
 }
 
@@ -101,19 +132,19 @@ std::shared_ptr<Database> OpenDatabase(char const* directory, StoreOptions const
   }
   std::string const path = directory;
   if (path.empty()) ThrowCannotOpen(path, ENOENT);
+  if (IsServerUrl(path)) return OpenServer(path, options);
   Registry& registry = TheRegistry();
   std::lock_guard const lock(registry.mutex);
   MakeDirectories(path, options.sync);
   ForgetClosed(registry);
-  DirectoryId const id = IdOf(path);
+  PlaceId const id = IdOf(path);
   std::shared_ptr<Database> database = FindOpen(registry, id);
   if (database == nullptr) {
-    database = OpenDirectory(path, options);
+    database = OpenPlace(path, options);
     registry.open[id] = database;
     return database;
   }
-  if (options.verify) database->store().Verify();
-  if (options.sync) database->commits().RequireSync();
+  Join(*database, options);
   return database;
 }
 

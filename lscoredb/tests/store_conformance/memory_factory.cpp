@@ -1,5 +1,7 @@
 // The factory of the kernel's tests over the store in memory: databases in memory lie there.
 
+#include <filesystem>
+
 #include "lmdb_store.h"
 #include "memory_store.h"
 #include "open_store.h"
@@ -9,6 +11,10 @@ namespace lscore {
 std::unique_ptr<Store> OpenStore(char const* directory, StoreOptions const& options) {
   if (directory == nullptr) return std::make_unique<MemoryStore>(options);
   return LmdbStore::Open(directory, options);
+}
+
+bool StoreExists(char const* directory) {
+  return std::filesystem::exists(std::filesystem::path(directory) / "data.mdb");
 }
 
 }  // namespace lscore

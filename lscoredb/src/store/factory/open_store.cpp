@@ -6,6 +6,8 @@
 
 #include "lmdb_store.h"
 #include "log_store.h"
+#include "server_place.h"
+#include "server_store.h"
 
 namespace lscore {
 namespace {
@@ -18,6 +20,7 @@ bool MayHaveLog(std::string const& directory, StoreOptions const& options) {
 
 std::unique_ptr<Store> OpenStore(char const* directory, StoreOptions const& options) {
   if (directory == nullptr) return LmdbStore::Open(nullptr, options);
+  if (IsServerUrl(directory)) return OpenServerStore(directory, options);
   StoreOptions image_options = options;
   if (MayHaveLog(directory, options)) image_options.max_readers += LogStore::kOwnReaders;
   std::unique_ptr<Store> image = LmdbStore::Open(directory, image_options);
@@ -27,6 +30,11 @@ std::unique_ptr<Store> OpenStore(char const* directory, StoreOptions const& opti
   if (!options.log || !alone) return image;
   LogStore::Convert(*image);
   return LogStore::Open(image, directory, options);
+}
+
+bool StoreExists(char const* directory) {
+  if (IsServerUrl(directory)) return HasServerStore(directory);
+  return access((std::string(directory) + "/data.mdb").c_str(), F_OK) == 0;
 }
 
 }  // namespace lscore

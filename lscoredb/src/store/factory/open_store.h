@@ -9,8 +9,12 @@
 
 namespace lscore {
 
-// Opens the store in `directory`, which exists; null opens a new one in memory, gone at its end.
+// Opens the store in `directory`, which exists, or on the server that a URL names in its place;
+// null opens a new one in memory, gone at its end.
 std::unique_ptr<Store> OpenStore(char const* directory, StoreOptions const& options);
+
+// Whether there is a store, of whatever format. Throws when a server cannot be asked.
+bool StoreExists(char const* directory);
 
 }  // namespace lscore
 

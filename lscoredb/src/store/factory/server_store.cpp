@@ -1,0 +1,53 @@
+#include "server_store.h"
+
+#include <dlfcn.h>
+
+#include "open_error.h"
+#include "status.h"
+
+namespace lscore {
+namespace {
+
+constexpr char kLibrary[] = "liblscoredb-postgres.so.0";
+
+// Never unloaded: stores of it may live until the end of the process.
+template <typename Function>
+Function* Find(char const* name) {
+  void* const library = dlopen(kLibrary, RTLD_NOW | RTLD_LOCAL);
+  void* const found = library == nullptr ? nullptr : dlsym(library, name);
+  if (found == nullptr) Throw(LSCOREDB_NO_SERVER_LIBRARY);
+  return reinterpret_cast<Function*>(found);
+}
+
+// Runs `work`, and keeps what the server said when it fails.
+template <typename Work>
+void CallServer(Work const& work) {
+  std::string reason;
+  Status const status = Guarded([&]() -> Status { return work(&reason); });
+  if (status != LORV_STATUS_OK && !reason.empty()) NoteOpenError("the database", reason);
+  Check(status);
+}
+
+}  // namespace
+
+std::unique_ptr<Store> OpenServerStore(char const* url, StoreOptions const& options) {
+  auto* const open = Find<OpenServerStoreFunction>("lscoredb_open_server_store");
+  std::unique_ptr<Store> store;
+  CallServer([&](std::string* reason) {
+    store.reset(open(url, &options, kSeamVersion, reason));
+    return store == nullptr ? LSCOREDB_NO_SERVER_LIBRARY : LORV_STATUS_OK;
+  });
+  return store;
+}
+
+bool HasServerStore(char const* url) {
+  auto* const find = Find<FindServerStoreFunction>("lscoredb_find_server_store");
+  int found = 0;
+  CallServer([&](std::string* reason) {
+    found = find(url, kSeamVersion, reason);
+    return found < 0 ? LSCOREDB_NO_SERVER_LIBRARY : LORV_STATUS_OK;
+  });
+  return found > 0;
+}
+
+}  // namespace lscore

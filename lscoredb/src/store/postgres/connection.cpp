@@ -1,0 +1,333 @@
+#include "connection.h"
+
+#include <libpq-fe.h>
+#include <poll.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <utility>
+
+#include "fork.h"
+#include "status.h"
+
+namespace lscore {
+namespace {
+
+constexpr int kBinary = 1;
+constexpr std::uint32_t kBytesType = 17;   // the server's number of bytea
+constexpr std::uint32_t kNumberType = 20;  // and of bigint
+
+template <typename Number>
+void AppendNetwork(std::string& bytes, Number number) {
+  for (std::size_t shift = 8 * sizeof number; shift > 0; shift -= 8) {
+    bytes.push_back(static_cast<char>(number >> (shift - 8)));
+  }
+}
+
+// The head of an array of one dimension without nulls.
+std::string ArrayHead(std::uint32_t type, std::size_t count) {
+  std::string head;
+  AppendNetwork<std::uint32_t>(head, count == 0 ? 0 : 1);
+  AppendNetwork<std::uint32_t>(head, 0);
+  AppendNetwork(head, type);
+  if (count == 0) return head;
+  AppendNetwork(head, static_cast<std::uint32_t>(count));
+  AppendNetwork<std::uint32_t>(head, 1);
+  return head;
+}
+
+// By the class of the server's five letters, longer ones first.
+struct Meaning {
+  std::string_view state;
+  Status status;
+};
+constexpr std::array kMeanings = {
+    Meaning{"25P02", LSCOREDB_IO_ERROR},          // an earlier statement failed
+    Meaning{"25P03", LSCOREDB_SNAPSHOT_EXPIRED},  // stood idle
+    Meaning{"25P04", LSCOREDB_SNAPSHOT_EXPIRED},  // took too long
+    Meaning{"57014", LSCOREDB_SNAPSHOT_EXPIRED},  // cancelled
+    Meaning{"40001", LSCOREDB_CONFLICT},          // could not be made serial
+    Meaning{"40P01", LSCOREDB_CONFLICT},          // deadlock
+    Meaning{"25006", LSCOREDB_WRITE_REFUSED},     // a standby
+    Meaning{"42501", LSCOREDB_CANNOT_OPEN},       // no privilege
+    Meaning{"53100", LSCOREDB_DISK_FULL},         //
+    Meaning{"53200", LSCOREDB_NO_MEMORY},         //
+    Meaning{"53300", LSCOREDB_TOO_MANY_READERS},  // connections
+    Meaning{"54000", LSCOREDB_TOO_LARGE},         //
+    Meaning{"57P", LSCOREDB_SERVER_LOST},         // it shuts down, or starts
+    Meaning{"08", LSCOREDB_SERVER_LOST},          //
+    Meaning{"28", LSCOREDB_CANNOT_OPEN},          // not let in
+    Meaning{"3D", LSCOREDB_CANNOT_OPEN},          // no such database
+    Meaning{"42P01", LSCOREDB_NOT_A_DATABASE},    // no such table
+    Meaning{"3F000", LSCOREDB_NOT_A_DATABASE},    // no such schema
+    Meaning{"XX001", LSCOREDB_DAMAGED},           //
+    Meaning{"XX002", LSCOREDB_DAMAGED},           //
+};
+
+Status StatusOf(pg_result const* result) {
+  char const* const field = PQresultErrorField(result, PG_DIAG_SQLSTATE);
+  std::string_view const state = field == nullptr ? "" : field;
+  for (Meaning const& meaning : kMeanings) {
+    if (state.starts_with(meaning.state)) return meaning.status;
+  }
+  return LSCOREDB_IO_ERROR;
+}
+
+// Before there is a connection the server's letters are not to be had. Whoever can be reached and
+// refuses has said why; a server that starts or stops comes back.
+Status StatusOfRefusal(pg_conn* connection) {
+  return PQsocket(connection) < 0 ? LSCOREDB_SERVER_LOST : LSCOREDB_CANNOT_OPEN;
+}
+
+thread_local std::string last_refusal;
+
+void NoteRefusal(pg_conn const* connection) {
+  last_refusal = PQerrorMessage(connection);
+  while (last_refusal.ends_with('\n')) last_refusal.pop_back();
+}
+
+}  // namespace
+
+std::string const& LastRefusal() noexcept { return last_refusal; }
+
+void FreeResult::operator()(pg_result* result) const noexcept { PQclear(result); }
+
+std::size_t Result::size() const { return static_cast<std::size_t>(PQntuples(result_.get())); }
+
+std::string_view Result::Bytes(std::size_t row, std::size_t column) const {
+  auto const r = static_cast<int>(row);
+  auto const c = static_cast<int>(column);
+  return {PQgetvalue(result_.get(), r, c),
+          static_cast<std::size_t>(PQgetlength(result_.get(), r, c))};
+}
+
+std::uint64_t Result::Number(std::size_t row, std::size_t column) const {
+  std::uint64_t number = 0;
+  for (char const c : Bytes(row, column)) number = number << 8 | static_cast<unsigned char>(c);
+  return number;
+}
+
+Parameters& Parameters::Bytes(std::string_view bytes) {
+  values_.emplace_back(bytes);
+  return *this;
+}
+
+Parameters& Parameters::Number(std::uint64_t number) {
+  AppendNetwork(values_.emplace_back(), number);
+  return *this;
+}
+
+Parameters& Parameters::ManyBytes(std::vector<std::string_view> const& values) {
+  std::string array = ArrayHead(kBytesType, values.size());
+  for (std::string_view const value : values) {
+    AppendNetwork(array, static_cast<std::uint32_t>(value.size()));
+    array += value;
+  }
+  values_.push_back(std::move(array));
+  return *this;
+}
+
+Parameters& Parameters::ManyNumbers(std::vector<std::uint64_t> const& numbers) {
+  std::string array = ArrayHead(kNumberType, numbers.size());
+  for (std::uint64_t const number : numbers) {
+    AppendNetwork<std::uint32_t>(array, sizeof number);
+    AppendNetwork(array, number);
+  }
+  values_.push_back(std::move(array));
+  return *this;
+}
+
+// ---- the connection ----------------------------------------------------------------------------
+
+Connection::Connection(ServerUrl const& url) : timeout_(url.timeout) {
+  try {
+    Open(url.connection);
+  } catch (...) {
+    PQfinish(connection_);
+    throw;
+  }
+  KeepFromChildren(PQsocket(connection_));
+}
+
+Connection::~Connection() {
+  ForgetFile(PQsocket(connection_));
+  PQfinish(connection_);
+}
+
+void Connection::Open(std::string const& connection) {
+  connection_ = PQconnectStart(connection.c_str());
+  if (connection_ == nullptr) Throw(LSCOREDB_NO_MEMORY);
+  last_refusal = "no answer in time";
+  Deadline const deadline = DeadlineFromNow();
+  PostgresPollingStatusType state = PGRES_POLLING_WRITING;
+  while (state != PGRES_POLLING_OK) {
+    if (PQstatus(connection_) == CONNECTION_BAD) {
+      NoteRefusal(connection_);
+      Throw(StatusOfRefusal(connection_));
+    }
+    Await(state == PGRES_POLLING_READING ? POLLIN : POLLOUT, deadline);
+    state = PQconnectPoll(connection_);
+  }
+  PQsetNoticeProcessor(
+      connection_, [](void*, char const*) {}, nullptr);
+  if (PQsetnonblocking(connection_, 1) != 0 || PQenterPipelineMode(connection_) != 1) {
+    Throw(LSCOREDB_NO_MEMORY);
+  }
+}
+
+Connection::Deadline Connection::DeadlineFromNow() const {
+  bool const forever = timeout_.count() == 0;
+  return forever ? Deadline::max() : std::chrono::steady_clock::now() + timeout_;
+}
+
+void Connection::Await(short events, Deadline deadline) {
+  using std::chrono::milliseconds;
+  pollfd socket{PQsocket(connection_), events, 0};
+  for (;;) {
+    int wait = -1;
+    if (deadline != Deadline::max()) {
+      auto const left =
+          std::chrono::ceil<milliseconds>(deadline - std::chrono::steady_clock::now());
+      wait = static_cast<int>(std::max(left, milliseconds(0)).count());
+    }
+    int const ready = poll(&socket, 1, wait);
+    if (ready > 0) return;
+    if (ready == 0 || errno != EINTR) {
+      broken_ = true;
+      Throw(LSCOREDB_SERVER_LOST);
+    }
+  }
+}
+
+void Connection::Flush(Deadline deadline) {
+  for (;;) {
+    int const left = PQflush(connection_);
+    if (left == 0) return;
+    if (left < 0) Throw(LSCOREDB_SERVER_LOST);
+    Await(POLLIN | POLLOUT, deadline);
+    // The server may have to get rid of answers before it takes more.
+    if (PQconsumeInput(connection_) != 1) Throw(LSCOREDB_SERVER_LOST);
+  }
+}
+
+pg_result* Connection::NextResult(Deadline deadline) {
+  while (PQisBusy(connection_) != 0) {
+    Await(POLLIN, deadline);
+    if (PQconsumeInput(connection_) != 1) Throw(LSCOREDB_SERVER_LOST);
+  }
+  return PQgetResult(connection_);
+}
+
+void Connection::Break(Lost lost) {
+  broken_ = true;
+  if (lost == Lost::kPerhapsDone) throw ReplyLost();
+  Throw(LSCOREDB_SERVER_LOST);
+}
+
+bool Connection::usable() const {
+  return !broken_ && (posted_ > 0 || PQtransactionStatus(connection_) == PQTRANS_IDLE);
+}
+
+void Connection::Add(Statement const& statement, Parameters const& parameters) {
+  if (broken_) Throw(LSCOREDB_SERVER_LOST);
+  bool ok = true;
+  if (!prepared_.contains(statement.name)) {
+    ok =
+        PQsendPrepare(connection_, statement.name.c_str(), statement.text.c_str(), 0, nullptr) == 1;
+    added_.push_back({statement.name});
+    prepared_.insert(statement.name);
+  }
+  std::vector<char const*> values;
+  std::vector<int> lengths;
+  std::vector<int> const formats(parameters.values().size(), kBinary);
+  for (std::string const& value : parameters.values()) {
+    values.push_back(value.data());
+    lengths.push_back(static_cast<int>(value.size()));
+  }
+  ok = ok &&
+       PQsendQueryPrepared(connection_, statement.name.c_str(), static_cast<int>(values.size()),
+                           values.data(), lengths.data(), formats.data(), kBinary) == 1;
+  added_.push_back({});
+  if (!ok) Break(Lost::kNothing);
+}
+
+void Connection::Post() noexcept {
+  try {
+    if (broken_) return;
+    added_.clear();
+    if (PQpipelineSync(connection_) != 1) Break(Lost::kNothing);
+    ++posted_;
+    Flush(DeadlineFromNow());
+  } catch (...) {
+    broken_ = true;
+  }
+}
+
+void Connection::PassOverPosted(Deadline deadline) {
+  while (posted_ > 0) {
+    Result const result(NextResult(deadline));
+    // Null stands between the results of two statements.
+    ExecStatusType const state =
+        result.get() == nullptr ? PGRES_COMMAND_OK : PQresultStatus(result.get());
+    if (PQstatus(connection_) == CONNECTION_BAD || state == PGRES_FATAL_ERROR) {
+      Throw(LSCOREDB_SERVER_LOST);
+    }
+    if (state == PGRES_PIPELINE_SYNC) --posted_;
+  }
+}
+
+// Returns whether the statement was executed. Notes the first failure of the exchange.
+bool Connection::TakeResult(Deadline deadline, Status* failed, Result* out) {
+  pg_result* const first = NextResult(deadline);
+  if (first == nullptr) Throw(LSCOREDB_SERVER_LOST);
+  Result result(first);
+  for (pg_result* more; (more = NextResult(deadline)) != nullptr;) PQclear(more);
+  ExecStatusType const state = PQresultStatus(first);
+  if (state == PGRES_TUPLES_OK || state == PGRES_COMMAND_OK) {
+    *out = std::move(result);
+    return true;
+  }
+  if (PQstatus(connection_) == CONNECTION_BAD) Throw(LSCOREDB_SERVER_LOST);
+  if (state != PGRES_PIPELINE_ABORTED && *failed == LORV_STATUS_OK) *failed = StatusOf(first);
+  return false;
+}
+
+std::vector<Result> Connection::TakeResults(Deadline deadline) {
+  std::vector<Awaited> const awaited = std::exchange(added_, {});
+  std::vector<Result> results;
+  Status failed = LORV_STATUS_OK;
+  for (Awaited const& one : awaited) {
+    Result result;
+    bool const done = TakeResult(deadline, &failed, &result);
+    if (one.prepares.empty()) {
+      results.push_back(std::move(result));
+    } else if (!done) {
+      prepared_.erase(one.prepares);
+    }
+  }
+  PQclear(NextResult(deadline));  // the end of the exchange
+  if (failed != LORV_STATUS_OK) Throw(failed);
+  return results;
+}
+
+std::vector<Result> Connection::Exchange(Lost lost) {
+  try {
+    Deadline const deadline = DeadlineFromNow();
+    if (broken_ || PQpipelineSync(connection_) != 1) Throw(LSCOREDB_SERVER_LOST);
+    Flush(deadline);
+    PassOverPosted(deadline);
+    ++round_trips_;
+    return TakeResults(deadline);
+  } catch (Failure const& failure) {
+    if (failure.status() != LSCOREDB_SERVER_LOST) throw;
+    Break(lost);
+  }
+}
+
+Result Connection::Run(Statement const& statement, Parameters const& parameters) {
+  Add(statement, parameters);
+  return std::move(Exchange().back());
+}
+
+}  // namespace lscore

@@ -1,0 +1,33 @@
+// What the library of the store exports.
+
+#include "connection.h"
+#include "postgres_store.h"
+#include "server_store.h"
+
+#define EXPORTED __attribute__((visibility("default")))
+
+extern "C" {
+EXPORTED lscore::OpenServerStoreFunction lscoredb_open_server_store;
+EXPORTED lscore::FindServerStoreFunction lscoredb_find_server_store;
+}
+
+lscore::Store* lscoredb_open_server_store(char const* url, lscore::StoreOptions const* options,
+                                          std::uint32_t seam_version, std::string* reason) {
+  if (seam_version != lscore::kSeamVersion) return nullptr;
+  try {
+    return new lscore::PostgresStore(url, *options);
+  } catch (...) {
+    *reason = lscore::LastRefusal();
+    throw;
+  }
+}
+
+int lscoredb_find_server_store(char const* url, std::uint32_t seam_version, std::string* reason) {
+  if (seam_version != lscore::kSeamVersion) return -1;
+  try {
+    return lscore::PostgresStore::Exists(url) ? 1 : 0;
+  } catch (...) {
+    *reason = lscore::LastRefusal();
+    throw;
+  }
+}

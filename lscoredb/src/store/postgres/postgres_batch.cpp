@@ -1,0 +1,325 @@
+#include "postgres_batch.h"
+
+#include <algorithm>
+#include <random>
+#include <utility>
+
+#include "bytes.h"
+#include "checksummed_record.h"
+#include "format.h"
+#include "status.h"
+
+namespace lscore {
+namespace {
+
+constexpr std::size_t kStatementBytes = std::size_t{8} << 20;
+constexpr std::size_t kStatementEntries = 10'000;
+constexpr std::size_t kTicketSize = 16;
+constexpr std::uint64_t kTidyEvery = 1000;  // states
+
+void CheckKey(std::string_view key) {
+  if (key.empty() || key.size() > kMaxKeySize) Throw(LSCOREDB_TOO_LARGE);
+}
+
+std::string NewTicket() {
+  std::random_device source;
+  std::string ticket;
+  while (ticket.size() < kTicketSize) ticket.push_back(static_cast<char>(source()));
+  return ticket;
+}
+
+// Merges what was written with what the server has.
+class BatchCursor final : public TreeCursor {
+ public:
+  BatchCursor(Store const& store, ServerView& view, Tree tree, Written const& written)
+      : TreeCursor(store), server_(store, view, tree), tree_(tree), written_(written) {}
+
+  bool Seek(std::string_view key, KeyValue* entry) override {
+    KeyValue server;
+    bool const there = server_.Seek(key, &server);
+    return Rise(written_.lower_bound(key), there, server, entry);
+  }
+  bool First(KeyValue* entry) override {
+    KeyValue server;
+    bool const there = server_.First(&server);
+    return Rise(written_.begin(), there, server, entry);
+  }
+  bool Next(KeyValue* entry) override {
+    KeyValue server{entry->key, {}};
+    bool const there = server_.Next(&server);
+    return Rise(written_.upper_bound(entry->key), there, server, entry);
+  }
+  bool Last(KeyValue* entry) override {
+    KeyValue server;
+    bool const there = server_.Last(&server);
+    return Fall(written_.end(), there, server, entry);
+  }
+  bool Previous(KeyValue* entry) override {
+    KeyValue server{entry->key, {}};
+    bool const there = server_.Previous(&server);
+    return Fall(written_.lower_bound(entry->key), there, server, entry);
+  }
+  bool EnterPage(KeyValue const&, EntryPage*) override { return false; }
+
+ private:
+  // The lowest entry of both sides, where what was written hides what the server has.
+  bool Rise(Written::const_iterator ours, bool there, KeyValue server, KeyValue* entry) {
+    for (;;) {
+      bool const any = ours != written_.end();
+      if (any && (!there || !KeyLess(tree_, server.key, ours->first))) {
+        if (there && server.key == ours->first) there = server_.Next(&server);
+        if (Give(*ours++, entry)) return true;
+        continue;
+      }
+      if (there) *entry = server;
+      return there;
+    }
+  }
+  // The highest one below `above`.
+  bool Fall(Written::const_iterator above, bool there, KeyValue server, KeyValue* entry) {
+    for (;;) {
+      bool const any = above != written_.begin();
+      if (any && (!there || !KeyLess(tree_, std::prev(above)->first, server.key))) {
+        --above;
+        if (there && server.key == above->first) there = server_.Previous(&server);
+        if (Give(*above, entry)) return true;
+        continue;
+      }
+      if (there) *entry = server;
+      return there;
+    }
+  }
+  static bool Give(Written::value_type const& ours, KeyValue* entry) {
+    if (!ours.second.has_value()) return false;
+    *entry = {ours.first, *ours.second};
+    return true;
+  }
+
+  ServerCursor server_;
+  Tree const tree_;
+  Written const& written_;
+};
+
+}  // namespace
+
+// ---- beginning and ending ----------------------------------------------------------------------
+
+PostgresBatch::PostgresBatch(PostgresStore& store, std::vector<TreeKey> const& hints)
+    : store_(store), lock_(store.batch_mutex()), connection_(nullptr, LetGo{&store}) {
+  for (std::size_t i = 0; i < kTreeCount; ++i)
+    written_[i] = Written(KeyOrder{static_cast<Tree>(i)});
+  // As with snapshots, an idle connection may have been cut.
+  Status status = LSCOREDB_SERVER_LOST;
+  for (int attempt = 0; status == LSCOREDB_SERVER_LOST && attempt < 2; ++attempt) {
+    status = Guarded([&] {
+      Begin(hints);
+      return LORV_STATUS_OK;
+    });
+    if (status != LORV_STATUS_OK) Leave();
+  }
+  Check(status);
+}
+
+void PostgresBatch::Begin(std::vector<TreeKey> const& hints) {
+  connection_ = store_.TakeConnection();
+  Statements const& statements = store_.statements();
+  view_ = std::make_unique<ServerView>(*connection_, statements);
+  state_ =
+      store_.BeginAt(*connection_, statements.begin_batch, statements.lock_state, *view_, hints);
+  set_id(CommitId{Raw(state_.id) + 1});
+}
+
+void PostgresBatch::Leave() noexcept {
+  if (connection_ == nullptr) return;
+  static_cast<void>(Guarded([this] {
+    connection_->Add(store_.statements().rollback);
+    return LORV_STATUS_OK;
+  }));
+  connection_->Post();
+  connection_.reset();
+}
+
+PostgresBatch::~PostgresBatch() { Leave(); }
+
+// ---- reading -----------------------------------------------------------------------------------
+
+bool PostgresBatch::Get(Tree tree, std::string_view key, std::string_view* value) const {
+  if (connection_ == nullptr) Throw(LSCOREDB_SERVER_LOST);
+  auto const written = WrittenTo(tree).find(key);
+  if (written == WrittenTo(tree).end()) return view_->Get(tree, key, value);
+  if (written->second.has_value()) *value = *written->second;
+  return written->second.has_value();
+}
+
+void PostgresBatch::GetMany(Tree tree, std::span<std::string_view const> keys,
+                            std::span<std::optional<std::string_view>> values) const {
+  if (connection_ == nullptr) Throw(LSCOREDB_SERVER_LOST);
+  view_->GetMany(tree, keys, values);
+  for (std::size_t i = 0; i < keys.size(); ++i) {
+    auto const written = WrittenTo(tree).find(keys[i]);
+    if (written != WrittenTo(tree).end()) values[i] = written->second;
+  }
+}
+
+void PostgresBatch::OpenCursor(Tree tree, std::unique_ptr<TreeCursor>& cursor) const {
+  if (connection_ == nullptr) Throw(LSCOREDB_SERVER_LOST);
+  cursor = std::make_unique<BatchCursor>(store_, *view_, tree, WrittenTo(tree));
+}
+
+// ---- writing -----------------------------------------------------------------------------------
+
+void PostgresBatch::Put(Tree tree, std::string_view key, std::string_view value) {
+  CheckKey(key);
+  WrittenTo(tree).insert_or_assign(std::string(key), std::string(value));
+}
+
+bool PostgresBatch::PutNew(Tree tree, std::string_view key, std::string_view value) {
+  CheckKey(key);
+  std::string_view known;
+  if (Get(tree, key, &known)) return false;
+  Put(tree, key, value);
+  return true;
+}
+
+void PostgresBatch::Append(Tree tree, std::string_view key, std::string_view value) {
+  Put(tree, key, value);
+}
+
+bool PostgresBatch::Delete(Tree tree, std::string_view key) {
+  std::string_view known;
+  if (!Get(tree, key, &known)) return false;
+  WrittenTo(tree).insert_or_assign(std::string(key), std::nullopt);
+  return true;
+}
+
+void PostgresBatch::Remove(Tree tree, std::string_view key) {
+  WrittenTo(tree).insert_or_assign(std::string(key), std::nullopt);
+}
+
+bool PostgresBatch::changed() const {
+  for (Written const& written : written_) {
+    if (!written.empty()) return true;
+  }
+  return false;
+}
+
+// ---- committing --------------------------------------------------------------------------------
+
+void PostgresBatch::SendPuts(Tree tree, std::vector<std::string> const& keys,
+                             std::vector<std::string_view> const& values) {
+  if (keys.empty()) return;
+  std::vector<std::string_view> const views(keys.begin(), keys.end());
+  connection_->Add(store_.statements().Of(tree).put,
+                   Parameters().ManyBytes(views).ManyBytes(values));
+}
+
+void PostgresBatch::Send(Tree tree) {
+  std::vector<std::string> removed;
+  std::vector<std::string> keys;
+  std::vector<std::string_view> values;
+  std::size_t bytes = 0;
+  for (auto const& [key, value] : WrittenTo(tree)) {
+    if (!value.has_value()) {
+      removed.push_back(ServerKey(tree, key));
+      continue;
+    }
+    keys.push_back(ServerKey(tree, key));
+    values.push_back(*value);
+    bytes += key.size() + value->size();
+    if (bytes < kStatementBytes && keys.size() < kStatementEntries) continue;
+    SendPuts(tree, keys, values);
+    keys.clear();
+    values.clear();
+    bytes = 0;
+  }
+  SendPuts(tree, keys, values);
+  if (removed.empty()) return;
+  std::vector<std::string_view> const views(removed.begin(), removed.end());
+  connection_->Add(store_.statements().Of(tree).remove, Parameters().ManyBytes(views));
+}
+
+Result PostgresBatch::ReadChanges(CommitId after) const {
+  return connection_->Run(store_.statements().read_changes,
+                          Parameters().Number(Raw(after)).Number(kMostChanges + 1));
+}
+
+// What this commit changes, for the others; old lists go from time to time.
+void PostgresBatch::SendChanges(std::uint64_t state) {
+  Statements const& statements = store_.statements();
+  std::uint64_t listed = Raw(state_.listed);
+  Written const& rows = WrittenTo(Tree::kRows);
+  if (rows.size() > kMostChanges) {
+    listed = state;
+  } else if (!rows.empty()) {
+    std::vector<std::string> keys;
+    for (auto const& [key, value] : rows) keys.push_back(ServerKey(Tree::kRows, key));
+    std::vector<std::string_view> const views(keys.begin(), keys.end());
+    connection_->Add(statements.put_changes, Parameters().Number(state).ManyBytes(views));
+  }
+  if (state % kTidyEvery == 0 && state > kChangesKept) {
+    connection_->Add(statements.drop_changes, Parameters().Number(state - kChangesKept));
+    listed = std::max(listed, state - kChangesKept);
+  }
+  connection_->Add(statements.advance_state, Parameters().Number(state).Number(listed));
+}
+
+// In one round trip. A statement that fails keeps the others behind it from being executed, the
+// commit among them.
+bool PostgresBatch::SendAll() {
+  Statements const& statements = store_.statements();
+  std::string const ticket = NewTicket();
+  std::uint64_t const state = Raw(id()) + TakeStatesBefore();
+  if (!store_.sync()) connection_->Add(statements.no_wait_for_disk);
+  for (std::size_t i = 0; i < kTreeCount; ++i) Send(static_cast<Tree>(i));
+  connection_->Add(statements.put_ticket, Parameters().Bytes(ticket).Number(state));
+  SendChanges(state);
+  if (state % kTidyEvery == 0 && state > kTicketsKept) {
+    connection_->Add(statements.drop_tickets, Parameters().Number(state - kTicketsKept));
+  }
+  connection_->Add(statements.commit);
+  try {
+    connection_->Exchange(Lost::kPerhapsDone);
+    return true;
+  } catch (ReplyLost const&) {
+    return store_.Resolve(ticket);
+  }
+}
+
+// A copy says how many states there were before it, which rows bear the numbers of. Here that goes
+// into the number of the state itself.
+std::uint64_t PostgresBatch::TakeStatesBefore() {
+  Written& meta = WrittenTo(Tree::kMeta);
+  auto const at = meta.find(format::kStatesBeforeKey);
+  if (at == meta.end() || !at->second.has_value()) return 0;
+  FieldReader fields(StripChecksum(format::kStatesBeforeKey, *at->second));
+  auto const before = fields.Next<std::uint64_t>();
+  meta.erase(at);
+  return before;
+}
+
+void PostgresBatch::Commit() {
+  if (connection_ == nullptr) Throw(LSCOREDB_SERVER_LOST);
+  if (!changed()) {
+    Leave();
+    lock_.unlock();
+    return;
+  }
+  store_.BeginOwnCommit(*this);
+  bool done = false;
+  Status const status = Guarded([&] {
+    done = SendAll();
+    return LORV_STATUS_OK;
+  });
+  store_.EndOwnCommit(*this, done);
+  if (done) store_.NoteKnown(id());
+  if (done) {
+    connection_.reset();
+  } else {
+    Leave();
+  }
+  lock_.unlock();
+  Check(status);
+  if (!done) Throw(LSCOREDB_SERVER_LOST);
+}
+
+}  // namespace lscore

@@ -1,0 +1,69 @@
+#ifndef LSCOREDB_SRC_POSTGRES_BATCH_H
+#define LSCOREDB_SRC_POSTGRES_BATCH_H
+
+// A batch of writes: what it is to change lies in memory until it is committed.
+
+#include <array>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "postgres_store.h"
+
+namespace lscore {
+
+struct KeyOrder {
+  using is_transparent = void;
+  Tree tree = Tree::kMeta;
+  bool operator()(std::string_view a, std::string_view b) const { return KeyLess(tree, a, b); }
+};
+// What is written, by key; no value: it is deleted.
+using Written = std::map<std::string, std::optional<std::string>, KeyOrder>;
+
+class PostgresBatch final : public Batch {
+ public:
+  PostgresBatch(PostgresStore& store, std::vector<TreeKey> const& hints);
+  ~PostgresBatch() override;
+
+  bool Get(Tree tree, std::string_view key, std::string_view* value) const override;
+  void GetMany(Tree tree, std::span<std::string_view const> keys,
+               std::span<std::optional<std::string_view>> values) const override;
+  void OpenCursor(Tree tree, std::unique_ptr<TreeCursor>& cursor) const override;
+  void Put(Tree tree, std::string_view key, std::string_view value) override;
+  bool PutNew(Tree tree, std::string_view key, std::string_view value) override;
+  void Append(Tree tree, std::string_view key, std::string_view value) override;
+  bool Delete(Tree tree, std::string_view key) override;
+  void Remove(Tree tree, std::string_view key) override;
+  void Commit() override;
+
+  // That it began from.
+  StateRead const& state() const { return state_; }
+  Result ReadChanges(CommitId after) const;
+
+ private:
+  Written& WrittenTo(Tree tree) { return written_[static_cast<std::size_t>(tree)]; }
+  Written const& WrittenTo(Tree tree) const { return written_[static_cast<std::size_t>(tree)]; }
+  bool changed() const;
+  void SendChanges(std::uint64_t state);
+  std::uint64_t TakeStatesBefore();
+  void Begin(std::vector<TreeKey> const& hints);
+  void Send(Tree tree);
+  void SendPuts(Tree tree, std::vector<std::string> const& keys,
+                std::vector<std::string_view> const& values);
+  // Returns whether it was committed. Throws when it was not, for a reason.
+  bool SendAll();
+  void Leave() noexcept;
+
+  PostgresStore& store_;
+  std::unique_lock<std::mutex> lock_;
+  UsedConnection connection_;
+  StateRead state_;
+  std::unique_ptr<ServerView> mutable view_;
+  std::array<Written, kTreeCount> written_;
+};
+
+}  // namespace lscore
+
+#endif

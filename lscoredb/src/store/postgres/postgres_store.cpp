@@ -1,0 +1,271 @@
+#include "postgres_store.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "bytes.h"
+#include "format.h"
+#include "postgres_batch.h"
+#include "server_reservations.h"
+#include "status.h"
+
+namespace lscore {
+namespace {
+
+constexpr std::size_t kIdleConnections = 16;
+constexpr int kAttempts = 5;  // to make tables that another process may just be making
+
+Status StatusOf(std::function<void()> const& work) {
+  return Guarded([&] {
+    work();
+    return LORV_STATUS_OK;
+  });
+}
+
+}  // namespace
+
+// ---- opening -----------------------------------------------------------------------------------
+
+PostgresStore::PostgresStore(std::string_view url, StoreOptions const& options)
+    : url_(ParseServerUrl(url)), options_(options), statements_(url_.schema), sync_(options.sync) {
+  auto connection = std::make_unique<Connection>(url_);
+  std::uint64_t version = 0;
+  auto const read_version = [&] {
+    Result const state = connection->Run(statements_.read_state);
+    if (state.size() != 1) Throw(LSCOREDB_NOT_A_DATABASE);
+    version = state.Number(0, 1);
+  };
+  if (Status const status = StatusOf(read_version); status == LSCOREDB_NOT_A_DATABASE) {
+    MakeTables(*connection);
+    read_version();
+  } else {
+    Check(status);
+  }
+  if (version > kTablesVersion) Throw(LSCOREDB_NEWER_FORMAT);
+  CheckFormat(*connection);
+  idle_.push_back(std::move(connection));
+  if (options.reserve_layouts) {
+    UseReservations(std::make_shared<ServerReservations>(url_, statements_));
+  }
+}
+
+bool PostgresStore::Exists(std::string_view url) {
+  ServerUrl const parsed = ParseServerUrl(url);
+  Connection connection(parsed);
+  Statements const statements(parsed.schema);
+  Status const status = StatusOf([&] { connection.Run(statements.read_state); });
+  if (status != LSCOREDB_NOT_A_DATABASE) Check(status);
+  return status == LORV_STATUS_OK;
+}
+
+// A copy that was cut off has none.
+void PostgresStore::CheckFormat(Connection& connection) const {
+  ServerView view(connection, statements_);
+  std::string_view record;
+  if (!view.Get(Tree::kMeta, format::kFormatKey, &record) ||
+      record.size() != format::kMagic.size() + 4 || !record.starts_with(format::kMagic)) {
+    Throw(LSCOREDB_NOT_A_DATABASE);
+  }
+  if (Load<std::uint32_t>(record.data() + format::kMagic.size()) > format::kNewestVersion) {
+    Throw(LSCOREDB_NEWER_FORMAT);
+  }
+}
+
+// Each statement by itself, since several processes may come here at once: whoever finds that
+// another one makes the same thing begins again.
+void PostgresStore::MakeTables(Connection& connection) const {
+  Status status = LORV_STATUS_OK;
+  for (int attempt = 0; attempt < kAttempts; ++attempt) {
+    status = StatusOf([&] {
+      for (Statement const& statement : statements_.make) connection.Run(statement);
+    });
+    if (status == LORV_STATUS_OK) return;
+    if (status == LSCOREDB_SERVER_LOST || status == LSCOREDB_CANNOT_OPEN) break;
+  }
+  Throw(status == LSCOREDB_IO_ERROR || status == LSCOREDB_WRITE_REFUSED ? LSCOREDB_CANNOT_OPEN
+                                                                        : status);
+}
+
+// ---- connections -------------------------------------------------------------------------------
+
+void LetGo::operator()(Connection* connection) const noexcept {
+  store->GiveBack(std::unique_ptr<Connection>(connection));
+}
+
+UsedConnection PostgresStore::TakeConnection() const {
+  bool others = false;
+  {
+    std::lock_guard const lock(mutex_);
+    others = in_use_ > 0;
+    ++in_use_;
+    if (!idle_.empty()) {
+      UsedConnection connection(idle_.back().release(), LetGo{this});
+      idle_.pop_back();
+      return connection;
+    }
+  }
+  std::unique_ptr<Connection> made;
+  Status const status = StatusOf([&] { made = std::make_unique<Connection>(url_); });
+  if (status == LORV_STATUS_OK) return {made.release(), LetGo{this}};
+  GiveBack(nullptr);
+  // It let others of ours in a moment ago: what it lacks is room for one more.
+  Throw(others && status == LSCOREDB_CANNOT_OPEN ? LSCOREDB_TOO_MANY_READERS : status);
+}
+
+void PostgresStore::GiveBack(std::unique_ptr<Connection> connection) const noexcept {
+  std::lock_guard const lock(mutex_);
+  --in_use_;
+  if (connection == nullptr || !connection->usable() || idle_.size() == kIdleConnections) return;
+  static_cast<void>(StatusOf([&] { idle_.push_back(std::move(connection)); }));
+}
+
+// ---- snapshots ---------------------------------------------------------------------------------
+
+PostgresSnapshot::PostgresSnapshot(PostgresStore& store)
+    : store_(store), connection_(store.TakeConnection()), view_(*connection_, store.statements()) {
+  Statements const& statements = store.statements();
+  state_ = store.BeginAt(*connection_, statements.begin_snapshot, statements.read_state, view_, {});
+  set_id(state_.id);
+}
+
+// Nobody waits for the end of a transaction that has only read.
+PostgresSnapshot::~PostgresSnapshot() {
+  static_cast<void>(StatusOf([this] { connection_->Add(store_.statements().commit); }));
+  connection_->Post();
+}
+
+void PostgresSnapshot::OpenCursor(Tree tree, std::unique_ptr<TreeCursor>& cursor) const {
+  cursor = std::make_unique<ServerCursor>(store_, view_, tree);
+}
+
+// An idle connection may have been cut since it was last used, which says nothing of the server: a
+// new one is tried.
+std::unique_ptr<Snapshot> PostgresStore::Begin() {
+  {
+    std::lock_guard const lock(mutex_);
+    if (readers_.size() >= options_.max_readers) Throw(LSCOREDB_TOO_MANY_READERS);
+  }
+  std::unique_ptr<Snapshot> snapshot;
+  auto const attempt = [&] { snapshot = std::make_unique<PostgresSnapshot>(*this); };
+  Status status = StatusOf(attempt);
+  for (std::size_t i = 0; status == LSCOREDB_SERVER_LOST && i <= kIdleConnections; ++i) {
+    status = StatusOf(attempt);
+  }
+  Check(status);
+  std::lock_guard const lock(mutex_);
+  readers_.insert(snapshot->id());
+  return snapshot;
+}
+
+void PostgresStore::End(std::unique_ptr<Snapshot> snapshot) noexcept {
+  {
+    std::lock_guard const lock(mutex_);
+    readers_.erase(readers_.find(snapshot->id()));
+  }
+  snapshot.reset();
+}
+
+std::unique_ptr<Batch> PostgresStore::BeginBatch(std::vector<TreeKey> const& hints) {
+  return std::make_unique<PostgresBatch>(*this, hints);
+}
+
+// ---- what others change ------------------------------------------------------------------------
+
+// The changes come behind the state: a batch has to wait for its lock before it asks.
+StateRead PostgresStore::BeginAt(Connection& connection, Statement const& begin,
+                                 Statement const& state, ServerView& view,
+                                 std::vector<TreeKey> const& gets) const {
+  StateRead read;
+  {
+    std::lock_guard const lock(mutex_);
+    read.changes_after = known_;
+  }
+  connection.Add(begin);
+  connection.Add(state);
+  connection.Add(statements_.read_changes,
+                 Parameters().Number(Raw(read.changes_after)).Number(kMostChanges + 1));
+  std::vector<std::vector<std::string>> const asked = view.Ask(gets);
+  std::vector<Result> results = connection.Exchange();
+  view.Take(asked, std::span(results).subspan(3));
+  Result const& row = results[1];
+  if (row.size() != 1) Throw(LSCOREDB_NOT_A_DATABASE);
+  read.id = CommitId{row.Number(0, 0)};
+  read.listed = CommitId{row.Number(0, 2)};
+  read.changes = std::move(results[2]);
+  return read;
+}
+
+void PostgresStore::NoteKnown(CommitId state) const noexcept {
+  std::lock_guard const lock(mutex_);
+  known_ = std::max(known_, state);
+}
+
+Result PostgresSnapshot::ReadChanges(CommitId after) const {
+  return connection_->Run(store_.statements().read_changes,
+                          Parameters().Number(Raw(after)).Number(kMostChanges + 1));
+}
+
+bool PostgresStore::ListChanges(View const& view, CommitId after,
+                                std::vector<ObjectId>* changed) const {
+  auto const* const batch = dynamic_cast<PostgresBatch const*>(&view);
+  auto const* const snapshot = dynamic_cast<PostgresSnapshot const*>(&view);
+  StateRead const& state = batch != nullptr ? batch->state() : snapshot->state();
+  NoteKnown(state.id);
+  if (after < state.listed) return false;
+  Result more;
+  bool const asked = after < state.changes_after;
+  if (asked) more = batch != nullptr ? batch->ReadChanges(after) : snapshot->ReadChanges(after);
+  Result const& keys = asked ? more : state.changes;
+  if (keys.size() > kMostChanges) return false;
+  for (std::size_t i = 0; i < keys.size(); ++i) {
+    std::string const key = ServerKey(Tree::kRows, keys.Bytes(i, 0));
+    changed->push_back(ObjectId{Load<std::uint64_t>(key.data())});
+  }
+  return true;
+}
+
+// ---- the rest ----------------------------------------------------------------------------------
+
+// The server looks after its own pages; what can be said from here is whether the tables are there.
+void PostgresStore::Verify() {
+  if (Raw(NewestState()) == 0) Throw(LSCOREDB_DAMAGED);
+}
+
+CommitId PostgresStore::NewestState() const {
+  Result const state = TakeConnection()->Run(statements_.read_state);
+  return state.size() == 1 ? CommitId{state.Number(0, 0)} : CommitId{0};
+}
+
+StoreStatistics PostgresStore::Statistics() const {
+  StoreStatistics statistics;
+  statistics.last_commit = NewestState();
+  std::lock_guard const lock(mutex_);
+  statistics.oldest_commit = readers_.empty() ? statistics.last_commit : *readers_.begin();
+  statistics.readers = static_cast<std::uint32_t>(readers_.size());
+  statistics.max_readers = options_.max_readers;
+  return statistics;
+}
+
+void PostgresStore::RequireSync() {
+  std::lock_guard const lock(mutex_);
+  sync_ = true;
+}
+
+bool PostgresStore::sync() const {
+  std::lock_guard const lock(mutex_);
+  return sync_;
+}
+
+bool PostgresStore::Resolve(std::string const& ticket) const {
+  bool committed = false;
+  Status const status = StatusOf([&] {
+    Connection connection(url_);
+    connection.Add(statements_.fence_ticket, Parameters().Bytes(ticket));
+    connection.Add(statements_.read_ticket, Parameters().Bytes(ticket));
+    committed = connection.Exchange().back().size() > 0;
+  });
+  if (status != LORV_STATUS_OK) Throw(LSCOREDB_COMMIT_UNKNOWN);
+  return committed;
+}
+
+}  // namespace lscore

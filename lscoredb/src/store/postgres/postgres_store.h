@@ -1,0 +1,126 @@
+#ifndef LSCOREDB_SRC_POSTGRES_STORE_H
+#define LSCOREDB_SRC_POSTGRES_STORE_H
+
+// A store on a server that speaks PostgreSQL's protocol.
+//
+// A snapshot is a read-only transaction of the server at REPEATABLE READ, on a connection of its
+// own, which goes back to the others when it ends. Beginning one is a round trip, ending one none.
+// A batch locks the one row of the table `state`, which lines up the batches of all processes and
+// machines, reads what it needs, and keeps its writes to itself until Commit sends them together.
+//
+// When the reply to a commit is lost, the store asks over a new connection how it came out: it
+// writes the batch's ticket as one that was not committed. Either that succeeds, and the commit can
+// no longer take place, or the ticket is there because it did. A server that does not answer
+// within the time limit leaves it open: LSCOREDB_COMMIT_UNKNOWN.
+
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "connection.h"
+#include "server_view.h"
+#include "statements.h"
+#include "store.h"
+
+namespace lscore {
+
+class PostgresStore;
+
+// A connection that somebody uses alone, until it is let go.
+struct LetGo {
+  PostgresStore const* store;
+  void operator()(Connection* connection) const noexcept;
+};
+using UsedConnection = std::unique_ptr<Connection, LetGo>;
+
+// A state of the database, and the rows that changed shortly before it.
+struct StateRead {
+  CommitId id{0};
+  CommitId listed{0};         // the changes behind that state are listed
+  CommitId changes_after{0};  // what `changes` begins behind
+  Result changes;
+};
+
+class PostgresStore final : public Store {
+ public:
+  // Connects, and makes the tables where they are not there yet.
+  PostgresStore(std::string_view url, StoreOptions const& options);
+  // Whether the tables of a database are there.
+  static bool Exists(std::string_view url);
+
+  std::unique_ptr<Snapshot> Begin() override;
+  void End(std::unique_ptr<Snapshot> snapshot) noexcept override;
+  std::unique_ptr<Batch> BeginBatch() override { return BeginBatch({}); }
+  bool takes_hints() const override { return true; }
+  std::unique_ptr<Batch> BeginBatch(std::vector<TreeKey> const& hints) override;
+  std::unique_ptr<Snapshot> BeginVerified(FaultReport const&) override { return Begin(); }
+  void Verify() override;
+  StoreStatistics Statistics() const override;
+  void RequireSync() override;
+  bool FreeDeadReaders() override { return false; }
+
+  // For snapshots and batches.
+  Statements const& statements() const { return statements_; }
+  bool sync() const;
+  // Reads, or locks, the newest state, in one exchange with the beginning of a transaction.
+  // With them go the gets of a view.
+  StateRead BeginAt(Connection& connection, Statement const& begin, Statement const& state,
+                    ServerView& view, std::vector<TreeKey> const& gets) const;
+  // From here on this process knows all changes up to the state.
+  void NoteKnown(CommitId state) const noexcept;
+  std::mutex& batch_mutex() { return batch_mutex_; }
+  UsedConnection TakeConnection() const;
+  // Whether the commit of a ticket whose reply was lost took place; when not, it never will.
+  // Throws LSCOREDB_COMMIT_UNKNOWN.
+  bool Resolve(std::string const& ticket) const;
+
+ private:
+  friend struct LetGo;
+  void GiveBack(std::unique_ptr<Connection> connection) const noexcept;
+  bool ListChanges(View const& view, CommitId after, std::vector<ObjectId>* changed) const override;
+  void CheckFormat(Connection& connection) const;
+  void MakeTables(Connection& connection) const;
+  CommitId NewestState() const;
+
+  ServerUrl const url_;
+  StoreOptions const options_;
+  Statements const statements_;
+  std::mutex batch_mutex_;  // held by the open batch
+  std::mutex mutable mutex_;
+  bool sync_;
+  std::vector<std::unique_ptr<Connection>> mutable idle_;
+  std::size_t mutable in_use_ = 0;
+  CommitId mutable known_{0};  // the state up to which the changes are known to this process
+  std::multiset<CommitId> readers_;
+};
+
+class PostgresSnapshot final : public Snapshot {
+ public:
+  explicit PostgresSnapshot(PostgresStore& store);
+  ~PostgresSnapshot() override;
+
+  StateRead const& state() const { return state_; }
+  // In a round trip of its own.
+  Result ReadChanges(CommitId after) const;
+
+  bool Get(Tree tree, std::string_view key, std::string_view* value) const override {
+    return view_.Get(tree, key, value);
+  }
+  void GetMany(Tree tree, std::span<std::string_view const> keys,
+               std::span<std::optional<std::string_view>> values) const override {
+    view_.GetMany(tree, keys, values);
+  }
+  void OpenCursor(Tree tree, std::unique_ptr<TreeCursor>& cursor) const override;
+
+ private:
+  PostgresStore& store_;
+  UsedConnection connection_;
+  StateRead state_;
+  ServerView mutable view_;
+};
+
+}  // namespace lscore
+
+#endif

@@ -1,0 +1,51 @@
+#ifndef LSCOREDB_SRC_SERVER_RESERVATIONS_H
+#define LSCOREDB_SRC_SERVER_RESERVATIONS_H
+
+// Reservations of layout numbers in a table of the server, for all machines. They are never given
+// up: who might still know a number cannot be found out from here.
+
+#include <bitset>
+#include <memory>
+#include <mutex>
+#include <set>
+
+#include "connection.h"
+#include "layout_reservations.h"
+#include "statements.h"
+
+namespace lscore {
+
+class ServerReservations final : public LayoutReservations {
+ public:
+  ServerReservations(ServerUrl url, Statements statements)
+      : url_(std::move(url)), statements_(std::move(statements)) {}
+
+  bool alone() const override { return false; }
+  void Share() override {}
+  bool orphaned() const override { return false; }
+
+  bool Reserve(LayoutNumber number) override;
+  LayoutNumber ReserveFrom(std::size_t first) override;
+  std::uint64_t word() const override;
+  bool ReplaceWord(std::uint64_t expected, std::uint64_t word) override;
+
+ private:
+  // A connection that is usable; made when it is first needed.
+  Connection& Server() const;
+  void LearnAll();
+  // Asks for numbers and returns those that were free. All of them are known to be taken then.
+  std::set<std::size_t> Insert(std::vector<std::uint64_t> const& numbers);
+
+  ServerUrl const url_;
+  Statements const statements_;
+  std::mutex mutable mutex_;
+  std::unique_ptr<Connection> mutable connection_;
+  std::bitset<kLayoutNumbers> taken_;  // as far as this process knows
+  bool learned_ = false;
+  std::set<std::size_t> own_;  // reserved in advance, and not given out yet
+  std::size_t next_count_ = 1;
+};
+
+}  // namespace lscore
+
+#endif

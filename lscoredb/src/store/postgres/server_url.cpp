@@ -1,0 +1,80 @@
+#include "server_url.h"
+
+#include <charconv>
+
+#include "status.h"
+
+namespace lscore {
+namespace {
+
+constexpr std::string_view kDefaultSchema = "sagleme";
+constexpr std::size_t kLongestName = 63;  // a longer identifier is cut by the server
+constexpr std::chrono::seconds kDefaultTimeout{30};
+constexpr int kLongestTimeout = 24 * 60 * 60;
+
+std::string Decoded(std::string_view text) {
+  std::string decoded;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    unsigned value = 0;
+    if (text[i] == '%') {
+      char const* const digits = text.data() + i + 1;
+      bool const whole = i + 2 < text.size();
+      if (!whole || std::from_chars(digits, digits + 2, value, 16).ptr != digits + 2) {
+        Throw(LSCOREDB_CANNOT_OPEN);
+      }
+      i += 2;
+    }
+    decoded.push_back(value != 0 ? static_cast<char>(value) : text[i]);
+  }
+  return decoded;
+}
+
+std::string Quoted(std::string const& name) {
+  if (name.empty() || name.size() > kLongestName) Throw(LSCOREDB_CANNOT_OPEN);
+  std::string quoted = "\"";
+  for (char const c : name) {
+    if (static_cast<unsigned char>(c) < ' ') Throw(LSCOREDB_CANNOT_OPEN);
+    if (c == '"') quoted.push_back(c);
+    quoted.push_back(c);
+  }
+  return quoted + '"';
+}
+
+std::chrono::seconds Timeout(std::string const& text) {
+  int seconds = 0;
+  char const* const end = text.data() + text.size();
+  auto const read = std::from_chars(text.data(), end, seconds);
+  bool const number = read.ec == std::errc() && read.ptr == end;
+  if (!number || seconds < 0 || seconds > kLongestTimeout) Throw(LSCOREDB_CANNOT_OPEN);
+  return std::chrono::seconds(seconds);
+}
+
+}  // namespace
+
+ServerUrl ParseServerUrl(std::string_view url) {
+  std::size_t const query = url.find('?');
+  ServerUrl parsed{std::string(url.substr(0, query)), Quoted(std::string(kDefaultSchema)),
+                   kDefaultTimeout};
+  char separator = '?';
+  std::string_view rest = query == url.npos ? std::string_view() : url.substr(query + 1);
+  while (!rest.empty()) {
+    std::size_t const end = std::min(rest.find('&'), rest.size());
+    std::string_view const option = rest.substr(0, end);
+    rest.remove_prefix(std::min(end + 1, rest.size()));
+    std::size_t const equals = std::min(option.find('='), option.size());
+    std::string_view const name = option.substr(0, equals);
+    std::string_view const value = option.substr(std::min(equals + 1, option.size()));
+    if (name == "schema") {
+      parsed.schema = Quoted(Decoded(value));
+    } else if (name == "timeout") {
+      parsed.timeout = Timeout(Decoded(value));
+    } else {
+      parsed.connection += separator;
+      parsed.connection += option;
+      separator = '&';
+    }
+  }
+  return parsed;
+}
+
+}  // namespace lscore

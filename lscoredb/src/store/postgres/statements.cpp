@@ -1,0 +1,113 @@
+#include "statements.h"
+
+#include "format.h"
+
+namespace lscore {
+namespace {
+
+constexpr std::array<char const*, kTreeCount> kTables = {"rows", "parts", "entries", "definitions",
+                                                         "meta"};
+
+TreeStatements StatementsOf(std::string const& schema, std::string const& table) {
+  std::string const place = schema + "." + table;
+  std::string const select = "SELECT key, value FROM " + place;
+  auto const named = [&](char const* name, std::string const& text) {
+    return Statement{table + "_" + name, text};
+  };
+  TreeStatements made;
+  made.get = named("get", "SELECT value FROM " + place + " WHERE key = $1::bytea");
+  made.get_many = named("get_many", select + " WHERE key = ANY ($1::bytea[])");
+  made.from = named("from", select + " WHERE key >= $1::bytea ORDER BY key LIMIT $2::bigint");
+  made.after = named("after", select + " WHERE key > $1::bytea ORDER BY key LIMIT $2::bigint");
+  made.before =
+      named("before", select + " WHERE key < $1::bytea ORDER BY key DESC LIMIT $2::bigint");
+  made.last = named("last", select + " ORDER BY key DESC LIMIT $1::bigint");
+  made.put = named("put", "INSERT INTO " + place +
+                              " (key, value) SELECT * FROM unnest($1::bytea[], $2::bytea[])"
+                              " ON CONFLICT (key) DO UPDATE SET value = EXCLUDED.value");
+  made.remove = named("remove", "DELETE FROM " + place + " WHERE key = ANY ($1::bytea[])");
+  return made;
+}
+
+std::string Literal(std::string const& bytes) {
+  static constexpr char kDigits[] = "0123456789abcdef";
+  std::string literal = "'\\x";
+  for (char const c : bytes) {
+    literal.push_back(kDigits[static_cast<unsigned char>(c) >> 4]);
+    literal.push_back(kDigits[static_cast<unsigned char>(c) & 15]);
+  }
+  return literal + "'";
+}
+
+}  // namespace
+
+Statements::Statements(std::string const& schema) {
+  for (std::size_t i = 0; i < kTreeCount; ++i) trees[i] = StatementsOf(schema, kTables[i]);
+  std::string const state = schema + ".state";
+  std::string const tickets = schema + ".tickets";
+  begin_snapshot = {"begin_snapshot", "BEGIN ISOLATION LEVEL REPEATABLE READ READ ONLY"};
+  begin_batch = {"begin_batch", "BEGIN ISOLATION LEVEL READ COMMITTED READ WRITE"};
+  no_wait_for_disk = {"no_wait_for_disk", "SET LOCAL synchronous_commit TO off"};
+  commit = {"commit", "COMMIT"};
+  rollback = {"rollback", "ROLLBACK"};
+  read_state = {"read_state", "SELECT id, version, listed FROM " + state};
+  lock_state = {"lock_state", "SELECT id, version, listed FROM " + state + " FOR UPDATE"};
+  advance_state = {"advance_state",
+                   "UPDATE " + state + " SET id = $1::bigint, listed = $2::bigint"};
+  std::string const changes = schema + ".changes";
+  read_changes = {"read_changes",
+                  "SELECT key FROM " + changes + " WHERE state > $1::bigint LIMIT $2::bigint"};
+  put_changes = {"put_changes", "INSERT INTO " + changes +
+                                    " (state, key) SELECT $1::bigint, key"
+                                    " FROM unnest($2::bytea[]) AS one (key)"};
+  drop_changes = {"drop_changes", "DELETE FROM " + changes + " WHERE state <= $1::bigint"};
+  put_ticket = {"put_ticket",
+                "INSERT INTO " + tickets +
+                    " (ticket, state, committed) VALUES ($1::bytea, $2::bigint, true)"};
+  fence_ticket = {"fence_ticket", "INSERT INTO " + tickets +
+                                      " (ticket, state, committed) SELECT $1::bytea, id, false"
+                                      " FROM " +
+                                      state + " ON CONFLICT (ticket) DO NOTHING"};
+  read_ticket = {"read_ticket",
+                 "SELECT 1::bigint FROM " + tickets + " WHERE ticket = $1::bytea AND committed"};
+  drop_tickets = {"drop_tickets", "DELETE FROM " + tickets + " WHERE state < $1::bigint"};
+
+  std::string const layouts = schema + ".layouts";
+  read_reservations = {"read_reservations", "SELECT number FROM " + layouts};
+  reserve = {"reserve",
+             "INSERT INTO " + layouts +
+                 " (number, word) SELECT number, 0 FROM unnest($1::bigint[]) AS one (number)"
+                 " ON CONFLICT (number) DO NOTHING RETURNING number"};
+  read_word = {"read_word", "SELECT word FROM " + layouts + " WHERE number = $1::bigint"};
+  replace_word = {"replace_word", "UPDATE " + layouts +
+                                      " SET word = $3::bigint WHERE number = $1::bigint"
+                                      " AND word = $2::bigint RETURNING number"};
+
+  auto const add = [&](std::string const& text) {
+    make.push_back({"make_" + std::to_string(make.size()), text});
+  };
+  add("CREATE SCHEMA IF NOT EXISTS " + schema);
+  for (char const* const table : kTables) {
+    add("CREATE TABLE IF NOT EXISTS " + schema + "." + table +
+        " (key bytea PRIMARY KEY, value bytea NOT NULL)");
+  }
+  add("CREATE TABLE IF NOT EXISTS " + layouts +
+      " (number bigint PRIMARY KEY, word bigint NOT NULL)");
+  add("INSERT INTO " + layouts + " (number, word) VALUES (0, 0) ON CONFLICT (number) DO NOTHING");
+  add("CREATE TABLE IF NOT EXISTS " + tickets +
+      " (ticket bytea PRIMARY KEY, state bigint NOT NULL, committed boolean NOT NULL)");
+  add("CREATE INDEX IF NOT EXISTS tickets_by_state ON " + tickets + " (state)");
+  add("CREATE TABLE IF NOT EXISTS " + state +
+      " (one boolean PRIMARY KEY CHECK (one), id bigint NOT NULL, version bigint NOT NULL,"
+      " listed bigint NOT NULL)");
+  add("CREATE TABLE IF NOT EXISTS " + changes +
+      " (state bigint, key bytea, PRIMARY KEY (state, key))");
+  add("INSERT INTO " + schema + ".meta (key, value) VALUES (" +
+      Literal(std::string(format::kFormatKey)) + "::bytea, " +
+      Literal(format::FormatRecord(format::kFirstVersion)) +
+      "::bytea) ON CONFLICT (key) DO NOTHING");
+  add("INSERT INTO " + state + " (one, id, version, listed) VALUES (true, 1, " +
+      std::to_string(kTablesVersion) + ", 1) ON CONFLICT (one) DO NOTHING");
+}
+
+}  // namespace lscore

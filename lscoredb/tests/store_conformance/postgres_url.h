@@ -1,0 +1,26 @@
+#ifndef LSCOREDB_TESTS_STORE_CONFORMANCE_POSTGRES_URL_H
+#define LSCOREDB_TESTS_STORE_CONFORMANCE_POSTGRES_URL_H
+
+// Places on the server that tools/with-postgres runs.
+
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <stdexcept>
+#include <string>
+
+namespace lscore {
+
+// The URL of a schema that is not there yet.
+inline std::string NewServerUrl() {
+  static std::atomic<int> count{0};
+  char const* const server = std::getenv("SAGLEME_TEST_POSTGRES");
+  if (server == nullptr) throw std::runtime_error("run this with tools/with-postgres");
+  return std::string(server) + "&schema=test_" + std::to_string(getpid()) + "_" +
+         std::to_string(++count);
+}
+
+}  // namespace lscore
+
+#endif
