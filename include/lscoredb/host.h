@@ -145,9 +145,9 @@ typedef struct lscoredb_options {
  * ("postgresql://user@host/database?schema=shop"), whose tables are made when they are missing;
  * docs/many-machines.md tells the rest. `options` may be NULL. Where the process has the directory
  * open already, the two share a store and the stricter durability holds for both.
- * LSCOREDB_CANNOT_OPEN: no directory, or no right to it. LSCOREDB_NOT_A_DATABASE: a file that is none of ours. LSCOREDB_NEWER_FORMAT:
- * written by a later version. LSCOREDB_DAMAGED: cut or contradicting itself.
- * LSCOREDB_INVALID_ARGUMENT: options out of range. */
+ * LSCOREDB_CANNOT_OPEN: no directory, or no right to it. LSCOREDB_NOT_A_DATABASE: a file that is
+ * none of ours. LSCOREDB_NEWER_FORMAT: written by a later version. LSCOREDB_DAMAGED: cut or
+ * contradicting itself. LSCOREDB_SERVER_LOST: no server answers. LSCOREDB_INVALID_ARGUMENT: options out of range. */
 LSCOREDB_API uint32_t lscoredb_open(char const* directory, lscoredb_options const* options,
                                     lscoredb** out);
 /* Writes to `*out` whether there is a database in a directory, or at a URL, of whatever format: 1
@@ -155,9 +155,9 @@ LSCOREDB_API uint32_t lscoredb_open(char const* directory, lscoredb_options cons
  * server cannot be asked. */
 LSCOREDB_API uint32_t lscoredb_exists(char const* directory, uint32_t* out);
 /* After a lscoredb_open, lscoredb_exists or lscoredb_copy of this thread that failed: which file or
- * directory the system refused, or what the server said, and why, as in "shelf/layouts.lock: Permission denied". Empty where it refused
- * none; the status tells all then. Valid until the thread's next call of one of the two. Say for
- * instance: Cannot open shelf/layouts.lock: Permission denied. */
+ * directory the system refused, or what the server said, and why, as in "shelf/layouts.lock:
+ * Permission denied". Empty where it refused none; the status tells all then. Valid until the
+ * thread's next call of one of these. Say for instance: Cannot open shelf/layouts.lock: Permission denied. */
 LSCOREDB_API char const* lscoredb_open_error(void);
 /* Ends the use of a database; `*database` is gone then. LSCOREDB_IN_USE: contexts are open. */
 LSCOREDB_API uint32_t lscoredb_close(lscoredb* database);
