@@ -44,4 +44,8 @@ std::unique_ptr<Store> OpenStore(char const* directory, StoreOptions const& opti
   return OpenLogStore(path, own);
 }
 
+bool StoreExists(char const* directory) {
+  return std::filesystem::exists(std::filesystem::path(directory) / "data.mdb");
+}
+
 }  // namespace lscore
