@@ -142,22 +142,20 @@ typedef struct lscoredb_options {
 
 /* Opens, or creates, the database in `directory`, which is made when it is missing; NULL opens a
  * new one in memory. In the place of a directory stands the URL of a schema on a PostgreSQL server
- * ("postgresql://user@host/database?schema=shop"), whose tables are made when they are missing;
- * docs/many-machines.md tells the rest. `options` may be NULL. Where the process has the directory
- * open already, the two share a store and the stricter durability holds for both.
- * LSCOREDB_CANNOT_OPEN: no directory, or no right to it. LSCOREDB_NOT_A_DATABASE: a file that is
- * none of ours. LSCOREDB_NEWER_FORMAT: written by a later version. LSCOREDB_DAMAGED: cut or
- * contradicting itself. LSCOREDB_SERVER_LOST: no server answers. LSCOREDB_INVALID_ARGUMENT: options out of range. */
+ * ("postgresql://user@host/database?schema=shop"; docs/many-machines.md). `options` may be NULL.
+ * Where the process has the directory open already, the two share a store and the stricter
+ * durability holds for both. LSCOREDB_CANNOT_OPEN: no directory, or no right to it.
+ * LSCOREDB_NOT_A_DATABASE: a file that is none of ours. LSCOREDB_NEWER_FORMAT: written by a later
+ * version. LSCOREDB_DAMAGED: cut or contradicting itself. LSCOREDB_SERVER_LOST: no server answers.
+ * LSCOREDB_INVALID_ARGUMENT: options out of range. */
 LSCOREDB_API uint32_t lscoredb_open(char const* directory, lscoredb_options const* options,
                                     lscoredb** out);
-/* Writes to `*out` whether there is a database in a directory, or at a URL, of whatever format: 1
- * or 0. Opens nothing. LSCOREDB_SERVER_LOST, LSCOREDB_CANNOT_OPEN, LSCOREDB_NO_SERVER_LIBRARY: a
- * server cannot be asked. */
+/* Writes 1 to `*out` when there is a database, of whatever format, in a directory or at a URL, else
+ * 0. Fails where a server cannot be asked, as lscoredb_open does. */
 LSCOREDB_API uint32_t lscoredb_exists(char const* directory, uint32_t* out);
 /* After a lscoredb_open, lscoredb_exists or lscoredb_copy of this thread that failed: which file or
- * directory the system refused, or what the server said, and why, as in "shelf/layouts.lock:
- * Permission denied". Empty where it refused none; the status tells all then. Valid until the
- * thread's next call of one of these. Say for instance: Cannot open shelf/layouts.lock: Permission denied. */
+ * directory the system refused, or what the server said, and why: "shelf/layouts.lock: Permission
+ * denied". Empty where it refused none. Valid until the thread's next call of one of these. */
 LSCOREDB_API char const* lscoredb_open_error(void);
 /* Ends the use of a database; `*database` is gone then. LSCOREDB_IN_USE: contexts are open. */
 LSCOREDB_API uint32_t lscoredb_close(lscoredb* database);
