@@ -150,14 +150,13 @@ typedef struct lscoredb_options {
  * LSCOREDB_INVALID_ARGUMENT: options out of range. */
 LSCOREDB_API uint32_t lscoredb_open(char const* directory, lscoredb_options const* options,
                                     lscoredb** out);
-/* Writes 1 to `*out` when there is a database, of whatever format, in a directory or at a URL, else
- * 0. Fails where a server cannot be asked, as lscoredb_open does. */
+/* Writes to `*out` whether a directory or URL holds a database. Fails when no server answers. */
 LSCOREDB_API uint32_t lscoredb_exists(char const* directory, uint32_t* out);
 /* After a lscoredb_open, lscoredb_exists or lscoredb_copy of this thread that failed: which file or
  * directory the system refused, or what the server said, and why: "shelf/layouts.lock: Permission
  * denied". Empty where it refused none. Valid until the thread's next call of one of these. */
 LSCOREDB_API char const* lscoredb_open_error(void);
-/* Ends the use of a database; `*database` is gone then. LSCOREDB_IN_USE: contexts are open. */
+/* Ends the use of a database, which is gone then. LSCOREDB_IN_USE: contexts are open. */
 LSCOREDB_API uint32_t lscoredb_close(lscoredb* database);
 
 /* ---- contexts -------------------------------------------------------------------------------- */
