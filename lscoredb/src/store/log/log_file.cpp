@@ -103,12 +103,4 @@ std::size_t LogFile::Read(std::uint64_t offset, char* to, std::size_t size) cons
   return filled;
 }
 
-void SyncDirectory(std::string const& directory) {
-  int const file = static_cast<int>(
-      Retry([&] { return open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
-  int const synced = fsync(file);
-  close(file);
-  if (synced != 0) ThrowErrno();
-}
-
 }  // namespace lscore

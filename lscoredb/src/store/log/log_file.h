@@ -42,9 +42,6 @@ class LogFile {
   std::uint64_t room_ = 0;  // that is known to be there
 };
 
-// Makes the names of files of the directory last.
-void SyncDirectory(std::string const& directory);
-
 }  // namespace lscore
 
 #endif

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "crc32c.h"
+#include "directory.h"
 #include "status.h"
 
 namespace lscore {
