@@ -389,6 +389,6 @@ void ThrowIndexNotFoundInType(u16string index, u16string table) {
 
 // --- types ---------------------------------------------------------------------------------------
 
-void ThrowInvalidLogicalType() { Throw(SAGLEME_INVALID_TYPE); }
+SAGLEME_API void ThrowInvalidLogicalType() { Throw(SAGLEME_INVALID_TYPE); }
 
 }  // namespace metalayer
