@@ -21,16 +21,16 @@ std::string TableText(Object const& object, Table const& fallback) {
 std::string CsvHeading(Table const& table, bool table_column) {
   std::string line = table_column ? "id,table" : "id";
   for (Column const* const column : UserColumns(table)) {
-    line += "," + CsvText(ToUtf8(column->name));
+    line.append(",").append(CsvText(ToUtf8(column->name)));
   }
   return line + "\n";
 }
 
 std::string CsvLine(Object const& object, Table const& table, bool table_column) {
   std::string line = std::to_string(object.id().value);
-  if (table_column) line += "," + CsvText(TableText(object, table));
+  if (table_column) line.append(",").append(CsvText(TableText(object, table)));
   for (Column const* const column : UserColumns(table)) {
-    line += "," + CsvValue(object.Get(table, *column));
+    line.append(",").append(CsvValue(object.Get(table, *column)));
   }
   return line + "\n";
 }
