@@ -21,7 +21,7 @@ using Yield = boost::coroutines::push_coroutine<unsigned int>;
 void co_lorv_prepare_system_tables(unsigned long context, Yield& yield) {
   unsigned int const status = MetalayerFunction<true>(context, [&yield] {
     MetaschemaInit metaschema;
-    metaschema.CreateAndVerifyMetatables([&yield] { yield(0); });
+    metaschema.CreateAndVerifyMetatables(yield);
     yield(0);
     InitMetalayer();
     yield(0);

@@ -5,6 +5,7 @@
 #include <sagleme/metalayer/catalogue.hpp>
 #include <sagleme/metalayer/schema.hpp>
 
+#include "frame/cps.h"
 #include "metaschema/system_tables_init.h"
 
 namespace metalayer {
@@ -51,11 +52,11 @@ INDEX_INFO& DeclaredIndex(TABLE_INFO& table, char16_t const* name) {
   FatalError();
 }
 
-void MetaschemaInit::CreateAndVerifyMetatables(std::function<void()> const& yield) {
-  SystemTables(yield).CreateAndVerify();
+void MetaschemaInit::CreateAndVerifyMetatables(StepSink& sink) {
+  SystemTables(sink).CreateAndVerify();
 }
 
-SystemTables::SystemTables(std::function<void()> const& yield)
+SystemTables::SystemTables(StepSink& sink)
     : tables_(MetaschemaInit::inits(), nr_meta_table_inits()),
       loop_tables_(tables_.subspan(kFirstLoopTable)),
       root_(tables_[0]),
@@ -63,7 +64,7 @@ SystemTables::SystemTables(std::function<void()> const& yield)
       set_specifier_(tables_[2]),
       raw_view_(FindTable(u"RawView")),
       type_ids_(FindTable(u"TypeIdsMeta")),
-      yield_(yield) {}
+      sink_(sink) {}
 
 void SystemTables::CreateAndVerify() {
   PrepareRoot();
@@ -76,15 +77,17 @@ void SystemTables::CreateAndVerify() {
   RepairOldIndexes();
 }
 
+void SystemTables::Yield() { sink_(0); }
+
 // ---- root ---------------------------------------------------------------------------------------
 
 void SystemTables::PrepareRoot() {
   root_.setspec.clear();
   root_.create_metatable();
-  yield_();
+  Yield();
   root_.verify();
   root_.create_metatable_indexes();
-  yield_();
+  Yield();
   root_.verify_metatable_indexes();
   root_.verify();
   root_.verify_metatable_indexes();
@@ -96,15 +99,15 @@ void SystemTables::PrepareRoot() {
 void SystemTables::PrepareDictionary() {
   token_.setspec = u"~";
   token_.create_metatable();
-  yield_();
+  Yield();
   token_.verify();
   token_.create_metatable_indexes();
-  yield_();
+  Yield();
   token_.verify_metatable_indexes();
   TokenMain::Init();
   if (Token::ByNameToken(token_.token).is_null()) {
     InsertPredefinedTokens();
-    yield_();
+    Yield();
   }
   token_.verify();
   token_.verify_metatable_indexes();
@@ -122,16 +125,16 @@ void SystemTables::InsertPredefinedTokens() {
 void SystemTables::PrepareSetSpecifiers() {
   set_specifier_.setspec = u"a~";
   set_specifier_.create_metatable();
-  yield_();
+  Yield();
   set_specifier_.verify();
   CreateSetSpecifierIndexes();
-  yield_();
+  Yield();
   VerifySetSpecifierIndexes();
   ReadyClass(set_specifier_, 0);
   populate_setspec(root_);
   populate_setspec(token_);
   populate_setspec(set_specifier_);
-  yield_();
+  Yield();
 }
 
 // The index of the old name may stand as a unique one; the repair at the end sees to it.
@@ -154,11 +157,11 @@ void SystemTables::VerifySetSpecifierIndexes() {
 
 void SystemTables::PrepareViewsAndTypeIds() {
   AssureAndVerify(raw_view_, false);
-  yield_();
+  Yield();
   AssureSetspecAndIndexes(raw_view_);
   AssureAndVerify(type_ids_, false);
   AssureSetspecAndIndexes(type_ids_);
-  yield_();
+  Yield();
   ReadyClass(raw_view_, 0);
   ReadyClass(type_ids_, 0);
   root_.populate_raw_view();
@@ -166,7 +169,7 @@ void SystemTables::PrepareViewsAndTypeIds() {
   set_specifier_.populate_raw_view();
   AssureAndVerify(raw_view_, true);
   AssureAndVerify(type_ids_, true);
-  yield_();
+  Yield();
   if (!init_meta_table(raw_view_) || !init_meta_table(type_ids_)) FatalError();
 }
 
@@ -176,7 +179,7 @@ void SystemTables::PrepareOtherTables() {
   ReserveTypeIds();
   for (TABLE_INFO& table : loop_tables_) AssureAndVerify(table, true);
   GiveTypeIds();
-  yield_();
+  Yield();
   CreateOtherIndexes();
   ReadyClasses();
 }
@@ -202,7 +205,7 @@ void SystemTables::GiveTypeIds() {
 
 void SystemTables::CreateOtherIndexes() {
   for (TABLE_INFO& table : loop_tables_) table.create_metatable_indexes();
-  yield_();
+  Yield();
   for (TABLE_INFO& table : loop_tables_) table.verify_metatable_indexes();
 }
 

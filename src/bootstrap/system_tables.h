@@ -9,19 +9,23 @@
 //
 // Lives on the stack of one bootstrap call, while a MetaschemaInit is in force.
 
-#include <functional>
 #include <sagleme/metalayer/metaschema.hpp>
 #include <span>
 
 namespace metalayer {
 
+// Where a step ends: 0 asks the host to resume.
+using StepSink = boost::coroutines::push_coroutine<unsigned int>;
+
 class SystemTables {
  public:
-  explicit SystemTables(std::function<void()> const& yield);
+  explicit SystemTables(StepSink& sink);
 
   void CreateAndVerify();
 
  private:
+  void Yield();
+
   // The stages, in order. A token can be given by name only once the dictionary stands, and a set
   // specifier only once its table does, hence the first three.
   void PrepareRoot();
@@ -66,7 +70,7 @@ class SystemTables {
   TABLE_INFO& set_specifier_;
   TABLE_INFO& raw_view_;
   TABLE_INFO& type_ids_;
-  std::function<void()> const& yield_;
+  StepSink& sink_;
   // The database was whole once: what it lacks now is damage, not an interrupted run.
   bool has_version_ = false;
 };

@@ -46,13 +46,13 @@ class GenerationScope {
 
 void SystemTables::RepairOldIndexes() {
   if (HasOldSpecifierIndex()) DropOldSpecifierIndex();
-  yield_();
+  Yield();
   DropOldPrimitiveTypeIndexes();
   std::u16string setspec = set_specifier_.setspec;
   DeclaredIndex(set_specifier_, kSpecifierIndex).create_metatable_index(&setspec);
-  yield_();
+  Yield();
   RecordSpecifierIndex();
-  yield_();
+  Yield();
 }
 
 void SystemTables::DropOldSpecifierIndex() {
@@ -72,7 +72,7 @@ void SystemTables::DropOldPrimitiveTypeIndexes() {
   LORVI_INDEX_INFO info{};
   while (get_index_info_by_token(assure_token(kOldPrimitiveTypeIndex), &info) == 0) {
     Check(lorvi_context_drop_index(TlsContextHandle::context(), info.index_id));
-    yield_();
+    Yield();
   }
 }
 

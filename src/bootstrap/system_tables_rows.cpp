@@ -37,7 +37,7 @@ void SystemTables::WriteRows() {
   GiveTypeIdsToUserTables();
   WriteVersion();
   InitializeGenerationIfDoesntExist();
-  yield_();
+  Yield();
 }
 
 void SystemTables::DescribeTables() {

@@ -3,6 +3,8 @@
 #include <set>
 
 #include "bootstrap/bootstrap_test.h"
+#include "bootstrap/system_tables.h"
+#include "frame/cps.h"
 
 namespace sagleme_test {
 namespace {
@@ -37,6 +39,33 @@ TEST_F(BootstrapTest, CreateMetadata_TakesTheSameSteps) {
     return Lines{std::to_string(count)};
   });
   EXPECT_EQ(Lines{"19"}, yields);
+  ExpectCurrent();
+}
+
+// For makers of bindings that run the steps in a coroutine of their own.
+TEST_F(BootstrapTest, CreateAndVerifyMetatables_YieldsToTheSinkAfterEveryStep) {
+  Lines const statuses = Ask([](Database& database) {
+    database.Begin();
+    *TlsMetalayerContext::Current() = database.context();
+    continuation_context* handle = create_continuation_handle([](StepSink& sink) {
+      MetaschemaInit metaschema;
+      metaschema.CreateAndVerifyMetatables(sink);
+    });
+    Lines steps;
+    while (handle != nullptr) {
+      continuation_context* next = nullptr;
+      bool more = false;
+      steps.push_back(std::to_string(run_continuation(handle, &next, &more)));
+      free_continuation_handle(handle);
+      handle = next;
+      database.Commit();
+      database.Begin();
+    }
+    database.Commit();
+    return steps;
+  });
+  // The exported functions yield twice more; the last step is the end.
+  EXPECT_EQ(Lines(kNewYields - 2 + 1, "0"), statuses);
   ExpectCurrent();
 }
 

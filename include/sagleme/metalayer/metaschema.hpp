@@ -20,6 +20,12 @@
 #include <sagleme/metalayer/records.hpp>
 #include <string>
 
+// Of Boost.Coroutine, whose headers only callers of CreateAndVerifyMetatables need.
+namespace boost::coroutines {
+template <typename Arg>
+class push_coroutine;
+}
+
 namespace metalayer {
 
 class MetaPopul8r;
@@ -205,9 +211,9 @@ class SAGLEME_API MetaschemaInit {
       std::function<void(unsigned long token, char16_t const* text)> const& callback);
 
   // Brings the database to the definition, whether it is new, older, current or was cut off in
-  // creation. `yield` is called behind every step; the host may commit there. Throws 15010 for a
+  // creation. Yields 0 to `sink` after every step; the host may commit there. Throws 15010 for a
   // newer database, before anything but tokens is written.
-  void CreateAndVerifyMetatables(std::function<void()> const& yield);
+  void CreateAndVerifyMetatables(boost::coroutines::push_coroutine<unsigned int>& sink);
 
  private:
   friend struct DescriptorSet;
