@@ -31,7 +31,7 @@
  *  7. Texts passed in are UTF-16 ended by a zero unit. Lone surrogates are legal. The kernel keeps
  *     no pointer to anything passed in.
  *  8. A kernel may give statuses beside those named here; the metadata layer passes them on as they
- *     are. Those of the embedded kernel stand in <lscoredb/host.h>: among them calls outside a
+ *     are. Those of the embedded kernel stand in <lscoredb/statuses.h>: among them calls outside a
  *     transaction, writes in a read-only one, unknown layouts and columns, a column of another type
  *     than the function's, and a key that a unique index holds already.
  */

@@ -1,5 +1,7 @@
 #include <fstream>
+#include <functional>
 #include <memory>
+#include <optional>
 
 #include "kernel_test.h"
 #include "other_process.h"
@@ -75,12 +77,17 @@ TEST(OpenTest, ADirectoryThatCannotBeCreatedIsRefused) {
   EXPECT_STATUS(LSCOREDB_CANNOT_OPEN, TryOpen(""));
 }
 
-// As a user who is not above the rights of files, whoever runs the test.
-void ExpectRefusal(std::string const& directory, std::string const& text) {
+// A user who is not above the rights of files, whoever runs the test.
+void BecomeNobody() {
+  constexpr uid_t kNobody = 65534;
+  EXPECT_TRUE(geteuid() != 0 || seteuid(kNobody) == 0);
+}
+
+void ExpectRefusal(std::string const& directory, std::string const& text,
+                   lscoredb_options const* options = nullptr) {
   InAnotherProcess([&] {
-    constexpr uid_t kNobody = 65534;
-    EXPECT_TRUE(geteuid() != 0 || seteuid(kNobody) == 0);
-    EXPECT_STATUS(LSCOREDB_CANNOT_OPEN, TryOpen(directory));
+    BecomeNobody();
+    EXPECT_STATUS(LSCOREDB_CANNOT_OPEN, TryOpen(directory, options));
     EXPECT_EQ(text, lscoredb_open_error());
   });
 }
@@ -106,12 +113,203 @@ TEST(OpenTest, EachFileThatIsRefusedIsNamed) {
   std::filesystem::permissions(directory.path(), perms{0755});
   EXPECT_STATUS(0, TryOpen(place));
   std::filesystem::permissions(place, perms{0755});
+  lscoredb_options options = NoSync();
+  options.access = LSCOREDB_ACCESS_WRITE;
   for (char const* const name : {"data.mdb", "lock.mdb", "layouts.lock"}) {
     for (auto const& file : std::filesystem::directory_iterator(place)) {
       std::filesystem::permissions(file, perms{file.path().filename() == name ? 0u : 0666u});
     }
-    ExpectRefusal(place, place + "/" + name + ": Permission denied");
+    ExpectRefusal(place, place + "/" + name + ": Permission denied", &options);
   }
+}
+
+// What another user, who may not write anything there, does with a database.
+void AsReader(std::string const& place, std::function<void()> const& body) {
+  using std::filesystem::perms;
+  std::filesystem::permissions(place, perms{0555});
+  for (auto const& file : std::filesystem::directory_iterator(place)) {
+    std::filesystem::permissions(file, perms{0444});
+  }
+  InAnotherProcess([&] {
+    BecomeNobody();
+    body();
+  });
+  std::filesystem::permissions(place, perms{0755});
+  for (auto const& file : std::filesystem::directory_iterator(place)) {
+    std::filesystem::permissions(file, perms{0644});
+  }
+}
+
+class ReadOnlyTest : public testing::Test {
+ protected:
+  ReadOnlyTest() {
+    std::filesystem::permissions(directory_.path(), std::filesystem::perms{0755});
+    Database database(place_);
+    Session session(database);
+    world_.emplace(session);
+    row_ = world_->CommittedRow(session, 7);
+  }
+
+  static bool IsReadOnly(Database const& database) {
+    lscoredb_statistics statistics{};
+    statistics.size = sizeof statistics;
+    Check("stats", lscoredb_stats(database.get(), &statistics));
+    return statistics.read_only == 1;
+  }
+
+  // Everything can be read, and each call that writes is refused, also in a transaction to write.
+  void ExpectReadOnly(Database const& database) {
+    EXPECT_TRUE(IsReadOnly(database));
+    Session session(database);
+    std::uint64_t const context = session.context();
+    session.Begin();
+    EXPECT_EQ(7, session.Long(row_, kNumber));
+    EXPECT_EQ(Oids{row_}, session.Walk(world_->index));
+    Oid made = 0;
+    LayoutId layout = 0;
+    LORVI_COLUMN_DEFINITION const end{};
+    std::uint32_t const refused = LSCOREDB_READ_ONLY_DATABASE;
+    EXPECT_STATUS(refused, lorv_context_put_long(context, row_, 0, kNumber, 8));
+    EXPECT_STATUS(refused, lorv_context_put_default(context, row_, 0, kNumber));
+    EXPECT_STATUS(refused, lorv_context_insert(context, world_->layout, &made));
+    EXPECT_STATUS(refused, lorv_context_delete(context, row_, 0));
+    EXPECT_STATUS(refused, lorvi_context_create_layout(context, 9, 0, &end, 0, &layout));
+    EXPECT_STATUS(refused, lscoredb_require(context, row_));
+    EXPECT_STATUS(refused, lscoredb_release_layout(context, world_->layout));
+    EXPECT_STATUS(refused, lscoredb_move_object(context, row_, world_->layout));
+    EXPECT_EQ(7, session.Long(row_, kNumber));
+    session.Commit();
+    session.BeginReadOnly();
+    EXPECT_STATUS(LSCOREDB_WRITE_REFUSED, lorv_context_delete(context, row_, 0));
+    session.Rollback();
+    EXPECT_STATUS(refused, lscoredb_raise_ids(database.get(), 1000000));
+    EXPECT_STATUS(0, lscoredb_check(database.get(), 0, nullptr, nullptr));
+  }
+
+  TemporaryDirectory directory_;
+  std::string place_ = directory_ / "db";
+  std::optional<World> world_;
+  Oid row_ = 0;
+};
+
+TEST_F(ReadOnlyTest, WhatCannotBeWrittenIsOpenedToBeRead) {
+  AsReader(place_, [&] { ExpectReadOnly(Database(place_)); });
+  std::filesystem::remove(place_ + "/lock.mdb");
+  std::filesystem::remove(place_ + "/layouts.lock");
+  AsReader(place_, [&] { ExpectReadOnly(Database(place_)); });
+  lscoredb_options options = NoSync();
+  options.verify = 1;
+  AsReader(place_, [&] { ExpectReadOnly(Database(place_, options)); });
+  EXPECT_FALSE(IsReadOnly(Database(place_)));
+}
+
+TEST_F(ReadOnlyTest, WhoAsksToReadOnlyReads) {
+  lscoredb_options options = NoSync();
+  options.access = LSCOREDB_ACCESS_READ;
+  {
+    Database const reader(place_, options);
+    ExpectReadOnly(reader);
+    options.access = LSCOREDB_ACCESS_WRITE;
+    EXPECT_STATUS(LSCOREDB_READ_ONLY_DATABASE, TryOpen(place_, &options));
+  }
+  options.access = LSCOREDB_ACCESS_READ;
+  EXPECT_STATUS(LSCOREDB_CANNOT_OPEN, TryOpen(directory_ / "none", &options));
+  EXPECT_FALSE(std::filesystem::exists(directory_ / "none"));
+  options.access = 3;
+  EXPECT_STATUS(LSCOREDB_INVALID_ARGUMENT, TryOpen(place_, &options));
+}
+
+// What the log alone holds is found by those who may write.
+TEST_F(ReadOnlyTest, ADatabaseWithALogIsNotOpenedOnlyToRead) {
+  lscoredb_options options = NoSync();
+  options.log = LSCOREDB_LOG;
+  ASSERT_EQ(0U, TryOpen(place_, &options));
+  auto const expect_refused = [&](std::string const& where) {
+    std::string const text = where + ": a database with a log cannot be opened only to read";
+    EXPECT_STATUS(LSCOREDB_CANNOT_OPEN, TryOpen(place_, &options));
+    EXPECT_EQ(text, lscoredb_open_error());
+  };
+  for (int board : {1, 0}) {
+    if (board == 0) std::filesystem::remove(place_ + "/log.lock");
+    options.access = LSCOREDB_ACCESS_READ;
+    expect_refused(place_);
+    options.access = LSCOREDB_ACCESS_AUTOMATIC;
+    AsReader(place_, [&] { expect_refused(place_ + "/layouts.lock: Permission denied"); });
+  }
+  Database const database(place_, options);
+  Session session(database);
+  session.BeginReadOnly();
+  EXPECT_EQ(7, session.Long(row_, kNumber)) << "the refusals changed nothing";
+}
+
+TEST_F(ReadOnlyTest, NoLogIsMadeWhereNothingIsWritten) {
+  lscoredb_options options = NoSync();
+  options.log = LSCOREDB_LOG;
+  AsReader(place_, [&] { ExpectReadOnly(Database(place_, options)); });
+  options.access = LSCOREDB_ACCESS_READ;
+  ExpectReadOnly(Database(place_, options));
+}
+
+// A reader with a place sees the commits of another process, one by one.
+TEST_F(ReadOnlyTest, AReaderWithAPlaceReadsBesideAWriter) {
+  OtherProcess writer([&](OtherProcess& test) {
+    Database database(place_);
+    Session session(database);
+    for (std::int64_t value = 8; value < 20; ++value) {
+      test.Hear();
+      session.Begin();
+      session.PutLong(row_, kNumber, value);
+      session.Commit();
+      test.Say();
+    }
+  });
+  lscoredb_options options = NoSync();
+  options.access = LSCOREDB_ACCESS_READ;
+  Database const database(place_, options);
+  Session session(database);
+  for (std::int64_t value = 8; value < 20; ++value) {
+    session.BeginReadOnly();
+    writer.Say();
+    writer.Hear();
+    EXPECT_EQ(value - 1, session.Long(row_, kNumber));
+    session.Rollback();
+    session.BeginReadOnly();
+    EXPECT_EQ(value, session.Long(row_, kNumber));
+    session.Rollback();
+  }
+  writer.ExpectGoodEnd();
+}
+
+// Without a place among the readers, no one would leave the pages alone that it reads.
+TEST_F(ReadOnlyTest, AReaderWithoutAPlaceAndAWriterExcludeEachOther) {
+  {
+    Database const writer(place_);
+    AsReader(place_, [&] {
+      EXPECT_STATUS(LSCOREDB_CANNOT_OPEN, TryOpen(place_));
+      EXPECT_EQ(place_ +
+                    "/layouts.lock: Permission denied: another process has the database open"
+                    " for writing",
+                lscoredb_open_error());
+    });
+  }
+  for (auto const& file : std::filesystem::directory_iterator(place_)) {
+    std::filesystem::permissions(file, std::filesystem::perms{0444});
+  }
+  OtherProcess other([&](OtherProcess& test) {
+    BecomeNobody();
+    Database const database(place_);
+    test.Say();
+    test.Hear();
+  });
+  other.Hear();
+  InAnotherProcess([&] {
+    EXPECT_STATUS(LSCOREDB_CANNOT_OPEN, TryOpen(place_));
+    EXPECT_EQ(place_ + "/data.mdb: a process that may not write here is reading it",
+              lscoredb_open_error());
+  });
+  other.Say();
+  other.ExpectGoodEnd();
+  EXPECT_STATUS(0, TryOpen(place_));
 }
 
 TEST(OpenTest, OptionsAreCheckedAndMayBeShort) {

@@ -66,6 +66,42 @@ TEST_F(PostgresTest, ObjectsOfTwoOpenersNeverShareAnId) {
   EXPECT_EQ(ids.size(), 20U);
 }
 
+TEST_F(PostgresTest, WhoAsksToReadOnlyReads) {
+  Oid const first = CommitPair(session_, 7);
+  lscoredb_options options{};
+  options.size = sizeof options;
+  options.access = LSCOREDB_ACCESS_READ;
+  std::string const url = url_ + "&timeout=33";
+  Database const reader(url, options);
+  Session session(reader);
+  session.Begin();
+  EXPECT_EQ(session.Long(first, kPairValue), 7);
+  EXPECT_STATUS(LSCOREDB_READ_ONLY_DATABASE,
+                lorv_context_put_long(session.context(), first, 0, kPairValue, 8));
+  session.Commit();
+  EXPECT_STATUS(LSCOREDB_READ_ONLY_DATABASE, lscoredb_raise_ids(reader.get(), 1000000));
+  session_.Begin();
+  session_.PutLong(first, kPairValue, 8);
+  session_.Commit();
+  session.BeginReadOnly();
+  EXPECT_EQ(session.Long(first, kPairValue), 8) << "a reader sees what others commit";
+  options.access = LSCOREDB_ACCESS_WRITE;
+  lscoredb* database = nullptr;
+  EXPECT_STATUS(LSCOREDB_READ_ONLY_DATABASE, lscoredb_open(url.c_str(), &options, &database));
+}
+
+TEST_F(PostgresTest, ReadingMakesNoTables) {
+  std::string const url = lscore::NewServerUrl();
+  lscoredb_options options{};
+  options.size = sizeof options;
+  options.access = LSCOREDB_ACCESS_READ;
+  lscoredb* database = nullptr;
+  EXPECT_STATUS(LSCOREDB_NOT_A_DATABASE, lscoredb_open(url.c_str(), &options, &database));
+  std::uint32_t found = 7;
+  EXPECT_STATUS(0, lscoredb_exists(url.c_str(), &found));
+  EXPECT_EQ(found, 0U);
+}
+
 TEST_F(PostgresTest, TellsWhetherThereIsADatabase) {
   std::uint32_t found = 7;
   EXPECT_STATUS(0, lscoredb_exists(url_.c_str(), &found));

@@ -24,7 +24,7 @@ Status WithTransaction(std::uint64_t handle, Work&& work) noexcept {
 template <typename Work>
 Status WithWriting(std::uint64_t handle, Work&& work) noexcept {
   return WithTransaction(handle, [&](Transaction& transaction) -> Status {
-    return transaction.read_only() ? LSCOREDB_WRITE_REFUSED : work(transaction);
+    return transaction.read_only() ? transaction.refusal_of_writes() : work(transaction);
   });
 }
 

@@ -44,6 +44,9 @@ StoreOptions StoreOptionsOf(lscoredb_options const& options) {
   if (options.durability > LSCOREDB_NO_SYNC || options.verify > 1) Throw(LSCOREDB_INVALID_ARGUMENT);
   if (options.max_readers > kMostReaders) Throw(LSCOREDB_INVALID_ARGUMENT);
   StoreOptions store;
+  if (options.access > LSCOREDB_ACCESS_WRITE) Throw(LSCOREDB_INVALID_ARGUMENT);
+  constexpr Access kAccess[] = {Access::kAutomatic, Access::kRead, Access::kWrite};
+  store.access = kAccess[options.access];
   store.verify = options.verify != 0;
   store.sync = options.durability == LSCOREDB_DURABLE;
   if (options.max_readers != 0) store.max_readers = options.max_readers;
@@ -292,7 +295,8 @@ uint32_t lscoredb_stats(lscoredb* database, lscoredb_statistics* out) {
                                   found.readers,
                                   found.max_readers,
                                   found.log_size,
-                                  found.log_memory};
+                                  found.log_memory,
+                                  database->database->store().read_only() ? 1u : 0u};
     std::memcpy(out, &all, std::min(out->size, sizeof all));
     return LORV_STATUS_OK;
   });

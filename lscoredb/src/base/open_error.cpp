@@ -20,17 +20,27 @@ void Append(std::size_t& length, std::string_view part) noexcept {
   length += part.copy(text + length, std::min(room, part.size()));
   text[length] = '\0';
 }
+constinit thread_local int number = 0;  // of the system, 0 when it gave none
 
 }  // namespace
 
 char const* OpenError() noexcept { return text; }
 
-void ForgetOpenError() noexcept { text[0] = '\0'; }
+void ForgetOpenError() noexcept {
+  text[0] = '\0';
+  number = 0;
+}
+
+bool OpenErrorIsOfWriting() noexcept {
+  return number == EACCES || number == EPERM || number == EROFS || number == ENOSPC ||
+         number == EDQUOT;
+}
 
 // Of a long path its end is kept.
 void NoteOpenError(std::string_view path, std::string_view reason) noexcept {
   constexpr std::size_t kLongestPath = 384;
   std::size_t length = 0;
+  number = 0;
   if (path.size() > kLongestPath) {
     Append(length, "...");
     path.remove_prefix(path.size() - kLongestPath);
@@ -43,6 +53,7 @@ void NoteOpenError(std::string_view path, std::string_view reason) noexcept {
 void NoteOpenError(std::string_view path, int error) noexcept {
   try {
     NoteOpenError(path, std::generic_category().message(error));
+    number = error;
   } catch (std::exception const&) {
     ForgetOpenError();  // the status still tells what kind of failure it was
   }

@@ -10,6 +10,8 @@ namespace lscore {
 // `path: reason`, of the last refusal that the thread noted; empty when there is none.
 char const* OpenError() noexcept;
 void ForgetOpenError() noexcept;
+// Whether it was a refusal of writing only: no right to it, a read-only disk, or a full one.
+bool OpenErrorIsOfWriting() noexcept;
 
 // Notes that the system refused `path` with this error number.
 void NoteOpenError(std::string_view path, int error) noexcept;

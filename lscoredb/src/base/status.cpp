@@ -52,6 +52,7 @@ constexpr Entry kTexts[] = {
     {LSCOREDB_IO_ERROR, "Reading or writing the database failed."},
     {LSCOREDB_TOO_MANY_READERS, "Too many transactions are open at once."},
     {LSCOREDB_OF_PARENT, "The database was opened by a process that this one was forked from."},
+    {LSCOREDB_READ_ONLY_DATABASE, "The database is open for reading only."},
     {LSCOREDB_SERVER_LOST,
      "The server cannot be reached, or the connection to it was lost. Nothing was committed."},
     {LSCOREDB_COMMIT_UNKNOWN,

@@ -55,7 +55,11 @@ struct TreeKey {
   std::string key;
 };
 
+// How a store may be opened: to write if that is possible, only to read, or to write or not at all.
+enum class Access : std::uint8_t { kAutomatic, kRead, kWrite };
+
 struct StoreOptions {
+  Access access = Access::kAutomatic;
   bool sync = true;
   std::uint32_t max_readers = 1024;
   std::uint64_t max_file_size = std::uint64_t{64} << 30;
@@ -252,6 +256,9 @@ class Store {
   virtual void Verify() = 0;
 
   virtual StoreStatistics Statistics() const = 0;
+
+  // Whether it was opened only to be read: then BeginBatch throws LSCOREDB_READ_ONLY_DATABASE.
+  virtual bool read_only() const { return false; }
 
   // From now on every commit is synced. REQUIRES: no batch is open.
   virtual void RequireSync() = 0;

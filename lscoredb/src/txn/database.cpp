@@ -92,6 +92,9 @@ std::shared_ptr<Database> OpenPlace(std::string const& path, StoreOptions option
 
 // Another opener of what is open already.
 void Join(Database& database, StoreOptions const& options) {
+  if (options.access == Access::kWrite && database.store().read_only()) {
+    Throw(LSCOREDB_READ_ONLY_DATABASE);
+  }
   if (options.verify) database.store().Verify();
   if (options.sync) database.commits().RequireSync();
 }
@@ -135,7 +138,7 @@ std::shared_ptr<Database> OpenDatabase(char const* directory, StoreOptions const
   if (IsServerUrl(path)) return OpenServer(path, options);
   Registry& registry = TheRegistry();
   std::lock_guard const lock(registry.mutex);
-  MakeDirectories(path, options.sync);
+  if (options.access != Access::kRead) MakeDirectories(path, options.sync);
   ForgetClosed(registry);
   PlaceId const id = IdOf(path);
   std::shared_ptr<Database> database = FindOpen(registry, id);

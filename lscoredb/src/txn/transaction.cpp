@@ -14,7 +14,8 @@ void Transaction::Begin(bool read_only) {
   Store& store = state_.database->store();
   state_.snapshot = store.Begin();
   reader_.Begin(store.Notice(*state_.snapshot));
-  read_only_ = read_only;
+  refusal_ = read_only ? LSCOREDB_WRITE_REFUSED : LSCOREDB_READ_ONLY_DATABASE;
+  read_only_ = read_only || store.read_only();
 }
 
 Status Transaction::Commit() {

@@ -35,6 +35,8 @@ class Transaction {
   // ---- begin and end
   bool open() const { return state_.snapshot != nullptr; }
   bool read_only() const { return read_only_; }
+  // REQUIRES: read_only.
+  Status refusal_of_writes() const { return refusal_; }
   void Begin(bool read_only);
   Status Commit();
   void Rollback() noexcept { End(); }
@@ -103,6 +105,7 @@ class Transaction {
   // Each part uses only those above it.
   TransactionState state_;
   bool read_only_ = false;
+  Status refusal_ = LSCOREDB_WRITE_REFUSED;
   ResultBuffers result_buffers_;
   Scans scans_;
   SchemaView schema_{state_};

@@ -25,6 +25,7 @@ std::unique_ptr<Store> OpenStore(char const* directory, StoreOptions const& opti
   if (MayHaveLog(directory, options)) image_options.max_readers += LogStore::kOwnReaders;
   std::unique_ptr<Store> image = LmdbStore::Open(directory, image_options);
   if (auto store = LogStore::Open(image, directory, options)) return store;
+  if (image->read_only()) return image;
   // Reservations are alone where nobody else has the directory open, or opens it meanwhile.
   bool const alone = options.reserve_layouts && image->layout_reservations()->alone();
   if (!options.log || !alone) return image;

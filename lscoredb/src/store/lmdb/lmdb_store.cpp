@@ -149,6 +149,7 @@ int LmdbSnapshot::Began(int code) {
 void LmdbSnapshot::Reset() { mdb_txn_reset(view_.txn); }
 
 LmdbBatch::LmdbBatch(LmdbStore& store) : store_(store), view_(store, false) {
+  if (store.read_only()) Throw(LSCOREDB_READ_ONLY_DATABASE);
   if (store.given_up()) LmdbView::ThrowDamaged();
   CheckStore(mdb_txn_begin(store.env(), nullptr, 0, &view_.txn));
   set_id(view_.id());
@@ -301,6 +302,7 @@ bool LmdbCursor::EnterPage(KeyValue const& entry, EntryPage* page) {
 
 LmdbStore::~LmdbStore() {
   idle_.clear();
+  locks_.CeaseWriting();
   for (int const file : files_) ForgetFile(file);
   mdb_env_close(env_);
 }
@@ -336,7 +338,9 @@ std::unique_ptr<LmdbSnapshot> LmdbStore::BeginSnapshot() {
   while (!snapshot->NoteFile()) {
     std::unique_ptr<LmdbSnapshot> later;
     int const code = TakeSnapshot(&later);
-    if (code == MDB_READERS_FULL) return BeginBetweenCommits(std::move(snapshot));
+    if (code == MDB_READERS_FULL && !read_only()) {
+      return BeginBetweenCommits(std::move(snapshot));
+    }
     CheckStore(code);
     if (later->id() == snapshot->id()) {
       End(std::move(later));
@@ -359,7 +363,7 @@ std::unique_ptr<LmdbSnapshot> LmdbStore::BeginBetweenCommits(
 std::unique_ptr<Snapshot> LmdbStore::BeginVerified(FaultReport const& report) {
   pages::Header header;
   std::unique_ptr<LmdbSnapshot> snapshot =
-      given_up() ? BeginBesideWriters(&header) : BeginWithHeader(&header);
+      given_up() || read_only() ? BeginBesideWriters(&header) : BeginWithHeader(&header);
   WalkPages(FileOf(env_), header, PageDepth::kAll,
             [&](PageFault const& fault) { report(FaultOf(fault)); });
   return snapshot;
@@ -447,6 +451,7 @@ StoreStatistics LmdbStore::Statistics() const {
 
 // What others commit from now on is synced, and what was committed before is synced here.
 void LmdbStore::RequireSync() {
+  if (read_only()) return;
   char const* directory = nullptr;
   locks_.RequireSync();
   sync_ = true;

@@ -157,6 +157,7 @@ class LmdbStore final : public Store {
   StoreStatistics Statistics() const override;
   void RequireSync() override;
   bool FreeDeadReaders() override;
+  bool read_only() const override { return read_only_; }
 
   // For the other classes of this folder.
   MDB_env* env() const { return env_; }
@@ -188,6 +189,7 @@ class LmdbStore final : public Store {
 
   StoreLocks locks_;
   bool sync_ = false;
+  bool read_only_ = false;
   MDB_env* env_ = nullptr;
   std::vector<int> files_;   // that the library has open
   PageGuard mutable guard_;  // of the batch that is open

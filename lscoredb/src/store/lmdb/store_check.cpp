@@ -26,6 +26,10 @@ bool IsSameFile(struct stat const& a, struct stat const& b) {
 
 std::uintptr_t AddressOf(void const* data) { return reinterpret_cast<std::uintptr_t>(data); }
 
+std::uint64_t SizeOf(pages::Header const& header) {
+  return (header.last_page + 1) * header.page_size;
+}
+
 [[noreturn]] void ThrowDamaged(PageFault const&) { Throw(LSCOREDB_DAMAGED); }
 
 }  // namespace
@@ -48,8 +52,8 @@ bool StatusOf(int file, struct stat& status) {
   return fstatat(file, "", &status, AT_EMPTY_PATH) == 0;
 }
 
-// The library tells only one of them. It opens the lock file before that one, and the other one,
-// which alone syncs by itself, right after it.
+// The library tells only one of them. It opens the lock file before that one, or after it when it
+// only reads, and the other one, which alone syncs by itself, right after it.
 std::vector<int> FilesOf(MDB_env* env, int lock_file) {
   constexpr int kNear = 64;
   int const data = FileOf(env);
@@ -64,7 +68,9 @@ std::vector<int> FilesOf(MDB_env* env, int lock_file) {
   };
   while (file >= 0 && !is_lock()) --file;
   if (file >= 0) files.push_back(file);
+  bool const found = file >= 0;
   for (file = data + 1; file < data + kNear; ++file) {
+    if (!found && is_lock()) files.push_back(file);
     if (!StatusOf(file, status) || !IsSameFile(status, own)) continue;
     if ((fcntl(file, F_GETFL) & O_DSYNC) == 0) continue;
     files.push_back(file);
@@ -91,14 +97,21 @@ void CheckPages(int file, pages::Header const& header, PageDepth depth) {
 }
 
 // A file may end early and be sound: pages at its end that nobody uses need not have been written.
-// So its pages are walked, and then it is made longer, where it reads as zeros.
-void CheckLength(int file, pages::Header const& header) {
+// So its pages are walked.
+bool CheckReadLength(int file, pages::Header const& header) {
   struct stat status {};
-  std::uint64_t const size = (header.last_page + 1) * header.page_size;
   if (fstat(file, &status) != 0) Throw(LSCOREDB_IO_ERROR);
-  if (static_cast<std::uint64_t>(status.st_size) >= size) return;
+  if (static_cast<std::uint64_t>(status.st_size) >= SizeOf(header)) return true;
   CheckPages(file, header, PageDepth::kAll);
-  if (posix_fallocate(file, static_cast<off_t>(size) - 1, 1) != 0) Throw(LSCOREDB_DISK_FULL);
+  return false;
+}
+
+// A file that is made longer reads as zeros there.
+void CheckLength(int file, pages::Header const& header) {
+  if (CheckReadLength(file, header)) return;
+  if (posix_fallocate(file, static_cast<off_t>(SizeOf(header)) - 1, 1) != 0) {
+    Throw(LSCOREDB_DISK_FULL);
+  }
 }
 
 bool IsDiskFull(MDB_env* env) {

@@ -24,8 +24,10 @@ void CheckDataFile(char const* directory, bool others_write);
 void CheckPages(int file, pages::Header const& header, PageDepth depth);
 
 // Throws LSCOREDB_DAMAGED when the file ends before a page of the state that is in use. A touch
-// behind the end would end the process.
+// behind the end would end the process. A sound one that is short is made as long as it says.
 void CheckLength(int file, pages::Header const& header);
+// The same, of a file that stays as it is. Returns whether it is as long as it says.
+bool CheckReadLength(int file, pages::Header const& header);
 
 // Whether the file cannot grow by another page: the file system or the process's limit is reached.
 bool IsDiskFull(MDB_env* env);

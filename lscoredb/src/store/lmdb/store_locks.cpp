@@ -21,6 +21,9 @@ constexpr mode_t kFileMode = 0640;
 // Behind all numbers of processes.
 constexpr off_t kOpen = 0;
 constexpr off_t kDurable = off_t{1} << 40;
+// Far behind all pages.
+constexpr off_t kWriters = off_t{1} << 60;
+constexpr off_t kFrozen = kWriters + 1;
 
 struct flock LockOf(short kind, off_t byte) {
   struct flock lock {};
@@ -56,17 +59,23 @@ int Unlock(int file, int command) {
 
 StoreLocks::~StoreLocks() {
   LeaveLine();
+  CeaseWriting();
+  if (data_file_ >= 0) CloseKept(data_file_);
   if (lock_file_ < 0) return;
   Unlock(lock_file_, F_OFD_SETLK);  // a child that has not closed it yet holds nothing up
   CloseKept(lock_file_);
 }
 
-void StoreLocks::LineUp(std::string const& directory, std::uint32_t max_readers) {
+void StoreLocks::Enter(std::string const& directory) {
   directory_ = OpenKept(directory.c_str(), O_RDONLY | O_DIRECTORY);
   if (directory_ < 0) ThrowCannotOpen(directory, errno);
   while (flock(directory_, LOCK_EX) != 0) {
     if (errno != EINTR) ThrowCannotOpen(directory, errno);
   }
+}
+
+void StoreLocks::LineUp(std::string const& directory, std::uint32_t max_readers) {
+  Enter(directory);
   std::string const path = directory + "/lock.mdb";
   lock_file_ = OpenKept(path.c_str(), O_RDWR | O_CREAT, kFileMode);
   if (lock_file_ < 0) ThrowCannotOpen(path, errno);
@@ -84,6 +93,33 @@ void StoreLocks::MakeRoom(std::string const& path, std::uint32_t max_readers) co
     if (errno == EOPNOTSUPP) return;
     if (errno != EINTR) ThrowCannotOpen(path, errno);
   }
+}
+
+void StoreLocks::LineUpWithoutPlace(std::string const& directory) {
+  std::string const refused = OpenError();
+  std::string const path = directory + "/data.mdb";
+  Enter(directory);
+  data_file_ = OpenKept(path.c_str(), O_RDONLY);
+  if (data_file_ < 0) ThrowCannotOpen(path, errno);
+  if (IsLockedByOthers(data_file_, kWriters)) {
+    NoteOpenError(refused, "another process has the database open for writing");
+    Throw(LSCOREDB_CANNOT_OPEN);
+  }
+  Lock(data_file_, F_RDLCK, kFrozen);
+}
+
+void StoreLocks::BecomeWriter(std::string const& directory, int data_file) {
+  if (IsLockedByOthers(data_file, kFrozen)) {
+    NoteOpenError(directory + "/data.mdb", "a process that may not write here is reading it");
+    Throw(LSCOREDB_CANNOT_OPEN);
+  }
+  Lock(data_file, F_RDLCK, kWriters);
+  written_file_ = data_file;
+}
+
+void StoreLocks::CeaseWriting() noexcept {
+  if (written_file_ >= 0) Unlock(written_file_, F_OFD_SETLK);
+  written_file_ = -1;
 }
 
 bool StoreLocks::alone() const { return !IsLockedByOthers(lock_file_, kOpen); }

@@ -42,6 +42,15 @@ class StoreLocks {
 
   // Whether no one else has the directory open. REQUIRES: lined up.
   bool alone() const;
+  // Lines up one who may not write the directory. He reads without a place in the table of readers,
+  // so no one writes until his end: throws LSCOREDB_CANNOT_OPEN when someone may do so.
+  void LineUpWithoutPlace(std::string const& directory);
+  // Says that this process may write, through a descriptor of the data file. Throws
+  // LSCOREDB_CANNOT_OPEN while someone reads without a place. REQUIRES: lined up.
+  void BecomeWriter(std::string const& directory, int data_file);
+  // Before the library closes that descriptor.
+  void CeaseWriting() noexcept;
+
   // Takes the library's locks over. REQUIRES: `env` was opened since, and `alone` asked before.
   void TakeOver(MDB_env* env);
   // Lets the next one open the directory.
@@ -54,10 +63,13 @@ class StoreLocks {
   int lock_file() const { return lock_file_; }
 
  private:
+  void Enter(std::string const& directory);
   void MakeRoom(std::string const& path, std::uint32_t max_readers) const;
 
   int directory_ = -1;
   int lock_file_ = -1;
+  int data_file_ = -1;     // of one without a place
+  int written_file_ = -1;  // the library's
 };
 
 }  // namespace lscore

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <optional>
 #include <string>
+#include <thread>
 
 #include "bytes.h"
 #include "checksummed_record.h"
@@ -192,6 +193,7 @@ class StoreOpener {
     store->locks_.TakeOver(store->env_);
     if (sync) store->locks_.RequireSync();
     store->sync_ = sync;
+    store->locks_.BecomeWriter(path, FileOf(store->env_));
     LookIn(*store);
     FindMap(*store);
     store->locks_.LeaveLine();
@@ -199,6 +201,36 @@ class StoreOpener {
     int dead = 0;
     CheckOpening(mdb_reader_check(store->env_, &dead));
     return store;
+  }
+
+  // `place`: in the table of readers. Without one, no one writes until the store is closed.
+  static std::unique_ptr<LmdbStore> OpenToRead(char const* path, StoreOptions const& options,
+                                               bool place) {
+    std::unique_ptr<LmdbStore> store(new LmdbStore);
+    store->read_only_ = true;
+    if (place) {
+      store->locks_.LineUp(path, options.max_readers);
+    } else {
+      store->locks_.LineUpWithoutPlace(path);
+    }
+    CheckDataFile(path, place && !store->locks_.alone());
+    unsigned const flags = place ? 0u : unsigned{MDB_NOLOCK};
+    store->env_ = OpenLibrary(path, options, flags | MDB_RDONLY);
+    if (place) {
+      store->files_ = FilesOf(store->env_, store->locks_.lock_file());
+      store->locks_.TakeOver(store->env_);
+    } else {
+      store->files_ = {FileOf(store->env_)};
+    }
+    for (int const file : store->files_) KeepFromChildren(file);
+    LookInBesideWriters(*store);
+    store->locks_.LeaveLine();
+    if (options.verify) store->Verify();
+    return store;
+  }
+
+  static void Use(LmdbStore& store, std::shared_ptr<LayoutReservations> reservations) {
+    store.UseReservations(std::move(reservations));
   }
 
   // Of a file that has no name yet.
@@ -243,10 +275,41 @@ class StoreOpener {
     if (store.sync_) CheckStore(mdb_env_sync(env, 1));
   }
 
+  // The same without the right to make them wait.
+  static void LookInBesideWriters(LmdbStore& store) {
+    MDB_env* const env = store.env_;
+    MDB_txn* txn = nullptr;
+    CheckOpening(mdb_txn_begin(env, nullptr, MDB_RDONLY, &txn));
+    std::unique_ptr<MDB_txn, void (*)(MDB_txn*)> reading(txn, mdb_txn_abort);
+    pages::Header const header = StableHeader(FileOf(env), mdb_txn_id(txn));
+    CheckReadLength(FileOf(env), header);
+    CheckPages(FileOf(env), header, PageDepth::kRoots);
+    if (IsEmpty(txn)) Throw(LSCOREDB_NOT_A_DATABASE);
+    OpenTrees(store, txn);
+    FindMap(store, txn);
+    reading.release();
+    CheckStore(mdb_txn_commit(txn));  // which keeps the trees open
+  }
+
+  // Two commits may take the header away, not more, since whoever reads it lines up.
+  static pages::Header StableHeader(int file, std::uint64_t state) {
+    constexpr int kAttempts = 1000;
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+      std::optional<pages::Header> const header = pages::FindHeader(file, state);
+      std::this_thread::yield();
+      if (header && header == pages::FindHeader(file, state)) return *header;
+    }
+    Throw(LSCOREDB_DAMAGED);
+  }
+
   static void FindMap(LmdbStore& store) {
     WritePause const pause(store.env_);
+    FindMap(store, pause.txn());
+  }
+
+  static void FindMap(LmdbStore& store, MDB_txn* txn) {
     store.page_size_ = PageSize(store.env_);
-    store.map_begin_ = MapBegin(store.env_, pause.txn(), store.Handle(Tree::kMeta));
+    store.map_begin_ = MapBegin(store.env_, txn, store.Handle(Tree::kMeta));
     store.guard_.Open(FileOf(store.env_), reinterpret_cast<char const*>(store.map_begin_),
                       store.page_size_);
   }
@@ -292,13 +355,47 @@ void DataFile::Fill() const {
   mdb_env_close(env);
 }
 
-std::unique_ptr<LmdbStore> LmdbStore::Open(char const* directory, StoreOptions const& options) {
-  if (directory != nullptr) {
+namespace {
+
+// With what a process that may write uses, or else with none of it.
+std::unique_ptr<LmdbStore> OpenOnlyToRead(char const* directory, StoreOptions const& options) {
+  CheckDataFile(directory, true);
+  try {
     std::shared_ptr<LayoutReservations> reservations;
     if (options.reserve_layouts) reservations = std::make_shared<FileReservations>(directory);
-    std::unique_ptr<LmdbStore> store = StoreOpener::Open(directory, options, false);
-    if (reservations != nullptr) store->UseReservations(std::move(reservations));
+    std::unique_ptr<LmdbStore> store = StoreOpener::OpenToRead(directory, options, true);
+    if (reservations != nullptr) StoreOpener::Use(*store, std::move(reservations));
     return store;
+  } catch (Failure const&) {
+    if (!OpenErrorIsOfWriting()) throw;
+  }
+  return StoreOpener::OpenToRead(directory, options, false);
+}
+
+std::unique_ptr<LmdbStore> OpenToWrite(char const* directory, StoreOptions const& options) {
+  std::shared_ptr<LayoutReservations> reservations;
+  if (options.reserve_layouts) reservations = std::make_shared<FileReservations>(directory);
+  std::unique_ptr<LmdbStore> store = StoreOpener::Open(directory, options, false);
+  if (reservations != nullptr) StoreOpener::Use(*store, std::move(reservations));
+  return store;
+}
+
+bool HasData(char const* directory) {
+  return access((std::string(directory) + "/data.mdb").c_str(), R_OK) == 0;
+}
+
+}  // namespace
+
+std::unique_ptr<LmdbStore> LmdbStore::Open(char const* directory, StoreOptions const& options) {
+  if (directory != nullptr) {
+    if (options.access == Access::kRead) return OpenOnlyToRead(directory, options);
+    try {
+      return OpenToWrite(directory, options);
+    } catch (Failure const&) {
+      bool const may_read = options.access == Access::kAutomatic && OpenErrorIsOfWriting();
+      if (!may_read || !HasData(directory)) throw;
+    }
+    return OpenOnlyToRead(directory, options);
   }
   MemoryDirectory const memory;
   return StoreOpener::Open(memory.path(), options, true);

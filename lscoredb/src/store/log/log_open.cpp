@@ -2,6 +2,7 @@
 
 #include "format.h"
 #include "log_store.h"
+#include "open_error.h"
 #include "status.h"
 
 namespace lscore {
@@ -22,6 +23,14 @@ logformat::Identity NewIdentity() {
 void CheckContent(std::string_view format) {
   auto const version = Load<std::uint32_t>(format.data() + format::kMagic.size());
   if (version > format::kNewestVersion) Throw(LSCOREDB_NEWER_FORMAT);
+}
+
+// What is only in the log is found by those who share its state in memory, and they write it.
+[[noreturn]] void RefuseReading(std::string const& directory) {
+  std::string const refused = OpenError();
+  NoteOpenError(refused.empty() ? directory : refused,
+                "a database with a log cannot be opened only to read");
+  Throw(LSCOREDB_CANNOT_OPEN);
 }
 
 }  // namespace
@@ -47,6 +56,7 @@ std::unique_ptr<LogStore> LogStore::Open(std::unique_ptr<Store>& image, std::str
   if (position.has_value()) CheckContent(logformat::ContentFormat(*snapshot));
   image->End(std::move(snapshot));
   if (!position.has_value()) return nullptr;
+  if (image->read_only()) RefuseReading(directory);
   std::string const board = directory + logformat::kBoardName;
   std::unique_ptr<LogStore> store(
       new LogStore(std::move(image), std::move(directory), options, *position));

@@ -35,7 +35,8 @@ PostgresStore::PostgresStore(std::string_view url, StoreOptions const& options)
     if (state.size() != 1) Throw(LSCOREDB_NOT_A_DATABASE);
     version = state.Number(0, 1);
   };
-  if (Status const status = StatusOf(read_version); status == LSCOREDB_NOT_A_DATABASE) {
+  if (Status const status = StatusOf(read_version);
+      status == LSCOREDB_NOT_A_DATABASE && !read_only()) {
     MakeTables(*connection);
     read_version();
   } else {
@@ -44,7 +45,7 @@ PostgresStore::PostgresStore(std::string_view url, StoreOptions const& options)
   if (version > kTablesVersion) Throw(LSCOREDB_NEWER_FORMAT);
   CheckFormat(*connection);
   idle_.push_back(std::move(connection));
-  if (options.reserve_layouts) {
+  if (options.reserve_layouts && !read_only()) {
     UseReservations(std::make_shared<ServerReservations>(url_, statements_));
   }
 }
@@ -166,6 +167,7 @@ void PostgresStore::End(std::unique_ptr<Snapshot> snapshot) noexcept {
 }
 
 std::unique_ptr<Batch> PostgresStore::BeginBatch(std::vector<TreeKey> const& hints) {
+  if (read_only()) Throw(LSCOREDB_READ_ONLY_DATABASE);
   return std::make_unique<PostgresBatch>(*this, hints);
 }
 

@@ -45,7 +45,7 @@ struct StateRead {
 
 class PostgresStore final : public Store {
  public:
-  // Connects, and makes the tables where they are not there yet.
+  // Connects, and makes the tables where they are not there yet, unless it is only to be read.
   PostgresStore(std::string_view url, StoreOptions const& options);
   // Whether the tables of a database are there.
   static bool Exists(std::string_view url);
@@ -59,6 +59,7 @@ class PostgresStore final : public Store {
   void Verify() override;
   StoreStatistics Statistics() const override;
   void RequireSync() override;
+  bool read_only() const override { return options_.access == Access::kRead; }
   bool FreeDeadReaders() override { return false; }
 
   // For snapshots and batches.
