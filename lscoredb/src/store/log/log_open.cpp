@@ -25,6 +25,20 @@ void CheckContent(std::string_view format) {
   if (version > format::kNewestVersion) Throw(LSCOREDB_NEWER_FORMAT);
 }
 
+// Reads the newest state, between commits when no place for a reader is left.
+template <typename Read>
+void WithNewest(Store& image, Read const& read) {
+  std::unique_ptr<Snapshot> snapshot;
+  Status const status = Guarded([&] {
+    snapshot = image.Begin();
+    return LORV_STATUS_OK;
+  });
+  if (status == LSCOREDB_TOO_MANY_READERS && !image.read_only()) return read(*image.BeginBatch());
+  Check(status);
+  read(*snapshot);
+  image.End(std::move(snapshot));
+}
+
 // What is only in the log is found by those who share its state in memory, and they write it.
 [[noreturn]] void RefuseReading(std::string const& directory) {
   std::string const refused = OpenError();
@@ -51,10 +65,11 @@ void LogStore::Convert(Store& image) {
 
 std::unique_ptr<LogStore> LogStore::Open(std::unique_ptr<Store>& image, std::string directory,
                                          StoreOptions const& options) {
-  std::unique_ptr<Snapshot> snapshot = image->Begin();
-  std::optional<ImagePosition> const position = logformat::FindPosition(*snapshot);
-  if (position.has_value()) CheckContent(logformat::ContentFormat(*snapshot));
-  image->End(std::move(snapshot));
+  std::optional<ImagePosition> position;
+  WithNewest(*image, [&](View const& view) {
+    position = logformat::FindPosition(view);
+    if (position.has_value()) CheckContent(logformat::ContentFormat(view));
+  });
   if (!position.has_value()) return nullptr;
   if (image->read_only()) RefuseReading(directory);
   std::string const board = directory + logformat::kBoardName;
