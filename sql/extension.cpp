@@ -1,6 +1,8 @@
 #include "extension.h"
 
 #include <memory>
+#include <string>
+#include <vector>
 
 #include "connection.h"
 #include "failure.h"
@@ -19,6 +21,28 @@ void Check(int code) {
   if (code != SQLITE_OK) throw Failure(code, "The extension sagleme cannot be registered.");
 }
 
+struct Finalize {
+  void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
+};
+
+// A file of SQLite's can name databases that are attached with it, see docs/sql.md.
+void AttachNamed(sqlite3* database, Connection& connection) {
+  sqlite3_stmt* made = nullptr;
+  constexpr char kQuery[] = "SELECT directory, coalesce(schema, '') FROM main.sagleme_attach";
+  if (sqlite3_prepare_v2(database, kQuery, -1, &made, nullptr) != SQLITE_OK) return;
+  std::unique_ptr<sqlite3_stmt, Finalize> statement(made);
+  std::vector<std::pair<std::string, std::string>> named;
+  while (sqlite3_step(made) == SQLITE_ROW) {
+    auto const text = [made](int column) {
+      auto const* const value = reinterpret_cast<char const*>(sqlite3_column_text(made, column));
+      return std::string(value == nullptr ? "" : value);
+    };
+    named.emplace_back(text(0), text(1));
+  }
+  statement.reset();
+  for (auto const& [directory, schema] : named) connection.Attach(directory, schema);
+}
+
 }  // namespace
 
 int Register(sqlite3* database, char** text) {
@@ -34,6 +58,7 @@ int Register(sqlite3* database, char** text) {
         Check(RegisterTables(database, connection));
         Check(RegisterOnly(database, connection));
         Check(RegisterFunctions(database, connection));
+        AttachNamed(database, *connection);
       },
       [text](char const* what) {
         if (text != nullptr) *text = sqlite3_mprintf("%s", what);

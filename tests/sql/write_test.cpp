@@ -197,6 +197,17 @@ TEST_F(Write, SavepointBeforeAStatementThatFailed_IsKept) {
   EXPECT_EQ(sql_("ROLLBACK TO a; SELECT count(*) FROM Item; COMMIT"), "0");
 }
 
+TEST_F(Write, UpsertAndReturningOfChanges_AreRefusedBySqlite) {
+  sql_("INSERT INTO Person(Name) VALUES('Ann')");
+  EXPECT_EQ(sql_("INSERT INTO Person(Name) VALUES('Ann') ON CONFLICT DO NOTHING"),
+            "error: UPSERT not implemented for virtual table \"Person\"");
+  EXPECT_EQ(sql_("UPDATE Person SET Name = 'Bob' RETURNING Name"),
+            "error: UPDATE RETURNING is not available on virtual tables");
+  EXPECT_EQ(sql_("DELETE FROM Person RETURNING Name"),
+            "error: DELETE RETURNING is not available on virtual tables");
+  EXPECT_EQ(sql_("SELECT Name FROM Person"), "Ann");
+}
+
 TEST_F(Write, OrReplace_DeletesWhatHasTheSameKey) {
   sql_("INSERT INTO Person(Name) VALUES('Ann'), ('Bob'), ('Cid')");
   EXPECT_EQ(sql_("INSERT OR REPLACE INTO Person(Name) VALUES('Ann'), ('Dee')"), "");

@@ -54,6 +54,9 @@ std::vector<std::unique_ptr<Command>> MakeCommands();
 // to `directory`; at the prompt, where it is not named, that is null.
 CLI::App* Attach(CLI::App& parser, Command& command, Output& output, std::string* directory);
 
+// The form of lists that --format names. Failure with kUsage when there is none.
+Format FormatNamed(std::string const& wanted);
+
 // Options whose values are checked in the words of this program: a whole number, and one of several
 // words.
 void AddCount(CLI::App& app, std::string const& name, std::uint64_t& count,

@@ -12,16 +12,6 @@ constexpr std::pair<char const*, Format> kFormats[] = {{"table", Format::kTable}
                                                        {"csv", Format::kCsv},
                                                        {"markdown", Format::kMarkdown}};
 
-Format FormatNamed(std::string const& wanted) {
-  std::vector<std::string> names;
-  for (auto const& [name, format] : kFormats) {
-    if (name == wanted) return format;
-    names.emplace_back(name);
-  }
-  throw Failure(Exit::kUsage, fmt::format("there is no form \"{}\" of a list", wanted),
-                fmt::format("There are: {}.", fmt::join(names, ", ")));
-}
-
 void DeclareFormat(CLI::App& app, Output& output) {
   app.add_option_function<std::string>(
          "--format", [&output](std::string const& name) { output.chosen = FormatNamed(name); },
@@ -31,6 +21,16 @@ void DeclareFormat(CLI::App& app, Output& output) {
 }
 
 }  // namespace
+
+Format FormatNamed(std::string const& wanted) {
+  std::vector<std::string> names;
+  for (auto const& [name, format] : kFormats) {
+    if (name == wanted) return format;
+    names.emplace_back(name);
+  }
+  throw Failure(Exit::kUsage, fmt::format("there is no form \"{}\" of a list", wanted),
+                fmt::format("There are: {}.", fmt::join(names, ", ")));
+}
 
 std::string Example::For(std::string const& program) const {
   if (!program.empty()) return line;
@@ -73,6 +73,9 @@ std::vector<std::unique_ptr<Command>> MakeCommands() {
   commands.push_back(MakeVacuum());
   commands.push_back(MakeCopy());
   commands.push_back(MakeDiagram());
+#ifdef SAGLEME_TOOL_SQL
+  commands.push_back(MakeSql());
+#endif
   commands.push_back(MakeShell());
   commands.push_back(MakeComplete());
   return commands;

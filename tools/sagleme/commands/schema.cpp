@@ -3,6 +3,9 @@
 
 #include "commands/commands.h"
 #include "query/names.h"
+#ifdef SAGLEME_TOOL_SQL
+#include "sql/definition.h"
+#endif
 
 namespace tool {
 namespace {
@@ -14,19 +17,33 @@ class Schema : public Command {
   std::vector<Example> examples() const override {
     return {{"schema shop > shop.json", "the whole schema, to be edited and applied"},
             {"schema shop Customer", "one table and the tables derived from it"},
-            {"schema shop --portable", "without ids, to be applied to another database"}};
+            {"schema shop --portable", "without ids, to be applied to another database"},
+            {"schema shop --format sql", "statements for sagleme sql"}};
   }
   void Declare(CLI::App& app) override {
     app.add_option("TABLE", table_, "Write this table and the tables derived from it only")
         ->type_name("");
     app.add_flag("--portable", portable_, "Leave out the ids, which only this database knows");
+    AddChoice(app, "--format", format_, {"json", "sql"},
+              "json, for apply, or sql: statements that make the tables and indexes");
   }
   Exit Run(Session& session, Output& output) override;
 
  private:
   std::string table_;
   bool portable_ = false;
+  std::string format_ = "json";
 };
+
+std::string AsSql([[maybe_unused]] sagleme::Transaction& transaction,
+                  [[maybe_unused]] sagleme::TablePtr const& top) {
+#ifdef SAGLEME_TOOL_SQL
+  return sagleme::sql::DefinitionsOf(transaction, top);
+#else
+  throw Failure(Exit::kRefused, "this command was built without SQL",
+                "Build it with SAGLEME_SQL=ON.");
+#endif
+}
 
 // Leaves the tables that stand under one.
 void KeepSubtree(sagleme::Transaction& transaction, sagleme::Table const& top,
@@ -39,6 +56,10 @@ void KeepSubtree(sagleme::Transaction& transaction, sagleme::Table const& top,
 
 Exit Schema::Run(Session& session, Output& output) {
   session.Read([&](sagleme::Transaction& transaction) {
+    if (format_ == "sql") {
+      output.Print(AsSql(transaction, table_.empty() ? nullptr : TableNamed(transaction, table_)));
+      return;
+    }
     sagleme::SchemaDoc schema = sagleme::ReadSchema(transaction, !portable_);
     if (!table_.empty()) KeepSubtree(transaction, *TableNamed(transaction, table_), schema);
     output.Print(sagleme::SchemaJson(schema));
