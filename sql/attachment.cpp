@@ -38,7 +38,7 @@ void Attachment::Open() {
 void Attachment::Adopt(SchemaPtr schema) {
   image_ = Image(*schema, encoding_);
   schema_ = std::move(schema);
-  last_table_ = nullptr;
+  ForgetTables();
   stale_ = false;
 }
 
@@ -145,7 +145,7 @@ void Attachment::RollbackTo(int number) {
   if (!defined_) return;
   transaction_->Forget();
   schema_ = Schema::Read(*transaction_);
-  last_table_ = nullptr;
+  ForgetTables();
 }
 
 void Attachment::Release(int number) {
@@ -186,7 +186,7 @@ void Attachment::Change(DefinitionStatement const& statement) {
     lscoredb_release(context(), savepoint);
     transaction_->Forget();
     schema_ = before;
-    last_table_ = nullptr;
+    ForgetTables();
     throw;
   }
   lscoredb_release(context(), savepoint);
@@ -232,7 +232,7 @@ void Attachment::TellSqlite(SchemaPtr const& before) {
   defined_ = true;
   ExecuteDefining(drop);
   schema_ = now;
-  last_table_ = nullptr;
+  ForgetTables();
   ExecuteDefining(create);
 }
 
@@ -258,6 +258,18 @@ TablePtr Attachment::TableOf(std::uint64_t oid) {
     last_setspec_ = setspec;
   }
   return last_table_;
+}
+
+void Attachment::ForgetTables() {
+  last_table_ = nullptr;
+  live_layouts_.clear();
+}
+
+bool Attachment::IsOfLiveTable(std::uint64_t oid, std::uint16_t layout) {
+  if (layout >= live_layouts_.size()) live_layouts_.resize(layout + std::size_t{64});
+  std::uint8_t& known = live_layouts_[layout];
+  if (known == 0) known = TableOf(oid) != nullptr ? 1 : 2;
+  return known == 1;
 }
 
 }  // namespace sagleme::sql

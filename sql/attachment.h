@@ -82,6 +82,9 @@ class Attachment {
 
   // The table of an object, from its set specifier. Null when it was dropped.
   TablePtr TableOf(std::uint64_t oid);
+  // Whether the table of an object under that layout is there. Objects of a dropped one stay in the
+  // ranges of the tables that it derived from until vacuum takes them away.
+  bool IsOfLiveTable(std::uint64_t oid, std::uint16_t layout);
 
  private:
   struct Mark {
@@ -92,6 +95,7 @@ class Attachment {
   void Open();
   void End() noexcept;
   void Adopt(SchemaPtr schema);
+  void ForgetTables();
   void Drain() noexcept;
   void Forget();
   void Change(DefinitionStatement const& statement);
@@ -115,6 +119,7 @@ class Attachment {
   std::vector<Cursor*> cursors_;
   std::u16string last_setspec_;
   TablePtr last_table_;
+  std::vector<std::uint8_t> live_layouts_;  // 0: not known, 1: with a table, 2: of a dropped one
 };
 
 }  // namespace sagleme::sql

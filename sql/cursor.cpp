@@ -196,7 +196,9 @@ bool Cursor::Scan(RowId& row) {
       continue;
     }
     row = RowAt(found.oid, found.position);
-    if (!check_set_ || table_.Holds(*attachment_, row.oid)) return true;
+    bool const wanted = check_set_ ? table_.Holds(*attachment_, row.oid)
+                                   : attachment_->IsOfLiveTable(row.oid, found.layout);
+    if (wanted) return true;
   }
   return false;
 }

@@ -142,7 +142,10 @@ bool ScanBody::AcceptsBySetspec(Row row) const {
   auto const status = lorv_context_get_setspec(transaction->context_id, row.oid, row.addr, &record);
   if (status != 0) return false;
   std::u16string_view const found(record->units, record->length);
-  return only ? found == root->setspec : found.starts_with(root->setspec);
+  if (only) return found == root->setspec;
+  return found.starts_with(root->setspec) &&
+         transaction->kernel->live_layouts().Holds(transaction->context_id, row.oid,
+                                                   metalayer::LayoutOf({row.oid, row.addr}));
 }
 
 bool ScanBody::Accepts(Row row) {
@@ -427,7 +430,7 @@ std::unique_ptr<ScanBody> BodyFor(ScanArguments const& given) {
   body->only = given.only != 0;
   if (given.sources == Py_None) {
     body->sources.push_back(SetSource(*transaction, *body->root, body->only));
-    body->anything = true;
+    body->anything = body->only;
   } else {
     Ref const list(Need(PySequence_Fast(given.sources, "sources are a list")));
     for (Py_ssize_t i = 0; i < PySequence_Fast_GET_SIZE(list.get()); ++i) {

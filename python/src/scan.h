@@ -26,7 +26,7 @@ struct ScanBody {
   Transaction* transaction = nullptr;
   Binding* root = nullptr;
   bool only = false;      // objects of exactly the class
-  bool anything = false;  // the sources hold nothing but what belongs to the class
+  bool anything = false;  // the sources hold nothing but objects of the class that is there
   std::vector<Source> sources;
   std::size_t next_source = 0;
   std::uint64_t iterator = 0;

@@ -50,6 +50,24 @@ TEST_F(Define, TablesAndIndexesComeAndGo) {
   EXPECT_EQ(sql_("SELECT * FROM Movie"), "error: no such table: Movie");
 }
 
+// They stay until vacuum takes them away.
+TEST_F(Define, ObjectsOfADroppedTable_AreInNoTableAboveIt) {
+  (*this)("CREATE TABLE Library.Film () INHERITS (Library.Item)");
+  sql_(
+      "INSERT INTO Film(Title, Year) VALUES('M', 1931); "
+      "INSERT INTO Item(Title, Year) VALUES('N', 1931)");
+  std::string const counts =
+      "SELECT count(*) FROM Item; SELECT count(*) FROM Item WHERE Year = 1931; "
+      "SELECT count(*) FROM Item WHERE Title > ''";
+  EXPECT_EQ(sql_(counts), "2\n2\n2");
+  sql_("BEGIN");
+  (*this)("DROP TABLE Film");
+  EXPECT_EQ(sql_(counts), "1\n1\n1");
+  EXPECT_EQ(sql_("ROLLBACK; " + counts), "2\n2\n2");
+  (*this)("DROP TABLE Film");
+  EXPECT_EQ(sql_(counts), "1\n1\n1");
+}
+
 TEST_F(Define, Explain_TellsThePlanAndChangesNothing) {
   EXPECT_EQ((*this)("EXPLAIN DROP TABLE Item CASCADE"),
             "instant      drop index ItemByTitle\ninstant      drop index ItemByYear\n"
