@@ -3,6 +3,7 @@
 
 // The change of the schema that the second act plays, and what it promises for the packages.
 
+#include <cstddef>
 #include <cstdint>
 #include <sagleme/host.hpp>
 #include <stdexcept>
@@ -46,7 +47,7 @@ class Survival {
   View const& before_;
   View const& after_;
   int64_t stayed_ = 0;
-  int64_t orphaned_ = 0;
+  std::size_t dropped_ = 0;
   int64_t values_ = 0;  // that were compared
 };
 
