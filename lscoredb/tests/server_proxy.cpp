@@ -16,6 +16,8 @@ namespace {
 // A batch ends by executing the statement of this name.
 constexpr std::string_view kCommit{"commit\0", 7};
 constexpr std::string_view kTicket{"put_ticket\0", 11};
+constexpr std::string_view kRollback{"rollback\0", 9};
+constexpr std::string_view kBegin{"begin_"};
 constexpr int kPatience = 50;  // milliseconds between looks at whether it is over
 
 sockaddr_un AddressIn(std::string const& directory) {
@@ -36,6 +38,12 @@ int NewSocket() {
 template <typename Call>
 int Named(Call call, int file, sockaddr_un const& address) {
   return call(file, reinterpret_cast<sockaddr const*>(&address), sizeof address);
+}
+
+// The end of a transaction that wrote nothing: nobody waits for its reply.
+bool IsPosted(std::string_view said) {
+  auto const has = [&](std::string_view name) { return said.find(name) != said.npos; };
+  return (has(kCommit) || has(kRollback)) && !has(kTicket) && !has(kBegin);
 }
 
 bool SendAll(int file, char const* bytes, std::size_t size) {
@@ -121,7 +129,7 @@ bool ServerProxy::Pass(int from, int to, bool from_client, bool* asked) {
   Cut const cut = commits ? cut_.exchange(Cut::kNever) : Cut::kNever;
   if (cut == Cut::kBeforeCommit) return false;
   if (!from_client && *asked) ++round_trips_;
-  *asked = from_client;
+  *asked = from_client && !IsPosted(said);
   if (!SendAll(to, said.data(), said.size())) return false;
   if (cut == Cut::kNever) return true;
   // The server has done it when it answers.
