@@ -2,6 +2,7 @@
 
 #include <stdlib.h>
 
+#include <algorithm>
 #include <cmath>
 #include <filesystem>
 #include <stdexcept>
@@ -191,6 +192,41 @@ World::World(Choices& choices)
     if (!definition.native.empty()) native_.Require(definition.native);
   }
   ours_.Require("COMMIT");
+}
+
+std::vector<Row> World::ReferencesToNothing() {
+  std::vector<Row> all;
+  for (TableMeta const& table : Tables()) {
+    for (ColumnMeta const& column : table.own) {
+      if (!column.reference()) continue;
+      std::string const& name = column.name;
+      Answer const answer = native_.Require("SELECT '" + name + "', _oid, " + name + " FROM " +
+                                            table.name + " WHERE " + name + " NOT IN (SELECT _oid" +
+                                            " FROM " + column.target + ")");
+      all.insert(all.end(), answer.rows.begin(), answer.rows.end());
+    }
+  }
+  return all;
+}
+
+Answer World::RunUnlessReferenceToNothing(std::string const& sql) {
+  std::vector<Row> const before = ReferencesToNothing();
+  native_.Require("SAVEPOINT reference");
+  Answer answer = native_.Run(sql);
+  if (answer.code == SQLITE_OK) {
+    auto const is_new = [&](Row const& row) {
+      return std::none_of(before.begin(), before.end(),
+                          [&](Row const& old) { return Same(old, row); });
+    };
+    std::vector<Row> const after = ReferencesToNothing();
+    if (std::any_of(after.begin(), after.end(), is_new)) {
+      answer = {};
+      answer.code = SQLITE_CONSTRAINT_FOREIGNKEY;
+      native_.Require("ROLLBACK TO reference");
+    }
+  }
+  if (native_.in_transaction()) native_.Require("RELEASE reference");
+  return answer;
 }
 
 void World::CommitBoth() {

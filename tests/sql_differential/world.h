@@ -80,6 +80,9 @@ class World {
   Side& native() { return native_; }
   // How the tables differ; empty when they do not.
   std::string Difference();
+  // As native().Run, for a statement that our side refuses for a reference to nothing, which SQLite's
+  // copies take. The same refusal, and nothing done, when it would leave such a reference.
+  Answer RunUnlessReferenceToNothing(std::string const& sql);
   // An INSERT may have ended the transaction before.
   void CommitBoth();
   // An id that no object had.
@@ -90,6 +93,8 @@ class World {
   std::vector<std::int64_t> IdsOf(std::string const& table);
 
  private:
+  std::vector<Row> ReferencesToNothing();
+
   Directory directory_;
   sagleme::Database database_;
   Side ours_;
