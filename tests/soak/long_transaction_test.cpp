@@ -27,6 +27,7 @@ class LongTransactionTest : public ::testing::Test {
     lscoredb_options options{};
     options.size = sizeof options;
     options.durability = LSCOREDB_NO_SYNC;
+    options.row_memory = kMegabyte;  // what is measured here is not kept for later on purpose
     ASSERT_EQ(0U, lscoredb_open(directory_.path().c_str(), &options, &database_));
     ASSERT_EQ(0U, lscoredb_context_open(database_, &context_));
   }
@@ -144,19 +145,25 @@ std::size_t ResidentBytes() {
   return kilobytes * 1024;
 }
 
-// Also what the heap would keep for later.
+// Also what the heap would keep for later. The store's library keeps pages for its next batch, as
+// many as the largest one so far had; hence the first commit.
 TEST_F(LongTransactionTest, MemoryOfALargeTransaction_GoesBackToTheSystemWhenItEnds) {
   if (!kLimitsWork) return;
   ASSERT_NO_FATAL_FAILURE(Fill(150000));
-  for (bool const commits : {true, false, true}) {
-    std::size_t const before = ResidentBytes();
+  auto const change_all = [&] {
     ASSERT_EQ(0U, lscoredb_begin(context_, LSCOREDB_READ_WRITE));
     for (std::uint64_t const row : rows_) {
       ASSERT_EQ(0U, lorv_context_put_string(context_, row, 0, kFirstColumn, u"another text"));
     }
-    EXPECT_GT(ResidentBytes(), before + 40 * kMegabyte) << "the transaction is not large";
+  };
+  change_all();
+  ASSERT_EQ(0U, lscoredb_commit(context_));
+  for (bool const commits : {false, true, false, true}) {
+    std::size_t const before = ResidentBytes();
+    change_all();
+    EXPECT_GT(ResidentBytes(), before + 20 * kMegabyte) << "the transaction is not large";
     ASSERT_EQ(0U, commits ? lscoredb_commit(context_) : lscoredb_rollback(context_));
-    EXPECT_LT(ResidentBytes(), before + 24 * kMegabyte);
+    EXPECT_LT(ResidentBytes(), before + 8 * kMegabyte);
   }
 }
 
