@@ -54,7 +54,14 @@ endforeach()
 
 # What is installed is tried by strangers to the build tree.
 if(SAGLEME_TESTS AND NOT SAGLEME_SANITIZE AND SAGLEME_KERNEL STREQUAL "embedded")
-  foreach(what install system-kernel)
+  set(trials install system-kernel)
+  find_program(SAGLEME_DPKG_SHLIBDEPS dpkg-shlibdeps)
+  if(SAGLEME_DPKG_SHLIBDEPS)
+    list(APPEND trials packages)
+  else()
+    message(STATUS "dpkg-shlibdeps is not installed: install.packages is left out")
+  endif()
+  foreach(what IN LISTS trials)
     add_test(NAME install.${what}
       COMMAND ${PROJECT_SOURCE_DIR}/tools/test-${what} ${PROJECT_BINARY_DIR})
     set_tests_properties(install.${what} PROPERTIES LABELS install TIMEOUT 1200)
