@@ -80,8 +80,8 @@ class World {
   Side& native() { return native_; }
   // How the tables differ; empty when they do not.
   std::string Difference();
-  // As native().Run, for a statement that our side refuses for a reference to nothing, which SQLite's
-  // copies take. The same refusal, and nothing done, when it would leave such a reference.
+  // As native().Run, for a statement that our side refuses for a reference to nothing; SQLite's
+  // copies take it. The same refusal, and nothing done, when it would leave such a reference.
   Answer RunUnlessReferenceToNothing(std::string const& sql);
   // An INSERT may have ended the transaction before.
   void CommitBoth();
