@@ -1,11 +1,15 @@
 #include "failure.h"
 
+#include <lscoredb/watch.h>
+
 #include <new>
 
 namespace sagleme::sql {
 
 int ResultCode(std::uint32_t status) {
   switch (status) {
+    case LSCOREDB_STOPPED:
+      return SQLITE_INTERRUPT;
     case LSCOREDB_CONFLICT:
       // The transaction is over and can be run again; waiting for a lock would not help.
       return SQLITE_BUSY_SNAPSHOT;

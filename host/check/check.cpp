@@ -30,9 +30,10 @@ class Kernel {
   Kernel(Kernel const&) = delete;
   Kernel& operator=(Kernel const&) = delete;
 
-  KernelFindings Check() const {
+  KernelFindings Check(checks::Progress& progress) const {
     KernelFindings findings;
-    auto const status = lscoredb_check(handle_, 0, Keep, &findings);
+    auto const status =
+        progress.Watched([&] { return lscoredb_check(handle_, 0, Keep, &findings); });
     if (status != LSCOREDB_DAMAGED) detail::CheckKernel(status);
     return findings;
   }
@@ -135,25 +136,32 @@ void TellError(Error const& error, FindingReport const& report) {
   report({"reading", {}, 0, checks::Say("{} (status {})", error.what(), error.status())});
 }
 
-}  // namespace
-
-void CheckCatalogue(Transaction& transaction, CheckOptions const& options,
-                    FindingReport const& report) {
+void CheckAll(Transaction& transaction, CheckOptions const& options, FindingReport const& report,
+              checks::Progress const& progress) {
   checks::WithOwnFailures(report, [&](FindingReport const& tell) {
     try {
       checks::CheckTables(transaction, tell);
       checks::CheckRows(transaction, tell);
-      checks::CheckObjects(transaction, options, tell);
+      checks::CheckObjects(transaction, options, tell, progress);
     } catch (Error const& error) {
       TellError(error, tell);
     }
   });
 }
 
+}  // namespace
+
+void CheckCatalogue(Transaction& transaction, CheckOptions const& options,
+                    FindingReport const& report) {
+  CheckAll(transaction, options, report, checks::Progress(options, 0));
+}
+
 void CheckDatabase(std::string const& directory, CheckOptions const& options,
                    FindingReport const& report) {
   detail::RequireDataFile(directory);  // the kernel would make one
-  KernelFindings const findings = Kernel(directory).Check();
+  constexpr std::uint64_t kKernelQuarters = 3;
+  checks::Progress progress(options, kKernelQuarters);
+  KernelFindings const findings = Kernel(directory).Check(progress);
   for (KernelFinding const& finding : findings) {
     if (EndsReading(finding)) return TellAll(findings, report);
   }
@@ -167,7 +175,7 @@ void CheckDatabase(std::string const& directory, CheckOptions const& options,
   Context const context(*database);
   Transaction transaction(context, Access::kReadOnly);
   TellByTable(transaction, findings, report);
-  CheckCatalogue(transaction, options, report);
+  CheckAll(transaction, options, report, progress);
 }
 
 }  // namespace sagleme

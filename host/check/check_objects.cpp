@@ -1,4 +1,5 @@
 #include <map>
+#include <sagleme/counts.hpp>
 #include <sagleme/vacuum.hpp>
 
 #include "parts.h"
@@ -8,15 +9,19 @@ namespace {
 
 class ObjectCheck {
  public:
-  ObjectCheck(Transaction& transaction, CheckOptions const& options, FindingReport const& report)
-      : transaction_(transaction), options_(options), report_(report) {
+  ObjectCheck(Transaction& transaction, CheckOptions const& options, FindingReport const& report,
+              Progress const& progress)
+      : transaction_(transaction), options_(options), report_(report), progress_(progress) {
     for (VacuumRequest const& request : VacuumRequests(transaction)) {
       requests_[request.setspec] = request.kind;
     }
   }
 
   void Run() {
+    std::uint64_t const all = CountObjects();
+    std::uint64_t done = 0;
     for (Object const& object : Range::WithDropped(transaction_, *RootTable(transaction_))) {
+      if (done++ % kObjectsBetween == 0) progress_.Objects(done, all);
       ReadScope const scope(transaction_.context());
       try {
         CheckOne(object);
@@ -27,6 +32,15 @@ class ObjectCheck {
   }
 
  private:
+  static constexpr std::uint64_t kObjectsBetween = 64;
+
+  // Also those that wait to be removed.
+  std::uint64_t CountObjects() const {
+    std::uint64_t count = 0;
+    for (auto const& layout : LayoutStatistics(transaction_)) count += layout.objects;
+    return count;
+  }
+
   void Tell(char const* rule, std::string const& table, Object const& object,
             std::string const& what) const {
     report_({rule, table, object.id().value, what});
@@ -83,14 +97,15 @@ class ObjectCheck {
   Transaction& transaction_;
   CheckOptions const& options_;
   FindingReport const& report_;
+  Progress const& progress_;
   std::map<std::u16string, VacuumRequest::Kind> requests_;
 };
 
 }  // namespace
 
 void CheckObjects(Transaction& transaction, CheckOptions const& options,
-                  FindingReport const& report) {
-  ObjectCheck(transaction, options, report).Run();
+                  FindingReport const& report, Progress const& progress) {
+  ObjectCheck(transaction, options, report, progress).Run();
 }
 
 }  // namespace sagleme::checks

@@ -3,6 +3,9 @@
 
 // The parts of the check above the kernel. Each tells what it finds and goes on.
 
+#include <lscoredb/watch.h>
+
+#include <algorithm>
 #include <exception>
 #include <sagleme/check.hpp>
 #include <sstream>
@@ -11,10 +14,12 @@
 
 namespace sagleme::checks {
 
+class Progress;
+
 void CheckTables(Transaction& transaction, FindingReport const& report);
 void CheckRows(Transaction& transaction, FindingReport const& report);
 void CheckObjects(Transaction& transaction, CheckOptions const& options,
-                  FindingReport const& report);
+                  FindingReport const& report, Progress const& progress);
 
 // What a report threw, on its way through checks that catch the failures of reading.
 struct ReportFailure {
@@ -36,6 +41,61 @@ void WithOwnFailures(FindingReport const& report, Work&& work) {
     std::rethrow_exception(failure.cause);
   }
 }
+
+// How far the check is: the kernel's part, which counts as so many quarters, and the objects.
+class Progress {
+ public:
+  Progress(CheckOptions const& options, std::uint64_t kernel_quarters)
+      : options_(options), before_(kernel_quarters * kQuarter) {}
+
+  // Runs a call of the kernel. What the options' function throws comes out when it has returned.
+  template <typename Call>
+  std::uint32_t Watched(Call&& call) {
+    if (!options_.progress) return call();
+    std::uint32_t const status = [&] {
+      Watch const watch(*this);
+      return call();
+    }();
+    if (thrown_) std::rethrow_exception(thrown_);
+    return status;
+  }
+  // Of the objects; `of` is an estimate. Throws ReportFailure.
+  void Objects(std::uint64_t done, std::uint64_t of) const {
+    if (!options_.progress) return;
+    std::uint64_t const inside = of == 0 ? 0 : std::min(done, of) * kQuarter / of;
+    try {
+      options_.progress(before_ + inside, before_ + kQuarter);
+    } catch (...) {
+      throw ReportFailure{std::current_exception()};
+    }
+  }
+
+ private:
+  static constexpr std::uint64_t kQuarter = 1000;
+
+  struct Watch {
+    explicit Watch(Progress& progress) { lscoredb_watch(&Progress::Tell, &progress); }
+    ~Watch() { lscoredb_watch(nullptr, nullptr); }
+    Watch(Watch const&) = delete;
+    Watch& operator=(Watch const&) = delete;
+  };
+
+  static std::uint32_t Tell(void* self, std::uint64_t done, std::uint64_t total) {
+    auto& progress = *static_cast<Progress*>(self);
+    try {
+      std::uint64_t const share = total == 0 ? 0 : done * progress.before_ / total;
+      progress.options_.progress(share, progress.before_ + kQuarter);
+      return 0;
+    } catch (...) {
+      progress.thrown_ = std::current_exception();
+      return 1;
+    }
+  }
+
+  CheckOptions const& options_;
+  std::uint64_t before_;
+  std::exception_ptr thrown_;
+};
 
 // The text with each {} replaced by the next argument.
 template <typename... Arguments>

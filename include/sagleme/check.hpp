@@ -50,6 +50,8 @@ using FindingReport = std::function<void(Finding const&)>;
 
 struct CheckOptions {
   bool references = true;  // look for references that lead nowhere
+  // Is told how far the check is. What it throws ends the check and comes out of it.
+  std::function<void(std::uint64_t done, std::uint64_t total)> progress;
 };
 
 // Checks the newest committed state of the database in `directory`, also when the process has it

@@ -10,6 +10,7 @@
 #include "directory.h"
 #include "open_error.h"
 #include "server_place.h"
+#include "watched_work.h"
 
 namespace lscore {
 namespace {
@@ -32,6 +33,10 @@ void PrepareTarget(char const* directory) {
 
 }  // namespace
 }  // namespace lscore
+
+void lscoredb_watch(lscoredb_watch_callback watch, void* user) {
+  lscore::ThreadWatch() = {watch, user};
+}
 
 uint32_t lscoredb_copy(lscoredb* database, char const* directory) {
   return lscore::Guarded([&]() -> lscore::Status {

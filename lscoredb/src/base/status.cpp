@@ -1,5 +1,7 @@
 #include "status.h"
 
+#include <lscoredb/watch.h>
+
 namespace lscore {
 namespace {
 
@@ -63,6 +65,7 @@ constexpr Entry kTexts[] = {
     {LSCOREDB_NO_SERVER_LIBRARY,
      "The library for databases on a server, liblscoredb-postgres, is not installed or is of "
      "another version."},
+    {LSCOREDB_STOPPED, "The watch of the thread stopped the work."},
     // end of what tools/statuses generates
 };
 // clang-format on

@@ -25,8 +25,14 @@
 #include "pending.h"
 #include "status.h"
 #include "store.h"
+#include "watched_work.h"
 
 namespace lscore {
+
+// What the parts of the check are told as to the thread's watch, by the time that they usually
+// take. The store begins, with the pages of the file.
+inline constexpr WorkShare kObjectShare{kPageShare.end, 850};
+inline constexpr WorkShare kEntryShare{kObjectShare.end, 1000};
 
 struct Finding {
   std::uint32_t kind = 0;
@@ -158,7 +164,8 @@ class ObjectCheck {
         entries_(entries),
         reader_(snapshot, definitions) {}
 
-  void Run(ObjectRange const& range);
+  // `told` is called every few objects with how many they were. What it throws ends the check.
+  void Run(ObjectRange const& range, std::function<void(std::uint64_t)> const& told);
   // Takes over what another one has counted.
   void Add(ObjectCheck const& other);
   // What can be said once all objects are counted.
@@ -211,11 +218,13 @@ class EntryCheck {
         definitions_(definitions),
         sink_(sink),
         matched_(matched),
+        work_(kEntryShare, CountMatched()),
         reader_(snapshot, definitions) {}
 
   void Run();
 
  private:
+  std::uint64_t CountMatched() const;
   void EnterIndex(std::string_view key);
   // Whether the index holds the entries that were matched and no others, and no key twice that may
   // be there once.
@@ -231,6 +240,7 @@ class EntryCheck {
   CheckedDefinitions const& definitions_;
   Findings& sink_;
   MatchedEntries const& matched_;
+  WatchedWork work_;
   ObjectReader reader_;
   std::string prefix_;                      // of the index that the walk is in
   IndexDefinition const* index_ = nullptr;  // null: there is none of that id

@@ -15,6 +15,12 @@ std::string Above(std::string prefix) {
 
 }  // namespace
 
+std::uint64_t EntryCheck::CountMatched() const {
+  std::uint64_t count = 0;
+  for (auto const& [index, entries] : matched_) count += entries;
+  return count;
+}
+
 // An index that holds nothing but what was matched is walked in the order in which it lies, and
 // passed over.
 void EntryCheck::Run() {
@@ -27,6 +33,7 @@ void EntryCheck::Run() {
       on = cursor.Seek(Above(prefix_));
       continue;
     }
+    work_.Advance();
     if (index_ != nullptr) CheckEntry(cursor.key(), cursor.value());
     on = cursor.Next();
   }
@@ -40,6 +47,7 @@ bool EntryCheck::HoldsWhatWasMatched() {
   cursor.Open(snapshot_, Tree::kIndex);
   for (bool on = cursor.Seek(prefix_); sound && on && cursor.key().starts_with(prefix_);
        on = cursor.Next()) {
+    work_.Advance();
     sound = left-- > 0 && (!index_->unique() || !IsDuplicate(cursor.key(), cursor.value()));
   }
   last_.clear();

@@ -23,6 +23,8 @@ std::string PartKey(ObjectId id, std::uint32_t part) {
   return key;
 }
 
+constexpr std::uint64_t kObjectsBetween = 64;
+
 std::uint64_t PartCount(std::uint64_t size) {
   return (size + format::kPartSize - 1) / format::kPartSize;
 }
@@ -71,15 +73,18 @@ ObjectReader::Problem ObjectReader::Assemble(ObjectId id, std::string_view* stor
 
 // ---- objects -----------------------------------------------------------------------------------
 
-void ObjectCheck::Run(ObjectRange const& range) {
+void ObjectCheck::Run(ObjectRange const& range, std::function<void(std::uint64_t)> const& told) {
   Cursor cursor;
   cursor.Open(snapshot_, Tree::kRows);
   std::uint64_t const first = Raw(range.first);
+  std::uint64_t objects = 0;
   for (bool on = cursor.Seek(BytesOf(first)); on; on = cursor.Next()) {
     ObjectId const id{Load<std::uint64_t>(cursor.key().data())};
-    if (id > range.last) return;
+    if (id > range.last) break;
     CheckObject(id, cursor.value());
+    if (++objects % kObjectsBetween == 0) told(kObjectsBetween);
   }
+  told(objects % kObjectsBetween);
 }
 
 void ObjectCheck::Add(ObjectCheck const& other) {
@@ -168,8 +173,10 @@ void ObjectCheck::CheckEntries(RowRef const& row, Set const& set) {
 void ObjectCheck::CheckParts() {
   Cursor cursor;
   cursor.Open(snapshot_, Tree::kOverflow);
+  WatchedWork work({kObjectShare.end, kObjectShare.end}, 0);
   ObjectId told{~std::uint64_t{0}};  // once for each object is enough
   for (bool on = cursor.First(); on; on = cursor.Next()) {
+    work.Advance();
     std::string_view const key = cursor.key();
     ObjectId id{};
     std::uint32_t part = 0;

@@ -1,5 +1,7 @@
 #include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <deque>
 #include <mutex>
 #include <system_error>
@@ -14,6 +16,7 @@ namespace {
 constexpr unsigned kMostThreads = 8;
 constexpr std::uint64_t kIdsPerRange = 4096;  // at least
 constexpr std::uint64_t kRangesPerThread = 16;
+constexpr std::chrono::milliseconds kBetweenLooks{50};  // at the watch, while others work
 
 // What was found in one range, told later by the thread that the host called in.
 class KeptFindings final : public Findings {
@@ -33,6 +36,18 @@ class KeptFindings final : public Findings {
   bool const one_is_enough_;
   std::vector<std::pair<Finding, std::string>> kept_;
 };
+
+// As the counts of the layouts tell it, which may be wrong.
+std::uint64_t CountedObjects(Snapshot const& snapshot, CheckedDefinitions const& definitions) {
+  std::uint64_t count = 0;
+  definitions.ForEachLayout([&](Layout const& layout) {
+    static_cast<void>(Guarded([&] {
+      count += ReadCount(snapshot, layout.number()).objects;
+      return LORV_STATUS_OK;
+    }));
+  });
+  return count;
+}
 
 // All objects, cut into ranges of identities.
 std::vector<ObjectRange> Ranges(Snapshot const& snapshot, std::uint64_t most) {
@@ -61,7 +76,8 @@ class Workers {
         definitions_(definitions),
         sink_(sink),
         entries_(entries),
-        check_(check) {}
+        check_(check),
+        work_(kObjectShare, CountedObjects(snapshot, definitions)) {}
 
   void Run() {
     unsigned const threads = std::clamp(std::thread::hardware_concurrency(), 1u, kMostThreads);
@@ -71,11 +87,15 @@ class Workers {
     std::vector<std::thread> running;
     running.reserve(helpers);
     try {
-      for (std::size_t i = 1; i < helpers; ++i) running.emplace_back([this] { Help(); });
+      for (std::size_t i = 1; i < helpers; ++i) {
+        running.emplace_back([this] { Help(); });
+        ++started_;
+      }
     } catch (std::system_error const&) {
       // Fewer do it as well.
     }
-    WorkOn(snapshot_);
+    WorkOn(snapshot_, [this] { work_.AdvanceTo(checked_); });
+    WatchHelpers();
     for (std::thread& thread : running) thread.join();
     if (failure_ != nullptr) std::rethrow_exception(failure_);
     for (KeptFindings& found : found_) found.PassOn(sink_);
@@ -85,30 +105,62 @@ class Workers {
   // A snapshot is read by one thread. One of another state would be of no use: then those who have
   // begun do the work.
   void Help() noexcept {
+    HelpWithOwnSnapshot();
+    std::lock_guard const lock(mutex_);
+    ++over_;
+    one_is_over_.notify_one();
+  }
+
+  void HelpWithOwnSnapshot() noexcept {
     std::unique_ptr<Snapshot> own;
     try {
       own = store_.Begin();
     } catch (...) {
       return;
     }
-    if (own->id() == snapshot_.id()) WorkOn(*own);
+    if (own->id() == snapshot_.id()) WorkOn(*own, [] {});
     store_.End(std::move(own));
   }
 
-  void WorkOn(Snapshot const& snapshot) noexcept {
+  // `look` is called every few objects.
+  template <typename Look>
+  void WorkOn(Snapshot const& snapshot, Look&& look) noexcept {
+    auto const told = [&](std::uint64_t objects) {
+      checked_ += objects;
+      if (ended_) throw StopCheck();
+      look();
+    };
     try {
       for (std::size_t i = next_++; i < ranges_.size() && !ended_; i = next_++) {
         ObjectCheck own(snapshot, definitions_, found_[i], entries_);
-        own.Run(ranges_[i]);
+        own.Run(ranges_[i], told);
         std::lock_guard const lock(mutex_);
         check_.Add(own);
       }
     } catch (StopCheck const&) {
       ended_ = true;
     } catch (...) {
-      ended_ = true;
-      std::lock_guard const lock(mutex_);
-      failure_ = std::current_exception();
+      Fail();
+    }
+  }
+
+  void Fail() noexcept {
+    ended_ = true;
+    std::lock_guard const lock(mutex_);
+    failure_ = std::current_exception();
+  }
+
+  // The watch is the calling thread's, which has no more work of its own.
+  void WatchHelpers() noexcept {
+    std::unique_lock lock(mutex_);
+    while (!one_is_over_.wait_for(lock, kBetweenLooks, [this] { return over_ == started_; })) {
+      lock.unlock();
+      try {
+        if (!ended_) work_.AdvanceTo(checked_);
+      } catch (...) {
+        Fail();
+      }
+      lock.lock();
     }
   }
 
@@ -124,6 +176,11 @@ class Workers {
   std::mutex mutex_;
   ObjectCheck& check_;
   std::exception_ptr failure_;
+  std::atomic<std::uint64_t> checked_{0};
+  WatchedWork work_;
+  std::size_t started_ = 0;  // helpers, and how many of them are done
+  std::size_t over_ = 0;
+  std::condition_variable one_is_over_;
 };
 
 }  // namespace

@@ -10,6 +10,7 @@
 #include "open_store.h"
 #include "server_place.h"
 #include "status.h"
+#include "watched_work.h"
 
 namespace lscore {
 namespace {
@@ -19,7 +20,9 @@ constexpr std::size_t kBatchBytes = std::size_t{32} << 20;
 
 class Copier {
  public:
-  Copier(View const& from, Store& to) : from_(from), to_(to) {}
+  // `size`: about how many bytes there are to copy; 0: not known.
+  Copier(View const& from, Store& to, std::uint64_t size)
+      : from_(from), to_(to), work_(WorkShare{}, size) {}
 
   void Run() {
     TakeFormat();
@@ -48,7 +51,9 @@ class Copier {
       std::unique_ptr<Batch> const batch = to_.BeginBatch();
       for (std::size_t bytes = 0; more && bytes < kBatchBytes; more = cursor.Next()) {
         batch->Append(tree, cursor.key(), cursor.value());
-        bytes += cursor.key().size() + cursor.value().size();
+        std::size_t const record = cursor.key().size() + cursor.value().size();
+        bytes += record;
+        work_.Advance(record);
       }
       batch->Commit();
     }
@@ -73,6 +78,7 @@ class Copier {
   View const& from_;
   Store& to_;
   std::string format_;
+  WatchedWork work_;
 };
 
 }  // namespace
@@ -89,7 +95,7 @@ void CopyStore(Store& store, char const* directory) {
   std::unique_ptr<Store> const target = OpenStore(directory, options);
   std::unique_ptr<Snapshot> snapshot = store.Begin();
   try {
-    Copier(*snapshot, *target).Run();
+    Copier(*snapshot, *target, store.Statistics().file_size).Run();
   } catch (...) {
     store.End(std::move(snapshot));
     throw;

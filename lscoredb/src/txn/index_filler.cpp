@@ -2,6 +2,7 @@
 
 #include "bytes.h"
 #include "text.h"
+#include "watched_work.h"
 
 namespace lscore {
 
@@ -53,7 +54,9 @@ void IndexFiller::ScanSetIndex(IndexDefinition const& index, std::u16string cons
   scan.Start(reader_.scan_source(), index);
   ObjectId object{};
   LayoutNumber layout{};
+  WatchedWork work;
   for (;;) {
+    work.Advance();
     Check(scan.Next(&object, &layout));
     if (object == kNoObject) return;
     RowRef const* const row = reader_.FindRow(object);
@@ -72,7 +75,9 @@ void IndexFiller::ScanRows(std::u16string const& setspec, Visit&& visit) {
   };
   Cursor cursor;
   cursor.Open(*state_.snapshot, Tree::kRows);
+  WatchedWork work;
   for (bool on = cursor.First(); on; on = cursor.Next()) {
+    work.Advance();
     if (cursor.key().size() != sizeof(std::uint64_t)) Throw(LSCOREDB_DAMAGED);
     RowRef const* const row = reader_.FindRow(ObjectId{Load<std::uint64_t>(cursor.key().data())});
     if (row != nullptr) visit_if_in_set(*row);

@@ -3,6 +3,7 @@
 #include <clocale>
 #include <csignal>
 
+#include "base/interrupt.h"
 #include "cli/manual.h"
 #include "cli/parser.h"
 #include "cli/run.h"
@@ -29,10 +30,11 @@ Exit RunWords(std::vector<std::string> words, Output& output) {
   return command->Run(session, output);
 }
 
-// Ends like any program whose reader has gone: killed by the signal, without a word.
-int EndAsClosed() {
-  std::signal(SIGPIPE, SIG_DFL);
-  std::raise(SIGPIPE);
+// Ends like any program whose reader has gone, or that the user has stopped: killed by the signal,
+// without a word.
+int EndBy(int signal) {
+  std::signal(signal, SIG_DFL);
+  std::raise(signal);
   return static_cast<int>(Exit::kRefused);
 }
 
@@ -42,7 +44,9 @@ int Main(std::vector<std::string> words) {
     Exit const exit = Guarded(output, [&] { return RunWords(std::move(words), output); });
     return static_cast<int>(exit);
   } catch (OutputClosed const&) {
-    return EndAsClosed();
+    return EndBy(SIGPIPE);
+  } catch (Interrupted const&) {
+    return EndBy(SIGINT);
   }
 }
 

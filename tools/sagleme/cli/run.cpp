@@ -1,6 +1,7 @@
 #include "cli/run.h"
 
 #include <fmt/format.h>
+#include <lscoredb/watch.h>
 
 #include <sagleme/failure.hpp>
 
@@ -46,6 +47,7 @@ Exit Guarded(Output const& output, std::function<Exit()> const& work) {
   } catch (Interrupted const&) {
     throw;
   } catch (sagleme::Error const& error) {
+    if (error.status() == LSCOREDB_STOPPED) throw Interrupted();
     TellFailure(output, fmt::format("{} (status {})", error.what(), error.status()), "");
   } catch (std::exception const& error) {
     TellFailure(output, error.what(), "");

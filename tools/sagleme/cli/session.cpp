@@ -1,6 +1,7 @@
 #include "cli/session.h"
 
 #include "base/failure.h"
+#include "base/watch.h"
 
 namespace tool {
 
@@ -29,6 +30,7 @@ void Session::Read(Work const& work) {
 }
 
 void Session::Write(Work const& work) {
+  Watch const watch;
   if (open_) {
     sagleme::Savepoint statement(*open_);
     work(*open_);

@@ -2,11 +2,14 @@
 
 #include <algorithm>
 #include <optional>
+#include <sagleme/counts.hpp>
 #include <sagleme/schema_plan.hpp>
 
+#include "base/watch.h"
 #include "cli/question.h"
 #include "commands/commands.h"
 #include "commands/files.h"
+#include "output/progress.h"
 
 namespace tool {
 namespace {
@@ -62,6 +65,32 @@ void PrintPlan(sagleme::Plan const& plan, Output const& output) {
                              sagleme::DescribeChange(change)));
   }
   if (plan.empty()) output.Print("nothing to do\n");
+}
+
+// How many objects the indexes of a plan read, as far as their tables are there by their names.
+std::uint64_t ObjectsToRead(sagleme::Transaction& transaction, sagleme::Plan const& plan) {
+  sagleme::ObjectCounts const counts(transaction);
+  std::uint64_t objects = 0;
+  for (sagleme::Change const& change : plan) {
+    auto const* const index = std::get_if<sagleme::change::CreateIndex>(&change);
+    auto const table = index == nullptr ? nullptr : transaction.Find(index->table);
+    if (table != nullptr) objects += counts.Subtree(*table);
+  }
+  return objects;
+}
+
+// Makes the changes and tells how far its indexes are, each of which the kernel counts from 0 on.
+void ApplyWithProgress(sagleme::Transaction& transaction, sagleme::Plan const& plan,
+                       Output const& output) {
+  Progress progress(output, "objects indexed", ObjectsToRead(transaction, plan));
+  std::uint64_t before = 0;
+  std::uint64_t last = 0;
+  Watch const watch([&](std::uint64_t done, std::uint64_t) {
+    if (done < last) before += last;
+    last = done;
+    progress.Update(before + done, before + done);
+  });
+  sagleme::ApplyPlan(transaction, plan);
 }
 
 // Nothing for whoever does not say which.
@@ -140,7 +169,7 @@ Exit ApplySchema::Run(Session& session, Output& output) {
     PrintPlan(plan, output);
     RefuseDestructive(plan);
     output.Flush();  // nobody's changes are made behind a plan that could not be shown
-    if (!plan.empty()) sagleme::ApplyPlan(transaction, plan);
+    if (!plan.empty()) ApplyWithProgress(transaction, plan, output);
   });
   return Exit::kDone;
 }

@@ -5,6 +5,7 @@
 #include "base/failure.h"
 #include "commands/commands.h"
 #include "output/listing.h"
+#include "output/progress.h"
 #include "output/text.h"
 
 namespace tool {
@@ -29,6 +30,8 @@ class CheckCommand : public Command {
   Exit Run(Session& session, Output& output) override;
 
  private:
+  void Look(Session& session, Output const& output, sagleme::FindingReport const& report);
+
   sagleme::CheckOptions options_;
 };
 
@@ -43,6 +46,18 @@ void CheckCommitted(Session& session, sagleme::CheckOptions const& options,
   }
 }
 
+void CheckCommand::Look(Session& session, Output const& output,
+                        sagleme::FindingReport const& report) {
+  Progress progress(output, "checking");
+  options_.progress = [&](std::uint64_t done, std::uint64_t total) {
+    progress.UpdateShare(done, total);
+  };
+  if (!session.in_transaction()) return CheckCommitted(session, options_, report);
+  session.Read([&](sagleme::Transaction& transaction) {
+    sagleme::CheckCatalogue(transaction, options_, report);
+  });
+}
+
 Exit CheckCommand::Run(Session& session, Output& output) {
   Listing listing({"rule", "table", "object", "problem"});
   auto const add = [&](sagleme::Finding const& finding) {
@@ -50,13 +65,7 @@ Exit CheckCommand::Run(Session& session, Output& output) {
         {Cell::Text(finding.rule), finding.table.empty() ? Cell{} : Cell::Text(finding.table),
          finding.object == 0 ? Cell{} : Cell::Number(finding.object), Cell::Text(finding.what)});
   };
-  if (session.in_transaction()) {
-    session.Read([&](sagleme::Transaction& transaction) {
-      sagleme::CheckCatalogue(transaction, options_, add);
-    });
-  } else {
-    CheckCommitted(session, options_, add);
-  }
+  Look(session, output, add);
   if (listing.size() == 0) {
     output.Note("no problems found\n");
     return Exit::kDone;

@@ -1,8 +1,12 @@
 #include <fmt/format.h>
+#include <lscoredb/watch.h>
 
 #include <filesystem>
 
+#include "base/interrupt.h"
+#include "base/watch.h"
 #include "commands/commands.h"
+#include "output/progress.h"
 
 namespace tool {
 namespace {
@@ -25,6 +29,14 @@ class Copy : public Command {
   std::string target_;
 };
 
+std::uint32_t CopyWatched(sagleme::Database const& database, std::string const& directory,
+                          Output const& output) {
+  Progress progress(output, "copying");
+  Watch const watch(
+      [&](std::uint64_t done, std::uint64_t total) { progress.UpdateShare(done, total); });
+  return lscoredb_copy(database.handle(), directory.c_str());
+}
+
 // The copy grows beside its place and gets its name when it is whole.
 Exit Copy::Run(Session& session, Output& output) {
   session.RequireNoTransaction("copy");
@@ -35,10 +47,12 @@ Exit Copy::Run(Session& session, Output& output) {
   }
   std::string const growing = target_ + ".copying";
   std::filesystem::remove_all(growing, ignored);  // of a copy that was cut off
-  auto const status = lscoredb_copy(session.database().handle(), growing.c_str());
+  InterruptGuard const guard;                     // what Ctrl-C leaves is removed
+  std::uint32_t const status = CopyWatched(session.database(), growing, output);
   if (status != 0) {
     std::string const refused = lscoredb_open_error();
     std::filesystem::remove_all(growing, ignored);
+    if (status == LSCOREDB_STOPPED) throw Interrupted();
     throw Failure(Exit::kRefused,
                   fmt::format("cannot copy to {}: {}", target_,
                               refused.empty() ? lscoredb_status_text(status) : refused));

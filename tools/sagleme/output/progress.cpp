@@ -41,18 +41,34 @@ sagleme::TransferReport Progress::report() {
   };
 }
 
-void Progress::Show(std::uint64_t done, std::uint64_t count) {
-  if (Clock::now() - drawn_ < kRedraw) return;
+void Progress::UpdateShare(std::uint64_t done, std::uint64_t total) {
+  CheckInterrupt();
+  if (!output_.err_is_terminal || done == 0 || total == 0 || !Due()) return;
+  Draw(fmt::format("{}: {}", things_, ShareText(done, total)));
+}
+
+bool Progress::Due() {
+  if (Clock::now() - drawn_ < kRedraw) return false;
   drawn_ = Clock::now();
-  double const seconds = Seconds();
-  std::string line = fmt::format("{}{} {}, {:.0f} a second", kEmptyLine, count, things_,
-                                 static_cast<double>(count) / seconds);
-  if (total_ != 0 && done != 0) {
-    double const part = static_cast<double>(done) / static_cast<double>(total_);
-    line += fmt::format(", {:.0f} %, {} left", 100 * part, TimeText(seconds / part - seconds));
-  }
-  output_.Note(line);
+  return true;
+}
+
+void Progress::Draw(std::string const& line) {
+  output_.Note(fmt::format("{}{}", kEmptyLine, line));
   line_shown_ = true;
+}
+
+std::string Progress::ShareText(std::uint64_t done, std::uint64_t total) const {
+  double const part = static_cast<double>(done) / static_cast<double>(total);
+  return fmt::format("{:.0f} %, {} left", 100 * part, TimeText(Seconds() / part - Seconds()));
+}
+
+void Progress::Show(std::uint64_t done, std::uint64_t count) {
+  if (!Due()) return;
+  std::string line =
+      fmt::format("{} {}, {:.0f} a second", count, things_, static_cast<double>(count) / Seconds());
+  if (done != 0 && done <= total_) line += ", " + ShareText(done, total_);
+  Draw(line);
 }
 
 void Progress::Finish(std::uint64_t count) {

@@ -29,6 +29,8 @@ class Progress {
   void Update(std::uint64_t done, std::uint64_t count);
   // The same for the library, which knows the total. Ends with this object.
   sagleme::TransferReport report();
+  // The same for work that nobody counts: percentage and time left alone, a total of 0 none.
+  void UpdateShare(std::uint64_t done, std::uint64_t total);
   // The summary: how many, and how long it took on a terminal.
   void Finish(std::uint64_t count);
 
@@ -36,6 +38,9 @@ class Progress {
   using Clock = std::chrono::steady_clock;
 
   void Show(std::uint64_t done, std::uint64_t count);
+  bool Due();
+  void Draw(std::string const& line);
+  std::string ShareText(std::uint64_t done, std::uint64_t total) const;
   double Seconds() const;
 
   Output const& output_;

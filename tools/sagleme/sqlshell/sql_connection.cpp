@@ -8,6 +8,7 @@
 
 #include "base/failure.h"
 #include "base/interrupt.h"
+#include "base/watch.h"
 #include "output/list_writer.h"
 #include "output/value_text.h"
 #include "sql/definition.h"
@@ -171,6 +172,7 @@ std::string_view SqlConnection::RunDefinition(std::string_view text, Output cons
                                                 : fmt::format("{} (counted from line {})",
                                                               error.what(), first_line));
   }
+  Watch const watch;
   std::string const one(text.substr(0, text.size() - rest.size()));
   for (std::string const& done :
        Column(fmt::format("SELECT sagleme_exec(?, '{}')", kSchema), one)) {

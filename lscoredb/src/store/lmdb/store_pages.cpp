@@ -9,6 +9,7 @@
 #include "bytes.h"
 #include "status.h"
 #include "store_page.h"
+#include "watched_work.h"
 
 namespace lscore {
 namespace {
@@ -41,7 +42,8 @@ class Walk {
         header_(header),
         depth_(depth),
         report_(report),
-        seen_(PagesOf(file, header)) {}
+        seen_(PagesOf(file, header)),
+        work_(kPageShare, header.last_page) {}
 
   void Run();
 
@@ -88,6 +90,7 @@ class Walk {
   TreeRecord const* tree_ = nullptr;
   Met met_;
   std::vector<std::pair<std::string, TreeRecord>> named_;
+  WatchedWork work_;
 };
 
 void Walk::Run() {
@@ -251,6 +254,7 @@ bool Walk::Take(std::uint64_t first, std::uint64_t count) {
     if (seen_[number]) return false;
     seen_[number] = true;
   }
+  if (depth_ == PageDepth::kAll) work_.Advance(count);
   return true;
 }
 

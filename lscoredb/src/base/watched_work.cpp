@@ -1,0 +1,38 @@
+#include "watched_work.h"
+
+#include <algorithm>
+
+#include "status.h"
+
+namespace lscore {
+namespace {
+
+// A watch that reads a clock costs less than so many steps.
+constexpr std::uint64_t kStepsBetween = 256;
+constexpr std::uint64_t kWhole = 1000;
+
+}  // namespace
+
+Watch& ThreadWatch() noexcept {
+  static thread_local Watch watch;
+  return watch;
+}
+
+// The number of steps is an estimate, which may be too low.
+std::uint64_t WatchedWork::DoneOfShare() const {
+  if (steps_ == 0) return share_.begin;
+  double const part = static_cast<double>(std::min(done_, steps_)) / static_cast<double>(steps_);
+  return share_.begin +
+         static_cast<std::uint64_t>(part * static_cast<double>(share_.end - share_.begin));
+}
+
+void WatchedWork::Tell() {
+  tell_at_ = done_ + std::max(kStepsBetween, steps_ / kWhole);
+  Watch const& watch = ThreadWatch();
+  if (watch.callback == nullptr) return;
+  std::uint32_t const answer = is_share_ ? watch.callback(watch.user, DoneOfShare(), kWhole)
+                                         : watch.callback(watch.user, done_, 0);
+  if (answer != 0) Throw(LSCOREDB_STOPPED);
+}
+
+}  // namespace lscore

@@ -1,0 +1,59 @@
+#ifndef LSCOREDB_SRC_WATCHED_WORK_H
+#define LSCOREDB_SRC_WATCHED_WORK_H
+
+// Long work that the thread's watch is told of, and that it may stop: see lscoredb/watch.h. Where
+// no watch is set a step costs an addition and a comparison.
+
+#include <lscoredb/watch.h>
+
+#include <cstdint>
+
+namespace lscore {
+
+struct Watch {
+  lscoredb_watch_callback callback = nullptr;
+  void* user = nullptr;
+};
+// The calling thread's.
+Watch& ThreadWatch() noexcept;
+
+// Where a part of the work begins and ends, in thousandths of the whole.
+struct WorkShare {
+  std::uint64_t begin = 0;
+  std::uint64_t end = 1000;
+};
+
+// Of a check, which begins with the pages of the file.
+inline constexpr WorkShare kPageShare{0, 200};
+
+class WatchedWork {
+ public:
+  // Work of unknown length: the steps themselves are told.
+  WatchedWork() = default;
+  // A part of the work, with about so many steps.
+  WatchedWork(WorkShare share, std::uint64_t steps)
+      : share_(share), steps_(steps), is_share_(true) {}
+
+  // Both throw LSCOREDB_STOPPED when the watch says so.
+  void Advance(std::uint64_t steps = 1) { AdvanceTo(done_ + steps); }
+  // REQUIRES: `done` is not below what it was before.
+  void AdvanceTo(std::uint64_t done) {
+    done_ = done;
+    if (done_ >= tell_at_) [[unlikely]]
+      Tell();
+  }
+
+ private:
+  void Tell();
+  std::uint64_t DoneOfShare() const;
+
+  WorkShare share_;
+  std::uint64_t steps_ = 0;
+  bool is_share_ = false;
+  std::uint64_t done_ = 0;
+  std::uint64_t tell_at_ = 1;
+};
+
+}  // namespace lscore
+
+#endif

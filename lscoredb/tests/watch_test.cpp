@@ -1,0 +1,141 @@
+// Long work tells its thread's watch how far it is, and stops when that says so.
+
+#include <lscoredb/watch.h>
+
+#include "kernel_test.h"
+
+namespace lscoredb_test {
+namespace {
+
+constexpr std::uint32_t kNumber = 2;
+constexpr std::uint64_t kNumberToken = 100;
+constexpr int kRows = 3000;
+
+// Sets the thread's watch for as long as it lives.
+class Observer {
+ public:
+  static constexpr std::uint64_t kNever = ~std::uint64_t{0};
+
+  // Stops the work when it is told so often, 0 for never, or that so much is done.
+  explicit Observer(int stop_at = 0, std::uint64_t stop_when = kNever)
+      : stop_at_(stop_at), stop_when_(stop_when) {
+    lscoredb_watch(&Observer::Tell, this);
+  }
+  ~Observer() { lscoredb_watch(nullptr, nullptr); }
+
+  int told() const { return told_; }
+  bool rose() const { return rose_; }
+  std::uint64_t last() const { return last_; }
+  std::uint64_t total() const { return total_; }
+
+ private:
+  static std::uint32_t Tell(void* self, std::uint64_t done, std::uint64_t total) {
+    auto& observer = *static_cast<Observer*>(self);
+    observer.rose_ = observer.rose_ && done >= observer.last_ && (total == 0 || done <= total);
+    observer.last_ = done;
+    observer.total_ = total;
+    return ++observer.told_ == observer.stop_at_ || done >= observer.stop_when_ ? 1 : 0;
+  }
+
+  int stop_at_;
+  std::uint64_t stop_when_;
+  int told_ = 0;
+  bool rose_ = true;
+  std::uint64_t last_ = 0;
+  std::uint64_t total_ = 0;
+};
+
+class WatchTest : public testing::Test {
+ protected:
+  WatchTest() {
+    session_.Begin();
+    layout_ = session_.CreateLayout(50, {{LORV_TYPE_LONG, kNumberToken}});
+    session_.CreateIndex(60, kSet, {{LORV_TYPE_LONG, kNumberToken}});
+    AddRows();
+    session_.Commit();
+  }
+  void AddRows() {
+    for (int i = 0; i < kRows; ++i) session_.PutLong(session_.Insert(layout_), kNumber, i);
+  }
+  std::uint32_t Check() { return lscoredb_check(database_.get(), 0, nullptr, nullptr); }
+  std::uint32_t Copy(char const* name) {
+    return lscoredb_copy(database_.get(), (directory_ / name).c_str());
+  }
+
+  TemporaryDirectory directory_;
+  Database database_{directory_ / "db"};
+  Session session_{database_};
+  LayoutId layout_ = 0;
+};
+
+TEST_F(WatchTest, ACheckTellsItsParts) {
+  Observer const observer;
+  EXPECT_STATUS(0, Check());
+  EXPECT_TRUE(observer.rose());
+  EXPECT_EQ(1000u, observer.total());
+  EXPECT_GT(observer.last(), 900u);
+}
+
+TEST_F(WatchTest, ACheckIsStoppedInEachOfItsParts) {
+  Observer counting;
+  EXPECT_STATUS(0, Check());
+  for (int stop = 1; stop <= counting.told(); stop += 3) {
+    Observer const observer(stop);
+    EXPECT_STATUS(LSCOREDB_STOPPED, Check()) << stop;
+  }
+  lscoredb_watch(nullptr, nullptr);
+  EXPECT_STATUS(0, Check());
+}
+
+// Enough objects for several threads, all of which stop.
+TEST_F(WatchTest, ACheckIsStoppedAmongItsObjects) {
+  session_.Begin();
+  for (int i = 0; i < 8; ++i) AddRows();
+  session_.Commit();
+  for (std::uint64_t const share : {201u, 500u, 840u}) {
+    Observer const observer(0, share);
+    EXPECT_STATUS(LSCOREDB_STOPPED, Check()) << share;
+    EXPECT_TRUE(observer.rose());
+    EXPECT_LE(observer.last(), 850u);
+  }
+  lscoredb_watch(nullptr, nullptr);
+  EXPECT_STATUS(0, Check());
+}
+
+TEST_F(WatchTest, ACopyIsToldAndStopped) {
+  {
+    Observer const observer;
+    EXPECT_STATUS(0, Copy("whole"));
+    EXPECT_TRUE(observer.rose());
+    EXPECT_EQ(1000u, observer.total());
+    EXPECT_GT(observer.told(), 10);
+  }
+  Observer const observer(5);
+  EXPECT_STATUS(LSCOREDB_STOPPED, Copy("part"));
+}
+
+TEST_F(WatchTest, AnIndexThatWasStopped_IsNotThereAndTheTransactionGoesOn) {
+  session_.Begin();
+  Oid const before = session_.Insert(layout_);
+  {
+    Observer const observer(2);
+    IndexId index = 0;
+    EXPECT_STATUS(LSCOREDB_STOPPED,
+                  session_.TryCreateIndex(61, kSet, {{LORV_TYPE_LONG, kNumberToken}}, {}, &index));
+  }
+  EXPECT_TRUE(session_.IndexesByToken(61).empty());
+  session_.CreateIndex(62, kSet, {{LORV_TYPE_LONG, kNumberToken}});
+  session_.Commit();
+  session_.BeginReadOnly();
+  EXPECT_TRUE(session_.Exists(before));
+  EXPECT_EQ(kRows + 1u, session_.Walk(session_.IndexesByToken(62).at(0)).size());
+}
+
+TEST_F(WatchTest, AWatchIsItsThreadsAlone) {
+  Observer const observer(1);
+  InParallel(1, [this](int) { EXPECT_STATUS(0, Check()); });
+  EXPECT_EQ(0, observer.told());
+}
+
+}  // namespace
+}  // namespace lscoredb_test
