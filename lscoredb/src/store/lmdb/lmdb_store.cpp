@@ -1,6 +1,7 @@
 #include "lmdb_store.h"
 
 #include <lmdb.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <atomic>
@@ -9,6 +10,7 @@
 #include <cstdio>
 #include <optional>
 #include <thread>
+#include <typeinfo>
 #include <utility>
 
 #include "bytes.h"
@@ -47,6 +49,8 @@ int NoteReader(char const* line, void* to) {
   readers.oldest = std::min(readers.oldest, state);
   return 0;
 }
+
+[[noreturn]] void ThrowDamaged() { Throw(LSCOREDB_DAMAGED); }
 
 StoreFault FaultOf(PageFault const& fault) {
   StoreFault found{StoreFault::Area::kWhole, Tree::kMeta, fault.low, fault.high, fault.what};
@@ -90,104 +94,114 @@ Status StatusOfStore(int code) {
   }
 }
 
-// ---- views -------------------------------------------------------------------------------------
-
-bool LmdbView::Get(Tree tree, std::string_view key, std::string_view* value) const {
-  MDB_val k = ValueOf(key);
-  MDB_val v;
-  unsigned const handle = store_.Handle(tree);
-  int const code = CallLibrary([&] { return mdb_get(txn, handle, &k, &v); });
-  if (code == MDB_NOTFOUND) return false;
-  CheckStore(code);
-  CheckPlace(BytesOf(v));
-  *value = BytesOf(v);
-  return true;
-}
-
-void LmdbView::OpenCursor(Tree tree, std::unique_ptr<TreeCursor>& cursor) const {
-  if (cursor != nullptr && &cursor->store() == &store_ &&
-      static_cast<LmdbCursor&>(*cursor).Renew(*this, tree)) {
-    return;
-  }
-  cursor.reset();
-  cursor = std::make_unique<LmdbCursor>(*this, tree);
-}
-
-void LmdbView::ThrowDamaged() { Throw(LSCOREDB_DAMAGED); }
-
-CommitId LmdbView::id() const { return CommitId{store_.states_before() + mdb_txn_id(txn)}; }
-
-bool LmdbView::NoteFile() {
-  std::atomic_thread_fence(std::memory_order_acquire);
-  MDB_envinfo info{};
-  CheckStore(mdb_env_info(store_.env(), &info));
-  std::uintptr_t const map = store_.map_begin();
-  begin_ = map;
-  end_ = map == 0 ? UINTPTR_MAX : map + (info.me_last_pgno + 1) * store_.page_size();
-  return info.me_last_txnid == mdb_txn_id(txn);
-}
+// ---- snapshots ---------------------------------------------------------------------------------
 
 LmdbSnapshot::LmdbSnapshot(LmdbStore const& store, MDB_txn* writing)
-    : view_(store, true), stops_writing_(true) {
-  view_.txn = writing;
-  set_id(CommitId{Raw(view_.id()) - 1});
+    : store_(store), txn_(writing), stops_writing_(true) {
+  set_id(CommitId{store.states_before() + state()});
 }
 
-LmdbSnapshot::~LmdbSnapshot() { mdb_txn_abort(view_.txn); }
+LmdbSnapshot::~LmdbSnapshot() { mdb_txn_abort(txn_); }
+
+std::uint64_t LmdbSnapshot::state() const { return mdb_txn_id(txn_) - (stops_writing_ ? 1 : 0); }
 
 int LmdbSnapshot::BeginNew() {
-  return Began(mdb_txn_begin(view_.store().env(), nullptr, MDB_RDONLY, &view_.txn));
+  return Began(mdb_txn_begin(store_.env(), nullptr, MDB_RDONLY, &txn_));
 }
 
-int LmdbSnapshot::Renew() { return Began(mdb_txn_renew(view_.txn)); }
+int LmdbSnapshot::Renew() { return Began(mdb_txn_renew(txn_)); }
 
 int LmdbSnapshot::Began(int code) {
-  if (code == 0) set_id(view_.id());
+  if (code == 0) set_id(CommitId{store_.states_before() + state()});
   return code;
 }
 
-void LmdbSnapshot::Reset() { mdb_txn_reset(view_.txn); }
+void LmdbSnapshot::Reset() { mdb_txn_reset(txn_); }
 
-LmdbBatch::LmdbBatch(LmdbStore& store) : store_(store), view_(store, false) {
+// One that is begun again on the same state has it already.
+bool LmdbSnapshot::CopyHeader() {
+  std::uint64_t const state = this->state();
+  if (!trees_open_ || state_.state() != state) {
+    trees_open_ = false;
+    std::atomic_thread_fence(std::memory_order_acquire);
+    state_.CopyHeader(store_.map(), store_.page_size(), state);
+    std::atomic_thread_fence(std::memory_order_acquire);
+  }
+  MDB_envinfo info{};
+  CheckStore(mdb_env_info(store_.env(), &info));
+  return info.me_last_txnid == state;
+}
+
+void LmdbSnapshot::OpenTrees() {
+  if (trees_open_) return;
+  if (state_.state() != state()) ThrowDamaged();
+  if (!state_.OpenTrees(store_.FilePages(state_.claimed_pages()))) ThrowDamaged();
+  trees_open_ = true;
+}
+
+void LmdbSnapshot::OpenCursor(Tree tree, std::unique_ptr<TreeCursor>& cursor) const {
+  if (cursor != nullptr && &cursor->store() == &store_ && typeid(*cursor) == typeid(MappedCursor)) {
+    return static_cast<MappedCursor&>(*cursor).Open(state_, tree);
+  }
+  cursor = std::make_unique<MappedCursor>(store_, state_, tree);
+}
+
+// ---- batches -----------------------------------------------------------------------------------
+
+LmdbBatch::LmdbBatch(LmdbStore& store) : store_(store) {
   if (store.read_only()) Throw(LSCOREDB_READ_ONLY_DATABASE);
-  if (store.given_up()) LmdbView::ThrowDamaged();
-  CheckStore(mdb_txn_begin(store.env(), nullptr, 0, &view_.txn));
-  set_id(view_.id());
+  if (store.given_up()) ThrowDamaged();
+  CheckStore(mdb_txn_begin(store.env(), nullptr, 0, &txn_));
+  set_id(CommitId{store.states_before() + mdb_txn_id(txn_)});
   try {
     store.SetSyncOfBatch();
-    store.guard().Begin(mdb_txn_id(view_.txn) - 1);
+    store.guard().Begin(mdb_txn_id(txn_) - 1);
   } catch (...) {
-    mdb_txn_abort(view_.txn);
+    mdb_txn_abort(txn_);
     throw;
   }
 }
 
 LmdbBatch::~LmdbBatch() {
-  if (view_.txn != nullptr) mdb_txn_abort(view_.txn);
+  if (txn_ != nullptr) mdb_txn_abort(txn_);
+}
+
+void LmdbBatch::OpenCursor(Tree tree, std::unique_ptr<TreeCursor>& cursor) const {
+  if (txn_ == nullptr) ThrowDamaged();
+  cursor = std::make_unique<LmdbCursor>(store_, txn_, tree);
 }
 
 template <typename Write>
 int LmdbBatch::CallWriting(Write const& write) {
-  if (view_.txn == nullptr) LmdbView::ThrowDamaged();
+  if (txn_ == nullptr) ThrowDamaged();
   int const code = CallLibrary(write);
   if (code == kBrokenPage) {
-    view_.txn = nullptr;
+    txn_ = nullptr;
     store_.GiveUpWriting();
   }
   return code;
 }
 
 bool LmdbBatch::Get(Tree tree, std::string_view key, std::string_view* value) const {
+  if (txn_ == nullptr) ThrowDamaged();
   store_.guard().Check(tree, key);
-  return view_.Get(tree, key, value);
+  MDB_val k = ValueOf(key);
+  MDB_val v;
+  unsigned const handle = store_.Handle(tree);
+  int const code = CallLibrary([&] { return mdb_get(txn_, handle, &k, &v); });
+  if (code == MDB_NOTFOUND) return false;
+  CheckStore(code);
+  *value = BytesOf(v);
+  return true;
 }
 
 int LmdbBatch::PutWith(unsigned flags, Tree tree, std::string_view key, std::string_view value) {
   MDB_val k = ValueOf(key);
   MDB_val v = ValueOf(value);
-  store_.guard().Check(tree, key);
+  if (txn_ == nullptr) ThrowDamaged();
+  store_.guard().CheckPut(tree, key, value.size());
   unsigned const handle = store_.Handle(tree);
-  int const code = CallWriting([&] { return mdb_put(view_.txn, handle, &k, &v, flags); });
+  int const code = CallWriting([&] { return mdb_put(txn_, handle, &k, &v, flags); });
   if (code != MDB_KEYEXIST) changed_ = true;
   return code;
 }
@@ -209,9 +223,10 @@ void LmdbBatch::Append(Tree tree, std::string_view key, std::string_view value) 
 
 bool LmdbBatch::Delete(Tree tree, std::string_view key) {
   MDB_val k = ValueOf(key);
-  store_.guard().CheckAround(tree, key);
+  if (txn_ == nullptr) ThrowDamaged();
+  store_.guard().CheckDelete(tree, key);
   unsigned const handle = store_.Handle(tree);
-  int const code = CallWriting([&] { return mdb_del(view_.txn, handle, &k, nullptr); });
+  int const code = CallWriting([&] { return mdb_del(txn_, handle, &k, nullptr); });
   if (code == MDB_NOTFOUND) return false;
   changed_ = true;
   CheckStore(code);
@@ -219,10 +234,11 @@ bool LmdbBatch::Delete(Tree tree, std::string_view key) {
 }
 
 void LmdbBatch::Commit() {
-  if (view_.txn == nullptr) LmdbView::ThrowDamaged();
+  if (txn_ == nullptr) ThrowDamaged();
+  if (changed_) store_.guard().CheckCommit();
   if (changed_) store_.BeginOwnCommit(*this);
-  int const code = CallWriting([this] { return mdb_txn_commit(view_.txn); });
-  view_.txn = nullptr;  // the library ends the transaction whatever comes of it
+  int const code = CallWriting([this] { return mdb_txn_commit(txn_); });
+  txn_ = nullptr;  // the library ends the transaction whatever comes of it
   if (changed_) store_.EndOwnCommit(*this, code == 0);
   // A write that only found room for a part comes back without the reason.
   if (code == EIO && IsDiskFull(store_.env())) Throw(LSCOREDB_DISK_FULL);
@@ -230,72 +246,49 @@ void LmdbBatch::Commit() {
   store_.NoteGrowth();
 }
 
-// ---- cursors -----------------------------------------------------------------------------------
+// ---- cursors over batches ----------------------------------------------------------------------
 
-LmdbCursor::LmdbCursor(LmdbView const& view, Tree tree)
-    : TreeCursor(view.store()), view_(&view), tree_(tree), of_snapshot_(view.frozen()) {
-  CheckStore(mdb_cursor_open(view.txn, view.store().Handle(tree), &cursor_));
+LmdbCursor::LmdbCursor(LmdbStore const& store, MDB_txn* txn, Tree tree)
+    : TreeCursor(store), store_(store), tree_(tree) {
+  CheckStore(mdb_cursor_open(txn, store.Handle(tree), &cursor_));
 }
 
 LmdbCursor::~LmdbCursor() { mdb_cursor_close(cursor_); }
 
-bool LmdbCursor::Renew(LmdbView const& view, Tree tree) {
-  if (!of_snapshot_ || !view.frozen() || tree != tree_) return false;
-  view_ = &view;
-  given_ = nullptr;
-  CheckStore(mdb_cursor_renew(view.txn, cursor_));
-  return true;
-}
-
 bool LmdbCursor::Move(int operation, KeyValue* entry) {
   MDB_val k = ValueOf(entry->key);
   MDB_val v{};
-  given_ = nullptr;
   MDB_cursor* const cursor = cursor_;
   int const code = CallLibrary(
       [&] { return mdb_cursor_get(cursor, &k, &v, static_cast<MDB_cursor_op>(operation)); });
   if (code == MDB_NOTFOUND) return false;
   CheckStore(code);
-  view_->CheckPlace(BytesOf(k));
-  view_->CheckPlace(BytesOf(v));
+  store_.guard().Check(tree_, BytesOf(k));
   *entry = {BytesOf(k), BytesOf(v)};
-  given_ = entry->key.data();
   return true;
 }
 
 bool LmdbCursor::Seek(std::string_view key, KeyValue* entry) {
-  if (!of_snapshot_) view_->store().guard().CheckAround(tree_, key);
+  store_.guard().CheckAround(tree_, key);
   KeyValue found{key, {}};
   if (!Move(MDB_SET_RANGE, &found)) return false;
   *entry = found;
   return true;
 }
 
-bool LmdbCursor::First(KeyValue* entry) { return Move(MDB_FIRST, entry); }
-bool LmdbCursor::Last(KeyValue* entry) { return Move(MDB_LAST, entry); }
-bool LmdbCursor::Next(KeyValue* entry) { return Step(MDB_NEXT, entry); }
-bool LmdbCursor::Previous(KeyValue* entry) { return Step(MDB_PREV, entry); }
-
-// After steps inside a page the library's cursor still stands where the page was entered.
-bool LmdbCursor::Step(int operation, KeyValue* entry) {
-  if (given_ != entry->key.data() && !Move(MDB_SET, entry)) LmdbView::ThrowDamaged();
-  return Move(operation, entry);
+bool LmdbCursor::First(KeyValue* entry) {
+  store_.guard().CheckEnd(tree_, true);
+  return Move(MDB_FIRST, entry);
 }
 
-// Pages of the file are what entry_page.h describes; see store_header.h for what stands before the
-// slots.
-bool LmdbCursor::EnterPage(KeyValue const& entry, EntryPage* page) {
-  if (!of_snapshot_ || view_->begin() == 0) return false;
-  std::size_t const size = view_->store().page_size();
-  char const* const key = entry.key.data();
-  char const* const begin = key - (reinterpret_cast<std::uintptr_t>(key) - view_->begin()) % size;
-  std::size_t const slots_end = Load<std::uint16_t>(begin + pages::kSlotsEndOffset);
-  if (Load<std::uint16_t>(begin + pages::kKindOffset) != pages::kLeaf ||
-      slots_end < pages::kPageHead || slots_end > size) {
-    return false;
-  }
-  return page->Enter(begin, size, pages::kPageHead, (slots_end - pages::kPageHead) / 2,
-                     static_cast<std::size_t>(key - begin) - pages::kNodeHead);
+bool LmdbCursor::Last(KeyValue* entry) {
+  store_.guard().CheckEnd(tree_, false);
+  return Move(MDB_LAST, entry);
+}
+
+bool LmdbCursor::Step(bool forward, KeyValue* entry) {
+  store_.guard().CheckAround(tree_, entry->key);
+  return Move(forward ? MDB_NEXT : MDB_PREV, entry);
 }
 
 // ---- the store ---------------------------------------------------------------------------------
@@ -335,7 +328,7 @@ int LmdbStore::TakeSnapshot(std::unique_ptr<LmdbSnapshot>* out) {
 std::unique_ptr<LmdbSnapshot> LmdbStore::BeginSnapshot() {
   std::unique_ptr<LmdbSnapshot> snapshot;
   CheckStore(TakeSnapshot(&snapshot));
-  while (!snapshot->NoteFile()) {
+  while (!snapshot->CopyHeader()) {
     std::unique_ptr<LmdbSnapshot> later;
     int const code = TakeSnapshot(&later);
     if (code == MDB_READERS_FULL && !read_only()) {
@@ -348,6 +341,7 @@ std::unique_ptr<LmdbSnapshot> LmdbStore::BeginSnapshot() {
     }
     End(std::exchange(snapshot, std::move(later)));
   }
+  snapshot->OpenTrees();
   return snapshot;
 }
 
@@ -356,7 +350,8 @@ std::unique_ptr<LmdbSnapshot> LmdbStore::BeginBetweenCommits(
   LmdbBatch const pause(*this);
   snapshot->Reset();
   CheckStore(snapshot->Renew());
-  snapshot->NoteFile();
+  snapshot->CopyHeader();
+  snapshot->OpenTrees();
   return snapshot;
 }
 
@@ -373,7 +368,7 @@ std::unique_ptr<LmdbSnapshot> LmdbStore::BeginWithHeader(pages::Header* header) 
   std::unique_ptr<LmdbSnapshot> snapshot;
   WritePause pause(env_);
   std::optional<pages::Header> const found = pages::FindHeader(FileOf(env_), pause.state());
-  if (!found) LmdbView::ThrowDamaged();
+  if (!found) ThrowDamaged();
   *header = *found;
   int const code = TakeSnapshot(&snapshot);
   if (code == MDB_READERS_FULL) {
@@ -382,7 +377,8 @@ std::unique_ptr<LmdbSnapshot> LmdbStore::BeginWithHeader(pages::Header* header) 
   } else {
     CheckStore(code);
   }
-  snapshot->NoteFile();
+  snapshot->CopyHeader();
+  snapshot->OpenTrees();
   return snapshot;
 }
 
@@ -391,7 +387,7 @@ std::unique_ptr<LmdbSnapshot> LmdbStore::BeginBesideWriters(pages::Header* heade
   constexpr int kAttempts = 1000;
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
     std::unique_ptr<LmdbSnapshot> snapshot = BeginSnapshot();
-    std::uint64_t const state = mdb_txn_id(snapshot->txn());
+    std::uint64_t const state = snapshot->state();
     std::optional<pages::Header> const found = pages::FindHeader(FileOf(env_), state);
     std::this_thread::yield();
     if (found && found == pages::FindHeader(FileOf(env_), state)) {
@@ -400,11 +396,11 @@ std::unique_ptr<LmdbSnapshot> LmdbStore::BeginBesideWriters(pages::Header* heade
     }
     End(std::move(snapshot));
   }
-  LmdbView::ThrowDamaged();
+  ThrowDamaged();
 }
 
 void LmdbStore::Verify() {
-  End(BeginVerified([](StoreFault const&) { LmdbView::ThrowDamaged(); }));
+  End(BeginVerified([](StoreFault const&) { ThrowDamaged(); }));
 }
 
 void LmdbStore::End(std::unique_ptr<Snapshot> snapshot) noexcept {
@@ -417,6 +413,16 @@ void LmdbStore::End(std::unique_ptr<Snapshot> snapshot) noexcept {
   } catch (std::bad_alloc const&) {
     ended.reset();  // one reader slot less to reuse, nothing lost
   }
+}
+
+std::uint64_t LmdbStore::FilePages(std::uint64_t claimed) const {
+  std::uint64_t known = file_pages_.load(std::memory_order_relaxed);
+  if (claimed <= known) return known;
+  struct stat status {};
+  if (fstat(FileOf(env_), &status) != 0) Throw(LSCOREDB_IO_ERROR);
+  known = static_cast<std::uint64_t>(status.st_size) / page_size_;
+  file_pages_.store(known, std::memory_order_relaxed);
+  return known;
 }
 
 bool LmdbStore::FreeDeadReaders() {

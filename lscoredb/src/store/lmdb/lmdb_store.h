@@ -1,8 +1,9 @@
 #ifndef LSCOREDB_SRC_LMDB_STORE_H
 #define LSCOREDB_SRC_LMDB_STORE_H
 
-// The store in an LMDB file. Snapshots are read transactions, kept and renewed; their pages are
-// those of the memory map; a batch is the library's write transaction.
+// The store in an LMDB file. A snapshot is a read transaction of the library, kept and renewed,
+// which keeps its pages as they are; it reads them by itself (mapped_state.h). A batch is the
+// library's write transaction, of which a guard looks at each page first (page_guard.h).
 
 #include <atomic>
 #include <cstdint>
@@ -10,6 +11,7 @@
 #include <mutex>
 #include <vector>
 
+#include "mapped_state.h"
 #include "page_guard.h"
 #include "store.h"
 #include "store_header.h"
@@ -23,54 +25,18 @@ namespace lscore {
 
 class LmdbStore;
 
-// A transaction of the library and how it is read; of a snapshot, also where its file is mapped.
-class LmdbView {
- public:
-  LmdbView(LmdbStore const& store, bool frozen) : store_(store), frozen_(frozen) {}
-
-  bool Get(Tree tree, std::string_view key, std::string_view* value) const;
-  void OpenCursor(Tree tree, std::unique_ptr<TreeCursor>& cursor) const;
-
-  // Throws LSCOREDB_DAMAGED when the bytes do not lie in the file that a snapshot reads.
-  void CheckPlace(std::string_view bytes) const {
-    auto const at = reinterpret_cast<std::uintptr_t>(bytes.data());
-    if (frozen_ && (at < begin_ || at > end_ || bytes.size() > end_ - at)) [[unlikely]] {
-      ThrowDamaged();
-    }
-  }
-  [[noreturn]] static void ThrowDamaged();
-
-  CommitId id() const;
-  LmdbStore const& store() const { return store_; }
-  bool frozen() const { return frozen_; }
-  std::uintptr_t begin() const { return begin_; }
-
-  MDB_txn* txn = nullptr;
-
-  // Notes where the file lies. Whether the view is of the newest state there.
-  bool NoteFile();
-
- private:
-  LmdbStore const& store_;
-  bool frozen_;  // a snapshot
-  std::uintptr_t begin_ = 0;
-  std::uintptr_t end_ = 0;
-};
-
 class LmdbSnapshot final : public Snapshot {
  public:
-  explicit LmdbSnapshot(LmdbStore const& store) : view_(store, true) {}
+  explicit LmdbSnapshot(LmdbStore const& store) : store_(store) {}
   // Of the newest state, without a place in the table of readers: no one commits until it ends, by
   // the thread that made it. `writing` is an empty transaction for writing.
   LmdbSnapshot(LmdbStore const& store, MDB_txn* writing);
   ~LmdbSnapshot() override;
 
   bool Get(Tree tree, std::string_view key, std::string_view* value) const override {
-    return view_.Get(tree, key, value);
+    return state_.Get(tree, key, value);
   }
-  void OpenCursor(Tree tree, std::unique_ptr<TreeCursor>& cursor) const override {
-    view_.OpenCursor(tree, cursor);
-  }
+  void OpenCursor(Tree tree, std::unique_ptr<TreeCursor>& cursor) const override;
 
   // These give the library's own codes.
   int BeginNew();
@@ -78,14 +44,22 @@ class LmdbSnapshot final : public Snapshot {
   // The transaction of the library reads nothing until it is renewed.
   void Reset();
 
-  MDB_txn* txn() const { return view_.txn; }
-  bool NoteFile() { return view_.NoteFile(); }
+  // Copies what describes the state. Whether it is the newest of the file.
+  bool CopyHeader();
+  // Throws LSCOREDB_DAMAGED when the file does not show the state. REQUIRES: the copy is whole.
+  void OpenTrees();
+
+  // The library's number of the state.
+  std::uint64_t state() const;
   bool stops_writing() const { return stops_writing_; }
 
  private:
   int Began(int code);
 
-  LmdbView view_;
+  LmdbStore const& store_;
+  MDB_txn* txn_ = nullptr;
+  MappedState state_;
+  bool trees_open_ = false;  // those of `state_`
   bool stops_writing_ = false;
 };
 
@@ -95,9 +69,7 @@ class LmdbBatch final : public Batch {
   ~LmdbBatch() override;
 
   bool Get(Tree tree, std::string_view key, std::string_view* value) const override;
-  void OpenCursor(Tree tree, std::unique_ptr<TreeCursor>& cursor) const override {
-    view_.OpenCursor(tree, cursor);
-  }
+  void OpenCursor(Tree tree, std::unique_ptr<TreeCursor>& cursor) const override;
   void Put(Tree tree, std::string_view key, std::string_view value) override;
   bool PutNew(Tree tree, std::string_view key, std::string_view value) override;
   void Append(Tree tree, std::string_view key, std::string_view value) override;
@@ -112,34 +84,30 @@ class LmdbBatch final : public Batch {
   int PutWith(unsigned flags, Tree tree, std::string_view key, std::string_view value);
 
   LmdbStore& store_;
-  LmdbView view_;
+  MDB_txn* txn_ = nullptr;
   bool changed_ = false;
 };
 
+// Over a batch.
 class LmdbCursor final : public TreeCursor {
  public:
-  LmdbCursor(LmdbView const& view, Tree tree);
+  LmdbCursor(LmdbStore const& store, MDB_txn* txn, Tree tree);
   ~LmdbCursor() override;
-
-  // Over another snapshot. Returns whether that can be.
-  bool Renew(LmdbView const& view, Tree tree);
 
   bool Seek(std::string_view key, KeyValue* entry) override;
   bool First(KeyValue* entry) override;
   bool Last(KeyValue* entry) override;
-  bool Next(KeyValue* entry) override;
-  bool Previous(KeyValue* entry) override;
-  bool EnterPage(KeyValue const& entry, EntryPage* page) override;
+  bool Next(KeyValue* entry) override { return Step(true, entry); }
+  bool Previous(KeyValue* entry) override { return Step(false, entry); }
+  bool EnterPage(KeyValue const&, EntryPage*) override { return false; }
 
  private:
   bool Move(int operation, KeyValue* entry);
-  bool Step(int operation, KeyValue* entry);
+  bool Step(bool forward, KeyValue* entry);
 
-  MDB_cursor* cursor_ = nullptr;
-  LmdbView const* view_;
+  LmdbStore const& store_;
   Tree tree_;
-  bool of_snapshot_;
-  char const* given_ = nullptr;  // the key that the library's cursor stands on
+  MDB_cursor* cursor_ = nullptr;
 };
 
 class LmdbStore final : public Store {
@@ -162,9 +130,11 @@ class LmdbStore final : public Store {
   // For the other classes of this folder.
   MDB_env* env() const { return env_; }
   unsigned Handle(Tree tree) const { return trees_[static_cast<std::size_t>(tree)]; }
-  std::uintptr_t map_begin() const { return map_begin_; }
+  char const* map() const { return map_; }
   std::size_t page_size() const { return page_size_; }
   std::uint64_t states_before() const { return states_before_; }
+  // How many pages the file has room for, as far as somebody who speaks of `claimed` asks.
+  std::uint64_t FilePages(std::uint64_t claimed) const;
   void NoteGrowth() noexcept;
   PageGuard& guard() const { return guard_; }
   // After a write that the library cannot take back: no batch begins any more, and other processes
@@ -194,11 +164,12 @@ class LmdbStore final : public Store {
   std::vector<int> files_;   // that the library has open
   PageGuard mutable guard_;  // of the batch that is open
   std::atomic<bool> given_up_{false};
-  std::uintptr_t map_begin_ = 0;  // where the file lies in memory
+  char const* map_ = nullptr;  // where the file lies in memory
   std::size_t page_size_ = 0;
   std::uint64_t states_before_ = 0;  // that the file counts no more
   unsigned trees_[kTreeCount] = {};
-  std::atomic<std::uint64_t> last_page_{0};  // of the file, when it was last looked at
+  std::atomic<std::uint64_t> last_page_{0};           // of the file, when it was last looked at
+  std::atomic<std::uint64_t> mutable file_pages_{0};  // likewise; a file never becomes shorter
   std::mutex idle_mutex_;
   std::vector<std::unique_ptr<LmdbSnapshot>> idle_;  // ended, ready to be begun again
 };

@@ -42,12 +42,22 @@ std::size_t FirstFrom(Page const& page, std::uint16_t key_kind, std::string_view
   return low;
 }
 
-// A count and as many page numbers, falling.
-bool ListHolds(char const* list, std::uint64_t room, std::uint64_t last_page) {
-  std::uint64_t const count = room == 0 ? 0 : Load<std::uint64_t>(list);
-  if (count >= room) return false;
+// Keys that are below and above all others of any tree.
+constexpr std::string_view LowestKey(std::uint16_t key_kind) {
+  constexpr std::string_view kZeros("\0\0\0\0\0\0\0\0", 8);
+  return kZeros.substr(0, key_kind == kIntegerKeys ? 8 : 1);
+}
+std::string HighestKey(std::uint16_t key_kind) {
+  return std::string(key_kind == kIntegerKeys ? 8 : kMaxKey, '\xFF');
+}
+
+// A count and as many page numbers, falling. Writes the count.
+bool ListHolds(char const* list, std::uint64_t room, std::uint64_t last_page,
+               std::uint64_t* count) {
+  *count = room == 0 ? 0 : Load<std::uint64_t>(list);
+  if (*count >= room) return false;
   std::uint64_t above = last_page + 1;
-  for (std::uint64_t i = 1; i <= count; ++i) {
+  for (std::uint64_t i = 1; i <= *count; ++i) {
     auto const number = Load<std::uint64_t>(list + i * sizeof(std::uint64_t));
     if (number >= above || number < kHeaderPages) return false;
     above = number;
@@ -76,26 +86,52 @@ void PageGuard::Begin(std::uint64_t state) {
     WalkPages(file_, *header, PageDepth::kFreePages, [](auto const&) { ThrowDamaged(); });
     free_pages_hold_ = true;
   }
-  if (map_ == nullptr) return;
   ReadHeader(state);
-  constexpr std::uint64_t kEnds[] = {~std::uint64_t{0}, 0};
+  next_list_ = 0;
+  lists_ = in_lists_ = may_take_ = may_read_ = 0;
   if (free_.record.root == kNoPage) return;
-  for (std::uint64_t const& end : kEnds) Descend(free_, {reinterpret_cast<char const*>(&end), 8});
-  CheckOldestLists();
+  Descend(free_, HighestKey(kIntegerKeys));
+  CheckBeside(free_);
+  Descend(free_, LowestKey(kIntegerKeys));
+  CheckBeside(free_);
 }
 
-// Those that the library takes pages from first.
-void PageGuard::CheckOldestLists() {
-  constexpr std::size_t kLists = 8;
-  Page const& leaf = free_.last.leaf().page;
-  for (std::size_t i = 0; i < std::min(leaf.count(), kLists); ++i) {
-    Node const node = leaf.At(i);
-    CheckValue(node);
-    char const* const list = node.value_kind == kPlainValue
-                                 ? node.value
-                                 : BytesOf(Load<std::uint64_t>(node.value)).data() + kPageHead;
-    if (!ListHolds(list, node.value_size / sizeof(std::uint64_t), last_page_)) ThrowDamaged();
+// The library reads the next list when it has no page left; for a run it reads more of them even if
+// it has, up to kListsForPage for each page of the run.
+void PageGuard::CheckLists(std::uint64_t pages, std::uint64_t run) {
+  constexpr std::uint64_t kListsForPage = 64;
+  may_take_ += pages;
+  if (run > 1) may_read_ = std::max(may_read_, lists_) + run * kListsForPage;
+  while ((in_lists_ < may_take_ || lists_ < may_read_) && CheckNextList()) {
   }
+}
+
+// Returns whether there was one. Leads `free_` from leaf to leaf, whose neighbours the library may
+// join with it when it takes lists out.
+bool PageGuard::CheckNextList() {
+  if (free_.record.root == kNoPage) return false;
+  if (next_list_ == free_.last.leaf().page.count()) {
+    std::string const next(free_.last.leaf().bounds.high);
+    if (next.empty()) return false;
+    Descend(free_, next);
+    CheckBeside(free_);
+    next_list_ = 0;
+  }
+  Node const node = free_.last.leaf().page.At(next_list_++);
+  std::uint64_t count = 0;
+  CheckValue(node);
+  char const* const list = node.value_kind == kPlainValue
+                               ? node.value
+                               : BytesOf(Load<std::uint64_t>(node.value)).data() + kPageHead;
+  if (!ListHolds(list, node.value_size / sizeof(std::uint64_t), last_page_, &count)) ThrowDamaged();
+  ++lists_;
+  in_lists_ += count;
+  return true;
+}
+
+// A write changes each page on its way at most, splits each, and makes a new root.
+std::uint64_t PageGuard::PagesOfWrite(KnownTree const& tree) const {
+  return std::uint64_t{2} * tree.record.depth + 3;
 }
 
 void PageGuard::ReadHeader(std::uint64_t state) {
@@ -140,7 +176,6 @@ PageGuard::KnownTree& PageGuard::Find(Tree tree) {
 }
 
 void PageGuard::Check(Tree tree, std::string_view key) {
-  if (map_ == nullptr) return;
   KnownTree& known = Find(tree);
   if (known.record.root == kNoPage) return;
   if (!IsOnLeaf(known, key)) Descend(known, key);
@@ -151,9 +186,33 @@ void PageGuard::Check(Tree tree, std::string_view key) {
 
 void PageGuard::CheckAround(Tree tree, std::string_view key) {
   Check(tree, key);
-  if (map_ == nullptr) return;
   KnownTree& known = Find(tree);
   if (known.record.root != kNoPage && !known.beside) CheckBeside(known);
+}
+
+void PageGuard::CheckEnd(Tree tree, bool first) {
+  std::uint16_t const kind = tree == Tree::kRows ? kIntegerKeys : kByteKeys;
+  Check(tree, first ? std::string(LowestKey(kind)) : HighestKey(kind));
+}
+
+void PageGuard::CheckPut(Tree tree, std::string_view key, std::size_t value_size) {
+  Check(tree, key);
+  std::uint64_t const run = (kPageHead - 1 + value_size) / page_size_ + 1;
+  bool const beside = kNodeHead + key.size() + value_size > page_size_ / 2 - kPageHead;
+  CheckLists(PagesOfWrite(Find(tree)) + (beside ? run : 0), beside ? run : 1);
+}
+
+void PageGuard::CheckDelete(Tree tree, std::string_view key) {
+  CheckAround(tree, key);
+  CheckLists(PagesOfWrite(Find(tree)), 1);
+}
+
+// The library writes down which pages the batch has freed, at most as many as it took, and what is
+// left of the lists that it read, some of it as values on pages of their own.
+void PageGuard::CheckCommit() {
+  std::uint64_t const bytes = (may_take_ + in_lists_ + 1) * sizeof(std::uint64_t);
+  std::uint64_t const run = bytes / page_size_ + 1;
+  CheckLists(PagesOfWrite(free_) * 4 + 4 * run + kTreeCount * 8, run);
 }
 
 bool PageGuard::IsOnLeaf(KnownTree& tree, std::string_view key) const {

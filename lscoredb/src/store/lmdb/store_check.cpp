@@ -126,17 +126,21 @@ bool IsDiskFull(MDB_env* env) {
   return fstatvfs(file, &disk) == 0 && disk.f_bavail * disk.f_frsize < PageSize(env);
 }
 
-std::uintptr_t MapBegin(MDB_env* env, MDB_txn* txn, unsigned tree) {
-  MDB_val key{format::kFormatKey.size(), const_cast<char*>(format::kFormatKey.data())};
-  MDB_val value;
-  CheckStore(CallLibrary([&] { return mdb_get(txn, tree, &key, &value); }));
-  std::size_t const page_size = PageSize(env);
-  std::uintptr_t const page = AddressOf(value.mv_data) / page_size * page_size;
-  auto const number = Load<std::uint64_t>(reinterpret_cast<char const*>(page));
-  MDB_envinfo info{};
-  CheckStore(mdb_env_info(env, &info));
-  if (number > info.me_last_pgno || number * page_size > page) return 0;
-  return page - number * page_size;
+// The name of the first tree lies on the root of the tree of trees, as the library gives it.
+char const* MapBegin(MDB_txn* txn, pages::Header const& header) {
+  MDB_dbi main = 0;
+  MDB_cursor* cursor = nullptr;
+  MDB_val name{};
+  MDB_val record{};
+  CheckStore(CallLibrary([&] { return mdb_dbi_open(txn, nullptr, 0, &main); }));
+  CheckStore(mdb_cursor_open(txn, main, &cursor));
+  std::unique_ptr<MDB_cursor, void (*)(MDB_cursor*)> const open(cursor, mdb_cursor_close);
+  CheckStore(CallLibrary([&] { return mdb_cursor_get(cursor, &name, &record, MDB_FIRST); }));
+  auto const* const key = static_cast<char const*>(name.mv_data);
+  std::uintptr_t const into_page = AddressOf(key) % header.page_size;
+  char const* const page = key - into_page;
+  if (Load<std::uint64_t>(page) != header.trees.root) Throw(LSCOREDB_DAMAGED);
+  return page - header.trees.root * header.page_size;
 }
 
 }  // namespace lscore

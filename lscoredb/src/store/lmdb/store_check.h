@@ -37,9 +37,10 @@ int FileOf(MDB_env* env);
 // which `lock_file` is one of our own.
 std::vector<int> FilesOf(MDB_env* env, int lock_file);
 
-// The address of the file's first byte in memory, or 0 when it cannot be told. `tree` holds the
-// format record, which `txn` has not written.
-std::uintptr_t MapBegin(MDB_env* env, MDB_txn* txn, unsigned tree);
+// Where the file's first byte lies in memory. Throws LSCOREDB_DAMAGED when the tree of trees is not
+// where the header says. REQUIRES: the roots of the state were checked, it has trees, and `txn`
+// reads it.
+char const* MapBegin(MDB_txn* txn, pages::Header const& header);
 
 }  // namespace lscore
 

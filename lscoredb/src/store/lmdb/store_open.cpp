@@ -96,27 +96,20 @@ bool IsEmpty(MDB_txn* txn) {
 }
 
 // The version record stands first: without it nothing else is touched.
-void CheckFormat(MDB_txn* txn, MDB_dbi meta) {
-  MDB_val key{format::kFormatKey.size(), const_cast<char*>(format::kFormatKey.data())};
-  MDB_val value;
-  int const code = CallLibrary([&] { return mdb_get(txn, meta, &key, &value); });
-  if (code == MDB_NOTFOUND) Throw(LSCOREDB_NOT_A_DATABASE);
-  CheckStore(code);
-  FieldReader fields({static_cast<char const*>(value.mv_data), value.mv_size});
+void CheckFormat(MappedState const& state) {
+  std::string_view record;
+  if (!state.Get(Tree::kMeta, format::kFormatKey, &record)) Throw(LSCOREDB_NOT_A_DATABASE);
+  FieldReader fields(record);
   bool const ours = fields.Bytes(format::kMagic.size()) == format::kMagic;
   auto const version = fields.Next<std::uint32_t>();
   if (!ours || !fields.ok() || version == 0) Throw(LSCOREDB_NOT_A_DATABASE);
   if (version > format::kNewestVersion) Throw(LSCOREDB_NEWER_FORMAT);
 }
 
-std::uint64_t ReadStatesBefore(MDB_txn* txn, MDB_dbi meta) {
-  MDB_val key{format::kStatesBeforeKey.size(), const_cast<char*>(format::kStatesBeforeKey.data())};
-  MDB_val value;
-  int const code = CallLibrary([&] { return mdb_get(txn, meta, &key, &value); });
-  if (code == MDB_NOTFOUND) return 0;
-  CheckStore(code);
-  std::string_view const stored_record(static_cast<char const*>(value.mv_data), value.mv_size);
-  FieldReader fields(StripChecksum(format::kStatesBeforeKey, stored_record));
+std::uint64_t ReadStatesBefore(MappedState const& state) {
+  std::string_view record;
+  if (!state.Get(Tree::kMeta, format::kStatesBeforeKey, &record)) return 0;
+  FieldReader fields(StripChecksum(format::kStatesBeforeKey, record));
   auto const count = fields.Next<std::uint64_t>();
   if (!fields.ok()) Throw(LSCOREDB_DAMAGED);
   return count;
@@ -195,7 +188,6 @@ class StoreOpener {
     store->sync_ = sync;
     store->locks_.BecomeWriter(path, FileOf(store->env_));
     LookIn(*store);
-    FindMap(*store);
     store->locks_.LeaveLine();
     if (options.verify) store->Verify();
     int dead = 0;
@@ -262,17 +254,37 @@ class StoreOpener {
  private:
   // While no one writes: what the header says, the trees, and what others did not sync.
   static void LookIn(LmdbStore& store) {
+    if (!FindTrees(store)) FindTrees(store);
+    if (store.sync_) CheckStore(mdb_env_sync(store.env_, 1));
+  }
+
+  // Returns whether the file has trees; one that has none gets them.
+  static bool FindTrees(LmdbStore& store) {
     MDB_env* const env = store.env_;
     WritePause pause(env);
+    pages::Header const header = HeaderOf(env, pause);
+    CheckLength(FileOf(env), header);
+    CheckPages(FileOf(env), header, PageDepth::kRoots);
+    bool const found = !IsEmpty(pause.txn());
+    if (found) {
+      OpenTrees(store, pause.txn(), header);
+    } else {
+      MakeTrees(pause.txn(), store.trees_);
+    }
+    Commit(env, pause);
+    return found;
+  }
+
+  static pages::Header HeaderOf(MDB_env* env, WritePause const& pause) {
     std::optional<pages::Header> const header = pages::FindHeader(FileOf(env), pause.state());
     if (!header) Throw(LSCOREDB_DAMAGED);
-    CheckLength(FileOf(env), *header);
-    CheckPages(FileOf(env), *header, PageDepth::kRoots);
-    OpenTrees(store, pause.txn());
+    return *header;
+  }
+
+  static void Commit(MDB_env* env, WritePause& pause) {
     int const code = CallLibrary([&] { return mdb_txn_commit(pause.Release()); });
     if (code == kBrokenPage) ReleaseWriteLock(env);
     CheckStore(code);
-    if (store.sync_) CheckStore(mdb_env_sync(env, 1));
   }
 
   // The same without the right to make them wait.
@@ -285,8 +297,7 @@ class StoreOpener {
     CheckReadLength(FileOf(env), header);
     CheckPages(FileOf(env), header, PageDepth::kRoots);
     if (IsEmpty(txn)) Throw(LSCOREDB_NOT_A_DATABASE);
-    OpenTrees(store, txn);
-    FindMap(store, txn);
+    OpenTrees(store, txn, header);
     reading.release();
     CheckStore(mdb_txn_commit(txn));  // which keeps the trees open
   }
@@ -302,23 +313,17 @@ class StoreOpener {
     Throw(LSCOREDB_DAMAGED);
   }
 
-  static void FindMap(LmdbStore& store) {
-    WritePause const pause(store.env_);
-    FindMap(store, pause.txn());
-  }
-
-  static void FindMap(LmdbStore& store, MDB_txn* txn) {
-    store.page_size_ = PageSize(store.env_);
-    store.map_begin_ = MapBegin(store.env_, txn, store.Handle(Tree::kMeta));
-    store.guard_.Open(FileOf(store.env_), reinterpret_cast<char const*>(store.map_begin_),
-                      store.page_size_);
-  }
-
-  static void OpenTrees(LmdbStore& store, MDB_txn* txn) {
-    if (IsEmpty(txn)) return MakeTrees(txn, store.trees_);
+  static void OpenTrees(LmdbStore& store, MDB_txn* txn, pages::Header const& header) {
+    store.page_size_ = header.page_size;
+    store.map_ = MapBegin(txn, header);
+    store.guard_.Open(FileOf(store.env_), store.map_, store.page_size_);
     OpenTree(store.trees_, txn, Tree::kMeta, 0);
-    CheckFormat(txn, store.Handle(Tree::kMeta));
-    store.states_before_ = ReadStatesBefore(txn, store.Handle(Tree::kMeta));
+    MappedState state;
+    state.CopyHeader(store.map_, store.page_size_, header.commit);
+    bool const whole = state.OpenTrees(store.FilePages(header.last_page + 1));
+    CheckFormat(state);
+    store.states_before_ = ReadStatesBefore(state);
+    if (!whole) Throw(LSCOREDB_NOT_A_DATABASE);
     for (std::size_t i = 0; i < kTreeCount; ++i) {
       OpenTree(store.trees_, txn, static_cast<Tree>(i), 0);
     }

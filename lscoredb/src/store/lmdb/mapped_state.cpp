@@ -1,0 +1,376 @@
+#include "mapped_state.h"
+
+#include <algorithm>
+
+#include "bytes.h"
+#include "status.h"
+
+namespace lscore {
+namespace {
+
+using namespace pages;
+
+[[noreturn, gnu::cold]] void ThrowDamaged() { Throw(LSCOREDB_DAMAGED); }
+
+// ---- pages and nodes ---------------------------------------------------------------------------
+
+// The page with that number, which has to be of that kind; writes how many nodes it has.
+char const* PageAt(char const* map, std::size_t page_size, std::uint64_t pages,
+                   std::uint64_t number, std::uint16_t kind, std::size_t* count) {
+  if (number < kHeaderPages || number >= pages) [[unlikely]]
+    ThrowDamaged();
+  char const* const page = map + number * page_size;
+  std::size_t const end = Load<std::uint16_t>(page + kSlotsEndOffset);
+  bool const holds = Load<std::uint64_t>(page) == number &&
+                     Load<std::uint16_t>(page + kKindOffset) == kind && end >= kPageHead + 2 &&
+                     end <= page_size;
+  if (!holds) [[unlikely]]
+    ThrowDamaged();
+  *count = (end - kPageHead) / 2;
+  return page;
+}
+
+// A node whose head lies inside of its page. REQUIRES: the page has as many.
+char const* NodeAt(char const* page, std::size_t page_size, std::size_t i) {
+  std::size_t const place = Load<std::uint16_t>(page + kPageHead + 2 * i);
+  if (place + kNodeHead > page_size) [[unlikely]]
+    ThrowDamaged();
+  return page + place;
+}
+
+// Its key, which lies inside of its page too.
+std::string_view KeyOf(char const* page, std::size_t page_size, char const* node) {
+  std::size_t const size = Load<std::uint16_t>(node + 6);
+  if (size > page_size - kNodeHead - static_cast<std::size_t>(node - page)) [[unlikely]] {
+    ThrowDamaged();
+  }
+  return {node + kNodeHead, size};
+}
+
+std::string_view KeyAt(char const* page, std::size_t page_size, std::size_t i) {
+  return KeyOf(page, page_size, NodeAt(page, page_size, i));
+}
+
+std::uint64_t ChildAt(char const* page, std::size_t page_size, std::size_t i) {
+  char const* const node = NodeAt(page, page_size, i);
+  return Load<std::uint32_t>(node) | std::uint64_t{Load<std::uint16_t>(node + 4)} << 32;
+}
+
+// ---- orders of keys ----------------------------------------------------------------------------
+
+struct ByteKeys {
+  using Key = std::string_view;
+  static Key Of(std::string_view key) { return key; }
+};
+
+struct IntegerKeys {
+  using Key = std::uint64_t;
+  static Key Of(std::string_view key) {
+    if (key.size() != sizeof(std::uint64_t)) [[unlikely]]
+      ThrowDamaged();
+    return Load<std::uint64_t>(key.data());
+  }
+};
+
+// Runs `work` with the order that the tree's record names.
+template <typename Work>
+auto WithKeys(TreeRecord const& record, Work&& work) {
+  return record.key_kind == kIntegerKeys ? work(IntegerKeys{}) : work(ByteKeys{});
+}
+
+// The first of the nodes from `low` on, below `high`, whose key is not below `key`, or `high`;
+// `or_equal`: whose key is above it.
+template <typename Keys>
+std::size_t FirstNode(char const* page, std::size_t page_size, std::size_t low, std::size_t high,
+                      typename Keys::Key key, bool or_equal) {
+  while (low < high) {
+    std::size_t const middle = (low + high) / 2;
+    typename Keys::Key const there = Keys::Of(KeyAt(page, page_size, middle));
+    if (there < key || (or_equal && there == key)) {
+      low = middle + 1;
+    } else {
+      high = middle;
+    }
+  }
+  return low;
+}
+
+// The node of a branch that leads to the key. The first one leads to all that is below the second.
+template <typename Keys>
+std::size_t NodeFor(char const* page, std::size_t page_size, std::size_t count,
+                    typename Keys::Key key) {
+  return FirstNode<Keys>(page, page_size, 1, count, key, true) - 1;
+}
+
+}  // namespace
+
+// ---- the state ---------------------------------------------------------------------------------
+
+void MappedState::CopyHeader(char const* map, std::size_t page_size, std::uint64_t state) {
+  char const* const head = map + state % 2 * page_size + kPageHead;
+  map_ = map;
+  page_size_ = page_size;
+  names_ = ReadTree(head + 72);
+  last_page_ = Load<std::uint64_t>(head + 120);
+  state_ = Load<std::uint64_t>(head + 128);
+}
+
+bool MappedState::OpenTrees(std::uint64_t file_pages) {
+  pages_ = std::min(last_page_ + 1, file_pages);
+  trees_ = {};
+  if (names_.root == kNoPage) return false;
+  if (names_.depth != 1) ThrowDamaged();
+  std::size_t count = 0;
+  std::size_t found = 0;
+  char const* const page = PageAt(map_, page_size_, pages_, names_.root, kLeaf, &count);
+  for (std::size_t i = 0; i < count; ++i) {
+    char const* const node = NodeAt(page, page_size_, i);
+    std::string_view const name = KeyOf(page, page_size_, node);
+    auto const known = std::find(kTreeNames.begin(), kTreeNames.end(), name);
+    if (known == kTreeNames.end()) continue;
+    char const* const value = name.data() + name.size();
+    bool const is_tree = Load<std::uint16_t>(node + 4) == kValueIsTree &&
+                         Load<std::uint32_t>(node) == kTreeSize &&
+                         value + kTreeSize <= page + page_size_;
+    if (!is_tree) ThrowDamaged();
+    auto const tree = static_cast<std::size_t>(known - kTreeNames.begin());
+    trees_[tree] = ReadTree(value);
+    bool const rows = tree == static_cast<std::size_t>(Tree::kRows);
+    if (trees_[tree].key_kind == (rows ? kIntegerKeys : kByteKeys)) ++found;
+  }
+  return found == kTreeCount;
+}
+
+template <typename Keys>
+bool MappedState::Find(TreeRecord const& record, std::string_view key,
+                       std::string_view* value) const {
+  typename Keys::Key const wanted = Keys::Of(key);
+  std::uint64_t number = record.root;
+  std::size_t count = 0;
+  for (std::size_t level = record.depth; level > 1; --level) {
+    char const* const page = PageAt(map_, page_size_, pages_, number, kBranch, &count);
+    number = ChildAt(page, page_size_, NodeFor<Keys>(page, page_size_, count, wanted));
+  }
+  char const* const page = PageAt(map_, page_size_, pages_, number, kLeaf, &count);
+  std::size_t const at = FirstNode<Keys>(page, page_size_, 0, count, wanted, false);
+  if (at == count) return false;
+  char const* const node = NodeAt(page, page_size_, at);
+  std::string_view const there = KeyOf(page, page_size_, node);
+  if (Keys::Of(there) != wanted) return false;
+  *value = ValueOf(page, node, there);
+  return true;
+}
+
+std::string_view MappedState::ValueOf(char const* page, char const* node,
+                                      std::string_view key) const {
+  char const* const value = key.data() + key.size();
+  std::size_t const room = page_size_ - static_cast<std::size_t>(value - page);
+  std::size_t const size = Load<std::uint32_t>(node);
+  auto const kind = Load<std::uint16_t>(node + 4);
+  if (kind == kPlainValue && size <= room) [[likely]]
+    return {value, size};
+  if (kind != kValueOnOverflow || room < sizeof(std::uint64_t)) ThrowDamaged();
+  return ValueBeside(Load<std::uint64_t>(value), size);
+}
+
+// On pages of its own, of which the first has a head.
+std::string_view MappedState::ValueBeside(std::uint64_t number, std::uint64_t size) const {
+  if (number < kHeaderPages || number >= pages_) ThrowDamaged();
+  char const* const page = map_ + number * page_size_;
+  std::uint64_t const needed = (kPageHead - 1 + size) / page_size_ + 1;
+  std::uint64_t const count = Load<std::uint32_t>(page + kSlotsEndOffset);
+  bool const holds = Load<std::uint64_t>(page) == number &&
+                     Load<std::uint16_t>(page + kKindOffset) == kOverflow && count >= needed &&
+                     needed <= pages_ - number;
+  if (!holds) ThrowDamaged();
+  return {page + kPageHead, size};
+}
+
+bool MappedState::Get(Tree tree, std::string_view key, std::string_view* value) const {
+  TreeRecord const& record = trees_[static_cast<std::size_t>(tree)];
+  if (record.root == kNoPage) return false;
+  if (record.depth == 0 || record.depth > kMaxDepth) [[unlikely]]
+    ThrowDamaged();
+  bool const found = tree == Tree::kRows ? Find<IntegerKeys>(record, key, value)
+                                         : Find<ByteKeys>(record, key, value);
+  return found || FindWithinBounds(tree, key, value);
+}
+
+bool MappedState::FindWithinBounds(Tree tree, std::string_view key, std::string_view* value) const {
+  TreePath path;
+  path.Open(*this, tree);
+  if (!path.Seek(key)) return false;
+  KeyValue const entry = path.entry();
+  if (entry.key != key) return false;
+  *value = entry.value;
+  return true;
+}
+
+// ---- paths -------------------------------------------------------------------------------------
+
+void TreePath::Open(MappedState const& state, Tree tree) {
+  state_ = &state;
+  record_ = &state.trees_[static_cast<std::size_t>(tree)];
+  if (record_->root == kNoPage) {
+    depth_ = 0;
+    return;
+  }
+  if (record_->depth == 0 || record_->depth > kMaxDepth) ThrowDamaged();
+  depth_ = record_->depth;
+}
+
+std::string_view TreePath::KeyAt(Step const& step, std::size_t i) const {
+  return lscore::KeyAt(step.page, state_->page_size_, i);
+}
+
+void TreePath::Enter(std::size_t level) {
+  Step& step = steps_[level];
+  std::uint16_t const kind = level + 1 == depth_ ? kLeaf : kBranch;
+  std::uint64_t number = record_->root;
+  if (level > 0) {
+    Step const& above = steps_[level - 1];
+    number = ChildAt(above.page, state_->page_size_, above.at);
+  }
+  step.page = PageAt(state_->map_, state_->page_size_, state_->pages_, number, kind, &step.count);
+  WithKeys(*record_, [&](auto keys) { CheckBounds<decltype(keys)>(level); });
+}
+
+// Keys of a page below a node are not below the key of that node, and below that of the next one.
+template <typename Keys>
+void TreePath::CheckBounds(std::size_t level) const {
+  Step const& step = steps_[level];
+  std::size_t const first = level + 1 == depth_ ? 0 : 1;
+  if (first == step.count) return;
+  std::size_t low = level;
+  std::size_t high = level;
+  while (low > 0 && steps_[low - 1].at == 0) --low;
+  while (high > 0 && steps_[high - 1].at + 1 == steps_[high - 1].count) --high;
+  if (low > 0) {
+    Step const& above = steps_[low - 1];
+    if (Keys::Of(KeyAt(step, first)) < Keys::Of(KeyAt(above, above.at))) ThrowDamaged();
+  }
+  if (high > 0) {
+    Step const& above = steps_[high - 1];
+    if (!(Keys::Of(KeyAt(step, step.count - 1)) < Keys::Of(KeyAt(above, above.at + 1)))) {
+      ThrowDamaged();
+    }
+  }
+}
+
+template <typename Keys>
+bool TreePath::Seek(std::string_view key) {
+  std::size_t const page_size = state_->page_size_;
+  typename Keys::Key const wanted = Keys::Of(key);
+  for (std::size_t level = 0; level + 1 < depth_; ++level) {
+    Enter(level);
+    Step& step = steps_[level];
+    step.at = NodeFor<Keys>(step.page, page_size, step.count, wanted);
+  }
+  Enter(depth_ - 1);
+  Step& step = leaf();
+  step.at = FirstNode<Keys>(step.page, page_size, 0, step.count, wanted, false);
+  if (step.at < step.count) return true;
+  --step.at;
+  return Next();
+}
+
+bool TreePath::Seek(std::string_view key) {
+  return depth_ != 0 && WithKeys(*record_, [&](auto keys) { return Seek<decltype(keys)>(key); });
+}
+
+bool TreePath::Descend(bool first) {
+  if (depth_ == 0) return false;
+  DescendFrom(0, first);
+  return true;
+}
+
+void TreePath::DescendFrom(std::size_t level, bool first) {
+  for (; level < depth_; ++level) {
+    Enter(level);
+    steps_[level].at = first ? 0 : steps_[level].count - 1;
+  }
+}
+
+bool TreePath::Next() {
+  if (++leaf().at < leaf().count) return true;
+  --leaf().at;
+  std::size_t level = depth_ - 1;
+  while (level > 0 && steps_[level - 1].at + 1 == steps_[level - 1].count) --level;
+  if (level == 0) return false;
+  ++steps_[level - 1].at;
+  DescendFrom(level, true);
+  return true;
+}
+
+bool TreePath::Previous() {
+  if (leaf().at > 0) {
+    --leaf().at;
+    return true;
+  }
+  std::size_t level = depth_ - 1;
+  while (level > 0 && steps_[level - 1].at == 0) --level;
+  if (level == 0) return false;
+  --steps_[level - 1].at;
+  DescendFrom(level, false);
+  return true;
+}
+
+KeyValue TreePath::entry() const {
+  Step const& step = leaf();
+  char const* const node = NodeAt(step.page, state_->page_size_, step.at);
+  std::string_view const key = KeyOf(step.page, state_->page_size_, node);
+  if (record_->key_kind == kIntegerKeys) IntegerKeys::Of(key);
+  return {key, state_->ValueOf(step.page, node, key)};
+}
+
+bool TreePath::StepTo(char const* key) {
+  Step& step = leaf();
+  for (std::size_t i = step.count; i > 0; --i) {
+    if (NodeAt(step.page, state_->page_size_, i - 1) + kNodeHead != key) continue;
+    step.at = i - 1;
+    return true;
+  }
+  return false;
+}
+
+// ---- cursors -----------------------------------------------------------------------------------
+
+void MappedCursor::Open(MappedState const& state, Tree tree) {
+  path_.Open(state, tree);
+  page_size_ = state.page_size();
+  fixed_keys_ = tree == Tree::kRows;
+  given_ = nullptr;
+}
+
+bool MappedCursor::Give(bool found, KeyValue* entry) {
+  given_ = nullptr;
+  if (!found) return false;
+  *entry = path_.entry();
+  given_ = entry->key.data();
+  return true;
+}
+
+// After steps inside a page the path still leads to where the page was entered.
+void MappedCursor::Follow(KeyValue const& entry) {
+  if (given_ != entry.key.data() && !path_.StepTo(entry.key.data())) ThrowDamaged();
+}
+
+bool MappedCursor::Next(KeyValue* entry) {
+  Follow(*entry);
+  return Give(path_.Next(), entry);
+}
+
+bool MappedCursor::Previous(KeyValue* entry) {
+  Follow(*entry);
+  return Give(path_.Previous(), entry);
+}
+
+// Pages of the file are what entry_page.h describes. Steps inside a page do not look at the size of
+// a key, on which readers of rows rely.
+bool MappedCursor::EnterPage(KeyValue const& entry, EntryPage* page) {
+  if (fixed_keys_) return false;
+  auto const offset = static_cast<std::size_t>(entry.key.data() - path_.page());
+  return page->Enter(path_.page(), page_size_, kPageHead, path_.count(), offset - kNodeHead);
+}
+
+}  // namespace lscore
