@@ -42,7 +42,8 @@ struct CachedRow {
 
   std::uint32_t size() const { return Load<std::uint32_t>(image() + format::kCrcOffset); }
   char const* image() const { return reinterpret_cast<char const*>(this + 1); }
-  CommitId commit() const { return RowImage(image()).commit(); }  // that wrote it
+  std::string_view bytes() const { return {image(), size()}; }
+  CommitId commit() const { return RowImage(bytes()).commit(); }  // that wrote it
 };
 
 struct CachedRowFree {

@@ -39,7 +39,7 @@ ObjectReader::Problem ObjectReader::Read(ObjectId id, std::string_view stored, R
     if (problem.what != nullptr) return problem;
   }
   if (stored.size() < format::kHeaderSize) return {LSCOREDB_FINDING_OBJECT, "It is too short."};
-  RowImage const image(stored.data());
+  RowImage const image(stored);
   Layout const* const layout = definitions_.FindLayout(image.layout());
   if (layout == nullptr) return {LSCOREDB_FINDING_OBJECT, "Its layout is not there."};
   if (!RowImage::Validate(stored, id, *layout)) {
@@ -48,7 +48,7 @@ ObjectReader::Problem ObjectReader::Read(ObjectId id, std::string_view stored, R
   if (image.commit() > snapshot_.id()) {
     return {LSCOREDB_FINDING_OBJECT, "It comes from a commit that has not been."};
   }
-  *row = {id, layout, stored.data(), nullptr};
+  *row = RefOf(id, *layout, stored);
   return {};
 }
 
@@ -109,7 +109,7 @@ void ObjectCheck::Finish() {
 void ObjectCheck::CheckObject(ObjectId id, std::string_view stored) {
   RowRef row;
   ObjectReader::Problem const problem = reader_.Read(id, stored, &row);
-  if (stored.size() >= format::kHeaderSize) ++counts_[RowImage(stored.data()).layout()];
+  if (stored.size() >= format::kHeaderSize) ++counts_[RowImage(stored).layout()];
   if (problem.what != nullptr) {
     return TellProblem(id, stored, problem);
   }
@@ -123,7 +123,7 @@ void ObjectCheck::CheckObject(ObjectId id, std::string_view stored) {
 
 void ObjectCheck::TellProblem(ObjectId id, std::string_view stored, ObjectReader::Problem problem) {
   Finding finding = Of(problem.kind, id);
-  if (stored.size() >= format::kHeaderSize) finding.layout = RowImage(stored.data()).layout();
+  if (stored.size() >= format::kHeaderSize) finding.layout = RowImage(stored).layout();
   sink_.Tell(finding, std::string("The object is damaged. ") + problem.what);
 }
 
@@ -148,7 +148,7 @@ ObjectCheck::Set& ObjectCheck::SetOf(std::u16string const& setspec) {
 
 // REQUIRES: `setspec_` is the set's.
 void ObjectCheck::CheckSetChange(RowRef const& row, Set const& set) {
-  bool const noted = set.changed >= RowImage(row.image).commit() && set.changed <= snapshot_.id();
+  bool const noted = set.changed >= row.stored().commit() && set.changed <= snapshot_.id();
   if (!noted) unnoted_.emplace(setspec_, row.id);
 }
 

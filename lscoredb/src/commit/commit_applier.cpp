@@ -99,7 +99,7 @@ void CommitApplier::ValidateRow(PendingRow const& row) {
   if (there == row.inserted()) Throw(LSCOREDB_CONFLICT);
   if (!there) return;
   if (stored.size() < format::kHeaderSize) Throw(LSCOREDB_DAMAGED);
-  if (RowImage(stored.data()).commit() > request_.snapshot.id()) Throw(LSCOREDB_CONFLICT);
+  if (RowImage(stored).commit() > request_.snapshot.id()) Throw(LSCOREDB_CONFLICT);
 }
 
 // Another process may have reserved it for itself.
@@ -112,7 +112,7 @@ void CommitApplier::ValidateRequired(ObjectId object) {
   std::string_view stored;
   if (!batch_.Get(Tree::kRows, BytesOf(id), &stored)) Throw(LSCOREDB_CONFLICT);
   if (stored.size() < format::kHeaderSize) Throw(LSCOREDB_DAMAGED);
-  if (RowImage(stored.data()).commit() > request_.snapshot.id()) Throw(LSCOREDB_CONFLICT);
+  if (RowImage(stored).commit() > request_.snapshot.id()) Throw(LSCOREDB_CONFLICT);
 }
 
 void CommitApplier::ValidateLayouts() const {

@@ -3,6 +3,7 @@
 #include <limits>
 
 #include "crc32c.h"
+#include "status.h"
 
 namespace lscore {
 namespace {
@@ -15,6 +16,8 @@ std::size_t BitmapSize(Layout const& layout) { return (layout.bit_count() + 63) 
 }  // namespace
 
 // ---- reading -----------------------------------------------------------------------------------
+
+void RowImage::ThrowDamaged() { Throw(LSCOREDB_DAMAGED); }
 
 std::uint64_t RowImage::End(std::size_t ends, std::uint32_t index, bool* wide) const {
   if ((flags() & format::kBigEnds) != 0) {
@@ -39,9 +42,16 @@ RowImage::Variable RowImage::FindVariable(Layout const& layout) const {
 
 void RowImage::ReadVariable(Variable const& all, std::uint32_t index, Cell& cell) const {
   bool ignored = false;
+  if (index >= all.count || all.values > size_) [[unlikely]]
+    ThrowDamaged();
   std::uint64_t const begin = index == 0 ? 0 : End(all.ends, index - 1, &ignored);
+  std::uint64_t const end = End(all.ends, index, &cell.wide);
+  bool const holds =
+      begin <= end && end <= size_ - all.values && !(cell.wide && (end - begin) % 2 != 0);
+  if (!holds) [[unlikely]]
+    ThrowDamaged();
   cell.data = bytes_ + all.values + begin;
-  cell.size = End(all.ends, index, &cell.wide) - begin;
+  cell.size = end - begin;
 }
 
 Cell RowImage::Read(Layout const& layout, Column const& column) const {
@@ -71,7 +81,7 @@ Cell RowImage::Setspec(Layout const& layout) const {
 class ImageCheck {
  public:
   ImageCheck(std::string_view bytes, ObjectId id, Layout const& layout)
-      : bytes_(bytes), id_(id), layout_(layout), image_(bytes.data()) {}
+      : bytes_(bytes), id_(id), layout_(layout), image_(bytes) {}
 
   bool Holds() const { return HeaderHolds() && BitsHold() && EndsHold(); }
 

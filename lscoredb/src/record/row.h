@@ -30,10 +30,13 @@ struct Cell {
   PackedText text() const { return {bytes(), wide}; }
 };
 
-// An image in place. Everything but Validate takes the image to be valid.
+// An image in place, which was valid once: it may lie in a file that somebody damages meanwhile. So
+// what it says of places is compared with its size each time; LSCOREDB_DAMAGED is thrown when it
+// leads out of it.
 class RowImage {
  public:
-  explicit RowImage(char const* bytes) : bytes_(bytes) {}
+  // REQUIRES: all of its head is there; for what follows behind `commit`, Validate held.
+  explicit RowImage(std::string_view bytes) : bytes_(bytes.data()), size_(bytes.size()) {}
 
   LayoutNumber layout() const {
     return LayoutNumber{Load<std::uint16_t>(bytes_ + format::kLayoutOffset)};
@@ -44,9 +47,13 @@ class RowImage {
   }
   // REQUIRES: Present(column), column.fixed.
   std::uint64_t Fixed(Layout const& layout, Column const& column) const {
-    return Load<std::uint64_t>(bytes_ + FixedOffset(layout) + 8 * CountBelow(column.bit));
+    return FixedAt(FixedOffset(layout) + 8 * CountBelow(column.bit));
   }
-  std::uint64_t FixedAt(std::size_t place) const { return Load<std::uint64_t>(bytes_ + place); }
+  std::uint64_t FixedAt(std::size_t place) const {
+    if (place + sizeof(std::uint64_t) > size_) [[unlikely]]
+      ThrowDamaged();
+    return Load<std::uint64_t>(bytes_ + place);
+  }
   // How many bits are set. Inline, since the instruction for it cannot be taken for granted and the
   // compiler would call a function.
   static std::uint32_t CountBits(std::uint64_t word) {
@@ -90,12 +97,14 @@ class RowImage {
     std::uint32_t columns_from;  // 1 behind a set specifier
   };
   Variable FindVariable(Layout const& layout) const;
+  [[noreturn, gnu::cold]] static void ThrowDamaged();
   std::uint64_t End(std::size_t ends, std::uint32_t index, bool* wide) const;
   void ReadVariable(Variable const& all, std::uint32_t index, Cell& cell) const;
 
   friend class ImageCheck;
 
   char const* bytes_;
+  std::size_t size_;
 };
 
 // Of stored bytes, whether they are only the head of an image whose rest lies in parts.

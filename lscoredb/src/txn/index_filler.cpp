@@ -11,7 +11,7 @@ void IndexFiller::Fill(PendingIndex& entries) {
   ++state_.now;
   ForEachObjectOfSet(entries.index().setspec, [&](RowRef const& row) {
     KeyFacts const facts = encoder_.Encode(entries.index(), row, key);
-    if (row.pending != nullptr) {
+    if (row.pending() != nullptr) {
       entries.Add({key, row.id}, facts, false, state_.now, false);
     } else {
       entries.AddUntouched({key, row.id}, facts, row.layout->number(), state_.now);

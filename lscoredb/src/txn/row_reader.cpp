@@ -32,7 +32,7 @@ RowRef const* RowReader::LoadRow(ObjectId id) {
     return cache_.Put(RefOf(*pending));
   }
   if (CachedRow const* const kept = shared_rows_.Find(id)) {
-    return cache_.Put({id, kept->layout, kept->image(), nullptr});
+    return cache_.Put(RefOf(id, *kept->layout, kept->bytes()));
   }
   return ReadFromStore(id);
 }
@@ -47,10 +47,10 @@ RowRef const* RowReader::ReadFromStore(ObjectId id) {
     stored = {AssembleImage(id, stored), static_cast<std::size_t>(size)};
   }
   if (stored.size() < format::kHeaderSize) Throw(LSCOREDB_DAMAGED);
-  Layout const* const layout = schema_.FindLayout(RowImage(stored.data()).layout());
+  Layout const* const layout = schema_.FindLayout(RowImage(stored).layout());
   if (layout == nullptr || !RowImage::Validate(stored, id, *layout)) Throw(LSCOREDB_DAMAGED);
   shared_rows_.Keep(id, *layout, stored);
-  return cache_.Put({id, layout, stored.data(), nullptr});
+  return cache_.Put(RefOf(id, *layout, stored));
 }
 
 char const* RowReader::AssembleImage(ObjectId id, std::string_view stub) {
@@ -114,7 +114,7 @@ Status RowReader::ReadOtherFixed(ObjectId id, LayoutNumber as, std::uint32_t col
 void RowReader::NoteAccessPlan(RowRef const& row, LayoutNumber as, std::uint32_t column) {
   if (row.image == nullptr) return;
   Layout const& named = as == kNoLayout ? *row.layout : *schema_.FindLayout(as);
-  plans_.Note(RowImage(row.image), *row.layout, named, as, column);
+  plans_.Note(row.stored(), *row.layout, named, as, column);
 }
 
 Status RowReader::ReadOwn(RowRef const& row, std::uint32_t column, Cell* out) {

@@ -46,7 +46,7 @@ class RowReader {
     ColumnAccessPlan const* const plan =
         row == nullptr ? nullptr : FindAccessPlan(*row, as, column, types);
     if (plan == nullptr) return ReadOtherFixed(id, as, column, types, out);
-    RowImage const image(row->image);
+    RowImage const image = row->stored();
     std::uint64_t const present = image.FirstWord() & plan->mask;
     if (present == plan->pattern) [[likely]] {
       *out = image.FixedAt(plan->offset);

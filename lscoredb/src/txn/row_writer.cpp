@@ -59,7 +59,7 @@ Status RowWriter::InsertWithId(LayoutNumber number, ObjectId id) {
 
 // The row in editable form. Its values stay where they are, in the snapshot.
 PendingRow& RowWriter::Promote(RowRef const& row) {
-  if (row.pending != nullptr) return *state_.changes.FindRow(row.id);
+  if (row.pending() != nullptr) return *state_.changes.FindRow(row.id);
   RowRef const source = row;
   Cell* const cells = state_.changes.NewCells(*source.layout);
   for (std::uint32_t i = kFirstStoredColumn; i < source.layout->column_count(); ++i) {
@@ -69,7 +69,7 @@ PendingRow& RowWriter::Promote(RowRef const& row) {
   pending.layout = source.layout;
   pending.setspec = source.Setspec();
   pending.cells = cells;
-  pending.original = source.image;
+  pending.original = {source.image, source.size};
   pending.original_layout = source.layout;
   pending.in_overflow = reader_.IsAssembled(source.id);
   reader_.NoteWritten(pending);

@@ -35,7 +35,7 @@ struct PendingRow {
   Cell setspec;
   Cell* cells = nullptr;  // one for each stored column of `layout`
   // The row as the snapshot has it; null: inserted by this transaction.
-  char const* original = nullptr;
+  std::string_view original;
   Layout const* original_layout = nullptr;
   // The committed indexes over its set; null: not looked up, or no set specifier.
   IndexList const* covering = nullptr;
@@ -44,7 +44,7 @@ struct PendingRow {
   bool deleted = false;
   bool in_overflow = false;  // the committed image
 
-  bool inserted() const { return original == nullptr; }
+  bool inserted() const { return original.data() == nullptr; }
   std::span<Cell const> all_cells() const { return {cells, layout->bit_count()}; }
   Cell& cell(std::uint32_t column) const { return cells[column - kFirstStoredColumn]; }
 };
@@ -54,25 +54,32 @@ struct PendingRow {
 struct RowRef {
   ObjectId id{};
   Layout const* layout = nullptr;
-  char const* image = nullptr;          // of a row as committed
-  PendingRow const* pending = nullptr;  // of a row that the transaction has touched
+  char const* image = nullptr;  // of a row as committed
+  union {
+    PendingRow const* written = nullptr;  // without an image: of a row that the transaction touched
+    std::size_t size;                     // of the image
+  };
+
+  PendingRow const* pending() const { return image == nullptr ? written : nullptr; }
+  RowImage stored() const { return RowImage({image, size}); }  // REQUIRES: there is an image
 
   // REQUIRES: number >= kFirstStoredColumn.
   Cell Read(std::uint32_t number) const {
-    if (pending != nullptr) return pending->cell(number);
-    return RowImage(image).Read(*layout, layout->column(number));
+    if (image == nullptr) return written->cell(number);
+    return stored().Read(*layout, layout->column(number));
   }
-  Cell Setspec() const {
-    return pending != nullptr ? pending->setspec : RowImage(image).Setspec(*layout);
-  }
-  bool deleted() const { return pending != nullptr && pending->deleted; }
-  bool inserted() const { return pending != nullptr && pending->inserted(); }
+  Cell Setspec() const { return image == nullptr ? written->setspec : stored().Setspec(*layout); }
+  bool deleted() const { return pending() != nullptr && written->deleted; }
+  bool inserted() const { return pending() != nullptr && written->inserted(); }
 };
 
-inline RowRef RefOf(PendingRow const& row) { return {row.id, row.layout, nullptr, &row}; }
+inline RowRef RefOf(PendingRow const& row) { return {row.id, row.layout, nullptr, {&row}}; }
+inline RowRef RefOf(ObjectId id, Layout const& layout, std::string_view image) {
+  return {.id = id, .layout = &layout, .image = image.data(), .size = image.size()};
+}
 // The row as the snapshot has it. REQUIRES: !row.inserted().
 inline RowRef OriginalOf(PendingRow const& row) {
-  return {row.id, row.original_layout, row.original, nullptr};
+  return RefOf(row.id, *row.original_layout, row.original);
 }
 
 // ---- keys of rows ------------------------------------------------------------------------------
