@@ -88,7 +88,7 @@ TEST(RowImageTest, ARowWithoutASetSpecifierHasNoEndForIt) {
       "0300000007000080"
       "6f6e6577317732",
       Hex(std::string_view(image).substr(4)));
-  EXPECT_FALSE(RowImage(image.data()).Setspec(TheLayout()).present);
+  EXPECT_FALSE(RowImage(image).Setspec(TheLayout()).present);
 }
 
 TEST(RowImageTest, TheChecksumIsOverTheIdTheNumberOfColumnsAndTheBytes) {
@@ -99,7 +99,7 @@ TEST(RowImageTest, TheChecksumIsOverTheIdTheNumberOfColumnsAndTheBytes) {
 
 TEST(RowImageTest, WhatWasBuiltReadsBack) {
   std::string const image = Build(CellOf("set"));
-  RowImage const row(image.data());
+  RowImage const row(image);
   Layout const& layout = TheLayout();
   ASSERT_TRUE(RowImage::Validate(image, kId, layout));
   EXPECT_EQ("set", row.Setspec(layout).bytes());

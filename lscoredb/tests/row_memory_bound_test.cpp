@@ -97,7 +97,7 @@ class RowMemoryBoundTest : public testing::Test {
     return std::string(builder_.Build(ObjectId{id}, layout_, State(state), {}, cells));
   }
   std::uint64_t ValueIn(CachedRow const& row) const {
-    return RowImage(row.image()).Fixed(layout_, layout_.column(kFirstStoredColumn));
+    return RowImage(row.bytes()).Fixed(layout_, layout_.column(kFirstStoredColumn));
   }
   // As a transaction reads; whether the row was in the table. `stored`: the row in its state.
   bool Read(SharedRowCache::Reader& reader, std::uint64_t id, std::uint64_t state,
