@@ -1,97 +1,155 @@
 #include "data/csv_reader.h"
 
+#include <algorithm>
+
 namespace sagleme {
 namespace {
 
-constexpr int kEnd = std::char_traits<char>::eof();
+constexpr std::string_view kSeparators = ",;\t|";
 
 }  // namespace
 
-// A byte order mark in front is passed over.
-CsvReader::CsvReader(std::istream& input) : input_(input) {
-  if (Peek() != 0xEF) return;
-  for (int i = 0; i < 3; ++i) Take();
+CsvReader::CsvReader(TextInput& input, char separator) : input_(input) {
+  PassOver();
+  separator_ = separator != 0 ? separator : FindSeparator();
+}
+
+// Quoted parts do not count.
+char CsvReader::FindSeparator() {
+  std::size_t counts[kSeparators.size()] = {};
+  bool quoted = false;
+  for (std::size_t at = 0; Has(at) && (quoted || !AtLineEnd(at)); ++at) {
+    if (text_[at] == '"') quoted = !quoted;
+    auto const which = kSeparators.find(text_[at]);
+    if (!quoted && which != std::string_view::npos) ++counts[which];
+  }
+  return kSeparators[static_cast<std::size_t>(std::max_element(counts, std::end(counts)) - counts)];
+}
+
+bool CsvReader::Has(std::size_t at) {
+  if (at < text_.size()) [[likely]]
+    return true;
+  while (input_.More()) {
+    text_ = input_.rest();
+    if (at < text_.size()) return true;
+  }
+  text_ = input_.rest();
+  return false;
+}
+
+FilePlace CsvReader::PlaceOf(std::size_t offset) const {
+  std::string_view const before = text_.substr(0, offset);
+  FilePlace place{place_.line, place_.column + before.size()};
+  for (auto at = before.find('\n'); at != before.npos; at = before.find('\n', at + 1)) {
+    place = {place.line + 1, before.size() - at};
+  }
+  return place;
+}
+
+std::size_t CsvReader::EndOfLine(std::size_t at) {
+  if (Is(at, '\r')) ++at;
+  if (Is(at, '\n')) ++at;
+  return at;
+}
+
+// To the next row: the one that was read, and empty lines, are behind us.
+void CsvReader::PassOver() {
+  auto const consume = [this](std::size_t size) {
+    place_ = PlaceOf(size);
+    input_.Consume(size);
+    text_ = input_.rest();
+  };
+  consume(size_);
+  size_ = 0;
+  std::size_t empty = 0;
+  while (Is(empty, '\n') || Is(empty, '\r')) ++empty;
+  consume(empty);
   place_.column = 1;
 }
 
-int CsvReader::Take() {
-  int const byte = input_.get();
-  if (byte == kEnd) return byte;
-  ++bytes_;
-  raw_ += static_cast<char>(byte);
-  if (byte == '\n') {
-    ++place_.line;
-    place_.column = 1;
-  } else {
-    ++place_.column;
-  }
-  return byte;
+void CsvReader::SkipLine(std::size_t at) {
+  while (Has(at) && text_[at] != '\n') ++at;
+  size_ = EndOfLine(at);
 }
 
-bool CsvReader::AtLineEnd() { return Peek() == '\n' || Peek() == '\r' || Peek() == kEnd; }
-
-void CsvReader::EndLine() {
-  if (Peek() == '\r') Take();
-  if (Peek() == '\n') Take();
-}
-
-void CsvReader::SkipLine() {
-  while (Peek() != '\n' && Peek() != kEnd) Take();
-  EndLine();
-}
-
-void CsvReader::ReadQuoted(CsvField& field) {
-  field.quoted = true;
-  Take();
-  while (true) {
-    int const byte = Take();
-    if (byte == kEnd) throw BadRow(field.place, "a quotation mark is never closed");
-    if (byte == '"') {
-      if (Peek() != '"') break;
-      Take();
+std::size_t CsvReader::ReadQuoted(std::size_t at) {
+  std::size_t const begin = at++;
+  bool escaped = false;
+  for (;; ++at) {
+    if (!Has(at)) {
+      size_ = at;
+      throw BadRow(PlaceOf(begin), "a quotation mark is never closed");
     }
-    field.text += static_cast<char>(byte);
+    if (text_[at] != '"') continue;
+    if (!Is(at + 1, '"')) break;
+    escaped = true;
+    ++at;
   }
-  if (Peek() != ',' && !AtLineEnd()) {
-    throw BadRow(place_, "a comma or the end of the line must follow a closing quotation mark");
+  pieces_.push_back({begin, at, true, escaped});
+  ++at;
+  if (!Is(at, separator_) && !AtLineEnd(at)) {
+    size_ = at;
+    throw BadRow(PlaceOf(at),
+                 "a separator or the end of the line must follow a closing quotation mark");
+  }
+  return at;
+}
+
+std::size_t CsvReader::ReadBare(std::size_t at) {
+  std::size_t const begin = at;
+  auto const ends = [this](char byte) {
+    return byte == separator_ || byte == '\n' || byte == '\r' || byte == '"';
+  };
+  do {
+    while (at < text_.size() && !ends(text_[at])) ++at;
+  } while (at == text_.size() && Has(at));
+  if (Is(at, '"')) {
+    size_ = at;
+    throw BadRow(PlaceOf(at), "a value with a quotation mark in it must be quoted");
+  }
+  pieces_.push_back({begin, at, false, false});
+  return at;
+}
+
+std::size_t CsvReader::ReadField(std::size_t at) {
+  return Is(at, '"') ? ReadQuoted(at) : ReadBare(at);
+}
+
+// Only places are noted until the row is there: reading on moves the text.
+void CsvReader::ReadRow() {
+  pieces_.clear();
+  std::size_t at = ReadField(0);
+  while (Is(at, separator_)) at = ReadField(at + 1);
+  size_ = EndOfLine(at);
+  fields_.clear();
+  std::size_t unescaped = 0;
+  for (Piece const& piece : pieces_) {
+    std::size_t const begin = piece.begin + (piece.quoted ? 1 : 0);
+    std::string_view text = text_.substr(begin, piece.end - begin);
+    if (piece.escaped) {
+      if (unescaped == unescaped_.size()) unescaped_.emplace_back();
+      std::string& plain = unescaped_[unescaped++];
+      plain.clear();
+      for (std::size_t i = 0; i < text.size(); ++i) {
+        plain.push_back(text[i]);
+        if (text[i] == '"') ++i;
+      }
+      text = plain;
+    }
+    fields_.push_back({text, piece.quoted, piece.begin});
   }
 }
 
-CsvField CsvReader::ReadField() {
-  CsvField field;
-  field.place = place_;
-  if (Peek() == '"') {
-    ReadQuoted(field);
-    return field;
-  }
-  while (Peek() != ',' && !AtLineEnd()) {
-    if (Peek() == '"') throw BadRow(place_, "a value with a quotation mark in it must be quoted");
-    field.text += static_cast<char>(Take());
-  }
-  return field;
-}
-
-bool CsvReader::ReadRow(std::vector<CsvField>& fields) {
-  while (Peek() == '\n' || Peek() == '\r') Take();
-  raw_.clear();
-  if (Peek() == kEnd) return false;
-  fields.push_back(ReadField());
-  while (Peek() == ',') {
-    Take();
-    fields.push_back(ReadField());
-  }
-  EndLine();
-  return true;
-}
-
-bool CsvReader::Next(std::vector<CsvField>& fields) {
-  fields.clear();
+bool CsvReader::Next() {
+  PassOver();
+  if (!Has(0)) return false;
   try {
-    return ReadRow(fields);
+    ReadRow();
   } catch (BadRow const&) {
-    SkipLine();
+    SkipLine(size_);
     throw;
   }
+  return true;
 }
 
 }  // namespace sagleme

@@ -1,47 +1,69 @@
 #ifndef SAGLEME_HOST_DATA_CSV_READER_H
 #define SAGLEME_HOST_DATA_CSV_READER_H
 
-// Lines of values separated by commas, as RFC 4180 has them, with the place of every value, which
-// is why it is written here. A quoted empty value is the empty text, a bare one is null.
+// Lines of values with a separator between them, as RFC 4180 has them, with the place of every
+// value, which is why it is written here. A quoted empty value is the empty text, a bare one is
+// null. Values are views into the text that was read, so that a row costs no memory of its own.
 
-#include <cstddef>
-#include <istream>
+#include <deque>
 #include <sagleme/host/rows.hpp>
 #include <string>
+#include <string_view>
 #include <vector>
+
+#include "data/text_input.h"
 
 namespace sagleme {
 
 struct CsvField {
-  std::string text;
+  std::string_view text;
   bool quoted = false;
-  FilePlace place;
+  std::size_t offset = 0;  // in the row, of its quotation mark if it has one
 };
 
 class CsvReader {
  public:
-  explicit CsvReader(std::istream& input);
+  // `separator` 0: the one that the first line has most of. The input has to outlive it.
+  CsvReader(TextInput& input, char separator);
 
   // False at the end. Empty lines are passed over. After BadRow the next line can be read.
-  bool Next(std::vector<CsvField>& fields);
-  // The bytes of the row read last, as they stand in the file.
-  std::string const& raw() const { return raw_; }
-  std::size_t bytes() const { return bytes_; }
+  bool Next();
+  // The row read last; valid until the next call.
+  std::vector<CsvField> const& fields() const { return fields_; }
+  // Its bytes as they stand in the file, with the end of the line.
+  std::string_view raw() const { return input_.rest().substr(0, size_); }
+  // A place in it.
+  FilePlace PlaceOf(std::size_t offset) const;
 
  private:
-  int Take();
-  int Peek() { return input_.peek(); }
-  bool AtLineEnd();
-  void EndLine();
-  void SkipLine();
-  CsvField ReadField();
-  void ReadQuoted(CsvField& field);
-  bool ReadRow(std::vector<CsvField>& fields);
+  // Whether there is a byte at an offset; reads on when there was none.
+  bool Has(std::size_t at);
+  bool Is(std::size_t at, char byte) { return Has(at) && text_[at] == byte; }
+  bool AtLineEnd(std::size_t at) { return !Has(at) || text_[at] == '\n' || text_[at] == '\r'; }
+  std::size_t EndOfLine(std::size_t at);
+  void PassOver();
+  void SkipLine(std::size_t at);
+  std::size_t ReadField(std::size_t at);
+  std::size_t ReadBare(std::size_t at);
+  std::size_t ReadQuoted(std::size_t at);
+  void ReadRow();
+  char FindSeparator();
 
-  std::istream& input_;
-  std::string raw_;
+  struct Piece {
+    std::size_t begin = 0;
+    std::size_t end = 0;
+    bool quoted = false;
+    bool escaped = false;  // has doubled quotation marks
+  };
+
+  TextInput& input_;
+  char separator_ = ',';
+  std::string_view text_;  // what was read and is not behind us, from the row on
+  std::size_t size_ = 0;   // of the row
   FilePlace place_;
-  std::size_t bytes_ = 0;
+  std::vector<Piece> pieces_;
+  std::vector<CsvField> fields_;
+  std::deque<std::string> unescaped_;
 };
 
 }  // namespace sagleme

@@ -1,50 +1,23 @@
 #include <fmt/format.h>
 #include <lscoredb/host.h>
 
-#include <filesystem>
-#include <nlohmann/json.hpp>
+#include <algorithm>
+#include <optional>
 #include <sagleme/counts.hpp>
 #include <sagleme/host/dump.hpp>
 #include <sagleme/schema_plan.hpp>
 
-#include "text/json_value.h"
+#include "data/dump_reader.h"
+#include "data/new_ids.h"
+#include "data/row_writer.h"
+#include "data/scaffold.h"
 
 namespace sagleme {
 namespace {
 
-using Json = nlohmann::json;
-
 // From here on the kernel does not come near identities that callers choose.
 constexpr std::uint64_t kFarIdentities = std::uint64_t{1} << 61;
-
-// A directory that is removed with the object unless it was given its final name.
-class Scaffold {
- public:
-  explicit Scaffold(std::string place) : place_(std::move(place)), path_(place_ + ".loading") {
-    std::error_code ignored;
-    if (std::filesystem::exists(place_) && !std::filesystem::is_empty(place_, ignored)) {
-      throw Failure(Failure::Kind::kRefused, fmt::format("{} already exists", place_),
-                    "Name a directory that does not exist.");
-    }
-    std::filesystem::remove_all(path_);  // of a load that was cut off
-  }
-  ~Scaffold() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-  }
-  Scaffold(Scaffold const&) = delete;
-  Scaffold& operator=(Scaffold const&) = delete;
-
-  std::string const& path() const { return path_; }
-  void Finish() {
-    std::filesystem::remove(place_);
-    std::filesystem::rename(path_, place_);
-  }
-
- private:
-  std::string place_;
-  std::string path_;
-};
+constexpr std::uint64_t kBatch = 20000;
 
 // The kernel keeps its own identities above those of the dump, the catalogue's included: every
 // object comes back with the identity that it had, which may be known outside of the database.
@@ -58,122 +31,113 @@ void LeaveIdentities(std::string const& directory, std::uint64_t first) {
 
 class Loader {
  public:
-  Loader(std::istream& input, std::string const& source, TransferReport const& report)
-      : input_(input), source_(source), report_(report) {}
+  Loader(DumpReader& dump, LoadOptions const& options) : dump_(dump), options_(options) {}
 
-  std::uint64_t Run(std::string const& directory) {
-    ReadAll();
+  LoadResult Run(std::string const& directory) {
+    dump_.Survey([this](DumpedObject const& object) { Note(object.id); });
+    new_ids_.Finish();
     LeaveIdentities(directory, highest_ + 1);
-    auto const database = Database::Create(directory);
+    // Nobody else sees the database before it is whole, and then it is brought onto the disk.
+    auto const database = Database::Create(directory, {}, {.no_sync = true});
     Context const context(database);
-    Transaction transaction(context);
-    ApplyPlan(transaction, CompareSchemas(ReadSchema(transaction, false), schema_));
-    WriteObjects(transaction);
-    transaction.Commit();
-    return lines_.size();
+    ApplySchema(context, dump_.schema());
+    WriteObjects(context);
+    return result_;
   }
 
  private:
-  [[noreturn]] void Refuse(std::size_t line, std::string const& what) const {
-    throw Failure(Failure::Kind::kBadData, fmt::format("{}:{}: {}", source_, line, what),
-                  "No database was created.");
-  }
+  struct Target {
+    TablePtr table;
+    std::vector<Column const*> columns;
+  };
 
-  void ReadAll() {
-    std::string line;
-    if (!std::getline(input_, line)) Refuse(1, "the dump is empty");
-    schema_ = ParseSchema(line, source_);
-    ValidateSchema(schema_, source_);
-    while (std::getline(input_, line)) lines_.push_back(std::move(line));
-    std::string const end = TakeEnd();
-    std::vector<std::uint64_t> by_table(schema_.tables.size());
-    for (std::size_t i = 0; i < lines_.size(); ++i) {
-      Json const object = ParseLine(i);
-      auto const id = object["id"].get<std::uint64_t>();
-      if (id < kFarIdentities) highest_ = std::max(highest_, id);
-      ++by_table[object["t"].get<std::size_t>()];
+  void Note(ObjectId id) {
+    if (options_.new_ids) {
+      new_ids_.Add(id.value);
+      highest_ = new_ids_.size();
+    } else if (id.value < kFarIdentities) {
+      highest_ = std::max(highest_, id.value);
     }
-    if (Json::parse(end, nullptr, false) != EndOf(lines_.size(), by_table)) {
-      Refuse(lines_.size() + 2, "the dump is not whole: its last line counts other objects");
+    if (options_.report) options_.report({0, 0, 0});
+  }
+
+  static void ApplySchema(Context const& context, SchemaDoc const& schema) {
+    Transaction transaction(context);
+    ApplyPlan(transaction, CompareSchemas(ReadSchema(transaction, false), schema));
+    transaction.Commit();
+  }
+
+  void WriteObjects(Context const& context) {
+    for (bool more = true; more;) {
+      Transaction transaction(context);
+      more = WriteBatch(transaction);
+      transaction.Commit();
     }
   }
 
-  static Json EndOf(std::uint64_t objects, std::vector<std::uint64_t> const& by_table) {
-    return {{"end", {{"objects", objects}, {"tables", by_table}}}};
-  }
-
-  // The line behind the objects. A dump that was cut has none, wherever the cut is.
-  std::string TakeEnd() {
-    if (lines_.empty() || !lines_.back().starts_with("{\"end\":")) {
-      Refuse(lines_.size() + 2,
-             "the dump is cut: the last line, which counts the objects, is missing");
+  bool WriteBatch(Transaction& transaction) {
+    std::vector<Target> targets;
+    for (TableDoc const& each : dump_.schema().tables) {
+      TablePtr const table = transaction.table(each.name);
+      targets.push_back({table, UserColumns(*table)});
     }
-    std::string end = std::move(lines_.back());
-    lines_.pop_back();
-    return end;
-  }
-
-  Json ParseLine(std::size_t i) const {
-    try {
-      Json json = Json::parse(lines_[i]);
-      if (json.is_object() && json.contains("id") && json["id"].is_number_unsigned() &&
-          json.contains("t") && json["t"].is_number_unsigned() &&
-          json["t"].get<std::size_t>() < schema_.tables.size() && json.contains("v") &&
-          json["v"].is_array()) {
-        return json;
-      }
-    } catch (Json::parse_error const&) {
-    }
-    Refuse(i + 2, "not an object of the dump");
-  }
-
-  void WriteObjects(Transaction& transaction) {
-    std::vector<TablePtr> tables;
-    for (TableDoc const& table : schema_.tables) tables.push_back(transaction.table(table.name));
-    for (std::size_t i = 0; i < lines_.size(); ++i) {
-      Json const json = ParseLine(i);
+    RowWriter writer(transaction);
+    DumpedObject object;
+    for (std::uint64_t i = 0; i < kBatch; ++i) {
+      if (!dump_.Next(&object)) return false;
       try {
-        WriteObject(transaction, *tables[json["t"].get<std::size_t>()], json);
+        WriteObject(writer, targets[object.table], object.id);
       } catch (BadValue const& error) {
-        Refuse(i + 2, error.what());
+        dump_.Refuse(error.what());
       } catch (Error const& error) {
-        Refuse(i + 2, error.what());
+        dump_.Refuse(error.what());
       }
-      if (report_) report_({i + 1, i + 1, lines_.size()});
+      ++result_.objects;
+      if (options_.report) options_.report({result_.objects, result_.objects, dump_.objects()});
     }
+    return true;
   }
 
-  static void WriteObject(Transaction& transaction, Table const& table, Json const& json) {
-    auto const columns = UserColumns(table);
-    Json const& values = json["v"];
-    if (values.size() != columns.size())
+  void WriteObject(RowWriter& writer, Target const& target, ObjectId id) {
+    std::vector<Column const*> const& columns = target.columns;
+    if (dump_.value_count() != columns.size()) {
       throw BadValue("the number of values differs from the number of columns");
-    auto object = Object::CreateWithId(transaction, table, {json["id"].get<std::uint64_t>()});
+    }
+    writer.Begin(*target.table, options_.new_ids ? new_ids_.Find(id.value) : id);
     for (std::size_t i = 0; i < columns.size(); ++i) {
-      if (values[i].is_null()) continue;
-      // A reference may lead to an object of a later line.
-      detail::PutValue(
-          {transaction.context(), object.id().value, table.layout, columns[i]->ordinal},
-          columns[i]->type, ParseJsonValue(columns[i]->type, values[i]));
+      RowValue const value = dump_.value(i);
+      if (value.kind != RowValue::Kind::kNull) Put(writer, *columns[i], value);
+    }
+    writer.Finish();
+  }
+
+  void Put(RowWriter& writer, Column const& column, RowValue const& value) {
+    if (!options_.new_ids || column.type != Type::kReference) return writer.Put(column, value);
+    auto const old = std::get<ObjectId>(ParseRowValue(column.type, value));
+    ObjectId const target = new_ids_.Find(old.value);
+    if (target.value == 0) {
+      ++result_.dropped_references;
+    } else {
+      writer.Put(column, Value(target));
     }
   }
 
-  std::istream& input_;
-  std::string source_;
-  TransferReport const& report_;
-  SchemaDoc schema_;
-  std::vector<std::string> lines_;
+  DumpReader& dump_;
+  LoadOptions const& options_;
+  LoadResult result_;
+  NewIds new_ids_;
   std::uint64_t highest_ = 0;
 };
 
 }  // namespace
 
-std::uint64_t Load(std::string const& directory, std::istream& input, std::string const& source,
-                   TransferReport const& report) {
+LoadResult Load(std::string const& directory, std::istream& input, std::string const& source,
+                LoadOptions const& options) {
   Scaffold scaffold(directory);
-  std::uint64_t const count = Loader(input, source, report).Run(scaffold.path());
+  DumpReader dump(input, source, scaffold.scratch());
+  LoadResult const result = Loader(dump, options).Run(scaffold.database());
   scaffold.Finish();
-  return count;
+  return result;
 }
 
 }  // namespace sagleme

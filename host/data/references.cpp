@@ -3,8 +3,6 @@
 #include <optional>
 #include <sagleme/host/references.hpp>
 
-#include "text/json_value.h"
-
 namespace sagleme {
 namespace {
 

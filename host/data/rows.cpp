@@ -1,128 +1,141 @@
 #include <fmt/format.h>
 
-#include <nlohmann/json.hpp>
 #include <sagleme/host/rows.hpp>
 #include <set>
+#include <unordered_map>
 
 #include "data/csv_reader.h"
-#include "text/json_value.h"
+#include "data/flat_json.h"
 
 namespace sagleme {
 namespace {
 
 class CsvSource : public RowSource {
  public:
-  explicit CsvSource(std::istream& input) : reader_(input) {
-    if (!reader_.Next(heading_)) throw BadRow({}, "the file has no heading line");
-    heading_text_ = reader_.raw();
-    std::set<std::string> names;
-    for (CsvField const& field : heading_) {
-      if (!names.insert(field.text).second) {
-        throw BadRow(field.place, fmt::format("column {} is named twice", field.text));
+  CsvSource(std::istream& input, char separator) : input_(input), reader_(input_, separator) {
+    if (!reader_.Next()) throw BadRow({}, "the file has no heading line");
+    heading_ = reader_.raw();
+    std::set<std::string_view> seen;
+    for (CsvField const& field : reader_.fields()) {
+      FilePlace const place = reader_.PlaceOf(field.offset);
+      if (!seen.insert(field.text).second) {
+        throw BadRow(place, fmt::format("column {} is named twice", field.text));
       }
+      names_.emplace_back(field.text);
+      places_.push_back(place);
     }
+    values_.resize(names_.size());
   }
 
-  bool Next(std::vector<RowField>& row) override {
-    row.clear();
-    bool const more = reader_.Next(fields_);
-    if (!more) return false;
-    place_ = fields_.front().place;
-    if (fields_.size() != heading_.size()) {
-      throw BadRow(place_, fmt::format("the row has {} values, but the heading has {}",
-                                       fields_.size(), heading_.size()));
+  bool Next() override {
+    if (!reader_.Next()) return false;
+    std::vector<CsvField> const& fields = reader_.fields();
+    if (fields.size() != names_.size()) {
+      throw BadRow(place(), fmt::format("the row has {} values, but the heading has {}",
+                                        fields.size(), names_.size()));
     }
-    for (std::size_t i = 0; i < fields_.size(); ++i) row.push_back(ToRowField(i));
+    for (std::size_t i = 0; i < fields.size(); ++i) {
+      bool const null = fields[i].text.empty() && !fields[i].quoted;
+      values_[i] = {i, null ? RowValue::Kind::kNull : RowValue::Kind::kText, fields[i].text, {}};
+    }
     return true;
   }
-  FilePlace place() const override { return place_; }
-  std::string raw() const override { return reader_.raw(); }
-  std::size_t bytes() const override { return reader_.bytes(); }
-  std::vector<RowField> names() const override {
-    std::vector<RowField> names;
-    for (CsvField const& field : heading_) {
-      names.push_back({field.text, field.text, false, field.place, {}});
-    }
-    return names;
+  std::span<RowValue const> values() const override { return values_; }
+  std::vector<std::string> const& names() const override { return names_; }
+  bool has_heading() const override { return true; }
+  FilePlace place() const override { return reader_.PlaceOf(0); }
+  FilePlace PlaceOf(RowValue const& value) const override {
+    return reader_.PlaceOf(reader_.fields()[value.name].offset);
   }
-  std::string heading() const override { return heading_text_; }
+  FilePlace PlaceOfName(std::size_t name) const override { return places_[name]; }
+  std::string raw() const override { return std::string(reader_.raw()); }
+  std::string heading() const override { return heading_; }
+  std::uint64_t bytes() const override { return input_.bytes(); }
 
  private:
-  RowField ToRowField(std::size_t i) const {
-    CsvField const& field = fields_[i];
-    bool const null = field.text.empty() && !field.quoted;
-    auto const parse = [null, text = field.text](Type type) -> Value {
-      if (null) return Null{};
-      return ParseValue(type, text);
-    };
-    return {heading_[i].text, field.text, null, field.place, parse};
-  }
-
+  TextInput input_;
   CsvReader reader_;
-  std::vector<CsvField> heading_;
-  std::string heading_text_;
-  std::vector<CsvField> fields_;
-  FilePlace place_;
+  std::string heading_;
+  std::vector<std::string> names_;
+  std::vector<FilePlace> places_;
+  std::vector<RowValue> values_;
 };
 
 class JsonSource : public RowSource {
  public:
   explicit JsonSource(std::istream& input) : input_(input) {}
 
-  bool Next(std::vector<RowField>& row) override {
-    row.clear();
+  bool Next() override {
+    values_.clear();
     if (!NextLine()) return false;
-    nlohmann::json const json = Parse();
-    for (auto const& [name, value] : json.items()) row.push_back(ToRowField(name, value));
+    Parse();
+    for (std::size_t i = 0; i < json_.size(); ++i) {
+      JsonMember const& member = json_.member(i);
+      RowValue value = member.value.view();
+      value.name = NumberOf(member.name, i);
+      if (row_of_name_[value.name] == line_) {
+        throw BadRow(PlaceOf(value), fmt::format("column {} is named twice", member.name));
+      }
+      row_of_name_[value.name] = line_;
+      values_.push_back(value);
+    }
     return true;
   }
+  std::span<RowValue const> values() const override { return values_; }
+  std::vector<std::string> const& names() const override { return names_; }
+  bool has_heading() const override { return false; }
   FilePlace place() const override { return {line_, 1}; }
-  std::string raw() const override { return text_ + "\n"; }
-  std::size_t bytes() const override { return bytes_; }
+  // JSON readers tell no places of values: where the name first stands is the best that there is.
+  FilePlace PlaceOf(RowValue const& value) const override {
+    auto const at = text_.find("\"" + names_[value.name] + "\"");
+    return {line_, at == std::string_view::npos ? 1 : at + 1};
+  }
+  FilePlace PlaceOfName(std::size_t name) const override { return PlaceOf({name, {}, {}, {}}); }
+  std::string raw() const override { return std::string(text_) + "\n"; }
+  std::string heading() const override { return ""; }
+  std::uint64_t bytes() const override { return input_.bytes(); }
 
  private:
   bool NextLine() {
-    while (std::getline(input_, text_)) {
+    while (input_.NextLine(text_)) {
       ++line_;
-      bytes_ += text_.size() + 1;
-      if (text_.find_first_not_of(" \t\r") != std::string::npos) return true;
+      if (text_.find_first_not_of(" \t\r") != std::string_view::npos) return true;
     }
     return false;
   }
-  nlohmann::json Parse() const {
+  void Parse() {
     try {
-      nlohmann::json json = nlohmann::json::parse(text_);
-      if (json.is_object()) return json;
-    } catch (nlohmann::json::parse_error const& error) {
-      throw BadRow({line_, error.byte}, "the line is not valid JSON");
+      json_.Parse(text_);
+    } catch (BadJson const& bad) {
+      throw BadRow({line_, bad.byte()}, bad.what());
     }
-    throw BadRow({line_, 1}, "the line is not a JSON object");
   }
-  // JSON readers tell no places of values: where the name first stands is the best that there is.
-  FilePlace PlaceOf(std::string const& name) const {
-    auto const at = text_.find("\"" + name + "\"");
-    return {line_, at == std::string::npos ? 1 : at + 1};
-  }
-  RowField ToRowField(std::string const& name, nlohmann::json const& value) const {
-    std::string const text = value.is_string() ? value.get<std::string>() : value.dump();
-    auto const parse = [value](Type type) { return ParseJsonValue(type, value); };
-    return {name, text, value.is_null(), PlaceOf(name), parse};
+  // Rows mostly have the same names in the same order.
+  std::size_t NumberOf(std::string const& name, std::size_t guess) {
+    if (guess < names_.size() && names_[guess] == name) return guess;
+    auto const [at, added] = numbers_.emplace(name, names_.size());
+    if (added) {
+      names_.push_back(name);
+      row_of_name_.push_back(0);
+    }
+    return at->second;
   }
 
-  std::istream& input_;
-  std::string text_;
+  TextInput input_;
+  std::string_view text_;
   std::size_t line_ = 0;
-  std::size_t bytes_ = 0;
+  FlatJson json_;
+  std::vector<std::string> names_;
+  std::unordered_map<std::string, std::size_t> numbers_;
+  std::vector<std::size_t> row_of_name_;  // the line in which each came last
+  std::vector<RowValue> values_;
 };
 
 }  // namespace
 
-std::unique_ptr<RowSource> MakeCsvSource(std::istream& input) {
-  return std::make_unique<CsvSource>(input);
-}
-
-std::unique_ptr<RowSource> MakeJsonSource(std::istream& input) {
-  return std::make_unique<JsonSource>(input);
+std::unique_ptr<RowSource> OpenRows(std::istream& input, RowFormat const& format) {
+  if (format.form == FileForm::kJsonLines) return std::make_unique<JsonSource>(input);
+  return std::make_unique<CsvSource>(input, format.separator);
 }
 
 }  // namespace sagleme

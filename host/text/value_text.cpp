@@ -1,18 +1,19 @@
 #include <fmt/format.h>
 
+#include <bit>
 #include <charconv>
 #include <cmath>
 #include <limits>
-#include <nlohmann/json.hpp>
 #include <sagleme/host/text.hpp>
 #include <sagleme/value_text.hpp>
-
-#include "text/json_value.h"
 
 namespace sagleme {
 namespace {
 
 constexpr std::uint64_t kMillion = 1000000;
+
+template <typename T>
+using BitsOf = std::conditional_t<sizeof(T) == sizeof(std::uint32_t), std::uint32_t, std::uint64_t>;
 
 struct ToText {
   std::string operator()(Null) const { return ""; }
@@ -26,9 +27,17 @@ struct ToText {
   std::string operator()(Bytes const& value) const { return Base64(value); }
   std::string operator()(ObjectId value) const { return std::to_string(value.value); }
 
+  // One that is not the usual one comes with its bits.
+  template <typename T>
+  static std::string NanText(T value) {
+    auto const bits = std::bit_cast<BitsOf<T>>(value);
+    if (bits == std::bit_cast<BitsOf<T>>(std::numeric_limits<T>::quiet_NaN())) return "nan";
+    return fmt::format("nan({:0{}x})", bits, 2 * sizeof bits);
+  }
+
   template <typename T>
   static std::string Floating(T value) {
-    if (std::isnan(value)) return "nan";  // a sign of nan says nothing
+    if (std::isnan(value)) return NanText(value);
     // JSON readers take "-0" for the integer, which has no sign.
     if (value == 0 && std::signbit(value)) return "-0.0";
     return fmt::format("{}", value);
@@ -69,6 +78,19 @@ T ParseNumber(std::string_view text) {
   return value;
 }
 
+// Also nan(bits), where the bits are hexadecimal digits as ValueText writes them.
+template <typename T>
+T ParseFloating(std::string_view text) {
+  if (!text.starts_with("nan(")) return ParseNumber<T>(text);
+  BitsOf<T> bits = 0;
+  std::string_view const digits = text.substr(4, 2 * sizeof bits);
+  auto const [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), bits, 16);
+  bool const whole = error == std::errc() && end == digits.data() + 2 * sizeof bits;
+  auto const value = std::bit_cast<T>(bits);
+  if (whole && std::isnan(value) && text.substr(4 + digits.size()) == ")") return value;
+  throw BadValue(fmt::format("\"{}\" is not a number", text));
+}
+
 bool ParseBool(std::string_view text) {
   if (text == "true" || text == "1") return true;
   if (text == "false" || text == "0") return false;
@@ -105,17 +127,6 @@ std::u16string ParseText(std::string_view text) {
   throw BadValue("a stored text cannot contain U+0000");
 }
 
-std::u16string ParseUnits(nlohmann::json const& json) {
-  std::u16string units;
-  for (auto const& unit : json.at("utf16")) {
-    if (!unit.is_number_unsigned() || unit.get<std::uint64_t>() - 1 >= 0xFFFF) {
-      throw BadValue(unit.dump() + " is not a unit of UTF-16 text");
-    }
-    units.push_back(unit.get<char16_t>());
-  }
-  return units;
-}
-
 }  // namespace
 
 std::string DecimalText(Decimal value) {
@@ -147,29 +158,15 @@ Value ParseValue(Type type, std::string_view text) {
     case Type::kDecimal:
       return ParseDecimal(text);
     case Type::kFloat:
-      return ParseNumber<float>(text);
+      return ParseFloating<float>(text);
     case Type::kDouble:
-      return ParseNumber<double>(text);
+      return ParseFloating<double>(text);
     case Type::kReference:
       return ObjectId{ParseNumber<std::uint64_t>(text)};
     case Type::kBool:
       return ParseBool(text);
   }
   throw BadValue("the type of the column is not known");
-}
-
-Value ParseJsonValue(Type type, nlohmann::json const& json) {
-  if (json.is_null()) return Null{};
-  if (json.is_object() && json.contains("utf16") && type == Type::kString) {
-    return ParseUnits(json);
-  }
-  if (json.is_string()) return ParseValue(type, json.get_ref<std::string const&>());
-  if (type == Type::kString || json.is_structured()) {
-    throw BadValue(json.dump() + " is not a " + std::string(TypeName(type)));
-  }
-  if (type == Type::kDouble && json.is_number()) return json.get<double>();
-  if (type == Type::kFloat && json.is_number()) return json.get<float>();
-  return ParseValue(type, json.dump());
 }
 
 }  // namespace sagleme

@@ -7,7 +7,8 @@
 //   binary     base64
 //   long, ulong, key   decimal digits
 //   decimal    digits with at most six after the point
-//   float, double      the shortest digits that read back the same; nan, inf, -inf
+//   float, double      the shortest digits that read back the same; inf, -inf, nan, and with its
+//                      bits in hexadecimal digits any other NaN: nan(7ff8000000000001)
 //   reference  the object's id
 //   bool       true, false
 //

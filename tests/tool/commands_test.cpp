@@ -146,11 +146,11 @@ TEST_F(CommandsTest, Describe_AnUnknownName_IsRefused) { On("describe", {"Nothin
 TEST_F(CommandsTest, Get_FollowsReferencesOnRequest) {
   Json const books = List("scan", {"Book", "--where", "Title=One"});
   ASSERT_EQ(1u, books.size());
-  std::string const id = std::to_string(books[0]["id"].get<int>());
+  std::string const id = std::to_string(books[0]["_oid"].get<int>());
   Json const book = List("get", {id, "--follow", "Owner"});
   EXPECT_EQ("One", book["Title"]);
   EXPECT_EQ("1.5", book["Price"]);
-  EXPECT_EQ("App.Person", book["Owner.table"]);
+  EXPECT_EQ("App.Person", book["Owner._table"]);
   EXPECT_EQ("Ada", book["Owner.Name"]);
 }
 
@@ -158,7 +158,7 @@ TEST_F(CommandsTest, Get_AnUnknownObject_IsAProblem) { On("get", {"99999999"}, 1
 
 TEST_F(CommandsTest, Get_FollowingWhatIsNoReference_IsUsage) {
   Json const books = List("scan", {"Book"});
-  On("get", {std::to_string(books[0]["id"].get<int>()), "--follow", "Title"}, 2);
+  On("get", {std::to_string(books[0]["_oid"].get<int>()), "--follow", "Title"}, 2);
 }
 
 TEST_F(CommandsTest, Find_ByKeyByBeginningAndInReverse) {
@@ -194,7 +194,7 @@ TEST_F(CommandsTest, Scan_WithConditions_TakesWhatMeetsAll) {
 TEST_F(CommandsTest, Lists_InEveryForm) {
   Arguments const scan{"Person", "--format"};
   auto const in = [&](char const* form) { return On("scan", {"Person", "--format", form}).out; };
-  EXPECT_TRUE(Contains(in("csv"), "id,table,Name,Height\n")) << in("csv");
+  EXPECT_TRUE(Contains(in("csv"), "_oid,_table,Name,Height\n")) << in("csv");
   EXPECT_TRUE(Contains(in("markdown"), "| Ada | 1.5 |")) << in("markdown");
   EXPECT_TRUE(Contains(in("table"), "Name       Height\n")) << in("table");
   EXPECT_TRUE(Contains(in("table"), "José 日本  -\n")) << in("table");

@@ -57,13 +57,13 @@ TEST_F(DataTest, Import_OfEveryType_ComesBackFromExportInBothForms) {
 TEST_F(DataTest, Import_OfJsonLines_TakesReferencesByIdAndByUniqueIndex) {
   On("import", {"Person", "-", "--jsonl"}, 0, "{\"Name\": \"Ada\"}\n\n{\"Name\": \"Bob\"}\n");
   Json const people = Json::parse(On("scan", {"Person", "--format", "json"}).out);
-  std::string const id = people[0]["id"].dump();
+  std::string const id = people[0]["_oid"].dump();
   On("import", {"Book", "-", "--jsonl"}, 0,
      "{\"Title\": \"a\", \"Isbn\": 1, \"Price\": 1, \"Owner\": " + id +
          "}\n{\"Title\": \"b\", \"Isbn\": 2, \"Price\": 1, \"Owner\": \"Name=Bob\"}\n");
   Json const books = Json::parse(On("scan", {"Book", "--format", "json"}).out);
-  EXPECT_EQ(people[0]["id"], books[0]["Owner"]);
-  EXPECT_EQ(people[1]["id"], books[1]["Owner"]);
+  EXPECT_EQ(people[0]["_oid"], books[0]["Owner"]);
+  EXPECT_EQ(people[1]["_oid"], books[1]["Owner"]);
 }
 
 TEST_F(DataTest, Export_OfASubtree_CanBeImportedIntoIt) {

@@ -119,7 +119,7 @@ TEST_F(PromptTest, Settings_ChangeTheFormOfLists) {
   std::string const shown =
       On("shell", {}, 0, "expanded on\nscan Person\nexpanded off\nscan Person\nwidth\n").out;
   EXPECT_NE(std::string::npos, shown.find("expanded on\n[1]\n")) << shown;
-  EXPECT_NE(std::string::npos, shown.find("expanded off\nid,table,Name")) << shown;
+  EXPECT_NE(std::string::npos, shown.find("expanded off\n_oid,_table,Name")) << shown;
   EXPECT_NE(std::string::npos, shown.find("width auto\n")) << shown;
   EXPECT_NE(std::string::npos, On("shell", {}, 0, "timing on\ntables\n").err.find(" s\n"));
   EXPECT_NE(std::string::npos, On("shell", {}, 2, "paging maybe\n").err.find("takes on or off"));

@@ -24,13 +24,28 @@ namespace sagleme {
 SAGLEME_HOST_API std::uint64_t Dump(Transaction& transaction, TextSink const& to,
                                     TransferReport const& report = {});
 
-// Makes a new database of a dump in `directory`, which does not exist or is empty, and returns the
-// number of objects. It comes into being whole or not at all: what is loaded grows beside its
-// place.
-// `source` names the dump in messages. Failure of kRefused when the place is taken, of kBadData
-// with the line for a bad dump, of kBadInput for a schema that no database can have.
-SAGLEME_HOST_API std::uint64_t Load(std::string const& directory, std::istream& input,
-                                    std::string const& source, TransferReport const& report = {});
+struct LoadOptions {
+  // Objects get new identities, 1 and up in the order of the dump, and references follow them.
+  bool new_ids = false;
+  TransferReport report;  // `done` counts objects
+};
+
+struct LoadResult {
+  std::uint64_t objects = 0;
+  // References to objects that the dump does not have, which new identities turn into null.
+  std::uint64_t dropped_references = 0;
+};
+
+// Makes a new database of a dump in `directory`, which does not exist or is empty. It comes into
+// being whole or not at all: what is loaded grows in the directory `directory`.loading, beside it.
+// A stream that cannot be read twice, such as a pipe, is kept in a file
+// there. `source` names the dump in messages.
+//
+// Memory is bounded whatever the dump holds; with new identities it follows the gaps between the
+// old ones. Failure of kRefused when the place is taken, of kBadData with the line for a bad dump,
+// of kBadInput for a schema that no database can have.
+SAGLEME_HOST_API LoadResult Load(std::string const& directory, std::istream& input,
+                                 std::string const& source, LoadOptions const& options = {});
 
 }  // namespace sagleme
 

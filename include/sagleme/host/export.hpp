@@ -1,23 +1,37 @@
 #ifndef SAGLEME_HOST_EXPORT_HPP
 #define SAGLEME_HOST_EXPORT_HPP
 
-// Objects as lines of a file that import takes back.
+// Writes the objects of a table as a file that import takes back.
+//
+// A CSV file has the columns of the table and of all tables derived from it; where an object's own
+// table has no such column the value is null. JSON Lines have the columns of each object's own
+// table, nulls left out. Both begin with the object's id and, where derived tables are in it, its
+// table (<sagleme/host/own_columns.hpp>).
 
 #include <sagleme/export.h>
 
+#include <cstdint>
 #include <sagleme/host.hpp>
-#include <string>
+#include <sagleme/host/rows.hpp>
+#include <sagleme/host/transfer.hpp>
 
 namespace sagleme {
 
-enum class FileForm { kCsv, kJsonLines };
+struct ExportOptions {
+  FileForm form = FileForm::kCsv;
+  bool only = false;      // leaves out the objects of derived tables
+  TransferReport report;  // `done` counts objects
+};
 
-// The heading line of a CSV file: id, with `table_column` the table, and the columns of the table.
-SAGLEME_HOST_API std::string CsvHeading(Table const& table, bool table_column);
-// One line with its end. Columns that only a descendant has are left out in CSV.
-SAGLEME_HOST_API std::string CsvLine(Object const& object, Table const& table, bool table_column);
-// One line with its end, nulls left out.
-SAGLEME_HOST_API std::string JsonLine(Object const& object, Table const& table, bool table_column);
+struct ExportResult {
+  std::uint64_t objects = 0;
+  std::uint64_t left_out = 0;  // objects of derived tables
+};
+
+// Writes the objects as the transaction sees them, one after the other: memory does not grow with
+// their number. Error when something cannot be read.
+SAGLEME_HOST_API ExportResult Export(Transaction& transaction, Table const& table,
+                                     TextSink const& to, ExportOptions const& options);
 
 }  // namespace sagleme
 

@@ -1,22 +1,27 @@
 #ifndef SAGLEME_HOST_ROWS_HPP
 #define SAGLEME_HOST_ROWS_HPP
 
-// Rows of named values from a file of either form.
+// Rows of named values from a file: CSV with a heading line, or JSON Lines.
+//
+// The file may come through a pipe; it is read once, from its beginning to its end, and no more of
+// it is held than the row at hand. What gzip compressed is recognised and unpacked. Text is UTF-8,
+// or UTF-16 where the file begins with a byte order mark. One thread at a time.
 
 #include <sagleme/export.h>
 
 #include <cstddef>
-#include <functional>
+#include <cstdint>
 #include <istream>
 #include <memory>
-#include <sagleme/host.hpp>
+#include <span>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace sagleme {
 
-// A place in a text file, counted from 1; columns in bytes.
+// A place in a text file, counted from 1; columns in bytes of UTF-8.
 struct FilePlace {
   std::size_t line = 1;
   std::size_t column = 1;
@@ -32,37 +37,57 @@ class SAGLEME_EXCEPTION BadRow : public std::runtime_error {
   FilePlace place_;
 };
 
-// One value of a row. `parse` turns it into a value of a type, null where the file says so, and
-// throws BadValue. `text` is how it stands in the file, for values that are no values of their
-// column.
-struct RowField {
-  std::string name;
-  std::string text;
-  bool null = false;
-  FilePlace place;
-  std::function<Value(Type)> parse;
+// One value of a row, as the file has it. Valid until the next row is read.
+struct RowValue {
+  enum class Kind : std::uint8_t { kNull, kText, kNumber, kBool, kUnits, kArray, kObject };
+
+  std::size_t name = 0;  // its place among the names of the source
+  Kind kind = Kind::kNull;
+  std::string_view text;      // of kText, kNumber and kBool
+  std::u16string_view units;  // of kUnits: a text that no strict UTF-8 can hold
 };
 
 class SAGLEME_HOST_API RowSource {
  public:
+  RowSource() = default;
+  RowSource(RowSource const&) = delete;
+  RowSource& operator=(RowSource const&) = delete;
   virtual ~RowSource() = default;
 
-  // False at the end. BadRow for a row that cannot be read; the next one can.
-  virtual bool Next(std::vector<RowField>& row) = 0;
-  virtual FilePlace place() const = 0;  // where the row read last begins
-  virtual std::string raw() const = 0;  // the row read last, as it stands in the file
-  virtual std::size_t bytes() const = 0;
-  // The names that all rows have, where the file gives them once.
-  virtual std::vector<RowField> names() const { return {}; }
+  // Reads the next row; false at the end. BadRow for one that cannot be read; the next one can.
+  // Failure of kBadData when the file ends in the midst of compressed data, or holds no text.
+  virtual bool Next() = 0;
+  // The values of the row read last, in its order.
+  virtual std::span<RowValue const> values() const = 0;
+  // The names that have come so far. Each keeps its place.
+  virtual std::vector<std::string> const& names() const = 0;
+  // Whether the file names its columns once, before the first row.
+  virtual bool has_heading() const = 0;
+
+  // Where the row read last begins, where one of its values is, and where the heading has a name.
+  virtual FilePlace place() const = 0;
+  virtual FilePlace PlaceOf(RowValue const& value) const = 0;
+  virtual FilePlace PlaceOfName(std::size_t name) const = 0;
+  // The row read last, as it stands in the file, with its end of line.
+  virtual std::string raw() const = 0;
   // What has to stand in front of raw rows to make a file of the same form.
-  virtual std::string heading() const { return ""; }
+  virtual std::string heading() const = 0;
+  // How much of the file has been read.
+  virtual std::uint64_t bytes() const = 0;
 };
 
-// The stream has to outlive them. A CSV file names its columns in its first line: BadRow without
-// one.
-SAGLEME_HOST_API std::unique_ptr<RowSource> MakeCsvSource(std::istream& input);
-// One JSON object a line.
-SAGLEME_HOST_API std::unique_ptr<RowSource> MakeJsonSource(std::istream& input);
+enum class FileForm { kCsv, kJsonLines };
+
+struct RowFormat {
+  FileForm form = FileForm::kCsv;
+  // Between the values of a CSV file; 0: the one of comma, semicolon, tab and bar that its heading
+  // has most of.
+  char separator = 0;
+};
+
+// The stream has to outlive the source. BadRow when a CSV file has no heading line, or one that
+// names a column twice; Failure of kBadInput for a compressed file of another kind than gzip's.
+SAGLEME_HOST_API std::unique_ptr<RowSource> OpenRows(std::istream& input, RowFormat const& format);
 
 }  // namespace sagleme
 

@@ -4,11 +4,17 @@
 #include "base/watch.h"
 
 namespace tool {
+namespace {
+
+constexpr std::uint64_t kRowMemory = std::uint64_t{64} << 20;
+
+}  // namespace
 
 sagleme::Database& Session::database() {
   if (database_) return *database_;
   try {
-    database_.emplace(sagleme::Database::Open(directory_));
+    // Commands go through many rows once; what is kept of them serves references and indexes.
+    database_.emplace(sagleme::Database::Open(directory_, {.row_memory = kRowMemory}));
   } catch (sagleme::Error const& error) {
     bool const missing =
         error.status() == LSCOREDB_NOT_A_DATABASE && !sagleme::Database::ExistsIn(directory_);

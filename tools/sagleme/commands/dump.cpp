@@ -1,8 +1,12 @@
+#include <fmt/format.h>
+
 #include <sagleme/host/dump.hpp>
 
+#include "base/interrupt.h"
 #include "commands/commands.h"
 #include "commands/files.h"
 #include "output/progress.h"
+#include "output/text.h"
 
 namespace tool {
 namespace {
@@ -32,19 +36,37 @@ class LoadCommand : public Command {
   std::vector<Example> examples() const override {
     return {{"load copy shop.dump", "creates the directory copy; all objects keep their ids"}};
   }
+  std::string details() const override {
+    return "The database grows in the directory DB.loading and gets its name when all of it is "
+           "there: a load that is cut off leaves no database. A dump that gzip compressed is "
+           "unpacked.";
+  }
   void Declare(CLI::App& app) override {
     app.add_option("FILE", file_, "A dump; - is standard input")->required()->type_name("");
+    app.add_flag("--new-ids", new_ids_, "Number the objects anew, from 1, and their references");
   }
   bool at_prompt() const override { return false; }
   Exit Run(Session& session, Output& output) override {
     auto const input = OpenFile(file_);
+    InterruptGuard const guard;
     Progress progress(output, "objects");
-    progress.Finish(sagleme::Load(session.directory(), *input, file_, progress.report()));
+    sagleme::LoadResult result;
+    try {
+      result = sagleme::Load(session.directory(), *input, file_, {new_ids_, progress.report()});
+    } catch (Interrupted const&) {
+      TakeInterrupt();
+      throw Failure(Exit::kProblem, "interrupted", "No database was created.");
+    }
+    progress.Finish(result.objects);
+    if (result.dropped_references == 0) return Exit::kDone;
+    output.Note(fmt::format("{} to objects that the dump does not have became null\n",
+                            Counted(result.dropped_references, "references")));
     return Exit::kDone;
   }
 
  private:
   std::string file_;
+  bool new_ids_ = false;
 };
 
 }  // namespace

@@ -1,11 +1,11 @@
 #include <fmt/format.h>
 
 #include <memory>
-#include <sagleme/counts.hpp>
 #include <sagleme/host/export.hpp>
 
 #include "commands/commands.h"
 #include "output/progress.h"
+#include "output/text.h"
 #include "query/names.h"
 
 namespace tool {
@@ -18,7 +18,8 @@ class Export : public Command {
     return "Write the objects of a table as CSV or JSON Lines";
   }
   std::vector<Example> examples() const override {
-    return {{"export shop Customer > customers.csv", "customers and objects of derived tables"},
+    return {{"export shop Customer > customers.csv",
+             "customers and objects of derived tables, with all columns"},
             {"export shop Customer --only --output customers.jsonl",
              "without derived tables, one JSON object a line"}};
   }
@@ -35,8 +36,8 @@ class Export : public Command {
 
  private:
   sagleme::FileForm Form() const {
-    return json_ || file_.ends_with(".jsonl") ? sagleme::FileForm::kJsonLines
-                                              : sagleme::FileForm::kCsv;
+    bool const json = json_ || file_.ends_with(".jsonl");
+    return json ? sagleme::FileForm::kJsonLines : sagleme::FileForm::kCsv;
   }
   void WriteAll(sagleme::Transaction& transaction, Output const& to, Output const& report) const;
 
@@ -49,23 +50,13 @@ class Export : public Command {
 void Export::WriteAll(sagleme::Transaction& transaction, Output const& to,
                       Output const& report) const {
   sagleme::TablePtr const table = TableNamed(transaction, table_);
-  sagleme::ObjectCounts const counts(transaction);
-  std::uint64_t const total = only_ ? counts.Own(*table) : counts.Subtree(*table);
-  Progress progress(report, "objects", total);
-  if (Form() == sagleme::FileForm::kCsv) to.Print(sagleme::CsvHeading(*table, !only_));
-  auto const line = Form() == sagleme::FileForm::kCsv ? sagleme::CsvLine : sagleme::JsonLine;
-  std::uint64_t count = 0;
-  for (sagleme::Object const& object : only_ ? sagleme::Range::Only(transaction, *table)
-                                             : sagleme::Range::Subtree(transaction, *table)) {
-    sagleme::ReadScope const scope(transaction.context());
-    // JSON lines have the columns of the object's own table, so that nothing of a descendant is
-    // lost.
-    sagleme::TablePtr const own = Form() == sagleme::FileForm::kCsv ? table : object.table();
-    if (own != nullptr) to.Print(line(object, *own, !only_));
-    ++count;
-    progress.Update(count, count);
-  }
-  progress.Finish(count);
+  Progress progress(report, "objects");
+  auto const print = [&](std::string_view text) { to.Print(text); };
+  auto const done = sagleme::Export(transaction, *table, print, {Form(), only_, progress.report()});
+  progress.Finish(done.objects);
+  if (done.left_out == 0) return;
+  report.Note(fmt::format("{} of derived tables left out, because of --only\n",
+                          Counted(done.left_out, "objects")));
 }
 
 Exit Export::Run(Session& session, Output& output) {

@@ -1,9 +1,10 @@
 #include <fmt/format.h>
 
-#include <filesystem>
 #include <fstream>
+#include <sagleme/failure.hpp>
 #include <sagleme/host/import.hpp>
 
+#include "base/interrupt.h"
 #include "commands/commands.h"
 #include "commands/files.h"
 #include "commands/objects.h"
@@ -14,12 +15,46 @@
 namespace tool {
 namespace {
 
+using sagleme::BadRow;
+using sagleme::RowSource;
+
+// Bad rows, in a file of the same form. It is made when the first one comes.
+class Rejects {
+ public:
+  Rejects(std::string path, std::string input, Output const& output)
+      : path_(std::move(path)), input_(std::move(input)), output_(output) {}
+
+  void Add(RowSource const& rows, BadRow const& bad);
+  std::uint64_t count() const { return count_; }
+  // Failure when what was rejected could not be written.
+  void Finish();
+
+ private:
+  void Check();
+
+  std::string path_;
+  std::string input_;
+  Output const& output_;
+  std::ofstream file_;
+  std::uint64_t count_ = 0;
+};
+
 class Import : public Command {
  public:
   std::string name() const override { return "import"; }
   std::string summary() const override { return "Create objects from the rows of a file"; }
+  std::string details() const override {
+    return "Rows are committed in batches of 20,000. When a row is bad, or the import is stopped, "
+           "the batches before it stay, and the message says which --skip goes on from there. "
+           "--atomic commits all rows or none, in memory that grows with the file; inside a "
+           "transaction at the prompt this is always so.\n"
+           "A file that gzip compressed is unpacked; UTF-16 is read where the file begins with a "
+           "byte order mark. A CSV file may have commas, semicolons, tabs or bars between its "
+           "values.";
+  }
   std::vector<Example> examples() const override {
-    return {{"import shop Customer customers.csv", "all rows, or none if one is bad"},
+    return {{"import shop Customer customers.csv", "all rows; stops at the first bad one"},
+            {"import shop Customer customers.csv --skip 40000", "goes on behind row 40,000"},
             {"import shop Order orders.jsonl --reject bad.jsonl",
              "collects the bad rows in a file and imports the others"}};
   }
@@ -31,104 +66,154 @@ class Import : public Command {
         ->required()
         ->type_name("");
     app.add_flag("--jsonl", json_, "Read JSON Lines, as from a file named .jsonl");
+    app.add_option("--separator", separator_, "What stands between the values of a CSV file")
+        ->type_name("CHAR");
     app.add_option("--reject", reject_, "Collect bad rows in FILE and go on")->type_name("FILE");
+    AddCount(app, "--skip", skip_, "Leave out the first COUNT rows, which are in already");
+    app.add_flag("--atomic", atomic_, "Import all rows in one transaction, or none");
     app.add_flag("--keep-ids", keep_ids_, "Give the objects the ids that stand in the file");
   }
   Exit Run(Session& session, Output& output) override;
 
  private:
-  std::unique_ptr<sagleme::RowSource> Open(std::istream& input) const;
-  void Reject(sagleme::RowSource const& source, sagleme::BadRow const& bad, Output const& output);
-  void CheckNames(sagleme::RowSource const& source, sagleme::Importer const& importer,
-                  sagleme::Table const& table) const;
-  // False at the end.
-  bool ImportOne(sagleme::RowSource& source, sagleme::Importer& importer, Output const& output);
+  sagleme::RowFormat Format() const;
+  std::unique_ptr<RowSource> OpenRowsOf(std::istream& input) const;
+  sagleme::TablePtr FindTable(Session& session) const;
+  void ImportRows(Session& session, sagleme::Table const& table, RowSource& rows,
+                  sagleme::ImportOptions const& options, sagleme::ImportResult& result) const;
   std::string Place(sagleme::FilePlace place) const {
     return fmt::format("{}:{}:{}", file_, place.line, place.column);
   }
+  bool InOne(Session const& session) const { return atomic_ || session.in_transaction(); }
+  std::string AdviceFor(Session const& session, sagleme::ImportResult const& result) const;
+  std::string AdviceFor(BadRow const& bad, sagleme::Table const& table,
+                        RowSource const& rows) const;
 
   std::string table_;
   std::string file_;
   std::string reject_;
+  std::string separator_;
+  std::uint64_t skip_ = 0;
   bool json_ = false;
+  bool atomic_ = false;
   bool keep_ids_ = false;
-  std::ofstream rejects_;
-  std::uint64_t taken_ = 0;
-  std::uint64_t rejected_ = 0;
 };
 
-std::unique_ptr<sagleme::RowSource> Import::Open(std::istream& input) const {
-  bool const json = json_ || file_.ends_with(".jsonl");
+void Rejects::Add(RowSource const& rows, BadRow const& bad) {
+  if (count_++ == 0) {
+    file_.open(path_, std::ios::binary);
+    file_ << rows.heading();
+  }
+  file_ << rows.raw();
+  Check();
+  output_.Note(
+      fmt::format("{}:{}:{}: {}\n", input_, bad.place().line, bad.place().column, bad.what()));
+}
+
+void Rejects::Check() {
+  if (!file_) throw Failure(Exit::kRefused, fmt::format("cannot write {}", path_));
+}
+
+void Rejects::Finish() {
+  if (count_ == 0) return;
+  file_.close();
+  Check();
+}
+
+sagleme::RowFormat Import::Format() const {
+  bool const json = json_ || file_.ends_with(".jsonl") || file_.ends_with(".jsonl.gz");
+  if (json) return {sagleme::FileForm::kJsonLines};
+  if (separator_ == "\\t") return {sagleme::FileForm::kCsv, '\t'};
+  if (separator_.empty()) return {};
+  bool const allowed =
+      separator_.size() == 1 && separator_.find_first_of("\"\n\r") == separator_.npos;
+  if (allowed) return {sagleme::FileForm::kCsv, separator_[0]};
+  throw Failure(Exit::kUsage, fmt::format("\"{}\" cannot separate values", separator_),
+                "Name one character, for example ; or \\t for the tab.");
+}
+
+std::unique_ptr<RowSource> Import::OpenRowsOf(std::istream& input) const {
   try {
-    return json ? sagleme::MakeJsonSource(input) : sagleme::MakeCsvSource(input);
-  } catch (sagleme::BadRow const& bad) {
+    return sagleme::OpenRows(input, Format());
+  } catch (BadRow const& bad) {
     throw Failure(Exit::kProblem, fmt::format("{}: {}", Place(bad.place()), bad.what()));
+  } catch (sagleme::Failure const& failure) {
+    throw sagleme::Failure(failure.kind(), fmt::format("{}: {}", file_, failure.what()),
+                           failure.advice());
   }
 }
 
-void Import::Reject(sagleme::RowSource const& source, sagleme::BadRow const& bad,
-                    Output const& output) {
-  std::string const what = fmt::format("{}: {}", Place(bad.place()), bad.what());
-  if (reject_.empty()) {
-    throw Failure(Exit::kProblem, what,
-                  "Nothing was imported. --reject FILE collects bad rows and imports the others.");
-  }
-  if (rejected_++ == 0) {
-    rejects_.open(reject_, std::ios::binary);
-    rejects_ << source.heading();
-  }
-  rejects_ << source.raw();
-  output.Note(what + "\n");
+sagleme::TablePtr Import::FindTable(Session& session) const {
+  sagleme::TablePtr table;
+  session.Read(
+      [&](sagleme::Transaction& transaction) { table = UserTableNamed(transaction, table_); });
+  return table;
 }
 
-bool Import::ImportOne(sagleme::RowSource& source, sagleme::Importer& importer,
-                       Output const& output) {
-  std::vector<sagleme::RowField> row;
-  try {
-    if (!source.Next(row)) return false;
-    importer.Add(row);
-    ++taken_;
-  } catch (sagleme::BadRow const& bad) {
-    Reject(source, bad, output);
-  }
-  return true;
+void Import::ImportRows(Session& session, sagleme::Table const& table, RowSource& rows,
+                        sagleme::ImportOptions const& options,
+                        sagleme::ImportResult& result) const {
+  if (!InOne(session)) return sagleme::Import(session.context(), table.name, rows, options, result);
+  session.Write([&](sagleme::Transaction& transaction) {
+    sagleme::Import(transaction, table.name, rows, options, result);
+  });
 }
 
-// A name that is wrong is wrong in every row, and told once.
-void Import::CheckNames(sagleme::RowSource const& source, sagleme::Importer const& importer,
-                        sagleme::Table const& table) const {
-  try {
-    importer.CheckNames(source.names());
-  } catch (sagleme::BadRow const& bad) {
-    std::vector<std::string> columns;
-    for (sagleme::Column const* const column : UserColumns(table)) {
-      columns.push_back(sagleme::ToUtf8(column->name));
-    }
-    throw Failure(
-        Exit::kProblem, fmt::format("{}: {}", Place(bad.place()), bad.what()),
-        fmt::format("Nothing was imported. Its columns are {}.", fmt::join(columns, ", ")));
+std::string Import::AdviceFor(Session const& session, sagleme::ImportResult const& result) const {
+  if (InOne(session) || result.rows <= skip_) return "Nothing was imported.";
+  return fmt::format("{} of the file are imported; go on behind them with --skip {}.",
+                     Counted(result.rows, "rows"), result.rows);
+}
+
+// A name that is wrong is wrong in every row, and a bad row may be one of many.
+std::string Import::AdviceFor(BadRow const& bad, sagleme::Table const& table,
+                              RowSource const& rows) const {
+  if (!rows.has_heading() || bad.place().line != 1) {
+    return reject_.empty() ? " --reject FILE collects bad rows and imports the others." : "";
   }
+  std::vector<std::string> columns;
+  for (sagleme::Column const* const column : UserColumns(table)) {
+    columns.push_back(sagleme::ToUtf8(column->name));
+  }
+  return fmt::format(" Its columns are {}.", fmt::join(columns, ", "));
 }
 
 Exit Import::Run(Session& session, Output& output) {
-  taken_ = rejected_ = 0;
+  InterruptGuard const guard;
+  sagleme::TablePtr const table = FindTable(session);
   auto const input = OpenFile(file_);
-  auto const source = Open(*input);
-  std::uint64_t const size = file_ == "-" ? 0 : std::filesystem::file_size(file_);
-  Progress progress(output, "objects", size);
-  session.Write([&](sagleme::Transaction& transaction) {
-    sagleme::TablePtr const table = UserTableNamed(transaction, table_);
-    sagleme::Importer importer(transaction, table, keep_ids_);
-    CheckNames(*source, importer, *table);
-    while (true) {
-      sagleme::ReadScope const scope(transaction.context());
-      if (!ImportOne(*source, importer, output)) break;
-      progress.Update(source->bytes(), taken_);
-    }
-  });
-  progress.Finish(taken_);
-  if (rejected_ == 0) return Exit::kDone;
-  output.Note(fmt::format("{} rejected; see {}\n", Counted(rejected_, "rows"), reject_));
+  auto const rows = OpenRowsOf(*input);
+  Progress progress(output, "objects", SizeOfFile(file_));
+  Rejects rejects(reject_, file_, output);
+  sagleme::ImportOptions options;
+  options.keep_ids = keep_ids_;
+  options.skip = skip_;
+  options.report = [&](sagleme::TransferProgress const& so_far) {
+    progress.Update(so_far.done, so_far.objects);
+  };
+  if (!reject_.empty()) {
+    options.reject = [&](RowSource const& source, BadRow const& bad) { rejects.Add(source, bad); };
+  }
+  sagleme::ImportResult result;
+  try {
+    ImportRows(session, *table, *rows, options, result);
+  } catch (BadRow const& bad) {
+    throw Failure(Exit::kProblem, fmt::format("{}: {}", Place(bad.place()), bad.what()),
+                  AdviceFor(session, result) + AdviceFor(bad, *table, *rows));
+  } catch (sagleme::Failure const& failure) {
+    throw sagleme::Failure(failure.kind(), fmt::format("{}: {}", file_, failure.what()),
+                           AdviceFor(session, result));
+  } catch (sagleme::Error const& error) {
+    throw Failure(Exit::kRefused, error.what(), AdviceFor(session, result));
+  } catch (Interrupted const&) {
+    if (session.in_transaction()) throw;
+    TakeInterrupt();
+    throw Failure(Exit::kProblem, "interrupted", AdviceFor(session, result));
+  }
+  rejects.Finish();
+  progress.Finish(result.objects);
+  if (result.rejected == 0) return Exit::kDone;
+  output.Note(fmt::format("{} rejected; see {}\n", Counted(result.rejected, "rows"), reject_));
   return Exit::kProblem;
 }
 

@@ -3,7 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <sagleme/host/import.hpp>
+#include <sagleme/host/own_columns.hpp>
 
 #include "base/failure.h"
 #include "base/interrupt.h"
@@ -32,8 +32,9 @@ std::vector<std::u16string> ColumnNames(sagleme::Transaction& transaction,
   return names;
 }
 
-std::vector<std::string> Heading(std::vector<std::u16string> const& columns) {
-  std::vector<std::string> heading{sagleme::kIdField, sagleme::kTableField};
+std::vector<std::string> Heading(sagleme::OwnColumns const& own,
+                                 std::vector<std::u16string> const& columns) {
+  std::vector<std::string> heading{own.id, own.table};
   for (std::u16string const& name : columns) heading.push_back(sagleme::ToUtf8(name));
   return heading;
 }
@@ -45,9 +46,12 @@ std::string TableName(sagleme::Object const& object) {
 
 void AddProperties(sagleme::Object const& object, std::string const& prefix,
                    Properties& properties) {
-  properties.Add(prefix + sagleme::kIdField, Cell::Number(object.id().value));
-  properties.Add(prefix + sagleme::kTableField, Cell::Text(TableName(object)));
   sagleme::TablePtr const table = object.table();
+  sagleme::OwnColumns const own = table == nullptr
+                                      ? sagleme::OwnColumns{}
+                                      : sagleme::OwnColumnsOf(object.transaction(), *table);
+  properties.Add(prefix + own.id, Cell::Number(object.id().value));
+  properties.Add(prefix + own.table, Cell::Text(TableName(object)));
   if (table == nullptr) return;
   for (sagleme::Column const* const column : UserColumns(*table)) {
     properties.Add(prefix + sagleme::ToUtf8(column->name), ValueCell(object.Get(*table, *column)));
@@ -81,7 +85,7 @@ ObjectList::ObjectList(Output const& output, sagleme::Transaction& transaction,
                        sagleme::TablePtr table, Columns columns)
     : table_(std::move(table)),
       columns_(ColumnNames(transaction, *table_, columns)),
-      writer_(output, Heading(columns_)) {}
+      writer_(output, Heading(sagleme::OwnColumnsOf(transaction, *table_), columns_)) {}
 
 Cell ObjectList::CellOf(sagleme::Object const& object, sagleme::TablePtr const& own,
                         std::u16string const& column) const {

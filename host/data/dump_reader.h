@@ -1,0 +1,76 @@
+#ifndef SAGLEME_HOST_DATA_DUMP_READER_H
+#define SAGLEME_HOST_DATA_DUMP_READER_H
+
+// Reads a dump twice: once to see whether it is whole and which identities it has, before anything
+// is made of it, and once for its objects. What comes through a pipe is kept in a file meanwhile.
+
+#include <fstream>
+#include <istream>
+#include <memory>
+#include <sagleme/schema_document.hpp>
+#include <string>
+#include <vector>
+
+#include "data/flat_json.h"
+#include "data/text_input.h"
+
+namespace sagleme {
+
+struct DumpedObject {
+  std::size_t table = 0;  // its place in the schema
+  ObjectId id;
+};
+
+class DumpReader {
+ public:
+  // `source` names the dump in messages, `scratch` the file that keeps what a pipe brings. What is
+  // wrong with the dump is Failure of kBadData, with the line, from every call.
+  DumpReader(std::istream& input, std::string source, std::string scratch);
+
+  SchemaDoc const& schema() const { return schema_; }
+  // The first pass: calls `each` with the identity of every object, and sees that none is missing.
+  template <typename Each>
+  void Survey(Each&& each) {
+    DumpedObject object;
+    while (NextHead(&object)) each(object);
+    CheckEnd();
+    Rewind();
+  }
+  std::uint64_t objects() const { return objects_; }
+
+  // The second pass. False when there is no further object.
+  bool Next(DumpedObject* object);
+  // Of the object read last.
+  std::size_t value_count() const { return values_->item_count; }
+  RowValue value(std::size_t i) const { return json_.item(*values_, i).view(); }
+  // Complains about the line read last.
+  [[noreturn]] void Refuse(std::string const& what) const;
+
+ private:
+  bool NextHead(DumpedObject* object);
+  bool ParseHead(DumpedObject* object) const;
+  void ParseLine(DumpedObject* object);
+  void NextLine();
+  bool AtEnd() const { return line_.starts_with("{\"end\":"); }
+  void ReadSchemaLine();
+  void CheckEnd();
+  void Rewind();
+
+  std::istream* input_;
+  std::string source_;
+  std::string scratch_;
+  std::fstream kept_;
+  bool pipe_ = false;
+  std::unique_ptr<TextInput> text_;
+  std::string_view line_;
+  std::size_t line_number_ = 0;
+  SchemaDoc schema_;
+  FlatJson json_;
+  JsonMember const* values_ = nullptr;
+  std::vector<std::uint64_t> by_table_;
+  std::uint64_t objects_ = 0;
+};
+
+}  // namespace sagleme
+
+#endif

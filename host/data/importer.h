@@ -1,0 +1,92 @@
+#ifndef SAGLEME_HOST_DATA_IMPORTER_H
+#define SAGLEME_HOST_DATA_IMPORTER_H
+
+// Makes objects of rows, in one transaction.
+
+#include <map>
+#include <optional>
+#include <sagleme/host/import.hpp>
+#include <sagleme/host/own_columns.hpp>
+#include <unordered_map>
+#include <vector>
+
+#include "data/row_writer.h"
+
+namespace sagleme {
+
+// References to objects that were not there yet when they were written, with the place where each
+// first stood.
+class LaterReferences {
+ public:
+  struct Target {
+    std::u16string table;
+    std::uint64_t id = 0;
+    friend auto operator<=>(Target const&, Target const&) = default;
+  };
+
+  void Note(Target const& target, FilePlace place) { places_.emplace(target, place); }
+  // Forgets those that are there now.
+  void Resolve(Transaction& transaction);
+  // BadRow when there is still one left.
+  void Require() const;
+
+ private:
+  std::map<Target, FilePlace> places_;
+};
+
+// Whether the object is there, and of the table or derived from it.
+enum class Referent { kThere, kMissing, kOfOtherTable };
+Referent FindReferent(Transaction& transaction, Table const& target, ObjectId id);
+
+class Importer {
+ public:
+  // All have to outlive it. BadRow for a heading with a name that no row of the table, or of one
+  // derived from it, can have, or without a column that takes no null.
+  Importer(Transaction& transaction, TablePtr table, RowSource const& rows, bool keep_ids,
+           LaterReferences& later);
+
+  // Makes an object of the row read last. BadRow when it cannot; nothing of the row is then left.
+  void Add();
+
+ private:
+  // What the names of the file mean for objects of one table.
+  struct Plan {
+    TablePtr table;
+    std::vector<Column const*> columns;  // by name; null: none of the table
+    std::size_t required = 0;            // columns that need a value
+  };
+  static constexpr std::size_t kNowhere = ~std::size_t{0};
+
+  void CheckHeading();
+  void FindOwnNames();
+  std::string const& NameOf(RowValue const& value) const { return rows_.names()[value.name]; }
+  bool IsOwn(std::size_t name) const { return name == id_name_ || name == table_name_; }
+  RowValue const* Find(std::size_t name) const;
+  Plan& PlanFor(TablePtr const& table);
+  void Extend(Plan& plan) const;
+  Plan& PlanOfRow();
+  ObjectId IdOfRow() const;
+  void RequireColumns(Plan const& plan) const;
+  void Write(Plan const& plan);
+  void Put(Plan const& plan, RowValue const& value);
+  void PutReference(Column const& column, RowValue const& value);
+  void CheckReference(Column const& column, RowValue const& value, ObjectId id);
+  void Finish(Plan const& plan);
+
+  Transaction& transaction_;
+  TablePtr table_;
+  RowSource const& rows_;
+  bool keep_ids_;
+  LaterReferences& later_;
+  OwnColumns own_;
+  std::size_t names_known_ = 0;
+  std::size_t id_name_ = kNowhere;
+  std::size_t table_name_ = kNowhere;
+  std::unordered_map<Table const*, Plan> plans_;
+  Plan* last_plan_ = nullptr;
+  RowWriter writer_;
+};
+
+}  // namespace sagleme
+
+#endif

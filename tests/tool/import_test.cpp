@@ -1,0 +1,266 @@
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <nlohmann/json.hpp>
+
+#include "run_tool.h"
+
+namespace tool_test {
+namespace {
+
+using Json = nlohmann::json;
+
+constexpr int kBatch = 20000;
+
+// Text in which each character is two bytes.
+std::string Utf16(std::string const& ascii, bool big) {
+  std::string bytes = big ? "\xFE\xFF" : "\xFF\xFE";
+  for (char const each : ascii) {
+    bytes += big ? std::string{'\0', each} : std::string{each, '\0'};
+  }
+  return bytes;
+}
+
+class ImportTest : public ToolTest {
+ protected:
+  void SetUp() override {
+    Create();
+    // Rows of one name may come twice.
+    std::string schema = kLibrary;
+    std::string const unique = "\"PersonByName\", \"unique\": true";
+    schema.replace(schema.find(unique), unique.size(), "\"PersonByName\"");
+    Apply(schema);
+  }
+  int Count(std::string const& table) const { return std::stoi(On("count", {table}).out); }
+  static std::string People(int first, int last) {
+    std::string rows;
+    for (int i = first; i < last; ++i) rows += "p" + std::to_string(i) + ",1\n";
+    return rows;
+  }
+  void ExpectPeople(std::string const& file, Arguments const& options, int more) const {
+    int const before = Count("Person");
+    Arguments words{"Person", Path(file)};
+    words.insert(words.end(), options.begin(), options.end());
+    On("import", words);
+    EXPECT_EQ(before + more, Count("Person"));
+  }
+  std::string Fifo() const {
+    std::string const path = Path("fifo");
+    EXPECT_EQ(0, mkfifo(path.c_str(), 0600));
+    return path;
+  }
+  // Waits until so many are committed.
+  void UntilCount(int count) const {
+    while (Count("Person") < count) usleep(1000);
+  }
+};
+
+TEST_F(ImportTest, ABadRowInALaterBatch_KeepsTheBatchesBeforeItAndSaysWhereToGoOn) {
+  std::string const file = Write("many.csv", "Name,Height\n" + People(0, 2 * kBatch + 1000) +
+                                                 "bad,tall\n" + People(90000, 90010));
+  Result const result = On("import", {"Person", file}, 1);
+  EXPECT_NE(std::string::npos, result.err.find("many.csv:41002:5: column Height")) << result.err;
+  EXPECT_NE(std::string::npos, result.err.find("40000 rows of the file are imported; go on behind "
+                                               "them with --skip 40000"))
+      << result.err;
+  EXPECT_EQ(2 * kBatch, Count("Person"));
+  Write("many.csv",
+        "Name,Height\n" + People(0, 2 * kBatch + 1000) + "bad,2\n" + People(90000, 90010));
+  On("import", {"Person", file, "--skip", "40000"});
+  EXPECT_EQ(2 * kBatch + 1011, Count("Person"));
+  On("check");
+}
+
+TEST_F(ImportTest, Atomic_KeepsNothingOfAFileWithABadRow) {
+  std::string const rows = "Name,Height\n" + People(0, kBatch + 10);
+  Result const result = On("import", {"Person", "-", "--atomic"}, 1, rows + "bad,tall\n");
+  EXPECT_NE(std::string::npos, result.err.find("Nothing was imported")) << result.err;
+  EXPECT_EQ(0, Count("Person"));
+  On("import", {"Person", "-", "--atomic"}, 0, rows);
+  EXPECT_EQ(kBatch + 10, Count("Person"));
+}
+
+TEST_F(ImportTest, InsideATransaction_IsDoneWholeOrNotAtAll) {
+  Write("bad.csv", "Name,Height\n" + People(0, kBatch + 10) + "bad,tall\n");
+  Write("good.csv", "Name,Height\n" + People(0, 3));
+  Result const shell = RunOnTerminal(
+      {"shell", database()}, "begin\nimport Person " + Path("good.csv") + "\nimport Person " +
+                                 Path("bad.csv") + "\ncommit\nquit\n");
+  EXPECT_NE(std::string::npos, shell.out.find("Nothing was imported")) << shell.out;
+  EXPECT_EQ(3, Count("Person"));
+}
+
+TEST_F(ImportTest, KilledInTheMiddle_KeepsWholeBatchesAndGoesOnBySkip) {
+  std::string const fifo = Fifo();
+  pid_t const import = StartTool({"import", database(), "Person", fifo});
+  int const pipe = open(fifo.c_str(), O_WRONLY);
+  std::string const begin = "Name,Height\n" + People(0, kBatch + 500);
+  ASSERT_EQ(static_cast<ssize_t>(begin.size()), write(pipe, begin.data(), begin.size()));
+  UntilCount(kBatch);
+  kill(import, SIGKILL);
+  EXPECT_EQ(128 + SIGKILL, WaitFor(import));
+  close(pipe);
+  EXPECT_EQ(kBatch, Count("Person"));
+  On("check");
+  On("import", {"Person", "-", "--skip", std::to_string(kBatch)}, 0,
+     "Name,Height\n" + People(0, kBatch + 700));
+  EXPECT_EQ(kBatch + 700, Count("Person"));
+}
+
+TEST_F(ImportTest, StoppedByCtrlCAtAPipe_EndsAndKeepsWholeBatches) {
+  std::string const fifo = Fifo();
+  pid_t const import = StartTool({"import", database(), "Person", fifo});
+  int const pipe = open(fifo.c_str(), O_WRONLY);
+  std::string const begin = "Name,Height\n" + People(0, kBatch + 500);
+  ASSERT_EQ(static_cast<ssize_t>(begin.size()), write(pipe, begin.data(), begin.size()));
+  UntilCount(kBatch);
+  kill(import, SIGINT);
+  EXPECT_EQ(1, WaitFor(import));
+  close(pipe);
+  EXPECT_EQ(kBatch, Count("Person"));
+}
+
+TEST_F(ImportTest, Separators_AreFoundInTheHeadingOrNamed) {
+  Write("semicolons.csv", "Name;Height\n\"a;b\";1.5\n\"c,d\";2\n");
+  Write("tabs.csv", "Name\tHeight\ne,f\t1\n");
+  Write("bars.csv", "Name|Height\ng|1\n");
+  Write("one.csv", "Name\nh;i\n");
+  Write("colons.csv", "Name:Height\nj:1\n");
+  ExpectPeople("semicolons.csv", {}, 2);
+  ExpectPeople("tabs.csv", {}, 1);
+  ExpectPeople("bars.csv", {}, 1);
+  ExpectPeople("one.csv", {}, 1);
+  ExpectPeople("colons.csv", {"--separator", ":"}, 1);
+  ExpectPeople("tabs.csv", {"--separator", "\\t"}, 1);
+  On("import", {"Person", Path("colons.csv"), "--separator", "::"}, 2);
+  std::string const names = On("scan", {"Person"}).out;
+  EXPECT_NE(std::string::npos, names.find(",a;b,1.5\n")) << names;
+  EXPECT_NE(std::string::npos, names.find(",h;i,\n")) << names;
+}
+
+TEST_F(ImportTest, Utf16WithAByteOrderMark_IsRead) {
+  std::string const text = "Name,Height\nAda,1.5\nBob,2\n";
+  Write("little.csv", Utf16(text, false));
+  Write("big.csv", Utf16(text, true));
+  Write("odd.csv", Utf16(text, true) + "x");
+  Write("marked.csv", "\xEF\xBB\xBF" + text);
+  ExpectPeople("little.csv", {}, 2);
+  ExpectPeople("big.csv", {}, 2);
+  ExpectPeople("marked.csv", {}, 2);
+  Result const odd = On("import", {"Person", Path("odd.csv")}, 1);
+  EXPECT_NE(std::string::npos, odd.err.find("in the midst of a character")) << odd.err;
+}
+
+TEST_F(ImportTest, CompressedFiles_AreUnpackedOrNamed) {
+  std::string const text = "Name,Height\n" + People(0, 30000);
+  std::string const file = Write("people.csv", text);
+  OutputOf("gzip -k " + file + " && cat " + file + ".gz > " + Path("two.csv.gz") +
+           " && tail -n 2 " + file + " | gzip >> " + Path("two.csv.gz"));
+  ExpectPeople("people.csv.gz", {}, 30000);
+  ExpectPeople("two.csv.gz", {}, 30002);
+  OutputOf("head -c 1000 " + file + ".gz > " + Path("cut.csv.gz"));
+  Result const cut = On("import", {"Person", Path("cut.csv.gz")}, 1);
+  EXPECT_NE(std::string::npos, cut.err.find("the compressed data ends too early")) << cut.err;
+  std::string const zstandard = Write("people.csv.zst", "\x28\xB5\x2F\xFD\x24\x01\x02\x03");
+  Result const named = On("import", {"Person", zstandard}, 2);
+  EXPECT_NE(std::string::npos, named.err.find("is compressed by Zstandard")) << named.err;
+}
+
+TEST_F(ImportTest, Pipes_AreReadLikeFiles) {
+  std::string const tool = SAGLEME_TOOL;
+  std::string const file = Write("people.csv", "Name,Height\nAda,1\nBob,2\n");
+  OutputOf("cat " + file + " | " + tool + " import " + database() + " Person /dev/stdin");
+  OutputOf("cat " + file + " | " + tool + " import " + database() + " Person -");
+  OutputOf(tool + " import " + database() + " Person /dev/stdin < " + file);
+  EXPECT_EQ(6, Count("Person"));
+}
+
+TEST_F(ImportTest, AReferenceToNothing_IsABadRow) {
+  On("import", {"Person", "-"}, 0, "Name\nAda\n");
+  On("import", {"Book", "-"}, 0, "Title,Isbn,Price\na,1,1\n");
+  std::string const book =
+      Json::parse(On("scan", {"Book", "--format", "json"}).out)[0]["_oid"].dump();
+  std::string const heading = "Title,Isbn,Price,Owner\n";
+  Result const missing = On("import", {"Book", "-"}, 1, heading + "b,1,1,999999\n");
+  EXPECT_NE(std::string::npos, missing.err.find("column Owner: there is no object 999999"));
+  Result const other = On("import", {"Book", "-"}, 1, heading + "b,1,1," + book + "\n");
+  EXPECT_NE(std::string::npos, other.err.find("is neither of App.Person nor")) << other.err;
+  EXPECT_EQ(1, Count("Book"));
+}
+
+TEST_F(ImportTest, WithKeptIds_ReferencesMayLeadToLaterRows) {
+  std::string const other = Path("other");
+  ASSERT_EQ(0, RunTool({"create", other}).status);
+  ASSERT_EQ(0, RunTool({"apply", other, Write("node.json", R"({"schema": 1, "tables": [
+      {"name": "Node", "columns": [{"name": "Next", "type": "reference", "target": "Node"}]}]})")})
+                   .status);
+  Result const whole = RunTool({"import", other, "Node", "-", "--keep-ids"},
+                               "_oid,Next\n9000001,9000002\n9000002,9000002\n9000003,9000001\n");
+  EXPECT_EQ(0, whole.status) << whole.err;
+  Result const lost = RunTool({"import", other, "Node", "-", "--keep-ids"},
+                              "_oid,Next\n9000004,9000005\n9000006,\n");
+  EXPECT_EQ(1, lost.status);
+  EXPECT_NE(std::string::npos, lost.err.find("-:2:9: there is no object 9000005")) << lost.err;
+  EXPECT_EQ("3\n", RunTool({"count", other, "Node"}).out);
+  EXPECT_EQ(0, RunTool({"check", other}).status);
+}
+
+TEST_F(ImportTest, WithIdsThatCannotBeKept_SaysWhy) {
+  On("import", {"Person", "-"}, 0, "Name\nAda\n");
+  std::string const taken =
+      Json::parse(On("scan", {"Person", "--format", "json"}).out)[0]["_oid"].dump();
+  for (std::string const& id : {taken, std::string("5"), std::string("0")}) {
+    Result const result =
+        On("import", {"Person", "-", "--keep-ids"}, 1, "_oid,Name\n" + id + ",Bob\n");
+    EXPECT_NE(std::string::npos, result.err.find("-:2:1: ")) << result.err;
+    EXPECT_NE(std::string::npos, result.err.find(id)) << result.err;
+  }
+  EXPECT_EQ(1, Count("Person"));
+}
+
+TEST_F(ImportTest, ColumnsNamedLikeTheToolsOwn_ComeBack) {
+  Apply(R"({"schema": 1, "tables": [{"name": "T", "columns": [
+      {"name": "id", "type": "long", "nullable": true},
+      {"name": "table", "type": "string"},
+      {"name": "_oid", "type": "string"},
+      {"name": "_table", "type": "string"}]}]})",
+        {"--allow-destructive"});
+  On("import", {"T", "-"}, 0, "id,table,_oid,_table\n7,a,b,c\n,,,\n");
+  std::string const csv = On("export", {"T"}).out;
+  std::string const lines = On("export", {"T", "--jsonl"}).out;
+  EXPECT_EQ(0u, csv.find("__oid,__table,id,table,_oid,_table\n")) << csv;
+  std::string const listed = On("scan", {"T"}).out;
+  EXPECT_EQ(0u, listed.find("__oid,__table,id,table,_oid,_table\n")) << listed;
+  for (std::string const form : {"csv", "jsonl"}) {
+    std::string const other = Path("other-" + form);
+    ASSERT_EQ(0, RunTool({"create", other}).status);
+    std::string const schema = Write("schema.json", On("schema").out);
+    ASSERT_EQ(0, RunTool({"apply", other, schema, "--allow-destructive"}).status);
+    std::string const file = Write("data." + form, form == "csv" ? csv : lines);
+    Result const result = RunTool({"import", other, "T", file, "--keep-ids"});
+    ASSERT_EQ(0, result.status) << result.err;
+    EXPECT_EQ(csv, RunTool({"export", other, "T"}).out);
+  }
+}
+
+TEST_F(ImportTest, ExportOfABaseTable_HasTheColumnsOfDerivedOnes) {
+  On("import", {"Book", "-"}, 0, "Title,Isbn,Price\na,1,1\n");
+  On("import", {"Film", "-"}, 0, "Title,Rating,Colour\nb,2,true\n");
+  std::string const csv = On("export", {"Item"}).out;
+  EXPECT_EQ(0u, csv.find("_oid,_table,Title,Pages,Owner,Isbn,Price,Rating,Poster,Colour\n")) << csv;
+  std::string const other = Path("other");
+  ASSERT_EQ(0, RunTool({"create", other}).status);
+  ASSERT_EQ(0, RunTool({"apply", other, Write("library.json", kLibrary)}).status);
+  Result const import = RunTool({"import", other, "Item", "-", "--keep-ids"}, csv);
+  ASSERT_EQ(0, import.status) << import.err;
+  EXPECT_EQ(csv, RunTool({"export", other, "Item"}).out);
+  Result const only = On("export", {"Item", "--only"});
+  EXPECT_EQ("_oid,Title,Pages,Owner\n", only.out);
+  EXPECT_NE(std::string::npos, only.err.find("2 objects of derived tables left out")) << only.err;
+}
+
+}  // namespace
+}  // namespace tool_test

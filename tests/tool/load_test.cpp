@@ -1,0 +1,149 @@
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "run_tool.h"
+
+namespace tool_test {
+namespace {
+
+namespace fs = std::filesystem;
+
+char const* const kNumbers = R"({"schema": 1, "tables": [{"name": "T", "columns": [
+  {"name": "d", "type": "decimal", "nullable": true},
+  {"name": "f", "type": "float", "nullable": true},
+  {"name": "g", "type": "double", "nullable": true},
+  {"name": "s", "type": "string"}, {"name": "b", "type": "binary"}]}]})";
+
+class LoadTest : public ToolTest {
+ protected:
+  void SetUp() override { Create(); }
+  std::string other() const { return Path("other"); }
+  void Load(std::string const& dump, Arguments const& rest = {}) const {
+    Arguments words{"load", other(), "-"};
+    words.insert(words.end(), rest.begin(), rest.end());
+    Result const load = RunTool(words, dump);
+    EXPECT_EQ(0, load.status) << load.err;
+  }
+  void ExpectNothingLeft() const {
+    EXPECT_FALSE(fs::exists(other()));
+    EXPECT_FALSE(fs::exists(other() + ".loading"));
+  }
+};
+
+// Every value in CSV and in JSON Lines, through import, export, dump and load.
+TEST_F(LoadTest, NumbersAndTexts_ComeBackToTheBit) {
+  Apply(kNumbers);
+  std::string const rows =
+      "d,f,g,s,b\n"
+      "-9223372036854.775808,1e-45,5e-324,\"\",\"\"\n"
+      "9223372036854.775807,nan(7f800001),nan(7ff0000000000001),\xED\xA0\xBDx,AA==\n"
+      "0.000001,nan(ffc00000),nan(fff8000000000000),x\xED\xB8\x80,\n"
+      "-0.000001,-0.0,-0.0,\xF0\x9F\x98\x80,\n"
+      "12.5,nan,nan,\xEF\xBF\xBF,\n"
+      ",3.4028235e+38,1.7976931348623157e+308,,\n"
+      "1,inf,-inf,a,\n";
+  On("import", {"T", "-"}, 0, rows);
+  std::string const csv = On("export", {"T", "--only"}).out;
+  for (std::string const part :
+       {"nan(7f800001),nan(7ff0000000000001)", "-0.0,-0.0", ",1e-45,5e-324,",
+        "nan(ffc00000),nan(fff8000000000000)", ",12.5,nan,nan,"}) {
+    EXPECT_NE(std::string::npos, csv.find(part)) << part << " in\n" << csv;
+  }
+  std::string const lines = On("export", {"T", "--only", "--jsonl"}).out;
+  std::string const dump = On("dump").out;
+  Load(dump);
+  EXPECT_EQ(dump, RunTool({"dump", other()}).out);
+  EXPECT_EQ(csv, RunTool({"export", other(), "T", "--only"}).out);
+  std::string const third = Path("third");
+  ASSERT_EQ(0, RunTool({"create", third}).status);
+  ASSERT_EQ(0, RunTool({"apply", third, Write("numbers.json", kNumbers)}).status);
+  Result const import = RunTool({"import", third, "T", "-", "--jsonl", "--keep-ids"}, lines);
+  ASSERT_EQ(0, import.status) << import.err;
+  EXPECT_EQ(csv, RunTool({"export", third, "T", "--only"}).out);
+}
+
+TEST_F(LoadTest, OfNewIds_FollowsReferences) {
+  Apply(R"({"schema": 1, "tables": [{"name": "Node", "columns": [
+      {"name": "Name", "type": "string"},
+      {"name": "Next", "type": "reference", "target": "Node"}]}]})");
+  std::string const schema = On("dump").out;
+  std::string const dump = schema.substr(0, schema.find('\n') + 1) +
+                           "{\"t\": 0, \"id\": 700, \"v\": [\"a\", 9000000000000000000]}\n"
+                           "{\"t\": 0, \"id\": 701, \"v\": [\"b\", 700]}\n"
+                           "{\"t\": 0, \"id\": 900, \"v\": [\"c\", 699]}\n"
+                           "{\"t\": 0, \"id\": 9000000000000000000, \"v\": [\"d\", 901]}\n"
+                           "{\"end\": {\"objects\": 4, \"tables\": [4]}}\n";
+  Result const load = RunTool({"load", other(), "-", "--new-ids"}, dump);
+  ASSERT_EQ(0, load.status) << load.err;
+  EXPECT_NE(std::string::npos, load.err.find("2 references to objects that the dump does not have"))
+      << load.err;
+  EXPECT_EQ("_oid,_table,Name,Next\n1,Node,a,4\n2,Node,b,1\n3,Node,c,\n4,Node,d,\n",
+            RunTool({"scan", other(), "Node"}).out);
+  EXPECT_EQ(0, RunTool({"check", other()}).status);
+}
+
+TEST_F(LoadTest, BlankLinesBehindTheLastOne_AreAccepted) {
+  Apply(kLibrary);
+  std::string const dump = On("dump").out;
+  Load(dump + "\n  \r\n\n");
+  Result const more = RunTool({"load", Path("more"), "-"}, dump + "\nmore\n");
+  EXPECT_EQ(1, more.status);
+  EXPECT_NE(std::string::npos, more.err.find("behind the line that counts the objects"))
+      << more.err;
+}
+
+TEST_F(LoadTest, OfACompressedDump_FromAFileAndAPipe) {
+  Apply(kLibrary);
+  On("import", {"Person", "-"}, 0, "Name\nAda\nBob\n");
+  std::string const dump = On("dump").out;
+  std::string const file = Write("dump", dump);
+  OutputOf("gzip -k " + file);
+  ASSERT_EQ(0, RunTool({"load", other(), file + ".gz"}).status);
+  EXPECT_EQ(dump, RunTool({"dump", other()}).out);
+  std::string const third = Path("third");
+  OutputOf("cat " + file + ".gz | " + SAGLEME_TOOL + " load " + third + " -");
+  EXPECT_EQ(dump, RunTool({"dump", third}).out);
+}
+
+TEST_F(LoadTest, KilledInTheMiddle_LeavesNoDatabaseAndIsTriedAgain) {
+  Apply(kLibrary);
+  On("import", {"Person", "-"}, 0, "Name\nAda\nBob\n");
+  std::string const dump = On("dump").out;
+  std::string const fifo = Path("fifo");
+  ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
+  pid_t const load = StartTool({"load", other(), fifo});
+  int const pipe = open(fifo.c_str(), O_WRONLY);
+  std::size_t const part = dump.size() - 5;
+  ASSERT_EQ(static_cast<ssize_t>(part), write(pipe, dump.data(), part));
+  while (!fs::exists(other() + ".loading/dump")) usleep(1000);
+  Result const second = RunTool({"load", other(), "-"}, dump);
+  EXPECT_EQ(4, second.status);
+  EXPECT_NE(std::string::npos, second.err.find("another process is loading")) << second.err;
+  kill(load, SIGKILL);
+  EXPECT_EQ(128 + SIGKILL, WaitFor(load));
+  close(pipe);
+  EXPECT_FALSE(fs::exists(other()));
+  EXPECT_EQ(3, RunTool({"info", other()}).status);
+  Load(dump);
+  EXPECT_EQ(dump, RunTool({"dump", other()}).out);
+  EXPECT_FALSE(fs::exists(other() + ".loading"));
+}
+
+TEST_F(LoadTest, StoppedByCtrlC_LeavesNothing) {
+  std::string const fifo = Path("fifo");
+  ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
+  pid_t const load = StartTool({"load", other(), fifo});
+  int const pipe = open(fifo.c_str(), O_WRONLY);
+  while (!fs::exists(other() + ".loading/dump")) usleep(1000);
+  kill(load, SIGINT);
+  EXPECT_EQ(1, WaitFor(load));
+  close(pipe);
+  ExpectNothingLeft();
+}
+
+}  // namespace
+}  // namespace tool_test
