@@ -41,7 +41,8 @@ std::vector<Section> Sections() {
           {"schema with many objects", &MeasureSchemaObjects},
           {"schema beside PostgreSQL", &MeasureSchemaBesidePostgres},
           {"bootstrap", &MeasureBootstrap},
-          {"opening", &MeasureOpening}};
+          {"opening", &MeasureOpening},
+          {"transfer", &MeasureTransfer}};
 }
 
 // Of the sections whose names hold `word`.

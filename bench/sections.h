@@ -56,6 +56,10 @@ std::vector<Result> MeasureBootstrap(Settings const& settings);
 // Opening databases of few and many tables, in time and memory.
 std::vector<Result> MeasureOpening(Settings const& settings);
 
+// Import and load beside the shell of SQLite, by processes of their own. Nothing, and a line that
+// says why, where there is none.
+std::vector<Result> MeasureTransfer(Settings const& settings);
+
 // What `section` measures, in a child process. Throws what went wrong there as a runtime_error.
 std::vector<Result> InOwnProcess(std::function<std::vector<Result>()> const& section);
 
