@@ -1,6 +1,7 @@
 #include "attachment.h"
 
 #include <algorithm>
+#include <sagleme/host/duplicates.hpp>
 
 #include "connection.h"
 #include "cursor.h"
@@ -105,7 +106,7 @@ void Attachment::Commit() {
   if (!wrote_) return;
   Drain();
   try {
-    transaction_->Commit();
+    sagleme::Commit(*transaction_, context_);
   } catch (...) {
     transaction_.reset();
     Forget();

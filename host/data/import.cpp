@@ -1,3 +1,4 @@
+#include <sagleme/host/duplicates.hpp>
 #include <sagleme/host/import.hpp>
 
 #include "data/importer.h"
@@ -77,7 +78,7 @@ void Import(Context const& context, std::u16string const& table, RowSource& rows
   for (bool more = true; more; work.Keep()) {
     Transaction transaction(context);
     more = work.Run(transaction, options.batch);
-    transaction.Commit();
+    Commit(transaction, context);
   }
 }
 

@@ -190,6 +190,33 @@ TEST(Keys, SeveralColumns_AreTheirEncodingsOneBehindAnother) {
   EXPECT_EQ(Read(Key().Text(u"abcdefgh").Long(5).Null(), columns), expected);
 }
 
+// Written back, a key reads the same.
+void ExpectThereAndBack(Key const& key, std::vector<KeyColumn> const& columns) {
+  auto const encoded = Read(key, columns);
+  ASSERT_TRUE(encoded);
+  KeyBytes const written = ContractKey(*encoded, columns);
+  EXPECT_EQ(std::vector<std::uint8_t>(written.begin(), written.end()), key.Bytes());
+}
+
+TEST(Keys, AKeyIsWrittenBackInTheContractsForm) {
+  for (bool const descending : {false, true}) {
+    KeyColumn const text{LORV_TYPE_STRING, descending};
+    KeyColumn const binary{LORV_TYPE_BINARY, descending};
+    for (std::size_t const length : Sizes{0, 1, 8, 30, 31, 32, 62, 63, 600}) {
+      ExpectThereAndBack(Key().Text(std::u16string(length, u'x')), {text});
+      ExpectThereAndBack(Key().Chunks(std::vector<std::uint8_t>(length)), {binary});
+    }
+    for (std::u16string const& each : kTexts) ExpectThereAndBack(Key().Text(each), {text});
+    for (auto const& each : kBinaries) ExpectThereAndBack(Key().Chunks(each), {binary});
+    ExpectThereAndBack(Key().Long(-7).Unsigned(7).Double(-2.5).Null().Text(u"abcdefgh"),
+                       {{LORV_TYPE_LONG, descending},
+                        {LORV_TYPE_ULONG, !descending},
+                        {LORV_TYPE_DOUBLE, descending},
+                        text,
+                        {LORV_TYPE_STRING, !descending}});
+  }
+}
+
 TEST(Keys, OneByteOpensAnIntegerAndATextOfEight_TheTypeDecides) {
   Key const text = Key().Text(u"abcdefgh");
   EXPECT_EQ(text.Bytes()[0], 0x28);

@@ -1,3 +1,7 @@
+#include <lscoredb/refused_key.h>
+
+#include <cstddef>
+
 #include "kernel_test.h"
 
 namespace lscoredb_test {
@@ -26,6 +30,21 @@ class UniqueTest : public KernelTest {
 
   std::uint32_t TryPut(Oid oid, std::int64_t number) {
     return lorv_context_put_long(session_.context(), oid, 0, kNumber, number);
+  }
+
+  static lscoredb_refused_key RefusedOf(Session const& session) {
+    lscoredb_refused_key refused{};
+    refused.size = sizeof refused;
+    EXPECT_STATUS(0, lscoredb_refused(session.context(), &refused));
+    return refused;
+  }
+  void ExpectRefused(lscoredb_refused_key const& refused, Oid object, Oid holder,
+                     std::int64_t number) {
+    EXPECT_EQ(refused.index, unique_);
+    EXPECT_EQ(refused.object, object);
+    EXPECT_EQ(refused.holder, holder);
+    auto const* const key = static_cast<std::uint8_t const*>(refused.key);
+    EXPECT_EQ(std::vector<std::uint8_t>(key, key + refused.key_size), Key().Long(number).Bytes());
   }
 
   Oids At(std::int64_t number) { return session_.At(unique_, Key().Long(number)); }
@@ -218,6 +237,48 @@ TEST_F(UniqueTest, ADuplicateThatTwoTransactionsMakeTogetherIsRefusedByTheSecond
   EXPECT_STATUS(LSCOREDB_DUPLICATE_KEY, other.TryCommit());
   session_.Begin();
   EXPECT_EQ(session_.Walk(unique_), Oids{first});
+}
+
+TEST_F(UniqueTest, ARefusedCommitTellsItsKeyUntilTheNextTransaction) {
+  Session other(database_);
+  other.Begin();
+  Oid const second = other.Insert(layout_);
+  other.PutLong(second, kNumber, 7);
+  Oid const first = Row(7);
+  session_.Commit();
+  EXPECT_STATUS(LSCOREDB_DUPLICATE_KEY, other.TryCommit());
+  ExpectRefused(RefusedOf(other), second, first, 7);
+  ExpectRefused(RefusedOf(other), second, first, 7);
+  lscoredb_refused_key none{};
+  none.size = sizeof none;
+  EXPECT_STATUS(LSCOREDB_INVALID_ARGUMENT, lscoredb_refused(session_.context(), &none));
+  other.Begin();
+  EXPECT_STATUS(LSCOREDB_INVALID_ARGUMENT, lscoredb_refused(other.context(), &none));
+  EXPECT_STATUS(LSCOREDB_NULL_ARGUMENT, lscoredb_refused(other.context(), nullptr));
+  EXPECT_STATUS(LSCOREDB_UNKNOWN_CONTEXT, lscoredb_refused(0, &none));
+  EXPECT_EQ(none.index, 0U);
+  session_.Begin();
+}
+
+TEST_F(UniqueTest, ARefusedKeyFillsARecordOfAnEarlierVersionAsFarAsItGoes) {
+  {
+    Walker walker(session_, unique_);
+    Row(3);
+    Row(3);
+  }
+  EXPECT_STATUS(LSCOREDB_DUPLICATE_KEY, session_.TryCommit());
+  lscoredb_refused_key refused{};
+  refused.size = offsetof(lscoredb_refused_key, holder);
+  EXPECT_STATUS(0, lscoredb_refused(session_.context(), &refused));
+  EXPECT_EQ(refused.index, unique_);
+  EXPECT_NE(refused.object, 0U);
+  EXPECT_EQ(refused.holder, 0U);
+  EXPECT_EQ(refused.key, nullptr);
+  refused.size = 0;
+  EXPECT_STATUS(LSCOREDB_INVALID_ARGUMENT, lscoredb_refused(session_.context(), &refused));
+  lscoredb_refused_key const whole = RefusedOf(session_);
+  EXPECT_NE(whole.object, whole.holder);
+  ExpectRefused(whole, whole.object, whole.holder, 3);
 }
 
 TEST_F(UniqueTest, AKeyTakenOverFromARowThatAnotherTransactionMovedAwayMayCommit) {

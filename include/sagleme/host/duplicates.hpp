@@ -25,6 +25,11 @@ SAGLEME_HOST_API std::string DescribeDuplicate(Transaction& transaction, Object 
                                                Table const& table,
                                                std::vector<NewValue> const& values);
 
+// Commits the transaction, which is one of the context. A key that only the commit can refuse,
+// since another transaction took it meanwhile or since it came while the transaction walked through
+// objects, is described in the same way by the Error with LSCOREDB_DUPLICATE_KEY.
+SAGLEME_HOST_API void Commit(Transaction& transaction, Context const& context);
+
 }  // namespace sagleme
 
 #endif

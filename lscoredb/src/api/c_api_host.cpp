@@ -1,4 +1,5 @@
 #include <lscoredb/host.h>
+#include <lscoredb/refused_key.h>
 
 #include <algorithm>
 #include <cstring>
@@ -193,6 +194,19 @@ uint32_t lscoredb_begin(uint64_t context, uint32_t flags) {
 
 uint32_t lscoredb_commit(uint64_t context) {
   return WithTransaction(context, [](Transaction& transaction) { return transaction.Commit(); });
+}
+
+uint32_t lscoredb_refused(uint64_t context, lscoredb_refused_key* out) {
+  return WithContext(context, [&](Context& found) -> Status {
+    if (out == nullptr) return LSCOREDB_NULL_ARGUMENT;
+    std::optional<RefusedKey> const& refused = found.transaction().refused_key();
+    if (!refused || out->size < sizeof out->size) return LSCOREDB_INVALID_ARGUMENT;
+    lscoredb_refused_key const key{
+        out->size,           Raw(refused->index), Raw(refused->object), Raw(refused->holder),
+        refused->key.data(), refused->key.size()};
+    std::memcpy(out, &key, std::min(out->size, sizeof key));
+    return LORV_STATUS_OK;
+  });
 }
 
 uint32_t lscoredb_rollback(uint64_t context) {

@@ -205,10 +205,15 @@ void CommitApplier::CheckUnique(PendingIndex const& entries, bool nothing_betwee
   for (auto const& [key, entry] : entries.map()) {
     if (entry.state != EntryState::kPresent || entry.facts.has_null) continue;
     if (nothing_between && entry.facts.known_unique) continue;
-    if (entries.HasOther(key, true) || CommittedHasOther(batch_, cursor, entries, key)) {
-      Throw(LSCOREDB_DUPLICATE_KEY);
-    }
+    ObjectId holder = entries.FindOther(key, true);
+    if (holder == kNoObject) holder = FindOtherCommitted(batch_, cursor, entries, key);
+    if (holder != kNoObject) Refuse(entries.index(), key, holder);
   }
+}
+
+void CommitApplier::Refuse(IndexDefinition const& index, PendingKey key, ObjectId holder) {
+  request_.refused = {index.id, key.object, holder, ContractKey(key.encoded, index.key_columns)};
+  Throw(LSCOREDB_DUPLICATE_KEY);
 }
 
 // ---- writes ------------------------------------------------------------------------------------

@@ -42,7 +42,7 @@ void AddHints(CommitRequest const& request, std::vector<TreeKey>* hints);
 class CommitApplier {
  public:
   // `position` numbers the layouts made in this batch.
-  CommitApplier(Batch& batch, CommitRequest const& request, std::uint32_t& position,
+  CommitApplier(Batch& batch, CommitRequest& request, std::uint32_t& position,
                 CachedRowChanges& kept)
       : batch_(batch),
         request_(request),
@@ -51,7 +51,8 @@ class CommitApplier {
         entries_(batch),
         deleted_(batch) {}
 
-  // Throws LSCOREDB_CONFLICT or LSCOREDB_DUPLICATE_KEY when the transaction cannot be committed.
+  // Throws LSCOREDB_CONFLICT or LSCOREDB_DUPLICATE_KEY when the transaction cannot be committed,
+  // the latter with the key in the request.
   // Has written nothing then. `nothing_between`: no commit came after the snapshot, and the batch
   // is empty.
   void Validate(bool nothing_between);
@@ -72,6 +73,7 @@ class CommitApplier {
   void DeriveLateEntry(IndexDefinition const& index, PendingRow const& row, bool before);
   PendingIndex& LateEntries(IndexDefinition const& index);
   void CheckUnique(PendingIndex const& entries, bool nothing_between);
+  [[noreturn]] void Refuse(IndexDefinition const& index, PendingKey key, ObjectId holder);
   bool IsLive(PendingIndex const& entries) const;
 
   void ApplyRow(PendingRow const& row);
@@ -98,7 +100,7 @@ class CommitApplier {
   };
 
   Batch& batch_;
-  CommitRequest const& request_;
+  CommitRequest& request_;
   std::uint32_t& position_;
   CachedRowChanges& kept_;
   EntryWriter entries_;

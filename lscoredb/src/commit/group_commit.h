@@ -19,6 +19,14 @@
 
 namespace lscore {
 
+// The key for which a unique index refuses a transaction.
+struct RefusedKey {
+  IndexId index{};
+  ObjectId object{};  // that the transaction wrote
+  ObjectId holder{};  // that has the key too
+  KeyBytes key;       // as the contract has it
+};
+
 // One transaction's wish to be committed. Owned by its thread, which waits.
 struct CommitRequest : CommitTicket {
   CommitRequest(PendingChanges const& its_changes, Snapshot const& its_snapshot, CommitId version)
@@ -28,6 +36,7 @@ struct CommitRequest : CommitTicket {
   Snapshot const& snapshot;
   CommitId index_version;  // of the snapshot
   Status status = LORV_STATUS_OK;
+  RefusedKey refused;  // with LSCOREDB_DUPLICATE_KEY
 };
 
 class GroupCommit {

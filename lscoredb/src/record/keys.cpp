@@ -135,6 +135,74 @@ void AppendBigEndian(KeyBytes& out, std::uint64_t value, std::size_t bytes) {
   out.append(buffer, bytes);
 }
 
+// Reads a key in the kernel's form and writes it in the contract's.
+class KeyTranslator {
+ public:
+  explicit KeyTranslator(std::string_view encoded) : rest_(encoded) {}
+
+  void Column(KeyColumn column);
+  KeyBytes Finish();
+
+ private:
+  char Take();
+  void Integer();
+  KeyBytes TakeBytes(bool text);
+  void Chunks(std::string_view bytes);
+
+  std::string_view rest_;
+  bool descending_ = false;
+  KeyBytes out_;
+};
+
+char KeyTranslator::Take() {
+  char const byte = rest_.front();
+  rest_.remove_prefix(1);
+  return descending_ ? static_cast<char>(~byte) : byte;
+}
+
+void KeyTranslator::Column(KeyColumn column) {
+  descending_ = column.descending;
+  if (Take() == kNull) {
+    out_.push_back(static_cast<char>(kKeyNull));
+  } else if (IsChunked(column.type)) {
+    Chunks(TakeBytes(IsText(column.type)));
+  } else {
+    Integer();
+  }
+}
+
+void KeyTranslator::Integer() {
+  out_.push_back(static_cast<char>(kKeyInteger));
+  for (std::size_t i = 0; i < sizeof(std::uint64_t); ++i) out_.push_back(Take());
+}
+
+KeyBytes KeyTranslator::TakeBytes(bool text) {
+  KeyBytes bytes;
+  for (char byte = Take(); byte != kEnd; byte = Take()) {
+    if (!text && byte == kEscape) byte = Take() == kEscapedEnd ? kEnd : kEscape;
+    bytes.push_back(byte);
+  }
+  return bytes;
+}
+
+void KeyTranslator::Chunks(std::string_view bytes) {
+  std::uint8_t tag = kKeyText;
+  do {
+    std::string_view const chunk = bytes.substr(0, kMaxChunk);
+    out_.push_back(static_cast<char>(tag + chunk.size()));
+    out_.append(chunk);
+    bytes.remove_prefix(chunk.size());
+    tag = 0;
+  } while (!bytes.empty());
+  out_.push_back(static_cast<char>(kKeyTextEnd));
+}
+
+KeyBytes KeyTranslator::Finish() {
+  out_.push_back(static_cast<char>(kKeyEnd));
+  out_.resize((out_.size() + 7) / 8 * 8);
+  return std::move(out_);
+}
+
 // Ids up to here take one byte. A first byte above it counts the bytes that follow.
 constexpr std::uint8_t kMaxShortId = 0xFF - sizeof(std::uint64_t);
 
@@ -206,6 +274,12 @@ bool AppendContractKey(KeyBytes& out, void const* key, std::span<KeyColumn const
   if (reader.AtEnd()) return true;
   out.resize(start);
   return false;
+}
+
+KeyBytes ContractKey(std::string_view encoded, std::span<KeyColumn const> columns) {
+  KeyTranslator translator(encoded);
+  for (KeyColumn const column : columns) translator.Column(column);
+  return translator.Finish();
 }
 
 std::uint64_t OrderedBits(double value) {

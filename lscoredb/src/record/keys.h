@@ -69,6 +69,11 @@ void AppendBinary(KeyBytes& out, std::span<std::uint8_t const> bytes, bool desce
 // double columns are keyed by the 8-byte form that OrderedBits gives.
 bool AppendContractKey(KeyBytes& out, void const* key, std::span<KeyColumn const> columns);
 
+// The same key in the contract's byte format, from the kernel's form. Values that sort alike come
+// as one of them: -0 as 0, each NaN as the usual one. REQUIRES: `encoded` is a whole key of these
+// columns.
+KeyBytes ContractKey(std::string_view encoded, std::span<KeyColumn const> columns);
+
 // The order-preserving 64 bits of a floating-point value, as it stands in a contract key.
 std::uint64_t OrderedBits(double value);
 

@@ -60,8 +60,9 @@ Status IndexMaintainer::CheckUnique(PendingRow const& row) {
     if (affected.SameKey() && !affected.old_facts.has_unwritten) continue;
     PendingIndex& pending = Pending(*affected.index);
     PendingKey const key{affected.new_key, row.id};
-    if (pending.HasOther(key, false)) return LSCOREDB_DUPLICATE_KEY;
-    if (pending.committed() && CommittedHasOther(*state_.snapshot, unique_cursor_, pending, key)) {
+    if (pending.FindOther(key, false) != kNoObject) return LSCOREDB_DUPLICATE_KEY;
+    if (pending.committed() &&
+        FindOtherCommitted(*state_.snapshot, unique_cursor_, pending, key) != kNoObject) {
       return LSCOREDB_DUPLICATE_KEY;
     }
     facts.known_unique = true;

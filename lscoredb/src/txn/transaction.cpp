@@ -16,6 +16,7 @@ void Transaction::Begin(bool read_only) {
   reader_.Begin(store.Notice(*state_.snapshot));
   refusal_ = read_only ? LSCOREDB_WRITE_REFUSED : LSCOREDB_READ_ONLY_DATABASE;
   read_only_ = read_only || store.read_only();
+  refused_key_.reset();
 }
 
 Status Transaction::Commit() {
@@ -24,7 +25,9 @@ Status Transaction::Commit() {
   if (status == LORV_STATUS_OK && (!changes.empty() || changes.requires_any())) {
     status = Guarded([&] {
       CommitRequest request{changes, *state_.snapshot, schema_.version()};
-      return state_.database->commits().Run(request);
+      Status const ended = state_.database->commits().Run(request);
+      if (ended == LSCOREDB_DUPLICATE_KEY) refused_key_ = std::move(request.refused);
+      return ended;
     });
   }
   End();

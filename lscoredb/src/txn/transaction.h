@@ -9,6 +9,7 @@
 // outcomes are returned as statuses, everything else is thrown; either way nothing was changed.
 
 #include <memory>
+#include <optional>
 #include <utility>
 #include <vector>
 
@@ -39,6 +40,9 @@ class Transaction {
   Status refusal_of_writes() const { return refusal_; }
   void Begin(bool read_only);
   Status Commit();
+  // Why the last commit gave LSCOREDB_DUPLICATE_KEY; nothing when it did not, or since the next
+  // transaction began.
+  std::optional<RefusedKey> const& refused_key() const { return refused_key_; }
   void Rollback() noexcept { End(); }
   // Commit fails when another transaction has changed the object since the snapshot.
   Status Require(ObjectId id);
@@ -105,6 +109,7 @@ class Transaction {
   // Each part uses only those above it.
   TransactionState state_;
   bool read_only_ = false;
+  std::optional<RefusedKey> refused_key_;
   Status refusal_ = LSCOREDB_WRITE_REFUSED;
   ResultBuffers result_buffers_;
   Scans scans_;

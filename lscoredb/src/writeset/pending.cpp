@@ -155,29 +155,29 @@ void PendingIndex::TakeBack(undo::EntryAdded const& added) {
   if (at != map_.end()) map_.erase(at);
 }
 
-bool PendingIndex::HasOther(PendingKey key, bool count_unwritten) const {
+ObjectId PendingIndex::FindOther(PendingKey key, bool count_unwritten) const {
   for (auto at = map_.lower_bound(PendingKey{key.encoded, kNoObject});
        at != map_.end() && at->first.encoded == key.encoded; ++at) {
     PendingEntry const& entry = at->second;
     if (at->first.object != key.object && entry.state == EntryState::kPresent &&
         (count_unwritten || !entry.facts.has_unwritten)) {
-      return true;
+      return at->first.object;
     }
   }
-  return false;
+  return kNoObject;
 }
 
-bool CommittedHasOther(View const& view, EntryCursor& cursor, PendingIndex const& pending,
-                       PendingKey key) {
+ObjectId FindOtherCommitted(View const& view, EntryCursor& cursor, PendingIndex const& pending,
+                            PendingKey key) {
   cursor.Open(view, pending.index());
   for (cursor.SeekFirst(key.encoded);
        cursor.valid() && ComparePrefix(cursor.entry().key, key.encoded) == 0; cursor.Next()) {
     ObjectId const object = cursor.entry().object;
     if (object == key.object) continue;
     PendingEntry const* const touched = pending.Find(key.encoded, object);
-    if (touched == nullptr || touched->state != EntryState::kRemoved) return true;
+    if (touched == nullptr || touched->state != EntryState::kRemoved) return object;
   }
-  return false;
+  return kNoObject;
 }
 
 // ---- all of it ---------------------------------------------------------------------------------

@@ -122,9 +122,9 @@ class PendingIndex {
   void Remove(PendingKey key, Sequence now, bool keep_history);
   void SetFacts(PendingKey key, KeyFacts facts);
 
-  // Whether an entry of another object with this encoding is there now. Entries with unwritten
-  // columns count only with `count_unwritten`.
-  bool HasOther(PendingKey key, bool count_unwritten) const;
+  // Another object with an entry of this encoding, or none. Entries with unwritten columns count
+  // only with `count_unwritten`.
+  ObjectId FindOther(PendingKey key, bool count_unwritten) const;
 
   void TakeBack(undo::EntryAdded const& added);
   void TakeBack(undo::EntryErased& erased) { map_.insert(std::move(erased.entry)); }
@@ -142,9 +142,9 @@ class PendingIndex {
   Map map_;
 };
 
-// Whether `view` holds an entry of another object with this encoding that the transaction leaves.
-bool CommittedHasOther(View const& view, EntryCursor& cursor, PendingIndex const& pending,
-                       PendingKey key);
+// Another object with an entry of this encoding in `view` that the transaction leaves, or none.
+ObjectId FindOtherCommitted(View const& view, EntryCursor& cursor, PendingIndex const& pending,
+                            PendingKey key);
 
 // ---- all of it ---------------------------------------------------------------------------------
 

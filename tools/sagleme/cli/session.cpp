@@ -1,5 +1,7 @@
 #include "cli/session.h"
 
+#include <sagleme/host/duplicates.hpp>
+
 #include "base/failure.h"
 #include "base/watch.h"
 
@@ -45,7 +47,7 @@ void Session::Write(Work const& work) {
   }
   sagleme::Transaction transaction(context());
   work(transaction);
-  transaction.Commit();
+  sagleme::Commit(transaction, context());
 }
 
 void Session::Begin() {
@@ -63,7 +65,7 @@ sagleme::Transaction& Session::Open() {
 void Session::Commit() {
   sagleme::Transaction& transaction = Open();
   try {
-    transaction.Commit();
+    sagleme::Commit(transaction, context());
   } catch (...) {
     open_.reset();  // a refused commit has ended the transaction too
     throw;

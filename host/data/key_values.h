@@ -1,0 +1,17 @@
+#ifndef SAGLEME_HOST_DATA_KEY_VALUES_H
+#define SAGLEME_HOST_DATA_KEY_VALUES_H
+
+// The values in a key as the kernel hands it out; the bytes are described in <lscoredb/lscoredb.h>.
+
+#include <sagleme/host.hpp>
+#include <string_view>
+#include <vector>
+
+namespace sagleme {
+
+// One value for each column of the index. Nothing when the bytes are no whole key of it.
+std::vector<Value> KeyValues(Index const& index, std::string_view key);
+
+}  // namespace sagleme
+
+#endif
