@@ -1,5 +1,8 @@
 #include "data/flat_json.h"
 
+#include <fmt/format.h>
+
+#include <algorithm>
 #include <charconv>
 #include <nlohmann/json.hpp>
 
@@ -11,7 +14,7 @@ using Kind = RowValue::Kind;
 // at 2 the items of an array. Inside an object that stands for a value nothing is kept but units.
 class FlatJson::Handler {
  public:
-  Handler(FlatJson& out, std::size_t* error) : out_(out), error_(error) {}
+  explicit Handler(FlatJson& out) : out_(out) {}
 
   bool null() { return Plain(Kind::kNull, {}); }
   bool boolean(bool value) { return Plain(Kind::kBool, value ? "true" : "false"); }
@@ -66,9 +69,14 @@ class FlatJson::Handler {
     --depth_;
     return true;
   }
-  bool parse_error(std::size_t at, std::string const&, std::exception const&) {
-    *error_ = at;
-    return false;
+  // The reader takes a number that no double holds for an error of syntax, and is behind it then.
+  [[noreturn]] bool parse_error(std::size_t at, std::string const& token,
+                                std::exception const& error) {
+    if (dynamic_cast<nlohmann::json::out_of_range const*>(&error) == nullptr) {
+      throw BadJson(at, "the line is not valid JSON");
+    }
+    throw BadJson(at - std::min(at - 1, token.size() - 1),
+                  fmt::format("the number {} is out of range", token));
   }
   // Whether the line is an object.
   bool whole() const { return whole_; }
@@ -113,7 +121,6 @@ class FlatJson::Handler {
   }
 
   FlatJson& out_;
-  std::size_t* error_;
   std::size_t depth_ = 0;
   bool whole_ = false;
   JsonLiteral* object_ = nullptr;  // the value that is being read
@@ -143,13 +150,14 @@ JsonMember const* FlatJson::Find(std::string_view name) const {
 
 void FlatJson::Parse(std::string_view line) {
   member_count_ = item_count_ = 0;
-  std::size_t error = 0;
-  Handler handler(*this, &error);
-  bool const parsed = nlohmann::json::sax_parse(line.begin(), line.end(), &handler);
-  if (parsed && handler.whole()) return;
-  member_count_ = 0;
-  if (!parsed) throw BadJson(error, "the line is not valid JSON");
-  throw BadJson(1, "the line is not a JSON object");
+  Handler handler(*this);
+  try {
+    nlohmann::json::sax_parse(line.begin(), line.end(), &handler);
+    if (!handler.whole()) throw BadJson(1, "the line is not a JSON object");
+  } catch (BadJson const&) {
+    member_count_ = 0;
+    throw;
+  }
 }
 
 }  // namespace sagleme

@@ -65,13 +65,15 @@ struct ToJson {
   }
 };
 
+[[noreturn]] void ThrowOutOfRange(std::string_view text) {
+  throw BadValue(fmt::format("{} is out of range", text));
+}
+
 template <typename T>
 T ParseNumber(std::string_view text) {
   T value{};
   auto const [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-  if (error == std::errc::result_out_of_range) {
-    throw BadValue(fmt::format("{} is out of range", text));
-  }
+  if (error == std::errc::result_out_of_range) ThrowOutOfRange(text);
   if (error != std::errc() || end != text.data() + text.size() || text.empty()) {
     throw BadValue(fmt::format("\"{}\" is not a number", text));
   }
@@ -111,9 +113,12 @@ Decimal ParseDecimal(std::string_view text) {
   bool const only_digits = (whole + fraction).find_first_not_of("0123456789") == std::string::npos;
   if (whole.empty() || !only_digits || fraction.size() > 6) ThrowBadDecimal(text);
   fraction.resize(6, '0');
-  auto const value = ParseNumber<std::uint64_t>(whole + fraction);
+  std::string const millionths = whole + fraction;
+  std::uint64_t value = 0;
+  auto const read =
+      std::from_chars(millionths.data(), millionths.data() + millionths.size(), value);
   constexpr auto kMost = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
-  if (value > kMost + (negative ? 1 : 0)) throw BadValue(fmt::format("{} is out of range", text));
+  if (read.ec != std::errc() || value > kMost + (negative ? 1 : 0)) ThrowOutOfRange(text);
   return {static_cast<std::int64_t>(negative ? 0 - value : value)};
 }
 

@@ -123,6 +123,28 @@ TEST_F(ImportTest, StoppedByCtrlCAtAPipe_EndsAndKeepsWholeBatches) {
   EXPECT_EQ(kBatch, Count("Person"));
 }
 
+TEST_F(ImportTest, NumbersThatNoColumnHolds_AreToldAsTheyStandAtTheirPlaces) {
+  std::string const rows = Write("people.csv", "Name,Height\na,1e999\nb,1\nc,-1e999\n");
+  Result const csv = On("import", {"Person", rows, "--reject", Path("rest.csv")}, 1);
+  EXPECT_NE(std::string::npos, csv.err.find("people.csv:2:3: column Height: 1e999 is out of range"))
+      << csv.err;
+  EXPECT_NE(std::string::npos, csv.err.find(":4:3: column Height: -1e999 is out of range"));
+  EXPECT_EQ("Name,Height\na,1e999\nc,-1e999\n", ReadText(Path("rest.csv")));
+  std::string const bad = "{\"Name\": \"d\", \"Height\": 1e999}\n";
+  std::string const lines =
+      Write("people.jsonl", bad + "{\"Name\": \"e\", \"Height\": 1}\n{\"Name\": f}\n");
+  Result const json = On("import", {"Person", lines, "--reject", Path("rest.jsonl")}, 1);
+  EXPECT_NE(std::string::npos, json.err.find(":1:25: the number 1e999 is out of range"))
+      << json.err;
+  EXPECT_NE(std::string::npos, json.err.find(":3:11: the line is not valid JSON")) << json.err;
+  EXPECT_EQ(bad + "{\"Name\": f}\n", ReadText(Path("rest.jsonl")));
+  EXPECT_EQ(2, Count("Person"));
+  Result const decimal = On("import", {"Book", "-"}, 1, "Title,Isbn,Price\nf,1,99999999999999\n");
+  EXPECT_NE(std::string::npos,
+            decimal.err.find("-:2:5: column Price: 99999999999999 is out of range"))
+      << decimal.err;
+}
+
 TEST_F(ImportTest, Separators_AreFoundInTheHeadingOrNamed) {
   Write("semicolons.csv", "Name;Height\n\"a;b\";1.5\n\"c,d\";2\n");
   Write("tabs.csv", "Name\tHeight\ne,f\t1\n");
