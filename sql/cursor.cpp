@@ -111,6 +111,8 @@ void Cursor::Reset() {
   id_ = 0;
   by_id_ = in_runs_ = all_one_run_ = drained_ = lost_ = check_set_ = false;
   ready_.clear();
+  skip_.Stop();
+  points_.clear();
 }
 
 RowId Cursor::RowAt(std::uint64_t oid, std::uint64_t position) const {
@@ -127,6 +129,7 @@ void Cursor::PrepareIds(Plan const& plan, sqlite3_value* value) {
 void Cursor::PrepareIndex(Plan const& plan, int, sqlite3_value** values) {
   ShapeIndex const& index = table_.shape->indexes[plan.index];
   index_ = index.handle;
+  index_place_ = plan.index;
   check_set_ = !index.own;
   SpanLists const lists = Collect(index, plan, values);
   std::vector<Span> taken;
@@ -135,6 +138,41 @@ void Cursor::PrepareIndex(Plan const& plan, int, sqlite3_value** values) {
   order_ = plan.order;
   all_one_run_ = plan.ordered && !order_.empty() && !EqualsArePoints(plan, lists);
   in_runs_ = plan.ordered && (all_one_run_ || RunOrder(context_, order_).needed());
+  if (plan.skips && !all_one_run_) PrepareSkip(plan, lists);
+}
+
+// The parts in front of the column of the order equal one value each.
+void Cursor::PrepareSkip(Plan const& plan, SpanLists const& lists) {
+  ShapeIndex const& index = table_.shape->indexes[plan.index];
+  std::vector<std::uint16_t> same{order_.front().ordinal};
+  for (std::size_t part = 0; part < lists.size(); ++part) {
+    auto const ordinal = table_.shape->ColumnAt(index.parts[part].column)->ordinal;
+    if (ordinal == order_.front().ordinal) break;
+    if (lists[part].empty()) return;  // there are no rows
+    points_.push_back(lists[part].front());
+    same.push_back(ordinal);
+  }
+  skip_.Start(order_.front(), index.parts[points_.size()].ascending == reverse_, std::move(same));
+}
+
+// Goes on at the next value where nothing but the value was asked for. What was read ahead of the
+// present row is to come first.
+void Cursor::SkipEqualRows() {
+  if (drained_ || iterator_ == 0 || !ready_.empty()) return;
+  auto const bound = skip_.Behind(context_, row_);
+  if (!bound.has_value()) return;
+  ShapeIndex const& index = table_.shape->indexes[index_place_];
+  Type const type = index.parts[points_.size()].type;
+  Span rest = Everything(type);
+  bool const falling = index.parts[points_.size()].ascending == reverse_;
+  (falling ? rest.last : rest.first) = *bound;
+  std::vector<Span> spans = points_;
+  spans.push_back(rest);
+  KeyRange next = RangeOf(index, spans);
+  KeyRange& range = ranges_[range_ - 1];
+  (reverse_ ? range.last : range.first) = std::move(reverse_ ? next.last : next.first);
+  CloseScan();
+  OpenRange(range);
 }
 
 void Cursor::Prepare(Plan const& plan, int count, sqlite3_value** values) {
@@ -234,6 +272,7 @@ bool Cursor::Fetch(RowId& row) {
 }
 
 void Cursor::Next() {
+  if (skip_.on()) SkipEqualRows();
   RowId row;
   row_ = Fetch(row) ? row : RowId{};
 }
@@ -255,7 +294,9 @@ void Cursor::Drain() noexcept {
 void Cursor::Column(sqlite3_context* result, int column) {
   if (sqlite3_vtab_nochange(result)) return;
   Shape const& shape = *table_.shape;
-  if (ShapeColumn const* const found = shape.ColumnAt(column)) {
+  ShapeColumn const* const found = shape.ColumnAt(column);
+  if (skip_.on()) found != nullptr ? skip_.NoteRead(found->ordinal) : skip_.NoteOtherRead();
+  if (found != nullptr) {
     Result(result, {context_, row_.oid, row_.addr, found->ordinal}, found->type, table_.number);
     return;
   }

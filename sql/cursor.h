@@ -14,6 +14,7 @@
 #include "keys.h"
 #include "order.h"
 #include "plan.h"
+#include "skip.h"
 
 namespace sagleme::sql {
 
@@ -30,7 +31,10 @@ class Cursor : public sqlite3_vtab_cursor {
   void Filter(Plan const& plan, int count, sqlite3_value** values);
   void Next();
   bool AtEnd() const { return row_.oid == 0; }
-  std::uint64_t oid() const { return row_.oid; }
+  std::uint64_t oid() {
+    skip_.NoteOtherRead();
+    return row_.oid;
+  }
   void Column(sqlite3_context* result, int column);
   // Takes down what is still to come. Never fails: what could not be taken down is an error of the
   // next step.
@@ -42,6 +46,8 @@ class Cursor : public sqlite3_vtab_cursor {
   void Prepare(Plan const& plan, int count, sqlite3_value** values);
   void PrepareIds(Plan const& plan, sqlite3_value* value);
   void PrepareIndex(Plan const& plan, int count, sqlite3_value** values);
+  void PrepareSkip(Plan const& plan, std::vector<std::vector<Span>> const& lists);
+  void SkipEqualRows();
   void OpenRange(KeyRange const& range);
   bool Scan(RowId& row);   // the next row of the ranges
   bool Fetch(RowId& row);  // the next row in the order that SQLite wants
@@ -55,6 +61,7 @@ class Cursor : public sqlite3_vtab_cursor {
   std::uint64_t layout_ = 0;
   RowId row_;
   std::uint64_t index_ = 0;
+  std::size_t index_place_ = 0;  // in the shape
   std::uint64_t iterator_ = 0;
   bool reverse_ = false;
   bool check_set_ = false;  // the index holds objects of other tables too
@@ -66,6 +73,8 @@ class Cursor : public sqlite3_vtab_cursor {
   std::vector<OrderColumn> order_;
   bool in_runs_ = false;
   bool all_one_run_ = false;
+  EqualRowSkip skip_;
+  std::vector<Span> points_;  // of the parts of the index in front of the column that it looks at
   std::deque<RowId> ready_;
   bool drained_ = false;
   bool lost_ = false;

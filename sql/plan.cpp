@@ -261,6 +261,7 @@ void Chooser::Describe(Candidate& candidate) const {
     }
   }
   if (plan.reverse) plan.text += " backwards";
+  if (plan.skips) plan.text += ", each value once";
 }
 
 // What SQLite would pay for sorting counts against a plan without the order.
@@ -312,6 +313,9 @@ void Choose(Shape const& shape, std::uint64_t rows, sqlite3_index_info* info, Pl
     best.rows *= 5;
     best.cost *= 5;
   }
+  // 2 and 3: of rows that are the same to the statement one is enough.
+  best.plan.skips = sqlite3_vtab_distinct(info) >= 2 && best.plan.ordered &&
+                    best.plan.kind == Plan::Kind::kIndex && best.plan.order.size() == 1;
   chooser.Describe(best);
   info->estimatedCost = best.cost;
   info->estimatedRows = static_cast<sqlite3_int64>(best.rows);

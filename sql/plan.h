@@ -33,6 +33,8 @@ struct Plan {
   bool reverse = false;
   bool ordered = false;  // SQLite was told that rows come in its order
   std::vector<OrderColumn> order;
+  bool skips =
+      false;         // rows that equal another one in the only column of the order may be left out
   std::string text;  // what EXPLAIN QUERY PLAN shows
   bool operator==(Plan const& other) const { return text == other.text; }
 };
