@@ -1,5 +1,5 @@
 import pytest
-from library import MODELS, Book, Item, fill
+from library import MODELS, Book, Film, Item, Person, fill
 from test_schema import in_child
 
 import sagleme as sg
@@ -76,3 +76,22 @@ def test_descriptions(make):
         "Library.Book", "Library.Film", "Library.Item", "Library.Person"]
     with db.read() as tx:
         assert "Library.Item" in str(db.describe(Item)) and tx.open
+
+
+def test_objects_of_a_dropped_table_are_found_no_more():
+    def drop():
+        with sg.open("database", models=MODELS, sync=False) as db:
+            db.apply()
+            fill(db)
+            with db.write() as tx:
+                sg._core.drop_table(tx, Film._table_name)
+
+    def look():
+        with sg.open("database", models=(Person, Item, Book)) as db, db.read() as tx:
+            assert tx.all(Item).count() == 20
+            assert {each.title[:4] for each in tx.all(Item)} == {"Book"}
+            assert tx.all(Item).where(title="Film 1").count() == 0
+            assert tx.all(Item).where(year=1970).count() == 1
+
+    in_child(drop)
+    in_child(look)
