@@ -2,8 +2,6 @@
 
 #include <lscoredb/watch.h>
 
-#include <new>
-
 namespace sagleme::sql {
 
 int ResultCode(std::uint32_t status) {
@@ -40,24 +38,6 @@ int ResultCode(std::uint32_t status) {
       return SQLITE_NOTADB;
     default:
       return SQLITE_ERROR;
-  }
-}
-
-int Guarded(std::function<void()> const& work, std::function<void(char const*)> const& tell) {
-  try {
-    work();
-    return SQLITE_OK;
-  } catch (Failure const& failure) {
-    tell(failure.what());
-    return failure.code();
-  } catch (Error const& error) {
-    tell(error.what());
-    return ResultCode(error.status());
-  } catch (std::bad_alloc const&) {
-    return SQLITE_NOMEM;
-  } catch (std::exception const& error) {
-    tell(error.what());
-    return SQLITE_ERROR;
   }
 }
 

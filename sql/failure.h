@@ -3,7 +3,7 @@
 
 // Failures on their way to SQLite: a result code and a text.
 
-#include <functional>
+#include <new>
 #include <sagleme/host.hpp>
 #include <stdexcept>
 #include <string>
@@ -25,8 +25,25 @@ class Failure : public std::runtime_error {
 int ResultCode(std::uint32_t status);
 
 // Runs `work` at the border to SQLite, which knows no exceptions: SQLITE_OK, or the code of what
-// was thrown, with its text handed to `tell`.
-int Guarded(std::function<void()> const& work, std::function<void(char const*)> const& tell);
+// was thrown, with its text handed to `tell`. Asks for no memory of its own.
+template <typename Work, typename Tell>
+int Guarded(Work&& work, Tell&& tell) noexcept {
+  try {
+    work();
+    return SQLITE_OK;
+  } catch (Failure const& failure) {
+    tell(failure.what());
+    return failure.code();
+  } catch (Error const& error) {
+    tell(error.what());
+    return ResultCode(error.status());
+  } catch (std::bad_alloc const&) {
+    return SQLITE_NOMEM;
+  } catch (std::exception const& error) {
+    tell(error.what());
+    return SQLITE_ERROR;
+  }
+}
 
 // The same for a method of a virtual table, whose text SQLite frees.
 template <typename Work>

@@ -31,7 +31,7 @@ std::string TextOf(sqlite3_value* value, char const* what) {
   if (sqlite3_value_type(value) != SQLITE_TEXT) {
     throw Failure(SQLITE_MISMATCH, std::string(what) + " is not given as a text.");
   }
-  return reinterpret_cast<char const*>(sqlite3_value_text(value));
+  return TextBytes(value);
 }
 
 void AttachDatabase(sqlite3_context* context, Connection& connection, int count,
@@ -79,8 +79,8 @@ std::uint64_t IdIn(sqlite3_value* value) {
   if (sqlite3_value_type(value) == SQLITE_INTEGER && sqlite3_value_int64(value) > 0) {
     return static_cast<std::uint64_t>(sqlite3_value_int64(value));
   }
-  throw Failure(SQLITE_MISMATCH, std::string("This is not the id of an object: ") +
-                                     reinterpret_cast<char const*>(sqlite3_value_text(value)));
+  throw Failure(SQLITE_MISMATCH,
+                std::string("This is not the id of an object: ") + TextBytes(value));
 }
 
 // Null when there is no such object any more.
@@ -128,7 +128,7 @@ bool MayBeReference(Connection const& connection, sqlite3_value** values) {
       sqlite3_value_type(values[1]) != SQLITE_TEXT) {
     return false;
   }
-  return *sqlite3_value_text(values[1]) != '$';
+  return *TextBytes(values[1]) != '$';
 }
 
 template <bool text>

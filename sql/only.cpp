@@ -5,6 +5,7 @@
 #include "attachment.h"
 #include "connection.h"
 #include "failure.h"
+#include "text.h"
 
 namespace sagleme::sql {
 namespace {
@@ -87,9 +88,10 @@ void Step(OnlyCursor& cursor, sqlite3* database) {
 }
 
 std::string TextOf(sqlite3_value* value) {
-  auto const* const text = reinterpret_cast<char const*>(sqlite3_value_text(value));
-  if (text == nullptr) throw Failure(SQLITE_MISMATCH, "only() wants names, not NULL.");
-  return text;
+  if (sqlite3_value_type(value) == SQLITE_NULL) {
+    throw Failure(SQLITE_MISMATCH, "only() wants names, not NULL.");
+  }
+  return TextBytes(value);
 }
 
 int Filter(sqlite3_vtab_cursor* cursor, int with_schema, char const*, int, sqlite3_value** values) {

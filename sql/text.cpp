@@ -1,6 +1,7 @@
 #include "text.h"
 
 #include <algorithm>
+#include <new>
 #include <sagleme/host/text.hpp>
 
 namespace sagleme::sql {
@@ -19,10 +20,16 @@ std::size_t CopyAscii(std::u16string_view text, std::string& out) {
 
 }  // namespace
 
-std::optional<std::u16string> TextIn(sqlite3_value* value) {
+char const* TextBytes(sqlite3_value* value) {
   auto const* const bytes = reinterpret_cast<char const*>(sqlite3_value_text(value));
+  if (bytes == nullptr && sqlite3_value_type(value) != SQLITE_NULL) throw std::bad_alloc();
+  return bytes == nullptr ? "" : bytes;
+}
+
+std::optional<std::u16string> TextIn(sqlite3_value* value) {
+  if (sqlite3_value_type(value) == SQLITE_NULL) return std::nullopt;
+  char const* const bytes = TextBytes(value);
   auto const size = static_cast<std::size_t>(sqlite3_value_bytes(value));
-  if (bytes == nullptr) return std::nullopt;
   std::string_view const text(bytes, size);
   if (text.find('\0') != std::string_view::npos) return std::nullopt;
   try {

@@ -11,6 +11,10 @@
 
 namespace sagleme::sql {
 
+// The UTF-8 of a value as SQLite converts it; empty for NULL. Throws
+// std::bad_alloc when it has no memory for that.
+char const* TextBytes(sqlite3_value* value);
+
 // The text of a value; nothing when its bytes are no text that the database can hold: not UTF-8, or
 // with a zero byte in it.
 std::optional<std::u16string> TextIn(sqlite3_value* value);

@@ -108,7 +108,7 @@ void Row::ReadAssignments(bool insert) {
 TablePtr Row::Target() const {
   sqlite3_value* const given = HiddenValue(Hidden::kTable);
   if (given == nullptr) return shape_.table;
-  std::string const name = reinterpret_cast<char const*>(sqlite3_value_text(given));
+  std::string const name = TextBytes(given);
   Entry const* const entry = at_.schema()->Find(name);
   if (entry == nullptr) throw Failure(SQLITE_ERROR, "no such table: " + name);
   TablePtr const target = entry->shape->table;
@@ -121,8 +121,8 @@ std::uint64_t Row::GivenId(sqlite3_value* id) const {
   if (sqlite3_value_type(id) == SQLITE_NULL) id = HiddenValue(Hidden::kId);
   if (id == nullptr) return 0;
   if (sqlite3_value_numeric_type(id) != SQLITE_INTEGER || sqlite3_value_int64(id) <= 0) {
-    throw Failure(SQLITE_MISMATCH, std::string("An object's id is an integer above 0, not ") +
-                                       reinterpret_cast<char const*>(sqlite3_value_text(id)) + ".");
+    throw Failure(SQLITE_MISMATCH,
+                  std::string("An object's id is an integer above 0, not ") + TextBytes(id) + ".");
   }
   return static_cast<std::uint64_t>(sqlite3_value_int64(id));
 }

@@ -112,7 +112,7 @@ std::string_view TypeOfValue(sqlite3_value* value) {
                      " does not take " + std::string(TypeOfValue(value));
   int const type = sqlite3_value_type(value);
   if (type != SQLITE_BLOB && type != SQLITE_NULL) {
-    text += " " + std::string(reinterpret_cast<char const*>(sqlite3_value_text(value)));
+    text.append(" ").append(TextBytes(value));
   }
   throw Failure(SQLITE_MISMATCH, text + ".");
 }
@@ -168,8 +168,8 @@ std::int64_t IntegerIn(ShapeColumn const& column, sqlite3_value* value) {
 
 std::optional<std::uint64_t> UnsignedText(sqlite3_value* value) {
   if (sqlite3_value_type(value) != SQLITE_TEXT) return std::nullopt;
-  auto const* const text = reinterpret_cast<char const*>(sqlite3_value_text(value));
-  auto const* const end = text + sqlite3_value_bytes(value);
+  char const* const text = TextBytes(value);
+  char const* const end = text + sqlite3_value_bytes(value);
   std::uint64_t parsed = 0;
   auto const result = std::from_chars(text, end, parsed);
   if (result.ec != std::errc() || result.ptr != end) return std::nullopt;
@@ -195,7 +195,7 @@ Decimal DecimalIn(ShapeColumn const& column, sqlite3_value* value) {
   auto const number = NumberIn(value);
   if (!number.has_value()) Refuse(column, value);
   if (number->is_integer || sqlite3_value_type(value) == SQLITE_TEXT) {
-    auto const text = reinterpret_cast<char const*>(sqlite3_value_text(value));
+    char const* const text = TextBytes(value);
     if (auto const exact = ParseDecimal(text)) return *exact;
     if (number->is_integer) Refuse(column, value);
   }
