@@ -163,6 +163,7 @@ bool Chooser::OrderFits(ShapeIndex const& index, Candidate& candidate) const {
   };
   for (int i = 0; i < info_->nOrderBy; ++i) {
     auto const& term = info_->aOrderBy[i];
+    if (term.iColumn < 0) return false;  // the rowid, which is no part that SQL does not show
     while (part < index.parts.size() && uses(part, true) &&
            index.parts[part].column != term.iColumn) {
       ++part;
