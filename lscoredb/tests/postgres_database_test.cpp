@@ -5,9 +5,9 @@
 #include <memory>
 #include <set>
 
+#include "postgres_url.h"
 #include "process_world.h"
 #include "server_proxy.h"
-#include "store_conformance/postgres_url.h"
 
 namespace lscoredb_test {
 namespace {

@@ -23,6 +23,7 @@
 
 #include <functional>
 #include <sagleme/metalayer/catalogue.hpp>
+#include <sagleme/metalayer/keys.hpp>
 #include <sagleme/metalayer/names.hpp>
 #include <span>
 #include <string>
@@ -137,10 +138,25 @@ SAGLEME_API Index ExistingIndex(char16_t const* name);
 // Calls `callable` with each RawColumn row of the ordinals from `first` to before `end`; `end` -1
 // is the last column. The rows may be changed by the callable.
 template <typename Callable>
-void EnumColumns(RawView const& table, int first, int end, Callable&& callable);
+void EnumColumns(RawView const& table, int first, int end, Callable&& callable) {
+  if (first == end) return;
+  db_util::db_iter_with_keys columns;
+  Key(columns.first_key).Ref(table).Long(static_cast<short>(first));
+  // The last ordinal of an open end is the highest that a short holds.
+  Key(columns.last_key).Ref(table).Long(end == -1 ? 0x7FFF : static_cast<short>(end - 1));
+  columns.open(RawColumn::index_id_RawColumnPK(), kForward);
+  while (columns.next()) callable(RawColumn(columns.current));
+}
+
 // Calls `callable` with each direct child.
 template <typename Callable>
-void EnumChildren(LS_OBJ_REF parent, Callable&& callable);
+void EnumChildren(LS_OBJ_REF parent, Callable&& callable) {
+  db_util::db_iter_with_keys children;
+  Key(children.first_key).Ref(parent);
+  Key(children.last_key).Ref(parent);
+  children.open(RawView::index_id_RawViewIdxInherits(), kForward);
+  while (children.next()) callable(RawView(children.current));
+}
 
 // ---- tables -------------------------------------------------------------------------------------
 
@@ -238,7 +254,5 @@ SAGLEME_API void DropIndex(char16_t const* table_name, char16_t const* name);
 SAGLEME_API void DropIndex(DottedName const& table, char16_t const* name);
 
 }  // namespace metalayer::ddl
-
-#include <sagleme/metalayer/ddl_walks.hpp>
 
 #endif
