@@ -11,13 +11,11 @@
 namespace sagleme::sql {
 namespace {
 
-constexpr std::uint32_t kNoTable = 15003;
-
 TablePtr TableNamed(Transaction& transaction, std::string const& name) {
   try {
     return transaction.Resolve(ToUtf16(name));
   } catch (Error const& error) {
-    if (error.status() == kNoTable) return nullptr;
+    if (error.status() == SAGLEME_TABLE_NOT_FOUND) return nullptr;
     throw;
   }
 }

@@ -5,7 +5,7 @@
 namespace sagleme::sql {
 namespace {
 
-constexpr std::uint32_t kKeyTooLong = 4197;
+constexpr std::uint32_t kKeyTooLong = SAGLEME_NAME_TOO_LONG;
 
 void Write(metalayer::Key& key, Bound const& bound) {
   switch (bound.kind) {

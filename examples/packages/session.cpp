@@ -3,11 +3,6 @@
 #include <utility>
 
 namespace packages {
-namespace {
-
-constexpr uint32_t kPartialCatalogue = 7043;
-
-}  // namespace
 
 Session::Session(sagleme::Database database) : database_(std::move(database)), context_(database_) {
   *metalayer::TlsMetalayerContext::Current() = context_.id();
@@ -27,7 +22,7 @@ sagleme::Database OpenOrCreate(std::string const& directory, sagleme::Progress c
     try {
       return sagleme::Database::Open(directory);
     } catch (sagleme::Error const& error) {
-      if (error.status() != kPartialCatalogue) throw;
+      if (error.status() != SAGLEME_NOT_PREPARED) throw;
     }
   }
   return sagleme::Database::Create(directory, progress);

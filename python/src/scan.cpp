@@ -14,7 +14,7 @@ constexpr std::size_t kLargestBatch = 1024;
 // Writes a key into room that doubles until it fits.
 template <typename Write>
 std::vector<std::uint64_t> KeyWords(Write&& write) {
-  constexpr std::uint32_t kKeyTooLong = 4197;
+  constexpr std::uint32_t kKeyTooLong = SAGLEME_NAME_TOO_LONG;
   for (std::size_t count = 32;; count *= 2) {
     std::vector<std::uint64_t> words(count);
     try {

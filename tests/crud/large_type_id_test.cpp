@@ -52,7 +52,7 @@ TEST_F(LargeTypeIdTest, HandlesOfADroppedTable_GoAtTheRefresh) {
   ExpectOk(lorv_drop_table_by_name(context(), u"Far", false, false));
   ExpectOk(lorv_crud_RefreshIssuedHandles(context()));
   CreateInfo* gone = nullptr;
-  ExpectRefused(15003, u"Type Far not found.",
+  ExpectRefused(SAGLEME_TABLE_NOT_FOUND, u"Type Far not found.",
                 lorv_crud_GetCreateHandleOrSystem(context(), u"Far", true, &gone));
   CreateTable(u"Far", Columns());
   EXPECT_EQ(kPlaces + 2, TypeId(u"Far"));

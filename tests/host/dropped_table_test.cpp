@@ -136,7 +136,8 @@ TEST_F(DroppedTableTest, WhatAReportOfTheCheckThrows_ComesOut) {
     sagleme::CheckCatalogue(transaction, {},
                             [&](sagleme::Finding const&) { std::rethrow_exception(failure); });
   };
-  EXPECT_THROW(check(std::make_exception_ptr(sagleme::Error(9037, "mine"))), sagleme::Error);
+  EXPECT_THROW(check(std::make_exception_ptr(sagleme::Error(LSCOREDB_IO_ERROR, "mine"))),
+               sagleme::Error);
   EXPECT_THROW(check(std::make_exception_ptr(std::runtime_error("mine"))), std::runtime_error);
 }
 

@@ -40,7 +40,7 @@ inline constexpr std::size_t kMaxColumns = 115;
 
 void CheckArgument(Text const& value, Text const& name);
 [[noreturn]] void ThrowTooManyColumns(Text const& table);
-// By its full name; 15003.
+// By its full name; SAGLEME_TABLE_NOT_FOUND.
 Table& ExistingTable(Model& model, Text const& name);
 // One more column row, behind the last one of the table.
 void PopulateColumn(Model& model, Table& table, ColumnDef const& definition, bool strict);
@@ -49,7 +49,7 @@ void CheckColumnNameIsFree(Table const& table, Text const& name);
 void CheckReversedUidIsFree(Model const& model, Text const& full_name, Uid except);
 // All types of a table's own columns can be read, but for the column that is passed over.
 void CheckOwnTypes(Model const& model, Table const& table, Uid except_declared = 0);
-// 15012 when a class maps the table.
+// SAGLEME_TABLE_REFERENCED when a class maps the table.
 void CheckNoClass(Model const& model, Table const& table);
 void RemoveIndex(Model& model, Uid index);
 

@@ -113,7 +113,8 @@ inline TablePtr CreateTable(Transaction& transaction, Text const& name, Text con
   return CreateTable(transaction, name, base, std::span(columns.begin(), columns.size()));
 }
 
-// Gives reference columns whose targets came later their type; 15002 when one is still missing.
+// Gives reference columns whose targets came later their type; SAGLEME_TARGET_NOT_FOUND when one is
+// still missing.
 inline void FinishReferences(Transaction& transaction) {
   detail::ChangeSchema(transaction, lorv_update_reference_columns_types);
 }

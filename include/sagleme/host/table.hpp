@@ -69,7 +69,7 @@ struct Table {
                                  [&](Column const& each) { return each.name == column.view(); });
     return at == columns.end() ? nullptr : &*at;
   }
-  // Throws Error with 7038.
+  // Throws Error with SAGLEME_NO_SUCH_COLUMN.
   Column const& GetColumn(TextView const& column) const {
     if (Column const* const found = FindColumn(column)) return *found;
     throw Error(SAGLEME_NO_SUCH_COLUMN,

@@ -50,9 +50,10 @@ class Transaction : public RawTransaction {
 
   // By the full name; null when there is none.
   TablePtr Find(TextView const& full_name);
-  // By the full name; Error with 15003 when there is none.
+  // By the full name; Error with SAGLEME_TABLE_NOT_FOUND when there is none.
   TablePtr table(TextView const& full_name);
-  // By a name that may lack leading segments. 15003: no such table, 7039: several.
+  // By a name that may lack leading segments. SAGLEME_TABLE_NOT_FOUND: no such table,
+  // SAGLEME_AMBIGUOUS_NAME: several.
   TablePtr Resolve(TextView const& name);
   // By the catalogue's row; null when there is none.
   TablePtr ById(ObjectId id);

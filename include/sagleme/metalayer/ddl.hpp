@@ -54,14 +54,14 @@ class SAGLEME_API MetaPopul8r {
   explicit MetaPopul8r(bool strict);
 
   // Each writes one column row of `table`. Name and ordinal are taken as they are: that they are
-  // free is watched by the catalogue's unique indexes alone. 15002 for a type that does not exist,
-  // with the column and the type in the text.
+  // free is watched by the catalogue's unique indexes alone. SAGLEME_TARGET_NOT_FOUND for a type
+  // that does not exist, with the column and the type in the text.
   //
   // The type as a row: of a primitive type or of a table, and of nothing derived from them.
   void PopulateColumnMeta(LS_OBJ_REF table, LORV_COLUMN_DEFINITION const& definition, int ordinal,
                           bool inherited);
-  // The type as a code, and the target's full name. 4213 for a column that is not nullable though
-  // its type always is.
+  // The type as a code, and the target's full name. SAGLEME_COLUMN_NOT_NULLABLE for a column that
+  // is not nullable though its type always is.
   void PopulateColumnMeta(LS_OBJ_REF table, LORV_COLUMN_DEFINITION_NAMES const& definition,
                           int ordinal, bool inherited);
   // The column of a system table.
@@ -72,8 +72,8 @@ class SAGLEME_API MetaPopul8r {
   // nothing when the child has columns, or the parent is null.
   int CopyParentColumns(LS_OBJ_REF child, LS_OBJ_REF parent);
 
-  // Gives all deferred columns of the database their data type. 15002 for the first whose target
-  // still does not exist; those before it are done then.
+  // Gives all deferred columns of the database their data type. SAGLEME_TARGET_NOT_FOUND for the
+  // first whose target still does not exist; those before it are done then.
   void UpdateRefTypes();
 
  private:
@@ -98,7 +98,8 @@ namespace metalayer::ddl {
 
 // ---- shared by all schema changes ---------------------------------------------------------------
 
-// One definition as the kernel takes it, with the token given. 4226 for a type that is none.
+// One definition as the kernel takes it, with the token given. SAGLEME_INVALID_TYPE for a type that
+// is none.
 SAGLEME_API void ToLorviColDef(LORV_COLUMN_DEFINITION const& definition, unsigned long token,
                                LORVI_COLUMN_DEFINITION* out);
 SAGLEME_API void ToLorviColDef(LORV_COLUMN_DEFINITION_NAMES const& definition, unsigned long token,
@@ -108,7 +109,8 @@ SAGLEME_API unsigned char LogicalTypeFromColDef(LORV_COLUMN_DEFINITION_NAMES con
 
 // Definitions whose catalogue rows exist, from `first_ordinal` on, as the kernel takes them, ended
 // by a record of type 0. Returns the number of columns. A column's token is that of the decimal
-// text of its row's identity. `out` takes two columns less than its size; 1001 for more.
+// text of its row's identity. `out` takes two columns less than its size; SAGLEME_BAD_ARGUMENT for
+// more.
 SAGLEME_API int ToLorviColDefs(RawView const& table,
                                span<LORV_COLUMN_DEFINITION const> const& definitions,
                                int first_ordinal, span<LORVI_COLUMN_DEFINITION> const& out);
@@ -125,13 +127,14 @@ SAGLEME_API unsigned short CreateKernelLayout(char16_t const* table_name, LS_OBJ
 SAGLEME_API unsigned short RecreateTable(RawView& table,
                                          span<LORVI_COLUMN_DEFINITION const> const& columns);
 
-// 15012 when a class maps the table.
+// SAGLEME_TABLE_REFERENCED when a class maps the table.
 SAGLEME_API void CheckTableIsNotUsedByLevel1(RawView const& table);
-// A column that the table declares itself. 7038: there is none, 15024: it is inherited.
+// A column that the table declares itself. SAGLEME_NO_SUCH_COLUMN: there is none,
+// SAGLEME_COLUMN_INHERITED: it is inherited.
 SAGLEME_API RawColumn GetNonInheritedColumn(RawView const& table, char16_t const* column_name);
 // The highest ordinal plus one, 0 for none.
 SAGLEME_API int GetColumnsCount(RawView const& table);
-// 15003 for no such table, 4229 for no such index.
+// SAGLEME_TABLE_NOT_FOUND for no such table, SAGLEME_INDEX_NOT_FOUND for no such index.
 SAGLEME_API RawView ExistingTable(char16_t const* full_name);
 SAGLEME_API Index ExistingIndex(char16_t const* name);
 
@@ -162,8 +165,8 @@ void EnumChildren(LS_OBJ_REF parent, Callable&& callable) {
 
 // Both create a table, or, when one of that name exists, hold it against the definition and write
 // nothing, the schema generation included. A null base is the root of all layouts.
-// 1001: more than kMaxColumns columns with the base's. 15009: the existing table differs. 15002,
-// 4213: see MetaPopul8r.
+// SAGLEME_BAD_ARGUMENT: more than kMaxColumns columns with the base's. SAGLEME_SCHEMA_MISMATCH: the
+// existing table differs. SAGLEME_TARGET_NOT_FOUND, SAGLEME_COLUMN_NOT_NULLABLE: see MetaPopul8r.
 //
 // Types as rows. `base` is not looked up: one that is no table ends the process. `out_table` gets
 // the new row, and nothing when the table exists; `out_layout` gets the layout number either way.
@@ -171,47 +174,51 @@ void EnumChildren(LS_OBJ_REF parent, Callable&& callable) {
 SAGLEME_API void CreateTableAndMeta(bool strict, char16_t const* name, db_util::LsObjRef base,
                                     span<LORV_COLUMN_DEFINITION const> columns,
                                     LS_OBJ_REF* out_table, unsigned short* out_layout);
-// Types as codes and names. 15001 for an unknown base. `out_layout` is written before an existing
-// table is verified.
+// Types as codes and names. SAGLEME_BASE_NOT_FOUND for an unknown base. `out_layout` is written
+// before an existing table is verified.
 SAGLEME_API void CreateTableHigh(bool strict, char16_t const* name, char16_t const* base_name,
                                  span<LORV_COLUMN_DEFINITION_NAMES const> columns,
                                  unsigned short* out_layout);
 
 // Adds columns behind the table's own ones, and as inherited columns to all descendants, whose own
-// columns move up. Returns the table's new layout number. 1001: no columns, or too many; 4277:
-// names in use, told all at once for the table, and for the first descendant that has any.
+// columns move up. Returns the table's new layout number. SAGLEME_BAD_ARGUMENT: no columns, or too
+// many; SAGLEME_COLUMN_NAME_TAKEN: names in use, told all at once for the table, and for the first
+// descendant that has any.
 SAGLEME_API unsigned short AddColumns(char16_t const* full_name,
                                       span<LORV_COLUMN_DEFINITION_NAMES const> const& columns);
 SAGLEME_API unsigned short AddColumns(DottedName const& name,
                                       span<LORV_COLUMN_DEFINITION_NAMES const> const& columns);
 
 // Drops a column from the table that declares it and from all descendants. Returns the table's new
-// layout number. The schema generation advances once per table. 15011: an index holds the column,
-// 15014: a property maps it, 15012: a class maps the table; each is found when the change reaches
-// the table.
+// layout number. The schema generation advances once per table. SAGLEME_COLUMN_INDEXED: an index
+// holds the column, SAGLEME_COLUMN_MAPPED: a property maps it, SAGLEME_TABLE_REFERENCED: a class
+// maps the table; each is found when the change reaches the table.
 SAGLEME_API unsigned short DropColumn(char16_t const* table, char16_t const* column);
 SAGLEME_API unsigned short DropColumn(DottedName const& table, char16_t const* column);
 
-// Renames a column in the table that declares it and in all descendants. 4277: the new name is
-// taken, by the column itself too. No layout changes and no object is concerned.
+// Renames a column in the table that declares it and in all descendants. SAGLEME_COLUMN_NAME_TAKEN:
+// the new name is taken, by the column itself too. No layout changes and no object is concerned.
 SAGLEME_API void RenameColumn(char16_t const* table, char16_t const* old_name,
                               char16_t const* new_name);
 SAGLEME_API void RenameColumn(DottedName const& table, char16_t const* old_name,
                               char16_t const* new_name);
 
-// Gives a table a new full name, also in the reference columns that point at it. 4214: the name is
-// taken, by the table itself too. Descendants keep their names, the kernel layout keeps its token.
+// Gives a table a new full name, also in the reference columns that point at it.
+// SAGLEME_TABLE_EXISTS: the name is taken, by the table itself too. Descendants keep their names,
+// the kernel layout keeps its token.
 SAGLEME_API void RenameTable(char16_t const* old_name, char16_t const* new_name);
 SAGLEME_API void RenameTable(DottedName const& old_name, char16_t const* new_name);
 
 // Takes a table with its indexes out of the catalogue and asks for its objects to be deleted: a row
-// of Vacuum with the kind 2. `drop_children`: all descendants go too, else 15013 when there are
-// any. `force`: reference columns (15012) and classes (15012) that point at the table do not hold
-// it. The schema generation advances once per table, and once per index.
+// of Vacuum with the kind 2. `drop_children`: all descendants go too, else
+// SAGLEME_TABLE_HAS_DESCENDANTS when there are any. `force`: reference columns
+// (SAGLEME_TABLE_REFERENCED) and classes (SAGLEME_TABLE_REFERENCED) that point at the table do not
+// hold it. The schema generation advances once per table, and once per index.
 SAGLEME_API void DropTable(char16_t const* name, bool drop_children, bool force);
 
 // Takes a table with all descendants out of the catalogue, none of which may have an index or an
-// object: 15006. All is checked before anything goes. References and classes are not asked.
+// object: SAGLEME_TABLE_NOT_EMPTY. All is checked before anything goes. References and classes are
+// not asked.
 SAGLEME_API void DropTableCascade(char16_t const* name);
 
 // Drops a set of tables, in the order of their rows' identities, that may refer to one another. For
@@ -229,16 +236,17 @@ SAGLEME_API void CleanClrMetadata();
 
 // All create an index of at most 15 columns over a table and its descendants; its name is unique in
 // the database. `columns` are ordinals ended by -1, bit i of `sort_mask` makes the i-th column
-// descend, bit 0 of `flags` makes the index unique, and the kernel gets all flags. 4187: the name
-// is in use. 7035: an unknown ordinal, or too many columns, which the forms by ordinals find out
-// after the kernel's index was made. 15007: more than 114 ordinals.
+// descend, bit 0 of `flags` makes the index unique, and the kernel gets all flags.
+// SAGLEME_INDEX_EXISTS: the name is in use. SAGLEME_BROKEN_CATALOGUE: an unknown ordinal, or too
+// many columns, which the forms by ordinals find out after the kernel's index was made.
+// SAGLEME_TOO_MANY_RECORDS: more than 114 ordinals.
 SAGLEME_API void CreateIndexAndMeta(LS_OBJ_REF table, char16_t const* name,
                                     unsigned short sort_mask, short const* columns,
                                     unsigned int flags);
-// 15003 for an unknown table, 4300 for an unknown column.
+// SAGLEME_TABLE_NOT_FOUND for an unknown table, SAGLEME_COLUMN_NOT_FOUND for an unknown column.
 SAGLEME_API void CreateIndexHigh(char16_t const* name, char16_t const* table_name,
                                  LORV_INDEXED_COLUMN const* columns, bool unique);
-// The table found by its current layout number; 15003 for none.
+// The table found by its current layout number; SAGLEME_TABLE_NOT_FOUND for none.
 SAGLEME_API void CreateIndexByLayoutId(unsigned short layout_id, char16_t const* name,
                                        unsigned short sort_mask, short const* columns,
                                        unsigned int flags);
@@ -248,7 +256,8 @@ SAGLEME_API void CreateIndexByLayoutId(unsigned short layout_id, char16_t const*
 SAGLEME_API void DropIndex(Index&& index);
 // Removes the rows of an index's columns alone.
 SAGLEME_API void DropIndexedColumns(Index const& index);
-// 4229 for an unknown index. 15005 when it belongs to another table, an ancestor's too.
+// SAGLEME_INDEX_NOT_FOUND for an unknown index. SAGLEME_INDEX_OF_ANOTHER_TABLE when it belongs to
+// another table, an ancestor's too.
 SAGLEME_API void DropIndex(char16_t const* name);
 SAGLEME_API void DropIndex(char16_t const* table_name, char16_t const* name);
 SAGLEME_API void DropIndex(DottedName const& table, char16_t const* name);

@@ -41,7 +41,7 @@ class SAGLEME_API KeyBuf {
 
   unsigned char* start() const { return start_; }
   unsigned long size() const { return size_; }
-  [[noreturn]] void resize(unsigned long size);  // always 4197
+  [[noreturn]] void resize(unsigned long size);  // always SAGLEME_NAME_TOO_LONG
 
  private:
   unsigned char* start_;
@@ -49,9 +49,10 @@ class SAGLEME_API KeyBuf {
 };
 
 // Writes one key, field by field, in the order of the index's columns. A field or an end that does
-// not fit throws 4197, and nothing of it is written. The key is finished by UpdateHeader, or when
-// the writer goes out of scope, so a temporary's key is whole at the end of its statement. A long
-// text that finds no memory throws 1003. REQUIRES: the buffer is aligned to 8.
+// not fit throws SAGLEME_NAME_TOO_LONG, and nothing of it is written. The key is finished by
+// UpdateHeader, or when the writer goes out of scope, so a temporary's key is whole at the end of
+// its statement. A long text that finds no memory throws SAGLEME_NO_MEMORY. REQUIRES: the buffer is
+// aligned to 8.
 template <typename Buffer>
 class KeyWriter;
 

@@ -76,7 +76,7 @@ struct SAGLEME_API COLUMN_INFO : COLUMN_INFO_STATIC {
   COLUMN_INFO& operator=(COLUMN_INFO_STATIC const& record);
 
   void assure_token();
-  // The column as the kernel is told of it. Throws 4226 for an invalid type.
+  // The column as the kernel is told of it. Throws SAGLEME_INVALID_TYPE for an invalid type.
   void define_column(LORVI_COLUMN_DEFINITION* out);
   // Compares token, type and ordinal with the kernel's column of that ordinal.
   void verify(unsigned short ordinal) const;
@@ -211,8 +211,8 @@ class SAGLEME_API MetaschemaInit {
       std::function<void(unsigned long token, char16_t const* text)> const& callback);
 
   // Brings the database to the definition, whether it is new, older, current or was cut off in
-  // creation. Yields 0 to `sink` after every step; the host may commit there. Throws 15010 for a
-  // newer database, before anything but tokens is written.
+  // creation. Yields 0 to `sink` after every step; the host may commit there. Throws
+  // SAGLEME_VERSION_MISMATCH for a newer database, before anything but tokens is written.
   void CreateAndVerifyMetatables(boost::coroutines::push_coroutine<unsigned int>& sink);
 
  private:

@@ -50,12 +50,14 @@ SAGLEME_API RawView PopulateRawView(char16_t const* full_name, unsigned short la
 // The stored table for a text that is a reversed identifier, a reversed full name, or the beginning
 // of one, in this order of preference. Rows of views and classes are passed over. A beginning
 // counts when it ends where a segment ends; when the first match does and the second does not, the
-// first wins. Throws BadArg with 15003 for no match, AmbiguousIncompleteReverseUid (7039) for
-// several, also when none of them ends at a segment.
+// first wins. Throws BadArg with SAGLEME_TABLE_NOT_FOUND for no match,
+// AmbiguousIncompleteReverseUid (SAGLEME_AMBIGUOUS_NAME) for several, also when none of them ends
+// at a segment.
 SAGLEME_API RawView RawViewByIncompleteReverseUid(char16_t const* uid);
 
 // The stored table for a name in reading order that may lack leading segments. Failures speak of
-// the name as it was given and of full names: 15003 for no such table, 7039 for several.
+// the name as it was given and of full names: SAGLEME_TABLE_NOT_FOUND for no such table,
+// SAGLEME_AMBIGUOUS_NAME for several.
 SAGLEME_API RawView DottedName2RawView(DottedName name);
 // The full name of that table.
 SAGLEME_API std::u16string DottedName2FullName(DottedName name);

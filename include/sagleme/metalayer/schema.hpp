@@ -11,7 +11,7 @@
 //
 // Everything here works in the thread's context, in the host's transaction, and throws db_exception
 // with the kernel's code unless it says otherwise. "Ends the process" is FatalError: the catalogue
-// contradicts its own definition. A key that does not fit its buffer throws 4197.
+// contradicts its own definition. A key that does not fit its buffer throws SAGLEME_NAME_TOO_LONG.
 // What start-up and calls learn is kept with the context's database, until its last close.
 
 #include <sagleme/statuses.h>
@@ -26,7 +26,8 @@ namespace metalayer {
 
 struct SAGLEME_API TokenMain {
   // Readies the class Token, by number, since no name can be looked up before. May be repeated.
-  // 4230 or 4229 when the table or one of its indexes is not there.
+  // SAGLEME_LAYOUT_NOT_FOUND or SAGLEME_INDEX_NOT_FOUND when the table or one of its indexes is not
+  // there.
   static void Init();
   // One above the highest in use. A number comes back only if it was the highest and its row went.
   // REQUIRES: Init. An empty dictionary ends the process.
@@ -53,11 +54,11 @@ inline constexpr unsigned int kNoTable = SAGLEME_LAYOUT_NOT_FOUND;
 // The number of the layout made with that token. Throws kNoTable for none.
 SAGLEME_API unsigned short LoadTableId(char16_t const* name);
 SAGLEME_API unsigned short LoadTableId(unsigned long token);
-// The kernel's id of the index made with that token. Throws 4229 for none.
+// The kernel's id of the index made with that token. Throws SAGLEME_INDEX_NOT_FOUND for none.
 SAGLEME_API unsigned long LoadIndexId(char16_t const* name);
 SAGLEME_API unsigned long LoadIndexId(unsigned long token);
-// 0 with `*out` written, or 4229 for no such index; any other kernel failure is thrown. Two indexes
-// of one token end the process.
+// 0 with `*out` written, or SAGLEME_INDEX_NOT_FOUND for no such index; any other kernel failure is
+// thrown. Two indexes of one token end the process.
 SAGLEME_API unsigned int get_index_info_by_token(unsigned long token, LORVI_INDEX_INFO* out);
 
 // ---- set specifiers -----------------------------------------------------------------------------
@@ -99,8 +100,9 @@ struct LayoutEntry {
 
 // What was found out of a database's layouts, by layout number, and of its tables, by type id.
 // Threads fill and read the entries without a lock, through atomic words. Nothing clears an entry,
-// not a drop and not a roll back: a reader knows a dead row by the kernel's 4273 or 4174, and asks
-// again. The functions answer for the database of the thread's context.
+// not a drop and not a roll back: a reader knows a dead row by the kernel's LORV_STATUS_NO_OBJECT
+// or LORV_STATUS_UNREACHABLE, and asks again. The functions answer for the database of the thread's
+// context.
 inline constexpr std::size_t kLayouts = 65536;
 SAGLEME_API LayoutEntry& EntryOfLayout(unsigned short layout);
 // A number from kLayouts on ends the process.
@@ -144,9 +146,9 @@ SAGLEME_API extern LS_OBJ_REF g_schema_generation;
 
 // Start-up on a database that stands: fills the classes, compares the version, finds the
 // generation. Once per database; does nothing when it has succeeded before. Threads may start one
-// database up at the same time.
-// Returns 0. Throws 7043 for a database that is not or not wholly prepared, and 15010 with a text
-// for one of another version; can then be repeated. Two generations end the process.
+// database up at the same time. Returns 0. Throws SAGLEME_NOT_PREPARED for a database that is not
+// or not wholly prepared, and SAGLEME_VERSION_MISMATCH with a text for one of another version; can
+// then be repeated. Two generations end the process.
 SAGLEME_API unsigned int InitMetalayer();
 SAGLEME_API bool IsMetalayerInitialized();
 // Makes the next InitMetalayer run in full. What the classes know stays.
@@ -154,7 +156,7 @@ SAGLEME_API void SetMetalayerUninitialized();
 // Readies the classes of the tables that are there, without any check.
 // REQUIRES: a MetaschemaInit in force, TokenMain::Init.
 SAGLEME_API void PrepareGeneratedMetaClassesForReading();
-// Throws 15010 with its text unless the version is the library's.
+// Throws SAGLEME_VERSION_MISMATCH with its text unless the version is the library's.
 SAGLEME_API void ReportSchemaMismatchIf(unsigned long database_version);
 // Counts a change of the user schema. The count goes with the transaction.
 SAGLEME_API void AdvanceSchemaGeneration();

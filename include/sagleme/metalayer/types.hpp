@@ -40,19 +40,19 @@ SAGLEME_API bool CheckUnsopportedSqlType(char16_t const* name);
 // A code without an entry throws std::out_of_range.
 SAGLEME_API bool IsDbTypeNullable(unsigned char type);
 
-// Throws 4226.
+// Throws SAGLEME_INVALID_TYPE.
 [[noreturn]] SAGLEME_API void ThrowInvalidLogicalType();
 
 // The kernel's code: the logical one, but for bool, which is stored as an unsigned number. Codes
-// out of range throw 4226.
+// out of range throw SAGLEME_INVALID_TYPE.
 inline unsigned char LogicalTypeToKernelType(unsigned char logical) {
   if (logical == 0 || logical > kLogicalBool) ThrowInvalidLogicalType();
   return logical == kLogicalBool ? static_cast<unsigned char>(LORV_TYPE_ULONG) : logical;
 }
 
 // The logical code of a column's type reference: that of a DbPrimitiveType row, or
-// kLogicalReference for a RawView row. Throws 4226 for a row of any other table and 4280 for one
-// that this transaction deleted. The null reference ends the process.
+// kLogicalReference for a RawView row. Throws SAGLEME_INVALID_TYPE for a row of any other table and
+// SAGLEME_TYPE_IS_GONE for one that this transaction deleted. The null reference ends the process.
 SAGLEME_API unsigned char PrimTypeByTypeRef(LS_OBJ_REF const& type);
 
 }  // namespace metalayer
