@@ -4,36 +4,36 @@
 /*
  * The contract of the storage kernel: rows of numbered columns, layouts, ordered indexes.
  *
- * This is everything that the metadata layer asks of a kernel. A library that offers these
- * functions with these meanings can take the place of the embedded kernel at load time.
+ * This is everything that the metadata layer needs from a kernel. A library that implements these
+ * functions as described can replace the embedded kernel at load time.
  *
  * Rules
  *
- *  1. Every function that can fail returns a status, 0 for success. On failure no output is written
- *     and nothing is changed.
- *  2. A context is a 64-bit handle owned by the host. One thread at a time uses a context. All
- *     functions below run inside the transaction that the host has open in the context.
- *  3. An object is named by two words: `oid`, its identity, never 0 and never used twice, and
- *     `addr`, whose low 16 bits name a layout. The columns of a call are the columns of that
- *     layout. The high 48 bits are a position that the kernel gave; 0 is accepted in their place. A
- *     layout of 0 in the address stands for the object's own layout.
- *  4. An object keeps the layout under which it was written. When the address names another one,
+ *  1. Every function that can fail returns a status, 0 for success. On failure it writes no output
+ *     and changes nothing.
+ *  2. A context is a 64-bit handle owned by the host. Only one thread at a time may use a context.
+ *     All functions below run inside the transaction that the host has open in the context.
+ *  3. An object is named by two words: `oid`, its identity, never 0 and never reused; and `addr`,
+ *     whose low 16 bits name a layout. A call's column numbers are those of that layout. The high
+ *     48 bits are a position assigned by the kernel; 0 is accepted instead. A layout of 0 in the
+ *     address stands for the object's own layout.
+ *  4. An object keeps the layout under which it was written. If the address names another one,
  *     columns are matched by token. A column that the object's layout lacks reads as null, or as
- *     zero where it is not nullable. A write first moves the object to the named layout, provided
- *     that layout is newer and of the same set; otherwise the object stays where it is and the
- *     write goes to the column of that token.
- *  5. Column 0 of every layout is the object's identity, column 1 its set specifier; neither is
- *     written through the column functions. An unwritten column reads as null where it is nullable,
- *     else as zero.
- *  6. Memory handed out (string and binary records, texts) belongs to the kernel. It is writable,
- *     has room for one more unit behind the last one, and stays valid until the transaction, or the
- *     innermost read scope of the context, ends.
- *  7. Texts passed in are UTF-16 ended by a zero unit. Lone surrogates are legal. The kernel keeps
- *     no pointer to anything passed in.
- *  8. A kernel may give statuses beside those named here; the metadata layer passes them on as they
- *     are. Those of the embedded kernel stand in <lscoredb/statuses.h>: among them calls outside a
- *     transaction, writes in a read-only one, unknown layouts and columns, a column of another type
- *     than the function's, and a key that a unique index holds already.
+ *     zero if it is not nullable. A write first moves the object to the named layout if that is
+ *     newer and of the same set; otherwise the object keeps its layout, and the value is written to
+ *     the column with the same token.
+ *  5. Column 0 of every layout is the object's identity, column 1 its set specifier; the column
+ *     functions write neither. A column that was never written reads as null if it is nullable,
+ *     otherwise as zero.
+ *  6. Returned memory (string and binary records, texts) belongs to the kernel. It is writable, has
+ *     room for one unit behind the last one, and stays valid until the transaction or the context's
+ *     innermost read scope ends.
+ *  7. Texts passed in are UTF-16 and end with a zero unit. Lone surrogates are legal. The kernel
+ *     keeps no pointer to anything passed in.
+ *  8. A kernel may return statuses that are not named here; the metadata layer passes them on. The
+ *     embedded kernel's are in <lscoredb/host.h>: for example for calls outside a transaction,
+ *     writes in a read-only one, unknown layouts and columns, a column of another type than the
+ *     function's, and a duplicate key in a unique index.
  */
 
 #include <stdint.h>
@@ -82,32 +82,32 @@ extern "C" {
 #define LORV_TYPE_REFERENCE 8u
 #define LORV_TYPE_KEY 9u /* an unsigned integer, read and written like LORV_TYPE_ULONG */
 
-/* Tokens of the two columns that every layout begins with. */
+/* Tokens of the first two columns of every layout. */
 #define LORV_TOKEN_ID 1u
 #define LORV_TOKEN_SETSPEC 2u
 
 /* ---- records that cross the boundary --------------------------------------------------------- */
 
-/* Reference to an object. `oid` 0 is the null reference, whatever `addr` holds. */
+/* Reference to an object. An `oid` of 0 is the null reference, whatever `addr` is. */
 typedef struct LS_OBJ_REF {
   uint64_t oid;
   uint64_t addr; /* position << 16 | layout */
 } LS_OBJ_REF;
 
-/* A reference as the kernel gives it out. */
+/* A reference as the kernel returns it. */
 typedef struct LORV_REFERENCE {
-  uint64_t oid; /* 0 from lorv_iterator_next: the range has ended, the other fields are not set */
+  uint64_t oid; /* 0 from lorv_iterator_next: end of the range; the other fields are not set */
   uint64_t position;
-  uint16_t layout; /* 0: the object that the reference names does not exist */
+  uint16_t layout; /* 0: the referenced object does not exist */
 } LORV_REFERENCE;
 
-/* A text in kernel memory: `length` units follow, and room for one more behind them. */
+/* A text in kernel memory: `length` units, followed by room for one more. */
 typedef struct LORV_STRING {
   uint32_t length;
   char16_t units[1];
 } LORV_STRING;
 
-/* A binary value in kernel memory: `length` bytes follow, from `bytes` on. */
+/* A binary value in kernel memory: `length` bytes. */
 typedef struct LORV_BINARY {
   uint32_t length;
   uint8_t bytes[1];
@@ -115,35 +115,35 @@ typedef struct LORV_BINARY {
 
 /* A column of a layout, or an indexed column. An array of them ends with an entry of `type` 0. */
 typedef struct LORVI_COLUMN_DEFINITION {
-  uint8_t type;
-  uint8_t is_nullable;
+  uint8_t type;        /* LORV_TYPE_* */
+  uint8_t is_nullable; /* 0 or 1 */
   uint64_t token;
 } LORVI_COLUMN_DEFINITION;
 
 typedef struct LORVI_COLUMN_INFO {
   uint64_t token;
-  uint8_t internal[3];
-  uint8_t type;
+  uint8_t internal[3]; /* the kernel's own; nobody else reads them */
+  uint8_t type;        /* LORV_TYPE_* */
 } LORVI_COLUMN_INFO;
 
 typedef struct LORVI_LAYOUT_INFO {
-  uint64_t token;        /* the token that the layout was created with */
-  uint32_t column_count; /* inherited columns and columns 0 and 1 included */
+  uint64_t token;        /* the token given at creation */
+  uint32_t column_count; /* including inherited columns and columns 0 and 1 */
   uint16_t layout_handle;
   uint16_t base_layout_handle; /* 0: none */
 } LORVI_LAYOUT_INFO;
 
 typedef struct LORVI_INDEX_INFO {
   uint64_t index_id;
-  uint64_t token; /* the token that the index was created with */
+  uint64_t token; /* the token given at creation */
   uint16_t attribute_count;
   uint16_t reserved; /* 0 */
-  uint16_t flags;    /* the flags that the index was created with, low 16 bits */
+  uint16_t flags;    /* the low 16 bits of the flags given at creation */
 } LORVI_INDEX_INFO;
 
 /* ---- rows ------------------------------------------------------------------------------------ */
 
-/* Reads a column of one type. LORV_STATUS_NULL: the column has no value and `out` is not written.
+/* Read a column of one type. LORV_STATUS_NULL: the column has no value, and `out` is not written.
  */
 LSCOREDB_API uint32_t lorv_context_get_ulong(uint64_t context, uint64_t oid, uint64_t addr,
                                              uint32_t column, uint64_t* out);
@@ -160,14 +160,15 @@ LSCOREDB_API uint32_t lorv_context_get_string(uint64_t context, uint64_t oid, ui
                                               uint32_t column, LORV_STRING** out);
 LSCOREDB_API uint32_t lorv_context_get_binary(uint64_t context, uint64_t oid, uint64_t addr,
                                               uint32_t column, LORV_BINARY** out);
-/* `out` gets the identity in the column and the layout that this object has now. */
+/* Reads the identity in the column, and the current layout of that object. */
 LSCOREDB_API uint32_t lorv_context_get_reference(uint64_t context, uint64_t oid, uint64_t addr,
                                                  uint32_t column, LORV_REFERENCE* out);
-/* The identity held in a reference column alone. */
+/* Reads only the identity in a reference column. */
 LSCOREDB_API uint32_t lorvi_context_get_refid(uint64_t context, uint64_t oid, uint64_t addr,
                                               uint32_t column, uint64_t* out);
 
-/* Writes a column of one type. Null written to a column that is not nullable is zero, or empty. */
+/* Write a column of one type. Null written to a column that is not nullable becomes zero, or empty.
+ */
 LSCOREDB_API uint32_t lorv_context_put_ulong(uint64_t context, uint64_t oid, uint64_t addr,
                                              uint32_t column, uint64_t value);
 LSCOREDB_API uint32_t lorv_context_put_long(uint64_t context, uint64_t oid, uint64_t addr,
@@ -188,29 +189,29 @@ LSCOREDB_API uint32_t lorv_context_put_binary(uint64_t context, uint64_t oid, ui
 LSCOREDB_API uint32_t lorv_context_put_reference(uint64_t context, uint64_t oid, uint64_t addr,
                                                  uint32_t column, uint64_t target_oid,
                                                  uint64_t target_addr);
-/* Null where the column is nullable, else zero. */
+/* Writes null if the column is nullable, otherwise zero. */
 LSCOREDB_API uint32_t lorv_context_put_default(uint64_t context, uint64_t oid, uint64_t addr,
                                                uint32_t column);
 
-/* The set specifier of an object. LORV_STATUS_NULL: none was written yet. An object enters the
+/* The set specifier of an object. LORV_STATUS_NULL: it was not written yet. An object enters the
  * indexes of its set with its first set specifier; a change moves it between index ranges. */
 LSCOREDB_API uint32_t lorv_context_get_setspec(uint64_t context, uint64_t oid, uint64_t addr,
                                                LORV_STRING** out);
 LSCOREDB_API uint32_t lorv_context_put_setspec(uint64_t context, uint64_t oid, uint64_t addr,
                                                char16_t const* setspec);
 
-/* Inserts an object under layout `table_id`; the first is for system tables, the second for others.
- */
+/* Inserts an object under layout `table_id`: the first function for system tables, the second for
+ * other tables. */
 LSCOREDB_API uint32_t lorv_context_insert_system(uint64_t context, uint16_t table_id,
                                                  uint64_t* out_oid);
 LSCOREDB_API uint32_t lorv_context_insert(uint64_t context, uint16_t table_id, uint64_t* out_oid);
-/* Inserts an object with a given identity, which must not be in use nor have been given out, nor be
- * among those that the kernel has reserved for itself. */
+/* Inserts an object with a given identity, which must not be in use, used before, or reserved by
+ * the kernel. */
 LSCOREDB_API uint32_t lorvi_context_insert_with_id(uint64_t context, uint16_t table_id,
                                                    uint64_t oid);
 LSCOREDB_API uint32_t lorv_context_delete(uint64_t context, uint64_t oid, uint64_t addr);
-/* Finds an object by identity and gives the address word of its reference.
- * LORV_STATUS_NO_OBJECT: there is none. */
+/* Finds an object by identity and gets the address word of its reference. LORV_STATUS_NO_OBJECT: it
+ * does not exist. */
 LSCOREDB_API uint32_t lorv_context_lookup(uint64_t context, uint64_t oid, uint64_t* out_addr);
 
 /* ---- index scans ----------------------------------------------------------------------------- */
@@ -218,76 +219,77 @@ LSCOREDB_API uint32_t lorv_context_lookup(uint64_t context, uint64_t oid, uint64
 #define LORV_ITERATOR_FORWARD 0x70u
 #define LORV_ITERATOR_REVERSE 0x80070u
 
-/* Keys. A key is one field for each of the first columns of an index, in their order, then C0, then
- * zeros to a multiple of eight bytes. It may stop after any column: a bound then stands for all
- * keys that begin with it. Numbers are big endian, bytes are written in hexadecimal.
+/* Keys. A key has one field for each of an index's first columns, in their order, then C0, then
+ * zeros up to a multiple of eight bytes. It may end after any column: as a bound it then stands for
+ * all keys that begin with it. Numbers are big-endian; bytes are written in hexadecimal.
  *
  *   field                    bytes
  *   null                     60
- *   unsigned, reference, id  28, the number in 8 bytes
- *   signed, decimal          28, the number plus 2^63 in 8 bytes
- *   float, double            28, the bits of the value as a double in 8 bytes: all of them inverted
- *                            when it is negative, else the sign bit alone
+ *   unsigned, reference, id  28, then the number in 8 bytes
+ *   signed, decimal          28, then the number plus 2^63 in 8 bytes
+ *   float, double            28, then the bits of the value as a double in 8 bytes: all inverted if
+ *                            it is negative, otherwise only the sign bit inverted
  *   text                     chunks of the payload of lorv_convert_ucs2_to_turbotext
  *   set specifier            chunks of the payload of lorv_convert_ucs2_to_setspectt
  *   binary                   chunks of its bytes
  *
- * Chunks hold at most 31 bytes each: 20 plus the count of the first, and its bytes; for each later
- * one its count, and its bytes; then 80. So 28 opens a number and a text of eight bytes alike: a
- * key can be read only with the types of the columns. The key of 3 in a signed column and "ab" in a
- * text column is
+ * A chunk has at most 31 bytes. The first begins with 20 plus its size, each later one with its
+ * size; 80 ends the field. So 28 begins both a number and a text of eight bytes: a key cannot be
+ * read without the types of its columns. The key of 3 in a signed column and "ab" in a text column
+ * is
  *
  *   28 80 00 00 00 00 00 00 03   22 61 62 80   C0 00 00
  *
- * Keys do not sort as they stand: a kernel decodes them. */
+ * Keys do not sort bytewise: a kernel decodes them. */
 
-/* Opens a scan of the range from `first_key` to `last_key`, both included, in index order; with
- * LORV_ITERATOR_REVERSE against it, and `first_key` is then the bound that index order has last.
- * The scan delivers the range as it stood at this call: what the transaction writes afterwards does
- * not change it, but that objects deleted meanwhile are left out. Null is below all values; a
- * column created as descending runs backwards, its null last. */
+/* Opens a scan of the range from `first_key` to `last_key`, both inclusive, in index order. With
+ * LORV_ITERATOR_REVERSE the order is reversed, and `first_key` is the bound that comes last in
+ * index order. The scan returns the range as it was at this call, except for objects deleted since:
+ * later writes of the transaction do not affect it. Null sorts before all values; a descending
+ * column is reversed, with null last. */
 LSCOREDB_API uint32_t lorv_context_create_iterator(uint64_t context, uint64_t index_id,
                                                    uint32_t flags, void const* first_key,
                                                    void const* last_key, uint64_t* out_iterator);
-/* The next object, or status 0 and `oid` 0 at the end. */
+/* Gets the next object; `oid` 0 at the end. */
 LSCOREDB_API uint32_t lorv_iterator_next(uint64_t iterator, LORV_REFERENCE* out);
-/* Releases an iterator; does not fail for one that is open, also after its transaction has ended,
- * as long as its context is open. */
+/* Frees an iterator. Succeeds for every open iterator as long as its context is open, even after
+ * its transaction has ended. */
 LSCOREDB_API uint32_t lorv_iterator_free(uint64_t iterator);
 
 /* ---- texts as key bytes ---------------------------------------------------------------------- */
 
 #define LORV_TEXT_BOUND_ABOVE 1u
 
-/* The kernel's sort-order form of a text. Byte order is the order of UTF-16 code units.
- * LORV_TEXT_BOUND_ABOVE gives the bound above all texts that begin with `text`. Returns the number
- * of bytes needed; when that is more than `size` the buffer holds nothing useful. The first bytes
- * are a header: 7 bits each, high bit set on the last, most significant first: the number of spare
- * bits at the end of the payload that follows.
+/* Converts a text to the kernel's sort form. Byte order is the order of UTF-16 code units.
+ * LORV_TEXT_BOUND_ABOVE gives an upper bound of all texts that begin with `text`. Returns the
+ * number of bytes needed; if it exceeds `size`, the buffer's content is undefined. The first bytes
+ * are a header, 7 bits each, most significant first, with the high bit set on the last: the number
+ * of unused bits at the end of the payload that follows.
  *
- * The payload has for each unit, in hexadecimal: below 80 one byte, the unit; below 800 two, C0
- * plus its high 5 bits and 80 plus its low 6; else three, E0 plus its high 4 bits, 80 plus the next
- * 6, 80 plus the last 6. Surrogates are units like any other. The bound ends with FF. */
+ * The payload encodes each unit, in hexadecimal: below 80 as one byte, the unit; below 800 as two,
+ * C0 plus its high 5 bits and 80 plus its low 6; otherwise as three, E0 plus its high 4 bits, 80
+ * plus the next 6, 80 plus the last 6. Surrogates are units like any other. The upper bound ends
+ * with FF. */
 LSCOREDB_API uint32_t lorv_convert_ucs2_to_turbotext(char16_t const* text, uint32_t flags,
                                                      uint8_t* buffer, uint32_t size);
-/* The same for a prefix of set specifiers: `upper` 0 and 1 give the bounds that enclose exactly the
- * set specifiers that begin with `text`. */
+/* The same encoding for set specifiers: with `upper` 0 and 1 it gives the bounds that enclose
+ * exactly the set specifiers that begin with `text`. */
 LSCOREDB_API uint32_t lorv_convert_ucs2_to_setspectt(char16_t const* text, uint32_t upper,
                                                      uint8_t* buffer, uint32_t size);
 
 /* ---- layouts and indexes --------------------------------------------------------------------- */
 
-/* Creates a layout: the columns of `base_layout_handle`, then `columns`. A base of 0 makes a root,
- * whose columns 0 and 1 the kernel adds. `reserved` is 0. LORV_STATUS_DUPLICATE_TOKEN: two columns
- * would carry one token. */
+/* Creates a layout from the columns of `base_layout_handle`, followed by `columns`. A base of 0
+ * creates a root, to which the kernel adds columns 0 and 1. `reserved` is 0.
+ * LORV_STATUS_DUPLICATE_TOKEN: two columns have the same token. */
 LSCOREDB_API uint32_t lorvi_context_create_layout(uint64_t context, uint64_t token,
                                                   uint16_t base_layout_handle,
                                                   LORVI_COLUMN_DEFINITION const* columns,
                                                   uint32_t reserved, uint16_t* out_layout_handle);
 LSCOREDB_API uint32_t lorvi_context_get_layout_info(uint64_t context, uint16_t layout_handle,
                                                     LORVI_LAYOUT_INFO* out);
-/* `*count` comes in as the room of `out` and goes out as the number of layouts made with `token`,
- * newest first; 0 is no failure. */
+/* On entry `*count` is the capacity of `out`; on return it is the number of layouts created with
+ * `token`, newest first. None is not a failure. */
 LSCOREDB_API uint32_t lorvi_context_get_layout_infos_by_token(uint64_t context, uint64_t token,
                                                               uint32_t* count,
                                                               LORVI_LAYOUT_INFO* out);
@@ -296,20 +298,20 @@ LSCOREDB_API uint32_t lorvi_context_get_column_info(uint64_t context, uint16_t l
 
 #define LORV_INDEX_UNIQUE 1u
 
-/* Creates an index over all objects, present and future, whose set specifier begins with `setspec`.
- * `flags`: 0 or LORV_INDEX_UNIQUE. Bit i of `sort_mask`: the i-th column descends; columns from the
- * 17th on ascend. The embedded kernel takes up to 1024 columns. */
+/* Creates an index over all present and future objects whose set specifier begins with `setspec`.
+ * `flags`: 0 or LORV_INDEX_UNIQUE. Bit i of `sort_mask`: the i-th column is descending; columns
+ * from the 17th on are ascending. The embedded kernel takes up to 1,024 columns. */
 LSCOREDB_API uint32_t lorvi_context_create_index(uint64_t context, uint64_t token,
                                                  char16_t const* setspec,
                                                  LORVI_COLUMN_DEFINITION const* columns,
                                                  uint16_t sort_mask, uint32_t flags,
                                                  uint64_t* out_index_id);
 LSCOREDB_API uint32_t lorvi_context_drop_index(uint64_t context, uint64_t index_id);
-/* As for layouts. LORV_STATUS_NO_INDEX is another way to say that there is none. */
+/* As for layouts. A kernel may also return LORV_STATUS_NO_INDEX if there is none. */
 LSCOREDB_API uint32_t lorvi_context_get_index_infos_by_token(uint64_t context, uint64_t token,
                                                              uint32_t* count,
                                                              LORVI_INDEX_INFO* out);
-/* The set specifier that an index was created over, ended by a zero unit. */
+/* Gets the set specifier of an index, ended by a zero unit. */
 LSCOREDB_API uint32_t lorvi_context_get_index_setspec(uint64_t context, uint64_t index_id,
                                                       char16_t const** out);
 

@@ -6,39 +6,39 @@
  *
  * Rules
  *
- *  1. Contexts. `context` is a kernel context that the host opened, with a transaction that the
- *     host began. The library begins and ends none: what a call changed stays, also when the call
- *     failed half way, until the host commits or rolls back. After a failed change roll back.
- *  2. Threads. The library starts none and may be called from any. One thread at a time uses a
- *     context. Start-up (rule 7) ends before a second thread enters.
- *  3. Statuses. A function that returns uint32_t returns 0 for success, else a status: one of
- *     those named here, or the kernel's own, passed through. Outputs are written on success alone,
- *     unless said otherwise. Statuses that many functions share:
- *       1001 bad argument    1003 out of memory      4197 a name is too long for an index key
- *       4273 no such object  7035 ends the process: the catalogue contradicts itself
- *  4. Texts. The words of a context's last failure are fetched with lorv_metalayer_errbuf.
- *     Statuses that come from the kernel have none.
- *  5. Strings are UTF-16 ended by a zero unit. The library keeps no pointer to a string passed in.
- *     A string handed out lies in kernel memory, is valid as long as the kernel says (until the
- *     transaction or its innermost read scope ends), and is not freed.
- *  6. References. An object is two words: `oid`, its identity, 0 for no object, and `addr`, whose
- *     low 16 bits name a layout. They stay valid for the object's life; a stale `addr` is
- *     accepted.
- *  7. Start-up. Once per database, before anything else in it: lorv_prepare_system_tables on a new
- *     or older one, lorv_init_metalayer on one that is known to be current. What is learnt then is
- *     kept with the database and ends with its last close; a process may use any number of
- *     databases, one after another and at the same time. (A kernel that does not tell databases
- *     apart, which the embedded one does, leaves the layer with one state for the process, and the
- *     process with one database.)
- *  8. Continuations. A function with `next` and `more` does its work in steps. While it returns 0
- *     with *more true, do what is to be done between steps (commit, begin), call run_continuation
- *     with *next, and free that handle. All steps run on one thread, in the context of the first;
- *     between steps that context stays the thread's own. Any other outcome is the last one. Work in
- *     another database may come between two steps, also a continuation that is run to its end; a
- *     step in a context of another database is refused with LORV_STATUS_FOREIGN_DATABASE.
- *  9. Exceptions. Failures inside become statuses, but out of memory and failures of the standard
- *     library pass through as C++ exceptions, with the thread's state restored.
- * 10. The frameless functions (marked so) touch neither error text nor thread state.
+ *  1. Contexts. `context` is a kernel context that the host has opened and in which it has begun a
+ *     transaction. The library neither begins nor ends transactions: whatever a call changed stays
+ *     until the host commits or rolls back, even if the call failed halfway. Roll back after a
+ *     failed change.
+ *  2. Threads. The library starts no threads and may be called from any. Only one thread at a time
+ *     may use a context. Start-up (rule 7) must finish before a second thread enters.
+ *  3. Statuses. A function that returns uint32_t returns 0 for success or a status: one of those
+ *     named here, or a status of the kernel, passed through. Outputs are written only on success
+ *     unless stated otherwise. Any function may return SAGLEME_BAD_ARGUMENT, SAGLEME_NO_MEMORY,
+ *     SAGLEME_NAME_TOO_LONG (for an index key) or LORV_STATUS_NO_OBJECT. A catalogue that
+ *     contradicts itself ends the process (SAGLEME_BROKEN_CATALOGUE).
+ *  4. Error texts. lorv_metalayer_errbuf returns the text of a context's last failure. Statuses
+ *     that come from the kernel have no text.
+ *  5. Strings are UTF-16 and end with a zero unit. The library keeps no pointer to a string passed
+ *     in. Returned strings are in kernel memory, stay valid until the transaction or its innermost
+ *     read scope ends, and must not be freed.
+ *  6. References. An object is named by two words: `oid`, its identity, 0 for no object; and
+ *     `addr`, whose low 16 bits name a layout. Both stay valid for the object's life; a stale
+ *     `addr` is accepted.
+ *  7. Start-up. Call lorv_prepare_system_tables once per database before anything else, or
+ *     lorv_init_metalayer on a database known to be current. What start-up learns is kept with the
+ *     database until its last close. A process may use any number of databases, one after another
+ *     or at the same time. (With a kernel that cannot tell databases apart - the embedded one can -
+ *     the layer has one state per process, and the process is limited to one database.)
+ *  8. Continuations. A function with `next` and `more` works in steps. While it returns 0 with
+ *     *more true, commit and begin if you want to, call run_continuation with *next, and free that
+ *     handle. Any other outcome is final. All steps run on one thread and in the context of the
+ *     first; between steps that context remains the thread's current one. Between two steps you may
+ *     work in another database, and may even run another continuation to its end. A step in a
+ *     context of another database is refused with LORV_STATUS_FOREIGN_DATABASE.
+ *  9. Exceptions. Failures become statuses. Only out of memory and failures of the standard library
+ *     leave the library as C++ exceptions, after the thread's state has been restored.
+ * 10. Functions marked frameless touch neither the error text nor the thread's state.
  */
 
 #include <lscoredb/lscoredb.h>
@@ -52,7 +52,7 @@ extern "C" {
 
 /* ---- logical types --------------------------------------------------------------------------- */
 
-/* The types of columns as the catalogue has them, by their codes there. */
+/* Column types, by their codes in the catalogue. */
 #define SAGLEME_TYPE_TEXT 1u
 #define SAGLEME_TYPE_BINARY 2u
 #define SAGLEME_TYPE_SIGNED 3u
@@ -65,11 +65,11 @@ extern "C" {
 
 /* ---- records from the host ------------------------------------------------------------------- */
 
-/* Columns of a table to be made. One call takes at most 112, one table holds at most 115 with
- * all it inherits and the three that every table has. Texts, binaries and references must be
- * nullable. */
+/* Columns of a new table. A call takes at most 112. A table has at most 115, including inherited
+ * ones and the three that every table has. Texts, binaries and references must be nullable. */
 typedef struct LORV_COLUMN_DEFINITION {
-  LS_OBJ_REF type; /* the row of a primitive type or of the referenced table; oid 0: the end */
+  LS_OBJ_REF type; /* the row of a primitive type or of the referenced table; oid 0 ends the array
+                    */
   uint8_t is_nullable;
   char16_t const* name;
 } LORV_COLUMN_DEFINITION;
@@ -83,59 +83,61 @@ typedef struct LORV_COLUMN_DEFINITION_NAMES {
 
 typedef struct LORV_INDEXED_COLUMN {
   char16_t const* name; /* null ends the array */
-  uint8_t ascending;    /* 0: the column runs backwards */
+  uint8_t ascending;    /* 0: descending */
 } LORV_INDEXED_COLUMN;
 
-/* Opaque. A continuation is owned by the host; the other two by the library, see the handles
- * below. */
+/* Opaque. The host owns continuations. The library owns the other two; see handles below. */
 typedef struct continuation_context continuation_context;
 typedef struct PropertyAccessInfo PropertyAccessInfo;
 typedef struct CreateInfo CreateInfo;
 
 /* ---- version, errors ------------------------------------------------------------------------- */
 
-/* The version of the catalogue that this library makes: 9. Needs no context and no database.
+/* The version of the catalogue that this library creates: 9. Needs no context and no database.
  * Frameless. */
 SAGLEME_API uint64_t lorv_get_metaschema_version(void);
-/* The count of schema changes, as the transaction sees it: when it moves, what was learnt of the
- * schema is stale. For code that runs in a context already (C++: TlsMetalayerContext::Current()).
- * Frameless: a kernel failure, as before start-up, is thrown as db_util::db_exception. */
+/* The number of schema changes, as seen by the transaction. When it changes, anything remembered
+ * about the schema is stale. For code that already runs in a context (C++:
+ * TlsMetalayerContext::Current()). Frameless: a kernel failure, such as before start-up, is thrown
+ * as db_util::db_exception. */
 SAGLEME_API uint64_t lorv_get_metaschema_generation(void);
-/* The words of the context's last failure, null for none. Emptied by the next call in that context,
- * by an lorv_crud_ call only when that fails with words of its own. At most 7168 units; the rest is
- * cut off. The memory is the library's and stays as long as the context is open, 14 KiB for each
- * one in which the layer was called. Frameless. */
+/* The text of the context's last failure, or null. The next call in the context clears it; an
+ * lorv_crud_ call clears it only when it fails with a text of its own. Longer texts are cut off
+ * after 7168 units. The library owns the memory, 14 KiB per context that has called the layer, and
+ * keeps it as long as the context is open. Frameless. */
 SAGLEME_API char16_t const* lorv_metalayer_errbuf(uint64_t context);
 
 /* ---- bootstrap ------------------------------------------------------------------------------- */
 
-/* Creates the catalogue, or completes or raises an older one, checks it, and starts up (rules 7,
- * 8). May be cut off after any step and begun again. 15010: the database is newer than this
- * library. */
+/* Creates the catalogue, or completes or upgrades an existing one, verifies it, and starts up
+ * (rules 7 and 8). May be interrupted after any step and started again. SAGLEME_VERSION_MISMATCH:
+ * the database is newer than this library. */
 SAGLEME_API uint32_t lorv_prepare_system_tables(uint64_t context, continuation_context** next,
                                                 bool* more);
-/* The same under its other name. */
+/* Another name for lorv_prepare_system_tables. */
 SAGLEME_API uint32_t lorv_create_metadata(uint64_t context, continuation_context** next,
                                           bool* more);
-/* One step: the status of the step, with *next a new handle when *more is true, else null. `handle`
- * stays the caller's to free. A failure that is no status is thrown here. */
+/* Runs one step and returns its status. *next is a new handle when *more is true, otherwise null.
+ * The caller still owns `handle` and frees it. A failure that has no status is thrown here. */
 SAGLEME_API uint32_t run_continuation(continuation_context* handle, continuation_context** next,
                                       bool* more);
-/* Frees a handle; null is ignored. With the last handle of a computation that is not through, what
- * it holds is given up, on the thread that made it. */
+/* Frees a handle; null is ignored. Freeing the last handle of an unfinished continuation abandons
+ * it and must be done on the thread that created it. */
 SAGLEME_API void free_continuation_handle(continuation_context* handle);
-/* Starts up on a database that has a whole catalogue; does nothing when the process has started up.
- * 7043: the catalogue is missing or incomplete. 15010: it has another version. */
+/* Starts up on a database with a complete catalogue. Does nothing if the process has already
+ * started up on it. SAGLEME_NOT_PREPARED: the catalogue is missing or incomplete.
+ * SAGLEME_VERSION_MISMATCH: it has another version. */
 SAGLEME_API uint32_t lorv_init_metalayer(uint64_t context);
-/* Completes the reference columns whose table did not exist when they were made. 15002: it still
- * does not. Call it before anything else looks at the type of such a column: verifying or indexing
- * it, and adding or dropping columns in its table or above, end the process until then. */
+/* Resolves reference columns whose target table did not exist when they were created.
+ * SAGLEME_TARGET_NOT_FOUND: it still does not exist. Call this before anything uses the type of
+ * such a column: verifying or indexing it, and adding or dropping columns in its table or in an
+ * ancestor, end the process until then. */
 SAGLEME_API uint32_t lorv_update_reference_columns_types(uint64_t context);
 
 /* ---- booleans -------------------------------------------------------------------------------- */
 
-/* A bool column of an object, by column number: stored as an unsigned integer; what is put becomes
- * 0 or 1. Frameless. */
+/* Reads or writes a bool column by column number. It is stored as an unsigned integer, 0 or 1.
+ * Frameless. */
 SAGLEME_API uint32_t lorv_meta_get_bool(uint64_t context, uint64_t oid, uint64_t addr,
                                         uint32_t column, uint64_t* out);
 SAGLEME_API uint32_t lorv_meta_put_bool(uint64_t context, uint64_t oid, uint64_t addr,
@@ -143,19 +145,19 @@ SAGLEME_API uint32_t lorv_meta_put_bool(uint64_t context, uint64_t oid, uint64_t
 
 /* ---- tokens ---------------------------------------------------------------------------------- */
 
-/* A token is the number that the kernel knows a name by. The same text always has the same
- * token. */
+/* A token is the kernel's number for a name. The same text always has the same token. */
 
-/* The token of a name, made when there is none. */
+/* Gets the token of a name, and creates it if necessary. */
 SAGLEME_API uint32_t lorv_assure_token(uint64_t context, char16_t const* name, uint64_t* out_token);
-/* The token of a table's layout, if `name` is a table's full name, else the token of the name.
- * Makes none. 4279: there is none. */
+/* Gets the token of the table's layout if `name` is the full name of a table, otherwise the token
+ * of the name. SAGLEME_TOKEN_NOT_FOUND: there is none; it is not created. */
 SAGLEME_API uint32_t lorv_get_token(uint64_t context, char16_t const* name, uint64_t* out_token);
-/* The text of a token. 4279: there is no such token. */
+/* Gets the text of a token. SAGLEME_TOKEN_NOT_FOUND: there is no such token. */
 SAGLEME_API uint32_t lorv_get_token_name(uint64_t context, uint64_t token,
                                          char16_t const** out_name);
-/* The present name of the column, or table, that a token of the kernel stands for; the token's text
- * when it is a plain word or what it stands for is gone. 4279: there is no such token. */
+/* Gets the current name of the column or table that a kernel token stands for, or the token's text
+ * if it is an ordinary word or its column or table no longer exists. SAGLEME_TOKEN_NOT_FOUND: there
+ * is no such token. */
 SAGLEME_API uint32_t lorv_get_column_name_by_token(uint64_t context, uint64_t token,
                                                    char16_t const** out_name);
 SAGLEME_API uint32_t lorv_get_table_name_by_token(uint64_t context, uint64_t token,
@@ -166,78 +168,85 @@ SAGLEME_API uint32_t lorv_get_table_name_by_token(uint64_t context, uint64_t tok
 /* A set specifier is the text by which the kernel finds the objects of a table and its descendants.
  * Each table has one row for it. */
 
-/* The text of a set specifier's row. 1001: `oid` is 0. */
+/* Gets the text of a set specifier's row. SAGLEME_BAD_ARGUMENT: `oid` is 0. */
 SAGLEME_API uint32_t lorv_setspec_name_by_setspec_ref(uint64_t context, uint64_t oid, uint64_t addr,
                                                       char16_t const** out_name);
-/* The set specifier's row of a table's row; the null reference, and 0, when there is none. */
+/* Gets the set specifier's row of a table's row. Returns 0 with the null reference if there is
+ * none. */
 SAGLEME_API uint32_t lorv_setspec_ref_by_table_ref(uint64_t context, uint64_t oid, uint64_t addr,
                                                    uint64_t* out_oid, uint64_t* out_addr);
-/* `uid` is the beginning of a table's name read backwards by segments: "Order.Sales" for
- * "Shop.Sales.Order". It must not be null. 15003: no table. 7039: more than one. The text of the
- * table's set specifier, and: */
+/* `uid` begins with the last segment of a table's name and continues towards the first:
+ * "Order.Sales" finds "Shop.Sales.Order". It must not be null. SAGLEME_TABLE_NOT_FOUND: no table
+ * matches. SAGLEME_AMBIGUOUS_NAME: several do.
+ *
+ * Gets the text of the table's set specifier. */
 SAGLEME_API uint32_t lorv_setspec_name_by_table_incomplete_reverse_uid(uint64_t context,
                                                                        char16_t const* uid,
                                                                        char16_t const** out_name);
-/* the table's row. */
+/* Gets the table's row. */
 SAGLEME_API uint32_t lorv_table_ref_by_incomplete_reverse_uid(uint64_t context, char16_t const* uid,
                                                               uint64_t* out_oid,
                                                               uint64_t* out_addr);
-/* The row of the table whose current layout this is. 4230: none; a superseded layout has no table
- * either. */
+/* Gets the row of the table with this current layout. SAGLEME_LAYOUT_NOT_FOUND: there is none;
+ * superseded layouts belong to no table. */
 SAGLEME_API uint32_t lorv_table_ref_by_layout_id(uint64_t context, uint16_t layout_id,
                                                  uint64_t* out_oid, uint64_t* out_addr);
 
 /* ---- tables ---------------------------------------------------------------------------------- */
 
-/* Changes of tables never touch objects: these keep the shape they were written in until something
- * moves them. Every change counts up the generation. */
+/* Schema changes never touch objects: an object keeps the layout it was written in until something
+ * moves it. Every change increments the schema generation. */
 
-/* Creates a table under a base (oid 0: under none of the host's), columns by reference. When a
- * table of that name exists it is compared instead: 0 when it is the same, and the outputs are then
- * null, else 15009. Both outputs may be null pointers. */
+/* Creates a table under a base table (oid 0: no base of the host's), with columns by reference. If
+ * a table of that name exists, the two are compared: the result is 0 with null outputs if they are
+ * the same, otherwise SAGLEME_SCHEMA_MISMATCH. Both output pointers may be null. */
 SAGLEME_API uint32_t lorv_create_table(uint64_t context, char16_t const* name, uint64_t base_oid,
                                        uint64_t base_addr,
                                        LORV_COLUMN_DEFINITION const* column_definitions,
                                        uint64_t* out_oid, uint64_t* out_addr);
-/* The same, all by name. `base_table_name` may be null, not empty; 15001: there is no such table. A
- * reference may name a table that is made later. 4213: a type that must be nullable is not. 15002:
- * a column's type is unknown. `out_layout_id` may be null. */
+/* The same by name. `base_table_name` may be null but not empty. A reference may name a table that
+ * is created later. `out_layout_id` may be null. SAGLEME_BASE_NOT_FOUND: the base table does not
+ * exist. SAGLEME_COLUMN_NOT_NULLABLE: a column of this type must be nullable.
+ * SAGLEME_TARGET_NOT_FOUND: a column has an unknown type. */
 SAGLEME_API uint32_t lorv_create_table_by_names(
     uint64_t context, char16_t const* name, char16_t const* base_table_name,
     LORV_COLUMN_DEFINITION_NAMES const* column_definitions, uint16_t* out_layout_id);
-/* The same, and what a reference names must exist now, else 15002. */
+/* The same, but the targets of references must exist, otherwise SAGLEME_TARGET_NOT_FOUND. */
 SAGLEME_API uint32_t lorv_create_table_high_check_types(
     uint64_t context, char16_t const* name, char16_t const* base_table_name,
     LORV_COLUMN_DEFINITION_NAMES const* column_definitions, uint16_t* out_layout_id);
-/* Drops an empty table with all its descendants. 15003: no such table. 15006: it, or a descendant,
- * has an index or holds an object; nothing is dropped then. References to it are not looked for. */
+/* Drops an empty table and all its descendants. SAGLEME_TABLE_NOT_FOUND. SAGLEME_TABLE_NOT_EMPTY:
+ * the table or a descendant has an index or an object; nothing is dropped. References to the table
+ * are not checked. */
 SAGLEME_API uint32_t lorv_drop_table_cascade(uint64_t context, char16_t const* full_table_name);
-/* Drops a table with its indexes, whatever it holds; its objects are left behind and asked to be
- * cleared away. 15013: it has descendants, and `drop_children` is false. 15012: it is referenced,
- * or a class is mapped to it, and `force` is false. */
+/* Drops a table and its indexes, whether or not it holds objects. Its objects remain and are queued
+ * for removal. SAGLEME_TABLE_HAS_DESCENDANTS: it has descendants and `drop_children` is false.
+ * SAGLEME_TABLE_REFERENCED: a reference column or a class refers to it and `force` is false. */
 SAGLEME_API uint32_t lorv_drop_table_by_name(uint64_t context, char16_t const* full_table_name,
                                              bool drop_children, bool force);
-/* The same for several tables, which may reference one another. `names` ends with a null
- * pointer. */
+/* The same for several tables, which may reference each other. `names` ends with a null pointer. */
 SAGLEME_API uint32_t lorv_drop_tables_by_names(uint64_t context, char16_t const** names,
                                                bool drop_children, bool force);
-/* 15003: no such table. 4214: the new name is taken, also by the table itself. */
+/* Renames a table. SAGLEME_TABLE_NOT_FOUND. SAGLEME_TABLE_EXISTS: the new name is taken, possibly
+ * by the table itself. */
 SAGLEME_API uint32_t lorv_rename_table(uint64_t context, char16_t const* full_table_name,
                                        char16_t const* new_table_name);
-/* Adds columns to a table and its descendants. 4277: a name is taken; the text tells all of them.
- * The output, the table's new layout, may be a null pointer. */
+/* Adds columns to a table and its descendants. The output is the table's new layout; its pointer
+ * may be null. SAGLEME_COLUMN_NAME_TAKEN: names are taken; the text lists them. */
 SAGLEME_API uint32_t lorv_alter_table_add_columns(uint64_t context, char16_t const* full_table_name,
                                                   LORV_COLUMN_DEFINITION_NAMES const* added_columns,
                                                   uint64_t* out_layout_id);
-/* Drops a column from the table that declared it, and from its descendants. 7038: there is none.
- * 15024: it is inherited. 15011: an index holds it. 15014, 15012: a class does. The output as
- * above. */
+/* Drops a column from the table that declares it and from its descendants. The output is as above.
+ * SAGLEME_NO_SUCH_COLUMN. SAGLEME_COLUMN_INHERITED: an ancestor declares it.
+ * SAGLEME_COLUMN_INDEXED: an index uses it. SAGLEME_COLUMN_MAPPED, SAGLEME_TABLE_REFERENCED: a
+ * class uses it. */
 SAGLEME_API uint32_t lorv_alter_table_drop_column_by_names(uint64_t context,
                                                            char16_t const* full_table_name,
                                                            char16_t const* column_name,
                                                            uint64_t* out_layout_id);
-/* Renames a column in the table that declared it, and in its descendants. 7038, 15024 as above.
- * 4277: the new name is taken, also by the column itself. */
+/* Renames a column in the table that declares it and in its descendants. SAGLEME_NO_SUCH_COLUMN.
+ * SAGLEME_COLUMN_INHERITED. SAGLEME_COLUMN_NAME_TAKEN: the new name is taken, possibly by the
+ * column itself. */
 SAGLEME_API uint32_t lorv_alter_table_rename_column(uint64_t context,
                                                     char16_t const* full_table_name,
                                                     char16_t const* column_name,
@@ -245,89 +254,91 @@ SAGLEME_API uint32_t lorv_alter_table_rename_column(uint64_t context,
 
 /* ---- indexes --------------------------------------------------------------------------------- */
 
-/* An index is over a table and its descendants, and has a name that no other index has (4187). Bit
- * i of `sort_mask`: the i-th column runs backwards. `columns`: column numbers, ended by -1, at most
- * 15. Bit 0 of `flags`: unique. 7035 is a status here: a column number is unknown, or there are too
- * many. */
+/* An index covers a table and its descendants. Its name is unique among all indexes
+ * (SAGLEME_INDEX_EXISTS). If bit i of `sort_mask` is set, the i-th column is descending. `columns`
+ * holds at most 15 column numbers and ends with -1. Bit 0 of `flags`: unique.
+ * SAGLEME_BROKEN_CATALOGUE is an ordinary status here: a column number is unknown, or there are too
+ * many columns. */
 
-/* The table by its row. */
+/* By the table's row. */
 SAGLEME_API uint32_t lorv_create_index(uint64_t context, uint64_t table_oid, uint64_t table_addr,
                                        char16_t const* name, uint16_t sort_mask,
                                        int16_t const* columns, uint32_t flags);
-/* All by name. 15003: no such table. 4300: no such column. */
+/* By names. SAGLEME_TABLE_NOT_FOUND. SAGLEME_COLUMN_NOT_FOUND. */
 SAGLEME_API uint32_t lorv_create_index_by_names(uint64_t context, char16_t const* name,
                                                 char16_t const* table,
                                                 LORV_INDEXED_COLUMN const* columns, bool unique);
-/* The table by its current layout. 15003: there is none. */
+/* By the table's current layout. SAGLEME_TABLE_NOT_FOUND: no table has it. */
 SAGLEME_API uint32_t lorv_create_index_ids(uint64_t context, uint16_t layout_id,
                                            char16_t const* name, uint16_t sort_mask,
                                            int16_t const* columns, uint32_t flags);
-/* By its row, by its name (4229: there is none), or by table and name (15005: it belongs to another
- * table). `table` is a name in full or without its first segments. */
+/* Drops an index by its row, by its name (SAGLEME_INDEX_NOT_FOUND), or by table and name
+ * (SAGLEME_INDEX_OF_ANOTHER_TABLE). `table` is a full name or a name without its first segments. */
 SAGLEME_API uint32_t lorv_drop_index(uint64_t context, uint64_t oid, uint64_t addr);
 SAGLEME_API uint32_t lorv_drop_index_by_name(uint64_t context, char16_t const* name);
 SAGLEME_API uint32_t lorv_drop_index_by_table_and_name(uint64_t context, char16_t const* table,
                                                        char16_t const* index);
 
-/* Forgets all classes and mapped properties of language bindings. Tables stay as they are. */
+/* Deletes all classes and mapped properties of language bindings. Tables are unchanged. */
 SAGLEME_API uint32_t lorv_clrmetadata_clean(uint64_t context);
 
 /* ---- objects: handles ------------------------------------------------------------------------ */
 
-/* A handle is asked for by name once and used for any number of objects, in any context of its
- * database and any thread. The library owns it; it is valid until a refresh finds its table or
- * column gone, and no longer than its database is open. After a schema change it is stale until the
- * next refresh. Names are full names. 15003: no such table.
+/* Get a handle by name once, then use it for any number of objects, in any context of its database
+ * and on any thread. The library owns it. It is valid until a refresh finds that its table or
+ * column no longer exists, at most until its database closes. After a schema change it is stale
+ * until the next refresh. Names are full names. SAGLEME_TABLE_NOT_FOUND.
  *
- * A handle of another database than the context's gives LORV_STATUS_FOREIGN_DATABASE, with a text,
- * in lorv_crud_CreateObject, lorv_crud_CreateObjectWithId and lorv_crud_ReadRefAndType. The
- * frameless functions do not look: with a foreign handle they read and write whatever column of the
- * object has the handle's place. */
+ * lorv_crud_CreateObject, lorv_crud_CreateObjectWithId and lorv_crud_ReadRefAndType refuse a handle
+ * of another database with LORV_STATUS_FOREIGN_DATABASE and a text. The frameless functions do not
+ * check: with a foreign handle they read or write whichever column has the handle's ordinal. */
 
-/* The number that stays with a table for its life. */
+/* Gets the number that identifies a table for its whole life. */
 SAGLEME_API uint32_t lorv_crud_GetTypeId(uint64_t context, char16_t const* name,
                                          uint64_t* out_type_id);
-/* For making objects of a table; of a system table when `system` is true. */
+/* For creating objects of a table; of a system table if `system` is true. */
 SAGLEME_API uint32_t lorv_crud_GetCreateHandle(uint64_t context, char16_t const* name,
                                                CreateInfo** out_handle);
 SAGLEME_API uint32_t lorv_crud_GetCreateHandleOrSystem(uint64_t context, char16_t const* name,
                                                        bool system, CreateInfo** out_handle);
-/* Always 1; deleting needs no handle. */
+/* Returns 1 in all cases, because deleting needs no handle. */
 SAGLEME_API uint32_t lorv_crud_GetDeleteHandle(uint64_t context, char16_t const* name,
                                                uint64_t* out_handle);
-/* For one column of a table. 1001: it has no such column. The name of a language binding's property
- * gives the kernel's status, and refreshes fail with it from then on until that is gone. */
+/* For one column of a table. SAGLEME_BAD_ARGUMENT: there is no such column. The name of a language
+ * binding's property gives a kernel status, and every refresh fails with it until the property is
+ * gone. */
 SAGLEME_API uint32_t lorv_crud_GetPropertyHandle(uint64_t context, char16_t const* class_name,
                                                  char16_t const* property_name,
                                                  PropertyAccessInfo** out_handle);
-/* Brings every handle up to the schema as this transaction sees it, and frees those of what is
- * gone. No other thread may be using handles meanwhile. */
+/* Updates every handle to the schema that this transaction sees, and frees handles whose table or
+ * column no longer exists. No other thread may use handles meanwhile. */
 SAGLEME_API uint32_t lorv_crud_RefreshIssuedHandles(uint64_t context);
 
 /* ---- objects: life --------------------------------------------------------------------------- */
 
 SAGLEME_API uint32_t lorv_crud_CreateObject(uint64_t context, CreateInfo const* handle,
                                             uint64_t* out_oid, uint64_t* out_addr);
-/* With an identity of the host's choice, never used before. Not for system tables. */
+/* With an identity chosen by the host that was never used before. Not for system tables. */
 SAGLEME_API uint32_t lorv_crud_CreateObjectWithId(uint64_t context, CreateInfo const* handle,
                                                   uint64_t oid, uint64_t* out_addr);
-/* Frameless; the handle is not looked at. */
+/* Frameless; the handle is ignored. */
 SAGLEME_API uint32_t lorv_crud_DeleteObject(uint64_t context, uint64_t handle, uint64_t oid,
                                             uint64_t addr);
 SAGLEME_API uint32_t lorv_crud_DeleteObject_NoHandle(uint64_t context, uint64_t oid, uint64_t addr);
-/* An object by identity, with the type id of its table, 0 when the table is gone. 4273: no such
- * object. */
+/* Finds an object by identity. The type id is that of its table, 0 if the table was dropped.
+ * LORV_STATUS_NO_OBJECT. */
 SAGLEME_API uint32_t lorv_crud_Lookup(uint64_t context, uint64_t oid, uint64_t* out_addr,
                                       uint64_t* out_type_id);
-/* `addr` is not looked at. */
+/* `addr` is ignored. */
 SAGLEME_API uint32_t lorv_crud_GetObjectTypeId(uint64_t context, uint64_t oid, uint64_t addr,
                                                uint64_t* out_type_id);
 
 /* ---- objects: properties --------------------------------------------------------------------- */
 
-/* Reads and writes one column. The layout in `addr` is replaced by the handle's. Reading a column
- * without a value gives 4272 and writes no output. Frameless, all but lorv_crud_ReadRefAndType. The
- * memory of texts and binaries is the kernel's (rule 5). Decimals are counts of millionths. */
+/* Read or write one column. The handle's layout replaces the one in `addr`. Reading a column
+ * without a value returns LORV_STATUS_NULL and writes no output. All are frameless except
+ * lorv_crud_ReadRefAndType. The kernel owns the memory of texts and binaries (rule 5). Decimals are
+ * counts of millionths. */
 
 SAGLEME_API uint32_t lorv_crud_ReadBinary(uint64_t context, PropertyAccessInfo const* handle,
                                           uint64_t oid, uint64_t addr, LORV_BINARY** out);
@@ -354,21 +365,21 @@ SAGLEME_API uint32_t lorv_crud_ReadULong(uint64_t context, PropertyAccessInfo co
                                          uint64_t oid, uint64_t addr, uint64_t* out);
 SAGLEME_API uint32_t lorv_crud_WriteULong(uint64_t context, PropertyAccessInfo const* handle,
                                           uint64_t oid, uint64_t addr, uint64_t value);
-/* 0 or 1 in a 64-bit place. */
+/* Reads 0 or 1 into 64 bits. */
 SAGLEME_API uint32_t lorv_crud_ReadBool(uint64_t context, PropertyAccessInfo const* handle,
                                         uint64_t oid, uint64_t addr, uint64_t* out);
 SAGLEME_API uint32_t lorv_crud_WriteBool(uint64_t context, PropertyAccessInfo const* handle,
                                          uint64_t oid, uint64_t addr, bool value);
-/* Null where the column takes it, else zero. */
+/* Writes null if the column is nullable, otherwise zero. */
 SAGLEME_API uint32_t lorv_crud_WriteDefault(uint64_t context, PropertyAccessInfo const* handle,
                                             uint64_t oid, uint64_t addr);
-/* Writes the output whatever the status; test the status first. */
+/* Writes the output whatever the status is; check the status first. */
 SAGLEME_API uint32_t lorv_crud_ReadRef(uint64_t context, PropertyAccessInfo const* handle,
                                        uint64_t oid, uint64_t addr, LS_OBJ_REF* out);
 /* The identity alone. */
 SAGLEME_API uint32_t lorv_crud_ReadRefId(uint64_t context, PropertyAccessInfo const* handle,
                                          uint64_t oid, uint64_t addr, uint64_t* out);
-/* With the type id of the object's table, 0 when that is gone. */
+/* With the type id of the object's table, 0 if the table was dropped. */
 SAGLEME_API uint32_t lorv_crud_ReadRefAndType(uint64_t context, PropertyAccessInfo const* handle,
                                               uint64_t oid, uint64_t addr, LS_OBJ_REF* out,
                                               uint64_t* out_type_id);
