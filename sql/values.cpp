@@ -83,7 +83,8 @@ void BlobOfWord(sqlite3_context* result, std::uint64_t word) {
 
 template <typename T>
 bool Get(sqlite3_context* result, Place const& at, T& value) {
-  return !IsNull(result, detail::Get(detail::Place{at.context, at.oid, at.addr, at.column}, value));
+  return !IsNull(
+      result, detail::Get(detail::ColumnLocation{at.context, at.oid, at.addr, at.column}, value));
 }
 
 void ExactText(sqlite3_context* result, Place const& at) {
@@ -327,7 +328,7 @@ Input::Input(ShapeColumn const& column, sqlite3_value* value) : value_(ValueIn(c
 std::uint32_t Input::Put(Place const& at) const {
   return std::visit(
       [&at](auto const& typed) {
-        return detail::Put(detail::Place{at.context, at.oid, at.addr, at.column}, typed);
+        return detail::Put(detail::ColumnLocation{at.context, at.oid, at.addr, at.column}, typed);
       },
       value_);
 }

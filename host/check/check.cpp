@@ -59,7 +59,7 @@ char const* RuleOf(std::uint32_t kind) {
     case LSCOREDB_FINDING_NEXT_ID:
       return "identity";
     case LSCOREDB_FINDING_OBJECT:
-    case LSCOREDB_FINDING_PARTS:
+    case LSCOREDB_FINDING_OVERFLOW:
       return "object";
     default:
       return "entries";

@@ -37,7 +37,7 @@ void RowWriter::PutText(Column const& column, std::string_view text) {
   if (units_.find(u'\0') != std::u16string::npos) {
     throw BadValue("a stored text cannot contain U+0000");
   }
-  detail::Place const at = At(column);
+  detail::ColumnLocation const at = At(column);
   detail::CheckKernel(
       lorv_context_put_string(at.context, at.oid, at.addr, at.column, units_.c_str()));
 }

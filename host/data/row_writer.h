@@ -36,7 +36,7 @@ class RowWriter {
   Object object() const { return {transaction_, LS_OBJ_REF{id_, table_->layout}}; }
 
  private:
-  detail::Place At(Column const& column) const {
+  detail::ColumnLocation At(Column const& column) const {
     return {transaction_.context(), id_, table_->layout, column.ordinal};
   }
   void PutText(Column const& column, std::string_view text);

@@ -57,31 +57,31 @@ std::size_t Likeness(TableDoc const& before, TableDoc const& after) {
 }
 
 // The nearest columns that stay, by their entries in the new schema; null at the ends.
-struct Place {
+struct Neighbours {
   ColumnDoc const* before = nullptr;
   ColumnDoc const* behind = nullptr;
 
-  bool Touches(Place const& other) const {
+  bool Touches(Neighbours const& other) const {
     return before == other.before || behind == other.behind;
   }
 };
 
 // `stays` gives the entry in the new schema, or null.
 template <typename Stays>
-Place PlaceOf(ColumnDoc const& column, std::vector<ColumnDoc> const& all, Stays&& stays) {
-  Place place;
+Neighbours NeighboursOf(ColumnDoc const& column, std::vector<ColumnDoc> const& all, Stays&& stays) {
+  Neighbours neighbours;
   bool passed = false;
   for (ColumnDoc const& each : all) {
     passed = passed || &each == &column;
     ColumnDoc const* const kept = stays(each);
     if (kept == nullptr) continue;
     if (passed) {
-      place.behind = kept;
+      neighbours.behind = kept;
       break;
     }
-    place.before = kept;
+    neighbours.before = kept;
   }
-  return place;
+  return neighbours;
 }
 
 std::string Sentence(Doubt const& doubt) {
@@ -136,8 +136,8 @@ std::vector<Doubt> DoubtColumns(TableDoc const& before, TableDoc const& after,
     return pairs.contains(&column) ? &column : nullptr;
   };
   auto const score = [&](ColumnDoc const& gone, ColumnDoc const& come) {
-    bool const same =
-        PlaceOf(gone, before.columns, of_old).Touches(PlaceOf(come, after.columns, of_new));
+    bool const same = NeighboursOf(gone, before.columns, of_old)
+                          .Touches(NeighboursOf(come, after.columns, of_new));
     return same && fits(gone, come) ? 1 : 0;
   };
   return PairUp(Gone(before.columns, pairs), Come(after.columns, pairs), after.name, score);

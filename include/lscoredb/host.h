@@ -320,7 +320,7 @@ LSCOREDB_API uint32_t lscoredb_copy(lscoredb* database, char const* directory);
  * exist, or it comes from a commit that never happened. object, layout */
 #define LSCOREDB_FINDING_OBJECT 8u
 /* A large object is incomplete, or parts of a large object exist without it. object */
-#define LSCOREDB_FINDING_PARTS 9u
+#define LSCOREDB_FINDING_OVERFLOW 9u
 /* An index lacks an object that it covers. object, index, layout */
 #define LSCOREDB_FINDING_MISSING_ENTRY 10u
 /* An entry belongs to no index or no object, or does not match its object: another key, another

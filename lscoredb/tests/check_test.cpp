@@ -428,32 +428,32 @@ class CheckPartsTest : public CheckTest {
     session.PutBinary(large_, 2, Bytes((std::size_t{16} << 20) + 100, 7));
     session.Commit();
   }
-  std::string PartKey(std::uint32_t part) const { return Big(large_, 8) + Big(part, 4); }
+  std::string ChunkKey(std::uint32_t part) const { return Big(large_, 8) + Big(part, 4); }
 
   Oid large_ = 0;
 };
 
 TEST_F(CheckPartsTest, AMissingPartIsTold) {
-  std::string const key = PartKey(1);
+  std::string const key = ChunkKey(1);
   Tree("parts").Delete(key);
-  EXPECT_EQ(Check().at(0).kind, LSCOREDB_FINDING_PARTS);
+  EXPECT_EQ(Check().at(0).kind, LSCOREDB_FINDING_OVERFLOW);
   EXPECT_EQ(Check().at(0).object, large_);
 }
 
 TEST_F(CheckPartsTest, APartOfAnotherSizeIsTold) {
-  Tree("parts").Put(PartKey(1), "short");
-  EXPECT_EQ(Check().at(0).kind, LSCOREDB_FINDING_PARTS);
+  Tree("parts").Put(ChunkKey(1), "short");
+  EXPECT_EQ(Check().at(0).kind, LSCOREDB_FINDING_OVERFLOW);
 }
 
 TEST_F(CheckPartsTest, PartsOfNoObjectAreToldOnce) {
   Tree("parts").Put(Big(kNobody, 8) + Big(0, 4), "lost");
   Tree("parts").Put(Big(kNobody, 8) + Big(1, 4), "lost");
-  ExpectOnly(OfObject(LSCOREDB_FINDING_PARTS, kNobody));
+  ExpectOnly(OfObject(LSCOREDB_FINDING_OVERFLOW, kNobody));
 }
 
 TEST_F(CheckPartsTest, APartBehindTheLastIsTold) {
-  Tree("parts").Put(PartKey(2), "more");
-  ExpectOnly(OfObject(LSCOREDB_FINDING_PARTS, large_));
+  Tree("parts").Put(ChunkKey(2), "more");
+  ExpectOnly(OfObject(LSCOREDB_FINDING_OVERFLOW, large_));
 }
 
 // ---- entries -----------------------------------------------------------------------------------

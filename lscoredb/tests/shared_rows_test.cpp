@@ -18,7 +18,7 @@ constexpr std::uint64_t kTable = 50;
 constexpr std::uint32_t kValue = 2;
 constexpr std::uint32_t kText = 3;
 constexpr std::uint64_t kRows = 1500;
-constexpr std::uint64_t kOverflow = 3;  // a row belongs to the part of its number's rest
+constexpr std::uint64_t kShares = 3;  // a row belongs to the part of its number's rest
 constexpr std::int64_t kDeleted = -1;
 
 // What a state holds, row by row.
@@ -147,7 +147,7 @@ class Party {
   }
   std::uint64_t Put(Order const& order) {
     session_.Begin();
-    for (std::uint64_t i = order.part; i < kRows; i += kOverflow) {
+    for (std::uint64_t i = order.part; i < kRows; i += kShares) {
       if (!session_.Exists(rows_[i])) continue;
       session_.PutLong(rows_[i], kValue, order.value);
       session_.PutString(rows_[i], kText, TextOf(order.value));
@@ -264,7 +264,7 @@ class SharedRowsTest : public testing::TestWithParam<std::tuple<std::uint64_t, b
   }
   World With(std::uint64_t part, std::int64_t value) const {
     World world = world_;
-    for (std::uint64_t i = part; i < kRows; i += kOverflow) {
+    for (std::uint64_t i = part; i < kRows; i += kShares) {
       if (world[i] != kDeleted) world[i] = value;
     }
     return world;
@@ -389,7 +389,7 @@ TEST_P(SharedRowsTest, AnyOrderOfDeedsOfBothShowsEachStateAsItWas) {
   StayAs(kB);
   for (std::int64_t step = 1; step <= 150; ++step) {
     int const who = below(2) == 0 ? kA : kB;
-    std::uint64_t const part = below(kOverflow);
+    std::uint64_t const part = below(kShares);
     switch (below(8)) {
       case 0:
         StayAs(who);

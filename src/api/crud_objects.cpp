@@ -121,9 +121,9 @@ uint32_t lorv_crud_ReadRefAndType(uint64_t context, PropertyAccessInfo const* ha
   uint32_t status = 0;
   uint32_t const frame_status = MetalayerFunction<false>(context, [&] {
     crud::RequireOwn(handle);
-    crud::Place const place = crud::PlaceOf(handle, addr);
+    crud::ColumnLocation const at = crud::Locate(handle, addr);
     LORV_REFERENCE reference{};
-    status = lorv_context_get_reference(context, oid, place.addr, place.column, &reference);
+    status = lorv_context_get_reference(context, oid, at.addr, at.column, &reference);
     if (status != 0) return;
     *out = db_util::Fold(reference);
     *out_type_id = crud::GetObjectTypeId(*out);

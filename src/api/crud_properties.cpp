@@ -4,129 +4,127 @@
 
 #include "crud/handles.h"
 
-using metalayer::crud::Place;
-using metalayer::crud::PlaceOf;
+using metalayer::crud::ColumnLocation;
+using metalayer::crud::Locate;
 
 uint32_t lorv_crud_ReadBinary(uint64_t context, PropertyAccessInfo const* handle, uint64_t oid,
                               uint64_t addr, LORV_BINARY** out) {
-  Place const place = PlaceOf(handle, addr);
-  return lorv_context_get_binary(context, oid, place.addr, place.column, out);
+  ColumnLocation const at = Locate(handle, addr);
+  return lorv_context_get_binary(context, oid, at.addr, at.column, out);
 }
 
 uint32_t lorv_crud_WriteBinary(uint64_t context, PropertyAccessInfo const* handle, uint64_t oid,
                                uint64_t addr, void const* data, uint64_t size) {
-  Place const place = PlaceOf(handle, addr);
-  return lorv_context_put_binary(context, oid, place.addr, place.column, data, size);
+  ColumnLocation const at = Locate(handle, addr);
+  return lorv_context_put_binary(context, oid, at.addr, at.column, data, size);
 }
 
 uint32_t lorv_crud_ReadDecimal(uint64_t context, PropertyAccessInfo const* handle, uint64_t oid,
                                uint64_t addr, int64_t* out) {
-  Place const place = PlaceOf(handle, addr);
-  return lorv_context_get_decimal(context, oid, place.addr, place.column, out);
+  ColumnLocation const at = Locate(handle, addr);
+  return lorv_context_get_decimal(context, oid, at.addr, at.column, out);
 }
 
 uint32_t lorv_crud_WriteDecimal(uint64_t context, PropertyAccessInfo const* handle, uint64_t oid,
                                 uint64_t addr, int64_t value) {
-  Place const place = PlaceOf(handle, addr);
-  return lorv_context_put_decimal(context, oid, place.addr, place.column, value);
+  ColumnLocation const at = Locate(handle, addr);
+  return lorv_context_put_decimal(context, oid, at.addr, at.column, value);
 }
 
 uint32_t lorv_crud_ReadDouble(uint64_t context, PropertyAccessInfo const* handle, uint64_t oid,
                               uint64_t addr, double* out) {
-  Place const place = PlaceOf(handle, addr);
-  return lorv_context_get_double(context, oid, place.addr, place.column, out);
+  ColumnLocation const at = Locate(handle, addr);
+  return lorv_context_get_double(context, oid, at.addr, at.column, out);
 }
 
 uint32_t lorv_crud_WriteDouble(uint64_t context, PropertyAccessInfo const* handle, uint64_t oid,
                                uint64_t addr, double value) {
-  Place const place = PlaceOf(handle, addr);
-  return lorv_context_put_double(context, oid, place.addr, place.column, value);
+  ColumnLocation const at = Locate(handle, addr);
+  return lorv_context_put_double(context, oid, at.addr, at.column, value);
 }
 
 uint32_t lorv_crud_ReadFloat(uint64_t context, PropertyAccessInfo const* handle, uint64_t oid,
                              uint64_t addr, float* out) {
-  Place const place = PlaceOf(handle, addr);
-  return lorv_context_get_float(context, oid, place.addr, place.column, out);
+  ColumnLocation const at = Locate(handle, addr);
+  return lorv_context_get_float(context, oid, at.addr, at.column, out);
 }
 
 uint32_t lorv_crud_WriteFloat(uint64_t context, PropertyAccessInfo const* handle, uint64_t oid,
                               uint64_t addr, float value) {
-  Place const place = PlaceOf(handle, addr);
-  return lorv_context_put_float(context, oid, place.addr, place.column, value);
+  ColumnLocation const at = Locate(handle, addr);
+  return lorv_context_put_float(context, oid, at.addr, at.column, value);
 }
 
 uint32_t lorv_crud_ReadLong(uint64_t context, PropertyAccessInfo const* handle, uint64_t oid,
                             uint64_t addr, int64_t* out) {
-  Place const place = PlaceOf(handle, addr);
-  return lorv_context_get_long(context, oid, place.addr, place.column, out);
+  ColumnLocation const at = Locate(handle, addr);
+  return lorv_context_get_long(context, oid, at.addr, at.column, out);
 }
 
 uint32_t lorv_crud_WriteLong(uint64_t context, PropertyAccessInfo const* handle, uint64_t oid,
                              uint64_t addr, int64_t value) {
-  Place const place = PlaceOf(handle, addr);
-  return lorv_context_put_long(context, oid, place.addr, place.column, value);
+  ColumnLocation const at = Locate(handle, addr);
+  return lorv_context_put_long(context, oid, at.addr, at.column, value);
 }
 
 uint32_t lorv_crud_ReadULong(uint64_t context, PropertyAccessInfo const* handle, uint64_t oid,
                              uint64_t addr, uint64_t* out) {
-  Place const place = PlaceOf(handle, addr);
-  return lorv_context_get_ulong(context, oid, place.addr, place.column, out);
+  ColumnLocation const at = Locate(handle, addr);
+  return lorv_context_get_ulong(context, oid, at.addr, at.column, out);
 }
 
 uint32_t lorv_crud_WriteULong(uint64_t context, PropertyAccessInfo const* handle, uint64_t oid,
                               uint64_t addr, uint64_t value) {
-  Place const place = PlaceOf(handle, addr);
-  return lorv_context_put_ulong(context, oid, place.addr, place.column, value);
+  ColumnLocation const at = Locate(handle, addr);
+  return lorv_context_put_ulong(context, oid, at.addr, at.column, value);
 }
 
 uint32_t lorv_crud_ReadBool(uint64_t context, PropertyAccessInfo const* handle, uint64_t oid,
                             uint64_t addr, uint64_t* out) {
-  Place const place = PlaceOf(handle, addr);
-  return lorv_meta_get_bool(context, oid, place.addr, place.column, out);
+  ColumnLocation const at = Locate(handle, addr);
+  return lorv_meta_get_bool(context, oid, at.addr, at.column, out);
 }
 
 uint32_t lorv_crud_WriteBool(uint64_t context, PropertyAccessInfo const* handle, uint64_t oid,
                              uint64_t addr, bool value) {
-  Place const place = PlaceOf(handle, addr);
-  return lorv_meta_put_bool(context, oid, place.addr, place.column, value);
+  ColumnLocation const at = Locate(handle, addr);
+  return lorv_meta_put_bool(context, oid, at.addr, at.column, value);
 }
 
 uint32_t lorv_crud_WriteDefault(uint64_t context, PropertyAccessInfo const* handle, uint64_t oid,
                                 uint64_t addr) {
-  Place const place = PlaceOf(handle, addr);
-  return lorv_context_put_default(context, oid, place.addr, place.column);
+  ColumnLocation const at = Locate(handle, addr);
+  return lorv_context_put_default(context, oid, at.addr, at.column);
 }
 
 // The reference is written whatever the status: the caller tests the status first.
 uint32_t lorv_crud_ReadRef(uint64_t context, PropertyAccessInfo const* handle, uint64_t oid,
                            uint64_t addr, LS_OBJ_REF* out) {
-  Place const place = PlaceOf(handle, addr);
+  ColumnLocation const at = Locate(handle, addr);
   LORV_REFERENCE reference{};
-  uint32_t const status =
-      lorv_context_get_reference(context, oid, place.addr, place.column, &reference);
+  uint32_t const status = lorv_context_get_reference(context, oid, at.addr, at.column, &reference);
   *out = db_util::Fold(reference);
   return status;
 }
 
 uint32_t lorv_crud_ReadRefId(uint64_t context, PropertyAccessInfo const* handle, uint64_t oid,
                              uint64_t addr, uint64_t* out) {
-  Place const place = PlaceOf(handle, addr);
-  return lorvi_context_get_refid(context, oid, place.addr, place.column, out);
+  ColumnLocation const at = Locate(handle, addr);
+  return lorvi_context_get_refid(context, oid, at.addr, at.column, out);
 }
 
 uint32_t lorv_crud_WriteRef(uint64_t context, PropertyAccessInfo const* handle, uint64_t oid,
                             uint64_t addr, uint64_t target_oid, uint64_t target_addr) {
-  Place const place = PlaceOf(handle, addr);
-  return lorv_context_put_reference(context, oid, place.addr, place.column, target_oid,
-                                    target_addr);
+  ColumnLocation const at = Locate(handle, addr);
+  return lorv_context_put_reference(context, oid, at.addr, at.column, target_oid, target_addr);
 }
 
 // The kernel's own memory is handed out, so the text is ended in it.
 uint32_t lorv_crud_ReadString(uint64_t context, PropertyAccessInfo const* handle, uint64_t oid,
                               uint64_t addr, char16_t const** out) {
-  Place const place = PlaceOf(handle, addr);
+  ColumnLocation const at = Locate(handle, addr);
   LORV_STRING* text = nullptr;
-  uint32_t const status = lorv_context_get_string(context, oid, place.addr, place.column, &text);
+  uint32_t const status = lorv_context_get_string(context, oid, at.addr, at.column, &text);
   if (status != 0) return status;
   char16_t* const units = text->units;
   units[text->length] = 0;
@@ -136,6 +134,6 @@ uint32_t lorv_crud_ReadString(uint64_t context, PropertyAccessInfo const* handle
 
 uint32_t lorv_crud_WriteString(uint64_t context, PropertyAccessInfo const* handle, uint64_t oid,
                                uint64_t addr, char16_t const* text) {
-  Place const place = PlaceOf(handle, addr);
-  return lorv_context_put_string(context, oid, place.addr, place.column, text);
+  ColumnLocation const at = Locate(handle, addr);
+  return lorv_context_put_string(context, oid, at.addr, at.column, text);
 }

@@ -47,16 +47,16 @@ struct CreateInfo {
 namespace metalayer::crud {
 
 // What the kernel needs to reach a property of an object.
-struct Place {
+struct ColumnLocation {
   uint64_t addr;
   uint32_t column;
 };
 
 static_assert(std::endian::native == std::endian::little);
 
-// The layout in the caller's address word gives way to the one that the handle knows. Copied over
+// The layout in the caller's address word is replaced by the one that the handle knows. Copied over
 // its lowest bytes, which is one instruction where masks are four.
-inline Place PlaceOf(PropertyAccessInfo const* handle, uint64_t addr) {
+inline ColumnLocation Locate(PropertyAccessInfo const* handle, uint64_t addr) {
   uint32_t const location = handle->location.load(std::memory_order_relaxed);
   auto const layout = static_cast<uint16_t>(location);
   std::memcpy(&addr, &layout, sizeof layout);

@@ -83,13 +83,13 @@ class KernelStates {
     throw std::bad_alloc();
   }
 
-  static SharedState const& Made(std::atomic<SharedState const*>& place, bool exported) {
-    if (SharedState const* const made = place) return *made;
+  static SharedState const& Made(std::atomic<SharedState const*>& slot, bool exported) {
+    if (SharedState const* const made = slot) return *made;
     std::lock_guard const lock(making);
     // It has no claim to give back, also when memory runs out here.
     auto const keep = [](DatabaseState*) {};
-    if (place == nullptr) place = new SharedState(new DatabaseState(exported), keep);
-    return *place;
+    if (slot == nullptr) slot = new SharedState(new DatabaseState(exported), keep);
+    return *slot;
   }
 };
 

@@ -46,10 +46,10 @@ class DatabaseState {
   // Part is made by Part(DatabaseState&).
   template <typename Part>
   Part& Get() {
-    std::atomic<StatePart*>& place = parts_[static_cast<std::size_t>(Part::kPart)];
-    StatePart* part = place.load(std::memory_order_acquire);
+    std::atomic<StatePart*>& slot = parts_[static_cast<std::size_t>(Part::kPart)];
+    StatePart* part = slot.load(std::memory_order_acquire);
     if (part == nullptr) [[unlikely]]
-      part = &Make<Part>(place);
+      part = &Make<Part>(slot);
     return *static_cast<Part*>(part);
   }
 
@@ -59,11 +59,11 @@ class DatabaseState {
   explicit DatabaseState(bool exported) : exported_(exported) {}
 
   template <typename Part>
-  StatePart& Make(std::atomic<StatePart*>& place) {
+  StatePart& Make(std::atomic<StatePart*>& slot) {
     std::lock_guard const lock(mutex_);
-    if (StatePart* const part = place.load(std::memory_order_relaxed)) return *part;
+    if (StatePart* const part = slot.load(std::memory_order_relaxed)) return *part;
     auto made = std::make_unique<Part>(*this);
-    place.store(made.get(), std::memory_order_release);
+    slot.store(made.get(), std::memory_order_release);
     return *made.release();
   }
 

@@ -10,9 +10,9 @@
 namespace metalayer {
 namespace {
 
-ErrBuffers::Buf* Made(std::unique_ptr<ErrBuffers::Buf>& place) {
-  if (place == nullptr) place = std::make_unique_for_overwrite<ErrBuffers::Buf>();
-  return place.get();
+ErrBuffers::Buf* Made(std::unique_ptr<ErrBuffers::Buf>& slot) {
+  if (slot == nullptr) slot = std::make_unique_for_overwrite<ErrBuffers::Buf>();
+  return slot.get();
 }
 
 ErrBuffers::Buf& BufOf(unsigned long buf) { return *reinterpret_cast<ErrBuffers::Buf*>(buf); }

@@ -41,9 +41,9 @@ class LazyEntries {
   }
 
   Entry& At(std::size_t number) {
-    std::atomic<Entry*>& place = pieces_[number / kPiece];
-    Entry* piece = place.load(std::memory_order_acquire);
-    if (piece == nullptr) piece = Make(place, number / kPiece);
+    std::atomic<Entry*>& slot = pieces_[number / kPiece];
+    Entry* piece = slot.load(std::memory_order_acquire);
+    if (piece == nullptr) piece = Make(slot, number / kPiece);
     return piece[number % kPiece];
   }
 
@@ -51,14 +51,14 @@ class LazyEntries {
   static constexpr std::size_t kPiece = 256;
   static constexpr std::size_t kPieces = kLayouts / kPiece;
 
-  Entry* Make(std::atomic<Entry*>& place, std::size_t piece) {
+  Entry* Make(std::atomic<Entry*>& slot, std::size_t piece) {
     Entry* known = nullptr;
     if (exported_ != nullptr) {
-      place.store(exported_ + piece * kPiece, std::memory_order_release);
+      slot.store(exported_ + piece * kPiece, std::memory_order_release);
       return exported_ + piece * kPiece;
     }
     auto made = std::make_unique<Entry[]>(kPiece);
-    return place.compare_exchange_strong(known, made.get()) ? made.release() : known;
+    return slot.compare_exchange_strong(known, made.get()) ? made.release() : known;
   }
 
   Entry* const exported_;

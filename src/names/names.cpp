@@ -34,7 +34,7 @@ RawView StoredTableByReversedUid(char16_t const* uid) {
 // The stored tables whose reversed identifier begins with a text, in index order.
 class Candidates {
  public:
-  explicit Candidates(char16_t const* prefix) : place_(ucs2_len(prefix)) {
+  explicit Candidates(char16_t const* prefix) : offset_(ucs2_len(prefix)) {
     Key(rows_.first_key).Text(prefix);
     Key(rows_.last_key).TextUpperBound(prefix);
     rows_.open(Table::index_id_TablePK(), kForward);
@@ -50,12 +50,12 @@ class Candidates {
   std::u16string Uid() const { return GetText(rows_.current, RawView::kUniqueIdentifierReversed); }
   // A prefix names a table only when it stops where a segment stops.
   bool EndsSegment(std::u16string const& uid) const {
-    return uid.size() > place_ && uid[place_] == kSeparator;
+    return uid.size() > offset_ && uid[offset_] == kSeparator;
   }
 
  private:
   db_util::db_iter_with_keys rows_;
-  std::size_t place_;
+  std::size_t offset_;
 };
 
 // A first match at a segment's end beats a second that is none. Two matches are ambiguous also when

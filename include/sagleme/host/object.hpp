@@ -59,7 +59,7 @@ class Object {
   }
 
  private:
-  detail::Place At(Table const& table, Column const& column) const {
+  detail::ColumnLocation At(Table const& table, Column const& column) const {
     detail::RequireOwn(*transaction_, table);
     std::uint64_t const position = reference_.addr & ~std::uint64_t{0xFFFF};
     return {transaction_->context(), reference_.oid, position | table.layout, column.ordinal};
@@ -109,7 +109,7 @@ class Property {
   void Clear(Object const& object) const { detail::CheckKernel(detail::Put(At(object), Null{})); }
 
  private:
-  detail::Place At(Object const& object) const {
+  detail::ColumnLocation At(Object const& object) const {
     if (object.transaction().database() != database_ && database_ != 0) [[unlikely]] {
       detail::ThrowForeign("The property");
     }

@@ -126,7 +126,7 @@ struct TypeOf<ObjectId> {
 };
 
 // One column of one object, as the kernel addresses it.
-struct Place {
+struct ColumnLocation {
   std::uint64_t context;
   std::uint64_t oid;
   std::uint64_t addr;
@@ -134,107 +134,107 @@ struct Place {
 };
 
 // Each reads into its last argument and returns the kernel's status.
-inline std::uint32_t Get(Place const& at, bool& out) {
+inline std::uint32_t Get(ColumnLocation const& at, bool& out) {
   std::uint64_t word = 0;
   auto const status = lorv_context_get_ulong(at.context, at.oid, at.addr, at.column, &word);
   out = word != 0;
   return status;
 }
-inline std::uint32_t Get(Place const& at, std::int64_t& out) {
+inline std::uint32_t Get(ColumnLocation const& at, std::int64_t& out) {
   return lorv_context_get_long(at.context, at.oid, at.addr, at.column, &out);
 }
-inline std::uint32_t Get(Place const& at, std::uint64_t& out) {
+inline std::uint32_t Get(ColumnLocation const& at, std::uint64_t& out) {
   return lorv_context_get_ulong(at.context, at.oid, at.addr, at.column, &out);
 }
-inline std::uint32_t Get(Place const& at, Decimal& out) {
+inline std::uint32_t Get(ColumnLocation const& at, Decimal& out) {
   return lorv_context_get_decimal(at.context, at.oid, at.addr, at.column, &out.millionths);
 }
-inline std::uint32_t Get(Place const& at, float& out) {
+inline std::uint32_t Get(ColumnLocation const& at, float& out) {
   return lorv_context_get_float(at.context, at.oid, at.addr, at.column, &out);
 }
-inline std::uint32_t Get(Place const& at, double& out) {
+inline std::uint32_t Get(ColumnLocation const& at, double& out) {
   return lorv_context_get_double(at.context, at.oid, at.addr, at.column, &out);
 }
-inline std::uint32_t Get(Place const& at, std::u16string_view& out) {
+inline std::uint32_t Get(ColumnLocation const& at, std::u16string_view& out) {
   LORV_STRING* record = nullptr;
   auto const status = lorv_context_get_string(at.context, at.oid, at.addr, at.column, &record);
   if (status == 0) out = {record->units, record->length};
   return status;
 }
-inline std::uint32_t Get(Place const& at, std::u16string& out) {
+inline std::uint32_t Get(ColumnLocation const& at, std::u16string& out) {
   std::u16string_view view;
   auto const status = Get(at, view);
   out = view;
   return status;
 }
-inline std::uint32_t Get(Place const& at, std::string& out) {
+inline std::uint32_t Get(ColumnLocation const& at, std::string& out) {
   std::u16string_view view;
   auto const status = Get(at, view);
   if (status == 0) out = ToUtf8(view);
   return status;
 }
-inline std::uint32_t Get(Place const& at, std::u8string& out) {
+inline std::uint32_t Get(ColumnLocation const& at, std::u8string& out) {
   std::string bytes;
   auto const status = Get(at, bytes);
   if (status == 0) out.assign(bytes.begin(), bytes.end());
   return status;
 }
-inline std::uint32_t Get(Place const& at, Bytes& out) {
+inline std::uint32_t Get(ColumnLocation const& at, Bytes& out) {
   LORV_BINARY* record = nullptr;
   auto const status = lorv_context_get_binary(at.context, at.oid, at.addr, at.column, &record);
   if (status == 0) out.assign(record->bytes, record->bytes + record->length);
   return status;
 }
-inline std::uint32_t Get(Place const& at, ObjectId& out) {
+inline std::uint32_t Get(ColumnLocation const& at, ObjectId& out) {
   return lorvi_context_get_refid(at.context, at.oid, at.addr, at.column, &out.value);
 }
 
-inline std::uint32_t Put(Place const& at, Null) {
+inline std::uint32_t Put(ColumnLocation const& at, Null) {
   return lorv_context_put_default(at.context, at.oid, at.addr, at.column);
 }
-inline std::uint32_t Put(Place const& at, bool value) {
+inline std::uint32_t Put(ColumnLocation const& at, bool value) {
   return lorv_context_put_ulong(at.context, at.oid, at.addr, at.column, value ? 1 : 0);
 }
-inline std::uint32_t Put(Place const& at, std::int64_t value) {
+inline std::uint32_t Put(ColumnLocation const& at, std::int64_t value) {
   return lorv_context_put_long(at.context, at.oid, at.addr, at.column, value);
 }
-inline std::uint32_t Put(Place const& at, std::uint64_t value) {
+inline std::uint32_t Put(ColumnLocation const& at, std::uint64_t value) {
   return lorv_context_put_ulong(at.context, at.oid, at.addr, at.column, value);
 }
-inline std::uint32_t Put(Place const& at, Decimal value) {
+inline std::uint32_t Put(ColumnLocation const& at, Decimal value) {
   return lorv_context_put_decimal(at.context, at.oid, at.addr, at.column, value.millionths);
 }
-inline std::uint32_t Put(Place const& at, float value) {
+inline std::uint32_t Put(ColumnLocation const& at, float value) {
   return lorv_context_put_float(at.context, at.oid, at.addr, at.column, value);
 }
-inline std::uint32_t Put(Place const& at, double value) {
+inline std::uint32_t Put(ColumnLocation const& at, double value) {
   return lorv_context_put_double(at.context, at.oid, at.addr, at.column, value);
 }
 // A stored text ends at its first U+0000, so one that holds any is refused rather than cut.
-inline std::uint32_t Put(Place const& at, std::u16string const& value) {
+inline std::uint32_t Put(ColumnLocation const& at, std::u16string const& value) {
   if (value.find(u'\0') != std::u16string::npos) return LSCOREDB_INVALID_ARGUMENT;
   return lorv_context_put_string(at.context, at.oid, at.addr, at.column, value.c_str());
 }
-inline std::uint32_t Put(Place const& at, std::u16string_view value) {
+inline std::uint32_t Put(ColumnLocation const& at, std::u16string_view value) {
   return Put(at, std::u16string(value));
 }
-inline std::uint32_t Put(Place const& at, std::string const& utf8) {
+inline std::uint32_t Put(ColumnLocation const& at, std::string const& utf8) {
   return Put(at, ToUtf16(utf8));
 }
-inline std::uint32_t Put(Place const& at, std::u8string const& utf8) {
+inline std::uint32_t Put(ColumnLocation const& at, std::u8string const& utf8) {
   return Put(at, ToUtf16(utf8));
 }
-inline std::uint32_t Put(Place const& at, Bytes const& value) {
+inline std::uint32_t Put(ColumnLocation const& at, Bytes const& value) {
   static std::uint8_t const none = 0;  // an empty value is not null, which a null pointer would say
   void const* const data = value.empty() ? &none : value.data();
   return lorv_context_put_binary(at.context, at.oid, at.addr, at.column, data, value.size());
 }
-inline std::uint32_t Put(Place const& at, ObjectId value) {
+inline std::uint32_t Put(ColumnLocation const& at, ObjectId value) {
   return lorv_context_put_reference(at.context, at.oid, at.addr, at.column, value.value, 0);
 }
 
 template <typename T>
-Value GetAs(Place const& at) {
+Value GetAs(ColumnLocation const& at) {
   T value{};
   auto const status = Get(at, value);
   if (status == LORV_STATUS_NULL) return Null{};
@@ -242,7 +242,7 @@ Value GetAs(Place const& at) {
   return value;
 }
 
-inline Value GetValue(Place const& at, Type type) {
+inline Value GetValue(ColumnLocation const& at, Type type) {
   switch (type) {
     case Type::kString:
       return GetAs<std::u16string>(at);
@@ -280,7 +280,7 @@ inline bool Fits(Value const& value, Type type) {
       value);
 }
 
-inline void PutValue(Place const& at, Type type, Value const& value) {
+inline void PutValue(ColumnLocation const& at, Type type, Value const& value) {
   if (!Fits(value, type)) CheckKernel(LSCOREDB_WRONG_TYPE);
   CheckKernel(std::visit([&at](auto const& typed) { return Put(at, typed); }, value));
 }

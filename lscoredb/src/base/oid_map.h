@@ -27,7 +27,7 @@ class OidMap {
   // REQUIRES: the key is not there.
   void Insert(std::uint64_t key, Value value) {
     if ((size_ + 1) * 4 > slots_.size() * 3) Grow();
-    Place(key, std::move(value));
+    Fill(key, std::move(value));
     ++size_;
   }
 
@@ -81,7 +81,7 @@ class OidMap {
   }
   std::size_t Follow(std::size_t i) const { return (i + 1) & (slots_.size() - 1); }
 
-  void Place(std::uint64_t key, Value value) {
+  void Fill(std::uint64_t key, Value value) {
     std::size_t i = Home(key);
     while (slots_[i].key != 0) i = Follow(i);
     slots_[i] = {key, std::move(value)};
@@ -91,7 +91,7 @@ class OidMap {
     std::vector<Slot> old(slots_.empty() ? kFirst : slots_.size() * 2);
     old.swap(slots_);
     for (Slot& slot : old) {
-      if (slot.key != 0) Place(slot.key, std::move(slot.value));
+      if (slot.key != 0) Fill(slot.key, std::move(slot.value));
     }
   }
 

@@ -12,7 +12,7 @@
 namespace lscore {
 namespace {
 
-constexpr std::uint64_t kUsualRow = 128;  // bytes; says how many places there are for the memory
+constexpr std::uint64_t kUsualRow = 128;  // bytes; says how many slots there are for the memory
 constexpr std::size_t kManyRows = 20000;
 // The way to a larger row is short beside what there is to read, and its copy would drive out many.
 constexpr std::uint64_t kLargestRow = 64 * 1024;
@@ -38,11 +38,11 @@ std::uint64_t AllocatedSize(std::uint64_t image) {
   return (sizeof(CachedRow) + image + sizeof(Left) + kLine - 1) / kLine * kLine;
 }
 
-std::uint64_t Get(std::uint64_t& place) {
-  return std::atomic_ref(place).load(std::memory_order_seq_cst);
+std::uint64_t Get(std::uint64_t& slot) {
+  return std::atomic_ref(slot).load(std::memory_order_seq_cst);
 }
-void Set(std::uint64_t& place, std::uint64_t value) {
-  std::atomic_ref(place).store(value, std::memory_order_seq_cst);
+void Set(std::uint64_t& slot, std::uint64_t value) {
+  std::atomic_ref(slot).store(value, std::memory_order_seq_cst);
 }
 
 }  // namespace
@@ -89,11 +89,11 @@ CachedRow const* SharedRowCache::Find(ObjectId id, CommitId state) const {
   Bucket* const buckets = buckets_.load(std::memory_order_acquire);
   if (buckets == nullptr) return nullptr;
   Bucket& bucket = buckets[BucketOf(id)];
-  Place const mark = Mark(id);
+  Slot const mark = Mark(id);
   for (std::size_t i = 0; i < kWays; ++i) {
-    Place const place = Get(bucket.places[(Raw(id) + i) % kWays]);
-    if ((place & ~kAddress) != mark || place == 0) continue;
-    CachedRow const* const row = RowAt(place);
+    Slot const slot = Get(bucket.slots[(Raw(id) + i) % kWays]);
+    if ((slot & ~kAddress) != mark || slot == 0) continue;
+    CachedRow const* const row = RowAt(slot);
     // Where the value lies is known only when the first line has come: that would be two waits.
     __builtin_prefetch(reinterpret_cast<char const*>(row) + kLine);
     if (row->id != id) continue;
@@ -110,10 +110,10 @@ void SharedRowCache::FetchPlace(ObjectId id) const {
 void SharedRowCache::FetchRow(ObjectId id) const {
   Bucket* const buckets = buckets_.load(std::memory_order_acquire);
   if (buckets == nullptr) return;
-  Place const place = Get(buckets[BucketOf(id)].places[Raw(id) % kWays]);
-  if (place == 0 || (place & ~kAddress) != Mark(id)) return;
-  __builtin_prefetch(RowAt(place));
-  __builtin_prefetch(reinterpret_cast<char const*>(RowAt(place)) + kLine);
+  Slot const slot = Get(buckets[BucketOf(id)].slots[Raw(id) % kWays]);
+  if (slot == 0 || (slot & ~kAddress) != Mark(id)) return;
+  __builtin_prefetch(RowAt(slot));
+  __builtin_prefetch(reinterpret_cast<char const*>(RowAt(slot)) + kLine);
 }
 
 // ---- the table ---------------------------------------------------------------------------------
@@ -133,8 +133,8 @@ SharedRowCache::SharedRowCache(ForeignCommits const& foreign_commits, std::uint6
       memory_(memory),
       share_(memory),
       row_memory_(memory + memory / 4) {
-  std::uint64_t const places = std::max<std::uint64_t>(memory / kUsualRow, kWays);
-  bucket_bits_ = static_cast<std::size_t>(std::bit_width(places / kWays) - 1);
+  std::uint64_t const slots = std::max<std::uint64_t>(memory / kUsualRow, kWays);
+  bucket_bits_ = static_cast<std::size_t>(std::bit_width(slots / kWays) - 1);
 }
 
 SharedRowCache::~SharedRowCache() {
@@ -153,18 +153,18 @@ SharedRowCache::~SharedRowCache() {
 
 void SharedRowCache::FreeRegion(Bucket const* first) noexcept {
   for (Bucket const* bucket = first; bucket < first + RegionSize(); ++bucket) {
-    for (Place const place : bucket->places) {
-      if (place != 0) Free(RowAt(place));
+    for (Slot const slot : bucket->slots) {
+      if (slot != 0) Free(RowAt(slot));
     }
   }
 }
 
-SharedRowCache::Place SharedRowCache::Mark(ObjectId id) {
+SharedRowCache::Slot SharedRowCache::Mark(ObjectId id) {
   return (Raw(id) * 0x9E3779B97F4A7C15) & ~kAddress;
 }
 
-SharedRowCache::Place SharedRowCache::PlaceOf(CachedRow* row) {
-  auto const address = static_cast<Place>(reinterpret_cast<std::uintptr_t>(row));
+SharedRowCache::Slot SharedRowCache::SlotOf(CachedRow* row) {
+  auto const address = static_cast<Slot>(reinterpret_cast<std::uintptr_t>(row));
   return address | Mark(row->id);
 }
 
@@ -192,8 +192,8 @@ std::size_t SharedRowCache::BucketOf(ObjectId id) const {
 std::size_t SharedRowCache::WayOf(Bucket& bucket, ObjectId id) {
   std::size_t way = 0;
   while (way < kWays) {
-    Place const place = bucket.places[way];
-    if (place != 0 && RowAt(place)->id == id) return way;
+    Slot const slot = bucket.slots[way];
+    if (slot != 0 && RowAt(slot)->id == id) return way;
     ++way;
   }
   return way;
@@ -203,8 +203,8 @@ bool SharedRowCache::Holds(ObjectId id) const {
   Bucket* const buckets = buckets_.load(std::memory_order_acquire);
   if (buckets == nullptr) return false;
   Bucket& bucket = buckets[BucketOf(id)];
-  return std::any_of(std::begin(bucket.places), std::end(bucket.places), [id](Place& place) {
-    Place const found = Get(place);
+  return std::any_of(std::begin(bucket.slots), std::end(bucket.slots), [id](Slot& slot) {
+    Slot const found = Get(slot);
     return found != 0 && (found & ~kAddress) == Mark(id);
   });
 }
@@ -214,7 +214,7 @@ CachedRowPtr SharedRowCache::Prepare(ObjectId id, Layout const& layout, std::str
   std::uint64_t const size = AllocatedSize(image.size());
   if (size > std::min(memory_, kLargestRow)) return nullptr;
   void* const memory = row_memory_.Take(size);
-  // No machine of today gives out addresses that the places cannot hold.
+  // No machine of today gives out addresses that the slots cannot hold.
   if (memory == nullptr || (reinterpret_cast<std::uintptr_t>(memory) & ~kAddress) != 0) {
     if (memory != nullptr) row_memory_.Give(memory, size);
     return nullptr;
@@ -251,12 +251,12 @@ void SharedRowCache::Put(Bucket& bucket, CachedRowPtr row) noexcept {
   if (there < kWays) Remove(bucket, there);
   if (!MakeRoom(bucket, AllocatedSize(row->size()))) return;
   std::size_t way = Raw(row->id) % kWays;
-  for (std::size_t i = 0; i < kWays && bucket.places[way] != 0; ++i) way = (way + 1) % kWays;
-  if (bucket.places[way] != 0) Remove(bucket, way);
+  for (std::size_t i = 0; i < kWays && bucket.slots[way] != 0; ++i) way = (way + 1) % kWays;
+  if (bucket.slots[way] != 0) Remove(bucket, way);
   placed_ += AllocatedSize(row->size());
   RowBudget::Take(AllocatedSize(row->size()));
   NoteUsed(bucket);
-  Set(bucket.places[way], PlaceOf(row.get()));
+  Set(bucket.slots[way], SlotOf(row.get()));
   static_cast<void>(row.release());
 }
 
@@ -278,14 +278,14 @@ bool SharedRowCache::MakeRoom(Bucket& bucket, std::uint64_t size) noexcept {
     if (retired_bytes_ > memory_ / 4) return false;
   }
   for (std::size_t way = 0; way < kWays && !HasRoom(size); ++way) {
-    if (bucket.places[way] != 0) Remove(bucket, way);
+    if (bucket.slots[way] != 0) Remove(bucket, way);
   }
   return HasRoom(size);
 }
 
 void SharedRowCache::Remove(Bucket& bucket, std::size_t way) noexcept {
-  CachedRow* const row = RowAt(bucket.places[way]);
-  Set(bucket.places[way], 0);
+  CachedRow* const row = RowAt(bucket.slots[way]);
+  Set(bucket.slots[way], 0);
   placed_ -= AllocatedSize(row->size());
   RowBudget::Give(AllocatedSize(row->size()));
   Retire(row);

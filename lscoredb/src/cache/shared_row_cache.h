@@ -8,9 +8,9 @@
 // not older than the row's commit may take it. Rows that leave are kept until every transaction
 // that may have them is over; while they make up more than a quarter of the memory none comes in.
 //
-// Readers take no lock. A bucket is one line of the processor's cache, with a place for each of
+// Readers take no lock. A bucket is one line of the processor's cache, with a slot for each of
 // eight neighbours by id, which others may take too: a random read is bound by the lines that it
-// touches, and so places are small. When the memory or a bucket is full, another row of the bucket
+// touches, and so slots are small. When the memory or a bucket is full, another row of the bucket
 // goes.
 
 #include <array>
@@ -34,7 +34,7 @@
 namespace lscore {
 
 // A committed row: its image follows, and behind that what is needed once it has left. A usual row
-// is two lines of the processor's cache, so the size of the image has the place of its checksum.
+// is two lines of the processor's cache, so the size of the image replaces its checksum.
 struct CachedRow {
   ObjectId id{};
   Layout const* layout = nullptr;
@@ -68,7 +68,7 @@ class SharedRowCache {
 
     // The row in the state that is read; null: not in the table. Valid until End.
     CachedRow const* Find(ObjectId id) const { return usable_ ? table_.Find(id, state_) : nullptr; }
-    // Rows that will be looked for soon: first their places are fetched, and then they themselves.
+    // Rows that will be looked for soon: first their slots are fetched, and then they themselves.
     void FetchPlace(ObjectId id) const { table_.FetchPlace(id); }
     void FetchRow(ObjectId id) const {
       if (usable_) table_.FetchRow(id);
@@ -97,7 +97,7 @@ class SharedRowCache {
   // Before the commit that replaces or deletes the row becomes visible, or, when another process
   // made it, before the first reader of `state` is told that all is accounted for.
   void TakeOut(ObjectId id, CommitId state) noexcept;
-  // Null: too large, or no memory for it. What the commit writes in the place of a row.
+  // Null: too large, or no memory for it. What the commit writes instead of a row.
   CachedRowPtr Prepare(ObjectId id, Layout const& layout, std::string_view image,
                        CommitId state) noexcept;
   // After the commit, before the next one begins.
@@ -113,9 +113,9 @@ class SharedRowCache {
 
   // The address of a row, and above it bits that are made of the row's id; 0: free. Read and
   // written through std::atomic_ref, since buckets come from the system as zeros.
-  using Place = std::uint64_t;
+  using Slot = std::uint64_t;
   struct alignas(64) Bucket {
-    Place places[kWays];
+    Slot slots[kWays];
   };
   // Of all buckets whose numbers are alike: who changes one holds the lock.
   struct Stripe {
@@ -123,11 +123,11 @@ class SharedRowCache {
     CommitId newest{};  // that took a row out
   };
 
-  static Place PlaceOf(CachedRow* row);
-  static CachedRow* RowAt(Place place) {
-    return reinterpret_cast<CachedRow*>(static_cast<std::uintptr_t>(place & kAddress));
+  static Slot SlotOf(CachedRow* row);
+  static CachedRow* RowAt(Slot slot) {
+    return reinterpret_cast<CachedRow*>(static_cast<std::uintptr_t>(slot & kAddress));
   }
-  static Place Mark(ObjectId id);
+  static Slot Mark(ObjectId id);
   // The way that holds the row, or kWays. REQUIRES: the stripe's lock.
   static std::size_t WayOf(Bucket& bucket, ObjectId id);
 

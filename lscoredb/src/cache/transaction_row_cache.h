@@ -4,7 +4,7 @@
 // The rows that a transaction is busy with, by id. One thread at a time. RowRef is a plain struct
 // of half a line of the processor's cache with a member `id`.
 //
-// Sets of two places, one line of the processor's cache each: of a thousand rows at random hardly
+// Sets of two slots, one line of the processor's cache each: of a thousand rows at random hardly
 // any drive each other out. Memory is taken by the page when rows come to lie there.
 
 #include <algorithm>
@@ -28,7 +28,7 @@ class TransactionRowCache {
     return set[1].id == id && id != kNoObject ? &set[1] : nullptr;
   }
 
-  // Takes the place of what was there of the same row.
+  // Replaces an older entry of the same row.
   RowRef const* Put(RowRef const& row) {
     Set& set = SetOf(row.id);
     if (set[0].id == kNoObject) NoteUsed(set);

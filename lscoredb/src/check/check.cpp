@@ -34,13 +34,13 @@ void CheckIdentity(View const& view, FindingSink& sink) {
   if (status == LORV_STATUS_OK) return;
   Finding finding;
   finding.kind = LSCOREDB_FINDING_DEFINITION;
-  sink.Tell(finding, "The identity of the database cannot be used.");
+  sink.Report(finding, "The identity of the database cannot be used.");
 }
 
 }  // namespace
 
 // Whether to go on. What a callback throws is the caller's, and no failure of the check.
-bool FindingSink::Report(lscoredb_finding const& finding) noexcept {
+bool FindingSink::CallHost(lscoredb_finding const& finding) noexcept {
   try {
     return report_(user_, &finding) == 0;
   } catch (...) {
@@ -49,21 +49,21 @@ bool FindingSink::Report(lscoredb_finding const& finding) noexcept {
   }
 }
 
-void FindingSink::Tell(Finding const& finding, std::string const& text) {
+void FindingSink::Report(Finding const& finding, std::string const& text) {
   any_ = true;
   if (report_ == nullptr) throw StopCheck();
-  lscoredb_finding told{};
-  told.size = sizeof told;
-  told.kind = finding.kind;
-  told.column = finding.column;
-  told.object = Raw(finding.object);
-  told.index = Raw(finding.index);
-  told.layout = Raw(finding.layout);
-  told.text = text.c_str();
-  if (!Report(told)) throw StopCheck();
+  lscoredb_finding reported{};
+  reported.size = sizeof reported;
+  reported.kind = finding.kind;
+  reported.column = finding.column;
+  reported.object = Raw(finding.object);
+  reported.index = Raw(finding.index);
+  reported.layout = Raw(finding.layout);
+  reported.text = text.c_str();
+  if (!CallHost(reported)) throw StopCheck();
 }
 
-void TellFault(FindingSink& sink, StoreFault const& fault) {
+void ReportFault(FindingSink& sink, StoreFault const& fault) {
   Finding finding;
   finding.kind = LSCOREDB_FINDING_PAGES;
   std::string text = "Definitions cannot be read: ";
@@ -78,12 +78,12 @@ void TellFault(FindingSink& sink, StoreFault const& fault) {
   } else if (fault.area == StoreFault::Area::kFreeSpace) {
     text = "What is free in the file is not known: ";
   }
-  sink.Tell(finding, text + fault.what + '.');
+  sink.Report(finding, text + fault.what + '.');
 }
 
 void CheckStoreState(Store& store, std::uint32_t flags, FindingSink& sink) {
   std::unique_ptr<Snapshot> const snapshot =
-      store.BeginVerified([&](StoreFault const& fault) { TellFault(sink, fault); });
+      store.BeginVerified([&](StoreFault const& fault) { ReportFault(sink, fault); });
   if (sink.any() || (flags & LSCOREDB_CHECK_PAGES_ONLY) != 0) return;
   CheckIdentity(*snapshot, sink);
   CheckedDefinitions definitions(*snapshot, sink);

@@ -2,10 +2,10 @@
 #define LSCOREDB_SRC_CHECK_H
 
 // The check of a committed state: definitions, objects, and indexes against objects both ways.
-// Works on a snapshot whose pages are known to be sound. The rules are told in lscoredb/host.h, by
-// the kinds of findings.
+// Works on a snapshot whose pages are known to be sound. lscoredb/host.h lists the rules with the
+// kinds of findings.
 //
-// Objects are walked once, in several threads that each have a snapshot of the same state, and each
+// Objects are scanned once, in several threads that each have a snapshot of the same state, and each
 // entry that an object should have is looked up and counted for its index. An index that holds just
 // as many entries holds no others, and none of them needs its object again; only where the numbers
 // differ is each entry of the index compared with what its object gives. So nothing is remembered
@@ -42,11 +42,11 @@ struct Finding {
   std::uint32_t column = LSCOREDB_NO_COLUMN;
 };
 
-// Is told what is found. Throws StopCheck when no more is wanted.
+// Receives findings. Throws StopCheck when no more is wanted.
 struct StopCheck {};
 class Findings {
  public:
-  virtual void Tell(Finding const& finding, std::string const& text) = 0;
+  virtual void Report(Finding const& finding, std::string const& text) = 0;
 
  protected:
   ~Findings() = default;
@@ -56,7 +56,7 @@ class Findings {
 class FindingSink final : public Findings {
  public:
   FindingSink(lscoredb_finding_callback report, void* user) : report_(report), user_(user) {}
-  void Tell(Finding const& finding, std::string const& text) override;
+  void Report(Finding const& finding, std::string const& text) override;
   // The first finding is the last.
   bool one_is_enough() const { return report_ == nullptr; }
   bool any() const { return any_; }
@@ -66,7 +66,7 @@ class FindingSink final : public Findings {
   }
 
  private:
-  bool Report(lscoredb_finding const& finding) noexcept;
+  bool CallHost(lscoredb_finding const& finding) noexcept;
 
   lscoredb_finding_callback report_;
   void* user_;
@@ -74,8 +74,8 @@ class FindingSink final : public Findings {
   std::exception_ptr failure_;
 };
 
-// Tells what a fault of the store makes unreadable.
-void TellFault(FindingSink& sink, StoreFault const& fault);
+// Reports what a fault of the store makes unreadable.
+void ReportFault(FindingSink& sink, StoreFault const& fault);
 
 // ---- definitions (check_definitions.cpp) -------------------------------------------------------
 
@@ -91,7 +91,7 @@ class CheckedDefinitions {
   Layout const* FindLayout(LayoutNumber number) const;
   IndexDefinition const* FindIndex(IndexId id) const;
   std::vector<IndexDefinition const*> Covering(std::u16string_view setspec) const;
-  // A definition is there and was told to be unusable.
+  // A definition is there and was reported to be unusable.
   bool IsBroken(LayoutNumber number) const;
   bool IsBroken(IndexId id) const;
   template <typename Visit>
@@ -104,7 +104,7 @@ class CheckedDefinitions {
 
  private:
   void LoadOne(std::string_view key, std::string_view record);
-  void TellBroken(std::string_view key, char const* what);
+  void ReportBroken(std::string_view key, char const* what);
   void LoadIndex(IndexId id, std::string_view record);
   void CheckOne(std::string_view key, std::string_view record);
   void CheckLayoutToken(std::string_view key, std::string_view record);
@@ -184,13 +184,13 @@ class ObjectCheck {
   };
 
   void CheckObject(ObjectId id, std::string_view stored);
-  void TellProblem(ObjectId id, std::string_view stored, ObjectReader::Problem problem);
+  void ReportProblem(ObjectId id, std::string_view stored, ObjectReader::Problem problem);
   void CheckEntries(RowRef const& row, Set const& set);
   void CheckSetChange(RowRef const& row, Set const& set);
   Set& SetOf(std::u16string const& setspec);
-  void CheckParts();
-  // Whether the object has such a part; if not, that is told.
-  bool CheckPart(ObjectId id, std::uint32_t part);
+  void CheckChunks();
+  // Whether the object has such a chunk; otherwise reports it.
+  bool CheckChunk(ObjectId id, std::uint32_t chunk);
   void CheckCount(LayoutNumber number);
   void CheckNextId();
 
@@ -242,7 +242,7 @@ class EntryCheck {
   MatchedEntries const& matched_;
   WatchedWork work_;
   ObjectReader reader_;
-  std::string prefix_;                      // of the index that the walk is in
+  std::string prefix_;                      // of the index that is scanned
   IndexDefinition const* index_ = nullptr;  // null: there is none of that id
   KeyEncoder encoder_;
   KeyBytes key_;

@@ -65,7 +65,7 @@ bool IsKeptInMeta(Letter letter) {
   return letter == format::kCountLetter || letter == format::kSetChangeLetter;
 }
 
-// Visits the sound records that begin with `prefix`; `broken` is told of the others.
+// Visits the sound records that begin with `prefix`; `broken` is reported of the others.
 template <typename Visit, typename Broken>
 void ForEachIn(Snapshot const& snapshot, Tree tree, std::string const& prefix, Visit&& visit,
                Broken&& broken) {
@@ -102,14 +102,14 @@ void ForEachRecord(Snapshot const& snapshot, Visit&& visit, Broken&& broken) {
 void CheckedDefinitions::Load() {
   ForEachRecord(
       snapshot_, [&](std::string_view key, std::string_view record) { LoadOne(key, record); },
-      [&](std::string_view key, char const* what) { TellBroken(key, what); });
+      [&](std::string_view key, char const* what) { ReportBroken(key, what); });
 }
 
-void CheckedDefinitions::TellBroken(std::string_view key, char const* what) {
+void CheckedDefinitions::ReportBroken(std::string_view key, char const* what) {
   Finding const finding = About(key);
   if (!key.empty() && key[0] == format::kLayoutLetter) layouts_.try_emplace(finding.layout);
   if (!key.empty() && key[0] == format::kIndexLetter) indexes_.try_emplace(finding.index);
-  sink_.Tell(finding, std::string("A definition cannot be used. ") + what);
+  sink_.Report(finding, std::string("A definition cannot be used. ") + what);
 }
 
 void CheckedDefinitions::LoadOne(std::string_view key, std::string_view record) {
@@ -136,7 +136,7 @@ void CheckedDefinitions::LoadIndex(IndexId id, std::string_view record) {
     if (IsColumnType(index->columns[i].type)) continue;
     indexes_.try_emplace(id);
     Finding const finding{LSCOREDB_FINDING_DEFINITION, {}, id, {}, static_cast<std::uint32_t>(i)};
-    return sink_.Tell(finding, "A column of the index has a type that is none.");
+    return sink_.Report(finding, "A column of the index has a type that is none.");
   }
   indexes_[id] = std::move(index);
 }
@@ -144,13 +144,13 @@ void CheckedDefinitions::LoadIndex(IndexId id, std::string_view record) {
 void CheckedDefinitions::CheckRecords() {
   ForEachRecord(
       snapshot_, [&](std::string_view key, std::string_view record) { CheckOne(key, record); },
-      [](std::string_view, char const*) {});  // told when they were loaded
+      [](std::string_view, char const*) {});  // reported when they were loaded
   for (auto const& [number, layout] : layouts_) {
     if (layout == nullptr) continue;
     ExpectRecord(LayoutTokenRecord(*layout, layout->order()), OfLayout(number),
                  "The layout is not found by its token.");
     bool const based = layout->base() == kNoLayout || layouts_.contains(layout->base());
-    if (!based) sink_.Tell(OfLayout(number), "The layout's base is not there.");
+    if (!based) sink_.Report(OfLayout(number), "The layout's base is not there.");
   }
   for (auto const& [id, index] : indexes_) {
     if (index == nullptr) continue;
@@ -186,13 +186,13 @@ void CheckedDefinitions::CheckLayoutToken(std::string_view key, std::string_view
   if (IsBroken(number)) return;
   Layout const* const layout = FindLayout(number);
   if (layout == nullptr) {
-    return sink_.Tell(OfLayout(number), "A token names a layout that is not there.");
+    return sink_.Report(OfLayout(number), "A token names a layout that is not there.");
   }
   DefinitionRecord const wanted = LayoutTokenRecord(*layout, layout->order());
   if (wanted.key != key) {
-    sink_.Tell(OfLayout(number), "A token names the layout that is not its own.");
+    sink_.Report(OfLayout(number), "A token names the layout that is not its own.");
   } else if (wanted.value != record) {
-    sink_.Tell(OfLayout(number), "The layout's age is not the one that its token tells.");
+    sink_.Report(OfLayout(number), "The layout's age is not the one that its token tells.");
   }
 }
 
@@ -202,43 +202,43 @@ void CheckedDefinitions::CheckIndexName(std::string_view key, bool by_token) {
   if (IsBroken(id)) return;
   IndexDefinition const* const index = FindIndex(id);
   std::string const by = by_token ? "A token" : "A set specifier";
-  if (index == nullptr) return sink_.Tell(OfIndex(id), by + " names an index that is not there.");
+  if (index == nullptr) return sink_.Report(OfIndex(id), by + " names an index that is not there.");
   std::string const wanted = (by_token ? IndexTokenRecord(*index) : IndexSetRecord(*index)).key;
-  if (wanted != key) sink_.Tell(OfIndex(id), by + " names the index that is not its own.");
+  if (wanted != key) sink_.Report(OfIndex(id), by + " names the index that is not its own.");
 }
 
 void CheckedDefinitions::CheckSetChange(std::string_view key, std::string_view record) {
   SetChange const change = ParseSetChange(record);
   if (SetChangeKey(change.setspec) != key) {
-    sink_.Tell(About(key), "The last change of a set is noted under another one.");
+    sink_.Report(About(key), "The last change of a set is noted under another one.");
   }
 }
 
 void CheckedDefinitions::CheckClosedSet(std::string_view key, std::string_view record) {
   if (ClosedSetKey(ParseClosedSet(record)) != key) {
-    sink_.Tell(About(key), "A closed set is noted under another one.");
+    sink_.Report(About(key), "A closed set is noted under another one.");
   }
   if (LastClosing(snapshot_) == CommitId{0}) {
-    sink_.Tell(About(key), "A set is closed, and nothing says that any is.");
+    sink_.Report(About(key), "A set is closed, and nothing says that any is.");
   }
 }
 
 void CheckedDefinitions::CheckCountOf(std::string_view key, std::string_view record) {
   LayoutNumber const number = LayoutAtEnd(key);
   if (layouts_.contains(number) || ParseCount(record).objects == 0) return;
-  sink_.Tell(OfLayout(number), "There is a count of objects for a layout that is not there.");
+  sink_.Report(OfLayout(number), "There is a count of objects for a layout that is not there.");
 }
 
 void CheckedDefinitions::CheckRelease(std::string_view key) {
   LayoutNumber const number = LayoutAtEnd(key);
   if (layouts_.contains(number)) return;
-  sink_.Tell(OfLayout(number), "A layout that is not there is said to be of no more use.");
+  sink_.Report(OfLayout(number), "A layout that is not there is said to be of no more use.");
 }
 
 void CheckedDefinitions::ExpectRecord(DefinitionRecord const& record, Finding const& finding,
                                       char const* what) {
   std::string_view ignored;
-  if (!snapshot_.Get(Tree::kDefinitions, record.key, &ignored)) sink_.Tell(finding, what);
+  if (!snapshot_.Get(Tree::kDefinitions, record.key, &ignored)) sink_.Report(finding, what);
 }
 
 bool CheckedDefinitions::IsBroken(LayoutNumber number) const {

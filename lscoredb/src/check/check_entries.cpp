@@ -21,7 +21,7 @@ std::uint64_t EntryCheck::CountMatched() const {
   return count;
 }
 
-// An index that holds nothing but what was matched is walked in the order in which it lies, and
+// An index that holds nothing but what was matched is scanned in the order in which it lies, and
 // passed over.
 void EntryCheck::Run() {
   Cursor cursor;
@@ -92,7 +92,7 @@ void EntryCheck::EnterIndex(std::string_view key) {
   Finding finding;
   finding.kind = LSCOREDB_FINDING_ENTRY;
   finding.index = IndexId{id};
-  sink_.Tell(finding, "There are entries of an index that is not there.");
+  sink_.Report(finding, "There are entries of an index that is not there.");
 }
 
 void EntryCheck::CheckEntry(std::string_view key, std::string_view value) {
@@ -105,10 +105,10 @@ void EntryCheck::CheckEntry(std::string_view key, std::string_view value) {
   Finding finding;
   finding.kind = LSCOREDB_FINDING_ENTRY;
   finding.index = index_->id;
-  sink_.Tell(finding, "An entry is not what was written.");
+  sink_.Report(finding, "An entry is not what was written.");
 }
 
-// An object that is damaged itself is told as that.
+// An object that is damaged itself is reported as that.
 void EntryCheck::CompareWithObject(Entry const& entry, std::string_view key,
                                    std::string_view value) {
   Finding finding;
@@ -119,23 +119,23 @@ void EntryCheck::CompareWithObject(Entry const& entry, std::string_view key,
   std::uint64_t const id = Raw(entry.object);
   std::string_view stored;
   if (!snapshot_.Get(Tree::kRows, BytesOf(id), &stored)) {
-    return sink_.Tell(finding, "The index holds an object that is not there.");
+    return sink_.Report(finding, "The index holds an object that is not there.");
   }
   RowRef row;
   if (reader_.Read(entry.object, stored, &row).what != nullptr) return;
   Cell const setspec = row.Setspec();
   if (setspec.present) Unpack(setspec.text(), setspec_);
   if (!setspec.present || !index_->Covers(setspec_)) {
-    return sink_.Tell(finding, "The index holds an object that it does not cover.");
+    return sink_.Report(finding, "The index holds an object that it does not cover.");
   }
   KeyFacts const facts = encoder_.Encode(*index_, row, key_);
   EntryRecord const wanted = RecordOf(*index_, key_, row.id, row.layout->number());
   if (wanted.key != key || key_.size() != entry.key.head.size() + entry.key.tail.size() ||
       !key_.ends_with(entry.key.tail)) {
-    return sink_.Tell(finding, "The index holds the object under another key.");
+    return sink_.Report(finding, "The index holds the object under another key.");
   }
   if (wanted.value != value) {
-    return sink_.Tell(finding, "The index holds the object with another layout.");
+    return sink_.Report(finding, "The index holds the object with another layout.");
   }
   if (index_->unique() && !facts.has_null) CheckUnique(entry);
 }
@@ -149,7 +149,7 @@ void EntryCheck::CheckUnique(Entry const& entry) {
   finding.index = index_->id;
   finding.object = entry.object;
   finding.layout = entry.layout;
-  sink_.Tell(finding, "The index is unique and holds the object's key a second time.");
+  sink_.Report(finding, "The index is unique and holds the object's key a second time.");
 }
 
 }  // namespace lscore

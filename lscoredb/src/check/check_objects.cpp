@@ -16,17 +16,17 @@ Finding Of(std::uint32_t kind, ObjectId object) {
   return finding;
 }
 
-std::string PartKey(ObjectId id, std::uint32_t part) {
+std::string ChunkKey(ObjectId id, std::uint32_t chunk) {
   std::string key;
   AppendBig(key, Raw(id));
-  AppendBig(key, part);
+  AppendBig(key, chunk);
   return key;
 }
 
 constexpr std::uint64_t kObjectsBetween = 64;
 
-std::uint64_t PartCount(std::uint64_t size) {
-  return (size + format::kPartSize - 1) / format::kPartSize;
+std::uint64_t ChunkCount(std::uint64_t size) {
+  return (size + format::kChunkSize - 1) / format::kChunkSize;
 }
 
 }  // namespace
@@ -53,17 +53,17 @@ ObjectReader::Problem ObjectReader::Read(ObjectId id, std::string_view stored, R
 }
 
 ObjectReader::Problem ObjectReader::Assemble(ObjectId id, std::string_view* stored) {
-  constexpr std::uint32_t kOverflow = LSCOREDB_FINDING_PARTS;
+  constexpr std::uint32_t kOverflow = LSCOREDB_FINDING_OVERFLOW;
   if (!StubHolds(*stored)) return {LSCOREDB_FINDING_OBJECT, "What says its size is damaged."};
   std::uint64_t const size = WholeSize(*stored);
   assembled_.clear();
-  for (std::uint32_t part = 0; assembled_.size() < size; ++part) {
+  for (std::uint32_t chunk = 0; assembled_.size() < size; ++chunk) {
     std::string_view bytes;
-    if (!snapshot_.Get(Tree::kOverflow, PartKey(id, part), &bytes)) {
-      return {kOverflow, "A part of it is missing."};
+    if (!snapshot_.Get(Tree::kOverflow, ChunkKey(id, chunk), &bytes)) {
+      return {kOverflow, "A chunk of it is missing."};
     }
-    if (bytes.size() != std::min<std::uint64_t>(format::kPartSize, size - assembled_.size())) {
-      return {kOverflow, "A part of it has another size."};
+    if (bytes.size() != std::min<std::uint64_t>(format::kChunkSize, size - assembled_.size())) {
+      return {kOverflow, "A chunk of it has the wrong size."};
     }
     assembled_.append(bytes);
   }
@@ -98,10 +98,10 @@ void ObjectCheck::Add(ObjectCheck const& other) {
 
 void ObjectCheck::Finish() {
   for (auto const& [setspec, object] : unnoted_) {
-    sink_.Tell(Of(LSCOREDB_FINDING_SET_CHANGE, object),
-               "The object's last change is not noted for its set.");
+    sink_.Report(Of(LSCOREDB_FINDING_SET_CHANGE, object),
+                 "The object's last change is not noted for its set.");
   }
-  CheckParts();
+  CheckChunks();
   definitions_.ForEachLayout([&](Layout const& layout) { CheckCount(layout.number()); });
   CheckNextId();
 }
@@ -111,7 +111,7 @@ void ObjectCheck::CheckObject(ObjectId id, std::string_view stored) {
   ObjectReader::Problem const problem = reader_.Read(id, stored, &row);
   if (stored.size() >= format::kHeaderSize) ++counts_[RowImage(stored).layout()];
   if (problem.what != nullptr) {
-    return TellProblem(id, stored, problem);
+    return ReportProblem(id, stored, problem);
   }
   Cell const setspec = row.Setspec();
   if (!setspec.present) return;
@@ -121,10 +121,11 @@ void ObjectCheck::CheckObject(ObjectId id, std::string_view stored) {
   if (entries_) CheckEntries(row, set);
 }
 
-void ObjectCheck::TellProblem(ObjectId id, std::string_view stored, ObjectReader::Problem problem) {
+void ObjectCheck::ReportProblem(ObjectId id, std::string_view stored,
+                                ObjectReader::Problem problem) {
   Finding finding = Of(problem.kind, id);
   if (stored.size() >= format::kHeaderSize) finding.layout = RowImage(stored).layout();
-  sink_.Tell(finding, std::string("The object is damaged. ") + problem.what);
+  sink_.Report(finding, std::string("The object is damaged. ") + problem.what);
 }
 
 ObjectCheck::Set& ObjectCheck::SetOf(std::u16string const& setspec) {
@@ -164,39 +165,39 @@ void ObjectCheck::CheckEntries(RowRef const& row, Set const& set) {
     Finding finding = Of(LSCOREDB_FINDING_MISSING_ENTRY, row.id);
     finding.index = index->id;
     finding.layout = row.layout->number();
-    sink_.Tell(finding, "The index does not hold the object.");
+    sink_.Report(finding, "The index does not hold the object.");
   }
 }
 
-// ---- parts -------------------------------------------------------------------------------------
+// ---- overflow ----------------------------------------------------------------------------------
 
-void ObjectCheck::CheckParts() {
+void ObjectCheck::CheckChunks() {
   Cursor cursor;
   cursor.Open(snapshot_, Tree::kOverflow);
   WatchedWork work({kObjectShare.end, kObjectShare.end}, 0);
-  ObjectId told{~std::uint64_t{0}};  // once for each object is enough
+  ObjectId reported{~std::uint64_t{0}};  // once for each object is enough
   for (bool on = cursor.First(); on; on = cursor.Next()) {
     work.Advance();
     std::string_view const key = cursor.key();
     ObjectId id{};
-    std::uint32_t part = 0;
-    if (key.size() == sizeof id + sizeof part) {
+    std::uint32_t chunk = 0;
+    if (key.size() == sizeof id + sizeof chunk) {
       id = ObjectId{LoadBig<std::uint64_t>(key.data())};
-      part = LoadBig<std::uint32_t>(key.data() + sizeof id);
+      chunk = LoadBig<std::uint32_t>(key.data() + sizeof id);
     }
-    if (id != told && !CheckPart(id, part)) told = id;
+    if (id != reported && !CheckChunk(id, chunk)) reported = id;
   }
 }
 
-bool ObjectCheck::CheckPart(ObjectId id, std::uint32_t part) {
+bool ObjectCheck::CheckChunk(ObjectId id, std::uint32_t chunk) {
   std::uint64_t const raw = Raw(id);
   std::string_view stored;
   bool const there = id != kNoObject && snapshot_.Get(Tree::kRows, BytesOf(raw), &stored);
-  if (there && IsStub(stored) && (!StubHolds(stored) || part < PartCount(WholeSize(stored))))
+  if (there && IsStub(stored) && (!StubHolds(stored) || chunk < ChunkCount(WholeSize(stored))))
     return true;
-  sink_.Tell(Of(LSCOREDB_FINDING_PARTS, id),
-             there ? "There are parts that the object does not have."
-                   : "There are parts of an object that is not there.");
+  sink_.Report(Of(LSCOREDB_FINDING_OVERFLOW, id),
+               there ? "There are overflow chunks that the object does not have."
+                     : "There are overflow chunks of an object that does not exist.");
   return false;
 }
 
@@ -204,17 +205,17 @@ bool ObjectCheck::CheckPart(ObjectId id, std::uint32_t part) {
 
 void ObjectCheck::CheckCount(LayoutNumber number) {
   std::uint64_t const found = counts_[number];
-  std::uint64_t told = 0;
+  std::uint64_t counted = 0;
   Status const read = Guarded([&] {
-    told = ReadCount(snapshot_, number).objects;
+    counted = ReadCount(snapshot_, number).objects;
     return LORV_STATUS_OK;
   });
-  if (read != LORV_STATUS_OK || told == found) return;  // a broken record is told as that
+  if (read != LORV_STATUS_OK || counted == found) return;  // a broken record is reported as that
   Finding finding;
   finding.kind = LSCOREDB_FINDING_COUNT;
   finding.layout = number;
-  sink_.Tell(finding, "The layout has " + std::to_string(found) + " objects, and its count says " +
-                          std::to_string(told) + ".");
+  sink_.Report(finding, "The layout has " + std::to_string(found) +
+                            " objects, and its count says " + std::to_string(counted) + ".");
 }
 
 // ---- identities --------------------------------------------------------------------------------
@@ -230,18 +231,18 @@ void ObjectCheck::CheckNextId() {
   if (read != LORV_STATUS_OK) {
     Finding finding;
     finding.kind = LSCOREDB_FINDING_DEFINITION;
-    return sink_.Tell(finding, "What says which identities are free cannot be used.");
+    return sink_.Report(finding, "What says which identities are free cannot be used.");
   }
   if (misplaced != kNoObject) {
-    sink_.Tell(Of(LSCOREDB_FINDING_NEXT_ID, misplaced),
-               "What says which identities may be chosen contradicts itself here.");
+    sink_.Report(Of(LSCOREDB_FINDING_NEXT_ID, misplaced),
+                 "What says which identities may be chosen contradicts itself here.");
   }
   IndexId const last = definitions_.highest_index();
   if (Raw(last) < mark) return;
   Finding finding;
   finding.kind = LSCOREDB_FINDING_NEXT_ID;
   finding.index = last;
-  sink_.Tell(finding, "The index's identity would be given out again.");
+  sink_.Report(finding, "The index's identity would be given out again.");
 }
 
 }  // namespace lscore

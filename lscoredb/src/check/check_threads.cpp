@@ -18,17 +18,17 @@ constexpr std::uint64_t kIdsPerRange = 4096;  // at least
 constexpr std::uint64_t kRangesPerThread = 16;
 constexpr std::chrono::milliseconds kBetweenLooks{50};  // at the watch, while others work
 
-// What was found in one range, told later by the thread that the host called in.
+// What was found in one range, reported later by the thread that the host called in.
 class KeptFindings final : public Findings {
  public:
   explicit KeptFindings(bool one_is_enough) : one_is_enough_(one_is_enough) {}
 
-  void Tell(Finding const& finding, std::string const& text) override {
+  void Report(Finding const& finding, std::string const& text) override {
     kept_.emplace_back(finding, text);
     if (one_is_enough_) throw StopCheck();
   }
   void PassOn(Findings& to) {
-    for (auto const& [finding, text] : kept_) to.Tell(finding, text);
+    for (auto const& [finding, text] : kept_) to.Report(finding, text);
     kept_ = {};
   }
 

@@ -12,10 +12,10 @@ namespace {
 // Whether a commit has to do anything for the row.
 bool Matters(PendingRow const& row) { return row.changed && !(row.inserted() && row.deleted); }
 
-std::string PartKey(ObjectId id, std::uint32_t part) {
+std::string ChunkKey(ObjectId id, std::uint32_t chunk) {
   std::string key;
   AppendBig(key, Raw(id));
-  AppendBig(key, part);
+  AppendBig(key, chunk);
   return key;
 }
 
@@ -32,7 +32,7 @@ void AddHints(CommitRequest const& request, std::vector<TreeKey>* hints) {
     add_row(row.id);
     if (!row.inserted()) counted.insert(row.original_layout->number());
     if (!row.deleted) counted.insert(row.layout->number());
-    if (row.in_overflow) hints->push_back({Tree::kOverflow, PartKey(row.id, 0)});
+    if (row.in_overflow) hints->push_back({Tree::kOverflow, ChunkKey(row.id, 0)});
   });
   request.changes.ForEachRequired(add_row);
   for (LayoutNumber const number : counted) hints->push_back({Tree::kMeta, CountKey(number)});
@@ -232,7 +232,7 @@ void CommitApplier::Apply() {
 }
 
 void CommitApplier::ApplyRow(PendingRow const& row) {
-  if (row.in_overflow) DeleteParts(row.id);
+  if (row.in_overflow) DeleteChunks(row.id);
   if (row.deleted) {
     std::uint64_t const id = Raw(row.id);
     batch_.Remove(Tree::kRows, BytesOf(id));
@@ -249,8 +249,8 @@ void CommitApplier::PutImage(PendingRow const& row) {
       builder_.Build(row.id, *row.layout, batch_.id(), row.setspec, row.all_cells());
   std::string stub;
   kept_.Add(row, image, batch_.id());
-  if (image.size() > format::kPartSize) {
-    PutParts(row.id, image);
+  if (image.size() > format::kChunkSize) {
+    PutChunks(row.id, image);
     stub = ImageBuilder::Stub(image);
     image = stub;
   }
@@ -262,15 +262,15 @@ void CommitApplier::PutImage(PendingRow const& row) {
   }
 }
 
-void CommitApplier::PutParts(ObjectId id, std::string_view image) {
-  for (std::uint32_t part = 0; !image.empty(); ++part) {
-    batch_.Put(Tree::kOverflow, PartKey(id, part), image.substr(0, format::kPartSize));
-    image.remove_prefix(std::min(image.size(), format::kPartSize));
+void CommitApplier::PutChunks(ObjectId id, std::string_view image) {
+  for (std::uint32_t chunk = 0; !image.empty(); ++chunk) {
+    batch_.Put(Tree::kOverflow, ChunkKey(id, chunk), image.substr(0, format::kChunkSize));
+    image.remove_prefix(std::min(image.size(), format::kChunkSize));
   }
 }
 
-void CommitApplier::DeleteParts(ObjectId id) {
-  for (std::uint32_t part = 0; batch_.Delete(Tree::kOverflow, PartKey(id, part));) ++part;
+void CommitApplier::DeleteChunks(ObjectId id) {
+  for (std::uint32_t chunk = 0; batch_.Delete(Tree::kOverflow, ChunkKey(id, chunk));) ++chunk;
 }
 
 // Removals come first: two long keys of one object may be one key of the store.

@@ -78,8 +78,8 @@ class CommitApplier {
 
   void ApplyRow(PendingRow const& row);
   void PutImage(PendingRow const& row);
-  void PutParts(ObjectId id, std::string_view image);
-  void DeleteParts(ObjectId id);
+  void PutChunks(ObjectId id, std::string_view image);
+  void DeleteChunks(ObjectId id);
   void ApplyEntries(PendingIndex const& entries);
   void ApplyLayouts();
   void ApplyClosings();

@@ -12,7 +12,7 @@
 //        0     4  CRC-32C of the object id (8), of the number of columns in the presence bits (4:
 //                 all of the layout but columns 0 and 1), and of everything behind it
 //        4     2  layout number
-//        6     2  flags: 1 set specifier present, 2 big ends, 4 in parts
+//        6     2  flags: 1 set specifier present, 2 big ends, 4 in overflow
 //        8     8  commit that wrote the row
 //       16        presence bits, in words of 8 bytes: fixed columns first, then variable ones,
 //                 each in column order
@@ -26,7 +26,7 @@
 //   image with flag 4 ends behind offset 16 with 8 bytes more, the size of the whole image, which
 //   then lies in "parts"; its checksum is only of what is behind it.
 //
-// "parts": object id (8, big endian), number of the part (4, big endian) -> the next kPartSize
+// "parts": object id (8, big endian), number of the chunk (4, big endian) -> the next kChunkSize
 //   bytes.
 //
 // The values of the three trees that follow end with 4 bytes that are not told below: the CRC-32C
@@ -97,7 +97,7 @@ inline constexpr std::string_view kIdentityKey = "identity";
 
 inline constexpr std::uint16_t kHasSetspec = 1;
 inline constexpr std::uint16_t kBigEnds = 2;
-inline constexpr std::uint16_t kInParts = 4;
+inline constexpr std::uint16_t kInChunks = 4;
 
 inline constexpr std::size_t kCrcOffset = 0;
 inline constexpr std::size_t kLayoutOffset = 4;
@@ -108,7 +108,7 @@ inline constexpr std::size_t kStubSize = kHeaderSize + 8;
 
 // Images above this size go to "parts": one value of the store cannot hold the largest binaries,
 // and wants contiguous pages.
-inline constexpr std::size_t kPartSize = std::size_t{16} << 20;
+inline constexpr std::size_t kChunkSize = std::size_t{16} << 20;
 
 // The store takes keys of 511 bytes; an ordered id takes 9 at most.
 inline constexpr std::size_t kKeyPrefix = 480;

@@ -128,7 +128,7 @@ bool RowImage::Validate(std::string_view bytes, ObjectId id, Layout const& layou
 
 bool IsStub(std::string_view bytes) {
   return bytes.size() == format::kStubSize &&
-         (Load<std::uint16_t>(bytes.data() + format::kFlagsOffset) & format::kInParts) != 0;
+         (Load<std::uint16_t>(bytes.data() + format::kFlagsOffset) & format::kInChunks) != 0;
 }
 
 std::uint64_t WholeSize(std::string_view stub) {
@@ -224,7 +224,8 @@ std::string_view ImageBuilder::Build(ObjectId id, Layout const& layout, CommitId
 
 std::string ImageBuilder::Stub(std::string_view image) {
   std::string stub(image.substr(0, format::kHeaderSize));
-  unsigned const flags = Load<std::uint16_t>(stub.data() + format::kFlagsOffset) | format::kInParts;
+  unsigned const flags =
+      Load<std::uint16_t>(stub.data() + format::kFlagsOffset) | format::kInChunks;
   StoreAt(stub.data() + format::kFlagsOffset, static_cast<std::uint16_t>(flags));
   Append(stub, std::uint64_t{image.size()});
   StoreAt(stub.data() + format::kCrcOffset, Crc32c(std::string_view(stub).substr(4)));

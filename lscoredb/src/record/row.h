@@ -107,7 +107,7 @@ class RowImage {
   std::size_t size_;
 };
 
-// Of stored bytes, whether they are only the head of an image whose rest lies in parts.
+// Of stored bytes, whether they are only the head of an image whose rest is in overflow chunks.
 bool IsStub(std::string_view bytes);
 std::uint64_t WholeSize(std::string_view stub);
 // Whether a stub is sound, and so what it says of the image's size.

@@ -274,15 +274,15 @@ void PendingChanges::CreateIndex(std::unique_ptr<IndexDefinition const> index,
 namespace {
 
 template <typename All>
-std::size_t PlaceIn(All const& all, typename All::iterator at) {
+std::size_t PositionIn(All const& all, typename All::iterator at) {
   return at == all.end() ? undo::IndexDropped::kNowhere
                          : static_cast<std::size_t>(at - all.begin());
 }
 
 // Moves the last of `from` to where it stood. REQUIRES: there was room for it before.
 template <typename All>
-void MoveBack(All& from, All& to, std::size_t place) {
-  to.insert(to.begin() + static_cast<std::ptrdiff_t>(place), std::move(from.back()));
+void MoveBack(All& from, All& to, std::size_t position) {
+  to.insert(to.begin() + static_cast<std::ptrdiff_t>(position), std::move(from.back()));
   from.pop_back();
 }
 
@@ -297,7 +297,7 @@ void PendingChanges::DropIndex(IndexDefinition const& index) {
   auto const same = [&](auto const& created) { return created.get() == &index; };
   auto const created = std::find_if(created_.begin(), created_.end(), same);
   if (undo_.recording()) {
-    undo_.Record(undo::IndexDropped{PlaceIn(indexes_, entries), PlaceIn(created_, created)});
+    undo_.Record(undo::IndexDropped{PositionIn(indexes_, entries), PositionIn(created_, created)});
   }
   if (entries != indexes_.end()) {
     index_by_id_.Erase(Raw(index.id));

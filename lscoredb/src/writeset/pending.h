@@ -230,7 +230,7 @@ class PendingChanges {
   void Clear();
 
  private:
-  // Each returns the row whose place or layout changed, or none.
+  // Each returns the row whose position or layout changed, or none.
   ObjectId TakeBack(undo::RowAdded const& added);
   ObjectId TakeBack(undo::CellChanged const& changed);
   ObjectId TakeBack(undo::RowChanged const& changed);

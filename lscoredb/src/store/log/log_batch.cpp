@@ -89,15 +89,15 @@ void LogBatch::Commit() {
 }
 
 void LogBatch::CommitToLog() {
-  LogPlace const place = store_.tail_.place();
+  LogPosition const at = store_.tail_.position();
   logformat::Head head;
-  head.before = place.before;
-  head.generation = place.generation;
+  head.before = at.before;
+  head.generation = at.generation;
   head.commit = id();
   head.synced = store_.board_.Synced();
   head.time = Microseconds();
   std::span<iovec> const pieces = record_.Finish(head, store_.files_.identity());
-  store_.AppendRecord(*this, place, head, pieces);
+  store_.AppendRecord(*this, at, head, pieces);
 }
 
 }  // namespace lscore

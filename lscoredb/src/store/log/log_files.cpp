@@ -13,9 +13,8 @@ namespace lscore {
 using logformat::Generation;
 using logformat::Head;
 
-LogPlace LogRecord::Behind(LogPlace const& place) const {
-  std::uint64_t const begin =
-      head.generation == place.generation ? place.offset : logformat::kTitleSize;
+LogPosition LogRecord::Behind(LogPosition const& at) const {
+  std::uint64_t const begin = head.generation == at.generation ? at.offset : logformat::kTitleSize;
   return {head.generation, logformat::Aligned(begin + head.size), head.checksum, head.commit};
 }
 
@@ -85,24 +84,24 @@ std::optional<LogRecord> LogFiles::ReadAt(Generation generation, std::uint64_t o
   return record;
 }
 
-std::optional<LogRecord> LogFiles::ReadNext(LogPlace const& place) {
+std::optional<LogRecord> LogFiles::ReadNext(LogPosition const& at) {
   if (!Open()) return std::nullopt;
   auto const follows = [&](std::optional<LogRecord> const& record) {
-    return record.has_value() && record->head.before == place.before &&
-           Raw(record->head.commit) == Raw(place.commit) + 1;
+    return record.has_value() && record->head.before == at.before &&
+           Raw(record->head.commit) == Raw(at.commit) + 1;
   };
-  std::optional<LogRecord> record = ReadAt(place.generation, place.offset);
-  if (!follows(record)) record = ReadAt(logformat::After(place.generation), logformat::kTitleSize);
+  std::optional<LogRecord> record = ReadAt(at.generation, at.offset);
+  if (!follows(record)) record = ReadAt(logformat::After(at.generation), logformat::kTitleSize);
   if (!follows(record)) record.reset();
   return record;
 }
 
-bool LogFiles::GoesOnBehind(LogPlace const& place) {
-  return HoldsSynced(place.generation, place.offset, place.commit) ||
-         HoldsSynced(logformat::After(place.generation), logformat::kTitleSize, place.commit);
+bool LogFiles::GoesOnBehind(LogPosition const& at) {
+  return HoldsSynced(at.generation, at.offset, at.commit) ||
+         HoldsSynced(logformat::After(at.generation), logformat::kTitleSize, at.commit);
 }
 
-// Looks at every place where a record may begin.
+// Looks at every offset where a record may begin.
 bool LogFiles::HoldsSynced(Generation generation, std::uint64_t offset, CommitId after) {
   LogFile const& file = Of(generation);
   if (!file.is_open()) return false;

@@ -13,15 +13,15 @@
 
 namespace lscore {
 
-// A place behind a record: where the next one goes, and what it has to be.
-struct LogPlace {
+// A position after a record: where the next one goes, and what it has to be.
+struct LogPosition {
   logformat::Generation generation{0};
   std::uint64_t offset = logformat::kTitleSize;
   std::uint32_t before = 0;  // checksum of the record
   CommitId commit{0};        // of the record
 
   // Where the part of the log begins that the image does not hold.
-  static LogPlace At(logformat::ImagePosition const& position) {
+  static LogPosition At(logformat::ImagePosition const& position) {
     return {position.generation, logformat::kTitleSize, position.before, position.commit};
   }
 };
@@ -33,7 +33,7 @@ struct LogRecord {
   std::string_view changes() const {
     return {bytes.get() + logformat::kHeadSize, head.size - logformat::kHeadSize};
   }
-  LogPlace Behind(LogPlace const& place) const;
+  LogPosition Behind(LogPosition const& at) const;
 };
 
 class LogFiles {
@@ -53,12 +53,12 @@ class LogFiles {
   // Takes both away.
   void Remove() noexcept;
 
-  // The record behind the place, in its generation or at the beginning of the next. None: there is
+  // The record at the position, in its generation or at the beginning of the next. None: there is
   // none that is whole.
-  std::optional<LogRecord> ReadNext(LogPlace const& place);
-  // Whether a record behind a place where the log ends says that more of the log was synced, so
+  std::optional<LogRecord> ReadNext(LogPosition const& at);
+  // Whether a record behind a position where the log ends says that more of the log was synced, so
   // that it ends there by damage.
-  bool GoesOnBehind(LogPlace const& place);
+  bool GoesOnBehind(LogPosition const& at);
 
  private:
   void Entitle(LogFile& file) const;

@@ -20,21 +20,21 @@ std::string_view Kept(Overlay& overlay, std::string_view bytes) {
 }  // namespace
 
 // What the image says of the log is hidden, and its format is told as without one.
-LogLayer::LogLayer(LogPlace const& place, std::string_view content_format)
-    : number(place.generation), base(place.commit), before(place.before) {
+LogLayer::LogLayer(LogPosition const& at, std::string_view content_format)
+    : number(at.generation), base(at.commit), before(at.before) {
   changes.Write({Tree::kMeta, logformat::kImageKey}, {}, true, kAlways);
   changes.Write({Tree::kMeta, format::kFormatKey}, Kept(changes, content_format), false, kAlways);
 }
 
 void LogTail::Restart(View const& image, logformat::ImagePosition const& position) {
-  LogPlace const place = LogPlace::At(position);
-  SetLayers({std::make_shared<LogLayer>(place, logformat::ContentFormat(image)), nullptr});
+  LogPosition const at = LogPosition::At(position);
+  SetLayers({std::make_shared<LogLayer>(at, logformat::ContentFormat(image)), nullptr});
   {
     std::lock_guard const lock(mutex_);
     others_.clear();
-    remembered_from_ = place.commit;
+    remembered_from_ = at.commit;
   }
-  SetPlace(place);
+  SetPosition(at);
 }
 
 void LogTail::NoteOthers(CommitId commit, std::vector<ObjectId> const& changed) {
@@ -56,11 +56,11 @@ bool LogTail::ListOthers(CommitId after, std::vector<ObjectId>* changed) const {
 }
 
 bool LogTail::Advance() {
-  std::optional<LogRecord> record = files_.ReadNext(place_);
+  std::optional<LogRecord> record = files_.ReadNext(position_);
   if (!record.has_value()) return false;
-  if (record->head.generation != place_.generation) Rotate();
+  if (record->head.generation != position_.generation) Rotate();
   Overlay& overlay = layers()->active->changes;
-  LogPlace const behind = record->Behind(place_);
+  LogPosition const behind = record->Behind(position_);
   overlay.BeginChanges();
   std::string_view rest = record->changes();
   overlay.Keep(std::move(record->bytes), record->head.size);
@@ -72,20 +72,20 @@ bool LogTail::Advance() {
       changed.push_back(ObjectId{Load<std::uint64_t>(change.key.data())});
   }
   NoteOthers(record->head.commit, changed);
-  SetPlace(behind);
+  SetPosition(behind);
   return true;
 }
 
 void LogTail::Rotate() {
   std::shared_ptr<LogLayers const> const now = layers();
   OverlayVersion const* const format =
-      now->active->changes.Find({Tree::kMeta, format::kFormatKey}, place_.commit);
+      now->active->changes.Find({Tree::kMeta, format::kFormatKey}, position_.commit);
   frozen_size_ = size_.load();
-  LogPlace next = place_;
-  next.generation = logformat::After(place_.generation);
+  LogPosition next = position_;
+  next.generation = logformat::After(position_.generation);
   next.offset = logformat::kTitleSize;
   SetLayers({std::make_shared<LogLayer>(next, format->value), now->active});
-  SetPlace(next);
+  SetPosition(next);
 }
 
 void LogTail::DropHeld(logformat::ImagePosition const& position) {
@@ -94,10 +94,10 @@ void LogTail::DropHeld(logformat::ImagePosition const& position) {
   SetLayers({now->active, nullptr});
 }
 
-void LogTail::SetPlace(LogPlace const& place) {
-  place_ = place;
-  applied_.store(Raw(place.commit), std::memory_order_release);
-  size_ = place.offset - logformat::kTitleSize;
+void LogTail::SetPosition(LogPosition const& at) {
+  position_ = at;
+  applied_.store(Raw(at.commit), std::memory_order_release);
+  size_ = at.offset - logformat::kTitleSize;
 }
 
 std::shared_ptr<LogLayers const> LogTail::layers() const {

@@ -18,9 +18,9 @@
 namespace lscore {
 
 struct LogLayer {
-  // `place`: where the generation begins. `content_format`: the record of the format, as it would
+  // `at`: where the generation begins. `content_format`: the record of the format, as it would
   // be without a log.
-  LogLayer(LogPlace const& place, std::string_view content_format);
+  LogLayer(LogPosition const& at, std::string_view content_format);
 
   logformat::Generation number;
   CommitId base;         // the last commit before it
@@ -56,9 +56,9 @@ class LogTail {
   // Lets go of what the image holds.
   void DropHeld(logformat::ImagePosition const& position);
   // After a record was appended that is in the active overlay already.
-  void Appended(LogPlace const& place) { SetPlace(place); }
+  void Appended(LogPosition const& at) { SetPosition(at); }
 
-  LogPlace const& place() const { return place_; }
+  LogPosition const& position() const { return position_; }
   CommitId applied() const { return CommitId{applied_.load(std::memory_order_acquire)}; }
   std::shared_ptr<LogLayers const> layers() const;
   // Appends the objects that commits after `after` changed, but for those that were appended here.
@@ -71,7 +71,7 @@ class LogTail {
 
  private:
   void SetLayers(LogLayers layers);
-  void SetPlace(LogPlace const& place);
+  void SetPosition(LogPosition const& at);
   void NoteOthers(CommitId commit, std::vector<ObjectId> const& changed);
 
   static constexpr std::size_t kMostRemembered = 100'000;
@@ -81,9 +81,9 @@ class LogTail {
   };
 
   LogFiles& files_;
-  LogPlace place_;
+  LogPosition position_;
   std::atomic<std::uint64_t> applied_{0};
-  std::atomic<std::uint64_t> size_{0};         // of the records before the place, in its file
+  std::atomic<std::uint64_t> size_{0};         // of the records before the position, in its file
   std::atomic<std::uint64_t> frozen_size_{0};  // of those in the other one
   std::mutex mutable mutex_;
   std::shared_ptr<LogLayers const> layers_;

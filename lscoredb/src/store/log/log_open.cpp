@@ -25,7 +25,7 @@ void CheckContent(std::string_view format) {
   if (version > format::kNewestVersion) Throw(LSCOREDB_NEWER_FORMAT);
 }
 
-// Reads the newest state, between commits when no place for a reader is left.
+// Reads the newest state, between commits when no reader slot is left.
 template <typename Read>
 void WithNewest(Store& image, Read const& read) {
   std::unique_ptr<Snapshot> snapshot;
@@ -102,11 +102,11 @@ void LogStore::Recover() {
     files_.CheckTitles();
     while (tail_.Advance()) {
     }
-    if (files_.GoesOnBehind(tail_.place())) Throw(LSCOREDB_DAMAGED);
+    if (files_.GoesOnBehind(tail_.position())) Throw(LSCOREDB_DAMAGED);
     used_ = true;
     if (sync_ && tail_.applied() > position.commit) SyncUpTo(tail_.applied());
   }
-  board_.SetGeneration(Raw(tail_.place().generation));
+  board_.SetGeneration(Raw(tail_.position().generation));
   board_.SetPublished(tail_.applied());
   board_.Share();
 }

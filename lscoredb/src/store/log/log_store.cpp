@@ -103,15 +103,15 @@ std::unique_ptr<Snapshot> LogStore::BeginVerified(FaultReport const& report) {
 void LogStore::Enter(LogSnapshot& snapshot) {
   std::lock_guard const lock(readers_mutex_);
   if (readers_.size() >= options_.max_readers) Throw(LSCOREDB_TOO_MANY_READERS);
-  snapshot.place = readers_.size();
+  snapshot.index = readers_.size();
   readers_.push_back(&snapshot);
 }
 
 void LogStore::End(std::unique_ptr<Snapshot> snapshot) noexcept {
   std::unique_ptr<LogSnapshot> const ended(static_cast<LogSnapshot*>(snapshot.release()));
   std::lock_guard const lock(readers_mutex_);
-  readers_[ended->place] = readers_.back();
-  readers_[ended->place]->place = ended->place;
+  readers_[ended->index] = readers_.back();
+  readers_[ended->index]->index = ended->index;
   readers_.pop_back();
 }
 
@@ -125,7 +125,7 @@ std::shared_ptr<LogLayers const> LogStore::PrepareBatch() {
     CatchUp(board_.Published());
     if (board_.Writing()) FinishForOther();
     FollowRotation();
-    Check(TryTakeBack(tail_.place()));
+    Check(TryTakeBack(tail_.position()));
     MakeRoomInLog();
   } catch (...) {
     board_.Release(LogBoard::Lock::kCommit);
@@ -148,7 +148,7 @@ void LogStore::FinishForOther() {
   CommitId const last = tail_.applied();
   if (last > board_.Published()) {
     if (sync_ && files_.Open()) SyncUpTo(last);
-    board_.SetGeneration(std::max(board_.Generation(), Raw(tail_.place().generation)));
+    board_.SetGeneration(std::max(board_.Generation(), Raw(tail_.position().generation)));
     board_.SetPublished(last);
   }
   board_.SetWriting(false);
@@ -157,16 +157,16 @@ void LogStore::FinishForOther() {
 // Another process may have taken the next file, and not written to it yet.
 void LogStore::FollowRotation() {
   std::lock_guard const lock(tail_mutex_);
-  while (Raw(tail_.place().generation) < board_.Generation()) tail_.Rotate();
+  while (Raw(tail_.position().generation) < board_.Generation()) tail_.Rotate();
 }
 
 void LogStore::MakeRoomInLog() {
-  if (tail_.place().offset < options_.log_limit) return;
+  if (tail_.position().offset < options_.log_limit) return;
   std::shared_ptr<LogLayers const> const layers = tail_.layers();
   if (layers->frozen != nullptr) Checkpoint(*layers);
   std::lock_guard const lock(tail_mutex_);
   tail_.Rotate();
-  board_.SetGeneration(Raw(tail_.place().generation));
+  board_.SetGeneration(Raw(tail_.position().generation));
   checkpoint_due_ = true;
 }
 
@@ -199,26 +199,26 @@ bool LogStore::FitsLog(std::uint64_t size, LogLayers const& layers) const {
   return size <= options_.log_limit && needed <= options_.max_file_size;
 }
 
-void LogStore::AppendRecord(Batch const& batch, LogPlace const& place, logformat::Head const& head,
+void LogStore::AppendRecord(Batch const& batch, LogPosition const& at, logformat::Head const& head,
                             std::span<iovec> pieces) {
   MarkUsed();
-  LogFile& file = files_.Of(place.generation);
-  file.MakeRoom(place.offset + head.size, options_.log_limit);
+  LogFile& file = files_.Of(at.generation);
+  file.MakeRoom(at.offset + head.size, options_.log_limit);
   board_.SetWriting(true);
   try {
-    file.Write(place.offset, pieces);
+    file.Write(at.offset, pieces);
     spoiled_ = sync_;
     if (sync_) SyncUpTo(head.commit);
     spoiled_ = false;
   } catch (...) {
-    static_cast<void>(TryTakeBack(place));
+    static_cast<void>(TryTakeBack(at));
     board_.SetWriting(false);
     throw;
   }
   {
-    std::uint64_t const end = logformat::Aligned(place.offset + head.size);
+    std::uint64_t const end = logformat::Aligned(at.offset + head.size);
     std::lock_guard const lock(tail_mutex_);
-    tail_.Appended({place.generation, end, head.checksum, head.commit});
+    tail_.Appended({at.generation, end, head.checksum, head.commit});
   }
   BeginOwnCommit(batch);
   board_.SetPublished(head.commit);
@@ -228,13 +228,13 @@ void LogStore::AppendRecord(Batch const& batch, LogPlace const& place, logformat
 
 // A record that could not be synced is whole, and may be on the disk: it must not be found there,
 // now that its commit has failed. One that could not be written is not whole.
-Status LogStore::TryTakeBack(LogPlace const& place) noexcept {
+Status LogStore::TryTakeBack(LogPosition const& at) noexcept {
   if (!spoiled_) return LORV_STATUS_OK;
   return Guarded([&] {
     std::array<char, logformat::kHeadSize> zeros{};
     std::array<iovec, 1> piece{{{zeros.data(), zeros.size()}}};
-    LogFile& file = files_.Of(place.generation);
-    file.Write(place.offset, piece);
+    LogFile& file = files_.Of(at.generation);
+    file.Write(at.offset, piece);
     file.Sync();
     spoiled_ = false;
     return LORV_STATUS_OK;
@@ -242,10 +242,10 @@ Status LogStore::TryTakeBack(LogPlace const& place) noexcept {
 }
 
 void LogStore::SyncUpTo(CommitId commit) {
-  LogPlace const place = tail_.place();
+  LogPosition const at = tail_.position();
   CommitId const base = tail_.layers()->active->base;
-  if (board_.Synced() < base) files_.Of(logformat::After(place.generation)).Sync();
-  files_.Of(place.generation).Sync();
+  if (board_.Synced() < base) files_.Of(logformat::After(at.generation)).Sync();
+  files_.Of(at.generation).Sync();
   board_.RaiseSynced(commit);
 }
 
@@ -260,7 +260,7 @@ void LogStore::WriteAll(LogLayers const& layers, CommitId state, bool clean) {
   WriteLayer(*batch, *layers.active, state);
   position.generation = logformat::After(layers.active->number);
   position.commit = state;
-  position.before = tail_.place().before;
+  position.before = tail_.position().before;
   position.clean = position.clean || clean;
   logformat::WritePosition(*batch, position);
   batch->Commit();
@@ -319,21 +319,21 @@ void LogStore::Verify() {
   image_->Verify();
   std::unique_ptr<Snapshot> image = image_->Begin();
   ImagePosition const position = logformat::ReadPosition(*image);
-  LogPlace place = LogPlace::At(position);
+  LogPosition at = LogPosition::At(position);
   CommitId const last = board_.Published();
   bool whole = true;
-  while (whole && place.commit < last) {
+  while (whole && at.commit < last) {
     std::lock_guard const lock(tail_mutex_);
-    std::optional<LogRecord> const record = files_.ReadNext(place);
+    std::optional<LogRecord> const record = files_.ReadNext(at);
     whole = record.has_value();
-    if (whole) place = record->Behind(place);
+    if (whole) at = record->Behind(at);
   }
   image_->End(std::move(image));
   if (whole) return;
   image = image_->Begin();
   CommitId const held = logformat::ReadPosition(*image).commit;
   image_->End(std::move(image));
-  if (held <= place.commit) Throw(LSCOREDB_DAMAGED);
+  if (held <= at.commit) Throw(LSCOREDB_DAMAGED);
 }
 
 bool LogStore::ListChanges(View const&, CommitId after, std::vector<ObjectId>* changed) const {

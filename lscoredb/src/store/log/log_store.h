@@ -14,7 +14,7 @@
 // is at most the published commit, or that is read again; what it does not hold yet is in the
 // layers. What both hold is the same in both.
 //
-// A commit that the log has no place for, or that may not fit into the image, goes into the image
+// A commit that the log has no room for, or that may not fit into the image, goes into the image
 // at once, together with all layers.
 //
 // Processes share the log: one at a time holds the commit lock and appends, the others read its
@@ -91,11 +91,11 @@ class LogStore final : public Store {
   void MakeRoomInLog();
   void MarkUsed();
   bool FitsLog(std::uint64_t size, LogLayers const& layers) const;
-  void AppendRecord(Batch const& batch, LogPlace const& place, logformat::Head const& head,
+  void AppendRecord(Batch const& batch, LogPosition const& at, logformat::Head const& head,
                     std::span<iovec> pieces);
   void CommitToImage(Batch const& batch, LogLayers const& layers);
   void SyncUpTo(CommitId commit);
-  Status TryTakeBack(LogPlace const& place) noexcept;
+  Status TryTakeBack(LogPosition const& at) noexcept;
   // All up to `state` into the image, in one batch of it.
   void WriteAll(LogLayers const& layers, CommitId state, bool clean);
 

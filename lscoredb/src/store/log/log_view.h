@@ -61,7 +61,7 @@ class LogSnapshot final : public Snapshot {
     view_.OpenCursor(tree, cursor, true);
   }
 
-  std::size_t place = 0;  // among the snapshots of the store
+  std::size_t index = 0;  // among the snapshots of the store
 
  private:
   LayeredView view_;

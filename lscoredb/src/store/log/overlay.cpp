@@ -29,7 +29,7 @@ Overlay::Overlay() {
     Tree const tree{static_cast<std::uint8_t>(i)};
     heads_[i] =
         NewNode({tree, tree == Tree::kRows ? BytesOf(kZero) : std::string_view()}, kMaxHeight);
-    place_[i].fill(heads_[i]);
+    predecessors_[i].fill(heads_[i]);
   }
   tables_.push_back(std::make_unique<Table>(kFirstSlots));
   table_ = tables_.back().get();
@@ -60,40 +60,40 @@ int Overlay::RandomHeight() {
 
 // Finds the last node below the key on each level, from where the last one went in: up as long as
 // the key is beyond the gap there, then down.
-void Overlay::FindPlace(OrderedKey const& key) {
+void Overlay::FindPredecessors(OrderedKey const& key) {
   auto const tree = static_cast<std::size_t>(key.tree);
-  std::array<OverlayNode*, kMaxHeight>& place = place_[tree];
+  std::array<OverlayNode*, kMaxHeight>& before = predecessors_[tree];
   int level = 0;
-  OverlayNode* at = place[0];
+  OverlayNode* at = before[0];
   if (at != heads_[tree] && !(at->key() < key)) {
     level = kMaxHeight - 1;
     at = heads_[tree];
   } else {
     auto const beyond = [&](int there) {
-      OverlayNode const* const next = place[static_cast<std::size_t>(there)]->NextAt(there);
+      OverlayNode const* const next = before[static_cast<std::size_t>(there)]->NextAt(there);
       return next != nullptr && next->key() < key;
     };
     while (level < kMaxHeight - 1 && beyond(level)) ++level;
-    at = place[static_cast<std::size_t>(level)];
+    at = before[static_cast<std::size_t>(level)];
   }
   for (; level >= 0; --level) {
     for (OverlayNode* next = at->NextAt(level); next != nullptr && next->key() < key;
          next = at->NextAt(level)) {
       at = next;
     }
-    place[static_cast<std::size_t>(level)] = at;
+    before[static_cast<std::size_t>(level)] = at;
   }
 }
 
 OverlayNode* Overlay::Insert(OrderedKey const& key, std::size_t hash) {
-  FindPlace(key);
+  FindPredecessors(key);
   int const height = RandomHeight();
   OverlayNode* const node = NewNode(key, height);
   node->hash_ = hash;
   if (2 * (nodes() + 1) > tables_.back()->mask) Grow();
-  auto& place = place_[static_cast<std::size_t>(key.tree)];
+  auto& predecessors = predecessors_[static_cast<std::size_t>(key.tree)];
   for (int level = 0; level < height; ++level) {
-    OverlayNode*& before = place[static_cast<std::size_t>(level)];
+    OverlayNode*& before = predecessors[static_cast<std::size_t>(level)];
     node->next_[level].store(before->NextAt(level), std::memory_order_relaxed);
     before->next_[level].store(node, std::memory_order_release);
     before = node;

@@ -129,7 +129,7 @@ class Overlay {
   OverlayNode* FindNode(OrderedKey const& key, std::size_t hash) const;
   OverlayNode* NewNode(OrderedKey const& key, int height);
   OverlayNode* Insert(OrderedKey const& key, std::size_t hash);
-  void FindPlace(OrderedKey const& key);
+  void FindPredecessors(OrderedKey const& key);
   int RandomHeight();
   void Link(OverlayNode* node);
   void Grow();
@@ -143,7 +143,7 @@ class Overlay {
   std::size_t next_size_ = kFirstBytes;
   std::array<OverlayNode*, kTreeCount> heads_;
   // Where the last node of each tree went in: the next one is often near.
-  std::array<std::array<OverlayNode*, kMaxHeight>, kTreeCount> place_;
+  std::array<std::array<OverlayNode*, kMaxHeight>, kTreeCount> predecessors_;
   std::vector<std::unique_ptr<Table>> tables_;  // readers may still be in an older one
   std::atomic<Table*> table_;
   std::vector<OverlayNode*> changed_;
