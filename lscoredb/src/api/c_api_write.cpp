@@ -8,6 +8,7 @@ namespace {
 
 constexpr TypeSet kUnsigned = TypeBit(LORV_TYPE_ULONG) | TypeBit(LORV_TYPE_KEY);
 constexpr TypeSet kAnyType = ~TypeSet{0};
+constexpr std::size_t kMaxLength = std::numeric_limits<std::uint32_t>::max();  // units or bytes
 
 Status WriteColumn(std::uint64_t context, std::uint64_t oid, std::uint64_t addr,
                    std::uint32_t column, TypeSet types, NewValue const& value) noexcept {
@@ -72,7 +73,11 @@ uint32_t lorv_context_put_string(uint64_t context, uint64_t oid, uint64_t addr, 
     value.kind = NewValue::Kind::kText;
     value.text = text;
   }
-  return WriteColumn(context, oid, addr, column, TypeBit(LORV_TYPE_STRING), value);
+  return WithWriting(context, [&](Transaction& transaction) -> Status {
+    if (value.text.size() > kMaxLength) return LSCOREDB_TOO_LARGE;
+    return transaction.Write(ObjectId{oid}, LayoutOf(addr), column, TypeBit(LORV_TYPE_STRING),
+                             value);
+  });
 }
 
 uint32_t lorv_context_put_binary(uint64_t context, uint64_t oid, uint64_t addr, uint32_t column,
@@ -84,7 +89,7 @@ uint32_t lorv_context_put_binary(uint64_t context, uint64_t oid, uint64_t addr, 
   }
   return WithWriting(context, [&](Transaction& transaction) -> Status {
     if (data == nullptr && size != 0) return LSCOREDB_NULL_ARGUMENT;
-    if (size > std::numeric_limits<uint32_t>::max()) return LSCOREDB_TOO_LARGE;
+    if (size > kMaxLength) return LSCOREDB_TOO_LARGE;
     return transaction.Write(ObjectId{oid}, LayoutOf(addr), column, TypeBit(LORV_TYPE_BINARY),
                              value);
   });
@@ -104,7 +109,9 @@ uint32_t lorv_context_put_setspec(uint64_t context, uint64_t oid, uint64_t,
                                   char16_t const* setspec) {
   return WithWriting(context, [&](Transaction& transaction) -> Status {
     if (setspec == nullptr) return LSCOREDB_NULL_ARGUMENT;
-    return transaction.WriteSetspec(ObjectId{oid}, setspec);
+    std::u16string_view const text(setspec);
+    if (text.size() > kMaxLength) return LSCOREDB_TOO_LARGE;
+    return transaction.WriteSetspec(ObjectId{oid}, text);
   });
 }
 
