@@ -39,7 +39,7 @@ TableDoc ToTableDoc(Transaction& transaction, Table const& table, bool identitie
 }
 
 void AddSubtree(Transaction& transaction, Table const& table, SchemaDoc& schema) {
-  // A table of a user may derive from one of the catalogue, so the walk goes through those as well.
+  // A table of a user may derive from one of the catalogue, so the scan goes through those as well.
   for (TablePtr const& child : transaction.Children(table, true)) {
     if (!child->system) {
       schema.tables.push_back(ToTableDoc(transaction, *child, schema.database != 0));

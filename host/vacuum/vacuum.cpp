@@ -146,7 +146,7 @@ class Worker {
   }
 
   // The objects that the request still concerns, so many at a time as fit into memory with ease. A
-  // batch then takes them by id: a walk of its own would pass over all that are done again and
+  // batch then takes them by id: a scan of its own would pass over all that are done again and
   // again.
   std::vector<ObjectId> Collect(VacuumRequest const& request) {
     Transaction transaction(context_, Access::kReadOnly);

@@ -32,7 +32,7 @@ void DropIndexedColumns(Index const& index) {
 }
 
 // The kernel's index goes last. A row without a handle never had one, and then nothing has changed
-// for anybody who walks indexes.
+// for anybody who scans indexes.
 void DropIndex(Index&& index) {
   DropIndexedColumns(index);
   unsigned long const handle = GetULong(index, Index::kIndexHandle);

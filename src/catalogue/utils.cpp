@@ -188,7 +188,7 @@ Index ExistingIndex(char16_t const* name) {
   return index;
 }
 
-// Neighbours pass over each other's ordinals while the walk is open; at its end they are unique
+// Neighbours pass over each other's ordinals while the scan is open; at its end they are unique
 // again.
 void ShiftColumns(RawView const& table, int first, int delta) {
   EnumColumns(table, first, -1, [delta](RawColumn const& column) {

@@ -181,7 +181,7 @@ ChildBatch LoadChildren(RawView const& parent) {
   return batch;
 }
 
-// No walk over children stays open while they go, and their number takes no memory: those that went
+// No scan over children stays open while they go, and their number takes no memory: those that went
 // are gone from the index, and the next batch holds the rest.
 void DropRvAndRcMetaCascade(RawView const& table) {
   bool full = true;

@@ -246,7 +246,7 @@ void RequireFit(Table const& table, Column const& column) {
   }
 }
 
-// ---- walking a mapping
+// ---- visiting a mapping
 // ----------------------------------------------------------------------------
 
 template <typename Part>

@@ -3,7 +3,7 @@
 
 // Ranges of objects for range-for: a table, a subtree, a part of an index.
 //
-// A range is walked once, by one loop. Its objects come in index order; both bounds are included.
+// A range is scanned once, by one loop. Its objects come in index order; both bounds are included.
 // Objects of dropped tables, which stay until vacuum takes them away, are left out.
 
 #include <cstddef>

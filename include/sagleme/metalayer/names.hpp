@@ -14,7 +14,7 @@
 //   UniqueIdentifierReversed   Customer.Model.App.Raw.Lorvenstack
 //
 // The reversed form begins with the most specific segment, so that a search by the last segments of
-// a name is a range walk over one index: at most two exact probes and three candidates, however
+// a name is a range scan of one index: at most two exact probes and three candidates, however
 // many tables there are.
 //
 // Everything here only reads, but for PopulateRawView, and works in the thread's context and

@@ -3,7 +3,7 @@
 
 // Part of the binary interface for makers of bindings; see <sagleme/metalayer.hpp>.
 //
-// Rows and index walks, typed thinly over the kernel: references, row handles, iterators that own
+// Rows and index scans, typed thinly over the kernel: references, row handles, iterators that own
 // what they open. Everything here works in the thread's context and is valid inside one frame.
 
 #include <cstddef>

@@ -107,7 +107,7 @@ inline constexpr std::size_t kLayouts = 65536;
 SAGLEME_API LayoutEntry& EntryOfLayout(unsigned short layout);
 // A number from kLayouts on ends the process.
 SAGLEME_API LS_OBJ_REF& RawViewSlot(unsigned long type_id);
-// The RawView row of MotherOfAllLayouts, where walks up the tree end.
+// The RawView row of MotherOfAllLayouts, where searches up the tree end.
 SAGLEME_API LS_OBJ_REF& MomRawView();
 // The same for the first database opened, and when it is closed for the next one that is opened.
 SAGLEME_API extern LayoutEntry g_layouts[kLayouts];

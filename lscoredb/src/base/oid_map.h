@@ -2,7 +2,7 @@
 #define LSCOREDB_SRC_OID_MAP_H
 
 // A hash table from numbers that are never 0 to small values. It keeps its memory when cleared,
-// unless it grew large or was little used: who walks it pays for all of its room. One thread at a
+// unless it grew large or was little used: who scans it pays for all of its room. One thread at a
 // time; pointers to values last until the next insertion.
 
 #include <cstdint>

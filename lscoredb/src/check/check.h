@@ -5,7 +5,7 @@
 // Works on a snapshot whose pages are known to be sound. lscoredb/host.h lists the rules with the
 // kinds of findings.
 //
-// Objects are scanned once, in several threads that each have a snapshot of the same state, and each
+// Objects are scanned once, in several threads with snapshots of the same state, and each
 // entry that an object should have is looked up and counted for its index. An index that holds just
 // as many entries holds no others, and none of them needs its object again; only where the numbers
 // differ is each entry of the index compared with what its object gives. So nothing is remembered

@@ -95,7 +95,7 @@ void DeleteEntries(Batch& batch, IndexDefinition const& index) {
   }
 }
 
-// ---- walking -----------------------------------------------------------------------------------
+// ---- scanning -----------------------------------------------------------------------------------
 
 void EntryCursor::Open(View const& view, IndexDefinition const& index) {
   cursor_.Open(view, Tree::kIndex);
@@ -143,7 +143,7 @@ void EntryCursor::Arrive(bool on_entry, bool forward) {
   if (!entry_.key.tail.empty()) GatherGroup(forward);
 }
 
-// Leaves the cursor on the entry behind the group, in the direction of the walk.
+// Leaves the cursor on the entry behind the group, in the direction of the scan.
 void EntryCursor::GatherGroup(bool forward) {
   std::string const shared(
       cursor_.key().substr(0, index_->entry_prefix.size() + format::kKeyPrefix));

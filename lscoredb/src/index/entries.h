@@ -1,7 +1,7 @@
 #ifndef LSCOREDB_SRC_ENTRIES_H
 #define LSCOREDB_SRC_ENTRIES_H
 
-// The committed entries of an index: how an encoded key becomes a key of the store, and walks over
+// The committed entries of an index: how an encoded key becomes a key of the store, and scans over
 // them in the order of the whole encoding, however long it is.
 //
 // A cursor belongs to one thread at a time and reads one view. The bytes of its entry stay valid
@@ -44,7 +44,7 @@ struct EntryRecord {
 };
 EntryRecord RecordOf(IndexDefinition const& index, std::string_view encoded, ObjectId object,
                      LayoutNumber layout);
-// Of what an entry's record holds. Throws LSCOREDB_DAMAGED. Written in place, since a walk does
+// Of what an entry's record holds. Throws LSCOREDB_DAMAGED. Written in place, since a scan does
 // this at each step.
 void ParseEntry(IndexDefinition const& index, std::string_view key, std::string_view value,
                 Entry* entry);
@@ -67,7 +67,7 @@ void DeleteEntries(Batch& batch, IndexDefinition const& index);
 
 class EntryCursor {
  public:
-  // Over the committed entries of `index`, which must outlive the walk.
+  // Over the committed entries of `index`, which must outlive the scan.
   void Open(View const& view, IndexDefinition const& index);
   void Close() { cursor_.Close(); }
 

@@ -49,7 +49,7 @@ PendingIndex& IndexMaintainer::Pending(IndexDefinition const& index) {
   return pending != nullptr ? *pending : state_.changes.AddIndex(index, true);
 }
 
-// While a walk is open a duplicate may be one that passes; commit looks again.
+// While a scan is open a duplicate may be one that passes; commit looks again.
 Status IndexMaintainer::CheckUnique(PendingRow const& row) {
   if (scans_.any()) return LORV_STATUS_OK;
   for (std::size_t i = 0; i < affected_count_; ++i) {

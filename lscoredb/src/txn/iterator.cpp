@@ -93,7 +93,7 @@ void Iterator::StepPending() {
   }
 }
 
-// Entries that were written after the walk began are as the snapshot has them.
+// Entries that were written after the scan began are as the snapshot has them.
 void Iterator::SkipUntouched() {
   while (!at_end_ && at_->second.At(source_.seen) == EntryState::kUntouched) StepPending();
 }

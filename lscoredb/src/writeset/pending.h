@@ -212,7 +212,7 @@ class PendingChanges {
   // From here on changes are recorded, until EndRecording.
   Mark SetMark();
   // Takes back what was written since. Calls `forget` with the identities of rows that are not to
-  // be known any more by where they were. REQUIRES: no walk stands on an entry that was added
+  // be known any more by where they were. REQUIRES: no scan stands on an entry that was added
   // since.
   template <typename Forget>
   void RollbackTo(Mark const& mark, Forget&& forget) {

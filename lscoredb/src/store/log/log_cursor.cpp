@@ -35,7 +35,7 @@ void LogCursor::AddSource(Overlay const& overlay) {
 
 // ---- the sources -------------------------------------------------------------------------------
 
-// On the node, or the next one in the direction of the walk that has a version in this state.
+// On the node, or the next one in the direction of the scan that has a version in this state.
 void LogCursor::Stand(Source& source, OverlayNode const* node) const {
   for (; node != nullptr; node = forward_ ? node->Next() : source.overlay->Below(node->key())) {
     source.version = node->VersionAt(view_->state());
@@ -189,7 +189,7 @@ bool LogCursor::EnterImagePage(KeyValue const& entry, EntryPage* page) {
   return false;
 }
 
-// Walks on and copies what it meets. Afterwards the cursor stands where the page ends.
+// Scans on and copies what it meets. Afterwards the cursor stands where the page ends.
 bool LogCursor::MakePage(KeyValue const& entry, EntryPage* page) {
   bool const wanted = renewable_ && steps_ >= kStepsBeforePage && view_->has_room_for_pages();
   PageBuilder builder(forward_);

@@ -1,9 +1,9 @@
 #ifndef LSCOREDB_SRC_LOG_CURSOR_H
 #define LSCOREDB_SRC_LOG_CURSOR_H
 
-// Walks a tree of a store with a log: the entries of the image and of the overlays over it, merged.
+// Scans a tree of a store with a log: the entries of the image and of the overlays over it, merged.
 //
-// Each source stands on its first entry behind the last one given, in the direction of the walk, or
+// Each source stands on its first entry behind the last one given, in the direction of the scan, or
 // on the last one given where it has that. The nearest of them is given next. Of several with the
 // same key the topmost counts; when that says that the key is deleted, none is given.
 
@@ -30,11 +30,11 @@ class LogCursor final : public TreeCursor {
   bool Next(KeyValue* entry) override { return Step(entry, true); }
   bool Previous(KeyValue* entry) override { return Step(entry, false); }
   // The image's pages, as they are, where no overlay has anything between their entries. Elsewhere
-  // a walk that goes on gets pages that are made for it.
+  // a scan that goes on gets pages that are made for it.
   bool EnterPage(KeyValue const& entry, EntryPage* page) override;
 
  private:
-  // An overlay and where in it the walk is. `version` is that of the node; no node: at the end.
+  // An overlay and where in it the scan is. `version` is that of the node; no node: at the end.
   struct Source {
     Overlay const* overlay = nullptr;
     OverlayNode const* node = nullptr;

@@ -27,7 +27,7 @@ class LayeredView {
   void OpenCursor(Tree tree, std::unique_ptr<TreeCursor>& cursor, bool frozen) const;
 
   bool has_room_for_pages() const { return pages_.size() < kMostPages; }
-  // Keeps a page that was made for a walk, and enters it. Returns whether it is of use.
+  // Keeps a page that was made for a scan, and enters it. Returns whether it is of use.
   bool KeepPage(BuiltPage made, EntryPage* page) const;
 
   LogLayers const& layers() const { return *layers_; }

@@ -5,7 +5,7 @@
 // trees, for readers of any state since the generation began.
 //
 // A node is a key. It hangs in a hash table, for look-ups, and in the skip list of its tree, for
-// walks. Its versions are a chain, the newest first:
+// scans. Its versions are a chain, the newest first:
 //
 //   hash table -> node "k" -> commit 9: "v3" -> commit 7: deleted -> null
 //                   |
