@@ -45,22 +45,22 @@ struct Finding {
   std::string what;          // an English sentence
 };
 
-// An exception from it ends the check and passes through.
+// An exception ends the check and is passed on.
 using FindingReport = std::function<void(Finding const&)>;
 
 struct CheckOptions {
   bool references = true;  // look for references that lead nowhere
-  // Is told how far the check is. What it throws ends the check and comes out of it.
+  // Receives the progress of the check. An exception ends the check and is passed on.
   std::function<void(std::uint64_t done, std::uint64_t total)> progress;
 };
 
-// Checks the newest committed state of the database in `directory`, also when the process has it
-// open. Reads nothing before the pages of the file are known to hold together. Error when there is
-// none, and when the kernel cannot open it at all.
+// Checks the newest committed state of the database in `directory`, even if the process has it
+// open. Reads nothing before the pages of the file are known to be consistent. Throws Error if
+// there is no database or the kernel cannot open it.
 SAGLEME_HOST_API void CheckDatabase(std::string const& directory, CheckOptions const& options,
                                     FindingReport const& report);
 
-// The catalogue's part alone, as a transaction sees it.
+// Checks only the catalogue, as a transaction sees it.
 SAGLEME_HOST_API void CheckCatalogue(Transaction& transaction, CheckOptions const& options,
                                      FindingReport const& report);
 

@@ -1,7 +1,7 @@
 #ifndef SAGLEME_COUNTS_HPP
 #define SAGLEME_COUNTS_HPP
 
-// Objects counted by table.
+// Counts of objects by table.
 
 #include <sagleme/export.h>
 
@@ -15,14 +15,14 @@ namespace sagleme {
 
 class SAGLEME_HOST_API ObjectCounts {
  public:
-  // Reads the kernel's counters by layout; only where objects lie under superseded layouts are they
-  // looked at one by one.
+  // Reads the kernel's counters of each layout. Reads objects one by one only under superseded
+  // layouts.
   explicit ObjectCounts(Transaction& transaction);
 
   std::uint64_t Own(Table const& table) const;
-  // Of the table and of its descendants.
+  // Of the table and its descendants.
   std::uint64_t Subtree(Table const& table) const;
-  // Everything, catalogue included.
+  // All objects, including the catalogue.
   std::uint64_t total() const { return total_; }
 
  private:
@@ -33,7 +33,7 @@ class SAGLEME_HOST_API ObjectCounts {
 // The layouts of the kernel with their objects, in ascending order of number.
 SAGLEME_HOST_API std::vector<lscoredb_layout_statistics> LayoutStatistics(Transaction& transaction);
 
-// The columns that users see: those that are not the system's, in order. They are the table's.
+// The columns that users see, which excludes the system's, in order. Pointers into the table.
 SAGLEME_HOST_API std::vector<Column const*> UserColumns(Table const& table);
 
 }  // namespace sagleme

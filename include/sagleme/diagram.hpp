@@ -10,11 +10,12 @@ namespace sagleme {
 
 // For Graphviz.
 SAGLEME_HOST_API std::string DotDiagram(SchemaDoc const& schema);
-// A class diagram for Mermaid, whose names have no dots: dots become underscores, with a label.
+// A class diagram for Mermaid, which allows no dots in names: they become underscores, with a
+// label.
 SAGLEME_HOST_API std::string MermaidDiagram(SchemaDoc const& schema);
-// What Graphviz makes of the first. Failure of kRefused when Graphviz is not installed.
+// The first form rendered by Graphviz. Throws Failure of kRefused if Graphviz is not installed.
 SAGLEME_HOST_API std::string SvgDiagram(SchemaDoc const& schema);
-// One page that needs nothing else: a tree with a search, and the columns of the table chosen.
+// A self-contained page: a tree with a search, and the columns of the selected table.
 SAGLEME_HOST_API std::string HtmlDiagram(SchemaDoc const& schema);
 
 }  // namespace sagleme

@@ -1,7 +1,7 @@
 #ifndef SAGLEME_FAILURE_HPP
 #define SAGLEME_FAILURE_HPP
 
-// Failures of the host library that no status of the layer or of the kernel tells.
+// Failures of the host library that have no status of the layer or kernel.
 
 #include <sagleme/export.h>
 
@@ -20,7 +20,7 @@ class SAGLEME_EXCEPTION Failure : public std::runtime_error {
     kRefused,     // the request conflicts with what is there
   };
 
-  // `advice` says what to do, and may be empty.
+  // `advice` says what to do; it may be empty.
   Failure(Kind kind, std::string const& what, std::string advice = {})
       : std::runtime_error(what), kind_(kind), advice_(std::move(advice)) {}
 

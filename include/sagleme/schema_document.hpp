@@ -58,7 +58,7 @@ struct SAGLEME_HOST_API TableDoc {
   std::vector<IndexDoc> indexes;
   bool is_new = false;  // as above
 
-  // Null when there is none. Declared columns only.
+  // Null if there is none. Declared columns only.
   ColumnDoc const* FindColumn(std::string const& column) const;
 };
 
@@ -71,14 +71,14 @@ struct SAGLEME_HOST_API SchemaDoc {
   TableDoc const* Find(std::string const& table) const;
 };
 
-// The schema of a database; identities only on request, and only where the database has one itself,
-// which one of an earlier version lacks until something is committed to it.
+// The schema of a database. Identities only on request, and only if the database has one itself: a
+// database of an earlier version gets it with its next commit.
 SAGLEME_HOST_API SchemaDoc ReadSchema(Transaction& transaction, bool identities);
 
 SAGLEME_HOST_API std::string SchemaJson(SchemaDoc const& schema);
 
-// Reads a document. `source` names it in messages. Failure of kBadInput, which says where in the
-// document something is wrong. ValidateSchema tells whether a database can be so.
+// Reads a document. `source` names it in messages. Throws Failure of kBadInput, which says where in
+// the document the error is. ValidateSchema checks whether a database can have this schema.
 SAGLEME_HOST_API SchemaDoc ParseSchema(std::string const& json, std::string const& source);
 
 // Refuses, with Failure of kBadInput, a schema that no database can have:
@@ -91,10 +91,10 @@ SAGLEME_HOST_API SchemaDoc ParseSchema(std::string const& json, std::string cons
 //   5. an index without columns, or with one that its table does not have
 SAGLEME_HOST_API void ValidateSchema(SchemaDoc const& schema, std::string const& source);
 
-// A part together with what the database has outside of it; a whole is left alone.
+// Completes a partial document with the rest of the database; a complete one is unchanged.
 SAGLEME_HOST_API SchemaDoc CompletedSchema(SchemaDoc const& wanted, SchemaDoc const& present);
 
-// The number by which the documents of a database recognise it; 0 for none yet. Copies of a
+// The number by which a database recognises its documents; 0 if it has none yet. Copies of a
 // database share it; see lscoredb_identity.
 SAGLEME_HOST_API std::int64_t DatabaseIdentity(Transaction& transaction);
 

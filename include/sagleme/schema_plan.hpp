@@ -76,8 +76,8 @@ SAGLEME_HOST_API std::string_view LabelName(Label label);
 // One sentence.
 SAGLEME_HOST_API std::string DescribeChange(Change const& change);
 
-// A table or column that is gone, and one that has come in its place and may be the same by a new
-// name, or not: nothing in the document says which, and one of the two readings loses values.
+// A table or column that is gone and a new one that may be the same under a new name: nothing in
+// the document says which, and one of the two readings loses values.
 struct Doubt {
   std::string table;  // of columns, by its new name; empty: tables themselves
   std::string gone;
@@ -85,22 +85,22 @@ struct Doubt {
 };
 enum class Reading { kRenamed, kNew };
 
-// What is to be settled before two schemas can be compared; empty: nothing. Settled tables may
-// raise doubts about their columns, so ask again until none is left.
+// The doubts to settle before two schemas can be compared; empty if there are none. Settled tables
+// may raise doubts about their columns, so repeat until there are none.
 SAGLEME_HOST_API std::vector<Doubt> FindDoubts(SchemaDoc const& from, SchemaDoc const& to);
-// Writes the reading into the document. REQUIRES: the doubt was found in it.
+// Records the decision in the document. REQUIRES: the doubt was found in it.
 SAGLEME_HOST_API void Settle(SchemaDoc& to, Doubt const& doubt, Reading reading);
-// Failure of kRefused that tells both readings, and how a document says which, unless there is no
-// doubt. `source` names the document and may be empty.
+// Throws Failure of kRefused if there are doubts. The text gives both readings and says how a
+// document decides. `source` names the document and may be empty.
 SAGLEME_HOST_API void RefuseDoubts(std::vector<Doubt> const& doubts, std::string const& source);
 
-// What leads from `from`, the schema of a database with identities, to `to`. Tables and columns are
-// recognised by their identity, when `to` was written from the same database, by "was", or by their
-// name; never by likeness, which is refused as RefuseDoubts does. The order of columns does not
-// matter. Failure of kBadInput when two entries of `to` claim the same table or column.
+// The changes from `from`, the schema of a database with identities, to `to`. Tables and columns
+// are recognised by identity if `to` was written from the same database, by "was", or by name;
+// never by similarity, which is refused as by RefuseDoubts. The order of columns does not matter.
+// Throws Failure of kBadInput if two entries of `to` claim the same table or column.
 SAGLEME_HOST_API Plan CompareSchemas(SchemaDoc const& from, SchemaDoc const& to);
 
-// Makes the changes. Error when one is refused; the transaction is then to be rolled back.
+// Applies the changes. Throws Error if one is refused; roll the transaction back then.
 SAGLEME_HOST_API void ApplyPlan(Transaction& transaction, Plan const& plan);
 
 }  // namespace sagleme

@@ -24,7 +24,7 @@
 
 namespace sagleme {
 
-// A text that is no value of the type wanted; what() says why, without the place.
+// The text is not a value of the wanted type; what() says why, without the location.
 class SAGLEME_EXCEPTION BadValue : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
@@ -34,7 +34,7 @@ class SAGLEME_EXCEPTION BadValue : public std::runtime_error {
 SAGLEME_HOST_API std::string ValueText(Value const& value);
 SAGLEME_HOST_API std::string ValueJson(Value const& value);
 
-// Throws BadValue. Does not know null: what stands for it is the caller's matter.
+// Throws BadValue. Null has no text here; the caller decides how to write it.
 SAGLEME_HOST_API Value ParseValue(Type type, std::string_view text);
 
 SAGLEME_HOST_API std::string DecimalText(Decimal value);
@@ -42,8 +42,7 @@ SAGLEME_HOST_API std::string Base64(Bytes const& bytes);
 // Throws BadValue.
 SAGLEME_HOST_API Bytes ParseBase64(std::string_view text);
 
-// With control characters made visible, so that stored text cannot steer a terminal or break a
-// line.
+// Makes control characters visible, so that stored text cannot control a terminal or break a line.
 SAGLEME_HOST_API std::string Visible(std::string_view text);
 // A JSON string with its quotes. `text` is UTF-8 that may hold lone surrogates, which become
 // escapes.

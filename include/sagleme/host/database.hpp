@@ -1,10 +1,10 @@
 #ifndef SAGLEME_HOST_DATABASE_HPP
 #define SAGLEME_HOST_DATABASE_HPP
 
-// Owners of a database, of contexts in it, and of the kernel's transactions.
+// Owners of a database, its contexts, and kernel transactions.
 //
-// A process uses any number of databases, one after another and at the same time. Close order
-// follows scope: a Context ends before its Database. Any thread may use any Context, one at a time.
+// A process may use any number of databases, one after another or at the same time. A Context must
+// be destroyed before its Database. Any thread may use a Context, one at a time.
 
 #include <filesystem>
 #include <functional>
@@ -31,18 +31,18 @@ class Context;
 
 class Database {
  public:
-  // Makes a new database in `directory`, which may exist when it is empty, or hold the beginnings
-  // of a creation that was cut off. LSCOREDB_CANNOT_OPEN when it holds a database.
+  // Creates a database in `directory`, which must be empty, missing, or hold an unfinished
+  // creation. LSCOREDB_CANNOT_OPEN if it holds a database.
   static Database Create(std::string const& directory, Progress const& progress = {},
                          Options const& options = {});
   // Opens an existing one; nothing is created when there is none, which is LSCOREDB_NOT_A_DATABASE.
   // What the system refuses is told by its file: "Cannot open d/layouts.lock: Permission denied".
   static Database Open(std::string const& directory, Options const& options = {});
-  // Opens what `directory` holds, and creates a database where it holds none or the beginnings of
-  // one. Several processes may do so at the same time.
+  // Opens the database in `directory`, or creates one if there is none or its creation was not
+  // finished. Several processes may do so at the same time.
   static Database OpenOrCreate(std::string const& directory, Progress const& progress = {},
                                Options const& options = {});
-  // A new one in memory, gone with the object.
+  // Creates a database in memory, which is gone with the object.
   static Database InMemory(Progress const& progress = {}, Options const& options = {});
 
   Database(Database&& other) noexcept : handle_(std::exchange(other.handle_, nullptr)) {}
@@ -53,7 +53,7 @@ class Database {
   }
 
   lscoredb* handle() const { return handle_; }
-  // The handle, which is the caller's to close from now on.
+  // Returns the handle, which the caller must now close.
   lscoredb* Release() { return std::exchange(handle_, nullptr); }
 
   // Sizes, commits and open transactions, over all processes.
@@ -100,8 +100,7 @@ enum class Access : std::uint32_t {
   kReadOnly = LSCOREDB_READ_ONLY_TRANSACTION,
 };
 
-// A kernel transaction without the view of the schema that Transaction adds. Rolls back unless
-// committed.
+// A kernel transaction without the schema view that Transaction adds. Rolls back unless committed.
 class RawTransaction {
  public:
   explicit RawTransaction(Context const& context, Access access = Access::kReadWrite)
@@ -116,7 +115,7 @@ class RawTransaction {
   RawTransaction(RawTransaction const&) = delete;
   RawTransaction& operator=(RawTransaction const&) = delete;
 
-  // Over afterwards, whether it was kept or refused.
+  // Ends the transaction, even if the commit is refused.
   void Commit() {
     open_ = false;
     detail::CheckKernel(lscoredb_commit(context_));
@@ -130,8 +129,8 @@ class RawTransaction {
   // The number of the database, which no other one of the process has or had.
   std::uint64_t database() const { return database_; }
 
-  // Commit fails with LSCOREDB_CONFLICT when another transaction changes or deletes the object
-  // meanwhile, as if this one had changed it too.
+  // Makes the commit fail with LSCOREDB_CONFLICT if another transaction changes or deletes the
+  // object meanwhile, as if this one had changed it too.
   void Require(std::uint64_t object_id) {
     detail::CheckKernel(lscoredb_require(context_, object_id));
   }
@@ -142,7 +141,7 @@ class RawTransaction {
   bool open_ = false;
 };
 
-// Bounds the memory of the texts and binaries read while it lives. Scopes nest.
+// Limits the memory of texts and binaries read while it lives. Scopes nest.
 class ReadScope {
  public:
   explicit ReadScope(std::uint64_t context) : context_(context) {
@@ -156,8 +155,7 @@ class ReadScope {
   std::uint64_t context_;
 };
 
-// ---- bodies
-// ----------------------------------------------------------------------------------------
+// ---- bodies -------------------------------------------------------------------------------------
 
 namespace detail {
 
@@ -177,7 +175,7 @@ inline void RequireDataFile(std::string const& directory) {
   throw Error(LSCOREDB_NOT_A_DATABASE, "There is no database in " + directory + ".");
 }
 
-// Owner of a continuation between two steps.
+// Owns a continuation between two steps.
 class Continuation {
  public:
   ~Continuation() { free_continuation_handle(handle_); }
@@ -185,7 +183,8 @@ class Continuation {
   Continuation(Continuation const&) = delete;
   Continuation& operator=(Continuation const&) = delete;
 
-  // One step in a transaction of its own, which is kept when the step succeeds. True: more to do.
+  // Runs one step in its own transaction, which is committed if the step succeeds. Returns whether
+  // there are more steps.
   bool Step(Context const& context) {
     RawTransaction transaction(context);
     continuation_context* next = nullptr;

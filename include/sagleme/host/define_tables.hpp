@@ -10,18 +10,17 @@
 
 namespace sagleme {
 
-// Creates the tables of the structs, or adds to them the columns and indexes that they lack, bases
-// first; tables that refer to one another come in one call, in any order. What is there already is
-// compared and left alone: nothing is dropped, renamed or changed, and nothing is written when
-// nothing is lacking. Throws SAGLEME_SCHEMA_MISMATCH for another base or a reference to another
-// table, LSCOREDB_WRONG_TYPE for a column that cannot hold a member, SAGLEME_TARGET_NOT_FOUND for a
-// reference to a table that there is not, SAGLEME_INDEX_EXISTS for another index of that name; then
-// nothing of the call is kept.
+// Creates the tables of the structs, or adds missing columns and indexes to them, bases first.
+// Tables that refer to each other must be in one call, in any order. Existing definitions are
+// compared and kept: nothing is dropped, renamed or changed, and nothing is written if nothing is
+// missing. On failure nothing of the call is kept. Throws SAGLEME_SCHEMA_MISMATCH for another base
+// or a reference to another table, LSCOREDB_WRONG_TYPE for a column that cannot hold a member,
+// SAGLEME_TARGET_NOT_FOUND for a reference to a missing table, SAGLEME_INDEX_EXISTS for another
+// index with the name.
 template <Mapped... Structs>
 void DefineTables(Transaction& transaction);
 
-// ---- bodies
-// ----------------------------------------------------------------------------------------
+// ---- bodies -------------------------------------------------------------------------------------
 
 namespace detail {
 

@@ -21,7 +21,7 @@ class SAGLEME_EXCEPTION Error : public std::runtime_error {
       : std::runtime_error(text), status_(status) {}
 
   std::uint32_t status() const { return status_; }
-  // The text as the library wrote it.
+  // The text that the library wrote.
   std::u16string text() const { return ToUtf16(what()); }
 
  private:
@@ -113,12 +113,13 @@ inline char const* StatusText(std::uint32_t status) {
   return text == nullptr ? lscoredb_status_text(status) : text;
 }
 
-// A non-zero status of the kernel, which has one sentence for each.
+// Throws for a non-zero status of the kernel.
 inline void CheckKernel(std::uint32_t status) {
   if (status != 0) throw Error(status, StatusText(status));
 }
 
-// A non-zero status of lscoredb_open: the file that the system refused, or else the directory.
+// Throws for a non-zero status of lscoredb_open, with the file that the system refused, or else the
+// directory.
 inline void CheckOpened(std::uint32_t status, std::string const& directory) {
   if (status == 0) return;
   std::string const refused = lscoredb_open_error();
@@ -126,8 +127,8 @@ inline void CheckOpened(std::uint32_t status, std::string const& directory) {
   throw Error(status, "Cannot open the database in " + directory + ": " + StatusText(status));
 }
 
-// A non-zero status of the metadata layer. Its text, where the layer wrote one, is taken out of the
-// buffer, so that a later failure without a text of its own does not show it again.
+// Throws for a non-zero status of the metadata layer. Moves the layer's text, if any, out of the
+// buffer, so that a later failure without a text does not show it again.
 [[noreturn]] inline void ThrowLayer(std::uint64_t context, std::uint32_t status) {
   char16_t const* const buffer = lorv_metalayer_errbuf(context);
   std::string text = buffer == nullptr ? "" : ToUtf8(buffer);
@@ -140,8 +141,8 @@ inline void CheckLayer(std::uint64_t context, std::uint32_t status) {
   if (status != 0) ThrowLayer(context, status);
 }
 
-// The thread's context for as long as the object lives. Every function here that calls the layer's
-// C++ stands in one, so hosts may mix contexts on one thread.
+// Sets the thread's context while the object lives. All functions here that call the layer's C++
+// use it, so hosts may mix contexts on one thread.
 class Enter {
  public:
   explicit Enter(std::uint64_t context) : saved_(*metalayer::TlsMetalayerContext::Current()) {
@@ -155,7 +156,7 @@ class Enter {
   unsigned long saved_;
 };
 
-// Runs code on the layer's C++ in a context, with its failures as Error.
+// Runs code that uses the layer's C++ in a context. Failures become Error.
 template <typename Work>
 auto Inside(std::uint64_t context, Work&& work) {
   Enter const enter(context);

@@ -246,8 +246,7 @@ void RequireFit(Table const& table, Column const& column) {
   }
 }
 
-// ---- visiting a mapping
-// ----------------------------------------------------------------------------
+// ---- visiting a mapping -------------------------------------------------------------------------
 
 template <typename Part>
 inline constexpr bool kIsMember = false;

@@ -1,11 +1,10 @@
 #ifndef SAGLEME_HOST_OBJECT_HPP
 #define SAGLEME_HOST_OBJECT_HPP
 
-// Objects, their properties, and ranges of them.
+// Objects and their properties.
 //
-// An Object is two words and the transaction it belongs to; it owns nothing and is valid until the
-// transaction ends. Ranges give what they held when they were opened, less what was deleted
-// meanwhile.
+// An Object is a reference and its transaction; it owns nothing and is valid until the transaction
+// ends.
 
 #include <iterator>
 #include <memory>
@@ -24,11 +23,11 @@ class Object {
   Object(Transaction& transaction, LS_OBJ_REF reference)
       : transaction_(&transaction), reference_(reference) {}
 
-  // Makes an object of exactly that table, its columns null or zero.
+  // Creates an object of exactly this table. Its columns are null or zero.
   static Object Create(Transaction& transaction, Table const& table);
-  // The same with an identity that was never in use.
+  // The same with an identity that was never used.
   static Object CreateWithId(Transaction& transaction, Table const& table, ObjectId id);
-  // Nothing when there is no such object.
+  // Returns nothing if there is no such object.
   static std::optional<Object> Find(Transaction& transaction, ObjectId id);
 
   ObjectId id() const { return {reference_.oid}; }
@@ -36,15 +35,15 @@ class Object {
   std::uint16_t layout() const { return metalayer::LayoutOf(reference_); }
   Transaction& transaction() const { return *transaction_; }
   std::u16string setspec() const;
-  // Null when the object's table was dropped.
+  // Returns null if the object's table was dropped.
   TablePtr table() const { return transaction_->BySetspec(setspec()); }
 
-  // A column of the object's table or of an ancestor of it; `table` says whose `column` is.
+  // A column of the object's table or of an ancestor; `table` declares or inherits `column`.
   Value Get(Table const& table, Column const& column) const {
     return detail::GetValue(At(table, column), column.type);
   }
   Value Get(TextView const& column) const;
-  // Null sets a column that cannot be null to zero. A reference has to lead to an object of the
+  // Null sets a column that is not nullable to zero. A reference must lead to an object of the
   // column's target, see <sagleme/host/reference.hpp>.
   void Set(Table const& table, Column const& column, Value const& value) {
     if (auto const* const target = std::get_if<ObjectId>(&value)) {
@@ -90,7 +89,7 @@ class Property {
     }
   }
 
-  // Nothing for null.
+  // Returns nothing for null.
   std::optional<T> Get(Object const& object) const {
     T value{};
     auto const status = detail::Get(At(object), value);
@@ -101,7 +100,7 @@ class Property {
   T GetOr(Object const& object, T fallback) const {
     return Get(object).value_or(std::move(fallback));
   }
-  // A reference has to lead to an object of the column's target.
+  // A reference must lead to an object of the column's target.
   void Set(Object const& object, T const& value) const {
     target_.Require(object.transaction(), value);
     detail::CheckKernel(detail::Put(At(object), value));
@@ -124,8 +123,7 @@ class Property {
   [[no_unique_address]] detail::TargetRule<T> target_;
 };
 
-// ---- bodies
-// ----------------------------------------------------------------------------------------
+// ---- bodies -------------------------------------------------------------------------------------
 
 inline Object Object::CreateWithId(Transaction& transaction, Table const& table, ObjectId id) {
   detail::RequireOwn(transaction, table);

@@ -1,10 +1,10 @@
 #ifndef SAGLEME_HOST_RANGE_HPP
 #define SAGLEME_HOST_RANGE_HPP
 
-// Ranges of objects for range-for: a table, a subtree, a part of an index.
+// Ranges of objects for range-for loops: a table, a subtree, part of an index.
 //
-// A range is scanned once, by one loop. Its objects come in index order; both bounds are included.
-// Objects of dropped tables, which stay until vacuum takes them away, are left out.
+// A range is scanned once, by one loop, in index order. Both bounds are inclusive. Objects of
+// dropped tables, which exist until vacuum removes them, are left out.
 
 #include <cstddef>
 #include <iterator>
@@ -20,12 +20,10 @@ enum class Direction : std::uint32_t {
   kReverse = LORV_ITERATOR_REVERSE,
 };
 
-// A key of an index, owned. It may hold fewer columns than the index, and then bounds all that
-// begin so.
+// An index key. If it has fewer columns than the index, it bounds all keys that begin with it.
 class IndexKey {
  public:
-  // Values for the first columns of the index, which have to fit them: LSCOREDB_WRONG_TYPE
-  // otherwise.
+  // Values for the first columns of the index. LSCOREDB_WRONG_TYPE if they do not fit.
   IndexKey(Index const& index, std::span<Value const> values, bool prefix = false);
 
   void const* data() const { return words_.data(); }
@@ -45,18 +43,19 @@ class Range {
   static Range Only(Transaction& transaction, Table const& table);
   // All objects of the table and of its descendants, ordered by table.
   static Range Subtree(Transaction& transaction, Table const& table);
-  // The same with the objects of dropped descendants.
+  // The same, including the objects of dropped descendants.
   static Range WithDropped(Transaction& transaction, Table const& table);
-  // What an index holds between two keys. With kReverse the bounds still come in index order.
+  // The objects of an index between two keys. With kReverse the bounds are still given in index
+  // order.
   static Range Between(Transaction& transaction, Index const& index, IndexKey first, IndexKey last,
                        Direction direction = Direction::kForward);
-  // What an index holds for the values given, which may be fewer than its columns; all of it for
-  // none.
+  // The objects of an index with the given values in its first columns; all of them if no values
+  // are given.
   static Range Matching(Transaction& transaction, Index const& index,
                         std::vector<Value> const& values,
                         Direction direction = Direction::kForward);
-  // The texts of the index's first column that begin so. REQUIRES: an ascending column of type
-  // string.
+  // The objects whose text in the index's first column begins with the prefix. REQUIRES: an
+  // ascending column of type string.
   static Range StartingWith(Transaction& transaction, Index const& index,
                             TextView const& beginning);
 
@@ -71,7 +70,7 @@ class Range {
     if (iterator_ != 0) lorv_iterator_free(iterator_);
   }
 
-  // Nothing at the end.
+  // Returns nothing at the end.
   std::optional<Object> Next();
 
   class iterator {
@@ -112,8 +111,7 @@ class Range {
   bool all_ = false;  // objects of dropped tables too
 };
 
-// ---- bodies
-// ----------------------------------------------------------------------------------------
+// ---- bodies -------------------------------------------------------------------------------------
 
 namespace detail {
 
@@ -143,7 +141,7 @@ inline std::uint64_t IndexBySetspec(std::uint64_t context) {
 
 }  // namespace detail
 
-// Writes into room that doubles until the key fits.
+// Doubles the buffer until the key fits.
 template <typename Write>
 IndexKey IndexKey::Written(Write&& write) {
   IndexKey made;

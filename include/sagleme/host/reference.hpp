@@ -1,10 +1,10 @@
 #ifndef SAGLEME_HOST_REFERENCE_HPP
 #define SAGLEME_HOST_REFERENCE_HPP
 
-// What a reference may lead to when it is written: an object that is there, of the column's target
-// or of a table derived from it. Nobody looks for references when an object is deleted, so one may
-// lead nowhere later; the check of <sagleme/check.hpp> finds it. Columns of the catalogue itself
-// are the layer's own business.
+// Which objects a reference may lead to when it is written: existing objects of the column's target
+// table or of its descendants. Deleting an object does not look for references to it, so a
+// reference may become dangling later; the check of <sagleme/check.hpp> finds it. The layer itself
+// maintains references in the catalogue.
 
 #include <sagleme/host/transaction.hpp>
 #include <string>
@@ -66,9 +66,9 @@ class TargetRule<ObjectId> {
 
 }  // namespace detail
 
-// Error with LORV_STATUS_NO_OBJECT, LORV_STATUS_UNREACHABLE or LSCOREDB_WRONG_TYPE unless a column
-// of `table` may refer to that object; no object, 0, it always may. Object and Property ask by
-// themselves.
+// Throws Error with LORV_STATUS_NO_OBJECT, LORV_STATUS_UNREACHABLE or LSCOREDB_WRONG_TYPE unless
+// the column of `table` may refer to the object; the null reference is always allowed. Object and
+// Property call this themselves.
 inline void RequireTarget(Transaction& transaction, Table const& table, Column const& column,
                           ObjectId value) {
   if (!table.system) detail::RequireTarget(transaction, table.name, column, value);

@@ -1,17 +1,16 @@
 #ifndef SAGLEME_HOST_SAVEPOINT_HPP
 #define SAGLEME_HOST_SAVEPOINT_HPP
 
-// A point in a transaction to which its writes can be taken back.
+// A point in a transaction to which it can be rolled back.
 //
 //   sagleme::Savepoint savepoint(transaction);
-//   sagleme::DropTable(transaction, u"App.Old", {.children = true});  // may throw half way
+//   sagleme::DropTable(transaction, u"App.Old", {.children = true});  // may throw halfway
 //   savepoint.Release();
 //
-// Whatever leaves the scope before Release takes back everything that was written since: objects,
-// index entries and schema changes. Savepoints nest; the inner one goes first. Objects and ranges
-// that were made since are not to be used after a rollback; ranges from before go on. Handles are
-// refreshed as after the rollback of a transaction. A savepoint ends with its transaction. Texts
-// and read scopes stay as they are.
+// Leaving the scope without Release undoes everything written since: objects, index entries and
+// schema changes. Savepoints nest, and inner ones end first. Do not use objects and ranges created
+// since after a rollback; earlier ranges continue. Handles are refreshed as after the rollback of a
+// transaction. A savepoint ends with its transaction. Texts and read scopes are unaffected.
 
 #include <sagleme/host/transaction.hpp>
 
@@ -36,13 +35,13 @@ class Savepoint {
   Savepoint(Savepoint const&) = delete;
   Savepoint& operator=(Savepoint const&) = delete;
 
-  // Takes back what was written since. The savepoint stays, for another attempt.
-  // LSCOREDB_UNKNOWN_SAVEPOINT when it was released, or an older one was rolled back to.
+  // Undoes what was written since. The savepoint stays for another attempt.
+  // LSCOREDB_UNKNOWN_SAVEPOINT if it was released or an earlier one was rolled back to.
   void Rollback() {
     detail::CheckKernel(lscoredb_rollback_to(transaction_->context(), number_));
     ForgetSchema();
   }
-  // Keeps what was written since, for the transaction to commit.
+  // Keeps what was written since; the transaction commits it.
   void Release() {
     detail::CheckKernel(lscoredb_release(transaction_->context(), number_));
     open_ = false;

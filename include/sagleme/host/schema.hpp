@@ -1,11 +1,11 @@
 #ifndef SAGLEME_HOST_SCHEMA_HPP
 #define SAGLEME_HOST_SCHEMA_HPP
 
-// Changes of the schema, in the transaction given and kept or undone with it.
+// Schema changes. They belong to the given transaction and are committed or rolled back with it.
 //
-// Names are full names. A failure half way leaves what was done so far to the transaction, which is
-// then to be rolled back. Objects are never touched: what moves or goes is asked for in the
-// catalogue and done later by <sagleme/vacuum.hpp>.
+// Names are full names. If a change fails halfway, roll the transaction back. Objects are never
+// touched: the catalogue records which objects must be moved or removed, and <sagleme/vacuum.hpp>
+// does it later.
 
 #include <initializer_list>
 #include <sagleme/host/transaction.hpp>
@@ -32,7 +32,7 @@ enum class Uniqueness : bool { kAny, kUnique };
 
 namespace detail {
 
-// The array forms of the C interface, valid as long as the object and the specs it was made of.
+// Arrays for the C interface, valid as long as this object and the specs it was made from.
 class ColumnArray {
  public:
   explicit ColumnArray(std::span<ColumnSpec const> specs) {
@@ -52,7 +52,7 @@ class ColumnArray {
   std::vector<LORV_COLUMN_DEFINITION_NAMES> entries_;
 };
 
-// Runs one change and forgets the schema as it was, also when the change failed half way.
+// Runs one change and forgets the previous schema, even if the change fails.
 template <typename Change>
 void ChangeSchema(Transaction& transaction, Change&& change) {
   auto const status = change(transaction.context());
@@ -60,7 +60,7 @@ void ChangeSchema(Transaction& transaction, Change&& change) {
   CheckLayer(transaction.context(), status);
 }
 
-// A set specifier grows with each table that derives from another, and has to fit into a key.
+// A set specifier grows with each level of derivation, and must fit into a key.
 inline bool IsTooDeepToDerive(Table const& base) {
   constexpr std::size_t kLongestOwnPart = 16;
   alignas(8) unsigned char area[db_util::db_iter_with_keys::kKeySize];
@@ -73,7 +73,7 @@ inline bool IsTooDeepToDerive(Table const& base) {
   }
 }
 
-// Gives the failure of a table that would be too deep a status and a text of its own.
+// Gives a table that is too deep its own status and text.
 inline void RequireDepth(Transaction& transaction, std::u16string const& name,
                          std::u16string const& base) {
   TablePtr table = transaction.Find(base);
@@ -88,9 +88,9 @@ inline void RequireDepth(Transaction& transaction, std::u16string const& name,
 
 }  // namespace detail
 
-// An empty base is the root of all tables. A table that exists with just this definition is left
-// alone. Targets of references may come later in the same transaction: FinishReferences ends that.
-// SAGLEME_TOO_DEEP: see the limits in docs/reliability.md.
+// An empty base is the root of all tables. A table that already exists with exactly this definition
+// is left unchanged. Targets of references may be created later in the same transaction, followed
+// by FinishReferences. SAGLEME_TOO_DEEP: see the limits in docs/reliability.md.
 inline TablePtr CreateTable(Transaction& transaction, Text const& name, Text const& base,
                             std::span<ColumnSpec const> columns) {
   detail::ColumnArray const array(columns);
@@ -113,8 +113,8 @@ inline TablePtr CreateTable(Transaction& transaction, Text const& name, Text con
   return CreateTable(transaction, name, base, std::span(columns.begin(), columns.size()));
 }
 
-// Gives reference columns whose targets came later their type; SAGLEME_TARGET_NOT_FOUND when one is
-// still missing.
+// Resolves reference columns whose targets were created later. SAGLEME_TARGET_NOT_FOUND if a target
+// is still missing.
 inline void FinishReferences(Transaction& transaction) {
   detail::ChangeSchema(transaction, lorv_update_reference_columns_types);
 }
@@ -155,7 +155,7 @@ struct DropOptions {
   bool force = false;     // references to the tables do not hold them
 };
 
-// Several tables that may refer to one another go together. `names` holds texts of any form.
+// Drops several tables, which may refer to each other. `names` is a container of texts.
 template <typename Names = std::initializer_list<Text>>
 void DropTables(Transaction& transaction, Names const& names, DropOptions options = {}) {
   std::vector<Text> const texts(std::begin(names), std::end(names));
@@ -186,8 +186,8 @@ inline bool IsDefinedSo(Index const& index, Text const& table,
 
 }  // namespace detail
 
-// An index that exists with just this definition is left alone; SAGLEME_INDEX_EXISTS for another
-// one of its name.
+// An index that already exists with exactly this definition is left unchanged. SAGLEME_INDEX_EXISTS
+// if another index has the name.
 inline void CreateIndex(Transaction& transaction, Text const& name, Text const& table,
                         std::span<IndexColumnSpec const> columns,
                         Uniqueness uniqueness = Uniqueness::kAny) {

@@ -1,10 +1,10 @@
 #ifndef SAGLEME_HOST_TABLE_HPP
 #define SAGLEME_HOST_TABLE_HPP
 
-// Tables, columns and indexes as a transaction sees them: plain values, read from the catalogue
-// once. They stay as they are when the schema changes; Transaction::Forget is for that. They are of
-// use in the database that they were read from, until it is closed: elsewhere what takes them fails
-// with LORV_STATUS_FOREIGN_DATABASE.
+// Tables, columns and indexes as a transaction sees them: plain values, read once from the
+// catalogue. Schema changes do not update them; call Transaction::Forget. Use them only in the
+// database that they were read from, while it is open; elsewhere they are refused with
+// LORV_STATUS_FOREIGN_DATABASE.
 
 #include <algorithm>
 #include <memory>
@@ -35,7 +35,7 @@ struct IndexedColumn {
   bool ascending = true;
 };
 
-// An index, declared by one table and covering it with all its descendants.
+// An index. It covers the table that declares it and all descendants.
 struct Index {
   std::u16string name;
   std::u16string table;  // full name of the table that declares it
@@ -63,7 +63,7 @@ struct Table {
     auto const dot = name.rfind(u'.');
     return std::u16string_view(name).substr(dot == std::u16string::npos ? 0 : dot + 1);
   }
-  // Null when there is none.
+  // Returns null if there is none.
   Column const* FindColumn(TextView const& column) const {
     auto const at = std::find_if(columns.begin(), columns.end(),
                                  [&](Column const& each) { return each.name == column.view(); });
@@ -103,7 +103,7 @@ void RequireOwn(RawTransaction const& transaction, Definition const& definition)
   ThrowForeign((std::is_same_v<Definition, Index> ? "Index " : "Table ") + ToUtf8(definition.name));
 }
 
-// A text column in full: unlike a terminated text it is right whatever it holds.
+// Reads a whole text column, including U+0000.
 inline std::u16string CatalogueText(LS_OBJ_REF const& row, unsigned column) {
   return metalayer::GetText(row, column);
 }
@@ -112,7 +112,7 @@ inline LS_OBJ_REF CatalogueRef(LS_OBJ_REF const& row, unsigned column) {
   return metalayer::db_record(row).get_ref(column);
 }
 
-// The tables that the library itself lives on stand under two name spaces and in one fixed list.
+// The catalogue's own tables: two name spaces and a fixed list.
 inline bool IsSystemTable(std::u16string_view full_name) {
   constexpr std::u16string_view kPublic = u"Lorvenstack.Metadata.";
   constexpr std::u16string_view kInternal = u"Lorvenstack.Internal.Metadata.";
@@ -132,7 +132,7 @@ inline Column LoadColumn(metalayer::RawColumn const& row) {
   column.ordinal =
       static_cast<std::uint16_t>(metalayer::GetLong(row, metalayer::RawColumn::kColumnIndex));
   LS_OBJ_REF const type = CatalogueRef(row, metalayer::RawColumn::kDataType);
-  // A reference whose target does not exist yet has no type, but the target's name.
+  // A reference whose target does not exist yet has no type; it holds the target's name.
   column.type =
       type.oid == 0 ? Type::kReference : static_cast<Type>(metalayer::PrimTypeByTypeRef(type));
   if (column.type != Type::kReference) return column;

@@ -122,7 +122,7 @@ struct MappedTable {
 
 }  // namespace detail
 
-// An object with what it held when it was read.
+// An object with its values as read.
 template <typename T>
 struct Entry {
   Object object;
@@ -184,35 +184,36 @@ class Entries {
 template <Mapped T>
 class TableOf {
  public:
-  // SAGLEME_TABLE_NOT_FOUND, SAGLEME_NO_SUCH_COLUMN, or LSCOREDB_WRONG_TYPE when the database has
-  // not what the mapping says.
+  // SAGLEME_TABLE_NOT_FOUND, SAGLEME_NO_SUCH_COLUMN or LSCOREDB_WRONG_TYPE if the database does not
+  // match the mapping.
   explicit TableOf(Transaction& transaction)
       : mapped_(std::make_shared<detail::MappedTable<T> const>(transaction)) {}
 
   Table const& table() const { return *mapped_->table; }
 
-  // Makes an object of the struct's table.
+  // Creates an object of the struct's table.
   Object Insert(T const& value) const;
   // REQUIRES: an object of the table or of one derived from it.
   T Read(Object const& object) const { return mapped_->Read(object); }
-  // Nothing when there is no such object of the table or of one derived from it.
+  // Returns nothing if the table and its descendants have no such object.
   std::optional<T> Find(ObjectId id) const;
   std::optional<T> Find(Ref<T> const& reference) const { return Find(reference.id); }
-  // Writes every member, or none when one is refused. REQUIRES: as Read.
+  // Writes all members, or none if one is refused. REQUIRES: as for Read.
   void Write(Object const& object, T const& value) const;
 
-  // The objects of the table and of those derived from it; with Only, of the table alone.
+  // The objects of the table and of its descendants; with Only, of the table alone.
   Entries<T> All() const { return Made(Range::Subtree(transaction(), table())); }
   Entries<T> Only() const { return Made(Range::Only(transaction(), table())); }
-  // What an index holds for the values of its first columns, in its order; all for none.
+  // The objects of an index with these values in its first columns, in its order; all if no values
+  // are given.
   Entries<T> Matching(TextView const& index, std::vector<Value> const& values = {},
                       Direction direction = Direction::kForward) const;
-  // What an index holds from the first key to the last, both included.
+  // The objects of an index from the first key to the last, both inclusive.
   Entries<T> Between(TextView const& index, std::vector<Value> const& first,
                      std::vector<Value> const& last,
                      Direction direction = Direction::kForward) const;
-  // The objects whose member has that value, by an index that begins with its column;
-  // SAGLEME_INDEX_NOT_FOUND when there is none.
+  // The objects whose member has this value, through an index that begins with its column;
+  // SAGLEME_INDEX_NOT_FOUND if there is none.
   template <typename Struct, typename M>
   Entries<T> Where(M Struct::*member, std::type_identity_t<M> const& value) const;
 
@@ -228,8 +229,7 @@ class TableOf {
   std::shared_ptr<detail::MappedTable<T> const> mapped_;
 };
 
-// ---- bodies
-// ----------------------------------------------------------------------------------------
+// ---- bodies -------------------------------------------------------------------------------------
 
 // The columns are written before the object enters the indexes: an entry would move with each.
 template <Mapped T>

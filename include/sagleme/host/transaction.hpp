@@ -1,10 +1,10 @@
 #ifndef SAGLEME_HOST_TRANSACTION_HPP
 #define SAGLEME_HOST_TRANSACTION_HPP
 
-// A transaction with its view of the schema.
+// A transaction and its view of the schema.
 //
-// Tables are read from the catalogue when they are first asked for and kept until the transaction
-// ends, or until Forget. The schema functions of <sagleme/host/schema.hpp> forget by themselves.
+// Tables are read from the catalogue on first use and kept until the transaction ends or Forget is
+// called. The functions of <sagleme/host/schema.hpp> call Forget themselves.
 
 #include <functional>
 #include <map>
@@ -48,33 +48,33 @@ class Transaction : public RawTransaction {
  public:
   using RawTransaction::RawTransaction;
 
-  // By the full name; null when there is none.
+  // By full name; null if there is none.
   TablePtr Find(TextView const& full_name);
-  // By the full name; Error with SAGLEME_TABLE_NOT_FOUND when there is none.
+  // By full name. Throws Error with SAGLEME_TABLE_NOT_FOUND if there is none.
   TablePtr table(TextView const& full_name);
-  // By a name that may lack leading segments. SAGLEME_TABLE_NOT_FOUND: no such table,
-  // SAGLEME_AMBIGUOUS_NAME: several.
+  // By a name whose leading segments may be omitted. SAGLEME_TABLE_NOT_FOUND, or
+  // SAGLEME_AMBIGUOUS_NAME if several tables match.
   TablePtr Resolve(TextView const& name);
-  // By the catalogue's row; null when there is none.
+  // By the catalogue's row; null if there is none.
   TablePtr ById(ObjectId id);
-  // The table of all objects with that set specifier; null when it was dropped.
+  // The table of all objects with this set specifier; null if it was dropped.
   TablePtr BySetspec(std::u16string_view setspec);
-  // The table that an object is of; null when it was dropped. It allocates nothing that stays.
+  // An object's table; null if it was dropped.
   TablePtr TableOf(LS_OBJ_REF const& object);
-  // Whether an object is of a table, given by its row, or of one derived from it.
+  // Whether an object belongs to a table, given by its row, or to one of its descendants.
   bool Holds(ObjectId table, LS_OBJ_REF const& object);
-  // All tables, by full name; the library's own ones on request.
+  // All tables, ordered by full name; the catalogue's own tables on request.
   std::vector<TablePtr> Tables(bool system = false);
-  // The tables derived directly from one, by full name.
+  // The direct descendants of a table, ordered by full name.
   std::vector<TablePtr> Children(Table const& table, bool system = false);
-  // An index by its name, unique in the database; nothing when there is none.
+  // An index by its name, which is unique in the database.
   std::optional<Index> FindIndex(TextView const& name);
 
   // The counter of schema changes, as this transaction sees it.
   std::uint64_t Generation();
 
   detail::LiveLayouts& live_layouts() { return live_layouts_; }
-  // Drops what is kept of the schema. To be called after changes of it.
+  // Discards what is kept of the schema. Call it after schema changes.
   void Forget() {
     by_id_.clear();
     by_setspec_.clear();
@@ -95,13 +95,12 @@ class Transaction : public RawTransaction {
   detail::LiveLayouts live_layouts_;
 };
 
-// The table that all others derive from, directly or not.
+// The root table, which all others derive from.
 inline TablePtr RootTable(Transaction& transaction) {
   return transaction.table(u"Lorvenstack.Internal.Metadata.MotherOfAllLayouts");
 }
 
-// ---- bodies
-// ----------------------------------------------------------------------------------------
+// ---- bodies -------------------------------------------------------------------------------------
 
 inline bool detail::IsOfLiveTable(std::uint64_t context, std::uint64_t oid) {
   return Inside(context, [&] {

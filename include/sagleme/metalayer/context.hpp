@@ -10,10 +10,9 @@
 
 namespace metalayer {
 
-// The kernel context that the thread's code works in: 0 in a thread that never entered a frame.
-// Every exported function that has a frame stores its context here for the time of the call and
-// puts the one it found back. A C++ host that calls functions of this namespace directly sets it
-// itself.
+// The kernel context in which the thread's code works; 0 in a thread that never entered a frame.
+// Every exported function with a frame sets it for the duration of the call and then restores the
+// previous one. A C++ host that calls functions of this namespace directly sets it itself.
 class SAGLEME_API TlsMetalayerContext {
  public:
   static unsigned long* Current();
@@ -22,7 +21,7 @@ class SAGLEME_API TlsMetalayerContext {
   static constinit thread_local unsigned long tls_metactx_;
 };
 
-// A catalogue that contradicts its own definition. Ends the process.
+// The catalogue contradicts its own definition. Ends the process.
 [[noreturn]] SAGLEME_API void FatalError();
 
 }  // namespace metalayer

@@ -3,9 +3,9 @@
 
 // Part of the binary interface for makers of bindings; see <sagleme/metalayer.hpp>.
 //
-// What stands behind the handles of object access. Handles are addresses of these records; two
-// caches of their database own them. lorv_crud_RefreshIssuedHandles frees those of what is gone,
-// and the last close of the database all of them.
+// The records behind the handles of object access. A handle is the address of such a record; two
+// caches of the database own them. lorv_crud_RefreshIssuedHandles frees records whose table or
+// column no longer exists, and the database's last close frees all.
 
 #include <sagleme/sagleme.h>
 
@@ -21,7 +21,7 @@ SAGLEME_API unsigned long GetTypeId(char16_t const* name);
 // (column row, view row)
 SAGLEME_API std::pair<LS_OBJ_REF, LS_OBJ_REF> GetPropertyViewAndColumn(
     char16_t const* class_name, char16_t const* property_name);
-// The type id of an object's table; 0 when the object or its table is gone.
+// The type id of an object's table; 0 if the object or its table no longer exists.
 SAGLEME_API unsigned long GetObjectTypeId(LS_OBJ_REF object);
 
 }  // namespace metalayer::crud

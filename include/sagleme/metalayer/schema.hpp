@@ -38,27 +38,27 @@ struct SAGLEME_API TokenMain {
   alignas(8) static unsigned char ukf_u64_min[16];
 };
 
-// The token of `name`, never 0. A name without one gets the next, and a row.
-// REQUIRES: TokenMain::Init.
+// The token of `name`, never 0. A name without one gets the next number and a row. REQUIRES:
+// TokenMain::Init.
 SAGLEME_API unsigned long assure_token(char16_t const* name);
-// Gives `name` just that number. Ends the process when either of the two is taken by another.
+// Gives `name` exactly this number. Ends the process if the name or the number is taken.
 SAGLEME_API void assure_predefined_token(unsigned long token, char16_t const* name);
 
 // ---- kernel ids by name or token ----------------------------------------------------------------
 //
 // By name the token is assured first, so that a name never seen before gets a row.
 
-// No layout was made with that token.
+// There is no layout with this token.
 inline constexpr unsigned int kNoTable = SAGLEME_LAYOUT_NOT_FOUND;
 
-// The number of the layout made with that token. Throws kNoTable for none.
+// The number of the layout with this token. Throws kNoTable if there is none.
 SAGLEME_API unsigned short LoadTableId(char16_t const* name);
 SAGLEME_API unsigned short LoadTableId(unsigned long token);
-// The kernel's id of the index made with that token. Throws SAGLEME_INDEX_NOT_FOUND for none.
+// The kernel's id of the index with this token. Throws SAGLEME_INDEX_NOT_FOUND if there is none.
 SAGLEME_API unsigned long LoadIndexId(char16_t const* name);
 SAGLEME_API unsigned long LoadIndexId(unsigned long token);
-// 0 with `*out` written, or SAGLEME_INDEX_NOT_FOUND for no such index; any other kernel failure is
-// thrown. Two indexes of one token end the process.
+// Returns 0 and writes `*out`, or returns SAGLEME_INDEX_NOT_FOUND; throws any other kernel failure.
+// Two indexes with one token end the process.
 SAGLEME_API unsigned int get_index_info_by_token(unsigned long token, LORVI_INDEX_INFO* out);
 
 // ---- set specifiers -----------------------------------------------------------------------------
@@ -77,14 +77,14 @@ struct SAGLEME_API Setspec {
                               std::u16string::const_reverse_iterator last);
 };
 
-// A new child specifier of `parent`, with its row. A null `type` makes the row refer to itself, the
-// mark of a specifier that no table owns yet. The parent's counter is raised, so a number is never
-// given out twice. A parent without a row ends the process.
+// Creates a child specifier of `parent` and its row. A null `type` makes the row refer to itself,
+// which marks a specifier that no table owns yet. Increments the parent's counter, so no number is
+// reused. A parent without a row ends the process.
 SAGLEME_API std::u16string NextSetspec(std::u16string const& parent, LS_OBJ_REF const& type);
 // The parent of a specifier: "a~b~" has "a~", "a~" has the empty text.
 SAGLEME_API std::u16string ParentSetspec(std::u16string const& setspec);
-// Opens `iterator` over all objects of the table with that specifier and of its subtree, and moves
-// to the first; an empty range leaves `current` null. A null `setspec` asks for the null key.
+// Opens `iterator` over all objects of the table with this specifier and of its descendants, and
+// moves to the first; `current` is null if there are none. A null `setspec` asks for the null key.
 SAGLEME_API void RangeGlobalSetspecIndex(char16_t const* setspec,
                                          db_util::db_iter_with_keys* iterator);
 // Bootstrap: gives the bases of every table whose specifier is known theirs.
@@ -98,11 +98,10 @@ struct LayoutEntry {
   LS_OBJ_REF raw_view;
 };
 
-// What was found out of a database's layouts, by layout number, and of its tables, by type id.
-// Threads fill and read the entries without a lock, through atomic words. Nothing clears an entry,
-// not a drop and not a roll back: a reader knows a dead row by the kernel's LORV_STATUS_NO_OBJECT
-// or LORV_STATUS_UNREACHABLE, and asks again. The functions answer for the database of the thread's
-// context.
+// Cached facts of a database's layouts, by layout number, and of its tables, by type id. Threads
+// fill and read the entries without a lock, through atomic words. No entry is ever cleared, not by
+// a drop and not by a rollback: a reader recognises a dead row by LORV_STATUS_NO_OBJECT or
+// LORV_STATUS_UNREACHABLE, and looks again. The functions use the database of the thread's context.
 inline constexpr std::size_t kLayouts = 65536;
 SAGLEME_API LayoutEntry& EntryOfLayout(unsigned short layout);
 // A number from kLayouts on ends the process.
@@ -120,13 +119,13 @@ inline unsigned short LayoutOf(LS_OBJ_REF const& reference) {
 
 // The layout number of MotherOfAllLayouts.
 SAGLEME_API unsigned short GetRootLayoutHandle();
-// The type id of the table that holds `object`, also under a layout that the table has left; fills
-// the layout's entry. 0 when object or table is gone, and the entry stays empty.
+// The type id of the table of `object`, also under a superseded layout; fills the layout's entry.
+// Returns 0 and leaves the entry empty if the object or the table no longer exists.
 SAGLEME_API unsigned long AssureCurrentLayoutId(LS_OBJ_REF object);
-// Bootstrap: makes sure of the row for this pair. A null `raw_view` reserves the number. Ends the
-// process when the number or the table belongs to another.
+// Bootstrap: ensures that the row for this pair exists. A null `raw_view` reserves the number. Ends
+// the process if the number or the table belongs to another.
 SAGLEME_API void AssureTypeId(unsigned long type_id, LS_OBJ_REF raw_view);
-// Gives the table the number above the highest. Type ids are never used again.
+// Gives the table the number above the highest. Type ids are never reused.
 SAGLEME_API unsigned long NextTypeId(LS_OBJ_REF raw_view);
 // The RawView row of a type id, read from the catalogue and cached; null for a number that is only
 // reserved. An unknown number ends the process.
@@ -144,21 +143,21 @@ SAGLEME_API LS_OBJ_REF& SchemaGeneration();
 // That of the first database opened.
 SAGLEME_API extern LS_OBJ_REF g_schema_generation;
 
-// Start-up on a database that stands: fills the classes, compares the version, finds the
-// generation. Once per database; does nothing when it has succeeded before. Threads may start one
-// database up at the same time. Returns 0. Throws SAGLEME_NOT_PREPARED for a database that is not
-// or not wholly prepared, and SAGLEME_VERSION_MISMATCH with a text for one of another version; can
-// then be repeated. Two generations end the process.
+// Starts up on an existing database: fills the classes, compares the version, finds the generation.
+// Once per database; does nothing after a success. Several threads may start up one database at the
+// same time. Returns 0. Throws SAGLEME_NOT_PREPARED if the catalogue is missing or incomplete, and
+// SAGLEME_VERSION_MISMATCH with a text if it has another version; may then be repeated. Two
+// generations end the process.
 SAGLEME_API unsigned int InitMetalayer();
 SAGLEME_API bool IsMetalayerInitialized();
-// Makes the next InitMetalayer run in full. What the classes know stays.
+// Makes the next InitMetalayer run completely. The classes keep their values.
 SAGLEME_API void SetMetalayerUninitialized();
 // Readies the classes of the tables that are there, without any check.
 // REQUIRES: a MetaschemaInit in force, TokenMain::Init.
 SAGLEME_API void PrepareGeneratedMetaClassesForReading();
 // Throws SAGLEME_VERSION_MISMATCH with its text unless the version is the library's.
 SAGLEME_API void ReportSchemaMismatchIf(unsigned long database_version);
-// Counts a change of the user schema. The count goes with the transaction.
+// Increments the schema generation, in the transaction.
 SAGLEME_API void AdvanceSchemaGeneration();
 SAGLEME_API void InitializeGenerationIfDoesntExist();
 
