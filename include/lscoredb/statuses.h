@@ -6,10 +6,10 @@
 /* Memory. */
 /* Out of memory. */
 #define LSCOREDB_NO_MEMORY 1003u
-/* Calls out of turn, and arguments that name nothing or do not fit. */
+/* Calls in the wrong state, and invalid arguments. */
 /* The context has no open transaction. */
 #define LSCOREDB_NO_TRANSACTION 9001u
-/* The context has an open transaction already. */
+/* The context already has an open transaction. */
 #define LSCOREDB_TRANSACTION_OPEN 9002u
 /* The transaction is read-only. */
 #define LSCOREDB_WRITE_REFUSED 9003u
@@ -21,48 +21,47 @@
 #define LSCOREDB_UNKNOWN_LAYOUT 9006u
 /* The layout has no such column. */
 #define LSCOREDB_UNKNOWN_COLUMN 9007u
-/* The column has another type, or cannot be written in this way. */
+/* The column has another type, or cannot be written like this. */
 #define LSCOREDB_WRONG_TYPE 9008u
-/* A pointer that is needed is null. */
+/* A required pointer is null. */
 #define LSCOREDB_NULL_ARGUMENT 9009u
-/* An argument is outside of what is allowed. */
+/* An argument is out of range. */
 #define LSCOREDB_INVALID_ARGUMENT 9010u
-/* The key is not one of this index. */
+/* The key does not fit the index. */
 #define LSCOREDB_MALFORMED_KEY 9011u
-/* The transaction has no such savepoint, or has it no more. */
+/* The transaction has no such savepoint, or it has ended. */
 #define LSCOREDB_UNKNOWN_SAVEPOINT 9012u
-/* The iterator was opened behind a savepoint that was rolled back to. */
+/* The iterator was opened after a savepoint that was rolled back. */
 #define LSCOREDB_ROLLED_BACK 9013u
-/* What a transaction wants cannot be; after CONFLICT the same work may succeed in a new one. */
-/* Another transaction changed the same data and was committed first. */
+/* Conflicts and limits; after CONFLICT the same work may succeed in a new transaction. */
+/* Another transaction changed the same data and committed first. Try again. */
 #define LSCOREDB_CONFLICT 9020u
-/* A unique index holds this key already. */
+/* A unique index already holds this key. */
 #define LSCOREDB_DUPLICATE_KEY 9021u
-/* The identity is in use or was given out before. */
+/* The identity is in use or was used before. */
 #define LSCOREDB_ID_IN_USE 9022u
-/* A value is larger than the database can hold. */
+/* A value is too large for the database. */
 #define LSCOREDB_TOO_LARGE 9023u
 /* All layout numbers are in use. */
 #define LSCOREDB_LAYOUTS_EXHAUSTED 9024u
-/* Objects stand under the layout. */
+/* The layout has objects. */
 #define LSCOREDB_LAYOUT_IN_USE 9025u
-/* The identity was used before, or is reserved for those that the database gives itself. */
+/* The identity was used before, or is reserved for the database. */
 #define LSCOREDB_ID_GIVEN_OUT 9026u
-/* The set takes no more objects: its table was dropped. */
+/* The table was dropped and takes no more objects. */
 #define LSCOREDB_SET_CLOSED 9027u
-/* The database as a whole, its file and its surroundings. */
+/* The database, its files and its environment. */
 /* The database still has open contexts. */
 #define LSCOREDB_IN_USE 9030u
 /* The files are not a database of this kernel. */
 #define LSCOREDB_NOT_A_DATABASE 9031u
-/* The database was written by a newer version of this kernel. Open it with that version or a later
- * one. */
+/* A newer version of the kernel wrote the database. Open it with that version or a later one. */
 #define LSCOREDB_NEWER_FORMAT 9032u
 /* The database is damaged. */
 #define LSCOREDB_DAMAGED 9033u
-/* The database cannot be opened or created there. */
+/* The database cannot be opened or created. */
 #define LSCOREDB_CANNOT_OPEN 9034u
-/* The database has reached its largest size. */
+/* The database has reached its maximum size. */
 #define LSCOREDB_MAP_FULL 9035u
 /* The disk is full. */
 #define LSCOREDB_DISK_FULL 9036u
@@ -70,18 +69,18 @@
 #define LSCOREDB_IO_ERROR 9037u
 /* Too many transactions are open at once. */
 #define LSCOREDB_TOO_MANY_READERS 9038u
-/* The database was opened by a process that this one was forked from. */
+/* The database was opened before a fork. Open it again in this process. */
 #define LSCOREDB_OF_PARENT 9039u
-/* The database is open for reading only. */
+/* The database was opened for reading only. */
 #define LSCOREDB_READ_ONLY_DATABASE 9040u
 /* A database on a server. */
 /* The server cannot be reached, or the connection to it was lost. Nothing was committed. */
 #define LSCOREDB_SERVER_LOST 9050u
-/* The connection was lost during the commit, and the server does not say whether it took place. */
+/* The connection was lost during the commit, and it is not known whether it succeeded. */
 #define LSCOREDB_COMMIT_UNKNOWN 9051u
-/* The server ended the transaction, which stood idle or ran for too long. */
+/* The server ended the transaction because it was idle or ran for too long. */
 #define LSCOREDB_SNAPSHOT_EXPIRED 9052u
-/* The library for databases on a server, liblscoredb-postgres, is not installed or is of another
+/* The library for databases on a server, liblscoredb-postgres, is not installed or has another
  * version. */
 #define LSCOREDB_NO_SERVER_LIBRARY 9053u
 

@@ -32,30 +32,30 @@
 #define SAGLEME_TYPE_IS_GONE 4280u
 /* The table has no such column. */
 #define SAGLEME_COLUMN_NOT_FOUND 4300u
-/* The table to be changed has no such column. */
+/* The table has no such column. */
 #define SAGLEME_NO_SUCH_COLUMN 7038u
 /* Several tables have a name that ends like this. */
 #define SAGLEME_AMBIGUOUS_NAME 7039u
-/* Tables, columns and indexes that cannot be made, changed or dropped. */
+/* Tables, columns and indexes that cannot be created, changed or dropped. */
 /* There is no such base table. */
 #define SAGLEME_BASE_NOT_FOUND 15001u
 /* The table that a reference column names does not exist. */
 #define SAGLEME_TARGET_NOT_FOUND 15002u
 /* There is no such table. */
 #define SAGLEME_TABLE_NOT_FOUND 15003u
-/* The index is not one of this table. */
+/* The index belongs to another table. */
 #define SAGLEME_INDEX_OF_ANOTHER_TABLE 15005u
-/* The table, or one that derives from it, has objects. */
+/* The table or a descendant has objects or indexes. */
 #define SAGLEME_TABLE_NOT_EMPTY 15006u
 /* There are more columns than a table or an index can have. */
 #define SAGLEME_TOO_MANY_RECORDS 15007u
 /* The table exists with other columns or another base than the call gives. */
 #define SAGLEME_SCHEMA_MISMATCH 15009u
-/* An index holds the column. */
+/* An index uses the column. */
 #define SAGLEME_COLUMN_INDEXED 15011u
 /* A reference column or a class refers to the table. */
 #define SAGLEME_TABLE_REFERENCED 15012u
-/* Tables derive from the table. */
+/* The table has descendants. */
 #define SAGLEME_TABLE_HAS_DESCENDANTS 15013u
 /* A property of a class maps the column. */
 #define SAGLEME_COLUMN_MAPPED 15014u

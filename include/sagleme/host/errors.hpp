@@ -64,7 +64,7 @@ inline char const* LayerStatusText(std::uint32_t status) {
     case SAGLEME_COLUMN_NOT_FOUND:
       return "The table has no such column.";
     case SAGLEME_NO_SUCH_COLUMN:
-      return "The table to be changed has no such column.";
+      return "The table has no such column.";
     case SAGLEME_AMBIGUOUS_NAME:
       return "Several tables have a name that ends like this.";
     case SAGLEME_BASE_NOT_FOUND:
@@ -74,19 +74,19 @@ inline char const* LayerStatusText(std::uint32_t status) {
     case SAGLEME_TABLE_NOT_FOUND:
       return "There is no such table.";
     case SAGLEME_INDEX_OF_ANOTHER_TABLE:
-      return "The index is not one of this table.";
+      return "The index belongs to another table.";
     case SAGLEME_TABLE_NOT_EMPTY:
-      return "The table, or one that derives from it, has objects.";
+      return "The table or a descendant has objects or indexes.";
     case SAGLEME_TOO_MANY_RECORDS:
       return "There are more columns than a table or an index can have.";
     case SAGLEME_SCHEMA_MISMATCH:
       return "The table exists with other columns or another base than the call gives.";
     case SAGLEME_COLUMN_INDEXED:
-      return "An index holds the column.";
+      return "An index uses the column.";
     case SAGLEME_TABLE_REFERENCED:
       return "A reference column or a class refers to the table.";
     case SAGLEME_TABLE_HAS_DESCENDANTS:
-      return "Tables derive from the table.";
+      return "The table has descendants.";
     case SAGLEME_COLUMN_MAPPED:
       return "A property of a class maps the column.";
     case SAGLEME_COLUMN_INHERITED:
