@@ -37,6 +37,9 @@ bool IsPattern(int op) {
   return op == SQLITE_INDEX_CONSTRAINT_LIKE || op == SQLITE_INDEX_CONSTRAINT_GLOB;
 }
 
+// SQLite sees each value as it is, and no other one like it.
+bool IsExact(Type type) { return type == Type::kLong || type == Type::kBool; }
+
 bool IsFloating(Type type) { return type == Type::kFloat || type == Type::kDouble; }
 
 // Where a use stands among SQLite's constraints.
@@ -50,7 +53,7 @@ struct Candidate {
   std::vector<int> constraints;  // of the uses
   double rows = 0;
   double cost = 0;
-  bool unique = false;
+  bool unique = false;  // there is one row at most, also as SQLite sees values
 };
 
 class Chooser {
@@ -73,6 +76,7 @@ class Chooser {
   int FindUse(ShapeIndex::Part const& part, bool (*wanted)(int)) const;
   bool Usable(int i, ShapeIndex::Part const& part) const;
   void AddUse(Candidate& candidate, std::size_t part, int constraint) const;
+  static bool IsOneKey(Candidate const& candidate, ShapeIndex const& index, std::size_t equal);
   void Estimate(Candidate& candidate, ShapeIndex const& index, std::size_t equal) const;
   void TakeOrder(Candidate& candidate, ShapeIndex const& index) const;
   bool OrderFits(ShapeIndex const& index, Candidate& candidate) const;
@@ -139,14 +143,24 @@ Candidate Chooser::ByScan() const {
   return candidate;
 }
 
+// Null is in a unique index any number of times.
+bool Chooser::IsOneKey(Candidate const& candidate, ShapeIndex const& index, std::size_t equal) {
+  auto const& uses = candidate.plan.uses;
+  return index.unique && equal == index.parts.size() &&
+         std::all_of(uses.begin(), uses.end(),
+                     [](Use const& use) { return use.op == SQLITE_INDEX_CONSTRAINT_EQ; });
+}
+
 void Chooser::Estimate(Candidate& candidate, ShapeIndex const& index, std::size_t equal) const {
   double rows = rows_;
   for (std::size_t i = 0; i < equal; ++i) rows = std::min(rows / 4, kEqualRows / double(i + 1));
   for (std::size_t i = equal; i < candidate.plan.uses.size(); ++i) {
     rows *= IsPattern(candidate.plan.uses[i].op) ? kPrefixShare : kRangeShare;
   }
-  candidate.unique = index.unique && equal == index.parts.size();
-  candidate.rows = candidate.unique ? 1 : std::max(rows, 1.0);
+  bool const one_key = IsOneKey(candidate, index, equal);
+  candidate.unique = one_key && std::all_of(index.parts.begin(), index.parts.end(),
+                                            [](auto const& part) { return IsExact(part.type); });
+  candidate.rows = one_key ? 1 : std::max(rows, 1.0);
   // An index of a table above may hold many objects that are passed over.
   candidate.cost = kSeek + candidate.rows * kIndexRow * (index.own ? 1 : 4);
 }
@@ -280,8 +294,6 @@ Candidate Chooser::Best() const {
   }
   return best;
 }
-
-bool IsExact(Type type) { return type == Type::kLong || type == Type::kBool; }
 
 // Whether rows that the index leaves fulfil a condition, so that SQLite need not look at it again.
 // A value for a part of another type may leave more than one value, and what stands for the parts

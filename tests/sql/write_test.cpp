@@ -208,6 +208,23 @@ TEST_F(Write, UpsertAndReturningOfChanges_AreRefusedBySqlite) {
   EXPECT_EQ(sql_("SELECT Name FROM Person"), "Ann");
 }
 
+// SQLite stops behind the first row of a plan that it takes for unique.
+TEST_F(Write, RowsThatAUniqueIndexHoldsUnderOneValueOfSqlite_AreAllChanged) {
+  sql_("INSERT INTO Person(Name) VALUES(NULL), (NULL), ('a'), (NULL)");
+  sql_("UPDATE Person SET Boss = _oid WHERE Name IS NULL");
+  EXPECT_EQ(sql_("SELECT count(*) FROM Person WHERE Boss = _oid"), "3");
+  library_.Change([](sagleme::Transaction& transaction) {
+    for (auto const* name : {u"\xd800", u"\xd801", u"\xfffd"}) {
+      sagleme::Object::Create(transaction, *transaction.table(u"Library.Person"))
+          .Set(u"Name", std::u16string(name));
+    }
+  });
+  sql_("UPDATE Person SET Boss = _oid WHERE Name = char(0xFFFD)");
+  EXPECT_EQ(sql_("SELECT count(*) FROM Person WHERE Boss = _oid"), "6");
+  sql_("DELETE FROM Person WHERE Name IS NULL");
+  EXPECT_EQ(sql_("SELECT count(*) FROM Person"), "4");
+}
+
 TEST_F(Write, OrReplace_DeletesWhatHasTheSameKey) {
   sql_("INSERT INTO Person(Name) VALUES('Ann'), ('Bob'), ('Cid')");
   EXPECT_EQ(sql_("INSERT OR REPLACE INTO Person(Name) VALUES('Ann'), ('Dee')"), "");
