@@ -119,7 +119,19 @@ class Runner {
     if (!SameAnswers(ours, native, query)) Differ(ours, native, query.text.native);
   }
 
+  // Our side leaves out a row with a reference to nothing, which SQLite's copies take.
+  bool IgnoresReferenceToNothing(Change const& change) {
+    std::string text = change.text.native;
+    if (text.find(" OR IGNORE") == std::string::npos) return false;
+    if (!change.placeholder.empty()) {
+      text.replace(text.find(change.placeholder), change.placeholder.size(),
+                   std::to_string(world_.NextId()));
+    }
+    return world_.MakesReferenceToNothing(text);
+  }
+
   void RunChange(Change const& change) {
+    if (IgnoresReferenceToNothing(change)) return;
     outcome_.texts.push_back(change.text.ours);
     ++outcome_.changes;
     Answer const ours = world_.ours().Run(change.text.ours);

@@ -209,21 +209,32 @@ std::vector<Row> World::ReferencesToNothing() {
   return all;
 }
 
+bool World::HasOthersThan(std::vector<Row> const& before) {
+  auto const is_new = [&](Row const& row) {
+    return std::none_of(before.begin(), before.end(),
+                        [&](Row const& old) { return Same(old, row); });
+  };
+  std::vector<Row> const after = ReferencesToNothing();
+  return std::any_of(after.begin(), after.end(), is_new);
+}
+
+bool World::MakesReferenceToNothing(std::string const& sql) {
+  std::vector<Row> const before = ReferencesToNothing();
+  native_.Require("SAVEPOINT reference");
+  bool const made = native_.Run(sql).code == SQLITE_OK && HasOthersThan(before);
+  native_.Require("ROLLBACK TO reference");
+  native_.Require("RELEASE reference");
+  return made;
+}
+
 Answer World::RunUnlessReferenceToNothing(std::string const& sql) {
   std::vector<Row> const before = ReferencesToNothing();
   native_.Require("SAVEPOINT reference");
   Answer answer = native_.Run(sql);
-  if (answer.code == SQLITE_OK) {
-    auto const is_new = [&](Row const& row) {
-      return std::none_of(before.begin(), before.end(),
-                          [&](Row const& old) { return Same(old, row); });
-    };
-    std::vector<Row> const after = ReferencesToNothing();
-    if (std::any_of(after.begin(), after.end(), is_new)) {
-      answer = {};
-      answer.code = SQLITE_CONSTRAINT_FOREIGNKEY;
-      native_.Require("ROLLBACK TO reference");
-    }
+  if (answer.code == SQLITE_OK && HasOthersThan(before)) {
+    answer = {};
+    answer.code = SQLITE_CONSTRAINT_FOREIGNKEY;
+    native_.Require("ROLLBACK TO reference");
   }
   if (native_.in_transaction()) native_.Require("RELEASE reference");
   return answer;

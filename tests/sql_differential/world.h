@@ -83,6 +83,8 @@ class World {
   // As native().Run, for a statement that our side refuses for a reference to nothing; SQLite's
   // copies take it. The same refusal, and nothing done, when it would leave such a reference.
   Answer RunUnlessReferenceToNothing(std::string const& sql);
+  // Whether a statement would leave such a reference in SQLite's copies. Changes nothing.
+  bool MakesReferenceToNothing(std::string const& sql);
   // An INSERT may have ended the transaction before.
   void CommitBoth();
   // An id that no object had.
@@ -94,6 +96,8 @@ class World {
 
  private:
   std::vector<Row> ReferencesToNothing();
+  // Whether there are references to nothing that were not there before.
+  bool HasOthersThan(std::vector<Row> const& before);
 
   Directory directory_;
   sagleme::Database database_;
