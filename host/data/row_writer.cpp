@@ -20,26 +20,24 @@ void RowWriter::Put(Column const& column, RowValue const& value) {
 }
 
 void RowWriter::PutText(Column const& column, std::string_view text) {
-  units_.clear();
+  // Most texts are ASCII to their end.
+  std::size_t at = 0;
+  units_.resize(text.size());
+  for (; at < text.size() && static_cast<unsigned char>(text[at]) < 0x80; ++at) {
+    units_[at] = static_cast<unsigned char>(text[at]);
+  }
+  units_.resize(at);
   try {
-    for (std::size_t at = 0; at < text.size();) {
-      auto const byte = static_cast<unsigned char>(text[at]);
-      if (byte < 0x80) {
-        units_.push_back(byte);
-        ++at;
-      } else {
-        detail::AppendUtf16(units_, detail::NextPoint(text, at));
-      }
-    }
+    while (at < text.size()) detail::AppendUtf16(units_, detail::NextPoint(text, at));
   } catch (BadUtf8 const& error) {
     throw BadValue(error.what());
   }
   if (units_.find(u'\0') != std::u16string::npos) {
     throw BadValue("a stored text cannot contain U+0000");
   }
-  detail::ColumnLocation const at = At(column);
+  detail::ColumnLocation const to = At(column);
   detail::CheckKernel(
-      lorv_context_put_string(at.context, at.oid, at.addr, at.column, units_.c_str()));
+      lorv_context_put_string(to.context, to.oid, to.addr, to.column, units_.c_str()));
 }
 
 void RowWriter::Finish() {

@@ -200,7 +200,7 @@ PendingIndex& CommitApplier::LateEntries(IndexDefinition const& index) {
 }
 
 void CommitApplier::CheckUnique(PendingIndex const& entries, bool nothing_between) {
-  if (!entries.index().unique()) return;
+  if (!entries.index().unique() || (nothing_between && !entries.has_unproven())) return;
   EntryCursor cursor;
   for (auto const& [key, entry] : entries.map()) {
     if (entry.state != EntryState::kPresent || entry.facts.has_null) continue;
@@ -276,15 +276,19 @@ void CommitApplier::DeleteChunks(ObjectId id) {
 // Removals come first: two long keys of one object may be one key of the store.
 void CommitApplier::ApplyEntries(PendingIndex const& entries) {
   IndexDefinition const& index = entries.index();
-  for (auto const& [key, entry] : entries.map()) {
-    if (entry.state != EntryState::kRemoved || !entry.may_be_committed) continue;
-    entries_.Delete(index, key.encoded, key.object);
-  }
+  if (entries.has_removed()) ApplyRemovals(entries);
   for (auto const& [key, entry] : entries.map()) {
     if (entry.state != EntryState::kPresent) continue;
     PendingRow const* const row = request_.changes.FindRow(key.object);
     LayoutNumber const layout = row != nullptr ? row->layout->number() : entry.layout;
     entries_.Put(index, key.encoded, key.object, layout);
+  }
+}
+
+void CommitApplier::ApplyRemovals(PendingIndex const& entries) {
+  for (auto const& [key, entry] : entries.map()) {
+    if (entry.state != EntryState::kRemoved || !entry.may_be_committed) continue;
+    entries_.Delete(entries.index(), key.encoded, key.object);
   }
 }
 

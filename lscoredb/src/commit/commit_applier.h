@@ -81,6 +81,7 @@ class CommitApplier {
   void PutChunks(ObjectId id, std::string_view image);
   void DeleteChunks(ObjectId id);
   void ApplyEntries(PendingIndex const& entries);
+  void ApplyRemovals(PendingIndex const& entries);
   void ApplyLayouts();
   void ApplyClosings();
   void ApplyIndexes();

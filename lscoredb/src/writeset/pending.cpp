@@ -101,20 +101,30 @@ PendingEntry& PendingIndex::Change(Map::iterator at, Sequence now, bool keep_his
 
 void PendingIndex::Add(PendingKey key, KeyFacts facts, bool may_be_committed, Sequence now,
                        bool keep_history) {
-  auto at = map_.find(key);
-  if (at == map_.end()) {
+  auto at = map_.lower_bound(key);
+  if (at == map_.end() || map_.key_comp()(key, at->first)) {
     char* const bytes = arena_->Allocate(key.encoded.size());
     std::copy(key.encoded.begin(), key.encoded.end(), bytes);
     key.encoded = {bytes, key.encoded.size()};
     if (recording()) undo_->Record(undo::EntryAdded{this, key});
-    at = map_.emplace(key, PendingEntry{}).first;
+    at = map_.emplace_hint(at, key, PendingEntry{});
     at->second.may_be_committed = may_be_committed;
     at->second.since = now;
   } else {
     Change(at, now, keep_history);
   }
   at->second.state = EntryState::kPresent;
-  at->second.facts = facts;
+  SetFactsOf(at->second, facts);
+}
+
+void PendingIndex::SetFactsOf(PendingEntry& entry, KeyFacts facts) {
+  entry.facts = facts;
+  if (!facts.known_unique && !facts.has_null) has_unproven_ = true;
+}
+
+void PendingIndex::SetRemoved(PendingEntry& entry) {
+  entry.state = EntryState::kRemoved;
+  has_removed_ = true;
 }
 
 void PendingIndex::AddUntouched(PendingKey key, KeyFacts facts, LayoutNumber layout, Sequence now) {
@@ -126,11 +136,11 @@ void PendingIndex::Remove(PendingKey key, Sequence now, bool keep_history) {
   auto const at = map_.find(key);
   if (at == map_.end()) {
     Add(key, {}, true, now, keep_history);
-    map_.find(key)->second.state = EntryState::kRemoved;
+    SetRemoved(map_.find(key)->second);
   } else if (!keep_history && !at->second.may_be_committed) {
     Erase(at);
   } else {
-    Change(at, now, keep_history).state = EntryState::kRemoved;
+    SetRemoved(Change(at, now, keep_history));
   }
 }
 
@@ -147,7 +157,7 @@ void PendingIndex::SetFacts(PendingKey key, KeyFacts facts) {
   auto const at = map_.find(key);
   if (at == map_.end()) return;
   RecordChange(at->second);
-  at->second.facts = facts;
+  SetFactsOf(at->second, facts);
 }
 
 void PendingIndex::TakeBack(undo::EntryAdded const& added) {

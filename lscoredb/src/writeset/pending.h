@@ -109,6 +109,10 @@ class PendingIndex {
   IndexDefinition const& index() const { return *index_; }
   bool committed() const { return committed_; }
   Map const& map() const { return map_; }
+  // Whether there may be an entry that is present and whose key is not known to be unique, or one
+  // that is removed and may be committed. Most transactions have neither.
+  bool has_unproven() const { return has_unproven_; }
+  bool has_removed() const { return has_removed_; }
   // From here on changes are recorded. `undo` must outlive the entries.
   void RecordIn(UndoLog& undo) { undo_ = &undo; }
 
@@ -134,11 +138,15 @@ class PendingIndex {
   PendingEntry& Change(Map::iterator at, Sequence now, bool keep_history);
   void RecordChange(PendingEntry& entry);
   void Erase(Map::iterator at);
+  void SetFactsOf(PendingEntry& entry, KeyFacts facts);
+  void SetRemoved(PendingEntry& entry);
 
   IndexDefinition const* index_;
   bool committed_;
   Arena* arena_;
   UndoLog* undo_ = nullptr;
+  bool has_unproven_ = false;
+  bool has_removed_ = false;
   Map map_;
 };
 

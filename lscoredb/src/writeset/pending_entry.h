@@ -7,6 +7,7 @@
 #include <memory_resource>
 #include <string_view>
 
+#include "bytes.h"
 #include "ids.h"
 
 namespace lscore {
@@ -28,7 +29,19 @@ enum class EntryState : std::uint8_t {
   kRemoved,
 };
 
+// With the first bytes of the encoding beside it: comparing two keys mostly needs no other memory.
 struct PendingKey {
+  PendingKey() = default;
+  PendingKey(std::string_view its_encoding, ObjectId its_object)
+      : head(HeadOf(its_encoding)), encoded(its_encoding), object(its_object) {}
+
+  static std::uint64_t HeadOf(std::string_view encoded) {
+    std::uint64_t head = 0;
+    encoded.copy(reinterpret_cast<char*>(&head), sizeof head);
+    return SwapBytes(head);
+  }
+
+  std::uint64_t head = 0;  // the first eight bytes, zeros behind a shorter encoding, as a number
   std::string_view encoded;
   ObjectId object{};
 };
@@ -41,6 +54,7 @@ struct BehindPrefix {
 struct PendingKeyLess {
   using is_transparent = void;
   bool operator()(PendingKey const& a, PendingKey const& b) const {
+    if (a.head != b.head) return a.head < b.head;
     int const order = a.encoded.compare(b.encoded);
     return order != 0 ? order < 0 : a.object < b.object;
   }
