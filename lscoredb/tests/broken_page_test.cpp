@@ -215,5 +215,65 @@ TEST(FreeListTest, ANumberThatIsWrongIsFoundBeforeTheFirstCommit) {
   EXPECT_GT(refused, 20U);
 }
 
+// The lists of free pages from page `number` on, as places in the file, oldest first.
+void FindLists(std::string const& file, std::uint64_t number, std::vector<std::size_t>* lists) {
+  auto const short_at = [&](std::size_t at) {
+    std::uint16_t value;
+    std::memcpy(&value, file.data() + at, sizeof value);
+    return value;
+  };
+  std::size_t const page = number * kPage;
+  for (std::size_t slot = page + 16; slot < page + short_at(page + 12); slot += 2) {
+    std::size_t const node = page + short_at(slot);
+    if (short_at(page + 10) == 2) {
+      lists->push_back(node + 8 + 8);
+    } else {
+      FindLists(file, short_at(node) | std::uint64_t{short_at(node + 2)} << 16, lists);
+    }
+  }
+}
+
+// A reader keeps many lists from being used. One goes wrong when the process has committed already.
+class LateListTest : public testing::TestWithParam<std::uint64_t> {};
+
+TEST_P(LateListTest, ANumberThatIsWrongIsFoundInAnyListOfAnyCommit) {
+  std::string number(8, '\0');
+  std::uint64_t const wrong = GetParam();
+  std::memcpy(number.data(), &wrong, number.size());
+  TemporaryDirectory directory;
+  Oids const rows = Fill(directory.path());
+  OtherProcess meets([&](OtherProcess& test) {
+    alarm(kPatience);
+    Database database(directory.path());
+    database.ExpectDamage();
+    Session session(database);
+    Session reader(database);
+    reader.BeginReadOnly();
+    for (int i = 0; i < 40; ++i) {
+      session.Begin();
+      session.PutLong(rows[0], 2, i);
+      session.Commit();
+    }
+    reader.Rollback();
+    std::string const file = ReadFile(FileOf(directory.path()));
+    std::vector<std::size_t> lists;
+    FindLists(file, FreeRoot(file), &lists);
+    EXPECT_GT(lists.size(), 30U);
+    PutBytes(FileOf(directory.path()), lists[lists.size() / 2] + 8, number);
+    session.Begin();
+    session.PutLong(rows[0], 2, -1);
+    LayoutId const layout = session.LayoutOf(rows[0]);
+    for (int i = 0; i < 20000; ++i) session.PutLong(session.Insert(layout), 2, i);
+    test.Say(session.TryCommit());
+  });
+  std::uint64_t status = 0;
+  ASSERT_NO_THROW(status = meets.Hear()) << "it died";
+  meets.ExpectGoodEnd();
+  EXPECT_EQ(LSCOREDB_DAMAGED, status);
+}
+
+INSTANTIATE_TEST_SUITE_P(Numbers, LateListTest,
+                         testing::Values(0, 1, 2, 0x7FFF, 0xFFFFFFFFFFFF, ~std::uint64_t{0}));
+
 }  // namespace
 }  // namespace lscoredb_test

@@ -1,12 +1,16 @@
 // Files that are no database, or one of another time, or a broken one. The store's own library
 // makes them here, since the kernel does not.
 
+#include <fcntl.h>
 #include <lmdb.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
 #include <fstream>
+#include <map>
 #include <random>
+#include <set>
 
 #include "kernel_test.h"
 #include "other_process.h"
@@ -202,6 +206,103 @@ TEST_F(DamageTest, ARowWhoseBytesChangedIsDamagedAndOthersAreRead) {
                 lorv_context_get_string(session.context(), rows_[2], 0, kName, &read));
   EXPECT_EQ(read, nullptr);
   EXPECT_EQ(session.String(rows_[3], kName), Text(200, u'D'));
+}
+
+// Each read stands for itself.
+TEST_F(DamageTest, ADamagedPageKeepsNobodyFromTheOthersInItsTransaction) {
+  Fill();
+  std::string content = ReadFile(File());
+  std::string const text(200, 'C');
+  for (std::size_t at = content.find(text); at != std::string::npos;
+       at = content.find(text, at + 1)) {
+    char& kind = content[at / 4096 * 4096 + 10];
+    if (kind == 2) kind = 0x55;  // leaves alone, since opening looks at the first pages
+  }
+  WriteFile(File(), content);
+  Database database(directory_.path());
+  database.ExpectDamage();
+  Session session(database);
+  session.BeginReadOnly();
+  std::map<std::uint32_t, int> statuses;
+  for (int round = 0; round < 2; ++round) {
+    for (Oid const row : rows_) {
+      LORV_STRING* read = nullptr;
+      ++statuses[lorv_context_get_string(session.context(), row, 0, kName, &read)];
+    }
+  }
+  EXPECT_GT(statuses[LORV_STATUS_OK], 10);
+  EXPECT_GT(statuses[LSCOREDB_DAMAGED], 10);
+  EXPECT_EQ(2U, statuses.size()) << "no other status";
+}
+
+// A page in the place of another one, with the number of that place: only the bounds of the pages
+// above tell.
+TEST_F(DamageTest, APageThatStandsTwiceGivesNoObjectTwice) {
+  Fill();
+  std::string const sound = ReadFile(File());
+  std::vector<std::size_t> leaves;
+  for (std::size_t page = 2 * 4096; page < sound.size(); page += 4096) {
+    if (sound[page + 10] == 2) leaves.push_back(page);
+  }
+  int refused = 0;
+  for (std::size_t i = 0; i < leaves.size(); ++i) {
+    std::string content = sound;
+    content.replace(leaves[i] + 8, 4088, sound, leaves[(i + 1) % leaves.size()] + 8, 4088);
+    WriteFile(File(), content);
+    try {
+      Database database(directory_.path());
+      database.ExpectDamage();
+      Session session(database);
+      session.BeginReadOnly();
+      for (Oids const& walked : {session.Walk(index_), session.WalkBack(index_)}) {
+        EXPECT_EQ(walked.size(), std::set<Oid>(walked.begin(), walked.end()).size());
+      }
+    } catch (Unexpected const&) {
+      ++refused;
+    }
+  }
+  EXPECT_GT(refused, 10);
+}
+
+// Numbers inside of a row are those of its lengths and places; they go wrong when it was read and
+// found sound, and lies in no memory.
+TEST_F(DamageTest, ARowThatIsDamagedAfterItWasReadEndsNoProcess) {
+  constexpr std::uint32_t kWild = 0x7FFFFFF1;
+  Fill();
+  std::string const sound = ReadFile(File());
+  std::size_t const text = sound.find(std::string(200, 'C'));
+  lscoredb_options options = NoSync();
+  options.row_memory = LSCOREDB_NO_ROW_MEMORY;
+  std::map<std::uint64_t, int> statuses;
+  for (std::size_t before = 4; before <= 64; before += 4) {
+    WriteFile(File(), sound);
+    OtherProcess meets([&](OtherProcess& test) {
+      Database database(directory_.path(), options);
+      database.ExpectDamage();
+      Session session(database);
+      session.Begin();
+      for (Oid const row : rows_) session.String(row, kName);
+      for (Oid const row : rows_) session.PutSetspec(row, kSet);
+      int const file = open(File().c_str(), O_WRONLY | O_CLOEXEC);
+      for (std::size_t at = text; at != std::string::npos;
+           at = sound.find(std::string(200, 'C'), at + 1)) {
+        EXPECT_EQ(sizeof kWild,
+                  pwrite(file, &kWild, sizeof kWild, static_cast<off_t>(at - before)));
+      }
+      close(file);
+      for (Oid const row : rows_) {
+        LORV_STRING* read = nullptr;
+        lorv_context_get_string(session.context(), row, 0, kName, &read);
+      }
+      test.Say(session.TryCommit());
+    });
+    std::uint64_t status = 0;
+    ASSERT_NO_THROW(status = meets.Hear()) << "it died, " << before << " bytes before the text";
+    meets.ExpectGoodEnd();
+    ++statuses[status];
+  }
+  EXPECT_GT(statuses[LSCOREDB_DAMAGED], 0);
+  EXPECT_EQ(16, statuses[LSCOREDB_DAMAGED] + statuses[0]);
 }
 
 TEST_F(DamageTest, AFileThatWasCutIsRefused) {

@@ -250,7 +250,7 @@ class Store {
   }
 
   // A snapshot whose every part was checked. Where faults were reported, what a part of it gives is
-  // not to be relied upon, and reading may end the process.
+  // not to be relied upon.
   virtual std::unique_ptr<Snapshot> BeginVerified(FaultReport const& report) = 0;
   // Throws LSCOREDB_DAMAGED when the newest state does not hold together.
   virtual void Verify() = 0;

@@ -1,5 +1,6 @@
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <sagleme/counts.hpp>
 
@@ -49,8 +50,9 @@ void AddKernel(Session& session, Properties& properties) {
   properties.Add("largest data file bytes", Cell::Number(statistics.max_file_size));
   properties.Add("newest commit", Cell::Number(statistics.last_commit));
   properties.Add("oldest commit that is read", Cell::Number(statistics.oldest_commit));
-  // This command's own reading is one of them.
-  properties.Add("other open transactions", Cell::Number(statistics.transactions - 1));
+  // This command's own reading is one of them, unless it may not write the table of readers.
+  auto const others = std::max(statistics.transactions, 1u) - 1;
+  properties.Add("other open transactions", Cell::Number(others));
 }
 
 void AddCounts(sagleme::Transaction& transaction, Properties& properties) {

@@ -1,10 +1,9 @@
 #ifndef LSCOREDB_SRC_STORE_PAGES_H
 #define LSCOREDB_SRC_STORE_PAGES_H
 
-// Reads the pages of a data file by itself and looks whether they hold together. The store's
-// library follows what pages say without asking, so that a page gone wrong ends the process or
-// answers with another page's bytes; after a walk of these over a state, the library may be trusted
-// with it.
+// Reads the pages of a data file by itself and looks whether they hold together. What reads and
+// writes later looks only at what it follows (mapped_state.h, page_guard.h), and does not notice an
+// entry that it was not led to; after a walk of these over a state, none is missing.
 //
 // Everything is read through the file's descriptor, never through the map: a file that is cut
 // meanwhile reads short here, where a touch of the map would end the process. For the store's own
