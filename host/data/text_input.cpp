@@ -12,6 +12,7 @@ namespace sagleme {
 namespace {
 
 constexpr std::size_t kPiece = std::size_t{256} * 1024;
+constexpr std::size_t kMagic = 6;  // bytes that tell what a file is
 constexpr std::size_t kHuge = std::size_t{1024} * 1024;
 
 [[noreturn]] void RefuseData(std::string const& what) {
@@ -174,7 +175,6 @@ void RefuseOtherPackings(std::string_view begin) {
 
 // The first bytes, as many as tell what the file is, where there are so many.
 std::string ReadBegin(ByteSource& source) {
-  constexpr std::size_t kMagic = 6;
   std::string begin;
   while (begin.size() < kMagic && source.Read(begin)) {
   }
@@ -190,8 +190,21 @@ std::unique_ptr<ByteSource> Unpacked(std::unique_ptr<ByteSource> source) {
   return std::make_unique<JoinedSource>(std::move(begin), std::move(source));
 }
 
+// No heading, JSON or value begins with U+0000: such bytes are another encoding, or no text.
+void RefuseOtherText(std::string_view begin) {
+  bool const utf32 = begin.starts_with(std::string_view("\xFF\xFE\0\0", 4)) ||
+                     begin.starts_with(std::string_view("\0\0\xFE\xFF", 4));
+  bool const marked = begin.starts_with("\xFE\xFF") || begin.starts_with("\xFF\xFE");
+  if (utf32 || (!marked && begin.find('\0') != std::string_view::npos)) {
+    throw Failure(Failure::Kind::kBadData,
+                  "the file is neither UTF-8 nor UTF-16 with a byte order mark",
+                  "Convert it, for example with: iconv -f UTF-16LE -t UTF-8 FILE | sagleme ... -");
+  }
+}
+
 std::unique_ptr<ByteSource> AsUtf8(std::unique_ptr<ByteSource> source) {
   std::string begin = ReadBegin(*source);
+  RefuseOtherText(std::string_view(begin).substr(0, kMagic));
   bool const big = begin.starts_with("\xFE\xFF");
   if (big || begin.starts_with("\xFF\xFE")) {
     return std::make_unique<Utf16Source>(std::move(source), begin.substr(2), big);

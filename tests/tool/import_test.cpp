@@ -176,6 +176,24 @@ TEST_F(ImportTest, Utf16WithAByteOrderMark_IsRead) {
   EXPECT_NE(std::string::npos, odd.err.find("in the midst of a character")) << odd.err;
 }
 
+TEST_F(ImportTest, OtherEncodings_AreNamedBeforeAnythingIsImported) {
+  std::string const text = "Name,Height\nAda,1.5\n";
+  std::string const little = Utf16(text, false);
+  std::string wide{"\xFF\xFE\0\0", 4};
+  for (char const letter : text) wide += std::string{letter, '\0', '\0', '\0'};
+  Write("unmarked.csv", little.substr(2));
+  Write("wide.csv", wide);
+  for (std::string const name : {"unmarked.csv", "wide.csv"}) {
+    Result const result = On("import", {"Person", Path(name)}, 1);
+    EXPECT_NE(std::string::npos,
+              result.err.find(name + ": the file is neither UTF-8 nor UTF-16 with a byte order"))
+        << result.err;
+  }
+  Result const empty = On("import", {"Person", "/dev/null"}, 1);
+  EXPECT_NE(std::string::npos, empty.err.find("Nothing was imported.")) << empty.err;
+  EXPECT_EQ(0, Count("Person"));
+}
+
 TEST_F(ImportTest, CompressedFiles_AreUnpackedOrNamed) {
   std::string const text = "Name,Height\n" + People(0, 30000);
   std::string const file = Write("people.csv", text);

@@ -56,6 +56,8 @@ class LoadCommand : public Command {
     } catch (Interrupted const&) {
       TakeInterrupt();
       throw Failure(Exit::kProblem, "interrupted", "No database was created.");
+    } catch (sagleme::Error const& error) {
+      throw Failure(Exit::kRefused, error.what(), "No database was created.");
     }
     progress.Finish(result.objects);
     if (result.dropped_references == 0) return Exit::kDone;

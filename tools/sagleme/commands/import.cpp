@@ -18,6 +18,8 @@ namespace {
 using sagleme::BadRow;
 using sagleme::RowSource;
 
+constexpr char kNothing[] = "Nothing was imported.";
+
 // Bad rows, in a file of the same form. It is made when the first one comes.
 class Rejects {
  public:
@@ -136,10 +138,10 @@ std::unique_ptr<RowSource> Import::OpenRowsOf(std::istream& input) const {
   try {
     return sagleme::OpenRows(input, Format());
   } catch (BadRow const& bad) {
-    throw Failure(Exit::kProblem, fmt::format("{}: {}", Place(bad.place()), bad.what()));
+    throw Failure(Exit::kProblem, fmt::format("{}: {}", Place(bad.place()), bad.what()), kNothing);
   } catch (sagleme::Failure const& failure) {
     throw sagleme::Failure(failure.kind(), fmt::format("{}: {}", file_, failure.what()),
-                           failure.advice());
+                           failure.advice().empty() ? kNothing : failure.advice());
   }
 }
 
@@ -160,7 +162,7 @@ void Import::ImportRows(Session& session, sagleme::Table const& table, RowSource
 }
 
 std::string Import::AdviceFor(Session const& session, sagleme::ImportResult const& result) const {
-  if (InOne(session) || result.rows <= skip_) return "Nothing was imported.";
+  if (InOne(session) || result.rows <= skip_) return kNothing;
   return fmt::format("{} of the file are imported; go on behind them with --skip {}.",
                      Counted(result.rows, "rows"), result.rows);
 }
