@@ -175,6 +175,13 @@ class LogBytes : public LogStoreTest {
     std::filesystem::remove_all(copy);
     return last;
   }
+  template <typename Change>
+  void ChangeImage(Change&& change) const {
+    std::unique_ptr<Store> const image = LmdbStore::Open(left_.c_str(), options_);
+    std::unique_ptr<Batch> const batch = image->BeginBatch();
+    change(*batch);
+    batch->Commit();
+  }
   // How many commits lie in the file before an offset.
   int CommitsBefore(std::size_t offset) const {
     return static_cast<int>(std::upper_bound(ends_.begin(), ends_.end(), offset) - ends_.begin()) -
@@ -257,6 +264,21 @@ TEST_F(LogBytes, RecordsOfAnotherLogAreNotTaken) {
 TEST_F(LogBytes, MissingLogIsDamage) {
   Leave();
   std::filesystem::remove(left_ + "/log-1");
+  EXPECT_EQ(-1, LastIn(left_));
+}
+
+// An image is an old state without its log: the two records that tell of it go together.
+TEST_F(LogBytes, ImageThatLostItsPositionIsDamage) {
+  Leave();
+  ChangeImage([](Batch& image) { image.Delete(Tree::kMeta, logformat::kImageKey); });
+  EXPECT_EQ(-1, LastIn(left_));
+}
+
+TEST_F(LogBytes, ImageThatLostItsVersionIsDamage) {
+  Leave();
+  ChangeImage([](Batch& image) {
+    image.Put(Tree::kMeta, format::kFormatKey, format::FormatRecord(format::kFirstVersion));
+  });
   EXPECT_EQ(-1, LastIn(left_));
 }
 

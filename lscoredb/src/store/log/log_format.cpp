@@ -11,6 +11,13 @@ namespace {
 constexpr std::size_t kPositionSize = kIdentitySize + 8 + 8 + 4 + 1;
 constexpr std::size_t kVersionAt = format::kMagic.size();
 
+bool FormatSaysLog(View const& image) {
+  std::string_view record;
+  if (!image.Get(Tree::kMeta, format::kFormatKey, &record)) return false;
+  std::string const with_log = format::FormatRecord(format::kLogVersion);
+  return record.substr(0, with_log.size()) == with_log;
+}
+
 }  // namespace
 
 std::string TitleOf(Identity const& identity) {
@@ -23,7 +30,9 @@ std::string TitleOf(Identity const& identity) {
 
 std::optional<ImagePosition> FindPosition(View const& image) {
   std::string_view record;
-  if (!GetChecked(image, Tree::kMeta, kImageKey, &record)) return std::nullopt;
+  bool const there = GetChecked(image, Tree::kMeta, kImageKey, &record);
+  if (there != FormatSaysLog(image)) Throw(LSCOREDB_DAMAGED);
+  if (!there) return std::nullopt;
   if (record.size() != kPositionSize) Throw(LSCOREDB_DAMAGED);
   ImagePosition position;
   FieldReader fields(record);

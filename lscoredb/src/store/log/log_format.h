@@ -101,7 +101,8 @@ struct ImagePosition {
 
 std::string TitleOf(Identity const& identity);
 
-// The position in the image; none: it has no log. Both throw LSCOREDB_DAMAGED.
+// The position in the image; none: it has no log. Both throw LSCOREDB_DAMAGED, also where the
+// image's format says otherwise: without what the log holds it would be an old state.
 std::optional<ImagePosition> FindPosition(View const& image);
 // Of an image that has one.
 ImagePosition ReadPosition(View const& image);
