@@ -3,9 +3,9 @@
 #include <algorithm>
 
 #include "crash/directory.h"
+#include "crash/recording.h"
 #include "crash/store_faults.h"
 #include "crash/tellers.h"
-#include "crash/volatile_disk.h"
 
 namespace crash_test {
 namespace {
@@ -40,21 +40,22 @@ TEST(CreationTest, KilledAfterAnyCommit_IsCompletedByTheNextProcess) {
 // Also the first of all commits, which makes the file itself.
 TEST(CreationTest, LossOfPowerAtAnyPointOfTheFirstWrites_LeavesADatabaseOrNone) {
   using store_faults::Point;
-  std::uint64_t seed = 0;
   for (Point const point : {Point::kWriting, Point::kBeforeSync, Point::kAfterSync,
                             Point::kBeforeRoot, Point::kAfterRoot}) {
     for (int const nth : {1, 2, 3}) {
       SCOPED_TRACE("point " + std::to_string(static_cast<int>(point)) + ", passage " +
                    std::to_string(nth));
       Directory const directory;
+      Recording const recording(directory.path());
       Child maker([&](Channel&) {
-        volatile_disk::Watch(++seed);
-        store_faults::Arm(point, nth, volatile_disk::LosePower);
+        recording.Join();
+        store_faults::Arm(point, nth, store_faults::Kill);
         Bank const bank(directory.path(), kSeed);
         return 0;
       });
       EXPECT_EQ(kKilled, maker.Wait());
-      ExpectWholeAfter(directory.path(), kSeed, {});
+      recording.ForEachLossAtItsEnd(
+          [](std::string const& left) { ExpectWholeAfter(left, kSeed, {}); });
     }
   }
 }

@@ -5,9 +5,9 @@
 #include <cerrno>
 
 #include "crash/directory.h"
+#include "crash/recording.h"
 #include "crash/store_faults.h"
 #include "crash/tellers.h"
-#include "crash/volatile_disk.h"
 
 namespace crash_test {
 namespace {
@@ -24,9 +24,10 @@ constexpr int kKilled = 128 + 9;
 
 class FailPointTest : public testing::Test {
  protected:
-  // Lets a child work until its end at a point that `arm` chooses, and looks at what is there then.
-  void EndAndLook(std::function<void()> const& arm) {
+  // Lets a child work until its end at a point that `arm` chooses. Returns what it acknowledged.
+  Progress Work(std::function<void()> const& arm, Recording const* recording = nullptr) {
     Child writer([&](Channel& channel) {
+      if (recording != nullptr) recording->Join();
       Bank bank(directory_.path(), kSeed);
       WorkUntilTheEnd(channel, bank, arm);
       return 0;
@@ -34,7 +35,7 @@ class FailPointTest : public testing::Test {
     Progress acknowledged{};
     NoteRest(writer, acknowledged);
     EXPECT_EQ(kKilled, writer.Wait());
-    ExpectWholeAfter(directory_.path(), kSeed, acknowledged);
+    return acknowledged;
   }
 
   Directory directory_;
@@ -49,21 +50,23 @@ TEST_F(FailPointTest, EndAtAnyPoint_LeavesWholeCommits) {
   for (Point const point : kPoints) {
     for (int const nth : {1, 2, 9}) {
       SCOPED_TRACE(Describe(point, nth));
-      EndAndLook([&] { store_faults::Arm(point, nth, store_faults::Kill); });
+      Progress const acknowledged =
+          Work([&] { store_faults::Arm(point, nth, store_faults::Kill); });
+      ExpectWholeAfter(directory_.path(), kSeed, acknowledged);
     }
   }
 }
 
 TEST_F(FailPointTest, LossOfPowerAtAnyPoint_LeavesWholeCommits) {
-  std::uint64_t seed = 0;
   for (Point const point : kPoints) {
     for (int const nth : {1, 2, 3, 12}) {
       SCOPED_TRACE(Describe(point, nth));
-      ++seed;
-      EndAndLook([&] {
-        volatile_disk::Watch(seed);
-        store_faults::Arm(point, nth, volatile_disk::LosePower);
-      });
+      InChild([&] { Bank const bank(directory_.path(), kSeed); });
+      Recording const recording(directory_.path());
+      Progress const acknowledged =
+          Work([&] { store_faults::Arm(point, nth, store_faults::Kill); }, &recording);
+      recording.ForEachLossAtItsEnd(
+          [&](std::string const& left) { ExpectWholeAfter(left, kSeed, acknowledged); });
     }
   }
 }

@@ -1,25 +1,13 @@
 // A writer that is killed without warning, over and over, on one database.
 
-#include <algorithm>
-#include <cstdlib>
 #include <random>
 
 #include "crash/directory.h"
+#include "crash/rounds.h"
 #include "crash/tellers.h"
 
 namespace crash_test {
 namespace {
-
-// Rounds of each test; SAGLEME_CRASH_ROUNDS has more of them done.
-int Rounds() {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-  int const usual = 10;
-#else
-  int const usual = 52;
-#endif
-  char const* const wanted = std::getenv("SAGLEME_CRASH_ROUNDS");
-  return wanted == nullptr ? usual : std::max(1, std::atoi(wanted));
-}
 
 class KillTest : public testing::TestWithParam<int> {
  protected:
@@ -60,7 +48,7 @@ class KillTest : public testing::TestWithParam<int> {
 
 TEST_P(KillTest, KilledWriter_LeavesEveryAcknowledgedCommitAndNoHalfOne) {
   constexpr int kRoundsOfADatabase = 13;
-  int const rounds = Rounds();
+  int const rounds = Rounds(52, 10);
   for (int round = 0; round < rounds && !HasFailure(); ++round) {
     SCOPED_TRACE("round " + std::to_string(round));
     if (round % kRoundsOfADatabase == 0) StartOver();

@@ -7,6 +7,7 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
@@ -14,7 +15,7 @@
 #include <mutex>
 #include <string_view>
 
-#include "crash/volatile_disk.h"
+#include "crash/recorded_disk.h"
 
 namespace store_faults {
 namespace {
@@ -99,9 +100,39 @@ bool IsDataFile(int file) {
 // Pages are written whole, the root is less than one.
 bool IsRoot(std::size_t size) { return size < 512; }
 
-void NoteWriting(int file, void const* data, std::size_t size, off_t at) {
-  std::lock_guard const lock(TheState().mutex);
-  volatile_disk::Writing(file, data, size, at);
+// What of the pieces was written, as one write: a process may end at any recorded event.
+void RecordPieces(int file, iovec const* pieces, int count, off_t at, ssize_t written) {
+  if (written <= 0 || !recorded_disk::IsRecording()) return;
+  std::string bytes;
+  for (int i = 0; i < count; ++i) {
+    bytes.append(static_cast<char const*>(pieces[i].iov_base), pieces[i].iov_len);
+  }
+  recorded_disk::Wrote(file, bytes.data(), static_cast<std::size_t>(written), at);
+}
+
+ssize_t WriteAt(int file, void const* data, std::size_t size, off_t at) {
+  static auto* const real = Behind<ssize_t(int, void const*, std::size_t, off_t)>("pwrite");
+  auto const lock = recorded_disk::Busy();
+  ssize_t const written = real(file, data, size, at);
+  if (written > 0) recorded_disk::Wrote(file, data, static_cast<std::size_t>(written), at);
+  return written;
+}
+
+ssize_t WritePieces(int file, iovec const* pieces, int count) {
+  static auto* const real = Behind<ssize_t(int, iovec const*, int)>("writev");
+  auto const lock = recorded_disk::Busy();
+  off_t const at = recorded_disk::IsRecording() ? lseek(file, 0, SEEK_CUR) : 0;
+  ssize_t const written = real(file, pieces, count);
+  RecordPieces(file, pieces, count, at, written);
+  return written;
+}
+
+int SyncData(int file) {
+  static auto* const real = Behind<int(int)>("fdatasync");
+  auto const lock = recorded_disk::Busy();
+  if (!recorded_disk::IsRecording()) return real(file);
+  recorded_disk::Synced(file);
+  return 0;
 }
 
 ssize_t Fail(int code) {
@@ -204,42 +235,40 @@ STANDS_BETWEEN int mdb_txn_commit(MDB_txn* txn) {
 // ---- the system's functions ---------------------------------------------------------------------
 
 STANDS_BETWEEN ssize_t pwrite(int file, void const* data, std::size_t size, off_t at) {
-  static auto* const real = Behind<ssize_t(int, void const*, std::size_t, off_t)>("pwrite");
-  if (!IsDataFile(file)) return real(file, data, size, at);
+  if (!IsDataFile(file)) return WriteAt(file, data, size, at);
   bool const root = IsRoot(size);
   int const code = Pass(root ? Point::kBeforeRoot : Point::kWriting);
-  if (code == kShort) return real(file, data, size / 2, at);
+  if (code == kShort) return WriteAt(file, data, size / 2, at);
   if (code != 0) return Fail(code);
-  NoteWriting(file, data, size, at);
-  ssize_t const written = real(file, data, size, at);
+  ssize_t const written = WriteAt(file, data, size, at);
   if (root) Pass(Point::kAfterRoot);
   return written;
 }
 
+STANDS_BETWEEN ssize_t pwritev(int file, iovec const* pieces, int count, off_t at) {
+  static auto* const real = Behind<ssize_t(int, iovec const*, int, off_t)>("pwritev");
+  auto const lock = recorded_disk::Busy();
+  ssize_t const written = real(file, pieces, count, at);
+  RecordPieces(file, pieces, count, at, written);
+  return written;
+}
+
 STANDS_BETWEEN ssize_t writev(int file, iovec const* pieces, int count) {
-  static auto* const real = Behind<ssize_t(int, iovec const*, int)>("writev");
-  if (!IsDataFile(file)) return real(file, pieces, count);
+  if (!IsDataFile(file)) return WritePieces(file, pieces, count);
   int const code = Pass(Point::kWriting);
-  if (code == kShort) return real(file, pieces, (count + 1) / 2);
+  if (code == kShort) return WritePieces(file, pieces, (count + 1) / 2);
   if (code != 0) return Fail(code);
-  off_t at = lseek(file, 0, SEEK_CUR);
-  for (int i = 0; i < count; ++i) {
-    NoteWriting(file, pieces[i].iov_base, pieces[i].iov_len, at);
-    at += static_cast<off_t>(pieces[i].iov_len);
-  }
-  return real(file, pieces, count);
+  return WritePieces(file, pieces, count);
 }
 
 STANDS_BETWEEN int fdatasync(int file) {
-  static auto* const real = Behind<int(int)>("fdatasync");
-  if (!IsDataFile(file)) return real(file);
+  if (!IsDataFile(file)) return SyncData(file);
   int const code = Pass(Point::kBeforeSync);
   if (code != 0) return static_cast<int>(Fail(code));
-  int const synced = real(file);
+  int const synced = SyncData(file);
   {
     std::lock_guard const lock(TheState().mutex);
     ++TheState().syncs;
-    if (synced == 0) volatile_disk::Synced();
   }
   Pass(Point::kAfterSync);
   return synced;
@@ -249,9 +278,13 @@ STANDS_BETWEEN int fsync(int file) {
   static auto* const real = Behind<int(int)>("fsync");
   struct stat status {};
   Path path;
-  if (fstat(file, &status) == 0 && S_ISDIR(status.st_mode)) {
+  bool const is_directory = fstat(file, &status) == 0 && S_ISDIR(status.st_mode);
+  if (is_directory) {
     std::lock_guard const lock(TheState().mutex);
     TheState().directories.emplace_back(PathOf(file, path));
   }
-  return real(file);
+  auto const lock = recorded_disk::Busy();
+  if (!recorded_disk::IsRecording()) return real(file);
+  is_directory ? recorded_disk::SyncedDirectory(file) : recorded_disk::Synced(file);
+  return 0;
 }

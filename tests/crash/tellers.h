@@ -3,14 +3,25 @@
 
 // Tellers who work in a process until it ends, and what has to be there afterwards.
 
+#include <functional>
+#include <string>
+#include <vector>
+
 #include "crash/bank.h"
 #include "crash/child.h"
 
 namespace crash_test {
 
-// In a child: everyone works in a thread of his own, for ever. Says "teller step" for each step
-// that is known to be committed, first of all how far everyone is. `ready` is called before they
-// begin.
+// Gets the lines that are said; called from any thread.
+using Listener = std::function<void(std::string const&)>;
+
+// In a child: everyone of `tellers` works in a thread of his own, for ever. Says "teller step" for
+// each step that is known to be committed, first of all how far everyone is. `ready` is called
+// before they begin.
+using Tellers = std::vector<std::size_t>;
+Tellers EveryTeller();
+void WorkUntilTheEnd(Listener const& listener, Bank& bank, Tellers const& tellers,
+                     std::function<void()> const& ready = {});
 void WorkUntilTheEnd(Channel& channel, Bank& bank, std::function<void()> const& ready = {});
 
 // Puts down what a child said.
@@ -22,6 +33,9 @@ void NoteRest(Child& child, Progress& acknowledged);
 // each teller may be, and everything fits together.
 void ExpectWholeAfter(std::string const& directory, std::uint64_t seed,
                       Progress const& acknowledged);
+// The same, where each is at least at `least` and at most one behind `most`.
+void ExpectWholeBetween(std::string const& directory, std::uint64_t seed, Progress const& least,
+                        Progress const& most);
 
 }  // namespace crash_test
 
