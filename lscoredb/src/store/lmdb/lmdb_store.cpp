@@ -96,8 +96,8 @@ Status StatusOfStore(int code) {
 
 // ---- snapshots ---------------------------------------------------------------------------------
 
-LmdbSnapshot::LmdbSnapshot(LmdbStore const& store, MDB_txn* writing)
-    : store_(store), txn_(writing), stops_writing_(true) {
+LmdbSnapshot::LmdbSnapshot(LmdbStore const& store, MDB_txn* writing, WriteTurn turn)
+    : store_(store), turn_(std::move(turn)), txn_(writing), stops_writing_(true) {
   set_id(CommitId{store.states_before() + state()});
 }
 
@@ -148,7 +148,8 @@ void LmdbSnapshot::OpenCursor(Tree tree, std::unique_ptr<TreeCursor>& cursor) co
 
 // ---- batches -----------------------------------------------------------------------------------
 
-LmdbBatch::LmdbBatch(LmdbStore& store) : store_(store) {
+LmdbBatch::LmdbBatch(LmdbStore& store)
+    : store_(store), turn_(store.read_only() ? WriteTurn() : WriteTurn(store.locks())) {
   if (store.read_only()) Throw(LSCOREDB_READ_ONLY_DATABASE);
   if (store.given_up()) ThrowDamaged();
   CheckStore(mdb_txn_begin(store.env(), nullptr, 0, &txn_));
@@ -178,6 +179,7 @@ int LmdbBatch::CallWriting(Write const& write) {
   if (code == kBrokenPage) {
     txn_ = nullptr;
     store_.GiveUpWriting();
+    turn_.End();
   }
   return code;
 }
@@ -239,6 +241,7 @@ void LmdbBatch::Commit() {
   if (changed_) store_.BeginOwnCommit(*this);
   int const code = CallWriting([this] { return mdb_txn_commit(txn_); });
   txn_ = nullptr;  // the library ends the transaction whatever comes of it
+  turn_.End();
   if (changed_) store_.EndOwnCommit(*this, code == 0);
   // A write that only found room for a part comes back without the reason.
   if (code == EIO && IsDiskFull(store_.env())) Throw(LSCOREDB_DISK_FULL);
@@ -366,13 +369,13 @@ std::unique_ptr<Snapshot> LmdbStore::BeginVerified(FaultReport const& report) {
 
 std::unique_ptr<LmdbSnapshot> LmdbStore::BeginWithHeader(pages::Header* header) {
   std::unique_ptr<LmdbSnapshot> snapshot;
-  WritePause pause(env_);
+  WritePause pause(locks_, env_);
   std::optional<pages::Header> const found = pages::FindHeader(FileOf(env_), pause.state());
   if (!found) ThrowDamaged();
   *header = *found;
   int const code = TakeSnapshot(&snapshot);
   if (code == MDB_READERS_FULL) {
-    snapshot = std::make_unique<LmdbSnapshot>(*this, pause.txn());
+    snapshot = std::make_unique<LmdbSnapshot>(*this, pause.txn(), pause.ReleaseTurn());
     static_cast<void>(pause.Release());
   } else {
     CheckStore(code);
@@ -463,7 +466,7 @@ void LmdbStore::RequireSync() {
   sync_ = true;
   CheckStore(mdb_env_get_path(env_, &directory));
   SyncDirectory(directory);
-  WritePause const pause(env_);
+  WritePause const pause(locks_, env_);
   CheckStore(mdb_env_set_flags(env_, MDB_NOSYNC, 0));
   CheckStore(mdb_env_sync(env_, 1));
 }

@@ -30,7 +30,7 @@ class LmdbSnapshot final : public Snapshot {
   explicit LmdbSnapshot(LmdbStore const& store) : store_(store) {}
   // Of the newest state, without a place in the table of readers: no one commits until it ends, by
   // the thread that made it. `writing` is an empty transaction for writing.
-  LmdbSnapshot(LmdbStore const& store, MDB_txn* writing);
+  LmdbSnapshot(LmdbStore const& store, MDB_txn* writing, WriteTurn turn);
   ~LmdbSnapshot() override;
 
   bool Get(Tree tree, std::string_view key, std::string_view* value) const override {
@@ -57,6 +57,7 @@ class LmdbSnapshot final : public Snapshot {
   int Began(int code);
 
   LmdbStore const& store_;
+  WriteTurn turn_;
   MDB_txn* txn_ = nullptr;
   MappedState state_;
   bool trees_open_ = false;  // those of `state_`
@@ -84,6 +85,7 @@ class LmdbBatch final : public Batch {
   int PutWith(unsigned flags, Tree tree, std::string_view key, std::string_view value);
 
   LmdbStore& store_;
+  WriteTurn turn_;
   MDB_txn* txn_ = nullptr;
   bool changed_ = false;
 };
@@ -128,6 +130,7 @@ class LmdbStore final : public Store {
   bool read_only() const override { return read_only_; }
 
   // For the other classes of this folder.
+  StoreLocks& locks() { return locks_; }
   MDB_env* env() const { return env_; }
   unsigned Handle(Tree tree) const { return trees_[static_cast<std::size_t>(tree)]; }
   char const* map() const { return map_; }

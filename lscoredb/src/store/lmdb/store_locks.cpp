@@ -21,6 +21,7 @@ constexpr mode_t kFileMode = 0640;
 // Behind all numbers of processes.
 constexpr off_t kOpen = 0;
 constexpr off_t kDurable = off_t{1} << 40;
+constexpr off_t kTurn = kDurable + 1;
 // Far behind all pages.
 constexpr off_t kWriters = off_t{1} << 60;
 constexpr off_t kFrozen = kWriters + 1;
@@ -140,6 +141,22 @@ void StoreLocks::LeaveLine() noexcept {
   flock(directory_, LOCK_UN);
   CloseKept(directory_);
   directory_ = -1;
+}
+
+void StoreLocks::TakeTurn() {
+  turn_.lock();
+  try {
+    Lock(lock_file_, F_WRLCK, kTurn);
+  } catch (...) {
+    turn_.unlock();
+    throw;
+  }
+}
+
+void StoreLocks::LeaveTurn() noexcept {
+  struct flock lock = LockOf(F_UNLCK, kTurn);
+  fcntl(lock_file_, F_OFD_SETLK, &lock);
+  turn_.unlock();
 }
 
 void StoreLocks::RequireSync() { Lock(lock_file_, F_RDLCK, kDurable); }

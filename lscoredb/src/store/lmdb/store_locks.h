@@ -14,6 +14,7 @@
 //   lock.mdb   byte 0       shared      who has the directory open
 //              byte PID     exclusive   the process PID lives, and so do its readers
 //              kDurable     shared      who wants every commit synced, of whatever process
+//              kTurn        exclusive   who writes; WriteTurn
 //   data.mdb   kWriters     shared      who may write
 //              kFrozen      shared      who reads without a place in the table of readers
 //   directory  flock        exclusive   who is opening it, one at a time
@@ -22,7 +23,9 @@
 // source files.
 
 #include <cstdint>
+#include <mutex>
 #include <string>
+#include <utility>
 
 struct MDB_env;
 
@@ -63,6 +66,10 @@ class StoreLocks {
   int lock_file() const { return lock_file_; }
 
  private:
+  friend class WriteTurn;
+
+  void TakeTurn();
+  void LeaveTurn() noexcept;
   void Enter(std::string const& directory);
   void MakeRoom(std::string const& path, std::uint32_t max_readers) const;
 
@@ -70,6 +77,26 @@ class StoreLocks {
   int lock_file_ = -1;
   int data_file_ = -1;     // of one without a place
   int written_file_ = -1;  // the library's
+  std::mutex turn_;        // among the threads of the process
+};
+
+// Stands before the library's own lock for writing, so that no one ever waits for that one. The
+// library wakes one of those who wait; when that one is killed before it takes the lock, while the
+// one before takes it again, the others sleep on and nobody knows of them. The system's locks leave
+// no one behind. Belongs to the thread that took it.
+class WriteTurn {
+ public:
+  WriteTurn() = default;  // none
+  explicit WriteTurn(StoreLocks& locks) : locks_(&locks) { locks.TakeTurn(); }
+  WriteTurn(WriteTurn&& other) noexcept : locks_(std::exchange(other.locks_, nullptr)) {}
+  WriteTurn& operator=(WriteTurn&&) = delete;
+  ~WriteTurn() { End(); }
+  void End() noexcept {
+    if (locks_ != nullptr) std::exchange(locks_, nullptr)->LeaveTurn();
+  }
+
+ private:
+  StoreLocks* locks_ = nullptr;
 };
 
 }  // namespace lscore

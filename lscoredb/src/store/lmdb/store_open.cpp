@@ -261,7 +261,7 @@ class StoreOpener {
   // Returns whether the file has trees; one that has none gets them.
   static bool FindTrees(LmdbStore& store) {
     MDB_env* const env = store.env_;
-    WritePause pause(env);
+    WritePause pause(store.locks_, env);
     pages::Header const header = HeaderOf(env, pause);
     CheckLength(FileOf(env), header);
     CheckPages(FileOf(env), header, PageDepth::kRoots);
