@@ -206,7 +206,7 @@ void CommitApplier::CheckUnique(PendingIndex const& entries, bool nothing_betwee
     if (entry.state != EntryState::kPresent || entry.facts.has_null) continue;
     if (nothing_between && entry.facts.known_unique) continue;
     ObjectId holder = entries.FindOther(key, true);
-    if (holder == kNoObject) holder = FindOtherCommitted(batch_, cursor, entries, key);
+    if (holder == kNoObject) holder = FindOtherBelow(batch_, cursor, entries, key);
     if (holder != kNoObject) Refuse(entries.index(), key, holder);
   }
 }
@@ -273,15 +273,34 @@ void CommitApplier::DeleteChunks(ObjectId id) {
   for (std::uint32_t chunk = 0; batch_.Delete(Tree::kOverflow, ChunkKey(id, chunk));) ++chunk;
 }
 
+// The newest index has the highest keys, unless another process has made one meanwhile.
+void CommitApplier::ApplyUntouched(SortedEntries const& entries) {
+  Cursor last;
+  last.Open(batch_, Tree::kIndex);
+  std::string const highest = last.Last() ? std::string(last.key()) : std::string();
+  last.Close();
+  Cursor cursor;
+  cursor.Open(entries, Tree::kIndex);
+  bool on = cursor.First();
+  bool const above_all = on && cursor.key() > highest;
+  for (; on; on = cursor.Next()) {
+    if (above_all) {
+      batch_.Append(Tree::kIndex, cursor.key(), cursor.value());
+    } else {
+      batch_.Put(Tree::kIndex, cursor.key(), cursor.value());
+    }
+  }
+}
+
 // Removals come first: two long keys of one object may be one key of the store.
 void CommitApplier::ApplyEntries(PendingIndex const& entries) {
   IndexDefinition const& index = entries.index();
+  if (entries.untouched() != nullptr) ApplyUntouched(*entries.untouched());
   if (entries.has_removed()) ApplyRemovals(entries);
   for (auto const& [key, entry] : entries.map()) {
     if (entry.state != EntryState::kPresent) continue;
     PendingRow const* const row = request_.changes.FindRow(key.object);
-    LayoutNumber const layout = row != nullptr ? row->layout->number() : entry.layout;
-    entries_.Put(index, key.encoded, key.object, layout);
+    entries_.Put(index, key.encoded, key.object, row->layout->number());
   }
 }
 

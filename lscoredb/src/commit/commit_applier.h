@@ -80,6 +80,7 @@ class CommitApplier {
   void PutImage(PendingRow const& row);
   void PutChunks(ObjectId id, std::string_view image);
   void DeleteChunks(ObjectId id);
+  void ApplyUntouched(SortedEntries const& entries);
   void ApplyEntries(PendingIndex const& entries);
   void ApplyRemovals(PendingIndex const& entries);
   void ApplyLayouts();

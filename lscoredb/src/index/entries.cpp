@@ -31,17 +31,6 @@ void BuildKey(IndexDefinition const& index, std::string_view encoded, ObjectId o
   AppendOrderedId(key, Raw(object));
 }
 
-void BuildRecord(IndexDefinition const& index, std::string_view encoded, ObjectId object,
-                 LayoutNumber layout, EntryRecord& record) {
-  BuildKey(index, encoded, object, record.key);
-  record.value.clear();
-  Append(record.value, Raw(layout));
-  std::size_t const cut = std::min(encoded.size(), format::kKeyPrefix);
-  record.value.push_back(static_cast<char>(record.key.size() - index.entry_prefix.size() - cut));
-  record.value.append(encoded.substr(cut));
-  AppendChecksum(record.key, record.value);
-}
-
 }  // namespace
 
 int Compare(EncodedKey const& a, EncodedKey const& b) {
@@ -62,6 +51,17 @@ int Compare(Entry const& a, Entry const& b) {
 }
 
 // ---- writing -----------------------------------------------------------------------------------
+
+void BuildRecord(IndexDefinition const& index, std::string_view encoded, ObjectId object,
+                 LayoutNumber layout, EntryRecord& record) {
+  BuildKey(index, encoded, object, record.key);
+  record.value.clear();
+  Append(record.value, Raw(layout));
+  std::size_t const cut = std::min(encoded.size(), format::kKeyPrefix);
+  record.value.push_back(static_cast<char>(record.key.size() - index.entry_prefix.size() - cut));
+  record.value.append(encoded.substr(cut));
+  AppendChecksum(record.key, record.value);
+}
 
 EntryRecord RecordOf(IndexDefinition const& index, std::string_view encoded, ObjectId object,
                      LayoutNumber layout) {

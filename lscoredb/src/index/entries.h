@@ -44,6 +44,9 @@ struct EntryRecord {
 };
 EntryRecord RecordOf(IndexDefinition const& index, std::string_view encoded, ObjectId object,
                      LayoutNumber layout);
+// The same, in memory that `record` has.
+void BuildRecord(IndexDefinition const& index, std::string_view encoded, ObjectId object,
+                 LayoutNumber layout, EntryRecord& record);
 // Of what an entry's record holds. Throws LSCOREDB_DAMAGED. Written in place, since a scan does
 // this at each step.
 void ParseEntry(IndexDefinition const& index, std::string_view key, std::string_view value,

@@ -117,13 +117,14 @@ class TreeCursor {
   // each step is asked for by itself.
   virtual bool EnterPage(KeyValue const& entry, EntryPage* page) = 0;
 
-  Store const& store() const { return store_; }
+  bool IsOf(Store const& store) const { return store_ == &store; }
 
  protected:
-  explicit TreeCursor(Store const& store) : store_(store) {}
+  TreeCursor() = default;
+  explicit TreeCursor(Store const& store) : store_(&store) {}
 
  private:
-  Store const& store_;
+  Store const* store_ = nullptr;
 };
 
 // What a snapshot and a batch have in common: reading.

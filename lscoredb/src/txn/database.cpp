@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <filesystem>
 #include <map>
 #include <mutex>
 #include <string>
@@ -85,7 +86,10 @@ std::shared_ptr<Database> FindOpen(Registry& registry, PlaceId const& id) {
 
 std::shared_ptr<Database> OpenPlace(std::string const& path, StoreOptions options) {
   options.reserve_layouts = true;
-  auto database = std::make_shared<Database>(OpenStore(path.c_str(), options), options.row_memory);
+  // The host may go to another working directory later.
+  std::string const directory = IsServerUrl(path) ? "" : std::filesystem::absolute(path).string();
+  auto database =
+      std::make_shared<Database>(OpenStore(path.c_str(), options), options.row_memory, directory);
   database->layout_numbers().CollectReleased(database->store());
   return database;
 }
@@ -131,7 +135,7 @@ std::uint64_t NextDatabaseNumber() {
 
 std::shared_ptr<Database> OpenDatabase(char const* directory, StoreOptions const& options) {
   if (directory == nullptr) {
-    return std::make_shared<Database>(OpenStore(nullptr, options), options.row_memory);
+    return std::make_shared<Database>(OpenStore(nullptr, options), options.row_memory, "");
   }
   std::string const path = directory;
   if (path.empty()) ThrowCannotOpen(path, ENOENT);

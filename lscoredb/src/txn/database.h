@@ -24,9 +24,10 @@ std::uint64_t NextDatabaseNumber();
 
 class Database {
  public:
-  // `row_memory`: bytes for rows that are kept.
-  Database(std::unique_ptr<Store> store, std::uint64_t row_memory)
-      : store_(std::move(store)),
+  // `row_memory`: bytes for rows that are kept. `directory`: of the store; empty: it has none.
+  Database(std::unique_ptr<Store> store, std::uint64_t row_memory, std::string directory)
+      : directory_(std::move(directory)),
+        store_(std::move(store)),
         layout_numbers_(store_->layout_reservations()),
         rows_(store_->foreign_commits(), row_memory),
         ids_(*store_),
@@ -39,6 +40,8 @@ class Database {
   }
 
   Store& store() { return *store_; }
+  // Where what does not fit into memory may go; empty: nowhere.
+  std::string const& directory() const { return directory_; }
   SharedRowCache& rows() { return rows_; }
   LayoutCache& layouts() { return layouts_; }
   IndexCatalogues& catalogues() { return catalogues_; }
@@ -56,6 +59,7 @@ class Database {
 
  private:
   std::uint64_t const number_ = NextDatabaseNumber();
+  std::string const directory_;
   std::unique_ptr<Store> store_;
   LayoutNumbers layout_numbers_;
   SharedRowCache rows_;

@@ -1,5 +1,7 @@
 #include "index_filler.h"
 
+#include <optional>
+
 #include "bytes.h"
 #include "text.h"
 #include "watched_work.h"
@@ -8,16 +10,22 @@ namespace lscore {
 
 void IndexFiller::Fill(PendingIndex& entries) {
   KeyBytes key;
+  EntryRecord record;
+  EntrySorter sorter(state_.database->directory(), entries.index().entry_prefix.size());
   ++state_.now;
   ForEachObjectOfSet(entries.index().setspec, [&](RowRef const& row) {
     KeyFacts const facts = encoder_.Encode(entries.index(), row, key);
     if (row.pending() != nullptr) {
       entries.Add({key, row.id}, facts, false, state_.now, false);
     } else {
-      entries.AddUntouched({key, row.id}, facts, row.layout->number(), state_.now);
+      BuildRecord(entries.index(), key, row.id, row.layout->number(), record);
+      sorter.Add(record.key, record.value);
     }
   });
-  if (entries.index().unique()) CheckUnique(entries);
+  entries.SetUntouched(sorter.Finish());
+  if (!entries.index().unique()) return;
+  CheckUnique(entries);
+  if (entries.untouched() != nullptr) CheckUntouchedUnique(entries);
 }
 
 // Through an index that is ordered by set specifier when there is one, else through all rows.
@@ -87,12 +95,34 @@ void IndexFiller::ScanRows(std::u16string const& setspec, Visit&& visit) {
   });
 }
 
+// Of the entries that were written, against one another and against the others.
 void IndexFiller::CheckUnique(PendingIndex const& entries) {
+  EntryCursor cursor;
   PendingKey const* last = nullptr;  // the last one that can collide
   for (auto const& [key, entry] : entries.map()) {
     if (entry.facts.has_null || entry.facts.has_unwritten) continue;
     if (last != nullptr && last->encoded == key.encoded) Throw(LSCOREDB_DUPLICATE_KEY);
+    if (FindOtherBelow(*state_.snapshot, cursor, entries, key) != kNoObject) {
+      Throw(LSCOREDB_DUPLICATE_KEY);
+    }
     last = &key;
+  }
+}
+
+// Equal ones are neighbours. They collide unless they have a null, which the row tells.
+void IndexFiller::CheckUntouchedUnique(PendingIndex const& entries) {
+  KeyBytes key;
+  EntryCursor cursor;
+  cursor.Open(*entries.untouched(), entries.index());
+  cursor.SeekFirst({});
+  for (std::optional<Entry> last; cursor.valid(); cursor.Next()) {
+    Entry const& entry = cursor.entry();
+    if (last.has_value() && Compare(last->key, entry.key) == 0) {
+      RowRef const* const row = reader_.FindRow(entry.object);
+      if (row == nullptr) Throw(LSCOREDB_DAMAGED);
+      if (!encoder_.Encode(entries.index(), *row, key).has_null) Throw(LSCOREDB_DUPLICATE_KEY);
+    }
+    last = entry;
   }
 }
 

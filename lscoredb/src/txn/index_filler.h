@@ -28,7 +28,8 @@ class IndexFiller {
   template <typename Visit>
   void ScanRows(std::u16string const& setspec, Visit&& visit);
   IndexDefinition const* FindSetIndex(std::u16string const& setspec);
-  static void CheckUnique(PendingIndex const& entries);
+  void CheckUnique(PendingIndex const& entries);
+  void CheckUntouchedUnique(PendingIndex const& entries);
 
   TransactionState& state_;
   SchemaView& schema_;

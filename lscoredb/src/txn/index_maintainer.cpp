@@ -61,8 +61,7 @@ Status IndexMaintainer::CheckUnique(PendingRow const& row) {
     PendingIndex& pending = Pending(*affected.index);
     PendingKey const key{affected.new_key, row.id};
     if (pending.FindOther(key, false) != kNoObject) return LSCOREDB_DUPLICATE_KEY;
-    if (pending.committed() &&
-        FindOtherCommitted(*state_.snapshot, unique_cursor_, pending, key) != kNoObject) {
+    if (FindOtherBelow(*state_.snapshot, unique_cursor_, pending, key) != kNoObject) {
       return LSCOREDB_DUPLICATE_KEY;
     }
     facts.known_unique = true;

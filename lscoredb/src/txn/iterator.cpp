@@ -27,13 +27,15 @@ void Iterator::Start(ScanSource const& source, IndexDefinition const& index) {
   open_ = true;
   failed_ = LORV_STATUS_OK;
   pending_ = source.changes->FindIndex(index.id);
-  has_committed_ = pending_ == nullptr || pending_->committed();
+  View const* const below =
+      pending_ == nullptr ? source.snapshot : pending_->Below(*source.snapshot);
+  has_committed_ = below != nullptr;
   step_due_ = false;
   given_ = kNoObject;
   steps_ = 0;
   reading_ = false;
   if (has_committed_) {
-    committed_.Open(*source.snapshot, index);
+    committed_.Open(*below, index);
     reverse_ ? committed_.SeekLast(high_) : committed_.SeekFirst(low_);
   }
   at_end_ = pending_ == nullptr;
@@ -115,7 +117,7 @@ Entry const* Iterator::NextEntry() {
     bool const committed = CommittedInRange();
     bool const pending = PendingInRange();
     if (!committed && !pending) return nullptr;
-    if (pending) written_ = {{at_->first.encoded, {}}, at_->first.object, at_->second.layout};
+    if (pending) written_ = {{at_->first.encoded, {}}, at_->first.object, {}};
     int order = committed ? -1 : 1;
     if (committed && pending) {
       order = Compare(committed_.entry(), written_);

@@ -127,11 +127,6 @@ void PendingIndex::SetRemoved(PendingEntry& entry) {
   has_removed_ = true;
 }
 
-void PendingIndex::AddUntouched(PendingKey key, KeyFacts facts, LayoutNumber layout, Sequence now) {
-  Add(key, facts, false, now, false);
-  map_.find(key)->second.layout = layout;
-}
-
 void PendingIndex::Remove(PendingKey key, Sequence now, bool keep_history) {
   auto const at = map_.find(key);
   if (at == map_.end()) {
@@ -177,9 +172,11 @@ ObjectId PendingIndex::FindOther(PendingKey key, bool count_unwritten) const {
   return kNoObject;
 }
 
-ObjectId FindOtherCommitted(View const& view, EntryCursor& cursor, PendingIndex const& pending,
-                            PendingKey key) {
-  cursor.Open(view, pending.index());
+ObjectId FindOtherBelow(View const& committed, EntryCursor& cursor, PendingIndex const& pending,
+                        PendingKey key) {
+  View const* const below = pending.Below(committed);
+  if (below == nullptr) return kNoObject;
+  cursor.Open(*below, pending.index());
   for (cursor.SeekFirst(key.encoded);
        cursor.valid() && ComparePrefix(cursor.entry().key, key.encoded) == 0; cursor.Next()) {
     ObjectId const object = cursor.entry().object;

@@ -23,6 +23,7 @@
 #include "oid_map.h"
 #include "pending_entry.h"
 #include "row.h"
+#include "sorted_entries.h"
 #include "undo_log.h"
 
 namespace lscore {
@@ -98,6 +99,8 @@ class KeyEncoder {
 
 // ---- index entries -----------------------------------------------------------------------------
 
+// What the transaction has written lies over entries that it has not touched: those of the
+// snapshot, or for an index that it creates those of the objects that were there.
 class PendingIndex {
  public:
   using Map = PendingEntryMap;
@@ -108,6 +111,15 @@ class PendingIndex {
 
   IndexDefinition const& index() const { return *index_; }
   bool committed() const { return committed_; }
+  // What the written entries lie over; null: nothing. `committed` is the state that is read.
+  View const* Below(View const& committed) const {
+    return committed_ ? &committed : untouched_.get();
+  }
+  // Null: there are none. REQUIRES: the index is created by the transaction.
+  void SetUntouched(std::unique_ptr<SortedEntries const> entries) {
+    untouched_ = std::move(entries);
+  }
+  SortedEntries const* untouched() const { return untouched_.get(); }
   Map const& map() const { return map_; }
   // Whether there may be an entry that is present and whose key is not known to be unique, or one
   // that is removed and may be committed. Most transactions have neither.
@@ -121,8 +133,6 @@ class PendingIndex {
 
   // `keep_history`: an open iterator may have to see the state that is replaced.
   void Add(PendingKey key, KeyFacts facts, bool may_be_committed, Sequence now, bool keep_history);
-  // An entry of an object that the transaction has not touched.
-  void AddUntouched(PendingKey key, KeyFacts facts, LayoutNumber layout, Sequence now);
   void Remove(PendingKey key, Sequence now, bool keep_history);
   void SetFacts(PendingKey key, KeyFacts facts);
 
@@ -148,11 +158,13 @@ class PendingIndex {
   bool has_unproven_ = false;
   bool has_removed_ = false;
   Map map_;
+  std::unique_ptr<SortedEntries const> untouched_;
 };
 
-// Another object with an entry of this encoding in `view` that the transaction leaves, or none.
-ObjectId FindOtherCommitted(View const& view, EntryCursor& cursor, PendingIndex const& pending,
-                            PendingKey key);
+// Another object with an entry of this encoding below those that were written, over `committed`,
+// that the transaction leaves, or none.
+ObjectId FindOtherBelow(View const& committed, EntryCursor& cursor, PendingIndex const& pending,
+                        PendingKey key);
 
 // ---- all of it ---------------------------------------------------------------------------------
 

@@ -24,7 +24,7 @@ struct KeyFacts {
 };
 
 enum class EntryState : std::uint8_t {
-  kUntouched,  // as the snapshot has it
+  kUntouched,  // as it was before the transaction
   kPresent,
   kRemoved,
 };
@@ -66,9 +66,8 @@ struct PendingKeyLess {
 
 struct PendingEntry {
   EntryState state = EntryState::kUntouched;
-  bool may_be_committed = false;  // the snapshot may hold this entry too
+  bool may_be_committed = false;  // it may be among the untouched ones too
   KeyFacts facts;
-  LayoutNumber layout{};  // of an object that the transaction has not touched
   Sequence since = 0;
   PendingEntry const* older = nullptr;  // what open iterators may still have to see
 

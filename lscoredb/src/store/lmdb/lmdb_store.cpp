@@ -140,7 +140,7 @@ void LmdbSnapshot::OpenTrees() {
 }
 
 void LmdbSnapshot::OpenCursor(Tree tree, std::unique_ptr<TreeCursor>& cursor) const {
-  if (cursor != nullptr && &cursor->store() == &store_ && typeid(*cursor) == typeid(MappedCursor)) {
+  if (cursor != nullptr && cursor->IsOf(store_) && typeid(*cursor) == typeid(MappedCursor)) {
     return static_cast<MappedCursor&>(*cursor).Open(state_, tree);
   }
   cursor = std::make_unique<MappedCursor>(store_, state_, tree);

@@ -37,7 +37,7 @@ bool LayeredView::KeepPage(BuiltPage made, EntryPage* page) const {
 }
 
 void LayeredView::OpenCursor(Tree tree, std::unique_ptr<TreeCursor>& cursor, bool frozen) const {
-  if (frozen && cursor != nullptr && &cursor->store() == &store_) {
+  if (frozen && cursor != nullptr && cursor->IsOf(store_)) {
     auto& there = static_cast<LogCursor&>(*cursor);
     if (there.renewable()) {
       there.Renew(*this, tree);

@@ -1,0 +1,287 @@
+// What grows with the number of objects: loading, an index over all of them, opening and the check,
+// each with its time and memory. The check stands beside a sequential read of the file and one get
+// of the store for each entry of an index, in the order of the indexes.
+//
+//   bench_large DIRECTORY OBJECTS
+//
+// The directory is made, and has to be removed afterwards.
+
+#include <fcntl.h>
+#include <lmdb.h>
+#include <lscoredb/host.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <fstream>
+#include <functional>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+constexpr std::uint64_t kBatch = 10000;
+constexpr char16_t kSet[] = u"all/";
+constexpr std::uint64_t kNumber = 100;
+constexpr std::uint64_t kName = 101;
+constexpr std::uint64_t kGroup = 102;
+constexpr std::uint64_t kWeight = 103;
+constexpr std::uint64_t kOther = 104;
+alignas(8) constexpr std::uint8_t kAnyKey[8] = {0xC0};
+constexpr std::size_t kMegabyte = std::size_t{1} << 20;
+
+void Check(std::uint32_t status) {
+  if (status != 0) throw std::runtime_error(lscoredb_status_text(status));
+}
+
+void CheckStore(int code) {
+  if (code != 0) throw std::runtime_error(mdb_strerror(code));
+}
+
+// ---- time and memory ----------------------------------------------------------------------------
+
+// Memory of the process itself: pages of files that are mapped can be had again.
+std::size_t OwnMemory() {
+  std::ifstream status("/proc/self/status");
+  for (std::string line; std::getline(status, line);) {
+    if (line.starts_with("RssAnon:")) return std::stoul(line.substr(8)) * 1024;
+  }
+  return 0;
+}
+
+// The most that the process had while the object lived.
+class MemoryWatch {
+ public:
+  ~MemoryWatch() { Stop(); }
+  std::size_t Stop() {
+    over_ = true;
+    if (thread_.joinable()) thread_.join();
+    return most_;
+  }
+
+ private:
+  std::atomic<bool> over_{false};
+  std::size_t most_ = OwnMemory();
+  std::thread thread_{[this] {
+    while (!over_) {
+      most_ = std::max(most_, OwnMemory());
+      usleep(20000);
+    }
+  }};
+};
+
+// Of all threads, which is what a busy machine does not change.
+double ProcessorSeconds() {
+  timespec time{};
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time);
+  return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
+}
+
+double Measure(char const* what, std::function<void()> const& work) {
+  std::size_t const before = OwnMemory();
+  MemoryWatch watch;
+  double const busy_before = ProcessorSeconds();
+  auto const begin = std::chrono::steady_clock::now();
+  work();
+  std::chrono::duration<double> const took = std::chrono::steady_clock::now() - begin;
+  double const busy = ProcessorSeconds() - busy_before;
+  std::size_t const most = watch.Stop();
+  std::printf("%-44s %9.3f s, busy %9.3f s, memory %6zu MiB, at most %6zu, then %6zu\n", what,
+              took.count(), busy, before / kMegabyte, most / kMegabyte, OwnMemory() / kMegabyte);
+  std::fflush(stdout);
+  return took.count();
+}
+
+// ---- the database -------------------------------------------------------------------------------
+
+class Database {
+ public:
+  explicit Database(std::string const& directory) {
+    lscoredb_options options{};
+    options.size = sizeof options;
+    options.durability = LSCOREDB_NO_SYNC;
+    Check(lscoredb_open(directory.c_str(), &options, &database_));
+    Check(lscoredb_context_open(database_, &context_));
+  }
+  ~Database() {
+    lscoredb_context_close(context_);
+    lscoredb_close(database_);
+  }
+  Database(Database const&) = delete;
+  Database& operator=(Database const&) = delete;
+
+  lscoredb* handle() const { return database_; }
+  std::uint64_t context() const { return context_; }
+  void Begin() const { Check(lscoredb_begin(context_, LSCOREDB_READ_WRITE)); }
+  void Commit() const { Check(lscoredb_commit(context_)); }
+
+  std::uint64_t MakeIndex(std::uint64_t token, std::vector<LORVI_COLUMN_DEFINITION> columns) const {
+    columns.push_back({});
+    std::uint64_t index = 0;
+    Check(lorvi_context_create_index(context_, token, kSet, columns.data(), 0, 0, &index));
+    return index;
+  }
+
+ private:
+  lscoredb* database_ = nullptr;
+  std::uint64_t context_ = 0;
+};
+
+LORVI_COLUMN_DEFINITION Column(std::uint8_t type, std::uint64_t token) { return {type, 1, token}; }
+
+std::uint64_t Mixed(std::uint64_t value) {
+  value = (value ^ (value >> 31)) * 0x9E3779B97F4A7C15;
+  return value ^ (value >> 29);
+}
+
+void Load(Database const& database, std::uint64_t count, std::vector<std::uint64_t>& indexes) {
+  std::uint16_t layout = 0;
+  std::uint64_t const context = database.context();
+  std::vector<LORVI_COLUMN_DEFINITION> const columns{
+      Column(LORV_TYPE_LONG, kNumber), Column(LORV_TYPE_STRING, kName),
+      Column(LORV_TYPE_LONG, kGroup),  Column(LORV_TYPE_DOUBLE, kWeight),
+      Column(LORV_TYPE_LONG, kOther),  {}};
+  database.Begin();
+  Check(lorvi_context_create_layout(context, 50, 0, columns.data(), 0, &layout));
+  indexes.push_back(database.MakeIndex(60, {Column(LORV_TYPE_LONG, kNumber)}));
+  indexes.push_back(database.MakeIndex(61, {Column(LORV_TYPE_STRING, kName)}));
+  for (std::uint64_t i = 0; i < count; ++i) {
+    std::uint64_t object = 0;
+    std::u16string name = u"object ";
+    for (char const digit : std::to_string(Mixed(i) % 1000000007)) {
+      name.push_back(static_cast<char16_t>(digit));
+    }
+    Check(lorv_context_insert(context, layout, &object));
+    Check(lorv_context_put_setspec(context, object, 0, kSet));
+    Check(lorv_context_put_long(context, object, 0, 2, static_cast<std::int64_t>(Mixed(i) >> 1)));
+    Check(lorv_context_put_string(context, object, 0, 3, name.c_str()));
+    Check(lorv_context_put_long(context, object, 0, 4, static_cast<std::int64_t>(i % 1000)));
+    Check(lorv_context_put_double(context, object, 0, 5, static_cast<double>(i)));
+    Check(lorv_context_put_long(context, object, 0, 6, static_cast<std::int64_t>(i)));
+    if ((i + 1) % kBatch != 0) continue;
+    database.Commit();
+    database.Begin();
+  }
+  database.Commit();
+}
+
+// ---- the check and what it is measured by -------------------------------------------------------
+
+void ReadAll(std::string const& path) {
+  std::vector<char> piece(kMegabyte);
+  int const file = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  while (read(file, piece.data(), piece.size()) > 0) {
+  }
+  close(file);
+}
+
+void DropFromMemory(std::string const& path) {
+  int const file = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  fdatasync(file);
+  posix_fadvise(file, 0, 0, POSIX_FADV_DONTNEED);
+  close(file);
+}
+
+// The objects of all entries, index by index.
+std::vector<std::uint64_t> ObjectsOfEntries(Database const& database,
+                                            std::vector<std::uint64_t> const& indexes) {
+  std::vector<std::uint64_t> objects;
+  Check(lscoredb_begin(database.context(), LSCOREDB_READ_ONLY_TRANSACTION));
+  for (std::uint64_t const index : indexes) {
+    std::uint64_t iterator = 0;
+    Check(lorv_context_create_iterator(database.context(), index, LORV_ITERATOR_FORWARD, kAnyKey,
+                                       kAnyKey, &iterator));
+    for (LORV_REFERENCE found{};;) {
+      Check(lorv_iterator_next(iterator, &found));
+      if (found.oid == 0) break;
+      objects.push_back(found.oid);
+    }
+    Check(lorv_iterator_free(iterator));
+  }
+  Check(lscoredb_commit(database.context()));
+  return objects;
+}
+
+void GetEach(std::string const& directory, std::vector<std::uint64_t> const& objects) {
+  MDB_env* env = nullptr;
+  MDB_txn* txn = nullptr;
+  MDB_dbi rows = 0;
+  CheckStore(mdb_env_create(&env));
+  CheckStore(mdb_env_set_maxdbs(env, 8));
+  CheckStore(mdb_env_set_mapsize(env, std::size_t{64} << 30));
+  CheckStore(mdb_env_open(env, directory.c_str(), MDB_RDONLY | MDB_NORDAHEAD, 0640));
+  CheckStore(mdb_txn_begin(env, nullptr, MDB_RDONLY, &txn));
+  CheckStore(mdb_dbi_open(txn, "rows", MDB_INTEGERKEY, &rows));
+  for (std::uint64_t object : objects) {
+    MDB_val key{sizeof object, &object};
+    MDB_val value;
+    CheckStore(mdb_get(txn, rows, &key, &value));
+  }
+  mdb_txn_abort(txn);
+  mdb_env_close(env);
+}
+
+void CheckBeside(std::string const& directory, std::vector<std::uint64_t> const& indexes) {
+  std::string const path = directory + "/data.mdb";
+  std::vector<std::uint64_t> objects;
+  {
+    Database const database(directory);
+    objects = ObjectsOfEntries(database, indexes);
+  }
+  for (bool const cold : {true, false}) {
+    char const* const how = cold ? "cold" : "warm";
+    auto const prepare = [&] { cold ? DropFromMemory(path) : ReadAll(path); };
+    auto const named = [&](char const* what) { return std::string(what) + ", " + how; };
+    prepare();
+    double const read = Measure(named("read the file").c_str(), [&] { ReadAll(path); });
+    prepare();
+    double const get =
+        Measure(named("one get for each entry").c_str(), [&] { GetEach(directory, objects); });
+    prepare();
+    Database const database(directory);
+    double const check = Measure(named("check").c_str(), [&] {
+      Check(lscoredb_check(database.handle(), 0, nullptr, nullptr));
+    });
+    std::printf("%-44s %9.2f\n", "check / (read + gets)", check / (read + get));
+  }
+}
+
+void Run(std::string const& directory, std::uint64_t count) {
+  std::vector<std::uint64_t> indexes;
+  {
+    Database const database(directory);
+    double const load = Measure("load", [&] { Load(database, count, indexes); });
+    std::printf("%-44s %9.0f\n", "objects a second", static_cast<double>(count) / load);
+    database.Begin();
+    Measure("make an index over all", [&] {
+      indexes.push_back(database.MakeIndex(
+          62, {Column(LORV_TYPE_LONG, kGroup), Column(LORV_TYPE_STRING, kName)}));
+    });
+    Measure("commit it", [&] { database.Commit(); });
+  }
+  Measure("open and close", [&] { Database const database(directory); });
+  CheckBeside(directory, indexes);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc != 3) {
+    std::fprintf(stderr, "usage: bench_large DIRECTORY OBJECTS\n");
+    return 2;
+  }
+  try {
+    Run(argv[1], std::strtoull(argv[2], nullptr, 10));
+    return 0;
+  } catch (std::exception const& failure) {
+    std::fprintf(stderr, "bench_large: %s\n", failure.what());
+    return 1;
+  }
+}
