@@ -36,7 +36,7 @@ void RequireInside(std::string const& image, Cell const& cell) {
 
 // Everything that a reader does with an image that was found good.
 void ReadAll(std::string const& image, Layout const& layout) {
-  RowImage const row(image.data());
+  RowImage const row(image);
   RequireInside(image, row.Setspec(layout));
   std::u16string units;
   Unpack(row.Setspec(layout).text(), units);
@@ -93,7 +93,7 @@ void BuildAndRead(Input& input) {
   ImageBuilder builder;
   std::string const image(builder.Build(kId, layout, CommitId{9}, setspec, cells));
   Require(RowImage::Validate(image, kId, layout), "what is built is good");
-  RowImage const row(image.data());
+  RowImage const row(image);
   Require(row.Setspec(layout).bytes() == setspec.bytes().substr(0, setspec.size),
           "a set reads back");
   for (std::size_t i = 0; i < cells.size(); ++i) {
