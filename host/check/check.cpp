@@ -158,7 +158,7 @@ void CheckCatalogue(Transaction& transaction, CheckOptions const& options,
 
 void CheckDatabase(std::string const& directory, CheckOptions const& options,
                    FindingReport const& report) {
-  detail::RequireDataFile(directory);  // the kernel would make one
+  detail::RequireDatabase(directory);  // the kernel would make one
   constexpr std::uint64_t kKernelQuarters = 3;
   checks::Progress progress(options, kKernelQuarters);
   KernelFindings const findings = Kernel(directory).Check(progress);

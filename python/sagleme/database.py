@@ -12,7 +12,7 @@ from typing import Any, NamedTuple, TypeVar
 
 from . import _core, models
 from . import schema as schemas
-from .errors import ClosedError, Conflict, SchemaError, WrongType
+from .errors import ClosedError, Conflict, OpenError, SchemaError, WrongType
 from .queries import Query
 
 T = TypeVar("T")
@@ -366,7 +366,7 @@ def _refuse(plan: schemas.Plan, allowed: set[str]) -> None:
 
 def open(path: str | os.PathLike[str] | None, models: Iterable[Any] | None = None, *,
          sync: bool = True, max_file_size: int = 0, row_memory: int = 0) -> Database:
-    """Opens the database in a directory; None gives a new one in memory.
+    """Opens the database in a directory or at a server's URL; None gives a new one in memory.
 
     With `models` a missing directory is created. Without them, every table gets a class made from
     the catalogue: ``db["Library.Book"]``. `sync=False` lets commits survive the process but not the
@@ -382,5 +382,16 @@ def open(path: str | os.PathLike[str] | None, models: Iterable[Any] | None = Non
     return Database(handle, classes, name)
 
 
+_NOT_A_DATABASE = 9031
+
+
 def _holds_database(path: str) -> bool:
-    return os.path.exists(os.path.join(path, "data.mdb"))
+    if not path.startswith(("postgresql://", "postgres://")):
+        return os.path.exists(os.path.join(path, "data.mdb"))
+    try:
+        _core.Database(path).close()
+    except OpenError as error:
+        if error.status == _NOT_A_DATABASE:
+            return False
+        raise
+    return True

@@ -64,10 +64,11 @@ class Database {
     return statistics;
   }
 
-  // Whether a directory holds a data file of the kernel, as far as one is allowed to look.
+  // Whether a directory holds a data file of the kernel, as far as one is allowed to look, or a URL
+  // leads to the tables of a database, as far as its server answers.
   static bool ExistsIn(std::string const& directory) {
-    std::error_code refused;
-    return std::filesystem::exists(std::filesystem::path(directory) / "data.mdb", refused);
+    std::uint32_t found = 0;
+    return lscoredb_exists(directory.c_str(), &found) == 0 && found != 0;
   }
 
  private:
@@ -165,14 +166,16 @@ inline constexpr std::uint32_t kPartialCatalogue = SAGLEME_NOT_PREPARED;
 // What creation makes last: the index over the texts of set specifiers.
 inline constexpr char16_t kLastIndexOfCreation[] = u"TypeId";
 
-inline void RequireDataFile(std::string const& directory) {
-  auto const file = std::filesystem::path(directory) / "data.mdb";
+inline void RequireDatabase(std::string const& place) {
+  std::uint32_t found = 0;
+  CheckOpened(lscoredb_exists(place.c_str(), &found), place);
+  if (found != 0) return;
+  auto const file = std::filesystem::path(place) / "data.mdb";
   std::error_code refused;
-  if (std::filesystem::exists(file, refused)) return;
-  if (refused) {
+  if (!IsServerUrl(place) && !std::filesystem::exists(file, refused) && refused) {
     throw Error(LSCOREDB_CANNOT_OPEN, "Cannot open " + file.string() + ": " + refused.message());
   }
-  throw Error(LSCOREDB_NOT_A_DATABASE, "There is no database in " + directory + ".");
+  throw Error(LSCOREDB_NOT_A_DATABASE, "There is no database " + WithPreposition(place) + ".");
 }
 
 // Owns a continuation between two steps.
@@ -247,18 +250,19 @@ inline Database Database::Create(std::string const& directory, Progress const& p
   Database database = OpenKernel(directory.c_str(), options);
   detail::CreationLock const alone(directory);
   if (database.IsWhole()) {
-    throw Error(LSCOREDB_CANNOT_OPEN, directory + " already holds a database.");
+    throw Error(LSCOREDB_CANNOT_OPEN, ShownPlace(directory) + " already holds a database.");
   }
   database.Bootstrap(progress);
   return database;
 }
 
 inline Database Database::Open(std::string const& directory, Options const& options) {
-  detail::RequireDataFile(directory);
+  detail::RequireDatabase(directory);
   Database database = OpenKernel(directory.c_str(), options);
   if (!database.IsWhole()) {
-    throw Error(detail::kPartialCatalogue,
-                "The creation of the database in " + directory + " was cut off. Create it again.");
+    throw Error(detail::kPartialCatalogue, "The creation of the database " +
+                                               detail::WithPreposition(directory) +
+                                               " was cut off. Create it again.");
   }
   return database;
 }

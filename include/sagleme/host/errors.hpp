@@ -7,6 +7,7 @@
 #include <sagleme/export.h>
 #include <sagleme/sagleme.h>
 
+#include <sagleme/host/place.hpp>
 #include <sagleme/host/text.hpp>
 #include <sagleme/metalayer.hpp>
 #include <stdexcept>
@@ -118,13 +119,17 @@ inline void CheckKernel(std::uint32_t status) {
   if (status != 0) throw Error(status, StatusText(status));
 }
 
-// Throws for a non-zero status of lscoredb_open, with the file that the system refused, or else the
-// directory.
-inline void CheckOpened(std::uint32_t status, std::string const& directory) {
+// Throws for a non-zero status of lscoredb_open, with what the system or a server refused, or else
+// the place.
+inline void CheckOpened(std::uint32_t status, std::string const& place) {
   if (status == 0) return;
-  std::string const refused = lscoredb_open_error();
-  if (!refused.empty()) throw Error(status, "Cannot open " + refused);
-  throw Error(status, "Cannot open the database in " + directory + ": " + StatusText(status));
+  std::string const refused = WithoutPasswords(lscoredb_open_error(), place);
+  if (!refused.empty() && !IsServerUrl(place)) throw Error(status, "Cannot open " + refused);
+  std::string text = "Cannot open the database " + WithPreposition(place) + ": ";
+  constexpr std::string_view kSubject = "the database: ";  // which the text has named
+  text.append(refused, refused.starts_with(kSubject) ? kSubject.size() : 0);
+  if (refused.empty()) text.append(StatusText(status));
+  throw Error(status, text);
 }
 
 // Throws for a non-zero status of the metadata layer. Moves the layer's text, if any, out of the
