@@ -12,7 +12,7 @@ namespace tool {
 namespace {
 
 constexpr char const* kAbout =
-    "Looks into databases, changes their schemas, loads, dumps, checks and tidies them.\n"
+    "Inspects databases, changes their schemas, loads, dumps, checks and cleans them.\n"
     "\n"
     "Exit status: 0 done, 1 a problem was found, 2 wrong usage, 3 the database cannot\n"
     "be opened, 4 the work was refused or failed, 5 there is something to do\n"

@@ -31,7 +31,7 @@ class ApplySchema : public Command {
              "shows what would be changed; ends with status 5 if anything would"},
             {"apply shop shop.json", "makes the changes in one transaction"},
             {"apply shop shop.json --allow-destructive",
-             "makes changes that lose values or objects too"}};
+             "also makes changes that lose values or objects"}};
   }
   void Declare(CLI::App& app) override {
     app.add_option("FILE", file_, "A schema document; - is standard input")
@@ -40,7 +40,7 @@ class ApplySchema : public Command {
     app.add_flag("--plan", plan_only_,
                  "Show the plan and change nothing. The status is 5 if there is something to do");
     app.add_flag("--allow-destructive", destructive_,
-                 "Make changes that lose values or objects too");
+                 "Also make changes that lose values or objects");
   }
   Exit Run(Session& session, Output& output) override;
 

@@ -15,16 +15,16 @@ class CheckCommand : public Command {
  public:
   std::string name() const override { return "check"; }
   std::string summary() const override {
-    return "Look for damage in file, catalogue, objects and indexes";
+    return "Check the file, catalogue, objects and indexes for damage";
   }
   std::vector<Example> examples() const override {
     return {{"check shop", "lists what is wrong; ends with status 1 if anything is"},
-            {"check shop --no-references", "passes over references to missing objects"}};
+            {"check shop --no-references", "does not report references to missing objects"}};
   }
   void Declare(CLI::App& app) override {
     app.add_flag_callback(
         "--no-references", [this] { options_.references = false; },
-        "Pass over references to missing objects");
+        "Do not report references to missing objects");
   }
   bool lists() const override { return true; }
   Exit Run(Session& session, Output& output) override;

@@ -17,7 +17,7 @@ class Create : public Command {
     return {{"create shop", "creates the directory shop with an empty database in it"}};
   }
   void Declare(CLI::App& app) override {
-    app.add_flag("--log", log_, "Have commits go to a log first, which makes each of them faster");
+    app.add_flag("--log", log_, "Write commits to a log first, which makes them faster");
   }
   bool at_prompt() const override { return false; }
   Exit Run(Session& session, Output& output) override;

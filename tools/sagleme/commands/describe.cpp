@@ -17,7 +17,7 @@ class DescribeCommand : public Command {
             {"describe shop App.Customer --format markdown", "for a document"}};
   }
   void Declare(CLI::App& app) override {
-    app.add_option("TABLE", table_, "The table; leading parts of its name can be left out")
+    app.add_option("TABLE", table_, "The table; leading parts of its name may be omitted")
         ->required()
         ->type_name("");
     app.add_flag("--system", system_, "Show the hidden columns too, and the root of all tables");

@@ -37,13 +37,12 @@ class LoadCommand : public Command {
     return {{"load copy shop.dump", "creates the directory copy; all objects keep their ids"}};
   }
   std::string details() const override {
-    return "The database grows in the directory DB.loading and gets its name when all of it is "
-           "there: a load that is cut off leaves no database. A dump that gzip compressed is "
-           "unpacked.";
+    return "The database is built in the directory DB.loading and renamed when it is complete: an "
+           "interrupted load leaves no database. Dumps compressed by gzip are unpacked.";
   }
   void Declare(CLI::App& app) override {
     app.add_option("FILE", file_, "A dump; - is standard input")->required()->type_name("");
-    app.add_flag("--new-ids", new_ids_, "Number the objects anew, from 1, and their references");
+    app.add_flag("--new-ids", new_ids_, "Renumber the objects from 1, and their references");
   }
   bool at_prompt() const override { return false; }
   Exit Run(Session& session, Output& output) override {

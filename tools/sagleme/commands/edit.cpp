@@ -105,7 +105,7 @@ class Insert : public Command {
             {"insert shop Order Customer=Name=Ada Total=12.50", "an order of that customer"}};
   }
   void Declare(CLI::App& app) override {
-    app.add_option("TABLE", table_, "The table; leading parts of its name can be left out")
+    app.add_option("TABLE", table_, "The table; leading parts of its name may be omitted")
         ->required()
         ->type_name("");
     values_.Declare(app);

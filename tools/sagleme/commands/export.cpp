@@ -24,7 +24,7 @@ class Export : public Command {
              "without derived tables, one JSON object a line"}};
   }
   void Declare(CLI::App& app) override {
-    app.add_option("TABLE", table_, "The table; leading parts of its name can be left out")
+    app.add_option("TABLE", table_, "The table; leading parts of its name may be omitted")
         ->required()
         ->type_name("");
     app.add_flag("--only", only_, "Leave out the objects of derived tables");

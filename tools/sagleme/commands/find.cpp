@@ -12,7 +12,7 @@ namespace {
 class Find : public Command {
  public:
   std::string name() const override { return "find"; }
-  std::string summary() const override { return "Show the objects that an index holds for a key"; }
+  std::string summary() const override { return "Find objects by the key of an index"; }
   std::vector<Example> examples() const override {
     return {{"find shop CustomerByName Adams", "the customers of that name"},
             {"find shop OrderByDate", "all orders, by date"},

@@ -47,33 +47,33 @@ class Import : public Command {
   std::string summary() const override { return "Create objects from the rows of a file"; }
   std::string details() const override {
     return "Rows are committed in batches of 20,000. When a row is bad, or the import is stopped, "
-           "the batches before it stay, and the message says which --skip goes on from there. "
+           "earlier batches stay, and the message says with which --skip to continue. "
            "--atomic commits all rows or none, in memory that grows with the file; inside a "
            "transaction at the prompt this is always so.\n"
-           "A file that gzip compressed is unpacked; UTF-16 is read where the file begins with a "
-           "byte order mark. A CSV file may have commas, semicolons, tabs or bars between its "
-           "values.";
+           "Files compressed by gzip are unpacked. UTF-16 is recognised by its byte order mark. "
+           "The "
+           "values of a CSV file may be separated by commas, semicolons, tabs or bars.";
   }
   std::vector<Example> examples() const override {
     return {{"import shop Customer customers.csv", "all rows; stops at the first bad one"},
-            {"import shop Customer customers.csv --skip 40000", "goes on behind row 40,000"},
+            {"import shop Customer customers.csv --skip 40000", "continues after row 40,000"},
             {"import shop Order orders.jsonl --reject bad.jsonl",
              "collects the bad rows in a file and imports the others"}};
   }
   void Declare(CLI::App& app) override {
-    app.add_option("TABLE", table_, "The table; leading parts of its name can be left out")
+    app.add_option("TABLE", table_, "The table; leading parts of its name may be omitted")
         ->required()
         ->type_name("");
     app.add_option("FILE", file_, "CSV with a heading line, or JSON Lines; - is standard input")
         ->required()
         ->type_name("");
     app.add_flag("--jsonl", json_, "Read JSON Lines, as from a file named .jsonl");
-    app.add_option("--separator", separator_, "What stands between the values of a CSV file")
+    app.add_option("--separator", separator_, "The separator of the values in a CSV file")
         ->type_name("CHAR");
     app.add_option("--reject", reject_, "Collect bad rows in FILE and go on")->type_name("FILE");
-    AddCount(app, "--skip", skip_, "Leave out the first COUNT rows, which are in already");
+    AddCount(app, "--skip", skip_, "Skip the first COUNT rows, which are already imported");
     app.add_flag("--atomic", atomic_, "Import all rows in one transaction, or none");
-    app.add_flag("--keep-ids", keep_ids_, "Give the objects the ids that stand in the file");
+    app.add_flag("--keep-ids", keep_ids_, "Give the objects the ids in the file");
   }
   Exit Run(Session& session, Output& output) override;
 

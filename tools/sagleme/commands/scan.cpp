@@ -25,12 +25,12 @@ class Scan : public Command {
   void Declare(CLI::App& app) override {
     selection_.Declare(app);
     app.add_option("--order", order_,
-                   "Sort by a column, descending with :desc behind its name. Can be repeated")
+                   "Sort by a column, descending with :desc after its name. Can be repeated")
         ->allow_extra_args(false)
         ->type_name("COLUMN");
     AddCount(app, "--limit", limit_, "Show at most COUNT objects");
     app.add_flag("--all-columns", all_columns_, "Show the columns of derived tables too");
-    app.add_flag("--explain", explain_, "Say on standard error how the objects are found");
+    app.add_flag("--explain", explain_, "Explain on standard error how the objects are found");
   }
   bool lists() const override { return true; }
   Exit Run(Session& session, Output& output) override;

@@ -8,10 +8,10 @@ char const* const kConditionHelp =
     "Conditions: Pages=10, Pages!=10, Pages<10, Pages<=10, Pages>10, Pages>=10, Pages=10..20 (both "
     "included), Title^=The (begins with), Title*=and (contains), Pages= (null or empty), Pages!= "
     "(neither), Owner=131073 or Owner=Name=Ada (a reference by id or by a unique column).\n"
-    "All conditions have to hold. An index is used where one fits.";
+    "All conditions must hold. A suitable index is used if there is one.";
 
 void Selection::Declare(CLI::App& app) {
-  app.add_option("TABLE", table_, "The table; leading parts of its name can be left out")
+  app.add_option("TABLE", table_, "The table; leading parts of its name may be omitted")
       ->required()
       ->type_name("");
   app.add_flag("--only", only_, "Leave out the objects of derived tables");

@@ -11,7 +11,7 @@ namespace {
 class Tables : public Command {
  public:
   std::string name() const override { return "tables"; }
-  std::string summary() const override { return "List the tables with their objects counted"; }
+  std::string summary() const override { return "List the tables with their object counts"; }
   std::vector<Example> examples() const override {
     return {
         {"tables shop", "all tables by name"},

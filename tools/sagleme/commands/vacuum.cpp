@@ -24,10 +24,10 @@ class VacuumCommand : public Command {
         {"vacuum shop --batch 100 --pause 50", "in small transactions with pauses between them"}};
   }
   std::string details() const override {
-    return "Every batch is a transaction of its own. A vacuum that is cut off, by Ctrl-C, a kill "
+    return "Each batch is a separate transaction. A vacuum that is interrupted by Ctrl-C, a kill "
            "or "
-           "a power failure, keeps the batches that are done, and the next one goes on from there. "
-           "Nothing is lost, and readers never see the difference.";
+           "a power failure keeps the completed batches, and the next one continues. Nothing is "
+           "lost, and readers see no difference.";
   }
   void Declare(CLI::App& app) override {
     AddCount(app, "--batch", batch_, "Work on COUNT objects in a transaction. 1000 by default");
