@@ -29,6 +29,7 @@ std::unique_ptr<Store> OpenStore(char const* directory, StoreOptions const& opti
   // Reservations are alone where nobody else has the directory open, or opens it meanwhile.
   bool const alone = options.reserve_layouts && image->layout_reservations()->alone();
   if (!options.log || !alone) return image;
+  image->RequireSync();  // a loss of power amid the change must leave one or the other
   LogStore::Convert(*image);
   return LogStore::Open(image, directory, options);
 }
