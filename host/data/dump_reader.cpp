@@ -55,6 +55,11 @@ void DumpReader::Refuse(std::string const& what) const {
                 "No database was created.");
 }
 
+void DumpReader::RefuseAll(std::string const& what) const {
+  throw Failure(Failure::Kind::kBadData, fmt::format("{}: {}", source_, what),
+                "No database was created.");
+}
+
 void DumpReader::NextLine() {
   ++line_number_;
   if (!text_->NextLine(line_)) {

@@ -45,6 +45,8 @@ class DumpReader {
   RowValue value(std::size_t i) const { return json_.item(*values_, i).view(); }
   // Complains about the line read last.
   [[noreturn]] void Refuse(std::string const& what) const;
+  // Complains about the dump as a whole.
+  [[noreturn]] void RefuseAll(std::string const& what) const;
 
  private:
   bool NextHead(DumpedObject* object);

@@ -40,8 +40,10 @@ class Loader {
     // Nobody else sees the database before it is whole, and then it is brought onto the disk.
     auto const database = Database::Create(directory, {}, {.no_sync = true});
     Context const context(database);
-    ApplySchema(context, dump_.schema());
+    // An index over objects that are there is sorted and appended, not grown entry by entry.
+    ApplySchema(context, WithoutIndexes(dump_.schema()));
     WriteObjects(context);
+    CreateIndexes(context);
     return result_;
   }
 
@@ -61,9 +63,27 @@ class Loader {
     if (options_.report) options_.report({0, 0, 0});
   }
 
+  static SchemaDoc WithoutIndexes(SchemaDoc schema) {
+    for (TableDoc& table : schema.tables) table.indexes.clear();
+    return schema;
+  }
+
   static void ApplySchema(Context const& context, SchemaDoc const& schema) {
     Transaction transaction(context);
     ApplyPlan(transaction, CompareSchemas(ReadSchema(transaction, false), schema));
+    transaction.Commit();
+  }
+
+  void CreateIndexes(Context const& context) {
+    Transaction transaction(context);
+    for (Change const& change : CompareSchemas(ReadSchema(transaction, false), dump_.schema())) {
+      if (options_.report) options_.report({result_.objects, result_.objects, dump_.objects()});
+      try {
+        ApplyPlan(transaction, {change});
+      } catch (Error const& error) {
+        dump_.RefuseAll(fmt::format("cannot {}: {}", DescribeChange(change), error.what()));
+      }
+    }
     transaction.Commit();
   }
 

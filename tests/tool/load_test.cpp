@@ -145,5 +145,17 @@ TEST_F(LoadTest, StoppedByCtrlC_LeavesNothing) {
   ExpectNothingLeft();
 }
 
+TEST_F(LoadTest, ADumpWithAKeyTwice_IsRefusedByTheNameOfTheIndex) {
+  Apply(kLibrary);
+  On("import", {"Person", "-"}, 0, "Name\nAda\nBob\n");
+  std::string dump = On("dump").out;
+  dump.replace(dump.find("\"Bob\""), 5, "\"Ada\"");
+  Result const load = RunTool({"load", other(), "-"}, dump);
+  EXPECT_EQ(1, load.status);
+  EXPECT_NE(std::string::npos, load.err.find("PersonByName")) << load.err;
+  EXPECT_NE(std::string::npos, load.err.find("No database was created.")) << load.err;
+  ExpectNothingLeft();
+}
+
 }  // namespace
 }  // namespace tool_test
