@@ -17,7 +17,7 @@ constexpr TypeSet kLong = TypeBit(LORV_TYPE_LONG);
 struct Process {
   explicit Process(std::unique_ptr<MemoryStore> its_store)
       : store(its_store.get()),
-        database(std::make_shared<Database>(std::move(its_store), kRowMemory)),
+        database(std::make_shared<Database>(std::move(its_store), kRowMemory, "")),
         transaction(database) {}
 
   std::uint64_t Read(ObjectId id) {
