@@ -18,6 +18,7 @@ namespace {
 // From here on the kernel does not come near identities that callers choose.
 constexpr std::uint64_t kFarIdentities = std::uint64_t{1} << 61;
 constexpr std::uint64_t kBatch = 20000;
+constexpr std::uint64_t kRowMemory = std::uint64_t{16} << 20;  // rows are read once
 
 // The kernel keeps its own identities above those of the dump, the catalogue's included: every
 // object comes back with the identity that it had, which may be known outside of the database.
@@ -38,7 +39,8 @@ class Loader {
     new_ids_.Finish();
     LeaveIdentities(directory, highest_ + 1);
     // Nobody else sees the database before it is whole, and then it is brought onto the disk.
-    auto const database = Database::Create(directory, {}, {.no_sync = true});
+    auto const database =
+        Database::Create(directory, {}, {.no_sync = true, .row_memory = kRowMemory});
     Context const context(database);
     // An index over objects that are there is sorted and appended, not grown entry by entry.
     ApplySchema(context, WithoutIndexes(dump_.schema()));
@@ -74,17 +76,23 @@ class Loader {
     transaction.Commit();
   }
 
+  // Each in a transaction of its own, whose memory follows the index.
   void CreateIndexes(Context const& context) {
-    Transaction transaction(context);
-    for (Change const& change : CompareSchemas(ReadSchema(transaction, false), dump_.schema())) {
+    for (Change const& change : MissingIndexes(context)) {
       if (options_.report) options_.report({result_.objects, result_.objects, dump_.objects()});
+      Transaction transaction(context);
       try {
         ApplyPlan(transaction, {change});
       } catch (Error const& error) {
         dump_.RefuseAll(fmt::format("cannot {}: {}", DescribeChange(change), error.what()));
       }
+      transaction.Commit();
     }
-    transaction.Commit();
+  }
+
+  Plan MissingIndexes(Context const& context) const {
+    Transaction transaction(context, Access::kReadOnly);
+    return CompareSchemas(ReadSchema(transaction, false), dump_.schema());
   }
 
   void WriteObjects(Context const& context) {
