@@ -17,8 +17,9 @@ class DroppedTableTest : public CrudTest {
   CreateInfo* Table(char16_t const* name, bool superseded, char16_t const* base = nullptr) {
     CreateTable(name, Columns(), base);
     CreateInfo* const handle = Creator(name);
+    std::u16string const column = std::u16string(u"Of").append(name);
     Columns added;
-    added.Long((std::u16string(u"Of") + name).c_str());
+    added.Long(column.c_str());
     ExpectOk(lorv_alter_table_add_columns(context(), name, added, nullptr));
     if (!superseded) ExpectOk(lorv_crud_RefreshIssuedHandles(context()));
     return handle;
