@@ -2,6 +2,8 @@
 
 #include <dlfcn.h>
 
+#include <string>
+
 #include "open_error.h"
 #include "status.h"
 
@@ -10,10 +12,22 @@ namespace {
 
 constexpr char kLibrary[] = "liblscoredb-postgres.so.0";
 
+// In the directory of this library, else where the system looks. Its own search path for libraries
+// does not count where a sanitizer opens them.
+void* OpenLibrary() {
+  Dl_info own{};
+  if (dladdr(kLibrary, &own) != 0 && own.dli_fname != nullptr) {
+    std::string const path = own.dli_fname;
+    std::string const beside = path.substr(0, path.rfind('/') + 1).append(kLibrary);
+    if (void* const library = dlopen(beside.c_str(), RTLD_NOW | RTLD_LOCAL)) return library;
+  }
+  return dlopen(kLibrary, RTLD_NOW | RTLD_LOCAL);
+}
+
 // Never unloaded: stores of it may live until the end of the process.
 template <typename Function>
 Function* Find(char const* name) {
-  void* const library = dlopen(kLibrary, RTLD_NOW | RTLD_LOCAL);
+  void* const library = OpenLibrary();
   void* const found = library == nullptr ? nullptr : dlsym(library, name);
   if (found == nullptr) Throw(LSCOREDB_NO_SERVER_LIBRARY);
   return reinterpret_cast<Function*>(found);
