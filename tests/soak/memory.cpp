@@ -11,10 +11,15 @@ namespace {
 
 std::atomic<std::size_t> g_in_use = 0;
 
-void* Take(std::size_t size) {
+void* TakeOrNull(std::size_t size) noexcept {
   void* const taken = std::malloc(size == 0 ? 1 : size);
+  g_in_use += malloc_usable_size(taken);  // 0 of null
+  return taken;
+}
+
+void* Take(std::size_t size) {
+  void* const taken = TakeOrNull(size);
   if (taken == nullptr) throw std::bad_alloc();
-  g_in_use += malloc_usable_size(taken);
   return taken;
 }
 
@@ -39,6 +44,9 @@ std::size_t MappedData() {
 
 void* operator new(std::size_t size) { return Take(size); }
 void* operator new[](std::size_t size) { return Take(size); }
+// Sanitizers have ones of their own, which do not ask those above.
+void* operator new(std::size_t size, std::nothrow_t const&) noexcept { return TakeOrNull(size); }
+void* operator new[](std::size_t size, std::nothrow_t const&) noexcept { return TakeOrNull(size); }
 void operator delete(void* taken) noexcept { Give(taken); }
 void operator delete[](void* taken) noexcept { Give(taken); }
 void operator delete(void* taken, std::size_t) noexcept { Give(taken); }
