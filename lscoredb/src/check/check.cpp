@@ -37,6 +37,18 @@ void CheckIdentity(View const& view, FindingSink& sink) {
   sink.Report(finding, "The identity of the database cannot be used.");
 }
 
+void CheckSnapshot(Store& store, Snapshot const& snapshot, std::uint32_t flags, FindingSink& sink) {
+  CheckIdentity(snapshot, sink);
+  CheckedDefinitions definitions(snapshot, sink);
+  definitions.Load();
+  definitions.CheckRecords();
+  bool const entries = (flags & LSCOREDB_CHECK_NO_ENTRIES) == 0;
+  ObjectCheck objects(snapshot, definitions, sink, entries);
+  CheckObjectsInThreads(store, snapshot, definitions, sink, entries, objects);
+  objects.Finish();
+  if (entries) EntryCheck(snapshot, definitions, sink, objects.matched()).Run();
+}
+
 }  // namespace
 
 // Whether to go on. What a callback throws is the caller's, and no failure of the check.
@@ -82,18 +94,16 @@ void ReportFault(FindingSink& sink, StoreFault const& fault) {
 }
 
 void CheckStoreState(Store& store, std::uint32_t flags, FindingSink& sink) {
-  std::unique_ptr<Snapshot> const snapshot =
+  std::unique_ptr<Snapshot> snapshot =
       store.BeginVerified([&](StoreFault const& fault) { ReportFault(sink, fault); });
-  if (sink.any() || (flags & LSCOREDB_CHECK_PAGES_ONLY) != 0) return;
-  CheckIdentity(*snapshot, sink);
-  CheckedDefinitions definitions(*snapshot, sink);
-  definitions.Load();
-  definitions.CheckRecords();
-  bool const entries = (flags & LSCOREDB_CHECK_NO_ENTRIES) == 0;
-  ObjectCheck objects(*snapshot, definitions, sink, entries);
-  CheckObjectsInThreads(store, *snapshot, definitions, sink, entries, objects);
-  objects.Finish();
-  if (entries) EntryCheck(*snapshot, definitions, sink, objects.matched()).Run();
+  bool const pages_only = sink.any() || (flags & LSCOREDB_CHECK_PAGES_ONLY) != 0;
+  try {
+    if (!pages_only) CheckSnapshot(store, *snapshot, flags, sink);
+  } catch (...) {
+    store.End(std::move(snapshot));
+    throw;
+  }
+  store.End(std::move(snapshot));
 }
 
 }  // namespace lscore
