@@ -18,6 +18,7 @@ constexpr std::string_view kCommit{"commit\0", 7};
 constexpr std::string_view kTicket{"put_ticket\0", 11};
 constexpr std::string_view kRollback{"rollback\0", 9};
 constexpr std::string_view kBegin{"begin_"};
+constexpr std::string_view kTerminate{"X\0\0\0\4", 5};
 constexpr int kPatience = 50;  // milliseconds between looks at whether it is over
 
 sockaddr_un AddressIn(std::string const& directory) {
@@ -40,8 +41,10 @@ int Named(Call call, int file, sockaddr_un const& address) {
   return call(file, reinterpret_cast<sockaddr const*>(&address), sizeof address);
 }
 
-// The end of a transaction that wrote nothing: nobody waits for its reply.
+// The end of a transaction that wrote nothing, and the end of a connection, which may overtake the
+// reply to the former: nobody waits for a reply.
 bool IsPosted(std::string_view said) {
+  if (said == kTerminate) return true;
   auto const has = [&](std::string_view name) { return said.find(name) != said.npos; };
   return (has(kCommit) || has(kRollback)) && !has(kTicket) && !has(kBegin);
 }
