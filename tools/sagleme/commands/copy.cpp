@@ -16,10 +16,12 @@ class Copy : public Command {
   std::string name() const override { return "copy"; }
   std::string summary() const override { return "Copy the database while others write"; }
   std::vector<Example> examples() const override {
-    return {{"copy shop /backup/shop", "the last committed state, as a database of its own"}};
+    return {{"copy shop /backup/shop", "the last committed state, as a database of its own"},
+            {"copy shop postgresql://app@db1/shop", "the same on a PostgreSQL server"}};
   }
   void Declare(CLI::App& app) override {
-    app.add_option("TARGET", target_, "The directory of the copy, which must not exist")
+    app.add_option("TARGET", target_,
+                   "The directory of the copy, which must not exist, or a server's URL")
         ->required()
         ->type_name("");
   }
@@ -37,28 +39,57 @@ std::uint32_t CopyWatched(sagleme::Database const& database, std::string const& 
   return lscoredb_copy(database.handle(), directory.c_str());
 }
 
+[[noreturn]] void Refuse(std::string const& target, std::uint32_t status) {
+  std::string const refused = lscoredb_open_error();
+  throw Failure(Exit::kRefused,
+                fmt::format("cannot copy to {}: {}", sagleme::ShownPlace(target),
+                            refused.empty() ? lscoredb_status_text(status) : refused));
+}
+
+// Nobody takes a copy on a server for a database before it is whole.
+void CopyToServer(sagleme::Database const& database, std::string const& url, Output const& output) {
+  std::uint32_t found = 0;
+  auto const looked = lscoredb_exists(url.c_str(), &found);
+  if (looked != 0) Refuse(url, looked);
+  if (found != 0) {
+    throw Failure(Exit::kRefused, fmt::format("{} already exists", sagleme::ShownPlace(url)),
+                  "Name a schema that does not exist. One with a copy that was cut off is to be "
+                  "dropped first.");
+  }
+  InterruptGuard const guard;
+  auto const status = CopyWatched(database, url, output);
+  if (status == LSCOREDB_STOPPED) throw Interrupted();
+  if (status != 0) Refuse(url, status);
+}
+
 // The copy grows beside its place and gets its name when it is whole.
-Exit Copy::Run(Session& session, Output& output) {
-  session.RequireNoTransaction("copy");
+void CopyToDirectory(sagleme::Database const& database, std::string const& target,
+                     Output const& output) {
   std::error_code ignored;
-  if (std::filesystem::exists(target_, ignored)) {
-    throw Failure(Exit::kRefused, fmt::format("{} already exists", target_),
+  if (std::filesystem::exists(target, ignored)) {
+    throw Failure(Exit::kRefused, fmt::format("{} already exists", target),
                   "Name a directory that does not exist.");
   }
-  std::string const growing = target_ + ".copying";
+  std::string const growing = target + ".copying";
   std::filesystem::remove_all(growing, ignored);  // of a copy that was cut off
   InterruptGuard const guard;                     // what Ctrl-C leaves is removed
-  std::uint32_t const status = CopyWatched(session.database(), growing, output);
+  std::uint32_t const status = CopyWatched(database, growing, output);
   if (status != 0) {
-    std::string const refused = lscoredb_open_error();
     std::filesystem::remove_all(growing, ignored);
     if (status == LSCOREDB_STOPPED) throw Interrupted();
-    throw Failure(Exit::kRefused,
-                  fmt::format("cannot copy to {}: {}", target_,
-                              refused.empty() ? lscoredb_status_text(status) : refused));
+    Refuse(target, status);
   }
-  std::filesystem::rename(growing, target_);
-  output.Note(fmt::format("copied to {}\n", target_));
+  std::filesystem::rename(growing, target);
+}
+
+Exit Copy::Run(Session& session, Output& output) {
+  session.RequireNoTransaction("copy");
+  if (sagleme::IsServerUrl(target_)) {
+    CopyToServer(session.database(), target_, output);
+  } else {
+    CopyToDirectory(session.database(), target_, output);
+  }
+  output.Note(fmt::format("copied to {}\n", sagleme::ShownPlace(target_)));
   return Exit::kDone;
 }
 

@@ -43,11 +43,13 @@ std::uint64_t CatalogueVersion(sagleme::Transaction& transaction) {
 }
 
 void AddKernel(Session& session, Properties& properties) {
-  std::filesystem::path const directory(session.directory());
   lscoredb_statistics const statistics = session.database().Statistics();
-  properties.Add("data file bytes",
-                 Cell::Number(std::filesystem::file_size(directory / "data.mdb")));
-  properties.Add("largest data file bytes", Cell::Number(statistics.max_file_size));
+  if (!sagleme::IsServerUrl(session.directory())) {
+    std::filesystem::path const directory(session.directory());
+    properties.Add("data file bytes",
+                   Cell::Number(std::filesystem::file_size(directory / "data.mdb")));
+    properties.Add("largest data file bytes", Cell::Number(statistics.max_file_size));
+  }
   properties.Add("newest commit", Cell::Number(statistics.last_commit));
   properties.Add("oldest commit that is read", Cell::Number(statistics.oldest_commit));
   // This command's own reading is one of them, unless it may not write the table of readers.
@@ -81,7 +83,8 @@ void AddLayouts(sagleme::Transaction& transaction, Properties& properties) {
 Exit Info::Run(Session& session, Output& output) {
   Properties properties;
   session.Read([&](sagleme::Transaction& transaction) {
-    properties.Add("directory", Cell::Text(session.directory()));
+    properties.Add(sagleme::IsServerUrl(session.directory()) ? "url" : "directory",
+                   Cell::Text(sagleme::ShownPlace(session.directory())));
     properties.Add("catalogue version", Cell::Number(CatalogueVersion(transaction)));
     properties.Add("catalogue version of this tool", Cell::Number(lorv_get_metaschema_version()));
     properties.Add("schema generation", Cell::Number(transaction.Generation()));
