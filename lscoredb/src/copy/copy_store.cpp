@@ -86,7 +86,8 @@ class Copier {
 void CopyStore(Store& store, char const* directory) {
   StoreOptions options;
   options.sync = false;
-  options.max_file_size = store.Statistics().max_file_size;
+  std::uint64_t const max_file_size = store.Statistics().max_file_size;
+  if (max_file_size != 0) options.max_file_size = max_file_size;  // a server has none
   // A directory was found to be empty already.
   if (IsServerUrl(directory) && StoreExists(directory)) {
     NoteOpenError("the target", "there is a database already");
