@@ -57,7 +57,7 @@ class AttachTest : public testing::Test {
   TemporaryDirectory directory_;
 };
 
-TEST_F(AttachTest, ADatabaseHasOneNumberInAllItsContextsAndHandles) {
+TEST_F(AttachTest, Database_HasOneNumberInAllContextsAndHandles) {
   Database first(directory_.path());
   Database again(directory_.path());
   Database other;
@@ -71,7 +71,7 @@ TEST_F(AttachTest, ADatabaseHasOneNumberInAllItsContextsAndHandles) {
   EXPECT_NE(NumberOf(one), NumberOf(elsewhere));
 }
 
-TEST_F(AttachTest, ADatabaseThatIsOpenedAgainHasANewNumber) {
+TEST_F(AttachTest, DatabaseOpenedAgain_HasANewNumber) {
   std::vector<std::uint64_t> numbers;
   for (int i = 0; i < 5; ++i) {
     Database database(directory_.path());
@@ -82,7 +82,7 @@ TEST_F(AttachTest, ADatabaseThatIsOpenedAgainHasANewNumber) {
   EXPECT_EQ(std::unique(numbers.begin(), numbers.end()), numbers.end());
 }
 
-TEST_F(AttachTest, WhatIsAttachedIsFoundInAllContextsOfTheDatabaseAlone) {
+TEST_F(AttachTest, AttachedValue_IsFoundInAllContextsOfItsDatabaseOnly) {
   Database database(directory_.path());
   Database other;
   Session one(database);
@@ -96,7 +96,7 @@ TEST_F(AttachTest, WhatIsAttachedIsFoundInAllContextsOfTheDatabaseAlone) {
   EXPECT_EQ(Attached(elsewhere), nullptr);
 }
 
-TEST_F(AttachTest, TheFirstOneStays) {
+TEST_F(AttachTest, SecondAttach_KeepsTheFirstValue) {
   Database database;
   Session session(database);
   Value* const first = Attach(session, 1);
@@ -104,7 +104,7 @@ TEST_F(AttachTest, TheFirstOneStays) {
   EXPECT_EQ(first->number, 1);
 }
 
-TEST_F(AttachTest, TheLastCloseReleases_LastAttachedFirst) {
+TEST_F(AttachTest, LastClose_ReleasesTheLastAttachedFirst) {
   {
     Database stays(directory_.path());
     {
@@ -118,7 +118,7 @@ TEST_F(AttachTest, TheLastCloseReleases_LastAttachedFirst) {
   EXPECT_EQ(released_, (std::vector<int>{2, 1}));
 }
 
-TEST_F(AttachTest, AReleasedValueMayCloseAnotherDatabase) {
+TEST_F(AttachTest, ReleasedValue_MayCloseAnotherDatabase) {
   lscoredb* other = nullptr;
   ASSERT_EQ(lscoredb_open(nullptr, nullptr, &other), 0u);
   {
@@ -132,7 +132,7 @@ TEST_F(AttachTest, AReleasedValueMayCloseAnotherDatabase) {
   }
 }
 
-TEST_F(AttachTest, AContextReleasesItsOwnWhenItIsClosed) {
+TEST_F(AttachTest, ContextClose_ReleasesItsOwnValue) {
   Database database;
   Session other(database);
   {
@@ -149,7 +149,7 @@ TEST_F(AttachTest, AContextReleasesItsOwnWhenItIsClosed) {
   EXPECT_EQ(released_, std::vector<int>{7});
 }
 
-TEST_F(AttachTest, BadArgumentsAreRefused) {
+TEST_F(AttachTest, BadArguments_AreRefused) {
   Database database;
   std::uint64_t closed = 0;
   {
@@ -184,7 +184,7 @@ std::size_t Mappings() {
       std::count(std::istreambuf_iterator<char>(maps), std::istreambuf_iterator<char>(), '\n'));
 }
 
-TEST_F(AttachTest, TheLastCloseGivesDescriptorsAndMappingsBack) {
+TEST_F(AttachTest, LastClose_ReturnsDescriptorsAndMappings) {
   auto const use = [this](std::string const& name) {
     Database database(directory_ / name.c_str());
     Session session(database);
@@ -201,7 +201,7 @@ TEST_F(AttachTest, TheLastCloseGivesDescriptorsAndMappingsBack) {
   EXPECT_LE(Mappings(), mappings + 4);
 }
 
-TEST_F(AttachTest, ADirectoryThatWasRemovedWhileOpenIsAnotherDatabaseWhenItIsMadeAnew) {
+TEST_F(AttachTest, DirectoryRemovedWhileOpenAndCreatedAgain_IsAnotherDatabase) {
   std::string const place = directory_ / "db";
   Database gone(place);
   gone.ExpectDamage();

@@ -244,13 +244,13 @@ Calls BadInputTest::SchemaWrites() {
 }
 
 // Without this the other tests would prove nothing.
-TEST_F(BadInputTest, EachCallWorksWithWhatItNeeds) {
+TEST_F(BadInputTest, ValidArguments_Succeed) {
   session_.Begin();
   ExpectEach(0, Reads(), Good());
   ExpectEach(0, Joined({ColumnWrites(), SchemaWrites(), ObjectWrites()}), Good());
 }
 
-TEST_F(BadInputTest, AnUnknownContext) {
+TEST_F(BadInputTest, UnknownContext_IsRefused) {
   Session closed(database_);
   Target target = Good();
   std::uint64_t const gone = closed.context();
@@ -266,14 +266,14 @@ TEST_F(BadInputTest, AnUnknownContext) {
   }
 }
 
-TEST_F(BadInputTest, NoTransaction) {
+TEST_F(BadInputTest, NoTransaction_IsRefused) {
   ExpectEach(LSCOREDB_NO_TRANSACTION, All(), Good());
   session_.Begin();
   session_.Rollback();
   ExpectEach(LSCOREDB_NO_TRANSACTION, All(), Good());
 }
 
-TEST_F(BadInputTest, AReadOnlyTransaction) {
+TEST_F(BadInputTest, ReadOnlyTransaction_RefusesWrites) {
   session_.BeginReadOnly();
   ExpectEach(LSCOREDB_WRITE_REFUSED, Writes(), Good());
   ExpectEach(0, Reads(), Good());
@@ -282,7 +282,7 @@ TEST_F(BadInputTest, AReadOnlyTransaction) {
   session_.Commit();
 }
 
-TEST_F(BadInputTest, AnUnknownObject) {
+TEST_F(BadInputTest, UnknownObject_IsRefused) {
   session_.Begin();
   for (Oid const oid : {Oid{0}, row_ + 100000, ~Oid{0}}) {
     Target target = Good();
@@ -292,7 +292,7 @@ TEST_F(BadInputTest, AnUnknownObject) {
   }
 }
 
-TEST_F(BadInputTest, AnUnknownLayoutInTheAddress) {
+TEST_F(BadInputTest, UnknownLayoutInAddress_IsRefused) {
   session_.Begin();
   Target target = Good();
   target.addr = 54321;
@@ -300,7 +300,7 @@ TEST_F(BadInputTest, AnUnknownLayoutInTheAddress) {
   EXPECT_EQ(session_.Long(row_, kLong), 1);
 }
 
-TEST_F(BadInputTest, AnUnknownColumn) {
+TEST_F(BadInputTest, UnknownColumn_IsRefused) {
   session_.Begin();
   for (std::uint32_t const shift : {8U, 1000U, 0x10000U, 0x80000000U}) {
     Target target = Good();
@@ -309,7 +309,7 @@ TEST_F(BadInputTest, AnUnknownColumn) {
   }
 }
 
-TEST_F(BadInputTest, ANullPointerForAnOutput) {
+TEST_F(BadInputTest, NullOutputPointer_IsRefused) {
   session_.Begin();
   std::uint64_t const c = session_.context();
   std::uint64_t const a = layout_;
@@ -332,7 +332,7 @@ TEST_F(BadInputTest, ANullPointerForAnOutput) {
   EXPECT_EQ(session_.Setspec(row_), kSet);
 }
 
-TEST_F(BadInputTest, ANullPointerInSchemaCalls) {
+TEST_F(BadInputTest, NullPointerInSchemaCalls_IsRefused) {
   session_.Begin();
   std::uint64_t const c = session_.context();
   std::uint32_t const null = LSCOREDB_NULL_ARGUMENT;
@@ -358,7 +358,7 @@ TEST_F(BadInputTest, ANullPointerInSchemaCalls) {
   EXPECT_TRUE(outputs_.Untouched());
 }
 
-TEST_F(BadInputTest, AnUnknownIndex) {
+TEST_F(BadInputTest, UnknownIndex_IsRefused) {
   session_.Begin();
   std::uint64_t const c = session_.context();
   for (IndexId const unknown : {IndexId{0}, index_ + 100000, ~IndexId{0}}) {
@@ -372,7 +372,7 @@ TEST_F(BadInputTest, AnUnknownIndex) {
   EXPECT_TRUE(outputs_.Untouched());
 }
 
-TEST_F(BadInputTest, WrongFlagsKeysOrPointersForAWalk) {
+TEST_F(BadInputTest, WrongScanFlagsKeysOrPointers_AreRefused) {
   session_.Begin();
   auto const open = [&](std::uint32_t flags, void const* first, void const* last) {
     return lorv_context_create_iterator(session_.context(), index_, flags, first, last,
@@ -395,7 +395,7 @@ TEST_F(BadInputTest, WrongFlagsKeysOrPointersForAWalk) {
                                              good, good, nullptr));
 }
 
-TEST_F(BadInputTest, AnUnknownIterator) {
+TEST_F(BadInputTest, UnknownIterator_IsRefused) {
   session_.Begin();
   for (std::uint64_t const unknown : {std::uint64_t{0}, std::uint64_t{12345}, ~std::uint64_t{0}}) {
     EXPECT_STATUS(LSCOREDB_UNKNOWN_ITERATOR, lorv_iterator_next(unknown, &outputs_.reference));
@@ -407,7 +407,7 @@ TEST_F(BadInputTest, AnUnknownIterator) {
   EXPECT_EQ(walker.Next(), row_);
 }
 
-TEST_F(BadInputTest, WrongIndexDefinitions) {
+TEST_F(BadInputTest, WrongIndexDefinitions_AreRefused) {
   session_.Begin();
   EXPECT_STATUS(LSCOREDB_INVALID_ARGUMENT,
                 session_.TryCreateIndex(61, kSet, {{10, 300}}, {}, &outputs_.word));
@@ -419,7 +419,7 @@ TEST_F(BadInputTest, WrongIndexDefinitions) {
   EXPECT_TRUE(session_.IndexesByToken(61).empty());
 }
 
-TEST_F(BadInputTest, EveryStatusHasATextOfItsOwn) {
+TEST_F(BadInputTest, EveryStatus_HasItsOwnText) {
   std::set<std::string> texts;
   std::vector<std::uint32_t> const statuses{
       LORV_STATUS_OK,          LORV_STATUS_UNREACHABLE,    LORV_STATUS_NO_INDEX,

@@ -148,7 +148,7 @@ class BrokenPageTest : public testing::TestWithParam<Damage> {
   int refused_ = 0;
 };
 
-TEST_P(BrokenPageTest, ACommitThatMeetsItFailsAndOthersGoOn) {
+TEST_P(BrokenPageTest, CommitOnABrokenPage_FailsAndOthersGoOn) {
   TemporaryDirectory sound;
   Oids const rows = Fill(sound.path());
   std::size_t const pages = std::filesystem::file_size(FileOf(sound.path())) / kPage;
@@ -179,7 +179,7 @@ std::size_t FreeRoot(std::string const& file) {
 }
 
 // Puts a number over each number of the list of free pages in turn, its counts and keys among them.
-TEST(FreeListTest, ANumberThatIsWrongIsFoundBeforeTheFirstCommit) {
+TEST(FreeListTest, WrongNumber_IsFoundBeforeTheFirstCommit) {
   TemporaryDirectory sound;
   Oids const rows = Fill(sound.path());
   std::string const file = ReadFile(FileOf(sound.path()));
@@ -236,7 +236,7 @@ void FindLists(std::string const& file, std::uint64_t number, std::vector<std::s
 // A reader keeps many lists from being used. One goes wrong when the process has committed already.
 class LateListTest : public testing::TestWithParam<std::uint64_t> {};
 
-TEST_P(LateListTest, ANumberThatIsWrongIsFoundInAnyListOfAnyCommit) {
+TEST_P(LateListTest, WrongNumber_IsFoundInAnyListOfAnyCommit) {
   std::string number(8, '\0');
   std::uint64_t const wrong = GetParam();
   std::memcpy(number.data(), &wrong, number.size());

@@ -88,13 +88,13 @@ class CheckTest : public testing::Test {
 
 // ---- the call itself ---------------------------------------------------------------------------
 
-TEST_F(CheckTest, OfASoundDatabaseNothingIsTold) {
+TEST_F(CheckTest, SoundDatabase_ReportsNothing) {
   EXPECT_EQ(Check(), std::vector<Finding>());
   EXPECT_EQ(Check(LSCOREDB_CHECK_PAGES_ONLY), std::vector<Finding>());
   EXPECT_EQ(Check(LSCOREDB_CHECK_NO_ENTRIES), std::vector<Finding>());
 }
 
-TEST_F(CheckTest, ADatabaseInMemoryCanBeChecked) {
+TEST_F(CheckTest, DatabaseInMemory_CanBeChecked) {
   Database database;
   Session session(database);
   session.Begin();
@@ -103,13 +103,13 @@ TEST_F(CheckTest, ADatabaseInMemoryCanBeChecked) {
   EXPECT_STATUS(0, lscoredb_check(database.get(), 0, nullptr, nullptr));
 }
 
-TEST_F(CheckTest, BadArgumentsAreRefused) {
+TEST_F(CheckTest, BadArguments_AreRefused) {
   Database database;
   EXPECT_STATUS(LSCOREDB_NULL_ARGUMENT, lscoredb_check(nullptr, 0, nullptr, nullptr));
   EXPECT_STATUS(LSCOREDB_INVALID_ARGUMENT, lscoredb_check(database.get(), 64, nullptr, nullptr));
 }
 
-TEST_F(CheckTest, TheFirstFindingEndsItWhenNobodyListens) {
+TEST_F(CheckTest, FirstFinding_EndsTheCheckWithoutAReport) {
   Tree("index").Put(
       "\x7F"
       "nobody's",
@@ -119,7 +119,7 @@ TEST_F(CheckTest, TheFirstFindingEndsItWhenNobodyListens) {
   EXPECT_STATUS(LSCOREDB_DAMAGED, lscoredb_check(database.get(), 0, nullptr, nullptr));
 }
 
-TEST_F(CheckTest, AHostCanEndIt) {
+TEST_F(CheckTest, Host_CanEndTheCheck) {
   for (Oid const row : rows_) ChangeRow(row, 8, Little(1000000, 8));
   Database database(directory_.path());
   database.ExpectDamage();
@@ -131,7 +131,7 @@ TEST_F(CheckTest, AHostCanEndIt) {
   EXPECT_EQ(told, 2);
 }
 
-TEST_F(CheckTest, AnExceptionOfTheHostEndsItAndComesOut) {
+TEST_F(CheckTest, ExceptionOfTheHost_EndsTheCheckAndIsRethrown) {
   for (Oid const row : rows_) ChangeRow(row, 8, Little(1000000, 8));
   Database database(directory_.path());
   database.ExpectDamage();
@@ -149,7 +149,7 @@ TEST_F(CheckTest, AnExceptionOfTheHostEndsItAndComesOut) {
   EXPECT_EQ(Findings(database.get()).size(), rows_.size());
 }
 
-TEST_F(CheckTest, WithoutEntriesOnlyObjectsAreLookedAt) {
+TEST_F(CheckTest, WithoutEntries_ChecksObjectsOnly) {
   Tree("index").Put(
       "\x7F"
       "nobody's",
@@ -158,7 +158,7 @@ TEST_F(CheckTest, WithoutEntriesOnlyObjectsAreLookedAt) {
   EXPECT_EQ(Check().size(), 1U);
 }
 
-TEST_F(CheckTest, WritersGoOnMeanwhile) {
+TEST_F(CheckTest, Writers_ContinueDuringACheck) {
   Database database(directory_.path());
   std::atomic<bool> finished = false;
   std::thread writer([&] {
@@ -178,7 +178,7 @@ TEST_F(CheckTest, WritersGoOnMeanwhile) {
 
 // ---- pages -------------------------------------------------------------------------------------
 
-TEST_F(CheckTest, APageOfAnotherKindIsToldByTheObjectsOnIt) {
+TEST_F(CheckTest, PageOfAnotherKind_IsReportedByItsObjects) {
   std::string const text(300, 'z');
   {
     Database database(directory_.path());
@@ -204,7 +204,7 @@ TEST_F(CheckTest, APageOfAnotherKindIsToldByTheObjectsOnIt) {
 
 // ---- definitions -------------------------------------------------------------------------------
 
-TEST_F(CheckTest, ADefinitionWithAWrongChecksumIsTold) {
+TEST_F(CheckTest, DefinitionWithAWrongChecksum_IsReported) {
   std::string const key = "T" + Big(kLayoutToken, 8) + Big(layout_, 2);
   {
     StoredTree tree = Tree("definitions");
@@ -215,17 +215,17 @@ TEST_F(CheckTest, ADefinitionWithAWrongChecksumIsTold) {
   ExpectOnly(OfLayout(LSCOREDB_FINDING_DEFINITION, layout_));
 }
 
-TEST_F(CheckTest, ADefinitionThatIsCutIsTold) {
+TEST_F(CheckTest, TruncatedDefinition_IsReported) {
   Tree("definitions").Change("I" + Big(names_, 8), [](std::string& record) { record.resize(10); });
   ExpectOnly(OfIndex(LSCOREDB_FINDING_DEFINITION, names_));
 }
 
-TEST_F(CheckTest, ADefinitionOfAnUnknownKindIsTold) {
+TEST_F(CheckTest, DefinitionOfAnUnknownKind_IsReported) {
   Tree("definitions").PutChecked("Q", "");
   ExpectOnly({.kind = LSCOREDB_FINDING_DEFINITION});
 }
 
-TEST_F(CheckTest, AClosedSetUnderAnotherOnesKeyIsTold) {
+TEST_F(CheckTest, ClosedSetUnderAnotherKey_IsReported) {
   {
     Database database(directory_.path());
     Session session(database);
@@ -242,69 +242,69 @@ TEST_F(CheckTest, AClosedSetUnderAnotherOnesKeyIsTold) {
   ExpectOnly({.kind = LSCOREDB_FINDING_DEFINITION});
 }
 
-TEST_F(CheckTest, AClosedSetThatNothingSpeaksOfIsTold) {
+TEST_F(CheckTest, ClosedSetWithoutReference_IsReported) {
   Tree("definitions").PutChecked("Z", std::string(1, '\0') + "closed/");
   EXPECT_EQ(Check().size(), 2U);
 }
 
-TEST_F(CheckTest, ACountAmongTheDefinitionsIsTold) {
+TEST_F(CheckTest, CountAmongDefinitions_IsReported) {
   Tree("definitions").PutChecked("C" + Big(layout_, 2), Little(0, 9));
   ExpectOnly(OfLayout(LSCOREDB_FINDING_DEFINITION, layout_));
 }
 
-TEST_F(CheckTest, AnImpossibleTypeOfAnIndexedColumnIsTold) {
+TEST_F(CheckTest, ImpossibleTypeOfAnIndexedColumn_IsReported) {
   Tree("definitions").Change("I" + Big(names_, 8), [](std::string& record) { record[16] = 77; });
   ExpectOnly({.kind = LSCOREDB_FINDING_DEFINITION, .index = names_, .column = 0});
 }
 
-TEST_F(CheckTest, IdentitiesThatCannotBeReadAreTold) {
+TEST_F(CheckTest, UnreadableIdentities_AreReported) {
   Tree("meta").Put("next-id", "?");
   ExpectOnly({.kind = LSCOREDB_FINDING_DEFINITION});
 }
 
-TEST_F(CheckTest, ALayoutThatItsTokenDoesNotFindIsTold) {
+TEST_F(CheckTest, LayoutNotFoundByItsToken_IsReported) {
   Tree("definitions").Delete("T" + Big(kLayoutToken, 8) + Big(layout_, 2));
   ExpectOnly(OfLayout(LSCOREDB_FINDING_LAYOUT, layout_));
 }
 
-TEST_F(CheckTest, ATokenOfAnotherLayoutIsTold) {
+TEST_F(CheckTest, TokenOfAnotherLayout_IsReported) {
   Tree("definitions").PutChecked("T" + Big(51, 8) + Big(layout_, 2), Little(1, 12));
   ExpectOnly(OfLayout(LSCOREDB_FINDING_LAYOUT, layout_));
 }
 
-TEST_F(CheckTest, ATokenOfNoLayoutIsTold) {
+TEST_F(CheckTest, TokenOfNoLayout_IsReported) {
   Tree("definitions").PutChecked("T" + Big(51, 8) + Big(999, 2), Little(1, 12));
   ExpectOnly(OfLayout(LSCOREDB_FINDING_LAYOUT, 999));
 }
 
-TEST_F(CheckTest, ALayoutOfAnotherAgeThanItsTokenTellsIsTold) {
+TEST_F(CheckTest, LayoutOlderOrYoungerThanItsToken_IsReported) {
   Tree("definitions").PutChecked("T" + Big(kLayoutToken, 8) + Big(layout_, 2), Little(77, 12));
   ExpectOnly(OfLayout(LSCOREDB_FINDING_LAYOUT, layout_));
 }
 
-TEST_F(CheckTest, ALayoutWithoutItsBaseIsTold) {
+TEST_F(CheckTest, LayoutWithoutItsBase_IsReported) {
   Tree("definitions").Change("L" + Big(layout_, 2), [](std::string& record) {
     record.replace(0, 2, Little(999, 2));
   });
   ExpectOnly(OfLayout(LSCOREDB_FINDING_LAYOUT, layout_));
 }
 
-TEST_F(CheckTest, ACountOfNoLayoutIsTold) {
+TEST_F(CheckTest, CountOfNoLayout_IsReported) {
   Tree("meta").PutChecked("C" + Big(999, 2), Little(3, 8) + Little(0, 1));
   ExpectOnly(OfLayout(LSCOREDB_FINDING_LAYOUT, 999));
 }
 
-TEST_F(CheckTest, AReleaseOfNoLayoutIsTold) {
+TEST_F(CheckTest, ReleaseOfNoLayout_IsReported) {
   Tree("definitions").PutChecked("R" + Big(999, 2), "");
   ExpectOnly(OfLayout(LSCOREDB_FINDING_LAYOUT, 999));
 }
 
-TEST_F(CheckTest, AnIndexThatItsTokenDoesNotFindIsTold) {
+TEST_F(CheckTest, IndexNotFoundByItsToken_IsReported) {
   Tree("definitions").Delete("J" + Big(kNamesToken, 8) + Big(names_, 8));
   ExpectOnly(OfIndex(LSCOREDB_FINDING_INDEX, names_));
 }
 
-TEST_F(CheckTest, AnIndexThatItsSetDoesNotFindIsTold) {
+TEST_F(CheckTest, IndexNotFoundByItsSet_IsReported) {
   {
     StoredTree tree = Tree("definitions");
     tree.Delete(tree.Find([&](std::string const& key) {
@@ -314,24 +314,24 @@ TEST_F(CheckTest, AnIndexThatItsSetDoesNotFindIsTold) {
   ExpectOnly(OfIndex(LSCOREDB_FINDING_INDEX, names_));
 }
 
-TEST_F(CheckTest, ANameOfNoIndexIsTold) {
+TEST_F(CheckTest, NameOfNoIndex_IsReported) {
   Tree("definitions").PutChecked("J" + Big(kNamesToken, 8) + Big(999, 8), "");
   Tree("definitions").PutChecked("S" + Big(1, 8) + Big(998, 8), "");
   EXPECT_EQ(Check(), (std::vector<Finding>{OfIndex(LSCOREDB_FINDING_INDEX, 999),
                                            OfIndex(LSCOREDB_FINDING_INDEX, 998)}));
 }
 
-TEST_F(CheckTest, ASetOfAnotherIndexIsTold) {
+TEST_F(CheckTest, SetOfAnotherIndex_IsReported) {
   Tree("definitions").PutChecked("S" + Big(1, 8) + Big(names_, 8), "");
   ExpectOnly(OfIndex(LSCOREDB_FINDING_INDEX, names_));
 }
 
-TEST_F(CheckTest, AWrongCountIsTold) {
+TEST_F(CheckTest, WrongCount_IsReported) {
   Tree("meta").Change("C" + Big(layout_, 2), [](std::string& record) { record[0] = 9; });
   ExpectOnly(OfLayout(LSCOREDB_FINDING_COUNT, layout_));
 }
 
-TEST_F(CheckTest, AChangeThatIsNotNotedForItsSetIsTold) {
+TEST_F(CheckTest, ChangeNotRecordedForItsSet_IsReported) {
   {
     StoredTree tree = Tree("meta");
     std::string elsewhere = "W";
@@ -341,12 +341,12 @@ TEST_F(CheckTest, AChangeThatIsNotNotedForItsSetIsTold) {
   ExpectOnly(OfObject(LSCOREDB_FINDING_SET_CHANGE, outsider_));
 }
 
-TEST_F(CheckTest, AChangeNotedUnderAnotherSetIsTold) {
+TEST_F(CheckTest, ChangeRecordedUnderAnotherSet_IsReported) {
   Tree("meta").PutChecked("Wxyz", Little(1, 8) + std::string("\0set/", 5));
   ExpectOnly({.kind = LSCOREDB_FINDING_DEFINITION});
 }
 
-TEST_F(CheckTest, RangesOfFreeIdentitiesThatContradictAreTold) {
+TEST_F(CheckTest, ContradictoryFreeIdentityRanges_AreReported) {
   auto const key = [](char first) { return "F" + std::string(7, '\0') + first; };
   Tree("meta").PutChecked(key(5), Little(5, 8));
   ExpectOnly(OfObject(LSCOREDB_FINDING_NEXT_ID, 5));
@@ -357,12 +357,12 @@ TEST_F(CheckTest, RangesOfFreeIdentitiesThatContradictAreTold) {
   ExpectOnly(OfObject(LSCOREDB_FINDING_NEXT_ID, 8));
 }
 
-TEST_F(CheckTest, ADeletedIdentityThatIsInUseIsTold) {
+TEST_F(CheckTest, DeletedIdentityInUse_IsReported) {
   Tree("meta").PutChecked("X" + std::string(7, '\0') + static_cast<char>(3), "");
   ExpectOnly(OfObject(LSCOREDB_FINDING_NEXT_ID, 3));
 }
 
-TEST_F(CheckTest, AnIdentityOfAnIndexThatWouldBeGivenOutAgainIsTold) {
+TEST_F(CheckTest, IndexIdentityThatCouldBeReused_IsReported) {
   IndexId last = 0;
   {
     Database database(directory_.path());
@@ -377,7 +377,7 @@ TEST_F(CheckTest, AnIdentityOfAnIndexThatWouldBeGivenOutAgainIsTold) {
 
 // ---- objects -----------------------------------------------------------------------------------
 
-TEST_F(CheckTest, AnObjectWithAWrongChecksumIsTold) {
+TEST_F(CheckTest, ObjectWithAWrongChecksum_IsReported) {
   {
     StoredTree rows = Tree("rows");
     std::string image = rows.Get(RowKey(rows_[2]));
@@ -387,7 +387,7 @@ TEST_F(CheckTest, AnObjectWithAWrongChecksumIsTold) {
   ExpectOnly(OfObject(LSCOREDB_FINDING_OBJECT, rows_[2], layout_));
 }
 
-TEST_F(CheckTest, TheBytesOfAnotherObjectAreTold) {
+TEST_F(CheckTest, BytesOfAnotherObject_AreReported) {
   {
     StoredTree rows = Tree("rows");
     rows.Put(RowKey(rows_[2]), rows.Get(RowKey(rows_[3])));
@@ -395,7 +395,7 @@ TEST_F(CheckTest, TheBytesOfAnotherObjectAreTold) {
   ExpectOnly(OfObject(LSCOREDB_FINDING_OBJECT, rows_[2], layout_));
 }
 
-TEST_F(CheckTest, AnObjectThatIsCutIsTold) {
+TEST_F(CheckTest, TruncatedObject_IsReported) {
   {
     StoredTree rows = Tree("rows");
     rows.Put(RowKey(rows_[2]), Summed(rows.Get(RowKey(rows_[2])).substr(0, 45)));
@@ -403,13 +403,13 @@ TEST_F(CheckTest, AnObjectThatIsCutIsTold) {
   ExpectOnly(OfObject(LSCOREDB_FINDING_OBJECT, rows_[2], layout_));
 }
 
-TEST_F(CheckTest, AnObjectUnderNoLayoutIsTold) {
+TEST_F(CheckTest, ObjectUnderNoLayout_IsReported) {
   ChangeRow(rows_[2], 4, Little(999, 2));
   EXPECT_EQ(Check(), (std::vector<Finding>{OfObject(LSCOREDB_FINDING_OBJECT, rows_[2], 999),
                                            OfLayout(LSCOREDB_FINDING_COUNT, layout_)}));
 }
 
-TEST_F(CheckTest, AnObjectOfACommitThatHasNotBeenIsTold) {
+TEST_F(CheckTest, ObjectOfAFutureCommit_IsReported) {
   ChangeRow(rows_[2], 8, Little(1000000, 8));
   ExpectOnly(OfObject(LSCOREDB_FINDING_OBJECT, rows_[2], layout_));
 }
@@ -433,32 +433,32 @@ class CheckPartsTest : public CheckTest {
   Oid large_ = 0;
 };
 
-TEST_F(CheckPartsTest, AMissingPartIsTold) {
+TEST_F(CheckPartsTest, MissingChunk_IsReported) {
   std::string const key = ChunkKey(1);
   Tree("parts").Delete(key);
   EXPECT_EQ(Check().at(0).kind, LSCOREDB_FINDING_OVERFLOW);
   EXPECT_EQ(Check().at(0).object, large_);
 }
 
-TEST_F(CheckPartsTest, APartOfAnotherSizeIsTold) {
+TEST_F(CheckPartsTest, ChunkOfAnotherSize_IsReported) {
   Tree("parts").Put(ChunkKey(1), "short");
   EXPECT_EQ(Check().at(0).kind, LSCOREDB_FINDING_OVERFLOW);
 }
 
-TEST_F(CheckPartsTest, PartsOfNoObjectAreToldOnce) {
+TEST_F(CheckPartsTest, ChunksOfNoObject_AreReportedOnce) {
   Tree("parts").Put(Big(kNobody, 8) + Big(0, 4), "lost");
   Tree("parts").Put(Big(kNobody, 8) + Big(1, 4), "lost");
   ExpectOnly(OfObject(LSCOREDB_FINDING_OVERFLOW, kNobody));
 }
 
-TEST_F(CheckPartsTest, APartBehindTheLastIsTold) {
+TEST_F(CheckPartsTest, ChunkBehindTheLast_IsReported) {
   Tree("parts").Put(ChunkKey(2), "more");
   ExpectOnly(OfObject(LSCOREDB_FINDING_OVERFLOW, large_));
 }
 
 // ---- entries -----------------------------------------------------------------------------------
 
-TEST_F(CheckTest, AMissingEntryIsTold) {
+TEST_F(CheckTest, MissingEntry_IsReported) {
   {
     StoredTree index = Tree("index");
     index.Delete(EntryKey(index, names_, rows_[1]));
@@ -466,7 +466,7 @@ TEST_F(CheckTest, AMissingEntryIsTold) {
   ExpectOnly(OfEntry(LSCOREDB_FINDING_MISSING_ENTRY, rows_[1], names_, layout_));
 }
 
-TEST_F(CheckTest, EntriesOfNoIndexAreToldOnce) {
+TEST_F(CheckTest, EntriesOfNoIndex_AreReportedOnce) {
   Tree("index").Put(
       "\x7F"
       "one",
@@ -478,7 +478,7 @@ TEST_F(CheckTest, EntriesOfNoIndexAreToldOnce) {
   ExpectOnly(OfIndex(LSCOREDB_FINDING_ENTRY, 0x7F));
 }
 
-TEST_F(CheckTest, AnEntryWithAWrongChecksumIsTold) {
+TEST_F(CheckTest, EntryWithAWrongChecksum_IsReported) {
   {
     StoredTree index = Tree("index");
     std::string const key = EntryKey(index, names_, rows_[1]);
@@ -489,7 +489,7 @@ TEST_F(CheckTest, AnEntryWithAWrongChecksumIsTold) {
   ExpectOnly(OfIndex(LSCOREDB_FINDING_ENTRY, names_));
 }
 
-TEST_F(CheckTest, AnEntryOfNoObjectIsTold) {
+TEST_F(CheckTest, EntryOfNoObject_IsReported) {
   {
     StoredTree index = Tree("index");
     std::string key = EntryKey(index, names_, rows_[1]);
@@ -500,7 +500,7 @@ TEST_F(CheckTest, AnEntryOfNoObjectIsTold) {
   ExpectOnly(OfEntry(LSCOREDB_FINDING_ENTRY, 100, names_, layout_));
 }
 
-TEST_F(CheckTest, AnEntryOfAnObjectThatIsNotCoveredIsTold) {
+TEST_F(CheckTest, EntryOfAnUncoveredObject_IsReported) {
   {
     StoredTree index = Tree("index");
     std::string key = EntryKey(index, names_, rows_[1]);
@@ -511,7 +511,7 @@ TEST_F(CheckTest, AnEntryOfAnObjectThatIsNotCoveredIsTold) {
   ExpectOnly(OfEntry(LSCOREDB_FINDING_ENTRY, outsider_, names_, layout_));
 }
 
-TEST_F(CheckTest, AnObjectThatIsHeldTwiceIsTold) {
+TEST_F(CheckTest, ObjectWithTwoEntries_IsReported) {
   {
     StoredTree index = Tree("index");
     std::string key = EntryKey(index, names_, rows_[1]);
@@ -522,7 +522,7 @@ TEST_F(CheckTest, AnObjectThatIsHeldTwiceIsTold) {
   ExpectOnly(OfEntry(LSCOREDB_FINDING_ENTRY, rows_[1], names_, layout_));
 }
 
-TEST_F(CheckTest, AnEntryWithAnotherLayoutIsTold) {
+TEST_F(CheckTest, EntryWithAnotherLayout_IsReported) {
   {
     StoredTree index = Tree("index");
     index.Change(EntryKey(index, names_, rows_[1]),
@@ -533,14 +533,14 @@ TEST_F(CheckTest, AnEntryWithAnotherLayoutIsTold) {
 
 // ---- unique keys -------------------------------------------------------------------------------
 
-TEST_F(CheckTest, AKeyThatAUniqueIndexHoldsTwiceIsTold) {
+TEST_F(CheckTest, DuplicateKeyInAUniqueIndex_IsReported) {
   Tree("definitions").Change("I" + Big(numbers_, 8), [](std::string& record) { record[8] = 1; });
   EXPECT_EQ(Check(), (std::vector<Finding>{
                          OfEntry(LSCOREDB_FINDING_DUPLICATE_KEY, rows_[1], numbers_, layout_),
                          OfEntry(LSCOREDB_FINDING_DUPLICATE_KEY, rows_[3], numbers_, layout_)}));
 }
 
-TEST_F(CheckTest, NullsAndLongKeysThatDifferAtTheirEndsAreNoDuplicates) {
+TEST_F(CheckTest, NullsAndLongKeysThatDifferAtTheirEnds_AreNoDuplicates) {
   Oids added;
   {
     Database database(directory_.path());

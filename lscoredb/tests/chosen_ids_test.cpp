@@ -66,7 +66,7 @@ class ChosenIdsTest : public testing::Test {
   std::unique_ptr<World> world_ = std::make_unique<World>(directory_.path());
 };
 
-TEST_F(ChosenIdsTest, AnyUnusedOneBeyondWhatIsReserved_IsTaken) {
+TEST_F(ChosenIdsTest, UnusedIdBeyondTheReserved_IsTaken) {
   for (Oid const id : {kFar, kFar + 1, kFar - 1, Oid{1} << 62, (Oid{1} << 62) - 1, kLast}) {
     EXPECT_STATUS(0, world().Choose(id));
     EXPECT_STATUS(LSCOREDB_ID_IN_USE, world().Choose(id));
@@ -77,13 +77,13 @@ TEST_F(ChosenIdsTest, AnyUnusedOneBeyondWhatIsReserved_IsTaken) {
   EXPECT_STATUS(0, world().Choose(kFar + 2)) << "right behind the last one";
 }
 
-TEST_F(ChosenIdsTest, AboveTheLastOne_IsNone) {
+TEST_F(ChosenIdsTest, IdAboveTheLast_IsRefused) {
   EXPECT_STATUS(LSCOREDB_INVALID_ARGUMENT, world().Choose(kLast + 1));
   EXPECT_STATUS(LSCOREDB_INVALID_ARGUMENT, world().Choose(~Oid{0}));
   EXPECT_STATUS(LSCOREDB_INVALID_ARGUMENT, world().Choose(0));
 }
 
-TEST_F(ChosenIdsTest, AReservedOne_IsRefusedWithItsOwnStatus) {
+TEST_F(ChosenIdsTest, ReservedId_IsRefusedWithItsOwnStatus) {
   Oid const given = world().Give();
   EXPECT_STATUS(LSCOREDB_ID_IN_USE, world().Choose(given));
   EXPECT_STATUS(LSCOREDB_ID_GIVEN_OUT, world().Choose(given + 1));
@@ -92,7 +92,7 @@ TEST_F(ChosenIdsTest, AReservedOne_IsRefusedWithItsOwnStatus) {
   EXPECT_STATUS(LSCOREDB_ID_GIVEN_OUT, world().Choose(given + 1));
 }
 
-TEST_F(ChosenIdsTest, ADeletedOne_IsNeverTakenAgain) {
+TEST_F(ChosenIdsTest, DeletedId_IsNeverTakenAgain) {
   Oid const given = world().Give();
   EXPECT_STATUS(0, world().Choose(kFar));
   EXPECT_STATUS(0, world().Choose(kLast));
@@ -108,7 +108,7 @@ TEST_F(ChosenIdsTest, ADeletedOne_IsNeverTakenAgain) {
   }
 }
 
-TEST_F(ChosenIdsTest, OneThatWasNeverCommitted_IsUnused) {
+TEST_F(ChosenIdsTest, UncommittedId_IsUnused) {
   EXPECT_STATUS(0, world().Choose(kFar));
   world().session().Rollback();
   world().session().Begin();
@@ -118,7 +118,7 @@ TEST_F(ChosenIdsTest, OneThatWasNeverCommitted_IsUnused) {
   EXPECT_STATUS(0, world().Choose(kFar));
 }
 
-TEST_F(ChosenIdsTest, TheHighestPossible_DoNotEndTheKernelsOwn) {
+TEST_F(ChosenIdsTest, HighestIds_LeaveTheKernelIdsToAllocate) {
   for (Oid const id : {(Oid{1} << 62) - 1, Oid{1} << 62, kLast}) {
     EXPECT_STATUS(0, world().Choose(id));
   }
@@ -129,7 +129,7 @@ TEST_F(ChosenIdsTest, TheHighestPossible_DoNotEndTheKernelsOwn) {
 }
 
 // Few and many of them, in the way of blocks that are reserved later.
-TEST_F(ChosenIdsTest, GivenOnesKeepClearOfChosenOnesInTheirWay) {
+TEST_F(ChosenIdsTest, AllocatedIds_AvoidChosenOnes) {
   Oid const mark = world().Give() + 65536;
   std::set<Oid> chosen;
   for (Oid id = mark; id < mark + 10000; ++id) chosen.insert(id);
@@ -145,7 +145,7 @@ TEST_F(ChosenIdsTest, GivenOnesKeepClearOfChosenOnesInTheirWay) {
 }
 
 // A block that is reserved while a choice is open leaves it out.
-TEST_F(ChosenIdsTest, AChoiceThatIsNotCommitted_IsNotReservedByItsProcess) {
+TEST_F(ChosenIdsTest, UncommittedChoice_IsNotReservedByItsProcess) {
   Oid const chosen = world().Give() + 65536;
   Session other(world().database());
   other.Begin();
@@ -162,7 +162,7 @@ TEST_F(ChosenIdsTest, AChoiceThatIsNotCommitted_IsNotReservedByItsProcess) {
 
 // ---- free ranges -------------------------------------------------------------------------------
 
-TEST_F(ChosenIdsTest, Raise_LeavesWhatWasNotReservedToBeChosen) {
+TEST_F(ChosenIdsTest, Raise_LeavesUnreservedIdsToBeChosen) {
   Oid const given = world().Give();
   Oid const free = given + 100000;
   EXPECT_STATUS(0, world().Raise(kFar));
@@ -181,7 +181,7 @@ TEST_F(ChosenIdsTest, Raise_LeavesWhatWasNotReservedToBeChosen) {
   EXPECT_STATUS(0, world().Choose(free + 1));
 }
 
-TEST_F(ChosenIdsTest, Raise_OfANewDatabase_LeavesAll) {
+TEST_F(ChosenIdsTest, Raise_NewDatabase_LeavesAllIds) {
   TemporaryDirectory directory;
   Database database(directory.path());
   ASSERT_EQ(0U, lscoredb_raise_ids(database.get(), 1000));
@@ -217,7 +217,7 @@ TEST_F(ChosenIdsTest, Raise_OnlyGoesUp_AndNotTooFar) {
   world().Give();
 }
 
-TEST_F(ChosenIdsTest, Raise_PassesChosenAndDeletedOnes) {
+TEST_F(ChosenIdsTest, Raise_PassesChosenAndDeletedIds) {
   EXPECT_STATUS(0, world().Choose(kFar));
   EXPECT_STATUS(0, world().Choose(kFar + 1));
   world().Restart();
@@ -262,7 +262,7 @@ TEST_F(ChosenIdsProcessTest, AnotherProcessesReserve_IsRefusedAndNeverDisturbed)
 }
 
 // The other process cannot know of it: its own inserts go through, and the choice is refused.
-TEST_F(ChosenIdsProcessTest, AReserveAroundAnOpenChoice_RefusesTheChoice) {
+TEST_F(ChosenIdsProcessTest, ReserveAroundAnOpenChoice_RefusesTheChoice) {
   OtherProcess other([&](OtherProcess& test) {
     Oid const chosen = test.Hear();
     World world(directory_.path());

@@ -86,7 +86,7 @@ TEST_F(ClosedSetsTest, NothingEnters_InLaterTransactions) {
   ExpectClosed(other);
 }
 
-TEST_F(ClosedSetsTest, ChosenIdentities_EnterAsLittle) {
+TEST_F(ClosedSetsTest, ChosenIds_AreRefusedToo) {
   CloseAndCommit();
   session_.Begin();
   constexpr Oid kChosen = Oid{1} << 40;
@@ -97,7 +97,7 @@ TEST_F(ClosedSetsTest, ChosenIdentities_EnterAsLittle) {
   EXPECT_FALSE(session_.Exists(kChosen));
 }
 
-TEST_F(ClosedSetsTest, ARefusedInsert_LeavesNoEntryAndNoCount) {
+TEST_F(ClosedSetsTest, RefusedInsert_LeavesNoEntryAndNoCount) {
   CloseAndCommit();
   session_.Begin();
   std::size_t const before = session_.Walk(by_number_).size();
@@ -109,7 +109,7 @@ TEST_F(ClosedSetsTest, ARefusedInsert_LeavesNoEntryAndNoCount) {
   EXPECT_EQ(before, session_.Walk(by_number_).size());
 }
 
-TEST_F(ClosedSetsTest, WhatIsInside_MayBeChangedMovedAndDeleted) {
+TEST_F(ClosedSetsTest, ObjectsInside_MayBeChangedMovedAndDeleted) {
   CloseAndCommit();
   session_.Begin();
   session_.PutLong(inside_, kNumber, 5);
@@ -131,7 +131,7 @@ TEST_F(ClosedSetsTest, SetsAround_StayOpen) {
   session_.Commit();
 }
 
-TEST_F(ClosedSetsTest, LongSetsThatBeginAlike_AreToldApart) {
+TEST_F(ClosedSetsTest, LongSetsThatBeginAlike_AreDistinguished) {
   Text const common(1000, u'x');
   session_.Begin();
   ExpectOk(Close(session_, (common + u"a").c_str()));
@@ -142,19 +142,19 @@ TEST_F(ClosedSetsTest, LongSetsThatBeginAlike_AreToldApart) {
   EXPECT_STATUS(LSCOREDB_SET_CLOSED, Place(session_, fresh, (common + u"a").c_str()));
 }
 
-TEST_F(ClosedSetsTest, AnOlderTransaction_IsRefusedAtCommit_WhateverBroughtTheObjectIn) {
+TEST_F(ClosedSetsTest, OlderTransaction_BringingAnObjectInAnyWay_IsRefusedAtCommit) {
   EXPECT_STATUS(LSCOREDB_SET_CLOSED,
                 CommitAfterClosing([&](Session& late) { late.Insert(layout_, kClosed); }));
   session_.Begin();
   EXPECT_EQ(Oids({inside_, outside_}), session_.Walk(by_number_));
 }
 
-TEST_F(ClosedSetsTest, AnOlderTransaction_ThatMovesAnObjectIn_IsRefusedAtCommit) {
+TEST_F(ClosedSetsTest, OlderTransaction_MovingAnObjectIn_IsRefusedAtCommit) {
   EXPECT_STATUS(LSCOREDB_SET_CLOSED,
                 CommitAfterClosing([&](Session& late) { late.PutSetspec(outside_, kClosed); }));
 }
 
-TEST_F(ClosedSetsTest, AnOlderTransaction_ThatBringsNothingIn_Commits) {
+TEST_F(ClosedSetsTest, OlderTransaction_BringingNothingIn_Commits) {
   EXPECT_STATUS(0u, CommitAfterClosing([&](Session& late) {
                   late.PutLong(inside_, kNumber, 9);
                   late.Delete(late.Insert(layout_, kClosed));
@@ -197,7 +197,7 @@ TEST_F(ClosedSetsTest, ClosedTwice_ChangesNothing) {
   ExpectClosed(session_);
 }
 
-TEST_F(ClosedSetsTest, ClosedEmpty_ConflictsWithWhatCameInMeanwhile) {
+TEST_F(ClosedSetsTest, ClosedEmpty_ConflictsWithObjectsAddedMeanwhile) {
   Session writer(database_);
   for (bool const inserts : {true, false}) {
     session_.Begin();
@@ -225,7 +225,7 @@ TEST_F(ClosedSetsTest, BadCalls_AreRefused) {
 
 // What another process closes holds here: for a transaction that is open already, and for later
 // ones; and again once the database was opened anew, and in a copy.
-TEST(ClosedSetsOfProcesses, HoldInAllOfThem) {
+TEST(ClosedSetsProcessTest, ClosedSet_HoldsInEveryProcess) {
   TemporaryDirectory directory;
   OtherProcess other([&](OtherProcess& test) {
     test.Hear();

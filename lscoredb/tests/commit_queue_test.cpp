@@ -59,7 +59,7 @@ class CommitQueueTest : public testing::Test {
   std::atomic<std::size_t> led_{0};  // the size of the last batch that another thread led
 };
 
-TEST_F(CommitQueueTest, WhoIsAlone_LeadsAtOnce) {
+TEST_F(CommitQueueTest, SingleCommitter_LeadsAtOnce) {
   CommitQueue line(kForEver);
   for (int i = 0; i < 3; ++i) {
     CommitTicket ticket;
@@ -71,14 +71,14 @@ TEST_F(CommitQueueTest, WhoIsAlone_LeadsAtOnce) {
   }
 }
 
-TEST_F(CommitQueueTest, WhoComesWhileABatchIsLed_IsInTheNext) {
+TEST_F(CommitQueueTest, CommitterDuringABatch_JoinsTheNext) {
   CommitQueue line(0ns);
   LeadWithBehind(line, 5);
   JoinAll();
   EXPECT_EQ(5U, led_);
 }
 
-TEST_F(CommitQueueTest, WhoWasBusy_IsWaitedForAndLeadsWhenAllAreThere) {
+TEST_F(CommitQueueTest, BusyCommitter_IsAwaitedAndLeadsWhenAllAreThere) {
   CommitQueue line(kForEver);
   LeadWithBehind(line, 4);
   CommitTicket ticket;
@@ -91,7 +91,7 @@ TEST_F(CommitQueueTest, WhoWasBusy_IsWaitedForAndLeadsWhenAllAreThere) {
   EXPECT_EQ(0U, led_) << "nobody else led";
 }
 
-TEST_F(CommitQueueTest, WhoStaysAway_HoldsNobodyUpForEver) {
+TEST_F(CommitQueueTest, AbsentCommitter_HoldsNobodyUpForEver) {
   CommitQueue line(1ms);
   LeadWithBehind(line, 4);
   JoinAll();

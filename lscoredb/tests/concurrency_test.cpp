@@ -77,7 +77,7 @@ void ExpectAllCommitsKept(Database& database, LayoutId layout, IndexId index, in
   EXPECT_FALSE(distinct.contains(0));
 }
 
-TEST(GroupCommitTest, ManyThreadsCommitAtOnceAndAllIsKept) {
+TEST(GroupCommitTest, CommitsOfManyThreads_AreAllKept) {
   TemporaryDirectory directory;
   Database database(directory.path(), DefaultOptions());
   LayoutId layout = 0;
@@ -92,7 +92,7 @@ TEST(GroupCommitTest, ManyThreadsCommitAtOnceAndAllIsKept) {
   ExpectAllCommitsKept(database, layout, index, 20);
 }
 
-TEST(GroupCommitTest, InMemoryToo) {
+TEST(GroupCommitTest, InMemory_CommitsOfManyThreadsAreAllKept) {
   Database database;
   LayoutId layout = 0;
   IndexId index = 0;
@@ -106,7 +106,7 @@ TEST(GroupCommitTest, InMemoryToo) {
   ExpectAllCommitsKept(database, layout, index, 100);
 }
 
-TEST_F(ConcurrencyTest, NoIncrementOfACounterIsLost) {
+TEST_F(ConcurrencyTest, Increments_AreNeverLost) {
   constexpr int kThreads = 4;
   constexpr int kIncrements = 50;
   InParallel(kThreads, [&](int) {
@@ -118,7 +118,7 @@ TEST_F(ConcurrencyTest, NoIncrementOfACounterIsLost) {
   EXPECT_EQ(session_.Long(row_, kValue), kThreads * kIncrements);
 }
 
-TEST_F(ConcurrencyTest, OfTwoWritersAtOnceExactlyOneCommits) {
+TEST_F(ConcurrencyTest, TwoWritersOfOneRow_ExactlyOneCommits) {
   constexpr int kRounds = 50;
   std::barrier meet(2);
   std::atomic<int> committed = 0;
@@ -140,7 +140,7 @@ TEST_F(ConcurrencyTest, OfTwoWritersAtOnceExactlyOneCommits) {
   EXPECT_EQ(refused, kRounds);
 }
 
-TEST_F(ConcurrencyTest, OfTwoEqualUniqueKeysAtOnceExactlyOneIsCommitted) {
+TEST_F(ConcurrencyTest, TwoWritersOfOneUniqueKey_ExactlyOneCommits) {
   session_.Begin();
   IndexId const unique = session_.CreateIndex(61, kSet, {{LORV_TYPE_LONG, kValueToken}}, kUnique);
   session_.Commit();
@@ -166,7 +166,7 @@ TEST_F(ConcurrencyTest, OfTwoEqualUniqueKeysAtOnceExactlyOneIsCommitted) {
 }
 
 // Money moves between two rows; a reader never sees any of it twice or gone, by row or by index.
-TEST_F(ConcurrencyTest, ReadersSeeWholeTransactions) {
+TEST_F(ConcurrencyTest, Readers_SeeWholeTransactions) {
   session_.Begin();
   Oid const other = NewRow(session_, 1000);
   session_.Commit();
@@ -197,7 +197,7 @@ TEST_F(ConcurrencyTest, ReadersSeeWholeTransactions) {
 
 // The index comes from the snapshot and the row from wherever rows are kept: the two have to be of
 // one age, and no younger transaction may see an older one.
-TEST_F(ConcurrencyTest, RowsAreNeitherOlderNorYoungerThanTheSnapshotTheyAreReadIn) {
+TEST_F(ConcurrencyTest, Rows_AreNeitherOlderNorYoungerThanTheirSnapshot) {
   constexpr std::int64_t kLast = 300;
   InParallel(4, [&](int thread) {
     Session session(database_);
@@ -220,7 +220,7 @@ TEST_F(ConcurrencyTest, RowsAreNeitherOlderNorYoungerThanTheSnapshotTheyAreReadI
   });
 }
 
-TEST_F(ConcurrencyTest, ATransactionBegunAfterACommitReturnedSeesIt) {
+TEST_F(ConcurrencyTest, TransactionBegunAfterACommitReturned_SeesIt) {
   std::barrier meet(2);
   InParallel(2, [&](int thread) {
     Session session(database_);
@@ -240,7 +240,7 @@ TEST_F(ConcurrencyTest, ATransactionBegunAfterACommitReturnedSeesIt) {
   });
 }
 
-TEST_F(ConcurrencyTest, OneDirectoryIsOpenedAndClosedByManyThreads) {
+TEST_F(ConcurrencyTest, OneDirectory_IsOpenedAndClosedByManyThreads) {
   TemporaryDirectory directory;
   InParallel(4, [&](int thread) {
     for (int i = 0; i < 10; ++i) {
@@ -258,7 +258,7 @@ TEST_F(ConcurrencyTest, OneDirectoryIsOpenedAndClosedByManyThreads) {
     EXPECT_EQ(session.LayoutsByToken(token).size(), 1U) << token;
 }
 
-TEST_F(ConcurrencyTest, ReadersDoNotWaitForAnOpenWriter) {
+TEST_F(ConcurrencyTest, Readers_DoNotWaitForAnOpenWriter) {
   session_.Begin();
   session_.PutLong(row_, kValue, 5);
   InParallel(2, [&](int) {
@@ -270,7 +270,7 @@ TEST_F(ConcurrencyTest, ReadersDoNotWaitForAnOpenWriter) {
   session_.Commit();
 }
 
-TEST_F(ConcurrencyTest, WritersDoNotWaitForAnOpenWriter) {
+TEST_F(ConcurrencyTest, Writers_DoNotWaitForAnOpenWriter) {
   session_.Begin();
   session_.PutLong(row_, kValue, 5);
   InParallel(2, [&](int thread) {
@@ -284,7 +284,7 @@ TEST_F(ConcurrencyTest, WritersDoNotWaitForAnOpenWriter) {
   EXPECT_EQ(session_.Walk(by_value_).size(), 3U);
 }
 
-TEST_F(ConcurrencyTest, AContextMayMoveBetweenThreads) {
+TEST_F(ConcurrencyTest, Context_MayMoveBetweenThreads) {
   std::thread([&] { session_.Begin(); }).join();
   std::thread([&] { session_.PutLong(row_, kValue, 5); }).join();
   std::thread([&] { EXPECT_EQ(session_.Long(row_, kValue), 5); }).join();
@@ -294,7 +294,7 @@ TEST_F(ConcurrencyTest, AContextMayMoveBetweenThreads) {
 }
 
 // Both sides retry on conflict, so in the end all rows are there and the index must hold each one.
-TEST_F(ConcurrencyTest, NoInterleavingLeavesARowOutOfAnIndexMadeMeanwhile) {
+TEST_F(ConcurrencyTest, IndexCreatedBesideWriters_HoldsEveryRow) {
   for (int round = 0; round < 10; ++round) {
     IndexId index = 0;
     Text const set = u"round" + Text(1, static_cast<char16_t>(u'0' + round)) + u"/";
@@ -319,7 +319,7 @@ TEST_F(ConcurrencyTest, NoInterleavingLeavesARowOutOfAnIndexMadeMeanwhile) {
   }
 }
 
-TEST_F(ConcurrencyTest, LayoutsMadeByManyThreadsHaveDistinctNumbers) {
+TEST_F(ConcurrencyTest, LayoutsOfManyThreads_HaveDistinctNumbers) {
   constexpr int kThreads = 4;
   InParallel(kThreads, [&](int) {
     Session session(database_);
@@ -334,7 +334,7 @@ TEST_F(ConcurrencyTest, LayoutsMadeByManyThreadsHaveDistinctNumbers) {
   EXPECT_EQ(std::set<LayoutId>(layouts.begin(), layouts.end()).size(), kThreads * 10U);
 }
 
-TEST_F(ConcurrencyTest, ContextsOpenAndCloseInManyThreads) {
+TEST_F(ConcurrencyTest, Contexts_OpenAndCloseInManyThreads) {
   InParallel(4, [&](int) {
     for (int i = 0; i < 100; ++i) {
       Session session(database_);

@@ -47,7 +47,7 @@ class CopyTest : public testing::Test {
   IndexId index_ = 0;
 };
 
-TEST_F(CopyTest, ACopyHasWhatWasCommittedAndNothingElse) {
+TEST_F(CopyTest, Copy_HoldsExactlyWhatWasCommitted) {
   session_.Begin();
   Oid const kept = Add(1, 2000);
   session_.Commit();
@@ -64,7 +64,7 @@ TEST_F(CopyTest, ACopyHasWhatWasCommittedAndNothingElse) {
 }
 
 // Rows bear the number of the commit that wrote them, and a packed file counts its own anew.
-TEST_F(CopyTest, RowsOfACopyAndOfItsCopyCanBeWritten) {
+TEST_F(CopyTest, RowsOfACopyAndOfItsCopy_CanBeWritten) {
   Oid oid = 0;
   for (int i = 0; i < 40; ++i) {
     session_.Begin();
@@ -87,7 +87,7 @@ TEST_F(CopyTest, RowsOfACopyAndOfItsCopyCanBeWritten) {
   }
 }
 
-TEST_F(CopyTest, ACopyLeavesFreePlacesBehind) {
+TEST_F(CopyTest, Copy_LeavesFreePagesBehind) {
   session_.Begin();
   Oids all;
   for (int i = 0; i < 100; ++i) all.push_back(Add(i, 10'000));
@@ -101,7 +101,7 @@ TEST_F(CopyTest, ACopyLeavesFreePlacesBehind) {
 }
 
 // More than one batch of the copying, and a value in parts among it.
-TEST_F(CopyTest, LargeDatabasesAreCopiedWhole) {
+TEST_F(CopyTest, LargeDatabase_IsCopiedWhole) {
   LayoutId layout = 0;
   session_.Begin();
   layout = session_.CreateLayout(51, {{LORV_TYPE_BINARY, 300}});
@@ -140,7 +140,7 @@ class FileLimit {
   void (*old_handler_)(int);
 };
 
-TEST_F(CopyTest, ACopyThatFailedIsNoDatabase) {
+TEST_F(CopyTest, FailedCopy_IsNoDatabase) {
   session_.Begin();
   for (int i = 0; i < 50; ++i) Add(i, 20'000);
   session_.Commit();
@@ -156,7 +156,7 @@ TEST_F(CopyTest, ACopyThatFailedIsNoDatabase) {
   EXPECT_STATUS(0, Copy("copy"));
 }
 
-TEST_F(CopyTest, ADatabaseInMemoryIsCopiedIntoADirectory) {
+TEST_F(CopyTest, DatabaseInMemory_IsCopiedIntoADirectory) {
   Database memory;
   Session session(memory);
   session.Begin();
@@ -170,7 +170,7 @@ TEST_F(CopyTest, ADatabaseInMemoryIsCopiedIntoADirectory) {
   EXPECT_EQ(7, reader.Long(oid, kNumber));
 }
 
-TEST_F(CopyTest, PlacesThatAreTakenAreRefusedAndLeftAlone) {
+TEST_F(CopyTest, TakenTargets_AreRefusedAndLeftAlone) {
   std::ofstream(directory_ / "file") << "mine";
   EXPECT_STATUS(LSCOREDB_CANNOT_OPEN, Copy("file"));
   EXPECT_STATUS(LSCOREDB_CANNOT_OPEN, Copy("db"));
@@ -180,7 +180,7 @@ TEST_F(CopyTest, PlacesThatAreTakenAreRefusedAndLeftAlone) {
   EXPECT_EQ(4u, std::filesystem::file_size(directory_ / "file"));
 }
 
-TEST_F(CopyTest, StatisticsTellOpenTransactionsAndTheOldestStateThatIsRead) {
+TEST_F(CopyTest, Statistics_CountOpenTransactionsAndNameTheOldestStateRead) {
   lscoredb_statistics const before = StatisticsOf(database_);
   EXPECT_EQ(0u, before.transactions);
   EXPECT_EQ(before.last_commit, before.oldest_commit);
@@ -201,7 +201,7 @@ TEST_F(CopyTest, StatisticsTellOpenTransactionsAndTheOldestStateThatIsRead) {
   EXPECT_EQ(meanwhile.last_commit, StatisticsOf(database_).oldest_commit);
 }
 
-TEST_F(CopyTest, StatisticsOfAShorterRecordWriteNoFurther) {
+TEST_F(CopyTest, Statistics_OfAShorterStruct_WriteNoFurther) {
   lscoredb_statistics statistics{};
   statistics.size = offsetof(lscoredb_statistics, last_commit);
   EXPECT_STATUS(0, lscoredb_stats(database_.get(), &statistics));

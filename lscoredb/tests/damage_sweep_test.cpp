@@ -357,7 +357,7 @@ class DamageSweepTest : public testing::Test {
   int unharmed_ = 0;
 };
 
-TEST_F(DamageSweepTest, NoDamageEndsTheProcess) {
+TEST_F(DamageSweepTest, AnyDamage_NeverEndsTheProcess) {
   std::uint64_t const first = Number("SAGLEME_DAMAGE_FIRST", 1);
   std::uint64_t const cases = Number("SAGLEME_DAMAGE_CASES", 160);
   for (std::uint64_t number = first; number < first + cases; ++number) TryCase(number);

@@ -84,7 +84,7 @@ class DamageTest : public testing::Test {
 
 // Pages before the one that is said to be the last are never written, so the file would come to be
 // as long as that says.
-TEST_F(DamageTest, AWrongLastPageIsNotBelieved) {
+TEST_F(DamageTest, WrongLastPage_IsNotTrusted) {
   constexpr std::size_t kPage = 4096;
   constexpr std::size_t kLastPage = 16 + 120;
   constexpr std::size_t kCommit = 16 + 128;
@@ -106,29 +106,29 @@ TEST_F(DamageTest, AWrongLastPageIsNotBelieved) {
   EXPECT_LT(56, refused) << "one that is too high";
 }
 
-TEST_F(DamageTest, AForeignFileIsNotADatabase) {
+TEST_F(DamageTest, ForeignFile_IsNoDatabase) {
   WriteFile(File(), std::string(100000, 'x'));
   std::string const before = ReadFile(File());
   EXPECT_STATUS(LSCOREDB_NOT_A_DATABASE, TryOpen(directory_.path()));
   EXPECT_TRUE(ReadFile(File()) == before) << "it is left as it was";
 }
 
-TEST_F(DamageTest, ATextFileIsNotADatabase) {
+TEST_F(DamageTest, TextFile_IsNoDatabase) {
   WriteFile(File(), "Dear diary,\n");
   EXPECT_STATUS(LSCOREDB_NOT_A_DATABASE, TryOpen(directory_.path()));
 }
 
-TEST_F(DamageTest, AnotherProgramsStoreIsNotADatabase) {
+TEST_F(DamageTest, StoreOfAnotherProgram_IsNoDatabase) {
   PutRecord(directory_.path(), "somebody", "key", "value");
   EXPECT_STATUS(LSCOREDB_NOT_A_DATABASE, TryOpen(directory_.path()));
 }
 
-TEST_F(DamageTest, AStoreWithOurTreeNamesAndWithoutOurMarkIsNotADatabase) {
+TEST_F(DamageTest, StoreWithOurTreeNamesWithoutOurMark_IsNoDatabase) {
   PutRecord(directory_.path(), "meta", "format", "somebody else's");
   EXPECT_STATUS(LSCOREDB_NOT_A_DATABASE, TryOpen(directory_.path()));
 }
 
-TEST_F(DamageTest, AFileOfANewerFormatIsRefusedAndLeftAlone) {
+TEST_F(DamageTest, NewerFormat_IsRefusedAndLeftAlone) {
   Fill();
   PutRecord(directory_.path(), "meta", kFormatKey, FormatRecord(kNewestVersion + 1));
   std::string const before = ReadFile(File());
@@ -138,7 +138,7 @@ TEST_F(DamageTest, AFileOfANewerFormatIsRefusedAndLeftAlone) {
   EXPECT_STATUS(0, TryOpen(directory_.path()));
 }
 
-TEST_F(DamageTest, VerifyingFindsAPageThatIsNone) {
+TEST_F(DamageTest, Verify_FindsABrokenPage) {
   Fill();
   std::string content = ReadFile(File());
   std::string const text(200, 'C');
@@ -158,7 +158,7 @@ TEST_F(DamageTest, VerifyingFindsAPageThatIsNone) {
 }
 
 // The head of an older copy was put into a file that another process works on.
-TEST_F(DamageTest, AFileThatDoesNotShowTheStateThatOthersReadIsDamaged) {
+TEST_F(DamageTest, FileThatLostTheStateOthersRead_IsDamaged) {
   constexpr std::size_t kHead = std::size_t{2} * 4096;
   Fill();
   std::string const older = ReadFile(File()).substr(0, kHead);
@@ -184,7 +184,7 @@ TEST_F(DamageTest, AFileThatDoesNotShowTheStateThatOthersReadIsDamaged) {
   }
 }
 
-TEST_F(DamageTest, ARowWhoseBytesChangedIsDamagedAndOthersAreRead) {
+TEST_F(DamageTest, RowWithChangedBytes_IsDamagedAndOthersAreRead) {
   Fill();
   std::string content = ReadFile(File());
   // The row's text stands in its image and in the index; the image is what is found by reading.
@@ -209,7 +209,7 @@ TEST_F(DamageTest, ARowWhoseBytesChangedIsDamagedAndOthersAreRead) {
 }
 
 // Each read stands for itself.
-TEST_F(DamageTest, ADamagedPageKeepsNobodyFromTheOthersInItsTransaction) {
+TEST_F(DamageTest, DamagedPage_LeavesTheOthersReadableInItsTransaction) {
   Fill();
   std::string content = ReadFile(File());
   std::string const text(200, 'C');
@@ -237,7 +237,7 @@ TEST_F(DamageTest, ADamagedPageKeepsNobodyFromTheOthersInItsTransaction) {
 
 // A page in the place of another one, with the number of that place: only the bounds of the pages
 // above tell.
-TEST_F(DamageTest, APageThatStandsTwiceGivesNoObjectTwice) {
+TEST_F(DamageTest, PageStoredTwice_GivesNoObjectTwice) {
   Fill();
   std::string const sound = ReadFile(File());
   std::vector<std::size_t> leaves;
@@ -266,7 +266,7 @@ TEST_F(DamageTest, APageThatStandsTwiceGivesNoObjectTwice) {
 
 // Numbers inside of a row are those of its lengths and places; they go wrong when it was read and
 // found sound, and lies in no memory.
-TEST_F(DamageTest, ARowThatIsDamagedAfterItWasReadEndsNoProcess) {
+TEST_F(DamageTest, RowDamagedAfterItWasRead_EndsNoProcess) {
   constexpr std::uint32_t kWild = 0x7FFFFFF1;
   Fill();
   std::string const sound = ReadFile(File());
@@ -305,7 +305,7 @@ TEST_F(DamageTest, ARowThatIsDamagedAfterItWasReadEndsNoProcess) {
   EXPECT_EQ(16, statuses[LSCOREDB_DAMAGED] + statuses[0]);
 }
 
-TEST_F(DamageTest, AFileThatWasCutIsRefused) {
+TEST_F(DamageTest, TruncatedFile_IsRefused) {
   Fill();
   std::string const content = ReadFile(File());
   for (std::size_t const size : {std::size_t{1}, std::size_t{100}, std::size_t{5000},
@@ -317,7 +317,7 @@ TEST_F(DamageTest, AFileThatWasCutIsRefused) {
   }
 }
 
-TEST_F(DamageTest, AnEmptyFileIsANewDatabase) {
+TEST_F(DamageTest, EmptyFile_IsANewDatabase) {
   WriteFile(File(), "");
   EXPECT_STATUS(0, TryOpen(directory_.path()));
 }
@@ -405,7 +405,7 @@ class Vandal {
   MDB_dbi tree_ = 0;
 };
 
-TEST_F(DamageTest, BrokenRecordsAnywhereGiveAStatusAndNoCrash) {
+TEST_F(DamageTest, BrokenRecordsAnywhere_GiveAStatusAndNoCrash) {
   Fill();
   std::string const content = ReadFile(File());
   std::mt19937 random(4242);

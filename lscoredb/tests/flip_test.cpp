@@ -156,7 +156,7 @@ class FlipTest : public testing::TestWithParam<int> {
   std::string file_;
 };
 
-TEST_P(FlipTest, AChangedByteGivesAStatusOrTheDataAsTheyWere) {
+TEST_P(FlipTest, ChangedByte_GivesAStatusOrTheOriginalData) {
   int const result = InChild([&] {
     std::mt19937 random(static_cast<std::mt19937::result_type>(GetParam()));
     std::map<Outcome, int> outcomes;
@@ -185,7 +185,7 @@ INSTANTIATE_TEST_SUITE_P(Seeds, FlipTest, testing::Range(1, 13));
 
 class CutTest : public FlipTest {};
 
-TEST_P(CutTest, ACutFileGivesAStatusOrTheDataAsTheyWere) {
+TEST_P(CutTest, TruncatedFile_GivesAStatusOrTheOriginalData) {
   int const result = InChild([&] {
     int wrong = 0;
     for (std::size_t size = 1; size < file_.size(); size += kPage) {

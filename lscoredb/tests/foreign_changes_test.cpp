@@ -68,12 +68,12 @@ class ForeignChangesTest : public testing::Test {
   ObjectId unchanged_{};
 };
 
-TEST_F(ForeignChangesTest, ARowThatAnotherProcessChangedIsReadAnew) {
+TEST_F(ForeignChangesTest, RowChangedByAnotherProcess_IsReadAgain) {
   there_.WriteAndCommit(changed_, 10);
   EXPECT_EQ(10U, here_.ReadAnew(changed_));
 }
 
-TEST_F(ForeignChangesTest, RowsThatNobodyChangedStayInMemory) {
+TEST_F(ForeignChangesTest, UnchangedRows_StayInMemory) {
   there_.WriteAndCommit(changed_, 10);
   std::size_t const given = here_.store->rows_given();
   EXPECT_EQ(2U, here_.ReadAnew(unchanged_));
@@ -82,7 +82,7 @@ TEST_F(ForeignChangesTest, RowsThatNobodyChangedStayInMemory) {
   EXPECT_EQ(given + 1, here_.store->rows_given());
 }
 
-TEST_F(ForeignChangesTest, AnOlderSnapshotKeepsItsVersion) {
+TEST_F(ForeignChangesTest, OlderSnapshot_KeepsItsVersion) {
   here_.transaction.Begin(true);
   EXPECT_EQ(1U, here_.Read(changed_));
   there_.WriteAndCommit(changed_, 10);
@@ -97,7 +97,7 @@ TEST_F(ForeignChangesTest, AnOlderSnapshotKeepsItsVersion) {
 }
 
 // A reader of an old state does not bring its version back after the new one was reported.
-TEST_F(ForeignChangesTest, AnOlderSnapshotPutsNothingOutdatedIntoMemory) {
+TEST_F(ForeignChangesTest, OlderSnapshot_CachesNothingOutdated) {
   here_.transaction.Begin(true);
   there_.WriteAndCommit(changed_, 10);
   Transaction later(here_.database);
@@ -110,14 +110,14 @@ TEST_F(ForeignChangesTest, AnOlderSnapshotPutsNothingOutdatedIntoMemory) {
   here_.transaction.Rollback();
 }
 
-TEST_F(ForeignChangesTest, ChangesOfOthersBetweenOwnCommitsAreSeen) {
+TEST_F(ForeignChangesTest, ForeignChangesBetweenOwnCommits_AreSeen) {
   there_.WriteAndCommit(changed_, 10);
   here_.WriteAndCommit(unchanged_, 20);
   EXPECT_EQ(10U, here_.ReadAnew(changed_));
   EXPECT_EQ(20U, there_.ReadAnew(unchanged_));
 }
 
-TEST_F(ForeignChangesTest, ARowThatAnotherProcessDeletedIsGone) {
+TEST_F(ForeignChangesTest, RowDeletedByAnotherProcess_IsGone) {
   there_.transaction.Begin(false);
   EXPECT_EQ(LORV_STATUS_OK, there_.transaction.Delete(changed_));
   there_.Commit();

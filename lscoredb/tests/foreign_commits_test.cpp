@@ -18,7 +18,7 @@ void CommitOwn(ForeignCommits& commits, std::uint64_t state, bool succeeded = tr
   commits.EndCommit(State(state), succeeded);
 }
 
-TEST(ForeignCommitsTest, AStateThatNobodyHereMadeIsForeign) {
+TEST(ForeignCommitsTest, StateMadeElsewhere_IsForeign) {
   ForeignCommits commits;
   EXPECT_TRUE(commits.Notice(State(7), ListNone));
   EXPECT_EQ(State(7), commits.unlisted());
@@ -26,7 +26,7 @@ TEST(ForeignCommitsTest, AStateThatNobodyHereMadeIsForeign) {
   EXPECT_EQ(State(7), commits.unlisted());
 }
 
-TEST(ForeignCommitsTest, OwnCommitsAreAccountedFor) {
+TEST(ForeignCommitsTest, OwnCommits_AreAccountedFor) {
   ForeignCommits commits;
   commits.Notice(State(7), ListNone);
   for (std::uint64_t state = 8; state < 11; ++state) CommitOwn(commits, state);
@@ -34,7 +34,7 @@ TEST(ForeignCommitsTest, OwnCommitsAreAccountedFor) {
   EXPECT_EQ(State(7), commits.unlisted());
 }
 
-TEST(ForeignCommitsTest, ACommitOfAnotherProcessBetweenOwnOnesIsForeign) {
+TEST(ForeignCommitsTest, CommitOfAnotherProcessBetweenOwnOnes_IsForeign) {
   ForeignCommits commits;
   commits.Notice(State(7), ListNone);
   CommitOwn(commits, 8);
@@ -46,7 +46,7 @@ TEST(ForeignCommitsTest, ACommitOfAnotherProcessBetweenOwnOnesIsForeign) {
   EXPECT_EQ(State(11), commits.unlisted());
 }
 
-TEST(ForeignCommitsTest, AStateWhoseCommitIsUnderWayIsNobodysYet) {
+TEST(ForeignCommitsTest, StateOfACommitUnderWay_IsNobodysYet) {
   ForeignCommits commits;
   commits.Notice(State(7), ListNone);
   commits.BeginCommit(State(8), ListNone);
@@ -59,7 +59,7 @@ TEST(ForeignCommitsTest, AStateWhoseCommitIsUnderWayIsNobodysYet) {
 }
 
 // The number of a commit that failed goes to whoever commits next.
-TEST(ForeignCommitsTest, AFailedCommitLeavesItsNumberToOthers) {
+TEST(ForeignCommitsTest, FailedCommit_LeavesItsNumberToOthers) {
   ForeignCommits commits;
   commits.Notice(State(7), ListNone);
   CommitOwn(commits, 8, false);
@@ -90,27 +90,27 @@ class ListedCommitsTest : public testing::Test {
   CommitId reported_for_{};
 };
 
-TEST_F(ListedCommitsTest, WhatIsListedIsReportedAndTheRestHolds) {
+TEST_F(ListedCommitsTest, ListedChanges_AreReportedAndTheRestStays) {
   EXPECT_TRUE(commits_.Notice(State(9), Listed(9)));
   EXPECT_EQ((std::vector{ObjectId{8}, ObjectId{9}}), reported_);
   EXPECT_EQ(State(9), reported_for_);
   EXPECT_EQ(State(7), commits_.unlisted());
 }
 
-TEST_F(ListedCommitsTest, AStateIsListedOnce) {
+TEST_F(ListedCommitsTest, State_IsListedOnce) {
   commits_.Notice(State(8), Listed(8));
   commits_.Notice(State(8), Listed(8));
   EXPECT_EQ(std::vector{ObjectId{8}}, reported_);
 }
 
-TEST_F(ListedCommitsTest, AnOwnCommitListsWhatCameBeforeIt) {
+TEST_F(ListedCommitsTest, OwnCommit_ListsWhatCameBeforeIt) {
   commits_.BeginCommit(State(9), Listed(8));
   commits_.EndCommit(State(9), true);
   EXPECT_EQ(std::vector{ObjectId{8}}, reported_);
   EXPECT_EQ(State(7), commits_.unlisted());
 }
 
-TEST_F(ListedCommitsTest, AListThatFailsCountsAsNone) {
+TEST_F(ListedCommitsTest, FailedListing_CountsAsNone) {
   auto const fail = [](CommitId, std::vector<ObjectId>* changed) -> bool {
     changed->push_back(ObjectId{1});
     Throw(LSCOREDB_IO_ERROR);

@@ -64,7 +64,7 @@ class ForkTest : public testing::Test {
 };
 
 // As the destructors of a host's static objects do in a child that ends by exit.
-TEST_F(ForkTest, AChildThatClosesEverythingLeavesTheParentsSnapshotAlone) {
+TEST_F(ForkTest, ChildThatClosesEverything_LeavesTheParentsSnapshotAlone) {
   Walker walker(session_, PairWorld(session_).index);
   InAnotherProcess([&] {
     alarm(kPatience);
@@ -78,7 +78,7 @@ TEST_F(ForkTest, AChildThatClosesEverythingLeavesTheParentsSnapshotAlone) {
   EXPECT_EQ(walker.Rest().size(), 2U * kPairs);
 }
 
-TEST_F(ForkTest, InAChildTheParentsHandlesNameNothing) {
+TEST_F(ForkTest, ParentsHandles_AreInvalidInTheChild) {
   InAnotherProcess([&] {
     alarm(kPatience);
     std::uint64_t out = 0;
@@ -101,7 +101,7 @@ TEST_F(ForkTest, InAChildTheParentsHandlesNameNothing) {
   ExpectSnapshotStands();
 }
 
-TEST_F(ForkTest, AChildOpensAnewAndItsHandlesAreNoneOfTheParents) {
+TEST_F(ForkTest, Child_OpensAnewAndGetsHandlesOfItsOwn) {
   InAnotherProcess([&] {
     alarm(kPatience);
     Database database(directory_.path());
@@ -118,7 +118,7 @@ TEST_F(ForkTest, AChildOpensAnewAndItsHandlesAreNoneOfTheParents) {
   EXPECT_EQ(session_.Walk(PairWorld(session_).index).size(), 2U * (kPairs + 2));
 }
 
-TEST_F(ForkTest, AChildOfAChildIsAsCleanAsTheFirst) {
+TEST_F(ForkTest, ChildOfAChild_StartsClean) {
   InAnotherProcess([&] {
     alarm(kPatience);
     Database database(directory_.path());
@@ -139,7 +139,7 @@ TEST_F(ForkTest, AChildOfAChildIsAsCleanAsTheFirst) {
   ExpectSnapshotStands();
 }
 
-TEST_F(ForkTest, AChildHoldsNoneOfTheParentsFiles) {
+TEST_F(ForkTest, Child_HoldsNoneOfTheParentsFiles) {
   ASSERT_EQ(OpenFilesIn(directory_.path()),
             (std::set<std::string>{"data.mdb", "layouts.lock", "lock.mdb"}));
   InAnotherProcess([&] { EXPECT_EQ(OpenFilesIn(directory_.path()), std::set<std::string>{}); });
@@ -153,7 +153,7 @@ TEST_F(ForkTest, AChildHoldsNoneOfTheParentsFiles) {
 }
 
 // A thread that is not there in the child may have held anything at the time of the fork.
-TEST(ForkWhileOthersOpenTest, AChildOpensAndEnds) {
+TEST(ForkWhileOthersOpenTest, Child_OpensAndEnds) {
   TemporaryDirectory directory;
   std::atomic<bool> over{false};
   std::vector<std::thread> others;

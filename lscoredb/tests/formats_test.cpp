@@ -26,7 +26,7 @@ class FormatsTest : public testing::TestWithParam<std::uint32_t> {
   std::uint32_t newest_ = GetParam();
 };
 
-TEST_P(FormatsTest, IsOpenedAsItIs) {
+TEST_P(FormatsTest, OlderFormat_OpensUnchanged) {
   EXPECT_EQ(Little(GetParam(), 4), Version());
   {
     lscoredb_options options = NoSync();
@@ -37,7 +37,7 @@ TEST_P(FormatsTest, IsOpenedAsItIs) {
   EXPECT_EQ(Little(GetParam(), 4), Version());
 }
 
-TEST_P(FormatsTest, HoldsWhatWasWritten) {
+TEST_P(FormatsTest, OlderFormat_HoldsWhatWasWritten) {
   Database const database(directory_.path());
   Session session(database);
   session.BeginReadOnly();
@@ -60,7 +60,7 @@ TEST_P(FormatsTest, HoldsWhatWasWritten) {
   EXPECT_EQ(GetParam() >= 2 ? 1u : 0u, session.IndexesByToken(kWideIndex).size());
 }
 
-TEST_P(FormatsTest, KnowsClosedSets) {
+TEST_P(FormatsTest, OlderFormat_KnowsClosedSets) {
   Database const database(directory_.path());
   Session session(database);
   session.Begin();
@@ -70,7 +70,7 @@ TEST_P(FormatsTest, KnowsClosedSets) {
 }
 
 // What needs an older version leaves a later one as it is.
-TEST_P(FormatsTest, MovesToWhatItIsAskedForAndNeverBack) {
+TEST_P(FormatsTest, OlderFormat_IsUpgradedOnRequestAndNeverDowngraded) {
   for (std::uint32_t const needed : {2u, 3u, 2u}) {
     {
       Database const database(directory_.path());
@@ -87,7 +87,7 @@ TEST_P(FormatsTest, MovesToWhatItIsAskedForAndNeverBack) {
   }
 }
 
-TEST_P(FormatsTest, TakesWritesAndANewIndex) {
+TEST_P(FormatsTest, OlderFormat_TakesWritesAndANewIndex) {
   {
     Database const database(directory_.path());
     Session session(database);

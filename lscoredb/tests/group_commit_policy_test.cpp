@@ -30,12 +30,12 @@ class GroupCommitPolicyTest : public testing::Test {
   GroupCommitPolicy company_{GroupCommitPolicy::kLongest};
 };
 
-TEST_F(GroupCommitPolicyTest, AtFirst_NobodyIsWaitedFor) {
+TEST_F(GroupCommitPolicyTest, FirstBatch_WaitsForNobody) {
   EXPECT_EQ(1U, company_.wanted());
   EXPECT_EQ(0us, company_.patience());
 }
 
-TEST_F(GroupCommitPolicyTest, WhoIsAlone_WaitsForNobody) {
+TEST_F(GroupCommitPolicyTest, SingleCommitter_WaitsForNobody) {
   company_.Ended(Ended(1, 0));
   EXPECT_EQ(1U, company_.wanted());
 }
@@ -47,28 +47,28 @@ TEST_F(GroupCommitPolicyTest, MembersOfTheBatchAndThoseBehindIt_AreExpected) {
   EXPECT_EQ(8U, company_.wanted());
 }
 
-TEST_F(GroupCommitPolicyTest, WhoStayedAway_IsNotExpectedAgain) {
+TEST_F(GroupCommitPolicyTest, AbsentCommitter_IsNotExpectedAgain) {
   company_.Ended(Ended(8, 0));
   company_.Ended(Ended(5, 0));
   EXPECT_EQ(5U, company_.wanted());
 }
 
-TEST_F(GroupCommitPolicyTest, WaitsArePartOfWhatABatchTakes) {
+TEST_F(GroupCommitPolicyTest, Waits_ArePartOfABatchsDuration) {
   company_.Ended({2, 0, false, 600us});
   EXPECT_EQ(600us / GroupCommitPolicy::kPart, company_.patience());
 }
 
-TEST_F(GroupCommitPolicyTest, NoWaitIsLongerThanTheLongest) {
+TEST_F(GroupCommitPolicyTest, Wait_IsNeverLongerThanTheLimit) {
   company_.Ended({2, 0, false, 1h});
   EXPECT_EQ(GroupCommitPolicy::kLongest, company_.patience());
 }
 
-TEST_F(GroupCommitPolicyTest, WhereBatchesAreQuick_NobodyIsWaitedFor) {
+TEST_F(GroupCommitPolicyTest, QuickBatches_WaitForNobody) {
   company_.Ended({8, 3, false, GroupCommitPolicy::kShortest});
   EXPECT_EQ(1U, company_.wanted());
 }
 
-TEST_F(GroupCommitPolicyTest, AfterWaitsThatWereTooShort_TwiceAsManyBatchesGoWithout) {
+TEST_F(GroupCommitPolicyTest, WaitsTooShort_AreSkippedForTwiceAsManyBatches) {
   company_.Ended(Ended(2, 0));
   for (int const pauses : {1, 2, 4, 8, 16, 32, 64, 64}) {
     company_.Ended(Waited(1, 1));
@@ -82,7 +82,7 @@ TEST_F(GroupCommitPolicyTest, SomeOfThoseExpected_AreTooFew) {
   EXPECT_EQ(1U, company_.wanted());
 }
 
-TEST_F(GroupCommitPolicyTest, AfterAWaitForAll_OneThatIsTooShortCostsLittleAgain) {
+TEST_F(GroupCommitPolicyTest, WaitTooShortAfterAFullOne_CostsLittleAgain) {
   company_.Ended(Ended(2, 0));
   for (int i = 0; i < 5; ++i) {
     company_.Ended(Waited(1, 1));

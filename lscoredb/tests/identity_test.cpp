@@ -31,7 +31,7 @@ void MakeDatabase(std::string const& directory) {
   CommitLayout(session);
 }
 
-TEST(Identity, ComesWithTheFirstCommit_AndStays) {
+TEST(IdentityTest, Value_ComesWithTheFirstCommitAndStays) {
   TemporaryDirectory const directory;
   std::uint64_t first = 0;
   {
@@ -52,7 +52,7 @@ TEST(Identity, ComesWithTheFirstCommit_AndStays) {
   EXPECT_EQ(first, IdentityIn(directory.path()));
 }
 
-TEST(Identity, IsSeenByAllContextsAtOnce) {
+TEST(IdentityTest, Value_IsSeenByAllContextsAtOnce) {
   Database const database;
   Session reader(database);
   reader.BeginReadOnly();
@@ -61,7 +61,7 @@ TEST(Identity, IsSeenByAllContextsAtOnce) {
   EXPECT_EQ(IdentityOf(writer), IdentityOf(reader));
 }
 
-TEST(Identity, OfDatabasesMadeApart_Differs) {
+TEST(IdentityTest, DatabasesCreatedSeparately_Differ) {
   std::set<std::uint64_t> seen;
   for (int i = 0; i < 5; ++i) {
     Database const database;
@@ -71,7 +71,7 @@ TEST(Identity, OfDatabasesMadeApart_Differs) {
   }
 }
 
-TEST(Identity, OfACopy_IsTheSame) {
+TEST(IdentityTest, Copy_HasTheSame) {
   TemporaryDirectory const directory;
   std::string const copy = directory / "copy";
   MakeDatabase(directory / "db");
@@ -84,7 +84,7 @@ TEST(Identity, OfACopy_IsTheSame) {
 }
 
 // As one has none that an earlier kernel wrote.
-TEST(Identity, OfAnOlderDatabase_ComesWithTheNextCommit) {
+TEST(IdentityTest, OlderDatabase_GetsItWithTheNextCommit) {
   TemporaryDirectory const directory;
   MakeDatabase(directory.path());
   std::string format;
@@ -104,7 +104,7 @@ TEST(Identity, OfAnOlderDatabase_ComesWithTheNextCommit) {
   EXPECT_EQ(format, StoredTree(directory.path(), "meta").Get("format"));
 }
 
-TEST(Identity, ThatIsDamaged_IsToldAndNotReplaced) {
+TEST(IdentityTest, DamagedValue_IsReportedAndNotReplaced) {
   TemporaryDirectory const directory;
   MakeDatabase(directory.path());
   {
@@ -125,7 +125,7 @@ TEST(Identity, ThatIsDamaged_IsToldAndNotReplaced) {
   EXPECT_STATUS(LSCOREDB_DAMAGED, session.TryCommit());
 }
 
-TEST(Identity, AskedWrongly_IsRefused) {
+TEST(IdentityTest, BadArguments_AreRefused) {
   Database const database;
   Session const session(database);
   std::uint64_t identity = 0;

@@ -65,7 +65,7 @@ class IndexBuildTest : public testing::Test {
   Oids rows_;
 };
 
-TEST_F(IndexBuildTest, ChangesOfItsTransactionLieOverWhatWasThere) {
+TEST_F(IndexBuildTest, OwnChanges_OverlayExistingRows) {
   session_.Delete(rows_[1]);
   session_.PutLong(rows_[2], kNumber, 95);
   IndexId const index = ByNumber();
@@ -78,7 +78,7 @@ TEST_F(IndexBuildTest, ChangesOfItsTransactionLieOverWhatWasThere) {
                                 rows_[9], rows_[2]});
 }
 
-TEST_F(IndexBuildTest, AnEntryMayLeaveAndComeBack) {
+TEST_F(IndexBuildTest, Entry_MayLeaveAndComeBack) {
   IndexId const index = ByNumber();
   session_.PutLong(rows_[5], kNumber, 7);
   session_.PutLong(rows_[5], kNumber, 50);
@@ -87,7 +87,7 @@ TEST_F(IndexBuildTest, AnEntryMayLeaveAndComeBack) {
   ExpectNowAndCommitted(index, rows_);
 }
 
-TEST_F(IndexBuildTest, ARangeIsFoundByKey) {
+TEST_F(IndexBuildTest, Range_IsFoundByKey) {
   IndexId const index = ByNumber();
   EXPECT_EQ((Oids{rows_[3], rows_[4], rows_[5]}),
             session_.Walk(index, Key().Long(25), Key().Long(50)));
@@ -95,7 +95,7 @@ TEST_F(IndexBuildTest, ARangeIsFoundByKey) {
             session_.WalkBack(index, Key().Long(55), Key().Long(30)));
 }
 
-TEST_F(IndexBuildTest, AWalkSeesTheIndexAsItWas) {
+TEST_F(IndexBuildTest, Scan_SeesTheIndexAsItWas) {
   IndexId const index = ByNumber();
   Walker walker(session_, index);
   EXPECT_EQ(rows_[0], walker.Next());
@@ -103,7 +103,7 @@ TEST_F(IndexBuildTest, AWalkSeesTheIndexAsItWas) {
   EXPECT_EQ(Oids(rows_.begin() + 1, rows_.end()), walker.Rest());
 }
 
-TEST_F(IndexBuildTest, RollbackToASavepointBringsBackWhatWasThere) {
+TEST_F(IndexBuildTest, RollbackToSavepoint_RestoresExistingEntries) {
   IndexId const index = ByNumber();
   std::uint64_t savepoint = 0;
   Check("savepoint", lscoredb_savepoint(session_.context(), &savepoint));
@@ -114,7 +114,7 @@ TEST_F(IndexBuildTest, RollbackToASavepointBringsBackWhatWasThere) {
   ExpectNowAndCommitted(index, rows_);
 }
 
-TEST_F(IndexBuildTest, SeveralIndexesOfOneTransactionAreAllThere) {
+TEST_F(IndexBuildTest, SeveralIndexesOfOneTransaction_AllExist) {
   IndexId const up = ByNumber();
   IndexId const down = session_.CreateIndex(61, kSet, {{LORV_TYPE_LONG, kNumberToken}},
                                             {.unique = false, .descending = 1});
@@ -130,19 +130,19 @@ TEST_F(IndexBuildTest, SeveralIndexesOfOneTransactionAreAllThere) {
 
 // ---- unique indexes ----------------------------------------------------------------------------
 
-TEST_F(IndexBuildTest, EqualOnesThatWereThereAreRefused) {
+TEST_F(IndexBuildTest, ExistingDuplicates_AreRefused) {
   session_.PutLong(rows_[7], kNumber, 30);
   session_.Commit();
   session_.Begin();
   EXPECT_STATUS(LSCOREDB_DUPLICATE_KEY, TryUnique());
 }
 
-TEST_F(IndexBuildTest, OneThatWasWrittenAndOneThatWasThereAreRefused) {
+TEST_F(IndexBuildTest, WrittenDuplicateOfAnExistingRow_IsRefused) {
   session_.PutLong(rows_[7], kNumber, 30);
   EXPECT_STATUS(LSCOREDB_DUPLICATE_KEY, TryUnique());
 }
 
-TEST_F(IndexBuildTest, NullsThatWereThereDoNotCollide) {
+TEST_F(IndexBuildTest, ExistingNulls_DoNotCollide) {
   for (int i = 0; i < 5; ++i) rows_.push_back(session_.Insert(layout_));
   session_.Commit();
   session_.Begin();
@@ -150,7 +150,7 @@ TEST_F(IndexBuildTest, NullsThatWereThereDoNotCollide) {
   EXPECT_EQ(rows_.size(), session_.Walk(index).size());
 }
 
-TEST_F(IndexBuildTest, AWriteCollidesWithWhatWasThereAndNotWithWhatLeft) {
+TEST_F(IndexBuildTest, Write_CollidesWithExistingRowsAndNotWithRemovedOnes) {
   IndexId const index = ByNumber(kUnique);
   Oid const row = session_.Insert(layout_);
   EXPECT_STATUS(LSCOREDB_DUPLICATE_KEY,
@@ -192,7 +192,7 @@ class LargeIndexBuildTest : public IndexBuildTest {
   Oids by_text_;
 };
 
-TEST_F(LargeIndexBuildTest, ComesInOrderAndLeavesNoFile) {
+TEST_F(LargeIndexBuildTest, Entries_ComeInOrderAndLeaveNoFile) {
   MakeRows();
   auto const files = [&] {
     return std::distance(std::filesystem::directory_iterator(directory_.path()), {});
@@ -209,7 +209,7 @@ TEST_F(LargeIndexBuildTest, ComesInOrderAndLeavesNoFile) {
   ExpectNowAndCommitted(index, expected);
 }
 
-TEST_F(LargeIndexBuildTest, EqualOnesFarApartAreRefused) {
+TEST_F(LargeIndexBuildTest, DuplicatesFarApart_AreRefused) {
   MakeRows();
   session_.PutString(by_text_[kManyRows - 1], kText, TextOf(17));
   session_.Commit();

@@ -61,36 +61,36 @@ class IndexConflictTest : public KernelTest {
   Oid elsewhere_ = 0;
 };
 
-TEST_F(IndexConflictTest, ARowInsertedMeanwhileIsAConflict) {
+TEST_F(IndexConflictTest, RowInsertedMeanwhile_IsAConflict) {
   EXPECT_STATUS(LSCOREDB_CONFLICT, CommitOfAnIndexAfter([&] { Row(writer_, 3); }));
   session_.Begin();
   EXPECT_TRUE(session_.IndexesByToken(60).empty());
 }
 
-TEST_F(IndexConflictTest, ARowChangedMeanwhileIsAConflict) {
+TEST_F(IndexConflictTest, RowChangedMeanwhile_IsAConflict) {
   EXPECT_STATUS(LSCOREDB_CONFLICT,
                 CommitOfAnIndexAfter([&] { writer_.PutLong(row_, kNumber, 9); }));
 }
 
-TEST_F(IndexConflictTest, ARowDeletedMeanwhileIsAConflict) {
+TEST_F(IndexConflictTest, RowDeletedMeanwhile_IsAConflict) {
   EXPECT_STATUS(LSCOREDB_CONFLICT, CommitOfAnIndexAfter([&] { writer_.Delete(row_); }));
 }
 
-TEST_F(IndexConflictTest, ARowOfADescendantIsAConflictToo) {
+TEST_F(IndexConflictTest, RowOfADescendant_IsAConflict) {
   EXPECT_STATUS(LSCOREDB_CONFLICT, CommitOfAnIndexAfter([&] { Row(writer_, 3, u"set/child/"); }));
 }
 
-TEST_F(IndexConflictTest, ARowMovedIntoTheSetMeanwhileIsAConflict) {
+TEST_F(IndexConflictTest, RowMovedIntoTheSetMeanwhile_IsAConflict) {
   EXPECT_STATUS(LSCOREDB_CONFLICT,
                 CommitOfAnIndexAfter([&] { writer_.PutSetspec(elsewhere_, kSet); }));
 }
 
-TEST_F(IndexConflictTest, ARowMovedOutOfTheSetMeanwhileIsAConflict) {
+TEST_F(IndexConflictTest, RowMovedOutOfTheSetMeanwhile_IsAConflict) {
   EXPECT_STATUS(LSCOREDB_CONFLICT,
                 CommitOfAnIndexAfter([&] { writer_.PutSetspec(row_, u"elsewhere/"); }));
 }
 
-TEST_F(IndexConflictTest, AChangeOfAnotherSetIsNoConflict) {
+TEST_F(IndexConflictTest, ChangeOfAnotherSet_IsNoConflict) {
   EXPECT_STATUS(0, CommitOfAnIndexAfter([&] {
                   writer_.PutLong(elsewhere_, kNumber, 9);
                   Row(writer_, 3, u"se");
@@ -99,7 +99,7 @@ TEST_F(IndexConflictTest, AChangeOfAnotherSetIsNoConflict) {
   EXPECT_EQ(session_.Walk(session_.IndexesByToken(60).at(0)), Oids{row_});
 }
 
-TEST_F(IndexConflictTest, AChangeFromBeforeTheMakersBeginIsNoConflict) {
+TEST_F(IndexConflictTest, ChangeBeforeTheCreatorsBegin_IsNoConflict) {
   writer_.Begin();
   Oid const added = Row(writer_, 3);
   writer_.Commit();
@@ -109,21 +109,21 @@ TEST_F(IndexConflictTest, AChangeFromBeforeTheMakersBeginIsNoConflict) {
   EXPECT_EQ(Committed(index), (Oids{row_, added}));
 }
 
-TEST_F(IndexConflictTest, ARowInsertedByAnOlderTransactionEntersTheIndex) {
+TEST_F(IndexConflictTest, RowInsertedByAnOlderTransaction_EntersTheIndex) {
   Oid added = 0;
   IndexId const index = IndexCommittedBefore([&] { added = Row(writer_, 0); });
   writer_.Commit();
   EXPECT_EQ(Committed(index), (Oids{added, row_}));
 }
 
-TEST_F(IndexConflictTest, ARowThatIsWrittenOnlyAfterTheIndexIsCommittedEntersIt) {
+TEST_F(IndexConflictTest, RowWrittenAfterTheIndexIsCommitted_EntersIt) {
   IndexId const index = IndexCommittedBefore([] {});
   Oid const added = Row(writer_, 0);
   writer_.Commit();
   EXPECT_EQ(Committed(index), (Oids{added, row_}));
 }
 
-TEST_F(IndexConflictTest, ARowChangedByAnOlderTransactionMovesInTheIndex) {
+TEST_F(IndexConflictTest, RowChangedByAnOlderTransaction_MovesInTheIndex) {
   IndexId const index = IndexCommittedBefore([&] { writer_.PutLong(row_, kNumber, 9); });
   writer_.Commit();
   session_.Begin();
@@ -132,13 +132,13 @@ TEST_F(IndexConflictTest, ARowChangedByAnOlderTransactionMovesInTheIndex) {
   EXPECT_EQ(session_.At(index, Key().Long(1)), Oids{});
 }
 
-TEST_F(IndexConflictTest, ARowDeletedByAnOlderTransactionLeavesTheIndex) {
+TEST_F(IndexConflictTest, RowDeletedByAnOlderTransaction_LeavesTheIndex) {
   IndexId const index = IndexCommittedBefore([&] { writer_.Delete(row_); });
   writer_.Commit();
   EXPECT_EQ(Committed(index), Oids{});
 }
 
-TEST_F(IndexConflictTest, ARowMovedByAnOlderTransactionEntersOrLeavesTheIndex) {
+TEST_F(IndexConflictTest, RowMovedByAnOlderTransaction_EntersOrLeavesTheIndex) {
   IndexId const index = IndexCommittedBefore([&] {
     writer_.PutSetspec(elsewhere_, kSet);
     writer_.PutSetspec(row_, u"elsewhere/");
@@ -147,7 +147,7 @@ TEST_F(IndexConflictTest, ARowMovedByAnOlderTransactionEntersOrLeavesTheIndex) {
   EXPECT_EQ(Committed(index), Oids{elsewhere_});
 }
 
-TEST_F(IndexConflictTest, ARowMovedToAnotherLayoutByAnOlderTransactionStaysIndexed) {
+TEST_F(IndexConflictTest, RowMovedToAnotherLayoutByAnOlderTransaction_StaysIndexed) {
   session_.Begin();
   LayoutId const newer =
       session_.CreateLayout(50, {{LORV_TYPE_STRING, 101}, {LORV_TYPE_LONG, kNumberToken}});
@@ -161,13 +161,13 @@ TEST_F(IndexConflictTest, ARowMovedToAnotherLayoutByAnOlderTransactionStaysIndex
   EXPECT_EQ(found.layout, newer);
 }
 
-TEST_F(IndexConflictTest, ADuplicateFromAnOlderTransactionIsRefusedByItsCommit) {
+TEST_F(IndexConflictTest, DuplicateFromAnOlderTransaction_IsRefusedByItsCommit) {
   IndexId const index = IndexCommittedBefore([&] { Row(writer_, 1); }, kUnique);
   EXPECT_STATUS(LSCOREDB_DUPLICATE_KEY, writer_.TryCommit());
   EXPECT_EQ(Committed(index), Oids{row_});
 }
 
-TEST_F(IndexConflictTest, TwoDuplicatesOfAnOlderTransactionAreRefusedByItsCommit) {
+TEST_F(IndexConflictTest, TwoDuplicatesOfAnOlderTransaction_AreRefusedByItsCommit) {
   IndexId const index = IndexCommittedBefore(
       [&] {
         Row(writer_, 5);
@@ -178,7 +178,7 @@ TEST_F(IndexConflictTest, TwoDuplicatesOfAnOlderTransactionAreRefusedByItsCommit
   EXPECT_EQ(Committed(index), Oids{row_});
 }
 
-TEST_F(IndexConflictTest, TheMakersOwnRowsAreInItsIndex) {
+TEST_F(IndexConflictTest, CreatorsOwnRows_AreInItsIndex) {
   session_.Begin();
   Oid const before = Row(session_, 0);
   IndexId const index = Index(session_);
@@ -188,7 +188,7 @@ TEST_F(IndexConflictTest, TheMakersOwnRowsAreInItsIndex) {
   EXPECT_EQ(Committed(index), (Oids{before, row_, after}));
 }
 
-TEST_F(IndexConflictTest, AnIndexDroppedMeanwhileGetsNothingFromOlderTransactions) {
+TEST_F(IndexConflictTest, IndexDroppedMeanwhile_GetsNothingFromOlderTransactions) {
   session_.Begin();
   IndexId const index = Index(session_, kUnique);
   session_.Commit();
@@ -205,7 +205,7 @@ TEST_F(IndexConflictTest, AnIndexDroppedMeanwhileGetsNothingFromOlderTransaction
   EXPECT_EQ(session_.Walk(again), (Oids{row_, added}));
 }
 
-TEST_F(IndexConflictTest, TwoIndexesMadeAtOnceBothHoldTheSet) {
+TEST_F(IndexConflictTest, TwoIndexesCreatedAtOnce_BothHoldTheSet) {
   session_.Begin();
   writer_.Begin();
   IndexId const first = Index(session_);

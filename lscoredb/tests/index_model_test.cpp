@@ -144,7 +144,7 @@ class IndexModelTest : public testing::TestWithParam<unsigned> {
   IndexId index_ = 0;
 };
 
-TEST_P(IndexModelTest, WalksAgreeWithASortedVector) {
+TEST_P(IndexModelTest, Scans_AgreeWithASortedVector) {
   for (int i = 0; i < 400 && !HasFailure(); ++i) {
     SCOPED_TRACE(i);
     Step();

@@ -100,23 +100,23 @@ std::vector<std::uint64_t> UnsignedValues() {
 Key UnsignedKey(std::uint64_t value) { return Key().Unsigned(value); }
 Key SignedKey(std::int64_t value) { return Key().Long(value); }
 
-TEST_F(IndexOrderTest, Longs) {
+TEST_F(IndexOrderTest, Longs_AreInNumericOrder) {
   ExpectOrder(LORV_TYPE_LONG, SamplesOf(SignedValues(), SignedKey, &Session::PutLong));
 }
 
-TEST_F(IndexOrderTest, Decimals) {
+TEST_F(IndexOrderTest, Decimals_AreInNumericOrder) {
   ExpectOrder(LORV_TYPE_DECIMAL, SamplesOf(SignedValues(), SignedKey, &Session::PutDecimal));
 }
 
-TEST_F(IndexOrderTest, Unsigned) {
+TEST_F(IndexOrderTest, UnsignedNumbers_AreInNumericOrder) {
   ExpectOrder(LORV_TYPE_ULONG, SamplesOf(UnsignedValues(), UnsignedKey, &Session::PutULong));
 }
 
-TEST_F(IndexOrderTest, Keys) {
+TEST_F(IndexOrderTest, Keys_AreInNumericOrder) {
   ExpectOrder(LORV_TYPE_KEY, SamplesOf(UnsignedValues(), UnsignedKey, &Session::PutULong));
 }
 
-TEST_F(IndexOrderTest, Doubles) {
+TEST_F(IndexOrderTest, Doubles_AreInNumericOrder) {
   double const infinity = std::numeric_limits<double>::infinity();
   ExpectOrder(LORV_TYPE_DOUBLE,
               SamplesOf(
@@ -125,14 +125,14 @@ TEST_F(IndexOrderTest, Doubles) {
                   [](double value) { return Key().Double(value); }, &Session::PutDouble));
 }
 
-TEST_F(IndexOrderTest, Floats) {
+TEST_F(IndexOrderTest, Floats_AreInNumericOrder) {
   ExpectOrder(LORV_TYPE_FLOAT,
               SamplesOf(
                   std::vector<float>{-1e30F, -2.5F, 0, 0.1F, 2.5F, 1e30F},
                   [](float value) { return Key().Double(value); }, &Session::PutFloat));
 }
 
-TEST_F(IndexOrderTest, NegativeZeroIsFoundAsZero) {
+TEST_F(IndexOrderTest, NegativeZero_IsFoundAsZero) {
   LayoutId const layout = session_.CreateLayout(50, {{LORV_TYPE_DOUBLE, kToken}});
   IndexId const index = session_.CreateIndex(60, kSet, {{LORV_TYPE_DOUBLE, kToken}});
   Oid const row = session_.Insert(layout);
@@ -140,13 +140,13 @@ TEST_F(IndexOrderTest, NegativeZeroIsFoundAsZero) {
   EXPECT_EQ(session_.At(index, Key().Double(0.0)), Oids{row});
 }
 
-TEST_F(IndexOrderTest, References) {
+TEST_F(IndexOrderTest, References_AreInTheOrderOfTheirIds) {
   ExpectOrder(LORV_TYPE_REFERENCE,
               SamplesOf(std::vector<std::uint64_t>{1, 2, 300, ~std::uint64_t{0}}, UnsignedKey,
                         &Session::PutReference));
 }
 
-TEST_F(IndexOrderTest, Texts) {
+TEST_F(IndexOrderTest, Texts_AreInTheOrderOfTheirUnits) {
   std::vector<Text> texts{u"",         u"\x01",      u"A",    u"AA",    u"B",     u"a",
                           u"abcdefgh", u"abcdefghi", u"\xFF", u"\x100", u"\xFFFF"};
   texts.insert(texts.end() - 1, Text(1, char16_t{0xD800}));
@@ -157,7 +157,7 @@ TEST_F(IndexOrderTest, Texts) {
                   texts, [](Text const& text) { return Key().Text(text); }, &Session::PutString));
 }
 
-TEST_F(IndexOrderTest, Binaries) {
+TEST_F(IndexOrderTest, Binaries_AreInTheOrderOfTheirBytes) {
   std::vector<Bytes> const binaries{{},     {0}, {0, 0},       {0, 1}, {0, 255}, {1},       {1, 0},
                                     {1, 1}, {2}, Bytes(40, 3), {254},  {255},    {255, 255}};
   ExpectOrder(LORV_TYPE_BINARY,
@@ -186,7 +186,7 @@ class TwoColumnIndexTest : public KernelTest {
   IndexId index_ = 0;
 };
 
-TEST_F(TwoColumnIndexTest, TheFirstColumnLeads) {
+TEST_F(TwoColumnIndexTest, FirstColumn_OrdersBeforeTheSecond) {
   Oid const b = Row(2, u"b");
   Oid const a = Row(2, u"a");
   Oid const first = Row(1, u"a");
@@ -194,7 +194,7 @@ TEST_F(TwoColumnIndexTest, TheFirstColumnLeads) {
   EXPECT_EQ(session_.Walk(index_), (Oids{first, b, a, last}));
 }
 
-TEST_F(TwoColumnIndexTest, ABoundMayNameOnlyTheFirstColumn) {
+TEST_F(TwoColumnIndexTest, Bound_MayNameOnlyTheFirstColumn) {
   Oid const b = Row(2, u"b");
   Oid const a = Row(2, u"a");
   Row(1, u"x");
@@ -210,7 +210,7 @@ TEST_F(TwoColumnIndexTest, ABoundMayNameOnlyTheFirstColumn) {
   }
 }
 
-TEST_F(TwoColumnIndexTest, NullIsAPlainBoundLikeValues) {
+TEST_F(TwoColumnIndexTest, Null_IsABoundLikeValues) {
   Oid const null = session_.Insert(layout_);
   Oid const one = Row(1, u"x");
   EXPECT_EQ(session_.At(index_, Key().Null()), Oids{null});
@@ -218,7 +218,7 @@ TEST_F(TwoColumnIndexTest, NullIsAPlainBoundLikeValues) {
   EXPECT_EQ(session_.Walk(index_, Key().Long(-100), Key().Long(1)), Oids{one});
 }
 
-TEST_F(TwoColumnIndexTest, AnEmptyRangeAndBoundsTheWrongWayRoundHoldNothing) {
+TEST_F(TwoColumnIndexTest, EmptyRangeAndReversedBounds_HoldNothing) {
   Row(1, u"x");
   Row(3, u"x");
   EXPECT_EQ(session_.At(index_, Key().Long(2)), Oids{});
@@ -226,7 +226,7 @@ TEST_F(TwoColumnIndexTest, AnEmptyRangeAndBoundsTheWrongWayRoundHoldNothing) {
   EXPECT_EQ(session_.WalkBack(index_, Key().Long(1), Key().Long(3)), Oids{});
 }
 
-TEST_F(TwoColumnIndexTest, TheTextsWithAPrefixLieBetweenTheirBounds) {
+TEST_F(TwoColumnIndexTest, TextsWithAPrefix_LieBetweenItsBounds) {
   Row(1, u"aa");
   Oid const ab = Row(1, u"ab");
   Oid const abc = Row(1, u"abc");
@@ -239,7 +239,7 @@ TEST_F(TwoColumnIndexTest, TheTextsWithAPrefixLieBetweenTheirBounds) {
   }
 }
 
-TEST_F(TwoColumnIndexTest, EqualKeysComeInTheOrderOfTheirIds) {
+TEST_F(TwoColumnIndexTest, EqualKeys_ComeInTheOrderOfTheirIds) {
   Oids rows;
   for (int i = 0; i < 50; ++i) rows.push_back(Row(1, u"same"));
   Restart();
@@ -249,7 +249,7 @@ TEST_F(TwoColumnIndexTest, EqualKeysComeInTheOrderOfTheirIds) {
   EXPECT_EQ(session_.WalkBack(index_), Reversed(rows));
 }
 
-TEST_F(TwoColumnIndexTest, TheLastElementUnderAPrefixIsFoundBackwards) {
+TEST_F(TwoColumnIndexTest, LastElementUnderAPrefix_IsFoundBackwards) {
   for (int i = 0; i < 300; ++i) Row(i, u"x");
   Restart();
   Oid const pending = Row(100, u"a");

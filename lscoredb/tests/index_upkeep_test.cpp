@@ -37,7 +37,7 @@ class IndexUpkeepTest : public KernelTest {
   LayoutId layout_ = 0;
 };
 
-TEST_F(IndexUpkeepTest, AnIndexMadeBeforeTheRowsHoldsThem) {
+TEST_F(IndexUpkeepTest, IndexCreatedBeforeTheRows_HoldsThem) {
   IndexId const index = Index();
   Restart();
   Oid const two = Row(2);
@@ -45,7 +45,7 @@ TEST_F(IndexUpkeepTest, AnIndexMadeBeforeTheRowsHoldsThem) {
   ExpectNowAndCommitted(index, {one, two});
 }
 
-TEST_F(IndexUpkeepTest, AnIndexMadeAfterTheRowsHoldsThem) {
+TEST_F(IndexUpkeepTest, IndexCreatedAfterTheRows_HoldsThem) {
   Oid const three = Row(3);
   Oid const two = Row(2);
   Restart();
@@ -55,7 +55,7 @@ TEST_F(IndexUpkeepTest, AnIndexMadeAfterTheRowsHoldsThem) {
   ExpectNowAndCommitted(index, {three, one, two});
 }
 
-TEST_F(IndexUpkeepTest, AnIndexMadeAfterADeleteDoesNotHoldTheRow) {
+TEST_F(IndexUpkeepTest, IndexCreatedAfterADelete_LacksTheRow) {
   Oid const gone = Row(3);
   Oid const kept = Row(2);
   Restart();
@@ -64,7 +64,7 @@ TEST_F(IndexUpkeepTest, AnIndexMadeAfterADeleteDoesNotHoldTheRow) {
   ExpectNowAndCommitted(index, {kept});
 }
 
-TEST_F(IndexUpkeepTest, AChangedValueMovesTheRow) {
+TEST_F(IndexUpkeepTest, ChangedValue_MovesTheRow) {
   IndexId const index = Index();
   Oid const a = Row(1);
   Oid const b = Row(2);
@@ -78,7 +78,7 @@ TEST_F(IndexUpkeepTest, AChangedValueMovesTheRow) {
   EXPECT_EQ(session_.At(index, Key().Null()), Oids{b});
 }
 
-TEST_F(IndexUpkeepTest, AValueChangedThereAndBackStaysWhereItWas) {
+TEST_F(IndexUpkeepTest, ValueChangedThereAndBack_LeavesTheRow) {
   IndexId const index = Index();
   Oid const a = Row(1);
   Restart();
@@ -89,7 +89,7 @@ TEST_F(IndexUpkeepTest, AValueChangedThereAndBackStaysWhereItWas) {
   EXPECT_EQ(session_.At(index, Key().Long(1)), Oids{a});
 }
 
-TEST_F(IndexUpkeepTest, AnUnwrittenColumnIsNullOrZero) {
+TEST_F(IndexUpkeepTest, UnwrittenColumn_IsNullOrZero) {
   LayoutId const required = session_.CreateLayout(51, {{LORV_TYPE_LONG, kNumberToken, false}});
   IndexId const nulls = Index(u"nulls/");
   IndexId const zeros =
@@ -103,7 +103,7 @@ TEST_F(IndexUpkeepTest, AnUnwrittenColumnIsNullOrZero) {
   }
 }
 
-TEST_F(IndexUpkeepTest, AnUnwrittenRequiredTextIsIndexedAsTheEmptyOne) {
+TEST_F(IndexUpkeepTest, UnwrittenRequiredText_IsIndexedAsEmpty) {
   LayoutId const required = session_.CreateLayout(51, {{LORV_TYPE_STRING, 200, false}});
   IndexId const index = session_.CreateIndex(61, u"texts/", {{LORV_TYPE_STRING, 200, false}});
   Oid const unwritten = session_.Insert(required, u"texts/");
@@ -116,7 +116,7 @@ TEST_F(IndexUpkeepTest, AnUnwrittenRequiredTextIsIndexedAsTheEmptyOne) {
   }
 }
 
-TEST_F(IndexUpkeepTest, ARowWithoutSetSpecifierIsInNoIndex) {
+TEST_F(IndexUpkeepTest, RowWithoutSetSpecifier_IsInNoIndex) {
   IndexId const all = Index(u"");
   Oid const bare = session_.InsertBare(layout_);
   session_.PutLong(bare, kNumber, 1);
@@ -125,7 +125,7 @@ TEST_F(IndexUpkeepTest, ARowWithoutSetSpecifierIsInNoIndex) {
   ExpectNowAndCommitted(all, {bare});
 }
 
-TEST_F(IndexUpkeepTest, AnIndexCoversAllSetSpecifiersThatBeginWithItsOwn) {
+TEST_F(IndexUpkeepTest, Index_CoversSetSpecifiersThatBeginWithItsOwn) {
   Oid const child_before = Row(1, u"set/child/");
   Restart();
   IndexId const index = Index();
@@ -141,7 +141,7 @@ TEST_F(IndexUpkeepTest, AnIndexCoversAllSetSpecifiersThatBeginWithItsOwn) {
   EXPECT_EQ(session_.Walk(child_index), (Oids{child_before, grandchild}));
 }
 
-TEST_F(IndexUpkeepTest, AnIndexOverTheEmptyPrefixCoversEverything) {
+TEST_F(IndexUpkeepTest, IndexOverTheEmptyPrefix_CoversEverything) {
   Oid const a = Row(1, u"");
   Oid const b = Row(2, u"x");
   IndexId const index = Index(u"");
@@ -149,7 +149,7 @@ TEST_F(IndexUpkeepTest, AnIndexOverTheEmptyPrefixCoversEverything) {
   ExpectNowAndCommitted(index, {a, b, c});
 }
 
-TEST_F(IndexUpkeepTest, AChangedSetSpecifierMovesARowBetweenIndexes) {
+TEST_F(IndexUpkeepTest, ChangedSetSpecifier_MovesARowBetweenIndexes) {
   IndexId const here = Index();
   IndexId const there = session_.CreateIndex(61, u"there/", {{LORV_TYPE_LONG, kNumberToken}});
   Oid const row = Row(1);
@@ -162,7 +162,7 @@ TEST_F(IndexUpkeepTest, AChangedSetSpecifierMovesARowBetweenIndexes) {
   ExpectNowAndCommitted(there, {});
 }
 
-TEST_F(IndexUpkeepTest, AChangedSetSpecifierMovesARowBetweenRanges) {
+TEST_F(IndexUpkeepTest, ChangedSetSpecifier_MovesARowBetweenRanges) {
   IndexId const by_set = session_.CreateIndex(60, u"", {{LORV_TYPE_STRING, LORV_TOKEN_SETSPEC}});
   Oid const row = Row(1, u"a/");
   Oid const child = Row(2, u"a/b/");
@@ -179,7 +179,7 @@ TEST_F(IndexUpkeepTest, AChangedSetSpecifierMovesARowBetweenRanges) {
   EXPECT_EQ(under(u"c/d/"), Oids{row});
 }
 
-TEST_F(IndexUpkeepTest, IdentityAndSetSpecifierAreColumnsOfAnIndexLikeOthers) {
+TEST_F(IndexUpkeepTest, IdentityAndSetSpecifier_CanBeIndexed) {
   IndexId const index = session_.CreateIndex(
       60, kSet, {{LORV_TYPE_STRING, LORV_TOKEN_SETSPEC}, {LORV_TYPE_ULONG, LORV_TOKEN_ID}});
   Oid const a = Row(1);
@@ -188,7 +188,7 @@ TEST_F(IndexUpkeepTest, IdentityAndSetSpecifierAreColumnsOfAnIndexLikeOthers) {
   ExpectNowAndCommitted(index, {a, b});
 }
 
-TEST_F(IndexUpkeepTest, ObjectsUnderSupersededLayoutsAreIndexedByToken) {
+TEST_F(IndexUpkeepTest, ObjectsUnderSupersededLayouts_AreIndexedByToken) {
   Oid const old = Row(5);
   Restart();
   LayoutId const newer =
@@ -214,7 +214,7 @@ TEST_F(IndexUpkeepTest, ObjectsUnderSupersededLayoutsAreIndexedByToken) {
   }
 }
 
-TEST_F(IndexUpkeepTest, AMissingColumnOfARequiredIndexColumnCountsAsZero) {
+TEST_F(IndexUpkeepTest, MissingColumnOfARequiredIndexColumn_CountsAsZero) {
   Oid const old = Row(5);
   IndexId const by_extra = session_.CreateIndex(61, kSet, {{LORV_TYPE_LONG, kExtraToken, false}});
   for (int round = 0; round < 2; ++round) {
@@ -223,7 +223,7 @@ TEST_F(IndexUpkeepTest, AMissingColumnOfARequiredIndexColumnCountsAsZero) {
   }
 }
 
-TEST_F(IndexUpkeepTest, ADescendantsObjectIsIndexedByTheTokenOfItsBase) {
+TEST_F(IndexUpkeepTest, DescendantsObject_IsIndexedByTheTokenOfItsBase) {
   LayoutId const derived = session_.CreateLayout(51, {{LORV_TYPE_STRING, 200}}, layout_);
   IndexId const index = Index();
   Oid const base = Row(2);
@@ -232,7 +232,7 @@ TEST_F(IndexUpkeepTest, ADescendantsObjectIsIndexedByTheTokenOfItsBase) {
   ExpectNowAndCommitted(index, {child, base});
 }
 
-TEST_F(IndexUpkeepTest, WalksNameTheLayoutThatEachObjectHas) {
+TEST_F(IndexUpkeepTest, Scan_NamesTheLayoutOfEachObject) {
   LayoutId const derived = session_.CreateLayout(51, {}, layout_);
   IndexId const index = Index();
   Row(1);
@@ -252,7 +252,7 @@ TEST_F(IndexUpkeepTest, WalksNameTheLayoutThatEachObjectHas) {
   }
 }
 
-TEST_F(IndexUpkeepTest, ADroppedIndexIsUnknownAndItsRowsGoOn) {
+TEST_F(IndexUpkeepTest, DroppedIndex_IsUnknownAndItsRowsStay) {
   IndexId const index = Index();
   Oid const row = Row(1);
   Restart();
@@ -272,7 +272,7 @@ TEST_F(IndexUpkeepTest, ADroppedIndexIsUnknownAndItsRowsGoOn) {
   EXPECT_EQ(session_.Walk(Index()), Oids{row});
 }
 
-TEST_F(IndexUpkeepTest, AnIndexMadeAndDroppedInOneTransactionLeavesNoTrace) {
+TEST_F(IndexUpkeepTest, IndexCreatedAndDroppedInOneTransaction_LeavesNoTrace) {
   Oid const row = Row(1);
   IndexId const first = Index();
   session_.DropIndex(first);
@@ -282,7 +282,7 @@ TEST_F(IndexUpkeepTest, AnIndexMadeAndDroppedInOneTransactionLeavesNoTrace) {
   EXPECT_EQ(session_.IndexesByToken(60), std::vector<IndexId>{second});
 }
 
-TEST_F(IndexUpkeepTest, AnIndexDescribesItself) {
+TEST_F(IndexUpkeepTest, Index_DescribesItself) {
   IndexId const index = session_.CreateIndex(
       60, u"set/\xD800", {{LORV_TYPE_LONG, kNumberToken}, {LORV_TYPE_STRING, 101}}, kUnique);
   IndexId const other = session_.CreateIndex(61, u"", {{LORV_TYPE_LONG, kNumberToken}});
@@ -305,7 +305,7 @@ TEST_F(IndexUpkeepTest, AnIndexDescribesItself) {
   }
 }
 
-TEST_F(IndexUpkeepTest, FlagsThatMeanNothingHereAreKeptForTheirOwner) {
+TEST_F(IndexUpkeepTest, UnusedFlags_AreKeptForTheirOwner) {
   IndexId index = 0;
   EXPECT_STATUS(0, lorvi_context_create_index(context(), 60, kSet, Definitions({}).data(), 0,
                                               0xA0B1, &index));
@@ -318,7 +318,7 @@ TEST_F(IndexUpkeepTest, FlagsThatMeanNothingHereAreKeptForTheirOwner) {
   }
 }
 
-TEST_F(IndexUpkeepTest, SeveralIndexesMayShareAToken) {
+TEST_F(IndexUpkeepTest, SeveralIndexes_MayShareAToken) {
   IndexId const first = Index();
   Restart();
   IndexId const second = Index(u"elsewhere/");
@@ -334,14 +334,14 @@ TEST_F(IndexUpkeepTest, SeveralIndexesMayShareAToken) {
   }
 }
 
-TEST_F(IndexUpkeepTest, AnIndexWithoutColumnsHoldsItsSetInTheOrderOfIds) {
+TEST_F(IndexUpkeepTest, IndexWithoutColumns_HoldsItsSetInTheOrderOfIds) {
   Oid const before = Row(9);
   IndexId const index = session_.CreateIndex(60, kSet, {});
   Oid const after = Row(1);
   ExpectNowAndCommitted(index, {before, after});
 }
 
-TEST_F(IndexUpkeepTest, ALargeSetIsIndexedAtOnce) {
+TEST_F(IndexUpkeepTest, LargeSet_IsIndexedAtOnce) {
   for (int i = 0; i < 3000; ++i) Row(i % 100);
   Restart();
   for (int i = 0; i < 100; ++i) Row(i);

@@ -55,7 +55,7 @@ class IteratorTest : public KernelTest, public testing::WithParamInterface<Rows>
   Oids rows_;
 };
 
-TEST_P(IteratorTest, AddingToTheWalkedColumnSeesEachRowOnce) {
+TEST_P(IteratorTest, Scan_IncreasingItsOwnColumn_SeesEachRowOnce) {
   Walker walker(session_, index_);
   EXPECT_EQ(
       Visit(walker,
@@ -66,7 +66,7 @@ TEST_P(IteratorTest, AddingToTheWalkedColumnSeesEachRowOnce) {
   EXPECT_EQ(session_.At(index_, Key().Long(26)), Oids{rows_[19]});
 }
 
-TEST_P(IteratorTest, TakingFromTheColumnOnAReverseWalkSeesEachRowOnce) {
+TEST_P(IteratorTest, ReverseScan_DecreasingItsOwnColumn_SeesEachRowOnce) {
   Walker walker(session_, index_, Key(), Key(), LORV_ITERATOR_REVERSE);
   EXPECT_EQ(
       Visit(walker,
@@ -75,7 +75,7 @@ TEST_P(IteratorTest, TakingFromTheColumnOnAReverseWalkSeesEachRowOnce) {
   EXPECT_EQ(session_.WalkBack(index_), Reversed());
 }
 
-TEST_P(IteratorTest, ChangingRowsAheadOfTheWalkDoesNotMoveThem) {
+TEST_P(IteratorTest, RowsChangedAhead_DoNotMove) {
   Walker walker(session_, index_);
   EXPECT_EQ(walker.Next(), rows_[0]);
   session_.PutLong(rows_[10], kNumber, -1);
@@ -84,13 +84,13 @@ TEST_P(IteratorTest, ChangingRowsAheadOfTheWalkDoesNotMoveThem) {
   EXPECT_EQ(walker.Rest(), Oids(rows_.begin() + 1, rows_.end()));
 }
 
-TEST_P(IteratorTest, ARowChangedOutOfTheRangeIsStillDelivered) {
+TEST_P(IteratorTest, RowChangedOutOfTheRange_IsStillDelivered) {
   Walker walker(session_, index_, Key().Long(5), Key().Long(8));
   for (Oid const row : rows_) session_.PutLong(row, kNumber, 1000);
   EXPECT_EQ(walker.Rest(), Oids(rows_.begin() + 5, rows_.begin() + 9));
 }
 
-TEST_P(IteratorTest, ARowChangedManyTimesIsDeliveredOnce) {
+TEST_P(IteratorTest, RowChangedManyTimes_IsDeliveredOnce) {
   Walker walker(session_, index_);
   for (int round = 0; round < 5; ++round)
     for (std::size_t i = 0; i < rows_.size(); ++i)
@@ -98,7 +98,7 @@ TEST_P(IteratorTest, ARowChangedManyTimesIsDeliveredOnce) {
   EXPECT_EQ(walker.Rest(), rows_);
 }
 
-TEST_P(IteratorTest, ARowInsertedMeanwhileIsNotDelivered) {
+TEST_P(IteratorTest, RowInsertedMeanwhile_IsNotDelivered) {
   Walker walker(session_, index_);
   EXPECT_EQ(walker.Next(), rows_[0]);
   Oid const added = Row(5);
@@ -106,13 +106,13 @@ TEST_P(IteratorTest, ARowInsertedMeanwhileIsNotDelivered) {
   EXPECT_EQ(session_.At(index_, Key().Long(5)), (Oids{rows_[5], added}));
 }
 
-TEST_P(IteratorTest, ARowMovedOutOfTheSetMeanwhileIsStillDelivered) {
+TEST_P(IteratorTest, RowMovedOutOfTheSetMeanwhile_IsStillDelivered) {
   Walker walker(session_, index_);
   session_.PutSetspec(rows_[3], u"elsewhere/");
   EXPECT_EQ(walker.Rest(), rows_);
 }
 
-TEST_P(IteratorTest, TheWalkerDeletesWhatItWalks) {
+TEST_P(IteratorTest, Scan_MayDeleteTheRowsItReads) {
   Walker walker(session_, index_);
   EXPECT_EQ(Visit(walker, [&](Oid oid) { session_.Delete(oid); }), rows_);
   EXPECT_EQ(session_.Walk(index_), Oids{});
@@ -120,7 +120,7 @@ TEST_P(IteratorTest, TheWalkerDeletesWhatItWalks) {
   EXPECT_EQ(session_.Walk(index_), Oids{});
 }
 
-TEST_P(IteratorTest, ARowDeletedAheadOfTheWalkIsNotDelivered) {
+TEST_P(IteratorTest, RowDeletedAhead_IsNotDelivered) {
   for (std::uint32_t const flags : {LORV_ITERATOR_FORWARD, LORV_ITERATOR_REVERSE}) {
     Walker walker(session_, index_, Key(), Key(), flags);
     Oid const middle = rows_[rows_.size() / 2];
@@ -130,7 +130,7 @@ TEST_P(IteratorTest, ARowDeletedAheadOfTheWalkIsNotDelivered) {
   }
 }
 
-TEST_P(IteratorTest, ARowChangedAndThenDeletedIsNotDelivered) {
+TEST_P(IteratorTest, RowChangedAndThenDeleted_IsNotDelivered) {
   Walker walker(session_, index_);
   session_.PutLong(rows_[4], kNumber, 50);
   session_.Delete(rows_[4]);
@@ -138,7 +138,7 @@ TEST_P(IteratorTest, ARowChangedAndThenDeletedIsNotDelivered) {
   EXPECT_EQ(walker.Rest(), rows_);
 }
 
-TEST_P(IteratorTest, WalksOpenedAtDifferentTimesEachSeeTheirOwn) {
+TEST_P(IteratorTest, ScansOpenedAtDifferentTimes_EachSeeTheirOwnState) {
   Walker first(session_, index_);
   Oid const added = Row(100);
   Walker second(session_, index_);
@@ -152,7 +152,7 @@ TEST_P(IteratorTest, WalksOpenedAtDifferentTimesEachSeeTheirOwn) {
   EXPECT_EQ(third.Rest(), expected);
 }
 
-TEST_P(IteratorTest, TheEndStaysTheEnd) {
+TEST_P(IteratorTest, End_IsPermanent) {
   Walker walker(session_, index_);
   walker.Rest();
   Row(1000);
@@ -160,26 +160,26 @@ TEST_P(IteratorTest, TheEndStaysTheEnd) {
   EXPECT_EQ(walker.Next(), 0U);
 }
 
-TEST_P(IteratorTest, AWalkOverNothingEndsAtOnce) {
+TEST_P(IteratorTest, EmptyScan_EndsAtOnce) {
   Walker walker(session_, index_, Key().Long(500), Key().Long(600));
   EXPECT_EQ(walker.Next(), 0U);
 }
 
-TEST_P(IteratorTest, WalksMayBeGivenUpEarlyAndOpenedManyTimes) {
+TEST_P(IteratorTest, Scans_MayBeAbandonedEarlyAndOpenedManyTimes) {
   for (int i = 0; i < 2000; ++i) {
     Walker walker(session_, index_, Key().Long(3), Key());
     EXPECT_EQ(walker.Next(), rows_[3]);
   }
 }
 
-TEST_P(IteratorTest, ManyWalksAreOpenAtOnce) {
+TEST_P(IteratorTest, ManyScans_AreOpenAtOnce) {
   std::vector<std::unique_ptr<Walker>> walkers;
   for (int i = 0; i < 200; ++i) walkers.push_back(std::make_unique<Walker>(session_, index_));
   for (Oid const row : rows_)
     for (auto const& walker : walkers) EXPECT_EQ(walker->Next(), row);
 }
 
-TEST_P(IteratorTest, AFreedIteratorIsUnknown) {
+TEST_P(IteratorTest, FreedIterator_IsUnknown) {
   Walker walker(session_, index_);
   std::uint64_t const handle = walker.handle();
   EXPECT_STATUS(0, walker.Free());
@@ -188,7 +188,7 @@ TEST_P(IteratorTest, AFreedIteratorIsUnknown) {
   EXPECT_STATUS(LSCOREDB_UNKNOWN_ITERATOR, lorv_iterator_free(handle));
 }
 
-TEST_P(IteratorTest, AnIteratorMayBeFreedAfterItsTransaction) {
+TEST_P(IteratorTest, Iterator_MayBeFreedAfterItsTransaction) {
   Walker committed(session_, index_);
   committed.Next();
   session_.Commit();
@@ -204,14 +204,14 @@ TEST_P(IteratorTest, AnIteratorMayBeFreedAfterItsTransaction) {
   EXPECT_STATUS(0, rolled_back.Free());
 }
 
-TEST_P(IteratorTest, DroppingTheIndexDuringAWalkDoesNotEndIt) {
+TEST_P(IteratorTest, DroppedIndex_DoesNotEndAScan) {
   Walker walker(session_, index_);
   EXPECT_EQ(walker.Next(), rows_[0]);
   session_.DropIndex(index_);
   EXPECT_EQ(walker.Rest(), Oids(rows_.begin() + 1, rows_.end()));
 }
 
-TEST_P(IteratorTest, AnotherTransactionsCommitDoesNotDisturbAWalk) {
+TEST_P(IteratorTest, CommitOfAnotherTransaction_DoesNotDisturbAScan) {
   if (GetParam() != Rows::kCommitted) Restart();
   Walker walker(session_, index_);
   EXPECT_EQ(walker.Next(), rows_[0]);
@@ -222,7 +222,7 @@ TEST_P(IteratorTest, AnotherTransactionsCommitDoesNotDisturbAWalk) {
   EXPECT_EQ(walker.Rest(), Oids(rows_.begin() + 1, rows_.end()));
 }
 
-TEST_P(IteratorTest, ARolledBackTransactionsWalkLeavesTheNextOneAlone) {
+TEST_P(IteratorTest, ScanOfARolledBackTransaction_LeavesTheNextOneAlone) {
   Restart();
   Walker walker(session_, index_);
   session_.PutLong(rows_[0], kNumber, 500);
@@ -231,7 +231,7 @@ TEST_P(IteratorTest, ARolledBackTransactionsWalkLeavesTheNextOneAlone) {
   EXPECT_EQ(session_.Walk(index_), rows_);
 }
 
-TEST(IteratorClosingTest, AnIteratorIsGoneWithItsContext) {
+TEST(IteratorClosingTest, Iterator_EndsWithItsContext) {
   Database database;
   auto session = std::make_unique<Session>(database);
   session->Begin();

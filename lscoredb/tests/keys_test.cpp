@@ -88,46 +88,46 @@ std::vector<std::vector<std::uint8_t>> const kBinaries = {
     {1, 1}, {1, 1, 0, 0}, {1, 2}, {2},    {2, 0, 0}, {254},    {255}, {255, 255},
 };
 
-TEST(Keys, SignedValues_StandInNumericOrder) {
+TEST(KeysTest, SignedValues_StandInNumericOrder) {
   ExpectRising(AppendSigned,
                std::vector<std::int64_t>{std::numeric_limits<std::int64_t>::min(), -256, -1, 0, 1,
                                          255, 256, std::numeric_limits<std::int64_t>::max()});
 }
 
-TEST(Keys, UnsignedValues_StandInNumericOrder) {
+TEST(KeysTest, UnsignedValues_StandInNumericOrder) {
   ExpectRising(AppendUnsigned, std::vector<std::uint64_t>{0, 1, 255, 256, std::uint64_t{1} << 63,
                                                           ~std::uint64_t{0}});
 }
 
-TEST(Keys, Doubles_StandInNumericOrderWithNotANumberOnTop) {
+TEST(KeysTest, Doubles_StandInNumericOrderWithNotANumberOnTop) {
   ExpectRising(AppendDouble, std::vector<double>{-kInfinity, -1e300, -1.5, -1e-310, 0, 1e-310, 1.5,
                                                  1e300, kInfinity, std::nan("")});
 }
 
-TEST(Keys, Floats_StandInNumericOrderAndLikeTheDoubleOfTheSameValue) {
+TEST(KeysTest, Floats_StandInNumericOrderAndLikeTheDoubleOfTheSameValue) {
   ExpectRising(AppendFloat, std::vector<float>{-1e30F, -1.5F, 0, 1.5F, 1e30F});
   EXPECT_EQ(Encoded(AppendFloat, 0.1F), Encoded(AppendDouble, static_cast<double>(0.1F)));
 }
 
-TEST(Keys, NegativeZeroAndNegativeNotANumber_EqualTheirPositiveForms) {
+TEST(KeysTest, NegativeZeroAndNegativeNotANumber_EqualTheirPositiveForms) {
   EXPECT_EQ(OrderedBits(-0.0), OrderedBits(0.0));
   EXPECT_EQ(OrderedBits(-std::nan("")), OrderedBits(std::nan("")));
 }
 
-TEST(Keys, Texts_StandInTheOrderOfTheirUnits) { ExpectRising(AppendText, kTexts); }
+TEST(KeysTest, Texts_StandInTheOrderOfTheirUnits) { ExpectRising(AppendText, kTexts); }
 
-TEST(Keys, Text_EndsAtAZeroUnit) {
+TEST(KeysTest, Text_EndsAtAZeroUnit) {
   EXPECT_EQ(Encoded(AppendText, std::u16string(u"a\0b", 3)), Encoded(AppendText, u"a"));
 }
 
-TEST(Keys, LongTexts_DifferOnlyAtTheirEnd) {
+TEST(KeysTest, LongTexts_DifferOnlyAtTheirEnd) {
   std::u16string const stem(100000, u'\x4E00');
   ExpectRising(AppendText, std::vector<std::u16string>{stem, stem + u'a', stem + u'b'});
 }
 
-TEST(Keys, Binaries_StandInTheOrderOfTheirBytes) { ExpectRising(AppendBinary, kBinaries); }
+TEST(KeysTest, Binaries_StandInTheOrderOfTheirBytes) { ExpectRising(AppendBinary, kBinaries); }
 
-TEST(Keys, RandomTexts_StandInTheOrderOfTheirUnits) {
+TEST(KeysTest, RandomTexts_StandInTheOrderOfTheirUnits) {
   std::mt19937 random(20240611);
   std::array<char16_t, 8> const units{1, 2, 0x7F, 0x80, 0x7FF, 0x800, 0xDC00, 0xFFFF};
   auto const next = [&] {
@@ -143,7 +143,7 @@ TEST(Keys, RandomTexts_StandInTheOrderOfTheirUnits) {
   }
 }
 
-TEST(Keys, ContractIntegers_ReadLikeTheValues) {
+TEST(KeysTest, ContractIntegers_ReadLikeTheValues) {
   for (std::uint8_t const type : Types{LORV_TYPE_LONG, LORV_TYPE_DECIMAL})
     EXPECT_EQ(Read(Key().Long(-7), {{type, false}}), Encoded(AppendSigned, std::int64_t{-7}));
   for (std::uint8_t const type : Types{LORV_TYPE_ULONG, LORV_TYPE_KEY, LORV_TYPE_REFERENCE})
@@ -152,7 +152,7 @@ TEST(Keys, ContractIntegers_ReadLikeTheValues) {
     EXPECT_EQ(Read(Key().Double(-2.5), {{type, false}}), Encoded(AppendDouble, -2.5));
 }
 
-TEST(Keys, ContractTexts_ReadLikeTheValuesAtEveryChunkBoundary) {
+TEST(KeysTest, ContractTexts_ReadLikeTheValuesAtEveryChunkBoundary) {
   for (std::size_t const length :
        Sizes{0, 1, 7, 8, 9, 30, 31, 32, 61, 62, 63, 93, 94, 600, 100000}) {
     std::u16string const text(length, u'x');
@@ -163,12 +163,12 @@ TEST(Keys, ContractTexts_ReadLikeTheValuesAtEveryChunkBoundary) {
     EXPECT_EQ(Read(Key().Text(text), {{LORV_TYPE_STRING, false}}), Encoded(AppendText, text));
 }
 
-TEST(Keys, ContractBinaries_ReadLikeTheValues) {
+TEST(KeysTest, ContractBinaries_ReadLikeTheValues) {
   for (std::vector<std::uint8_t> const& bytes : kBinaries)
     EXPECT_EQ(Read(Key().Chunks(bytes), {{LORV_TYPE_BINARY, false}}), Encoded(AppendBinary, bytes));
 }
 
-TEST(Keys, AboveTexts_IsAboveEveryTextWithThePrefixAndBelowTheRest) {
+TEST(KeysTest, AboveTexts_IsAboveEveryTextWithThePrefixAndBelowTheRest) {
   KeyBytes const bound = *Read(Key().AboveTexts(u"ab"), {{LORV_TYPE_STRING, false}});
   EXPECT_LT(Encoded(AppendText, std::u16string(u"ab\xFFFF\xFFFF")), bound);
   EXPECT_LT(Encoded(AppendText, std::u16string(u"ab")), bound);
@@ -178,7 +178,7 @@ TEST(Keys, AboveTexts_IsAboveEveryTextWithThePrefixAndBelowTheRest) {
   EXPECT_LT(Encoded(AppendText, std::u16string(u"ac"), true), backwards);
 }
 
-TEST(Keys, SeveralColumns_AreTheirEncodingsOneBehindAnother) {
+TEST(KeysTest, SeveralColumns_AreTheirEncodingsOneBehindAnother) {
   std::vector<KeyColumn> const columns{
       {LORV_TYPE_STRING, false}, {LORV_TYPE_LONG, true}, {LORV_TYPE_BINARY, false}};
   KeyBytes expected;
@@ -198,7 +198,7 @@ void ExpectThereAndBack(Key const& key, std::vector<KeyColumn> const& columns) {
   EXPECT_EQ(std::vector<std::uint8_t>(written.begin(), written.end()), key.Bytes());
 }
 
-TEST(Keys, AKeyIsWrittenBackInTheContractsForm) {
+TEST(KeysTest, Key_IsWrittenBackInTheContractsForm) {
   for (bool const descending : {false, true}) {
     KeyColumn const text{LORV_TYPE_STRING, descending};
     KeyColumn const binary{LORV_TYPE_BINARY, descending};
@@ -217,7 +217,7 @@ TEST(Keys, AKeyIsWrittenBackInTheContractsForm) {
   }
 }
 
-TEST(Keys, OneByteOpensAnIntegerAndATextOfEight_TheTypeDecides) {
+TEST(KeysTest, LeadByteOfIntegerAndTextOfEight_IsDecidedByTheType) {
   Key const text = Key().Text(u"abcdefgh");
   EXPECT_EQ(text.Bytes()[0], 0x28);
   EXPECT_TRUE(Read(text, {{LORV_TYPE_STRING, false}}));
@@ -225,12 +225,12 @@ TEST(Keys, OneByteOpensAnIntegerAndATextOfEight_TheTypeDecides) {
   EXPECT_FALSE(Read(Key().Unsigned(0x6161616161616161), {{LORV_TYPE_STRING, false}}));
 }
 
-TEST(Keys, AKeyMayStopAfterAnyColumnAndBeEmpty) {
+TEST(KeysTest, Key_MayStopAfterAnyColumnAndBeEmpty) {
   EXPECT_EQ(Read(Key(), {{LORV_TYPE_LONG, false}}), KeyBytes());
   EXPECT_EQ(Read(Key(), {}), KeyBytes());
 }
 
-TEST(Keys, WrongBytes_AreRefused) {
+TEST(KeysTest, WrongBytes_AreRefused) {
   std::vector<KeyColumn> const number{{LORV_TYPE_ULONG, false}};
   std::vector<KeyColumn> const text{{LORV_TYPE_STRING, false}};
   KeyBytes out;
@@ -246,7 +246,7 @@ TEST(Keys, WrongBytes_AreRefused) {
   EXPECT_FALSE(Read(Key().Raw({0x22, 'a', 0, 0x80}), text)) << "zero byte in a text";
 }
 
-TEST(Keys, AnEmptyChunkAfterAFullOne_IsRefused) {
+TEST(KeysTest, EmptyChunkAfterAFullOne_IsRefused) {
   std::vector<std::uint8_t> key{0x3F};
   key.resize(32, 'x');
   key.insert(key.end(), {0x00, 0x80, 0xC0});
@@ -255,7 +255,7 @@ TEST(Keys, AnEmptyChunkAfterAFullOne_IsRefused) {
 
 // Every byte string that is cut or flipped lies in memory of just its size up to the first wrong
 // byte, so that a sanitizer sees a reader that goes on.
-TEST(Keys, TheReaderStopsAtTheFirstWrongByte) {
+TEST(KeysTest, Reader_StopsAtTheFirstWrongByte) {
   std::vector<KeyColumn> const columns{{LORV_TYPE_STRING, false}, {LORV_TYPE_LONG, false}};
   EXPECT_FALSE(Read(std::vector<std::uint8_t>{0x00}, columns));
   EXPECT_FALSE(Read(std::vector<std::uint8_t>{0x3F, 'a', 0x00}, columns));
@@ -266,7 +266,7 @@ TEST(Keys, TheReaderStopsAtTheFirstWrongByte) {
 
 // No field goes on for longer than a chunk behind a zero byte, so that so much room behind a broken
 // key is all that a reader may touch; the buffer ends right there.
-TEST(Keys, BrokenKeysAreReadNoFurtherThanTheirFirstWrongByte) {
+TEST(KeysTest, BrokenKeys_AreReadNoFurtherThanTheirFirstWrongByte) {
   std::mt19937 random(99);
   std::vector<KeyColumn> const columns{{LORV_TYPE_STRING, true},
                                        {LORV_TYPE_LONG, false},
@@ -291,7 +291,7 @@ TEST(Keys, BrokenKeysAreReadNoFurtherThanTheirFirstWrongByte) {
   EXPECT_GT(refused, 10000U);
 }
 
-TEST(OrderedIds, StandInOrderAndReadBack) {
+TEST(OrderedIdsTest, Ids_StandInOrderAndReadBack) {
   KeyBytes previous;
   for (std::uint64_t const id :
        {std::uint64_t{0}, std::uint64_t{1}, std::uint64_t{247}, std::uint64_t{248},
@@ -308,7 +308,7 @@ TEST(OrderedIds, StandInOrderAndReadBack) {
   }
 }
 
-TEST(OrderedIds, CutOrOverlongBytes_AreRefusedAndNothingIsWritten) {
+TEST(OrderedIdsTest, CutOrOverlongBytes_AreRefusedAndNothingIsWritten) {
   using namespace std::string_view_literals;
   std::uint64_t id = 1234;
   for (std::string_view const bytes :

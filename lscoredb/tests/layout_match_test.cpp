@@ -35,7 +35,7 @@ class LayoutMatchTest : public KernelTest {
   Oid row_ = 0;
 };
 
-TEST_F(LayoutMatchTest, ReadingThroughTheNewerLayoutFindsColumnsByToken) {
+TEST_F(LayoutMatchTest, ReadThroughTheNewerLayout_FindsColumnsByToken) {
   for (int round = 0; round < 2; ++round) {
     EXPECT_EQ(session_.String(row_, 2, new_), u"b");
     EXPECT_EQ(session_.Long(row_, 4, new_), 7);
@@ -46,13 +46,13 @@ TEST_F(LayoutMatchTest, ReadingThroughTheNewerLayoutFindsColumnsByToken) {
   }
 }
 
-TEST_F(LayoutMatchTest, AColumnThatTheObjectsLayoutLacksIsNullOrZero) {
+TEST_F(LayoutMatchTest, ColumnMissingInTheObjectsLayout_IsNullOrZero) {
   EXPECT_FALSE(session_.Long(row_, 3, new_));
   EXPECT_EQ(session_.Long(row_, 5, new_), 0);
   EXPECT_EQ(session_.LayoutOf(row_), old_);
 }
 
-TEST_F(LayoutMatchTest, AWriteThroughTheNewerLayoutMovesTheObject) {
+TEST_F(LayoutMatchTest, WriteThroughTheNewerLayout_MovesTheObject) {
   session_.PutLong(row_, 3, 9, new_);
   for (int round = 0; round < 2; ++round) {
     EXPECT_EQ(session_.LayoutOf(row_), new_);
@@ -65,7 +65,7 @@ TEST_F(LayoutMatchTest, AWriteThroughTheNewerLayoutMovesTheObject) {
   }
 }
 
-TEST_F(LayoutMatchTest, AWriteToASharedColumnThroughTheNewerLayoutMovesTheObjectToo) {
+TEST_F(LayoutMatchTest, WriteToASharedColumnThroughTheNewerLayout_MovesTheObject) {
   session_.PutLong(row_, 4, 8, new_);
   Restart();
   EXPECT_EQ(session_.LayoutOf(row_), new_);
@@ -73,7 +73,7 @@ TEST_F(LayoutMatchTest, AWriteToASharedColumnThroughTheNewerLayoutMovesTheObject
   EXPECT_EQ(session_.String(row_, 3, old_), u"b");
 }
 
-TEST_F(LayoutMatchTest, AWriteThroughTheOlderLayoutStaysInPlace) {
+TEST_F(LayoutMatchTest, WriteThroughTheOlderLayout_StaysInPlace) {
   session_.PutLong(row_, 3, 9, new_);
   Restart();
   session_.PutLong(row_, 2, 70, old_);
@@ -83,7 +83,7 @@ TEST_F(LayoutMatchTest, AWriteThroughTheOlderLayoutStaysInPlace) {
   EXPECT_EQ(session_.Long(row_, 3, new_), 9);
 }
 
-TEST_F(LayoutMatchTest, AColumnDroppedByTheNewerLayoutIsGoneAfterTheMove) {
+TEST_F(LayoutMatchTest, ColumnDroppedByTheNewerLayout_IsGoneAfterTheMove) {
   LayoutId const without_a = session_.CreateLayout(kTable, {{LORV_TYPE_STRING, kB}});
   EXPECT_EQ(session_.Long(row_, 2, old_), 7);
   session_.PutString(row_, 2, u"bb", without_a);
@@ -93,7 +93,7 @@ TEST_F(LayoutMatchTest, AColumnDroppedByTheNewerLayoutIsGoneAfterTheMove) {
   EXPECT_FALSE(session_.Long(row_, 2, old_));
 }
 
-TEST_F(LayoutMatchTest, OneTokenWithAnotherTypeIsRefused) {
+TEST_F(LayoutMatchTest, TokenWithAnotherType_IsRefused) {
   LayoutId const other =
       session_.CreateLayout(kTable + 1, {{LORV_TYPE_STRING, kA}, {LORV_TYPE_STRING, kB}});
   LORV_STRING* text = nullptr;
@@ -103,7 +103,7 @@ TEST_F(LayoutMatchTest, OneTokenWithAnotherTypeIsRefused) {
   EXPECT_EQ(session_.LayoutOf(row_), old_);
 }
 
-TEST_F(LayoutMatchTest, AnUnknownLayoutOrColumnInTheAddressIsRefused) {
+TEST_F(LayoutMatchTest, UnknownLayoutOrColumnInTheAddress_IsRefused) {
   std::int64_t value = 0;
   EXPECT_STATUS(LSCOREDB_UNKNOWN_LAYOUT, lorv_context_get_long(context(), row_, 40000, 2, &value));
   EXPECT_STATUS(LSCOREDB_UNKNOWN_LAYOUT, lorv_context_put_long(context(), row_, 40000, 2, 1));
@@ -116,7 +116,7 @@ TEST_F(LayoutMatchTest, AnUnknownLayoutOrColumnInTheAddressIsRefused) {
   }
 }
 
-TEST_F(LayoutMatchTest, MoveObjectTakesWhatBothLayoutsHave) {
+TEST_F(LayoutMatchTest, MoveObject_KeepsWhatBothLayoutsHave) {
   EXPECT_STATUS(0, lscoredb_move_object(context(), row_, new_));
   Restart();
   EXPECT_EQ(session_.LayoutOf(row_), new_);
@@ -151,7 +151,7 @@ class InheritanceTest : public KernelTest {
   Oid row_ = 0;
 };
 
-TEST_F(InheritanceTest, TheBasesHandleReadsAndWritesADescendantsObjectInPlace) {
+TEST_F(InheritanceTest, BasesHandle_ReadsAndWritesADescendantsObjectInPlace) {
   EXPECT_EQ(session_.Long(row_, 2, base_), 7);
   session_.PutLong(row_, 2, 70, base_);
   Restart();
@@ -160,7 +160,7 @@ TEST_F(InheritanceTest, TheBasesHandleReadsAndWritesADescendantsObjectInPlace) {
   EXPECT_EQ(session_.Long(row_, 3), 8);
 }
 
-TEST_F(InheritanceTest, AColumnNewInTheBaseIsNullInADescendantThatLacksIt) {
+TEST_F(InheritanceTest, ColumnNewInTheBase_IsNullInADescendantThatLacksIt) {
   LayoutId const newer_base =
       session_.CreateLayout(kBaseToken, {{LORV_TYPE_LONG, kA}, {LORV_TYPE_LONG, kC}});
   EXPECT_FALSE(session_.Long(row_, 3, newer_base));
@@ -170,7 +170,7 @@ TEST_F(InheritanceTest, AColumnNewInTheBaseIsNullInADescendantThatLacksIt) {
   EXPECT_EQ(session_.Long(row_, 3), 8);
 }
 
-TEST_F(InheritanceTest, AWriteToAColumnNewInTheBaseMovesADescendantToItsOwnNewLayout) {
+TEST_F(InheritanceTest, WriteToAColumnNewInTheBase_MovesADescendantToItsOwnNewLayout) {
   LayoutId const newer_base =
       session_.CreateLayout(kBaseToken, {{LORV_TYPE_LONG, kA}, {LORV_TYPE_LONG, kC}});
   EXPECT_STATUS(LSCOREDB_UNKNOWN_COLUMN,

@@ -98,7 +98,7 @@ class LayoutReuseTest : public testing::Test {
   std::string place_ = directory_.path();
 };
 
-TEST_F(LayoutReuseTest, ALaterProcessGivesAReleasedNumberANewMeaning) {
+TEST_F(LayoutReuseTest, ReleasedNumber_GetsANewMeaningInALaterProcess) {
   MakeLayouts(3);
   ReleaseElsewhere(2);
   Elsewhere([](Session& session) {
@@ -117,7 +117,7 @@ TEST_F(LayoutReuseTest, ALaterProcessGivesAReleasedNumberANewMeaning) {
   });
 }
 
-TEST_F(LayoutReuseTest, TheProcessThatKnowsANumberKeepsItsMeaning_AsLongAsItHasTheDatabaseOpen) {
+TEST_F(LayoutReuseTest, KnownNumber_KeepsItsMeaningAsLongAsTheDatabaseIsOpen) {
   InAnotherProcess([&] {
     Database const stays(place_);
     Here([](Session& session) { EXPECT_EQ(session.CreateLayout(kOldToken, {}), 1); });
@@ -132,7 +132,7 @@ TEST_F(LayoutReuseTest, TheProcessThatKnowsANumberKeepsItsMeaning_AsLongAsItHasT
   ExpectKnownLater({2, 3, 4});
 }
 
-TEST_F(LayoutReuseTest, TheLastCloseForgetsWhatNumbersMeant) {
+TEST_F(LayoutReuseTest, LastClose_ForgetsTheMeaningOfNumbers) {
   InAnotherProcess([&] {
     Here([](Session& session) { EXPECT_EQ(session.CreateLayout(kOldToken, {}), 1); });
     Here([](Session& session) { EXPECT_STATUS(0, Release(session, 1)); });
@@ -144,7 +144,7 @@ TEST_F(LayoutReuseTest, TheLastCloseForgetsWhatNumbersMeant) {
   ExpectKnownLater({1});
 }
 
-TEST_F(LayoutReuseTest, NothingIsTakenAwayWhileAnotherProcessReads) {
+TEST_F(LayoutReuseTest, ForeignReader_KeepsNumbersFromBeingTaken) {
   MakeLayouts(2);
   OtherProcess reader([&](OtherProcess& test) {
     Database database(place_);
@@ -169,7 +169,7 @@ TEST_F(LayoutReuseTest, NothingIsTakenAwayWhileAnotherProcessReads) {
   ExpectKnownLater({2, 3});
 }
 
-TEST_F(LayoutReuseTest, AProcessThatClosedTheDatabaseStandsInNoOnesWay) {
+TEST_F(LayoutReuseTest, ProcessThatClosedTheDatabase_HoldsNoNumber) {
   MakeLayouts(2);
   OtherProcess knowing([&](OtherProcess& test) {
     Here([](Session& session) { EXPECT_TRUE(Knows(session, 1)); });
@@ -185,7 +185,7 @@ TEST_F(LayoutReuseTest, AProcessThatClosedTheDatabaseStandsInNoOnesWay) {
   ExpectKnownLater({1, 2});
 }
 
-TEST_F(LayoutReuseTest, ALayoutWithObjectsIsNotReleased) {
+TEST_F(LayoutReuseTest, LayoutWithObjects_IsNotReleased) {
   MakeLayouts(2);
   InAnotherProcess([&] {
     Here([](Session& session) {
@@ -201,7 +201,7 @@ TEST_F(LayoutReuseTest, ALayoutWithObjectsIsNotReleased) {
   ExpectKnownLater({1});
 }
 
-TEST_F(LayoutReuseTest, ABaseStaysAsLongAsALayoutThatWasMadeOnIt) {
+TEST_F(LayoutReuseTest, Base_StaysAsLongAsALayoutBuiltOnIt) {
   Elsewhere([](Session& session) {
     EXPECT_EQ(session.CreateLayout(kOldToken, {}), 1);
     EXPECT_EQ(session.CreateLayout(kOldToken, {}, 1), 2);
@@ -217,7 +217,7 @@ TEST_F(LayoutReuseTest, ABaseStaysAsLongAsALayoutThatWasMadeOnIt) {
   ExpectKnownLater({});
 }
 
-TEST_F(LayoutReuseTest, AReleaseGoesWithItsTransaction) {
+TEST_F(LayoutReuseTest, Release_IsUndoneWithItsTransaction) {
   MakeLayouts(2);
   InAnotherProcess([&] {
     Database database(place_);
@@ -233,7 +233,7 @@ TEST_F(LayoutReuseTest, AReleaseGoesWithItsTransaction) {
   ExpectKnownLater({1, 2});
 }
 
-TEST_F(LayoutReuseTest, AReleasedLayoutServesUntilItIsTakenAway) {
+TEST_F(LayoutReuseTest, ReleasedLayout_ServesUntilItIsTaken) {
   MakeLayouts(2);
   InAnotherProcess([&] {
     Database const stays(place_);
@@ -254,7 +254,7 @@ TEST_F(LayoutReuseTest, AReleasedLayoutServesUntilItIsTakenAway) {
   ExpectKnownLater({2});
 }
 
-TEST_F(LayoutReuseTest, WhatCannotBeReleased) {
+TEST_F(LayoutReuseTest, UnreleasableLayouts_AreRefused) {
   MakeLayouts(1);
   InAnotherProcess([&] {
     Database database(place_);
@@ -271,7 +271,7 @@ TEST_F(LayoutReuseTest, WhatCannotBeReleased) {
   ExpectKnownLater({1});
 }
 
-TEST_F(LayoutReuseTest, NumbersOfARolledBackTransactionAreFreeForALaterProcess) {
+TEST_F(LayoutReuseTest, NumbersOfARolledBackTransaction_AreFreeForALaterProcess) {
   MakeLayouts(1);
   OtherProcess first([&](OtherProcess& test) {
     Database database(place_);
@@ -291,7 +291,7 @@ TEST_F(LayoutReuseTest, NumbersOfARolledBackTransactionAreFreeForALaterProcess) 
   Elsewhere([](Session& session) { EXPECT_EQ(session.CreateLayout(kNewToken, {}), 2); });
 }
 
-TEST_F(LayoutReuseTest, ProcessesThatCreateLayoutsAtOnceTakeDifferentNumbers) {
+TEST_F(LayoutReuseTest, ProcessesCreatingLayoutsAtOnce_TakeDifferentNumbers) {
   constexpr int kTransactions = 100;
   constexpr int kEach = 10;
   MakeLayouts(1);
@@ -324,7 +324,7 @@ TEST_F(LayoutReuseTest, ProcessesThatCreateLayoutsAtOnceTakeDifferentNumbers) {
   Elsewhere([&](Session& session) { EXPECT_EQ(LayoutsInUse(session).size(), numbers.size() + 1); });
 }
 
-TEST_F(LayoutReuseTest, WhenNumbersRunOut_TheTransactionGoesOnAndALaterProcessHasThemAgain) {
+TEST_F(LayoutReuseTest, ExhaustedNumbers_LeaveTheTransactionGoingAndReturnInALaterProcess) {
   constexpr LayoutId kFreed = 300;
   InAnotherProcess([&] {
     Here([](Session& session) {
@@ -353,7 +353,7 @@ TEST_F(LayoutReuseTest, WhenNumbersRunOut_TheTransactionGoesOnAndALaterProcessHa
   });
 }
 
-TEST_F(LayoutReuseTest, NumbersLeftOverAmongManyLayouts_ComeWhenTheOthersRunOut) {
+TEST_F(LayoutReuseTest, NumbersLeftAmongManyLayouts_AreUsedWhenTheOthersRunOut) {
   constexpr LayoutId kMany = 300;
   MakeLayouts(kMany);
   Elsewhere([](Session& session) {
@@ -376,7 +376,7 @@ TEST_F(LayoutReuseTest, NumbersLeftOverAmongManyLayouts_ComeWhenTheOthersRunOut)
   });
 }
 
-TEST_F(LayoutReuseTest, SeventyThousandChangesOfOneTableOverSeveralProcesses) {
+TEST_F(LayoutReuseTest, SeventyThousandChangesOfOneTable_SucceedOverSeveralProcesses) {
   constexpr int kProcesses = 7;
   constexpr int kTransactions = 1000;
   constexpr int kEach = 10;
@@ -415,7 +415,7 @@ TEST_F(LayoutReuseTest, SeventyThousandChangesOfOneTableOverSeveralProcesses) {
   ExpectSound();
 }
 
-TEST_F(LayoutReuseTest, KilledAtAnyStepOfTakingAway_ItIsDoneByTheNextProcess) {
+TEST_F(LayoutReuseTest, RemovalKilledAtAnyStep_IsCompletedByTheNextProcess) {
   constexpr LayoutId kCount = 5;
   int killed = 0;
   for (bool more = true; more;) {
@@ -444,7 +444,7 @@ TEST_F(LayoutReuseTest, KilledAtAnyStepOfTakingAway_ItIsDoneByTheNextProcess) {
   EXPECT_GT(killed, 12) << "each record of each layout is a step";
 }
 
-TEST_F(LayoutReuseTest, AForeignLockFileIsMadeAnewWhenNoOneHoldsIt) {
+TEST_F(LayoutReuseTest, ForeignLockFile_IsReplacedWhenNoOneHoldsIt) {
   MakeLayouts(2);
   for (std::size_t const size : {0, 3, 100000}) {
     std::ofstream(place_ + "/layouts.lock", std::ios::trunc) << std::string(size, '\xFF');
@@ -456,7 +456,7 @@ TEST_F(LayoutReuseTest, AForeignLockFileIsMadeAnewWhenNoOneHoldsIt) {
   }
 }
 
-TEST_F(LayoutReuseTest, AForeignLockFileThatSomeoneHoldsIsRefused) {
+TEST_F(LayoutReuseTest, ForeignLockFileThatSomeoneHolds_IsRefused) {
   int const file = open((place_ + "/layouts.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
   ASSERT_EQ(flock(file, LOCK_SH), 0);
   InAnotherProcess([&] {
@@ -467,7 +467,7 @@ TEST_F(LayoutReuseTest, AForeignLockFileThatSomeoneHoldsIsRefused) {
   MakeLayouts(1);
 }
 
-TEST_F(LayoutReuseTest, ADatabaseThatWasRemovedIsNotRemembered) {
+TEST_F(LayoutReuseTest, RemovedDatabase_IsForgotten) {
   InAnotherProcess([&] {
     for (int round = 0; round < 3; ++round) {
       for (auto const& file : std::filesystem::directory_iterator(place_)) {

@@ -17,7 +17,7 @@ class LayoutTest : public KernelTest {
   }
 };
 
-TEST_F(LayoutTest, EveryLayoutBeginsWithIdentityAndSetSpecifier) {
+TEST_F(LayoutTest, EveryLayout_BeginsWithIdentityAndSetSpecifier) {
   LayoutId const layout = session_.CreateLayout(50, {});
   EXPECT_NE(layout, 0);
   EXPECT_EQ(session_.LayoutInfo(layout).column_count, 2U);
@@ -27,7 +27,7 @@ TEST_F(LayoutTest, EveryLayoutBeginsWithIdentityAndSetSpecifier) {
   EXPECT_EQ(session_.ColumnInfo(layout, 1).token, LORV_TOKEN_SETSPEC);
 }
 
-TEST_F(LayoutTest, ALayoutDescribesItself) {
+TEST_F(LayoutTest, Layout_DescribesItself) {
   LayoutId const layout =
       session_.CreateLayout(50, {{LORV_TYPE_LONG, 100, false}, {LORV_TYPE_BINARY, 101}});
   for (int round = 0; round < 2; ++round) {
@@ -44,7 +44,7 @@ TEST_F(LayoutTest, ALayoutDescribesItself) {
   }
 }
 
-TEST_F(LayoutTest, AllNineTypesMayBeColumns) {
+TEST_F(LayoutTest, AllNineTypes_MayBeColumns) {
   Columns columns;
   for (std::uint32_t type = LORV_TYPE_STRING; type <= LORV_TYPE_KEY; ++type)
     columns.push_back({type, 100 + type});
@@ -53,7 +53,7 @@ TEST_F(LayoutTest, AllNineTypesMayBeColumns) {
     EXPECT_EQ(session_.ColumnInfo(layout, static_cast<std::uint16_t>(i + 2)).type, columns[i].type);
 }
 
-TEST_F(LayoutTest, TheBasesColumnsComeFirst) {
+TEST_F(LayoutTest, BaseColumns_ComeFirst) {
   LayoutId const base = session_.CreateLayout(50, {{LORV_TYPE_LONG, 100}});
   LayoutId const middle = session_.CreateLayout(51, {{LORV_TYPE_STRING, 101}}, base);
   LayoutId const leaf = session_.CreateLayout(52, {{LORV_TYPE_DOUBLE, 102}}, middle);
@@ -68,7 +68,7 @@ TEST_F(LayoutTest, TheBasesColumnsComeFirst) {
   }
 }
 
-TEST_F(LayoutTest, LayoutsOfOneTokenComeNewestFirst) {
+TEST_F(LayoutTest, LayoutsOfOneToken_ComeNewestFirst) {
   LayoutId const first = session_.CreateLayout(50, {});
   Restart();
   LayoutId const second = session_.CreateLayout(50, {});
@@ -79,13 +79,13 @@ TEST_F(LayoutTest, LayoutsOfOneTokenComeNewestFirst) {
   EXPECT_EQ(session_.LayoutsByToken(50), (std::vector<LayoutId>{third, second, first}));
 }
 
-TEST_F(LayoutTest, AnUnknownTokenHasNoLayouts) {
+TEST_F(LayoutTest, UnknownToken_HasNoLayouts) {
   std::uint32_t count = 5;
   EXPECT_STATUS(0, lorvi_context_get_layout_infos_by_token(context(), 999, &count, nullptr));
   EXPECT_EQ(count, 0U);
 }
 
-TEST_F(LayoutTest, TooLittleRoomGetsTheNewestAndTheWholeCount) {
+TEST_F(LayoutTest, ShortOutput_GetsTheNewestAndTheWholeCount) {
   session_.CreateLayout(50, {});
   LayoutId const newest = session_.CreateLayout(50, {});
   LORVI_LAYOUT_INFO infos[2]{};
@@ -100,7 +100,7 @@ TEST_F(LayoutTest, TooLittleRoomGetsTheNewestAndTheWholeCount) {
   EXPECT_EQ(count, 2U);
 }
 
-TEST_F(LayoutTest, ATokenTwiceIsRefused) {
+TEST_F(LayoutTest, DuplicateToken_IsRefused) {
   LayoutId const base = session_.CreateLayout(49, {{LORV_TYPE_LONG, 100}});
   EXPECT_STATUS(LORV_STATUS_DUPLICATE_TOKEN,
                 TryCreate({{LORV_TYPE_LONG, 101}, {LORV_TYPE_LONG, 102}, {LORV_TYPE_LONG, 101}}));
@@ -110,14 +110,14 @@ TEST_F(LayoutTest, ATokenTwiceIsRefused) {
   EXPECT_TRUE(session_.LayoutsByToken(50).empty());
 }
 
-TEST_F(LayoutTest, AnUnknownTypeOrBaseIsRefused) {
+TEST_F(LayoutTest, UnknownTypeOrBase_IsRefused) {
   EXPECT_STATUS(LSCOREDB_INVALID_ARGUMENT, TryCreate({{10, 100}}));
   EXPECT_STATUS(LSCOREDB_INVALID_ARGUMENT, TryCreate({{255, 100}}));
   EXPECT_STATUS(LSCOREDB_UNKNOWN_LAYOUT, TryCreate({}, 999));
   EXPECT_TRUE(session_.LayoutsByToken(50).empty());
 }
 
-TEST_F(LayoutTest, AnUnknownLayoutOrColumnIsRefused) {
+TEST_F(LayoutTest, UnknownLayoutOrColumn_IsRefused) {
   LayoutId const layout = session_.CreateLayout(50, {{LORV_TYPE_LONG, 100}});
   LORVI_LAYOUT_INFO info{};
   LORVI_COLUMN_INFO column{};
@@ -137,7 +137,7 @@ TEST_F(LayoutTest, AnUnknownLayoutOrColumnIsRefused) {
                 lorvi_context_get_column_info(context(), layout, 65535, &column));
 }
 
-TEST_F(LayoutTest, HundredsOfLayoutsInOneTransaction) {
+TEST_F(LayoutTest, OneTransaction_CreatesHundredsOfLayouts) {
   std::vector<LayoutId> layouts;
   for (std::uint64_t i = 0; i < 400; ++i)
     layouts.push_back(session_.CreateLayout(1000 + i, {{LORV_TYPE_LONG, 100 + i}}));
@@ -148,7 +148,7 @@ TEST_F(LayoutTest, HundredsOfLayoutsInOneTransaction) {
   }
 }
 
-TEST_F(LayoutTest, StatisticsCountTheObjectsOfEachLayout) {
+TEST_F(LayoutTest, Statistics_CountTheObjectsOfEachLayout) {
   LayoutId const first = session_.CreateLayout(50, {});
   LayoutId const second = session_.CreateLayout(51, {});
   auto const objects = [&](LayoutId layout) {
@@ -175,7 +175,7 @@ TEST_F(LayoutTest, StatisticsCountTheObjectsOfEachLayout) {
   EXPECT_EQ(objects(second), 0U);
 }
 
-TEST_F(LayoutTest, NumbersRunOutWithAStatusOfTheirOwn) {
+TEST_F(LayoutTest, ExhaustedNumbers_HaveTheirOwnStatus) {
   std::vector<LORVI_COLUMN_DEFINITION> const none = Definitions({});
   LayoutId layout = 0;
   std::uint32_t status = LORV_STATUS_OK;

@@ -48,7 +48,7 @@ class LockTest : public testing::Test {
   TemporaryDirectory directory_;
 };
 
-TEST_F(LockTest, AHostThatReadsTheFilesKeepsItsSnapshots) {
+TEST_F(LockTest, HostThatReadsTheFiles_KeepsItsSnapshots) {
   Database database(Place());
   Session session(database);
   Oids rows;
@@ -63,7 +63,7 @@ TEST_F(LockTest, AHostThatReadsTheFilesKeepsItsSnapshots) {
   CommitPair(session, 7);
 }
 
-TEST_F(LockTest, AHostThatReadsTheFilesStaysCounted) {
+TEST_F(LockTest, HostThatReadsTheFiles_StaysCounted) {
   auto database = std::make_unique<Database>(Place());
   auto session = std::make_unique<Session>(*database);
   CommitPair(*session, 1);
@@ -81,7 +81,7 @@ TEST_F(LockTest, AHostThatReadsTheFilesStaysCounted) {
 }
 
 // What it holds is of no use to anyone when no process has the directory open.
-TEST_F(LockTest, WhateverTheLockFileHoldsIsMadeAnew) {
+TEST_F(LockTest, LockFileWithAnyContent_IsReplaced) {
   for (std::size_t const size : {0U, 3U, 64U, 8192U, 100000U}) {
     for (char const byte : {'\0', '\xFF', 'x'}) {
       {
@@ -99,7 +99,7 @@ TEST_F(LockTest, WhateverTheLockFileHoldsIsMadeAnew) {
 }
 
 // Openers of one directory that are killed at any moment: whoever comes next, or waits, opens it.
-TEST_F(LockTest, OpenersThatAreKilledHinderNoOne) {
+TEST_F(LockTest, KilledOpeners_HinderNoOne) {
   constexpr int kRounds = 60;
   constexpr unsigned kPatience = 60;
   std::mt19937 random(11);
@@ -131,7 +131,7 @@ constexpr std::size_t kPageSize = 4096;
 constexpr std::streamoff kTreesOfHeader = 16 + 72;
 
 // While someone has the database open a header may be half written. Whoever opens it looks again.
-TEST_F(LockTest, AHeaderThatIsBeingWrittenIsNoDamage) {
+TEST_F(LockTest, HeaderBeingWritten_IsNoDamage) {
   Database database(Place());
   Session session(database);
   CommitPair(session, 1);
@@ -180,7 +180,7 @@ class FullTableTest : public LockTest {
   std::vector<std::unique_ptr<Session>> sessions_;
 };
 
-TEST_F(FullTableTest, AnotherProcessOpensAndChecksTheDatabase) {
+TEST_F(FullTableTest, AnotherProcess_OpensAndChecksTheDatabase) {
   InAnotherProcess([&] {
     lscoredb* other = nullptr;
     ASSERT_EQ(0U, lscoredb_open(Place().c_str(), nullptr, &other));

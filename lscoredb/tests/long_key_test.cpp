@@ -59,7 +59,7 @@ class LongKeyTest : public KernelTest {
   IndexId down_ = 0;
 };
 
-TEST_F(LongKeyTest, TextsOfAllLengthsStandInOrder) {
+TEST_F(LongKeyTest, TextsOfAllLengths_StandInOrder) {
   std::vector<Text> texts;
   for (std::size_t const length :
        Sizes{0,   1,   31,  32,  62,  63,  100, 126, 127, 128, 168, 169,   170,
@@ -68,7 +68,7 @@ TEST_F(LongKeyTest, TextsOfAllLengthsStandInOrder) {
   ExpectOrder(texts);
 }
 
-TEST_F(LongKeyTest, WideUnitsToo) {
+TEST_F(LongKeyTest, WideUnits_StandInOrder) {
   std::vector<Text> texts;
   for (std::size_t const length :
        Sizes{0, 1, 31, 32, 62, 63, 160, 165, 168, 169, 170, 171, 600, 100000})
@@ -76,7 +76,7 @@ TEST_F(LongKeyTest, WideUnitsToo) {
   ExpectOrder(texts);
 }
 
-TEST_F(LongKeyTest, TextsThatDifferOnlyFarBehindTheStoresLimit) {
+TEST_F(LongKeyTest, TextsThatDifferFarBehindTheStoresLimit_StandInOrder) {
   std::vector<Text> texts;
   for (char16_t const stem : {u'a', u'b'})
     for (std::size_t const length : Sizes{499, 500, 2000})
@@ -85,13 +85,13 @@ TEST_F(LongKeyTest, TextsThatDifferOnlyFarBehindTheStoresLimit) {
   ExpectOrder(texts);
 }
 
-TEST_F(LongKeyTest, ManyTextsOfOneLongStem) {
+TEST_F(LongKeyTest, ManyTextsOfOneLongStem_StandInOrder) {
   std::vector<Text> texts;
   for (char16_t unit = 1; unit <= 500; ++unit) texts.push_back(Text(600, u's') + unit);
   ExpectOrder(texts);
 }
 
-TEST_F(LongKeyTest, EqualLongTextsComeInTheOrderOfTheirIds) {
+TEST_F(LongKeyTest, EqualLongTexts_ComeInTheOrderOfTheirIds) {
   Oids rows;
   for (int i = 0; i < 40; ++i) {
     rows.push_back(Row(Text(900, u'q')));
@@ -102,7 +102,7 @@ TEST_F(LongKeyTest, EqualLongTextsComeInTheOrderOfTheirIds) {
   EXPECT_EQ(session_.At(up_, Key().Text(Text(900, u'q'))), rows);
 }
 
-TEST_F(LongKeyTest, RangesStartAndEndInsideALongStem) {
+TEST_F(LongKeyTest, Ranges_StartAndEndInsideALongStem) {
   std::vector<Text> texts;
   Oids rows;
   for (char16_t unit = u'a'; unit <= u'z'; ++unit) {
@@ -122,7 +122,7 @@ TEST_F(LongKeyTest, RangesStartAndEndInsideALongStem) {
   }
 }
 
-TEST_F(LongKeyTest, ALongTextLeavesTheIndexWithItsRow) {
+TEST_F(LongKeyTest, LongText_LeavesTheIndexWithItsRow) {
   Oid const changed = Row(Text(5000, u'a'));
   Oid const deleted = Row(Text(5000, u'a') + u'b');
   Restart();
@@ -136,7 +136,7 @@ TEST_F(LongKeyTest, ALongTextLeavesTheIndexWithItsRow) {
   }
 }
 
-TEST_F(LongKeyTest, LongTextsInSecondPlaceOfAKey) {
+TEST_F(LongKeyTest, LongTextsAsSecondColumn_StandInOrder) {
   LayoutId const layout =
       session_.CreateLayout(51, {{LORV_TYPE_STRING, 200}, {LORV_TYPE_LONG, 201}});
   IndexId const index =
@@ -153,7 +153,7 @@ TEST_F(LongKeyTest, LongTextsInSecondPlaceOfAKey) {
   EXPECT_EQ(session_.At(index, Key().Text(Text(800, u'a')).Long(3)), Oids{rows[3]});
 }
 
-TEST_F(LongKeyTest, LongBinariesAreIndexedToo) {
+TEST_F(LongKeyTest, LongBinaries_AreIndexed) {
   LayoutId const layout = session_.CreateLayout(51, {{LORV_TYPE_BINARY, 200}});
   IndexId const index = session_.CreateIndex(62, u"blobs/", {{LORV_TYPE_BINARY, 200}});
   Oids rows;
@@ -167,7 +167,7 @@ TEST_F(LongKeyTest, LongBinariesAreIndexedToo) {
   EXPECT_EQ(session_.Walk(index), rows);
 }
 
-TEST_F(LongKeyTest, ALongTextIsUniqueByItsLastUnit) {
+TEST_F(LongKeyTest, LongText_IsUniqueByItsLastUnit) {
   IndexId const unique = session_.CreateIndex(63, kSet, {{LORV_TYPE_STRING, 100}}, kUnique);
   Oid const first = Row(Text(3000, u'u') + u'a');
   Oid const second = Row(Text(3000, u'u') + u'b');
@@ -180,7 +180,7 @@ TEST_F(LongKeyTest, ALongTextIsUniqueByItsLastUnit) {
   EXPECT_EQ(session_.Walk(unique), (Oids{first, second, third}));
 }
 
-TEST_F(LongKeyTest, SetSpecifiersOfAnyLengthCover) {
+TEST_F(LongKeyTest, SetSpecifiersOfAnyLength_CoverTheirObjects) {
   Text const prefix = Text(2000, u'p') + u'/';
   Oid const before = session_.Insert(layout_, (prefix + u"x/").c_str());
   session_.PutString(before, kText, u"1");

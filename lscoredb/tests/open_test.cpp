@@ -51,7 +51,7 @@ std::uint32_t TryOpen(std::string const& directory, lscoredb_options const* opti
   return status;
 }
 
-TEST(OpenTest, ADatabaseInMemoryIsNewEachTime) {
+TEST(OpenTest, DatabaseInMemory_IsNewEachTime) {
   for (int i = 0; i < 3; ++i) {
     Database database;
     Session session(database);
@@ -62,13 +62,13 @@ TEST(OpenTest, ADatabaseInMemoryIsNewEachTime) {
   }
 }
 
-TEST(OpenTest, AMissingDirectoryIsCreated) {
+TEST(OpenTest, MissingDirectory_IsCreated) {
   TemporaryDirectory directory;
   EXPECT_STATUS(0, TryOpen(directory / "new"));
   EXPECT_TRUE(std::filesystem::is_directory(directory / "new"));
 }
 
-TEST(OpenTest, ADirectoryThatCannotBeCreatedIsRefused) {
+TEST(OpenTest, DirectoryThatCannotBeCreated_IsRefused) {
   TemporaryDirectory directory;
   std::ofstream(directory / "file") << "not a directory";
   EXPECT_STATUS(LSCOREDB_CANNOT_OPEN, TryOpen(directory / "file/below"));
@@ -92,7 +92,7 @@ void ExpectRefusal(std::string const& directory, std::string const& text,
   });
 }
 
-TEST(OpenTest, ARefusalNamesTheFileAndTheReason) {
+TEST(OpenTest, Refusal_NamesTheFileAndTheReason) {
   TemporaryDirectory directory;
   std::filesystem::permissions(directory.path(), std::filesystem::perms{0755});
   std::ofstream(directory / "file") << "not a directory";
@@ -104,7 +104,7 @@ TEST(OpenTest, ARefusalNamesTheFileAndTheReason) {
   EXPECT_STREQ("", lscoredb_open_error());
 }
 
-TEST(OpenTest, EachFileThatIsRefusedIsNamed) {
+TEST(OpenTest, EachRefusedFile_IsNamed) {
   using std::filesystem::perms;
   TemporaryDirectory directory;
   std::string const place = directory / "db";
@@ -192,7 +192,7 @@ class ReadOnlyTest : public testing::Test {
   Oid row_ = 0;
 };
 
-TEST_F(ReadOnlyTest, WhatCannotBeWrittenIsOpenedToBeRead) {
+TEST_F(ReadOnlyTest, UnwritableDatabase_OpensReadOnly) {
   AsReader(place_, [&] { ExpectReadOnly(Database(place_)); });
   std::filesystem::remove(place_ + "/lock.mdb");
   std::filesystem::remove(place_ + "/layouts.lock");
@@ -203,7 +203,7 @@ TEST_F(ReadOnlyTest, WhatCannotBeWrittenIsOpenedToBeRead) {
   EXPECT_FALSE(IsReadOnly(Database(place_)));
 }
 
-TEST_F(ReadOnlyTest, WhoAsksToReadOnlyReads) {
+TEST_F(ReadOnlyTest, ReadOnlyRequest_OpensReadOnly) {
   lscoredb_options options = NoSync();
   options.access = LSCOREDB_ACCESS_READ;
   {
@@ -220,7 +220,7 @@ TEST_F(ReadOnlyTest, WhoAsksToReadOnlyReads) {
 }
 
 // What the log alone holds is found by those who may write.
-TEST_F(ReadOnlyTest, ADatabaseWithALogIsNotOpenedOnlyToRead) {
+TEST_F(ReadOnlyTest, DatabaseWithALog_CannotBeOpenedReadOnly) {
   lscoredb_options options = NoSync();
   options.log = LSCOREDB_LOG;
   ASSERT_EQ(0U, TryOpen(place_, &options));
@@ -242,7 +242,7 @@ TEST_F(ReadOnlyTest, ADatabaseWithALogIsNotOpenedOnlyToRead) {
   EXPECT_EQ(7, session.Long(row_, kNumber)) << "the refusals changed nothing";
 }
 
-TEST_F(ReadOnlyTest, NoLogIsMadeWhereNothingIsWritten) {
+TEST_F(ReadOnlyTest, ReadOnlyDatabase_MakesNoLog) {
   lscoredb_options options = NoSync();
   options.log = LSCOREDB_LOG;
   AsReader(place_, [&] { ExpectReadOnly(Database(place_, options)); });
@@ -251,7 +251,7 @@ TEST_F(ReadOnlyTest, NoLogIsMadeWhereNothingIsWritten) {
 }
 
 // A reader with a place sees the commits of another process, one by one.
-TEST_F(ReadOnlyTest, AReaderWithAPlaceReadsBesideAWriter) {
+TEST_F(ReadOnlyTest, ReaderWithASlot_ReadsBesideAWriter) {
   OtherProcess writer([&](OtherProcess& test) {
     Database database(place_);
     Session session(database);
@@ -281,7 +281,7 @@ TEST_F(ReadOnlyTest, AReaderWithAPlaceReadsBesideAWriter) {
 }
 
 // Without a place among the readers, no one would leave the pages alone that it reads.
-TEST_F(ReadOnlyTest, AReaderWithoutAPlaceAndAWriterExcludeEachOther) {
+TEST_F(ReadOnlyTest, ReaderWithoutASlotAndAWriter_ExcludeEachOther) {
   {
     Database const writer(place_);
     AsReader(place_, [&] {
@@ -312,7 +312,7 @@ TEST_F(ReadOnlyTest, AReaderWithoutAPlaceAndAWriterExcludeEachOther) {
   EXPECT_STATUS(0, TryOpen(place_));
 }
 
-TEST(OpenTest, OptionsAreCheckedAndMayBeShort) {
+TEST(OpenTest, Options_AreCheckedAndMayBeShort) {
   TemporaryDirectory directory;
   lscoredb_options options = DefaultOptions();
   EXPECT_STATUS(0, TryOpen(directory / "a", &options));
@@ -324,7 +324,7 @@ TEST(OpenTest, OptionsAreCheckedAndMayBeShort) {
   EXPECT_STATUS(LSCOREDB_INVALID_ARGUMENT, TryOpen(directory / "d", &options));
 }
 
-TEST(OpenTest, ALockFileThatNoDiskHoldsIsRefused) {
+TEST(OpenTest, LockFileThatNoDiskHolds_IsRefused) {
   TemporaryDirectory directory;
   lscoredb_options options = NoSync();
   for (std::uint32_t const readers : {65537u, 0xFFFFFFFFu}) {
@@ -336,7 +336,7 @@ TEST(OpenTest, ALockFileThatNoDiskHoldsIsRefused) {
 }
 
 // There is nothing yet that could be broken.
-TEST(OpenTest, WhatIsNewIsSoundWhenVerified) {
+TEST(OpenTest, NewDatabase_VerifiesAsSound) {
   TemporaryDirectory directory;
   lscoredb_options options = NoSync();
   options.verify = 1;
@@ -349,7 +349,7 @@ TEST(OpenTest, WhatIsNewIsSoundWhenVerified) {
   }
 }
 
-TEST(OpenTest, NullPointersAreRefused) {
+TEST(OpenTest, NullPointers_AreRefused) {
   EXPECT_STATUS(LSCOREDB_NULL_ARGUMENT, lscoredb_open(nullptr, nullptr, nullptr));
   EXPECT_STATUS(LSCOREDB_NULL_ARGUMENT, lscoredb_close(nullptr));
   Database database;
@@ -358,7 +358,7 @@ TEST(OpenTest, NullPointersAreRefused) {
   EXPECT_STATUS(LSCOREDB_NULL_ARGUMENT, lscoredb_context_open(database.get(), nullptr));
 }
 
-TEST(OpenTest, CloseIsRefusedWhileContextsAreOpen) {
+TEST(OpenTest, Close_IsRefusedWhileContextsAreOpen) {
   Database database;
   Session session(database);
   EXPECT_STATUS(LSCOREDB_IN_USE, lscoredb_close(database.get()));
@@ -368,7 +368,7 @@ TEST(OpenTest, CloseIsRefusedWhileContextsAreOpen) {
   session.Commit();
 }
 
-TEST(OpenTest, EverythingIsThereAfterReopening) {
+TEST(OpenTest, CommittedData_IsThereAfterReopening) {
   TemporaryDirectory directory;
   auto database = std::make_unique<Database>(directory.path(), DefaultOptions());
   auto session = std::make_unique<Session>(*database);
@@ -394,7 +394,7 @@ TEST(OpenTest, EverythingIsThereAfterReopening) {
                 lorv_context_put_long(session->context(), second, 0, kNumber, 1));
 }
 
-TEST(OpenTest, WhatWasNotCommittedIsGoneAfterReopening) {
+TEST(OpenTest, UncommittedData_IsGoneAfterReopening) {
   TemporaryDirectory directory;
   Oid lost = 0;
   {
@@ -410,7 +410,7 @@ TEST(OpenTest, WhatWasNotCommittedIsGoneAfterReopening) {
   EXPECT_FALSE(session.Exists(lost));
 }
 
-TEST(OpenTest, OneDirectoryMayBeOpenTwiceInAProcess) {
+TEST(OpenTest, OneDirectory_MayBeOpenTwiceInAProcess) {
   TemporaryDirectory directory;
   Database one(directory.path());
   auto two = std::make_unique<Database>(directory.path() + "/./");
@@ -432,7 +432,7 @@ TEST(OpenTest, OneDirectoryMayBeOpenTwiceInAProcess) {
   EXPECT_EQ(elsewhere.Long(row, kNumber), 10) << "the other opening goes on";
 }
 
-TEST(OpenTest, ADirectoryReachedByAnotherNameIsTheSameDatabase) {
+TEST(OpenTest, DirectoryByAnotherName_IsTheSameDatabase) {
   TemporaryDirectory directory;
   Database one(directory / "data");
   std::filesystem::create_directory_symlink(directory / "data", directory / "link");
@@ -445,7 +445,7 @@ TEST(OpenTest, ADirectoryReachedByAnotherNameIsTheSameDatabase) {
   EXPECT_EQ(elsewhere.Long(row, kNumber), 1);
 }
 
-TEST(OpenTest, ManyDatabasesMayBeOpen) {
+TEST(OpenTest, ManyDatabases_MayBeOpen) {
   std::vector<std::unique_ptr<Database>> databases;
   for (int i = 0; i < 10; ++i) databases.push_back(std::make_unique<Database>());
   std::vector<World> worlds;
@@ -463,7 +463,7 @@ TEST(OpenTest, ManyDatabasesMayBeOpen) {
   }
 }
 
-TEST(OpenTest, AFullDatabaseRefusesTheCommitAndGoesOn) {
+TEST(OpenTest, FullDatabase_RefusesTheCommitAndGoesOn) {
   TemporaryDirectory directory;
   lscoredb_options options = NoSync();
   options.max_file_size = 4 << 20;
@@ -495,7 +495,7 @@ TEST(OpenTest, AFullDatabaseRefusesTheCommitAndGoesOn) {
   EXPECT_EQ(session.Walk(world.index), kept) << "with a larger limit it takes writes again";
 }
 
-TEST(OpenTest, TooManyTransactionsAtOnceAreRefusedAndOthersGoOn) {
+TEST(OpenTest, TooManyTransactionsAtOnce_AreRefusedAndOthersGoOn) {
   TemporaryDirectory directory;
   lscoredb_options options = NoSync();
   options.max_readers = 4;

@@ -28,7 +28,7 @@ class PostgresTest : public testing::Test {
   Session other_{there_};
 };
 
-TEST_F(PostgresTest, OneOpenerSeesWhatTheOtherCommits) {
+TEST_F(PostgresTest, Opener_SeesCommitsOfAnother) {
   Oid const first = CommitPair(session_, 7);
   other_.Begin();
   EXPECT_EQ(other_.Long(first, kPairValue), 7);
@@ -38,7 +38,7 @@ TEST_F(PostgresTest, OneOpenerSeesWhatTheOtherCommits) {
   EXPECT_EQ(session_.Long(first, kPairValue), 8);
 }
 
-TEST_F(PostgresTest, TheFirstCommitterWins) {
+TEST_F(PostgresTest, FirstCommitter_Wins) {
   Oid const first = CommitPair(session_, 7);
   session_.Begin();
   other_.Begin();
@@ -48,7 +48,7 @@ TEST_F(PostgresTest, TheFirstCommitterWins) {
   EXPECT_STATUS(LSCOREDB_CONFLICT, other_.TryCommit());
 }
 
-TEST_F(PostgresTest, LayoutsOfTwoOpenersNeverShareANumber) {
+TEST_F(PostgresTest, LayoutsOfTwoOpeners_NeverShareANumber) {
   std::set<LayoutId> numbers;
   for (std::uint64_t i = 0; i < 40; ++i) {
     Session& session = i % 2 == 0 ? session_ : other_;
@@ -60,13 +60,13 @@ TEST_F(PostgresTest, LayoutsOfTwoOpenersNeverShareANumber) {
   EXPECT_EQ(numbers.size(), 40U);
 }
 
-TEST_F(PostgresTest, ObjectsOfTwoOpenersNeverShareAnId) {
+TEST_F(PostgresTest, ObjectsOfTwoOpeners_NeverShareAnId) {
   std::set<Oid> ids;
   for (int i = 0; i < 20; ++i) ids.insert(CommitPair(i % 2 == 0 ? session_ : other_, i));
   EXPECT_EQ(ids.size(), 20U);
 }
 
-TEST_F(PostgresTest, WhoAsksToReadOnlyReads) {
+TEST_F(PostgresTest, ReadOnlyRequest_OpensReadOnly) {
   Oid const first = CommitPair(session_, 7);
   lscoredb_options options{};
   options.size = sizeof options;
@@ -90,7 +90,7 @@ TEST_F(PostgresTest, WhoAsksToReadOnlyReads) {
   EXPECT_STATUS(LSCOREDB_READ_ONLY_DATABASE, lscoredb_open(url.c_str(), &options, &database));
 }
 
-TEST_F(PostgresTest, ReadingMakesNoTables) {
+TEST_F(PostgresTest, Reading_CreatesNoTables) {
   std::string const url = lscore::NewServerUrl();
   lscoredb_options options{};
   options.size = sizeof options;
@@ -102,7 +102,7 @@ TEST_F(PostgresTest, ReadingMakesNoTables) {
   EXPECT_EQ(found, 0U);
 }
 
-TEST_F(PostgresTest, TellsWhetherThereIsADatabase) {
+TEST_F(PostgresTest, Exists_SaysWhetherThereIsADatabase) {
   std::uint32_t found = 7;
   EXPECT_STATUS(0, lscoredb_exists(url_.c_str(), &found));
   EXPECT_EQ(found, 1U);
@@ -110,7 +110,7 @@ TEST_F(PostgresTest, TellsWhetherThereIsADatabase) {
   EXPECT_EQ(found, 0U);
 }
 
-TEST_F(PostgresTest, CopiesGoToAServerAndBack) {
+TEST_F(PostgresTest, Copies_GoToAServerAndBack) {
   Oid const first = CommitPair(session_, 7);
   TemporaryDirectory const directory;
   std::string const copy = directory / "copy";
@@ -129,7 +129,7 @@ TEST_F(PostgresTest, CopiesGoToAServerAndBack) {
   }
 }
 
-TEST(PostgresOpenTest, SaysWhyTheServerRefuses) {
+TEST(PostgresOpenTest, RefusalOfTheServer_GivesItsReason) {
   std::string const url = "postgresql:///no_such_database?user=sagleme&host=" + ServerDirectory();
   lscoredb* database = nullptr;
   EXPECT_STATUS(LSCOREDB_CANNOT_OPEN, lscoredb_open(url.c_str(), nullptr, &database));
@@ -175,7 +175,7 @@ class PostgresProxyTest : public testing::Test {
   std::unique_ptr<Session> session_ = std::make_unique<Session>(database_);
 };
 
-TEST_F(PostgresProxyTest, WarmReadsNeedNoRoundTripAndColdOnesNeedOne) {
+TEST_F(PostgresProxyTest, WarmReads_NeedNoRoundTripAndColdOnesNeedOne) {
   Oid const row = CommitPair(*session_, 2);
   std::uint64_t const before = proxy_.round_trips();
   session_->BeginReadOnly();
@@ -190,7 +190,7 @@ TEST_F(PostgresProxyTest, WarmReadsNeedNoRoundTripAndColdOnesNeedOne) {
   EXPECT_EQ(proxy_.round_trips() - before, 3U);
 }
 
-TEST_F(PostgresProxyTest, ACommitTakesTwoRoundTrips) {
+TEST_F(PostgresProxyTest, Commit_TakesTwoRoundTrips) {
   Oid const row = CommitPair(*session_, 2);
   session_->Begin();
   session_->PutLong(row, kPairValue, 4);
@@ -205,7 +205,7 @@ TEST_F(PostgresProxyTest, ACommitTakesTwoRoundTrips) {
   EXPECT_EQ(proxy_.round_trips() - before, 2U);
 }
 
-TEST_F(PostgresProxyTest, RowsInMemoryOutliveCommitsOfOthers) {
+TEST_F(PostgresProxyTest, RowsInMemory_OutliveCommitsOfOthers) {
   Oid const row = CommitPair(*session_, 2);
   session_->BeginReadOnly();
   session_->Long(row, kPairValue);
@@ -221,28 +221,28 @@ TEST_F(PostgresProxyTest, RowsInMemoryOutliveCommitsOfOthers) {
   EXPECT_EQ(proxy_.round_trips() - before, 1U);
 }
 
-TEST_F(PostgresProxyTest, ACommitWhoseReplyIsLostIsFoundToHaveTakenPlace) {
+TEST_F(PostgresProxyTest, CommitWhoseReplyIsLost_IsFoundToHaveSucceeded) {
   proxy_.CutNext(Cut::kAfterCommit);
   bool seen = false;
   EXPECT_STATUS(0, CommitObject(&seen));
   EXPECT_TRUE(seen);
 }
 
-TEST_F(PostgresProxyTest, ACommitThatNobodyCanAskAboutIsLeftOpen) {
+TEST_F(PostgresProxyTest, CommitThatNobodyCanQuery_IsLeftOpen) {
   proxy_.CutNext(Cut::kAndClose);
   bool seen = false;
   EXPECT_STATUS(LSCOREDB_COMMIT_UNKNOWN, CommitObject(&seen));
   EXPECT_TRUE(seen);
 }
 
-TEST_F(PostgresProxyTest, ACommitThatDidNotArriveIsRefused) {
+TEST_F(PostgresProxyTest, CommitThatDidNotArrive_IsRefused) {
   proxy_.CutNext(Cut::kBeforeCommit);
   bool seen = true;
   EXPECT_STATUS(LSCOREDB_SERVER_LOST, CommitObject(&seen));
   EXPECT_FALSE(seen);
 }
 
-TEST_F(PostgresProxyTest, WorkGoesOnAfterTheConnectionsWereCut) {
+TEST_F(PostgresProxyTest, CutConnections_AreReplaced) {
   proxy_.Close();
   EXPECT_STATUS(LSCOREDB_SERVER_LOST, lscoredb_begin(session_->context(), LSCOREDB_READ_WRITE));
   proxy_.Open();
@@ -251,7 +251,7 @@ TEST_F(PostgresProxyTest, WorkGoesOnAfterTheConnectionsWereCut) {
   EXPECT_EQ(session_->Long(row, kPairValue), 5);
 }
 
-TEST_F(PostgresProxyTest, ASnapshotThatLosesItsConnectionSaysSo) {
+TEST_F(PostgresProxyTest, SnapshotThatLosesItsConnection_SaysSo) {
   Oid const row = CommitPair(*session_, 5);
   session_->BeginReadOnly();
   proxy_.Close();

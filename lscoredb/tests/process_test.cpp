@@ -108,7 +108,7 @@ class ProcessTest : public testing::Test {
   TemporaryDirectory directory_;
 };
 
-TEST_F(ProcessTest, AnotherProcessReadsWhatThisOneCommittedAndTheOtherWayRound) {
+TEST_F(ProcessTest, CommitsOfTwoProcesses_AreReadByEachOther) {
   {
     Database database(directory_.path());
     Session session(database);
@@ -125,7 +125,7 @@ TEST_F(ProcessTest, AnotherProcessReadsWhatThisOneCommittedAndTheOtherWayRound) 
   EXPECT_EQ(session.Walk(PairWorld(session).index).size(), 12U);
 }
 
-TEST_F(ProcessTest, TwoProcessesShareAnOpenDatabase) {
+TEST_F(ProcessTest, TwoProcesses_ShareAnOpenDatabase) {
   Database database(directory_.path());
   Session session(database);
   Oids named{CommitPair(session, 1)};
@@ -138,7 +138,7 @@ TEST_F(ProcessTest, TwoProcessesShareAnOpenDatabase) {
   EXPECT_EQ(std::set<Oid>(named.begin(), named.end()).size(), 101U) << "no id was given out twice";
 }
 
-TEST_F(ProcessTest, ACommitOfAnotherProcessIsSeenByTheNextTransactionAndNoEarlier) {
+TEST_F(ProcessTest, CommitOfAnotherProcess_IsSeenByTheNextTransactionAndNoEarlier) {
   Database database(directory_.path());
   Session session(database);
   Oid const row = CommitPair(session, 7);
@@ -157,7 +157,7 @@ TEST_F(ProcessTest, ACommitOfAnotherProcessIsSeenByTheNextTransactionAndNoEarlie
   EXPECT_EQ(session.At(world.index, Key().Long(1007)), Oids{row});
 }
 
-TEST_F(ProcessTest, AConflictWithAnotherProcessIsSeenAtTheCommit) {
+TEST_F(ProcessTest, ConflictWithAnotherProcess_IsSeenAtTheCommit) {
   Database database(directory_.path());
   Session session(database);
   Oid const row = CommitPair(session, 7);
@@ -171,7 +171,7 @@ TEST_F(ProcessTest, AConflictWithAnotherProcessIsSeenAtTheCommit) {
   EXPECT_STATUS(LSCOREDB_CONFLICT, session.TryCommit());
 }
 
-TEST_F(ProcessTest, ASnapshotOfAnotherProcessStandsWhileThisOneCommits) {
+TEST_F(ProcessTest, SnapshotOfAnotherProcess_StandsWhileThisOneCommits) {
   Database database(directory_.path());
   Session session(database);
   CommitPair(session, 1);
@@ -183,7 +183,7 @@ TEST_F(ProcessTest, ASnapshotOfAnotherProcessStandsWhileThisOneCommits) {
   EXPECT_EQ(child.ExitStatus(), 0);
 }
 
-TEST_F(ProcessTest, AKilledWriterLeavesWholeTransactionsAndAllThatItReported) {
+TEST_F(ProcessTest, KilledWriter_LeavesWholeTransactionsAndAllThatItReported) {
   Oids named;
   for (std::size_t round = 1; round <= 6; ++round) {
     {
@@ -200,7 +200,7 @@ TEST_F(ProcessTest, AKilledWriterLeavesWholeTransactionsAndAllThatItReported) {
   }
 }
 
-TEST_F(ProcessTest, KilledReadersDoNotUseUpTheRoomForReaders) {
+TEST_F(ProcessTest, KilledReaders_FreeTheirSlots) {
   lscoredb_options options = NoSync();
   options.max_readers = 3;
   Database database(directory_.path(), options);

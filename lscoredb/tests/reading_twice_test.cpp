@@ -47,7 +47,7 @@ class ReadingTwiceTest : public KernelTest {
   }
 };
 
-TEST_F(ReadingTwiceTest, ARowWithoutColumnsHasItsIdAndItsSetAlone) {
+TEST_F(ReadingTwiceTest, RowWithoutColumns_HasOnlyItsIdAndItsSet) {
   session_.Begin();
   LayoutId const layout = session_.CreateLayout(kTable, {});
   Oids const rows{session_.Insert(layout), session_.InsertBare(layout), session_.Insert(layout)};
@@ -67,7 +67,7 @@ TEST_F(ReadingTwiceTest, ARowWithoutColumnsHasItsIdAndItsSetAlone) {
 }
 
 // Every third one is null, every seventh a text.
-TEST_F(ReadingTwiceTest, ManyColumnsAreToldApartWhereverTheirBitsLie) {
+TEST_F(ReadingTwiceTest, ManyColumns_AreDistinguishedWhereverTheirBitsLie) {
   constexpr std::uint32_t kFirst = 2;
   constexpr std::uint32_t kColumns = 1000;
   Columns columns;
@@ -100,7 +100,7 @@ TEST_F(ReadingTwiceTest, ManyColumnsAreToldApartWhereverTheirBitsLie) {
       [&] { session_.PutLong(row, 500, 500); });
 }
 
-TEST_F(ReadingTwiceTest, ARowThatIsKeptInPartsIsReadLikeAnyOther) {
+TEST_F(ReadingTwiceTest, RowInOverflowChunks_IsReadLikeAnyOther) {
   Bytes large(17 << 20);
   for (std::size_t i = 0; i < large.size(); ++i) large[i] = static_cast<std::uint8_t>(i >> 12);
   session_.Begin();
@@ -123,7 +123,7 @@ TEST_F(ReadingTwiceTest, ARowThatIsKeptInPartsIsReadLikeAnyOther) {
       });
 }
 
-TEST_F(ReadingTwiceTest, ARowIsReadThroughTheLayoutOfItsBaseTable) {
+TEST_F(ReadingTwiceTest, Row_IsReadThroughTheLayoutOfItsBaseTable) {
   session_.Begin();
   LayoutId const base =
       session_.CreateLayout(kTable, {{LORV_TYPE_LONG, kA}, {LORV_TYPE_STRING, kB}});
@@ -150,7 +150,7 @@ TEST_F(ReadingTwiceTest, ARowIsReadThroughTheLayoutOfItsBaseTable) {
 // A is nullable at first and not later, B the other way round; C comes and is not nullable. What is
 // zero under the row's own layout is zero through any; what is null there is zero through one that
 // knows no null.
-TEST_F(ReadingTwiceTest, NullAndZeroAreToldApartByTheRowsLayoutAndTheNamedOne) {
+TEST_F(ReadingTwiceTest, NullAndZero_AreDistinguishedByTheRowsLayoutAndTheNamedOne) {
   session_.Begin();
   LayoutId const older = session_.CreateLayout(
       kTable, {{LORV_TYPE_LONG, kA}, {LORV_TYPE_LONG, kB, false}, {LORV_TYPE_LONG, kTouched}});

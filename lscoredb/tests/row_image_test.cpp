@@ -64,7 +64,7 @@ std::string Hex(std::string_view bytes) {
   return hex;
 }
 
-TEST(RowImageTest, ARowWithASetSpecifierHasTheseBytes) {
+TEST(RowImageTest, RowWithASetSpecifier_HasTheseBytes) {
   std::string const image = Build(CellOf("set"));
   EXPECT_EQ(
       "3412"                      // layout
@@ -77,7 +77,7 @@ TEST(RowImageTest, ARowWithASetSpecifierHasTheseBytes) {
       Hex(std::string_view(image).substr(4)));
 }
 
-TEST(RowImageTest, ARowWithoutASetSpecifierHasNoEndForIt) {
+TEST(RowImageTest, RowWithoutASetSpecifier_HasNoEndForIt) {
   std::string const image = Build(Cell{});
   EXPECT_EQ(
       "3412"
@@ -91,13 +91,13 @@ TEST(RowImageTest, ARowWithoutASetSpecifierHasNoEndForIt) {
   EXPECT_FALSE(RowImage(image).Setspec(TheLayout()).present);
 }
 
-TEST(RowImageTest, TheChecksumIsOverTheIdTheNumberOfColumnsAndTheBytes) {
+TEST(RowImageTest, Checksum_CoversIdNumberOfColumnsAndBytes) {
   std::string const image = Build(CellOf("set"));
   std::string const owner("\x08\x07\x06\x05\x04\x03\x02\x01\x05\x00\x00\x00", 12);
   EXPECT_EQ(Crc32c(owner, std::string_view(image).substr(4)), Load<std::uint32_t>(image.data()));
 }
 
-TEST(RowImageTest, WhatWasBuiltReadsBack) {
+TEST(RowImageTest, BuiltImage_ReadsBack) {
   std::string const image = Build(CellOf("set"));
   RowImage const row(image);
   Layout const& layout = TheLayout();
@@ -112,7 +112,7 @@ TEST(RowImageTest, WhatWasBuiltReadsBack) {
   EXPECT_TRUE(row.Read(layout, layout.column(6)).wide);
 }
 
-TEST(RowImageTest, AnyOtherByteIsNoImage) {
+TEST(RowImageTest, ChangedByte_IsNoImage) {
   std::string const image = Build(CellOf("set"));
   for (std::size_t i = 0; i < image.size(); ++i) {
     std::string changed = image;
@@ -123,7 +123,7 @@ TEST(RowImageTest, AnyOtherByteIsNoImage) {
   EXPECT_FALSE(RowImage::Validate(image + '\0', kId, TheLayout()));
 }
 
-TEST(RowImageTest, AnImageOfAnotherObjectOrLayoutIsNone) {
+TEST(RowImageTest, ImageOfAnotherObjectOrLayout_IsRefused) {
   std::string const image = Build(CellOf("set"));
   Layout const wider(LayoutNumber{0x1234}, LayoutNumber{}, Token{50}, {CommitId{3}, 0},
                      {ColumnOf(100, LORV_TYPE_STRING), ColumnOf(101, LORV_TYPE_LONG),
@@ -134,7 +134,7 @@ TEST(RowImageTest, AnImageOfAnotherObjectOrLayoutIsNone) {
 }
 
 // The lengths inside are looked at even where the checksum fits.
-TEST(RowImageTest, EndsThatContradictTheImageAreRefused) {
+TEST(RowImageTest, EndsThatContradictTheImage_AreRefused) {
   constexpr std::size_t kEnds = 32;
   for (std::uint32_t const end : {0U, 7U, 11U, 0xFFFFFFFFU}) {
     std::string image = Build(CellOf("set"));
@@ -144,7 +144,7 @@ TEST(RowImageTest, EndsThatContradictTheImageAreRefused) {
   }
 }
 
-TEST(RowImageTest, AStubTellsTheSizeOfTheWhole) {
+TEST(RowImageTest, Stub_HoldsTheSizeOfTheWhole) {
   std::string const image = Build(CellOf("set"));
   std::string const stub = ImageBuilder::Stub(image);
   EXPECT_EQ("341205008877665544332211" + Hex({"\x36\0\0\0\0\0\0\0", 8}), Hex(stub.substr(4)));

@@ -137,7 +137,7 @@ class RowMemoryBoundTest : public testing::Test {
   SharedRowCache table_{foreign_commits_, kMemory};
 };
 
-TEST_F(RowMemoryBoundTest, AMillionReadsOfManyRowsTakeNoMoreThanThereIs) {
+TEST_F(RowMemoryBoundTest, MillionReadsOfManyRows_StayWithinTheBound) {
 #if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
   constexpr int kReads = 200'000;
 #else
@@ -161,7 +161,7 @@ TEST_F(RowMemoryBoundTest, AMillionReadsOfManyRowsTakeNoMoreThanThereIs) {
 }
 
 // The old reader has every version of the first state in use.
-TEST_F(RowMemoryBoundTest, RowsThatAnOldReaderPinsStopTheFillingUntilItEnds) {
+TEST_F(RowMemoryBoundTest, RowsPinnedByAnOldReader_StopTheFillingUntilItEnds) {
   constexpr std::uint64_t kBusy = 200;
   SharedRowCache::Reader old(table_);
   old.Begin(State(kFirstState), true);
@@ -198,7 +198,7 @@ TEST_F(RowMemoryBoundTest, RowsThatAnOldReaderPinsStopTheFillingUntilItEnds) {
 }
 
 // The table and all that left it go with it.
-TEST_F(RowMemoryBoundTest, NothingIsLeftOfATableThatIsGone) {
+TEST_F(RowMemoryBoundTest, ClosedTable_LeavesNothing) {
   {
     SharedRowCache table(foreign_commits_, kMemory);
     SharedRowCache::Reader reader(table);

@@ -34,7 +34,7 @@ class RowTest : public KernelTest {
   Oid row_ = 0;
 };
 
-TEST_F(RowTest, AnUnwrittenNullableColumnIsNullAndTheOutputStaysUntouched) {
+TEST_F(RowTest, UnwrittenNullableColumn_IsNullAndLeavesTheOutput) {
   std::int64_t number = 77;
   EXPECT_STATUS(LORV_STATUS_NULL,
                 lorv_context_get_long(context(), row_, layout_, Nullable(LORV_TYPE_LONG), &number));
@@ -53,7 +53,7 @@ TEST_F(RowTest, AnUnwrittenNullableColumnIsNullAndTheOutputStaysUntouched) {
   EXPECT_FALSE(session_.RefId(row_, Nullable(LORV_TYPE_REFERENCE)));
 }
 
-TEST_F(RowTest, AnUnwrittenRequiredColumnIsZero) {
+TEST_F(RowTest, UnwrittenRequiredColumn_IsZero) {
   for (int round = 0; round < 2; ++round) {
     EXPECT_EQ(session_.Long(row_, Required(LORV_TYPE_LONG)), 0);
     EXPECT_EQ(session_.ULong(row_, Required(LORV_TYPE_ULONG)), 0U);
@@ -69,7 +69,7 @@ TEST_F(RowTest, AnUnwrittenRequiredColumnIsZero) {
   }
 }
 
-TEST_F(RowTest, EveryTypeKeepsItsExtremes) {
+TEST_F(RowTest, EveryType_KeepsItsExtremes) {
   using Signed = std::numeric_limits<std::int64_t>;
   for (std::int64_t const value :
        {Signed::min(), std::int64_t{-1}, std::int64_t{0}, Signed::max()}) {
@@ -85,7 +85,7 @@ TEST_F(RowTest, EveryTypeKeepsItsExtremes) {
   }
 }
 
-TEST_F(RowTest, FloatsKeepTheirBits) {
+TEST_F(RowTest, Floats_KeepTheirBits) {
   for (double const value : {-0.0, 1.5, -1e300, 5e-324, std::numeric_limits<double>::infinity()}) {
     session_.PutDouble(row_, Nullable(LORV_TYPE_DOUBLE), value);
     session_.PutFloat(row_, Nullable(LORV_TYPE_FLOAT), static_cast<float>(value));
@@ -99,7 +99,7 @@ TEST_F(RowTest, FloatsKeepTheirBits) {
   EXPECT_TRUE(std::isnan(*session_.Double(row_, Nullable(LORV_TYPE_DOUBLE))));
 }
 
-TEST_F(RowTest, DefaultIsNullOrZero) {
+TEST_F(RowTest, Default_IsNullOrZero) {
   for (std::uint32_t const type : kTypes) {
     if (type == LORV_TYPE_LONG) session_.PutLong(row_, Nullable(type), 5);
     if (type == LORV_TYPE_LONG) session_.PutLong(row_, Required(type), 5);
@@ -113,7 +113,7 @@ TEST_F(RowTest, DefaultIsNullOrZero) {
   EXPECT_EQ(session_.Long(row_, Required(LORV_TYPE_LONG)), 0);
 }
 
-TEST_F(RowTest, NullIsWrittenByANullTextBinaryOrReference) {
+TEST_F(RowTest, NullTextBinaryOrReference_WritesNull) {
   session_.PutString(row_, Nullable(LORV_TYPE_STRING), u"text");
   session_.PutBinary(row_, Nullable(LORV_TYPE_BINARY), {1, 2});
   session_.PutReference(row_, Nullable(LORV_TYPE_REFERENCE), row_);
@@ -131,7 +131,7 @@ TEST_F(RowTest, NullIsWrittenByANullTextBinaryOrReference) {
   }
 }
 
-TEST_F(RowTest, ColumnsAreWrittenOneByOneAndKeepTheirNeighbours) {
+TEST_F(RowTest, ColumnsWrittenOneByOne_KeepTheirNeighbours) {
   session_.PutLong(row_, Nullable(LORV_TYPE_LONG), 1);
   Restart();
   session_.PutString(row_, Nullable(LORV_TYPE_STRING), u"a");
@@ -148,7 +148,7 @@ TEST_F(RowTest, ColumnsAreWrittenOneByOneAndKeepTheirNeighbours) {
   EXPECT_EQ(session_.Double(row_, Nullable(LORV_TYPE_DOUBLE)), 2.5);
 }
 
-TEST_F(RowTest, ColumnZeroIsTheIdentityAndColumnOneTheSetSpecifier) {
+TEST_F(RowTest, ColumnZeroAndOne_AreIdentityAndSetSpecifier) {
   EXPECT_EQ(session_.ULong(row_, 0), row_);
   EXPECT_EQ(session_.String(row_, 1), kSet);
   EXPECT_EQ(session_.Setspec(row_), kSet);
@@ -159,7 +159,7 @@ TEST_F(RowTest, ColumnZeroIsTheIdentityAndColumnOneTheSetSpecifier) {
   EXPECT_EQ(session_.String(row_, 1), kSet);
 }
 
-TEST_F(RowTest, ANewRowHasNoSetSpecifier) {
+TEST_F(RowTest, NewRow_HasNoSetSpecifier) {
   Oid const bare = session_.InsertBare(layout_);
   EXPECT_FALSE(session_.Setspec(bare));
   EXPECT_FALSE(session_.String(bare, 1));
@@ -215,7 +215,7 @@ std::set<std::uint32_t> WritableAs(std::uint64_t context, Oid oid, std::uint32_t
   return types;
 }
 
-TEST_F(RowTest, AColumnIsReadAndWrittenAsItsOwnTypeOnly) {
+TEST_F(RowTest, Column_IsReadAndWrittenOnlyAsItsOwnType) {
   for (std::uint32_t const type : kTypes) {
     std::uint32_t const as = type == LORV_TYPE_KEY ? LORV_TYPE_ULONG : type;
     EXPECT_EQ(ReadableAs(context(), row_, Nullable(type)), std::set{as}) << type;
@@ -223,7 +223,7 @@ TEST_F(RowTest, AColumnIsReadAndWrittenAsItsOwnTypeOnly) {
   }
 }
 
-TEST_F(RowTest, AReferenceNamesTheTargetsLayoutOfNow) {
+TEST_F(RowTest, Reference_NamesTheTargetsCurrentLayout) {
   Oid const target = session_.Insert(layout_);
   session_.PutReference(row_, Nullable(LORV_TYPE_REFERENCE), target);
   Restart();
@@ -235,7 +235,7 @@ TEST_F(RowTest, AReferenceNamesTheTargetsLayoutOfNow) {
   EXPECT_EQ(session_.RefId(row_, Nullable(LORV_TYPE_REFERENCE)), target);
 }
 
-TEST_F(RowTest, AReferenceToADeletedObjectKeepsItsIdentityAndHasNoLayout) {
+TEST_F(RowTest, ReferenceToADeletedObject_KeepsItsIdentityAndHasNoLayout) {
   Oid const target = session_.Insert(layout_);
   session_.PutReference(row_, Nullable(LORV_TYPE_REFERENCE), target);
   Restart();
@@ -248,7 +248,7 @@ TEST_F(RowTest, AReferenceToADeletedObjectKeepsItsIdentityAndHasNoLayout) {
   }
 }
 
-TEST_F(RowTest, LookupGivesAnAddressThatEveryCallTakes) {
+TEST_F(RowTest, Lookup_GivesAnAddressThatEveryCallTakes) {
   session_.PutLong(row_, Nullable(LORV_TYPE_LONG), 5);
   for (int round = 0; round < 2; ++round) {
     std::uint64_t addr = 0;
@@ -262,7 +262,7 @@ TEST_F(RowTest, LookupGivesAnAddressThatEveryCallTakes) {
   }
 }
 
-TEST_F(RowTest, AnUnknownObjectIsNoObject) {
+TEST_F(RowTest, UnknownObject_IsNoObject) {
   for (Oid const oid : {Oid{0}, row_ + 1000000, ~Oid{0}}) {
     std::uint64_t addr = 1234;
     std::int64_t value = 1234;
@@ -279,7 +279,7 @@ TEST_F(RowTest, AnUnknownObjectIsNoObject) {
   }
 }
 
-TEST_F(RowTest, AnObjectDeletedByThisTransactionIsUnreachableAndLaterGone) {
+TEST_F(RowTest, ObjectDeletedByThisTransaction_IsUnreachableAndLaterGone) {
   Restart();
   session_.Delete(row_);
   std::int64_t value = 0;
@@ -296,7 +296,7 @@ TEST_F(RowTest, AnObjectDeletedByThisTransactionIsUnreachableAndLaterGone) {
   EXPECT_STATUS(LORV_STATUS_NO_OBJECT, lorv_context_lookup(context(), row_, &addr));
 }
 
-TEST_F(RowTest, InsertForSystemTablesIsAnInsert) {
+TEST_F(RowTest, InsertForSystemTables_IsAnInsert) {
   Oid oid = 0;
   EXPECT_STATUS(0, lorv_context_insert_system(context(), layout_, &oid));
   session_.PutSetspec(oid, kSet);
@@ -306,7 +306,7 @@ TEST_F(RowTest, InsertForSystemTablesIsAnInsert) {
   EXPECT_EQ(session_.LayoutOf(oid), layout_);
 }
 
-TEST_F(RowTest, AGivenIdIsTakenOnceAndNeverHandedOutAgain) {
+TEST_F(RowTest, ChosenId_IsTakenOnceAndNeverReused) {
   Oid const given = row_ + 100000;
   session_.InsertWithId(layout_, given);
   EXPECT_STATUS(LSCOREDB_ID_IN_USE, lorvi_context_insert_with_id(context(), layout_, given));
@@ -317,7 +317,7 @@ TEST_F(RowTest, AGivenIdIsTakenOnceAndNeverHandedOutAgain) {
   for (int i = 0; i < 2000; ++i) EXPECT_NE(session_.InsertBare(layout_), given);
 }
 
-TEST_F(RowTest, AGivenIdFarAheadDoesNotStopTheOrdinaryOnes) {
+TEST_F(RowTest, ChosenIdFarAhead_DoesNotStopTheOrdinaryOnes) {
   Oid const given = Oid{1} << 62;
   session_.InsertWithId(layout_, given);
   session_.InsertWithId(layout_, given + 5);
@@ -326,18 +326,18 @@ TEST_F(RowTest, AGivenIdFarAheadDoesNotStopTheOrdinaryOnes) {
   for (int i = 0; i < 100; ++i) EXPECT_TRUE(ids.insert(session_.InsertBare(layout_)).second);
 }
 
-TEST_F(RowTest, TheIdZeroIsNotForAnybody) {
+TEST_F(RowTest, IdZero_IsRefused) {
   EXPECT_STATUS(LSCOREDB_INVALID_ARGUMENT, lorvi_context_insert_with_id(context(), layout_, 0));
 }
 
-TEST_F(RowTest, TheIdOfADeletedObjectIsNotUsedAgain) {
+TEST_F(RowTest, IdOfADeletedObject_IsNotReused) {
   Restart();
   session_.Delete(row_);
   Restart();
   EXPECT_STATUS(LSCOREDB_ID_GIVEN_OUT, lorvi_context_insert_with_id(context(), layout_, row_));
 }
 
-TEST_F(RowTest, ARowOfHundredsOfColumnsKeepsTheFewThatAreWritten) {
+TEST_F(RowTest, RowOfHundredsOfColumns_KeepsTheFewThatAreWritten) {
   Columns columns;
   for (std::uint64_t i = 0; i < 600; ++i)
     columns.push_back({i % 3 == 0 ? LORV_TYPE_STRING : LORV_TYPE_LONG, 1000 + i, true});
@@ -354,7 +354,7 @@ TEST_F(RowTest, ARowOfHundredsOfColumnsKeepsTheFewThatAreWritten) {
   EXPECT_FALSE(session_.String(oid, 599));
 }
 
-TEST_F(RowTest, ManyRowsKeepTheirValues) {
+TEST_F(RowTest, ManyRows_KeepTheirValues) {
   Oids rows;
   for (int i = 0; i < 3000; ++i) {
     rows.push_back(session_.Insert(layout_));

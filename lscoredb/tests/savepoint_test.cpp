@@ -66,7 +66,7 @@ class SavepointTest : public KernelTest {
 
 // ---- what is taken back ------------------------------------------------------------------------
 
-TEST_F(SavepointTest, RollbackTo_TakesBackObjectsValuesAndEntries) {
+TEST_F(SavepointTest, RollbackTo_UndoesObjectsValuesAndEntries) {
   Savepoint const savepoint = Set();
   Oid const added = Add(5, u"five");
   session_.PutLong(first_, kNumber, 30);
@@ -109,7 +109,7 @@ TEST_F(SavepointTest, RollbackTo_RevivesWhatWasDeletedSince) {
   EXPECT_EQ(session_.Walk(by_name_), (Oids{added, first_, second_}));
 }
 
-TEST_F(SavepointTest, RollbackTo_TakesAChangeOfSetBack) {
+TEST_F(SavepointTest, RollbackTo_UndoesAChangeOfSet) {
   IndexId const elsewhere = session_.CreateIndex(62, u"else/", {{LORV_TYPE_LONG, kNumberToken}});
   Savepoint const savepoint = Set();
   session_.PutSetspec(first_, u"else/where/");
@@ -121,7 +121,7 @@ TEST_F(SavepointTest, RollbackTo_TakesAChangeOfSetBack) {
   ExpectAsAtFirst();
 }
 
-TEST_F(SavepointTest, RollbackTo_TakesLayoutsBack_AndTheirObjectsAndMoves) {
+TEST_F(SavepointTest, RollbackTo_UndoesLayoutsAndTheirObjectsAndMoves) {
   Savepoint const savepoint = Set();
   LayoutId const made = session_.CreateLayout(
       50, {{LORV_TYPE_LONG, kNumberToken}, {LORV_TYPE_STRING, kNameToken}, {LORV_TYPE_LONG, 103}});
@@ -139,7 +139,7 @@ TEST_F(SavepointTest, RollbackTo_TakesLayoutsBack_AndTheirObjectsAndMoves) {
   EXPECT_EQ(session_.LayoutsByToken(50), std::vector<LayoutId>{layout_});
 }
 
-TEST_F(SavepointTest, RollbackTo_TakesIndexesAndTheirDropsBack) {
+TEST_F(SavepointTest, RollbackTo_UndoesIndexesAndTheirDrops) {
   IndexId const before = session_.CreateIndex(62, kSet, {{LORV_TYPE_LONG, kNumberToken}});
   Savepoint const savepoint = Set();
   IndexId const since = session_.CreateIndex(63, kSet, {{LORV_TYPE_STRING, kNameToken}});
@@ -160,7 +160,7 @@ TEST_F(SavepointTest, RollbackTo_TakesIndexesAndTheirDropsBack) {
   EXPECT_EQ(session_.Walk(by_number_), (Oids{second_, first_}));
 }
 
-TEST_F(SavepointTest, RollbackTo_TakesAReleaseOfALayoutBack) {
+TEST_F(SavepointTest, RollbackTo_UndoesTheReleaseOfALayout) {
   TemporaryDirectory directory;
   LayoutId kept = 0;
   LayoutId gone = 0;
@@ -200,7 +200,7 @@ TEST_F(SavepointTest, RollbackTo_LeavesNothingToCommit) {
   EXPECT_EQ(before.last_commit, after.last_commit);
 }
 
-TEST_F(SavepointTest, RollbackTo_WhatIsWrittenAfterwardsIsKept) {
+TEST_F(SavepointTest, RollbackTo_KeepsWhatIsWrittenAfterwards) {
   Savepoint const savepoint = Set();
   for (int i = 0; i < 100; ++i) {
     Oid const added = Add(i, u"again");
@@ -216,7 +216,7 @@ TEST_F(SavepointTest, RollbackTo_WhatIsWrittenAfterwardsIsKept) {
 
 // ---- nesting -----------------------------------------------------------------------------------
 
-TEST_F(SavepointTest, SavepointsNest_AndAnOlderOneTakesMoreBack) {
+TEST_F(SavepointTest, NestedSavepoints_UndoMoreTheOlderTheyAre) {
   Savepoint const outer = Set();
   session_.PutLong(first_, kNumber, 11);
   Savepoint const inner = Set();
@@ -239,7 +239,7 @@ TEST_F(SavepointTest, RollbackTo_EndsLaterSavepointsAndKeepsItsOwn) {
   EXPECT_STATUS(0, lscoredb_release(context(), outer));
 }
 
-TEST_F(SavepointTest, Release_EndsLaterSavepointsToo_AndKeepsTheWrites) {
+TEST_F(SavepointTest, Release_EndsLaterSavepointsAndKeepsTheWrites) {
   Savepoint const outer = Set();
   Savepoint const middle = Set();
   session_.PutLong(first_, kNumber, 30);
@@ -252,7 +252,7 @@ TEST_F(SavepointTest, Release_EndsLaterSavepointsToo_AndKeepsTheWrites) {
   ExpectAsAtFirst();
 }
 
-TEST_F(SavepointTest, Release_OfTheLastOne_KeepsTheWritesForGood) {
+TEST_F(SavepointTest, Release_LastSavepoint_KeepsTheWritesForGood) {
   Savepoint const savepoint = Set();
   session_.PutLong(first_, kNumber, 30);
   Release(savepoint);
@@ -264,7 +264,7 @@ TEST_F(SavepointTest, Release_OfTheLastOne_KeepsTheWritesForGood) {
   EXPECT_EQ(session_.Walk(by_number_), (Oids{second_, first_}));
 }
 
-TEST_F(SavepointTest, SavepointsEndWithTheirTransaction_AndBelongToTheirContext) {
+TEST_F(SavepointTest, Savepoints_EndWithTheirTransactionAndBelongToTheirContext) {
   Savepoint const committed = Set();
   Restart();
   Savepoint const present = Set();
@@ -277,7 +277,7 @@ TEST_F(SavepointTest, SavepointsEndWithTheirTransaction_AndBelongToTheirContext)
   EXPECT_STATUS(0, lscoredb_release(context(), present));
 }
 
-TEST_F(SavepointTest, AReadOnlyTransactionMayHaveThem) {
+TEST_F(SavepointTest, ReadOnlyTransaction_MayHaveSavepoints) {
   session_.Commit();
   session_.BeginReadOnly();
   Savepoint const savepoint = Set();
@@ -290,7 +290,7 @@ TEST_F(SavepointTest, AReadOnlyTransactionMayHaveThem) {
 
 // ---- failures behind a savepoint ---------------------------------------------------------------
 
-TEST_F(SavepointTest, AFailedWriteBehindIt_IsForgottenWithTheOthers) {
+TEST_F(SavepointTest, FailedWriteSinceSavepoint_IsForgottenWithTheOthers) {
   Savepoint const savepoint = Set();
   Oid const added = Add(5, u"five");
   EXPECT_STATUS(LSCOREDB_DUPLICATE_KEY,
@@ -307,7 +307,7 @@ TEST_F(SavepointTest, AFailedWriteBehindIt_IsForgottenWithTheOthers) {
   EXPECT_EQ(session_.Walk(by_name_), (Oids{named, first_, second_}));
 }
 
-TEST_F(SavepointTest, AKeyThatWasFreedBehindIt_IsTakenAgain) {
+TEST_F(SavepointTest, KeyFreedSinceSavepoint_IsTakenAgain) {
   Savepoint const savepoint = Set();
   session_.Delete(first_);
   Add(11, u"ten");
@@ -319,7 +319,7 @@ TEST_F(SavepointTest, AKeyThatWasFreedBehindIt_IsTakenAgain) {
 }
 
 // A duplicate that arose under an open walk is found by the commit; one that was taken back is not.
-TEST_F(SavepointTest, ADuplicateUnderAWalk_IsGoneWithTheRollback) {
+TEST_F(SavepointTest, DuplicateUnderAScan_IsGoneWithTheRollback) {
   Savepoint const savepoint = Set();
   {
     Walker walk(session_, by_name_);
@@ -331,7 +331,7 @@ TEST_F(SavepointTest, ADuplicateUnderAWalk_IsGoneWithTheRollback) {
 
 // ---- numbers -----------------------------------------------------------------------------------
 
-TEST_F(SavepointTest, NumbersGivenBehindIt_AreNotGivenAgain) {
+TEST_F(SavepointTest, NumbersAllocatedSinceSavepoint_AreNotReused) {
   Savepoint const savepoint = Set();
   Oid const oid = Add(1, u"one");
   LayoutId const layout = session_.CreateLayout(51, {});
@@ -344,7 +344,7 @@ TEST_F(SavepointTest, NumbersGivenBehindIt_AreNotGivenAgain) {
   }
 }
 
-TEST_F(SavepointTest, AGivenIdThatWasTakenBack_MayBeGivenAgain) {
+TEST_F(SavepointTest, ChosenIdThatWasRolledBack_MayBeChosenAgain) {
   Oid const given = Oid{1} << 62;
   Savepoint const savepoint = Set();
   session_.InsertWithId(layout_, given);
@@ -358,7 +358,7 @@ TEST_F(SavepointTest, AGivenIdThatWasTakenBack_MayBeGivenAgain) {
 
 // ---- walks, scopes and texts -------------------------------------------------------------------
 
-TEST_F(SavepointTest, AWalkFromBefore_GoesOnOverTheRangeAsItStood) {
+TEST_F(SavepointTest, ScanFromBefore_ContinuesOverTheRangeAsItStood) {
   Oid const between = Add(15, u"fifteen");
   for (std::uint32_t const flags : {LORV_ITERATOR_FORWARD, LORV_ITERATOR_REVERSE}) {
     Walker walk(session_, by_number_, Key(), Key(), flags);
@@ -375,7 +375,7 @@ TEST_F(SavepointTest, AWalkFromBefore_GoesOnOverTheRangeAsItStood) {
   }
 }
 
-TEST_F(SavepointTest, AWalkFromBehindIt_Ends) {
+TEST_F(SavepointTest, ScanOpenedSinceSavepoint_Ends) {
   Savepoint const savepoint = Set();
   Add(1, u"one");
   Walker walk(session_, by_number_);
@@ -389,7 +389,7 @@ TEST_F(SavepointTest, AWalkFromBehindIt_Ends) {
   EXPECT_EQ(again.Rest(), (Oids{first_, second_}));
 }
 
-TEST_F(SavepointTest, AWalkInAnIndexFromBehindIt_EndsWithTheIndex) {
+TEST_F(SavepointTest, ScanOfAnIndexCreatedSinceSavepoint_EndsWithTheIndex) {
   Savepoint const savepoint = Set();
   IndexId const index = session_.CreateIndex(62, kSet, {{LORV_TYPE_LONG, kNumberToken}});
   Walker walk(session_, index);
@@ -399,7 +399,7 @@ TEST_F(SavepointTest, AWalkInAnIndexFromBehindIt_EndsWithTheIndex) {
   EXPECT_STATUS(LSCOREDB_ROLLED_BACK, lorv_iterator_next(walk.handle(), &reference));
 }
 
-TEST_F(SavepointTest, TextsStayWhereTheyAre_AndNewOnesAreReadAnew) {
+TEST_F(SavepointTest, Texts_StayValidAndNewOnesAreReadAgain) {
   LORV_STRING* const before = session_.StringRecord(first_, kName);
   Savepoint const savepoint = Set();
   session_.PutString(first_, kName, u"abc");
@@ -413,7 +413,7 @@ TEST_F(SavepointTest, TextsStayWhereTheyAre_AndNewOnesAreReadAnew) {
 
 // Values are known by where they lie, and memory of what is gone is used again: in every order of
 // scopes and savepoints a value is read as it is.
-TEST_F(SavepointTest, ReadScopesStay_AndCrossSavepointsInAnyOrder) {
+TEST_F(SavepointTest, ReadScopes_StayAndCrossSavepointsInAnyOrder) {
   auto const begin = [&] { Check("begin", lscoredb_read_scope_begin(context())); };
   auto const end = [&] { Check("end", lscoredb_read_scope_end(context())); };
   auto const write_and_read = [&](Text const& text) {
@@ -440,7 +440,7 @@ TEST_F(SavepointTest, ReadScopesStay_AndCrossSavepointsInAnyOrder) {
   EXPECT_STATUS(LSCOREDB_INVALID_ARGUMENT, lscoredb_read_scope_end(context()));
 }
 
-TEST_F(SavepointTest, LargeValuesComeBackToo) {
+TEST_F(SavepointTest, LargeValues_AreRestored) {
   Text const large(200000, u'x');
   session_.PutString(first_, kName, large);
   Restart();
@@ -459,7 +459,7 @@ TEST_F(SavepointTest, LargeValuesComeBackToo) {
 
 // ---- conflicts ---------------------------------------------------------------------------------
 
-TEST_F(SavepointTest, WhatWasTakenBack_ConflictsWithNothing) {
+TEST_F(SavepointTest, RolledBackWrites_ConflictWithNothing) {
   Session other(database_);
   other.Begin();
   other.PutLong(first_, kNumber, 1);
@@ -478,7 +478,7 @@ TEST_F(SavepointTest, WhatWasTakenBack_ConflictsWithNothing) {
   EXPECT_STATUS(0, session_.TryCommit());
 }
 
-TEST_F(SavepointTest, Require_AnotherChangesOrDeletesTheObject_IsAConflict) {
+TEST_F(SavepointTest, Require_ObjectChangedOrDeletedByAnother_IsAConflict) {
   for (bool const deletes : {true, false}) {
     Oid const target = Add(1, u"target");
     Restart();
@@ -504,7 +504,7 @@ TEST_F(SavepointTest, Require_HoldsWithoutAnyWrite) {
   EXPECT_STATUS(LSCOREDB_CONFLICT, session_.TryCommit());
 }
 
-TEST_F(SavepointTest, Require_NothingHappensToTheObject_IsNone) {
+TEST_F(SavepointTest, Require_UnchangedObject_IsNoConflict) {
   Session other(database_);
   other.Begin();
   Check("require", lscoredb_require(other.context(), first_));
@@ -516,7 +516,7 @@ TEST_F(SavepointTest, Require_NothingHappensToTheObject_IsNone) {
   EXPECT_STATUS(0, session_.TryCommit());
 }
 
-TEST_F(SavepointTest, Require_OfOwnObjects) {
+TEST_F(SavepointTest, Require_OwnObjects_Succeeds) {
   Oid const added = Add(1, u"one");
   Require(added);
   session_.PutLong(first_, kNumber, 5);
@@ -527,7 +527,7 @@ TEST_F(SavepointTest, Require_OfOwnObjects) {
   EXPECT_STATUS(0, session_.TryCommit());
 }
 
-TEST_F(SavepointTest, Require_IsTakenBack) {
+TEST_F(SavepointTest, Require_IsUndoneByARollback) {
   Session other(database_);
   other.Begin();
   other.PutLong(first_, kNumber, 2);

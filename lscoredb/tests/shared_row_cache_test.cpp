@@ -72,7 +72,7 @@ class SharedRowCacheTest : public testing::TestWithParam<std::uint64_t> {
   Oids rows_;
 };
 
-TEST_P(SharedRowCacheTest, TransactionsSeeTheirOwnStatesInAnyOrderOfReading) {
+TEST_P(SharedRowCacheTest, Transactions_SeeTheirOwnStatesInAnyOrderOfReading) {
   std::deque<Session> readers;
   for (std::int64_t value = 0; value < 8; ++value) {
     WriteAll(value);
@@ -90,7 +90,7 @@ TEST_P(SharedRowCacheTest, TransactionsSeeTheirOwnStatesInAnyOrderOfReading) {
   }
 }
 
-TEST_P(SharedRowCacheTest, ADeletedRowIsThereForOlderTransactionsOnly) {
+TEST_P(SharedRowCacheTest, DeletedRow_IsThereForOlderTransactionsOnly) {
   Session before(database_);
   before.BeginReadOnly();
   EXPECT_EQ(0, Read(before, rows_[3]));
@@ -108,7 +108,7 @@ TEST_P(SharedRowCacheTest, ADeletedRowIsThereForOlderTransactionsOnly) {
   EXPECT_FALSE(later.Exists(rows_[3]));
 }
 
-TEST_P(SharedRowCacheTest, ARefusedCommitLeavesTheRowsAsTheyAre) {
+TEST_P(SharedRowCacheTest, RefusedCommit_LeavesTheRowsAsTheyAre) {
   Session reader(database_);
   reader.BeginReadOnly();
   EXPECT_EQ(0, ReadAll(reader));
@@ -127,7 +127,7 @@ TEST_P(SharedRowCacheTest, ARefusedCommitLeavesTheRowsAsTheyAre) {
   EXPECT_EQ(0, ReadAll(reader));
 }
 
-TEST_P(SharedRowCacheTest, ARowUnderANewLayoutIsReadByIt) {
+TEST_P(SharedRowCacheTest, RowUnderANewLayout_IsReadByIt) {
   Session session(database_);
   session.Begin();
   EXPECT_EQ(0, Read(session, rows_[0]));
@@ -148,7 +148,7 @@ TEST_P(SharedRowCacheTest, ARowUnderANewLayoutIsReadByIt) {
 }
 
 // The commit itself holds all that it replaces, far more than may wait to be freed.
-TEST_P(SharedRowCacheTest, ACommitOfManyRowsThatWereRead_IsSeenWhole) {
+TEST_P(SharedRowCacheTest, CommitOfManyRowsThatWereRead_IsSeenWhole) {
   constexpr std::size_t kMany = 20000;
   Session session(database_);
   session.Begin();

@@ -298,7 +298,7 @@ class SharedRowsTest : public testing::TestWithParam<std::tuple<std::uint64_t, b
   World stayed_[2];
 };
 
-TEST_P(SharedRowsTest, RowsThatAnotherProcessReplacesAreNewForLaterTransactionsOnly) {
+TEST_P(SharedRowsTest, RowsReplacedByAnotherProcess_AreNewForLaterTransactionsOnly) {
   StayAs(kA);
   ExpectAllSeenBy(kA);
   WriteAs(kB, 0, 11);
@@ -311,7 +311,7 @@ TEST_P(SharedRowsTest, RowsThatAnotherProcessReplacesAreNewForLaterTransactionsO
   ExpectNewestSeenBy(kB);
 }
 
-TEST_P(SharedRowsTest, RowsThatAnotherProcessDeletesAreGoneForLaterTransactionsOnly) {
+TEST_P(SharedRowsTest, RowsDeletedByAnotherProcess_AreGoneForLaterTransactionsOnly) {
   StayAs(kA);
   ExpectAllSeenBy(kA);
   for (std::uint64_t row = 0; row < kRows; row += 100) DeleteAs(kB, row);
@@ -320,7 +320,7 @@ TEST_P(SharedRowsTest, RowsThatAnotherProcessDeletesAreGoneForLaterTransactionsO
   ExpectAllSeenBy(kA);
 }
 
-TEST_P(SharedRowsTest, OwnCommitsBeforeBetweenAndAfterThoseOfAnotherProcessAreAllSeen) {
+TEST_P(SharedRowsTest, OwnCommitsBeforeBetweenAndAfterForeignOnes_AreAllSeen) {
   WriteAs(kA, 0, 1);
   StayAs(kA);
   ExpectAllSeenBy(kA);
@@ -339,7 +339,7 @@ TEST_P(SharedRowsTest, OwnCommitsBeforeBetweenAndAfterThoseOfAnotherProcessAreAl
 
 // Its transaction began before, so that nothing tells of the other process's commits but the
 // numbers of the states.
-TEST_P(SharedRowsTest, AnOwnCommitRightAfterOneOfAnotherProcessMakesNoOldRowNew) {
+TEST_P(SharedRowsTest, OwnCommitRightAfterAForeignOne_MakesNoOldRowNew) {
   StayAs(kA);
   ExpectAllSeenBy(kA);
   Do(kA, {Deed::kPrepare, 1, 22});
@@ -351,7 +351,7 @@ TEST_P(SharedRowsTest, AnOwnCommitRightAfterOneOfAnotherProcessMakesNoOldRowNew)
   ExpectAllSeenBy(kA);
 }
 
-TEST_P(SharedRowsTest, RowsWhoseCommitFailedAreReadAsBefore) {
+TEST_P(SharedRowsTest, RowsOfAFailedCommit_AreReadAsBefore) {
   for (Deed const deed : {Deed::kFailAtDisk, Deed::kFailAtMap}) {
     StayAs(kA);
     ExpectAllSeenBy(kA);
@@ -367,7 +367,7 @@ TEST_P(SharedRowsTest, RowsWhoseCommitFailedAreReadAsBefore) {
 }
 
 // The other process's commit makes the state that the one that failed would have made.
-TEST_P(SharedRowsTest, AnotherProcessCommitsInThePlaceOfACommitThatFailed) {
+TEST_P(SharedRowsTest, ForeignCommitInsteadOfAFailedOne_IsSeen) {
   for (Deed const deed : {Deed::kFailAtDisk, Deed::kFailAtMap}) {
     StayAs(kA);
     ExpectAllSeenBy(kA);
@@ -382,7 +382,7 @@ TEST_P(SharedRowsTest, AnotherProcessCommitsInThePlaceOfACommitThatFailed) {
   }
 }
 
-TEST_P(SharedRowsTest, AnyOrderOfDeedsOfBothShowsEachStateAsItWas) {
+TEST_P(SharedRowsTest, AnyOrderOfDeedsOfBoth_ShowsEachStateAsItWas) {
   std::mt19937 random(20);
   auto const below = [&](std::uint64_t bound) { return random() % bound; };
   StayAs(kA);

@@ -35,7 +35,7 @@ std::uint64_t NumberIn(Snapshot const& snapshot) {
   return Load<std::uint64_t>(number.data());
 }
 
-TEST(SnapshotTest, NumberIsThatOfTheStateShown) {
+TEST(SnapshotTest, Number_IsThatOfTheStateShown) {
   std::unique_ptr<Store> const store = NewStore();
   CommitNumber(*store);
   std::atomic<int> readers = 3;

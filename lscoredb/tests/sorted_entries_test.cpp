@@ -68,13 +68,13 @@ class SortedEntriesTest : public testing::TestWithParam<bool> {
   Model model_;
 };
 
-TEST_P(SortedEntriesTest, ComeInOrderBothWays) {
+TEST_P(SortedEntriesTest, Entries_ComeInOrderBothWays) {
   EntrySorter sorter(Where(), 3, kLittle);
   Fill(sorter, 1000);
   ExpectSameAsModel(*sorter.Finish());
 }
 
-TEST_P(SortedEntriesTest, AreFoundByKey) {
+TEST_P(SortedEntriesTest, Entries_AreFoundByKey) {
   EntrySorter sorter(Where(), 3, kLittle);
   Fill(sorter, 500);
   auto const sorted = sorter.Finish();
@@ -96,11 +96,11 @@ TEST_P(SortedEntriesTest, AreFoundByKey) {
   }
 }
 
-TEST_P(SortedEntriesTest, AreNoneWhereNothingWasAdded) {
+TEST_P(SortedEntriesTest, NoEntries_GiveNone) {
   EXPECT_EQ(nullptr, EntrySorter(Where(), 3, kLittle).Finish());
 }
 
-TEST_P(SortedEntriesTest, LeaveNoFileWithAName) {
+TEST_P(SortedEntriesTest, Entries_LeaveNoFileWithAName) {
   EntrySorter sorter(Where(), 3, kLittle);
   Fill(sorter, 300);
   EXPECT_TRUE(std::filesystem::is_empty(directory_));
@@ -128,7 +128,7 @@ class NoRoom {
   rlimit before_{};
 };
 
-TEST(EntrySorterTest, NoRoomForItsFilesIsAStatus) {
+TEST(EntrySorterTest, NoRoomForItsFiles_IsAStatus) {
   std::string directory = testing::TempDir() + "/sorted-XXXXXX";
   ASSERT_NE(nullptr, mkdtemp(directory.data()));
   for (rlim_t const room : {rlim_t{0}, rlim_t{5000}, rlim_t{60000}, rlim_t{90000}}) {
@@ -145,7 +145,7 @@ TEST(EntrySorterTest, NoRoomForItsFilesIsAStatus) {
   std::filesystem::remove(directory);
 }
 
-TEST(EntrySorterTest, ADirectoryThatIsGoneIsAStatus) {
+TEST(EntrySorterTest, MissingDirectory_IsAStatus) {
   EntrySorter sorter("/nowhere/at/all", 0, kLittle);
   EXPECT_NE(LORV_STATUS_OK, Guarded([&] {
               for (int i = 0; i < 2000; ++i) sorter.Add(std::to_string(i), "value of it");

@@ -23,9 +23,9 @@ std::string ValueOf(std::uint32_t number) {
   return std::string(size, static_cast<char>('a' + number % 26));
 }
 
-class StoreWalkTest : public testing::TestWithParam<std::uint32_t> {
+class StoreScanTest : public testing::TestWithParam<std::uint32_t> {
  protected:
-  StoreWalkTest() {
+  StoreScanTest() {
     StoreOptions options;
     options.sync = false;
     store_ = OpenStore(nullptr, options);
@@ -37,13 +37,13 @@ class StoreWalkTest : public testing::TestWithParam<std::uint32_t> {
     batch->Commit();
     snapshot_ = store_->Begin();
   }
-  ~StoreWalkTest() override { store_->End(std::move(snapshot_)); }
+  ~StoreScanTest() override { store_->End(std::move(snapshot_)); }
 
   std::unique_ptr<Store> store_;
   std::unique_ptr<Snapshot> snapshot_;
 };
 
-TEST_P(StoreWalkTest, GivesEveryEntryOnceInBothDirections) {
+TEST_P(StoreScanTest, Scan_GivesEveryEntryOnceInBothDirections) {
   Cursor cursor;
   cursor.Open(*snapshot_, Tree::kOverflow);
   std::uint32_t met = 0;
@@ -60,7 +60,7 @@ TEST_P(StoreWalkTest, GivesEveryEntryOnceInBothDirections) {
 }
 
 // Turns, jumps and steps across both ends.
-TEST_P(StoreWalkTest, GoesWhereTheStoresOwnCursorGoes) {
+TEST_P(StoreScanTest, Scan_AgreesWithTheStoresOwnCursor) {
   std::unique_ptr<Batch> const batch = store_->BeginBatch();
   Cursor own;
   own.Open(*snapshot_, Tree::kOverflow);
@@ -87,7 +87,7 @@ TEST_P(StoreWalkTest, GoesWhereTheStoresOwnCursorGoes) {
   stores.Close();
 }
 
-INSTANTIATE_TEST_SUITE_P(Sizes, StoreWalkTest, testing::Values(1u, 7u, 300u, 3000u));
+INSTANTIATE_TEST_SUITE_P(Sizes, StoreScanTest, testing::Values(1u, 7u, 300u, 3000u));
 
 }  // namespace
 }  // namespace lscore

@@ -35,12 +35,12 @@ class StringTest : public KernelTest {
   Oid row_ = 0;
 };
 
-TEST_F(StringTest, TextsOfAllLengthsAreKept) {
+TEST_F(StringTest, TextsOfAllLengths_AreKept) {
   for (std::size_t const length : Sizes{0, 1, 2, 3, 31, 32, 62, 63, 600, 4096, 100000})
     for (char16_t const unit : {u'a', u'\xFF', u'\x100', u'\xFFFF'}) ExpectKept(Text(length, unit));
 }
 
-TEST_F(StringTest, EveryUnitIsKept) {
+TEST_F(StringTest, EveryUnit_IsKept) {
   Text narrow;
   for (std::uint32_t unit = 1; unit <= 0xFF; ++unit) narrow += static_cast<char16_t>(unit);
   ExpectKept(narrow);
@@ -49,19 +49,19 @@ TEST_F(StringTest, EveryUnitIsKept) {
   ExpectKept(all);
 }
 
-TEST_F(StringTest, LoneSurrogatesAreKept) {
+TEST_F(StringTest, LoneSurrogates_AreKept) {
   ExpectKept({0xD800});
   ExpectKept({u'a', 0xDFFF, 0xD800, u'b'});
 }
 
-TEST_F(StringTest, AnEmptyTextIsNotNull) {
+TEST_F(StringTest, EmptyText_IsNotNull) {
   session_.PutString(row_, kText, u"");
   Restart();
   EXPECT_EQ(session_.String(row_, kText), u"");
   EXPECT_FALSE(session_.String(row_, kOther));
 }
 
-TEST_F(StringTest, TheCallersTextMayChangeAfterTheCall) {
+TEST_F(StringTest, CallersText_MayChangeAfterTheCall) {
   Text text = u"before";
   EXPECT_STATUS(0, lorv_context_put_string(session_.context(), row_, 0, kText, text.c_str()));
   text = u"AFTER!";
@@ -69,7 +69,7 @@ TEST_F(StringTest, TheCallersTextMayChangeAfterTheCall) {
   EXPECT_EQ(session_.String(row_, kText), u"before");
 }
 
-TEST_F(StringTest, ATextHasRoomForATerminator) {
+TEST_F(StringTest, Text_HasRoomForATerminator) {
   for (std::size_t const length : Sizes{0, 1, 2, 3, 4, 7, 8, 31, 32, 600, 100000}) {
     Text const text(length, u'x');
     session_.PutString(row_, kText, text);
@@ -83,7 +83,7 @@ TEST_F(StringTest, ATextHasRoomForATerminator) {
   }
 }
 
-TEST_F(StringTest, WritingIntoAReadTextChangesNothingStored) {
+TEST_F(StringTest, WriteIntoAReadText_ChangesNothingStored) {
   session_.PutString(row_, kText, u"stored");
   for (int round = 0; round < 2; ++round) {
     LORV_STRING* const record = session_.StringRecord(row_, kText);
@@ -94,7 +94,7 @@ TEST_F(StringTest, WritingIntoAReadTextChangesNothingStored) {
   }
 }
 
-TEST_F(StringTest, ATextMayBeReadTwice) {
+TEST_F(StringTest, Text_MayBeReadTwice) {
   session_.PutString(row_, kText, u"twice");
   Restart();
   char16_t const* const first = Terminate(session_.StringRecord(row_, kText));
@@ -103,7 +103,7 @@ TEST_F(StringTest, ATextMayBeReadTwice) {
   EXPECT_EQ(Text(second), u"twice");
 }
 
-TEST_F(StringTest, TextsStayValidUntilTheTransactionEndsWhateverBecomesOfTheRow) {
+TEST_F(StringTest, Texts_StayValidUntilTheTransactionEndsWhateverBecomesOfTheRow) {
   Oids rows;
   for (int i = 0; i < 500; ++i) {
     rows.push_back(session_.Insert(layout_));
@@ -120,7 +120,7 @@ TEST_F(StringTest, TextsStayValidUntilTheTransactionEndsWhateverBecomesOfTheRow)
   for (std::size_t i = 0; i < texts.size(); ++i) EXPECT_EQ(Text(texts[i]), Text(i, u'a'));
 }
 
-TEST_F(StringTest, PendingTextsStayValidThroughLaterWrites) {
+TEST_F(StringTest, PendingTexts_StayValidThroughLaterWrites) {
   session_.PutString(row_, kText, u"first");
   char16_t const* const first = Terminate(session_.StringRecord(row_, kText));
   session_.PutString(row_, kText, u"second");
@@ -130,7 +130,7 @@ TEST_F(StringTest, PendingTextsStayValidThroughLaterWrites) {
   EXPECT_EQ(Text(second), u"second");
 }
 
-TEST_F(StringTest, TheSetSpecifierIsATextLikeOthers) {
+TEST_F(StringTest, SetSpecifier_IsATextLikeOthers) {
   Restart();
   LORV_STRING* record = nullptr;
   EXPECT_STATUS(0, lorv_context_get_setspec(session_.context(), row_, layout_, &record));
@@ -141,7 +141,7 @@ TEST_F(StringTest, TheSetSpecifierIsATextLikeOthers) {
   EXPECT_EQ(Text(Terminate(record)), kSet);
 }
 
-TEST_F(StringTest, AReadScopeEndsWithoutTouchingTextsReadOutsideIt) {
+TEST_F(StringTest, ReadScope_EndsWithoutTouchingTextsReadOutsideIt) {
   session_.PutString(row_, kText, u"outside");
   session_.PutString(row_, kOther, u"inside");
   Restart();
@@ -155,7 +155,7 @@ TEST_F(StringTest, AReadScopeEndsWithoutTouchingTextsReadOutsideIt) {
 
 // A text that was first read inside a scope is not that scope's for good: read again outside, it
 // has to outlive whatever later scopes do.
-TEST_F(StringTest, ATextReadAgainAfterItsScopeBelongsToTheOuterOne) {
+TEST_F(StringTest, TextReadAgainAfterItsScope_BelongsToTheOuterOne) {
   session_.PutString(row_, kText, Text(300, u'a'));
   session_.PutString(row_, kOther, Text(300, u'b'));
   Restart();
@@ -171,7 +171,7 @@ TEST_F(StringTest, ATextReadAgainAfterItsScopeBelongsToTheOuterOne) {
   EXPECT_EQ(Text(text), Text(300, u'a'));
 }
 
-TEST_F(StringTest, ReadScopesNestAndEndWithTheTransaction) {
+TEST_F(StringTest, ReadScopes_NestAndEndWithTheTransaction) {
   session_.PutString(row_, kText, u"text");
   Restart();
   EXPECT_STATUS(0, lscoredb_read_scope_begin(session_.context()));
@@ -187,7 +187,7 @@ TEST_F(StringTest, ReadScopesNestAndEndWithTheTransaction) {
       << "no scope is left open by the transaction before";
 }
 
-TEST_F(StringTest, WritesInsideAScopeOutliveIt) {
+TEST_F(StringTest, WritesInsideAScope_OutliveIt) {
   EXPECT_STATUS(0, lscoredb_read_scope_begin(session_.context()));
   session_.PutString(row_, kText, Text(700, u'w'));
   EXPECT_STATUS(0, lscoredb_read_scope_end(session_.context()));
@@ -196,7 +196,7 @@ TEST_F(StringTest, WritesInsideAScopeOutliveIt) {
   EXPECT_EQ(session_.String(row_, kText), Text(700, u'w'));
 }
 
-TEST_F(StringTest, BinariesOfAllSizesAreKept) {
+TEST_F(StringTest, BinariesOfAllSizes_AreKept) {
   for (std::size_t const size : Sizes{0, 1, 3, 4, 5, 600, 4095, 4096, 1 << 20, 20 << 20}) {
     Bytes bytes(size);
     for (std::size_t i = 0; i < size; ++i) bytes[i] = static_cast<std::uint8_t>(i * 7);
@@ -207,14 +207,14 @@ TEST_F(StringTest, BinariesOfAllSizesAreKept) {
   }
 }
 
-TEST_F(StringTest, AnEmptyBinaryIsNotNull) {
+TEST_F(StringTest, EmptyBinary_IsNotNull) {
   EXPECT_FALSE(session_.Binary(row_, kBinary));
   session_.PutBinary(row_, kBinary, {});
   Restart();
   EXPECT_EQ(session_.Binary(row_, kBinary), Bytes{});
 }
 
-TEST_F(StringTest, ABinaryIsWritableMemoryOfTheCaller) {
+TEST_F(StringTest, Binary_IsWritableMemoryOfTheCaller) {
   session_.PutBinary(row_, kBinary, {1, 2, 3});
   Restart();
   LORV_BINARY* const record = session_.BinaryRecord(row_, kBinary);
@@ -223,14 +223,14 @@ TEST_F(StringTest, ABinaryIsWritableMemoryOfTheCaller) {
   EXPECT_EQ(session_.Binary(row_, kBinary), (Bytes{1, 2, 3}));
 }
 
-TEST_F(StringTest, ABinaryOfFourGibibytesIsRefusedBeforeItIsRead) {
+TEST_F(StringTest, BinaryOfFourGibibytes_IsRefusedBeforeItIsRead) {
   session_.PutBinary(row_, kBinary, {1});
   EXPECT_STATUS(LSCOREDB_TOO_LARGE, lorv_context_put_binary(session_.context(), row_, 0, kBinary,
                                                             "", std::uint64_t{1} << 32));
   EXPECT_EQ(session_.Binary(row_, kBinary), Bytes{1});
 }
 
-TEST_F(StringTest, ABinaryWithASizeAndNoDataIsRefused) {
+TEST_F(StringTest, BinaryWithASizeAndNoData_IsRefused) {
   EXPECT_STATUS(LSCOREDB_NULL_ARGUMENT,
                 lorv_context_put_binary(session_.context(), row_, 0, kBinary, nullptr, 3));
 }

@@ -57,7 +57,7 @@ class HugeText {
   char* begin_ = nullptr;
 };
 
-TEST(TextLimitTest, ATextOfTooManyUnitsIsRefusedAndChangesNothing) {
+TEST(TextLimitTest, TextOfTooManyUnits_IsRefusedAndChangesNothing) {
   Database database;
   Session session(database);
   session.Begin();

@@ -226,7 +226,7 @@ class TransactionModelTest : public testing::TestWithParam<unsigned> {
   IndexId index_ = 0;
 };
 
-TEST_P(TransactionModelTest, EachTransactionSeesItsSnapshotAndItsOwnWrites) {
+TEST_P(TransactionModelTest, Transaction_SeesItsSnapshotAndItsOwnWrites) {
   for (int i = 0; i < 900 && !HasFailure(); ++i) {
     SCOPED_TRACE(i);
     Actor& actor = *actors_[static_cast<std::size_t>(Random(kActors))];

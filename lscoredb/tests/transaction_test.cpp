@@ -36,7 +36,7 @@ class TransactionTest : public KernelTest {
   Oid account_ = 0;
 };
 
-TEST_F(TransactionTest, ContextsCarryOneTransactionAtATime) {
+TEST_F(TransactionTest, Context_CarriesOneTransactionAtATime) {
   EXPECT_STATUS(LSCOREDB_NO_TRANSACTION, lscoredb_commit(session_.context()));
   EXPECT_STATUS(LSCOREDB_NO_TRANSACTION, lscoredb_rollback(session_.context()));
   session_.Begin();
@@ -47,7 +47,7 @@ TEST_F(TransactionTest, ContextsCarryOneTransactionAtATime) {
   EXPECT_STATUS(LSCOREDB_NO_TRANSACTION, lscoredb_commit(session_.context()));
 }
 
-TEST_F(TransactionTest, OwnWritesAreSeenAtOnceAndOthersOnlyAfterCommit) {
+TEST_F(TransactionTest, OwnWrites_AreSeenAtOnceAndOthersOnlyAfterCommit) {
   BeginBoth();
   session_.PutLong(account_, kBalance, 7);
   Oid const added = NewAccount(session_, 8);
@@ -58,7 +58,7 @@ TEST_F(TransactionTest, OwnWritesAreSeenAtOnceAndOthersOnlyAfterCommit) {
   EXPECT_EQ(other_.Walk(by_balance_), Oids{account_});
 }
 
-TEST_F(TransactionTest, ATransactionReadsTheDatabaseAsItWasAtItsBegin) {
+TEST_F(TransactionTest, Transaction_ReadsTheDatabaseAsItWasAtItsBegin) {
   BeginBoth();
   session_.PutLong(account_, kBalance, 7);
   Oid const added = NewAccount(session_, 8);
@@ -73,7 +73,7 @@ TEST_F(TransactionTest, ATransactionReadsTheDatabaseAsItWasAtItsBegin) {
   EXPECT_EQ(other_.Walk(by_balance_), (Oids{account_, added}));
 }
 
-TEST_F(TransactionTest, ADeletedRowStaysInOlderSnapshots) {
+TEST_F(TransactionTest, DeletedRow_StaysInOlderSnapshots) {
   BeginBoth();
   session_.Delete(account_);
   session_.Commit();
@@ -85,7 +85,7 @@ TEST_F(TransactionTest, ADeletedRowStaysInOlderSnapshots) {
   EXPECT_EQ(other_.Walk(by_balance_), Oids{});
 }
 
-TEST_F(TransactionTest, ASnapshotOutlivesManyLaterCommits) {
+TEST_F(TransactionTest, Snapshot_OutlivesManyLaterCommits) {
   other_.BeginReadOnly();
   for (int i = 0; i < 100; ++i) {
     session_.Begin();
@@ -97,7 +97,7 @@ TEST_F(TransactionTest, ASnapshotOutlivesManyLaterCommits) {
   EXPECT_EQ(other_.Walk(by_balance_), Oids{account_});
 }
 
-TEST_F(TransactionTest, LayoutsAndIndexesAreInvisibleUntilCommitAndToOlderSnapshots) {
+TEST_F(TransactionTest, LayoutsAndIndexes_AreInvisibleUntilCommitAndToOlderSnapshots) {
   BeginBoth();
   LayoutId const layout = session_.CreateLayout(51, {{LORV_TYPE_LONG, 101}});
   IndexId const index = session_.CreateIndex(61, kSet, {{LORV_TYPE_LONG, kBalanceToken}});
@@ -120,7 +120,7 @@ TEST_F(TransactionTest, LayoutsAndIndexesAreInvisibleUntilCommitAndToOlderSnapsh
   EXPECT_EQ(other_.IndexesByToken(61), std::vector<IndexId>{index});
 }
 
-TEST_F(TransactionTest, OfTwoWritersOfOneRowTheSecondToCommitFailsAndLeavesNothing) {
+TEST_F(TransactionTest, TwoWritersOfOneRow_SecondCommitFailsAndLeavesNothing) {
   BeginBoth();
   session_.PutLong(account_, kBalance, 1);
   other_.PutLong(account_, kBalance, 2);
@@ -139,7 +139,7 @@ TEST_F(TransactionTest, OfTwoWritersOfOneRowTheSecondToCommitFailsAndLeavesNothi
                 lorvi_context_get_layout_info(other_.context(), layout, &info));
 }
 
-TEST_F(TransactionTest, TheOrderOfCommitsDecidesAndNotThatOfTheWrites) {
+TEST_F(TransactionTest, OrderOfCommits_DecidesAndNotThatOfTheWrites) {
   BeginBoth();
   session_.PutLong(account_, kBalance, 1);
   other_.PutLong(account_, kBalance, 2);
@@ -149,7 +149,7 @@ TEST_F(TransactionTest, TheOrderOfCommitsDecidesAndNotThatOfTheWrites) {
   EXPECT_EQ(session_.Long(account_, kBalance), 2);
 }
 
-TEST_F(TransactionTest, DeletesConflictWithWritesAndWithDeletes) {
+TEST_F(TransactionTest, Deletes_ConflictWithWritesAndWithDeletes) {
   using Change = std::function<void(Session&, Oid)>;
   Change const write = [](Session& s, Oid oid) { s.PutLong(oid, kBalance, 5); };
   Change const erase = [](Session& s, Oid oid) { s.Delete(oid); };
@@ -167,7 +167,7 @@ TEST_F(TransactionTest, DeletesConflictWithWritesAndWithDeletes) {
   }
 }
 
-TEST_F(TransactionTest, WritersOfDifferentRowsBothCommit) {
+TEST_F(TransactionTest, WritersOfDifferentRows_BothCommit) {
   session_.Begin();
   Oid const second = NewAccount(session_, 200);
   session_.Commit();
@@ -193,7 +193,7 @@ TEST_F(TransactionTest, ReadingARowThatAnotherChanges_IsNoConflict) {
   other_.Commit();
 }
 
-TEST_F(TransactionTest, RollbackTakesBackRowsLayoutsAndIndexes) {
+TEST_F(TransactionTest, Rollback_UndoesRowsLayoutsAndIndexes) {
   session_.Begin();
   session_.PutLong(account_, kBalance, 1);
   Oid const added = NewAccount(session_, 2);
@@ -210,7 +210,7 @@ TEST_F(TransactionTest, RollbackTakesBackRowsLayoutsAndIndexes) {
   EXPECT_EQ(session_.Walk(by_balance_), Oids{account_});
 }
 
-TEST_F(TransactionTest, RollbackTakesBackADelete) {
+TEST_F(TransactionTest, Rollback_UndoesADelete) {
   session_.Begin();
   session_.Delete(account_);
   session_.Rollback();
@@ -219,7 +219,7 @@ TEST_F(TransactionTest, RollbackTakesBackADelete) {
   EXPECT_EQ(session_.Walk(by_balance_), Oids{account_});
 }
 
-TEST_F(TransactionTest, NumbersOfARolledBackTransactionAreNotHandedOutAgain) {
+TEST_F(TransactionTest, NumbersOfARolledBackTransaction_AreNotReused) {
   session_.Begin();
   Oid const oid = NewAccount(session_, 1);
   LayoutId const layout = session_.CreateLayout(51, {});
@@ -233,7 +233,7 @@ TEST_F(TransactionTest, NumbersOfARolledBackTransactionAreNotHandedOutAgain) {
   }
 }
 
-TEST_F(TransactionTest, NumbersOfAFailedCommitAreNotHandedOutAgain) {
+TEST_F(TransactionTest, NumbersOfAFailedCommit_AreNotReused) {
   BeginBoth();
   session_.PutLong(account_, kBalance, 1);
   other_.PutLong(account_, kBalance, 2);
@@ -250,14 +250,14 @@ TEST_F(TransactionTest, NumbersOfAFailedCommitAreNotHandedOutAgain) {
   EXPECT_NE(other_.CreateLayout(51, {}), layout);
 }
 
-TEST_F(TransactionTest, TwoTransactionsNeverGetOneNumber) {
+TEST_F(TransactionTest, TwoTransactions_NeverGetOneNumber) {
   BeginBoth();
   EXPECT_NE(session_.CreateLayout(51, {}), other_.CreateLayout(51, {}));
   EXPECT_NE(NewAccount(session_, 1), NewAccount(other_, 1));
   EXPECT_NE(session_.CreateIndex(61, kSet, {}), other_.CreateIndex(62, u"elsewhere/", {}));
 }
 
-TEST_F(TransactionTest, OneGivenIdInTwoTransactions_IsCommittedOnce) {
+TEST_F(TransactionTest, IdChosenByTwoTransactions_IsCommittedOnce) {
   Oid const given = account_ + 100000;
   BeginBoth();
   session_.InsertWithId(layout_, given);
@@ -271,7 +271,7 @@ TEST_F(TransactionTest, OneGivenIdInTwoTransactions_IsCommittedOnce) {
   }
 }
 
-TEST_F(TransactionTest, ClosingAContextRollsBack) {
+TEST_F(TransactionTest, ClosedContext_RollsBack) {
   other_.Begin();
   other_.PutLong(account_, kBalance, 1);
   other_.Close();
@@ -279,7 +279,7 @@ TEST_F(TransactionTest, ClosingAContextRollsBack) {
   EXPECT_EQ(session_.Long(account_, kBalance), 100);
 }
 
-TEST_F(TransactionTest, AReadOnlyTransactionReadsAndCommits) {
+TEST_F(TransactionTest, ReadOnlyTransaction_ReadsAndCommits) {
   session_.BeginReadOnly();
   EXPECT_EQ(session_.Long(account_, kBalance), 100);
   EXPECT_EQ(session_.Walk(by_balance_), Oids{account_});
@@ -289,7 +289,7 @@ TEST_F(TransactionTest, AReadOnlyTransactionReadsAndCommits) {
   session_.Commit();
 }
 
-TEST_F(TransactionTest, ARowInsertedAndDeletedInOneTransaction_LeavesNoTrace) {
+TEST_F(TransactionTest, RowInsertedAndDeletedInOneTransaction_LeavesNoTrace) {
   session_.Begin();
   Oid const oid = NewAccount(session_, 1);
   session_.Delete(oid);
@@ -299,7 +299,7 @@ TEST_F(TransactionTest, ARowInsertedAndDeletedInOneTransaction_LeavesNoTrace) {
   EXPECT_EQ(session_.Walk(by_balance_), Oids{account_});
 }
 
-TEST_F(TransactionTest, AnIndexDroppedMeanwhile_StillServesOlderSnapshots) {
+TEST_F(TransactionTest, IndexDroppedMeanwhile_StillServesOlderSnapshots) {
   BeginBoth();
   session_.DropIndex(by_balance_);
   session_.Commit();
@@ -311,7 +311,7 @@ TEST_F(TransactionTest, AnIndexDroppedMeanwhile_StillServesOlderSnapshots) {
   EXPECT_TRUE(other_.IndexesByToken(kByBalanceToken).empty());
 }
 
-TEST_F(TransactionTest, TwoDatabasesInMemoryShareNothing) {
+TEST_F(TransactionTest, TwoDatabasesInMemory_ShareNothing) {
   Database second;
   Session elsewhere(second);
   elsewhere.Begin();

@@ -61,7 +61,7 @@ class UniqueTest : public KernelTest {
   IndexId unique_ = 0;
 };
 
-TEST_F(UniqueTest, ADuplicateOfACommittedRowIsRefusedByTheWrite) {
+TEST_F(UniqueTest, DuplicateOfACommittedRow_IsRefusedByTheWrite) {
   Oid const first = Row(1);
   Restart();
   Oid const second = Row(2);
@@ -71,7 +71,7 @@ TEST_F(UniqueTest, ADuplicateOfACommittedRowIsRefusedByTheWrite) {
   session_.Commit();
 }
 
-TEST_F(UniqueTest, ADuplicateOfAPendingRowIsRefusedByTheWrite) {
+TEST_F(UniqueTest, DuplicateOfAPendingRow_IsRefusedByTheWrite) {
   Oid const first = Row(1);
   Oid const second = session_.Insert(layout_);
   session_.PutString(second, kName, u"kept");
@@ -82,7 +82,7 @@ TEST_F(UniqueTest, ADuplicateOfAPendingRowIsRefusedByTheWrite) {
   session_.Commit();
 }
 
-TEST_F(UniqueTest, ARefusedWriteDoesNotMoveTheRowToItsNewLayout) {
+TEST_F(UniqueTest, RefusedWrite_DoesNotMoveTheRowToItsNewLayout) {
   Row(1);
   Oid const second = Row(2);
   Restart();
@@ -93,7 +93,7 @@ TEST_F(UniqueTest, ARefusedWriteDoesNotMoveTheRowToItsNewLayout) {
   EXPECT_EQ(session_.Long(second, kNumber), 2);
 }
 
-TEST_F(UniqueTest, ARowMayBeWrittenItsOwnValueAgain) {
+TEST_F(UniqueTest, Row_MayBeWrittenItsOwnValueAgain) {
   Oid const row = Row(1);
   EXPECT_STATUS(0, TryPut(row, 1));
   Restart();
@@ -102,7 +102,7 @@ TEST_F(UniqueTest, ARowMayBeWrittenItsOwnValueAgain) {
   EXPECT_EQ(At(1), Oids{row});
 }
 
-TEST_F(UniqueTest, NullCollidesWithNothing) {
+TEST_F(UniqueTest, Null_CollidesWithNothing) {
   Oids rows;
   for (int i = 0; i < 3; ++i) rows.push_back(session_.Insert(layout_));
   session_.PutDefault(rows[0], kNumber);
@@ -110,14 +110,14 @@ TEST_F(UniqueTest, NullCollidesWithNothing) {
   EXPECT_EQ(session_.At(unique_, Key().Null()), rows);
 }
 
-TEST_F(UniqueTest, OneNullColumnOfSeveralIsEnoughNotToCollide) {
+TEST_F(UniqueTest, OneNullColumnOfSeveral_CollidesWithNothing) {
   session_.CreateIndex(61, kSet, {{LORV_TYPE_STRING, kNameToken}, {LORV_TYPE_LONG, 999}}, kUnique);
   session_.PutString(Row(1), kName, u"same");
   session_.PutString(Row(2), kName, u"same");
   session_.Commit();
 }
 
-TEST_F(UniqueTest, SeveralColumnsCollideOnlyTogether) {
+TEST_F(UniqueTest, SeveralColumns_CollideOnlyTogether) {
   IndexId const pair = session_.CreateIndex(
       61, u"pairs/", {{LORV_TYPE_STRING, kNameToken}, {LORV_TYPE_LONG, kNumberToken}}, kUnique);
   Oid const a = Row(1, u"pairs/");
@@ -131,7 +131,7 @@ TEST_F(UniqueTest, SeveralColumnsCollideOnlyTogether) {
   EXPECT_EQ(session_.Walk(pair), (Oids{a, b}));
 }
 
-TEST_F(UniqueTest, AnUnwrittenRequiredColumnOfANewRowCollidesWithNothingYet) {
+TEST_F(UniqueTest, UnwrittenRequiredColumnOfANewRow_CollidesWithNothingYet) {
   LayoutId const required = session_.CreateLayout(51, {{LORV_TYPE_LONG, kNumberToken, false}});
   Oid const zero = Row(0);
   Restart();
@@ -143,7 +143,7 @@ TEST_F(UniqueTest, AnUnwrittenRequiredColumnOfANewRowCollidesWithNothingYet) {
   EXPECT_EQ(session_.Walk(unique_), (Oids{zero, fresh, fresh_too}));
 }
 
-TEST_F(UniqueTest, AnUnwrittenRequiredColumnIsZeroAtTheCommit) {
+TEST_F(UniqueTest, UnwrittenRequiredColumn_IsZeroAtTheCommit) {
   LayoutId const required = session_.CreateLayout(51, {{LORV_TYPE_LONG, kNumberToken, false}});
   IndexId const strict =
       session_.CreateIndex(61, u"strict/", {{LORV_TYPE_LONG, kNumberToken, false}}, kUnique);
@@ -156,7 +156,7 @@ TEST_F(UniqueTest, AnUnwrittenRequiredColumnIsZeroAtTheCommit) {
   EXPECT_EQ(session_.Walk(strict), Oids{zero});
 }
 
-TEST_F(UniqueTest, AKeyIsFreeAgainWhenItsRowIsChangedDeletedOrMoved) {
+TEST_F(UniqueTest, Key_IsFreeAgainWhenItsRowIsChangedDeletedOrMoved) {
   Oid const a = Row(1);
   Oid const b = Row(2);
   Oid const c = Row(3);
@@ -171,7 +171,7 @@ TEST_F(UniqueTest, AKeyIsFreeAgainWhenItsRowIsChangedDeletedOrMoved) {
   EXPECT_EQ(session_.Walk(unique_), rows);
 }
 
-TEST_F(UniqueTest, TheWholeCoverageOfTheIndexIsUnique) {
+TEST_F(UniqueTest, WholeCoverageOfTheIndex_IsUnique) {
   Row(1);
   Oid const child = Row(2, u"set/child/");
   Row(1, u"elsewhere/");
@@ -179,7 +179,7 @@ TEST_F(UniqueTest, TheWholeCoverageOfTheIndexIsUnique) {
   session_.Commit();
 }
 
-TEST_F(UniqueTest, ASetSpecifierThatWouldBringADuplicateIsRefused) {
+TEST_F(UniqueTest, SetSpecifierThatBringsADuplicate_IsRefused) {
   Row(1);
   Oid const other = Row(1, u"elsewhere/");
   Restart();
@@ -189,7 +189,7 @@ TEST_F(UniqueTest, ASetSpecifierThatWouldBringADuplicateIsRefused) {
   session_.Commit();
 }
 
-TEST_F(UniqueTest, DuplicatesMayPassWhileAWalkIsOpen) {
+TEST_F(UniqueTest, Duplicates_MayPassWhileAScanIsOpen) {
   Oids rows;
   for (int i = 0; i < 20; ++i) rows.push_back(Row(i));
   Restart();
@@ -207,7 +207,7 @@ TEST_F(UniqueTest, DuplicatesMayPassWhileAWalkIsOpen) {
   EXPECT_EQ(At(20), Oids{rows[19]});
 }
 
-TEST_F(UniqueTest, ADuplicateLeftByAWalkIsRefusedByTheCommit) {
+TEST_F(UniqueTest, DuplicateLeftByAScan_IsRefusedByTheCommit) {
   Oid const a = Row(1);
   Oid const b = Row(2);
   Restart();
@@ -219,7 +219,7 @@ TEST_F(UniqueTest, ADuplicateLeftByAWalkIsRefusedByTheCommit) {
   EXPECT_EQ(session_.Long(a, kNumber), 1);
 }
 
-TEST_F(UniqueTest, ADuplicateAmongNewRowsLeftByAWalkIsRefusedByTheCommit) {
+TEST_F(UniqueTest, DuplicateAmongNewRowsLeftByAScan_IsRefusedByTheCommit) {
   {
     Walker walker(session_, unique_);
     Row(1);
@@ -228,7 +228,7 @@ TEST_F(UniqueTest, ADuplicateAmongNewRowsLeftByAWalkIsRefusedByTheCommit) {
   ExpectCommitRefused({});
 }
 
-TEST_F(UniqueTest, ADuplicateThatTwoTransactionsMakeTogetherIsRefusedByTheSecondCommit) {
+TEST_F(UniqueTest, DuplicateMadeByTwoTransactions_IsRefusedByTheSecondCommit) {
   Session other(database_);
   other.Begin();
   other.PutLong(other.Insert(layout_), kNumber, 1);
@@ -239,7 +239,7 @@ TEST_F(UniqueTest, ADuplicateThatTwoTransactionsMakeTogetherIsRefusedByTheSecond
   EXPECT_EQ(session_.Walk(unique_), Oids{first});
 }
 
-TEST_F(UniqueTest, ARefusedCommitTellsItsKeyUntilTheNextTransaction) {
+TEST_F(UniqueTest, RefusedCommit_ReportsItsKeyUntilTheNextTransaction) {
   Session other(database_);
   other.Begin();
   Oid const second = other.Insert(layout_);
@@ -260,7 +260,7 @@ TEST_F(UniqueTest, ARefusedCommitTellsItsKeyUntilTheNextTransaction) {
   session_.Begin();
 }
 
-TEST_F(UniqueTest, ARefusedKeyFillsARecordOfAnEarlierVersionAsFarAsItGoes) {
+TEST_F(UniqueTest, RefusedKey_FillsAnOlderStructAsFarAsItGoes) {
   {
     Walker walker(session_, unique_);
     Row(3);
@@ -281,7 +281,7 @@ TEST_F(UniqueTest, ARefusedKeyFillsARecordOfAnEarlierVersionAsFarAsItGoes) {
   ExpectRefused(whole, whole.object, whole.holder, 3);
 }
 
-TEST_F(UniqueTest, AKeyTakenOverFromARowThatAnotherTransactionMovedAwayMayCommit) {
+TEST_F(UniqueTest, KeyTakenOverFromAMovedRow_MayCommit) {
   Oid const row = Row(1);
   Restart();
   session_.PutLong(row, kNumber, 2);
@@ -294,7 +294,7 @@ TEST_F(UniqueTest, AKeyTakenOverFromARowThatAnotherTransactionMovedAwayMayCommit
   EXPECT_EQ(session_.Walk(unique_).size(), 2U);
 }
 
-TEST_F(UniqueTest, AnIndexOverDuplicatesIsNotMade) {
+TEST_F(UniqueTest, IndexOverDuplicates_IsNotCreated) {
   Row(1, u"other/");
   Row(1, u"other/");
   IndexId index = 1234;
@@ -308,7 +308,7 @@ TEST_F(UniqueTest, AnIndexOverDuplicatesIsNotMade) {
   }
 }
 
-TEST_F(UniqueTest, AnIndexOverDistinctRowsIsMadeAndKeepsThemSo) {
+TEST_F(UniqueTest, IndexOverDistinctRows_IsCreatedAndKeepsThemDistinct) {
   Oid const a = Row(1, u"other/");
   Oid const b = Row(2, u"other/");
   session_.InsertBare(layout_);
@@ -320,7 +320,7 @@ TEST_F(UniqueTest, AnIndexOverDistinctRowsIsMadeAndKeepsThemSo) {
   EXPECT_EQ(session_.Walk(index), (Oids{a, b}));
 }
 
-TEST_F(UniqueTest, TextsCollideByEveryUnit) {
+TEST_F(UniqueTest, Texts_CollideByEveryUnit) {
   session_.CreateIndex(61, kSet, {{LORV_TYPE_STRING, kNameToken}}, kUnique);
   Oid const a = Row(1);
   Oid const b = Row(2);
@@ -335,7 +335,7 @@ TEST_F(UniqueTest, TextsCollideByEveryUnit) {
   session_.Commit();
 }
 
-TEST_F(UniqueTest, ADroppedUniqueIndexRefusesNothing) {
+TEST_F(UniqueTest, DroppedUniqueIndex_RefusesNothing) {
   Row(1);
   Oid const second = Row(2);
   session_.DropIndex(unique_);

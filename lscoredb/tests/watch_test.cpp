@@ -68,7 +68,7 @@ class WatchTest : public testing::Test {
   LayoutId layout_ = 0;
 };
 
-TEST_F(WatchTest, ACheckTellsItsParts) {
+TEST_F(WatchTest, Check_ReportsItsParts) {
   Observer const observer;
   EXPECT_STATUS(0, Check());
   EXPECT_TRUE(observer.rose());
@@ -76,7 +76,7 @@ TEST_F(WatchTest, ACheckTellsItsParts) {
   EXPECT_GT(observer.last(), 900u);
 }
 
-TEST_F(WatchTest, ACheckIsStoppedInEachOfItsParts) {
+TEST_F(WatchTest, Check_IsStoppedInEachOfItsParts) {
   Observer counting;
   EXPECT_STATUS(0, Check());
   for (int stop = 1; stop <= counting.told(); stop += 3) {
@@ -88,7 +88,7 @@ TEST_F(WatchTest, ACheckIsStoppedInEachOfItsParts) {
 }
 
 // Enough objects for several threads, all of which stop.
-TEST_F(WatchTest, ACheckIsStoppedAmongItsObjects) {
+TEST_F(WatchTest, Check_IsStoppedAmongItsObjects) {
   session_.Begin();
   for (int i = 0; i < 8; ++i) AddRows();
   session_.Commit();
@@ -102,7 +102,7 @@ TEST_F(WatchTest, ACheckIsStoppedAmongItsObjects) {
   EXPECT_STATUS(0, Check());
 }
 
-TEST_F(WatchTest, ACopyIsToldAndStopped) {
+TEST_F(WatchTest, Copy_IsReportedAndStopped) {
   {
     Observer const observer;
     EXPECT_STATUS(0, Copy("whole"));
@@ -114,7 +114,7 @@ TEST_F(WatchTest, ACopyIsToldAndStopped) {
   EXPECT_STATUS(LSCOREDB_STOPPED, Copy("part"));
 }
 
-TEST_F(WatchTest, AnIndexThatWasStopped_IsNotThereAndTheTransactionGoesOn) {
+TEST_F(WatchTest, IndexThatWasStopped_IsNotThereAndTheTransactionGoesOn) {
   session_.Begin();
   Oid const before = session_.Insert(layout_);
   {
@@ -131,7 +131,7 @@ TEST_F(WatchTest, AnIndexThatWasStopped_IsNotThereAndTheTransactionGoesOn) {
   EXPECT_EQ(kRows + 1u, session_.Walk(session_.IndexesByToken(62).at(0)).size());
 }
 
-TEST_F(WatchTest, AWatchIsItsThreadsAlone) {
+TEST_F(WatchTest, Watch_BelongsToItsThread) {
   Observer const observer(1);
   InParallel(1, [this](int) { EXPECT_STATUS(0, Check()); });
   EXPECT_EQ(0, observer.told());

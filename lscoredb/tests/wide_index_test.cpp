@@ -39,7 +39,7 @@ class WideIndexTest : public KernelTest {
   LayoutId layout_ = 0;
 };
 
-TEST_F(WideIndexTest, EveryColumnDecides) {
+TEST_F(WideIndexTest, EveryColumn_Decides) {
   IndexId const index = session_.CreateIndex(60, kSet, LongColumns(kWidth));
   for (std::uint32_t const column : {0u, 15u, 16u, 17u, 31u, 32u, 63u, 64u, kWidth - 1}) {
     Oid const high = RowWith(column, 5);
@@ -54,7 +54,7 @@ TEST_F(WideIndexTest, EveryColumnDecides) {
   }
 }
 
-TEST_F(WideIndexTest, ColumnsPastTheMaskAscend) {
+TEST_F(WideIndexTest, ColumnsPastTheMask_Ascend) {
   IndexId const index =
       session_.CreateIndex(60, kSet, LongColumns(kWidth), {.unique = true, .descending = 0xFFFF});
   Oid const low_in_mask = RowWith(15, -5);
@@ -65,7 +65,7 @@ TEST_F(WideIndexTest, ColumnsPastTheMaskAscend) {
   EXPECT_EQ(session_.Walk(index), (Oids{high_in_mask, low_past_mask, high_past_mask, low_in_mask}));
 }
 
-TEST_F(WideIndexTest, BoundsMayNameMoreColumnsThanTheMaskHas) {
+TEST_F(WideIndexTest, Bounds_MayNameMoreColumnsThanTheMaskHas) {
   IndexId const index = session_.CreateIndex(60, kSet, LongColumns(kWidth));
   Oid const wanted = RowWith(19, 7);
   RowWith(19, 8);
@@ -78,7 +78,7 @@ TEST_F(WideIndexTest, BoundsMayNameMoreColumnsThanTheMaskHas) {
   }
 }
 
-TEST(WideIndexFileTest, MovesTheFileToTheFormatThatHasIt) {
+TEST(WideIndexFileTest, WideIndex_UpgradesTheFormatOfTheFile) {
   TemporaryDirectory const directory;
   TemporaryDirectory const copy;
   auto const create = [&](std::uint32_t width) {

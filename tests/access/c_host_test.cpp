@@ -7,9 +7,9 @@
 
 namespace {
 
-TEST(CHost, AsksForTheVersionWithoutADatabase) { EXPECT_EQ(9u, c_host_version()); }
+TEST(CHostTest, Version_IsKnownWithoutADatabase) { EXPECT_EQ(9u, c_host_version()); }
 
-TEST(CHost, GetsAStatusAndAText) {
+TEST(CHostTest, Failure_GivesAStatusAndAText) {
   constexpr unsigned long kContext = 4711;
   char16_t text[64];
   EXPECT_EQ(SAGLEME_BAD_ARGUMENT, c_host_create_table_without_name(kContext));
@@ -17,6 +17,6 @@ TEST(CHost, GetsAStatusAndAText) {
   EXPECT_EQ(u"Argument name is null.", std::u16string(text));
 }
 
-TEST(CHost, MayFreeANullContinuation) { c_host_frees_nothing(); }
+TEST(CHostTest, NullContinuation_MayBeFreed) { c_host_frees_nothing(); }
 
 }  // namespace

@@ -21,7 +21,7 @@ constexpr unsigned long kTokenOfTypeId = 4;
 constexpr unsigned long kTokenOfViews = 8;
 
 // The kernel gives a root its identity and its set specifier itself.
-TEST(RootCalls, Layout_IsMadeWithTheHiddenTypeIdAlone) {
+TEST(RootCallsTest, Layout_IsMadeWithTheHiddenTypeIdAlone) {
   recording_kernel::Reset();
   sagleme_test::Database database;
   recording_kernel::Record();
@@ -35,7 +35,7 @@ TEST(RootCalls, Layout_IsMadeWithTheHiddenTypeIdAlone) {
   EXPECT_EQ(kTokenOfTypeId, made[0].columns[0].token);
 }
 
-class DescriptorCalls : public sagleme_test::DatabaseTest {
+class DescriptorCallsTest : public sagleme_test::DatabaseTest {
  protected:
   void SetUp() override {
     recording_kernel::Reset();
@@ -75,14 +75,14 @@ class DescriptorCalls : public sagleme_test::DatabaseTest {
   std::optional<MetaschemaInit> metaschema_;
 };
 
-TEST_F(DescriptorCalls, Layout_IsTheOneOfTheToken) {
+TEST_F(DescriptorCallsTest, Layout_IsTheOneOfTheToken) {
   AnswerLayouts(1, kTokenOfViews);
   EXPECT_EQ(77, Views().get_layout());
   AnswerLayouts(0, kTokenOfViews);
   EXPECT_EQ(0, Views().get_layout());
 }
 
-using DescriptorCallsDeathTest = DescriptorCalls;
+using DescriptorCallsDeathTest = DescriptorCallsTest;
 
 TEST_F(DescriptorCallsDeathTest, SeveralLayoutsWhereOneWasAskedFor_EndTheProcess) {
   AnswerLayouts(2, kTokenOfViews);
@@ -110,14 +110,14 @@ TEST_F(DescriptorCallsDeathTest, ColumnWithoutToken_EndsTheProcessEvenIfTheKerne
   EXPECT_EXIT(column.verify(9), kTrap, "");
 }
 
-TEST_F(DescriptorCalls, LayoutThatIsRefused_IsTheKernelsFailure) {
+TEST_F(DescriptorCallsTest, LayoutThatIsRefused_IsTheKernelsFailure) {
   recording_kernel::FailNthOf("lorvi_context_get_layout_infos_by_token", 1, LSCOREDB_IO_ERROR);
   EXPECT_EQ(LSCOREDB_IO_ERROR, CodeOf([] { Views().get_layout(); }));
   recording_kernel::FailNthOf("lorvi_context_get_layout_infos_by_token", 1, LSCOREDB_IO_ERROR);
   EXPECT_EQ(LSCOREDB_IO_ERROR, CodeOf([] { Views().verify(); }));
 }
 
-TEST_F(DescriptorCalls, IndexThatIsRefused_IsTheKernelsFailure) {
+TEST_F(DescriptorCallsTest, IndexThatIsRefused_IsTheKernelsFailure) {
   for (char const* const function :
        {"lorvi_context_get_index_infos_by_token", "lorvi_context_get_index_setspec"}) {
     INDEX_INFO& index = Views().indexes[0];
@@ -130,7 +130,7 @@ TEST_F(DescriptorCalls, IndexThatIsRefused_IsTheKernelsFailure) {
 }
 
 // Only what is missing is passed over.
-TEST_F(DescriptorCalls, ReadyingClasses_PassesOverWhatIsMissingAlone) {
+TEST_F(DescriptorCallsTest, ReadyingClasses_SkipsOnlyWhatIsMissing) {
   for (unsigned int const missing : {SAGLEME_LAYOUT_NOT_FOUND, unsigned{LORV_STATUS_NO_INDEX}}) {
     recording_kernel::FailNthOf("lorvi_context_get_index_infos_by_token", 1, missing);
     EXPECT_EQ(0u, CodeOf([] { PrepareGeneratedMetaClassesForReading(); })) << missing;

@@ -97,7 +97,7 @@ TEST_F(KeysTest, SignedInteger_HasItsTopBitFlipped) {
             Written([](Key& key) { key.Long(std::numeric_limits<long>::min()); }));
 }
 
-TEST_F(KeysTest, SmallNumbers_WidenAsWhatTheyAre) {
+TEST_F(KeysTest, SmallNumbers_WidenByTheirSign) {
   EXPECT_EQ("28 00 00 00 00 00 00 FF FE C0 00 00 00 00 00 00",
             Written([](Key& key) { key.ULong(static_cast<unsigned short>(0xFFFE)); }));
   EXPECT_EQ("28 7F FF FF FF FF FF FF FE C0 00 00 00 00 00 00",
@@ -196,7 +196,7 @@ TEST_F(KeysTest, HeaderWithoutAnEnd_IsAnEmptyText) {
   EXPECT_EQ((Bytes{0x20, 0x80}), TextField({}));
 }
 
-TEST_F(KeysTest, LongText_IsConvertedAgainIntoARoomierPlace) {
+TEST_F(KeysTest, LongText_IsConvertedAgainIntoALargerBuffer) {
   Bytes const payload = Payload(200);
   std::vector<uint32_t> rooms;
   recording_kernel::Answer<&lorv_convert_ucs2_to_turbotext>(
@@ -316,7 +316,7 @@ TEST_F(KeysTest, FailureWhileAKeyIsOpen_LeavesTheKeyFinished) {
   EXPECT_EQ("60 C0 00 00 00 00 00 00", Hex(KeyBytes(buffer)));
 }
 
-TEST_F(KeysTest, HeaderThatTellsOfMoreThanThereIs_IsRefused) {
+TEST_F(KeysTest, HeaderThatClaimsTooMuch_IsRefused) {
   alignas(8) unsigned char buffer[1024];
   ConvertTo({0x90, 0x01});  // 16 spare bits in one byte
   EXPECT_EQ(SAGLEME_NAME_TOO_LONG, CodeOf([&] { Key(buffer).Text(u"x"); }));

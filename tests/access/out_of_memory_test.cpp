@@ -24,7 +24,7 @@ __attribute__((visibility("default"))) void* operator new[](std::size_t size,
 
 namespace {
 
-TEST(KeysWithoutMemory, LongText_IsRefusedAsOutOfMemory) {
+TEST(KeysWithoutMemoryTest, LongText_IsRefusedAsOutOfMemory) {
   recording_kernel::Reset();
   std::u16string const name(300, u'n');
   alignas(8) unsigned char buffer[1024];
@@ -39,7 +39,7 @@ TEST(KeysWithoutMemory, LongText_IsRefusedAsOutOfMemory) {
   EXPECT_EQ(SAGLEME_NO_MEMORY, code);
 }
 
-TEST(KeysWithoutMemory, CallWithALongName_IsRefusedAsOutOfMemory) {
+TEST(KeysWithoutMemoryTest, CallWithALongName_IsRefusedAsOutOfMemory) {
   recording_kernel::Reset();
   std::u16string const name(300, u'n');
   uint64_t token = 77;
@@ -52,7 +52,7 @@ TEST(KeysWithoutMemory, CallWithALongName_IsRefusedAsOutOfMemory) {
   EXPECT_TRUE(recording_kernel::Names().empty());
 }
 
-TEST(KeysWithoutMemory, ShortText_NeedsNone) {
+TEST(KeysWithoutMemoryTest, ShortText_NeedsNone) {
   recording_kernel::Reset();
   alignas(8) unsigned char buffer[1024];
   no_memory = true;
@@ -62,7 +62,7 @@ TEST(KeysWithoutMemory, ShortText_NeedsNone) {
 }
 
 // A table whose set specifier has a text that takes memory as a key.
-class LongSpecifierWithoutMemory : public sagleme_test::CatalogueTest {
+class LongSpecifierWithoutMemoryTest : public sagleme_test::CatalogueTest {
  protected:
   static constexpr std::size_t kLength = 300;
 
@@ -86,7 +86,7 @@ class LongSpecifierWithoutMemory : public sagleme_test::CatalogueTest {
 };
 
 // The request is what needs the text: the table stands, and the rest is the transaction's to undo.
-TEST_F(LongSpecifierWithoutMemory, DroppingTheTable_StopsAtTheRequest) {
+TEST_F(LongSpecifierWithoutMemoryTest, DroppingTheTable_StopsAtTheRequest) {
   ExpectRefused(SAGLEME_NO_MEMORY, u"", WithoutMemory([this] { return Drop(); }));
   EXPECT_EQ(0, recording_kernel::OpenIterators());
   EXPECT_EQ(0, sagleme_test::CountRequests());
@@ -96,7 +96,7 @@ TEST_F(LongSpecifierWithoutMemory, DroppingTheTable_StopsAtTheRequest) {
   EXPECT_TRUE(sagleme_test::View(u"T").is_null());
 }
 
-TEST_F(LongSpecifierWithoutMemory, DroppingInACascade_LeavesAllAsItWas) {
+TEST_F(LongSpecifierWithoutMemoryTest, DroppingInACascade_LeavesAllAsItWas) {
   ExpectRefusedUntouched(SAGLEME_NO_MEMORY, u"",
                          [this] { return WithoutMemory([this] { return Cascade(); }); });
   EXPECT_EQ(0, recording_kernel::OpenIterators());

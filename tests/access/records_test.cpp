@@ -72,7 +72,7 @@ LORV_STRING* KernelText(char16_t const* text) {
   return record;
 }
 
-TEST_F(RecordsTest, GetString_EndsTheTextInPlace) {
+TEST_F(RecordsTest, GetString_TerminatesTheTextInPlace) {
   LORV_STRING* const record = KernelText(u"name");
   Answer<&lorv_context_get_string>(
       [record](uint64_t, uint64_t, uint64_t, uint32_t, LORV_STRING** out) {
@@ -96,14 +96,14 @@ TEST_F(RecordsTest, GetString_AsksInTheThreadsContext) {
   EXPECT_EQ((std::vector<uint64_t>{kContext, 1, 2, 3}), recording_kernel::Calls().at(0).numbers);
 }
 
-TEST_F(RecordsTest, GetString_OfNull_IsANullPointer) {
+TEST_F(RecordsTest, GetString_Null_IsANullPointer) {
   Answer<&lorv_context_get_string>(
       [](uint64_t, uint64_t, uint64_t, uint32_t, LORV_STRING**) { return LORV_STATUS_NULL; });
   EXPECT_EQ(nullptr, db_record(LS_OBJ_REF{1, 2}).get_string(3));
   EXPECT_EQ(u"", metalayer::GetText({1, 2}, 3));
 }
 
-TEST_F(RecordsTest, GetString_ThatFails_ThrowsTheKernelsCode) {
+TEST_F(RecordsTest, GetString_Failure_ThrowsTheKernelsCode) {
   Answer<&lorv_context_get_string>(
       [](uint64_t, uint64_t, uint64_t, uint32_t, LORV_STRING**) { return LORV_STATUS_NO_OBJECT; });
   EXPECT_EQ(LORV_STATUS_NO_OBJECT, CodeOf([] { db_record(LS_OBJ_REF{1, 2}).get_string(3); }));
@@ -120,7 +120,7 @@ TEST_F(RecordsTest, GetRef_FoldsPositionAndLayout) {
   EXPECT_EQ(0xABCDEF012345FEDCu, reference.addr);
 }
 
-TEST_F(RecordsTest, GetRef_OfNull_IsTheNullReference) {
+TEST_F(RecordsTest, GetRef_Null_IsTheNullReference) {
   Answer<&lorv_context_get_reference>(
       [](uint64_t, uint64_t, uint64_t, uint32_t, LORV_REFERENCE* out) {
         out->oid = 5;
@@ -131,7 +131,7 @@ TEST_F(RecordsTest, GetRef_OfNull_IsTheNullReference) {
   EXPECT_EQ(0u, reference.addr);
 }
 
-TEST_F(RecordsTest, GetRef_ThatFails_ThrowsTheKernelsCode) {
+TEST_F(RecordsTest, GetRef_Failure_ThrowsTheKernelsCode) {
   Answer<&lorv_context_get_reference>([](uint64_t, uint64_t, uint64_t, uint32_t, LORV_REFERENCE*) {
     return LORV_STATUS_UNREACHABLE;
   });
@@ -196,7 +196,7 @@ TEST_F(RecordsTest, LookupThatCannotStep_ThrowsAndLeavesNothingOpen) {
 
 // ---- walks --------------------------------------------------------------------------------------
 
-TEST_F(RecordsTest, Walk_GivesEachRowAndEndsWithTheNullReference) {
+TEST_F(RecordsTest, Scan_GivesEachRowAndEndsWithTheNullReference) {
   rows_ = {{11, 0, 4}, {12, 0, 4}, {13, 0, 4}};
   db_iterator walk;
   walk.open(6, metalayer::kForward, kKey, kKey);
@@ -207,7 +207,7 @@ TEST_F(RecordsTest, Walk_GivesEachRowAndEndsWithTheNullReference) {
   EXPECT_EQ(0u, walk.current.addr);
 }
 
-TEST_F(RecordsTest, WalkThatIsLeftEarly_FreesItsIterator) {
+TEST_F(RecordsTest, ScanLeftEarly_FreesItsIterator) {
   rows_ = {{11, 0, 4}, {12, 0, 4}};
   {
     db_iterator walk;
@@ -218,7 +218,7 @@ TEST_F(RecordsTest, WalkThatIsLeftEarly_FreesItsIterator) {
   EXPECT_EQ(0, recording_kernel::OpenIterators());
 }
 
-TEST_F(RecordsTest, FailureInAWalk_FreesItsIterator) {
+TEST_F(RecordsTest, FailureInAScan_FreesItsIterator) {
   rows_ = {{11, 0, 4}};
   EXPECT_THROW(
       {

@@ -14,38 +14,38 @@ unsigned char const* Bytes(char const* text) {
 
 // ---- length, copies -----------------------------------------------------------------------------
 
-TEST(Ucs2Len, CountsUnitsBeforeTheTerminator) {
+TEST(Ucs2LenTest, Text_CountsUnitsBeforeTheTerminator) {
   EXPECT_EQ(0u, ucs2_len(u""));
   EXPECT_EQ(3u, ucs2_len(u"abc"));
   EXPECT_EQ(2u, ucs2_len(u"\xD83D\xDE00"));
 }
 
-TEST(Ucs2Memcpy, CopiesUnits) {
+TEST(Ucs2MemcpyTest, Units_AreCopied) {
   char16_t out[] = u"....";
   ucs2_memcpy(out, u"ab", 2);
   EXPECT_EQ(u"ab..", std::u16string(out));
 }
 
-TEST(Ucs2Memcpy, OverlappingRanges_BehaveAsAForwardCopy) {
+TEST(Ucs2MemcpyTest, OverlappingRanges_BehaveAsAForwardCopy) {
   char16_t text[] = u"abcd";
   ucs2_memcpy(text + 1, text, 3);
   EXPECT_EQ(u"aaaa", std::u16string(text));
 }
 
-TEST(Ucs2Scpy, CopiesTheTerminatorToo) {
+TEST(Ucs2ScpyTest, Terminator_IsCopied) {
   char16_t out[] = u"....";
   ucs2_scpy(out, u"ab");
   EXPECT_EQ(u"ab", std::u16string(out));
   EXPECT_EQ(u'.', out[3]);
 }
 
-TEST(Ucs2ScpyS, WithRoom_Copies) {
+TEST(Ucs2ScpySTest, WithRoom_Copies) {
   char16_t out[4] = u"...";
   EXPECT_EQ(0, ucs2_scpy_s(out, 4, u"abc"));
   EXPECT_EQ(u"abc", std::u16string(out));
 }
 
-TEST(Ucs2ScpyS, WithoutRoomForTheTerminator_FailsAndEmptiesTheTarget) {
+TEST(Ucs2ScpySTest, WithoutRoomForTheTerminator_FailsAndEmptiesTheTarget) {
   char16_t out[4] = u"...";
   errno = 0;
   EXPECT_EQ(34, ucs2_scpy_s(out, 3, u"abc"));
@@ -53,7 +53,7 @@ TEST(Ucs2ScpyS, WithoutRoomForTheTerminator_FailsAndEmptiesTheTarget) {
   EXPECT_EQ(u"", std::u16string(out));
 }
 
-TEST(Ucs2ScpyS, BadArguments_AreTold) {
+TEST(Ucs2ScpySTest, BadArguments_AreReported) {
   char16_t out[4] = u"...";
   errno = 0;
   EXPECT_EQ(22, ucs2_scpy_s(nullptr, 4, u"abc"));
@@ -73,13 +73,13 @@ TEST(Ucs2ScpyS, BadArguments_AreTold) {
   EXPECT_EQ(0, out[0]);
 }
 
-TEST(Ucs2StrcatS, WithRoom_Appends) {
+TEST(Ucs2StrcatSTest, WithRoom_Appends) {
   char16_t out[6] = u"ab";
   EXPECT_EQ(0, ucs2_strcat_s(out, 6, u"cde"));
   EXPECT_EQ(u"abcde", std::u16string(out));
 }
 
-TEST(Ucs2StrcatS, WithoutRoom_FailsAndEmptiesTheTarget) {
+TEST(Ucs2StrcatSTest, WithoutRoom_FailsAndEmptiesTheTarget) {
   char16_t out[6] = u"ab";
   errno = 0;
   EXPECT_EQ(34, ucs2_strcat_s(out, 5, u"cde"));
@@ -87,7 +87,7 @@ TEST(Ucs2StrcatS, WithoutRoom_FailsAndEmptiesTheTarget) {
   EXPECT_EQ(0, out[0]);
 }
 
-TEST(Ucs2StrcatS, UnterminatedTarget_IsRefusedUnchanged) {
+TEST(Ucs2StrcatSTest, UnterminatedTarget_IsRefusedUnchanged) {
   char16_t out[3] = {u'a', u'b', u'c'};
   errno = 0;
   EXPECT_EQ(22, ucs2_strcat_s(out, 3, u"d"));
@@ -95,7 +95,7 @@ TEST(Ucs2StrcatS, UnterminatedTarget_IsRefusedUnchanged) {
   EXPECT_EQ(u'a', out[0]);
 }
 
-TEST(Ucs2StrcatS, BadArguments_AreTold) {
+TEST(Ucs2StrcatSTest, BadArguments_AreReported) {
   char16_t out[4] = u"ab";
   errno = 0;
   EXPECT_EQ(22, ucs2_strcat_s(nullptr, 4, u"c"));
@@ -112,7 +112,7 @@ TEST(Ucs2StrcatS, BadArguments_AreTold) {
   EXPECT_EQ(0, out[0]);
 }
 
-TEST(AsciiToUcs2, WidensBySignExtension) {
+TEST(AsciiToUcs2Test, Bytes_WidenBySignExtension) {
   char16_t out[4];
   EXPECT_EQ(3u, ascii_to_ucs2("a\x80z", out));
   EXPECT_EQ(u"a\xFF80z", std::u16string(out));
@@ -120,7 +120,7 @@ TEST(AsciiToUcs2, WidensBySignExtension) {
   EXPECT_EQ(0, out[0]);
 }
 
-TEST(Ucs2ToAscii, SkipsWhatIsNotAscii) {
+TEST(Ucs2ToAsciiTest, UnitsOutsideAscii_AreSkipped) {
   char out[8];
   EXPECT_EQ(3u, ucs2_to_ascii(u"a\x80\x100z\x7F", out));
   EXPECT_STREQ("az\x7F", out);
@@ -128,31 +128,33 @@ TEST(Ucs2ToAscii, SkipsWhatIsNotAscii) {
 
 // ---- comparison ---------------------------------------------------------------------------------
 
-TEST(Ucs2Cmp, GivesTheDifferenceOfTheFirstUnitsThatDiffer) {
+TEST(Ucs2CmpTest, Result_IsTheDifferenceOfTheFirstUnitsThatDiffer) {
   EXPECT_EQ(0, ucs2_cmp(u"abc", u"abc"));
   EXPECT_EQ(-2, ucs2_cmp(u"abc", u"abe"));
   EXPECT_EQ(0xFFFF - 1, ucs2_cmp(u"\xFFFF", u"\x1"));
 }
 
-TEST(Ucs2Cmp, PrefixSortsFirst) {
+TEST(Ucs2CmpTest, Prefix_SortsFirst) {
   EXPECT_EQ(-'a', ucs2_cmp(u"", u"a"));
   EXPECT_EQ('c', ucs2_cmp(u"abc", u"ab"));
 }
 
-TEST(Ucs2Icmp, IgnoresCase) {
+TEST(Ucs2IcmpTest, Case_IsIgnored) {
   EXPECT_EQ(0, ucs2_icmp(u"ABC", u"abc"));
   EXPECT_EQ(-1, ucs2_icmp(u"ABC", u"abd"));
   EXPECT_EQ(1, ucs2_icmp(u"b", u"A"));
 }
 
-TEST(Ucs2Icmp, TakesOnlyTheLowByteOfAUnit) {
+TEST(Ucs2IcmpTest, Unit_CountsByItsLowByteOnly) {
   EXPECT_EQ(0, ucs2_icmp(u"\x0141", u"\x0041"));
   EXPECT_EQ(0, ucs2_icmp(u"\x0141", u"a"));
 }
 
-TEST(Ucs2Icmp, UnitWithoutALowByte_EndsTheText) { EXPECT_EQ(0, ucs2_icmp(u"a\x0100zzz", u"A")); }
+TEST(Ucs2IcmpTest, UnitWithoutALowByte_EndsTheText) {
+  EXPECT_EQ(0, ucs2_icmp(u"a\x0100zzz", u"A"));
+}
 
-TEST(Ucs2Icmp, HighBytesAreBelowLowOnes) {
+TEST(Ucs2IcmpTest, HighBytes_AreBelowLowOnes) {
   EXPECT_EQ(-1, ucs2_icmp(u"\x80", u"a"));
   EXPECT_EQ(-1, ucs2_icmp(u"\xFF", u""));
   EXPECT_EQ(1, ucs2_icmp(u"a", u""));
@@ -160,16 +162,16 @@ TEST(Ucs2Icmp, HighBytesAreBelowLowOnes) {
 
 // ---- numbers ------------------------------------------------------------------------------------
 
-TEST(Ucs2ToUi64, ReadsBehindBlanksAndOnePlus) {
+TEST(Ucs2ToUi64Test, BlanksAndOnePlus_AreSkipped) {
   EXPECT_EQ(12u, ucs2_toui64_base10(u"  +12x", nullptr));
   EXPECT_EQ(12u, ucs2_toui64_base10(u"\t 12", nullptr));
   EXPECT_EQ(0u, ucs2_toui64_base10(u"++12", nullptr));
   EXPECT_EQ(0u, ucs2_toui64_base10(u"", nullptr));
 }
 
-TEST(Ucs2ToUi64, DoesNotTakeAMinus) { EXPECT_EQ(0u, ucs2_toui64_base10(u" -12", nullptr)); }
+TEST(Ucs2ToUi64Test, Minus_IsRefused) { EXPECT_EQ(0u, ucs2_toui64_base10(u" -12", nullptr)); }
 
-TEST(Ucs2ToUi64, OverflowIsAllOnes) {
+TEST(Ucs2ToUi64Test, Overflow_IsAllOnes) {
   errno = 0;
   EXPECT_EQ(18446744073709551615u, ucs2_toui64_base10(u"18446744073709551615", nullptr));
   EXPECT_EQ(~uint64_t{0}, ucs2_toui64_base10(u"18446744073709551616", nullptr));
@@ -177,7 +179,7 @@ TEST(Ucs2ToUi64, OverflowIsAllOnes) {
   EXPECT_EQ(0, errno);
 }
 
-TEST(Ucs2ToUi64, WritesTheEndForANullTextAlone) {
+TEST(Ucs2ToUi64Test, NullText_WritesTheEndOnly) {
   char16_t const text[] = u"12x";
   char16_t const* end = text;
   EXPECT_EQ(12u, ucs2_toui64_base10(text, &end));
@@ -189,27 +191,27 @@ TEST(Ucs2ToUi64, WritesTheEndForANullTextAlone) {
   EXPECT_EQ(0u, ucs2_toui64_base10(nullptr, nullptr));
 }
 
-TEST(Ucs2ToI64, ReadsBothSigns) {
+TEST(Ucs2ToI64Test, BothSigns_AreRead) {
   EXPECT_EQ(12, ucs2_toi64_base10(u" \t+12", nullptr));
   EXPECT_EQ(-12, ucs2_toi64_base10(u"-12", nullptr));
   EXPECT_EQ(0, ucs2_toi64_base10(u"+-12", nullptr));
 }
 
-TEST(Ucs2ToI64, PositiveOverflowIsMinusOne) {
+TEST(Ucs2ToI64Test, PositiveOverflow_IsMinusOne) {
   EXPECT_EQ(std::numeric_limits<int64_t>::max(),
             ucs2_toi64_base10(u"9223372036854775807", nullptr));
   EXPECT_EQ(-1, ucs2_toi64_base10(u"9223372036854775808", nullptr));
   EXPECT_EQ(-1, ucs2_toi64_base10(u"+99999999999999999999999", nullptr));
 }
 
-TEST(Ucs2ToI64, NegativeOverflowSaturates) {
+TEST(Ucs2ToI64Test, NegativeOverflow_Saturates) {
   EXPECT_EQ(std::numeric_limits<int64_t>::min(),
             ucs2_toi64_base10(u"-9223372036854775808", nullptr));
   EXPECT_EQ(std::numeric_limits<int64_t>::min(),
             ucs2_toi64_base10(u"-9223372036854775809", nullptr));
 }
 
-TEST(Ucs2ToI64, EndIsBehindTheUnitThatStoppedTheNumber) {
+TEST(Ucs2ToI64Test, End_IsBehindTheUnitThatStoppedTheNumber) {
   char16_t const text[] = u"12xy";
   char16_t const* end = nullptr;
   EXPECT_EQ(12, ucs2_toi64_base10(text, &end));
@@ -219,7 +221,7 @@ TEST(Ucs2ToI64, EndIsBehindTheUnitThatStoppedTheNumber) {
   EXPECT_EQ(negative + 22, end);
 }
 
-TEST(Ucs2ToI64, NullText_IsTold) {
+TEST(Ucs2ToI64Test, NullText_IsReported) {
   char16_t const* end = u"";
   errno = 0;
   EXPECT_EQ(0, ucs2_toi64_base10(nullptr, &end));
@@ -227,19 +229,19 @@ TEST(Ucs2ToI64, NullText_IsTold) {
   EXPECT_EQ(nullptr, end);
 }
 
-TEST(Ucs2Tof, ReadsADouble) {
+TEST(Ucs2TofTest, Double_IsRead) {
   EXPECT_EQ(1.5, ucs2_tof(u" \t1.5e0x"));
   EXPECT_EQ(-0.25, ucs2_tof(u"-0.25"));
   EXPECT_EQ(0.0, ucs2_tof(u"x"));
 }
 
-TEST(Ucs2Tof, ReadsAtMost127UnitsByTheirLowBytes) {
+TEST(Ucs2TofTest, LongText_IsReadUpTo127UnitsByTheirLowBytes) {
   std::u16string const text = u"1." + std::u16string(125, u'0') + u"e3";
   EXPECT_EQ(1.0, ucs2_tof(text.c_str()));
   EXPECT_EQ(7.0, ucs2_tof(u"\x0137"));
 }
 
-TEST(DecimalOutput, WritesDigitsAndCountsThem) {
+TEST(DecimalOutputTest, Digits_AreWrittenAndCounted) {
   char16_t out[24];
   EXPECT_EQ(1u, u32_to_ucs2(0, out));
   EXPECT_EQ(u"0", std::u16string(out));
@@ -250,7 +252,7 @@ TEST(DecimalOutput, WritesDigitsAndCountsThem) {
   EXPECT_EQ(1u, u64_to_ucs2(0, out));
 }
 
-TEST(DecimalOutput, NegativeNumbersHaveAMinusThatCounts) {
+TEST(DecimalOutputTest, NegativeNumber_HasAMinusThatCounts) {
   char16_t out[24];
   EXPECT_EQ(2u, i64_to_ucs2(-5, out));
   EXPECT_EQ(u"-5", std::u16string(out));
@@ -262,7 +264,7 @@ TEST(DecimalOutput, NegativeNumbersHaveAMinusThatCounts) {
 
 // ---- reversal, UTF-8 ----------------------------------------------------------------------------
 
-TEST(Ucs2Reverse, ReversesInPlace) {
+TEST(Ucs2ReverseTest, Text_IsReversedInPlace) {
   char16_t text[] = u"abcd";
   EXPECT_EQ(3, ucs2_reverse(text, 3));
   EXPECT_EQ(u"cbad", std::u16string(text));
@@ -271,7 +273,7 @@ TEST(Ucs2Reverse, ReversesInPlace) {
   EXPECT_EQ(u"cbad", std::u16string(text));
 }
 
-TEST(Utf8Output, TakesOneToThreeBytesAUnit) {
+TEST(Utf8OutputTest, Unit_TakesOneToThreeBytes) {
   unsigned char out[4] = {};
   EXPECT_EQ(1u, ucs2_char_to_utf8(u'\x7F', out));
   EXPECT_EQ(0x7F, out[0]);
@@ -284,7 +286,7 @@ TEST(Utf8Output, TakesOneToThreeBytesAUnit) {
   EXPECT_EQ(0xBD, out[2]);
 }
 
-TEST(Utf8Output, SizesAgreeWithWhatIsWritten) {
+TEST(Utf8OutputTest, Sizes_AgreeWithWhatIsWritten) {
   char16_t const text[] = u"a\x80\x7FF\x800\xFFFF";
   EXPECT_EQ(1u, ucs2_char_utf8_size(0x7F));
   EXPECT_EQ(2u, ucs2_char_utf8_size(0x80));
@@ -295,7 +297,7 @@ TEST(Utf8Output, SizesAgreeWithWhatIsWritten) {
   EXPECT_EQ(0, out[11]);
 }
 
-TEST(Utf8Input, ReadsBackWhatWasWritten) {
+TEST(Utf8InputTest, WrittenText_IsReadBack) {
   char16_t const text[] = u"a\x80\x7FF\x800\xD83D\xDE00\xFFFF";
   unsigned char bytes[32];
   char16_t back[16];
@@ -304,7 +306,7 @@ TEST(Utf8Input, ReadsBackWhatWasWritten) {
   EXPECT_EQ(std::u16string(text), std::u16string(back));
 }
 
-TEST(Utf8Input, FourByteFormsAreReadAsThreeAndAStray) {
+TEST(Utf8InputTest, FourByteForms_AreReadAsThreeAndAStray) {
   char16_t out[8];
   EXPECT_EQ(3u, utf8_to_ucs2(Bytes("\xF0\x9F\x98\x80z!"), out));
   EXPECT_EQ(0x07D8, out[0]);  // 0x0 << 12 | 0x1F << 6 | 0x18
@@ -312,7 +314,7 @@ TEST(Utf8Input, FourByteFormsAreReadAsThreeAndAStray) {
   EXPECT_EQ(u'!', out[2]);
 }
 
-TEST(Utf8Input, CutOffCharacter_EndsAtTheTerminator) {
+TEST(Utf8InputTest, CutOffCharacter_EndsAtTheTerminator) {
   char16_t out[8] = {};
   EXPECT_EQ(2u, utf8_to_ucs2(Bytes("a\xE2"), out));
   EXPECT_EQ(0x2000, out[1]);
@@ -320,13 +322,13 @@ TEST(Utf8Input, CutOffCharacter_EndsAtTheTerminator) {
   EXPECT_EQ(0x00C0, out[1]);
 }
 
-TEST(Utf8InputBounded, WithRoom_Terminates) {
+TEST(Utf8InputBoundedTest, WithRoom_Terminates) {
   char16_t out[4] = u"...";
   EXPECT_EQ(3u, utf8_to_ucs2_s(Bytes("abc"), out, 4));
   EXPECT_EQ(u"abc", std::u16string(out));
 }
 
-TEST(Utf8InputBounded, WithoutRoom_CountsWhatIsNeeded) {
+TEST(Utf8InputBoundedTest, WithoutRoom_CountsWhatIsNeeded) {
   char16_t out[4] = u"...";
   EXPECT_EQ(3u, utf8_to_ucs2_s(Bytes("abc"), out, 3));
   EXPECT_EQ(u"abc", std::u16string(out, 3));
@@ -336,7 +338,7 @@ TEST(Utf8InputBounded, WithoutRoom_CountsWhatIsNeeded) {
   EXPECT_EQ(u"a.", std::u16string(little));
 }
 
-TEST(Utf8InputBounded, WithoutAnyRoom_WritesNothing) {
+TEST(Utf8InputBoundedTest, WithoutAnyRoom_WritesNothing) {
   char16_t out[2] = u".";
   EXPECT_EQ(2u, utf8_to_ucs2_s(Bytes("ab"), out, 0));
   EXPECT_EQ(u'.', out[0]);

@@ -113,9 +113,9 @@ TEST_F(BootstrapTest, SecondRunInTheSameProcess_WritesNothing) {
 
 // ---- numbers ------------------------------------------------------------------------------------
 
-class NewDatabase : public DatabaseTest {};
+class NewDatabaseTest : public DatabaseTest {};
 
-TEST_F(NewDatabase, PrimitiveTypes_AreInsertedInTheirOrder) {
+TEST_F(NewDatabaseTest, PrimitiveTypes_AreInsertedInTheirOrder) {
   db_util::db_iter_with_keys rows;
   RangeGlobalSetspecIndex(DbPrimitiveType::setspec().c_str(), &rows);
   std::vector<std::pair<unsigned long, std::string>> by_identity;
@@ -130,7 +130,7 @@ TEST_F(NewDatabase, PrimitiveTypes_AreInsertedInTheirOrder) {
             names);
 }
 
-TEST_F(NewDatabase, PredefinedTokens_HaveTheirNumbers) {
+TEST_F(NewDatabaseTest, PredefinedTokens_HaveTheirNumbers) {
   char16_t const* const texts[] = {
       u"__id",
       u"__setspecifier",
@@ -153,7 +153,7 @@ TEST_F(NewDatabase, PredefinedTokens_HaveTheirNumbers) {
   }
 }
 
-TEST_F(NewDatabase, Tokens_AreNumberedWithoutGaps) {
+TEST_F(NewDatabaseTest, Tokens_AreNumberedWithoutGaps) {
   db_util::db_iter_with_keys rows;
   Key(rows.first_key).Null();
   Key(rows.last_key).ULong(~0ul);
@@ -163,7 +163,7 @@ TEST_F(NewDatabase, Tokens_AreNumberedWithoutGaps) {
   EXPECT_LT(13u, expected);
 }
 
-TEST_F(NewDatabase, SystemLayouts_CarryThePredefinedTokens) {
+TEST_F(NewDatabaseTest, SystemLayouts_CarryThePredefinedTokens) {
   for (DefinedTable const& table : DefinedTables()) {
     if (table.token == 0) continue;
     LORVI_LAYOUT_INFO info{};
@@ -173,7 +173,7 @@ TEST_F(NewDatabase, SystemLayouts_CarryThePredefinedTokens) {
   }
 }
 
-TEST_F(NewDatabase, ShortSpecifiers_ComeFromTheOrderOfCreation) {
+TEST_F(NewDatabaseTest, ShortSpecifiers_ComeFromTheOrderOfCreation) {
   EXPECT_EQ(u"", MotherOfAllLayouts::setspec());
   EXPECT_EQ(u"~", Token::setspec());
   EXPECT_EQ(u"a~", SetSpecifier::setspec());
@@ -182,7 +182,7 @@ TEST_F(NewDatabase, ShortSpecifiers_ComeFromTheOrderOfCreation) {
   EXPECT_EQ(u"h~", UserSchemaGeneration::setspec());
 }
 
-TEST_F(NewDatabase, TypeIds_AreThePredefinedOnesAndThenInTableOrder) {
+TEST_F(NewDatabaseTest, TypeIds_AreThePredefinedOnesAndThenInTableOrder) {
   EXPECT_EQ(4u, RawView::g_type_id());
   EXPECT_EQ(6u, Configuration::g_type_id());
   EXPECT_EQ(7u, MetaData::g_type_id());
@@ -190,12 +190,12 @@ TEST_F(NewDatabase, TypeIds_AreThePredefinedOnesAndThenInTableOrder) {
   EXPECT_EQ(25u, UserSchemaGeneration::g_type_id());
 }
 
-TEST_F(NewDatabase, HiddenTypeId_IsLeftUnwrittenInSystemRows) {
+TEST_F(NewDatabaseTest, HiddenTypeId_IsLeftUnwrittenInSystemRows) {
   RawView const row = RawView::ByRawViewPK(RawView::metaclass_layout_handle());
   EXPECT_EQ(0u, GetULong(row, 2));
 }
 
-TEST_F(NewDatabase, SystemTables_AreFoundByTheirFullNames) {
+TEST_F(NewDatabaseTest, SystemTables_AreFoundByTheirFullNames) {
   for (DefinedTable const& table : DefinedTables()) {
     RawView const row = RawView::ByRawViewPK2fullname(Utf16(table.full_name).c_str());
     ASSERT_FALSE(row.is_null()) << table.full_name;

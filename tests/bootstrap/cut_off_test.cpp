@@ -10,16 +10,16 @@ using namespace metalayer;
 constexpr int kYields = 19;
 constexpr int kYieldOfTokens = 5;
 
-class CutOff : public BootstrapTest, public ::testing::WithParamInterface<int> {};
+class CutOffTest : public BootstrapTest, public ::testing::WithParamInterface<int> {};
 
-TEST_P(CutOff, IsTakenUpAndEndsInTheSameCatalogue) {
+TEST_P(CutOffTest, CutOffBootstrap_IsResumedAndEndsInTheSameCatalogue) {
   BootstrapUpTo(GetParam());
   ExpectRepaired(GetParam() < kYieldOfTokens ? kYields : kYields - 1);
 }
 
 // The rows behind the last table come with the second half; before them the database is no
 // database.
-TEST_P(CutOff, IsRefusedByStartUpUntilItIsWhole) {
+TEST_P(CutOffTest, CutOffBootstrap_IsRefusedByStartUpUntilItIsWhole) {
   constexpr int kYieldOfAllRows = 14;
   BootstrapUpTo(GetParam());
   Lines const status = Ask([](Database& database) {
@@ -31,7 +31,7 @@ TEST_P(CutOff, IsRefusedByStartUpUntilItIsWhole) {
   EXPECT_EQ(Lines{expected}, status);
 }
 
-INSTANTIATE_TEST_SUITE_P(AtYield, CutOff, ::testing::Range(1, kYields + 1));
+INSTANTIATE_TEST_SUITE_P(AtYield, CutOffTest, ::testing::Range(1, kYields + 1));
 
 TEST_F(BootstrapTest, CutOffAtEveryYieldInTurn_EndsInTheSameCatalogue) {
   for (int yields = 1; yields <= kYields - 1; ++yields) BootstrapUpTo(yields);

@@ -8,7 +8,7 @@ namespace {
 
 using namespace metalayer;
 
-class Damage : public BootstrapTest {
+class DamageTest : public BootstrapTest {
  protected:
   void SetUp() override { ASSERT_EQ(0u, Bootstrap().status); }
 
@@ -24,29 +24,29 @@ class Damage : public BootstrapTest {
 
 constexpr char16_t const* kIndexTable = u"Lorvenstack.Metadata.Index";
 
-TEST_F(Damage, MissingTypeIdOfASystemTable_EndsTheProcess) {
+TEST_F(DamageTest, MissingTypeIdOfASystemTable_EndsTheProcess) {
   Change([] { DeleteRow(TypeIdsMeta::ByTypeIdsMeta_Type(TableRow(kIndexTable))); });
   ExpectStartUp(SAGLEME_NOT_PREPARED);
   ExpectBootstrapTraps();
 }
 
-TEST_F(Damage, MissingViewOfASystemTable_EndsTheProcess) {
+TEST_F(DamageTest, MissingViewOfASystemTable_EndsTheProcess) {
   Change([] { DeleteRow(TableRow(kIndexTable)); });
   ExpectStartUp(SAGLEME_NOT_PREPARED);
   ExpectBootstrapTraps();
 }
 
-TEST_F(Damage, MissingViewOfTheLastTable_IsRefusedByStartUp) {
+TEST_F(DamageTest, MissingViewOfTheLastTable_IsRefusedByStartUp) {
   Change([] { DeleteRow(TableRow(u"Lorvenstack.Internal.Metadata.UserSchemaGeneration")); });
   ExpectStartUp(SAGLEME_NOT_PREPARED);
 }
 
-TEST_F(Damage, MissingSetSpecifierOfATable_IsRefusedByStartUp) {
+TEST_F(DamageTest, MissingSetSpecifierOfATable_IsRefusedByStartUp) {
   Change([] { DeleteRow(SetSpecifier::ByType(TableRow(kIndexTable))); });
   ExpectStartUp(SAGLEME_NOT_PREPARED);
 }
 
-TEST_F(Damage, WrongPredefinedTypeId_EndsTheProcess) {
+TEST_F(DamageTest, WrongPredefinedTypeId_EndsTheProcess) {
   Change([] {
     LS_OBJ_REF const row =
         TypeIdsMeta::ByTypeIdsMeta_Type(TableRow(u"Lorvenstack.Internal.Metadata.Configuration"));
@@ -55,7 +55,7 @@ TEST_F(Damage, WrongPredefinedTypeId_EndsTheProcess) {
   ExpectBootstrapTraps();
 }
 
-TEST_F(Damage, TypeIdZeroOfATable_EndsTheProcess) {
+TEST_F(DamageTest, TypeIdZeroOfATable_EndsTheProcess) {
   Change([] {
     DeleteRow(TypeIdsMeta::ByTypeIdsMeta_PK(0));
     PutULong(TypeIdsMeta::ByTypeIdsMeta_Type(TableRow(kIndexTable)), TypeIdsMeta::kTypeIdsMeta_Id,
@@ -64,7 +64,7 @@ TEST_F(Damage, TypeIdZeroOfATable_EndsTheProcess) {
   ExpectBootstrapTraps();
 }
 
-TEST_F(Damage, SetSpecifierThatDiffersFromThatOfTheIndexes_EndsTheProcess) {
+TEST_F(DamageTest, SetSpecifierThatDiffersFromThatOfTheIndexes_EndsTheProcess) {
   Change([] {
     LS_OBJ_REF const row = SetSpecifier::ByType(TableRow(kIndexTable));
     PutText(row, SetSpecifier::kTypeId, u"fa~");
@@ -72,7 +72,7 @@ TEST_F(Damage, SetSpecifierThatDiffersFromThatOfTheIndexes_EndsTheProcess) {
   ExpectBootstrapTraps();
 }
 
-TEST_F(Damage, SetSpecifierWithoutText_EndsTheProcess) {
+TEST_F(DamageTest, SetSpecifierWithoutText_EndsTheProcess) {
   Change([] {
     LS_OBJ_REF const row = SetSpecifier::ByType(TableRow(kIndexTable));
     PutText(row, SetSpecifier::kTypeId, nullptr);
@@ -81,7 +81,7 @@ TEST_F(Damage, SetSpecifierWithoutText_EndsTheProcess) {
 }
 
 // A table without an index has its set specifier from its row alone.
-TEST_F(Damage, SetSpecifierWithoutTextOfATableWithoutIndexes_IsALengthFailure) {
+TEST_F(DamageTest, SetSpecifierWithoutTextOfATableWithoutIndexes_IsALengthFailure) {
   Change([] {
     LS_OBJ_REF const row =
         SetSpecifier::ByType(TableRow(u"Lorvenstack.Internal.Metadata.UserSchemaGeneration"));
@@ -91,7 +91,7 @@ TEST_F(Damage, SetSpecifierWithoutTextOfATableWithoutIndexes_IsALengthFailure) {
             Run([](Database& database) { EXPECT_THROW(database.Bootstrap(), std::length_error); }));
 }
 
-TEST_F(Damage, SpecifierOwnedByAnotherTable_EndsTheProcess) {
+TEST_F(DamageTest, SpecifierOwnedByAnotherTable_EndsTheProcess) {
   Change([] {
     LS_OBJ_REF const row = SetSpecifier::ByType(TableRow(u"Lorvenstack.Internal.Metadata.Token"));
     PutRef(row, SetSpecifier::kType, SetSpecifier(row));
@@ -100,7 +100,7 @@ TEST_F(Damage, SpecifierOwnedByAnotherTable_EndsTheProcess) {
   ExpectBootstrapTraps();
 }
 
-TEST_F(Damage, IndexWithOtherFlags_EndsTheProcess) {
+TEST_F(DamageTest, IndexWithOtherFlags_EndsTheProcess) {
   Change([] {
     DropKernelIndex(u"ClrClassByMapper");
     CreateKernelIndex(u"ClrClassByMapper", u"b~~a~~", u"Mapper", LORV_TYPE_REFERENCE, 1);
@@ -108,7 +108,7 @@ TEST_F(Damage, IndexWithOtherFlags_EndsTheProcess) {
   ExpectBootstrapTraps();
 }
 
-TEST_F(Damage, IndexOverAnotherSet_EndsTheProcess) {
+TEST_F(DamageTest, IndexOverAnotherSet_EndsTheProcess) {
   Change([] {
     DropKernelIndex(u"IndexByTable");
     CreateKernelIndex(u"IndexByTable", u"g~", u"Table", LORV_TYPE_REFERENCE, 0);
@@ -116,7 +116,7 @@ TEST_F(Damage, IndexOverAnotherSet_EndsTheProcess) {
   ExpectBootstrapTraps();
 }
 
-TEST_F(Damage, LayoutWithTheWrongColumns_EndsTheProcess) {
+TEST_F(DamageTest, LayoutWithTheWrongColumns_EndsTheProcess) {
   // A second layout under the table's token is newer than the table's own.
   Change([] {
     LORVI_COLUMN_DEFINITION const columns[] = {{LORV_TYPE_LONG, 0, assure_token(u"Other")}, {}};
@@ -128,7 +128,7 @@ TEST_F(Damage, LayoutWithTheWrongColumns_EndsTheProcess) {
   ExpectBootstrapTraps();
 }
 
-TEST_F(Damage, MissingPredefinedTokenFive_IsMadeAnew) {
+TEST_F(DamageTest, MissingPredefinedTokenFive_IsMadeAnew) {
   Change([] { DeleteRow(Token::ByNameToken(5)); });
   Outcome const outcome = Bootstrap();
   EXPECT_EQ(0u, outcome.status) << outcome.text;
@@ -136,7 +136,7 @@ TEST_F(Damage, MissingPredefinedTokenFive_IsMadeAnew) {
   ExpectCurrent();
 }
 
-TEST_F(Damage, PredefinedTokenOfAnotherText_EndsTheProcess) {
+TEST_F(DamageTest, PredefinedTokenOfAnotherText_EndsTheProcess) {
   Change([] {
     DeleteRow(Token::ByNameToken(5));
     PutText(Token::ByNameToken(3), Token::kInvariantName, u"__other");
@@ -144,7 +144,7 @@ TEST_F(Damage, PredefinedTokenOfAnotherText_EndsTheProcess) {
   ExpectBootstrapTraps();
 }
 
-TEST_F(Damage, PredefinedTextOfAnotherToken_EndsTheProcess) {
+TEST_F(DamageTest, PredefinedTextOfAnotherToken_EndsTheProcess) {
   Change([] {
     DeleteRow(Token::ByNameToken(5));
     PutULong(Token::ByNameToken(3), Token::kNameToken, 4000);
@@ -152,7 +152,7 @@ TEST_F(Damage, PredefinedTextOfAnotherToken_EndsTheProcess) {
   ExpectBootstrapTraps();
 }
 
-TEST_F(Damage, TwoGenerations_EndTheProcess) {
+TEST_F(DamageTest, TwoGenerations_EndTheProcess) {
   Change([] { UserSchemaGeneration::Insert(0); });
   EXPECT_EQ(kTrapped, Run([](Database& database) {
               database.Begin();
@@ -160,17 +160,17 @@ TEST_F(Damage, TwoGenerations_EndTheProcess) {
             }));
 }
 
-TEST_F(Damage, MissingGeneration_IsRefusedByStartUp) {
+TEST_F(DamageTest, MissingGeneration_IsRefusedByStartUp) {
   Change([] { DeleteObjects(UserSchemaGeneration::setspec()); });
   ExpectStartUp(SAGLEME_NOT_PREPARED);
 }
 
-TEST_F(Damage, MissingVersion_IsRefusedByStartUp) {
+TEST_F(DamageTest, MissingVersion_IsRefusedByStartUp) {
   Change([] { DeleteRow(VersionRow()); });
   ExpectStartUp(SAGLEME_NOT_PREPARED);
 }
 
-TEST_F(Damage, MissingIndex_IsRefusedByStartUp) {
+TEST_F(DamageTest, MissingIndex_IsRefusedByStartUp) {
   Change([] { DropKernelIndex(u"VacuumTypeId"); });
   ExpectStartUp(SAGLEME_NOT_PREPARED);
 }

@@ -22,13 +22,13 @@ class StartUpTest : public BootstrapTest {
   }
 };
 
-TEST_F(StartUpTest, WritesNothing) {
+TEST_F(StartUpTest, StartUp_WritesNothing) {
   Outcome const outcome = StartUp();
   EXPECT_EQ(0u, outcome.status);
   EXPECT_EQ("", outcome.text);
 }
 
-TEST_F(StartUpTest, FillsTheClasses) {
+TEST_F(StartUpTest, StartUp_FillsTheClasses) {
   InFreshProcess([](Database& database) {
     EXPECT_FALSE(IsMetalayerInitialized());
     ASSERT_EQ(0u, lorv_init_metalayer(database.context()));
@@ -45,7 +45,7 @@ TEST_F(StartUpTest, FillsTheClasses) {
   });
 }
 
-TEST_F(StartUpTest, FindsRootViewAndGeneration) {
+TEST_F(StartUpTest, StartUp_FindsRootViewAndGeneration) {
   InFreshProcess([](Database& database) {
     ASSERT_EQ(0u, lorv_init_metalayer(database.context()));
     EXPECT_EQ(TableRow(u"Lorvenstack.Internal.Metadata.MotherOfAllLayouts").oid, MomRawView().oid);
@@ -166,15 +166,17 @@ TEST_F(StartUpTest, NegativeVersion_ShowsAsALargeNumber) {
       outcome.text);
 }
 
-TEST(Version, IsNineWithoutAnyDatabase) { EXPECT_EQ(9u, lorv_get_metaschema_version()); }
+TEST(VersionTest, Library_IsNineWithoutAnyDatabase) {
+  EXPECT_EQ(9u, lorv_get_metaschema_version());
+}
 
-TEST(Version, OfTheLibrary_IsNoMismatch) { EXPECT_NO_THROW(ReportSchemaMismatchIf(9)); }
+TEST(VersionTest, LibraryVersion_IsNoMismatch) { EXPECT_NO_THROW(ReportSchemaMismatchIf(9)); }
 
 // ---- the generation -----------------------------------------------------------------------------
 
-class Generation : public DatabaseTest {};
+class GenerationTest : public DatabaseTest {};
 
-TEST_F(Generation, StartsAtZeroAndMovesWithTheTransaction) {
+TEST_F(GenerationTest, NewDatabase_StartsAtZeroAndMovesWithTheTransaction) {
   EXPECT_EQ(0u, lorv_get_metaschema_generation());
   AdvanceSchemaGeneration();
   AdvanceSchemaGeneration();
@@ -184,7 +186,7 @@ TEST_F(Generation, StartsAtZeroAndMovesWithTheTransaction) {
   EXPECT_EQ(0u, lorv_get_metaschema_generation());
 }
 
-TEST_F(Generation, AssuredTwice_StaysOneRow) {
+TEST_F(GenerationTest, AssuredTwice_StaysOneRow) {
   InitializeGenerationIfDoesntExist();
   db_util::db_iter_with_keys rows;
   RangeGlobalSetspecIndex(UserSchemaGeneration::setspec().c_str(), &rows);
@@ -192,7 +194,7 @@ TEST_F(Generation, AssuredTwice_StaysOneRow) {
   EXPECT_FALSE(rows.next());
 }
 
-TEST_F(Generation, InAReadOnlyTransaction_CannotAdvance) {
+TEST_F(GenerationTest, InAReadOnlyTransaction_CannotAdvance) {
   Rollback();
   ASSERT_EQ(0u, lscoredb_begin(context(), LSCOREDB_READ_ONLY_TRANSACTION));
   try {
@@ -214,7 +216,7 @@ TEST_F(StartUpTest, GenerationBeforeStartUp_IsTheKernelsFailure) {
   });
 }
 
-TEST_F(Generation, UpdateOfReferenceColumns_ChangesNothingInANewDatabase) {
+TEST_F(GenerationTest, UpdateOfReferenceColumns_ChangesNothingInANewDatabase) {
   std::vector<std::string> const before = DumpObjects();
   ExpectOk(lorv_update_reference_columns_types(context()));
   EXPECT_EQ("", Differences(before, DumpObjects()));

@@ -31,7 +31,7 @@ constexpr SqlName kSqlNames[] = {
     {u"bpchar", 1},   {u"varchar", 1}, {u"text", 1},    {u"time", 4},     {u"timestamp", 4},
 };
 
-TEST(SqlTypes, EachName_HasItsCode) {
+TEST(SqlTypesTest, EachName_HasItsCode) {
   for (SqlName const& expected : kSqlNames) {
     unsigned char code = 0;
     EXPECT_TRUE(MapSqlToDbType(expected.name, code)) << Utf8(expected.name);
@@ -40,7 +40,7 @@ TEST(SqlTypes, EachName_HasItsCode) {
   EXPECT_EQ(std::size(kSqlNames), sql_db_type_map.size());
 }
 
-TEST(SqlTypes, Names_IgnoreCase) {
+TEST(SqlTypesTest, Names_IgnoreCase) {
   for (char16_t const* const name : {u"varchar", u"VARCHAR", u"VarChar"}) {
     unsigned char code = 0;
     EXPECT_TRUE(MapSqlToDbType(name, code));
@@ -48,7 +48,7 @@ TEST(SqlTypes, Names_IgnoreCase) {
   }
 }
 
-TEST(SqlTypes, UnknownName_LeavesTheOutputAlone) {
+TEST(SqlTypesTest, UnknownName_LeavesTheOutputAlone) {
   unsigned char code = 77;
   EXPECT_FALSE(MapSqlToDbType(u"money", code));
   EXPECT_FALSE(MapSqlToDbType(u"", code));
@@ -56,14 +56,14 @@ TEST(SqlTypes, UnknownName_LeavesTheOutputAlone) {
   EXPECT_EQ(77, code);
 }
 
-TEST(SqlTypes, NullName_IsALogicError) {
+TEST(SqlTypesTest, NullName_IsALogicError) {
   unsigned char code = 0;
   EXPECT_THROW(MapSqlToDbType(nullptr, code), std::logic_error);
   EXPECT_THROW(MapStr2Uint(sql_db_type_map, nullptr, code), std::logic_error);
   EXPECT_THROW(CheckUnsopportedSqlType(nullptr), std::logic_error);
 }
 
-TEST(SqlTypes, OtherMaps_AreSearchedAlike) {
+TEST(SqlTypesTest, OtherMaps_AreSearchedAlike) {
   SqlTypeMap const map = {{u"point", static_cast<unsigned char>(2)}};
   unsigned char code = 0;
   EXPECT_TRUE(MapStr2Uint(map, u"Point", code));
@@ -71,7 +71,7 @@ TEST(SqlTypes, OtherMaps_AreSearchedAlike) {
   EXPECT_FALSE(MapStr2Uint(map, u"int", code));
 }
 
-TEST(SqlTypes, RefusedNames_AreKnownInLowerCaseOnly) {
+TEST(SqlTypesTest, RefusedNames_AreKnownInLowerCaseOnly) {
   for (char16_t const* const name : {u"timetz", u"timestamptz", u"interval"}) {
     EXPECT_TRUE(CheckUnsopportedSqlType(name));
   }
@@ -80,18 +80,18 @@ TEST(SqlTypes, RefusedNames_AreKnownInLowerCaseOnly) {
   EXPECT_EQ(3u, sql_unsupported_set.size());
 }
 
-TEST(LogicalTypes, ToKernelTypes_AreThemselvesButBool) {
+TEST(LogicalTypesTest, ToKernelTypes_AreThemselvesButBool) {
   for (unsigned char code = 1; code <= 9; ++code) EXPECT_EQ(code, LogicalTypeToKernelType(code));
   EXPECT_EQ(LORV_TYPE_ULONG, LogicalTypeToKernelType(SAGLEME_TYPE_BOOL));
 }
 
-TEST(LogicalTypes, OutOfRange_AreRefused) {
+TEST(LogicalTypesTest, OutOfRange_AreRefused) {
   EXPECT_EQ(SAGLEME_INVALID_TYPE, CodeOf([] { LogicalTypeToKernelType(0); }));
   EXPECT_EQ(SAGLEME_INVALID_TYPE, CodeOf([] { LogicalTypeToKernelType(11); }));
   EXPECT_EQ(SAGLEME_INVALID_TYPE, CodeOf([] { LogicalTypeToKernelType(255); }));
 }
 
-TEST(LogicalTypes, StringBinaryAndReference_MustBeNullable) {
+TEST(LogicalTypesTest, StringBinaryAndReference_MustBeNullable) {
   for (unsigned char code = 1; code <= 10; ++code) {
     if (code == 9) continue;
     EXPECT_EQ(code == 1 || code == 2 || code == 8, IsDbTypeNullable(code)) << int{code};
@@ -99,7 +99,7 @@ TEST(LogicalTypes, StringBinaryAndReference_MustBeNullable) {
   EXPECT_EQ(9u, db_type_nullable.size());
 }
 
-TEST(LogicalTypes, WithoutNullability_AreOutOfRange) {
+TEST(LogicalTypesTest, WithoutNullability_AreOutOfRange) {
   EXPECT_THROW(IsDbTypeNullable(9), std::out_of_range);
   EXPECT_THROW(IsDbTypeNullable(0), std::out_of_range);
   EXPECT_THROW(IsDbTypeNullable(11), std::out_of_range);
@@ -107,26 +107,26 @@ TEST(LogicalTypes, WithoutNullability_AreOutOfRange) {
 
 // ---- by reference -------------------------------------------------------------------------------
 
-class TypeReference : public DatabaseTest {
+class TypeReferenceTest : public DatabaseTest {
  protected:
   LS_OBJ_REF Primitive(unsigned char code) {
     return DbPrimitiveType::ByDbPrimitiveTypePK_postV2_3(code);
   }
 };
 
-TEST_F(TypeReference, PrimitiveRow_GivesItsCode) {
+TEST_F(TypeReferenceTest, PrimitiveRow_GivesItsCode) {
   for (unsigned char code = 1; code <= 10; ++code) {
     EXPECT_EQ(code, PrimTypeByTypeRef(Primitive(code)));
   }
 }
 
-TEST_F(TypeReference, TableRow_IsAReference) {
+TEST_F(TypeReferenceTest, TableRow_IsAReference) {
   EXPECT_EQ(SAGLEME_TYPE_REFERENCE,
             PrimTypeByTypeRef(RawView::ByRawViewPK2fullname(u"Lorvenstack.Metadata.Index")));
 }
 
 // The layout in a reference is only a hint: what the row's set says counts.
-TEST_F(TypeReference, WithoutLayout_IsToldByTheSet) {
+TEST_F(TypeReferenceTest, WithoutLayout_IsReportedByTheSet) {
   LS_OBJ_REF primitive = Primitive(7);
   primitive.addr = 0;
   EXPECT_EQ(SAGLEME_TYPE_DOUBLE, PrimTypeByTypeRef(primitive));
@@ -135,27 +135,27 @@ TEST_F(TypeReference, WithoutLayout_IsToldByTheSet) {
   EXPECT_EQ(SAGLEME_TYPE_REFERENCE, PrimTypeByTypeRef(table));
 }
 
-TEST_F(TypeReference, RowOfAnotherTable_IsRefused) {
+TEST_F(TypeReferenceTest, RowOfAnotherTable_IsRefused) {
   LS_OBJ_REF const row = Token::ByNameToken(1);
   EXPECT_EQ(SAGLEME_INVALID_TYPE, CodeOf([&row] { PrimTypeByTypeRef(row); }));
 }
 
-TEST_F(TypeReference, RowThatThisTransactionDeleted_IsGone) {
+TEST_F(TypeReferenceTest, RowThatThisTransactionDeleted_IsGone) {
   LS_OBJ_REF const row = DbPrimitiveType::Insert(u"mine", 11);
   DeleteRow(row);
   EXPECT_EQ(SAGLEME_TYPE_IS_GONE, CodeOf([&row] { PrimTypeByTypeRef(row); }));
 }
 
-TEST_F(TypeReference, RowThatNeverWas_IsTheKernelsFailure) {
+TEST_F(TypeReferenceTest, RowThatNeverWas_IsTheKernelsFailure) {
   LS_OBJ_REF const row{0x7FFFFFFF, 0};
   EXPECT_EQ(LORV_STATUS_NO_OBJECT, CodeOf([&row] { PrimTypeByTypeRef(row); }));
 }
 
-TEST_F(TypeReference, NullReference_EndsTheProcess) {
+TEST_F(TypeReferenceTest, NullReference_EndsTheProcess) {
   EXPECT_EXIT(PrimTypeByTypeRef(db_util::null_obj_ref), ::testing::KilledBySignal(SIGABRT), "");
 }
 
-TEST_F(TypeReference, ColumnDefinitions_TellTheirLogicalType) {
+TEST_F(TypeReferenceTest, ColumnDefinitions_GiveTheirLogicalType) {
   LORV_COLUMN_DEFINITION const by_row{Primitive(10), 0, u"Flag"};
   EXPECT_EQ(SAGLEME_TYPE_BOOL, ddl::LogicalTypeFromColDef(by_row));
   LORV_COLUMN_DEFINITION_NAMES const by_name{LORV_TYPE_KEY, nullptr, 0, u"Code"};

@@ -10,7 +10,7 @@ using namespace metalayer;
 
 constexpr int kYields = 18;
 
-class Upgrade : public BootstrapTest {
+class UpgradeTest : public BootstrapTest {
  protected:
   void SetUp() override { ASSERT_EQ(0u, Bootstrap().status); }
 
@@ -27,22 +27,22 @@ class Upgrade : public BootstrapTest {
 
 // ---- the version row ----------------------------------------------------------------------------
 
-TEST_F(Upgrade, VersionEight_IsRaised) {
+TEST_F(UpgradeTest, VersionEight_IsRaised) {
   Change([] { SetVersion(8); });
   ExpectRepaired(kYields);
 }
 
-TEST_F(Upgrade, NegativeVersion_IsRaised) {
+TEST_F(UpgradeTest, NegativeVersion_IsRaised) {
   Change([] { SetVersion(-1); });
   ExpectRepaired(kYields);
 }
 
-TEST_F(Upgrade, MissingVersion_IsInserted) {
+TEST_F(UpgradeTest, MissingVersion_IsInserted) {
   Change([] { DeleteRow(VersionRow()); });
   ExpectRepaired(kYields);
 }
 
-TEST_F(Upgrade, NewerVersion_IsRefusedAndNothingIsTouched) {
+TEST_F(UpgradeTest, NewerVersion_IsRefusedAndNothingIsTouched) {
   Change([] { SetVersion(12); });
   Lines const before = Objects();
   for (Outcome const& outcome : {Bootstrap(), BootstrapReadOnly()}) {
@@ -54,7 +54,7 @@ TEST_F(Upgrade, NewerVersion_IsRefusedAndNothingIsTouched) {
   EXPECT_EQ("", Differences(before, Objects()));
 }
 
-TEST_F(Upgrade, NextVersion_IsRefused) {
+TEST_F(UpgradeTest, NextVersion_IsRefused) {
   Change([] { SetVersion(10); });
   Outcome const outcome = Bootstrap();
   EXPECT_EQ(SAGLEME_VERSION_MISMATCH, outcome.status);
@@ -65,12 +65,12 @@ TEST_F(Upgrade, NextVersion_IsRefused) {
 
 // ---- the generation row -------------------------------------------------------------------------
 
-TEST_F(Upgrade, MissingGeneration_StartsAtZero) {
+TEST_F(UpgradeTest, MissingGeneration_StartsAtZero) {
   Change([] { EXPECT_EQ(1, DeleteObjects(UserSchemaGeneration::setspec())); });
   ExpectRepaired(kYields);
 }
 
-TEST_F(Upgrade, Generation_IsKept) {
+TEST_F(UpgradeTest, Generation_IsKept) {
   Change([] { AdvanceSchemaGeneration(); });
   ASSERT_EQ(0u, Bootstrap().status);
   EXPECT_EQ(1u, Generation());
@@ -78,7 +78,7 @@ TEST_F(Upgrade, Generation_IsKept) {
 
 // ---- the index over the texts of set specifiers -------------------------------------------------
 
-TEST_F(Upgrade, UniqueSpecifierIndex_IsReplacedByOneThatIsNot) {
+TEST_F(UpgradeTest, UniqueSpecifierIndex_IsReplacedByOneThatIsNot) {
   Change([] { MakeSpecifierIndexUnique(); });
   Outcome const outcome = Bootstrap();
   EXPECT_EQ(0u, outcome.status) << outcome.text;
@@ -89,7 +89,7 @@ TEST_F(Upgrade, UniqueSpecifierIndex_IsReplacedByOneThatIsNot) {
   ExpectCurrent();
 }
 
-TEST_F(Upgrade, UniqueSpecifierIndexWithoutRow_IsReplaced) {
+TEST_F(UpgradeTest, UniqueSpecifierIndexWithoutRow_IsReplaced) {
   Change([] {
     MakeSpecifierIndexUnique();
     DeleteIndexRows(u"TypeId");
@@ -97,7 +97,7 @@ TEST_F(Upgrade, UniqueSpecifierIndexWithoutRow_IsReplaced) {
   ExpectRepaired(kYields);
 }
 
-TEST_F(Upgrade, UniqueSpecifierIndexBesideTheNewOne_IsDropped) {
+TEST_F(UpgradeTest, UniqueSpecifierIndexBesideTheNewOne_IsDropped) {
   Change([] {
     unsigned long const unique =
         CreateKernelIndex(u"TypeId", u"a~", u"TypeId", LORV_TYPE_STRING, 1);
@@ -112,7 +112,7 @@ TEST_F(Upgrade, UniqueSpecifierIndexBesideTheNewOne_IsDropped) {
   ExpectCurrent();
 }
 
-TEST_F(Upgrade, MissingSpecifierIndex_IsCreatedAndRecorded) {
+TEST_F(UpgradeTest, MissingSpecifierIndex_IsCreatedAndRecorded) {
   Change([] {
     DropKernelIndex(u"TypeId");
     PutULong(Index::ByIndexPK(u"TypeId"), Index::kIndexHandle, 0);
@@ -120,17 +120,17 @@ TEST_F(Upgrade, MissingSpecifierIndex_IsCreatedAndRecorded) {
   ExpectRepaired(kYields);
 }
 
-TEST_F(Upgrade, SpecifierIndexRecordedUnderAnotherNumber_EndsTheProcess) {
+TEST_F(UpgradeTest, SpecifierIndexRecordedUnderAnotherNumber_EndsTheProcess) {
   Change([] { PutULong(Index::ByIndexPK(u"TypeId"), Index::kIndexHandle, 987654321); });
   EXPECT_EQ(kTrapped, Run([](Database& database) { database.Bootstrap(); }));
 }
 
-TEST_F(Upgrade, SpecifierIndexRecordedAsUnique_EndsTheProcess) {
+TEST_F(UpgradeTest, SpecifierIndexRecordedAsUnique_EndsTheProcess) {
   Change([] { PutULong(Index::ByIndexPK(u"TypeId"), Index::kUnique, 1); });
   EXPECT_EQ(kTrapped, Run([](Database& database) { database.Bootstrap(); }));
 }
 
-TEST_F(Upgrade, UniqueIndexOfSpecifiers_IsCreatedWhereOlderVersionsHaveNone) {
+TEST_F(UpgradeTest, UniqueIndexOfSpecifiers_IsCreatedWhereOlderVersionsHaveNone) {
   Change([] {
     DropKernelIndex(u"TypeId_postV2_3");
     DeleteIndexRows(u"TypeId_postV2_3");
@@ -141,7 +141,7 @@ TEST_F(Upgrade, UniqueIndexOfSpecifiers_IsCreatedWhereOlderVersionsHaveNone) {
 
 // ---- the index of primitive types ---------------------------------------------------------------
 
-TEST_F(Upgrade, PrimitiveTypeIndex_IsCreatedWhereOlderVersionsHaveNone) {
+TEST_F(UpgradeTest, PrimitiveTypeIndex_IsCreatedWhereOlderVersionsHaveNone) {
   Change([] {
     DropKernelIndex(u"DbPrimitiveTypePK_postV2_3");
     DeleteIndexRows(u"DbPrimitiveTypePK_postV2_3");
@@ -149,7 +149,7 @@ TEST_F(Upgrade, PrimitiveTypeIndex_IsCreatedWhereOlderVersionsHaveNone) {
   ExpectRepaired(kYields);
 }
 
-TEST_F(Upgrade, OldPrimitiveTypeIndex_IsDroppedWithAYieldOfItsOwn) {
+TEST_F(UpgradeTest, OldPrimitiveTypeIndex_IsDroppedWithAYieldOfItsOwn) {
   Change([] {
     CreateKernelIndex(u"DbPrimitiveTypePK", u"b~a~", u"PrimitiveType", LORV_TYPE_ULONG, 1);
   });
@@ -158,7 +158,7 @@ TEST_F(Upgrade, OldPrimitiveTypeIndex_IsDroppedWithAYieldOfItsOwn) {
 
 // ---- the oldest of all --------------------------------------------------------------------------
 
-TEST_F(Upgrade, EverythingOldAtOnce_IsRepairedInOneRun) {
+TEST_F(UpgradeTest, EverythingOldAtOnce_IsRepairedInOneRun) {
   Change([] {
     MakeSpecifierIndexUnique();
     DropKernelIndex(u"TypeId_postV2_3");
@@ -179,7 +179,7 @@ TEST_F(Upgrade, EverythingOldAtOnce_IsRepairedInOneRun) {
 
 // ---- type ids -----------------------------------------------------------------------------------
 
-TEST_F(Upgrade, UserTableWithoutTypeId_GetsTheNextOne) {
+TEST_F(UpgradeTest, UserTableWithoutTypeId_GetsTheNextOne) {
   Change([] {
     unsigned short layout = 0;
     Columns columns;
@@ -197,7 +197,7 @@ TEST_F(Upgrade, UserTableWithoutTypeId_GetsTheNextOne) {
   });
 }
 
-TEST_F(Upgrade, SystemTableWithoutTypeIdInAnUnfinishedDatabase_GetsOne) {
+TEST_F(UpgradeTest, SystemTableWithoutTypeIdInAnUnfinishedDatabase_GetsOne) {
   Change([] {
     DeleteRow(VersionRow());
     DeleteRow(TypeIdsMeta::ByTypeIdsMeta_Type(TableRow(u"Lorvenstack.Metadata.Index")));
@@ -230,7 +230,7 @@ void ForgetNewTable() {
   ForgetLayoutOfNewTable();
 }
 
-TEST_F(Upgrade, MissingTable_IsCreatedWithFreshSpecifierAndTypeId) {
+TEST_F(UpgradeTest, MissingTable_IsCreatedWithFreshSpecifierAndTypeId) {
   Change([] {
     unsigned short layout = 0;
     Columns columns;
@@ -250,14 +250,14 @@ TEST_F(Upgrade, MissingTable_IsCreatedWithFreshSpecifierAndTypeId) {
   EXPECT_EQ(0u, Generation());
 }
 
-TEST_F(Upgrade, ViewWithoutLayout_EndsTheProcess) {
+TEST_F(UpgradeTest, ViewWithoutLayout_EndsTheProcess) {
   Change(ForgetLayoutOfNewTable);
   EXPECT_EQ(kTrapped, Run([](Database& database) { database.Bootstrap(); }));
 }
 
 // ---- the primitive types ------------------------------------------------------------------------
 
-TEST_F(Upgrade, MissingPrimitiveTypes_AreInsertedAnew) {
+TEST_F(UpgradeTest, MissingPrimitiveTypes_AreInsertedAnew) {
   Change([] { EXPECT_EQ(10, DeleteObjects(DbPrimitiveType::setspec())); });
   Outcome const outcome = Bootstrap();
   ASSERT_EQ(0u, outcome.status) << outcome.text;
@@ -271,7 +271,7 @@ TEST_F(Upgrade, MissingPrimitiveTypes_AreInsertedAnew) {
 }
 
 // The type of texts is the sign that all were written.
-TEST_F(Upgrade, OnePrimitiveTypeThatIsMissing_StaysMissing) {
+TEST_F(UpgradeTest, SingleMissingPrimitiveType_StaysMissing) {
   Change([] { DeleteRow(DbPrimitiveType::ByDbPrimitiveTypePK_postV2_3(LORV_TYPE_DOUBLE)); });
   ASSERT_EQ(0u, Bootstrap().status);
   Change([] {
@@ -279,7 +279,7 @@ TEST_F(Upgrade, OnePrimitiveTypeThatIsMissing_StaysMissing) {
   });
 }
 
-TEST_F(Upgrade, TypeOfTextsMissingAlone_IsTheKernelsRefusalOfTheOthers) {
+TEST_F(UpgradeTest, TypeOfTextsMissingAlone_IsTheKernelsRefusalOfTheOthers) {
   Change([] { DeleteRow(DbPrimitiveType::ByDbPrimitiveTypePK_postV2_3(LORV_TYPE_STRING)); });
   EXPECT_EQ(LSCOREDB_DUPLICATE_KEY, Bootstrap().status);
 }

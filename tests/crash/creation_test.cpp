@@ -61,7 +61,7 @@ TEST(CreationTest, LossOfPowerAtAnyPointOfTheFirstWrites_LeavesADatabaseOrNone) 
 }
 
 // A name that did not reach the disk is a file that is not there after a loss of power.
-TEST(CreationTest, DirectoriesAreSyncedAfterFilesAreMadeInThem) {
+TEST(CreationTest, Directories_AreSyncedAfterFilesAreMadeInThem) {
   Directory const directory;
   InChild([&] {
     std::string const place = directory.path() + "/a/b";

@@ -42,7 +42,7 @@ class Opened {
   std::uint64_t token_ = 50;
 };
 
-TEST(DurabilityTest, AProcessWithoutSync_SyncsAsLongAsADurableOneHasTheDatabaseOpen) {
+TEST(DurabilityTest, ProcessWithoutSync_SyncsAsLongAsADurableOneHasTheDatabaseOpen) {
   Directory const directory;
   Child durable([&](Channel& channel) {
     channel.Hear();
@@ -77,7 +77,7 @@ TEST(DurabilityTest, AProcessWithoutSync_SyncsAsLongAsADurableOneHasTheDatabaseO
 }
 
 // What others left unsynced is on the disk before a durable commit follows it.
-TEST(DurabilityTest, ADurableOpenerSyncsFirst) {
+TEST(DurabilityTest, DurableOpener_SyncsFirst) {
   Directory const directory;
   InChild([&] { Opened(directory.path(), LSCOREDB_NO_SYNC).Commit(); });
   InChild([&] {

@@ -105,7 +105,7 @@ struct Failure {
   std::uint32_t status;
 };
 
-TEST_F(FailPointTest, FailureAtAnyPoint_IsToldAndLeavesNothingAndWorkGoesOn) {
+TEST_F(FailPointTest, FailureAtAnyPoint_IsReportedAndLeavesNothingAndWorkContinues) {
   InChild([&] {
     Failure const failures[] = {
         {Point::kBeforeApply, ENOMEM, LSCOREDB_NO_MEMORY},

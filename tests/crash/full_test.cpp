@@ -74,7 +74,7 @@ class FileSizeLimit {
 };
 
 // The limit cuts pages and runs of pages in all places.
-TEST_F(FullTest, LimitOfTheFile_IsToldAndWorkGoesOnWhenItIsRaised) {
+TEST_F(FullTest, FileSizeLimit_IsReportedAndWorkContinuesWhenItIsRaised) {
   Found();
   InChild([&] {
     Bank bank(directory_.path(), kSeed, {.no_sync = true});
@@ -103,7 +103,7 @@ void Occupy(std::string const& file, int kilobytes) {
 }
 
 // Where mounting is not allowed, the limit of the file stands for the disk.
-TEST_F(FullTest, FullDisk_IsToldAndWorkGoesOnWhenThereIsRoomAgain) {
+TEST_F(FullTest, FullDisk_IsReportedAndWorkContinuesWhenThereIsRoomAgain) {
   InChild([&] {
     bool const mounted = MountSmallDisk(directory_.path());
     Bank bank(directory_.path(), kSeed);
@@ -163,7 +163,7 @@ TEST_F(FullTest, DatabaseThatDoesNotFit_IsRefusedWhereverTheRoomEnds) {
   });
 }
 
-TEST_F(FullTest, FullMap_IsToldAndWorkGoesOnWithALargerOne) {
+TEST_F(FullTest, FullMap_IsReportedAndWorkContinuesWithALargerOne) {
   Found();
   std::uintmax_t const size = directory_.FileSize();
   InChild([&] {

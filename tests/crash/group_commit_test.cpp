@@ -93,7 +93,7 @@ class GroupCommitTest : public testing::Test {
   int sync_of_the_batch_ = 0;  // what comes of it
 };
 
-TEST_F(GroupCommitTest, CommittersWhoMeet_ShareOneSync) {
+TEST_F(GroupCommitTest, ConcurrentCommitters_ShareOneSync) {
   Open();
   int const before = store_faults::Syncs();
   EXPECT_EQ(CommitTogether({Insert(1), Insert(2), Insert(3), Insert(4), Insert(5), Insert(6)}),

@@ -238,7 +238,7 @@ std::uint32_t WalkOn(std::uint64_t walk, Oids* found) {
   }
 }
 
-TEST(WalkWithoutMemoryTest, NeverLeavesARowOut) {
+TEST(ScanWithoutMemoryTest, Scan_NeverLeavesARowOut) {
   World world;
   Oids const all = world.session().Walk(world.by_name());
   Bytes const keys = Key().Bytes();

@@ -179,7 +179,7 @@ class MisuseTest : public testing::TestWithParam<bool> {
   Directory directory_;
 };
 
-TEST_P(MisuseTest, AHostThatBreaksRules_HarmsNeitherItselfNorOthers) {
+TEST_P(MisuseTest, HostThatBreaksRules_HarmsNeitherItselfNorOthers) {
   InChild([&] { Bank const bank(directory_.path(), kSeed, TheOptions()); });
   Child worker([&](Channel& channel) {
     Bank bank(directory_.path(), kSeed, TheOptions());

@@ -176,7 +176,7 @@ TEST_P(PowerTest, LossAtAnyMoment_LeavesWholeCommits) {
 
 // Without sync and without a log a loss may damage the file. Whoever verifies it is told, or reads
 // what holds together.
-TEST(PowerWithoutSyncTest, LossAtAnyMoment_IsToldByVerifyOrLeavesWhatCanBeRead) {
+TEST(PowerWithoutSyncTest, LossAtAnyMoment_IsReportedByVerifyOrLeavesWhatCanBeRead) {
   constexpr std::uint64_t kSeed = 3;
   Directory const directory;
   InChild([&] { Bank const bank(directory.path(), kSeed, Fast()); });
@@ -226,7 +226,7 @@ std::map<std::string, std::string> FilesOf(std::string const& directory) {
 }
 
 // What it would miss, no loss of power could take.
-TEST(RecordingTest, HoldsAllThatWasWritten) {
+TEST(RecordingTest, Recording_HoldsAllThatWasWritten) {
   constexpr std::uint64_t kSeed = 5;
   for (Options const& options : {Durable(), Fast(), WithLog(Durable())}) {
     Directory const directory;

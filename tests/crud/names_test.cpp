@@ -187,7 +187,7 @@ TEST_F(NamesTest, ExportedFunction_Failure_IsThrown) {
   }
 }
 
-TEST_F(NamesTest, NamesTooLongForAKey_AreRefusedWithoutWords) {
+TEST_F(NamesTest, NamesTooLongForAKey_AreRefusedWithoutText) {
   std::u16string const name(5000, u'x');
   uint64_t number = 77;
   CreateInfo* create = nullptr;
@@ -219,7 +219,7 @@ TEST_F(NamesTest, PropertyHandle_HiddenColumns_AreColumnsLikeOthers) {
 
 // A property of a language binding is a member of the table too, and has no place in objects. The
 // unfilled record stays in the way of every refresh until the property is gone.
-TEST_F(NamesTest, PropertyHandle_OfAMemberThatIsNoColumn_IsRefusedAndHoldsUpRefreshes) {
+TEST_F(NamesTest, PropertyHandle_MemberThatIsNoColumn_IsRefusedAndBlocksRefreshes) {
   InsertMappedProperty(ViewOf(u"Shop.Article"), u"Mapped",
                        metalayer::Member::ByMemberPK(ViewOf(u"Shop.Article"), u"Price"));
   PropertyAccessInfo* handle = nullptr;

@@ -84,7 +84,7 @@ struct Path {
 
 class ObjectPathTest : public ::testing::TestWithParam<Path> {};
 
-TEST_P(ObjectPathTest, EndsInAJumpAndCallsNothing) {
+TEST_P(ObjectPathTest, Call_EndsInAJumpAndCallsNothing) {
   std::vector<std::string> const code = UpToJump(Instructions(GetParam().function));
   ASSERT_FALSE(code.empty()) << "nothing came from objdump, which is of the package binutils";
   EXPECT_EQ(kMachine.jump, Word(code.back())) << code.back();
@@ -125,7 +125,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 // These work on what the kernel gave: one ends the text where it stands, one folds the reference.
 // lorv_crud_ReadRefAndType, which looks a type up, is a function with a frame.
-TEST(ObjectPath, ReadsThatWorkOnWhatTheyGet_CallTheKernelOnceAndNothingElse) {
+TEST(ObjectPathReadsTest, ReadsThatConvertTheirResult_CallTheKernelOnceAndNothingElse) {
   for (char const* const function : {"lorv_crud_ReadString", "lorv_crud_ReadRef"}) {
     int calls = 0;
     for (std::string const& instruction : Instructions(function)) calls += Calls(instruction);
@@ -134,7 +134,7 @@ TEST(ObjectPath, ReadsThatWorkOnWhatTheyGet_CallTheKernelOnceAndNothingElse) {
 }
 
 // A read that is none of these is to be named above, or to end in a jump.
-TEST(ObjectPath, EveryReadIsOneOfThese) {
+TEST(ObjectPathReadsTest, EveryRead_IsOneOfThese) {
   std::string const command = "objdump -T '" + LibraryPath() + "' | grep -c ' lorv_crud_Read'";
   std::unique_ptr<std::FILE, PipeCloser> const pipe(popen(command.c_str(), "r"));
   int count = 0;

@@ -78,14 +78,14 @@ TEST_F(PropertiesTest, Bool_RoundTrip) {
   ExpectRoundTrip<bool>(u"Bool", lorv_crud_WriteBool, lorv_crud_ReadBool, {true, false});
 }
 
-TEST_F(PropertiesTest, ReadBool_WritesTheWholePlace) {
+TEST_F(PropertiesTest, ReadBool_WritesTheWholeOutput) {
   ExpectOk(lorv_crud_WriteBool(context(), P(u"Bool"), thing_.oid, thing_.addr, true));
   uint64_t out = 0xFFFF'FFFF'FFFF'FFFF;
   ExpectOk(lorv_crud_ReadBool(context(), P(u"Bool"), thing_.oid, thing_.addr, &out));
   EXPECT_EQ(1u, out);
 }
 
-TEST_F(PropertiesTest, String_RoundTrip_IsEndedInPlace) {
+TEST_F(PropertiesTest, String_RoundTrip_IsTerminatedInPlace) {
   std::u16string long_text(5000, u'x');
   for (std::u16string const& text :
        {std::u16string(u"Ärger"), std::u16string(), long_text, std::u16string(u"\xD800 alone")}) {

@@ -49,7 +49,7 @@ TEST_F(HandleCallsTest, PropertyHandle_RowGoneWhileFilled_HasNoLocationUntilRefr
   }
 }
 
-TEST_F(HandleCallsTest, PropertyHandle_LookupFailsOtherwise_IsFilledAllTheSame) {
+TEST_F(HandleCallsTest, PropertyHandle_LookupFailsOtherwise_IsFilledAnyway) {
   recording_kernel::Answer<&lorv_context_lookup>(
       [](uint64_t, uint64_t, uint64_t*) { return kStatus; });
   EXPECT_NE(0u, Property(u"Article", u"Price")->location.load());
@@ -102,7 +102,7 @@ TEST_F(HandleCallsTest, CreateHandle_ReadFailsWhileFilled_KeepsTheUnfilledRecord
   EXPECT_NE(0u, handle->layout.load());
 }
 
-TEST_F(HandleCallsTest, CreateHandle_TypeIdWithoutView_IsRefusedWithoutWords_AndLaterNull) {
+TEST_F(HandleCallsTest, CreateHandle_TypeIdWithoutView_IsRefusedWithoutText_AndLaterNull) {
   recording_kernel::Answer<&lorv_context_get_reference>(
       [](uint64_t, uint64_t, uint64_t, uint32_t, LORV_REFERENCE*) { return LORV_STATUS_NULL; });
   CreateInfo* handle = nullptr;

@@ -61,7 +61,7 @@ class PropertyCallsTest : public ::testing::Test {
   LS_OBJ_REF ref_{9, 9};
 };
 
-TEST_F(PropertyCallsTest, Numbers) {
+TEST_F(PropertyCallsTest, Numbers_ReachTheKernel) {
   ExpectOneCall("lorv_context_get_long", Access(lorv_crud_ReadLong, &signed_));
   ExpectOneCall("lorv_context_put_long", Access(lorv_crud_WriteLong, 6), {6});
   ExpectOneCall("lorv_context_get_ulong", Access(lorv_crud_ReadULong, &unsigned_));
@@ -82,7 +82,7 @@ TEST_F(PropertyCallsTest, Booleans_AreUnsignedNumbers) {
   ExpectOneCall("lorv_context_put_ulong", Access(lorv_crud_WriteBool, false), {0});
 }
 
-TEST_F(PropertyCallsTest, TextsAndBinaries) {
+TEST_F(PropertyCallsTest, TextsAndBinaries_ReachTheKernel) {
   ExpectOneCall("lorv_context_get_string", Access(lorv_crud_ReadString, &text_));
   EXPECT_EQ(std::u16string(u"kept"), text_);
   ExpectOneCall("lorv_context_put_string", Access(lorv_crud_WriteString, u"text"));
@@ -94,7 +94,7 @@ TEST_F(PropertyCallsTest, TextsAndBinaries) {
   ExpectOneCall("lorv_context_put_binary", Access(lorv_crud_WriteBinary, nowhere, ~0ull), {~0ull});
 }
 
-TEST_F(PropertyCallsTest, ReferencesAndDefaults) {
+TEST_F(PropertyCallsTest, ReferencesAndDefaults_ReachTheKernel) {
   ExpectOneCall("lorvi_context_get_refid", Access(lorv_crud_ReadRefId, &unsigned_));
   ExpectOneCall("lorv_context_put_reference", Access(lorv_crud_WriteRef, 6u, 7u), {6, 7});
   ExpectOneCall("lorv_context_put_default", Access(lorv_crud_WriteDefault));

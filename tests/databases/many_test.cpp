@@ -85,7 +85,7 @@ auto In(uint64_t context, Work&& work) {
   return result;
 }
 
-TEST(ManyDatabases, EachHasItsOwnTablesTypesAndObjects) {
+TEST(ManyDatabasesTest, EachDatabase_HasItsOwnTablesTypesAndObjects) {
   Shop first(u"App.Book");
   Shop second(u"App.Other");
   second.Make(u"App.Book");
@@ -100,7 +100,7 @@ TEST(ManyDatabases, EachHasItsOwnTablesTypesAndObjects) {
   second.database().Commit();
 }
 
-TEST(ManyDatabases, AnswersAreThoseOfTheContextsDatabase) {
+TEST(ManyDatabasesTest, Answers_AreThoseOfTheContextsDatabase) {
   Shop first(u"App.Book");
   Shop second(u"App.Other");
   second.Make(u"App.Book");
@@ -116,7 +116,7 @@ TEST(ManyDatabases, AnswersAreThoseOfTheContextsDatabase) {
   }
 }
 
-TEST(ManyDatabases, ADatabaseThatIsNotStartedUpKnowsNothingOfTheOther) {
+TEST(ManyDatabasesTest, DatabaseNotStartedUp_KnowsNothingOfTheOther) {
   Shop const started(u"App.Book");
   Database fresh;
   EXPECT_FALSE(In(fresh.context(), [] { return IsMetalayerInitialized(); }));
@@ -126,7 +126,7 @@ TEST(ManyDatabases, ADatabaseThatIsNotStartedUpKnowsNothingOfTheOther) {
   fresh.Rollback();
 }
 
-TEST(ManyDatabases, AForeignHandleIsRefusedAndWritesNothing) {
+TEST(ManyDatabasesTest, ForeignHandle_IsRefusedAndWritesNothing) {
   Shop first(u"App.Book");
   Shop second(u"App.Other");
   second.database().Begin();
@@ -187,7 +187,7 @@ struct Steps {
   continuation_context* next = nullptr;
 };
 
-TEST(ManyDatabases, TwoBootstrapsDoNotMix_TheOneBegunLastGoesFirst) {
+TEST(ManyDatabasesTest, TwoBootstraps_DoNotMixAndTheLastBegunGoesFirst) {
   Database first;
   Database second;
   Steps outer(first);
@@ -202,7 +202,7 @@ TEST(ManyDatabases, TwoBootstrapsDoNotMix_TheOneBegunLastGoesFirst) {
   EXPECT_TRUE(In(second.context(), [] { return IsMetalayerInitialized(); }));
 }
 
-TEST(ManyDatabases, ABootstrapOutlivesItsDatabaseHarmlessly) {
+TEST(ManyDatabasesTest, Bootstrap_OutlivesItsDatabaseHarmlessly) {
   auto database = std::make_unique<Database>();
   std::optional<Steps> steps(std::in_place, *database);
   ASSERT_EQ(0u, steps->Start());
@@ -215,7 +215,7 @@ TEST(ManyDatabases, ABootstrapOutlivesItsDatabaseHarmlessly) {
 
 // ---- the end of a database ----------------------------------------------------------------------
 
-TEST(ManyDatabases, OneThatIsOpenedAgainBeginsAnew) {
+TEST(ManyDatabasesTest, ReopenedDatabase_StartsAnew) {
   TemporaryDirectory const place;
   for (int i = 0; i < 3; ++i) {
     std::string const directory = place.path() + "/db";
@@ -242,7 +242,7 @@ TEST(ManyDatabases, OneThatIsOpenedAgainBeginsAnew) {
   }
 }
 
-TEST(ManyDatabases, ExportedVariablesAreThoseOfTheFirstOpened_ThenOfTheNext) {
+TEST(ManyDatabasesTest, ExportedVariables_AreThoseOfTheFirstOpenedThenOfTheNext) {
   auto first = std::make_unique<Shop>(u"App.Book");
   Shop second(u"App.Other");
   LS_OBJ_REF const of_first = In(first->context(), [] { return SchemaGeneration(); });
@@ -262,7 +262,7 @@ TEST(ManyDatabases, ExportedVariablesAreThoseOfTheFirstOpened_ThenOfTheNext) {
   EXPECT_EQ(In(third.context(), [] { return SchemaGeneration(); }).oid, g_schema_generation.oid);
 }
 
-TEST(ManyDatabases, TheTextOfAFailureEndsWithItsContext) {
+TEST(ManyDatabasesTest, TextOfAFailure_EndsWithItsContext) {
   Database database;
   uint64_t context = 0;
   ASSERT_EQ(0u, lscoredb_context_open(database.handle(), &context));
@@ -311,7 +311,7 @@ Taken TakenNow() {
 
 // What a process has after ten times as many databases is what it had before: SAGLEME_DATABASES of
 // them in all, 10,000 for the full measure.
-TEST(ManyDatabases, NothingIsLeftOfThoseThatWereClosed) {
+TEST(ManyDatabasesTest, ClosedDatabases_LeaveNothing) {
   int const all = FromEnvironment("SAGLEME_DATABASES", 200);
   auto const use = [](int count) {
     for (int i = 0; i < count; ++i) {
@@ -335,7 +335,7 @@ TEST(ManyDatabases, NothingIsLeftOfThoseThatWereClosed) {
 }
 
 // SAGLEME_OPEN_DATABASES of them at the same time, 1,000 for the full measure.
-TEST(ManyDatabases, ManyAreOpenAndInUseAtTheSameTime) {
+TEST(ManyDatabasesTest, ManyDatabases_AreOpenAndInUseAtTheSameTime) {
   int const count = FromEnvironment("SAGLEME_OPEN_DATABASES", 60);
   std::vector<std::unique_ptr<Shop>> shops;
   std::vector<uint64_t> objects;

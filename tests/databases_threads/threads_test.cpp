@@ -41,7 +41,7 @@ void UseOne(int64_t value) {
   database.Commit();
 }
 
-TEST(DatabasesInThreads, EachThreadHasItsOwn) {
+TEST(DatabasesInThreadsTest, EachThread_HasItsOwnDatabase) {
   std::vector<std::thread> threads;
   for (int thread = 0; thread < kThreads; ++thread) {
     threads.emplace_back([thread] {
@@ -51,7 +51,7 @@ TEST(DatabasesInThreads, EachThreadHasItsOwn) {
   for (std::thread& thread : threads) thread.join();
 }
 
-TEST(DatabasesInThreads, AllStartOneUpAtTheSameTime) {
+TEST(DatabasesInThreadsTest, AllThreads_StartOneDatabaseUpAtTheSameTime) {
   TemporaryDirectory const place;
   {
     Database made(place.path());

@@ -55,7 +55,7 @@ TEST_F(AddColumnsTest, KeptColumns_KeepTheirTokens) {
   EXPECT_EQ(TokensOfLayout(old_layout), tokens);
 }
 
-TEST_F(AddColumnsTest, OutputMayBeNull) {
+TEST_F(AddColumnsTest, Output_MayBeNull) {
   Create(u"T");
   ExpectOk(Add(u"T", Columns().Long(u"a")));
   EXPECT_EQ(WithRootColumns({"3 a long"}), ColumnsOf(u"T"));
@@ -163,7 +163,7 @@ TEST_F(AddColumnsTest, RefusedCall_LeavesTheOutputAlone) {
   EXPECT_EQ(77u, layout);
 }
 
-TEST_F(AddColumnsTest, NamesInUse_AreToldAllAtOnce) {
+TEST_F(AddColumnsTest, NamesInUse_AreReportedAllAtOnce) {
   Create(u"Base", Columns().Long(u"b"));
   Create(u"a.T", Columns().Long(u"z").Long(u"o"), u"Base");
   ExpectRefusedUntouched(
@@ -258,7 +258,7 @@ TEST_F(AddColumnsTest, ChildThatJustFits_TakesTheColumn) {
 }
 
 // All columns count as own ones in a table that has lost its parent.
-TEST_F(AddColumnsTest, MoreThan113ColumnsToReload_IsRefusedWithoutWords) {
+TEST_F(AddColumnsTest, MoreThan113ColumnsToReload_IsRefusedWithoutText) {
   Create(u"T", LongColumns(0, 111));
   metalayer::PutRef(View(u"T"), RawView::kInherits, db_util::null_obj_ref);
   ExpectRefusedUntouched(SAGLEME_TOO_MANY_RECORDS, u"",

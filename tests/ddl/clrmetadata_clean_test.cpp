@@ -24,7 +24,7 @@ TEST_F(CleanMetadataTest, WithoutClassesAndProperties_ChangesNothing) {
   });
 }
 
-TEST_F(CleanMetadataTest, ForgetsAllPropertiesAndClasses) {
+TEST_F(CleanMetadataTest, AllPropertiesAndClasses_AreForgotten) {
   Create(u"T", Columns().Long(u"a"));
   for (int i = 0; i < 40; ++i) {
     std::u16string const name = u"\uFFFFName" + Utf16(std::to_string(i));
@@ -39,7 +39,7 @@ TEST_F(CleanMetadataTest, ForgetsAllPropertiesAndClasses) {
   ExpectOk(Clean());
 }
 
-TEST_F(CleanMetadataTest, SparesViewsCodePropertiesAndTables) {
+TEST_F(CleanMetadataTest, ViewsCodePropertiesAndTables_AreSpared) {
   Create(u"T", Columns().Long(u"a"));
   metalayer::VMView::Insert(u"View", db_util::null_obj_ref, true, u"View", u"View.x", u"x.View",
                             View(u"T"));

@@ -142,7 +142,7 @@ TEST_F(CreateIndexTest, SixteenColumnsByOrdinals_AreRefusedBehindTheKernel) {
   EXPECT_EQ(generation, Generation());
 }
 
-TEST_F(CreateIndexTest, Ordinals115_AreRefusedWithoutWords) {
+TEST_F(CreateIndexTest, Ordinals115_AreRefusedWithoutText) {
   CreateWideTable();
   ExpectRefusedUntouched(SAGLEME_TOO_MANY_RECORDS, u"",
                          [&] { return ByOrdinals(u"I", 0, std::vector<int16_t>(115, 3)); });

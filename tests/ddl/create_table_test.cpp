@@ -34,7 +34,7 @@ class CreateTableTest : public CatalogueTest {
   }
 };
 
-TEST_F(CreateTableTest, WritesTheViewRow) {
+TEST_F(CreateTableTest, NewTable_WritesTheViewRow) {
   uint16_t const layout = Create(u"a.b.C", Columns().Long(u"x"));
   RawView const row = View(u"a.b.C");
   EXPECT_EQ("C", TextOf(row, RawView::kName));
@@ -72,7 +72,7 @@ TEST_F(CreateTableTest, DerivedTable_HasInheritedColumnsFirst) {
   ExpectKernelAgrees(u"Base");
 }
 
-TEST_F(CreateTableTest, EveryTypeReachesTheKernel) {
+TEST_F(CreateTableTest, EveryType_ReachesTheKernel) {
   Columns columns;
   for (uint8_t type = 1; type <= 10; ++type) {
     if (type != 8) columns.Add(type, ColumnName(type), true);
@@ -89,7 +89,7 @@ TEST_F(CreateTableTest, Tokens_AreOfRowIdentitiesAndOfTheFullName) {
   EXPECT_NE(0u, TokenOf(Utf16(std::to_string(ColumnRow(u"a.T", u"tokenless").oid))));
 }
 
-TEST_F(CreateTableTest, AdvancesTheGenerationOnce) {
+TEST_F(CreateTableTest, Generation_AdvancesOnce) {
   uint64_t const generation = Generation();
   Create(u"T", Columns().Long(u"a"));
   EXPECT_EQ(generation + 1, Generation());

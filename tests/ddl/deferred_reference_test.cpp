@@ -112,7 +112,7 @@ TEST_F(DeferredReferenceTest, ChangesBelowItsTable_Work) {
             ColumnsOf(u"Child"));
 }
 
-TEST_F(DeferredReferenceTest, ItselfCanBeDropped) {
+TEST_F(DeferredReferenceTest, DeferredColumn_CanBeDropped) {
   ExpectOk(Drop(u"Parent", u"r"));
   EXPECT_EQ(WithRootColumns({"3 a long inherited", "4 c long"}), ColumnsOf(u"Child"));
   ExpectOk(Drop(u"Heir", u"r"));
@@ -133,7 +133,7 @@ TEST_F(DeferredReferenceTest, OtherColumnsOfTheTable_CanBeIndexed) {
   EXPECT_EQ(std::vector<std::string>{"I(a+)"}, IndexesOf(u"Parent"));
 }
 
-TEST_F(DeferredReferenceTest, ItsTableCanBeDropped) {
+TEST_F(DeferredReferenceTest, ItsTable_CanBeDropped) {
   ExpectOk(lorv_drop_table_by_name(context(), u"Parent", true, false));
   ExpectOk(lorv_drop_table_cascade(context(), u"Plain"));
   EXPECT_TRUE(View(u"Heir").is_null());

@@ -44,7 +44,7 @@ TEST_F(DropColumnTest, LastOwnColumn_LeavesTheInheritedOnes) {
   ExpectKernelAgrees(u"Base");
 }
 
-TEST_F(DropColumnTest, OutputMayBeNull) {
+TEST_F(DropColumnTest, Output_MayBeNull) {
   Create(u"T", Columns().Long(u"a"));
   ExpectOk(Drop(u"T", u"a"));
   EXPECT_EQ(WithRootColumns({}), ColumnsOf(u"T"));
@@ -228,7 +228,7 @@ TEST_F(DropColumnTest, DescendantWithoutTheColumn_EndsTheProcess) {
 
 // All columns count as own ones in a table that has lost its parent. The last row has no column in
 // the kernel, and is refused before the kernel is asked for it.
-TEST_F(DropColumnTest, MoreThan114ColumnsToReload_IsRefusedWithoutWords) {
+TEST_F(DropColumnTest, MoreThan114ColumnsToReload_IsRefusedWithoutText) {
   Columns columns;
   std::vector<std::u16string> names;
   for (int i = 0; i < 112; ++i) names.push_back(u"n" + Utf16(std::to_string(i)));

@@ -155,7 +155,7 @@ TEST_F(DropIndexTest, SystemIndex_IsNotGuarded) {
   EXPECT_TRUE(Index::ByIndexPK(u"CodePropertyPK").is_null());
 }
 
-TEST_F(DropIndexTest, TableComesBeforeIndex) {
+TEST_F(DropIndexTest, Table_ComesBeforeIndex) {
   ExpectRefusedUntouched(SAGLEME_TABLE_NOT_FOUND, u"Table Nobody not found.",
                          [&] { return ByTableAndName(u"Nobody", u"Nothing"); });
   ExpectThrown(SAGLEME_TABLE_NOT_FOUND, u"Table T not found.",

@@ -12,7 +12,7 @@ class DropTableCascadeTest : public CatalogueTest {
   uint32_t Cascade(char16_t const* name) { return lorv_drop_table_cascade(context(), name); }
 };
 
-TEST_F(DropTableCascadeTest, RemovesTheSubtreeWithoutRequests) {
+TEST_F(DropTableCascadeTest, Subtree_IsRemovedWithoutRequests) {
   Create(u"Parent", Columns().Long(u"a"));
   Create(u"Child", {}, u"Parent");
   RawView const child = View(u"Child");
@@ -79,7 +79,7 @@ TEST_F(DropTableCascadeTest, ObjectInAGrandchild_IsReportedForTheTopmostTable) {
   ExpectOk(Cascade(u"Parent"));
 }
 
-TEST_F(DropTableCascadeTest, IndexComesBeforeData) {
+TEST_F(DropTableCascadeTest, Index_ComesBeforeData) {
   Create(u"T", Columns().Long(u"a"));
   CreateIndex(u"I", u"T", {u"a"});
   CreateObject(u"T");
@@ -113,7 +113,7 @@ TEST_F(DropTableCascadeTest, WithoutSetSpecifier_EndsTheProcess) {
 }
 
 // A table is judged whole before its children are looked at.
-TEST_F(DropTableCascadeTest, DataComesBeforeIndexesOfChildren) {
+TEST_F(DropTableCascadeTest, Data_ComesBeforeIndexesOfChildren) {
   Create(u"Parent", Columns().Long(u"a"));
   Create(u"Child", {}, u"Parent");
   CreateIndex(u"I", u"Child", {u"a"});

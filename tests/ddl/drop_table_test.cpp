@@ -24,7 +24,7 @@ class DropTableTest : public CatalogueTest {
   }
 };
 
-TEST_F(DropTableTest, RemovesRowsAndAsksForDeletion) {
+TEST_F(DropTableTest, Rows_AreRemovedAndDeletionIsRequested) {
   uint16_t const layout = Create(u"T", Columns().Long(u"a").Ref(u"r", u"No"));
   RawView const view = View(u"T");
   std::string const setspec = SetspecOfTable(view);
@@ -36,7 +36,7 @@ TEST_F(DropTableTest, RemovesRowsAndAsksForDeletion) {
   EXPECT_EQ(generation + 1, Generation());
 }
 
-TEST_F(DropTableTest, LeavesSpecifierTypeIdLayoutAndObjects) {
+TEST_F(DropTableTest, SpecifierTypeIdLayoutAndObjects_AreLeft) {
   uint16_t const layout = Create(u"T", Columns().Long(u"a"));
   RawView const view = View(u"T");
   uint64_t const object = CreateObject(u"T");
@@ -234,7 +234,7 @@ TEST_F(DropTableTest, ClassOnASecondChild_IsMetAfterTheFirstHasGone) {
   EXPECT_FALSE(View(u"Parent").is_null());
 }
 
-TEST_F(DropTableTest, ReferenceComesBeforeClass) {
+TEST_F(DropTableTest, Reference_ComesBeforeClass) {
   Create(u"T", Columns().Ref(u"self", u"T"));
   InsertClass(u"Class", View(u"T"));
   ExpectRefusedUntouched(SAGLEME_TABLE_REFERENCED,

@@ -66,7 +66,7 @@ TEST_F(DropTablesTest, ReferenceFromOutside_IsFoundBeforeAnythingGoes) {
   ExpectOk(Drop({u"One", u"Two", u"Third"}, false, true));
 }
 
-TEST_F(DropTablesTest, OnlyTheFirstReferrerIsLookedAt) {
+TEST_F(DropTablesTest, FirstReferrer_IsTheOnlyOneExamined) {
   Create(u"Target");
   Create(u"Inside", Columns().Ref(u"r", u"Target"));
   Create(u"Outside", Columns().Ref(u"r", u"Target"));
@@ -125,7 +125,7 @@ TEST_F(DropTablesTest, DottedNames_MayBeShortened) {
   });
 }
 
-TEST_F(DropTablesTest, ClassComesBeforeChildren) {
+TEST_F(DropTablesTest, Class_ComesBeforeChildren) {
   Create(u"Parent");
   Create(u"Child", {}, u"Parent");
   InsertClass(u"Class", View(u"Parent"));

@@ -99,7 +99,7 @@ Request const kRequests[] = {
 
 class LongNamesTest : public CatalogueTest, public ::testing::WithParamInterface<Request> {};
 
-TEST_P(LongNamesTest, AreRefusedWithoutAnythingWritten) {
+TEST_P(LongNamesTest, LongNames_AreRefusedWithoutAnythingWritten) {
   Create(u"T", Columns().Long(u"a").Long(u"b"));
   CreateIndex(u"I", u"T", {u"a"});
   ExpectRefusedUntouched(SAGLEME_NAME_TOO_LONG, u"", [&] { return GetParam().call(context()); });

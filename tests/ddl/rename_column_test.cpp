@@ -125,7 +125,7 @@ TEST_F(RenameColumnTest, InheritedNameBelowAConflict_IsNoFurtherOne) {
                 Rename(u"Parent", u"p", u"x"));
 }
 
-TEST_F(RenameColumnTest, SearchGoesOnFor1001TablesBehindTheFirstConflict) {
+TEST_F(RenameColumnTest, Search_ContinuesFor1001TablesBehindTheFirstConflict) {
   CreateFamily(1, 1001);
   ExpectRefused(SAGLEME_COLUMN_NAME_TAKEN,
                 u"New column name x conflicts with existing column in exactly 1 descendant table: "
@@ -133,7 +133,7 @@ TEST_F(RenameColumnTest, SearchGoesOnFor1001TablesBehindTheFirstConflict) {
                 Rename(u"Parent", u"p", u"x"));
 }
 
-TEST_F(RenameColumnTest, SearchGivesUpAtTheNextTable) {
+TEST_F(RenameColumnTest, Search_GivesUpAtTheNextTable) {
   CreateFamily(2, 1001);
   ExpectRefused(SAGLEME_COLUMN_NAME_TAKEN,
                 u"New column name x conflicts with existing column in at least 2 descendant "

@@ -28,7 +28,7 @@ TEST_F(RenameTableTest, AllNameForms_AreWritten) {
   EXPECT_EQ(generation + 1, Generation());
 }
 
-TEST_F(RenameTableTest, PlaceInTheTree_StaysAsItIs) {
+TEST_F(RenameTableTest, PositionInTheTree_StaysAsItIs) {
   Create(u"Base");
   uint16_t const layout = Create(u"T", {}, u"Base");
   RawView const table = View(u"T");

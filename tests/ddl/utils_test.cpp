@@ -281,7 +281,7 @@ TEST_F(DdlUtilsTest, ExistingTableAndIndex_FailByName) {
                [] { ddl::ExistingIndex(u"Nobody"); });
 }
 
-TEST_F(DdlUtilsTest, EnumColumns_WalksTheRangeInOrder) {
+TEST_F(DdlUtilsTest, EnumColumns_ScansTheRangeInOrder) {
   Create(u"Base", Columns().Long(u"a"));
   Create(u"T", Columns().Long(u"b").Long(u"c"), u"Base");
   RawView const table = View(u"T");

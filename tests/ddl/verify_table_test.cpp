@@ -35,7 +35,7 @@ class VerifyTableTest : public CatalogueTest {
   }
 };
 
-TEST_F(VerifyTableTest, SameDefinition_WritesNothingAndTellsTheLayout) {
+TEST_F(VerifyTableTest, SameDefinition_WritesNothingAndGivesTheLayout) {
   uint16_t const layout = Create(u"T", Columns().Long(u"a").String(u"b"));
   ExpectUntouched([&] { EXPECT_EQ(layout, Create(u"T", Columns().Long(u"a").String(u"b"))); });
 }
@@ -53,7 +53,7 @@ TEST_F(VerifyTableTest, SystemTable_CanBeVerified) {
              Columns().String(u"TypeId").ULong(u"ExpectedLayout").ULong(u"RequestKind"));
 }
 
-TEST_F(VerifyTableTest, Mismatch_StillTellsTheLayout) {
+TEST_F(VerifyTableTest, Mismatch_StillGivesTheLayout) {
   uint16_t const layout = Create(u"T", Columns().Long(u"a"));
   uint16_t told = 0;
   EXPECT_EQ(SAGLEME_SCHEMA_MISMATCH,

@@ -48,7 +48,7 @@ void ForCalls(Attempt const& attempt) {
   EXPECT_GT(nth, 5 * kDistance);
 }
 
-TEST(BootstrapFailure, OfAnyCall_IsTakenUpByTheSameProcess) {
+TEST(BootstrapFailureTest, AnyCallThatFails_IsResumedByTheSameProcess) {
   ForCalls([](std::string const& directory, int nth) {
     return InChildProcess([&] {
       Database database(directory);
@@ -58,7 +58,7 @@ TEST(BootstrapFailure, OfAnyCall_IsTakenUpByTheSameProcess) {
   });
 }
 
-TEST(BootstrapFailure, OfAnyCall_IsTakenUpByTheNextProcess) {
+TEST(BootstrapFailureTest, AnyCallThatFails_IsResumedByTheNextProcess) {
   ForCalls([](std::string const& directory, int nth) {
     int const outcome = InChildProcess([&] {
       Database database(directory);

@@ -36,7 +36,7 @@ Outcome StartUpWithOneCallRefused(Database& database, int nth, uint32_t with, ui
 // The distance between refused calls is a prime, so that they are of every kind.
 constexpr int kDistance = 7;
 
-class StartUpFailure : public ::testing::Test {
+class StartUpFailureTest : public ::testing::Test {
  protected:
   void SetUp() override {
     recording_kernel::Reset();
@@ -60,7 +60,7 @@ class StartUpFailure : public ::testing::Test {
   TemporaryDirectory directory_;
 };
 
-TEST_F(StartUpFailure, OfAnyCall_PassesTheStatusOutAndCanBeRepeated) {
+TEST_F(StartUpFailureTest, AnyCallThatFails_PassesTheStatusOutAndCanBeRepeated) {
   int nth = 1;
   for (;; nth += kDistance) {
     int const outcome = InFreshProcess(nth, LSCOREDB_IO_ERROR, LSCOREDB_IO_ERROR);
@@ -71,7 +71,7 @@ TEST_F(StartUpFailure, OfAnyCall_PassesTheStatusOutAndCanBeRepeated) {
 }
 
 // An iterator that cannot be freed leaves no way on, whatever start-up looked for with it.
-TEST_F(StartUpFailure, IteratorThatTheKernelKeeps_EndsTheProcess) {
+TEST_F(StartUpFailureTest, IteratorThatTheKernelKeeps_EndsTheProcess) {
   constexpr int kTrapped = 128 + SIGABRT;
   int nth = 1;
   for (;; nth += kDistance) {
@@ -89,7 +89,7 @@ TEST_F(StartUpFailure, IteratorThatTheKernelKeeps_EndsTheProcess) {
 
 // While the ids are read, a layout or index that is missing is the mark of a catalogue in the
 // making.
-TEST_F(StartUpFailure, MissingLayoutOrIndex_IsAnIncompleteCatalogue) {
+TEST_F(StartUpFailureTest, MissingLayoutOrIndex_IsAnIncompleteCatalogue) {
   EXPECT_EQ(kAsExpected, InFreshProcess(1, kNoLayout, kNotPrepared));
   EXPECT_EQ(kAsExpected, InFreshProcess(1, LORV_STATUS_NO_INDEX, kNotPrepared));
 }

@@ -29,7 +29,7 @@ class KeyOf {
 };
 
 // A table without columns of its own: nothing but the row itself is looked for on the way.
-class UnfoundRow : public sagleme_test::CatalogueTest {
+class UnfoundRowTest : public sagleme_test::CatalogueTest {
  protected:
   void SetUp() override {
     recording_kernel::Reset();
@@ -65,9 +65,9 @@ class UnfoundRow : public sagleme_test::CatalogueTest {
   uint16_t layout_ = kNoLayout;
 };
 
-using UnfoundRowDeathTest = UnfoundRow;
+using UnfoundRowDeathTest = UnfoundRowTest;
 
-TEST_F(UnfoundRow, NewTable_IsLookedForTwice) {
+TEST_F(UnfoundRowTest, NewTable_IsLookedForTwice) {
   Watch(0);
   ExpectOk(ByNames());
   EXPECT_EQ(2, lookups_);
@@ -85,7 +85,7 @@ TEST_F(UnfoundRowDeathTest, CreatingByReference_EndsTheProcess) {
 }
 
 // A table that is there and not found at first is written a second time, which the kernel refuses.
-TEST_F(UnfoundRow, ExistingTable_IsNotWrittenTwice) {
+TEST_F(UnfoundRowTest, ExistingTable_IsNotWrittenTwice) {
   ExpectOk(ByNames());
   Watch(1);
   ExpectRefused(LSCOREDB_DUPLICATE_KEY, u"", ByNames());

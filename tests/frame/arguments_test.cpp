@@ -145,7 +145,7 @@ TEST_F(ArgumentsTest, SetspecName_NeedsARow) {
 // accepted.
 constexpr uint32_t kReachedTheKernel = 4711;
 
-TEST(ColumnLists, Of112DefinitionsAndOfNone_AreAccepted) {
+TEST(ColumnListsTest, ListsOf112DefinitionsAndOfNone_AreAccepted) {
   for (std::size_t const count : {0u, 112u}) {
     auto const by_names = ByNames(count);
     auto const by_reference = ByReference(count);

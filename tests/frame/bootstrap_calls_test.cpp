@@ -57,7 +57,7 @@ TEST_P(BootstrapCallsTest, NormalEnd_IsAStepWithoutASuccessor) {
   EXPECT_EQ(0u, Current());
 }
 
-TEST_P(BootstrapCallsTest, BetweenSteps_TheContextStaysTheThreads) {
+TEST_P(BootstrapCallsTest, BetweenSteps_ContextStaysTheThreads) {
   EXPECT_EQ(0u, Start());
   ASSERT_TRUE(more_);
   EXPECT_EQ(database_.context(), Current());

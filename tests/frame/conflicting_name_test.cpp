@@ -76,26 +76,26 @@ class ConflictingNameTest : public ::testing::Test {
   std::array<uint32_t, 32> memory_{};
 };
 
-TEST_F(ConflictingNameTest, InAnAncestor_NamesTheFirstColumnsTable) {
+TEST_F(ConflictingNameTest, NameInAnAncestor_NamesTheFirstColumnsTable) {
   EXPECT_EQ(SAGLEME_COLUMN_NAME_TAKEN, Raise(1, {{1, 0}, {2, 0}}));
   EXPECT_EQ(u"New column name C conflicts with existing column in ancestor table Table1.", Text());
 }
 
-TEST_F(ConflictingNameTest, InTheTableItself_ReadsNothing) {
+TEST_F(ConflictingNameTest, NameInTheTableItself_ReadsNothing) {
   recording_kernel::Record();
   EXPECT_EQ(SAGLEME_COLUMN_NAME_TAKEN, Raise(2, {{1, 0}}));
   EXPECT_EQ(u"New column name C conflicts with existing column in the table T.", Text());
   EXPECT_TRUE(recording_kernel::Calls().empty());
 }
 
-TEST_F(ConflictingNameTest, InOneDescendant_HasNoPlural) {
+TEST_F(ConflictingNameTest, NameInOneDescendant_HasNoPlural) {
   EXPECT_EQ(SAGLEME_COLUMN_NAME_TAKEN, Raise(3, {{1, 0}}, true));
   EXPECT_EQ(
       u"New column name C conflicts with existing column in exactly 1 descendant table: Table1.",
       Text());
 }
 
-TEST_F(ConflictingNameTest, InSeveralDescendants_NamesThemInOrder) {
+TEST_F(ConflictingNameTest, NameInSeveralDescendants_NamesThemInOrder) {
   EXPECT_EQ(SAGLEME_COLUMN_NAME_TAKEN, Raise(3, {{2, 0}, {1, 0}, {3, 0}}));
   EXPECT_EQ(
       u"New column name C conflicts with existing column in at least 3 descendant tables: Table2, "
@@ -103,7 +103,7 @@ TEST_F(ConflictingNameTest, InSeveralDescendants_NamesThemInOrder) {
       Text());
 }
 
-TEST_F(ConflictingNameTest, OfAnotherKind_AddsNothing) {
+TEST_F(ConflictingNameTest, NameOfAnotherKind_AddsNothing) {
   EXPECT_EQ(SAGLEME_COLUMN_NAME_TAKEN, Raise(0, {}));
   EXPECT_EQ(u"New column name C conflicts with existing column.", Text());
 }

@@ -43,7 +43,7 @@ struct Local {
   bool* destroyed;
 };
 
-TEST(Continuations, Body_RunsToItsFirstYieldAtCreation) {
+TEST(ContinuationsTest, Body_RunsToItsFirstYieldAtCreation) {
   std::vector<int> log;
   Handle const handle = Create([&](Yield& yield) {
     log.push_back(1);
@@ -53,7 +53,7 @@ TEST(Continuations, Body_RunsToItsFirstYieldAtCreation) {
   EXPECT_EQ((std::vector<int>{1}), log);
 }
 
-TEST(Continuations, FirstRun_TakesTheWaitingValueWithoutResuming) {
+TEST(ContinuationsTest, FirstRun_TakesTheWaitingValueWithoutResuming) {
   std::vector<int> log;
   Handle const handle = Create([&](Yield& yield) {
     yield(0);
@@ -65,7 +65,7 @@ TEST(Continuations, FirstRun_TakesTheWaitingValueWithoutResuming) {
   EXPECT_TRUE(log.empty());
 }
 
-TEST(Continuations, NormalEnd_IsAStepOfItsOwn) {
+TEST(ContinuationsTest, NormalEnd_IsAStepOfItsOwn) {
   std::vector<int> log;
   Handle handle = Create([&](Yield& yield) {
     for (int i = 0; i < 2; ++i) {
@@ -85,13 +85,13 @@ TEST(Continuations, NormalEnd_IsAStepOfItsOwn) {
   EXPECT_EQ((std::vector<int>{0, 1}), log);
 }
 
-TEST(Continuations, BodyWithoutAYield_IsOverAtTheFirstRun) {
+TEST(ContinuationsTest, BodyWithoutAYield_IsOverAtTheFirstRun) {
   Step const step = RunStep(Create([](Yield&) {}));
   EXPECT_EQ(0u, step.status);
   EXPECT_FALSE(step.more);
 }
 
-TEST(Continuations, Status_IsTheLastValue) {
+TEST(ContinuationsTest, Status_IsTheLastValue) {
   bool destroyed = false;
   {
     Handle const handle = Create([&](Yield& yield) {
@@ -106,7 +106,7 @@ TEST(Continuations, Status_IsTheLastValue) {
   EXPECT_TRUE(destroyed);
 }
 
-TEST(Continuations, RunThroughAnOlderHandleAfterTheEnd_IsOverAgain) {
+TEST(ContinuationsTest, RunThroughAnOlderHandleAfterTheEnd_IsOverAgain) {
   Handle const first = Create([](Yield& yield) { yield(0); });
   Step const second = RunStep(first);
   ASSERT_TRUE(second.more);
@@ -118,9 +118,9 @@ TEST(Continuations, RunThroughAnOlderHandleAfterTheEnd_IsOverAgain) {
   }
 }
 
-TEST(Continuations, FreeingNull_DoesNothing) { free_continuation_handle(nullptr); }
+TEST(ContinuationsTest, FreeingNull_DoesNothing) { free_continuation_handle(nullptr); }
 
-TEST(Continuations, FreeingAnEarlierHandle_KeepsTheComputation) {
+TEST(ContinuationsTest, FreeingAnEarlierHandle_KeepsTheComputation) {
   bool destroyed = false;
   Handle first = Create([&](Yield& yield) {
     Local const local(&destroyed);
@@ -133,7 +133,7 @@ TEST(Continuations, FreeingAnEarlierHandle_KeepsTheComputation) {
   EXPECT_TRUE(RunStep(step.next).more);
 }
 
-TEST(Continuations, FreeingTheLastHandle_UnwindsTheBody) {
+TEST(ContinuationsTest, FreeingTheLastHandle_UnwindsTheBody) {
   bool destroyed = false;
   bool went_on = false;
   Handle handle = Create([&](Yield& yield) {
@@ -146,7 +146,7 @@ TEST(Continuations, FreeingTheLastHandle_UnwindsTheBody) {
   EXPECT_FALSE(went_on);
 }
 
-TEST(Continuations, UnwindingPassesThroughAFrame_AndPutsTheContextBack) {
+TEST(ContinuationsTest, UnwindingPassesThroughAFrame_AndPutsTheContextBack) {
   *metalayer::TlsMetalayerContext::Current() = 3;
   bool returned = false;
   Handle handle = Create([&](Yield& yield) {
@@ -162,11 +162,11 @@ TEST(Continuations, UnwindingPassesThroughAFrame_AndPutsTheContextBack) {
 
 // ---- exceptions ---------------------------------------------------------------------------------
 
-TEST(Continuations, ExceptionBeforeTheFirstYield_LeavesTheCreation) {
+TEST(ContinuationsTest, ExceptionBeforeTheFirstYield_LeavesTheCreation) {
   EXPECT_THROW(Create([](Yield&) { throw std::bad_alloc(); }), std::bad_alloc);
 }
 
-TEST(Continuations, LaterException_LeavesTheStepThatResumed) {
+TEST(ContinuationsTest, LaterException_LeavesTheStepThatResumed) {
   bool destroyed = false;
   Handle const first = Create([&](Yield& yield) {
     Local const local(&destroyed);
@@ -179,7 +179,7 @@ TEST(Continuations, LaterException_LeavesTheStepThatResumed) {
   EXPECT_TRUE(destroyed);
 }
 
-TEST(Continuations, RunAfterAnException_IsOver) {
+TEST(ContinuationsTest, RunAfterAnException_IsOver) {
   Handle const first = Create([](Yield& yield) {
     yield(0);
     throw std::runtime_error("second leg");
@@ -191,7 +191,7 @@ TEST(Continuations, RunAfterAnException_IsOver) {
   EXPECT_FALSE(again.more);
 }
 
-TEST(Continuations, ExceptionsOnBothSides_DoNotMix) {
+TEST(ContinuationsTest, ExceptionsOnBothSides_DoNotMix) {
   std::vector<int> caught;
   Handle const first = Create([&](Yield& yield) {
     try {
@@ -216,7 +216,7 @@ TEST(Continuations, ExceptionsOnBothSides_DoNotMix) {
   EXPECT_EQ((std::vector<int>{1, 2, 3}), caught);
 }
 
-TEST(Continuations, DeepBody_HasRoomOnItsStack) {
+TEST(ContinuationsTest, DeepBody_HasRoomOnItsStack) {
   std::function<int(int)> const descend = [&](int depth) -> int {
     unsigned char volatile frame[1024];
     frame[0] = static_cast<unsigned char>(depth);

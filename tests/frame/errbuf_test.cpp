@@ -39,20 +39,20 @@ TEST_F(ErrbufTest, ContextNeverSeen_HasNoText) {
   EXPECT_EQ(nullptr, lorv_metalayer_errbuf(0x123456789));
 }
 
-TEST_F(ErrbufTest, ContextHasOneBufferForEver) {
+TEST_F(ErrbufTest, Context_HasOneBufferForEver) {
   unsigned long const buffer = metalayer::errbuf_by_ctx(99);
   EXPECT_EQ(buffer, metalayer::errbuf_by_ctx(99));
   EXPECT_EQ(buffer, metalayer::clean_errbuf_by_ctx(99));
   EXPECT_NE(buffer, metalayer::errbuf_by_ctx(98));
 }
 
-TEST_F(ErrbufTest, WritesAppendWithoutASeparator) {
+TEST_F(ErrbufTest, Writes_AppendWithoutASeparator) {
   Stream stream;
   stream << u"one" << u"two";
   EXPECT_EQ(u"onetwo", Text());
 }
 
-TEST_F(ErrbufTest, AppendingReturnsTheNewLength) {
+TEST_F(ErrbufTest, Append_ReturnsTheNewLength) {
   unsigned long const buffer = metalayer::errbuf_by_ctx(kContext);
   EXPECT_EQ(3u, metalayer::errbuf_blt_sz(buffer, u"abc"));
   EXPECT_EQ(3u, metalayer::errbuf_blt_sz(buffer, u""));
@@ -61,7 +61,7 @@ TEST_F(ErrbufTest, AppendingReturnsTheNewLength) {
   EXPECT_EQ(nullptr, lorv_metalayer_errbuf(kContext));
 }
 
-TEST_F(ErrbufTest, NumbersStandInOrderBetweenTexts) {
+TEST_F(ErrbufTest, Numbers_StandInOrderBetweenTexts) {
   Stream stream;
   stream << u"a" << 112 << u"b" << 18446744073709551615ul << std::u16string(u"c") << -7 << u"d";
   EXPECT_EQ(u"a112b18446744073709551615c-7d", Text());
@@ -87,7 +87,7 @@ TEST_F(ErrbufTest, EightBitTexts_WidenBySignExtension) {
   EXPECT_EQ(u"a\xFF80\xFFFF", Text());
 }
 
-TEST_F(ErrbufTest, SingleUnitsAndEmptyTexts) {
+TEST_F(ErrbufTest, SingleUnitsAndEmptyTexts_AreAppended) {
   Stream stream;
   stream << u'x' << std::u16string() << u"" << "" << u'y';
   EXPECT_EQ(u"xy", Text());
@@ -124,7 +124,7 @@ TEST_F(ErrbufTest, BlockCopy_IsCutAtTheEndToo) {
   EXPECT_EQ(std::u16string(kMaxUnits, u'b'), Text());
 }
 
-TEST_F(ErrbufTest, TruncationCutsASurrogatePair) {
+TEST_F(ErrbufTest, Truncation_CutsASurrogatePair) {
   Stream stream;
   stream << std::u16string(kMaxUnits - 1, u'a') << u"\xD83D\xDE00";
   EXPECT_EQ(0xD83D, Text().back());

@@ -65,7 +65,7 @@ TEST_F(ExceptionsTest, Check_ThrowsTheCodeWithoutAText) {
                                 [] { metalayer::Throw(SAGLEME_NOT_PREPARED); });
 }
 
-TEST_F(ExceptionsTest, Arguments) {
+TEST_F(ExceptionsTest, Arguments_HaveTheirTexts) {
   Expect<BadArg>(SAGLEME_BAD_ARGUMENT, u"Argument name is null.",
                  [] { CheckPtrArg(nullptr, u"name"); });
   Expect<BadArg>(SAGLEME_BAD_ARGUMENT, u"Argument name is null.",
@@ -80,7 +80,7 @@ TEST_F(ExceptionsTest, Arguments) {
                  [] { ThrowTooManyColumns(u"T"); });
 }
 
-TEST_F(ExceptionsTest, Tokens) {
+TEST_F(ExceptionsTest, Tokens_HaveTheirTexts) {
   Expect<BadArg>(SAGLEME_TOKEN_NOT_FOUND, u"Token for name N not found.",
                  [] { ThrowTokenNotFound(u"N"); });
   Expect<BadArg>(SAGLEME_TOKEN_NOT_FOUND, u"Token for id 18446744073709551615 not found.",
@@ -89,12 +89,12 @@ TEST_F(ExceptionsTest, Tokens) {
                  [] { ThrowTokenNotFound(static_cast<char16_t const*>(nullptr)); });
 }
 
-TEST_F(ExceptionsTest, LayoutId) {
+TEST_F(ExceptionsTest, LayoutId_HasItsText) {
   Expect<BadArg>(SAGLEME_LAYOUT_NOT_FOUND, u"No table is associated with layout id 65535.",
                  [] { ThrowTableNotFound(65535); });
 }
 
-TEST_F(ExceptionsTest, TablesThatAreMissingOrThere) {
+TEST_F(ExceptionsTest, MissingAndExistingTables_HaveTheirTexts) {
   ExpectTable(SAGLEME_TABLE_NOT_FOUND, u"Table T not found.", [] { ThrowNonexistentTable(u"T"); });
   EXPECT_EQ(u"T", Expect<BadNewTableArg>(SAGLEME_TABLE_EXISTS, u"Table T already exists.", [] {
                     ThrowNamedTableAlreadyExists(u"T");
@@ -104,7 +104,7 @@ TEST_F(ExceptionsTest, TablesThatAreMissingOrThere) {
                   })->table);
 }
 
-TEST_F(ExceptionsTest, TablesThatAreHeld) {
+TEST_F(ExceptionsTest, TablesInUse_HaveTheirTexts) {
   ExpectTable(SAGLEME_TABLE_NOT_EMPTY, u"Table T still contains data.",
               [] { ThrowTableContainsData(u"T"); });
   ExpectTable(SAGLEME_TABLE_NOT_EMPTY, u"Table T still has index I.",
@@ -127,7 +127,7 @@ TEST_F(ExceptionsTest, Children_AreCountedInWords) {
               [] { ThrowTableHasChildren(u"T", u"X", 0); });
 }
 
-TEST_F(ExceptionsTest, SchemasThatDiffer) {
+TEST_F(ExceptionsTest, SchemasThatDiffer_HaveTheirTexts) {
   ExpectTable(SAGLEME_SCHEMA_MISMATCH,
               u"The existing base type of 'T' is different than the given base type.",
               [] { ThrowBaseTypeMismatch(u"T"); });
@@ -144,7 +144,7 @@ TEST_F(ExceptionsTest, SchemasThatDiffer) {
               [] { ThrowColumnDoesNotMatch(u"T", u"C"); });
 }
 
-TEST_F(ExceptionsTest, NamesThatMatchTwice) {
+TEST_F(ExceptionsTest, AmbiguousNames_HaveTheirTexts) {
   ExpectTable(SAGLEME_AMBIGUOUS_NAME, u"Incomplete table name T matches more than one table: A, B.",
               [] { ThrowSqlAmbiguousType(u"T", u"A", u"B", false); });
   ExpectTable(SAGLEME_AMBIGUOUS_NAME,
@@ -163,7 +163,7 @@ TEST_F(ExceptionsTest, NamesThatMatchTwice) {
       [] { ThrowAmbiguousIncompleteReverseUid(u"U", u"A", u"B", false); });
 }
 
-TEST_F(ExceptionsTest, Columns) {
+TEST_F(ExceptionsTest, Columns_HaveTheirTexts) {
   ExpectColumn<BadColumnArg>(SAGLEME_COLUMN_NOT_FOUND,
                              u"Column C isn't found in table T and ancestor tables.",
                              [] { ThrowColumnNotFound(u"T", u"C"); });
@@ -173,7 +173,7 @@ TEST_F(ExceptionsTest, Columns) {
                              [] { ThrowColumnIsInherited(u"T", u"C"); });
 }
 
-TEST_F(ExceptionsTest, ColumnThatMustBeNullable_IsToldWithoutItsTable) {
+TEST_F(ExceptionsTest, ColumnThatMustBeNullable_IsReportedWithoutItsTable) {
   ExpectColumn<BadNewColumnArg>(SAGLEME_COLUMN_NOT_NULLABLE, u"Column C must be nullable.",
                                 [] { ThrowColumnTypeMustBeNullable(u"T", u"C"); });
 }
@@ -200,7 +200,7 @@ TEST_F(ExceptionsTest, ColumnHeldByMappings_IsCountedInWords) {
                              [] { ThrowColumnIsMapped(u"T", u"C", u"M", u"X", 9); });
 }
 
-TEST_F(ExceptionsTest, Indexes) {
+TEST_F(ExceptionsTest, Indexes_HaveTheirTexts) {
   auto const index_of = [](unsigned int code, u16string const& text, auto const& raise) {
     return Expect<BadIndexArg>(code, text, raise).value().index;
   };

@@ -95,7 +95,7 @@ TEST_F(ExportedFramesTest, ForeignExceptions_LeaveTheCallWithTheCallersContextBa
   expect_thrown(42);
 }
 
-TEST_F(ExportedFramesTest, LazyCallWithoutWords_LeavesTheTextAndTheRequest) {
+TEST_F(ExportedFramesTest, LazyCallWithoutText_LeavesTheTextAndTheRequest) {
   EXPECT_EQ(SAGLEME_BAD_ARGUMENT, lorv_setspec_name_by_setspec_ref(kInner, 0, 0, &name_));
   AnswerBy([] { return kStatus; });
   EXPECT_EQ(kStatus, CallLazy());

@@ -120,10 +120,10 @@ TYPED_TEST(FrameTest, NextFailuresText_ReplacesTheOldOne) {
 
 // ---- what differs -------------------------------------------------------------------------------
 
-using EagerFrame = FrameTest<std::true_type>;
-using LazyFrame = FrameTest<std::false_type>;
+using EagerFrameTest = FrameTest<std::true_type>;
+using LazyFrameTest = FrameTest<std::false_type>;
 
-TEST_F(EagerFrame, EmptiesTheBufferAtEntry) {
+TEST_F(EagerFrameTest, Entry_EmptiesTheBuffer) {
   InFrame([] { Say(u"text"); });
   std::u16string inside;
   InFrame([&] { inside = TextOf(kInner); });
@@ -131,7 +131,7 @@ TEST_F(EagerFrame, EmptiesTheBufferAtEntry) {
   EXPECT_EQ(u"(null)", TextOf(kInner));
 }
 
-TEST_F(EagerFrame, LeavesTheClearRequestAlone) {
+TEST_F(EagerFrameTest, ClearRequest_IsLeftAlone) {
   InFrame([] {});
   EXPECT_EQ(0, metalayer::tls_clear_errbuf);
   metalayer::request_clear_errbuf();
@@ -139,7 +139,7 @@ TEST_F(EagerFrame, LeavesTheClearRequestAlone) {
   EXPECT_EQ(1, metalayer::tls_clear_errbuf);
 }
 
-TEST_F(LazyFrame, ThatWritesNothing_LeavesTheOldTextAndTheRequest) {
+TEST_F(LazyFrameTest, FrameThatWritesNothing_LeavesTheOldTextAndTheRequest) {
   InFrame([] { Say(u"text"); });
   InFrame([] { metalayer::Throw(1); });
   EXPECT_EQ(u"text", TextOf(kInner));
@@ -151,7 +151,7 @@ TEST_F(LazyFrame, ThatWritesNothing_LeavesTheOldTextAndTheRequest) {
 
 // ---- the exported functions' side ---------------------------------------------------------------
 
-TEST_F(EagerFrame, FailedCallsText_IsGoneAfterTheNextCallThatSucceeds) {
+TEST_F(EagerFrameTest, FailedCallsText_IsGoneAfterTheNextCallThatSucceeds) {
   EXPECT_EQ(SAGLEME_BAD_ARGUMENT, lorv_setspec_name_by_setspec_ref(kInner, 0, 0, nullptr));
   EXPECT_EQ(u"The argument setspec_oid is zero.", TextOf(kInner));
   recording_kernel::Answer<&lorv_context_get_string>(
@@ -162,7 +162,7 @@ TEST_F(EagerFrame, FailedCallsText_IsGoneAfterTheNextCallThatSucceeds) {
   EXPECT_EQ(u"(null)", TextOf(kInner));
 }
 
-TEST_F(EagerFrame, FailedCall_LeavesItsOutputAlone) {
+TEST_F(EagerFrameTest, FailedCall_LeavesItsOutputAlone) {
   recording_kernel::Answer<&lorv_context_get_string>(
       [](uint64_t, uint64_t, uint64_t, uint32_t, LORV_STRING**) { return LORV_STATUS_NO_OBJECT; });
   char16_t const* name = u"untouched";
@@ -170,7 +170,7 @@ TEST_F(EagerFrame, FailedCall_LeavesItsOutputAlone) {
   EXPECT_EQ(u"untouched", std::u16string(name));
 }
 
-TEST_F(EagerFrame, FramelessBooleans_PassTheirArgumentsOn) {
+TEST_F(EagerFrameTest, FramelessBooleans_PassTheirArgumentsOn) {
   recording_kernel::Answer<&lorv_context_get_ulong>(
       [](uint64_t, uint64_t, uint64_t, uint32_t, uint64_t* out) {
         *out = 5;
@@ -190,9 +190,9 @@ TEST_F(EagerFrame, FramelessBooleans_PassTheirArgumentsOn) {
   EXPECT_EQ((std::vector<uint64_t>{kInner, 1, 2, 3, 0}), calls.at(2).numbers);
 }
 
-TEST_F(EagerFrame, Version_NeedsNoContext) { EXPECT_EQ(9u, lorv_get_metaschema_version()); }
+TEST_F(EagerFrameTest, Version_NeedsNoContext) { EXPECT_EQ(9u, lorv_get_metaschema_version()); }
 
-TEST_F(EagerFrame, GenerationBeforeStartUp_ThrowsTheKernelsFailure) {
+TEST_F(EagerFrameTest, GenerationBeforeStartUp_ThrowsTheKernelsFailure) {
   recording_kernel::Answer<&lorv_context_get_ulong>(
       [](uint64_t, uint64_t, uint64_t, uint32_t, uint64_t*) { return LORV_STATUS_NO_OBJECT; });
   recording_kernel::Record();
@@ -206,7 +206,7 @@ TEST_F(EagerFrame, GenerationBeforeStartUp_ThrowsTheKernelsFailure) {
   EXPECT_EQ((std::vector<uint64_t>{kOuter, 0, 0, 3}), recording_kernel::Calls().at(0).numbers);
 }
 
-TEST(FatalErrorDeathTest, EndsTheProcess) {
+TEST(FatalErrorDeathTest, FatalError_EndsTheProcess) {
   EXPECT_EXIT(metalayer::FatalError(), ::testing::KilledBySignal(SIGABRT), "");
 }
 

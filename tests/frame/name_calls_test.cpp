@@ -52,21 +52,21 @@ TEST_F(NameCallsTest, AssureToken_CountsUpByOne) {
   EXPECT_EQ(first + 1, Assured(u"second word"));
 }
 
-TEST_F(NameCallsTest, AssureToken_OfANameTooLongForAKey_IsRefused) {
+TEST_F(NameCallsTest, AssureToken_NameTooLongForAKey_IsRefused) {
   std::u16string const name(2000, u'n');
   uint64_t token = 7;
   ExpectRefused(SAGLEME_NAME_TOO_LONG, u"", lorv_assure_token(context(), name.c_str(), &token));
   EXPECT_EQ(7u, token);
 }
 
-TEST_F(NameCallsTest, GetToken_OfAWord_IsItsNumber) {
+TEST_F(NameCallsTest, GetToken_Word_IsItsNumber) {
   uint64_t const token = Assured(u"word");
   uint64_t found = 0;
   ExpectOk(lorv_get_token(context(), u"word", &found));
   EXPECT_EQ(token, found);
 }
 
-TEST_F(NameCallsTest, GetToken_OfATable_IsItsLayoutsToken) {
+TEST_F(NameCallsTest, GetToken_Table_IsItsLayoutsToken) {
   MakeTable(u"App.Old");
   uint64_t const token = Assured(u"App.Old");
   ExpectOk(lorv_rename_table(context(), u"App.Old", u"App.New"));
@@ -77,7 +77,7 @@ TEST_F(NameCallsTest, GetToken_OfATable_IsItsLayoutsToken) {
   EXPECT_EQ(token, found);
 }
 
-TEST_F(NameCallsTest, GetToken_OfAnUnknownName_MakesNone) {
+TEST_F(NameCallsTest, GetToken_UnknownName_CreatesNone) {
   uint64_t token = 7;
   recording_kernel::Record();
   ExpectRefused(SAGLEME_TOKEN_NOT_FOUND, u"Token for name nobody not found.",
@@ -86,14 +86,14 @@ TEST_F(NameCallsTest, GetToken_OfAnUnknownName_MakesNone) {
   EXPECT_TRUE(recording_kernel::CallsOf("lorv_context_insert_system").empty());
 }
 
-TEST_F(NameCallsTest, GetToken_OfNoName_IsNotFound) {
+TEST_F(NameCallsTest, GetToken_NoName_IsNotFound) {
   uint64_t token = 7;
   ExpectRefused(SAGLEME_TOKEN_NOT_FOUND, u"Token for name  not found.",
                 lorv_get_token(context(), nullptr, &token));
 }
 
 // 990 bytes in chunks of 31 with their counts, the end of the text and the end mark: 1024 bytes.
-TEST_F(NameCallsTest, GetToken_OfTheLongestNameThatFitsAKey_IsLookedUp) {
+TEST_F(NameCallsTest, GetToken_LongestNameThatFitsAKey_IsLookedUp) {
   std::u16string const name(990, u'n');
   uint64_t const token = Assured(name.c_str());
   uint64_t found = 0;
@@ -101,7 +101,7 @@ TEST_F(NameCallsTest, GetToken_OfTheLongestNameThatFitsAKey_IsLookedUp) {
   EXPECT_EQ(token, found);
 }
 
-TEST_F(NameCallsTest, GetToken_OfANameOneByteTooLong_IsRefusedBeforeTheKernelIsAsked) {
+TEST_F(NameCallsTest, GetToken_NameOneByteTooLong_IsRefusedBeforeTheKernelIsAsked) {
   std::u16string const name(991, u'n');
   uint64_t token = 7;
   recording_kernel::Record();
@@ -112,7 +112,7 @@ TEST_F(NameCallsTest, GetToken_OfANameOneByteTooLong_IsRefusedBeforeTheKernelIsA
 
 using NameCallsDeathTest = NameCallsTest;
 
-TEST_F(NameCallsDeathTest, GetToken_OfATableWithoutALayout_EndsTheProcess) {
+TEST_F(NameCallsDeathTest, GetToken_TableWithoutALayout_EndsTheProcess) {
   MakeTable(u"App.T");
   EXPECT_EXIT(
       {
@@ -129,21 +129,21 @@ TEST_F(NameCallsTest, GetTokenName_ReadsTheTextBack) {
   EXPECT_EQ(u"word", Text(name));
 }
 
-TEST_F(NameCallsTest, GetTokenName_OfZero_IsNotFound) {
+TEST_F(NameCallsTest, GetTokenName_Zero_IsNotFound) {
   char16_t const* name = u"untouched";
   ExpectRefused(SAGLEME_TOKEN_NOT_FOUND, u"Token for id 0 not found.",
                 lorv_get_token_name(context(), 0, &name));
   EXPECT_EQ(u"untouched", Text(name));
 }
 
-TEST_F(NameCallsTest, GetTokenName_OfARowWithoutAText_IsNull) {
+TEST_F(NameCallsTest, GetTokenName_RowWithoutAText_IsNull) {
   Token::Insert(999999, nullptr);
   char16_t const* name = u"";
   ExpectOk(lorv_get_token_name(context(), 999999, &name));
   EXPECT_EQ(nullptr, name);
 }
 
-TEST_F(NameCallsTest, NamesOfTokens_ThatCannotBeRead_AreTheKernelsStatus) {
+TEST_F(NameCallsTest, NamesOfTokens_Unreadable_AreTheKernelsStatus) {
   uint64_t const token = Assured(u"word");
   char16_t const* name = u"untouched";
   for (auto const call :
@@ -154,7 +154,7 @@ TEST_F(NameCallsTest, NamesOfTokens_ThatCannotBeRead_AreTheKernelsStatus) {
   }
 }
 
-TEST_F(NameCallsTest, NameByToken_OfAPlainWord_IsTheWord) {
+TEST_F(NameCallsTest, NameByToken_PlainWord_IsTheWord) {
   char16_t const* name = nullptr;
   ExpectOk(lorv_get_table_name_by_token(context(), Assured(u"word"), &name));
   EXPECT_EQ(u"word", Text(name));
@@ -162,7 +162,7 @@ TEST_F(NameCallsTest, NameByToken_OfAPlainWord_IsTheWord) {
   EXPECT_EQ(u"word", Text(name));
 }
 
-TEST_F(NameCallsTest, NameByToken_OfARowsIdentity_IsTheNameOfTheRow) {
+TEST_F(NameCallsTest, NameByToken_RowsIdentity_IsTheNameOfTheRow) {
   MakeTable(u"App.T");
   RawView const view(RawView::ByRawViewPK2fullname(u"App.T"));
   std::u16string const id = sagleme_test::Utf16(std::to_string(view.oid));
@@ -171,7 +171,7 @@ TEST_F(NameCallsTest, NameByToken_OfARowsIdentity_IsTheNameOfTheRow) {
   EXPECT_EQ(u"App.T", Text(name));
 }
 
-TEST_F(NameCallsTest, NameByToken_OfADeletedRow_IsTheDecimalText) {
+TEST_F(NameCallsTest, NameByToken_DeletedRow_IsTheDecimalText) {
   LS_OBJ_REF const row = Token::Insert(999999, u"to be deleted");
   std::u16string const id = sagleme_test::Utf16(std::to_string(row.oid));
   uint64_t const token = Assured(id.c_str());
@@ -183,20 +183,20 @@ TEST_F(NameCallsTest, NameByToken_OfADeletedRow_IsTheDecimalText) {
   EXPECT_EQ(id, Text(name));
 }
 
-TEST_F(NameCallsTest, NameByToken_OfARowWithoutAText_IsNull) {
+TEST_F(NameCallsTest, NameByToken_RowWithoutAText_IsNull) {
   Token::Insert(999999, nullptr);
   char16_t const* name = u"";
   ExpectOk(lorv_get_column_name_by_token(context(), 999999, &name));
   EXPECT_EQ(nullptr, name);
 }
 
-TEST_F(NameCallsTest, NameByToken_OfAnUnknownToken_IsNotFound) {
+TEST_F(NameCallsTest, NameByToken_UnknownToken_IsNotFound) {
   char16_t const* name = nullptr;
   ExpectRefused(SAGLEME_TOKEN_NOT_FOUND, u"Token for id 88888888 not found.",
                 lorv_get_column_name_by_token(context(), 88888888, &name));
 }
 
-TEST_F(NameCallsTest, NameByToken_WhoseLookupFails_PassesTheStatusOut) {
+TEST_F(NameCallsTest, NameByToken_LookupFails_PassesTheStatusOut) {
   uint64_t const token = Assured(u"word");
   recording_kernel::FailNthOf("lorv_context_lookup", 1, LSCOREDB_IO_ERROR);
   char16_t const* name = nullptr;
@@ -221,7 +221,7 @@ TEST_F(NameCallsTest, SetspecOfATable_IsFoundByItsRowAndByItsName) {
   EXPECT_EQ(Text(by_row), Text(by_name));
 }
 
-TEST_F(NameCallsTest, SetspecOfWhatIsNoTable_IsTheNullReference) {
+TEST_F(NameCallsTest, SetspecOfNoTable_IsTheNullReference) {
   LS_OBJ_REF const word = Token::Insert(999999, u"word");
   uint64_t oid = 7;
   uint64_t addr = 7;
@@ -261,7 +261,7 @@ TEST_F(NameCallsTest, TableByLayout_IsFoundByTheCurrentOneAlone) {
 // ---- booleans
 // -----------------------------------------------------------------------------------
 
-TEST_F(NameCallsTest, PutBool_OfTwo_StoresOne) {
+TEST_F(NameCallsTest, PutBool_Two_StoresOne) {
   MakeTable(u"App.T");
   RawView const view(RawView::ByRawViewPK2fullname(u"App.T"));
   for (auto const& [given, stored] : {std::pair{0, 0u}, std::pair{2, 1u}, std::pair{1, 1u}}) {

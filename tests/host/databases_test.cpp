@@ -71,7 +71,7 @@ std::uint32_t StatusOf(std::function<void()> const& work) {
   return 0;
 }
 
-TEST(Databases, AProgramCopiesFromOneToTheOther) {
+TEST(DatabasesTest, Program_CopiesFromOneToTheOther) {
   Library from("", 3);
   Library to;
   from.Add({u"a", u"b", u"c"});
@@ -88,7 +88,7 @@ TEST(Databases, AProgramCopiesFromOneToTheOther) {
   EXPECT_EQ(to.Titles(), u"a!;b!;c!;");
 }
 
-TEST(Databases, WhatWasReadInOneIsRefusedInTheOther) {
+TEST(DatabasesTest, ValuesReadInOne_AreRefusedInTheOther) {
   Library first;
   Library second("", 3);
   second.Add({u"x"});
@@ -111,7 +111,7 @@ TEST(Databases, WhatWasReadInOneIsRefusedInTheOther) {
   EXPECT_EQ(std::get<std::u16string>(own.Get(u"Title")), u"x");
 }
 
-TEST(Databases, WhatWasReadBeforeTheCloseIsRefusedAfterIt) {
+TEST(DatabasesTest, ValuesReadBeforeTheClose_AreRefusedAfterIt) {
   std::string directory = (std::filesystem::temp_directory_path() / "sagleme-XXXXXX").string();
   ASSERT_NE(nullptr, mkdtemp(directory.data()));
   sagleme::TablePtr before;
@@ -130,7 +130,7 @@ TEST(Databases, WhatWasReadBeforeTheCloseIsRefusedAfterIt) {
   std::filesystem::remove_all(directory);
 }
 
-TEST(Databases, OneIsMadeWhileAnotherIsBeingMade) {
+TEST(DatabasesTest, Database_IsCreatedWhileAnotherIsBeingCreated) {
   std::unique_ptr<Library> inner;
   Database const outer = Database::InMemory([&](int step) {
     if (step == 3) inner = std::make_unique<Library>();
@@ -141,7 +141,7 @@ TEST(Databases, OneIsMadeWhileAnotherIsBeingMade) {
   EXPECT_FALSE(Transaction(context).Tables(true).empty());
 }
 
-TEST(Databases, ThreadsMakeAndUseTheirOwn) {
+TEST(DatabasesTest, Threads_CreateAndUseTheirOwn) {
   std::vector<std::thread> threads;
   for (int i = 0; i < 3; ++i) {
     threads.emplace_back([i] {

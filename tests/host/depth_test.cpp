@@ -8,7 +8,7 @@ namespace {
 
 std::u16string Level(int depth) { return u"App.T" + sagleme::ToUtf16(std::to_string(depth)); }
 
-TEST(Depth, EndsWithAStatusOfItsOwnAndLeavesTheRest) {
+TEST(DepthTest, TooDeepTree_EndsWithItsOwnStatusAndLeavesTheRest) {
   sagleme::Database const database = sagleme::Database::InMemory();
   sagleme::Context const context(database);
   int depth = 0;
@@ -37,7 +37,7 @@ TEST(Depth, EndsWithAStatusOfItsOwnAndLeavesTheRest) {
 }
 
 // Of a name that is too long nothing else is said.
-TEST(Depth, ALongName_IsNotTakenForDepth) {
+TEST(DepthTest, LongName_IsNotTakenForDepth) {
   sagleme::Database const database = sagleme::Database::InMemory();
   sagleme::Context const context(database);
   sagleme::Transaction transaction(context);

@@ -96,7 +96,7 @@ TEST_F(DroppedTableTest, ItsObjects_AreInNoRangeUntilVacuumRemovesThem) {
   EXPECT_EQ(2u, Count(Range::WithDropped(transaction, *transaction.table(u"App.Thing"))));
 }
 
-TEST_F(DroppedTableTest, ADropThatIsTakenBack_ShowsThemAgain) {
+TEST_F(DroppedTableTest, DropThatIsRolledBack_ShowsItsObjectsAgain) {
   Transaction transaction(context_);
   sagleme::Savepoint savepoint(transaction);
   sagleme::DropTable(transaction, u"App.Tool");
@@ -126,7 +126,7 @@ TEST_F(DroppedTableTest, DescriptionsFromBeforeTheDrop_MakeNoObjects) {
 }
 
 // Also one that looks like a failure of reading.
-TEST_F(DroppedTableTest, WhatAReportOfTheCheckThrows_ComesOut) {
+TEST_F(DroppedTableTest, ExceptionOfACheckReport_IsRethrown) {
   DropTool();
   Transaction transaction(context_);
   for (sagleme::VacuumRequest const& request : sagleme::VacuumRequests(transaction)) {
@@ -142,7 +142,7 @@ TEST_F(DroppedTableTest, WhatAReportOfTheCheckThrows_ComesOut) {
 }
 
 // As handles that were left stored them where a drop did not close its set.
-TEST_F(DroppedTableTest, ObjectsThatNoRequestSpeaksOf_AreFoundByTheCheckAndGoWithVacuum) {
+TEST_F(DroppedTableTest, ObjectsWithoutARequest_AreFoundByTheCheckAndRemovedByVacuum) {
   DropTool();
   {
     Transaction transaction(context_);

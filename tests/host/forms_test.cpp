@@ -117,7 +117,7 @@ class OpenOrCreateTest : public ::testing::Test {
   std::filesystem::path directory_;
 };
 
-TEST_F(OpenOrCreateTest, CreatesOnceAndOpensFromThenOn) {
+TEST_F(OpenOrCreateTest, FirstCall_CreatesAndLaterOnesOpen) {
   int steps = 0;
   auto const count = [&](int) { ++steps; };
   for (bool const first : {true, false}) {
@@ -131,7 +131,7 @@ TEST_F(OpenOrCreateTest, CreatesOnceAndOpensFromThenOn) {
   }
 }
 
-TEST_F(OpenOrCreateTest, EndsACreationThatWasCutOff) {
+TEST_F(OpenOrCreateTest, CreationCutOff_IsCompleted) {
   struct Cut {};
   EXPECT_THROW(sagleme::Database::Create(Path("db"),
                                          [](int step) {
@@ -179,7 +179,7 @@ TEST_F(OpenOrCreateTest, SeveralProcessesAtOnce_OpenOneDatabase) {
   }
 }
 
-TEST_F(OpenOrCreateTest, RefusesAFileInTheWay) {
+TEST_F(OpenOrCreateTest, FileInTheWay_IsRefused) {
   std::ofstream(Path("db")) << "text";
   EXPECT_THROW(sagleme::Database::OpenOrCreate(Path("db")), sagleme::Error);
 }

@@ -73,7 +73,7 @@ TEST_F(HostTest, Table_KnowsItsColumnsAndTheirOrigins) {
   EXPECT_EQ(27u, transaction.Tables(true).size());
 }
 
-TEST_F(HostTest, Properties_OfABase_ServeDescendants) {
+TEST_F(HostTest, Properties_OfTheBase_ServeDescendants) {
   sagleme::Transaction transaction(context_);
   auto thing = Make(transaction, "App.Thing", u"a", 1);
   auto tool = Make(transaction, "App.Tool", u"b", 2);
@@ -85,7 +85,7 @@ TEST_F(HostTest, Properties_OfABase_ServeDescendants) {
   EXPECT_EQ(transaction.table(u"App.Tool"), tool.table());
 }
 
-TEST_F(HostTest, Property_OfAnotherType_IsRefused) {
+TEST_F(HostTest, Property_AnotherType_IsRefused) {
   sagleme::Transaction transaction(context_);
   sagleme::TablePtr const thing = transaction.table(u"App.Thing");
   EXPECT_EQ(LSCOREDB_WRONG_TYPE,
@@ -96,7 +96,7 @@ TEST_F(HostTest, Property_OfAnotherType_IsRefused) {
             StatusOf([&] { object.Set(u"Name", std::u16string(u"a\0b", 3)); }));
 }
 
-TEST_F(HostTest, Ranges_OfATableASubtreeAndAnIndex) {
+TEST_F(HostTest, Ranges_TableSubtreeAndIndex_GiveTheirObjects) {
   sagleme::Transaction transaction(context_);
   Make(transaction, "App.Thing", u"b", 1);
   Make(transaction, "App.Tool", u"a", 3);
@@ -128,7 +128,7 @@ TEST_F(HostTest, IndexKey_LongerThanAnyBuffer_IsFound) {
   EXPECT_EQ(made.id(), found->id());
 }
 
-TEST_F(HostTest, Transaction_ThatIsNotCommitted_LeavesNothing) {
+TEST_F(HostTest, Transaction_NotCommitted_LeavesNothing) {
   {
     sagleme::Transaction transaction(context_);
     Make(transaction, "App.Thing", u"a", 1);
@@ -167,14 +167,14 @@ TEST_F(HostTest, SchemaChanges_ShowInTheSameTransaction) {
   EXPECT_EQ(nullptr, transaction.table(u"App.Tool")->FindColumn(u"Colour"));
 }
 
-TEST(HostDatabase, Open_WithoutADatabase_MakesNone) {
+TEST(HostDatabaseTest, Open_WithoutADatabase_CreatesNone) {
   auto const directory = std::filesystem::temp_directory_path() / "sagleme-host-none";
   std::filesystem::remove_all(directory);
   EXPECT_THROW(sagleme::Database::Open(directory.string()), sagleme::Error);
   EXPECT_FALSE(std::filesystem::exists(directory));
 }
 
-TEST(HostText, Utf8AndUtf16_GoBothWays) {
+TEST(HostTextTest, Utf8AndUtf16_GoBothWays) {
   for (std::u16string const& text :
        {std::u16string(u""), std::u16string(u"aé漢🙂"), std::u16string(1, char16_t{0xD83D}),
         std::u16string({char16_t{0xDE42}, u'a', char16_t{0xD83D}})}) {
@@ -185,7 +185,7 @@ TEST(HostText, Utf8AndUtf16_GoBothWays) {
   EXPECT_TRUE(sagleme::IsWellFormed(u"🙂"));
 }
 
-TEST(HostText, BadUtf8_IsRefusedWithItsPlace) {
+TEST(HostTextTest, BadUtf8_IsRefusedWithItsOffset) {
   for (char const* const text :
        {"a\x80", "a\xc0\x80", "a\xe0\x80\x80", "a\xf5\x80\x80\x80", "a\xc3"}) {
     try {

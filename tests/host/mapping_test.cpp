@@ -151,7 +151,7 @@ class MappingTest : public ::testing::Test {
   sagleme::Context context_;
 };
 
-TEST_F(MappingTest, DefineTables_MakesWhatTheMappingsSay) {
+TEST_F(MappingTest, DefineTables_CreatesTheMappedTables) {
   sagleme::Transaction transaction(context_, sagleme::Access::kReadOnly);
   auto const book = transaction.table("Library.Book");
   EXPECT_EQ(u"Library.Item", book->base);
@@ -175,7 +175,7 @@ TEST_F(MappingTest, DefineTables_Again_WritesNothing) {
   EXPECT_EQ(generation, transaction.Generation());
 }
 
-TEST_F(MappingTest, DefineTables_OfALaterStruct_AddsColumnsAndIndexes) {
+TEST_F(MappingTest, DefineTables_ExtendedStruct_AddsColumnsAndIndexes) {
   sagleme::Transaction transaction(context_);
   auto const object = sagleme::TableOf<Item>(transaction).Insert({"Kindred", 1979, {}});
   sagleme::DefineTables<LaterItem>(transaction);
@@ -188,7 +188,7 @@ TEST_F(MappingTest, DefineTables_OfALaterStruct_AddsColumnsAndIndexes) {
   EXPECT_EQ("Kindred;", Titles(items.Where(&LaterItem::loans, 3)));
 }
 
-TEST_F(MappingTest, DefineTables_OfAMisfit_KeepsNothingOfTheCall) {
+TEST_F(MappingTest, DefineTables_Misfit_KeepsNothingOfTheCall) {
   sagleme::Transaction transaction(context_);
   auto const [status, words] =
       Refusal([&] { sagleme::DefineTables<Sample, MisfitItem>(transaction); });
@@ -199,7 +199,7 @@ TEST_F(MappingTest, DefineTables_OfAMisfit_KeepsNothingOfTheCall) {
   EXPECT_EQ(nullptr, transaction.Find("App.Sample"));
 }
 
-TEST_F(MappingTest, TableOf_RefusesWhatTheDatabaseLacks) {
+TEST_F(MappingTest, TableOf_MissingInTheDatabase_IsRefused) {
   sagleme::Transaction transaction(context_);
   EXPECT_EQ(SAGLEME_TABLE_NOT_FOUND,
             Refusal([&] { sagleme::TableOf<Sample> const none(transaction); }).first);
@@ -268,7 +268,7 @@ TEST_F(MappingTest, Nulls_ReadAsNothingOrAsZero) {
   EXPECT_EQ(sagleme::Value(u""), object.Get("Wide"));
 }
 
-TEST_F(MappingTest, ANumberThatTheMemberCannotHold_IsTold) {
+TEST_F(MappingTest, NumberThatTheMemberCannotHold_IsReported) {
   sagleme::Transaction transaction(context_);
   sagleme::TableOf<Item> const items(transaction);
   auto object = items.Insert({"Old", 1, {}});
@@ -303,7 +303,7 @@ TEST_F(MappingTest, Queries_ReadStructsInTheOrderOfTheirIndex) {
   EXPECT_EQ(u"Library.Item", map.object.table()->name);
 }
 
-TEST_F(MappingTest, Queries_RefuseWhatNoIndexServes) {
+TEST_F(MappingTest, Queries_WithoutAnIndex_AreRefused) {
   sagleme::Transaction transaction(context_);
   sagleme::TableOf<Item> const items(transaction);
   auto const [status, words] = Refusal([&] { items.Where(&Item::lender, {}); });
@@ -324,7 +324,7 @@ TEST_F(MappingTest, Find_KnowsTheObjectsOfItsTablesAlone) {
   EXPECT_FALSE(books.Find(sagleme::ObjectId{std::uint64_t{1} << 60}).has_value());
 }
 
-TEST_F(MappingTest, ARefusedInsert_LeavesNoObject) {
+TEST_F(MappingTest, RefusedInsert_LeavesNoObject) {
   sagleme::Transaction transaction(context_);
   sagleme::TableOf<Item> const items(transaction);
   EXPECT_THROW(items.Insert({"\xFF", {}, {}}), sagleme::BadUtf8);
@@ -333,7 +333,7 @@ TEST_F(MappingTest, ARefusedInsert_LeavesNoObject) {
   EXPECT_EQ("", Titles(items.Matching("ItemByTitle")));
 }
 
-TEST_F(MappingTest, ARefusedWrite_ChangesNoMember) {
+TEST_F(MappingTest, RefusedWrite_ChangesNoMember) {
   sagleme::Transaction transaction(context_);
   sagleme::TableOf<Item> const items(transaction);
   auto const map = items.Insert({"Map", 1990, {}});

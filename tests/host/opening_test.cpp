@@ -38,12 +38,12 @@ class OpeningTest : public testing::Test {
   std::string path_;
 };
 
-TEST_F(OpeningTest, WhereThereIsNothing_SaysSo) {
+TEST_F(OpeningTest, MissingDatabase_IsReported) {
   EXPECT_EQ(std::to_string(LSCOREDB_NOT_A_DATABASE) + " There is no database in " + Path("d") + ".",
             Refusal(Path("d")));
 }
 
-TEST_F(OpeningTest, AFileThatTheSystemRefuses_IsNamedWithTheReason) {
+TEST_F(OpeningTest, FileThatTheSystemRefuses_IsNamedWithTheReason) {
   { Database const made = Database::Create(Path("d")); }
   std::filesystem::remove(Path("d/layouts.lock"));
   std::filesystem::create_directory(Path("d/layouts.lock"));
@@ -57,7 +57,7 @@ TEST_F(OpeningTest, AFileThatTheSystemRefuses_IsNamedWithTheReason) {
   }
 }
 
-TEST_F(OpeningTest, AFileThatIsNoDatabase_IsToldByItsDirectory) {
+TEST_F(OpeningTest, FileThatIsNoDatabase_IsReportedByItsDirectory) {
   std::filesystem::create_directory(Path("d"));
   std::ofstream(Path("d/data.mdb")) << std::string(20000, 'x');
   EXPECT_EQ(std::to_string(LSCOREDB_NOT_A_DATABASE) + " Cannot open the database in " + Path("d") +
@@ -65,7 +65,7 @@ TEST_F(OpeningTest, AFileThatIsNoDatabase_IsToldByItsDirectory) {
             Refusal(Path("d")));
 }
 
-TEST_F(OpeningTest, ADirectoryThatMayNotBeEntered_IsNamed) {
+TEST_F(OpeningTest, DirectoryThatMayNotBeEntered_IsNamed) {
   if (geteuid() != 0) {
     { Database const made = Database::Create(Path("d")); }
     ASSERT_EQ(0, chmod(Path("d").c_str(), 0));

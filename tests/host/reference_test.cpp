@@ -45,7 +45,7 @@ class ReferenceTest : public testing::Test {
   TablePtr thing_;
 };
 
-TEST_F(ReferenceTest, ToAnObjectOfTheTargetOrBelowIt_IsTaken) {
+TEST_F(ReferenceTest, ReferenceToTheTargetOrADescendant_IsTaken) {
   Object thing = Make(u"Thing");
   for (char16_t const* const table : {u"Person", u"Child"}) {
     Object const owner = Make(table);
@@ -58,7 +58,7 @@ TEST_F(ReferenceTest, ToAnObjectOfTheTargetOrBelowIt_IsTaken) {
   EXPECT_TRUE(IsNull(thing.Get(u"Owner")));
 }
 
-TEST_F(ReferenceTest, ToNoObject_IsRefusedAndLeavesTheOldValue) {
+TEST_F(ReferenceTest, ReferenceToNoObject_IsRefusedAndLeavesTheOldValue) {
   Object thing = Make(u"Thing");
   Object const owner = Make(u"Person");
   SetOwner(thing, owner.id());
@@ -71,14 +71,14 @@ TEST_F(ReferenceTest, ToNoObject_IsRefusedAndLeavesTheOldValue) {
   EXPECT_EQ(Value(owner.id()), thing.Get(u"Owner"));
 }
 
-TEST_F(ReferenceTest, ToADeletedObject_IsRefused) {
+TEST_F(ReferenceTest, ReferenceToADeletedObject_IsRefused) {
   Object thing = Make(u"Thing");
   Object owner = Make(u"Person");
   owner.Delete();
   EXPECT_THROW(SetOwner(thing, owner.id()), Error);
 }
 
-TEST_F(ReferenceTest, ToAnObjectOfAnotherTable_IsRefusedByName) {
+TEST_F(ReferenceTest, ReferenceToAnotherTable_IsRefusedByName) {
   Object thing = Make(u"Thing");
   std::string const text = TextOf([&] { SetOwner(thing, thing.id()); }, LSCOREDB_WRONG_TYPE);
   EXPECT_EQ("Column Owner of Thing refers to objects of Person, and object " +
@@ -88,7 +88,7 @@ TEST_F(ReferenceTest, ToAnObjectOfAnotherTable_IsRefusedByName) {
   EXPECT_NE("", TextOf([&] { thing.Set(u"Next", owner.id()); }, LSCOREDB_WRONG_TYPE));
 }
 
-TEST_F(ReferenceTest, ToAnObjectOfADroppedTable_IsRefused) {
+TEST_F(ReferenceTest, ReferenceToADroppedTable_IsRefused) {
   Object thing = Make(u"Thing");
   Object const owner = Make(u"Child");
   SetOwner(thing, owner.id());
@@ -97,7 +97,7 @@ TEST_F(ReferenceTest, ToAnObjectOfADroppedTable_IsRefused) {
   EXPECT_NE(std::string::npos, text.find("belongs to a table that was dropped")) << text;
 }
 
-TEST_F(ReferenceTest, AfterARenameOfTheTarget_StillLeadsToIt) {
+TEST_F(ReferenceTest, RenamedTarget_IsStillReferenced) {
   Object thing = Make(u"Thing");
   Property<ObjectId> const before(*thing_, u"Owner");
   RenameTable(transaction_, u"Person", u"Human");
@@ -107,7 +107,7 @@ TEST_F(ReferenceTest, AfterARenameOfTheTarget_StillLeadsToIt) {
   EXPECT_EQ(Value(owner.id()), thing.Get(u"Owner"));
 }
 
-TEST_F(ReferenceTest, WhoseTargetIsMadeLater_IsTakenOnceItIsThere) {
+TEST_F(ReferenceTest, TargetCreatedLater_IsTakenOnceItExists) {
   std::array const columns{ColumnSpec{u"Late", Type::kReference, true, u"Later"}};
   TablePtr const early = CreateTable(transaction_, u"Early", u"", columns);
   Object object = Object::Create(transaction_, *early);
@@ -120,7 +120,7 @@ TEST_F(ReferenceTest, WhoseTargetIsMadeLater_IsTakenOnceItIsThere) {
   EXPECT_THROW(object.Set(*early, late, any), Error);
 }
 
-TEST_F(ReferenceTest, WrittenByTheContractItself_IsFoundByTheCheck) {
+TEST_F(ReferenceTest, ReferenceWrittenByTheContract_IsFoundByTheCheck) {
   Object const thing = Make(u"Thing");
   auto const put = [&](std::uint64_t target) {
     ASSERT_EQ(0u, lorv_context_put_reference(context_.id(), thing.id().value, thing_->layout,

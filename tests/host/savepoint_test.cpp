@@ -105,7 +105,7 @@ TEST_F(SavepointTest, OlderOneRolledBackTo_EndsTheNewerOne) {
   EXPECT_EQ(u"", Names(transaction));
 }
 
-TEST_F(SavepointTest, OutlivesItsTransaction) {
+TEST_F(SavepointTest, Savepoint_OutlivesItsTransaction) {
   Transaction transaction(context_);
   Savepoint const savepoint(transaction);
   Make(transaction, u"App.Thing", u"a");
@@ -155,7 +155,7 @@ TEST_F(SavepointTest, HandlesOfATableThatWasTakenBack_DoNotServeTheNextOne) {
   EXPECT_EQ(u"final", Names(later));
 }
 
-TEST_F(SavepointTest, ADroppedTable_IsUsedAgainAfterARollback) {
+TEST_F(SavepointTest, DroppedTable_IsUsedAgainAfterARollback) {
   Transaction transaction(context_);
   CreateDerived(transaction, u"App.Tool");
   auto const kept = Make(transaction, u"App.Tool", u"kept");

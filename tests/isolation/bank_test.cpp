@@ -213,7 +213,7 @@ TEST_F(BankTest, IncrementsUnderContention_AreAllThere) {
 
 // All have begun before the first one commits: one of them wins, whatever the order is, and each of
 // the others is told of the conflict and succeeds when it tries again.
-TEST_F(BankTest, OfWritersThatMeet_OneWinsAndTheOthersSucceedLater) {
+TEST_F(BankTest, ConcurrentWriters_OneWinsAndTheOthersSucceedLater) {
   constexpr int kThreads = 8;
   std::barrier meet(kThreads);
   std::atomic<int> won = 0;

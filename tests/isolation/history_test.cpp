@@ -27,7 +27,7 @@ Record Made(Life const& life, std::vector<Read> reads, std::vector<Write> writes
 
 std::vector<std::string> One(std::string text) { return {std::move(text)}; }
 
-TEST(HistoryTest, OneAfterTheOther_IsAllowed) {
+TEST(HistoryTest, SerialTransactions_AreAllowed) {
   EXPECT_TRUE(
       Violations({Made({1, 10, 20}, {{kA, 0}}, {{kA, 0}}), Made({2, 30, 40}, {{kA, 1}}, {{kA, 1}}),
                   Made({3, 50, 60}, {{kA, 2}, {kA, 2}})})
@@ -97,7 +97,7 @@ TEST(HistoryTest, ConflictWithoutCause_IsFound) {
                         Made({2, 12, 22, Outcome::kConflict}, {{kB, 0}}, {{kB, 0}})}));
 }
 
-TEST(HistoryTest, ConflictWithWhatWasOverBefore_IsFound) {
+TEST(HistoryTest, ConflictWithAFinishedTransaction_IsFound) {
   EXPECT_EQ(One("transaction 2 was refused, and nobody had replaced version 1 of object 101"),
             Violations({Made({1, 10, 20}, {{kA, 0}}, {{kA, 0}}),
                         Made({2, 30, 40, Outcome::kConflict}, {{kA, 1}}, {{kA, 1}})}));
@@ -135,7 +135,7 @@ TEST(HistoryTest, OrderOfRealTime_IsPartOfIt) {
 }
 
 // What a transaction saw counts, whatever became of it.
-TEST(HistoryTest, ReadsOfWhoWasRefused_AreChecked) {
+TEST(HistoryTest, ReadsOfRefusedTransactions_AreChecked) {
   ExpectNoOrder({Made({1, 10, 20}, {{kA, 0}, {kB, 0}}, {{kA, 0}, {kB, 0}}),
                  Made({2, 19, 40, Outcome::kAbandoned}, {{kA, 1}, {kB, 0}})});
 }

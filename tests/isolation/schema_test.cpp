@@ -164,7 +164,7 @@ TEST_F(SchemaThreadsTest, TokensOfManyThreads_AreDistinctAndOnePerWord) {
 }
 
 // All have written the key before the first one commits.
-TEST_F(SchemaThreadsTest, OfEqualUniqueKeysThatMeet_OneIsCommitted) {
+TEST_F(SchemaThreadsTest, EqualUniqueKeysAtOnce_OneIsCommitted) {
   constexpr int kRounds = 50;
   {
     sagleme::Transaction transaction(context_);
@@ -238,7 +238,7 @@ TEST_F(SchemaThreadsTest, IndexesMadeWhileOthersInsert_MissNothing) {
 }
 
 // Objects made by a transaction that began before the index was there, and ended after it.
-TEST_F(SchemaThreadsTest, ObjectsOfOlderTransactions_EnterTheIndexAllTheSame) {
+TEST_F(SchemaThreadsTest, ObjectsOfOlderTransactions_EnterTheIndexAnyway) {
   sagleme::Context other(database_);
   sagleme::Transaction older(other);
   Oid const made = NewThing(older, 5).id().value;

@@ -44,13 +44,13 @@ void ExpectIndexes(TABLE_INFO_STATIC const& record, DefinedTable const& expected
   }
 }
 
-TEST(Definition, HasTwentyFiveTables) {
+TEST(DefinitionTest, Catalogue_HasTwentyFiveTables) {
   EXPECT_EQ(25u, nr_meta_table_inits());
   EXPECT_EQ(25u, nr_meta_table_inits_generated_from_json);
   EXPECT_EQ(25u, DefinedTables().size());
 }
 
-TEST(Definition, IsWhatIsWrittenDown) {
+TEST(DefinitionTest, Catalogue_MatchesTheWrittenDefinition) {
   for (std::size_t i = 0; i < DefinedTables().size(); ++i) {
     DefinedTable const& expected = DefinedTables()[i];
     TABLE_INFO_STATIC const& record = metaschema_init_generated_from_json[i];
@@ -65,7 +65,7 @@ TEST(Definition, IsWhatIsWrittenDown) {
   }
 }
 
-TEST(Definition, EveryTable_StandsBehindItsBase) {
+TEST(DefinitionTest, EveryTable_StandsBehindItsBase) {
   std::set<std::string> seen;
   for (TABLE_INFO_STATIC const& record : metaschema_init_generated_from_json) {
     EXPECT_TRUE(record.base_table == nullptr || seen.contains(Utf8(record.base_table)));
@@ -73,14 +73,14 @@ TEST(Definition, EveryTable_StandsBehindItsBase) {
   }
 }
 
-TEST(Definition, MetaData_HasNeitherColumnsNorIndexes) {
+TEST(DefinitionTest, MetaData_HasNeitherColumnsNorIndexes) {
   TABLE_INFO_STATIC const& record = metaschema_init_generated_from_json[3];
   EXPECT_EQ("MetaData", Utf8(record.name));
   EXPECT_EQ(nullptr, record.columns[0].name);
   EXPECT_EQ(nullptr, record.indexes[0].name);
 }
 
-TEST(Definition, OnlyTwoColumns_AreSigned) {
+TEST(DefinitionTest, OnlyTwoColumns_AreSigned) {
   std::set<std::string> names;
   for (TABLE_INFO_STATIC const& record : metaschema_init_generated_from_json) {
     for (COLUMN_INFO_STATIC const& column : record.columns) {
@@ -91,7 +91,7 @@ TEST(Definition, OnlyTwoColumns_AreSigned) {
 }
 
 // The ordinals that all code uses, against the ones written down.
-TEST(Definition, OrdinalConstants_AreTheWrittenOnes) {
+TEST(DefinitionTest, OrdinalConstants_AreTheWrittenOnes) {
   auto const ordinal = [](char const* table, char const* column) {
     for (DefinedColumn const& defined : Defined(table).columns) {
       if (defined.name == column) return static_cast<unsigned int>(defined.ordinal);

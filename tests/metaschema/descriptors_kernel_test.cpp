@@ -15,7 +15,7 @@ using namespace metalayer;
 
 auto const kTrap = ::testing::KilledBySignal(SIGABRT);
 
-class DescriptorsInDatabase : public DatabaseTest {
+class DescriptorsInDatabaseTest : public DatabaseTest {
  protected:
   // Creation has descriptors of its own, and only one set may exist at a time.
   void SetUp() override {
@@ -44,7 +44,7 @@ class DescriptorsInDatabase : public DatabaseTest {
   std::optional<MetaschemaInit> metaschema_;
 };
 
-TEST_F(DescriptorsInDatabase, EveryTable_VerifiesAgainstItsLayout) {
+TEST_F(DescriptorsInDatabaseTest, EveryTable_VerifiesAgainstItsLayout) {
   for (DefinedTable const& table : DefinedTables()) {
     TABLE_INFO& known = Known(Utf16(table.name).c_str());
     EXPECT_NO_THROW(known.verify()) << table.name;
@@ -52,7 +52,7 @@ TEST_F(DescriptorsInDatabase, EveryTable_VerifiesAgainstItsLayout) {
   }
 }
 
-TEST_F(DescriptorsInDatabase, CreatingWhatExists_WritesNothing) {
+TEST_F(DescriptorsInDatabaseTest, CreatingWhatExists_WritesNothing) {
   std::vector<std::string> const before = DumpObjects();
   for (DefinedTable const& table : DefinedTables()) {
     TABLE_INFO& known = Known(Utf16(table.name).c_str());
@@ -63,7 +63,7 @@ TEST_F(DescriptorsInDatabase, CreatingWhatExists_WritesNothing) {
   EXPECT_EQ("", Differences(before, DumpObjects()));
 }
 
-TEST_F(DescriptorsInDatabase, Root_ComparesTokenAndLayoutOnly) {
+TEST_F(DescriptorsInDatabaseTest, Root_ComparesTokenAndLayoutOnly) {
   TABLE_INFO& root = Known(u"MotherOfAllLayouts");
   LORVI_LAYOUT_INFO info = LayoutInfo(root);
   info.column_count = 77;
@@ -76,19 +76,19 @@ TEST_F(DescriptorsInDatabase, Root_ComparesTokenAndLayoutOnly) {
   EXPECT_EXIT(root.verify(&info), kTrap, "");
 }
 
-TEST_F(DescriptorsInDatabase, Root_TakesNoBase) {
+TEST_F(DescriptorsInDatabaseTest, Root_TakesNoBase) {
   TABLE_INFO const& root = Known(u"MotherOfAllLayouts");
   EXPECT_NO_THROW(root.verify_base_table(0));
   EXPECT_EXIT(root.verify_base_table(root.layout), kTrap, "");
 }
 
-TEST_F(DescriptorsInDatabase, TableWithoutOwnColumns_VerifiesByItsBasesCount) {
+TEST_F(DescriptorsInDatabaseTest, TableWithoutOwnColumns_VerifiesByItsBasesCount) {
   TABLE_INFO& table = Known(u"MetaData");
   EXPECT_EQ(3u, LayoutInfo(table).column_count);
   EXPECT_NO_THROW(table.verify());
 }
 
-TEST_F(DescriptorsInDatabase, LayoutThatDiffers_EndsTheProcess) {
+TEST_F(DescriptorsInDatabaseTest, LayoutThatDiffers_EndsTheProcess) {
   TABLE_INFO& table = Known(u"RawView");
   LORVI_LAYOUT_INFO const good = LayoutInfo(table);
   LORVI_LAYOUT_INFO info = good;
@@ -105,12 +105,12 @@ TEST_F(DescriptorsInDatabase, LayoutThatDiffers_EndsTheProcess) {
   EXPECT_EXIT(table.verify(&info), kTrap, "");
 }
 
-TEST_F(DescriptorsInDatabase, BaseLayoutThatIsUnknown_IsTheKernelsFailure) {
+TEST_F(DescriptorsInDatabaseTest, BaseLayoutThatIsUnknown_IsTheKernelsFailure) {
   TABLE_INFO& table = Known(u"RawView");
   EXPECT_THROW(table.verify_base_table(0xFFF0), db_util::db_exception);
 }
 
-TEST_F(DescriptorsInDatabase, ColumnThatDiffers_EndsTheProcess) {
+TEST_F(DescriptorsInDatabaseTest, ColumnThatDiffers_EndsTheProcess) {
   TABLE_INFO& table = Known(u"RawView");
   COLUMN_INFO column = *table.find_column(u"LayoutHandle");
   EXPECT_NO_THROW(column.verify(9));
@@ -122,13 +122,13 @@ TEST_F(DescriptorsInDatabase, ColumnThatDiffers_EndsTheProcess) {
   EXPECT_EXIT(column.verify(9), kTrap, "");
 }
 
-TEST_F(DescriptorsInDatabase, ColumnNullability_IsNotCompared) {
+TEST_F(DescriptorsInDatabaseTest, ColumnNullability_IsNotCompared) {
   COLUMN_INFO column = *Known(u"RawView").find_column(u"LayoutHandle");
   column.nullable = !column.nullable;
   EXPECT_NO_THROW(column.verify(9));
 }
 
-TEST_F(DescriptorsInDatabase, LayoutWithoutTable_IsZero) {
+TEST_F(DescriptorsInDatabaseTest, LayoutWithoutTable_IsZero) {
   TABLE_INFO_STATIC record{};
   record.name = u"Nothing";
   TABLE_INFO table;
@@ -140,7 +140,7 @@ TEST_F(DescriptorsInDatabase, LayoutWithoutTable_IsZero) {
 
 // ---- indexes ------------------------------------------------------------------------------------
 
-TEST_F(DescriptorsInDatabase, FirstIndex_TellsTheSetSpecifier) {
+TEST_F(DescriptorsInDatabaseTest, FirstIndex_GivesTheSetSpecifier) {
   INDEX_INFO& index = Known(u"RawView").indexes[0];
   std::u16string setspec;
   EXPECT_TRUE(index.load_metatable_index(&setspec));
@@ -148,7 +148,7 @@ TEST_F(DescriptorsInDatabase, FirstIndex_TellsTheSetSpecifier) {
   EXPECT_EQ(RawView::index_id_RawViewPK(), index.index_id);
 }
 
-TEST_F(DescriptorsInDatabase, LoadedIndex_IsNotAskedForAgain) {
+TEST_F(DescriptorsInDatabaseTest, LoadedIndex_IsNotAskedForAgain) {
   INDEX_INFO& index = Known(u"RawView").indexes[0];
   index.index_id = 5;
   std::u16string setspec;
@@ -156,13 +156,13 @@ TEST_F(DescriptorsInDatabase, LoadedIndex_IsNotAskedForAgain) {
   EXPECT_EQ(u"", setspec);
 }
 
-TEST_F(DescriptorsInDatabase, SetSpecifierThatDiffersInItsLastUnit_EndsTheProcess) {
+TEST_F(DescriptorsInDatabaseTest, SetSpecifierThatDiffersInItsLastUnit_EndsTheProcess) {
   INDEX_INFO& index = Known(u"RawView").indexes[0];
   std::u16string setspec = u"b~~a";
   EXPECT_EXIT(index.load_metatable_index(&setspec), kTrap, "");
 }
 
-TEST_F(DescriptorsInDatabase, IndexThatDiffers_EndsTheProcess) {
+TEST_F(DescriptorsInDatabaseTest, IndexThatDiffers_EndsTheProcess) {
   INDEX_INFO& index = Known(u"RawColumn").indexes[0];
   std::u16string setspec;
   ASSERT_TRUE(index.load_metatable_index(&setspec));
@@ -180,7 +180,7 @@ TEST_F(DescriptorsInDatabase, IndexThatDiffers_EndsTheProcess) {
   expect_trap([](LORVI_INDEX_INFO& info) { info.attribute_count = 1; });
 }
 
-TEST_F(DescriptorsInDatabase, IndexOverOtherColumnsThanNamed_EndsTheProcess) {
+TEST_F(DescriptorsInDatabaseTest, IndexOverOtherColumnsThanNamed_EndsTheProcess) {
   INDEX_INFO& index = Known(u"RawColumn").indexes[0];
   std::u16string setspec;
   ASSERT_TRUE(index.load_metatable_index(&setspec));
@@ -189,7 +189,7 @@ TEST_F(DescriptorsInDatabase, IndexOverOtherColumnsThanNamed_EndsTheProcess) {
   EXPECT_EXIT(index.verify(), kTrap, "");
 }
 
-TEST_F(DescriptorsInDatabase, IndexThatIsGone_VerifiesAsTheKernelsFailure) {
+TEST_F(DescriptorsInDatabaseTest, IndexThatIsGone_VerifiesAsTheKernelsFailure) {
   INDEX_INFO& index = Known(u"Vacuum").indexes[0];
   std::u16string setspec;
   ASSERT_TRUE(index.load_metatable_index(&setspec));
@@ -202,7 +202,7 @@ TEST_F(DescriptorsInDatabase, IndexThatIsGone_VerifiesAsTheKernelsFailure) {
   }
 }
 
-TEST_F(DescriptorsInDatabase, MissingIndex_IsCreatedOverTheTablesSet) {
+TEST_F(DescriptorsInDatabaseTest, MissingIndex_IsCreatedOverTheTablesSet) {
   INDEX_INFO& index = Known(u"Vacuum").indexes[0];
   std::u16string setspec = u"d~";
   ASSERT_EQ(0u, lorvi_context_drop_index(context(), Vacuum::index_id_VacuumTypeId()));
@@ -212,7 +212,7 @@ TEST_F(DescriptorsInDatabase, MissingIndex_IsCreatedOverTheTablesSet) {
   EXPECT_NO_THROW(index.verify());
 }
 
-TEST_F(DescriptorsInDatabase, IndexWithFewerColumnsThanCounted_EndsTheProcess) {
+TEST_F(DescriptorsInDatabaseTest, IndexWithFewerColumnsThanCounted_EndsTheProcess) {
   INDEX_INFO& index = Known(u"Vacuum").indexes[0];
   std::u16string setspec = u"d~";
   ASSERT_EQ(0u, lorvi_context_drop_index(context(), Vacuum::index_id_VacuumTypeId()));
@@ -220,7 +220,7 @@ TEST_F(DescriptorsInDatabase, IndexWithFewerColumnsThanCounted_EndsTheProcess) {
   EXPECT_EXIT(index.create_metatable_index(&setspec), kTrap, "");
 }
 
-TEST_F(DescriptorsInDatabase, IndexOverAColumnOfAnInvalidType_IsNotMade) {
+TEST_F(DescriptorsInDatabaseTest, IndexOverAColumnOfAnInvalidType_IsNotMade) {
   INDEX_INFO& index = Known(u"Vacuum").indexes[0];
   std::u16string setspec = u"d~";
   ASSERT_EQ(0u, lorvi_context_drop_index(context(), Vacuum::index_id_VacuumTypeId()));
@@ -239,7 +239,7 @@ TEST_F(DescriptorsInDatabase, IndexOverAColumnOfAnInvalidType_IsNotMade) {
 }
 
 // What lacks its layout or an index is passed over, and what stands behind it is readied.
-TEST_F(DescriptorsInDatabase, ReadyingClasses_PassesOverATableThatLacksAnIndex) {
+TEST_F(DescriptorsInDatabaseTest, ReadyingClasses_PassesOverATableThatLacksAnIndex) {
   ASSERT_EQ(0u, lorvi_context_drop_index(context(), Vacuum::index_id_VacuumTypeId()));
   *Vacuum::slots().index_ids[0] = 0;
   unsigned short const table_id = UserSchemaGeneration::metaclass_layout_handle();
@@ -249,7 +249,7 @@ TEST_F(DescriptorsInDatabase, ReadyingClasses_PassesOverATableThatLacksAnIndex) 
   EXPECT_EQ(table_id, UserSchemaGeneration::metaclass_layout_handle());
 }
 
-TEST_F(DescriptorsInDatabase, IndexOfAllocatedToken_IsFoundByIt) {
+TEST_F(DescriptorsInDatabaseTest, IndexOfAllocatedToken_IsFoundByIt) {
   TABLE_INFO& table = Known(u"RawView");
   unsigned long const token = assure_token(u"RawViewPK2fullname");
   EXPECT_EQ(&table.indexes[1], table.find_index_by_token(token));

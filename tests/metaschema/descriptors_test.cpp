@@ -11,14 +11,14 @@ namespace {
 
 using namespace metalayer;
 
-class Descriptors : public ::testing::Test {
+class DescriptorsTest : public ::testing::Test {
  protected:
   TABLE_INFO& Table(char16_t const* name) { return *MetaschemaInit::find_table(name); }
 
   MetaschemaInit metaschema_;
 };
 
-TEST_F(Descriptors, Names_FollowFromTheTableAndItsNamespace) {
+TEST_F(DescriptorsTest, Names_FollowFromTheTableAndItsNamespace) {
   TABLE_INFO const& view = Table(u"RawView");
   EXPECT_EQ("Lorvenstack.Metadata.RawView", Utf8(view.full_name));
   EXPECT_EQ("RawView.Metadata.Lorvenstack", Utf8(view.full_name_reversed));
@@ -29,7 +29,7 @@ TEST_F(Descriptors, Names_FollowFromTheTableAndItsNamespace) {
   EXPECT_EQ("RawColumn.Metadata.Internal.Lorvenstack", Utf8(column.full_name_reversed));
 }
 
-TEST_F(Descriptors, FullNamesBasesAndCounts_AreTheWrittenOnes) {
+TEST_F(DescriptorsTest, FullNamesBasesAndCounts_AreTheWrittenOnes) {
   for (std::size_t i = 0; i < DefinedTables().size(); ++i) {
     DefinedTable const& expected = DefinedTables()[i];
     TABLE_INFO const& table = MetaschemaInit::inits()[i];
@@ -45,7 +45,7 @@ TEST_F(Descriptors, FullNamesBasesAndCounts_AreTheWrittenOnes) {
   }
 }
 
-TEST_F(Descriptors, EveryOrdinal_LeadsToItsColumn) {
+TEST_F(DescriptorsTest, EveryOrdinal_LeadsToItsColumn) {
   for (DefinedTable const& expected : DefinedTables()) {
     TABLE_INFO const& table = Table(Utf16(expected.name).c_str());
     for (DefinedColumn const& defined : expected.columns) {
@@ -61,7 +61,7 @@ TEST_F(Descriptors, EveryOrdinal_LeadsToItsColumn) {
   }
 }
 
-TEST_F(Descriptors, InheritedColumns_BelongToTheTableThatDeclaresThem) {
+TEST_F(DescriptorsTest, InheritedColumns_BelongToTheTableThatDeclaresThem) {
   TABLE_INFO const& table = Table(u"ClrClass");
   EXPECT_EQ(&Table(u"MotherOfAllLayouts"), table.find_column(2)->table);
   EXPECT_EQ(u"__type_id", std::u16string(table.find_column(2)->name));
@@ -69,7 +69,7 @@ TEST_F(Descriptors, InheritedColumns_BelongToTheTableThatDeclaresThem) {
   EXPECT_EQ(u"Mapper", std::u16string(table.find_column(9)->name));
 }
 
-TEST_F(Descriptors, IndexColumns_AreResolvedThroughTheBases) {
+TEST_F(DescriptorsTest, IndexColumns_AreResolvedThroughTheBases) {
   INDEX_INFO const& index = Table(u"RawColumn").indexes[0];
   EXPECT_EQ(2, index.nr_columns);
   EXPECT_EQ(Table(u"Member").find_column(u"Table"), index.column_infos[0]);
@@ -78,7 +78,7 @@ TEST_F(Descriptors, IndexColumns_AreResolvedThroughTheBases) {
             Table(u"ClrPrimitiveType").indexes[0].column_infos[0]);
 }
 
-TEST_F(Descriptors, UnknownNames_FindNothing) {
+TEST_F(DescriptorsTest, UnknownNames_FindNothing) {
   EXPECT_EQ(nullptr, MetaschemaInit::table_by_name(u"rawview"));
   EXPECT_EQ(nullptr, MetaschemaInit::find_table(u""));
   EXPECT_EQ(nullptr, TABLE_INFO::find_table(u"Nothing"));
@@ -86,14 +86,14 @@ TEST_F(Descriptors, UnknownNames_FindNothing) {
   EXPECT_EQ(nullptr, Table(u"Table").find_column(u"LayoutHandle"));
 }
 
-TEST_F(Descriptors, Root_HasNoBase) {
+TEST_F(DescriptorsTest, Root_HasNoBase) {
   TABLE_INFO const& root = Table(u"MotherOfAllLayouts");
   EXPECT_EQ(nullptr, root.base);
   EXPECT_EQ(nullptr, root.base_table);
 }
 
 // The sense of this search is part of the interface.
-TEST_F(Descriptors, FindIndex_GivesTheFirstOfAnotherName) {
+TEST_F(DescriptorsTest, FindIndex_GivesTheFirstOfAnotherName) {
   TABLE_INFO const& vacuum = Table(u"Vacuum");
   EXPECT_EQ(nullptr, vacuum.find_index(u"VacuumTypeId"));
   EXPECT_EQ(&vacuum.indexes[0], vacuum.find_index(u"anything"));
@@ -102,20 +102,20 @@ TEST_F(Descriptors, FindIndex_GivesTheFirstOfAnotherName) {
   EXPECT_EQ(nullptr, Table(u"MetaData").find_index(u"TypeId"));
 }
 
-TEST_F(Descriptors, IndexOfAPredefinedToken_IsFoundByIt) {
+TEST_F(DescriptorsTest, IndexOfAPredefinedToken_IsFoundByIt) {
   TABLE_INFO& token = Table(u"Token");
   EXPECT_EQ(&token.indexes[0], token.find_index_by_token(6));
   EXPECT_EQ(&token.indexes[1], token.find_index_by_token(7));
   EXPECT_EQ(nullptr, token.find_index_by_token(8));
 }
 
-TEST_F(Descriptors, FillingAFullMap_LeavesItAlone) {
+TEST_F(DescriptorsTest, FillingAFullMap_LeavesItAlone) {
   TABLE_INFO* const before = MetaschemaInit::find_table(u"Index");
   MetaschemaInit::FillMetaTableInits();
   EXPECT_EQ(before, MetaschemaInit::find_table(u"Index"));
 }
 
-TEST(DescriptorLife, OutsideOfIt_NoTableIsFound) {
+TEST(DescriptorLifeTest, OutsideItsLife_FindsNoTable) {
   { MetaschemaInit const metaschema; }
   EXPECT_EQ(nullptr, MetaschemaInit::find_table(u"RawView"));
   EXPECT_EQ(nullptr, MetaschemaInit::inits());
@@ -123,11 +123,11 @@ TEST(DescriptorLife, OutsideOfIt_NoTableIsFound) {
   EXPECT_EQ(&MetaschemaInit::inits()[12], MetaschemaInit::find_table(u"RawView"));
 }
 
-TEST(DescriptorLife, MapWithoutDescriptors_EndsTheProcess) {
+TEST(DescriptorLifeTest, MapWithoutDescriptors_EndsTheProcess) {
   EXPECT_EXIT(MetaschemaInit::FillMetaTableInits(), ::testing::KilledBySignal(SIGABRT), "");
 }
 
-TEST_F(Descriptors, PredefinedTokens_ComeTableByTable) {
+TEST_F(DescriptorsTest, PredefinedTokens_ComeTableByTable) {
   std::vector<std::string> reported;
   MetaschemaInit::EnumPredefinedTokens([&reported](unsigned long token, char16_t const* text) {
     reported.push_back(std::to_string(token) + " " + Utf8(text));
@@ -152,7 +152,7 @@ TEST_F(Descriptors, PredefinedTokens_ComeTableByTable) {
 
 // ---- records that no table has ------------------------------------------------------------------
 
-TEST(Records, NullabilityOfAColumn_FollowsFromItsType) {
+TEST(RecordsTest, NullabilityOfAColumn_FollowsFromItsType) {
   for (unsigned char type = 1; type <= 10; ++type) {
     COLUMN_INFO column;
     column = COLUMN_INFO_STATIC{u"Some", 0, type, nullptr, type == 3};
@@ -160,7 +160,7 @@ TEST(Records, NullabilityOfAColumn_FollowsFromItsType) {
   }
 }
 
-TEST(Records, TypeOutOfRange_EndsTheProcess) {
+TEST(RecordsTest, TypeOutOfRange_EndsTheProcess) {
   for (int const type : {0, 11}) {
     COLUMN_INFO column;
     COLUMN_INFO_STATIC const record{u"Some", 0, static_cast<unsigned char>(type), nullptr, false};
@@ -175,7 +175,7 @@ TABLE_INFO_STATIC NamedTable(char16_t const* name) {
   return record;
 }
 
-TEST(Records, NamesUpToTheLimit_Fit) {
+TEST(RecordsTest, NamesUpToTheLimit_Fit) {
   // The longest form of a public table: "Lorvenstack.Raw." and "Lorvenstack.Metadata." before it.
   std::u16string const name(254 - 16 - 21, u'n');
   TABLE_INFO table;
@@ -183,20 +183,20 @@ TEST(Records, NamesUpToTheLimit_Fit) {
   EXPECT_EQ(254u, std::u16string(table.unique_identifier).size());
 }
 
-TEST(Records, NamesBeyondTheLimit_EndTheProcess) {
+TEST(RecordsTest, NamesBeyondTheLimit_EndTheProcess) {
   std::u16string const name(255 - 16 - 21, u'n');
   TABLE_INFO table;
   EXPECT_EXIT(table = NamedTable(name.c_str()), ::testing::KilledBySignal(SIGABRT), "");
 }
 
-TEST(Records, IndexOverAnUnknownColumn_EndsTheProcess) {
+TEST(RecordsTest, IndexOverAnUnknownColumn_EndsTheProcess) {
   TABLE_INFO_STATIC record = NamedTable(u"Some");
   record.indexes[0] = {u"SomePK", 0, 1, {u"Nothing"}};
   TABLE_INFO table;
   EXPECT_EXIT(table = record, ::testing::KilledBySignal(SIGABRT), "");
 }
 
-TEST(Records, ColumnOfAnInvalidType_CannotBeDefined) {
+TEST(RecordsTest, ColumnOfAnInvalidType_CannotBeDefined) {
   COLUMN_INFO column;
   column = COLUMN_INFO_STATIC{u"Some", 99, 3, nullptr, false};
   for (int const type : {0, 11}) {
@@ -211,7 +211,7 @@ TEST(Records, ColumnOfAnInvalidType_CannotBeDefined) {
   }
 }
 
-TEST(Records, DefinedColumns_CarryKernelTypeTokenAndNullability) {
+TEST(RecordsTest, DefinedColumns_CarryKernelTypeTokenAndNullability) {
   TABLE_INFO_STATIC record = NamedTable(u"Some");
   record.columns[0] = {u"Flag", 71, 10, nullptr, false};
   record.columns[1] = {u"Text", 72, 1, nullptr, false};

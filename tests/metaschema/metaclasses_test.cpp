@@ -22,7 +22,7 @@ unsigned int CodeOf(std::function<void()> const& call) {
 
 // ---- before any database ------------------------------------------------------------------------
 
-TEST(FreshProcess, Classes_KnowNothing) {
+TEST(FreshProcessTest, Classes_KnowNothing) {
   Database const database;
   *TlsMetalayerContext::Current() = database.context();
   EXPECT_TRUE(RawView::setspec().empty());
@@ -31,7 +31,7 @@ TEST(FreshProcess, Classes_KnowNothing) {
   EXPECT_EQ(0u, RawView::index_id_RawViewPK());
 }
 
-TEST(FreshProcess, InitWithoutTables_IsRefusedUntilTheyExist) {
+TEST(FreshProcessTest, InitWithoutTables_IsRefusedUntilTheyExist) {
   Database database;
   database.Begin();
   *TlsMetalayerContext::Current() = database.context();
@@ -42,7 +42,7 @@ TEST(FreshProcess, InitWithoutTables_IsRefusedUntilTheyExist) {
   EXPECT_EQ(0u, CodeOf([] { TokenMain::Init(); }));
 }
 
-TEST(FreshProcess, ClassOfATableThatComesLater_IsReadiedOnceItExists) {
+TEST(FreshProcessTest, ClassOfATableThatComesLater_IsReadiedOnceItExists) {
   constexpr int kYieldOfTokens = 5;
   Database database;
   ASSERT_EQ(0u, database.BootstrapUpTo(kYieldOfTokens));
@@ -58,9 +58,9 @@ TEST(FreshProcess, ClassOfATableThatComesLater_IsReadiedOnceItExists) {
 
 // ---- statics ------------------------------------------------------------------------------------
 
-class Metaclasses : public DatabaseTest {};
+class MetaclassesTest : public DatabaseTest {};
 
-TEST_F(Metaclasses, Init_IsAdditive) {
+TEST_F(MetaclassesTest, Init_IsAdditive) {
   unsigned short const table_id = RawView::metaclass_layout_handle();
   unsigned long const index_id = RawView::index_id_RawViewPK();
   EXPECT_EQ(table_id, RawView::Init(u"", 0));
@@ -72,7 +72,7 @@ TEST_F(Metaclasses, Init_IsAdditive) {
   EXPECT_EQ(index_id, RawView::index_id_RawViewPK());
 }
 
-TEST_F(Metaclasses, Init_LoadsWhatIsNotKnown) {
+TEST_F(MetaclassesTest, Init_LoadsWhatIsNotKnown) {
   unsigned short const table_id = Vacuum::metaclass_layout_handle();
   unsigned long const index_id = Vacuum::index_id_VacuumTypeId();
   *Vacuum::slots().table_id = 0;
@@ -81,19 +81,19 @@ TEST_F(Metaclasses, Init_LoadsWhatIsNotKnown) {
   EXPECT_EQ(index_id, Vacuum::index_id_VacuumTypeId());
 }
 
-TEST_F(Metaclasses, InitWithAMissingIndex_IsRefused) {
+TEST_F(MetaclassesTest, InitWithAMissingIndex_IsRefused) {
   ASSERT_EQ(0u, lorvi_context_drop_index(context(), Vacuum::index_id_VacuumTypeId()));
   *Vacuum::slots().index_ids[0] = 0;
   EXPECT_EQ(SAGLEME_INDEX_NOT_FOUND, CodeOf([] { Vacuum::Init(u"", 0); }));
 }
 
-TEST_F(Metaclasses, OldSpecifierIndex_IsNeverLoaded) {
+TEST_F(MetaclassesTest, OldSpecifierIndex_IsNeverLoaded) {
   SetSpecifier::Init(u"", 0);
   EXPECT_EQ(0u, SetSpecifier::index_id_TypeId());
   EXPECT_NE(0u, SetSpecifier::index_id_Type());
 }
 
-TEST_F(Metaclasses, InitsInTableOrder_GiveTheTableIds) {
+TEST_F(MetaclassesTest, InitsInTableOrder_GiveTheTableIds) {
   for (std::size_t i = 0; i < DefinedTables().size(); ++i) {
     LORVI_LAYOUT_INFO info{};
     uint32_t count = 1;
@@ -105,26 +105,26 @@ TEST_F(Metaclasses, InitsInTableOrder_GiveTheTableIds) {
 
 // ---- kernel ids ---------------------------------------------------------------------------------
 
-TEST_F(Metaclasses, IndexOfAnUnknownToken_IsNoFailure) {
+TEST_F(MetaclassesTest, IndexOfAnUnknownToken_IsNoFailure) {
   LORVI_INDEX_INFO info{};
   EXPECT_EQ(SAGLEME_INDEX_NOT_FOUND, get_index_info_by_token(999999, &info));
 }
 
-TEST_F(Metaclasses, KernelIds_AreFoundByNameAndToken) {
+TEST_F(MetaclassesTest, KernelIds_AreFoundByNameAndToken) {
   EXPECT_EQ(RawView::metaclass_layout_handle(), LoadTableId(8));
   EXPECT_EQ(RawView::metaclass_layout_handle(), LoadTableId(u"Lorvenstack.Metadata.RawView"));
   EXPECT_EQ(RawView::index_id_RawViewPK(), LoadIndexId(10));
   EXPECT_EQ(RawView::index_id_RawViewPK(), LoadIndexId(u"RawViewPK"));
 }
 
-TEST_F(Metaclasses, UnknownNames_AreRefusedAndGetTheirToken) {
+TEST_F(MetaclassesTest, UnknownNames_AreRefusedAndGetTheirToken) {
   EXPECT_EQ(SAGLEME_LAYOUT_NOT_FOUND, CodeOf([] { LoadTableId(u"No.Such.Table"); }));
   EXPECT_EQ(SAGLEME_INDEX_NOT_FOUND, CodeOf([] { LoadIndexId(u"NoSuchIndex"); }));
   EXPECT_FALSE(Token::ByInvariantName(u"No.Such.Table").is_null());
   EXPECT_FALSE(Token::ByInvariantName(u"NoSuchIndex").is_null());
 }
 
-TEST_F(Metaclasses, TwoIndexesOfOneToken_EndTheProcess) {
+TEST_F(MetaclassesTest, TwoIndexesOfOneToken_EndTheProcess) {
   LORVI_COLUMN_DEFINITION const columns[] = {{LORV_TYPE_STRING, 1, assure_token(u"TypeId")}, {}};
   unsigned long const token = assure_token(u"Twins");
   for (int i = 0; i < 2; ++i) {
@@ -137,7 +137,7 @@ TEST_F(Metaclasses, TwoIndexesOfOneToken_EndTheProcess) {
 
 // ---- rows ---------------------------------------------------------------------------------------
 
-TEST_F(Metaclasses, Insert_FillsEveryColumn) {
+TEST_F(MetaclassesTest, Insert_FillsEveryColumn) {
   LS_OBJ_REF const target{RawView::ByRawViewPK(RawView::metaclass_layout_handle())};
   LS_OBJ_REF const row =
       ReferenceRawColumn::Insert(target, u"Mine", target, true, false, true, 77, u"Target");
@@ -155,7 +155,7 @@ TEST_F(Metaclasses, Insert_FillsEveryColumn) {
   EXPECT_EQ(u"e~~~~", std::u16string(setspec->units, setspec->length));
 }
 
-TEST_F(Metaclasses, NarrowParameters_AreWidened) {
+TEST_F(MetaclassesTest, NarrowParameters_AreWidened) {
   LS_OBJ_REF const view =
       RawView::Insert(u"N", db_util::null_obj_ref, false, u"F", u"R", u"U", 0xFFFF);
   EXPECT_EQ(0xFFFFu, GetULong(view, RawView::kLayoutHandle));
@@ -165,13 +165,13 @@ TEST_F(Metaclasses, NarrowParameters_AreWidened) {
   EXPECT_EQ(column.oid, RawColumn::ByRawColumnPK(view, -1).oid);
 }
 
-TEST_F(Metaclasses, NullTextsAndReferences_StayNull) {
+TEST_F(MetaclassesTest, NullTextsAndReferences_StayNull) {
   LS_OBJ_REF const row = Index::Insert(nullptr, db_util::null_obj_ref, 0, 0);
   EXPECT_EQ(nullptr, db_record(row).get_string(Index::kName));
   EXPECT_EQ(0u, db_record(row).get_ref(Index::kTable).oid);
 }
 
-TEST_F(Metaclasses, InsertsWithoutCallers_Work) {
+TEST_F(MetaclassesTest, InsertsWithoutCallers_Work) {
   EXPECT_NE(0u, MotherOfAllLayouts::Insert().oid);
   EXPECT_NE(0u, MetaData::Insert().oid);
   EXPECT_NE(0u, DataType::Insert(u"D").oid);
@@ -190,7 +190,7 @@ TEST_F(Metaclasses, InsertsWithoutCallers_Work) {
   EXPECT_EQ(map.oid, db_record(mapped).get_ref(MappedProperty::kColumn).oid);
 }
 
-TEST_F(Metaclasses, InsertInAReadOnlyTransaction_IsTheKernelsFailure) {
+TEST_F(MetaclassesTest, InsertInAReadOnlyTransaction_IsTheKernelsFailure) {
   Rollback();
   ASSERT_EQ(0u, lscoredb_begin(context(), LSCOREDB_READ_ONLY_TRANSACTION));
   EXPECT_EQ(LSCOREDB_WRITE_REFUSED, CodeOf([] { Configuration::Insert(u"Some", 1); }));
@@ -198,7 +198,7 @@ TEST_F(Metaclasses, InsertInAReadOnlyTransaction_IsTheKernelsFailure) {
 
 // ---- lookups ------------------------------------------------------------------------------------
 
-TEST_F(Metaclasses, LookupsThatFindNothing_AreNoFailure) {
+TEST_F(MetaclassesTest, LookupsThatFindNothing_AreNoFailure) {
   EXPECT_TRUE(RawView::ByRawViewPK(0).is_null());
   EXPECT_TRUE(RawView::ByRawViewPK2fullname(nullptr).is_null());
   EXPECT_TRUE(RawView::ByRawViewPK2fullname(u"").is_null());
@@ -206,7 +206,7 @@ TEST_F(Metaclasses, LookupsThatFindNothing_AreNoFailure) {
   EXPECT_TRUE(Configuration::ByConfigurationParameter(u"metaschemaversion").is_null());
 }
 
-TEST_F(Metaclasses, InheritedColumn_IsFoundAsAMemberOfTheTable) {
+TEST_F(MetaclassesTest, InheritedColumn_IsFoundAsAMemberOfTheTable) {
   RawView const view = RawView::ByRawViewPK2fullname(u"Lorvenstack.Metadata.RawView");
   Member const member = Member::ByMemberPK(view, u"FullName");
   ASSERT_FALSE(member.is_null());
@@ -216,7 +216,7 @@ TEST_F(Metaclasses, InheritedColumn_IsFoundAsAMemberOfTheTable) {
   EXPECT_TRUE(Member::ByMemberPK(view, u"fullname").is_null());
 }
 
-TEST_F(Metaclasses, EveryLookup_FindsItsRow) {
+TEST_F(MetaclassesTest, EveryLookup_FindsItsRow) {
   RawView const view = RawView::ByRawViewPK(Index::metaclass_layout_handle());
   EXPECT_EQ(view.oid, RawView::ByRawViewPK2fullname(u"Lorvenstack.Metadata.Index").oid);
   EXPECT_EQ(view.oid, Table::ByTablePK(u"Index.Metadata.Lorvenstack.Raw.Lorvenstack").oid);
@@ -229,7 +229,7 @@ TEST_F(Metaclasses, EveryLookup_FindsItsRow) {
   EXPECT_EQ(view.oid, Index::ByIndexPK(u"IndexPK").get_ref(Index::kTable).oid);
 }
 
-TEST_F(Metaclasses, KeyThatDoesNotFit_IsRefused) {
+TEST_F(MetaclassesTest, KeyThatDoesNotFit_IsRefused) {
   std::u16string const name(2000, u'n');
   EXPECT_EQ(SAGLEME_NAME_TOO_LONG,
             CodeOf([&name] { RawView::ByRawViewPK2fullname(name.c_str()); }));

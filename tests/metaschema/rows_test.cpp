@@ -14,7 +14,7 @@ using namespace metalayer;
 
 auto const kTrap = ::testing::KilledBySignal(SIGABRT);
 
-class SystemRows : public DatabaseTest {
+class SystemRowsTest : public DatabaseTest {
  protected:
   // Creation has descriptors of its own, and only one set may exist at a time.
   void SetUp() override {
@@ -39,7 +39,7 @@ class SystemRows : public DatabaseTest {
   std::optional<MetaschemaInit> metaschema_;
 };
 
-TEST_F(SystemRows, WrittenTwice_StayAsTheyAre) {
+TEST_F(SystemRowsTest, WrittenTwice_StayAsTheyAre) {
   std::vector<std::string> const before = DumpObjects();
   MetaPopul8r populator(true);
   for (DefinedTable const& defined : DefinedTables()) {
@@ -51,7 +51,7 @@ TEST_F(SystemRows, WrittenTwice_StayAsTheyAre) {
   EXPECT_EQ("", Differences(before, DumpObjects()));
 }
 
-TEST_F(SystemRows, FoundView_IsTaken) {
+TEST_F(SystemRowsTest, FoundView_IsTaken) {
   TABLE_INFO& table = Known(u"Index");
   LS_OBJ_REF const view = table.raw_view;
   table.raw_view = db_util::null_obj_ref;
@@ -59,13 +59,13 @@ TEST_F(SystemRows, FoundView_IsTaken) {
   EXPECT_EQ(view.oid, table.raw_view.oid);
 }
 
-TEST_F(SystemRows, AnotherViewThanTheFoundOne_EndsTheProcess) {
+TEST_F(SystemRowsTest, AnotherViewThanTheFoundOne_EndsTheProcess) {
   TABLE_INFO& table = Known(u"Index");
   table.raw_view = View(u"Lorvenstack.Metadata.Table");
   EXPECT_EXIT(table.populate_raw_view(), kTrap, "");
 }
 
-TEST_F(SystemRows, MissingView_IsWrittenAndOwnsItsSpecifier) {
+TEST_F(SystemRowsTest, MissingView_IsWrittenAndOwnsItsSpecifier) {
   TABLE_INFO& table = Known(u"Index");
   DeleteRow(table.raw_view);
   SetSpecifier const specifier = Specifier(u"f~");
@@ -80,26 +80,26 @@ TEST_F(SystemRows, MissingView_IsWrittenAndOwnsItsSpecifier) {
   EXPECT_EQ(view.oid, specifier.get_ref(SetSpecifier::kType).oid);
 }
 
-TEST_F(SystemRows, OwnerlessSpecifier_IsTied) {
+TEST_F(SystemRowsTest, OwnerlessSpecifier_IsTied) {
   TABLE_INFO& table = Known(u"Index");
   PutRef(Specifier(u"f~"), SetSpecifier::kType, db_util::null_obj_ref);
   table.populate_raw_view();
   EXPECT_EQ(table.raw_view.oid, Specifier(u"f~").get_ref(SetSpecifier::kType).oid);
 }
 
-TEST_F(SystemRows, SpecifierOfAnotherTable_EndsTheProcess) {
+TEST_F(SystemRowsTest, SpecifierOfAnotherTable_EndsTheProcess) {
   TABLE_INFO& table = Known(u"Index");
   PutRef(Specifier(u"f~"), SetSpecifier::kType, Configuration::Insert(u"Some", 1));
   EXPECT_EXIT(table.populate_raw_view(), kTrap, "");
 }
 
-TEST_F(SystemRows, MissingSpecifier_EndsTheProcess) {
+TEST_F(SystemRowsTest, MissingSpecifier_EndsTheProcess) {
   TABLE_INFO& table = Known(u"Index");
   table.setspec = u"nowhere~";
   EXPECT_EXIT(table.populate_raw_view(), kTrap, "");
 }
 
-TEST_F(SystemRows, BaseWithoutView_EndsTheProcess) {
+TEST_F(SystemRowsTest, BaseWithoutView_EndsTheProcess) {
   TABLE_INFO& table = Known(u"Index");
   DeleteRow(table.raw_view);
   table.raw_view = db_util::null_obj_ref;
@@ -109,7 +109,7 @@ TEST_F(SystemRows, BaseWithoutView_EndsTheProcess) {
 
 // ---- columns ------------------------------------------------------------------------------------
 
-TEST_F(SystemRows, FirstOwnColumn_IsTheSignThatAllWereWritten) {
+TEST_F(SystemRowsTest, FirstOwnColumn_IsTheSignThatAllWereWritten) {
   TABLE_INFO& table = Known(u"Index");
   DeleteRow(RawColumn::ByRawColumnPK(table.raw_view, 5));
   MetaPopul8r populator(true);
@@ -117,7 +117,7 @@ TEST_F(SystemRows, FirstOwnColumn_IsTheSignThatAllWereWritten) {
   EXPECT_TRUE(RawColumn::ByRawColumnPK(table.raw_view, 5).is_null());
 }
 
-TEST_F(SystemRows, MissingOwnColumns_AreWritten) {
+TEST_F(SystemRowsTest, MissingOwnColumns_AreWritten) {
   Known(u"RawView");  // which a column refers to
   TABLE_INFO& table = Known(u"Index");
   for (short ordinal = 3; ordinal <= 6; ++ordinal) {
@@ -135,7 +135,7 @@ TEST_F(SystemRows, MissingOwnColumns_AreWritten) {
 
 // ---- indexes ------------------------------------------------------------------------------------
 
-TEST_F(SystemRows, IndexRow_IsTheSignThatItsColumnsWereWritten) {
+TEST_F(SystemRowsTest, IndexRow_IsTheSignThatItsColumnsWereWritten) {
   TABLE_INFO& table = Known(u"Index");
   ddl::DropIndexedColumns(Index::ByIndexPK(u"IndexPK"));
   std::vector<std::string> const before = DumpObjects();
@@ -143,7 +143,7 @@ TEST_F(SystemRows, IndexRow_IsTheSignThatItsColumnsWereWritten) {
   EXPECT_EQ("", Differences(before, DumpObjects()));
 }
 
-TEST_F(SystemRows, MissingIndexRows_AreWritten) {
+TEST_F(SystemRowsTest, MissingIndexRows_AreWritten) {
   TABLE_INFO& table = Known(u"RawColumn");
   Index const old = Index::ByIndexPK(u"RawColumnPK");
   ddl::DropIndexedColumns(old);
@@ -156,7 +156,7 @@ TEST_F(SystemRows, MissingIndexRows_AreWritten) {
   EXPECT_EQ("", Differences(ExpectedCatalogue(), DescribeCatalogue()));
 }
 
-TEST_F(SystemRows, IndexOverAColumnWithoutRow_EndsTheProcess) {
+TEST_F(SystemRowsTest, IndexOverAColumnWithoutRow_EndsTheProcess) {
   TABLE_INFO& table = Known(u"Index");
   Index const old = Index::ByIndexPK(u"IndexPK");
   ddl::DropIndexedColumns(old);

@@ -19,7 +19,7 @@ unsigned long NumberOf(std::u16string const& letters) {
   return Setspec::spec2i(first, letters.crend());
 }
 
-TEST(ChildNumbers, AreBijectiveInBaseTwentyThree) {
+TEST(ChildNumbersTest, Letters_AreBijectiveInBaseTwentyThree) {
   EXPECT_EQ(u"", Setspec::i2spec(0));
   EXPECT_EQ(u"a", Setspec::i2spec(1));
   EXPECT_EQ(u"w", Setspec::i2spec(23));
@@ -31,12 +31,12 @@ TEST(ChildNumbers, AreBijectiveInBaseTwentyThree) {
   EXPECT_EQ(u"aaa", Setspec::i2spec(553));
 }
 
-TEST(ChildNumbers, ComeBackFromTheirLetters) {
+TEST(ChildNumbersTest, Numbers_ComeBackFromTheirLetters) {
   for (unsigned long n = 0; n < 13000; ++n) ASSERT_EQ(n, NumberOf(Setspec::i2spec(n))) << n;
   EXPECT_EQ(~0ul, NumberOf(Setspec::i2spec(~0ul)));
 }
 
-TEST(ChildNumbers, EndAtTheSeparator) {
+TEST(ChildNumbersTest, Letters_EndAtTheSeparator) {
   std::u16string const spec = u"b~aw";
   auto first = spec.crbegin();
   EXPECT_EQ(46u, Setspec::spec2i(first, spec.crend()));
@@ -44,9 +44,9 @@ TEST(ChildNumbers, EndAtTheSeparator) {
   EXPECT_EQ(0u, Setspec::spec2i(first, spec.crend()));
 }
 
-TEST(ChildNumbers, OfForeignUnits_AreNoFailure) { EXPECT_NO_THROW(NumberOf(u"a\u0416 9")); }
+TEST(ChildNumbersTest, ForeignUnits_AreNoFailure) { EXPECT_NO_THROW(NumberOf(u"a\u0416 9")); }
 
-TEST(Parents, AreUpToTheSeparatorBefore) {
+TEST(ParentsTest, Parent_EndsAtTheSeparatorBefore) {
   EXPECT_EQ(u"", ParentSetspec(u""));
   EXPECT_EQ(u"", ParentSetspec(u"~"));
   EXPECT_EQ(u"", ParentSetspec(u"a~"));
@@ -58,7 +58,7 @@ TEST(Parents, AreUpToTheSeparatorBefore) {
 
 // ---- in a database ------------------------------------------------------------------------------
 
-class Setspecs : public DatabaseTest {
+class SetspecsTest : public DatabaseTest {
  protected:
   SetSpecifier Row(char16_t const* setspec) { return SetSpecifier::ByTypeId_postV2_3(setspec); }
   unsigned long Children(char16_t const* setspec) {
@@ -68,7 +68,7 @@ class Setspecs : public DatabaseTest {
   RawView View(char16_t const* name) { return RawView::ByRawViewPK2fullname(name); }
 };
 
-TEST_F(Setspecs, Children_AreNumberedFromTheParentsCounter) {
+TEST_F(SetspecsTest, Children_AreNumberedFromTheParentsCounter) {
   EXPECT_EQ(9u, Children(u""));
   EXPECT_EQ(u"i~", NextSetspec(u"", db_util::null_obj_ref));
   EXPECT_EQ(u"j~", NextSetspec(u"", db_util::null_obj_ref));
@@ -78,7 +78,7 @@ TEST_F(Setspecs, Children_AreNumberedFromTheParentsCounter) {
   EXPECT_EQ(2u, Children(u"i~"));
 }
 
-TEST_F(Setspecs, ChildOfATable_ReferToItAndWithoutOneToItself) {
+TEST_F(SetspecsTest, ChildOfATable_ReferToItAndWithoutOneToItself) {
   RawView const view = View(u"Lorvenstack.Metadata.Index");
   std::u16string const own = NextSetspec(u"", db_util::null_obj_ref);
   EXPECT_EQ(Row(own.c_str()).oid, Owner(own.c_str()).oid);
@@ -88,11 +88,11 @@ TEST_F(Setspecs, ChildOfATable_ReferToItAndWithoutOneToItself) {
   EXPECT_EQ(view.oid, Owner(u"f~").oid);
 }
 
-TEST_F(Setspecs, ChildOfAnUnknownParent_EndsTheProcess) {
+TEST_F(SetspecsTest, ChildOfAnUnknownParent_EndsTheProcess) {
   EXPECT_EXIT(NextSetspec(u"nowhere~", db_util::null_obj_ref), kTrap, "");
 }
 
-TEST_F(Setspecs, SpecifierTooLongForAKey_IsRefused) {
+TEST_F(SetspecsTest, SpecifierTooLongForAKey_IsRefused) {
   try {
     NextSetspec(std::u16string(3000, u'w') + u"~", db_util::null_obj_ref);
     FAIL() << "the key fits";
@@ -101,7 +101,7 @@ TEST_F(Setspecs, SpecifierTooLongForAKey_IsRefused) {
   }
 }
 
-TEST_F(Setspecs, GlobalIndex_CoversATableWithItsSubtree) {
+TEST_F(SetspecsTest, GlobalIndex_CoversATableWithItsSubtree) {
   db_util::db_iter_with_keys objects;
   int views = 0;
   RangeGlobalSetspecIndex(u"b~~~", &objects);
@@ -113,7 +113,7 @@ TEST_F(Setspecs, GlobalIndex_CoversATableWithItsSubtree) {
   EXPECT_EQ(25 + 10, data_types);
 }
 
-TEST_F(Setspecs, GlobalIndex_KeepsLongerNumbersOfTheSameLetterApart) {
+TEST_F(SetspecsTest, GlobalIndex_KeepsLongerNumbersOfTheSameLetterApart) {
   // "b~" is no prefix of "bb~".
   LS_OBJ_REF const row = Configuration::Insert(u"Some", 1);
   ASSERT_EQ(0u, lorv_context_put_setspec(context(), row.oid, row.addr, u"bb~"));
@@ -124,7 +124,7 @@ TEST_F(Setspecs, GlobalIndex_KeepsLongerNumbersOfTheSameLetterApart) {
   EXPECT_EQ(row.oid, objects.current.oid);
 }
 
-TEST_F(Setspecs, EmptyRange_LeavesTheIteratorAtNothing) {
+TEST_F(SetspecsTest, EmptyRange_LeavesTheIteratorAtNothing) {
   db_util::db_iter_with_keys objects;
   RangeGlobalSetspecIndex(u"nowhere~", &objects);
   EXPECT_EQ(0u, objects.current.oid);
@@ -132,28 +132,28 @@ TEST_F(Setspecs, EmptyRange_LeavesTheIteratorAtNothing) {
 
 // ---- exported -----------------------------------------------------------------------------------
 
-TEST_F(Setspecs, NullReference_IsRefused) {
+TEST_F(SetspecsTest, NullReference_IsRefused) {
   char16_t const* name = u"before";
   ExpectRefused(SAGLEME_BAD_ARGUMENT, u"The argument setspec_oid is zero.",
                 lorv_setspec_name_by_setspec_ref(context(), 0, 77, &name));
   EXPECT_EQ(u"before", std::u16string(name));
 }
 
-TEST_F(Setspecs, NameOfASpecifierRow_IsItsText) {
+TEST_F(SetspecsTest, NameOfASpecifierRow_IsItsText) {
   SetSpecifier const row = Row(u"e~~");
   char16_t const* name = nullptr;
   ExpectOk(lorv_setspec_name_by_setspec_ref(context(), row.oid, row.addr, &name));
   EXPECT_EQ(u"e~~", std::u16string(name));
 }
 
-TEST_F(Setspecs, NameOfARowWithoutText_IsNull) {
+TEST_F(SetspecsTest, NameOfARowWithoutText_IsNull) {
   LS_OBJ_REF const row = SetSpecifier::Insert(nullptr, db_util::null_obj_ref, 0);
   char16_t const* name = u"before";
   ExpectOk(lorv_setspec_name_by_setspec_ref(context(), row.oid, row.addr, &name));
   EXPECT_EQ(nullptr, name);
 }
 
-TEST_F(Setspecs, SpecifierOfATable_IsFoundByItsRow) {
+TEST_F(SetspecsTest, SpecifierOfATable_IsFoundByItsRow) {
   RawView const view = View(u"Lorvenstack.Metadata.Column");
   unsigned long oid = 0;
   unsigned long addr = 0;
@@ -162,7 +162,7 @@ TEST_F(Setspecs, SpecifierOfATable_IsFoundByItsRow) {
   EXPECT_EQ(SetSpecifier::metaclass_layout_handle(), static_cast<uint16_t>(addr));
 }
 
-TEST_F(Setspecs, SpecifierOfARowThatIsNoTable_IsNull) {
+TEST_F(SetspecsTest, SpecifierOfARowThatIsNoTable_IsNull) {
   Token const row = Token::ByNameToken(1);
   unsigned long oid = 77;
   unsigned long addr = 77;
@@ -170,7 +170,7 @@ TEST_F(Setspecs, SpecifierOfARowThatIsNoTable_IsNull) {
   EXPECT_EQ(0u, oid);
 }
 
-TEST_F(Setspecs, SpecifierOfATable_IsFoundByItsReversedName) {
+TEST_F(SetspecsTest, SpecifierOfATable_IsFoundByItsReversedName) {
   char16_t const* name = nullptr;
   ExpectOk(lorv_setspec_name_by_table_incomplete_reverse_uid(context(), u"Column.Metadata", &name));
   EXPECT_EQ(u"e~~", std::u16string(name));
@@ -178,18 +178,18 @@ TEST_F(Setspecs, SpecifierOfATable_IsFoundByItsReversedName) {
 
 // ---- of system tables ---------------------------------------------------------------------------
 
-class SystemSetspecs : public Setspecs {
+class SystemSetspecsTest : public SetspecsTest {
  protected:
   // Creation has descriptors of its own, and only one set may exist at a time.
   void SetUp() override {
-    Setspecs::SetUp();
+    SetspecsTest::SetUp();
     metaschema_.emplace();
   }
   TABLE_INFO& Table(char16_t const* name) { return *MetaschemaInit::find_table(name); }
   std::optional<MetaschemaInit> metaschema_;
 };
 
-TEST_F(SystemSetspecs, KnownSpecifier_IsLeftAlone) {
+TEST_F(SystemSetspecsTest, KnownSpecifier_IsLeftAlone) {
   std::vector<std::string> const before = DumpObjects();
   Table(u"Index").setspec = u"f~";
   populate_setspec(Table(u"Index"));
@@ -197,13 +197,13 @@ TEST_F(SystemSetspecs, KnownSpecifier_IsLeftAlone) {
   EXPECT_EQ("", Differences(before, DumpObjects()));
 }
 
-TEST_F(SystemSetspecs, EmptySpecifier_IsTakenFromTheBase) {
+TEST_F(SystemSetspecsTest, EmptySpecifier_IsTakenFromTheBase) {
   populate_setspec(Table(u"Index"));
   EXPECT_EQ(u"i~", Table(u"Index").setspec);
   EXPECT_EQ(Row(u"i~").oid, Owner(u"i~").oid);
 }
 
-TEST_F(SystemSetspecs, SpecifierWithoutRow_TakesItsNumberFromTheParent) {
+TEST_F(SystemSetspecsTest, SpecifierWithoutRow_TakesItsNumberFromTheParent) {
   Table(u"Index").setspec = u"aa~";
   populate_setspec(Table(u"Index"));
   EXPECT_EQ(25u, Children(u""));
@@ -211,7 +211,7 @@ TEST_F(SystemSetspecs, SpecifierWithoutRow_TakesItsNumberFromTheParent) {
   EXPECT_EQ(u"ab~", NextSetspec(u"", db_util::null_obj_ref));
 }
 
-TEST_F(SystemSetspecs, LowNumberWithoutRow_LeavesTheParentsCounter) {
+TEST_F(SystemSetspecsTest, LowNumberWithoutRow_LeavesTheParentsCounter) {
   DeleteRow(Row(u"g~"));
   Table(u"IndexedColumn").setspec = u"g~";
   populate_setspec(Table(u"IndexedColumn"));
@@ -219,7 +219,7 @@ TEST_F(SystemSetspecs, LowNumberWithoutRow_LeavesTheParentsCounter) {
   EXPECT_FALSE(Row(u"g~").is_null());
 }
 
-TEST_F(SystemSetspecs, FirstChild_RaisesTheCounterToOne) {
+TEST_F(SystemSetspecsTest, FirstChild_RaisesTheCounterToOne) {
   SetSpecifier const root = Row(u"");
   DeleteRow(Row(u"~"));
   PutULong(root, SetSpecifier::kNumberOfChildren, 0);
@@ -228,30 +228,30 @@ TEST_F(SystemSetspecs, FirstChild_RaisesTheCounterToOne) {
   EXPECT_EQ(1u, Children(u""));
 }
 
-TEST_F(SystemSetspecs, RootWithoutRow_GetsOneThatRefersToItself) {
+TEST_F(SystemSetspecsTest, RootWithoutRow_GetsOneThatRefersToItself) {
   DeleteRow(Row(u""));
   populate_setspec(Table(u"MotherOfAllLayouts"));
   EXPECT_EQ(Row(u"").oid, Owner(u"").oid);
   EXPECT_EQ(0u, Children(u""));
 }
 
-TEST_F(SystemSetspecs, ForeignParent_EndsTheProcess) {
+TEST_F(SystemSetspecsTest, ForeignParent_EndsTheProcess) {
   Table(u"Index").setspec = u"f~z~";
   EXPECT_EXIT(populate_setspec(Table(u"Index")), kTrap, "");
 }
 
-TEST_F(SystemSetspecs, MissingParentRow_EndsTheProcess) {
+TEST_F(SystemSetspecsTest, MissingParentRow_EndsTheProcess) {
   DeleteRow(Row(u""));
   Table(u"Index").setspec = u"aa~";
   EXPECT_EXIT(populate_setspec(Table(u"Index")), kTrap, "");
 }
 
-TEST_F(SystemSetspecs, SpecifierWithoutEnd_EndsTheProcess) {
+TEST_F(SystemSetspecsTest, SpecifierWithoutEnd_EndsTheProcess) {
   Table(u"Index").setspec = u"zz";
   EXPECT_EXIT(populate_setspec(Table(u"Index")), kTrap, "");
 }
 
-TEST_F(SystemSetspecs, Recovery_GivesTheBasesTheirs) {
+TEST_F(SystemSetspecsTest, Recovery_GivesTheBasesTheirs) {
   for (char16_t const* const name : {u"TypeIdsMeta", u"MetaData", u"MotherOfAllLayouts"}) {
     Table(name).layout = 1;
   }
@@ -261,13 +261,13 @@ TEST_F(SystemSetspecs, Recovery_GivesTheBasesTheirs) {
   EXPECT_EQ(u"", Table(u"MotherOfAllLayouts").setspec);
 }
 
-TEST_F(SystemSetspecs, RecoveryWithoutTheBasesLayout_EndsTheProcess) {
+TEST_F(SystemSetspecsTest, RecoveryWithoutTheBasesLayout_EndsTheProcess) {
   Table(u"TypeIdsMeta").layout = 1;
   Table(u"TypeIdsMeta").setspec = u"c~~";
   EXPECT_EXIT(RecoverSetspecs(), kTrap, "");
 }
 
-TEST_F(SystemSetspecs, RecoveryThatContradictsTheBase_EndsTheProcess) {
+TEST_F(SystemSetspecsTest, RecoveryThatContradictsTheBase_EndsTheProcess) {
   Table(u"TypeIdsMeta").layout = 1;
   Table(u"MetaData").layout = 1;
   Table(u"TypeIdsMeta").setspec = u"c~~";

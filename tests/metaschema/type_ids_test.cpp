@@ -12,7 +12,7 @@ using namespace metalayer;
 
 auto const kTrap = ::testing::KilledBySignal(SIGABRT);
 
-class TypeIds : public DatabaseTest {
+class TypeIdsTest : public DatabaseTest {
  protected:
   RawView View(char16_t const* name) { return RawView::ByRawViewPK2fullname(name); }
 
@@ -49,7 +49,7 @@ class TypeIds : public DatabaseTest {
 
 // ---- giving type ids ----------------------------------------------------------------------------
 
-TEST_F(TypeIds, Next_IsOneAboveTheHighest) {
+TEST_F(TypeIdsTest, Next_IsOneAboveTheHighest) {
   LS_OBJ_REF const first = Configuration::Insert(u"First", 1);
   LS_OBJ_REF const second = Configuration::Insert(u"Second", 1);
   EXPECT_EQ(26u, NextTypeId(first));
@@ -57,22 +57,22 @@ TEST_F(TypeIds, Next_IsOneAboveTheHighest) {
   EXPECT_EQ(second.oid, LoadRawViewByTypeId(27).oid);
 }
 
-TEST_F(TypeIds, NextOfNothing_EndsTheProcess) {
+TEST_F(TypeIdsTest, NextOfNothing_EndsTheProcess) {
   EXPECT_EXIT(NextTypeId(db_util::null_obj_ref), kTrap, "");
 }
 
-TEST_F(TypeIds, NextWithoutAnyRow_EndsTheProcess) {
+TEST_F(TypeIdsTest, NextWithoutAnyRow_EndsTheProcess) {
   LS_OBJ_REF const view = View(u"Lorvenstack.Metadata.Index");
   for (unsigned long id = 0; id <= 25; ++id) DeleteRow(TypeIdsMeta::ByTypeIdsMeta_PK(id));
   EXPECT_EXIT(NextTypeId(view), kTrap, "");
 }
 
-TEST_F(TypeIds, NextAfterThePredefinedOnes_IsSeven) {
+TEST_F(TypeIdsTest, NextAfterThePredefinedOnes_IsSeven) {
   for (unsigned long id = 7; id <= 25; ++id) DeleteRow(TypeIdsMeta::ByTypeIdsMeta_PK(id));
   EXPECT_EQ(7u, NextTypeId(View(u"Lorvenstack.Metadata.Index")));
 }
 
-TEST_F(TypeIds, FloorOfNumberZero_StaysOneRow) {
+TEST_F(TypeIdsTest, FloorOfNumberZero_StaysOneRow) {
   TypeIdsMeta const floor = TypeIdsMeta::ByTypeIdsMeta_PK(0);
   ASSERT_FALSE(floor.is_null());
   EXPECT_EQ(0u, floor.get_ref(TypeIdsMeta::kTypeIdsMeta_Type).oid);
@@ -81,7 +81,7 @@ TEST_F(TypeIds, FloorOfNumberZero_StaysOneRow) {
   EXPECT_EQ("", Differences(before, DumpObjects()));
 }
 
-TEST_F(TypeIds, ReservedNumber_TakesItsTableLater) {
+TEST_F(TypeIdsTest, ReservedNumber_TakesItsTableLater) {
   LS_OBJ_REF const row = Configuration::Insert(u"Some", 1);
   AssureTypeId(100, db_util::null_obj_ref);
   AssureTypeId(100, row);
@@ -92,18 +92,18 @@ TEST_F(TypeIds, ReservedNumber_TakesItsTableLater) {
   EXPECT_EQ(101u, NextTypeId(Configuration::Insert(u"Other", 1)));
 }
 
-TEST_F(TypeIds, NumberOfAnotherTable_EndsTheProcess) {
+TEST_F(TypeIdsTest, NumberOfAnotherTable_EndsTheProcess) {
   LS_OBJ_REF const row = Configuration::Insert(u"Some", 1);
   EXPECT_EXIT(AssureTypeId(6, row), kTrap, "");
 }
 
-TEST_F(TypeIds, TableOfAnotherNumber_EndsTheProcess) {
+TEST_F(TypeIdsTest, TableOfAnotherNumber_EndsTheProcess) {
   EXPECT_EXIT(AssureTypeId(100, View(u"Lorvenstack.Metadata.RawView")), kTrap, "");
 }
 
 // ---- by type id ---------------------------------------------------------------------------------
 
-TEST_F(TypeIds, LoadedView_IsCached) {
+TEST_F(TypeIdsTest, LoadedView_IsCached) {
   RawView const view = View(u"Lorvenstack.Metadata.Index");
   unsigned long const type_id = TypeIdOf(view);
   RawViewSlot(type_id) = db_util::null_obj_ref;
@@ -115,32 +115,32 @@ TEST_F(TypeIds, LoadedView_IsCached) {
   EXPECT_EQ(view.oid, LoadRawViewByTypeId(type_id).oid);
 }
 
-TEST_F(TypeIds, FlagInTheHighestBit_ReachesTheSameSlot) {
+TEST_F(TypeIdsTest, FlagInTheHighestBit_ReachesTheSameSlot) {
   unsigned long const type_id = TypeIdOf(View(u"Lorvenstack.Metadata.Index"));
   LS_OBJ_REF const view = raw_view_by_type_id(type_id);
   EXPECT_EQ(view.oid, raw_view_by_type_id(type_id | 1ul << 63).oid);
 }
 
-TEST_F(TypeIds, FlagInTheHighestBitOfAColdSlot_EndsTheProcess) {
+TEST_F(TypeIdsTest, FlagInTheHighestBitOfAColdSlot_EndsTheProcess) {
   EXPECT_EXIT(raw_view_by_type_id(9 | 1ul << 63), kTrap, "");
 }
 
-TEST_F(TypeIds, ReservedNumber_HasNoView) {
+TEST_F(TypeIdsTest, ReservedNumber_HasNoView) {
   AssureTypeId(100, db_util::null_obj_ref);
   EXPECT_EQ(0u, LoadRawViewByTypeId(100).oid);
   EXPECT_EQ(0u, raw_view_by_type_id(100).oid);
   EXPECT_EQ(0u, RawViewSlot(100).oid);
 }
 
-TEST_F(TypeIds, NumberZero_EndsTheProcess) { EXPECT_EXIT(raw_view_by_type_id(0), kTrap, ""); }
+TEST_F(TypeIdsTest, NumberZero_EndsTheProcess) { EXPECT_EXIT(raw_view_by_type_id(0), kTrap, ""); }
 
-TEST_F(TypeIds, UnknownNumber_EndsTheProcess) {
+TEST_F(TypeIdsTest, UnknownNumber_EndsTheProcess) {
   EXPECT_EXIT(raw_view_by_type_id(50000), kTrap, "");
   EXPECT_EXIT(LoadRawViewByTypeId(50000), kTrap, "");
 }
 
 // Numbers never come back, so in a long life they grow past the table of slots.
-TEST_F(TypeIds, NumberBeyondTheSlots_IsReadFromTheCatalogue) {
+TEST_F(TypeIdsTest, NumberBeyondTheSlots_IsReadFromTheCatalogue) {
   LS_OBJ_REF const row = Configuration::Insert(u"Some", 1);
   unsigned long const number = kLayouts + 9;
   AssureTypeId(number, row);
@@ -149,7 +149,7 @@ TEST_F(TypeIds, NumberBeyondTheSlots_IsReadFromTheCatalogue) {
   EXPECT_EQ(ninth.oid, raw_view_by_type_id(9).oid);
 }
 
-TEST_F(TypeIds, Root_IsTheAncestorBelowTheTopmostTable) {
+TEST_F(TypeIdsTest, Root_IsTheAncestorBelowTheTopmostTable) {
   EXPECT_EQ(TypeIdOf(View(u"Lorvenstack.Metadata.DataType")), GetRootTypeId(4));
   EXPECT_EQ(2u, GetRootTypeId(2));
   unsigned long const member = TypeIdOf(View(u"Lorvenstack.Metadata.Member"));
@@ -157,12 +157,12 @@ TEST_F(TypeIds, Root_IsTheAncestorBelowTheTopmostTable) {
             GetRootTypeId(TypeIdOf(View(u"Lorvenstack.Internal.Metadata.ReferenceRawColumn"))));
 }
 
-TEST_F(TypeIds, RootOfUnknownNumbers_EndsTheProcess) {
+TEST_F(TypeIdsTest, RootOfUnknownNumbers_EndsTheProcess) {
   EXPECT_EXIT(GetRootTypeId(50000), kTrap, "");
   EXPECT_EXIT(GetRootTypeId(0), kTrap, "");
 }
 
-TEST_F(TypeIds, RootOfTheTopmostTable_IsTheKernelsFailure) {
+TEST_F(TypeIdsTest, RootOfTheTopmostTable_IsTheKernelsFailure) {
   try {
     GetRootTypeId(1);
     FAIL() << "the topmost table has no root below itself";
@@ -173,7 +173,7 @@ TEST_F(TypeIds, RootOfTheTopmostTable_IsTheKernelsFailure) {
 
 // ---- by layout number ---------------------------------------------------------------------------
 
-TEST_F(TypeIds, CurrentLayout_GivesTheTypeAndFillsItsEntry) {
+TEST_F(TypeIdsTest, CurrentLayout_GivesTheTypeAndFillsItsEntry) {
   unsigned short const layout = Create(u"App.Item");
   LS_OBJ_REF const object = NewObject(u"App.Item");
   EXPECT_EQ(26u, AssureCurrentLayoutId(object));
@@ -181,7 +181,7 @@ TEST_F(TypeIds, CurrentLayout_GivesTheTypeAndFillsItsEntry) {
   EXPECT_EQ(View(u"App.Item").oid, EntryOfLayout(layout).raw_view.oid);
 }
 
-TEST_F(TypeIds, SupersededLayout_LeadsToTheTableOfToday) {
+TEST_F(TypeIdsTest, SupersededLayout_LeadsToTheTableOfToday) {
   unsigned short const old_layout = Create(u"App.Item");
   LS_OBJ_REF const object = NewObject(u"App.Item");
   AddColumn(u"App.Item");
@@ -191,7 +191,7 @@ TEST_F(TypeIds, SupersededLayout_LeadsToTheTableOfToday) {
   EXPECT_EQ(View(u"App.Item").oid, EntryOfLayout(old_layout).raw_view.oid);
 }
 
-TEST_F(TypeIds, DroppedTable_HasNoType) {
+TEST_F(TypeIdsTest, DroppedTable_HasNoType) {
   unsigned short const layout = Create(u"App.Item");
   LS_OBJ_REF const object = NewObject(u"App.Item");
   ExpectOk(lorv_drop_table_by_name(context(), u"App.Item", false, true));
@@ -199,7 +199,7 @@ TEST_F(TypeIds, DroppedTable_HasNoType) {
   EXPECT_EQ(0u, EntryOfLayout(layout).type_id);
 }
 
-TEST_F(TypeIds, DroppedTableAfterCommit_HasNoType) {
+TEST_F(TypeIdsTest, DroppedTableAfterCommit_HasNoType) {
   Create(u"App.Item");
   LS_OBJ_REF const object = NewObject(u"App.Item");
   ExpectOk(lorv_drop_table_by_name(context(), u"App.Item", false, true));
@@ -208,7 +208,7 @@ TEST_F(TypeIds, DroppedTableAfterCommit_HasNoType) {
   EXPECT_EQ(0u, AssureCurrentLayoutId(object));
 }
 
-TEST_F(TypeIds, DeletedObjectOfASupersededLayout_HasNoType) {
+TEST_F(TypeIdsTest, DeletedObjectOfASupersededLayout_HasNoType) {
   Create(u"App.Item");
   LS_OBJ_REF const object = NewObject(u"App.Item");
   AddColumn(u"App.Item");
@@ -216,14 +216,14 @@ TEST_F(TypeIds, DeletedObjectOfASupersededLayout_HasNoType) {
   EXPECT_EQ(0u, AssureCurrentLayoutId(object));
 }
 
-TEST_F(TypeIds, TableWithoutTypeId_EndsTheProcess) {
+TEST_F(TypeIdsTest, TableWithoutTypeId_EndsTheProcess) {
   Create(u"App.Item");
   LS_OBJ_REF const object = NewObject(u"App.Item");
   DeleteRow(TypeIdsMeta::ByTypeIdsMeta_Type(View(u"App.Item")));
   EXPECT_EXIT(AssureCurrentLayoutId(object), kTrap, "");
 }
 
-TEST_F(TypeIds, LayoutNumber_GivesTheTable) {
+TEST_F(TypeIdsTest, LayoutNumber_GivesTheTable) {
   unsigned short const layout = Create(u"App.Item");
   unsigned long oid = 0;
   unsigned long addr = 0;
@@ -231,7 +231,7 @@ TEST_F(TypeIds, LayoutNumber_GivesTheTable) {
   EXPECT_EQ(View(u"App.Item").oid, oid);
 }
 
-TEST_F(TypeIds, SupersededLayoutNumber_GivesNoTable) {
+TEST_F(TypeIdsTest, SupersededLayoutNumber_GivesNoTable) {
   unsigned short const layout = Create(u"App.Item");
   AddColumn(u"App.Item");
   unsigned long oid = 77;

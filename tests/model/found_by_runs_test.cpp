@@ -6,7 +6,7 @@ namespace sagleme_model {
 
 namespace {
 
-class FoundByRuns : public sagleme_test::DatabaseTest {
+class FoundByRunsTest : public sagleme_test::DatabaseTest {
  protected:
   void Create(char16_t const* name, char16_t const* base) {
     ExpectOk(lorv_create_table_by_names(context(), name, base, sagleme_test::Columns(), nullptr));
@@ -14,7 +14,7 @@ class FoundByRuns : public sagleme_test::DatabaseTest {
 };
 
 // The child goes with its parent, and when its own turn comes there is no name to tell any more.
-TEST_F(FoundByRuns, DropTables_MeetsAMappedTableThatIsGone_LeavesNoHalfText) {
+TEST_F(FoundByRunsTest, DropTables_MeetsAMappedTableThatIsGone_LeavesNoHalfText) {
   Create(u"Parent", nullptr);
   Create(u"Child", u"Parent");
   metalayer::ClrClass::Insert(u"Class", db_util::null_obj_ref, true, u"Class",

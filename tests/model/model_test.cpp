@@ -285,9 +285,9 @@ void PlaySeed(std::uint64_t seed, std::size_t steps) {
   }
 }
 
-class ModelRun : public ::testing::TestWithParam<std::uint64_t> {};
+class ModelRunTest : public ::testing::TestWithParam<std::uint64_t> {};
 
-TEST_P(ModelRun, DatabaseAndModelAgreeAtEveryStep) {
+TEST_P(ModelRunTest, DatabaseAndModel_AgreeAtEveryStep) {
   std::uint64_t const first = FromEnvironment("SAGLEME_MODEL_FIRST_SEED", 1);
   std::uint64_t const seeds = FromEnvironment("SAGLEME_MODEL_SEEDS", 1);
   std::size_t const steps = FromEnvironment("SAGLEME_MODEL_STEPS", 1500);
@@ -297,7 +297,7 @@ TEST_P(ModelRun, DatabaseAndModelAgreeAtEveryStep) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Seeds, ModelRun, ::testing::Range<std::uint64_t>(0, 10));
+INSTANTIATE_TEST_SUITE_P(Seeds, ModelRunTest, ::testing::Range<std::uint64_t>(0, 10));
 
 }  // namespace
 

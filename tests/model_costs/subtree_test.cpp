@@ -10,7 +10,7 @@ namespace {
 constexpr std::size_t kChildren = 1000;
 constexpr std::size_t kDepth = 100;
 
-class WideTree : public CostTest {
+class WideTreeTest : public CostTest {
  protected:
   void SetUp() override {
     CostTest::SetUp();
@@ -33,7 +33,7 @@ class WideTree : public CostTest {
   }
 };
 
-TEST_F(WideTree, AddDropAndRename_CostTheSumOfAllTables) {
+TEST_F(WideTreeTest, AddDropAndRename_CostTheSumOfAllTables) {
   std::uint64_t const before = Generation();
   Cost add = AddColumnsTop(3, 1, Pending::kNothing);
   add += Times(AddColumnsBelow(2, 2, 1, Pending::kNothing));
@@ -53,7 +53,7 @@ TEST_F(WideTree, AddDropAndRename_CostTheSumOfAllTables) {
   ExpectColumnsEverywhere(6);
 }
 
-TEST_F(WideTree, DropWithChildren_CostsTheSumOfAllTables) {
+TEST_F(WideTreeTest, DropWithChildren_CostsTheSumOfAllTables) {
   std::uint64_t const before = Generation();
   Cost cost = DropTableCall();
   cost += DropTableEach(6, kChildren, Pending::kNothing, false);
@@ -66,7 +66,7 @@ TEST_F(WideTree, DropWithChildren_CostsTheSumOfAllTables) {
   EXPECT_TRUE(metalayer::RawView::ByRawViewPK2fullname(u"Child999").is_null());
 }
 
-TEST_F(WideTree, Cascade_CostsTheSumOfAllTables) {
+TEST_F(WideTreeTest, Cascade_CostsTheSumOfAllTables) {
   std::uint64_t const before = Generation();
   Cost cost = DropCascadeCall();
   cost += DropCascadeEach(6, kChildren);
@@ -80,7 +80,7 @@ TEST_F(WideTree, Cascade_CostsTheSumOfAllTables) {
 }
 
 // Level n has the three columns of the root of all tables and those of the levels 0 to n.
-class DeepTree : public CostTest {
+class DeepTreeTest : public CostTest {
  protected:
   void SetUp() override {
     CostTest::SetUp();
@@ -93,7 +93,7 @@ class DeepTree : public CostTest {
   static std::size_t ColumnsAt(std::size_t level) { return 4 + level; }
 };
 
-TEST_F(DeepTree, AddDropAndRename_CostTheSumOfAllTables) {
+TEST_F(DeepTreeTest, AddDropAndRename_CostTheSumOfAllTables) {
   Cost add = AddColumnsTop(1, 2, Pending::kNothing);
   Cost drop = DropColumnTop(3, 2, Pending::kRequest);
   Cost rename = RenameColumnTop();
@@ -108,7 +108,7 @@ TEST_F(DeepTree, AddDropAndRename_CostTheSumOfAllTables) {
   EXPECT_EQ(ColumnsAt(kDepth - 1) + 1, ColumnsOf(Level(kDepth - 1)));
 }
 
-TEST_F(DeepTree, Drops_CostTheSumOfAllTables) {
+TEST_F(DeepTreeTest, Drops_CostTheSumOfAllTables) {
   Cost cascade = DropCascadeCall();
   Cost plain = DropTableCall();
   for (std::size_t i = 0; i < kDepth; ++i) {

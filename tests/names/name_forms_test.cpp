@@ -17,42 +17,42 @@ Forms FormsOf(char16_t const* full_name) {
   return forms;
 }
 
-TEST(NameForms, DottedName_GivesAllForms) {
+TEST(NameFormsTest, DottedName_GivesAllForms) {
   Forms const forms = FormsOf(u"App.Model.Customer");
   EXPECT_EQ(u"Customer", forms.name);
   EXPECT_EQ(u"Lorvenstack.Raw.App.Model.Customer", forms.uid);
   EXPECT_EQ(u"Customer.Model.App.Raw.Lorvenstack", forms.reversed);
 }
 
-TEST(NameForms, NameWithoutDots_IsItsOwnShortName) {
+TEST(NameFormsTest, NameWithoutDots_IsItsOwnShortName) {
   Forms const forms = FormsOf(u"Customer");
   EXPECT_EQ(u"Customer", forms.name);
   EXPECT_EQ(u"Lorvenstack.Raw.Customer", forms.uid);
   EXPECT_EQ(u"Customer.Raw.Lorvenstack", forms.reversed);
 }
 
-TEST(NameForms, LeadingDot_IsAnEmptySegment) {
+TEST(NameFormsTest, LeadingDot_IsAnEmptySegment) {
   Forms const forms = FormsOf(u".Customer");
   EXPECT_EQ(u"Customer", forms.name);
   EXPECT_EQ(u"Lorvenstack.Raw..Customer", forms.uid);
   EXPECT_EQ(u"Customer..Raw.Lorvenstack", forms.reversed);
 }
 
-TEST(NameForms, TrailingDot_AddsNoSegment) {
+TEST(NameFormsTest, TrailingDot_AddsNoSegment) {
   Forms const forms = FormsOf(u"Customer.");
   EXPECT_EQ(u"Customer", forms.name);
   EXPECT_EQ(u"Lorvenstack.Raw.Customer", forms.uid);
   EXPECT_EQ(u"Customer.Raw.Lorvenstack", forms.reversed);
 }
 
-TEST(NameForms, EmptyName_HasTheShortNameOfTheRoot) {
+TEST(NameFormsTest, EmptyName_HasTheShortNameOfTheRoot) {
   Forms const forms = FormsOf(u"");
   EXPECT_EQ(u"Raw", forms.name);
   EXPECT_EQ(u"Lorvenstack.Raw", forms.uid);
   EXPECT_EQ(u"Raw.Lorvenstack", forms.reversed);
 }
 
-TEST(DottedNames, Split_KeepsEmptySegmentsButTheLast) {
+TEST(DottedNamesTest, Split_KeepsEmptySegmentsButTheLast) {
   using Segments = std::list<std::u16string>;
   EXPECT_EQ((Segments{u"a", u"", u"b"}), DottedName::Split(u"a..b").segments);
   EXPECT_EQ((Segments{u"", u"a"}), DottedName::Split(u".a").segments);
@@ -62,7 +62,7 @@ TEST(DottedNames, Split_KeepsEmptySegmentsButTheLast) {
   EXPECT_TRUE(DottedName::Split(u"").segments.empty());
 }
 
-TEST(DottedNames, Join_DropsLeadingEmptySegments) {
+TEST(DottedNamesTest, Join_DropsLeadingEmptySegments) {
   EXPECT_EQ(u"a.b", (DottedName{{u"a", u"b"}}.ToString()));
   EXPECT_EQ(u"a", (DottedName{{u"", u"", u"a"}}.ToString()));
   EXPECT_EQ(u"a..b", (DottedName{{u"a", u"", u"b"}}.ToString()));
@@ -72,7 +72,7 @@ TEST(DottedNames, Join_DropsLeadingEmptySegments) {
 
 class PopulateRawViewTest : public CatalogueTest {};
 
-TEST_F(PopulateRawViewTest, WritesAllNameColumns) {
+TEST_F(PopulateRawViewTest, AllNameColumns_AreWritten) {
   metalayer::RawView const base = View(kRootTable);
   metalayer::RawView const row = metalayer::PopulateRawView(u"a.b.C", 4711, base, true);
   EXPECT_EQ("C", TextOf(row, metalayer::RawView::kName));

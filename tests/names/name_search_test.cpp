@@ -69,7 +69,7 @@ TEST_F(NameSearchTest, BeginningOfASegment_IsNotFound) {
 
 TEST_F(NameSearchTest, NoCandidate_IsNotFound) { ExpectNotFound(u"Nobody"); }
 
-TEST_F(NameSearchTest, ExactNameBeatsALongerOne) {
+TEST_F(NameSearchTest, ExactName_BeatsALongerOne) {
   Create(u"CustomerOrder");
   Create(u"Customer");
   EXPECT_EQ("Customer", Found(u"Customer"));

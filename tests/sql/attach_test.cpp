@@ -11,7 +11,7 @@ using sagleme::ColumnSpec;
 using sagleme::Transaction;
 using sagleme::Type;
 
-TEST(Attach, NamesTheSchemaAfterTheDirectory_UnlessTold) {
+TEST(AttachTest, Schema_IsNamedAfterTheDirectoryByDefault) {
   Library library;
   Sql sql;
   std::string const name = std::filesystem::path(library.directory()).filename().string();
@@ -21,7 +21,7 @@ TEST(Attach, NamesTheSchemaAfterTheDirectory_UnlessTold) {
             "lib\n" + name);
 }
 
-TEST(Attach, ListsTheTables_AndKnowsOtherNamesWithoutListingThem) {
+TEST(AttachTest, Schema_ListsTablesAndKnowsOtherNamesWithoutListingThem) {
   Library library;
   Sql sql;
   library.AttachTo(sql);
@@ -37,7 +37,7 @@ TEST(Attach, ListsTheTables_AndKnowsOtherNamesWithoutListingThem) {
             "Library.Book\nLibrary.Item\nLibrary.Person");
 }
 
-TEST(Attach, AllCatalogueTablesCanBeRead) {
+TEST(AttachTest, CatalogueTables_CanAllBeRead) {
   Library library;
   Sql sql;
   library.AttachTo(sql);
@@ -53,7 +53,7 @@ TEST(Attach, AllCatalogueTablesCanBeRead) {
   EXPECT_EQ(tables, 25);
 }
 
-TEST(Attach, NameThatTwoTablesEndIn_IsLengthened) {
+TEST(AttachTest, NameSharedByTwoTables_IsLengthened) {
   Library library;
   library.Change([](Transaction& transaction) {
     sagleme::CreateTable(transaction, u"Shop.Item", u"", std::array{ColumnSpec{u"X", Type::kLong}});
@@ -65,7 +65,7 @@ TEST(Attach, NameThatTwoTablesEndIn_IsLengthened) {
   EXPECT_EQ(sql("SELECT * FROM Item"), "error: no such table: Item");
 }
 
-TEST(Attach, WhatIsNoDatabase_IsRefusedWithItsName) {
+TEST(AttachTest, NoDatabase_IsRefusedWithItsName) {
   Sql sql;
   EXPECT_EQ(sql("SELECT sagleme_attach('/nowhere/at/all')"),
             "error: There is no database in /nowhere/at/all: No such file or directory.");
@@ -76,7 +76,7 @@ TEST(Attach, WhatIsNoDatabase_IsRefusedWithItsName) {
             "error: The directory of the database is not given as a text.");
 }
 
-TEST(Attach, WorksForConnectionsOfEachEncoding) {
+TEST(AttachTest, Attach_WorksForConnectionsOfEachEncoding) {
   Library library;
   library.AddItem(u"Library.Book", u"Wörter \U0001F600", 1965);
   for (char const* const encoding : {"UTF-8", "UTF-16le", "UTF-16be"}) {
@@ -88,7 +88,7 @@ TEST(Attach, WorksForConnectionsOfEachEncoding) {
   }
 }
 
-TEST(Attach, OrdinaryTableHasNoPlaceInTheSchema) {
+TEST(AttachTest, OrdinaryTable_CannotBeCreatedInTheSchema) {
   Library library;
   Sql sql;
   library.AttachTo(sql);
@@ -97,7 +97,7 @@ TEST(Attach, OrdinaryTableHasNoPlaceInTheSchema) {
   EXPECT_EQ(sql("SELECT count(*) FROM Item"), "0");
 }
 
-TEST(Attach, DetachedAndAttachedAgain_ReadsOn) {
+TEST(AttachTest, DetachedAndAttachedAgain_ReadsOn) {
   Library library;
   library.AddItem(u"Library.Book", u"Dune", 1965);
   Sql sql;
@@ -109,7 +109,7 @@ TEST(Attach, DetachedAndAttachedAgain_ReadsOn) {
   }
 }
 
-TEST(Definition, ColumnAddedByOthers_IsSeenByTheNextStatement) {
+TEST(DefinitionTest, ColumnAddedByOthers_IsSeenByTheNextStatement) {
   Library library;
   library.AddItem(u"Library.Book", u"Dune", 1965);
   Sql sql;
@@ -133,7 +133,7 @@ TEST(Definition, ColumnAddedByOthers_IsSeenByTheNextStatement) {
   EXPECT_EQ(pages.Next(), "error: no such column: Pages");
 }
 
-TEST(Definition, TableMadeAndRenamedByOthers_IsSeenByTheNextStatement) {
+TEST(DefinitionTest, TableMadeAndRenamedByOthers_IsSeenByTheNextStatement) {
   Library library;
   Sql sql;
   library.AttachTo(sql);
@@ -152,7 +152,7 @@ TEST(Definition, TableMadeAndRenamedByOthers_IsSeenByTheNextStatement) {
   EXPECT_EQ(sql("SELECT Title, _table FROM Movie"), "Metropolis|Library.Movie");
 }
 
-TEST(Definition, DroppedIndex_IsNotUsedByPreparedStatements) {
+TEST(DefinitionTest, DroppedIndex_IsNotUsedByPreparedStatements) {
   Library library;
   library.AddItem(u"Library.Book", u"Dune", 1965);
   Sql sql;
@@ -164,7 +164,7 @@ TEST(Definition, DroppedIndex_IsNotUsedByPreparedStatements) {
   EXPECT_EQ(by_year.Next(), "Dune");
 }
 
-TEST(Snapshot, LastsAsLongAsTheTransaction) {
+TEST(SnapshotTest, Snapshot_LastsAsLongAsTheTransaction) {
   Library library;
   library.AddItem(u"Library.Book", u"Dune", 1965);
   Sql sql;
@@ -182,7 +182,7 @@ TEST(Snapshot, LastsAsLongAsTheTransaction) {
   EXPECT_EQ(sql("SELECT Shelf FROM Item LIMIT 1"), "NULL");
 }
 
-TEST(Snapshot, LastsAsLongAsAStatementThatReads) {
+TEST(SnapshotTest, Snapshot_LastsAsLongAsAStatementThatReads) {
   Library library;
   for (char16_t const* title : {u"a", u"b", u"c"}) library.AddItem(u"Library.Item", title, 1);
   Sql sql;

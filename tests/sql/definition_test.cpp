@@ -7,9 +7,9 @@
 namespace sql_tests {
 namespace {
 
-class Define : public testing::Test {
+class DefineTest : public testing::Test {
  protected:
-  Define() { library_.AttachTo(sql_); }
+  DefineTest() { library_.AttachTo(sql_); }
 
   std::string operator()(std::string const& statement) {
     std::string quoted;
@@ -21,7 +21,7 @@ class Define : public testing::Test {
   Sql sql_;
 };
 
-TEST_F(Define, TablesAndIndexesComeAndGo) {
+TEST_F(DefineTest, TablesAndIndexes_ComeAndGo) {
   EXPECT_EQ((*this)("CREATE TABLE Library.Film (Minutes integer NOT NULL, \"Made in\" text, "
                     "Director REF(Person)) UNDER Library.Item"),
             "instant      create table Library.Film derived from Library.Item");
@@ -51,7 +51,7 @@ TEST_F(Define, TablesAndIndexesComeAndGo) {
 }
 
 // They stay until vacuum takes them away.
-TEST_F(Define, ObjectsOfADroppedTable_AreInNoTableAboveIt) {
+TEST_F(DefineTest, ObjectsOfADroppedTable_AreInNoTableAboveIt) {
   (*this)("CREATE TABLE Library.Film () INHERITS (Library.Item)");
   sql_(
       "INSERT INTO Film(Title, Year) VALUES('M', 1931); "
@@ -68,7 +68,7 @@ TEST_F(Define, ObjectsOfADroppedTable_AreInNoTableAboveIt) {
   EXPECT_EQ(sql_(counts), "1\n1\n1");
 }
 
-TEST_F(Define, Explain_TellsThePlanAndChangesNothing) {
+TEST_F(DefineTest, Explain_ShowsThePlanAndChangesNothing) {
   EXPECT_EQ((*this)("EXPLAIN DROP TABLE Item CASCADE"),
             "instant      drop index ItemByTitle\ninstant      drop index ItemByYear\n"
             "instant      drop index BookByPages\n"
@@ -77,7 +77,7 @@ TEST_F(Define, Explain_TellsThePlanAndChangesNothing) {
   EXPECT_EQ(sql_("SELECT count(*) FROM Book"), "0");
 }
 
-TEST_F(Define, InsideATransaction_GoesWithIt) {
+TEST_F(DefineTest, DefinitionInATransaction_EndsWithIt) {
   sql_("BEGIN");
   (*this)("CREATE TABLE Library.Film () INHERITS (Library.Item)");
   EXPECT_EQ(sql_("INSERT INTO Film(Title, Year) VALUES('M', 1931); SELECT _table FROM Item"),
@@ -92,7 +92,7 @@ TEST_F(Define, InsideATransaction_GoesWithIt) {
   EXPECT_EQ(sql_("ROLLBACK TO s; SELECT Shelf FROM Item WHERE Year = 1815; COMMIT"), "E");
 }
 
-TEST_F(Define, SavepointAfterATableWasDropped_KeepsThatWhenItIsRolledBackTo) {
+TEST_F(DefineTest, SavepointAfterATableWasDropped_KeepsThatWhenItIsRolledBackTo) {
   (*this)("CREATE TABLE Library.Film () UNDER Library.Item");
   sql_("BEGIN");
   (*this)("DROP TABLE Film");
@@ -101,7 +101,7 @@ TEST_F(Define, SavepointAfterATableWasDropped_KeepsThatWhenItIsRolledBackTo) {
   EXPECT_EQ(sql_("SELECT * FROM Film"), "error: no such table: Film");
 }
 
-TEST_F(Define, Error_SaysWhereAndWhatWasExpected) {
+TEST_F(DefineTest, Error_SaysWhereAndWhatWasExpected) {
   EXPECT_EQ((*this)("CREATE TABLE a.B (\n  x integer,\n  y nonsense)"),
             "error: line 3, column 5: expected a type, or REF(table), found nonsense");
   EXPECT_EQ((*this)("CREATE TABLE (x integer)"),
@@ -125,7 +125,7 @@ TEST_F(Define, Error_SaysWhereAndWhatWasExpected) {
             "error: line 1, column 28: expected the end of the statement, found nonsense");
 }
 
-TEST_F(Define, WhatTheLayerRefuses_LeavesNothing) {
+TEST_F(DefineTest, StatementRefusedByTheLayer_LeavesNothing) {
   EXPECT_EQ((*this)("DROP TABLE Film"), "error: no such table: Film");
   EXPECT_EQ((*this)("DROP TABLE IF EXISTS Film"), "");
   EXPECT_EQ((*this)("CREATE TABLE Library.Book (x text)"),
@@ -138,7 +138,7 @@ TEST_F(Define, WhatTheLayerRefuses_LeavesNothing) {
   EXPECT_EQ(sql_("SELECT count(*) FROM Item"), "1");
 }
 
-TEST_F(Define, DefinitionsOf_AreReadAgain) {
+TEST_F(DefineTest, DefinitionsOf_AreReadAgain) {
   (*this)(
       "CREATE TABLE \"Odd \"\"one\" (b boolean, r real NOT NULL, d double, \"a b\" binary, "
       "n decimal, u uint)");

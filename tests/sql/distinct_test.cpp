@@ -9,9 +9,9 @@ namespace {
 
 constexpr int kRows = 2000;
 
-class Distinct : public testing::Test {
+class DistinctTest : public testing::Test {
  protected:
-  Distinct() {
+  DistinctTest() {
     library_.Change([](sagleme::Transaction& transaction) {
       using sagleme::ColumnSpec;
       using sagleme::IndexColumnSpec;
@@ -66,7 +66,7 @@ class Distinct : public testing::Test {
   Sql sql_;
 };
 
-TEST_F(Distinct, ValuesOfAnIndex_AreReadOnceEach) {
+TEST_F(DistinctTest, ValuesOfAnIndex_AreReadOnceEach) {
   for (std::string const column : {"Kind", "Count", "Weight", "Year"}) {
     std::string const query = "SELECT DISTINCT " + column + " FROM Sample";
     EXPECT_NE(sql_("EXPLAIN QUERY PLAN " + query).find(", each value once"), std::string::npos)
@@ -80,7 +80,7 @@ TEST_F(Distinct, ValuesOfAnIndex_AreReadOnceEach) {
   EXPECT_GT(StepsOf("SELECT DISTINCT Year FROM Sample WHERE length(Kind) + Size > 1e9"), kRows);
 }
 
-TEST_F(Distinct, GivesWhatAScanGives) {
+TEST_F(DistinctTest, Distinct_GivesWhatAScanGives) {
   for (std::string const column : {"Kind", "Size", "Count", "Weight", "Year"}) {
     for (std::string const where :
          {"", " WHERE # IS NOT NULL", " WHERE # > 0", " WHERE # <= 1", " WHERE # < 'b'",
@@ -108,7 +108,7 @@ TEST_F(Distinct, GivesWhatAScanGives) {
   }
 }
 
-TEST_F(Distinct, InJoinsAndSubqueries_GivesWhatAScanGives) {
+TEST_F(DistinctTest, InJoinsAndSubqueries_GivesWhatAScanGives) {
   for (std::string const query : {
            "SELECT DISTINCT a.Year FROM Sample AS a JOIN Sample AS b ON b._oid = a._oid "
            "WHERE b.Weight > 5 ORDER BY 1",
@@ -130,7 +130,7 @@ TEST_F(Distinct, InJoinsAndSubqueries_GivesWhatAScanGives) {
   }
 }
 
-TEST_F(Distinct, RowsAreChangedMeanwhile) {
+TEST_F(DistinctTest, RowsChangedMeanwhile_AreReadCorrectly) {
   Statement walk(sql_, "SELECT DISTINCT Year FROM Sample");
   EXPECT_EQ(walk.Next(), "0");
   sql_("DELETE FROM Sample WHERE Year = 1");

@@ -5,9 +5,9 @@
 namespace sql_tests {
 namespace {
 
-class Functions : public testing::Test {
+class FunctionsTest : public testing::Test {
  protected:
-  Functions() {
+  FunctionsTest() {
     library_.AttachTo(sql_);
     sql_("INSERT INTO Person(Name) VALUES('Ann'), ('Bob')");
     sql_(
@@ -23,21 +23,21 @@ class Functions : public testing::Test {
   Sql sql_;
 };
 
-TEST_F(Functions, Arrow_FollowsReferences) {
+TEST_F(FunctionsTest, Arrow_FollowsReferences) {
   EXPECT_EQ(sql_("SELECT Title, Lender->'Name', Lender->'Boss'->'Name' FROM Item ORDER BY Year"),
             "Map|NULL|NULL\nDune|Ann|Bob");
   EXPECT_EQ(sql_("SELECT Title FROM Book WHERE Lender->>'Boss'->>'name' = 'Bob'"), "Dune");
   EXPECT_EQ(sql_("SELECT Lender->'Shoe' FROM Book"), "error: no such column: Person.Shoe");
 }
 
-TEST_F(Functions, Arrow_StillReadsJson) {
+TEST_F(FunctionsTest, Arrow_StillReadsJson) {
   EXPECT_EQ(sql_("SELECT '{\"a\":{\"b\":5}}'->'a'->'b', '{\"a\":\"x\"}'->>'$.a', '[1,2]'->1"),
             "5|x|2");
   EXPECT_EQ(sql_("SELECT json_type('{\"a\":[1]}'->'a')"), "array");
   EXPECT_EQ(sql_("SELECT 'nonsense'->'a'"), "error: malformed JSON");
 }
 
-TEST_F(Functions, NumberThatMayHaveBeenAReference_IsRefused) {
+TEST_F(FunctionsTest, NumberThatMayHaveBeenAReference_IsRefused) {
   EXPECT_TRUE(sql_("SELECT x->'Name' FROM (SELECT Lender AS x FROM Book ORDER BY Price LIMIT 3)")
                   .starts_with("error: -> cannot tell"));
   EXPECT_EQ(sql_("SELECT sagleme_deref('lib', x, 'Name') FROM "
@@ -48,14 +48,14 @@ TEST_F(Functions, NumberThatMayHaveBeenAReference_IsRefused) {
             "error: No sagleme database is attached as nix; see sagleme_attach.");
 }
 
-TEST_F(Functions, IsOf_AsksForTheTable) {
+TEST_F(FunctionsTest, IsOf_AsksForTheTable) {
   EXPECT_EQ(sql_("SELECT Title, is_of(_oid, 'Library.Book'), is_of(_oid, 'Item'), "
                  "is_of(_oid, 'Item only'), is_of(Lender, 'Person') FROM Item ORDER BY Year"),
             "Map|0|1|1|NULL\nDune|1|1|0|1");
   EXPECT_EQ(sql_("SELECT is_of(_oid, 'Film') FROM Book"), "error: no such table: Film");
 }
 
-TEST_F(Functions, Only_ListsOneTable) {
+TEST_F(FunctionsTest, Only_ListsOneTable) {
   EXPECT_EQ(sql_("SELECT o._table, i.Title FROM only('Library.Item') o JOIN Item i "
                  "ON i._oid = o._oid"),
             "Library.Item|Map");
@@ -63,7 +63,7 @@ TEST_F(Functions, Only_ListsOneTable) {
   EXPECT_EQ(sql_("SELECT count(*) FROM only('Film')"), "error: no such table: lib.Film only");
 }
 
-TEST_F(Functions, JoinOnAReference_IsALookUp) {
+TEST_F(FunctionsTest, JoinOnAReference_IsALookUp) {
   EXPECT_EQ(sql_("SELECT b.Title, p.Name FROM Book b JOIN Person p ON p._oid = b.Lender"),
             "Dune|Ann");
   std::string const plan =
@@ -71,7 +71,7 @@ TEST_F(Functions, JoinOnAReference_IsALookUp) {
   EXPECT_NE(plan.find("_oid (_oid=?)"), std::string::npos) << plan;
 }
 
-TEST_F(Functions, Exact_IsABlobOfTheWholeValue) {
+TEST_F(FunctionsTest, Exact_IsABlobOfTheWholeValue) {
   sql_("UPDATE Book SET Pages = '18446744073709551615', Price = '-0.000001'");
   EXPECT_EQ(sql_("SELECT hex(sagleme_exact('lib', _oid, 'Pages')), "
                  "hex(sagleme_exact('lib', _oid, 'Price')), "

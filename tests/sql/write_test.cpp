@@ -9,15 +9,15 @@ using sagleme::Object;
 using sagleme::ObjectId;
 using sagleme::Transaction;
 
-class Write : public testing::Test {
+class WriteTest : public testing::Test {
  protected:
-  Write() { library_.AttachTo(sql_); }
+  WriteTest() { library_.AttachTo(sql_); }
 
   Library library_;
   Sql sql_;
 };
 
-TEST_F(Write, InsertIntoEachTableOfTheTree) {
+TEST_F(WriteTest, Insert_IntoEachTableOfTheTree) {
   EXPECT_EQ(sql_("INSERT INTO Item(Title, Year) VALUES('Map', 1800)"), "");
   EXPECT_EQ(sql_("INSERT INTO Book(Title, Year, Pages) VALUES('Dune', 1965, 600)"), "");
   EXPECT_EQ(sql_("INSERT INTO Item(_table, Title, Year) VALUES('Library.Book', 'Emma', 1815)"), "");
@@ -27,14 +27,14 @@ TEST_F(Write, InsertIntoEachTableOfTheTree) {
             "error: Table Item is not derived from Library.Book.");
 }
 
-TEST_F(Write, Returning_GivesWhatWasInserted_AndItsId) {
+TEST_F(WriteTest, Returning_GivesTheInsertedRowAndItsId) {
   EXPECT_EQ(sql_("INSERT INTO Book(Title, Year, Price) VALUES('a', 1, '1.25') "
                  "RETURNING Title, Price"),
             "a|1.25");
   EXPECT_EQ(sql_("SELECT Title FROM Book WHERE _oid = last_insert_rowid()"), "a");
 }
 
-TEST_F(Write, ValuesOfEachTypeComeBack) {
+TEST_F(WriteTest, ValuesOfEachType_ComeBack) {
   sql_("INSERT INTO Person(Name) VALUES('Ann')");
   EXPECT_EQ(sql_("INSERT INTO Book(Title, Year, Price, Lender, Pages) "
                  "SELECT 'Ä\U0001F600', -9223372036854775808, '9223372036854.775807', _oid, "
@@ -61,7 +61,7 @@ TEST_F(Write, ValuesOfEachTypeComeBack) {
   });
 }
 
-TEST_F(Write, ValueWithoutAPlaceInItsColumn_IsRefused) {
+TEST_F(WriteTest, ValueThatDoesNotFitItsColumn_IsRefused) {
   auto const refused = [&](std::string const& columns, std::string const& values) {
     return sql_("INSERT INTO Book(" + columns + ") VALUES(" + values + ")");
   };
@@ -79,7 +79,7 @@ TEST_F(Write, ValueWithoutAPlaceInItsColumn_IsRefused) {
   EXPECT_EQ(sql_("SELECT count(*) FROM Item"), "0");
 }
 
-TEST_F(Write, DuplicateKey_IsAConstraint_AndLeavesNothing) {
+TEST_F(WriteTest, DuplicateKey_IsAConstraintAndLeavesNothing) {
   sql_("INSERT INTO Person(Name) VALUES('Ann'), ('Bob')");
   EXPECT_EQ(sql_("INSERT INTO Person(Name) VALUES('Ann')"),
             "error: UNIQUE constraint failed: Person: another object has the same values in the "
@@ -92,13 +92,13 @@ TEST_F(Write, DuplicateKey_IsAConstraint_AndLeavesNothing) {
   EXPECT_EQ(sql_("SELECT Name FROM Person ORDER BY Name"), "Ann\nBob\nCid");
 }
 
-TEST_F(Write, StatementThatFailsHalfWay_LeavesNothing) {
+TEST_F(WriteTest, StatementThatFailsHalfWay_LeavesNothing) {
   sql_("INSERT INTO Person(Name) VALUES('Ann')");
   EXPECT_TRUE(sql_("INSERT INTO Person(Name) VALUES('x'), ('y'), ('Ann')").starts_with("error"));
   EXPECT_EQ(sql_("SELECT Name FROM Person"), "Ann");
 }
 
-TEST_F(Write, UpdateAndDelete_ByIndexAndById) {
+TEST_F(WriteTest, UpdateAndDelete_ByIndexAndById) {
   sql_("INSERT INTO Book(Title, Year) VALUES('a', 1), ('b', 2), ('c', 3)");
   // The very column that the rows are found by changes, and each row changes once.
   EXPECT_EQ(sql_("UPDATE Item SET Year = Year + 1 WHERE Year >= 1"), "");
@@ -110,7 +110,7 @@ TEST_F(Write, UpdateAndDelete_ByIndexAndById) {
   EXPECT_EQ(sql_("SELECT count(*) FROM Item"), "0");
 }
 
-TEST_F(Write, IdAndTableOfAnObject_AreNotChanged) {
+TEST_F(WriteTest, IdAndTableOfAnObject_AreNotChanged) {
   sql_("INSERT INTO Book(Title, Year) VALUES('a', 1)");
   EXPECT_EQ(sql_("UPDATE Book SET _oid = 5"), "error: An object's id cannot be changed.");
   EXPECT_EQ(sql_("UPDATE Book SET rowid = 5"), "error: An object's id cannot be changed.");
@@ -119,7 +119,7 @@ TEST_F(Write, IdAndTableOfAnObject_AreNotChanged) {
   EXPECT_EQ(sql_("UPDATE Item SET _table = 'Book', Year = 2; SELECT Year FROM Item"), "2");
 }
 
-TEST_F(Write, GivenId_IsTaken_AndGivenOnce) {
+TEST_F(WriteTest, ChosenId_IsTakenOnce) {
   EXPECT_EQ(sql_("INSERT INTO Book(_oid, Title, Year) VALUES(123456789, 'a', 1)"), "");
   EXPECT_EQ(sql_("SELECT Title FROM Item WHERE _oid = 123456789"), "a");
   EXPECT_EQ(sql_("INSERT INTO Book(_oid, Title, Year) VALUES(123456789, 'b', 1)"),
@@ -128,14 +128,14 @@ TEST_F(Write, GivenId_IsTaken_AndGivenOnce) {
   EXPECT_EQ(sql_("SELECT Title, Year FROM Item"), "b|2");
 }
 
-TEST_F(Write, Catalogue_IsNotWritten) {
+TEST_F(WriteTest, Catalogue_IsNotWritten) {
   EXPECT_EQ(sql_("DELETE FROM RawView"),
             "error: Table Lorvenstack.Metadata.RawView is part of the catalogue, which changes by "
             "definitions alone.");
   EXPECT_EQ(sql_.code(), SQLITE_READONLY);
 }
 
-TEST_F(Write, Rollback_UndoesOrdinaryTablesToo) {
+TEST_F(WriteTest, Rollback_UndoesOrdinaryTablesToo) {
   sql_("CREATE TABLE log(x); BEGIN; INSERT INTO log VALUES(1)");
   sql_("INSERT INTO Item(Title, Year) VALUES('a', 1)");
   EXPECT_EQ(sql_("SELECT count(*) FROM Item, log"), "1");
@@ -145,7 +145,7 @@ TEST_F(Write, Rollback_UndoesOrdinaryTablesToo) {
   EXPECT_EQ(sql_("SELECT (SELECT count(*) FROM Item), (SELECT count(*) FROM log)"), "1|1");
 }
 
-TEST_F(Write, Conflict_IsToldByCommit_AndCanBeTriedAgain) {
+TEST_F(WriteTest, Conflict_IsReportedByCommitAndCanBeRetried) {
   sql_("INSERT INTO Item(Title, Year) VALUES('a', 1)");
   Sql other;
   library_.AttachTo(other);
@@ -158,7 +158,7 @@ TEST_F(Write, Conflict_IsToldByCommit_AndCanBeTriedAgain) {
   EXPECT_EQ(other("SELECT Year FROM Item"), "111");
 }
 
-TEST_F(Write, WalkGoesOnOverACommit) {
+TEST_F(WriteTest, Scan_ContinuesOverACommit) {
   sql_("INSERT INTO Item(Title, Year) VALUES('a', 1), ('b', 2), ('c', 3), ('d', 4)");
   Statement walk(sql_, "SELECT Title, Year FROM Item ORDER BY Year");
   EXPECT_EQ(walk.Next(), "a|1");
@@ -168,7 +168,7 @@ TEST_F(Write, WalkGoesOnOverACommit) {
   EXPECT_EQ(walk.Next(), "");
 }
 
-TEST_F(Write, WalkGoesOnOverARollback) {
+TEST_F(WriteTest, Scan_ContinuesOverARollback) {
   sql_("INSERT INTO Item(Title, Year) VALUES('a', 1), ('b', 2), ('c', 3)");
   sql_("BEGIN; DELETE FROM Item WHERE Year = 2");
   Statement walk(sql_, "SELECT Title FROM Item ORDER BY Year");
@@ -179,7 +179,7 @@ TEST_F(Write, WalkGoesOnOverARollback) {
   EXPECT_EQ(sql_("SELECT count(*) FROM Item"), "3");
 }
 
-TEST_F(Write, Savepoints_Nest) {
+TEST_F(WriteTest, Savepoints_Nest) {
   sql_("SAVEPOINT a; INSERT INTO Item(Title, Year) VALUES('1', 1)");
   sql_("SAVEPOINT b; INSERT INTO Book(Title, Year) VALUES('2', 2)");
   sql_("SAVEPOINT c; INSERT INTO Person(Name) VALUES('3')");
@@ -190,14 +190,14 @@ TEST_F(Write, Savepoints_Nest) {
   EXPECT_EQ(sql_("ROLLBACK TO a; SELECT count(*) FROM Item; RELEASE a"), "0");
 }
 
-TEST_F(Write, SavepointBeforeAStatementThatFailed_IsKept) {
+TEST_F(WriteTest, SavepointBeforeAStatementThatFailed_IsKept) {
   sql_("BEGIN; SAVEPOINT a");
   EXPECT_TRUE(sql_("INSERT INTO Item(Year) VALUES('x')").starts_with("error"));
   sql_("INSERT INTO Item(Title, Year) VALUES('1', 1)");
   EXPECT_EQ(sql_("ROLLBACK TO a; SELECT count(*) FROM Item; COMMIT"), "0");
 }
 
-TEST_F(Write, UpsertAndReturningOfChanges_AreRefusedBySqlite) {
+TEST_F(WriteTest, UpsertAndReturningOfChanges_AreRefusedBySqlite) {
   sql_("INSERT INTO Person(Name) VALUES('Ann')");
   EXPECT_EQ(sql_("INSERT INTO Person(Name) VALUES('Ann') ON CONFLICT DO NOTHING"),
             "error: UPSERT not implemented for virtual table \"Person\"");
@@ -209,7 +209,7 @@ TEST_F(Write, UpsertAndReturningOfChanges_AreRefusedBySqlite) {
 }
 
 // SQLite stops behind the first row of a plan that it takes for unique.
-TEST_F(Write, RowsThatAUniqueIndexHoldsUnderOneValueOfSqlite_AreAllChanged) {
+TEST_F(WriteTest, RowsThatAUniqueIndexHoldsUnderOneValueOfSqlite_AreAllChanged) {
   sql_("INSERT INTO Person(Name) VALUES(NULL), (NULL), ('a'), (NULL)");
   sql_("UPDATE Person SET Boss = _oid WHERE Name IS NULL");
   EXPECT_EQ(sql_("SELECT count(*) FROM Person WHERE Boss = _oid"), "3");
@@ -225,7 +225,7 @@ TEST_F(Write, RowsThatAUniqueIndexHoldsUnderOneValueOfSqlite_AreAllChanged) {
   EXPECT_EQ(sql_("SELECT count(*) FROM Person"), "4");
 }
 
-TEST_F(Write, OrReplace_DeletesWhatHasTheSameKey) {
+TEST_F(WriteTest, OrReplace_DeletesTheRowWithTheSameKey) {
   sql_("INSERT INTO Person(Name) VALUES('Ann'), ('Bob'), ('Cid')");
   EXPECT_EQ(sql_("INSERT OR REPLACE INTO Person(Name) VALUES('Ann'), ('Dee')"), "");
   EXPECT_EQ(sql_("SELECT Name FROM Person ORDER BY _oid"), "Bob\nCid\nAnn\nDee");
@@ -237,7 +237,7 @@ TEST_F(Write, OrReplace_DeletesWhatHasTheSameKey) {
   EXPECT_EQ(sql_("SELECT Name FROM Person"), "Eve");
 }
 
-TEST_F(Write, StatementThatFailsInATransaction_IsUndoneAlone) {
+TEST_F(WriteTest, StatementThatFailsInATransaction_IsUndoneAlone) {
   sql_("BEGIN; INSERT INTO Person(Name) VALUES('Ann')");
   EXPECT_TRUE(sql_("INSERT INTO Person(Name) VALUES('x'), ('y'), ('Ann')").starts_with("error"));
   EXPECT_TRUE(sql_("UPDATE Person SET Name = 'z', Boss = 'b'").starts_with("error"));
@@ -245,7 +245,7 @@ TEST_F(Write, StatementThatFailsInATransaction_IsUndoneAlone) {
   EXPECT_EQ(sql_("SELECT Name FROM Person ORDER BY Name"), "Ann\nBob");
 }
 
-TEST_F(Write, SecondDatabase_IsRefusedInOneTransaction) {
+TEST_F(WriteTest, SecondDatabase_IsRefusedInOneTransaction) {
   Sql other;
   EXPECT_EQ(sql_("SELECT sagleme_attach('" + library_.directory() + "', 'again')"), "again");
   sql_("BEGIN; INSERT INTO lib.Item(Title, Year) VALUES('1', 1)");
@@ -256,7 +256,7 @@ TEST_F(Write, SecondDatabase_IsRefusedInOneTransaction) {
   EXPECT_EQ(sql_("SELECT count(*) FROM lib.Item"), "2");
 }
 
-TEST_F(Write, TriggersAndViewsOverTables_Work) {
+TEST_F(WriteTest, TriggersAndViewsOverTables_Work) {
   sql_("CREATE TEMP VIEW old AS SELECT Title FROM Item WHERE Year < 1900");
   sql_(
       "CREATE TEMP TRIGGER add_old INSTEAD OF INSERT ON old BEGIN "

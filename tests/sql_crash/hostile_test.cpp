@@ -24,7 +24,7 @@ void Execute(Sql& sql, std::string const& statement) {
   sqlite3_progress_handler(sql.handle(), 0, nullptr, nullptr);
 }
 
-TEST(HostileSql, LeavesTheDatabaseAsItWas) {
+TEST(HostileSqlTest, HostileStatements_LeaveTheDatabaseAsItWas) {
   Accounts const accounts;
   char const* const seeds = std::getenv("SAGLEME_HOSTILE_SEEDS");
   std::uint64_t const last = seeds == nullptr ? 4 : std::stoull(seeds);

@@ -58,7 +58,7 @@ void ExpectWholeTransactions(Accounts const& accounts, int acknowledged) {
   });
 }
 
-TEST(SqlKilled, EndAtAnyPointOfCommit_LeavesWholeTransactions) {
+TEST(SqlKilledTest, EndAtAnyPointOfCommit_LeavesWholeTransactions) {
   for (Point const point : kPoints) {
     for (int const nth : {1, 2}) {
       SCOPED_TRACE("point " + std::to_string(static_cast<int>(point)) + ", passage " +

@@ -49,7 +49,7 @@ void DefineMany(Accounts const& accounts) {
   }
 }
 
-TEST(SqlConnections, TwoOfOneThread_SeeTheirOwnStates) {
+TEST(SqlConnectionsTest, TwoOfOneThread_SeeTheirOwnStates) {
   Accounts const accounts;
   crash_test::InChild([&] {
     Sql one;
@@ -71,7 +71,7 @@ TEST(SqlConnections, TwoOfOneThread_SeeTheirOwnStates) {
   });
 }
 
-TEST(SqlConnections, ThreadsThatTransferReadAndDefine_KeepTheSum) {
+TEST(SqlConnectionsTest, ThreadsThatTransferReadAndDefine_KeepTheSum) {
   Accounts const accounts;
   crash_test::InChild([&] {
     std::atomic<unsigned> working{kWorkers + 1};
@@ -92,7 +92,7 @@ TEST(SqlConnections, ThreadsThatTransferReadAndDefine_KeepTheSum) {
   accounts.ExpectWhole();
 }
 
-TEST(SqlConnections, ProcessesThatTransferReadAndDefine_KeepTheSum) {
+TEST(SqlConnectionsTest, ProcessesThatTransferReadAndDefine_KeepTheSum) {
   Accounts const accounts;
   {
     std::deque<crash_test::Child> workers;

@@ -75,7 +75,7 @@ void ExpectRefusedEverywhere(Accounts const& accounts, Case const& each) {
   looking("UPDATE Account SET Balance = 100; DELETE FROM Account WHERE Name = 'new'");
 }
 
-TEST(SqlWithoutMemory, Statement_IsRefusedInWholeAndDoneLater) {
+TEST(SqlWithoutMemoryTest, Statement_IsRefusedInWholeAndDoneLater) {
   Accounts const accounts;
   crash_test::InChild([&] {
     CountMemoryOfSqlite();
@@ -97,7 +97,7 @@ TEST(SqlWithoutMemory, Statement_IsRefusedInWholeAndDoneLater) {
 
 // Attaching asks thousands of times, most of them for definitions, which are all alike: beyond the
 // first ones every so many.
-TEST(SqlWithoutMemory, Attaching_IsRefusedAndDoneLater) {
+TEST(SqlWithoutMemoryTest, Attaching_IsRefusedAndDoneLater) {
   Accounts const accounts;
   crash_test::InChild([&] {
     CountMemoryOfSqlite();

@@ -81,21 +81,21 @@ class CheckTest : public ToolTest {
   }
 };
 
-TEST_F(CheckTest, AColumnWithAWrongNumber_IsFound) {
+TEST_F(CheckTest, ColumnWithAWrongNumber_IsFound) {
   Plant([](auto&) {
     metalayer::PutLong(ColumnRow(u"App.Book", u"Price"), RawColumn::kColumnIndex, 9);
   });
   EXPECT_EQ("App.Book", Finding("ordinals")["table"]);
 }
 
-TEST_F(CheckTest, AnInheritedColumnThatDiffers_IsFound) {
+TEST_F(CheckTest, InheritedColumnThatDiffers_IsFound) {
   Plant([](auto&) {
     metalayer::PutText(ColumnRow(u"App.Book", u"Title"), RawColumn::kName, u"Headline");
   });
   EXPECT_EQ("App.Book", Finding("inheritance")["table"]);
 }
 
-TEST_F(CheckTest, AColumnOfAnotherTypeThanItsLayout_IsFound) {
+TEST_F(CheckTest, ColumnOfAnotherTypeThanItsLayout_IsFound) {
   Plant([](auto&) {
     auto const type = metalayer::DbPrimitiveType::ByDbPrimitiveTypePK_postV2_3(7);
     metalayer::PutRef(ColumnRow(u"App.Book", u"Isbn"), RawColumn::kDataType, type);
@@ -103,7 +103,7 @@ TEST_F(CheckTest, AColumnOfAnotherTypeThanItsLayout_IsFound) {
   EXPECT_EQ("App.Book", Finding("layout")["table"]);
 }
 
-TEST_F(CheckTest, ASetSpecifierOutsideOfTheBase_IsFoundWithItsObjects) {
+TEST_F(CheckTest, SetSpecifierOutsideOfTheBase_IsFoundWithItsObjects) {
   Plant([](auto&) {
     auto const row = metalayer::SetSpecifier::ByType(RawView::ByRawViewPK2fullname(u"App.Book"));
     metalayer::PutText(row, metalayer::SetSpecifier::kTypeId, u"wwww~");
@@ -112,7 +112,7 @@ TEST_F(CheckTest, ASetSpecifierOutsideOfTheBase_IsFoundWithItsObjects) {
   EXPECT_TRUE(Finding("object")["table"].is_null());
 }
 
-TEST_F(CheckTest, ATableWithoutATypeId_IsFound) {
+TEST_F(CheckTest, TableWithoutATypeId_IsFound) {
   Plant([](auto&) {
     metalayer::DeleteRow(
         metalayer::TypeIdsMeta::ByTypeIdsMeta_Type(RawView::ByRawViewPK2fullname(u"App.Film")));
@@ -120,7 +120,7 @@ TEST_F(CheckTest, ATableWithoutATypeId_IsFound) {
   EXPECT_EQ("App.Film", Finding("type id")["table"]);
 }
 
-TEST_F(CheckTest, AColumnWithTheTokenOfAnother_IsFound) {
+TEST_F(CheckTest, ColumnWithTheTokenOfAnother_IsFound) {
   Plant([](sagleme::Transaction& transaction) {
     auto const book = transaction.table(u"App.Book");
     LORVI_COLUMN_INFO info{};
@@ -132,7 +132,7 @@ TEST_F(CheckTest, AColumnWithTheTokenOfAnother_IsFound) {
   EXPECT_EQ("App.Book", Finding("tokens")["table"]);
 }
 
-TEST_F(CheckTest, ACounterOfChildrenThatLagsBehind_IsFound) {
+TEST_F(CheckTest, CounterOfChildrenThatLagsBehind_IsFound) {
   Plant([](auto&) {
     auto const row = metalayer::SetSpecifier::ByType(RawView::ByRawViewPK2fullname(u"App.Item"));
     metalayer::PutULong(row, metalayer::SetSpecifier::kNumberOfChildren, 0);
@@ -140,7 +140,7 @@ TEST_F(CheckTest, ACounterOfChildrenThatLagsBehind_IsFound) {
   EXPECT_EQ("App.Item", Finding("children")["table"]);
 }
 
-TEST_F(CheckTest, AReferenceThatStillWaitsForATableThatIsThere_IsFound) {
+TEST_F(CheckTest, ReferenceThatStillWaitsForATableThatIsThere_IsFound) {
   Plant([](sagleme::Transaction& transaction) {
     auto const columns = transaction.table(u"Lorvenstack.Internal.Metadata.ReferenceRawColumn");
     auto const owner = transaction.table(u"App.Book")->GetColumn(u"Owner").id;
@@ -150,7 +150,7 @@ TEST_F(CheckTest, AReferenceThatStillWaitsForATableThatIsThere_IsFound) {
   EXPECT_EQ("App.Book", Finding("deferred")["table"]);
 }
 
-TEST_F(CheckTest, ARequestThatNobodyCanMeet_IsFound) {
+TEST_F(CheckTest, ImpossibleRequest_IsFound) {
   Plant([](sagleme::Transaction& transaction) {
     metalayer::Vacuum::Insert(transaction.table(u"App.Film")->setspec.c_str(), 1, 2);
   });
@@ -158,7 +158,7 @@ TEST_F(CheckTest, ARequestThatNobodyCanMeet_IsFound) {
 }
 
 // Committed it would end every process that starts the layer.
-TEST_F(CheckTest, ASecondCounterOfSchemaChanges_IsFoundInTheTransactionThatMadeIt) {
+TEST_F(CheckTest, SecondCounterOfSchemaChanges_IsFoundInTheTransactionThatMadeIt) {
   auto const open = sagleme::Database::Open(database());
   sagleme::Context const context(open);
   sagleme::Transaction transaction(context);
@@ -175,7 +175,7 @@ TEST_F(CheckTest, ASecondCounterOfSchemaChanges_IsFoundInTheTransactionThatMadeI
   EXPECT_EQ("there are 2 counters of schema changes", findings[0].what);
 }
 
-TEST_F(CheckTest, AnIndexThatTheKernelLacks_IsFound) {
+TEST_F(CheckTest, IndexThatTheKernelLacks_IsFound) {
   Plant([](sagleme::Transaction& transaction) {
     auto const index = *transaction.FindIndex(u"ItemByTitle");
     ASSERT_EQ(0u, lorvi_context_drop_index(transaction.context(), index.handle));
@@ -183,7 +183,7 @@ TEST_F(CheckTest, AnIndexThatTheKernelLacks_IsFound) {
   EXPECT_EQ("App.Item", Finding("index")["table"]);
 }
 
-TEST_F(CheckTest, AnObjectOfNoTable_IsFound) {
+TEST_F(CheckTest, ObjectOfNoTable_IsFound) {
   Plant([](sagleme::Transaction& transaction) {
     auto const book = *sagleme::Range::Only(transaction, *transaction.table(u"App.Book")).Next();
     auto const reference = book.reference();
@@ -193,7 +193,7 @@ TEST_F(CheckTest, AnObjectOfNoTable_IsFound) {
   EXPECT_LT(0, Finding("object")["object"]);
 }
 
-TEST_F(CheckTest, AnObjectUnderAnOldLayoutThatNothingMoves_IsFound) {
+TEST_F(CheckTest, ObjectUnderAnOldLayoutThatNothingMoves_IsFound) {
   std::string schema = On("schema").out;
   schema.replace(schema.find("{\"name\": \"Pages\""), 0,
                  "{\"name\": \"New\", \"type\": \"long\"}, ");
@@ -206,7 +206,7 @@ TEST_F(CheckTest, AnObjectUnderAnOldLayoutThatNothingMoves_IsFound) {
   EXPECT_EQ("App.Book", Finding("object")["table"]);
 }
 
-TEST_F(CheckTest, AnEntryMissingInAnIndex_IsFound) {
+TEST_F(CheckTest, EntryMissingInAnIndex_IsFound) {
   PlantInFile("index", [](MDB_cursor* cursor, MDB_val key, MDB_val) {
     return Holds(key, "One") && mdb_cursor_del(cursor, 0) == 0;
   });
@@ -215,7 +215,7 @@ TEST_F(CheckTest, AnEntryMissingInAnIndex_IsFound) {
   EXPECT_LT(0, finding["object"]);
 }
 
-TEST_F(CheckTest, ARowThatWasOverwritten_IsFound) {
+TEST_F(CheckTest, RowThatWasOverwritten_IsFound) {
   PlantInFile("rows", [](MDB_cursor* cursor, MDB_val key, MDB_val value) {
     if (!Holds(value, "Two")) return false;
     std::string bytes(static_cast<char const*>(value.mv_data), value.mv_size);
@@ -226,7 +226,7 @@ TEST_F(CheckTest, ARowThatWasOverwritten_IsFound) {
   EXPECT_EQ(1, RunTool({"check", database()}).status);
 }
 
-TEST_F(CheckTest, APageThatIsNone_IsFoundBeforeAnythingIsRead) {
+TEST_F(CheckTest, BrokenPage_IsFoundBeforeAnythingIsRead) {
   std::string const path = database() + "/data.mdb";
   std::string content = ReadText(path);
   for (std::size_t at = content.find("Two"); at != std::string::npos;
@@ -237,7 +237,7 @@ TEST_F(CheckTest, APageThatIsNone_IsFoundBeforeAnythingIsRead) {
   EXPECT_TRUE(Finding("pages")["table"].is_null());
 }
 
-TEST_F(CheckTest, AReferenceThatLeadsNowhere_IsFound) {
+TEST_F(CheckTest, ReferenceThatLeadsNowhere_IsFound) {
   Plant([](sagleme::Transaction& transaction) {
     sagleme::Range::Only(transaction, *transaction.table(u"App.Person")).Next()->Delete();
   });
@@ -245,7 +245,7 @@ TEST_F(CheckTest, AReferenceThatLeadsNowhere_IsFound) {
   On("check", {"--no-references"});
 }
 
-TEST_F(CheckTest, AReferenceToAnotherTable_IsFound) {
+TEST_F(CheckTest, ReferenceToAnotherTable_IsFound) {
   Plant([](sagleme::Transaction& transaction) {
     auto const table = transaction.table(u"App.Book");
     auto const book = *sagleme::Range::Only(transaction, *table).Next();
@@ -259,7 +259,7 @@ TEST_F(CheckTest, AReferenceToAnotherTable_IsFound) {
       << finding;
 }
 
-TEST_F(CheckTest, InATransactionAtThePrompt_WhatTheTransactionSeesIsChecked) {
+TEST_F(CheckTest, CheckInATransactionAtThePrompt_SeesTheTransactionsState) {
   Plant([](sagleme::Transaction& transaction) {
     sagleme::Range::Only(transaction, *transaction.table(u"App.Person")).Next()->Delete();
   });
@@ -272,7 +272,7 @@ TEST_F(CheckTest, InATransactionAtThePrompt_WhatTheTransactionSeesIsChecked) {
   On("shell", {}, 1, "check\n");
 }
 
-TEST_F(CheckTest, ADirectoryWithoutADatabase_IsToldAndNothingIsMade) {
+TEST_F(CheckTest, DirectoryWithoutADatabase_IsReportedAndNothingIsCreated) {
   std::string const nowhere = Path("nowhere");
   auto const ignore = [](sagleme::Finding const&) {};
   EXPECT_THROW(sagleme::CheckDatabase(nowhere, {}, ignore), sagleme::Error);

@@ -52,7 +52,7 @@ TEST_F(ToolTest, Create_BesideForeignFiles_IsRefusedWithTheirName) {
   On("create");
 }
 
-TEST_F(ToolTest, Create_OffATerminal_TellsTheEndOnly) {
+TEST_F(ToolTest, Create_OffATerminal_ReportsTheEndOnly) {
   Result const result = On("create");
   EXPECT_EQ("created " + database() + "\n", result.err);
   EXPECT_EQ("", result.out);
@@ -66,7 +66,7 @@ TEST_F(ToolTest, EveryCommand_WithoutADatabase_CannotOpen) {
   }
 }
 
-TEST_F(ToolTest, Usage_Wrong_EndsWithTwo) {
+TEST_F(ToolTest, Usage_Wrong_ExitsWithTwo) {
   EXPECT_EQ(2, RunTool({}).status);
   EXPECT_EQ(2, RunTool({"nonsense"}).status);
   EXPECT_EQ(2, RunTool({"info"}).status);
@@ -74,7 +74,7 @@ TEST_F(ToolTest, Usage_Wrong_EndsWithTwo) {
   EXPECT_EQ(2, RunTool({"info", "x", "--format", "xml"}).status);
 }
 
-TEST_F(ToolTest, Help_OfEveryCommand_HasAnExample) {
+TEST_F(ToolTest, Help_EveryCommand_HasAnExample) {
   for (char const* const command :
        {"create", "info", "tables", "describe", "schema", "apply", "import", "export", "dump",
         "load", "get", "find", "scan", "check", "vacuum"}) {
@@ -119,7 +119,7 @@ TEST_F(CommandsTest, Tables_AsTree_StandBelowTheirBase) {
   EXPECT_TRUE(Contains(tree, "  App.Book")) << tree;
 }
 
-TEST_F(CommandsTest, Describe_ByAnIncompleteName_TellsOriginsAndIndexes) {
+TEST_F(CommandsTest, Describe_IncompleteName_ShowsOriginsAndIndexes) {
   Json const book = List("describe", {"Book"});
   EXPECT_EQ("App.Book", book["table"]);
   ASSERT_EQ(5u, book["columns"].size());
@@ -130,7 +130,7 @@ TEST_F(CommandsTest, Describe_ByAnIncompleteName_TellsOriginsAndIndexes) {
   EXPECT_EQ("Pages descending", book["indexes"][0]["columns"]);
 }
 
-TEST_F(CommandsTest, Describe_AnAmbiguousName_ListsTheCandidates) {
+TEST_F(CommandsTest, Describe_AmbiguousName_ListsTheCandidates) {
   std::string schema = kLibrary;
   schema.replace(schema.find("    {\"name\": \"App.Person\""), 0,
                  "    {\"name\": \"Other.Book\"},\n");
@@ -141,7 +141,7 @@ TEST_F(CommandsTest, Describe_AnAmbiguousName_ListsTheCandidates) {
   EXPECT_TRUE(Contains(result.err, "Other.Book")) << result.err;
 }
 
-TEST_F(CommandsTest, Describe_AnUnknownName_IsRefused) { On("describe", {"Nothing"}, 4); }
+TEST_F(CommandsTest, Describe_UnknownName_IsRefused) { On("describe", {"Nothing"}, 4); }
 
 TEST_F(CommandsTest, Get_FollowsReferencesOnRequest) {
   Json const books = List("scan", {"Book", "--where", "Title=One"});
@@ -154,14 +154,14 @@ TEST_F(CommandsTest, Get_FollowsReferencesOnRequest) {
   EXPECT_EQ("Ada", book["Owner.Name"]);
 }
 
-TEST_F(CommandsTest, Get_AnUnknownObject_IsAProblem) { On("get", {"99999999"}, 1); }
+TEST_F(CommandsTest, Get_UnknownObject_IsAProblem) { On("get", {"99999999"}, 1); }
 
-TEST_F(CommandsTest, Get_FollowingWhatIsNoReference_IsUsage) {
+TEST_F(CommandsTest, Get_FollowingANonReference_IsUsage) {
   Json const books = List("scan", {"Book"});
   On("get", {std::to_string(books[0]["_oid"].get<int>()), "--follow", "Title"}, 2);
 }
 
-TEST_F(CommandsTest, Find_ByKeyByBeginningAndInReverse) {
+TEST_F(CommandsTest, Find_ByKeyPrefixAndInReverse_GivesTheObjects) {
   EXPECT_EQ(10, List("find", {"ItemByTitle", "One"})[0]["Pages"]);
   EXPECT_EQ(2u, List("find", {"ItemByTitle", "T", "--starting"}).size());
   Json const all = List("find", {"ItemByTitle"});
@@ -191,7 +191,7 @@ TEST_F(CommandsTest, Scan_WithConditions_TakesWhatMeetsAll) {
   On("scan", {"Item", "--where", "Nothing=1"}, 4);
 }
 
-TEST_F(CommandsTest, Lists_InEveryForm) {
+TEST_F(CommandsTest, Lists_ArePrintedInEveryForm) {
   Arguments const scan{"Person", "--format"};
   auto const in = [&](char const* form) { return On("scan", {"Person", "--format", form}).out; };
   EXPECT_TRUE(Contains(in("csv"), "_oid,_table,Name,Height\n")) << in("csv");

@@ -37,7 +37,7 @@ char const* const kEveryValue =
     ",AA==,9223372036854775807,0,0.000001,nan,-inf,,false\n"
     "漢字 🙂,,0,1,12,3.4028235e+38,0.1,,\n";
 
-TEST_F(DataTest, Import_OfEveryType_ComesBackFromExportInBothForms) {
+TEST_F(DataTest, Import_EveryType_ComesBackFromExportInBothForms) {
   Apply(kEveryType, {"--allow-destructive"});
   On("import", {"T", "-"}, 0, kEveryValue);
   std::string const csv = On("export", {"T", "--only"}).out;
@@ -54,7 +54,7 @@ TEST_F(DataTest, Import_OfEveryType_ComesBackFromExportInBothForms) {
   EXPECT_EQ(lines, RunTool({"export", other, "T", "--only", "--jsonl"}).out);
 }
 
-TEST_F(DataTest, Import_OfJsonLines_TakesReferencesByIdAndByUniqueIndex) {
+TEST_F(DataTest, Import_JsonLines_TakesReferencesByIdAndByUniqueIndex) {
   On("import", {"Person", "-", "--jsonl"}, 0, "{\"Name\": \"Ada\"}\n\n{\"Name\": \"Bob\"}\n");
   Json const people = Json::parse(On("scan", {"Person", "--format", "json"}).out);
   std::string const id = people[0]["_oid"].dump();
@@ -66,7 +66,7 @@ TEST_F(DataTest, Import_OfJsonLines_TakesReferencesByIdAndByUniqueIndex) {
   EXPECT_EQ(people[1]["_oid"], books[1]["Owner"]);
 }
 
-TEST_F(DataTest, Export_OfASubtree_CanBeImportedIntoIt) {
+TEST_F(DataTest, Export_Subtree_CanBeImportedIntoIt) {
   On("import", {"Book", "-"}, 0, "Title,Isbn,Price\na,1,1\n");
   On("import", {"Film", "-"}, 0, "Title,Rating,Colour\nb,2,true\n");
   std::string const lines = On("export", {"Item", "--jsonl"}).out;
@@ -77,7 +77,7 @@ TEST_F(DataTest, Export_OfASubtree_CanBeImportedIntoIt) {
   EXPECT_EQ(lines, RunTool({"export", other, "Item", "--jsonl"}).out);
 }
 
-TEST_F(DataTest, Import_WithABadRow_KeepsNothingAndTellsThePlace) {
+TEST_F(DataTest, Import_BadRow_KeepsNothingAndReportsItsLocation) {
   std::string const file = Write("bad.csv", "Title,Isbn,Price\nOne,1,1\nTwo,many,1\nThree,3,1\n");
   Result const result = On("import", {"Book", file}, 1);
   EXPECT_NE(std::string::npos,
@@ -97,7 +97,7 @@ TEST_F(DataTest, Import_WithReject_TakesTheGoodRowsAndCollectsTheBad) {
   On("check");
 }
 
-TEST_F(DataTest, Import_BadFiles_AreToldWithTheirPlace) {
+TEST_F(DataTest, Import_BadFiles_AreReportedWithTheirLocation) {
   EXPECT_NE(std::string::npos, On("import", {"Book", "-"}, 1, "").err.find("no heading line"));
   EXPECT_NE(std::string::npos, On("import", {"Book", "-"}, 1, "A\nb\n").err.find("no column A"));
   EXPECT_NE(std::string::npos, On("import", {"Book", "-"}, 1, "Title,Title\n").err.find("twice"));
@@ -114,7 +114,7 @@ TEST_F(DataTest, Import_BadFiles_AreToldWithTheirPlace) {
   EXPECT_EQ(0u, Count("Book"));
 }
 
-TEST_F(DataTest, Import_OfAnUnknownHeading_IsToldOnceWithItsPlace) {
+TEST_F(DataTest, Import_UnknownHeading_IsReportedOnceWithItsLocation) {
   std::string const file = Write("heading.csv", "Title,Isbm\nOne,1\nTwo,2\nThree,3\n");
   Result const result = On("import", {"Book", file, "--reject", Path("rejected.csv")}, 1);
   std::string const told = "heading.csv:1:7: table App.Book has no column Isbm\n";
@@ -123,14 +123,14 @@ TEST_F(DataTest, Import_OfAnUnknownHeading_IsToldOnceWithItsPlace) {
   EXPECT_EQ("", ReadText(Path("rejected.csv")));
 }
 
-TEST_F(DataTest, Import_OfAReferenceThatLeadsNowhere_IsABadRow) {
+TEST_F(DataTest, Import_DanglingReference_IsABadRow) {
   Result const result =
       On("import", {"Book", "-"}, 1, "Title,Owner,Isbn,Price\na,Name=Nobody,1,1\n");
   EXPECT_NE(std::string::npos, result.err.find("there is no App.Person with Name = Nobody"));
   On("import", {"Book", "-"}, 1, "Title,Owner,Isbn,Price\na,Height=1,1,1\n");
 }
 
-TEST_F(DataTest, Import_OfANullWhereNoneIsTaken_IsABadRow) {
+TEST_F(DataTest, Import_NullInARequiredColumn_IsABadRow) {
   EXPECT_NE(std::string::npos,
             On("import", {"Book", "-"}, 1, "Isbn,Price\n\"\",1\n").err.find("is not a number"));
   EXPECT_NE(std::string::npos,
@@ -149,7 +149,7 @@ TEST_F(DataTest, Import_WithoutAColumnThatTakesNoNull_IsRefusedBeforeTheFirstRow
   EXPECT_EQ(0u, Count("Book"));
 }
 
-TEST_F(DataTest, Import_OnATerminal_TellsHowLongItTook) {
+TEST_F(DataTest, Import_OnATerminal_ReportsHowLongItTook) {
   Result const result =
       RunOnTerminal({"import", database(), "Book", Write("one.csv", "Title,Isbn,Price\na,1,1\n")});
   EXPECT_NE(std::string::npos, result.out.find("1 object in 0:0")) << result.out;
@@ -167,7 +167,7 @@ TEST_F(DataTest, Dump_LoadedAndDumpedAgain_IsTheSameByteForByte) {
   EXPECT_EQ(0, RunTool({"check", other}).status);
 }
 
-TEST_F(DataTest, Load_OfAHostsFirstObjects_KeepsTheirLowIds) {
+TEST_F(DataTest, Load_HostsFirstObjects_KeepsTheirLowIds) {
   std::string const dump =
       "{\"schema\": 1, \"tables\": [{\"name\": \"T\"}]}\n{\"t\": 0, \"id\": 470, \"v\": []}\n"
       "{\"end\": {\"objects\": 1, \"tables\": [1]}}\n";
@@ -177,7 +177,7 @@ TEST_F(DataTest, Load_OfAHostsFirstObjects_KeepsTheirLowIds) {
   EXPECT_EQ(0, RunTool({"get", other, "470"}).status);
 }
 
-TEST_F(DataTest, Load_OfABadDump_MakesNoDatabase) {
+TEST_F(DataTest, Load_BadDump_CreatesNoDatabase) {
   std::string const other = Path("other");
   std::string const schema = "{\"schema\": 1, \"tables\": [{\"name\": \"T\"}]}\n";
   EXPECT_EQ(1, RunTool({"load", other, "-"}, "").status);
@@ -194,7 +194,7 @@ TEST_F(DataTest, Load_OfABadDump_MakesNoDatabase) {
   EXPECT_EQ(3, RunTool({"info", other}).status);
 }
 
-TEST_F(DataTest, Load_OfADumpCutAtAnyLineEnd_MakesNoDatabase) {
+TEST_F(DataTest, Load_DumpCutAtAnyLineEnd_CreatesNoDatabase) {
   On("import", {"Person", "-"}, 0, "Name\nAda\nBob\nCleo\n");
   std::string const dump = On("dump").out;
   std::string const other = Path("other");
@@ -215,7 +215,7 @@ TEST_F(DataTest, Load_OntoADatabase_IsRefused) {
   EXPECT_EQ(dump, On("dump").out);
 }
 
-TEST_F(DataTest, Dump_OfNegativeZero_KeepsItsSign) {
+TEST_F(DataTest, Dump_NegativeZero_KeepsItsSign) {
   Apply(kEveryType, {"--allow-destructive"});
   On("import", {"T", "-"}, 0, "f,g\n-0,-0.0\n0,0\n");
   std::string const dump = On("dump").out;
@@ -224,7 +224,7 @@ TEST_F(DataTest, Dump_OfNegativeZero_KeepsItsSign) {
   EXPECT_EQ(dump, RunTool({"dump", Path("loaded")}).out);
 }
 
-TEST_F(DataTest, Dump_OfLoneSurrogates_BringsThemBack) {
+TEST_F(DataTest, Dump_LoneSurrogates_ComeBack) {
   On("import", {"Person", "-", "--jsonl"}, 0, "{\"Name\": {\"utf16\": [55357, 97]}}\n");
   std::string const dump = On("dump").out;
   EXPECT_NE(std::string::npos, dump.find("{\"utf16\": [55357, 97]}")) << dump;

@@ -36,7 +36,7 @@ class DuplicatesTest : public ToolTest {
   }
 };
 
-TEST_F(DuplicatesTest, ADuplicateThatOnlyTheCommitRefuses_IsToldWithKeyIndexAndHolder) {
+TEST_F(DuplicatesTest, DuplicateThatOnlyTheCommitRefuses_IsReportedWithKeyIndexAndHolder) {
   Apply(kLibrary);
   tool::Session session(database());
   session.Begin();
@@ -51,7 +51,7 @@ TEST_F(DuplicatesTest, ADuplicateThatOnlyTheCommitRefuses_IsToldWithKeyIndexAndH
   session.Commit();
 }
 
-TEST_F(DuplicatesTest, AKeyOfManyTypes_IsToldValueByValue) {
+TEST_F(DuplicatesTest, KeyOfManyTypes_IsReportedValueByValue) {
   Apply(kPlaces);
   std::string const city = "K\xC3\xB6ln \xE2\x82\xAC \xF0\x9F\x98\x80 by the river, all of it";
   std::string const next =

@@ -58,7 +58,7 @@ class ImportTest : public ToolTest {
   }
 };
 
-TEST_F(ImportTest, ABadRowInALaterBatch_KeepsTheBatchesBeforeItAndSaysWhereToGoOn) {
+TEST_F(ImportTest, BadRowInALaterBatch_KeepsTheBatchesBeforeItAndSaysWhereToGoOn) {
   std::string const file = Write("many.csv", "Name,Height\n" + People(0, 2 * kBatch + 1000) +
                                                  "bad,tall\n" + People(90000, 90010));
   Result const result = On("import", {"Person", file}, 1);
@@ -123,7 +123,7 @@ TEST_F(ImportTest, StoppedByCtrlCAtAPipe_EndsAndKeepsWholeBatches) {
   EXPECT_EQ(kBatch, Count("Person"));
 }
 
-TEST_F(ImportTest, NumbersThatNoColumnHolds_AreToldAsTheyStandAtTheirPlaces) {
+TEST_F(ImportTest, NumbersThatNoColumnHolds_AreReportedAsWrittenWithTheirLocation) {
   std::string const rows = Write("people.csv", "Name,Height\na,1e999\nb,1\nc,-1e999\n");
   Result const csv = On("import", {"Person", rows, "--reject", Path("rest.csv")}, 1);
   EXPECT_NE(std::string::npos, csv.err.find("people.csv:2:3: column Height: 1e999 is out of range"))
@@ -218,7 +218,7 @@ TEST_F(ImportTest, Pipes_AreReadLikeFiles) {
   EXPECT_EQ(6, Count("Person"));
 }
 
-TEST_F(ImportTest, AReferenceToNothing_IsABadRow) {
+TEST_F(ImportTest, ReferenceToNothing_IsABadRow) {
   On("import", {"Person", "-"}, 0, "Name\nAda\n");
   On("import", {"Book", "-"}, 0, "Title,Isbn,Price\na,1,1\n");
   std::string const book =

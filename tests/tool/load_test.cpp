@@ -66,7 +66,7 @@ TEST_F(LoadTest, NumbersAndTexts_ComeBackToTheBit) {
   EXPECT_EQ(csv, RunTool({"export", third, "T", "--only"}).out);
 }
 
-TEST_F(LoadTest, OfNewIds_FollowsReferences) {
+TEST_F(LoadTest, NewIds_FollowReferences) {
   Apply(R"({"schema": 1, "tables": [{"name": "Node", "columns": [
       {"name": "Name", "type": "string"},
       {"name": "Next", "type": "reference", "target": "Node"}]}]})");
@@ -96,7 +96,7 @@ TEST_F(LoadTest, BlankLinesBehindTheLastOne_AreAccepted) {
       << more.err;
 }
 
-TEST_F(LoadTest, OfACompressedDump_FromAFileAndAPipe) {
+TEST_F(LoadTest, CompressedDump_IsLoadedFromAFileAndAPipe) {
   Apply(kLibrary);
   On("import", {"Person", "-"}, 0, "Name\nAda\nBob\n");
   std::string const dump = On("dump").out;
@@ -145,7 +145,7 @@ TEST_F(LoadTest, StoppedByCtrlC_LeavesNothing) {
   ExpectNothingLeft();
 }
 
-TEST_F(LoadTest, ADumpWithAKeyTwice_IsRefusedByTheNameOfTheIndex) {
+TEST_F(LoadTest, DumpWithAKeyTwice_IsRefusedByTheNameOfTheIndex) {
   Apply(kLibrary);
   On("import", {"Person", "-"}, 0, "Name\nAda\nBob\n");
   std::string dump = On("dump").out;

@@ -5,7 +5,7 @@
 namespace tool_test {
 namespace {
 
-TEST_F(ToolTest, WhatCannotBeOpened_SaysWhichFileAndWhy) {
+TEST_F(ToolTest, UnopenableDatabase_IsReportedWithFileAndReason) {
   Create();
   std::string const lock = database() + "/layouts.lock";
   std::filesystem::remove(lock);
@@ -16,13 +16,13 @@ TEST_F(ToolTest, WhatCannotBeOpened_SaysWhichFileAndWhy) {
   }
 }
 
-TEST_F(ToolTest, WhatIsNotThere_SaysHowToCreateIt) {
+TEST_F(ToolTest, MissingDatabase_IsReportedWithHowToCreateIt) {
   EXPECT_EQ("sagleme: There is no database in " + database() +
                 ".\n  Create one with: sagleme create " + database() + "\n",
             On("info", {}, 3).err);
 }
 
-TEST_F(ToolTest, ACopyThatCannotBeWritten_SaysWhere) {
+TEST_F(ToolTest, UnwritableCopy_IsReportedWithItsLocation) {
   Create();
   Write("file", "");
   Result const refused = On("copy", {Path("file/copy")}, 4);

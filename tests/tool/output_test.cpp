@@ -68,13 +68,13 @@ TEST_F(OutputTest, IntoAClosedPipe_EveryCommandEndsInSilence) {
   }
 }
 
-TEST_F(OutputTest, WithStandardStreamsClosed_TheDatabaseIsNotWrittenOver) {
+TEST_F(OutputTest, WithStandardStreamsClosed_DatabaseIsNotWrittenOver) {
   std::string const shell = "'" SAGLEME_TOOL "' dump '" + database() + "' <&- >&- 2>&-; echo $?";
   EXPECT_EQ("4\n", OutputOf(shell));
   On("check");
 }
 
-TEST_F(OutputTest, OfAnExportToAFullDevice_IsAFailure) {
+TEST_F(OutputTest, ExportToAFullDevice_IsAFailure) {
   Result const result = RunTool({"export", database(), "Person", "--output", "/dev/full"});
   EXPECT_EQ(4, result.status);
   EXPECT_TRUE(Contains(result.err, "cannot write /dev/full: No space left on device"))
@@ -112,7 +112,7 @@ TEST_F(OutputTest, CtrlC_AtThePrompt_DropsTheLineAndLeavesTheSecondTime) {
   EXPECT_TRUE(Contains(ReadText(Path(".sagleme_history")), "tables"));
 }
 
-TEST(TerminalTest, WhereThereAreNoTerminals_ATestIsSkippedButNotInCi) {
+TEST(TerminalTest, WithoutTerminals_TestIsSkippedButNotInCi) {
   unsetenv("CI");
   EXPECT_EXIT(SkipWithoutTerminal("no ptmx"), ::testing::ExitedWithCode(kSkipped), "skipped");
   setenv("CI", "true", 1);

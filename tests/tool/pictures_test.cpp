@@ -28,7 +28,7 @@ TEST_F(PicturesTest, Mermaid_HasInheritanceAndReferences) {
   EXPECT_TRUE(Has(text, "App_Item ..> App_Person : Owner")) << text;
 }
 
-TEST_F(PicturesTest, Diagram_OfOneTable_HasItsDescendantsAndNoOthers) {
+TEST_F(PicturesTest, Diagram_OneTable_HasItsDescendantsAndNoOthers) {
   std::string const dot = On("diagram", {"Item"}).out;
   EXPECT_TRUE(Has(dot, "\"App.Book\" -> \"App.Item\"")) << dot;
   EXPECT_FALSE(Has(dot, "\"App.Person\"")) << dot;
@@ -39,7 +39,7 @@ TEST_F(PicturesTest, Diagram_OfOneTable_HasItsDescendantsAndNoOthers) {
   On("diagram", {"Itm"}, 4);
 }
 
-TEST_F(PicturesTest, Diagram_OfManyTables_IsCutToAPage) {
+TEST_F(PicturesTest, Diagram_ManyTables_IsCutToAPage) {
   std::string schema = R"({"schema": 1, "tables": [{"name": "Top"})";
   for (int i = 0; i < 150; ++i) {
     schema += ", {\"name\": \"T" + std::to_string(i) + "\", \"base\": \"Top\"}";

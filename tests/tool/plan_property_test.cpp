@@ -193,7 +193,7 @@ void RunSeed(sagleme::Context const& context, unsigned seed) {
   transaction.Rollback();
 }
 
-TEST(PlanProperty, Apply_LeadsFromAnySchemaToAnyOther_AndKeepsTheValuesOfKeptColumns) {
+TEST(PlanPropertyTest, Apply_AnySchemaToAnyOther_KeepsTheValuesOfKeptColumns) {
   auto const database = sagleme::Database::InMemory();
   sagleme::Context const context(database);
   for (unsigned seed = 1; seed <= 150 && !testing::Test::HasFailure(); ++seed) {
@@ -201,7 +201,7 @@ TEST(PlanProperty, Apply_LeadsFromAnySchemaToAnyOther_AndKeepsTheValuesOfKeptCol
   }
 }
 
-TEST(Plan, TwoEntriesThatWereOne_AreRefused) {
+TEST(PlanTest, TwoEntriesWithOneOrigin_AreRefused) {
   SchemaDoc from;
   from.tables.push_back({});
   from.tables[0].name = "A";

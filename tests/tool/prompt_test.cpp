@@ -37,7 +37,7 @@ TEST_F(PromptTest, Transactions_AreKeptOrUndoneAsAWhole) {
   EXPECT_EQ(1u, People());
 }
 
-TEST_F(PromptTest, AStatementThatFails_LeavesNothingAndTheTransactionGoesOn) {
+TEST_F(PromptTest, StatementThatFails_LeavesNothingAndTheTransactionGoesOn) {
   std::string const good = Write("good.csv", "Name\nAda\n");
   std::string const bad = Write("bad.csv", "Name,Height\nBob,1\nCleo,tall\n");
   Result const result =
@@ -48,7 +48,7 @@ TEST_F(PromptTest, AStatementThatFails_LeavesNothingAndTheTransactionGoesOn) {
   EXPECT_EQ(1u, People());
 }
 
-TEST_F(PromptTest, ALineThatFails_EndsAScriptWithItsStatus) {
+TEST_F(PromptTest, LineThatFails_EndsAScriptWithItsStatus) {
   On("shell", {}, 4, "describe Nothing\ntables\n");
   On("shell", {}, 2, "nonsense\n");
   On("shell", {}, 2, "tables 'open\n");
@@ -57,7 +57,7 @@ TEST_F(PromptTest, ALineThatFails_EndsAScriptWithItsStatus) {
   On("shell", {}, 4, "begin\nvacuum\n");
 }
 
-TEST_F(PromptTest, OnATerminal_AFailureIsToldAndTheNextLineIsTaken) {
+TEST_F(PromptTest, OnATerminal_FailureIsReportedAndTheNextLineIsTaken) {
   Result const result = RunOnTerminal({"shell", database()}, "describe Nothing\ntables\nquit\n",
                                       {"HOME=" + Path("")});
   EXPECT_EQ(0, result.status) << result.out;
@@ -66,7 +66,7 @@ TEST_F(PromptTest, OnATerminal_AFailureIsToldAndTheNextLineIsTaken) {
   EXPECT_NE(std::string::npos, ReadText(Path(".sagleme_history")).find("tables")) << result.out;
 }
 
-TEST_F(PromptTest, OnATerminal_ATabCompletesNames) {
+TEST_F(PromptTest, OnATerminal_TabCompletesNames) {
   Result const result =
       RunOnTerminal({"shell", database()}, "desc\tApp.Bo\t\nquit\n", {"HOME=" + Path("")});
   EXPECT_EQ(0, result.status) << result.out;
@@ -103,7 +103,7 @@ char const* const kWideRow =
     "Name,Height\nA name that takes up most of the line of a terminal and "
     "leaves no room for a number behind it,1\n";
 
-TEST_F(PromptTest, OnATerminal_AWideTableBecomesRecords) {
+TEST_F(PromptTest, OnATerminal_WideTableBecomesRecords) {
   On("import", {"Person", "-"}, 0, kWideRow);
   Arguments const plain{"NO_COLOR=1", "HOME=" + Path("")};
   Result const folded = RunOnTerminal({"scan", database(), "Person"}, "", plain);
@@ -143,7 +143,7 @@ TEST_F(PromptTest, OnATerminal_LongListsGoThroughThePager) {
   EXPECT_NE(std::string::npos, result.out.find("Person number 99")) << "paging is off";
 }
 
-TEST_F(PromptTest, APagerThatIsLeftEarly_EndsTheListOnly) {
+TEST_F(PromptTest, PagerThatIsLeftEarly_EndsTheListOnly) {
   std::string rows = "Name\n";
   for (int i = 0; i < 5000; ++i) rows += "Person number " + std::to_string(i) + "\n";
   On("import", {"Person", "-"}, 0, rows);

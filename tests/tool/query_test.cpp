@@ -77,7 +77,7 @@ TEST_F(QueryTest, Where_OnColumnsOfOtherTypes_ComparesTheirValues) {
   EXPECT_EQ(" Cleo,", Titles("Person", {"--where", "Height=0"})) << "the two zeros are equal";
 }
 
-TEST_F(QueryTest, Where_TakesAnIndexThatFits_AndGivesTheSameObjects) {
+TEST_F(QueryTest, Where_WithAnIndexThatFits_GivesTheSameObjects) {
   EXPECT_EQ("index ItemByPages\n", Path("Item", {"--where", "Pages>=20"}));
   EXPECT_EQ("index ItemByTitle\n", Path("Book", {"--where", "Title^=The"}));
   EXPECT_EQ("index ItemByTitle\n", Path("Item", {"--where", "Title=Middle", "--where", "Pages="}));
@@ -102,7 +102,7 @@ TEST_F(QueryTest, Order_WithAndWithoutAnIndex_IsTheSame) {
   EXPECT_EQ("", Titles("Book", {"--order", "Price", "--limit", "0"}));
 }
 
-TEST_F(QueryTest, Where_ThatMakesNoSense_IsExplained) {
+TEST_F(QueryTest, Where_Nonsense_IsExplained) {
   EXPECT_TRUE(Contains(Refused({"--where", "Pages"}, 2), "as in Pages>=10"));
   EXPECT_TRUE(Contains(Refused({"--where", "Pages>"}, 2), "a value is missing"));
   EXPECT_TRUE(Contains(Refused({"--where", "Pages^=1"}, 2), "^= and *= are for texts"));
@@ -112,7 +112,7 @@ TEST_F(QueryTest, Where_ThatMakesNoSense_IsExplained) {
   EXPECT_TRUE(Contains(Refused({"--order", "Titel:desc"}, 4), "Did you mean Title?"));
 }
 
-TEST_F(QueryTest, Count_CountsTablesAndWhatMeetsConditions) {
+TEST_F(QueryTest, Count_CountsTablesAndMatchingObjects) {
   EXPECT_EQ("5\n", On("count", {"Item"}).out);
   EXPECT_EQ("0\n", On("count", {"Item", "--only"}).out);
   EXPECT_EQ("2\n", On("count", {"Book", "--where", "Title^=The"}).out);
@@ -130,7 +130,7 @@ TEST_F(QueryTest, AllColumns_ShowsThoseOfDerivedTables) {
   EXPECT_FALSE(Contains(On("scan", {"Item"}).out, "Price"));
 }
 
-TEST_F(QueryTest, Insert_Set_Delete_OfOneObject) {
+TEST_F(QueryTest, InsertSetDelete_OneObject_Succeeds) {
   std::string const id = Insert({"Book", "Title=New", "Isbn=9", "Price=1", "Owner=Name=Ada"});
   On("set", {id, "Title=Newer", "--null", "Owner"});
   Json const book = Json::parse(On("get", {id, "--format", "json"}).out);
@@ -142,7 +142,7 @@ TEST_F(QueryTest, Insert_Set_Delete_OfOneObject) {
   On("check");
 }
 
-TEST_F(QueryTest, Edits_ThatCannotBe_AreRefusedAndChangeNothing) {
+TEST_F(QueryTest, Edits_Impossible_AreRefusedAndChangeNothing) {
   std::string const before = On("dump").out;
   std::string const id = Insert({"Person", "Name=Eve"});
   auto const refused = [&](std::string const& command, Arguments const& rest, int status) {
@@ -163,7 +163,7 @@ TEST_F(QueryTest, Edits_ThatCannotBe_AreRefusedAndChangeNothing) {
   EXPECT_EQ(before, On("dump").out);
 }
 
-TEST_F(QueryTest, ADuplicateKey_IsToldWithKeyIndexAndHolder) {
+TEST_F(QueryTest, DuplicateKey_IsReportedWithKeyIndexAndHolder) {
   std::string const id = Insert({"Person", "Name=Eve"});
   std::string const told = "duplicate key \"Eve\" in unique index PersonByName (object " + id + ")";
   EXPECT_TRUE(Contains(On("insert", {"Person", "Name=Eve"}, 4).err, told));
@@ -172,7 +172,7 @@ TEST_F(QueryTest, ADuplicateKey_IsToldWithKeyIndexAndHolder) {
   EXPECT_TRUE(Contains(On("import", {"Person", "-"}, 1, "Name\nEve\n").err, "-:2:1: " + told));
 }
 
-TEST_F(QueryTest, WhatIsNoId_IsToldInWords) {
+TEST_F(QueryTest, MalformedId_IsReportedInWords) {
   EXPECT_TRUE(Contains(On("get", {"abc"}, 2).err, "\"abc\" is not the id of an object"));
   EXPECT_TRUE(Contains(On("get", {"0"}, 2).err, "\"0\" is not the id of an object"));
   EXPECT_TRUE(Contains(On("get", {"-5"}, 2).err, "-5"));

@@ -23,7 +23,7 @@ class ReferencesTest : public ToolTest {
   std::string book_;
 };
 
-TEST_F(ReferencesTest, Insert_OfAReferenceToNoObject_IsRefusedAndLeavesNothing) {
+TEST_F(ReferencesTest, Insert_ReferenceToNoObject_IsRefusedAndLeavesNothing) {
   Result const refused = On("insert", {"Book", "Title=Two", "Isbn=2", "Price=1", "Owner=999"}, 4);
   EXPECT_NE(std::string::npos,
             refused.err.find("Column Owner of App.Book cannot refer to object 999, which does not "
@@ -32,7 +32,7 @@ TEST_F(ReferencesTest, Insert_OfAReferenceToNoObject_IsRefusedAndLeavesNothing) 
   EXPECT_EQ("1\n", On("count", {"Book"}).out);
 }
 
-TEST_F(ReferencesTest, Set_OfAReferenceToAnotherTable_IsRefused) {
+TEST_F(ReferencesTest, Set_ReferenceToAnotherTable_IsRefused) {
   Result const refused = On("set", {book_, "Owner=" + book_}, 4);
   EXPECT_NE(std::string::npos,
             refused.err.find("Column Owner of App.Book refers to objects of App.Person, and "
@@ -42,7 +42,7 @@ TEST_F(ReferencesTest, Set_OfAReferenceToAnotherTable_IsRefused) {
   On("check");
 }
 
-TEST_F(ReferencesTest, Import_OfAReferenceToNoObject_IsABadRow) {
+TEST_F(ReferencesTest, Import_ReferenceToNoObject_IsABadRow) {
   std::string const rows = "Title,Isbn,Price,Owner\nTwo,2,1," + person_ + "\nThree,3,1,999\n";
   Result const refused = On("import", {"Book", "-"}, 1, rows);
   EXPECT_NE(std::string::npos, refused.err.find("999")) << refused.err;

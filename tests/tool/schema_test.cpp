@@ -95,7 +95,7 @@ TEST_F(SchemaTest, Apply_WasNull_IsNoRename) {
   EXPECT_EQ("nothing to do\n", On("apply", {file}).out);
 }
 
-TEST_F(SchemaTest, Apply_ANewNameWithoutAWord_IsRefusedWithBothReadings) {
+TEST_F(SchemaTest, Apply_UnexplainedNewName_IsRefusedWithBothReadings) {
   std::string const before = On("schema").out;
   std::string const file = Write("new.json", Renamed("\"name\": \"Number\""));
   for (Arguments const& rest :
@@ -114,7 +114,7 @@ TEST_F(SchemaTest, Apply_ANewNameWithoutAWord_IsRefusedWithBothReadings) {
   EXPECT_EQ(before, On("schema").out);
 }
 
-TEST_F(SchemaTest, Apply_ANewNameOnATerminal_IsAskedAbout) {
+TEST_F(SchemaTest, Apply_NewNameOnATerminal_IsAskedAbout) {
   std::string const file = Write("new.json", Renamed("\"name\": \"Number\""));
   auto const answer = [&](std::string const& typed, Arguments rest = {}) {
     rest.insert(rest.begin(), {"apply", database(), file});
@@ -132,14 +132,14 @@ TEST_F(SchemaTest, Apply_ANewNameOnATerminal_IsAskedAbout) {
   EXPECT_EQ("nothing to do\n", On("apply", {file}).out);
 }
 
-TEST_F(SchemaTest, Apply_AnAnswerThatLosesValues_IsTakenWithTheFlag) {
+TEST_F(SchemaTest, Apply_AnswerThatLosesValues_IsTakenWithTheFlag) {
   std::string const file = Write("new.json", Renamed("\"name\": \"Number\""));
   Result const dropped = RunOnTerminal({"apply", database(), file, "--allow-destructive"}, "n\n");
   EXPECT_EQ(0, dropped.status) << dropped.out;
   EXPECT_EQ(0, Json::parse(On("scan", {"Book", "--format", "json"}).out)[1]["Number"]);
 }
 
-TEST_F(SchemaTest, Apply_AColumnInAnotherPlaceOrOfAnotherType_IsNoRename) {
+TEST_F(SchemaTest, Apply_ColumnAtAnotherPositionOrOfAnotherType_IsNoRename) {
   Json document = Json::parse(On("schema", {"--portable"}).out);
   Json& columns = Table(document, "App.Book")["columns"];
   columns.erase(0);
@@ -156,7 +156,7 @@ TEST_F(SchemaTest, Apply_AColumnInAnotherPlaceOrOfAnotherType_IsNoRename) {
       Plan(document, 5));
 }
 
-TEST_F(SchemaTest, Apply_ATableByANewNameWithoutAWord_IsRefusedUntilItIsSaid) {
+TEST_F(SchemaTest, Apply_UnexplainedNewTableName_IsRefusedUntilItIsSaid) {
   Json document = Json::parse(On("schema", {"--portable"}).out);
   Table(document, "App.Person")["name"] = "App.Human";
   Table(document, "App.Item")["columns"][2]["target"] = "App.Human";
@@ -171,14 +171,14 @@ TEST_F(SchemaTest, Apply_ATableByANewNameWithoutAWord_IsRefusedUntilItIsSaid) {
 }
 
 // The ids of a document tell what stays; an entry without one may be what has gone.
-TEST_F(SchemaTest, Apply_AnEntryThatLostItsId_IsInDoubt) {
+TEST_F(SchemaTest, Apply_EntryThatLostItsId_IsInDoubt) {
   Json document = Document();
   Table(document, "App.Book")["columns"][0] = {{"name", "Number"}, {"type", "ulong"}};
   std::string const file = Write("noid.json", document.dump());
   EXPECT_NE(std::string::npos, On("apply", {file}, 4).err.find("column Isbn of App.Book is gone"));
 }
 
-TEST_F(SchemaTest, Schema_OfADatabaseThatTheLibraryMade_HasIdentities) {
+TEST_F(SchemaTest, Schema_DatabaseCreatedByTheLibrary_HasIdentities) {
   std::string const made = Path("made");
   {
     auto const database = sagleme::Database::Create(made);
@@ -205,7 +205,7 @@ TEST_F(SchemaTest, Identity_IsKeptByACopyAndNotByALoadedDump) {
   EXPECT_NE(own, Json::parse(RunTool({"schema", Path("loaded")}).out)["database"].dump());
 }
 
-TEST_F(SchemaTest, Apply_NamesThatChangePlaces_KeepTheirValues) {
+TEST_F(SchemaTest, Apply_SwappedNames_KeepTheirValues) {
   Json document = Document();
   Table(document, "App.Item")["columns"][0]["name"] = "Pages";
   Table(document, "App.Item")["columns"][1]["name"] = "Title";
@@ -233,7 +233,7 @@ TEST_F(SchemaTest, Apply_DestructiveWithoutTheFlag_IsRefusedAndChangesNothing) {
   EXPECT_NE(before, On("schema").out);
 }
 
-TEST_F(SchemaTest, Apply_AnotherBase_DropsAndMakesTheTableAnew) {
+TEST_F(SchemaTest, Apply_AnotherBase_DropsAndRecreatesTheTable) {
   Json document = Document();
   Table(document, "App.Film").erase("base");
   std::string const plan = ApplyDocument(document);
@@ -242,13 +242,13 @@ TEST_F(SchemaTest, Apply_AnotherBase_DropsAndMakesTheTableAnew) {
   EXPECT_EQ("nothing to do\n", Plan(Document()));
 }
 
-TEST_F(SchemaTest, Apply_AnEmptySchema_DropsEverything) {
+TEST_F(SchemaTest, Apply_EmptySchema_DropsEverything) {
   ApplyDocument({{"schema", 1}, {"tables", Json::array()}});
   EXPECT_EQ("[]\n", On("tables", {"--format", "json"}).out);
   On("check");
 }
 
-TEST_F(SchemaTest, Apply_OneTableOfAPart_LeavesTheOthers) {
+TEST_F(SchemaTest, Apply_OneTable_LeavesTheOthers) {
   std::string const part = On("schema", {"Item"}).out;
   EXPECT_EQ("nothing to do\n", On("apply", {Write("part.json", part)}).out);
   Json document = Json::parse(part);
@@ -292,7 +292,7 @@ TEST_F(SchemaTest, Apply_BadDocuments_AreUsageAndSayWhere) {
                 .find("has no column x"));
 }
 
-TEST_F(SchemaTest, Apply_OfAnotherDatabasesDocument_SaysSoBeforeAnythingIsLost) {
+TEST_F(SchemaTest, Apply_DocumentOfAnotherDatabase_SaysSoBeforeAnythingIsLost) {
   std::string const other = Path("other");
   ASSERT_EQ(0, RunTool({"create", other}).status);
   std::string const file = Write("other.json", RunTool({"schema", other}).out);
@@ -308,7 +308,7 @@ TEST_F(SchemaTest, Apply_OfAnotherDatabasesDocument_SaysSoBeforeAnythingIsLost) 
   EXPECT_EQ("", On("apply", {own}).err);
 }
 
-TEST_F(SchemaTest, Names_ThatAreTooLong_AreToldInASentence) {
+TEST_F(SchemaTest, Names_TooLong_AreReportedInASentence) {
   std::string const name(5000, 'x');
   for (Arguments const& arguments : {Arguments{"scan", name}, Arguments{"find", name}}) {
     Result const result = On(arguments[0], {name}, 4);
@@ -320,7 +320,7 @@ TEST_F(SchemaTest, Names_ThatAreTooLong_AreToldInASentence) {
   EXPECT_NE(std::string::npos, On("apply", {file}, 4).err.find("A name is too long"));
 }
 
-TEST_F(ToolTest, TheDocumentOnItsPage_IsApplied) {
+TEST_F(ToolTest, DocumentOnItsPage_IsApplied) {
   std::string const page = ReadText(SAGLEME_DOCS "/schema.md");
   auto const begin = page.find("```json\n") + 8;
   Json const document = Json::parse(page.substr(begin, page.find("```", begin) - begin));

@@ -10,7 +10,7 @@ TEST_F(ToolTest, DiagramAsSvg_IsDrawnByGraphviz) {
 }
 
 // A screen is scrolled downwards, not sideways.
-TEST_F(ToolTest, DiagramAsSvg_OfManyTables_IsNotWide) {
+TEST_F(ToolTest, DiagramAsSvg_ManyTables_IsNotWide) {
   Create();
   std::string schema = R"({"schema": 1, "tables": [{"name": "Top"})";
   for (int i = 0; i < 150; ++i) {

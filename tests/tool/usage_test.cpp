@@ -49,7 +49,7 @@ TEST_F(UsageTest, MisspeltNames_AreAnsweredWithNearOnes) {
   EXPECT_TRUE(Contains(On("shell", {}, 2, "begn\n").err, "there is no command \"begn\""));
 }
 
-TEST_F(UsageTest, WrongWords_AreToldInTheCommandsOwn) {
+TEST_F(UsageTest, WrongWords_AreReportedInTheCommandsOwn) {
   EXPECT_TRUE(Contains(Refused({}), "no command was given"));
   EXPECT_TRUE(Contains(Refused({"scan", database()}), "the argument TABLE is missing\n  Usage: "));
   EXPECT_TRUE(Contains(Refused({"info", database(), "x"}), "\"x\" is one argument too many"));

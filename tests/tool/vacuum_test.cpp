@@ -51,7 +51,7 @@ TEST_F(VacuumTest, Vacuum_MovesObjectsAndKeepsTheirValues) {
             On("vacuum").err.find("moved 0 objects, removed 0 objects, finished 0 of 0 requests"));
 }
 
-TEST_F(VacuumTest, Vacuum_CutOffByCtrlC_KeepsWhatIsDoneAndGoesOnTheNextTime) {
+TEST_F(VacuumTest, Vacuum_StoppedByCtrlC_KeepsItsWorkAndResumesTheNextTime) {
   On("import", {"Book", "-"}, 0, Rows(0, 250));
   AddColumn("First");
   std::string const before = On("scan", {"Book"}).out;

@@ -98,7 +98,7 @@ class LogStoreTest : public testing::Test {
 
 // ---- recovery ----------------------------------------------------------------------------------
 
-TEST_F(LogStoreTest, WhatWasCommittedIsThereAfterAKill) {
+TEST_F(LogStoreTest, CommittedData_SurvivesAKill) {
   std::unique_ptr<Store> const store = Open();
   for (int i = 1; i <= 20; ++i) {
     CommitNumber(*store, i);
@@ -106,7 +106,7 @@ TEST_F(LogStoreTest, WhatWasCommittedIsThereAfterAKill) {
   }
 }
 
-TEST_F(LogStoreTest, WhatWasCommittedIsThereAfterAKillWhileTheLogTurns) {
+TEST_F(LogStoreTest, CommittedData_SurvivesAKillWhileTheLogTurns) {
   options_.log_limit = 1500;
   std::unique_ptr<Store> const store = Open();
   for (int i = 1; i <= 60; ++i) {
@@ -116,7 +116,7 @@ TEST_F(LogStoreTest, WhatWasCommittedIsThereAfterAKillWhileTheLogTurns) {
   }
 }
 
-TEST_F(LogStoreTest, NumbersGoOnAfterAKill) {
+TEST_F(LogStoreTest, Numbers_ContinueAfterAKill) {
   std::unique_ptr<Store> const store = Open();
   for (int i = 1; i <= 5; ++i) CommitNumber(*store, i);
   std::unique_ptr<Store> const after = OpenLogStore(Crash(), options_);
@@ -125,7 +125,7 @@ TEST_F(LogStoreTest, NumbersGoOnAfterAKill) {
   EXPECT_EQ(Raw(store->Statistics().last_commit) + 1, Raw(after->Statistics().last_commit));
 }
 
-TEST_F(LogStoreTest, CleanCloseLeavesNoLog) {
+TEST_F(LogStoreTest, CleanClose_LeavesNoLog) {
   {
     std::unique_ptr<Store> const store = Open();
     CommitNumber(*store, 1);
@@ -136,7 +136,7 @@ TEST_F(LogStoreTest, CleanCloseLeavesNoLog) {
   EXPECT_EQ(1, LastIn(directory_));
 }
 
-TEST_F(LogStoreTest, ReadingWritesNothing) {
+TEST_F(LogStoreTest, Reading_WritesNothing) {
   { CommitNumber(*Open(), 1); }
   std::string const before = ReadFile(directory_ + "/data.mdb");
   EXPECT_EQ(1, LastIn(directory_));
@@ -145,7 +145,7 @@ TEST_F(LogStoreTest, ReadingWritesNothing) {
 
 // ---- bytes of the log --------------------------------------------------------------------------
 
-class LogBytes : public LogStoreTest {
+class LogBytesTest : public LogStoreTest {
  protected:
   static constexpr int kCommits = 12;
 
@@ -193,7 +193,7 @@ class LogBytes : public LogStoreTest {
   std::vector<std::size_t> ends_;  // of each commit, after the beginning of the first
 };
 
-TEST_F(LogBytes, CutAnywhereLeavesTheCommitsBefore) {
+TEST_F(LogBytesTest, LogCutAnywhere_LeavesTheCommitsBefore) {
   Leave();
   std::size_t const end = ends_.back();
   for (std::size_t cut = logformat::kTitleSize; cut < end; cut += 61) {
@@ -207,7 +207,7 @@ TEST_F(LogBytes, CutAnywhereLeavesTheCommitsBefore) {
   }
 }
 
-TEST_F(LogBytes, AnyLossOfSectorsLeavesTheCommitsBeforeTheFirst) {
+TEST_F(LogBytesTest, AnyLossOfSectors_LeavesTheCommitsBeforeTheFirst) {
   Leave();
   std::mt19937 random(3);
   std::size_t const sectors = (ends_.back() + kSector - 1) / kSector;
@@ -225,7 +225,7 @@ TEST_F(LogBytes, AnyLossOfSectorsLeavesTheCommitsBeforeTheFirst) {
   }
 }
 
-TEST_F(LogBytes, EveryFlippedBitEndsTheLogThere) {
+TEST_F(LogBytesTest, FlippedBit_EndsTheLogThere) {
   Leave();
   for (std::size_t at = logformat::kTitleSize; at < ends_.back(); at += 29) {
     std::string log = log_;
@@ -237,7 +237,7 @@ TEST_F(LogBytes, EveryFlippedBitEndsTheLogThere) {
   }
 }
 
-TEST_F(LogBytes, RepeatedAndExchangedRecordsAreNotTaken) {
+TEST_F(LogBytesTest, RepeatedAndExchangedRecords_AreNotTaken) {
   Leave();
   auto const record = [&](std::size_t i) { return log_.substr(ends_[i], ends_[i + 1] - ends_[i]); };
   std::string const head = log_.substr(0, ends_[5]);
@@ -247,7 +247,7 @@ TEST_F(LogBytes, RepeatedAndExchangedRecordsAreNotTaken) {
   EXPECT_EQ(5, LastWith(head + log_.substr(ends_[6])));
 }
 
-TEST_F(LogBytes, RecordsOfAnotherLogAreNotTaken) {
+TEST_F(LogBytesTest, RecordsOfAnotherLog_AreNotTaken) {
   Leave();
   std::string const other = Make("other");
   std::string foreign;
@@ -261,20 +261,20 @@ TEST_F(LogBytes, RecordsOfAnotherLogAreNotTaken) {
   EXPECT_EQ(-1, LastWith(foreign));
 }
 
-TEST_F(LogBytes, MissingLogIsDamage) {
+TEST_F(LogBytesTest, MissingLog_IsDamage) {
   Leave();
   std::filesystem::remove(left_ + "/log-1");
   EXPECT_EQ(-1, LastIn(left_));
 }
 
 // An image is an old state without its log: the two records that tell of it go together.
-TEST_F(LogBytes, ImageThatLostItsPositionIsDamage) {
+TEST_F(LogBytesTest, ImageThatLostItsPosition_IsDamage) {
   Leave();
   ChangeImage([](Batch& image) { image.Delete(Tree::kMeta, logformat::kImageKey); });
   EXPECT_EQ(-1, LastIn(left_));
 }
 
-TEST_F(LogBytes, ImageThatLostItsVersionIsDamage) {
+TEST_F(LogBytesTest, ImageThatLostItsVersion_IsDamage) {
   Leave();
   ChangeImage([](Batch& image) {
     image.Put(Tree::kMeta, format::kFormatKey, format::FormatRecord(format::kFirstVersion));
@@ -282,7 +282,7 @@ TEST_F(LogBytes, ImageThatLostItsVersionIsDamage) {
   EXPECT_EQ(-1, LastIn(left_));
 }
 
-TEST_F(LogBytes, BadRecordBelowASyncedOneIsDamage) {
+TEST_F(LogBytesTest, BadRecordBelowASyncedOne_IsDamage) {
   options_.sync = true;
   Leave();
   for (std::size_t at = ends_[3] + 8; at < ends_[kCommits - 2]; at += 97) {
@@ -298,7 +298,7 @@ TEST_F(LogBytes, BadRecordBelowASyncedOneIsDamage) {
 }
 
 // What lies behind the end of a log that was cut must not come back with the commits that follow.
-TEST_F(LogBytes, CommitsAfterACutDoNotBringBackWhatWasCutOff) {
+TEST_F(LogBytesTest, CommitsAfterACut_DoNotBringBackWhatWasCutOff) {
   Leave();
   std::string log = log_;
   log[ends_[6] + 60] ^= 1;
@@ -313,7 +313,7 @@ TEST_F(LogBytes, CommitsAfterACutDoNotBringBackWhatWasCutOff) {
 
 // ---- several processes -------------------------------------------------------------------------
 
-TEST_F(LogStoreTest, ProcessesFollowOneAnother) {
+TEST_F(LogStoreTest, Processes_FollowOneAnother) {
   options_.log_limit = 1500;
   constexpr int kRounds = 40;
   OtherProcess other([&](OtherProcess& test) {
@@ -340,7 +340,7 @@ TEST_F(LogStoreTest, ProcessesFollowOneAnother) {
   other.ExpectGoodEnd();
 }
 
-TEST_F(LogStoreTest, OneThatFellFarBehindBeginsAtTheImage) {
+TEST_F(LogStoreTest, ProcessFarBehind_BeginsAtTheImage) {
   options_.log_limit = 1500;
   OtherProcess other([&](OtherProcess& test) {
     test.Hear();
@@ -362,7 +362,7 @@ TEST_F(LogStoreTest, OneThatFellFarBehindBeginsAtTheImage) {
   other.ExpectGoodEnd();
 }
 
-TEST_F(LogStoreTest, ObjectsThatAnotherProcessChangedAreListed) {
+TEST_F(LogStoreTest, ObjectsChangedByAnotherProcess_AreListed) {
   std::uint64_t const id = 77;
   OtherProcess other([&](OtherProcess& test) {
     test.Hear();
@@ -392,7 +392,7 @@ TEST_F(LogStoreTest, ObjectsThatAnotherProcessChangedAreListed) {
 }
 
 // A writer that is killed at any moment leaves whole commits to the processes that live on.
-TEST_F(LogStoreTest, KilledWriterHoldsUpNobody) {
+TEST_F(LogStoreTest, KilledWriter_HoldsUpNobody) {
   options_.log_limit = 4000;
   // Starts all writers before the test opens the store.
   constexpr int kWriters = 12;

@@ -33,9 +33,9 @@ std::map<std::string, std::string> NumberedEntries(std::uint32_t count) {
   return entries;
 }
 
-class StoreConformance : public testing::TestWithParam<TestedStore> {
+class StoreConformanceTest : public testing::TestWithParam<TestedStore> {
  protected:
-  StoreConformance() {
+  StoreConformanceTest() {
     options_.sync = false;
     options_.max_readers = 64;
     store_ = GetParam().make(options_);
@@ -56,7 +56,7 @@ class StoreConformance : public testing::TestWithParam<TestedStore> {
 
 // ---- snapshots ---------------------------------------------------------------------------------
 
-TEST_P(StoreConformance, NewStoreHoldsItsFormatAndNothingElse) {
+TEST_P(StoreConformanceTest, NewStore_HoldsItsFormatAndNothingElse) {
   Reading const now(*store_);
   for (Tree const tree : {Tree::kRows, Tree::kOverflow, Tree::kIndex, Tree::kDefinitions}) {
     EXPECT_TRUE(AllOf(*now, tree).empty());
@@ -66,7 +66,7 @@ TEST_P(StoreConformance, NewStoreHoldsItsFormatAndNothingElse) {
   EXPECT_EQ(format::kFormatKey, meta[0].first);
 }
 
-TEST_P(StoreConformance, SnapshotStaysAsItWasWhileOthersCommit) {
+TEST_P(StoreConformanceTest, Snapshot_StaysAsItWasWhileOthersCommit) {
   Fill(*store_, kTree, {{"a", "1"}, {"b", "2"}});
   Reading const before(*store_);
   std::string_view held;
@@ -85,7 +85,7 @@ TEST_P(StoreConformance, SnapshotStaysAsItWasWhileOthersCommit) {
   EXPECT_EQ(21u, AllOf(*after, kTree).size());
 }
 
-TEST_P(StoreConformance, StatesAreNumberedOneByOne) {
+TEST_P(StoreConformanceTest, States_AreNumberedConsecutively) {
   Fill(*store_, kTree, {{"a", "1"}});
   CommitId first{0};
   {
@@ -100,7 +100,7 @@ TEST_P(StoreConformance, StatesAreNumberedOneByOne) {
   EXPECT_EQ(Raw(first) + 1, Raw(store_->Statistics().last_commit));
 }
 
-TEST_P(StoreConformance, OwnCommitsAreNotForeign) {
+TEST_P(StoreConformanceTest, OwnCommits_AreNotForeign) {
   {
     Reading const at_first(*store_);
     store_->Notice(*at_first);
@@ -112,7 +112,7 @@ TEST_P(StoreConformance, OwnCommitsAreNotForeign) {
   EXPECT_EQ(unlisted, store_->foreign_commits().unlisted());
 }
 
-TEST_P(StoreConformance, AReservedLayoutNumberIsFreeNoMore) {
+TEST_P(StoreConformanceTest, ReservedLayoutNumber_IsNoLongerFree) {
   LayoutReservations& reservations = *store_->layout_reservations();
   EXPECT_TRUE(reservations.Reserve(LayoutNumber{7}));
   EXPECT_FALSE(reservations.Reserve(LayoutNumber{7}));
@@ -121,14 +121,14 @@ TEST_P(StoreConformance, AReservedLayoutNumberIsFreeNoMore) {
   EXPECT_EQ(LayoutNumber{1}, reservations.ReserveFrom(0));
 }
 
-TEST_P(StoreConformance, LayoutNumbersEndWithTheLast) {
+TEST_P(StoreConformanceTest, LayoutNumbers_EndWithTheLast) {
   LayoutReservations& reservations = *store_->layout_reservations();
   EXPECT_EQ(LayoutNumber{65535}, reservations.ReserveFrom(65535));
   EXPECT_EQ(kNoLayout, reservations.ReserveFrom(65535));
   EXPECT_EQ(kNoLayout, reservations.ReserveFrom(65536));
 }
 
-TEST_P(StoreConformance, TheWordOfReservationsChangesFromWhatWasExpectedOnly) {
+TEST_P(StoreConformanceTest, ReservationWord_ChangesOnlyFromTheExpectedValue) {
   LayoutReservations& reservations = *store_->layout_reservations();
   EXPECT_EQ(0U, reservations.word());
   EXPECT_TRUE(reservations.ReplaceWord(0, 300));
@@ -136,7 +136,7 @@ TEST_P(StoreConformance, TheWordOfReservationsChangesFromWhatWasExpectedOnly) {
   EXPECT_EQ(300U, reservations.word());
 }
 
-TEST_P(StoreConformance, StatisticsNameTheOldestStateThatIsRead) {
+TEST_P(StoreConformanceTest, Statistics_NameTheOldestStateRead) {
   Fill(*store_, kTree, {{"a", "1"}});
   Reading const old(*store_);
   Fill(*store_, kTree, {{"a", "2"}});
@@ -147,7 +147,7 @@ TEST_P(StoreConformance, StatisticsNameTheOldestStateThatIsRead) {
   EXPECT_EQ(64u, found.max_readers);
 }
 
-TEST_P(StoreConformance, RefusesMoreReadersThanItHasRoomForUntilOneEnds) {
+TEST_P(StoreConformanceTest, TooManyReaders_AreRefusedUntilOneEnds) {
   std::vector<std::unique_ptr<Snapshot>> open;
   Status const status = Guarded([&] {
     for (int i = 0; i < 1000; ++i) open.push_back(store_->Begin());
@@ -160,7 +160,7 @@ TEST_P(StoreConformance, RefusesMoreReadersThanItHasRoomForUntilOneEnds) {
   for (std::unique_ptr<Snapshot>& snapshot : open) store_->End(std::move(snapshot));
 }
 
-TEST_P(StoreConformance, ReadersOnManyThreadsSeeWholeCommits) {
+TEST_P(StoreConformanceTest, ReadersOnManyThreads_SeeWholeCommits) {
   std::atomic<bool> done = false;
   std::atomic<int> looked = 0;
   Fill(*store_, kTree, {{"a", "0"}, {"b", "0"}});
@@ -184,7 +184,7 @@ TEST_P(StoreConformance, ReadersOnManyThreadsSeeWholeCommits) {
   EXPECT_EQ("200", ValueIn(*now, kTree, "a"));
 }
 
-TEST_P(StoreConformance, VerifiedSnapshotOfASoundStoreReportsNothing) {
+TEST_P(StoreConformanceTest, VerifiedSnapshotOfASoundStore_ReportsNothing) {
   Fill(*store_, kTree, NumberedEntries(500));
   int faults = 0;
   std::unique_ptr<Snapshot> snapshot = store_->BeginVerified([&](StoreFault const&) { ++faults; });
@@ -196,7 +196,7 @@ TEST_P(StoreConformance, VerifiedSnapshotOfASoundStoreReportsNothing) {
 
 // ---- reading -----------------------------------------------------------------------------------
 
-TEST_P(StoreConformance, TreesDoNotMix) {
+TEST_P(StoreConformanceTest, Trees_DoNotMix) {
   std::uint64_t const id = 7;
   for (Tree const tree : {Tree::kOverflow, Tree::kIndex, Tree::kDefinitions, Tree::kMeta}) {
     Fill(*store_, tree, {{"same", std::to_string(static_cast<int>(tree))}});
@@ -209,7 +209,7 @@ TEST_P(StoreConformance, TreesDoNotMix) {
   EXPECT_EQ("row", ValueIn(*now, Tree::kRows, BytesOf(id)));
 }
 
-TEST_P(StoreConformance, KeysAreInTheOrderOfTheirBytes) {
+TEST_P(StoreConformanceTest, Keys_AreInTheOrderOfTheirBytes) {
   Fill(*store_, kTree,
        {{"b", ""}, {"ab", ""}, {"a", ""}, {"\xFF", ""}, {std::string("a\0", 2), ""}, {"\x7F", ""}});
   Reading const now(*store_);
@@ -219,7 +219,7 @@ TEST_P(StoreConformance, KeysAreInTheOrderOfTheirBytes) {
             keys);
 }
 
-TEST_P(StoreConformance, RowsAreInTheOrderOfTheirNumbers) {
+TEST_P(StoreConformanceTest, Rows_AreInTheOrderOfTheirNumbers) {
   std::set<std::uint64_t> const ids = {1, 255, 256, 65536, 1ull << 40, ~0ull};
   std::map<std::string, std::string> entries;
   for (std::uint64_t const& id : ids) entries[std::string(BytesOf(id))] = std::to_string(id);
@@ -232,7 +232,7 @@ TEST_P(StoreConformance, RowsAreInTheOrderOfTheirNumbers) {
   EXPECT_EQ(expected, values);
 }
 
-TEST_P(StoreConformance, GetManyGivesWhatGetGives) {
+TEST_P(StoreConformanceTest, GetMany_GivesWhatGetGives) {
   Fill(*store_, kTree, NumberedEntries(300));
   std::vector<std::string> keys;
   for (std::uint32_t i = 0; i < 600; i += 7) keys.push_back(Numbered(i));
@@ -247,7 +247,7 @@ TEST_P(StoreConformance, GetManyGivesWhatGetGives) {
   }
 }
 
-TEST_P(StoreConformance, KeysAndValuesOfAllSizesComeBack) {
+TEST_P(StoreConformanceTest, KeysAndValuesOfAllSizes_ComeBack) {
   std::map<std::string, std::string> entries;
   entries["empty"] = "";
   entries[std::string(kMaxKeySize, 'k')] = "longest key";
@@ -258,7 +258,7 @@ TEST_P(StoreConformance, KeysAndValuesOfAllSizesComeBack) {
   for (auto const& [key, value] : entries) EXPECT_EQ(value, ValueIn(*now, kTree, key));
 }
 
-TEST_P(StoreConformance, RefusesAKeyThatIsTooLongAndKeepsNothingOfTheBatch) {
+TEST_P(StoreConformanceTest, TooLongKey_IsRefusedAndNothingOfTheBatchIsKept) {
   EXPECT_EQ(LSCOREDB_TOO_LARGE, CommitStatus([](Batch& batch) {
               batch.Put(kTree, "a", "1");
               batch.Put(kTree, std::string(kMaxKeySize + 1, 'k'), "2");
@@ -269,7 +269,7 @@ TEST_P(StoreConformance, RefusesAKeyThatIsTooLongAndKeepsNothingOfTheBatch) {
 
 // ---- cursors -----------------------------------------------------------------------------------
 
-TEST_P(StoreConformance, CursorGivesEveryEntryOnceInBothDirections) {
+TEST_P(StoreConformanceTest, Cursor_GivesEveryEntryOnceInBothDirections) {
   std::map<std::string, std::string> const entries = NumberedEntries(2000);
   Fill(*store_, kTree, entries);
   Reading const now(*store_);
@@ -283,7 +283,7 @@ TEST_P(StoreConformance, CursorGivesEveryEntryOnceInBothDirections) {
   EXPECT_EQ(Entries(entries.rbegin(), entries.rend()), backwards);
 }
 
-TEST_P(StoreConformance, SeekFindsTheFirstEntryNotBelow) {
+TEST_P(StoreConformanceTest, Seek_FindsTheFirstEntryNotBelow) {
   Fill(*store_, kTree, {{"b", "1"}, {"d", "2"}});
   Reading const now(*store_);
   Cursor cursor;
@@ -299,7 +299,7 @@ TEST_P(StoreConformance, SeekFindsTheFirstEntryNotBelow) {
   EXPECT_EQ("d", cursor.key());
 }
 
-TEST_P(StoreConformance, CursorOverAnEmptyTreeStandsOnNothing) {
+TEST_P(StoreConformanceTest, CursorOverAnEmptyTree_StandsOnNothing) {
   Reading const now(*store_);
   Cursor cursor;
   cursor.Open(*now, kTree);
@@ -309,7 +309,7 @@ TEST_P(StoreConformance, CursorOverAnEmptyTreeStandsOnNothing) {
 }
 
 // Turns, jumps and steps across both ends, over a snapshot and over a batch at once.
-TEST_P(StoreConformance, CursorsGoWhereAnOrderedMapGoes) {
+TEST_P(StoreConformanceTest, Cursors_AgreeWithAnOrderedMap) {
   std::map<std::string, std::string> const model = NumberedEntries(700);
   Fill(*store_, kTree, model);
   Reading const now(*store_);
@@ -349,7 +349,7 @@ TEST_P(StoreConformance, CursorsGoWhereAnOrderedMapGoes) {
   of_batch.Close();
 }
 
-TEST_P(StoreConformance, WhatACursorGaveStaysWhileItsSnapshotLives) {
+TEST_P(StoreConformanceTest, EntriesOfACursor_StayWhileItsSnapshotLives) {
   std::map<std::string, std::string> const entries = NumberedEntries(200);
   Fill(*store_, kTree, entries);
   Reading const now(*store_);
@@ -370,7 +370,7 @@ TEST_P(StoreConformance, WhatACursorGaveStaysWhileItsSnapshotLives) {
   }
 }
 
-TEST_P(StoreConformance, CursorOpensAgainOverAnotherSnapshotAndAnotherTree) {
+TEST_P(StoreConformanceTest, Cursor_OpensAgainOverAnotherSnapshotAndAnotherTree) {
   Fill(*store_, kTree, {{"a", "1"}});
   Fill(*store_, Tree::kMeta, {{"m", "meta"}});
   Cursor cursor;
@@ -390,7 +390,7 @@ TEST_P(StoreConformance, CursorOpensAgainOverAnotherSnapshotAndAnotherTree) {
   EXPECT_EQ("meta", cursor.value());
 }
 
-TEST_P(StoreConformance, PeekNeverGivesAnotherEntryThanSteppingDoes) {
+TEST_P(StoreConformanceTest, Peek_GivesTheEntryThatSteppingGives) {
   Fill(*store_, kTree, NumberedEntries(300));
   Reading const now(*store_);
   Cursor cursor;
@@ -412,7 +412,7 @@ TEST_P(StoreConformance, PeekNeverGivesAnotherEntryThanSteppingDoes) {
 
 // ---- batches -----------------------------------------------------------------------------------
 
-TEST_P(StoreConformance, BatchReadsItsOwnWritesAndOthersDoNot) {
+TEST_P(StoreConformanceTest, Batch_ReadsItsOwnWritesAndOthersDoNot) {
   Fill(*store_, kTree, {{"a", "1"}, {"b", "2"}});
   std::unique_ptr<Batch> const batch = store_->BeginBatch();
   batch->Put(kTree, "a", "changed");
@@ -425,7 +425,7 @@ TEST_P(StoreConformance, BatchReadsItsOwnWritesAndOthersDoNot) {
   EXPECT_EQ((Entries{{"a", "changed"}, {"c", "new"}}), AllOf(*Reading(*store_), kTree));
 }
 
-TEST_P(StoreConformance, BatchThatIsNotCommittedLeavesNothing) {
+TEST_P(StoreConformanceTest, UncommittedBatch_LeavesNothing) {
   Fill(*store_, kTree, {{"a", "1"}});
   CommitId const before = store_->Statistics().last_commit;
   {
@@ -440,7 +440,7 @@ TEST_P(StoreConformance, BatchThatIsNotCommittedLeavesNothing) {
   EXPECT_EQ(before, now->id());
 }
 
-TEST_P(StoreConformance, PutNewLeavesWhatIsThere) {
+TEST_P(StoreConformanceTest, PutNew_LeavesAnExistingEntry) {
   std::unique_ptr<Batch> const batch = store_->BeginBatch();
   EXPECT_TRUE(batch->PutNew(kTree, "a", "1"));
   EXPECT_FALSE(batch->PutNew(kTree, "a", "2"));
@@ -451,7 +451,7 @@ TEST_P(StoreConformance, PutNewLeavesWhatIsThere) {
   EXPECT_EQ("3", ValueIn(*Reading(*store_), kTree, "a"));
 }
 
-TEST_P(StoreConformance, RemoveTakesAwayWhatIsThereAndNothingElse) {
+TEST_P(StoreConformanceTest, Remove_RemovesTheEntryAndNothingElse) {
   Fill(*store_, kTree, {{"a", "1"}, {"b", "2"}});
   EXPECT_EQ(LORV_STATUS_OK, CommitStatus([](Batch& batch) {
               batch.Remove(kTree, "a");
@@ -462,7 +462,7 @@ TEST_P(StoreConformance, RemoveTakesAwayWhatIsThereAndNothingElse) {
   EXPECT_EQ((Entries{{"b", "2"}}), AllOf(*now, kTree));
 }
 
-TEST_P(StoreConformance, BatchWithHintsReadsWhatOneWithoutReads) {
+TEST_P(StoreConformanceTest, BatchWithHints_ReadsLikeOneWithout) {
   std::uint64_t const id = 7;
   Fill(*store_, kTree, {{"a", "1"}});
   Fill(*store_, Tree::kRows, {{std::string(BytesOf(id)), "row"}});
@@ -475,7 +475,7 @@ TEST_P(StoreConformance, BatchWithHintsReadsWhatOneWithoutReads) {
   EXPECT_TRUE(batch->PutNew(kTree, "missing", "2"));
 }
 
-TEST_P(StoreConformance, AppendPutsBehindTheLastKey) {
+TEST_P(StoreConformanceTest, Append_PutsBehindTheLastKey) {
   std::map<std::string, std::string> const entries = NumberedEntries(300);
   std::unique_ptr<Batch> const batch = store_->BeginBatch();
   for (auto const& [key, value] : entries) batch->Append(kTree, key, value);
@@ -483,7 +483,7 @@ TEST_P(StoreConformance, AppendPutsBehindTheLastKey) {
   EXPECT_EQ(Entries(entries.begin(), entries.end()), AllOf(*Reading(*store_), kTree));
 }
 
-TEST_P(StoreConformance, CursorOpenedAfterAWriteSeesIt) {
+TEST_P(StoreConformanceTest, CursorOpenedAfterAWrite_SeesIt) {
   Fill(*store_, kTree, NumberedEntries(100));
   std::unique_ptr<Batch> const batch = store_->BeginBatch();
   for (std::uint32_t i = 0; i < 100; i += 2) {
@@ -499,7 +499,7 @@ TEST_P(StoreConformance, CursorOpenedAfterAWriteSeesIt) {
   EXPECT_EQ(50u, AllOf(*Reading(*store_), kTree).size());
 }
 
-TEST_P(StoreConformance, BatchesOfManyThreadsFollowOneAnother) {
+TEST_P(StoreConformanceTest, BatchesOfManyThreads_FollowOneAnother) {
   Fill(*store_, kTree, {{"count", "0"}});
   std::vector<std::thread> writers;
   for (int i = 0; i < 4; ++i) {
@@ -517,7 +517,7 @@ TEST_P(StoreConformance, BatchesOfManyThreadsFollowOneAnother) {
 }
 
 // Many commits with a model, snapshots of several states kept open meanwhile.
-TEST_P(StoreConformance, FollowsAModelOverManyCommits) {
+TEST_P(StoreConformanceTest, ManyCommits_AgreeWithAModel) {
   std::mt19937 random(11);
   std::map<std::string, std::string> model;
   std::vector<std::pair<std::unique_ptr<Reading>, std::map<std::string, std::string>>> kept;
@@ -545,7 +545,7 @@ TEST_P(StoreConformance, FollowsAModelOverManyCommits) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Stores, StoreConformance, testing::ValuesIn(NewStores()),
+INSTANTIATE_TEST_SUITE_P(Stores, StoreConformanceTest, testing::ValuesIn(NewStores()),
                          [](auto const& tested) { return std::string(tested.param.name); });
 
 }  // namespace

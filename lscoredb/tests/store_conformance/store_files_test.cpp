@@ -10,15 +10,15 @@
 namespace lscore {
 namespace {
 
-class StoreFiles : public testing::TestWithParam<TestedFile> {
+class StoreFilesTest : public testing::TestWithParam<TestedFile> {
  protected:
-  StoreFiles() {
+  StoreFilesTest() {
     std::string path = testing::TempDir() + "/store-XXXXXX";
     if (mkdtemp(path.data()) == nullptr) throw std::runtime_error("no directory for the test");
     directory_ = path;
     options_.sync = false;
   }
-  ~StoreFiles() override { std::filesystem::remove_all(directory_); }
+  ~StoreFilesTest() override { std::filesystem::remove_all(directory_); }
 
   std::string Make(char const* name) const {
     std::string const path = directory_ + "/" + name;
@@ -33,7 +33,7 @@ class StoreFiles : public testing::TestWithParam<TestedFile> {
   StoreOptions options_;
 };
 
-TEST_P(StoreFiles, ReopensWithWhatWasCommittedAndCountsOn) {
+TEST_P(StoreFilesTest, ReopenedStore_HoldsWhatWasCommittedAndCountsOn) {
   std::string const path = Make("store");
   CommitId last{0};
   {
@@ -50,7 +50,7 @@ TEST_P(StoreFiles, ReopensWithWhatWasCommittedAndCountsOn) {
   EXPECT_EQ(last, now->id());
 }
 
-TEST_P(StoreFiles, CopyHoldsTheStateAndCountsOn) {
+TEST_P(StoreFilesTest, Copy_HoldsTheStateAndCountsOn) {
   std::string const path = Make("store");
   std::string const copy_path = Make("copy");
   std::unique_ptr<Store> const store = Open(path);
@@ -69,7 +69,7 @@ TEST_P(StoreFiles, CopyHoldsTheStateAndCountsOn) {
   EXPECT_GT(copied->id(), original->id());
 }
 
-TEST_P(StoreFiles, DamageIsRefusedByVerifyAndAtOpening) {
+TEST_P(StoreFilesTest, Damage_IsRefusedByVerifyAndAtOpening) {
   std::string const path = Make("store");
   {
     std::unique_ptr<Store> const store = Open(path);
@@ -84,14 +84,14 @@ TEST_P(StoreFiles, DamageIsRefusedByVerifyAndAtOpening) {
             }));
 }
 
-TEST_P(StoreFiles, RefusesADirectoryThatIsNotThere) {
+TEST_P(StoreFilesTest, MissingDirectory_IsRefused) {
   EXPECT_EQ(LSCOREDB_CANNOT_OPEN, Guarded([&] {
               Open(directory_ + "/missing");
               return LORV_STATUS_OK;
             }));
 }
 
-INSTANTIATE_TEST_SUITE_P(Stores, StoreFiles, testing::ValuesIn(StoresInFiles()),
+INSTANTIATE_TEST_SUITE_P(Stores, StoreFilesTest, testing::ValuesIn(StoresInFiles()),
                          [](auto const& tested) { return std::string(tested.param.name); });
 
 }  // namespace
