@@ -44,8 +44,8 @@ class Engine {
   // Objects by name through the index, and the column `plain`.
   virtual Sum Find() = 0;
   // `count` entries of the index over `indexed`, with the column `plain` or only the identities.
-  virtual Sum Walk(std::size_t count) = 0;
-  virtual Sum WalkIds(std::size_t count) = 0;
+  virtual Sum Scan(std::size_t count) = 0;
+  virtual Sum ScanIds(std::size_t count) = 0;
 
   virtual void UpdatePlain(std::int64_t value) = 0;
   // Puts another value, from which the next call with it comes back to the first.

@@ -28,8 +28,8 @@ class HashEngine : public Engine {
     return sum;
   }
   Sum Find() override { return 0; }
-  Sum Walk(std::size_t) override { return 0; }
-  Sum WalkIds(std::size_t) override { return 0; }
+  Sum Scan(std::size_t) override { return 0; }
+  Sum ScanIds(std::size_t) override { return 0; }
   void UpdatePlain(std::int64_t value) override {
     for (Number const i : selected()) things_.find(i + 1)->second.plain = value;
   }

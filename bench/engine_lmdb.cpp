@@ -69,11 +69,11 @@ class LmdbEngine : public Engine {
     });
     return sum;
   }
-  Sum Walk(std::size_t count) override {
-    return WalkIndex(count, [&](std::uint64_t id) { return Bits(ById(read_, id)->plain); });
+  Sum Scan(std::size_t count) override {
+    return ScanIndex(count, [&](std::uint64_t id) { return Bits(ById(read_, id)->plain); });
   }
-  Sum WalkIds(std::size_t count) override {
-    return WalkIndex(count, [](std::uint64_t id) { return Sum{id != 0}; });
+  Sum ScanIds(std::size_t count) override {
+    return ScanIndex(count, [](std::uint64_t id) { return Sum{id != 0}; });
   }
 
   void UpdatePlain(std::int64_t value) override {
@@ -153,7 +153,7 @@ class LmdbEngine : public Engine {
     }
   }
   template <typename Visit>
-  Sum WalkIndex(std::size_t count, Visit&& visit) {
+  Sum ScanIndex(std::size_t count, Visit&& visit) {
     Sum sum = 0;
     Read([&] {
       Check(mdb_cursor_renew(read_, cursor_));

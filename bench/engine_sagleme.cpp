@@ -161,13 +161,13 @@ class SaglemeEngine : public Engine {
     });
     return sum;
   }
-  Sum Walk(std::size_t count) override {
-    return WalkIndex(count, [this](LORV_REFERENCE const& found) {
+  Sum Scan(std::size_t count) override {
+    return ScanIndex(count, [this](LORV_REFERENCE const& found) {
       return Plain({found.oid, found.layout});
     });
   }
-  Sum WalkIds(std::size_t count) override {
-    return WalkIndex(count, [](LORV_REFERENCE const& found) { return Sum{found.oid != 0}; });
+  Sum ScanIds(std::size_t count) override {
+    return ScanIndex(count, [](LORV_REFERENCE const& found) { return Sum{found.oid != 0}; });
   }
 
   void UpdatePlain(std::int64_t value) override {
@@ -270,7 +270,7 @@ class SaglemeEngine : public Engine {
     }
   }
   template <typename Visit>
-  Sum WalkIndex(std::size_t count, Visit&& visit) {
+  Sum ScanIndex(std::size_t count, Visit&& visit) {
     Sum sum = 0;
     Read([&] {
       alignas(8) unsigned char first[16];

@@ -108,9 +108,9 @@ class Statements {
   Statement read_all{connection.handle(),
                      "select plain, indexed, weight, name, other from thing where id = ?"};
   Statement find{connection.handle(), "select plain from thing where name = ?"};
-  Statement walk{connection.handle(),
+  Statement scan{connection.handle(),
                  "select plain from thing indexed by by_indexed order by indexed limit ?"};
-  Statement walk_ids{connection.handle(),
+  Statement scan_ids{connection.handle(),
                      "select id from thing indexed by by_indexed order by indexed limit ?"};
   Statement update_plain{connection.handle(), "update thing set plain = ? where id = ?"};
   // SQLite has no operator for an exclusive or.
@@ -185,11 +185,11 @@ class SqliteEngine : public Engine {
     statements_->commit.Run();
     return sum;
   }
-  Sum Walk(std::size_t count) override {
-    return WalkWith(statements_->walk, count, [](std::int64_t value) { return Bits(value); });
+  Sum Scan(std::size_t count) override {
+    return ScanWith(statements_->scan, count, [](std::int64_t value) { return Bits(value); });
   }
-  Sum WalkIds(std::size_t count) override {
-    return WalkWith(statements_->walk_ids, count,
+  Sum ScanIds(std::size_t count) override {
+    return ScanWith(statements_->scan_ids, count,
                     [](std::int64_t value) { return Sum{value != 0}; });
   }
 
@@ -232,11 +232,11 @@ class SqliteEngine : public Engine {
     return value;
   }
   template <typename Visit>
-  Sum WalkWith(Statement& walk, std::size_t count, Visit&& visit) {
+  Sum ScanWith(Statement& scan, std::size_t count, Visit&& visit) {
     Sum sum = 0;
-    walk.Bind(1, static_cast<std::int64_t>(count));
-    while (walk.Step()) sum += visit(walk.Long(0));
-    walk.Reset();
+    scan.Bind(1, static_cast<std::int64_t>(count));
+    while (scan.Step()) sum += visit(scan.Long(0));
+    scan.Reset();
     return sum;
   }
   void Update(Statement& update, std::int64_t value) {

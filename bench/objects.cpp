@@ -1,4 +1,4 @@
-// Reads, walks and changes of objects, by all engines on the same data.
+// Reads, scans and changes of objects, by all engines on the same data.
 
 #include <algorithm>
 #include <iostream>
@@ -29,7 +29,7 @@ class ObjectBench {
   std::vector<Result> Run() {
     Load();
     Reads();
-    Walks();
+    Scans();
     Updates();
     Creates();
     FirstTouch();
@@ -159,19 +159,19 @@ class ObjectBench {
              {kHash}});
   }
 
-  void Walks() {
+  void Scans() {
     std::size_t const count = std::min<std::size_t>(100000, settings_.objects);
-    Measure({"walk 100,000 entries of an index, one read each",
+    Measure({"scan 100,000 entries of an index, one read each",
              count,
              {{kLmdb, 0.25}, {kSqliteMemory, 0.2}},
              nullptr,
-             [&](Engine& engine, std::size_t) { return engine.Walk(count); },
+             [&](Engine& engine, std::size_t) { return engine.Scan(count); },
              {kHash}});
     Measure({"the same, ids only",
              count,
              {{kLmdb, 1.1}, {kSqliteMemory, 0.5}},
              nullptr,
-             [&](Engine& engine, std::size_t) { return engine.WalkIds(count); },
+             [&](Engine& engine, std::size_t) { return engine.ScanIds(count); },
              {kHash}});
   }
 

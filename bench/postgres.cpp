@@ -165,14 +165,14 @@ void PostgresServer::Connect(std::string const& directory) {
 
 // Through the open directory: a socket's path must be short.
 bool PostgresServer::TryConnect(std::string const& directory) {
-  int const place = open(directory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+  int const directory_file = open(directory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
-  std::string const path = "/proc/self/fd/" + std::to_string(place) + "/.s.PGSQL.5432";
+  std::string const path = "/proc/self/fd/" + std::to_string(directory_file) + "/.s.PGSQL.5432";
   std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
   socket_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   int const failed = connect(socket_, reinterpret_cast<sockaddr const*>(&address), sizeof address);
-  close(place);
+  close(directory_file);
   try {
     if (failed != 0) throw std::runtime_error("no server yet");
     Send(Message(Number32(3 << 16) + Terminated("user") + Terminated(kUser) +

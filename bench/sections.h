@@ -38,7 +38,7 @@ double Nanoseconds(Work&& work) {
   return std::chrono::duration<double, std::nano>(std::chrono::steady_clock::now() - begin).count();
 }
 
-// Objects in all engines: reads, walks, changes, opening, sizes.
+// Objects in all engines: reads, scans, changes, opening, sizes.
 std::vector<Result> MeasureObjects(Settings const& settings);
 // Reads through property handles beside the kernel's call.
 std::vector<Result> MeasureHandles(Settings const& settings);

@@ -110,7 +110,7 @@ void WriteRows(std::string const& path, Number count) {
 class Transfer {
  public:
   explicit Transfer(Settings const& settings)
-      : place_(settings.Directory("transfer")), rows_(static_cast<double>(settings.objects)) {
+      : directory_(settings.Directory("transfer")), rows_(static_cast<double>(settings.objects)) {
     WriteRows(In("rows.csv"), settings.objects);
     Write(In("schema.json"), kSchema);
     Write(In("import.sql"), kShellScript + (".import --skip 1 " + In("rows.csv") + " Person\n"));
@@ -134,7 +134,7 @@ class Transfer {
   std::vector<Result> Results() const { return {import_, load_, import_memory_, load_memory_}; }
 
  private:
-  std::string In(std::string const& name) const { return place_ + "/" + name; }
+  std::string In(std::string const& name) const { return directory_ + "/" + name; }
   void Note(Result& time, Ended const& own, Ended const& shell, Result& memory) const {
     time.series[0].values.push_back(own.nanoseconds / rows_);
     time.series[1].values.push_back(shell.nanoseconds / rows_);
@@ -148,7 +148,7 @@ class Transfer {
     return {work, "bytes", false, {{kSagleme, {}}, {kLimit, {}}}, {{kLimit, 1}}};
   }
 
-  std::string place_;
+  std::string directory_;
   double rows_;
   Result import_ = Time("import a row of CSV, two indexes");
   Result load_ = Time("load a row of a dump, two indexes");

@@ -42,8 +42,8 @@ class World {
         &World::MakeIndex,   &World::DropOrAsk,    &World::Insert,     &World::Insert,
         &World::InsertWith,  &World::PutNumber,    &World::PutNumber,  &World::PutValue,
         &World::PutValue,    &World::GetNumber,    &World::GetValue,   &World::PutSetspec,
-        &World::PutSetspec,  &World::DeleteOrMove, &World::OpenWalk,   &World::OpenWalk,
-        &World::Next,        &World::Next,         &World::FreeWalk,   &World::Statistics};
+        &World::PutSetspec,  &World::DeleteOrMove, &World::OpenScan,   &World::OpenScan,
+        &World::Next,        &World::Next,         &World::FreeScan,   &World::Statistics};
     (this->*kSteps[input_.Below(std::size(kSteps))])();
   }
 
@@ -55,21 +55,21 @@ class World {
     Require(lscoredb_begin(context, LSCOREDB_READ_ONLY_TRANSACTION) == 0, "a reader begins");
     alignas(8) constexpr std::uint8_t kWhole[8] = {0xC0};
     for (std::uint64_t const index : indexes_) {
-      std::uint64_t walk = 0;
+      std::uint64_t scan = 0;
       std::uint32_t const status = lorv_context_create_iterator(
-          context, index, LORV_ITERATOR_FORWARD, kWhole, kWhole, &walk);
+          context, index, LORV_ITERATOR_FORWARD, kWhole, kWhole, &scan);
       if (status == LORV_STATUS_NO_INDEX) continue;
-      Require(status == 0, "an index can be walked");
+      Require(status == 0, "an index can be scanned");
       std::set<std::uint64_t> seen;
       for (LORV_REFERENCE found{};;) {
-        Require(lorv_iterator_next(walk, &found) == 0, "a walk goes on");
+        Require(lorv_iterator_next(scan, &found) == 0, "a scan goes on");
         if (found.oid == 0) break;
         std::uint64_t address = 0;
         Require(lorv_context_lookup(context, found.oid, &address) == 0, "an entry has its object");
         Require(address == found.layout, "an entry knows the layout of its object");
         Require(seen.insert(found.oid).second, "an object is in an index once");
       }
-      Require(lorv_iterator_free(walk) == 0, "a walk ends");
+      Require(lorv_iterator_free(scan) == 0, "a scan ends");
     }
   }
 
@@ -283,7 +283,7 @@ class World {
     }
   }
 
-  void OpenWalk() {
+  void OpenScan() {
     std::uint64_t const context = Context();
     std::uint64_t const index = Any(indexes_);
     std::uint32_t const flags = input_.Below(8) == 0 ? input_.Take<std::uint32_t>()
@@ -294,16 +294,16 @@ class World {
     bool const opened = Asked([&](std::uint64_t* out) {
       std::uint32_t const status =
           lorv_context_create_iterator(context, index, flags, first.data(), last.data(), out);
-      if (status == 0) walks_.push_back(*out);
+      if (status == 0) scans_.push_back(*out);
       return status;
     });
     if (opened) Next();
   }
   void Next() {
     LORV_REFERENCE found{};
-    Check(lorv_iterator_next(Any(walks_), &found));
+    Check(lorv_iterator_next(Any(scans_), &found));
   }
-  void FreeWalk() { Check(lorv_iterator_free(Any(walks_))); }
+  void FreeScan() { Check(lorv_iterator_free(Any(scans_))); }
 
   void Statistics() {
     lscoredb_layout_statistics statistics[3];
@@ -316,7 +316,7 @@ class World {
   std::vector<std::uint64_t> contexts_;
   std::vector<std::uint64_t> objects_;
   std::vector<std::uint64_t> indexes_;
-  std::vector<std::uint64_t> walks_;
+  std::vector<std::uint64_t> scans_;
   std::vector<std::uint16_t> layouts_;
 };
 

@@ -24,7 +24,7 @@ constexpr std::size_t kMostBytes = 4096;
 
 Bytes const* g_current = nullptr;
 
-void TellInput() {
+void PrintInput() {
   if (g_current == nullptr) return;
   std::fprintf(stderr, "input of %zu bytes: ", g_current->size());
   for (std::uint8_t const byte : *g_current) std::fprintf(stderr, "%02x", byte);
@@ -33,7 +33,7 @@ void TellInput() {
 }
 
 void OnSignal(int number) {
-  TellInput();
+  PrintInput();
   std::signal(number, SIG_DFL);
   std::raise(number);
 }
@@ -42,7 +42,7 @@ void OnSignal(int number) {
 void ExpectDeath() {
   std::signal(SIGABRT, OnSignal);
   if (__sanitizer_set_death_callback != nullptr) {
-    __sanitizer_set_death_callback(TellInput);
+    __sanitizer_set_death_callback(PrintInput);
     return;
   }
   for (int const number : {SIGSEGV, SIGBUS, SIGFPE, SIGILL}) std::signal(number, OnSignal);

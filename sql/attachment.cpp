@@ -181,7 +181,7 @@ void Attachment::Change(DefinitionStatement const& statement) {
   try {
     Apply(*transaction_, statement);
     stale_ = true;
-    if (sqlite3_get_autocommit(connection_->handle()) == 0) TellSqlite(before);
+    if (sqlite3_get_autocommit(connection_->handle()) == 0) NotifySqlite(before);
   } catch (...) {
     lscoredb_rollback_to(context(), savepoint);
     lscoredb_release(context(), savepoint);
@@ -211,7 +211,7 @@ bool SameToSqlite(Shape const& a, Shape const& b) {
 // Inside of a transaction the file cannot change under SQLite, so what differs is dropped and
 // created by statements, which go with the transaction or a savepoint. One at least is created: by
 // that SQLite knows that the transaction writes here, and tells of the savepoints to come.
-void Attachment::TellSqlite(SchemaPtr const& before) {
+void Attachment::NotifySqlite(SchemaPtr const& before) {
   SchemaPtr const now = Schema::Read(*transaction_);
   std::string drop;
   std::string create;

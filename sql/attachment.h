@@ -99,7 +99,7 @@ class Attachment {
   void Drain() noexcept;
   void Forget();
   void Change(DefinitionStatement const& statement);
-  void TellSqlite(SchemaPtr const& before);
+  void NotifySqlite(SchemaPtr const& before);
   void ExecuteDefining(std::string const& sql);
 
   std::shared_ptr<Store> store_;

@@ -129,7 +129,7 @@ void Cursor::PrepareIds(Plan const& plan, sqlite3_value* value) {
 void Cursor::PrepareIndex(Plan const& plan, int, sqlite3_value** values) {
   ShapeIndex const& index = table_.shape->indexes[plan.index];
   index_ = index.handle;
-  index_place_ = plan.index;
+  index_number_ = plan.index;
   check_set_ = !index.own;
   SpanLists const lists = Collect(index, plan, values);
   std::vector<Span> taken;
@@ -161,7 +161,7 @@ void Cursor::SkipEqualRows() {
   if (drained_ || iterator_ == 0 || !ready_.empty()) return;
   auto const bound = skip_.Behind(context_, row_);
   if (!bound.has_value()) return;
-  ShapeIndex const& index = table_.shape->indexes[index_place_];
+  ShapeIndex const& index = table_.shape->indexes[index_number_];
   Type const type = index.parts[points_.size()].type;
   Span rest = Everything(type);
   bool const falling = index.parts[points_.size()].ascending == reverse_;

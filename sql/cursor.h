@@ -61,7 +61,7 @@ class Cursor : public sqlite3_vtab_cursor {
   std::uint64_t layout_ = 0;
   RowId row_;
   std::uint64_t index_ = 0;
-  std::size_t index_place_ = 0;  // in the shape
+  std::size_t index_number_ = 0;  // in the shape
   std::uint64_t iterator_ = 0;
   bool reverse_ = false;
   bool check_set_ = false;  // the index holds objects of other tables too

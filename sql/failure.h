@@ -25,22 +25,22 @@ class Failure : public std::runtime_error {
 int ResultCode(std::uint32_t status);
 
 // Runs `work` at the border to SQLite, which knows no exceptions: SQLITE_OK, or the code of what
-// was thrown, with its text handed to `tell`. Asks for no memory of its own.
-template <typename Work, typename Tell>
-int Guarded(Work&& work, Tell&& tell) noexcept {
+// was thrown, with its text handed to `report`. Asks for no memory of its own.
+template <typename Work, typename Report>
+int Guarded(Work&& work, Report&& report) noexcept {
   try {
     work();
     return SQLITE_OK;
   } catch (Failure const& failure) {
-    tell(failure.what());
+    report(failure.what());
     return failure.code();
   } catch (Error const& error) {
-    tell(error.what());
+    report(error.what());
     return ResultCode(error.status());
   } catch (std::bad_alloc const&) {
     return SQLITE_NOMEM;
   } catch (std::exception const& error) {
-    tell(error.what());
+    report(error.what());
     return SQLITE_ERROR;
   }
 }

@@ -92,7 +92,7 @@ TablePtr TableOf(Target const& target) {
   return target.attachment->TableOf(target.oid);
 }
 
-using Reader = void (*)(sqlite3_context*, Place const&, Type, unsigned);
+using Reader = void (*)(sqlite3_context*, ValueLocation const&, Type, unsigned);
 
 void ReadColumn(sqlite3_context* context, Connection& connection, Target const& target,
                 std::string const& name, Reader read) {
@@ -108,8 +108,8 @@ void ReadColumn(sqlite3_context* context, Connection& connection, Target const& 
        connection.NumberOf(&at));
 }
 
-void ReadExact(sqlite3_context* context, Place const& place, Type type, unsigned) {
-  ExactResult(context, place, type);
+void ReadExact(sqlite3_context* context, ValueLocation const& location, Type type, unsigned) {
+  ExactResult(context, location, type);
 }
 
 // sagleme_deref(schema, id, column) and sagleme_exact(schema, id, column)

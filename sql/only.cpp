@@ -61,10 +61,10 @@ int BestIndex(sqlite3_vtab* table, sqlite3_index_info* info) {
   }
   return GuardedMethod(table, [&] {
     if (arguments[0] < 0) throw Failure(SQLITE_ERROR, "only() needs the name of a table.");
-    int place = 0;
+    int position = 0;
     for (int const at : arguments) {
       if (at < 0) continue;
-      info->aConstraintUsage[at].argvIndex = ++place;
+      info->aConstraintUsage[at].argvIndex = ++position;
       info->aConstraintUsage[at].omit = 1;
     }
     info->idxNum = arguments[1] < 0 ? 0 : 1;

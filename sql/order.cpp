@@ -14,7 +14,9 @@ bool AlwaysPlain(Type type) {
   return type == Type::kLong || type == Type::kBool || type == Type::kReference;
 }
 
-detail::ColumnLocation Kernel(Place const& at) { return {at.context, at.oid, at.addr, at.column}; }
+detail::ColumnLocation Kernel(ValueLocation const& at) {
+  return {at.context, at.oid, at.addr, at.column};
+}
 
 int CompareKeys(bool null_a, bool null_b, int order) {
   if (null_a || null_b) return static_cast<int>(null_b) - static_cast<int>(null_a);

@@ -43,7 +43,7 @@ class RunOrder {
 
   Key KeyOf(RowId const& row, OrderColumn const& column) const;
   bool IsPlain(RowId const& row, OrderColumn const& column) const;
-  Place At(RowId const& row, OrderColumn const& column) const {
+  ValueLocation At(RowId const& row, OrderColumn const& column) const {
     return {context_, row.oid, row.addr, column.ordinal};
   }
 

@@ -79,7 +79,7 @@ std::string DeclarationOf(Shape const& shape) {
   return text;
 }
 
-int PlaceOf(Shape const& shape, std::uint16_t ordinal) {
+int PositionOf(Shape const& shape, std::uint16_t ordinal) {
   for (std::size_t i = 0; i < shape.columns.size(); ++i) {
     if (shape.columns[i].ordinal == ordinal) return static_cast<int>(i);
   }
@@ -90,8 +90,8 @@ ShapeIndex IndexOf(Shape const& shape, Index const& index, bool own) {
   ShapeIndex made{ToUtf8(index.name), index.handle, index.unique, own, {}};
   for (IndexedColumn const& part : index.columns) {
     Column const* const column = shape.table->FindColumn(part.name);
-    int const place = column == nullptr ? -1 : PlaceOf(shape, column->ordinal);
-    made.parts.push_back({place, part.type, part.ascending});
+    int const position = column == nullptr ? -1 : PositionOf(shape, column->ordinal);
+    made.parts.push_back({position, part.type, part.ascending});
   }
   return made;
 }

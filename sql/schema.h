@@ -24,7 +24,7 @@ struct ShapeColumn {
 // An index that covers the objects of a table, declared by it or by a table above it.
 struct ShapeIndex {
   struct Part {
-    int column = 0;  // its place in Shape::columns, -1 for one that SQL does not show
+    int column = 0;  // its position in Shape::columns, -1 for one that SQL does not show
     Type type = Type::kString;
     bool ascending = true;
   };

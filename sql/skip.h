@@ -3,7 +3,7 @@
 
 // Passing over rows with the same value in the one column that SQLite wants distinct values of.
 //
-// Behind a row a walk may go on at the next value when nothing else of the row was asked for: what
+// Behind a row a scan may go on at the next value when nothing else of the row was asked for: what
 // SQLite does with the other rows of that value is then the same, and they give nothing new. It
 // does so only where values repeat, since a new scan costs as much as some tens of steps.
 
@@ -20,7 +20,7 @@ namespace sagleme::sql {
 class EqualRowSkip {
  public:
   // `same`: the column, and others that have one value in all rows. `falling`: values fall along
-  // the walk.
+  // the scan.
   void Start(OrderColumn const& column, bool falling, std::vector<std::uint16_t> same);
   void Stop() { on_ = false; }
   bool on() const { return on_; }
@@ -28,8 +28,8 @@ class EqualRowSkip {
   // SQLite has asked for a column of the present row, or for what is no column.
   void NoteRead(std::uint16_t ordinal);
   void NoteOtherRead() { other_read_ = true; }
-  // Once a row, when SQLite is done with it. The least value, the greatest of a falling walk, that
-  // may come behind the row; nothing where the walk is to go on step by step.
+  // Once a row, when SQLite is done with it. The least value, the greatest of a falling scan, that
+  // may come behind the row; nothing where the scan is to go on step by step.
   std::optional<Bound> Behind(std::uint64_t context, RowId const& row);
 
  private:

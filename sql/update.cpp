@@ -74,7 +74,7 @@ class Row {
   bool replaces() const {
     return sqlite3_vtab_on_conflict(table_.connection->handle()) == SQLITE_REPLACE;
   }
-  Place At(std::uint64_t oid, std::uint16_t layout, ShapeColumn const& column) const {
+  ValueLocation At(std::uint64_t oid, std::uint16_t layout, ShapeColumn const& column) const {
     return {context_, oid, layout, column.ordinal};
   }
 
@@ -89,10 +89,10 @@ class Row {
 sqlite3_value* Row::HiddenValue(Hidden which) const {
   auto const found = std::find(shape_.hidden.begin(), shape_.hidden.end(), which);
   if (found == shape_.hidden.end()) return nullptr;
-  auto const place =
+  auto const position =
       shape_.columns.size() + static_cast<std::size_t>(found - shape_.hidden.begin());
-  bool const null = sqlite3_value_type(columns_[place]) == SQLITE_NULL;
-  return null || !Given(place) ? nullptr : columns_[place];
+  bool const null = sqlite3_value_type(columns_[position]) == SQLITE_NULL;
+  return null || !Given(position) ? nullptr : columns_[position];
 }
 
 void Row::ReadAssignments(bool insert) {

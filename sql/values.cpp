@@ -32,7 +32,7 @@ class Scope {
   std::uint64_t context_;
 };
 
-void TextResult(sqlite3_context* result, Place const& at) {
+void TextResult(sqlite3_context* result, ValueLocation const& at) {
   Scope const scope(at.context);
   LORV_STRING* record = nullptr;
   if (IsNull(result, lorv_context_get_string(at.context, at.oid, at.addr, at.column, &record))) {
@@ -44,7 +44,7 @@ void TextResult(sqlite3_context* result, Place const& at) {
   if (text.capacity() > 1u << 16) std::string().swap(text);
 }
 
-void BinaryResult(sqlite3_context* result, Place const& at) {
+void BinaryResult(sqlite3_context* result, ValueLocation const& at) {
   Scope const scope(at.context);
   LORV_BINARY* record = nullptr;
   if (IsNull(result, lorv_context_get_binary(at.context, at.oid, at.addr, at.column, &record))) {
@@ -53,7 +53,7 @@ void BinaryResult(sqlite3_context* result, Place const& at) {
   sqlite3_result_blob64(result, record->bytes, record->length, SQLITE_TRANSIENT);
 }
 
-void UnsignedResult(sqlite3_context* result, Place const& at) {
+void UnsignedResult(sqlite3_context* result, ValueLocation const& at) {
   std::uint64_t value = 0;
   if (IsNull(result, lorv_context_get_ulong(at.context, at.oid, at.addr, at.column, &value))) {
     return;
@@ -65,7 +65,7 @@ void UnsignedResult(sqlite3_context* result, Place const& at) {
   }
 }
 
-void ReferenceResult(sqlite3_context* result, Place const& at, unsigned attachment) {
+void ReferenceResult(sqlite3_context* result, ValueLocation const& at, unsigned attachment) {
   std::uint64_t oid = 0;
   if (IsNull(result, lorvi_context_get_refid(at.context, at.oid, at.addr, at.column, &oid))) return;
   if (oid == 0) {
@@ -82,12 +82,12 @@ void BlobOfWord(sqlite3_context* result, std::uint64_t word) {
 }
 
 template <typename T>
-bool Get(sqlite3_context* result, Place const& at, T& value) {
+bool Get(sqlite3_context* result, ValueLocation const& at, T& value) {
   return !IsNull(
       result, detail::Get(detail::ColumnLocation{at.context, at.oid, at.addr, at.column}, value));
 }
 
-void ExactText(sqlite3_context* result, Place const& at) {
+void ExactText(sqlite3_context* result, ValueLocation const& at) {
   std::u16string text;
   if (!Get(result, at, text)) return;
   std::string bytes;
@@ -256,7 +256,7 @@ void IdResult(sqlite3_context* result, std::uint64_t oid, unsigned attachment) {
   }
 }
 
-void Result(sqlite3_context* result, Place const& at, Type type, unsigned attachment) {
+void Result(sqlite3_context* result, ValueLocation const& at, Type type, unsigned attachment) {
   switch (type) {
     case Type::kString:
       return TextResult(result, at);
@@ -291,7 +291,7 @@ void Result(sqlite3_context* result, Place const& at, Type type, unsigned attach
   }
 }
 
-void ExactResult(sqlite3_context* result, Place const& at, Type type) {
+void ExactResult(sqlite3_context* result, ValueLocation const& at, Type type) {
   switch (type) {
     case Type::kString:
       return ExactText(result, at);
@@ -325,7 +325,7 @@ void ExactResult(sqlite3_context* result, Place const& at, Type type) {
 
 Input::Input(ShapeColumn const& column, sqlite3_value* value) : value_(ValueIn(column, value)) {}
 
-std::uint32_t Input::Put(Place const& at) const {
+std::uint32_t Input::Put(ValueLocation const& at) const {
   return std::visit(
       [&at](auto const& typed) {
         return detail::Put(detail::ColumnLocation{at.context, at.oid, at.addr, at.column}, typed);

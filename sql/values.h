@@ -23,7 +23,7 @@
 namespace sagleme::sql {
 
 // An object's column, as the kernel's functions name it.
-struct Place {
+struct ValueLocation {
   std::uint64_t context;
   std::uint64_t oid;
   std::uint64_t addr;
@@ -36,10 +36,10 @@ inline constexpr unsigned kReferenceSubtype = 128;
 inline constexpr unsigned kMostAttachments = 127;
 
 // Failure when the object is gone.
-void Result(sqlite3_context* result, Place const& place, Type type, unsigned attachment);
+void Result(sqlite3_context* result, ValueLocation const& location, Type type, unsigned attachment);
 // An object's id, marked like a reference to it.
 void IdResult(sqlite3_context* result, std::uint64_t oid, unsigned attachment);
-void ExactResult(sqlite3_context* result, Place const& place, Type type);
+void ExactResult(sqlite3_context* result, ValueLocation const& location, Type type);
 
 // A value ready to be written: nothing can be wrong with it any more but what the kernel finds.
 class Input {
@@ -47,7 +47,7 @@ class Input {
   // Failure when the value has no place in the column, with the column's name.
   Input(ShapeColumn const& column, sqlite3_value* value);
 
-  std::uint32_t Put(Place const& place) const;
+  std::uint32_t Put(ValueLocation const& location) const;
   sagleme::Value const& value() const { return value_; }
 
  private:

@@ -4,7 +4,7 @@
 // The file format of package databases and archive indexes: stanzas of "Field: value" lines, parted
 // by empty lines, values going on in lines that begin with a blank.
 //
-// A reader walks one file that it owns, a stanza at a time. A stanza that breaks the form is
+// A reader scans one file that it owns, a stanza at a time. A stanza that breaks the form is
 // delivered with what is wrong with it, and reading goes on behind it.
 
 #include <cstdint>

@@ -64,7 +64,7 @@ class Loader {
   void LoadPackage(Package const& package);
   std::string KeyOf(Package const& package) const;
   LS_OBJ_REF FindExisting(Package const& package, std::string const& key) const;
-  Object Place(Package const& package, LS_OBJ_REF const& existing);
+  Object Store(Package const& package, LS_OBJ_REF const& existing);
   void Replace(LS_OBJ_REF const& old, LS_OBJ_REF const& by);
   void WritePackage(Object& object, Package const& package, std::string const& key);
   void WriteOwnProperties(Object& object, Package const& package);
@@ -134,7 +134,7 @@ void Loader::Complain(Problem const& problem) {
 void Loader::LoadPackage(Package const& package) {
   std::string const key = KeyOf(package);
   LS_OBJ_REF const existing = FindExisting(package, key);
-  Object object = Place(package, existing);
+  Object object = Store(package, existing);
   WritePackage(object, package, key);
   WriteDependencies(object.ref(), package);
   ++(IsNull(existing) ? batch_.added : batch_.updated);
@@ -161,7 +161,7 @@ LS_OBJ_REF Loader::FindExisting(Package const& package, std::string const& key) 
 }
 
 // The object for the package: the existing one, unless the package has moved to another table.
-Object Loader::Place(Package const& package, LS_OBJ_REF const& existing) {
+Object Loader::Store(Package const& package, LS_OBJ_REF const& existing) {
   PackageHandles const& handles = handles_.Of(package.kind);
   if (!IsNull(existing) && metalayer::crud::GetObjectTypeId(existing) == handles.type_id) {
     return Object(session_, existing);

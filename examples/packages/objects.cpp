@@ -126,17 +126,17 @@ LS_OBJ_REF FindByText(uint64_t index, std::string_view text) {
 
 void EachReferring(uint64_t index, LS_OBJ_REF const& target,
                    std::function<bool(LS_OBJ_REF const&)> const& visit) {
-  db_util::db_iter_with_keys walk;
-  for (unsigned char* const bound : {walk.first_key, walk.last_key}) {
-    Key key(db_util::KeyBuf(bound, sizeof walk.first_key));
+  db_util::db_iter_with_keys scan;
+  for (unsigned char* const bound : {scan.first_key, scan.last_key}) {
+    Key key(db_util::KeyBuf(bound, sizeof scan.first_key));
     if (IsNull(target)) {
       key.Null();
     } else {
       key.Ref(target);
     }
   }
-  walk.open(index, kForward);
-  while (walk.next() && visit(walk.current)) {
+  scan.open(index, kForward);
+  while (scan.next() && visit(scan.current)) {
   }
 }
 
@@ -147,9 +147,9 @@ void EachInSubtree(Session& session, char16_t const* table,
   char16_t const* setspec = nullptr;
   session.Check(lorv_setspec_name_by_setspec_ref(session.context(), row.oid, row.addr, &setspec),
                 "finding the set of a table");
-  db_util::db_iter_with_keys walk;
-  metalayer::RangeGlobalSetspecIndex(setspec, &walk);
-  for (; !IsNull(walk.current) && visit(walk.current); walk.next()) {
+  db_util::db_iter_with_keys scan;
+  metalayer::RangeGlobalSetspecIndex(setspec, &scan);
+  for (; !IsNull(scan.current) && visit(scan.current); scan.next()) {
   }
 }
 
@@ -164,12 +164,12 @@ LS_OBJ_REF FindPackage(Indexes const& indexes, std::string_view name,
           : FindByText(indexes.package_by_key, with_colon + std::string(architecture));
   if (!IsNull(exact)) return exact;
   std::u16string const prefix = sagleme::ToUtf16(with_colon);
-  db_util::db_iter_with_keys walk;
-  Key(walk.first_key).Text(prefix.c_str());
-  Key(walk.last_key).TextUpperBound(prefix.c_str());
-  walk.open(indexes.package_by_key, kForward);
-  walk.next();
-  return walk.current;
+  db_util::db_iter_with_keys scan;
+  Key(scan.first_key).Text(prefix.c_str());
+  Key(scan.last_key).TextUpperBound(prefix.c_str());
+  scan.open(indexes.package_by_key, kForward);
+  scan.next();
+  return scan.current;
 }
 
 }  // namespace packages

@@ -58,7 +58,7 @@ class Object {
 LS_OBJ_REF FindByText(uint64_t index, std::string_view text);
 
 // Calls `visit` with each object that refers to `target` by the indexed column; the null reference
-// finds those that refer to none. What `visit` writes does not change the walk. `visit` returns
+// finds those that refer to none. What `visit` writes does not change the scan. `visit` returns
 // false to stop.
 void EachReferring(uint64_t index, LS_OBJ_REF const& target,
                    std::function<bool(LS_OBJ_REF const&)> const& visit);

@@ -64,7 +64,7 @@ uint64_t Answers::TypeIdOf(char16_t const* table) const {
   return type_id;
 }
 
-// One walk over a subtree counts it and, by the type of each object, the table's own part of it.
+// One scan over a subtree counts it and, by the type of each object, the table's own part of it.
 void Answers::Counts() const {
   Heading("Objects                        in the table    with all below it");
   for (TableSpec const& table : AllTables()) {
@@ -92,16 +92,16 @@ std::string Answers::KeyOf(LS_OBJ_REF const& package) const {
 // The index runs from the largest size down, so its first objects are the answer.
 void Answers::Largest() const {
   Heading(fmt::format("The {} largest packages, installed", kLargest));
-  db_util::db_iter_with_keys walk;
-  metalayer::Key(walk.first_key).ULong(UINT64_MAX);
-  metalayer::Key(walk.last_key).Null();
-  walk.open(indexes_.package_by_size, metalayer::kForward);
-  for (int rank = 1; rank <= kLargest && walk.next(); ++rank) {
-    PackageHandles const& handles = HandlesOf(walk.current);
-    Object const package(session_, walk.current);
+  db_util::db_iter_with_keys scan;
+  metalayer::Key(scan.first_key).ULong(UINT64_MAX);
+  metalayer::Key(scan.last_key).Null();
+  scan.open(indexes_.package_by_size, metalayer::kForward);
+  for (int rank = 1; rank <= kLargest && scan.next(); ++rank) {
+    PackageHandles const& handles = HandlesOf(scan.current);
+    Object const package(session_, scan.current);
     uint64_t const size = package.GetULong(handles.installed_size).value_or(0);
     fmt::print("  {:>2}  {:>9.1f} MiB  {:<36} {}\n", rank, static_cast<double>(size) / 1024,
-               package.GetText(handles.key), TableOfObject(walk.current.oid));
+               package.GetText(handles.key), TableOfObject(scan.current.oid));
   }
 }
 

@@ -6,7 +6,7 @@
 namespace sagleme {
 namespace {
 
-// What the kernel told, with its text.
+// What the kernel reported, with its text.
 struct KernelFinding {
   lscoredb_finding what{};
   std::string text;
@@ -79,16 +79,16 @@ class Names {
       : transaction_(transaction), tables_(transaction.Tables(true)) {}
 
   Finding Translate(KernelFinding const& finding) const {
-    Finding told{RuleOf(finding.what.kind), {}, finding.what.object, finding.text};
+    Finding reported{RuleOf(finding.what.kind), {}, finding.what.object, finding.text};
     for (TablePtr const& table : tables_) {
       for (Index const& index : table->indexes) {
         if (finding.what.index == 0 || index.handle != finding.what.index) continue;
-        told.table = ToUtf8(table->name);
-        told.what = "index " + ToUtf8(index.name) + ": " + finding.text;
+        reported.table = ToUtf8(table->name);
+        reported.what = "index " + ToUtf8(index.name) + ": " + finding.text;
       }
     }
-    if (told.table.empty()) told.table = TableOf(finding);
-    return told;
+    if (reported.table.empty()) reported.table = TableOf(finding);
+    return reported;
   }
 
  private:
@@ -116,35 +116,35 @@ Finding Untranslated(KernelFinding const& finding) {
   return {RuleOf(finding.what.kind), {}, finding.what.object, finding.text};
 }
 
-void TellAll(KernelFindings const& findings, FindingReport const& report) {
+void ReportAll(KernelFindings const& findings, FindingReport const& report) {
   for (KernelFinding const& finding : findings) report(Untranslated(finding));
 }
 
-void TellByTable(Transaction& transaction, KernelFindings const& findings,
-                 FindingReport const& report) {
+void ReportByTable(Transaction& transaction, KernelFindings const& findings,
+                   FindingReport const& report) {
   if (findings.empty()) return;
   std::optional<Names> names;
   try {
     names.emplace(transaction);
   } catch (Error const&) {
-    return TellAll(findings, report);  // the catalogue is what is damaged
+    return ReportAll(findings, report);  // the catalogue is what is damaged
   }
   for (KernelFinding const& finding : findings) report(names->Translate(finding));
 }
 
-void TellError(Error const& error, FindingReport const& report) {
+void ReportError(Error const& error, FindingReport const& report) {
   report({"reading", {}, 0, checks::Say("{} (status {})", error.what(), error.status())});
 }
 
 void CheckAll(Transaction& transaction, CheckOptions const& options, FindingReport const& report,
               checks::Progress const& progress) {
-  checks::WithOwnFailures(report, [&](FindingReport const& tell) {
+  checks::WithOwnFailures(report, [&](FindingReport const& guarded) {
     try {
-      checks::CheckTables(transaction, tell);
-      checks::CheckRows(transaction, tell);
-      checks::CheckObjects(transaction, options, tell, progress);
+      checks::CheckTables(transaction, guarded);
+      checks::CheckRows(transaction, guarded);
+      checks::CheckObjects(transaction, options, guarded, progress);
     } catch (Error const& error) {
-      TellError(error, tell);
+      ReportError(error, guarded);
     }
   });
 }
@@ -163,18 +163,18 @@ void CheckDatabase(std::string const& directory, CheckOptions const& options,
   checks::Progress progress(options, kKernelQuarters);
   KernelFindings const findings = Kernel(directory).Check(progress);
   for (KernelFinding const& finding : findings) {
-    if (EndsReading(finding)) return TellAll(findings, report);
+    if (EndsReading(finding)) return ReportAll(findings, report);
   }
   std::optional<Database> database;
   try {
     database.emplace(Database::Open(directory));
   } catch (Error const& error) {
-    TellAll(findings, report);
-    return TellError(error, report);
+    ReportAll(findings, report);
+    return ReportError(error, report);
   }
   Context const context(*database);
   Transaction transaction(context, Access::kReadOnly);
-  TellByTable(transaction, findings, report);
+  ReportByTable(transaction, findings, report);
   CheckAll(transaction, options, report, progress);
 }
 

@@ -26,30 +26,30 @@ class CatalogueCheck {
 
  private:
   template <typename... Arguments>
-  void Tell(char const* rule, Table const& table, std::string_view text,
-            Arguments const&... arguments) const {
+  void Report(char const* rule, Table const& table, std::string_view text,
+              Arguments const&... arguments) const {
     report_({rule, ToUtf8(table.name), 0, Say(text, arguments...)});
   }
 
   void Ordinals(Table const& table) const {
     for (std::size_t i = 0; i < table.columns.size(); ++i) {
       if (table.columns[i].ordinal == i) continue;
-      return Tell("ordinals", table, "column {} has number {} instead of {}",
-                  ToUtf8(table.columns[i].name), table.columns[i].ordinal, i);
+      return Report("ordinals", table, "column {} has number {} instead of {}",
+                    ToUtf8(table.columns[i].name), table.columns[i].ordinal, i);
     }
-    if (table.columns.size() < 3) Tell("ordinals", table, "a hidden column is missing");
+    if (table.columns.size() < 3) Report("ordinals", table, "a hidden column is missing");
   }
 
   void Inheritance(Table const& table) const {
     if (table.base.empty()) return;
     TablePtr const base = transaction_.Find(table.base);
     if (base == nullptr)
-      return Tell("inheritance", table, "the base {} does not exist", ToUtf8(table.base));
+      return Report("inheritance", table, "the base {} does not exist", ToUtf8(table.base));
     std::size_t inherited = 0;
     for (Column const& column : table.columns) inherited += column.inherited ? 1 : 0;
     if (inherited != base->columns.size()) {
-      Tell("inheritance", table, "{} columns are inherited, but the base has {}", inherited,
-           base->columns.size());
+      Report("inheritance", table, "{} columns are inherited, but the base has {}", inherited,
+             base->columns.size());
     }
     for (std::size_t i = 0; i < std::min(base->columns.size(), table.columns.size()); ++i) {
       Column const& own = table.columns[i];
@@ -58,8 +58,8 @@ class CatalogueCheck {
           own.target == from.target && own.inherited) {
         continue;
       }
-      Tell("inheritance", table, "column {} differs from column {} of the base", ToUtf8(own.name),
-           ToUtf8(from.name));
+      Report("inheritance", table, "column {} differs from column {} of the base", ToUtf8(own.name),
+             ToUtf8(from.name));
     }
   }
 
@@ -67,12 +67,12 @@ class CatalogueCheck {
     LORVI_LAYOUT_INFO info{};
     auto const status = lorvi_context_get_layout_info(transaction_.context(), table.layout, &info);
     if (status != 0) {
-      return Tell("layout", table, "the kernel does not give layout {}: {}", table.layout,
-                  lscoredb_status_text(status));
+      return Report("layout", table, "the kernel does not give layout {}: {}", table.layout,
+                    lscoredb_status_text(status));
     }
     if (info.column_count != table.columns.size()) {
-      Tell("layout", table, "layout {} has {} columns, but the table has {}", table.layout,
-           info.column_count, table.columns.size());
+      Report("layout", table, "layout {} has {} columns, but the table has {}", table.layout,
+             info.column_count, table.columns.size());
     }
     for (Column const& column : table.columns) LayoutColumn(table, column);
   }
@@ -84,11 +84,11 @@ class CatalogueCheck {
     bool const truth = column.type == Type::kBool;
     auto const wanted = truth ? Type::kULong : column.type;
     if (status == 0 && info.type == static_cast<std::uint8_t>(wanted)) return;
-    Tell("layout", table, "column {} is a {}, and no such column stands at {} in layout {}",
-         ToUtf8(column.name), TypeName(column.type), column.ordinal, table.layout);
+    Report("layout", table, "column {} is a {}, and no such column stands at {} in layout {}",
+           ToUtf8(column.name), TypeName(column.type), column.ordinal, table.layout);
   }
 
-  // The token of a column in the kernel; nothing when there is no such column, which is told.
+  // The token of a column in the kernel; nothing when there is no such column, which is reported.
   std::optional<std::uint64_t> TokenOf(Table const& table, Column const& column) const {
     LORVI_COLUMN_INFO info{};
     auto const status =
@@ -103,12 +103,12 @@ class CatalogueCheck {
       if (!token) continue;
       if (!column.inherited) {
         if (NameOf(*token) == ToUtf16(std::to_string(column.id.value))) continue;
-        Tell("tokens", table, "column {} has token {} in the kernel, which is not its own",
-             ToUtf8(column.name), *token);
+        Report("tokens", table, "column {} has token {} in the kernel, which is not its own",
+               ToUtf8(column.name), *token);
       } else if (base != nullptr && column.ordinal < base->columns.size() &&
                  TokenOf(*base, base->columns[column.ordinal]) != token) {
-        Tell("tokens", table, "column {} has token {} in the kernel, and another one in the base",
-             ToUtf8(column.name), *token);
+        Report("tokens", table, "column {} has token {} in the kernel, and another one in the base",
+               ToUtf8(column.name), *token);
       }
     }
   }
@@ -126,18 +126,19 @@ class CatalogueCheck {
     TablePtr const base = transaction_.Find(table.base);
     if (base != nullptr && (!table.setspec.starts_with(base->setspec) ||
                             table.setspec.size() == base->setspec.size())) {
-      Tell("set", table, "the set specifier {} does not extend {} of the base",
-           ToUtf8(table.setspec), ToUtf8(base->setspec));
+      Report("set", table, "the set specifier {} does not extend {} of the base",
+             ToUtf8(table.setspec), ToUtf8(base->setspec));
     }
     auto const [other, first] = sets_.emplace(table.setspec, table.name);
-    if (!first) Tell("set", table, "the set specifier is that of {} too", ToUtf8(other->second));
+    if (!first) Report("set", table, "the set specifier is that of {} too", ToUtf8(other->second));
   }
 
   void TypeId(Table const& table) {
     auto const [other, first] = type_ids_.emplace(table.type_id, table.name);
-    if (table.type_id == 0) Tell("type id", table, "the table has no type id");
+    if (table.type_id == 0) Report("type id", table, "the table has no type id");
     if (!first)
-      Tell("type id", table, "type id {} is that of {} too", table.type_id, ToUtf8(other->second));
+      Report("type id", table, "type id {} is that of {} too", table.type_id,
+             ToUtf8(other->second));
   }
 
   void IndexOf(Table const& table, Index const& index) const {
@@ -145,14 +146,15 @@ class CatalogueCheck {
     auto const status =
         lorvi_context_get_index_setspec(transaction_.context(), index.handle, &setspec);
     if (status != 0) {
-      return Tell("index", table, "the kernel does not give index {}: {}", ToUtf8(index.name),
-                  lscoredb_status_text(status));
+      return Report("index", table, "the kernel does not give index {}: {}", ToUtf8(index.name),
+                    lscoredb_status_text(status));
     }
     if (table.setspec != setspec) {
-      Tell("index", table, "index {} covers the set {}, and its table is {}", ToUtf8(index.name),
-           ToUtf8(setspec), ToUtf8(table.setspec));
+      Report("index", table, "index {} covers the set {}, and its table is {}", ToUtf8(index.name),
+             ToUtf8(setspec), ToUtf8(table.setspec));
     }
-    if (index.columns.empty()) Tell("index", table, "index {} has no columns", ToUtf8(index.name));
+    if (index.columns.empty())
+      Report("index", table, "index {} has no columns", ToUtf8(index.name));
   }
 
   void Generation() const {
@@ -162,7 +164,7 @@ class CatalogueCheck {
     for ([[maybe_unused]] Object const& row : Range::Only(transaction_, *table)) {
       ++count;
     }
-    if (count != 1) Tell("generation", *table, "there are {} counters of schema changes", count);
+    if (count != 1) Report("generation", *table, "there are {} counters of schema changes", count);
   }
 
   Transaction& transaction_;

@@ -26,7 +26,7 @@ class ObjectCheck {
       try {
         CheckOne(object);
       } catch (Error const& error) {
-        Tell("object", "", object, error.what());
+        Report("object", "", object, error.what());
       }
     }
   }
@@ -41,8 +41,8 @@ class ObjectCheck {
     return count;
   }
 
-  void Tell(char const* rule, std::string const& table, Object const& object,
-            std::string const& what) const {
+  void Report(char const* rule, std::string const& table, Object const& object,
+              std::string const& what) const {
     report_({rule, table, object.id().value, what});
   }
 
@@ -56,15 +56,15 @@ class ObjectCheck {
     TablePtr const table = transaction_.BySetspec(setspec);
     if (table == nullptr || table->setspec != setspec) {
       if (Pending(setspec, VacuumRequest::Kind::kRemove)) return;
-      return Tell("object", "", object,
-                  Say("it belongs to no table: {}; vacuum removes it when its table was dropped",
-                      ToUtf8(setspec)));
+      return Report("object", "", object,
+                    Say("it belongs to no table: {}; vacuum removes it when its table was dropped",
+                        ToUtf8(setspec)));
     }
     std::string const name = ToUtf8(table->name);
     if (object.layout() != table->layout && !Pending(setspec, VacuumRequest::Kind::kMove)) {
-      Tell("object", name, object,
-           Say("it lies under layout {} of {}, and nothing asks for its move", object.layout(),
-               table->layout));
+      Report("object", name, object,
+             Say("it lies under layout {} of {}, and nothing asks for its move", object.layout(),
+                 table->layout));
     }
     for (Column const& column : table->columns) {
       if (!column.system()) CheckColumn(object, *table, column);
@@ -81,7 +81,7 @@ class ObjectCheck {
         CheckReference(object, name, column, *id);
       }
     } catch (Error const& error) {
-      Tell("object", name, object, Say("column {}: {}", ToUtf8(column.name), error.what()));
+      Report("object", name, object, Say("column {}: {}", ToUtf8(column.name), error.what()));
     }
   }
 
@@ -90,8 +90,8 @@ class ObjectCheck {
     auto const target = Object::Find(transaction_, id);
     if (target && transaction_.Holds(column.target_id, target->reference())) return;
     std::string const what = target ? "is not of " + ToUtf8(column.target) : "does not exist";
-    Tell("reference", table, object,
-         Say("column {} refers to object {}, which {}", ToUtf8(column.name), id.value, what));
+    Report("reference", table, object,
+           Say("column {} refers to object {}, which {}", ToUtf8(column.name), id.value, what));
   }
 
   Transaction& transaction_;

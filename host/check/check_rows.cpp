@@ -46,7 +46,7 @@ class RowCheck {
   }
 
  private:
-  void Tell(char const* rule, std::u16string const& table, std::string const& what) const {
+  void Report(char const* rule, std::u16string const& table, std::string const& what) const {
     report_({rule, ToUtf8(table), 0, what});
   }
 
@@ -70,10 +70,10 @@ class RowCheck {
       ChildName const name = Split(setspec);
       auto const parent = counters_.find(name.parent);
       if (parent != counters_.end() && parent->second > name.number) continue;
-      Tell("children", TableOf(name.parent),
-           parent == counters_.end() ? Say("the set specifier {} has no parent", ToUtf8(setspec))
-                                     : Say("the next child is number {}, and {} is there already",
-                                           parent->second, ToUtf8(setspec)));
+      Report("children", TableOf(name.parent),
+             parent == counters_.end() ? Say("the set specifier {} has no parent", ToUtf8(setspec))
+                                       : Say("the next child is number {}, and {} is there already",
+                                             parent->second, ToUtf8(setspec)));
     }
   }
 
@@ -84,9 +84,9 @@ class RowCheck {
       if (column.type != Type::kReference || transaction_.Find(column.target) == nullptr) continue;
       auto const row = Object::Find(transaction_, column.id);
       if (!row || type.Get(*row)) continue;
-      Tell("deferred", table.name,
-           Say("column {} still waits for {}, which is there", ToUtf8(column.name),
-               ToUtf8(column.target)));
+      Report("deferred", table.name,
+             Say("column {} still waits for {}, which is there", ToUtf8(column.name),
+                 ToUtf8(column.target)));
     }
   }
 

@@ -74,13 +74,13 @@ class Progress {
   static constexpr std::uint64_t kQuarter = 1000;
 
   struct Watch {
-    explicit Watch(Progress& progress) { lscoredb_watch(&Progress::Tell, &progress); }
+    explicit Watch(Progress& progress) { lscoredb_watch(&Progress::Report, &progress); }
     ~Watch() { lscoredb_watch(nullptr, nullptr); }
     Watch(Watch const&) = delete;
     Watch& operator=(Watch const&) = delete;
   };
 
-  static std::uint32_t Tell(void* self, std::uint64_t done, std::uint64_t total) {
+  static std::uint32_t Report(void* self, std::uint64_t done, std::uint64_t total) {
     auto& progress = *static_cast<Progress*>(self);
     try {
       std::uint64_t const share = total == 0 ? 0 : done * progress.before_ / total;

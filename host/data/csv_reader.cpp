@@ -37,13 +37,13 @@ bool CsvReader::Has(std::size_t at) {
   return false;
 }
 
-FilePlace CsvReader::PlaceOf(std::size_t offset) const {
+FileLocation CsvReader::LocationOf(std::size_t offset) const {
   std::string_view const before = text_.substr(0, offset);
-  FilePlace place{place_.line, place_.column + before.size()};
+  FileLocation location{location_.line, location_.column + before.size()};
   for (auto at = before.find('\n'); at != before.npos; at = before.find('\n', at + 1)) {
-    place = {place.line + 1, before.size() - at};
+    location = {location.line + 1, before.size() - at};
   }
-  return place;
+  return location;
 }
 
 std::size_t CsvReader::EndOfLine(std::size_t at) {
@@ -55,7 +55,7 @@ std::size_t CsvReader::EndOfLine(std::size_t at) {
 // To the next row: the one that was read, and empty lines, are behind us.
 void CsvReader::PassOver() {
   auto const consume = [this](std::size_t size) {
-    place_ = PlaceOf(size);
+    location_ = LocationOf(size);
     input_.Consume(size);
     text_ = input_.rest();
   };
@@ -64,7 +64,7 @@ void CsvReader::PassOver() {
   std::size_t empty = 0;
   while (Is(empty, '\n') || Is(empty, '\r')) ++empty;
   consume(empty);
-  place_.column = 1;
+  location_.column = 1;
 }
 
 void CsvReader::SkipLine(std::size_t at) {
@@ -78,7 +78,7 @@ std::size_t CsvReader::ReadQuoted(std::size_t at) {
   for (;; ++at) {
     if (!Has(at)) {
       size_ = at;
-      throw BadRow(PlaceOf(begin), "a quotation mark is never closed");
+      throw BadRow(LocationOf(begin), "a quotation mark is never closed");
     }
     if (text_[at] != '"') continue;
     if (!Is(at + 1, '"')) break;
@@ -89,7 +89,7 @@ std::size_t CsvReader::ReadQuoted(std::size_t at) {
   ++at;
   if (!Is(at, separator_) && !AtLineEnd(at)) {
     size_ = at;
-    throw BadRow(PlaceOf(at),
+    throw BadRow(LocationOf(at),
                  "a separator or the end of the line must follow a closing quotation mark");
   }
   return at;
@@ -105,7 +105,7 @@ std::size_t CsvReader::ReadBare(std::size_t at) {
   } while (at == text_.size() && Has(at));
   if (Is(at, '"')) {
     size_ = at;
-    throw BadRow(PlaceOf(at), "a value with a quotation mark in it must be quoted");
+    throw BadRow(LocationOf(at), "a value with a quotation mark in it must be quoted");
   }
   pieces_.push_back({begin, at, false, false});
   return at;
@@ -115,7 +115,7 @@ std::size_t CsvReader::ReadField(std::size_t at) {
   return Is(at, '"') ? ReadQuoted(at) : ReadBare(at);
 }
 
-// Only places are noted until the row is there: reading on moves the text.
+// Only offsets are kept until the row is complete: reading on moves the text.
 void CsvReader::ReadRow() {
   pieces_.clear();
   std::size_t at = ReadField(0);

@@ -1,7 +1,7 @@
 #ifndef SAGLEME_HOST_DATA_CSV_READER_H
 #define SAGLEME_HOST_DATA_CSV_READER_H
 
-// Lines of values with a separator between them, as RFC 4180 has them, with the place of every
+// Lines of values with a separator between them, as RFC 4180 has them, with the location of every
 // value, which is why it is written here. A quoted empty value is the empty text, a bare one is
 // null. Values are views into the text that was read, so that a row costs no memory of its own.
 
@@ -32,8 +32,8 @@ class CsvReader {
   std::vector<CsvField> const& fields() const { return fields_; }
   // Its bytes as they stand in the file, with the end of the line.
   std::string_view raw() const { return input_.rest().substr(0, size_); }
-  // A place in it.
-  FilePlace PlaceOf(std::size_t offset) const;
+  // Of an offset in the row.
+  FileLocation LocationOf(std::size_t offset) const;
 
  private:
   // Whether there is a byte at an offset; reads on when there was none.
@@ -60,7 +60,7 @@ class CsvReader {
   char separator_ = ',';
   std::string_view text_;  // what was read and is not behind us, from the row on
   std::size_t size_ = 0;   // of the row
-  FilePlace place_;
+  FileLocation location_;
   std::vector<Piece> pieces_;
   std::vector<CsvField> fields_;
   std::deque<std::string> unescaped_;

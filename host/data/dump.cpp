@@ -22,8 +22,8 @@ std::string OneLine(std::string json) {
   return line + "\n";
 }
 
-std::string ObjectLine(std::size_t place, Object const& object, Table const& table) {
-  std::string line = "{\"t\": " + std::to_string(place) +
+std::string ObjectLine(std::size_t position, Object const& object, Table const& table) {
+  std::string line = "{\"t\": " + std::to_string(position) +
                      ", \"id\": " + std::to_string(object.id().value) + ", \"v\": [";
   bool first = true;
   for (Column const* const column : UserColumns(table)) {

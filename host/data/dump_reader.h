@@ -17,7 +17,7 @@
 namespace sagleme {
 
 struct DumpedObject {
-  std::size_t table = 0;  // its place in the schema
+  std::size_t table = 0;  // its position in the schema
   ObjectId id;
 };
 

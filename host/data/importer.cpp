@@ -28,7 +28,7 @@ Referent FindReferent(Transaction& transaction, Table const& target, ObjectId id
 }
 
 void LaterReferences::Resolve(Transaction& transaction) {
-  for (auto at = places_.begin(); at != places_.end();) {
+  for (auto at = locations_.begin(); at != locations_.end();) {
     TablePtr const table = transaction.table(at->first.table);
     ReadScope const scope(transaction.context());
     auto const found = FindReferent(transaction, *table, {at->first.id});
@@ -37,13 +37,13 @@ void LaterReferences::Resolve(Transaction& transaction) {
                                            "from it",
                                            at->first.id, ToUtf8(table->name)));
     }
-    at = found == Referent::kThere ? places_.erase(at) : std::next(at);
+    at = found == Referent::kThere ? locations_.erase(at) : std::next(at);
   }
 }
 
 void LaterReferences::Require() const {
-  if (places_.empty()) return;
-  auto const first = std::min_element(places_.begin(), places_.end(), [](auto& a, auto& b) {
+  if (locations_.empty()) return;
+  auto const first = std::min_element(locations_.begin(), locations_.end(), [](auto& a, auto& b) {
     return a.second.line < b.second.line;
   });
   throw BadRow(first->second, fmt::format("there is no object {}, neither in the database nor in "
@@ -86,8 +86,9 @@ void Importer::CheckHeading() {
       return PlanFor(table).columns[name] != nullptr;
     });
     if (known || IsOwn(name)) continue;
-    throw BadRow(rows_.PlaceOfName(name), fmt::format("table {} has no column {}",
-                                                      ToUtf8(table_->name), rows_.names()[name]));
+    throw BadRow(
+        rows_.LocationOfName(name),
+        fmt::format("table {} has no column {}", ToUtf8(table_->name), rows_.names()[name]));
   }
   if (table_name_ == kNowhere) RequireColumns(PlanFor(table_));
 }
@@ -134,20 +135,20 @@ Importer::Plan& Importer::PlanOfRow() {
   } catch (BadUtf8 const&) {  // the name of nothing
   }
   if (table != nullptr && table->IsA(*table_)) return PlanFor(table);
-  throw BadRow(rows_.PlaceOf(*value), fmt::format("{} is neither {} nor derived from it",
-                                                  value->text, ToUtf8(table_->name)));
+  throw BadRow(rows_.LocationOf(*value), fmt::format("{} is neither {} nor derived from it",
+                                                     value->text, ToUtf8(table_->name)));
 }
 
 ObjectId Importer::IdOfRow() const {
   RowValue const* const value = keep_ids_ ? Find(id_name_) : nullptr;
   if (value == nullptr || value->kind == RowValue::Kind::kNull) return {};
-  if (!IsNumber(value->text)) throw BadRow(rows_.PlaceOf(*value), "the id is not a number");
+  if (!IsNumber(value->text)) throw BadRow(rows_.LocationOf(*value), "the id is not a number");
   try {
     ObjectId const id{std::get<std::uint64_t>(ParseValue(Type::kULong, value->text))};
     if (id.value != 0) return id;
     throw BadValue("no object has the id 0");
   } catch (BadValue const& error) {
-    throw BadRow(rows_.PlaceOf(*value), error.what());
+    throw BadRow(rows_.LocationOf(*value), error.what());
   }
 }
 
@@ -162,9 +163,9 @@ void Importer::RequireColumns(Plan const& plan) const {
   };
   for (Column const& column : plan.table->columns) {
     if (!NeedsValue(column) || given(column) != 0) continue;
-    FilePlace const place = rows_.has_heading() ? rows_.PlaceOfName(0) : rows_.place();
-    throw BadRow(place, fmt::format("column {} of table {} is missing, and takes no null",
-                                    ToUtf8(column.name), ToUtf8(plan.table->name)));
+    FileLocation const location = rows_.has_heading() ? rows_.LocationOfName(0) : rows_.location();
+    throw BadRow(location, fmt::format("column {} of table {} is missing, and takes no null",
+                                       ToUtf8(column.name), ToUtf8(plan.table->name)));
   }
 }
 
@@ -180,7 +181,7 @@ void Importer::Add() {
   } catch (Error const& error) {
     RowValue const* const value = id.value == 0 ? nullptr : Find(id_name_);
     if (value == nullptr) throw;
-    throw BadRow(rows_.PlaceOf(*value), fmt::format("id {}: {}", id.value, error.what()));
+    throw BadRow(rows_.LocationOf(*value), fmt::format("id {}: {}", id.value, error.what()));
   }
   try {
     Write(plan);
@@ -195,8 +196,8 @@ void Importer::Write(Plan const& plan) {
     if (plan.columns[value.name] != nullptr) {
       Put(plan, value);
     } else if (!IsOwn(value.name) && value.kind != RowValue::Kind::kNull) {
-      throw BadRow(rows_.PlaceOf(value), fmt::format("table {} has no column {}",
-                                                     ToUtf8(plan.table->name), NameOf(value)));
+      throw BadRow(rows_.LocationOf(value), fmt::format("table {} has no column {}",
+                                                        ToUtf8(plan.table->name), NameOf(value)));
     }
   }
   Finish(plan);
@@ -213,9 +214,11 @@ void Importer::Put(Plan const& plan, RowValue const& value) {
       writer_.Put(column, value);
     }
   } catch (BadValue const& error) {
-    throw BadRow(rows_.PlaceOf(value), fmt::format("column {}: {}", NameOf(value), error.what()));
+    throw BadRow(rows_.LocationOf(value),
+                 fmt::format("column {}: {}", NameOf(value), error.what()));
   } catch (Error const& error) {
-    throw BadRow(rows_.PlaceOf(value), fmt::format("column {}: {}", NameOf(value), error.what()));
+    throw BadRow(rows_.LocationOf(value),
+                 fmt::format("column {}: {}", NameOf(value), error.what()));
   }
 }
 
@@ -232,14 +235,14 @@ void Importer::PutReference(Column const& column, RowValue const& value) {
 
 void Importer::CheckReference(Column const& column, RowValue const& value, ObjectId id) {
   TablePtr const target = transaction_.table(column.target);
-  if (id == writer_.id()) return later_.Note({target->name, id.value}, rows_.PlaceOf(value));
+  if (id == writer_.id()) return later_.Note({target->name, id.value}, rows_.LocationOf(value));
   ReadScope const scope(transaction_.context());
   switch (FindReferent(transaction_, *target, id)) {
     case Referent::kThere:
       return transaction_.Require(id.value);
     case Referent::kMissing:
       if (!keep_ids_) throw BadValue(fmt::format("there is no object {}", id.value));
-      return later_.Note({target->name, id.value}, rows_.PlaceOf(value));
+      return later_.Note({target->name, id.value}, rows_.LocationOf(value));
     case Referent::kOfOtherTable:
       throw BadValue(fmt::format("object {} is neither of {} nor of a table derived from it",
                                  id.value, ToUtf8(target->name)));
@@ -251,8 +254,9 @@ void Importer::Finish(Plan const& plan) {
     writer_.Finish();
   } catch (Error const& error) {
     if (error.status() != LSCOREDB_DUPLICATE_KEY) throw;
-    std::string const told = DescribeDuplicate(transaction_, writer_.object(), *plan.table, {});
-    throw BadRow(rows_.place(), told.empty() ? error.what() : told);
+    std::string const duplicate =
+        DescribeDuplicate(transaction_, writer_.object(), *plan.table, {});
+    throw BadRow(rows_.location(), duplicate.empty() ? error.what() : duplicate);
   }
 }
 

@@ -14,8 +14,8 @@
 
 namespace sagleme {
 
-// References to objects that were not there yet when they were written, with the place where each
-// first stood.
+// References to objects that did not exist yet when they were written, with the location where
+// each was first named.
 class LaterReferences {
  public:
   struct Target {
@@ -24,14 +24,14 @@ class LaterReferences {
     friend auto operator<=>(Target const&, Target const&) = default;
   };
 
-  void Note(Target const& target, FilePlace place) { places_.emplace(target, place); }
+  void Note(Target const& target, FileLocation location) { locations_.emplace(target, location); }
   // Forgets those that are there now.
   void Resolve(Transaction& transaction);
   // BadRow when there is still one left.
   void Require() const;
 
  private:
-  std::map<Target, FilePlace> places_;
+  std::map<Target, FileLocation> locations_;
 };
 
 // Whether the object is there, and of the table or derived from it.

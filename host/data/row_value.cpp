@@ -7,7 +7,7 @@ namespace {
 
 using Kind = RowValue::Kind;
 
-std::string Told(RowValue const& value) {
+std::string Shown(RowValue const& value) {
   switch (value.kind) {
     case Kind::kArray:
       return "an array";
@@ -32,7 +32,7 @@ bool Fits(Type type, Kind kind) {
 Value ParseRowValue(Type type, RowValue const& value) {
   if (value.kind == Kind::kNull) return Null{};
   if (!Fits(type, value.kind)) {
-    throw BadValue(Told(value) + " is not a " + std::string(TypeName(type)));
+    throw BadValue(Shown(value) + " is not a " + std::string(TypeName(type)));
   }
   if (value.kind == Kind::kUnits) return std::u16string(value.units);
   return ParseValue(type, value.text);

@@ -17,12 +17,12 @@ class CsvSource : public RowSource {
     heading_ = reader_.raw();
     std::set<std::string_view> seen;
     for (CsvField const& field : reader_.fields()) {
-      FilePlace const place = reader_.PlaceOf(field.offset);
+      FileLocation const location = reader_.LocationOf(field.offset);
       if (!seen.insert(field.text).second) {
-        throw BadRow(place, fmt::format("column {} is named twice", field.text));
+        throw BadRow(location, fmt::format("column {} is named twice", field.text));
       }
       names_.emplace_back(field.text);
-      places_.push_back(place);
+      locations_.push_back(location);
     }
     values_.resize(names_.size());
   }
@@ -31,8 +31,8 @@ class CsvSource : public RowSource {
     if (!reader_.Next()) return false;
     std::vector<CsvField> const& fields = reader_.fields();
     if (fields.size() != names_.size()) {
-      throw BadRow(place(), fmt::format("the row has {} values, but the heading has {}",
-                                        fields.size(), names_.size()));
+      throw BadRow(location(), fmt::format("the row has {} values, but the heading has {}",
+                                           fields.size(), names_.size()));
     }
     for (std::size_t i = 0; i < fields.size(); ++i) {
       bool const null = fields[i].text.empty() && !fields[i].quoted;
@@ -43,11 +43,11 @@ class CsvSource : public RowSource {
   std::span<RowValue const> values() const override { return values_; }
   std::vector<std::string> const& names() const override { return names_; }
   bool has_heading() const override { return true; }
-  FilePlace place() const override { return reader_.PlaceOf(0); }
-  FilePlace PlaceOf(RowValue const& value) const override {
-    return reader_.PlaceOf(reader_.fields()[value.name].offset);
+  FileLocation location() const override { return reader_.LocationOf(0); }
+  FileLocation LocationOf(RowValue const& value) const override {
+    return reader_.LocationOf(reader_.fields()[value.name].offset);
   }
-  FilePlace PlaceOfName(std::size_t name) const override { return places_[name]; }
+  FileLocation LocationOfName(std::size_t name) const override { return locations_[name]; }
   std::string raw() const override { return std::string(reader_.raw()); }
   std::string heading() const override { return heading_; }
   std::uint64_t bytes() const override { return input_.bytes(); }
@@ -57,7 +57,7 @@ class CsvSource : public RowSource {
   CsvReader reader_;
   std::string heading_;
   std::vector<std::string> names_;
-  std::vector<FilePlace> places_;
+  std::vector<FileLocation> locations_;
   std::vector<RowValue> values_;
 };
 
@@ -74,7 +74,7 @@ class JsonSource : public RowSource {
       RowValue value = member.value.view();
       value.name = NumberOf(member.name, i);
       if (row_of_name_[value.name] == line_) {
-        throw BadRow(PlaceOf(value), fmt::format("column {} is named twice", member.name));
+        throw BadRow(LocationOf(value), fmt::format("column {} is named twice", member.name));
       }
       row_of_name_[value.name] = line_;
       values_.push_back(value);
@@ -84,13 +84,15 @@ class JsonSource : public RowSource {
   std::span<RowValue const> values() const override { return values_; }
   std::vector<std::string> const& names() const override { return names_; }
   bool has_heading() const override { return false; }
-  FilePlace place() const override { return {line_, 1}; }
-  // JSON readers tell no places of values: where the name first stands is the best that there is.
-  FilePlace PlaceOf(RowValue const& value) const override {
+  FileLocation location() const override { return {line_, 1}; }
+  // JSON readers give no locations of values: the first one of the name is the best there is.
+  FileLocation LocationOf(RowValue const& value) const override {
     auto const at = text_.find("\"" + names_[value.name] + "\"");
     return {line_, at == std::string_view::npos ? 1 : at + 1};
   }
-  FilePlace PlaceOfName(std::size_t name) const override { return PlaceOf({name, {}, {}, {}}); }
+  FileLocation LocationOfName(std::size_t name) const override {
+    return LocationOf({name, {}, {}, {}});
+  }
   std::string raw() const override { return std::string(text_) + "\n"; }
   std::string heading() const override { return ""; }
   std::uint64_t bytes() const override { return input_.bytes(); }

@@ -34,11 +34,11 @@ std::string WithoutSlash(std::string path) {
 
 }  // namespace
 
-Scaffold::Scaffold(std::string place)
-    : place_(WithoutSlash(std::move(place))), path_(place_ + ".loading") {
+Scaffold::Scaffold(std::string target)
+    : target_(WithoutSlash(std::move(target))), path_(target_ + ".loading") {
   std::error_code error;
-  if (std::filesystem::exists(place_, error) && !std::filesystem::is_empty(place_, error)) {
-    Refuse(fmt::format("{} already exists", place_), "Name a directory that does not exist.");
+  if (std::filesystem::exists(target_, error) && !std::filesystem::is_empty(target_, error)) {
+    Refuse(fmt::format("{} already exists", target_), "Name a directory that does not exist.");
   }
   std::filesystem::create_directory(path_, error);
   Lock();
@@ -52,7 +52,7 @@ void Scaffold::Lock() {
   if (lock_ < 0) Refuse(fmt::format("cannot create {}: {}", path_, std::strerror(errno)));
   if (flock(lock_, LOCK_EX | LOCK_NB) == 0) return;
   close(lock_);
-  Refuse(fmt::format("another process is loading a dump into {}", place_),
+  Refuse(fmt::format("another process is loading a dump into {}", target_),
          "Wait until it has ended.");
 }
 
@@ -66,10 +66,10 @@ void Scaffold::Finish() {
   for (auto const& file : std::filesystem::directory_iterator(database())) Sync(file.path());
   Sync(database());
   std::error_code error;
-  std::filesystem::remove(place_, error);
-  std::filesystem::rename(database(), place_, error);
-  if (error) Refuse(fmt::format("cannot create {}: {}", place_, error.message()));
-  auto const parent = std::filesystem::absolute(place_).parent_path();
+  std::filesystem::remove(target_, error);
+  std::filesystem::rename(database(), target_, error);
+  if (error) Refuse(fmt::format("cannot create {}: {}", target_, error.message()));
+  auto const parent = std::filesystem::absolute(target_).parent_path();
   Sync(parent);
 }
 

@@ -5,12 +5,12 @@
 
 namespace sagleme {
 
-// A directory beside the place of a new database, in which that grows. It is removed with the
-// object; what it leaves when the process is killed the next one for the same place removes.
+// A directory beside the target of a new database, in which the database is built. It is removed
+// with the object. What a killed process leaves is removed by the next one with the same target.
 class Scaffold {
  public:
-  // Failure of kRefused when the place is taken, or another process builds for it.
-  explicit Scaffold(std::string place);
+  // Failure of kRefused when the target exists, or another process builds there.
+  explicit Scaffold(std::string target);
   ~Scaffold();
   Scaffold(Scaffold const&) = delete;
   Scaffold& operator=(Scaffold const&) = delete;
@@ -19,13 +19,13 @@ class Scaffold {
   std::string database() const { return path_ + "/database"; }
   std::string scratch() const { return path_ + "/dump"; }
 
-  // Gives the database its place, once it is on the disk. REQUIRES: it is closed.
+  // Syncs the database and renames it to the target. REQUIRES: it is closed.
   void Finish();
 
  private:
   void Lock();
 
-  std::string place_;
+  std::string target_;
   std::string path_;
   int lock_ = -1;
 };

@@ -278,7 +278,7 @@ TEST_F(BadInputTest, ReadOnlyTransaction_RefusesWrites) {
   ExpectEach(LSCOREDB_WRITE_REFUSED, Writes(), Good());
   ExpectEach(0, Reads(), Good());
   EXPECT_EQ(session_.Long(row_, kLong), 1);
-  EXPECT_EQ(session_.Walk(index_), Oids{row_});
+  EXPECT_EQ(session_.Scan(index_), Oids{row_});
   session_.Commit();
 }
 
@@ -402,9 +402,9 @@ TEST_F(BadInputTest, UnknownIterator_IsRefused) {
     EXPECT_STATUS(LSCOREDB_UNKNOWN_ITERATOR, lorv_iterator_free(unknown));
   }
   EXPECT_TRUE(outputs_.Untouched());
-  Walker walker(session_, index_);
-  EXPECT_STATUS(LSCOREDB_NULL_ARGUMENT, lorv_iterator_next(walker.handle(), nullptr));
-  EXPECT_EQ(walker.Next(), row_);
+  Scanner scanner(session_, index_);
+  EXPECT_STATUS(LSCOREDB_NULL_ARGUMENT, lorv_iterator_next(scanner.handle(), nullptr));
+  EXPECT_EQ(scanner.Next(), row_);
 }
 
 TEST_F(BadInputTest, WrongIndexDefinitions_AreRefused) {

@@ -43,7 +43,7 @@ static void read_back(uint64_t context, uint16_t layout, uint64_t oid) {
   EXPECT(memcmp(name->units, u"name", 5 * sizeof(char16_t)) == 0);
 }
 
-static void walk(uint64_t context, uint64_t index, uint64_t first, uint64_t second) {
+static void scan(uint64_t context, uint64_t index, uint64_t first, uint64_t second) {
   static uint8_t const everything[8] = {0xC0};
   uint64_t iterator = 0;
   LORV_REFERENCE row = {0, 0, 0};
@@ -81,7 +81,7 @@ static void use(uint64_t context) {
   read_back(context, layout, five);
   EXPECT_OK(lscoredb_commit(context));
   EXPECT_OK(lscoredb_begin(context, LSCOREDB_READ_ONLY_TRANSACTION));
-  walk(context, index, minus, five);
+  scan(context, index, minus, five);
   EXPECT_OK(lscoredb_rollback(context));
   EXPECT_OK(lscoredb_identity(context, &identity));
   EXPECT(identity != 0);

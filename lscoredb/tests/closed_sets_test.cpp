@@ -15,7 +15,7 @@ std::uint32_t Close(Session& session, char16_t const* setspec = kClosed, std::ui
   return lscoredb_close_set(session.context(), setspec, flags);
 }
 
-std::uint32_t Place(Session& session, Oid oid, char16_t const* setspec) {
+std::uint32_t PutInto(Session& session, Oid oid, char16_t const* setspec) {
   return lorv_context_put_setspec(session.context(), oid, 0, setspec);
 }
 
@@ -42,13 +42,13 @@ class ClosedSetsTest : public KernelTest {
   void ExpectClosed(Session& session) {
     for (LayoutId const layout : {layout_, newer_}) {
       Oid const fresh = session.InsertBare(layout);
-      EXPECT_STATUS(LSCOREDB_SET_CLOSED, Place(session, fresh, kClosed));
+      EXPECT_STATUS(LSCOREDB_SET_CLOSED, PutInto(session, fresh, kClosed));
       EXPECT_FALSE(session.Exists(fresh)) << "an insert that was refused left an object";
     }
-    EXPECT_STATUS(LSCOREDB_SET_CLOSED, Place(session, outside_, kClosed));
+    EXPECT_STATUS(LSCOREDB_SET_CLOSED, PutInto(session, outside_, kClosed));
     EXPECT_EQ(Text(kSet), session.Setspec(outside_));
     Oid const moved = session.Insert(layout_);
-    EXPECT_STATUS(LSCOREDB_SET_CLOSED, Place(session, moved, kClosed));
+    EXPECT_STATUS(LSCOREDB_SET_CLOSED, PutInto(session, moved, kClosed));
     EXPECT_EQ(Text(kSet), session.Setspec(moved));
     session.Delete(moved);
   }
@@ -91,7 +91,7 @@ TEST_F(ClosedSetsTest, ChosenIds_AreRefusedToo) {
   session_.Begin();
   constexpr Oid kChosen = Oid{1} << 40;
   session_.InsertWithId(layout_, kChosen);
-  EXPECT_STATUS(LSCOREDB_SET_CLOSED, Place(session_, kChosen, kClosed));
+  EXPECT_STATUS(LSCOREDB_SET_CLOSED, PutInto(session_, kChosen, kClosed));
   session_.Commit();
   session_.Begin();
   EXPECT_FALSE(session_.Exists(kChosen));
@@ -100,20 +100,20 @@ TEST_F(ClosedSetsTest, ChosenIds_AreRefusedToo) {
 TEST_F(ClosedSetsTest, RefusedInsert_LeavesNoEntryAndNoCount) {
   CloseAndCommit();
   session_.Begin();
-  std::size_t const before = session_.Walk(by_number_).size();
+  std::size_t const before = session_.Scan(by_number_).size();
   Oid const fresh = session_.InsertBare(layout_);
   session_.PutLong(fresh, kNumber, 7);
-  EXPECT_STATUS(LSCOREDB_SET_CLOSED, Place(session_, fresh, kClosed));
+  EXPECT_STATUS(LSCOREDB_SET_CLOSED, PutInto(session_, fresh, kClosed));
   session_.Commit();
   session_.Begin();
-  EXPECT_EQ(before, session_.Walk(by_number_).size());
+  EXPECT_EQ(before, session_.Scan(by_number_).size());
 }
 
 TEST_F(ClosedSetsTest, ObjectsInside_MayBeChangedMovedAndDeleted) {
   CloseAndCommit();
   session_.Begin();
   session_.PutLong(inside_, kNumber, 5);
-  EXPECT_STATUS(0u, Place(session_, inside_, kClosed));
+  EXPECT_STATUS(0u, PutInto(session_, inside_, kClosed));
   EXPECT_STATUS(0u, lscoredb_move_object(session_.context(), inside_, newer_));
   session_.Commit();
   session_.Begin();
@@ -139,14 +139,14 @@ TEST_F(ClosedSetsTest, LongSetsThatBeginAlike_AreDistinguished) {
   session_.Begin();
   session_.Insert(layout_, (common + u"b").c_str());
   Oid const fresh = session_.InsertBare(layout_);
-  EXPECT_STATUS(LSCOREDB_SET_CLOSED, Place(session_, fresh, (common + u"a").c_str()));
+  EXPECT_STATUS(LSCOREDB_SET_CLOSED, PutInto(session_, fresh, (common + u"a").c_str()));
 }
 
 TEST_F(ClosedSetsTest, OlderTransaction_BringingAnObjectInAnyWay_IsRefusedAtCommit) {
   EXPECT_STATUS(LSCOREDB_SET_CLOSED,
                 CommitAfterClosing([&](Session& late) { late.Insert(layout_, kClosed); }));
   session_.Begin();
-  EXPECT_EQ(Oids({inside_, outside_}), session_.Walk(by_number_));
+  EXPECT_EQ(Oids({inside_, outside_}), session_.Scan(by_number_));
 }
 
 TEST_F(ClosedSetsTest, OlderTransaction_MovingAnObjectIn_IsRefusedAtCommit) {
@@ -250,7 +250,7 @@ TEST(ClosedSetsProcessTest, ClosedSet_HoldsInEveryProcess) {
     other.Hear();
     EXPECT_STATUS(LSCOREDB_SET_CLOSED, session.TryCommit());
     session.Begin();
-    EXPECT_STATUS(LSCOREDB_SET_CLOSED, Place(session, session.InsertBare(layout), kClosed));
+    EXPECT_STATUS(LSCOREDB_SET_CLOSED, PutInto(session, session.InsertBare(layout), kClosed));
     session.Rollback();
     Check("copy", lscoredb_copy(database.get(), (directory / "copy").c_str()));
   }
@@ -259,7 +259,8 @@ TEST(ClosedSetsProcessTest, ClosedSet_HoldsInEveryProcess) {
     Database const database(path);
     Session session(database);
     session.Begin();
-    EXPECT_STATUS(LSCOREDB_SET_CLOSED, Place(session, session.InsertBare(layout), kClosed)) << path;
+    EXPECT_STATUS(LSCOREDB_SET_CLOSED, PutInto(session, session.InsertBare(layout), kClosed))
+        << path;
   }
 }
 

@@ -67,7 +67,7 @@ void ExpectAllCommitsKept(Database& database, LayoutId layout, IndexId index, in
   std::set<Oid> distinct;
   for (int thread = 0; thread < kThreads; ++thread) {
     Key const key = Key().Long(thread);
-    Oids const found = session.Walk(index, key, key);
+    Oids const found = session.Scan(index, key, key);
     Oids expected = inserted[static_cast<std::size_t>(thread)];
     std::sort(expected.begin(), expected.end());
     EXPECT_EQ(found, expected);
@@ -162,7 +162,7 @@ TEST_F(ConcurrencyTest, TwoWritersOfOneUniqueKey_ExactlyOneCommits) {
   });
   EXPECT_EQ(committed, kRounds);
   session_.Begin();
-  EXPECT_EQ(session_.Walk(unique).size(), kRounds + 1U);
+  EXPECT_EQ(session_.Scan(unique).size(), kRounds + 1U);
 }
 
 // Money moves between two rows; a reader never sees any of it twice or gone, by row or by index.
@@ -188,7 +188,7 @@ TEST_F(ConcurrencyTest, Readers_SeeWholeTransactions) {
       session.BeginReadOnly();
       states.insert(*session.Long(row_, kValue));
       EXPECT_EQ(*session.Long(row_, kValue) + *session.Long(other, kValue), 1000);
-      EXPECT_EQ(session.Walk(by_value_), (Oids{row_, other}));
+      EXPECT_EQ(session.Scan(by_value_), (Oids{row_, other}));
       session.Commit();
     }
     if (thread != 0) --reading;
@@ -213,7 +213,7 @@ TEST_F(ConcurrencyTest, Rows_AreNeitherOlderNorYoungerThanTheirSnapshot) {
       std::int64_t const value = *session.Long(row_, kValue);
       EXPECT_GE(value, seen);
       EXPECT_EQ(session.At(by_value_, Key().Long(value)), Oids{row_});
-      EXPECT_EQ(session.Walk(by_value_), Oids{row_});
+      EXPECT_EQ(session.Scan(by_value_), Oids{row_});
       session.Commit();
       seen = value;
     }
@@ -281,7 +281,7 @@ TEST_F(ConcurrencyTest, Writers_DoNotWaitForAnOpenWriter) {
   });
   session_.Commit();
   session_.Begin();
-  EXPECT_EQ(session_.Walk(by_value_).size(), 3U);
+  EXPECT_EQ(session_.Scan(by_value_).size(), 3U);
 }
 
 TEST_F(ConcurrencyTest, Context_MayMoveBetweenThreads) {
@@ -313,8 +313,8 @@ TEST_F(ConcurrencyTest, IndexCreatedBesideWriters_HoldsEveryRow) {
         });
     });
     session_.Begin();
-    EXPECT_EQ(session_.Walk(index).size(), 40U);
-    EXPECT_EQ(session_.Walk(index, Key().Long(100), Key().Long(119)).size(), 20U);
+    EXPECT_EQ(session_.Scan(index).size(), 40U);
+    EXPECT_EQ(session_.Scan(index, Key().Long(100), Key().Long(119)).size(), 20U);
     session_.Rollback();
   }
 }

@@ -60,7 +60,7 @@ TEST_F(CopyTest, Copy_HoldsExactlyWhatWasCommitted) {
   session.BeginReadOnly();
   EXPECT_EQ(Text(2000, u'n'), session.String(kept, kName));
   EXPECT_FALSE(session.Exists(open));
-  EXPECT_EQ(Oids{kept}, session.Walk(index_));
+  EXPECT_EQ(Oids{kept}, session.Scan(index_));
 }
 
 // Rows bear the number of the commit that wrote them, and a packed file counts its own anew.

@@ -95,8 +95,8 @@ class PagesInUse {
     std::size_t const newest =
         At<std::uint64_t>(16 + 128) > At<std::uint64_t>(kPage + 16 + 128) ? 0 : kPage;
     pages_[Kind::kHeader] = {0, 1};
-    Walk(At<std::uint64_t>(newest + 16 + 24 + 40), true);
-    Walk(At<std::uint64_t>(newest + 16 + 72 + 40), false);
+    Scan(At<std::uint64_t>(newest + 16 + 24 + 40), true);
+    Scan(At<std::uint64_t>(newest + 16 + 72 + 40), false);
   }
   std::map<Kind, std::vector<std::size_t>> const& pages() const { return pages_; }
 
@@ -108,7 +108,7 @@ class PagesInUse {
     return value;
   }
 
-  void Walk(std::uint64_t number, bool free) {
+  void Scan(std::uint64_t number, bool free) {
     if (number >= file_.size() / kPage) return;  // no page
     std::size_t const page = number * kPage;
     bool const leaf = At<std::uint16_t>(page + 10) == 2;
@@ -117,9 +117,9 @@ class PagesInUse {
       std::size_t const node = page + At<std::uint16_t>(page + slot);
       std::size_t const value = node + 8 + At<std::uint16_t>(node + 6);
       std::uint16_t const kind = At<std::uint16_t>(node + 4);
-      if (!leaf) Walk(At<std::uint32_t>(node), free);
+      if (!leaf) Scan(At<std::uint32_t>(node), free);
       if (leaf && kind == 1) pages_[Kind::kLongValue].push_back(At<std::uint64_t>(value));
-      if (leaf && kind == 2) Walk(At<std::uint64_t>(value + 40), free);
+      if (leaf && kind == 2) Scan(At<std::uint64_t>(value + 40), free);
     }
   }
 
@@ -165,10 +165,10 @@ class Damager {
   std::size_t Below(std::size_t end) { return std::size_t{random_()} % end; }
 
   // Most often in the head of the page or in the table of its nodes.
-  std::size_t Place() { return Below(3) == 0 ? Below(kPage - 8) : Below(200); }
+  std::size_t Offset() { return Below(3) == 0 ? Below(kPage - 8) : Below(200); }
 
   void FlipBit(char* bytes) {
-    std::size_t const at = Place();
+    std::size_t const at = Offset();
     bytes[at] = static_cast<char>(bytes[at] ^ (1 << Below(8)));
     told_ << "a bit of byte " << at;
   }
@@ -191,7 +191,7 @@ class Damager {
     std::uint64_t const number = numbers[Below(std::size(numbers))];
     std::size_t const sizes[] = {1, 2, 4, 8};
     std::size_t const size = sizes[Below(4)];
-    std::size_t const at = Place() / size * size;
+    std::size_t const at = Offset() / size * size;
     std::memcpy(bytes + at, &number, size);
     told_ << size << " bytes at " << at << " are " << number;
   }
@@ -284,8 +284,8 @@ class Victim {
       Try([&] { session.String(row, 3); });
     }
     for (IndexId const index : {content_.unique, content_.plain}) {
-      Try([&] { session.Walk(index); });
-      Try([&] { session.WalkBack(index); });
+      Try([&] { session.Scan(index); });
+      Try([&] { session.ScanBack(index); });
     }
     Try([&] { session.Rollback(); });
   }

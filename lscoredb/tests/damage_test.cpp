@@ -254,8 +254,8 @@ TEST_F(DamageTest, PageStoredTwice_GivesNoObjectTwice) {
       database.ExpectDamage();
       Session session(database);
       session.BeginReadOnly();
-      for (Oids const& walked : {session.Walk(index_), session.WalkBack(index_)}) {
-        EXPECT_EQ(walked.size(), std::set<Oid>(walked.begin(), walked.end()).size());
+      for (Oids const& scanned : {session.Scan(index_), session.ScanBack(index_)}) {
+        EXPECT_EQ(scanned.size(), std::set<Oid>(scanned.begin(), scanned.end()).size());
       }
     } catch (Unexpected const&) {
       ++refused;
@@ -329,8 +329,8 @@ void UseEverything(std::string const& directory, IndexId index, Oids const& rows
   Session session(database);
   session.Begin();
   for (Oid const row : rows) session.String(row, kName);
-  session.Walk(index);
-  session.WalkBack(index);
+  session.Scan(index);
+  session.ScanBack(index);
   session.LayoutsByToken(50);
   session.IndexesByToken(kIndexToken);
   session.PutString(rows.at(5), kName, u"written");

@@ -86,8 +86,8 @@ std::string ReadAll(Database const& database, Content const& content) {
   }
   out << testing::PrintToString(session.IndexesByToken(kIndexToken));
   for (IndexId const index : content.indexes) {
-    out << testing::PrintToString(session.Walk(index));
-    out << testing::PrintToString(session.WalkBack(index));
+    out << testing::PrintToString(session.Scan(index));
+    out << testing::PrintToString(session.ScanBack(index));
   }
   return out.str();
 }
@@ -139,7 +139,7 @@ class FlipTest : public testing::TestWithParam<int> {
   std::string File() const { return directory_ / "data.mdb"; }
 
   // Half of the places are in the heads of pages, where they do most harm.
-  std::size_t Place(std::mt19937& random) const {
+  std::size_t Offset(std::mt19937& random) const {
     std::size_t const at = random() % file_.size();
     return random() % 2 == 0 ? at : at / kPage * kPage + random() % 160;
   }
@@ -162,7 +162,7 @@ TEST_P(FlipTest, ChangedByte_GivesAStatusOrTheOriginalData) {
     std::map<Outcome, int> outcomes;
     WriteFile(File(), file_);
     for (int i = 0; i < kFlips; ++i) {
-      std::size_t const at = Place(random);
+      std::size_t const at = Offset(random);
       char const before = file_[at];
       char const after = static_cast<char>(random() % 2 == 0 ? before ^ (1 << random() % 8)
                                                              : static_cast<int>(random() % 256));

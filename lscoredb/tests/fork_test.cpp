@@ -65,17 +65,17 @@ class ForkTest : public testing::Test {
 
 // As the destructors of a host's static objects do in a child that ends by exit.
 TEST_F(ForkTest, ChildThatClosesEverything_LeavesTheParentsSnapshotAlone) {
-  Walker walker(session_, PairWorld(session_).index);
+  Scanner scanner(session_, PairWorld(session_).index);
   InAnotherProcess([&] {
     alarm(kPatience);
-    EXPECT_STATUS(LSCOREDB_UNKNOWN_ITERATOR, lorv_iterator_free(walker.handle()));
+    EXPECT_STATUS(LSCOREDB_UNKNOWN_ITERATOR, lorv_iterator_free(scanner.handle()));
     EXPECT_STATUS(LSCOREDB_UNKNOWN_CONTEXT, lscoredb_rollback(session_.context()));
     EXPECT_STATUS(LSCOREDB_UNKNOWN_CONTEXT, lscoredb_context_close(session_.context()));
     EXPECT_STATUS(0, lscoredb_close(database_.get()));
   });
   ChangeElsewhere();
   ExpectSnapshotStands();
-  EXPECT_EQ(walker.Rest().size(), 2U * kPairs);
+  EXPECT_EQ(scanner.Rest().size(), 2U * kPairs);
 }
 
 TEST_F(ForkTest, ParentsHandles_AreInvalidInTheChild) {
@@ -115,7 +115,7 @@ TEST_F(ForkTest, Child_OpensAnewAndGetsHandlesOfItsOwn) {
   ExpectSnapshotStands();
   session_.Rollback();
   session_.Begin();
-  EXPECT_EQ(session_.Walk(PairWorld(session_).index).size(), 2U * (kPairs + 2));
+  EXPECT_EQ(session_.Scan(PairWorld(session_).index).size(), 2U * (kPairs + 2));
 }
 
 TEST_F(ForkTest, ChildOfAChild_StartsClean) {

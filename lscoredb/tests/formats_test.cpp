@@ -41,7 +41,7 @@ TEST_P(FormatsTest, OlderFormat_HoldsWhatWasWritten) {
   Database const database(directory_.path());
   Session session(database);
   session.BeginReadOnly();
-  Oids const rows = session.Walk(session.IndexesByToken(kByNumber).at(0));
+  Oids const rows = session.Scan(session.IndexesByToken(kByNumber).at(0));
   ASSERT_EQ(static_cast<std::size_t>(kRows), rows.size());
   for (int i = 0; i < kRows; ++i) {
     Oid const row = rows[static_cast<std::size_t>(i)];
@@ -56,7 +56,7 @@ TEST_P(FormatsTest, OlderFormat_HoldsWhatWasWritten) {
     EXPECT_EQ(i == 0 ? LORV_STATUS_NULL : LORV_STATUS_OK, status);
     EXPECT_EQ(i == 0 ? Oid{0} : rows[static_cast<std::size_t>(i) - 1], target.oid);
   }
-  EXPECT_EQ(rows.size(), session.Walk(session.IndexesByToken(kByText).at(0)).size());
+  EXPECT_EQ(rows.size(), session.Scan(session.IndexesByToken(kByText).at(0)).size());
   EXPECT_EQ(GetParam() >= 2 ? 1u : 0u, session.IndexesByToken(kWideIndex).size());
 }
 
@@ -101,7 +101,7 @@ TEST_P(FormatsTest, OlderFormat_TakesWritesAndANewIndex) {
   Database const database(directory_.path());
   Session session(database);
   session.BeginReadOnly();
-  EXPECT_EQ(kRows + 1u, session.Walk(session.IndexesByToken(70).at(0)).size());
+  EXPECT_EQ(kRows + 1u, session.Scan(session.IndexesByToken(70).at(0)).size());
 }
 
 INSTANTIATE_TEST_SUITE_P(Versions, FormatsTest, testing::Range(1u, kNewestVersion + 1));

@@ -44,8 +44,8 @@ class IndexBuildTest : public testing::Test {
 
   // The same before and after the commit, both ways.
   void ExpectNow(IndexId index, Oids expected) {
-    EXPECT_EQ(expected, session_.Walk(index));
-    Oids backwards = session_.WalkBack(index);
+    EXPECT_EQ(expected, session_.Scan(index));
+    Oids backwards = session_.ScanBack(index);
     std::reverse(backwards.begin(), backwards.end());
     EXPECT_EQ(expected, backwards);
   }
@@ -90,17 +90,17 @@ TEST_F(IndexBuildTest, Entry_MayLeaveAndComeBack) {
 TEST_F(IndexBuildTest, Range_IsFoundByKey) {
   IndexId const index = ByNumber();
   EXPECT_EQ((Oids{rows_[3], rows_[4], rows_[5]}),
-            session_.Walk(index, Key().Long(25), Key().Long(50)));
+            session_.Scan(index, Key().Long(25), Key().Long(50)));
   EXPECT_EQ((Oids{rows_[5], rows_[4], rows_[3]}),
-            session_.WalkBack(index, Key().Long(55), Key().Long(30)));
+            session_.ScanBack(index, Key().Long(55), Key().Long(30)));
 }
 
 TEST_F(IndexBuildTest, Scan_SeesTheIndexAsItWas) {
   IndexId const index = ByNumber();
-  Walker walker(session_, index);
-  EXPECT_EQ(rows_[0], walker.Next());
+  Scanner scanner(session_, index);
+  EXPECT_EQ(rows_[0], scanner.Next());
   for (Oid const row : rows_) session_.PutLong(row, kNumber, 1000);
-  EXPECT_EQ(Oids(rows_.begin() + 1, rows_.end()), walker.Rest());
+  EXPECT_EQ(Oids(rows_.begin() + 1, rows_.end()), scanner.Rest());
 }
 
 TEST_F(IndexBuildTest, RollbackToSavepoint_RestoresExistingEntries) {
@@ -147,7 +147,7 @@ TEST_F(IndexBuildTest, ExistingNulls_DoNotCollide) {
   session_.Commit();
   session_.Begin();
   IndexId const index = ByNumber(kUnique);
-  EXPECT_EQ(rows_.size(), session_.Walk(index).size());
+  EXPECT_EQ(rows_.size(), session_.Scan(index).size());
 }
 
 TEST_F(IndexBuildTest, Write_CollidesWithExistingRowsAndNotWithRemovedOnes) {

@@ -52,7 +52,7 @@ class IndexConflictTest : public KernelTest {
   Oids Committed(IndexId index) {
     Session reader(database_);
     reader.BeginReadOnly();
-    return reader.Walk(index);
+    return reader.Scan(index);
   }
 
   Session writer_{database_};
@@ -96,7 +96,7 @@ TEST_F(IndexConflictTest, ChangeOfAnotherSet_IsNoConflict) {
                   Row(writer_, 3, u"se");
                 }));
   session_.Begin();
-  EXPECT_EQ(session_.Walk(session_.IndexesByToken(60).at(0)), Oids{row_});
+  EXPECT_EQ(session_.Scan(session_.IndexesByToken(60).at(0)), Oids{row_});
 }
 
 TEST_F(IndexConflictTest, ChangeBeforeTheCreatorsBegin_IsNoConflict) {
@@ -127,7 +127,7 @@ TEST_F(IndexConflictTest, RowChangedByAnOlderTransaction_MovesInTheIndex) {
   IndexId const index = IndexCommittedBefore([&] { writer_.PutLong(row_, kNumber, 9); });
   writer_.Commit();
   session_.Begin();
-  EXPECT_EQ(session_.Walk(index), Oids{row_});
+  EXPECT_EQ(session_.Scan(index), Oids{row_});
   EXPECT_EQ(session_.At(index, Key().Long(9)), Oids{row_});
   EXPECT_EQ(session_.At(index, Key().Long(1)), Oids{});
 }
@@ -155,8 +155,8 @@ TEST_F(IndexConflictTest, RowMovedToAnotherLayoutByAnOlderTransaction_StaysIndex
   IndexId const index = IndexCommittedBefore([&] { writer_.PutString(row_, 2, u"x", newer); });
   writer_.Commit();
   session_.Begin();
-  Walker walker(session_, index, Key().Long(1), Key().Long(1));
-  LORV_REFERENCE const found = walker.NextReference();
+  Scanner scanner(session_, index, Key().Long(1), Key().Long(1));
+  LORV_REFERENCE const found = scanner.NextReference();
   EXPECT_EQ(found.oid, row_);
   EXPECT_EQ(found.layout, newer);
 }
@@ -202,7 +202,7 @@ TEST_F(IndexConflictTest, IndexDroppedMeanwhile_GetsNothingFromOlderTransactions
   EXPECT_TRUE(session_.Exists(added));
   EXPECT_TRUE(session_.IndexesByToken(60).empty());
   IndexId const again = Index(session_);
-  EXPECT_EQ(session_.Walk(again), (Oids{row_, added}));
+  EXPECT_EQ(session_.Scan(again), (Oids{row_, added}));
 }
 
 TEST_F(IndexConflictTest, TwoIndexesCreatedAtOnce_BothHoldTheSet) {

@@ -98,9 +98,9 @@ class IndexModelTest : public testing::TestWithParam<unsigned> {
   void ExpectWholeIndex() {
     Oids expected;
     for (Entry const& entry : Entries()) expected.push_back(entry.oid);
-    EXPECT_EQ(session_.Walk(index_), expected);
+    EXPECT_EQ(session_.Scan(index_), expected);
     std::reverse(expected.begin(), expected.end());
-    EXPECT_EQ(session_.WalkBack(index_), expected);
+    EXPECT_EQ(session_.ScanBack(index_), expected);
   }
 
   static Key KeyOf(Row const& row, bool both) {
@@ -130,9 +130,9 @@ class IndexModelTest : public testing::TestWithParam<unsigned> {
     for (Entry const& entry : Entries())
       if (!Below(entry, low, low_both) && !Above(entry, high, high_both))
         expected.push_back(entry.oid);
-    EXPECT_EQ(session_.Walk(index_, KeyOf(low, low_both), KeyOf(high, high_both)), expected);
+    EXPECT_EQ(session_.Scan(index_, KeyOf(low, low_both), KeyOf(high, high_both)), expected);
     std::reverse(expected.begin(), expected.end());
-    EXPECT_EQ(session_.WalkBack(index_, KeyOf(high, high_both), KeyOf(low, low_both)), expected);
+    EXPECT_EQ(session_.ScanBack(index_, KeyOf(high, high_both), KeyOf(low, low_both)), expected);
   }
 
   Database database_;

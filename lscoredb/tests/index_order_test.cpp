@@ -57,24 +57,24 @@ class IndexOrderTest : public KernelTest {
  private:
   void ExpectPartial(IndexId up, Oids rows) {
     rows.erase(std::remove(rows.begin(), rows.end(), Oid{0}), rows.end());
-    EXPECT_EQ(session_.Walk(up), rows);
+    EXPECT_EQ(session_.Scan(up), rows);
   }
 
   void ExpectRows(IndexId up, IndexId down, Oids const& rows, Samples const& samples) {
-    EXPECT_EQ(session_.Walk(up), rows);
-    EXPECT_EQ(session_.WalkBack(up), Reversed(rows));
-    EXPECT_EQ(session_.Walk(down), Reversed(rows));
-    EXPECT_EQ(session_.WalkBack(down), rows);
+    EXPECT_EQ(session_.Scan(up), rows);
+    EXPECT_EQ(session_.ScanBack(up), Reversed(rows));
+    EXPECT_EQ(session_.Scan(down), Reversed(rows));
+    EXPECT_EQ(session_.ScanBack(down), rows);
     for (std::size_t i = 0; i < rows.size(); ++i) {
       SCOPED_TRACE(i);
       Key const& key = samples[i].key;
       EXPECT_EQ(session_.At(up, key), Oids{rows[i]});
       EXPECT_EQ(session_.At(down, key), Oids{rows[i]});
       Oids const from(rows.begin() + static_cast<std::ptrdiff_t>(i), rows.end());
-      EXPECT_EQ(session_.Walk(up, key, Key()), from);
-      EXPECT_EQ(session_.WalkBack(up, Key(), key), Reversed(from));
-      EXPECT_EQ(session_.Walk(down, Key(), key), Reversed(from));
-      EXPECT_EQ(session_.WalkBack(down, key, Key()), from);
+      EXPECT_EQ(session_.Scan(up, key, Key()), from);
+      EXPECT_EQ(session_.ScanBack(up, Key(), key), Reversed(from));
+      EXPECT_EQ(session_.Scan(down, Key(), key), Reversed(from));
+      EXPECT_EQ(session_.ScanBack(down, key, Key()), from);
     }
   }
 };
@@ -191,7 +191,7 @@ TEST_F(TwoColumnIndexTest, FirstColumn_OrdersBeforeTheSecond) {
   Oid const a = Row(2, u"a");
   Oid const first = Row(1, u"a");
   Oid const last = Row(3, u"z");
-  EXPECT_EQ(session_.Walk(index_), (Oids{first, b, a, last}));
+  EXPECT_EQ(session_.Scan(index_), (Oids{first, b, a, last}));
 }
 
 TEST_F(TwoColumnIndexTest, Bound_MayNameOnlyTheFirstColumn) {
@@ -203,9 +203,9 @@ TEST_F(TwoColumnIndexTest, Bound_MayNameOnlyTheFirstColumn) {
   session_.PutLong(null, 2, 2);
   for (int round = 0; round < 2; ++round) {
     EXPECT_EQ(session_.At(index_, Key().Long(2)), (Oids{b, a, null}));
-    EXPECT_EQ(session_.WalkBack(index_, Key().Long(2), Key().Long(2)), (Oids{null, a, b}));
-    EXPECT_EQ(session_.Walk(index_, Key().Long(2).Text(u"a"), Key().Long(2)), (Oids{a, null}));
-    EXPECT_EQ(session_.Walk(index_, Key().Long(2), Key().Long(2).Text(u"b")), Oids{b});
+    EXPECT_EQ(session_.ScanBack(index_, Key().Long(2), Key().Long(2)), (Oids{null, a, b}));
+    EXPECT_EQ(session_.Scan(index_, Key().Long(2).Text(u"a"), Key().Long(2)), (Oids{a, null}));
+    EXPECT_EQ(session_.Scan(index_, Key().Long(2), Key().Long(2).Text(u"b")), Oids{b});
     Restart();
   }
 }
@@ -214,16 +214,16 @@ TEST_F(TwoColumnIndexTest, Null_IsABoundLikeValues) {
   Oid const null = session_.Insert(layout_);
   Oid const one = Row(1, u"x");
   EXPECT_EQ(session_.At(index_, Key().Null()), Oids{null});
-  EXPECT_EQ(session_.Walk(index_, Key().Null(), Key().Long(1)), (Oids{null, one}));
-  EXPECT_EQ(session_.Walk(index_, Key().Long(-100), Key().Long(1)), Oids{one});
+  EXPECT_EQ(session_.Scan(index_, Key().Null(), Key().Long(1)), (Oids{null, one}));
+  EXPECT_EQ(session_.Scan(index_, Key().Long(-100), Key().Long(1)), Oids{one});
 }
 
 TEST_F(TwoColumnIndexTest, EmptyRangeAndReversedBounds_HoldNothing) {
   Row(1, u"x");
   Row(3, u"x");
   EXPECT_EQ(session_.At(index_, Key().Long(2)), Oids{});
-  EXPECT_EQ(session_.Walk(index_, Key().Long(3), Key().Long(1)), Oids{});
-  EXPECT_EQ(session_.WalkBack(index_, Key().Long(1), Key().Long(3)), Oids{});
+  EXPECT_EQ(session_.Scan(index_, Key().Long(3), Key().Long(1)), Oids{});
+  EXPECT_EQ(session_.ScanBack(index_, Key().Long(1), Key().Long(3)), Oids{});
 }
 
 TEST_F(TwoColumnIndexTest, TextsWithAPrefix_LieBetweenItsBounds) {
@@ -233,7 +233,7 @@ TEST_F(TwoColumnIndexTest, TextsWithAPrefix_LieBetweenItsBounds) {
   Oid const top = Row(1, u"ab\xFFFF");
   Row(1, u"ac");
   for (int round = 0; round < 2; ++round) {
-    EXPECT_EQ(session_.Walk(index_, Key().Long(1).AboveTexts(u"ab"), Key().Long(1).Text(u"ab")),
+    EXPECT_EQ(session_.Scan(index_, Key().Long(1).AboveTexts(u"ab"), Key().Long(1).Text(u"ab")),
               (Oids{top, abc, ab}));
     Restart();
   }
@@ -246,15 +246,15 @@ TEST_F(TwoColumnIndexTest, EqualKeys_ComeInTheOrderOfTheirIds) {
   for (int i = 0; i < 50; ++i) rows.push_back(Row(1, u"same"));
   std::sort(rows.begin(), rows.end());
   EXPECT_EQ(session_.At(index_, Key().Long(1).Text(u"same")), rows);
-  EXPECT_EQ(session_.WalkBack(index_), Reversed(rows));
+  EXPECT_EQ(session_.ScanBack(index_), Reversed(rows));
 }
 
 TEST_F(TwoColumnIndexTest, LastElementUnderAPrefix_IsFoundBackwards) {
   for (int i = 0; i < 300; ++i) Row(i, u"x");
   Restart();
   Oid const pending = Row(100, u"a");
-  Walker walker(session_, index_, Key().Long(100), Key().Long(0), LORV_ITERATOR_REVERSE);
-  EXPECT_EQ(walker.Next(), pending);
+  Scanner scanner(session_, index_, Key().Long(100), Key().Long(0), LORV_ITERATOR_REVERSE);
+  EXPECT_EQ(scanner.Next(), pending);
 }
 
 }  // namespace

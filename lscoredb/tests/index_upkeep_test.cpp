@@ -29,9 +29,9 @@ class IndexUpkeepTest : public KernelTest {
   }
 
   void ExpectNowAndCommitted(IndexId index, Oids const& rows) {
-    EXPECT_EQ(session_.Walk(index), rows) << "pending";
+    EXPECT_EQ(session_.Scan(index), rows) << "pending";
     Restart();
-    EXPECT_EQ(session_.Walk(index), rows) << "committed";
+    EXPECT_EQ(session_.Scan(index), rows) << "committed";
   }
 
   LayoutId layout_ = 0;
@@ -136,9 +136,9 @@ TEST_F(IndexUpkeepTest, Index_CoversSetSpecifiersThatBeginWithItsOwn) {
   Row(4, u"other/");
   Row(5, u"set");
   Row(6, u"");
-  EXPECT_EQ(session_.Walk(child_index), (Oids{child_before, grandchild}));
+  EXPECT_EQ(session_.Scan(child_index), (Oids{child_before, grandchild}));
   ExpectNowAndCommitted(index, {child_before, own, grandchild});
-  EXPECT_EQ(session_.Walk(child_index), (Oids{child_before, grandchild}));
+  EXPECT_EQ(session_.Scan(child_index), (Oids{child_before, grandchild}));
 }
 
 TEST_F(IndexUpkeepTest, IndexOverTheEmptyPrefix_CoversEverything) {
@@ -155,9 +155,9 @@ TEST_F(IndexUpkeepTest, ChangedSetSpecifier_MovesARowBetweenIndexes) {
   Oid const row = Row(1);
   Restart();
   session_.PutSetspec(row, u"there/");
-  EXPECT_EQ(session_.Walk(here), Oids{});
+  EXPECT_EQ(session_.Scan(here), Oids{});
   ExpectNowAndCommitted(there, {row});
-  EXPECT_EQ(session_.Walk(here), Oids{});
+  EXPECT_EQ(session_.Scan(here), Oids{});
   session_.PutSetspec(row, u"nowhere/");
   ExpectNowAndCommitted(there, {});
 }
@@ -169,7 +169,7 @@ TEST_F(IndexUpkeepTest, ChangedSetSpecifier_MovesARowBetweenRanges) {
   Row(3, u"c/");
   Restart();
   auto const under = [&](Text const& prefix) {
-    return session_.Walk(by_set, Key().Setspec(prefix), Key().AboveSetspecs(prefix));
+    return session_.Scan(by_set, Key().Setspec(prefix), Key().AboveSetspecs(prefix));
   };
   EXPECT_EQ(under(u"a/"), (Oids{row, child}));
   session_.PutSetspec(row, u"c/d/");
@@ -199,7 +199,7 @@ TEST_F(IndexUpkeepTest, ObjectsUnderSupersededLayouts_AreIndexedByToken) {
   session_.PutLong(recent, 2, 7);
   session_.PutLong(recent, 3, 1);
   for (int round = 0; round < 2; ++round) {
-    EXPECT_EQ(session_.Walk(by_number), (Oids{recent, old}));
+    EXPECT_EQ(session_.Scan(by_number), (Oids{recent, old}));
     EXPECT_EQ(session_.At(by_number, Key().Long(5)), Oids{old});
     EXPECT_EQ(session_.At(by_extra, Key().Null()), Oids{old});
     EXPECT_EQ(session_.At(by_extra, Key().Long(7)), Oids{recent});
@@ -242,11 +242,11 @@ TEST_F(IndexUpkeepTest, Scan_NamesTheLayoutOfEachObject) {
   Check("move_object", lscoredb_move_object(context(), moved, derived));
   for (int round = 0; round < 2; ++round) {
     {
-      Walker walker(session_, index);
-      EXPECT_EQ(walker.NextReference().layout, layout_);
-      EXPECT_EQ(walker.NextReference().layout, derived);
-      EXPECT_EQ(walker.NextReference().layout, derived);
-      EXPECT_EQ(walker.Next(), 0U);
+      Scanner scanner(session_, index);
+      EXPECT_EQ(scanner.NextReference().layout, layout_);
+      EXPECT_EQ(scanner.NextReference().layout, derived);
+      EXPECT_EQ(scanner.NextReference().layout, derived);
+      EXPECT_EQ(scanner.Next(), 0U);
     }
     Restart();
   }
@@ -269,7 +269,7 @@ TEST_F(IndexUpkeepTest, DroppedIndex_IsUnknownAndItsRowsStay) {
     session_.PutLong(row, kNumber, 2);
     Restart();
   }
-  EXPECT_EQ(session_.Walk(Index()), Oids{row});
+  EXPECT_EQ(session_.Scan(Index()), Oids{row});
 }
 
 TEST_F(IndexUpkeepTest, IndexCreatedAndDroppedInOneTransaction_LeavesNoTrace) {
@@ -347,7 +347,7 @@ TEST_F(IndexUpkeepTest, LargeSet_IsIndexedAtOnce) {
   for (int i = 0; i < 100; ++i) Row(i);
   IndexId const index = Index();
   for (int round = 0; round < 2; ++round) {
-    EXPECT_EQ(session_.Walk(index).size(), 3100U);
+    EXPECT_EQ(session_.Scan(index).size(), 3100U);
     EXPECT_EQ(session_.At(index, Key().Long(42)).size(), 31U);
     Restart();
   }

@@ -29,7 +29,7 @@ void Fill(Session& session, std::int64_t count) {
 void AddToAll(Session& session, std::int64_t amount) {
   session.Begin();
   PairWorld const world(session);
-  for (Oid const row : session.Walk(world.index))
+  for (Oid const row : session.Scan(world.index))
     session.PutLong(row, kPairValue, *session.Long(row, kPairValue) + amount);
   session.Commit();
 }
@@ -38,12 +38,12 @@ void AddToAll(Session& session, std::int64_t amount) {
 void Hold(Session& session) {
   session.Begin();
   PairWorld const world(session);
-  Say(session.Walk(world.index).size());
+  Say(session.Scan(world.index).size());
   session.Insert(world.layout);
   Wait();
   session.Rollback();
   session.Begin();
-  Say(session.Walk(world.index).size());
+  Say(session.Scan(world.index).size());
 }
 
 int Run(std::string const& command, std::string const& directory, std::int64_t argument) {

@@ -348,44 +348,44 @@ LORV_BINARY* Session::BinaryRecord(Oid oid, std::uint32_t column) {
   return record;
 }
 
-Oids Session::Walk(IndexId index, Key const& from, Key const& to) {
-  return Walk(index, from, to, LORV_ITERATOR_FORWARD);
+Oids Session::Scan(IndexId index, Key const& from, Key const& to) {
+  return Scan(index, from, to, LORV_ITERATOR_FORWARD);
 }
 
-Oids Session::WalkBack(IndexId index, Key const& from, Key const& to) {
-  return Walk(index, from, to, LORV_ITERATOR_REVERSE);
+Oids Session::ScanBack(IndexId index, Key const& from, Key const& to) {
+  return Scan(index, from, to, LORV_ITERATOR_REVERSE);
 }
 
-Oids Session::Walk(IndexId index, Key const& from, Key const& to, std::uint32_t flags) {
-  return Walker(*this, index, from, to, flags).Rest();
+Oids Session::Scan(IndexId index, Key const& from, Key const& to, std::uint32_t flags) {
+  return Scanner(*this, index, from, to, flags).Rest();
 }
 
-Walker::Walker(Session& session, IndexId index, Key const& from, Key const& to,
-               std::uint32_t flags) {
+Scanner::Scanner(Session& session, IndexId index, Key const& from, Key const& to,
+                 std::uint32_t flags) {
   Check("create_iterator",
         lorv_context_create_iterator(session.context(), index, flags, from.Bytes().data(),
                                      to.Bytes().data(), &handle_));
 }
 
-Walker::~Walker() {
+Scanner::~Scanner() {
   if (handle_ != 0) {
     EXPECT_STATUS(0, Free());
   }
 }
 
-LORV_REFERENCE Walker::NextReference() {
+LORV_REFERENCE Scanner::NextReference() {
   LORV_REFERENCE reference{};
   Check("iterator_next", lorv_iterator_next(handle_, &reference));
   return reference;
 }
 
-Oids Walker::Rest() {
+Oids Scanner::Rest() {
   Oids oids;
   for (Oid oid = Next(); oid != 0; oid = Next()) oids.push_back(oid);
   return oids;
 }
 
-std::uint32_t Walker::Free() { return lorv_iterator_free(std::exchange(handle_, 0)); }
+std::uint32_t Scanner::Free() { return lorv_iterator_free(std::exchange(handle_, 0)); }
 
 void InParallel(int count, std::function<void(int)> const& body) {
   std::mutex mutex;

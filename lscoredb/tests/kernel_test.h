@@ -182,24 +182,24 @@ class Session {
   LORV_BINARY* BinaryRecord(Oid oid, std::uint32_t column);
 
   // The objects from one key to another; without keys, the whole index.
-  Oids Walk(IndexId index, Key const& from = Key(), Key const& to = Key());
-  Oids WalkBack(IndexId index, Key const& from = Key(), Key const& to = Key());
-  Oids At(IndexId index, Key const& key) { return Walk(index, key, key); }
+  Oids Scan(IndexId index, Key const& from = Key(), Key const& to = Key());
+  Oids ScanBack(IndexId index, Key const& from = Key(), Key const& to = Key());
+  Oids At(IndexId index, Key const& key) { return Scan(index, key, key); }
 
  private:
-  Oids Walk(IndexId index, Key const& from, Key const& to, std::uint32_t flags);
+  Oids Scan(IndexId index, Key const& from, Key const& to, std::uint32_t flags);
 
   std::uint64_t context_ = 0;
 };
 
-// An open walk; freed at the end of its scope unless it was freed before.
-class Walker {
+// An open scan; freed at the end of its scope unless it was freed before.
+class Scanner {
  public:
-  Walker(Session& session, IndexId index, Key const& from = Key(), Key const& to = Key(),
-         std::uint32_t flags = LORV_ITERATOR_FORWARD);
-  ~Walker();
-  Walker(Walker const&) = delete;
-  Walker& operator=(Walker const&) = delete;
+  Scanner(Session& session, IndexId index, Key const& from = Key(), Key const& to = Key(),
+          std::uint32_t flags = LORV_ITERATOR_FORWARD);
+  ~Scanner();
+  Scanner(Scanner const&) = delete;
+  Scanner& operator=(Scanner const&) = delete;
   LORV_REFERENCE NextReference();
   Oid Next() { return NextReference().oid; }  // 0 at the end
   Oids Rest();

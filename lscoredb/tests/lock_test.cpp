@@ -22,11 +22,11 @@ class LockTest : public testing::Test {
  protected:
   static constexpr int kPairs = 200;
 
-  std::string Place() const { return directory_ / "db"; }
+  std::string Path() const { return directory_ / "db"; }
 
   // As a backup does that copies the directory.
   void ReadEveryFile() const {
-    for (auto const& file : std::filesystem::directory_iterator(Place())) {
+    for (auto const& file : std::filesystem::directory_iterator(Path())) {
       std::ifstream in(file.path(), std::ios::binary);
       std::string const all(std::istreambuf_iterator<char>(in), {});
       EXPECT_FALSE(all.empty()) << file.path();
@@ -35,7 +35,7 @@ class LockTest : public testing::Test {
 
   void ChangeElsewhere(Oids const& rows) const {
     InAnotherProcess([&] {
-      Database database(Place());
+      Database database(Path());
       Session session(database);
       for (int round = 0; round < 20; ++round) {
         session.Begin();
@@ -49,7 +49,7 @@ class LockTest : public testing::Test {
 };
 
 TEST_F(LockTest, HostThatReadsTheFiles_KeepsItsSnapshots) {
-  Database database(Place());
+  Database database(Path());
   Session session(database);
   Oids rows;
   for (int i = 1; i <= kPairs; ++i) rows.push_back(CommitPair(session, i));
@@ -64,7 +64,7 @@ TEST_F(LockTest, HostThatReadsTheFiles_KeepsItsSnapshots) {
 }
 
 TEST_F(LockTest, HostThatReadsTheFiles_StaysCounted) {
-  auto database = std::make_unique<Database>(Place());
+  auto database = std::make_unique<Database>(Path());
   auto session = std::make_unique<Session>(*database);
   CommitPair(*session, 1);
   session->BeginReadOnly();
@@ -72,7 +72,7 @@ TEST_F(LockTest, HostThatReadsTheFiles_StaysCounted) {
   lscoredb_statistics statistics{};
   statistics.size = sizeof statistics;
   InAnotherProcess([&] {
-    Database other(Place());
+    Database other(Path());
     Check("stats", lscoredb_stats(other.get(), &statistics));
     EXPECT_EQ(1U, statistics.transactions);
   });
@@ -85,13 +85,13 @@ TEST_F(LockTest, LockFileWithAnyContent_IsReplaced) {
   for (std::size_t const size : {0U, 3U, 64U, 8192U, 100000U}) {
     for (char const byte : {'\0', '\xFF', 'x'}) {
       {
-        Database database(Place());
+        Database database(Path());
         Session session(database);
         CommitPair(session, 1);
       }
-      std::ofstream(Place() + "/lock.mdb", std::ios::binary | std::ios::trunc)
+      std::ofstream(Path() + "/lock.mdb", std::ios::binary | std::ios::trunc)
           << std::string(size, byte);
-      Database database(Place());
+      Database database(Path());
       Session session(database);
       CommitPair(session, 1);
     }
@@ -106,10 +106,10 @@ TEST_F(LockTest, KilledOpeners_HinderNoOne) {
   auto const open_for_ever = [&](OtherProcess& test) {
     alarm(kPatience);
     test.Say();
-    for (;;) Database const database(Place());
+    for (;;) Database const database(Path());
   };
   for (int round = 0; round < kRounds && !HasFailure(); ++round) {
-    std::filesystem::remove(Place() + "/lock.mdb");
+    std::filesystem::remove(Path() + "/lock.mdb");
     OtherProcess first(open_for_ever);
     OtherProcess second(open_for_ever);
     first.Hear();
@@ -118,11 +118,11 @@ TEST_F(LockTest, KilledOpeners_HinderNoOne) {
     first.Kill();
     InAnotherProcess([&] {
       alarm(kPatience);
-      for (int i = 0; i < 3; ++i) EXPECT_NO_THROW(Database{Place()});
+      for (int i = 0; i < 3; ++i) EXPECT_NO_THROW(Database{Path()});
     });
     second.Kill();
   }
-  Database database(Place());
+  Database database(Path());
   Session session(database);
   CommitPair(session, 1);
 }
@@ -132,10 +132,10 @@ constexpr std::streamoff kTreesOfHeader = 16 + 72;
 
 // While someone has the database open a header may be half written. Whoever opens it looks again.
 TEST_F(LockTest, HeaderBeingWritten_IsNoDamage) {
-  Database database(Place());
+  Database database(Path());
   Session session(database);
   CommitPair(session, 1);
-  std::string const path = Place() + "/data.mdb";
+  std::string const path = Path() + "/data.mdb";
   std::string sound(2 * kPageSize, '\0');
   std::ifstream(path, std::ios::binary).read(sound.data(), 2 * kPageSize);
   int const file = open(path.c_str(), O_RDWR | O_CLOEXEC);
@@ -146,10 +146,10 @@ TEST_F(LockTest, HeaderBeingWritten_IsNoDamage) {
   }
   OtherProcess opener([&](OtherProcess& test) {
     test.Say();
-    EXPECT_NO_THROW(Database{Place()});
+    EXPECT_NO_THROW(Database{Path()});
   });
   opener.Hear();
-  int const line = open(Place().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  int const line = open(Path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   while (flock(line, LOCK_EX | LOCK_NB) == 0) flock(line, LOCK_UN);
   usleep(20000);
   EXPECT_EQ(2 * kPageSize, pwrite(file, sound.data(), sound.size(), 0));
@@ -164,7 +164,7 @@ class FullTableTest : public LockTest {
   FullTableTest() {
     lscoredb_options options = NoSync();
     options.max_readers = 4;
-    database_ = std::make_unique<Database>(Place(), options);
+    database_ = std::make_unique<Database>(Path(), options);
     for (std::uint32_t status = 0; status == 0;) {
       sessions_.push_back(std::make_unique<Session>(*database_));
       CommitWhilePossible(*sessions_.back());
@@ -183,7 +183,7 @@ class FullTableTest : public LockTest {
 TEST_F(FullTableTest, AnotherProcess_OpensAndChecksTheDatabase) {
   InAnotherProcess([&] {
     lscoredb* other = nullptr;
-    ASSERT_EQ(0U, lscoredb_open(Place().c_str(), nullptr, &other));
+    ASSERT_EQ(0U, lscoredb_open(Path().c_str(), nullptr, &other));
     EXPECT_STATUS(0, lscoredb_check(other, 0, nullptr, nullptr));
     std::uint64_t context = 0;
     Check("context", lscoredb_context_open(other, &context));

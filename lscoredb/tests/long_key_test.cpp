@@ -38,10 +38,10 @@ class LongKeyTest : public KernelTest {
     }
     for (int round = 0; round < 2; ++round) {
       Oids reversed(rows.rbegin(), rows.rend());
-      EXPECT_EQ(session_.Walk(up_), rows);
-      EXPECT_EQ(session_.WalkBack(up_), reversed);
-      EXPECT_EQ(session_.Walk(down_), reversed);
-      EXPECT_EQ(session_.WalkBack(down_), rows);
+      EXPECT_EQ(session_.Scan(up_), rows);
+      EXPECT_EQ(session_.ScanBack(up_), reversed);
+      EXPECT_EQ(session_.Scan(down_), reversed);
+      EXPECT_EQ(session_.ScanBack(down_), rows);
       ExpectEachFound(rising, rows);
       Restart();
     }
@@ -110,13 +110,13 @@ TEST_F(LongKeyTest, Ranges_StartAndEndInsideALongStem) {
     rows.push_back(Row(texts.back()));
   }
   for (int round = 0; round < 2; ++round) {
-    EXPECT_EQ(session_.Walk(up_, Key().Text(texts[5]), Key().Text(texts[9])),
+    EXPECT_EQ(session_.Scan(up_, Key().Text(texts[5]), Key().Text(texts[9])),
               Oids(rows.begin() + 5, rows.begin() + 10));
-    EXPECT_EQ(session_.Walk(up_, Key().Text(Text(700, u's')), Key().AboveTexts(Text(700, u's'))),
+    EXPECT_EQ(session_.Scan(up_, Key().Text(Text(700, u's')), Key().AboveTexts(Text(700, u's'))),
               rows);
-    EXPECT_EQ(session_.Walk(up_, Key().Text(texts[20] + u"!"), Key()),
+    EXPECT_EQ(session_.Scan(up_, Key().Text(texts[20] + u"!"), Key()),
               Oids(rows.begin() + 21, rows.end()));
-    EXPECT_EQ(session_.WalkBack(up_, Key().Text(texts[2]), Key()),
+    EXPECT_EQ(session_.ScanBack(up_, Key().Text(texts[2]), Key()),
               (Oids{rows[2], rows[1], rows[0]}));
     Restart();
   }
@@ -129,7 +129,7 @@ TEST_F(LongKeyTest, LongText_LeavesTheIndexWithItsRow) {
   session_.PutString(changed, kText, u"short");
   session_.Delete(deleted);
   for (int round = 0; round < 2; ++round) {
-    EXPECT_EQ(session_.Walk(up_), Oids{changed});
+    EXPECT_EQ(session_.Scan(up_), Oids{changed});
     EXPECT_EQ(session_.At(up_, Key().Text(Text(5000, u'a'))), Oids{});
     EXPECT_EQ(session_.At(up_, Key().Text(u"short")), Oids{changed});
     Restart();
@@ -148,7 +148,7 @@ TEST_F(LongKeyTest, LongTextsAsSecondColumn_StandInOrder) {
     session_.PutLong(rows.back(), 3, i);
   }
   Restart();
-  EXPECT_EQ(session_.Walk(index), rows);
+  EXPECT_EQ(session_.Scan(index), rows);
   EXPECT_EQ(session_.At(index, Key().Text(Text(800, u'b'))), Oids(rows.begin() + 10, rows.end()));
   EXPECT_EQ(session_.At(index, Key().Text(Text(800, u'a')).Long(3)), Oids{rows[3]});
 }
@@ -164,7 +164,7 @@ TEST_F(LongKeyTest, LongBinaries_AreIndexed) {
     session_.PutBinary(rows.back(), 2, bytes);
   }
   Restart();
-  EXPECT_EQ(session_.Walk(index), rows);
+  EXPECT_EQ(session_.Scan(index), rows);
 }
 
 TEST_F(LongKeyTest, LongText_IsUniqueByItsLastUnit) {
@@ -177,7 +177,7 @@ TEST_F(LongKeyTest, LongText_IsUniqueByItsLastUnit) {
                                                                 (Text(3000, u'u') + u'b').c_str()));
   session_.PutString(third, kText, Text(3000, u'u') + u'c');
   Restart();
-  EXPECT_EQ(session_.Walk(unique), (Oids{first, second, third}));
+  EXPECT_EQ(session_.Scan(unique), (Oids{first, second, third}));
 }
 
 TEST_F(LongKeyTest, SetSpecifiersOfAnyLength_CoverTheirObjects) {
@@ -190,8 +190,8 @@ TEST_F(LongKeyTest, SetSpecifiersOfAnyLength_CoverTheirObjects) {
   Oid const after = session_.Insert(layout_, prefix.c_str());
   session_.PutString(after, kText, u"2");
   for (int round = 0; round < 2; ++round) {
-    EXPECT_EQ(session_.Walk(index), (Oids{before, after}));
-    EXPECT_EQ(session_.Walk(by_set, Key().Setspec(prefix), Key().AboveSetspecs(prefix)),
+    EXPECT_EQ(session_.Scan(index), (Oids{before, after}));
+    EXPECT_EQ(session_.Scan(by_set, Key().Setspec(prefix), Key().AboveSetspecs(prefix)),
               (Oids{after, before}));
     Restart();
   }

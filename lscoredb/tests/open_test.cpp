@@ -164,7 +164,7 @@ class ReadOnlyTest : public testing::Test {
     std::uint64_t const context = session.context();
     session.Begin();
     EXPECT_EQ(7, session.Long(row_, kNumber));
-    EXPECT_EQ(Oids{row_}, session.Walk(world_->index));
+    EXPECT_EQ(Oids{row_}, session.Scan(world_->index));
     Oid made = 0;
     LayoutId layout = 0;
     LORVI_COLUMN_DEFINITION const end{};
@@ -387,7 +387,7 @@ TEST(OpenTest, CommittedData_IsThereAfterReopening) {
   EXPECT_EQ(session->IndexesByToken(kIndexToken), std::vector<IndexId>{world.index});
   EXPECT_EQ(session->Long(first, kNumber), 1);
   EXPECT_EQ(session->String(first, kName), Text(5000, u'\x4E00'));
-  EXPECT_EQ(session->Walk(world.index), Oids{first});
+  EXPECT_EQ(session->Scan(world.index), Oids{first});
   Oid const second = session->Insert(world.layout);
   EXPECT_NE(second, first);
   EXPECT_STATUS(LSCOREDB_DUPLICATE_KEY,
@@ -457,7 +457,7 @@ TEST(OpenTest, ManyDatabases_MayBeOpen) {
   for (std::size_t i = 0; i < databases.size(); ++i) {
     Session session(*databases[i]);
     session.BeginReadOnly();
-    Oids const rows = session.Walk(worlds[i].index);
+    Oids const rows = session.Scan(worlds[i].index);
     ASSERT_EQ(1u, rows.size()) << "database " << i;
     EXPECT_EQ(static_cast<std::int64_t>(i), session.Long(rows[0], kNumber));
   }
@@ -483,7 +483,7 @@ TEST(OpenTest, FullDatabase_RefusesTheCommitAndGoesOn) {
     EXPECT_STATUS(LSCOREDB_MAP_FULL, status);
     EXPECT_GT(kept.size(), 10U);
     session.Begin();
-    EXPECT_EQ(session.Walk(made.index), kept);
+    EXPECT_EQ(session.Scan(made.index), kept);
     EXPECT_EQ(session.String(kept.back(), kName)->size(), 50000U);
     session.Commit();
     return made;
@@ -492,7 +492,7 @@ TEST(OpenTest, FullDatabase_RefusesTheCommitAndGoesOn) {
   Session session(database);
   kept.push_back(world.CommittedRow(session, 100000));
   session.Begin();
-  EXPECT_EQ(session.Walk(world.index), kept) << "with a larger limit it takes writes again";
+  EXPECT_EQ(session.Scan(world.index), kept) << "with a larger limit it takes writes again";
 }
 
 TEST(OpenTest, TooManyTransactionsAtOnce_AreRefusedAndOthersGoOn) {

@@ -89,7 +89,7 @@ class ProcessTest : public testing::Test {
   // All pairs are whole, the index agrees with the rows, and the rows named are there.
   static void ExpectWhole(Session& session, Oids const& named) {
     PairWorld const world(session);
-    Oids const rows = session.Walk(world.index);
+    Oids const rows = session.Scan(world.index);
     std::int64_t sum = 0;
     std::int64_t previous = std::numeric_limits<std::int64_t>::min();
     for (Oid const row : rows) {
@@ -122,7 +122,7 @@ TEST_F(ProcessTest, CommitsOfTwoProcesses_AreReadByEachOther) {
   Session session(database);
   session.Begin();
   ExpectWhole(session, named);
-  EXPECT_EQ(session.Walk(PairWorld(session).index).size(), 12U);
+  EXPECT_EQ(session.Scan(PairWorld(session).index).size(), 12U);
 }
 
 TEST_F(ProcessTest, TwoProcesses_ShareAnOpenDatabase) {
@@ -214,7 +214,7 @@ TEST_F(ProcessTest, KilledReaders_FreeTheirSlots) {
   Session another(database);
   session.Begin();
   another.Begin();
-  EXPECT_EQ(another.Walk(PairWorld(another).index).size(), 2U);
+  EXPECT_EQ(another.Scan(PairWorld(another).index).size(), 2U);
 }
 
 }  // namespace

@@ -53,8 +53,8 @@ class SavepointTest : public KernelTest {
     EXPECT_EQ(session_.Long(first_, kNumber), 10);
     EXPECT_EQ(session_.String(first_, kName), u"ten");
     EXPECT_EQ(session_.Long(second_, kNumber), 20);
-    EXPECT_EQ(session_.Walk(by_number_), (Oids{first_, second_}));
-    EXPECT_EQ(session_.Walk(by_name_), (Oids{first_, second_}));
+    EXPECT_EQ(session_.Scan(by_number_), (Oids{first_, second_}));
+    EXPECT_EQ(session_.Scan(by_name_), (Oids{first_, second_}));
   }
 
   LayoutId layout_ = 0;
@@ -72,7 +72,7 @@ TEST_F(SavepointTest, RollbackTo_UndoesObjectsValuesAndEntries) {
   session_.PutLong(first_, kNumber, 30);
   session_.PutDefault(first_, kName);
   session_.Delete(second_);
-  EXPECT_EQ(session_.Walk(by_number_), (Oids{added, first_}));
+  EXPECT_EQ(session_.Scan(by_number_), (Oids{added, first_}));
   RollbackTo(savepoint);
   EXPECT_FALSE(session_.Exists(added));
   ExpectAsAtFirst();
@@ -93,7 +93,7 @@ TEST_F(SavepointTest, RollbackTo_KeepsWhatWasWrittenBefore) {
   EXPECT_EQ(session_.Long(before, kNumber), 5);
   EXPECT_EQ(session_.Long(first_, kNumber), 30);
   EXPECT_EQ(session_.String(second_, kName), u"twenty");
-  EXPECT_EQ(session_.Walk(by_number_), (Oids{before, second_, first_}));
+  EXPECT_EQ(session_.Scan(by_number_), (Oids{before, second_, first_}));
 }
 
 TEST_F(SavepointTest, RollbackTo_RevivesWhatWasDeletedSince) {
@@ -101,23 +101,23 @@ TEST_F(SavepointTest, RollbackTo_RevivesWhatWasDeletedSince) {
   Savepoint const savepoint = Set();
   session_.Delete(added);
   session_.Delete(first_);
-  EXPECT_EQ(session_.Walk(by_number_), Oids{second_});
+  EXPECT_EQ(session_.Scan(by_number_), Oids{second_});
   RollbackTo(savepoint);
-  EXPECT_EQ(session_.Walk(by_number_), (Oids{added, first_, second_}));
+  EXPECT_EQ(session_.Scan(by_number_), (Oids{added, first_, second_}));
   EXPECT_EQ(session_.String(added, kName), u"five");
   Restart();
-  EXPECT_EQ(session_.Walk(by_name_), (Oids{added, first_, second_}));
+  EXPECT_EQ(session_.Scan(by_name_), (Oids{added, first_, second_}));
 }
 
 TEST_F(SavepointTest, RollbackTo_UndoesAChangeOfSet) {
   IndexId const elsewhere = session_.CreateIndex(62, u"else/", {{LORV_TYPE_LONG, kNumberToken}});
   Savepoint const savepoint = Set();
   session_.PutSetspec(first_, u"else/where/");
-  EXPECT_EQ(session_.Walk(elsewhere), Oids{first_});
-  EXPECT_EQ(session_.Walk(by_number_), Oids{second_});
+  EXPECT_EQ(session_.Scan(elsewhere), Oids{first_});
+  EXPECT_EQ(session_.Scan(by_number_), Oids{second_});
   RollbackTo(savepoint);
   EXPECT_EQ(session_.Setspec(first_), kSet);
-  EXPECT_EQ(session_.Walk(elsewhere), Oids{});
+  EXPECT_EQ(session_.Scan(elsewhere), Oids{});
   ExpectAsAtFirst();
 }
 
@@ -151,13 +151,13 @@ TEST_F(SavepointTest, RollbackTo_UndoesIndexesAndTheirDrops) {
   RollbackTo(savepoint);
   EXPECT_TRUE(session_.IndexesByToken(63).empty());
   EXPECT_TRUE(session_.IndexesByToken(64).empty());
-  EXPECT_EQ(session_.Walk(before), (Oids{first_, second_}));
+  EXPECT_EQ(session_.Scan(before), (Oids{first_, second_}));
   ExpectAsAtFirst();
   session_.PutLong(first_, kNumber, 40);
-  EXPECT_EQ(session_.Walk(before), (Oids{second_, first_}));
+  EXPECT_EQ(session_.Scan(before), (Oids{second_, first_}));
   Restart();
-  EXPECT_EQ(session_.Walk(before), (Oids{second_, first_}));
-  EXPECT_EQ(session_.Walk(by_number_), (Oids{second_, first_}));
+  EXPECT_EQ(session_.Scan(before), (Oids{second_, first_}));
+  EXPECT_EQ(session_.Scan(by_number_), (Oids{second_, first_}));
 }
 
 TEST_F(SavepointTest, RollbackTo_UndoesTheReleaseOfALayout) {
@@ -210,7 +210,7 @@ TEST_F(SavepointTest, RollbackTo_KeepsWhatIsWrittenAfterwards) {
   }
   Oid const last = Add(5, u"five");
   Restart();
-  EXPECT_EQ(session_.Walk(by_number_), (Oids{last, first_, second_}));
+  EXPECT_EQ(session_.Scan(by_number_), (Oids{last, first_, second_}));
   EXPECT_EQ(session_.String(last, kName), u"five");
 }
 
@@ -261,7 +261,7 @@ TEST_F(SavepointTest, Release_LastSavepoint_KeepsTheWritesForGood) {
   RollbackTo(next);
   Restart();
   EXPECT_EQ(session_.Long(first_, kNumber), 30);
-  EXPECT_EQ(session_.Walk(by_number_), (Oids{second_, first_}));
+  EXPECT_EQ(session_.Scan(by_number_), (Oids{second_, first_}));
 }
 
 TEST_F(SavepointTest, Savepoints_EndWithTheirTransactionAndBelongToTheirContext) {
@@ -304,7 +304,7 @@ TEST_F(SavepointTest, FailedWriteSinceSavepoint_IsForgottenWithTheOthers) {
   ExpectAsAtFirst();
   Oid const named = Add(6, u"five");
   Restart();
-  EXPECT_EQ(session_.Walk(by_name_), (Oids{named, first_, second_}));
+  EXPECT_EQ(session_.Scan(by_name_), (Oids{named, first_, second_}));
 }
 
 TEST_F(SavepointTest, KeyFreedSinceSavepoint_IsTakenAgain) {
@@ -318,11 +318,11 @@ TEST_F(SavepointTest, KeyFreedSinceSavepoint_IsTakenAgain) {
   session_.Commit();
 }
 
-// A duplicate that arose under an open walk is found by the commit; one that was taken back is not.
+// A duplicate that arose under an open scan is found by the commit; one that was taken back is not.
 TEST_F(SavepointTest, DuplicateUnderAScan_IsGoneWithTheRollback) {
   Savepoint const savepoint = Set();
   {
-    Walker walk(session_, by_name_);
+    Scanner scan(session_, by_name_);
     session_.PutString(first_, kName, u"twenty");
   }
   RollbackTo(savepoint);
@@ -356,47 +356,47 @@ TEST_F(SavepointTest, ChosenIdThatWasRolledBack_MayBeChosenAgain) {
   EXPECT_TRUE(session_.Exists(given));
 }
 
-// ---- walks, scopes and texts -------------------------------------------------------------------
+// ---- scans, scopes and texts -------------------------------------------------------------------
 
 TEST_F(SavepointTest, ScanFromBefore_ContinuesOverTheRangeAsItStood) {
   Oid const between = Add(15, u"fifteen");
   for (std::uint32_t const flags : {LORV_ITERATOR_FORWARD, LORV_ITERATOR_REVERSE}) {
-    Walker walk(session_, by_number_, Key(), Key(), flags);
+    Scanner scan(session_, by_number_, Key(), Key(), flags);
     Savepoint const savepoint = Set();
     Oids expected{first_, between, second_};
     if (flags == LORV_ITERATOR_REVERSE) std::reverse(expected.begin(), expected.end());
-    EXPECT_EQ(walk.Next(), expected[0]);
+    EXPECT_EQ(scan.Next(), expected[0]);
     for (int i = 0; i < 30; ++i) Add(i, Text(u"name") + static_cast<char16_t>(u'A' + i));
     session_.PutLong(between, kNumber, 99);
     session_.Delete(expected[2]);
-    EXPECT_EQ(walk.Next(), between);
+    EXPECT_EQ(scan.Next(), between);
     RollbackTo(savepoint);
-    EXPECT_EQ(walk.Rest(), Oids{expected[2]}) << "what was deleted is there again";
+    EXPECT_EQ(scan.Rest(), Oids{expected[2]}) << "what was deleted is there again";
   }
 }
 
 TEST_F(SavepointTest, ScanOpenedSinceSavepoint_Ends) {
   Savepoint const savepoint = Set();
   Add(1, u"one");
-  Walker walk(session_, by_number_);
-  EXPECT_NE(walk.Next(), Oid{0});
+  Scanner scan(session_, by_number_);
+  EXPECT_NE(scan.Next(), Oid{0});
   RollbackTo(savepoint);
   LORV_REFERENCE reference{};
-  EXPECT_STATUS(LSCOREDB_ROLLED_BACK, lorv_iterator_next(walk.handle(), &reference));
-  EXPECT_STATUS(LSCOREDB_ROLLED_BACK, lorv_iterator_next(walk.handle(), &reference));
-  EXPECT_STATUS(0, walk.Free());
-  Walker again(session_, by_number_);
+  EXPECT_STATUS(LSCOREDB_ROLLED_BACK, lorv_iterator_next(scan.handle(), &reference));
+  EXPECT_STATUS(LSCOREDB_ROLLED_BACK, lorv_iterator_next(scan.handle(), &reference));
+  EXPECT_STATUS(0, scan.Free());
+  Scanner again(session_, by_number_);
   EXPECT_EQ(again.Rest(), (Oids{first_, second_}));
 }
 
 TEST_F(SavepointTest, ScanOfAnIndexCreatedSinceSavepoint_EndsWithTheIndex) {
   Savepoint const savepoint = Set();
   IndexId const index = session_.CreateIndex(62, kSet, {{LORV_TYPE_LONG, kNumberToken}});
-  Walker walk(session_, index);
+  Scanner scan(session_, index);
   session_.DropIndex(index);
   RollbackTo(savepoint);
   LORV_REFERENCE reference{};
-  EXPECT_STATUS(LSCOREDB_ROLLED_BACK, lorv_iterator_next(walk.handle(), &reference));
+  EXPECT_STATUS(LSCOREDB_ROLLED_BACK, lorv_iterator_next(scan.handle(), &reference));
 }
 
 TEST_F(SavepointTest, Texts_StayValidAndNewOnesAreReadAgain) {

@@ -93,7 +93,7 @@ class Party {
     session_.Begin();
     if (session_.LayoutsByToken(kTable).empty()) Found();
     IndexId const index = session_.IndexesByToken(kTable)[0];
-    rows_ = session_.Walk(index);
+    rows_ = session_.Scan(index);
     session_.Commit();
   }
 
@@ -213,14 +213,14 @@ class SharedRowsTest : public testing::TestWithParam<std::tuple<std::uint64_t, b
     other_.Hear();
   }
   ~SharedRowsTest() override {
-    Tell({Deed::kEnd});
+    Send({Deed::kEnd});
     other_.ExpectGoodEnd();
   }
 
   // `who`: one of the two parts of a scene, which this process or the other one plays.
   std::uint64_t Do(int who, Order const& order) {
     bool const here = (who == kA) == std::get<1>(GetParam());
-    return here ? here_->Do(order) : Tell(order);
+    return here ? here_->Do(order) : Send(order);
   }
 
   void WriteAs(int who, std::uint64_t part, std::int64_t value) {
@@ -284,7 +284,7 @@ class SharedRowsTest : public testing::TestWithParam<std::tuple<std::uint64_t, b
       if (deed == Deed::kEnd) return;
     }
   }
-  std::uint64_t Tell(Order const& order) {
+  std::uint64_t Send(Order const& order) {
     other_.Say(static_cast<std::uint64_t>(order.deed));
     other_.Say(order.part);
     other_.Say(static_cast<std::uint64_t>(order.value));

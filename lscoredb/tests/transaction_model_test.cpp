@@ -204,10 +204,10 @@ class TransactionModelTest : public testing::TestWithParam<unsigned> {
     std::sort(ordered.begin(), ordered.end());
     Oids expected;
     for (auto const& [value, oid] : ordered) expected.push_back(oid);
-    EXPECT_EQ(actor.session.Walk(index_), expected);
+    EXPECT_EQ(actor.session.Scan(index_), expected);
     std::reverse(expected.begin(), expected.end());
     for (std::size_t i = 1; i < actor.now.indexes.size(); ++i) {
-      EXPECT_EQ(actor.session.Walk(actor.now.indexes[i]), expected);
+      EXPECT_EQ(actor.session.Scan(actor.now.indexes[i]), expected);
     }
     for (Oid const oid : all_) EXPECT_EQ(actor.session.Exists(oid), actor.now.seen.contains(oid));
   }

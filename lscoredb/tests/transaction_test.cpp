@@ -52,10 +52,10 @@ TEST_F(TransactionTest, OwnWrites_AreSeenAtOnceAndOthersOnlyAfterCommit) {
   session_.PutLong(account_, kBalance, 7);
   Oid const added = NewAccount(session_, 8);
   EXPECT_EQ(session_.Long(account_, kBalance), 7);
-  EXPECT_EQ(session_.Walk(by_balance_), (Oids{account_, added}));
+  EXPECT_EQ(session_.Scan(by_balance_), (Oids{account_, added}));
   EXPECT_EQ(other_.Long(account_, kBalance), 100);
   EXPECT_FALSE(other_.Exists(added));
-  EXPECT_EQ(other_.Walk(by_balance_), Oids{account_});
+  EXPECT_EQ(other_.Scan(by_balance_), Oids{account_});
 }
 
 TEST_F(TransactionTest, Transaction_ReadsTheDatabaseAsItWasAtItsBegin) {
@@ -65,12 +65,12 @@ TEST_F(TransactionTest, Transaction_ReadsTheDatabaseAsItWasAtItsBegin) {
   session_.Commit();
   EXPECT_EQ(other_.Long(account_, kBalance), 100);
   EXPECT_FALSE(other_.Exists(added));
-  EXPECT_EQ(other_.Walk(by_balance_, Key().Long(100), Key().Long(100)), Oids{account_});
-  EXPECT_EQ(other_.Walk(by_balance_, Key().Long(0), Key().Long(50)), Oids{});
+  EXPECT_EQ(other_.Scan(by_balance_, Key().Long(100), Key().Long(100)), Oids{account_});
+  EXPECT_EQ(other_.Scan(by_balance_, Key().Long(0), Key().Long(50)), Oids{});
   other_.Commit();
   other_.Begin();
   EXPECT_EQ(other_.Long(account_, kBalance), 7);
-  EXPECT_EQ(other_.Walk(by_balance_), (Oids{account_, added}));
+  EXPECT_EQ(other_.Scan(by_balance_), (Oids{account_, added}));
 }
 
 TEST_F(TransactionTest, DeletedRow_StaysInOlderSnapshots) {
@@ -78,11 +78,11 @@ TEST_F(TransactionTest, DeletedRow_StaysInOlderSnapshots) {
   session_.Delete(account_);
   session_.Commit();
   EXPECT_EQ(other_.Long(account_, kBalance), 100);
-  EXPECT_EQ(other_.Walk(by_balance_), Oids{account_});
+  EXPECT_EQ(other_.Scan(by_balance_), Oids{account_});
   other_.Rollback();
   other_.Begin();
   EXPECT_FALSE(other_.Exists(account_));
-  EXPECT_EQ(other_.Walk(by_balance_), Oids{});
+  EXPECT_EQ(other_.Scan(by_balance_), Oids{});
 }
 
 TEST_F(TransactionTest, Snapshot_OutlivesManyLaterCommits) {
@@ -94,7 +94,7 @@ TEST_F(TransactionTest, Snapshot_OutlivesManyLaterCommits) {
     session_.Commit();
   }
   EXPECT_EQ(other_.Long(account_, kBalance), 100);
-  EXPECT_EQ(other_.Walk(by_balance_), Oids{account_});
+  EXPECT_EQ(other_.Scan(by_balance_), Oids{account_});
 }
 
 TEST_F(TransactionTest, LayoutsAndIndexes_AreInvisibleUntilCommitAndToOlderSnapshots) {
@@ -133,7 +133,7 @@ TEST_F(TransactionTest, TwoWritersOfOneRow_SecondCommitFailsAndLeavesNothing) {
   EXPECT_EQ(other_.Long(account_, kBalance), 1);
   EXPECT_FALSE(other_.Exists(added));
   EXPECT_TRUE(other_.LayoutsByToken(51).empty());
-  EXPECT_EQ(other_.Walk(by_balance_), Oids{account_});
+  EXPECT_EQ(other_.Scan(by_balance_), Oids{account_});
   LORVI_LAYOUT_INFO info{};
   EXPECT_STATUS(LSCOREDB_UNKNOWN_LAYOUT,
                 lorvi_context_get_layout_info(other_.context(), layout, &info));
@@ -181,7 +181,7 @@ TEST_F(TransactionTest, WritersOfDifferentRows_BothCommit) {
   session_.Begin();
   EXPECT_EQ(session_.Long(account_, kBalance), 1);
   EXPECT_EQ(session_.Long(second, kBalance), 2);
-  EXPECT_EQ(session_.Walk(by_balance_).size(), 4U);
+  EXPECT_EQ(session_.Scan(by_balance_).size(), 4U);
 }
 
 TEST_F(TransactionTest, ReadingARowThatAnotherChanges_IsNoConflict) {
@@ -207,7 +207,7 @@ TEST_F(TransactionTest, Rollback_UndoesRowsLayoutsAndIndexes) {
   EXPECT_FALSE(session_.Exists(added));
   EXPECT_TRUE(session_.LayoutsByToken(51).empty());
   EXPECT_TRUE(session_.IndexesByToken(61).empty());
-  EXPECT_EQ(session_.Walk(by_balance_), Oids{account_});
+  EXPECT_EQ(session_.Scan(by_balance_), Oids{account_});
 }
 
 TEST_F(TransactionTest, Rollback_UndoesADelete) {
@@ -216,7 +216,7 @@ TEST_F(TransactionTest, Rollback_UndoesADelete) {
   session_.Rollback();
   session_.Begin();
   EXPECT_EQ(session_.Long(account_, kBalance), 100);
-  EXPECT_EQ(session_.Walk(by_balance_), Oids{account_});
+  EXPECT_EQ(session_.Scan(by_balance_), Oids{account_});
 }
 
 TEST_F(TransactionTest, NumbersOfARolledBackTransaction_AreNotReused) {
@@ -282,7 +282,7 @@ TEST_F(TransactionTest, ClosedContext_RollsBack) {
 TEST_F(TransactionTest, ReadOnlyTransaction_ReadsAndCommits) {
   session_.BeginReadOnly();
   EXPECT_EQ(session_.Long(account_, kBalance), 100);
-  EXPECT_EQ(session_.Walk(by_balance_), Oids{account_});
+  EXPECT_EQ(session_.Scan(by_balance_), Oids{account_});
   EXPECT_STATUS(LSCOREDB_WRITE_REFUSED,
                 lorv_context_put_long(session_.context(), account_, 0, kBalance, 1));
   EXPECT_EQ(session_.Long(account_, kBalance), 100);
@@ -293,17 +293,17 @@ TEST_F(TransactionTest, RowInsertedAndDeletedInOneTransaction_LeavesNoTrace) {
   session_.Begin();
   Oid const oid = NewAccount(session_, 1);
   session_.Delete(oid);
-  EXPECT_EQ(session_.Walk(by_balance_), Oids{account_});
+  EXPECT_EQ(session_.Scan(by_balance_), Oids{account_});
   Restart();
   EXPECT_FALSE(session_.Exists(oid));
-  EXPECT_EQ(session_.Walk(by_balance_), Oids{account_});
+  EXPECT_EQ(session_.Scan(by_balance_), Oids{account_});
 }
 
 TEST_F(TransactionTest, IndexDroppedMeanwhile_StillServesOlderSnapshots) {
   BeginBoth();
   session_.DropIndex(by_balance_);
   session_.Commit();
-  EXPECT_EQ(other_.Walk(by_balance_), Oids{account_});
+  EXPECT_EQ(other_.Scan(by_balance_), Oids{account_});
   other_.PutLong(account_, kBalance, 1);
   other_.Commit();
   other_.Begin();

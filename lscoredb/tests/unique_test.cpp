@@ -54,7 +54,7 @@ class UniqueTest : public KernelTest {
     EXPECT_STATUS(LSCOREDB_DUPLICATE_KEY, session_.TryCommit());
     EXPECT_STATUS(LSCOREDB_NO_TRANSACTION, lscoredb_rollback(session_.context()));
     session_.Begin();
-    EXPECT_EQ(session_.Walk(unique_), kept);
+    EXPECT_EQ(session_.Scan(unique_), kept);
   }
 
   LayoutId layout_ = 0;
@@ -67,7 +67,7 @@ TEST_F(UniqueTest, DuplicateOfACommittedRow_IsRefusedByTheWrite) {
   Oid const second = Row(2);
   EXPECT_STATUS(LSCOREDB_DUPLICATE_KEY, TryPut(second, 1));
   EXPECT_EQ(session_.Long(second, kNumber), 2);
-  EXPECT_EQ(session_.Walk(unique_), (Oids{first, second}));
+  EXPECT_EQ(session_.Scan(unique_), (Oids{first, second}));
   session_.Commit();
 }
 
@@ -128,7 +128,7 @@ TEST_F(UniqueTest, SeveralColumns_CollideOnlyTogether) {
   session_.PutString(b, kName, u"y");
   EXPECT_STATUS(0, TryPut(b, 1));
   Restart();
-  EXPECT_EQ(session_.Walk(pair), (Oids{a, b}));
+  EXPECT_EQ(session_.Scan(pair), (Oids{a, b}));
 }
 
 TEST_F(UniqueTest, UnwrittenRequiredColumnOfANewRow_CollidesWithNothingYet) {
@@ -140,7 +140,7 @@ TEST_F(UniqueTest, UnwrittenRequiredColumnOfANewRow_CollidesWithNothingYet) {
   EXPECT_STATUS(0, TryPut(fresh, 5));
   EXPECT_STATUS(0, TryPut(fresh_too, 6));
   Restart();
-  EXPECT_EQ(session_.Walk(unique_), (Oids{zero, fresh, fresh_too}));
+  EXPECT_EQ(session_.Scan(unique_), (Oids{zero, fresh, fresh_too}));
 }
 
 TEST_F(UniqueTest, UnwrittenRequiredColumn_IsZeroAtTheCommit) {
@@ -153,7 +153,7 @@ TEST_F(UniqueTest, UnwrittenRequiredColumn_IsZeroAtTheCommit) {
   session_.Insert(required, u"strict/");
   EXPECT_STATUS(LSCOREDB_DUPLICATE_KEY, session_.TryCommit());
   session_.Begin();
-  EXPECT_EQ(session_.Walk(strict), Oids{zero});
+  EXPECT_EQ(session_.Scan(strict), Oids{zero});
 }
 
 TEST_F(UniqueTest, Key_IsFreeAgainWhenItsRowIsChangedDeletedOrMoved) {
@@ -168,7 +168,7 @@ TEST_F(UniqueTest, Key_IsFreeAgainWhenItsRowIsChangedDeletedOrMoved) {
   for (int i = 1; i <= 3; ++i) rows.push_back(Row(i));
   rows.push_back(a);
   Restart();
-  EXPECT_EQ(session_.Walk(unique_), rows);
+  EXPECT_EQ(session_.Scan(unique_), rows);
 }
 
 TEST_F(UniqueTest, WholeCoverageOfTheIndex_IsUnique) {
@@ -194,16 +194,16 @@ TEST_F(UniqueTest, Duplicates_MayPassWhileAScanIsOpen) {
   for (int i = 0; i < 20; ++i) rows.push_back(Row(i));
   Restart();
   {
-    Walker walker(session_, unique_);
+    Scanner scanner(session_, unique_);
     Oids seen;
-    for (Oid oid = walker.Next(); oid != 0; oid = walker.Next()) {
+    for (Oid oid = scanner.Next(); oid != 0; oid = scanner.Next()) {
       EXPECT_STATUS(0, TryPut(oid, *session_.Long(oid, kNumber) + 1));
       seen.push_back(oid);
     }
     EXPECT_EQ(seen, rows);
   }
   Restart();
-  EXPECT_EQ(session_.Walk(unique_), rows);
+  EXPECT_EQ(session_.Scan(unique_), rows);
   EXPECT_EQ(At(20), Oids{rows[19]});
 }
 
@@ -212,7 +212,7 @@ TEST_F(UniqueTest, DuplicateLeftByAScan_IsRefusedByTheCommit) {
   Oid const b = Row(2);
   Restart();
   {
-    Walker walker(session_, unique_);
+    Scanner scanner(session_, unique_);
     EXPECT_STATUS(0, TryPut(a, 2));
   }
   ExpectCommitRefused({a, b});
@@ -221,7 +221,7 @@ TEST_F(UniqueTest, DuplicateLeftByAScan_IsRefusedByTheCommit) {
 
 TEST_F(UniqueTest, DuplicateAmongNewRowsLeftByAScan_IsRefusedByTheCommit) {
   {
-    Walker walker(session_, unique_);
+    Scanner scanner(session_, unique_);
     Row(1);
     Row(1);
   }
@@ -236,7 +236,7 @@ TEST_F(UniqueTest, DuplicateMadeByTwoTransactions_IsRefusedByTheSecondCommit) {
   session_.Commit();
   EXPECT_STATUS(LSCOREDB_DUPLICATE_KEY, other.TryCommit());
   session_.Begin();
-  EXPECT_EQ(session_.Walk(unique_), Oids{first});
+  EXPECT_EQ(session_.Scan(unique_), Oids{first});
 }
 
 TEST_F(UniqueTest, RefusedCommit_ReportsItsKeyUntilTheNextTransaction) {
@@ -262,7 +262,7 @@ TEST_F(UniqueTest, RefusedCommit_ReportsItsKeyUntilTheNextTransaction) {
 
 TEST_F(UniqueTest, RefusedKey_FillsAnOlderStructAsFarAsItGoes) {
   {
-    Walker walker(session_, unique_);
+    Scanner scanner(session_, unique_);
     Row(3);
     Row(3);
   }
@@ -291,7 +291,7 @@ TEST_F(UniqueTest, KeyTakenOverFromAMovedRow_MayCommit) {
   other.PutLong(other.Insert(layout_), kNumber, 1);
   other.Commit();
   session_.Begin();
-  EXPECT_EQ(session_.Walk(unique_).size(), 2U);
+  EXPECT_EQ(session_.Scan(unique_).size(), 2U);
 }
 
 TEST_F(UniqueTest, IndexOverDuplicates_IsNotCreated) {
@@ -317,7 +317,7 @@ TEST_F(UniqueTest, IndexOverDistinctRows_IsCreatedAndKeepsThemDistinct) {
   EXPECT_STATUS(LSCOREDB_DUPLICATE_KEY, TryPut(b, 1));
   Restart();
   EXPECT_STATUS(LSCOREDB_DUPLICATE_KEY, TryPut(b, 1));
-  EXPECT_EQ(session_.Walk(index), (Oids{a, b}));
+  EXPECT_EQ(session_.Scan(index), (Oids{a, b}));
 }
 
 TEST_F(UniqueTest, Texts_CollideByEveryUnit) {

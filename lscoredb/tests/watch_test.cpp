@@ -19,7 +19,7 @@ class Observer {
   // Stops the work when it is told so often, 0 for never, or that so much is done.
   explicit Observer(int stop_at = 0, std::uint64_t stop_when = kNever)
       : stop_at_(stop_at), stop_when_(stop_when) {
-    lscoredb_watch(&Observer::Tell, this);
+    lscoredb_watch(&Observer::Report, this);
   }
   ~Observer() { lscoredb_watch(nullptr, nullptr); }
 
@@ -29,7 +29,7 @@ class Observer {
   std::uint64_t total() const { return total_; }
 
  private:
-  static std::uint32_t Tell(void* self, std::uint64_t done, std::uint64_t total) {
+  static std::uint32_t Report(void* self, std::uint64_t done, std::uint64_t total) {
     auto& observer = *static_cast<Observer*>(self);
     observer.rose_ = observer.rose_ && done >= observer.last_ && (total == 0 || done <= total);
     observer.last_ = done;
@@ -128,7 +128,7 @@ TEST_F(WatchTest, IndexThatWasStopped_IsNotThereAndTheTransactionGoesOn) {
   session_.Commit();
   session_.BeginReadOnly();
   EXPECT_TRUE(session_.Exists(before));
-  EXPECT_EQ(kRows + 1u, session_.Walk(session_.IndexesByToken(62).at(0)).size());
+  EXPECT_EQ(kRows + 1u, session_.Scan(session_.IndexesByToken(62).at(0)).size());
 }
 
 TEST_F(WatchTest, Watch_BelongsToItsThread) {

@@ -45,8 +45,8 @@ TEST_F(WideIndexTest, EveryColumn_Decides) {
     Oid const high = RowWith(column, 5);
     Oid const low = RowWith(column, -5);
     for (int round = 0; round < 2; ++round) {
-      EXPECT_EQ(session_.Walk(index), (Oids{low, high})) << "column " << column;
-      EXPECT_EQ(session_.WalkBack(index), (Oids{high, low})) << "column " << column;
+      EXPECT_EQ(session_.Scan(index), (Oids{low, high})) << "column " << column;
+      EXPECT_EQ(session_.ScanBack(index), (Oids{high, low})) << "column " << column;
       Restart();
     }
     session_.Delete(low);
@@ -62,7 +62,7 @@ TEST_F(WideIndexTest, ColumnsPastTheMask_Ascend) {
   Oid const low_past_mask = RowWith(16, -5);
   Oid const high_past_mask = RowWith(16, 5);
   Restart();
-  EXPECT_EQ(session_.Walk(index), (Oids{high_in_mask, low_past_mask, high_past_mask, low_in_mask}));
+  EXPECT_EQ(session_.Scan(index), (Oids{high_in_mask, low_past_mask, high_past_mask, low_in_mask}));
 }
 
 TEST_F(WideIndexTest, Bounds_MayNameMoreColumnsThanTheMaskHas) {
@@ -91,7 +91,7 @@ TEST(WideIndexFileTest, WideIndex_UpgradesTheFormatOfTheFile) {
     for (std::uint32_t i = 0; i < width; ++i) session.PutLong(row, kFirst + i, i);
     session.Commit();
     session.BeginReadOnly();
-    EXPECT_FALSE(session.Walk(index).empty());
+    EXPECT_FALSE(session.Scan(index).empty());
     session.Rollback();
     EXPECT_STATUS(0, lscoredb_copy(database.get(), (copy / std::to_string(width).c_str()).c_str()));
   };

@@ -23,12 +23,12 @@ def columns_of(rows: Any) -> Any:
     return _core.collect(scan, rows.names)
 
 
-def _numpy_column(numpy: Any, columns: Any, place: int, kind: int) -> Any:
+def _numpy_column(numpy: Any, columns: Any, position: int, kind: int) -> Any:
     if kind in (models.STRING, models.BINARY, models.DECIMAL):
         array = numpy.empty(len(columns), dtype=object)
-        array[:] = columns.list(place)
+        array[:] = columns.list(position)
         return array
-    words = columns.words(place)
+    words = columns.words(position)
     if kind in _REALS:
         array = numpy.frombuffer(words, dtype="float64")
         array = array.astype(_REALS[kind], copy=False)
@@ -38,17 +38,18 @@ def _numpy_column(numpy: Any, columns: Any, place: int, kind: int) -> Any:
         array = numpy.frombuffer(words, dtype="datetime64[us]")
     else:
         array = numpy.frombuffer(words, dtype=_INTEGERS[kind])
-    if columns.nulls(place) == 0:
+    if columns.nulls(position) == 0:
         return array
-    return numpy.ma.masked_array(array, numpy.frombuffer(columns.valid(place), dtype="uint8") == 0)
+    valid = numpy.frombuffer(columns.valid(position), dtype="uint8")
+    return numpy.ma.masked_array(array, valid == 0)
 
 
 def to_numpy(rows: Any) -> dict[str, Any]:
     import numpy
 
     columns = columns_of(rows)
-    return {name: _numpy_column(numpy, columns, place, kind)
-            for place, (name, kind) in enumerate(columns.names)}
+    return {name: _numpy_column(numpy, columns, position, kind)
+            for position, (name, kind) in enumerate(columns.names)}
 
 
 def to_pandas(rows: Any) -> Any:
@@ -58,8 +59,8 @@ def to_pandas(rows: Any) -> Any:
     ordered = rows._access().ordered
     columns = columns_of(rows if ordered else rows._copy(_orders=[], _limit=None, _offset=0))
     frame = pandas.DataFrame(
-        {name: _pandas_column(pandas, numpy, columns, place, kind)
-         for place, (name, kind) in enumerate(columns.names)}, copy=False)
+        {name: _pandas_column(pandas, numpy, columns, position, kind)
+         for position, (name, kind) in enumerate(columns.names)}, copy=False)
     return frame if ordered else _sorted_frame(rows, frame)
 
 
@@ -70,8 +71,8 @@ def _sorted_frame(rows: Any, frame: Any) -> Any:
     return pandas.DataFrame(list(rows), columns=frame.columns).astype(frame.dtypes.to_dict())
 
 
-def _pandas_column(pandas: Any, numpy: Any, columns: Any, place: int, kind: int) -> Any:
-    array = _numpy_column(numpy, columns, place, kind)
+def _pandas_column(pandas: Any, numpy: Any, columns: Any, position: int, kind: int) -> Any:
+    array = _numpy_column(numpy, columns, position, kind)
     if kind == models.DATETIME:
         plain = numpy.ma.getdata(array).copy()
         plain[numpy.ma.getmaskarray(array)] = numpy.datetime64("NaT")

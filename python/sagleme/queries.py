@@ -64,7 +64,7 @@ class _Access:
             text += f", by index {self.index.name}{self.ranges}"
         rest = self.residual()
         if rest is not None:
-            text += f"; filtered in the walk: {rest!r}"
+            text += f"; filtered in the scan: {rest!r}"
         if query._orders:
             shown = ", ".join(map(repr, query._orders))
             text += f"; in the index's order: {shown}" if self.ordered else f"; sorted: {shown}"
@@ -289,9 +289,9 @@ class Query(Generic[T]):
         keys = [order.path for order in self._orders]
         values: list[tuple[Any, ...]] = [()] if self._outputs is None else self._outputs
         rows = list(self._scan(access, keys + values, None, 0))
-        for place in reversed(range(len(keys))):
-            key = _sort_key(place, keys[place][-1]._kind == models.STRING)
-            rows.sort(key=key, reverse=self._orders[place].descending)
+        for position in reversed(range(len(keys))):
+            key = _sort_key(position, keys[position][-1]._kind == models.STRING)
+            rows.sort(key=key, reverse=self._orders[position].descending)
         end = None if self._limit is None else self._offset + self._limit
         chosen = rows[self._offset:end]
         if self._outputs is not None:
@@ -419,12 +419,12 @@ class Rows(Query[Any]):
         return table_of(self._described(), self.names, self.limit(20))
 
 
-def _sort_key(place: int, text: bool) -> Any:
+def _sort_key(position: int, text: bool) -> Any:
     """Null is below everything; texts are in the order of their UTF-16 units, as in an index."""
     if not text:
-        return lambda row: (row[place] is not None, row[place])
-    return lambda row: (b"" if row[place] is None
-                        else b"\1" + row[place].encode("utf-16-be", "surrogatepass"))
+        return lambda row: (row[position] is not None, row[position])
+    return lambda row: (b"" if row[position] is None
+                        else b"\1" + row[position].encode("utf-16-be", "surrogatepass"))
 
 
 _NUMBERS = {models.LONG, models.ULONG, models.DECIMAL, models.FLOAT, models.DOUBLE, models.KEY}

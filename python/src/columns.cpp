@@ -72,9 +72,9 @@ PyObject* BufferOver(PyObject* owner, std::vector<T>& data) {
   return Plain(made);
 }
 
-ColumnData* ColumnAt(PyObject* object, PyObject* place) {
+ColumnData* ColumnAt(PyObject* object, PyObject* position) {
   auto& data = *As<Columns>(object)->data;
-  Py_ssize_t const at = PyLong_AsSsize_t(place);
+  Py_ssize_t const at = PyLong_AsSsize_t(position);
   if (at < 0 || static_cast<std::size_t>(at) >= data.size()) {
     if (!PyErr_Occurred()) PyErr_SetString(PyExc_IndexError, "no such column");
     return nullptr;
@@ -83,18 +83,18 @@ ColumnData* ColumnAt(PyObject* object, PyObject* place) {
 }
 
 // The words of a column of a fixed type: integers, or doubles.
-PyObject* Words(PyObject* object, PyObject* place) {
-  ColumnData* const column = ColumnAt(object, place);
+PyObject* Words(PyObject* object, PyObject* position) {
+  ColumnData* const column = ColumnAt(object, position);
   return column == nullptr ? nullptr : BufferOver(object, column->words);
 }
 
-PyObject* Valid(PyObject* object, PyObject* place) {
-  ColumnData* const column = ColumnAt(object, place);
+PyObject* Valid(PyObject* object, PyObject* position) {
+  ColumnData* const column = ColumnAt(object, position);
   return column == nullptr ? nullptr : BufferOver(object, column->valid);
 }
 
-PyObject* Nulls(PyObject* object, PyObject* place) {
-  ColumnData const* const column = ColumnAt(object, place);
+PyObject* Nulls(PyObject* object, PyObject* position) {
+  ColumnData const* const column = ColumnAt(object, position);
   return column == nullptr ? nullptr : PyLong_FromLongLong(column->nulls);
 }
 
@@ -114,8 +114,8 @@ PyObject* ValueAt(ColumnData const& column, std::size_t row) {
 }
 
 // A column as a list of Python values.
-PyObject* ListOf(PyObject* object, PyObject* place) {
-  ColumnData const* const column = ColumnAt(object, place);
+PyObject* ListOf(PyObject* object, PyObject* position) {
+  ColumnData const* const column = ColumnAt(object, position);
   if (column == nullptr) return nullptr;
   return Guard([&] {
     Ref list(Need(PyList_New(static_cast<Py_ssize_t>(column->valid.size()))));

@@ -27,7 +27,7 @@ class IdentityMap {
   // REQUIRES: no object of that identity is in the map.
   void Add(T* object) {
     if (2 * (count_ + 1) > slots_.size()) Grow();
-    Place(object);
+    Insert(object);
     ++count_;
   }
 
@@ -67,7 +67,7 @@ class IdentityMap {
     return static_cast<std::size_t>(oid * 0x9E3779B97F4A7C15u >> 20) & Mask();
   }
 
-  void Place(T* object) {
+  void Insert(T* object) {
     std::size_t at = Home(object->oid);
     while (slots_[at] != nullptr) at = Next(at);
     slots_[at] = object;
@@ -77,7 +77,7 @@ class IdentityMap {
     std::vector<T*> before(2 * slots_.size());
     before.swap(slots_);
     for (T* const object : before) {
-      if (object != nullptr) Place(object);
+      if (object != nullptr) Insert(object);
     }
   }
 

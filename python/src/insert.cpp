@@ -315,8 +315,8 @@ class ArrowColumn {
     std::string_view const format = Format();
     if (format == "b") {
       auto const* const bits = static_cast<std::uint8_t const*>(values_->buffers[1]);
-      std::int64_t const place = at + values_->offset;
-      return bits[place / 8] >> place % 8 & 1;
+      std::int64_t const bit = at + values_->offset;
+      return bits[bit / 8] >> bit % 8 & 1;
     }
     if (IsDecimal(format)) return Millionths(at, row);
     auto const value =
@@ -436,7 +436,7 @@ void InsertArray(Transaction* transaction, Binding const& binding, ArrowArray co
   }
 }
 
-void TellProgress(PyObject* progress, std::int64_t rows) {
+void ReportProgress(PyObject* progress, std::int64_t rows) {
   if (progress == Py_None) return;
   Ref const done(PyObject_CallFunction(progress, "L", static_cast<long long>(rows)));
   if (!done) throw PythonError{};
@@ -475,7 +475,7 @@ PyObject* InsertArrow(PyObject*, PyObject* args) {
       Away(transaction,
            [&] { InsertArray(transaction, binding, array.record, columns, fallbacks); });
       count += array.record.length;
-      TellProgress(progress, array.record.length);
+      ReportProgress(progress, array.record.length);
     }
     return PyLong_FromLongLong(count);
   });

@@ -165,9 +165,9 @@ def test_queries_and_transactions_after_the_end(make):
     fill(db)
     with db.write() as tx:
         query = tx.all(Book)
-        walk = iter(query)
-        next(walk)
-    for use in (query.count, lambda: next(walk), lambda: tx.new(Book), tx.commit,
+        scan = iter(query)
+        next(scan)
+    for use in (query.count, lambda: next(scan), lambda: tx.new(Book), tx.commit,
                 lambda: tx.get(Book, 1)):
         with pytest.raises(sg.EndedError):
             use()
@@ -277,16 +277,16 @@ def test_closing_with_live_objects_and_iterators(make):
     db = make(*MODELS)
     fill(db)
     tx = db.read()
-    walk = iter(tx.all(Item))
-    book = next(walk)
+    scan = iter(tx.all(Item))
+    book = next(scan)
     db.close()
-    for use in (lambda: book.title, lambda: next(walk), tx.commit):
+    for use in (lambda: book.title, lambda: next(scan), tx.commit):
         with pytest.raises(sg.EndedError):
             use()
     with pytest.raises(sg.ClosedError):
         db.read()
     db.close()
-    del walk, book, tx
+    del scan, book, tx
     with sg.open("database") as again, again.read() as tx:
         assert tx.all(again["Item"]).count() == 30
 

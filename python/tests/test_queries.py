@@ -61,7 +61,7 @@ def test_what_an_index_serves(tx):
     assert "backwards" in below.explain() and "in the index's order" in below.explain()
     assert titles(below) == ["Film 9", "Film 8"]
     filtered = tx.all(Item).where(Item.title >= "Film 8", Item.year < 1979)
-    assert "filtered in the walk" in filtered.explain()
+    assert "filtered in the scan" in filtered.explain()
     assert titles(filtered) == ["Film 8"]
     assert "sorted: year" in tx.all(Item).order("year").explain()
 
@@ -194,12 +194,12 @@ def test_walks_and_writes(make):
             seen.append(book.title)
             book.title = "z" + book.title  # into the part of the index that is still to come
         assert len(seen) == 20
-        walk = iter(tx.all(Film))
-        first = next(walk)
+        scan = iter(tx.all(Film))
+        first = next(scan)
         for film in list(tx.all(Film)):
             if film is not first:
                 tx.delete(film)
-        assert list(walk) == []
+        assert list(scan) == []
 
 
 def test_indexes_of_several_columns(make):

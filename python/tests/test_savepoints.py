@@ -52,11 +52,11 @@ def test_savepoints_nest_and_repeat(tx):
 
 def test_a_walk_that_began_behind_the_savepoint(tx):
     with tx.savepoint() as point:
-        walk = iter(tx.all(Item))
-        next(walk)
+        scan = iter(tx.all(Item))
+        next(scan)
         point.rollback()
         with pytest.raises(sg.EndedError):
-            list(walk)
+            list(scan)
     before = iter(tx.all(Book))
     next(before)
     with tx.savepoint() as point:

@@ -109,8 +109,8 @@ void PrintDescendantConflicts(Stream& stream, NewColumnNameConflictsList const& 
 
 enum ConflictKind { kInAncestor = 1, kInTable = 2, kInDescendants = 3 };
 
-void PrintConflictPlace(Stream& stream, u16string const& table,
-                        NewColumnNameConflictsList const& list) {
+void PrintConflictLocation(Stream& stream, u16string const& table,
+                           NewColumnNameConflictsList const& list) {
   switch (list.kind) {
     case kInAncestor:
       stream << u" in ancestor table ";
@@ -349,7 +349,7 @@ void ThrowNewColumnNameIsConflicting(u16string table, u16string column,
                                      NewColumnNameConflictsList&& list) {
   Stream text;
   text << u"New column name " << column << u" conflicts with existing column";
-  PrintConflictPlace(text, table, list);
+  PrintConflictLocation(text, table, list);
   text << u".";
   throw BadNewColumnArg(kColumnNameTaken, std::move(table), std::move(column));
 }

@@ -194,25 +194,25 @@ TEST_F(RecordsTest, LookupThatCannotStep_ThrowsAndLeavesNothingOpen) {
   EXPECT_EQ(0, recording_kernel::OpenIterators());
 }
 
-// ---- walks --------------------------------------------------------------------------------------
+// ---- scans --------------------------------------------------------------------------------------
 
 TEST_F(RecordsTest, Scan_GivesEachRowAndEndsWithTheNullReference) {
   rows_ = {{11, 0, 4}, {12, 0, 4}, {13, 0, 4}};
-  db_iterator walk;
-  walk.open(6, metalayer::kForward, kKey, kKey);
+  db_iterator scan;
+  scan.open(6, metalayer::kForward, kKey, kKey);
   std::vector<uint64_t> seen;
-  while (walk.next()) seen.push_back(walk.current.oid);
+  while (scan.next()) seen.push_back(scan.current.oid);
   EXPECT_EQ((std::vector<uint64_t>{11, 12, 13}), seen);
-  EXPECT_EQ(0u, walk.current.oid);
-  EXPECT_EQ(0u, walk.current.addr);
+  EXPECT_EQ(0u, scan.current.oid);
+  EXPECT_EQ(0u, scan.current.addr);
 }
 
 TEST_F(RecordsTest, ScanLeftEarly_FreesItsIterator) {
   rows_ = {{11, 0, 4}, {12, 0, 4}};
   {
-    db_iterator walk;
-    walk.open(6, metalayer::kForward, kKey, kKey);
-    ASSERT_TRUE(walk.next());
+    db_iterator scan;
+    scan.open(6, metalayer::kForward, kKey, kKey);
+    ASSERT_TRUE(scan.next());
     EXPECT_EQ(1, recording_kernel::OpenIterators());
   }
   EXPECT_EQ(0, recording_kernel::OpenIterators());
@@ -222,69 +222,69 @@ TEST_F(RecordsTest, FailureInAScan_FreesItsIterator) {
   rows_ = {{11, 0, 4}};
   EXPECT_THROW(
       {
-        db_iterator walk;
-        walk.open(6, metalayer::kForward, kKey, kKey);
-        throw std::runtime_error("in the walk");
+        db_iterator scan;
+        scan.open(6, metalayer::kForward, kKey, kKey);
+        throw std::runtime_error("in the scan");
       },
       std::runtime_error);
   EXPECT_EQ(0, recording_kernel::OpenIterators());
 }
 
 TEST_F(RecordsTest, OpeningAgain_FreesTheOldIteratorFirst) {
-  db_iterator walk;
-  walk.open(6, metalayer::kForward, kKey, kKey);
-  walk.next();
+  db_iterator scan;
+  scan.open(6, metalayer::kForward, kKey, kKey);
+  scan.next();
   recording_kernel::Record();
-  walk.open(7, metalayer::kForward, kKey, kKey);
+  scan.open(7, metalayer::kForward, kKey, kKey);
   EXPECT_EQ((std::vector<std::string>{"lorv_iterator_free", "lorv_context_create_iterator"}),
             recording_kernel::Names());
-  EXPECT_EQ(502u, walk.handle);
+  EXPECT_EQ(502u, scan.handle);
 }
 
 TEST_F(RecordsTest, OpeningAgainInVain_LeavesTheIteratorEmpty) {
   rows_ = {{11, 0, 4}};
-  db_iterator walk;
-  walk.open(6, metalayer::kForward, kKey, kKey);
-  walk.next();
+  db_iterator scan;
+  scan.open(6, metalayer::kForward, kKey, kKey);
+  scan.next();
   recording_kernel::FailNthOf("lorv_context_create_iterator", 1, LSCOREDB_INVALID_ARGUMENT);
   EXPECT_EQ(LSCOREDB_INVALID_ARGUMENT,
-            CodeOf([&] { walk.open(7, metalayer::kForward, kKey, kKey); }));
-  EXPECT_EQ(0u, walk.handle);
-  EXPECT_EQ(0u, walk.current.oid);
+            CodeOf([&] { scan.open(7, metalayer::kForward, kKey, kKey); }));
+  EXPECT_EQ(0u, scan.handle);
+  EXPECT_EQ(0u, scan.current.oid);
 }
 
 TEST_F(RecordsTest, FreeResourcesThenDestructor_FreeOnce) {
   recording_kernel::Record();
   {
-    db_iterator walk;
-    walk.open(6, metalayer::kForward, kKey, kKey);
-    walk.free_resources();
-    walk.free_resources();
-    EXPECT_EQ(0u, walk.handle);
+    db_iterator scan;
+    scan.open(6, metalayer::kForward, kKey, kKey);
+    scan.free_resources();
+    scan.free_resources();
+    EXPECT_EQ(0u, scan.handle);
   }
   EXPECT_EQ(1u, recording_kernel::CallsOf("lorv_iterator_free").size());
 }
 
 TEST_F(RecordsTest, IteratorDeletedThroughItsBase_FreesOnce) {
-  std::unique_ptr<db_iterator> walk = std::make_unique<db_iter_with_keys>();
-  walk->open(6, metalayer::kForward, kKey, kKey);
+  std::unique_ptr<db_iterator> scan = std::make_unique<db_iter_with_keys>();
+  scan->open(6, metalayer::kForward, kKey, kKey);
   recording_kernel::Record();
-  walk.reset();
+  scan.reset();
   EXPECT_EQ((std::vector<std::string>{"lorv_iterator_free"}), recording_kernel::Names());
 }
 
 TEST_F(RecordsTest, UnopenedIterator_FreesNothing) {
   recording_kernel::Record();
-  { db_iter_with_keys walk; }
+  { db_iter_with_keys scan; }
   EXPECT_TRUE(recording_kernel::Calls().empty());
 }
 
 TEST_F(RecordsTest, IteratorWithKeys_PassesItsOwnTwoBounds) {
   recording_kernel::Record();
-  db_iter_with_keys walk;
-  metalayer::Key(walk.first_key).ULong(9);
-  metalayer::Key(walk.last_key).ULong(1);
-  walk.open(6, metalayer::kReverse);
+  db_iter_with_keys scan;
+  metalayer::Key(scan.first_key).ULong(9);
+  metalayer::Key(scan.last_key).ULong(1);
+  scan.open(6, metalayer::kReverse);
   recording_kernel::Call const& created = recording_kernel::Calls().at(0);
   EXPECT_EQ((std::vector<uint64_t>{kContext, 6, 0x80070}), created.numbers);
   EXPECT_EQ(9, created.keys.at(0).at(8));
@@ -296,8 +296,8 @@ using RecordsDeathTest = RecordsTest;
 TEST_F(RecordsDeathTest, IteratorThatTheKernelKeeps_EndsTheProcess) {
   EXPECT_EXIT(
       {
-        db_iterator walk;
-        walk.open(6, metalayer::kForward, kKey, kKey);
+        db_iterator scan;
+        scan.open(6, metalayer::kForward, kKey, kKey);
         recording_kernel::FailNthOf("lorv_iterator_free", 1, 1);
       },
       ::testing::KilledBySignal(SIGABRT), "");
@@ -307,8 +307,8 @@ TEST_F(RecordsDeathTest, IteratorThatTheKernelKeepsInAFailure_EndsTheProcess) {
   EXPECT_EXIT(
       {
         CodeOf([] {
-          db_iterator walk;
-          walk.open(6, metalayer::kForward, kKey, kKey);
+          db_iterator scan;
+          scan.open(6, metalayer::kForward, kKey, kKey);
           recording_kernel::FailNthOf("lorv_iterator_free", 1, 1);
           db_util::db_exception::check(4711);
         });
@@ -319,10 +319,10 @@ TEST_F(RecordsDeathTest, IteratorThatTheKernelKeepsInAFailure_EndsTheProcess) {
 TEST_F(RecordsDeathTest, IteratorThatTheKernelKeepsOnReopening_EndsTheProcess) {
   EXPECT_EXIT(
       {
-        db_iterator walk;
-        walk.open(6, metalayer::kForward, kKey, kKey);
+        db_iterator scan;
+        scan.open(6, metalayer::kForward, kKey, kKey);
         recording_kernel::FailNthOf("lorv_iterator_free", 1, 1);
-        walk.open(6, metalayer::kForward, kKey, kKey);
+        scan.open(6, metalayer::kForward, kKey, kKey);
       },
       ::testing::KilledBySignal(SIGABRT), "");
 }

@@ -138,7 +138,7 @@ void MakeAccount(Transaction& transaction, std::u16string const& table, std::int
   account.Set(*found, found->GetColumn(u"Balance"), balance);
 }
 
-std::uint32_t TellFinding(void*, lscoredb_finding const* finding) {
+std::uint32_t ReportFinding(void*, lscoredb_finding const* finding) {
   ADD_FAILURE() << finding->text << " object " << finding->object << ", index " << finding->index
                 << ", layout " << finding->layout;
   return 0;
@@ -285,7 +285,7 @@ void Bank::ExpectWhole() {
   ExpectAccounts(transaction, done);
   ExpectTransfers(transaction, done);
   ExpectSchema(transaction, done[kArchitect]);
-  EXPECT_EQ(0U, lscoredb_check(database_->handle(), 0, TellFinding, nullptr));
+  EXPECT_EQ(0U, lscoredb_check(database_->handle(), 0, ReportFinding, nullptr));
   CheckCatalogue(transaction, {}, [](Finding const& finding) {
     ADD_FAILURE() << finding.rule << " " << finding.table << " " << finding.object << ": "
                   << finding.what;

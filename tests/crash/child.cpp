@@ -76,7 +76,7 @@ std::optional<std::string> Child::Next() {
 }
 
 // Of a child that ended meanwhile nothing is expected here.
-void Child::Tell(std::string const& line) const {
+void Child::Send(std::string const& line) const {
   std::string const whole = line + "\n";
   struct sigaction ignore {};
   struct sigaction before {};

@@ -43,7 +43,7 @@ class Child {
 
   // Nothing when the child has ended.
   std::optional<std::string> Next();
-  void Tell(std::string const& line) const;
+  void Send(std::string const& line) const;
   void Kill();
   // Waits for the end: the exit status, or 128 and the number of the signal.
   int Wait();

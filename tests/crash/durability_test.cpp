@@ -65,13 +65,13 @@ TEST(DurabilityTest, ProcessWithoutSync_SyncsAsLongAsADurableOneHasTheDatabaseOp
     return 0;
   });
   fast.Next();
-  durable.Tell("open");
+  durable.Send("open");
   durable.Next();
-  fast.Tell("commit");
+  fast.Send("commit");
   fast.Next();
-  durable.Tell("close");
+  durable.Send("close");
   durable.Next();
-  fast.Tell("commit");
+  fast.Send("commit");
   EXPECT_EQ(0, fast.Wait());
   EXPECT_EQ(0, durable.Wait());
 }

@@ -81,7 +81,7 @@ class GroupCommitTest : public testing::Test {
     Session session(*database_);
     session.Begin();
     Numbers values;
-    for (Oid const row : session.Walk(index_)) values.push_back(*session.Long(row, kValue));
+    for (Oid const row : session.Scan(index_)) values.push_back(*session.Long(row, kValue));
     return values;
   }
 

@@ -82,7 +82,7 @@ class World {
 
  private:
   void ExpectIndexesAgree() {
-    Oids const by_number = session_.Walk(by_number_);
+    Oids const by_number = session_.Scan(by_number_);
     std::set<Oid> const rows(by_number.begin(), by_number.end());
     EXPECT_EQ(rows.size(), by_number.size());
     for (Oid const row : rows_) EXPECT_EQ(session_.Exists(row), rows.contains(row));
@@ -91,7 +91,7 @@ class World {
       EXPECT_EQ(1, std::count(same.begin(), same.end(), row));
       EXPECT_EQ(session_.At(by_name_, Key().Text(*session_.String(row, kName))), Oids{row});
     }
-    EXPECT_EQ(session_.Walk(by_name_).size(), by_number.size());
+    EXPECT_EQ(session_.Scan(by_name_).size(), by_number.size());
   }
 
   Database database_;
@@ -226,13 +226,13 @@ NamedCall const kCalls[] = {
 INSTANTIATE_TEST_SUITE_P(Kernel, MemoryTest, testing::ValuesIn(kCalls),
                          [](auto const& tested) { return tested.param.name; });
 
-// ---- walks --------------------------------------------------------------------------------------
+// ---- scans --------------------------------------------------------------------------------------
 
-// Walks on after a refusal until the end, or until it is refused again. Returns the last status.
-std::uint32_t WalkOn(std::uint64_t walk, Oids* found) {
+// Scans on after a refusal until the end, or until it is refused again. Returns the last status.
+std::uint32_t ScanOn(std::uint64_t scan, Oids* found) {
   for (;;) {
     LORV_REFERENCE next{};
-    std::uint32_t const status = lorv_iterator_next(walk, &next);
+    std::uint32_t const status = lorv_iterator_next(scan, &next);
     if (status != 0 || next.oid == 0) return status;
     found->push_back(next.oid);
   }
@@ -240,32 +240,32 @@ std::uint32_t WalkOn(std::uint64_t walk, Oids* found) {
 
 TEST(ScanWithoutMemoryTest, Scan_NeverLeavesARowOut) {
   World world;
-  Oids const all = world.session().Walk(world.by_name());
+  Oids const all = world.session().Scan(world.by_name());
   Bytes const keys = Key().Bytes();
   Oids found;
   found.reserve(2 * all.size());
   bool failed = true;
   for (int nth = 1; failed; ++nth) {
     SCOPED_TRACE("request " + std::to_string(nth));
-    // A context of its own, so that nothing is there from the walk before.
+    // A context of its own, so that nothing is there from the scan before.
     Session fresh(world.database());
     fresh.Begin();
     Oids const expected(all.begin(), all.end() - 1);  // the last row is not committed
-    std::uint64_t walk = 0;
+    std::uint64_t scan = 0;
     found.clear();
     failing_memory::FailNth(nth);
     std::uint32_t status = lorv_context_create_iterator(
-        fresh.context(), world.by_name(), LORV_ITERATOR_FORWARD, keys.data(), keys.data(), &walk);
-    if (status == 0) status = WalkOn(walk, &found);
+        fresh.context(), world.by_name(), LORV_ITERATOR_FORWARD, keys.data(), keys.data(), &scan);
+    if (status == 0) status = ScanOn(scan, &found);
     failed = failing_memory::Failed();
     failing_memory::FailNth(0);
     EXPECT_EQ(failed ? LSCOREDB_NO_MEMORY : 0, status);
-    if (walk == 0) continue;
-    if (failed) status = WalkOn(walk, &found);
+    if (scan == 0) continue;
+    if (failed) status = ScanOn(scan, &found);
     if (status == 0) {
       EXPECT_EQ(expected, found);
     }
-    Check("free", lorv_iterator_free(walk));
+    Check("free", lorv_iterator_free(scan));
   }
 }
 

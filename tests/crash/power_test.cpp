@@ -87,7 +87,7 @@ class PowerTest : public testing::TestWithParam<Setting> {
     }
     // From then on the strictest of them holds for all.
     for (auto const& child : children) EXPECT_EQ("open", child->Next());
-    for (auto const& child : children) child->Tell("work");
+    for (auto const& child : children) child->Send("work");
     for (auto const& child : children) EXPECT_EQ(kKilled, child->Wait());
     return WhatCounts(recording.Events());
   }

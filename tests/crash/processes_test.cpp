@@ -155,10 +155,10 @@ TEST_F(ProcessesTest, SchemaChange_IsSeenByTheNextTransactionOfTheOthersAndNoEar
     EXPECT_TRUE(IsNull(Object::Find(look, before).value().Get(u"Note")));
     return 0;
   });
-  changer.Tell(follower.Next().value_or("0"));
+  changer.Send(follower.Next().value_or("0"));
   EXPECT_EQ("changed", changer.Next());
-  follower.Tell("go on");
-  changer.Tell(follower.Next().value_or("0"));
+  follower.Send("go on");
+  changer.Send(follower.Next().value_or("0"));
   EXPECT_EQ(0, follower.Wait());
   EXPECT_EQ(0, changer.Wait());
 }
@@ -166,7 +166,7 @@ TEST_F(ProcessesTest, SchemaChange_IsSeenByTheNextTransactionOfTheOthersAndNoEar
 // ---- processes that end without a word ----------------------------------------------------------
 
 // One who works for a number of steps each time it is told to, and says the size of the file then.
-int WorkWhenTold(Channel& channel, Directory const& directory, Options const& options) {
+int WorkOnRequest(Channel& channel, Directory const& directory, Options const& options) {
   Bank bank(directory.path(), kSeed, options);
   Context const context(bank.database());
   channel.Say("ready");
@@ -185,51 +185,51 @@ int WorkWhenTold(Channel& channel, Directory const& directory, Options const& op
 
 TEST_F(ProcessesTest, ProcessKilledInsideATransaction_BlocksNobodyAndLeavesNothing) {
   Child writer(
-      [&](Channel& channel) { return WorkWhenTold(channel, directory_, {.no_sync = true}); });
+      [&](Channel& channel) { return WorkOnRequest(channel, directory_, {.no_sync = true}); });
   EXPECT_EQ("ready", writer.Next());
   for (int i = 0; i < 5; ++i) {
     std::unique_ptr<Child> const holder = HoldTransaction();
-    writer.Tell("4");
+    writer.Send("4");
     EXPECT_NE("refused", writer.Next());
     holder->Kill();
-    writer.Tell("4");
+    writer.Send("4");
     EXPECT_NE("refused", writer.Next());
   }
-  writer.Tell("");
+  writer.Send("");
   EXPECT_EQ(0, writer.Wait());
   InChild([&] { EXPECT_EQ((Progress{10, 20, 10, 0}), Bank(directory_.path(), kSeed).Done()); });
 }
 
 TEST_F(ProcessesTest, PagesThatAKilledReaderHeld_AreUsedAgain) {
   Child writer(
-      [&](Channel& channel) { return WorkWhenTold(channel, directory_, {.no_sync = true}); });
+      [&](Channel& channel) { return WorkOnRequest(channel, directory_, {.no_sync = true}); });
   EXPECT_EQ("ready", writer.Next());
   HoldTransaction()->Kill();
-  writer.Tell("200");
+  writer.Send("200");
   std::uint64_t const first = std::stoull(writer.Next().value_or("0"));
-  writer.Tell("400");
+  writer.Send("400");
   std::uint64_t const second = std::stoull(writer.Next().value_or("0"));
   EXPECT_LE(second, 2 * first);
   EXPECT_GT(first, 0U);
-  writer.Tell("");
+  writer.Send("");
   EXPECT_EQ(0, writer.Wait());
 }
 
 TEST_F(ProcessesTest, MapThatAReaderKeptFull_HasRoomAgainWhenTheReaderIsKilled) {
   Child writer([&](Channel& channel) {
     Options const options{.no_sync = true, .max_file_size = directory_.FileSize() + 2000000};
-    return WorkWhenTold(channel, directory_, options);
+    return WorkOnRequest(channel, directory_, options);
   });
   EXPECT_EQ("ready", writer.Next());
   std::unique_ptr<Child> const holder = HoldTransaction();
-  writer.Tell("4000");
+  writer.Send("4000");
   EXPECT_EQ("refused", writer.Next());
-  writer.Tell("1");
+  writer.Send("1");
   EXPECT_EQ("refused", writer.Next()) << "the reader holds the pages still";
   holder->Kill();
-  writer.Tell("100");
+  writer.Send("100");
   EXPECT_NE("refused", writer.Next());
-  writer.Tell("");
+  writer.Send("");
   EXPECT_EQ(0, writer.Wait());
 }
 

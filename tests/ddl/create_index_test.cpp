@@ -233,15 +233,15 @@ TEST_F(CreateIndexTest, KernelIndex_CoversObjectsOfTheSubtree) {
   CreateIndex(u"I", u"Base", {u"a"});
   uint64_t const after = CreateObject(u"Base");
   WriteLong(u"Base", u"a", after, 3);
-  db_util::db_iter_with_keys walk;
-  metalayer::Key(walk.first_key).Null();
-  metalayer::Key(walk.last_key).Long(100);
-  walk.open(KernelIndex(u"I").index_id, metalayer::kForward);
-  ASSERT_TRUE(walk.next());
-  EXPECT_EQ(after, walk.current.oid);
-  ASSERT_TRUE(walk.next());
-  EXPECT_EQ(before, walk.current.oid);
-  EXPECT_FALSE(walk.next());
+  db_util::db_iter_with_keys scan;
+  metalayer::Key(scan.first_key).Null();
+  metalayer::Key(scan.last_key).Long(100);
+  scan.open(KernelIndex(u"I").index_id, metalayer::kForward);
+  ASSERT_TRUE(scan.next());
+  EXPECT_EQ(after, scan.current.oid);
+  ASSERT_TRUE(scan.next());
+  EXPECT_EQ(before, scan.current.oid);
+  EXPECT_FALSE(scan.next());
 }
 
 TEST_F(CreateIndexTest, OrdinalsBelowTheEndMark_AreUnknownOnes) {

@@ -18,12 +18,12 @@ class ObjectsAcrossChangesTest : public CatalogueTest {
   // The objects whose indexed column has that value.
   std::vector<uint64_t> Find(char16_t const* index, int64_t value) {
     std::vector<uint64_t> oids;
-    db_util::db_iter_with_keys walk;
-    metalayer::Key(walk.first_key).Long(value);
-    metalayer::Key(walk.last_key).Long(value);
-    walk.open(metalayer::GetULong(Index::ByIndexPK(index), Index::kIndexHandle),
+    db_util::db_iter_with_keys scan;
+    metalayer::Key(scan.first_key).Long(value);
+    metalayer::Key(scan.last_key).Long(value);
+    scan.open(metalayer::GetULong(Index::ByIndexPK(index), Index::kIndexHandle),
               metalayer::kForward);
-    while (walk.next()) oids.push_back(walk.current.oid);
+    while (scan.next()) oids.push_back(scan.current.oid);
     return oids;
   }
   uint16_t LayoutOfObject(uint64_t oid) {

@@ -6,7 +6,7 @@
 //
 // A transaction has two nodes: it is entered at the second one through an anti-dependency (it wrote
 // what the one before had read an older version of), at the first one through any other; an
-// anti-dependency leaves from the first one only. So no walk has two of them in a row. Moments are
+// anti-dependency leaves from the first one only. So no scan has two of them in a row. Moments are
 // nodes too, each leading to the next, so that who ended early comes before all who began late.
 
 #include <cstddef>

@@ -22,21 +22,21 @@ using Rows = std::vector<LS_OBJ_REF>;
 // A key without columns bounds a whole index.
 Rows AllRows(unsigned long index_id) {
   Rows rows;
-  db_util::db_iter_with_keys walk;
-  metalayer::Key(walk.first_key).UpdateHeader();
-  metalayer::Key(walk.last_key).UpdateHeader();
-  walk.open(index_id, metalayer::kForward);
-  while (walk.next()) rows.push_back(walk.current);
+  db_util::db_iter_with_keys scan;
+  metalayer::Key(scan.first_key).UpdateHeader();
+  metalayer::Key(scan.last_key).UpdateHeader();
+  scan.open(index_id, metalayer::kForward);
+  while (scan.next()) rows.push_back(scan.current);
   return rows;
 }
 
 Rows RowsOf(unsigned long index_id, LS_OBJ_REF const& owner) {
   Rows rows;
-  db_util::db_iter_with_keys walk;
-  metalayer::Key(walk.first_key).Ref(owner);
-  metalayer::Key(walk.last_key).Ref(owner);
-  walk.open(index_id, metalayer::kForward);
-  while (walk.next()) rows.push_back(walk.current);
+  db_util::db_iter_with_keys scan;
+  metalayer::Key(scan.first_key).Ref(owner);
+  metalayer::Key(scan.last_key).Ref(owner);
+  scan.open(index_id, metalayer::kForward);
+  while (scan.next()) rows.push_back(scan.current);
   return rows;
 }
 

@@ -1,4 +1,4 @@
-// Objects and index walks against the model.
+// Objects and index scans against the model.
 
 #include <algorithm>
 #include <sagleme/metalayer.hpp>
@@ -145,15 +145,15 @@ class ObjectComparison {
     out_.Same(place + ", type of the target", expected, type_id);
   }
 
-  // ---- walks
+  // ---- scans
 
-  Uids Walk(unsigned long index_id, unsigned flags, std::vector<Value> const& key) {
+  Uids Scan(unsigned long index_id, unsigned flags, std::vector<Value> const& key) {
     Uids rows;
-    db_util::db_iter_with_keys walk;
-    WriteKey(walk.first_key, key);
-    WriteKey(walk.last_key, key);
-    walk.open(index_id, flags);
-    while (walk.next()) rows.push_back(session_.identities().RowOf(walk.current.oid));
+    db_util::db_iter_with_keys scan;
+    WriteKey(scan.first_key, key);
+    WriteKey(scan.last_key, key);
+    scan.open(index_id, flags);
+    while (scan.next()) rows.push_back(session_.identities().RowOf(scan.current.oid));
     return rows;
   }
 
@@ -190,16 +190,16 @@ class ObjectComparison {
   }
 
   void CompareIndex(Index const& index) {
-    std::string const what = "walk of " + Utf8(index.name);
+    std::string const what = "scan of " + Utf8(index.name);
     metalayer::Index const row = metalayer::Index::ByIndexPK(index.name.c_str());
     if (row.is_null()) return;
     unsigned long const id = GetULong(row, metalayer::Index::kIndexHandle);
     std::vector<KeyedObject> const objects = InOrder(index);
     Uids rows;
     for (KeyedObject const& object : objects) rows.push_back(object.row);
-    SameRows(what, rows, Walk(id, metalayer::kForward, {}));
+    SameRows(what, rows, Scan(id, metalayer::kForward, {}));
     Uids const backwards(rows.rbegin(), rows.rend());
-    SameRows(what + " backwards", backwards, Walk(id, metalayer::kReverse, {}));
+    SameRows(what + " backwards", backwards, Scan(id, metalayer::kReverse, {}));
     if (!objects.empty()) CompareRange(what, id, objects);
   }
 
@@ -212,17 +212,17 @@ class ObjectComparison {
     for (KeyedObject const& object : objects) {
       if (object.key.front() == value) rows.push_back(object.row);
     }
-    SameRows(what + " at " + Describe(value), rows, Walk(id, metalayer::kForward, {value}));
+    SameRows(what + " at " + Describe(value), rows, Scan(id, metalayer::kForward, {value}));
   }
 
   void CompareSet(Text const& setspec) {
     Uids expected;
     for (Object const* object : model_.ObjectsUnder(setspec)) expected.push_back(object->row);
     Uids found;
-    db_util::db_iter_with_keys walk;
-    metalayer::RangeGlobalSetspecIndex(setspec.c_str(), &walk);
-    for (; walk.current.oid != 0; walk.next()) {
-      found.push_back(session_.identities().RowOf(walk.current.oid));
+    db_util::db_iter_with_keys scan;
+    metalayer::RangeGlobalSetspecIndex(setspec.c_str(), &scan);
+    for (; scan.current.oid != 0; scan.next()) {
+      found.push_back(session_.identities().RowOf(scan.current.oid));
     }
     std::sort(found.begin(), found.end());
     SameRows("objects under " + Utf8(setspec), expected, found);

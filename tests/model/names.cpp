@@ -24,7 +24,7 @@ Text Join(std::vector<Text> const& segments) {
   return text;
 }
 
-// One stored table, in the order of the index that the search walks.
+// One stored table, in the order of the index that the search scans.
 struct Stored {
   Text reversed;
   Text full_name;

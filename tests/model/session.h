@@ -72,7 +72,7 @@ class Session {
 
   // Everything that the model tells of the catalogue, against its rows and the kernel's layouts.
   void CompareCatalogue(Model const& model, Differences& differences);
-  // All objects and all indexes, the latter by walking them.
+  // All objects and all indexes, the latter by scanning them.
   void CompareObjects(Model const& model, Differences& differences);
 
  private:

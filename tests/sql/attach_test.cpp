@@ -187,13 +187,13 @@ TEST(SnapshotTest, Snapshot_LastsAsLongAsAStatementThatReads) {
   for (char16_t const* title : {u"a", u"b", u"c"}) library.AddItem(u"Library.Item", title, 1);
   Sql sql;
   library.AttachTo(sql);
-  Statement walk(sql, "SELECT Title FROM Item");
-  EXPECT_EQ(walk.Next(), "a");
+  Statement scan(sql, "SELECT Title FROM Item");
+  EXPECT_EQ(scan.Next(), "a");
   library.AddItem(u"Library.Item", u"d", 1);
   EXPECT_EQ(sql("SELECT count(*) FROM Item"), "3");
-  EXPECT_EQ(walk.Next(), "b");
-  EXPECT_EQ(walk.Next(), "c");
-  EXPECT_EQ(walk.Next(), "");
+  EXPECT_EQ(scan.Next(), "b");
+  EXPECT_EQ(scan.Next(), "c");
+  EXPECT_EQ(scan.Next(), "");
   EXPECT_EQ(sql("SELECT count(*) FROM Item"), "4");
 }
 

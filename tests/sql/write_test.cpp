@@ -160,22 +160,22 @@ TEST_F(WriteTest, Conflict_IsReportedByCommitAndCanBeRetried) {
 
 TEST_F(WriteTest, Scan_ContinuesOverACommit) {
   sql_("INSERT INTO Item(Title, Year) VALUES('a', 1), ('b', 2), ('c', 3), ('d', 4)");
-  Statement walk(sql_, "SELECT Title, Year FROM Item ORDER BY Year");
-  EXPECT_EQ(walk.Next(), "a|1");
+  Statement scan(sql_, "SELECT Title, Year FROM Item ORDER BY Year");
+  EXPECT_EQ(scan.Next(), "a|1");
   sql_("UPDATE Item SET Title = Title || '!' WHERE Year = 2; DELETE FROM Item WHERE Year = 3");
-  EXPECT_EQ(walk.Next(), "b!|2");
-  EXPECT_EQ(walk.Next(), "d|4");
-  EXPECT_EQ(walk.Next(), "");
+  EXPECT_EQ(scan.Next(), "b!|2");
+  EXPECT_EQ(scan.Next(), "d|4");
+  EXPECT_EQ(scan.Next(), "");
 }
 
 TEST_F(WriteTest, Scan_ContinuesOverARollback) {
   sql_("INSERT INTO Item(Title, Year) VALUES('a', 1), ('b', 2), ('c', 3)");
   sql_("BEGIN; DELETE FROM Item WHERE Year = 2");
-  Statement walk(sql_, "SELECT Title FROM Item ORDER BY Year");
-  EXPECT_EQ(walk.Next(), "a");
+  Statement scan(sql_, "SELECT Title FROM Item ORDER BY Year");
+  EXPECT_EQ(scan.Next(), "a");
   sql_("ROLLBACK");
-  EXPECT_EQ(walk.Next(), "c");
-  EXPECT_EQ(walk.Next(), "");
+  EXPECT_EQ(scan.Next(), "c");
+  EXPECT_EQ(scan.Next(), "");
   EXPECT_EQ(sql_("SELECT count(*) FROM Item"), "3");
 }
 

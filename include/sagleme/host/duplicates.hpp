@@ -25,9 +25,9 @@ SAGLEME_HOST_API std::string DescribeDuplicate(Transaction& transaction, Object 
                                                Table const& table,
                                                std::vector<NewValue> const& values);
 
-// Commits the transaction, which is one of the context. A key that only the commit can refuse,
-// since another transaction took it meanwhile or since it came while the transaction walked through
-// objects, is described in the same way by the Error with LSCOREDB_DUPLICATE_KEY.
+// Commits the transaction, which belongs to the context. If only the commit can refuse a key, since
+// another transaction took it meanwhile or a scan was open when it was written, the Error with
+// LSCOREDB_DUPLICATE_KEY describes it in the same way.
 SAGLEME_HOST_API void Commit(Transaction& transaction, Context const& context);
 
 }  // namespace sagleme

@@ -21,27 +21,28 @@
 
 namespace sagleme {
 
-// A place in a text file, counted from 1; columns in bytes of UTF-8.
-struct FilePlace {
+// Line and column in a text file, both from 1; columns count bytes of UTF-8.
+struct FileLocation {
   std::size_t line = 1;
   std::size_t column = 1;
 };
 
-// What is wrong with a row, and where. `what()` without the place.
+// What is wrong with a row, and where. `what()` without the location.
 class SAGLEME_EXCEPTION BadRow : public std::runtime_error {
  public:
-  BadRow(FilePlace place, std::string const& what) : std::runtime_error(what), place_(place) {}
-  FilePlace place() const { return place_; }
+  BadRow(FileLocation location, std::string const& what)
+      : std::runtime_error(what), location_(location) {}
+  FileLocation location() const { return location_; }
 
  private:
-  FilePlace place_;
+  FileLocation location_;
 };
 
 // One value of a row, as the file has it. Valid until the next row is read.
 struct RowValue {
   enum class Kind : std::uint8_t { kNull, kText, kNumber, kBool, kUnits, kArray, kObject };
 
-  std::size_t name = 0;  // its place among the names of the source
+  std::size_t name = 0;  // its number among the names of the source
   Kind kind = Kind::kNull;
   std::string_view text;      // of kText, kNumber and kBool
   std::u16string_view units;  // of kUnits: a text that no strict UTF-8 can hold
@@ -59,15 +60,15 @@ class SAGLEME_HOST_API RowSource {
   virtual bool Next() = 0;
   // The values of the row read last, in its order.
   virtual std::span<RowValue const> values() const = 0;
-  // The names that have come so far. Each keeps its place.
+  // The names seen so far. Each keeps its number.
   virtual std::vector<std::string> const& names() const = 0;
   // Whether the file names its columns once, before the first row.
   virtual bool has_heading() const = 0;
 
   // Where the row read last begins, where one of its values is, and where the heading has a name.
-  virtual FilePlace place() const = 0;
-  virtual FilePlace PlaceOf(RowValue const& value) const = 0;
-  virtual FilePlace PlaceOfName(std::size_t name) const = 0;
+  virtual FileLocation location() const = 0;
+  virtual FileLocation LocationOf(RowValue const& value) const = 0;
+  virtual FileLocation LocationOfName(std::size_t name) const = 0;
   // The row read last, as it stands in the file, with its end of line.
   virtual std::string raw() const = 0;
   // What has to stand in front of raw rows to make a file of the same form.

@@ -102,7 +102,7 @@ CachedRow const* SharedRowCache::Find(ObjectId id, CommitId state) const {
   return nullptr;
 }
 
-void SharedRowCache::FetchPlace(ObjectId id) const {
+void SharedRowCache::PrefetchSlot(ObjectId id) const {
   Bucket* const buckets = buckets_.load(std::memory_order_acquire);
   if (buckets != nullptr) __builtin_prefetch(&buckets[BucketOf(id)]);
 }

@@ -69,7 +69,7 @@ class SharedRowCache {
     // The row in the state that is read; null: not in the table. Valid until End.
     CachedRow const* Find(ObjectId id) const { return usable_ ? table_.Find(id, state_) : nullptr; }
     // Rows that will be looked for soon: first their slots are fetched, and then they themselves.
-    void FetchPlace(ObjectId id) const { table_.FetchPlace(id); }
+    void PrefetchSlot(ObjectId id) const { table_.PrefetchSlot(id); }
     void FetchRow(ObjectId id) const {
       if (usable_) table_.FetchRow(id);
     }
@@ -132,7 +132,7 @@ class SharedRowCache {
   static std::size_t WayOf(Bucket& bucket, ObjectId id);
 
   CachedRow const* Find(ObjectId id, CommitId state) const;
-  void FetchPlace(ObjectId id) const;
+  void PrefetchSlot(ObjectId id) const;
   void FetchRow(ObjectId id) const;
   std::size_t BucketCount() const { return std::size_t{1} << bucket_bits_; }
   std::size_t RegionSize() const { return (BucketCount() + kRegions - 1) / kRegions; }

@@ -30,9 +30,8 @@ struct Cell {
   PackedText text() const { return {bytes(), wide}; }
 };
 
-// An image in place, which was valid once: it may lie in a file that somebody damages meanwhile. So
-// what it says of places is compared with its size each time; LSCOREDB_DAMAGED is thrown when it
-// leads out of it.
+// An image in place that was valid once, in a file that may be damaged meanwhile. So each offset is
+// compared with the size; LSCOREDB_DAMAGED is thrown when it leads outside.
 class RowImage {
  public:
   // REQUIRES: all of its head is there; for what follows behind `commit`, Validate held.
@@ -49,10 +48,10 @@ class RowImage {
   std::uint64_t Fixed(Layout const& layout, Column const& column) const {
     return FixedAt(FixedOffset(layout) + 8 * CountBelow(column.bit));
   }
-  std::uint64_t FixedAt(std::size_t place) const {
-    if (place + sizeof(std::uint64_t) > size_) [[unlikely]]
+  std::uint64_t FixedAt(std::size_t offset) const {
+    if (offset + sizeof(std::uint64_t) > size_) [[unlikely]]
       ThrowDamaged();
-    return Load<std::uint64_t>(bytes_ + place);
+    return Load<std::uint64_t>(bytes_ + offset);
   }
   // How many bits are set. Inline, since the instruction for it cannot be taken for granted and the
   // compiler would call a function.

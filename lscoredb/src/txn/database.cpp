@@ -26,12 +26,12 @@ constexpr mode_t kDirectoryMode = 0750;
 
 // Of a directory, or of the URL of a server, and of the process: what was open before a fork is the
 // parent's.
-using PlaceId = std::tuple<pid_t, dev_t, ino_t, std::string>;
+using DatabaseKey = std::tuple<pid_t, dev_t, ino_t, std::string>;
 
 // What this process has open. Held over the opening of a directory, so that none is opened twice.
 struct Registry {
   std::mutex mutex;
-  std::map<PlaceId, std::weak_ptr<Database>> open;
+  std::map<DatabaseKey, std::weak_ptr<Database>> open;
 };
 
 // Outlives all static objects that may hold databases. Null until it is asked for, and again in a
@@ -64,7 +64,7 @@ void MakeDirectories(std::string const& path, bool sync) {
   }
 }
 
-PlaceId IdOf(std::string const& path) {
+DatabaseKey IdOf(std::string const& path) {
   struct stat status {};
   if (stat(path.c_str(), &status) != 0) ThrowCannotOpen(path, errno);
   if (!S_ISDIR(status.st_mode)) ThrowCannotOpen(path, ENOTDIR);
@@ -77,14 +77,14 @@ void ForgetClosed(Registry& registry) {
 
 // Null when the directory is not open. A directory that was removed while it was open may have left
 // its place, and its number in the file system, to another one.
-std::shared_ptr<Database> FindOpen(Registry& registry, PlaceId const& id) {
+std::shared_ptr<Database> FindOpen(Registry& registry, DatabaseKey const& id) {
   auto const found = registry.open.find(id);
   std::shared_ptr<Database> database =
       found == registry.open.end() ? nullptr : found->second.lock();
   return database != nullptr && database->orphaned() ? nullptr : database;
 }
 
-std::shared_ptr<Database> OpenPlace(std::string const& path, StoreOptions options) {
+std::shared_ptr<Database> OpenNew(std::string const& path, StoreOptions options) {
   options.reserve_layouts = true;
   // The host may go to another working directory later.
   std::string const directory = IsServerUrl(path) ? "" : std::filesystem::absolute(path).string();
@@ -106,7 +106,7 @@ void Join(Database& database, StoreOptions const& options) {
 // Nobody else waits for a server meanwhile. Who opened the same one first shares what it opened.
 std::shared_ptr<Database> OpenServer(std::string const& url, StoreOptions const& options) {
   Registry& registry = TheRegistry();
-  PlaceId const id{getpid(), 0, 0, url};
+  DatabaseKey const id{getpid(), 0, 0, url};
   auto const find = [&] {
     std::lock_guard const lock(registry.mutex);
     ForgetClosed(registry);
@@ -114,7 +114,7 @@ std::shared_ptr<Database> OpenServer(std::string const& url, StoreOptions const&
   };
   std::shared_ptr<Database> database = find();
   if (database == nullptr) {
-    std::shared_ptr<Database> const opened = OpenPlace(url, options);
+    std::shared_ptr<Database> const opened = OpenNew(url, options);
     std::lock_guard const lock(registry.mutex);
     database = FindOpen(registry, id);
     if (database == nullptr) {
@@ -144,10 +144,10 @@ std::shared_ptr<Database> OpenDatabase(char const* directory, StoreOptions const
   std::lock_guard const lock(registry.mutex);
   if (options.access != Access::kRead) MakeDirectories(path, options.sync);
   ForgetClosed(registry);
-  PlaceId const id = IdOf(path);
+  DatabaseKey const id = IdOf(path);
   std::shared_ptr<Database> database = FindOpen(registry, id);
   if (database == nullptr) {
-    database = OpenPlace(path, options);
+    database = OpenNew(path, options);
     registry.open[id] = database;
     return database;
   }

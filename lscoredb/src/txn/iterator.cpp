@@ -141,7 +141,7 @@ void Iterator::FetchAhead() {
   if (!has_committed_) return;
   if (steps_++ % kStepsPerLook == 1) reading_ = source_.rows->Find(given_) != nullptr;
   if (!reading_) return;
-  source_.shared_rows->FetchPlace(committed_.Guess(kPlacesAhead, !reverse_));
+  source_.shared_rows->PrefetchSlot(committed_.Guess(kSlotsAhead, !reverse_));
   source_.shared_rows->FetchRow(committed_.Guess(kRowsAhead, !reverse_));
 }
 

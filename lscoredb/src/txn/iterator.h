@@ -69,7 +69,7 @@ class Iterator {
   void StepPending();
   void FetchAhead();
 
-  static constexpr std::size_t kPlacesAhead = 8;
+  static constexpr std::size_t kSlotsAhead = 8;
   static constexpr std::size_t kRowsAhead = 4;
   static constexpr std::uint32_t kStepsPerLook = 32;
 

@@ -17,11 +17,11 @@ Watch::~Watch() { Set(before_); }
 
 void Watch::Set(Watch* watch) {
   present = watch;
-  lscoredb_watch(watch == nullptr ? nullptr : &Watch::Tell, watch);
+  lscoredb_watch(watch == nullptr ? nullptr : &Watch::Report, watch);
 }
 
 // No exception may cross the database's own code.
-std::uint32_t Watch::Tell(void* self, std::uint64_t done, std::uint64_t total) {
+std::uint32_t Watch::Report(void* self, std::uint64_t done, std::uint64_t total) {
   try {
     CheckInterrupt();
     WatchReport const& report = static_cast<Watch*>(self)->report_;

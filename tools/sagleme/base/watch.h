@@ -21,7 +21,7 @@ class Watch {
   Watch& operator=(Watch const&) = delete;
 
  private:
-  static std::uint32_t Tell(void* self, std::uint64_t done, std::uint64_t total);
+  static std::uint32_t Report(void* self, std::uint64_t done, std::uint64_t total);
   static void Set(Watch* watch);
 
   WatchReport report_;

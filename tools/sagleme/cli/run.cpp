@@ -26,7 +26,7 @@ Exit ExitOf(sagleme::Failure::Kind kind) {
 
 }  // namespace
 
-void TellFailure(Output const& output, std::string const& what, std::string const& advice) {
+void ReportFailure(Output const& output, std::string const& what, std::string const& advice) {
   output.Note(fmt::format("sagleme: {}\n", what));
   if (!advice.empty()) output.Note(fmt::format("  {}\n", advice));
 }
@@ -37,10 +37,10 @@ Exit Guarded(Output const& output, std::function<Exit()> const& work) {
     output.Flush();
     return exit;
   } catch (Failure const& failure) {
-    TellFailure(output, failure.what(), failure.advice());
+    ReportFailure(output, failure.what(), failure.advice());
     return failure.exit();
   } catch (sagleme::Failure const& failure) {
-    TellFailure(output, failure.what(), failure.advice());
+    ReportFailure(output, failure.what(), failure.advice());
     return ExitOf(failure.kind());
   } catch (OutputClosed const&) {
     throw;
@@ -48,9 +48,9 @@ Exit Guarded(Output const& output, std::function<Exit()> const& work) {
     throw;
   } catch (sagleme::Error const& error) {
     if (error.status() == LSCOREDB_STOPPED) throw Interrupted();
-    TellFailure(output, fmt::format("{} (status {})", error.what(), error.status()), "");
+    ReportFailure(output, fmt::format("{} (status {})", error.what(), error.status()), "");
   } catch (std::exception const& error) {
-    TellFailure(output, error.what(), "");
+    ReportFailure(output, error.what(), "");
   }
   return Exit::kRefused;
 }

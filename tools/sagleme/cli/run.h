@@ -10,7 +10,7 @@
 
 namespace tool {
 
-void TellFailure(Output const& output, std::string const& what, std::string const& advice);
+void ReportFailure(Output const& output, std::string const& what, std::string const& advice);
 
 // Runs `work` and flushes the output; what either throws is told, and becomes an exit status.
 // OutputClosed and Interrupted pass.

@@ -83,8 +83,8 @@ class Import : public Command {
   sagleme::TablePtr FindTable(Session& session) const;
   void ImportRows(Session& session, sagleme::Table const& table, RowSource& rows,
                   sagleme::ImportOptions const& options, sagleme::ImportResult& result) const;
-  std::string Place(sagleme::FilePlace place) const {
-    return fmt::format("{}:{}:{}", file_, place.line, place.column);
+  std::string Location(sagleme::FileLocation location) const {
+    return fmt::format("{}:{}:{}", file_, location.line, location.column);
   }
   bool InOne(Session const& session) const { return atomic_ || session.in_transaction(); }
   std::string AdviceFor(Session const& session, sagleme::ImportResult const& result) const;
@@ -108,8 +108,8 @@ void Rejects::Add(RowSource const& rows, BadRow const& bad) {
   }
   file_ << rows.raw();
   Check();
-  output_.Note(
-      fmt::format("{}:{}:{}: {}\n", input_, bad.place().line, bad.place().column, bad.what()));
+  output_.Note(fmt::format("{}:{}:{}: {}\n", input_, bad.location().line, bad.location().column,
+                           bad.what()));
 }
 
 void Rejects::Check() {
@@ -138,7 +138,8 @@ std::unique_ptr<RowSource> Import::OpenRowsOf(std::istream& input) const {
   try {
     return sagleme::OpenRows(input, Format());
   } catch (BadRow const& bad) {
-    throw Failure(Exit::kProblem, fmt::format("{}: {}", Place(bad.place()), bad.what()), kNothing);
+    throw Failure(Exit::kProblem, fmt::format("{}: {}", Location(bad.location()), bad.what()),
+                  kNothing);
   } catch (sagleme::Failure const& failure) {
     throw sagleme::Failure(failure.kind(), fmt::format("{}: {}", file_, failure.what()),
                            failure.advice().empty() ? kNothing : failure.advice());
@@ -170,7 +171,7 @@ std::string Import::AdviceFor(Session const& session, sagleme::ImportResult cons
 // A name that is wrong is wrong in every row, and a bad row may be one of many.
 std::string Import::AdviceFor(BadRow const& bad, sagleme::Table const& table,
                               RowSource const& rows) const {
-  if (!rows.has_heading() || bad.place().line != 1) {
+  if (!rows.has_heading() || bad.location().line != 1) {
     return reject_.empty() ? " --reject FILE collects bad rows and imports the others." : "";
   }
   std::vector<std::string> columns;
@@ -200,7 +201,7 @@ Exit Import::Run(Session& session, Output& output) {
   try {
     ImportRows(session, *table, *rows, options, result);
   } catch (BadRow const& bad) {
-    throw Failure(Exit::kProblem, fmt::format("{}: {}", Place(bad.place()), bad.what()),
+    throw Failure(Exit::kProblem, fmt::format("{}: {}", Location(bad.location()), bad.what()),
                   AdviceFor(session, result) + AdviceFor(bad, *table, *rows));
   } catch (sagleme::Failure const& failure) {
     throw sagleme::Failure(failure.kind(), fmt::format("{}: {}", file_, failure.what()),

@@ -148,7 +148,7 @@ void Search::ChoosePath() {
        at = at->base.empty() ? nullptr : transaction_.table(at->base)) {
     for (sagleme::Index const& index : at->indexes) {
       IndexPath path = PathThrough(index);
-      // For its order alone an index is walked where it holds nothing but this table.
+      // For its order alone an index is scanned where it holds nothing but this table.
       bool const useful = path.bound != 0 || (path.ordered && at == request_.table);
       bool const better = !path_ || path.bound > path_->bound ||
                           (path.bound == path_->bound && path.ordered && !path_->ordered);
@@ -185,7 +185,7 @@ bool Search::Wanted(sagleme::Object const& object) const {
   });
 }
 
-void Search::Walk(std::function<bool(sagleme::Object const&)> const& each) const {
+void Search::Scan(std::function<bool(sagleme::Object const&)> const& each) const {
   sagleme::Range range = Open();
   while (auto const object = range.Next()) {
     CheckInterrupt();
@@ -195,10 +195,10 @@ void Search::Walk(std::function<bool(sagleme::Object const&)> const& each) const
 }
 
 // Keeps the objects that come first: a heap with the last of them on top.
-void Search::WalkSorted(std::function<void(sagleme::Object const&)> const& each) const {
+void Search::ScanSorted(std::function<void(sagleme::Object const&)> const& each) const {
   Before const before(request_.order);
   std::vector<SortKey> kept;
-  Walk([&](sagleme::Object const& object) {
+  Scan([&](sagleme::Object const& object) {
     SortKey key{{}, object.id()};
     for (OrderKey const& order : request_.order) {
       key.values.push_back(object.Get(*request_.table, *order.column));
@@ -221,9 +221,9 @@ void Search::WalkSorted(std::function<void(sagleme::Object const&)> const& each)
 void Search::ForEach(std::function<void(sagleme::Object const&)> const& each) const {
   if (request_.limit == 0) return;
   bool const sorted = request_.order.empty() || (path_ && path_->ordered);
-  if (!sorted) return WalkSorted(each);
+  if (!sorted) return ScanSorted(each);
   std::uint64_t count = 0;
-  Walk([&](sagleme::Object const& object) {
+  Scan([&](sagleme::Object const& object) {
     each(object);
     return ++count < request_.limit;
   });

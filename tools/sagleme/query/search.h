@@ -3,7 +3,7 @@
 
 // The objects of a table that meet conditions, in an order.
 //
-// An index is walked where its first columns are bound by conditions, or where it gives the order
+// An index is scanned where its first columns are bound by conditions, or where it gives the order
 // that is wanted; what it delivers is held against all conditions. Without one the whole table is
 // read. An order that no index gives is made in memory, of no more objects than the limit.
 
@@ -53,7 +53,7 @@ class Search {
     bool upper_is_prefix = false;  // of a text
     std::size_t bound = 0;         // conditions on columns that the index answers
     sagleme::Direction direction = sagleme::Direction::kForward;
-    bool ordered = false;  // the walk gives the order wanted
+    bool ordered = false;  // the scan gives the order wanted
   };
 
   IndexPath PathThrough(sagleme::Index const& index) const;
@@ -63,8 +63,8 @@ class Search {
   void ChoosePath();
   sagleme::Range Open() const;
   bool Wanted(sagleme::Object const& object) const;
-  void Walk(std::function<bool(sagleme::Object const&)> const& each) const;
-  void WalkSorted(std::function<void(sagleme::Object const&)> const& each) const;
+  void Scan(std::function<bool(sagleme::Object const&)> const& each) const;
+  void ScanSorted(std::function<void(sagleme::Object const&)> const& each) const;
 
   sagleme::Transaction& transaction_;
   SearchRequest request_;

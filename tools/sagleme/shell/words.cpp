@@ -131,32 +131,32 @@ Names FileNames(std::string const& begun) {
 }
 
 // What stands before the word that is to be completed.
-struct Place {
+struct WordContext {
   std::vector<std::string> arguments;  // behind the command, without options and their values
   std::string option;                  // whose value the word is; empty when it is none's
 };
 
-Place PlaceIn(CLI::App const& app, std::vector<std::string> const& words) {
-  Place place;
+WordContext ContextOf(CLI::App const& app, std::vector<std::string> const& words) {
+  WordContext context;
   for (std::size_t i = 1; i < words.size(); ++i) {
-    std::string const option = std::exchange(place.option, "");
+    std::string const option = std::exchange(context.option, "");
     if (!words[i].starts_with("--")) {
-      if (option.empty()) place.arguments.push_back(words[i]);
+      if (option.empty()) context.arguments.push_back(words[i]);
       continue;
     }
     CLI::Option const* const declared = app.get_option_no_throw(words[i]);
-    if (declared != nullptr && declared->get_expected_max() != 0) place.option = words[i];
+    if (declared != nullptr && declared->get_expected_max() != 0) context.option = words[i];
   }
-  return place;
+  return context;
 }
 
 // The name of the argument that comes next; the last one where it takes several.
-std::string ArgumentAt(CLI::App const& app, std::size_t place) {
+std::string ArgumentAt(CLI::App const& app, std::size_t position) {
   std::string name;
   for (CLI::Option const* const option : app.get_options()) {
     if (!option->get_positional()) continue;
     name = option->get_name(true);
-    if (place-- == 0) return name;
+    if (position-- == 0) return name;
     if (option->get_expected_max() <= 1) name.clear();
   }
   return name;
@@ -192,11 +192,11 @@ Names WordsBehind(Session& session, std::vector<std::string> const& words,
     if (command->name() != name) continue;
     CLI::App const& app = *Attach(parser, *command, output, nullptr);
     if (begun.starts_with('-')) return OptionNames(app);
-    Place const place = PlaceIn(app, words);
-    bool const has_table = ArgumentAt(app, 0) == "TABLE" && !place.arguments.empty();
-    std::u16string const table = has_table ? sagleme::ToUtf16(place.arguments[0]) : u"";
-    if (!place.option.empty()) return ValuesOf(place.option, begun, session, table);
-    return Arguments(ArgumentAt(app, place.arguments.size()), begun, session, table);
+    WordContext const context = ContextOf(app, words);
+    bool const has_table = ArgumentAt(app, 0) == "TABLE" && !context.arguments.empty();
+    std::u16string const table = has_table ? sagleme::ToUtf16(context.arguments[0]) : u"";
+    if (!context.option.empty()) return ValuesOf(context.option, begun, session, table);
+    return Arguments(ArgumentAt(app, context.arguments.size()), begun, session, table);
   }
   return {};
 }

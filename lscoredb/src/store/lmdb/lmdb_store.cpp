@@ -362,7 +362,7 @@ std::unique_ptr<Snapshot> LmdbStore::BeginVerified(FaultReport const& report) {
   pages::Header header;
   std::unique_ptr<LmdbSnapshot> snapshot =
       given_up() || read_only() ? BeginBesideWriters(&header) : BeginWithHeader(&header);
-  WalkPages(FileOf(env_), header, PageDepth::kAll,
+  ScanPages(FileOf(env_), header, PageDepth::kAll,
             [&](PageFault const& fault) { report(FaultOf(fault)); });
   return snapshot;
 }

@@ -28,7 +28,7 @@ class LmdbStore;
 class LmdbSnapshot final : public Snapshot {
  public:
   explicit LmdbSnapshot(LmdbStore const& store) : store_(store) {}
-  // Of the newest state, without a place in the table of readers: no one commits until it ends, by
+  // Of the newest state, without a slot in the table of readers: no one commits until it ends, by
   // the thread that made it. `writing` is an empty transaction for writing.
   LmdbSnapshot(LmdbStore const& store, MDB_txn* writing, WriteTurn turn);
   ~LmdbSnapshot() override;

@@ -32,10 +32,10 @@ char const* PageAt(char const* map, std::size_t page_size, std::uint64_t pages,
 
 // A node whose head lies inside of its page. REQUIRES: the page has as many.
 char const* NodeAt(char const* page, std::size_t page_size, std::size_t i) {
-  std::size_t const place = Load<std::uint16_t>(page + kPageHead + 2 * i);
-  if (place + kNodeHead > page_size) [[unlikely]]
+  std::size_t const offset = Load<std::uint16_t>(page + kPageHead + 2 * i);
+  if (offset + kNodeHead > page_size) [[unlikely]]
     ThrowDamaged();
-  return page + place;
+  return page + offset;
 }
 
 // Its key, which lies inside of its page too.

@@ -83,7 +83,7 @@ void PageGuard::Begin(std::uint64_t state) {
   if (!free_pages_hold_) {
     std::optional<Header> const header = FindHeader(file_, state);
     if (!header) ThrowDamaged();
-    WalkPages(file_, *header, PageDepth::kFreePages, [](auto const&) { ThrowDamaged(); });
+    ScanPages(file_, *header, PageDepth::kFreePages, [](auto const&) { ThrowDamaged(); });
     free_pages_hold_ = true;
   }
   ReadHeader(state);

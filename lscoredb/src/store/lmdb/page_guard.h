@@ -31,7 +31,7 @@ class PageGuard {
 
   // A batch on the state that commit `state` made. This and the other calls throw LSCOREDB_DAMAGED.
   void Begin(std::uint64_t state);
-  // Before `key` of a tree is read; before it is taken out, or walked from.
+  // Before `key` of a tree is read; before it is taken out, or scanned from.
   void Check(Tree tree, std::string_view key);
   void CheckAround(Tree tree, std::string_view key);
   // Before the first or the last key of a tree is looked for.

@@ -93,11 +93,11 @@ void CheckDataFile(char const* directory, bool others_write) {
 }
 
 void CheckPages(int file, pages::Header const& header, PageDepth depth) {
-  WalkPages(file, header, depth, ThrowDamaged);
+  ScanPages(file, header, depth, ThrowDamaged);
 }
 
 // A file may end early and be sound: pages at its end that nobody uses need not have been written.
-// So its pages are walked.
+// So its pages are scanned.
 bool CheckReadLength(int file, pages::Header const& header) {
   struct stat status {};
   if (fstat(file, &status) != 0) Throw(LSCOREDB_IO_ERROR);

@@ -7,7 +7,7 @@
 //   page    0  own number (8)      8  unused (2)    10  kind (2)
 //          12  end of the node table (2)            14  beginning of the nodes (2)
 //          12  instead, on overflow pages: number of pages in the run (4)
-//          16  node table: the place of each node (2 each), in key order
+//          16  node table: the offset of each node (2 each), in key order
 //   node    0  size of the value (4), or with kind (2) the number of a child page (6)
 //           4  kind of the value (2)                 6  size of the key (2)
 //           8  the key, then the value, or the number of the overflow page (8) that begins it

@@ -83,10 +83,10 @@ void StoreLocks::LineUp(std::string const& directory, std::uint32_t max_readers)
   MakeRoom(path, max_readers);
 }
 
-// The size stays as it is: the library reads from it how many readers there are places for. A file
+// The size stays as it is: the library reads from it how many readers it has slots for. A file
 // system that cannot reserve room is one that has it, or none at all.
 void StoreLocks::MakeRoom(std::string const& path, std::uint32_t max_readers) const {
-  constexpr off_t kLine = 64;  // bytes of a place, and as much as three before the first
+  constexpr off_t kLine = 64;  // bytes of a slot, and as much as three before the first
   struct stat status {};
   if (fstat(lock_file_, &status) != 0) ThrowCannotOpen(path, errno);
   off_t const needed = std::max(status.st_size, (off_t{max_readers} + 3) * kLine);
@@ -96,7 +96,7 @@ void StoreLocks::MakeRoom(std::string const& path, std::uint32_t max_readers) co
   }
 }
 
-void StoreLocks::LineUpWithoutPlace(std::string const& directory) {
+void StoreLocks::LineUpWithoutSlot(std::string const& directory) {
   std::string const refused = OpenError();
   std::string const path = directory + "/data.mdb";
   Enter(directory);

@@ -16,7 +16,7 @@
 //              kDurable     shared      who wants every commit synced, of whatever process
 //              kTurn        exclusive   who writes; WriteTurn
 //   data.mdb   kWriters     shared      who may write
-//              kFrozen      shared      who reads without a place in the table of readers
+//              kFrozen      shared      who reads without a slot in the table of readers
 //   directory  flock        exclusive   who is opening it, one at a time
 //
 // No one holds both kWriters and kFrozen while another holds the other one. For the store's own
@@ -45,11 +45,11 @@ class StoreLocks {
 
   // Whether no one else has the directory open. REQUIRES: lined up.
   bool alone() const;
-  // Lines up one who may not write the directory. He reads without a place in the table of readers,
+  // Lines up one who may not write the directory. He reads without a slot in the table of readers,
   // so no one writes until his end: throws LSCOREDB_CANNOT_OPEN when someone may do so.
-  void LineUpWithoutPlace(std::string const& directory);
+  void LineUpWithoutSlot(std::string const& directory);
   // Says that this process may write, through a descriptor of the data file. Throws
-  // LSCOREDB_CANNOT_OPEN while someone reads without a place. REQUIRES: lined up.
+  // LSCOREDB_CANNOT_OPEN while someone reads without a slot. REQUIRES: lined up.
   void BecomeWriter(std::string const& directory, int data_file);
   // Before the library closes that descriptor.
   void CeaseWriting() noexcept;
@@ -75,7 +75,7 @@ class StoreLocks {
 
   int directory_ = -1;
   int lock_file_ = -1;
-  int data_file_ = -1;     // of one without a place
+  int data_file_ = -1;     // of one without a slot
   int written_file_ = -1;  // the library's
   std::mutex turn_;        // among the threads of the process
 };

@@ -139,12 +139,12 @@ class DataFile {
   // REQUIRES: no one else has the directory open.
   void Make() const {
     Clear();  // of one who did not come to an end
-    std::string const place = Place();
+    std::string const scratch = Scratch();
     std::string const path = directory_ + "/data.mdb";
-    if (mkdir(place.c_str(), kDirectoryMode) != 0) ThrowCannotOpen(place, errno);
+    if (mkdir(scratch.c_str(), kDirectoryMode) != 0) ThrowCannotOpen(scratch, errno);
     try {
       Fill();
-      std::string const made = place + "/data.mdb";
+      std::string const made = scratch + "/data.mdb";
       if (rename(made.c_str(), path.c_str()) != 0) ThrowCannotOpen(path, errno);
     } catch (...) {
       Clear();
@@ -157,11 +157,11 @@ class DataFile {
  private:
   void Fill() const;
 
-  std::string Place() const { return directory_ + "/data.new"; }
+  std::string Scratch() const { return directory_ + "/data.new"; }
   void Clear() const noexcept {
-    std::string const place = Place();
-    unlink((place + "/data.mdb").c_str());
-    rmdir(place.c_str());
+    std::string const scratch = Scratch();
+    unlink((scratch + "/data.mdb").c_str());
+    rmdir(scratch.c_str());
   }
 
   std::string const directory_;
@@ -195,20 +195,20 @@ class StoreOpener {
     return store;
   }
 
-  // `place`: in the table of readers. Without one, no one writes until the store is closed.
+  // `slot`: in the table of readers. Without one, no one writes until the store is closed.
   static std::unique_ptr<LmdbStore> OpenToRead(char const* path, StoreOptions const& options,
-                                               bool place) {
+                                               bool slot) {
     std::unique_ptr<LmdbStore> store(new LmdbStore);
     store->read_only_ = true;
-    if (place) {
+    if (slot) {
       store->locks_.LineUp(path, options.max_readers);
     } else {
-      store->locks_.LineUpWithoutPlace(path);
+      store->locks_.LineUpWithoutSlot(path);
     }
-    CheckDataFile(path, place && !store->locks_.alone());
-    unsigned const flags = place ? 0u : unsigned{MDB_NOLOCK};
+    CheckDataFile(path, slot && !store->locks_.alone());
+    unsigned const flags = slot ? 0u : unsigned{MDB_NOLOCK};
     store->env_ = OpenLibrary(path, options, flags | MDB_RDONLY);
-    if (place) {
+    if (slot) {
       store->files_ = FilesOf(store->env_, store->locks_.lock_file());
       store->locks_.TakeOver(store->env_);
     } else {
@@ -350,7 +350,7 @@ class StoreOpener {
 
 void DataFile::Fill() const {
   unsigned const flags = MDB_NOLOCK | (sync_ ? 0u : unsigned{MDB_NOSYNC});
-  MDB_env* const env = StoreOpener::OpenLibrary(Place().c_str(), options_, flags);
+  MDB_env* const env = StoreOpener::OpenLibrary(Scratch().c_str(), options_, flags);
   try {
     StoreOpener::MakeTrees(env);
   } catch (...) {

@@ -31,7 +31,7 @@ char const* Page::Load(std::uint64_t number, std::size_t page_size, bool leaf,
   count_ = (lower - kPageHead) / 2;
   std::size_t used = 0;
   for (std::size_t i = 0; i < count_; ++i) {
-    std::size_t const size = Place(i) < upper ? 0 : NodeSize(Place(i));
+    std::size_t const size = Offset(i) < upper ? 0 : NodeSize(Offset(i));
     if (size == 0) return "an entry lies outside of it";
     used += size;
   }
@@ -55,7 +55,7 @@ std::size_t Page::NodeSize(std::size_t at) const {
 }
 
 Node Page::At(std::size_t i) const {
-  char const* const at = bytes_.data() + Place(i);
+  char const* const at = bytes_.data() + Offset(i);
   Node node;
   node.key = {at + kNodeHead, lscore::Load<std::uint16_t>(at + 6)};
   if (leaf_) {

@@ -17,7 +17,7 @@ struct Bounds {
   std::string_view high;
 };
 
-// One node of a page; Page::Load has looked at its places.
+// One node of a page; Page::Load has looked at its offsets.
 struct Node {
   std::string_view key;
   std::uint16_t value_kind = 0;
@@ -38,7 +38,7 @@ class Page {
 
  private:
   std::uint16_t Short(std::size_t at) const;
-  std::size_t Place(std::size_t i) const { return Short(kPageHead + 2 * i); }
+  std::size_t Offset(std::size_t i) const { return Short(kPageHead + 2 * i); }
   // The bytes that a node takes, 0 when it does not fit into the page.
   std::size_t NodeSize(std::size_t at) const;
 

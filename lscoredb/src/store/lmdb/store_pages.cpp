@@ -35,9 +35,9 @@ std::uint64_t PagesOf(int file, Header const& header) {
   return std::min(whole, header.last_page + 1);
 }
 
-class Walk {
+class PageScan {
  public:
-  Walk(int file, Header const& header, PageDepth depth, PageReport const& report)
+  PageScan(int file, Header const& header, PageDepth depth, PageReport const& report)
       : file_(file),
         header_(header),
         depth_(depth),
@@ -48,7 +48,7 @@ class Walk {
   void Run();
 
  private:
-  // What the walk of one tree has met, against what the tree's record says.
+  // What the scan of one tree has met, against what the tree's record says.
   struct Met {
     std::uint64_t branch_pages = 0;
     std::uint64_t leaf_pages = 0;
@@ -56,17 +56,17 @@ class Walk {
     std::uint64_t entries = 0;
   };
 
-  void WalkTree(std::string_view name, TreeRecord const& tree);
-  void WalkPage(std::uint64_t number, std::uint16_t levels, Bounds bounds);
+  void ScanTree(std::string_view name, TreeRecord const& tree);
+  void ScanPage(std::uint64_t number, std::uint16_t levels, Bounds bounds);
   bool LoadPage(std::uint64_t number, std::uint16_t levels, Bounds bounds, std::string& bytes,
                 Page& page);
-  void WalkChildren(Page const& page, std::uint16_t levels, Bounds bounds);
-  void WalkLeaf(Page const& page, Bounds bounds);
-  void WalkValue(Node const& node);
+  void ScanChildren(Page const& page, std::uint16_t levels, Bounds bounds);
+  void ScanLeaf(Page const& page, Bounds bounds);
+  void ScanValue(Node const& node);
   // The value's bytes, wherever they are; false when they cannot be read.
-  bool WalkOverflow(Node const& node, std::string* bytes);
-  void WalkFreePages(std::string_view key, std::string_view list);
-  void WalkNamedTree(Node const& node);
+  bool ScanOverflow(Node const& node, std::string* bytes);
+  void ScanFreePages(std::string_view key, std::string_view list);
+  void ScanNamedTree(Node const& node);
   bool Take(std::uint64_t first, std::uint64_t count);
   bool TakeFree(std::uint64_t number);
   // A new file ends with its headers.
@@ -74,7 +74,7 @@ class Walk {
     if (number < kHeaderPages) return true;
     return number < seen_.size() ? seen_[number] : seen_behind_.contains(number);
   }
-  void Tell(char const* what, Bounds bounds = {}) {
+  void Report(char const* what, Bounds bounds = {}) {
     ++faults_;
     report_({name_, bounds.low, bounds.high, what});
   }
@@ -93,121 +93,121 @@ class Walk {
   WatchedWork work_;
 };
 
-void Walk::Run() {
-  if (depth_ == PageDepth::kFreePages) return WalkTree(pages::kFreeTreeName, header_.free);
-  WalkTree("trees", header_.trees);
+void PageScan::Run() {
+  if (depth_ == PageDepth::kFreePages) return ScanTree(pages::kFreeTreeName, header_.free);
+  ScanTree("trees", header_.trees);
   for (KnownTree const& known : kKnownTrees) {
     auto const at = std::find_if(named_.begin(), named_.end(),
                                  [&](auto const& one) { return one.first == known.name; });
     name_ = known.name;
     if (at == named_.end()) {
       bool const fresh = header_.commit == 0;  // its creation is still to be committed
-      if (depth_ == PageDepth::kAll && !fresh) Tell("it is not there");
+      if (depth_ == PageDepth::kAll && !fresh) Report("it is not there");
     } else if (at->second.key_kind != known.key_kind) {
-      Tell("its record has keys of another kind");
+      Report("its record has keys of another kind");
     } else {
-      WalkTree(known.name, at->second);
+      ScanTree(known.name, at->second);
     }
   }
-  WalkTree(pages::kFreeTreeName, header_.free);
+  ScanTree(pages::kFreeTreeName, header_.free);
   if (depth_ == PageDepth::kAll && faults_ == 0 && !IsTaken(header_.last_page)) {
     name_ = {};
-    Tell("its last page is not one that anything uses");
+    Report("its last page is not one that anything uses");
   }
 }
 
-void Walk::WalkTree(std::string_view name, TreeRecord const& tree) {
+void PageScan::ScanTree(std::string_view name, TreeRecord const& tree) {
   name_ = name;
   tree_ = &tree;
   met_ = {};
   if (tree.root == kNoPage) {
-    if (tree.depth != 0 || tree.entries != 0) Tell("its record contradicts itself");
+    if (tree.depth != 0 || tree.entries != 0) Report("its record contradicts itself");
     return;
   }
-  if (tree.depth == 0 || tree.depth > kMaxDepth) return Tell("its record contradicts itself");
+  if (tree.depth == 0 || tree.depth > kMaxDepth) return Report("its record contradicts itself");
   std::uint64_t const before = faults_;
-  WalkPage(tree.root, tree.depth, {});
+  ScanPage(tree.root, tree.depth, {});
   if (depth_ == PageDepth::kRoots && (name != "trees" || tree.depth > 1)) return;
   bool const same = met_.branch_pages == tree.branch_pages && met_.leaf_pages == tree.leaf_pages &&
                     met_.overflow_pages == tree.overflow_pages && met_.entries == tree.entries;
-  if (faults_ == before && !same) Tell("it does not have the size that its record says");
+  if (faults_ == before && !same) Report("it does not have the size that its record says");
 }
 
 // `levels` is the height of what stands below the page and itself.
-void Walk::WalkPage(std::uint64_t number, std::uint16_t levels, Bounds bounds) {
+void PageScan::ScanPage(std::uint64_t number, std::uint16_t levels, Bounds bounds) {
   std::string bytes;
   Page page;
   if (!LoadPage(number, levels, bounds, bytes, page)) return;
   bool const leaf = levels == 1;
   ++(leaf ? met_.leaf_pages : met_.branch_pages);
   if (!KeysHold(page, leaf, tree_->key_kind, bounds))
-    return Tell("its keys are out of order", bounds);
+    return Report("its keys are out of order", bounds);
   if (leaf) {
-    WalkLeaf(page, bounds);
+    ScanLeaf(page, bounds);
   } else if (depth_ != PageDepth::kRoots) {
-    WalkChildren(page, levels, bounds);
+    ScanChildren(page, levels, bounds);
   }
 }
 
-bool Walk::LoadPage(std::uint64_t number, std::uint16_t levels, Bounds bounds, std::string& bytes,
-                    Page& page) {
+bool PageScan::LoadPage(std::uint64_t number, std::uint16_t levels, Bounds bounds,
+                        std::string& bytes, Page& page) {
   if (!Take(number, 1)) {
-    Tell("it lies outside of the file, or is used twice", bounds);
+    Report("it lies outside of the file, or is used twice", bounds);
     return false;
   }
   ReadAt(file_, number * header_.page_size, header_.page_size, bytes);
   char const* const broken = page.Load(number, header_.page_size, levels == 1, bytes);
   std::size_t const fewest = levels == 1 || name_ == pages::kFreeTreeName ? 1 : 2;
   if (broken == nullptr && page.count() >= fewest) return true;
-  Tell(broken != nullptr ? broken : "it has too few entries", bounds);
+  Report(broken != nullptr ? broken : "it has too few entries", bounds);
   return false;
 }
 
-void Walk::WalkChildren(Page const& page, std::uint16_t levels, Bounds bounds) {
+void PageScan::ScanChildren(Page const& page, std::uint16_t levels, Bounds bounds) {
   for (std::size_t i = 0; i < page.count(); ++i) {
     Bounds const own{i == 0 ? bounds.low : page.At(i).key,
                      i + 1 == page.count() ? bounds.high : page.At(i + 1).key};
-    WalkPage(page.At(i).child, static_cast<std::uint16_t>(levels - 1), own);
+    ScanPage(page.At(i).child, static_cast<std::uint16_t>(levels - 1), own);
   }
 }
 
-void Walk::WalkLeaf(Page const& page, Bounds bounds) {
+void PageScan::ScanLeaf(Page const& page, Bounds bounds) {
   met_.entries += page.count();
   for (std::size_t i = 0; i < page.count(); ++i) {
     Node const node = page.At(i);
     bool const names = name_ == "trees";
     if (names && node.value_kind == kValueIsTree && node.value_size == kTreeSize) {
-      WalkNamedTree(node);
+      ScanNamedTree(node);
     } else if (node.value_kind > kValueOnOverflow) {
-      return Tell("an entry is of another kind", bounds);
+      return Report("an entry is of another kind", bounds);
     } else if (depth_ != PageDepth::kRoots || (!names && name_ != pages::kFreeTreeName)) {
-      WalkValue(node);
+      ScanValue(node);
     }
   }
 }
 
-void Walk::WalkNamedTree(Node const& node) {
+void PageScan::ScanNamedTree(Node const& node) {
   bool const known = std::any_of(std::begin(kKnownTrees), std::end(kKnownTrees),
                                  [&](KnownTree const& tree) { return tree.name == node.key; });
-  if (!known && depth_ == PageDepth::kAll) Tell("it holds a tree of another name");
+  if (!known && depth_ == PageDepth::kAll) Report("it holds a tree of another name");
   named_.emplace_back(std::string(node.key), ReadTree(node.value));
 }
 
-void Walk::WalkValue(Node const& node) {
+void PageScan::ScanValue(Node const& node) {
   bool const free = name_ == pages::kFreeTreeName;
   std::string overflow;
   std::string_view value(node.value, node.value_kind == kPlainValue ? node.value_size : 0);
-  if (name_ == "trees") return Tell("it holds something that is no tree");
+  if (name_ == "trees") return Report("it holds something that is no tree");
   if (node.value_kind == kValueOnOverflow) {
-    if (!WalkOverflow(node, free ? &overflow : nullptr)) {
-      return Tell("a value on pages of its own cannot be read", {node.key, node.key});
+    if (!ScanOverflow(node, free ? &overflow : nullptr)) {
+      return Report("a value on pages of its own cannot be read", {node.key, node.key});
     }
     value = overflow;
   }
-  if (free) WalkFreePages(node.key, value);
+  if (free) ScanFreePages(node.key, value);
 }
 
-bool Walk::WalkOverflow(Node const& node, std::string* bytes) {
+bool PageScan::ScanOverflow(Node const& node, std::string* bytes) {
   auto const first = Load<std::uint64_t>(node.value);
   std::uint64_t const needed = (kPageHead - 1 + node.value_size) / header_.page_size + 1;
   if (first < kHeaderPages || first > header_.last_page) return false;
@@ -229,25 +229,25 @@ bool Walk::WalkOverflow(Node const& node, std::string* bytes) {
 }
 
 // A count and as many page numbers, falling, that the commit named by the key has left.
-void Walk::WalkFreePages(std::string_view key, std::string_view list) {
+void PageScan::ScanFreePages(std::string_view key, std::string_view list) {
   auto const commit = Load<std::uint64_t>(key.data());
   std::size_t const room = list.size() / sizeof(std::uint64_t);
   std::uint64_t const count = room == 0 ? 0 : Load<std::uint64_t>(list.data());
   if (room == 0 || count >= room || commit == 0 || commit > header_.commit) {
-    return Tell("a list of free pages contradicts itself");
+    return Report("a list of free pages contradicts itself");
   }
   std::uint64_t above = kNoPage;
   for (std::uint64_t i = 1; i <= count; ++i) {
     auto const number = Load<std::uint64_t>(list.data() + i * sizeof(std::uint64_t));
     if (number >= above || !TakeFree(number)) {
-      return Tell("a list of free pages names one that is in use");
+      return Report("a list of free pages names one that is in use");
     }
     above = number;
   }
 }
 
 // Whether the pages are there and nobody had them before.
-bool Walk::Take(std::uint64_t first, std::uint64_t count) {
+bool PageScan::Take(std::uint64_t first, std::uint64_t count) {
   if (first < kHeaderPages || first > header_.last_page) return false;
   if (first >= seen_.size() || count > seen_.size() - first) return false;
   for (std::uint64_t number = first; number < first + count; ++number) {
@@ -258,15 +258,15 @@ bool Walk::Take(std::uint64_t first, std::uint64_t count) {
   return true;
 }
 
-bool Walk::TakeFree(std::uint64_t number) {
+bool PageScan::TakeFree(std::uint64_t number) {
   if (number < seen_.size()) return Take(number, 1);
   return number <= header_.last_page && seen_behind_.insert(number).second;
 }
 
 }  // namespace
 
-void WalkPages(int file, Header const& header, PageDepth depth, PageReport const& report) {
-  Walk(file, header, depth, report).Run();
+void ScanPages(int file, Header const& header, PageDepth depth, PageReport const& report) {
+  PageScan(file, header, depth, report).Run();
 }
 
 }  // namespace lscore

@@ -3,7 +3,7 @@
 
 // Reads the pages of a data file by itself and looks whether they hold together. What reads and
 // writes later looks only at what it follows (mapped_state.h, page_guard.h), and does not notice an
-// entry that it was not led to; after a walk of these over a state, none is missing.
+// entry that it was not led to; after a scan of these over a state, none is missing.
 //
 // Everything is read through the file's descriptor, never through the map: a file that is cut
 // meanwhile reads short here, where a touch of the map would end the process. For the store's own
@@ -28,7 +28,7 @@ struct PageFault {
   char const* what;
 };
 
-// Is told of each fault. It may throw, which ends the walk.
+// Receives each fault. It may throw, which ends the scan.
 using PageReport = std::function<void(PageFault const&)>;
 
 // The beginning of the file, which says where its trees are: two records of the last two commits.
@@ -42,9 +42,9 @@ enum class PageDepth {
   kAll,        // each page that is in use, and the list of those that are not
 };
 
-// Walks the state that the header describes.
+// Scans the state that the header describes.
 // REQUIRES: a reader of that state is open, or no one writes, so that its pages stay.
-void WalkPages(int file, pages::Header const& header, PageDepth depth, PageReport const& report);
+void ScanPages(int file, pages::Header const& header, PageDepth depth, PageReport const& report);
 
 }  // namespace lscore
 

@@ -116,10 +116,10 @@ bool MemoryTree::EnterPage(KeyValue const& entry, EntryPage* page) const {
   auto const after = pages_.upper_bound(entry.key);
   if (after == pages_.begin()) return false;
   auto const& [first, found] = *std::prev(after);
-  auto const place = std::distance(entries_.find(first), entries_.find(entry.key));
+  auto const position = std::distance(entries_.find(first), entries_.find(entry.key));
   std::size_t const slots = found.bytes.size() - 2 * found.offsets.size();
   return page->Enter(found.bytes.data(), found.bytes.size(), slots, found.offsets.size(),
-                     found.offsets[static_cast<std::size_t>(place)]);
+                     found.offsets[static_cast<std::size_t>(position)]);
 }
 
 // ---- batches -----------------------------------------------------------------------------------

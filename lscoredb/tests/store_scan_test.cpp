@@ -1,4 +1,4 @@
-// Walks over a snapshot, which step through pages by themselves, beside walks over a batch, which
+// Scans over a snapshot, which step through pages by themselves, beside scans over a batch, which
 // the store's library makes.
 
 #include <gtest/gtest.h>
