@@ -3,9 +3,9 @@
 
 /*
  * Part of the host's side of the kernel, see <lscoredb/host.h>: the key for which a unique index
- * refused a commit. A duplicate is mostly refused by the write that makes it, where the host knows
- * what it was about to write. At commit it is refused when another transaction took the key since,
- * or when it came while a scan was open.
+ * refused a commit. A duplicate is usually refused by the write that makes it, where the host knows
+ * what it was about to write. The commit refuses one if another transaction took the key since, or
+ * if it was written while a scan was open.
  */
 
 #include <lscoredb/lscoredb.h>
@@ -17,18 +17,18 @@ extern "C" {
 
 typedef struct lscoredb_refused_key {
   size_t size;     /* set to sizeof(lscoredb_refused_key) by the caller */
-  uint64_t index;  /* no longer there when the transaction created it */
+  uint64_t index;  /* gone if the transaction created it */
   uint64_t object; /* that the transaction wrote */
-  uint64_t holder; /* another one with the key: a committed one, or one of the transaction too */
-  /* As lorv_context_create_iterator takes it, with all columns of the index. Valid until the
-   * context's next transaction begins or it is closed. */
+  uint64_t holder; /* another object with the key, committed or of the same transaction */
+  /* In the form of lorv_context_create_iterator, with all columns of the index. Valid until the
+   * context begins its next transaction or is closed. */
   void const* key;
   uint64_t key_size; /* in bytes */
 } lscoredb_refused_key;
 
-/* Tells why the context's last lscoredb_commit gave LSCOREDB_DUPLICATE_KEY, until its next
- * transaction begins. Fields beyond `out->size` are not written. LSCOREDB_INVALID_ARGUMENT: it did
- * not give that, or a `size` that is none. */
+/* Gives the key for which the context's last lscoredb_commit returned LSCOREDB_DUPLICATE_KEY, until
+ * its next transaction begins. Fields beyond `out->size` are not written.
+ * LSCOREDB_INVALID_ARGUMENT: it did not return that, or `size` is invalid. */
 LSCOREDB_API uint32_t lscoredb_refused(uint64_t context, lscoredb_refused_key* out);
 
 #ifdef __cplusplus

@@ -2,15 +2,15 @@
 #define LSCOREDB_WATCH_H
 
 /*
- * How far long work of the embedded kernel is, and how it is stopped.
+ * The progress of long work in the embedded kernel, and how to stop it.
  *
  * A thread has at most one watch. It is called, in that thread, while the thread is in
- *  - lscoredb_check, and lscoredb_open with `verify` for the pages, with which a check begins too;
+ *  - lscoredb_check, and lscoredb_open with `verify` while it scans pages, as a check does first;
  *  - lscoredb_copy;
- *  - lorvi_context_create_index, while that reads the objects that are there.
- * What was stopped gives LSCOREDB_STOPPED and has changed nothing: a database is as it was, and a
- * transaction whose index was stopped goes on without that index. Of a copy that was stopped the
- * directory holds a part, as of any copy that failed, which is to be removed.
+ *  - lorvi_context_create_index, while it reads existing objects.
+ * Stopped work returns LSCOREDB_STOPPED and changes nothing: a database is as it was, and a
+ * transaction whose index was stopped continues without that index. A stopped copy, like any copy
+ * that failed, leaves a part of itself in the directory. Remove it.
  */
 
 #include <lscoredb/lscoredb.h>
@@ -24,12 +24,12 @@ extern "C" {
 #define LSCOREDB_STOPPED 9014u
 /* end of what tools/statuses generates */
 
-/* Is told that `done` of `total` is done; neither falls while a call lasts. `total` is 0 where it
- * is not known: then `done` counts objects. Anything but 0 stops the work. It is called often, so
- * it must be quick; it must not use the database, and not throw. */
+/* Receives the progress: `done` of `total`, neither of which decreases during a call. `total` is 0
+ * if it is unknown; `done` counts objects then. A result other than 0 stops the work. It is called
+ * often, so it must be quick. It must not use the database, and not throw. */
 typedef uint32_t (*lscoredb_watch_callback)(void* user, uint64_t done, uint64_t total);
 
-/* Sets the calling thread's watch; NULL takes it away. */
+/* Sets the calling thread's watch; NULL removes it. */
 LSCOREDB_API void lscoredb_watch(lscoredb_watch_callback watch, void* user);
 
 #ifdef __cplusplus

@@ -1,31 +1,31 @@
 #ifndef SAGLEME_CHECK_HPP
 #define SAGLEME_CHECK_HPP
 
-// The check of a database: what lscoredb_check finds in the kernel, told by table, and then the
-// catalogue by itself and against the kernel, and the objects against the catalogue.
+// The check of a database: the findings of lscoredb_check in the kernel, by table; then the
+// catalogue, alone and against the kernel; then the objects against the catalogue.
 //
 // Rules of the kernel's part, see lscoredb/host.h: pages, definition, layout, index, count, set
-// change, identity, object, entries. Of pages and definitions that are broken the rest is not
-// looked at, since it cannot be read then. Rules of the catalogue's part, each one function:
+// change, identity, object, entries. If pages or definitions are broken, nothing else is
+// checked, since it cannot be read. Rules of the catalogue's part, each one function:
 //
 //   ordinals     the columns of a table are numbered from 0 without gaps
-//   inheritance  a table begins with the columns of its base, as they are there
+//   inheritance  a table begins with the columns of its base, unchanged
 //   layout       a table's layout in the kernel has its columns, with their types
 //   tokens       a column is known to the kernel by the token of its catalogue row, an
 //                inherited one by its base's
-//   set          a table's set specifier extends its base's, and is its alone
+//   set          a table's set specifier extends its base's, and belongs to no other table
 //   children     a set specifier's counter of children is above all of them
 //   type id      every table has a type id of its own
-//   deferred     a reference column knows its target when that is there
+//   deferred     a reference column knows its target if that exists
 //   index        an index exists in the kernel, over its table's set, with columns in order
-//   generation   there is one counter of schema changes. Of several only CheckCatalogue can tell:
-//                where they are committed the layer's start-up ends the process
-//   vacuum       a request is the only one for its set, asks for something known, and for a move to
-//                the layout of a table or for the removal of what no table has
-//   object       an object belongs to a table or waits to be removed, lies under its table's layout
-//                or waits to be moved, and can be read in full
-//   reference    a reference leads to an object of its target: deleting an object does not look for
-//                references to it. The catalogue's own are not looked at
+//   generation   there is one counter of schema changes. Only CheckCatalogue can report several:
+//                once they are committed, the layer's start-up ends the process
+//   vacuum       a request is the only one for its set, of a known kind, and either a move to the
+//                layout of a table or a removal from a set without a table
+//   object       an object belongs to a table or waits to be removed, has its table's layout or
+//                waits to be moved, and can be read in full
+//   reference    a reference leads to an object of its target, since deleting an object does not
+//                search for references to it. Those of the catalogue are not checked
 //
 // Memory grows with the catalogue and the findings of the kernel's part, not with the objects.
 
@@ -40,7 +40,7 @@ namespace sagleme {
 
 struct Finding {
   std::string rule;
-  std::string table;         // empty: of the whole database, or not known
+  std::string table;         // empty: the whole database, or unknown
   std::uint64_t object = 0;  // 0: of the table
   std::string what;          // an English sentence
 };
@@ -49,7 +49,7 @@ struct Finding {
 using FindingReport = std::function<void(Finding const&)>;
 
 struct CheckOptions {
-  bool references = true;  // look for references that lead nowhere
+  bool references = true;  // check for references that lead nowhere
   // Receives the progress of the check. An exception ends the check and is passed on.
   std::function<void(std::uint64_t done, std::uint64_t total)> progress;
 };

@@ -2,7 +2,7 @@
 #define SAGLEME_HOST_H
 
 /*
- * For programs in C: a database with its catalogue, and failures in words. Three calls lead to the
+ * For programs in C: databases with their catalogue, and texts of failures. Three calls lead to the
  * first table:
  *
  *   lscoredb* database;
@@ -15,9 +15,9 @@
  *
  *  1. Every function that returns uint32_t returns 0 for success, else a status of the layer
  *     (sagleme.h) or of the kernel (host.h of lscoredb); nothing is open then, and outputs are
- *     unchanged. sagleme_error has the words.
- *  2. The database and its first context are the caller's: further contexts by
- *     lscoredb_context_open, the end by sagleme_close.
+ *     unchanged. sagleme_error gives the text.
+ *  2. The caller owns the database and its first context, opens further contexts with
+ *     lscoredb_context_open, and ends with sagleme_close.
  *  3. No exception leaves these functions.
  */
 
@@ -28,26 +28,26 @@
 extern "C" {
 #endif
 
-/* Makes a new database in `directory`, which may exist when it is empty or holds the beginnings of
- * a creation that was cut off; NULL makes one in memory. `options` may be NULL.
- * LSCOREDB_CANNOT_OPEN: there is a database already, or the directory cannot be used. */
+/* Creates a database in `directory`, which may exist if it is empty or holds what an interrupted
+ * creation left; NULL creates one in memory. `options` may be NULL.
+ * LSCOREDB_CANNOT_OPEN: a database exists already, or the directory cannot be used. */
 SAGLEME_HOST_API uint32_t sagleme_create(char const* directory, lscoredb_options const* options,
                                          lscoredb** database, uint64_t* context);
-/* Opens an existing one. LSCOREDB_NOT_A_DATABASE: there is none. SAGLEME_NOT_PREPARED: its creation
- * was cut off. */
+/* Opens an existing database. LSCOREDB_NOT_A_DATABASE: there is none. SAGLEME_NOT_PREPARED: its
+ * creation was interrupted. */
 SAGLEME_HOST_API uint32_t sagleme_open(char const* directory, lscoredb_options const* options,
                                        lscoredb** database, uint64_t* context);
-/* Opens what is there, and creates what is not. Several processes may call it at the same time. */
+/* Opens a database, or creates it if there is none. Several processes may call it at once. */
 SAGLEME_HOST_API uint32_t sagleme_open_or_create(char const* directory,
                                                  lscoredb_options const* options,
                                                  lscoredb** database, uint64_t* context);
-/* Closes the context, which rolls back what is open there, and then the database. LSCOREDB_IN_USE:
- * other contexts are open; this one is closed all the same. */
+/* Closes the context, rolling back its transaction, and then the database. LSCOREDB_IN_USE: other
+ * contexts are open; this one is closed nevertheless. */
 SAGLEME_HOST_API uint32_t sagleme_close(lscoredb* database, uint64_t context);
 
-/* What `status`, given by the last call in `context`, means, in UTF-8: the words of the layer where
- * it wrote some, else a sentence for the status. `context` 0: given by one of the functions above.
- * Never NULL; valid until the thread's next call of it. Texts over 1,023 bytes are cut. */
+/* The meaning, in UTF-8, of the `status` of the last call in `context`: the text of the layer if it
+ * wrote one, else a sentence for the status. `context` 0: of one of the functions above. Never
+ * NULL; valid until the thread's next call of it. Texts over 1,023 bytes are truncated. */
 SAGLEME_HOST_API char const* sagleme_error(uint64_t context, uint32_t status);
 
 #ifdef __cplusplus

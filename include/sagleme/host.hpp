@@ -17,12 +17,12 @@
 //  1. A process uses any number of databases, each with many contexts; a context has one
 //     transaction at a time, and is used by one thread at a time. Threads may use different
 //     databases at the same time, also to create and open them.
-//  2. Tables, columns and indexes are values as the transaction found them, of use in that database
+//  2. Tables, columns and indexes are values as the transaction found them, valid in that database
 //     until it is closed. Objects and ranges belong to their transaction and end with it. Views of
 //     texts end with the innermost read scope.
-//  3. Every failure is a sagleme::Error with the status and the text; nothing is changed by a call
-//     that fails, but for schema changes: they leave a part behind, which a Savepoint around the
-//     change takes back, or the rollback of the transaction.
+//  3. Every failure is a sagleme::Error with status and text. A call that fails changes nothing,
+//     except that a schema change may be partly done: a Savepoint around the change, or the
+//     rollback of the transaction, undoes it.
 //  4. Texts are UTF-16 inside; ToUtf8 and ToUtf16 convert.
 
 #include <sagleme/cxx20.hpp>

@@ -2,12 +2,12 @@
 #define SAGLEME_METALAYER_HPP
 
 // The exported C++ of the metadata layer: the binary interface for makers of language bindings, who
-// link or load these names. It is no API for programs, which include
-// <sagleme/sagleme.hpp>.
+// link or load these names. It is not an API for programs, which
+// include <sagleme/sagleme.hpp>.
 //
 // All of it works in the thread's kernel context, TlsMetalayerContext::Current(), and inside the
 // transaction that the host has open there. Failures are thrown as db_util::db_exception; their
-// text stands in the error buffer of the context. Rows, texts and iterators are valid until the
+// text is in the error buffer of the context. Rows, texts and iterators are valid until the
 // transaction ends.
 
 #include <sagleme/cxx20.hpp>

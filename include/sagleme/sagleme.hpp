@@ -1,16 +1,16 @@
 #ifndef SAGLEME_SAGLEME_HPP
 #define SAGLEME_SAGLEME_HPP
 
-// The C++ API of sagleme: all that a program includes. Programs link sagleme::host, or what
-// `pkg-config --libs sagleme` says.
+// The C++ API of sagleme, in one header. Programs link sagleme::host, or what
+// `pkg-config --libs sagleme` prints.
 //
 //   databases, transactions, objects, ranges    <sagleme/host.hpp>, which has the rules
 //   structs mapped to tables                    <sagleme/host/mapping.hpp> and those after it
 //   checks, counts, vacuum                      <sagleme/check.hpp>, counts.hpp, vacuum.hpp
 //   schema documents, plans, diagrams           <sagleme/schema_document.hpp> and those after it
 //
-// The headers named here may be included by themselves. Those under <sagleme/metalayer/> are no
-// part of the API: they are the binary interface for makers of language bindings.
+// The headers named here may be included alone. Those under <sagleme/metalayer/> are not part of
+// the API: they are the binary interface for makers of language bindings.
 
 #include <sagleme/check.hpp>
 #include <sagleme/counts.hpp>

@@ -6,7 +6,7 @@
 //
 // Tables come after their bases, siblings by name. A table has the columns that it declares itself,
 // in order, and its indexes by name. Identities ("id", and "database" for whose they are) are
-// optional: with them a renamed table or column is recognised, without them only "was" tells of a
+// optional: with them a renamed table or column is recognised, without them only "was" marks a
 // rename. docs/schema.md describes the document.
 //
 // Names are UTF-8. Values own what they hold; any thread may use its own.
@@ -28,7 +28,7 @@ struct ColumnDoc {
   Type type = Type::kString;
   bool nullable = true;
   std::string target;   // the table that a reference points at
-  bool is_new = false;  // it is no rename, whatever it looks like: "was" is null
+  bool is_new = false;  // not a rename, whatever it looks like: "was" is null
 
   // Whether values of one can stay in the other.
   bool SameShape(ColumnDoc const& other) const {
@@ -63,8 +63,8 @@ struct SAGLEME_HOST_API TableDoc {
 };
 
 struct SAGLEME_HOST_API SchemaDoc {
-  std::int64_t database = 0;  // whose the identities are; 0: none are given
-  std::string part;           // the table whose subtree alone this is; empty: the whole
+  std::int64_t database = 0;  // the owner of the identities; 0: none are given
+  std::string part;           // the table whose subtree this is; empty: the whole schema
   std::vector<TableDoc> tables;
 
   // Null when there is none.
@@ -84,8 +84,8 @@ SAGLEME_HOST_API SchemaDoc ParseSchema(std::string const& json, std::string cons
 // Refuses, with Failure of kBadInput, a schema that no database can have:
 //
 //   1. two tables, or two indexes, of one name
-//   2. a base that is neither in the document nor a table of the catalogue, or a line of bases that
-//      comes back to where it began
+//   2. a base that is neither in the document nor a table of the catalogue, or a cycle of
+//      bases
 //   3. a column whose name occurs twice in a table, inherited ones included, or begins with "__"
 //   4. a reference to a table that is neither in the document nor of the catalogue
 //   5. an index without columns, or with one that its table does not have

@@ -3,11 +3,11 @@
 
 // A whole database as text, and back.
 //
-// The first line is the schema in one JSON document; every further line an object, by table in the
-// order of the schema and then by id: {"t": place of the table in the schema, "id": ..., "v":
-// [values of all columns in order]}. The last line counts the objects, in all and by table:
-// {"end": {"objects": ..., "tables": [...]}}; without it a dump was cut. Objects of dropped tables
-// are left out, and so is what bindings keep in the catalogue beside tables, columns and indexes.
+// The first line is the schema in one JSON document. Each further line is an object, by table in
+// the order of the schema and then by id: {"t": index of its table, "id": ..., "v": [values of all
+// columns in order]}. The last line counts the objects, in all and by table: {"end": {"objects":
+// ..., "tables": [...]}}; a dump without it is truncated. Objects of dropped tables are left out,
+// and so is what bindings keep in the catalogue beside tables, columns and indexes.
 
 #include <sagleme/export.h>
 
@@ -36,14 +36,14 @@ struct LoadResult {
   std::uint64_t dropped_references = 0;
 };
 
-// Makes a new database of a dump in `directory`, which does not exist or is empty. It comes into
-// being whole or not at all: what is loaded grows in the directory `directory`.loading, beside it.
-// A stream that cannot be read twice, such as a pipe, is kept in a file
-// there. `source` names the dump in messages.
+// Creates a new database from a dump in `directory`, which must not exist or be empty. It appears
+// complete or not at all: it is built in the directory `directory`.loading, beside it. A stream
+// that cannot be read twice, such as a pipe, is copied to a file there. `source` names the dump in
+// messages.
 //
-// Memory is bounded whatever the dump holds; with new identities it follows the gaps between the
-// old ones. Failure of kRefused when the place is taken, of kBadData with the line for a bad dump,
-// of kBadInput for a schema that no database can have.
+// Memory is bounded whatever the dump holds; with new identities it grows with the gaps between the
+// old ones. Throws Failure of kRefused if the directory has files, of kBadData with the line for a
+// bad dump, of kBadInput for a schema that no database can have.
 SAGLEME_HOST_API LoadResult Load(std::string const& directory, std::istream& input,
                                  std::string const& source, LoadOptions const& options = {});
 

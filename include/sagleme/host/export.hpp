@@ -1,11 +1,11 @@
 #ifndef SAGLEME_HOST_EXPORT_HPP
 #define SAGLEME_HOST_EXPORT_HPP
 
-// Writes the objects of a table as a file that import takes back.
+// Writes the objects of a table to a file that import can read.
 //
-// A CSV file has the columns of the table and of all tables derived from it; where an object's own
-// table has no such column the value is null. JSON Lines have the columns of each object's own
-// table, nulls left out. Both begin with the object's id and, where derived tables are in it, its
+// A CSV file has the columns of the table and of all tables derived from it; if an object's own
+// table lacks a column, the value is null. JSON Lines have the columns of each object's own table,
+// without nulls. Both begin with the object's id and, if derived tables are included, its
 // table (<sagleme/host/own_columns.hpp>).
 
 #include <sagleme/export.h>
@@ -28,8 +28,8 @@ struct ExportResult {
   std::uint64_t left_out = 0;  // objects of derived tables
 };
 
-// Writes the objects as the transaction sees them, one after the other: memory does not grow with
-// their number. Error when something cannot be read.
+// Writes the objects as the transaction sees them, one after the other; memory does not grow with
+// their number. Throws Error if something cannot be read.
 SAGLEME_HOST_API ExportResult Export(Transaction& transaction, Table const& table,
                                      TextSink const& to, ExportOptions const& options);
 

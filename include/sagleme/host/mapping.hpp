@@ -12,7 +12,7 @@
 //       "Shop.Article", sagleme::Member("Title", &Article::title),
 //       sagleme::Member("Price", &Article::price), sagleme::IndexOn("ArticleByTitle", "Title"));
 //
-// A struct that derives from a mapped one says so with Base: its table derives from the other's.
+// A struct derived from a mapped one names it with Base; its table derives from the other's.
 //
 //   template <>
 //   inline constexpr auto sagleme::mapping<Book> = sagleme::MapTable(
@@ -23,12 +23,12 @@
 //   bool; float; double; Decimal; Bytes                    bool; float; double; decimal; binary
 //   signed and unsigned integers, enumerations             long, ulong
 //   Ref<Other>, ObjectId                                   reference; 0 is null
-//   std::optional of one of them                           the same, and may be null
-// Other members are made for columns that take no null, but for texts, binaries and references,
-// which always do. A null reads as an empty text or binary, or as zero, where a member is not
-// optional. A number that the member cannot hold is an Error with LSCOREDB_TOO_LARGE.
+//   std::optional of one of them                           the same, nullable
+// Columns of other members take no null, except texts, binaries and references, which always do.
+// A null reads as an empty text or binary, or as zero, if the member is not optional. A number
+// that does not fit the member throws Error with LSCOREDB_TOO_LARGE.
 //
-// <sagleme/host/table_of.hpp> makes tables of mappings, and reads and writes structs.
+// <sagleme/host/table_of.hpp> creates tables from mappings, and reads and writes structs.
 
 #include <array>
 #include <optional>
@@ -43,7 +43,7 @@ namespace sagleme {
 
 struct NotMapped {};
 
-// To be specialised for each struct that is stored.
+// Specialise it for each struct that is stored.
 template <typename T>
 inline constexpr NotMapped mapping{};
 
@@ -100,7 +100,7 @@ struct IndexMapping {
   std::array<IndexPart, kParts> parts;
 };
 
-// An index over columns by name, or Descending(name).
+// An index over columns, each given as a name or as Descending(name).
 template <typename... Parts>
 constexpr IndexMapping<sizeof...(Parts)> IndexOn(std::string_view name, Parts... parts) {
   return {name, Uniqueness::kAny, {IndexPart(parts)...}};
@@ -127,7 +127,7 @@ constexpr TableMapping<Parts...> MapTable(std::string_view table, Parts... parts
 
 namespace detail {
 
-// Stored: the type that Property knows. Zero values stand for null where the member has no other.
+// Stored: the type that Property uses. Zero values stand for null if the member has no other.
 template <typename M>
 struct Storage;
 
@@ -231,7 +231,7 @@ struct TargetOf<Ref<Other>> {
 template <typename M>
 struct TargetOf<std::optional<M>> : TargetOf<M> {};
 
-// Throws LSCOREDB_WRONG_TYPE when a member cannot stand for a column.
+// Throws LSCOREDB_WRONG_TYPE if the member does not fit the column.
 template <typename M>
 void RequireFit(Table const& table, Column const& column) {
   std::string const name = "Column " + ToUtf8(column.name) + " of table " + ToUtf8(table.name);

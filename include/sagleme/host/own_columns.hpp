@@ -2,8 +2,8 @@
 #define SAGLEME_HOST_OWN_COLUMNS_HPP
 
 // The two columns that lists and files have beside those of the table: the object's id and its
-// table. They are called _oid and _table; where the table or one derived from it has a column of
-// such a name, which then is that column's, __oid and __table, as no column can be called.
+// table. They are called _oid and _table. If the table or one derived from it has a column of that
+// name, they are called __oid and __table, which no column can be.
 
 #include <sagleme/export.h>
 

@@ -3,9 +3,9 @@
 
 // Rows of named values from a file: CSV with a heading line, or JSON Lines.
 //
-// The file may come through a pipe; it is read once, from its beginning to its end, and no more of
-// it is held than the row at hand. What gzip compressed is recognised and unpacked. Text is UTF-8,
-// or UTF-16 where the file begins with a byte order mark. One thread at a time.
+// The file may be a pipe: it is read once, from beginning to end, and only the current row is held
+// in memory. Files compressed by gzip are unpacked. Text is UTF-8, or UTF-16 if the file begins
+// with a byte order mark. One thread at a time.
 
 #include <sagleme/export.h>
 
@@ -27,7 +27,7 @@ struct FileLocation {
   std::size_t column = 1;
 };
 
-// What is wrong with a row, and where. `what()` without the location.
+// What is wrong with a row, and where. `what()` does not contain the location.
 class SAGLEME_EXCEPTION BadRow : public std::runtime_error {
  public:
   BadRow(FileLocation location, std::string const& what)
@@ -55,8 +55,8 @@ class SAGLEME_HOST_API RowSource {
   RowSource& operator=(RowSource const&) = delete;
   virtual ~RowSource() = default;
 
-  // Reads the next row; false at the end. BadRow for one that cannot be read; the next one can.
-  // Failure of kBadData when the file ends in the midst of compressed data, or holds no text.
+  // Reads the next row; false at the end. Throws BadRow for a bad row, after which the next one can
+  // be read, and Failure of kBadData if compressed data is truncated or the file holds no text.
   virtual bool Next() = 0;
   // The values of the row read last, in its order.
   virtual std::span<RowValue const> values() const = 0;
@@ -71,7 +71,7 @@ class SAGLEME_HOST_API RowSource {
   virtual FileLocation LocationOfName(std::size_t name) const = 0;
   // The row read last, as it stands in the file, with its end of line.
   virtual std::string raw() const = 0;
-  // What has to stand in front of raw rows to make a file of the same form.
+  // What must precede raw rows in a file of the same form.
   virtual std::string heading() const = 0;
   // How much of the file has been read.
   virtual std::uint64_t bytes() const = 0;
@@ -81,13 +81,13 @@ enum class FileForm { kCsv, kJsonLines };
 
 struct RowFormat {
   FileForm form = FileForm::kCsv;
-  // Between the values of a CSV file; 0: the one of comma, semicolon, tab and bar that its heading
-  // has most of.
+  // Separates the values of a CSV file. 0: comma, semicolon, tab or bar, whichever its heading has
+  // most of.
   char separator = 0;
 };
 
-// The stream has to outlive the source. BadRow when a CSV file has no heading line, or one that
-// names a column twice; Failure of kBadInput for a compressed file of another kind than gzip's.
+// The stream must outlive the source. Throws BadRow if a CSV file has no heading line, or one that
+// names a column twice, and Failure of kBadInput for compression other than gzip's.
 SAGLEME_HOST_API std::unique_ptr<RowSource> OpenRows(std::istream& input, RowFormat const& format);
 
 }  // namespace sagleme

@@ -6,9 +6,9 @@
 // Functions take texts as TextView and structs hold them as Text; both are made from UTF-16 and
 // from UTF-8, from literals (u"x", "x", u8"x"), strings and views.
 //
-// The database takes lone surrogates, and so do these: one becomes three bytes of the same shape as
-// any other unit's, and such bytes become a lone surrogate again, so that every stored text
-// survives the way out and back.
+// The database takes lone surrogates, and so do these functions: one becomes three bytes like any
+// other unit of its size, and such bytes become a lone surrogate again, so every stored text
+// survives a round trip.
 
 #include <sagleme/export.h>
 
@@ -21,7 +21,7 @@
 
 namespace sagleme {
 
-// Bytes that are no UTF-8. `offset` is that of the first byte that does not belong.
+// Bytes that are not UTF-8. `offset` is that of the first wrong byte.
 class SAGLEME_EXCEPTION BadUtf8 : public std::invalid_argument {
  public:
   explicit BadUtf8(std::size_t offset)
@@ -76,12 +76,12 @@ inline std::size_t SequenceLength(unsigned char lead) {
   return lead >= 0xF0 && lead < 0xF5 ? 4 : 0;
 }
 
-// The least point that needs a sequence of `length` bytes: anything lower is an overlong form.
+// The lowest point that needs a sequence of `length` bytes: anything lower is an overlong form.
 inline char32_t LeastPoint(std::size_t length) {
   return length == 4 ? 0x10000 : length == 3 ? 0x800 : length == 2 ? 0x80 : 0;
 }
 
-// Reads the point at `at` and moves behind it.
+// Reads the point at `at` and moves past it.
 inline char32_t NextPoint(std::string_view text, std::size_t& at) {
   auto const lead = static_cast<unsigned char>(text[at]);
   std::size_t const length = SequenceLength(lead);
@@ -136,8 +136,8 @@ inline std::u16string ToUtf16(std::u8string_view text) {
   return ToUtf16(std::string_view(reinterpret_cast<char const*>(text.data()), text.size()));
 }
 
-// A text as a parameter: views UTF-16, and holds the UTF-16 that it makes of UTF-8. Views what it
-// was made from, which has to outlive it. The constructors from UTF-8 throw BadUtf8.
+// A text as a parameter: a view of UTF-16, or UTF-16 that it owns, converted from UTF-8. What it
+// views must outlive it. The constructors from UTF-8 throw BadUtf8.
 class TextView {
  public:
   TextView() = default;

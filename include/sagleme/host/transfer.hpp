@@ -1,9 +1,9 @@
 #ifndef SAGLEME_HOST_TRANSFER_HPP
 #define SAGLEME_HOST_TRANSFER_HPP
 
-// What moving data in and out of a database has in common: where text goes, and who is told how far
-// the work is. Both are called on the thread that does the work, and may throw: that ends the work,
-// and what they threw comes out of the function that was called.
+// Callbacks of import, export, dump and load: one receives text, the other progress. Both run on
+// the thread that called. They may throw, which ends the work; the exception leaves the function
+// that was called.
 
 #include <cstdint>
 #include <functional>
@@ -11,12 +11,12 @@
 
 namespace sagleme {
 
-// Takes text in the order in which it is to stand. The view ends with the call.
+// Receives the text piece by piece, in order. The view is valid during the call.
 using TextSink = std::function<void(std::string_view)>;
 
 struct TransferProgress {
   std::uint64_t objects = 0;  // so far
-  // How much of the whole that is, in bytes or objects; `total` is 0 while it is not known.
+  // Progress in bytes or objects; `total` is 0 while it is unknown.
   std::uint64_t done = 0;
   std::uint64_t total = 0;
 };

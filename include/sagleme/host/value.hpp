@@ -32,7 +32,7 @@ inline constexpr std::array<std::string_view, 11> kTypeNames = {
 
 inline std::string_view TypeName(Type type) { return kTypeNames[static_cast<std::size_t>(type)]; }
 
-// Columns of these types take null whatever their definition says.
+// Columns of these types always take null, whatever their definition says.
 constexpr bool MustBeNullable(Type type) {
   return type == Type::kString || type == Type::kBinary || type == Type::kReference;
 }
@@ -210,7 +210,7 @@ inline std::uint32_t Put(ColumnLocation const& at, float value) {
 inline std::uint32_t Put(ColumnLocation const& at, double value) {
   return lorv_context_put_double(at.context, at.oid, at.addr, at.column, value);
 }
-// A stored text ends at its first U+0000, so one that holds any is refused rather than cut.
+// A stored text ends at its first U+0000, so a text with one is refused rather than truncated.
 inline std::uint32_t Put(ColumnLocation const& at, std::u16string const& value) {
   if (value.find(u'\0') != std::u16string::npos) return LSCOREDB_INVALID_ARGUMENT;
   return lorv_context_put_string(at.context, at.oid, at.addr, at.column, value.c_str());
@@ -267,7 +267,7 @@ inline Value GetValue(ColumnLocation const& at, Type type) {
   throw Error(LSCOREDB_WRONG_TYPE, lscoredb_status_text(LSCOREDB_WRONG_TYPE));
 }
 
-// Whether a value can stand in a column of that type; null can in any.
+// Whether a column of that type can hold the value; any can hold null.
 inline bool Fits(Value const& value, Type type) {
   return std::visit(
       [type]<typename T>(T const&) {

@@ -27,8 +27,8 @@ class SAGLEME_API db_exception {
 
   // Throws; callers test for a non-zero status first.
   [[noreturn]] static void check(unsigned int code);
-  // REQUIRES: an exception is being handled. The code of a db_exception; any other exception goes
-  // on.
+  // REQUIRES: an exception is being handled. The code of a db_exception; any other exception
+  // passes through.
   static unsigned int rethrow_and_get_error_code();
 
  private:
@@ -55,7 +55,7 @@ SAGLEME_API void errbuf_blt(unsigned long buf, char16_t const* begin, char16_t c
 SAGLEME_API void request_clear_errbuf();
 SAGLEME_API bool is_errbuf_clear_requested();
 
-// Writes to the buffer of the context that the thread is in when the writer is made.
+// Writes to the buffer of the context that the thread is in when the writer is created.
 class SAGLEME_API ErrBlt {
  public:
   ErrBlt();
@@ -94,7 +94,7 @@ class ucs2_stream {
  public:
   ucs2_stream() : sstrm_(std::ios_base::out) {
     sstrm_.imbue(std::locale::classic());      // a host's locale may group digits
-    sstrm_.exceptions(std::ios_base::badbit);  // lack of memory goes on to the caller
+    sstrm_.exceptions(std::ios_base::badbit);  // lack of memory reaches the caller
   }
 
   ucs2_stream& operator<<(char const* text) {

@@ -3,7 +3,7 @@
 
 // Part of the binary interface for makers of bindings; see <sagleme/metalayer.hpp>.
 //
-// The byte keys of all index access.
+// The keys of all index accesses, as bytes.
 //
 // A key is the fields of the index's columns in order, the end mark 0xC0, and zero bytes up to a
 // multiple of 8. A prefix of the columns is a valid key and bounds a range.
@@ -24,8 +24,8 @@ struct ENCODER {
   unsigned char* position;
 };
 
-// Writes a text field from the bytes that the kernel's text conversion returned, and moves the
-// position on. Does not check room.
+// Writes a text field from the bytes that the kernel's text conversion returned, and advances
+// the position. Does not check for room.
 SAGLEME_API void encode_tt4(unsigned char const* text, unsigned int size, ENCODER& encoder);
 
 }  // namespace ukf
@@ -48,10 +48,10 @@ class SAGLEME_API KeyBuf {
   unsigned long size_;
 };
 
-// Writes one key, field by field, in the order of the index's columns. A field or an end that does
-// not fit throws SAGLEME_NAME_TOO_LONG, and nothing of it is written. The key is finished by
-// UpdateHeader, or when the writer goes out of scope, so a temporary's key is whole at the end of
-// its statement. A long text that finds no memory throws SAGLEME_NO_MEMORY. REQUIRES: the buffer is
+// Writes one key, field by field, in the order of the index's columns. A field or an end mark
+// that does not fit throws SAGLEME_NAME_TOO_LONG and writes nothing. UpdateHeader or the destructor
+// finishes the key, so the key of a temporary is complete at the end of its statement. Throws
+// SAGLEME_NO_MEMORY if there is no memory for a long text. REQUIRES: the buffer is
 // aligned to 8.
 template <typename Buffer>
 class KeyWriter;
@@ -90,10 +90,10 @@ class SAGLEME_API KeyWriter<KeyBuf> : public ukf::ENCODER {
   void Reserve(unsigned long bytes);
   unsigned long Used() const;
   unsigned long Room() const { return buffer_.size() - Used(); }
-  unsigned long Padding() const;  // the end mark and the zero bytes behind it
+  unsigned long Padding() const;  // the end mark and the zero bytes after it
 
   KeyBuf buffer_;
-  int unwinding_;  // exceptions that were on their way when the writer was made
+  int unwinding_;  // exceptions in flight when the writer was created
   bool finished_ = false;
 };
 

@@ -6,11 +6,11 @@
 // The definition of the 25 system tables, and the descriptors that bootstrap expands it into.
 //
 // The static records are constant and generated from one description. A MetaschemaInit owns the
-// descriptors for the length of one bootstrap call; only one may exist at a time in a context, and
-// pointers between descriptors end with it. Nothing here is locked.
+// descriptors during one bootstrap call. A context has at most one at a time; pointers between
+// descriptors are valid while it lives. Nothing here is locked.
 //
-// A descriptor knows its names and ordinals from the start; then its layout, its indexes, its set
-// specifier and its rows, each found in the database or made. Every step may be repeated. A
+// A descriptor has its names and ordinals from the start. Later steps find or create its layout,
+// indexes, set specifier and rows in the database. Every step may be repeated. A
 // database that differs from the definition ends the process (FatalError); a failing kernel call is
 // thrown as db_exception with the kernel's code.
 
@@ -20,7 +20,7 @@
 #include <sagleme/metalayer/records.hpp>
 #include <string>
 
-// Of Boost.Coroutine, whose headers only callers of CreateAndVerifyMetatables need.
+// From Boost.Coroutine; only callers of CreateAndVerifyMetatables need its headers.
 namespace boost::coroutines {
 template <typename Arg>
 class push_coroutine;
@@ -39,7 +39,7 @@ struct COLUMN_INFO_STATIC {
   unsigned long token;        // 0: given by name on first need
   unsigned char type;         // logical type
   char16_t const* ref_table;  // of a reference: the short name of its target
-  bool nullable;              // false in all records: what counts follows from the type
+  bool nullable;              // false in all records; the type decides
 };
 
 struct INDEX_INFO_STATIC {
@@ -60,8 +60,8 @@ struct TABLE_INFO_STATIC {
 };
 
 inline constexpr unsigned int nr_meta_table_inits_generated_from_json = 25;
-// Root, name dictionary and set specifiers stand before it: they are set up by hand, all others
-// alike.
+// Root, name dictionary and set specifiers come before it and are set up one by one, all others
+// in a loop.
 inline constexpr unsigned int kFirstLoopTable = 3;
 SAGLEME_API extern TABLE_INFO_STATIC const
     metaschema_init_generated_from_json[nr_meta_table_inits_generated_from_json];
@@ -76,7 +76,7 @@ struct SAGLEME_API COLUMN_INFO : COLUMN_INFO_STATIC {
   COLUMN_INFO& operator=(COLUMN_INFO_STATIC const& record);
 
   void assure_token();
-  // The column as the kernel is told of it. Throws SAGLEME_INVALID_TYPE for an invalid type.
+  // The kernel's definition of the column. Throws SAGLEME_INVALID_TYPE for an invalid type.
   void define_column(LORVI_COLUMN_DEFINITION* out);
   // Compares token, type and ordinal with the kernel's column of that ordinal.
   void verify(unsigned short ordinal) const;
@@ -96,24 +96,24 @@ struct SAGLEME_API INDEX_INFO : INDEX_INFO_STATIC {
   // Resolves the column names through the table and its bases.
   void init_column_infos();
   void assure_token();
-  // Finds the kernel's index; false for none. An empty `*setspec` takes the specifier that the
-  // index was created over, another must equal it. Asks nothing when the id is known.
+  // Finds the kernel's index; false if there is none. An empty `*setspec` receives the index's
+  // specifier; another one must equal it. Calls nothing if the id is known.
   bool load_metatable_index(std::u16string* setspec);
-  // Finds the kernel's index or makes it over `*setspec`.
+  // Finds the kernel's index or creates it over `*setspec`.
   void create_metatable_index(std::u16string* setspec);
   // Compares token, id, flags and columns with the kernel's.
   void verify();
   void verify(LORVI_INDEX_INFO const* info) const;
-  // Writes the catalogue rows of the index, unless its first one is there.
+  // Writes the catalogue rows of the index, unless its first one exists.
   void populate(LS_OBJ_REF table_ref) const;
 
-  unsigned long index_id = 0;  // the kernel's; 0: not known
+  unsigned long index_id = 0;  // the kernel's; 0: unknown
   TABLE_INFO* table = nullptr;
   COLUMN_INFO* column_infos[kMaxIndexColumns] = {};
   unsigned short nr_columns = 0;
 };
 
-// What follows from a record alone. A name form that does not fit ends the process.
+// What follows from a record alone. A name that does not fit ends the process.
 struct SAGLEME_API TABLE_INFO_DERIVED_FROM_STATIC : TABLE_INFO_STATIC {
   static constexpr std::size_t kNameSize = 255;  // units, the terminator included
 
@@ -152,17 +152,17 @@ struct SAGLEME_API TABLE_INFO : TABLE_INFO_DERIVED_FROM_STATIC {
   INDEX_INFO* find_index(char16_t const* name) const;
   void assure_token();
 
-  // The number of the kernel layout made with the table's token; 0 for none.
+  // The number of the kernel layout with the table's token; 0 for none.
   unsigned short get_layout();
   // Writes the own columns and an entry of type 0: up to kMaxOwnColumns + 1 entries.
   void define_columns(LORVI_COLUMN_DEFINITION* out);
-  // Finds the kernel layout or makes it under the base's, and gives the own columns their tokens.
+  // Finds the kernel layout or creates it on the base's, and sets the tokens of the own columns.
   void create_metatable();
-  // Compares token, layout, base and columns with the kernel's; of the root, token and layout.
+  // Compares token, layout, base and columns with the kernel's; of the root only token and layout.
   void verify();
   void verify(LORVI_LAYOUT_INFO* info) const;
   void verify_base_table(unsigned short kernel_base) const;
-  // Each for all own indexes, in order.
+  // For all own indexes, in order.
   void create_metatable_indexes();
   void load_metatable_indexes();
   void verify_metatable_indexes();
@@ -170,7 +170,7 @@ struct SAGLEME_API TABLE_INFO : TABLE_INFO_DERIVED_FROM_STATIC {
   // Finds or writes the table's RawView row and makes it the owner of the set specifier's.
   // REQUIRES: layout and set specifier known, the base's row known.
   void populate_raw_view();
-  // Writes the rows of the inherited and of the own columns, each unless its first one is there.
+  // Writes the rows of the inherited and of the own columns, unless the first of each exists.
   void populate_raw_columns(MetaPopul8r& populator);
   void populate_indices();
   // Columns first, since the rows of an index refer to them.
@@ -179,8 +179,8 @@ struct SAGLEME_API TABLE_INFO : TABLE_INFO_DERIVED_FROM_STATIC {
   std::unique_ptr<COLUMN_INFO[]> columns;  // kMaxOwnColumns
   std::unique_ptr<INDEX_INFO[]> indexes;   // kMaxOwnIndexes
   LS_OBJ_REF raw_view = db_util::null_obj_ref;
-  unsigned short layout = 0;  // 0: not known
-  std::u16string setspec;     // empty at the root, and where not known
+  unsigned short layout = 0;  // 0: unknown
+  std::u16string setspec;     // empty at the root, and while unknown
 
  private:
   void copy_columns();
@@ -190,8 +190,8 @@ struct SAGLEME_API TABLE_INFO : TABLE_INFO_DERIVED_FROM_STATIC {
 class DatabaseState;
 struct DescriptorSet;
 
-// The descriptors of all tables, and what bootstrap does with them. In force in the context that
-// the thread is in when it is made; the static functions answer for the thread's context.
+// The descriptors of all tables, and the steps of the bootstrap. Serves the context in which it is
+// created; the static functions use the thread's context.
 class SAGLEME_API MetaschemaInit {
  public:
   MetaschemaInit();
@@ -199,19 +199,19 @@ class SAGLEME_API MetaschemaInit {
   MetaschemaInit(MetaschemaInit const&) = delete;
   MetaschemaInit& operator=(MetaschemaInit const&) = delete;
 
-  // Does nothing when the names are known; without descriptors it ends the process.
+  // Does nothing if the names are known; ends the process without descriptors.
   static void FillMetaTableInits();
-  // The descriptors in table order; null when there is no MetaschemaInit.
+  // The descriptors in table order; null if there is no MetaschemaInit.
   static TABLE_INFO* inits();
   static TABLE_INFO* table_by_name(char16_t const* name);
   static TABLE_INFO* find_table(char16_t const* name) { return table_by_name(name); }
-  // Table by table: the table's token with its full name, its columns', its indexes'. A number that
-  // two records carry comes twice.
+  // Table by table: the tokens of the table, with its full name, of its columns and its indexes. A
+  // number that two records share comes twice.
   static void EnumPredefinedTokens(
       std::function<void(unsigned long token, char16_t const* text)> const& callback);
 
-  // Brings the database to the definition, whether it is new, older, current or was cut off in
-  // creation. Yields 0 to `sink` after every step; the host may commit there. Throws
+  // Brings a new, older, current or partly created database to the definition. Yields 0 to `sink`
+  // after every step; the host may commit there. Throws
   // SAGLEME_VERSION_MISMATCH for a newer database, before anything but tokens is written.
   void CreateAndVerifyMetatables(boost::coroutines::push_coroutine<unsigned int>& sink);
 
@@ -227,7 +227,7 @@ class SAGLEME_API MetaschemaInit {
   static std::unique_ptr<TableByName> g_table_by_name_;
 };
 
-// Finds or makes the set specifier of a system table and its row.
+// Finds or creates the set specifier of a system table and its row.
 SAGLEME_API void populate_setspec(TABLE_INFO& table);
 
 }  // namespace metalayer

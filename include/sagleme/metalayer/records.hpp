@@ -3,8 +3,8 @@
 
 // Part of the binary interface for makers of bindings; see <sagleme/metalayer.hpp>.
 //
-// Rows and index scans, typed thinly over the kernel: references, row handles, iterators that own
-// what they open. Everything here works in the thread's context and is valid inside one frame.
+// Thin typed wrappers of the kernel's rows and index scans: references, row handles, and iterators
+// that own what they open. Everything works in the thread's context and is valid inside one frame.
 
 #include <cstddef>
 #include <sagleme/metalayer/context.hpp>
@@ -15,7 +15,7 @@ namespace db_util {
 using LsObjRef = ::LS_OBJ_REF;
 inline constexpr LsObjRef null_obj_ref{0, 0};
 
-// The two-word form of a reference that the kernel gave out.
+// The two-word form of a reference that the kernel returned.
 inline LsObjRef Fold(LORV_REFERENCE const& reference) {
   return {reference.oid, reference.position << 16 | reference.layout};
 }
@@ -29,7 +29,7 @@ class db_recordT : public LsObjRef {
 
   bool is_null() const { return oid == 0; }
 
-  // The text of a column, ended in place in kernel memory; a null pointer for null.
+  // The text of a column, terminated in place in kernel memory; a null pointer for null.
   char16_t const* get_string(unsigned int column) const;
   // The reference in a column; the null reference for null.
   LsObjRef get_ref(unsigned int column) const;
@@ -96,16 +96,16 @@ SAGLEME_API void PutText(LS_OBJ_REF const& row, unsigned int column, char16_t co
 SAGLEME_API void PutRef(LS_OBJ_REF const& row, unsigned int column, LS_OBJ_REF const& value);
 SAGLEME_API void DeleteRow(LS_OBJ_REF const& row);
 
-// Where a system table's class keeps what is known of its table in one database.
+// Where the class of a system table keeps what it knows of its table in one database.
 struct MetaclassSlots {
   std::u16string* setspec;
   unsigned long* type_id;
   unsigned short* table_id;
-  unsigned long* index_ids[3];  // in the order of declaration, null behind the last
+  unsigned long* index_ids[3];  // in the order of declaration, null after the last
 };
 
-// The slots of the class of that number, in the database of the thread's context. In no context
-// they are the exported statics of the class, which the first database opened has as well.
+// The slots of class `number` in the database of the thread's context. Without a context, and for
+// the first database opened, they are the exported statics of the class.
 SAGLEME_API MetaclassSlots const& SlotsOfMetaclass(unsigned int number);
 
 // A non-zero kernel status as an exception.

@@ -28,11 +28,11 @@ using SqlTypeMap = std::map<std::u16string const, unsigned char const, ucs2_ci_c
 SAGLEME_API extern SqlTypeMap const sql_db_type_map;
 // SQL type names that are known and refused, in lower case only.
 SAGLEME_API extern std::set<std::u16string> const sql_unsupported_set;
-// By logical code: true where the kernel has no form of the type without null.
+// By logical code: true if the kernel has no form of the type without null.
 SAGLEME_API extern std::map<unsigned char const, bool const> const db_type_nullable;
 
-// The code of a name, whatever its case; false, with `out` unchanged, for an unknown one. A null
-// `name` is a std::logic_error, here and below.
+// The code of a name in any case. Returns false and leaves `out` for an unknown one. A null
+// `name` throws std::logic_error, here and below.
 SAGLEME_API bool MapStr2Uint(SqlTypeMap const& map, char16_t const* name, unsigned char& out);
 SAGLEME_API bool MapSqlToDbType(char16_t const* name, unsigned char& out);
 // True for a name of sql_unsupported_set; case counts.
@@ -43,7 +43,7 @@ SAGLEME_API bool IsDbTypeNullable(unsigned char type);
 // Throws SAGLEME_INVALID_TYPE.
 [[noreturn]] SAGLEME_API void ThrowInvalidLogicalType();
 
-// The kernel's code: the logical one, but for bool, which is stored as an unsigned number. Codes
+// The kernel's code: the logical one, except for bool, which is stored as an unsigned number. Codes
 // out of range throw SAGLEME_INVALID_TYPE.
 inline unsigned char LogicalTypeToKernelType(unsigned char logical) {
   if (logical == 0 || logical > kLogicalBool) ThrowInvalidLogicalType();
