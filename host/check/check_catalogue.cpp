@@ -67,7 +67,7 @@ class CatalogueCheck {
     LORVI_LAYOUT_INFO info{};
     auto const status = lorvi_context_get_layout_info(transaction_.context(), table.layout, &info);
     if (status != 0) {
-      return Report("layout", table, "the kernel does not give layout {}: {}", table.layout,
+      return Report("layout", table, "the kernel cannot read layout {}: {}", table.layout,
                     lscoredb_status_text(status));
     }
     if (info.column_count != table.columns.size()) {
@@ -84,7 +84,7 @@ class CatalogueCheck {
     bool const truth = column.type == Type::kBool;
     auto const wanted = truth ? Type::kULong : column.type;
     if (status == 0 && info.type == static_cast<std::uint8_t>(wanted)) return;
-    Report("layout", table, "column {} is a {}, and no such column stands at {} in layout {}",
+    Report("layout", table, "column {} is a {}, but column {} of layout {} is not",
            ToUtf8(column.name), TypeName(column.type), column.ordinal, table.layout);
   }
 
@@ -107,7 +107,7 @@ class CatalogueCheck {
                ToUtf8(column.name), *token);
       } else if (base != nullptr && column.ordinal < base->columns.size() &&
                  TokenOf(*base, base->columns[column.ordinal]) != token) {
-        Report("tokens", table, "column {} has token {} in the kernel, and another one in the base",
+        Report("tokens", table, "column {} has token {} in the kernel, but another one in the base",
                ToUtf8(column.name), *token);
       }
     }
@@ -130,14 +130,14 @@ class CatalogueCheck {
              ToUtf8(table.setspec), ToUtf8(base->setspec));
     }
     auto const [other, first] = sets_.emplace(table.setspec, table.name);
-    if (!first) Report("set", table, "the set specifier is that of {} too", ToUtf8(other->second));
+    if (!first) Report("set", table, "table {} has the same set specifier", ToUtf8(other->second));
   }
 
   void TypeId(Table const& table) {
     auto const [other, first] = type_ids_.emplace(table.type_id, table.name);
     if (table.type_id == 0) Report("type id", table, "the table has no type id");
     if (!first)
-      Report("type id", table, "type id {} is that of {} too", table.type_id,
+      Report("type id", table, "type id {} also belongs to {}", table.type_id,
              ToUtf8(other->second));
   }
 
@@ -146,11 +146,11 @@ class CatalogueCheck {
     auto const status =
         lorvi_context_get_index_setspec(transaction_.context(), index.handle, &setspec);
     if (status != 0) {
-      return Report("index", table, "the kernel does not give index {}: {}", ToUtf8(index.name),
+      return Report("index", table, "the kernel cannot read index {}: {}", ToUtf8(index.name),
                     lscoredb_status_text(status));
     }
     if (table.setspec != setspec) {
-      Report("index", table, "index {} covers the set {}, and its table is {}", ToUtf8(index.name),
+      Report("index", table, "index {} covers the set {}, but its table is {}", ToUtf8(index.name),
              ToUtf8(setspec), ToUtf8(table.setspec));
     }
     if (index.columns.empty())

@@ -57,14 +57,14 @@ class ObjectCheck {
     if (table == nullptr || table->setspec != setspec) {
       if (Pending(setspec, VacuumRequest::Kind::kRemove)) return;
       return Report("object", "", object,
-                    Say("it belongs to no table: {}; vacuum removes it when its table was dropped",
+                    Say("it belongs to no table: {}; vacuum removes it if its table was dropped",
                         ToUtf8(setspec)));
     }
     std::string const name = ToUtf8(table->name);
     if (object.layout() != table->layout && !Pending(setspec, VacuumRequest::Kind::kMove)) {
       Report("object", name, object,
-             Say("it lies under layout {} of {}, and nothing asks for its move", object.layout(),
-                 table->layout));
+             Say("it has layout {} instead of {}, and no request to vacuum covers it",
+                 object.layout(), table->layout));
     }
     for (Column const& column : table->columns) {
       if (!column.system()) CheckColumn(object, *table, column);

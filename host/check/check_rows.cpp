@@ -72,7 +72,7 @@ class RowCheck {
       if (parent != counters_.end() && parent->second > name.number) continue;
       Report("children", TableOf(name.parent),
              parent == counters_.end() ? Say("the set specifier {} has no parent", ToUtf8(setspec))
-                                       : Say("the next child is number {}, and {} is there already",
+                                       : Say("the next child is number {}, but {} already exists",
                                              parent->second, ToUtf8(setspec)));
     }
   }
@@ -85,7 +85,7 @@ class RowCheck {
       auto const row = Object::Find(transaction_, column.id);
       if (!row || type.Get(*row)) continue;
       Report("deferred", table.name,
-             Say("column {} still waits for {}, which is there", ToUtf8(column.name),
+             Say("column {} still waits for {}, which exists", ToUtf8(column.name),
                  ToUtf8(column.target)));
     }
   }
@@ -94,7 +94,7 @@ class RowCheck {
     std::set<std::u16string> seen;
     for (VacuumRequest const& request : VacuumRequests(transaction_)) {
       std::string const problem =
-          seen.insert(request.setspec).second ? ProblemOf(request) : "there are two such requests";
+          seen.insert(request.setspec).second ? ProblemOf(request) : "it exists twice";
       if (problem.empty()) continue;
       report_({"vacuum", ToUtf8(kVacuum), request.row.value,
                Say("the request for the set {}: {}", ToUtf8(request.setspec), problem)});
@@ -107,12 +107,12 @@ class RowCheck {
     bool const has_table = table != nullptr && table->setspec == request.setspec;
     switch (request.kind) {
       case VacuumRequest::Kind::kMove:
-        if (!has_table) return "it is of no table, and objects are to be moved";
-        return table->layout == request.layout ? "" : "it asks for another layout than the table's";
+        if (!has_table) return "it moves objects, but there is no such table";
+        return table->layout == request.layout ? "" : "it names another layout than the table's";
       case VacuumRequest::Kind::kRemove:
-        return has_table ? "it is of a table, and objects are to be removed" : "";
+        return has_table ? "it removes objects, but the table exists" : "";
     }
-    return "what it asks for is not known";
+    return "its kind is unknown";
   }
 
   Transaction& transaction_;

@@ -164,7 +164,7 @@ void Importer::RequireColumns(Plan const& plan) const {
   for (Column const& column : plan.table->columns) {
     if (!NeedsValue(column) || given(column) != 0) continue;
     FileLocation const location = rows_.has_heading() ? rows_.LocationOfName(0) : rows_.location();
-    throw BadRow(location, fmt::format("column {} of table {} is missing, and takes no null",
+    throw BadRow(location, fmt::format("column {} of table {} is missing, but takes no null",
                                        ToUtf8(column.name), ToUtf8(plan.table->name)));
   }
 }

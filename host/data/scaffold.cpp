@@ -52,8 +52,7 @@ void Scaffold::Lock() {
   if (lock_ < 0) Refuse(fmt::format("cannot create {}: {}", path_, std::strerror(errno)));
   if (flock(lock_, LOCK_EX | LOCK_NB) == 0) return;
   close(lock_);
-  Refuse(fmt::format("another process is loading a dump into {}", target_),
-         "Wait until it has ended.");
+  Refuse(fmt::format("another process is loading a dump into {}", target_), "Wait for it to end.");
 }
 
 Scaffold::~Scaffold() {

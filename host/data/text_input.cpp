@@ -123,7 +123,7 @@ class Utf16Source : public ByteSource {
     out += ToUtf8(units_);
   }
   bool Finish(std::string& out) {
-    if (bytes_.size() % 2 != 0) RefuseData("the UTF-16 text ends in the midst of a character");
+    if (bytes_.size() % 2 != 0) RefuseData("the UTF-16 text ends in the middle of a character");
     if (bytes_.empty()) return false;
     Convert(bytes_.size() / 2, out);
     return true;

@@ -88,15 +88,15 @@ std::string Sentence(Doubt const& doubt) {
   std::string const what = doubt.table.empty() ? "table" : "column";
   std::string const of = doubt.table.empty() ? "" : " of " + doubt.table;
   return fmt::format(
-      "{0} {2}{1} is gone and {0} {3} has come in its place; it may be {2} by a new name, or "
+      "{0} {2}{1} is gone and {0} {3} is new in its place; it may be {2} under a new name, or "
       "another {0}",
       what, of, doubt.gone, doubt.come);
 }
 
 std::string Advice(std::vector<Doubt> const& doubts) {
   if (doubts.size() > 1) {
-    return "Write \"was\": \"OLD NAME\" in the entry of what was renamed, and \"was\": null in "
-           "that of what is new.";
+    return "Write \"was\": \"OLD NAME\" in each entry that was renamed, and \"was\": null in "
+           "each new one.";
   }
   return fmt::format(
       "If it was renamed, write \"was\": \"{}\" in the entry of {}; if it is new, \"was\": null.",

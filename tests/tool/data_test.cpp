@@ -140,7 +140,7 @@ TEST_F(DataTest, Import_NullInARequiredColumn_IsABadRow) {
 TEST_F(DataTest, Import_WithoutAColumnThatTakesNoNull_IsRefusedBeforeTheFirstRow) {
   Result const csv = On("import", {"Book", "-"}, 1, "Title,Price\na,1\n");
   EXPECT_NE(std::string::npos,
-            csv.err.find("-:1:1: column Isbn of table App.Book is missing, and takes no null"))
+            csv.err.find("-:1:1: column Isbn of table App.Book is missing, but takes no null"))
       << csv.err;
   Result const json =
       On("import", {"Book", "-", "--jsonl"}, 1, "{\"Title\": \"a\", \"Isbn\": 1}\n");

@@ -63,8 +63,8 @@ TEST_F(ImportTest, BadRowInALaterBatch_KeepsTheBatchesBeforeItAndSaysWhereToGoOn
                                                  "bad,tall\n" + People(90000, 90010));
   Result const result = On("import", {"Person", file}, 1);
   EXPECT_NE(std::string::npos, result.err.find("many.csv:41002:5: column Height")) << result.err;
-  EXPECT_NE(std::string::npos, result.err.find("40000 rows of the file are imported; go on behind "
-                                               "them with --skip 40000"))
+  EXPECT_NE(std::string::npos, result.err.find("40000 rows of the file are imported; continue "
+                                               "with --skip 40000"))
       << result.err;
   EXPECT_EQ(2 * kBatch, Count("Person"));
   Write("many.csv",
@@ -173,7 +173,7 @@ TEST_F(ImportTest, Utf16WithAByteOrderMark_IsRead) {
   ExpectPeople("big.csv", {}, 2);
   ExpectPeople("marked.csv", {}, 2);
   Result const odd = On("import", {"Person", Path("odd.csv")}, 1);
-  EXPECT_NE(std::string::npos, odd.err.find("in the midst of a character")) << odd.err;
+  EXPECT_NE(std::string::npos, odd.err.find("in the middle of a character")) << odd.err;
 }
 
 TEST_F(ImportTest, OtherEncodings_AreNamedBeforeAnythingIsImported) {

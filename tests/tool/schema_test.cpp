@@ -105,8 +105,8 @@ TEST_F(SchemaTest, Apply_UnexplainedNewName_IsRefusedWithBothReadings) {
     Result const refused = On("apply", arguments, 4);
     EXPECT_EQ("", refused.out);
     EXPECT_EQ("sagleme: " + file +
-                  ": column Isbn of App.Book is gone and column Number has come in its place; it "
-                  "may be Isbn by a new name, or another column\n"
+                  ": column Isbn of App.Book is gone and column Number is new in its place; it "
+                  "may be Isbn under a new name, or another column\n"
                   "  If it was renamed, write \"was\": \"Isbn\" in the entry of Number; if it is "
                   "new, \"was\": null.\n",
               refused.err);
@@ -163,8 +163,8 @@ TEST_F(SchemaTest, Apply_UnexplainedNewTableName_IsRefusedUntilItIsSaid) {
   std::string const file = Write("table.json", document.dump());
   Result const refused = On("apply", {file, "--allow-destructive"}, 4);
   EXPECT_NE(std::string::npos,
-            refused.err.find("table App.Person is gone and table App.Human has come in its place; "
-                             "it may be App.Person by a new name, or another table"))
+            refused.err.find("table App.Person is gone and table App.Human is new in its place; "
+                             "it may be App.Person under a new name, or another table"))
       << refused.err;
   Table(document, "App.Human")["was"] = "App.Person";
   EXPECT_EQ("instant      rename table App.Person to App.Human\n", ApplyDocument(document));

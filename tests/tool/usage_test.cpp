@@ -39,25 +39,26 @@ TEST_F(UsageTest, HelpOfACommand_IsTheSameInEveryWay) {
 }
 
 TEST_F(UsageTest, MisspeltNames_AreAnsweredWithNearOnes) {
-  EXPECT_TRUE(Contains(Refused({"scna", database()}), "there is no command \"scna\"\n  Did you"));
+  EXPECT_TRUE(Contains(Refused({"scna", database()}), "unknown command \"scna\"\n  Did you"));
   EXPECT_TRUE(Contains(Refused({"help", "tabels"}), "Did you mean tables?"));
-  EXPECT_TRUE(Contains(Refused({"scan", database(), "Item", "--lmit=1"}), "no option --lmit\n"));
+  EXPECT_TRUE(
+      Contains(Refused({"scan", database(), "Item", "--lmit=1"}), "unknown option --lmit\n"));
   EXPECT_TRUE(Contains(Refused({"scan", database(), "Item", "--lmit=1"}), "mean --limit?"));
   EXPECT_TRUE(Contains(Refused({"scan", database(), "Bok"}, 4), "Did you mean Book?"));
   EXPECT_TRUE(Contains(Refused({"scan", database(), "App.book"}, 4), "Did you mean App.Book?"));
   EXPECT_TRUE(Contains(Refused({"find", database(), "ItemByTitel"}, 4), "mean ItemByTitle?"));
-  EXPECT_TRUE(Contains(On("shell", {}, 2, "begn\n").err, "there is no command \"begn\""));
+  EXPECT_TRUE(Contains(On("shell", {}, 2, "begn\n").err, "unknown command \"begn\""));
 }
 
 TEST_F(UsageTest, WrongWords_AreReportedInTheCommandsOwn) {
   EXPECT_TRUE(Contains(Refused({}), "no command was given"));
   EXPECT_TRUE(Contains(Refused({"scan", database()}), "the argument TABLE is missing\n  Usage: "));
-  EXPECT_TRUE(Contains(Refused({"info", database(), "x"}), "\"x\" is one argument too many"));
+  EXPECT_TRUE(Contains(Refused({"info", database(), "x"}), "unexpected argument \"x\""));
   EXPECT_TRUE(Contains(Refused({"scan", database(), "Item", "--limit"}), "needs a value, COUNT"));
   EXPECT_TRUE(Contains(Refused({"scan", database(), "Item", "--limit", "-1"}), "whole number"));
   EXPECT_TRUE(Contains(Refused({"scan", database(), "Item", "--format", "xml"}),
                        "table, records, json, csv, markdown"));
-  EXPECT_TRUE(Contains(Refused({"--nonsense"}), "there is no option --nonsense"));
+  EXPECT_TRUE(Contains(Refused({"--nonsense"}), "unknown option --nonsense"));
 }
 
 TEST_F(UsageTest, TablesOfTheCatalogue_AreFoundByTheirFullNamesOnly) {

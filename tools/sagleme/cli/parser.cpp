@@ -103,10 +103,10 @@ void Parser::RefuseFirst(std::string const& word) const {
              : Named(word) != nullptr;
   if (known) return;
   std::string const near = DidYouMean(word, names);
-  throw Failure(Exit::kUsage,
-                option ? fmt::format("there is no option {}", word)
-                       : fmt::format("there is no command \"{}\"", word),
-                near.empty() ? program_ + "help lists the commands." : near);
+  throw Failure(
+      Exit::kUsage,
+      option ? fmt::format("unknown option {}", word) : fmt::format("unknown command \"{}\"", word),
+      near.empty() ? program_ + "help lists the commands." : near);
 }
 
 std::string Parser::Help() const {
@@ -144,10 +144,10 @@ std::string Parser::WhatIsWrong(CLI::ParseError const& error, CLI::App const& ap
   auto const extras = app_.remaining(true);
   if (!extras.empty() && dynamic_cast<CLI::ExtrasError const*>(&error) != nullptr) {
     std::string const word = extras.front();
-    if (!word.starts_with('-')) return fmt::format("\"{}\" is one argument too many", word);
+    if (!word.starts_with('-')) return fmt::format("unexpected argument \"{}\"", word);
     std::string const option = word.substr(0, word.find('='));
     near = DidYouMean(option, OptionNames(app));
-    return fmt::format("there is no option {}", option);
+    return fmt::format("unknown option {}", option);
   }
   if (dynamic_cast<CLI::RequiredError const*>(&error) != nullptr) {
     CLI::Option const* const missing = Missing(app);
@@ -155,7 +155,7 @@ std::string Parser::WhatIsWrong(CLI::ParseError const& error, CLI::App const& ap
                               : fmt::format("the argument {} is missing", missing->get_name(true));
   }
   CLI::Option const* const option = Concerned(app, error.what());
-  if (option == nullptr) return "the arguments cannot be understood";
+  if (option == nullptr) return "the arguments are not understood";
   std::string const name = "--" + option->get_lnames().front();
   if (option->get_expected_max() == 0) return fmt::format("the option {} takes no value", name);
   return option->count() > 1

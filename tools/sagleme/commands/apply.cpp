@@ -21,7 +21,7 @@ class ApplySchema : public Command {
     return "Change the schema of a database to the one in a file";
   }
   std::string details() const override {
-    return "A table or column that is gone, where a similar one has come in its place without "
+    return "A table or column that is gone, where a similar one is new in its place without "
            "an id, may have been renamed. On a terminal apply asks; elsewhere it refuses until "
            "the document says so: \"was\": \"OLD NAME\" for a rename, \"was\": null for what is "
            "new.";
@@ -97,10 +97,10 @@ void ApplyWithProgress(sagleme::Transaction& transaction, sagleme::Plan const& p
 std::optional<sagleme::Reading> AskWhich(Output const& output, sagleme::Doubt const& doubt) {
   bool const tables = doubt.table.empty();
   std::string const question = fmt::format(
-      "{} {}{} is gone and {} has come in its place.\n"
-      "Type r if {} is its new name, n if {} is new and the {} of {} go, nothing to stop: ",
+      "{} {}{} is gone and {} is new in its place.\n"
+      "Type r if {} is its new name, n to drop the {} of {}, or nothing to stop: ",
       tables ? "Table" : "Column", doubt.gone, tables ? "" : " of " + doubt.table, doubt.come,
-      doubt.come, doubt.come, tables ? "objects" : "values", doubt.gone);
+      doubt.come, tables ? "objects" : "values", doubt.gone);
   char const letter = AskLetter(output, question, "rn");
   if (letter == 0) return std::nullopt;
   return letter == 'r' ? sagleme::Reading::kRenamed : sagleme::Reading::kNew;

@@ -39,10 +39,11 @@ void RefuseForeignFiles(std::string const& directory) {
   for (auto const& entry : std::filesystem::directory_iterator(directory, ignored)) {
     std::string const name = entry.path().filename();
     if (own.contains(name)) continue;
-    throw Failure(Exit::kRefused,
-                  fmt::format("cannot create {}: the directory holds {}, which is no database file",
-                              directory, name),
-                  "Name a directory that does not exist or is empty.");
+    throw Failure(
+        Exit::kRefused,
+        fmt::format("cannot create {}: the directory holds {}, which is not a database file",
+                    directory, name),
+        "Name a directory that does not exist or is empty.");
   }
 }
 

@@ -70,7 +70,7 @@ class Import : public Command {
     app.add_flag("--jsonl", json_, "Read JSON Lines, as from a file named .jsonl");
     app.add_option("--separator", separator_, "The separator of the values in a CSV file")
         ->type_name("CHAR");
-    app.add_option("--reject", reject_, "Collect bad rows in FILE and go on")->type_name("FILE");
+    app.add_option("--reject", reject_, "Collect bad rows in FILE and continue")->type_name("FILE");
     AddCount(app, "--skip", skip_, "Skip the first COUNT rows, which are already imported");
     app.add_flag("--atomic", atomic_, "Import all rows in one transaction, or none");
     app.add_flag("--keep-ids", keep_ids_, "Give the objects the ids in the file");
@@ -164,7 +164,7 @@ void Import::ImportRows(Session& session, sagleme::Table const& table, RowSource
 
 std::string Import::AdviceFor(Session const& session, sagleme::ImportResult const& result) const {
   if (InOne(session) || result.rows <= skip_) return kNothing;
-  return fmt::format("{} of the file are imported; go on behind them with --skip {}.",
+  return fmt::format("{} of the file are imported; continue with --skip {}.",
                      Counted(result.rows, "rows"), result.rows);
 }
 

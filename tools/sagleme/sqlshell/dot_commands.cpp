@@ -115,7 +115,7 @@ void DotCommands::Run(std::string const& line, Output const& output) {
   } else {
     words.front().erase(0, 1);
     if (!words.front().empty() && settings_.Take(words, output)) return;
-    throw Failure(Exit::kUsage, fmt::format("there is no command {}", name),
+    throw Failure(Exit::kUsage, fmt::format("unknown command {}", name),
                   ".help lists the commands.");
   }
 }
