@@ -34,7 +34,7 @@ void CheckIdentity(View const& view, FindingSink& sink) {
   if (status == LORV_STATUS_OK) return;
   Finding finding;
   finding.kind = LSCOREDB_FINDING_DEFINITION;
-  sink.Report(finding, "The identity of the database cannot be used.");
+  sink.Report(finding, "The identity of the database is damaged.");
 }
 
 void CheckSnapshot(Store& store, Snapshot const& snapshot, std::uint32_t flags, FindingSink& sink) {

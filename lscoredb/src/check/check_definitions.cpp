@@ -78,7 +78,7 @@ void ForEachIn(Snapshot const& snapshot, Tree tree, std::string const& prefix, V
       continue;
     }
     if (IsKeptInMeta(cursor.key()[0]) != (tree == Tree::kMeta)) {
-      broken(cursor.key(), "It stands in the wrong tree.");
+      broken(cursor.key(), "It is in the wrong tree.");
       continue;
     }
     Status const status = Guarded([&] {
@@ -109,7 +109,7 @@ void CheckedDefinitions::ReportBroken(std::string_view key, char const* what) {
   Finding const finding = About(key);
   if (!key.empty() && key[0] == format::kLayoutLetter) layouts_.try_emplace(finding.layout);
   if (!key.empty() && key[0] == format::kIndexLetter) indexes_.try_emplace(finding.index);
-  sink_.Report(finding, std::string("A definition cannot be used. ") + what);
+  sink_.Report(finding, std::string("A definition is damaged. ") + what);
 }
 
 void CheckedDefinitions::LoadOne(std::string_view key, std::string_view record) {
@@ -136,7 +136,7 @@ void CheckedDefinitions::LoadIndex(IndexId id, std::string_view record) {
     if (IsColumnType(index->columns[i].type)) continue;
     indexes_.try_emplace(id);
     Finding const finding{LSCOREDB_FINDING_DEFINITION, {}, id, {}, static_cast<std::uint32_t>(i)};
-    return sink_.Report(finding, "A column of the index has a type that is none.");
+    return sink_.Report(finding, "A column of the index has an invalid type.");
   }
   indexes_[id] = std::move(index);
 }
@@ -150,7 +150,7 @@ void CheckedDefinitions::CheckRecords() {
     ExpectRecord(LayoutTokenRecord(*layout, layout->order()), OfLayout(number),
                  "The layout is not found by its token.");
     bool const based = layout->base() == kNoLayout || layouts_.contains(layout->base());
-    if (!based) sink_.Report(OfLayout(number), "The layout's base is not there.");
+    if (!based) sink_.Report(OfLayout(number), "The layout's base does not exist.");
   }
   for (auto const& [id, index] : indexes_) {
     if (index == nullptr) continue;
@@ -186,13 +186,13 @@ void CheckedDefinitions::CheckLayoutToken(std::string_view key, std::string_view
   if (IsBroken(number)) return;
   Layout const* const layout = FindLayout(number);
   if (layout == nullptr) {
-    return sink_.Report(OfLayout(number), "A token names a layout that is not there.");
+    return sink_.Report(OfLayout(number), "A token names a layout that does not exist.");
   }
   DefinitionRecord const wanted = LayoutTokenRecord(*layout, layout->order());
   if (wanted.key != key) {
-    sink_.Report(OfLayout(number), "A token names the layout that is not its own.");
+    sink_.Report(OfLayout(number), "A token names a layout that is not its own.");
   } else if (wanted.value != record) {
-    sink_.Report(OfLayout(number), "The layout's age is not the one that its token tells.");
+    sink_.Report(OfLayout(number), "The layout's age differs from the one that its token gives.");
   }
 }
 
@@ -202,37 +202,38 @@ void CheckedDefinitions::CheckIndexName(std::string_view key, bool by_token) {
   if (IsBroken(id)) return;
   IndexDefinition const* const index = FindIndex(id);
   std::string const by = by_token ? "A token" : "A set specifier";
-  if (index == nullptr) return sink_.Report(OfIndex(id), by + " names an index that is not there.");
+  if (index == nullptr)
+    return sink_.Report(OfIndex(id), by + " names an index that does not exist.");
   std::string const wanted = (by_token ? IndexTokenRecord(*index) : IndexSetRecord(*index)).key;
-  if (wanted != key) sink_.Report(OfIndex(id), by + " names the index that is not its own.");
+  if (wanted != key) sink_.Report(OfIndex(id), by + " names an index that is not its own.");
 }
 
 void CheckedDefinitions::CheckSetChange(std::string_view key, std::string_view record) {
   SetChange const change = ParseSetChange(record);
   if (SetChangeKey(change.setspec) != key) {
-    sink_.Report(About(key), "The last change of a set is noted under another one.");
+    sink_.Report(About(key), "The last change of a set is recorded under another one.");
   }
 }
 
 void CheckedDefinitions::CheckClosedSet(std::string_view key, std::string_view record) {
   if (ClosedSetKey(ParseClosedSet(record)) != key) {
-    sink_.Report(About(key), "A closed set is noted under another one.");
+    sink_.Report(About(key), "A closed set is recorded under another one.");
   }
   if (LastClosing(snapshot_) == CommitId{0}) {
-    sink_.Report(About(key), "A set is closed, and nothing says that any is.");
+    sink_.Report(About(key), "A set is closed, but the database is marked as having none.");
   }
 }
 
 void CheckedDefinitions::CheckCountOf(std::string_view key, std::string_view record) {
   LayoutNumber const number = LayoutAtEnd(key);
   if (layouts_.contains(number) || ParseCount(record).objects == 0) return;
-  sink_.Report(OfLayout(number), "There is a count of objects for a layout that is not there.");
+  sink_.Report(OfLayout(number), "There is an object count for a layout that does not exist.");
 }
 
 void CheckedDefinitions::CheckRelease(std::string_view key) {
   LayoutNumber const number = LayoutAtEnd(key);
   if (layouts_.contains(number)) return;
-  sink_.Report(OfLayout(number), "A layout that is not there is said to be of no more use.");
+  sink_.Report(OfLayout(number), "A layout that does not exist is marked as released.");
 }
 
 void CheckedDefinitions::ExpectRecord(DefinitionRecord const& record, Finding const& finding,

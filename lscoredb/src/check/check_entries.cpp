@@ -92,7 +92,7 @@ void EntryCheck::EnterIndex(std::string_view key) {
   Finding finding;
   finding.kind = LSCOREDB_FINDING_ENTRY;
   finding.index = IndexId{id};
-  sink_.Report(finding, "There are entries of an index that is not there.");
+  sink_.Report(finding, "There are entries of an index that does not exist.");
 }
 
 void EntryCheck::CheckEntry(std::string_view key, std::string_view value) {
@@ -105,7 +105,7 @@ void EntryCheck::CheckEntry(std::string_view key, std::string_view value) {
   Finding finding;
   finding.kind = LSCOREDB_FINDING_ENTRY;
   finding.index = index_->id;
-  sink_.Report(finding, "An entry is not what was written.");
+  sink_.Report(finding, "An entry is damaged.");
 }
 
 // An object that is damaged itself is reported as that.
@@ -119,7 +119,7 @@ void EntryCheck::CompareWithObject(Entry const& entry, std::string_view key,
   std::uint64_t const id = Raw(entry.object);
   std::string_view stored;
   if (!snapshot_.Get(Tree::kRows, BytesOf(id), &stored)) {
-    return sink_.Report(finding, "The index holds an object that is not there.");
+    return sink_.Report(finding, "The index holds an object that does not exist.");
   }
   RowRef row;
   if (reader_.Read(entry.object, stored, &row).what != nullptr) return;

@@ -46,7 +46,7 @@ ObjectReader::Problem ObjectReader::Read(ObjectId id, std::string_view stored, R
     return {LSCOREDB_FINDING_OBJECT, "Its bytes are not what was written for it."};
   }
   if (image.commit() > snapshot_.id()) {
-    return {LSCOREDB_FINDING_OBJECT, "It comes from a commit that has not been."};
+    return {LSCOREDB_FINDING_OBJECT, "It comes from a commit that never happened."};
   }
   *row = RefOf(id, *layout, stored);
   return {};
@@ -99,7 +99,7 @@ void ObjectCheck::Add(ObjectCheck const& other) {
 void ObjectCheck::Finish() {
   for (auto const& [setspec, object] : unnoted_) {
     sink_.Report(Of(LSCOREDB_FINDING_SET_CHANGE, object),
-                 "The object's last change is not noted for its set.");
+                 "The object's last change is not recorded for its set.");
   }
   CheckChunks();
   definitions_.ForEachLayout([&](Layout const& layout) { CheckCount(layout.number()); });
@@ -231,18 +231,18 @@ void ObjectCheck::CheckNextId() {
   if (read != LORV_STATUS_OK) {
     Finding finding;
     finding.kind = LSCOREDB_FINDING_DEFINITION;
-    return sink_.Report(finding, "What says which identities are free cannot be used.");
+    return sink_.Report(finding, "The record of free identities is damaged.");
   }
   if (misplaced != kNoObject) {
     sink_.Report(Of(LSCOREDB_FINDING_NEXT_ID, misplaced),
-                 "What says which identities may be chosen contradicts itself here.");
+                 "The ranges of free identities contradict each other here.");
   }
   IndexId const last = definitions_.highest_index();
   if (Raw(last) < mark) return;
   Finding finding;
   finding.kind = LSCOREDB_FINDING_NEXT_ID;
   finding.index = last;
-  sink_.Report(finding, "The index's identity would be given out again.");
+  sink_.Report(finding, "The index's identity could be allocated again.");
 }
 
 }  // namespace lscore

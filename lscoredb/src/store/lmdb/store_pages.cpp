@@ -102,7 +102,7 @@ void PageScan::Run() {
     name_ = known.name;
     if (at == named_.end()) {
       bool const fresh = header_.commit == 0;  // its creation is still to be committed
-      if (depth_ == PageDepth::kAll && !fresh) Report("it is not there");
+      if (depth_ == PageDepth::kAll && !fresh) Report("it is missing");
     } else if (at->second.key_kind != known.key_kind) {
       Report("its record has keys of another kind");
     } else {
@@ -112,7 +112,7 @@ void PageScan::Run() {
   ScanTree(pages::kFreeTreeName, header_.free);
   if (depth_ == PageDepth::kAll && faults_ == 0 && !IsTaken(header_.last_page)) {
     name_ = {};
-    Report("its last page is not one that anything uses");
+    Report("nothing uses its last page");
   }
 }
 
@@ -130,7 +130,7 @@ void PageScan::ScanTree(std::string_view name, TreeRecord const& tree) {
   if (depth_ == PageDepth::kRoots && (name != "trees" || tree.depth > 1)) return;
   bool const same = met_.branch_pages == tree.branch_pages && met_.leaf_pages == tree.leaf_pages &&
                     met_.overflow_pages == tree.overflow_pages && met_.entries == tree.entries;
-  if (faults_ == before && !same) Report("it does not have the size that its record says");
+  if (faults_ == before && !same) Report("its size differs from its record");
 }
 
 // `levels` is the height of what stands below the page and itself.
@@ -152,7 +152,7 @@ void PageScan::ScanPage(std::uint64_t number, std::uint16_t levels, Bounds bound
 bool PageScan::LoadPage(std::uint64_t number, std::uint16_t levels, Bounds bounds,
                         std::string& bytes, Page& page) {
   if (!Take(number, 1)) {
-    Report("it lies outside of the file, or is used twice", bounds);
+    Report("it is outside the file, or used twice", bounds);
     return false;
   }
   ReadAt(file_, number * header_.page_size, header_.page_size, bytes);
@@ -197,10 +197,10 @@ void PageScan::ScanValue(Node const& node) {
   bool const free = name_ == pages::kFreeTreeName;
   std::string overflow;
   std::string_view value(node.value, node.value_kind == kPlainValue ? node.value_size : 0);
-  if (name_ == "trees") return Report("it holds something that is no tree");
+  if (name_ == "trees") return Report("it holds something other than a tree");
   if (node.value_kind == kValueOnOverflow) {
     if (!ScanOverflow(node, free ? &overflow : nullptr)) {
-      return Report("a value on pages of its own cannot be read", {node.key, node.key});
+      return Report("an overflow value cannot be read", {node.key, node.key});
     }
     value = overflow;
   }
@@ -240,7 +240,7 @@ void PageScan::ScanFreePages(std::string_view key, std::string_view list) {
   for (std::uint64_t i = 1; i <= count; ++i) {
     auto const number = Load<std::uint64_t>(list.data() + i * sizeof(std::uint64_t));
     if (number >= above || !TakeFree(number)) {
-      return Report("a list of free pages names one that is in use");
+      return Report("a list of free pages names a page in use");
     }
     above = number;
   }
