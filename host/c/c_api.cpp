@@ -9,7 +9,7 @@
 namespace sagleme {
 namespace {
 
-// Without a destructor: one would hold the library in memory for as long as the thread lives.
+// No destructor: one would keep the library in memory as long as the thread lives.
 struct Words {
   char text[1024];
   std::uint32_t status;  // of the failed opening that the text is about; 0: none
@@ -68,13 +68,13 @@ std::uint32_t Opened(Open&& open, lscoredb** out_database, std::uint64_t* out_co
   }
 }
 
-// The kernel's statuses, about which the layer writes no words. What its buffer holds then is about
-// an earlier failure.
+// The kernel's statuses. The layer writes no text for them, so its buffer is about an earlier
+// failure.
 bool IsOfKernel(std::uint32_t status) {
   return status >= LSCOREDB_NO_TRANSACTION && status <= LSCOREDB_OF_PARENT;
 }
 
-// The layer's words about the last call in a context; empty for none.
+// The layer's text about the last call in a context; empty if there is none.
 std::string LayerWords(std::uint64_t context, std::uint32_t status) {
   if (context == 0 || status == 0 || IsOfKernel(status)) return {};
   char16_t const* const words = lorv_metalayer_errbuf(context);

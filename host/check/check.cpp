@@ -6,7 +6,7 @@
 namespace sagleme {
 namespace {
 
-// What the kernel reported, with its text.
+// A finding of the kernel, with its text.
 struct KernelFinding {
   lscoredb_finding what{};
   std::string text;
@@ -66,13 +66,13 @@ char const* RuleOf(std::uint32_t kind) {
   }
 }
 
-// Whether nothing else can be read for sure.
+// Whether nothing else can be read reliably.
 bool EndsReading(KernelFinding const& finding) {
   return finding.what.kind == LSCOREDB_FINDING_PAGES ||
          finding.what.kind == LSCOREDB_FINDING_DEFINITION;
 }
 
-// From what the kernel knows to the tables of the catalogue.
+// Maps what the kernel knows to the tables of the catalogue.
 class Names {
  public:
   explicit Names(Transaction& transaction)

@@ -88,7 +88,8 @@ class CatalogueCheck {
            ToUtf8(column.name), TypeName(column.type), column.ordinal, table.layout);
   }
 
-  // The token of a column in the kernel; nothing when there is no such column, which is reported.
+  // The token of a column in the kernel; nothing if there is no such column, which is reported
+  // elsewhere.
   std::optional<std::uint64_t> TokenOf(Table const& table, Column const& column) const {
     LORVI_COLUMN_INFO info{};
     auto const status =

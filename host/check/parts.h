@@ -1,7 +1,7 @@
 #ifndef SAGLEME_TOOL_CHECK_PARTS_H
 #define SAGLEME_TOOL_CHECK_PARTS_H
 
-// The parts of the check above the kernel. Each tells what it finds and goes on.
+// The parts of the check above the kernel. Each reports its findings and continues.
 
 #include <lscoredb/watch.h>
 
@@ -21,12 +21,12 @@ void CheckRows(Transaction& transaction, FindingReport const& report);
 void CheckObjects(Transaction& transaction, CheckOptions const& options,
                   FindingReport const& report, Progress const& progress);
 
-// What a report threw, on its way through checks that catch the failures of reading.
+// Carries an exception of a report through checks that catch read failures.
 struct ReportFailure {
   std::exception_ptr cause;
 };
 
-// Runs `work` with a report whose exceptions come out as they are.
+// Runs `work` with a report whose exceptions pass through unchanged.
 template <typename Work>
 void WithOwnFailures(FindingReport const& report, Work&& work) {
   try {
@@ -42,13 +42,13 @@ void WithOwnFailures(FindingReport const& report, Work&& work) {
   }
 }
 
-// How far the check is: the kernel's part, which counts as so many quarters, and the objects.
+// Progress of the check: the kernel's part, which counts as so many quarters, and the objects.
 class Progress {
  public:
   Progress(CheckOptions const& options, std::uint64_t kernel_quarters)
       : options_(options), before_(kernel_quarters * kQuarter) {}
 
-  // Runs a call of the kernel. What the options' function throws comes out when it has returned.
+  // Runs a call of the kernel. Rethrows what the options' function threw after the call returned.
   template <typename Call>
   std::uint32_t Watched(Call&& call) {
     if (!options_.progress) return call();

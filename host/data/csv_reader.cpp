@@ -52,7 +52,7 @@ std::size_t CsvReader::EndOfLine(std::size_t at) {
   return at;
 }
 
-// To the next row: the one that was read, and empty lines, are behind us.
+// Moves to the next row, past the last one and empty lines.
 void CsvReader::PassOver() {
   auto const consume = [this](std::size_t size) {
     location_ = LocationOf(size);

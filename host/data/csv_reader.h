@@ -30,13 +30,13 @@ class CsvReader {
   bool Next();
   // The row read last; valid until the next call.
   std::vector<CsvField> const& fields() const { return fields_; }
-  // Its bytes as they stand in the file, with the end of the line.
+  // Its bytes in the file, with the line end.
   std::string_view raw() const { return input_.rest().substr(0, size_); }
   // Of an offset in the row.
   FileLocation LocationOf(std::size_t offset) const;
 
  private:
-  // Whether there is a byte at an offset; reads on when there was none.
+  // Whether there is a byte at an offset; reads more input if needed.
   bool Has(std::size_t at);
   bool Is(std::size_t at, char byte) { return Has(at) && text_[at] == byte; }
   bool AtLineEnd(std::size_t at) { return !Has(at) || text_[at] == '\n' || text_[at] == '\r'; }

@@ -9,7 +9,7 @@
 namespace sagleme {
 namespace {
 
-// The document on one line: line ends inside texts are escapes, so all others are layout.
+// The document on one line: line ends inside texts are escaped, so all others are formatting.
 std::string OneLine(std::string json) {
   std::string line;
   for (std::size_t i = 0; i < json.size(); ++i) {

@@ -40,7 +40,7 @@ class Exporter {
   }
 
  private:
-  // How objects of one table are written.
+  // Writes the objects of one table.
   struct Layout {
     TablePtr table;
     std::string name;

@@ -10,8 +10,8 @@ namespace sagleme {
 
 using Kind = RowValue::Kind;
 
-// Follows the reader's events. `depth` counts the brackets that are open: at 1 stand the members,
-// at 2 the items of an array. Inside an object that stands for a value nothing is kept but units.
+// Handles the reader's events. `depth` counts open brackets: members are at 1, items of an array at
+// 2. Of an object used as a value only units are kept.
 class FlatJson::Handler {
  public:
   explicit Handler(FlatJson& out) : out_(out) {}
@@ -69,7 +69,7 @@ class FlatJson::Handler {
     --depth_;
     return true;
   }
-  // The reader takes a number that no double holds for an error of syntax, and is behind it then.
+  // The reader reports a number that no double holds as a syntax error, and is past it then.
   [[noreturn]] bool parse_error(std::size_t at, std::string const& token,
                                 std::exception const& error) {
     if (dynamic_cast<nlohmann::json::out_of_range const*>(&error) == nullptr) {
@@ -82,7 +82,7 @@ class FlatJson::Handler {
   bool whole() const { return whole_; }
 
  private:
-  // How far an object has come to be {"utf16": [units]}.
+  // How much of {"utf16": [units]} has been seen.
   enum class Stage { kOpen, kNamed, kUnits, kDone, kOther };
 
   bool Unit(std::uint64_t value) {
@@ -107,7 +107,7 @@ class FlatJson::Handler {
     }
     return true;
   }
-  // The literal that a value here makes; null where none is kept.
+  // The literal to fill with a value here; null if none is kept.
   JsonLiteral* Begin(Kind kind) {
     if (depth_ == 0 || depth_ > 2 || out_.member_count_ == 0) return nullptr;
     JsonMember& member = out_.members_[out_.member_count_ - 1];

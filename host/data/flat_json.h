@@ -1,8 +1,8 @@
 #ifndef SAGLEME_HOST_DATA_FLAT_JSON_H
 #define SAGLEME_HOST_DATA_FLAT_JSON_H
 
-// One line of JSON that is an object whose members are plain values, or arrays of such. It keeps
-// its memory from one line to the next.
+// One line of JSON: an object whose members are plain values, or arrays of plain values. Reuses its
+// memory from line to line.
 
 #include <cstddef>
 #include <deque>
@@ -31,7 +31,7 @@ struct JsonLiteral {
   std::string text;
   std::u16string units;
 
-  // Valid as long as the literal stays as it is.
+  // Valid while the literal is unchanged.
   RowValue view() const { return {0, kind, text, units}; }
 };
 
@@ -50,7 +50,7 @@ class FlatJson {
   // Of the line read last, in its order.
   std::size_t size() const { return member_count_; }
   JsonMember const& member(std::size_t i) const { return members_[i]; }
-  // Null when there is none.
+  // Null if there is none.
   JsonMember const* Find(std::string_view name) const;
   // REQUIRES: i < member.item_count.
   JsonLiteral const& item(JsonMember const& member, std::size_t i) const {

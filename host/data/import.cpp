@@ -6,7 +6,7 @@
 namespace sagleme {
 namespace {
 
-// What a batch may read of the file: much for its rows, little for the memory.
+// Bytes of the file that a batch may read: many for its rows, few for the memory.
 constexpr std::uint64_t kBatchBytes = std::uint64_t{16} << 20;
 
 class ImportRun {

@@ -104,7 +104,7 @@ Importer::Plan& Importer::PlanFor(TablePtr const& table) {
   return plan;
 }
 
-// Rows may bring names that none before had.
+// Rows may have names that no earlier row had.
 void Importer::Extend(Plan& plan) const {
   for (std::size_t name = plan.columns.size(); name < rows_.names().size(); ++name) {
     Column const* column = nullptr;

@@ -1,7 +1,7 @@
 #ifndef SAGLEME_HOST_DATA_IMPORTER_H
 #define SAGLEME_HOST_DATA_IMPORTER_H
 
-// Makes objects of rows, in one transaction.
+// Creates objects from rows, in one transaction.
 
 #include <map>
 #include <optional>
@@ -25,31 +25,31 @@ class LaterReferences {
   };
 
   void Note(Target const& target, FileLocation location) { locations_.emplace(target, location); }
-  // Forgets those that are there now.
+  // Forgets those that exist now.
   void Resolve(Transaction& transaction);
-  // BadRow when there is still one left.
+  // Throws BadRow if one is left.
   void Require() const;
 
  private:
   std::map<Target, FileLocation> locations_;
 };
 
-// Whether the object is there, and of the table or derived from it.
+// Whether the object exists, and belongs to the table or one derived from it.
 enum class Referent { kThere, kMissing, kOfOtherTable };
 Referent FindReferent(Transaction& transaction, Table const& target, ObjectId id);
 
 class Importer {
  public:
-  // All have to outlive it. BadRow for a heading with a name that no row of the table, or of one
-  // derived from it, can have, or without a column that takes no null.
+  // All arguments must outlive it. Throws BadRow if the heading has a name that is no column of the
+  // table or of one derived from it, or lacks a column that takes no null.
   Importer(Transaction& transaction, TablePtr table, RowSource const& rows, bool keep_ids,
            LaterReferences& later);
 
-  // Makes an object of the row read last. BadRow when it cannot; nothing of the row is then left.
+  // Creates an object from the row read last. Throws BadRow if it cannot, and leaves nothing of it.
   void Add();
 
  private:
-  // What the names of the file mean for objects of one table.
+  // Maps the names of the file to columns of one table.
   struct Plan {
     TablePtr table;
     std::vector<Column const*> columns;  // by name; null: none of the table

@@ -40,7 +40,7 @@ Value NumberOf(Type type, std::uint64_t ordered) {
   }
 }
 
-// Surrogates stand in it one by one, each in three bytes.
+// Surrogates are encoded separately, each in three bytes.
 std::u16string TextOf(std::string_view packed) {
   std::u16string text;
   for (std::size_t at = 0; at < packed.size();) {
@@ -63,7 +63,7 @@ class KeyReader {
  public:
   explicit KeyReader(std::string_view key) : rest_(key) {}
 
-  // Nothing when the bytes are none of that type.
+  // Nothing if the bytes are not of that type.
   std::optional<Value> Read(Type type) {
     if (rest_.empty()) return std::nullopt;
     if (First() == kNull) {

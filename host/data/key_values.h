@@ -9,7 +9,7 @@
 
 namespace sagleme {
 
-// One value for each column of the index. Nothing when the bytes are no whole key of it.
+// One value for each column of the index. Nothing if the bytes are not a complete key of it.
 std::vector<Value> KeyValues(Index const& index, std::string_view key);
 
 }  // namespace sagleme

@@ -1,8 +1,8 @@
 #ifndef SAGLEME_HOST_DATA_NEW_IDS_H
 #define SAGLEME_HOST_DATA_NEW_IDS_H
 
-// New identities for all objects of a dump: 1 and up, in the order in which they come. Identities
-// that follow one another are kept as one run, so that the memory follows the gaps between them.
+// New identities for all objects of a dump, from 1, in the order of the dump. Consecutive
+// identities are kept as one run, so memory grows with the gaps between them.
 
 #include <cstdint>
 #include <sagleme/host.hpp>
@@ -13,7 +13,7 @@ namespace sagleme {
 class NewIds {
  public:
   void Add(std::uint64_t old);
-  // Behind the last Add, before the first Find.
+  // After the last Add, before the first Find.
   void Finish();
 
   std::uint64_t size() const { return next_ - 1; }

@@ -6,7 +6,7 @@
 namespace sagleme {
 namespace {
 
-// The unique index over one column alone that covers a table; nothing when there is none.
+// The unique index over only this column that covers a table; nothing if there is none.
 std::optional<Index> UniqueIndexOver(Transaction& transaction, Table const& table,
                                      std::u16string const& column) {
   for (TablePtr at = transaction.table(table.name); at != nullptr;

@@ -6,7 +6,7 @@
 
 namespace sagleme {
 
-// A value as a file has it, as a value of a type. Throws BadValue.
+// Converts a value of a file to a type. Throws BadValue.
 Value ParseRowValue(Type type, RowValue const& value);
 
 }  // namespace sagleme

@@ -20,7 +20,7 @@ void RowWriter::Put(Column const& column, RowValue const& value) {
 }
 
 void RowWriter::PutText(Column const& column, std::string_view text) {
-  // Most texts are ASCII to their end.
+  // Most texts are all ASCII.
   std::size_t at = 0;
   units_.resize(text.size());
   for (; at < text.size() && static_cast<unsigned char>(text[at]) < 0x80; ++at) {

@@ -13,26 +13,26 @@
 
 namespace sagleme {
 
-// Works in one transaction, which has to outlive it, and keeps its memory from object to object.
+// Works in one transaction, which must outlive it. Reuses its memory from object to object.
 class RowWriter {
  public:
   explicit RowWriter(Transaction& transaction) : transaction_(transaction) {}
 
-  // A new object of a table, with the identity given unless that is 0. Error when it cannot have
-  // it. REQUIRES: the last object was finished or given up.
+  // Begins a new object of a table, with the given identity unless that is 0. Throws Error if the
+  // identity is refused. REQUIRES: the last object was finished or abandoned.
   void Begin(Table const& table, ObjectId id);
   ObjectId id() const { return {id_}; }
-  // BadValue when it is no value of the column. REQUIRES: `column` is the table's.
+  // Throws BadValue if the value does not fit the column. REQUIRES: `column` is the table's.
   void Put(Column const& column, RowValue const& value);
   void Put(Column const& column, Value const& value) {
     detail::PutValue(At(column), column.type, value);
   }
-  // Error with LSCOREDB_DUPLICATE_KEY when a unique index refuses the object, which is still there
-  // then, outside of the indexes.
+  // Throws Error with LSCOREDB_DUPLICATE_KEY if a unique index refuses the object, which then still
+  // exists, outside the indexes.
   void Finish();
-  // Takes the object away again.
+  // Deletes the object.
   void GiveUp();
-  // The object at hand, for those who want to read it.
+  // The current object, to read it.
   Object object() const { return {transaction_, LS_OBJ_REF{id_, table_->layout}}; }
 
  private:

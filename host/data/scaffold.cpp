@@ -18,7 +18,7 @@ namespace {
   throw Failure(Failure::Kind::kRefused, what, advice);
 }
 
-// Brings a file or a directory onto the disk.
+// Syncs a file or a directory to the disk.
 void Sync(std::string const& path) {
   int const file = open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (file < 0) Refuse(fmt::format("cannot open {}: {}", path, std::strerror(errno)));

@@ -15,7 +15,7 @@ class Scaffold {
   Scaffold(Scaffold const&) = delete;
   Scaffold& operator=(Scaffold const&) = delete;
 
-  // Where the database is to grow, and a name for what is needed meanwhile.
+  // The directory to build in, and a name for temporary data.
   std::string database() const { return path_ + "/database"; }
   std::string scratch() const { return path_ + "/dump"; }
 

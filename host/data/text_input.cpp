@@ -23,7 +23,7 @@ class StreamSource : public ByteSource {
  public:
   StreamSource(std::istream& input, std::uint64_t& bytes) : input_(*input.rdbuf()), bytes_(bytes) {}
 
-  // As much as is there: whoever waits at a pipe is not to wait for a whole piece.
+  // Reads what is available: the reader of a pipe should not wait for a whole piece.
   bool Read(std::string& out) override {
     if (input_.sgetc() == std::char_traits<char>::eof()) return false;
     auto const there = std::clamp<std::streamsize>(input_.in_avail(), 1, kPiece);
@@ -40,7 +40,7 @@ class StreamSource : public ByteSource {
   std::uint64_t& bytes_;
 };
 
-// A file may hold several compressed pieces, one behind the other.
+// A file may hold several compressed pieces in sequence.
 class GzipSource : public ByteSource {
  public:
   GzipSource(std::unique_ptr<ByteSource> source, std::string begin)
@@ -94,7 +94,7 @@ class GzipSource : public ByteSource {
   bool inside_ = false;
 };
 
-// Unpaired surrogates come through, as the database takes them.
+// Unpaired surrogates pass, since the database takes them.
 class Utf16Source : public ByteSource {
  public:
   Utf16Source(std::unique_ptr<ByteSource> source, std::string begin, bool big)
@@ -135,7 +135,7 @@ class Utf16Source : public ByteSource {
   bool big_;
 };
 
-// What stood at the beginning, and then the rest.
+// The bytes read ahead, and then the rest.
 class JoinedSource : public ByteSource {
  public:
   JoinedSource(std::string begin, std::unique_ptr<ByteSource> rest)
@@ -173,7 +173,7 @@ void RefuseOtherPackings(std::string_view begin) {
   }
 }
 
-// The first bytes, as many as tell what the file is, where there are so many.
+// The first bytes, up to the number that identifies the kind of file.
 std::string ReadBegin(ByteSource& source) {
   std::string begin;
   while (begin.size() < kMagic && source.Read(begin)) {
@@ -225,7 +225,7 @@ bool TextInput::More() {
   buffer_.erase(0, consumed_);
   consumed_ = 0;
   std::size_t const before = buffer_.size();
-  // Whoever reads a huge value again from its beginning is to do so seldom.
+  // Grows geometrically: a reader starts a huge value again after each piece.
   std::size_t const least = before < kHuge ? 1 : before;
   while (!at_end_ && buffer_.size() - before < least) at_end_ = !source_->Read(buffer_);
   return buffer_.size() != before;

@@ -1,9 +1,8 @@
 #ifndef SAGLEME_HOST_DATA_TEXT_INPUT_H
 #define SAGLEME_HOST_DATA_TEXT_INPUT_H
 
-// The text of a file as UTF-8, piece by piece: gzip's compression is unpacked, UTF-16 that begins
-// with a byte order mark converted, a mark of UTF-8 passed over. The stream is read forwards only,
-// so that it may be a pipe.
+// The text of a file as UTF-8, piece by piece: gzip is unpacked, UTF-16 with a byte order mark is
+// converted, a UTF-8 mark is skipped. The stream is only read forwards, so it may be a pipe.
 
 #include <cstdint>
 #include <istream>
@@ -13,7 +12,7 @@
 
 namespace sagleme {
 
-// Gives bytes, in one piece after the other.
+// Gives bytes piece by piece.
 class ByteSource {
  public:
   ByteSource() = default;
@@ -27,18 +26,18 @@ class ByteSource {
 
 class TextInput {
  public:
-  // The stream has to outlive it. Failure of kBadInput for compressed data of an unknown kind.
+  // The stream must outlive it. Throws Failure of kBadInput for unknown compression.
   explicit TextInput(std::istream& input);
   ~TextInput();
 
-  // What was read and not consumed yet. Ends with the next call of More or NextLine.
+  // What was read and not consumed yet. Valid until the next call of More or NextLine.
   std::string_view rest() const { return std::string_view(buffer_).substr(consumed_); }
-  // Reads on behind `rest`, which moves; false at the end. Failure of kBadData when the text cannot
-  // be unpacked or converted.
+  // Reads more text after `rest`, which moves; false at the end. Throws Failure of kBadData if the
+  // text cannot be unpacked or converted.
   bool More();
   void Consume(std::size_t size) { consumed_ += size; }
 
-  // The next line, without its end; false when there is none. Ends with the next call.
+  // The next line, without its end; false if there is none. Valid until the next call.
   bool NextLine(std::string_view& line);
 
   // Of the file that have been read.

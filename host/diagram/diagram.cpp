@@ -115,7 +115,7 @@ std::string MermaidDiagram(SchemaDoc const& schema) {
 
 namespace {
 
-// A file that goes with the object.
+// A file that is removed with the object.
 class TemporaryFile {
  public:
   explicit TemporaryFile(std::string const& text) {

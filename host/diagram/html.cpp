@@ -85,7 +85,7 @@ function row(list, cells, kind) {
   return made;
 }
 
-// The table stands in the page's address, so that a link leads to it and "back" goes back.
+// The table is part of the page's address, so that links and the back button work.
 function go(name) {
   location.hash = encodeURIComponent(name);
 }

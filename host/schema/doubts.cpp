@@ -28,7 +28,7 @@ std::vector<Doc const*> Come(std::vector<Doc> const& after, Pairs<Doc> const& pa
   return come;
 }
 
-// Takes for each entry that is gone the best of those that have come, by `score`; 0 is none.
+// Picks for each removed entry the best of the new ones, by `score`; 0 is none.
 template <typename Doc, typename Score>
 std::vector<Doubt> PairUp(std::vector<Doc const*> const& gone, std::vector<Doc const*> come,
                           std::string const& table, Score&& score) {

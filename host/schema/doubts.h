@@ -1,8 +1,8 @@
 #ifndef SAGLEME_HOST_SCHEMA_DOUBTS_H
 #define SAGLEME_HOST_SCHEMA_DOUBTS_H
 
-// Entries of a schema that are gone, each with one that has come and may be the same by another
-// name. Only entries that nothing pairs are looked at, and none that is said to be new.
+// Removed entries of a schema, each with a new one that may be the same under another name.
+// Considers only unpaired entries, and none that is marked as new.
 
 #include <functional>
 #include <map>
@@ -18,11 +18,11 @@ using Pairs = std::map<Doc const*, Doc const*>;  // entries of the new schema ->
 template <typename Doc>
 using Fits = std::function<bool(Doc const& before, Doc const& after)>;
 
-// Tables that share at least half of the columns of the one that is gone.
+// Tables that share at least half of the columns of the removed one.
 std::vector<Doubt> DoubtTables(SchemaDoc const& from, SchemaDoc const& to,
                                Pairs<TableDoc> const& pairs, Fits<TableDoc> const& fits);
 
-// Columns of one table that stand in the same place: before or behind the same column that stays.
+// Columns of one table at the same position: before or after the same remaining column.
 std::vector<Doubt> DoubtColumns(TableDoc const& before, TableDoc const& after,
                                 Pairs<ColumnDoc> const& pairs, Fits<ColumnDoc> const& fits);
 

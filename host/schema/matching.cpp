@@ -8,8 +8,8 @@
 namespace sagleme {
 namespace {
 
-// Pairs entries of two lists: by identity first, then by "was" where no old entry has the new name
-// still, then by name.
+// Pairs entries of two lists: by identity first, then by "was" if no old entry still has the new
+// name, then by name.
 template <typename Doc>
 class Claims {
  public:
@@ -92,7 +92,7 @@ bool Matching::BaseStays(TableDoc const& before, TableDoc const& after) const {
   return base != nullptr && base->name == after.base;
 }
 
-// A table whose base goes or changes cannot stay, and then none of its descendants can.
+// A table whose base is dropped or changed cannot stay, nor can its descendants.
 void Matching::DropUnlessBaseStays() {
   for (bool changed = true; changed;) {
     changed = false;
@@ -128,7 +128,7 @@ void Matching::MatchColumns(TableDoc const& before, TableDoc const& after) {
   doubts_.insert(doubts_.end(), found.begin(), found.end());
 }
 
-// What a column of a table, inherited or not, will be called; empty when it goes.
+// The new name of a column, inherited or not; empty if it is dropped.
 std::string Matching::NewNameOfColumn(TableDoc const& table, std::string const& column) const {
   for (TableDoc const* at = &table; at != nullptr; at = from_.Find(at->base)) {
     ColumnDoc const* const own = at->FindColumn(column);

@@ -12,16 +12,15 @@
 
 namespace sagleme {
 
-// What is kept, by what it is now called and by what it will be called. A table is kept when its
-// base is; a column when its table is and its shape stays; an index when it stays word for word,
-// renames of its columns aside. Everything else goes and comes.
+// What is kept, by its present and its new name. A table is kept if its base is; a column if its
+// table and type are; an index if it is unchanged, apart from renamed columns. Everything else is
+// dropped and created.
 class Matching {
  public:
-  // Failure with kUsage when two entries of `to` claim the same table or column.
+  // Throws Failure with kUsage if two entries of `to` claim the same table or column.
   Matching(SchemaDoc const& from, SchemaDoc const& to);
 
-  // Null when it is not kept. Names and entries of `from` give entries of `to`, and the other way
-  // round.
+  // Null if it is not kept. Names and entries of `from` give entries of `to`, and vice versa.
   TableDoc const* NewTable(std::string const& old_name) const {
     return Find(new_tables_, old_name);
   }
@@ -31,7 +30,7 @@ class Matching {
   ColumnDoc const* NewColumn(ColumnDoc const& column) const { return Find(new_columns_, &column); }
   ColumnDoc const* OldColumn(ColumnDoc const& column) const { return Find(old_columns_, &column); }
   bool KeepsIndex(std::string const& index) const { return indexes_.contains(index); }
-  // What may be kept as well, and goes and comes as it is.
+  // What could be kept, but is dropped and created as the document stands.
   std::vector<Doubt> const& doubts() const { return doubts_; }
 
  private:

@@ -10,7 +10,7 @@ namespace {
 
 using Json = nlohmann::json;
 
-// Reads one object of the document and knows where in it it stands.
+// Reads one object of the document, and names it in errors.
 class Reader {
  public:
   Reader(Json const& json, std::string where) : json_(json), where_(std::move(where)) {
@@ -134,7 +134,7 @@ TableDoc ParseTable(Json const& json, std::string const& source) {
   return table;
 }
 
-// Where a text ends to be JSON: not all of the parser's exceptions say it.
+// Where a text stops being JSON: not all exceptions of the parser say so.
 class FirstError final : public nlohmann::json_sax<Json> {
  public:
   explicit FirstError(std::string const& text) { Json::sax_parse(text, this); }

@@ -39,7 +39,7 @@ TableDoc ToTableDoc(Transaction& transaction, Table const& table, bool identitie
 }
 
 void AddSubtree(Transaction& transaction, Table const& table, SchemaDoc& schema) {
-  // A table of a user may derive from one of the catalogue, so the scan goes through those as well.
+  // A user's table may derive from one of the catalogue, so the scan includes those.
   for (TablePtr const& child : transaction.Children(table, true)) {
     if (!child->system) {
       schema.tables.push_back(ToTableDoc(transaction, *child, schema.database != 0));
@@ -57,7 +57,7 @@ SchemaDoc ReadSchema(Transaction& transaction, bool identities) {
   return schema;
 }
 
-// Earlier versions kept one of their own in the catalogue, which documents may know.
+// Earlier versions kept an identity of their own in the catalogue, which documents may have.
 std::int64_t DatabaseIdentity(Transaction& transaction) {
   return detail::Inside(transaction.context(), [&transaction]() -> std::int64_t {
     auto const row = metalayer::Configuration::ByConfigurationParameter(kFormerIdentityName);

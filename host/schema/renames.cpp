@@ -34,7 +34,7 @@ class Ordering {
       return &other != &entry && other.now == name && collide_(entry, other);
     });
   }
-  // Gives all names that are free; returns whether there was any.
+  // Makes all renames to free names; returns whether there was any.
   bool MoveFree() {
     bool moved = false;
     for (Named& entry : entries_) {

@@ -7,8 +7,8 @@
 
 namespace sagleme {
 
-// Adds the renames of kept tables, then of their columns, in an order in which no new name is taken
-// when it is given. Where names go round in a circle, one of them steps aside for a while.
+// Adds the renames of kept tables, then of their columns, in an order in which each new name is
+// free. A cycle of names is broken by a temporary name.
 void AddRenames(SchemaDoc const& from, SchemaDoc const& to, Matching const& kept, Plan& plan);
 
 }  // namespace sagleme

@@ -20,7 +20,7 @@ std::string ColumnJson(ColumnDoc const& column) {
   json += FormerName(column);
   json += Field("type", std::string(TypeName(column.type)));
   json += Field("target", column.target);
-  // The types that always take null need no word about it.
+  // Types that always take null do not say so.
   if (column.nullable && !MustBeNullable(column.type)) json += ", \"nullable\": true";
   return json + "}";
 }

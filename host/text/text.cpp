@@ -9,8 +9,8 @@ namespace {
 bool IsControl(char32_t point) { return point < 0x20 || (point >= 0x7F && point < 0xA0); }
 bool IsSurrogate(char32_t point) { return point >= 0xD800 && point < 0xE000; }
 
-// Calls `each` with every point of a text and its bytes; bytes that are no UTF-8 come one by one as
-// U+FFFD.
+// Calls `each` with every code point of a text and its bytes; bytes that are not UTF-8 come one by
+// one as U+FFFD.
 template <typename Each>
 void ForEachPoint(std::string_view text, Each&& each) {
   for (std::size_t at = 0; at < text.size();) {

@@ -27,7 +27,7 @@ struct ToText {
   std::string operator()(Bytes const& value) const { return Base64(value); }
   std::string operator()(ObjectId value) const { return std::to_string(value.value); }
 
-  // One that is not the usual one comes with its bits.
+  // A NaN other than the usual one comes with its bits.
   template <typename T>
   static std::string NanText(T value) {
     auto const bits = std::bit_cast<BitsOf<T>>(value);

@@ -26,8 +26,8 @@ TablePtr VacuumTable(Transaction& transaction) {
   return transaction.table(u"Lorvenstack.Internal.Metadata.Vacuum");
 }
 
-// Removals that nothing asks for: of sets whose table was dropped. Objects came into them through
-// handles that were left, in databases whose drops did not close their sets.
+// Removals without a request, in sets of dropped tables. Old handles created objects there, in
+// databases whose drops did not close the sets.
 std::vector<VacuumRequest> UnrequestedRemovals(Transaction& transaction) {
   std::set<std::u16string> requested;
   for (VacuumRequest const& request : VacuumRequests(transaction)) {
@@ -44,7 +44,7 @@ std::vector<VacuumRequest> UnrequestedRemovals(Transaction& transaction) {
   return removals;
 }
 
-// The layouts that tables have, and those that requests speak of.
+// The layouts of tables, and those that requests name.
 std::set<std::uint16_t> NamedLayouts(Transaction& transaction) {
   std::set<std::uint16_t> named;
   TablePtr const views = transaction.table(u"Lorvenstack.Metadata.RawView");
@@ -56,8 +56,7 @@ std::set<std::uint16_t> NamedLayouts(Transaction& transaction) {
   return named;
 }
 
-// Whether a layout is that of a table, now or in former times: what a host may have made in the
-// kernel beside the tables is not.
+// Whether a layout belongs or belonged to a table, not to what a host created in the kernel itself.
 bool IsOfTables(Transaction& transaction, std::uint16_t layout) {
   std::uint16_t const root = RootTable(transaction)->layout;
   while (layout != 0 && layout != root) {
@@ -109,7 +108,7 @@ class Worker {
   }
 
  private:
-  // False when the host wants the run to end.
+  // False if the host ends the run.
   bool WorkOff(VacuumRequest const& request) {
     std::vector<ObjectId> left;
     for (bool finished = false; !finished;) {
@@ -132,7 +131,7 @@ class Worker {
     return true;
   }
 
-  // No more objects come into the sets that have no table; returns what is to be removed there.
+  // Closes the sets that have no table; returns the removals to make there.
   std::vector<VacuumRequest> CloseDroppedSets() {
     std::vector<VacuumRequest> removals;
     Attempt([&](Transaction& transaction) {
@@ -145,9 +144,8 @@ class Worker {
     return removals;
   }
 
-  // The objects that the request still concerns, so many at a time as fit into memory with ease. A
-  // batch then takes them by id: a scan of its own would pass over all that are done again and
-  // again.
+  // The objects that the request still concerns, as many at a time as easily fit into memory. A
+  // batch takes them by id: a scan of its own would skip all finished ones again each time.
   std::vector<ObjectId> Collect(VacuumRequest const& request) {
     Transaction transaction(context_, Access::kReadOnly);
     std::vector<ObjectId> found;
@@ -158,8 +156,8 @@ class Worker {
     return found;
   }
 
-  // One transaction, and again while others are in the way. Counts are taken over once it is
-  // committed. Returns what the work returns: whether there is more to do.
+  // Runs the work in a transaction, again after each conflict. Counts apply once it is committed.
+  // Returns what the work returns: whether there is more to do.
   template <typename Work>
   bool Attempt(Work&& work) {
     for (std::uint32_t attempt = 1;; ++attempt) {
@@ -178,7 +176,7 @@ class Worker {
     }
   }
 
-  // Whether the request is as it was read: one that was changed meanwhile is left to the next run.
+  // Whether the request is unchanged: one changed meanwhile is left to the next run.
   static bool Stands(Transaction& transaction, VacuumRequest const& request) {
     if (IsUnrequested(request)) return transaction.BySetspec(request.setspec) == nullptr;
     auto const row = Object::Find(transaction, request.row);
@@ -224,8 +222,8 @@ class Worker {
     return false;
   }
 
-  // The layouts of one name may be those of two tables, one of which had the name of the other
-  // once: only the catalogue knows which are in use.
+  // Layouts of one name may belong to two tables, one of which once had the other's name; only the
+  // catalogue knows which are in use.
   bool ReleaseLayouts(Transaction& transaction) {
     std::set<std::uint16_t> const named = NamedLayouts(transaction);
     for (std::uint16_t const layout : EmptyLayouts(transaction)) {

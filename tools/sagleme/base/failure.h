@@ -1,8 +1,7 @@
 #ifndef SAGLEME_TOOL_BASE_FAILURE_H
 #define SAGLEME_TOOL_BASE_FAILURE_H
 
-// How a command ends when it does not end well: an exit status, what is wrong and where, and what
-// to do.
+// How a command fails: an exit status, what is wrong and where, and what to do.
 
 #include <stdexcept>
 #include <string>

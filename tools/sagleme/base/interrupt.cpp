@@ -29,8 +29,8 @@ bool TakeInterrupt() {
   return taken;
 }
 
-// The signal is let in while the process waits and at no other time, so that none slips by between
-// the look and the wait.
+// The signal is unblocked only while the process waits, so none is missed between the check and the
+// wait.
 bool WaitForInput() {
   sigset_t interrupt;
   sigset_t before;

@@ -3,8 +3,8 @@
 
 // Ctrl-C as an exception, for programs that outlive it.
 //
-// Outside of the scope of an InterruptGuard Ctrl-C ends the process, as it does everywhere. Inside
-// it sets a flag, which long work looks at between two objects.
+// Outside the scope of an InterruptGuard, Ctrl-C ends the process as usual. Inside, it sets a flag
+// that long work checks between two objects.
 
 #include <csignal>
 #include <exception>
@@ -28,11 +28,11 @@ class InterruptGuard {
 };
 
 bool InterruptPending();
-// Tells whether one is pending and forgets it.
+// Returns whether one is pending, and forgets it.
 bool TakeInterrupt();
-// Waits until the standard input has something to read, or has ended. False when Ctrl-C came first.
+// Waits until the standard input has data or has ended. False if Ctrl-C came first.
 bool WaitForInput();
-// Throws Interrupted when one is pending, which it stays until it is taken.
+// Throws Interrupted if one is pending. It stays pending until it is taken.
 void CheckInterrupt();
 
 }  // namespace tool

@@ -1,7 +1,7 @@
 #ifndef SAGLEME_TOOL_CLI_RUN_H
 #define SAGLEME_TOOL_CLI_RUN_H
 
-// Running commands with their failures told on standard error.
+// Runs commands and reports their failures on standard error.
 
 #include <functional>
 #include <string>
@@ -12,7 +12,7 @@ namespace tool {
 
 void ReportFailure(Output const& output, std::string const& what, std::string const& advice);
 
-// Runs `work` and flushes the output; what either throws is told, and becomes an exit status.
+// Runs `work` and flushes the output; reports what either throws and turns it into an exit status.
 // OutputClosed and Interrupted pass.
 Exit Guarded(Output const& output, std::function<Exit()> const& work);
 

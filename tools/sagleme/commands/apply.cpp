@@ -79,7 +79,7 @@ std::uint64_t ObjectsToRead(sagleme::Transaction& transaction, sagleme::Plan con
   return objects;
 }
 
-// Makes the changes and tells how far its indexes are, each of which the kernel counts from 0 on.
+// Makes the changes and reports the progress of indexes, each of which the kernel counts from 0.
 void ApplyWithProgress(sagleme::Transaction& transaction, sagleme::Plan const& plan,
                        Output const& output) {
   Progress progress(output, "objects indexed", ObjectsToRead(transaction, plan));
@@ -93,7 +93,7 @@ void ApplyWithProgress(sagleme::Transaction& transaction, sagleme::Plan const& p
   sagleme::ApplyPlan(transaction, plan);
 }
 
-// Nothing for whoever does not say which.
+// Nothing if the user does not choose.
 std::optional<sagleme::Reading> AskWhich(Output const& output, sagleme::Doubt const& doubt) {
   bool const tables = doubt.table.empty();
   std::string const question = fmt::format(

@@ -31,7 +31,7 @@ void ShowStep(Output const& output, int step) {
   if (output.err_is_terminal) output.Note(fmt::format("\rbootstrap: step {}", step));
 }
 
-// A creation that was cut off left only files of the kernel, and goes on.
+// An interrupted creation left only files of the kernel, and is continued.
 void RefuseForeignFiles(std::string const& directory) {
   static std::set<std::string> const own{"data.mdb", "data.new", "lock.mdb", "layouts.lock",
                                          "log-0",    "log-1",    "log.lock"};

@@ -47,7 +47,7 @@ class FileBuffer : public std::streambuf {
   }
 
  private:
-  // A read that has begun does not see Ctrl-C, the wait for something to read does.
+  // Ctrl-C ends the wait for data, not a read that has begun.
   void Wait() const {
     pollfd waiting{file_, POLLIN, 0};
     while (poll(&waiting, 1, -1) < 0 && errno == EINTR) CheckInterrupt();

@@ -12,9 +12,9 @@ namespace tool {
 
 // Failure with kUsage when it cannot be read.
 std::string ReadFile(std::string const& name);
-// The same as a stream, for what is too large to be held. Its buffer throws from every read, and
-// not the stream that is asked through it: Failure with kRefused when the system refuses to read
-// on, Interrupted when the user has stopped the command, also while it waits at a pipe.
+// The same as a stream, for files too large to hold. Its buffer, not the stream, throws from reads:
+// Failure with kRefused if the system refuses to read, Interrupted if the user has stopped the
+// command, even while it waits for a pipe.
 std::unique_ptr<std::istream> OpenFile(std::string const& name);
 // In bytes; 0 when it is not known, as for a pipe.
 std::uint64_t SizeOfFile(std::string const& name);

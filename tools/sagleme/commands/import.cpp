@@ -20,7 +20,7 @@ using sagleme::RowSource;
 
 constexpr char kNothing[] = "Nothing was imported.";
 
-// Bad rows, in a file of the same form. It is made when the first one comes.
+// Bad rows, in a file of the same form, which the first one creates.
 class Rejects {
  public:
   Rejects(std::string path, std::string input, Output const& output)
@@ -28,7 +28,7 @@ class Rejects {
 
   void Add(RowSource const& rows, BadRow const& bad);
   std::uint64_t count() const { return count_; }
-  // Failure when what was rejected could not be written.
+  // Throws Failure if rejected rows could not be written.
   void Finish();
 
  private:
@@ -168,7 +168,7 @@ std::string Import::AdviceFor(Session const& session, sagleme::ImportResult cons
                      Counted(result.rows, "rows"), result.rows);
 }
 
-// A name that is wrong is wrong in every row, and a bad row may be one of many.
+// A wrong name is wrong in every row; a bad row may be one of many.
 std::string Import::AdviceFor(BadRow const& bad, sagleme::Table const& table,
                               RowSource const& rows) const {
   if (!rows.has_heading() || bad.location().line != 1) {

@@ -13,8 +13,8 @@
 namespace tool {
 namespace {
 
-// The table's columns, and behind them those that its descendants add; two descendants may have
-// columns of one name.
+// The table's columns, then those that its descendants add; two descendants may have columns of one
+// name.
 std::vector<std::u16string> ColumnNames(sagleme::Transaction& transaction,
                                         sagleme::Table const& table, Columns columns) {
   std::vector<std::u16string> names;
@@ -58,7 +58,7 @@ void AddProperties(sagleme::Object const& object, std::string const& prefix,
   }
 }
 
-// The object at the end of a path of references; nothing when one of them is null or dangles.
+// The object at the end of a path of references; nothing if one of them is null or dangling.
 std::optional<sagleme::Object> Follow(sagleme::Object at, std::string_view path) {
   while (!path.empty()) {
     auto const dot = path.find('.');

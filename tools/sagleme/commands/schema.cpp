@@ -45,7 +45,7 @@ std::string AsSql([[maybe_unused]] sagleme::Transaction& transaction,
 #endif
 }
 
-// Leaves the tables that stand under one.
+// Keeps only the tables derived from one.
 void KeepSubtree(sagleme::Transaction& transaction, sagleme::Table const& top,
                  sagleme::SchemaDoc& schema) {
   std::erase_if(schema.tables, [&](sagleme::TableDoc const& table) {

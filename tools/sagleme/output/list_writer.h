@@ -32,7 +32,7 @@ class ListWriter {
 
   // REQUIRES: as many cells as the heading has.
   void Add(Row row) { form_->Add(std::move(row)); }
-  // What is still held. Nothing is complete before.
+  // Writes the rows still held. The list is incomplete before.
   void Finish() { form_->Finish(); }
 
  private:

@@ -1,9 +1,9 @@
 #ifndef SAGLEME_TOOL_OUTPUT_PROGRESS_H
 #define SAGLEME_TOOL_OUTPUT_PROGRESS_H
 
-// Tells on standard error how far long work is: one line that is drawn again and again, with rate,
-// percentage and time left. Only on a terminal; elsewhere, as in the log of a nightly job, the
-// summary alone.
+// Shows the progress of long work on standard error: one line that is redrawn, with rate,
+// percentage and time left. Only on a terminal; elsewhere, as in the log of a nightly job, only the
+// summary.
 
 #include <chrono>
 #include <cstdint>
@@ -16,20 +16,20 @@ namespace tool {
 
 class Progress {
  public:
-  // `total` in the units of Update's `done`; 0 when it is not known. `things` is the plural of what
-  // is counted.
+  // `total` in the units of Update's `done`; 0 if unknown. `things` is the plural of what is
+  // counted.
   Progress(Output const& output, std::string things, std::uint64_t total = 0)
       : output_(output), things_(std::move(things)), total_(total) {}
-  // Takes the line away when the work did not get to its summary.
+  // Removes the line if the work did not reach its summary.
   ~Progress();
   Progress(Progress const&) = delete;
   Progress& operator=(Progress const&) = delete;
 
   // Throws Interrupted when the user has stopped the work.
   void Update(std::uint64_t done, std::uint64_t count);
-  // The same for the library, which knows the total. Ends with this object.
+  // The same for the library, which knows the total. Valid as long as this object.
   sagleme::TransferReport report();
-  // The same for work that nobody counts: percentage and time left alone, a total of 0 none.
+  // The same for work that is not counted: only percentage and time left; nothing for a total of 0.
   void UpdateShare(std::uint64_t done, std::uint64_t total);
   // The summary: how many, and how long it took on a terminal.
   void Finish(std::uint64_t count);

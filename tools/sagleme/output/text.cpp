@@ -9,7 +9,8 @@
 namespace tool {
 namespace {
 
-// Reads the point at `at` and moves behind it; bytes that are not UTF-8 come one by one as U+FFFD.
+// Reads the code point at `at` and moves past it; bytes that are not UTF-8 come one by one as
+// U+FFFD.
 char32_t PointAt(std::string_view text, std::size_t& at) {
   std::size_t const start = at;
   try {

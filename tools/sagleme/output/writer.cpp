@@ -56,7 +56,7 @@ int NewFileWriter::Open(std::string const& path) {
 void ReserveStandardFiles() {
   for (int const file : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
     if (fcntl(file, F_GETFD) != -1) continue;
-    // Read-only: what is written to a closed standard output has to fail, not to vanish.
+    // Read-only: writes to a closed standard output must fail, not vanish.
     open("/dev/null", file == STDERR_FILENO ? O_WRONLY : O_RDONLY);
   }
 }

@@ -12,7 +12,7 @@
 
 namespace tool {
 
-// Nobody reads the output any longer. The command ends without a message.
+// The output has no reader any more. The command ends without a message.
 class OutputClosed : public std::exception {
  public:
   char const* what() const noexcept override { return "the output was closed"; }
@@ -24,9 +24,9 @@ class Writer {
 
   // Failure with kRefused when the text cannot be written, OutputClosed when the reader is gone.
   virtual void Write(std::string_view text) = 0;
-  // The same, for what Write still holds.
+  // Writes what is still buffered; throws like Write.
   virtual void Flush() = 0;
-  // Forgets what Write still holds.
+  // Discards what is still buffered.
   virtual void Discard() = 0;
 };
 
@@ -62,8 +62,8 @@ class NewFileWriter : public FileWriter {
   int opened_;
 };
 
-// Makes sure that descriptors 0, 1 and 2 are taken, so that no file of a database becomes the
-// standard output of a command that was started without one.
+// Ensures that descriptors 0, 1 and 2 are open, so that no file of a database becomes the standard
+// output of a command that was started without one.
 void ReserveStandardFiles();
 
 }  // namespace tool

@@ -36,8 +36,8 @@ struct Parts {
   std::string value;
 };
 
-// The first operator behind the name of a column; names may hold the characters of operators. Where
-// no column fits, the first operator of all.
+// The first operator after the name of a column; names may contain characters of operators. If no
+// column fits, the first operator of all.
 std::optional<Parts> Split(sagleme::Table const& table, std::string const& text) {
   std::optional<Parts> first;
   for (std::size_t at = 1; at < text.size(); ++at) {

@@ -39,8 +39,8 @@ struct Condition {
   bool Holds(sagleme::Value const& found) const;
 };
 
-// The columns are the table's, which has to outlive the condition. Failure with kUsage for what
-// is no condition, with kRefused for a column that there is not.
+// The columns are those of the table, which must outlive the condition. Throws Failure with kUsage
+// for a malformed condition, with kRefused for an unknown column.
 Condition ParseCondition(sagleme::Transaction& transaction, sagleme::Table const& table,
                          std::string const& text);
 

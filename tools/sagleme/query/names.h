@@ -14,11 +14,11 @@ namespace tool {
 sagleme::TablePtr TableNamed(sagleme::Transaction& transaction, std::string const& name);
 // The same for commands that write objects: the catalogue's own tables are refused.
 sagleme::TablePtr UserTableNamed(sagleme::Transaction& transaction, std::string const& name);
-// Failure with kRefused and near names, or the columns that there are.
+// Throws Failure with kRefused and near names, or the existing columns.
 sagleme::Column const& ColumnNamed(sagleme::Table const& table, std::string const& name);
-// Failure with kRefused when there is none, with near names.
+// Throws Failure with kRefused and near names if there is none.
 sagleme::Index IndexNamed(sagleme::Transaction& transaction, std::string const& name);
-// Failure with kUsage for what is no id, with kProblem when there is no such object.
+// Throws Failure with kUsage for a malformed id, with kProblem if there is no such object.
 sagleme::Object ObjectNamed(sagleme::Transaction& transaction, std::string const& text);
 sagleme::ObjectId ParseObjectId(std::string const& text);
 // UTF-16 of what a user typed. Failure with kUsage for bytes that are no UTF-8.

@@ -11,7 +11,7 @@
 namespace tool {
 namespace {
 
-// The two zeros are equal, but stand at two places of an index.
+// The two zeros are equal, but have different keys in an index.
 bool IsZero(sagleme::Value const& value) {
   auto const* const wide = std::get_if<double>(&value);
   auto const* const narrow = std::get_if<float>(&value);
@@ -44,13 +44,13 @@ struct Bounds {
   }
 };
 
-// What sorting needs of an object.
+// The sort key of an object.
 struct SortKey {
   std::vector<sagleme::Value> values;
   sagleme::ObjectId id;
 };
 
-// Not a number comes last, as nothing can be said of it.
+// Not a number comes last, since it has no order.
 int Sign(sagleme::Value const& a, sagleme::Value const& b) {
   std::partial_ordering const order = Compare(a, b);
   if (order == 0) return 0;
@@ -98,8 +98,8 @@ std::optional<sagleme::Value> Search::EqualTo(std::u16string const& column) cons
   return std::nullopt;
 }
 
-// Bounds for the column behind those that are equal. In index order the bounds of a descending
-// column change places.
+// Bounds for the column after the equal ones. In index order the bounds of a descending column are
+// swapped.
 void Search::AddRange(IndexPath& path) const {
   sagleme::IndexedColumn const& column = path.index.columns[path.lower.size()];
   Bounds bounds;
@@ -148,7 +148,7 @@ void Search::ChoosePath() {
        at = at->base.empty() ? nullptr : transaction_.table(at->base)) {
     for (sagleme::Index const& index : at->indexes) {
       IndexPath path = PathThrough(index);
-      // For its order alone an index is scanned where it holds nothing but this table.
+      // An index is scanned only for its order if it holds nothing but this table.
       bool const useful = path.bound != 0 || (path.ordered && at == request_.table);
       bool const better = !path_ || path.bound > path_->bound ||
                           (path.bound == path_->bound && path.ordered && !path_->ordered);

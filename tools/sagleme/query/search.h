@@ -3,9 +3,9 @@
 
 // The objects of a table that meet conditions, in an order.
 //
-// An index is scanned where its first columns are bound by conditions, or where it gives the order
-// that is wanted; what it delivers is held against all conditions. Without one the whole table is
-// read. An order that no index gives is made in memory, of no more objects than the limit.
+// An index is scanned if conditions bind its first columns, or if it gives the wanted order; its
+// objects are checked against all conditions. Without one the whole table is read. An order that no
+// index gives is sorted in memory, with no more objects than the limit.
 
 #include <cstdint>
 #include <functional>
@@ -31,7 +31,7 @@ struct SearchRequest {
   std::uint64_t limit = UINT64_MAX;
 };
 
-// COLUMN, or COLUMN:desc. Failure with kRefused for a column that there is not.
+// COLUMN, or COLUMN:desc. Throws Failure with kRefused for an unknown column.
 OrderKey ParseOrder(sagleme::Table const& table, std::string const& text);
 
 class Search {

@@ -21,7 +21,7 @@ std::string PagerCommand();
 
 class PagerWriter : public Writer {
  public:
-  // What fits on the screen goes to `screen`.
+  // Output that fits on the screen goes to `screen`.
   PagerWriter(std::shared_ptr<Writer> screen, TerminalSize size, std::string command)
       : screen_(std::move(screen)), size_(size), command_(std::move(command)) {}
   // Waits until the user has left the pager.

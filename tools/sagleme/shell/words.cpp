@@ -101,8 +101,8 @@ Names IndexNames(Session& session) {
   return names;
 }
 
-// Of the tables that end with what was typed as one; of all where none does. `behind` is what
-// follows each name.
+// Names of the tables that end with what was typed; of all tables if none does. `behind` follows
+// each name.
 Names ColumnNames(Session& session, std::u16string const& typed, std::string const& behind) {
   Names names;
   session.Read([&](sagleme::Transaction& transaction) {
@@ -130,7 +130,7 @@ Names FileNames(std::string const& begun) {
   return names;
 }
 
-// What stands before the word that is to be completed.
+// What comes before the word to complete.
 struct WordContext {
   std::vector<std::string> arguments;  // behind the command, without options and their values
   std::string option;                  // whose value the word is; empty when it is none's

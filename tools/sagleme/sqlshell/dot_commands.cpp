@@ -31,7 +31,7 @@ bool BeginsWith(std::string const& word, std::string const& beginning) {
                     [](char a, char b) { return Upper(a) == Upper(b); });
 }
 
-// Where the name begins that a word ends with: behind a bracket, a dot, an operator.
+// Where the name at the end of a word begins: after a bracket, a dot or an operator.
 std::size_t NameIn(std::string const& line) {
   std::size_t at = line.size();
   while (at > 0 && (std::isalnum(static_cast<unsigned char>(line[at - 1])) != 0 ||

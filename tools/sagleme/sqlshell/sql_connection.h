@@ -44,11 +44,11 @@ class SqlConnection {
   std::string schema_;
 };
 
-// Whether a text ends behind a whole statement, or holds none.
+// Whether a text ends after a complete statement, or has none.
 bool IsWhole(std::string const& text);
 
-// Makes a file of SQLite's with which the extension, when a client loads it, attaches the database.
-// Failure when the file is there already.
+// Creates an SQLite file through which the extension attaches the database when a client loads it.
+// Throws Failure if the file exists.
 void WriteWrapper(std::string const& directory, std::string const& file);
 
 }  // namespace tool
