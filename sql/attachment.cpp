@@ -71,7 +71,7 @@ std::uint64_t Attachment::Estimate(Shape const& shape) {
   return rows;
 }
 
-// After a commit inside of a transaction of SQLite's, which goes on for statements that still read.
+// After a commit inside a transaction of SQLite, which continues for statements that still read.
 Transaction& Attachment::transaction() {
   if (!transaction_.has_value()) Open();
   return *transaction_;
@@ -173,7 +173,7 @@ std::vector<std::string> Attachment::Define(Definition const& definition) {
   return plan;
 }
 
-// A change that fails half way leaves nothing behind.
+// A change that fails halfway leaves nothing behind.
 void Attachment::Change(DefinitionStatement const& statement) {
   std::uint64_t savepoint = 0;
   detail::CheckKernel(lscoredb_savepoint(context(), &savepoint));
@@ -208,9 +208,9 @@ bool SameToSqlite(Shape const& a, Shape const& b) {
 
 }  // namespace
 
-// Inside of a transaction the file cannot change under SQLite, so what differs is dropped and
-// created by statements, which go with the transaction or a savepoint. One at least is created: by
-// that SQLite knows that the transaction writes here, and tells of the savepoints to come.
+// Inside a transaction the file cannot change under SQLite, so differences are dropped and created
+// by statements, which end with the transaction or a savepoint. At least one is created: then
+// SQLite knows that the transaction writes here, and reports later savepoints.
 void Attachment::NotifySqlite(SchemaPtr const& before) {
   SchemaPtr const now = Schema::Read(*transaction_);
   std::string drop;
@@ -237,7 +237,7 @@ void Attachment::NotifySqlite(SchemaPtr const& before) {
   ExecuteDefining(create);
 }
 
-// SQLite connects to a table before it drops it, so what goes is dropped under the schema before.
+// SQLite connects to a table before it drops it, so tables are dropped under the former schema.
 void Attachment::ExecuteDefining(std::string const& sql) {
   defining_ = true;
   char* text = nullptr;

@@ -1,8 +1,8 @@
 #ifndef SAGLEME_SQL_ATTACHMENT_H
 #define SAGLEME_SQL_ATTACHMENT_H
 
-// A database as one SQLite connection has it attached: a context, its transaction, and the file
-// that SQLite takes for the schema.
+// A database attached to one SQLite connection: a context, its transaction, and the file that
+// SQLite takes for the schema.
 //
 // To SQLite the schema is a database file that lists virtual tables. The file is made up from the
 // catalogue and lives in memory; see image.h and vfs.h. SQLite locks a file when a transaction
@@ -11,7 +11,7 @@
 // locked and the schema has another generation than before, the file changes with its schema
 // cookie, and SQLite reads the definitions again and prepares its statements anew.
 //
-// One thread at a time uses an attachment: SQLite's lock of the connection sees to that.
+// One thread at a time uses an attachment: SQLite's lock of the connection ensures that.
 
 #include <memory>
 #include <optional>
@@ -41,7 +41,7 @@ class Attachment {
   // The open transaction. REQUIRES: a locked file, see Hold.
   Transaction& transaction();
   bool in_transaction() const { return transaction_.has_value(); }
-  // The schema that SQLite was told last.
+  // The schema that SQLite has seen last.
   SchemaPtr const& schema() const { return schema_; }
   Connection* connection() const { return connection_; }
   std::string const& name() const { return name_; }
@@ -54,7 +54,7 @@ class Attachment {
   Image& image() { return image_; }
   // The file is locked: a snapshot begins.
   void Begin();
-  // The file is unlocked: what was not committed is undone.
+  // The file is unlocked: uncommitted changes are undone.
   void Unlock() noexcept;
   bool locked() const { return locked_; }
 
@@ -63,12 +63,12 @@ class Attachment {
   void NoteWrite();
   // Whether the file may be written: the schema was changed in this transaction.
   bool defined() const { return defined_; }
-  // Makes a change of the schema, or tells what it would do; the lines of its plan either way.
-  // Outside of a transaction of SQLite's it is committed at once, inside it goes with that.
+  // Makes a change of the schema, or only plans it; returns the lines of its plan either way.
+  // Outside a transaction of SQLite it is committed at once, inside it ends with that.
   std::vector<std::string> Define(Definition const& definition);
-  // Whether tables are put into the schema or taken out for such a change.
+  // Whether such a change adds tables to the schema or removes them.
   bool defining() const { return defining_; }
-  // Keeps what was written. Cursors that are open go on with the objects that they had ahead.
+  // Commits. Open cursors continue with the objects still ahead of them.
   void Commit();
   void Rollback() noexcept;
 
@@ -82,8 +82,8 @@ class Attachment {
 
   // The table of an object, from its set specifier. Null when it was dropped.
   TablePtr TableOf(std::uint64_t oid);
-  // Whether the table of an object under that layout is there. Objects of a dropped one stay in the
-  // ranges of the tables that it derived from until vacuum takes them away.
+  // Whether the table of an object under that layout exists. Objects of a dropped table stay in the
+  // ranges of its bases until vacuum removes them.
   bool IsOfLiveTable(std::uint64_t oid, std::uint16_t layout);
 
  private:

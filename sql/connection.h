@@ -1,9 +1,9 @@
 #ifndef SAGLEME_SQL_CONNECTION_H
 #define SAGLEME_SQL_CONNECTION_H
 
-// What belongs to one SQLite connection: its attachments, and which of them its transaction writes.
+// The state of one SQLite connection: its attachments, and which of them its transaction writes.
 //
-// Modules and functions registered with SQLite share it; it goes with the last of them.
+// Modules and functions registered with SQLite share it; it ends with the last of them.
 
 #include <string>
 #include <string_view>
@@ -30,17 +30,17 @@ class Connection {
   // Attaches the database in a directory; an empty `schema` is named after the directory. Returns
   // the name.
   std::string Attach(std::string const& directory, std::string schema);
-  // The attachment behind a schema, or, for an empty name, the only one there is. Failure when
-  // there is none or more than one.
+  // The attachment of a schema, or, for an empty name, the only one. Throws Failure if there is
+  // none or more than one.
   Attachment& Find(std::string const& schema);
-  // The same, null when there is none of that name.
+  // The same; null if there is none of that name.
   Attachment* Known(char const* schema);
-  // By the number that references carry; null when it is detached.
+  // By the number that references carry; null if it is detached.
   Attachment* At(unsigned number) const;
   unsigned NumberOf(Attachment const* attachment) const;
   void Remove(Attachment* attachment);
 
-  // A transaction writes one database. Failure when it is another one already.
+  // A transaction writes one database. Throws Failure if it already writes another one.
   void Claim(Attachment* attachment);
   void Release(Attachment* attachment);
 

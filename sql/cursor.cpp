@@ -39,7 +39,7 @@ std::vector<Span> Both(std::vector<Span> const& a, std::vector<Span> const& b) {
   return both;
 }
 
-// For each of the first parts of the index what is left of it.
+// The remaining spans of each of the first parts of the index.
 SpanLists Collect(ShapeIndex const& index, Plan const& plan, sqlite3_value** values) {
   SpanLists lists;
   for (std::size_t i = 0; i < plan.uses.size(); ++i) {
@@ -155,8 +155,7 @@ void Cursor::PrepareSkip(Plan const& plan, SpanLists const& lists) {
   skip_.Start(order_.front(), index.parts[points_.size()].ascending == reverse_, std::move(same));
 }
 
-// Goes on at the next value where nothing but the value was asked for. What was read ahead of the
-// present row is to come first.
+// Continues at the next value if nothing but the value was asked for. Rows read ahead come first.
 void Cursor::SkipEqualRows() {
   if (drained_ || iterator_ == 0 || !ready_.empty()) return;
   auto const bound = skip_.Behind(context_, row_);
@@ -241,7 +240,7 @@ bool Cursor::Scan(RowId& row) {
   return false;
 }
 
-// Reads on up to the next plain row and puts what stands before it in order.
+// Reads up to the next plain row and sorts the rows before it.
 bool Cursor::FetchRun(RowId& row) {
   if (ready_.empty()) {
     RunOrder const order(context_, order_);

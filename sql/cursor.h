@@ -3,9 +3,9 @@
 
 // One pass over a table by a plan.
 //
-// Rows are named by id and read column by column when SQLite asks. A commit or rollback in the
-// middle of a pass ends the kernel's scan: the ids that were still to come are taken down before,
-// and looked up one by one afterwards.
+// Rows are named by id and read column by column when SQLite asks. A commit or rollback during a
+// pass ends the kernel's scan: the remaining ids are saved before, and looked up one by one
+// afterwards.
 
 #include <deque>
 #include <vector>
@@ -36,8 +36,8 @@ class Cursor : public sqlite3_vtab_cursor {
     return row_.oid;
   }
   void Column(sqlite3_context* result, int column);
-  // Takes down what is still to come. Never fails: what could not be taken down is an error of the
-  // next step.
+  // Saves the remaining ids. Never fails: ids that could not be saved are an error of the next
+  // step.
   void Drain() noexcept;
 
  private:

@@ -84,20 +84,20 @@ struct Definition {
   DefinitionStatement statement;
 };
 
-// Whether a text begins with such a statement, so far as its first words tell.
+// Whether a text begins with such a statement, by its first words.
 bool BeginsDefinition(std::string_view text);
 // The statement that `text` begins with, up to its semicolon or the end. `rest` gets what follows.
 // Failure with line, column and what was expected there.
 Definition ParseDefinition(std::string_view text, std::string_view* rest);
 
 // One sentence with what it costs: "instant", "background" or "destructive", and what is done.
-// Names are resolved; Error or Failure when that cannot be.
+// Resolves names; throws Error or Failure if it cannot.
 std::vector<std::string> PlanOf(Transaction& transaction, DefinitionStatement const& statement);
-// Makes the change. What was done by a change that failed goes with the transaction or savepoint.
+// Makes the change. The part done by a failed change is undone with the transaction or savepoint.
 void Apply(Transaction& transaction, DefinitionStatement const& statement);
 
-// Statements that make the tables of a database again, in an order that works, or `top` and those
-// derived from it where the others are there.
+// Statements that recreate the tables of a database, in an order that works, or only `top` and the
+// tables derived from it.
 std::string DefinitionsOf(Transaction& transaction, TablePtr const& top = nullptr);
 
 }  // namespace sagleme::sql

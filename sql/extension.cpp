@@ -25,7 +25,7 @@ struct Finalize {
   void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
 };
 
-// A file of SQLite's can name databases that are attached with it, see docs/sql.md.
+// An SQLite file can name databases that are attached with it, see docs/sql.md.
 void AttachNamed(sqlite3* database, Connection& connection) {
   sqlite3_stmt* made = nullptr;
   constexpr char kQuery[] = "SELECT directory, coalesce(schema, '') FROM main.sagleme_attach";

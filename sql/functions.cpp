@@ -121,8 +121,8 @@ void Dereference(sqlite3_context* context, Connection& connection, int, sqlite3_
              TextOf(values[2], "The name of the column"), read);
 }
 
-// What is a number without a mark may be a reference that has lost it on the way through a sort or
-// a subquery. As JSON the answer would be NULL, which would be taken for an object's value.
+// A number without a mark may be a reference that lost it in a sort or a subquery. As JSON the
+// answer would be NULL, which would look like an object's value.
 bool MayBeReference(Connection const& connection, sqlite3_value** values) {
   if (connection.attachments().empty() || sqlite3_value_type(values[0]) != SQLITE_INTEGER ||
       sqlite3_value_type(values[1]) != SQLITE_TEXT) {
@@ -168,7 +168,7 @@ struct Function {
   void (*call)(sqlite3_context*, int, sqlite3_value**);
 };
 
-// Values reach these with their subtypes, and leave them so; later versions of SQLite want to know.
+// Values reach and leave these with their subtypes; later versions of SQLite want to know that.
 constexpr int kTakesSubtypes = SQLITE_SUBTYPE | 0x001000000;
 
 constexpr Function kFunctions[] = {

@@ -13,7 +13,7 @@ using Constraint = sqlite3_index_info::sqlite3_index_constraint;
 // What a step costs in SQLite's unit, the comparison of two rows of a scan.
 constexpr double kSeek = 4;
 constexpr double kIndexRow = 1.5;
-// What conditions are thought to leave where nothing is known.
+// The estimated selectivity of conditions when nothing is known.
 constexpr double kEqualRows = 10;
 // A statement may stay prepared while a table grows, so a small one is planned for as a larger one.
 constexpr double kLeastRows = 256;
@@ -42,7 +42,7 @@ bool IsExact(Type type) { return type == Type::kLong || type == Type::kBool; }
 
 bool IsFloating(Type type) { return type == Type::kFloat || type == Type::kDouble; }
 
-// Where a use stands among SQLite's constraints.
+// The index of a use among SQLite's constraints.
 struct Chosen {
   Use use;
   int constraint;
@@ -161,7 +161,7 @@ void Chooser::Estimate(Candidate& candidate, ShapeIndex const& index, std::size_
   candidate.unique = one_key && std::all_of(index.parts.begin(), index.parts.end(),
                                             [](auto const& part) { return IsExact(part.type); });
   candidate.rows = one_key ? 1 : std::max(rows, 1.0);
-  // An index of a table above may hold many objects that are passed over.
+  // An index of a base table may hold many objects that are skipped.
   candidate.cost = kSeek + candidate.rows * kIndexRow * (index.own ? 1 : 4);
 }
 
@@ -252,7 +252,7 @@ char const* Symbol(int op) {
   }
 }
 
-// Says all that tells plans of one table apart.
+// Encodes everything that distinguishes plans of one table.
 void Chooser::Describe(Candidate& candidate) const {
   Plan& plan = candidate.plan;
   bool const by_index = plan.kind == Plan::Kind::kIndex;

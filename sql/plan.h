@@ -39,8 +39,8 @@ struct Plan {
   bool operator==(Plan const& other) const { return text == other.text; }
 };
 
-// Chooses a plan and tells SQLite of it, all but idxNum and idxStr. `rows`: about how many objects
-// there are.
+// Chooses a plan and passes it to SQLite, except for idxNum and idxStr. `rows`: about how many
+// objects there are.
 void Choose(Shape const& shape, std::uint64_t rows, sqlite3_index_info* info, Plan& plan);
 
 }  // namespace sagleme::sql

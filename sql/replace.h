@@ -1,7 +1,7 @@
 #ifndef SAGLEME_SQL_REPLACE_H
 #define SAGLEME_SQL_REPLACE_H
 
-// What OR REPLACE takes away before a row is written.
+// The objects that OR REPLACE deletes before a row is written.
 
 #include <cstdint>
 #include <map>

@@ -3,7 +3,7 @@
 
 // The tables of a database as SQL sees them, at one generation of its schema.
 //
-// A schema is made once, never changes and is shared by all connections of the process.
+// A schema is immutable and shared by all connections of the process.
 
 #include <map>
 #include <memory>
@@ -82,9 +82,9 @@ class Schema {
   std::uint64_t generation() const { return generation_; }
   // Every name that SQL can call a table by.
   std::map<std::string, Entry, NameLess> const& entries() const { return entries_; }
-  // Null when there is none.
+  // Null if there is none.
   Entry const* Find(std::string_view name) const;
-  // The table of objects with that set specifier; null when it was dropped.
+  // The table of objects with that set specifier; null if it was dropped.
   TablePtr BySetspec(std::u16string_view setspec) const;
   ShapePtr const& ShapeOf(Table const& table) const { return shapes_.at(table.row.oid); }
   // The shortest name by which SQL knows a table.

@@ -1,7 +1,7 @@
 #ifndef SAGLEME_SQL_SKIP_H
 #define SAGLEME_SQL_SKIP_H
 
-// Passing over rows with the same value in the one column that SQLite wants distinct values of.
+// Skips rows with the same value in the one column that SQLite wants distinct values of.
 //
 // Behind a row a scan may go on at the next value when nothing else of the row was asked for: what
 // SQLite does with the other rows of that value is then the same, and they give nothing new. It

@@ -1,7 +1,7 @@
 #ifndef SAGLEME_SQL_SPANS_H
 #define SAGLEME_SQL_SPANS_H
 
-// What a condition of SQL leaves of one column of an index.
+// The values of one column of an index that satisfy an SQL condition.
 //
 // SQLite orders texts by their UTF-8 bytes, which is by code point; an index orders them by UTF-16
 // units. The two differ only where a surrogate stands against a unit above the surrogates, so they
@@ -35,7 +35,7 @@ struct Span {
   Bound first;
   Bound last;
 
-  // Whether all values in it are one and the same.
+  // Whether it holds a single value.
   bool IsPoint() const;
 };
 

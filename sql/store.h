@@ -19,17 +19,18 @@ namespace sagleme::sql {
 
 class Store {
  public:
-  // The one that is open already, or a new one. Failure for a directory without a database.
+  // The store that is already open, or a new one. Throws Failure for a directory without a
+  // database.
   static std::shared_ptr<Store> Open(std::string const& directory);
 
   explicit Store(std::string directory);
 
   std::string const& directory() const { return directory_; }
   Database const& database() const { return database_; }
-  // Failure in a process forked since: what the parent has open is not for its use.
+  // Throws Failure in a process forked since: it must not use what the parent has open.
   void RequireOwnProcess() const;
 
-  // The schema as a transaction without changes of it finds it.
+  // The schema as a transaction without schema changes sees it.
   SchemaPtr SchemaOf(Transaction& transaction);
   // About how many objects a table holds.
   std::uint64_t Estimate(std::uint64_t context, Shape const& shape);

@@ -1,5 +1,5 @@
-// Columns for Arrow's consumers: numbers, texts and binaries as they lie here, the rest copied into
-// Arrow's form.
+// Columns for Arrow consumers: numbers, texts and binaries in place, the rest copied to Arrow's
+// form.
 
 #include <array>
 #include <bit>
@@ -206,7 +206,7 @@ void ReleaseStream(ArrowArrayStream* stream) {
 constexpr char kStreamCapsule[] = "arrow_array_stream";
 constexpr char kSchemaCapsule[] = "arrow_schema";
 
-// What nobody has taken out of the capsule is released with it.
+// A stream that nobody took out of the capsule is released with it.
 template <typename Record>
 void DropCapsule(PyObject* capsule) {
   auto* const record =

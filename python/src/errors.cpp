@@ -1,4 +1,4 @@
-// Exceptions of the package, which stand in sagleme.errors, and the texts in them.
+// Exceptions of the package, defined in sagleme.errors, and their texts.
 
 #include "types.h"
 

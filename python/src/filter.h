@@ -26,7 +26,7 @@ class Path {
   Datum Read(std::uint64_t context, Row row) const;
   // The value as Python has it; references become objects.
   PyObject* ReadPython(Transaction* transaction, Row row) const;
-  // Goes all the way, so that what is there is at hand later.
+  // Follows the whole path, so that its rows are cached for later.
   void Touch(std::uint64_t context, Row row) const;
 
   Kind kind() const { return kind_; }

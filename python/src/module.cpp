@@ -1,4 +1,4 @@
-// The module sagleme._core. The package's Python stands on it; programs do not import it.
+// The module sagleme._core. The package's Python code uses it; programs do not import it.
 
 #include <lscoredb/host.h>
 

@@ -1,8 +1,8 @@
 #ifndef SAGLEME_PYTHON_PYTHON_API_H
 #define SAGLEME_PYTHON_PYTHON_API_H
 
-// What every file of the extension begins with: CPython's C API, owners over it, and the door
-// through which C++ exceptions become Python's.
+// Included by every file of the extension: CPython's C API, owners for it, and the conversion of
+// C++ exceptions to Python's.
 //
 // A function that returns PyObject* returns a new reference, or null with a Python exception set.
 
@@ -39,7 +39,7 @@ class Ref {
   PyObject* object_ = nullptr;
 };
 
-// Thrown where a Python exception is set already.
+// Thrown when a Python exception is already set.
 struct PythonError {};
 
 inline PyObject* Need(PyObject* object) {
@@ -69,7 +69,7 @@ void SetError(char const* family, std::string const& text);
   throw PythonError{};
 }
 
-// Runs code that throws, and returns `failed` with the Python exception set when it does.
+// Runs code that may throw; if it does, sets the Python exception and returns `failed`.
 template <typename Result, typename Work>
 Result Guarded(Result failed, Work&& work) {
   try {

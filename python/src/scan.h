@@ -1,8 +1,8 @@
 #ifndef SAGLEME_PYTHON_SCAN_H
 #define SAGLEME_PYTHON_SCAN_H
 
-// Walks over objects: sources one after the other, filtered, in batches that are fetched without
-// the interpreter's lock.
+// Scans of objects: sources one after the other, filtered, in batches that are fetched without the
+// interpreter's lock.
 
 #include "filter.h"
 
@@ -46,7 +46,7 @@ struct ScanBody {
 
   // The next object that satisfies everything; false at the end. Without the interpreter's lock.
   bool Step(Row* out);
-  // Frees the iterator, or leaves it to the transaction when that is busy.
+  // Frees the iterator, or leaves it to a busy transaction.
   void Stop();
 
  private:

@@ -54,7 +54,7 @@ void FreeOrphans(Transaction* transaction) {
   transaction->orphans->clear();
 }
 
-// The transaction is over then, whatever comes of it.
+// The transaction is over then, whatever the result.
 template <typename Work>
 void End(Transaction* self, Work&& work) {
   NeedOpen(self);
@@ -161,7 +161,7 @@ PyObject* SetSavepoint(PyObject* object, PyObject*) {
   });
 }
 
-// What was read since is stale, and what was made since is no more.
+// What was read since is stale, and objects created since are gone.
 PyObject* RollbackTo(PyObject* object, PyObject* args) {
   unsigned long long number = 0;
   unsigned long long ours = 0;

@@ -15,7 +15,7 @@ PyObject* ProgressOf(sagleme::VacuumProgress const& done) {
                        done.conflicts, "released", done.released);
 }
 
-// Tells Python of a batch. False ends the run, also for an exception, which then stays set.
+// Reports a batch to Python. False ends the run, and so does an exception, which stays set.
 bool Report(PyObject* report, sagleme::VacuumProgress const& done) {
   PyGILState_STATE const state = PyGILState_Ensure();
   bool go_on = PyErr_CheckSignals() == 0;
