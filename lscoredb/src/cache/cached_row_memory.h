@@ -20,17 +20,17 @@ class CachedRowMemory {
  public:
   static constexpr std::size_t kLine = 64;  // what all blocks are aligned to
 
-  // `bytes`: room for chunks, of which none is taken yet.
+  // `bytes`: room for chunks, none of which is allocated yet.
   explicit CachedRowMemory(std::uint64_t bytes) : chunk_limit_(bytes / kChunk) {}
   ~CachedRowMemory();
   CachedRowMemory(CachedRowMemory const&) = delete;
   CachedRowMemory& operator=(CachedRowMemory const&) = delete;
 
-  // Null: there is none. `size` is a multiple of kLine.
+  // Null if there is no memory. `size` is a multiple of kLine.
   void* Take(std::size_t size) noexcept;
   // REQUIRES: Take gave `block` for that size.
   void Give(void* block, std::size_t size) noexcept;
-  // From now on. Does nothing when there is no room for it.
+  // Uses chunks from now on. Does nothing if there is no room for them.
   void UseChunks() noexcept;
 
  private:

@@ -24,7 +24,7 @@ class RowBudget {
     std::uint64_t const memory_;
   };
 
-  // Whether a database may come to have `wanted` bytes by `more` of them.
+  // Whether a database may grow by `more` bytes to `wanted`.
   static bool Allows(std::uint64_t wanted, std::uint64_t more) noexcept;
   static void Take(std::uint64_t bytes) noexcept;
   static void Give(std::uint64_t bytes) noexcept;

@@ -3,10 +3,10 @@
 
 // The newest committed rows in memory, for all contexts of the process.
 //
-// A row comes in when a transaction reads it first, and is the newest as long as it is in: the
-// commit that replaces it takes it out before it becomes visible. So whoever reads a state that is
-// not older than the row's commit may take it. Rows that leave are kept until every transaction
-// that may have them is over; while they make up more than a quarter of the memory none comes in.
+// A row enters when a transaction first reads it, and is the newest as long as it is cached: the
+// commit that replaces it evicts it before becoming visible. So a reader of any state not older
+// than the row's commit may use it. Evicted rows are kept until every transaction that may have
+// them is over; while they make up more than a quarter of the memory, no row enters.
 //
 // Readers take no lock. A bucket is one line of the processor's cache, with a slot for each of
 // eight neighbours by id, which others may take too: a random read is bound by the lines that it
@@ -66,9 +66,9 @@ class SharedRowCache {
     void Begin(CommitId state, bool usable);
     void End() noexcept { since_.store(kNotReading, std::memory_order_release); }
 
-    // The row in the state that is read; null: not in the table. Valid until End.
+    // The row in the state that is read; null if it is not cached. Valid until End.
     CachedRow const* Find(ObjectId id) const { return usable_ ? table_.Find(id, state_) : nullptr; }
-    // Rows that will be looked for soon: first their slots are fetched, and then they themselves.
+    // Prefetches rows that will soon be read: first their slots, then the rows.
     void PrefetchSlot(ObjectId id) const { table_.PrefetchSlot(id); }
     void FetchRow(ObjectId id) const {
       if (usable_) table_.FetchRow(id);
@@ -91,8 +91,8 @@ class SharedRowCache {
   SharedRowCache(SharedRowCache const&) = delete;
   SharedRowCache& operator=(SharedRowCache const&) = delete;
 
-  // ---- for the one who commits
-  // May be true of a row that it does not hold.
+  // ---- for the committer
+  // May return false positives.
   bool Holds(ObjectId id) const;
   // Before the commit that replaces or deletes the row becomes visible, or, when another process
   // made it, before the first reader of `state` is told that all is accounted for.

@@ -1,8 +1,8 @@
 #ifndef LSCOREDB_SRC_ALLOCATORS_H
 #define LSCOREDB_SRC_ALLOCATORS_H
 
-// Identities of objects and indexes. What was handed out once is not handed out again, whether or
-// not the transaction that asked for it was committed. Any thread.
+// Allocates identities of objects and indexes. An identity is never allocated twice, whether or not
+// its transaction was committed. Any thread.
 
 #include <cstdint>
 #include <mutex>
@@ -15,26 +15,26 @@
 
 namespace lscore {
 
-// Hands out identities from blocks that it reserves in the store, for this process alone.
+// Allocates identities from blocks that it reserves in the store for this process.
 class IdAllocator {
  public:
   explicit IdAllocator(Store& store) : store_(store) {}
 
-  // At least one identity. Throws LSCOREDB_TOO_LARGE when there are none left.
+  // At least one identity. Throws LSCOREDB_TOO_LARGE if none are left.
   IdRange Take();
 
-  // Keeps blocks that this process reserves clear of an identity that a caller chose and that is
-  // not committed yet, until Forget. False: it is in such a block already.
+  // Keeps an identity that a caller chose, and that is not committed yet, out of the blocks that
+  // this process reserves, until Forget. False: it is already in such a block.
   bool Choose(ObjectId id);
   void Forget(std::vector<ObjectId> const& ids) noexcept;
 
-  // Reserves a block in a commit that takes place anyway, when the present one runs low. Install
-  // makes it usable once the commit is done.
+  // Reserves a block as part of a commit when the current one runs low. Install makes it usable
+  // once the commit is done.
   IdRange TopUp(Batch& batch);
   void Install(IdRange block);
 
-  // Hands out none below `first` from here on, but for those that contexts hold. What was not
-  // reserved there is free to be chosen.
+  // Allocates none below `first` from now on, except those that contexts hold. Unreserved ones
+  // below it may be chosen.
   void RaiseTo(std::uint64_t first);
 
  private:
@@ -42,7 +42,7 @@ class IdAllocator {
   void Refill();
   // Empty: none are left. Writes the mark.
   IdRange Reserve(Batch& batch);
-  // The first identity from `from` on that is not to be handed out.
+  // The first identity from `from` on that must not be allocated.
   std::uint64_t NextObstacle(Batch const& batch, std::uint64_t from) const;
 
   Store& store_;

@@ -25,7 +25,7 @@ std::optional<std::uint64_t> IdIn(std::string_view key, char letter) {
   return LoadBig<std::uint64_t>(key.data() + 1);
 }
 
-// Where a cursor over kMeta stands; nothing when that is no free range.
+// The free range at a cursor over kMeta; nothing if there is another record.
 std::optional<IdRange> FreeRangeAt(Cursor const& cursor) {
   std::optional<std::uint64_t> const begin = IdIn(cursor.key(), format::kFreeIdsLetter);
   if (!begin) return std::nullopt;

@@ -1,7 +1,7 @@
 #ifndef LSCOREDB_SRC_CHOSEN_IDS_H
 #define LSCOREDB_SRC_CHOSEN_IDS_H
 
-// Identities that callers choose, and how they keep clear of those that the kernel gives.
+// Identities that callers choose, kept apart from those that the kernel allocates.
 //
 // The mark is the first identity that the kernel has not reserved for itself. From it on a caller
 // may choose any identity that no object has or had. Below it only those in free ranges, which the
@@ -36,14 +36,14 @@ void WriteIdMark(Batch& batch, std::uint64_t mark);
 
 // Whether a caller may choose an identity that no object has.
 bool MayBeChosen(View const& view, ObjectId id, std::uint64_t mark);
-// Makes the range free, but for what was deleted in it. REQUIRES: it begins at the mark, which is
-// moved to its end in the same batch.
+// Makes the range free, except for identities deleted in it. REQUIRES: it begins at the mark, which
+// the same batch moves to its end.
 void AddFreeRange(Batch& batch, IdRange range);
 // The first identity from `from` on that an object has or had; UINT64_MAX: none. REQUIRES: `from`
 // is not below the mark.
 std::uint64_t NextChosen(View const& view, std::uint64_t from);
 
-// Takes the identities of a transaction's deleted objects out of use.
+// Retires the identities of a transaction's deleted objects.
 class DeletedIds {
  public:
   explicit DeletedIds(Batch& batch) : batch_(batch) {}

@@ -45,7 +45,7 @@ std::uint64_t DatabaseIdentity::Get() {
   return identity;
 }
 
-// One that is put here is remembered when it comes back from the store: the batch may still fail.
+// A new one is cached when it is read back from the store, since the batch may still fail.
 void DatabaseIdentity::Assure(Batch& batch) {
   if (committed_ != 0) return;
   std::uint64_t const identity = ReadIdentity(batch);

@@ -1,9 +1,9 @@
 #ifndef LSCOREDB_SRC_IDENTITY_H
 #define LSCOREDB_SRC_IDENTITY_H
 
-// The number by which a database is told from all others. It is drawn at random and put into the
-// first batch that finds none: the first commit of a new database, or of one that an earlier kernel
-// wrote. It never changes, and a copy has it too. Any thread.
+// The number that identifies a database. It is random and enters the first batch that finds none:
+// the first commit of a new database, or of one that an earlier kernel wrote. It never changes, and
+// copies share it. Any thread.
 
 #include <atomic>
 #include <cstdint>
@@ -19,9 +19,9 @@ class DatabaseIdentity {
  public:
   explicit DatabaseIdentity(Store& store) : store_(store) {}
 
-  // As committed last; 0 as long as nothing was. Throws LSCOREDB_DAMAGED.
+  // As last committed; 0 before the first commit. Throws LSCOREDB_DAMAGED.
   std::uint64_t Get();
-  // Sees to it that the state which the batch makes has one.
+  // Ensures that the state the batch makes has one.
   void Assure(Batch& batch);
 
  private:

@@ -16,7 +16,7 @@ std::set<LayoutNumber> ReleasedAndEmpty(View const& view) {
   return unused;
 }
 
-// A layout that stays keeps its base, that one's base, and so on.
+// A remaining layout keeps its base, the base of that, and so on.
 void KeepBases(View const& view, std::set<LayoutNumber>& unused) {
   std::map<LayoutNumber, LayoutNumber> const bases = LayoutBases(view);
   auto const base_of = [&](LayoutNumber number) {
@@ -32,10 +32,10 @@ void KeepBases(View const& view, std::set<LayoutNumber>& unused) {
 
 }  // namespace
 
-// A layout goes when it was released, no object stands under it, and no layout that stays was made
-// on it, directly or through others. So with A <- B <- C and D on B, all released but D, and no
-// objects anywhere: C goes, A and B stay for D. The caller is alone with the database, so that no
-// process knows the numbers that become free.
+// A layout is removed if it was released, no object uses it, and no remaining layout is based on
+// it, directly or through others. With A <- B <- C and D on B, all released but D, and no objects:
+// C is removed, A and B stay for D. The caller is alone with the database, so no process knows the
+// numbers that become free.
 std::vector<LayoutNumber> CollectLayouts(Store& store) {
   std::unique_ptr<Batch> const batch = store.BeginBatch();
   std::set<LayoutNumber> unused = ReleasedAndEmpty(*batch);

@@ -7,7 +7,7 @@
 namespace lscore {
 namespace {
 
-// The object or index that a key of a tree belongs to; 0: it does not say.
+// The object or index that a key of a tree belongs to; 0 if unknown.
 std::uint64_t OwnerOf(Tree tree, std::string_view key) {
   std::uint64_t id = 0;
   if (tree == Tree::kIndex) return ReadOrderedId(key, &id) != 0 ? id : 0;
@@ -51,7 +51,7 @@ void CheckSnapshot(Store& store, Snapshot const& snapshot, std::uint32_t flags, 
 
 }  // namespace
 
-// Whether to go on. What a callback throws is the caller's, and no failure of the check.
+// Whether to continue. An exception of a callback is the caller's, not a failure of the check.
 bool FindingSink::CallHost(lscoredb_finding const& finding) noexcept {
   try {
     return report_(user_, &finding) == 0;

@@ -29,8 +29,8 @@
 
 namespace lscore {
 
-// What the parts of the check are told as to the thread's watch, by the time that they usually
-// take. The store begins, with the pages of the file.
+// The shares of the check's parts in the progress that the thread's watch sees, by the time that
+// they usually take. The store begins, with the pages of the file.
 inline constexpr WorkShare kObjectShare{kPageShare.end, 850};
 inline constexpr WorkShare kEntryShare{kObjectShare.end, 1000};
 
@@ -42,7 +42,7 @@ struct Finding {
   std::uint32_t column = LSCOREDB_NO_COLUMN;
 };
 
-// Receives findings. Throws StopCheck when no more is wanted.
+// Receives findings. Throws StopCheck to end the check.
 struct StopCheck {};
 class Findings {
  public:
@@ -57,10 +57,10 @@ class FindingSink final : public Findings {
  public:
   FindingSink(lscoredb_finding_callback report, void* user) : report_(report), user_(user) {}
   void Report(Finding const& finding, std::string const& text) override;
-  // The first finding is the last.
+  // Ends the check at the first finding.
   bool one_is_enough() const { return report_ == nullptr; }
   bool any() const { return any_; }
-  // Throws what the callback threw, if it did: it ended the check.
+  // Rethrows what the callback threw, if that ended the check.
   void PassOnFailure() const {
     if (failure_ != nullptr) std::rethrow_exception(failure_);
   }
@@ -91,7 +91,7 @@ class CheckedDefinitions {
   Layout const* FindLayout(LayoutNumber number) const;
   IndexDefinition const* FindIndex(IndexId id) const;
   std::vector<IndexDefinition const*> Covering(std::u16string_view setspec) const;
-  // A definition is there and was reported to be unusable.
+  // A definition exists and was reported as damaged.
   bool IsBroken(LayoutNumber number) const;
   bool IsBroken(IndexId id) const;
   template <typename Visit>
@@ -134,7 +134,7 @@ class ObjectReader {
     std::uint32_t kind = 0;
     char const* what = nullptr;  // null: none
   };
-  // `*row` is good until the next call when there is no problem.
+  // `*row` is valid until the next call if there is no problem.
   Problem Read(ObjectId id, std::string_view stored, RowRef* row);
 
  private:
@@ -145,7 +145,7 @@ class ObjectReader {
   std::string assembled_;
 };
 
-// How many entries of each index were found as their objects give them.
+// How many entries of each index match their objects.
 using MatchedEntries = std::unordered_map<IndexId, std::uint64_t>;
 
 // Both included.
@@ -164,11 +164,11 @@ class ObjectCheck {
         entries_(entries),
         reader_(snapshot, definitions) {}
 
-  // `told` is called every few objects with how many they were. What it throws ends the check.
+  // `told` is called every few objects with their number. An exception of it ends the check.
   void Run(ObjectRange const& range, std::function<void(std::uint64_t)> const& told);
   // Takes over what another one has counted.
   void Add(ObjectCheck const& other);
-  // What can be said once all objects are counted.
+  // Checks the counts once all objects are counted.
   void Finish();
   MatchedEntries const& matched() const { return matched_; }
 
@@ -177,7 +177,7 @@ class ObjectCheck {
     IndexDefinition const* index;
     std::uint64_t* matched;
   };
-  // What is known of a set specifier.
+  // What the check knows of a set specifier.
   struct Set {
     std::vector<Covering> covering;
     CommitId changed{};  // as it is noted
@@ -226,8 +226,7 @@ class EntryCheck {
  private:
   std::uint64_t CountMatched() const;
   void EnterIndex(std::string_view key);
-  // Whether the index holds the entries that were matched and no others, and no key twice that may
-  // be there once.
+  // Checks that the index holds the matched entries and no others, and no unique key twice.
   bool HoldsWhatWasMatched();
   bool IsDuplicate(std::string_view key, std::string_view value);
   bool IsFirstWithKey(Entry const& entry);
@@ -253,7 +252,7 @@ class EntryCheck {
 
 // ---- threads (check_threads.cpp) ---------------------------------------------------------------
 
-// Checks all objects of the snapshot, and gives what was counted to `check`.
+// Checks all objects of the snapshot, and adds the counts to `check`.
 void CheckObjectsInThreads(Store& store, Snapshot const& snapshot,
                            CheckedDefinitions const& definitions, FindingSink& sink, bool entries,
                            ObjectCheck& check);

@@ -9,7 +9,7 @@ namespace {
 
 using Letter = char;
 
-// The numbers behind a key's letter, where the key has the size that its letter asks for.
+// The numbers after a key's letter, if the key has the size that its letter requires.
 std::size_t KeySize(Letter letter) {
   switch (letter) {
     case format::kLayoutLetter:
@@ -35,7 +35,7 @@ IndexId IndexAtEnd(std::string_view key) {
   return IndexId{LoadBig<std::uint64_t>(key.data() + key.size() - 8)};
 }
 
-// What a record is about, as far as its key tells.
+// What a record is about, by its key.
 Finding About(std::string_view key) {
   Finding finding;
   finding.kind = LSCOREDB_FINDING_DEFINITION;
@@ -65,7 +65,7 @@ bool IsKeptInMeta(Letter letter) {
   return letter == format::kCountLetter || letter == format::kSetChangeLetter;
 }
 
-// Visits the sound records that begin with `prefix`; `broken` is reported of the others.
+// Visits the sound records that begin with `prefix`, and calls `broken` for the others.
 template <typename Visit, typename Broken>
 void ForEachIn(Snapshot const& snapshot, Tree tree, std::string const& prefix, Visit&& visit,
                Broken&& broken) {

@@ -18,7 +18,7 @@ constexpr std::uint64_t kIdsPerRange = 4096;  // at least
 constexpr std::uint64_t kRangesPerThread = 16;
 constexpr std::chrono::milliseconds kBetweenLooks{50};  // at the watch, while others work
 
-// What was found in one range, reported later by the thread that the host called in.
+// The findings of one range, reported later by the thread of the host's call.
 class KeptFindings final : public Findings {
  public:
   explicit KeptFindings(bool one_is_enough) : one_is_enough_(one_is_enough) {}
@@ -37,7 +37,7 @@ class KeptFindings final : public Findings {
   std::vector<std::pair<Finding, std::string>> kept_;
 };
 
-// As the counts of the layouts tell it, which may be wrong.
+// By the counts of the layouts, which may be wrong.
 std::uint64_t CountedObjects(Snapshot const& snapshot, CheckedDefinitions const& definitions) {
   std::uint64_t count = 0;
   definitions.ForEachLayout([&](Layout const& layout) {
@@ -92,7 +92,7 @@ class Workers {
         ++started_;
       }
     } catch (std::system_error const&) {
-      // Fewer do it as well.
+      // Fewer threads suffice.
     }
     WorkOn(snapshot_, [this] { work_.AdvanceTo(checked_); });
     WatchHelpers();
@@ -102,8 +102,8 @@ class Workers {
   }
 
  private:
-  // A snapshot is read by one thread. One of another state would be of no use: then those who have
-  // begun do the work.
+  // One thread reads a snapshot. A snapshot of another state is useless: then the running threads
+  // do the work.
   void Help() noexcept {
     HelpWithOwnSnapshot();
     std::lock_guard const lock(mutex_);

@@ -1,7 +1,7 @@
 #ifndef LSCOREDB_SRC_LAYOUT_RESERVATIONS_H
 #define LSCOREDB_SRC_LAYOUT_RESERVATIONS_H
 
-// Which layout numbers are reserved, as far as the store has to know.
+// The layout numbers that are reserved, as far as the store must know.
 //
 // Processes cache layouts by number until they close the database. So a number that was handed out
 // stays reserved, whatever became of its transaction, until no process is left that has had the
@@ -24,10 +24,11 @@ class LayoutReservations {
   LayoutReservations& operator=(LayoutReservations const&) = delete;
   virtual ~LayoutReservations() = default;
 
-  // Whether no other process knows a number of this database. Others that open it wait for Share.
+  // Whether no other process knows a number of this database. Processes that open it wait for
+  // Share.
   virtual bool alone() const = 0;
   virtual void Share() = 0;
-  // Whether the board was removed from its place, and the database with it.
+  // Whether the board was removed, and the database with it.
   virtual bool orphaned() const = 0;
 
   // Returns whether the number was free; either way it is reserved now.

@@ -1,7 +1,7 @@
 #ifndef LSCOREDB_SRC_PAGE_GUARD_H
 #define LSCOREDB_SRC_PAGE_GUARD_H
 
-// Looks at pages before the store's library writes on the strength of what they say.
+// Checks pages before the store's library writes based on their content.
 //
 // The library follows numbers in pages without asking; where it writes, a wrong one reaches the
 // memory of the process. So the list of free pages is read once before the first batch, and in each

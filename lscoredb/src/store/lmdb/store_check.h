@@ -1,7 +1,7 @@
 #ifndef LSCOREDB_SRC_STORE_CHECK_H
 #define LSCOREDB_SRC_STORE_CHECK_H
 
-// What is looked at before the bytes of a file are trusted. For the store's own source files.
+// The checks before the bytes of a file are trusted. For the store's own source files.
 
 #include <cstddef>
 #include <cstdint>

@@ -1,8 +1,8 @@
 #ifndef LSCOREDB_SRC_STORE_ERRORS_H
 #define LSCOREDB_SRC_STORE_ERRORS_H
 
-// The one place where the underlying store's codes become the kernel's statuses. For the store's
-// own source files.
+// Maps the codes of the underlying store to the kernel's statuses. For the store's own source
+// files.
 
 #include "status.h"
 
