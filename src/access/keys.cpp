@@ -18,7 +18,7 @@ constexpr unsigned char kKeyEnd = 0xC0;
 constexpr unsigned int kMaxChunk = 31;
 constexpr unsigned char kLastHeaderByte = 0x80;
 
-// The payload of a converted text, behind its header.
+// The payload of a converted text, after its header.
 struct Payload {
   unsigned char const* bytes;
   unsigned int size;       // as the header tells it
@@ -36,7 +36,7 @@ Payload PayloadOf(unsigned char const* text, unsigned int size) {
   return {text, 0, 0};  // the header never ended
 }
 
-// What a text of `n` payload bytes takes in a key.
+// The bytes that a text of `n` payload bytes takes in a key.
 unsigned long TextFieldSize(unsigned long n) {
   return n <= kMaxChunk ? n + 2 : n + (n + kMaxChunk - 1) / kMaxChunk + 1;
 }
@@ -73,8 +73,8 @@ constexpr unsigned long kIntegerSize = 9;
 constexpr unsigned long kSignBit = 1ul << 63;
 constexpr unsigned long kAlignment = 8;
 
-// Floating-point values as integers of the same order; zero has one form, what is no number is
-// above all values.
+// Floating-point values as integers of the same order; zero has one form, and NaN is above all
+// values.
 unsigned long OrderedBits(double value) {
   constexpr unsigned long kAboveInfinity = 0xFFF8000000000000;
   if (value != value) return kAboveInfinity;
@@ -115,8 +115,8 @@ KeyWriter<KeyBuf>::KeyWriter(KeyBuf buffer)
     : ENCODER{buffer.start()}, buffer_(buffer), unwinding_(std::uncaught_exceptions()) {}
 
 KeyWriter<KeyBuf>::~KeyWriter() noexcept(false) {
-  // While another failure is on its way the key is of no use to anyone, so one that has no room for
-  // its end stays open.
+  // While an exception is in flight the key is useless, so a key without room for its end mark
+  // stays open.
   bool const failing = std::uncaught_exceptions() > unwinding_;
   if (!finished_ && !(failing && Padding() > Room())) UpdateHeader();
 }
@@ -169,7 +169,7 @@ KeyWriter<KeyBuf>& KeyWriter<KeyBuf>::Converted(Converter convert, char16_t cons
   ConvertedBytes const converted(
       [&](unsigned char* bytes, unsigned int size) { return convert(text, flags, bytes, size); });
   ukf::Payload const payload = ukf::PayloadOf(converted.bytes(), converted.size());
-  // A header that tells of more than there is would have bytes copied from behind the text.
+  // A header that claims too much would copy bytes from beyond the text.
   if (payload.size > payload.available) buffer_.resize(payload.size);
   Reserve(ukf::TextFieldSize(payload.size));
   ukf::encode_tt4(converted.bytes(), converted.size(), *this);

@@ -7,8 +7,8 @@ namespace {
 
 constexpr unsigned int kIteratorNotFreed = SAGLEME_ITERATOR_NOT_FREED;
 
-// An iterator that cannot be given back means that the kernel and this library disagree on what is
-// open; nothing after that could be trusted.
+// If an iterator cannot be freed, the kernel and this library disagree on what is open, and nothing
+// after that can be trusted.
 void FreeIterator(unsigned long handle) {
   if (handle == 0) return;
   if (lorv_iterator_free(handle) != 0) raise_unexpected_except(kIteratorNotFreed);
@@ -34,7 +34,7 @@ void db_iterator::open(unsigned long index_id, unsigned int flags, void const* f
 bool db_iterator::next() {
   LORV_REFERENCE record;
   metalayer::Check(lorv_iterator_next(handle, &record));
-  // At the end the kernel sets nothing but the identity.
+  // At the end the kernel sets only the identity.
   current = record.oid == 0 ? null_obj_ref : Fold(record);
   return record.oid != 0;
 }

@@ -31,8 +31,8 @@ bool AppendDigit(uint64_t limit, char16_t digit, uint64_t* value) {
   return true;
 }
 
-// Reads digits from `*s`, which is left on the first unit that is none. On a value above `limit`
-// the result is `overflow`, and the remaining digits are read all the same.
+// Reads digits from `*s`, and leaves it on the first other unit. For a value above `limit` the
+// result is `overflow`, and the remaining digits are read too.
 uint64_t ReadDigits(char16_t const** s, uint64_t limit, uint64_t overflow) {
   uint64_t value = 0;
   bool fits = true;
@@ -174,7 +174,7 @@ int64_t ucs2_toi64_base10(char16_t const* s, char16_t const** end) {
   // to all ones, which is -1.
   uint64_t const value =
       negative ? 0 - ReadDigits(&s, kMax + 1, kMax + 1) : ReadDigits(&s, kMax, kOverflow);
-  // Callers expect the place behind the unit that stopped the number.
+  // Callers expect the position after the unit that stopped the number.
   if (end != nullptr) *end = s + 1;
   return static_cast<int64_t>(value);
 }

@@ -15,7 +15,7 @@ constexpr unsigned int kBadArgument = SAGLEME_BAD_ARGUMENT;
 // There is no record behind a delete handle; deleting needs none.
 constexpr uint64_t kDeleteHandle = 1;
 
-// A null name finds nothing and is told as an empty one.
+// A null name finds nothing, and is reported as an empty one.
 char16_t const* Printable(char16_t const* name) { return name == nullptr ? u"" : name; }
 
 [[noreturn]] void ThrowTypeNotFound(char16_t const* name) {

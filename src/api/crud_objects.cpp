@@ -23,8 +23,8 @@ unsigned long CachedType(LayoutEntry& entry, LS_OBJ_REF* out_view) {
 }
 
 // The view of a layout's entry is gone: its table was dropped, or was rolled back and the layout
-// belongs to another one by now. A catalogue that still names the same view has nothing better to
-// say.
+// now belongs to another one. If the catalogue still names the same view, there is no better
+// answer.
 unsigned long ReloadedType(LS_OBJ_REF const& object, LS_OBJ_REF const& gone_view) {
   unsigned long const type_id = AssureCurrentLayoutId(object);
   LS_OBJ_REF view = db_util::null_obj_ref;
@@ -32,7 +32,7 @@ unsigned long ReloadedType(LS_OBJ_REF const& object, LS_OBJ_REF const& gone_view
   return view.oid == gone_view.oid ? kNoType : type_id;
 }
 
-// Writes the set specifier of a new object and gives its address word. The layout alone is an
+// Writes the set specifier of a new object and returns its address word. The layout alone is an
 // address.
 uint64_t EnterSet(uint64_t context, CreateInfo const& handle, uint64_t oid, uint16_t layout) {
   Check(lorv_context_put_setspec(context, oid, layout, handle.setspec.c_str()));
@@ -97,7 +97,7 @@ uint32_t lorv_crud_DeleteObject_NoHandle(uint64_t context, uint64_t oid, uint64_
   return lorv_context_delete(context, oid, addr);
 }
 
-// An unknown id costs one kernel call and leaves the last failure's text where it is.
+// An unknown id costs one kernel call and keeps the last failure's text.
 uint32_t lorv_crud_Lookup(uint64_t context, uint64_t oid, uint64_t* out_addr,
                           uint64_t* out_type_id) {
   uint32_t const status = lorv_context_lookup(context, oid, out_addr);

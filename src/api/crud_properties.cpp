@@ -119,7 +119,7 @@ uint32_t lorv_crud_WriteRef(uint64_t context, PropertyAccessInfo const* handle, 
   return lorv_context_put_reference(context, oid, at.addr, at.column, target_oid, target_addr);
 }
 
-// The kernel's own memory is handed out, so the text is ended in it.
+// The result is the kernel's own memory, so the text is terminated in it.
 uint32_t lorv_crud_ReadString(uint64_t context, PropertyAccessInfo const* handle, uint64_t oid,
                               uint64_t addr, char16_t const** out) {
   ColumnLocation const at = Locate(handle, addr);

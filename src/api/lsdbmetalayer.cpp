@@ -17,7 +17,7 @@ namespace {
 
 using Yield = boost::coroutines::push_coroutine<unsigned int>;
 
-// The host gets control back behind every step, by a 0. A failure is the last value.
+// A 0 returns control to the host after every step. A failure is the last value.
 void co_lorv_prepare_system_tables(unsigned long context, Yield& yield) {
   unsigned int const status = MetalayerFunction<true>(context, [&yield] {
     MetaschemaInit metaschema;

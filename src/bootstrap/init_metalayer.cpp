@@ -1,4 +1,4 @@
-// Start-up: what a process must know of a database that stands.
+// Start-up: what a process must know of an existing database.
 
 #include <sagleme/metalayer/catalogue.hpp>
 #include <sagleme/metalayer/metaschema.hpp>
@@ -38,7 +38,7 @@ std::vector<unsigned short> LoadTableIds() {
   return ids;
 }
 
-// A layout or index that is missing is the mark of a database that is only partly built.
+// A missing layout or index marks a database that is only partly built.
 std::vector<unsigned short> LoadTableIdsOrRefuse() try {
   return LoadTableIds();
 } catch (db_util::db_exception const& failure) {

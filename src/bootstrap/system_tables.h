@@ -3,9 +3,9 @@
 
 // One run that brings a database to the definition of its system tables.
 //
-// A new database, a current one, an older one and one whose creation was cut off take the same way:
-// each step looks whether its result exists, makes what is missing, and compares what it finds.
-// Control goes back to the host behind each batch of changes, and the host may commit there.
+// New, current, older and partly created databases take the same path: each step checks whether its
+// result exists, creates what is missing, and compares what it finds. Control returns to the host
+// after each batch of changes, and the host may commit there.
 //
 // Lives on the stack of one bootstrap call, while a MetaschemaInit is in force.
 
@@ -26,8 +26,8 @@ class SystemTables {
  private:
   void Yield();
 
-  // The stages, in order. A token can be given by name only once the dictionary stands, and a set
-  // specifier only once its table does, hence the first three.
+  // The stages, in order. Tokens can be allocated by name only once the dictionary exists, and set
+  // specifiers only once their table does, hence the first three.
   void PrepareRoot();
   void PrepareDictionary();
   void PrepareSetSpecifiers();

@@ -39,7 +39,7 @@ void FindSetspec(TABLE_INFO& table) {
   if (table.setspec != text) FatalError();
 }
 
-// A missing row is passed over only where creation was cut off before it.
+// A missing row is skipped only if creation was interrupted before it.
 void FindTypeId(TABLE_INFO& table, bool must_exist) {
   RawView const view = RawView::ByRawViewPK(table.layout);
   TypeIdsMeta const row = view.is_null() ? TypeIdsMeta() : TypeIdsMeta::ByTypeIdsMeta_Type(view);

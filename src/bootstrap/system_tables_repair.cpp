@@ -15,7 +15,7 @@ namespace {
 constexpr uint16_t kUnique = 1;
 constexpr char16_t const* kOldPrimitiveTypeIndex = u"DbPrimitiveTypePK";
 
-// More than one index of the name means that the old one stands beside the new.
+// More than one index of the name means that the old one exists beside the new one.
 bool HasOldSpecifierIndex() {
   LORVI_INDEX_INFO infos[2] = {};
   uint32_t count = 2;
@@ -61,7 +61,7 @@ void SystemTables::DropOldSpecifierIndex() {
   Index row = Index::ByIndexPK(kSpecifierIndex);
   std::u16string setspec = set_specifier_.setspec;
   if (!row.is_null()) ddl::DropIndex(std::move(row));
-  // A row that was written in this run has no number of an index, so the index still stands.
+  // A row written in this run has no number of an index, so the index still exists.
   if (HasOldSpecifierIndex() && index.load_metatable_index(&setspec)) {
     Check(lorvi_context_drop_index(TlsContextHandle::context(), index.index_id));
   }

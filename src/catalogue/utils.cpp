@@ -20,8 +20,7 @@ constexpr std::size_t kDecimalDigits = 21;  // of the largest 64-bit number, wit
   Throw(kBadArgument);
 }
 
-// A column is known to the kernel by the identity of its catalogue row, so that a rename is none of
-// the kernel's business.
+// The kernel knows a column by the identity of its catalogue row, so a rename does not concern it.
 unsigned long TokenOfColumn(RawView const& table, int ordinal) {
   RawColumn const column = RawColumn::ByRawColumnPK(table, static_cast<short>(ordinal));
   if (column.is_null()) FatalError();
@@ -188,8 +187,7 @@ Index ExistingIndex(char16_t const* name) {
   return index;
 }
 
-// Neighbours pass over each other's ordinals while the scan is open; at its end they are unique
-// again.
+// Neighbours share ordinals while the scan is open; at its end they are unique again.
 void ShiftColumns(RawView const& table, int first, int delta) {
   EnumColumns(table, first, -1, [delta](RawColumn const& column) {
     PutLong(column, RawColumn::kColumnIndex, static_cast<short>(ColumnIndexOf(column) + delta));

@@ -1,9 +1,9 @@
 #ifndef CATALOGUE_UTILS_H
 #define CATALOGUE_UTILS_H
 
-// What the schema changes share among themselves and offer to nobody else: kernel records of
-// columns, and catalogue rows that hang on a table. Everything works in the thread's context and
-// transaction; the rows returned are valid until its end.
+// Shared only by the schema changes: kernel records of columns, and catalogue rows that belong to a
+// table. Everything works in the thread's context and transaction; the rows returned are valid
+// until its end.
 
 #include <sagleme/metalayer/ddl.hpp>
 #include <sagleme/metalayer/keys.hpp>
@@ -11,7 +11,7 @@
 
 namespace metalayer::ddl {
 
-// Raised without words of its own: a list of kernel records that is full before its columns end.
+// Raised without a text: a list of kernel records is full before its columns end.
 inline constexpr unsigned int kTooManyKernelRecords = SAGLEME_TOO_MANY_RECORDS;
 
 // A table's additions over its base, ended by a record of type 0.

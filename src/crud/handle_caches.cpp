@@ -88,7 +88,7 @@ bool RefreshOne(PropertyAccessInfo& info) {
   return true;
 }
 
-// An empty entry is forgotten, so that the next request makes a record.
+// An empty entry is removed, so the next request creates a record.
 bool RefreshOne(CreateInfo* info) {
   if (info == nullptr || IsGone(LookUp(info->view))) return false;
   UpdateLayout(*info);

@@ -14,7 +14,7 @@ namespace metalayer::crud {
 // The highest bit of a create handle's key: objects are made by the kernel's system insert.
 inline constexpr unsigned long kSystemCreate = 1UL << 63;
 
-// The record of a property; made on the first request, returned as it stands on every later one.
+// The record of a property; created on the first request, returned unchanged on every later one.
 PropertyAccessInfo* PropertyHandle(LS_OBJ_REF const& view, LS_OBJ_REF const& column);
 
 // The record of a table by type id, with kSystemCreate added for system inserts. Null when an

@@ -38,7 +38,7 @@ using Definitions = span<LORV_COLUMN_DEFINITION_NAMES const>;
 // fill.
 constexpr int kMaxReloadedColumns = kMaxColumns - 2;
 
-// Where the new columns stand, in every table of the subtree alike.
+// The ordinals of the new columns, the same in every table of the subtree.
 struct AddColumnsAt {
   int index;  // -1: nothing to shift
   int count;
@@ -54,7 +54,7 @@ struct Ucs2Less {
   bool operator()(char16_t const* a, char16_t const* b) const { return ucs2_cmp(a, b) < 0; }
 };
 
-// All that stands in the way at one table, so that one failure tells all of it.
+// All conflicts of one table, so that one failure reports them all.
 struct Conflicts {
   std::vector<std::pair<std::u16string, bool>> existing;
   std::vector<std::pair<std::u16string, std::u16string>> descendants;
@@ -96,7 +96,7 @@ void ReportColumnsConflicts(RawView const& table, Definitions const& definitions
 
 // ---- one table ------------------------------------------------------------------------------
 
-// The table's own columns as they stand, from ordinal `first` on. Returns their number.
+// The table's own columns, from ordinal `first` on. Returns their number.
 int LoadColumnDefs(RawView const& table, int first, KernelRecords& records) {
   int count = 0;
   EnumColumns(table, first, -1, [&](RawColumn const& column) {
@@ -148,7 +148,7 @@ void FixChildren(RawView const& parent, Definitions const& definitions, int inhe
   });
 }
 
-// Puts the new columns behind the table's own ones.
+// Appends the new columns to the table's own ones.
 void AppendNewColumns(RawView const& table, Definitions const& definitions, int index, int own,
                       KernelRecords& records) {
   span<LORVI_COLUMN_DEFINITION> const room = records.items;

@@ -83,7 +83,7 @@ void VerifyBasetype(RawView const& table, LS_OBJ_REF const& given_base) {
   if (!HasBase(table, given_base)) exceptions::ThrowBaseTypeMismatch(FullNameOf(table));
 }
 
-// The untyped reference, which may point at anything.
+// The untyped reference, which may refer to any object.
 bool IsReferencePrimitive(LS_OBJ_REF const& type) {
   if (type.oid == 0) FatalError();
   bool const primitive = LayoutOf(type) == DbPrimitiveType::metaclass_layout_handle() ||
@@ -95,8 +95,8 @@ bool HasTarget(LORV_COLUMN_DEFINITION const& definition, LS_OBJ_REF const& type)
   return definition.type.oid == type.oid;
 }
 
-// A shortened name will do here. One that fits no table, or several, is no match; what the search
-// wrote about it goes, so that the mismatch stands alone.
+// A shortened name suffices here. One that fits no table, or several, is no match; the text of that
+// search is discarded, so only the mismatch is reported.
 bool HasTarget(LORV_COLUMN_DEFINITION_NAMES const& definition, LS_OBJ_REF const& type) {
   if (definition.type_name == nullptr) return IsReferencePrimitive(type);
   DottedName reversed = DottedName::Split(definition.type_name);
@@ -128,7 +128,7 @@ void VerifyColumn(RawView const& table, RawColumn const& column, int ordinal,
   exceptions::ThrowColumnDoesNotMatch(FullNameOf(table), GetText(column, RawColumn::kName));
 }
 
-// The definitions are held against the table's own columns; inherited ones are the base's affair.
+// Compares the definitions with the table's own columns; inherited ones are checked with the base.
 template <typename Definition>
 void AssureType(RawView const& table, LS_OBJ_REF const& given_base,
                 span<Definition const> definitions) {
@@ -163,7 +163,7 @@ void StoreLayout(unsigned short* out, unsigned short layout) {
   if (out != nullptr) *out = layout;
 }
 
-// The layout of an existing table is told before the definition is held against it.
+// The layout of an existing table is returned before the definition is compared with it.
 template <typename Definition>
 void AssureOrWriteTable(bool strict, char16_t const* name, LS_OBJ_REF const& base,
                         span<Definition const> columns, LS_OBJ_REF* out_table,

@@ -7,7 +7,7 @@ namespace metalayer::ddl {
 
 namespace {
 
-// Rows that hold a column at one table: their number and the first of them.
+// Rows that hold a column of one table: their number and the first of them.
 struct Uses {
   int count = 0;
   LS_OBJ_REF first = db_util::null_obj_ref;
@@ -29,7 +29,7 @@ RawColumn ExistingColumnAt(RawView const& table, short ordinal) {
   return column;
 }
 
-// What maps the column at the table at hand.
+// Mappings of the column in the current table.
 struct ColumnIsReferenced {
   Uses mapped;
 
@@ -39,7 +39,7 @@ struct ColumnIsReferenced {
   }
 };
 
-// What uses the column at the table at hand. A use in a descendant is found when the change gets
+// Uses of the column in the current table. A use in a descendant is found when the change gets
 // there.
 struct ColumnUsageTracker {
   Uses indexes;

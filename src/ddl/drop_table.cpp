@@ -24,7 +24,7 @@ struct ObjRefSetComparator {
 
 using TableSet = std::set<LS_OBJ_REF, ObjRefSetComparator>;
 
-// ---- what stands in the way -----------------------------------------------------------------
+// ---- obstacles ------------------------------------------------------------------------------
 
 void CheckNoChildren(RawView const& table) {
   constexpr int kEnough = 3;  // what the text can tell apart
@@ -71,14 +71,14 @@ void CheckReferencesStayInside(TableSet const& tables) {
 
 // ---- taking a table out of the catalogue ----------------------------------------------------
 
-// Handles of the table are out, here and in other processes, and none is told that it is gone: the
-// kernel refuses their objects, where it can.
+// Handles of the table exist, here and in other processes, and none is notified: the kernel refuses
+// their objects, if it can.
 void CloseSet(std::u16string const& setspec, uint32_t flags) {
   if (lscoredb_close_set == nullptr) return;
   Check(lscoredb_close_set(TlsContextHandle::context(), setspec.c_str(), flags));
 }
 
-// A move that was asked for before is moot: the same request now asks for deletion.
+// An earlier request to move is moot: the same row now requests deletion.
 void RequestDelete(RawView const& table, std::u16string const& setspec) {
   unsigned short const layout = LayoutHandleOf(table);
   LS_OBJ_REF const request = VacuumRequestOf(setspec);
@@ -96,7 +96,7 @@ void RegisterDelete(RawView const& table) {
   CloseSet(setspec, 0);
 }
 
-// The rows of set specifier and type id stay: they go on naming the objects left behind.
+// The rows of set specifier and type id stay: the remaining objects still carry them.
 void DropRvAndRcMeta(RawView const& table) {
   db_util::db_iter_with_keys columns;
   Key(columns.first_key).Ref(table).Null();
@@ -127,7 +127,7 @@ void DropTable2(RawView const& table, bool drop_children, bool force) {
   DropRvAndRcMeta(table);
 }
 
-// The references were judged as a whole, so that each table goes by force.
+// The references were checked as a whole, so each table is dropped by force.
 void DropMutuallyReferencingTables(TableSet const& tables, bool drop_children, bool force) {
   if (!force) CheckReferencesStayInside(tables);
   for (LS_OBJ_REF const& row : tables) {

@@ -85,7 +85,7 @@ RawColumn DeclaringColumn(LS_OBJ_REF const& inherited) {
   exceptions::ThrowNewColumnNameIsConflicting(FullNameOf(table), new_name, std::move(conflicts));
 }
 
-// The new name is looked at first: a column cannot be renamed to its own name.
+// The new name is checked first: a column cannot be renamed to its own name.
 void AlterTableRenameColumn(RawView const& table, char16_t const* old_name,
                             char16_t const* new_name) {
   Member const taken = Member::ByMemberPK(table, new_name);

@@ -90,8 +90,7 @@ unsigned int RefuseForeignLeg() {
 }  // namespace metalayer
 
 unsigned int run_continuation_impl(Impl& impl, bool* finished) {
-  // Without a value there is nothing to go on from: the first leg ran already, or all of it is
-  // over.
+  // Without a value there is nothing to continue: the first leg already ran, or all of it is over.
   bool const stopped_at_value = impl.value_ != Impl::Coroutine::iterator();
   if (stopped_at_value && *impl.coroutine_) {
     if (!impl.InItsDatabase()) return metalayer::RefuseForeignLeg();

@@ -1,8 +1,8 @@
 #ifndef SAGLEME_SRC_FRAME_ERRBUF_H
 #define SAGLEME_SRC_FRAME_ERRBUF_H
 
-// The failure texts: one fixed buffer per context that was ever asked for. It ends with the context
-// where the kernel tells of that, else with the process.
+// The failure texts: one fixed buffer per context that was ever used. It ends with the context if
+// the kernel reports that, else with the process.
 //
 // The lock guards the map alone. A buffer is read and written outside it, by the one thread that is
 // in its context.

@@ -27,7 +27,7 @@ inline bool KernelKeepsStates() {
          lscoredb_context_attach != nullptr && lscoredb_context_attached != nullptr;
 }
 
-// Of lscoredb_close_set: the commit fails when an object came into the set since.
+// As lscoredb_close_set: the commit fails if an object entered the set since.
 inline constexpr uint32_t kCloseEmpty = 1;
 
 }  // namespace metalayer

@@ -1,7 +1,7 @@
 #ifndef SAGLEME_FRAME_TRAPS_H
 #define SAGLEME_FRAME_TRAPS_H
 
-// The stops for what must never be.
+// Stops the process where an invariant is broken.
 
 extern "C" {
 // Emergency stops: each calls abort, whatever it is given.
