@@ -47,6 +47,8 @@ class Host {
     bank_.Step(context, 0);
   }
 
+  void ExpectWhole() { bank_.ExpectWhole(); }
+
  private:
   std::uint64_t OpenContext() {
     std::uint64_t context = 0;
@@ -193,7 +195,9 @@ TEST_P(MisuseTest, HostThatBreaksRules_HarmsNeitherItselfNorOthers) {
       SCOPED_TRACE("round " + std::to_string(round));
       host.MisuseOnce();
       if (round % 4 == 0) host.Work();
+      if (round % 10 == 0) host.ExpectWhole();
     }
+    host.ExpectWhole();
   });
   EXPECT_TRUE(worker.Next().has_value());
   worker.Kill();
