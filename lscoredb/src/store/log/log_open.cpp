@@ -91,6 +91,7 @@ std::unique_ptr<LogStore> LogStore::Open(std::unique_ptr<Store>& image, std::str
 // Reads all of the log that the image does not hold. A record that is not whole ends it, unless a
 // later one says that it was synced once.
 void LogStore::Recover() {
+  SettleImage();
   std::unique_ptr<Snapshot> image = image_->Begin();
   ImagePosition const position = logformat::ReadPosition(*image);
   tail_.Restart(*image, position);

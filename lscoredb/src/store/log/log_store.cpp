@@ -134,8 +134,13 @@ std::shared_ptr<LogLayers const> LogStore::PrepareBatch() {
   return tail_.layers();
 }
 
+// A process that died over a commit to the image may have written all of it, and not yet said so to
+// readers, who go on from the state before. The next batch finds it, and says so.
+void LogStore::SettleImage() { static_cast<void>(image_->BeginBatch()); }
+
 // Who died over a commit may have brought it into the image, or written all of its record.
 void LogStore::FinishForOther() {
+  SettleImage();
   {
     std::unique_ptr<Snapshot> image = image_->Begin();
     CommitId const in_image = logformat::ReadPosition(*image).commit;

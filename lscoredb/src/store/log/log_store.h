@@ -87,6 +87,7 @@ class LogStore final : public Store {
   // For a batch, which holds the commit lock from the first of them on.
   std::shared_ptr<LogLayers const> PrepareBatch();
   void FinishForOther();
+  void SettleImage();
   void FollowRotation();
   void MakeRoomInLog();
   void MarkUsed();
