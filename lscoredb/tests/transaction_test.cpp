@@ -319,5 +319,19 @@ TEST_F(TransactionTest, TwoDatabasesInMemory_ShareNothing) {
   EXPECT_TRUE(elsewhere.LayoutsByToken(kAccountToken).empty());
 }
 
+TEST(CheckedDatabaseTest, Checks_LeavePlacesForTransactions) {
+  lscoredb_options options = NoSync();
+  options.max_readers = 4;
+  Database const database(options);
+  for (int i = 0; i < 10; ++i) {
+    EXPECT_STATUS(0, lscoredb_check(database.get(), 0, nullptr, nullptr)) << i;
+  }
+  std::vector<std::unique_ptr<Session>> sessions;
+  for (int i = 0; i < 3; ++i) {
+    sessions.push_back(std::make_unique<Session>(database));
+    sessions.back()->BeginReadOnly();
+  }
+}
+
 }  // namespace
 }  // namespace lscoredb_test
