@@ -308,6 +308,11 @@ void LmdbStore::GiveUpWriting() noexcept {
   ReleaseWriteLock(env_);  // what is not found is free when the thread ends
 }
 
+int LmdbStore::BeginInTurn(LmdbSnapshot& snapshot) {
+  PlacesTurn const turn(locks_);
+  return snapshot.BeginNew();
+}
+
 int LmdbStore::TakeSnapshot(std::unique_ptr<LmdbSnapshot>* out) {
   {
     std::lock_guard const lock(idle_mutex_);
@@ -318,8 +323,8 @@ int LmdbStore::TakeSnapshot(std::unique_ptr<LmdbSnapshot>* out) {
   }
   if (*out != nullptr) return (*out)->Renew();
   auto snapshot = std::make_unique<LmdbSnapshot>(*this);
-  int code = snapshot->BeginNew();
-  if (code == MDB_READERS_FULL && FreeDeadReaders()) code = snapshot->BeginNew();
+  int code = BeginInTurn(*snapshot);
+  if (code == MDB_READERS_FULL && FreeDeadReaders()) code = BeginInTurn(*snapshot);
   if (code == 0) *out = std::move(snapshot);
   return code;
 }
@@ -430,6 +435,7 @@ std::uint64_t LmdbStore::FilePages(std::uint64_t claimed) const {
 
 bool LmdbStore::FreeDeadReaders() {
   int dead = 0;
+  PlacesTurn const turn(locks_);
   CheckStore(mdb_reader_check(env_, &dead));
   return dead != 0;
 }
@@ -439,8 +445,11 @@ void LmdbStore::NoteGrowth() noexcept {
   MDB_envinfo info{};
   if (mdb_env_info(env_, &info) != 0) return;
   if (last_page_.exchange(info.me_last_pgno) >= info.me_last_pgno) return;
-  int dead = 0;
-  mdb_reader_check(env_, &dead);  // what it cannot free today stays for the next time
+  // What it cannot free today stays for the next time.
+  static_cast<void>(Guarded([this] {
+    FreeDeadReaders();
+    return LORV_STATUS_OK;
+  }));
 }
 
 StoreStatistics LmdbStore::Statistics() const {

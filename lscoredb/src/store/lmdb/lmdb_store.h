@@ -153,6 +153,7 @@ class LmdbStore final : public Store {
 
   LmdbStore() = default;
   // Gives the library's own codes.
+  int BeginInTurn(LmdbSnapshot& snapshot);
   int TakeSnapshot(std::unique_ptr<LmdbSnapshot>* out);
   std::unique_ptr<LmdbSnapshot> BeginSnapshot();
   std::unique_ptr<LmdbSnapshot> BeginBetweenCommits(std::unique_ptr<LmdbSnapshot> snapshot);

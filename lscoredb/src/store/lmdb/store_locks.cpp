@@ -21,7 +21,8 @@ constexpr mode_t kFileMode = 0640;
 // Behind all numbers of processes.
 constexpr off_t kOpen = 0;
 constexpr off_t kDurable = off_t{1} << 40;
-constexpr off_t kTurn = kDurable + 1;
+constexpr off_t kWriting = kDurable + 1;
+constexpr off_t kPlaces = kDurable + 2;
 // Far behind all pages.
 constexpr off_t kWriters = off_t{1} << 60;
 constexpr off_t kFrozen = kWriters + 1;
@@ -57,6 +58,8 @@ int Unlock(int file, int command) {
 }
 
 }  // namespace
+
+StoreLocks::StoreLocks() : writing_{kWriting, {}}, places_{kPlaces, {}} {}
 
 StoreLocks::~StoreLocks() {
   LeaveLine();
@@ -127,10 +130,13 @@ bool StoreLocks::alone() const { return !IsLockedByOthers(lock_file_, kOpen); }
 
 // The library says once that the process lives, when it first reads, and relies on it from then on.
 void StoreLocks::TakeOver(MDB_env* env) {
-  MDB_txn* txn = nullptr;
-  int const code = mdb_txn_begin(env, nullptr, MDB_RDONLY, &txn);
-  if (code == 0) mdb_txn_abort(txn);
-  if (code != MDB_READERS_FULL) CheckStore(code);
+  {
+    MDB_txn* txn = nullptr;
+    PlacesTurn const turn(*this);
+    int const code = mdb_txn_begin(env, nullptr, MDB_RDONLY, &txn);
+    if (code == 0) mdb_txn_abort(txn);
+    if (code != MDB_READERS_FULL) CheckStore(code);
+  }
   Lock(lock_file_, F_RDLCK, kOpen);
   if (Unlock(lock_file_, F_SETLK) != 0) Throw(LSCOREDB_IO_ERROR);
   Lock(lock_file_, F_WRLCK, getpid());
@@ -143,20 +149,20 @@ void StoreLocks::LeaveLine() noexcept {
   directory_ = -1;
 }
 
-void StoreLocks::TakeTurn() {
-  turn_.lock();
+void StoreLocks::TakeTurn(Queue& queue) {
+  queue.threads.lock();
   try {
-    Lock(lock_file_, F_WRLCK, kTurn);
+    Lock(lock_file_, F_WRLCK, queue.byte);
   } catch (...) {
-    turn_.unlock();
+    queue.threads.unlock();
     throw;
   }
 }
 
-void StoreLocks::LeaveTurn() noexcept {
-  struct flock lock = LockOf(F_UNLCK, kTurn);
+void StoreLocks::LeaveTurn(Queue& queue) noexcept {
+  struct flock lock = LockOf(F_UNLCK, queue.byte);
   fcntl(lock_file_, F_OFD_SETLK, &lock);
-  turn_.unlock();
+  queue.threads.unlock();
 }
 
 void StoreLocks::RequireSync() { Lock(lock_file_, F_RDLCK, kDurable); }

@@ -14,13 +14,16 @@
 //   lock.mdb   byte 0       shared      who has the directory open
 //              byte PID     exclusive   the process PID lives, and so do its readers
 //              kDurable     shared      who wants every commit synced, of whatever process
-//              kTurn        exclusive   who writes; WriteTurn
+//              kWriting     exclusive   who writes; WriteTurn
+//              kPlaces      exclusive   who changes the table of readers; PlacesTurn
 //   data.mdb   kWriters     shared      who may write
 //              kFrozen      shared      who reads without a slot in the table of readers
 //   directory  flock        exclusive   who is opening it, one at a time
 //
 // No one holds both kWriters and kFrozen while another holds the other one. For the store's own
 // source files.
+
+#include <sys/types.h>
 
 #include <cstdint>
 #include <mutex>
@@ -33,7 +36,7 @@ namespace lscore {
 
 class StoreLocks {
  public:
-  StoreLocks() = default;
+  StoreLocks();
   ~StoreLocks();
   StoreLocks(StoreLocks const&) = delete;
   StoreLocks& operator=(StoreLocks const&) = delete;
@@ -66,10 +69,18 @@ class StoreLocks {
   int lock_file() const { return lock_file_; }
 
  private:
+  friend class Turn;
   friend class WriteTurn;
+  friend class PlacesTurn;
 
-  void TakeTurn();
-  void LeaveTurn() noexcept;
+  // For one byte of the lock file.
+  struct Queue {
+    off_t byte;
+    std::mutex threads;  // of the process
+  };
+
+  void TakeTurn(Queue& queue);
+  void LeaveTurn(Queue& queue) noexcept;
   void Enter(std::string const& directory);
   void MakeRoom(std::string const& path, std::uint32_t max_readers) const;
 
@@ -77,26 +88,44 @@ class StoreLocks {
   int lock_file_ = -1;
   int data_file_ = -1;     // of one without a slot
   int written_file_ = -1;  // the library's
-  std::mutex turn_;        // among the threads of the process
+  Queue writing_;
+  Queue places_;
 };
 
-// Stands before the library's own lock for writing, so that no one ever waits for that one. The
-// library wakes one of those who wait; when that one is killed before it takes the lock, while the
-// one before takes it again, the others sleep on and nobody knows of them. The system's locks leave
-// no one behind. Belongs to the thread that took it.
-class WriteTurn {
+// Stands before one of the library's own two locks, so that no one ever waits for that one for
+// long. The library wakes one of those who wait; when that one is killed before it takes the lock,
+// while the one before takes it again, the others sleep on and nobody knows of them. The system's
+// locks leave no one behind. Belongs to the thread that took it.
+class Turn {
  public:
-  WriteTurn() = default;  // none
-  explicit WriteTurn(StoreLocks& locks) : locks_(&locks) { locks.TakeTurn(); }
-  WriteTurn(WriteTurn&& other) noexcept : locks_(std::exchange(other.locks_, nullptr)) {}
-  WriteTurn& operator=(WriteTurn&&) = delete;
-  ~WriteTurn() { End(); }
+  Turn() = default;  // none
+  Turn(StoreLocks& locks, StoreLocks::Queue& queue) : locks_(&locks), queue_(&queue) {
+    locks.TakeTurn(queue);
+  }
+  Turn(Turn&& other) noexcept
+      : locks_(std::exchange(other.locks_, nullptr)), queue_(other.queue_) {}
+  Turn& operator=(Turn&&) = delete;
+  ~Turn() { End(); }
   void End() noexcept {
-    if (locks_ != nullptr) std::exchange(locks_, nullptr)->LeaveTurn();
+    if (locks_ != nullptr) std::exchange(locks_, nullptr)->LeaveTurn(*queue_);
   }
 
  private:
   StoreLocks* locks_ = nullptr;
+  StoreLocks::Queue* queue_ = nullptr;
+};
+
+class WriteTurn : public Turn {
+ public:
+  WriteTurn() = default;
+  explicit WriteTurn(StoreLocks& locks) : Turn(locks, locks.writing_) {}
+};
+
+// None for one who reads without a place. It may be taken in a WriteTurn, not the other way round.
+class PlacesTurn : public Turn {
+ public:
+  explicit PlacesTurn(StoreLocks& locks)
+      : Turn(locks.lock_file() < 0 ? Turn() : Turn(locks, locks.places_)) {}
 };
 
 }  // namespace lscore

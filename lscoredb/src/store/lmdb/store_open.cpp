@@ -190,8 +190,7 @@ class StoreOpener {
     LookIn(*store);
     store->locks_.LeaveLine();
     if (options.verify) store->Verify();
-    int dead = 0;
-    CheckOpening(mdb_reader_check(store->env_, &dead));
+    store->FreeDeadReaders();
     return store;
   }
 
@@ -291,7 +290,10 @@ class StoreOpener {
   static void LookInBesideWriters(LmdbStore& store) {
     MDB_env* const env = store.env_;
     MDB_txn* txn = nullptr;
-    CheckOpening(mdb_txn_begin(env, nullptr, MDB_RDONLY, &txn));
+    {
+      PlacesTurn const turn(store.locks_);
+      CheckOpening(mdb_txn_begin(env, nullptr, MDB_RDONLY, &txn));
+    }
     std::unique_ptr<MDB_txn, void (*)(MDB_txn*)> reading(txn, mdb_txn_abort);
     pages::Header const header = StableHeader(FileOf(env), mdb_txn_id(txn));
     CheckReadLength(FileOf(env), header);
