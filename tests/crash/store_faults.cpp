@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 #include <lmdb.h>
+#include <pthread.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
@@ -13,6 +14,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
+#include <new>
 #include <string_view>
 
 #include "crash/recorded_disk.h"
@@ -44,6 +46,10 @@ State& TheState() {
   static State state;
   return state;
 }
+
+// A thread that does not live on in a child may have held it at the fork.
+[[maybe_unused]] int const free_in_children =
+    pthread_atfork(nullptr, nullptr, [] { new (&TheState().mutex) std::recursive_mutex; });
 
 // The function of that name behind this executable.
 template <typename Function>
