@@ -159,6 +159,14 @@ std::unique_ptr<Database> OpenOrCreate(std::string const& directory, Options con
 
 // ---- the bank -----------------------------------------------------------------------------------
 
+Options UnsyncedOptions(bool log) {
+  Options options{.no_sync = true};
+  if (!log) return options;
+  options.log = LSCOREDB_LOG;
+  options.log_limit = 64 * 1024;
+  return options;
+}
+
 Bank::Bank(std::string const& directory, std::uint64_t seed, Options const& options)
     : owned_(OpenOrCreate(directory, options)), database_(owned_.get()), seed_(seed) {
   Found();

@@ -28,6 +28,9 @@ inline constexpr int kSchemaSteps = 6;  // before they begin again with another 
 // How many steps each teller, and the architect at the end, has done.
 using Progress = std::array<std::int64_t, kTellers + 1>;
 
+// Without sync; with or without a log, which turns often.
+sagleme::Options UnsyncedOptions(bool log);
+
 // A database of the bank; a creation that was cut off is completed. One per process.
 class Bank {
  public:

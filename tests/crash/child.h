@@ -34,6 +34,7 @@ class Child {
   // Exit statuses beside those of `body`.
   static constexpr int kFailedExpectation = 101;
   static constexpr int kException = 102;
+  static constexpr int kKilled = 128 + 9;
 
   explicit Child(std::function<int(Channel&)> const& body);
   // Kills a child that still runs.

@@ -11,7 +11,6 @@ namespace crash_test {
 namespace {
 
 constexpr std::uint64_t kSeed = 31;
-constexpr int kKilled = 128 + 9;
 
 // Makes a database in a process that is killed once `commits` changes are kept; returns whether it
 // was.
@@ -22,8 +21,8 @@ bool MakeUpTo(int commits, std::string const& directory) {
     return 0;
   });
   int const end = maker.Wait();
-  EXPECT_TRUE(end == 0 || end == kKilled) << end;
-  return end == kKilled;
+  EXPECT_TRUE(end == 0 || end == Child::kKilled) << end;
+  return end == Child::kKilled;
 }
 
 TEST(CreationTest, KilledAfterAnyCommit_IsCompletedByTheNextProcess) {
@@ -53,7 +52,7 @@ TEST(CreationTest, LossOfPowerAtAnyPointOfTheFirstWrites_LeavesADatabaseOrNone) 
         Bank const bank(directory.path(), kSeed);
         return 0;
       });
-      EXPECT_EQ(kKilled, maker.Wait());
+      EXPECT_EQ(Child::kKilled, maker.Wait());
       recording.ForEachLossAtItsEnd(
           [](std::string const& left) { ExpectWholeAfter(left, kSeed, {}); });
     }

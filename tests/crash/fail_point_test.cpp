@@ -14,13 +14,7 @@ namespace {
 
 using store_faults::Point;
 
-constexpr Point kPoints[] = {Point::kBeforeApply,   Point::kBetweenRowsAndIndexes,
-                             Point::kBeforeWriting, Point::kWriting,
-                             Point::kBeforeSync,    Point::kAfterSync,
-                             Point::kBeforeRoot,    Point::kAfterRoot,
-                             Point::kAfterCommit};
 constexpr std::uint64_t kSeed = 7;
-constexpr int kKilled = 128 + 9;
 
 class FailPointTest : public testing::Test {
  protected:
@@ -34,7 +28,7 @@ class FailPointTest : public testing::Test {
     });
     Progress acknowledged{};
     NoteRest(writer, acknowledged);
-    EXPECT_EQ(kKilled, writer.Wait());
+    EXPECT_EQ(Child::kKilled, writer.Wait());
     return acknowledged;
   }
 
@@ -47,7 +41,7 @@ std::string Describe(Point point, int passage) {
 }
 
 TEST_F(FailPointTest, EndAtAnyPoint_LeavesWholeCommits) {
-  for (Point const point : kPoints) {
+  for (Point const point : store_faults::kAllPoints) {
     for (int const nth : {1, 2, 9}) {
       SCOPED_TRACE(Describe(point, nth));
       Progress const acknowledged =
@@ -58,7 +52,7 @@ TEST_F(FailPointTest, EndAtAnyPoint_LeavesWholeCommits) {
 }
 
 TEST_F(FailPointTest, LossOfPowerAtAnyPoint_LeavesWholeCommits) {
-  for (Point const point : kPoints) {
+  for (Point const point : store_faults::kAllPoints) {
     for (int const nth : {1, 2, 3, 12}) {
       SCOPED_TRACE(Describe(point, nth));
       InChild([&] { Bank const bank(directory_.path(), kSeed); });

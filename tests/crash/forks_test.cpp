@@ -75,17 +75,8 @@ class Parent {
 
 class ForksTest : public testing::TestWithParam<bool> {
  protected:
-  Options TheOptions() const {
-    Options options{.no_sync = true};
-    if (GetParam()) {
-      options.log = LSCOREDB_LOG;
-      options.log_limit = 64 * 1024;
-    }
-    return options;
-  }
-
   void WorkInChild(Channel& channel, int steps) {
-    Bank bank(directory_.path(), kSeed, TheOptions());
+    Bank bank(directory_.path(), kSeed, options_);
     Context const context(bank.database());
     for (int i = 0; i < steps; ++i) bank.Step(context, static_cast<int>(random_() % kTellers));
     channel.Say("done");
@@ -141,13 +132,14 @@ class ForksTest : public testing::TestWithParam<bool> {
   }
 
   Directory directory_;
+  Options const options_ = UnsyncedOptions(GetParam());
   std::mt19937_64 random_{GetParam() ? 5U : 6U};
 };
 
 TEST_P(ForksTest, Children_LeaveTheParentsSnapshotAndItsWorkAlone) {
-  InChild([&] { Bank const bank(directory_.path(), kSeed, TheOptions()); });
+  InChild([&] { Bank const bank(directory_.path(), kSeed, options_); });
   InChild([&] {
-    Parent parent(directory_.path(), TheOptions());
+    Parent parent(directory_.path(), options_);
     int const rounds = Rounds(40, 10);
     for (int round = 0; round < rounds && !HasFailure(); ++round) {
       SCOPED_TRACE("round " + std::to_string(round));

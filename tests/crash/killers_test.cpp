@@ -21,12 +21,8 @@ class KillersTest : public testing::TestWithParam<bool> {
   int Random(int below) { return std::uniform_int_distribution<int>(0, below - 1)(random_); }
 
   sagleme::Options AnyOptions() {
-    sagleme::Options options;
+    sagleme::Options options = UnsyncedOptions(GetParam());
     options.no_sync = Random(4) != 0;
-    if (GetParam()) {
-      options.log = LSCOREDB_LOG;
-      options.log_limit = 64 * 1024;
-    }
     return options;
   }
 

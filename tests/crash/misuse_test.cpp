@@ -169,27 +169,19 @@ class Host {
 
 class MisuseTest : public testing::TestWithParam<bool> {
  protected:
-  Options TheOptions() const {
-    Options options{.no_sync = true};
-    if (GetParam()) {
-      options.log = LSCOREDB_LOG;
-      options.log_limit = 64 * 1024;
-    }
-    return options;
-  }
-
   Directory directory_;
+  Options const options_ = UnsyncedOptions(GetParam());
 };
 
 TEST_P(MisuseTest, HostThatBreaksRules_HarmsNeitherItselfNorOthers) {
-  InChild([&] { Bank const bank(directory_.path(), kSeed, TheOptions()); });
+  InChild([&] { Bank const bank(directory_.path(), kSeed, options_); });
   Child worker([&](Channel& channel) {
-    Bank bank(directory_.path(), kSeed, TheOptions());
+    Bank bank(directory_.path(), kSeed, options_);
     WorkUntilTheEnd([&](std::string const& line) { channel.Say(line); }, bank, {2, 3});
     return 0;
   });
   InChild([&] {
-    Host host(directory_.path(), TheOptions(), kSeed);
+    Host host(directory_.path(), options_, kSeed);
     int const rounds = Rounds(100, 30);
     for (int round = 0; round < rounds && !HasFailure(); ++round) {
       SCOPED_TRACE("round " + std::to_string(round));

@@ -88,7 +88,7 @@ class PowerTest : public testing::TestWithParam<Setting> {
     // From then on the strictest of them holds for all.
     for (auto const& child : children) EXPECT_EQ("open", child->Next());
     for (auto const& child : children) child->Send("work");
-    for (auto const& child : children) EXPECT_EQ(kKilled, child->Wait());
+    for (auto const& child : children) EXPECT_EQ(Child::kKilled, child->Wait());
     return WhatCounts(recording.Events());
   }
 
@@ -163,8 +163,6 @@ class PowerTest : public testing::TestWithParam<Setting> {
     Progress const least = GetParam().acknowledged_is_kept ? acknowledged : Progress{};
     ExpectWholeBetween(directory, seed, least, acknowledged);
   }
-
-  static constexpr int kKilled = 128 + 9;
 };
 
 TEST_P(PowerTest, LossAtAnyMoment_LeavesWholeCommits) {

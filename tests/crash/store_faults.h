@@ -24,6 +24,11 @@ enum class Point {
   kAfterRoot,
   kAfterCommit,  // the store has committed, nobody knows yet
 };
+inline constexpr Point kAllPoints[] = {Point::kBeforeApply,   Point::kBetweenRowsAndIndexes,
+                                       Point::kBeforeWriting, Point::kWriting,
+                                       Point::kBeforeSync,    Point::kAfterSync,
+                                       Point::kBeforeRoot,    Point::kAfterRoot,
+                                       Point::kAfterCommit};
 
 // What a point does when it is armed: 0 goes on, else the operation fails with this code of the
 // store or of the system; kShort: a write that takes the first half only.

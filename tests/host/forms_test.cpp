@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+#include "status_of.h"
+
 namespace {
 
 using sagleme::Type;
@@ -18,15 +20,6 @@ using sagleme::Type;
 class FormsTest : public ::testing::Test {
  protected:
   FormsTest() : database_(sagleme::Database::InMemory()), context_(database_) {}
-
-  static std::uint32_t StatusOf(std::function<void()> const& work) {
-    try {
-      work();
-    } catch (sagleme::Error const& error) {
-      return error.status();
-    }
-    return 0;
-  }
 
   sagleme::Database database_;
   sagleme::Context context_;

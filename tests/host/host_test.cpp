@@ -4,6 +4,8 @@
 #include <filesystem>
 #include <sagleme/host.hpp>
 
+#include "status_of.h"
+
 namespace {
 
 using sagleme::ColumnSpec;
@@ -43,14 +45,6 @@ class HostTest : public ::testing::Test {
       names += std::get<std::u16string>(object.Get(u"Name"));
     }
     return names;
-  }
-  static std::uint32_t StatusOf(std::function<void()> const& work) {
-    try {
-      work();
-    } catch (sagleme::Error const& error) {
-      return error.status();
-    }
-    return 0;
   }
 
   sagleme::Database database_;

@@ -5,6 +5,8 @@
 #include <array>
 #include <sagleme/host.hpp>
 
+#include "status_of.h"
+
 namespace {
 
 using sagleme::ColumnSpec;
@@ -39,14 +41,6 @@ class SavepointTest : public ::testing::Test {
   static void CreateDerived(Transaction& transaction, std::u16string const& name) {
     std::array const columns{ColumnSpec{u"Weight", Type::kLong, true}};
     sagleme::CreateTable(transaction, name, u"App.Thing", columns);
-  }
-  static std::uint32_t StatusOf(std::function<void()> const& work) {
-    try {
-      work();
-    } catch (sagleme::Error const& error) {
-      return error.status();
-    }
-    return 0;
   }
 
   sagleme::Database database_;

@@ -7,7 +7,6 @@
 #include <cstdio>
 #include <deque>
 #include <filesystem>
-#include <fstream>
 #include <map>
 #include <random>
 #include <sagleme/host.hpp>
@@ -192,17 +191,6 @@ class Load {
   Numbers committed_;
   std::mt19937_64 random_{1};
 };
-
-// The private memory of the process that is really there.
-std::size_t ResidentBytes() {
-  std::ifstream file("/proc/self/status");
-  std::string word;
-  while (file >> word && word != "RssAnon:") {
-  }
-  std::size_t kilobytes = 0;
-  file >> kilobytes;
-  return kilobytes * 1024;
-}
 
 struct Measures {
   explicit Measures(Load const& load)

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <lscoredb/host.h>
 
-#include <fstream>
 #include <functional>
 #include <string>
 #include <vector>
@@ -132,17 +131,6 @@ TEST_F(LongTransactionTest, TextsInScopes_TakeNoMemoryForLong) {
   }
   EXPECT_EQ(0U, lscoredb_rollback(context_));
   EXPECT_LT(BytesInUse(), before + kMegabyte);
-}
-
-// Private memory of the process in the machine, whoever took it.
-std::size_t ResidentBytes() {
-  std::ifstream file("/proc/self/status");
-  std::string word;
-  while (file >> word && word != "RssAnon:") {
-  }
-  std::size_t kilobytes = 0;
-  file >> kilobytes;
-  return kilobytes * 1024;
 }
 
 // Also what the heap would keep for later. The store's library keeps pages for its next batch, as

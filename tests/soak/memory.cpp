@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <fstream>
 #include <new>
+#include <string>
+#include <string_view>
 
 namespace {
 
@@ -29,16 +31,19 @@ void Give(void* taken) noexcept {
   std::free(taken);
 }
 
-// Bytes of private memory that the process has mapped, which is what the limit is about.
-std::size_t MappedData() {
+// A line of what the system says of the process.
+std::size_t StatusLine(std::string_view name) {
   std::ifstream file("/proc/self/status");
   std::string word;
-  while (file >> word && word != "VmData:") {
+  while (file >> word && word != name) {
   }
   std::size_t kilobytes = 0;
   file >> kilobytes;
   return kilobytes * 1024;
 }
+
+// Bytes of private memory that the process has mapped, which is what the limit is about.
+std::size_t MappedData() { return StatusLine("VmData:"); }
 
 }  // namespace
 
@@ -55,6 +60,7 @@ void operator delete[](void* taken, std::size_t) noexcept { Give(taken); }
 namespace sagleme_soak {
 
 std::size_t BytesInUse() { return g_in_use; }
+std::size_t ResidentBytes() { return StatusLine("RssAnon:"); }
 
 std::uint64_t FromEnvironment(char const* name, std::uint64_t otherwise) {
   char const* const text = std::getenv(name);

@@ -12,6 +12,8 @@
 namespace sagleme_soak {
 
 std::size_t BytesInUse();
+// Private memory of the process that is really there, whoever took it.
+std::size_t ResidentBytes();
 
 // A number from the environment, `otherwise` when there is none.
 std::uint64_t FromEnvironment(char const* name, std::uint64_t otherwise);

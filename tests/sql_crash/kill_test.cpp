@@ -9,13 +9,6 @@ namespace {
 
 using store_faults::Point;
 
-constexpr Point kPoints[] = {Point::kBeforeApply,   Point::kBetweenRowsAndIndexes,
-                             Point::kBeforeWriting, Point::kWriting,
-                             Point::kBeforeSync,    Point::kAfterSync,
-                             Point::kBeforeRoot,    Point::kAfterRoot,
-                             Point::kAfterCommit};
-constexpr int kKilled = 128 + 9;
-
 std::string Numbered(std::string text, int n) {
   for (auto at = text.find('#'); at != std::string::npos; at = text.find('#')) {
     text.replace(at, 1, std::to_string(n));
@@ -59,7 +52,7 @@ void ExpectWholeTransactions(Accounts const& accounts, int acknowledged) {
 }
 
 TEST(SqlKilledTest, EndAtAnyPointOfCommit_LeavesWholeTransactions) {
-  for (Point const point : kPoints) {
+  for (Point const point : store_faults::kAllPoints) {
     for (int const nth : {1, 2}) {
       SCOPED_TRACE("point " + std::to_string(static_cast<int>(point)) + ", passage " +
                    std::to_string(nth));
@@ -69,7 +62,7 @@ TEST(SqlKilledTest, EndAtAnyPointOfCommit_LeavesWholeTransactions) {
         return WorkUntilTheEnd(channel, accounts, point, nth);
       });
       while (auto const line = writer.Next()) acknowledged = std::stoi(*line);
-      EXPECT_EQ(writer.Wait(), kKilled);
+      EXPECT_EQ(writer.Wait(), crash_test::Child::kKilled);
       EXPECT_GE(acknowledged, 2);
       ExpectWholeTransactions(accounts, acknowledged);
       accounts.ExpectWhole();

@@ -9,8 +9,9 @@
 
 namespace lscore {
 
-inline Status StatusOfErrno() {
-  switch (errno) {
+// That of an error number of the system.
+inline Status StatusOfSystem(int error) {
+  switch (error) {
     case ENOSPC:
     case EDQUOT:
     case EFBIG:
@@ -22,7 +23,7 @@ inline Status StatusOfErrno() {
   }
 }
 
-[[noreturn]] inline void ThrowErrno() { Throw(StatusOfErrno()); }
+[[noreturn]] inline void ThrowErrno() { Throw(StatusOfSystem(errno)); }
 
 // Calls again when a signal came in between. Throws when the result is -1.
 template <typename Call>

@@ -1,16 +1,14 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <filesystem>
 
 #include "base/interrupt.h"
 #include "cli/help.h"
 #include "cli/parser.h"
-#include "cli/run.h"
 #include "commands/commands.h"
+#include "commands/prompt.h"
 #include "shell/line_reader.h"
-#include "shell/pager.h"
 #include "shell/settings.h"
 #include "shell/words.h"
 
@@ -95,31 +93,9 @@ Exit Shell::RunWords(std::vector<std::string> const& words, Output& own) {
   return command->Run(*session_, own);
 }
 
-// What one line chooses does not last. The user may stop its work or leave its pager, and stays at
-// the prompt.
 Exit Shell::RunLine(std::string const& line, LineReader& reader) {
-  Output own = *output_;
-  settings_.ApplyTo(own);
-  bool const pages = terminal_ && own.out_is_terminal && settings_.paging();
-  auto const pager =
-      std::make_shared<PagerWriter>(own.out, SizeOfTerminal(), pages ? PagerCommand() : "");
-  own.out = pager;
-  try {
-    return Guarded(own, [&] {
-      Exit const exit = RunWords(SplitLine(line), own);
-      pager->Flush();
-      return exit;
-    });
-  } catch (Interrupted const&) {
-    TakeInterrupt();
-    reader.NoteInterrupt();
-    own.out->Discard();
-    own.Note("\ninterrupted\n");
-    return Exit::kProblem;
-  } catch (OutputClosed const&) {
-    if (!pager->started()) throw;
-    return Exit::kDone;
-  }
+  return RunAtPrompt(*output_, settings_, terminal_, reader,
+                     [&](Output& own) { return RunWords(SplitLine(line), own); });
 }
 
 std::string Shell::Prompt() const {
@@ -141,10 +117,7 @@ Exit Shell::Run(Session& session, Output& output) {
           : MakePlainReader();
   while (auto const line = reader->Next(Prompt())) {
     if (*line == "quit" || *line == "exit") break;
-    auto const start = std::chrono::steady_clock::now();
     Exit const exit = RunLine(*line, *reader);
-    std::chrono::duration<double> const took = std::chrono::steady_clock::now() - start;
-    if (settings_.timing()) output.Note(fmt::format("{:.3f} s\n", took.count()));
     if (exit != Exit::kDone && !terminal_) return exit;
   }
   if (session.in_transaction()) output.Note("the open transaction is undone\n");

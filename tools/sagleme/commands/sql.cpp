@@ -1,15 +1,13 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <filesystem>
 
 #include "base/interrupt.h"
-#include "cli/run.h"
 #include "commands/commands.h"
 #include "commands/files.h"
+#include "commands/prompt.h"
 #include "shell/line_reader.h"
-#include "shell/pager.h"
 #include "shell/settings.h"
 #include "sqlshell/dot_commands.h"
 #include "sqlshell/sql_connection.h"
@@ -75,31 +73,13 @@ void Sql::RunWhole(std::string const& text, Output const& own) {
   connection_->Run(text, own, terminal_ ? 0 : line_);
 }
 
-// The user may stop its work or leave its pager, and stays at the prompt.
 Exit Sql::RunText(std::string const& text, LineReader& reader) {
-  Output own = *output_;
-  if (commands_->format().has_value()) own.chosen = commands_->format();
-  settings_.ApplyTo(own);
-  bool const pages = terminal_ && own.out_is_terminal && settings_.paging();
-  auto const pager =
-      std::make_shared<PagerWriter>(own.out, SizeOfTerminal(), pages ? PagerCommand() : "");
-  own.out = pager;
-  try {
-    return Guarded(own, [&] {
-      RunWhole(text, own);
-      pager->Flush();
-      return Exit::kDone;
-    });
-  } catch (Interrupted const&) {
-    TakeInterrupt();
-    reader.NoteInterrupt();
-    own.out->Discard();
-    own.Note("\ninterrupted\n");
-    return Exit::kProblem;
-  } catch (OutputClosed const&) {
-    if (!pager->started()) throw;
+  Output chosen = *output_;
+  if (commands_->format().has_value()) chosen.chosen = commands_->format();
+  return RunAtPrompt(chosen, settings_, terminal_, reader, [&](Output& own) {
+    RunWhole(text, own);
     return Exit::kDone;
-  }
+  });
 }
 
 Exit Sql::Prompt() {
@@ -121,10 +101,7 @@ Exit Sql::Prompt() {
     if (dot) text.pop_back();
     if (ends && IsWhole(text) && text.empty()) break;
     if (text == ".quit" || text == ".exit") break;
-    auto const start = std::chrono::steady_clock::now();
     Exit const exit = RunText(text, *reader);
-    std::chrono::duration<double> const took = std::chrono::steady_clock::now() - start;
-    if (settings_.timing()) output_->Note(fmt::format("{:.3f} s\n", took.count()));
     if (exit != Exit::kDone && !terminal_) return exit;
     line_ += lines;
     lines = 0;

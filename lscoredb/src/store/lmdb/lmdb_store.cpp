@@ -21,6 +21,7 @@
 #include "store_errors.h"
 #include "store_header.h"
 #include "store_pages.h"
+#include "system_call.h"
 #include "write_pause.h"
 
 namespace lscore {
@@ -83,14 +84,8 @@ Status StatusOfStore(int code) {
     case kBrokenPage:
     case MDB_BAD_TXN:  // it met one before
       return LSCOREDB_DAMAGED;
-    case ENOSPC:
-    case EDQUOT:
-    case EFBIG:
-      return LSCOREDB_DISK_FULL;
-    case ENOMEM:
-      return LSCOREDB_NO_MEMORY;
     default:
-      return LSCOREDB_IO_ERROR;
+      return StatusOfSystem(code);
   }
 }
 
