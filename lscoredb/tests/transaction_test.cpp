@@ -319,7 +319,7 @@ TEST_F(TransactionTest, TwoDatabasesInMemory_ShareNothing) {
   EXPECT_TRUE(elsewhere.LayoutsByToken(kAccountToken).empty());
 }
 
-TEST(CheckedDatabaseTest, Checks_LeavePlacesForTransactions) {
+TEST(CheckedDatabaseTest, Check_TakesNoPlaceOfTransactions) {
   lscoredb_options options = NoSync();
   options.max_readers = 4;
   Database const database(options);

@@ -76,7 +76,7 @@ class LogKillTest : public testing::Test {
   StoreOptions options_;
 };
 
-TEST_F(LogKillTest, CommitGoesOnBehindOneThatADeadProcessWroteToTheImage) {
+TEST_F(LogKillTest, Commit_GoesOnBehindOneThatADeadProcessWroteToTheImage) {
   auto const other = Dying([this](std::unique_ptr<Store> store) { CommitToImage(*store, "c"); });
   {
     std::unique_ptr<Store> const store = Open();
@@ -91,7 +91,7 @@ TEST_F(LogKillTest, CommitGoesOnBehindOneThatADeadProcessWroteToTheImage) {
 }
 
 // One that has the image open already, and waits for its turn to open the log.
-TEST_F(LogKillTest, RecoveryFindsWhatADeadProcessWroteToTheImage) {
+TEST_F(LogKillTest, Recovery_FindsWhatADeadProcessWroteToTheImage) {
   auto const other = Dying([this](std::unique_ptr<Store> store) { CommitToImage(*store, "c"); });
   Commit(*Open(), "a");
   StoreOptions image_options = options_;
@@ -108,7 +108,7 @@ TEST_F(LogKillTest, RecoveryFindsWhatADeadProcessWroteToTheImage) {
   EXPECT_EQ("abcde", KeysIn(*Open()));
 }
 
-TEST_F(LogKillTest, RecoveryFindsTheImageThatADeadProcessLeftClean) {
+TEST_F(LogKillTest, Recovery_FindsTheImageThatADeadProcessLeftClean) {
   auto const closing = Dying([](std::unique_ptr<Store> store) { store.reset(); });
   auto const killed = std::make_unique<OtherProcess>([this](OtherProcess& test) {
     StoreOptions image_options = options_;
