@@ -31,13 +31,13 @@ bool TakeInterrupt() {
 
 // The signal is unblocked only while the process waits, so none is missed between the check and the
 // wait.
-bool WaitForInput() {
+bool WaitForInput(int file) {
   sigset_t interrupt;
   sigset_t before;
   sigemptyset(&interrupt);
   sigaddset(&interrupt, SIGINT);
   sigprocmask(SIG_BLOCK, &interrupt, &before);
-  pollfd input{STDIN_FILENO, POLLIN, 0};
+  pollfd input{file, POLLIN, 0};
   while (!InterruptPending() && ppoll(&input, 1, nullptr, &before) < 0) {
   }
   sigprocmask(SIG_SETMASK, &before, nullptr);

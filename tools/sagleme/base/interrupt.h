@@ -30,8 +30,8 @@ class InterruptGuard {
 bool InterruptPending();
 // Returns whether one is pending, and forgets it.
 bool TakeInterrupt();
-// Waits until the standard input has data or has ended. False if Ctrl-C came first.
-bool WaitForInput();
+// Waits until the file has data or has ended. False if Ctrl-C came first.
+bool WaitForInput(int file);
 // Throws Interrupted if one is pending. It stays pending until it is taken.
 void CheckInterrupt();
 

@@ -13,7 +13,7 @@ namespace {
 std::optional<std::string> ReadLine() {
   std::string line;
   while (true) {
-    if (!WaitForInput()) throw Interrupted();
+    if (!WaitForInput(STDIN_FILENO)) throw Interrupted();
     char byte = 0;
     if (read(STDIN_FILENO, &byte, 1) <= 0) return std::nullopt;
     if (byte == '\n') return line;

@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -27,7 +26,8 @@ class FileBuffer : public std::streambuf {
 
  protected:
   int_type underflow() override {
-    Wait();
+    // A read that has begun does not see Ctrl-C.
+    if (!WaitForInput(file_)) throw Interrupted();
     ssize_t const got = read(file_, buffer_.data(), buffer_.size());
     if (got < 0) {
       throw Failure(Exit::kRefused, fmt::format("cannot read {}: {}", name_, std::strerror(errno)));
@@ -47,13 +47,6 @@ class FileBuffer : public std::streambuf {
   }
 
  private:
-  // Ctrl-C ends the wait for data, not a read that has begun.
-  void Wait() const {
-    pollfd waiting{file_, POLLIN, 0};
-    while (poll(&waiting, 1, -1) < 0 && errno == EINTR) CheckInterrupt();
-    CheckInterrupt();
-  }
-
   int file_;
   std::string name_;
   std::array<char, std::size_t{256} * 1024> buffer_{};

@@ -79,7 +79,7 @@ class TerminalReader : public LineReader {
   static int ReadCharacter(EditLine* edit, wchar_t* character) {
     std::mbstate_t state{};
     while (true) {
-      if (!WaitForInput()) {
+      if (!WaitForInput(STDIN_FILENO)) {
         LineInfo const* const info = el_line(edit);
         Self(edit).line_was_empty_ = info->lastchar == info->buffer;
         return -1;
