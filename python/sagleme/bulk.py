@@ -1,4 +1,4 @@
-"""Many values at once: into NumPy, pandas and Arrow, and out of them."""
+"""Bulk transfer of values to and from NumPy, pandas and Arrow."""
 
 from __future__ import annotations
 
@@ -91,7 +91,7 @@ def _pandas_column(pandas: Any, numpy: Any, columns: Any, position: int, kind: i
 
 
 def insert_many(tx: Any, cls: Any, rows: Any, progress: bool) -> int:
-    """Makes objects of rows, of a frame, or of what speaks Arrow."""
+    """Creates objects from rows, a frame, or any Arrow exporter."""
     if hasattr(rows, "__arrow_c_stream__"):
         with _Bar(progress, None) as bar:
             return int(_core.insert_arrow(tx, cls, rows.__arrow_c_stream__(), bar.add))
@@ -119,7 +119,7 @@ def _insert_frame(tx: Any, cls: Any, frame: Any, progress: bool) -> int:
 
 
 def _values_of(tx: Any, column: Any, series: Any) -> list[Any]:
-    """A column of a frame as values that the extension takes; what pandas calls missing is None."""
+    """A column of a frame as values for the extension; missing values become None."""
     missing = series.isna().to_numpy()
     if column._kind == models.DATETIME:
         values = [each.to_pydatetime(warn=False) for each in series.dt.floor("us")]
@@ -139,7 +139,7 @@ def _values_of(tx: Any, column: Any, series: Any) -> list[Any]:
 
 
 def _whole(value: float) -> Any:
-    """pandas keeps whole numbers as floats where some are missing."""
+    """pandas stores whole numbers as floats if some are missing."""
     return int(value) if value == int(value) else value
 
 
@@ -171,7 +171,7 @@ def _watched(rows: Iterable[Any], progress: bool, total: int | None) -> Iterable
 
 
 class _Bar:
-    """A progress bar where tqdm is there and one is wanted."""
+    """A progress bar, if one is wanted and tqdm is installed."""
 
     def __init__(self, wanted: bool, total: int | None) -> None:
         make = _tqdm() if wanted else None

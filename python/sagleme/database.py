@@ -34,7 +34,7 @@ class _IndexInfo:
 
 
 class _Snapshot:
-    """What a state of the schema means for Python: classes, indexes, and the extension's view."""
+    """One state of the schema in Python: classes, indexes, and the extension's view."""
 
     def __init__(self, maker: schemas.ClassMaker, entries: list[dict[str, Any]]) -> None:
         self.tables = {each["name"]: each for each in entries}
@@ -58,7 +58,7 @@ class _Snapshot:
 
 
 class Finding(NamedTuple):
-    """What a check found."""
+    """A finding of a check."""
 
     rule: str
     table: str
@@ -67,7 +67,7 @@ class Finding(NamedTuple):
 
 
 class Savepoint:
-    """A state of a transaction to come back to: ``with tx.savepoint():``.
+    """A state of a transaction that it can return to: ``with tx.savepoint():``.
 
     An exception that leaves the block takes back what was written in it, and goes on. `rollback`
     does so at once; the savepoint stays and can be rolled back to again.
@@ -78,11 +78,11 @@ class Savepoint:
         self._number, self._ours = tx._savepoint()
 
     def rollback(self) -> None:
-        """Takes back everything that was written since. Objects made since are no more."""
+        """Undoes everything written since. Objects created since are gone."""
         self._tx._rollback_to(self._number, self._ours)
 
     def release(self) -> None:
-        """Ends the savepoint and those set later; what was written stays."""
+        """Ends the savepoint and later ones, and keeps the writes."""
         self._tx._release(self._number)
 
     def __enter__(self) -> Savepoint:
@@ -98,7 +98,7 @@ class Savepoint:
 
 
 class Transaction(_core.Transaction):
-    """A view of the database as it was at its begin, and what is written on it.
+    """A view of the database as of its begin, plus its own writes.
 
     It ends with its ``with`` block: committed, or rolled back when an exception leaves the block.
     """
@@ -115,7 +115,7 @@ class Transaction(_core.Transaction):
             raise
 
     def all(self, cls: type[T]) -> Query[T]:
-        """The objects of a class and of those below it."""
+        """The objects of a class and of its subclasses."""
         return Query(self, _need_class(cls))
 
     def only(self, cls: type[T]) -> Query[T]:
@@ -123,12 +123,12 @@ class Transaction(_core.Transaction):
         return Query(self, _need_class(cls), True)
 
     def get(self, cls: type[T], id: int) -> T | None:
-        """An object by its identity; None when there is none of that class."""
+        """An object by its identity; None if there is none of that class."""
         found = self._get(id)
         return found if isinstance(found, cls) else None
 
     def insert_many(self, cls: type[Any], rows: Any, *, progress: bool = False) -> int:
-        """Makes many objects: of dictionaries, tuples, a frame, or anything that speaks Arrow."""
+        """Creates many objects from dictionaries, tuples, a frame, or any Arrow exporter."""
         from . import bulk
 
         return bulk.insert_many(self, _need_class(cls), rows, progress)
@@ -171,7 +171,7 @@ def _need_class(cls: Any) -> Any:
 
 
 class Database:
-    """A database that is open. Threads share it; each has a transaction of its own."""
+    """An open database. Threads share it; each has its own transaction."""
 
     def __init__(self, handle: Any, classes: list[Any], path: str | None) -> None:
         self._handle, self._models, self.path = handle, classes, path
@@ -183,15 +183,15 @@ class Database:
     # ---- transactions
 
     def read(self) -> Transaction:
-        """Begins a transaction to read in this thread."""
+        """Begins a read-only transaction in this thread."""
         return Transaction(self, self._context(), False)
 
     def write(self) -> Transaction:
-        """Begins a transaction to read and write in this thread."""
+        """Begins a read-write transaction in this thread."""
         return Transaction(self, self._context(), True)
 
     def transact(self, work: Callable[..., Any] | None = None, *, retries: int = 10) -> Any:
-        """Runs a function in a transaction, its first argument, again when it met a conflict.
+        """Runs a function in a transaction, its first argument, and again after a conflict.
 
         ``@db.transact`` or ``@db.transact(retries=3)``.
         """
@@ -235,11 +235,11 @@ class Database:
         return found
 
     def plan(self) -> schemas.Plan:
-        """What leads from the database's schema to the models: print it."""
+        """The steps from the database's schema to the models. Print it."""
         return schemas.visible(schemas.make_plan(self._models, self._seen().tables.values()))
 
     def apply(self, *, allow: Iterable[str] = ("instant", "background")) -> schemas.Plan:
-        """Makes the steps of the plan, all or none, when their labels are allowed."""
+        """Makes all steps of the plan, or none, if their labels are allowed."""
         allowed = set(allow)
         unknown = allowed - set(schemas.LABELS[:3])
         if unknown:
@@ -253,7 +253,7 @@ class Database:
 
     @property
     def classes(self) -> dict[str, Any]:
-        """The classes of all tables by name: the models, and those made from the catalogue."""
+        """The classes of all tables by name: models, and classes generated from the catalogue."""
         return dict(self._seen().classes)
 
     def _seen(self) -> _Snapshot:
@@ -266,7 +266,7 @@ class Database:
             return tx._snapshot
 
     def __getitem__(self, name: str) -> Any:
-        """The class of a table by its name, whole or its last part."""
+        """The class of a table by its full name or the last part of it."""
         classes = self.classes
         if name in classes:
             return classes[name]
@@ -291,7 +291,7 @@ class Database:
 
     def vacuum(self, *, batch: int = 1000,
                report: Callable[[dict[str, int]], bool | None] | None = None) -> dict[str, int]:
-        """Moves objects to the present shape of their tables, and removes those of dropped ones.
+        """Moves objects to the current layout of their tables, and removes those of dropped ones.
 
         Each batch is a transaction of its own, after which `report` is told what was done so far;
         False from it ends the run. A later run goes on.
@@ -302,7 +302,7 @@ class Database:
         return found
 
     def check(self, *, references: bool = False) -> list[Finding]:
-        """Reads everything that is committed and tells what contradicts itself; nothing is well.
+        """Reads everything that is committed and returns what is inconsistent, usually nothing.
 
         With `references` it also tells those that lead to no object of their class.
         """
@@ -325,7 +325,7 @@ class Database:
     # ---- life
 
     def close(self) -> None:
-        """Rolls back what is open and closes. Objects and queries of it give a clear error then."""
+        """Rolls back open transactions and closes. Its objects and queries then raise an error."""
         self._handle.close()
 
     @property

@@ -30,17 +30,17 @@ class Conflict(Error):
 
 
 class DuplicateKey(Error):
-    """A unique index holds the key already."""
+    """A unique index already holds the key."""
 
     default_hint = "look for the object that has the value, or give another one"
 
 
 class WrongType(Error, TypeError):
-    """A value of a type that its place does not take."""
+    """A value of a type that its column or argument does not take."""
 
 
 class BadValue(Error, ValueError):
-    """A value of the right type that its place cannot hold."""
+    """A value of the right type that its column cannot hold."""
 
 
 class ModelError(Error, TypeError):
@@ -48,13 +48,13 @@ class ModelError(Error, TypeError):
 
 
 class SchemaError(Error):
-    """The database's schema and what was asked of it do not go together."""
+    """The database's schema does not allow the request."""
 
     default_hint = "print(db.plan()) shows how models and database differ"
 
 
 class ReadOnly(Error):
-    """A write in a transaction that was begun to read."""
+    """A write in a read-only transaction."""
 
     default_hint = "begin with db.write()"
 
@@ -66,7 +66,7 @@ class EndedError(Error):
 
 
 class DeletedError(Error):
-    """An object that is no longer there."""
+    """An object that no longer exists."""
 
 
 class WrongTransaction(Error):
@@ -82,7 +82,7 @@ class NestedTransaction(Error):
 
 
 class InUse(Error):
-    """Another thread uses it."""
+    """Another thread is using it."""
 
 
 class ClosedError(Error):
@@ -100,13 +100,13 @@ class OpenError(Error, OSError):
 
 
 class Damaged(OpenError):
-    """A database whose file contradicts itself."""
+    """A database whose file is damaged."""
 
     default_hint = "restore a copy; sagleme check names what is damaged"
 
 
 class Full(Error, OSError):
-    """No room for the data, on the disk or in the size that was given."""
+    """No room for the data, on the disk or within the given maximum size."""
 
     default_hint = "free space on the disk, or open with a larger max_file_size"
 

@@ -50,15 +50,15 @@ class Expression:
         return OneOf(self._path(), list(values))
 
     def between(self, first: Any, last: Any) -> Condition:
-        """From the first to the last, both included."""
+        """From the first to the last value, inclusive."""
         return (self >= first) & (self <= last)
 
     def startswith(self, text: str) -> Condition:
-        """Texts that begin so; case counts."""
+        """Texts that begin with it; case-sensitive."""
         return TextPart(self._path(), "prefix", text)
 
     def contains(self, text: str) -> Condition:
-        """Texts in which it occurs; case counts."""
+        """Texts that contain it; case-sensitive."""
         return TextPart(self._path(), "contains", text)
 
     def is_null(self) -> Condition:
@@ -72,7 +72,7 @@ class Expression:
 
 
 class Path(Expression):
-    """A column of what a reference leads to."""
+    """A column of the target of a reference."""
 
     __slots__ = ("_steps",)
     _steps: tuple[Any, ...]
@@ -97,7 +97,7 @@ class Path(Expression):
 
 
 class Order:
-    """A column to sort by, and whether backwards."""
+    """A column to sort by, and the direction."""
 
     __slots__ = ("path", "descending")
 
@@ -130,7 +130,7 @@ class Condition:
         )
 
     def form(self, root: type) -> tuple[Any, ...]:
-        """What the extension evaluates."""
+        """The form that the extension evaluates."""
         raise NotImplementedError
 
 
@@ -203,7 +203,7 @@ class Negation(Condition):
 
 
 class Aggregate:
-    """What a query computes over its objects; see count, sum, min, max and avg."""
+    """An aggregate over the objects of a query; see count, sum, min, max and avg."""
 
     __slots__ = ("what", "of")
 
@@ -212,27 +212,27 @@ class Aggregate:
 
 
 def count(of: Any = None) -> Aggregate:
-    """How many objects; with a column, how many that have a value there."""
+    """The number of objects; with a column, of those that have a value there."""
     return Aggregate("count", () if of is None else path_of(of))
 
 
 def sum(of: Any) -> Aggregate:
-    """The sum of a column of numbers; 0 of nothing."""
+    """The sum of a column of numbers; 0 for no values."""
     return Aggregate("sum", path_of(of))
 
 
 def min(of: Any) -> Aggregate:
-    """The least value, None of nothing."""
+    """The least value; None for no values."""
     return Aggregate("min", path_of(of))
 
 
 def max(of: Any) -> Aggregate:
-    """The greatest value, None of nothing."""
+    """The greatest value; None for no values."""
     return Aggregate("max", path_of(of))
 
 
 def avg(of: Any) -> Aggregate:
-    """The mean of a column of numbers, None of nothing."""
+    """The mean of a column of numbers; None for no values."""
     return Aggregate("avg", path_of(of))
 
 
@@ -249,7 +249,7 @@ def _parts(word: str, condition: Condition) -> list[Condition]:
 
 
 def conjuncts(condition: Condition) -> list[Condition]:
-    """The conditions that all have to hold."""
+    """The conditions that must all hold."""
     return _parts("and", condition)
 
 
@@ -276,7 +276,7 @@ def steps(root: type, path: tuple[Any, ...]) -> tuple[tuple[type, Any], ...]:
 
 
 def named_path(root: type, name: str) -> tuple[Any, ...]:
-    """The path that a dotted name such as "lender.name" stands for."""
+    """The path of a dotted name such as "lender.name"."""
     at: Any = root
     path: list[Any] = []
     for part in name.split("."):

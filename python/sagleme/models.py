@@ -39,7 +39,7 @@ TYPE_NAMES = {
 
 
 class _Kind:
-    """Marks an Annotated type whose column is not the usual one."""
+    """Marks an Annotated type with a special column."""
 
     def __init__(self, kind: int) -> None:
         self.kind = kind
@@ -61,7 +61,7 @@ _CHOICES = (
 
 
 class _Options:
-    """What column() and ref() say about a column beside its annotation."""
+    """The options of column() and ref() for a column."""
 
     def __init__(self, default: Any, name: str | None, was: str | None, index: bool,
                  unique: bool) -> None:
@@ -71,7 +71,7 @@ class _Options:
 
 def column(default: Any = None, *, name: str | None = None, was: str | None = None,
            index: bool = False, unique: bool = False) -> Any:
-    """Says more about a column than its annotation.
+    """Gives options of a column that its annotation cannot.
 
     `default` is what new objects get, `name` the column's name in the database where it differs
     from the attribute's, `was` a name that it had before. `index` makes an index over it, `unique`
@@ -100,7 +100,7 @@ class Index:
 
 
 class Column(Expression, _core.Field):
-    """A column of a class: reads and writes it in objects, stands for it in conditions."""
+    """A column of a class: reads and writes it in objects, and represents it in conditions."""
 
     _table: type[Table]
     _column: str  # its name in the database
@@ -193,7 +193,7 @@ def _register(cls: Any) -> None:
 
 
 def _strip_none(annotation: Any) -> tuple[Any, bool]:
-    """Without None, and whether None was among the choices."""
+    """The choices without None, and whether None was among them."""
     if typing.get_origin(annotation) not in (typing.Union, types.UnionType):
         return annotation, False
     choices = [each for each in typing.get_args(annotation) if each is not type(None)]
@@ -205,7 +205,7 @@ _FORWARD = re.compile(r"^\s*(?:([\w.]+)\s*\|\s*None|None\s*\|\s*([\w.]+)|(?:typi
 
 
 class _Annotation:
-    """An annotation understood: a kind of column, or a back reference, or none of ours."""
+    """A parsed annotation: a kind of column, a back reference, or neither."""
 
     def __init__(self, where: str, annotation: Any, names: dict[str, Any]) -> None:
         self.kind = 0
@@ -435,7 +435,7 @@ def _table_name(cls: Any, given: str | None) -> str:
 
 
 def _names_for(class_name: str, ns: dict[str, Any]) -> dict[str, Any]:
-    """What annotations that are texts may name: the module's names, and those around the class."""
+    """The names that string annotations may use: the module's, and those around the class."""
     module = sys.modules.get(ns.get("__module__", ""))
     names = dict(vars(module)) if module is not None else {}
     frame = sys._getframe(2)

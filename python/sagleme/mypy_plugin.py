@@ -1,4 +1,4 @@
-"""Tells mypy what classes that are tables mean: ``plugins = sagleme.mypy_plugin``.
+"""Teaches mypy the classes that are tables: ``plugins = sagleme.mypy_plugin``.
 
 In objects a column has the type of its annotation; of the class, ``Item.year`` is a column that
 compares and sorts. A back reference is a query of the class that it names.

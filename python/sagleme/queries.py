@@ -23,7 +23,7 @@ _MOST_SOURCES = 500
 
 
 class Explanation(str):
-    """How a query is answered, in a sentence."""
+    """How a query is executed, in a sentence."""
 
     def __repr__(self) -> str:
         return str(self)
@@ -91,7 +91,7 @@ def _is_equality(part: Condition) -> bool:
 
 
 class _IndexUse:
-    """What one index does for a query."""
+    """What one index contributes to a query."""
 
     def __init__(self, query: Query[Any], index: Any, parts: dict[Any, list[Condition]]) -> None:
         self.query, self.index = query, index
@@ -174,7 +174,7 @@ class _IndexUse:
         return (self.index.handle, self.reverse, bound, bound, False)
 
     def _range(self, start: list[Any]) -> tuple[Any, ...]:
-        """Both ends are included; what is open at one end is left to the filter."""
+        """Both ends are included; the filter excludes open ends."""
         low = [each for each in self.bounds if each.operator in (">", ">=")][:1]
         high = [each for each in self.bounds if each.operator in ("<", "<=")][:1]
         column_ascends = True
@@ -187,7 +187,7 @@ class _IndexUse:
 
 
 class Query(Generic[T]):
-    """Objects of a class and of the classes below it."""
+    """Objects of a class and of its subclasses."""
 
     def __init__(self, tx: Any, cls: type[T], only: bool = False) -> None:
         self._tx, self._cls, self._only = tx, cls, only
@@ -233,14 +233,14 @@ class Query(Generic[T]):
         return order
 
     def limit(self, count: int, offset: int = 0) -> Query[T]:
-        """At most so many objects, after the first `offset`."""
+        """At most `count` objects, after the first `offset`."""
         for number in (count, offset):
             if not isinstance(number, int) or isinstance(number, bool) or number < 0:
                 raise WrongType(f"limit takes whole numbers from 0, not {number!r}")
         return self._copy(_limit=count, _offset=offset)
 
     def prefetch(self, *paths: Any) -> Query[T]:
-        """Reads what references lead to along with the objects, a batch at a time."""
+        """Reads the targets of references along with the objects, a batch at a time."""
         found = list(self._prefetch)
         for path in paths:
             steps_taken = self._path(path)
@@ -285,7 +285,7 @@ class Query(Generic[T]):
         return self._sorted(access)
 
     def _sorted(self, access: _Access) -> Iterator[Any]:
-        """Sorts by keys and identities; objects are made of those alone that are delivered."""
+        """Sorts by keys and identities; objects are created only for results."""
         keys = [order.path for order in self._orders]
         values: list[tuple[Any, ...]] = [()] if self._outputs is None else self._outputs
         rows = list(self._scan(access, keys + values, None, 0))
@@ -303,11 +303,11 @@ class Query(Generic[T]):
         return self._iterate()
 
     def explain(self) -> Explanation:
-        """How the query is answered, with the index that serves it."""
+        """How the query is executed, and with which index."""
         return self._access().explain()
 
     def count(self) -> int:
-        """How many objects there are."""
+        """The number of objects."""
         return self._scan(self._access(), None, self._limit, self._offset).count()
 
     def exists(self) -> bool:
@@ -320,7 +320,7 @@ class Query(Generic[T]):
         return next(iter(self.limit(limit, self._offset)), None)
 
     def one(self) -> T:
-        """The only object; NotFound and SeveralFound otherwise."""
+        """The only object; raises NotFound or SeveralFound otherwise."""
         found = list(self.limit(2, self._offset))
         if len(found) == 1:
             return found[0]
