@@ -1,8 +1,8 @@
 #ifndef LSCOREDB_SRC_C_API_H
 #define LSCOREDB_SRC_C_API_H
 
-// What the exported functions have in common: from a handle to its transaction, and the one door
-// through which failures become statuses.
+// Shared by the exported functions: the way from a handle to its transaction, and the one place
+// where failures become statuses.
 
 #include "context.h"
 #include "status.h"

@@ -18,7 +18,7 @@ namespace {
 constexpr mode_t kDirectoryMode = 0750;
 constexpr std::uint32_t kKnownFlags = LSCOREDB_CHECK_PAGES_ONLY | LSCOREDB_CHECK_NO_ENTRIES;
 
-// A directory that is not there yet, or an empty one.
+// A directory that does not exist yet, or an empty one.
 void PrepareTarget(char const* directory) {
   if (mkdir(directory, kDirectoryMode) == 0) {
     std::filesystem::path const above = std::filesystem::path(directory).parent_path();

@@ -1,11 +1,11 @@
 #ifndef LSCOREDB_SRC_HANDLES_H
 #define LSCOREDB_SRC_HANDLES_H
 
-// Handles that the outside may hold for ever: a number that is looked up without locks, and that
-// stops to name anything the moment its object is retired. A handle is a slot and how often it was
-// used. Objects are not owned. Find may be called from any thread with any number; the object that
-// it returns belongs to whoever may use the handle. In a process that was forked off, those of
-// the parent name nothing.
+// Handles that callers may hold for ever: numbers that are looked up without locks, and that name
+// nothing once their object is retired. A handle is a slot and its use count. Objects are not
+// owned. Find may be called from any thread with any number; the object that it returns belongs to
+// whoever may use the handle.
+// In a forked process, handles of the parent name nothing.
 
 #include <array>
 #include <atomic>
@@ -53,15 +53,15 @@ class HandleTable {
     std::uint64_t const slot = handle & 0xFFFFFFFF;
     return Revive(SlotOf(slot), slot);
   }
-  // Gives the slot back. The handle may be suspended.
+  // Frees the slot. The handle may be suspended.
   void Retire(std::uint64_t handle) {
     std::lock_guard const lock(mutex_);
     Suspend(handle);
     free_.push_back(handle & 0xFFFFFFFF);  // never grows: TakeSlot reserved for it
   }
 
-  // In a forked child, where nothing else runs yet: lets go of all that the parent knows, without
-  // freeing it. New handles come from other slots, and so none equals one of the parent's.
+  // In a forked child, where nothing else runs yet: forgets all objects of the parent, without
+  // freeing them. New handles use other slots, so none equals one of the parent's.
   void ForgetParent() {
     for (std::size_t i = 0; i < chunk_count_; ++i) chunks_[i].store(nullptr);
     new (&mutex_) std::mutex;
@@ -112,7 +112,7 @@ class HandleTable {
   std::vector<std::uint64_t> free_;
 };
 
-// A table that is there before anything of the process runs and is asked until its very end.
+// A table that exists before any code of the process runs and is used until its very end.
 template <typename T>
 union NeverDestroyedHandleTable {
   constexpr NeverDestroyedHandleTable() : table() {}

@@ -1,9 +1,9 @@
 #ifndef LSCOREDB_SRC_ARENA_H
 #define LSCOREDB_SRC_ARENA_H
 
-// Memory that is given back all at once, or down to a mark. It keeps its first chunk, so that small
-// transactions take nothing from the heap. What goes beyond a few megabytes comes from the system
-// itself and goes back to it: a heap would keep it. One thread at a time.
+// Memory that is freed all at once, or down to a mark. It keeps its first chunk, so small
+// transactions allocate nothing from the heap. More than a few megabytes come directly from the
+// system and return to it, since a heap would keep them. One thread at a time.
 
 #include <cstddef>
 #include <memory>

@@ -6,8 +6,8 @@
 
 namespace lscore {
 
-// The CRC-32C checksum of `first` and `second` one after another, by the processor's instruction
-// where it has one. Pure, any thread.
+// The CRC-32C checksum of the concatenation of `first` and `second`, by the processor's instruction
+// if it has one. Pure, any thread.
 std::uint32_t Crc32c(std::string_view first, std::string_view second = {});
 
 // The same, of `bytes` behind those whose checksum is `before`.

@@ -5,8 +5,8 @@
 
 namespace lscore {
 
-// Has the names of the directory's files reach the disk. A file system that does not do this for
-// directories has nothing to be done. Throws what ThrowCannotOpen does.
+// Syncs the names of the directory's files to the disk. Does nothing on file systems that cannot
+// sync directories. Throws like ThrowCannotOpen.
 void SyncDirectory(std::string const& path);
 
 }  // namespace lscore

@@ -1,15 +1,15 @@
 #ifndef LSCOREDB_SRC_FORK_H
 #define LSCOREDB_SRC_FORK_H
 
-// What a process must not take over from the one that it was forked from. In the child the parent's
-// handles name nothing, its locks are not to be waited for, and its files are closed, which unlocks
-// nothing, before fork returns. The parent notices nothing. Any thread.
+// What a process must not inherit across a fork. In the child, the parent's handles name nothing,
+// its locks are not waited for, and its files are closed, which unlocks nothing, before fork
+// returns. The parent is not affected. Any thread.
 
 #include <cstdint>
 
 namespace lscore {
 
-// Differs between a process and those it was forked from.
+// Differs between a process and its ancestors.
 std::uint64_t ProcessNumber() noexcept;
 
 // What runs around every fork: before it, then in the parent, and in the child before anything else

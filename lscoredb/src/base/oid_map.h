@@ -24,14 +24,14 @@ class OidMap {
   }
   Value const* Find(std::uint64_t key) const { return const_cast<OidMap*>(this)->Find(key); }
 
-  // REQUIRES: the key is not there.
+  // REQUIRES: the key is not in the map.
   void Insert(std::uint64_t key, Value value) {
     if ((size_ + 1) * 4 > slots_.size() * 3) Grow();
     Fill(key, std::move(value));
     ++size_;
   }
 
-  // REQUIRES: the key is there. Moves what follows it up, so that no mark is left behind.
+  // REQUIRES: the key is in the map. Moves later entries up, so that no tombstone remains.
   void Erase(std::uint64_t key) {
     std::size_t hole = Home(key);
     while (slots_[hole].key != key) hole = Follow(hole);

@@ -36,7 +36,7 @@ bool OpenErrorIsOfWriting() noexcept {
          number == EDQUOT;
 }
 
-// Of a long path its end is kept.
+// Keeps the end of a long path.
 void NoteOpenError(std::string_view path, std::string_view reason) noexcept {
   constexpr std::size_t kLongestPath = 384;
   std::size_t length = 0;

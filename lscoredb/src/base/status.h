@@ -1,9 +1,9 @@
 #ifndef LSCOREDB_SRC_STATUS_H
 #define LSCOREDB_SRC_STATUS_H
 
-// Statuses inside the kernel. What a caller may well expect (a null column, no such object) travels
-// as a Status; what ends an operation (a full disk, a damaged page, a conflict) is thrown as a
-// Failure and caught at the one door of each exported function.
+// Statuses inside the kernel. Expected results (a null column, no such object) are returned as a
+// Status; what ends an operation (a full disk, a damaged page, a conflict) is thrown as a Failure
+// and caught once in each exported function.
 
 #include <lscoredb/host.h>
 
@@ -36,7 +36,7 @@ inline void Check(Status status) {
 // The sentence for a status; static memory.
 char const* StatusText(Status status) noexcept;
 
-// Runs `work`, which returns a Status, and turns whatever leaves it into one.
+// Runs `work`, which returns a Status, and turns its exceptions into one.
 template <typename Work>
 Status Guarded(Work&& work) noexcept {
   try {

@@ -1,7 +1,7 @@
 #ifndef LSCOREDB_SRC_SYSTEM_CALL_H
 #define LSCOREDB_SRC_SYSTEM_CALL_H
 
-// Calls of the system that fail, as statuses.
+// Turns failed system calls into statuses.
 
 #include <cerrno>
 
@@ -25,7 +25,7 @@ inline Status StatusOfSystem(int error) {
 
 [[noreturn]] inline void ThrowErrno() { Throw(StatusOfSystem(errno)); }
 
-// Calls again when a signal came in between. Throws when the result is -1.
+// Calls again after a signal. Throws if the result is -1.
 template <typename Call>
 auto Retry(Call const& call) {
   for (;;) {

@@ -14,7 +14,7 @@ namespace {
 
 constexpr mode_t kFileMode = 0600;
 
-// For file systems that make no files without a name.
+// For file systems without nameless files.
 int OpenNamed(std::string const& directory) {
   std::string path = directory + "/sort-XXXXXX";
   int const file = mkostemp(path.data(), O_CLOEXEC);

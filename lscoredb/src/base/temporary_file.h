@@ -1,8 +1,8 @@
 #ifndef LSCOREDB_SRC_TEMPORARY_FILE_H
 #define LSCOREDB_SRC_TEMPORARY_FILE_H
 
-// A file without a name, for what does not fit into memory. It is written once from beginning to
-// end, and gone with the object or with the process. One thread at a time; several may read.
+// A nameless file, for data that does not fit into memory. It is written once from beginning to
+// end, and vanishes with the object or the process. One thread at a time; several may read.
 //
 // Failures are thrown: LSCOREDB_DISK_FULL, LSCOREDB_IO_ERROR, LSCOREDB_NO_MEMORY.
 

@@ -1,18 +1,18 @@
 #ifndef SAGLEME_TOOL_BASE_WATCH_H
 #define SAGLEME_TOOL_BASE_WATCH_H
 
-// Lets Ctrl-C stop the long work of the database itself, and tells how far it is. A call that was
-// stopped gives LSCOREDB_STOPPED.
+// Lets Ctrl-C stop long work of the database itself, and reports its progress. A stopped call
+// returns LSCOREDB_STOPPED.
 
 #include <cstdint>
 #include <functional>
 
 namespace tool {
 
-// `total` is 0 where it is not known.
+// `total` is 0 if it is unknown.
 using WatchReport = std::function<void(std::uint64_t done, std::uint64_t total)>;
 
-// The watch of the thread for as long as it lives. The one before is back afterwards.
+// The watch of the thread while it lives. The previous one is restored afterwards.
 class Watch {
  public:
   explicit Watch(WatchReport report = {});

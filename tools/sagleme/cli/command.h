@@ -31,9 +31,9 @@ class Command {
   virtual ~Command() = default;
 
   virtual std::string name() const = 0;
-  // One sentence without its full stop, in the imperative.
+  // One imperative sentence without its full stop.
   virtual std::string summary() const = 0;
-  // More for help and manual, a line a paragraph.
+  // More text for help and manual, one line per paragraph.
   virtual std::string details() const { return ""; }
   virtual std::vector<Example> examples() const = 0;
   // Declares options and arguments, the database left out.
@@ -47,18 +47,17 @@ class Command {
   virtual Exit Run(Session& session, Output& output) = 0;
 };
 
-// All commands in the order in which help shows them. Each call makes new ones.
+// All commands in the order of the help. Each call creates new ones.
 std::vector<std::unique_ptr<Command>> MakeCommands();
 
 // Adds one to a parser: its options, and --format where it lists. The database comes first and goes
 // to `directory`; at the prompt, where it is not named, that is null.
 CLI::App* Attach(CLI::App& parser, Command& command, Output& output, std::string* directory);
 
-// The form of lists that --format names. Failure with kUsage when there is none.
+// The form of lists that --format names. Throws Failure with kUsage for an unknown one.
 Format FormatNamed(std::string const& wanted);
 
-// Options whose values are checked in the words of this program: a whole number, and one of several
-// words.
+// Options whose values this program checks and reports: a whole number, and one of several words.
 void AddCount(CLI::App& app, std::string const& name, std::uint64_t& count,
               std::string const& about, std::string const& unit = "COUNT");
 void AddChoice(CLI::App& app, std::string const& name, std::string& choice,

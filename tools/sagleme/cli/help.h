@@ -1,7 +1,7 @@
 #ifndef SAGLEME_TOOL_CLI_HELP_H
 #define SAGLEME_TOOL_CLI_HELP_H
 
-// What --help shows, made of the declarations of commands.
+// The text of --help, generated from the declarations of commands.
 
 #include <CLI/CLI.hpp>
 #include <memory>
@@ -12,8 +12,8 @@
 
 namespace tool {
 
-// "sagleme scan DB TABLE [OPTIONS]"; `program` is what stands in front of the command, with a
-// blank, or nothing at the prompt.
+// "sagleme scan DB TABLE [OPTIONS]"; `program` precedes the command, with a blank, and is empty at
+// the prompt.
 std::string UsageLine(CLI::App const& command, std::string const& program);
 // An option or argument as a user writes it, with what stands for its value.
 std::string OptionTerm(CLI::Option const& option);

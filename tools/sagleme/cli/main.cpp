@@ -30,8 +30,8 @@ Exit RunWords(std::vector<std::string> words, Output& output) {
   return command->Run(session, output);
 }
 
-// Ends like any program whose reader has gone, or that the user has stopped: killed by the signal,
-// without a word.
+// Ends like any program that lost its reader or was stopped by the user: killed by the signal,
+// without a message.
 int EndBy(int signal) {
   std::signal(signal, SIG_DFL);
   std::raise(signal);

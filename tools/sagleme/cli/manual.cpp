@@ -9,7 +9,8 @@
 namespace tool {
 namespace {
 
-// Text for a man page: a dot or quote in front of a line would be a request, a hyphen is no minus.
+// Text for a man page: a dot or quote at the start of a line would be a request, a hyphen is not a
+// minus.
 std::string Troff(std::string const& text) {
   std::string escaped;
   bool line_start = true;

@@ -1,7 +1,7 @@
 #ifndef SAGLEME_TOOL_CLI_MANUAL_H
 #define SAGLEME_TOOL_CLI_MANUAL_H
 
-// The manual page and the completion of a shell, made of the same declarations as --help.
+// The manual page and the completion of a shell, generated from the same declarations as --help.
 
 #include <CLI/CLI.hpp>
 #include <memory>

@@ -26,7 +26,7 @@ std::vector<std::string> OptionNames(CLI::App const& app) {
   return names;
 }
 
-// The first argument that is needed and not there; null when none is missing.
+// The first required argument that is missing; null if there is none.
 CLI::Option const* Missing(CLI::App const& app) {
   for (CLI::Option const* const option : app.get_options()) {
     if (option->get_required() && option->count() == 0) return option;
@@ -34,7 +34,7 @@ CLI::Option const* Missing(CLI::App const& app) {
   return nullptr;
 }
 
-// The option that an error is about, by the name that its text mentions.
+// The option of an error, by the name in its text.
 CLI::Option const* Concerned(CLI::App const& app, std::string const& text) {
   for (CLI::Option const* const option : app.get_options()) {
     for (std::string const& name : option->get_lnames()) {

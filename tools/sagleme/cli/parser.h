@@ -1,8 +1,8 @@
 #ifndef SAGLEME_TOOL_CLI_PARSER_H
 #define SAGLEME_TOOL_CLI_PARSER_H
 
-// A line of words, as a command with its options set. What is wrong with one is told in the words
-// of this program, never in those of the library that reads options.
+// Parses a line of words into a command with its options. Errors are in the words of this program,
+// never in those of the library that reads options.
 
 #include <CLI/CLI.hpp>
 #include <functional>
@@ -16,15 +16,15 @@ namespace tool {
 
 class Parser {
  public:
-  // `directory` is where the database's name goes; at the prompt, which has one, it is null. Both
-  // have to outlive the parser.
+  // `directory` receives the database's name; it is null at the prompt, which has one. Both must
+  // outlive the parser.
   Parser(Output& output, std::string* directory);
 
   // An option of the program itself that prints a text instead of running a command.
   void AddPrinter(std::string const& flag, std::string const& about,
                   std::function<std::string()> text);
-  // The command that the words name; null when they asked for help or another text, which was
-  // printed. Failure with kUsage. A parser serves one line.
+  // The command that the words name; null if they asked for help or another text, which was
+  // printed. Throws Failure with kUsage. A parser serves one line.
   Command* Parse(std::vector<std::string> words);
 
   CLI::App const& app() const { return app_; }

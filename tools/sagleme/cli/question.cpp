@@ -9,7 +9,7 @@
 namespace tool {
 namespace {
 
-// Byte by byte, so that nothing is taken that the prompt is to read.
+// Byte by byte, so that nothing is consumed that the prompt must read.
 std::optional<std::string> ReadLine() {
   std::string line;
   while (true) {

@@ -1,7 +1,7 @@
 #ifndef SAGLEME_TOOL_CLI_QUESTION_H
 #define SAGLEME_TOOL_CLI_QUESTION_H
 
-// Questions to whoever sits at the terminal.
+// Questions to the user at the terminal.
 
 #include <string>
 
@@ -9,7 +9,7 @@
 
 namespace tool {
 
-// Whether somebody is there to answer: questions are shown and answers typed on a terminal.
+// Whether a user can answer: questions and answers both go through a terminal.
 bool CanAsk(Output const& output);
 
 // Asks until one of the letters is typed, and returns it; 0 when the input ends or a line is empty.

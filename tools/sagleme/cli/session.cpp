@@ -15,7 +15,7 @@ constexpr std::uint64_t kRowMemory = std::uint64_t{64} << 20;
 sagleme::Database& Session::database() {
   if (database_) return *database_;
   try {
-    // Commands go through many rows once; what is kept of them serves references and indexes.
+    // Commands read many rows once; the cache serves references and indexes.
     database_.emplace(sagleme::Database::Open(directory_, {.row_memory = kRowMemory}));
   } catch (sagleme::Error const& error) {
     bool const missing =

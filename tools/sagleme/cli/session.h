@@ -1,8 +1,8 @@
 #ifndef SAGLEME_TOOL_CLI_SESSION_H
 #define SAGLEME_TOOL_CLI_SESSION_H
 
-// What commands work on: the database, and either one transaction that a user keeps open at the
-// prompt, or one of each command's own.
+// What commands work on: the database, and either the transaction that a user keeps open at the
+// prompt, or one of each command.
 
 #include <functional>
 #include <memory>
@@ -25,16 +25,17 @@ class Session {
   using Work = std::function<void(sagleme::Transaction&)>;
   // In the open transaction, or in a read-only one.
   void Read(Work const& work);
-  // In the open transaction, or in one that is committed when the work returns. Work that throws
-  // leaves nothing behind; an open transaction goes on without it.
+  // Works in the open transaction, or in one that is committed when the work returns. Work that
+  // throws leaves nothing behind; an open transaction continues without it.
   void Write(Work const& work);
 
-  // The transaction that the user opened. Failure with kRefused for one too many, or one too few.
+  // The transaction that the user opened. Throws Failure with kRefused if one is already open, or
+  // none is.
   bool in_transaction() const { return open_.has_value(); }
   void Begin();
   void Commit();
   void Rollback();
-  // For commands with transactions of their own: Failure with kRefused inside the user's.
+  // For commands with their own transactions: throws Failure with kRefused inside the user's.
   void RequireNoTransaction(std::string const& command) const;
 
  private:

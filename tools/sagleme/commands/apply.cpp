@@ -67,7 +67,7 @@ void PrintPlan(sagleme::Plan const& plan, Output const& output) {
   if (plan.empty()) output.Print("nothing to do\n");
 }
 
-// How many objects the indexes of a plan read, as far as their tables are there by their names.
+// The number of objects that the indexes of a plan read, for tables that exist under their names.
 std::uint64_t ObjectsToRead(sagleme::Transaction& transaction, sagleme::Plan const& plan) {
   sagleme::ObjectCounts const counts(transaction);
   std::uint64_t objects = 0;
@@ -127,8 +127,8 @@ sagleme::Plan ApplySchema::MakePlan(sagleme::Transaction& transaction,
   return sagleme::CompareSchemas(present, whole);
 }
 
-// Where the document comes from another database its ids mean nothing here, and what differs looks
-// like something to drop.
+// The ids of another database's document mean nothing here, and every difference looks like
+// something to drop.
 void ApplySchema::NoteStranger(sagleme::Transaction& transaction, sagleme::SchemaDoc const& wanted,
                                Output const& output) {
   std::int64_t const own = sagleme::DatabaseIdentity(transaction);

@@ -35,7 +35,7 @@ class CheckCommand : public Command {
   sagleme::CheckOptions options_;
 };
 
-// Where there is nothing, opening says so in its own words.
+// If there is no database, opening reports it.
 void CheckCommitted(Session& session, sagleme::CheckOptions const& options,
                     sagleme::FindingReport const& report) {
   if (!sagleme::Database::ExistsIn(session.directory())) session.database();
