@@ -28,8 +28,8 @@ Format FormatNamed(std::string const& wanted) {
     if (name == wanted) return format;
     names.emplace_back(name);
   }
-  throw Failure(Exit::kUsage, fmt::format("unknown form of a list \"{}\"", wanted),
-                fmt::format("It is one of: {}.", fmt::join(names, ", ")));
+  throw Failure(Exit::kUsage, fmt::format("unknown format \"{}\"", wanted),
+                fmt::format("Choose one of: {}.", fmt::join(names, ", ")));
 }
 
 std::string Example::For(std::string const& program) const {
