@@ -189,7 +189,7 @@ void CommitApplier::DeriveLateEntry(IndexDefinition const& index, PendingRow con
   if (before) {
     entries.Remove({key_, row.id}, 0, true);
   } else {
-    entries.Add({key_, row.id}, facts, true, 0, true);
+    entries.Add({{key_, row.id}, facts, row.layout->number(), true}, 0, true);
   }
 }
 
@@ -202,13 +202,13 @@ PendingIndex& CommitApplier::LateEntries(IndexDefinition const& index) {
 void CommitApplier::CheckUnique(PendingIndex const& entries, bool nothing_between) {
   if (!entries.index().unique() || (nothing_between && !entries.has_unproven())) return;
   EntryCursor cursor;
-  for (auto const& [key, entry] : entries.map()) {
-    if (entry.state != EntryState::kPresent || entry.facts.has_null) continue;
-    if (nothing_between && entry.facts.known_unique) continue;
+  entries.ForEach([&](PendingKey const& key, PendingEntry const& entry) {
+    if (entry.state != EntryState::kPresent || entry.facts.has_null) return;
+    if (nothing_between && entry.facts.known_unique) return;
     ObjectId holder = entries.FindOther(key, true);
     if (holder == kNoObject) holder = FindOtherBelow(batch_, cursor, entries, key);
     if (holder != kNoObject) Refuse(entries.index(), key, holder);
-  }
+  });
 }
 
 void CommitApplier::Refuse(IndexDefinition const& index, PendingKey key, ObjectId holder) {
@@ -297,18 +297,17 @@ void CommitApplier::ApplyEntries(PendingIndex const& entries) {
   IndexDefinition const& index = entries.index();
   if (entries.untouched() != nullptr) ApplyUntouched(*entries.untouched());
   if (entries.has_removed()) ApplyRemovals(entries);
-  for (auto const& [key, entry] : entries.map()) {
-    if (entry.state != EntryState::kPresent) continue;
-    PendingRow const* const row = request_.changes.FindRow(key.object);
-    entries_.Put(index, key.encoded, key.object, row->layout->number());
-  }
+  entries.ForEach([&](PendingKey const& key, PendingEntry const& entry) {
+    if (entry.state != EntryState::kPresent) return;
+    entries_.Put(index, key.encoded, key.object, entry.layout);
+  });
 }
 
 void CommitApplier::ApplyRemovals(PendingIndex const& entries) {
-  for (auto const& [key, entry] : entries.map()) {
-    if (entry.state != EntryState::kRemoved || !entry.may_be_committed) continue;
+  entries.ForEach([&](PendingKey const& key, PendingEntry const& entry) {
+    if (entry.state != EntryState::kRemoved || !entry.may_be_committed) return;
     entries_.Delete(entries.index(), key.encoded, key.object);
-  }
+  });
 }
 
 void CommitApplier::ApplyLayouts() {

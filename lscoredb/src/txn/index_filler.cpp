@@ -16,7 +16,7 @@ void IndexFiller::Fill(PendingIndex& entries) {
   ForEachObjectOfSet(entries.index().setspec, [&](RowRef const& row) {
     KeyFacts const facts = encoder_.Encode(entries.index(), row, key);
     if (row.pending() != nullptr) {
-      entries.Add({key, row.id}, facts, false, state_.now, false);
+      entries.Add({{key, row.id}, facts, row.layout->number(), false}, state_.now, false);
     } else {
       BuildRecord(entries.index(), key, row.id, row.layout->number(), record);
       sorter.Add(record.key, record.value);

@@ -69,8 +69,10 @@ Status IndexMaintainer::CheckUnique(PendingRow const& row) {
   return LORV_STATUS_OK;
 }
 
-void IndexMaintainer::ApplyKeys(PendingRow const& row, bool moved) {
+void IndexMaintainer::ApplyKeys(PendingRow const& row, PendingRow const& before) {
   bool const keep = scans_.any();
+  bool const moved = row.layout != before.layout;
+  bool const first = row.inserted() && !before.setspec.present && !keep;
   ++state_.now;
   for (std::size_t i = 0; i < affected_count_; ++i) {
     Affected const& affected = affected_[i];
@@ -81,8 +83,14 @@ void IndexMaintainer::ApplyKeys(PendingRow const& row, bool moved) {
     }
     bool const same = affected.SameKey();
     if (affected.had_old && !same) pending.Remove({affected.old_key, row.id}, state_.now, keep);
-    if (affected.has_new) {
-      pending.Add({affected.new_key, row.id}, affected.new_facts, same, state_.now, keep);
+    if (!affected.has_new) continue;
+    PendingKey const key{affected.new_key, row.id};
+    NewEntry const added{key, affected.new_facts, row.layout->number(), same};
+    // One with unwritten columns is about to change.
+    if (first && !added.facts.has_unwritten) {
+      pending.AddFresh(added);
+    } else {
+      pending.Add(added, state_.now, keep);
     }
   }
 }
@@ -99,7 +107,7 @@ Status IndexMaintainer::FinishChange(PendingRow& row, std::optional<Token> token
   }
   row.changed = true;
   status = Guarded([&] {
-    ApplyKeys(row, row.layout != before.layout);
+    ApplyKeys(row, before);
     return LORV_STATUS_OK;
   });
   if (status != LORV_STATUS_OK) state_.doomed = status;

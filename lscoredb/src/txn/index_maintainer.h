@@ -53,7 +53,7 @@ class IndexMaintainer {
   Affected& AffectedBy(IndexDefinition const& index);
   Status FinishChange(PendingRow& row, std::optional<Token> token, PendingRow const& before);
   Status CheckUnique(PendingRow const& row);
-  void ApplyKeys(PendingRow const& row, bool moved);
+  void ApplyKeys(PendingRow const& row, PendingRow const& before);
   PendingIndex& Pending(IndexDefinition const& index);
 
   TransactionState& state_;

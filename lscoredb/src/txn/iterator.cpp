@@ -26,7 +26,9 @@ void Iterator::Start(ScanSource const& source, IndexDefinition const& index) {
   source_ = source;
   open_ = true;
   failed_ = LORV_STATUS_OK;
-  pending_ = source.changes->FindIndex(index.id);
+  PendingIndex* const pending = source.changes->FindIndex(index.id);
+  if (pending != nullptr) pending->Settle();
+  pending_ = pending;
   View const* const below =
       pending_ == nullptr ? source.snapshot : pending_->Below(*source.snapshot);
   has_committed_ = below != nullptr;

@@ -21,9 +21,10 @@ void Transaction::Begin(bool read_only) {
 
 Status Transaction::Commit() {
   Status status = state_.doomed;
-  PendingChanges const& changes = state_.changes;
+  PendingChanges& changes = state_.changes;
   if (status == LORV_STATUS_OK && (!changes.empty() || changes.requires_any())) {
     status = Guarded([&] {
+      changes.SortEntries();
       CommitRequest request{changes, *state_.snapshot, schema_.version()};
       Status const ended = state_.database->commits().Run(request);
       if (ended == LSCOREDB_DUPLICATE_KEY) refused_key_ = std::move(request.refused);

@@ -99,22 +99,53 @@ PendingEntry& PendingIndex::Change(Map::iterator at, Sequence now, bool keep_his
   return entry;
 }
 
-void PendingIndex::Add(PendingKey key, KeyFacts facts, bool may_be_committed, Sequence now,
-                       bool keep_history) {
-  auto at = map_.lower_bound(key);
-  if (at == map_.end() || map_.key_comp()(key, at->first)) {
-    char* const bytes = arena_->Allocate(key.encoded.size());
-    std::copy(key.encoded.begin(), key.encoded.end(), bytes);
-    key.encoded = {bytes, key.encoded.size()};
+PendingIndex::Map::iterator PendingIndex::LowerBound(PendingKey const& key) {
+  auto const below = map_.key_comp();
+  bool const above = sought_ != map_.end() && below(sought_->first, key);
+  bool const fits = !above && (sought_ == map_.begin() || below(std::prev(sought_)->first, key));
+  // Erasing nothing gives the same place as one where the map may be written.
+  return fits ? map_.erase(sought_, sought_) : map_.lower_bound(key);
+}
+
+// With its bytes in the arena.
+PendingKey PendingIndex::Kept(PendingKey key) {
+  char* const bytes = arena_->Allocate(key.encoded.size());
+  std::copy(key.encoded.begin(), key.encoded.end(), bytes);
+  key.encoded = {bytes, key.encoded.size()};
+  return key;
+}
+
+void PendingIndex::AddFresh(NewEntry const& added) {
+  if (recording()) return Add(added, 0, false);
+  PendingEntry entry;
+  entry.state = EntryState::kPresent;
+  entry.layout = added.layout;
+  SetFactsOf(entry, added.facts);
+  fresh_.Add(Kept(added.key), entry);
+}
+
+void PendingIndex::Settle() {
+  if (fresh_.empty()) return;
+  fresh_.Sort();
+  fresh_.ForEach([this](FreshEntries::Item const& item) { map_.emplace(item.key, item.entry); });
+  fresh_.Clear();
+}
+
+void PendingIndex::Add(NewEntry const& added, Sequence now, bool keep_history) {
+  Settle();
+  auto at = LowerBound(added.key);
+  if (at == map_.end() || map_.key_comp()(added.key, at->first)) {
+    PendingKey const key = Kept(added.key);
     if (recording()) undo_->Record(undo::EntryAdded{this, key});
     at = map_.emplace_hint(at, key, PendingEntry{});
-    at->second.may_be_committed = may_be_committed;
+    at->second.may_be_committed = added.may_be_committed;
     at->second.since = now;
   } else {
     Change(at, now, keep_history);
   }
   at->second.state = EntryState::kPresent;
-  SetFactsOf(at->second, facts);
+  at->second.layout = added.layout;
+  SetFactsOf(at->second, added.facts);
 }
 
 void PendingIndex::SetFactsOf(PendingEntry& entry, KeyFacts facts) {
@@ -128,9 +159,10 @@ void PendingIndex::SetRemoved(PendingEntry& entry) {
 }
 
 void PendingIndex::Remove(PendingKey key, Sequence now, bool keep_history) {
+  Settle();
   auto const at = map_.find(key);
   if (at == map_.end()) {
-    Add(key, {}, true, now, keep_history);
+    Add({key, {}, {}, true}, now, keep_history);
     SetRemoved(map_.find(key)->second);
   } else if (!keep_history && !at->second.may_be_committed) {
     Erase(at);
@@ -140,6 +172,7 @@ void PendingIndex::Remove(PendingKey key, Sequence now, bool keep_history) {
 }
 
 void PendingIndex::Erase(Map::iterator at) {
+  sought_ = map_.end();
   if (!recording()) {
     map_.erase(at);
     return;
@@ -149,6 +182,7 @@ void PendingIndex::Erase(Map::iterator at) {
 }
 
 void PendingIndex::SetFacts(PendingKey key, KeyFacts facts) {
+  Settle();
   auto const at = map_.find(key);
   if (at == map_.end()) return;
   RecordChange(at->second);
@@ -156,20 +190,21 @@ void PendingIndex::SetFacts(PendingKey key, KeyFacts facts) {
 }
 
 void PendingIndex::TakeBack(undo::EntryAdded const& added) {
+  sought_ = map_.end();
   auto const at = map_.find(added.key);
   if (at != map_.end()) map_.erase(at);
 }
 
 ObjectId PendingIndex::FindOther(PendingKey key, bool count_unwritten) const {
-  for (auto at = map_.lower_bound(PendingKey{key.encoded, kNoObject});
-       at != map_.end() && at->first.encoded == key.encoded; ++at) {
+  sought_ = map_.lower_bound(PendingKey{key.encoded, kNoObject});
+  for (auto at = sought_; at != map_.end() && at->first.encoded == key.encoded; ++at) {
     PendingEntry const& entry = at->second;
     if (at->first.object != key.object && entry.state == EntryState::kPresent &&
         (count_unwritten || !entry.facts.has_unwritten)) {
       return at->first.object;
     }
   }
-  return kNoObject;
+  return fresh_.FindOther(key, count_unwritten);
 }
 
 ObjectId FindOtherBelow(View const& committed, EntryCursor& cursor, PendingIndex const& pending,
@@ -340,7 +375,13 @@ bool PendingChanges::empty() const {
 
 // ---- taking back -------------------------------------------------------------------------------
 
+void PendingChanges::SortEntries() {
+  for (auto const& index : indexes_) index->Sort();
+}
+
+// What lies apart would be settled in memory that a rollback releases.
 PendingChanges::Mark PendingChanges::SetMark() {
+  for (auto const& index : indexes_) index->Settle();
   undo_.Start();
   return {undo_.size(), arena_.mark()};
 }

@@ -18,6 +18,7 @@
 #include "arena.h"
 #include "definitions.h"
 #include "entries.h"
+#include "fresh_entries.h"
 #include "ids.h"
 #include "layout.h"
 #include "oid_map.h"
@@ -100,14 +101,20 @@ class KeyEncoder {
 // ---- index entries -----------------------------------------------------------------------------
 
 // What the transaction has written lies over entries that it has not touched: those of the
-// snapshot, or for an index that it creates those of the objects that were there.
+// snapshot, or for an index that it creates those of the objects that were there. Entries of new
+// objects stay apart until somebody scans the index, changes one of them or sets a savepoint.
 class PendingIndex {
  public:
   using Map = PendingEntryMap;
 
   // `committed`: the snapshot holds entries of the index too.
   PendingIndex(IndexDefinition const& index, bool committed, Arena& arena)
-      : index_(&index), committed_(committed), arena_(&arena), map_(&arena) {}
+      : index_(&index),
+        committed_(committed),
+        arena_(&arena),
+        map_(&arena),
+        sought_(map_.end()),
+        fresh_(index.unique()) {}
 
   IndexDefinition const& index() const { return *index_; }
   bool committed() const { return committed_; }
@@ -120,6 +127,7 @@ class PendingIndex {
     untouched_ = std::move(entries);
   }
   SortedEntries const* untouched() const { return untouched_.get(); }
+  // REQUIRES: settled.
   Map const& map() const { return map_; }
   // Whether there may be an entry that is present and whose key is not known to be unique, or one
   // that is removed and may be committed. Most transactions have neither.
@@ -128,13 +136,32 @@ class PendingIndex {
   // From here on changes are recorded. `undo` must outlive the entries.
   void RecordIn(UndoLog& undo) { undo_ = &undo; }
 
-  // The entry's newest state, or null when the transaction has not touched it.
+  // The newest state of an entry that may be committed, or null if the transaction has not touched
+  // it.
   PendingEntry const* Find(std::string_view encoded, ObjectId object) const;
 
   // `keep_history`: an open iterator may have to see the state that is replaced.
-  void Add(PendingKey key, KeyFacts facts, bool may_be_committed, Sequence now, bool keep_history);
+  void Add(NewEntry const& added, Sequence now, bool keep_history);
+  // The first entry of an object that the transaction inserted. REQUIRES: no scan is open.
+  void AddFresh(NewEntry const& added);
   void Remove(PendingKey key, Sequence now, bool keep_history);
   void SetFacts(PendingKey key, KeyFacts facts);
+
+  // Brings all entries into the map, which is to be looked at or changed; or only into their order.
+  void Settle();
+  void Sort() { fresh_.Sort(); }
+  // Calls `visit` with the key and the entry of each, in order. REQUIRES: sorted or settled.
+  template <typename Visit>
+  void ForEach(Visit&& visit) const {
+    auto at = map_.begin();
+    fresh_.ForEach([&](FreshEntries::Item const& item) {
+      for (; at != map_.end() && map_.key_comp()(at->first, item.key); ++at) {
+        visit(at->first, at->second);
+      }
+      visit(item.key, item.entry);
+    });
+    for (; at != map_.end(); ++at) visit(at->first, at->second);
+  }
 
   // Another object with an entry of this encoding, or none. Entries with unwritten columns count
   // only with `count_unwritten`.
@@ -145,6 +172,8 @@ class PendingIndex {
 
  private:
   bool recording() const { return undo_ != nullptr && undo_->recording(); }
+  PendingKey Kept(PendingKey key);
+  Map::iterator LowerBound(PendingKey const& key);
   PendingEntry& Change(Map::iterator at, Sequence now, bool keep_history);
   void RecordChange(PendingEntry& entry);
   void Erase(Map::iterator at);
@@ -158,6 +187,9 @@ class PendingIndex {
   bool has_unproven_ = false;
   bool has_removed_ = false;
   Map map_;
+  // Where the key that was looked for last would stand: it mostly is the next to be added.
+  mutable Map::const_iterator sought_;
+  FreshEntries fresh_;
   std::unique_ptr<SortedEntries const> untouched_;
 };
 
@@ -244,6 +276,9 @@ class PendingChanges {
   }
   // Nothing can be taken back any more.
   void EndRecording() { undo_.Stop(); }
+
+  // Brings the entries of all indexes into the order in which commit takes them.
+  void SortEntries();
 
   // Nothing is to be written.
   bool empty() const;

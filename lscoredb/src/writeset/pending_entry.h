@@ -68,6 +68,7 @@ struct PendingEntry {
   EntryState state = EntryState::kUntouched;
   bool may_be_committed = false;  // it may be among the untouched ones too
   KeyFacts facts;
+  LayoutNumber layout{};  // of the object, where the entry is present
   Sequence since = 0;
   PendingEntry const* older = nullptr;  // what open iterators may still have to see
 
@@ -76,6 +77,14 @@ struct PendingEntry {
     while (entry != nullptr && entry->since > when) entry = entry->older;
     return entry == nullptr ? EntryState::kUntouched : entry->state;
   }
+};
+
+// An entry to add, of an object under a layout.
+struct NewEntry {
+  PendingKey key;
+  KeyFacts facts;
+  LayoutNumber layout{};
+  bool may_be_committed = false;
 };
 
 using PendingEntryMap = std::pmr::map<PendingKey, PendingEntry, PendingKeyLess>;
