@@ -12,6 +12,7 @@ constexpr std::uint64_t kBlock = 65536;
 constexpr std::uint64_t kLow = kBlock / 4;
 constexpr std::uint64_t kPiece = 64;  // what a context takes at a time
 constexpr std::uint64_t kEnd = kFirstNotGivenId;
+constexpr std::size_t kKnownReservations = 256;
 constexpr std::uint64_t kHighestRaise = kEnd / 2;
 
 }  // namespace
@@ -47,8 +48,19 @@ void IdAllocator::Refill() {
     block = Reserve(*batch);
   }
   if (block.empty()) Throw(LSCOREDB_TOO_LARGE);
+  CommitId const made = batch->id();
   batch->Commit();
   Install(block);
+  std::lock_guard const lock(mutex_);
+  reservations_.push_back(made);
+  if (reservations_.size() > kKnownReservations) reservations_.pop_front();
+}
+
+std::uint64_t IdAllocator::ReservationsBetween(CommitId first, CommitId last) {
+  std::lock_guard const lock(mutex_);
+  auto const between = [&](CommitId made) { return made > first && made < last; };
+  return static_cast<std::uint64_t>(
+      std::count_if(reservations_.begin(), reservations_.end(), between));
 }
 
 std::uint64_t IdAllocator::NextObstacle(Batch const& batch, std::uint64_t from) const {

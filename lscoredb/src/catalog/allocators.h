@@ -5,6 +5,7 @@
 // its transaction was committed. Any thread.
 
 #include <cstdint>
+#include <deque>
 #include <mutex>
 #include <set>
 #include <vector>
@@ -33,6 +34,10 @@ class IdAllocator {
   IdRange TopUp(Batch& batch);
   void Install(IdRange block);
 
+  // Counts the states between the two that differ from the state before them only in a block that
+  // this process reserved. May count too few.
+  std::uint64_t ReservationsBetween(CommitId first, CommitId last);
+
   // Allocates none below `first` from now on, except those that contexts hold. Unreserved ones
   // below it may be chosen.
   void RaiseTo(std::uint64_t first);
@@ -52,6 +57,7 @@ class IdAllocator {
   IdRange spare_;
   std::uint64_t reserved_below_ = 1;      // as far as this process knows
   std::multiset<std::uint64_t> pending_;  // chosen and not committed
+  std::deque<CommitId> reservations_;     // the newest commits that were nothing else
 };
 
 }  // namespace lscore

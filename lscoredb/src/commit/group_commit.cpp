@@ -58,13 +58,20 @@ std::unique_ptr<Batch> GroupCommit::BeginBatch(Tickets tickets) {
   return store_.BeginBatch(hints);
 }
 
+// Whether nothing that a transaction can have read changed between its snapshot and a batch. Large
+// transactions use up their identities and have more of them reserved meanwhile.
+bool GroupCommit::IsNext(CommitId snapshot, CommitId batch) {
+  std::uint64_t const between = Raw(batch) - Raw(snapshot) - 1;
+  return between == 0 || between == ids_.ReservationsBetween(snapshot, batch);
+}
+
 // One batch of the store for all tickets. In their order:
 //
 //   1. validate: no row that the transaction wrote or required was committed by another since its
 //      snapshot, nothing changed in the set of an index that it made, no unique key is taken.
 //      Entries of indexes that others made meanwhile are derived. Whoever fails here is refused
-//      alone and has changed nothing. When no state lies between the snapshot and this batch, rows
-//      are not compared.
+//      alone and has changed nothing. When nothing was committed between the snapshot and this
+//      batch, rows are not compared.
 //   2. apply: definitions, rows, entries, counts. The next ticket is validated against this.
 //
 // Then rows in memory that are replaced are taken out, the batch is committed, and the new images
@@ -78,7 +85,7 @@ void GroupCommit::TryAll(Tickets tickets) {
   for (CommitTicket* const ticket : tickets) {
     CommitRequest& request = RequestOf(ticket);
     CommitApplier work(*batch, request, position, kept);
-    bool const next = Raw(batch->id()) == Raw(request.snapshot.id()) + 1;
+    bool const next = IsNext(request.snapshot.id(), batch->id());
     request.status = Guarded([&] {
       work.Validate(next && !anything);
       return LORV_STATUS_OK;

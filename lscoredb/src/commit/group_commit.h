@@ -57,6 +57,7 @@ class GroupCommit {
   void TryAll(Tickets tickets);
   std::unique_ptr<Batch> BeginBatch(Tickets tickets);
   static void LeaveOpen(Tickets tickets) noexcept;
+  bool IsNext(CommitId snapshot, CommitId batch);
 
   Store& store_;
   IdAllocator& ids_;
