@@ -66,18 +66,19 @@ class SortedEntriesTest : public testing::TestWithParam<bool> {
   std::string directory_;
   std::mt19937 random_{7};
   Model model_;
+  WatchedWork work_;
 };
 
 TEST_P(SortedEntriesTest, Entries_ComeInOrderBothWays) {
   EntrySorter sorter(Where(), 3, kLittle);
   Fill(sorter, 1000);
-  ExpectSameAsModel(*sorter.Finish());
+  ExpectSameAsModel(*sorter.Finish(work_));
 }
 
 TEST_P(SortedEntriesTest, Entries_AreFoundByKey) {
   EntrySorter sorter(Where(), 3, kLittle);
   Fill(sorter, 500);
-  auto const sorted = sorter.Finish();
+  auto const sorted = sorter.Finish(work_);
   Cursor cursor;
   cursor.Open(*sorted, Tree::kIndex);
   for (int i = 0; i < 2000; ++i) {
@@ -97,15 +98,31 @@ TEST_P(SortedEntriesTest, Entries_AreFoundByKey) {
 }
 
 TEST_P(SortedEntriesTest, NoEntries_GiveNone) {
-  EXPECT_EQ(nullptr, EntrySorter(Where(), 3, kLittle).Finish());
+  EXPECT_EQ(nullptr, EntrySorter(Where(), 3, kLittle).Finish(work_));
 }
 
 TEST_P(SortedEntriesTest, Entries_LeaveNoFileWithAName) {
   EntrySorter sorter(Where(), 3, kLittle);
   Fill(sorter, 300);
   EXPECT_TRUE(std::filesystem::is_empty(directory_));
-  auto const sorted = sorter.Finish();
+  auto const sorted = sorter.Finish(work_);
   EXPECT_TRUE(std::filesystem::is_empty(directory_));
+}
+
+TEST_P(SortedEntriesTest, Entries_AreNotMergedWhenTheWatchStops) {
+  EntrySorter sorter(Where(), 3, kLittle);
+  Fill(sorter, 1000);
+  int told = 0;
+  ThreadWatch() = {[](void* user, std::uint64_t, std::uint64_t) {
+                     return ++*static_cast<int*>(user) == 2 ? std::uint32_t{1} : 0;
+                   },
+                   &told};
+  Status const status = Guarded([&] {
+    static_cast<void>(sorter.Finish(work_));
+    return LORV_STATUS_OK;
+  });
+  ThreadWatch() = {};
+  EXPECT_EQ(LSCOREDB_STOPPED, status);
 }
 
 INSTANTIATE_TEST_SUITE_P(Through, SortedEntriesTest, testing::Bool(),
@@ -136,7 +153,8 @@ TEST(EntrySorterTest, NoRoomForItsFiles_IsAStatus) {
     EntrySorter sorter(directory, 0, kLittle);
     Status const status = Guarded([&] {
       for (int i = 0; i < 2000; ++i) sorter.Add(std::to_string(i * 7919 % 2000), "value of it");
-      static_cast<void>(sorter.Finish());
+      WatchedWork work;
+      static_cast<void>(sorter.Finish(work));
       return LORV_STATUS_OK;
     });
     EXPECT_EQ(room < 70000 ? LSCOREDB_DISK_FULL : LORV_STATUS_OK, status) << room;

@@ -131,6 +131,35 @@ TEST_F(WatchTest, IndexThatWasStopped_IsNotThereAndTheTransactionGoesOn) {
   EXPECT_EQ(kRows + 1u, session_.Scan(session_.IndexesByToken(62).at(0)).size());
 }
 
+// Objects are read, then their entries sorted, and equal ones looked for. Only while objects are
+// read more and more is done.
+TEST_F(WatchTest, IndexBuild_IsStoppedAnywhere) {
+  session_.Begin();
+  auto const build = [this] {
+    IndexId index = 0;
+    return session_.TryCreateIndex(61, kSet, {{LORV_TYPE_LONG, kNumberToken}}, kUnique, &index);
+  };
+  int told = 0;
+  int told_of_all = 0;
+  {
+    Observer const observer;
+    EXPECT_STATUS(0, build());
+    told = observer.told();
+    EXPECT_TRUE(observer.rose());
+    EXPECT_EQ(static_cast<std::uint64_t>(kRows), observer.last());
+  }
+  EXPECT_GE(told, 3 * kRows / 256 - 3);
+  session_.DropIndex(session_.IndexesByToken(61).at(0));
+  for (int stop = 1; stop <= told; ++stop) {
+    Observer const observer(stop);
+    EXPECT_STATUS(LSCOREDB_STOPPED, build());
+    if (observer.last() == kRows) ++told_of_all;
+    EXPECT_TRUE(session_.IndexesByToken(61).empty());
+  }
+  EXPECT_GE(told_of_all, 2 * kRows / 256 - 2);
+  session_.Commit();
+}
+
 TEST_F(WatchTest, Watch_BelongsToItsThread) {
   Observer const observer(1);
   InParallel(1, [this](int) { EXPECT_STATUS(0, Check()); });

@@ -7,8 +7,6 @@
 namespace lscore {
 namespace {
 
-// A watch that reads a clock costs less than so many steps.
-constexpr std::uint64_t kStepsBetween = 256;
 constexpr std::uint64_t kWhole = 1000;
 
 }  // namespace

@@ -34,7 +34,7 @@ class WatchedWork {
   WatchedWork(WorkShare share, std::uint64_t steps)
       : share_(share), steps_(steps), is_share_(true) {}
 
-  // Both throw LSCOREDB_STOPPED when the watch says so.
+  // All throw LSCOREDB_STOPPED when the watch says so.
   void Advance(std::uint64_t steps = 1) { AdvanceTo(done_ + steps); }
   // REQUIRES: `done` is not below what it was before.
   void AdvanceTo(std::uint64_t done) {
@@ -42,8 +42,16 @@ class WatchedWork {
     if (done_ >= tell_at_) [[unlikely]]
       Tell();
   }
+  // A step that brings the work no further as it is counted.
+  void Linger() {
+    if (++lingered_ % kStepsBetween == 0) [[unlikely]]
+      Tell();
+  }
 
  private:
+  // A watch that reads a clock costs less than so many steps.
+  static constexpr std::uint64_t kStepsBetween = 256;
+
   void Tell();
   std::uint64_t DoneOfShare() const;
 
@@ -52,6 +60,7 @@ class WatchedWork {
   bool is_share_ = false;
   std::uint64_t done_ = 0;
   std::uint64_t tell_at_ = 1;
+  std::uint64_t lingered_ = 0;
 };
 
 }  // namespace lscore

@@ -203,7 +203,7 @@ class EntrySorter::RunReader {
 };
 
 // The runs share the memory that they were sorted in.
-void EntrySorter::Merge(SortedEntries& sorted) {
+void EntrySorter::Merge(SortedEntries& sorted, WatchedWork& work) {
   constexpr std::size_t kLeastPiece = 4096;
   std::size_t const piece = std::clamp(memory_ / runs_.size(), kLeastPiece, kBufferSize);
   std::vector<RunReader> readers;
@@ -220,6 +220,7 @@ void EntrySorter::Merge(SortedEntries& sorted) {
   FileWriter file(*sorted.file_);
   SortedEntries::Writer writer(sorted);
   while (!next.empty()) {
+    work.Linger();
     RunReader* const lowest = next.top();
     next.pop();
     writer.Add(lowest->record(), [&](SortedRecord const& record) { file.Write(record); });
@@ -229,7 +230,7 @@ void EntrySorter::Merge(SortedEntries& sorted) {
   sorted.content_ = sorted.file_->Map();
 }
 
-std::unique_ptr<SortedEntries const> EntrySorter::Finish() {
+std::unique_ptr<SortedEntries const> EntrySorter::Finish(WatchedWork& work) {
   if (places_.empty() && runs_.empty()) return nullptr;
   std::unique_ptr<SortedEntries> sorted(new SortedEntries);
   if (runs_.empty()) {
@@ -237,6 +238,7 @@ std::unique_ptr<SortedEntries const> EntrySorter::Finish() {
     sorted->memory_.reserve(records_.size());
     SortedEntries::Writer writer(*sorted);
     for (Place const& place : places_) {
+      work.Linger();
       writer.Add(SortedRecord::At(records_.data() + place.at),
                  [&](SortedRecord const& record) { record.AppendTo(sorted->memory_); });
     }
@@ -245,7 +247,7 @@ std::unique_ptr<SortedEntries const> EntrySorter::Finish() {
     if (!places_.empty()) WriteRun();
     records_ = {};
     places_ = {};
-    Merge(*sorted);
+    Merge(*sorted, work);
     spilled_.reset();
   }
   return sorted;

@@ -18,6 +18,7 @@
 
 #include "store.h"
 #include "temporary_file.h"
+#include "watched_work.h"
 
 namespace lscore {
 
@@ -72,8 +73,9 @@ class EntrySorter {
 
   // Each key once.
   void Add(std::string_view key, std::string_view value);
-  // Null when nothing was added. Afterwards the sorter is of no use any more.
-  std::unique_ptr<SortedEntries const> Finish();
+  // Null when nothing was added. Afterwards the sorter is of no use any more. Lingers for each
+  // entry that is moved.
+  std::unique_ptr<SortedEntries const> Finish(WatchedWork& work);
 
  private:
   // Mostly the first bytes behind the prefix tell which is lower.
@@ -89,7 +91,7 @@ class EntrySorter {
 
   void Sort();
   void WriteRun();
-  void Merge(SortedEntries& sorted);
+  void Merge(SortedEntries& sorted, WatchedWork& work);
 
   std::string const directory_;
   std::size_t const prefix_size_;

@@ -4,11 +4,11 @@
 
 #include "bytes.h"
 #include "text.h"
-#include "watched_work.h"
 
 namespace lscore {
 
 void IndexFiller::Fill(PendingIndex& entries) {
+  work_ = WatchedWork();
   KeyBytes key;
   EntryRecord record;
   EntrySorter sorter(state_.database->directory(), entries.index().entry_prefix.size());
@@ -22,7 +22,7 @@ void IndexFiller::Fill(PendingIndex& entries) {
       sorter.Add(record.key, record.value);
     }
   });
-  entries.SetUntouched(sorter.Finish());
+  entries.SetUntouched(sorter.Finish(work_));
   if (!entries.index().unique()) return;
   CheckUnique(entries);
   if (entries.untouched() != nullptr) CheckUntouchedUnique(entries);
@@ -62,9 +62,8 @@ void IndexFiller::ScanSetIndex(IndexDefinition const& index, std::u16string cons
   scan.Start(reader_.scan_source(), index);
   ObjectId object{};
   LayoutNumber layout{};
-  WatchedWork work;
   for (;;) {
-    work.Advance();
+    work_.Advance();
     Check(scan.Next(&object, &layout));
     if (object == kNoObject) return;
     RowRef const* const row = reader_.FindRow(object);
@@ -83,9 +82,8 @@ void IndexFiller::ScanRows(std::u16string const& setspec, Visit&& visit) {
   };
   Cursor cursor;
   cursor.Open(*state_.snapshot, Tree::kRows);
-  WatchedWork work;
   for (bool on = cursor.First(); on; on = cursor.Next()) {
-    work.Advance();
+    work_.Advance();
     if (cursor.key().size() != sizeof(std::uint64_t)) Throw(LSCOREDB_DAMAGED);
     RowRef const* const row = reader_.FindRow(ObjectId{Load<std::uint64_t>(cursor.key().data())});
     if (row != nullptr) visit_if_in_set(*row);
@@ -100,6 +98,7 @@ void IndexFiller::CheckUnique(PendingIndex const& entries) {
   EntryCursor cursor;
   PendingKey const* last = nullptr;  // the last one that can collide
   for (auto const& [key, entry] : entries.map()) {
+    work_.Linger();
     if (entry.facts.has_null || entry.facts.has_unwritten) continue;
     if (last != nullptr && last->encoded == key.encoded) Throw(LSCOREDB_DUPLICATE_KEY);
     if (FindOtherBelow(*state_.snapshot, cursor, entries, key) != kNoObject) {
@@ -116,6 +115,7 @@ void IndexFiller::CheckUntouchedUnique(PendingIndex const& entries) {
   cursor.Open(*entries.untouched(), entries.index());
   cursor.SeekFirst({});
   for (std::optional<Entry> last; cursor.valid(); cursor.Next()) {
+    work_.Linger();
     Entry const& entry = cursor.entry();
     if (last.has_value() && Compare(last->key, entry.key) == 0) {
       RowRef const* const row = reader_.FindRow(entry.object);

@@ -8,6 +8,7 @@
 #include "row_reader.h"
 #include "schema_view.h"
 #include "transaction_state.h"
+#include "watched_work.h"
 
 namespace lscore {
 
@@ -31,6 +32,7 @@ class IndexFiller {
   void CheckUnique(PendingIndex const& entries);
   void CheckUntouchedUnique(PendingIndex const& entries);
 
+  WatchedWork work_;  // counts the objects that were read
   TransactionState& state_;
   SchemaView& schema_;
   RowReader& reader_;
