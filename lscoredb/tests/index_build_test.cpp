@@ -1,6 +1,8 @@
 // An index over objects that are there: what its transaction sees of it and does to it before the
 // commit, in memory and, where it is large, through files.
 
+#include <lscoredb/refused_key.h>
+
 #include <algorithm>
 #include <filesystem>
 
@@ -40,6 +42,21 @@ class IndexBuildTest : public testing::Test {
   std::uint32_t TryUnique() {
     IndexId index = 0;
     return session_.TryCreateIndex(60, kSet, {{LORV_TYPE_LONG, kNumberToken}}, kUnique, &index);
+  }
+
+  void ExpectRefused(Oid object, Oid holder, std::int64_t number) {
+    lscoredb_refused_key refused{};
+    refused.size = sizeof refused;
+    ASSERT_EQ(0u, lscoredb_refused(session_.context(), &refused));
+    EXPECT_EQ(object, refused.object);
+    EXPECT_EQ(holder, refused.holder);
+    auto const* const key = static_cast<std::uint8_t const*>(refused.key);
+    EXPECT_EQ(Key().Long(number).Bytes(), std::vector<std::uint8_t>(key, key + refused.key_size));
+  }
+  void ExpectNothingRefused() {
+    lscoredb_refused_key refused{};
+    refused.size = sizeof refused;
+    EXPECT_STATUS(LSCOREDB_INVALID_ARGUMENT, lscoredb_refused(session_.context(), &refused));
   }
 
   // The same before and after the commit, both ways.
@@ -135,11 +152,25 @@ TEST_F(IndexBuildTest, ExistingDuplicates_AreRefused) {
   session_.Commit();
   session_.Begin();
   EXPECT_STATUS(LSCOREDB_DUPLICATE_KEY, TryUnique());
+  ExpectRefused(rows_[7], rows_[3], 30);
+  session_.Commit();
+  ExpectNothingRefused();
+}
+
+TEST_F(IndexBuildTest, EqualPendingKeys_AreRefused) {
+  Oid const one = Row(5);
+  Oid const other = Row(5);
+  EXPECT_STATUS(LSCOREDB_DUPLICATE_KEY, TryUnique());
+  ExpectRefused(other, one, 5);
+  session_.Rollback();
+  session_.Begin();
+  ExpectNothingRefused();
 }
 
 TEST_F(IndexBuildTest, WrittenDuplicateOfAnExistingRow_IsRefused) {
   session_.PutLong(rows_[7], kNumber, 30);
   EXPECT_STATUS(LSCOREDB_DUPLICATE_KEY, TryUnique());
+  ExpectRefused(rows_[7], rows_[3], 30);
 }
 
 TEST_F(IndexBuildTest, ExistingNulls_DoNotCollide) {

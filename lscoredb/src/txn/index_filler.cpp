@@ -3,6 +3,7 @@
 #include <optional>
 
 #include "bytes.h"
+#include "keys.h"
 #include "text.h"
 
 namespace lscore {
@@ -93,6 +94,11 @@ void IndexFiller::ScanRows(std::u16string const& setspec, Visit&& visit) {
   });
 }
 
+void IndexFiller::Refuse(IndexDefinition const& index, PendingKey const& key, ObjectId holder) {
+  state_.refused = {index.id, key.object, holder, ContractKey(key.encoded, index.key_columns)};
+  Throw(LSCOREDB_DUPLICATE_KEY);
+}
+
 // Of the entries that were written, against one another and against the others.
 void IndexFiller::CheckUnique(PendingIndex const& entries) {
   EntryCursor cursor;
@@ -100,10 +106,11 @@ void IndexFiller::CheckUnique(PendingIndex const& entries) {
   for (auto const& [key, entry] : entries.map()) {
     work_.Linger();
     if (entry.facts.has_null || entry.facts.has_unwritten) continue;
-    if (last != nullptr && last->encoded == key.encoded) Throw(LSCOREDB_DUPLICATE_KEY);
-    if (FindOtherBelow(*state_.snapshot, cursor, entries, key) != kNoObject) {
-      Throw(LSCOREDB_DUPLICATE_KEY);
+    if (last != nullptr && last->encoded == key.encoded) {
+      Refuse(entries.index(), key, last->object);
     }
+    ObjectId const holder = FindOtherBelow(*state_.snapshot, cursor, entries, key);
+    if (holder != kNoObject) Refuse(entries.index(), key, holder);
     last = &key;
   }
 }
@@ -120,7 +127,9 @@ void IndexFiller::CheckUntouchedUnique(PendingIndex const& entries) {
     if (last.has_value() && Compare(last->key, entry.key) == 0) {
       RowRef const* const row = reader_.FindRow(entry.object);
       if (row == nullptr) Throw(LSCOREDB_DAMAGED);
-      if (!encoder_.Encode(entries.index(), *row, key).has_null) Throw(LSCOREDB_DUPLICATE_KEY);
+      if (!encoder_.Encode(entries.index(), *row, key).has_null) {
+        Refuse(entries.index(), {key, entry.object}, last->object);
+      }
     }
     last = entry;
   }

@@ -18,7 +18,7 @@ class IndexFiller {
       : state_(state), schema_(schema), reader_(reader) {}
 
   // Adds an entry for each object of the index's set. Throws LSCOREDB_DUPLICATE_KEY when two
-  // collide in a unique index.
+  // collide in a unique index, which the transaction's state then tells.
   void Fill(PendingIndex& entries);
 
  private:
@@ -31,6 +31,7 @@ class IndexFiller {
   IndexDefinition const* FindSetIndex(std::u16string const& setspec);
   void CheckUnique(PendingIndex const& entries);
   void CheckUntouchedUnique(PendingIndex const& entries);
+  [[noreturn]] void Refuse(IndexDefinition const& index, PendingKey const& key, ObjectId holder);
 
   WatchedWork work_;  // counts the objects that were read
   TransactionState& state_;

@@ -16,18 +16,19 @@ void Transaction::Begin(bool read_only) {
   reader_.Begin(store.Notice(*state_.snapshot));
   refusal_ = read_only ? LSCOREDB_WRITE_REFUSED : LSCOREDB_READ_ONLY_DATABASE;
   read_only_ = read_only || store.read_only();
-  refused_key_.reset();
+  state_.refused.reset();
 }
 
 Status Transaction::Commit() {
   Status status = state_.doomed;
+  state_.refused.reset();
   PendingChanges& changes = state_.changes;
   if (status == LORV_STATUS_OK && (!changes.empty() || changes.requires_any())) {
     status = Guarded([&] {
       changes.SortEntries();
       CommitRequest request{changes, *state_.snapshot, schema_.version()};
       Status const ended = state_.database->commits().Run(request);
-      if (ended == LSCOREDB_DUPLICATE_KEY) refused_key_ = std::move(request.refused);
+      if (ended == LSCOREDB_DUPLICATE_KEY) state_.refused = std::move(request.refused);
       return ended;
     });
   }

@@ -40,9 +40,9 @@ class Transaction {
   Status refusal_of_writes() const { return refusal_; }
   void Begin(bool read_only);
   Status Commit();
-  // Why the last commit gave LSCOREDB_DUPLICATE_KEY; nothing when it did not, or since the next
-  // transaction began.
-  std::optional<RefusedKey> const& refused_key() const { return refused_key_; }
+  // Why the last commit, or an index that was to be created since the transaction began, gave
+  // LSCOREDB_DUPLICATE_KEY; nothing when none did, or since the next transaction began.
+  std::optional<RefusedKey> const& refused_key() const { return state_.refused; }
   void Rollback() noexcept { End(); }
   // Commit fails when another transaction has changed the object since the snapshot.
   Status Require(ObjectId id);
@@ -109,7 +109,6 @@ class Transaction {
   // Each part uses only those above it.
   TransactionState state_;
   bool read_only_ = false;
-  std::optional<RefusedKey> refused_key_;
   Status refusal_ = LSCOREDB_WRITE_REFUSED;
   ResultBuffers result_buffers_;
   Scans scans_;

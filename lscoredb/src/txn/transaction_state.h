@@ -4,6 +4,7 @@
 // What the parts of a transaction share. Belongs to the Transaction, which begins and ends it.
 
 #include <memory>
+#include <optional>
 #include <utility>
 
 #include "database.h"
@@ -26,9 +27,10 @@ struct TransactionState {
   std::shared_ptr<Database> const database;
   std::unique_ptr<Snapshot> snapshot;  // null: no transaction is open
   PendingChanges changes;
-  Status doomed = LORV_STATUS_OK;  // set when a write stopped half-way
-  Sequence now = 0;                // of the last write; scans see those of before they began
-  IdRange ids;                     // outlasts transactions
+  std::optional<RefusedKey> refused;  // outlasts the transaction
+  Status doomed = LORV_STATUS_OK;     // set when a write stopped half-way
+  Sequence now = 0;                   // of the last write; scans see those of before they began
+  IdRange ids;                        // outlasts transactions
 };
 
 }  // namespace lscore
