@@ -8,6 +8,8 @@
 #include <nlohmann/json.hpp>
 #include <sagleme/failure.hpp>
 
+#include "data/plain_array.h"
+
 namespace sagleme {
 namespace {
 
@@ -81,14 +83,22 @@ void DumpReader::ReadSchemaLine() {
   ValidateSchema(schema_, source_);
 }
 
-// As dumps are written; whether the rest of the line is right shows when it is read.
-bool DumpReader::ParseHead(DumpedObject* object) const {
-  std::string_view rest = line_;
+// As dumps are written, up to the first value.
+bool DumpReader::TakeHead(std::string_view& rest, DumpedObject* object) const {
+  constexpr std::string_view kValues = ", \"v\": [";
   std::uint64_t table = 0;
-  bool const head = Take(rest, "{\"t\": ", &table) && Take(rest, ", \"id\": ", &object->id.value) &&
-                    rest.starts_with(", \"v\": [") && table < schema_.tables.size();
+  if (!Take(rest, "{\"t\": ", &table) || !Take(rest, ", \"id\": ", &object->id.value)) return false;
+  if (!rest.starts_with(kValues) || table >= schema_.tables.size()) return false;
+  rest.remove_prefix(kValues.size());
   object->table = table;
-  return head;
+  return true;
+}
+
+// Most lines are as dumps are written. False for one that is not, which may be right all the same.
+bool DumpReader::TakeLine(DumpedObject* object) {
+  std::string_view rest = line_;
+  return TakeHead(rest, object) && object->id.value != 0 && TakePlainArray(rest, values_) &&
+         rest == "}";
 }
 
 void DumpReader::ParseLine(DumpedObject* object) {
@@ -101,17 +111,23 @@ void DumpReader::ParseLine(DumpedObject* object) {
   bool has_id = false;
   object->table = NumberOf(json_.Find("t"), &has_table);
   object->id.value = NumberOf(json_.Find("id"), &has_id);
-  values_ = json_.Find("v");
-  bool const whole = has_table && has_id && object->id.value != 0 && values_ != nullptr &&
-                     values_->value.kind == RowValue::Kind::kArray &&
+  JsonMember const* const values = json_.Find("v");
+  bool const whole = has_table && has_id && object->id.value != 0 && values != nullptr &&
+                     values->value.kind == RowValue::Kind::kArray &&
                      object->table < schema_.tables.size();
   if (!whole) Refuse("not an object of the dump");
+  values_.clear();
+  for (std::size_t i = 0; i < values->item_count; ++i) {
+    values_.push_back(json_.item(*values, i).view());
+  }
 }
 
 bool DumpReader::NextHead(DumpedObject* object) {
   NextLine();
   if (AtEnd()) return false;
-  if (!ParseHead(object)) ParseLine(object);
+  // Whether the rest of the line is right shows when it is read.
+  std::string_view rest = line_;
+  if (!TakeHead(rest, object)) ParseLine(object);
   ++objects_;
   ++by_table_[object->table];
   return true;
@@ -120,7 +136,7 @@ bool DumpReader::NextHead(DumpedObject* object) {
 bool DumpReader::Next(DumpedObject* object) {
   NextLine();
   if (AtEnd()) return false;
-  ParseLine(object);
+  if (!TakeLine(object)) ParseLine(object);
   return true;
 }
 

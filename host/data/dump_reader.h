@@ -8,6 +8,7 @@
 #include <istream>
 #include <memory>
 #include <sagleme/schema_document.hpp>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -41,8 +42,7 @@ class DumpReader {
   // The second pass. False when there is no further object.
   bool Next(DumpedObject* object);
   // Of the object read last.
-  std::size_t value_count() const { return values_->item_count; }
-  RowValue value(std::size_t i) const { return json_.item(*values_, i).view(); }
+  std::span<RowValue const> values() const { return values_; }
   // Complains about the line read last.
   [[noreturn]] void Refuse(std::string const& what) const;
   // Complains about the dump as a whole.
@@ -50,7 +50,8 @@ class DumpReader {
 
  private:
   bool NextHead(DumpedObject* object);
-  bool ParseHead(DumpedObject* object) const;
+  bool TakeHead(std::string_view& rest, DumpedObject* object) const;
+  bool TakeLine(DumpedObject* object);
   void ParseLine(DumpedObject* object);
   void NextLine();
   bool AtEnd() const { return line_.starts_with("{\"end\":"); }
@@ -68,7 +69,7 @@ class DumpReader {
   std::size_t line_number_ = 0;
   SchemaDoc schema_;
   FlatJson json_;
-  JsonMember const* values_ = nullptr;
+  std::vector<RowValue> values_;
   std::vector<std::uint64_t> by_table_;
   std::uint64_t objects_ = 0;
 };

@@ -128,13 +128,13 @@ class Loader {
 
   void WriteObject(RowWriter& writer, Target const& target, ObjectId id) {
     std::vector<Column const*> const& columns = target.columns;
-    if (dump_.value_count() != columns.size()) {
+    std::span<RowValue const> const values = dump_.values();
+    if (values.size() != columns.size()) {
       throw BadValue("the number of values differs from the number of columns");
     }
     writer.Begin(*target.table, options_.new_ids ? new_ids_.Find(id.value) : id);
     for (std::size_t i = 0; i < columns.size(); ++i) {
-      RowValue const value = dump_.value(i);
-      if (value.kind != RowValue::Kind::kNull) Put(writer, *columns[i], value);
+      if (values[i].kind != RowValue::Kind::kNull) Put(writer, *columns[i], values[i]);
     }
     writer.Finish();
   }

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 
 #include "run_tool.h"
@@ -96,6 +97,60 @@ TEST_F(LoadTest, BlankLinesBehindTheLastOne_AreAccepted) {
       << more.err;
 }
 
+// Lines as dumps are written take a way of their own. Whatever the values are, a line with its
+// members in another order must come to the same.
+TEST_F(LoadTest, Lines_OfEveryForm_MeanTheSame) {
+  Apply(R"({"schema": 1, "tables": [{"name": "T", "columns": [
+      {"name": "s", "type": "string", "nullable": true},
+      {"name": "g", "type": "double", "nullable": true},
+      {"name": "b", "type": "bool", "nullable": true}]}]})");
+  std::string const schema = On("dump").out;
+  int accepted = 0;
+  std::vector<std::string> const values{R"("a", 1, true)",
+                                        "\"a\" ,\t1.5e3 , false ",
+                                        R"("", -0, null)",
+                                        R"("", -0.0, null)",
+                                        R"("x\"y\\\n\u00e9", 1E-5, true)",
+                                        R"(null, null, null)",
+                                        R"("é漢😀", 0, true)",
+                                        R"({"utf16": [55357]}, 0.5, true)",
+                                        R"("a", 01, true)",
+                                        R"("a", 5., true)",
+                                        R"("a", .5, true)",
+                                        R"("a", +1, true)",
+                                        R"("a", 1e, true)",
+                                        R"("a", -, true)",
+                                        R"("a", 1e999, true)",
+                                        R"("a", 1, tru)",
+                                        R"("a", 1, true,)",
+                                        R"("a", 1)",
+                                        R"("a", 1, true, 2)",
+                                        R"("a" 1, true)",
+                                        R"("a, 1, true)",
+                                        "\"a\x01\", 1, true",
+                                        "\"\xED\xA0\xBD\", 1, true",
+                                        "\"\xFF\", 1, true",
+                                        R"("a", "b", true)",
+                                        R"(1, 1, true)",
+                                        "",
+                                        R"("a", [1], true)",
+                                        R"("a", {}, true)"};
+  for (std::string const& row : values) {
+    std::string const end = "\n{\"end\": {\"objects\": 1, \"tables\": [1]}}\n";
+    std::string const usual = R"({"t": 0, "id": 700, "v": [)" + row + "]}" + end;
+    std::string const other_order = R"({"id": 700, "t": 0, "v": [)" + row + "]}" + end;
+    std::string const head = schema.substr(0, schema.find('\n') + 1);
+    Result const first = RunTool({"load", Path("first"), "-"}, head + usual);
+    Result const second = RunTool({"load", Path("second"), "-"}, head + other_order);
+    EXPECT_EQ(second.status, first.status) << row << first.err << second.err;
+    EXPECT_EQ(RunTool({"dump", Path("second")}).out, RunTool({"dump", Path("first")}).out) << row;
+    accepted += first.status == 0 ? 1 : 0;
+    fs::remove_all(Path("first"));
+    fs::remove_all(Path("second"));
+  }
+  EXPECT_EQ(8, accepted);
+}
+
 TEST_F(LoadTest, CompressedDump_IsLoadedFromAFileAndAPipe) {
   Apply(kLibrary);
   On("import", {"Person", "-"}, 0, "Name\nAda\nBob\n");
@@ -145,16 +200,26 @@ TEST_F(LoadTest, StoppedByCtrlC_LeavesNothing) {
   ExpectNothingLeft();
 }
 
-TEST_F(LoadTest, DumpWithAKeyTwice_IsRefusedByTheNameOfTheIndex) {
+TEST_F(LoadTest, DumpWithAKeyTwice_IsRefusedWithKeyIndexAndLine) {
   Apply(kLibrary);
-  On("import", {"Person", "-"}, 0, "Name\nAda\nBob\n");
+  On("import", {"Person", "-"}, 0, "Name\nAda\nBob\nCleo\n");
   std::string dump = On("dump").out;
-  dump.replace(dump.find("\"Bob\""), 5, "\"Ada\"");
-  Result const load = RunTool({"load", other(), "-"}, dump);
-  EXPECT_EQ(1, load.status);
-  EXPECT_NE(std::string::npos, load.err.find("PersonByName")) << load.err;
-  EXPECT_NE(std::string::npos, load.err.find("No database was created.")) << load.err;
-  ExpectNothingLeft();
+  dump.replace(dump.find("\"Cleo\""), 6, "\"Ada\"");
+  auto const before = dump.begin() + static_cast<std::ptrdiff_t>(dump.rfind("\"Ada\""));
+  auto const line = 1 + std::count(dump.begin(), before, '\n');
+  std::string const file = Write("twice.dump", dump);
+  for (Arguments const& words : {Arguments{"load", other(), file}, Arguments{"load", other(), "-"},
+                                 Arguments{"load", other(), file, "--new-ids"}}) {
+    Result const load = RunTool(words, words[2] == "-" ? dump : "");
+    EXPECT_EQ(1, load.status);
+    std::string const place = ":" + std::to_string(line) + ": ";
+    EXPECT_NE(std::string::npos, load.err.find(place)) << place << load.err;
+    EXPECT_NE(std::string::npos,
+              load.err.find("duplicate key \"Ada\" in unique index PersonByName (objects "))
+        << load.err;
+    EXPECT_NE(std::string::npos, load.err.find("No database was created.")) << load.err;
+    ExpectNothingLeft();
+  }
 }
 
 }  // namespace
