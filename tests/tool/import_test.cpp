@@ -13,7 +13,7 @@ namespace {
 
 using Json = nlohmann::json;
 
-constexpr int kBatch = 20000;
+constexpr int kBatch = 50000;
 
 // Text in which each character is two bytes.
 std::string Utf16(std::string const& ascii, bool big) {
@@ -60,16 +60,16 @@ class ImportTest : public ToolTest {
 
 TEST_F(ImportTest, BadRowInALaterBatch_KeepsTheBatchesBeforeItAndSaysWhereToGoOn) {
   std::string const file = Write("many.csv", "Name,Height\n" + People(0, 2 * kBatch + 1000) +
-                                                 "bad,tall\n" + People(90000, 90010));
+                                                 "bad,tall\n" + People(190000, 190010));
   Result const result = On("import", {"Person", file}, 1);
-  EXPECT_NE(std::string::npos, result.err.find("many.csv:41002:5: column Height")) << result.err;
-  EXPECT_NE(std::string::npos, result.err.find("40000 rows of the file are imported; continue "
-                                               "with --skip 40000"))
+  EXPECT_NE(std::string::npos, result.err.find("many.csv:101002:5: column Height")) << result.err;
+  EXPECT_NE(std::string::npos, result.err.find("100000 rows of the file are imported; continue "
+                                               "with --skip 100000"))
       << result.err;
   EXPECT_EQ(2 * kBatch, Count("Person"));
   Write("many.csv",
-        "Name,Height\n" + People(0, 2 * kBatch + 1000) + "bad,2\n" + People(90000, 90010));
-  On("import", {"Person", file, "--skip", "40000"});
+        "Name,Height\n" + People(0, 2 * kBatch + 1000) + "bad,2\n" + People(190000, 190010));
+  On("import", {"Person", file, "--skip", "100000"});
   EXPECT_EQ(2 * kBatch + 1011, Count("Person"));
   On("check");
 }
@@ -143,6 +143,19 @@ TEST_F(ImportTest, NumbersThatNoColumnHolds_AreReportedAsWrittenWithTheirLocatio
   EXPECT_NE(std::string::npos,
             decimal.err.find("-:2:5: column Price: 99999999999999 is out of range"))
       << decimal.err;
+}
+
+TEST_F(ImportTest, RejectedRowsThatCannotBeWritten_SayWhichFileAndWhy) {
+  std::string const rows = "Name,Height\n" + People(0, kBatch + 10) + "a,tall\nb,1\n";
+  std::string const file = Write("people.csv", rows);
+  Result const full = On("import", {"Person", file, "--reject", "/dev/full"}, 4);
+  EXPECT_NE(std::string::npos, full.err.find("cannot write /dev/full: No space left on device"))
+      << full.err;
+  EXPECT_NE(std::string::npos, full.err.find("continue with --skip")) << full.err;
+  EXPECT_EQ(kBatch, Count("Person"));
+  Result const none = On("import", {"Person", file, "--reject", Path("no/such/place")}, 2);
+  EXPECT_NE(std::string::npos, none.err.find("/no/such/place: No such file or directory"))
+      << none.err;
 }
 
 TEST_F(ImportTest, Separators_AreFoundInTheHeadingOrNamed) {

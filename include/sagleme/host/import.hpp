@@ -34,7 +34,7 @@ struct ImportOptions {
   std::uint64_t skip = 0;
   // Rows in a transaction, at least 1; rows of much data make smaller batches. 0: all in one, whose
   // memory grows with the file.
-  std::uint64_t batch = 20000;
+  std::uint64_t batch = 50000;
   // Is given rows that cannot be imported, which are then passed over. Empty: the first one ends
   // the import.
   std::function<void(RowSource const&, BadRow const&)> reject;

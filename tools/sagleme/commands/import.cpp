@@ -1,6 +1,5 @@
 #include <fmt/format.h>
 
-#include <fstream>
 #include <sagleme/failure.hpp>
 #include <sagleme/host/import.hpp>
 
@@ -10,6 +9,7 @@
 #include "commands/objects.h"
 #include "output/progress.h"
 #include "output/text.h"
+#include "output/writer.h"
 #include "query/names.h"
 
 namespace tool {
@@ -26,19 +26,14 @@ class Rejects {
   Rejects(std::string path, std::string input, Output const& output)
       : path_(std::move(path)), input_(std::move(input)), output_(output) {}
 
+  // Failure when the row cannot be written.
   void Add(RowSource const& rows, BadRow const& bad);
-  std::uint64_t count() const { return count_; }
-  // Throws Failure if rejected rows could not be written.
-  void Finish();
 
  private:
-  void Check();
-
   std::string path_;
   std::string input_;
   Output const& output_;
-  std::ofstream file_;
-  std::uint64_t count_ = 0;
+  std::unique_ptr<NewFileWriter> file_;
 };
 
 class Import : public Command {
@@ -46,7 +41,7 @@ class Import : public Command {
   std::string name() const override { return "import"; }
   std::string summary() const override { return "Create objects from the rows of a file"; }
   std::string details() const override {
-    return "Rows are committed in batches of 20,000. When a row is bad, or the import is stopped, "
+    return "Rows are committed in batches of 50,000. When a row is bad, or the import is stopped, "
            "earlier batches stay, and the message says with which --skip to continue. "
            "--atomic commits all rows or none, in memory that grows with the file; inside a "
            "transaction at the prompt this is always so.\n"
@@ -56,7 +51,7 @@ class Import : public Command {
   }
   std::vector<Example> examples() const override {
     return {{"import shop Customer customers.csv", "all rows; stops at the first bad one"},
-            {"import shop Customer customers.csv --skip 40000", "continues after row 40,000"},
+            {"import shop Customer customers.csv --skip 50000", "continues after row 50,000"},
             {"import shop Order orders.jsonl --reject bad.jsonl",
              "collects the bad rows in a file and imports the others"}};
   }
@@ -101,25 +96,16 @@ class Import : public Command {
   bool keep_ids_ = false;
 };
 
+// The row is written before the batch around it is committed.
 void Rejects::Add(RowSource const& rows, BadRow const& bad) {
-  if (count_++ == 0) {
-    file_.open(path_, std::ios::binary);
-    file_ << rows.heading();
+  if (file_ == nullptr) {
+    file_ = std::make_unique<NewFileWriter>(path_);
+    file_->Write(rows.heading());
   }
-  file_ << rows.raw();
-  Check();
+  file_->Write(rows.raw());
+  file_->Flush();
   output_.Note(fmt::format("{}:{}:{}: {}\n", input_, bad.location().line, bad.location().column,
                            bad.what()));
-}
-
-void Rejects::Check() {
-  if (!file_) throw Failure(Exit::kRefused, fmt::format("cannot write {}", path_));
-}
-
-void Rejects::Finish() {
-  if (count_ == 0) return;
-  file_.close();
-  Check();
 }
 
 sagleme::RowFormat Import::Format() const {
@@ -203,6 +189,8 @@ Exit Import::Run(Session& session, Output& output) {
   } catch (BadRow const& bad) {
     throw Failure(Exit::kProblem, fmt::format("{}: {}", Location(bad.location()), bad.what()),
                   AdviceFor(session, result) + AdviceFor(bad, *table, *rows));
+  } catch (Failure const& failure) {  // rejected rows that cannot be written
+    throw Failure(failure.exit(), failure.what(), AdviceFor(session, result));
   } catch (sagleme::Failure const& failure) {
     throw sagleme::Failure(failure.kind(), fmt::format("{}: {}", file_, failure.what()),
                            AdviceFor(session, result));
@@ -213,7 +201,6 @@ Exit Import::Run(Session& session, Output& output) {
     TakeInterrupt();
     throw Failure(Exit::kProblem, "interrupted", AdviceFor(session, result));
   }
-  rejects.Finish();
   progress.Finish(result.objects);
   if (result.rejected == 0) return Exit::kDone;
   output.Note(fmt::format("{} rejected; see {}\n", Counted(result.rejected, "rows"), reject_));
