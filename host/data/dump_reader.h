@@ -45,6 +45,16 @@ class DumpReader {
   std::span<RowValue const> values() const { return values_; }
   // Complains about the line read last.
   [[noreturn]] void Refuse(std::string const& what) const;
+  // Complains about the line of the first object for which `is` holds. REQUIRES: there is one, and
+  // all were read.
+  template <typename Is>
+  [[noreturn]] void RefuseObject(std::string const& what, Is&& is) {
+    Rewind();
+    DumpedObject object;
+    while (Next(&object) && !is(object.id)) {
+    }
+    Refuse(what);
+  }
   // Complains about the dump as a whole.
   [[noreturn]] void RefuseAll(std::string const& what) const;
 

@@ -4,7 +4,7 @@
 #include <sagleme/host/duplicates.hpp>
 #include <sagleme/value_text.hpp>
 
-#include "data/key_values.h"
+#include "text/key_values.h"
 
 namespace sagleme {
 namespace {
@@ -15,16 +15,6 @@ Value ValueOf(Object const& object, Table const& table, std::u16string const& co
     if (each.column->name == column) return each.value;
   }
   return object.Get(table, table.GetColumn(column));
-}
-
-std::string KeyText(std::vector<Value> const& key) {
-  std::string text;
-  for (Value const& value : key) {
-    bool const quoted = std::holds_alternative<std::u16string>(value);
-    std::string const part = ValueText(value);
-    text += (text.empty() ? "" : ", ") + (quoted ? "\"" + Visible(part) + "\"" : part);
-  }
-  return text;
 }
 
 std::string Describe(Index const& index, std::vector<Value> const& key, std::uint64_t holder) {

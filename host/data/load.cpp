@@ -1,5 +1,6 @@
 #include <fmt/format.h>
 #include <lscoredb/host.h>
+#include <lscoredb/watch.h>
 
 #include <algorithm>
 #include <optional>
@@ -11,6 +12,7 @@
 #include "data/new_ids.h"
 #include "data/row_writer.h"
 #include "data/scaffold.h"
+#include "schema/refused_build.h"
 
 namespace sagleme {
 namespace {
@@ -84,10 +86,22 @@ class Loader {
       try {
         ApplyPlan(transaction, {change});
       } catch (Error const& error) {
-        dump_.RefuseAll(fmt::format("cannot {}: {}", DescribeChange(change), error.what()));
+        if (error.status() == LSCOREDB_STOPPED) throw;
+        RefuseIndex(transaction, change, error);
       }
       transaction.Commit();
     }
+  }
+
+  // Where the dump has the object that makes a key come twice, its line is told.
+  [[noreturn]] void RefuseIndex(Transaction& transaction, Change const& change,
+                                Error const& error) {
+    std::string const what = fmt::format("cannot {}: {}", DescribeChange(change), error.what());
+    auto const* const index = std::get_if<change::CreateIndex>(&change);
+    if (index == nullptr || error.status() != LSCOREDB_DUPLICATE_KEY) dump_.RefuseAll(what);
+    auto const refused = FindRefusedBuild(transaction, *index);
+    if (!refused) dump_.RefuseAll(what);
+    dump_.RefuseObject(what, [&](ObjectId id) { return IdIn(id).value == refused->second.value; });
   }
 
   Plan MissingIndexes(Context const& context) const {
@@ -132,12 +146,15 @@ class Loader {
     if (values.size() != columns.size()) {
       throw BadValue("the number of values differs from the number of columns");
     }
-    writer.Begin(*target.table, options_.new_ids ? new_ids_.Find(id.value) : id);
+    writer.Begin(*target.table, IdIn(id));
     for (std::size_t i = 0; i < columns.size(); ++i) {
       if (values[i].kind != RowValue::Kind::kNull) Put(writer, *columns[i], values[i]);
     }
     writer.Finish();
   }
+
+  // The identity in the database of an object of the dump.
+  ObjectId IdIn(ObjectId id) const { return options_.new_ids ? new_ids_.Find(id.value) : id; }
 
   void Put(RowWriter& writer, Column const& column, RowValue const& value) {
     if (!options_.new_ids || column.type != Type::kReference) return writer.Put(column, value);

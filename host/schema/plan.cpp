@@ -2,6 +2,8 @@
 
 #include <sagleme/schema_plan.hpp>
 
+#include "schema/refused_build.h"
+
 namespace sagleme {
 namespace {
 
@@ -85,8 +87,15 @@ class Applier {
     for (IndexColumnDoc const& column : it.index.columns) {
       columns.push_back({ToUtf16(column.name), !column.descending});
     }
-    CreateIndex(transaction_, ToUtf16(it.index.name), ToUtf16(it.table), columns,
-                it.index.unique ? Uniqueness::kUnique : Uniqueness::kAny);
+    try {
+      CreateIndex(transaction_, ToUtf16(it.index.name), ToUtf16(it.table), columns,
+                  it.index.unique ? Uniqueness::kUnique : Uniqueness::kAny);
+    } catch (Error const& error) {
+      if (error.status() != LSCOREDB_DUPLICATE_KEY) throw;
+      std::string const told = DescribeRefused(it);
+      if (told.empty()) throw;
+      throw Error(error.status(), told);
+    }
   }
 
   // Columns whose targets come later have no type until then, and the layer neither indexes nor
@@ -97,6 +106,13 @@ class Applier {
   }
 
  private:
+  // Nothing when it was refused for another reason than a key that two objects have.
+  std::string DescribeRefused(change::CreateIndex const& it) const {
+    auto const refused = FindRefusedBuild(transaction_, it);
+    if (!refused) return "";
+    return fmt::format("duplicate key {} in unique index {} (objects {} and {})", refused->key,
+                       it.index.name, refused->first.value, refused->second.value);
+  }
   static std::vector<ColumnSpec> Specs(std::vector<ColumnDoc> const& columns) {
     std::vector<ColumnSpec> specs;
     for (ColumnDoc const& column : columns) {

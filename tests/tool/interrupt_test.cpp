@@ -3,10 +3,14 @@
 
 #include "base/interrupt.h"
 
+#include <lscoredb/watch.h>
+
 #include <csignal>
 #include <filesystem>
 #include <sagleme/check.hpp>
 #include <sagleme/host.hpp>
+#include <sagleme/host/dump.hpp>
+#include <sstream>
 #include <vector>
 
 #include "cli/parser.h"
@@ -77,6 +81,21 @@ TEST_F(InterruptTest, Apply_LeavesTheSchemaAsItWas) {
   EXPECT_EQ(before, On("schema").out);
   On("apply", {file});
   EXPECT_NE(std::string::npos, On("schema").out.find("ByHeight"));
+}
+
+// The kernel asks its watch while it builds the indexes, and at no other time of a load.
+TEST_F(InterruptTest, LoadThatBuildsIndexes_LeavesNothing) {
+  std::istringstream dump(On("dump").out);
+  lscoredb_watch([](void*, std::uint64_t, std::uint64_t) { return std::uint32_t{1}; }, nullptr);
+  try {
+    sagleme::Load(Path("other"), dump, "a dump", {});
+    ADD_FAILURE() << "was not stopped";
+  } catch (sagleme::Error const& error) {
+    EXPECT_EQ(LSCOREDB_STOPPED, error.status());
+  }
+  lscoredb_watch(nullptr, nullptr);
+  EXPECT_FALSE(std::filesystem::exists(Path("other")));
+  EXPECT_FALSE(std::filesystem::exists(Path("other.loading")));
 }
 
 TEST_F(InterruptTest, IndexBuildInsideATransaction_IsUndoneAlone) {

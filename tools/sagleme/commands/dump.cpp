@@ -1,8 +1,10 @@
 #include <fmt/format.h>
+#include <lscoredb/watch.h>
 
 #include <sagleme/host/dump.hpp>
 
 #include "base/interrupt.h"
+#include "base/watch.h"
 #include "commands/commands.h"
 #include "commands/files.h"
 #include "output/progress.h"
@@ -51,11 +53,12 @@ class LoadCommand : public Command {
     Progress progress(output, "objects");
     sagleme::LoadResult result;
     try {
+      Watch const watch;
       result = sagleme::Load(session.directory(), *input, file_, {new_ids_, progress.report()});
     } catch (Interrupted const&) {
-      TakeInterrupt();
-      throw Failure(Exit::kProblem, "interrupted", "No database was created.");
+      throw Stopped();
     } catch (sagleme::Error const& error) {
+      if (error.status() == LSCOREDB_STOPPED) throw Stopped();
       throw Failure(Exit::kRefused, error.what(), "No database was created.");
     }
     progress.Finish(result.objects);
@@ -66,6 +69,11 @@ class LoadCommand : public Command {
   }
 
  private:
+  static Failure Stopped() {
+    TakeInterrupt();
+    return {Exit::kProblem, "interrupted", "No database was created."};
+  }
+
   std::string file_;
   bool new_ids_ = false;
 };

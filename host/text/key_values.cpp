@@ -1,7 +1,8 @@
-#include "data/key_values.h"
+#include "text/key_values.h"
 
 #include <bit>
 #include <optional>
+#include <sagleme/value_text.hpp>
 
 namespace sagleme {
 namespace {
@@ -120,6 +121,16 @@ std::vector<Value> KeyValues(Index const& index, std::string_view key) {
     values.push_back(std::move(*value));
   }
   return values;
+}
+
+std::string KeyText(std::vector<Value> const& key) {
+  std::string text;
+  for (Value const& value : key) {
+    bool const quoted = std::holds_alternative<std::u16string>(value);
+    std::string const part = ValueText(value);
+    text += (text.empty() ? "" : ", ") + (quoted ? "\"" + Visible(part) + "\"" : part);
+  }
+  return text;
 }
 
 }  // namespace sagleme

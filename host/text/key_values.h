@@ -1,9 +1,10 @@
-#ifndef SAGLEME_HOST_DATA_KEY_VALUES_H
-#define SAGLEME_HOST_DATA_KEY_VALUES_H
+#ifndef SAGLEME_HOST_TEXT_KEY_VALUES_H
+#define SAGLEME_HOST_TEXT_KEY_VALUES_H
 
 // The values in a key as the kernel hands it out; the bytes are described in <lscoredb/lscoredb.h>.
 
 #include <sagleme/host.hpp>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -11,6 +12,9 @@ namespace sagleme {
 
 // One value for each column of the index. Nothing if the bytes are not a complete key of it.
 std::vector<Value> KeyValues(Index const& index, std::string_view key);
+
+// Them as messages have them: texts in quotation marks, commas between.
+std::string KeyText(std::vector<Value> const& key);
 
 }  // namespace sagleme
 
