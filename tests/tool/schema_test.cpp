@@ -304,6 +304,7 @@ TEST_F(SchemaTest, Apply_DocumentOfAnotherDatabase_SaysSoBeforeAnythingIsLost) {
                                                 "plan would lose values or objects"))
       << refused.err;
   EXPECT_NE(std::string::npos, refused.err.find("Use --allow-destructive if you mean it."));
+  EXPECT_EQ(plan.out, refused.out);
   std::string const own = Write("own.json", On("schema").out);
   EXPECT_EQ("", On("apply", {own}).err);
 }

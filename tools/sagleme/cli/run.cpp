@@ -31,16 +31,32 @@ void ReportFailure(Output const& output, std::string const& what, std::string co
   if (!advice.empty()) output.Note(fmt::format("  {}\n", advice));
 }
 
+namespace {
+
+// What the command had printed comes first. That it cannot be shown is reported as well, unless
+// that is what the command failed with.
+void ReportBehindOutput(Output const& output, std::string const& what, std::string const& advice) {
+  try {
+    output.Flush();
+  } catch (Failure const& failure) {
+    if (failure.what() != what) ReportFailure(output, failure.what(), failure.advice());
+  } catch (OutputClosed const&) {  // nobody waits for it, but for what became of the command
+  }
+  ReportFailure(output, what, advice);
+}
+
+}  // namespace
+
 Exit Guarded(Output const& output, std::function<Exit()> const& work) {
   try {
     Exit const exit = work();
     output.Flush();
     return exit;
   } catch (Failure const& failure) {
-    ReportFailure(output, failure.what(), failure.advice());
+    ReportBehindOutput(output, failure.what(), failure.advice());
     return failure.exit();
   } catch (sagleme::Failure const& failure) {
-    ReportFailure(output, failure.what(), failure.advice());
+    ReportBehindOutput(output, failure.what(), failure.advice());
     return ExitOf(failure.kind());
   } catch (OutputClosed const&) {
     throw;
@@ -48,9 +64,9 @@ Exit Guarded(Output const& output, std::function<Exit()> const& work) {
     throw;
   } catch (sagleme::Error const& error) {
     if (error.status() == LSCOREDB_STOPPED) throw Interrupted();
-    ReportFailure(output, fmt::format("{} (status {})", error.what(), error.status()), "");
+    ReportBehindOutput(output, fmt::format("{} (status {})", error.what(), error.status()), "");
   } catch (std::exception const& error) {
-    ReportFailure(output, error.what(), "");
+    ReportBehindOutput(output, error.what(), "");
   }
   return Exit::kRefused;
 }

@@ -12,7 +12,8 @@ namespace tool {
 
 void ReportFailure(Output const& output, std::string const& what, std::string const& advice);
 
-// Runs `work` and flushes the output; reports what either throws and turns it into an exit status.
+// Runs `work` and flushes the output, also if `work` fails; reports what either throws and turns it
+// into an exit status.
 // OutputClosed and Interrupted pass.
 Exit Guarded(Output const& output, std::function<Exit()> const& work);
 
