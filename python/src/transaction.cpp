@@ -3,6 +3,8 @@
 #include <Python.h>
 #include <structmember.h>
 
+#include <sagleme/host/duplicates.hpp>
+
 #include "types.h"
 
 namespace binding {
@@ -75,7 +77,9 @@ void End(Transaction* self, Work&& work) {
 
 PyObject* Commit(PyObject* object, PyObject*) {
   return Guard([&]() -> PyObject* {
-    End(As<Transaction>(object), [](sagleme::Transaction& kernel) { kernel.Commit(); });
+    auto* const self = As<Transaction>(object);
+    End(self,
+        [self](sagleme::Transaction& kernel) { sagleme::Commit(kernel, *self->context->handle); });
     Py_RETURN_NONE;
   });
 }

@@ -3,6 +3,7 @@ import datetime
 import decimal
 import gc
 import pickle
+import threading
 import weakref
 
 import pytest
@@ -252,6 +253,26 @@ def test_a_second_value_of_a_unique_column(make):
         assert tx.all(Book).count() == 20
 
 
+def test_a_unique_value_that_another_thread_took_meanwhile(make):
+    db = make(*MODELS)
+    fill(db)
+    held = []
+
+    def take():
+        with db.write() as tx:
+            held.append(tx.new(Book, isbn="isbn 50").id)
+
+    with pytest.raises(sg.DuplicateKey) as caught, db.write() as tx:
+        tx.new(Book, isbn="isbn 50")
+        thread = threading.Thread(target=take)
+        thread.start()
+        thread.join()
+    assert 'duplicate key "isbn 50" in unique index ' in str(caught.value)
+    assert f"(object {held[0]})" in str(caught.value)
+    with db.read() as tx:
+        assert tx.all(Book).count() == 21
+
+
 def test_nested_transactions_are_refused(make):
     db = make(*MODELS)
     with db.read():
@@ -306,7 +327,6 @@ def test_representations(make):
 def test_conflicts_and_transact(make):
     db = make(*MODELS)
     fill(db)
-    import threading
 
     with db.read() as tx:
         id = tx.all(Book).first().id
