@@ -215,7 +215,7 @@ TEST(FreeListTest, WrongNumber_IsFoundBeforeTheFirstCommit) {
   EXPECT_GT(refused, 20U);
 }
 
-// The lists of free pages from page `number` on, as places in the file, oldest first.
+// The lists of free pages from page `number` on, as offsets in the file, oldest first.
 void FindLists(std::string const& file, std::uint64_t number, std::vector<std::size_t>* lists) {
   auto const short_at = [&](std::size_t at) {
     std::uint16_t value;

@@ -102,9 +102,9 @@ class PagesInUse {
 
  private:
   template <typename T>
-  T At(std::size_t place) const {
+  T At(std::size_t offset) const {
     T value;
-    std::memcpy(&value, file_.data() + place, sizeof value);
+    std::memcpy(&value, file_.data() + offset, sizeof value);
     return value;
   }
 

@@ -235,7 +235,7 @@ TEST_F(DamageTest, DamagedPage_LeavesTheOthersReadableInItsTransaction) {
   EXPECT_EQ(2U, statuses.size()) << "no other status";
 }
 
-// A page in the place of another one, with the number of that place: only the bounds of the pages
+// A page written over another one, with the number of that one: only the bounds of the pages
 // above tell.
 TEST_F(DamageTest, PageStoredTwice_GivesNoObjectTwice) {
   Fill();
@@ -264,7 +264,7 @@ TEST_F(DamageTest, PageStoredTwice_GivesNoObjectTwice) {
   EXPECT_GT(refused, 10);
 }
 
-// Numbers inside of a row are those of its lengths and places; they go wrong when it was read and
+// Numbers inside of a row are its lengths and offsets; they go wrong when it was read and
 // found sound, and lies in no memory.
 TEST_F(DamageTest, RowDamagedAfterItWasRead_EndsNoProcess) {
   constexpr std::uint32_t kWild = 0x7FFFFFF1;

@@ -138,7 +138,7 @@ class FlipTest : public testing::TestWithParam<int> {
 
   std::string File() const { return directory_ / "data.mdb"; }
 
-  // Half of the places are in the heads of pages, where they do most harm.
+  // Half of the offsets are in page headers, where they do most harm.
   std::size_t Offset(std::mt19937& random) const {
     std::size_t const at = random() % file_.size();
     return random() % 2 == 0 ? at : at / kPage * kPage + random() % 160;

@@ -41,9 +41,9 @@ class IndexOrderTest : public KernelTest {
     // Every third row from the top, so that neither ids nor time of writing follow the order.
     for (std::size_t i = 0; i < samples.size(); ++i) {
       std::size_t const at = (samples.size() - 1 - i) * 3 % samples.size();
-      std::size_t const place = samples.size() % 3 == 0 ? samples.size() - 1 - i : at;
-      rows[place] = session_.Insert(layout);
-      samples[place].put(session_, rows[place]);
+      std::size_t const position = samples.size() % 3 == 0 ? samples.size() - 1 - i : at;
+      rows[position] = session_.Insert(layout);
+      samples[position].put(session_, rows[position]);
       if (i == samples.size() / 2) {
         ExpectPartial(up, rows);
         Restart();

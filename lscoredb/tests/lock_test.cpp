@@ -158,7 +158,7 @@ TEST_F(LockTest, HeaderBeingWritten_IsNoDamage) {
   close(file);
 }
 
-// All places for transactions are taken by this process.
+// This process takes all slots for transactions.
 class FullTableTest : public LockTest {
  protected:
   FullTableTest() {

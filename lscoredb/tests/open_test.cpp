@@ -250,7 +250,7 @@ TEST_F(ReadOnlyTest, ReadOnlyDatabase_MakesNoLog) {
   ExpectReadOnly(Database(place_, options));
 }
 
-// A reader with a place sees the commits of another process, one by one.
+// A reader with a slot sees the commits of another process, one by one.
 TEST_F(ReadOnlyTest, ReaderWithASlot_ReadsBesideAWriter) {
   OtherProcess writer([&](OtherProcess& test) {
     Database database(place_);
@@ -280,7 +280,7 @@ TEST_F(ReadOnlyTest, ReaderWithASlot_ReadsBesideAWriter) {
   writer.ExpectGoodEnd();
 }
 
-// Without a place among the readers, no one would leave the pages alone that it reads.
+// Without a slot among the readers, no one would leave the pages alone that it reads.
 TEST_F(ReadOnlyTest, ReaderWithoutASlotAndAWriter_ExcludeEachOther) {
   {
     Database const writer(place_);

@@ -89,7 +89,7 @@ class RowMemoryBoundTest : public testing::Test {
 
   static CommitId State(std::uint64_t number) { return CommitId{number}; }
   static std::uint64_t ValueOf(std::uint64_t id, std::uint64_t state) { return id * 1000 + state; }
-  // Of very different sizes, so that the memory is full before the places for rows are.
+  // Of very different sizes, so that the memory is full before the slots for rows are.
   std::string ImageOf(std::uint64_t id, std::uint64_t state) {
     std::string const filling(id % 300, 'x');
     Cell const cells[] = {{ValueOf(id, state), nullptr, 0, true, false},

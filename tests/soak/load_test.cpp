@@ -81,7 +81,7 @@ class Load {
     EXPECT_EQ(0U, lscoredb_check(database_->handle(), 0, nullptr, nullptr));
   }
 
-  // All places of the reader table can be had.
+  // All slots of the reader table can be taken.
   void CheckReaders() {
     std::deque<sagleme::Context> contexts;
     std::deque<sagleme::RawTransaction> transactions;

@@ -27,7 +27,7 @@ constexpr std::size_t UnitBytes(char16_t unit) {
   return unit < 0x80 ? 1 : unit < 0x800 ? 2 : kMaxUnitBytes;
 }
 
-// Writes UnitBytes(unit) bytes to `to` and returns the place behind them.
+// Writes UnitBytes(unit) bytes to `to` and returns the position after them.
 inline std::uint8_t* WriteUnit(char16_t unit, std::uint8_t* to) {
   if (unit < 0x80) {
     *to++ = static_cast<std::uint8_t>(unit);

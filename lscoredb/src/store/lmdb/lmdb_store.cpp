@@ -325,7 +325,7 @@ int LmdbStore::TakeSnapshot(std::unique_ptr<LmdbSnapshot>* out) {
 }
 
 // The store takes the number of the newest state first, and then copies what describes that state
-// from one of two places that commits write to in turn. When two commits get in between, the number
+// from one of two headers that commits write in turn. When two commits get in between, the number
 // and the copy belong to different states, or the copy to both. While the number is still the one
 // that is given out, the first of the two commits is not over, and the copy is whole.
 std::unique_ptr<LmdbSnapshot> LmdbStore::BeginSnapshot() {

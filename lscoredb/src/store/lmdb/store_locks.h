@@ -121,7 +121,7 @@ class WriteTurn : public Turn {
   explicit WriteTurn(StoreLocks& locks) : Turn(locks, locks.writing_) {}
 };
 
-// None for one who reads without a place. It may be taken in a WriteTurn, not the other way round.
+// None for one who reads without a slot. It may be taken in a WriteTurn, not the other way round.
 class PlacesTurn : public Turn {
  public:
   explicit PlacesTurn(StoreLocks& locks)
