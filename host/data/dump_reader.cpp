@@ -83,7 +83,7 @@ void DumpReader::ReadSchemaLine() {
   ValidateSchema(schema_, source_);
 }
 
-// As dumps are written, up to the first value.
+// The beginning of a line as dumps are written, up to the first value.
 bool DumpReader::TakeHead(std::string_view& rest, DumpedObject* object) const {
   constexpr std::string_view kValues = ", \"v\": [";
   std::uint64_t table = 0;
@@ -94,7 +94,8 @@ bool DumpReader::TakeHead(std::string_view& rest, DumpedObject* object) const {
   return true;
 }
 
-// Most lines are as dumps are written. False for one that is not, which may be right all the same.
+// Most lines have the form that dumps are written in. False for one that has another, which may be
+// valid too.
 bool DumpReader::TakeLine(DumpedObject* object) {
   std::string_view rest = line_;
   return TakeHead(rest, object) && object->id.value != 0 && TakePlainArray(rest, values_) &&

@@ -45,8 +45,8 @@ class DumpReader {
   std::span<RowValue const> values() const { return values_; }
   // Complains about the line read last.
   [[noreturn]] void Refuse(std::string const& what) const;
-  // Complains about the line of the first object for which `is` holds. REQUIRES: there is one, and
-  // all were read.
+  // Throws for the line of the first object for which `is` holds. REQUIRES: there is one, and all
+  // were read.
   template <typename Is>
   [[noreturn]] void RefuseObject(std::string const& what, Is&& is) {
     Rewind();

@@ -93,7 +93,7 @@ class Loader {
     }
   }
 
-  // Where the dump has the object that makes a key come twice, its line is told.
+  // Reports the line of the object in the dump that repeats a key.
   [[noreturn]] void RefuseIndex(Transaction& transaction, Change const& change,
                                 Error const& error) {
     std::string const what = fmt::format("cannot {}: {}", DescribeChange(change), error.what());

@@ -5,7 +5,7 @@ namespace {
 
 using Kind = RowValue::Kind;
 
-// Ends where a character is asked for that is not there: no item begins or goes on with a zero.
+// Returns zero at the end: no item begins or continues with it.
 class Scanner {
  public:
   explicit Scanner(std::string_view text) : at_(text.data()), end_(at_ + text.size()) {}
@@ -45,7 +45,7 @@ class Scanner {
     value = {0, Kind::kText, {begin, static_cast<std::size_t>(at_ - begin)}, {}};
     return Take('"') && !HasSurrogate(value.text);
   }
-  // JSON has none in UTF-8, where a stored text may be given with them.
+  // JSON has no surrogates in UTF-8, but stored texts may have them.
   static bool HasSurrogate(std::string_view text) {
     for (auto at = text.find('\xED'); at != text.npos; at = text.find('\xED', at + 1)) {
       if (at + 1 < text.size() && static_cast<unsigned char>(text[at + 1]) >= 0xA0) return true;
@@ -62,7 +62,7 @@ class Scanner {
     return true;
   }
 
-  // "-0" is left to those who know what it is: an integer, which has no sign.
+  // "-0" is left to the general reader, which takes it for an integer without a sign.
   bool TakeNumber(RowValue& value) {
     char const* const begin = at_;
     Take('-');

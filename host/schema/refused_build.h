@@ -1,7 +1,7 @@
 #ifndef SAGLEME_HOST_SCHEMA_REFUSED_BUILD_H
 #define SAGLEME_HOST_SCHEMA_REFUSED_BUILD_H
 
-// Why a unique index could not be built over the objects that are there.
+// Why a unique index could not be built over the existing objects.
 
 #include <optional>
 #include <sagleme/schema_plan.hpp>
@@ -15,8 +15,8 @@ struct RefusedBuild {
   ObjectId second;
 };
 
-// Of the index that the kernel refused last in the transaction. Nothing if it refused none for the
-// sake of a key.
+// For the index that the kernel refused last in the transaction. Nothing if it refused none because
+// of a key.
 std::optional<RefusedBuild> FindRefusedBuild(Transaction& transaction,
                                              change::CreateIndex const& refused);
 

@@ -13,7 +13,7 @@ namespace sagleme {
 // One value for each column of the index. Nothing if the bytes are not a complete key of it.
 std::vector<Value> KeyValues(Index const& index, std::string_view key);
 
-// Them as messages have them: texts in quotation marks, commas between.
+// The form for messages: texts in quotation marks, separated by commas.
 std::string KeyText(std::vector<Value> const& key);
 
 }  // namespace sagleme

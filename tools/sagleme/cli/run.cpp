@@ -33,8 +33,8 @@ void ReportFailure(Output const& output, std::string const& what, std::string co
 
 namespace {
 
-// What the command had printed comes first. That it cannot be shown is reported as well, unless
-// that is what the command failed with.
+// The command's output comes first. A failure to write it is reported too, unless that is how the
+// command failed.
 void ReportBehindOutput(Output const& output, std::string const& what, std::string const& advice) {
   try {
     output.Flush();
