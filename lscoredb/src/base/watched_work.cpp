@@ -24,8 +24,8 @@ std::uint64_t WatchedWork::DoneOfShare() const {
          static_cast<std::uint64_t>(part * static_cast<double>(share_.end - share_.begin));
 }
 
-void WatchedWork::Tell() {
-  tell_at_ = done_ + std::max(kStepsBetween, steps_ / kWhole);
+void WatchedWork::Report() {
+  report_at_ = done_ + std::max(kStepsBetween, steps_ / kWhole);
   Watch const& watch = ThreadWatch();
   if (watch.callback == nullptr) return;
   std::uint32_t const answer = is_share_ ? watch.callback(watch.user, DoneOfShare(), kWhole)

@@ -1,8 +1,8 @@
 #ifndef LSCOREDB_SRC_WATCHED_WORK_H
 #define LSCOREDB_SRC_WATCHED_WORK_H
 
-// Long work that the thread's watch is told of, and that it may stop: see lscoredb/watch.h. Where
-// no watch is set a step costs an addition and a comparison.
+// Long work that the thread's watch observes and may stop: see lscoredb/watch.h. Without a watch, a
+// step costs an addition and a comparison.
 
 #include <lscoredb/watch.h>
 
@@ -28,7 +28,7 @@ inline constexpr WorkShare kPageShare{0, 200};
 
 class WatchedWork {
  public:
-  // Work of unknown length: the steps themselves are told.
+  // Work of unknown length: reports the steps themselves.
   WatchedWork() = default;
   // A part of the work, with about so many steps.
   WatchedWork(WorkShare share, std::uint64_t steps)
@@ -39,27 +39,27 @@ class WatchedWork {
   // REQUIRES: `done` is not below what it was before.
   void AdvanceTo(std::uint64_t done) {
     done_ = done;
-    if (done_ >= tell_at_) [[unlikely]]
-      Tell();
+    if (done_ >= report_at_) [[unlikely]]
+      Report();
   }
   // A step that brings the work no further as it is counted.
   void Linger() {
     if (++lingered_ % kStepsBetween == 0) [[unlikely]]
-      Tell();
+      Report();
   }
 
  private:
   // A watch that reads a clock costs less than so many steps.
   static constexpr std::uint64_t kStepsBetween = 256;
 
-  void Tell();
+  void Report();
   std::uint64_t DoneOfShare() const;
 
   WorkShare share_;
   std::uint64_t steps_ = 0;
   bool is_share_ = false;
   std::uint64_t done_ = 0;
-  std::uint64_t tell_at_ = 1;
+  std::uint64_t report_at_ = 1;
   std::uint64_t lingered_ = 0;
 };
 

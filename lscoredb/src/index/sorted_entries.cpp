@@ -52,9 +52,9 @@ SortedRecord SortedRecord::At(char const* bytes) {
 
 // ---- reading -----------------------------------------------------------------------------------
 
-class SortedEntries::Walk final : public TreeCursor {
+class SortedEntries::Scan final : public TreeCursor {
  public:
-  explicit Walk(SortedEntries const& entries) : entries_(entries) {}
+  explicit Scan(SortedEntries const& entries) : entries_(entries) {}
 
   bool Seek(std::string_view key, KeyValue* entry) override {
     return GoTo(entries_.LowerBound(key), entry);
@@ -98,7 +98,7 @@ bool SortedEntries::Get(Tree tree, std::string_view key, std::string_view* value
 
 // REQUIRES: the tree is kIndex, which is all there is.
 void SortedEntries::OpenCursor(Tree, std::unique_ptr<TreeCursor>& cursor) const {
-  cursor = std::make_unique<Walk>(*this);
+  cursor = std::make_unique<Scan>(*this);
 }
 
 // ---- sorting -----------------------------------------------------------------------------------
@@ -129,21 +129,20 @@ EntrySorter::EntrySorter(std::string directory, std::size_t prefix_size, std::si
 void EntrySorter::Add(std::string_view key, std::string_view value) {
   SortedRecord const record{key, value, 0};
   if (value.size() > std::numeric_limits<std::uint32_t>::max()) Throw(LSCOREDB_TOO_LARGE);
-  std::uint64_t const needed =
-      records_.size() + record.size() + (places_.size() + 1) * sizeof(Place);
-  if (needed > memory_ && !directory_.empty() && !places_.empty()) WriteRun();
+  std::uint64_t const needed = records_.size() + record.size() + (slots_.size() + 1) * sizeof(Slot);
+  if (needed > memory_ && !directory_.empty() && !slots_.empty()) WriteRun();
   std::array<char, sizeof(std::uint64_t)> begins{};
   std::string_view const rest = key.substr(prefix_size_);
   std::copy_n(rest.begin(), std::min(rest.size(), begins.size()), begins.begin());
-  places_.push_back({LoadBig<std::uint64_t>(begins.data()), records_.size()});
+  slots_.push_back({LoadBig<std::uint64_t>(begins.data()), records_.size()});
   record.AppendTo(records_);
 }
 
 void EntrySorter::Sort() {
-  auto const key_at = [&](Place const& place) {
-    return SortedRecord::At(records_.data() + place.at).key;
+  auto const key_at = [&](Slot const& slot) {
+    return SortedRecord::At(records_.data() + slot.at).key;
   };
-  std::sort(places_.begin(), places_.end(), [&](Place const& a, Place const& b) {
+  std::sort(slots_.begin(), slots_.end(), [&](Slot const& a, Slot const& b) {
     return a.begins != b.begins ? a.begins < b.begins : key_at(a) < key_at(b);
   });
 }
@@ -153,10 +152,10 @@ void EntrySorter::WriteRun() {
   if (spilled_ == nullptr) spilled_ = std::make_unique<TemporaryFile>(directory_);
   std::uint64_t const begin = spilled_->size();
   FileWriter writer(*spilled_);
-  for (Place const& place : places_) writer.Write(SortedRecord::At(records_.data() + place.at));
+  for (Slot const& slot : slots_) writer.Write(SortedRecord::At(records_.data() + slot.at));
   writer.Flush();
   runs_.push_back({begin, spilled_->size()});
-  places_.clear();
+  slots_.clear();
   records_.clear();
 }
 
@@ -231,22 +230,22 @@ void EntrySorter::Merge(SortedEntries& sorted, WatchedWork& work) {
 }
 
 std::unique_ptr<SortedEntries const> EntrySorter::Finish(WatchedWork& work) {
-  if (places_.empty() && runs_.empty()) return nullptr;
+  if (slots_.empty() && runs_.empty()) return nullptr;
   std::unique_ptr<SortedEntries> sorted(new SortedEntries);
   if (runs_.empty()) {
     Sort();
     sorted->memory_.reserve(records_.size());
     SortedEntries::Writer writer(*sorted);
-    for (Place const& place : places_) {
+    for (Slot const& slot : slots_) {
       work.Linger();
-      writer.Add(SortedRecord::At(records_.data() + place.at),
+      writer.Add(SortedRecord::At(records_.data() + slot.at),
                  [&](SortedRecord const& record) { record.AppendTo(sorted->memory_); });
     }
     sorted->content_ = sorted->memory_;
   } else {
-    if (!places_.empty()) WriteRun();
+    if (!slots_.empty()) WriteRun();
     records_ = {};
-    places_ = {};
+    slots_ = {};
     Merge(*sorted, work);
     spilled_.reset();
   }

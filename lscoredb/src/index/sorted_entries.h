@@ -48,7 +48,7 @@ class SortedEntries final : public View {
 
  private:
   friend class EntrySorter;
-  class Walk;
+  class Scan;
   class Writer;
 
   SortedEntries() = default;
@@ -79,7 +79,7 @@ class EntrySorter {
 
  private:
   // Mostly the first bytes behind the prefix tell which is lower.
-  struct Place {
+  struct Slot {
     std::uint64_t begins;
     std::uint64_t at;
   };
@@ -97,7 +97,7 @@ class EntrySorter {
   std::size_t const prefix_size_;
   std::size_t const memory_;
   std::string records_;
-  std::vector<Place> places_;
+  std::vector<Slot> slots_;
   std::unique_ptr<TemporaryFile> spilled_;
   std::vector<Run> runs_;
 };
