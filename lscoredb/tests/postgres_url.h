@@ -12,6 +12,12 @@
 
 namespace lscore {
 
+// Whether suites of other stores are to run on the server of tools/with-postgres.
+inline bool RunsOnServer() {
+  char const* const store = std::getenv("SAGLEME_TEST_STORE");
+  return store != nullptr && std::string(store) == "postgres";
+}
+
 // The URL of a schema that is not there yet.
 inline std::string NewServerUrl() {
   static std::atomic<int> count{0};

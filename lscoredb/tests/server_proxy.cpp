@@ -130,7 +130,8 @@ bool ServerProxy::Pass(int from, int to, bool from_client, bool* asked) {
   bool const commits =
       from_client && said.find(kTicket) != said.npos && said.find(kCommit) != said.npos;
   Cut const cut = commits ? cut_.exchange(Cut::kNever) : Cut::kNever;
-  if (cut == Cut::kBeforeCommit) return false;
+  if (cut == Cut::kBeforeAndClose) Close();
+  if (cut == Cut::kBeforeCommit || cut == Cut::kBeforeAndClose) return false;
   if (!from_client && *asked) ++round_trips_;
   *asked = from_client && !IsPosted(said);
   if (!SendAll(to, said.data(), said.size())) return false;

@@ -20,6 +20,7 @@ enum class Cut : std::uint8_t {
   kBeforeCommit,  // the server does not get to see the commit
   kAfterCommit,   // the client does not get to see the reply
   kAndClose,      // nor does anybody get through afterwards
+  kBeforeAndClose,
 };
 
 class ServerProxy {

@@ -20,6 +20,7 @@ struct lscoredb {
   std::shared_ptr<lscore::Database> database;
   std::atomic<std::uint32_t> contexts{0};
   std::uint64_t process = lscore::ProcessNumber();  // that opened it
+  std::shared_ptr<void> creation;                   // the lock, while it is held
 };
 
 namespace lscore {

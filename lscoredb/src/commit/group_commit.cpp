@@ -7,6 +7,10 @@ namespace {
 
 CommitRequest& RequestOf(CommitTicket* ticket) { return static_cast<CommitRequest&>(*ticket); }
 
+bool TookPart(CommitRequest const& request) {
+  return request.status == LORV_STATUS_OK && !request.changes.empty();
+}
+
 }  // namespace
 
 Status GroupCommit::Run(CommitRequest& request) {
@@ -46,8 +50,7 @@ void GroupCommit::Lead(Tickets tickets) noexcept {
 void GroupCommit::LeaveOpen(Tickets tickets) noexcept {
   for (CommitTicket* const ticket : tickets) {
     CommitRequest& request = RequestOf(ticket);
-    bool const took_part = request.status == LORV_STATUS_OK && !request.changes.empty();
-    if (took_part) request.status = LSCOREDB_COMMIT_UNKNOWN;
+    if (TookPart(request)) request.status = LSCOREDB_COMMIT_UNKNOWN;
   }
 }
 
@@ -63,6 +66,19 @@ std::unique_ptr<Batch> GroupCommit::BeginBatch(Tickets tickets) {
 bool GroupCommit::IsNext(CommitId snapshot, CommitId batch) {
   std::uint64_t const between = Raw(batch) - Raw(snapshot) - 1;
   return between == 0 || between == ids_.ReservationsBetween(snapshot, batch);
+}
+
+void GroupCommit::Commit(Batch& batch, Tickets tickets) {
+  try {
+    batch.Commit();
+  } catch (Failure const& failure) {
+    if (failure.status() == LSCOREDB_COMMIT_UNKNOWN) {
+      for (CommitTicket* const ticket : tickets) {
+        if (TookPart(RequestOf(ticket))) RequestOf(ticket).in_doubt = batch.in_doubt();
+      }
+    }
+    throw;
+  }
 }
 
 // One batch of the store for all tickets. In their order:
@@ -98,7 +114,7 @@ void GroupCommit::TryAll(Tickets tickets) {
   identity_.Assure(*batch);
   IdRange const block = ids_.TopUp(*batch);
   kept.TakeOut(batch->id());
-  batch->Commit();
+  Commit(*batch, tickets);
   kept.PutBack();
   ids_.Install(block);
 }

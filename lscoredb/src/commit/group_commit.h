@@ -36,7 +36,8 @@ struct CommitRequest : CommitTicket {
   Snapshot const& snapshot;
   CommitId index_version;  // of the snapshot
   Status status = LORV_STATUS_OK;
-  RefusedKey refused;  // with LSCOREDB_DUPLICATE_KEY
+  RefusedKey refused;      // with LSCOREDB_DUPLICATE_KEY
+  CommitInDoubt in_doubt;  // with LSCOREDB_COMMIT_UNKNOWN
 };
 
 class GroupCommit {
@@ -58,6 +59,7 @@ class GroupCommit {
   std::unique_ptr<Batch> BeginBatch(Tickets tickets);
   static void LeaveOpen(Tickets tickets) noexcept;
   bool IsNext(CommitId snapshot, CommitId batch);
+  static void Commit(Batch& batch, Tickets tickets);
 
   Store& store_;
   IdAllocator& ids_;

@@ -81,6 +81,13 @@ class Copier {
   WatchedWork work_;
 };
 
+constexpr std::uint64_t kFirstState = 1;  // of tables that were just made
+
+[[noreturn]] void RefuseTarget() {
+  NoteOpenError("the database", "it exists already");
+  Throw(LSCOREDB_CANNOT_OPEN);
+}
+
 }  // namespace
 
 void CopyStore(Store& store, char const* directory) {
@@ -89,16 +96,21 @@ void CopyStore(Store& store, char const* directory) {
   std::uint64_t const max_file_size = store.Statistics().max_file_size;
   if (max_file_size != 0) options.max_file_size = max_file_size;  // a server has none
   // A directory was found to be empty already.
-  if (IsServerUrl(directory) && StoreExists(directory)) {
-    NoteOpenError("the target", "there is a database already");
-    Throw(LSCOREDB_CANNOT_OPEN);
-  }
+  bool const on_server = IsServerUrl(directory);
+  if (on_server && StoreExists(directory)) RefuseTarget();
   std::unique_ptr<Store> const target = OpenStore(directory, options);
+  std::shared_ptr<void> alone = target->LockCreation();
+  if (on_server && Raw(target->Statistics().last_commit) != kFirstState) RefuseTarget();
   std::unique_ptr<Snapshot> snapshot = store.Begin();
   try {
     Copier(*snapshot, *target, store.Statistics().file_size).Run();
   } catch (...) {
     store.End(std::move(snapshot));
+    alone.reset();
+    static_cast<void>(Guarded([&]() -> Status {
+      target->Discard();
+      return LORV_STATUS_OK;
+    }));
     throw;
   }
   store.End(std::move(snapshot));

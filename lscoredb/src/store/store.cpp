@@ -1,6 +1,7 @@
 #include "store.h"
 
 #include "layout_board.h"
+#include "open_error.h"
 
 namespace lscore {
 
@@ -26,5 +27,15 @@ void Store::EndOwnCommit(Batch const& batch, bool succeeded) {
 }
 
 bool Store::ListChanges(View const&, CommitId, std::vector<ObjectId>*) const { return false; }
+
+std::shared_ptr<void> Store::LockCreation() {
+  try {
+    return WaitForCreationLock();
+  } catch (Failure const& failure) {
+    if (failure.status() != LSCOREDB_CONFLICT) throw;
+    NoteOpenError("the database", "another process has not finished creating it");
+    Throw(LSCOREDB_CANNOT_OPEN);
+  }
+}
 
 }  // namespace lscore

@@ -41,6 +41,7 @@
 #include "foreign_commits.h"
 #include "ids.h"
 #include "layout_reservations.h"
+#include "status.h"
 
 namespace lscore {
 
@@ -79,8 +80,9 @@ struct StoreStatistics {
   CommitId oldest_commit{0};  // that anybody reads
   std::uint32_t readers = 0;
   std::uint32_t max_readers = 0;
-  std::uint64_t log_size = 0;    // of commits that were appended, and not brought to their places
-  std::uint64_t log_memory = 0;  // of this process, for these and for what snapshots keep of them
+  std::uint64_t log_size = 0;     // of commits that were appended, and not brought to their places
+  std::uint64_t log_memory = 0;   // of this process, for these and for what snapshots keep of them
+  std::uint64_t round_trips = 0;  // that somebody of this process waited for
 };
 
 // A part of the store that cannot be read. Keys of the tree from `low` on and below `high` are lost
@@ -158,6 +160,12 @@ class View {
 // from Store::Begin and goes back to it.
 class Snapshot : public View {};
 
+// By which a store knows a commit whose outcome it could not tell.
+struct CommitInDoubt {
+  std::string ticket;  // empty: none
+  CommitId state{0};
+};
+
 // The one open batch of writes of the store. It reads what it has written. Changes nothing unless
 // Commit returned. Bytes that it hands out stay until its next write.
 class Batch : public View {
@@ -173,6 +181,8 @@ class Batch : public View {
   virtual void Remove(Tree tree, std::string_view key) { Delete(tree, key); }
   // All or nothing; afterwards the batch is over either way. REQUIRES: no cursor over it is open.
   virtual void Commit() = 0;
+  // After a commit that threw LSCOREDB_COMMIT_UNKNOWN.
+  virtual CommitInDoubt in_doubt() const { return {}; }
 };
 
 // Goes through a tree in key order. May be opened over and over; over snapshots of one store that
@@ -261,6 +271,20 @@ class Store {
   // Whether it was opened only to be read: then BeginBatch throws LSCOREDB_READ_ONLY_DATABASE.
   virtual bool read_only() const { return false; }
 
+  // Whether a commit took place; if not, it never will. Throws LSCOREDB_COMMIT_UNKNOWN if that
+  // cannot be found out.
+  virtual bool AskOutcome(CommitInDoubt const& /* commit */) const {
+    Throw(LSCOREDB_COMMIT_UNKNOWN);
+  }
+
+  // Takes the lock for creating the contents of a new database, and returns it; null if the store
+  // has none. Throws LSCOREDB_CANNOT_OPEN, and notes why, if another process does not release it.
+  std::shared_ptr<void> LockCreation();
+
+  // Removes everything from a server, where no directory can be removed. REQUIRES: nobody uses the
+  // store.
+  virtual void Discard() {}
+
   // From now on every commit is synced. REQUIRES: no batch is open.
   virtual void RequireSync() = 0;
 
@@ -291,6 +315,9 @@ class Store {
   void EndOwnCommit(Batch const& batch, bool succeeded);
 
  protected:
+  // Throws LSCOREDB_CONFLICT if another process does not release the lock.
+  virtual std::shared_ptr<void> WaitForCreationLock() { return nullptr; }
+
   // Appends the objects that the commits after `after` changed, whoever made them, up to the state
   // that `view` reads; of a batch, up to the state that it began from. It may name others too.
   // Returns false when it cannot list them, or had better not since they are many: then the process

@@ -1,5 +1,8 @@
 #include "iterator.h"
 
+#include <algorithm>
+#include <vector>
+
 #include "bytes.h"
 #include "keys.h"
 
@@ -36,6 +39,8 @@ void Iterator::Start(ScanSource const& source, IndexDefinition const& index) {
   given_ = kNoObject;
   steps_ = 0;
   reading_ = false;
+  together_ = kFirstTogether;
+  asked_ = 0;
   if (has_committed_) {
     committed_.Open(*below, index);
     reverse_ ? committed_.SeekLast(high_) : committed_.SeekFirst(low_);
@@ -141,10 +146,31 @@ Entry const* Iterator::NextEntry() {
 // read is not to wait for the answer.
 void Iterator::FetchAhead() {
   if (!has_committed_) return;
+  if (source_.far) return AskTogether();
   if (steps_++ % kStepsPerLook == 1) reading_ = source_.rows->Find(given_) != nullptr;
   if (!reading_) return;
   source_.shared_rows->PrefetchSlot(committed_.Guess(kSlotsAhead, !reverse_));
   source_.shared_rows->FetchRow(committed_.Guess(kRowsAhead, !reverse_));
+}
+
+// What waits for a server is asked for in one round trip, as far as the page of entries goes. The
+// snapshot keeps the rows.
+void Iterator::AskTogether() {
+  if (asked_ > 0) --asked_;
+  if (asked_ > 0 || given_ == kNoObject || source_.rows->Find(given_) == nullptr) return;
+  std::vector<std::uint64_t> wanted;
+  while (asked_ < together_) {
+    ObjectId const id = committed_.Guess(asked_, !reverse_);
+    if (id == kNoObject) break;
+    ++asked_;
+    if (source_.shared_rows->Find(id) == nullptr) wanted.push_back(Raw(id));
+  }
+  if (wanted.size() < 2) return;
+  together_ = std::min(2 * together_, kMostTogether);
+  std::vector<std::string_view> keys;
+  for (std::uint64_t const& id : wanted) keys.push_back(BytesOf(id));
+  std::vector<std::optional<std::string_view>> rows(keys.size());
+  source_.snapshot->GetMany(Tree::kRows, keys, rows);
 }
 
 Status Iterator::Next(ObjectId* object, LayoutNumber* layout) {

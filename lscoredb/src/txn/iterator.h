@@ -26,6 +26,7 @@ struct ScanSource {
   RowsInUse const* rows = nullptr;
   SharedRowCache::Reader* shared_rows = nullptr;
   Sequence seen = 0;  // later writes are not seen
+  bool far = false;   // reading a row takes a round trip
 };
 
 // The bounds as the contract has them, both inclusive.
@@ -68,10 +69,13 @@ class Iterator {
   void TakeDueStep();
   void StepPending();
   void FetchAhead();
+  void AskTogether();
 
   static constexpr std::size_t kSlotsAhead = 8;
   static constexpr std::size_t kRowsAhead = 4;
   static constexpr std::uint32_t kStepsPerLook = 32;
+  static constexpr std::size_t kFirstTogether = 16;
+  static constexpr std::size_t kMostTogether = 256;
 
   ScanSource source_;
   bool open_ = false;
@@ -89,7 +93,9 @@ class Iterator {
   ObjectId given_{};
   std::uint32_t steps_ = 0;
   bool reading_ = false;  // the objects that were given were read, when it was looked at last
-  Entry written_;         // the pending entry that is next
+  std::size_t together_ = kFirstTogether;  // rows that are asked for together next
+  std::size_t asked_ = 0;                  // steps that no row has to be asked for
+  Entry written_;                          // the pending entry that is next
 };
 
 }  // namespace lscore

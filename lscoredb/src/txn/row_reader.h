@@ -74,7 +74,8 @@ class RowReader {
   void EndScope();
 
   ScanSource scan_source() {
-    return {state_.snapshot.get(), &state_.changes, &cache_, &shared_rows_, state_.now};
+    return {state_.snapshot.get(), &state_.changes, &cache_,
+            &shared_rows_,         state_.now,      state_.database->store().takes_hints()};
   }
 
  private:

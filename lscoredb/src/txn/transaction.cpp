@@ -12,6 +12,7 @@ Transaction::~Transaction() {
 
 void Transaction::Begin(bool read_only) {
   Store& store = state_.database->store();
+  in_doubt_ = {};
   state_.snapshot = store.Begin();
   reader_.Begin(store.Notice(*state_.snapshot));
   refusal_ = read_only ? LSCOREDB_WRITE_REFUSED : LSCOREDB_READ_ONLY_DATABASE;
@@ -29,11 +30,18 @@ Status Transaction::Commit() {
       CommitRequest request{changes, *state_.snapshot, schema_.version()};
       Status const ended = state_.database->commits().Run(request);
       if (ended == LSCOREDB_DUPLICATE_KEY) state_.refused = std::move(request.refused);
+      in_doubt_ = std::move(request.in_doubt);
       return ended;
     });
   }
   End();
   return status;
+}
+
+Status Transaction::AskOutcome(bool* committed) const {
+  if (in_doubt_.ticket.empty()) return LSCOREDB_NO_TRANSACTION;
+  *committed = state_.database->store().AskOutcome(in_doubt_);
+  return LORV_STATUS_OK;
 }
 
 void Transaction::End() noexcept {

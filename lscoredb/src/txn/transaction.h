@@ -43,6 +43,9 @@ class Transaction {
   // Why the last commit, or an index that was to be created since the transaction began, gave
   // LSCOREDB_DUPLICATE_KEY; nothing when none did, or since the next transaction began.
   std::optional<RefusedKey> const& refused_key() const { return state_.refused; }
+  // Whether the last commit took place, after it was LSCOREDB_COMMIT_UNKNOWN and before the next
+  // Begin. LSCOREDB_NO_TRANSACTION when it was not.
+  Status AskOutcome(bool* committed) const;
   void Rollback() noexcept { End(); }
   // Commit fails when another transaction has changed the object since the snapshot.
   Status Require(ObjectId id);
@@ -109,6 +112,7 @@ class Transaction {
   // Each part uses only those above it.
   TransactionState state_;
   bool read_only_ = false;
+  CommitInDoubt in_doubt_;  // the last commit, if it is
   Status refusal_ = LSCOREDB_WRITE_REFUSED;
   ResultBuffers result_buffers_;
   Scans scans_;

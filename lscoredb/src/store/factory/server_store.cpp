@@ -5,6 +5,7 @@
 #include <string>
 
 #include "open_error.h"
+#include "server_place.h"
 #include "status.h"
 
 namespace lscore {
@@ -35,10 +36,12 @@ Function* Find(char const* name) {
 
 // Runs `work`, and keeps what the server said when it fails.
 template <typename Work>
-void CallServer(Work const& work) {
+void CallServer(char const* url, Work const& work) {
   std::string reason;
   Status const status = Guarded([&]() -> Status { return work(&reason); });
-  if (status != LORV_STATUS_OK && !reason.empty()) NoteOpenError("the database", reason);
+  if (status != LORV_STATUS_OK && !reason.empty()) {
+    NoteOpenError("the database", WithoutPasswords(reason, url));
+  }
   Check(status);
 }
 
@@ -47,7 +50,7 @@ void CallServer(Work const& work) {
 std::unique_ptr<Store> OpenServerStore(char const* url, StoreOptions const& options) {
   auto* const open = Find<OpenServerStoreFunction>("lscoredb_open_server_store");
   std::unique_ptr<Store> store;
-  CallServer([&](std::string* reason) {
+  CallServer(url, [&](std::string* reason) {
     store.reset(open(url, &options, kSeamVersion, reason));
     return store == nullptr ? LSCOREDB_NO_SERVER_LIBRARY : LORV_STATUS_OK;
   });
@@ -57,7 +60,7 @@ std::unique_ptr<Store> OpenServerStore(char const* url, StoreOptions const& opti
 bool HasServerStore(char const* url) {
   auto* const find = Find<FindServerStoreFunction>("lscoredb_find_server_store");
   int found = 0;
-  CallServer([&](std::string* reason) {
+  CallServer(url, [&](std::string* reason) {
     found = find(url, kSeamVersion, reason);
     return found < 0 ? LSCOREDB_NO_SERVER_LIBRARY : LORV_STATUS_OK;
   });

@@ -8,7 +8,9 @@
 #include <cerrno>
 #include <utility>
 
+#include "connection_options.h"
 #include "fork.h"
+#include "refusal.h"
 #include "status.h"
 
 namespace lscore {
@@ -55,6 +57,7 @@ constexpr std::array kMeanings = {
     Meaning{"53200", LSCOREDB_NO_MEMORY},         //
     Meaning{"53300", LSCOREDB_TOO_MANY_READERS},  // connections
     Meaning{"54000", LSCOREDB_TOO_LARGE},         //
+    Meaning{"55P03", LSCOREDB_CONFLICT},          // somebody else holds a lock
     Meaning{"57P", LSCOREDB_SERVER_LOST},         // it shuts down, or starts
     Meaning{"08", LSCOREDB_SERVER_LOST},          //
     Meaning{"28", LSCOREDB_CANNOT_OPEN},          // not let in
@@ -74,22 +77,34 @@ Status StatusOf(pg_result const* result) {
   return LSCOREDB_IO_ERROR;
 }
 
-// Before there is a connection the server's letters are not to be had. Whoever can be reached and
-// refuses has said why; a server that starts or stops comes back.
-Status StatusOfRefusal(pg_conn* connection) {
-  return PQsocket(connection) < 0 ? LSCOREDB_SERVER_LOST : LSCOREDB_CANNOT_OPEN;
+// Whether the server at the other end was heard, or may have been.
+bool HasAnswered(ConnStatusType state) {
+  switch (state) {
+    case CONNECTION_AWAITING_RESPONSE:
+    case CONNECTION_AUTH_OK:
+    case CONNECTION_SSL_STARTUP:
+    case CONNECTION_GSS_STARTUP:
+      return true;
+    default:  // not connected yet, or looking whether the session can write
+      return false;
+  }
 }
 
-thread_local std::string last_refusal;
+// Before there is a connection libpq does not give the server's error code, but it can tell whether
+// a server lets nobody in because it starts or stops.
+bool LetsNobodyIn(ConnectionOptions options, std::chrono::milliseconds timeout) {
+  auto const seconds = std::chrono::ceil<std::chrono::seconds>(timeout).count();
+  options.Set("connect_timeout", std::to_string(seconds));
+  return PQpingParams(options.Names().data(), options.Values().data(), 0) != PQPING_OK;
+}
 
-void NoteRefusal(pg_conn const* connection) {
-  last_refusal = PQerrorMessage(connection);
-  while (last_refusal.ends_with('\n')) last_refusal.pop_back();
+// The server's own words where there are any.
+void NoteRefusalIn(pg_result const* result) {
+  char const* const words = PQresultErrorField(result, PG_DIAG_MESSAGE_PRIMARY);
+  NoteRefusal(words != nullptr ? words : PQresultErrorMessage(result));
 }
 
 }  // namespace
-
-std::string const& LastRefusal() noexcept { return last_refusal; }
 
 void FreeResult::operator()(pg_result* result) const noexcept { PQclear(result); }
 
@@ -140,9 +155,10 @@ Parameters& Parameters::ManyNumbers(std::vector<std::uint64_t> const& numbers) {
 
 // ---- the connection ----------------------------------------------------------------------------
 
-Connection::Connection(ServerUrl const& url) : timeout_(url.timeout) {
+Connection::Connection(ServerUrl const& url, RoundTrips round_trips)
+    : timeout_(url.timeout), round_trips_(std::move(round_trips)) {
   try {
-    Open(url.connection);
+    Open(url);
   } catch (...) {
     PQfinish(connection_);
     throw;
@@ -155,25 +171,56 @@ Connection::~Connection() {
   PQfinish(connection_);
 }
 
-void Connection::Open(std::string const& connection) {
-  connection_ = PQconnectStart(connection.c_str());
+// Every host gets its share of the time. One that refuses has been reached, and ends the search.
+void Connection::Open(ServerUrl const& url) {
+  std::vector<ConnectionOptions> const hosts = ConnectionOptions(url.connection).HostByHost();
+  timeout_ = url.timeout / static_cast<int>(hosts.size());
+  std::string refusals;
+  Status status = LSCOREDB_SERVER_LOST;
+  for (std::size_t i = 0; i < hosts.size() && status == LSCOREDB_SERVER_LOST; ++i) {
+    PQfinish(std::exchange(connection_, nullptr));
+    broken_ = false;
+    status = Guarded([&] {
+      Connect(hosts[i]);
+      return Status{LORV_STATUS_OK};
+    });
+    if (status != LORV_STATUS_OK) refusals.append(i == 0 ? "" : "; ").append(LastRefusal());
+  }
+  timeout_ = url.timeout;
+  if (status == LORV_STATUS_OK) return;
+  NoteRefusal(refusals);
+  Throw(status);
+}
+
+void Connection::Connect(ConnectionOptions const& options) {
+  connection_ = PQconnectStartParams(options.Names().data(), options.Values().data(), 0);
   if (connection_ == nullptr) Throw(LSCOREDB_NO_MEMORY);
-  last_refusal = "no answer in time";
   Deadline const deadline = DeadlineFromNow();
-  PostgresPollingStatusType state = PGRES_POLLING_WRITING;
-  while (state != PGRES_POLLING_OK) {
-    if (PQstatus(connection_) == CONNECTION_BAD) {
-      NoteRefusal(connection_);
-      Throw(StatusOfRefusal(connection_));
-    }
-    Await(state == PGRES_POLLING_READING ? POLLIN : POLLOUT, deadline);
-    state = PQconnectPoll(connection_);
+  PostgresPollingStatusType awaited = PGRES_POLLING_WRITING;
+  ConnStatusType last = CONNECTION_NEEDED;
+  while (awaited != PGRES_POLLING_OK) {
+    ConnStatusType const now = PQstatus(connection_);
+    if (now == CONNECTION_BAD) Refuse(last, options);
+    last = now;
+    Await(awaited == PGRES_POLLING_READING ? POLLIN : POLLOUT, deadline);
+    awaited = PQconnectPoll(connection_);
   }
   PQsetNoticeProcessor(
       connection_, [](void*, char const*) {}, nullptr);
   if (PQsetnonblocking(connection_, 1) != 0 || PQenterPipelineMode(connection_) != 1) {
     Throw(LSCOREDB_NO_MEMORY);
   }
+}
+
+// `last`: the state before the connection failed. A server that was lost may come back; one that
+// refuses has said why. libpq drops its socket when the other end hangs up. A server that has let
+// the user in and tells its parameters is another one than target_session_attrs asks for.
+void Connection::Refuse(int last, ConnectionOptions const& options) {
+  NoteRefusal(PQerrorMessage(connection_));
+  bool const let_in = PQparameterStatus(connection_, "server_version") != nullptr;
+  bool const answered =
+      HasAnswered(static_cast<ConnStatusType>(last)) && PQsocket(connection_) >= 0 && !let_in;
+  Throw(answered && !LetsNobodyIn(options, timeout_) ? LSCOREDB_CANNOT_OPEN : LSCOREDB_SERVER_LOST);
 }
 
 Connection::Deadline Connection::DeadlineFromNow() const {
@@ -194,6 +241,7 @@ void Connection::Await(short events, Deadline deadline) {
     int const ready = poll(&socket, 1, wait);
     if (ready > 0) return;
     if (ready == 0 || errno != EINTR) {
+      NoteRefusal("the server does not answer");
       broken_ = true;
       Throw(LSCOREDB_SERVER_LOST);
     }
@@ -289,7 +337,10 @@ bool Connection::TakeResult(Deadline deadline, Status* failed, Result* out) {
     return true;
   }
   if (PQstatus(connection_) == CONNECTION_BAD) Throw(LSCOREDB_SERVER_LOST);
-  if (state != PGRES_PIPELINE_ABORTED && *failed == LORV_STATUS_OK) *failed = StatusOf(first);
+  if (state != PGRES_PIPELINE_ABORTED && *failed == LORV_STATUS_OK) {
+    *failed = StatusOf(first);
+    NoteRefusalIn(first);
+  }
   return false;
 }
 
@@ -317,7 +368,7 @@ std::vector<Result> Connection::Exchange(Lost lost) {
     if (broken_ || PQpipelineSync(connection_) != 1) Throw(LSCOREDB_SERVER_LOST);
     Flush(deadline);
     PassOverPosted(deadline);
-    ++round_trips_;
+    if (round_trips_ != nullptr) ++*round_trips_;
     return TakeResults(deadline);
   } catch (Failure const& failure) {
     if (failure.status() != LSCOREDB_SERVER_LOST) throw;

@@ -4,6 +4,7 @@
 // A connection to the server, which speaks in round trips: statements are gathered, sent together,
 // and answered together. One thread at a time.
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <memory>
@@ -69,13 +70,15 @@ enum class Lost : std::uint8_t {
 // Thrown in place of a Failure when the reply to a commit is lost.
 class ReplyLost {};
 
-// Why the server did not let this thread in when it last tried, in the server's words.
-std::string const& LastRefusal() noexcept;
+class ConnectionOptions;
+
+using RoundTrips = std::shared_ptr<std::atomic<std::uint64_t>>;
 
 class Connection {
  public:
-  // Connects. Throws LSCOREDB_UNREACHABLE, LSCOREDB_CANNOT_OPEN (refused) or LSCOREDB_NO_MEMORY.
-  explicit Connection(ServerUrl const& url);
+  // Connects. Throws LSCOREDB_SERVER_LOST, LSCOREDB_CANNOT_OPEN (refused) or LSCOREDB_NO_MEMORY.
+  // Counts the round trips that are waited for in `round_trips`, which may be null.
+  explicit Connection(ServerUrl const& url, RoundTrips round_trips = nullptr);
   ~Connection();
   Connection(Connection const&) = delete;
   Connection& operator=(Connection const&) = delete;
@@ -93,8 +96,6 @@ class Connection {
   // Whether it can be used for another transaction: it is outside of any, or will be when what was
   // posted is done.
   bool usable() const;
-  // Round trips that were waited for.
-  std::uint64_t round_trips() const { return round_trips_; }
 
  private:
   using Deadline = std::chrono::steady_clock::time_point;
@@ -102,7 +103,9 @@ class Connection {
     std::string prepares;  // the name of a statement; empty: it is executed
   };
 
-  void Open(std::string const& connection);
+  void Open(ServerUrl const& url);
+  void Connect(ConnectionOptions const& options);
+  [[noreturn]] void Refuse(int last, ConnectionOptions const& options);
   Deadline DeadlineFromNow() const;
   // Waits until the server can be read from, or written to. Throws when it takes too long.
   void Await(short events, Deadline deadline);
@@ -118,7 +121,7 @@ class Connection {
   std::set<std::string> prepared_;
   std::vector<Awaited> added_;
   std::size_t posted_ = 0;  // exchanges whose results are still to come
-  std::uint64_t round_trips_ = 0;
+  RoundTrips round_trips_;
   bool broken_ = false;
 };
 

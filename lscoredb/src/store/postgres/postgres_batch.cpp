@@ -267,11 +267,11 @@ void PostgresBatch::SendChanges(std::uint64_t state) {
 // commit among them.
 bool PostgresBatch::SendAll() {
   Statements const& statements = store_.statements();
-  std::string const ticket = NewTicket();
   std::uint64_t const state = Raw(id()) + TakeStatesBefore();
+  in_doubt_ = {NewTicket(), CommitId{state}};
   if (!store_.sync()) connection_->Add(statements.no_wait_for_disk);
   for (std::size_t i = 0; i < kTreeCount; ++i) Send(static_cast<Tree>(i));
-  connection_->Add(statements.put_ticket, Parameters().Bytes(ticket).Number(state));
+  connection_->Add(statements.put_ticket, Parameters().Bytes(in_doubt_.ticket).Number(state));
   SendChanges(state);
   if (state % kTidyEvery == 0 && state > kTicketsKept) {
     connection_->Add(statements.drop_tickets, Parameters().Number(state - kTicketsKept));
@@ -281,7 +281,7 @@ bool PostgresBatch::SendAll() {
     connection_->Exchange(Lost::kPerhapsDone);
     return true;
   } catch (ReplyLost const&) {
-    return store_.Resolve(ticket);
+    return store_.AskOutcome(in_doubt_);
   }
 }
 

@@ -37,6 +37,7 @@ class PostgresBatch final : public Batch {
   bool Delete(Tree tree, std::string_view key) override;
   void Remove(Tree tree, std::string_view key) override;
   void Commit() override;
+  CommitInDoubt in_doubt() const override { return in_doubt_; }
 
   // That it began from.
   StateRead const& state() const { return state_; }
@@ -62,6 +63,7 @@ class PostgresBatch final : public Batch {
   StateRead state_;
   std::unique_ptr<ServerView> mutable view_;
   std::array<Written, kTreeCount> written_;
+  CommitInDoubt in_doubt_;  // once it is being committed
 };
 
 }  // namespace lscore

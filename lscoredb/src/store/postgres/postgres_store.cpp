@@ -1,11 +1,14 @@
 #include "postgres_store.h"
 
 #include <algorithm>
+#include <chrono>
+#include <thread>
 #include <utility>
 
 #include "bytes.h"
 #include "format.h"
 #include "postgres_batch.h"
+#include "refusal.h"
 #include "server_reservations.h"
 #include "status.h"
 
@@ -13,6 +16,8 @@ namespace lscore {
 namespace {
 
 constexpr std::size_t kIdleConnections = 16;
+constexpr int kCreationTimeouts = 10;
+constexpr std::chrono::milliseconds kCreationPause{50};
 constexpr int kAttempts = 5;  // to make tables that another process may just be making
 
 Status StatusOf(std::function<void()> const& work) {
@@ -28,7 +33,7 @@ Status StatusOf(std::function<void()> const& work) {
 
 PostgresStore::PostgresStore(std::string_view url, StoreOptions const& options)
     : url_(ParseServerUrl(url)), options_(options), statements_(url_.schema), sync_(options.sync) {
-  auto connection = std::make_unique<Connection>(url_);
+  auto connection = std::make_unique<Connection>(url_, round_trips_);
   std::uint64_t version = 0;
   auto const read_version = [&] {
     Result const state = connection->Run(statements_.read_state);
@@ -37,6 +42,7 @@ PostgresStore::PostgresStore(std::string_view url, StoreOptions const& options)
   };
   if (Status const status = StatusOf(read_version);
       status == LSCOREDB_NOT_A_DATABASE && !read_only()) {
+    RequireNoForeignTables(*connection);
     MakeTables(*connection);
     read_version();
   } else {
@@ -46,7 +52,7 @@ PostgresStore::PostgresStore(std::string_view url, StoreOptions const& options)
   CheckFormat(*connection);
   idle_.push_back(std::move(connection));
   if (options.reserve_layouts && !read_only()) {
-    UseReservations(std::make_shared<ServerReservations>(url_, statements_));
+    UseReservations(std::make_shared<ServerReservations>(url_, statements_, round_trips_));
   }
 }
 
@@ -72,6 +78,15 @@ void PostgresStore::CheckFormat(Connection& connection) const {
   }
 }
 
+// Tables of other programs are neither used nor, when a copy fails, dropped.
+void PostgresStore::RequireNoForeignTables(Connection& connection) const {
+  Result const found =
+      connection.Run(statements_.find_foreign, Parameters().Bytes(url_.schema_name));
+  if (found.size() == 0) return;
+  NoteRefusal("the schema " + url_.schema + " holds tables of another program");
+  Throw(LSCOREDB_CANNOT_OPEN);
+}
+
 // Each statement by itself, since several processes may come here at once: whoever finds that
 // another one makes the same thing begins again.
 void PostgresStore::MakeTables(Connection& connection) const {
@@ -85,6 +100,25 @@ void PostgresStore::MakeTables(Connection& connection) const {
   }
   Throw(status == LSCOREDB_IO_ERROR || status == LSCOREDB_WRITE_REFUSED ? LSCOREDB_CANNOT_OPEN
                                                                         : status);
+}
+
+// The lock is a transaction that stays open; the server ends it with the connection.
+std::shared_ptr<void> PostgresStore::WaitForCreationLock() {
+  auto const begun = std::chrono::steady_clock::now();
+  auto lock = std::make_shared<Connection>(url_, round_trips_);
+  for (;;) {
+    Status const status = StatusOf([&] {
+      lock->Add(statements_.begin_batch);
+      lock->Add(statements_.lock_creation);
+      lock->Exchange();
+    });
+    if (status == LORV_STATUS_OK) return lock;
+    if (status != LSCOREDB_CONFLICT) Throw(status);
+    lock->Run(statements_.rollback);
+    bool const late = std::chrono::steady_clock::now() - begun > kCreationTimeouts * url_.timeout;
+    if (late && url_.timeout.count() != 0) Throw(status);
+    std::this_thread::sleep_for(kCreationPause);
+  }
 }
 
 // ---- connections -------------------------------------------------------------------------------
@@ -106,7 +140,7 @@ UsedConnection PostgresStore::TakeConnection() const {
     }
   }
   std::unique_ptr<Connection> made;
-  Status const status = StatusOf([&] { made = std::make_unique<Connection>(url_); });
+  Status const status = StatusOf([&] { made = std::make_unique<Connection>(url_, round_trips_); });
   if (status == LORV_STATUS_OK) return {made.release(), LetGo{this}};
   GiveBack(nullptr);
   // It let others of ours in a moment ago: what it lacks is room for one more.
@@ -245,6 +279,7 @@ StoreStatistics PostgresStore::Statistics() const {
   statistics.oldest_commit = readers_.empty() ? statistics.last_commit : *readers_.begin();
   statistics.readers = static_cast<std::uint32_t>(readers_.size());
   statistics.max_readers = options_.max_readers;
+  statistics.round_trips = *round_trips_;
   return statistics;
 }
 
@@ -258,13 +293,18 @@ bool PostgresStore::sync() const {
   return sync_;
 }
 
-bool PostgresStore::Resolve(std::string const& ticket) const {
+// Tickets that were dropped tell nothing.
+bool PostgresStore::AskOutcome(CommitInDoubt const& commit) const {
   bool committed = false;
   Status const status = StatusOf([&] {
-    Connection connection(url_);
-    connection.Add(statements_.fence_ticket, Parameters().Bytes(ticket));
-    connection.Add(statements_.read_ticket, Parameters().Bytes(ticket));
-    committed = connection.Exchange().back().size() > 0;
+    Connection connection(url_, round_trips_);
+    connection.Add(statements_.fence_ticket, Parameters().Bytes(commit.ticket));
+    connection.Add(statements_.read_ticket, Parameters().Bytes(commit.ticket));
+    connection.Add(statements_.read_state);
+    std::vector<Result> const results = connection.Exchange();
+    committed = results[1].size() > 0;
+    bool const kept = results[2].Number(0, 0) <= Raw(commit.state) + kTicketsKept;
+    if (!committed && !kept) Throw(LSCOREDB_COMMIT_UNKNOWN);
   });
   if (status != LORV_STATUS_OK) Throw(LSCOREDB_COMMIT_UNKNOWN);
   return committed;

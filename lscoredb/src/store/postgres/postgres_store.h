@@ -61,6 +61,8 @@ class PostgresStore final : public Store {
   void RequireSync() override;
   bool read_only() const override { return options_.access == Access::kRead; }
   bool FreeDeadReaders() override { return false; }
+  void Discard() override { TakeConnection()->Run(statements_.drop_tables); }
+  bool AskOutcome(CommitInDoubt const& commit) const override;
 
   // For snapshots and batches.
   Statements const& statements() const { return statements_; }
@@ -73,21 +75,21 @@ class PostgresStore final : public Store {
   void NoteKnown(CommitId state) const noexcept;
   std::mutex& batch_mutex() { return batch_mutex_; }
   UsedConnection TakeConnection() const;
-  // Whether the commit of a ticket whose reply was lost took place; when not, it never will.
-  // Throws LSCOREDB_COMMIT_UNKNOWN.
-  bool Resolve(std::string const& ticket) const;
 
  private:
   friend struct LetGo;
   void GiveBack(std::unique_ptr<Connection> connection) const noexcept;
   bool ListChanges(View const& view, CommitId after, std::vector<ObjectId>* changed) const override;
+  std::shared_ptr<void> WaitForCreationLock() override;
   void CheckFormat(Connection& connection) const;
+  void RequireNoForeignTables(Connection& connection) const;
   void MakeTables(Connection& connection) const;
   CommitId NewestState() const;
 
   ServerUrl const url_;
   StoreOptions const options_;
   Statements const statements_;
+  RoundTrips const round_trips_ = std::make_shared<std::atomic<std::uint64_t>>(0);
   std::mutex batch_mutex_;  // held by the open batch
   std::mutex mutable mutex_;
   bool sync_;

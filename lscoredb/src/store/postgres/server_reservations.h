@@ -17,8 +17,10 @@ namespace lscore {
 
 class ServerReservations final : public LayoutReservations {
  public:
-  ServerReservations(ServerUrl url, Statements statements)
-      : url_(std::move(url)), statements_(std::move(statements)) {}
+  ServerReservations(ServerUrl url, Statements statements, RoundTrips round_trips)
+      : url_(std::move(url)),
+        statements_(std::move(statements)),
+        round_trips_(std::move(round_trips)) {}
 
   bool alone() const override { return false; }
   void Share() override {}
@@ -38,6 +40,7 @@ class ServerReservations final : public LayoutReservations {
 
   ServerUrl const url_;
   Statements const statements_;
+  RoundTrips const round_trips_;
   std::mutex mutable mutex_;
   std::unique_ptr<Connection> mutable connection_;
   std::bitset<kLayoutNumbers> taken_;  // as far as this process knows

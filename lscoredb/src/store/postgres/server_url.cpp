@@ -2,6 +2,8 @@
 
 #include <charconv>
 
+#include "refusal.h"
+#include "server_place.h"
 #include "status.h"
 
 namespace lscore {
@@ -12,6 +14,11 @@ constexpr std::size_t kLongestName = 63;  // a longer identifier is cut by the s
 constexpr std::chrono::seconds kDefaultTimeout{30};
 constexpr int kLongestTimeout = 24 * 60 * 60;
 
+[[noreturn]] void Refuse(std::string const& why) {
+  NoteRefusal(why);
+  Throw(LSCOREDB_CANNOT_OPEN);
+}
+
 std::string Decoded(std::string_view text) {
   std::string decoded;
   for (std::size_t i = 0; i < text.size(); ++i) {
@@ -20,7 +27,7 @@ std::string Decoded(std::string_view text) {
       char const* const digits = text.data() + i + 1;
       bool const whole = i + 2 < text.size();
       if (!whole || std::from_chars(digits, digits + 2, value, 16).ptr != digits + 2) {
-        Throw(LSCOREDB_CANNOT_OPEN);
+        Refuse(std::string(text) + ": two hexadecimal digits have to follow %");
       }
       i += 2;
     }
@@ -30,10 +37,12 @@ std::string Decoded(std::string_view text) {
 }
 
 std::string Quoted(std::string const& name) {
-  if (name.empty() || name.size() > kLongestName) Throw(LSCOREDB_CANNOT_OPEN);
+  if (name.empty() || name.size() > kLongestName) {
+    Refuse("schema=" + name + ": the name of a schema has 1 to 63 bytes");
+  }
   std::string quoted = "\"";
   for (char const c : name) {
-    if (static_cast<unsigned char>(c) < ' ') Throw(LSCOREDB_CANNOT_OPEN);
+    if (static_cast<unsigned char>(c) < ' ') Refuse("schema: its name has control characters");
     if (c == '"') quoted.push_back(c);
     quoted.push_back(c);
   }
@@ -45,16 +54,23 @@ std::chrono::seconds Timeout(std::string const& text) {
   char const* const end = text.data() + text.size();
   auto const read = std::from_chars(text.data(), end, seconds);
   bool const number = read.ec == std::errc() && read.ptr == end;
-  if (!number || seconds < 0 || seconds > kLongestTimeout) Throw(LSCOREDB_CANNOT_OPEN);
+  if (!number || seconds < 0 || seconds > kLongestTimeout) {
+    Refuse("timeout=" + text + ": it is a number of seconds from 0 to 86400");
+  }
   return std::chrono::seconds(seconds);
 }
 
 }  // namespace
 
 ServerUrl ParseServerUrl(std::string_view url) {
+  if (!PasswordIsClear(url)) {
+    Refuse("in a password of a URL %2F stands for /, %3F for ?, %40 for @ and %23 for #");
+  }
   std::size_t const query = url.find('?');
-  ServerUrl parsed{std::string(url.substr(0, query)), Quoted(std::string(kDefaultSchema)),
-                   kDefaultTimeout};
+  ServerUrl parsed;
+  parsed.connection = url.substr(0, query);
+  parsed.schema_name = kDefaultSchema;
+  parsed.timeout = kDefaultTimeout;
   char separator = '?';
   std::string_view rest = query == url.npos ? std::string_view() : url.substr(query + 1);
   while (!rest.empty()) {
@@ -65,7 +81,7 @@ ServerUrl ParseServerUrl(std::string_view url) {
     std::string_view const name = option.substr(0, equals);
     std::string_view const value = option.substr(std::min(equals + 1, option.size()));
     if (name == "schema") {
-      parsed.schema = Quoted(Decoded(value));
+      parsed.schema_name = Decoded(value);
     } else if (name == "timeout") {
       parsed.timeout = Timeout(Decoded(value));
     } else {
@@ -74,6 +90,7 @@ ServerUrl ParseServerUrl(std::string_view url) {
       separator = '&';
     }
   }
+  parsed.schema = Quoted(parsed.schema_name);
   return parsed;
 }
 

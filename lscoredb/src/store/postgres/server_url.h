@@ -17,8 +17,9 @@
 namespace lscore {
 
 struct ServerUrl {
-  std::string connection;  // for libpq
-  std::string schema;      // as an SQL identifier, quoted
+  std::string connection;   // for libpq
+  std::string schema_name;  // as it is
+  std::string schema;       // as an SQL identifier, quoted
   std::chrono::milliseconds timeout{0};
 };
 

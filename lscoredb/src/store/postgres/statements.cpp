@@ -1,5 +1,7 @@
 #include "statements.h"
 
+#include <limits>
+
 #include "format.h"
 
 namespace lscore {
@@ -71,6 +73,9 @@ Statements::Statements(std::string const& schema) {
   read_ticket = {"read_ticket",
                  "SELECT 1::bigint FROM " + tickets + " WHERE ticket = $1::bytea AND committed"};
   drop_tickets = {"drop_tickets", "DELETE FROM " + tickets + " WHERE state < $1::bigint"};
+  // The row of no commit, made with the tables.
+  lock_creation = {"lock_creation",
+                   "SELECT state FROM " + tickets + " WHERE ticket = ''::bytea FOR UPDATE NOWAIT"};
 
   std::string const layouts = schema + ".layouts";
   read_reservations = {"read_reservations", "SELECT number FROM " + layouts};
@@ -87,6 +92,9 @@ Statements::Statements(std::string const& schema) {
     make.push_back({"make_" + std::to_string(make.size()), text});
   };
   add("CREATE SCHEMA IF NOT EXISTS " + schema);
+  add("CREATE TABLE IF NOT EXISTS " + state +
+      " (one boolean PRIMARY KEY CHECK (one), id bigint NOT NULL, version bigint NOT NULL,"
+      " listed bigint NOT NULL)");
   for (char const* const table : kTables) {
     add("CREATE TABLE IF NOT EXISTS " + schema + "." + table +
         " (key bytea PRIMARY KEY, value bytea NOT NULL)");
@@ -96,10 +104,10 @@ Statements::Statements(std::string const& schema) {
   add("INSERT INTO " + layouts + " (number, word) VALUES (0, 0) ON CONFLICT (number) DO NOTHING");
   add("CREATE TABLE IF NOT EXISTS " + tickets +
       " (ticket bytea PRIMARY KEY, state bigint NOT NULL, committed boolean NOT NULL)");
+  add("INSERT INTO " + tickets + " (ticket, state, committed) VALUES (''::bytea, " +
+      std::to_string(std::numeric_limits<std::int64_t>::max()) +
+      ", false) ON CONFLICT (ticket) DO NOTHING");
   add("CREATE INDEX IF NOT EXISTS tickets_by_state ON " + tickets + " (state)");
-  add("CREATE TABLE IF NOT EXISTS " + state +
-      " (one boolean PRIMARY KEY CHECK (one), id bigint NOT NULL, version bigint NOT NULL,"
-      " listed bigint NOT NULL)");
   add("CREATE TABLE IF NOT EXISTS " + changes +
       " (state bigint, key bytea, PRIMARY KEY (state, key))");
   add("INSERT INTO " + schema + ".meta (key, value) VALUES (" +
@@ -108,6 +116,18 @@ Statements::Statements(std::string const& schema) {
       "::bytea) ON CONFLICT (key) DO NOTHING");
   add("INSERT INTO " + state + " (one, id, version, listed) VALUES (true, 1, " +
       std::to_string(kTablesVersion) + ", 1) ON CONFLICT (one) DO NOTHING");
+
+  std::string const known = "FROM information_schema.tables WHERE table_schema = $1::text";
+  std::string names = "'tickets', 'layouts', 'changes'";
+  for (char const* const table : kTables) names.append(", '").append(table).append("'");
+  find_foreign = {"find_foreign", "SELECT 1::bigint " + known + " AND table_name IN (" + names +
+                                      ") AND NOT EXISTS (SELECT 1 " + known +
+                                      " AND table_name = 'state')"};
+  drop_tables = {"drop_tables", "DROP TABLE IF EXISTS " + layouts};
+  for (std::string const& table : {tickets, state, changes}) drop_tables.text += ", " + table;
+  for (char const* const table : kTables) {
+    drop_tables.text.append(", ").append(schema).append(".").append(table);
+  }
 }
 
 }  // namespace lscore

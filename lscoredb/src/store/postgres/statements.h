@@ -68,12 +68,16 @@ struct Statements {
   Statement fence_ticket;       // ticket
   Statement read_ticket;        // ticket: 1 when it was committed
   Statement drop_tickets;       // below a state
+  Statement lock_creation;      // fails at once when somebody has it
   Statement read_reservations;  // gives numbers
   Statement reserve;            // numbers: gives those that were free
   Statement read_word;          // of a number
   Statement replace_word;       // of a number, what it has to be, what it is to be: gives one row
-  // Make what is not there yet, in this order, each by itself.
+  Statement find_foreign;       // schema: rows when others have made tables with names of ours
+  // Make what is not there yet, in this order, each by itself. The state's table comes first: where
+  // it is, the others are ours.
   std::vector<Statement> make;
+  Statement drop_tables;
 };
 
 }  // namespace lscore

@@ -1,7 +1,7 @@
 // What the library of the store exports.
 
-#include "connection.h"
 #include "postgres_store.h"
+#include "refusal.h"
 #include "server_store.h"
 
 #define EXPORTED __attribute__((visibility("default")))
@@ -14,6 +14,7 @@ EXPORTED lscore::FindServerStoreFunction lscoredb_find_server_store;
 lscore::Store* lscoredb_open_server_store(char const* url, lscore::StoreOptions const* options,
                                           std::uint32_t seam_version, std::string* reason) {
   if (seam_version != lscore::kSeamVersion) return nullptr;
+  lscore::ForgetRefusal();
   try {
     return new lscore::PostgresStore(url, *options);
   } catch (...) {
@@ -24,6 +25,7 @@ lscore::Store* lscoredb_open_server_store(char const* url, lscore::StoreOptions 
 
 int lscoredb_find_server_store(char const* url, std::uint32_t seam_version, std::string* reason) {
   if (seam_version != lscore::kSeamVersion) return -1;
+  lscore::ForgetRefusal();
   try {
     return lscore::PostgresStore::Exists(url) ? 1 : 0;
   } catch (...) {
