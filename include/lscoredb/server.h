@@ -25,8 +25,8 @@ LSCOREDB_API size_t lscoredb_shown_place(char const* place, size_t room, char* o
  * any machine holds it. The lock is held until lscoredb_unlock_creation or lscoredb_close, or until
  * the process ends. Does nothing for a database that is not on a server: lock its directory.
  * LSCOREDB_IN_USE: this handle holds the lock. LSCOREDB_CANNOT_OPEN: another process has held it
- * for more than ten times the URL's `timeout`; lscoredb_open_error says so. LSCOREDB_SERVER_LOST: no
- * server answers. */
+ * for more than ten times the URL's `timeout`; lscoredb_open_error says so.
+ * LSCOREDB_SERVER_LOST: no server answers. */
 LSCOREDB_API uint32_t lscoredb_lock_creation(lscoredb* database);
 LSCOREDB_API uint32_t lscoredb_unlock_creation(lscoredb* database);
 
