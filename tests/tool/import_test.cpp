@@ -158,6 +158,16 @@ TEST_F(ImportTest, RejectedRowsThatCannotBeWritten_SayWhichFileAndWhy) {
       << none.err;
 }
 
+TEST_F(ImportTest, KeptIds_GoThroughSeveralBatches) {
+  constexpr int kFirst = 131100;  // just above those that the database has reserved
+  std::string rows = "_oid,Name,Height\n";
+  for (int i = 0; i < 2 * kBatch + 10; ++i) rows += std::to_string(kFirst + i) + ",p,1\n";
+  On("import", {"Person", Write("ids.csv", rows), "--keep-ids"});
+  EXPECT_EQ(2 * kBatch + 10, Count("Person"));
+  On("import", {"Person", "-"}, 0, "Name,Height\nq,2\n");
+  EXPECT_EQ(2 * kBatch + 11, Count("Person"));
+}
+
 TEST_F(ImportTest, Separators_AreFoundInTheHeadingOrNamed) {
   Write("semicolons.csv", "Name;Height\n\"a;b\";1.5\n\"c,d\";2\n");
   Write("tabs.csv", "Name\tHeight\ne,f\t1\n");

@@ -21,6 +21,7 @@ IdRange IdAllocator::Take() {
   for (;;) {
     {
       std::lock_guard const lock(mutex_);
+      taken_ = true;
       IdRange taken;
       if (TakeFrom(present_, &taken) || TakeFrom(spare_, &taken)) return taken;
     }
@@ -87,8 +88,11 @@ IdRange IdAllocator::Reserve(Batch& batch) {
   return {start, end};
 }
 
+// A process that only chooses identities gets no block: one behind those of a commit would hold the
+// ones that it chooses next.
 IdRange IdAllocator::TopUp(Batch& batch) {
   std::lock_guard const lock(mutex_);
+  if (!taken_) return {};
   bool const low = (present_.end - present_.next) + (spare_.end - spare_.next) < kLow;
   return low && spare_.empty() ? Reserve(batch) : IdRange{};
 }

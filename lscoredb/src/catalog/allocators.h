@@ -55,6 +55,7 @@ class IdAllocator {
   std::mutex mutex_;
   IdRange present_;
   IdRange spare_;
+  bool taken_ = false;                    // any, by this process
   std::uint64_t reserved_below_ = 1;      // as far as this process knows
   std::multiset<std::uint64_t> pending_;  // chosen and not committed
   std::deque<CommitId> reservations_;     // the newest commits that were nothing else
