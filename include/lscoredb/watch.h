@@ -7,7 +7,7 @@
  * A thread has at most one watch. It is called, in that thread, while the thread is in
  *  - lscoredb_check, and lscoredb_open with `verify` while it scans pages, as a check does first;
  *  - lscoredb_copy;
- *  - lorvi_context_create_index, while it reads existing objects.
+ *  - lorvi_context_create_index, while it reads existing objects, sorts and compares their keys.
  * Stopped work returns LSCOREDB_STOPPED and changes nothing: a database is as it was, and a
  * transaction whose index was stopped continues without that index. A stopped copy, like any copy
  * that failed, leaves a part of itself in the directory. Remove it.
@@ -25,8 +25,9 @@ extern "C" {
 /* end of what tools/statuses generates */
 
 /* Receives the progress: `done` of `total`, neither of which decreases during a call. `total` is 0
- * if it is unknown; `done` counts objects then. A result other than 0 stops the work. It is called
- * often, so it must be quick. It must not use the database, and not throw. */
+ * if it is unknown; `done` counts objects then, and stays while their keys are sorted. A result
+ * other than 0 stops the work. It is called often, so it must be quick. It must not use the
+ * database, and not throw. */
 typedef uint32_t (*lscoredb_watch_callback)(void* user, uint64_t done, uint64_t total);
 
 /* Sets the calling thread's watch; NULL removes it. */
