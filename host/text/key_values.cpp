@@ -126,9 +126,13 @@ std::vector<Value> KeyValues(Index const& index, std::string_view key) {
 std::string KeyText(std::vector<Value> const& key) {
   std::string text;
   for (Value const& value : key) {
-    bool const quoted = std::holds_alternative<std::u16string>(value);
+    if (!text.empty()) text += ", ";
     std::string const part = ValueText(value);
-    text += (text.empty() ? "" : ", ") + (quoted ? "\"" + Visible(part) + "\"" : part);
+    if (std::holds_alternative<std::u16string>(value)) {
+      text.append("\"").append(Visible(part)).append("\"");
+    } else {
+      text += part;
+    }
   }
   return text;
 }
