@@ -4,10 +4,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <filesystem>
 #include <set>
-#include <thread>
 
 #include "other_process.h"
 #include "process_world.h"
@@ -150,32 +148,6 @@ TEST_F(ForkTest, Child_HoldsNoneOfTheParentsFiles) {
     CommitPair(session, 1);
     EXPECT_EQ(OpenFilesIn(directory_.path()).size(), 3U);
   });
-}
-
-// A thread that is not there in the child may have held anything at the time of the fork.
-TEST(ForkWhileOthersOpenTest, Child_OpensAndEnds) {
-  TemporaryDirectory directory;
-  std::atomic<bool> over{false};
-  std::vector<std::thread> others;
-  for (int i = 0; i < 3; ++i) {
-    others.emplace_back([&, i] {
-      std::string const own = directory.path() + "/" + std::to_string(i);
-      while (!over) {
-        Database const database(own);
-        Session const session(database);
-      }
-    });
-  }
-  for (int i = 0; i < 60 && !testing::Test::HasFailure(); ++i) {
-    InAnotherProcess([&] {
-      alarm(kPatience);
-      Database const database(directory.path() + "/child");
-      Session session(database);
-      CommitPair(session, 1);
-    });
-  }
-  over = true;
-  for (std::thread& other : others) other.join();
 }
 
 }  // namespace
