@@ -47,7 +47,7 @@ install(FILES ${PROJECT_BINARY_DIR}/sagleme.pc DESTINATION ${SAGLEME_PKGCONFIG_D
 
 # Everything that an installation needs and nothing else.
 add_custom_target(installable DEPENDS sagleme)
-foreach(part lscoredb sagleme_host sagleme_tool sagleme_manual sagleme_extension)
+foreach(part lscoredb lscoredb_postgres sagleme_host sagleme_tool sagleme_manual sagleme_extension)
   if(TARGET ${part} AND NOT SAGLEME_KERNEL STREQUAL "system")
     add_dependencies(installable ${part})
   endif()
