@@ -347,7 +347,7 @@ class Database:
         raise PickleError("a database cannot be pickled; open its directory in the other process")
 
     def __repr__(self) -> str:
-        where = "in memory" if self.path is None else repr(self.path)
+        where = "in memory" if self.path is None else repr(_core.shown_place(self.path))
         return f"<database {where}{', closed' if self.closed else ''}>"
 
 
@@ -376,7 +376,7 @@ def open(path: str | os.PathLike[str] | None, models: Iterable[Any] | None = Non
 
     classes = closure(models) if models is not None else []
     name = None if path is None else os.fspath(path)
-    create = name is not None and models is not None and not _holds_database(name)
+    create = name is not None and models is not None and not _core.holds_database(name)
     handle = _core.Database(name, create=create, no_sync=not sync, max_file_size=max_file_size,
                             row_memory=row_memory)
     return Database(handle, classes, name)

@@ -18,6 +18,27 @@ PyObject* StatusText(PyObject*, PyObject* status) {
   return PyUnicode_FromString(lscoredb_status_text(static_cast<std::uint32_t>(number)));
 }
 
+// holds_database(place): whether there is a database to open, as far as one can tell.
+PyObject* HoldsDatabase(PyObject*, PyObject* place) {
+  return Guard([&] {
+    std::string const name = TextOf(place);
+    bool found = false;
+    {
+      Unlocked const unlocked;
+      found = sagleme::Database::ExistsIn(name);
+    }
+    return PyBool_FromLong(found);
+  });
+}
+
+// shown_place(place): as anybody may see it.
+PyObject* ShownPlace(PyObject*, PyObject* place) {
+  return Guard([&] {
+    std::string const shown = sagleme::ShownPlace(TextOf(place));
+    return PyUnicode_DecodeFSDefaultAndSize(shown.data(), static_cast<Py_ssize_t>(shown.size()));
+  });
+}
+
 PyMethodDef g_functions[] = {{"scan", NewScan, METH_VARARGS, nullptr},
                              {"collect", Collect, METH_VARARGS, nullptr},
                              {"insert_arrow", InsertArrow, METH_VARARGS, nullptr},
@@ -34,6 +55,8 @@ PyMethodDef g_functions[] = {{"scan", NewScan, METH_VARARGS, nullptr},
                              {"drop_table", DropTable, METH_VARARGS, nullptr},
                              {"create_index", CreateIndex, METH_VARARGS, nullptr},
                              {"drop_index", DropIndex, METH_VARARGS, nullptr},
+                             {"holds_database", HoldsDatabase, METH_O, nullptr},
+                             {"shown_place", ShownPlace, METH_O, nullptr},
                              {"status_text", StatusText, METH_O, nullptr},
                              {"give_up_after_fork", GiveUpAfterFork, METH_NOARGS, nullptr},
                              {nullptr, nullptr, 0, nullptr}};

@@ -1,8 +1,18 @@
 """Every test runs in a process of its own (pytest-forked), and in a folder of its own."""
 
+import os
+
 import pytest
 
 import sagleme as sg
+
+
+def place():
+    """The test's own: a directory, or a schema of the server that tools/with-postgres runs."""
+    server = os.environ.get("SAGLEME_TEST_POSTGRES")
+    if server is None:
+        return "database"
+    return f"{server}&schema=python_{os.getpid()}"
 
 
 @pytest.fixture(autouse=True)
@@ -15,8 +25,8 @@ def make():
     """Opens a database with models, their schema applied; closes it in the end."""
     opened = []
 
-    def open_with(*models, path="database"):
-        db = sg.open(path, models=models, sync=False)
+    def open_with(*models, path=None):
+        db = sg.open(path or place(), models=models, sync=False)
         db.apply(allow={"instant", "background", "lossy"})
         opened.append(db)
         return db
