@@ -18,7 +18,7 @@ LSCOREDB_API uint32_t lscoredb_is_url(char const* place);
 /* Writes the place as it may be shown to anybody: a URL with "***" for each of its passwords, a
  * directory unchanged. `out` has `room` bytes; a longer text is cut, and always ends with a zero
  * byte. With a room of 0 nothing is written. Returns the length of the whole text without its zero
- * byte. */
+ * byte; 0 for NULL, and if memory runs out. */
 LSCOREDB_API size_t lscoredb_shown_place(char const* place, size_t room, char* out);
 
 /* Takes the lock for creating the contents of a new database, and waits while another process on

@@ -53,5 +53,11 @@ TEST(ServerPlaceTest, TextThatDoesNotFit_IsCut) {
   EXPECT_STREQ(out, "dire");
 }
 
+TEST(ServerPlaceTest, NoPlace_IsShownAsNothing) {
+  char out[5] = "xxxx";
+  EXPECT_EQ(lscoredb_shown_place(nullptr, sizeof out, out), 0U);
+  EXPECT_STREQ(out, "");
+}
+
 }  // namespace
 }  // namespace lscoredb_test

@@ -123,7 +123,7 @@ inline void CheckKernel(std::uint32_t status) {
 // the place.
 inline void CheckOpened(std::uint32_t status, std::string const& place) {
   if (status == 0) return;
-  std::string const refused = WithoutPasswords(lscoredb_open_error(), place);
+  std::string const refused = lscoredb_open_error();
   if (!refused.empty() && !IsServerUrl(place)) throw Error(status, "Cannot open " + refused);
   std::string text = "Cannot open the database " + WithPreposition(place) + ": ";
   constexpr std::string_view kSubject = "the database: ";  // which the text has named

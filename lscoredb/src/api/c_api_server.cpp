@@ -13,8 +13,9 @@ uint32_t lscoredb_is_url(char const* place) {
 
 size_t lscoredb_shown_place(char const* place, size_t room, char* out) {
   size_t length = 0;
+  if (room > 0) *out = '\0';
+  if (place == nullptr) return 0;
   lscore::Guarded([&]() -> lscore::Status {
-    if (place == nullptr) return LSCOREDB_NULL_ARGUMENT;
     std::string const shown = lscore::ShownPlace(place);
     length = shown.size();
     if (room > 0) out[shown.copy(out, room - 1)] = '\0';
