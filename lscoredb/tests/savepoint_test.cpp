@@ -3,28 +3,18 @@
 
 #include <algorithm>
 
-#include "kernel_test.h"
+#include "named_numbers.h"
 
 namespace lscoredb_test {
 namespace {
-
-constexpr std::uint32_t kNumber = 2;
-constexpr std::uint32_t kName = 3;
-constexpr std::uint64_t kNumberToken = 100;
-constexpr std::uint64_t kNameToken = 101;
 
 using Savepoint = std::uint64_t;
 
 // A table with two committed rows, numbers 10 and 20, an index over the number and a unique one
 // over the name; a transaction is open.
-class SavepointTest : public KernelTest {
+class SavepointTest : public NamedNumbersTest {
  protected:
   void SetUp() override {
-    session_.Begin();
-    layout_ =
-        session_.CreateLayout(50, {{LORV_TYPE_LONG, kNumberToken}, {LORV_TYPE_STRING, kNameToken}});
-    by_number_ = session_.CreateIndex(60, kSet, {{LORV_TYPE_LONG, kNumberToken}});
-    by_name_ = session_.CreateIndex(61, kSet, {{LORV_TYPE_STRING, kNameToken}}, kUnique);
     first_ = Add(10, u"ten");
     second_ = Add(20, u"twenty");
     Restart();
@@ -57,9 +47,6 @@ class SavepointTest : public KernelTest {
     EXPECT_EQ(session_.Scan(by_name_), (Oids{first_, second_}));
   }
 
-  LayoutId layout_ = 0;
-  IndexId by_number_ = 0;
-  IndexId by_name_ = 0;
   Oid first_ = 0;
   Oid second_ = 0;
 };

@@ -2,22 +2,16 @@
 
 #include <cstddef>
 
-#include "kernel_test.h"
+#include "named_numbers.h"
 
 namespace lscoredb_test {
 namespace {
-
-constexpr std::uint32_t kNumber = 2;
-constexpr std::uint32_t kName = 3;
-constexpr std::uint64_t kNumberToken = 100;
-constexpr std::uint64_t kNameToken = 101;
 
 class UniqueTest : public KernelTest {
  protected:
   void SetUp() override {
     session_.Begin();
-    layout_ =
-        session_.CreateLayout(50, {{LORV_TYPE_LONG, kNumberToken}, {LORV_TYPE_STRING, kNameToken}});
+    layout_ = CreateNamedNumbers(session_);
     unique_ = session_.CreateIndex(60, kSet, {{LORV_TYPE_LONG, kNumberToken}}, kUnique);
     Restart();
   }

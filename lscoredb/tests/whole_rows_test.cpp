@@ -4,26 +4,14 @@
 #include <map>
 #include <random>
 
-#include "kernel_test.h"
+#include "named_numbers.h"
 
 namespace lscoredb_test {
 namespace {
 
-constexpr std::uint32_t kNumber = 2;
-constexpr std::uint32_t kName = 3;
-constexpr std::uint64_t kNumberToken = 100;
-constexpr std::uint64_t kNameToken = 101;
-
-class WholeRowsTest : public KernelTest {
+class WholeRowsTest : public NamedNumbersTest {
  protected:
-  void SetUp() override {
-    session_.Begin();
-    layout_ =
-        session_.CreateLayout(50, {{LORV_TYPE_LONG, kNumberToken}, {LORV_TYPE_STRING, kNameToken}});
-    by_number_ = session_.CreateIndex(60, kSet, {{LORV_TYPE_LONG, kNumberToken}});
-    by_name_ = session_.CreateIndex(61, kSet, {{LORV_TYPE_STRING, kNameToken}}, kUnique);
-    Restart();
-  }
+  WholeRowsTest() { Restart(); }
 
   static Text NameOf(std::int64_t number) {
     Text name = u"a name that is the same for long ";
@@ -41,6 +29,15 @@ class WholeRowsTest : public KernelTest {
     session_.PutSetspec(oid, kSet);
     return oid;
   }
+  // By another transaction.
+  Oid TakeMeanwhile(std::int64_t number) {
+    Session other(database_);
+    other.Begin();
+    Oid const holder = Bare(other, layout_, 5, NameOf(number));
+    other.PutSetspec(holder, kSet);
+    other.Commit();
+    return holder;
+  }
   std::uint32_t TrySetspec(Oid oid) {
     return lorv_context_put_setspec(session_.context(), oid, 0, kSet);
   }
@@ -51,10 +48,6 @@ class WholeRowsTest : public KernelTest {
     EXPECT_EQ(rows, session_.Scan(by_number_)) << "committed";
     EXPECT_EQ(rows.size(), session_.Scan(by_name_).size());
   }
-
-  LayoutId layout_ = 0;
-  IndexId by_number_ = 0;
-  IndexId by_name_ = 0;
 };
 
 TEST_F(WholeRowsTest, Rows_AreCommittedInOrderWithoutAnyScan) {
@@ -133,11 +126,7 @@ TEST_F(WholeRowsTest, Rollback_TakesBackRowsBehindTheSavepoint) {
 TEST_F(WholeRowsTest, KeyTakenMeanwhile_IsRefusedByTheCommit) {
   Add(1);
   Add(2);
-  Session other(database_);
-  other.Begin();
-  Oid const holder = Bare(other, layout_, 5, NameOf(2));
-  other.PutSetspec(holder, kSet);
-  other.Commit();
+  Oid const holder = TakeMeanwhile(2);
   EXPECT_STATUS(LSCOREDB_DUPLICATE_KEY, session_.TryCommit());
   session_.Begin();
   EXPECT_EQ(Oids{holder}, session_.Scan(by_number_));
@@ -146,11 +135,7 @@ TEST_F(WholeRowsTest, KeyTakenMeanwhile_IsRefusedByTheCommit) {
 // Such a transaction has more identities reserved while it writes, which is a commit of its own.
 TEST_F(WholeRowsTest, KeyTakenMeanwhile_WithMoreRowsThanABlockOfIds_IsRefusedByTheCommit) {
   Add(1);
-  Session other(database_);
-  other.Begin();
-  Oid const holder = Bare(other, layout_, 5, NameOf(1));
-  other.PutSetspec(holder, kSet);
-  other.Commit();
+  Oid const holder = TakeMeanwhile(1);
   for (int i = 0; i < 70000; ++i) session_.InsertBare(layout_);
   EXPECT_STATUS(LSCOREDB_DUPLICATE_KEY, session_.TryCommit());
   session_.Begin();
