@@ -161,6 +161,28 @@ TEST_F(PostgresTest, StoppedCopy_LeavesNothing) {
   EXPECT_STATUS(0, lscoredb_copy(here_.get(), target.c_str()));
 }
 
+// One that waits for a copy which fails may make its own; that one stays.
+TEST_F(PostgresTest, StoppedCopies_LeaveTheCopyOfAnother) {
+  Oid const row = CommitPair(session_, 7);
+  std::string const target = lscore::NewServerUrl();
+  std::atomic<bool> done{false};
+  std::thread other([&] {
+    while (lscoredb_copy(there_.get(), target.c_str()) != 0) {
+    }
+    done = true;
+  });
+  lscoredb_watch([](void*, std::uint64_t, std::uint64_t) -> std::uint32_t { return 1; }, nullptr);
+  do {
+    EXPECT_NE(lscoredb_copy(here_.get(), target.c_str()), 0U);
+  } while (!done);
+  lscoredb_watch(nullptr, nullptr);
+  other.join();
+  Database const copy(target);
+  Session session(copy);
+  session.BeginReadOnly();
+  EXPECT_EQ(session.Long(row, kPairValue), 7);
+}
+
 TEST_F(PostgresTest, TablesOfOtherPrograms_AreNotTouched) {
   std::string const target = lscore::NewServerUrl();
   std::string const table = SchemaOf(target) + ".rows";

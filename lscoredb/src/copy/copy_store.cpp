@@ -106,9 +106,8 @@ void CopyStore(Store& store, char const* directory) {
     Copier(*snapshot, *target, store.Statistics().file_size).Run();
   } catch (...) {
     store.End(std::move(snapshot));
-    alone.reset();
     static_cast<void>(Guarded([&]() -> Status {
-      target->Discard();
+      target->Discard(std::move(alone));
       return LORV_STATUS_OK;
     }));
     throw;

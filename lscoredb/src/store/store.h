@@ -281,9 +281,9 @@ class Store {
   // has none. Throws LSCOREDB_CANNOT_OPEN, and notes why, if another process does not release it.
   std::shared_ptr<void> LockCreation();
 
-  // Removes everything from a server, where no directory can be removed. REQUIRES: nobody uses the
-  // store.
-  virtual void Discard() {}
+  // Removes everything from a server, where no directory can be removed, and ends the lock, so that
+  // nobody else creates what is about to go. REQUIRES: `lock` is of LockCreation.
+  virtual void Discard(std::shared_ptr<void> /* lock */) {}
 
   // From now on every commit is synced. REQUIRES: no batch is open.
   virtual void RequireSync() = 0;

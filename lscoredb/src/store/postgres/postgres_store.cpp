@@ -121,6 +121,14 @@ std::shared_ptr<void> PostgresStore::WaitForCreationLock() {
   }
 }
 
+// In the transaction that holds the lock: who waits for it finds the tables gone.
+void PostgresStore::Discard(std::shared_ptr<void> lock) {
+  auto& connection = *static_cast<Connection*>(lock.get());
+  connection.Add(statements_.drop_tables);
+  connection.Add(statements_.commit);
+  connection.Exchange();
+}
+
 // ---- connections -------------------------------------------------------------------------------
 
 void LetGo::operator()(Connection* connection) const noexcept {

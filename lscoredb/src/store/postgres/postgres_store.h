@@ -61,7 +61,7 @@ class PostgresStore final : public Store {
   void RequireSync() override;
   bool read_only() const override { return options_.access == Access::kRead; }
   bool FreeDeadReaders() override { return false; }
-  void Discard() override { TakeConnection()->Run(statements_.drop_tables); }
+  void Discard(std::shared_ptr<void> lock) override;
   bool AskOutcome(CommitInDoubt const& commit) const override;
 
   // For snapshots and batches.
