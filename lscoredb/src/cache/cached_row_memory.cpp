@@ -6,13 +6,14 @@
 #include <cstdlib>
 #include <new>
 
-// Of the leak checker, where the process has one.
+// Part of the leak checker; null if the process has none.
 extern "C" [[gnu::weak]] void __lsan_ignore_object(void const* object);
 
 namespace lscore {
 namespace {
 
-// Rows are known by addresses with marks above them, which a leak checker does not take for any.
+// Slots of the cache hold addresses with marks in their upper bits, which a leak checker does not
+// recognise as pointers.
 void* HiddenFromLeakChecker(void* block) {
   if (block != nullptr && __lsan_ignore_object != nullptr) __lsan_ignore_object(block);
   return block;
@@ -24,6 +25,8 @@ CachedRowMemory::~CachedRowMemory() {
   if (reserved_ != nullptr) munmap(reserved_, (chunk_limit_ + 1) * kChunk);
 }
 
+// Reserves address space for all chunks at once, without memory behind it, and one chunk more, so
+// that the first can be aligned. Pages are allocated when they are first touched.
 void CachedRowMemory::UseChunks() noexcept {
   std::lock_guard const lock(mutex_);
   if (reserved_ != nullptr || chunk_limit_ == 0) return;
@@ -38,7 +41,7 @@ void CachedRowMemory::UseChunks() noexcept {
   void* const space = mmap(nullptr, size, PROT_READ | PROT_WRITE,
                            MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
   if (space == MAP_FAILED) return;
-  madvise(space, size, MADV_HUGEPAGE);  // a wish: it works without
+  madvise(space, size, MADV_HUGEPAGE);  // a hint, which may fail
   reserved_ = static_cast<char*>(space);
   auto const address = reinterpret_cast<std::uintptr_t>(space);
   chunks_begin_ = reserved_ + (kChunk - address % kChunk) % kChunk;
@@ -53,6 +56,7 @@ bool CachedRowMemory::Holds(void const* block) const {
   return chunks_begin_ != nullptr && at >= begin && at - begin < chunk_limit_ * kChunk;
 }
 
+// From a chunk of the block size with room, else from an unused chunk, else from the heap.
 void* CachedRowMemory::Take(std::size_t size) noexcept {
   if (size <= kLargest) {
     std::lock_guard const lock(mutex_);
@@ -100,7 +104,7 @@ void CachedRowMemory::Give(void* block, std::size_t size) noexcept {
 void CachedRowMemory::Release(std::uint32_t number) {
   Chunk& chunk = chunks_[number];
   Numbers& roomy = RoomyFor(chunk.size);
-  if (roomy.size() == 1) return;  // the next row of that size would take one again
+  if (roomy.size() == 1) return;  // the last one stays: the next row of that size needs it again
   std::erase(roomy, number);
   madvise(chunks_begin_ + number * kChunk, kChunk, MADV_DONTNEED);
   chunk = Chunk{};

@@ -1,12 +1,12 @@
 #ifndef LSCOREDB_SRC_CACHED_ROW_MEMORY_H
 #define LSCOREDB_SRC_CACHED_ROW_MEMORY_H
 
-// Memory for rows that are read at random: in large pages, where the system has them, since half of
-// the wait for such a row is that for its address.
+// An allocator for rows that are read at random. It uses huge pages where the system has them,
+// since half of the wait for such a row is for the translation of its address.
 //
-// Blocks of one size share a chunk, which is one large page; a chunk that is empty again goes back
-// to the system. Large blocks, and all before the first call of UseChunks, come from the heap: a
-// database of few rows is not to take megabytes. Any thread.
+// Blocks of one size share a chunk, which is one huge page; an empty chunk goes back to the system.
+// Large blocks, and all before the first call of UseChunks, come from the heap, so that a database
+// of few rows does not take megabytes. Any thread.
 
 #include <array>
 #include <cstddef>
@@ -18,9 +18,9 @@ namespace lscore {
 
 class CachedRowMemory {
  public:
-  static constexpr std::size_t kLine = 64;  // what all blocks are aligned to
+  static constexpr std::size_t kLine = 64;  // the alignment of all blocks
 
-  // `bytes`: room for chunks, none of which is allocated yet.
+  // `bytes`: the most that chunks may take. Allocates nothing yet.
   explicit CachedRowMemory(std::uint64_t bytes) : chunk_limit_(bytes / kChunk) {}
   ~CachedRowMemory();
   CachedRowMemory(CachedRowMemory const&) = delete;
@@ -28,9 +28,9 @@ class CachedRowMemory {
 
   // Null if there is no memory. `size` is a multiple of kLine.
   void* Take(std::size_t size) noexcept;
-  // REQUIRES: Take gave `block` for that size.
+  // REQUIRES: Take returned `block` for that size.
   void Give(void* block, std::size_t size) noexcept;
-  // Uses chunks from now on. Does nothing if there is no room for them.
+  // Uses chunks from now on, if address space for them can be reserved.
   void UseChunks() noexcept;
 
  private:
@@ -42,13 +42,13 @@ class CachedRowMemory {
   };
   struct Chunk {
     std::size_t size = 0;   // of its blocks; 0: not in use
-    std::size_t fresh = 0;  // bytes from the begin that were given out at some time
-    std::size_t used = 0;   // blocks
-    Block* free = nullptr;
+    std::size_t fresh = 0;  // offset of the part that was never allocated
+    std::size_t used = 0;   // number of allocated blocks
+    Block* free = nullptr;  // freed ones
 
     bool HasRoom() const { return free != nullptr || fresh + size <= kChunk; }
   };
-  using Numbers = std::vector<std::uint32_t>;  // of chunks; never grows beyond what was reserved
+  using Numbers = std::vector<std::uint32_t>;  // chunk numbers; never grows beyond its capacity
 
   bool Holds(void const* block) const;
   Numbers& RoomyFor(std::size_t size) { return roomy_[size / kLine - 1]; }
@@ -57,11 +57,11 @@ class CachedRowMemory {
 
   std::size_t const chunk_limit_;
   std::mutex mutex_;
-  char* reserved_ = nullptr;  // address space, with the chunks in it
+  char* reserved_ = nullptr;  // address space for the chunks and their alignment
   char* chunks_begin_ = nullptr;
   std::vector<Chunk> chunks_;
   Numbers unused_;
-  std::array<Numbers, kLargest / kLine> roomy_;  // by size, those with room
+  std::array<Numbers, kLargest / kLine> roomy_;  // by block size: the chunks with free blocks
 };
 
 }  // namespace lscore

@@ -28,8 +28,8 @@ struct Budget {
 // Never destroyed, since static objects may hold databases.
 Budget& budget = *new Budget;
 
-// A child begins with a budget of its own: it has none of the parent's databases open, and a thread
-// that is not there any more may have been at work on the parent's.
+// A forked child starts with a new budget: it has none of the parent's databases open, and a thread
+// that exists only in the parent may have held the mutex.
 AtFork const begin_anew(nullptr, nullptr, [] { new (&budget) Budget; });
 
 }  // namespace

@@ -14,28 +14,28 @@ namespace {
 
 constexpr std::uint64_t kUsualRow = 128;  // bytes; says how many slots there are for the memory
 constexpr std::size_t kManyRows = 20000;
-// The way to a larger row is short beside what there is to read, and its copy would drive out many.
+// Finding a larger row in the store takes little beside reading it, and a copy would evict many.
 constexpr std::uint64_t kLargestRow = 64 * 1024;
 constexpr std::size_t kLine = CachedRowMemory::kLine;
 
-// What stands behind the image of a row.
-struct Left {
-  std::uint64_t at = 0;
-  CachedRow* before = nullptr;
+// Follows the image of a row in memory, and is set when the row is retired.
+struct RetiredLink {
+  std::uint64_t at = 0;  // the time by clock_
+  CachedRow* next = nullptr;
 };
 
-// Images are as long as they are.
-Left LeftOf(CachedRow const& row) {
-  Left left;
-  std::memcpy(&left, row.image() + row.size(), sizeof left);
-  return left;
+// Copied, since the end of an image has no alignment.
+RetiredLink LinkOf(CachedRow const& row) {
+  RetiredLink link;
+  std::memcpy(&link, row.image() + row.size(), sizeof link);
+  return link;
 }
-void SetLeft(CachedRow& row, Left const& left) {
-  std::memcpy(reinterpret_cast<char*>(&row + 1) + row.size(), &left, sizeof left);
+void SetLink(CachedRow& row, RetiredLink const& link) {
+  std::memcpy(reinterpret_cast<char*>(&row + 1) + row.size(), &link, sizeof link);
 }
 
 std::uint64_t AllocatedSize(std::uint64_t image) {
-  return (sizeof(CachedRow) + image + sizeof(Left) + kLine - 1) / kLine * kLine;
+  return (sizeof(CachedRow) + image + sizeof(RetiredLink) + kLine - 1) / kLine * kLine;
 }
 
 std::uint64_t Get(std::uint64_t& slot) {
@@ -63,14 +63,15 @@ SharedRowCache::Reader::~Reader() {
   std::erase(table_.readers_, this);
 }
 
-// A row that leaves before the clock is read here cannot be found any more; one that leaves later
-// is not freed while the time stands here.
+// Epoch-based reclamation. A row that was retired before the clock is read here cannot be found any
+// more; one that is retired later has a time not below since_ and is not freed until End.
 void SharedRowCache::Reader::Begin(CommitId state, bool usable) {
   state_ = state;
   usable_ = usable;
   if (usable) since_.exchange(table_.clock_.load(std::memory_order_seq_cst));
 }
 
+// Tries the lock only: caching a row is optional, and a reader does not wait for a committer.
 void SharedRowCache::Reader::Keep(ObjectId id, Layout const& layout,
                                   std::string_view image) noexcept {
   if (!usable_ || table_.memory_ == 0) return;
@@ -79,12 +80,16 @@ void SharedRowCache::Reader::Keep(ObjectId id, Layout const& layout,
   std::size_t const number = table_.BucketOf(id);
   Stripe& stripe = table_.StripeOf(number);
   std::unique_lock const lock(stripe.mutex, std::try_to_lock);
-  // What took a row of this stripe out since may have been a newer version of this one.
+  // A younger commit evicted a row of this stripe, and it may have written a new version of this
+  // one.
   if (!lock.owns_lock() || state_ < stripe.newest) return;
   CachedRowPtr row = table_.Prepare(id, layout, image, state_);
   if (row != nullptr) table_.Put(buckets[number], std::move(row));
 }
 
+// Begins with the slot where Put prefers to store the id. A mark can match another row's, so the id
+// in the row decides. The row is of no use to a reader of an older state, nor when another process
+// has committed changes since that this one could not list.
 CachedRow const* SharedRowCache::Find(ObjectId id, CommitId state) const {
   Bucket* const buckets = buckets_.load(std::memory_order_acquire);
   if (buckets == nullptr) return nullptr;
@@ -94,7 +99,8 @@ CachedRow const* SharedRowCache::Find(ObjectId id, CommitId state) const {
     Slot const slot = Get(bucket.slots[(Raw(id) + i) % kWays]);
     if ((slot & ~kAddress) != mark || slot == 0) continue;
     CachedRow const* const row = RowAt(slot);
-    // Where the value lies is known only when the first line has come: that would be two waits.
+    // The second line too: the offset of the value is known only after the first line has arrived,
+    // and fetching it then would be a second wait.
     __builtin_prefetch(reinterpret_cast<char const*>(row) + kLine);
     if (row->id != id) continue;
     return row->commit() <= state && row->known >= foreign_commits_.unlisted() ? row : nullptr;
@@ -118,15 +124,16 @@ void SharedRowCache::FetchRow(ObjectId id) const {
 
 // ---- the table ---------------------------------------------------------------------------------
 //
-// The life of a row in the table, beside commits 7 and 8 that both write it:
+// The versions of a row in the table while commits 7 and 8 write it:
 //
-//   commit 7 takes the old row out | batch 7 is committed | puts the row of 7 in
-//   a reader of state 7 finds it; a reader of state 6 finds nothing and asks the store
-//   commit 8 takes the row of 7 out, and notes when: it is freed once no reader of before is left
-//   a reader of state 7 that has it keeps it; one that comes now asks the store
+//   commit 7 evicts the old version | batch 7 is committed | version 7 is cached
+//   a reader of state 7 uses it; a reader of state 6 may not, and reads the store
+//   commit 8 evicts version 7, which is retired at the current time of the clock
+//   a reader of state 7 that has found it may go on using it; any other reads the store
+//   the last reader that began before that time ends: version 7 can be freed
 //
-// A reader puts in what it read from the store only if no commit younger than its state took a row
-// out of that stripe: what it has might be an old version by now.
+// A reader caches what it read from the store only if no commit younger than its state has evicted
+// a row of that stripe: its version may be old by now.
 
 SharedRowCache::SharedRowCache(ForeignCommits const& foreign_commits, std::uint64_t memory)
     : foreign_commits_(foreign_commits),
@@ -147,7 +154,7 @@ SharedRowCache::~SharedRowCache() {
     munmap(buckets, BucketCount() * sizeof(Bucket));
   }
   for (CachedRow* row = retired_; row != nullptr;) {
-    Free(std::exchange(row, LeftOf(*row).before));
+    Free(std::exchange(row, LinkOf(*row).next));
   }
 }
 
@@ -168,6 +175,7 @@ SharedRowCache::Slot SharedRowCache::SlotOf(CachedRow* row) {
   return address | Mark(row->id);
 }
 
+// Reserves address space for all buckets on first use; pages are allocated when they are touched.
 SharedRowCache::Bucket* SharedRowCache::Buckets() noexcept {
   Bucket* buckets = buckets_.load(std::memory_order_acquire);
   if (buckets != nullptr) return buckets;
@@ -182,7 +190,8 @@ SharedRowCache::Bucket* SharedRowCache::Buckets() noexcept {
   return buckets;
 }
 
-// Ids come in runs, of which each fills its buckets evenly; runs far apart are spread.
+// Ids are mostly consecutive. Eight neighbours share a bucket and the next eight take the next one,
+// so a run of ids fills the table evenly. The factor spreads runs that are a table's size apart.
 std::size_t SharedRowCache::BucketOf(ObjectId id) const {
   std::uint64_t const line = Raw(id) / kWays;
   std::uint64_t const run = line >> bucket_bits_;
@@ -214,7 +223,7 @@ CachedRowPtr SharedRowCache::Prepare(ObjectId id, Layout const& layout, std::str
   std::uint64_t const size = AllocatedSize(image.size());
   if (size > std::min(memory_, kLargestRow)) return nullptr;
   void* const memory = row_memory_.Take(size);
-  // No machine of today gives out addresses that the slots cannot hold.
+  // Slots hold 48 bits of address, which is all that a process gets by default.
   if (memory == nullptr || (reinterpret_cast<std::uintptr_t>(memory) & ~kAddress) != 0) {
     if (memory != nullptr) row_memory_.Give(memory, size);
     return nullptr;
@@ -226,6 +235,8 @@ CachedRowPtr SharedRowCache::Prepare(ObjectId id, Layout const& layout, std::str
   return CachedRowPtr(row, {&row_memory_});
 }
 
+// Raises the stripe's newest commit even if the row is not cached: a reader of an older state may
+// be about to cache it.
 void SharedRowCache::TakeOut(ObjectId id, CommitId state) noexcept {
   if (memory_ == 0) return;
   std::size_t const number = BucketOf(id);
@@ -246,6 +257,8 @@ void SharedRowCache::PutBack(CachedRowPtr row) noexcept {
   Put(buckets_.load(std::memory_order_acquire)[number], std::move(row));
 }
 
+// Takes the slot of its id modulo 8 or, if that is taken, the next free one. When all are taken,
+// the row in its own slot is evicted.
 void SharedRowCache::Put(Bucket& bucket, CachedRowPtr row) noexcept {
   std::size_t const there = WayOf(bucket, row->id);
   if (there < kWays) Remove(bucket, there);
@@ -260,8 +273,8 @@ void SharedRowCache::Put(Bucket& bucket, CachedRowPtr row) noexcept {
   static_cast<void>(row.release());
 }
 
-// Large pages are a wish: everything works without them. For a few rows they would cost more than
-// they bring.
+// Counts rows and asks for huge pages once there are many: for few rows they cost more than they
+// gain. Notes the region of the bucket, so that the destructor touches only those with rows.
 void SharedRowCache::NoteUsed(Bucket const& bucket) noexcept {
   Bucket* const buckets = buckets_.load(std::memory_order_relaxed);
   auto const number = static_cast<std::size_t>(&bucket - buckets);
@@ -271,6 +284,8 @@ void SharedRowCache::NoteUsed(Bucket const& bucket) noexcept {
   row_memory_.UseChunks();
 }
 
+// Evicts rows of the same bucket until there is room. There is no global order of use: a reader
+// that kept one would write to shared memory at each read.
 bool SharedRowCache::MakeRoom(Bucket& bucket, std::uint64_t size) noexcept {
   if (retired_bytes_ > memory_ / 4) {
     std::lock_guard const lock(retired_mutex_);
@@ -291,40 +306,42 @@ void SharedRowCache::Remove(Bucket& bucket, std::size_t way) noexcept {
   Retire(row);
 }
 
-// ---- rows that left ----------------------------------------------------------------------------
+// ---- retired rows ------------------------------------------------------------------------------
 
 void SharedRowCache::Retire(CachedRow* row) noexcept {
   std::lock_guard const lock(retired_mutex_);
   retired_bytes_ += AllocatedSize(row->size());
   std::uint64_t const now = clock_.fetch_add(1);
-  if (retired_ == nullptr) first_left_ = now;
-  SetLeft(*row, {now, std::exchange(retired_, row)});
+  if (retired_ == nullptr) oldest_retired_ = now;
+  SetLink(*row, {now, std::exchange(retired_, row)});
   if (++retired_count_ >= enough_retired_) FreeRetired();
 }
 
-// Does not look at rows as long as a reader may have the first of them.
+// Frees the rows that were retired before the oldest reader began. The list is not even scanned
+// while that reader may use its oldest row. The next attempt comes when the list has doubled, so
+// the cost for each row is constant.
 void SharedRowCache::FreeRetired() noexcept {
   std::uint64_t oldest = clock_.load();
   for (Reader const* const reader : readers_) oldest = std::min(oldest, reader->since_.load());
-  if (first_left_ < oldest) FreeRetiredBefore(oldest);
+  if (oldest_retired_ < oldest) FreeRetiredBefore(oldest);
   enough_retired_ = std::max(kFirstRetired, 2 * retired_count_);
 }
 
 void SharedRowCache::FreeRetiredBefore(std::uint64_t oldest) noexcept {
   CachedRow* row = std::exchange(retired_, nullptr);
   retired_count_ = 0;
-  first_left_ = kNotReading;
+  oldest_retired_ = kNotReading;
   while (row != nullptr) {
-    Left const left = LeftOf(*row);
-    if (left.at < oldest) {
+    RetiredLink const link = LinkOf(*row);
+    if (link.at < oldest) {
       retired_bytes_ -= AllocatedSize(row->size());
       Free(row);
     } else {
-      SetLeft(*row, {left.at, std::exchange(retired_, row)});
-      first_left_ = std::min(first_left_, left.at);
+      SetLink(*row, {link.at, std::exchange(retired_, row)});
+      oldest_retired_ = std::min(oldest_retired_, link.at);
       ++retired_count_;
     }
-    row = left.before;
+    row = link.next;
   }
 }
 

@@ -3,15 +3,15 @@
 
 // The newest committed rows in memory, for all contexts of the process.
 //
-// A row enters when a transaction first reads it, and is the newest as long as it is cached: the
-// commit that replaces it evicts it before becoming visible. So a reader of any state not older
-// than the row's commit may use it. Evicted rows are kept until every transaction that may have
-// them is over; while they make up more than a quarter of the memory, no row enters.
+// A row is cached when a transaction first reads it, and is the newest version as long as it is
+// cached: the commit that replaces it evicts it before becoming visible. So a reader of any state
+// not older than the row's commit may use it. Evicted rows are retired: they are freed once every
+// transaction that may use them has ended. While they make up more than a quarter of the memory, no
+// row enters.
 //
-// Readers take no lock. A bucket is one line of the processor's cache, with a slot for each of
-// eight neighbours by id, which others may take too: a random read is bound by the lines that it
-// touches, and so slots are small. When the memory or a bucket is full, another row of the bucket
-// goes.
+// Readers take no lock. A bucket is one line of the processor's cache with eight slots, usually for
+// eight neighbours by id. The time of a random read is that of the lines it touches, so slots are
+// small. When the memory or a bucket is full, another row of the bucket is evicted.
 
 #include <array>
 #include <atomic>
@@ -33,12 +33,13 @@
 
 namespace lscore {
 
-// A committed row: its image follows, and behind that what is needed once it has left. A usual row
-// is two lines of the processor's cache, so the size of the image replaces its checksum.
+// A committed row. Its image follows in memory, then a link for when it is retired. A usual row
+// fits into two lines of the processor's cache; the image's size is stored in place of its
+// checksum.
 struct CachedRow {
   ObjectId id{};
   Layout const* layout = nullptr;
-  CommitId known{};  // a state whose newest it was
+  CommitId known{};  // a state in which it was the newest version
 
   std::uint32_t size() const { return Load<std::uint32_t>(image() + format::kCrcOffset); }
   char const* image() const { return reinterpret_cast<char const*>(this + 1); }
@@ -54,7 +55,8 @@ using CachedRowPtr = std::unique_ptr<CachedRow, CachedRowFree>;
 
 class SharedRowCache {
  public:
-  // A transaction's right to use what it finds, from Begin to End. One thread at a time.
+  // A transaction's access to the cache. From Begin to End no row that it found is freed. One
+  // thread at a time.
   class Reader {
    public:
     explicit Reader(SharedRowCache& table);
@@ -66,7 +68,7 @@ class SharedRowCache {
     void Begin(CommitId state, bool usable);
     void End() noexcept { since_.store(kNotReading, std::memory_order_release); }
 
-    // The row in the state that is read; null if it is not cached. Valid until End.
+    // The row as of the state that is read; null if that is not cached. Valid until End.
     CachedRow const* Find(ObjectId id) const { return usable_ ? table_.Find(id, state_) : nullptr; }
     // Prefetches rows that will soon be read: first their slots, then the rows.
     void PrefetchSlot(ObjectId id) const { table_.PrefetchSlot(id); }
@@ -94,13 +96,13 @@ class SharedRowCache {
   // ---- for the committer
   // May return false positives.
   bool Holds(ObjectId id) const;
-  // Before the commit that replaces or deletes the row becomes visible, or, when another process
-  // made it, before the first reader of `state` is told that all is accounted for.
+  // Evicts a row before the commit that replaces or deletes it becomes visible. For a commit of
+  // another process: before ForeignCommits::Notice returns true for `state` or a later one.
   void TakeOut(ObjectId id, CommitId state) noexcept;
-  // Null: too large, or no memory for it. What the commit writes instead of a row.
+  // A row to be cached; null: it is too large, or there is no memory.
   CachedRowPtr Prepare(ObjectId id, Layout const& layout, std::string_view image,
                        CommitId state) noexcept;
-  // After the commit, before the next one begins.
+  // Caches the new version, after its commit and before the next one begins.
   void PutBack(CachedRowPtr row) noexcept;
 
  private:
@@ -111,16 +113,16 @@ class SharedRowCache {
   static constexpr std::size_t kRegions = 256;  // of buckets
   static constexpr std::uint64_t kNotReading = ~std::uint64_t{0};
 
-  // The address of a row, and above it bits that are made of the row's id; 0: free. Read and
-  // written through std::atomic_ref, since buckets come from the system as zeros.
+  // The address of a row and, in the upper 16 bits, a mark computed from its id; 0: free. Accessed
+  // through std::atomic_ref, since buckets are pages of zeros from the system.
   using Slot = std::uint64_t;
   struct alignas(64) Bucket {
     Slot slots[kWays];
   };
-  // Of all buckets whose numbers are alike: who changes one holds the lock.
+  // Buckets with equal numbers modulo kStripes share a stripe, whose mutex guards their changes.
   struct Stripe {
     std::mutex mutex;
-    CommitId newest{};  // that took a row out
+    CommitId newest{};  // the newest commit that evicted a row
   };
 
   static Slot SlotOf(CachedRow* row);
@@ -141,7 +143,7 @@ class SharedRowCache {
   Bucket* Buckets() noexcept;
   void NoteUsed(Bucket const& bucket) noexcept;
   void FreeRegion(Bucket const* first) noexcept;
-  // REQUIRES: the stripe's lock, for these.
+  // These require the stripe's lock.
   void Put(Bucket& bucket, CachedRowPtr row) noexcept;
   void Remove(Bucket& bucket, std::size_t way) noexcept;
   bool MakeRoom(Bucket& bucket, std::uint64_t size) noexcept;
@@ -151,7 +153,7 @@ class SharedRowCache {
   }
   void Retire(CachedRow* row) noexcept;
   void Free(CachedRow* row) noexcept { CachedRowFree{&row_memory_}(row); }
-  // REQUIRES: the lock of what is retired.
+  // REQUIRES: retired_mutex_ is held.
   void FreeRetired() noexcept;
   void FreeRetiredBefore(std::uint64_t oldest) noexcept;
 
@@ -159,7 +161,7 @@ class SharedRowCache {
   std::uint64_t const memory_;
   RowBudget::Share const share_;
   CachedRowMemory row_memory_;
-  std::size_t bucket_bits_ = 0;  // there are 2 to the power of it
+  std::size_t bucket_bits_ = 0;  // the logarithm of the number of buckets
   std::atomic<Bucket*> buckets_{nullptr};
   std::array<std::atomic<bool>, kRegions> used_{};  // regions that ever held a row
   std::atomic<std::size_t> rows_put_{0};
@@ -167,11 +169,11 @@ class SharedRowCache {
   std::array<Stripe, kStripes> stripes_;
 
   std::atomic<std::uint64_t> placed_{0};         // bytes
-  std::atomic<std::uint64_t> retired_bytes_{0};  // of rows that left and are not freed yet
-  std::atomic<std::uint64_t> clock_{1};          // counts rows that left
+  std::atomic<std::uint64_t> retired_bytes_{0};  // not freed yet
+  std::atomic<std::uint64_t> clock_{1};          // counts retired rows
   std::mutex retired_mutex_;
-  CachedRow* retired_ = nullptr;  // the last that left
-  std::uint64_t first_left_ = 0;  // when the first of them left
+  CachedRow* retired_ = nullptr;      // a list, the last one first
+  std::uint64_t oldest_retired_ = 0;  // the time when the oldest of them was retired
   std::size_t retired_count_ = 0;
   std::size_t enough_retired_ = kFirstRetired;
   std::vector<Reader*> readers_;

@@ -1,11 +1,11 @@
 #ifndef LSCOREDB_SRC_TRANSACTION_ROW_CACHE_H
 #define LSCOREDB_SRC_TRANSACTION_ROW_CACHE_H
 
-// The rows that a transaction is busy with, by id. One thread at a time. RowRef is a plain struct
-// of half a line of the processor's cache with a member `id`.
+// A cache of the rows that a transaction uses, by id. One thread at a time. RowRef is a plain
+// struct of half a line of the processor's cache with a member `id`.
 //
-// Sets of two slots, one line of the processor's cache each: of a thousand rows at random hardly
-// any drive each other out. Memory is taken by the page when rows come to lie there.
+// Two-way set associative, with a set in one line of the processor's cache: among a thousand random
+// rows hardly any evict each other. Memory is allocated by the page when a set in it is first used.
 
 #include <algorithm>
 #include <array>
@@ -55,11 +55,11 @@ class TransactionRowCache {
 
  private:
   static constexpr std::size_t kSets = 4096;
-  static constexpr std::size_t kManyUsed = 512;  // from here on all are cleared
+  static constexpr std::size_t kManyUsed = 512;  // with that many, Clear clears all sets
 
   static constexpr std::size_t kLine = 64;
 
-  using Set = std::array<RowRef, 2>;  // zeros stand for no row
+  using Set = std::array<RowRef, 2>;  // all zeros: no row
   static_assert(sizeof(Set) == kLine);
 
   Set& SetOf(ObjectId id) const { return sets_[Raw(id) % kSets]; }

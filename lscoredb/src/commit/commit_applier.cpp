@@ -9,7 +9,7 @@
 namespace lscore {
 namespace {
 
-// Whether a commit has to do anything for the row.
+// Whether a commit has to write the row. One that was inserted and deleted again was never stored.
 bool Matters(PendingRow const& row) { return row.changed && !(row.inserted() && row.deleted); }
 
 std::string ChunkKey(ObjectId id, std::uint32_t chunk) {
@@ -46,8 +46,8 @@ void AddHints(CommitRequest const& request, std::vector<TreeKey>* hints) {
 
 // ---- rows in memory ----------------------------------------------------------------------------
 
-// A row that nobody read does not come in. One under a layout of this transaction waits until it is
-// read, by its committed layout.
+// A replaced row is cached only if it was cached before: nobody read the others. A row under a
+// layout of this transaction is left out too, since a cached row needs the committed Layout object.
 void CachedRowChanges::Add(PendingRow const& row, std::string_view image, CommitId state) {
   if (row.inserted()) return;
   replaced_.push_back(row.id);
@@ -72,7 +72,7 @@ void CommitApplier::Validate(bool nothing_between) {
   request_.changes.ForEachRow([this](PendingRow const& row) {
     if (Matters(row)) rows_.push_back(&row);
   });
-  // Neighbours share pages, and a tree that grows at its end is filled.
+  // In key order neighbours share pages, and a tree that grows at its end fills its pages.
   std::sort(rows_.begin(), rows_.end(),
             [](PendingRow const* a, PendingRow const* b) { return a->id < b->id; });
   if (!nothing_between) {
@@ -102,11 +102,12 @@ void CommitApplier::ValidateRow(PendingRow const& row) {
   if (RowImage(stored).commit() > request_.snapshot.id()) Throw(LSCOREDB_CONFLICT);
 }
 
-// Another process may have reserved it for itself.
+// Another process may have reserved the id for itself since the insert.
 void CommitApplier::ValidateChosen(ObjectId id) const {
   if (!MayBeChosen(batch_, id, ReadIdMark(batch_))) Throw(LSCOREDB_ID_GIVEN_OUT);
 }
 
+// A required row is compared like a written one: it must exist and be no younger than the snapshot.
 void CommitApplier::ValidateRequired(ObjectId object) {
   std::uint64_t const id = Raw(object);
   std::string_view stored;
@@ -115,6 +116,8 @@ void CommitApplier::ValidateRequired(ObjectId object) {
   if (RowImage(stored).commit() > request_.snapshot.id()) Throw(LSCOREDB_CONFLICT);
 }
 
+// Layout numbers are reserved before use, so one that is stored already means that a reservation
+// was lost. The other layout is not overwritten.
 void CommitApplier::ValidateLayouts() const {
   for (auto const& layout : request_.changes.layouts()) {
     std::string_view stored;
@@ -124,6 +127,8 @@ void CommitApplier::ValidateLayouts() const {
   }
 }
 
+// A new index was filled from the snapshot. A row of its set that another transaction changed since
+// would be missing or stale in it, hence the conflict; the store notes the last change of each set.
 void CommitApplier::ValidateIndexes() const {
   for (IndexDefinition const* const index : request_.changes.dropped_indexes()) {
     if (!HasIndex(batch_, index->id)) Throw(LSCOREDB_CONFLICT);
@@ -133,7 +138,7 @@ void CommitApplier::ValidateIndexes() const {
   }
 }
 
-// Whether the row is in another set than in the snapshot, with that set in `text_`.
+// Whether the row's set differs from that in the snapshot; the new one is left in `text_`.
 bool CommitApplier::EntersSet(PendingRow const& row) {
   if (row.deleted || !row.setspec.present) return false;
   std::u16string before;
@@ -145,7 +150,8 @@ bool CommitApplier::EntersSet(PendingRow const& row) {
   return before != text_;
 }
 
-// What was closed in the snapshot was refused by the write.
+// The reverse of the writer's check: a set that was closed since the snapshot refuses rows that
+// come into it here; one that was closed in the snapshot already refused the write.
 void CommitApplier::ValidateSets() {
   CommitId const since = request_.snapshot.id();
   for (auto const& [setspec, unchanged] : request_.changes.closed_sets()) {
@@ -158,12 +164,15 @@ void CommitApplier::ValidateSets() {
   }
 }
 
-// An index that the transaction itself created is in no store yet, one that another dropped is in
-// none any more.
+// Whether to write the entries: those of an index that another transaction dropped are not. An
+// index of this transaction is live although the batch does not have it yet.
 bool CommitApplier::IsLive(PendingIndex const& entries) const {
   return !late_ || !entries.committed() || HasIndex(batch_, entries.index().id);
 }
 
+// Indexes that were committed after the snapshot are unknown to the transaction, which wrote no
+// entries for them. For every row that it wrote, the entry of the row as it was is removed and that
+// of the row as it is now added, in every index over it that the snapshot lacks.
 void CommitApplier::DeriveLateEntries() {
   now_ = std::make_unique<IndexCatalogue>(IndexVersion(batch_));
   for (PendingRow const* const row : rows_) DeriveLateEntries(*row);
@@ -199,6 +208,8 @@ PendingIndex& CommitApplier::LateEntries(IndexDefinition const& index) {
   return *entries;
 }
 
+// The last check for duplicates, against the store with all earlier tickets of the batch applied.
+// When nothing was committed since the snapshot, keys that were unique when written still are.
 void CommitApplier::CheckUnique(PendingIndex const& entries, bool nothing_between) {
   if (!entries.index().unique() || (nothing_between && !entries.has_unproven())) return;
   EntryCursor cursor;
@@ -244,6 +255,8 @@ void CommitApplier::ApplyRow(PendingRow const& row) {
   CountChange(row);
 }
 
+// Builds the row's image, whose header names this commit. An image of more than one chunk goes to
+// the overflow tree, and a stub with its size and checksum takes its place among the rows.
 void CommitApplier::PutImage(PendingRow const& row) {
   std::string_view image =
       builder_.Build(row.id, *row.layout, batch_.id(), row.setspec, row.all_cells());
@@ -273,7 +286,9 @@ void CommitApplier::DeleteChunks(ObjectId id) {
   for (std::uint32_t chunk = 0; batch_.Delete(Tree::kOverflow, ChunkKey(id, chunk));) ++chunk;
 }
 
-// The newest index has the highest keys, unless another process has made one meanwhile.
+// Index ids ascend, so the entries of a new index mostly follow all others and are appended, which
+// fills pages and searches no tree. When an index with a higher id was committed before this one,
+// they are put one by one.
 void CommitApplier::ApplyUntouched(SortedEntries const& entries) {
   Cursor last;
   last.Open(batch_, Tree::kIndex);
@@ -292,7 +307,8 @@ void CommitApplier::ApplyUntouched(SortedEntries const& entries) {
   }
 }
 
-// Removals come first: two long keys of one object may be one key of the store.
+// Removals come first: two keys of one object that differ only beyond the store's key length share
+// one key of the store, and the new entry must survive.
 void CommitApplier::ApplyEntries(PendingIndex const& entries) {
   IndexDefinition const& index = entries.index();
   if (entries.untouched() != nullptr) ApplyUntouched(*entries.untouched());
@@ -334,6 +350,8 @@ void CommitApplier::ApplyIndexes() {
   }
 }
 
+// The store counts the objects of each layout, with the set of one of them as an example
+// (RowWriter:: SameSet). Counts are collected over all rows and written once per layout.
 void CommitApplier::CountChange(PendingRow const& row) {
   if (!row.inserted()) {
     --counts_[row.original_layout->number()].objects;
@@ -346,6 +364,8 @@ void CommitApplier::CountChange(PendingRow const& row) {
   NoteSet(row.setspec);
 }
 
+// Remembers that the row's set changed. A transaction writes to few sets, so the packed form of the
+// last eight is compared first, and unpacking and the lookup in the ordered set are mostly skipped.
 void CommitApplier::NoteSet(Cell const& setspec) {
   if (!setspec.present) return;
   NotedSet& noted = noted_sets_[next_noted_];

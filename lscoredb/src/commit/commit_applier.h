@@ -2,7 +2,7 @@
 #define LSCOREDB_SRC_COMMIT_APPLIER_H
 
 // One transaction's part of a batch: all checks first, which write nothing, then all writes. Used
-// by the leader of a commit, on its thread; the transaction itself stands still meanwhile.
+// by the leader of a batch, on its thread; the transaction's own thread waits meanwhile.
 
 #include <array>
 #include <cstdint>
@@ -19,14 +19,14 @@
 
 namespace lscore {
 
-// What a batch does to rows that are kept in memory.
+// What a batch does to the shared row cache.
 class CachedRowChanges {
  public:
   explicit CachedRowChanges(SharedRowCache& rows) : rows_(rows) {}
 
-  // The row is replaced, or deleted where there is no image.
+  // The row is replaced by `image`, or deleted where that is empty.
   void Add(PendingRow const& row, std::string_view image, CommitId state);
-  // Right before and after the batch is committed.
+  // TakeOut right before the batch is committed, PutBack right after it.
   void TakeOut(CommitId state) noexcept;
   void PutBack() noexcept;
 
@@ -36,7 +36,8 @@ class CachedRowChanges {
   std::vector<CachedRowPtr> newer_;
 };
 
-// What a batch that applies the request is going to get from the store, most of it.
+// Appends most of the keys that a batch gets from the store when it applies the request, so that a
+// remote store can fetch them in one round trip.
 void AddHints(CommitRequest const& request, std::vector<TreeKey>* hints);
 
 class CommitApplier {
@@ -51,12 +52,12 @@ class CommitApplier {
         entries_(batch),
         deleted_(batch) {}
 
-  // Throws LSCOREDB_CONFLICT or LSCOREDB_DUPLICATE_KEY when the transaction cannot be committed,
-  // the latter with the key in the request.
-  // Has written nothing then. `nothing_between`: no commit came after the snapshot, and the batch
-  // is empty.
+  // Throws a refusal when the transaction cannot be committed: LSCOREDB_CONFLICT,
+  // LSCOREDB_DUPLICATE_KEY with the key in the request, LSCOREDB_SET_CLOSED or
+  // LSCOREDB_ID_GIVEN_OUT. Writes nothing. `nothing_between`: nothing was committed since the
+  // snapshot, and the batch is empty.
   void Validate(bool nothing_between);
-  // Writes everything. When it throws, the batch is of no use any more.
+  // Writes everything. When it throws, the batch must be discarded.
   void Apply();
 
  private:
@@ -98,7 +99,7 @@ class CommitApplier {
   };
   struct CountDelta {
     std::int64_t objects = 0;
-    PendingRow const* example = nullptr;  // a row that is under the layout now
+    PendingRow const* example = nullptr;  // a row that uses the layout now
   };
 
   Batch& batch_;
@@ -107,7 +108,7 @@ class CommitApplier {
   CachedRowChanges& kept_;
   EntryWriter entries_;
   DeletedIds deleted_;
-  std::vector<PendingRow const*> rows_;  // with something to do for them, by id
+  std::vector<PendingRow const*> rows_;  // those to be written, by id
   bool late_ = false;                    // indexes were created or dropped since the snapshot
   std::unique_ptr<IndexCatalogue> now_;
   Arena arena_;
@@ -118,7 +119,7 @@ class CommitApplier {
   std::u16string text_;
   std::map<LayoutNumber, CountDelta> counts_;
   std::set<std::u16string> changed_sets_;
-  std::array<NotedSet, 8> noted_sets_;  // some of those, so that most rows need not ask
+  std::array<NotedSet, 8> noted_sets_;  // the last few of those, so that most rows skip the set
   std::size_t next_noted_ = 0;
 };
 

@@ -2,6 +2,13 @@
 
 namespace lscore {
 
+// Three states: kIdle, nobody leads; kGathering, the first in the queue waits for others; kLed, a
+// leader commits its batch. A ticket arrives in one of these ways:
+//
+//   kLed        waits until that batch ends; then one of the next is woken and continues below
+//   enough wait leads at once, also while another gathers
+//   kIdle       gathers, and leads when the time is over
+//   kGathering  waits until its batch was led by another
 bool CommitQueue::Enter(CommitTicket& ticket, Tickets* batch) {
   Lock lock(mutex_);
   waiting_.push_back(&ticket);
@@ -20,7 +27,8 @@ bool CommitQueue::AwaitTurn(Lock& lock, CommitTicket const& ticket) {
   return false;
 }
 
-// Returns whether the time is over and nobody completed the batch.
+// Waits for others until the policy's patience ends. Returns whether the caller leads: the time is
+// over and nobody completed the batch.
 bool CommitQueue::Gather(Lock& lock, std::condition_variable& turn) {
   std::size_t const batch = batches_;
   auto const until = last_end_ + policy_.patience();
@@ -36,6 +44,8 @@ void CommitQueue::Take(Tickets* batch) {
   batch->swap(waiting_);
 }
 
+// Uses no ticket after the lock is released: its thread may be gone as soon as it is done. The
+// threads of the batch wake all together, of the next batch only one, which leads or gathers.
 void CommitQueue::Finish(Tickets const& batch, GroupCommitPolicy::Duration took) {
   Lock lock(mutex_);
   for (CommitTicket* const ticket : batch) ticket->done = true;

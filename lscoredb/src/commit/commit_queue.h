@@ -1,12 +1,11 @@
 #ifndef LSCOREDB_SRC_COMMIT_QUEUE_H
 #define LSCOREDB_SRC_COMMIT_QUEUE_H
 
-// Where committers line up, and who of them leads. Whoever leads takes all who wait as one batch,
-// and nobody else leads until it has finished. Before a batch starts, the first in line may wait
-// for company; the one who completes it leads then, so that no thread has to be woken first.
+// The queue of committers, which elects leaders. A leader takes all who wait as one batch, and no
+// other batch is led until it has finished. Before a batch starts, the first in the queue may wait
+// for others; whoever completes the batch leads it, so that no thread has to be woken first.
 //
-// Any thread. A ticket belongs to its thread, which waits, and is of no use to others once it is
-// done.
+// Any thread. A ticket belongs to its thread, which waits; nobody else uses it once it is done.
 
 #include <chrono>
 #include <condition_variable>
@@ -25,17 +24,18 @@ class CommitQueue {
  public:
   using Tickets = std::vector<CommitTicket*>;
 
-  // `longest`: nobody waits longer for company.
+  // `longest`: nobody waits longer for others.
   explicit CommitQueue(GroupCommitPolicy::Duration longest = GroupCommitPolicy::kLongest)
       : policy_(longest) {}
 
-  // Lines up. Returns whether the caller leads: `*batch` is then what it leads, its own ticket
-  // among them, and Finish has to follow. Otherwise another led it, and the ticket is done.
+  // Queues the ticket and waits. Returns whether the caller leads: then `*batch` has the tickets to
+  // commit, its own among them, and the caller must call Finish. Otherwise another thread led the
+  // batch, and the ticket is done.
   bool Enter(CommitTicket& ticket, Tickets* batch);
-  // `took`: what the batch took since it was led.
+  // `took`: the time since Enter returned.
   void Finish(Tickets const& batch, GroupCommitPolicy::Duration took);
 
-  // How many are lined up for a batch that nobody leads yet.
+  // The number of tickets in the queue, without the batch that is being led.
   std::size_t waiting() const;
 
   // Runs `work` while no batch is led.
@@ -53,7 +53,8 @@ class CommitQueue {
   bool AwaitTurn(Lock& lock, CommitTicket const& ticket);
   bool Gather(Lock& lock, std::condition_variable& turn);
   void Take(Tickets* batch);
-  // Those of a batch wait on the same of the two, those of the next one on the other.
+  // Two condition variables in turn: the tickets of a batch wait on one, those of the next batch on
+  // the other, so that the end of a batch wakes only its own and one of the next.
   std::condition_variable& TurnOf(std::size_t batch) { return turn_[batch % 2]; }
 
   std::mutex mutable mutex_;
@@ -64,7 +65,7 @@ class CommitQueue {
   Tickets waiting_;
   GroupCommitPolicy policy_;
   std::chrono::steady_clock::time_point last_end_;
-  bool waited_ = false;  // somebody, for company, before the batch that is led
+  bool waited_ = false;  // whether the batch that is being led waited for others before it started
 };
 
 }  // namespace lscore

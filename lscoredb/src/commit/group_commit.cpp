@@ -7,6 +7,7 @@ namespace {
 
 CommitRequest& RequestOf(CommitTicket* ticket) { return static_cast<CommitRequest&>(*ticket); }
 
+// Whether the batch holds the request's changes: it was valid and had any.
 bool TookPart(CommitRequest const& request) {
   return request.status == LORV_STATUS_OK && !request.changes.empty();
 }
@@ -27,6 +28,9 @@ void GroupCommit::RequireSync() {
   queue_.BetweenBatches([this] { store_.RequireSync(); });
 }
 
+// Tries all tickets in one batch. A full map is tried once more if removing dead readers may have
+// freed pages. When the batch fails as a whole, nothing of it is in the store, and each ticket gets
+// a batch of its own, except after an unknown outcome: its changes may be in the store already.
 void GroupCommit::Lead(Tickets tickets) noexcept {
   auto const attempt = [this](Tickets some) {
     TryAll(some);
@@ -46,7 +50,7 @@ void GroupCommit::Lead(Tickets tickets) noexcept {
   }
 }
 
-// Who was to be committed may have been, and must not be tried again.
+// Tickets whose changes were in the batch may have been committed and must not be tried again.
 void GroupCommit::LeaveOpen(Tickets tickets) noexcept {
   for (CommitTicket* const ticket : tickets) {
     CommitRequest& request = RequestOf(ticket);
@@ -61,13 +65,15 @@ std::unique_ptr<Batch> GroupCommit::BeginBatch(Tickets tickets) {
   return store_.BeginBatch(hints);
 }
 
-// Whether nothing that a transaction can have read changed between its snapshot and a batch. Large
-// transactions use up their identities and have more of them reserved meanwhile.
+// Whether nothing that a transaction can have read changed between its snapshot and a batch.
+// Commits that only reserved ids do not count: a large transaction causes them itself.
 bool GroupCommit::IsNext(CommitId snapshot, CommitId batch) {
   std::uint64_t const between = Raw(batch) - Raw(snapshot) - 1;
   return between == 0 || between == ids_.ReservationsBetween(snapshot, batch);
 }
 
+// When the store cannot say whether the batch took effect (a lost connection), each request gets
+// what Store::AskOutcome needs to find out later.
 void GroupCommit::Commit(Batch& batch, Tickets tickets) {
   try {
     batch.Commit();
@@ -83,16 +89,16 @@ void GroupCommit::Commit(Batch& batch, Tickets tickets) {
 
 // One batch of the store for all tickets. In their order:
 //
-//   1. validate: no row that the transaction wrote or required was committed by another since its
-//      snapshot, nothing changed in the set of an index that it made, no unique key is taken.
-//      Entries of indexes that others made meanwhile are derived. Whoever fails here is refused
-//      alone and has changed nothing. When nothing was committed between the snapshot and this
-//      batch, rows are not compared.
-//   2. apply: definitions, rows, entries, counts. The next ticket is validated against this.
+//   1. validate: no other transaction has committed a row that this one wrote or required since its
+//      snapshot, nothing changed in the set of an index that it created, no unique key is taken.
+//      Entries for indexes that others created meanwhile are derived. A transaction that fails here
+//      is refused alone and has changed nothing. When nothing was committed between the snapshot
+//      and this batch, rows are not compared.
+//   2. apply: rows, entries, definitions, counts. The next ticket is validated against the result.
 //
-// Then rows in memory that are replaced are taken out, the batch is committed, and the new images
-// are put in: a reader of the new state never finds an old row, and one of an old state never finds
-// a new one. A failure from 2 on undoes the batch as a whole; see Lead.
+// Then the replaced rows are evicted from the shared cache, the batch is committed, and the new
+// images are cached: a reader of the new state never finds an old row, and a reader of an older
+// state never uses a new one. A failure from 2 on discards the batch as a whole; see Lead.
 void GroupCommit::TryAll(Tickets tickets) {
   std::unique_ptr<Batch> const batch = BeginBatch(tickets);
   std::uint32_t position = 0;

@@ -1,10 +1,11 @@
 #ifndef LSCOREDB_SRC_GROUP_COMMIT_H
 #define LSCOREDB_SRC_GROUP_COMMIT_H
 
-// How transactions become part of the store. Committers line up; the first one leads: it takes all
-// who wait, checks and applies each in one batch of the store, and ends that with one sync for all.
-// Whoever fails its checks has applied nothing and does not hold up the others. When the batch as a
-// whole fails, each is tried again alone, so that one that does not fit takes nobody with it.
+// Group commit. Committers queue; one of them leads: it takes all who wait, validates and applies
+// each in one batch of the store, and commits the batch with one sync for all. A transaction that
+// fails validation has applied nothing and does not affect the others. When the batch as a whole
+// fails (a full disk), each transaction is tried again alone, so that one that does not fit does
+// not fail the others.
 
 #include <span>
 
@@ -22,12 +23,12 @@ namespace lscore {
 // The key for which a unique index refuses a transaction.
 struct RefusedKey {
   IndexId index{};
-  ObjectId object{};  // that the transaction wrote
-  ObjectId holder{};  // that has the key too
-  KeyBytes key;       // as the contract has it
+  ObjectId object{};  // the one that the transaction wrote
+  ObjectId holder{};  // the one that has the key already
+  KeyBytes key;       // in the contract's key format
 };
 
-// One transaction's wish to be committed. Owned by its thread, which waits.
+// One transaction in the queue. Owned by its thread, which waits.
 struct CommitRequest : CommitTicket {
   CommitRequest(PendingChanges const& its_changes, Snapshot const& its_snapshot, CommitId version)
       : changes(its_changes), snapshot(its_snapshot), index_version(version) {}
@@ -45,10 +46,10 @@ class GroupCommit {
   GroupCommit(Store& store, IdAllocator& ids, DatabaseIdentity& identity, SharedRowCache& rows)
       : store_(store), ids_(ids), identity_(identity), rows_(rows) {}
 
-  // Commits or fails; either way nothing of the request is used afterwards.
+  // Commits or fails; either way the request is not used after Run returned.
   Status Run(CommitRequest& request);
 
-  // From the next commit on every one is synced.
+  // Syncs every commit from the next one on.
   void RequireSync();
 
  private:

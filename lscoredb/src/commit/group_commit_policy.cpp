@@ -10,7 +10,8 @@ void GroupCommitPolicy::Ended(Batch const& batch) {
   wanted_ = alone ? 1 : batch.size + batch.behind;
 }
 
-// Whether the next batch goes without waiting because waits were too short.
+// Whether the next batch starts without waiting, after waits in vain: 1, 2, 4, ... 64 batches after
+// each in a row. A wait that completed its batch resets the number.
 bool GroupCommitPolicy::Pauses(Batch const& batch) {
   bool const complete = batch.size >= wanted_;
   if (batch.waited && complete) next_pauses_ = 1;

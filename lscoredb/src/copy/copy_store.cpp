@@ -15,7 +15,7 @@
 namespace lscore {
 namespace {
 
-// A batch keeps what it writes in memory until it is over.
+// A batch keeps what it writes in memory until it is committed, so large trees take several.
 constexpr std::size_t kBatchBytes = std::size_t{32} << 20;
 
 class Copier {
@@ -24,17 +24,18 @@ class Copier {
   Copier(View const& from, Store& to, std::uint64_t size)
       : from_(from), to_(to), work_(WorkShare{}, size) {}
 
+  // The format record is removed first and written last, with a sync: a copy that was interrupted
+  // has none and is no database. The trees before are appended in key order without syncs.
   void Run() {
     TakeFormat();
     for (Tree const tree : {Tree::kRows, Tree::kOverflow, Tree::kIndex, Tree::kDefinitions}) {
       CopyTree(tree);
     }
-    to_.RequireSync();  // which takes along what went before
+    to_.RequireSync();  // the next commit syncs the earlier ones too
     FinishMeta();
   }
 
  private:
-  // A copy that was cut off has no format, and is no database.
   void TakeFormat() {
     std::unique_ptr<Batch> const batch = to_.BeginBatch();
     std::string_view format;
@@ -59,8 +60,8 @@ class Copier {
     }
   }
 
-  // The copy counts its states anew, and rows bear the number of theirs, so it is told how many
-  // there were before.
+  // Images of rows name the commit that wrote them, but the new store counts its own from the
+  // start. The record kStatesBeforeKey is the number to add, so that no row is from the future.
   void FinishMeta() {
     std::unique_ptr<Batch> const batch = to_.BeginBatch();
     Cursor cursor;
@@ -81,7 +82,7 @@ class Copier {
   WatchedWork work_;
 };
 
-constexpr std::uint64_t kFirstState = 1;  // of tables that were just made
+constexpr std::uint64_t kFirstState = 1;  // of a new store on a server
 
 [[noreturn]] void RefuseTarget() {
   NoteOpenError("the database", "it exists already");
@@ -95,7 +96,7 @@ void CopyStore(Store& store, char const* directory) {
   options.sync = false;
   std::uint64_t const max_file_size = store.Statistics().max_file_size;
   if (max_file_size != 0) options.max_file_size = max_file_size;  // a server has none
-  // A directory was found to be empty already.
+  // The caller has checked that a directory is empty.
   bool const on_server = IsServerUrl(directory);
   if (on_server && StoreExists(directory)) RefuseTarget();
   std::unique_ptr<Store> const target = OpenStore(directory, options);

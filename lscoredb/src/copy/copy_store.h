@@ -1,15 +1,16 @@
 #ifndef LSCOREDB_SRC_COPY_STORE_H
 #define LSCOREDB_SRC_COPY_STORE_H
 
-// Copies a store through the seam, whatever it is: one snapshot of the one, batches of the other.
+// Copies a store of any kind into one of any kind, through the seam: reads one snapshot and writes
+// batches.
 
 #include "store.h"
 
 namespace lscore {
 
-// Writes the newest committed state into a new store in an empty directory, or on a server, without
-// unused space, while others read and write. The copy goes on counting states where this store
-// stands. A copy that was cut off is no database.
+// Writes the newest committed state into a new store, in an empty directory or on a server, while
+// others read and write the source. The copy has no unused space, and its commit numbers continue
+// from the source's. An incomplete copy cannot be opened as a database.
 void CopyStore(Store& store, char const* directory);
 
 }  // namespace lscore

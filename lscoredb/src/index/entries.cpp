@@ -8,11 +8,20 @@
 #include "status.h"
 
 namespace lscore {
+// The record of an entry, with an encoded key that is longer than kKeyPrefix bytes:
+//
+//   key    | prefix of the index | first kKeyPrefix bytes | object id, in its ordered form |
+//   value  | layout 2 | size of the id in the key 1 | rest of the encoded key | checksum |
+//
+// The store orders keys bytewise. Entries with a short encoding are in order then. Those with a cut
+// one and the same head are in order of objects instead, so a cursor reads all of such a group at
+// once and sorts it in memory.
+
 namespace {
 
-constexpr std::size_t kValueHead = 3;
+constexpr std::size_t kValueHead = 3;  // layout and size of the id
 
-// Compares piecewise: `a` and `b` are each a head and a tail.
+// Compares heads as far as both reach, then what is left of one head with the other's tail.
 int ComparePieces(std::string_view a, std::string_view a_tail, std::string_view b,
                   std::string_view b_tail) {
   if (a.size() > b.size()) return -ComparePieces(b, b_tail, a, a_tail);
@@ -81,6 +90,7 @@ void EntryWriter::Delete(IndexDefinition const& index, std::string_view encoded,
   batch_.Remove(Tree::kIndex, record_.key);
 }
 
+// Seeks anew for each entry, since a write ends the cursors of a batch.
 void DeleteEntries(Batch& batch, IndexDefinition const& index) {
   for (;;) {
     std::string key;
@@ -114,7 +124,8 @@ void EntryCursor::SeekFirst(std::string_view bound) {
 void EntryCursor::SeekLast(std::string_view bound) {
   scratch_ = index_->entry_prefix;
   scratch_.append(bound.substr(0, format::kKeyPrefix));
-  // The least key above everything that begins with the bound.
+  // Turns the bound into the least key above everything that begins with it: drops trailing 0xFF
+  // bytes, then adds one to the last byte. None is above if only 0xFF bytes were left.
   while (!scratch_.empty() && scratch_.back() == '\xFF') scratch_.pop_back();
   bool above = false;
   if (!scratch_.empty()) {
@@ -135,6 +146,7 @@ void EntryCursor::Previous() {
   Arrive(in_group_ ? cursor_on_entry_ : cursor_.Previous(), false);
 }
 
+// After each move of the store's cursor: parses the entry, or the group of one with a tail.
 void EntryCursor::Arrive(bool on_entry, bool forward) {
   in_group_ = false;
   valid_ = on_entry && InIndex();
@@ -143,7 +155,8 @@ void EntryCursor::Arrive(bool on_entry, bool forward) {
   if (!entry_.key.tail.empty()) GatherGroup(forward);
 }
 
-// Leaves the cursor on the entry behind the group, in the direction of the scan.
+// Reads all entries with the head of the current one and sorts them by whole encoding. Leaves the
+// store's cursor on the first entry after the group, in the direction of the scan.
 void EntryCursor::GatherGroup(bool forward) {
   std::string const shared(
       cursor_.key().substr(0, index_->entry_prefix.size() + format::kKeyPrefix));

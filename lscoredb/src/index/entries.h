@@ -1,11 +1,11 @@
 #ifndef LSCOREDB_SRC_ENTRIES_H
 #define LSCOREDB_SRC_ENTRIES_H
 
-// The committed entries of an index: how an encoded key becomes a key of the store, and scans over
-// them in the order of the whole encoding, however long it is.
+// The committed entries of an index: how an encoded key becomes a key of the store, and a cursor
+// over them in the order of the whole encodings, however long they are.
 //
 // A cursor belongs to one thread at a time and reads one view. The bytes of its entry stay valid
-// until it moves, over a snapshot until that ends.
+// until it moves; over a snapshot, until that ends.
 
 #include <string>
 #include <string_view>
@@ -17,15 +17,15 @@
 
 namespace lscore {
 
-// An encoded key in one or two pieces: what the store's key holds of it, and the rest.
+// An encoded key in two pieces: the head, which the store's key holds, and the tail, if any.
 struct EncodedKey {
   std::string_view head;
   std::string_view tail;
 };
 
-// Below zero, zero or above, as memcmp would order the whole encodings.
+// Below zero, zero or above, in memcmp order of the whole encodings.
 int Compare(EncodedKey const& a, EncodedKey const& b);
-// The same with only as much of `a` as `prefix` is long; zero: `a` begins with `prefix`.
+// The same for `a` cut to the length of `prefix`; zero: `a` begins with `prefix`.
 int ComparePrefix(EncodedKey const& a, std::string_view prefix);
 
 struct Entry {
@@ -44,15 +44,15 @@ struct EntryRecord {
 };
 EntryRecord RecordOf(IndexDefinition const& index, std::string_view encoded, ObjectId object,
                      LayoutNumber layout);
-// The same, in memory that `record` has.
+// The same, reusing the memory of `record`.
 void BuildRecord(IndexDefinition const& index, std::string_view encoded, ObjectId object,
                  LayoutNumber layout, EntryRecord& record);
-// Of what an entry's record holds. Throws LSCOREDB_DAMAGED. Written in place, since a scan does
-// this at each step.
+// Parses a record. Throws LSCOREDB_DAMAGED. Fills `entry` in place, since a scan does this at each
+// step.
 void ParseEntry(IndexDefinition const& index, std::string_view key, std::string_view value,
                 Entry* entry);
 
-// Puts and deletes entries, one after another in memory that it keeps.
+// Puts and deletes entries in a batch, reusing its memory.
 class EntryWriter {
  public:
   explicit EntryWriter(Batch& batch) : batch_(batch) {}
@@ -70,7 +70,7 @@ void DeleteEntries(Batch& batch, IndexDefinition const& index);
 
 class EntryCursor {
  public:
-  // Over the committed entries of `index`, which must outlive the scan.
+  // `index` must outlive the scan.
   void Open(View const& view, IndexDefinition const& index);
   void Close() { cursor_.Close(); }
 
@@ -81,8 +81,8 @@ class EntryCursor {
   void Next();
   void Previous();
 
-  // What seems to be the object of an entry that many further on; kNoObject: not known. Only to
-  // have it at hand sooner.
+  // A guess at the object of the entry `ahead` steps further, for prefetching only; kNoObject: not
+  // known.
   ObjectId Guess(std::size_t ahead, bool forward) const;
 
   bool valid() const { return valid_; }
@@ -90,7 +90,7 @@ class EntryCursor {
   Entry const& entry() const { return in_group_ ? group_[group_at_] : entry_; }
 
  private:
-  // The prefix is a few bytes, and every step asks.
+  // Compared by hand: the prefix is a few bytes, and every step does this.
   bool InIndex() const {
     std::string_view const key = cursor_.key();
     std::string const& prefix = index_->entry_prefix;
@@ -107,8 +107,8 @@ class EntryCursor {
   bool valid_ = false;
   bool cursor_on_entry_ = false;
   Entry entry_;
-  // Entries whose encodings are cut in the store's key and agree in what it holds: the store has
-  // them by object, the group has them in the order of their encodings.
+  // Entries whose encodings are longer than the store's key and have the same head. The store
+  // orders them by object, the group by their whole encodings.
   bool in_group_ = false;
   std::vector<Entry> group_;
   std::size_t group_at_ = 0;

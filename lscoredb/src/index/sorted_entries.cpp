@@ -16,7 +16,7 @@ namespace {
 constexpr std::size_t kMarked = 32;
 constexpr std::size_t kBufferSize = std::size_t{256} << 10;
 
-// Collects what goes to a file.
+// Buffers records that are appended to a file.
 class FileWriter {
  public:
   explicit FileWriter(TemporaryFile& file) : file_(file) {}
@@ -80,6 +80,8 @@ class SortedEntries::Scan final : public TreeCursor {
   std::uint64_t at_ = 0;
 };
 
+// A binary search over the marks, then a linear one over at most kMarked records: records have
+// different sizes, and an offset for each would cost memory.
 std::uint64_t SortedEntries::LowerBound(std::string_view key) const {
   auto const mark = std::lower_bound(
       marks_.begin(), marks_.end(), key,
@@ -96,14 +98,14 @@ bool SortedEntries::Get(Tree tree, std::string_view key, std::string_view* value
   return true;
 }
 
-// REQUIRES: the tree is kIndex, which is all there is.
+// REQUIRES: the tree is kIndex; nobody opens a cursor over the others.
 void SortedEntries::OpenCursor(Tree, std::unique_ptr<TreeCursor>& cursor) const {
   cursor = std::make_unique<Scan>(*this);
 }
 
 // ---- sorting -----------------------------------------------------------------------------------
 
-// Appends records to a sequence, whose memory or file is then all there.
+// Appends records to a sequence and keeps its marks and back links.
 class SortedEntries::Writer {
  public:
   explicit Writer(SortedEntries& entries) : entries_(entries) {}
@@ -126,6 +128,8 @@ class SortedEntries::Writer {
 EntrySorter::EntrySorter(std::string directory, std::size_t prefix_size, std::size_t memory)
     : directory_(std::move(directory)), prefix_size_(prefix_size), memory_(memory) {}
 
+// Records are collected in one string with a slot for each. When both would exceed the memory, the
+// slots are sorted and the records written out as a run.
 void EntrySorter::Add(std::string_view key, std::string_view value) {
   SortedRecord const record{key, value, 0};
   if (value.size() > std::numeric_limits<std::uint32_t>::max()) Throw(LSCOREDB_TOO_LARGE);
@@ -159,7 +163,7 @@ void EntrySorter::WriteRun() {
   records_.clear();
 }
 
-// Goes through a run in pieces. The bytes of its record stay until the next one is asked for.
+// Reads a run in pieces. The bytes of a record stay valid until Next.
 class EntrySorter::RunReader {
  public:
   RunReader(TemporaryFile const& file, Run const& run, std::size_t piece)
@@ -178,7 +182,7 @@ class EntrySorter::RunReader {
   SortedRecord const& record() const { return record_; }
 
  private:
-  // Fills the buffer so that it holds so many bytes from `at_` on.
+  // Reads on until the buffer holds `size` bytes from `at_` on.
   void Have(std::uint64_t size) {
     if (buffer_.size() - at_ >= size) return;
     buffer_.erase(0, at_);
@@ -201,7 +205,8 @@ class EntrySorter::RunReader {
   SortedRecord record_;
 };
 
-// The runs share the memory that they were sorted in.
+// A k-way merge: a heap of readers gives the lowest record each time. The readers' buffers share
+// the memory that the runs were sorted in.
 void EntrySorter::Merge(SortedEntries& sorted, WatchedWork& work) {
   constexpr std::size_t kLeastPiece = 4096;
   std::size_t const piece = std::clamp(memory_ / runs_.size(), kLeastPiece, kBufferSize);

@@ -1,13 +1,13 @@
 #ifndef LSCOREDB_SRC_SORTED_ENTRIES_H
 #define LSCOREDB_SRC_SORTED_ENTRIES_H
 
-// The entries of a new index for the objects that are there, in the order of the store. However
-// many there are, they take as much memory as the sorter was given: what is more lies in files.
+// An external merge sort for the entries that fill a new index, in the order of the store, and the
+// sorted result. Memory is bounded by what the sorter was given; the rest goes to temporary files.
 //
-//   added, in any order -> runs that fit into memory, each sorted -> one sorted sequence
+//   added in any order -> runs that fit into memory, each sorted -> one sorted sequence
 //
-// Runs are written to one temporary file and merged into another, which is read through a map. When
-// all of it fits into memory no file is made. One thread at a time.
+// Runs are written to one temporary file and merged into another, which is read through a memory
+// map. No file is made when everything fits into memory. One thread at a time.
 
 #include <cstddef>
 #include <cstdint>
@@ -22,7 +22,7 @@
 
 namespace lscore {
 
-// A record of a sequence: a head, then key and value. `back` is the size of the record before.
+// A record of a sequence: a head, then key and value. `back` is the size of the previous record.
 struct SortedRecord {
   struct Head {
     std::uint32_t value_size;
@@ -35,12 +35,12 @@ struct SortedRecord {
 
   std::uint64_t size() const { return sizeof(Head) + key.size() + value.size(); }
   void AppendTo(std::string& out) const;
-  // REQUIRES: `bytes` holds a head, and a whole record where more than the size is looked at.
+  // REQUIRES: `bytes` holds a head; a whole record if more than size() is used.
   static SortedRecord At(char const* bytes);
 };
 
-// The sequence, as the view of a store whose tree kIndex holds nothing else. The bytes of its
-// entries stay as long as it does.
+// The sorted sequence, as a view whose tree kIndex has these entries and whose other trees are
+// empty. The bytes of its entries stay valid as long as it exists.
 class SortedEntries final : public View {
  public:
   bool Get(Tree tree, std::string_view key, std::string_view* value) const override;
@@ -53,32 +53,32 @@ class SortedEntries final : public View {
 
   SortedEntries() = default;
   SortedRecord RecordAt(std::uint64_t at) const { return SortedRecord::At(content_.data() + at); }
-  // The first record that is not below the key, or the end.
+  // The offset of the first record that is not below the key, or of the end.
   std::uint64_t LowerBound(std::string_view key) const;
 
   std::string memory_;
   std::unique_ptr<TemporaryFile> file_;
-  std::string_view content_;          // of one or the other
-  std::vector<std::uint64_t> marks_;  // where each kMarkedth record begins
-  std::uint64_t last_ = 0;            // where the last one does
+  std::string_view content_;          // of either
+  std::vector<std::uint64_t> marks_;  // offsets of every kMarked-th record
+  std::uint64_t last_ = 0;            // offset of the last record
 };
 
 class EntrySorter {
  public:
   static constexpr std::size_t kUsualMemory = std::size_t{32} << 20;
 
-  // All keys begin with `prefix_size` bytes that are the same. Files are made in `directory`;
-  // empty: none are, and all is kept in memory.
+  // All keys begin with the same `prefix_size` bytes. Files are made in `directory`; if it is
+  // empty, everything is kept in memory.
   EntrySorter(std::string directory, std::size_t prefix_size, std::size_t memory = kUsualMemory);
 
-  // Each key once.
+  // REQUIRES: no key is added twice.
   void Add(std::string_view key, std::string_view value);
-  // Null when nothing was added. Afterwards the sorter is of no use any more. Lingers for each
-  // entry that is moved.
+  // Null when nothing was added. The sorter must not be used afterwards. Calls work.Linger for each
+  // entry that it moves.
   std::unique_ptr<SortedEntries const> Finish(WatchedWork& work);
 
  private:
-  // Mostly the first bytes behind the prefix tell which is lower.
+  // The first bytes after the prefix, which mostly decide a comparison, and the record's offset.
   struct Slot {
     std::uint64_t begins;
     std::uint64_t at;

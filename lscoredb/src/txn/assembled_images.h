@@ -1,9 +1,9 @@
 #ifndef LSCOREDB_SRC_ASSEMBLED_IMAGES_H
 #define LSCOREDB_SRC_ASSEMBLED_IMAGES_H
 
-// Images of rows that the store keeps in overflow chunks, put together for a transaction. They live
-// until the innermost read scope that was open at their making, or the transaction, ends. One
-// thread at a time.
+// Images of rows that the store keeps in overflow chunks, assembled in memory for a transaction. An
+// image lives until the innermost read scope that was open when it was assembled, or else the
+// transaction, ends. One thread at a time.
 
 #include <cstddef>
 #include <memory>
@@ -16,7 +16,7 @@ namespace lscore {
 
 class AssembledImages {
  public:
-  // Null: none was put together for the row.
+  // Null: the row's image was not assembled.
   char const* Find(ObjectId id) const {
     for (std::size_t i = 0; i < ids_.size(); ++i) {
       if (ids_[i] == id) return images_[i].get();
@@ -32,8 +32,8 @@ class AssembledImages {
   }
 
   void BeginScope() { scopes_.push_back(images_.size()); }
-  // Returns whether images went with the scope. REQUIRES: a scope is open. `keep`: of a row whose
-  // image has to stay.
+  // Frees the images of the scope, except those of rows for which `keep` is true; they pass to the
+  // scope around it. Returns whether the scope had any. REQUIRES: a scope is open.
   template <typename Keep>
   bool EndScope(Keep&& keep) {
     std::size_t kept = scopes_.back();
@@ -59,7 +59,7 @@ class AssembledImages {
  private:
   std::vector<std::unique_ptr<char[]>> images_;
   std::vector<ObjectId> ids_;
-  std::vector<std::size_t> scopes_;  // how many images there were at the begin of each
+  std::vector<std::size_t> scopes_;  // the number of images when each began
 };
 
 }  // namespace lscore

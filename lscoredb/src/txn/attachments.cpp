@@ -10,6 +10,8 @@ Attachments::~Attachments() {
   }
 }
 
+// Appends to a singly linked list whose entries never move or go before the destructor. The release
+// store publishes a complete entry, so Find reads the list without the mutex.
 void* Attachments::Attach(void const* key, void* value, Release release) {
   std::lock_guard const lock(mutex_);
   if (void* const found = Find(key)) return found;

@@ -4,6 +4,9 @@
 
 namespace lscore {
 
+// A plan compares only the first word of presence bits and stores small numbers, so columns beyond
+// bit 63 or number 65535 get none. A fixed column's offset counts the present columns before it;
+// of a variable column only its number in the image's own layout is kept.
 void ColumnAccessPlans::Note(RowImage image, Layout const& layout, Layout const& named,
                              LayoutNumber as, std::uint32_t column) {
   int const own = layout.Find(named.column(column).token);

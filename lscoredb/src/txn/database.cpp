@@ -24,18 +24,19 @@ namespace {
 
 constexpr mode_t kDirectoryMode = 0750;
 
-// Of a directory, or of the URL of a server, and of the process: what was open before a fork is the
-// parent's.
+// A directory by device and inode, or a server by its URL. The process id is part of the key, since
+// what was open before a fork is the parent's.
 using DatabaseKey = std::tuple<pid_t, dev_t, ino_t, std::string>;
 
-// What this process has open. Held over the opening of a directory, so that none is opened twice.
+// The databases that this process has open. The mutex is held while a directory is opened, so that
+// none is opened twice. Weak pointers: only handles keep a database open.
 struct Registry {
   std::mutex mutex;
   std::map<DatabaseKey, std::weak_ptr<Database>> open;
 };
 
-// Outlives all static objects that may hold databases. Null until it is asked for, and again in a
-// forked child, since a thread that is not there any more may have been working on it.
+// Never destroyed, since static objects may hold databases. Created on first use. A forked child
+// starts with a new one: a thread that exists only in the parent may have held the mutex.
 std::atomic<Registry*> the_registry{nullptr};
 
 AtFork const forget_registry(nullptr, nullptr, [] { the_registry = nullptr; });
@@ -48,6 +49,8 @@ Registry& TheRegistry() {
   return *registry;
 }
 
+// Creates the missing parts of the path. Each new part is synced into its parent, or a power
+// failure could lose the directory with all commits in it.
 void MakeDirectories(std::string const& path, bool sync) {
   std::string above = path.starts_with('/') ? "/" : ".";
   for (std::size_t end = path.find('/', 1);; end = path.find('/', end + 1)) {
@@ -75,8 +78,8 @@ void ForgetClosed(Registry& registry) {
   std::erase_if(registry.open, [](auto const& entry) { return entry.second.expired(); });
 }
 
-// Null when the directory is not open. A directory that was removed while it was open may have left
-// its place, and its number in the file system, to another one.
+// Null when the directory is not open. The inode number of a directory that was removed while open
+// may have been reused: such an orphan is not the one that is wanted.
 std::shared_ptr<Database> FindOpen(Registry& registry, DatabaseKey const& id) {
   auto const found = registry.open.find(id);
   std::shared_ptr<Database> database =
@@ -86,7 +89,7 @@ std::shared_ptr<Database> FindOpen(Registry& registry, DatabaseKey const& id) {
 
 std::shared_ptr<Database> OpenNew(std::string const& path, StoreOptions options) {
   options.reserve_layouts = true;
-  // The host may go to another working directory later.
+  // Absolute, since the host may change its working directory.
   std::string const directory = IsServerUrl(path) ? "" : std::filesystem::absolute(path).string();
   auto database =
       std::make_shared<Database>(OpenStore(path.c_str(), options), options.row_memory, directory);
@@ -94,7 +97,8 @@ std::shared_ptr<Database> OpenNew(std::string const& path, StoreOptions options)
   return database;
 }
 
-// Another opener of what is open already.
+// A second open of a database shares the first one's store. It can ask for more (a check, synced
+// commits), but not turn a read-only store into a writable one.
 void Join(Database& database, StoreOptions const& options) {
   if (options.access == Access::kWrite && database.store().read_only()) {
     Throw(LSCOREDB_READ_ONLY_DATABASE);
@@ -103,7 +107,8 @@ void Join(Database& database, StoreOptions const& options) {
   if (options.sync) database.commits().RequireSync();
 }
 
-// Nobody else waits for a server meanwhile. Who opened the same one first shares what it opened.
+// Connects without the mutex, since a server may take long to answer. When two threads open the
+// same URL at once, the second to finish drops its connection and shares the first one's database.
 std::shared_ptr<Database> OpenServer(std::string const& url, StoreOptions const& options) {
   Registry& registry = TheRegistry();
   DatabaseKey const id{getpid(), 0, 0, url};
@@ -155,8 +160,9 @@ std::shared_ptr<Database> OpenDatabase(char const* directory, StoreOptions const
   return database;
 }
 
-// No one opens the directory again before its store is closed. What was attached is released behind
-// the lock, since it may open and close databases of its own.
+// The store is closed under the mutex, so that nobody opens the directory while it is still locked.
+// The locals are destroyed in reverse order: first the mutex is released, then the attachments,
+// which may open and close other databases, and last the reserved layout numbers.
 void CloseDatabase(std::shared_ptr<Database> database) {
   std::shared_ptr<LayoutReservations> numbers;
   std::unique_ptr<Attachments> attachments;

@@ -1,9 +1,9 @@
 #ifndef LSCOREDB_SRC_DATABASE_H
 #define LSCOREDB_SRC_DATABASE_H
 
-// An open database: its store and what all contexts of the process share about it. One per
-// directory and process, however often it is opened; it lives until the last handle to it is
-// closed. Any thread.
+// An open database: its store and what all contexts of the process share: caches, allocators and
+// the commit queue. One per directory (or server URL) and process, however often it is opened; it
+// lives until its last handle is closed. Any thread.
 
 #include <memory>
 #include <string>
@@ -24,7 +24,7 @@ std::uint64_t NextDatabaseNumber();
 
 class Database {
  public:
-  // `row_memory`: bytes for rows that are kept. `directory`: of the store; empty: it has none.
+  // `row_memory`: bytes for the shared row cache. `directory`: of the store; empty: it has none.
   Database(std::unique_ptr<Store> store, std::uint64_t row_memory, std::string directory)
       : directory_(std::move(directory)),
         store_(std::move(store)),
@@ -40,7 +40,7 @@ class Database {
   }
 
   Store& store() { return *store_; }
-  // Where what does not fit into memory may go; empty: nowhere.
+  // For temporary files; empty where the store has no directory.
   std::string const& directory() const { return directory_; }
   SharedRowCache& rows() { return rows_; }
   LayoutCache& layouts() { return layouts_; }
@@ -50,10 +50,10 @@ class Database {
   LayoutNumbers& layout_numbers() { return layout_numbers_; }
   // Whether the directory was removed under the open database.
   bool orphaned() const { return store_->layout_reservations()->orphaned(); }
-  // Never given to another database of the process, nor to this one when it is opened again.
+  // Unique in the process: not even reopening the same database gives the number again.
   std::uint64_t number() const { return number_; }
   Attachments& attachments() { return *attachments_; }
-  // What CloseDatabase still needs when the store is closed.
+  // For CloseDatabase, which releases them after the store is closed.
   std::unique_ptr<Attachments> TakeAttachments() { return std::move(attachments_); }
   GroupCommit& commits() { return commits_; }
 
@@ -72,10 +72,10 @@ class Database {
 };
 
 // Opens the database in `directory`, which is created when missing, or shares it when the process
-// has it open; null opens a new one in memory.
+// has it open; null opens a new one in memory. A URL opens a database on a server.
 std::shared_ptr<Database> OpenDatabase(char const* directory, StoreOptions const& options);
-// Gives a share back. The last one closes the store, then releases what was attached, and then lets
-// go of the reserved layout numbers, which what was attached may have known.
+// Gives a share back. The last one closes the store, then releases the attachments, then the
+// reserved layout numbers: attachments may cache layouts by number until they are released.
 void CloseDatabase(std::shared_ptr<Database> database);
 
 }  // namespace lscore

@@ -8,6 +8,10 @@
 
 namespace lscore {
 
+// Entries of rows that this transaction wrote are pending: they may change again, and scans follow
+// their history. All others come from the snapshot and cannot change, so they go into a sorter,
+// which spills to temporary files, and stay with the index as its untouched part until commit
+// writes them in order. Uniqueness is checked afterwards: equal keys are neighbours then.
 void IndexFiller::Fill(PendingIndex& entries) {
   work_ = WatchedWork();
   KeyBytes key;
@@ -29,7 +33,7 @@ void IndexFiller::Fill(PendingIndex& entries) {
   if (entries.untouched() != nullptr) CheckUntouchedUnique(entries);
 }
 
-// Through an index that is ordered by set specifier when there is one, else through all rows.
+// Scans an index whose first column is the set specifier if one covers the set, otherwise all rows.
 template <typename Visit>
 void IndexFiller::ForEachObjectOfSet(std::u16string const& setspec, Visit&& visit) {
   if (IndexDefinition const* const index = FindSetIndex(setspec)) {
@@ -57,7 +61,7 @@ void IndexFiller::ScanSetIndex(IndexDefinition const& index, std::u16string cons
                                Visit&& visit) {
   std::string prefix;
   AppendText(prefix, setspec, index.key_columns[0].descending);
-  prefix.pop_back();  // without its end the text is a bound for all that begin with it
+  prefix.pop_back();  // the terminator: without it the text is a prefix of all descendants' sets
   Iterator scan;
   scan.SetPrefix(prefix);
   scan.Start(reader_.scan_source(), index);
@@ -73,6 +77,8 @@ void IndexFiller::ScanSetIndex(IndexDefinition const& index, std::u16string cons
   }
 }
 
+// The snapshot's rows, in their pending form where the transaction changed them, and then the rows
+// that it inserted, which no snapshot has.
 template <typename Visit>
 void IndexFiller::ScanRows(std::u16string const& setspec, Visit&& visit) {
   auto const visit_if_in_set = [&](RowRef const& row) {
@@ -99,7 +105,8 @@ void IndexFiller::Refuse(IndexDefinition const& index, PendingKey const& key, Ob
   Throw(LSCOREDB_DUPLICATE_KEY);
 }
 
-// Of the entries that were written, against one another and against the others.
+// Checks the pending entries against each other, which are neighbours in the map, and against the
+// untouched ones. Null and not yet written columns collide with nothing.
 void IndexFiller::CheckUnique(PendingIndex const& entries) {
   EntryCursor cursor;
   PendingKey const* last = nullptr;  // the last one that can collide
@@ -115,7 +122,8 @@ void IndexFiller::CheckUnique(PendingIndex const& entries) {
   }
 }
 
-// Equal ones are neighbours. They collide unless they have a null, which the row tells.
+// Checks the untouched entries against each other. Equal keys are neighbours. An entry does not
+// say whether its key has a null, which collides with nothing, so the row is read in that case.
 void IndexFiller::CheckUntouchedUnique(PendingIndex const& entries) {
   KeyBytes key;
   EntryCursor cursor;

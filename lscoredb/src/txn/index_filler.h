@@ -1,7 +1,7 @@
 #ifndef LSCOREDB_SRC_INDEX_FILLER_H
 #define LSCOREDB_SRC_INDEX_FILLER_H
 
-// Fills a new index with the objects that are there. One thread at a time.
+// Fills a new index with the objects of its set. One thread at a time.
 
 #include <string>
 
@@ -18,7 +18,7 @@ class IndexFiller {
       : state_(state), schema_(schema), reader_(reader) {}
 
   // Adds an entry for each object of the index's set. Throws LSCOREDB_DUPLICATE_KEY when two
-  // collide in a unique index, which the transaction's state then tells.
+  // collide in a unique index; TransactionState::refused then names them.
   void Fill(PendingIndex& entries);
 
  private:
@@ -33,7 +33,7 @@ class IndexFiller {
   void CheckUntouchedUnique(PendingIndex const& entries);
   [[noreturn]] void Refuse(IndexDefinition const& index, PendingKey const& key, ObjectId holder);
 
-  WatchedWork work_;  // counts the objects that were read
+  WatchedWork work_;  // reports progress, in objects read
   TransactionState& state_;
   SchemaView& schema_;
   RowReader& reader_;

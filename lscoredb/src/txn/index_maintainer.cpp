@@ -4,6 +4,8 @@
 
 namespace lscore {
 
+// The committed indexes over the row's set, without those that this transaction dropped, and the
+// ones it created. The committed list is looked up once per set specifier and kept in the row.
 template <typename Visit>
 void IndexMaintainer::ForEachCovering(PendingRow& row, Visit&& visit) {
   if (!row.setspec.present || row.deleted) return;
@@ -49,7 +51,9 @@ PendingIndex& IndexMaintainer::Pending(IndexDefinition const& index) {
   return pending != nullptr ? *pending : state_.changes.AddIndex(index, true);
 }
 
-// While a scan is open a duplicate may be one that passes; commit looks again.
+// While a scan is open a duplicate may be temporary, so the check is left to commit, which repeats
+// it for every entry that is not known to be unique. Only keys that this change introduced are
+// looked up: an unchanged key was checked when it was written.
 Status IndexMaintainer::CheckUnique(PendingRow const& row) {
   if (scans_.any()) return LORV_STATUS_OK;
   for (std::size_t i = 0; i < affected_count_; ++i) {
@@ -69,6 +73,11 @@ Status IndexMaintainer::CheckUnique(PendingRow const& row) {
   return LORV_STATUS_OK;
 }
 
+// Replaces the row's old entries by the new ones, under one sequence number. Open scans may still
+// need the old state: `keep` makes the entries remember it. An entry with an equal key stays,
+// unless the row moved: entries name its layout. The first entries of a new row go to an unsorted
+// list (fresh_entries.h), since no entry of that row can be there yet; those with unwritten columns
+// do not, since they are about to change.
 void IndexMaintainer::ApplyKeys(PendingRow const& row, PendingRow const& before) {
   bool const keep = scans_.any();
   bool const moved = row.layout != before.layout;
@@ -86,7 +95,6 @@ void IndexMaintainer::ApplyKeys(PendingRow const& row, PendingRow const& before)
     if (!affected.has_new) continue;
     PendingKey const key{affected.new_key, row.id};
     NewEntry const added{key, affected.new_facts, row.layout->number(), same};
-    // One with unwritten columns is about to change.
     if (first && !added.facts.has_unwritten) {
       pending.AddFresh(added);
     } else {
@@ -95,6 +103,8 @@ void IndexMaintainer::ApplyKeys(PendingRow const& row, PendingRow const& before)
   }
 }
 
+// Checks first, with the row already changed, and restores it when a key is taken. Once entries are
+// being changed a failure cannot be undone entry by entry, so it dooms the transaction.
 Status IndexMaintainer::FinishChange(PendingRow& row, std::optional<Token> token,
                                      PendingRow const& before) {
   Status status = Guarded([&] {

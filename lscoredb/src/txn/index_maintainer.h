@@ -1,8 +1,8 @@
 #ifndef LSCOREDB_SRC_INDEX_MAINTAINER_H
 #define LSCOREDB_SRC_INDEX_MAINTAINER_H
 
-// Keeps the indexes in step with the rows that a transaction changes: each change of a row goes
-// through here, and with it the entries of all indexes over the row. One thread at a time.
+// Keeps pending index entries consistent with pending rows: every change of a row goes through
+// ChangeRow, which changes the entries of all indexes over the row with it. One thread at a time.
 
 #include <optional>
 #include <string>
@@ -21,9 +21,9 @@ class IndexMaintainer {
                   Scans const& scans)
       : state_(state), schema_(schema), reader_(reader), scans_(scans) {}
 
-  // One change of a row with the upkeep of the indexes over it; `change` must not throw. `token`:
-  // only indexes with that column are concerned. When it fails the row is as it was, but for cells
-  // that `change` wrote, which the caller puts back.
+  // Changes a row and its index entries. `change` must not throw. `token`: the column that changes;
+  // only indexes with it are maintained. On failure the row is restored, except for cells that
+  // `change` wrote, which the caller restores.
   template <typename Change>
   Status ChangeRow(PendingRow& row, std::optional<Token> token, Change&& change) {
     affected_count_ = 0;
@@ -62,7 +62,7 @@ class IndexMaintainer {
   Scans const& scans_;
   KeyEncoder encoder_;
   EntryCursor unique_cursor_;
-  std::vector<Affected> affected_;  // reused, so that keys keep their room
+  std::vector<Affected> affected_;  // reused: their keys keep their capacity
   std::size_t affected_count_ = 0;
   std::u16string text_;
 };

@@ -25,6 +25,9 @@ void Iterator::SetPrefix(std::string_view prefix) {
   high_ = prefix;
 }
 
+// Puts both cursors on the first entry in the direction of the scan: the committed one, on the
+// snapshot or the index's untouched part if this transaction created it, and the pending one, in
+// the sorted map, into which Settle moves entries that were written unsorted.
 void Iterator::Start(ScanSource const& source, IndexDefinition const& index) {
   source_ = source;
   open_ = true;
@@ -65,7 +68,7 @@ void Iterator::Finish(Status ended) {
   pending_ = nullptr;
 }
 
-// Mostly the first bytes tell.
+// The first eight bytes mostly decide; the keys are compared as a whole only where they are equal.
 bool Iterator::CommittedInRange() const {
   if (!has_committed_ || !committed_.valid()) return false;
   EncodedKey const& key = committed_.entry().key;
@@ -84,7 +87,7 @@ bool Iterator::PendingInRange() const {
   return reverse_ ? Compare(key, {low_, {}}) >= 0 : ComparePrefix(key, high_) <= 0;
 }
 
-// Whoever wants one entry is not to pay for the next.
+// The step is taken when the next entry is asked for, so that a caller of one Next pays for one.
 void Iterator::StepCommitted() { step_due_ = true; }
 
 void Iterator::TakeDueStep() {
@@ -102,7 +105,7 @@ void Iterator::StepPending() {
   }
 }
 
-// Entries that were written after the scan began are as the snapshot has them.
+// An entry that was first written after the scan began is, for the scan, as the snapshot has it.
 void Iterator::SkipUntouched() {
   while (!at_end_ && at_->second.At(source_.seen) == EntryState::kUntouched) StepPending();
 }
@@ -115,8 +118,8 @@ void Iterator::SkipUntouched() {
 //               present  present removed
 //   delivered   a@1  b@7   c@3
 //
-// The lower one is delivered. Where both have an entry, what was written decides, and both step: an
-// entry that was removed hides the committed one. Backwards the higher one is next.
+// The lower one is delivered (in reverse the higher one). Where both have the entry, the pending
+// one decides and both step: a removed entry hides the committed one.
 Entry const* Iterator::NextEntry() {
   for (;;) {
     TakeDueStep();
@@ -141,9 +144,9 @@ Entry const* Iterator::NextEntry() {
   }
 }
 
-// Whoever read the object that was given last will read the next ones. What waits for memory then
-// is on its way while objects before it are worked with. Asked now and then, since whoever does not
-// read is not to wait for the answer.
+// Prefetch. A caller that read the last object will probably read the next ones, so their slots and
+// rows in the shared cache are brought into the processor's cache a few steps ahead. Whether the
+// caller reads is looked up every 32 steps only, so that one that does not read hardly pays for it.
 void Iterator::FetchAhead() {
   if (!has_committed_) return;
   if (source_.far) return AskTogether();
@@ -153,8 +156,9 @@ void Iterator::FetchAhead() {
   source_.shared_rows->FetchRow(committed_.Guess(kRowsAhead, !reverse_));
 }
 
-// What waits for a server is asked for in one round trip, as far as the page of entries goes. The
-// snapshot keeps the rows.
+// Prefetch from a server: one round trip fetches the rows of the next entries, as far as the
+// current page of entries reaches, and the snapshot keeps them. The number doubles from 16 to 256,
+// so short scans fetch little that is not read.
 void Iterator::AskTogether() {
   if (asked_ > 0) --asked_;
   if (asked_ > 0 || given_ == kNoObject || source_.rows->Find(given_) == nullptr) return;

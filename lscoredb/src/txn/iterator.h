@@ -1,9 +1,9 @@
 #ifndef LSCOREDB_SRC_ITERATOR_H
 #define LSCOREDB_SRC_ITERATOR_H
 
-// A scan of a range of an index as it stood when the scan began: the snapshot's entries, merged
-// with those that the transaction had written by then. Belongs to the thread of its transaction. It
-// may be opened again once closed, which takes no memory in the common case.
+// A scan of a range of an index as it was when the scan began: the snapshot's entries, merged with
+// those that the transaction had written by then. Used by the thread of its transaction. A closed
+// iterator may be opened again, which allocates nothing in the common case.
 
 #include <optional>
 #include <string>
@@ -19,17 +19,17 @@ namespace lscore {
 
 using RowsInUse = TransactionRowCache<RowRef>;
 
-// What a scan reads of its transaction. Pointers, since an iterator is opened over and over.
+// What a scan reads from its transaction. Pointers, since an iterator is reused.
 struct ScanSource {
   Snapshot const* snapshot = nullptr;
   PendingChanges const* changes = nullptr;
   RowsInUse const* rows = nullptr;
   SharedRowCache::Reader* shared_rows = nullptr;
-  Sequence seen = 0;  // later writes are not seen
-  bool far = false;   // reading a row takes a round trip
+  Sequence seen = 0;  // the scan sees writes up to this one
+  bool far = false;   // reading a row takes a round trip to a server
 };
 
-// The bounds as the contract has them, both inclusive.
+// The bounds in the contract's key format, both inclusive.
 struct ScanRange {
   bool reverse = false;
   void const* first_key = nullptr;
@@ -42,21 +42,20 @@ class Iterator {
   Iterator(Iterator const&) = delete;
   Iterator& operator=(Iterator const&) = delete;
 
-  // LSCOREDB_MALFORMED_KEY: a bound is no key of the index.
+  // LSCOREDB_MALFORMED_KEY: a bound is not a key of the index.
   Status SetRange(IndexDefinition const& index, ScanRange const& range);
   // All entries whose encoded key begins with `prefix`.
   void SetPrefix(std::string_view prefix);
   // REQUIRES: the range is set.
   void Start(ScanSource const& source, IndexDefinition const& index);
-  // `ended`: what Next gives from here on.
+  // `ended`: what Next returns from now on.
   void Finish(Status ended);
-  // Leaves the scan on an entry that was there when it began.
+  // Skips pending entries that were written after the scan began.
   void SkipUntouched();
 
-  // The next object that is still there; kNoObject at the end. LSCOREDB_NO_TRANSACTION: the
-  // transaction that the scan belongs to has ended. LSCOREDB_ROLLED_BACK: it began behind a
-  // savepoint that was rolled back to. Errors are sticky: what a failed scan did not get to must
-  // not be passed over.
+  // The next object that is not deleted; kNoObject at the end. LSCOREDB_NO_TRANSACTION: the scan's
+  // transaction has ended. LSCOREDB_ROLLED_BACK: the scan began after a savepoint that was rolled
+  // back to. Errors are sticky, so that a caller cannot skip what a failed scan did not deliver.
   Status Next(ObjectId* object, LayoutNumber* layout);
 
  private:
@@ -92,9 +91,9 @@ class Iterator {
   bool at_end_ = true;
   ObjectId given_{};
   std::uint32_t steps_ = 0;
-  bool reading_ = false;  // the objects that were given were read, when it was looked at last
-  std::size_t together_ = kFirstTogether;  // rows that are asked for together next
-  std::size_t asked_ = 0;                  // steps that no row has to be asked for
+  bool reading_ = false;  // whether the caller reads the objects, as of the last look
+  std::size_t together_ = kFirstTogether;  // the size of the next batch of rows from a server
+  std::size_t asked_ = 0;                  // steps left in the last batch
   Entry written_;                          // the pending entry that is next
 };
 

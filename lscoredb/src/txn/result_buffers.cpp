@@ -12,10 +12,10 @@ namespace {
 
 constexpr std::size_t kTextHead = offsetof(LORV_STRING, units);
 constexpr std::size_t kBinaryHead = offsetof(LORV_BINARY, bytes);
-constexpr std::size_t kKeptSources =
-    4096;  // a transaction's list is kept for the next one up to here
+constexpr std::size_t kKeptSources = 4096;  // the list keeps its memory for the next transaction
 
-// A value is known by where its bytes lie; all empty values are one.
+// A value is identified by the address of its bytes, which stay where they are until ForgetSince or
+// Clear. All empty values share one copy.
 std::uint64_t SourceOf(std::string_view bytes) {
   return bytes.empty() ? 1
                        : static_cast<std::uint64_t>(reinterpret_cast<std::uintptr_t>(bytes.data()));
@@ -28,6 +28,7 @@ std::uint32_t CheckedLength(std::size_t length) {
 
 }  // namespace
 
+// Makes room in the list first: an entry of the map that the list lacked would never be dropped.
 template <typename Make>
 char* ResultBuffers::FindOrMake(std::string_view bytes, Make&& make) {
   std::uint64_t const source = SourceOf(bytes);

@@ -1,9 +1,9 @@
 #ifndef LSCOREDB_SRC_RESULT_BUFFERS_H
 #define LSCOREDB_SRC_RESULT_BUFFERS_H
 
-// The writable copies of texts and binaries that a transaction hands out. They live until the
-// innermost read scope that was open at their making, or the transaction, ends. A value that
-// is asked for again is not copied again. One thread at a time.
+// The writable copies of texts and binaries that a transaction returns. A copy lives until the
+// innermost read scope that was open when it was made, or else the transaction, ends. Reading the
+// same value again returns the same copy. One thread at a time.
 
 #include <lscoredb/lscoredb.h>
 
@@ -18,14 +18,14 @@ namespace lscore {
 
 class ResultBuffers {
  public:
-  // The bytes must stay where and what they are until Clear or ForgetSince.
+  // REQUIRES: the source bytes neither move nor change until Clear or ForgetSince.
   LORV_STRING* Text(PackedText text);
   LORV_BINARY* Binary(std::string_view bytes);
 
-  // How many values were handed out that are still known.
+  // The number of values whose copies can still be found.
   std::size_t made() const { return made_.size(); }
-  // Whoever asks again for what was handed out behind the first `made` gets another copy; the
-  // present ones stay.
+  // Forgets the sources of all copies but the first `made`: reading such a value makes a new copy.
+  // The copies themselves stay valid.
   void ForgetSince(std::size_t made);
 
   void BeginScope();
@@ -45,7 +45,7 @@ class ResultBuffers {
 
   Arena arena_;
   OidMap<char*> by_source_;
-  std::vector<std::uint64_t> made_;  // the sources in the order of their copies
+  std::vector<std::uint64_t> made_;  // the sources, oldest copy first
   std::vector<Scope> scopes_;
 };
 

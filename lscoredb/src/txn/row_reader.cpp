@@ -19,13 +19,15 @@ void RowReader::End() {
   shared_rows_.End();
 }
 
-// Images that were put together inside the scope go with it, but for those that written rows refer
-// to.
+// Images that were assembled inside the scope are freed, except those whose rows were written
+// since: the cells of a pending row point into its image. The cache may point at freed images.
 void RowReader::EndScope() {
   auto const is_written = [this](ObjectId id) { return state_.changes.FindRow(id) != nullptr; };
   if (assembled_.EndScope(is_written)) cache_.Clear();
 }
 
+// Looks where the newest version that this transaction may see can be, cheapest first: its write
+// set, the shared cache, which returns only versions not younger than the snapshot, and the store.
 RowRef const* RowReader::LoadRow(ObjectId id) {
   if (id == kNoObject) return nullptr;
   if (PendingRow const* const pending = state_.changes.FindRow(id)) {
@@ -37,6 +39,8 @@ RowRef const* RowReader::LoadRow(ObjectId id) {
   return ReadFromStore(id);
 }
 
+// The image is validated once, before anything in it is used as an offset; whoever reads the row
+// later, from this cache or the shared one, relies on that.
 RowRef const* RowReader::ReadFromStore(ObjectId id) {
   std::uint64_t const key = Raw(id);
   std::string_view stored;
@@ -53,6 +57,8 @@ RowRef const* RowReader::ReadFromStore(ObjectId id) {
   return cache_.Put(RefOf(id, *layout, stored));
 }
 
+// A row too large for one value is stored as a stub, which has its whole size, and numbered chunks
+// under (id, number). Chunks that are missing, empty or too long are damage.
 char const* RowReader::AssembleImage(ObjectId id, std::string_view stub) {
   if (char const* const there = assembled_.Find(id)) return there;
   std::uint64_t const size = WholeSize(stub);
@@ -77,6 +83,8 @@ Status RowReader::FindLive(ObjectId id, RowRef const** out) {
   return (*out)->deleted() ? LORV_STATUS_UNREACHABLE : LORV_STATUS_OK;
 }
 
+// Plans serve variable columns here; ReadFixed has its own path for fixed ones. A value that is not
+// present falls through, since null or zero depends on the layout that the caller names.
 Status RowReader::Read(ObjectId id, LayoutNumber as, std::uint32_t column, TypeSet types,
                        Cell* out) {
   RowRef const* row = nullptr;
@@ -127,6 +135,8 @@ Status RowReader::ReadOwn(RowRef const& row, std::uint32_t column, Cell* out) {
   return null ? LORV_STATUS_NULL : LORV_STATUS_OK;
 }
 
+// Reads through another layout than the object's own: columns are matched by token. A column that
+// the object's layout lacks (it was added later) reads as null, or as zero if it is not nullable.
 Status RowReader::ReadAs(RowRef const& row, LayoutNumber as, std::uint32_t column, TypeSet types,
                          Cell* out) {
   Layout const* const layout = schema_.FindLayout(as);

@@ -1,9 +1,9 @@
 #ifndef LSCOREDB_SRC_ROW_READER_H
 #define LSCOREDB_SRC_ROW_READER_H
 
-// Reads rows for a transaction, in whichever form they are: as it wrote them itself, from the rows
-// that all contexts share, or from its snapshot. Rows that it is busy with are cached, and so is
-// where their columns lie. docs/rows.md tells of the forms. One thread at a time.
+// Reads rows for a transaction in whichever form they have: pending in its write set, cached for
+// all contexts, or as an image in its snapshot. It caches the rows in use and where their columns
+// lie. docs/rows.md describes the forms. One thread at a time.
 
 #include <cstdint>
 #include <string_view>
@@ -28,8 +28,8 @@ class RowReader {
   void Begin(bool usable) { shared_rows_.Begin(state_.snapshot->id(), usable); }
   void End();
 
-  // Null: there is no such object. A deleted one is found as such. Valid until the row is written,
-  // or another one is looked for.
+  // Null: there is no such object. A row that the transaction deleted is returned as deleted. Valid
+  // until the row is written or another one is looked up.
   RowRef const* FindRow(ObjectId id) {
     RowRef const* const cached = cache_.Find(id);
     return cached != nullptr ? cached : LoadRow(id);
@@ -37,9 +37,9 @@ class RowReader {
   // LORV_STATUS_UNREACHABLE for a deleted object, LORV_STATUS_NO_OBJECT for a missing one.
   Status FindLive(ObjectId id, RowRef const** out);
 
-  // The value of `column` as layout `as` has it; kNoLayout: the object's own.
+  // The value of `column` of layout `as`; kNoLayout: the object's own.
   Status Read(ObjectId id, LayoutNumber as, std::uint32_t column, TypeSet types, Cell* out);
-  // The same for the value of a fixed column.
+  // The same for a fixed column; column_access_plans.h explains the arithmetic.
   [[gnu::always_inline]] Status ReadFixed(ObjectId id, LayoutNumber as, std::uint32_t column,
                                           TypeSet types, std::uint64_t* out) {
     RowRef const* const row = FindRow(id);
@@ -63,11 +63,11 @@ class RowReader {
   // The object's layout. LORV_STATUS_NO_OBJECT: there is none.
   Status Lookup(ObjectId id, LayoutNumber* out);
 
-  // After the transaction wrote the row, and after a rollback took back what it wrote.
+  // After the transaction wrote the row; after a rollback undid its write.
   void NoteWritten(PendingRow const& row) { cache_.Put(RefOf(row)); }
   void Forget(ObjectId id) { cache_.Forget(id); }
 
-  // Whether the committed image of a row that was read lies in overflow chunks.
+  // Whether the image of a row that was read came from overflow chunks.
   bool IsAssembled(ObjectId id) const { return assembled_.Find(id) != nullptr; }
   void BeginScope() { assembled_.BeginScope(); }
   // REQUIRES: a scope is open.
@@ -79,13 +79,13 @@ class RowReader {
   }
 
  private:
-  // Null: not planned, or there is no image.
+  // Null: there is no plan, or the row is pending and has no image.
   ColumnAccessPlan const* FindAccessPlan(RowRef const& row, LayoutNumber as, std::uint32_t column,
                                          TypeSet types) const {
     return row.image == nullptr ? nullptr : plans_.Find(*row.layout, as, column, types);
   }
   void NoteAccessPlan(RowRef const& row, LayoutNumber as, std::uint32_t column);
-  // Kept out of the way of what is read most.
+  // Not inlined: they would push the common path out of registers and the instruction cache.
   [[gnu::noinline]] Status ReadOtherFixed(ObjectId id, LayoutNumber as, std::uint32_t column,
                                           TypeSet types, std::uint64_t* out);
   [[gnu::noinline]] RowRef const* LoadRow(ObjectId id);

@@ -37,7 +37,9 @@ ObjectId RowWriter::Insert(LayoutNumber number) {
   return id;
 }
 
-// Commit looks again, since the mark may move on.
+// Below the mark only ids in free ranges may be chosen, and the allocator never returns to those.
+// An id from the mark on is kept from the process's allocator until the transaction ends. Commit
+// checks again, since another process may have moved the mark meanwhile.
 bool RowWriter::ChooseId(ObjectId id) {
   std::uint64_t const mark = ReadIdMark(*state_.snapshot);
   if (!MayBeChosen(*state_.snapshot, id, mark)) return false;
@@ -57,7 +59,8 @@ Status RowWriter::InsertWithId(LayoutNumber number, ObjectId id) {
   return LORV_STATUS_OK;
 }
 
-// The row in editable form. Its values stay where they are, in the snapshot.
+// The row in its pending form. Cells point at the values, which stay in the snapshot; only what is
+// written later is copied into the write set.
 PendingRow& RowWriter::Promote(RowRef const& row) {
   if (row.pending() != nullptr) return *state_.changes.FindRow(row.id);
   RowRef const source = row;
@@ -76,6 +79,9 @@ PendingRow& RowWriter::Promote(RowRef const& row) {
   return pending;
 }
 
+// Decides under which layout a write takes place. A newer layout of the same kind and set wins: the
+// object moves to it first (Write). Through any other layout the object stays where it is and the
+// column is found by token.
 Status RowWriter::FindTarget(RowRef const& row, LayoutNumber as, std::uint32_t column,
                              TypeSet types, Target* out) {
   bool const own = as == kNoLayout || as == row.layout->number();
@@ -93,7 +99,8 @@ Status RowWriter::FindTarget(RowRef const& row, LayoutNumber as, std::uint32_t c
   return FindTargetByToken(row, wanted, out);
 }
 
-// The column where the object is, or else in the newest layout of its kind that has it.
+// The column in the object's own layout, or else in the newest layout of the same kind and set that
+// is not older and has it.
 Status RowWriter::FindTargetByToken(RowRef const& row, Column const& wanted, Target* out) {
   Layout const* layout = row.layout;
   int at = layout->Find(wanted.token);
@@ -111,8 +118,10 @@ Status RowWriter::FindTargetByToken(RowRef const& row, Column const& wanted, Tar
   return layout->column(out->column).type == wanted.type ? LORV_STATUS_OK : LSCOREDB_WRONG_TYPE;
 }
 
-// Whether the objects under a layout, if there are any, are of the row's set. A table that took
-// over the name of another one has layouts with the same token.
+// Whether the objects under a layout, if any, are of the row's set. The token is not enough: a
+// table that took over another one's name has layouts with the same token. One object answers for
+// all, so the write set keeps an example per layout and the store keeps one's set with the layout's
+// count.
 bool RowWriter::SameSet(RowRef const& row, Layout const& layout) {
   Cell const own = row.Setspec();
   if (PendingRow const* const example = state_.changes.FindExample(layout.number())) {
@@ -160,7 +169,8 @@ Cell RowWriter::NewCell(Column const& column, NewValue const& value) {
   return cell;
 }
 
-// The row's values as another layout has them, matched by token.
+// The row's cells in the order of another layout, matched by token; a column of another type, or
+// one that the row lacks, starts without a value.
 Cell* RowWriter::CellsUnder(PendingRow const& row, Layout const& to) {
   Cell* const cells = state_.changes.NewCells(to);
   for (std::uint32_t i = kFirstStoredColumn; i < to.column_count(); ++i) {
@@ -175,6 +185,9 @@ Cell* RowWriter::CellsUnder(PendingRow const& row, Layout const& to) {
 
 // ---- writes ------------------------------------------------------------------------------------
 
+// Everything that can refuse comes first. Then the row becomes pending, undo is recorded (for
+// savepoints), and the cell and the index entries change together. When the layout changes too, one
+// change of the whole row replaces that of a cell.
 Status RowWriter::Write(ObjectId id, LayoutNumber as, std::uint32_t column, TypeSet types,
                         NewValue const& value) {
   RowRef const* found = nullptr;
@@ -217,7 +230,8 @@ bool RowWriter::IsClosedTo(RowRef const& row, std::u16string_view setspec) {
   return text_ != setspec;
 }
 
-// An insert ends with the object's set: one that is refused leaves no object behind.
+// Writing the set specifier completes an insert. When it is refused, the half-made object is
+// deleted.
 Status RowWriter::RefuseClosedSet(RowRef const& row) {
   if (row.inserted() && !row.Setspec().present) Check(Delete(row.id));
   return LSCOREDB_SET_CLOSED;

@@ -1,9 +1,9 @@
 #ifndef LSCOREDB_SRC_ROW_WRITER_H
 #define LSCOREDB_SRC_ROW_WRITER_H
 
-// Writes rows into the write set of a transaction. A row that is written first becomes pending: an
-// editable form whose values stay in the snapshot until they are replaced. Either a call succeeds
-// or it changes nothing. One thread at a time.
+// Writes rows into the write set of a transaction. The first write makes a row pending: an editable
+// form whose values point into the snapshot until they are replaced. A call that fails changes
+// nothing. One thread at a time.
 
 #include <cstdint>
 #include <string>
@@ -35,14 +35,14 @@ class RowWriter {
 
   // Throws LSCOREDB_UNKNOWN_LAYOUT.
   ObjectId Insert(LayoutNumber number);
-  // LSCOREDB_ID_IN_USE, LSCOREDB_ID_GIVEN_OUT, LSCOREDB_INVALID_ARGUMENT: not this identity.
+  // LSCOREDB_ID_IN_USE, LSCOREDB_ID_GIVEN_OUT, LSCOREDB_INVALID_ARGUMENT: the id cannot be used.
   Status InsertWithId(LayoutNumber number, ObjectId id);
   Status Write(ObjectId id, LayoutNumber as, std::uint32_t column, TypeSet types,
                NewValue const& value);
-  // LSCOREDB_SET_CLOSED: the set takes no more objects. A new object goes then.
+  // LSCOREDB_SET_CLOSED: the set takes no more objects. A new object is deleted then.
   Status WriteSetspec(ObjectId id, std::u16string_view setspec);
   Status Delete(ObjectId id);
-  // Puts the object under another layout; columns are matched by token.
+  // Moves the object to another layout; columns are matched by token.
   Status Move(ObjectId id, LayoutNumber to);
 
   void End() noexcept;
@@ -75,7 +75,7 @@ class RowWriter {
   SchemaView& schema_;
   RowReader& reader_;
   IndexMaintainer& indexes_;
-  std::vector<ObjectId> chosen_;  // identities that the allocator keeps clear of
+  std::vector<ObjectId> chosen_;  // ids that the allocator does not give out meanwhile
   std::u16string text_;
 };
 

@@ -7,7 +7,7 @@ namespace lscore {
 
 std::uint64_t Savepoints::Set() {
   static constinit std::atomic<std::uint64_t> last{0};
-  savepoints_.emplace_back();  // before anything is recorded: this may fail
+  savepoints_.emplace_back();  // may fail, so before SetMark starts recording
   savepoints_.back() = {++last, state_.changes.SetMark(), results_.made(), scans_.opened(),
                         state_.doomed};
   return savepoints_.back().number;
@@ -18,12 +18,14 @@ std::vector<Savepoints::Savepoint>::iterator Savepoints::Find(std::uint64_t numb
                       [number](Savepoint const& one) { return one.number == number; });
 }
 
+// Scans that began since end first, since the entries they point at may go. The savepoint itself
+// stays and can be rolled back to again.
 Status Savepoints::RollbackTo(std::uint64_t savepoint) {
   auto const found = Find(savepoint);
   if (found == savepoints_.end()) return LSCOREDB_UNKNOWN_SAVEPOINT;
   scans_.EndSince(found->scans);
   state_.changes.RollbackTo(found->written, [this](ObjectId id) { reader_.Forget(id); });
-  // Memory of what is gone is used again, and values are known by where they lie.
+  // Values are identified by address, and the arena reuses the addresses of undone values.
   results_.ForgetSince(found->handed_out);
   state_.doomed = found->doomed;
   savepoints_.erase(found + 1, savepoints_.end());

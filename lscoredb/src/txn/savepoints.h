@@ -18,15 +18,15 @@ class Savepoints {
   Savepoints(TransactionState& state, RowReader& reader, Scans& scans, ResultBuffers& results)
       : state_(state), reader_(reader), scans_(scans), results_(results) {}
 
-  // Never 0, and never given twice in a process.
+  // Never 0, and unique in the process.
   std::uint64_t Set();
-  // Takes back what was written since, and ends later savepoints and scans that began since.
-  // LSCOREDB_UNKNOWN_SAVEPOINT: it is none, or none any more.
+  // Undoes what was written since, and ends later savepoints and the scans that began since.
+  // LSCOREDB_UNKNOWN_SAVEPOINT: there is no such open savepoint.
   Status RollbackTo(std::uint64_t savepoint);
-  // Ends the savepoint and later ones; what was written stays.
+  // Ends the savepoint and later ones without undoing anything.
   Status Release(std::uint64_t savepoint);
 
-  // After a read scope ended, and values with it.
+  // After a read scope ended and freed its results.
   void ForgetResults();
   void End() noexcept { savepoints_.clear(); }
 
@@ -34,8 +34,8 @@ class Savepoints {
   struct Savepoint {
     std::uint64_t number = 0;
     PendingChanges::Mark written;
-    std::size_t handed_out = 0;  // texts and binaries
-    std::uint64_t scans = 0;     // that were opened
+    std::size_t handed_out = 0;  // result buffers made so far
+    std::uint64_t scans = 0;     // scans opened so far
     Status doomed = LORV_STATUS_OK;
   };
 

@@ -2,6 +2,7 @@
 
 namespace lscore {
 
+// Registered before it starts: Start may fail half-way, and Close then undoes both.
 Status Scans::Open(Iterator& iterator, ScanSource const& source, IndexDefinition const& index,
                    ScanRange const& range) {
   Status const status = iterator.SetRange(index, range);

@@ -1,8 +1,8 @@
 #ifndef LSCOREDB_SRC_SCANS_H
 #define LSCOREDB_SRC_SCANS_H
 
-// The scans that a transaction has open, so that its end, or a rollback to a savepoint, ends those
-// that began too late. One thread at a time; iterators are not owned.
+// The scans that a transaction has open: its end finishes all of them, a rollback to a savepoint
+// those that began since. One thread at a time; iterators are not owned.
 
 #include <cstdint>
 #include <vector>
@@ -13,17 +13,17 @@ namespace lscore {
 
 class Scans {
  public:
-  // REQUIRES: the iterator is not open, and it is closed before it goes.
+  // REQUIRES: the iterator is not open, and it is closed before it is destroyed.
   Status Open(Iterator& iterator, ScanSource const& source, IndexDefinition const& index,
               ScanRange const& range);
   void Close(Iterator& iterator);
 
   bool any() const { return !open_.empty(); }
-  // How many scans were ever opened; see EndSince.
+  // The number of scans ever opened; see EndSince.
   std::uint64_t opened() const { return opened_; }
   void EndAll() noexcept;
-  // After a rollback to when `opened` scans were: later ones end, the others go on with what the
-  // transaction has written still.
+  // After a rollback to a savepoint at which opened() was `opened`: later scans end, the others
+  // continue with what is left of the write set.
   void EndSince(std::uint64_t opened);
 
  private:

@@ -20,7 +20,7 @@ LayoutNumber SchemaEditor::CreateLayout(Token token, LayoutNumber base,
   all.insert(all.end(), columns.begin(), columns.end());
   LayoutOrder const order{kNotCommitted,
                           static_cast<std::uint32_t>(state_.changes.layouts().size())};
-  Layout const checked(kNoLayout, base, token, order, all);  // before a number is used up
+  Layout const checked(kNoLayout, base, token, order, all);  // throws before a number is used up
   LayoutNumber const number = state_.database->layout_numbers().Take(*state_.snapshot);
   state_.changes.AddLayout(std::make_unique<Layout const>(number, base, token, order, all));
   return number;
@@ -38,7 +38,8 @@ std::vector<LayoutNumber> SchemaEditor::UsedLayouts() {
   return numbers;
 }
 
-// What comes under the layout later, or is made on it, is found when it is to be taken away.
+// Only marks the layout. It is removed when the database is next opened by a process that is alone
+// with it (layout_release.h), unless an object or another layout came to use it meanwhile.
 Status SchemaEditor::ReleaseLayout(LayoutNumber number) {
   if (schema_.FindLayout(number) == nullptr) return LSCOREDB_UNKNOWN_LAYOUT;
   if (CountObjects(number) != 0) return LSCOREDB_LAYOUT_IN_USE;
@@ -46,6 +47,7 @@ Status SchemaEditor::ReleaseLayout(LayoutNumber number) {
   return LORV_STATUS_OK;
 }
 
+// The count of the snapshot, corrected by the rows of the write set.
 std::uint64_t SchemaEditor::CountObjects(LayoutNumber number) {
   std::uint64_t count = ReadCount(*state_.snapshot, number).objects;
   state_.changes.ForEachRow([&](PendingRow const& row) {
@@ -61,6 +63,8 @@ void SchemaEditor::CloseSet(std::u16string_view setspec, bool empty) {
 
 // ---- indexes -----------------------------------------------------------------------------------
 
+// The index is filled before the write set knows it, so a duplicate leaves nothing behind but a
+// used id.
 IndexId SchemaEditor::CreateIndex(std::unique_ptr<IndexDefinition> index) {
   IndexId const id{state_.NextId()};
   ++state_.ids.next;

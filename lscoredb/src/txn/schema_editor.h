@@ -19,18 +19,19 @@ class SchemaEditor {
   SchemaEditor(TransactionState& state, SchemaView& schema, RowReader& reader)
       : state_(state), schema_(schema), filler_(state, schema, reader) {}
 
-  // The columns of `base` and then `columns`. Throws LSCOREDB_UNKNOWN_LAYOUT for the base,
-  // LSCOREDB_LAYOUTS_EXHAUSTED, and what the columns are refused with.
+  // The columns of `base`, then `columns`. Throws LSCOREDB_UNKNOWN_LAYOUT for the base,
+  // LSCOREDB_LAYOUTS_EXHAUSTED, and the statuses for bad columns (layout.h).
   LayoutNumber CreateLayout(Token token, LayoutNumber base, std::vector<Column> const& columns);
-  // All but those that are released and have no objects; rising.
+  // All layouts but released ones without objects, in ascending order.
   std::vector<LayoutNumber> UsedLayouts();
-  // LSCOREDB_LAYOUT_IN_USE: objects stand under it.
+  // LSCOREDB_LAYOUT_IN_USE: it has objects.
   Status ReleaseLayout(LayoutNumber number);
   std::uint64_t CountObjects(LayoutNumber number);
-  // No more objects come into the set. `empty`: commit fails when one was changed in it since.
+  // The set takes no more objects. `empty`: commit also fails when an object of the set was changed
+  // by another transaction since the snapshot.
   void CloseSet(std::u16string_view setspec, bool empty);
 
-  // Throws LSCOREDB_DUPLICATE_KEY when objects collide in a unique one.
+  // Throws LSCOREDB_DUPLICATE_KEY when objects collide in a unique index.
   IndexId CreateIndex(std::unique_ptr<IndexDefinition> index);
   Status DropIndex(IndexId id);
 

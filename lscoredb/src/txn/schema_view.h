@@ -1,8 +1,8 @@
 #ifndef LSCOREDB_SRC_SCHEMA_VIEW_H
 #define LSCOREDB_SRC_SCHEMA_VIEW_H
 
-// Layouts and indexes as a transaction sees them: those of its snapshot and its own. What it
-// returns is valid until the transaction ends. One thread at a time.
+// Layouts and indexes as a transaction sees them: those of its snapshot and those of its write set.
+// What it returns is valid until the transaction ends. One thread at a time.
 
 #include <memory>
 #include <string>
@@ -27,7 +27,7 @@ class SchemaView {
   IndexDefinition const* FindIndex(IndexId id);
   // Newest first.
   std::vector<IndexDefinition const*> IndexesOf(Token token);
-  // The committed indexes over a set, with those that the transaction has dropped.
+  // The committed indexes over a set, including those that the transaction has dropped.
   IndexList const& CommittedCovering(std::u16string const& setspec) {
     return catalogue().Covering(*state_.snapshot, setspec);
   }
@@ -35,7 +35,7 @@ class SchemaView {
   bool IsClosed(std::u16string_view setspec) {
     return state_.changes.IsClosed(setspec) || known_open_.IsClosed(*state_.snapshot, setspec);
   }
-  // Of the committed indexes.
+  // The commit that last created or dropped an index, as of the snapshot.
   CommitId version() { return catalogue().version(); }
 
   void End() noexcept {

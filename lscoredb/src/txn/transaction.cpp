@@ -20,6 +20,9 @@ void Transaction::Begin(bool read_only) {
   state_.refused.reset();
 }
 
+// A transaction that wrote and required nothing ends without the queue: its snapshot was consistent
+// all along. The request refers to the write set and the snapshot, which End frees only after
+// Run returned.
 Status Transaction::Commit() {
   Status status = state_.doomed;
   state_.refused.reset();
@@ -44,6 +47,8 @@ Status Transaction::AskOutcome(bool* committed) const {
   return LORV_STATUS_OK;
 }
 
+// Scans end before the write set that they point into is cleared. The snapshot goes last: rows and
+// cells point into it.
 void Transaction::End() noexcept {
   scans_.EndAll();
   result_buffers_.Clear();
@@ -57,6 +62,7 @@ void Transaction::End() noexcept {
   state_.database->store().End(std::move(state_.snapshot));
 }
 
+// An object that the transaction itself inserted needs no check: nobody else can see it.
 Status Transaction::Require(ObjectId id) {
   RowRef const* row = nullptr;
   Status const status = reader_.FindLive(id, &row);

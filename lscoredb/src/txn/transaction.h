@@ -1,12 +1,13 @@
 #ifndef LSCOREDB_SRC_TRANSACTION_H
 #define LSCOREDB_SRC_TRANSACTION_H
 
-// A context's transaction: a snapshot of the store, and what was written on top of it. It puts
-// together the parts that do the work, and begins and ends them.
+// A context's transaction: a snapshot of the store and a write set on top of it. A facade: it owns
+// the parts that do the work, begins and ends them, and passes each call to one of them.
 //
-// One object serves a context's transactions one after another. It is used by one thread at a time;
-// what it hands out stays valid until the transaction, or the innermost read scope, ends. Expected
-// outcomes are returned as statuses, everything else is thrown; either way nothing was changed.
+// One object serves a context's transactions one after another, one thread at a time. What it
+// returns stays valid until the transaction, or the innermost read scope, ends. Expected outcomes
+// are returned as statuses, everything else is thrown; a call that fails changes nothing. A write
+// that stops half-way (out of memory) dooms the transaction: its commit returns the same status.
 
 #include <memory>
 #include <optional>
@@ -40,11 +41,11 @@ class Transaction {
   Status refusal_of_writes() const { return refusal_; }
   void Begin(bool read_only);
   Status Commit();
-  // Why the last commit, or an index that was to be created since the transaction began, gave
-  // LSCOREDB_DUPLICATE_KEY; nothing when none did, or since the next transaction began.
+  // The key that the last commit, or the last creation of an index in this transaction, refused
+  // with LSCOREDB_DUPLICATE_KEY. Empty when neither did; Begin clears it.
   std::optional<RefusedKey> const& refused_key() const { return state_.refused; }
-  // Whether the last commit took place, after it was LSCOREDB_COMMIT_UNKNOWN and before the next
-  // Begin. LSCOREDB_NO_TRANSACTION when it was not.
+  // Whether the last commit took place, if it returned LSCOREDB_COMMIT_UNKNOWN and no transaction
+  // has begun since; otherwise LSCOREDB_NO_TRANSACTION.
   Status AskOutcome(bool* committed) const;
   void Rollback() noexcept { End(); }
   // Commit fails when another transaction has changed the object since the snapshot.
@@ -102,7 +103,7 @@ class Transaction {
   Status DropIndex(IndexId id) { return editor_.DropIndex(id); }
 
   // ---- scans (scans.h)
-  // REQUIRES: the iterator is not open; it is closed before the transaction object goes.
+  // REQUIRES: the iterator is not open; it is closed before this object is destroyed.
   Status OpenIterator(Iterator& iterator, IndexId id, ScanRange const& range);
   void CloseIterator(Iterator& iterator) { scans_.Close(iterator); }
 
@@ -112,7 +113,7 @@ class Transaction {
   // Each part uses only those above it.
   TransactionState state_;
   bool read_only_ = false;
-  CommitInDoubt in_doubt_;  // the last commit, if it is
+  CommitInDoubt in_doubt_;  // the last commit, if its outcome is unknown
   Status refusal_ = LSCOREDB_WRITE_REFUSED;
   ResultBuffers result_buffers_;
   Scans scans_;

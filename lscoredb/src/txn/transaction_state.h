@@ -18,7 +18,7 @@ struct TransactionState {
   explicit TransactionState(std::shared_ptr<Database> its_database)
       : database(std::move(its_database)) {}
 
-  // An identity that the context has reserved; it is used up by `++ids.next`.
+  // The next object or index id of the context's reserved range; `++ids.next` uses it up.
   std::uint64_t NextId() {
     if (ids.empty()) ids = database->ids().Take();
     return ids.next;
@@ -28,8 +28,8 @@ struct TransactionState {
   std::unique_ptr<Snapshot> snapshot;  // null: no transaction is open
   PendingChanges changes;
   std::optional<RefusedKey> refused;  // outlasts the transaction
-  Status doomed = LORV_STATUS_OK;     // set when a write stopped half-way
-  Sequence now = 0;                   // of the last write; scans see those of before they began
+  Status doomed = LORV_STATUS_OK;     // why a write stopped half-way; Commit returns it
+  Sequence now = 0;                   // of the last write; a scan sees writes up to its begin
   IdRange ids;                        // outlasts transactions
 };
 

@@ -19,14 +19,15 @@ void FreshEntries::Add(PendingKey const& key, PendingEntry const& entry) {
   if (searchable_) NoteKey(items_.size() - 1);
 }
 
-// Who adds one and clears over and over is not to pay for how many there once were.
+// The slots go too: filling them with zeros would cost as much as the largest number of items ever,
+// each time.
 void FreshEntries::Clear() {
   items_.clear();
   order_.clear();
   slots_.clear();
 }
 
-// At most half of the slots are taken.
+// Keeps at least half of the slots free, so that probing ends soon.
 void FreshEntries::NoteKey(std::size_t item) {
   if (2 * (item + 1) <= slots_.size()) return Fill(item);
   slots_.assign(std::max(kFirstSlots, 2 * slots_.size()), Slot{});
@@ -58,7 +59,7 @@ void FreshEntries::Sort() {
   order_.clear();
   order_.reserve(items_.size());
   for (std::size_t i = 0; i < items_.size(); ++i) order_.push_back({items_[i].key.head, i});
-  std::sort(order_.begin(), order_.end(), [this](Place const& a, Place const& b) {
+  std::sort(order_.begin(), order_.end(), [this](SortKey const& a, SortKey const& b) {
     if (a.head != b.head) return a.head < b.head;
     return PendingKeyLess()(items_[a.item].key, items_[b.item].key);
   });

@@ -1,13 +1,13 @@
 #ifndef LSCOREDB_SRC_FRESH_ENTRIES_H
 #define LSCOREDB_SRC_FRESH_ENTRIES_H
 
-// Entries of new objects as they come, for an index that nobody scans: a list, which is sorted once
-// in the end. A tree of them would be searched for each, and a large one fits into no cache.
+// Entries of new objects for an index that is not being scanned: a list that is sorted once, at
+// commit. A tree would be searched for every entry, and a large one fits into no processor cache.
 //
-//   items_  in the order in which they came         slots_  which of them have a key, by its hash
-//   order_  the same by key, once they are sorted           (of unique indexes alone)
+//   items_  in order of insertion                   slots_  a hash table of keys, by linear probing
+//   order_  the same in order of keys, once sorted          (only for unique indexes)
 //
-// Belongs to one PendingIndex. The bytes of the keys lie in its arena.
+// Belongs to one PendingIndex, whose arena holds the bytes of the keys.
 
 #include <cstdint>
 #include <vector>
@@ -23,32 +23,31 @@ class FreshEntries {
     PendingEntry entry;
   };
 
-  // `searchable`: they are searched for keys.
+  // `searchable`: FindOther is used.
   explicit FreshEntries(bool searchable) : searchable_(searchable) {}
 
   bool empty() const { return items_.empty(); }
   void Add(PendingKey const& key, PendingEntry const& entry);
-  // Forgets all.
   void Clear();
 
-  // Another object with an entry of this encoding, or none. Entries with unwritten columns count
-  // only with `count_unwritten`. REQUIRES: searchable.
+  // An object other than the key's with an equal encoding, or kNoObject. Entries with unwritten
+  // columns count only with `count_unwritten`. REQUIRES: searchable.
   ObjectId FindOther(PendingKey const& key, bool count_unwritten) const;
 
   void Sort();
-  // Calls `visit` with each item, in order. REQUIRES: sorted since the last one came.
+  // Calls `visit` with each item, in order. REQUIRES: Sort was called after the last Add.
   template <typename Visit>
   void ForEach(Visit&& visit) const {
-    for (Place const& place : order_) visit(items_[place.item]);
+    for (SortKey const& key : order_) visit(items_[key.item]);
   }
 
  private:
-  // The beginning of the key beside its place: mostly that tells which is lower.
-  struct Place {
+  // The first bytes of the key beside the item's position: they mostly decide a comparison.
+  struct SortKey {
     std::uint64_t head;
     std::size_t item;
   };
-  // Part of the hash and one more than the place of the item; 0: free.
+  // Part of the hash, and the item's position plus one; 0: free.
   struct Slot {
     std::uint32_t hash = 0;
     std::uint32_t item = 0;
@@ -60,7 +59,7 @@ class FreshEntries {
 
   bool const searchable_;
   std::vector<Item> items_;
-  std::vector<Place> order_;
+  std::vector<SortKey> order_;
   std::vector<Slot> slots_;
 };
 

@@ -12,6 +12,9 @@ namespace lscore {
 
 namespace {
 
+// The value of an index's column in a row, matched by token, so that rows under superseded layouts
+// and of descendant tables are indexed alike. A column that the row's layout lacks, or has with
+// another type, counts as not present: null, or zero if the index's column is not nullable.
 Cell ReadForIndex(IndexColumn const& column, RowRef const& row, bool* null) {
   *null = column.nullable;
   Cell cell;
@@ -99,15 +102,18 @@ PendingEntry& PendingIndex::Change(Map::iterator at, Sequence now, bool keep_his
   return entry;
 }
 
+// Starts from the position that FindOther found: the check for a unique key comes right before the
+// key is added, so the second search of the tree is mostly saved. It is verified, since the map may
+// have changed in between.
 PendingIndex::Map::iterator PendingIndex::LowerBound(PendingKey const& key) {
   auto const below = map_.key_comp();
   bool const above = sought_ != map_.end() && below(sought_->first, key);
   bool const fits = !above && (sought_ == map_.begin() || below(std::prev(sought_)->first, key));
-  // Erasing nothing gives the same place as one where the map may be written.
+  // Erasing an empty range turns the const_iterator into an iterator.
   return fits ? map_.erase(sought_, sought_) : map_.lower_bound(key);
 }
 
-// With its bytes in the arena.
+// The key with its bytes copied into the arena.
 PendingKey PendingIndex::Kept(PendingKey key) {
   char* const bytes = arena_->Allocate(key.encoded.size());
   std::copy(key.encoded.begin(), key.encoded.end(), bytes);
@@ -115,6 +121,8 @@ PendingKey PendingIndex::Kept(PendingKey key) {
   return key;
 }
 
+// While changes are recorded entries go to the map: undo removes single entries, which the list
+// cannot do.
 void PendingIndex::AddFresh(NewEntry const& added) {
   if (recording()) return Add(added, 0, false);
   PendingEntry entry;
@@ -158,6 +166,8 @@ void PendingIndex::SetRemoved(PendingEntry& entry) {
   has_removed_ = true;
 }
 
+// An entry that was never written is marked as removed, to hide the committed one. One that this
+// transaction added, and that the snapshot cannot have, simply goes if no scan needs its history.
 void PendingIndex::Remove(PendingKey key, Sequence now, bool keep_history) {
   Settle();
   auto const at = map_.find(key);
@@ -171,6 +181,7 @@ void PendingIndex::Remove(PendingKey key, Sequence now, bool keep_history) {
   }
 }
 
+// The undo step keeps the extracted node, so that undoing allocates nothing and cannot fail.
 void PendingIndex::Erase(Map::iterator at) {
   sought_ = map_.end();
   if (!recording()) {
@@ -207,6 +218,8 @@ ObjectId PendingIndex::FindOther(PendingKey key, bool count_unwritten) const {
   return fresh_.FindOther(key, count_unwritten);
 }
 
+// Goes through the committed entries with the same encoding, one per object. One counts unless the
+// transaction removed it.
 ObjectId FindOtherBelow(View const& committed, EntryCursor& cursor, PendingIndex const& pending,
                         PendingKey key) {
   View const* const below = pending.Below(committed);
@@ -222,7 +235,7 @@ ObjectId FindOtherBelow(View const& committed, EntryCursor& cursor, PendingIndex
   return kNoObject;
 }
 
-// ---- all of it ---------------------------------------------------------------------------------
+// ---- the write set -----------------------------------------------------------------------------
 
 PendingRow& PendingChanges::AddRow(ObjectId id) {
   if (undo_.recording()) undo_.Record(undo::RowAdded{id});
@@ -321,7 +334,8 @@ std::size_t PositionIn(All const& all, typename All::iterator at) {
                          : static_cast<std::size_t>(at - all.begin());
 }
 
-// Moves the last of `from` to where it stood. REQUIRES: there was room for it before.
+// Moves the last element of `from` back to its former position in `to`. Allocates nothing: `to` had
+// room for it.
 template <typename All>
 void MoveBack(All& from, All& to, std::size_t position) {
   to.insert(to.begin() + static_cast<std::ptrdiff_t>(position), std::move(from.back()));
@@ -330,6 +344,8 @@ void MoveBack(All& from, All& to, std::size_t position) {
 
 }  // namespace
 
+// Reserves everything first, so that nothing fails half-way. The entries and a created definition
+// are set aside instead of destroyed: open scans and undo steps still refer to them.
 void PendingChanges::DropIndex(IndexDefinition const& index) {
   forgotten_.reserve(forgotten_.size() + 1);
   created_and_dropped_.reserve(created_and_dropped_.size() + 1);
@@ -373,13 +389,17 @@ bool PendingChanges::empty() const {
   return !changed;
 }
 
-// ---- taking back -------------------------------------------------------------------------------
+// ---- savepoints --------------------------------------------------------------------------------
+//
+// Each TakeBack reverses one step of undo_log.h. A step may have been recorded for a change that
+// then failed, so each looks whether there is anything to undo.
 
 void PendingChanges::SortEntries() {
   for (auto const& index : indexes_) index->Sort();
 }
 
-// What lies apart would be settled in memory that a rollback releases.
+// Settles all entries first: a later Settle would put them into arena memory after the mark, which
+// a rollback to it releases.
 PendingChanges::Mark PendingChanges::SetMark() {
   for (auto const& index : indexes_) index->Settle();
   undo_.Start();

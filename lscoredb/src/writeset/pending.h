@@ -1,11 +1,11 @@
 #ifndef LSCOREDB_SRC_PENDING_H
 #define LSCOREDB_SRC_PENDING_H
 
-// What a transaction has written and not committed: rows, index entries, layouts, indexes.
+// The write set of a transaction: rows, index entries, layouts and indexes that are not committed.
 //
-// It belongs to one transaction and goes with it. Rows and entries live in its arena; bytes of rows
-// may also lie in the snapshot that the transaction reads. Other threads read it only while the
-// transaction waits in commit.
+// It is owned by its transaction. Rows and entries live in its arena; cells of rows may also point
+// into the snapshot that the transaction reads. Another thread, the leader of a batch, reads it
+// only while the transaction waits in commit.
 
 #include <functional>
 #include <map>
@@ -41,25 +41,25 @@ struct PendingRow {
   Layout const* original_layout = nullptr;
   // The committed indexes over its set; null: not looked up, or no set specifier.
   IndexList const* covering = nullptr;
-  bool given_id = false;  // inserted with an identity of the caller's choice
+  bool given_id = false;  // inserted with an id that the caller chose
   bool changed = false;
   bool deleted = false;
-  bool in_overflow = false;  // the committed image
+  bool in_overflow = false;  // the committed image lies in overflow chunks
 
   bool inserted() const { return original.data() == nullptr; }
   std::span<Cell const> all_cells() const { return {cells, layout->bit_count()}; }
   Cell& cell(std::uint32_t column) const { return cells[column - kFirstStoredColumn]; }
 };
 
-// A row to read, whichever form it has. A few words, passed by value; valid until the row is
+// A row to read, pending or as an image. Four words, passed by value; valid until the row is
 // written.
 struct RowRef {
   ObjectId id{};
   Layout const* layout = nullptr;
-  char const* image = nullptr;  // of a row as committed
+  char const* image = nullptr;  // of a committed row; null: the row is pending
   union {
-    PendingRow const* written = nullptr;  // without an image: of a row that the transaction touched
-    std::size_t size;                     // of the image
+    PendingRow const* written = nullptr;  // if image is null
+    std::size_t size;                     // of the image, otherwise
   };
 
   PendingRow const* pending() const { return image == nullptr ? written : nullptr; }
@@ -100,9 +100,10 @@ class KeyEncoder {
 
 // ---- index entries -----------------------------------------------------------------------------
 
-// What the transaction has written lies over entries that it has not touched: those of the
-// snapshot, or for an index that it creates those of the objects that were there. Entries of new
-// objects stay apart until somebody scans the index, changes one of them or sets a savepoint.
+// The entries of one index that the transaction has written. They overlay those that it has not
+// touched: the snapshot's or, for an index that it creates, the sorted ones that filled it. Entries
+// of new objects stay in an unsorted list until the index is scanned, one of them is changed, or a
+// savepoint is set.
 class PendingIndex {
  public:
   using Map = PendingEntryMap;
@@ -118,7 +119,7 @@ class PendingIndex {
 
   IndexDefinition const& index() const { return *index_; }
   bool committed() const { return committed_; }
-  // What the written entries lie over; null: nothing. `committed` is the state that is read.
+  // The entries that the written ones overlay; null: none. `committed`: the state that is read.
   View const* Below(View const& committed) const {
     return committed_ ? &committed : untouched_.get();
   }
@@ -133,21 +134,21 @@ class PendingIndex {
   // that is removed and may be committed. Most transactions have neither.
   bool has_unproven() const { return has_unproven_; }
   bool has_removed() const { return has_removed_; }
-  // From here on changes are recorded. `undo` must outlive the entries.
+  // Records changes from now on. `undo` must outlive the entries.
   void RecordIn(UndoLog& undo) { undo_ = &undo; }
 
   // The newest state of an entry that may be committed, or null if the transaction has not touched
   // it.
   PendingEntry const* Find(std::string_view encoded, ObjectId object) const;
 
-  // `keep_history`: an open iterator may have to see the state that is replaced.
+  // `keep_history`: an open scan may need the state that is replaced.
   void Add(NewEntry const& added, Sequence now, bool keep_history);
   // The first entry of an object that the transaction inserted. REQUIRES: no scan is open.
   void AddFresh(NewEntry const& added);
   void Remove(PendingKey key, Sequence now, bool keep_history);
   void SetFacts(PendingKey key, KeyFacts facts);
 
-  // Brings all entries into the map, which is to be looked at or changed; or only into their order.
+  // Moves the unsorted entries into the map. Sort only sorts them, which is enough for ForEach.
   void Settle();
   void Sort() { fresh_.Sort(); }
   // Calls `visit` with the key and the entry of each, in order. REQUIRES: sorted or settled.
@@ -163,8 +164,8 @@ class PendingIndex {
     for (; at != map_.end(); ++at) visit(at->first, at->second);
   }
 
-  // Another object with an entry of this encoding, or none. Entries with unwritten columns count
-  // only with `count_unwritten`.
+  // An object other than the key's with an equal encoding, or kNoObject. Entries with unwritten
+  // columns count only with `count_unwritten`.
   ObjectId FindOther(PendingKey key, bool count_unwritten) const;
 
   void TakeBack(undo::EntryAdded const& added);
@@ -187,18 +188,18 @@ class PendingIndex {
   bool has_unproven_ = false;
   bool has_removed_ = false;
   Map map_;
-  // Where the key that was looked for last would stand: it mostly is the next to be added.
+  // The position of the key that was last looked up: it is mostly the next to be added.
   mutable Map::const_iterator sought_;
   FreshEntries fresh_;
   std::unique_ptr<SortedEntries const> untouched_;
 };
 
-// Another object with an entry of this encoding below those that were written, over `committed`,
-// that the transaction leaves, or none.
+// An object other than the key's with an equal encoding among the entries that `pending` overlays
+// and does not remove, or kNoObject.
 ObjectId FindOtherBelow(View const& committed, EntryCursor& cursor, PendingIndex const& pending,
                         PendingKey key);
 
-// ---- all of it ---------------------------------------------------------------------------------
+// ---- the write set -----------------------------------------------------------------------------
 
 class PendingChanges {
  public:
@@ -209,7 +210,7 @@ class PendingChanges {
     return found == nullptr ? nullptr : *found;
   }
   PendingRow& AddRow(ObjectId id);
-  // To be called before anything of the row changes, or before a cell of it does.
+  // Records undo steps; called before the row, or only one cell of it, is changed.
   void WillChange(PendingRow& row);
   void WillChange(PendingRow& row, Cell& cell);
   Cell* NewCells(Layout const& layout);
@@ -218,7 +219,7 @@ class PendingChanges {
     rows_.ForEach([&](std::uint64_t, PendingRow* row) { visit(*row); });
   }
 
-  // A row that came under a layout, remembered by the layout's number; null: none was.
+  // A row that this transaction put under the layout; null: there is none.
   PendingRow const* FindExample(LayoutNumber layout) const;
   void NoteExample(PendingRow const& row);
 
@@ -230,8 +231,8 @@ class PendingChanges {
   void AddLayout(std::unique_ptr<Layout const> layout);
   std::set<LayoutNumber> const& released_layouts() const { return released_; }
   void ReleaseLayout(LayoutNumber number);
-  // Sets that the transaction closes, and whether no object may have been changed in them since the
-  // snapshot.
+  // The sets that the transaction closes. True: commit fails if another transaction has changed an
+  // object of the set since the snapshot.
   using ClosedSets = std::map<std::u16string, bool, std::less<>>;
   ClosedSets const& closed_sets() const { return closed_; }
   void CloseSet(std::u16string_view setspec, bool unchanged);
@@ -240,15 +241,15 @@ class PendingChanges {
     return created_;
   }
   std::vector<IndexDefinition const*> const& dropped_indexes() const { return dropped_; }
-  // With the entries of the objects that are there.
+  // `entries`: filled with the objects of its set.
   void CreateIndex(std::unique_ptr<IndexDefinition const> index,
                    std::unique_ptr<PendingIndex> entries);
-  // Of an index that the transaction created nothing is left to be committed.
+  // An index that the transaction itself created is forgotten; no other index of it is committed.
   void DropIndex(IndexDefinition const& index);
   IndexDefinition const* FindCreated(IndexId id) const;
   bool IsDropped(IndexId id) const;
 
-  // Objects that no other transaction may have changed when this one commits.
+  // Objects that commit checks like written ones: no other transaction may have changed them.
   bool requires_any() const { return required_.size() != 0; }
   void Require(ObjectId id);
   template <typename Visit>
@@ -261,11 +262,10 @@ class PendingChanges {
     std::size_t steps = 0;
     Arena::Mark arena;
   };
-  // From here on changes are recorded, until EndRecording.
+  // Starts recording changes, until EndRecording.
   Mark SetMark();
-  // Takes back what was written since. Calls `forget` with the identities of rows that are not to
-  // be known any more by where they were. REQUIRES: no scan stands on an entry that was added
-  // since.
+  // Undoes what was written since the mark. Calls `forget` with the ids of rows whose cached
+  // location is invalid now. REQUIRES: no scan is positioned on an entry that was added since.
   template <typename Forget>
   void RollbackTo(Mark const& mark, Forget&& forget) {
     undo_.TakeBackTo(mark.steps, [&](undo::Step& step) {
@@ -274,18 +274,18 @@ class PendingChanges {
     });
     arena_.ReleaseTo(mark.arena);
   }
-  // Nothing can be taken back any more.
+  // No mark is valid any more.
   void EndRecording() { undo_.Stop(); }
 
-  // Brings the entries of all indexes into the order in which commit takes them.
+  // Sorts the entries of all indexes, for commit.
   void SortEntries();
 
-  // Nothing is to be written.
+  // Whether there is nothing to write.
   bool empty() const;
   void Clear();
 
  private:
-  // Each returns the row whose position or layout changed, or none.
+  // Each undoes a step and returns the row whose memory or layout changed, or kNoObject.
   ObjectId TakeBack(undo::RowAdded const& added);
   ObjectId TakeBack(undo::CellChanged const& changed);
   ObjectId TakeBack(undo::RowChanged const& changed);
@@ -301,13 +301,13 @@ class PendingChanges {
   ObjectId TakeBack(undo::ObjectRequired const& required);
 
   Arena arena_;
-  UndoLog undo_;  // behind the arena, in which what it keeps lies
+  UndoLog undo_;  // its steps refer to the arena, so it is destroyed before that
   OidMap<PendingRow*> rows_;
   OidMap<PendingRow const*> examples_;  // by layout number
   OidMap<bool> required_;
   OidMap<PendingIndex*> index_by_id_;
   std::vector<std::unique_ptr<PendingIndex>> indexes_;
-  std::vector<std::unique_ptr<PendingIndex>> forgotten_;  // iterators may still stand in them
+  std::vector<std::unique_ptr<PendingIndex>> forgotten_;  // dropped; open scans may still use them
   std::vector<std::unique_ptr<Layout const>> layouts_;
   std::set<LayoutNumber> released_;
   ClosedSets closed_;

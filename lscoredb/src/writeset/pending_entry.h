@@ -1,7 +1,7 @@
 #ifndef LSCOREDB_SRC_PENDING_ENTRY_H
 #define LSCOREDB_SRC_PENDING_ENTRY_H
 
-// The entry of an index as a transaction has written it, and the order of such entries.
+// An index entry that a transaction has written, and the order of such entries.
 
 #include <map>
 #include <memory_resource>
@@ -15,11 +15,10 @@ namespace lscore {
 using Sequence = std::uint64_t;
 
 struct KeyFacts {
-  bool has_null = false;  // collides with nothing
-  bool has_unwritten =
-      false;  // of an object that the transaction inserted: collides with nothing yet
-  // When the key was written no other object had it, neither in the snapshot nor in the
-  // transaction. Whoever took it later has looked for this one.
+  bool has_null = false;       // collides with nothing
+  bool has_unwritten = false;  // a column of a new object has no value yet: collides with nothing
+  // No other object had the key when it was written, in the snapshot or the write set. A later
+  // write of the same key looked for this one in turn.
   bool known_unique = false;
 };
 
@@ -29,7 +28,8 @@ enum class EntryState : std::uint8_t {
   kRemoved,
 };
 
-// With the first bytes of the encoding beside it: comparing two keys mostly needs no other memory.
+// An encoded key and its object. The first bytes are stored beside it, so that most comparisons
+// touch no other memory.
 struct PendingKey {
   PendingKey() = default;
   PendingKey(std::string_view its_encoding, ObjectId its_object)
@@ -41,12 +41,12 @@ struct PendingKey {
     return SwapBytes(head);
   }
 
-  std::uint64_t head = 0;  // the first eight bytes, zeros behind a shorter encoding, as a number
+  std::uint64_t head = 0;  // the first eight bytes as a big-endian number, zero padded
   std::string_view encoded;
   ObjectId object{};
 };
 
-// Stands behind all keys that begin with `prefix`.
+// A bound above all keys that begin with `prefix`.
 struct BehindPrefix {
   std::string_view prefix;
 };
@@ -64,13 +64,19 @@ struct PendingKeyLess {
   bool operator()(BehindPrefix a, PendingKey const& b) const { return !(*this)(b, a); }
 };
 
+// The newest state of an entry and, through `older`, those before it. A scan sees the newest one
+// that is not younger than the scan:
+//
+//   written at 3: present, at 7: removed      a scan that began at   2 sees untouched
+//   {kRemoved, since 7} -> {kPresent, since 3}                       5 sees present
+//                                                                    9 sees removed
 struct PendingEntry {
   EntryState state = EntryState::kUntouched;
-  bool may_be_committed = false;  // it may be among the untouched ones too
+  bool may_be_committed = false;  // the snapshot may have the entry too
   KeyFacts facts;
-  LayoutNumber layout{};  // of the object, where the entry is present
-  Sequence since = 0;
-  PendingEntry const* older = nullptr;  // what open iterators may still have to see
+  LayoutNumber layout{};                // of the object, if the entry is present
+  Sequence since = 0;                   // the write that gave it this state
+  PendingEntry const* older = nullptr;  // kept while open scans may need it
 
   EntryState At(Sequence when) const {
     PendingEntry const* entry = this;
@@ -79,7 +85,6 @@ struct PendingEntry {
   }
 };
 
-// An entry to add, of an object under a layout.
 struct NewEntry {
   PendingKey key;
   KeyFacts facts;

@@ -1,12 +1,11 @@
 #ifndef LSCOREDB_SRC_UNDO_LOG_H
 #define LSCOREDB_SRC_UNDO_LOG_H
 
-// How to take back what a transaction wrote since its oldest open savepoint.
+// An undo log of what a transaction wrote since its oldest open savepoint.
 //
-// Each change of the write set records a step before it is made; steps are taken back newest first,
-// so that each finds the write set as its change left it. A change that failed after its step was
-// recorded may be taken back too. Nothing is recorded while no savepoint is open. One thread at a
-// time.
+// Each change of the write set records a step before it is made. Steps are undone newest first, so
+// that each finds the write set as its change left it. A change that failed after its step was
+// recorded may be undone too. Nothing is recorded while no savepoint is open. One thread at a time.
 
 #include <cstddef>
 #include <string>
@@ -36,7 +35,7 @@ struct CellChanged {
 };
 struct RowChanged {
   PendingRow* row = nullptr;
-  PendingRow const* before = nullptr;  // its cells stay where they are
+  PendingRow const* before = nullptr;  // a copy that shares its cells
 };
 struct ExampleNoted {
   LayoutNumber layout{};
@@ -54,7 +53,8 @@ struct EntryErased {
   PendingIndex* index = nullptr;
   PendingEntryMap::node_type entry;
 };
-// The numbers are those of layouts, of indexes with entries and of created indexes before.
+// The sizes of the write set's lists before the change: layouts, indexes with entries, created
+// ones.
 struct LayoutAdded {
   std::size_t layouts = 0;
 };
@@ -101,7 +101,7 @@ class UndoLog {
     return std::get<Step>(steps_.emplace_back(std::move(step)));
   }
 
-  // Visits the steps behind the first `size`, newest first, and forgets them.
+  // Visits the steps after the first `size`, newest first, and removes them.
   template <typename Visit>
   void TakeBackTo(std::size_t size, Visit&& visit) {
     for (; steps_.size() > size; steps_.pop_back()) visit(steps_.back());
