@@ -37,6 +37,8 @@ void CheckIdentity(View const& view, FindingSink& sink) {
   sink.Report(finding, "The identity of the database is damaged.");
 }
 
+// Definitions first, since objects and entries are read by them; entries last, since they are
+// compared with what the scan of objects counted.
 void CheckSnapshot(Store& store, Snapshot const& snapshot, std::uint32_t flags, FindingSink& sink) {
   CheckIdentity(snapshot, sink);
   CheckedDefinitions definitions(snapshot, sink);
@@ -51,7 +53,8 @@ void CheckSnapshot(Store& store, Snapshot const& snapshot, std::uint32_t flags, 
 
 }  // namespace
 
-// Whether to continue. An exception of a callback is the caller's, not a failure of the check.
+// Returns whether to continue. An exception from the callback is passed on to the host's call
+// (PassOnFailure); it is not a failure of the check.
 bool FindingSink::CallHost(lscoredb_finding const& finding) noexcept {
   try {
     return report_(user_, &finding) == 0;
@@ -93,6 +96,7 @@ void ReportFault(FindingSink& sink, StoreFault const& fault) {
   sink.Report(finding, text + fault.what + '.');
 }
 
+// When pages are damaged, nothing is read from them: what they would show is no finding of its own.
 void CheckStoreState(Store& store, std::uint32_t flags, FindingSink& sink) {
   std::unique_ptr<Snapshot> snapshot =
       store.BeginVerified([&](StoreFault const& fault) { ReportFault(sink, fault); });

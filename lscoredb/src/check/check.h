@@ -5,11 +5,11 @@
 // Works on a snapshot whose pages are known to be sound. lscoredb/host.h lists the rules with the
 // kinds of findings.
 //
-// Objects are scanned once, in several threads with snapshots of the same state, and each
-// entry that an object should have is looked up and counted for its index. An index that holds just
-// as many entries holds no others, and none of them needs its object again; only where the numbers
-// differ is each entry of the index compared with what its object gives. So nothing is remembered
-// of the one or the other, whatever their number.
+// Objects are scanned once, by several threads with snapshots of the same state. Each entry that an
+// object should have is looked up and counted for its index. An index that holds exactly as many
+// entries holds no others, so its entries need no look at their objects; only where the numbers
+// differ is each entry compared with its object. Memory does not grow with the number of objects or
+// entries.
 
 #include <array>
 #include <exception>
@@ -29,8 +29,8 @@
 
 namespace lscore {
 
-// The shares of the check's parts in the progress that the thread's watch sees, by the time that
-// they usually take. The store begins, with the pages of the file.
+// The parts' shares of the progress that the thread's watch sees, by the time they usually take.
+// The store's own check of pages comes before them.
 inline constexpr WorkShare kObjectShare{kPageShare.end, 850};
 inline constexpr WorkShare kEntryShare{kObjectShare.end, 1000};
 
@@ -57,7 +57,7 @@ class FindingSink final : public Findings {
  public:
   FindingSink(lscoredb_finding_callback report, void* user) : report_(report), user_(user) {}
   void Report(Finding const& finding, std::string const& text) override;
-  // Ends the check at the first finding.
+  // Whether the first finding ends the check.
   bool one_is_enough() const { return report_ == nullptr; }
   bool any() const { return any_; }
   // Rethrows what the callback threw, if that ended the check.
@@ -74,24 +74,24 @@ class FindingSink final : public Findings {
   std::exception_ptr failure_;
 };
 
-// Reports what a fault of the store makes unreadable.
+// Reports a fault of the store, with the objects or entries that it makes unreadable.
 void ReportFault(FindingSink& sink, StoreFault const& fault);
 
 // ---- definitions (check_definitions.cpp) -------------------------------------------------------
 
-// All layouts and indexes of the state that could be read, and the rules about their records.
+// The layouts and indexes of the state that can be read, and the rules about their records.
 class CheckedDefinitions {
  public:
   CheckedDefinitions(Snapshot const& snapshot, Findings& sink) : snapshot_(snapshot), sink_(sink) {}
 
   void Load();
-  // The records that find layouts and indexes, and those that may be forgotten.
+  // The records by which layouts and indexes are found, and those about sets, counts and releases.
   void CheckRecords();
 
   Layout const* FindLayout(LayoutNumber number) const;
   IndexDefinition const* FindIndex(IndexId id) const;
   std::vector<IndexDefinition const*> Covering(std::u16string_view setspec) const;
-  // A definition exists and was reported as damaged.
+  // Whether the definition exists and was reported as damaged.
   bool IsBroken(LayoutNumber number) const;
   bool IsBroken(IndexId id) const;
   template <typename Visit>
@@ -117,14 +117,14 @@ class CheckedDefinitions {
 
   Snapshot const& snapshot_;
   Findings& sink_;
-  // Broken ones are null.
+  // Null: broken.
   std::map<LayoutNumber, std::unique_ptr<Layout const>> layouts_;
   std::map<IndexId, std::unique_ptr<IndexDefinition const>> indexes_;
 };
 
 // ---- objects (check_objects.cpp) ---------------------------------------------------------------
 
-// Reads objects as the store has them.
+// Reads objects from the store and validates them.
 class ObjectReader {
  public:
   ObjectReader(Snapshot const& snapshot, CheckedDefinitions const& definitions)
@@ -145,10 +145,10 @@ class ObjectReader {
   std::string assembled_;
 };
 
-// How many entries of each index match their objects.
+// The number of entries of each index that match their objects.
 using MatchedEntries = std::unordered_map<IndexId, std::uint64_t>;
 
-// Both included.
+// Both ends are included.
 struct ObjectRange {
   ObjectId first{};
   ObjectId last{};
@@ -164,9 +164,9 @@ class ObjectCheck {
         entries_(entries),
         reader_(snapshot, definitions) {}
 
-  // `told` is called every few objects with their number. An exception of it ends the check.
-  void Run(ObjectRange const& range, std::function<void(std::uint64_t)> const& told);
-  // Takes over what another one has counted.
+  // Calls `report` every few objects with their number. An exception from it ends the check.
+  void Run(ObjectRange const& range, std::function<void(std::uint64_t)> const& report);
+  // Adds the counts of another check.
   void Add(ObjectCheck const& other);
   // Checks the counts once all objects are counted.
   void Finish();
@@ -180,7 +180,7 @@ class ObjectCheck {
   // What the check knows of a set specifier.
   struct Set {
     std::vector<Covering> covering;
-    CommitId changed{};  // as it is noted
+    CommitId changed{};  // its last change, as recorded
   };
 
   void CheckObject(ObjectId id, std::string_view stored);
@@ -201,7 +201,7 @@ class ObjectCheck {
   ObjectReader reader_;
   std::unordered_map<LayoutNumber, std::uint64_t> counts_;
   std::unordered_map<std::u16string, Set> sets_;
-  std::map<std::u16string, ObjectId> unnoted_;  // sets and the first object that shows it
+  std::map<std::u16string, ObjectId> unnoted_;  // sets with an unrecorded change, and its object
   MatchedEntries matched_;
   KeyEncoder encoder_;
   KeyBytes key_;
@@ -242,17 +242,17 @@ class EntryCheck {
   WatchedWork work_;
   ObjectReader reader_;
   std::string prefix_;                      // of the index that is scanned
-  IndexDefinition const* index_ = nullptr;  // null: there is none of that id
+  IndexDefinition const* index_ = nullptr;  // null: the index does not exist
   KeyEncoder encoder_;
   KeyBytes key_;
   std::u16string setspec_;
-  std::string last_;                  // the key before, as far as the store orders by it
-  std::set<std::string_view> tails_;  // of the keys that agree in what the store orders by
+  std::string last_;                  // the head of the previous key
+  std::set<std::string_view> tails_;  // the tails of the keys with that head
 };
 
 // ---- threads (check_threads.cpp) ---------------------------------------------------------------
 
-// Checks all objects of the snapshot, and adds the counts to `check`.
+// Checks all objects of the snapshot and adds the counts to `check`.
 void CheckObjectsInThreads(Store& store, Snapshot const& snapshot,
                            CheckedDefinitions const& definitions, FindingSink& sink, bool entries,
                            ObjectCheck& check);

@@ -9,7 +9,7 @@ namespace {
 
 using Letter = char;
 
-// The numbers after a key's letter, if the key has the size that its letter requires.
+// The size of a key with this letter; 0: it has no fixed size.
 std::size_t KeySize(Letter letter) {
   switch (letter) {
     case format::kLayoutLetter:
@@ -35,7 +35,7 @@ IndexId IndexAtEnd(std::string_view key) {
   return IndexId{LoadBig<std::uint64_t>(key.data() + key.size() - 8)};
 }
 
-// What a record is about, by its key.
+// A finding about the layout or index that a record's key names.
 Finding About(std::string_view key) {
   Finding finding;
   finding.kind = LSCOREDB_FINDING_DEFINITION;
@@ -56,7 +56,7 @@ Finding OfLayout(LayoutNumber number) {
 }
 Finding OfIndex(IndexId id) { return {LSCOREDB_FINDING_INDEX, {}, id, {}, LSCOREDB_NO_COLUMN}; }
 
-// Records whose key holds a set specifier have no size of their own.
+// Keys with a set specifier have no fixed size.
 bool IsOfSet(Letter letter) {
   return letter == format::kSetChangeLetter || letter == format::kClosedSetLetter;
 }
@@ -65,7 +65,8 @@ bool IsKeptInMeta(Letter letter) {
   return letter == format::kCountLetter || letter == format::kSetChangeLetter;
 }
 
-// Visits the sound records that begin with `prefix`, and calls `broken` for the others.
+// Calls `visit` for the well-formed records whose keys begin with `prefix`, `broken` for the
+// others.
 template <typename Visit, typename Broken>
 void ForEachIn(Snapshot const& snapshot, Tree tree, std::string const& prefix, Visit&& visit,
                Broken&& broken) {
@@ -141,6 +142,8 @@ void CheckedDefinitions::LoadIndex(IndexId id, std::string_view record) {
   indexes_[id] = std::move(index);
 }
 
+// Both directions: each record that finds a layout or index must be the one that its definition
+// gives (CheckOne), and each definition must have its records (ExpectRecord).
 void CheckedDefinitions::CheckRecords() {
   ForEachRecord(
       snapshot_, [&](std::string_view key, std::string_view record) { CheckOne(key, record); },

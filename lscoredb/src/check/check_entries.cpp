@@ -6,7 +6,7 @@ namespace lscore {
 
 namespace {
 
-// The least key above all that begin so. REQUIRES: there is one.
+// The least key above all that begin with `prefix`. REQUIRES: there is one.
 std::string Above(std::string prefix) {
   while (prefix.back() == '\xFF') prefix.pop_back();
   ++prefix.back();
@@ -21,8 +21,9 @@ std::uint64_t EntryCheck::CountMatched() const {
   return count;
 }
 
-// An index that holds nothing but what was matched is scanned in the order in which it lies, and
-// passed over.
+// Scans all entries in order, index by index. At the first entry of an index a quick pass counts
+// its entries; if they are exactly the matched ones, the index is skipped. Otherwise each entry is
+// compared with its object.
 void EntryCheck::Run() {
   Cursor cursor;
   cursor.Open(snapshot_, Tree::kIndex);
@@ -55,17 +56,21 @@ bool EntryCheck::HoldsWhatWasMatched() {
   return sound && left == 0;
 }
 
-// REQUIRES: entries are given in order.
+// A unique key with a null may occur again, which only the object shows. An entry that cannot be
+// parsed counts as a duplicate here, so that the careful pass reports it. REQUIRES: called for the
+// entries of an index in order.
 bool EntryCheck::IsDuplicate(std::string_view key, std::string_view value) {
   Entry entry;
   Status const read = Guarded([&] {
     ParseEntry(*index_, key, value, &entry);
     return LORV_STATUS_OK;
   });
-  if (read != LORV_STATUS_OK) return true;  // is looked at again
+  if (read != LORV_STATUS_OK) return true;
   return !IsFirstWithKey(entry) && !HasNull(entry.object);
 }
 
+// Equal short keys are neighbours. Long ones with the same head are ordered by object, so the tails
+// seen with that head are remembered.
 bool EntryCheck::IsFirstWithKey(Entry const& entry) {
   if (last_ != entry.key.head) tails_.clear();
   last_ = entry.key.head;
@@ -108,7 +113,8 @@ void EntryCheck::CheckEntry(std::string_view key, std::string_view value) {
   sink_.Report(finding, "An entry is damaged.");
 }
 
-// An object that is damaged itself is reported as that.
+// The entry must be the one that its object's row gives. A damaged object has been reported
+// already.
 void EntryCheck::CompareWithObject(Entry const& entry, std::string_view key,
                                    std::string_view value) {
   Finding finding;
@@ -140,8 +146,6 @@ void EntryCheck::CompareWithObject(Entry const& entry, std::string_view key,
   if (index_->unique() && !facts.has_null) CheckUnique(entry);
 }
 
-// Equal keys follow one another, but for those that the store's keys hold only a part of: of these
-// the ones that agree in that part do.
 void EntryCheck::CheckUnique(Entry const& entry) {
   if (IsFirstWithKey(entry)) return;
   Finding finding;

@@ -23,7 +23,7 @@ std::string ChunkKey(ObjectId id, std::uint32_t chunk) {
   return key;
 }
 
-constexpr std::uint64_t kObjectsBetween = 64;
+constexpr std::uint64_t kObjectsBetween = 64;  // reports of progress
 
 std::uint64_t ChunkCount(std::uint64_t size) {
   return (size + format::kChunkSize - 1) / format::kChunkSize;
@@ -73,7 +73,7 @@ ObjectReader::Problem ObjectReader::Assemble(ObjectId id, std::string_view* stor
 
 // ---- objects -----------------------------------------------------------------------------------
 
-void ObjectCheck::Run(ObjectRange const& range, std::function<void(std::uint64_t)> const& told) {
+void ObjectCheck::Run(ObjectRange const& range, std::function<void(std::uint64_t)> const& report) {
   Cursor cursor;
   cursor.Open(snapshot_, Tree::kRows);
   std::uint64_t const first = Raw(range.first);
@@ -82,9 +82,9 @@ void ObjectCheck::Run(ObjectRange const& range, std::function<void(std::uint64_t
     ObjectId const id{Load<std::uint64_t>(cursor.key().data())};
     if (id > range.last) break;
     CheckObject(id, cursor.value());
-    if (++objects % kObjectsBetween == 0) told(kObjectsBetween);
+    if (++objects % kObjectsBetween == 0) report(kObjectsBetween);
   }
-  told(objects % kObjectsBetween);
+  report(objects % kObjectsBetween);
 }
 
 void ObjectCheck::Add(ObjectCheck const& other) {
@@ -96,6 +96,8 @@ void ObjectCheck::Add(ObjectCheck const& other) {
   }
 }
 
+// What only the whole shows: sets whose last change is not recorded, chunks without an object,
+// counts of layouts, and ids that could be allocated again.
 void ObjectCheck::Finish() {
   for (auto const& [setspec, object] : unnoted_) {
     sink_.Report(Of(LSCOREDB_FINDING_SET_CHANGE, object),
@@ -128,6 +130,8 @@ void ObjectCheck::ReportProblem(ObjectId id, std::string_view stored,
   sink_.Report(finding, std::string("The object is damaged. ") + problem.what);
 }
 
+// Looks up the indexes over a set and its recorded change once, and keeps them for its other
+// objects.
 ObjectCheck::Set& ObjectCheck::SetOf(std::u16string const& setspec) {
   auto const [at, first] = sets_.try_emplace(setspec);
   Set& set = at->second;
@@ -147,7 +151,8 @@ ObjectCheck::Set& ObjectCheck::SetOf(std::u16string const& setspec) {
   return set;
 }
 
-// REQUIRES: `setspec_` is the set's.
+// The recorded change of a set must not be older than any of its rows: an index that is created
+// relies on it (CommitApplier::ValidateIndexes). REQUIRES: `setspec_` is the set's.
 void ObjectCheck::CheckSetChange(RowRef const& row, Set const& set) {
   bool const noted = set.changed >= row.stored().commit() && set.changed <= snapshot_.id();
   if (!noted) unnoted_.emplace(setspec_, row.id);
@@ -175,7 +180,7 @@ void ObjectCheck::CheckChunks() {
   Cursor cursor;
   cursor.Open(snapshot_, Tree::kOverflow);
   WatchedWork work({kObjectShare.end, kObjectShare.end}, 0);
-  ObjectId reported{~std::uint64_t{0}};  // once for each object is enough
+  ObjectId reported{~std::uint64_t{0}};  // each object is reported once
   for (bool on = cursor.First(); on; on = cursor.Next()) {
     work.Advance();
     std::string_view const key = cursor.key();
@@ -220,6 +225,8 @@ void ObjectCheck::CheckCount(LayoutNumber number) {
 
 // ---- identities --------------------------------------------------------------------------------
 
+// Ids that are allocated must lie below the mark, and the free ranges must hold no object's id. The
+// ids of indexes come from the same range as those of objects.
 void ObjectCheck::CheckNextId() {
   std::uint64_t mark = 0;
   ObjectId misplaced = kNoObject;

@@ -16,9 +16,10 @@ namespace {
 constexpr unsigned kMostThreads = 8;
 constexpr std::uint64_t kIdsPerRange = 4096;  // at least
 constexpr std::uint64_t kRangesPerThread = 16;
-constexpr std::chrono::milliseconds kBetweenLooks{50};  // at the watch, while others work
+constexpr std::chrono::milliseconds kBetweenLooks{50};  // at the watch, while helpers work
 
-// The findings of one range, reported later by the thread of the host's call.
+// The findings of one range. The calling thread reports them at the end, in the order of ranges, so
+// that a check always reports the same and the host's callback runs in its own thread.
 class KeptFindings final : public Findings {
  public:
   explicit KeptFindings(bool one_is_enough) : one_is_enough_(one_is_enough) {}
@@ -37,7 +38,7 @@ class KeptFindings final : public Findings {
   std::vector<std::pair<Finding, std::string>> kept_;
 };
 
-// By the counts of the layouts, which may be wrong.
+// The number of objects by the counts of the layouts, which may be wrong: for progress only.
 std::uint64_t CountedObjects(Snapshot const& snapshot, CheckedDefinitions const& definitions) {
   std::uint64_t count = 0;
   definitions.ForEachLayout([&](Layout const& layout) {
@@ -49,7 +50,8 @@ std::uint64_t CountedObjects(Snapshot const& snapshot, CheckedDefinitions const&
   return count;
 }
 
-// All objects, cut into ranges of identities.
+// All objects, divided into about `most` ranges of ids. Ids are not evenly used, so there are many
+// more ranges than threads.
 std::vector<ObjectRange> Ranges(Snapshot const& snapshot, std::uint64_t most) {
   Cursor cursor;
   cursor.Open(snapshot, Tree::kRows);
@@ -67,6 +69,8 @@ std::vector<ObjectRange> Ranges(Snapshot const& snapshot, std::uint64_t most) {
   }
 }
 
+// Threads that take ranges from a common counter. The calling thread works too and watches over the
+// others: progress and cancelling belong to it.
 class Workers {
  public:
   Workers(Store& store, Snapshot const& snapshot, CheckedDefinitions const& definitions,
@@ -102,8 +106,8 @@ class Workers {
   }
 
  private:
-  // One thread reads a snapshot. A snapshot of another state is useless: then the running threads
-  // do the work.
+  // A helper needs its own snapshot, since only one thread reads a snapshot. If a commit came in
+  // between, its snapshot has another state: the helper gives up, and the others do its work.
   void Help() noexcept {
     HelpWithOwnSnapshot();
     std::lock_guard const lock(mutex_);
@@ -125,7 +129,7 @@ class Workers {
   // `look` is called every few objects.
   template <typename Look>
   void WorkOn(Snapshot const& snapshot, Look&& look) noexcept {
-    auto const told = [&](std::uint64_t objects) {
+    auto const report = [&](std::uint64_t objects) {
       checked_ += objects;
       if (ended_) throw StopCheck();
       look();
@@ -133,7 +137,7 @@ class Workers {
     try {
       for (std::size_t i = next_++; i < ranges_.size() && !ended_; i = next_++) {
         ObjectCheck own(snapshot, definitions_, found_[i], entries_);
-        own.Run(ranges_[i], told);
+        own.Run(ranges_[i], report);
         std::lock_guard const lock(mutex_);
         check_.Add(own);
       }
@@ -150,7 +154,7 @@ class Workers {
     failure_ = std::current_exception();
   }
 
-  // The watch is the calling thread's, which has no more work of its own.
+  // The watch belongs to the calling thread, which has no ranges left.
   void WatchHelpers() noexcept {
     std::unique_lock lock(mutex_);
     while (!one_is_over_.wait_for(lock, kBetweenLooks, [this] { return over_ == started_; })) {
@@ -178,8 +182,8 @@ class Workers {
   std::exception_ptr failure_;
   std::atomic<std::uint64_t> checked_{0};
   WatchedWork work_;
-  std::size_t started_ = 0;  // helpers, and how many of them are done
-  std::size_t over_ = 0;
+  std::size_t started_ = 0;  // helpers
+  std::size_t over_ = 0;     // helpers that have ended
   std::condition_variable one_is_over_;
 };
 

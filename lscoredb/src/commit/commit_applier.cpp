@@ -350,8 +350,8 @@ void CommitApplier::ApplyIndexes() {
   }
 }
 
-// The store counts the objects of each layout, with the set of one of them as an example
-// (RowWriter:: SameSet). Counts are collected over all rows and written once per layout.
+// The store counts the objects of each layout, with the set of one of them as an example. Counts
+// are collected over all rows and written once per layout.
 void CommitApplier::CountChange(PendingRow const& row) {
   if (!row.inserted()) {
     --counts_[row.original_layout->number()].objects;

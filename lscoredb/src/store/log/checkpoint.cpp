@@ -15,7 +15,8 @@ std::string LastKey(Batch const& image, Tree tree) {
   return last;
 }
 
-// Keys behind the last one of the tree are appended, which packs them.
+// Writes the entries of one tree in key order. Keys above the tree's last one are appended, which
+// packs pages.
 class TreeWriter {
  public:
   TreeWriter(Batch& image, Tree tree) : image_(image), tree_(tree), last_(LastKey(image, tree)) {}
@@ -31,6 +32,7 @@ class TreeWriter {
   }
 
  private:
+  // The format record of the content is stored as that of an image with a log.
   std::string_view ValueFor(OrderedKey const& key, std::string_view value) {
     if (tree_ != Tree::kMeta || key.bytes != format::kFormatKey) return value;
     format_ = logformat::ImageFormat(value);
@@ -45,6 +47,7 @@ class TreeWriter {
 
 }  // namespace
 
+// Entries of kAlways are the layer's own view of the image (LogLayer) and are not written.
 void WriteLayer(Batch& image, LogLayer const& layer, CommitId state) {
   for (std::size_t i = 0; i < kTreeCount; ++i) {
     auto const tree = static_cast<Tree>(i);

@@ -35,7 +35,7 @@ LogBatch::LogBatch(LogStore& store)
 
 LogBatch::~LogBatch() { End(); }
 
-// Whatever was written and not published is taken out of the overlay.
+// Removes the batch's versions from the overlay unless its commit was applied.
 void LogBatch::End() noexcept {
   if (over_) return;
   over_ = true;
@@ -45,6 +45,7 @@ void LogBatch::End() noexcept {
   lock_.unlock();
 }
 
+// The record holds the bytes; the overlay's entry points at them.
 void LogBatch::Write(logformat::Change const& change) {
   KeyValue const kept = record_.Add(change);
   layers_->active->changes.Write({change.tree, kept.key}, kept.value, change.deleted, id());
@@ -71,6 +72,8 @@ bool LogBatch::Delete(Tree tree, std::string_view key) {
   return true;
 }
 
+// The snapshot of the image that the batch has read ends first, so that it keeps no page from being
+// reused by a batch of the image.
 void LogBatch::Commit() {
   try {
     if (!record_.empty()) {

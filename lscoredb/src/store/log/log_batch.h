@@ -1,8 +1,8 @@
 #ifndef LSCOREDB_SRC_LOG_BATCH_H
 #define LSCOREDB_SRC_LOG_BATCH_H
 
-// A batch of a store with a log. It writes into the active overlay, as the commit that is to be,
-// which no snapshot sees yet, and the same bytes are the record of the log.
+// A batch of a store with a log. It writes into the active overlay, under the number of the commit
+// to be, which no snapshot sees yet. The same bytes are the record of the log.
 
 #include <mutex>
 
@@ -14,7 +14,7 @@ namespace lscore {
 
 class LogBatch final : public Batch {
  public:
-  // Waits for the locks.
+  // Waits for the other batches of the process, then for those of other processes.
   explicit LogBatch(LogStore& store);
   ~LogBatch() override;
 

@@ -23,8 +23,8 @@ LogBoard::~LogBoard() {
   close(file_);
 }
 
-// Zeros are written where there are no words yet, and not only the length set, since a write into
-// the map must not meet a full disk.
+// New words are written as zeros instead of only extending the file: a store into the map of a hole
+// would end the process with SIGBUS on a full disk. Leaves the door locked.
 void LogBoard::Open(std::string const& path) {
   file_ = Retry([&] { return open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, kFileMode); });
   KeepFromChildren(file_);
@@ -40,6 +40,8 @@ void LogBoard::Open(std::string const& path) {
   words_ = static_cast<Words*>(mapped);
 }
 
+// Open file description locks, one byte of the file for each: unlike POSIX record locks they belong
+// to this opening of the file, not to the process, and so survive the closing of another one.
 bool LogBoard::Set(Lock lock, int kind, bool wait) const {
   struct flock region {};
   region.l_type = static_cast<short>(kind);

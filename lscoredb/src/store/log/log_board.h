@@ -1,15 +1,15 @@
 #ifndef LSCOREDB_SRC_LOG_BOARD_H
 #define LSCOREDB_SRC_LOG_BOARD_H
 
-// What the processes that have a log open tell one another: a few words of memory that they share,
-// and locks, both on the file "log.lock". The system lifts the locks of a process that dies. The
-// words mean nothing once nobody has the log open: whoever is alone sets them anew.
+// What the processes that have a log open share: a few words of mapped memory and three locks, both
+// on the file "log.lock". The system releases the locks of a process that dies. The words mean
+// nothing while no process has the log open: one that is alone resets them.
 //
 //   lock      held
-//   presence  shared by each process as long as it has the log open, exclusively by one that finds
-//             itself alone
-//   door      while a process opens or closes the log
-//   commit    while a process has a batch open
+//   presence  shared by each process as long as it has the log open, exclusively by one that is
+//             alone while it recovers or closes the log
+//   door      exclusively while a process opens or closes the log
+//   commit    exclusively while a process has a batch open
 //
 // Any thread; each lock is taken by one thread of the process at a time.
 
@@ -35,7 +35,8 @@ class LogBoard {
   // Waits for an exclusive lock.
   void Take(Lock lock);
   void Release(Lock lock) noexcept;
-  // Whether no other process is present; then none comes in until Share or the end.
+  // Returns whether no other process is present, and if so keeps others out until Share or the
+  // destructor.
   bool TryBeAlone();
   void Share();
 
@@ -45,13 +46,14 @@ class LogBoard {
   // The last commit that readers may see.
   CommitId Published() const { return CommitId{words_->published.load()}; }
   void SetPublished(CommitId commit) { words_->published = Raw(commit); }
-  // The last commit that is known to be on the disk. It never falls.
+  // The last commit that is known to be on disk. Never decreases.
   CommitId Synced() const { return CommitId{words_->synced.load()}; }
   void RaiseSynced(CommitId commit);
-  // The generation that commits go to.
+  // The generation that commits are appended to.
   std::uint64_t Generation() const { return words_->generation; }
   void SetGeneration(std::uint64_t generation) { words_->generation = generation; }
-  // Whether the holder of the commit lock is writing. When the lock is free, it died over it.
+  // Whether the holder of the commit lock is writing a commit. Set although the lock was free: the
+  // last holder died during a commit.
   bool Writing() const { return words_->writing != 0; }
   void SetWriting(bool writing) { words_->writing = writing ? 1 : 0; }
 

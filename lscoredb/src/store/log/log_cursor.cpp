@@ -6,7 +6,7 @@
 namespace lscore {
 namespace {
 
-// A page costs what some dozen steps do, and a look-up takes few.
+// Building a page costs as much as a few dozen steps, and a look-up takes only a few.
 constexpr int kStepsBeforePage = 8;
 
 }  // namespace
@@ -19,7 +19,7 @@ LogCursor::LogCursor(Store const& store, LayeredView const& view, Tree tree, boo
 void LogCursor::Renew(LayeredView const& view, Tree tree) {
   view_ = &view;
   tree_ = tree;
-  given_ = nullptr;
+  delivered_ = nullptr;
   image_on_ = false;
   steps_ = 0;
   mixed_first_ = mixed_last_ = {};
@@ -35,8 +35,9 @@ void LogCursor::AddSource(Overlay const& overlay) {
 
 // ---- the sources -------------------------------------------------------------------------------
 
-// On the node, or the next one in the direction of the scan that has a version in this state.
-void LogCursor::Stand(Source& source, OverlayNode const* node) const {
+// Positions the source on the node, or on the next one in the direction of the scan that has a
+// version in this state.
+void LogCursor::PositionAt(Source& source, OverlayNode const* node) const {
   for (; node != nullptr; node = forward_ ? node->Next() : source.overlay->Below(node->key())) {
     source.version = node->VersionAt(view_->state());
     if (source.version != nullptr) break;
@@ -44,19 +45,22 @@ void LogCursor::Stand(Source& source, OverlayNode const* node) const {
   source.node = node;
 }
 
-void LogCursor::StandBehind(Source& source, std::string_view key) const {
+// Positions the source after the key, in the direction of the scan.
+void LogCursor::PositionAfter(Source& source, std::string_view key) const {
   OrderedKey const ordered(tree_, key);
-  if (!forward_) return Stand(source, source.overlay->Below(ordered));
+  if (!forward_) return PositionAt(source, source.overlay->Below(ordered));
   OverlayNode const* const node = source.overlay->NotBelow(ordered);
-  Stand(source, node != nullptr && node->key() == ordered ? node->Next() : node);
+  PositionAt(source, node != nullptr && node->key() == ordered ? node->Next() : node);
 }
 
 void LogCursor::StepImage() {
   image_on_ = forward_ ? image_->Next(&image_entry_) : image_->Previous(&image_entry_);
 }
 
+// Positions the image's cursor after `entry` for a scan that turned around or left a page. An entry
+// of the image's own page leaves the cursor there, and one step is enough; otherwise it seeks.
 void LogCursor::TurnImage(KeyValue const& entry) {
-  if (entry.key.data() != given_ && in_image_page_) {
+  if (entry.key.data() != delivered_ && in_image_page_) {
     image_entry_ = entry;
     return StepImage();
   }
@@ -71,12 +75,13 @@ void LogCursor::TurnImage(KeyValue const& entry) {
   }
 }
 
-void LogCursor::Pass(std::string_view key) {
+// Moves every source that is positioned on the key past it.
+void LogCursor::StepPast(std::string_view key) {
   if (image_on_ && image_entry_.key == key) StepImage();
   for (std::size_t i = 0; i < sources_; ++i) {
     Source& source = source_[i];
     if (source.node == nullptr || source.node->key().bytes != key) continue;
-    Stand(source, forward_ ? source.node->Next() : source.overlay->Below(source.node->key()));
+    PositionAt(source, forward_ ? source.node->Next() : source.overlay->Below(source.node->key()));
   }
 }
 
@@ -98,21 +103,23 @@ LogCursor::Source const* LogCursor::Nearest() const {
   return nearest;
 }
 
-bool LogCursor::Give(KeyValue* entry) {
+// Delivers the nearest entry. Nearest returns the topmost of several overlays with one key, and an
+// overlay wins over the image, so a version decides for all below it. A deleted key is passed.
+bool LogCursor::Deliver(KeyValue* entry) {
   for (;;) {
     Source const* const source = Nearest();
     if (source == nullptr || (image_on_ && IsNearer(image_entry_.key, source->node->key().bytes))) {
-      given_ = image_on_ ? image_entry_.key.data() : nullptr;
+      delivered_ = image_on_ ? image_entry_.key.data() : nullptr;
       if (image_on_) *entry = image_entry_;
       return image_on_;
     }
     std::string_view const key = source->node->key().bytes;
     if (!source->version->deleted) {
       *entry = {key, source->version->value};
-      given_ = key.data();
+      delivered_ = key.data();
       return true;
     }
-    Pass(key);
+    StepPast(key);
   }
 }
 
@@ -125,42 +132,47 @@ bool LogCursor::Seek(std::string_view key, KeyValue* entry) {
   steps_ = 0;
   image_on_ = image_->Seek(key, &image_entry_);
   for (std::size_t i = 0; i < sources_; ++i) {
-    Stand(source_[i], source_[i].overlay->NotBelow({tree_, key}));
+    PositionAt(source_[i], source_[i].overlay->NotBelow({tree_, key}));
   }
-  return Give(entry);
+  return Deliver(entry);
 }
 
 bool LogCursor::First(KeyValue* entry) {
   if (bare()) return image_->First(entry);
   forward_ = true;
   image_on_ = image_->First(&image_entry_);
-  for (std::size_t i = 0; i < sources_; ++i) Stand(source_[i], source_[i].overlay->First(tree_));
-  return Give(entry);
+  for (std::size_t i = 0; i < sources_; ++i)
+    PositionAt(source_[i], source_[i].overlay->First(tree_));
+  return Deliver(entry);
 }
 
 bool LogCursor::Last(KeyValue* entry) {
   if (bare()) return image_->Last(entry);
   forward_ = false;
   image_on_ = image_->Last(&image_entry_);
-  for (std::size_t i = 0; i < sources_; ++i) Stand(source_[i], source_[i].overlay->Last(tree_));
-  return Give(entry);
+  for (std::size_t i = 0; i < sources_; ++i)
+    PositionAt(source_[i], source_[i].overlay->Last(tree_));
+  return Deliver(entry);
 }
 
+// In the same direction, and from the entry delivered last, the sources just pass its key. After a
+// turn, or from an entry of a page, all are positioned anew.
 bool LogCursor::Step(KeyValue* entry, bool forward) {
   if (bare()) return forward ? image_->Next(entry) : image_->Previous(entry);
   steps_ = forward_ == forward ? steps_ + 1 : 0;
-  if (forward_ == forward && entry->key.data() == given_) {
-    Pass(entry->key);
-    return Give(entry);
+  if (forward_ == forward && entry->key.data() == delivered_) {
+    StepPast(entry->key);
+    return Deliver(entry);
   }
   forward_ = forward;
   TurnImage(*entry);
-  for (std::size_t i = 0; i < sources_; ++i) StandBehind(source_[i], entry->key);
-  return Give(entry);
+  for (std::size_t i = 0; i < sources_; ++i) PositionAfter(source_[i], entry->key);
+  return Deliver(entry);
 }
 
 // ---- pages -------------------------------------------------------------------------------------
 
+// Whether an overlay has a key from `first` to `last`, both included.
 bool LogCursor::HasBetween(KeyValue const& first, KeyValue const& last) const {
   OrderedKey const low(tree_, first.key);
   OrderedKey const high(tree_, last.key);
@@ -171,6 +183,8 @@ bool LogCursor::HasBetween(KeyValue const& first, KeyValue const& last) const {
   return false;
 }
 
+// A page that an overlay changes cannot be entered. Its range is remembered, so that the scan asks
+// only once for each such page.
 bool LogCursor::EnterImagePage(KeyValue const& entry, EntryPage* page) {
   if (!image_on_ || entry.key.data() != image_entry_.key.data()) return false;
   if (mixed_last_.key.data() != nullptr) {
@@ -189,18 +203,19 @@ bool LogCursor::EnterImagePage(KeyValue const& entry, EntryPage* page) {
   return false;
 }
 
-// Scans on and copies what it meets. Afterwards the cursor stands where the page ends.
+// Builds a page from copies of the next entries, up to 64 of them, which the view keeps. Afterwards
+// the cursor is positioned where the page ends.
 bool LogCursor::MakePage(KeyValue const& entry, EntryPage* page) {
   bool const wanted = renewable_ && steps_ >= kStepsBeforePage && view_->has_room_for_pages();
   PageBuilder builder(forward_);
-  if (!wanted || entry.key.data() != given_ || !builder.Add(entry)) return false;
+  if (!wanted || entry.key.data() != delivered_ || !builder.Add(entry)) return false;
   KeyValue next = entry;
   bool more = true;
   while (more) {
-    Pass(next.key);
-    more = Give(&next) && builder.Add(next);
+    StepPast(next.key);
+    more = Deliver(&next) && builder.Add(next);
   }
-  given_ = nullptr;
+  delivered_ = nullptr;
   return view_->KeepPage(builder.Finish(), page);
 }
 

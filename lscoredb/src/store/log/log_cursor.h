@@ -1,11 +1,12 @@
 #ifndef LSCOREDB_SRC_LOG_CURSOR_H
 #define LSCOREDB_SRC_LOG_CURSOR_H
 
-// Scans a tree of a store with a log: the entries of the image and of the overlays over it, merged.
+// Scans a tree of a store with a log: merges the entries of the image and of the overlays above it.
 //
-// Each source stands on its first entry behind the last one given, in the direction of the scan, or
-// on the last one given where it has that. The nearest of them is given next. Of several with the
-// same key the topmost counts; when that says that the key is deleted, none is given.
+// Each source is positioned on its first entry after the last one delivered, in the direction of
+// the scan, or on the last one delivered if it has that. The nearest of them is delivered next.
+// Among entries with the same key the topmost source decides; if it deletes the key, none is
+// delivered.
 
 #include <array>
 #include <memory>
@@ -29,29 +30,29 @@ class LogCursor final : public TreeCursor {
   bool Last(KeyValue* entry) override;
   bool Next(KeyValue* entry) override { return Step(entry, true); }
   bool Previous(KeyValue* entry) override { return Step(entry, false); }
-  // The image's pages, as they are, where no overlay has anything between their entries. Elsewhere
-  // a scan that goes on gets pages that are made for it.
+  // Enters the image's own page where no overlay has a key within it. Elsewhere a longer scan gets
+  // pages that are built for it.
   bool EnterPage(KeyValue const& entry, EntryPage* page) override;
 
  private:
-  // An overlay and where in it the scan is. `version` is that of the node; no node: at the end.
+  // An overlay and the scan's position in it. `version` belongs to the node; no node: at the end.
   struct Source {
     Overlay const* overlay = nullptr;
     OverlayNode const* node = nullptr;
     OverlayVersion const* version = nullptr;
   };
 
-  // Whether the image's cursor is all there is.
+  // Whether no overlay has entries in the tree, so that the image's cursor does everything.
   bool bare() const { return sources_ == 0; }
   void AddSource(Overlay const& overlay);
-  void Stand(Source& source, OverlayNode const* node) const;
-  void StandBehind(Source& source, std::string_view key) const;
+  void PositionAt(Source& source, OverlayNode const* node) const;
+  void PositionAfter(Source& source, std::string_view key) const;
   void TurnImage(KeyValue const& entry);
   void StepImage();
   bool Step(KeyValue* entry, bool forward);
-  void Pass(std::string_view key);
+  void StepPast(std::string_view key);
   Source const* Nearest() const;
-  bool Give(KeyValue* entry);
+  bool Deliver(KeyValue* entry);
   bool IsNearer(std::string_view a, std::string_view b) const;
   bool HasBetween(KeyValue const& first, KeyValue const& last) const;
   bool EnterImagePage(KeyValue const& entry, EntryPage* page);
@@ -63,13 +64,13 @@ class LogCursor final : public TreeCursor {
   std::unique_ptr<TreeCursor> image_;
   KeyValue image_entry_;
   bool image_on_ = false;
-  std::array<Source, 2> source_;  // the topmost first
+  std::array<Source, 2> source_;  // topmost first
   std::size_t sources_ = 0;
   bool forward_ = true;
-  char const* given_ = nullptr;  // the key of the entry that was given last
-  int steps_ = 0;                // in one direction, outside of pages
-  bool in_image_page_ = false;   // an entry that was not given comes from a page of the image
-  KeyValue mixed_first_;         // of the last page of the image that could not be handed out
+  char const* delivered_ = nullptr;  // the key of the entry delivered last
+  int steps_ = 0;                    // in one direction, outside of pages
+  bool in_image_page_ = false;       // an entry other than that comes from a page of the image
+  KeyValue mixed_first_;             // the range of the last page of the image that overlays change
   KeyValue mixed_last_;
 };
 

@@ -18,6 +18,7 @@ namespace {
 constexpr mode_t kFileMode = 0640;
 constexpr std::uint64_t kLeastRoom = 256 * 1024;
 
+// Removes the first `written` bytes of the pieces, after a write that stopped short.
 void Skip(std::span<iovec>& pieces, std::size_t written) {
   while (!pieces.empty() && written >= pieces.front().iov_len) {
     written -= pieces.front().iov_len;
@@ -54,6 +55,7 @@ std::uint64_t LogFile::Size() const {
   return static_cast<std::uint64_t>(status.st_size);
 }
 
+// Doubles the file, within `most`. A failure, of a full disk for example, restores its length.
 void LogFile::MakeRoom(std::uint64_t end, std::uint64_t most) {
   if (end <= room_) return;
   room_ = Size();

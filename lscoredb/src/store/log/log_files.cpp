@@ -13,7 +13,7 @@ namespace lscore {
 using logformat::Generation;
 using logformat::Head;
 
-LogPosition LogRecord::Behind(LogPosition const& at) const {
+LogPosition LogRecord::PositionAfter(LogPosition const& at) const {
   std::uint64_t const begin = head.generation == at.generation ? at.offset : logformat::kTitleSize;
   return {head.generation, logformat::Aligned(begin + head.size), head.checksum, head.commit};
 }
@@ -27,6 +27,8 @@ bool LogFiles::Open() {
   return all;
 }
 
+// The directory is synced after new files got their titles, or a power failure could lose a file
+// with synced records in it.
 void LogFiles::Create() {
   bool const were_there = Open();
   for (std::size_t i = 0; i < files_.size(); ++i) {
@@ -43,6 +45,7 @@ void LogFiles::Entitle(LogFile& file) const {
   file.Write(0, piece);
 }
 
+// A title of zeros is accepted: it was written but not synced before a power failure.
 void LogFiles::CheckTitles() const {
   std::string const expected = logformat::TitleOf(identity_);
   std::string const blank(expected.size(), '\0');
@@ -66,6 +69,8 @@ bool LogFiles::IsWhole(LogRecord const& record) const {
   return Crc32c(logformat::BytesOf(identity_), checked) == record.head.checksum;
 }
 
+// The head is read first and must be plausible; then the whole record is read, its head must still
+// be the same (another process may be writing), and its checksum must hold.
 std::optional<LogRecord> LogFiles::ReadAt(Generation generation, std::uint64_t offset) {
   LogFile const& file = Of(generation);
   if (!file.is_open()) return std::nullopt;
@@ -84,6 +89,9 @@ std::optional<LogRecord> LogFiles::ReadAt(Generation generation, std::uint64_t o
   return record;
 }
 
+// The next record continues the generation or, after a rotation, begins the next one in the other
+// file. Either must name the last record's checksum and the next commit number: what an earlier
+// generation left in the file does not.
 std::optional<LogRecord> LogFiles::ReadNext(LogPosition const& at) {
   if (!Open()) return std::nullopt;
   auto const follows = [&](std::optional<LogRecord> const& record) {
@@ -96,12 +104,19 @@ std::optional<LogRecord> LogFiles::ReadNext(LogPosition const& at) {
   return record;
 }
 
-bool LogFiles::GoesOnBehind(LogPosition const& at) {
+// After a crash the log ends at the first record that is not whole: a torn write whose commit never
+// returned. But each record names the last commit that was synced before it. If a whole record
+// further on names a commit after the end, that commit had returned, so the log is damaged and must
+// not be cut here:
+//
+//   7 whole, 8 broken, nothing after          commit 8 was being written: the log ends after 7
+//   7 whole, 8 broken, 9 whole: synced 8      8 was synced, and is damaged
+bool LogFiles::HasSyncedAfter(LogPosition const& at) {
   return HoldsSynced(at.generation, at.offset, at.commit) ||
          HoldsSynced(logformat::After(at.generation), logformat::kTitleSize, at.commit);
 }
 
-// Looks at every offset where a record may begin.
+// Searches every offset where a record can begin, since the length of the broken one is unknown.
 bool LogFiles::HoldsSynced(Generation generation, std::uint64_t offset, CommitId after) {
   LogFile const& file = Of(generation);
   if (!file.is_open()) return false;

@@ -1,7 +1,7 @@
 #ifndef LSCOREDB_SRC_LOG_FILES_H
 #define LSCOREDB_SRC_LOG_FILES_H
 
-// The two files of a log, and how records are found in them. Whoever writes holds the commit lock.
+// The two files of a log, and how records are found in them. A writer holds the commit lock.
 
 #include <array>
 #include <memory>
@@ -13,14 +13,14 @@
 
 namespace lscore {
 
-// A position after a record: where the next one goes, and what it has to be.
+// A position after a record: where the next record goes, and which predecessor it must name.
 struct LogPosition {
   logformat::Generation generation{0};
   std::uint64_t offset = logformat::kTitleSize;
-  std::uint32_t before = 0;  // checksum of the record
-  CommitId commit{0};        // of the record
+  std::uint32_t before = 0;  // the checksum of the last record
+  CommitId commit{0};        // the commit of the last record
 
-  // Where the part of the log begins that the image does not hold.
+  // The position from which on the image does not hold the log.
   static LogPosition At(logformat::ImagePosition const& position) {
     return {position.generation, logformat::kTitleSize, position.before, position.commit};
   }
@@ -33,7 +33,7 @@ struct LogRecord {
   std::string_view changes() const {
     return {bytes.get() + logformat::kHeadSize, head.size - logformat::kHeadSize};
   }
-  LogPosition Behind(LogPosition const& at) const;
+  LogPosition PositionAfter(LogPosition const& at) const;
 };
 
 class LogFiles {
@@ -44,21 +44,21 @@ class LogFiles {
   logformat::Identity const& identity() const { return identity_; }
   LogFile& Of(logformat::Generation generation) { return files_[logformat::FileOf(generation)]; }
 
-  // Opens what is there. Returns whether both are.
+  // Opens the files that exist. Returns whether both do.
   bool Open();
-  // Throws LSCOREDB_DAMAGED when one of the files is of another log. REQUIRES: both are open.
+  // Throws LSCOREDB_DAMAGED when one of the files belongs to another log. REQUIRES: both are open.
   void CheckTitles() const;
-  // Makes what is missing, for good.
+  // Creates the files that are missing, durably.
   void Create();
-  // Takes both away.
+  // Deletes both.
   void Remove() noexcept;
 
   // The record at the position, in its generation or at the beginning of the next. None: there is
-  // none that is whole.
+  // no whole record.
   std::optional<LogRecord> ReadNext(LogPosition const& at);
-  // Whether a record behind a position where the log ends says that more of the log was synced, so
-  // that it ends there by damage.
-  bool GoesOnBehind(LogPosition const& at);
+  // Whether some record after the end of the log says that more of the log was synced: the log ends
+  // there because of damage then.
+  bool HasSyncedAfter(LogPosition const& at);
 
  private:
   void Entitle(LogFile& file) const;

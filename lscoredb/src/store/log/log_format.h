@@ -1,25 +1,25 @@
 #ifndef LSCOREDB_SRC_LOG_FORMAT_H
 #define LSCOREDB_SRC_LOG_FORMAT_H
 
-// The bytes of a log, and of what the image says of it. Numbers are little endian. They are frozen:
-// a change of any is a new format version.
+// The bytes of a log, and of the image's record of it. Numbers are little endian. All of it is
+// frozen: any change is a new format version.
 //
-// The log lies in two files, "log-0" and "log-1", which take turns: generation g is in the file of
-// g % 2, behind its title. A generation's records are written over by those of the next but one,
-// when the image holds all of them.
+// The log has two files, "log-0" and "log-1", which take turns: generation g is in file g % 2,
+// after its title. The records of generation g + 2 overwrite those of g, once the image holds all
+// of them.
 //
 // The title is kTitleSize bytes long and never changes: kTitleMark, the log's identity (16), the
-// CRC-32C of the two (4), zeros. All zeros it is as long as no sync has brought it to the disk.
+// CRC-32C of the two (4), zeros. It may be all zeros until a sync has written it to disk.
 //
 // A record is a commit:
 //
 //   offset  size  content
-//        0     4  CRC-32C of the log's identity (16) and of everything of the record behind it
-//        4     4  the checksum of the record before, which the first of a log takes from the image
+//        0     4  CRC-32C of the log's identity (16) and of the rest of the record
+//        4     4  checksum of the previous record; the first of a log takes it from the image
 //        8     8  size of the record; the next one begins at the next multiple of 8
 //       16     8  generation
 //       24     8  number of the commit
-//       32     8  number of the last commit that was known to be synced when this one was written
+//       32     8  number of the last commit known to be synced when this one was written
 //       40     8  time, microseconds since 1970
 //       48        changes, in the order in which they were made, without gaps:
 //
@@ -29,12 +29,11 @@
 //           7     1  0
 //           8        the key, the value
 //
-// A record is only good right behind the one that it names, so what an earlier use of the file, a
-// commit that was cut off, or another database left behind is not taken for one.
+// A record is valid only right after the one that it names, so that leftovers of an earlier use of
+// the file, of an interrupted commit, or of another database are not taken for one.
 //
-// The image has in its tree "meta" a record "log" (ImagePosition), which ends with a checksum like
-// all others there, and bears the format version kLogVersion followed by the version that the
-// content itself needs.
+// The image has a record "log" (ImagePosition) in its tree "meta", with a checksum like all others
+// there. Its format version is kLogVersion, followed by the version that the content itself needs.
 
 #include <array>
 #include <cstdint>
@@ -90,10 +89,10 @@ struct Head {
 };
 static_assert(sizeof(Head) == kHeadSize, "a head is stored as it lies in memory");
 
-// Which part of the log the image holds, and where the rest begins.
+// How far the image holds the log, and where the rest begins.
 struct ImagePosition {
   Identity identity{};
-  Generation generation{0};  // that begins behind the commit
+  Generation generation{0};  // begins after the commit
   CommitId commit{0};        // the last one that the image holds
   std::uint32_t before = 0;  // the checksum of its record
   bool clean = false;        // the log was empty when the last process closed the database
@@ -101,19 +100,19 @@ struct ImagePosition {
 
 std::string TitleOf(Identity const& identity);
 
-// The position in the image; none: it has no log. Both throw LSCOREDB_DAMAGED, also where the
-// image's format says otherwise: without what the log holds it would be an old state.
+// The position in the image; none: it has no log. Throws LSCOREDB_DAMAGED for a bad record, and
+// when it contradicts the image's format: an image without its log would be an old state.
 std::optional<ImagePosition> FindPosition(View const& image);
-// Of an image that has one.
+// The same, where a missing record is damage too.
 ImagePosition ReadPosition(View const& image);
 void WritePosition(Batch& image, ImagePosition const& position);
 
-// The record of the format of an image with a log, and what it says of the content.
+// The format record of an image with a log, from and to that of its content.
 std::string ImageFormat(std::string_view content_format);
 std::string ContentFormat(View const& image);
 
-// Moves to the next change of a record. Returns false at its end; throws LSCOREDB_DAMAGED where
-// the bytes are none.
+// Takes the next change off `rest`. Returns false at its end; throws LSCOREDB_DAMAGED when the
+// bytes are not a change.
 struct Change {
   Tree tree;
   std::string_view key;

@@ -19,7 +19,8 @@ std::string_view Kept(Overlay& overlay, std::string_view bytes) {
 
 }  // namespace
 
-// What the image says of the log is hidden, and its format is told as without one.
+// Two versions that every reader sees make the image look like a store without a log: its record of
+// the log is deleted, and its format is that of the content.
 LogLayer::LogLayer(LogPosition const& at, std::string_view content_format)
     : number(at.generation), base(at.commit), before(at.before) {
   changes.Write({Tree::kMeta, logformat::kImageKey}, {}, true, kAlways);
@@ -55,12 +56,14 @@ bool LogTail::ListOthers(CommitId after, std::vector<ObjectId>* changed) const {
   return true;
 }
 
+// The overlay takes over the bytes of the record, and its entries point into them. The changed rows
+// are remembered, so that they can be evicted from the shared row cache.
 bool LogTail::Advance() {
   std::optional<LogRecord> record = files_.ReadNext(position_);
   if (!record.has_value()) return false;
   if (record->head.generation != position_.generation) Rotate();
   Overlay& overlay = layers()->active->changes;
-  LogPosition const behind = record->Behind(position_);
+  LogPosition const behind = record->PositionAfter(position_);
   overlay.BeginChanges();
   std::string_view rest = record->changes();
   overlay.Keep(std::move(record->bytes), record->head.size);
@@ -76,6 +79,8 @@ bool LogTail::Advance() {
   return true;
 }
 
+// The active layer becomes the frozen one, and a new layer begins with the format record as the old
+// one has it.
 void LogTail::Rotate() {
   std::shared_ptr<LogLayers const> const now = layers();
   OverlayVersion const* const format =

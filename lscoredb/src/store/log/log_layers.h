@@ -1,9 +1,9 @@
 #ifndef LSCOREDB_SRC_LOG_LAYERS_H
 #define LSCOREDB_SRC_LOG_LAYERS_H
 
-// What lies over the image: the generations of the log that it does not hold, or not yet for all
-// readers, the active one on top. Immutable but for the commits that go into the active overlay, so
-// that a snapshot keeps its layers by sharing them.
+// The layers above the image: the generations of the log that it does not hold, or not yet for all
+// readers, with the active one on top. Only the active overlay changes, by new commits, so a
+// snapshot keeps its layers by sharing them.
 
 #include <atomic>
 #include <deque>
@@ -18,22 +18,22 @@
 namespace lscore {
 
 struct LogLayer {
-  // `at`: where the generation begins. `content_format`: the record of the format, as it would
-  // be without a log.
+  // `at`: where the generation begins. `content_format`: the format record as it would be without a
+  // log.
   LogLayer(LogPosition const& at, std::string_view content_format);
 
   logformat::Generation number;
   CommitId base;         // the last commit before it
-  std::uint32_t before;  // the checksum of that
+  std::uint32_t before;  // the checksum of its record
   Overlay changes;
 };
 
 struct LogLayers {
   std::shared_ptr<LogLayer> active;
-  std::shared_ptr<LogLayer> frozen;  // before it; may be null
+  std::shared_ptr<LogLayer> frozen;  // the generation before it; may be null
 
   CommitId base() const { return frozen != nullptr ? frozen->base : active->base; }
-  // The topmost version of a key in a state; null: as the image has it.
+  // The topmost version of a key in a state; null: the image decides.
   OverlayVersion const* Find(OrderedKey const& key, CommitId state) const {
     OverlayVersion const* const version = active->changes.Find(key, state);
     if (version != nullptr || frozen == nullptr) return version;
@@ -41,32 +41,32 @@ struct LogLayers {
   }
 };
 
-// The log as far as this process has read it. One thread at a time changes it; any may ask for the
-// layers, which hold every commit that was applied then.
+// The log as far as this process has applied it to its overlays. One thread at a time changes it;
+// any may get the layers, which hold every commit that was applied before.
 class LogTail {
  public:
   explicit LogTail(LogFiles& files) : files_(files) {}
 
-  // Begins at the position of the image.
+  // Starts again at the position of the image.
   void Restart(View const& image, logformat::ImagePosition const& position);
-  // Reads the next record of the log. Returns false when there is none.
+  // Reads and applies the next record of the log. Returns false when there is none.
   bool Advance();
-  // Has commits go to the next generation. REQUIRES: the image holds the frozen one, if any.
+  // Starts the next generation. REQUIRES: the image holds the frozen one, if any.
   void Rotate();
-  // Lets go of what the image holds.
+  // Drops the frozen layer if the image holds it.
   void DropHeld(logformat::ImagePosition const& position);
-  // After a record was appended that is in the active overlay already.
+  // After this process appended a record whose changes are in the active overlay already.
   void Appended(LogPosition const& at) { SetPosition(at); }
 
   LogPosition const& position() const { return position_; }
   CommitId applied() const { return CommitId{applied_.load(std::memory_order_acquire)}; }
   std::shared_ptr<LogLayers const> layers() const;
-  // Appends the objects that commits after `after` changed, but for those that were appended here.
-  // Returns false when it does not remember them all.
+  // Appends the objects that other processes changed in commits after `after`. Returns false when
+  // not all of them are remembered.
   bool ListOthers(CommitId after, std::vector<ObjectId>* changed) const;
-  // Bytes of the log behind what the image holds.
+  // Bytes of the log that the image does not hold.
   std::uint64_t Size() const;
-  // Bytes of all layers that anybody keeps.
+  // Bytes of all layers in memory, including those that only old snapshots keep.
   std::uint64_t Memory() const;
 
  private:
@@ -88,8 +88,8 @@ class LogTail {
   std::mutex mutable mutex_;
   std::shared_ptr<LogLayers const> layers_;
   std::vector<std::weak_ptr<LogLayer>> all_layers_;
-  std::deque<Changed> others_;   // what others changed, in the order of their commits
-  CommitId remembered_from_{0};  // all of them after this commit are there
+  std::deque<Changed> others_;   // changes of other processes, in commit order
+  CommitId remembered_from_{0};  // others_ is complete after this commit
 };
 
 }  // namespace lscore

@@ -25,7 +25,7 @@ void CheckContent(std::string_view format) {
   if (version > format::kNewestVersion) Throw(LSCOREDB_NEWER_FORMAT);
 }
 
-// Reads the newest state, between commits when no reader slot is left.
+// Reads the newest state through a snapshot or, when no reader slot is left, through a batch.
 template <typename Read>
 void WithNewest(Store& image, Read const& read) {
   std::unique_ptr<Snapshot> snapshot;
@@ -39,7 +39,7 @@ void WithNewest(Store& image, Read const& read) {
   image.End(std::move(snapshot));
 }
 
-// What is only in the log is found by those who share its state in memory, and they write it.
+// Readers need the log's shared words in memory, which every process that opens the log writes.
 [[noreturn]] void RefuseReading(std::string const& directory) {
   std::string const refused = OpenError();
   NoteOpenError(refused.empty() ? directory : refused,
@@ -49,6 +49,8 @@ void WithNewest(Store& image, Read const& read) {
 
 }  // namespace
 
+// Writes the log's record and the new format version into the image in one batch. The log's files
+// are created by the first commit.
 void LogStore::Convert(Store& image) {
   std::unique_ptr<Batch> const batch = image.BeginBatch();
   std::string_view format;
@@ -63,6 +65,8 @@ void LogStore::Convert(Store& image) {
   batch->Commit();
 }
 
+// Under the door lock, which LogBoard::Open takes: a process that is alone recovers the log, any
+// other joins those that have it open.
 std::unique_ptr<LogStore> LogStore::Open(std::unique_ptr<Store>& image, std::string directory,
                                          StoreOptions const& options) {
   std::optional<ImagePosition> position;
@@ -88,8 +92,9 @@ std::unique_ptr<LogStore> LogStore::Open(std::unique_ptr<Store>& image, std::str
   return store;
 }
 
-// Reads all of the log that the image does not hold. A record that is not whole ends it, unless a
-// later one says that it was synced once.
+// Applies the part of the log that the image does not hold. A record that is not whole ends the
+// log, unless a later one shows that it was synced once (LogFiles::HasSyncedAfter). What was read
+// is synced before it is published: after a crash it may be only in the system's cache.
 void LogStore::Recover() {
   SettleImage();
   std::unique_ptr<Snapshot> image = image_->Begin();
@@ -103,7 +108,7 @@ void LogStore::Recover() {
     files_.CheckTitles();
     while (tail_.Advance()) {
     }
-    if (files_.GoesOnBehind(tail_.position())) Throw(LSCOREDB_DAMAGED);
+    if (files_.HasSyncedAfter(tail_.position())) Throw(LSCOREDB_DAMAGED);
     used_ = true;
     if (sync_ && tail_.applied() > position.commit) SyncUpTo(tail_.applied());
   }
@@ -112,6 +117,7 @@ void LogStore::Recover() {
   board_.Share();
 }
 
+// Starts at the image. Records are read when a snapshot or a batch needs them.
 void LogStore::Join() {
   std::unique_ptr<Snapshot> image = image_->Begin();
   tail_.Restart(*image, logformat::ReadPosition(*image));
@@ -127,7 +133,8 @@ LogStore::~LogStore() {
   }));
 }
 
-// The last one leaves an image that holds everything. Where that fails the next opening recovers.
+// The last process to close leaves an image that holds everything, and removes the files of the
+// log. If that fails, the next opening recovers from the log.
 void LogStore::CloseAlone() {
   CatchUp(board_.Published());
   if (board_.Writing()) FinishForOther();

@@ -20,18 +20,20 @@ LogStore::LogStore(std::unique_ptr<Store> image, std::string directory, StoreOpt
       sync_(options.sync),
       tail_(files_) {
   UseReservations(image_->layout_reservations());
-  image_->RequireSync();  // what it holds, the log holds no more
+  image_->RequireSync();  // the log drops what the image holds, so it has to be durable there
 }
 
 // ---- snapshots ---------------------------------------------------------------------------------
 
+// Applies records until `state` is reached. When the next one is gone, its file was reused, so the
+// image holds it and the tail starts again there.
 void LogStore::CatchUp(CommitId state) {
   std::lock_guard const lock(tail_mutex_);
   while (tail_.applied() < state) {
     if (tail_.Advance()) continue;
     std::unique_ptr<Snapshot> image = image_->Begin();
     ImagePosition const position = logformat::ReadPosition(*image);
-    // What was published is in the log, or the image has it.
+    // A published commit is in the log or in the image. Anything else is damage.
     if (position.commit <= tail_.applied()) Throw(LSCOREDB_DAMAGED);
     tail_.Restart(*image, position);
     image_->End(std::move(image));
@@ -43,6 +45,8 @@ std::shared_ptr<LogLayers const> LogStore::LayersAt(CommitId state) {
   return tail_.layers();
 }
 
+// Cached for the newest state of the image, which changes only with checkpoints. A new position
+// also frees the frozen layer, unless a batch is using the tail.
 ImagePosition LogStore::PositionOf(Snapshot const& image) {
   {
     std::lock_guard const lock(readers_mutex_);
@@ -62,12 +66,15 @@ ImagePosition LogStore::PositionOf(Snapshot const& image) {
   return position;
 }
 
+// Checks that image and layers meet. An image that is ahead of `state` holds a later commit: if
+// that is published already, the caller reads the published commit again; if not, the snapshot
+// takes that commit's state. Layers that begin after the image's commit would leave a gap.
 std::unique_ptr<Snapshot> LogStore::Over(std::unique_ptr<Snapshot>& image,
                                          std::shared_ptr<LogLayers const> layers, CommitId state) {
   ImagePosition const position = PositionOf(*image);
   if (position.commit > state) {
     if (board_.Published() >= position.commit) return nullptr;
-    // Committed to the image, and about to be published.
+    // Committed directly to the image, and about to be published.
     state = position.commit;
     layers = LayersAt(state);
   }
@@ -78,6 +85,7 @@ std::unique_ptr<Snapshot> LogStore::Over(std::unique_ptr<Snapshot>& image,
   return snapshot;
 }
 
+// In this order: published commit, layers, image (log_store.h says why).
 std::unique_ptr<Snapshot> LogStore::Begin() {
   for (;;) {
     CommitId const state = board_.Published();
@@ -119,6 +127,8 @@ void LogStore::End(std::unique_ptr<Snapshot> snapshot) noexcept {
 
 std::unique_ptr<Batch> LogStore::BeginBatch() { return std::make_unique<LogBatch>(*this); }
 
+// Under the commit lock: applies what other processes committed, finishes the commit of one that
+// died, follows or starts a rotation, and erases a failed record of this process.
 std::shared_ptr<LogLayers const> LogStore::PrepareBatch() {
   board_.Take(LogBoard::Lock::kCommit);
   try {
@@ -134,11 +144,12 @@ std::shared_ptr<LogLayers const> LogStore::PrepareBatch() {
   return tail_.layers();
 }
 
-// A process that died over a commit to the image may have written all of it, and not yet said so to
-// readers, who go on from the state before. The next batch finds it, and says so.
+// A process that died during a commit to the image may have written all of it without making it
+// visible to readers. Beginning a batch of the image detects that and makes it visible.
 void LogStore::SettleImage() { static_cast<void>(image_->BeginBatch()); }
 
-// Who died over a commit may have brought it into the image, or written all of its record.
+// Finishes the commit during which another process died. If the image or a whole record of the log
+// has it, it is synced and published; otherwise it never took place, and its record is overwritten.
 void LogStore::FinishForOther() {
   SettleImage();
   {
@@ -159,12 +170,15 @@ void LogStore::FinishForOther() {
   board_.SetWriting(false);
 }
 
-// Another process may have taken the next file, and not written to it yet.
+// Another process may have rotated the log and written nothing since, which no record shows.
 void LogStore::FollowRotation() {
   std::lock_guard const lock(tail_mutex_);
   while (Raw(tail_.position().generation) < board_.Generation()) tail_.Rotate();
 }
 
+// Rotates when the active file has reached its limit. The other file can be reused only after the
+// image holds the frozen generation in it. Its checkpoint is usually done by then: Upkeep does it
+// after the commit that rotated.
 void LogStore::MakeRoomInLog() {
   if (tail_.position().offset < options_.log_limit) return;
   std::shared_ptr<LogLayers const> const layers = tail_.layers();
@@ -175,8 +189,8 @@ void LogStore::MakeRoomInLog() {
   checkpoint_due_ = true;
 }
 
-// The first commit since the log was closed makes its files, and has the image say that they are
-// needed.
+// The first commit after a clean close creates the files and then marks the image as not clean:
+// from now on it cannot be opened without them.
 void LogStore::MarkUsed() {
   if (used_) return;
   {
@@ -193,7 +207,8 @@ void LogStore::MarkUsed() {
   used_ = true;
 }
 
-// Each changed entry may take a page of the image, and one above it.
+// Whether the commit fits into one file of the log, and all layers into the image later. The
+// estimate is the worst case: each changed entry takes a page of the image and one above it.
 bool LogStore::FitsLog(std::uint64_t size, LogLayers const& layers) const {
   constexpr std::uint64_t kEntryNeeds = 2 * 4096;
   auto const needs = [](Overlay const& changes) {
@@ -204,6 +219,9 @@ bool LogStore::FitsLog(std::uint64_t size, LogLayers const& layers) const {
   return size <= options_.log_limit && needed <= options_.max_file_size;
 }
 
+// The durable part of a commit: write the record, sync, publish. Room is made before the writing
+// mark is set, since a full disk is an ordinary failure. Readers see the commit only after it was
+// synced.
 void LogStore::AppendRecord(Batch const& batch, LogPosition const& at, logformat::Head const& head,
                             std::span<iovec> pieces) {
   MarkUsed();
@@ -231,8 +249,9 @@ void LogStore::AppendRecord(Batch const& batch, LogPosition const& at, logformat
   board_.SetWriting(false);
 }
 
-// A record that could not be synced is whole, and may be on the disk: it must not be found there,
-// now that its commit has failed. One that could not be written is not whole.
+// After a failed sync the record is whole and may be on disk, but its commit has failed, so
+// recovery must not find it: its head is overwritten with zeros. If that fails too, the next batch
+// tries again before it writes. A record that could not be written is not whole and needs nothing.
 Status LogStore::TryTakeBack(LogPosition const& at) noexcept {
   if (!spoiled_) return LORV_STATUS_OK;
   return Guarded([&] {
@@ -246,6 +265,9 @@ Status LogStore::TryTakeBack(LogPosition const& at) noexcept {
   });
 }
 
+// Syncs the file of the active generation. The other file, of the generation before, is synced
+// first if its last commits were never synced (a writer without durability): a durable commit must
+// not follow a gap.
 void LogStore::SyncUpTo(CommitId commit) {
   LogPosition const at = tail_.position();
   CommitId const base = tail_.layers()->active->base;
@@ -256,6 +278,8 @@ void LogStore::SyncUpTo(CommitId commit) {
 
 // ---- the image ---------------------------------------------------------------------------------
 
+// Writes both layers, oldest first, and moves the log's position past them: the log goes on with
+// the generation after the active one.
 void LogStore::WriteAll(LogLayers const& layers, CommitId state, bool clean) {
   std::unique_ptr<Batch> const batch = image_->BeginBatch();
   ImagePosition position = logformat::ReadPosition(*batch);
@@ -271,8 +295,8 @@ void LogStore::WriteAll(LogLayers const& layers, CommitId state, bool clean) {
   batch->Commit();
 }
 
-// Readers may see the image's new state before it is published, and take it for that. The tail
-// begins at the image when it is needed next.
+// Commits a batch without the log. Readers may see the image's new state before it is published
+// (Over). The tail is not moved; the next CatchUp starts it again at the image.
 void LogStore::CommitToImage(Batch const& batch, LogLayers const& layers) {
   CommitId const state = batch.id();
   board_.SetWriting(true);
@@ -291,6 +315,8 @@ void LogStore::CommitToImage(Batch const& batch, LogLayers const& layers) {
   board_.SetWriting(false);
 }
 
+// Writes the frozen layer into the image in one batch, unless another process has done it. From
+// then on its file of the log may be reused.
 void LogStore::Checkpoint(LogLayers const& layers) {
   LogLayer const& active = *layers.active;
   std::unique_ptr<Batch> const batch = image_->BeginBatch();
@@ -308,7 +334,8 @@ void LogStore::Checkpoint(LogLayers const& layers) {
   tail_.DropHeld(position);
 }
 
-// What stands in the way of it, a full disk for one, is told by the commit that needs the room.
+// A failed checkpoint, on a full disk for example, is not reported here: the commit that needs the
+// room tries it again and fails with the status.
 void LogStore::Upkeep() noexcept {
   if (!checkpoint_due_.exchange(false)) return;
   static_cast<void>(Guarded([&] {
@@ -318,8 +345,10 @@ void LogStore::Upkeep() noexcept {
   }));
 }
 
-// ---- the whole ---------------------------------------------------------------------------------
+// ---- verification ------------------------------------------------------------------------------
 
+// Reads the chain of records from the image's position to the published commit. A chain that breaks
+// off is damage unless a checkpoint overtook the reading: then the image holds more than before.
 void LogStore::Verify() {
   image_->Verify();
   std::unique_ptr<Snapshot> image = image_->Begin();
@@ -331,7 +360,7 @@ void LogStore::Verify() {
     std::lock_guard const lock(tail_mutex_);
     std::optional<LogRecord> const record = files_.ReadNext(at);
     whole = record.has_value();
-    if (whole) at = record->Behind(at);
+    if (whole) at = record->PositionAfter(at);
   }
   image_->End(std::move(image));
   if (whole) return;
@@ -352,7 +381,7 @@ StoreStatistics LogStore::Statistics() const {
   statistics.log_memory = tail_.Memory();
   statistics.log_size = tail_.Size();
   std::lock_guard const lock(readers_mutex_);
-  // Of what others read only the image is known.
+  // Readers of other processes are known only to the image, so their oldest state is assumed.
   CommitId oldest =
       statistics.readers > readers_.size() ? known_position_.commit : statistics.last_commit;
   for (LogSnapshot const* const reader : readers_) oldest = std::min(oldest, reader->id());

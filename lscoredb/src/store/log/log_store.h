@@ -1,26 +1,26 @@
 #ifndef LSCOREDB_SRC_LOG_STORE_H
 #define LSCOREDB_SRC_LOG_STORE_H
 
-// The store with a log: a commit is one record, appended and synced once, and lies in an overlay in
-// memory until a checkpoint writes it into the image, another store.
+// The store with a write-ahead log. A commit is one record, appended and synced once; its changes
+// stay in an overlay in memory until a checkpoint writes them into the image, another store.
 //
 //   commit     batch -> overlay (active) -> record in the log -> sync -> published
-//   rotation   the log is at its limit: the active overlay is frozen, and the other file taken
-//   checkpoint frozen overlay -> one batch of the image, with the position of the log behind it
+//   rotation   the log reaches its limit: the active overlay is frozen, the other file is next
+//   checkpoint frozen overlay -> one batch of the image, with the log's position after it
 //   snapshot   layers (active, frozen) as of the published commit, over a snapshot of the image
 //
-// Why a snapshot is whole: the published commit is read first, then the layers that hold all up to
-// it, then the image, which can only be newer than when the layers were made. What the image holds
-// is at most the published commit, or that is read again; what it does not hold yet is in the
-// layers. What both hold is the same in both.
+// Why a snapshot is consistent: the published commit is read first, then layers that hold
+// everything up to it, then the image, which can only be newer than the layers. If the image is
+// ahead of the published commit, the snapshot starts over or takes the image's commit. What the
+// image does not hold yet is in the layers. What both hold is the same in both.
 //
-// A commit that the log has no room for, or that may not fit into the image, goes into the image
-// at once, together with all layers.
+// A commit that is too large for the log, or whose layers might not fit into the image later, goes
+// into the image at once, together with all layers.
 //
-// Processes share the log: one at a time holds the commit lock and appends, the others read its
-// records when they see that a later commit is published. One that is so far behind that the file
-// was taken again begins at the image. Who gets the commit lock looks whether its holder died over
-// a commit: a record that is whole is published, another one is written over.
+// Processes share the log. One at a time holds the commit lock and appends; the others read its
+// records when they see that a later commit is published. One that is so far behind that its file
+// was reused starts again at the image. Whoever gets the commit lock checks whether the last holder
+// died during a commit: a whole record is published, a torn one is overwritten.
 //
 // Locks of a process, outermost first: batch, commit (of the processes), the image's batch, tail.
 
@@ -42,12 +42,12 @@ namespace lscore {
 
 class LogStore final : public Store {
  public:
-  // Over an image, in `directory`. Null when the image has no log.
+  // Opens the log of an image, in `directory`, and takes the image over. Null when it has no log.
   static std::unique_ptr<LogStore> Open(std::unique_ptr<Store>& image, std::string directory,
                                         StoreOptions const& options);
-  // Makes the image one with a log. REQUIRES: nobody else has it open, nor opens it meanwhile.
+  // Gives the image a log. REQUIRES: nobody else has it open or opens it meanwhile.
   static void Convert(Store& image);
-  // How many readers more than its users have the image is to have room for.
+  // The reader slots of the image that this store needs itself, besides those of its users.
   static constexpr std::uint32_t kOwnReaders = 8;
 
   ~LogStore() override;
@@ -71,7 +71,7 @@ class LogStore final : public Store {
   LogStore(std::unique_ptr<Store> image, std::string directory, StoreOptions const& options,
            logformat::ImagePosition const& position);
 
-  // Opening and closing, behind the door.
+  // Opening and closing, under the door lock.
   void Recover();
   void Join();
   void CloseAlone();
@@ -79,12 +79,12 @@ class LogStore final : public Store {
   logformat::ImagePosition PositionOf(Snapshot const& image);
   std::shared_ptr<LogLayers const> LayersAt(CommitId state);
   void CatchUp(CommitId state);
-  // A snapshot over one of the image, which then is gone; null: begin again with another image.
+  // A snapshot over `image`, which is consumed; null: the image does not fit the layers, try again.
   std::unique_ptr<Snapshot> Over(std::unique_ptr<Snapshot>& image,
                                  std::shared_ptr<LogLayers const> layers, CommitId state);
   void Enter(LogSnapshot& snapshot);
 
-  // For a batch, which holds the commit lock from the first of them on.
+  // Parts of a batch, which holds the commit lock from PrepareBatch on.
   std::shared_ptr<LogLayers const> PrepareBatch();
   void FinishForOther();
   void SettleImage();
@@ -97,10 +97,10 @@ class LogStore final : public Store {
   void CommitToImage(Batch const& batch, LogLayers const& layers);
   void SyncUpTo(CommitId commit);
   Status TryTakeBack(LogPosition const& at) noexcept;
-  // All up to `state` into the image, in one batch of it.
+  // Writes everything up to `state` into the image, in one batch.
   void WriteAll(LogLayers const& layers, CommitId state, bool clean);
 
-  // Brings the frozen layer into the image.
+  // Writes the frozen layer into the image.
   void Checkpoint(LogLayers const& layers);
 
   std::unique_ptr<Store> const image_;
@@ -112,17 +112,17 @@ class LogStore final : public Store {
   std::mutex batch_mutex_;
   std::mutex tail_mutex_;  // held to change the tail
   LogTail tail_;
-  bool spoiled_ = false;  // behind the tail lies a record whose commit failed
-  bool used_ = false;     // the image says that the log is in use, and its files are there
+  bool spoiled_ = false;  // a record of a failed commit may follow the tail
+  bool used_ = false;     // the log's files exist, and the image says that they are needed
   bool open_ = false;
 
   std::atomic<bool> checkpoint_due_{false};
 
   std::mutex mutable readers_mutex_;
   std::vector<LogSnapshot*> readers_;
-  CommitId known_image_{0};  // the state of the image that the position is of
+  CommitId known_image_{0};  // the image's state for which known_position_ was read
   logformat::ImagePosition known_position_;
-  std::atomic<std::uint64_t> image_size_{0};  // of its file, when its position was last looked at
+  std::atomic<std::uint64_t> image_size_{0};  // of its file, as of known_position_
 };
 
 }  // namespace lscore

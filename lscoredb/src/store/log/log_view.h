@@ -1,7 +1,8 @@
 #ifndef LSCOREDB_SRC_LOG_VIEW_H
 #define LSCOREDB_SRC_LOG_VIEW_H
 
-// Reads a state of a store with a log: layers over an image, as of one commit.
+// Reads a state of a store with a log: layers over an image, as of one commit. One thread at a
+// time.
 
 #include <deque>
 #include <memory>
@@ -11,7 +12,7 @@
 
 namespace lscore {
 
-// The state of a view. The image is begun when it is first needed, if it was not given.
+// The state itself. If Set was given no snapshot of the image, one begins when it is first needed.
 class LayeredView {
  public:
   LayeredView(Store const& store, Store& image_store) : store_(store), image_store_(image_store) {}
@@ -27,7 +28,7 @@ class LayeredView {
   void OpenCursor(Tree tree, std::unique_ptr<TreeCursor>& cursor, bool frozen) const;
 
   bool has_room_for_pages() const { return pages_.size() < kMostPages; }
-  // Keeps a page that was made for a scan, and enters it. Returns whether it is of use.
+  // Keeps a page that was built for a scan, and enters it. Returns false for one that is too small.
   bool KeepPage(BuiltPage made, EntryPage* page) const;
 
   LogLayers const& layers() const { return *layers_; }
@@ -61,7 +62,7 @@ class LogSnapshot final : public Snapshot {
     view_.OpenCursor(tree, cursor, true);
   }
 
-  std::size_t index = 0;  // among the snapshots of the store
+  std::size_t index = 0;  // in LogStore::readers_
 
  private:
   LayeredView view_;

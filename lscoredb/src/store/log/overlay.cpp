@@ -19,7 +19,8 @@ std::uint64_t PrefixOf(Tree tree, std::string_view bytes) {
 
 }  // namespace
 
-// The bytes of a row's key are not in the order of its number, and equal where the numbers are.
+// Rows are keyed by a number in the byte order of the machine, so the prefix is that number itself:
+// it alone gives the order, and equal numbers have equal bytes. Other keys are in byte order.
 OrderedKey::OrderedKey(Tree its_tree, std::string_view its_bytes)
     : tree(its_tree), prefix(PrefixOf(its_tree, its_bytes)), bytes(its_bytes) {}
 
@@ -48,7 +49,7 @@ OverlayNode* Overlay::NewNode(OrderedKey const& key, int height) {
   return node;
 }
 
-// One in four nodes is a level higher than the others.
+// Each further level has a quarter of the nodes of the one below it. xorshift, with a fixed seed.
 int Overlay::RandomHeight() {
   random_ ^= random_ << 13;
   random_ ^= random_ >> 7;
@@ -58,8 +59,10 @@ int Overlay::RandomHeight() {
   return height;
 }
 
-// Finds the last node below the key on each level, from where the last one went in: up as long as
-// the key is beyond the gap there, then down.
+// Finds the last node below the key on each level. A finger search: starts where the last insert
+// was, climbs while the key lies beyond the gap on that level, then descends. Commits insert keys
+// in order, so most searches stay on the lowest levels. A key before the last one starts at the
+// top.
 void Overlay::FindPredecessors(OrderedKey const& key) {
   auto const tree = static_cast<std::size_t>(key.tree);
   std::array<OverlayNode*, kMaxHeight>& before = predecessors_[tree];
@@ -85,6 +88,8 @@ void Overlay::FindPredecessors(OrderedKey const& key) {
   }
 }
 
+// Links bottom up with release stores: a reader that finds the node on any level finds it complete
+// and on all levels below.
 OverlayNode* Overlay::Insert(OrderedKey const& key, std::size_t hash) {
   FindPredecessors(key);
   int const height = RandomHeight();
@@ -119,8 +124,8 @@ void Overlay::Link(Table& table, OverlayNode* node) {
   table.slot[at].store(node, std::memory_order_release);
 }
 
-// A reader that is in the old table misses only nodes that come in from now on, which belong to
-// commits after its state.
+// A reader of the old table misses only nodes that are inserted from now on, which belong to
+// commits after its state. Old tables are kept until the overlay is destroyed.
 void Overlay::Grow() {
   Table const& old = *tables_.back();
   auto grown = std::make_unique<Table>(4 * (old.mask + 1));
@@ -143,6 +148,7 @@ OverlayNode* Overlay::FindNode(OrderedKey const& key, std::size_t hash) const {
 
 // ---- writing -----------------------------------------------------------------------------------
 
+// A second write in the same commit changes the version in place: nobody reads it yet.
 void Overlay::Write(OrderedKey const& key, std::string_view value, bool deleted, CommitId commit) {
   std::size_t const hash = HashOf(key);
   OverlayNode* node = FindNode(key, hash);
@@ -160,6 +166,7 @@ void Overlay::Write(OrderedKey const& key, std::string_view value, bool deleted,
   node->newest_.store(version, std::memory_order_release);
 }
 
+// Unlinks the newest versions. Their nodes stay, without a version for any reader.
 void Overlay::RollBack(CommitId commit) {
   for (OverlayNode* const node : changed_) {
     OverlayVersion* const newest = node->newest_.load(std::memory_order_relaxed);

@@ -1,23 +1,23 @@
 #ifndef LSCOREDB_SRC_OVERLAY_H
 #define LSCOREDB_SRC_OVERLAY_H
 
-// What one generation of the log changed, in memory: the versions of each changed entry of all five
-// trees, for readers of any state since the generation began.
+// The changes of one generation of the log in memory: the versions of each changed entry of all
+// five trees, for readers of any state since the generation began.
 //
-// A node is a key. It hangs in a hash table, for look-ups, and in the skip list of its tree, for
-// scans. Its versions are a chain, the newest first:
+// A node is a key. It is in a hash table, for look-ups, and in the skip list of its tree, for
+// scans. Its versions are a chain, newest first:
 //
 //   hash table -> node "k" -> commit 9: "v3" -> commit 7: deleted -> null
 //                   |
 //                   v next, on each level
 //                 node "m" ...
 //
-// A reader of state 8 takes the first version that is not above 8, and finds "k" deleted. A key
-// without such a version is as the generation before, or the image, has it.
+// A reader of state 8 takes the first version that is not above 8, and finds "k" deleted. For a key
+// without such a version the previous generation, or the image, decides.
 //
-// One thread at a time writes; any number of threads read at the same time and take no lock. What
-// was linked stays until the overlay ends, and so do the bytes of keys and values, which lie in
-// memory that it gives out (TakeBytes) or is given (Keep).
+// One thread at a time writes; any number of threads read at the same time without locks. Nodes
+// stay until the overlay is destroyed, and so do the bytes of keys and values, in memory that it
+// allocates (TakeBytes) or is given (Keep).
 
 #include <array>
 #include <atomic>
@@ -33,7 +33,7 @@
 
 namespace lscore {
 
-// A key of a tree, ready to be compared: the order is that of the prefix, then that of the bytes.
+// A key of a tree with its first bytes as a number: keys are ordered by that number, then by bytes.
 struct OrderedKey {
   OrderedKey(Tree its_tree, std::string_view its_bytes);
 
@@ -41,7 +41,7 @@ struct OrderedKey {
   std::uint64_t prefix;
   std::string_view bytes;
 
-  // REQUIRES: of one tree.
+  // REQUIRES: both are of one tree.
   bool operator<(OrderedKey const& other) const {
     return prefix != other.prefix ? prefix < other.prefix : bytes < other.bytes;
   }
@@ -77,7 +77,7 @@ class OverlayNode {
   OrderedKey key_;
   std::size_t hash_ = 0;
   std::atomic<OverlayVersion*> newest_{nullptr};
-  std::atomic<OverlayNode*> next_[1];  // as many as the node is high
+  std::atomic<OverlayNode*> next_[1];  // one for each level of the node
 };
 
 class Overlay {
@@ -88,13 +88,13 @@ class Overlay {
 
   // ---- writing ----
 
-  // REQUIRES: `commit` is not below that of any version there is.
+  // REQUIRES: no version has a later commit.
   void Write(OrderedKey const& key, std::string_view value, bool deleted, CommitId commit);
-  // From here on writes can be taken back.
+  // Later writes can be rolled back.
   void BeginChanges() { changed_.clear(); }
-  // Takes back the versions of `commit`, all of them written since BeginChanges.
+  // Removes the versions of `commit`, all of them written since BeginChanges.
   void RollBack(CommitId commit);
-  // Memory for bytes of keys and values, without a gap behind what was taken before where it can.
+  // Memory for bytes of keys and values, contiguous with what was taken before if possible.
   char* TakeBytes(std::size_t size);
   void Keep(std::unique_ptr<char[]> bytes, std::size_t size);
 
@@ -108,7 +108,7 @@ class Overlay {
   OverlayNode const* Below(OrderedKey const& key) const;
 
   std::size_t nodes() const { return nodes_.load(std::memory_order_relaxed); }
-  // Of memory.
+  // Allocated memory.
   std::size_t bytes() const { return bytes_.load(std::memory_order_relaxed); }
 
  private:
@@ -142,9 +142,9 @@ class Overlay {
   std::size_t free_size_ = 0;
   std::size_t next_size_ = kFirstBytes;
   std::array<OverlayNode*, kTreeCount> heads_;
-  // Where the last node of each tree went in: the next one is often near.
+  // The predecessors of the last node inserted into each tree: the next one is often near.
   std::array<std::array<OverlayNode*, kMaxHeight>, kTreeCount> predecessors_;
-  std::vector<std::unique_ptr<Table>> tables_;  // readers may still be in an older one
+  std::vector<std::unique_ptr<Table>> tables_;  // readers may still use older ones
   std::atomic<Table*> table_;
   std::vector<OverlayNode*> changed_;
   std::uint64_t random_ = 0x9E3779B97F4A7C15;

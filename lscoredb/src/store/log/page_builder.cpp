@@ -7,6 +7,8 @@
 
 namespace lscore {
 
+// The same bytes as a page of the image: entries (size of the value, flags, size of the key, key,
+// value), then their offsets in key order.
 bool PageBuilder::Add(KeyValue const& entry) {
   std::string& bytes = page_.bytes;
   if (offsets_.size() >= kMostEntries || entry.value.size() > kLargestValue ||

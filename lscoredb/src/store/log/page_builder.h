@@ -1,7 +1,7 @@
 #ifndef LSCOREDB_SRC_PAGE_BUILDER_H
 #define LSCOREDB_SRC_PAGE_BUILDER_H
 
-// Makes a page of entries (entry_page.h) out of some that are not together in one. One thread.
+// Builds a page (entry_page.h) of entries from different sources. One thread.
 
 #include <cstdint>
 #include <string>
@@ -24,7 +24,7 @@ struct BuiltPage {
 
 class PageBuilder {
  public:
-  // `rising`: entries are added in the order of their keys, else in the opposite order.
+  // `rising`: entries are added in ascending order of keys, otherwise in descending order.
   explicit PageBuilder(bool rising) : rising_(rising) {}
 
   // Returns false, with nothing changed, when there is no room for the entry.

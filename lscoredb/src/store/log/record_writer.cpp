@@ -12,6 +12,7 @@ namespace lscore {
 using logformat::kChangeHead;
 using logformat::kHeadSize;
 
+// Memory of the overlay is mostly contiguous, so a record is one piece, or a few of them.
 char* RecordWriter::Take(std::size_t size) {
   char* const at = overlay_.TakeBytes(size);
   bool const adjoins = !pieces_.empty() &&

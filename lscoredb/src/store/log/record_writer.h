@@ -1,8 +1,8 @@
 #ifndef LSCOREDB_SRC_RECORD_WRITER_H
 #define LSCOREDB_SRC_RECORD_WRITER_H
 
-// Builds one record of the log in memory that an overlay keeps, so that the overlay's entries are
-// the record's bytes. One thread.
+// Builds one record of the log in memory of an overlay, so that the overlay's entries point into
+// the record. One thread.
 
 #include <sys/uio.h>
 
@@ -17,14 +17,14 @@ class RecordWriter {
  public:
   explicit RecordWriter(Overlay& overlay) : overlay_(overlay) {}
 
-  // Adds a change. What it returns stays as long as the overlay.
+  // Adds a change. The result is valid as long as the overlay.
   KeyValue Add(logformat::Change const& change);
 
   bool empty() const { return pieces_.empty(); }
   std::uint64_t size() const { return size_; }
 
   // Fills in the head's size and checksum, and returns the bytes of the record.
-  // REQUIRES: not empty, and nothing is added any more.
+  // REQUIRES: the record is not empty, and nothing is added afterwards.
   std::vector<iovec>& Finish(logformat::Head& head, logformat::Identity const& identity);
 
  private:

@@ -17,7 +17,7 @@ namespace lscore {
 namespace {
 
 constexpr int kBinary = 1;
-constexpr std::uint32_t kBytesType = 17;   // the server's number of bytea
+constexpr std::uint32_t kBytesType = 17;   // the protocol's number of the type bytea
 constexpr std::uint32_t kNumberType = 20;  // and of bigint
 
 template <typename Number>
@@ -27,7 +27,8 @@ void AppendNetwork(std::string& bytes, Number number) {
   }
 }
 
-// The head of an array of one dimension without nulls.
+// The head of a one-dimensional array without nulls, in the server's binary form: dimensions, has
+// nulls, type of the elements, then for each dimension its size and lower bound.
 std::string ArrayHead(std::uint32_t type, std::size_t count) {
   std::string head;
   AppendNetwork<std::uint32_t>(head, count == 0 ? 0 : 1);
@@ -39,17 +40,18 @@ std::string ArrayHead(std::uint32_t type, std::size_t count) {
   return head;
 }
 
-// By the class of the server's five letters, longer ones first.
+// SQLSTATE codes, or the classes that they begin with, and our statuses. The first match counts, so
+// codes come before their class.
 struct Meaning {
   std::string_view state;
   Status status;
 };
 constexpr std::array kMeanings = {
     Meaning{"25P02", LSCOREDB_IO_ERROR},          // an earlier statement failed
-    Meaning{"25P03", LSCOREDB_SNAPSHOT_EXPIRED},  // stood idle
-    Meaning{"25P04", LSCOREDB_SNAPSHOT_EXPIRED},  // took too long
+    Meaning{"25P03", LSCOREDB_SNAPSHOT_EXPIRED},  // idle in transaction for too long
+    Meaning{"25P04", LSCOREDB_SNAPSHOT_EXPIRED},  // transaction took too long
     Meaning{"57014", LSCOREDB_SNAPSHOT_EXPIRED},  // cancelled
-    Meaning{"40001", LSCOREDB_CONFLICT},          // could not be made serial
+    Meaning{"40001", LSCOREDB_CONFLICT},          // serialization failure
     Meaning{"40P01", LSCOREDB_CONFLICT},          // deadlock
     Meaning{"25006", LSCOREDB_WRITE_REFUSED},     // a standby
     Meaning{"42501", LSCOREDB_CANNOT_OPEN},       // no privilege
@@ -57,10 +59,10 @@ constexpr std::array kMeanings = {
     Meaning{"53200", LSCOREDB_NO_MEMORY},         //
     Meaning{"53300", LSCOREDB_TOO_MANY_READERS},  // connections
     Meaning{"54000", LSCOREDB_TOO_LARGE},         //
-    Meaning{"55P03", LSCOREDB_CONFLICT},          // somebody else holds a lock
-    Meaning{"57P", LSCOREDB_SERVER_LOST},         // it shuts down, or starts
+    Meaning{"55P03", LSCOREDB_CONFLICT},          // lock not available
+    Meaning{"57P", LSCOREDB_SERVER_LOST},         // the server shuts down or starts
     Meaning{"08", LSCOREDB_SERVER_LOST},          //
-    Meaning{"28", LSCOREDB_CANNOT_OPEN},          // not let in
+    Meaning{"28", LSCOREDB_CANNOT_OPEN},          // authentication failed
     Meaning{"3D", LSCOREDB_CANNOT_OPEN},          // no such database
     Meaning{"42P01", LSCOREDB_NOT_A_DATABASE},    // no such table
     Meaning{"3F000", LSCOREDB_NOT_A_DATABASE},    // no such schema
@@ -77,7 +79,7 @@ Status StatusOf(pg_result const* result) {
   return LSCOREDB_IO_ERROR;
 }
 
-// Whether the server at the other end was heard, or may have been.
+// Whether the server has answered in this state of connecting, or may have.
 bool HasAnswered(ConnStatusType state) {
   switch (state) {
     case CONNECTION_AWAITING_RESPONSE:
@@ -90,15 +92,15 @@ bool HasAnswered(ConnStatusType state) {
   }
 }
 
-// Before there is a connection libpq does not give the server's error code, but it can tell whether
-// a server lets nobody in because it starts or stops.
+// While connecting libpq does not return the server's error code. A ping distinguishes a server
+// that accepts nobody, because it starts or stops, from one that refuses this user.
 bool LetsNobodyIn(ConnectionOptions options, std::chrono::milliseconds timeout) {
   auto const seconds = std::chrono::ceil<std::chrono::seconds>(timeout).count();
   options.Set("connect_timeout", std::to_string(seconds));
   return PQpingParams(options.Names().data(), options.Values().data(), 0) != PQPING_OK;
 }
 
-// The server's own words where there are any.
+// Notes the server's own message if there is one.
 void NoteRefusalIn(pg_result const* result) {
   char const* const words = PQresultErrorField(result, PG_DIAG_MESSAGE_PRIMARY);
   NoteRefusal(words != nullptr ? words : PQresultErrorMessage(result));
@@ -171,7 +173,8 @@ Connection::~Connection() {
   PQfinish(connection_);
 }
 
-// Every host gets its share of the time. One that refuses has been reached, and ends the search.
+// Tries the hosts in turn, each with its share of the time. A host that refuses has been reached
+// and ends the search; only lost ones are passed over.
 void Connection::Open(ServerUrl const& url) {
   std::vector<ConnectionOptions> const hosts = ConnectionOptions(url.connection).HostByHost();
   timeout_ = url.timeout / static_cast<int>(hosts.size());
@@ -212,9 +215,13 @@ void Connection::Connect(ConnectionOptions const& options) {
   }
 }
 
-// `last`: the state before the connection failed. A server that was lost may come back; one that
-// refuses has said why. libpq drops its socket when the other end hangs up. A server that has let
-// the user in and tells its parameters is another one than target_session_attrs asks for.
+// Decides between a lost server, for which trying again is worth while, and a refusal, which is
+// final. `last` is the state of connecting before it failed. It is a refusal if the server had
+// answered, unless
+//   - libpq has closed the socket, because the server hung up,
+//   - the server has accepted the user and sent its parameters: then it is just not the kind of
+//     server that target_session_attrs asks for,
+//   - the server accepts nobody at the moment.
 void Connection::Refuse(int last, ConnectionOptions const& options) {
   NoteRefusal(PQerrorMessage(connection_));
   bool const let_in = PQparameterStatus(connection_, "server_version") != nullptr;
@@ -254,11 +261,12 @@ void Connection::Flush(Deadline deadline) {
     if (left == 0) return;
     if (left < 0) Throw(LSCOREDB_SERVER_LOST);
     Await(POLLIN | POLLOUT, deadline);
-    // The server may have to get rid of answers before it takes more.
+    // The server may have to send answers before it reads more.
     if (PQconsumeInput(connection_) != 1) Throw(LSCOREDB_SERVER_LOST);
   }
 }
 
+// Null ends the results of one statement.
 pg_result* Connection::NextResult(Deadline deadline) {
   while (PQisBusy(connection_) != 0) {
     Await(POLLIN, deadline);
@@ -277,6 +285,7 @@ bool Connection::usable() const {
   return !broken_ && (posted_ > 0 || PQtransactionStatus(connection_) == PQTRANS_IDLE);
 }
 
+// A statement that this connection has not prepared is prepared in the same round trip.
 void Connection::Add(Statement const& statement, Parameters const& parameters) {
   if (broken_) Throw(LSCOREDB_SERVER_LOST);
   bool ok = true;
@@ -312,10 +321,10 @@ void Connection::Post() noexcept {
   }
 }
 
+// Reads the results of posted exchanges, up to the end mark of each.
 void Connection::PassOverPosted(Deadline deadline) {
   while (posted_ > 0) {
     Result const result(NextResult(deadline));
-    // Null stands between the results of two statements.
     ExecStatusType const state =
         result.get() == nullptr ? PGRES_COMMAND_OK : PQresultStatus(result.get());
     if (PQstatus(connection_) == CONNECTION_BAD || state == PGRES_FATAL_ERROR) {
@@ -344,6 +353,8 @@ bool Connection::TakeResult(Deadline deadline, Status* failed, Result* out) {
   return false;
 }
 
+// All results are read even after a failure, so that the connection stays usable. A statement whose
+// preparation failed is prepared again next time.
 std::vector<Result> Connection::TakeResults(Deadline deadline) {
   std::vector<Awaited> const awaited = std::exchange(added_, {});
   std::vector<Result> results;

@@ -1,8 +1,8 @@
 #ifndef LSCOREDB_SRC_CONNECTION_H
 #define LSCOREDB_SRC_CONNECTION_H
 
-// A connection to the server, which speaks in round trips: statements are gathered, sent together,
-// and answered together. One thread at a time.
+// A connection to the server in libpq's pipeline mode: statements are collected, sent together and
+// answered together, in one round trip. One thread at a time.
 
 #include <atomic>
 #include <chrono>
@@ -25,7 +25,7 @@ struct FreeResult {
   void operator()(pg_result* result) const noexcept;
 };
 
-// The rows that a statement gave, in binary. Bytes stay where they are as long as the result.
+// The rows that a statement returned, in binary. Their bytes are valid as long as the result.
 class Result {
  public:
   Result() = default;
@@ -33,7 +33,7 @@ class Result {
 
   pg_result const* get() const { return result_.get(); }
   std::size_t size() const;
-  // REQUIRES: there is such a row and column, and it is not null.
+  // REQUIRES: the row and column exist, and the value is not null.
   std::string_view Bytes(std::size_t row, std::size_t column) const;
   std::uint64_t Number(std::size_t row, std::size_t column) const;  // a bigint
 
@@ -41,7 +41,7 @@ class Result {
   std::unique_ptr<pg_result, FreeResult> result_;
 };
 
-// What a statement takes, in binary. Borrows nothing.
+// The parameters of a statement, in binary. Copies what it is given.
 class Parameters {
  public:
   Parameters& Bytes(std::string_view bytes);
@@ -55,16 +55,16 @@ class Parameters {
   std::vector<std::string> values_;
 };
 
-// A statement that the server keeps prepared under its name once a connection has used it.
+// A statement that a connection prepares under its name when it is first used.
 struct Statement {
   std::string name;
   std::string text;
 };
 
-// What a request is worth when its reply is lost.
+// What a lost reply means for a request.
 enum class Lost : std::uint8_t {
-  kNothing,      // it changed nothing, or is undone
-  kPerhapsDone,  // it may have been a commit
+  kNothing,      // it changed nothing, or the server rolls it back
+  kPerhapsDone,  // it has a commit, which may have taken place
 };
 
 // Thrown in place of a Failure when the reply to a commit is lost.
@@ -77,24 +77,24 @@ using RoundTrips = std::shared_ptr<std::atomic<std::uint64_t>>;
 class Connection {
  public:
   // Connects. Throws LSCOREDB_SERVER_LOST, LSCOREDB_CANNOT_OPEN (refused) or LSCOREDB_NO_MEMORY.
-  // Counts the round trips that are waited for in `round_trips`, which may be null.
+  // Counts round trips that it waits for in `round_trips`, which may be null.
   explicit Connection(ServerUrl const& url, RoundTrips round_trips = nullptr);
   ~Connection();
   Connection(Connection const&) = delete;
   Connection& operator=(Connection const&) = delete;
 
-  // Adds a statement to those that go with the next round trip.
+  // Adds a statement to the next round trip.
   void Add(Statement const& statement, Parameters const& parameters = {});
   // Sends what was added and returns one result for each. Throws the status of the first statement
-  // that failed; the others behind it were not executed.
+  // that failed; those after it were not executed.
   std::vector<Result> Exchange(Lost lost = Lost::kNothing);
-  // Sends what was added; its results are awaited, and passed over, with the next exchange.
+  // Sends what was added without waiting. The next Exchange reads and ignores the results.
   void Post() noexcept;
   // Exchange for one statement.
   Result Run(Statement const& statement, Parameters const& parameters = {});
 
-  // Whether it can be used for another transaction: it is outside of any, or will be when what was
-  // posted is done.
+  // Whether another transaction can use the connection: it is outside of any, or will be after what
+  // was posted.
   bool usable() const;
 
  private:
@@ -107,7 +107,7 @@ class Connection {
   void Connect(ConnectionOptions const& options);
   [[noreturn]] void Refuse(int last, ConnectionOptions const& options);
   Deadline DeadlineFromNow() const;
-  // Waits until the server can be read from, or written to. Throws when it takes too long.
+  // Waits until the socket can be read or written. Throws when the deadline has passed.
   void Await(short events, Deadline deadline);
   void Flush(Deadline deadline);
   pg_result* NextResult(Deadline deadline);
@@ -120,7 +120,7 @@ class Connection {
   pg_conn* connection_ = nullptr;
   std::set<std::string> prepared_;
   std::vector<Awaited> added_;
-  std::size_t posted_ = 0;  // exchanges whose results are still to come
+  std::size_t posted_ = 0;  // posted exchanges whose results were not read yet
   RoundTrips round_trips_;
   bool broken_ = false;
 };

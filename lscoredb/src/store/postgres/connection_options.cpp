@@ -12,7 +12,7 @@
 namespace lscore {
 namespace {
 
-// Of each host in turn. An empty list has one empty part, as libpq sees it.
+// The parts of a list with commas. As for libpq, an empty list has one empty part.
 std::vector<std::string> Split(std::string const& list) {
   std::vector<std::string> parts;
   std::size_t begin = 0;
@@ -53,7 +53,7 @@ std::vector<ConnectionOptions> ConnectionOptions::HostByHost() const {
   for (char const* const name : kPerHost) {
     std::vector<std::string> const values = Split(Find(name));
     bool const for_all = values.size() == 1;
-    // libpq says best what is wrong with lists that do not match.
+    // Lists that do not match are left to libpq, whose message explains them best.
     if (!for_all && values.size() != hosts) return {*this};
     for (std::size_t i = 0; i < hosts; ++i) all[i].Set(name, values[for_all ? 0 : i]);
   }

@@ -1,7 +1,7 @@
 #ifndef LSCOREDB_SRC_CONNECTION_OPTIONS_H
 #define LSCOREDB_SRC_CONNECTION_OPTIONS_H
 
-// What libpq is told about a connection: the options of a URL, and those of each of its hosts.
+// The options of a connection for libpq: those of a URL, and those of each of its hosts.
 
 #include <string>
 #include <utility>
@@ -14,18 +14,18 @@ class ConnectionOptions {
   // Throws LSCOREDB_CANNOT_OPEN, and notes why, if the URL is malformed.
   explicit ConnectionOptions(std::string const& url);
 
-  // One set for each host, in their order. libpq gives up on a host that does not answer only when
-  // nobody else watches the time, so each host is tried by itself. Returns these options unchanged
-  // if they name one host, or leave the order of hosts to libpq.
+  // One set for each host, in their order. Each host is tried by itself, since libpq moves on from
+  // a host that does not answer only in its blocking mode. Returns these options unchanged if they
+  // name one host or leave the order of hosts to libpq.
   std::vector<ConnectionOptions> HostByHost() const;
 
   void Set(std::string const& name, std::string value);
-  // As arrays that end with null, valid until the next Set.
+  // Arrays that end with null, valid until the next Set.
   std::vector<char const*> Names() const;
   std::vector<char const*> Values() const;
 
  private:
-  std::string Find(std::string const& name) const;  // empty: it is not given
+  std::string Find(std::string const& name) const;  // empty: not given
 
   std::vector<std::pair<std::string, std::string>> options_;
 };

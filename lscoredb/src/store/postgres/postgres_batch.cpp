@@ -28,7 +28,7 @@ std::string NewTicket() {
   return ticket;
 }
 
-// Merges what was written with what the server has.
+// Merges the batch's writes with the server's entries.
 class BatchCursor final : public TreeCursor {
  public:
   BatchCursor(Store const& store, ServerView& view, Tree tree, Written const& written)
@@ -62,7 +62,7 @@ class BatchCursor final : public TreeCursor {
   bool EnterPage(KeyValue const&, EntryPage*) override { return false; }
 
  private:
-  // The lowest entry of both sides, where what was written hides what the server has.
+  // The lowest entry of both sides. A write hides the server's entry with the same key.
   bool Rise(Written::const_iterator ours, bool there, KeyValue server, KeyValue* entry) {
     for (;;) {
       bool const any = ours != written_.end();
@@ -108,7 +108,7 @@ PostgresBatch::PostgresBatch(PostgresStore& store, std::vector<TreeKey> const& h
     : store_(store), lock_(store.batch_mutex()), connection_(nullptr, LetGo{&store}) {
   for (std::size_t i = 0; i < kTreeCount; ++i)
     written_[i] = Written(KeyOrder{static_cast<Tree>(i)});
-  // As with snapshots, an idle connection may have been cut.
+  // Twice, since an idle connection may have been cut (PostgresStore::Begin).
   Status status = LSCOREDB_SERVER_LOST;
   for (int attempt = 0; status == LSCOREDB_SERVER_LOST && attempt < 2; ++attempt) {
     status = Guarded([&] {
@@ -129,6 +129,7 @@ void PostgresBatch::Begin(std::vector<TreeKey> const& hints) {
   set_id(CommitId{Raw(state_.id) + 1});
 }
 
+// Rolls back without waiting and returns the connection, which also releases the lock on the state.
 void PostgresBatch::Leave() noexcept {
   if (connection_ == nullptr) return;
   static_cast<void>(Guarded([this] {
@@ -243,7 +244,9 @@ Result PostgresBatch::ReadChanges(CommitId after) const {
                           Parameters().Number(Raw(after)).Number(kMostChanges + 1));
 }
 
-// What this commit changes, for the others; old lists go from time to time.
+// Lists the rows that this commit changes, for the caches of other processes. A commit with too
+// many starts the list anew: states before it must be forgotten as a whole. Lists older than
+// kChangesKept states are deleted every kTidyEvery commits.
 void PostgresBatch::SendChanges(std::uint64_t state) {
   Statements const& statements = store_.statements();
   std::uint64_t listed = Raw(state_.listed);
@@ -263,8 +266,9 @@ void PostgresBatch::SendChanges(std::uint64_t state) {
   connection_->Add(statements.advance_state, Parameters().Number(state).Number(listed));
 }
 
-// In one round trip. A statement that fails keeps the others behind it from being executed, the
-// commit among them.
+// Sends all writes, the ticket, the list of changes, the new state and the commit in one round
+// trip. The server executes nothing after a statement that fails, so the commit does not take place
+// then.
 bool PostgresBatch::SendAll() {
   Statements const& statements = store_.statements();
   std::uint64_t const state = Raw(id()) + TakeStatesBefore();
@@ -285,8 +289,8 @@ bool PostgresBatch::SendAll() {
   }
 }
 
-// A copy says how many states there were before it, which rows bear the numbers of. Here that goes
-// into the number of the state itself.
+// A copy has a record of how many states its source had, since its rows name their commits. Here
+// the record is not kept; its number is added to that of the state.
 std::uint64_t PostgresBatch::TakeStatesBefore() {
   Written& meta = WrittenTo(Tree::kMeta);
   auto const at = meta.find(format::kStatesBeforeKey);
@@ -297,6 +301,8 @@ std::uint64_t PostgresBatch::TakeStatesBefore() {
   return before;
 }
 
+// After a commit the connection is outside of any transaction and goes back as it is. Otherwise,
+// the outcome unknown included, Leave rolls back what there may be.
 void PostgresBatch::Commit() {
   if (connection_ == nullptr) Throw(LSCOREDB_SERVER_LOST);
   if (!changed()) {

@@ -1,7 +1,7 @@
 #ifndef LSCOREDB_SRC_POSTGRES_BATCH_H
 #define LSCOREDB_SRC_POSTGRES_BATCH_H
 
-// A batch of writes: what it is to change lies in memory until it is committed.
+// A batch of writes, which stay in memory until Commit sends them in one round trip.
 
 #include <array>
 #include <map>
@@ -19,7 +19,7 @@ struct KeyOrder {
   Tree tree = Tree::kMeta;
   bool operator()(std::string_view a, std::string_view b) const { return KeyLess(tree, a, b); }
 };
-// What is written, by key; no value: it is deleted.
+// The writes by key; no value: the key is deleted.
 using Written = std::map<std::string, std::optional<std::string>, KeyOrder>;
 
 class PostgresBatch final : public Batch {
@@ -39,7 +39,7 @@ class PostgresBatch final : public Batch {
   void Commit() override;
   CommitInDoubt in_doubt() const override { return in_doubt_; }
 
-  // That it began from.
+  // The state that it began from.
   StateRead const& state() const { return state_; }
   Result ReadChanges(CommitId after) const;
 
@@ -53,7 +53,7 @@ class PostgresBatch final : public Batch {
   void Send(Tree tree);
   void SendPuts(Tree tree, std::vector<std::string> const& keys,
                 std::vector<std::string_view> const& values);
-  // Returns whether it was committed. Throws when it was not, for a reason.
+  // Returns whether it was committed; throws when the server refused it.
   bool SendAll();
   void Leave() noexcept;
 
@@ -63,7 +63,7 @@ class PostgresBatch final : public Batch {
   StateRead state_;
   std::unique_ptr<ServerView> mutable view_;
   std::array<Written, kTreeCount> written_;
-  CommitInDoubt in_doubt_;  // once it is being committed
+  CommitInDoubt in_doubt_;  // set when the commit is sent
 };
 
 }  // namespace lscore

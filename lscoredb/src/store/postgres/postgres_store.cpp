@@ -18,7 +18,7 @@ namespace {
 constexpr std::size_t kIdleConnections = 16;
 constexpr int kCreationTimeouts = 10;
 constexpr std::chrono::milliseconds kCreationPause{50};
-constexpr int kAttempts = 5;  // to make tables that another process may just be making
+constexpr int kAttempts = 5;  // at creating tables, which another process may do at the same time
 
 Status StatusOf(std::function<void()> const& work) {
   return Guarded([&] {
@@ -65,7 +65,7 @@ bool PostgresStore::Exists(std::string_view url) {
   return status == LORV_STATUS_OK;
 }
 
-// A copy that was cut off has none.
+// An incomplete copy has no format record (CopyStore).
 void PostgresStore::CheckFormat(Connection& connection) const {
   ServerView view(connection, statements_);
   std::string_view record;
@@ -87,8 +87,8 @@ void PostgresStore::RequireNoForeignTables(Connection& connection) const {
   Throw(LSCOREDB_CANNOT_OPEN);
 }
 
-// Each statement by itself, since several processes may come here at once: whoever finds that
-// another one makes the same thing begins again.
+// Each statement is a transaction of its own. When several processes create the same tables at
+// once, the server may refuse one of them in spite of IF NOT EXISTS, which then starts over.
 void PostgresStore::MakeTables(Connection& connection) const {
   Status status = LORV_STATUS_OK;
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
@@ -102,7 +102,9 @@ void PostgresStore::MakeTables(Connection& connection) const {
                                                                         : status);
 }
 
-// The lock is a transaction that stays open; the server ends it with the connection.
+// The lock is a row lock of a transaction that stays open. The server ends it with the connection,
+// so a process that dies leaves no lock. Polls, since a waiting statement would meet the timeout of
+// replies.
 std::shared_ptr<void> PostgresStore::WaitForCreationLock() {
   auto const begun = std::chrono::steady_clock::now();
   auto lock = std::make_shared<Connection>(url_, round_trips_);
@@ -121,7 +123,7 @@ std::shared_ptr<void> PostgresStore::WaitForCreationLock() {
   }
 }
 
-// In the transaction that holds the lock: who waits for it finds the tables gone.
+// Drops the tables in the transaction that holds the lock, so that the next holder finds none.
 void PostgresStore::Discard(std::shared_ptr<void> lock) {
   auto& connection = *static_cast<Connection*>(lock.get());
   connection.Add(statements_.drop_tables);
@@ -135,6 +137,7 @@ void LetGo::operator()(Connection* connection) const noexcept {
   store->GiveBack(std::unique_ptr<Connection>(connection));
 }
 
+// An idle connection of the pool, or a new one. Connects without the mutex.
 UsedConnection PostgresStore::TakeConnection() const {
   bool others = false;
   {
@@ -151,7 +154,7 @@ UsedConnection PostgresStore::TakeConnection() const {
   Status const status = StatusOf([&] { made = std::make_unique<Connection>(url_, round_trips_); });
   if (status == LORV_STATUS_OK) return {made.release(), LetGo{this}};
   GiveBack(nullptr);
-  // It let others of ours in a moment ago: what it lacks is room for one more.
+  // The server accepted our other connections, so a refusal now means that it has no room for more.
   Throw(others && status == LSCOREDB_CANNOT_OPEN ? LSCOREDB_TOO_MANY_READERS : status);
 }
 
@@ -171,7 +174,7 @@ PostgresSnapshot::PostgresSnapshot(PostgresStore& store)
   set_id(state_.id);
 }
 
-// Nobody waits for the end of a transaction that has only read.
+// Posts the end of the transaction without waiting, since it has only read.
 PostgresSnapshot::~PostgresSnapshot() {
   static_cast<void>(StatusOf([this] { connection_->Add(store_.statements().commit); }));
   connection_->Post();
@@ -181,8 +184,8 @@ void PostgresSnapshot::OpenCursor(Tree tree, std::unique_ptr<TreeCursor>& cursor
   cursor = std::make_unique<ServerCursor>(store_, view_, tree);
 }
 
-// An idle connection may have been cut since it was last used, which says nothing of the server: a
-// new one is tried.
+// An idle connection may have been cut since it was last used. That says nothing about the server,
+// so others are tried until a new one decides.
 std::unique_ptr<Snapshot> PostgresStore::Begin() {
   {
     std::lock_guard const lock(mutex_);
@@ -215,7 +218,8 @@ std::unique_ptr<Batch> PostgresStore::BeginBatch(std::vector<TreeKey> const& hin
 
 // ---- what others change ------------------------------------------------------------------------
 
-// The changes come behind the state: a batch has to wait for its lock before it asks.
+// The changes are read after the state, in the same round trip: a batch first waits there for the
+// lock, and must see what was committed until then.
 StateRead PostgresStore::BeginAt(Connection& connection, Statement const& begin,
                                  Statement const& state, ServerView& view,
                                  std::vector<TreeKey> const& gets) const {
@@ -249,6 +253,8 @@ Result PostgresSnapshot::ReadChanges(CommitId after) const {
                           Parameters().Number(Raw(after)).Number(kMostChanges + 1));
 }
 
+// Mostly answered by what BeginAt has read. Asks again if the caller's rows are older than that;
+// returns false if the list has been cut since, or is too long.
 bool PostgresStore::ListChanges(View const& view, CommitId after,
                                 std::vector<ObjectId>* changed) const {
   auto const* const batch = dynamic_cast<PostgresBatch const*>(&view);
@@ -268,9 +274,9 @@ bool PostgresStore::ListChanges(View const& view, CommitId after,
   return true;
 }
 
-// ---- the rest ----------------------------------------------------------------------------------
+// ---- maintenance -------------------------------------------------------------------------------
 
-// The server looks after its own pages; what can be said from here is whether the tables are there.
+// The server checks its own pages; all that can be checked here is that the tables exist.
 void PostgresStore::Verify() {
   if (Raw(NewestState()) == 0) Throw(LSCOREDB_DAMAGED);
 }
@@ -301,7 +307,8 @@ bool PostgresStore::sync() const {
   return sync_;
 }
 
-// Tickets that were dropped tell nothing.
+// Fences the ticket and then reads it: after the first statement the commit either has taken place
+// or cannot. A ticket so old that it may have been dropped proves nothing.
 bool PostgresStore::AskOutcome(CommitInDoubt const& commit) const {
   bool committed = false;
   Status const status = StatusOf([&] {

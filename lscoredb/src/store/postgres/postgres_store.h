@@ -4,14 +4,14 @@
 // A store on a server that speaks PostgreSQL's protocol.
 //
 // A snapshot is a read-only transaction of the server at REPEATABLE READ, on a connection of its
-// own, which goes back to the others when it ends. Beginning one is a round trip, ending one none.
-// A batch locks the one row of the table `state`, which lines up the batches of all processes and
-// machines, reads what it needs, and keeps its writes to itself until Commit sends them together.
+// own, which returns to the pool afterwards. Beginning one is a round trip, ending one none. A
+// batch locks the one row of the table `state`, which orders the batches of all processes and
+// machines, reads what it needs, and keeps its writes in memory until Commit sends them together.
 //
-// When the reply to a commit is lost, the store asks over a new connection how it came out: it
-// writes the batch's ticket as one that was not committed. Either that succeeds, and the commit can
-// no longer take place, or the ticket is there because it did. A server that does not answer
-// within the time limit leaves it open: LSCOREDB_COMMIT_UNKNOWN.
+// When the reply to a commit is lost, the store asks for the outcome over a new connection: it
+// inserts the batch's ticket as not committed. If that succeeds, the commit can no longer take
+// place, since it would insert the same ticket; if the ticket exists, it has taken place. When the
+// server does not answer within the time limit, the outcome stays open: LSCOREDB_COMMIT_UNKNOWN.
 
 #include <memory>
 #include <mutex>
@@ -28,26 +28,26 @@ namespace lscore {
 
 class PostgresStore;
 
-// A connection that somebody uses alone, until it is let go.
+// A connection of the pool in use; its deleter returns it.
 struct LetGo {
   PostgresStore const* store;
   void operator()(Connection* connection) const noexcept;
 };
 using UsedConnection = std::unique_ptr<Connection, LetGo>;
 
-// A state of the database, and the rows that changed shortly before it.
+// A state of the database, and the rows that changed before it.
 struct StateRead {
   CommitId id{0};
-  CommitId listed{0};         // the changes behind that state are listed
-  CommitId changes_after{0};  // what `changes` begins behind
-  Result changes;
+  CommitId listed{0};         // changes after this state are listed on the server
+  CommitId changes_after{0};  // `changes` has those after this state
+  Result changes;             // keys of rows
 };
 
 class PostgresStore final : public Store {
  public:
-  // Connects, and makes the tables where they are not there yet, unless it is only to be read.
+  // Connects, and creates missing tables unless the store is opened read-only.
   PostgresStore(std::string_view url, StoreOptions const& options);
-  // Whether the tables of a database are there.
+  // Whether the tables of a database exist.
   static bool Exists(std::string_view url);
 
   std::unique_ptr<Snapshot> Begin() override;
@@ -67,11 +67,11 @@ class PostgresStore final : public Store {
   // For snapshots and batches.
   Statements const& statements() const { return statements_; }
   bool sync() const;
-  // Reads, or locks, the newest state, in one exchange with the beginning of a transaction.
-  // With them go the gets of a view.
+  // Begins a transaction and reads, or locks, the newest state, in one round trip with the changes
+  // since the known state and the gets of a view.
   StateRead BeginAt(Connection& connection, Statement const& begin, Statement const& state,
                     ServerView& view, std::vector<TreeKey> const& gets) const;
-  // From here on this process knows all changes up to the state.
+  // This process has evicted all rows that changed up to the state.
   void NoteKnown(CommitId state) const noexcept;
   std::mutex& batch_mutex() { return batch_mutex_; }
   UsedConnection TakeConnection() const;
@@ -95,7 +95,7 @@ class PostgresStore final : public Store {
   bool sync_;
   std::vector<std::unique_ptr<Connection>> mutable idle_;
   std::size_t mutable in_use_ = 0;
-  CommitId mutable known_{0};  // the state up to which the changes are known to this process
+  CommitId mutable known_{0};  // see NoteKnown
   std::multiset<CommitId> readers_;
 };
 
@@ -105,7 +105,7 @@ class PostgresSnapshot final : public Snapshot {
   ~PostgresSnapshot() override;
 
   StateRead const& state() const { return state_; }
-  // In a round trip of its own.
+  // Costs a round trip.
   Result ReadChanges(CommitId after) const;
 
   bool Get(Tree tree, std::string_view key, std::string_view* value) const override {

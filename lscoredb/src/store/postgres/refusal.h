@@ -1,7 +1,7 @@
 #ifndef LSCOREDB_SRC_REFUSAL_H
 #define LSCOREDB_SRC_REFUSAL_H
 
-// What the server, or whoever was to reach it, said to this thread when it last refused something.
+// The last message with which the server, or libpq on the way to it, refused this thread something.
 
 #include <string>
 #include <string_view>
@@ -10,7 +10,7 @@ namespace lscore {
 
 std::string const& LastRefusal() noexcept;
 void ForgetRefusal() noexcept;
-// Keeps the text as one line.
+// Stores the text as one line.
 void NoteRefusal(std::string_view text);
 
 }  // namespace lscore

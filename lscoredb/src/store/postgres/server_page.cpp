@@ -7,7 +7,7 @@
 namespace lscore {
 namespace {
 
-constexpr std::size_t kLargestPlain = 1024;  // a larger value is handed out by itself
+constexpr std::size_t kLargestPlain = 1024;  // larger values are not copied into the page
 constexpr std::size_t kFullPage = 48 << 10;
 constexpr std::uint16_t kElsewhere = 1;
 
@@ -44,6 +44,8 @@ std::size_t ServerPage::LowerBound(std::string_view key) const {
   return static_cast<std::size_t>(at - entries_.begin());
 }
 
+// An entry is the size of its value, a flag, the size of its key, the key, and a small value
+// itself; the offsets of the entries follow at the end of the page.
 void ServerPage::BuildSlotted() const {
   for (std::size_t i = 0; i < entries_.size(); ++i) {
     if (slotted_.empty() || slotted_.back().bytes.size() > kFullPage)

@@ -1,7 +1,7 @@
 #ifndef LSCOREDB_SRC_SERVER_PAGE_H
 #define LSCOREDB_SRC_SERVER_PAGE_H
 
-// Neighbouring entries of a tree, as one reply brought them.
+// Neighbouring entries of a tree from one reply of the server.
 
 #include <memory>
 #include <string>
@@ -13,26 +13,26 @@
 
 namespace lscore {
 
-// A key of a tree as the server keeps it, in the order of its bytes: the number of a row with its
-// highest byte first. And the other way, which is the same.
+// Converts a key between ours and the server's form, which orders by bytes: the number of a row has
+// its bytes reversed, other keys are the same. Its own inverse.
 std::string ServerKey(Tree tree, std::string_view key);
-// Whether one key comes before another one of the tree.
+// The order of keys in the tree.
 bool KeyLess(Tree tree, std::string_view a, std::string_view b);
 
 class ServerPage {
  public:
-  // `falling`: the rows of the reply come from the last entry to the first.
+  // `falling`: the reply has the rows in descending order.
   ServerPage(Tree tree, Result rows, bool falling);
 
   std::size_t size() const { return entries_.size(); }
   KeyValue const& entry(std::size_t i) const { return entries_[i]; }
-  // The number of the first entry that is not below the key; size() when there is none.
+  // The position of the first entry that is not below the key; size() when there is none.
   std::size_t LowerBound(std::string_view key) const;
-  // Fills in the slotted page that holds the entry. Small entries stand in it as a whole.
+  // Enters the slotted page (entry_page.h) that holds the entry, with small values inside it.
   bool Enter(std::size_t i, EntryPage* page) const;
 
  private:
-  // Slots are numbers of two bytes.
+  // Offsets have two bytes, so a large reply is several of these.
   struct Slotted {
     std::size_t first;
     std::string bytes;
@@ -43,9 +43,9 @@ class ServerPage {
 
   Tree const tree_;
   Result const rows_;
-  std::string numbers_;  // the keys of kRows, as we have them
+  std::string numbers_;  // the keys of kRows in our form
   std::vector<KeyValue> entries_;
-  std::vector<Slotted> mutable slotted_;  // built when it is first asked for
+  std::vector<Slotted> mutable slotted_;  // built on the first Enter
 };
 
 }  // namespace lscore

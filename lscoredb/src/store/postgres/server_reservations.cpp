@@ -7,9 +7,9 @@
 namespace lscore {
 namespace {
 
-// Reserved at once, in advance; what a process does not use of them is lost.
+// The most numbers that are reserved in advance; those that a process does not use are lost.
 constexpr std::size_t kMostAtOnce = 32;
-// The row that holds the catalogue's word in the place of a number.
+// The row that holds the catalogue's word; its number belongs to no layout.
 constexpr std::uint64_t kWordNumber = Raw(kNoLayout);
 
 }  // namespace
@@ -44,6 +44,8 @@ bool ServerReservations::Reserve(LayoutNumber number) {
   return !taken_.test(Raw(number)) && !Insert({Raw(number)}).empty();
 }
 
+// Inserts candidates into the table, where another machine may have been first, until one is ours.
+// The number of candidates doubles, so that many new layouts take few round trips.
 LayoutNumber ServerReservations::ReserveFrom(std::size_t first) {
   std::lock_guard const lock(mutex_);
   LearnAll();

@@ -1,8 +1,8 @@
 #ifndef LSCOREDB_SRC_SERVER_RESERVATIONS_H
 #define LSCOREDB_SRC_SERVER_RESERVATIONS_H
 
-// Reservations of layout numbers in a table of the server, for all machines. They are never given
-// up: who might still know a number cannot be found out from here.
+// Reservations of layout numbers in a table of the server, for all machines. They are never
+// released, since nothing shows which process still caches a number.
 
 #include <bitset>
 #include <memory>
@@ -32,10 +32,10 @@ class ServerReservations final : public LayoutReservations {
   bool ReplaceWord(std::uint64_t expected, std::uint64_t word) override;
 
  private:
-  // A connection that is usable; made when it is first needed.
+  // A usable connection, opened when it is first needed.
   Connection& Server() const;
   void LearnAll();
-  // Asks for numbers and returns those that were free. All of them are known to be taken then.
+  // Reserves those of the numbers that are free and returns them. Marks all of them as taken.
   std::set<std::size_t> Insert(std::vector<std::uint64_t> const& numbers);
 
   ServerUrl const url_;
@@ -45,7 +45,7 @@ class ServerReservations final : public LayoutReservations {
   std::unique_ptr<Connection> mutable connection_;
   std::bitset<kLayoutNumbers> taken_;  // as far as this process knows
   bool learned_ = false;
-  std::set<std::size_t> own_;  // reserved in advance, and not given out yet
+  std::set<std::size_t> own_;  // reserved in advance and not allocated yet
   std::size_t next_count_ = 1;
 };
 

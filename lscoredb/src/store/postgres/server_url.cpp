@@ -10,7 +10,7 @@ namespace lscore {
 namespace {
 
 constexpr std::string_view kDefaultSchema = "sagleme";
-constexpr std::size_t kLongestName = 63;  // a longer identifier is cut by the server
+constexpr std::size_t kLongestName = 63;  // the server truncates longer identifiers
 constexpr std::chrono::seconds kDefaultTimeout{30};
 constexpr int kLongestTimeout = 24 * 60 * 60;
 

@@ -12,6 +12,7 @@ constexpr std::size_t kLargestPage = 1024;
 
 // ---- single entries ----------------------------------------------------------------------------
 
+// The cache also holds keys that do not exist. A failed question leaves no answer in it.
 bool ServerView::Get(Tree tree, std::string_view key, std::string_view* value) {
   auto const [at, asked] = KnownOf(tree).try_emplace(std::string(key));
   if (asked) {
@@ -46,7 +47,7 @@ void ServerView::GetMany(Tree tree, std::span<std::string_view const> keys,
   for (std::size_t i = 0; i < keys.size(); ++i) values[i] = known.at(std::string(keys[i]));
 }
 
-// `asked`: the keys as the server has them. What did not come back is not there.
+// `asked`: keys in the server's form. Those without a result do not exist.
 void ServerView::Learn(Tree tree, std::vector<std::string> const& asked, Result found) {
   Known& known = KnownOf(tree);
   for (std::string const& key : asked) known.try_emplace(ServerKey(tree, key));
@@ -113,7 +114,7 @@ bool ServerCursor::Give(std::size_t i, KeyValue* entry) const {
   return true;
 }
 
-// An empty reply leaves the cursor on the page that it has.
+// An empty reply leaves the cursor on its current page.
 bool ServerCursor::GiveFirst(ServerPage const& page, KeyValue* entry) {
   if (page.size() == 0) return false;
   page_ = &page;
@@ -130,6 +131,8 @@ bool ServerCursor::GiveLast(ServerPage const& page, KeyValue* entry) {
   return Give(page.size() - 1, entry);
 }
 
+// Pages double from 16 to 1024 entries: a short scan fetches little, a long one needs few round
+// trips.
 std::size_t ServerCursor::Grown() {
   most_ = std::clamp(2 * most_, kFirstPage, kLargestPage);
   return most_;

@@ -1,8 +1,8 @@
 #ifndef LSCOREDB_SRC_SERVER_VIEW_H
 #define LSCOREDB_SRC_SERVER_VIEW_H
 
-// Reads one state of the trees through a connection, and keeps what it was told as long as it
-// lives. One thread at a time.
+// Reads one state of the trees through a connection, and caches every answer as long as it lives.
+// One thread at a time.
 
 #include <array>
 #include <memory>
@@ -21,7 +21,7 @@ namespace lscore {
 
 class ServerView {
  public:
-  // REQUIRES: the connection is inside a transaction that always shows the same of the trees.
+  // REQUIRES: the connection is inside a transaction in which the trees do not change.
   ServerView(Connection& connection, Statements const& statements)
       : connection_(connection), statements_(statements) {}
 
@@ -30,11 +30,12 @@ class ServerView {
   void GetMany(Tree tree, std::span<std::string_view const> keys,
                std::span<std::optional<std::string_view>> values);
 
-  // Adds gets to the next exchange, one statement for each tree of them, and takes their results.
+  // Ask adds gets to the next exchange, one statement for each of their trees; Take caches their
+  // results.
   std::vector<std::vector<std::string>> Ask(std::vector<TreeKey> const& gets);
   void Take(std::vector<std::vector<std::string>> const& asked, std::span<Result> results);
 
-  // Neighbouring entries. A page of fewer than `most` entries ends where the tree ends.
+  // Up to `most` neighbouring entries. A page with fewer reaches the end of the tree.
   ServerPage const& From(Tree tree, std::string_view key, std::size_t most);
   ServerPage const& After(Tree tree, std::string_view key, std::size_t most);
   ServerPage const& Before(Tree tree, std::string_view key, std::size_t most);
@@ -55,7 +56,7 @@ class ServerView {
   std::vector<std::unique_ptr<ServerPage>> pages_;
 };
 
-// Goes through a tree by pages, which grow while it goes on in one direction.
+// Scans a tree in pages, which grow while the scan continues.
 class ServerCursor final : public TreeCursor {
  public:
   ServerCursor(Store const& store, ServerView& view, Tree tree)
@@ -73,7 +74,7 @@ class ServerCursor final : public TreeCursor {
   bool GiveFirst(ServerPage const& page, KeyValue* entry);
   bool GiveLast(ServerPage const& page, KeyValue* entry);
   std::size_t Grown();
-  // The number of the entry in the present page; no value when it is not there.
+  // The position of the key in the current page; no value when it is not there.
   std::optional<std::size_t> Find(std::string_view key) const;
 
   ServerView& view_;
@@ -81,7 +82,7 @@ class ServerCursor final : public TreeCursor {
   ServerPage const* page_ = nullptr;
   bool ends_high_ = false;  // the page holds the tree's last entry
   bool ends_low_ = false;
-  std::size_t most_ = 0;  // that was asked for last
+  std::size_t most_ = 0;  // entries asked for last
 };
 
 }  // namespace lscore

@@ -11,23 +11,23 @@ constexpr std::array<char const*, kTreeCount> kTables = {"rows", "parts", "entri
                                                          "meta"};
 
 TreeStatements StatementsOf(std::string const& schema, std::string const& table) {
-  std::string const place = schema + "." + table;
-  std::string const select = "SELECT key, value FROM " + place;
+  std::string const qualified = schema + "." + table;
+  std::string const select = "SELECT key, value FROM " + qualified;
   auto const named = [&](char const* name, std::string const& text) {
     return Statement{table + "_" + name, text};
   };
   TreeStatements made;
-  made.get = named("get", "SELECT value FROM " + place + " WHERE key = $1::bytea");
+  made.get = named("get", "SELECT value FROM " + qualified + " WHERE key = $1::bytea");
   made.get_many = named("get_many", select + " WHERE key = ANY ($1::bytea[])");
   made.from = named("from", select + " WHERE key >= $1::bytea ORDER BY key LIMIT $2::bigint");
   made.after = named("after", select + " WHERE key > $1::bytea ORDER BY key LIMIT $2::bigint");
   made.before =
       named("before", select + " WHERE key < $1::bytea ORDER BY key DESC LIMIT $2::bigint");
   made.last = named("last", select + " ORDER BY key DESC LIMIT $1::bigint");
-  made.put = named("put", "INSERT INTO " + place +
+  made.put = named("put", "INSERT INTO " + qualified +
                               " (key, value) SELECT * FROM unnest($1::bytea[], $2::bytea[])"
                               " ON CONFLICT (key) DO UPDATE SET value = EXCLUDED.value");
-  made.remove = named("remove", "DELETE FROM " + place + " WHERE key = ANY ($1::bytea[])");
+  made.remove = named("remove", "DELETE FROM " + qualified + " WHERE key = ANY ($1::bytea[])");
   return made;
 }
 
@@ -73,7 +73,7 @@ Statements::Statements(std::string const& schema) {
   read_ticket = {"read_ticket",
                  "SELECT 1::bigint FROM " + tickets + " WHERE ticket = $1::bytea AND committed"};
   drop_tickets = {"drop_tickets", "DELETE FROM " + tickets + " WHERE state < $1::bigint"};
-  // The row of no commit, made with the tables.
+  // Locks the row of no commit, which is created with the tables.
   lock_creation = {"lock_creation",
                    "SELECT state FROM " + tickets + " WHERE ticket = ''::bytea FOR UPDATE NOWAIT"};
 

@@ -1,23 +1,24 @@
 #ifndef LSCOREDB_SRC_STATEMENTS_H
 #define LSCOREDB_SRC_STATEMENTS_H
 
-// All that is said to the server. Plain SQL, such as other databases with PostgreSQL's protocol
+// All statements that the server gets. Plain SQL that other databases with PostgreSQL's protocol
 // understand too: no functions of our own, no triggers, no advisory locks, no COPY.
 //
 // The tables of a database, in a schema of its own:
 //
 //   rows, parts, entries, definitions, meta
-//            key bytea, value bytea: the five trees, by the order of their keys' bytes
-//   state    one row, which is locked by whoever commits:
+//            key bytea, value bytea: the five trees, ordered by the bytes of their keys
+//   state    one row, which a committer locks:
 //              id          bigint   the number of the newest state
 //              version     bigint   of these tables
-//              listed      bigint   the state from which on changes are listed without a gap
-//   changes  state bigint, key bytea: the keys of rows that the commit of a state wrote or deleted,
-//            of the last kChangesKept states, and of none that changed very many
-//   layouts  number bigint, word bigint: the layout numbers that are reserved; and 0, which is
-//            none, with the catalogue's word
-//   tickets  ticket bytea, state bigint, committed boolean: how a commit came out whose reply was
-//            lost. A commit writes its ticket; who asks first writes that it did not come to be.
+//              listed      bigint   changes after this state are listed without a gap
+//   changes  state bigint, key bytea: the rows that the commit of a state wrote or deleted, for the
+//            last kChangesKept states; a commit with more than kMostChanges is not listed
+//   layouts  number bigint, word bigint: the reserved layout numbers; and 0, which is no layout,
+//            with the catalogue's word
+//   tickets  ticket bytea, state bigint, committed boolean: the outcomes of commits. A commit
+//            inserts its ticket; if its reply is lost, whoever asks for the outcome inserts the
+//            ticket as not committed, and only one of the two can succeed.
 
 #include <array>
 #include <string>
@@ -29,9 +30,9 @@
 namespace lscore {
 
 inline constexpr std::uint64_t kTablesVersion = 1;
-// Commits for which tickets are kept.
+// The number of commits whose tickets are kept.
 inline constexpr std::uint64_t kTicketsKept = 100'000;
-// States whose changes are kept, and most rows that a list of changes has.
+// The number of states whose changes are kept, and the most rows that a commit lists.
 inline constexpr std::uint64_t kChangesKept = 10'000;
 inline constexpr std::size_t kMostChanges = 10'000;
 
@@ -68,14 +69,14 @@ struct Statements {
   Statement fence_ticket;       // ticket
   Statement read_ticket;        // ticket: 1 when it was committed
   Statement drop_tickets;       // below a state
-  Statement lock_creation;      // fails at once when somebody has it
+  Statement lock_creation;      // fails at once when another session has the lock
   Statement read_reservations;  // gives numbers
   Statement reserve;            // numbers: gives those that were free
   Statement read_word;          // of a number
-  Statement replace_word;       // of a number, what it has to be, what it is to be: gives one row
-  Statement find_foreign;       // schema: rows when others have made tables with names of ours
-  // Make what is not there yet, in this order, each by itself. The state's table comes first: where
-  // it is, the others are ours.
+  Statement replace_word;       // number, expected, new word: gives one row if it was expected
+  Statement find_foreign;       // schema: gives rows if other programs have tables with our names
+  // Create what is missing, in this order, each in its own transaction. The table `state` comes
+  // first: if it exists, the others are ours.
   std::vector<Statement> make;
   Statement drop_tables;
 };
