@@ -42,6 +42,7 @@ std::vector<Section> Sections() {
           {"schema beside PostgreSQL", &MeasureSchemaBesidePostgres},
           {"bootstrap", &MeasureBootstrap},
           {"opening", &MeasureOpening},
+          {"queries", &MeasureSql},
           {"transfer", &MeasureTransfer}};
 }
 

@@ -56,6 +56,9 @@ std::vector<Result> MeasureBootstrap(Settings const& settings);
 // Opening databases of few and many tables, in time and memory.
 std::vector<Result> MeasureOpening(Settings const& settings);
 
+// Queries and inserts through SQLite's engine, beside its own tables.
+std::vector<Result> MeasureSql(Settings const& settings);
+
 // Import and load beside the shell of SQLite, by processes of their own. Nothing, and a line that
 // says why, where there is none.
 std::vector<Result> MeasureTransfer(Settings const& settings);

@@ -18,7 +18,10 @@ inline void Check(int code, int expected = SQLITE_OK) {
 class Statement {
  public:
   Statement(sqlite3* database, char const* text) {
-    Check(sqlite3_prepare_v3(database, text, -1, SQLITE_PREPARE_PERSISTENT, &statement_, nullptr));
+    if (sqlite3_prepare_v3(database, text, -1, SQLITE_PREPARE_PERSISTENT, &statement_, nullptr) !=
+        SQLITE_OK) {
+      throw std::runtime_error(std::string(text) + ": " + sqlite3_errmsg(database));
+    }
   }
   ~Statement() { sqlite3_finalize(statement_); }
   Statement(Statement const&) = delete;
@@ -40,8 +43,8 @@ class Statement {
   bool Step() {
     int const code = sqlite3_step(statement_);
     if (code == SQLITE_ROW) return true;
-    Check(code, SQLITE_DONE);
-    return false;
+    if (code == SQLITE_DONE) return false;
+    throw std::runtime_error(sqlite3_errmsg(sqlite3_db_handle(statement_)));
   }
   void Reset() { Check(sqlite3_reset(statement_)); }
   void Run() {
