@@ -12,7 +12,7 @@ from typing import Any, NamedTuple, TypeVar
 
 from . import _core, models
 from . import schema as schemas
-from .errors import ClosedError, Conflict, OpenError, SchemaError, WrongType
+from .errors import ClosedError, Conflict, SchemaError, WrongType
 from .queries import Query
 
 T = TypeVar("T")
@@ -380,18 +380,3 @@ def open(path: str | os.PathLike[str] | None, models: Iterable[Any] | None = Non
     handle = _core.Database(name, create=create, no_sync=not sync, max_file_size=max_file_size,
                             row_memory=row_memory)
     return Database(handle, classes, name)
-
-
-_NOT_A_DATABASE = 9031
-
-
-def _holds_database(path: str) -> bool:
-    if not path.startswith(("postgresql://", "postgres://")):
-        return os.path.exists(os.path.join(path, "data.mdb"))
-    try:
-        _core.Database(path).close()
-    except OpenError as error:
-        if error.status == _NOT_A_DATABASE:
-            return False
-        raise
-    return True

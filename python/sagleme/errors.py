@@ -3,12 +3,15 @@
 Each has a status (0 where the package itself found the fault), a text that says what was wrong, and
 a hint that says what to do about it.
 
->>> error = from_status(9020, "another transaction changed the object")
->>> type(error).__name__, error.status
-('Conflict', 9020)
+>>> from sagleme import statuses
+>>> error = from_status(statuses.LSCOREDB_CONFLICT, "another transaction changed the object")
+>>> type(error).__name__, error.status == statuses.LSCOREDB_CONFLICT
+('Conflict', True)
 """
 
 from __future__ import annotations
+
+from . import statuses
 
 
 class Error(Exception):
@@ -124,29 +127,29 @@ class SeveralFound(Error, LookupError):
 
 
 _FAMILIES: dict[int, type[Error]] = {
-    1001: SchemaError,
-    4174: DeletedError,
-    4273: DeletedError,
-    9001: EndedError,
-    9002: NestedTransaction,
-    9003: ReadOnly,
-    9008: WrongType,
-    9010: BadValue,
-    9012: EndedError,
-    9013: EndedError,
-    9020: Conflict,
-    9021: DuplicateKey,
-    9023: BadValue,
-    9030: InUse,
-    9031: OpenError,
-    9032: OpenError,
-    9033: Damaged,
-    9034: OpenError,
-    9035: Full,
-    9036: Full,
-    9037: OpenError,
-    7043: OpenError,
-    15010: OpenError,
+    statuses.SAGLEME_BAD_ARGUMENT: SchemaError,
+    statuses.LORV_STATUS_UNREACHABLE: DeletedError,
+    statuses.LORV_STATUS_NO_OBJECT: DeletedError,
+    statuses.LSCOREDB_NO_TRANSACTION: EndedError,
+    statuses.LSCOREDB_TRANSACTION_OPEN: NestedTransaction,
+    statuses.LSCOREDB_WRITE_REFUSED: ReadOnly,
+    statuses.LSCOREDB_WRONG_TYPE: WrongType,
+    statuses.LSCOREDB_INVALID_ARGUMENT: BadValue,
+    statuses.LSCOREDB_UNKNOWN_SAVEPOINT: EndedError,
+    statuses.LSCOREDB_ROLLED_BACK: EndedError,
+    statuses.LSCOREDB_CONFLICT: Conflict,
+    statuses.LSCOREDB_DUPLICATE_KEY: DuplicateKey,
+    statuses.LSCOREDB_TOO_LARGE: BadValue,
+    statuses.LSCOREDB_IN_USE: InUse,
+    statuses.LSCOREDB_NOT_A_DATABASE: OpenError,
+    statuses.LSCOREDB_NEWER_FORMAT: OpenError,
+    statuses.LSCOREDB_DAMAGED: Damaged,
+    statuses.LSCOREDB_CANNOT_OPEN: OpenError,
+    statuses.LSCOREDB_MAP_FULL: Full,
+    statuses.LSCOREDB_DISK_FULL: Full,
+    statuses.LSCOREDB_IO_ERROR: OpenError,
+    statuses.SAGLEME_NOT_PREPARED: OpenError,
+    statuses.SAGLEME_VERSION_MISMATCH: OpenError,
 }
 
 

@@ -10,7 +10,7 @@ import pytest
 from library import MODELS, Book, Film, Item, Person, fill
 
 import sagleme as sg
-from sagleme import _core
+from sagleme import _core, statuses
 
 
 class Everything(sg.Table, name="Types.Everything"):
@@ -239,7 +239,7 @@ def test_a_read_transaction_refuses_writes(make):
         with pytest.raises(sg.ReadOnly) as caught:
             book.title = "x"
         assert "Item.title = 'x'" in str(caught.value)
-        assert caught.value.status == 9003 and "db.write()" in caught.value.hint
+        assert caught.value.status == statuses.LSCOREDB_WRITE_REFUSED and "db.write()" in caught.value.hint
         with pytest.raises(sg.ReadOnly):
             tx.new(Book)
 
@@ -249,7 +249,7 @@ def test_a_second_value_of_a_unique_column(make):
     fill(db)
     with pytest.raises(sg.DuplicateKey, match="^Book: ") as caught, db.write() as tx:
         tx.new(Book, isbn="isbn 3")
-    assert caught.value.status == 9021 and caught.value.hint
+    assert caught.value.status == statuses.LSCOREDB_DUPLICATE_KEY and caught.value.hint
     with db.read() as tx:
         assert tx.all(Book).count() == 20
 
