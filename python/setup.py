@@ -44,8 +44,8 @@ def carry_libraries(built, target):
 
 
 def libraries_of(module):
-    told = subprocess.run(["ldd", module], check=True, capture_output=True, text=True).stdout
-    for name, path in re.findall(r"^\s*(\S+) => (/\S+)", told, re.M):
+    listing = subprocess.run(["ldd", module], check=True, capture_output=True, text=True).stdout
+    for name, path in re.findall(r"^\s*(\S+) => (/\S+)", listing, re.M):
         if not EVERYWHERE.match(name):
             yield name, path
 

@@ -92,9 +92,9 @@ class Applier {
                   it.index.unique ? Uniqueness::kUnique : Uniqueness::kAny);
     } catch (Error const& error) {
       if (error.status() != LSCOREDB_DUPLICATE_KEY) throw;
-      std::string const told = DescribeRefused(it);
-      if (told.empty()) throw;
-      throw Error(error.status(), told);
+      std::string const description = DescribeRefused(it);
+      if (description.empty()) throw;
+      throw Error(error.status(), description);
     }
   }
 

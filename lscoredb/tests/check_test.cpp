@@ -123,12 +123,12 @@ TEST_F(CheckTest, Host_CanEndTheCheck) {
   for (Oid const row : rows_) ChangeRow(row, 8, Little(1000000, 8));
   Database database(directory_.path());
   database.ExpectDamage();
-  int told = 0;
+  int reported = 0;
   auto const count_two = [](void* user, lscoredb_finding const*) -> std::uint32_t {
     return ++*static_cast<int*>(user) == 2;
   };
-  EXPECT_STATUS(LSCOREDB_DAMAGED, lscoredb_check(database.get(), 0, count_two, &told));
-  EXPECT_EQ(told, 2);
+  EXPECT_STATUS(LSCOREDB_DAMAGED, lscoredb_check(database.get(), 0, count_two, &reported));
+  EXPECT_EQ(reported, 2);
 }
 
 TEST_F(CheckTest, ExceptionOfTheHost_EndsTheCheckAndIsRethrown) {
@@ -194,12 +194,12 @@ TEST_F(CheckTest, PageOfAnotherKind_IsReportedByItsObjects) {
     content[at / 4096 * 4096 + 10] = 0x55;
   }
   WriteFile(directory_ / "data.mdb", content);
-  bool told = false;
+  bool reported = false;
   for (Finding const& finding : Check()) {
     EXPECT_EQ(finding.kind, LSCOREDB_FINDING_PAGES);
-    told = told || (finding.object != 0 && finding.object <= rows_.back());
+    reported = reported || (finding.object != 0 && finding.object <= rows_.back());
   }
-  EXPECT_TRUE(told);
+  EXPECT_TRUE(reported);
 }
 
 // ---- definitions -------------------------------------------------------------------------------

@@ -258,9 +258,9 @@ class Victim {
   void Pass(Moment moment) {
     if (moment != moment_ || done_) return;
     done_ = true;
-    std::string const told = Damager(directory_ + "/data.mdb", number_).Do();
+    std::string const damage = Damager(directory_ + "/data.mdb", number_).Do();
     std::fprintf(stderr, "case %llu, moment %d, %s\n", static_cast<unsigned long long>(number_),
-                 static_cast<int>(moment), told.c_str());
+                 static_cast<int>(moment), damage.c_str());
   }
 
   void Use() {

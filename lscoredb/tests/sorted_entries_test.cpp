@@ -112,11 +112,11 @@ TEST_P(SortedEntriesTest, Entries_LeaveNoFileWithAName) {
 TEST_P(SortedEntriesTest, Entries_AreNotMergedWhenTheWatchStops) {
   EntrySorter sorter(Where(), 3, kLittle);
   Fill(sorter, 1000);
-  int told = 0;
+  int reported = 0;
   ThreadWatch() = {[](void* user, std::uint64_t, std::uint64_t) {
                      return ++*static_cast<int*>(user) == 2 ? std::uint32_t{1} : 0;
                    },
-                   &told};
+                   &reported};
   Status const status = Guarded([&] {
     static_cast<void>(sorter.Finish(work_));
     return LORV_STATUS_OK;

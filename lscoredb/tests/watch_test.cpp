@@ -23,7 +23,7 @@ class Observer {
   }
   ~Observer() { lscoredb_watch(nullptr, nullptr); }
 
-  int told() const { return told_; }
+  int reported() const { return reported_; }
   bool rose() const { return rose_; }
   std::uint64_t last() const { return last_; }
   std::uint64_t total() const { return total_; }
@@ -34,12 +34,12 @@ class Observer {
     observer.rose_ = observer.rose_ && done >= observer.last_ && (total == 0 || done <= total);
     observer.last_ = done;
     observer.total_ = total;
-    return ++observer.told_ == observer.stop_at_ || done >= observer.stop_when_ ? 1 : 0;
+    return ++observer.reported_ == observer.stop_at_ || done >= observer.stop_when_ ? 1 : 0;
   }
 
   int stop_at_;
   std::uint64_t stop_when_;
-  int told_ = 0;
+  int reported_ = 0;
   bool rose_ = true;
   std::uint64_t last_ = 0;
   std::uint64_t total_ = 0;
@@ -79,7 +79,7 @@ TEST_F(WatchTest, Check_ReportsItsParts) {
 TEST_F(WatchTest, Check_IsStoppedInEachOfItsParts) {
   Observer counting;
   EXPECT_STATUS(0, Check());
-  for (int stop = 1; stop <= counting.told(); stop += 3) {
+  for (int stop = 1; stop <= counting.reported(); stop += 3) {
     Observer const observer(stop);
     EXPECT_STATUS(LSCOREDB_STOPPED, Check()) << stop;
   }
@@ -108,7 +108,7 @@ TEST_F(WatchTest, Copy_IsReportedAndStopped) {
     EXPECT_STATUS(0, Copy("whole"));
     EXPECT_TRUE(observer.rose());
     EXPECT_EQ(1000u, observer.total());
-    EXPECT_GT(observer.told(), 10);
+    EXPECT_GT(observer.reported(), 10);
   }
   Observer const observer(5);
   EXPECT_STATUS(LSCOREDB_STOPPED, Copy("part"));
@@ -139,18 +139,18 @@ TEST_F(WatchTest, IndexBuild_IsStoppedAnywhere) {
     IndexId index = 0;
     return session_.TryCreateIndex(61, kSet, {{LORV_TYPE_LONG, kNumberToken}}, kUnique, &index);
   };
-  int told = 0;
+  int reported = 0;
   int told_of_all = 0;
   {
     Observer const observer;
     EXPECT_STATUS(0, build());
-    told = observer.told();
+    reported = observer.reported();
     EXPECT_TRUE(observer.rose());
     EXPECT_EQ(static_cast<std::uint64_t>(kRows), observer.last());
   }
-  EXPECT_GE(told, 3 * kRows / 256 - 3);
+  EXPECT_GE(reported, 3 * kRows / 256 - 3);
   session_.DropIndex(session_.IndexesByToken(61).at(0));
-  for (int stop = 1; stop <= told; ++stop) {
+  for (int stop = 1; stop <= reported; ++stop) {
     Observer const observer(stop);
     EXPECT_STATUS(LSCOREDB_STOPPED, build());
     if (observer.last() == kRows) ++told_of_all;
@@ -163,7 +163,7 @@ TEST_F(WatchTest, IndexBuild_IsStoppedAnywhere) {
 TEST_F(WatchTest, Watch_BelongsToItsThread) {
   Observer const observer(1);
   InParallel(1, [this](int) { EXPECT_STATUS(0, Check()); });
-  EXPECT_EQ(0, observer.told());
+  EXPECT_EQ(0, observer.reported());
 }
 
 }  // namespace

@@ -22,10 +22,10 @@ def test_vacuum_moves_objects(make):
     def new():
         with sg.open("things", models=[After]) as db:
             db.apply()
-            told = []
-            done = db.vacuum(batch=100, report=told.append)
+            reports = []
+            done = db.vacuum(batch=100, report=reports.append)
             assert done["moved"] == 250 and done["requests_done"] == done["requests"] == 1
-            assert [each["moved"] for each in told][:3] == [100, 200, 250]
+            assert [each["moved"] for each in reports][:3] == [100, 200, 250]
             assert db.vacuum()["moved"] == 0
             with db.read() as tx:
                 assert tx.all(After).where(After.size < 250).count() == 250

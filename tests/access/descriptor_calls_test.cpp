@@ -43,12 +43,12 @@ class DescriptorCallsTest : public sagleme_test::DatabaseTest {
     metaschema_.emplace();
   }
   static TABLE_INFO& Views() { return *MetaschemaInit::find_table(u"RawView"); }
-  // From now on the kernel knows that many layouts of any token, each with the token `told`.
-  static void AnswerLayouts(uint32_t known, unsigned long told) {
+  // From now on the kernel knows that many layouts of any token, each with the token `reported`.
+  static void AnswerLayouts(uint32_t known, unsigned long reported) {
     recording_kernel::Answer<&lorvi_context_get_layout_infos_by_token>(
-        [known, told](uint64_t, uint64_t, uint32_t* count, LORVI_LAYOUT_INFO* out) {
+        [known, reported](uint64_t, uint64_t, uint32_t* count, LORVI_LAYOUT_INFO* out) {
           *count = known;
-          out->token = told;
+          out->token = reported;
           out->layout_handle = 77;
           return 0u;
         });

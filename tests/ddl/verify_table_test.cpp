@@ -55,10 +55,10 @@ TEST_F(VerifyTableTest, SystemTable_CanBeVerified) {
 
 TEST_F(VerifyTableTest, Mismatch_StillGivesTheLayout) {
   uint16_t const layout = Create(u"T", Columns().Long(u"a"));
-  uint16_t told = 0;
-  EXPECT_EQ(SAGLEME_SCHEMA_MISMATCH,
-            lorv_create_table_by_names(context(), u"T", nullptr, Columns().Double(u"a"), &told));
-  EXPECT_EQ(layout, told);
+  uint16_t returned = 0;
+  EXPECT_EQ(SAGLEME_SCHEMA_MISMATCH, lorv_create_table_by_names(context(), u"T", nullptr,
+                                                                Columns().Double(u"a"), &returned));
+  EXPECT_EQ(layout, returned);
 }
 
 TEST_F(VerifyTableTest, Nullability_Differs) {

@@ -131,12 +131,12 @@ TEST_F(DistinctTest, InJoinsAndSubqueries_GivesWhatAScanGives) {
 }
 
 TEST_F(DistinctTest, RowsChangedMeanwhile_AreReadCorrectly) {
-  Statement walk(sql_, "SELECT DISTINCT Year FROM Sample");
-  EXPECT_EQ(walk.Next(), "0");
+  Statement scan(sql_, "SELECT DISTINCT Year FROM Sample");
+  EXPECT_EQ(scan.Next(), "0");
   sql_("DELETE FROM Sample WHERE Year = 1");
-  EXPECT_EQ(walk.Next(), "2");
-  EXPECT_EQ(walk.Next(), "3");
-  EXPECT_EQ(walk.Next(), "");
+  EXPECT_EQ(scan.Next(), "2");
+  EXPECT_EQ(scan.Next(), "3");
+  EXPECT_EQ(scan.Next(), "");
 }
 
 }  // namespace

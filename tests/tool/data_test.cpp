@@ -117,8 +117,8 @@ TEST_F(DataTest, Import_BadFiles_AreReportedWithTheirLocation) {
 TEST_F(DataTest, Import_UnknownHeading_IsReportedOnceWithItsLocation) {
   std::string const file = Write("heading.csv", "Title,Isbm\nOne,1\nTwo,2\nThree,3\n");
   Result const result = On("import", {"Book", file, "--reject", Path("rejected.csv")}, 1);
-  std::string const told = "heading.csv:1:7: table App.Book has no column Isbm\n";
-  EXPECT_NE(std::string::npos, result.err.find(told)) << result.err;
+  std::string const message = "heading.csv:1:7: table App.Book has no column Isbm\n";
+  EXPECT_NE(std::string::npos, result.err.find(message)) << result.err;
   EXPECT_EQ(result.err.find("Isbm"), result.err.rfind("Isbm")) << result.err;
   EXPECT_EQ("", ReadText(Path("rejected.csv")));
 }

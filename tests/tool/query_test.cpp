@@ -165,11 +165,12 @@ TEST_F(QueryTest, Edits_Impossible_AreRefusedAndChangeNothing) {
 
 TEST_F(QueryTest, DuplicateKey_IsReportedWithKeyIndexAndHolder) {
   std::string const id = Insert({"Person", "Name=Eve"});
-  std::string const told = "duplicate key \"Eve\" in unique index PersonByName (object " + id + ")";
-  EXPECT_TRUE(Contains(On("insert", {"Person", "Name=Eve"}, 4).err, told));
+  std::string const message =
+      "duplicate key \"Eve\" in unique index PersonByName (object " + id + ")";
+  EXPECT_TRUE(Contains(On("insert", {"Person", "Name=Eve"}, 4).err, message));
   std::string const other = Insert({"Person", "Name=Zoe"});
-  EXPECT_TRUE(Contains(On("set", {other, "Name=Eve"}, 4).err, told));
-  EXPECT_TRUE(Contains(On("import", {"Person", "-"}, 1, "Name\nEve\n").err, "-:2:1: " + told));
+  EXPECT_TRUE(Contains(On("set", {other, "Name=Eve"}, 4).err, message));
+  EXPECT_TRUE(Contains(On("import", {"Person", "-"}, 1, "Name\nEve\n").err, "-:2:1: " + message));
 }
 
 TEST_F(QueryTest, MalformedId_IsReportedInWords) {
