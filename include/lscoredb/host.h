@@ -283,6 +283,7 @@ typedef struct lscoredb_statistics {
   uint64_t log_memory;    /* bytes of this process that hold what is in the log, and what was when
                              transactions began that are still open */
   uint64_t read_only;     /* 1: it was opened only to be read */
+  uint64_t round_trips;   /* this process has waited for a server; 0: not on a server */
 } lscoredb_statistics;
 
 /* Statistics of the whole database. Fields beyond `out->size` are not written.

@@ -226,7 +226,8 @@ TEST(PostgresOpenTest, Errors_ContainNoPasswords) {
   std::string const server = "@/postgres?host=" + ServerDirectory();
   std::string const wrong =
       OpenError("postgresql://guarded:hidden1" + server, LSCOREDB_CANNOT_OPEN);
-  EXPECT_TRUE(wrong.starts_with("the database: ")) << wrong;
+  EXPECT_TRUE(wrong.starts_with("the database at postgresql://guarded:***" + server + ": "))
+      << wrong;
   EXPECT_NE(wrong.find("password authentication failed"), wrong.npos) << wrong;
   std::vector<std::string> const urls = {
       "postgresql://guarded" + server + "&password=hidden1", "postgresql://a:hid/den1" + server,
@@ -464,6 +465,18 @@ TEST_F(PostgresProxyTest, CommitOutcome_CanBeAskedLater) {
   }
   session_->Begin();
   EXPECT_STATUS(LSCOREDB_NO_TRANSACTION, lscoredb_commit_outcome(session_->context(), &committed));
+}
+
+TEST_F(PostgresProxyTest, Statistics_CountRoundTrips) {
+  lscoredb_statistics before{};
+  before.size = sizeof before;
+  ASSERT_EQ(0U, lscoredb_stats(database_.get(), &before));
+  std::uint64_t const seen = proxy_.round_trips();
+  for (int i = 0; i < 3; ++i) CommitPair(*session_, i);
+  std::uint64_t const made = proxy_.round_trips() - seen;
+  lscoredb_statistics after = before;
+  ASSERT_EQ(0U, lscoredb_stats(database_.get(), &after));
+  EXPECT_EQ(after.round_trips - before.round_trips, made + 1) << "they ask for themselves too";
 }
 
 TEST_F(PostgresProxyTest, CommitThatDidNotArrive_IsRefused) {

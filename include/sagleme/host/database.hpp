@@ -5,6 +5,9 @@
 //
 // A process may use any number of databases, one after another or at the same time. A Context must
 // be destroyed before its Database. Any thread may use a Context, one at a time.
+//
+// A directory may be given as the URL of a schema on a PostgreSQL server (place.hpp). Errors show
+// it without its passwords.
 
 #include <filesystem>
 #include <functional>
@@ -91,6 +94,15 @@ class Context {
   Context& operator=(Context const&) = delete;
 
   std::uint64_t id() const { return id_; }
+
+  // Returns whether the last commit took place, after it threw LSCOREDB_COMMIT_UNKNOWN and before
+  // the next transaction of the context begins. The answer is final. Throws when the server still
+  // cannot tell.
+  bool WasCommitted() const {
+    std::uint32_t committed = 0;
+    detail::CheckKernel(lscoredb_commit_outcome(id_, &committed));
+    return committed != 0;
+  }
 
  private:
   std::uint64_t id_ = 0;
@@ -248,7 +260,7 @@ inline bool Database::IsWhole() {
 inline Database Database::Create(std::string const& directory, Progress const& progress,
                                  Options const& options) {
   Database database = OpenKernel(directory.c_str(), options);
-  detail::CreationLock const alone(directory);
+  detail::CreationLock const alone(database.handle(), directory);
   if (database.IsWhole()) {
     throw Error(LSCOREDB_CANNOT_OPEN, ShownPlace(directory) + " already holds a database.");
   }
@@ -270,7 +282,8 @@ inline Database Database::Open(std::string const& directory, Options const& opti
 inline Database Database::OpenOrCreate(std::string const& directory, Progress const& progress,
                                        Options const& options) {
   Database database = OpenKernel(directory.c_str(), options);
-  detail::CreationLock const alone(directory);
+  if (database.IsWhole()) return database;
+  detail::CreationLock const alone(database.handle(), directory);
   if (!database.IsWhole()) database.Bootstrap(progress);
   return database;
 }

@@ -124,12 +124,9 @@ inline void CheckKernel(std::uint32_t status) {
 inline void CheckOpened(std::uint32_t status, std::string const& place) {
   if (status == 0) return;
   std::string const refused = lscoredb_open_error();
-  if (!refused.empty() && !IsServerUrl(place)) throw Error(status, "Cannot open " + refused);
-  std::string text = "Cannot open the database " + WithPreposition(place) + ": ";
-  constexpr std::string_view kSubject = "the database: ";  // which the text has named
-  text.append(refused, refused.starts_with(kSubject) ? kSubject.size() : 0);
-  if (refused.empty()) text.append(StatusText(status));
-  throw Error(status, text);
+  if (!refused.empty()) throw Error(status, "Cannot open " + refused);
+  throw Error(status,
+              "Cannot open the database " + WithPreposition(place) + ": " + StatusText(status));
 }
 
 // Throws for a non-zero status of the metadata layer. Moves the layer's text, if any, out of the

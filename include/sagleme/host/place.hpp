@@ -19,6 +19,25 @@ inline std::string ShownPlace(std::string const& place) {
   return shown;
 }
 
+// A short name of the place, for prompts and names of schemas: the last part of a directory, the
+// schema that a URL names, or else its database, or else "sagleme".
+inline std::string NameOfPlace(std::string const& place) {
+  auto const last_part = [](std::string path) {
+    while (path.size() > 1 && path.ends_with('/')) path.pop_back();
+    return path.substr(path.rfind('/') + 1);
+  };
+  if (!IsServerUrl(place)) return last_part(place);
+  for (char const* const option : {"?schema=", "&schema="}) {
+    std::size_t const at = place.find(option);
+    if (at != place.npos) return place.substr(at + 8, place.find('&', at + 1) - at - 8);
+  }
+  // The whole of a URL without a path is its host, which may be preceded by a password.
+  std::string const path =
+      place.substr(place.find("://") + 3, place.find('?') - place.find("://") - 3);
+  std::string const name = path.find('/') == path.npos ? "" : last_part(path);
+  return name.empty() || name.find('@') != name.npos ? "sagleme" : name;
+}
+
 namespace detail {
 
 // "in DIRECTORY" or "at URL", for messages.

@@ -310,7 +310,8 @@ uint32_t lscoredb_stats(lscoredb* database, lscoredb_statistics* out) {
                                   found.max_readers,
                                   found.log_size,
                                   found.log_memory,
-                                  database->database->store().read_only() ? 1u : 0u};
+                                  database->database->store().read_only() ? 1u : 0u,
+                                  found.round_trips};
     std::memcpy(out, &all, std::min(out->size, sizeof all));
     return LORV_STATUS_OK;
   });

@@ -84,8 +84,8 @@ class Copier {
 
 constexpr std::uint64_t kFirstState = 1;  // of a new store on a server
 
-[[noreturn]] void RefuseTarget() {
-  NoteOpenError("the database", "it exists already");
+[[noreturn]] void RefuseTarget(char const* url) {
+  NoteOpenError("the database at " + ShownPlace(url), "it exists already");
   Throw(LSCOREDB_CANNOT_OPEN);
 }
 
@@ -98,10 +98,10 @@ void CopyStore(Store& store, char const* directory) {
   if (max_file_size != 0) options.max_file_size = max_file_size;  // a server has none
   // The caller has checked that a directory is empty.
   bool const on_server = IsServerUrl(directory);
-  if (on_server && StoreExists(directory)) RefuseTarget();
+  if (on_server && StoreExists(directory)) RefuseTarget(directory);
   std::unique_ptr<Store> const target = OpenStore(directory, options);
   std::shared_ptr<void> alone = target->LockCreation();
-  if (on_server && Raw(target->Statistics().last_commit) != kFirstState) RefuseTarget();
+  if (on_server && Raw(target->Statistics().last_commit) != kFirstState) RefuseTarget(directory);
   std::unique_ptr<Snapshot> snapshot = store.Begin();
   try {
     Copier(*snapshot, *target, store.Statistics().file_size).Run();

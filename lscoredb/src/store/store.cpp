@@ -33,7 +33,7 @@ std::shared_ptr<void> Store::LockCreation() {
     return WaitForCreationLock();
   } catch (Failure const& failure) {
     if (failure.status() != LSCOREDB_CONFLICT) throw;
-    NoteOpenError("the database", "another process has not finished creating it");
+    NoteOpenError(ShownName(), "another process has not finished creating it");
     Throw(LSCOREDB_CANNOT_OPEN);
   }
 }

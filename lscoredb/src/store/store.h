@@ -315,6 +315,9 @@ class Store {
   void EndOwnCommit(Batch const& batch, bool succeeded);
 
  protected:
+  // For messages.
+  virtual std::string ShownName() const { return "the database"; }
+
   // Throws LSCOREDB_CONFLICT if another process does not release the lock.
   virtual std::shared_ptr<void> WaitForCreationLock() { return nullptr; }
 

@@ -41,6 +41,9 @@ std::uint32_t CopyWatched(sagleme::Database const& database, std::string const& 
 
 [[noreturn]] void Refuse(std::string const& target, std::uint32_t status) {
   std::string const refused = lscoredb_open_error();
+  if (!refused.empty() && sagleme::IsServerUrl(target)) {
+    throw Failure(Exit::kRefused, "cannot copy to " + refused);
+  }
   throw Failure(Exit::kRefused,
                 fmt::format("cannot copy to {}: {}", sagleme::ShownPlace(target),
                             refused.empty() ? lscoredb_status_text(status) : refused));

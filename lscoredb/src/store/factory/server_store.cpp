@@ -40,7 +40,7 @@ void CallServer(char const* url, Work const& work) {
   std::string reason;
   Status const status = Guarded([&]() -> Status { return work(&reason); });
   if (status != LORV_STATUS_OK && !reason.empty()) {
-    NoteOpenError("the database", WithoutPasswords(reason, url));
+    NoteOpenError("the database at " + ShownPlace(url), WithoutPasswords(reason, url));
   }
   Check(status);
 }

@@ -21,7 +21,7 @@ bool HasServerStore(char const* url);
 // What such a library exports, as "lscoredb_open_server_store". Both sides have to be of one build
 // of the seam. Null: they are not. Throws as the store does; `*reason` says why then, as far as the
 // server has said it.
-inline constexpr std::uint32_t kSeamVersion = 4;
+inline constexpr std::uint32_t kSeamVersion = 5;
 using OpenServerStoreFunction = Store*(char const* url, StoreOptions const* options,
                                        std::uint32_t seam_version, std::string* reason);
 // "lscoredb_find_server_store": 1: there is a database, 0: there is none, -1: not of one build.

@@ -80,6 +80,7 @@ class PostgresStore final : public Store {
   friend struct LetGo;
   void GiveBack(std::unique_ptr<Connection> connection) const noexcept;
   bool ListChanges(View const& view, CommitId after, std::vector<ObjectId>* changed) const override;
+  std::string ShownName() const override { return "the database at " + url_.shown; }
   std::shared_ptr<void> WaitForCreationLock() override;
   void CheckFormat(Connection& connection) const;
   void RequireNoForeignTables(Connection& connection) const;

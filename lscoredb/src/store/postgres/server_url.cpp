@@ -69,6 +69,7 @@ ServerUrl ParseServerUrl(std::string_view url) {
   std::size_t const query = url.find('?');
   ServerUrl parsed;
   parsed.connection = url.substr(0, query);
+  parsed.shown = ShownPlace(url);
   parsed.schema_name = kDefaultSchema;
   parsed.timeout = kDefaultTimeout;
   char separator = '?';

@@ -20,6 +20,7 @@ struct ServerUrl {
   std::string connection;   // for libpq
   std::string schema_name;  // unquoted
   std::string schema;       // as an SQL identifier, quoted
+  std::string shown;        // all of it as anybody may see it
   std::chrono::milliseconds timeout{0};
 };
 
