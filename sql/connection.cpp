@@ -1,7 +1,6 @@
 #include "connection.h"
 
 #include <algorithm>
-#include <filesystem>
 #include <memory>
 
 #include "attachment.h"
@@ -9,17 +8,6 @@
 #include "vfs.h"
 
 namespace sagleme::sql {
-namespace {
-
-std::string NameAfter(std::string const& directory) {
-  auto const path = std::filesystem::path(directory);
-  std::string const name =
-      path.has_filename() ? path.filename().string() : path.parent_path().filename().string();
-  return name;
-}
-
-}  // namespace
-
 Connection::~Connection() {
   for (Attachment* const each : attachments_) {
     if (each != nullptr) each->Join(nullptr, "");
@@ -28,7 +16,7 @@ Connection::~Connection() {
 
 std::string Connection::Attach(std::string const& directory, std::string schema) {
   std::shared_ptr<Store> const store = Store::Open(directory);  // tells more than SQLite would
-  if (schema.empty()) schema = NameAfter(store->directory());
+  if (schema.empty()) schema = NameOfPlace(store->directory());
   AttachFile(handle_, store->directory(), schema);
   Known(schema.c_str());
   return schema;

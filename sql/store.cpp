@@ -11,6 +11,7 @@ namespace sagleme::sql {
 namespace {
 
 std::string Canonical(std::string const& directory) {
+  if (IsServerUrl(directory)) return directory;
   std::error_code error;
   auto const path = std::filesystem::canonical(directory, error);
   if (error) {
@@ -38,7 +39,7 @@ Store::Store(std::string directory)
 
 void Store::RequireOwnProcess() const {
   if (process_ == getpid()) return;
-  throw Failure(SQLITE_MISUSE, directory_ +
+  throw Failure(SQLITE_MISUSE, ShownPlace(directory_) +
                                    " was attached before this process was forked; open the "
                                    "connection and attach the database anew.");
 }

@@ -33,7 +33,12 @@ struct FileSystem {
   bool all;  // every name is ours, not only those that begin with the mark
 };
 
-thread_local std::string const* wanted_encoding = nullptr;
+// What is being attached, as its name in SQLite does not tell it: names are shown to users.
+struct Wanted {
+  std::string directory;
+  std::string encoding;
+};
+thread_local Wanted const* wanted = nullptr;
 
 Attachment& Of(sqlite3_file* file) { return *reinterpret_cast<File*>(file)->attachment; }
 
@@ -193,8 +198,9 @@ int OpenAttachment(char const* name, sqlite3_file* file, int flags, int* out_fla
   if ((flags & SQLITE_OPEN_MAIN_JOURNAL) != 0) return OpenJournal(name, file);
   if ((flags & SQLITE_OPEN_MAIN_DB) == 0) return SQLITE_CANTOPEN;
   auto const open = [&] {
-    std::string const encoding = wanted_encoding == nullptr ? "UTF-8" : *wanted_encoding;
-    auto* const made = new Attachment(Store::Open(DirectoryIn(name)), encoding);
+    Wanted const plain = {DirectoryIn(name), "UTF-8"};
+    Wanted const& asked = wanted == nullptr ? plain : *wanted;
+    auto* const made = new Attachment(Store::Open(asked.directory), asked.encoding);
     reinterpret_cast<File*>(file)->attachment = made;
     file->pMethods = &kMethods;
   };
@@ -319,19 +325,20 @@ void RegisterFileSystem() {
 void AttachFile(sqlite3* database, std::string const& directory, std::string const& schema) {
   static std::mutex mutex;
   static std::uint64_t number = 0;
-  std::string const encoding = EncodingOf(database);
+  Wanted const asked = {directory, EncodingOf(database)};
   std::lock_guard const lock(mutex);
   Front const front(database);
   // With a name of its own an attachment is never shared between connections.
-  std::string const file = std::string(kMark) + directory + "#" + std::to_string(++number);
-  wanted_encoding = &encoding;
+  std::string const file =
+      std::string(kMark) + ShownPlace(directory) + "#" + std::to_string(++number);
+  wanted = &asked;
   try {
     Attach(database, file, schema);
   } catch (...) {
-    wanted_encoding = nullptr;
+    wanted = nullptr;
     throw;
   }
-  wanted_encoding = nullptr;
+  wanted = nullptr;
 }
 
 Attachment* FindAttachment(sqlite3* database, char const* schema) {

@@ -12,6 +12,7 @@
 #include "data/new_ids.h"
 #include "data/row_writer.h"
 #include "data/scaffold.h"
+#include "data/server_load.h"
 #include "schema/refused_build.h"
 
 namespace sagleme {
@@ -178,6 +179,11 @@ class Loader {
 
 LoadResult Load(std::string const& directory, std::istream& input, std::string const& source,
                 LoadOptions const& options) {
+  if (IsServerUrl(directory)) {
+    return LoadOntoServer(directory, options.report, [&](std::string const& here) {
+      return Load(here, input, source, options);
+    });
+  }
   Scaffold scaffold(directory);
   DumpReader dump(input, source, scaffold.scratch());
   LoadResult const result = Loader(dump, options).Run(scaffold.database());

@@ -33,12 +33,21 @@ int Status(int wait_status) {
   return WIFEXITED(wait_status) ? WEXITSTATUS(wait_status) : 128 + WTERMSIG(wait_status);
 }
 
+// What the tool does not read, because it has ended, is no reason for the test to end by SIGPIPE.
 void WriteAll(int file, std::string const& text) {
+  sigset_t pipe;
+  sigset_t before;
+  sigemptyset(&pipe);
+  sigaddset(&pipe, SIGPIPE);
+  pthread_sigmask(SIG_BLOCK, &pipe, &before);
   for (std::size_t at = 0; at < text.size();) {
     ssize_t const written = write(file, text.data() + at, text.size() - at);
-    if (written <= 0) return;
+    if (written <= 0) break;
     at += static_cast<std::size_t>(written);
   }
+  timespec const now{};
+  sigtimedwait(&pipe, nullptr, &now);
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
 // False at the end.

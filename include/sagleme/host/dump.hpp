@@ -37,8 +37,9 @@ struct LoadResult {
 };
 
 // Creates a new database from a dump in `directory`, which must not exist or be empty. It appears
-// complete or not at all: it is built in the directory `directory`.loading, beside it. A stream
-// that cannot be read twice, such as a pipe, is copied to a file there. `source` names the dump in
+// complete or not at all: it is built in the directory `directory`.loading, beside it. For the URL
+// of a server it is built in the system's directory for temporary files and copied there. A stream
+// that cannot be read twice, such as a pipe, is copied to a file first. `source` names the dump in
 // messages.
 //
 // Memory is bounded whatever the dump holds; with new identities it grows with the gaps between the

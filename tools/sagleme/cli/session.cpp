@@ -21,7 +21,7 @@ sagleme::Database& Session::database() {
     bool const missing =
         error.status() == LSCOREDB_NOT_A_DATABASE && !sagleme::Database::ExistsIn(directory_);
     throw Failure(Exit::kCannotOpen, error.what(),
-                  missing ? "Create one with: sagleme create " + directory_ : "");
+                  missing ? "Create one with: sagleme create " + shown() : "");
   }
   return *database_;
 }

@@ -17,7 +17,9 @@ class Session {
   // Opens nothing yet.
   explicit Session(std::string directory) : directory_(std::move(directory)) {}
 
+  // Where the database lies, a directory or a URL; and as it may be shown.
   std::string const& directory() const { return directory_; }
+  std::string shown() const { return sagleme::ShownPlace(directory_); }
   // Opened at the first call. Failure with kCannotOpen.
   sagleme::Database& database();
   sagleme::Context& context();

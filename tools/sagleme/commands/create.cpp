@@ -14,7 +14,8 @@ class Create : public Command {
   std::string name() const override { return "create"; }
   std::string summary() const override { return "Create a new database"; }
   std::vector<Example> examples() const override {
-    return {{"create shop", "creates the directory shop with an empty database in it"}};
+    return {{"create shop", "creates the directory shop with an empty database in it"},
+            {"create postgresql://app@db1/shop", "creates a database on a PostgreSQL server"}};
   }
   void Declare(CLI::App& app) override {
     app.add_flag("--log", log_, "Write commits to a log first, which makes them faster");
@@ -49,7 +50,12 @@ void RefuseForeignFiles(std::string const& directory) {
 
 Exit Create::Run(Session& session, Output& output) {
   std::string const& directory = session.directory();
-  RefuseForeignFiles(directory);
+  bool const on_server = sagleme::IsServerUrl(directory);
+  if (!on_server) RefuseForeignFiles(directory);
+  if (on_server && log_) {
+    throw Failure(Exit::kUsage, "--log: a database on a server has no log of ours",
+                  "Leave --log out.");
+  }
   int steps = 0;
   try {
     sagleme::Options options;
@@ -59,10 +65,13 @@ Exit Create::Run(Session& session, Output& output) {
   } catch (sagleme::Error const& error) {
     bool const exists = sagleme::Database::ExistsIn(directory) && steps == 0;
     throw Failure(exists ? Exit::kRefused : Exit::kCannotOpen,
-                  fmt::format("cannot create {}: {}", directory, error.what()),
-                  exists ? "Name a directory that does not exist." : "");
+                  fmt::format("cannot create {}: {}", session.shown(), error.what()),
+                  !exists     ? ""
+                  : on_server ? "Name a schema that does not exist."
+                              : "Name a directory that does not exist.");
   }
-  output.Note(fmt::format("{}created {}\n", output.err_is_terminal ? "\r\x1b[K" : "", directory));
+  output.Note(
+      fmt::format("{}created {}\n", output.err_is_terminal ? "\r\x1b[K" : "", session.shown()));
   return Exit::kDone;
 }
 

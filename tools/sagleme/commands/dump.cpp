@@ -40,7 +40,8 @@ class LoadCommand : public Command {
   }
   std::string details() const override {
     return "The database is built in the directory DB.loading and renamed when it is complete: an "
-           "interrupted load leaves no database. Dumps compressed by gzip are unpacked.";
+           "interrupted load leaves no database. One for a server is built under TMPDIR and then "
+           "copied to its URL. Dumps compressed by gzip are unpacked.";
   }
   void Declare(CLI::App& app) override {
     app.add_option("FILE", file_, "A dump; - is standard input")->required()->type_name("");

@@ -42,7 +42,9 @@ std::string Example::For(std::string const& program) const {
 CLI::App* Attach(CLI::App& parser, Command& command, Output& output, std::string* directory) {
   CLI::App* const app = parser.add_subcommand(command.name(), command.summary());
   if (directory != nullptr) {
-    app->add_option("DB", *directory, "The database's directory")->required()->type_name("");
+    app->add_option("DB", *directory, "The database's directory, or its URL on a server")
+        ->required()
+        ->type_name("");
   }
   command.Declare(*app);
   if (command.lists()) DeclareFormat(*app, output);

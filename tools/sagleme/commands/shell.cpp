@@ -1,8 +1,6 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
-#include <filesystem>
-
 #include "base/interrupt.h"
 #include "cli/help.h"
 #include "cli/parser.h"
@@ -99,8 +97,7 @@ Exit Shell::RunLine(std::string const& line, LineReader& reader) {
 }
 
 std::string Shell::Prompt() const {
-  std::filesystem::path const directory = std::filesystem::path(session_->directory()) / "";
-  return fmt::format("{}{}> ", directory.parent_path().filename().string(),
+  return fmt::format("{}{}> ", sagleme::NameOfPlace(session_->directory()),
                      session_->in_transaction() ? "*" : "");
 }
 

@@ -1,8 +1,6 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
-#include <filesystem>
-
 #include "base/interrupt.h"
 #include "commands/commands.h"
 #include "commands/files.h"
@@ -62,8 +60,7 @@ class Sql : public Command {
 };
 
 std::string Sql::PromptText(bool more) const {
-  std::filesystem::path const directory = std::filesystem::path(session_->directory()) / "";
-  std::string const name = directory.parent_path().filename().string();
+  std::string const name = sagleme::NameOfPlace(session_->directory());
   if (more) return std::string(name.size() + (connection_->in_transaction() ? 1 : 0), ' ') + "> ";
   return fmt::format("{}{}> ", name, connection_->in_transaction() ? "*" : "");
 }

@@ -153,8 +153,9 @@ SqlConnection::SqlConnection(std::string const& directory)
                         SQLITE_UTF8);
     if (sqlite3_step(statement.get()) != SQLITE_ROW) Fail(handle_.get(), "");
   } catch (Failure const& failure) {
-    throw Failure(Exit::kCannotOpen, fmt::format("cannot open {}: {}", directory, failure.what()),
-                  "Create one with: sagleme create " + directory);
+    std::string const shown = sagleme::ShownPlace(directory);
+    throw Failure(Exit::kCannotOpen, fmt::format("cannot open {}: {}", shown, failure.what()),
+                  "Create one with: sagleme create " + shown);
   }
   sqlite3_progress_handler(handle_.get(), kStepsBetweenLooks, LookForInterrupt, nullptr);
 }
@@ -237,7 +238,8 @@ void WriteWrapper(std::string const& directory, std::string const& file) {
     throw Failure(Exit::kUsage, fmt::format("{} is there already", file),
                   "Choose another name, or remove it first.");
   }
-  std::string const path = std::filesystem::canonical(directory).string();
+  bool const on_server = sagleme::IsServerUrl(directory);
+  std::string const path = on_server ? directory : std::filesystem::canonical(directory).string();
   auto const handle = Open(file.c_str());
   Execute(handle.get(), "CREATE TABLE sagleme_attach(directory TEXT NOT NULL, schema TEXT)");
   std::string_view rest;
