@@ -5,6 +5,7 @@ PREFIX  := build/install
 EXAMPLE := build/example
 DATA    := build/data
 STATUS  ?= /var/lib/dpkg/status
+STORE   ?=
 ARGS    ?=
 
 PYTHON_PACKAGES := patchelf python3-dev python3-pandas python3-pip python3-setuptools python3-wheel
@@ -14,7 +15,8 @@ PYTHON_PACKAGES := patchelf python3-dev python3-pandas python3-pip python3-setup
 help:
 	@echo "make run    build everything, then load this machine's package database, ask it questions"
 	@echo "            and change its schema"
-	@echo "            (STATUS=file loads another one, ARGS='--show gcc' passes options on)"
+	@echo "            (STATUS=file loads another one, ARGS='--show gcc' passes options on,"
+	@echo "            STORE=postgres keeps it on a PostgreSQL server that is started and stopped)"
 	@echo "make test   build everything and run the tests"
 	@echo "make bench  measure sagleme beside LMDB, SQLite and, where it is installed, PostgreSQL;"
 	@echo "            four minutes, and docs/performance.md is written anew"
@@ -42,9 +44,17 @@ run: setup $(BUILD)/build.ninja
 	cmake --install $(BUILD) --prefix $(CURDIR)/$(PREFIX) > $(BUILD)/install.log
 	cmake -S examples/packages -B $(EXAMPLE) -G Ninja -DCMAKE_PREFIX_PATH=$(CURDIR)/$(PREFIX)
 	cmake --build $(EXAMPLE)
+ifneq ($(filter-out postgres,$(STORE)),)
+	@echo "STORE=$(STORE): the stores are postgres and, without STORE, a directory"; exit 1
+else ifeq ($(STORE),postgres)
+	@tools/setup postgresql
+	tools/with-postgres sh -c '"$$@" --database "$$SAGLEME_TEST_POSTGRES" && \
+	  "$$1" --evolve --database "$$SAGLEME_TEST_POSTGRES"' sh $(EXAMPLE)/packages $(STATUS) $(ARGS)
+else
 	@mkdir -p $(DATA)
 	$(EXAMPLE)/packages $(STATUS) --database $(DATA)/packages $(ARGS)
 	$(EXAMPLE)/packages --evolve --database $(DATA)/packages
+endif
 
 # The wheel carries the libraries; it is built without a network.
 python: | setup

@@ -9,11 +9,12 @@
 namespace packages {
 
 // A copy beside `directory`, under its name with ".evolved" behind it, in the place of an earlier
-// one. Throws when there is no database in `directory`, or when what stands in the place of the
-// copy is none.
+// one; of a server's URL beside its schema, with "_evolved". Throws when there is no database, and
+// when what stands in the place of the copy is none or lies on a server.
 std::string CopyForEvolution(std::string const& directory);
 
-// Removes a database. Throws, with nothing removed, when the directory holds anything else.
+// Removes a database. Throws, with nothing removed, when the directory holds anything else. On a
+// server it stays until somebody drops its schema.
 void RemoveDatabase(std::string const& directory);
 
 }  // namespace packages

@@ -266,7 +266,8 @@ std::string CopyOfLoaded(std::string const& directory) {
 void Evolve(std::string const& directory, std::string const& shown) {
   std::string const copy = CopyOfLoaded(directory);
   Session session(sagleme::Database::Open(copy));
-  fmt::print("{} -> {}, a copy whose schema changes\n", directory, copy);
+  fmt::print("{} -> {}, a copy whose schema changes\n", sagleme::ShownPlace(directory),
+             sagleme::ShownPlace(copy));
   Act act(session);
   act.Begin();
   act.Rehearse();

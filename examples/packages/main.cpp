@@ -122,7 +122,7 @@ int Run(char const* program, Arguments const& arguments) {
     Evolve(arguments.database, arguments.questions.shown);
     return kDone;
   }
-  fmt::print("{} -> {}\n", arguments.file, arguments.database);
+  fmt::print("{} -> {}\n", arguments.file, sagleme::ShownPlace(arguments.database));
   int const loaded = RunLoad(arguments);
   if (arguments.load_only) return loaded;
   int const asked = QueryInNewProcess(program, arguments);
@@ -157,7 +157,7 @@ void Declare(CLI::App& app, Arguments& arguments) {
   app.add_option("FILE", arguments.file, "A package database or an archive's package index")
       ->capture_default_str();
   app.add_option("-d,--database", arguments.database,
-                 "Directory of the database, made when missing")
+                 "Directory of the database, made when missing, or its URL on a server")
       ->capture_default_str();
   app.add_option("--batch", arguments.batch, "Packages in a transaction")
       ->check(CLI::Range(int64_t{1}, int64_t{1000000}))
