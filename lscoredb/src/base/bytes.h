@@ -1,8 +1,8 @@
 #ifndef LSCOREDB_SRC_BYTES_H
 #define LSCOREDB_SRC_BYTES_H
 
-// Numbers in stored bytes. Values are kept little endian and may stand at any address; numbers
-// inside keys are kept big endian, so that byte order is numeric order.
+// Numbers in stored bytes. Values are little endian and may be at any address; numbers inside keys
+// are big endian, so that byte order is numeric order.
 
 #include <bit>
 #include <cstdint>

@@ -55,7 +55,7 @@ void NoteOpenError(std::string_view path, int error) noexcept {
     NoteOpenError(path, std::generic_category().message(error));
     number = error;
   } catch (std::exception const&) {
-    ForgetOpenError();  // the status still tells what kind of failure it was
+    ForgetOpenError();  // the status alone must do
   }
 }
 

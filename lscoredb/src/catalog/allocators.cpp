@@ -70,8 +70,8 @@ std::uint64_t IdAllocator::NextObstacle(Batch const& batch, std::uint64_t from) 
   return std::min({own, NextChosen(batch, from), kEnd});
 }
 
-// Callers may have chosen identities right behind the mark, few or many: the steps over them grow,
-// and what is stepped over stays free.
+// Callers may have chosen ids right after the mark. The search for a free block skips over them in
+// growing steps; the unused ids that it skips become free ranges for callers.
 IdRange IdAllocator::Reserve(Batch& batch) {
   std::uint64_t const mark = ReadIdMark(batch);
   std::uint64_t start = mark;
@@ -88,8 +88,8 @@ IdRange IdAllocator::Reserve(Batch& batch) {
   return {start, end};
 }
 
-// A process that only chooses identities gets no block: one behind those of a commit would hold the
-// ones that it chooses next.
+// A process that only inserts with chosen ids gets no block: the block would follow its ids, and
+// take the ones that it chooses next.
 IdRange IdAllocator::TopUp(Batch& batch) {
   std::lock_guard const lock(mutex_);
   if (!taken_) return {};

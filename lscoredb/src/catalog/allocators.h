@@ -34,8 +34,8 @@ class IdAllocator {
   IdRange TopUp(Batch& batch);
   void Install(IdRange block);
 
-  // Counts the states between the two that differ from the state before them only in a block that
-  // this process reserved. May count too few.
+  // The number of commits between the two states that only reserved a block for this process. May
+  // count too few.
   std::uint64_t ReservationsBetween(CommitId first, CommitId last);
 
   // Allocates none below `first` from now on, except those that contexts hold. Unreserved ones
@@ -56,9 +56,9 @@ class IdAllocator {
   IdRange present_;
   IdRange spare_;
   bool taken_ = false;                    // any, by this process
-  std::uint64_t reserved_below_ = 1;      // as far as this process knows
+  std::uint64_t reserved_below_ = 1;      // the mark, as last seen by this process
   std::multiset<std::uint64_t> pending_;  // chosen and not committed
-  std::deque<CommitId> reservations_;     // the newest commits that were nothing else
+  std::deque<CommitId> reservations_;     // the newest commits that only reserved a block
 };
 
 }  // namespace lscore

@@ -3,9 +3,9 @@
 
 // Sets that take no more objects. A set is closed for good: hosts do not use a set specifier again.
 //
-// Objects that are in a closed set stay, and may be changed, moved and deleted. Which sets are
-// closed is one record each; another record says when the last one was closed, so that a database
-// without any, and a commit that none was closed before, look no further.
+// Objects in a closed set stay, and may be changed, moved and deleted. Each closed set has a
+// record. One more record says when the last set was closed, so that databases without closed sets,
+// and commits since whose snapshot none was closed, read only that.
 
 #include <optional>
 #include <string>
@@ -21,12 +21,13 @@ bool IsClosedSet(View const& view, std::u16string_view setspec);
 // The commit that last closed a set; 0: none is closed.
 CommitId LastClosing(View const& view);
 
-// The key of a closed set's record, and the set that a record names, which throws when the bytes
-// are no such record.
+// The key of a closed set's record, and the set that a record names. ParseClosedSet throws when the
+// bytes are not such a record.
 std::string ClosedSetKey(std::u16string_view setspec);
 std::u16string ParseClosedSet(std::string_view record);
 
-// What a transaction found out about the sets of its snapshot. One thread at a time.
+// Remembers the last open set of a snapshot, so that most checks read nothing. One thread at a
+// time.
 class KnownOpenSet {
  public:
   // Whether the set is closed in the snapshot. REQUIRES: the same one as before, or Forget.
@@ -35,7 +36,7 @@ class KnownOpenSet {
 
  private:
   std::optional<bool> any_;  // closed sets in the snapshot
-  std::u16string open_;      // the set that was asked for last and is open
+  std::u16string open_;      // the last set that was found open
 };
 
 }  // namespace lscore

@@ -51,7 +51,7 @@ std::uint64_t HashOf(std::u16string_view text) {
   return hash.value();
 }
 
-// The units in the order of their numbers, cut to what fits into a key.
+// The text's units, big endian, cut to what fits into a key.
 std::string SetPrefix(char letter, std::u16string_view setspec) {
   std::string key(1, letter);
   for (char16_t const unit : setspec.substr(0, format::kSetPrefix / 2)) {
@@ -140,7 +140,7 @@ std::vector<std::pair<LayoutOrder, LayoutNumber>> LayoutsOfToken(View const& vie
 
 namespace {
 
-// The numbers in the keys of a letter and what stands there, rising.
+// The layout numbers in the keys that begin with a letter, with their records, in ascending order.
 template <typename Visit>
 void ForEachNumber(View const& view, char letter, Visit&& visit) {
   ForEachWithPrefix(view, Tree::kDefinitions, std::string(1, letter),

@@ -1,10 +1,10 @@
 #ifndef LSCOREDB_SRC_DEFINITIONS_H
 #define LSCOREDB_SRC_DEFINITIONS_H
 
-// Layouts and indexes as the store keeps them, and the database's memory of those it has met.
+// The records of layouts and indexes in the store, and the database's caches of them.
 //
-// Nothing is read before it is asked for, so that opening and using a database with very many
-// tables costs what is used. Caches may be asked from any thread.
+// Definitions are read on first use, so that a database with very many tables costs only what is
+// used. Caches may be used from any thread.
 
 #include <atomic>
 #include <deque>
@@ -25,7 +25,7 @@
 
 namespace lscore {
 
-// A record as it stands in the tree of definitions, without its checksum.
+// A record of the tree of definitions, without its checksum.
 struct DefinitionRecord {
   std::string key;
   std::string value;
@@ -33,12 +33,12 @@ struct DefinitionRecord {
 
 // ---- the format and its parts -------------------------------------------------------------------
 
-// Moves the file to that version of the format, unless it has it or a later one.
+// Raises the file's format to that version, unless it has it or a later one.
 void RequireFormat(Batch& batch, std::uint32_t version);
 
-// Texts in records: a byte that says whether it is wide, then its packed bytes to the end.
+// A text in a record: a byte for whether it is wide, then its packed bytes to the end.
 void AppendDefinitionText(std::string& record, std::u16string_view text);
-// Throws when the bytes are no text.
+// Throws when the bytes are not a text.
 std::u16string ReadDefinitionText(std::string_view record);
 // The key of a set's record: the letter, the set specifier as far as a key takes it, its hash.
 std::string SetKey(char letter, std::u16string_view setspec);
@@ -51,25 +51,25 @@ void WriteLayout(Batch& batch, Layout const& layout, LayoutOrder order);
 std::vector<std::pair<LayoutOrder, LayoutNumber>> LayoutsOfToken(View const& view, Token token);
 // kNoLayout: there is none.
 LayoutNumber HighestLayout(View const& view);
-// All layout numbers, rising.
+// All layout numbers, in ascending order.
 std::vector<LayoutNumber> AllLayouts(View const& view);
 // All layouts with the layouts they were made on.
 std::map<LayoutNumber, LayoutNumber> LayoutBases(View const& view);
 // REQUIRES: the layout is not in use by objects or as a base.
 void DeleteLayout(Batch& batch, LayoutNumber number);
 
-// That a host has no more use for a layout. It stays what it is until it is taken away.
+// Marks a layout as released by its host. It stays usable until it is removed (layout_release.h).
 void WriteRelease(Batch& batch, LayoutNumber number);
 bool IsReleased(View const& view, LayoutNumber number);
 std::vector<LayoutNumber> ReleasedLayouts(View const& view);
 
-// Throws when the bytes are no layout.
+// Throws when the bytes are not a layout.
 std::unique_ptr<Layout const> ParseLayout(LayoutNumber number, std::string_view record);
-// What names a layout by its token.
+// The record that finds a layout by its token.
 DefinitionRecord LayoutTokenRecord(Layout const& layout, LayoutOrder order);
 
-// The committed layouts by number. What it hands out lives as long as it does. Memory for numbers
-// that are not asked for is never touched.
+// A cache of the committed layouts by number. Layouts live as long as the cache. Memory for numbers
+// that are not used is never touched.
 class LayoutCache {
  public:
   // Null when the view holds no such layout.
@@ -117,10 +117,10 @@ struct IndexDefinition {
 
 using IndexList = std::vector<IndexDefinition const*>;
 
-// Throws when the bytes are no index.
+// Throws when the bytes are not an index.
 std::unique_ptr<IndexDefinition const> ParseIndex(IndexId id, std::string_view record);
 std::string IndexKey(IndexId id);
-// What names an index by its token and by its set specifier.
+// The records that find an index by its token and by its set specifier.
 DefinitionRecord IndexTokenRecord(IndexDefinition const& index);
 DefinitionRecord IndexSetRecord(IndexDefinition const& index);
 
@@ -130,11 +130,11 @@ bool DeleteIndex(Batch& batch, IndexDefinition const& index);
 bool HasIndex(View const& view, IndexId id);
 std::vector<IndexId> IndexesOfToken(View const& view, Token token);
 
-// The commit that last created or dropped an index; 0: none ever did.
+// The commit that last created or dropped an index; 0: there was none.
 CommitId IndexVersion(View const& view);
 void WriteIndexVersion(Batch& batch);
 
-// The indexes of one index version. What it hands out lives as long as it does.
+// A cache of the indexes of one index version. Its definitions live as long as it does.
 class IndexCatalogue {
  public:
   explicit IndexCatalogue(CommitId version) : version_(version) {}

@@ -12,16 +12,16 @@
 
 namespace lscore {
 
-// Of the state; 0: it has none. Throws LSCOREDB_DAMAGED.
+// The identity in the view's state; 0: it has none. Throws LSCOREDB_DAMAGED.
 std::uint64_t ReadIdentity(View const& view);
 
 class DatabaseIdentity {
  public:
   explicit DatabaseIdentity(Store& store) : store_(store) {}
 
-  // As last committed; 0 before the first commit. Throws LSCOREDB_DAMAGED.
+  // The committed identity; 0 before the first commit. Throws LSCOREDB_DAMAGED.
   std::uint64_t Get();
-  // Ensures that the state the batch makes has one.
+  // Writes one into the batch if the database has none.
   void Assure(Batch& batch);
 
  private:

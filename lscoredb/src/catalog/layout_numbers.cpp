@@ -7,11 +7,11 @@
 namespace lscore {
 namespace {
 
-// Fewer are looked through for numbers between them, which takes less than creating one.
+// With fewer layouts, all are read to find free numbers between them, which is cheap.
 constexpr std::uint64_t kManyLayouts = 256;
 
-// The catalogue's word on the board of reservations: stored layouts below this number may be
-// missing on the board. 0: nobody has looked yet.
+// The catalogue's word on the board of reservations says below which number stored layouts may be
+// missing on the board; 0: no process has looked yet. kAllReserved: none is missing.
 constexpr std::uint64_t kAllReserved = 1;
 
 }  // namespace
@@ -27,7 +27,9 @@ void LayoutNumbers::CollectReleased(Store& store) {
   reservations_->Share();
 }
 
-// What was committed later than the snapshot, or is going to be, has a number that was reserved.
+// Where the search for free numbers begins. The first process to ask reserves the numbers of all
+// stored layouts if they are few; otherwise the search begins above the highest. The snapshot is
+// enough for that: layouts that are committed later have reserved their numbers on the board.
 std::size_t LayoutNumbers::FindFirst(View const& view) {
   std::uint64_t const below = reservations_->word();
   if (below != 0) return below;
@@ -55,6 +57,8 @@ LayoutNumber LayoutNumbers::TakeCollected() {
   return kNoLayout;
 }
 
+// Collected numbers first, then those from FindFirst on. When these run out, the numbers of all
+// stored layouts are reserved, so that the gaps between them can be used.
 LayoutNumber LayoutNumbers::Take(View const& view) {
   LayoutNumber number = TakeCollected();
   if (number == kNoLayout) number = reservations_->ReserveFrom(FindFirst(view));

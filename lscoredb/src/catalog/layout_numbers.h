@@ -20,8 +20,8 @@ class LayoutNumbers {
   explicit LayoutNumbers(std::shared_ptr<LayoutReservations> reservations)
       : reservations_(std::move(reservations)) {}
 
-  // Removes released layouts if this process is alone with the database, and lets others in. If
-  // that fails, on a full disk for example, they stay for another time.
+  // Removes released layouts if this process is alone with the database, and then lets others open
+  // it. After a failure, of a full disk for example, the next opening tries again.
   void CollectReleased(Store& store);
 
   // Reserves a free number. Among few layouts it is the lowest. Among many, which would take long
@@ -40,7 +40,7 @@ class LayoutNumbers {
 
   std::shared_ptr<LayoutReservations> const reservations_;
   std::mutex mutex_;
-  std::vector<LayoutNumber> collected_;  // falling
+  std::vector<LayoutNumber> collected_;  // in descending order
 };
 
 }  // namespace lscore

@@ -16,7 +16,7 @@ std::set<LayoutNumber> ReleasedAndEmpty(View const& view) {
   return unused;
 }
 
-// A remaining layout keeps its base, the base of that, and so on.
+// Removes from `unused` all layouts that a remaining one is based on, directly or through others.
 void KeepBases(View const& view, std::set<LayoutNumber>& unused) {
   std::map<LayoutNumber, LayoutNumber> const bases = LayoutBases(view);
   auto const base_of = [&](LayoutNumber number) {

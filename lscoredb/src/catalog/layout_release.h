@@ -11,7 +11,7 @@
 namespace lscore {
 
 // Removes, in one batch, all released layouts that no object uses and no remaining layout is based
-// on. Returns their numbers, now free, in ascending order. The others wait for the next time.
+// on. Returns their numbers, now free, in ascending order. The others stay released.
 // REQUIRES: no process knows the meaning of a number.
 std::vector<LayoutNumber> CollectLayouts(Store& store);
 

@@ -18,25 +18,25 @@
 //                 each in column order
 //                 8 bytes for each present fixed column
 //                 4 bytes (8 with flag 2) for the set specifier, when there is one, and for each
-//                 present variable column: where its bytes end, from the last of these numbers on;
-//                 the highest bit says that a text is wide
+//                 present variable column: the end of its bytes, counted from the end of these
+//                 numbers; the highest bit says that a text is wide
 //                 the bytes of the set specifier and of the variable columns
 //
-//   A text is kept as one byte a unit when all units are below 256, else wide, two bytes a unit. An
-//   image with flag 4 ends behind offset 16 with 8 bytes more, the size of the whole image, which
-//   then lies in "parts"; its checksum is only of what is behind it.
+//   A text has one byte for each unit if all units are below 256, otherwise it is wide, with two.
+//   An image with flag 4 has only 8 bytes from offset 16 on, the size of the whole image, which is
+//   in "parts"; its checksum covers only what follows it here.
 //
 // "parts": object id (8, big endian), number of the chunk (4, big endian) -> the next kChunkSize
 //   bytes.
 //
-// The values of the three trees that follow end with 4 bytes that are not told below: the CRC-32C
+// The values of the following three trees end with 4 bytes that are not listed below: the CRC-32C
 // of key and value.
 //
 // "index": ordered index id, encoded columns, ordered object id -> layout number (2), size of the
 //   ordered object id (1). Encoded columns of more than kKeyPrefix bytes are cut there in the key,
-//   and their rest stands at the end of the value.
+//   and the rest is at the end of the value.
 //
-// "definitions": a letter and
+// "definitions": a letter, then
 //   'L' layout number (2)                 -> a layout, see definitions.cpp
 //   'T' token (8), layout number (2)      -> commit and position in it, 8 + 4: their order
 //   'I' index id (8)                      -> an index

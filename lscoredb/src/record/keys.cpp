@@ -12,7 +12,7 @@ namespace {
 constexpr char kNull = 0x00;
 constexpr char kValue = 0x01;
 
-// Ends a text or a binary in the kernel's form. It is below every byte that may stand in its place,
+// Ends a text or a binary in the kernel's form. It is below every byte that can follow otherwise,
 // so that a prefix sorts first. Texts have no such byte; binaries escape it, and the escape itself.
 constexpr char kEnd = 0x00;
 constexpr char kEscape = 0x01;
@@ -50,8 +50,8 @@ void AppendEscaped(KeyBytes& out, std::uint8_t byte) {
 bool IsText(std::uint8_t type) { return type == LORV_TYPE_STRING; }
 bool IsChunked(std::uint8_t type) { return IsText(type) || type == LORV_TYPE_BINARY; }
 
-// Reads one key field by field. Each step looks at a byte only after all bytes before it were found
-// good, since nothing but the bytes themselves tells where they end.
+// Reads one key field by field. A byte is read only after all bytes before it were found valid,
+// since the key's length is known only from its bytes.
 class KeyReader {
  public:
   KeyReader(void const* key, KeyBytes& out)

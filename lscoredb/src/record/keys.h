@@ -63,18 +63,18 @@ void AppendText(KeyBytes& out, std::u16string_view text, bool descending);
 void AppendBinary(KeyBytes& out, std::span<std::uint8_t const> bytes, bool descending);
 
 // Appends a whole key of the contract's byte format, read with the types of the index's columns.
-// `key` points to bytes ended by the mark 0xC0; the reader stops at the mark, and it never reads
-// behind a byte that is no part of a well-formed key. Returns false, with `out` unchanged, when the
+// `key` points to bytes ended by the mark 0xC0; the reader stops at the mark and never reads past a
+// byte that cannot be part of a well-formed key. Returns false, with `out` unchanged, when the
 // bytes are not a key for these columns. Integers of the contract are already in order; float and
-// double columns are keyed by the 8-byte form that OrderedBits gives.
+// double columns are keyed by the 8-byte form of OrderedBits.
 bool AppendContractKey(KeyBytes& out, void const* key, std::span<KeyColumn const> columns);
 
-// The same key in the contract's byte format, from the kernel's form. Values that sort alike come
-// as one of them: -0 as 0, each NaN as the usual one. REQUIRES: `encoded` is a whole key of these
-// columns.
+// Converts a key from the kernel's form to the contract's byte format. Values that sort alike
+// become one of them: -0 becomes 0, every NaN the usual one. REQUIRES: `encoded` is a whole key of
+// these columns.
 KeyBytes ContractKey(std::string_view encoded, std::span<KeyColumn const> columns);
 
-// The order-preserving 64 bits of a floating-point value, as it stands in a contract key.
+// The order-preserving 64 bits of a floating-point value, as contract keys have them.
 std::uint64_t OrderedBits(double value);
 
 // Object ids and index ids as order-preserving bytes of variable length, self-delimiting from the

@@ -1,9 +1,9 @@
 #ifndef LSCOREDB_SRC_ROW_H
 #define LSCOREDB_SRC_ROW_H
 
-// Rows: the stored image, the editable cells that a transaction writes into, and one way to read
-// both. An image is read where it lies; cells point into the image or into the memory of their
-// transaction. None of it owns memory.
+// Rows: the stored image, and the editable cells that a transaction writes. An image is read in
+// place; cells point into the image or into the memory of their transaction. Nothing here owns
+// memory.
 
 #include <cstdint>
 #include <span>
@@ -30,11 +30,11 @@ struct Cell {
   PackedText text() const { return {bytes(), wide}; }
 };
 
-// An image in place that was valid once, in a file that may be damaged meanwhile. So each offset is
-// compared with the size; LSCOREDB_DAMAGED is thrown when it leads outside.
+// An image in place. It was valid once, but the file may have been damaged since, so each offset is
+// compared with the size; LSCOREDB_DAMAGED is thrown when one leads outside.
 class RowImage {
  public:
-  // REQUIRES: all of its head is there; for what follows behind `commit`, Validate held.
+  // REQUIRES: the bytes have a whole head; for all members below commit(), Validate returned true.
   explicit RowImage(std::string_view bytes) : bytes_(bytes.data()), size_(bytes.size()) {}
 
   LayoutNumber layout() const {
@@ -106,19 +106,19 @@ class RowImage {
   std::size_t size_;
 };
 
-// Of stored bytes, whether they are only the head of an image whose rest is in overflow chunks.
+// Whether stored bytes are a stub: the head of an image that is in overflow chunks.
 bool IsStub(std::string_view bytes);
 std::uint64_t WholeSize(std::string_view stub);
-// Whether a stub is sound, and so what it says of the image's size.
+// Whether the checksum of a stub is right, so that WholeSize can be trusted.
 bool StubHolds(std::string_view stub);
 
-// Builds images one after another in memory that it keeps.
+// Builds images one after another, reusing its memory.
 class ImageBuilder {
  public:
   // `cells` are those of the columns from kFirstStoredColumn on.
   std::string_view Build(ObjectId id, Layout const& layout, CommitId commit, Cell const& setspec,
                          std::span<Cell const> cells);
-  // The head that stands for an image in "rows" when the image itself goes to "parts".
+  // The stub for the tree "rows" of an image that goes to "parts".
   static std::string Stub(std::string_view image);
 
  private:

@@ -2,7 +2,7 @@
 #define LSCOREDB_SRC_CHECKSUMMED_RECORD_H
 
 // Records of the trees "index", "definitions" and "meta" end with a checksum of their key and their
-// bytes: a record that changed, or that stands under another key, is not taken for a sound one.
+// bytes, so that a record that was changed, or stored under another key, is detected.
 // Rows have their own, see row.h.
 
 #include <string>

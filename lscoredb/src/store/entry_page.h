@@ -3,11 +3,11 @@
 
 // Steps from entry to entry inside one page of a snapshot, without a call into the store.
 //
-// A store hands out entries in slotted pages, little endian:
+// A store returns entries in slotted pages, little endian:
 //
 //   slots   offset of each entry from the beginning of the page (2 bytes each), in key order
 //   entry   0  size of the value (4)
-//           4  form (2): 0 is plain, of any other the store knows where the value lies
+//           4  form (2): 0 is plain; for any other the store finds the value
 //           6  size of the key (2)
 //           8  the key, then the value when the form is plain
 //
@@ -39,7 +39,7 @@ class EntryPage {
   bool inside() const { return page_ != nullptr; }
   void Leave() { page_ = nullptr; }
 
-  // To the entry at `offset`. Returns whether the page has it.
+  // Enters the page at the entry at `offset`. Returns whether the page has it.
   // REQUIRES: `count` slots from `slots` on lie in the page.
   bool Enter(char const* page, std::size_t page_size, std::size_t slots, std::size_t count,
              std::size_t offset) {
@@ -60,7 +60,7 @@ class EntryPage {
   bool Next(KeyValue* entry) { return at_ + 1 < count_ && Take(at_ + 1, entry); }
   bool Previous(KeyValue* entry) { return at_ > 0 && Take(at_ - 1, entry); }
 
-  // The entry that many further on, without going there.
+  // The entry `ahead` steps further, without moving.
   bool Peek(std::size_t ahead, bool forward, KeyValue* entry) const {
     if (forward ? ahead >= count_ - at_ : ahead > at_) return false;
     return Read(forward ? at_ + ahead : at_ - ahead, entry);
@@ -84,7 +84,7 @@ class EntryPage {
     return true;
   }
 
-  // Of a page that was entered, what the first steps need in either direction.
+  // Prefetches what the first steps in either direction need.
   void FetchAround() const {
     for (std::size_t i = 1; i < kAhead; ++i) {
       FetchAhead(at_ + i);

@@ -23,8 +23,8 @@ bool ForeignCommits::NoticeNew(CommitId state, Changes const& changes) {
   return true;
 }
 
-// Whoever is at an older state may still have an old version of a listed object in hand. The
-// listener gets the state so that such a version does not come in any more.
+// A reader of an older state may be about to cache an old version of a listed object. The listener
+// gets the state, so that the cache refuses such a version.
 void ForeignCommits::NoteForeign(CommitId state, Changes const& changes) {
   if (state <= accounted_) return;
   std::vector<ObjectId> changed;

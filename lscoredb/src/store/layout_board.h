@@ -39,8 +39,8 @@ class BoardReservations : public LayoutReservations {
   LayoutBoard* board_ = nullptr;
 };
 
-// Of a database in memory, which no other process can know. Objects over one board are like
-// processes that share it.
+// The reservations of a database in memory, which no other process can open. Several objects over
+// one board behave like processes that share it.
 class MemoryReservations final : public BoardReservations {
  public:
   explicit MemoryReservations(std::shared_ptr<LayoutBoard> shared = std::make_shared<LayoutBoard>())

@@ -3,13 +3,13 @@
 
 // The layout numbers that are reserved, as far as the store must know.
 //
-// Processes cache layouts by number until they close the database. So a number that was handed out
-// stays reserved, whatever became of its transaction, until no process is left that has had the
-// database open meanwhile. The processes that have it open share one board of reservations; whoever
-// finds itself alone with the database starts with an empty one. Any thread.
+// Processes cache layouts by number until they close the database. So an allocated number stays
+// reserved, even if its transaction is rolled back, until every process that had the database open
+// meanwhile has closed it. The processes that have it open share one board of reservations; a
+// process that is alone with the database starts with an empty one. Any thread.
 //
-// A board knows only what was reserved on it. That the numbers of stored layouts are not free is
-// the catalogue's business (layout_numbers.h); it keeps one word on the board for that.
+// A board knows only what was reserved on it. The catalogue adds the numbers of stored layouts
+// (layout_numbers.h) and keeps one word on the board for that.
 
 #include <cstdint>
 
@@ -28,7 +28,7 @@ class LayoutReservations {
   // Share.
   virtual bool alone() const = 0;
   virtual void Share() = 0;
-  // Whether the board was removed, and the database with it.
+  // Whether the board was deleted, and the database with it.
   virtual bool orphaned() const = 0;
 
   // Returns whether the number was free; either way it is reserved now.

@@ -10,8 +10,8 @@ constexpr std::string_view kHidden = "***";
 
 std::string_view AfterScheme(std::string_view url) { return url.substr(url.find("://") + 3); }
 
-// What stands between the user and the last '@' that may end it. Whoever forgets to encode a
-// character of a password is not to see it in a log for that.
+// The text between the user's colon and the last '@' that may end the password: a password with a
+// character that should have been encoded must not appear in a log either.
 std::string_view Password(std::string_view url) {
   std::string_view const rest = AfterScheme(url);
   std::string_view const head = rest.substr(0, rest.find('?'));
@@ -22,7 +22,7 @@ std::string_view Password(std::string_view url) {
   return rest.substr(colon + 1, at - colon - 1);
 }
 
-// A name with encoded characters may be any.
+// The name of an option may be encoded, so every one with encoded characters counts as secret.
 bool IsSecret(std::string_view option) {
   return option.find("password") != option.npos || option.find('%') != option.npos;
 }

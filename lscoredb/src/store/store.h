@@ -5,8 +5,8 @@
 // tests/store_conformance holds every store to it.
 //
 // A store keeps five ordered trees of keys and values. It gives snapshots of committed states to
-// any number of readers and one batch of writes at a time. The table shows why the seam is cut as
-// it is; an LMDB file is what we have, the other two must fit.
+// any number of readers and one batch of writes at a time. The seam is designed from what three
+// kinds of stores need:
 //
 //                     LMDB file                 log over a file           SQL server
 //   snapshot          read transaction          image + overlay version   REPEATABLE READ
@@ -20,8 +20,8 @@
 //   others' commits   unknown: all may differ   the log lists objects     a table lists objects
 //
 // Hence: bytes are valid as long as their snapshot, entries come in pages (entry_page.h) so that a
-// step is no virtual call, gets can be asked for together, ids are reserved in batches like all
-// else, and ListChanges names the objects that others changed where the store knows them.
+// step is no virtual call, many gets can be one call, ids are reserved by ordinary batches, and
+// ListChanges names the objects that others changed if the store knows them.
 //
 // A Store is opened once per process and directory and outlives every view and cursor of it. Any
 // thread may call it. Views and cursors belong to one thread at a time. All failures are thrown as
@@ -56,7 +56,7 @@ struct TreeKey {
   std::string key;
 };
 
-// How a store may be opened: to write if that is possible, only to read, or to write or not at all.
+// kAutomatic: to write if that is possible, otherwise to read.
 enum class Access : std::uint8_t { kAutomatic, kRead, kWrite };
 
 struct StoreOptions {
@@ -64,10 +64,10 @@ struct StoreOptions {
   bool sync = true;
   std::uint32_t max_readers = 1024;
   std::uint64_t max_file_size = std::uint64_t{64} << 30;
-  bool verify = false;  // all of it, before any is trusted
+  bool verify = false;  // check everything before it is used
   std::uint64_t row_memory = std::uint64_t{256} << 20;
   bool log = false;  // the store gets one if it has none, and nobody else knows the directory
-  std::uint64_t log_limit = std::uint64_t{16} << 20;  // bytes of it that bring a checkpoint about
+  std::uint64_t log_limit = std::uint64_t{16} << 20;  // bytes of it that cause a checkpoint
 
   // Opens the reservations of layout numbers too, before anything else of the store.
   bool reserve_layouts = false;
@@ -77,12 +77,12 @@ struct StoreStatistics {
   std::uint64_t file_size = 0;
   std::uint64_t max_file_size = 0;
   CommitId last_commit{0};
-  CommitId oldest_commit{0};  // that anybody reads
+  CommitId oldest_commit{0};  // the oldest state that is being read
   std::uint32_t readers = 0;
   std::uint32_t max_readers = 0;
-  std::uint64_t log_size = 0;     // of commits that were appended, and not brought to their places
-  std::uint64_t log_memory = 0;   // of this process, for these and for what snapshots keep of them
-  std::uint64_t round_trips = 0;  // that somebody of this process waited for
+  std::uint64_t log_size = 0;     // bytes of commits that no checkpoint has written yet
+  std::uint64_t log_memory = 0;   // memory of this process for these, and for older snapshots
+  std::uint64_t round_trips = 0;  // those that this process has waited for
 };
 
 // A part of the store that cannot be read. Keys of the tree from `low` on and below `high` are lost
@@ -101,7 +101,7 @@ using FaultReport = std::function<void(StoreFault const&)>;
 
 class Store;
 
-// What a store brings for a cursor. The cursor keeps the present entry; each call moves it.
+// A store's part of a Cursor, which keeps the current entry; each call moves it.
 class TreeCursor {
  public:
   TreeCursor(TreeCursor const&) = delete;
@@ -112,11 +112,11 @@ class TreeCursor {
   virtual bool Seek(std::string_view key, KeyValue* entry) = 0;  // the first not below `key`
   virtual bool First(KeyValue* entry) = 0;
   virtual bool Last(KeyValue* entry) = 0;
-  // REQUIRES: `*entry` is of this cursor or of a page that it gave.
+  // REQUIRES: `*entry` came from this cursor or from a page that it gave.
   virtual bool Next(KeyValue* entry) = 0;
   virtual bool Previous(KeyValue* entry) = 0;
-  // The page around `entry`, valid as long as the snapshot. Returns false when there is none; then
-  // each step is asked for by itself.
+  // Enters the page around `entry`, valid as long as the snapshot. Returns false if there is none;
+  // each step is then a call of Next or Previous.
   virtual bool EnterPage(KeyValue const& entry, EntryPage* page) = 0;
 
   bool IsOf(Store const& store) const { return store_ == &store; }
@@ -138,14 +138,14 @@ class View {
 
   // Returns whether the key is there; `*value` is set iff it is.
   virtual bool Get(Tree tree, std::string_view key, std::string_view* value) const = 0;
-  // As many times Get, in one round trip where that matters. REQUIRES: as many values as keys.
+  // Get for each key; a remote store takes one round trip. REQUIRES: as many values as keys.
   virtual void GetMany(Tree tree, std::span<std::string_view const> keys,
                        std::span<std::optional<std::string_view>> values) const;
-  // Makes a cursor over the tree, out of the one that is there when the store can.
+  // Creates a cursor over the tree, or reuses the one in `cursor` if the store can.
   virtual void OpenCursor(Tree tree, std::unique_ptr<TreeCursor>& cursor) const = 0;
 
-  // The number of the state that is read; of a batch, of the state that its commit makes. States
-  // are numbered from one commit to the next, and a later one never bears a lower number.
+  // The number of the state that is read; for a batch, of the state that its commit makes. Later
+  // states have higher numbers.
   CommitId id() const { return id_; }
 
  protected:
@@ -156,38 +156,39 @@ class View {
   CommitId id_{0};
 };
 
-// A frozen state of the store. Bytes that it hands out stay where they are until it ends. Comes
-// from Store::Begin and goes back to it.
+// A committed state of the store, which lives from Store::Begin to Store::End. Until End the state
+// does not change, and all bytes that it returned stay valid and where they are. A long snapshot
+// keeps the store from reusing space that it needs.
 class Snapshot : public View {};
 
-// By which a store knows a commit whose outcome it could not tell.
+// Identifies a commit whose outcome is unknown, for Store::AskOutcome.
 struct CommitInDoubt {
   std::string ticket;  // empty: none
   CommitId state{0};
 };
 
-// The one open batch of writes of the store. It reads what it has written. Changes nothing unless
-// Commit returned. Bytes that it hands out stay until its next write.
+// The one open batch of writes of the store. It reads its own writes. The store is unchanged unless
+// Commit returned. Bytes that it returned are valid until its next write.
 class Batch : public View {
  public:
   virtual void Put(Tree tree, std::string_view key, std::string_view value) = 0;
-  // Returns false, with nothing changed, when the key is there already.
+  // Returns false, with nothing changed, when the key exists.
   virtual bool PutNew(Tree tree, std::string_view key, std::string_view value) = 0;
-  // As Put, packed. REQUIRES: `key` is above all keys of the tree.
+  // As Put, and packs pages. REQUIRES: `key` is above all keys of the tree.
   virtual void Append(Tree tree, std::string_view key, std::string_view value) = 0;
-  // Returns whether the key was there.
+  // Returns whether the key existed.
   virtual bool Delete(Tree tree, std::string_view key) = 0;
-  // As Delete, for those who do not ask, which saves a round trip where there are any.
+  // As Delete without the answer, which saves a remote store a round trip.
   virtual void Remove(Tree tree, std::string_view key) { Delete(tree, key); }
-  // All or nothing; afterwards the batch is over either way. REQUIRES: no cursor over it is open.
+  // All or nothing; ends the batch in either case. REQUIRES: no cursor over it is open.
   virtual void Commit() = 0;
   // After a commit that threw LSCOREDB_COMMIT_UNKNOWN.
   virtual CommitInDoubt in_doubt() const { return {}; }
 };
 
-// Goes through a tree in key order. May be opened over and over; over snapshots of one store that
-// costs no allocation. After a call that returned false it stands on no entry, and only Seek, First
-// and Last are allowed. Over a batch, a write ends what it stands on.
+// Scans a tree in key order. May be reopened; over snapshots of one store that allocates nothing.
+// After a call that returned false it has no entry, and only Seek, First and Last are allowed. Over
+// a batch, a write invalidates its entry.
 class Cursor {
  public:
   void Open(View const& view, Tree tree) {
@@ -200,7 +201,7 @@ class Cursor {
     cursor_.reset();
   }
 
-  // Each moves the cursor and returns whether it stands on an entry.
+  // Each moves the cursor and returns whether it has an entry.
   bool Seek(std::string_view key) {
     page_.Leave();
     return cursor_->Seek(key, &entry_);
@@ -216,8 +217,8 @@ class Cursor {
   bool Next() { return (EnterPage() && page_.Next(&entry_)) || NextPage(); }
   bool Previous() { return (EnterPage() && page_.Previous(&entry_)) || PreviousPage(); }
 
-  // An entry that many further on, when the cursor has come by steps and it is near. The bytes are
-  // as little checked as those of any other.
+  // A nearby entry `ahead` steps further, if the cursor is inside a page. Its bytes are not
+  // checked.
   bool Peek(std::size_t ahead, bool forward, KeyValue* entry) const {
     return page_.inside() && page_.Peek(ahead, forward, entry);
   }
@@ -241,7 +242,7 @@ class Cursor {
   EntryPage page_;
 };
 
-// A new store holds the record of the format in kMeta (format.h) and nothing else.
+// A new store holds only the format record in kMeta (format.h).
 class Store {
  public:
   Store();
@@ -252,23 +253,23 @@ class Store {
   // The newest committed state.
   virtual std::unique_ptr<Snapshot> Begin() = 0;
   virtual void End(std::unique_ptr<Snapshot> snapshot) noexcept = 0;
-  // Waits until no other batch is open, in whatever process.
+  // Waits until no other batch is open, in any process.
   virtual std::unique_ptr<Batch> BeginBatch() = 0;
-  // Whether round trips are saved by saying what a batch is going to get; and such a batch.
+  // Whether the store saves round trips when it knows what a batch is going to get; such a batch.
   virtual bool takes_hints() const { return false; }
   virtual std::unique_ptr<Batch> BeginBatch(std::vector<TreeKey> const& /* hints */) {
     return BeginBatch();
   }
 
-  // A snapshot whose every part was checked. Where faults were reported, what a part of it gives is
-  // not to be relied upon.
+  // A snapshot all of whose parts were checked. After a reported fault, reads of that part are not
+  // reliable.
   virtual std::unique_ptr<Snapshot> BeginVerified(FaultReport const& report) = 0;
-  // Throws LSCOREDB_DAMAGED when the newest state does not hold together.
+  // Throws LSCOREDB_DAMAGED when the newest state is inconsistent.
   virtual void Verify() = 0;
 
   virtual StoreStatistics Statistics() const = 0;
 
-  // Whether it was opened only to be read: then BeginBatch throws LSCOREDB_READ_ONLY_DATABASE.
+  // Whether it was opened read-only: BeginBatch throws LSCOREDB_READ_ONLY_DATABASE.
   virtual bool read_only() const { return false; }
 
   // Whether a commit took place; if not, it never will. Throws LSCOREDB_COMMIT_UNKNOWN if that
@@ -281,28 +282,29 @@ class Store {
   // has none. Throws LSCOREDB_CANNOT_OPEN, and notes why, if another process does not release it.
   std::shared_ptr<void> LockCreation();
 
-  // Removes everything from a server, where no directory can be removed, and ends the lock, so that
-  // nobody else creates what is about to go. REQUIRES: `lock` is of LockCreation.
+  // Removes the database from a server, where there is no directory to remove, and then releases
+  // the lock, so that nobody creates the database in between. REQUIRES: `lock` is from
+  // LockCreation.
   virtual void Discard(std::shared_ptr<void> /* lock */) {}
 
   // From now on every commit is synced. REQUIRES: no batch is open.
   virtual void RequireSync() = 0;
 
-  // Frees the slots of readers whose processes died without a word, and with them the space that
-  // they kept from being used again. Returns whether there were any.
+  // Frees the slots of readers whose processes died, and so the space that those kept from being
+  // reused. Returns whether there were any.
   virtual bool FreeDeadReaders() = 0;
 
-  // Work that commits have put off. Called now and then by one who has committed and holds nothing.
+  // Work that commits have postponed. Called after a commit by a thread that holds no lock.
   virtual void Upkeep() noexcept {}
 
-  // Reservations that all processes share which have the store open; without
-  // StoreOptions::reserve_layouts, or of a store in memory, those of this object alone. They last
-  // as long as somebody holds them, also longer than the store.
+  // The reservations shared by all processes that have the store open; without
+  // StoreOptions::reserve_layouts, or for a store in memory, those of this object alone. They may
+  // outlive the store.
   std::shared_ptr<LayoutReservations> const& layout_reservations() const { return reservations_; }
 
   // What this process knows of the commits of others.
   ForeignCommits& foreign_commits() { return foreign_commits_; }
-  // Whether all that leads to the snapshot's state is accounted for; see ForeignCommits::Notice.
+  // See ForeignCommits::Notice.
   bool Notice(Snapshot const& snapshot) {
     return foreign_commits_.Notice(snapshot.id(),
                                    [&](CommitId after, std::vector<ObjectId>* changed) {
@@ -321,10 +323,10 @@ class Store {
   // Throws LSCOREDB_CONFLICT if another process does not release the lock.
   virtual std::shared_ptr<void> WaitForCreationLock() { return nullptr; }
 
-  // Appends the objects that the commits after `after` changed, whoever made them, up to the state
-  // that `view` reads; of a batch, up to the state that it began from. It may name others too.
-  // Returns false when it cannot list them, or had better not since they are many: then the process
-  // forgets all rows that it has in memory. A failure counts as false.
+  // Appends the objects that commits of any process changed after `after`, up to the state that
+  // `view` reads; for a batch, up to the state that it began from. May name others too. Returns
+  // false when it cannot list them or when they are too many: the process then ignores all cached
+  // rows. A failure counts as false.
   virtual bool ListChanges(View const& view, CommitId after, std::vector<ObjectId>* changed) const;
 
   // While opening.

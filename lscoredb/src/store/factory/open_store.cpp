@@ -26,10 +26,10 @@ std::unique_ptr<Store> OpenStore(char const* directory, StoreOptions const& opti
   std::unique_ptr<Store> image = LmdbStore::Open(directory, image_options);
   if (auto store = LogStore::Open(image, directory, options)) return store;
   if (image->read_only()) return image;
-  // Reservations are alone where nobody else has the directory open, or opens it meanwhile.
+  // alone() also keeps others from opening the directory meanwhile.
   bool const alone = options.reserve_layouts && image->layout_reservations()->alone();
   if (!options.log || !alone) return image;
-  image->RequireSync();  // a loss of power amid the change must leave one or the other
+  image->RequireSync();  // a power failure must leave it with or without a log, nothing between
   LogStore::Convert(*image);
   return LogStore::Open(image, directory, options);
 }

@@ -9,11 +9,11 @@
 
 namespace lscore {
 
-// Opens the store in `directory`, which exists, or on the server that a URL names in its place;
-// null opens a new one in memory, gone at its end.
+// Opens the store in `directory`, which must exist, or on the server that a URL names; null opens a
+// new one in memory, which is gone when it is closed.
 std::unique_ptr<Store> OpenStore(char const* directory, StoreOptions const& options);
 
-// Whether there is a store, of whatever format. Throws when a server cannot be asked.
+// Whether there is a store, of any format. Throws when a server cannot be asked.
 bool StoreExists(char const* directory);
 
 }  // namespace lscore

@@ -13,8 +13,8 @@ namespace {
 
 constexpr char kLibrary[] = "liblscoredb-postgres.so.0";
 
-// In the directory of this library, else where the system looks. Its own search path for libraries
-// does not count where a sanitizer opens them.
+// From the directory of this library, otherwise from the system's search path. The library's own
+// RUNPATH is not used when a sanitizer intercepts the call.
 void* OpenLibrary() {
   Dl_info own{};
   if (dladdr(kLibrary, &own) != 0 && own.dli_fname != nullptr) {

@@ -19,7 +19,7 @@ constexpr char const* kFileName = "/layouts.lock";
 constexpr mode_t kFileMode = 0640;
 constexpr int kAttempts = 1000;
 
-// A file that is closed again unless its owner came into being.
+// Closes the file unless the constructor that opened it succeeds.
 class Descriptor {
  public:
   explicit Descriptor(std::string const& path)
@@ -39,7 +39,7 @@ class Descriptor {
   int file_;
 };
 
-// Waits as long as others hold locks that stand against this one.
+// Waits while others hold conflicting locks.
 void LockFile(std::string const& path, int file, int kind) {
   while (flock(file, kind) != 0) {
     if (errno != EINTR) ThrowCannotOpen(path, errno);
@@ -64,8 +64,9 @@ FileReservations::~FileReservations() {
   close(file_);
 }
 
-// Who is alone makes the file, and may die over it: then another one has to. A file that stays
-// unfit though others hold it is not ours.
+// Locks the file exclusively if this process is alone, otherwise shared. The process that is alone
+// writes the file and may die before it is complete, so the others check it and otherwise try to be
+// alone themselves. A file that stays incomplete while others hold it is not ours.
 void FileReservations::Lock() {
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
     alone_ = TryLockAlone();
@@ -98,9 +99,9 @@ constexpr FileReservations::Words FileReservations::FreshWords() {
   return words;
 }
 
-// Written, not only made long: a write into the map must not meet a full disk. The word that is
-// zeroed first says that the others cannot be relied on. A file that nobody took a number from is
-// left as it is, since a write may have to wait for one that is on its way to the disk.
+// Written instead of only extended, since a store into the map of a hole would end the process on a
+// full disk. The catalogue's word comes first and is zero, which invalidates the rest if the write
+// is interrupted. A file that is unused since is left alone: writing could wait for write-back.
 void FileReservations::BeginAnew() const {
   static constexpr Words kFresh = FreshWords();
   if (IsWhole() && ReadWords() == kFresh) return;
@@ -123,8 +124,8 @@ void FileReservations::Map() {
   Use(*static_cast<LayoutBoard*>(mapped));
 }
 
-// On the way from one lock to the other a second process may be alone for a moment. That does no
-// harm: nothing was read yet that it could change.
+// Between the two locks another process may be alone for a moment. That is harmless: this process
+// has not read anything yet that the other could change.
 void FileReservations::Share() {
   LockFile(path_, file_, LOCK_SH);
   alone_ = false;

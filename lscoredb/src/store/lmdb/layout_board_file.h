@@ -4,9 +4,9 @@
 // Reserved layout numbers in a file beside the data, mapped by all processes that have the
 // directory open.
 //
-// Each holds a lock on the file, shared, from its first opening to its end; a process that gets it
-// exclusively for a moment knows that it is alone. The content means nothing once no process holds
-// the file: whoever is alone begins it anew.
+// Each process holds a shared lock on the file while it has the directory open; one that gets it
+// exclusively for a moment is alone. The content means nothing while no process holds the lock: one
+// that is alone resets it.
 
 #include <string>
 

@@ -17,14 +17,14 @@
 namespace lscore {
 namespace {
 
-// Where the innermost call of this thread is left to.
+// Where a broken page leaves the innermost call of this thread.
 [[gnu::tls_model("initial-exec")]] thread_local std::jmp_buf* landing = nullptr;
 
 struct CloseFile {
   void operator()(std::FILE* file) const { std::fclose(file); }
 };
 
-// The inode of the lock file, 0 when there is none any more.
+// The inode of the lock file; 0 if the file is gone.
 std::uint64_t LockFileOf(MDB_env* env) {
   char const* directory = nullptr;
   char path[4096];
@@ -34,7 +34,7 @@ std::uint64_t LockFileOf(MDB_env* env) {
   return stat(path, &status) == 0 ? status.st_ino : 0;
 }
 
-// Where the lock file lies in memory, null when it does not.
+// The address of the mapped lock file; null if it is not mapped.
 char* FindLockFile(MDB_env* env) {
   constexpr char kName[] = "/lock.mdb";
   std::uint64_t const wanted = LockFileOf(env);
@@ -51,7 +51,7 @@ char* FindLockFile(MDB_env* env) {
   return nullptr;
 }
 
-// A mutex that is held begins with the thread that holds it, which stands there twice.
+// A mutex of the C library holds its owner's thread id in two words while it is locked.
 bool IsHeldHere(char const* mutex) {
   constexpr std::uint32_t kThreadMask = 0x3FFFFFFF;
   auto const thread = static_cast<std::uint32_t>(gettid());
@@ -78,6 +78,9 @@ void OnBrokenPage(MDB_env*, char const*) {
   return code;
 }
 
+// A call that was left by a jump keeps the library's write lock, a process-shared mutex at the head
+// of the mapped lock file, and the library has no function to release it. So it is searched for
+// there by its owner, this thread, and unlocked.
 bool ReleaseWriteLock(MDB_env* env) noexcept {
   constexpr std::size_t kHeadOfLockFile = 256;  // both of the library's mutexes lie in it
   char* const file = FindLockFile(env);

@@ -38,7 +38,7 @@ struct Readers {
   std::uint64_t oldest;
 };
 
-// Gets the table of readers as text, one line each: process, thread and the state that is read, "-"
+// Called with each line of the table of readers: process, thread and the state that is read, "-"
 // for none.
 int NoteReader(char const* line, void* to) {
   auto& readers = *static_cast<Readers*>(to);
@@ -113,7 +113,7 @@ int LmdbSnapshot::Began(int code) {
 
 void LmdbSnapshot::Reset() { mdb_txn_reset(txn_); }
 
-// One that is begun again on the same state has it already.
+// A snapshot that is renewed on the same state keeps its copy.
 bool LmdbSnapshot::CopyHeader() {
   std::uint64_t const state = this->state();
   if (!trees_open_ || state_.state() != state) {
@@ -235,10 +235,10 @@ void LmdbBatch::Commit() {
   if (changed_) store_.guard().CheckCommit();
   if (changed_) store_.BeginOwnCommit(*this);
   int const code = CallWriting([this] { return mdb_txn_commit(txn_); });
-  txn_ = nullptr;  // the library ends the transaction whatever comes of it
+  txn_ = nullptr;  // the library has ended the transaction in any case
   turn_.End();
   if (changed_) store_.EndOwnCommit(*this, code == 0);
-  // A write that only found room for a part comes back without the reason.
+  // A short write is reported as EIO without its reason.
   if (code == EIO && IsDiskFull(store_.env())) Throw(LSCOREDB_DISK_FULL);
   CheckStore(code);
   store_.NoteGrowth();
@@ -300,11 +300,11 @@ LmdbStore::~LmdbStore() {
 
 void LmdbStore::GiveUpWriting() noexcept {
   given_up_ = true;
-  ReleaseWriteLock(env_);  // what is not found is free when the thread ends
+  ReleaseWriteLock(env_);  // if it is not found, the end of the thread releases it
 }
 
 int LmdbStore::BeginInTurn(LmdbSnapshot& snapshot) {
-  PlacesTurn const turn(locks_);
+  ReadersTurn const turn(locks_);
   return snapshot.BeginNew();
 }
 
@@ -324,10 +324,11 @@ int LmdbStore::TakeSnapshot(std::unique_ptr<LmdbSnapshot>* out) {
   return code;
 }
 
-// The store takes the number of the newest state first, and then copies what describes that state
-// from one of two headers that commits write in turn. When two commits get in between, the number
-// and the copy belong to different states, or the copy to both. While the number is still the one
-// that is given out, the first of the two commits is not over, and the copy is whole.
+// The library reads the number of the newest state first and then its description, from one of the
+// two headers that commits write in turn. If two commits happen in between, the header belongs to
+// another state, or is half written. So the description is copied here and the number compared
+// afterwards: while it is still the newest, the second of those commits cannot have begun, and the
+// copy is consistent.
 std::unique_ptr<LmdbSnapshot> LmdbStore::BeginSnapshot() {
   std::unique_ptr<LmdbSnapshot> snapshot;
   CheckStore(TakeSnapshot(&snapshot));
@@ -385,7 +386,7 @@ std::unique_ptr<LmdbSnapshot> LmdbStore::BeginWithHeader(pages::Header* header) 
   return snapshot;
 }
 
-// A header that two readings agree about was not written in between, or else very slowly.
+// Accepts a header when two readings agree: nobody wrote it in between, unless very slowly.
 std::unique_ptr<LmdbSnapshot> LmdbStore::BeginBesideWriters(pages::Header* header) {
   constexpr int kAttempts = 1000;
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
@@ -414,7 +415,7 @@ void LmdbStore::End(std::unique_ptr<Snapshot> snapshot) noexcept {
   try {
     idle_.push_back(std::move(ended));
   } catch (std::bad_alloc const&) {
-    ended.reset();  // one reader slot less to reuse, nothing lost
+    ended.reset();  // not kept for reuse
   }
 }
 
@@ -430,17 +431,18 @@ std::uint64_t LmdbStore::FilePages(std::uint64_t claimed) const {
 
 bool LmdbStore::FreeDeadReaders() {
   int dead = 0;
-  PlacesTurn const turn(locks_);
+  ReadersTurn const turn(locks_);
   CheckStore(mdb_reader_check(env_, &dead));
   return dead != 0;
 }
 
-// A file grows when no page can be used again: a reader in a process that is no more may be why.
+// A file grows when no free page can be reused, maybe because of the slot of a reader whose process
+// died: such slots are freed.
 void LmdbStore::NoteGrowth() noexcept {
   MDB_envinfo info{};
   if (mdb_env_info(env_, &info) != 0) return;
   if (last_page_.exchange(info.me_last_pgno) >= info.me_last_pgno) return;
-  // What it cannot free today stays for the next time.
+  // A failure is ignored: the next growth tries again.
   static_cast<void>(Guarded([this] {
     FreeDeadReaders();
     return LORV_STATUS_OK;
@@ -462,7 +464,7 @@ StoreStatistics LmdbStore::Statistics() const {
   return statistics;
 }
 
-// What others commit from now on is synced, and what was committed before is synced here.
+// Other processes sync from now on; what was committed before is synced here.
 void LmdbStore::RequireSync() {
   if (read_only()) return;
   char const* directory = nullptr;

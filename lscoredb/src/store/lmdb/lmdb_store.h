@@ -28,8 +28,8 @@ class LmdbStore;
 class LmdbSnapshot final : public Snapshot {
  public:
   explicit LmdbSnapshot(LmdbStore const& store) : store_(store) {}
-  // Of the newest state, without a slot in the table of readers: no one commits until it ends, by
-  // the thread that made it. `writing` is an empty transaction for writing.
+  // Reads the newest state without a slot in the table of readers. Nobody commits until it ends, in
+  // the thread that made it. `writing`: an empty write transaction.
   LmdbSnapshot(LmdbStore const& store, MDB_txn* writing, WriteTurn turn);
   ~LmdbSnapshot() override;
 
@@ -38,15 +38,15 @@ class LmdbSnapshot final : public Snapshot {
   }
   void OpenCursor(Tree tree, std::unique_ptr<TreeCursor>& cursor) const override;
 
-  // These give the library's own codes.
+  // These return the library's codes.
   int BeginNew();
   int Renew();
-  // The transaction of the library reads nothing until it is renewed.
+  // Ends reading but keeps the library's transaction and its slot for Renew.
   void Reset();
 
-  // Copies what describes the state. Whether it is the newest of the file.
+  // Copies the state's description. Returns whether the state is the newest of the file.
   bool CopyHeader();
-  // Throws LSCOREDB_DAMAGED when the file does not show the state. REQUIRES: the copy is whole.
+  // Throws LSCOREDB_DAMAGED when the trees are not there. REQUIRES: the copy is consistent.
   void OpenTrees();
 
   // The library's number of the state.
@@ -78,8 +78,8 @@ class LmdbBatch final : public Batch {
   void Commit() override;
 
  private:
-  // Runs a call that changes pages. When it meets a broken page the batch is gone, and with it all
-  // writing of the store.
+  // Runs a call that changes pages. After a broken page the batch is gone, and the store writes no
+  // more.
   template <typename Write>
   int CallWriting(Write const& write);
   int PutWith(unsigned flags, Tree tree, std::string_view key, std::string_view value);
@@ -90,7 +90,7 @@ class LmdbBatch final : public Batch {
   bool changed_ = false;
 };
 
-// Over a batch.
+// A cursor over a batch.
 class LmdbCursor final : public TreeCursor {
  public:
   LmdbCursor(LmdbStore const& store, MDB_txn* txn, Tree tree);
@@ -121,7 +121,7 @@ class LmdbStore final : public Store {
   std::unique_ptr<Snapshot> Begin() override { return BeginSnapshot(); }
   void End(std::unique_ptr<Snapshot> snapshot) noexcept override;
   std::unique_ptr<Batch> BeginBatch() override { return std::make_unique<LmdbBatch>(*this); }
-  // Goes through all pages that the state uses, and the list of those that are free.
+  // Checks all pages that the state uses, and the lists of free pages.
   std::unique_ptr<Snapshot> BeginVerified(FaultReport const& report) override;
   void Verify() override;
   StoreStatistics Statistics() const override;
@@ -136,28 +136,28 @@ class LmdbStore final : public Store {
   char const* map() const { return map_; }
   std::size_t page_size() const { return page_size_; }
   std::uint64_t states_before() const { return states_before_; }
-  // How many pages the file has room for, as far as somebody who speaks of `claimed` asks.
+  // The number of pages in the file. Asks the system only if that known is below `claimed`.
   std::uint64_t FilePages(std::uint64_t claimed) const;
   void NoteGrowth() noexcept;
   PageGuard& guard() const { return guard_; }
-  // After a write that the library cannot take back: no batch begins any more, and other processes
-  // may write. REQUIRES: this thread has the lock for writing.
+  // After a write that the library cannot roll back: begins no more batches, and releases the lock
+  // so that other processes can write. REQUIRES: this thread has the write lock.
   void GiveUpWriting() noexcept;
   bool given_up() const { return given_up_; }
-  // Before a batch changes anything: whether its commit is synced. REQUIRES: this thread has the
-  // lock for writing.
+  // Decides, before a batch changes anything, whether its commit is synced. REQUIRES: this thread
+  // has the write lock.
   void SetSyncOfBatch();
 
  private:
   friend class StoreOpener;
 
   LmdbStore() = default;
-  // Gives the library's own codes.
+  // These return the library's codes.
   int BeginInTurn(LmdbSnapshot& snapshot);
   int TakeSnapshot(std::unique_ptr<LmdbSnapshot>* out);
   std::unique_ptr<LmdbSnapshot> BeginSnapshot();
   std::unique_ptr<LmdbSnapshot> BeginBetweenCommits(std::unique_ptr<LmdbSnapshot> snapshot);
-  // A snapshot of the newest state with that state's header, which no one was writing.
+  // A snapshot of the newest state with that state's header, read while nobody wrote it.
   std::unique_ptr<LmdbSnapshot> BeginWithHeader(pages::Header* header);
   std::unique_ptr<LmdbSnapshot> BeginBesideWriters(pages::Header* header);
 
@@ -165,17 +165,17 @@ class LmdbStore final : public Store {
   bool sync_ = false;
   bool read_only_ = false;
   MDB_env* env_ = nullptr;
-  std::vector<int> files_;   // that the library has open
-  PageGuard mutable guard_;  // of the batch that is open
+  std::vector<int> files_;   // the library's descriptors
+  PageGuard mutable guard_;  // of the open batch
   std::atomic<bool> given_up_{false};
-  char const* map_ = nullptr;  // where the file lies in memory
+  char const* map_ = nullptr;  // the mapped file
   std::size_t page_size_ = 0;
-  std::uint64_t states_before_ = 0;  // that the file counts no more
+  std::uint64_t states_before_ = 0;  // of the store that this one was copied from
   unsigned trees_[kTreeCount] = {};
-  std::atomic<std::uint64_t> last_page_{0};           // of the file, when it was last looked at
-  std::atomic<std::uint64_t> mutable file_pages_{0};  // likewise; a file never becomes shorter
+  std::atomic<std::uint64_t> last_page_{0};           // of the file, as of the last commit here
+  std::atomic<std::uint64_t> mutable file_pages_{0};  // as last seen; a file never shrinks
   std::mutex idle_mutex_;
-  std::vector<std::unique_ptr<LmdbSnapshot>> idle_;  // ended, ready to be begun again
+  std::vector<std::unique_ptr<LmdbSnapshot>> idle_;  // ended, to be renewed
 };
 
 }  // namespace lscore

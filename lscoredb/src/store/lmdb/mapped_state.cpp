@@ -14,7 +14,7 @@ using namespace pages;
 
 // ---- pages and nodes ---------------------------------------------------------------------------
 
-// The page with that number, which has to be of that kind; writes how many nodes it has.
+// The page with that number, which must be of that kind. Writes its number of nodes.
 char const* PageAt(char const* map, std::size_t page_size, std::uint64_t pages,
                    std::uint64_t number, std::uint16_t kind, std::size_t* count) {
   if (number < kHeaderPages || number >= pages) [[unlikely]]
@@ -30,7 +30,7 @@ char const* PageAt(char const* map, std::size_t page_size, std::uint64_t pages,
   return page;
 }
 
-// A node whose head lies inside of its page. REQUIRES: the page has as many.
+// A node; checks that its head lies inside the page. REQUIRES: the page has more than `i` nodes.
 char const* NodeAt(char const* page, std::size_t page_size, std::size_t i) {
   std::size_t const offset = Load<std::uint16_t>(page + kPageHead + 2 * i);
   if (offset + kNodeHead > page_size) [[unlikely]]
@@ -38,7 +38,7 @@ char const* NodeAt(char const* page, std::size_t page_size, std::size_t i) {
   return page + offset;
 }
 
-// Its key, which lies inside of its page too.
+// The key of a node; checks that it lies inside the page.
 std::string_view KeyOf(char const* page, std::size_t page_size, char const* node) {
   std::size_t const size = Load<std::uint16_t>(node + 6);
   if (size > page_size - kNodeHead - static_cast<std::size_t>(node - page)) [[unlikely]] {
@@ -78,8 +78,8 @@ auto WithKeys(TreeRecord const& record, Work&& work) {
   return record.key_kind == kIntegerKeys ? work(IntegerKeys{}) : work(ByteKeys{});
 }
 
-// The first of the nodes from `low` on, below `high`, whose key is not below `key`, or `high`;
-// `or_equal`: whose key is above it.
+// The first node in [low, high) whose key is not below `key`, or with `or_equal` above it; `high`
+// if there is none.
 template <typename Keys>
 std::size_t FirstNode(char const* page, std::size_t page_size, std::size_t low, std::size_t high,
                       typename Keys::Key key, bool or_equal) {
@@ -95,7 +95,7 @@ std::size_t FirstNode(char const* page, std::size_t page_size, std::size_t low, 
   return low;
 }
 
-// The node of a branch that leads to the key. The first one leads to all that is below the second.
+// The node of a branch to follow for the key. The first has everything below the second one's key.
 template <typename Keys>
 std::size_t NodeFor(char const* page, std::size_t page_size, std::size_t count,
                     typename Keys::Key key) {
@@ -173,7 +173,7 @@ std::string_view MappedState::ValueOf(char const* page, char const* node,
   return ValueBeside(Load<std::uint64_t>(value), size);
 }
 
-// On pages of its own, of which the first has a head.
+// A value on a run of overflow pages, of which only the first has a head.
 std::string_view MappedState::ValueBeside(std::uint64_t number, std::uint64_t size) const {
   if (number < kHeaderPages || number >= pages_) ThrowDamaged();
   char const* const page = map_ + number * page_size_;
@@ -235,7 +235,7 @@ void TreePath::Enter(std::size_t level) {
   WithKeys(*record_, [&](auto keys) { CheckBounds<decltype(keys)>(level); });
 }
 
-// Keys of a page below a node are not below the key of that node, and below that of the next one.
+// The keys of a child page must lie from the key of its node on and below that of the next node.
 template <typename Keys>
 void TreePath::CheckBounds(std::size_t level) const {
   Step const& step = steps_[level];
@@ -350,7 +350,7 @@ bool MappedCursor::Give(bool found, KeyValue* entry) {
   return true;
 }
 
-// After steps inside a page the path still leads to where the page was entered.
+// A caller that stepped inside an entered page is ahead of the path, which is moved to its entry.
 void MappedCursor::Follow(KeyValue const& entry) {
   if (given_ != entry.key.data() && !path_.StepTo(entry.key.data())) ThrowDamaged();
 }
@@ -365,8 +365,8 @@ bool MappedCursor::Previous(KeyValue* entry) {
   return Give(path_.Previous(), entry);
 }
 
-// Pages of the file are what entry_page.h describes. Steps inside a page do not look at the size of
-// a key, on which readers of rows rely.
+// Pages of the file have the layout of entry_page.h. Steps inside a page do not check the sizes of
+// keys, on which readers of rows rely, so pages of rows are not entered.
 bool MappedCursor::EnterPage(KeyValue const& entry, EntryPage* page) {
   if (fixed_keys_) return false;
   auto const offset = static_cast<std::size_t>(entry.key.data() - path_.page());

@@ -1,17 +1,17 @@
 #ifndef LSCOREDB_SRC_MAPPED_STATE_H
 #define LSCOREDB_SRC_MAPPED_STATE_H
 
-// Reads the trees of one committed state where the file lies in memory.
+// Reads the trees of one committed state in the memory map of the file.
 //
-// Nothing in the file is trusted: each number is compared with what it may be before it is
-// followed, so that a read of any bytes whatever ends with an entry of the file or with
-// LSCOREDB_DAMAGED, and never leaves the file. A key that is found is found on the way that its
-// tree leads to it. That a key is not there is said only by pages that keep to the bounds of those
-// above them; steps from page to page keep to them too, so that two pages that were swapped are
-// noticed before an entry comes twice. The order of keys inside a page is not looked at.
+// Nothing in the file is trusted: each number is checked before it is followed, so that a read of
+// arbitrary bytes ends with an entry of the file or with LSCOREDB_DAMAGED and never leaves the
+// file. A key that is found is not checked further. Before a key counts as missing, the pages of
+// its path must keep to the bounds of their parents; so must the pages of a scan, so that two
+// swapped pages are noticed before an entry is delivered twice. The order of keys inside a page is
+// not checked.
 //
-// The drawing of pages stands in store_header.h. Owns nothing; the snapshot keeps the pages as they
-// are. Reading is const: any number of threads.
+// store_header.h draws the pages. Owns nothing; the snapshot keeps the pages from being reused.
+// Reads are const: any number of threads.
 
 #include <array>
 #include <cstddef>
@@ -25,11 +25,11 @@ namespace lscore {
 
 class MappedState {
  public:
-  // Copies what describes the state out of the header. The copy is whole when the state is one of
-  // the two newest afterwards.
+  // Copies the state's description from its header. The copy is consistent if the state is still
+  // one of the two newest afterwards.
   void CopyHeader(char const* map, std::size_t page_size, std::uint64_t state);
-  // Looks the trees up. Returns whether all are there. `file_pages`: how many the file has room
-  // for. Throws LSCOREDB_DAMAGED. REQUIRES: a whole copy.
+  // Looks the trees up. Returns whether all exist. `file_pages`: the pages of the file. Throws
+  // LSCOREDB_DAMAGED. REQUIRES: a consistent copy.
   bool OpenTrees(std::uint64_t file_pages);
 
   // The library's number of the state, of the copy; and the number of pages that it speaks of.
@@ -45,7 +45,7 @@ class MappedState {
 
   template <typename Keys>
   bool Find(pages::TreeRecord const& record, std::string_view key, std::string_view* value) const;
-  // As Find, on a way whose pages keep to their bounds.
+  // As Find, but checks the bounds of all pages of the path.
   bool FindWithinBounds(Tree tree, std::string_view key, std::string_view* value) const;
   // Of a node of a leaf that has that key.
   std::string_view ValueOf(char const* page, char const* node, std::string_view key) const;
@@ -60,7 +60,7 @@ class MappedState {
   std::array<pages::TreeRecord, kTreeCount> trees_;
 };
 
-// A way from the root of a tree to an entry of one of its leaves.
+// A path from the root of a tree to an entry of one of its leaves.
 class TreePath {
  public:
   void Open(MappedState const& state, Tree tree);
@@ -78,20 +78,20 @@ class TreePath {
   // The leaf, and how many entries it has.
   char const* page() const { return leaf().page; }
   std::size_t count() const { return leaf().count; }
-  // To the entry of the leaf whose key lies there. Returns whether there is one.
+  // Moves to the entry of the leaf whose key is at that address. Returns whether there is one.
   bool StepTo(char const* key);
 
  private:
   struct Step {
     char const* page = nullptr;
     std::size_t count = 0;
-    std::size_t at = 0;  // of the node that leads on
+    std::size_t at = 0;  // the node whose child is the next step
   };
 
   Step const& leaf() const { return steps_[depth_ - 1]; }
   Step& leaf() { return steps_[depth_ - 1]; }
   std::string_view KeyAt(Step const& step, std::size_t i) const;
-  // Onto the page of that level, which has to keep to the bounds of those above.
+  // Moves onto the page of that level and checks its bounds.
   void Enter(std::size_t level);
   template <typename Keys>
   void CheckBounds(std::size_t level) const;

@@ -51,7 +51,7 @@ std::string HighestKey(std::uint16_t key_kind) {
   return std::string(key_kind == kIntegerKeys ? 8 : kMaxKey, '\xFF');
 }
 
-// A count and as many page numbers, falling. Writes the count.
+// Whether a list is a count and as many page numbers, in descending order. Writes the count.
 bool ListHolds(char const* list, std::uint64_t room, std::uint64_t last_page,
                std::uint64_t* count) {
   *count = room == 0 ? 0 : Load<std::uint64_t>(list);
@@ -78,6 +78,8 @@ void PageGuard::Open(int file, char const* map, std::size_t page_size) {
   page_size_ = page_size;
 }
 
+// Forgets what was checked in the last batch, since its commit has reused pages. The leaf of the
+// oldest list is checked at once with its neighbours: every commit works on it.
 void PageGuard::Begin(std::uint64_t state) {
   Forget();
   if (!free_pages_hold_) {
@@ -96,8 +98,8 @@ void PageGuard::Begin(std::uint64_t state) {
   CheckBeside(free_);
 }
 
-// The library reads the next list when it has no page left; for a run it reads more of them even if
-// it has, up to kListsForPage for each page of the run.
+// The library reads the next list when it has no page left. For a run of pages it reads further
+// lists even if it has some, up to kListsForPage for each page of the run.
 void PageGuard::CheckLists(std::uint64_t pages, std::uint64_t run) {
   constexpr std::uint64_t kListsForPage = 64;
   may_take_ += pages;
@@ -106,8 +108,8 @@ void PageGuard::CheckLists(std::uint64_t pages, std::uint64_t run) {
   }
 }
 
-// Returns whether there was one. Leads `free_` from leaf to leaf, whose neighbours the library may
-// join with it when it takes lists out.
+// Returns whether there was a next list. Moves `free_` from leaf to leaf; the library deletes the
+// lists that it used up, so it may merge a leaf with its neighbours.
 bool PageGuard::CheckNextList() {
   if (free_.record.root == kNoPage) return false;
   if (next_list_ == free_.last.leaf().page.count()) {
@@ -129,7 +131,7 @@ bool PageGuard::CheckNextList() {
   return true;
 }
 
-// A write changes each page on its way at most, splits each, and makes a new root.
+// At most, a write copies each page of its path, splits each, and creates a new root.
 std::uint64_t PageGuard::PagesOfWrite(KnownTree const& tree) const {
   return std::uint64_t{2} * tree.record.depth + 3;
 }
@@ -155,6 +157,7 @@ void PageGuard::Forget() {
   free_.last.size = 0;
 }
 
+// The record of a tree, found in the tree of trees once in a batch.
 PageGuard::KnownTree& PageGuard::Find(Tree tree) {
   KnownTree& found = known_[static_cast<std::size_t>(tree)];
   if (found.known) return found;
@@ -207,14 +210,16 @@ void PageGuard::CheckDelete(Tree tree, std::string_view key) {
   CheckLists(PagesOfWrite(Find(tree)), 1);
 }
 
-// The library writes down which pages the batch has freed, at most as many as it took, and what is
-// left of the lists that it read, some of it as values on pages of their own.
+// At the commit the library writes a list of the pages that the batch freed, at most as many as it
+// took, and what is left of the lists that it read; large ones are runs of overflow pages. These
+// writes take pages themselves.
 void PageGuard::CheckCommit() {
   std::uint64_t const bytes = (may_take_ + in_lists_ + 1) * sizeof(std::uint64_t);
   std::uint64_t const run = bytes / page_size_ + 1;
   CheckLists(PagesOfWrite(free_) * 4 + 4 * run + kTreeCount * 8, run);
 }
 
+// Whether the key belongs on the leaf of the last path, so that nothing has to be checked again.
 bool PageGuard::IsOnLeaf(KnownTree& tree, std::string_view key) const {
   if (tree.last.size == 0) return false;
   Bounds const bounds = tree.last.leaf().bounds;
@@ -223,6 +228,7 @@ bool PageGuard::IsOnLeaf(KnownTree& tree, std::string_view key) const {
          (bounds.high.empty() || IsBelow(kind, key, bounds.high));
 }
 
+// Checks the pages from the root to the leaf of the key. Each node narrows the bounds of its child.
 void PageGuard::Descend(KnownTree& tree, std::string_view key) {
   TreeRecord const& record = tree.record;
   if (record.depth == 0 || record.depth > kMaxDepth) ThrowDamaged();
@@ -244,6 +250,8 @@ void PageGuard::Descend(KnownTree& tree, std::string_view key) {
   path.size = record.depth;
 }
 
+// A page that was checked in this batch is only loaded. Its kind is compared all the same, since
+// two damaged nodes may lead to one page on different levels.
 void PageGuard::Enter(std::uint64_t number, bool leaf, std::uint16_t key_kind, Step& step) {
   step.number = number;
   std::string_view const bytes = BytesOf(number);
@@ -262,8 +270,8 @@ std::string_view PageGuard::BytesOf(std::uint64_t number) const {
   return {map_ + number * page_size_, page_size_};
 }
 
-// The library joins a page that has become nearly empty with one beside it, on each level, and
-// looks up the lowest key below a page that it moves.
+// The library merges a page that has become nearly empty with a neighbour, on each level, and looks
+// up the lowest key below a page that it moves.
 void PageGuard::CheckBeside(KnownTree& tree) {
   for (std::size_t level = 1; level < tree.last.size; ++level) {
     CheckNeighbour(tree, level, true);
@@ -272,6 +280,9 @@ void PageGuard::CheckBeside(KnownTree& tree) {
   tree.beside = true;
 }
 
+// The page to the left or right of the path on a level: up to the first step that has a node on
+// that side, over to that node, and down again along its nearer edge; below `level` along its left
+// edge.
 void PageGuard::CheckNeighbour(KnownTree& tree, std::size_t level, bool left) {
   Path const& path = tree.last;
   std::size_t turn = level;
@@ -291,6 +302,7 @@ void PageGuard::CheckNeighbour(KnownTree& tree, std::size_t level, bool left) {
   }
 }
 
+// A value on overflow pages must be a run that begins where the node says and is long enough.
 void PageGuard::CheckValue(Node const& node) {
   if (node.value_kind == kPlainValue) return;
   if (node.value_kind != kValueOnOverflow) ThrowDamaged();

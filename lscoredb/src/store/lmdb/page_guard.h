@@ -3,16 +3,20 @@
 
 // Checks pages before the store's library writes based on their content.
 //
-// The library follows numbers in pages without asking; where it writes, a wrong one reaches the
-// memory of the process. So the list of free pages is read once before the first batch, and in each
-// batch those of its parts, oldest first, that the library may get to: it takes the pages that it
-// needs from them in that order, so that as many are looked at as the writes may need. Every page
-// from the root to the leaf of a key that is written is looked at once in a batch, and for a key
-// that is taken out those beside it, which the library may join with it. Where the order of keys
-// and the bounds of the page above do not hold, that is found too.
+// The library follows page numbers unchecked; when it writes, a wrong one corrupts the memory of
+// the process. So every page that a call of the library may follow is checked before the call:
 //
-// Pages are read where they lie in memory, those of the state that the batch began from: nobody
-// writes over them while the batch is open. Belongs to whoever has the lock for writing.
+//   free pages    the whole list once, before the first batch. In each batch again the lists that
+//                 the library may read: it takes pages from the oldest list first, so as many lists
+//                 are checked as hold the pages that the writes may need
+//   put           the pages from the root to the leaf of the key, once in a batch
+//   delete, scan  also the neighbours on each level, with which the library may merge a page
+//
+// A check covers the page's own structure, the order of its keys, and that they lie within the
+// bounds of its parent.
+//
+// Pages are read in the memory map, in the state that the batch began from, which nobody overwrites
+// while the batch is open. Used by the thread that holds the write lock.
 
 #include <array>
 #include <cstdint>
@@ -26,17 +30,17 @@ namespace lscore {
 
 class PageGuard {
  public:
-  // Before anything else. `map`: where the file lies in memory.
+  // Called before everything else. `map`: the address of the mapped file.
   void Open(int file, char const* map, std::size_t page_size);
 
-  // A batch on the state that commit `state` made. This and the other calls throw LSCOREDB_DAMAGED.
+  // Begins a batch on the state of commit `state`. This and all other calls throw LSCOREDB_DAMAGED.
   void Begin(std::uint64_t state);
-  // Before `key` of a tree is read; before it is taken out, or scanned from.
+  // Check: before `key` is read. CheckAround: before `key` is deleted, or a scan begins there.
   void Check(Tree tree, std::string_view key);
   void CheckAround(Tree tree, std::string_view key);
-  // Before the first or the last key of a tree is looked for.
+  // Before the first or the last key of a tree is looked up.
   void CheckEnd(Tree tree, bool first);
-  // Before a value of that size is put under `key`; before `key` is taken out; before the commit.
+  // Before a value of that size is put under `key`, before `key` is deleted, before the commit.
   void CheckPut(Tree tree, std::string_view key, std::size_t value_size);
   void CheckDelete(Tree tree, std::string_view key);
   void CheckCommit();
@@ -45,7 +49,7 @@ class PageGuard {
   struct Step {
     pages::Page page;
     std::uint64_t number = 0;
-    std::size_t at = 0;  // of the node that leads on
+    std::size_t at = 0;  // the node whose child is the next step
     pages::Bounds bounds;
   };
   // From the root down to a leaf.
@@ -58,7 +62,7 @@ class PageGuard {
     bool known = false;
     pages::TreeRecord record;
     Path last;
-    bool beside = false;  // the last path's neighbours were looked at
+    bool beside = false;  // the neighbours of the last path were checked
   };
 
   KnownTree& Find(Tree tree);
@@ -80,18 +84,18 @@ class PageGuard {
   char const* map_ = nullptr;
   std::size_t page_size_ = 0;
   bool free_pages_hold_ = false;
-  std::uint64_t pages_ = 0;  // of the file that can be read
+  std::uint64_t pages_ = 0;  // readable pages of the file
   std::uint64_t last_page_ = 0;
   pages::TreeRecord trees_;
   KnownTree free_;
-  std::size_t next_list_ = 0;   // on the leaf that `free_` was last led to
-  std::uint64_t lists_ = 0;     // that were looked at in this batch
+  std::size_t next_list_ = 0;   // the node of the next list, on the leaf where `free_` is
+  std::uint64_t lists_ = 0;     // lists checked in this batch
   std::uint64_t in_lists_ = 0;  // pages in them
-  std::uint64_t may_take_ = 0;  // pages that the library may have taken
-  std::uint64_t may_read_ = 0;  // lists that it may have read to find long runs
+  std::uint64_t may_take_ = 0;  // pages that the library may take in this batch, at most
+  std::uint64_t may_read_ = 0;  // lists that it may read in search of long runs, at most
   std::array<KnownTree, kTreeCount> known_;
-  std::vector<bool> looked_at_;           // in this batch, by page
-  std::vector<std::uint64_t> to_forget_;  // those
+  std::vector<bool> looked_at_;           // by page: checked in this batch
+  std::vector<std::uint64_t> to_forget_;  // the pages set in it
 };
 
 }  // namespace lscore

@@ -46,14 +46,15 @@ int FileOf(MDB_env* env) {
   return file;
 }
 
-// The neighbours' descriptors may be anybody's, who may close them meanwhile. Asked by fstat, that
-// is a race to the thread sanitizer.
+// Neighbouring descriptors may belong to other threads, which may close them meanwhile. The thread
+// sanitizer would report that as a race of fstat, so the system is called directly.
 bool StatusOf(int file, struct stat& status) {
   return fstatat(file, "", &status, AT_EMPTY_PATH) == 0;
 }
 
-// The library tells only one of them. It opens the lock file before that one, or after it when it
-// only reads, and the other one, which alone syncs by itself, right after it.
+// The library returns only one of its descriptors. It opens the lock file before that one, or after
+// it when it only reads, and right after it a second descriptor of the data file, the only one with
+// O_DSYNC.
 std::vector<int> FilesOf(MDB_env* env, int lock_file) {
   constexpr int kNear = 64;
   int const data = FileOf(env);
@@ -96,8 +97,8 @@ void CheckPages(int file, pages::Header const& header, PageDepth depth) {
   ScanPages(file, header, depth, ThrowDamaged);
 }
 
-// A file may end early and be sound: pages at its end that nobody uses need not have been written.
-// So its pages are scanned.
+// A shorter file may be sound: unused pages at its end need not have been written. So the pages in
+// use are scanned.
 bool CheckReadLength(int file, pages::Header const& header) {
   struct stat status {};
   if (fstat(file, &status) != 0) Throw(LSCOREDB_IO_ERROR);
@@ -106,7 +107,7 @@ bool CheckReadLength(int file, pages::Header const& header) {
   return false;
 }
 
-// A file that is made longer reads as zeros there.
+// A file that is too short is extended, so that access to the map beyond its end reads zeros.
 void CheckLength(int file, pages::Header const& header) {
   if (CheckReadLength(file, header)) return;
   if (posix_fallocate(file, static_cast<off_t>(SizeOf(header)) - 1, 1) != 0) {
@@ -126,7 +127,8 @@ bool IsDiskFull(MDB_env* env) {
   return fstatvfs(file, &disk) == 0 && disk.f_bavail * disk.f_frsize < PageSize(env);
 }
 
-// The name of the first tree lies on the root of the tree of trees, as the library gives it.
+// The address of the map is not public. But the library returns the name of the first tree as an
+// address on the root page of the tree of trees, whose number the header has.
 char const* MapBegin(MDB_txn* txn, pages::Header const& header) {
   MDB_dbi main = 0;
   MDB_cursor* cursor = nullptr;

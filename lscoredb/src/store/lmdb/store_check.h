@@ -37,7 +37,7 @@ int FileOf(MDB_env* env);
 // which `lock_file` is one of our own.
 std::vector<int> FilesOf(MDB_env* env, int lock_file);
 
-// Where the file's first byte lies in memory. Throws LSCOREDB_DAMAGED when the tree of trees is not
+// The address of the mapped file. Throws LSCOREDB_DAMAGED when the tree of trees is not
 // where the header says. REQUIRES: the roots of the state were checked, it has trees, and `txn`
 // reads it.
 char const* MapBegin(MDB_txn* txn, pages::Header const& header);

@@ -52,8 +52,8 @@ bool HeaderHolds(Header const& header) {
          TreeHolds(header.free, header.last_page) && TreeHolds(header.trees, header.last_page);
 }
 
-// The two last commits, each where its number puts it; a file that nothing was committed to has 0
-// twice. So a number that changed is noticed, before it brings back an older state.
+// The headers must be of the last two commits, each in the page that its number says; a file
+// without commits has 0 twice. A damaged number would otherwise bring back an older state.
 bool CommitsHold(std::array<Header, 2> const& headers) {
   std::uint64_t const even = headers[0].commit;
   std::uint64_t const odd = headers[1].commit;
@@ -112,7 +112,8 @@ void ReadAt(int file, std::uint64_t offset, std::size_t size, std::string& bytes
 
 }  // namespace pages
 
-// Who writes a header is done with it the next moment, if nobody stops the process.
+// A header that another process is writing may look damaged for a moment, so it is read again for
+// up to a second.
 void CheckFileHeader(int file, bool others_write) {
   constexpr int kAttempts = 1000;
   constexpr timespec kPause{0, 1'000'000};

@@ -18,7 +18,7 @@
 //          24  tree of free pages, its first 4 bytes the page size   72  tree of trees
 //         120  last page (8)     128  commit (8)
 //
-// The header stands behind the page head of page 0 and of page 1; commits take them in turn.
+// The header follows the page head of page 0 and of page 1; commits write them in turn.
 
 #include <array>
 #include <cstddef>
@@ -82,11 +82,11 @@ struct Header {
 
 // Both headers. Throws LSCOREDB_NOT_A_DATABASE or LSCOREDB_DAMAGED when one is not well formed.
 std::array<Header, 2> ReadHeaders(int file);
-// That of the state which commit `commit` made; none when the file tells no more where it is.
-// REQUIRES: no one writes the headers meanwhile, or the answer is looked at again.
+// The header of commit `commit`; none if later commits have overwritten it.
+// REQUIRES: nobody writes the headers meanwhile, or the caller reads them again.
 std::optional<Header> FindHeader(int file, std::uint64_t commit);
 
-// Reads up to `size` bytes; the string is shorter when the file ends before.
+// Reads up to `size` bytes, fewer at the end of the file.
 void ReadAt(int file, std::uint64_t offset, std::size_t size, std::string& bytes);
 
 }  // namespace lscore::pages

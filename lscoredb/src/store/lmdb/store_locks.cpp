@@ -18,12 +18,12 @@ namespace lscore {
 namespace {
 
 constexpr mode_t kFileMode = 0640;
-// Behind all numbers of processes.
+// Bytes after those of all process numbers.
 constexpr off_t kOpen = 0;
 constexpr off_t kDurable = off_t{1} << 40;
 constexpr off_t kWriting = kDurable + 1;
-constexpr off_t kPlaces = kDurable + 2;
-// Far behind all pages.
+constexpr off_t kReaders = kDurable + 2;
+// Bytes of the data file far beyond all pages.
 constexpr off_t kWriters = off_t{1} << 60;
 constexpr off_t kFrozen = kWriters + 1;
 
@@ -50,7 +50,7 @@ bool IsLockedByOthers(int file, off_t byte) {
   return lock.l_type != F_UNLCK;
 }
 
-// `command` says whose locks: those of the process, or of the open file description.
+// `command`: F_SETLK for locks of the process, F_OFD_SETLK for those of the open file description.
 int Unlock(int file, int command) {
   struct flock all = LockOf(F_UNLCK, 0);
   all.l_len = 0;
@@ -59,14 +59,14 @@ int Unlock(int file, int command) {
 
 }  // namespace
 
-StoreLocks::StoreLocks() : writing_{kWriting, {}}, places_{kPlaces, {}} {}
+StoreLocks::StoreLocks() : writing_{kWriting, {}}, readers_{kReaders, {}} {}
 
 StoreLocks::~StoreLocks() {
   LeaveLine();
   CeaseWriting();
   if (data_file_ >= 0) CloseKept(data_file_);
   if (lock_file_ < 0) return;
-  Unlock(lock_file_, F_OFD_SETLK);  // a child that has not closed it yet holds nothing up
+  Unlock(lock_file_, F_OFD_SETLK);  // a forked child may still have the description open
   CloseKept(lock_file_);
 }
 
@@ -86,8 +86,8 @@ void StoreLocks::LineUp(std::string const& directory, std::uint32_t max_readers)
   MakeRoom(path, max_readers);
 }
 
-// The size stays as it is: the library reads from it how many readers it has slots for. A file
-// system that cannot reserve room is one that has it, or none at all.
+// Keeps the file's size, from which the library computes the number of reader slots. A file system
+// that cannot reserve space is used without.
 void StoreLocks::MakeRoom(std::string const& path, std::uint32_t max_readers) const {
   constexpr off_t kLine = 64;  // bytes of a slot, and as much as three before the first
   struct stat status {};
@@ -128,11 +128,12 @@ void StoreLocks::CeaseWriting() noexcept {
 
 bool StoreLocks::alone() const { return !IsLockedByOthers(lock_file_, kOpen); }
 
-// The library says once that the process lives, when it first reads, and relies on it from then on.
+// The library sets its lock for a living process once, with the first reader, so a reader is begun
+// and ended first.
 void StoreLocks::TakeOver(MDB_env* env) {
   {
     MDB_txn* txn = nullptr;
-    PlacesTurn const turn(*this);
+    ReadersTurn const turn(*this);
     int const code = mdb_txn_begin(env, nullptr, MDB_RDONLY, &txn);
     if (code == 0) mdb_txn_abort(txn);
     if (code != MDB_READERS_FULL) CheckStore(code);

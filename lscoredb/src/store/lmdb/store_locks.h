@@ -1,27 +1,26 @@
 #ifndef LSCOREDB_SRC_STORE_LOCKS_H
 #define LSCOREDB_SRC_STORE_LOCKS_H
 
-// The locks by which processes that have one directory open know of each other.
+// The locks among the processes that have one directory open.
 //
-// The store's library marks its lock file with POSIX record locks: one for having it open, one that
-// says that the process lives. Those belong to the process and vanish when any part of it closes
-// any descriptor of that file, a backup that copies the directory for one. Then the next opener
-// would begin the table of readers anew under those who use it. So the locks are taken over: once
-// the library has set them, the same bytes are locked through an open file description of our own,
-// which only its own end unlocks. The library of another process asks for these bytes as before and
-// sees them taken.
+// The store's library marks its lock file with POSIX record locks: one while it is open, one to
+// show that the process lives. Those belong to the process and vanish when any part of it closes
+// any descriptor of that file, for example a backup that copies the directory. The next opener
+// would then reset the table of readers while it is in use. So the locks are taken over: once the
+// library has set them, the same bytes are locked through an open file description of our own,
+// which only its own close unlocks. The library of another process tests these bytes as before and
+// finds them locked.
 //
-//   lock.mdb   byte 0       shared      who has the directory open
+//   lock.mdb   byte 0       shared      has the directory open
 //              byte PID     exclusive   the process PID lives, and so do its readers
-//              kDurable     shared      who wants every commit synced, of whatever process
-//              kWriting     exclusive   who writes; WriteTurn
-//              kPlaces      exclusive   who changes the table of readers; PlacesTurn
-//   data.mdb   kWriters     shared      who may write
-//              kFrozen      shared      who reads without a slot in the table of readers
-//   directory  flock        exclusive   who is opening it, one at a time
+//              kDurable     shared      wants every commit synced, those of other processes too
+//              kWriting     exclusive   writes; WriteTurn
+//              kReaders     exclusive   changes the table of readers; ReadersTurn
+//   data.mdb   kWriters     shared      may write
+//              kFrozen      shared      reads without a slot in the table of readers
+//   directory  flock        exclusive   opens the directory, one process at a time
 //
-// No one holds both kWriters and kFrozen while another holds the other one. For the store's own
-// source files.
+// kWriters and kFrozen exclude each other among processes. For this folder's own sources.
 
 #include <sys/types.h>
 
@@ -41,28 +40,28 @@ class StoreLocks {
   StoreLocks(StoreLocks const&) = delete;
   StoreLocks& operator=(StoreLocks const&) = delete;
 
-  // Waits until no one else is opening the directory. Then opens the lock file, or makes it, with
-  // room on the disk for the table of readers: the library writes it through memory, where a full
-  // disk would end the process. Throws what ThrowCannotOpen does.
+  // Waits until nobody else is opening the directory. Then opens or creates the lock file, with
+  // disk space reserved for the table of readers: the library writes it through the map, where a
+  // full disk would end the process. Throws what ThrowCannotOpen does.
   void LineUp(std::string const& directory, std::uint32_t max_readers);
 
-  // Whether no one else has the directory open. REQUIRES: lined up.
+  // Whether nobody else has the directory open. REQUIRES: lined up.
   bool alone() const;
-  // Lines up one who may not write the directory. He reads without a slot in the table of readers,
-  // so no one writes until his end: throws LSCOREDB_CANNOT_OPEN when someone may do so.
+  // Lines up a process that may not write the directory. It reads without a slot in the table of
+  // readers, so nobody may write until it ends: throws LSCOREDB_CANNOT_OPEN if a process may.
   void LineUpWithoutSlot(std::string const& directory);
-  // Says that this process may write, through a descriptor of the data file. Throws
-  // LSCOREDB_CANNOT_OPEN while someone reads without a slot. REQUIRES: lined up.
+  // Marks this process as one that may write, through a descriptor of the data file. Throws
+  // LSCOREDB_CANNOT_OPEN while a process reads without a slot. REQUIRES: lined up.
   void BecomeWriter(std::string const& directory, int data_file);
-  // Before the library closes that descriptor.
+  // Called before the library closes that descriptor.
   void CeaseWriting() noexcept;
 
-  // Takes the library's locks over. REQUIRES: `env` was opened since, and `alone` asked before.
+  // Takes the library's locks over. REQUIRES: `env` was opened after LineUp and alone().
   void TakeOver(MDB_env* env);
-  // Lets the next one open the directory.
+  // Lets the next process open the directory.
   void LeaveLine() noexcept;
 
-  // From now on everyone who writes the files syncs every commit.
+  // From now on every process that writes the files syncs every commit.
   void RequireSync();
   bool OthersRequireSync() const;
 
@@ -71,12 +70,12 @@ class StoreLocks {
  private:
   friend class Turn;
   friend class WriteTurn;
-  friend class PlacesTurn;
+  friend class ReadersTurn;
 
-  // For one byte of the lock file.
+  // A lock on one byte of the lock file, which a mutex extends to the threads of the process.
   struct Queue {
     off_t byte;
-    std::mutex threads;  // of the process
+    std::mutex threads;
   };
 
   void TakeTurn(Queue& queue);
@@ -86,16 +85,16 @@ class StoreLocks {
 
   int directory_ = -1;
   int lock_file_ = -1;
-  int data_file_ = -1;     // of one without a slot
-  int written_file_ = -1;  // the library's
+  int data_file_ = -1;     // opened by a process without a slot
+  int written_file_ = -1;  // the library's descriptor
   Queue writing_;
-  Queue places_;
+  Queue readers_;
 };
 
-// Stands before one of the library's own two locks, so that no one ever waits for that one for
-// long. The library wakes one of those who wait; when that one is killed before it takes the lock,
-// while the one before takes it again, the others sleep on and nobody knows of them. The system's
-// locks leave no one behind. Belongs to the thread that took it.
+// A lock of the system in front of one of the library's own two mutexes, so that nobody waits at
+// the mutex for long. The library's unlock wakes one waiter. If that one is killed before it takes
+// the mutex, while the last holder takes it again, the other waiters sleep on and nobody wakes
+// them. The system's locks wake every waiter. Belongs to the thread that took it.
 class Turn {
  public:
   Turn() = default;  // none
@@ -121,11 +120,12 @@ class WriteTurn : public Turn {
   explicit WriteTurn(StoreLocks& locks) : Turn(locks, locks.writing_) {}
 };
 
-// None for one who reads without a slot. It may be taken in a WriteTurn, not the other way round.
-class PlacesTurn : public Turn {
+// A process that reads without a slot takes none. May be taken inside a WriteTurn, not the other
+// way round.
+class ReadersTurn : public Turn {
  public:
-  explicit PlacesTurn(StoreLocks& locks)
-      : Turn(locks.lock_file() < 0 ? Turn() : Turn(locks, locks.places_)) {}
+  explicit ReadersTurn(StoreLocks& locks)
+      : Turn(locks.lock_file() < 0 ? Turn() : Turn(locks, locks.readers_)) {}
 };
 
 }  // namespace lscore

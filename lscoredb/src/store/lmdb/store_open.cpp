@@ -31,20 +31,21 @@ constexpr unsigned kTreeFlags[kTreeCount] = {MDB_INTEGERKEY, 0, 0, 0, 0};
 constexpr mode_t kFileMode = 0640;
 constexpr mode_t kDirectoryMode = 0750;
 
-// While opening, what the system refuses is told as that.
+// Reports an error of the system as such while opening.
 void CheckOpening(int code) {
   if (code == 0) return;
   Status const status = StatusOfStore(code);
   Throw(status == LSCOREDB_IO_ERROR ? LSCOREDB_CANNOT_OPEN : status);
 }
 
-// The lock file is open already, so what the system refuses the library is the data file.
+// The lock file is open already, so an error of the system concerns the data file.
 void CheckOpening(int code, char const* directory) {
   if (code > 0) NoteOpenError(std::string(directory) + "/data.mdb", code);
   CheckOpening(code);
 }
 
-// A directory for the short time of opening: what the store finds there is a name for memory.
+// A directory that exists only while a store in memory is opened: its data file is a link to
+// memory.
 class MemoryDirectory {
  public:
   MemoryDirectory() {
@@ -95,7 +96,7 @@ bool IsEmpty(MDB_txn* txn) {
   return stat.ms_entries == 0;
 }
 
-// The version record stands first: without it nothing else is touched.
+// Checked before anything else is used.
 void CheckFormat(MappedState const& state) {
   std::string_view record;
   if (!state.Get(Tree::kMeta, format::kFormatKey, &record)) Throw(LSCOREDB_NOT_A_DATABASE);
@@ -124,8 +125,8 @@ void WriteFormat(MDB_txn* txn, MDB_dbi meta) {
 
 }  // namespace
 
-// What opens must be a whole database or none at all, whenever the power goes: a new file gets its
-// name when all of it is on the disk.
+// Creates a data file so that after a power failure there is a complete database or none: a new
+// file is written and synced under another name and then renamed.
 class DataFile {
  public:
   DataFile(std::string const& directory, StoreOptions const& options, bool sync)
@@ -136,9 +137,9 @@ class DataFile {
     return stat((directory_ + "/data.mdb").c_str(), &status) == 0 && status.st_size != 0;
   }
 
-  // REQUIRES: no one else has the directory open.
+  // REQUIRES: nobody else has the directory open.
   void Make() const {
-    Clear();  // of one who did not come to an end
+    Clear();  // leftovers of a process that died here
     std::string const scratch = Scratch();
     std::string const path = directory_ + "/data.mdb";
     if (mkdir(scratch.c_str(), kDirectoryMode) != 0) ThrowCannotOpen(scratch, errno);
@@ -194,7 +195,7 @@ class StoreOpener {
     return store;
   }
 
-  // `slot`: in the table of readers. Without one, no one writes until the store is closed.
+  // `slot`: with one in the table of readers. Without one, nobody writes until the store is closed.
   static std::unique_ptr<LmdbStore> OpenToRead(char const* path, StoreOptions const& options,
                                                bool slot) {
     std::unique_ptr<LmdbStore> store(new LmdbStore);
@@ -224,7 +225,7 @@ class StoreOpener {
     store.UseReservations(std::move(reservations));
   }
 
-  // Of a file that has no name yet.
+  // In a file that has no final name yet.
   static void MakeTrees(MDB_env* env) {
     unsigned handles[kTreeCount] = {};
     WritePause writing(env);
@@ -251,13 +252,13 @@ class StoreOpener {
   }
 
  private:
-  // While no one writes: what the header says, the trees, and what others did not sync.
+  // Checks the header and the trees and syncs what others did not, while nobody writes.
   static void LookIn(LmdbStore& store) {
     if (!FindTrees(store)) FindTrees(store);
     if (store.sync_) CheckStore(mdb_env_sync(store.env_, 1));
   }
 
-  // Returns whether the file has trees; one that has none gets them.
+  // Opens the trees and returns whether they existed; creates them otherwise.
   static bool FindTrees(LmdbStore& store) {
     MDB_env* const env = store.env_;
     WritePause pause(store.locks_, env);
@@ -286,12 +287,12 @@ class StoreOpener {
     CheckStore(code);
   }
 
-  // The same without the right to make them wait.
+  // The same for a process that cannot make writers wait.
   static void LookInBesideWriters(LmdbStore& store) {
     MDB_env* const env = store.env_;
     MDB_txn* txn = nullptr;
     {
-      PlacesTurn const turn(store.locks_);
+      ReadersTurn const turn(store.locks_);
       CheckOpening(mdb_txn_begin(env, nullptr, MDB_RDONLY, &txn));
     }
     std::unique_ptr<MDB_txn, void (*)(MDB_txn*)> reading(txn, mdb_txn_abort);
@@ -304,7 +305,8 @@ class StoreOpener {
     CheckStore(mdb_txn_commit(txn));  // which keeps the trees open
   }
 
-  // Two commits may take the header away, not more, since whoever reads it lines up.
+  // Commits may overwrite the header while it is looked for, but only of processes that are open
+  // already: others wait in line.
   static pages::Header StableHeader(int file, std::uint64_t state) {
     constexpr int kAttempts = 1000;
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
@@ -364,7 +366,7 @@ void DataFile::Fill() const {
 
 namespace {
 
-// With what a process that may write uses, or else with none of it.
+// Opens with the lock file and a reader slot if the files allow it, otherwise without both.
 std::unique_ptr<LmdbStore> OpenOnlyToRead(char const* directory, StoreOptions const& options) {
   CheckDataFile(directory, true);
   try {

@@ -74,7 +74,7 @@ bool IsBelow(std::uint16_t key_kind, std::string_view a, std::string_view b) {
   return Load<std::uint64_t>(a.data()) < Load<std::uint64_t>(b.data());
 }
 
-// The first key of a branch page stands for everything below the second, whatever it is.
+// The first key of a branch page is ignored: its child has everything below the second key.
 bool KeysHold(Page const& page, bool leaf, std::uint16_t key_kind, Bounds bounds) {
   std::string_view before;
   for (std::size_t i = leaf ? 0 : 1; i < page.count(); ++i) {

@@ -1,8 +1,8 @@
 #ifndef LSCOREDB_SRC_STORE_PAGE_H
 #define LSCOREDB_SRC_STORE_PAGE_H
 
-// One page of a tree, looked at before anything in it is followed. Owns no bytes; those that it is
-// given outlive it. The bytes of pages are drawn in store_header.h.
+// One page of a tree, checked before anything in it is followed. Refers to bytes that must outlive
+// it. store_header.h draws the bytes of pages.
 
 #include <cstdint>
 #include <string_view>
@@ -11,13 +11,13 @@
 
 namespace lscore::pages {
 
-// Keys from `low` on and below `high`. Empty ones bound nothing.
+// Keys from `low` on and below `high`. Empty: no bound.
 struct Bounds {
   std::string_view low;
   std::string_view high;
 };
 
-// One node of a page; Page::Load has looked at its offsets.
+// One node of a page, whose offsets Page::Load has checked.
 struct Node {
   std::string_view key;
   std::uint16_t value_kind = 0;
@@ -28,7 +28,7 @@ struct Node {
 
 class Page {
  public:
-  // Why the bytes are no page of that kind, or null: then every node lies inside of it.
+  // Null if the bytes are a page of that kind with all nodes inside it; otherwise what is wrong.
   char const* Load(std::uint64_t number, std::size_t page_size, bool leaf, std::string_view bytes);
   // As Load. REQUIRES: the bytes were loaded before and have not changed.
   void Reload(bool leaf, std::string_view bytes);
@@ -47,9 +47,9 @@ class Page {
   std::size_t count_ = 0;
 };
 
-// Whether `a` is below `b`, in a tree whose keys are of that kind and hold.
+// Whether `a` is below `b`. REQUIRES: both are valid keys of that kind.
 bool IsBelow(std::uint16_t key_kind, std::string_view a, std::string_view b);
-// Whether the page's keys are keys of that kind, rise, and lie within the bounds.
+// Whether the page's keys are of that kind, ascend, and lie within the bounds.
 bool KeysHold(Page const& page, bool leaf, std::uint16_t key_kind, Bounds bounds);
 
 }  // namespace lscore::pages

@@ -26,8 +26,7 @@ constexpr KnownTree kKnownTrees[] = {{"rows", kIntegerKeys},
                                      {"definitions", kByteKeys},
                                      {"meta", kByteKeys}};
 
-// The pages that the file has room for. Of those behind it, which nobody has written, some may be
-// free.
+// The number of pages in the file. Free pages beyond its end are possible: they were never written.
 std::uint64_t PagesOf(int file, Header const& header) {
   struct stat status {};
   if (fstat(file, &status) != 0) Throw(LSCOREDB_IO_ERROR);
@@ -48,7 +47,7 @@ class PageScan {
   void Run();
 
  private:
-  // What the scan of one tree has met, against what the tree's record says.
+  // What the scan of one tree has counted, to be compared with the tree's record.
   struct Met {
     std::uint64_t branch_pages = 0;
     std::uint64_t leaf_pages = 0;
@@ -133,7 +132,7 @@ void PageScan::ScanTree(std::string_view name, TreeRecord const& tree) {
   if (faults_ == before && !same) Report("its size differs from its record");
 }
 
-// `levels` is the height of what stands below the page and itself.
+// `levels`: the height of the tree from this page down.
 void PageScan::ScanPage(std::uint64_t number, std::uint16_t levels, Bounds bounds) {
   std::string bytes;
   Page page;
@@ -228,7 +227,8 @@ bool PageScan::ScanOverflow(Node const& node, std::string* bytes) {
   return true;
 }
 
-// A count and as many page numbers, falling, that the commit named by the key has left.
+// A list of free pages: a count and as many page numbers, in descending order, that were freed by
+// the commit which the key names.
 void PageScan::ScanFreePages(std::string_view key, std::string_view list) {
   auto const commit = Load<std::uint64_t>(key.data());
   std::size_t const room = list.size() / sizeof(std::uint64_t);
@@ -246,7 +246,7 @@ void PageScan::ScanFreePages(std::string_view key, std::string_view list) {
   }
 }
 
-// Whether the pages are there and nobody had them before.
+// Marks the pages as used. Returns whether they are in the file and were not used before.
 bool PageScan::Take(std::uint64_t first, std::uint64_t count) {
   if (first < kHeaderPages || first > header_.last_page) return false;
   if (first >= seen_.size() || count > seen_.size() - first) return false;
