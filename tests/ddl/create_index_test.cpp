@@ -131,14 +131,25 @@ TEST_F(CreateIndexTest, SixteenColumnsByNames_AreRefusedBeforeTheKernel) {
   EXPECT_EQ(0u, TokenOf(u"I"));
 }
 
-TEST_F(CreateIndexTest, SixteenColumnsByOrdinals_AreRefusedBehindTheKernel) {
+TEST_F(CreateIndexTest, SixteenTo114ColumnsByOrdinals_AreRefusedAfterTheKernelTookThem) {
   CreateWideTable();
   uint64_t const generation = Generation();
-  ExpectRefused(SAGLEME_BROKEN_CATALOGUE,
-                u"Number of columns in index I doesn't fit into 16 bit sort mask.",
-                ByOrdinals(u"I", 0, Ordinals(16)));
-  EXPECT_TRUE(KernelHasIndex(u"I"));
-  EXPECT_EQ(1u, IndexesOf(u"T").size());
+  struct Wide {
+    std::u16string name;
+    int count;
+  };
+  std::size_t rows = 0;
+  for (auto const& [name, count] : {Wide{u"I16", 16}, {u"I17", 17}, {u"I20", 20}, {u"I114", 114}}) {
+    SCOPED_TRACE(count);
+    std::vector<int16_t> ordinals = Ordinals(count < 20 ? count : 20);
+    ordinals.resize(static_cast<std::size_t>(count), 3);
+    ExpectRefused(SAGLEME_BROKEN_CATALOGUE,
+                  u"Number of columns in index " + name + u" doesn't fit into 16 bit sort mask.",
+                  ByOrdinals(name.c_str(), 0, ordinals));
+    EXPECT_TRUE(KernelHasIndex(name.c_str()));
+    EXPECT_EQ(count, KernelIndex(name.c_str()).attribute_count);
+    EXPECT_EQ(++rows, IndexesOf(u"T").size());
+  }
   EXPECT_EQ(generation, Generation());
 }
 

@@ -57,6 +57,29 @@ TEST_P(BootstrapCallsTest, NormalEnd_IsAStepWithoutASuccessor) {
   EXPECT_EQ(0u, Current());
 }
 
+// Verified between its creation and that of the next table, so that what a host did at the yield in
+// between is noticed.
+TEST_P(BootstrapCallsTest, RootIndex_IsVerifiedTwiceBeforeTheNextTable) {
+  recording_kernel::Record();
+  EXPECT_EQ(0u, RunToTheEnd(Start()));
+  bool created = false;
+  int verified = 0;
+  uint64_t token = 0;
+  for (recording_kernel::Call const& call : recording_kernel::Calls()) {
+    if (created && call.function == "lorvi_context_create_layout") break;
+    if (created && call.function == "lorvi_context_get_index_infos_by_token") {
+      EXPECT_EQ(token, call.numbers[1]);
+      ++verified;
+    }
+    if (call.function != "lorvi_context_create_index") continue;
+    EXPECT_FALSE(created) << "the root has one index";
+    created = true;
+    token = call.numbers[1];
+  }
+  EXPECT_TRUE(created);
+  EXPECT_EQ(2, verified);
+}
+
 TEST_P(BootstrapCallsTest, BetweenSteps_ContextStaysTheThreads) {
   EXPECT_EQ(0u, Start());
   ASSERT_TRUE(more_);
