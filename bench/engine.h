@@ -19,7 +19,7 @@ using Sum = std::uint64_t;
 
 // Changes are committed in transactions of so many.
 inline constexpr std::size_t kBatch = 1000;
-// What stands behind one savepoint.
+// The writes after one savepoint.
 inline constexpr std::size_t kGroup = 10;
 
 class Engine {
@@ -51,7 +51,7 @@ class Engine {
   // Puts another value, from which the next call with it comes back to the first.
   virtual void UpdateIndexed(std::int64_t flip) = 0;
 
-  // As UpdatePlain, in one transaction that is kept: each group of kGroup stands behind a savepoint
+  // As UpdatePlain, in one transaction that is kept: each group of kGroup follows a savepoint
   // and is taken back to it. Only for engines with savepoints.
   virtual void UpdateAndTakeBack(std::int64_t) { throw std::logic_error("no savepoints"); }
 

@@ -56,7 +56,7 @@ class Hot {
     Check(lorv_crud_WriteLong(context_, handle_, oid_, addr_, kValue));
     transaction.Commit();
   }
-  // The handle knows and does not tell.
+  // The handle knows it but has no function for it.
   std::uint32_t FindColumn() const {
     for (std::uint32_t column = 2; column < 16; ++column) {
       std::int64_t value = 0;

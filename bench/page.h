@@ -1,7 +1,7 @@
 #ifndef SAGLEME_BENCH_PAGE_H
 #define SAGLEME_BENCH_PAGE_H
 
-// The page of the documentation that tells how fast sagleme is: texts of bench/texts around the
+// The page of the documentation about the speed of sagleme: texts of bench/texts around the
 // table of a run.
 
 #include <string>

@@ -1,7 +1,7 @@
 #ifndef SAGLEME_BENCH_RESULTS_H
 #define SAGLEME_BENCH_RESULTS_H
 
-// Figures and how they are told: a table for people, JSON for programs, a page for the docs.
+// Figures and their forms: a table for people, JSON for programs, a page for the docs.
 
 #include <cstddef>
 #include <iosfwd>

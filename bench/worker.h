@@ -1,7 +1,7 @@
 #ifndef SAGLEME_BENCH_WORKER_H
 #define SAGLEME_BENCH_WORKER_H
 
-// A child process that works when it is told to, so that several databases can take turns, each in
+// A child process that works on request, so that several databases can take turns, each in
 // a process of its own, and so that what a process does for the first time can be measured again.
 
 #include <functional>

@@ -3,7 +3,7 @@
 //
 //     replay_<fuzzer> folder count [seed]
 //
-// An input that ends the process is told in hexadecimal; as bytes in the folder it is a test.
+// An input that ends the process is printed in hexadecimal; as bytes in the folder it is a test.
 
 #include <algorithm>
 #include <csignal>

@@ -121,7 +121,7 @@ void Attachment::Rollback() noexcept {
   End();
 }
 
-// SQLite tells a table of the last savepoint when the transaction first writes it. Those around it
+// SQLite announces the last savepoint to a table when the transaction first writes it. Those around it
 // begin with the same state, or, when a definition is what writes, with the one before.
 void Attachment::Savepoint(int number) {
   int next = marks_.empty() ? kWholeTransaction : marks_.back().number + 1;

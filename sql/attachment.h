@@ -72,7 +72,7 @@ class Attachment {
   void Commit();
   void Rollback() noexcept;
 
-  // ---- savepoints, by SQLite's numbers, which every table of a transaction tells
+  // ---- savepoints, by SQLite's numbers, which every table of a transaction gets
   void Savepoint(int number);
   void RollbackTo(int number);
   void Release(int number);

@@ -13,7 +13,7 @@
 //
 //   column:  name type [NOT NULL | NULL]   or   name REF ( table )
 //
-// Names are plain words or stand between double quotes, and have segments with dots between them.
+// Names are plain words or in double quotes, and have segments with dots between them.
 
 #include <sagleme/host.hpp>
 #include <string>

@@ -31,7 +31,7 @@ struct Plan {
   std::size_t index = 0;  // in Shape::indexes
   std::vector<Use> uses;
   bool reverse = false;
-  bool ordered = false;  // SQLite was told that rows come in its order
+  bool ordered = false;  // rows come in the order that SQLite asked for
   std::vector<OrderColumn> order;
   bool skips =
       false;         // rows that equal another one in the only column of the order may be left out

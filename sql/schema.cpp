@@ -98,7 +98,7 @@ ShapeIndex IndexOf(Shape const& shape, Index const& index, bool own) {
 
 struct Tree {
   std::map<std::u16string, TablePtr> by_name;
-  std::map<std::u16string, TablePtr> by_setspec;  // a table stands before those derived from it
+  std::map<std::u16string, TablePtr> by_setspec;  // a table precedes those derived from it
   std::map<std::uint64_t, std::uint64_t> tokens;  // of a table's layouts, by the catalogue's row
 };
 

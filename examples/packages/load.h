@@ -24,7 +24,7 @@ namespace packages {
 struct LoadOptions {
   int64_t batch = 500;                        // stanzas in a transaction
   std::function<bool()> is_interrupted;       // asked before every stanza
-  std::function<void(std::string)> complain;  // is told each malformed stanza
+  std::function<void(std::string)> complain;  // gets each malformed stanza
 };
 
 struct LoadResult {

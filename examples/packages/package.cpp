@@ -145,7 +145,7 @@ bool IsManual(std::string const& name) {
 }
 
 Kind KindOf(Package const& package) {
-  // An archive area stands before the section: "non-free/libs".
+  // An archive area precedes the section: "non-free/libs".
   std::string_view const section =
       std::string_view(package.section).substr(package.section.rfind('/') + 1);
   if (IsManual(package.name)) return Kind::kManual;

@@ -1,7 +1,7 @@
 #ifndef PACKAGES_PACKAGE_H
 #define PACKAGES_PACKAGE_H
 
-// One package as the file tells it, its fields checked and typed.
+// One package as the file describes it, its fields checked and typed.
 
 #include <cstdint>
 #include <optional>
@@ -43,7 +43,7 @@ struct Package {
   uint64_t installed_size = 0;            // KiB
   std::optional<uint64_t> download_size;  // bytes
   std::optional<double> compression;      // download size over installed size
-  std::vector<uint8_t> digest;            // of the package file, empty when not told
+  std::vector<uint8_t> digest;            // of the package file, empty when not given
   std::vector<uint8_t> configuration;     // MD5 sums of the configuration files, one after another
   int64_t configuration_files = 0;
   std::vector<Dependency> dependencies;

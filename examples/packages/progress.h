@@ -12,7 +12,7 @@ namespace packages {
 
 class Progress {
  public:
-  // `total` 0: unknown; every step is told then, and no rate.
+  // `total` 0: unknown; every step is shown then, without a rate.
   Progress(std::string label, int64_t total);
   ~Progress();
   Progress(Progress const&) = delete;

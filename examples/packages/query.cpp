@@ -151,7 +151,7 @@ std::vector<TableSpec const*> Answers::WithBases(TableSpec const& table) const {
   return tables;
 }
 
-// Text that tells one object from others of its table.
+// Text that distinguishes an object from others of its table.
 std::string Answers::Referenced(LS_OBJ_REF const& target) const {
   if (IsNull(target)) return {};
   std::string const table = TableOfObject(target.oid);

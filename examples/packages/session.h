@@ -42,7 +42,7 @@ class Transaction : public sagleme::RawTransaction {
 };
 
 // Opens the database in a directory, or makes it there, or goes on where making it was cut off.
-// `progress` is told each step of the making, which is kept by itself.
+// `progress` gets each step of the creation, and each is committed by itself.
 sagleme::Database OpenOrCreate(std::string const& directory, sagleme::Progress const& progress);
 
 // The kernel's id of a named index; 0 when there is no such index.

@@ -15,7 +15,7 @@ namespace {
 
 using Json = nlohmann::json;
 
-// Takes `word` and a number from the beginning of a text; false when they do not stand there.
+// Takes `word` and a number from the beginning of a text; false when it begins otherwise.
 bool Take(std::string_view& text, std::string_view word, std::uint64_t* number) {
   if (!text.starts_with(word)) return false;
   text.remove_prefix(word.size());

@@ -124,7 +124,7 @@ class FlatJson::Handler {
   std::size_t depth_ = 0;
   bool whole_ = false;
   JsonLiteral* object_ = nullptr;  // the value that is being read
-  std::size_t object_depth_ = 0;   // where its members stand
+  std::size_t object_depth_ = 0;   // of its members
   Stage stage_ = Stage::kOther;
 };
 

@@ -12,7 +12,7 @@ namespace sagleme {
 namespace {
 
 constexpr std::size_t kPiece = std::size_t{256} * 1024;
-constexpr std::size_t kMagic = 6;  // bytes that tell what a file is
+constexpr std::size_t kMagic = 6;  // bytes that show what a file is
 constexpr std::size_t kHuge = std::size_t{1024} * 1024;
 
 [[noreturn]] void RefuseData(std::string const& what) {

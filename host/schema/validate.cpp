@@ -25,7 +25,7 @@ SchemaDoc CompletedSchema(SchemaDoc const& wanted, SchemaDoc const& present) {
   SchemaDoc whole = wanted;
   if (wanted.part.empty()) return whole;
   std::set<std::string> inside{wanted.part};
-  for (TableDoc const& table : present.tables) {  // bases stand first
+  for (TableDoc const& table : present.tables) {  // bases come first
     if (inside.contains(table.base)) inside.insert(table.name);
     if (!inside.contains(table.name)) whole.tables.push_back(table);
   }

@@ -1,4 +1,4 @@
-// What the check tells: each rule is broken by itself, in the file of a sound database.
+// What the check reports: each rule is broken by itself, in the file of a sound database.
 
 #include <thread>
 

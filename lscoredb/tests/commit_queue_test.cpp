@@ -118,7 +118,7 @@ TEST_F(CommitQueueTest, WorkBetweenBatches_WaitsForTheLeader) {
   EXPECT_TRUE(seen);
 }
 
-TEST_F(CommitQueueTest, WorkBetweenBatches_GoesOnWhileOneWaitsForCompany) {
+TEST_F(CommitQueueTest, WorkBetweenBatches_GoesOnWhileOneWaitsForOthers) {
   CommitQueue line(kForEver);
   LeadWithBehind(line, 1);
   bool done = false;

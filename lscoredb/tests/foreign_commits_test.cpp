@@ -1,4 +1,4 @@
-// What the numbers of states tell of who committed them.
+// What the numbers of states say about who committed them.
 
 #include "foreign_commits.h"
 

@@ -1,4 +1,4 @@
-// A scan sees its range as it stood when it was opened, whatever the scanner does meanwhile.
+// A scan sees its range as it was when it was opened, whatever its caller does meanwhile.
 
 #include <algorithm>
 #include <memory>

@@ -72,7 +72,7 @@ class TemporaryDirectory {
   std::filesystem::path path_;
 };
 
-// What the check tells, without its text.
+// What the check reports, without its text.
 struct Finding {
   std::uint32_t kind = 0;
   Oid object = 0;

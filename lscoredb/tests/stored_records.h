@@ -2,7 +2,7 @@
 #define LSCOREDB_TESTS_STORED_RECORDS_H
 
 // The records of a closed data file, to be changed behind the kernel's back by the store's own
-// library. The numbers here are those of the file's format, told once more.
+// library. The numbers here repeat those of the file's format.
 
 #include <lmdb.h>
 

@@ -1,4 +1,4 @@
-// Long work tells its thread's watch how far it is, and stops when that says so.
+// Long work reports its progress to the thread's watch, and stops when the watch says so.
 
 #include <lscoredb/watch.h>
 
@@ -16,7 +16,7 @@ class Observer {
  public:
   static constexpr std::uint64_t kNever = ~std::uint64_t{0};
 
-  // Stops the work when it is told so often, 0 for never, or that so much is done.
+  // Stops the work at that report, 0 for never, or when that much is done.
   explicit Observer(int stop_at = 0, std::uint64_t stop_when = kNever)
       : stop_at_(stop_at), stop_when_(stop_when) {
     lscoredb_watch(&Observer::Report, this);

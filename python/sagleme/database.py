@@ -293,7 +293,7 @@ class Database:
                report: Callable[[dict[str, int]], bool | None] | None = None) -> dict[str, int]:
         """Moves objects to the current layout of their tables, and removes those of dropped ones.
 
-        Each batch is a transaction of its own, after which `report` is told what was done so far;
+        Each batch is a transaction of its own, after which `report` gets what was done so far;
         False from it ends the run. A later run goes on.
         """
         if not isinstance(batch, int) or batch < 1:
@@ -304,7 +304,7 @@ class Database:
     def check(self, *, references: bool = False) -> list[Finding]:
         """Reads everything that is committed and returns what is inconsistent, usually nothing.
 
-        With `references` it also tells those that lead to no object of their class.
+        With `references` it also reports those that lead to no object of their class.
         """
         if self.path is None:
             raise WrongType("a database in memory has no file to check")

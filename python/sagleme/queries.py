@@ -363,7 +363,7 @@ class Query(Generic[T]):
         return {name: _finished(each, results) for name, each in wanted.items()}
 
     def delete(self) -> int:
-        """Deletes the objects; tells how many."""
+        """Deletes the objects; returns how many."""
         number = 0
         for each in list(self):
             self._tx.delete(each)

@@ -53,7 +53,7 @@ struct BoundColumn {
   Kind kind = Kind::kLong;
 };
 
-// A class as it stands in one database under one state of the schema.
+// A class in one database under one state of the schema.
 struct Binding {
   PyTypeObject* type = nullptr;  // strong
   std::u16string setspec;

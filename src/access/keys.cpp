@@ -21,7 +21,7 @@ constexpr unsigned char kLastHeaderByte = 0x80;
 // The payload of a converted text, after its header.
 struct Payload {
   unsigned char const* bytes;
-  unsigned int size;       // as the header tells it
+  unsigned int size;       // from the header
   unsigned int available;  // bytes that are really there
 };
 

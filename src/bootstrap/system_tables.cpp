@@ -137,7 +137,7 @@ void SystemTables::PrepareSetSpecifiers() {
   Yield();
 }
 
-// The index of the old name may stand as a unique one; the repair at the end sees to it.
+// The index of the old name may exist as a unique one; RepairOldIndexes replaces it at the end.
 void SystemTables::CreateSetSpecifierIndexes() {
   std::u16string setspec = set_specifier_.setspec;
   for (unsigned short i = 0; i < set_specifier_.nr_indexes; ++i) {

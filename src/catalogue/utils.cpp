@@ -148,7 +148,7 @@ unsigned short RecreateTable(RawView& table, span<LORVI_COLUMN_DEFINITION const>
 // ---- catalogue rows of a table --------------------------------------------------------------
 
 void CheckTableIsNotUsedByLevel1(RawView const& table) {
-  constexpr int kEnough = 3;  // what the text can tell apart
+  constexpr int kEnough = 3;  // the text distinguishes one, two and more
   db_util::db_iter_with_keys classes;
   OpenByRef(classes, ClrClass::index_id_ClrClassByMapper(), table);
   if (!classes.next()) return;

@@ -27,7 +27,7 @@ using TableSet = std::set<LS_OBJ_REF, ObjRefSetComparator>;
 // ---- obstacles ------------------------------------------------------------------------------
 
 void CheckNoChildren(RawView const& table) {
-  constexpr int kEnough = 3;  // what the text can tell apart
+  constexpr int kEnough = 3;  // the text distinguishes one, two and more
   LS_OBJ_REF first = db_util::null_obj_ref;
   int count = 0;
   EnumChildren(table, [&](RawView const& child) {

@@ -1,7 +1,7 @@
 #ifndef SAGLEME_SRC_FRAME_CONTEXT_STATE_H
 #define SAGLEME_SRC_FRAME_CONTEXT_STATE_H
 
-// What the layer keeps with an open context of a kernel that tells databases apart: the way to the
+// What the layer keeps with an open context of a kernel that distinguishes databases: the way to the
 // database's state, looked up once, and the text of the last failure. Belongs to the thread that is
 // in the context, and ends with it.
 

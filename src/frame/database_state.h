@@ -3,7 +3,7 @@
 
 // What the layer knows of one database, found through a context.
 //
-// A kernel that tells databases apart keeps the state with the database and releases it at the last
+// A kernel that distinguishes databases keeps the state with the database and releases it at the last
 // close. Under any other kernel one state serves the process.
 // The state consists of parts, one for each room that keeps something, made on first use; a part is
 // of no use to other rooms. Any thread may ask for a part; what it holds has rules of its own.

@@ -21,7 +21,7 @@ using lscoredb_release_callback = void (*)(void* value);
 
 namespace metalayer {
 
-// Whether the kernel tells databases apart.
+// Whether the kernel distinguishes databases.
 inline bool KernelKeepsStates() {
   return lscoredb_attach != nullptr && lscoredb_attached != nullptr &&
          lscoredb_context_attach != nullptr && lscoredb_context_attached != nullptr;

@@ -1,7 +1,7 @@
 #ifndef SAGLEME_SRC_FRAME_STACK_SWITCH_H
 #define SAGLEME_SRC_FRAME_STACK_SWITCH_H
 
-// The memory of a coroutine's stack, and what must be told of it to tools that watch stacks.
+// The memory of a coroutine's stack, and its announcement to tools that watch stacks.
 
 #include <cstddef>
 #include <cstdlib>

@@ -225,7 +225,7 @@ DescriptorSet* CurrentDescriptors() {
 }  // namespace
 
 // The map must be full before the first record is assigned, since base tables are found through it,
-// and a table reads the finished counts of its base, which stands before it.
+// and a table reads the finished counts of its base, which precedes it.
 MetaschemaInit::MetaschemaInit()
     : database_(DatabaseState::Share(*TlsMetalayerContext::Current())),
       context_(*TlsMetalayerContext::Current()) {

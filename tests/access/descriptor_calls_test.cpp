@@ -95,7 +95,7 @@ TEST_F(DescriptorCallsDeathTest, LayoutOfAnotherToken_EndsTheProcess) {
   EXPECT_EXIT(Views().get_layout(), kTrap, "");
 }
 
-// Ordinals count too: a kernel that told the same of every column would not do.
+// Ordinals count too: a kernel that answered the same for every column would not do.
 TEST_F(DescriptorCallsDeathTest, ColumnOfAnotherOrdinal_EndsTheProcess) {
   COLUMN_INFO const& column = *Views().find_column(u"LayoutHandle");
   AnswerColumns(column.token);

@@ -1,7 +1,7 @@
 #ifndef SAGLEME_TESTS_CRASH_FAILING_MEMORY_H
 #define SAGLEME_TESTS_CRASH_FAILING_MEMORY_H
 
-// Memory that runs out when it is told to: the executable's operators new serve the libraries too.
+// Memory that runs out on demand: the executable's operators new serve the libraries too.
 // Each thread has its own count.
 
 namespace failing_memory {

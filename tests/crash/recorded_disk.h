@@ -19,7 +19,7 @@
 namespace recorded_disk {
 
 enum class Kind : std::uint32_t {
-  kBegun,            // what was there before has been told
+  kBegun,            // what was there before has been recorded
   kName,             // `file` has come to be at the path `name`
   kUnname,           // `name` is gone
   kRename,           // from `data` to `name`

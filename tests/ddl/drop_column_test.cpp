@@ -273,7 +273,7 @@ TEST_F(DropColumnTest, MappedThreeTimes_SaysOthers) {
                          [&] { return Drop(u"T", u"x"); });
 }
 
-// Only the uses at the table at hand are told, and those of descendants when it is their turn.
+// Only the uses at the current table are reported, those of descendants when it is their turn.
 TEST_F(DropColumnTest, PropertyOnADescendant_StopsTheChangeThere) {
   CreateThreeLevels();
   InsertMappedProperty(View(u"Child"), u"Prop", ColumnRow(u"Child", u"p"));

@@ -84,7 +84,7 @@ struct SetspecRow {
   std::uint64_t next_child = 0;
 };
 
-// A row of Vacuum. The layout is told by what it is made of.
+// A row of Vacuum. The layout is identified by its columns.
 struct Request {
   unsigned kind = 0;  // 1: move, 2: delete
   Text layout_name;

@@ -33,7 +33,7 @@ std::size_t StepsOfLeg(std::uint64_t seed, std::size_t leg) {
   return 50 + random() % 400;
 }
 
-constexpr std::size_t kRemembered = 60;  // operations told of a run that failed
+constexpr std::size_t kRemembered = 60;  // operations reported of a run that failed
 
 enum class StepKind { kOperation, kCommit, kRollback, kSavepoint, kRollbackTo, kRelease };
 
