@@ -121,8 +121,8 @@ void Attachment::Rollback() noexcept {
   End();
 }
 
-// SQLite announces the last savepoint to a table when the transaction first writes it. Those around it
-// begin with the same state, or, when a definition is what writes, with the one before.
+// SQLite announces the last savepoint to a table when the transaction first writes it. Those around
+// it begin with the same state, or, when a definition is what writes, with the one before.
 void Attachment::Savepoint(int number) {
   int next = marks_.empty() ? kWholeTransaction : marks_.back().number + 1;
   for (; next <= number; ++next) {

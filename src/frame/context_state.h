@@ -1,9 +1,9 @@
 #ifndef SAGLEME_SRC_FRAME_CONTEXT_STATE_H
 #define SAGLEME_SRC_FRAME_CONTEXT_STATE_H
 
-// What the layer keeps with an open context of a kernel that distinguishes databases: the way to the
-// database's state, looked up once, and the text of the last failure. Belongs to the thread that is
-// in the context, and ends with it.
+// What the layer keeps with an open context of a kernel that distinguishes databases: the way to
+// the database's state, looked up once, and the text of the last failure. Belongs to the thread
+// that is in the context, and ends with it.
 
 #include <memory>
 

@@ -9,7 +9,8 @@
 //
 // The body runs on a stack of its own, up to its first yield while the handle is made, then one leg
 // per run_continuation. All of it belongs to the thread that made the handle. It ends when the body
-// returns or throws, or when the last handle is freed, which unwinds the body where it is suspended.
+// returns or throws, or when the last handle is freed, which unwinds the body where it is
+// suspended.
 
 #include <sagleme/sagleme.h>
 

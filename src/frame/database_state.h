@@ -3,10 +3,10 @@
 
 // What the layer knows of one database, found through a context.
 //
-// A kernel that distinguishes databases keeps the state with the database and releases it at the last
-// close. Under any other kernel one state serves the process.
-// The state consists of parts, one for each room that keeps something, made on first use; a part is
-// of no use to other rooms. Any thread may ask for a part; what it holds has rules of its own.
+// A kernel that distinguishes databases keeps the state with the database and releases it at the
+// last close. Under any other kernel one state serves the process. The state consists of parts, one
+// for each room that keeps something, made on first use; a part is of no use to other rooms. Any
+// thread may ask for a part; what it holds has rules of its own.
 //
 // The variables that the library exports are the storage of one state: of the process's, and of the
 // database that was opened while no other had them. Parts of that state stand upon them.
