@@ -19,11 +19,7 @@
 namespace lscoredb_test {
 namespace {
 
-std::string ServerDirectory() {
-  std::string const url = std::getenv("SAGLEME_TEST_POSTGRES");
-  std::size_t const begin = url.find("host=") + 5;
-  return url.substr(begin, url.find('&', begin) - begin);
-}
+using lscore::ServerDirectory;
 
 // Two openers that differ in their URL have nothing in common but the server, as two machines.
 class PostgresTest : public testing::Test {

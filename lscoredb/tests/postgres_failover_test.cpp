@@ -1,22 +1,30 @@
-// Several processes commit while their server is killed and its standby is promoted: nothing that
-// was acknowledged is lost, nothing is done twice, and every commit in doubt has an outcome.
+// Several processes commit through proxies that delay every request and cut some of them, while
+// their server is killed and its standby is promoted, while it stands still, and while it starts
+// anew: nothing that was acknowledged is lost, nothing is done twice, and every commit in doubt has
+// an outcome.
 //
-// Commits are durable here, unlike in other tests: each waits for the standby.
-// SAGLEME_TEST_FAIL_OVERS in the environment says how many times; once by default.
+// Commits are durable here, unlike in other tests: each waits for the standby. With
+// SAGLEME_TEST_SECONDS in the environment the server is disturbed in random order for so long,
+// otherwise once in each way.
 
 #include <lscoredb/server.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
+#include <array>
 #include <chrono>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
+#include <list>
+#include <memory>
 #include <random>
+#include <sstream>
 #include <thread>
 
 #include "kernel_test.h"
 #include "postgres_url.h"
+#include "server_proxy.h"
 
 namespace lscoredb_test {
 namespace {
@@ -25,6 +33,10 @@ constexpr std::uint32_t kValue = 2;
 constexpr int kWorkers = 3;
 constexpr int kAccounts = 8;
 constexpr std::chrono::milliseconds kPause{20};
+constexpr std::chrono::seconds kQuiet{1};  // between disturbances
+constexpr Weather kWeather{std::chrono::milliseconds(1), 200};
+// Replies are lost while the server stands still, since that takes longer.
+constexpr char kTimeout[] = "&timeout=2";
 
 struct Bank {
   LayoutId layout = 0;
@@ -52,7 +64,7 @@ class Worker {
       : bank_(bank),
         counter_(bank.counters[number]),
         random_(static_cast<unsigned>(number)),
-        database_(url, DefaultOptions()) {}
+        database_(OpenAtLast(url)) {}
 
   // Moves money until the file `stop` is there. Returns how many commits took place.
   std::int64_t Run(std::string const& stop) {
@@ -72,6 +84,17 @@ class Worker {
   std::size_t asked() const { return asked_; }
 
  private:
+  // The first attempts may come before the proxies, or be cut.
+  static std::unique_ptr<Database> OpenAtLast(std::string const& url) {
+    for (;;) {
+      try {
+        return std::make_unique<Database>(url, DefaultOptions());
+      } catch (std::exception const&) {
+        std::this_thread::sleep_for(kPause);
+      }
+    }
+  }
+
   std::uint32_t Transfer() {
     if (auto const status = lscoredb_begin(session_.context(), LSCOREDB_READ_WRITE)) return status;
     Oid const from = bank_.accounts[random_() % kAccounts];
@@ -100,8 +123,8 @@ class Worker {
   Oid const counter_;
   std::mt19937 random_;
   std::size_t asked_ = 0;
-  Database database_;
-  Session session_{database_};
+  std::unique_ptr<Database> database_;
+  Session session_{*database_};
 };
 
 pid_t StartWorker(std::string const& url, Bank const& bank, std::size_t number,
@@ -109,7 +132,7 @@ pid_t StartWorker(std::string const& url, Bank const& bank, std::size_t number,
   pid_t const child = fork();
   if (child != 0) return child;
   try {
-    Worker worker(url + "&timeout=5", bank, number);
+    Worker worker(url + kTimeout, bank, number);
     std::int64_t const committed = worker.Run(directory + "/stop");
     std::ofstream(directory + "/" + std::to_string(number)) << committed << ' ' << worker.asked();
     _exit(0);
@@ -117,6 +140,71 @@ pid_t StartWorker(std::string const& url, Bank const& bank, std::size_t number,
     std::fprintf(stderr, "worker %zu: %s\n", number, failure.what());
     _exit(1);
   }
+}
+
+// The proxies of all servers, in a process of their own, which goes on until the file
+// `stop` is there and writes the number of cuts into the file `cuts`.
+class Proxies {
+ public:
+  Proxies(std::string const& url, std::string const& directory) : url_(url) {
+    std::string hosts;
+    std::vector<std::string> servers;
+    std::string const all = lscore::ServerDirectory();
+    std::istringstream given(all);
+    for (std::string server; std::getline(given, server, ',');) {
+      std::string const own = directory + "/p" + std::to_string(servers.size());
+      std::filesystem::create_directory(own);
+      hosts += (servers.empty() ? "" : ",") + own;
+      servers.push_back(server);
+    }
+    url_.replace(url_.find(all), all.size(), hosts);
+    child_ = fork();
+    if (child_ == 0) Serve(servers, directory);
+  }
+
+  // Of the database through them.
+  std::string const& url() const { return url_; }
+  pid_t child() const { return child_; }
+
+ private:
+  [[noreturn]] static void Serve(std::vector<std::string> const& servers,
+                                 std::string const& directory) {
+    std::list<ServerProxy> proxies;
+    for (std::string const& server : servers) {
+      std::string const own = directory + "/p" + std::to_string(proxies.size());
+      proxies.emplace_back(server, own, kWeather);
+    }
+    std::uint64_t cuts = 0;
+    while (access((directory + "/stopped").c_str(), F_OK) != 0) std::this_thread::sleep_for(kPause);
+    for (ServerProxy const& proxy : proxies) cuts += proxy.cuts();
+    std::ofstream(directory + "/cuts") << cuts;
+    _exit(0);
+  }
+
+  std::string url_;
+  pid_t child_;
+};
+
+void ExpectSuccess(pid_t child) {
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+}
+
+void Disturb(std::string const& how) {
+  std::this_thread::sleep_for(kQuiet);
+  std::string const command = std::getenv("SAGLEME_TEST_DISTURB") + (" " + how);
+  ASSERT_EQ(std::system(command.c_str()), 0) << how;
+}
+
+void DisturbAgainAndAgain() {
+  std::array const ways{"kill", "pause", "restart"};
+  for (char const* const way : ways) Disturb(way);
+  char const* const seconds = std::getenv("SAGLEME_TEST_SECONDS");
+  if (seconds == nullptr) return;
+  auto const end = std::chrono::steady_clock::now() + std::chrono::seconds(std::atoi(seconds));
+  std::mt19937 random{std::random_device()()};
+  while (std::chrono::steady_clock::now() < end) Disturb(ways[random() % ways.size()]);
 }
 
 TEST(PostgresFailoverTest, Commits_AreNeitherLostNorAppliedTwice) {
@@ -128,22 +216,20 @@ TEST(PostgresFailoverTest, Commits_AreNeitherLostNorAppliedTwice) {
     Session session(database);
     bank = MakeBank(session);
   }
+  Proxies const proxies(url, directory.path());
   std::vector<pid_t> workers;
   for (std::size_t i = 0; i < kWorkers; ++i) {
-    workers.push_back(StartWorker(url, bank, i, directory.path()));
+    workers.push_back(StartWorker(proxies.url(), bank, i, directory.path()));
   }
-  char const* const times = std::getenv("SAGLEME_TEST_FAIL_OVERS");
-  for (int i = times == nullptr ? 1 : std::atoi(times); i > 0; --i) {
-    std::this_thread::sleep_for(std::chrono::seconds(1));
-    ASSERT_EQ(std::system(std::getenv("SAGLEME_TEST_FAIL_OVER")), 0);
-  }
-  std::this_thread::sleep_for(std::chrono::seconds(1));
+  DisturbAgainAndAgain();
+  std::this_thread::sleep_for(kQuiet);
   std::ofstream(directory / "stop") << "now";
-  for (pid_t const worker : workers) {
-    int status = 0;
-    ASSERT_EQ(waitpid(worker, &status, 0), worker);
-    EXPECT_EQ(status, 0);
-  }
+  for (pid_t const worker : workers) ExpectSuccess(worker);
+  std::ofstream(directory / "stopped") << "now";
+  ExpectSuccess(proxies.child());
+  std::uint64_t cuts = 0;
+  std::ifstream(directory / "cuts") >> cuts;
+  EXPECT_GT(cuts, 0U);
   Database const database(url, DefaultOptions());
   Session session(database);
   session.BeginReadOnly();

@@ -18,6 +18,13 @@ inline bool RunsOnServer() {
   return store != nullptr && std::string(store) == "postgres";
 }
 
+// Where the sockets of that server are, or of several with commas between.
+inline std::string ServerDirectory() {
+  std::string const url = std::getenv("SAGLEME_TEST_POSTGRES");
+  std::size_t const begin = url.find("host=") + 5;
+  return url.substr(begin, url.find('&', begin) - begin);
+}
+
 // The URL of a schema that is not there yet.
 inline std::string NewServerUrl() {
   static std::atomic<int> count{0};

@@ -7,6 +7,7 @@
 
 #include <array>
 #include <cstring>
+#include <random>
 #include <stdexcept>
 #include <string_view>
 
@@ -20,6 +21,7 @@ constexpr std::string_view kRollback{"rollback\0", 9};
 constexpr std::string_view kBegin{"begin_"};
 constexpr std::string_view kTerminate{"X\0\0\0\4", 5};
 constexpr int kPatience = 50;  // milliseconds between looks at whether it is over
+constexpr int kAnswerTime = 2000;
 
 sockaddr_un AddressIn(std::string const& directory) {
   sockaddr_un address{};
@@ -60,8 +62,8 @@ bool SendAll(int file, char const* bytes, std::size_t size) {
 
 }  // namespace
 
-ServerProxy::ServerProxy(std::string server, std::string const& directory)
-    : server_(std::move(server)), listener_(NewSocket()) {
+ServerProxy::ServerProxy(std::string server, std::string const& directory, Weather weather)
+    : server_(std::move(server)), weather_(weather), listener_(NewSocket()) {
   if (Named(bind, listener_, AddressIn(directory)) != 0 || listen(listener_, 64) != 0) {
     throw std::runtime_error("the proxy cannot listen");
   }
@@ -72,7 +74,7 @@ ServerProxy::~ServerProxy() {
   over_ = true;
   Close();
   accepting_.join();
-  for (std::thread& one : served_) one.join();
+  for (Served& one : served_) one.thread.join();
   close(listener_);
 }
 
@@ -91,9 +93,23 @@ void ServerProxy::Accept() {
     if (closed_) {
       close(client);
     } else {
-      served_.emplace_back([this, client] { Serve(client); });
+      ForgetTheServed();
+      Served& one = served_.emplace_back();
+      one.thread = std::thread([this, client, &one] {
+        Serve(client);
+        one.over = true;
+      });
     }
   }
+}
+
+// Each thread keeps its stack until it is joined.
+void ServerProxy::ForgetTheServed() {
+  served_.remove_if([](Served& one) {
+    bool const over = one.over;
+    if (over) one.thread.join();
+    return over;
+  });
 }
 
 void ServerProxy::Forget(int file) {
@@ -120,6 +136,17 @@ void ServerProxy::Serve(int client) {
   Forget(server);
 }
 
+// What becomes of a client's request.
+Cut ServerProxy::CutNow(std::string_view said) {
+  thread_local std::minstd_rand random{std::random_device()()};
+  if (weather_.cuts_one_in != 0 && random() % weather_.cuts_one_in == 0) {
+    ++cuts_;
+    return random() % 2 == 0 ? Cut::kBeforeCommit : Cut::kAfterCommit;
+  }
+  bool const commits = said.find(kTicket) != said.npos && said.find(kCommit) != said.npos;
+  return commits ? cut_.exchange(Cut::kNever) : Cut::kNever;
+}
+
 // Returns whether the connection goes on. All that a batch says last comes in one piece here, since
 // the tests' batches are small.
 bool ServerProxy::Pass(int from, int to, bool from_client, bool* asked) {
@@ -127,17 +154,17 @@ bool ServerProxy::Pass(int from, int to, bool from_client, bool* asked) {
   ssize_t const size = recv(from, bytes.data(), bytes.size(), 0);
   if (size <= 0) return false;
   std::string_view const said(bytes.data(), static_cast<std::size_t>(size));
-  bool const commits =
-      from_client && said.find(kTicket) != said.npos && said.find(kCommit) != said.npos;
-  Cut const cut = commits ? cut_.exchange(Cut::kNever) : Cut::kNever;
+  Cut const cut = from_client ? CutNow(said) : Cut::kNever;
   if (cut == Cut::kBeforeAndClose) Close();
   if (cut == Cut::kBeforeCommit || cut == Cut::kBeforeAndClose) return false;
   if (!from_client && *asked) ++round_trips_;
   *asked = from_client && !IsPosted(said);
+  if (from_client) std::this_thread::sleep_for(weather_.delay);
   if (!SendAll(to, said.data(), said.size())) return false;
   if (cut == Cut::kNever) return true;
-  // The server has done it when it answers.
-  recv(to, bytes.data(), bytes.size(), 0);
+  // The server has done it when it answers; what was a part of a request it does not answer.
+  pollfd answer{to, POLLIN, 0};
+  poll(&answer, 1, kAnswerTime);
   if (cut == Cut::kAndClose) Close();
   return false;
 }

@@ -1,17 +1,18 @@
 #ifndef LSCOREDB_TESTS_SERVER_PROXY_H
 #define LSCOREDB_TESTS_SERVER_PROXY_H
 
-// Stands between clients and a PostgreSQL server on a socket of this machine: counts round trips
-// and cuts connections where a test wants it.
+// Stands between clients and a PostgreSQL server on a socket of this machine: counts round trips,
+// delays them, and cuts connections where a test wants it or at random.
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
-#include <memory>
+#include <list>
 #include <mutex>
 #include <set>
 #include <string>
+#include <string_view>
 #include <thread>
-#include <vector>
 
 namespace lscoredb_test {
 
@@ -23,10 +24,16 @@ enum class Cut : std::uint8_t {
   kBeforeAndClose,
 };
 
+// What a proxy does to every request.
+struct Weather {
+  std::chrono::microseconds delay{0};  // before it is passed on
+  unsigned cuts_one_in = 0;            // requests; before or after the server has seen it
+};
+
 class ServerProxy {
  public:
   // `server`: the directory of the server's socket. The proxy's own lies in `directory`.
-  ServerProxy(std::string server, std::string const& directory);
+  ServerProxy(std::string server, std::string const& directory, Weather weather = {});
   ~ServerProxy();
   ServerProxy(ServerProxy const&) = delete;
   ServerProxy& operator=(ServerProxy const&) = delete;
@@ -39,14 +46,24 @@ class ServerProxy {
   void Open() { closed_ = false; }
   // Times that clients said something and got an answer.
   std::uint64_t round_trips() const { return round_trips_; }
+  // Requests that were cut at random.
+  std::uint64_t cuts() const { return cuts_; }
 
  private:
+  struct Served {
+    std::atomic<bool> over{false};
+    std::thread thread;
+  };
+
   void Accept();
   void Serve(int client);
+  void ForgetTheServed();
+  Cut CutNow(std::string_view said);
   bool Pass(int from, int to, bool from_client, bool* asked);
   void Forget(int file);
 
   std::string const server_;
+  Weather const weather_;
   int listener_ = -1;
   std::atomic<bool> over_{false};
   std::atomic<bool> closed_{false};
@@ -54,7 +71,8 @@ class ServerProxy {
   std::atomic<std::uint64_t> round_trips_{0};
   std::mutex mutex_;
   std::set<int> files_;  // of connections
-  std::vector<std::thread> served_;
+  std::list<Served> served_;
+  std::atomic<std::uint64_t> cuts_{0};
   std::thread accepting_;
 };
 

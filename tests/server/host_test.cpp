@@ -13,11 +13,7 @@
 namespace sagleme {
 namespace {
 
-std::string ServerDirectory() {
-  std::string const url = std::getenv("SAGLEME_TEST_POSTGRES");
-  std::size_t const begin = url.find("host=") + 5;
-  return url.substr(begin, url.find('&', begin) - begin);
-}
+using lscore::ServerDirectory;
 
 // What opening says, with the status before it.
 template <typename Work>
