@@ -30,6 +30,7 @@ std::unique_ptr<Command> MakeCheck();
 std::unique_ptr<Command> MakeVacuum();
 std::unique_ptr<Command> MakeCopy();
 std::unique_ptr<Command> MakeDiagram();
+std::unique_ptr<Command> MakeStubs();
 std::unique_ptr<Command> MakeSql();  // where the build has SQL
 std::unique_ptr<Command> MakeShell();
 std::unique_ptr<Command> MakeComplete();

@@ -75,6 +75,7 @@ std::vector<std::unique_ptr<Command>> MakeCommands() {
   commands.push_back(MakeVacuum());
   commands.push_back(MakeCopy());
   commands.push_back(MakeDiagram());
+  commands.push_back(MakeStubs());
 #ifdef SAGLEME_TOOL_SQL
   commands.push_back(MakeSql());
 #endif
