@@ -12,7 +12,6 @@ namespace metalayer {
 
 namespace {
 
-constexpr uint16_t kUnique = 1;
 constexpr char16_t const* kOldPrimitiveTypeIndex = u"DbPrimitiveTypePK";
 
 // More than one index of the name means that the old one exists beside the new one.
@@ -23,7 +22,7 @@ bool HasOldSpecifierIndex() {
       TlsContextHandle::context(), assure_token(kSpecifierIndex), &count, infos);
   if (status == LORV_STATUS_NO_INDEX) return false;
   if (status != 0) Throw(status);
-  return count > 1 || (count == 1 && infos[0].flags == kUnique);
+  return count > 1 || (count == 1 && infos[0].flags == LORV_INDEX_UNIQUE);
 }
 
 // Dropping an index advances the schema's generation, whose row a fresh process has not found yet.

@@ -10,7 +10,6 @@ namespace {
 
 constexpr int kSortMaskBits = 16;
 constexpr short kEndOfColumns = -1;
-constexpr unsigned int kUnique = 1;  // bit 0 of the flags
 constexpr unsigned int kBadIndexColumns = SAGLEME_BROKEN_CATALOGUE;
 constexpr unsigned int kTableNotFound = SAGLEME_TABLE_NOT_FOUND;
 
@@ -81,7 +80,7 @@ void PopulateIndexMeta(LS_OBJ_REF table, char16_t const* name, unsigned long han
 void CreateIndexWithRows(LS_OBJ_REF table, char16_t const* name, unsigned short sort_mask,
                          short const* columns, unsigned int flags) {
   unsigned long const handle = CreateIndex(table, name, sort_mask, columns, flags);
-  PopulateIndexMeta(table, name, handle, sort_mask, columns, (flags & kUnique) != 0);
+  PopulateIndexMeta(table, name, handle, sort_mask, columns, (flags & LORV_INDEX_UNIQUE) != 0);
   AdvanceSchemaGeneration();
 }
 
@@ -108,7 +107,7 @@ void CreateIndexHigh(char16_t const* name, char16_t const* table_name,
     if (columns[i].name == nullptr) {
       ordinals[i] = kEndOfColumns;
       return CreateIndexWithRows(table, name, static_cast<unsigned short>(sort_mask), ordinals,
-                                 unique ? kUnique : 0);
+                                 unique ? LORV_INDEX_UNIQUE : 0);
     }
     ordinals[i] = ExistingOrdinal(table, table_name, columns[i].name);
     if (columns[i].ascending == 0) sort_mask |= 1u << i;

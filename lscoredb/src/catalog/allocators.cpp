@@ -5,12 +5,21 @@
 
 #include "status.h"
 
+// Three levels keep the store out of an insert:
+//
+//   mark in the store   first id that no process has reserved; moved by a commit
+//   blocks              a process reserves 65,536 ids: the present block, and a spare one
+//   ranges              a context takes 64 ids of the present block
+//
+// The spare block is reserved as part of an ordinary commit when the present one runs low, so that
+// a reservation of its own is rare.
+
 namespace lscore {
 namespace {
 
 constexpr std::uint64_t kBlock = 65536;
 constexpr std::uint64_t kLow = kBlock / 4;
-constexpr std::uint64_t kPiece = 64;  // what a context takes at a time
+constexpr std::uint64_t kPiece = 64;
 constexpr std::uint64_t kEnd = kFirstNotGivenId;
 constexpr std::size_t kKnownReservations = 256;
 constexpr std::uint64_t kHighestRaise = kEnd / 2;
@@ -36,6 +45,8 @@ bool IdAllocator::TakeFrom(IdRange& range, IdRange* out) {
   return true;
 }
 
+// Reserves a block by a commit of its own. Threads that need one at the same time wait for the
+// first of them and then use its block.
 void IdAllocator::Refill() {
   std::lock_guard const refill(refill_mutex_);
   {
@@ -117,6 +128,7 @@ void IdAllocator::Forget(std::vector<ObjectId> const& ids) noexcept {
   for (ObjectId const id : ids) pending_.erase(pending_.find(Raw(id)));
 }
 
+// The ids that are skipped become a free range for callers. Blocks below `first` are given up.
 void IdAllocator::RaiseTo(std::uint64_t first) {
   if (first > kHighestRaise) Throw(LSCOREDB_INVALID_ARGUMENT);
   std::lock_guard const refill(refill_mutex_);

@@ -35,7 +35,8 @@ void AppendColumn(std::string& record, std::uint8_t type, bool nullable, Token t
   Append(record, Raw(token));
 }
 
-// A hash that grows with the text, so that all prefixes of one are hashed in one pass.
+// FNV-1a over the units of a text. The hash of a text continues that of its prefix, so all prefixes
+// are hashed in one pass.
 class TextHash {
  public:
   void Add(char16_t unit) { value_ = (value_ ^ unit) * 0x100000001B3; }
@@ -160,6 +161,7 @@ std::vector<LayoutNumber> NumbersOf(View const& view, char letter) {
 
 }  // namespace
 
+// The entry before the first key of the next letter, found without reading other layouts.
 LayoutNumber HighestLayout(View const& view) {
   constexpr char kNextLetter = format::kLayoutLetter + 1;
   Cursor cursor;
@@ -227,6 +229,7 @@ std::vector<LayoutNumber> ReleasedLayouts(View const& view) {
   return NumbersOf(view, format::kReleaseLetter);
 }
 
+// A layout may be cached by a transaction with a newer snapshot; an older one does not see it.
 Layout const* LayoutCache::Find(View const& view, LayoutNumber number) {
   Layout const* layout = At(number).load(std::memory_order_acquire);
   if (layout == nullptr) layout = LoadFrom(view, number);
@@ -382,6 +385,9 @@ IndexList const& IndexCatalogue::Covering(View const& view, std::u16string_view 
   return covering_.emplace(setspec, CollectLocked(view, setspec)).first->second;
 }
 
+// The indexes over a set are those whose own set specifier is a prefix of it. Each prefix is looked
+// up by its hash: a path of a few dozen units takes as many seeks, however many indexes there are.
+// A definition with the same hash is compared.
 IndexList IndexCatalogue::CollectLocked(View const& view, std::u16string_view setspec) {
   IndexList found;
   TextHash hash;
@@ -400,6 +406,8 @@ IndexList IndexCatalogue::CollectLocked(View const& view, std::u16string_view se
   }
 }
 
+// A catalogue belongs to one index version, the commit that last changed an index. Only the newest
+// is kept; a transaction with an older snapshot gets one of its own.
 std::shared_ptr<IndexCatalogue> IndexCatalogues::For(Snapshot const& snapshot) {
   CommitId const version = IndexVersion(snapshot);
   std::lock_guard const lock(mutex_);
@@ -427,6 +435,8 @@ void WriteSetChange(Batch& batch, std::u16string_view setspec) {
   PutChecked(batch, Tree::kMeta, SetChangeKey(setspec), value);
 }
 
+// Keys of long set specifiers are cut, so records of other sets may have the same prefix: each
+// record's own set specifier decides.
 bool SetChangedSince(View const& view, std::u16string_view prefix, CommitId since) {
   bool changed = false;
   ForEachWithPrefix(view, Tree::kMeta, SetPrefix(format::kSetChangeLetter, prefix),

@@ -5,6 +5,18 @@
 #include <algorithm>
 #include <bit>
 
+// The kernel's form of a column, in which memcmp gives index order. A descending column has all its
+// bytes inverted.
+//
+//   null      00
+//   number    01, then 8 bytes, big endian: unsigned as it is, signed with the sign bit inverted,
+//             float and double as OrderedBits gives them
+//   text      01, the bytes of its units (WriteUnit), 00
+//   binary    01, its bytes with 00 written as 01 01 and 01 as 01 02, 00
+//
+// So "a" < "ab", since 00 is below every byte of a text; and the binary 00 < the binary 00 00,
+// since 01 01 00 is below 01 01 01 01 00.
+
 namespace lscore {
 namespace {
 
@@ -91,6 +103,7 @@ bool KeyReader::ReadValue(std::uint8_t type) {
   return true;
 }
 
+// The contract's numbers are in order already.
 bool KeyReader::ReadInteger() {
   if (*next_ != kKeyInteger) return false;
   ++next_;
@@ -117,6 +130,7 @@ bool KeyReader::ReadChunks(bool text) {
   return true;
 }
 
+// A zero byte cannot be part of a text, which also keeps the reader inside a key that was cut.
 bool KeyReader::ReadTextBytes(std::size_t count) {
   std::uint8_t const* const end = std::find(next_, next_ + count, std::uint8_t{0});
   out_.append(reinterpret_cast<char const*>(next_), static_cast<std::size_t>(end - next_));
@@ -233,6 +247,7 @@ void AppendDouble(KeyBytes& out, double value, bool descending) {
   AppendUnsigned(out, OrderedBits(value), descending);
 }
 
+// Collects the bytes of units in a buffer, since appending byte by byte costs more.
 void AppendText(KeyBytes& out, std::u16string_view text, bool descending) {
   std::size_t const start = out.size();
   out.push_back(kValue);
@@ -282,6 +297,9 @@ KeyBytes ContractKey(std::string_view encoded, std::span<KeyColumn const> column
   return translator.Finish();
 }
 
+// Positive values get the sign bit, so that they are above all negative ones, of which all bits are
+// inverted, since their magnitudes are in reverse order. Every NaN becomes one value above
+// infinity.
 std::uint64_t OrderedBits(double value) {
   constexpr std::uint64_t kAboveInfinity = 0xFFF8000000000000;
   if (value != value) return kAboveInfinity;

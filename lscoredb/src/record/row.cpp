@@ -8,6 +8,7 @@
 namespace lscore {
 namespace {
 
+// The mark of a wide text, in an end of 4 bytes and in one of 8.
 constexpr std::uint64_t kWideSmall = std::uint64_t{1} << 31;
 constexpr std::uint64_t kWideBig = std::uint64_t{1} << 63;
 
@@ -30,6 +31,8 @@ std::uint64_t RowImage::End(std::size_t ends, std::uint32_t index, bool* wide) c
   return end & ~kWideSmall;
 }
 
+// Presence bits are counted instead of stored offsets: the variable values follow 8 bytes for each
+// present fixed column and one end for each of their own.
 RowImage::Variable RowImage::FindVariable(Layout const& layout) const {
   std::uint32_t const fixed = CountBelow(layout.fixed_count());
   Variable all{};
@@ -40,6 +43,7 @@ RowImage::Variable RowImage::FindVariable(Layout const& layout) const {
   return all;
 }
 
+// A value begins where the one before it ends.
 void RowImage::ReadVariable(Variable const& all, std::uint32_t index, Cell& cell) const {
   bool ignored = false;
   if (index >= all.count || all.values > size_) [[unlikely]]
@@ -77,7 +81,9 @@ Cell RowImage::Setspec(Layout const& layout) const {
 
 // ---- checking ----------------------------------------------------------------------------------
 
-// The lengths inside an image, each looked at before it is used.
+// Checks an image from front to back, each part only after those that give its position: checksum
+// and layout, then that no presence bit is set beyond the layout's columns, then that the ends
+// ascend and the last one is the end of the image.
 class ImageCheck {
  public:
   ImageCheck(std::string_view bytes, ObjectId id, Layout const& layout)
@@ -115,6 +121,8 @@ class ImageCheck {
   RowImage image_;
 };
 
+// The id and the number of columns are part of the checksum, so an image under another object's
+// key, or read by a layout of another size, is detected.
 std::uint32_t RowImage::Checksum(std::string_view bytes, ObjectId id, Layout const& layout) {
   char owner[sizeof(std::uint64_t) + sizeof(std::uint32_t)];
   StoreAt(owner, Raw(id));
@@ -143,7 +151,7 @@ bool StubHolds(std::string_view stub) {
 
 namespace {
 
-// The columns of a layout in the order of their presence bits.
+// Visits the columns of a layout in the order of their presence bits: fixed ones first.
 template <typename Visit>
 void ForEachByBit(Layout const& layout, Visit&& visit) {
   for (bool const fixed : {true, false}) {
@@ -206,6 +214,7 @@ void AppendEnds(std::string& image, Layout const& layout, Cell const& setspec,
 
 }  // namespace
 
+// Ends have 4 bytes, of which one bit marks wide texts, unless the values need more.
 std::string_view ImageBuilder::Build(ObjectId id, Layout const& layout, CommitId commit,
                                      Cell const& setspec, std::span<Cell const> cells) {
   bool const big = VariableSize(layout, setspec, cells) >= kWideSmall;

@@ -82,7 +82,7 @@ Status StatusOfStore(int code) {
     case MDB_CORRUPTED:
     case MDB_PAGE_NOTFOUND:
     case kBrokenPage:
-    case MDB_BAD_TXN:  // it met one before
+    case MDB_BAD_TXN:  // a call before met a broken page
       return LSCOREDB_DAMAGED;
     default:
       return StatusOfSystem(code);
@@ -127,6 +127,7 @@ bool LmdbSnapshot::CopyHeader() {
   return info.me_last_txnid == state;
 }
 
+// The copy is of another state when later commits have overwritten the header (BeginSnapshot).
 void LmdbSnapshot::OpenTrees() {
   if (trees_open_) return;
   if (state_.state() != state()) ThrowDamaged();
@@ -143,6 +144,8 @@ void LmdbSnapshot::OpenCursor(Tree tree, std::unique_ptr<TreeCursor>& cursor) co
 
 // ---- batches -----------------------------------------------------------------------------------
 
+// The turn comes first (store_locks.h), then the library's own lock. The guard then checks what the
+// commit will work on.
 LmdbBatch::LmdbBatch(LmdbStore& store)
     : store_(store), turn_(store.read_only() ? WriteTurn() : WriteTurn(store.locks())) {
   if (store.read_only()) Throw(LSCOREDB_READ_ONLY_DATABASE);
@@ -167,6 +170,8 @@ void LmdbBatch::OpenCursor(Tree tree, std::unique_ptr<TreeCursor>& cursor) const
   cursor = std::make_unique<LmdbCursor>(store_, txn_, tree);
 }
 
+// After a broken page the library's transaction is in an unknown state: it is neither used nor
+// aborted any more.
 template <typename Write>
 int LmdbBatch::CallWriting(Write const& write) {
   if (txn_ == nullptr) ThrowDamaged();

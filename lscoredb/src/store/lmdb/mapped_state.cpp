@@ -115,6 +115,7 @@ void MappedState::CopyHeader(char const* map, std::size_t page_size, std::uint64
   state_ = Load<std::uint64_t>(head + 128);
 }
 
+// The five names fit on one leaf, the root of the tree of trees.
 bool MappedState::OpenTrees(std::uint64_t file_pages) {
   pages_ = std::min(last_page_ + 1, file_pages);
   trees_ = {};
@@ -141,6 +142,8 @@ bool MappedState::OpenTrees(std::uint64_t file_pages) {
   return found == kTreeCount;
 }
 
+// The fast path of a read: a descent that checks only what it follows. A key that it finds is the
+// right one, since its bytes were compared; that it finds none proves nothing (Get).
 template <typename Keys>
 bool MappedState::Find(TreeRecord const& record, std::string_view key,
                        std::string_view* value) const {
@@ -186,6 +189,8 @@ std::string_view MappedState::ValueBeside(std::uint64_t number, std::uint64_t si
   return {page + kPageHead, size};
 }
 
+// A damaged branch can lead past a key that exists. So a key that was not found is looked for again
+// on a path whose pages are checked against the bounds of their parents.
 bool MappedState::Get(Tree tree, std::string_view key, std::string_view* value) const {
   TreeRecord const& record = trees_[static_cast<std::size_t>(tree)];
   if (record.root == kNoPage) return false;
@@ -236,6 +241,8 @@ void TreePath::Enter(std::size_t level) {
 }
 
 // The keys of a child page must lie from the key of its node on and below that of the next node.
+// The bound on a side comes from the lowest page above that has a node on that side. The first key
+// of a branch page is not compared, since its value does not matter.
 template <typename Keys>
 void TreePath::CheckBounds(std::size_t level) const {
   Step const& step = steps_[level];
@@ -257,6 +264,7 @@ void TreePath::CheckBounds(std::size_t level) const {
   }
 }
 
+// When all keys of the leaf are below, the entry wanted is the first one of the next leaf.
 template <typename Keys>
 bool TreePath::Seek(std::string_view key) {
   std::size_t const page_size = state_->page_size_;
