@@ -16,8 +16,7 @@ namespace {
 
 constexpr char16_t const* kTables[] = {u"Shop.Article", u"Shop.Book", u"Shop.Extra", u"Book",
                                        u"Other.Book",   u"",          u".",          u"Shop..Book"};
-// The catalogue's own tables are looked at alone: whoever changes them takes the layer's ground
-// away.
+// The catalogue's own tables are only read: changing them would break the layer itself.
 constexpr char16_t const* kAsked[] = {u"Shop.Book",
                                       u"Book",
                                       u"Book.Shop",

@@ -112,8 +112,8 @@ std::uint32_t ChangeAll(
 
 class BrokenPageTest : public testing::TestWithParam<Damage> {
  protected:
-  // A process that loses the page right before it commits, and lives until it is told to end; and
-  // one that has to be able to open and commit while it does.
+  // A process that loses the page right before it commits and lives until the test ends it, and
+  // another that must be able to open and commit meanwhile.
   void TryPage(std::string const& directory, Oids const& rows, std::size_t page) {
     OtherProcess meets([&](OtherProcess& test) {
       alarm(kPatience);

@@ -131,7 +131,7 @@ class Damager {
  public:
   Damager(std::string const& path, std::uint64_t number) : path_(path), random_(number) {}
 
-  // Changes a page in one of several ways, and tells what it did.
+  // Changes a page in one of several ways and returns a description.
   std::string Do() {
     std::string file = ReadFile(path_);
     PagesInUse const in_use(file);
@@ -196,7 +196,7 @@ class Damager {
     told_ << size << " bytes at " << at << " are " << number;
   }
 
-  // Both keep their own numbers, so that nothing on them tells.
+  // Both keep their own numbers, so that nothing on them shows it.
   std::string Swap(std::string& file, std::size_t page, std::size_t other) {
     for (std::size_t i = 8; i < kPage; ++i) {
       std::swap(file[page * kPage + i], file[other * kPage + i]);

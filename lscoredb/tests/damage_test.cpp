@@ -235,8 +235,8 @@ TEST_F(DamageTest, DamagedPage_LeavesTheOthersReadableInItsTransaction) {
   EXPECT_EQ(2U, statuses.size()) << "no other status";
 }
 
-// A page written over another one, with the number of that one: only the bounds of the pages
-// above tell.
+// A page written over another one, with the number of that one: only the bounds of the pages above
+// show it.
 TEST_F(DamageTest, PageStoredTwice_GivesNoObjectTwice) {
   Fill();
   std::string const sound = ReadFile(File());
@@ -322,7 +322,7 @@ TEST_F(DamageTest, EmptyFile_IsANewDatabase) {
   EXPECT_STATUS(0, TryOpen(directory_.path()));
 }
 
-// Reads all there is and writes a little; what comes of it is a status, whichever.
+// Reads everything and writes a little. Any status will do; a crash will not.
 void UseEverything(std::string const& directory, IndexId index, Oids const& rows) {
   Database database(directory);
   database.ExpectDamage();

@@ -1,6 +1,6 @@
-// Thousands of small damages, each by itself: a byte of the file changed, the file cut. With every
-// page verified at opening, what comes of it is a status with a text, or the data as they were.
-// Each lot of them runs in a process of its own, which has to come back.
+// Thousands of small damages, each by itself: a byte of the file changed, the file truncated. With
+// every page verified at opening, the result is a status with a text, or the data as it was. Groups
+// of them run in a process of their own, which has to end normally.
 
 #include <fcntl.h>
 #include <sys/wait.h>

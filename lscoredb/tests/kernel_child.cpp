@@ -34,7 +34,7 @@ void AddToAll(Session& session, std::int64_t amount) {
   session.Commit();
 }
 
-// Holds a snapshot, and a write that is not committed, until told to go on.
+// Holds a snapshot, and a write that is not committed, until the test resumes it.
 void Hold(Session& session) {
   session.Begin();
   PairWorld const world(session);

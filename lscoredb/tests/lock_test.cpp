@@ -1,5 +1,5 @@
-// What processes that have one directory open know of each other, whatever a host does with the
-// files of its own database, and whoever ends in the midst of opening one.
+// The locks among processes that have one directory open, also when a host opens the files of its
+// own database, and when a process ends while it opens one.
 
 #include <fcntl.h>
 #include <signal.h>
@@ -98,7 +98,8 @@ TEST_F(LockTest, LockFileWithAnyContent_IsReplaced) {
   }
 }
 
-// Openers of one directory that are killed at any moment: whoever comes next, or waits, opens it.
+// Openers of one directory that are killed at any moment: the next one, or one that waits, opens
+// it.
 TEST_F(LockTest, KilledOpeners_HinderNoOne) {
   constexpr int kRounds = 60;
   constexpr unsigned kPatience = 60;
@@ -130,7 +131,7 @@ TEST_F(LockTest, KilledOpeners_HinderNoOne) {
 constexpr std::size_t kPageSize = 4096;
 constexpr std::streamoff kTreesOfHeader = 16 + 72;
 
-// While someone has the database open a header may be half written. Whoever opens it looks again.
+// While a process has the database open a header may be half written. An opener reads it again.
 TEST_F(LockTest, HeaderBeingWritten_IsNoDamage) {
   Database database(Path());
   Session session(database);

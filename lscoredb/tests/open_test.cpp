@@ -77,7 +77,7 @@ TEST(OpenTest, DirectoryThatCannotBeCreated_IsRefused) {
   EXPECT_STATUS(LSCOREDB_CANNOT_OPEN, TryOpen(""));
 }
 
-// A user who is not above the rights of files, whoever runs the test.
+// Becomes a user to whom the permissions of files apply, even when root runs the test.
 void BecomeNobody() {
   constexpr uid_t kNobody = 65534;
   EXPECT_TRUE(geteuid() != 0 || seteuid(kNobody) == 0);
@@ -219,7 +219,7 @@ TEST_F(ReadOnlyTest, ReadOnlyRequest_OpensReadOnly) {
   EXPECT_STATUS(LSCOREDB_INVALID_ARGUMENT, TryOpen(place_, &options));
 }
 
-// What the log alone holds is found by those who may write.
+// Reading a log needs its shared words, which every process that opens it writes.
 TEST_F(ReadOnlyTest, DatabaseWithALog_CannotBeOpenedReadOnly) {
   lscoredb_options options = NoSync();
   options.log = LSCOREDB_LOG;

@@ -16,8 +16,7 @@
 namespace lscoredb_test {
 namespace {
 
-// A running child: what it says can be read line by line, and it can be told to go on, or be
-// killed.
+// A running child, whose output can be read line by line, and which can be resumed or killed.
 class Child {
  public:
   Child(char const* command, std::string const& directory, int argument = 0) {

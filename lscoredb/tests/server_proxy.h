@@ -1,7 +1,7 @@
 #ifndef LSCOREDB_TESTS_SERVER_PROXY_H
 #define LSCOREDB_TESTS_SERVER_PROXY_H
 
-// Stands between clients and a PostgreSQL server on a socket of this machine: counts round trips,
+// A proxy between clients and a PostgreSQL server on a socket of this machine: counts round trips,
 // delays them, and cuts connections where a test wants it or at random.
 
 #include <atomic>

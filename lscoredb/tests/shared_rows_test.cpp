@@ -337,8 +337,8 @@ TEST_P(SharedRowsTest, OwnCommitsBeforeBetweenAndAfterForeignOnes_AreAllSeen) {
   ExpectNewestSeenBy(kB);
 }
 
-// Its transaction began before, so that nothing tells of the other process's commits but the
-// numbers of the states.
+// Its transaction began before, so that only the numbers of the states show the other process's
+// commits.
 TEST_P(SharedRowsTest, OwnCommitRightAfterAForeignOne_MakesNoOldRowNew) {
   StayAs(kA);
   ExpectAllSeenBy(kA);

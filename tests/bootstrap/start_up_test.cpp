@@ -1,4 +1,4 @@
-// Opening a database that stands.
+// Start-up on a complete database.
 
 #include "bootstrap/bootstrap_test.h"
 #include "bootstrap/old_database.h"

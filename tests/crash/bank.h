@@ -2,8 +2,8 @@
 #define SAGLEME_TESTS_CRASH_BANK_H
 
 // The world of the crash tests: a bank with tellers that transfer between accounts, each in a
-// thread of its own, and one who changes the schema beside them. Everything is made from a seed, so
-// that how far each has come tells the whole content of the database.
+// thread of its own, and one more that changes the schema meanwhile. Everything is derived from a
+// seed, so the progress of each determines the whole content of the database.
 //
 // Teller t's transfer n moves an amount between two accounts, writes a transfer with lines, and
 // removes the transfer that the teller made kKept steps ago. The row of the teller counts. The

@@ -172,8 +172,8 @@ TEST_P(PowerTest, LossAtAnyMoment_LeavesWholeCommits) {
   }
 }
 
-// Without sync and without a log a loss may damage the file. Whoever verifies it is told, or reads
-// what holds together.
+// Without sync and without a log a power failure may damage the file. Verification reports that, or
+// else the data is consistent.
 TEST(PowerWithoutSyncTest, LossAtAnyMoment_IsReportedByVerifyOrLeavesWhatCanBeRead) {
   constexpr std::uint64_t kSeed = 3;
   Directory const directory;

@@ -165,7 +165,7 @@ TEST_F(ProcessesTest, SchemaChange_IsSeenByTheNextTransactionOfTheOthersAndNoEar
 
 // ---- processes that end without a word ----------------------------------------------------------
 
-// One who works for a number of steps each time it is told to, and says the size of the file then.
+// Works for a number of steps at each request and answers with the size of the file.
 int WorkOnRequest(Channel& channel, Directory const& directory, Options const& options) {
   Bank bank(directory.path(), kSeed, options);
   Context const context(bank.database());

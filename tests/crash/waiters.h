@@ -1,8 +1,7 @@
 #ifndef SAGLEME_TESTS_CRASH_WAITERS_H
 #define SAGLEME_TESTS_CRASH_WAITERS_H
 
-// Who waits for whom: the executable counts its threads that wait on a condition, as committers do
-// whose turn has not come.
+// Counts the threads of the executable that wait on a condition, as committers do in the queue.
 
 namespace waiters {
 

@@ -211,8 +211,8 @@ TEST_F(BankTest, IncrementsUnderContention_AreAllThere) {
   ExpectIsolated();
 }
 
-// All have begun before the first one commits: one of them wins, whatever the order is, and each of
-// the others is told of the conflict and succeeds when it tries again.
+// All have begun before the first one commits: one of them wins, in any order, and each of the
+// others gets the conflict and succeeds when it tries again.
 TEST_F(BankTest, ConcurrentWriters_OneWinsAndTheOthersSucceedLater) {
   constexpr int kThreads = 8;
   std::barrier meet(kThreads);

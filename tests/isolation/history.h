@@ -4,7 +4,7 @@
 // What transactions did, and whether snapshot isolation allows it.
 //
 // Every transaction has a number of its own and leaves it in each object that it writes, so that a
-// read tells whose version it saw. It reads an object before it writes it, so that the versions of
+// read shows whose version it saw. It reads an object before it writes it, so that the versions of
 // an object form a chain. Ticks come from one clock of the process; they are taken outside the
 // calls, so that the true moment of a call lies between its two ticks. A history and its check are
 // plain values, without threads.
@@ -21,8 +21,8 @@
 //   6. There is an order that explains all that was read: no circle of dependencies but those with
 //      two anti-dependencies in a row, which snapshot isolation allows. A transaction that began
 //      after another's commit had returned depends on that one.
-//   7. Who was refused because of a conflict had one: somebody else committed a change of an
-//      object that he wrote, after his begin.
+//   7. A transaction that was refused because of a conflict had one: another one committed a change
+//      of an object that it wrote, after its begin.
 
 #include <cstdint>
 #include <string>

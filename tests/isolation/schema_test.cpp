@@ -135,8 +135,8 @@ TEST_F(SchemaThreadsTest, ColumnsOfManyThreads_AllCome) {
   ExpectCatalogueUnique(transaction);
 }
 
-// Words take their numbers from one counter without a schema change: whoever comes second is told
-// of the number that is taken, and gets another one.
+// Words take their numbers from one counter without a schema change: the second thread finds the
+// number taken and gets another one.
 TEST_F(SchemaThreadsTest, TokensOfManyThreads_AreDistinctAndOnePerWord) {
   constexpr int kWords = 40;
   std::vector<std::vector<std::uint64_t>> tokens(kThreads);

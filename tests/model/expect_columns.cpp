@@ -18,7 +18,7 @@ constexpr std::uint32_t kReferenced = SAGLEME_TABLE_REFERENCED;
 
 // ---- adding -----------------------------------------------------------------------------------
 
-// All that stands in the way at one table, in one text.
+// All obstacles at one table, in one text.
 void CheckAddedNames(Table const& table, std::vector<ColumnDef> const& columns, bool descendant) {
   std::set<std::pair<Text, bool>> existing;
   std::set<Text> below;

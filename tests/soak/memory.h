@@ -12,7 +12,7 @@
 namespace sagleme_soak {
 
 std::size_t BytesInUse();
-// Private memory of the process that is really there, whoever took it.
+// Resident private memory of the process.
 std::size_t ResidentBytes();
 
 // A number from the environment, `otherwise` when there is none.

@@ -43,16 +43,16 @@ DefinedTable const& Defined(std::string const& name);
 // In a new database: the predefined one, or the next free number in table order.
 unsigned long NewTypeId(std::string const& table);
 
-// The catalogue of a new database, and of the one in the thread's context: one line a row and a
-// line for every layout and index of the kernel, sorted. References are told by the names of what
-// they refer to, so that two databases that mean the same say the same.
+// The catalogue of a new database, and of the one in the thread's context: one line for each row,
+// layout and index of the kernel, sorted. References are shown by the names of what they refer to,
+// so that equivalent databases have the same lines.
 std::vector<std::string> ExpectedCatalogue();
 std::vector<std::string> DescribeCatalogue();
 
 // Every object of the database in the thread's context with its identity and all of its columns.
 std::vector<std::string> DumpObjects();
 
-// The lines that only one of the two has, marked by where they stand; empty when both are alike.
+// The lines that only one of the two has, marked by which; empty when both are equal.
 std::string Differences(std::vector<std::string> const& expected,
                         std::vector<std::string> const& found);
 

@@ -1,11 +1,10 @@
 #ifndef LSCOREDB_SRC_HANDLES_H
 #define LSCOREDB_SRC_HANDLES_H
 
-// Handles that callers may hold for ever: numbers that are looked up without locks, and that name
-// nothing once their object is retired. A handle is a slot and its use count. Objects are not
-// owned. Find may be called from any thread with any number; the object that it returns belongs to
-// whoever may use the handle.
-// In a forked process, handles of the parent name nothing.
+// Handles that callers may keep for ever: numbers that are looked up without locks and name nothing
+// once their object is retired. A handle is a slot and its use count. Objects are not owned. Find
+// may be called from any thread with any number; the object that it returns may be used by the
+// thread that may use the handle. In a forked process, handles of the parent name nothing.
 
 #include <array>
 #include <atomic>

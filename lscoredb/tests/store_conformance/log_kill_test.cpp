@@ -57,7 +57,7 @@ class LogKillTest : public testing::Test {
     return keys;
   }
 
-  // A process that opens the store once it is told to, works, and dies as said above.
+  // A process that opens the store on request, works, and dies as described above.
   std::unique_ptr<OtherProcess> Dying(std::function<void(std::unique_ptr<Store>)> const& work) {
     return std::make_unique<OtherProcess>([this, work](OtherProcess& test) {
       test.Hear();

@@ -267,7 +267,7 @@ TEST_F(LogBytesTest, MissingLog_IsDamage) {
   EXPECT_EQ(-1, LastIn(left_));
 }
 
-// An image is an old state without its log: the two records that tell of it go together.
+// An image without its log is an old state: the two records about the log must agree.
 TEST_F(LogBytesTest, ImageThatLostItsPosition_IsDamage) {
   Leave();
   ChangeImage([](Batch& image) { image.Delete(Tree::kMeta, logformat::kImageKey); });
