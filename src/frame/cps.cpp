@@ -11,8 +11,8 @@ using Impl = continuation_context::continuation_context_impl;
 
 namespace {
 
-// Roomier than the default of the coroutines: a kernel and what it is built on work on this stack,
-// and it has no guard page. Pages that nobody touches cost nothing.
+// Four times the usual 64 KiB of a coroutine: a kernel and the libraries below it run on this
+// stack, which has no guard page. Pages that are never touched cost nothing.
 constexpr std::size_t kStackSize = 256 * 1024;
 
 std::size_t StackSize() {
@@ -20,7 +20,7 @@ std::size_t StackSize() {
   return fits ? kStackSize : stack_traits::maximum_size();
 }
 
-// What the coroutine library takes for an allocator: lends it a stack that stays with its owner.
+// The coroutine library's allocator: lends it a stack that stays with its owner.
 struct StackLoan {
   void allocate(boost::coroutines::stack_context& context, std::size_t) {
     context.sp = stack->top();

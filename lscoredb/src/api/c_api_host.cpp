@@ -115,7 +115,7 @@ char const* lscoredb_open_error(void) { return OpenError(); }
 uint32_t lscoredb_close(lscoredb* database) {
   return Guarded([&]() -> Status {
     if (database == nullptr) return LSCOREDB_NULL_ARGUMENT;
-    if (IsOfParent(*database)) return LORV_STATUS_OK;  // who has it open still
+    if (IsOfParent(*database)) return LORV_STATUS_OK;  // the parent still has it open
     if (database->contexts != 0) return LSCOREDB_IN_USE;
     CloseDatabase(std::move(database->database));
     std::unique_ptr<lscoredb> const closed(database);

@@ -1,8 +1,8 @@
 #ifndef LSCOREDB_SRC_CONTEXT_H
 #define LSCOREDB_SRC_CONTEXT_H
 
-// A context: what a host's handle stands for. One thread at a time. It owns its transaction and its
-// iterators, which are used over and over.
+// A context, which a host knows by its handle. One thread at a time. It owns its transaction and
+// its iterators, which are used over and over.
 
 #include <atomic>
 #include <cstdint>
