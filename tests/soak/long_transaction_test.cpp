@@ -155,6 +155,16 @@ TEST_F(LongTransactionTest, MemoryOfALargeTransaction_GoesBackToTheSystemWhenItE
   }
 }
 
+TEST_F(LongTransactionTest, MemoryOfLargeCommits_GoesBackToTheSystemWhenTheDatabaseCloses) {
+  if (!kLimitsWork) return;
+  std::size_t const before = ResidentBytes();
+  ASSERT_NO_FATAL_FAILURE(Fill(150000));
+  EXPECT_GT(ResidentBytes(), before + 20 * kMegabyte) << "the library keeps no pages";
+  TearDown();
+  EXPECT_LT(ResidentBytes(), before + 8 * kMegabyte);
+  SetUp();
+}
+
 // Rows that the store keeps in parts are put together in memory, which goes with the scope too.
 TEST_F(LongTransactionTest, LargeRowsInScopes_AreGivenBackOneByOne) {
   constexpr std::size_t kSize = 17 * kMegabyte;

@@ -23,7 +23,7 @@ void Arena::AddChunk(std::size_t at_least) {
   bool const mapped = from_heap_ + size > kMostFromHeap;
   chunks_.reserve(chunks_.size() + 1);
   chunks_.push_back(mapped ? FromSystem(at_least) : FromHeap(size));
-  if (!mapped) from_heap_ += size;
+  (mapped ? from_system_ : from_heap_) += chunks_.back().size;
   used_ = 0;
 }
 
@@ -49,7 +49,7 @@ void Arena::Free::operator()(char* bytes) const noexcept {
 
 void Arena::DropChunk() {
   Chunk const& last = chunks_.back();
-  if (last.bytes.get_deleter().mapped == 0) from_heap_ -= last.size;
+  (last.bytes.get_deleter().mapped != 0 ? from_system_ : from_heap_) -= last.size;
   chunks_.pop_back();
 }
 

@@ -21,6 +21,8 @@ class Arena : public std::pmr::memory_resource {
 
   // 16-byte aligned.
   char* Allocate(std::size_t size);
+  // Bytes that came directly from the system and have not returned.
+  std::size_t from_system() const { return from_system_; }
   Mark mark() const { return {chunks_.empty() ? 0 : chunks_.size() - 1, used_}; }
   // Frees what was allocated since the mark.
   void ReleaseTo(Mark mark);
@@ -57,6 +59,7 @@ class Arena : public std::pmr::memory_resource {
   std::vector<Chunk> chunks_;
   std::size_t used_ = 0;  // of the last chunk
   std::size_t from_heap_ = 0;
+  std::size_t from_system_ = 0;
 };
 
 }  // namespace lscore

@@ -128,13 +128,22 @@ class SortedEntries::Writer {
 EntrySorter::EntrySorter(std::string directory, std::size_t prefix_size, std::size_t memory)
     : directory_(std::move(directory)), prefix_size_(prefix_size), memory_(memory) {}
 
+// Memory doubles as it grows, and the old and the new exist together meanwhile.
+bool EntrySorter::HasRoomFor(SortedRecord const& record) const {
+  auto const grown = [](std::size_t capacity, std::size_t needed) {
+    return needed <= capacity ? 0 : std::max(2 * capacity, needed);
+  };
+  std::size_t const bytes = grown(records_.capacity(), records_.size() + record.size());
+  std::size_t const slots = slots_.capacity() + grown(slots_.capacity(), slots_.size() + 1);
+  return records_.capacity() + bytes + slots * sizeof(Slot) <= memory_;
+}
+
 // Records are collected in one string with a slot for each. When both would exceed the memory, the
 // slots are sorted and the records written out as a run.
 void EntrySorter::Add(std::string_view key, std::string_view value) {
   SortedRecord const record{key, value, 0};
   if (value.size() > std::numeric_limits<std::uint32_t>::max()) Throw(LSCOREDB_TOO_LARGE);
-  std::uint64_t const needed = records_.size() + record.size() + (slots_.size() + 1) * sizeof(Slot);
-  if (needed > memory_ && !directory_.empty() && !slots_.empty()) WriteRun();
+  if (!directory_.empty() && !slots_.empty() && !HasRoomFor(record)) WriteRun();
   std::array<char, sizeof(std::uint64_t)> begins{};
   std::string_view const rest = key.substr(prefix_size_);
   std::copy_n(rest.begin(), std::min(rest.size(), begins.size()), begins.begin());

@@ -45,6 +45,8 @@ class SortedEntries final : public View {
  public:
   bool Get(Tree tree, std::string_view key, std::string_view* value) const override;
   void OpenCursor(Tree tree, std::unique_ptr<TreeCursor>& cursor) const override;
+  // They were too many for the sorter's memory.
+  bool in_file() const { return file_ != nullptr; }
 
  private:
   friend class EntrySorter;
@@ -89,6 +91,7 @@ class EntrySorter {
   };
   class RunReader;
 
+  bool HasRoomFor(SortedRecord const& record) const;
   void Sort();
   void WriteRun();
   void Merge(SortedEntries& sorted, WatchedWork& work);

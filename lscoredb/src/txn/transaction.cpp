@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "heap.h"
+
 namespace lscore {
 
 Transaction::Transaction(std::shared_ptr<Database> database) : state_(std::move(database)) {}
@@ -50,6 +52,7 @@ Status Transaction::AskOutcome(bool* committed) const {
 // Scans end before the write set that they point into is cleared. The snapshot goes last: rows and
 // cells point into it.
 void Transaction::End() noexcept {
+  bool const large = state_.changes.large();
   scans_.EndAll();
   result_buffers_.Clear();
   savepoints_.End();
@@ -60,6 +63,7 @@ void Transaction::End() noexcept {
   state_.now = 0;
   reader_.End();
   state_.database->store().End(std::move(state_.snapshot));
+  if (large) ReturnFreeHeap();
 }
 
 // An object that the transaction itself inserted needs no check: nobody else can see it.

@@ -491,6 +491,14 @@ ObjectId PendingChanges::TakeBack(undo::ObjectRequired const& required) {
   return kNoObject;
 }
 
+bool PendingChanges::large() const {
+  constexpr std::size_t kLarge = std::size_t{32} << 20;
+  return arena_.from_system() >= kLarge ||
+         std::any_of(indexes_.begin(), indexes_.end(), [](auto const& index) {
+           return index->untouched() != nullptr && index->untouched()->in_file();
+         });
+}
+
 void PendingChanges::Clear() {
   undo_.Stop();
   examples_.Clear();

@@ -204,6 +204,8 @@ ObjectId FindOtherBelow(View const& committed, EntryCursor& cursor, PendingIndex
 class PendingChanges {
  public:
   Arena& arena() { return arena_; }
+  // Whether there is so much that the heap holds many pages for it.
+  bool large() const;
 
   PendingRow* FindRow(ObjectId id) const {
     auto const* const found = rows_.Find(Raw(id));

@@ -16,6 +16,7 @@
 #include "bytes.h"
 #include "directory.h"
 #include "fork.h"
+#include "heap.h"
 #include "library_call.h"
 #include "store_check.h"
 #include "store_errors.h"
@@ -205,6 +206,7 @@ int LmdbBatch::PutWith(unsigned flags, Tree tree, std::string_view key, std::str
   unsigned const handle = store_.Handle(tree);
   int const code = CallWriting([&] { return mdb_put(txn_, handle, &k, &v, flags); });
   if (code != MDB_KEYEXIST) changed_ = true;
+  ++writes_;
   return code;
 }
 
@@ -231,6 +233,7 @@ bool LmdbBatch::Delete(Tree tree, std::string_view key) {
   int const code = CallWriting([&] { return mdb_del(txn_, handle, &k, nullptr); });
   if (code == MDB_NOTFOUND) return false;
   changed_ = true;
+  ++writes_;
   CheckStore(code);
   return true;
 }
@@ -247,6 +250,7 @@ void LmdbBatch::Commit() {
   if (code == EIO && IsDiskFull(store_.env())) Throw(LSCOREDB_DISK_FULL);
   CheckStore(code);
   store_.NoteGrowth();
+  store_.NoteWrites(writes_);
 }
 
 // ---- cursors over batches ----------------------------------------------------------------------
@@ -301,6 +305,12 @@ LmdbStore::~LmdbStore() {
   locks_.CeaseWriting();
   for (int const file : files_) ForgetFile(file);
   mdb_env_close(env_);
+  if (wrote_much_) ReturnFreeHeap();
+}
+
+void LmdbStore::NoteWrites(std::uint64_t records) noexcept {
+  constexpr std::uint64_t kMuch = 10000;
+  if (records >= kMuch) wrote_much_ = true;
 }
 
 void LmdbStore::GiveUpWriting() noexcept {

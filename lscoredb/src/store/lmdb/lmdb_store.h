@@ -88,6 +88,7 @@ class LmdbBatch final : public Batch {
   WriteTurn turn_;
   MDB_txn* txn_ = nullptr;
   bool changed_ = false;
+  std::uint64_t writes_ = 0;
 };
 
 // A cursor over a batch.
@@ -139,6 +140,9 @@ class LmdbStore final : public Store {
   // The number of pages in the file. Asks the system only if that known is below `claimed`.
   std::uint64_t FilePages(std::uint64_t claimed) const;
   void NoteGrowth() noexcept;
+  // A batch wrote so many records. The library keeps the memory of its pages for the next one, as
+  // long as the store is open.
+  void NoteWrites(std::uint64_t records) noexcept;
   PageGuard& guard() const { return guard_; }
   // After a write that the library cannot roll back: begins no more batches, and releases the lock
   // so that other processes can write. REQUIRES: this thread has the write lock.
@@ -174,6 +178,7 @@ class LmdbStore final : public Store {
   unsigned trees_[kTreeCount] = {};
   std::atomic<std::uint64_t> last_page_{0};           // of the file, as of the last commit here
   std::atomic<std::uint64_t> mutable file_pages_{0};  // as last seen; a file never shrinks
+  std::atomic<bool> wrote_much_{false};
   std::mutex idle_mutex_;
   std::vector<std::unique_ptr<LmdbSnapshot>> idle_;  // ended, to be renewed
 };
