@@ -95,6 +95,18 @@ std::size_t FirstNode(char const* page, std::size_t page_size, std::size_t low, 
   return low;
 }
 
+// `first`: the first node that has a key.
+template <typename Keys>
+void CheckOrder(char const* page, std::size_t page_size, std::size_t first, std::size_t count) {
+  if (first >= count) return;
+  typename Keys::Key before = Keys::Of(KeyAt(page, page_size, first));
+  for (std::size_t i = first + 1; i < count; ++i) {
+    typename Keys::Key const key = Keys::Of(KeyAt(page, page_size, i));
+    if (!(before < key)) ThrowDamaged();
+    before = key;
+  }
+}
+
 // The node of a branch to follow for the key. The first has everything below the second one's key.
 template <typename Keys>
 std::size_t NodeFor(char const* page, std::size_t page_size, std::size_t count,
@@ -204,10 +216,8 @@ bool MappedState::Get(Tree tree, std::string_view key, std::string_view* value) 
 bool MappedState::FindWithinBounds(Tree tree, std::string_view key, std::string_view* value) const {
   TreePath path;
   path.Open(*this, tree);
-  if (!path.Seek(key)) return false;
-  KeyValue const entry = path.entry();
-  if (entry.key != key) return false;
-  *value = entry.value;
+  if (!path.Find(key)) return false;
+  *value = path.entry().value;
   return true;
 }
 
@@ -264,26 +274,42 @@ void TreePath::CheckBounds(std::size_t level) const {
   }
 }
 
-// When all keys of the leaf are below, the entry wanted is the first one of the next leaf.
+void TreePath::CheckOrderOf(std::size_t level) const {
+  Step const& step = steps_[level];
+  std::size_t const first = level + 1 == depth_ ? 0 : 1;
+  WithKeys(*record_, [&](auto keys) {
+    CheckOrder<decltype(keys)>(step.page, state_->page_size_, first, step.count);
+  });
+}
+
 template <typename Keys>
-bool TreePath::Seek(std::string_view key) {
+void TreePath::LeadTo(typename Keys::Key key) {
   std::size_t const page_size = state_->page_size_;
-  typename Keys::Key const wanted = Keys::Of(key);
   for (std::size_t level = 0; level + 1 < depth_; ++level) {
     Enter(level);
     Step& step = steps_[level];
-    step.at = NodeFor<Keys>(step.page, page_size, step.count, wanted);
+    step.at = NodeFor<Keys>(step.page, page_size, step.count, key);
   }
   Enter(depth_ - 1);
   Step& step = leaf();
-  step.at = FirstNode<Keys>(step.page, page_size, 0, step.count, wanted, false);
-  if (step.at < step.count) return true;
-  --step.at;
+  step.at = FirstNode<Keys>(step.page, page_size, 0, step.count, key, false);
+}
+
+// When all keys of the leaf are below, the entry wanted is the first one of the next leaf.
+bool TreePath::Seek(std::string_view key) {
+  if (depth_ == 0) return false;
+  WithKeys(*record_, [&](auto keys) { LeadTo<decltype(keys)>(keys.Of(key)); });
+  if (leaf().at < leaf().count) return true;
+  --leaf().at;
   return Next();
 }
 
-bool TreePath::Seek(std::string_view key) {
-  return depth_ != 0 && WithKeys(*record_, [&](auto keys) { return Seek<decltype(keys)>(key); });
+bool TreePath::Find(std::string_view key) {
+  if (depth_ == 0) return false;
+  WithKeys(*record_, [&](auto keys) { LeadTo<decltype(keys)>(keys.Of(key)); });
+  if (leaf().at < leaf().count && KeyAt(leaf(), leaf().at) == key) return true;
+  for (std::size_t level = 0; level < depth_; ++level) CheckOrderOf(level);
+  return false;
 }
 
 bool TreePath::Descend(bool first) {
@@ -295,6 +321,7 @@ bool TreePath::Descend(bool first) {
 void TreePath::DescendFrom(std::size_t level, bool first) {
   for (; level < depth_; ++level) {
     Enter(level);
+    CheckOrderOf(level);
     steps_[level].at = first ? 0 : steps_[level].count - 1;
   }
 }

@@ -6,9 +6,10 @@
 // Nothing in the file is trusted: each number is checked before it is followed, so that a read of
 // arbitrary bytes ends with an entry of the file or with LSCOREDB_DAMAGED and never leaves the
 // file. A key that is found is not checked further. Before a key counts as missing, the pages of
-// its path must keep to the bounds of their parents; so must the pages of a scan, so that two
-// swapped pages are noticed before an entry is delivered twice. The order of keys inside a page is
-// not checked.
+// its path must keep to the bounds of their parents and their keys must be in order; so must the
+// pages that a scan steps to, so that neither swapped pages nor swapped keys deliver an entry
+// twice. The pages that a seek passes must keep to their bounds only: checking their order would
+// double the cost of a seek.
 //
 // store_header.h draws the pages. Owns nothing; the snapshot keeps the pages from being reused.
 // Reads are const: any number of threads.
@@ -45,7 +46,7 @@ class MappedState {
 
   template <typename Keys>
   bool Find(pages::TreeRecord const& record, std::string_view key, std::string_view* value) const;
-  // As Find, but checks the bounds of all pages of the path.
+  // As Find, but checks the bounds of all pages of the path, and their order if the key is missing.
   bool FindWithinBounds(Tree tree, std::string_view key, std::string_view* value) const;
   // Of a node of a leaf that has that key.
   std::string_view ValueOf(char const* page, char const* node, std::string_view key) const;
@@ -68,6 +69,7 @@ class TreePath {
   // Each returns whether there is such an entry; the path leads to it iff there is. Throw
   // LSCOREDB_DAMAGED.
   bool Seek(std::string_view key);  // the first not below `key`
+  bool Find(std::string_view key);  // that of `key`
   bool First() { return Descend(true); }
   bool Last() { return Descend(false); }
   // REQUIRES: the path leads to an entry.
@@ -95,8 +97,11 @@ class TreePath {
   void Enter(std::size_t level);
   template <typename Keys>
   void CheckBounds(std::size_t level) const;
+  // Every key of the page of that level but the last is below the next one.
+  void CheckOrderOf(std::size_t level) const;
+  // To the first entry of the leaf for the key that is not below it, or behind the last one.
   template <typename Keys>
-  bool Seek(std::string_view key);
+  void LeadTo(typename Keys::Key key);
   bool Descend(bool first);
   void DescendFrom(std::size_t level, bool first);
 
