@@ -170,6 +170,13 @@ class DataFile {
   bool sync_;
 };
 
+// Opening, in an order in which a second opener, a crash or a damaged file does no harm:
+//
+//   1. wait in line, so that one process opens the directory at a time
+//   2. create the data file if this process is alone and there is none; otherwise check its headers
+//   3. let the library open it, and take its locks over
+//   4. while nobody writes: check length, roots and format, and sync what others did not
+//   5. leave the line; then the longer work: verifying all pages, freeing dead readers
 class StoreOpener {
  public:
   static std::unique_ptr<LmdbStore> Open(char const* path, StoreOptions const& options,
@@ -235,6 +242,7 @@ class StoreOpener {
     CheckStore(code);
   }
 
+  // Read-ahead is off since reads are random; slots belong to transactions, not to threads.
   static MDB_env* OpenLibrary(char const* path, StoreOptions const& options, unsigned flags) {
     MDB_env* env = nullptr;
     CheckOpening(mdb_env_create(&env));
@@ -253,6 +261,7 @@ class StoreOpener {
 
  private:
   // Checks the header and the trees and syncs what others did not, while nobody writes.
+  // Twice for a new file: the second time finds the trees that the first one created.
   static void LookIn(LmdbStore& store) {
     if (!FindTrees(store)) FindTrees(store);
     if (store.sync_) CheckStore(mdb_env_sync(store.env_, 1));
@@ -352,6 +361,7 @@ class StoreOpener {
   }
 };
 
+// Without locks: the scratch directory is known to this process only.
 void DataFile::Fill() const {
   unsigned const flags = MDB_NOLOCK | (sync_ ? 0u : unsigned{MDB_NOSYNC});
   MDB_env* const env = StoreOpener::OpenLibrary(Scratch().c_str(), options_, flags);
@@ -395,6 +405,8 @@ bool HasData(char const* directory) {
 
 }  // namespace
 
+// kAutomatic falls back to reading only when the system refused to let it write, and only if there
+// is a data file to read.
 std::unique_ptr<LmdbStore> LmdbStore::Open(char const* directory, StoreOptions const& options) {
   if (directory != nullptr) {
     if (options.access == Access::kRead) return OpenOnlyToRead(directory, options);

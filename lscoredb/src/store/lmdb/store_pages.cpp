@@ -34,6 +34,15 @@ std::uint64_t PagesOf(int file, Header const& header) {
   return std::min(whole, header.last_page + 1);
 }
 
+// A depth-first scan from the roots. Three conditions together prove that nothing is lost or
+// hidden:
+//
+//   - every page is of the expected kind, and its keys ascend within the bounds of its parent,
+//   - no page is used twice, in trees, runs of overflow pages and lists of free pages (a bit for
+//     each page),
+//   - each tree has as many pages and entries as its record says.
+//
+// A page that fails is reported with the bounds of its keys, and the scan continues beside it.
 class PageScan {
  public:
   PageScan(int file, Header const& header, PageDepth depth, PageReport const& report)
@@ -92,6 +101,8 @@ class PageScan {
   WatchedWork work_;
 };
 
+// The tree of trees comes first, since it has the roots of the others, and the free pages last,
+// since they must not be in use.
 void PageScan::Run() {
   if (depth_ == PageDepth::kFreePages) return ScanTree(pages::kFreeTreeName, header_.free);
   ScanTree("trees", header_.trees);
@@ -115,6 +126,7 @@ void PageScan::Run() {
   }
 }
 
+// The counts are compared only if no page of the tree failed: then they would differ anyway.
 void PageScan::ScanTree(std::string_view name, TreeRecord const& tree) {
   name_ = name;
   tree_ = &tree;
@@ -148,6 +160,7 @@ void PageScan::ScanPage(std::uint64_t number, std::uint16_t levels, Bounds bound
   }
 }
 
+// Taking the page first keeps a cycle of pages from being followed for ever.
 bool PageScan::LoadPage(std::uint64_t number, std::uint16_t levels, Bounds bounds,
                         std::string& bytes, Page& page) {
   if (!Take(number, 1)) {
@@ -206,6 +219,8 @@ void PageScan::ScanValue(Node const& node) {
   if (free) ScanFreePages(node.key, value);
 }
 
+// Of a run only the head and the last byte are read: its bytes are checked by the record's own
+// checksum when they are used. The lists of free pages are read as a whole.
 bool PageScan::ScanOverflow(Node const& node, std::string* bytes) {
   auto const first = Load<std::uint64_t>(node.value);
   std::uint64_t const needed = (kPageHead - 1 + node.value_size) / header_.page_size + 1;
@@ -258,6 +273,7 @@ bool PageScan::Take(std::uint64_t first, std::uint64_t count) {
   return true;
 }
 
+// A free page may lie beyond the end of the file, where the bits do not reach.
 bool PageScan::TakeFree(std::uint64_t number) {
   if (number < seen_.size()) return Take(number, 1);
   return number <= header_.last_page && seen_behind_.insert(number).second;
