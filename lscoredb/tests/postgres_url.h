@@ -34,6 +34,12 @@ inline std::string NewServerUrl() {
          std::to_string(++count);
 }
 
+// Where a suite of any store puts a database that it opens again: `directory`, or a new schema of
+// the server.
+inline std::string NewPlace(std::string const& directory) {
+  return RunsOnServer() ? NewServerUrl() : directory;
+}
+
 }  // namespace lscore
 
 #endif

@@ -72,7 +72,7 @@ void ReadyClasses() {
 
 int BootstrapTest::Run(std::function<void(Database&)> const& work) {
   return InChildProcess([this, &work] {
-    Database database(directory_.path() + "/database");
+    Database database(place_);
     work(database);
     return ::testing::Test::HasFailure() ? 1 : 0;
   });

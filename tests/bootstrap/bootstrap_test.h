@@ -50,6 +50,7 @@ class BootstrapTest : public ::testing::Test {
 
  private:
   TemporaryDirectory directory_;
+  std::string const place_ = NewPlace(directory_.path() + "/database");
 };
 
 }  // namespace sagleme_test

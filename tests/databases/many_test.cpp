@@ -218,7 +218,7 @@ TEST(ManyDatabasesTest, Bootstrap_OutlivesItsDatabaseHarmlessly) {
 TEST(ManyDatabasesTest, ReopenedDatabase_StartsAnew) {
   TemporaryDirectory const place;
   for (int i = 0; i < 3; ++i) {
-    std::string const directory = place.path() + "/db";
+    std::string const directory = sagleme_test::NewPlace(place.path() + "/db");
     uint64_t book = 0;
     {
       Shop shop(u"App.Book", directory);

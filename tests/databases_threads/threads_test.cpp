@@ -52,17 +52,18 @@ TEST(DatabasesInThreadsTest, EachThread_HasItsOwnDatabase) {
 }
 
 TEST(DatabasesInThreadsTest, AllThreads_StartOneDatabaseUpAtTheSameTime) {
-  TemporaryDirectory const place;
+  TemporaryDirectory const directory;
+  std::string const place = sagleme_test::NewPlace(directory.path());
   {
-    Database made(place.path());
+    Database made(place);
     ASSERT_EQ(0u, made.Bootstrap());
   }
-  Database const stays(place.path());
+  Database const stays(place);
   std::atomic<int> started{0};
   std::vector<std::thread> threads;
   for (int thread = 0; thread < kThreads; ++thread) {
     threads.emplace_back([&] {
-      Database database(place.path());
+      Database database(place);
       database.Begin();
       EXPECT_EQ(0u, lorv_init_metalayer(database.context()));
       ++started;

@@ -41,7 +41,7 @@ void ForCalls(Attempt const& attempt) {
   int nth = 1;
   for (;; nth += kDistance) {
     TemporaryDirectory const directory;
-    int const outcome = attempt(directory.path(), nth);
+    int const outcome = attempt(sagleme_test::NewPlace(directory.path()), nth);
     if (outcome == kNothingRefused) break;
     ASSERT_EQ(kAsExpected, outcome) << "call " << nth;
   }
@@ -49,9 +49,9 @@ void ForCalls(Attempt const& attempt) {
 }
 
 TEST(BootstrapFailureTest, AnyCallThatFails_IsResumedByTheSameProcess) {
-  ForCalls([](std::string const& directory, int nth) {
+  ForCalls([](std::string const& place, int nth) {
     return InChildProcess([&] {
-      Database database(directory);
+      Database database(place);
       int const outcome = BootstrapWithOneCallRefused(database, nth);
       return outcome == kAsExpected ? Bootstrap(database) : outcome;
     });
@@ -59,14 +59,14 @@ TEST(BootstrapFailureTest, AnyCallThatFails_IsResumedByTheSameProcess) {
 }
 
 TEST(BootstrapFailureTest, AnyCallThatFails_IsResumedByTheNextProcess) {
-  ForCalls([](std::string const& directory, int nth) {
+  ForCalls([](std::string const& place, int nth) {
     int const outcome = InChildProcess([&] {
-      Database database(directory);
+      Database database(place);
       return BootstrapWithOneCallRefused(database, nth);
     });
     if (outcome != kAsExpected) return outcome;
     return InChildProcess([&] {
-      Database database(directory);
+      Database database(place);
       return Bootstrap(database);
     });
   });

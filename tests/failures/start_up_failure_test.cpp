@@ -40,24 +40,24 @@ class StartUpFailureTest : public ::testing::Test {
  protected:
   void SetUp() override {
     recording_kernel::Reset();
-    ASSERT_EQ(0, InChildProcess(
-                     [&] { return static_cast<int>(Database(directory_.path()).Bootstrap()); }));
+    ASSERT_EQ(0, InChildProcess([&] { return static_cast<int>(Database(place_).Bootstrap()); }));
   }
 
   // In a process of its own, which knows nothing of the database yet.
   int InFreshProcess(int nth, uint32_t with, uint32_t expected) {
     return InChildProcess([&] {
-      Database database(directory_.path());
+      Database database(place_);
       database.Begin();
       *metalayer::TlsMetalayerContext::Current() = database.context();
       return static_cast<int>(StartUpWithOneCallRefused(database, nth, with, expected));
     });
   }
 
-  std::string const& directory() const { return directory_.path(); }
+  std::string const& place() const { return place_; }
 
  private:
   TemporaryDirectory directory_;
+  std::string const place_ = sagleme_test::NewPlace(directory_.path());
 };
 
 TEST_F(StartUpFailureTest, AnyCallThatFails_PassesTheStatusOutAndCanBeRepeated) {
@@ -76,7 +76,7 @@ TEST_F(StartUpFailureTest, IteratorThatTheKernelKeeps_EndsTheProcess) {
   int nth = 1;
   for (;; nth += kDistance) {
     int const outcome = InChildProcess([&] {
-      Database database(directory());
+      Database database(place());
       database.Begin();
       recording_kernel::FailNthOf("lorv_iterator_free", nth, LSCOREDB_IO_ERROR);
       return lorv_init_metalayer(database.context()) == 0 ? kNothingRefused : kAnotherStatus;

@@ -24,7 +24,7 @@ constexpr std::int64_t kTotal = kAccounts * kEach;
 
 class BankTest : public ::testing::Test {
  protected:
-  BankTest() : database_(sagleme::Database::InMemory()), context_(database_) {
+  BankTest() : context_(database_) {
     sagleme::Transaction transaction(context_);
     std::array const columns{ColumnSpec{u"Balance", Type::kLong, false},
                              ColumnSpec{kVersion, Type::kULong, false},
@@ -159,7 +159,7 @@ class BankTest : public ::testing::Test {
     for (std::string const& each : found) ADD_FAILURE() << each;
   }
 
-  sagleme::Database database_;
+  SharedDatabase database_;
   sagleme::Context context_;
   std::vector<sagleme::ObjectId> accounts_;
   Recorder recorder_;

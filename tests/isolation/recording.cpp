@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <exception>
 
+#include "postgres_url.h"
+
 namespace sagleme_isolation {
 
 std::size_t Recorder::Count(Outcome outcome) const {
@@ -103,7 +105,18 @@ void Retry(sagleme::Context const& context, std::function<void(sagleme::Transact
   }
 }
 
-void Together(sagleme::Database const& database, int count,
+SharedDatabase::SharedDatabase()
+    : place_(lscore::NewPlace("")),
+      database_(place_.empty() ? sagleme::Database::InMemory()
+                               : sagleme::Database::Create(place_)) {}
+
+std::optional<sagleme::Database> SharedDatabase::OpenApart(int number) const {
+  if (place_.empty()) return std::nullopt;
+  // Another URL is another place to the kernel.
+  return sagleme::Database::Open(place_ + "&timeout=" + std::to_string(60 + number));
+}
+
+void Together(SharedDatabase const& database, int count,
               std::function<void(int, sagleme::Context&)> const& work) {
   std::barrier start(count);
   std::mutex mutex;
@@ -112,7 +125,8 @@ void Together(sagleme::Database const& database, int count,
   for (int i = 0; i < count; ++i) {
     threads.emplace_back([&, i] {
       try {
-        sagleme::Context context(database);
+        std::optional<sagleme::Database> const apart = database.OpenApart(i);
+        sagleme::Context context(apart ? *apart : static_cast<sagleme::Database const&>(database));
         start.arrive_and_wait();
         work(i, context);
       } catch (...) {

@@ -12,8 +12,10 @@
 #include <functional>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <sagleme/host.hpp>
 #include <set>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -85,9 +87,24 @@ void Retry(Recorder& recorder, sagleme::Context const& context,
 void Retry(sagleme::Context const& context, std::function<void(sagleme::Transaction&)> const& body,
            std::set<std::uint32_t> const& again = {LSCOREDB_CONFLICT});
 
-// Runs `work` in `count` threads that begin it together, each with a context of its own. What one
-// of them throws is thrown on.
-void Together(sagleme::Database const& database, int count,
+// The database of a test: in memory, or where suites run on a server, there.
+class SharedDatabase {
+ public:
+  SharedDatabase();
+
+  operator sagleme::Database const&() const { return database_; }
+  // On a server, the database opened once more: it shares nothing with the others in this process,
+  // as if it were used on another machine. In memory, nothing.
+  std::optional<sagleme::Database> OpenApart(int number) const;
+
+ private:
+  std::string place_;
+  sagleme::Database database_;
+};
+
+// Runs `work` in `count` threads that begin it together, each with a context of its own, and on a
+// server as if each thread were on a machine of its own. What one of them throws is thrown on.
+void Together(SharedDatabase const& database, int count,
               std::function<void(int, sagleme::Context&)> const& work);
 
 }  // namespace sagleme_isolation

@@ -19,7 +19,7 @@ constexpr int kThreads = 8;
 
 class SchemaThreadsTest : public ::testing::Test {
  protected:
-  SchemaThreadsTest() : database_(sagleme::Database::InMemory()), context_(database_) {
+  SchemaThreadsTest() : context_(database_) {
     sagleme::Transaction transaction(context_);
     std::array const columns{ColumnSpec{u"Number", Type::kLong}, ColumnSpec{u"Name"}};
     sagleme::CreateTable(transaction, u"App.Thing", u"", columns);
@@ -87,7 +87,7 @@ class SchemaThreadsTest : public ::testing::Test {
     ExpectDistinct("set specifiers", setspecs);
   }
 
-  sagleme::Database database_;
+  SharedDatabase database_;
   sagleme::Context context_;
 };
 

@@ -90,7 +90,7 @@ TEST_F(TokensTest, EmptyDictionary_EndsTheProcess) {
 // A new database knows the predefined names alone until the first other one is needed.
 TEST(FirstTokensTest, AllocatedTokens_FollowThePredefinedOnes) {
   TemporaryDirectory const directory;
-  Database database(directory.path());
+  Database database(NewPlace(directory.path()));
   constexpr int kYieldOfTokens = 5;
   ASSERT_EQ(0u, database.BootstrapUpTo(kYieldOfTokens));
   database.Begin();

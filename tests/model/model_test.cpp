@@ -3,7 +3,7 @@
 // Transactions are committed and rolled back, and rolled back to savepoints, which nest.
 //
 // A run is cut into legs. Each leg is a process of its own: it replays the model up to its start,
-// without a database, opens the directory that the leg before it left, and goes on. What has to be
+// without a database, opens what the leg before it left, and goes on. What has to be
 // carried over beside the seed are the identities that the database gave out.
 //
 // SAGLEME_MODEL_STEPS and SAGLEME_MODEL_SEEDS give longer and more runs, SAGLEME_MODEL_FIRST_SEED
@@ -137,14 +137,14 @@ struct Run {
   std::uint64_t seed;
   std::size_t leg;
   std::size_t first_step;  // of the leg
-  std::string directory;
+  std::string place;
   std::filesystem::path identities;
 };
 
 // The database's side of one leg.
 class Leg {
  public:
-  Leg(Run const& run, Script& script) : run_(run), script_(script), database_(run.directory) {}
+  Leg(Run const& run, Script& script) : run_(run), script_(script), database_(run.place) {}
 
   // Returns what is wrong, nothing when all is well.
   std::string Play() {
@@ -277,7 +277,8 @@ int PlayLeg(Run const& run) {
 
 void PlaySeed(std::uint64_t seed, std::size_t steps) {
   sagleme_test::TemporaryDirectory directory;
-  Run run{seed, 0, 0, directory.path() + "/database", directory.path() + "/identities"};
+  Run run{seed, 0, 0, sagleme_test::NewPlace(directory.path() + "/database"),
+          directory.path() + "/identities"};
   while (run.first_step < steps) {
     ASSERT_EQ(0, sagleme_test::InChildProcess([&] { return PlayLeg(run); }))
         << "seed " << seed << ", leg " << run.leg;

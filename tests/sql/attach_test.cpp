@@ -14,7 +14,7 @@ using sagleme::Type;
 TEST(AttachTest, Schema_IsNamedAfterTheDirectoryByDefault) {
   Library library;
   Sql sql;
-  std::string const name = std::filesystem::path(library.directory()).filename().string();
+  std::string const name = sagleme::NameOfPlace(library.directory());
   EXPECT_EQ(sql("SELECT sagleme_attach('" + library.directory() + "')"), name);
   EXPECT_EQ(library.AttachTo(sql), "lib");
   EXPECT_EQ(sql("SELECT name FROM pragma_database_list WHERE name <> 'main' ORDER BY 1"),

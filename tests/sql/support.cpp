@@ -4,6 +4,7 @@
 
 #include <array>
 
+#include "postgres_url.h"
 #include "sql/extension.h"
 
 namespace sql_tests {
@@ -77,7 +78,7 @@ std::string Statement::Next() {
 
 Library::Library() {
   std::string pattern = (std::filesystem::temp_directory_path() / "sagleme_sql_XXXXXX").string();
-  directory_ = mkdtemp(pattern.data());
+  directory_ = lscore::RunsOnServer() ? lscore::NewServerUrl() : mkdtemp(pattern.data());
   database_.emplace(sagleme::Database::Create(directory_, {}, {.no_sync = true}));
   using sagleme::ColumnSpec;
   using sagleme::IndexColumnSpec;

@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <filesystem>
 
+#include "postgres_url.h"
+
 namespace sagleme_test {
 
 namespace {
@@ -59,9 +61,11 @@ TemporaryDirectory::~TemporaryDirectory() {
   std::filesystem::remove_all(path_, ignored);
 }
 
-Database::Database(std::string const& directory) {
-  char const* const where = directory.empty() ? nullptr : directory.c_str();
-  EXPECT_EQ(0u, lscoredb_open(where, nullptr, &database_));
+std::string NewPlace(std::string const& directory) { return lscore::NewPlace(directory); }
+
+Database::Database(std::string const& place) {
+  std::string const found = place.empty() ? NewPlace("") : place;
+  EXPECT_EQ(0u, lscoredb_open(found.empty() ? nullptr : found.c_str(), nullptr, &database_));
   if (database_ == nullptr) return;
   EXPECT_EQ(0u, lscoredb_context_open(database_, &context_));
 }

@@ -36,11 +36,15 @@ class TemporaryDirectory {
   std::string path_;
 };
 
+// Where a test puts a database that it opens again: `directory`, or where suites run on a server, a
+// schema there that does not exist yet.
+std::string NewPlace(std::string const& directory);
+
 // One open database with one context.
 class Database {
  public:
-  // An empty directory name opens in memory.
-  explicit Database(std::string const& directory = "");
+  // An empty place opens a database in memory, or where suites run on a server, a new one there.
+  explicit Database(std::string const& place = "");
   ~Database();
   Database(Database const&) = delete;
   Database& operator=(Database const&) = delete;

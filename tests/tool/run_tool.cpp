@@ -15,6 +15,8 @@
 #include <fstream>
 #include <iterator>
 
+#include "postgres_url.h"
+
 namespace tool_test {
 namespace {
 
@@ -208,6 +210,7 @@ std::string ReadText(std::string const& path) {
 ToolTest::ToolTest() {
   std::string pattern = (std::filesystem::temp_directory_path() / "sagleme-tool-XXXXXX").string();
   directory_ = mkdtemp(pattern.data());
+  database_ = lscore::RunsOnServer() ? lscore::NewServerUrl() : Path("db");
 }
 
 ToolTest::~ToolTest() { std::filesystem::remove_all(directory_); }

@@ -72,10 +72,12 @@ class ToolTest : public ::testing::Test {
   void Create() const { On("create"); }
   void Apply(std::string const& schema, Arguments const& rest = {}, int status = 0) const;
 
-  std::string database() const { return Path("db"); }
+  // Its directory, or its URL where suites run on a server.
+  std::string const& database() const { return database_; }
 
  private:
   std::string directory_;
+  std::string database_;
 };
 
 // A schema that many tests work on: Item and its descendants Book and Film, and Person.
