@@ -2,14 +2,11 @@
 // leaves and long values, before the database is opened and in the midst of its use, without any
 // verification. Whatever the bytes are, each call comes back with a status, in a process that lives
 // on. Which damage a case does follows from its number alone.
-//
-// SAGLEME_DAMAGE_CASES says how many cases are tried, SAGLEME_DAMAGE_FIRST which is the first.
 
 #include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <map>
@@ -18,6 +15,7 @@
 #include <sstream>
 
 #include "kernel_test.h"
+#include "numbered_cases.h"
 #include "stored_records.h"
 
 namespace lscoredb_test {
@@ -27,11 +25,6 @@ constexpr std::size_t kPage = 4096;
 constexpr unsigned kPatience = 60;  // seconds for one case
 constexpr std::uint64_t kToken = 50;
 constexpr int kTransactions = 60;
-
-std::uint64_t Number(char const* variable, std::uint64_t otherwise) {
-  char const* const text = std::getenv(variable);
-  return text == nullptr ? otherwise : std::strtoull(text, nullptr, 10);
-}
 
 // Numbers far out of bounds find a limit soon. Without memory for rows they are all read where they
 // lie in the file.
@@ -358,16 +351,14 @@ class DamageSweepTest : public testing::Test {
 };
 
 TEST_F(DamageSweepTest, AnyDamage_NeverEndsTheProcess) {
-  std::uint64_t const first = Number("SAGLEME_DAMAGE_FIRST", 1);
-  std::uint64_t const cases = Number("SAGLEME_DAMAGE_CASES", 160);
-  for (std::uint64_t number = first; number < first + cases; ++number) TryCase(number);
+  ForEachCase(160, [&](std::uint64_t number) { TryCase(number); });
   for (auto const& [status, count] : statuses_) {
     std::printf("status %u: %d cases\n", status, count);
     EXPECT_STRNE(lscoredb_status_text(1), lscoredb_status_text(status)) << status;
   }
   EXPECT_EQ(0, statuses_[LSCOREDB_IO_ERROR]) << "damage is called by its name";
   std::printf("%d refused something, %d did not notice\n", refused_, unharmed_);
-  EXPECT_TRUE(refused_ > unharmed_ / 8 || cases < 20) << "most of it was not met";
+  EXPECT_TRUE(refused_ > unharmed_ / 8 || refused_ + unharmed_ < 20) << "most of it was not met";
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 
 #include "crash/directory.h"
 #include "crash/recording.h"
+#include "crash/rounds.h"
 #include "crash/store_faults.h"
 #include "crash/tellers.h"
 
@@ -68,7 +69,8 @@ TEST_F(FailPointTest, LossOfPowerAtAnyPoint_LeavesWholeCommits) {
 // Everyone at work in turn, in one thread.
 class Turns {
  public:
-  explicit Turns(std::string const& directory) : bank_(directory, kSeed) {
+  explicit Turns(std::string const& directory, std::uint64_t seed = kSeed)
+      : bank_(directory, seed) {
     for (int i = 0; i < 8; ++i) Step();
   }
 
@@ -99,36 +101,45 @@ struct Failure {
   std::uint32_t status;
 };
 
+void ExpectFailuresLeaveNothing(Turns& turns) {
+  Failure const failures[] = {
+      {Point::kBeforeApply, ENOMEM, LSCOREDB_NO_MEMORY},
+      {Point::kBetweenRowsAndIndexes, MDB_MAP_FULL, LSCOREDB_MAP_FULL},
+      {Point::kBetweenRowsAndIndexes, MDB_CORRUPTED, LSCOREDB_DAMAGED},
+      {Point::kBeforeWriting, ENOSPC, LSCOREDB_DISK_FULL},
+      {Point::kWriting, ENOSPC, LSCOREDB_DISK_FULL},
+      {Point::kWriting, EDQUOT, LSCOREDB_DISK_FULL},
+      {Point::kWriting, EFBIG, LSCOREDB_DISK_FULL},
+      {Point::kWriting, EIO, LSCOREDB_IO_ERROR},
+      {Point::kWriting, store_faults::kShort, LSCOREDB_IO_ERROR},
+      {Point::kBeforeSync, EIO, LSCOREDB_IO_ERROR},
+      {Point::kBeforeSync, ENOSPC, LSCOREDB_DISK_FULL},
+  };
+  for (Failure const& failure : failures) {
+    SCOPED_TRACE(Describe(failure.point, 1) + ", code " + std::to_string(failure.code));
+    Progress const before = turns.bank().Done();
+    auto const fail = [&] { return failure.code; };
+    store_faults::Arm(failure.point, 1, fail, store_faults::kForEver);
+    EXPECT_EQ(failure.status, turns.RefusedStep());
+    EXPECT_LE(1, store_faults::Acted());
+    store_faults::Disarm();
+    EXPECT_EQ(before, turns.bank().Done());
+    turns.bank().ExpectWhole();
+    turns.Step();
+    turns.bank().ExpectWhole();
+  }
+}
+
 TEST_F(FailPointTest, FailureAtAnyPoint_IsReportedAndLeavesNothingAndWorkContinues) {
-  InChild([&] {
-    Failure const failures[] = {
-        {Point::kBeforeApply, ENOMEM, LSCOREDB_NO_MEMORY},
-        {Point::kBetweenRowsAndIndexes, MDB_MAP_FULL, LSCOREDB_MAP_FULL},
-        {Point::kBetweenRowsAndIndexes, MDB_CORRUPTED, LSCOREDB_DAMAGED},
-        {Point::kBeforeWriting, ENOSPC, LSCOREDB_DISK_FULL},
-        {Point::kWriting, ENOSPC, LSCOREDB_DISK_FULL},
-        {Point::kWriting, EDQUOT, LSCOREDB_DISK_FULL},
-        {Point::kWriting, EFBIG, LSCOREDB_DISK_FULL},
-        {Point::kWriting, EIO, LSCOREDB_IO_ERROR},
-        {Point::kWriting, store_faults::kShort, LSCOREDB_IO_ERROR},
-        {Point::kBeforeSync, EIO, LSCOREDB_IO_ERROR},
-        {Point::kBeforeSync, ENOSPC, LSCOREDB_DISK_FULL},
-    };
-    Turns turns(directory_.path());
-    for (Failure const& failure : failures) {
-      SCOPED_TRACE(Describe(failure.point, 1) + ", code " + std::to_string(failure.code));
-      Progress const before = turns.bank().Done();
-      auto const fail = [&] { return failure.code; };
-      store_faults::Arm(failure.point, 1, fail, store_faults::kForEver);
-      EXPECT_EQ(failure.status, turns.RefusedStep());
-      EXPECT_LE(1, store_faults::Acted());
-      store_faults::Disarm();
-      EXPECT_EQ(before, turns.bank().Done());
-      turns.bank().ExpectWhole();
-      turns.Step();
-      turns.bank().ExpectWhole();
-    }
-  });
+  int const rounds = Rounds(1, 1);
+  for (int round = 0; round < rounds && !HasFailure(); ++round) {
+    SCOPED_TRACE("round " + std::to_string(round));
+    Directory const directory;
+    InChild([&] {
+      Turns turns(directory.path(), kSeed + static_cast<std::uint64_t>(round));
+      ExpectFailuresLeaveNothing(turns);
+    });
+  }
 }
 
 TEST_F(FailPointTest, RootThatCannotBeWritten_EndsTheUseOfTheDatabaseUntilItIsOpenedAgain) {

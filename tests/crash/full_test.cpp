@@ -10,6 +10,7 @@
 #include "crash/bank.h"
 #include "crash/child.h"
 #include "crash/directory.h"
+#include "crash/rounds.h"
 
 namespace crash_test {
 namespace {
@@ -78,10 +79,12 @@ TEST_F(FullTest, FileSizeLimit_IsReportedAndWorkContinuesWhenItIsRaised) {
   Found();
   InChild([&] {
     Bank bank(directory_.path(), kSeed, {.no_sync = true});
-    for (std::uintmax_t more = 0; more < 8; ++more) {
-      SCOPED_TRACE("with " + std::to_string(more) + " sectors more");
+    int const rounds = Rounds(8, 8);
+    for (int round = 0; round < rounds; ++round) {
+      auto const more = static_cast<std::uintmax_t>(round) % 24 * 3;
+      SCOPED_TRACE("round " + std::to_string(round));
       {
-        FileSizeLimit const limit(directory_.FileSize() / 512 * 512 + more * 1536);
+        FileSizeLimit const limit((directory_.FileSize() / 512 + more) * 512);
         EXPECT_EQ(LSCOREDB_DISK_FULL, WorkUntilRefused(bank));
       }
       ExpectWorkGoesOn(bank);
@@ -103,24 +106,31 @@ void Occupy(std::string const& file, int kilobytes) {
 }
 
 // Where mounting is not allowed, the limit of the file stands for the disk.
-TEST_F(FullTest, FullDisk_IsReportedAndWorkContinuesWhenThereIsRoomAgain) {
-  InChild([&] {
-    bool const mounted = MountSmallDisk(directory_.path());
-    Bank bank(directory_.path(), kSeed);
-    for (int round = 0; round < 6; ++round) {
-      std::string const other = directory_.path() + "/other";
-      std::unique_ptr<FileSizeLimit> limit;
-      if (mounted) {
-        Occupy(other, 3 * 1024);
-      } else {
-        limit = std::make_unique<FileSizeLimit>(directory_.FileSize());
-      }
-      EXPECT_EQ(LSCOREDB_DISK_FULL, WorkUntilRefused(bank));
-      std::filesystem::remove(other);
-      limit.reset();
-      ExpectWorkGoesOn(bank);
+void FillDiskAgainAndAgain(Directory const& directory, std::uint64_t seed) {
+  bool const mounted = MountSmallDisk(directory.path());
+  Bank bank(directory.path(), seed);
+  for (int i = 0; i < 6; ++i) {
+    std::string const other = directory.path() + "/other";
+    std::unique_ptr<FileSizeLimit> limit;
+    if (mounted) {
+      Occupy(other, 3 * 1024);
+    } else {
+      limit = std::make_unique<FileSizeLimit>(directory.FileSize());
     }
-  });
+    EXPECT_EQ(LSCOREDB_DISK_FULL, WorkUntilRefused(bank));
+    std::filesystem::remove(other);
+    limit.reset();
+    ExpectWorkGoesOn(bank);
+  }
+}
+
+TEST_F(FullTest, FullDisk_IsReportedAndWorkContinuesWhenThereIsRoomAgain) {
+  int const rounds = Rounds(1, 1);
+  for (int round = 0; round < rounds && !HasFailure(); ++round) {
+    SCOPED_TRACE("round " + std::to_string(round));
+    Directory const directory;
+    InChild([&] { FillDiskAgainAndAgain(directory, kSeed + static_cast<std::uint64_t>(round)); });
+  }
 }
 
 // From a disk with nothing left to one that holds a database.

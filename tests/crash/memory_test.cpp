@@ -7,6 +7,7 @@
 #include "crash/bank.h"
 #include "crash/child.h"
 #include "crash/failing_memory.h"
+#include "crash/rounds.h"
 #include "kernel_test.h"
 
 namespace crash_test {
@@ -342,12 +343,16 @@ void ExpectStepRefusedEverywhere(Bank& bank, int teller) {
 }
 
 TEST(LayerWithoutMemoryTest, StepOfAnyKind_IsRefusedInWholeAndDoneLater) {
-  InChild([] {
-    sagleme::Database database = sagleme::Database::InMemory();
-    Bank bank(database, 41);
-    for (int i = 0; i < 6; ++i) ExpectStepRefusedEverywhere(bank, 1);
-    for (int i = 0; i < 2 * kSchemaSteps; ++i) ExpectStepRefusedEverywhere(bank, kArchitect);
-  });
+  int const rounds = Rounds(1, 1);
+  for (int round = 0; round < rounds && !HasFailure(); ++round) {
+    SCOPED_TRACE("round " + std::to_string(round));
+    InChild([&] {
+      sagleme::Database database = sagleme::Database::InMemory();
+      Bank bank(database, 41 + static_cast<std::uint64_t>(round));
+      for (int i = 0; i < 6; ++i) ExpectStepRefusedEverywhere(bank, 1);
+      for (int i = 0; i < 2 * kSchemaSteps; ++i) ExpectStepRefusedEverywhere(bank, kArchitect);
+    });
+  }
 }
 
 }  // namespace
