@@ -15,6 +15,7 @@ enum class Exit : int {
   kCannotOpen = 3,
   kRefused = 4,
   kSomethingToDo = 5,
+  kFileLost = 6,
 };
 
 class Failure : public std::runtime_error {

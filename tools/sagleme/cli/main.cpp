@@ -4,6 +4,7 @@
 #include <csignal>
 
 #include "base/interrupt.h"
+#include "base/truncation.h"
 #include "cli/manual.h"
 #include "cli/parser.h"
 #include "cli/run.h"
@@ -56,6 +57,7 @@ int Main(std::vector<std::string> words) {
 int main(int argc, char** argv) {
   tool::ReserveStandardFiles();
   std::signal(SIGPIPE, SIG_IGN);  // a failed write says so, and ends the command in its own way
+  tool::ReportTruncatedFiles();
   std::setlocale(LC_CTYPE, "C.UTF-8");
   return tool::Main({argv + 1, argv + argc});
 }

@@ -61,7 +61,9 @@ std::string ManPage(CLI::App const& app, std::vector<std::unique_ptr<Command>> c
   page +=
       ".SH ENVIRONMENT\n.TP\n.B NO_COLOR\nSet to anything, it keeps colours out of the output.\n"
       ".SH EXIT STATUS\n.TP\n0\nDone.\n.TP\n1\nA problem was found.\n.TP\n2\nWrong usage.\n"
-      ".TP\n3\nThe database cannot be opened.\n.TP\n4\nThe work was refused.\n";
+      ".TP\n3\nThe database cannot be opened.\n.TP\n4\nThe work was refused or failed.\n"
+      ".TP\n5\nThere is something to do (apply --plan).\n"
+      ".TP\n6\nThe data file was truncated while it was open.\n";
   return page;
 }
 

@@ -16,7 +16,7 @@ constexpr char const* kAbout =
     "\n"
     "Exit status: 0 done, 1 a problem was found, 2 wrong usage, 3 the database cannot\n"
     "be opened, 4 the work was refused or failed, 5 there is something to do\n"
-    "(apply --plan).";
+    "(apply --plan), 6 the data file was truncated while it was open.";
 
 std::vector<std::string> OptionNames(CLI::App const& app) {
   std::vector<std::string> names;
