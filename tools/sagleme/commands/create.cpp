@@ -48,8 +48,20 @@ void RefuseForeignFiles(std::string const& directory) {
   }
 }
 
+// A misspelt URL would be taken for a directory. It is not shown, since it may hold a password.
+void RefuseOtherUrls(std::string const& place) {
+  std::string const scheme = place.substr(0, place.find(':'));
+  bool const url =
+      scheme == "postgresql" || scheme == "postgres" || place.find("://") != place.npos;
+  bool const path = scheme.find_first_of("./") != scheme.npos;
+  if (!url || path || sagleme::IsServerUrl(place) || scheme.size() == place.size()) return;
+  throw Failure(Exit::kUsage, fmt::format("{}: does not begin the URL of a server", scheme),
+                fmt::format("Write postgresql://host/database, or ./{}: for a directory.", scheme));
+}
+
 Exit Create::Run(Session& session, Output& output) {
   std::string const& directory = session.directory();
+  RefuseOtherUrls(directory);
   bool const on_server = sagleme::IsServerUrl(directory);
   if (!on_server) RefuseForeignFiles(directory);
   if (on_server && log_) {
