@@ -10,11 +10,10 @@ namespace lscore {
 // if it has one. Pure, any thread.
 std::uint32_t Crc32c(std::string_view first, std::string_view second = {});
 
-// The same, of `bytes` behind those whose checksum is `before`.
+// Continues the checksum `before` of earlier bytes with `bytes`.
 std::uint32_t Crc32cExtend(std::uint32_t before, std::string_view bytes);
 
-// Of bytes behind those whose checksum is `before`, without the instruction; the two agree on every
-// input.
+// The same as Crc32cExtend without the processor's instruction; both agree on every input.
 std::uint32_t Crc32cPortable(std::string_view bytes, std::uint32_t before = 0);
 
 }  // namespace lscore

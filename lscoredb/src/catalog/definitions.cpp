@@ -97,7 +97,7 @@ std::string SetKey(char letter, std::u16string_view setspec) {
 // ---- layouts -----------------------------------------------------------------------------------
 
 // A layout's record: base (2), token (8), commit (8) and position (4) of its making, number of
-// columns behind the first two (4), and for each type (1), nullable (1), token (8).
+// columns after the first two (4), and for each type (1), nullable (1), token (8).
 
 std::string LayoutKey(LayoutNumber number) { return KeyOf(format::kLayoutLetter, Raw(number)); }
 

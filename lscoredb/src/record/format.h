@@ -10,7 +10,7 @@
 //
 //   offset  size  content
 //        0     4  CRC-32C of the object id (8), of the number of columns in the presence bits (4:
-//                 all of the layout but columns 0 and 1), and of everything behind it
+//                 all of the layout but columns 0 and 1), and of everything after it
 //        4     2  layout number
 //        6     2  flags: 1 set specifier present, 2 big ends, 4 in overflow
 //        8     8  commit that wrote the row

@@ -40,7 +40,7 @@ inline constexpr CommitId kNotCommitted{~std::uint64_t{0}};
 
 class Layout {
  public:
-  // `columns` are those behind columns 0 and 1, which this adds.
+  // `columns` are those after columns 0 and 1, which this adds.
   // Throws LORV_STATUS_DUPLICATE_TOKEN, LSCOREDB_INVALID_ARGUMENT or LSCOREDB_TOO_LARGE.
   Layout(LayoutNumber number, LayoutNumber base, Token token, LayoutOrder order,
          std::vector<Column> const& columns);

@@ -93,7 +93,7 @@ class RowImage {
     std::size_t ends;    // offset
     std::size_t values;  // offset
     std::uint32_t count;
-    std::uint32_t columns_from;  // 1 behind a set specifier
+    std::uint32_t columns_from;  // 1 after a set specifier
   };
   Variable FindVariable(Layout const& layout) const;
   [[noreturn, gnu::cold]] static void ThrowDamaged();

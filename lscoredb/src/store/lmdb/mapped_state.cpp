@@ -202,7 +202,7 @@ std::string_view MappedState::ValueBeside(std::uint64_t number, std::uint64_t si
 }
 
 // A damaged branch can lead past a key that exists. So a key that was not found is looked for again
-// on a path whose pages are checked against the bounds of their parents.
+// on a path whose pages keep to the bounds of their parents and have their keys in order.
 bool MappedState::Get(Tree tree, std::string_view key, std::string_view* value) const {
   TreeRecord const& record = trees_[static_cast<std::size_t>(tree)];
   if (record.root == kNoPage) return false;

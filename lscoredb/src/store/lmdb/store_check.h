@@ -20,13 +20,14 @@ std::size_t PageSize(MDB_env* env);
 // LSCOREDB_DAMAGED.
 void CheckDataFile(char const* directory, bool others_write);
 
-// Throws LSCOREDB_DAMAGED when pages of the state do not hold together.
+// Throws LSCOREDB_DAMAGED when pages of the state are inconsistent.
 void CheckPages(int file, pages::Header const& header, PageDepth depth);
 
-// Throws LSCOREDB_DAMAGED when the file ends before a page of the state that is in use. A touch
-// behind the end would end the process. A sound one that is short is made as long as it says.
+// Throws LSCOREDB_DAMAGED when the file ends before a page of the state that is in use. Extends a
+// shorter sound file to the length that its header says, since access to the map beyond the end
+// would end the process.
 void CheckLength(int file, pages::Header const& header);
-// The same, of a file that stays as it is. Returns whether it is as long as it says.
+// The same without extending the file. Returns whether it is as long as its header says.
 bool CheckReadLength(int file, pages::Header const& header);
 
 // Whether the file cannot grow by another page: the file system or the process's limit is reached.

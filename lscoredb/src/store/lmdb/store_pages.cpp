@@ -34,8 +34,7 @@ std::uint64_t PagesOf(int file, Header const& header) {
   return std::min(whole, header.last_page + 1);
 }
 
-// A depth-first scan from the roots. Three conditions together prove that nothing is lost or
-// hidden:
+// A depth-first scan from the roots. Three conditions together show that nothing is lost or hidden:
 //
 //   - every page is of the expected kind, and its keys ascend within the bounds of its parent,
 //   - no page is used twice, in trees, runs of overflow pages and lists of free pages (a bit for
