@@ -1,8 +1,7 @@
 #ifndef SAGLEME_HOST_CREATION_LOCK_HPP
 #define SAGLEME_HOST_CREATION_LOCK_HPP
 
-// One creator of a database at a time, over all threads and processes, and on a server over all
-// machines.
+// Lets one thread at a time create a database, among all processes and, on a server, all machines.
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -14,9 +13,9 @@
 
 namespace sagleme::detail {
 
-// Waits for others that hold the lock of the place, and holds it while it lives. In a directory it
-// is a lock on the directory itself, so it leaves no file, and ends with a process that dies. A
-// file system that has no such locks is used without. On a server it is the kernel's.
+// Waits for the lock of the place and holds it until destroyed. For a directory it is a lock on the
+// directory itself, so it leaves no file, and the system releases it when the process dies; on file
+// systems without such locks nothing is locked. On a server it is lscoredb_lock_creation.
 class CreationLock {
  public:
   CreationLock(lscoredb* database, std::string const& place) {

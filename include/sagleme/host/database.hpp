@@ -24,10 +24,10 @@ struct Options {
   std::uint32_t max_readers = 0;             // transactions at once over all processes; likewise
   bool verify = false;                       // reads every page in use before anything is trusted
   std::uint32_t log = LSCOREDB_DEFAULT_LOG;  // LSCOREDB_LOG, LSCOREDB_NO_LOG
-  std::uint64_t log_limit = 0;               // bytes that bring a checkpoint about
+  std::uint64_t log_limit = 0;               // bytes that cause a checkpoint
 };
 
-// Told after each step of the bootstrap; steps count from 1.
+// Called after each step of the bootstrap; steps count from 1.
 using Progress = std::function<void(int step)>;
 
 class Context;
@@ -38,8 +38,8 @@ class Database {
   // creation. LSCOREDB_CANNOT_OPEN if it holds a database.
   static Database Create(std::string const& directory, Progress const& progress = {},
                          Options const& options = {});
-  // Opens an existing one; nothing is created when there is none, which is LSCOREDB_NOT_A_DATABASE.
-  // What the system refuses is told by its file: "Cannot open d/layouts.lock: Permission denied".
+  // Opens an existing database and creates nothing: LSCOREDB_NOT_A_DATABASE if there is none. If
+  // the system refuses a file, the text names it: "Cannot open d/layouts.lock: Permission denied".
   static Database Open(std::string const& directory, Options const& options = {});
   // Opens the database in `directory`, or creates one if there is none or its creation was not
   // finished. Several processes may do so at the same time.

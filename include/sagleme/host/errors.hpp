@@ -1,7 +1,7 @@
 #ifndef SAGLEME_HOST_ERRORS_HPP
 #define SAGLEME_HOST_ERRORS_HPP
 
-// Failures as exceptions that carry the status and the text.
+// Failures as exceptions with a status and a text.
 
 #include <lscoredb/host.h>
 #include <sagleme/export.h>
@@ -31,7 +31,7 @@ class SAGLEME_EXCEPTION Error : public std::runtime_error {
 
 namespace detail {
 
-// What a status of the metadata layer means if the layer wrote no text of its own; null for other
+// The text for a status of the metadata layer if the layer wrote none of its own; null for other
 // statuses.
 inline char const* LayerStatusText(std::uint32_t status) {
   switch (status) {
@@ -119,8 +119,8 @@ inline void CheckKernel(std::uint32_t status) {
   if (status != 0) throw Error(status, StatusText(status));
 }
 
-// Throws for a non-zero status of lscoredb_open, with what the system or a server refused, or else
-// the place.
+// Throws for a non-zero status of lscoredb_open. The text names what the system or a server
+// refused, or else the place.
 inline void CheckOpened(std::uint32_t status, std::string const& place) {
   if (status == 0) return;
   std::string const refused = lscoredb_open_error();

@@ -1,7 +1,7 @@
 #ifndef SAGLEME_HOST_PLACE_HPP
 #define SAGLEME_HOST_PLACE_HPP
 
-// Where a database lies: a directory, or the URL of a schema on a PostgreSQL server
+// The place of a database: a directory, or the URL of a schema on a PostgreSQL server
 // ("postgresql://user@host/database?schema=shop"; docs/many-machines.md).
 
 #include <lscoredb/server.h>
@@ -12,7 +12,7 @@ namespace sagleme {
 
 inline bool IsServerUrl(std::string const& place) { return lscoredb_is_url(place.c_str()) != 0; }
 
-// The place as it may be shown to anybody: without the passwords of a URL.
+// The place with "***" instead of each password of a URL, for messages and lists.
 inline std::string ShownPlace(std::string const& place) {
   std::string shown(lscoredb_shown_place(place.c_str(), 0, nullptr), '\0');
   lscoredb_shown_place(place.c_str(), shown.size() + 1, shown.data());

@@ -69,7 +69,7 @@ class SAGLEME_HOST_API RowSource {
   virtual FileLocation location() const = 0;
   virtual FileLocation LocationOf(RowValue const& value) const = 0;
   virtual FileLocation LocationOfName(std::size_t name) const = 0;
-  // The row read last, as it stands in the file, with its end of line.
+  // The row read last, exactly as in the file, with its end of line.
   virtual std::string raw() const = 0;
   // What must precede raw rows in a file of the same form.
   virtual std::string heading() const = 0;

@@ -84,13 +84,13 @@ class Transaction : public RawTransaction {
   }
 
  private:
-  // REQUIRES: the thread stands in this transaction's context.
+  // REQUIRES: this transaction's context is the thread's current one.
   TablePtr Keep(metalayer::RawView const& view);
 
   std::map<std::uint64_t, TablePtr> by_id_;
   std::map<std::u16string, TablePtr, std::less<>> by_setspec_;
   std::map<std::u16string, TablePtr, std::less<>> by_name_;
-  // Layouts whose objects a table holds: all that stand under one layout are of one table.
+  // Layouts whose objects a table holds: all objects of a layout belong to one table.
   std::set<std::pair<std::uint64_t, std::uint16_t>> held_;
   detail::LiveLayouts live_layouts_;
 };

@@ -65,7 +65,7 @@ SAGLEME_API unsigned int get_index_info_by_token(unsigned long token, LORVI_INDE
 
 // The root's is the empty text. A child's is its parent's, the letters of the child's number, and
 // "~". So one specifier begins another exactly when the first table is an ancestor of the second,
-// and the objects of a table with all its descendants stand side by side in the index by set
+// and the objects of a table with all its descendants are neighbours in the index by set
 // specifier.
 
 struct SAGLEME_API Setspec {
