@@ -165,7 +165,7 @@ TEST_F(LongTransactionTest, MemoryOfLargeCommits_GoesBackToTheSystemWhenTheDatab
   ASSERT_EQ(0U, lscoredb_commit(context_));
   EXPECT_GT(ResidentBytes(), before + 20 * kMegabyte) << "the library keeps no pages";
   TearDown();
-  EXPECT_LT(ResidentBytes(), before + 8 * kMegabyte);
+  EXPECT_LT(ResidentBytes(), before + 5 * kMegabyte);
   SetUp();
 }
 
