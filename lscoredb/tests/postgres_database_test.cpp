@@ -7,10 +7,12 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <barrier>
 #include <cstdlib>
 #include <memory>
 #include <set>
 #include <thread>
+#include <vector>
 
 #include "postgres_url.h"
 #include "process_world.h"
@@ -155,6 +157,27 @@ TEST_F(PostgresTest, StoppedCopy_LeavesNothing) {
       AskServer("SELECT count(*) FROM pg_tables WHERE schemaname = $$" + SchemaOf(target) + "$$"),
       "0\n");
   EXPECT_STATUS(0, lscoredb_copy(here_.get(), target.c_str()));
+}
+
+// Each may lose the race for any of the tables.
+TEST_F(PostgresTest, FirstOpeners_AtTheSameTime_AllSucceed) {
+  constexpr int kOpeners = 12;
+  for (int round = 0; round < 5; ++round) {
+    std::string const place = lscore::NewServerUrl();
+    std::barrier begin(kOpeners);
+    std::vector<std::thread> openers;
+    for (int i = 0; i < kOpeners; ++i) {
+      openers.emplace_back([&, i] {
+        std::string const own = place + "&timeout=" + std::to_string(40 + i);
+        lscoredb* database = nullptr;
+        begin.arrive_and_wait();
+        EXPECT_STATUS(0, lscoredb_open(own.c_str(), nullptr, &database)) << lscoredb_open_error();
+        if (database == nullptr) return;
+        EXPECT_STATUS(0, lscoredb_close(database));
+      });
+    }
+    for (std::thread& each : openers) each.join();
+  }
 }
 
 // One that waits for a copy which fails may make its own; that one stays.

@@ -18,7 +18,7 @@ namespace {
 constexpr std::size_t kIdleConnections = 16;
 constexpr int kCreationTimeouts = 10;
 constexpr std::chrono::milliseconds kCreationPause{50};
-constexpr int kAttempts = 5;  // at creating tables, which another process may do at the same time
+constexpr std::size_t kAttempts = 5;  // at creating tables that others drop meanwhile
 
 Status StatusOf(std::function<void()> const& work) {
   return Guarded([&] {
@@ -88,10 +88,12 @@ void PostgresStore::RequireNoForeignTables(Connection& connection) const {
 }
 
 // Each statement is a transaction of its own. When several processes create the same tables at
-// once, the server may refuse one of them in spite of IF NOT EXISTS, which then starts over.
+// once, the server may refuse one of them in spite of IF NOT EXISTS, which then starts over. It can
+// lose at each statement once: from then on what it asks for is there.
 void PostgresStore::MakeTables(Connection& connection) const {
   Status status = LORV_STATUS_OK;
-  for (int attempt = 0; attempt < kAttempts; ++attempt) {
+  std::size_t const attempts = kAttempts + statements_.make.size();
+  for (std::size_t attempt = 0; attempt < attempts; ++attempt) {
     status = StatusOf([&] {
       for (Statement const& statement : statements_.make) connection.Run(statement);
     });
