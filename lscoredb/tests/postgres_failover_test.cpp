@@ -198,7 +198,8 @@ void Disturb(std::string const& how) {
 }
 
 void DisturbAgainAndAgain() {
-  std::array const ways{"kill", "pause", "restart"};
+  // What a primary shows after a restart is taken back if its standby does not have it yet.
+  std::array const ways{"pause", "restart", "kill"};
   for (char const* const way : ways) Disturb(way);
   char const* const seconds = std::getenv("SAGLEME_TEST_SECONDS");
   if (seconds == nullptr) return;

@@ -1,7 +1,6 @@
 #include "postgres_batch.h"
 
 #include <algorithm>
-#include <random>
 #include <utility>
 
 #include "bytes.h"
@@ -14,18 +13,10 @@ namespace {
 
 constexpr std::size_t kStatementBytes = std::size_t{8} << 20;
 constexpr std::size_t kStatementEntries = 10'000;
-constexpr std::size_t kTicketSize = 16;
 constexpr std::uint64_t kTidyEvery = 1000;  // states
 
 void CheckKey(std::string_view key) {
   if (key.empty() || key.size() > kMaxKeySize) Throw(LSCOREDB_TOO_LARGE);
-}
-
-std::string NewTicket() {
-  std::random_device source;
-  std::string ticket;
-  while (ticket.size() < kTicketSize) ticket.push_back(static_cast<char>(source()));
-  return ticket;
 }
 
 // Merges the batch's writes with the server's entries.

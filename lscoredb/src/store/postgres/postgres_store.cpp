@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <random>
 #include <thread>
 #include <utility>
 
@@ -16,6 +17,7 @@ namespace lscore {
 namespace {
 
 constexpr std::size_t kIdleConnections = 16;
+constexpr std::size_t kTicketSize = 16;
 constexpr int kCreationTimeouts = 10;
 constexpr std::chrono::milliseconds kCreationPause{50};
 constexpr std::size_t kAttempts = 5;  // at creating tables that others drop meanwhile
@@ -28,6 +30,13 @@ Status StatusOf(std::function<void()> const& work) {
 }
 
 }  // namespace
+
+std::string NewTicket() {
+  std::random_device source;
+  std::string ticket;
+  while (ticket.size() < kTicketSize) ticket.push_back(static_cast<char>(source()));
+  return ticket;
+}
 
 // ---- opening -----------------------------------------------------------------------------------
 
@@ -50,6 +59,7 @@ PostgresStore::PostgresStore(std::string_view url, StoreOptions const& options)
   }
   if (version > kTablesVersion) Throw(LSCOREDB_NEWER_FORMAT);
   CheckFormat(*connection);
+  WaitForStandby(*connection);
   idle_.push_back(std::move(connection));
   if (options.reserve_layouts && !read_only()) {
     UseReservations(std::make_shared<ServerReservations>(url_, statements_, round_trips_));
@@ -139,6 +149,16 @@ void LetGo::operator()(Connection* connection) const noexcept {
   store->GiveBack(std::unique_ptr<Connection>(connection));
 }
 
+// A primary that was stopped and started shows commits that its synchronous standby may not have
+// yet, and that a failover would take back. A write waits until the standby has all before it, so
+// what a connection reads after one of its own is there to stay. Who may only read does without.
+void PostgresStore::WaitForStandby(Connection& connection) const {
+  if (read_only()) return;
+  Status const status =
+      StatusOf([&] { connection.Run(statements_.fence_ticket, Parameters().Bytes(NewTicket())); });
+  if (status != LSCOREDB_WRITE_REFUSED && status != LSCOREDB_CANNOT_OPEN) Check(status);
+}
+
 // An idle connection of the pool, or a new one. Connects without the mutex.
 UsedConnection PostgresStore::TakeConnection() const {
   bool others = false;
@@ -153,7 +173,10 @@ UsedConnection PostgresStore::TakeConnection() const {
     }
   }
   std::unique_ptr<Connection> made;
-  Status const status = StatusOf([&] { made = std::make_unique<Connection>(url_, round_trips_); });
+  Status const status = StatusOf([&] {
+    made = std::make_unique<Connection>(url_, round_trips_);
+    WaitForStandby(*made);
+  });
   if (status == LORV_STATUS_OK) return {made.release(), LetGo{this}};
   GiveBack(nullptr);
   // The server accepted our other connections, so a refusal now means that it has no room for more.
@@ -310,7 +333,8 @@ bool PostgresStore::sync() const {
 }
 
 // Fences the ticket and then reads it: after the first statement the commit either has taken place
-// or cannot. A ticket so old that it may have been dropped proves nothing.
+// or cannot. That statement writes even where the ticket is there, and so waits until a synchronous
+// standby has the commit too. A ticket so old that it may have been dropped proves nothing.
 bool PostgresStore::AskOutcome(CommitInDoubt const& commit) const {
   bool committed = false;
   Status const status = StatusOf([&] {

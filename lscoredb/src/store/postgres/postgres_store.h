@@ -43,6 +43,9 @@ struct StateRead {
   Result changes;             // keys of rows
 };
 
+// A commit's random name, by which its outcome can be asked for.
+std::string NewTicket();
+
 class PostgresStore final : public Store {
  public:
   // Connects, and creates missing tables unless the store is opened read-only.
@@ -85,6 +88,7 @@ class PostgresStore final : public Store {
   void CheckFormat(Connection& connection) const;
   void RequireNoForeignTables(Connection& connection) const;
   void MakeTables(Connection& connection) const;
+  void WaitForStandby(Connection& connection) const;
   CommitId NewestState() const;
 
   ServerUrl const url_;

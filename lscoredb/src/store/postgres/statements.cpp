@@ -69,7 +69,9 @@ Statements::Statements(std::string const& schema) {
   fence_ticket = {"fence_ticket", "INSERT INTO " + tickets +
                                       " (ticket, state, committed) SELECT $1::bytea, id, false"
                                       " FROM " +
-                                      state + " ON CONFLICT (ticket) DO NOTHING"};
+                                      state +
+                                      " ON CONFLICT (ticket) DO UPDATE"
+                                      " SET committed = tickets.committed"};
   read_ticket = {"read_ticket",
                  "SELECT 1::bigint FROM " + tickets + " WHERE ticket = $1::bytea AND committed"};
   drop_tickets = {"drop_tickets", "DELETE FROM " + tickets + " WHERE state < $1::bigint"};

@@ -66,7 +66,7 @@ struct Statements {
   Statement drop_changes;       // of a state and before
   Statement advance_state;      // id, listed
   Statement put_ticket;         // ticket, state
-  Statement fence_ticket;       // ticket
+  Statement fence_ticket;       // ticket; writes in either case
   Statement read_ticket;        // ticket: 1 when it was committed
   Statement drop_tickets;       // below a state
   Statement lock_creation;      // fails at once when another session has the lock
