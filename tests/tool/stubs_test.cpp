@@ -45,11 +45,15 @@ TEST_F(StubsTest, WhatPythonWrites_IsTheOutput) {
   EXPECT_EQ("", result.err);
 }
 
-TEST_F(StubsTest, FailureOfPython_IsTheCommandsToo) {
-  MakePython("echo refused >&2; exit 1\n");
-  EXPECT_EQ("refused\n", On("stubs", {}, 1).err);
-  MakePython("kill -9 $$\n");
-  On("stubs", {}, 1);
+TEST_F(StubsTest, FailureOfPython_IsTheCommandsAndNothingIsWritten) {
+  MakePython("echo class; echo refused >&2; exit 1\n");
+  Result const refused = On("stubs", {}, 1);
+  EXPECT_EQ("", refused.out);
+  EXPECT_EQ("refused\n", refused.err);
+  MakePython("echo class; kill -9 $$\n");
+  Result const killed = On("stubs", {}, 4);
+  EXPECT_EQ("", killed.out);
+  EXPECT_EQ("sagleme: python3 was ended by signal 9\n", killed.err);
 }
 
 TEST_F(StubsTest, DatabaseMissing_IsReportedWithoutPython) {

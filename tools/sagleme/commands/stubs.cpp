@@ -25,17 +25,20 @@ constexpr char kProgram[] =
     "    if error.name is None or error.name.partition('.')[0] != 'sagleme':\n"
     "        raise\n"
     "    sys.exit(77)\n"
-    "sys.exit(main(['stubs', sys.argv[1]]))\n";
+    "try:\n"
+    "    sys.exit(main(['stubs', sys.argv[1]]))\n"
+    "except KeyboardInterrupt:\n"
+    "    sys.exit(1)\n";
 constexpr int kNoPackage = 77;
+constexpr int kSignal = 128;  // and its number, of a program that one ended
 
 class Stubs : public Command {
  public:
   std::string name() const override { return "stubs"; }
   std::string summary() const override { return "Write Python classes for the tables"; }
   std::string details() const override {
-    return "The classes are models for the Python package sagleme, which writes them: it is "
-           "needed, "
-           "and python3.";
+    return "The classes are models for the Python package sagleme. The package writes them, so it "
+           "is needed, and python3.";
   }
   std::vector<Example> examples() const override {
     return {{"stubs shop > shop_models.py", "a class for each table"}};
@@ -81,14 +84,14 @@ class Program {
       text.append(some.data(), static_cast<std::size_t>(got));
     }
   }
-  // Its exit status, or 128 and the signal that ended it.
+  // Its exit status, or kSignal and the signal that ended it.
   int Finish() {
     close(out_);
     out_ = -1;
     int state = 0;
     while (waitpid(process_, &state, 0) < 0 && errno == EINTR) {
     }
-    return WIFEXITED(state) ? WEXITSTATUS(state) : 128 + WTERMSIG(state);
+    return WIFEXITED(state) ? WEXITSTATUS(state) : kSignal + WTERMSIG(state);
   }
 
  private:
@@ -115,8 +118,13 @@ Exit Stubs::Run(Session& session, Output& output) {
     throw Failure(Exit::kRefused, "python3 has no package sagleme",
                   "Install it; docs/python.md says how.");
   }
+  if (status > kSignal) {
+    throw Failure(Exit::kRefused,
+                  "python3 was ended by signal " + std::to_string(status - kSignal));
+  }
+  if (status != 0) return Exit::kProblem;  // it has said why
   output.Print(text);
-  return status == 0 ? Exit::kDone : Exit::kProblem;
+  return Exit::kDone;
 }
 
 }  // namespace
