@@ -83,6 +83,7 @@ bench:
 	$(BUILD)/bench/bench_stores $(DATA)/bench --json $(BUILD)/bench.json --page docs/performance.md
 
 lint:
+	@tools/setup python3
 	tools/lint $(BUILD)
 
 tidy:
