@@ -1,5 +1,9 @@
+#include <lscoredb/move.h>
+
 #include <bit>
 #include <limits>
+#include <span>
+#include <vector>
 
 #include "c_api.h"
 
@@ -112,6 +116,21 @@ uint32_t lorv_context_put_setspec(uint64_t context, uint64_t oid, uint64_t,
     std::u16string_view const text(setspec);
     if (text.size() > kMaxLength) return LSCOREDB_TOO_LARGE;
     return transaction.WriteSetspec(ObjectId{oid}, text);
+  });
+}
+
+uint32_t lscoredb_move_to_set(uint64_t context, uint64_t oid, uint16_t layout,
+                              char16_t const* setspec, lscoredb_column_copy const* copies,
+                              uint32_t count) {
+  return WithWriting(context, [&](Transaction& transaction) -> Status {
+    if (setspec == nullptr || (copies == nullptr && count != 0)) return LSCOREDB_NULL_ARGUMENT;
+    std::u16string_view const text(setspec);
+    if (text.size() > kMaxLength) return LSCOREDB_TOO_LARGE;
+    std::vector<ColumnCopy> pairs;
+    for (lscoredb_column_copy const& copy : std::span(copies, count)) {
+      pairs.push_back({Token{copy.from}, Token{copy.to}});
+    }
+    return transaction.MoveToSet(ObjectId{oid}, LayoutNumber{layout}, text, pairs);
   });
 }
 

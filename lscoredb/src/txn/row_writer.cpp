@@ -169,6 +169,13 @@ Cell RowWriter::NewCell(Column const& column, NewValue const& value) {
   return cell;
 }
 
+Cell RowWriter::NewSetspec(std::u16string_view setspec) {
+  NewValue value;
+  value.kind = NewValue::Kind::kText;
+  value.text = setspec;
+  return NewCell(Column{}, value);
+}
+
 // The row's cells in the order of another layout, matched by token; a column of another type, or
 // one that the row lacks, starts without a value.
 Cell* RowWriter::CellsUnder(PendingRow const& row, Layout const& to) {
@@ -181,6 +188,34 @@ Cell* RowWriter::CellsUnder(PendingRow const& row, Layout const& to) {
     if (row.layout->column(own).type == column.type) cells[i - kFirstStoredColumn] = row.cell(own);
   }
   return cells;
+}
+
+// A column that the row's layout lacks has nothing to copy, and any type.
+Status RowWriter::CheckCopies(Layout const& from, Layout const& to,
+                              std::span<ColumnCopy const> copies) {
+  for (ColumnCopy const& copy : copies) {
+    int const at = to.Find(copy.to);
+    if (at < static_cast<int>(kFirstStoredColumn)) return LSCOREDB_UNKNOWN_COLUMN;
+    int const source = from.Find(copy.from);
+    if (source < 0) continue;
+    Column const& column = to.column(static_cast<std::uint32_t>(at));
+    if (source < static_cast<int>(kFirstStoredColumn) ||
+        from.column(static_cast<std::uint32_t>(source)).type != column.type) {
+      return LSCOREDB_WRONG_TYPE;
+    }
+  }
+  return LORV_STATUS_OK;
+}
+
+// REQUIRES: CheckCopies.
+void RowWriter::CopyCells(PendingRow const& row, Layout const& to,
+                          std::span<ColumnCopy const> copies, Cell* cells) {
+  for (ColumnCopy const& copy : copies) {
+    int const source = row.layout->Find(copy.from);
+    auto const at = static_cast<std::uint32_t>(to.Find(copy.to));
+    cells[at - kFirstStoredColumn] =
+        source < 0 ? Cell{} : row.cell(static_cast<std::uint32_t>(source));
+  }
 }
 
 // ---- writes ------------------------------------------------------------------------------------
@@ -212,11 +247,15 @@ Status RowWriter::Write(ObjectId id, LayoutNumber as, std::uint32_t column, Type
   return written;
 }
 
-Status RowWriter::MoveUnder(PendingRow& row, Layout const& layout, Cell* cells) {
+Status RowWriter::MoveUnder(PendingRow& row, Layout const& layout, Cell* cells,
+                            std::optional<Cell> const& setspec) {
   state_.changes.WillChange(row);
   Status const status = indexes_.ChangeRow(row, std::nullopt, [&] {
     row.layout = &layout;
     row.cells = cells;
+    if (!setspec) return;
+    row.setspec = *setspec;
+    row.covering = nullptr;
   });
   if (status == LORV_STATUS_OK) NoteExample(row);
   return status;
@@ -242,10 +281,7 @@ Status RowWriter::WriteSetspec(ObjectId id, std::u16string_view setspec) {
   Status const live = reader_.FindLive(id, &found);
   if (live != LORV_STATUS_OK) return live;
   if (IsClosedTo(*found, setspec)) return RefuseClosedSet(*found);
-  NewValue value;
-  value.kind = NewValue::Kind::kText;
-  value.text = setspec;
-  Cell const cell = NewCell(Column{}, value);
+  Cell const cell = NewSetspec(setspec);
   PendingRow& row = Promote(*found);
   state_.changes.WillChange(row);
   Status const status = indexes_.ChangeRow(row, std::nullopt, [&] {
@@ -274,6 +310,23 @@ Status RowWriter::Move(ObjectId id, LayoutNumber to) {
   PendingRow& row = Promote(*found);
   Cell* const cells = CellsUnder(row, *layout);
   return MoveUnder(row, *layout, cells);
+}
+
+Status RowWriter::MoveToSet(ObjectId id, LayoutNumber to, std::u16string_view setspec,
+                            std::span<ColumnCopy const> copies) {
+  RowRef const* found = nullptr;
+  Status const live = reader_.FindLive(id, &found);
+  if (live != LORV_STATUS_OK) return live;
+  Layout const* const layout = schema_.FindLayout(to);
+  if (layout == nullptr) return LSCOREDB_UNKNOWN_LAYOUT;
+  Status const checked = CheckCopies(*found->layout, *layout, copies);
+  if (checked != LORV_STATUS_OK) return checked;
+  if (IsClosedTo(*found, setspec)) return LSCOREDB_SET_CLOSED;
+  Cell const set = NewSetspec(setspec);
+  PendingRow& row = Promote(*found);
+  Cell* const cells = CellsUnder(row, *layout);
+  CopyCells(row, *layout, copies, cells);
+  return MoveUnder(row, *layout, cells, set);
 }
 
 }  // namespace lscore

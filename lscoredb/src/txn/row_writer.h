@@ -6,6 +6,8 @@
 // nothing. One thread at a time.
 
 #include <cstdint>
+#include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -27,6 +29,12 @@ struct NewValue {
   std::string_view bytes;
 };
 
+// The value of one column becomes that of another.
+struct ColumnCopy {
+  Token from;
+  Token to;
+};
+
 class RowWriter {
  public:
   RowWriter(TransactionState& state, SchemaView& schema, RowReader& reader,
@@ -44,6 +52,10 @@ class RowWriter {
   Status Delete(ObjectId id);
   // Moves the object to another layout; columns are matched by token.
   Status Move(ObjectId id, LayoutNumber to);
+  // The same to another set, with values of some columns copied to others.
+  // LSCOREDB_SET_CLOSED, LSCOREDB_UNKNOWN_COLUMN, LSCOREDB_WRONG_TYPE.
+  Status MoveToSet(ObjectId id, LayoutNumber to, std::u16string_view setspec,
+                   std::span<ColumnCopy const> copies);
 
   void End() noexcept;
 
@@ -67,9 +79,15 @@ class RowWriter {
   // Whether the set is closed to a row that is not in it.
   bool IsClosedTo(RowRef const& row, std::u16string_view setspec);
   Status RefuseClosedSet(RowRef const& row);
-  Status MoveUnder(PendingRow& row, Layout const& layout, Cell* cells);
+  Status MoveUnder(PendingRow& row, Layout const& layout, Cell* cells,
+                   std::optional<Cell> const& setspec = std::nullopt);
   Cell NewCell(Column const& column, NewValue const& value);
+  Cell NewSetspec(std::u16string_view setspec);
   Cell* CellsUnder(PendingRow const& row, Layout const& to);
+  static Status CheckCopies(Layout const& from, Layout const& to,
+                            std::span<ColumnCopy const> copies);
+  static void CopyCells(PendingRow const& row, Layout const& to, std::span<ColumnCopy const> copies,
+                        Cell* cells);
 
   TransactionState& state_;
   SchemaView& schema_;

@@ -84,6 +84,10 @@ class Transaction {
   }
   Status Delete(ObjectId id) { return writer_.Delete(id); }
   Status Move(ObjectId id, LayoutNumber to) { return writer_.Move(id, to); }
+  Status MoveToSet(ObjectId id, LayoutNumber to, std::u16string_view setspec,
+                   std::span<ColumnCopy const> copies) {
+    return writer_.MoveToSet(id, to, setspec, copies);
+  }
 
   // ---- layouts and indexes (schema_view.h, schema_editor.h)
   Layout const* FindLayout(LayoutNumber number) const { return schema_.FindLayout(number); }
