@@ -13,6 +13,7 @@
 // the API: they are the binary interface for makers of language bindings.
 
 #include <sagleme/check.hpp>
+#include <sagleme/column_changes.hpp>
 #include <sagleme/counts.hpp>
 #include <sagleme/cxx20.hpp>
 #include <sagleme/diagram.hpp>

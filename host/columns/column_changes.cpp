@@ -1,0 +1,111 @@
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <sagleme/column_changes.hpp>
+#include <sagleme/value_text.hpp>
+
+#include "columns/requests.h"
+#include "columns/rewrite.h"
+
+namespace sagleme {
+namespace {
+
+using columns::Node;
+using columns::OwnColumn;
+using columns::Subtree;
+
+constexpr std::size_t kListed = 10;
+constexpr std::size_t kShownUnits = 40;
+
+std::string Shown(Value const& value) {
+  if (IsNull(value)) return "null";
+  auto const* const text = std::get_if<std::u16string>(&value);
+  if (text == nullptr) return ValueText(value);
+  bool const cut = text->size() > kShownUnits;
+  return JsonString(ToUtf8(text->substr(0, kShownUnits)) + (cut ? "..." : ""));
+}
+
+// "3 of them: 1.5 (object 5), null (object 7) and 1 more"
+std::string List(LostValues const& lost) {
+  std::string text;
+  for (LostValue const& each : lost.first) {
+    text += (text.empty() ? "" : ", ") + Shown(each.value) +
+            fmt::format(" (object {})", each.object.value);
+  }
+  if (lost.count > lost.first.size()) {
+    text += fmt::format(" and {} more", lost.count - lost.first.size());
+  }
+  return text;
+}
+
+std::string Counted(std::uint64_t count, char const* one, char const* many) {
+  return fmt::format("{} {}", count, count == 1 ? one : many);
+}
+
+}  // namespace
+
+void PullUpColumn(Transaction& transaction, Text const& table, Text const& column,
+                  Text const& base) {
+  Savepoint whole(transaction);
+  columns::PullUp const request = columns::RequirePullUp(transaction, table, column, base);
+  Subtree subtree(transaction, request.base);
+  OwnColumn pulled = Subtree::Take(subtree.At(table), column);
+  for (TablePtr const& merged : request.merged) Subtree::Take(subtree.At(merged->name), column);
+  subtree.At(base).own.push_back(std::move(pulled));
+  subtree.RequireValid();
+  columns::Apply(transaction, subtree, {column, columns::WantedOf(*request.column), {}, false});
+  whole.Release();
+}
+
+void PushDownColumn(Transaction& transaction, Text const& table, Text const& column,
+                    std::span<Text const> tables, Loss loss) {
+  Savepoint whole(transaction);
+  LostValues const lost = FindLost(transaction, table, column, tables, kListed);
+  if (lost.count != 0 && loss == Loss::kRefuse) {
+    throw Error(LSCOREDB_WRONG_TYPE,
+                fmt::format("Column {} of {} has {} in objects outside of the tables that it "
+                            "shall go down to: {}.",
+                            ToUtf8(column), ToUtf8(table), Counted(lost.count, "value", "values"),
+                            List(lost)));
+  }
+  columns::PushDown const request = columns::RequirePushDown(transaction, table, column, tables);
+  Subtree subtree(transaction, request.base);
+  OwnColumn const pushed = Subtree::Take(subtree.At(table), column);
+  columns::Rewrite rewrite{column, columns::WantedOf(*request.column), {}, false};
+  for (TablePtr const& derived : request.tables) {
+    OwnColumn& own = subtree.At(derived->name).own.emplace_back(pushed);
+    if (!rewrite.tables.empty()) own.row = derived->GetColumn(column).id.value;
+    rewrite.tables.push_back(derived->name);
+  }
+  columns::Apply(transaction, subtree, rewrite);
+  whole.Release();
+}
+
+void ChangeColumnType(Transaction& transaction, Text const& table, ColumnSpec const& column,
+                      Loss loss) {
+  Savepoint whole(transaction);
+  columns::Retype const request = columns::RequireRetype(transaction, table, column);
+  if (request.same) return whole.Release();
+  LostValues const lost = FindUnconvertible(transaction, table, column, kListed);
+  if (lost.count != 0 && loss == Loss::kRefuse) {
+    throw Error(
+        LSCOREDB_WRONG_TYPE,
+        fmt::format("{} of column {} of {} {} not convert to {}: {}.",
+                    Counted(lost.count, "value", "values"), ToUtf8(column.name), ToUtf8(table),
+                    lost.count == 1 ? "does" : "do", columns::Described(column), List(lost)));
+  }
+  Subtree subtree(transaction, request.table);
+  std::vector<OwnColumn>& own = subtree.At(table).own;
+  auto const at = std::find_if(own.begin(), own.end(),
+                               [&](OwnColumn const& each) { return each.name == column.name; });
+  at->type = column.type;
+  at->nullable = column.nullable;
+  at->target = column.type == Type::kReference ? column.target : Text();
+  at->data_type = request.data_type;
+  if (!request.same_form) at->row = 0;
+  if (!request.same_form) at->was.clear();
+  columns::Apply(transaction, subtree, {column.name, request.wanted, {}, lost.count != 0});
+  whole.Release();
+}
+
+}  // namespace sagleme
