@@ -34,8 +34,8 @@ unsigned long ReloadedType(LS_OBJ_REF const& object, LS_OBJ_REF const& gone_view
 
 // Writes the set specifier of a new object and returns its address word. The layout alone is an
 // address.
-uint64_t EnterSet(uint64_t context, CreateInfo const& handle, uint64_t oid, uint16_t layout) {
-  Check(lorv_context_put_setspec(context, oid, layout, handle.setspec.c_str()));
+uint64_t EnterSet(uint64_t context, char16_t const* set, uint64_t oid, uint16_t layout) {
+  Check(lorv_context_put_setspec(context, oid, layout, set));
   return layout;
 }
 
@@ -67,11 +67,12 @@ uint32_t lorv_crud_CreateObject(uint64_t context, CreateInfo const* handle, uint
                                 uint64_t* out_addr) {
   return MetalayerFunction<false>(context, [&] {
     crud::RequireOwn(handle);
+    char16_t const* const set = handle->set.load(std::memory_order_acquire);
     uint16_t const layout = handle->layout.load(std::memory_order_relaxed);
     uint64_t oid = 0;
     Check(handle->is_system ? lorv_context_insert_system(context, layout, &oid)
                             : lorv_context_insert(context, layout, &oid));
-    uint64_t const addr = crud::EnterSet(context, *handle, oid, layout);
+    uint64_t const addr = crud::EnterSet(context, set, oid, layout);
     *out_oid = oid;
     *out_addr = addr;
   });
@@ -82,9 +83,10 @@ uint32_t lorv_crud_CreateObjectWithId(uint64_t context, CreateInfo const* handle
   return MetalayerFunction<false>(context, [&] {
     crud::RequireOwn(handle);
     if (handle->is_system) metalayer::FatalError();
+    char16_t const* const set = handle->set.load(std::memory_order_acquire);
     uint16_t const layout = handle->layout.load(std::memory_order_relaxed);
     Check(lorvi_context_insert_with_id(context, layout, oid));
-    *out_addr = crud::EnterSet(context, *handle, oid, layout);
+    *out_addr = crud::EnterSet(context, set, oid, layout);
   });
 }
 

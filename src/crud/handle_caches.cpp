@@ -51,6 +51,15 @@ void UpdateLayout(CreateInfo& info) {
   info.layout.store(static_cast<uint16_t>(layout), std::memory_order_relaxed);
 }
 
+// A table that got another set specifier got another layout with it.
+void UpdateLayoutAndSet(CreateInfo& info) {
+  uint16_t const layout = info.layout.load(std::memory_order_relaxed);
+  UpdateLayout(info);
+  if (info.layout.load(std::memory_order_relaxed) == layout) return;
+  std::u16string setspec = CreateInfo::setspec_by_view(TlsContextHandle::context(), info.view);
+  if (setspec != info.setspecs.front()) info.SetSetspec(std::move(setspec));
+}
+
 bool IsCached(unsigned long type_id) {
   return type_id < kLayouts &&
          std::atomic_ref(RawViewSlot(type_id).oid).load(std::memory_order_relaxed) != 0;
@@ -75,7 +84,7 @@ CreateInfo* BuildCreateInfo(unsigned long context, unsigned long key, DatabaseSt
   info->database = &database;
   info->view = LiveRawView(key);
   if (info->view.oid == 0) Throw(kTableNotFound);
-  info->setspec = CreateInfo::setspec_by_view(context, info->view);
+  info->SetSetspec(CreateInfo::setspec_by_view(context, info->view));
   info->is_system = (key & kSystemCreate) != 0;
   entry = std::move(info);
   if (LookUp(entry->view) != LORV_STATUS_NO_OBJECT) UpdateLayout(*entry);
@@ -91,7 +100,7 @@ bool RefreshOne(PropertyAccessInfo& info) {
 // An empty entry is removed, so the next request creates a record.
 bool RefreshOne(CreateInfo* info) {
   if (info == nullptr || IsGone(LookUp(info->view))) return false;
-  UpdateLayout(*info);
+  UpdateLayoutAndSet(*info);
   return true;
 }
 

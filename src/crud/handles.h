@@ -13,8 +13,10 @@
 #include <atomic>
 #include <bit>
 #include <cstring>
+#include <forward_list>
 #include <sagleme/metalayer/records.hpp>
 #include <string>
+#include <utility>
 
 namespace metalayer {
 class DatabaseState;
@@ -37,11 +39,19 @@ struct CreateInfo {
   // The set specifier of the table whose RawView row is `view`.
   static std::u16string setspec_by_view(unsigned long context, LS_OBJ_REF const& view);
 
+  // The set specifier that new objects get. A table under another base has another one; whoever
+  // read the old one still uses it, so all of them stay.
+  void SetSetspec(std::u16string text) {
+    set.store(setspecs.emplace_front(std::move(text)).c_str(), std::memory_order_release);
+  }
+
   LS_OBJ_REF view = db_util::null_obj_ref;
-  std::u16string setspec;
+  std::forward_list<std::u16string> setspecs;  // the newest first
   bool is_system = false;
   metalayer::DatabaseState const* database = nullptr;
   std::atomic<uint16_t> layout{0};
+  // Stored after the layout and loaded before it: the newest set never goes with an older layout.
+  std::atomic<char16_t const*> set{nullptr};
 };
 
 namespace metalayer::crud {

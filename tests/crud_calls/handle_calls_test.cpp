@@ -86,7 +86,7 @@ TEST_F(HandleCallsTest, CreateHandle_ViewGoneWhileFilled_HasNoLayout) {
   CreateInfo* const handle = Creator(u"Article");
   ASSERT_NE(nullptr, handle);
   EXPECT_EQ(0u, handle->layout.load());
-  EXPECT_FALSE(handle->setspec.empty());
+  EXPECT_NE(nullptr, handle->set.load());
 }
 
 TEST_F(HandleCallsTest, CreateHandle_ReadFailsWhileFilled_KeepsTheUnfilledRecord) {
@@ -164,7 +164,7 @@ TEST_F(HandleCallsTest, CreateObject_WritesTheSetSpecifierUnderTheBareLayout) {
             recording_kernel::Names());
   recording_kernel::Call const& put = recording_kernel::Calls()[1];
   EXPECT_EQ((std::vector<uint64_t>{context(), object.oid, handle->layout.load()}), put.numbers);
-  EXPECT_EQ(std::vector<std::u16string>{handle->setspec}, put.texts);
+  EXPECT_EQ(std::vector<std::u16string>{handle->set.load()}, put.texts);
 }
 
 TEST_F(HandleCallsTest, CreateObject_SystemHandle_UsesTheSystemInsert) {
