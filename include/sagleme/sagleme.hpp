@@ -8,6 +8,7 @@
 //   structs mapped to tables                    <sagleme/host/mapping.hpp> and those after it
 //   checks, counts, vacuum                      <sagleme/check.hpp>, counts.hpp, vacuum.hpp
 //   schema documents, plans, diagrams           <sagleme/schema_document.hpp> and those after it
+//   objects and tables that change their place  <sagleme/hierarchy.hpp>
 //
 // The headers named here may be included alone. Those under <sagleme/metalayer/> are not part of
 // the API: they are the binary interface for makers of language bindings.
@@ -18,6 +19,7 @@
 #include <sagleme/cxx20.hpp>
 #include <sagleme/diagram.hpp>
 #include <sagleme/failure.hpp>
+#include <sagleme/hierarchy.hpp>
 #include <sagleme/host.hpp>
 #include <sagleme/host/define_tables.hpp>
 #include <sagleme/host/mapping.hpp>

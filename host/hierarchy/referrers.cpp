@@ -1,0 +1,96 @@
+#include "hierarchy/referrers.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+
+namespace sagleme {
+namespace {
+
+constexpr std::size_t kListed = 20;
+
+bool IsReference(Column const& column) {
+  return column.type == Type::kReference && !column.inherited && column.target_id.value != 0;
+}
+
+// An index that begins with the column and covers all objects that have it.
+Index const* IndexBy(Table const& table, Column const& column) {
+  auto const found =
+      std::find_if(table.indexes.begin(), table.indexes.end(), [&](Index const& index) {
+        return !index.columns.empty() && index.columns[0].name == column.name;
+      });
+  return found == table.indexes.end() ? nullptr : &*found;
+}
+
+void AddIfItLeaves(Object const& object, Table const& table, Column const& column,
+                   ReferrerQuery const& query, std::vector<Referrer>& found) {
+  Value const value = object.Get(table, column);
+  auto const* const target = std::get_if<ObjectId>(&value);
+  if (target == nullptr || target->value == 0 || !query.leaves(*target)) return;
+  found.push_back({object.id(), table.name, column.name, *target});
+}
+
+void FindIn(Transaction& transaction, Table const& table, Column const& column,
+            ReferrerQuery const& query, std::vector<Referrer>& found) {
+  Index const* const index = query.few.empty() ? nullptr : IndexBy(table, column);
+  if (index == nullptr) {
+    for (Object const& object : Range::Subtree(transaction, table)) {
+      AddIfItLeaves(object, table, column, query, found);
+    }
+    return;
+  }
+  for (ObjectId const target : query.few) {
+    for (Object const& object : Range::Matching(transaction, *index, {target})) {
+      AddIfItLeaves(object, table, column, query, found);
+    }
+  }
+}
+
+std::string Sentence(Transaction& transaction, Referrer const& referrer) {
+  TablePtr const table = transaction.table(referrer.table);
+  return fmt::format("object {} refers to object {} by {} of {}, which leads to {}",
+                     referrer.object.value, referrer.target.value, ToUtf8(referrer.column),
+                     ToUtf8(referrer.table), ToUtf8(table->GetColumn(referrer.column).target));
+}
+
+[[noreturn]] void Refuse(Transaction& transaction, std::vector<Referrer> const& referrers,
+                         std::string const& what) {
+  std::string text = what;
+  for (std::size_t i = 0; i < std::min(referrers.size(), kListed); ++i) {
+    text += (i == 0 ? ": " : ";\n  ") + Sentence(transaction, referrers[i]);
+  }
+  if (referrers.size() > kListed) {
+    text += fmt::format(";\n  and {} more references", referrers.size() - kListed);
+  }
+  throw Failure(Failure::Kind::kRefused, text,
+                "Change these references first, or ask for them to be set to null or kept.");
+}
+
+}  // namespace
+
+std::vector<Referrer> FindReferrers(Transaction& transaction, ReferrerQuery const& query) {
+  std::vector<Referrer> found;
+  for (TablePtr const& table : transaction.Tables()) {
+    for (Column const& column : table->columns) {
+      if (!IsReference(column)) continue;
+      TablePtr const target = transaction.ById(column.target_id);
+      if (target != nullptr && query.loses(*target)) {
+        FindIn(transaction, *table, column, query, found);
+      }
+    }
+  }
+  return found;
+}
+
+void SettleReferrers(Transaction& transaction, std::vector<Referrer> const& referrers,
+                     Referring referring, std::string const& what) {
+  if (referrers.empty() || referring == Referring::kKeep) return;
+  if (referring == Referring::kRefuse) Refuse(transaction, referrers, what);
+  for (Referrer const& referrer : referrers) {
+    TablePtr const table = transaction.table(referrer.table);
+    auto object = Object::Find(transaction, referrer.object);
+    object->Set(*table, table->GetColumn(referrer.column), Null{});
+  }
+}
+
+}  // namespace sagleme

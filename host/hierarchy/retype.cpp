@@ -1,0 +1,181 @@
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <map>
+#include <optional>
+#include <sagleme/hierarchy.hpp>
+
+#include "hierarchy/column_tokens.h"
+#include "hierarchy/referrers.h"
+#include "hierarchy/refused_key.h"
+
+namespace sagleme {
+namespace {
+
+constexpr std::size_t kLookedUpOneByOne = 1000;
+
+[[noreturn]] void Refuse(std::string const& what) { throw Failure(Failure::Kind::kRefused, what); }
+
+// How the columns of one table fare in another.
+struct Fate {
+  TablePtr from;
+  Destination destination;
+  ColumnPairs kept;
+  std::vector<Column const*> lost;
+
+  bool Loses(std::u16string const& column) const {
+    return std::any_of(lost.begin(), lost.end(),
+                       [&](Column const* each) { return each->name == column; });
+  }
+};
+
+class Retyping {
+ public:
+  Retyping(Transaction& transaction, std::span<ObjectId const> objects, Table const& to,
+           RetypeOptions const& options)
+      : transaction_(transaction), to_(to), options_(options) {
+    detail::RequireOwn(transaction, to);
+    if (to.system) {
+      Refuse(fmt::format("table {} belongs to the catalogue itself and takes no objects",
+                         ToUtf8(to.name)));
+    }
+    for (ObjectId const id : objects) Add(id);
+  }
+
+  RetypePlan Plan() const {
+    RetypePlan plan;
+    plan.objects = objects_.size();
+    plan.referrers = Referrers();
+    for (auto const& [name, fate] : fates_) {
+      for (Column const* const column : fate.lost) {
+        std::uint64_t const values = CountValues(fate, *column);
+        if (values != 0) plan.lost.push_back({name, column->name, values});
+      }
+    }
+    return plan;
+  }
+
+  std::uint64_t Run() {
+    SettleReferrers(transaction_, Referrers(), options_.referring,
+                    fmt::format("the objects cannot become objects of {}", ToUtf8(to_.name)));
+    for (auto const& [id, fate] : objects_) Move(id, *fate);
+    transaction_.Forget();
+    return objects_.size();
+  }
+
+ private:
+  void Add(ObjectId id) {
+    auto const object = Object::Find(transaction_, id);
+    if (!object) {
+      throw Error(LORV_STATUS_NO_OBJECT, fmt::format("There is no object {}.", id.value));
+    }
+    TablePtr const from = object->table();
+    if (from == nullptr) Refuse(fmt::format("the table of object {} was dropped", id.value));
+    if (from->system) Refuse(fmt::format("object {} belongs to the catalogue itself", id.value));
+    if (from->id() == to_.id()) return;
+    auto const [at, is_new] = fates_.try_emplace(from->name);
+    if (is_new) at->second = FateOf(from);
+    objects_.emplace(id.value, &at->second);
+  }
+
+  Fate FateOf(TablePtr const& from) const {
+    Fate fate{from, {to_.layout, to_.setspec, {}}, {}, {}};
+    for (Column const& column : from->columns) {
+      if (column.system()) continue;
+      std::uint64_t const token = TokenOf(transaction_, *from, column);
+      Column const* const shared = WithToken(token);
+      Column const* const alike = shared == nullptr ? ByName(column) : nullptr;
+      if (alike != nullptr) {
+        fate.destination.copies.push_back({token, TokenOf(transaction_, to_, *alike)});
+      }
+      if (shared == nullptr && alike == nullptr) {
+        fate.lost.push_back(&column);
+      } else {
+        fate.kept.emplace_back(&column, shared != nullptr ? shared : alike);
+      }
+    }
+    return fate;
+  }
+  Column const* WithToken(std::uint64_t token) const {
+    for (Column const& column : to_.columns) {
+      if (!column.system() && TokenOf(transaction_, to_, column) == token) return &column;
+    }
+    return nullptr;
+  }
+  Column const* ByName(Column const& column) const {
+    if (!options_.by_name) return nullptr;
+    Column const* const alike = to_.FindColumn(column.name);
+    return alike != nullptr && SameKind(column, *alike) ? alike : nullptr;
+  }
+  std::uint64_t CountValues(Fate const& fate, Column const& column) const {
+    std::uint64_t count = 0;
+    for (auto const& [id, its] : objects_) {
+      if (its != &fate) continue;
+      ReadScope const scope(transaction_.context());
+      auto const object = Object::Find(transaction_, {id});
+      if (!IsNull(object->Get(*fate.from, column))) ++count;
+    }
+    return count;
+  }
+
+  bool LosesTarget(Table const& target) const {
+    if (to_.IsA(target)) return false;
+    return std::any_of(fates_.begin(), fates_.end(),
+                       [&](auto const& fate) { return fate.second.from->IsA(target); });
+  }
+  // An object that itself loses the referring column is no obstacle.
+  std::vector<Referrer> Referrers() const {
+    ReferrerQuery query;
+    query.loses = [this](Table const& target) { return LosesTarget(target); };
+    query.leaves = [this](ObjectId id) { return objects_.contains(id.value); };
+    if (objects_.size() <= kLookedUpOneByOne) {
+      for (auto const& [id, fate] : objects_) query.few.push_back({id});
+    }
+    if (objects_.empty()) return {};
+    std::vector<Referrer> referrers = FindReferrers(transaction_, query);
+    std::erase_if(referrers, [this](Referrer const& each) {
+      auto const own = objects_.find(each.object.value);
+      return own != objects_.end() && own->second->Loses(each.column);
+    });
+    return referrers;
+  }
+
+  void Move(std::uint64_t id, Fate const& fate) const {
+    std::uint32_t const status = fate.destination.Take(transaction_, {id});
+    if (status == LSCOREDB_DUPLICATE_KEY) RefuseDuplicate(id, fate);
+    if (status == LSCOREDB_SET_CLOSED) {
+      throw Error(status, fmt::format("Table {} was moved or dropped and takes no more objects.",
+                                      ToUtf8(to_.name)));
+    }
+    detail::CheckKernel(status);
+  }
+  [[noreturn]] void RefuseDuplicate(std::uint64_t id, Fate const& fate) const {
+    Object const object = *Object::Find(transaction_, {id});
+    throw Error(LSCOREDB_DUPLICATE_KEY,
+                fmt::format("Object {} cannot become an object of {}: {}.", id, ToUtf8(to_.name),
+                            DescribeRefusedKey(transaction_, object, *fate.from, to_, fate.kept)));
+  }
+
+  Transaction& transaction_;
+  Table const& to_;
+  RetypeOptions const& options_;
+  std::map<std::u16string, Fate> fates_;          // by the table that objects have now
+  std::map<std::uint64_t, Fate const*> objects_;  // those that change
+};
+
+}  // namespace
+
+RetypePlan PlanRetype(Transaction& transaction, std::span<ObjectId const> objects, Table const& to,
+                      RetypeOptions const& options) {
+  return Retyping(transaction, objects, to, options).Plan();
+}
+
+std::uint64_t Retype(Transaction& transaction, std::span<ObjectId const> objects, Table const& to,
+                     RetypeOptions const& options) {
+  Savepoint savepoint(transaction);
+  std::uint64_t const changed = Retyping(transaction, objects, to, options).Run();
+  savepoint.Release();
+  return changed;
+}
+
+}  // namespace sagleme
