@@ -1,6 +1,7 @@
-/* The two headers and what they declare, from plain C: a small program that a C host could be. */
+/* The headers and what they declare, from plain C: a small program that a C host could be. */
 
 #include <lscoredb/host.h>
+#include <lscoredb/index_build.h>
 #include <lscoredb/lscoredb.h>
 #include <stdio.h>
 #include <string.h>
@@ -102,6 +103,24 @@ static void records_have_the_given_shape(void) {
   EXPECT(offsetof(LORV_BINARY, bytes) == 4);
 }
 
+static void build_beside_writers(uint64_t context) {
+  lscoredb_index_build build = {.size = sizeof build};
+  uint64_t index = 0;
+  uint64_t created = 0;
+  uint32_t count = 1;
+  EXPECT_OK(lscoredb_prepare_index(context, u"name", u"set/", INDEXED, 1, 0, &index));
+  EXPECT_OK(lscoredb_index_builds(context, &count, &build));
+  EXPECT(count == 1 && build.index == index && build.state == LSCOREDB_INDEX_BUILDING);
+  while (failures == 0 && build.state != LSCOREDB_INDEX_READY) {
+    EXPECT_OK(lscoredb_build_index(context, index, 1, &build));
+  }
+  EXPECT_OK(lscoredb_begin(context, 0));
+  EXPECT_OK(lorvi_context_create_index(context, 77, u"set/", INDEXED, 1, 0, &created));
+  EXPECT(created == index);
+  EXPECT_OK(lscoredb_rollback(context));
+  EXPECT_OK(lscoredb_abandon_index(context, index));
+}
+
 int main(void) {
   lscoredb* database = NULL;
   uint64_t context = 0;
@@ -109,6 +128,7 @@ int main(void) {
   EXPECT_OK(lscoredb_open(NULL, NULL, &database));
   EXPECT_OK(lscoredb_context_open(database, &context));
   use(context);
+  build_beside_writers(context);
   EXPECT(strlen(lscoredb_status_text(LSCOREDB_CONFLICT)) > 0);
   EXPECT_OK(lscoredb_context_close(context));
   EXPECT_OK(lscoredb_close(database));

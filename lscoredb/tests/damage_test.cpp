@@ -25,8 +25,8 @@ constexpr std::uint64_t kIndexToken = 60;
 // Frozen: where a data file says what it is, and the newest version that this kernel reads.
 constexpr char kFormatKey[] = "format";
 constexpr char kMagic[] = "lscoredb";
-constexpr std::uint32_t kVersion = 3;        // the newest one without a log
-constexpr std::uint32_t kNewestVersion = 4;  // of a database with one
+constexpr std::uint32_t kVersion = 3;
+constexpr std::uint32_t kNewestVersion = 5;
 
 std::uint32_t TryOpen(std::string const& directory) {
   lscoredb* database = nullptr;

@@ -1,10 +1,24 @@
 #include "format_corpus.h"
 
+#include <lscoredb/index_build.h>
+
 namespace lscoredb_test::corpus {
+namespace {
+
+void PrepareIndex(Session& session) {
+  auto const columns = Definitions({{LORV_TYPE_STRING, kTextToken}, {LORV_TYPE_DOUBLE, 102}});
+  IndexId index = 0;
+  Check("prepare_index",
+        lscoredb_prepare_index(session.context(), u"prepared", kSet, columns.data(), 0, 0, &index));
+  Check("build_index", lscoredb_build_index(session.context(), index, 1, nullptr));  // sorts
+  Check("build_index", lscoredb_build_index(session.context(), index, kPreparedRows, nullptr));
+}
+
+}  // namespace
 
 void Write(std::string const& directory, std::uint32_t version) {
   lscoredb_options options = NoSync();
-  options.log = version >= 4 ? LSCOREDB_LOG : LSCOREDB_NO_LOG;
+  options.log = version == kLogVersion ? LSCOREDB_LOG : LSCOREDB_NO_LOG;
   Database database(directory, options);
   Session session(database);
   session.Begin();
@@ -28,6 +42,7 @@ void Write(std::string const& directory, std::uint32_t version) {
     last = row;
     session.Commit();
   }
+  if (version >= 5) PrepareIndex(session);
 }
 
 }  // namespace lscoredb_test::corpus

@@ -8,13 +8,15 @@
 
 namespace lscoredb_test::corpus {
 
-inline constexpr std::uint32_t kNewestVersion = 4;  // which has a log
+inline constexpr std::uint32_t kNewestVersion = 5;
+inline constexpr std::uint32_t kLogVersion = 4;  // the only one with a log
 
 inline constexpr std::uint64_t kTable = 50;
 inline constexpr std::uint64_t kByNumber = 60;
 inline constexpr std::uint64_t kByText = 61;
 inline constexpr std::uint64_t kWideIndex = 62;       // from version 2 on
 inline constexpr char16_t kClosedSet[] = u"closed/";  // from version 3 on
+inline constexpr int kPreparedRows = 10;  // from version 5 on: those that are in a prepared index
 inline constexpr std::uint32_t kNumber = 2;
 inline constexpr std::uint32_t kText = 3;
 inline constexpr std::uint32_t kFraction = 4;

@@ -1,6 +1,8 @@
 // Databases of every version of the format, as they were written when it was new: opened, checked,
 // read and written.
 
+#include <lscoredb/index_build.h>
+
 #include "format_corpus.h"
 #include "stored_records.h"
 
@@ -67,6 +69,27 @@ TEST_P(FormatsTest, OlderFormat_KnowsClosedSets) {
   Oid const row = session.InsertBare(session.LayoutsByToken(kTable).at(0));
   EXPECT_STATUS(GetParam() >= 3 ? LSCOREDB_SET_CLOSED : LORV_STATUS_OK,
                 lorv_context_put_setspec(session.context(), row, 0, kClosedSet));
+}
+
+TEST_P(FormatsTest, OlderFormat_GoesOnWithPreparedIndexes) {
+  Database const database(directory_.path());
+  Session session(database);
+  lscoredb_index_build build{};
+  build.size = sizeof build;
+  std::uint32_t count = 1;
+  EXPECT_STATUS(0, lscoredb_index_builds(session.context(), &count, &build));
+  ASSERT_EQ(GetParam() >= 5 ? 1u : 0u, count);
+  if (count == 0) return;
+  EXPECT_EQ(Text(u"prepared"), build.name);
+  EXPECT_EQ(static_cast<std::uint64_t>(kPreparedRows), build.done);
+  while (build.state != LSCOREDB_INDEX_READY) {
+    Check("build_index", lscoredb_build_index(session.context(), build.index, 10, &build));
+  }
+  session.Begin();
+  Columns const columns{{LORV_TYPE_STRING, kTextToken}, {LORV_TYPE_DOUBLE, 102}};
+  EXPECT_EQ(build.index, session.CreateIndex(72, kSet, columns));
+  EXPECT_EQ(static_cast<std::size_t>(kRows), session.Scan(build.index).size());
+  session.Commit();
 }
 
 // What needs an older version leaves a later one as it is.

@@ -1,25 +1,8 @@
 #include "c_api.h"
+#include "index_arguments.h"
 
 namespace lscore {
 namespace {
-
-// Throws LSCOREDB_INVALID_ARGUMENT when the columns cannot be indexed.
-std::vector<IndexColumn> ReadColumns(LORVI_COLUMN_DEFINITION const* columns) {
-  std::vector<IndexColumn> read;
-  for (; columns->type != 0; ++columns) {
-    IndexColumn const column{Token{columns->token}, columns->type, columns->is_nullable != 0};
-    bool const is_id = columns->token == LORV_TOKEN_ID;
-    bool const is_setspec = columns->token == LORV_TOKEN_SETSPEC;
-    bool const right_type =
-        (!is_id || column.type == LORV_TYPE_ULONG || column.type == LORV_TYPE_KEY) &&
-        (!is_setspec || column.type == LORV_TYPE_STRING);
-    if (!IsColumnType(column.type) || !right_type || read.size() == kMaxIndexColumns) {
-      Throw(LSCOREDB_INVALID_ARGUMENT);
-    }
-    read.push_back(column);
-  }
-  return read;
-}
 
 LORVI_INDEX_INFO InfoOf(IndexDefinition const& index) {
   LORVI_INDEX_INFO info{};
@@ -42,12 +25,8 @@ uint32_t lorvi_context_create_index(uint64_t context, uint64_t token, char16_t c
     if (setspec == nullptr || columns == nullptr || out_index_id == nullptr) {
       return LSCOREDB_NULL_ARGUMENT;
     }
-    auto index = std::make_unique<IndexDefinition>();
+    auto index = DefinitionOf(setspec, columns, sort_mask, flags);
     index->token = Token{token};
-    index->flags = flags;
-    index->sort_mask = sort_mask;
-    index->setspec = setspec;
-    index->columns = ReadColumns(columns);
     *out_index_id = Raw(transaction.CreateIndex(std::move(index)));
     return LORV_STATUS_OK;
   });

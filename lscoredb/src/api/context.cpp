@@ -28,6 +28,13 @@ Context::~Context() {
   --owner_.contexts;
 }
 
+IndexBuilder& Context::index_builder() {
+  if (index_builder_ == nullptr) {
+    index_builder_ = std::make_unique<IndexBuilder>(owner_.database);
+  }
+  return *index_builder_;
+}
+
 OpenIterator& Context::TakeIterator() {
   if (free_iterators_.empty()) {
     iterators_.reserve(iterators_.size() + 1);

@@ -12,6 +12,7 @@
 #include "database.h"
 #include "fork.h"
 #include "handles.h"
+#include "index_builder.h"
 #include "iterator.h"
 #include "transaction.h"
 
@@ -42,6 +43,12 @@ extern NeverDestroyedHandleTable<OpenIterator> iterators;
 inline HandleTable<Context>& Contexts() { return contexts.table; }
 inline HandleTable<OpenIterator>& Iterators() { return iterators.table; }
 
+// An index that is being built, as a host may see it.
+struct ListedBuild {
+  IndexBuilder::Listed of;
+  std::vector<LORVI_COLUMN_DEFINITION> columns;
+};
+
 class Context {
  public:
   explicit Context(lscoredb& owner);
@@ -53,6 +60,10 @@ class Context {
   Transaction& transaction() { return transaction_; }
   Database& database() { return *owner_.database; }
   Attachments& attachments() { return attachments_; }
+  // Created when it is first needed.
+  IndexBuilder& index_builder();
+  // What the last list of builds points to.
+  std::vector<ListedBuild>& listed_builds() { return listed_builds_; }
 
   Status CreateIterator(IndexId index, bool reverse, void const* first_key, void const* last_key,
                         std::uint64_t* out);
@@ -66,6 +77,8 @@ class Context {
   std::vector<std::unique_ptr<OpenIterator>> iterators_;
   std::vector<OpenIterator*> free_iterators_;
   Attachments attachments_;
+  std::unique_ptr<IndexBuilder> index_builder_;
+  std::vector<ListedBuild> listed_builds_;
 };
 
 }  // namespace lscore

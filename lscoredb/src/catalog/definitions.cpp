@@ -5,6 +5,7 @@
 #include "bytes.h"
 #include "checksummed_record.h"
 #include "format.h"
+#include "index_builds.h"
 #include "status.h"
 #include "text.h"
 
@@ -250,12 +251,25 @@ Layout const* LayoutCache::LoadFrom(View const& view, LayoutNumber number) {
 
 // ---- indexes -----------------------------------------------------------------------------------
 
-// An index's record: token (8), flags (4), sort mask (2), number of columns (2), for each type (1),
-// nullable (1), token (8), and then the set specifier.
+// An index's record: token (8), flags (4), sort mask (2), number of columns (2, with kPreparedMark
+// if the index is a prepared one), for each type (1), nullable (1), token (8), and then the set
+// specifier.
+
+namespace {
+
+constexpr std::uint16_t kPreparedMark = 0x8000;
+static_assert(kMaxIndexColumns < kPreparedMark);
+
+}  // namespace
 
 bool IndexDefinition::HasColumn(Token wanted) const {
   return std::any_of(columns.begin(), columns.end(),
                      [wanted](IndexColumn const& column) { return column.token == wanted; });
+}
+
+bool IndexDefinition::IsLike(IndexDefinition const& other) const {
+  return setspec == other.setspec && columns == other.columns && sort_mask == other.sort_mask &&
+         flags == other.flags;
 }
 
 void IndexDefinition::Prepare() {
@@ -283,7 +297,8 @@ void WriteIndex(Batch& batch, IndexDefinition const& index) {
   Append(record, Raw(index.token));
   Append(record, index.flags);
   Append(record, index.sort_mask);
-  Append(record, static_cast<std::uint16_t>(index.columns.size()));
+  auto const count = static_cast<std::uint16_t>(index.columns.size());
+  Append(record, index.prepared() ? static_cast<std::uint16_t>(count | kPreparedMark) : count);
   for (IndexColumn const& column : index.columns) {
     AppendColumn(record, column.type, column.nullable, column.token);
   }
@@ -292,14 +307,17 @@ void WriteIndex(Batch& batch, IndexDefinition const& index) {
   if (index.columns.size() > format::kSortMaskBits) {
     RequireFormat(batch, format::kWideIndexVersion);
   }
-  for (DefinitionRecord const& named : {IndexTokenRecord(index), IndexSetRecord(index)}) {
-    PutChecked(batch, Tree::kDefinitions, named.key, named.value);
-  }
+  DefinitionRecord const by_set = IndexSetRecord(index);
+  PutChecked(batch, Tree::kDefinitions, by_set.key, by_set.value);
+  if (index.prepared()) return;
+  DefinitionRecord const by_token = IndexTokenRecord(index);
+  PutChecked(batch, Tree::kDefinitions, by_token.key, by_token.value);
 }
 
 bool DeleteIndex(Batch& batch, IndexDefinition const& index) {
   batch.Delete(Tree::kDefinitions, IndexTokenRecord(index).key);
   batch.Delete(Tree::kDefinitions, IndexSetRecord(index).key);
+  DeleteBuild(batch, index.id);
   return batch.Delete(Tree::kDefinitions, IndexKey(index.id));
 }
 
@@ -332,15 +350,17 @@ void WriteIndexVersion(Batch& batch) {
   PutChecked(batch, Tree::kMeta, format::kIndexesKey, value);
 }
 
-std::unique_ptr<IndexDefinition const> ParseIndex(IndexId id, std::string_view record) {
+std::unique_ptr<IndexDefinition> ParseIndex(IndexId id, std::string_view record) {
   auto index = std::make_unique<IndexDefinition>();
   FieldReader fields(record);
   index->id = id;
   index->token = Token{fields.Next<std::uint64_t>()};
   index->flags = fields.Next<std::uint32_t>();
   index->sort_mask = fields.Next<std::uint16_t>();
-  auto const count = fields.Next<std::uint16_t>();
+  auto const marked = fields.Next<std::uint16_t>();
+  std::uint16_t const count = marked & static_cast<std::uint16_t>(~kPreparedMark);
   if (count > kMaxIndexColumns) Throw(LSCOREDB_DAMAGED);
+  if (count != marked) index->phase = BuildPhase::kFilling;
   for (std::uint16_t i = 0; i < count && fields.ok(); ++i) {
     IndexColumn column;
     column.type = fields.Next<std::uint8_t>();
@@ -352,6 +372,17 @@ std::unique_ptr<IndexDefinition const> ParseIndex(IndexId id, std::string_view r
   if (!fields.ok() || read > record.size()) Throw(LSCOREDB_DAMAGED);
   index->setspec = ReadDefinitionText(record.substr(read));
   index->Prepare();
+  return index;
+}
+
+std::unique_ptr<IndexDefinition const> LoadIndex(View const& view, IndexId id) {
+  std::string_view record;
+  if (!GetChecked(view, Tree::kDefinitions, IndexKey(id), &record)) return nullptr;
+  std::unique_ptr<IndexDefinition> index = ParseIndex(id, record);
+  if (!index->prepared()) return index;
+  std::optional<IndexBuild> const build = FindBuild(view, id);
+  if (!build.has_value()) Throw(LSCOREDB_DAMAGED);
+  index->phase = build->phase;
   return index;
 }
 
@@ -368,9 +399,8 @@ IndexDefinition const* IndexCatalogue::Find(View const& view, IndexId id) {
 IndexDefinition const* IndexCatalogue::FindLocked(View const& view, IndexId id) {
   auto const at = by_id_.find(Raw(id));
   if (at != by_id_.end()) return at->second.get();
-  std::string_view record;
-  if (!GetChecked(view, Tree::kDefinitions, IndexKey(id), &record)) return nullptr;
-  return by_id_.emplace(Raw(id), ParseIndex(id, record)).first->second.get();
+  auto index = LoadIndex(view, id);
+  return index == nullptr ? nullptr : by_id_.emplace(Raw(id), std::move(index)).first->second.get();
 }
 
 IndexList const& IndexCatalogue::Covering(View const& view, std::u16string_view setspec) {

@@ -92,9 +92,20 @@ struct IndexColumn {
   Token token{};
   std::uint8_t type = 0;
   bool nullable = false;
+
+  friend bool operator==(IndexColumn const&, IndexColumn const&) = default;
 };
 
 inline constexpr std::size_t kMaxIndexColumns = 1024;
+
+// How far a prepared index is (index_builds.h).
+enum class BuildPhase : std::uint8_t {
+  kNone = 0,        // not a prepared index, or no longer
+  kFilling = 1,     // entries of existing objects are being added
+  kVerifying = 2,   // complete; commits refuse new duplicates, old ones are being looked for
+  kDuplicates = 3,  // complete, with duplicates, which commits do not refuse
+  kReady = 4,
+};
 
 struct IndexDefinition {
   IndexId id{};
@@ -103,27 +114,39 @@ struct IndexDefinition {
   std::uint16_t sort_mask = 0;
   std::u16string setspec;
   std::vector<IndexColumn> columns;
+  BuildPhase phase = BuildPhase::kNone;
   // Derived from the above by Prepare.
   std::vector<KeyColumn> key_columns;
   std::string entry_prefix;  // what the keys of its entries begin with
 
-  bool unique() const { return (flags & 1) != 0; }
+  bool prepared() const { return phase != BuildPhase::kNone; }
+  bool declared_unique() const { return (flags & 1) != 0; }
+  // Whether duplicates are refused.
+  bool unique() const {
+    bool const tolerant = phase == BuildPhase::kFilling || phase == BuildPhase::kDuplicates;
+    return declared_unique() && !tolerant;
+  }
   bool Covers(std::u16string_view of) const {
     return of.size() >= setspec.size() && of.substr(0, setspec.size()) == setspec;
   }
   bool HasColumn(Token token) const;
+  // Whether the entries of both are the same.
+  bool IsLike(IndexDefinition const& other) const;
   void Prepare();
 };
 
 using IndexList = std::vector<IndexDefinition const*>;
 
-// Throws when the bytes are not an index.
-std::unique_ptr<IndexDefinition const> ParseIndex(IndexId id, std::string_view record);
+// Throws when the bytes are not an index. A prepared one gets the phase kFilling.
+std::unique_ptr<IndexDefinition> ParseIndex(IndexId id, std::string_view record);
+// The same from the view, with its phase. Null: there is none.
+std::unique_ptr<IndexDefinition const> LoadIndex(View const& view, IndexId id);
 std::string IndexKey(IndexId id);
 // The records that find an index by its token and by its set specifier.
 DefinitionRecord IndexTokenRecord(IndexDefinition const& index);
 DefinitionRecord IndexSetRecord(IndexDefinition const& index);
 
+// A prepared index is written without the record that finds it by its token.
 void WriteIndex(Batch& batch, IndexDefinition const& index);
 // Returns whether the index was there.
 bool DeleteIndex(Batch& batch, IndexDefinition const& index);

@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "definitions.h"
+#include "index_builds.h"
 #include "pending.h"
 #include "status.h"
 #include "store.h"
@@ -91,6 +92,8 @@ class CheckedDefinitions {
   Layout const* FindLayout(LayoutNumber number) const;
   IndexDefinition const* FindIndex(IndexId id) const;
   std::vector<IndexDefinition const*> Covering(std::u16string_view setspec) const;
+  // Whether a prepared index may still lack the entry with that key of the store.
+  bool IsYetToCome(IndexDefinition const& index, std::string_view key) const;
   // Whether the definition exists and was reported as damaged.
   bool IsBroken(LayoutNumber number) const;
   bool IsBroken(IndexId id) const;
@@ -110,6 +113,7 @@ class CheckedDefinitions {
   void CheckLayoutToken(std::string_view key, std::string_view record);
   void CheckIndexName(std::string_view key, bool by_token);
   void CheckClosedSet(std::string_view key, std::string_view record);
+  void CheckBuild(std::string_view key);
   void CheckSetChange(std::string_view key, std::string_view record);
   void CheckCountOf(std::string_view key, std::string_view record);
   void CheckRelease(std::string_view key);
@@ -120,6 +124,7 @@ class CheckedDefinitions {
   // Null: broken.
   std::map<LayoutNumber, std::unique_ptr<Layout const>> layouts_;
   std::map<IndexId, std::unique_ptr<IndexDefinition const>> indexes_;
+  std::map<IndexId, IndexBuild> builds_;
 };
 
 // ---- objects (check_objects.cpp) ---------------------------------------------------------------

@@ -17,6 +17,7 @@ std::size_t KeySize(Letter letter) {
     case format::kReleaseLetter:
       return 3;
     case format::kIndexLetter:
+    case format::kBuildLetter:
       return 9;
     case format::kLayoutTokenLetter:
       return 11;
@@ -122,6 +123,8 @@ void CheckedDefinitions::LoadOne(std::string_view key, std::string_view record) 
     layouts_[number] = ParseLayout(number, record);
   } else if (letter == format::kIndexLetter) {
     LoadIndex(IndexAtEnd(key), record);
+  } else if (letter == format::kBuildLetter) {
+    builds_.emplace(IndexAtEnd(key), ParseBuild(IndexAtEnd(key), record));
   } else if (letter == format::kCountLetter) {
     ParseCount(record);
   } else if (letter == format::kSetChangeLetter) {
@@ -132,7 +135,15 @@ void CheckedDefinitions::LoadOne(std::string_view key, std::string_view record) 
 }
 
 void CheckedDefinitions::LoadIndex(IndexId id, std::string_view record) {
-  auto index = ParseIndex(id, record);
+  std::unique_ptr<IndexDefinition> index = ParseIndex(id, record);
+  if (index->prepared()) {
+    std::optional<IndexBuild> const build = FindBuild(snapshot_, id);
+    if (!build.has_value()) {
+      indexes_.try_emplace(id);
+      return sink_.Report(OfIndex(id), "The index is prepared, but its state is not recorded.");
+    }
+    index->phase = build->phase;
+  }
   for (std::size_t i = 0; i < index->columns.size(); ++i) {
     if (IsColumnType(index->columns[i].type)) continue;
     indexes_.try_emplace(id);
@@ -157,7 +168,9 @@ void CheckedDefinitions::CheckRecords() {
   }
   for (auto const& [id, index] : indexes_) {
     if (index == nullptr) continue;
-    ExpectRecord(IndexTokenRecord(*index), OfIndex(id), "The index is not found by its token.");
+    if (!index->prepared()) {
+      ExpectRecord(IndexTokenRecord(*index), OfIndex(id), "The index is not found by its token.");
+    }
     ExpectRecord(IndexSetRecord(*index), OfIndex(id),
                  "The index is not found by its set specifier.");
   }
@@ -170,6 +183,8 @@ void CheckedDefinitions::CheckOne(std::string_view key, std::string_view record)
     case format::kIndexTokenLetter:
     case format::kIndexSetLetter:
       return CheckIndexName(key, key[0] == format::kIndexTokenLetter);
+    case format::kBuildLetter:
+      return CheckBuild(key);
     case format::kSetChangeLetter:
       return CheckSetChange(key, record);
     case format::kClosedSetLetter:
@@ -207,8 +222,25 @@ void CheckedDefinitions::CheckIndexName(std::string_view key, bool by_token) {
   std::string const by = by_token ? "A token" : "A set specifier";
   if (index == nullptr)
     return sink_.Report(OfIndex(id), by + " names an index that does not exist.");
+  if (by_token && index->prepared()) {
+    return sink_.Report(OfIndex(id), "A token names an index that is not created yet.");
+  }
   std::string const wanted = (by_token ? IndexTokenRecord(*index) : IndexSetRecord(*index)).key;
   if (wanted != key) sink_.Report(OfIndex(id), by + " names an index that is not its own.");
+}
+
+void CheckedDefinitions::CheckBuild(std::string_view key) {
+  if (key.size() != KeySize(key[0])) return;
+  IndexId const id = IndexAtEnd(key);
+  IndexDefinition const* const index = FindIndex(id);
+  if (IsBroken(id) || (index != nullptr && index->prepared())) return;
+  sink_.Report(OfIndex(id), "There is the state of a prepared index that does not exist.");
+}
+
+bool CheckedDefinitions::IsYetToCome(IndexDefinition const& index, std::string_view key) const {
+  if (index.phase != BuildPhase::kFilling) return false;
+  auto const build = builds_.find(index.id);
+  return build != builds_.end() && key > build->second.position;
 }
 
 void CheckedDefinitions::CheckSetChange(std::string_view key, std::string_view record) {

@@ -5,6 +5,7 @@
 #include "check.h"
 #include "checksummed_record.h"
 #include "format.h"
+#include "overflow.h"
 
 namespace lscore {
 namespace {
@@ -14,13 +15,6 @@ Finding Of(std::uint32_t kind, ObjectId object) {
   finding.kind = kind;
   finding.object = object;
   return finding;
-}
-
-std::string ChunkKey(ObjectId id, std::uint32_t chunk) {
-  std::string key;
-  AppendBig(key, Raw(id));
-  AppendBig(key, chunk);
-  return key;
 }
 
 constexpr std::uint64_t kObjectsBetween = 64;  // reports of progress
@@ -167,6 +161,7 @@ void ObjectCheck::CheckEntries(RowRef const& row, Set const& set) {
       if (stored == record.value) ++*matched;
       continue;
     }
+    if (definitions_.IsYetToCome(*index, record.key)) continue;
     Finding finding = Of(LSCOREDB_FINDING_MISSING_ENTRY, row.id);
     finding.index = index->id;
     finding.layout = row.layout->number();

@@ -4,20 +4,15 @@
 
 #include "bytes.h"
 #include "format.h"
+#include "index_builds.h"
 #include "keys.h"
+#include "overflow.h"
 
 namespace lscore {
 namespace {
 
 // Whether a commit has to write the row. One that was inserted and deleted again was never stored.
 bool Matters(PendingRow const& row) { return row.changed && !(row.inserted() && row.deleted); }
-
-std::string ChunkKey(ObjectId id, std::uint32_t chunk) {
-  std::string key;
-  AppendBig(key, Raw(id));
-  AppendBig(key, chunk);
-  return key;
-}
 
 }  // namespace
 
@@ -39,6 +34,7 @@ void AddHints(CommitRequest const& request, std::vector<TreeKey>* hints) {
   for (auto const& layout : request.changes.layouts()) {
     hints->push_back({Tree::kDefinitions, LayoutKey(layout->number())});
   }
+  if (request.build != nullptr) AddHints(*request.build, hints);
   for (std::string_view const key : {format::kIndexesKey, format::kNextIdKey}) {
     hints->push_back({Tree::kMeta, std::string(key)});
   }
@@ -81,6 +77,7 @@ void CommitApplier::Validate(bool nothing_between) {
   }
   ValidateLayouts();
   ValidateIndexes();
+  if (request_.build != nullptr) builds_.Validate(*request_.build);
   if (!nothing_between) ValidateSets();
   late_ = IndexVersion(batch_) != request_.index_version;
   if (late_) DeriveLateEntries();
@@ -132,6 +129,10 @@ void CommitApplier::ValidateLayouts() const {
 void CommitApplier::ValidateIndexes() const {
   for (IndexDefinition const* const index : request_.changes.dropped_indexes()) {
     if (!HasIndex(batch_, index->id)) Throw(LSCOREDB_CONFLICT);
+  }
+  for (AdoptedIndex const& adopted : request_.changes.adopted_indexes()) {
+    std::optional<IndexBuild> const build = FindBuild(batch_, adopted.prepared->id);
+    if (!build.has_value() || build->phase != BuildPhase::kReady) Throw(LSCOREDB_CONFLICT);
   }
   for (auto const& index : request_.changes.created_indexes()) {
     if (SetChangedSince(batch_, index->setspec, request_.snapshot.id())) Throw(LSCOREDB_CONFLICT);
@@ -208,10 +209,17 @@ PendingIndex& CommitApplier::LateEntries(IndexDefinition const& index) {
   return *entries;
 }
 
+// A prepared index may have begun or ceased to refuse duplicates since the snapshot.
+bool CommitApplier::IsUnique(PendingIndex const& entries) {
+  if (!late_ || !entries.committed()) return entries.index().unique();
+  IndexDefinition const* const index = now_->Find(batch_, entries.index().id);
+  return index != nullptr && index->unique();
+}
+
 // The last check for duplicates, against the store with all earlier tickets of the batch applied.
 // When nothing was committed since the snapshot, keys that were unique when written still are.
 void CommitApplier::CheckUnique(PendingIndex const& entries, bool nothing_between) {
-  if (!entries.index().unique() || (nothing_between && !entries.has_unproven())) return;
+  if (!IsUnique(entries) || (nothing_between && !entries.has_unproven())) return;
   EntryCursor cursor;
   entries.ForEach([&](PendingKey const& key, PendingEntry const& entry) {
     if (entry.state != EntryState::kPresent || entry.facts.has_null) return;
@@ -230,6 +238,7 @@ void CommitApplier::Refuse(IndexDefinition const& index, PendingKey key, ObjectI
 // ---- writes ------------------------------------------------------------------------------------
 
 void CommitApplier::Apply() {
+  if (request_.build != nullptr) builds_.Apply(*request_.build);
   for (PendingRow const* const row : rows_) ApplyRow(*row);
   for (auto const& entries : request_.changes.indexes()) {
     if (IsLive(*entries)) ApplyEntries(*entries);
@@ -345,9 +354,12 @@ void CommitApplier::ApplyIndexes() {
     DeleteIndex(batch_, *index);
   }
   for (auto const& index : request_.changes.created_indexes()) WriteIndex(batch_, *index);
-  if (!request_.changes.dropped_indexes().empty() || !request_.changes.created_indexes().empty()) {
-    WriteIndexVersion(batch_);
+  for (AdoptedIndex const& adopted : request_.changes.adopted_indexes()) {
+    if (request_.changes.IsDropped(adopted.prepared->id)) continue;
+    DeleteBuild(batch_, adopted.prepared->id);
+    WriteIndex(batch_, *adopted.as);
   }
+  if (request_.changes.changes_indexes()) WriteIndexVersion(batch_);
 }
 
 // The store counts the objects of each layout, with the set of one of them as an example. Counts

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "build_applier.h"
 #include "chosen_ids.h"
 #include "closed_sets.h"
 #include "group_commit.h"
@@ -50,6 +51,7 @@ class CommitApplier {
         position_(position),
         kept_(kept),
         entries_(batch),
+        builds_(batch),
         deleted_(batch) {}
 
   // Throws a refusal when the transaction cannot be committed: LSCOREDB_CONFLICT,
@@ -73,6 +75,7 @@ class CommitApplier {
   void DeriveLateEntries(PendingRow const& row);
   void DeriveLateEntry(IndexDefinition const& index, PendingRow const& row, bool before);
   PendingIndex& LateEntries(IndexDefinition const& index);
+  bool IsUnique(PendingIndex const& entries);
   void CheckUnique(PendingIndex const& entries, bool nothing_between);
   [[noreturn]] void Refuse(IndexDefinition const& index, PendingKey key, ObjectId holder);
   bool IsLive(PendingIndex const& entries) const;
@@ -107,6 +110,7 @@ class CommitApplier {
   std::uint32_t& position_;
   CachedRowChanges& kept_;
   EntryWriter entries_;
+  BuildApplier builds_;
   DeletedIds deleted_;
   std::vector<PendingRow const*> rows_;  // those to be written, by id
   bool late_ = false;                    // indexes were created or dropped since the snapshot

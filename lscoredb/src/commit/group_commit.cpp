@@ -9,7 +9,7 @@ CommitRequest& RequestOf(CommitTicket* ticket) { return static_cast<CommitReques
 
 // Whether the batch holds the request's changes: it was valid and had any.
 bool TookPart(CommitRequest const& request) {
-  return request.status == LORV_STATUS_OK && !request.changes.empty();
+  return request.status == LORV_STATUS_OK && !request.empty();
 }
 
 }  // namespace
@@ -112,7 +112,7 @@ void GroupCommit::TryAll(Tickets tickets) {
       work.Validate(next && !anything);
       return LORV_STATUS_OK;
     });
-    if (request.status != LORV_STATUS_OK || request.changes.empty()) continue;
+    if (request.status != LORV_STATUS_OK || request.empty()) continue;
     work.Apply();
     anything = true;
   }

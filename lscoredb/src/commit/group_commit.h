@@ -10,6 +10,7 @@
 #include <span>
 
 #include "allocators.h"
+#include "build_applier.h"
 #include "commit_queue.h"
 #include "definitions.h"
 #include "identity.h"
@@ -33,9 +34,12 @@ struct CommitRequest : CommitTicket {
   CommitRequest(PendingChanges const& its_changes, Snapshot const& its_snapshot, CommitId version)
       : changes(its_changes), snapshot(its_snapshot), index_version(version) {}
 
+  bool empty() const { return changes.empty() && build == nullptr; }
+
   PendingChanges const& changes;
   Snapshot const& snapshot;
-  CommitId index_version;  // of the snapshot
+  CommitId index_version;              // of the snapshot
+  BuildChange const* build = nullptr;  // of a prepared index
   Status status = LORV_STATUS_OK;
   RefusedKey refused;      // with LSCOREDB_DUPLICATE_KEY
   CommitInDoubt in_doubt;  // with LSCOREDB_COMMIT_UNKNOWN

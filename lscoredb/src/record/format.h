@@ -44,6 +44,8 @@
 //   'S' hash of set specifier (8), index id (8) -> nothing: the indexes over a set specifier
 //   'R' layout number (2)                 -> nothing: a layout that may be taken away once no
 //                                            object and no other layout needs it
+//   'P' index id (8)                      -> the state of a prepared index, see index_builds.cpp;
+//                                            it has no record 'J'
 //   'Z' set specifier cut at kSetPrefix, its hash (8) -> the whole set specifier: a set that takes
 //                                            no more objects
 //
@@ -77,7 +79,8 @@ inline constexpr std::uint32_t kFirstVersion = 1;
 inline constexpr std::uint32_t kWideIndexVersion = 2;  // indexes of more than kSortMaskBits columns
 inline constexpr std::uint32_t kClosedSetVersion = 3;  // sets that take no more objects
 inline constexpr std::uint32_t kLogVersion = 4;        // a log beside the file, log_format.h
-inline constexpr std::uint32_t kNewestVersion = kLogVersion;
+inline constexpr std::uint32_t kPreparedIndexVersion = 5;  // indexes that are not complete yet
+inline constexpr std::uint32_t kNewestVersion = kPreparedIndexVersion;
 
 // The value of the format record.
 inline std::string FormatRecord(std::uint32_t version) {
@@ -121,6 +124,7 @@ inline constexpr char kClosedSetLetter = 'Z';
 inline constexpr char kIndexLetter = 'I';
 inline constexpr char kIndexTokenLetter = 'J';
 inline constexpr char kIndexSetLetter = 'S';
+inline constexpr char kBuildLetter = 'P';
 inline constexpr char kCountLetter = 'C';
 inline constexpr char kFreeIdsLetter = 'F';
 inline constexpr char kDeletedIdLetter = 'X';

@@ -33,6 +33,32 @@ void IndexFiller::Fill(PendingIndex& entries) {
   if (entries.untouched() != nullptr) CheckUntouchedUnique(entries);
 }
 
+// The image of a large row is given back as soon as its key is made.
+std::unique_ptr<SortedEntries const> IndexFiller::Sort(IndexDefinition const& index,
+                                                       std::string_view position,
+                                                       std::uint64_t* count) {
+  work_ = WatchedWork();
+  KeyBytes key;
+  EntryRecord record;
+  EntrySorter sorter(state_.database->directory(), index.entry_prefix.size());
+  *count = 0;
+  reader_.BeginScope();
+  ForEachObjectOfSet(index.setspec, [&](RowRef const& row) {
+    ObjectId const id = row.id;
+    encoder_.Encode(index, row, key);
+    BuildRecord(index, key, id, row.layout->number(), record);
+    if (record.key > position) {
+      sorter.Add(record.key, record.value);
+      ++*count;
+    }
+    if (!reader_.IsAssembled(id)) return;
+    reader_.EndScope();
+    reader_.BeginScope();
+  });
+  reader_.EndScope();
+  return sorter.Finish(work_);
+}
+
 // Scans an index whose first column is the set specifier if one covers the set, otherwise all rows.
 template <typename Visit>
 void IndexFiller::ForEachObjectOfSet(std::u16string const& setspec, Visit&& visit) {
@@ -51,7 +77,8 @@ IndexDefinition const* IndexFiller::FindSetIndex(std::u16string const& setspec) 
     if (by_set(*index) && index->Covers(setspec)) return index.get();
   }
   for (IndexDefinition const* const index : schema_.CommittedCovering(setspec)) {
-    if (by_set(*index) && !state_.changes.IsDropped(index->id)) return index;
+    if (index->prepared() || state_.changes.IsDropped(index->id)) continue;
+    if (by_set(*index)) return index;
   }
   return nullptr;
 }

@@ -20,6 +20,10 @@ class IndexFiller {
   // Adds an entry for each object of the index's set. Throws LSCOREDB_DUPLICATE_KEY when two
   // collide in a unique index; TransactionState::refused then names them.
   void Fill(PendingIndex& entries);
+  // The same entries, sorted, of those keys of the store that are above `position`, and their
+  // number. Null: there are none. REQUIRES: the transaction has written nothing.
+  std::unique_ptr<SortedEntries const> Sort(IndexDefinition const& index, std::string_view position,
+                                            std::uint64_t* count);
 
  private:
   template <typename Visit>

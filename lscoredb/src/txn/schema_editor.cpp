@@ -63,9 +63,15 @@ void SchemaEditor::CloseSet(std::u16string_view setspec, bool empty) {
 
 // ---- indexes -----------------------------------------------------------------------------------
 
-// The index is filled before the write set knows it, so a duplicate leaves nothing behind but a
-// used id.
+// Adopts a prepared index if one is ready. Otherwise the index is filled before the write set knows
+// it, so a duplicate leaves nothing behind but a used id.
 IndexId SchemaEditor::CreateIndex(std::unique_ptr<IndexDefinition> index) {
+  if (IndexDefinition const* const ready = schema_.FindReady(*index)) {
+    index->id = ready->id;
+    index->Prepare();
+    state_.changes.AdoptIndex({ready, std::move(index)});
+    return ready->id;
+  }
   IndexId const id{state_.NextId()};
   ++state_.ids.next;
   index->id = id;
@@ -79,7 +85,8 @@ IndexId SchemaEditor::CreateIndex(std::unique_ptr<IndexDefinition> index) {
 Status SchemaEditor::DropIndex(IndexId id) {
   IndexDefinition const* const index = schema_.FindIndex(id);
   if (index == nullptr) return LORV_STATUS_NO_INDEX;
-  state_.changes.DropIndex(*index);
+  AdoptedIndex const* const adopted = state_.changes.FindAdopted(id);
+  state_.changes.DropIndex(adopted == nullptr ? *index : *adopted->prepared);
   return LORV_STATUS_OK;
 }
 

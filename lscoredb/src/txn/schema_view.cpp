@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "index_builds.h"
+
 namespace lscore {
 
 Layout const* SchemaView::FindLayout(LayoutNumber number) const {
@@ -29,7 +31,21 @@ std::vector<Layout const*> SchemaView::LayoutsOf(Token token) const {
 IndexDefinition const* SchemaView::FindIndex(IndexId id) {
   if (IndexDefinition const* const created = state_.changes.FindCreated(id)) return created;
   if (state_.changes.IsDropped(id)) return nullptr;
-  return catalogue().Find(*state_.snapshot, id);
+  if (AdoptedIndex const* const adopted = state_.changes.FindAdopted(id)) return adopted->as.get();
+  IndexDefinition const* const index = catalogue().Find(*state_.snapshot, id);
+  return index == nullptr || index->prepared() ? nullptr : index;
+}
+
+IndexDefinition const* SchemaView::FindReady(IndexDefinition const& like) {
+  for (IndexBuild const& build : AllBuilds(*state_.snapshot)) {
+    bool const taken =
+        state_.changes.IsDropped(build.id) || state_.changes.FindAdopted(build.id) != nullptr;
+    if (build.phase != BuildPhase::kReady || taken) continue;
+    IndexDefinition const* const index = catalogue().Find(*state_.snapshot, build.id);
+    if (index == nullptr) Throw(LSCOREDB_DAMAGED);
+    if (index->IsLike(like)) return index;
+  }
+  return nullptr;
 }
 
 std::vector<IndexDefinition const*> SchemaView::IndexesOf(Token token) {
@@ -39,6 +55,11 @@ std::vector<IndexDefinition const*> SchemaView::IndexesOf(Token token) {
   }
   for (auto const& index : state_.changes.created_indexes()) {
     if (index->token == token) found.push_back(index.get());
+  }
+  for (AdoptedIndex const& index : state_.changes.adopted_indexes()) {
+    if (index.as->token == token && FindIndex(index.as->id) != nullptr) {
+      found.push_back(index.as.get());
+    }
   }
   std::sort(found.begin(), found.end(),
             [](IndexDefinition const* a, IndexDefinition const* b) { return a->id > b->id; });

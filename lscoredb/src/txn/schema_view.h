@@ -25,6 +25,9 @@ class SchemaView {
 
   // Null: there is none.
   IndexDefinition const* FindIndex(IndexId id);
+  // A prepared index that is ready and has the definition that `like` asks for, whatever its token.
+  // Null: there is none.
+  IndexDefinition const* FindReady(IndexDefinition const& like);
   // Newest first.
   std::vector<IndexDefinition const*> IndexesOf(Token token);
   // The committed indexes over a set, including those that the transaction has dropped.

@@ -326,6 +326,11 @@ void PendingChanges::CreateIndex(std::unique_ptr<IndexDefinition const> index,
   created_.push_back(std::move(index));
 }
 
+void PendingChanges::AdoptIndex(AdoptedIndex index) {
+  if (undo_.recording()) undo_.Record(undo::IndexAdopted{adopted_.size()});
+  adopted_.push_back(std::move(index));
+}
+
 namespace {
 
 template <typename All>
@@ -377,14 +382,20 @@ IndexDefinition const* PendingChanges::FindCreated(IndexId id) const {
   return nullptr;
 }
 
+AdoptedIndex const* PendingChanges::FindAdopted(IndexId id) const {
+  for (AdoptedIndex const& index : adopted_) {
+    if (index.prepared->id == id) return &index;
+  }
+  return nullptr;
+}
+
 bool PendingChanges::IsDropped(IndexId id) const {
   return std::any_of(dropped_.begin(), dropped_.end(),
                      [id](IndexDefinition const* index) { return index->id == id; });
 }
 
 bool PendingChanges::empty() const {
-  bool changed = !layouts_.empty() || !released_.empty() || !closed_.empty() || !created_.empty() ||
-                 !dropped_.empty();
+  bool changed = !layouts_.empty() || !released_.empty() || !closed_.empty() || changes_indexes();
   ForEachRow([&](PendingRow const& row) { changed = changed || row.changed; });
   return !changed;
 }
@@ -472,6 +483,11 @@ ObjectId PendingChanges::TakeBack(undo::IndexAdded const& added) {
   return kNoObject;
 }
 
+ObjectId PendingChanges::TakeBack(undo::IndexAdopted const& adopted) {
+  adopted_.resize(adopted.adopted);
+  return kNoObject;
+}
+
 ObjectId PendingChanges::TakeBack(undo::IndexDropped const& dropped) {
   if (dropped.created_at != undo::IndexDropped::kNowhere) {
     MoveBack(created_and_dropped_, created_, dropped.created_at);
@@ -512,6 +528,7 @@ void PendingChanges::Clear() {
   closed_.clear();
   created_.clear();
   created_and_dropped_.clear();
+  adopted_.clear();
   dropped_.clear();
   arena_.Release();
 }

@@ -115,7 +115,7 @@ class PendingIndex {
         arena_(&arena),
         map_(&arena),
         sought_(map_.end()),
-        fresh_(index.unique()) {}
+        fresh_(index.declared_unique()) {}
 
   IndexDefinition const& index() const { return *index_; }
   bool committed() const { return committed_; }
@@ -199,6 +199,13 @@ class PendingIndex {
 ObjectId FindOtherBelow(View const& committed, EntryCursor& cursor, PendingIndex const& pending,
                         PendingKey key);
 
+// A prepared index that the transaction created, or rather took over, and the definition that it
+// has from then on.
+struct AdoptedIndex {
+  IndexDefinition const* prepared = nullptr;
+  std::unique_ptr<IndexDefinition const> as;
+};
+
 // ---- the write set -----------------------------------------------------------------------------
 
 class PendingChanges {
@@ -248,7 +255,15 @@ class PendingChanges {
                    std::unique_ptr<PendingIndex> entries);
   // An index that the transaction itself created is forgotten; no other index of it is committed.
   void DropIndex(IndexDefinition const& index);
+  std::vector<AdoptedIndex> const& adopted_indexes() const { return adopted_; }
+  // Its entries stay those of a committed index.
+  void AdoptIndex(AdoptedIndex index);
+  // Null: the transaction did not create, or adopt, such an index.
   IndexDefinition const* FindCreated(IndexId id) const;
+  AdoptedIndex const* FindAdopted(IndexId id) const;
+  bool changes_indexes() const {
+    return !created_.empty() || !adopted_.empty() || !dropped_.empty();
+  }
   bool IsDropped(IndexId id) const;
 
   // Objects that commit checks like written ones: no other transaction may have changed them.
@@ -299,6 +314,7 @@ class PendingChanges {
   ObjectId TakeBack(undo::LayoutReleased const& released);
   ObjectId TakeBack(undo::SetClosed const& closed);
   ObjectId TakeBack(undo::IndexAdded const& added);
+  ObjectId TakeBack(undo::IndexAdopted const& adopted);
   ObjectId TakeBack(undo::IndexDropped const& dropped);
   ObjectId TakeBack(undo::ObjectRequired const& required);
 
@@ -315,6 +331,7 @@ class PendingChanges {
   ClosedSets closed_;
   std::vector<std::unique_ptr<IndexDefinition const>> created_;
   std::vector<std::unique_ptr<IndexDefinition const>> created_and_dropped_;
+  std::vector<AdoptedIndex> adopted_;
   std::vector<IndexDefinition const*> dropped_;
 };
 

@@ -68,6 +68,9 @@ struct IndexAdded {
   std::size_t indexes = 0;
   std::size_t created = 0;
 };
+struct IndexAdopted {
+  std::size_t adopted = 0;  // the number of those before
+};
 struct IndexDropped {
   static constexpr std::size_t kNowhere = static_cast<std::size_t>(-1);
   std::size_t entries_at = kNowhere;
@@ -79,7 +82,7 @@ struct ObjectRequired {
 
 using Step = std::variant<RowAdded, CellChanged, RowChanged, ExampleNoted, EntryAdded, EntryChanged,
                           EntryErased, LayoutAdded, LayoutReleased, SetClosed, IndexAdded,
-                          IndexDropped, ObjectRequired>;
+                          IndexAdopted, IndexDropped, ObjectRequired>;
 
 }  // namespace undo
 

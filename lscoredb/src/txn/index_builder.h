@@ -1,0 +1,89 @@
+#ifndef LSCOREDB_SRC_INDEX_BUILDER_H
+#define LSCOREDB_SRC_INDEX_BUILDER_H
+
+// Builds prepared indexes (index_builds.h) beside other transactions, step by step. Each step is a
+// commit of its own, or none:
+//
+//   prepare      every commit from then on keeps the index up                  -> kFilling
+//   sort         one scan of the set's objects into a sorted sequence
+//   add          so many entries of it, in the order of the store; the last    -> kReady, or
+//                for a unique index: duplicates are refused from then on       -> kVerifying
+//   verify       so many entries, for equal keys; at the end                   -> kReady
+//                at the first duplicate: they are no longer refused            -> kDuplicates
+//   again        duplicates are refused again                                  -> kVerifying
+//
+// What is sorted belongs to this object. Another one, after a kill or in another process, sorts
+// again and goes on where the stored state says. One thread at a time.
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "index_builds.h"
+#include "index_filler.h"
+#include "row_reader.h"
+#include "schema_view.h"
+#include "transaction_state.h"
+
+namespace lscore {
+
+class IndexBuilder {
+ public:
+  explicit IndexBuilder(std::shared_ptr<Database> database) : state_(std::move(database)) {}
+
+  // A build of an equal definition is taken up. LSCOREDB_CONFLICT: another one began just now.
+  Status Prepare(std::unique_ptr<IndexDefinition> index, std::u16string name, IndexId* out);
+  // With about `most` entries. `*out` is the state afterwards, also with LSCOREDB_DUPLICATE_KEY:
+  // the index is unique and there are duplicates. LSCOREDB_CONFLICT: somebody else did a step.
+  // LORV_STATUS_NO_INDEX: there is no such build.
+  Status Step(IndexId id, std::uint64_t most, IndexBuild* out);
+  Status Abandon(IndexId id);
+
+  // An index that is being built, with its definition.
+  struct Listed {
+    IndexBuild build;
+    std::shared_ptr<IndexDefinition const> index;
+  };
+  std::vector<Listed> List();
+  // Calls `visit` with each object among the present entries whose key an earlier one has, and with
+  // that one, until it returns false.
+  Status ForEachDuplicate(IndexId id, std::function<bool(ObjectId, ObjectId)> const& visit);
+
+ private:
+  class Reading;
+
+  Status Commit(BuildChange const& change);
+  Status Continue(IndexDefinition const& index, IndexBuild const& before, IndexBuild const& after);
+  Status TryAbandon(IndexId id);
+  void Sort(IndexDefinition const& index, IndexBuild const& build);
+  Status AddEntries(IndexDefinition const& index, std::uint64_t most, IndexBuild* build);
+  Status Verify(IndexDefinition const& index, std::uint64_t most, IndexBuild* build);
+  Status Enforce(IndexDefinition const& index, IndexBuild* build);
+  template <typename Visit>
+  bool CompareNeighbours(IndexDefinition const& index, std::uint64_t most, std::string* position,
+                         std::uint64_t* compared, Visit&& visit);
+  bool HasNull(IndexDefinition const& index, ObjectId object);
+
+  TransactionState state_;
+  SchemaView schema_{state_};
+  RowReader reader_{state_, schema_};
+  IndexFiller filler_{state_, schema_, reader_};
+
+  // The entries that were sorted for a build; null: there were none.
+  IndexId sorted_for_{0};
+  std::unique_ptr<SortedEntries const> sorted_;
+  CommitId sorted_from_{0};
+  std::uint64_t sorted_total_ = 0;
+  // How far a round of verification is.
+  IndexId verified_for_{0};
+  std::uint32_t verified_round_ = 0;
+  std::uint64_t verified_ = 0;
+  std::string verified_to_;
+
+  KeyEncoder encoder_;
+};
+
+}  // namespace lscore
+
+#endif
