@@ -44,6 +44,27 @@ std::string Counted(std::uint64_t count, char const* one, char const* many) {
 
 }  // namespace
 
+void RequireNoneLost(Transaction& transaction, Text const& table, Text const& column,
+                     std::span<Text const> tables) {
+  LostValues const lost = FindLost(transaction, table, column, tables, kListed);
+  if (lost.count == 0) return;
+  throw Error(LSCOREDB_WRONG_TYPE,
+              fmt::format("Column {} of {} has {} in objects outside of the tables that it shall "
+                          "go down to: {}.",
+                          ToUtf8(column), ToUtf8(table), Counted(lost.count, "value", "values"),
+                          List(lost)));
+}
+
+void RequireConvertible(Transaction& transaction, Text const& table, ColumnSpec const& column) {
+  LostValues const lost = FindUnconvertible(transaction, table, column, kListed);
+  if (lost.count == 0) return;
+  throw Error(
+      LSCOREDB_WRONG_TYPE,
+      fmt::format("{} of column {} of {} {} not convert to {}: {}.",
+                  Counted(lost.count, "value", "values"), ToUtf8(column.name), ToUtf8(table),
+                  lost.count == 1 ? "does" : "do", columns::Described(column), List(lost)));
+}
+
 void PullUpColumn(Transaction& transaction, Text const& table, Text const& column,
                   Text const& base) {
   Savepoint whole(transaction);
@@ -60,14 +81,7 @@ void PullUpColumn(Transaction& transaction, Text const& table, Text const& colum
 void PushDownColumn(Transaction& transaction, Text const& table, Text const& column,
                     std::span<Text const> tables, Loss loss) {
   Savepoint whole(transaction);
-  LostValues const lost = FindLost(transaction, table, column, tables, kListed);
-  if (lost.count != 0 && loss == Loss::kRefuse) {
-    throw Error(LSCOREDB_WRONG_TYPE,
-                fmt::format("Column {} of {} has {} in objects outside of the tables that it "
-                            "shall go down to: {}.",
-                            ToUtf8(column), ToUtf8(table), Counted(lost.count, "value", "values"),
-                            List(lost)));
-  }
+  if (loss == Loss::kRefuse) RequireNoneLost(transaction, table, column, tables);
   columns::PushDown const request = columns::RequirePushDown(transaction, table, column, tables);
   Subtree subtree(transaction, request.base);
   OwnColumn const pushed = Subtree::Take(subtree.At(table), column);
@@ -86,14 +100,7 @@ void ChangeColumnType(Transaction& transaction, Text const& table, ColumnSpec co
   Savepoint whole(transaction);
   columns::Retype const request = columns::RequireRetype(transaction, table, column);
   if (request.same) return whole.Release();
-  LostValues const lost = FindUnconvertible(transaction, table, column, kListed);
-  if (lost.count != 0 && loss == Loss::kRefuse) {
-    throw Error(
-        LSCOREDB_WRONG_TYPE,
-        fmt::format("{} of column {} of {} {} not convert to {}: {}.",
-                    Counted(lost.count, "value", "values"), ToUtf8(column.name), ToUtf8(table),
-                    lost.count == 1 ? "does" : "do", columns::Described(column), List(lost)));
-  }
+  if (loss == Loss::kRefuse) RequireConvertible(transaction, table, column);
   Subtree subtree(transaction, request.table);
   std::vector<OwnColumn>& own = subtree.At(table).own;
   auto const at = std::find_if(own.begin(), own.end(),
@@ -104,7 +111,7 @@ void ChangeColumnType(Transaction& transaction, Text const& table, ColumnSpec co
   at->data_type = request.data_type;
   if (!request.same_form) at->row = 0;
   if (!request.same_form) at->was.clear();
-  columns::Apply(transaction, subtree, {column.name, request.wanted, {}, lost.count != 0});
+  columns::Apply(transaction, subtree, {column.name, request.wanted, {}, loss == Loss::kAllow});
   whole.Release();
 }
 

@@ -19,6 +19,8 @@ class Comparison {
     DropTables();
     AddRenames(from_, to_, kept_, plan_);
     for (TableDoc const& table : to_.tables) CreateTable(table);
+    MoveColumns();
+    ChangeColumns();
     AddColumns();
     CreateIndexes();
     return std::move(plan_);
@@ -57,7 +59,53 @@ class Comparison {
   void CreateTable(TableDoc const& table) {
     if (kept_.OldTable(table.name) != nullptr || !created_.insert(table.name).second) return;
     if (TableDoc const* const base = to_.Find(table.base)) CreateTable(*base);
-    plan_.push_back(change::CreateTable{table});
+    plan_.push_back(change::CreateTable{WithoutMoved(table)});
+  }
+
+  // A new table inherits the columns that are pushed down to it until then.
+  TableDoc WithoutMoved(TableDoc table) const {
+    TableDoc const& whole = *to_.Find(table.name);
+    std::erase_if(table.columns, [&](ColumnDoc const& column) {
+      return kept_.IsMoved(*whole.FindColumn(column.name));
+    });
+    return table;
+  }
+
+  // Down first: what goes up may take the name of what leaves.
+  void MoveColumns() {
+    for (PushedDown const& move : kept_.moves().down) {
+      change::PushDownColumn change{NewName(move.from), move.from.column->name, {}};
+      for (Declaration const& to : move.to) change.tables.push_back(to.table->name);
+      plan_.push_back(std::move(change));
+    }
+    for (PulledUp const& move : kept_.moves().up) {
+      change::PullUpColumn change{move.from[0].column->name, {}, move.to.table->name};
+      for (Declaration const& from : move.from) change.tables.push_back(NewName(from));
+      plan_.push_back(std::move(change));
+    }
+    for (PulledUp const& move : kept_.moves().up) {
+      std::string const& name = move.from[0].column->name;
+      if (name == move.to.column->name) continue;
+      plan_.push_back(change::RenameColumn{move.to.table->name, name, move.to.column->name});
+    }
+  }
+  std::string NewName(Declaration const& before) const {
+    return kept_.NewTable(before.table->name)->name;
+  }
+
+  void ChangeColumns() {
+    for (TableDoc const& table : to_.tables) {
+      for (ColumnDoc const& column : table.columns) {
+        ColumnDoc const* const old = kept_.OldColumn(column);
+        if (old == nullptr || kept_.ShapeStays(*old, column)) continue;
+        ColumnDoc before = *old;
+        before.name = column.name;
+        if (TableDoc const* const target = kept_.NewTable(before.target)) {
+          before.target = target->name;
+        }
+        plan_.push_back(change::ChangeColumn{table.name, std::move(before), column});
+      }
+    }
   }
 
   void AddColumns() {

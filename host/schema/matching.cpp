@@ -74,6 +74,8 @@ Matching::Matching(SchemaDoc const& from, SchemaDoc const& to)
     return BaseStays(before, after);
   });
   for (auto const& [name, after] : new_tables_) MatchColumns(*from_.Find(name), *after);
+  MatchMoves();
+  for (auto const& [name, after] : new_tables_) DoubtColumnsOf(*from_.Find(name), *after);
   MatchIndexes();
 }
 
@@ -113,18 +115,66 @@ bool Matching::ShapeStays(ColumnDoc const& before, ColumnDoc const& after) const
   return target != nullptr && target->name == after.target;
 }
 
+// A reference whose target goes has no values to keep.
+bool Matching::Converts(ColumnDoc const& before, ColumnDoc const& after) const {
+  if (ShapeStays(before, after)) return true;
+  if (from_.Find(before.target) != nullptr && NewTable(before.target) == nullptr) return false;
+  return ConversionOf(before.type, after.type) != Conversion::kNone;
+}
+
+void Matching::Keep(ColumnDoc const& before, ColumnDoc const& after) {
+  new_columns_.emplace(&before, &after);
+  old_columns_.emplace(&after, &before);
+}
+
 void Matching::MatchColumns(TableDoc const& before, TableDoc const& after) {
   Claims<ColumnDoc> const claims(before.columns, after.columns, identities_,
                                  "column of table " + after.name + ":");
+  paired_columns_[&after] = claims.pairs();
   for (auto const& [new_column, old_column] : claims.pairs()) {
-    if (!ShapeStays(*old_column, *new_column)) continue;
-    new_columns_[old_column] = new_column;
-    old_columns_[new_column] = old_column;
+    if (Converts(*old_column, *new_column)) Keep(*old_column, *new_column);
+  }
+}
+
+void Matching::MatchMoves() {
+  std::set<ColumnDoc const*> paired;
+  StayingEntries staying;
+  for (auto const& [table, pairs] : paired_columns_) {
+    for (auto const& [after, before] : pairs) {
+      paired.insert(after);
+      paired.insert(before);
+      if (after->name != before->name) staying.new_names.insert(after->name);
+    }
+  }
+  staying.identities = identities_;
+  staying.new_table = [this](std::string const& name) { return NewTable(name); };
+  staying.is_paired = [&paired](ColumnDoc const& column) { return paired.contains(&column); };
+  staying.fits = [this](ColumnDoc const& before, ColumnDoc const& after) {
+    return Converts(before, after);
+  };
+  moves_ = FindMoves(from_, to_, staying);
+  for (PulledUp const& move : moves_.up) {
+    for (Declaration const& from : move.from) Keep(*from.column, *move.to.column);
+    for (Declaration const& from : move.from) moved_.insert(from.column);
+    moved_.insert(move.to.column);
+  }
+  for (PushedDown const& move : moves_.down) {
+    for (Declaration const& to : move.to) Keep(*move.from.column, *to.column);
+    for (Declaration const& to : move.to) moved_.insert(to.column);
+    moved_.insert(move.from.column);
+  }
+}
+
+// Moved columns are beyond doubt.
+void Matching::DoubtColumnsOf(TableDoc const& before, TableDoc const& after) {
+  Pairs<ColumnDoc> pairs = paired_columns_[&after];
+  for (ColumnDoc const& column : after.columns) {
+    if (IsMoved(column)) pairs[&column] = OldColumn(column);
   }
   auto const fits = [this](ColumnDoc const& old_column, ColumnDoc const& new_column) {
-    return ShapeStays(old_column, new_column);
+    return !IsMoved(old_column) && ShapeStays(old_column, new_column);
   };
-  auto const found = DoubtColumns(before, after, claims.pairs(), fits);
+  auto const found = DoubtColumns(before, after, pairs, fits);
   doubts_.insert(doubts_.end(), found.begin(), found.end());
 }
 

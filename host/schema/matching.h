@@ -9,12 +9,13 @@
 #include <string>
 
 #include "schema/doubts.h"
+#include "schema/moves.h"
 
 namespace sagleme {
 
 // What is kept, by its present and its new name. A table is kept if its base is; a column if its
-// table and type are; an index if it is unchanged, apart from renamed columns. Everything else is
-// dropped and created.
+// table or one of its line is, and its values convert; an index if it is unchanged, apart from
+// renamed columns. Everything else is dropped and created.
 class Matching {
  public:
   // Throws Failure with kUsage if two entries of `to` claim the same table or column.
@@ -29,6 +30,11 @@ class Matching {
   }
   ColumnDoc const* NewColumn(ColumnDoc const& column) const { return Find(new_columns_, &column); }
   ColumnDoc const* OldColumn(ColumnDoc const& column) const { return Find(old_columns_, &column); }
+  // Columns that stay, but in other tables. All others that stay do so in their table.
+  Moves const& moves() const { return moves_; }
+  bool IsMoved(ColumnDoc const& column) const { return moved_.contains(&column); }
+  // Whether a column's definition is that of another one by its new names.
+  bool ShapeStays(ColumnDoc const& before, ColumnDoc const& after) const;
   bool KeepsIndex(std::string const& index) const { return indexes_.contains(index); }
   // What could be kept, but is dropped and created as the document stands.
   std::vector<Doubt> const& doubts() const { return doubts_; }
@@ -44,7 +50,10 @@ class Matching {
   void DropUnlessBaseStays();
   bool BaseStays(TableDoc const& before, TableDoc const& after) const;
   void MatchColumns(TableDoc const& before, TableDoc const& after);
-  bool ShapeStays(ColumnDoc const& before, ColumnDoc const& after) const;
+  void MatchMoves();
+  void DoubtColumnsOf(TableDoc const& before, TableDoc const& after);
+  void Keep(ColumnDoc const& before, ColumnDoc const& after);
+  bool Converts(ColumnDoc const& before, ColumnDoc const& after) const;
   bool IndexStays(TableDoc const& table, IndexDoc const& before, IndexDoc const& after) const;
   std::string NewNameOfColumn(TableDoc const& table, std::string const& column) const;
   void MatchIndexes();
@@ -56,6 +65,9 @@ class Matching {
   std::map<std::string, TableDoc const*> old_tables_;  // by their name in `to`
   std::map<ColumnDoc const*, ColumnDoc const*> new_columns_;
   std::map<ColumnDoc const*, ColumnDoc const*> old_columns_;
+  std::map<TableDoc const*, Pairs<ColumnDoc>> paired_columns_;  // by the table in `to`
+  Moves moves_;
+  std::set<ColumnDoc const*> moved_;
   std::set<std::string> indexes_;
   std::vector<Doubt> doubts_;
 };

@@ -7,6 +7,12 @@
 namespace sagleme {
 namespace {
 
+// Whether there could be a value that the new definition does not hold.
+bool MayLose(change::ChangeColumn const& it) {
+  bool const all = ConversionOf(it.before.type, it.after.type) == Conversion::kAll;
+  return !all || (it.before.nullable && !it.after.nullable);
+}
+
 struct Labels {
   Label operator()(change::DropIndex const&) const { return Label::kInstant; }
   Label operator()(change::DropColumn const&) const { return Label::kDestructive; }
@@ -16,12 +22,35 @@ struct Labels {
   Label operator()(change::CreateTable const&) const { return Label::kInstant; }
   Label operator()(change::AddColumns const&) const { return Label::kBackground; }
   Label operator()(change::CreateIndex const&) const { return Label::kBackground; }
+  Label operator()(change::PullUpColumn const&) const { return Label::kBackground; }
+  Label operator()(change::PushDownColumn const& it) const {
+    return it.loss == Loss::kAllow ? Label::kDestructive : Label::kBackground;
+  }
+  Label operator()(change::ChangeColumn const& it) const {
+    if (it.loss == Loss::kAllow && MayLose(it)) return Label::kDestructive;
+    return it.before.type == it.after.type && it.before.nullable == it.after.nullable
+               ? Label::kInstant
+               : Label::kBackground;
+  }
 };
 
 std::string ColumnNames(std::vector<ColumnDoc> const& columns) {
   std::string names;
   for (ColumnDoc const& column : columns) names += (names.empty() ? "" : ", ") + column.name;
   return names;
+}
+
+std::string Listed(std::vector<std::string> const& names) {
+  std::string text;
+  for (std::size_t i = 0; i < names.size(); ++i) {
+    text += (i == 0 ? "" : i + 1 == names.size() ? " and " : ", ") + names[i];
+  }
+  return text;
+}
+
+std::string Described(ColumnDoc const& column) {
+  if (column.type == Type::kReference) return "reference to " + column.target;
+  return std::string(TypeName(column.type)) + (column.nullable ? "" : " without null");
 }
 
 struct Sentences {
@@ -48,10 +77,49 @@ struct Sentences {
   std::string operator()(change::AddColumns const& it) const {
     return fmt::format("add {} to {}", ColumnNames(it.columns), it.table);
   }
+  std::string operator()(change::PullUpColumn const& it) const {
+    return fmt::format("pull column {} of {} up to {}", it.column, Listed(it.tables), it.base);
+  }
+  std::string operator()(change::PushDownColumn const& it) const {
+    return fmt::format("push column {} of {} down to {}{}", it.column, it.table, Listed(it.tables),
+                       it.loss == Loss::kAllow ? ", losing the values of other objects" : "");
+  }
+  std::string operator()(change::ChangeColumn const& it) const {
+    bool const losing = it.loss == Loss::kAllow && MayLose(it);
+    return fmt::format("change column {} of {} from {} to {}{}", it.after.name, it.table,
+                       Described(it.before), Described(it.after),
+                       losing ? ", losing values that do not convert" : "");
+  }
   std::string operator()(change::CreateIndex const& it) const {
     return fmt::format("create {}index {} on {}", it.index.unique ? "unique " : "", it.index.name,
                        it.table);
   }
+};
+
+ColumnSpec SpecOf(ColumnDoc const& column) {
+  return {ToUtf16(column.name), column.type, column.nullable, ToUtf16(column.target)};
+}
+
+// The change as it would be made for real, in a transaction that only reads.
+struct Refusal {
+  Transaction& transaction;
+
+  void operator()(change::PushDownColumn const& it) const {
+    std::vector<Text> const tables(it.tables.begin(), it.tables.end());
+    if (it.loss == Loss::kRefuse) RequireNoneLost(transaction, it.table, it.column, tables);
+  }
+  void operator()(change::ChangeColumn const& it) const {
+    if (it.loss == Loss::kRefuse) RequireConvertible(transaction, it.table, SpecOf(it.after));
+  }
+  template <typename Other>
+  void operator()(Other const&) const {}
+};
+
+struct LossAllowed {
+  void operator()(change::PushDownColumn& it) const { it.loss = Loss::kAllow; }
+  void operator()(change::ChangeColumn& it) const { it.loss = Loss::kAllow; }
+  template <typename Other>
+  void operator()(Other&) const {}
 };
 
 class Applier {
@@ -80,6 +148,19 @@ class Applier {
   void operator()(change::AddColumns const& it) {
     FinishReferences();
     AddColumns(transaction_, ToUtf16(it.table), Specs(it.columns));
+  }
+  void operator()(change::PullUpColumn const& it) {
+    FinishReferences();
+    sagleme::PullUpColumn(transaction_, it.tables.at(0), it.column, it.base);
+  }
+  void operator()(change::PushDownColumn const& it) {
+    FinishReferences();
+    std::vector<Text> const tables(it.tables.begin(), it.tables.end());
+    sagleme::PushDownColumn(transaction_, it.table, it.column, tables, it.loss);
+  }
+  void operator()(change::ChangeColumn const& it) {
+    FinishReferences();
+    ChangeColumnType(transaction_, it.table, SpecOf(it.after), it.loss);
   }
   void operator()(change::CreateIndex const& it) {
     FinishReferences();
@@ -115,9 +196,7 @@ class Applier {
   }
   static std::vector<ColumnSpec> Specs(std::vector<ColumnDoc> const& columns) {
     std::vector<ColumnSpec> specs;
-    for (ColumnDoc const& column : columns) {
-      specs.push_back({ToUtf16(column.name), column.type, column.nullable, ToUtf16(column.target)});
-    }
+    for (ColumnDoc const& column : columns) specs.push_back(SpecOf(column));
     return specs;
   }
 
@@ -139,6 +218,19 @@ std::string_view LabelName(Label label) {
       break;
   }
   return "destructive";
+}
+
+void AllowLosses(Plan& plan) {
+  for (Change& change : plan) std::visit(LossAllowed{}, change);
+}
+
+std::string RefusalOf(Transaction& transaction, Change const& change) {
+  try {
+    std::visit(Refusal{transaction}, change);
+  } catch (Error const& error) {
+    if (error.status() == LSCOREDB_WRONG_TYPE) return error.what();
+  }
+  return "";
 }
 
 std::string DescribeChange(Change const& change) { return std::visit(Sentences{}, change); }

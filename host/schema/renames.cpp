@@ -86,6 +86,7 @@ void RenameColumns(SchemaDoc const& from, SchemaDoc const& to, Matching const& k
     if (after == nullptr) continue;
     for (ColumnDoc const& column : table.columns) {
       ColumnDoc const* const renamed = kept.NewColumn(column);
+      if (kept.IsMoved(column)) continue;
       if (renamed != nullptr) columns.push_back({column.name, renamed->name, after->name});
     }
   }

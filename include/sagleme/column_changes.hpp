@@ -117,6 +117,12 @@ SAGLEME_HOST_API LostValues FindLost(Transaction& transaction, Text const& table
 SAGLEME_HOST_API LostValues FindUnconvertible(Transaction& transaction, Text const& table,
                                               ColumnSpec const& column, std::size_t limit = 100);
 
+// Throw the LSCOREDB_WRONG_TYPE of those functions if they would lose a value.
+SAGLEME_HOST_API void RequireNoneLost(Transaction& transaction, Text const& table,
+                                      Text const& column, std::span<Text const> tables);
+SAGLEME_HOST_API void RequireConvertible(Transaction& transaction, Text const& table,
+                                         ColumnSpec const& column);
+
 }  // namespace sagleme
 
 #endif

@@ -18,9 +18,14 @@
 // and applying are visitors. What is lost by a change, and when its work is done, is its label:
 //
 //   instant      catalogue rows alone change
-//   background   objects are read at once, for an index, or moved later, by vacuum
+//   background   objects are read or written at once, for an index or a converted value, or moved
+//                later, by vacuum
 //   destructive  values or objects are lost
+//
+// A column that changes its table or its type keeps its values (<sagleme/column_changes.hpp>), and
+// is refused if one would be lost, unless AllowLosses permits it.
 
+#include <sagleme/column_changes.hpp>
 #include <sagleme/schema_document.hpp>
 #include <string>
 #include <string_view>
@@ -50,6 +55,23 @@ struct RenameColumn {
   std::string column;
   std::string new_name;
 };
+struct PullUpColumn {
+  std::string column;
+  std::vector<std::string> tables;  // that declare it; equal ones become one
+  std::string base;
+};
+struct PushDownColumn {
+  std::string table;
+  std::string column;
+  std::vector<std::string> tables;
+  Loss loss = Loss::kRefuse;
+};
+struct ChangeColumn {
+  std::string table;
+  ColumnDoc before;
+  ColumnDoc after;  // of the same name
+  Loss loss = Loss::kRefuse;
+};
 struct CreateTable {
   TableDoc table;
 };
@@ -64,9 +86,10 @@ struct CreateIndex {
 
 }  // namespace change
 
-using Change = std::variant<change::DropIndex, change::DropColumn, change::DropTable,
-                            change::RenameTable, change::RenameColumn, change::CreateTable,
-                            change::AddColumns, change::CreateIndex>;
+using Change =
+    std::variant<change::DropIndex, change::DropColumn, change::DropTable, change::RenameTable,
+                 change::RenameColumn, change::CreateTable, change::AddColumns, change::CreateIndex,
+                 change::PullUpColumn, change::PushDownColumn, change::ChangeColumn>;
 using Plan = std::vector<Change>;
 
 enum class Label { kInstant, kBackground, kDestructive };
@@ -75,6 +98,12 @@ SAGLEME_HOST_API Label LabelOf(Change const& change);
 SAGLEME_HOST_API std::string_view LabelName(Label label);
 // One sentence.
 SAGLEME_HOST_API std::string DescribeChange(Change const& change);
+
+// Lets the changes of the plan lose the values that they cannot keep.
+SAGLEME_HOST_API void AllowLosses(Plan& plan);
+// Why a change would be refused for the values that it would lose: the text of the Error that
+// ApplyPlan would throw. Empty if it would not, or if earlier changes of the plan decide that.
+SAGLEME_HOST_API std::string RefusalOf(Transaction& transaction, Change const& change);
 
 // A table or column that is gone and a new one that may be the same under a new name: nothing in
 // the document says which, and one of the two readings loses values.

@@ -59,10 +59,15 @@ class ApplySchema : public Command {
   bool stranger_ = false;  // the document was written by another database
 };
 
-void PrintPlan(sagleme::Plan const& plan, Output const& output) {
+// What a plan would lose refuses it when it is applied; with `refusals` it says so.
+void PrintPlan(sagleme::Transaction& transaction, sagleme::Plan const& plan, bool refusals,
+               Output const& output) {
   for (sagleme::Change const& change : plan) {
-    output.Print(fmt::format("{:<11}  {}\n", sagleme::LabelName(sagleme::LabelOf(change)),
-                             sagleme::DescribeChange(change)));
+    std::string const refusal = refusals ? sagleme::RefusalOf(transaction, change) : "";
+    std::string_view const label =
+        refusal.empty() ? sagleme::LabelName(sagleme::LabelOf(change)) : "refused";
+    output.Print(fmt::format("{:<11}  {}{}{}\n", label, sagleme::DescribeChange(change),
+                             refusal.empty() ? "" : ": ", refusal));
   }
   if (plan.empty()) output.Print("nothing to do\n");
 }
@@ -90,7 +95,13 @@ void ApplyWithProgress(sagleme::Transaction& transaction, sagleme::Plan const& p
     last = done;
     progress.Update(before + done, before + done);
   });
-  sagleme::ApplyPlan(transaction, plan);
+  try {
+    sagleme::ApplyPlan(transaction, plan);
+  } catch (sagleme::Error const& error) {
+    if (error.status() != LSCOREDB_WRONG_TYPE) throw;
+    throw Failure(Exit::kRefused, std::string(error.what()) + " Nothing was changed.",
+                  "Use --allow-destructive to lose these values.");
+  }
 }
 
 // Nothing if the user does not choose.
@@ -124,7 +135,9 @@ sagleme::Plan ApplySchema::MakePlan(sagleme::Transaction& transaction,
   sagleme::SchemaDoc whole = sagleme::CompletedSchema(wanted, present);
   sagleme::ValidateSchema(whole, file_);
   SettleDoubts(present, whole, output);
-  return sagleme::CompareSchemas(present, whole);
+  sagleme::Plan plan = sagleme::CompareSchemas(present, whole);
+  if (destructive_) sagleme::AllowLosses(plan);
+  return plan;
 }
 
 // The ids of another database's document mean nothing here, and every difference looks like
@@ -158,7 +171,7 @@ Exit ApplySchema::Run(Session& session, Output& output) {
     session.Read([&](sagleme::Transaction& transaction) {
       NoteStranger(transaction, wanted, output);
       sagleme::Plan const plan = MakePlan(transaction, wanted, output);
-      PrintPlan(plan, output);
+      PrintPlan(transaction, plan, true, output);
       anything = !plan.empty();
     });
     return anything ? Exit::kSomethingToDo : Exit::kDone;
@@ -166,7 +179,7 @@ Exit ApplySchema::Run(Session& session, Output& output) {
   session.Write([&](sagleme::Transaction& transaction) {
     NoteStranger(transaction, wanted, output);
     sagleme::Plan const plan = MakePlan(transaction, wanted, output);
-    PrintPlan(plan, output);
+    PrintPlan(transaction, plan, false, output);
     RefuseDestructive(plan);
     output.Flush();  // nobody's changes are made behind a plan that could not be shown
     if (!plan.empty()) ApplyWithProgress(transaction, plan, output);
