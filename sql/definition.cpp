@@ -37,6 +37,25 @@ ColumnSpec SpecOf(Transaction& transaction, ColumnDefinition const& column) {
   return spec;
 }
 
+// The definition that the column shall have. One of another type keeps whether it takes null, where
+// the type lets it.
+ColumnSpec AlteredSpec(Transaction& transaction, AlterColumnStatement const& it) {
+  Column const& present = RequireTable(transaction, it.table)->GetColumn(ToUtf16(it.column.name));
+  if (!it.retypes) return {present.name, present.type, it.column.nullable, present.target};
+  ColumnSpec spec = SpecOf(transaction, it.column);
+  spec.nullable = present.nullable || MustBeNullable(spec.type);
+  return spec;
+}
+
+ColumnDoc DocOf(Column const& column) {
+  ColumnDoc doc;
+  doc.name = ToUtf8(column.name);
+  doc.type = column.type;
+  doc.nullable = column.nullable;
+  doc.target = ToUtf8(column.target);
+  return doc;
+}
+
 std::vector<TablePtr> Subtree(Transaction& transaction, TablePtr const& top) {
   std::vector<TablePtr> tables{top};
   for (TablePtr const& child : transaction.Children(*top)) {
@@ -84,6 +103,10 @@ class Applier {
   void operator()(RenameColumnStatement const& it) const {
     RenameColumn(transaction_, FullName(transaction_, it.table), ToUtf16(it.column),
                  ToUtf16(it.new_name));
+  }
+  void operator()(AlterColumnStatement const& it) const {
+    if (it.retypes) RequireTarget(it.column);
+    ChangeColumnType(transaction_, FullName(transaction_, it.table), AlteredSpec(transaction_, it));
   }
   void operator()(RenameTableStatement const& it) const {
     RenameTable(transaction_, FullName(transaction_, it.table), ToUtf16(it.new_name));
@@ -137,6 +160,20 @@ class Planner {
   }
   Plan operator()(RenameColumnStatement const& it) const {
     return {change::RenameColumn{Full(it.table), it.column, it.new_name}};
+  }
+  Plan operator()(AlterColumnStatement const& it) const {
+    TablePtr const table = RequireTable(transaction_, it.table);
+    if (it.retypes && it.column.type == Type::kReference) {
+      RequireTable(transaction_, it.column.target);
+    }
+    ColumnSpec const spec = AlteredSpec(transaction_, it);
+    ColumnDoc const before = DocOf(table->GetColumn(spec.name));
+    ColumnDoc after = before;
+    after.type = spec.type;
+    after.nullable = spec.nullable;
+    after.target = ToUtf8(spec.target);
+    if (after.SameShape(before)) return {};
+    return {change::ChangeColumn{ToUtf8(table->name), before, after}};
   }
   Plan operator()(RenameTableStatement const& it) const {
     return {change::RenameTable{Full(it.table), it.new_name}};
@@ -228,9 +265,12 @@ std::string IndexText(Index const& index) {
 std::vector<std::string> PlanOf(Transaction& transaction, DefinitionStatement const& statement) {
   std::vector<std::string> lines;
   for (Change const& change : std::visit(Planner(transaction), statement)) {
-    std::string label(LabelName(LabelOf(change)));
-    label.resize(13, ' ');
-    lines.push_back(label + DescribeChange(change));
+    std::string const refusal = RefusalOf(transaction, change);
+    std::string line(refusal.empty() ? LabelName(LabelOf(change)) : "refused");
+    line.resize(13, ' ');
+    line += DescribeChange(change);
+    if (!refusal.empty()) line.append(": ").append(refusal);
+    lines.push_back(std::move(line));
   }
   return lines;
 }

@@ -6,6 +6,8 @@
 //   CREATE TABLE [IF NOT EXISTS] name ( column [, ...] ) [UNDER base | INHERITS ( base )]
 //   ALTER TABLE name ADD [COLUMN] column | DROP [COLUMN] name | RENAME TO name
 //                  | RENAME [COLUMN] name TO name
+//                  | ALTER [COLUMN] name [SET [DATA]] TYPE type
+//                  | ALTER [COLUMN] name SET | DROP NOT NULL
 //   DROP TABLE [IF EXISTS] name [CASCADE]
 //   CREATE [UNIQUE] INDEX [IF NOT EXISTS] name ON table ( column [ASC | DESC] [, ...] )
 //   DROP INDEX [IF EXISTS] name
@@ -49,6 +51,11 @@ struct RenameColumnStatement {
   std::string column;
   std::string new_name;
 };
+struct AlterColumnStatement {
+  std::string table;
+  ColumnDefinition column;
+  bool retypes = false;  // otherwise it takes or refuses null, and its type stays
+};
 struct RenameTableStatement {
   std::string table;
   std::string new_name;
@@ -76,8 +83,8 @@ struct DropIndexStatement {
 
 using DefinitionStatement =
     std::variant<CreateTableStatement, AddColumnStatement, DropColumnStatement,
-                 RenameColumnStatement, RenameTableStatement, DropTableStatement,
-                 CreateIndexStatement, DropIndexStatement>;
+                 RenameColumnStatement, AlterColumnStatement, RenameTableStatement,
+                 DropTableStatement, CreateIndexStatement, DropIndexStatement>;
 
 struct Definition {
   bool explain = false;
@@ -90,7 +97,8 @@ bool BeginsDefinition(std::string_view text);
 // Failure with line, column and what was expected there.
 Definition ParseDefinition(std::string_view text, std::string_view* rest);
 
-// One sentence with what it costs: "instant", "background" or "destructive", and what is done.
+// One sentence with what it costs, "instant", "background" or "destructive", and what is done; or
+// "refused", and why.
 // Resolves names; throws Error or Failure if it cannot.
 std::vector<std::string> PlanOf(Transaction& transaction, DefinitionStatement const& statement);
 // Makes the change. The part done by a failed change is undone with the transaction or savepoint.

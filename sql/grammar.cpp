@@ -28,6 +28,7 @@ SAGLEME_KEYWORD(kw_asc, "asc");
 SAGLEME_KEYWORD(kw_cascade, "cascade");
 SAGLEME_KEYWORD(kw_column, "column");
 SAGLEME_KEYWORD(kw_create, "create");
+SAGLEME_KEYWORD(kw_data, "data");
 SAGLEME_KEYWORD(kw_desc, "desc");
 SAGLEME_KEYWORD(kw_drop, "drop");
 SAGLEME_KEYWORD(kw_exists, "exists");
@@ -115,9 +116,14 @@ struct rename_column
     : peg::seq<peg::opt<kw_column>, column_name, peg::must<kw_to>, peg::must<new_column_name>> {};
 struct renamed : peg::if_must<kw_rename, peg::sor<rename_table, rename_column>> {};
 struct set_parent : peg::if_must<kw_set, kw_parent, dotted> {};
-struct retype : peg::if_must<kw_alter, peg::opt<kw_column>, column_name, peg::opt<kw_set>, kw_type,
-                             column_type> {};
-struct alteration : peg::sor<add_column, drop_column, renamed, set_parent, retype> {};
+struct new_type : peg::if_must<kw_type, column_type> {};
+struct takes_null : peg::if_must<kw_drop, kw_not, kw_null> {};
+struct new_nullness_or_type : peg::sor<not_null, new_type, peg::if_must<kw_data, new_type>> {};
+struct set_in_column : peg::if_must<kw_set, new_nullness_or_type> {};
+struct column_alteration : peg::sor<new_type, set_in_column, takes_null> {};
+struct alter_column : peg::if_must<kw_alter, peg::opt<kw_column>, column_name, column_alteration> {
+};
+struct alteration : peg::sor<add_column, drop_column, renamed, set_parent, alter_column> {};
 struct alter_table : peg::if_must<kw_alter, kw_table, table_name, alteration> {};
 
 struct drop_table : peg::if_must<kw_table, peg::opt<said_if>, table_name, peg::opt<said_cascade>> {
@@ -151,6 +157,9 @@ SAGLEME_EXPECTED(created, "TABLE, INDEX or UNIQUE INDEX");
 SAGLEME_EXPECTED(create_index, "INDEX");
 SAGLEME_EXPECTED(dropped, "TABLE or INDEX");
 SAGLEME_EXPECTED(alteration, "ADD, DROP, RENAME, SET PARENT or ALTER COLUMN");
+SAGLEME_EXPECTED(column_alteration, "TYPE, SET or DROP NOT NULL");
+SAGLEME_EXPECTED(new_nullness_or_type, "NOT NULL, DATA TYPE or TYPE");
+SAGLEME_EXPECTED(new_type, "TYPE");
 SAGLEME_EXPECTED(statement_end, "the end of the statement");
 SAGLEME_EXPECTED(column_list, "( and the columns");
 SAGLEME_EXPECTED(column_end, "NOT NULL, a comma or )");
@@ -231,6 +240,7 @@ struct Builder {
   bool conditional = false;
   bool unique = false;
   bool cascade = false;
+  bool retypes = false;
   Definition made;
 
   std::string TakeName() {
@@ -314,10 +324,9 @@ SAGLEME_ACTION(set_parent, {
   auto const at = in.position();
   Refuse(at.line, at.column, "a table keeps its base: make a new table and copy the objects");
 });
-SAGLEME_ACTION(retype, {
-  auto const at = in.position();
-  Refuse(at.line, at.column, "a column keeps its type: add a new column and copy the values");
-});
+SAGLEME_ACTION(new_type, to.retypes = true);
+SAGLEME_ACTION(alter_column,
+               (to.made.statement = AlterColumnStatement{to.table, to.columns.back(), to.retypes}));
 SAGLEME_ACTION(create_index, {
   CreateIndexStatement made{to.index, to.table, {}, to.unique, to.conditional};
   for (std::size_t i = 0; i < to.columns.size(); ++i) {

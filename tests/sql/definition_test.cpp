@@ -50,6 +50,38 @@ TEST_F(DefineTest, TablesAndIndexes_ComeAndGo) {
   EXPECT_EQ(sql_("SELECT * FROM Movie"), "error: no such table: Movie");
 }
 
+TEST_F(DefineTest, AlterColumn_ConvertsValuesOrRefuses) {
+  EXPECT_EQ((*this)("ALTER TABLE Item ALTER COLUMN Year DROP NOT NULL"),
+            "background   change column Year of Library.Item from long without null to long");
+  sql_("INSERT INTO Item(Title, Year) VALUES('1', 1931), ('x', NULL)");
+  EXPECT_EQ((*this)("ALTER TABLE Item ALTER COLUMN Year TYPE text"),
+            "background   change column Year of Library.Item from long to string");
+  EXPECT_EQ(sql_("SELECT Year || typeof(Year) FROM Item WHERE Title = '1'"), "1931text");
+  EXPECT_EQ((*this)("ALTER TABLE Item ALTER Year SET DATA TYPE bigint"),
+            "background   change column Year of Library.Item from string to long");
+  EXPECT_EQ(sql_("SELECT Year + 1 FROM Item WHERE Year = 1931"), "1932");
+  EXPECT_EQ((*this)("ALTER TABLE Item ALTER Year TYPE bigint"), "");
+  EXPECT_TRUE((*this)("ALTER TABLE Item ALTER Year SET NOT NULL").starts_with("error: 1 value"));
+  sql_("UPDATE Item SET Year = 7 WHERE Year IS NULL");
+  EXPECT_EQ((*this)("ALTER TABLE Item ALTER COLUMN Year SET NOT NULL"),
+            "background   change column Year of Library.Item from long to long without null");
+  EXPECT_EQ((*this)("ALTER TABLE Book ALTER Year TYPE text"),
+            "error: Column Year of Library.Book is inherited. Change it in the table that declares "
+            "it.");
+}
+
+TEST_F(DefineTest, AlterColumn_OverValuesThatDoNotConvert_NamesThem) {
+  sql_("INSERT INTO Item(Title, Year) VALUES('1', 1), ('x', 2)");
+  std::string const plan = (*this)("EXPLAIN ALTER TABLE Item ALTER Title TYPE bigint");
+  EXPECT_TRUE(
+      plan.starts_with("refused      change column Title of Library.Item from string to "
+                       "long: 1 value of column Title of Library.Item does not convert to "
+                       "long: \"x\" (object "))
+      << plan;
+  EXPECT_TRUE((*this)("ALTER TABLE Item ALTER Title TYPE bigint").starts_with("error: 1 value"));
+  EXPECT_EQ(sql_("SELECT Title FROM Item WHERE Year = 2"), "x");
+}
+
 // They stay until vacuum takes them away.
 TEST_F(DefineTest, ObjectsOfADroppedTable_AreInNoTableAboveIt) {
   (*this)("CREATE TABLE Library.Film () INHERITS (Library.Item)");
@@ -118,6 +150,10 @@ TEST_F(DefineTest, Error_SaysWhereAndWhatWasExpected) {
   EXPECT_EQ((*this)("ALTER TABLE Item SET PARENT Person"),
             "error: line 1, column 18: a table keeps its base: make a new table and copy the "
             "objects");
+  EXPECT_EQ((*this)("ALTER TABLE Item ALTER Year USING text"),
+            "error: line 1, column 29: expected TYPE, SET or DROP NOT NULL, found USING");
+  EXPECT_EQ((*this)("ALTER TABLE Item ALTER Year SET DEFAULT 1"),
+            "error: line 1, column 33: expected NOT NULL, DATA TYPE or TYPE, found DEFAULT");
   EXPECT_EQ((*this)("TRUNCATE Item"),
             "error: line 1, column 1: expected CREATE TABLE, CREATE INDEX, ALTER TABLE, DROP "
             "TABLE or DROP INDEX, found TRUNCATE");
