@@ -7,6 +7,7 @@
 //   databases, transactions, objects, ranges    <sagleme/host.hpp>, which has the rules
 //   structs mapped to tables                    <sagleme/host/mapping.hpp> and those after it
 //   checks, counts, vacuum                      <sagleme/check.hpp>, counts.hpp, vacuum.hpp
+//   indexes built beside writers                <sagleme/index_build.hpp>
 //   schema documents, plans, diagrams           <sagleme/schema_document.hpp> and those after it
 //   objects and tables that change their place  <sagleme/hierarchy.hpp>
 //
@@ -24,6 +25,7 @@
 #include <sagleme/host/define_tables.hpp>
 #include <sagleme/host/mapping.hpp>
 #include <sagleme/host/table_of.hpp>
+#include <sagleme/index_build.hpp>
 #include <sagleme/schema_document.hpp>
 #include <sagleme/schema_plan.hpp>
 #include <sagleme/vacuum.hpp>

@@ -10,6 +10,7 @@
 #include <sagleme/check.hpp>
 #include <sagleme/host.hpp>
 #include <sagleme/host/dump.hpp>
+#include <sagleme/index_build.hpp>
 #include <sstream>
 #include <vector>
 
@@ -80,6 +81,23 @@ TEST_F(InterruptTest, Apply_LeavesTheSchemaAsItWas) {
   ExpectInterrupted(session, {"apply", file});
   EXPECT_EQ(before, On("schema").out);
   On("apply", {file});
+  EXPECT_NE(std::string::npos, On("schema").out.find("ByHeight"));
+}
+
+TEST_F(InterruptTest, IndexBuild_IsKept) {
+  tool::Session session(database());
+  sagleme::IndexSpec const index{"ByHeight", "App.Person", {{"Height"}}, sagleme::Uniqueness::kAny};
+  sagleme::IndexBuildOptions options;
+  options.report = [](sagleme::IndexBuildProgress const&) { return false; };
+  {
+    tool::Session first(database());
+    EXPECT_FALSE(BuildIndex(first.context(), index, options));
+  }
+  ExpectInterrupted(session, {"jobs", "resume"});
+  std::string const jobs = On("jobs").out;
+  EXPECT_NE(std::string::npos, jobs.find(",index,ByHeight,App.Person,Height,building,")) << jobs;
+  EXPECT_EQ(std::string::npos, On("schema").out.find("ByHeight"));
+  On("jobs", {"resume"});
   EXPECT_NE(std::string::npos, On("schema").out.find("ByHeight"));
 }
 

@@ -9,6 +9,7 @@
 #include "cli/question.h"
 #include "commands/commands.h"
 #include "commands/files.h"
+#include "commands/index_jobs.h"
 #include "output/progress.h"
 
 namespace tool {
@@ -24,12 +25,17 @@ class ApplySchema : public Command {
     return "A table or column that is gone, where a similar one is new in its place without "
            "an id, may have been renamed. On a terminal apply asks; elsewhere it refuses until "
            "the document says so: \"was\": \"OLD NAME\" for a rename, \"was\": null for what is "
-           "new.";
+           "new.\n"
+           "Indexes on tables with many objects are built before the other changes, beside writers "
+           "and in small transactions, unless the plan renames, drops or moves something. Ctrl-C "
+           "keeps what was built; the same apply, or \"sagleme jobs\", goes on with it.";
   }
   std::vector<Example> examples() const override {
     return {{"apply shop shop.json --plan",
              "shows what would be changed; ends with status 5 if anything would"},
-            {"apply shop shop.json", "makes the changes in one transaction"},
+            {"apply shop shop.json", "makes the changes"},
+            {"apply shop shop.json --atomic",
+             "makes them in one transaction, indexes included, which conflicts with writers"},
             {"apply shop shop.json --allow-destructive",
              "also makes changes that lose values or objects"}};
   }
@@ -41,6 +47,8 @@ class ApplySchema : public Command {
                  "Show the plan and change nothing. The status is 5 if there is something to do");
     app.add_flag("--allow-destructive", destructive_,
                  "Also make changes that lose values or objects");
+    app.add_flag("--atomic", atomic_,
+                 "Build indexes inside the one transaction of all changes, not beside writers");
   }
   Exit Run(Session& session, Output& output) override;
 
@@ -51,25 +59,33 @@ class ApplySchema : public Command {
                     Output const& output) const;
   void NoteStranger(sagleme::Transaction& transaction, sagleme::SchemaDoc const& wanted,
                     Output const& output);
+  void Show(std::string const& plan, Output const& output);
   void RefuseDestructive(sagleme::Plan const& plan) const;
+  std::vector<sagleme::IndexSpec> FindIndexesToPrepare(Session& session,
+                                                       sagleme::SchemaDoc const& wanted,
+                                                       Output const& output);
+  void PrepareIndexes(Session& session, sagleme::SchemaDoc const& wanted, Output const& output);
 
   std::string file_;
   bool plan_only_ = false;
   bool destructive_ = false;
+  bool atomic_ = false;
+  bool stranger_noted_ = false;
   bool stranger_ = false;  // the document was written by another database
+  std::string shown_;      // the plan
 };
 
-// What a plan would lose refuses it when it is applied; with `refusals` it says so.
-void PrintPlan(sagleme::Transaction& transaction, sagleme::Plan const& plan, bool refusals,
-               Output const& output) {
+// What a plan would lose refuses it when it is applied; with `refusals` the text says so.
+std::string TextOf(sagleme::Transaction& transaction, sagleme::Plan const& plan, bool refusals) {
+  std::string text;
   for (sagleme::Change const& change : plan) {
     std::string const refusal = refusals ? sagleme::RefusalOf(transaction, change) : "";
     std::string_view const label =
         refusal.empty() ? sagleme::LabelName(sagleme::LabelOf(change)) : "refused";
-    output.Print(fmt::format("{:<11}  {}{}{}\n", label, sagleme::DescribeChange(change),
-                             refusal.empty() ? "" : ": ", refusal));
+    text += fmt::format("{:<11}  {}{}{}\n", label, sagleme::DescribeChange(change),
+                        refusal.empty() ? "" : ": ", refusal);
   }
-  if (plan.empty()) output.Print("nothing to do\n");
+  return plan.empty() ? "nothing to do\n" : text;
 }
 
 // The number of objects that the indexes of a plan read, for tables that exist under their names.
@@ -101,6 +117,14 @@ void ApplyWithProgress(sagleme::Transaction& transaction, sagleme::Plan const& p
     if (error.status() != LSCOREDB_WRONG_TYPE) throw;
     throw Failure(Exit::kRefused, std::string(error.what()) + " Nothing was changed.",
                   "Use --allow-destructive to lose these values.");
+  }
+}
+
+void Abandon(Session& session, sagleme::IndexSpec const& index) {
+  for (sagleme::IndexBuild const& build : sagleme::IndexBuilds(session.context())) {
+    if (build.index.name == index.name && build.index.table == index.table) {
+      sagleme::AbandonIndexBuild(session.context(), build.id);
+    }
   }
 }
 
@@ -146,7 +170,8 @@ void ApplySchema::NoteStranger(sagleme::Transaction& transaction, sagleme::Schem
                                Output const& output) {
   std::int64_t const own = sagleme::DatabaseIdentity(transaction);
   stranger_ = wanted.database != 0 && wanted.database != own;
-  if (!stranger_) return;
+  if (!stranger_ || stranger_noted_) return;
+  stranger_noted_ = true;
   output.Note(
       fmt::format("{} was written by another database; tables and columns are matched by "
                   "their names\n",
@@ -164,6 +189,48 @@ void ApplySchema::RefuseDestructive(sagleme::Plan const& plan) const {
                 "Use --allow-destructive if you mean it.");
 }
 
+// Once, unless it has changed since.
+void ApplySchema::Show(std::string const& plan, Output const& output) {
+  if (plan == shown_) return;
+  output.Print(plan);
+  output.Flush();  // nobody's changes are made behind a plan that could not be shown
+  shown_ = plan;
+}
+
+// A plan with doubts renames or drops something.
+std::vector<sagleme::IndexSpec> ApplySchema::FindIndexesToPrepare(Session& session,
+                                                                  sagleme::SchemaDoc const& wanted,
+                                                                  Output const& output) {
+  std::vector<sagleme::IndexSpec> indexes;
+  session.Read([&](sagleme::Transaction& transaction) {
+    NoteStranger(transaction, wanted, output);
+    sagleme::SchemaDoc const present = sagleme::ReadSchema(transaction, true);
+    sagleme::SchemaDoc const whole = sagleme::CompletedSchema(wanted, present);
+    sagleme::ValidateSchema(whole, file_);
+    if (!sagleme::FindDoubts(present, whole).empty()) return;
+    sagleme::Plan const plan = sagleme::CompareSchemas(present, whole);
+    indexes = sagleme::IndexesToPrepare(transaction, plan);
+    if (!indexes.empty()) Show(TextOf(transaction, plan, false), output);
+  });
+  return indexes;
+}
+
+// A unique index that cannot be made leaves nothing behind, like any other change.
+void ApplySchema::PrepareIndexes(Session& session, sagleme::SchemaDoc const& wanted,
+                                 Output const& output) {
+  for (sagleme::IndexSpec const& index : FindIndexesToPrepare(session, wanted, output)) {
+    try {
+      WatchBuild(output, sagleme::ToUtf8(index.name), {},
+                 [&](sagleme::IndexBuildOptions const& options) {
+                   return sagleme::PrepareIndex(session.context(), index, options);
+                 });
+    } catch (sagleme::Error const& error) {
+      if (error.status() == LSCOREDB_DUPLICATE_KEY) Abandon(session, index);
+      throw;
+    }
+  }
+}
+
 Exit ApplySchema::Run(Session& session, Output& output) {
   sagleme::SchemaDoc const wanted = sagleme::ParseSchema(ReadFile(file_), file_);
   if (plan_only_) {
@@ -171,17 +238,17 @@ Exit ApplySchema::Run(Session& session, Output& output) {
     session.Read([&](sagleme::Transaction& transaction) {
       NoteStranger(transaction, wanted, output);
       sagleme::Plan const plan = MakePlan(transaction, wanted, output);
-      PrintPlan(transaction, plan, true, output);
+      output.Print(TextOf(transaction, plan, true));
       anything = !plan.empty();
     });
     return anything ? Exit::kSomethingToDo : Exit::kDone;
   }
+  if (!atomic_ && !session.in_transaction()) PrepareIndexes(session, wanted, output);
   session.Write([&](sagleme::Transaction& transaction) {
     NoteStranger(transaction, wanted, output);
     sagleme::Plan const plan = MakePlan(transaction, wanted, output);
-    PrintPlan(transaction, plan, false, output);
+    Show(TextOf(transaction, plan, false), output);
     RefuseDestructive(plan);
-    output.Flush();  // nobody's changes are made behind a plan that could not be shown
     if (!plan.empty()) ApplyWithProgress(transaction, plan, output);
   });
   return Exit::kDone;

@@ -28,6 +28,7 @@ std::unique_ptr<Command> MakeSet();
 std::unique_ptr<Command> MakeDelete();
 std::unique_ptr<Command> MakeCheck();
 std::unique_ptr<Command> MakeVacuum();
+std::unique_ptr<Command> MakeJobs();
 std::unique_ptr<Command> MakeCopy();
 std::unique_ptr<Command> MakeDiagram();
 std::unique_ptr<Command> MakeStubs();

@@ -73,6 +73,7 @@ std::vector<std::unique_ptr<Command>> MakeCommands() {
   commands.push_back(MakeDelete());
   commands.push_back(MakeCheck());
   commands.push_back(MakeVacuum());
+  commands.push_back(MakeJobs());
   commands.push_back(MakeCopy());
   commands.push_back(MakeDiagram());
   commands.push_back(MakeStubs());

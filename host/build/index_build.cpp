@@ -1,0 +1,342 @@
+#include <fmt/format.h>
+#include <lscoredb/index_build.h>
+
+#include <algorithm>
+#include <sagleme/counts.hpp>
+#include <sagleme/index_build.hpp>
+#include <thread>
+
+#include "text/key_values.h"
+
+namespace sagleme {
+namespace {
+
+constexpr std::size_t kMostColumns = 15;  // of an index in the catalogue
+
+LORVI_COLUMN_INFO InfoOf(Transaction& transaction, Table const& table, std::uint16_t ordinal) {
+  LORVI_COLUMN_INFO info{};
+  detail::CheckKernel(
+      lorvi_context_get_column_info(transaction.context(), table.layout, ordinal, &info));
+  return info;
+}
+
+// An index as the kernel is asked for it, which must be what the layer asks for later.
+struct KernelIndex {
+  std::u16string setspec;
+  std::vector<LORVI_COLUMN_DEFINITION> columns;
+  std::uint16_t sort_mask = 0;
+  std::uint32_t flags = 0;
+};
+
+KernelIndex KernelIndexOf(Transaction& transaction, IndexSpec const& spec) {
+  TablePtr const table = transaction.table(spec.table);
+  KernelIndex index;
+  index.setspec = table->setspec;
+  index.flags = spec.uniqueness == Uniqueness::kUnique ? LORV_INDEX_UNIQUE : 0;
+  for (std::size_t i = 0; i < spec.columns.size(); ++i) {
+    Column const& column = table->GetColumn(spec.columns[i].name);
+    LORVI_COLUMN_INFO const info = InfoOf(transaction, *table, column.ordinal);
+    LORVI_COLUMN_DEFINITION definition{};
+    definition.type = info.type;
+    definition.is_nullable = column.nullable ? 1 : 0;
+    definition.token = info.token;
+    index.columns.push_back(definition);
+    if (!spec.columns[i].ascending) index.sort_mask |= static_cast<std::uint16_t>(1u << i);
+  }
+  index.columns.push_back({});
+  return index;
+}
+
+// Whether there is nothing to build: the index exists, or its creation will refuse it anyway.
+bool IsNothingToBuild(Transaction& transaction, IndexSpec const& spec) {
+  if (spec.columns.empty() || spec.columns.size() > kMostColumns) return true;
+  std::optional<Index> const existing = transaction.FindIndex(spec.name);
+  if (!existing) return false;
+  if (detail::IsDefinedSo(*existing, spec.table, spec.columns, spec.uniqueness)) return true;
+  throw Error(SAGLEME_INDEX_EXISTS, fmt::format("Index {} already exists.", ToUtf8(spec.name)));
+}
+
+IndexBuildProgress ProgressOf(lscoredb_index_build const& build) {
+  return {IndexBuildState{build.state}, build.done, build.total, 0};
+}
+
+// ---- the list ----------------------------------------------------------------------------------
+
+// The table and the columns of a build, by what they are called now.
+void NameParts(Transaction& transaction, KernelIndex const& index, IndexSpec& spec) {
+  TablePtr const table = transaction.BySetspec(index.setspec);
+  if (table == nullptr) return;
+  for (std::size_t i = 0; i + 1 < index.columns.size(); ++i) {
+    bool const ascending = ((index.sort_mask >> i) & 1) == 0;
+    auto const column =
+        std::find_if(table->columns.begin(), table->columns.end(), [&](Column const& each) {
+          return InfoOf(transaction, *table, each.ordinal).token == index.columns[i].token;
+        });
+    if (column == table->columns.end()) {
+      spec.columns.clear();
+      return;
+    }
+    spec.columns.push_back({column->name, ascending});
+  }
+  spec.table = table->name;
+}
+
+KernelIndex CopyOf(lscoredb_index_build const& build) {
+  return {build.setspec,
+          {build.columns, build.columns + build.column_count + 1},
+          build.sort_mask,
+          build.flags};
+}
+
+std::vector<lscoredb_index_build> ListKernelBuilds(Context const& context) {
+  std::vector<lscoredb_index_build> builds;
+  std::uint32_t count = 0;
+  do {
+    lscoredb_index_build sized{};
+    sized.size = sizeof sized;
+    builds.assign(count, sized);
+    detail::CheckKernel(
+        lscoredb_index_builds(context.id(), &count, builds.empty() ? nullptr : builds.data()));
+  } while (count > builds.size());
+  builds.resize(count);
+  return builds;
+}
+
+[[noreturn]] void ThrowNoBuild(std::uint64_t id) {
+  throw Error(LORV_STATUS_NO_INDEX, fmt::format("There is no index build {}.", id));
+}
+
+IndexBuild FindBuild(Context const& context, std::uint64_t id) {
+  for (IndexBuild& build : IndexBuilds(context)) {
+    if (build.id == id) return std::move(build);
+  }
+  ThrowNoBuild(id);
+}
+
+// ---- plans -------------------------------------------------------------------------------------
+
+// Whether what the index needs is there already, and its name is free.
+bool StandsNow(Transaction& transaction, change::CreateIndex const& it) {
+  TablePtr const table = transaction.Find(it.table);
+  if (table == nullptr || transaction.FindIndex(it.index.name)) return false;
+  return std::all_of(
+      it.index.columns.begin(), it.index.columns.end(),
+      [&](IndexColumnDoc const& column) { return table->FindColumn(column.name) != nullptr; });
+}
+
+IndexSpec SpecOf(change::CreateIndex const& it) {
+  IndexSpec spec{it.index.name, it.table, {}, Uniqueness::kAny};
+  if (it.index.unique) spec.uniqueness = Uniqueness::kUnique;
+  for (IndexColumnDoc const& column : it.index.columns) {
+    spec.columns.push_back({ToUtf16(column.name), !column.descending});
+  }
+  return spec;
+}
+
+// ---- the work ----------------------------------------------------------------------------------
+
+class Builder {
+ public:
+  Builder(Context const& context, IndexBuildOptions const& options)
+      : context_(context), options_(options) {}
+
+  std::uint64_t Prepare(IndexSpec const& spec, KernelIndex const& index) {
+    std::uint64_t id = 0;
+    detail::CheckKernel(Attempt([&] {
+      return lscoredb_prepare_index(context_.id(), spec.name.c_str(), index.setspec.c_str(),
+                                    index.columns.data(), index.sort_mask, index.flags, &id);
+    }));
+    return id;
+  }
+
+  // False if the host ends the build.
+  bool Run(std::uint64_t id, IndexSpec const& spec) {
+    for (;;) {
+      lscoredb_index_build build{};
+      build.size = sizeof build;
+      std::uint32_t const status = Attempt([&] {
+        return lscoredb_build_index(context_.id(), id, std::max(options_.batch, 1u), &build);
+      });
+      if (status == LSCOREDB_DUPLICATE_KEY) ThrowDuplicate(id, spec);
+      if (status == LORV_STATUS_NO_INDEX) ThrowNoBuild(id);
+      detail::CheckKernel(status);
+      IndexBuildProgress progress = ProgressOf(build);
+      progress.conflicts = conflicts_;
+      if (options_.report && !options_.report(progress)) return false;
+      if (progress.state == IndexBuildState::kReady) return true;
+      std::this_thread::sleep_for(options_.pause);
+    }
+  }
+
+  // Nobody's objects are in its way, but other changes of the schema are.
+  void Create(IndexSpec const& spec) {
+    for (std::uint32_t attempt = 1;; ++attempt) {
+      try {
+        Transaction transaction(context_);
+        CreateIndex(transaction, spec.name, spec.table, spec.columns, spec.uniqueness);
+        transaction.Commit();
+        return;
+      } catch (Error const& error) {
+        if (error.status() != LSCOREDB_CONFLICT || attempt >= options_.attempts) throw;
+        std::this_thread::yield();
+      }
+    }
+  }
+
+ private:
+  template <typename Call>
+  std::uint32_t Attempt(Call&& call) {
+    std::uint32_t status = call();
+    for (std::uint32_t attempt = 1; status == LSCOREDB_CONFLICT && attempt < options_.attempts;
+         ++attempt) {
+      ++conflicts_;
+      std::this_thread::yield();
+      status = call();
+    }
+    return status;
+  }
+
+  [[noreturn]] void ThrowDuplicate(std::uint64_t id, IndexSpec const& spec) const {
+    std::string const index = ToUtf8(spec.name);
+    auto const found = IndexBuildDuplicates(context_, id, 1);
+    if (found.empty()) {
+      throw Error(LSCOREDB_DUPLICATE_KEY, fmt::format("duplicate key in unique index {}", index));
+    }
+    auto const [first, second] = std::minmax(found[0].object.value, found[0].holder.value);
+    throw Error(LSCOREDB_DUPLICATE_KEY,
+                fmt::format("duplicate key {}in unique index {} (objects {} and {})",
+                            DescribeKey(spec, found[0].holder), index, first, second));
+  }
+
+  // With a blank behind it; empty if the object was changed meanwhile.
+  std::string DescribeKey(IndexSpec const& spec, ObjectId id) const {
+    Transaction transaction(context_, Access::kReadOnly);
+    TablePtr const table = transaction.table(spec.table);
+    auto const object = Object::Find(transaction, id);
+    if (!object) return "";
+    std::vector<Value> key;
+    for (IndexColumnSpec const& column : spec.columns) {
+      key.push_back(object->Get(*table, table->GetColumn(column.name)));
+    }
+    return KeyText(key).append(" ");
+  }
+
+  Context const& context_;
+  IndexBuildOptions const& options_;
+  std::uint64_t conflicts_ = 0;
+};
+
+}  // namespace
+
+std::string_view IndexBuildStateName(IndexBuildState state) {
+  switch (state) {
+    case IndexBuildState::kBuilding:
+      return "building";
+    case IndexBuildState::kWriteOnly:
+      return "write-only";
+    case IndexBuildState::kDuplicates:
+      return "duplicates";
+    case IndexBuildState::kReady:
+      break;
+  }
+  return "ready";
+}
+
+bool PrepareIndex(Context const& context, IndexSpec const& index,
+                  IndexBuildOptions const& options) {
+  KernelIndex kernel;
+  {
+    Transaction transaction(context, Access::kReadOnly);
+    if (IsNothingToBuild(transaction, index)) return true;
+    kernel = KernelIndexOf(transaction, index);
+  }
+  Builder builder(context, options);
+  return builder.Run(builder.Prepare(index, kernel), index);
+}
+
+bool BuildIndex(Context const& context, IndexSpec const& index, IndexBuildOptions const& options) {
+  if (!PrepareIndex(context, index, options)) return false;
+  Builder(context, options).Create(index);
+  return true;
+}
+
+std::vector<IndexSpec> IndexesToPrepare(Transaction& transaction, Plan const& plan,
+                                        std::uint64_t objects) {
+  bool const in_place = std::all_of(plan.begin(), plan.end(), [](Change const& change) {
+    return std::holds_alternative<change::CreateIndex>(change) ||
+           std::holds_alternative<change::DropIndex>(change) ||
+           std::holds_alternative<change::CreateTable>(change) ||
+           std::holds_alternative<change::AddColumns>(change);
+  });
+  std::vector<IndexSpec> specs;
+  if (!in_place) return specs;
+  std::optional<ObjectCounts> counts;
+  for (Change const& change : plan) {
+    auto const* const index = std::get_if<change::CreateIndex>(&change);
+    if (index == nullptr || !StandsNow(transaction, *index)) continue;
+    if (!counts.has_value()) counts.emplace(transaction);
+    TablePtr const table = transaction.table(index->table);
+    if (counts->Subtree(*table) >= objects) specs.push_back(SpecOf(*index));
+  }
+  return specs;
+}
+
+std::vector<IndexBuild> IndexBuilds(Context const& context) {
+  std::vector<IndexBuild> builds;
+  std::vector<KernelIndex> kernel;
+  for (lscoredb_index_build const& one : ListKernelBuilds(context)) {
+    IndexBuild build;
+    build.id = one.index;
+    build.index.name = std::u16string(one.name);
+    bool const unique = (one.flags & LORV_INDEX_UNIQUE) != 0;
+    build.index.uniqueness = unique ? Uniqueness::kUnique : Uniqueness::kAny;
+    build.progress = ProgressOf(one);
+    builds.push_back(std::move(build));
+    kernel.push_back(CopyOf(one));
+  }
+  if (builds.empty()) return builds;
+  Transaction transaction(context, Access::kReadOnly);
+  for (std::size_t i = 0; i < builds.size(); ++i) {
+    NameParts(transaction, kernel[i], builds[i].index);
+  }
+  return builds;
+}
+
+bool ResumeIndexBuild(Context const& context, std::uint64_t id, IndexBuildOptions const& options) {
+  IndexBuild const build = FindBuild(context, id);
+  if (build.index.columns.empty()) {
+    throw Error(
+        SAGLEME_TABLE_NOT_FOUND,
+        fmt::format("The table or a column of index build {} was dropped. Abandon it.", id));
+  }
+  Builder builder(context, options);
+  if (!builder.Run(id, build.index)) return false;
+  builder.Create(build.index);
+  return true;
+}
+
+void AbandonIndexBuild(Context const& context, std::uint64_t id) {
+  std::uint32_t const status = lscoredb_abandon_index(context.id(), id);
+  if (status == LORV_STATUS_NO_INDEX) ThrowNoBuild(id);
+  detail::CheckKernel(status);
+}
+
+std::vector<DuplicateObjects> IndexBuildDuplicates(Context const& context, std::uint64_t id,
+                                                   std::size_t most) {
+  struct Found {
+    std::vector<DuplicateObjects> all;
+    std::size_t most;
+  } found{{}, most};
+  auto const report = [](void* user, std::uint64_t object, std::uint64_t holder) -> std::uint32_t {
+    auto& list = *static_cast<Found*>(user);
+    if (list.all.size() >= list.most) return 1;
+    list.all.push_back({{object}, {holder}});
+    return list.all.size() == list.most ? 1 : 0;
+  };
+  std::uint32_t const status = lscoredb_index_duplicates(context.id(), id, report, &found);
+  if (status == LORV_STATUS_NO_INDEX) ThrowNoBuild(id);
+  detail::CheckKernel(status);
+  return std::move(found.all);
+}
+
+}  // namespace sagleme

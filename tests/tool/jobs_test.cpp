@@ -1,0 +1,209 @@
+// Index builds: by apply beside writers, and what jobs shows and does with one that was cut off.
+
+#include <lscoredb/index_build.h>
+#include <signal.h>
+
+#include <nlohmann/json.hpp>
+#include <sagleme/index_build.hpp>
+
+#include "run_tool.h"
+
+namespace tool_test {
+namespace {
+
+using Json = nlohmann::json;
+
+constexpr int kMany = 12000;  // apply builds indexes of as many objects beside writers
+
+class JobsTest : public ToolTest {
+ protected:
+  void SetUp() override {
+    Create();
+    Apply(kLibrary);
+  }
+  void Import(int rows, int distinct) {
+    std::string text = "Title,Pages,Isbn,Price\n";
+    for (int i = 0; i < rows; ++i) {
+      std::string const number = std::to_string(i);
+      text += "t" + number + "," + std::to_string(i % distinct) + "," + number + ",1\n";
+    }
+    On("import", {"Book", "-"}, 0, text);
+  }
+  // The schema with an index of Book more.
+  std::string With(bool unique) const {
+    Json schema = Json::parse(On("schema").out);
+    for (Json& table : schema["tables"]) {
+      std::string const name = table["name"];
+      if (!name.ends_with("Book")) continue;
+      Json index{{"name", "ByPages"}, {"columns", {"Pages"}}};
+      if (unique) index["unique"] = true;
+      table["indexes"].push_back(index);
+    }
+    return schema.dump();
+  }
+  Json Jobs() const { return Json::parse(On("jobs", {"--format", "json"}).out); }
+  Json Indexes() const {
+    Json const schema = Json::parse(On("schema").out);
+    for (Json const& table : schema["tables"]) {
+      std::string const name = table["name"];
+      if (name.ends_with("Book")) return table.value("indexes", Json::array());
+    }
+    return {};
+  }
+  bool HasIndex() const { return Indexes().dump().find("ByPages") != std::string::npos; }
+  // Leaves a build after so many steps.
+  void CutOff(int steps, bool unique = false) const {
+    sagleme::Database opened = sagleme::Database::Open(database());
+    sagleme::Context const context(opened);
+    sagleme::IndexSpec spec{"ByPages", "", {{"Pages"}}, sagleme::Uniqueness::kAny};
+    if (unique) spec.uniqueness = sagleme::Uniqueness::kUnique;
+    {
+      sagleme::Transaction transaction(context, sagleme::Access::kReadOnly);
+      spec.table = transaction.Resolve("Book")->name;
+    }
+    sagleme::IndexBuildOptions options;
+    options.batch = 10;
+    options.report = [&](sagleme::IndexBuildProgress const&) { return --steps > 0; };
+    EXPECT_FALSE(BuildIndex(context, spec, options));
+  }
+};
+
+TEST_F(JobsTest, NoBuild_IsAnEmptyList) {
+  EXPECT_EQ(Json::array(), Jobs());
+  EXPECT_EQ("id,job,index,table,columns,state,done,total\n", On("jobs").out);
+}
+
+TEST_F(JobsTest, Apply_BuildsIndexesOfManyObjectsBesideWriters) {
+  Import(kMany, kMany);
+  Result const applied = On("apply", {"-"}, 0, With(true));
+  EXPECT_EQ("background   create unique index ByPages on App.Book\n", applied.out);
+  EXPECT_TRUE(HasIndex());
+  EXPECT_EQ(Json::array(), Jobs());
+  On("check");
+  EXPECT_EQ("nothing to do\n", On("apply", {"-"}, 0, On("schema").out).out);
+}
+
+TEST_F(JobsTest, CutOffBuild_IsListedAndFinishedByApply) {
+  Import(kMany, kMany);
+  std::string const file = Write("with.json", With(false));
+  CutOff(3);
+  Json const job = Jobs().at(0);
+  EXPECT_EQ("ByPages", job["index"]);
+  EXPECT_EQ("App.Book", job["table"]);
+  EXPECT_EQ("Pages", job["columns"]);
+  EXPECT_EQ("building", job["state"]);
+  EXPECT_EQ(20, job["done"]);
+  EXPECT_EQ(kMany, job["total"]);
+  On("check");
+  On("apply", {file});
+  EXPECT_EQ(Json::array(), Jobs());
+  EXPECT_TRUE(HasIndex());
+  On("check");
+}
+
+TEST_F(JobsTest, Resume_FinishesBuilds) {
+  Import(100, 100);
+  for (int steps = 1; steps < 15; steps += 4) {
+    CutOff(steps, true);
+    Json const job = Jobs().at(0);
+    EXPECT_EQ("unique index", job["job"]);
+    EXPECT_FALSE(HasIndex());
+    Arguments arguments{"resume"};
+    if (steps > 5) arguments.push_back(std::to_string(job["id"].get<std::uint64_t>()));
+    EXPECT_EQ("created index ByPages\n", On("jobs", arguments).err);
+    EXPECT_TRUE(HasIndex());
+    EXPECT_EQ(Json::array(), Jobs());
+    On("check");
+    Json schema = Json::parse(On("schema").out);
+    for (Json& table : schema["tables"]) table.erase("indexes");
+    Apply(schema.dump());
+  }
+}
+
+TEST_F(JobsTest, CtrlC_KeepsTheBuildAndSaysSo) {
+  Import(1000, 1000);
+  CutOff(1);
+  {
+    Terminal terminal({"jobs", database(), "resume", "--batch", "1", "--pause", "150"});
+    terminal.Until("a second, ");
+    terminal.Type("\x03");
+    Result const stopped = terminal.Finish();
+    EXPECT_NE(0, stopped.status);
+    EXPECT_NE(std::string::npos,
+              stopped.out.find("interrupted: the build of index ByPages is kept"))
+        << stopped.out;
+  }
+  EXPECT_GT(Jobs().at(0)["done"], 0);
+  On("jobs", {"resume"});
+  EXPECT_TRUE(HasIndex());
+}
+
+TEST_F(JobsTest, Abandon_RemovesABuild) {
+  Import(50, 50);
+  CutOff(2);
+  std::string const id = std::to_string(Jobs().at(0)["id"].get<std::uint64_t>());
+  On("jobs", {"abandon", id});
+  EXPECT_EQ(Json::array(), Jobs());
+  EXPECT_FALSE(HasIndex());
+  EXPECT_NE(std::string::npos, On("jobs", {"abandon", id}, 4).err.find("no index build " + id));
+  EXPECT_NE(std::string::npos, On("jobs", {"resume", id}, 4).err.find("no index build " + id));
+  EXPECT_NE(std::string::npos, On("jobs", {"duplicates", id}, 4).err.find("no index build " + id));
+  On("check");
+}
+
+TEST_F(JobsTest, Duplicates_AreListedAndCanBeMended) {
+  Import(40, 39);
+  CutOff(3, true);
+  std::string const id = std::to_string(Jobs().at(0)["id"].get<std::uint64_t>());
+  Result const refused = On("jobs", {"resume"}, 4);
+  EXPECT_NE(std::string::npos, refused.err.find("duplicate key 0 in unique index ByPages (objects"))
+      << refused.err;
+  EXPECT_EQ("duplicates", Jobs().at(0)["state"]);
+  Json const pairs = Json::parse(On("jobs", {"duplicates", id, "--format", "json"}).out);
+  ASSERT_EQ(1u, pairs.size());
+  On("delete", {std::to_string(pairs[0]["object"].get<std::uint64_t>())});
+  On("jobs", {"resume"});
+  EXPECT_TRUE(HasIndex());
+  On("check");
+}
+
+// What cannot be made leaves nothing behind.
+TEST_F(JobsTest, ApplyWithDuplicates_LeavesNothing) {
+  Import(kMany, kMany - 1);
+  Result const refused = On("apply", {"-"}, 4, With(true));
+  EXPECT_NE(std::string::npos, refused.err.find("duplicate key 0 in unique index ByPages"))
+      << refused.err;
+  EXPECT_EQ(Json::array(), Jobs());
+  EXPECT_FALSE(HasIndex());
+  On("apply", {"-", "--atomic"}, 4, With(true));
+  On("apply", {"-", "--atomic"}, 0, With(false));
+  EXPECT_TRUE(HasIndex());
+  On("check");
+}
+
+TEST_F(JobsTest, KilledBuild_IsResumed) {
+  Import(kMany, kMany);
+  for (int round = 0; round < 4; ++round) {
+    CutOff(2);  // so that there is a build, whenever the kill comes
+    pid_t const child = StartTool({"jobs", database(), "resume", "--batch", "1", "--pause", "1"});
+    while (Jobs().at(0)["done"] < 15 + 10 * round) {
+    }
+    kill(child, SIGKILL);
+    WaitFor(child);
+    On("check");
+  }
+  On("jobs", {"resume"});
+  EXPECT_TRUE(HasIndex());
+  On("check");
+}
+
+TEST_F(JobsTest, WrongUse_IsRefused) {
+  EXPECT_NE(std::string::npos, On("jobs", {"mend"}, 2).err.find("unknown action \"mend\""));
+  EXPECT_NE(std::string::npos, On("jobs", {"abandon"}, 2).err.find("needs the number"));
+  EXPECT_NE(std::string::npos, On("jobs", {"abandon", "4x"}, 2).err.find("\"4x\" is not"));
+  EXPECT_NE(std::string::npos, On("jobs", {"resume", "--batch", "0"}, 2).err.find("--batch"));
+  On("jobs", {"resume"});
+}
+
+}  // namespace
+}  // namespace tool_test
