@@ -7,6 +7,7 @@
 
 #include <numeric>
 #include <random>
+#include <sagleme/index_build.hpp>
 
 #include "recording.h"
 
@@ -134,6 +135,31 @@ class BankTest : public ::testing::Test {
     EXPECT_TRUE(work.Commit());
   }
 
+  // Builds an index beside the transfers and audits it, some times.
+  void BuildAndAudit(sagleme::Context& context, int rounds) {
+    sagleme::IndexSpec const by_balance{u"Built", u"Bank.Account", {{u"Balance", false}}};
+    sagleme::IndexBuildOptions options;
+    options.batch = 2;
+    for (int round = 0; round < rounds; ++round) {
+      EXPECT_TRUE(BuildIndex(context, by_balance, options));
+      {
+        Recorded work(recorder_, context, sagleme::Access::kReadOnly);
+        auto const table = work.transaction().table(u"Bank.Account");
+        auto const index = work.transaction().FindIndex(u"Built");
+        auto by_scan = Balances(work, sagleme::Range::Subtree(work.transaction(), *table));
+        auto by_index = Balances(work, sagleme::Range::Matching(work.transaction(), *index, {}));
+        EXPECT_TRUE(std::is_sorted(by_index.rbegin(), by_index.rend(),
+                                   [](auto const& a, auto const& b) { return a.first < b.first; }));
+        std::sort(by_scan.begin(), by_scan.end());
+        std::sort(by_index.begin(), by_index.end());
+        EXPECT_EQ(by_scan, by_index);
+        EXPECT_TRUE(work.Commit());
+      }
+      Retry(context,
+            [&](sagleme::Transaction& transaction) { sagleme::DropIndex(transaction, u"Built"); });
+    }
+  }
+
   // One of the changes that touch the tables of the accounts; all leave Balance and Version alone.
   static void ChangeSchema(sagleme::Transaction& transaction, int step) {
     std::u16string const name = sagleme::ToUtf16("Extra" + std::to_string(step / 5));
@@ -164,6 +190,28 @@ class BankTest : public ::testing::Test {
   std::vector<sagleme::ObjectId> accounts_;
   Recorder recorder_;
 };
+
+TEST_F(BankTest, TransfersBesideIndexBuilds_AreIsolatedAndInTheIndex) {
+  constexpr int kMovers = 4;
+  constexpr int kTransfers = 300;
+  std::atomic<bool> built = false;
+  Together(database_, kMovers + 2, [&](int thread, sagleme::Context& context) {
+    std::mt19937_64 random(static_cast<std::uint64_t>(thread));
+    if (thread == kMovers) {
+      BuildAndAudit(context, 12);
+      built = true;
+    } else if (thread == kMovers + 1) {
+      for (int i = 0; i < 60; ++i) OpenAndClose(context, random);
+    } else {
+      for (int i = 0; i < kTransfers || !built; ++i) {
+        Retry(recorder_, context, [&](Recorded& work) { Transfer(work, random); });
+      }
+    }
+  });
+  BuildAndAudit(context_, 1);
+  Audit(context_);
+  ExpectIsolated();
+}
 
 TEST_F(BankTest, TransfersBesideAuditsAndSchemaChanges_AreIsolated) {
   constexpr int kMovers = 4;
