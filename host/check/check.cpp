@@ -142,6 +142,7 @@ void CheckAll(Transaction& transaction, CheckOptions const& options, FindingRepo
     try {
       checks::CheckTables(transaction, guarded);
       checks::CheckRows(transaction, guarded);
+      checks::CheckAnnotations(transaction, guarded);
       checks::CheckObjects(transaction, options, guarded, progress);
     } catch (Error const& error) {
       ReportError(error, guarded);

@@ -1,4 +1,5 @@
 #include <map>
+#include <sagleme/annotations.hpp>
 #include <sagleme/counts.hpp>
 #include <sagleme/vacuum.hpp>
 
@@ -91,7 +92,13 @@ class ObjectCheck {
     if (target && transaction_.Holds(column.target_id, target->reference())) return;
     std::string const what = target ? "is not of " + ToUtf8(column.target) : "does not exist";
     Report("reference", table, object,
-           Say("column {} refers to object {}, which {}", ToUtf8(column.name), id.value, what));
+           Say("column {} refers to object {}, which {}{}", ToUtf8(column.name), id.value, what,
+               RulePassed(table, column)));
+  }
+  std::string RulePassed(std::string const& table, Column const& column) const {
+    OnDelete const rule = OnDeleteOf(transaction_, *transaction_.table(table), column);
+    if (rule == OnDelete::kKeep) return "";
+    return Say(" although the rule of the column is {}", OnDeleteName(rule));
   }
 
   Transaction& transaction_;

@@ -18,6 +18,7 @@ class Progress;
 
 void CheckTables(Transaction& transaction, FindingReport const& report);
 void CheckRows(Transaction& transaction, FindingReport const& report);
+void CheckAnnotations(Transaction& transaction, FindingReport const& report);
 void CheckObjects(Transaction& transaction, CheckOptions const& options,
                   FindingReport const& report, Progress const& progress);
 

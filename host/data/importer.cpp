@@ -6,6 +6,8 @@
 #include <sagleme/host/duplicates.hpp>
 #include <sagleme/host/references.hpp>
 
+#include "annotations/rules.h"
+
 namespace sagleme {
 namespace {
 
@@ -97,8 +99,11 @@ Importer::Plan& Importer::PlanFor(TablePtr const& table) {
   Plan& plan = plans_[table.get()];
   if (plan.table == nullptr) {
     plan.table = table;
-    plan.required = static_cast<std::size_t>(
-        std::count_if(table->columns.begin(), table->columns.end(), NeedsValue));
+    detail::Rules const* const rules = transaction_.rules();
+    for (Column const& column : table->columns) {
+      if (!NeedsValue(column)) continue;
+      if (rules == nullptr || !rules->HasDefault(*table, column)) plan.required.push_back(&column);
+    }
   }
   Extend(plan);
   return plan;
@@ -161,11 +166,20 @@ void Importer::RequireColumns(Plan const& plan) const {
       return plan.columns[value.name] == &column;
     });
   };
-  for (Column const& column : plan.table->columns) {
-    if (!NeedsValue(column) || given(column) != 0) continue;
+  for (Column const* const needed : plan.required) {
+    Column const& column = *needed;
+    if (given(column) != 0) continue;
     FileLocation const location = rows_.has_heading() ? rows_.LocationOfName(0) : rows_.location();
     throw BadRow(location, fmt::format("column {} of table {} is missing, but takes no null",
                                        ToUtf8(column.name), ToUtf8(plan.table->name)));
+  }
+}
+
+void Importer::RequireConcrete(detail::Rules const& rules, Table const& table) const {
+  try {
+    detail::RequireConcrete(rules, table);
+  } catch (Error const& error) {
+    throw BadRow(rows_.location(), error.what());
   }
 }
 
@@ -173,11 +187,14 @@ void Importer::Add() {
   FindOwnNames();
   Plan const& plan = PlanOfRow();
   ObjectId const id = IdOfRow();
-  if (plan.required != 0 && (!rows_.has_heading() || table_name_ != kNowhere)) {
+  if (!plan.required.empty() && (!rows_.has_heading() || table_name_ != kNowhere)) {
     RequireColumns(plan);
   }
+  detail::Rules const* const rules = transaction_.rules();
+  if (rules != nullptr) RequireConcrete(*rules, *plan.table);
   try {
     writer_.Begin(*plan.table, id);
+    if (rules != nullptr) PutDefaults(*rules, writer_.object(), *plan.table);
   } catch (Error const& error) {
     RowValue const* const value = id.value == 0 ? nullptr : Find(id_name_);
     if (value == nullptr) throw;
@@ -208,6 +225,7 @@ void Importer::Put(Plan const& plan, RowValue const& value) {
   try {
     if (value.kind == RowValue::Kind::kNull) {
       if (NeedsValue(column)) throw BadValue("a value is needed; the column takes no null");
+      if (transaction_.rules() != nullptr) writer_.Put(column, Value(Null{}));  // not the default
     } else if (column.type == Type::kReference) {
       PutReference(column, value);
     } else {

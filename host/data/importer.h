@@ -52,8 +52,8 @@ class Importer {
   // Maps the names of the file to columns of one table.
   struct Plan {
     TablePtr table;
-    std::vector<Column const*> columns;  // by name; null: none of the table
-    std::size_t required = 0;            // columns that need a value
+    std::vector<Column const*> columns;   // by name; null: none of the table
+    std::vector<Column const*> required;  // they take no null and have no default
   };
   static constexpr std::size_t kNowhere = ~std::size_t{0};
 
@@ -67,6 +67,7 @@ class Importer {
   Plan& PlanOfRow();
   ObjectId IdOfRow() const;
   void RequireColumns(Plan const& plan) const;
+  void RequireConcrete(detail::Rules const& rules, Table const& table) const;
   void Write(Plan const& plan);
   void Put(Plan const& plan, RowValue const& value);
   void PutReference(Column const& column, RowValue const& value);

@@ -13,6 +13,7 @@
 #include "data/row_writer.h"
 #include "data/scaffold.h"
 #include "data/server_load.h"
+#include "schema/annotation_changes.h"
 #include "schema/refused_build.h"
 
 namespace sagleme {
@@ -46,9 +47,9 @@ class Loader {
         Database::Create(directory, {}, {.no_sync = true, .row_memory = kRowMemory});
     Context const context(database);
     // An index over objects that are there is sorted and appended, not grown entry by entry.
-    ApplySchema(context, WithoutIndexes(dump_.schema()));
+    ApplySchema(context, WithTablesAlone(dump_.schema()));
     WriteObjects(context);
-    CreateIndexes(context);
+    ApplyTheRest(context);
     return result_;
   }
 
@@ -68,24 +69,29 @@ class Loader {
     if (options_.report) options_.report({0, 0, 0});
   }
 
-  static SchemaDoc WithoutIndexes(SchemaDoc schema) {
+  // Annotations come last too: what they ask of writes is not asked of what was dumped.
+  static SchemaDoc WithTablesAlone(SchemaDoc schema) {
     for (TableDoc& table : schema.tables) table.indexes.clear();
-    return schema;
+    return WithoutAnnotations(std::move(schema));
   }
 
   static void ApplySchema(Context const& context, SchemaDoc const& schema) {
     Transaction transaction(context);
-    ApplyPlan(transaction, CompareSchemas(ReadSchema(transaction, false), schema));
+    ApplyPlan(transaction, CompareAsTheyStand(ReadSchema(transaction, false), schema));
     transaction.Commit();
   }
 
   // Each in a transaction of its own, whose memory follows the index.
-  void CreateIndexes(Context const& context) {
-    for (Change const& change : MissingIndexes(context)) {
+  void ApplyTheRest(Context const& context) {
+    for (Change const& change : MissingChanges(context)) {
       if (options_.report) options_.report({result_.objects, result_.objects, dump_.objects()});
       Transaction transaction(context);
       try {
-        ApplyPlan(transaction, {change});
+        if (auto const* const annotation = std::get_if<change::Annotate>(&change)) {
+          RestoreAnnotation(transaction, *annotation);
+        } else {
+          ApplyPlan(transaction, {change});
+        }
       } catch (Error const& error) {
         if (error.status() == LSCOREDB_STOPPED) throw;
         RefuseIndex(transaction, change, error);
@@ -105,9 +111,9 @@ class Loader {
     dump_.RefuseObject(what, [&](ObjectId id) { return IdIn(id).value == refused->second.value; });
   }
 
-  Plan MissingIndexes(Context const& context) const {
+  Plan MissingChanges(Context const& context) const {
     Transaction transaction(context, Access::kReadOnly);
-    return CompareSchemas(ReadSchema(transaction, false), dump_.schema());
+    return CompareAsTheyStand(ReadSchema(transaction, false), dump_.schema());
   }
 
   void WriteObjects(Context const& context) {

@@ -172,6 +172,8 @@ RetypePlan PlanRetype(Transaction& transaction, std::span<ObjectId const> object
 
 std::uint64_t Retype(Transaction& transaction, std::span<ObjectId const> objects, Table const& to,
                      RetypeOptions const& options) {
+  detail::Rules const* const rules = transaction.rules();
+  if (rules != nullptr && !objects.empty()) detail::RequireConcrete(*rules, to);
   Savepoint savepoint(transaction);
   std::uint64_t const changed = Retyping(transaction, objects, to, options).Run();
   savepoint.Release();

@@ -2,6 +2,7 @@
 #include <sagleme/schema_plan.hpp>
 #include <set>
 
+#include "schema/annotation_changes.h"
 #include "schema/matching.h"
 #include "schema/renames.h"
 
@@ -23,6 +24,7 @@ class Comparison {
     ChangeColumns();
     AddColumns();
     CreateIndexes();
+    AddAnnotations(to_, kept_, plan_);
     return std::move(plan_);
   }
 
@@ -143,6 +145,10 @@ std::vector<Doubt> FindDoubts(SchemaDoc const& from, SchemaDoc const& to) {
 }
 
 Plan CompareSchemas(SchemaDoc const& from, SchemaDoc const& to) {
+  return CompareAsTheyStand(from, WithReferrerIndexes(to));
+}
+
+Plan CompareAsTheyStand(SchemaDoc const& from, SchemaDoc const& to) {
   return Comparison(from, to).Make();
 }
 

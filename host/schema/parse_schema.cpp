@@ -5,6 +5,8 @@
 #include <sagleme/failure.hpp>
 #include <sagleme/schema_document.hpp>
 
+#include "annotations/default_text.h"
+
 namespace sagleme {
 namespace {
 
@@ -38,6 +40,15 @@ class Reader {
     if (text.empty()) Refuse(fmt::format("has no \"{}\"", name));
     if (text.find('\0') != std::string::npos) Refuse(fmt::format("has U+0000 in its \"{}\"", name));
     return text;
+  }
+  std::string Comment() const {
+    std::string text = Text("comment");
+    if (text.find('\0') != std::string::npos) Refuse("has U+0000 in its \"comment\"");
+    return text;
+  }
+  // Any value, as it would stand in a document; empty where there is none.
+  std::string Raw(char const* name) const {
+    return json_.contains(name) ? json_.at(name).dump() : std::string();
   }
   // "was" is the former name, or null where there is none.
   bool IsNull(char const* name) const { return json_.contains(name) && json_.at(name).is_null(); }
@@ -82,11 +93,35 @@ Type ParseType(Reader const& reader) {
   reader.Refuse(fmt::format("has an unknown type \"{}\"", name));
 }
 
+Value ParseDefault(Reader const& reader, ColumnDoc const& column) {
+  std::string const json = reader.Raw("default");
+  if (json.empty() || json == "null") return Null{};
+  if (column.type == Type::kReference) reader.Refuse("is a reference, which has no \"default\"");
+  try {
+    return annotations::ParseJsonValue(column.type, json);
+  } catch (BadValue const& error) {
+    reader.Refuse(fmt::format("has the wrong \"default\" {} for type {}: {}", json,
+                              TypeName(column.type), error.what()));
+  }
+}
+
+OnDelete ParseRule(Reader const& reader, ColumnDoc const& column) {
+  std::string const name = reader.Text("on_delete");
+  if (name.empty()) return OnDelete::kKeep;
+  if (column.type != Type::kReference) {
+    reader.Refuse("has an \"on_delete\" but is not a reference");
+  }
+  if (auto const rule = ParseOnDelete(name)) return *rule;
+  reader.Refuse(fmt::format(
+      "has an unknown \"on_delete\" \"{}\"; it is keep, refuse, set_null, cascade or last", name));
+}
+
 ColumnDoc ParseColumn(Json const& json, std::string const& table) {
   Reader const reader(json, fmt::format("a column of table {}", table));
   std::string const name = reader.Required("name");
   Reader const named(json, fmt::format("column {} of table {}", name, table));
-  named.AllowOnly({"name", "was", "id", "type", "target", "nullable"});
+  named.AllowOnly(
+      {"name", "was", "id", "type", "target", "nullable", "default", "on_delete", "comment"});
   ColumnDoc column{name,
                    named.FormerName(),
                    named.Number("id"),
@@ -100,6 +135,9 @@ ColumnDoc ParseColumn(Json const& json, std::string const& table) {
     named.Refuse(reference ? "is a reference without a \"target\""
                            : "has a \"target\" but is not a reference");
   }
+  column.comment = named.Comment();
+  column.fallback = ParseDefault(named, column);
+  column.on_delete = ParseRule(named, column);
   return column;
 }
 
@@ -112,11 +150,12 @@ IndexColumnDoc ParseIndexColumn(Json const& json, std::string const& index) {
 
 IndexDoc ParseIndex(Json const& json, std::string const& table) {
   Reader const reader(json, fmt::format("an index of table {}", table));
-  reader.AllowOnly({"name", "unique", "columns"});
+  reader.AllowOnly({"name", "unique", "columns", "comment"});
   IndexDoc index{reader.Required("name"), reader.Flag("unique"), {}};
   reader.ForEach("columns", [&](Json const& entry) {
     index.columns.push_back(ParseIndexColumn(entry, index.name));
   });
+  index.comment = reader.Comment();
   return index;
 }
 
@@ -124,9 +163,11 @@ TableDoc ParseTable(Json const& json, std::string const& source) {
   Reader const reader(json, fmt::format("{}: a table", source));
   std::string const name = reader.Required("name");
   Reader const named(json, fmt::format("{}: table {}", source, name));
-  named.AllowOnly({"name", "was", "id", "base", "columns", "indexes"});
+  named.AllowOnly({"name", "was", "id", "base", "columns", "indexes", "abstract", "comment"});
   TableDoc table{name, named.FormerName(), named.Text("base"), named.Number("id"), {},
                  {},   named.IsNull("was")};
+  table.comment = named.Comment();
+  table.abstract = named.Flag("abstract");
   named.ForEach("columns",
                 [&](Json const& entry) { table.columns.push_back(ParseColumn(entry, name)); });
   named.ForEach("indexes",

@@ -2,6 +2,7 @@
 
 #include <sagleme/schema_plan.hpp>
 
+#include "schema/annotation_changes.h"
 #include "schema/refused_build.h"
 
 namespace sagleme {
@@ -31,6 +32,9 @@ struct Labels {
     return it.before.type == it.after.type && it.before.nullable == it.after.nullable
                ? Label::kInstant
                : Label::kBackground;
+  }
+  Label operator()(change::Annotate const& it) const {
+    return ReadsObjects(it) ? Label::kBackground : Label::kInstant;
   }
 };
 
@@ -94,6 +98,7 @@ struct Sentences {
     return fmt::format("create {}index {} on {}", it.index.unique ? "unique " : "", it.index.name,
                        it.table);
   }
+  std::string operator()(change::Annotate const& it) const { return DescribeAnnotation(it); }
 };
 
 ColumnSpec SpecOf(ColumnDoc const& column) {
@@ -177,6 +182,11 @@ class Applier {
       if (description.empty()) throw;
       throw Error(error.status(), description);
     }
+  }
+
+  void operator()(change::Annotate const& it) {
+    FinishReferences();
+    ApplyAnnotation(transaction_, it);
   }
 
   // Columns whose targets come later have no type until then, and the layer neither indexes nor

@@ -1,9 +1,48 @@
+#include <map>
 #include <sagleme/schema_document.hpp>
+
+#include "annotations/default_text.h"
 
 namespace sagleme {
 namespace {
 
 constexpr char16_t const* kFormerIdentityName = u"SchemaDocumentIdentity";
+
+// The annotations of a database, by subject.
+class Annotated {
+ public:
+  explicit Annotated(Transaction& transaction) {
+    for (Annotation& each : Annotations(transaction)) {
+      texts_.insert({{each.subject, each.kind}, std::move(each.text)});
+    }
+  }
+  void Add(ObjectId table, TableDoc& doc) const {
+    doc.comment = CommentOf(table);
+    doc.abstract = Find(table, Annotation::Kind::kAbstract) != nullptr;
+  }
+  void Add(ObjectId column, ColumnDoc& doc) const {
+    doc.comment = CommentOf(column);
+    if (auto const* const json = Find(column, Annotation::Kind::kDefault)) {
+      doc.fallback = annotations::StoredDefault(doc.type, *json);
+    }
+    if (auto const* const rule = Find(column, Annotation::Kind::kOnDelete)) {
+      doc.on_delete = ParseOnDelete(*rule).value_or(OnDelete::kKeep);
+    }
+  }
+  void Add(ObjectId index, IndexDoc& doc) const { doc.comment = CommentOf(index); }
+
+ private:
+  std::string const* Find(ObjectId subject, Annotation::Kind kind) const {
+    auto const found = texts_.find({subject, kind});
+    return found == texts_.end() ? nullptr : &found->second;
+  }
+  std::string CommentOf(ObjectId subject) const {
+    std::string const* const text = Find(subject, Annotation::Kind::kComment);
+    return text == nullptr ? "" : *text;
+  }
+
+  std::map<std::pair<ObjectId, Annotation::Kind>, std::string> texts_;
+};
 
 ColumnDoc ToColumnDoc(Column const& column, bool identities) {
   ColumnDoc doc;
@@ -25,26 +64,33 @@ IndexDoc ToIndexDoc(Index const& index) {
   return doc;
 }
 
-TableDoc ToTableDoc(Transaction& transaction, Table const& table, bool identities) {
+TableDoc ToTableDoc(Transaction& transaction, Table const& table, bool identities,
+                    Annotated const& annotated) {
   TableDoc doc;
   doc.name = ToUtf8(table.name);
   doc.id = identities ? table.row.oid : 0;
   if (table.base != RootTable(transaction)->name) doc.base = ToUtf8(table.base);
   for (Column const& column : table.columns) {
-    if (!column.inherited && !column.system())
-      doc.columns.push_back(ToColumnDoc(column, identities));
+    if (column.inherited || column.system()) continue;
+    doc.columns.push_back(ToColumnDoc(column, identities));
+    annotated.Add(column.id, doc.columns.back());
   }
-  for (Index const& index : table.indexes) doc.indexes.push_back(ToIndexDoc(index));
+  for (Index const& index : table.indexes) {
+    doc.indexes.push_back(ToIndexDoc(index));
+    annotated.Add(index.id, doc.indexes.back());
+  }
+  annotated.Add(table.id(), doc);
   return doc;
 }
 
-void AddSubtree(Transaction& transaction, Table const& table, SchemaDoc& schema) {
+void AddSubtree(Transaction& transaction, Table const& table, Annotated const& annotated,
+                SchemaDoc& schema) {
   // A user's table may derive from one of the catalogue, so the scan includes those.
   for (TablePtr const& child : transaction.Children(table, true)) {
     if (!child->system) {
-      schema.tables.push_back(ToTableDoc(transaction, *child, schema.database != 0));
+      schema.tables.push_back(ToTableDoc(transaction, *child, schema.database != 0, annotated));
     }
-    AddSubtree(transaction, *child, schema);
+    AddSubtree(transaction, *child, annotated, schema);
   }
 }
 
@@ -53,7 +99,7 @@ void AddSubtree(Transaction& transaction, Table const& table, SchemaDoc& schema)
 SchemaDoc ReadSchema(Transaction& transaction, bool identities) {
   SchemaDoc schema;
   if (identities) schema.database = DatabaseIdentity(transaction);
-  AddSubtree(transaction, *RootTable(transaction), schema);
+  AddSubtree(transaction, *RootTable(transaction), Annotated(transaction), schema);
   return schema;
 }
 

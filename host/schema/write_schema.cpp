@@ -22,12 +22,18 @@ std::string ColumnJson(ColumnDoc const& column) {
   json += Field("target", column.target);
   // Types that always take null do not say so.
   if (column.nullable && !MustBeNullable(column.type)) json += ", \"nullable\": true";
+  if (!IsNull(column.fallback)) json += ", \"default\": " + ValueJson(column.fallback);
+  if (column.on_delete != OnDelete::kKeep) {
+    json += Field("on_delete", std::string(OnDeleteName(column.on_delete)));
+  }
+  json += Field("comment", column.comment);
   return json + "}";
 }
 
 std::string IndexJson(IndexDoc const& index) {
   std::string json = "{\"name\": " + JsonString(index.name);
   if (index.unique) json += ", \"unique\": true";
+  json += Field("comment", index.comment);
   json += ", \"columns\": [";
   for (std::size_t i = 0; i < index.columns.size(); ++i) {
     IndexColumnDoc const& column = index.columns[i];
@@ -51,6 +57,8 @@ std::string List(char const* name, std::vector<T> const& entries, ToJson&& to_js
 std::string TableJson(TableDoc const& table) {
   std::string json = "{\"name\": " + JsonString(table.name) + Identity(table.id);
   json += FormerName(table) + Field("base", table.base);
+  if (table.abstract) json += ", \"abstract\": true";
+  json += Field("comment", table.comment);
   json += List("columns", table.columns, ColumnJson);
   json += List("indexes", table.indexes, IndexJson);
   return json + "}";

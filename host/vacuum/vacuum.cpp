@@ -103,6 +103,10 @@ class Worker {
     for (VacuumRequest const& removal : CloseDroppedSets()) {
       if (!WorkOff(removal)) return progress_;
     }
+    Attempt([](Transaction& transaction) {
+      detail::DropStaleAnnotations(transaction);
+      return false;
+    });
     Attempt([this](Transaction& transaction) { return ReleaseLayouts(transaction); });
     return progress_;
   }

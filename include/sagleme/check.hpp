@@ -22,10 +22,13 @@
 //                once they are committed, the layer's start-up ends the process
 //   vacuum       a request is the only one for its set, of a known kind, and either a move to the
 //                layout of a table or a removal from a set without a table
+//   annotation   an annotation belongs to a table, a column or an index, and can be read
+//   abstract     a table that is abstract has no objects of its own
 //   object       an object belongs to a table or waits to be removed, has its table's layout or
 //                waits to be moved, and can be read in full
-//   reference    a reference leads to an object of its target, since deleting an object does not
-//                search for references to it. Those of the catalogue are not checked
+//   reference    a reference leads to an object of its target: without a rule, deleting an object
+//                does not search for references to it. A finding names the rule that was passed
+//                by. Those of the catalogue are not checked
 //
 // Memory grows with the catalogue and the findings of the kernel's part, not with the objects.
 

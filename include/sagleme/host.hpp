@@ -1,7 +1,8 @@
 #ifndef SAGLEME_HOST_HPP
 #define SAGLEME_HOST_HPP
 
-// The library for hosts written in C++: header-only, over the C interface and the exported C++.
+// The library for hosts written in C++, over the C interface and the exported C++. Most of it is in
+// headers; what annotations ask of writes is in libsaglemehost.
 //
 //   sagleme::Database database = sagleme::Database::Open("packages");
 //   sagleme::Context context(database);

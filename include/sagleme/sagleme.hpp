@@ -14,6 +14,7 @@
 // The headers named here may be included alone. Those under <sagleme/metalayer/> are not part of
 // the API: they are the binary interface for makers of language bindings.
 
+#include <sagleme/annotations.hpp>
 #include <sagleme/check.hpp>
 #include <sagleme/column_changes.hpp>
 #include <sagleme/counts.hpp>

@@ -14,6 +14,7 @@
 #include <sagleme/export.h>
 
 #include <cstdint>
+#include <sagleme/annotations.hpp>
 #include <sagleme/failure.hpp>
 #include <sagleme/host.hpp>
 #include <string>
@@ -29,6 +30,9 @@ struct ColumnDoc {
   bool nullable = true;
   std::string target;   // the table that a reference points at
   bool is_new = false;  // not a rename, whatever it looks like: "was" is null
+  std::string comment = {};
+  Value fallback = Null{};  // the default of new objects; null: none
+  OnDelete on_delete = OnDelete::kKeep;
 
   // Whether values of one can stay in the other.
   bool SameShape(ColumnDoc const& other) const {
@@ -46,6 +50,7 @@ struct IndexDoc {
   std::string name;
   bool unique = false;
   std::vector<IndexColumnDoc> columns;
+  std::string comment = {};
   friend bool operator==(IndexDoc const&, IndexDoc const&) = default;
 };
 
@@ -57,6 +62,8 @@ struct SAGLEME_HOST_API TableDoc {
   std::vector<ColumnDoc> columns;
   std::vector<IndexDoc> indexes;
   bool is_new = false;  // as above
+  std::string comment = {};
+  bool abstract = false;  // without objects of its own
 
   // Null if there is none. Declared columns only.
   ColumnDoc const* FindColumn(std::string const& column) const;

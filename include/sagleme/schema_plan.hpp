@@ -24,7 +24,11 @@
 //
 // A column that changes its table or its type keeps its values (<sagleme/column_changes.hpp>), and
 // is refused if one would be lost, unless AllowLosses permits it.
+//
+// A reference with a rule for the deletion of its target needs an index that begins with its
+// column; a plan creates one if the document has none.
 
+#include <optional>
 #include <sagleme/column_changes.hpp>
 #include <sagleme/schema_document.hpp>
 #include <string>
@@ -84,12 +88,21 @@ struct CreateIndex {
   IndexDoc index;
 };
 
+// Sets or removes an annotation of a table, or of one of its columns or indexes.
+struct Annotate {
+  std::string table;
+  std::string column;  // empty: of the table or of an index
+  std::string index;   // empty: of the table or of a column
+  Annotation::Kind kind = Annotation::Kind::kComment;
+  std::optional<std::string> text;  // as Annotation has it; nothing removes
+};
+
 }  // namespace change
 
-using Change =
-    std::variant<change::DropIndex, change::DropColumn, change::DropTable, change::RenameTable,
-                 change::RenameColumn, change::CreateTable, change::AddColumns, change::CreateIndex,
-                 change::PullUpColumn, change::PushDownColumn, change::ChangeColumn>;
+using Change = std::variant<change::DropIndex, change::DropColumn, change::DropTable,
+                            change::RenameTable, change::RenameColumn, change::CreateTable,
+                            change::AddColumns, change::CreateIndex, change::PullUpColumn,
+                            change::PushDownColumn, change::ChangeColumn, change::Annotate>;
 using Plan = std::vector<Change>;
 
 enum class Label { kInstant, kBackground, kDestructive };

@@ -63,6 +63,10 @@
 #define SAGLEME_COLUMN_INHERITED 15024u
 /* The table would have too many ancestors. */
 #define SAGLEME_TOO_DEEP 15031u
+/* The table is abstract: it has no objects of its own. */
+#define SAGLEME_ABSTRACT_TABLE 15040u
+/* Other objects refer to the object, which their column's rule refuses. */
+#define SAGLEME_OBJECT_REFERENCED 15041u
 /* The database and its catalogue. */
 /* The catalogue contradicts itself; sagleme check says where. */
 #define SAGLEME_BROKEN_CATALOGUE 7035u

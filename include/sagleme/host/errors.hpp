@@ -94,6 +94,10 @@ inline char const* LayerStatusText(std::uint32_t status) {
       return "The column is inherited; change it in the table that declares it.";
     case SAGLEME_TOO_DEEP:
       return "The table would have too many ancestors.";
+    case SAGLEME_ABSTRACT_TABLE:
+      return "The table is abstract: it has no objects of its own.";
+    case SAGLEME_OBJECT_REFERENCED:
+      return "Other objects refer to the object, which their column's rule refuses.";
     case SAGLEME_BROKEN_CATALOGUE:
       return "The catalogue contradicts itself; sagleme check says where.";
     case SAGLEME_NOT_PREPARED:

@@ -23,7 +23,8 @@ class Object {
   Object(Transaction& transaction, LS_OBJ_REF reference)
       : transaction_(&transaction), reference_(reference) {}
 
-  // Creates an object of exactly this table. Its columns are null or zero.
+  // Creates an object of exactly this table. Its columns have their defaults, or are null or zero.
+  // SAGLEME_ABSTRACT_TABLE if the table has no objects of its own (<sagleme/annotations.hpp>).
   static Object Create(Transaction& transaction, Table const& table);
   // The same with an identity that was never used.
   static Object CreateWithId(Transaction& transaction, Table const& table, ObjectId id);
@@ -45,17 +46,11 @@ class Object {
   Value Get(TextView const& column) const;
   // Null sets a column that is not nullable to zero. A reference must lead to an object of the
   // column's target, see <sagleme/host/reference.hpp>.
-  void Set(Table const& table, Column const& column, Value const& value) {
-    if (auto const* const target = std::get_if<ObjectId>(&value)) {
-      RequireTarget(*transaction_, table, column, *target);
-    }
-    detail::PutValue(At(table, column), column.type, value);
-  }
+  void Set(Table const& table, Column const& column, Value const& value);
   void Set(TextView const& column, Value const& value);
-  void Delete() {
-    detail::CheckKernel(
-        lorv_context_delete(transaction_->context(), reference_.oid, reference_.addr));
-  }
+  // Follows the rules of the references that lead to the object (<sagleme/annotations.hpp>): other
+  // objects may go with it, or SAGLEME_OBJECT_REFERENCED refuses, and then nothing has changed.
+  void Delete();
 
  private:
   detail::ColumnLocation At(Table const& table, Column const& column) const {
@@ -83,7 +78,7 @@ class Property {
       : database_(table.database),
         layout_(table.layout),
         column_(column.ordinal),
-        target_(table, column) {
+        writer_(table, column) {
     if (!detail::TypeOf<T>::Fits(column.type)) {
       detail::CheckKernel(LSCOREDB_WRONG_TYPE);
     }
@@ -102,10 +97,9 @@ class Property {
   }
   // A reference must lead to an object of the column's target.
   void Set(Object const& object, T const& value) const {
-    target_.Require(object.transaction(), value);
-    detail::CheckKernel(detail::Put(At(object), value));
+    writer_.Put(object.transaction(), At(object), value);
   }
-  void Clear(Object const& object) const { detail::CheckKernel(detail::Put(At(object), Null{})); }
+  void Clear(Object const& object) const { writer_.Put(object.transaction(), At(object), Null{}); }
 
  private:
   detail::ColumnLocation At(Object const& object) const {
@@ -120,22 +114,36 @@ class Property {
   std::uint64_t database_;
   std::uint16_t layout_;
   std::uint16_t column_;
-  [[no_unique_address]] detail::TargetRule<T> target_;
+  [[no_unique_address]] detail::PropertyWriter<T> writer_;
 };
 
 // ---- bodies -------------------------------------------------------------------------------------
 
+namespace detail {
+
+// Throws SAGLEME_ABSTRACT_TABLE for a table without objects of its own.
+SAGLEME_HOST_API void RequireConcrete(Rules const& rules, Table const& table);
+// Writes the defaults of its columns into an object that is being made.
+SAGLEME_HOST_API void PutDefaults(Rules const& rules, Object const& object, Table const& table);
+SAGLEME_HOST_API void DeleteByRules(Rules const& rules, Transaction& transaction, ObjectId id);
+
+}  // namespace detail
+
 inline Object Object::CreateWithId(Transaction& transaction, Table const& table, ObjectId id) {
   detail::RequireOwn(transaction, table);
+  detail::Rules const* const rules = transaction.rules();
+  if (rules != nullptr) detail::RequireConcrete(*rules, table);
   std::uint64_t oid = id.value;
   if (oid == 0) {
     detail::CheckKernel(lorv_context_insert(transaction.context(), table.layout, &oid));
   } else {
     detail::CheckKernel(lorvi_context_insert_with_id(transaction.context(), table.layout, oid));
   }
+  Object const made(transaction, LS_OBJ_REF{oid, table.layout});
+  if (rules != nullptr) detail::PutDefaults(*rules, made, table);
   detail::CheckKernel(
       lorv_context_put_setspec(transaction.context(), oid, table.layout, table.setspec.c_str()));
-  return {transaction, LS_OBJ_REF{oid, table.layout}};
+  return made;
 }
 
 inline Object Object::Create(Transaction& transaction, Table const& table) {
@@ -169,6 +177,26 @@ inline TablePtr Object::LiveTable() const {
 inline Value Object::Get(TextView const& column) const {
   TablePtr const own = LiveTable();
   return Get(*own, own->GetColumn(column));
+}
+
+inline void Object::Set(Table const& table, Column const& column, Value const& value) {
+  if (column.type == Type::kReference && !table.system) {
+    auto const* const target = std::get_if<ObjectId>(&value);
+    if (target != nullptr) RequireTarget(*transaction_, table, column, *target);
+    detail::Rules const* const rules = transaction_->rules();
+    if (rules != nullptr && (target != nullptr || IsNull(value))) {
+      return detail::PutReference(*rules, *transaction_, At(table, column), table.setspec, column,
+                                  target == nullptr ? ObjectId{} : *target);
+    }
+  }
+  detail::PutValue(At(table, column), column.type, value);
+}
+
+inline void Object::Delete() {
+  detail::Rules const* const rules = transaction_->rules();
+  if (rules != nullptr) return detail::DeleteByRules(*rules, *transaction_, id());
+  detail::CheckKernel(
+      lorv_context_delete(transaction_->context(), reference_.oid, reference_.addr));
 }
 
 inline void Object::Set(TextView const& column, Value const& value) {

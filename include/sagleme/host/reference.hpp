@@ -2,9 +2,10 @@
 #define SAGLEME_HOST_REFERENCE_HPP
 
 // Which objects a reference may lead to when it is written: existing objects of the column's target
-// table or of its descendants. Deleting an object does not look for references to it, so a
-// reference may become dangling later; the check of <sagleme/check.hpp> finds it. The layer itself
-// maintains references in the catalogue.
+// table or of its descendants. What becomes of a reference when its target is deleted is the rule
+// of its column, see <sagleme/annotations.hpp>. Without one the reference stays and leads nowhere;
+// the check of <sagleme/check.hpp> finds it. The layer itself maintains references in the
+// catalogue.
 
 #include <sagleme/host/transaction.hpp>
 #include <string>
@@ -42,24 +43,46 @@ inline void RequireTarget(Transaction& transaction, std::u16string const& table,
   RefuseTarget(transaction, table, column, object);
 }
 
-// What a property keeps of its column, to look at references before they are written.
+// Writes a reference, null for 0, as the rule of its column says. `setspec` is that of a table with
+// the column.
+SAGLEME_HOST_API void PutReference(Rules const& rules, Transaction& transaction,
+                                   ColumnLocation const& at, std::u16string_view setspec,
+                                   Column const& column, ObjectId value);
+
+// Writes what a property holds, and looks at references first.
 template <typename T>
-class TargetRule {
+class PropertyWriter {
  public:
-  TargetRule(Table const&, Column const&) {}
-  void Require(Transaction&, T const&) const {}
+  PropertyWriter(Table const&, Column const&) {}
+  template <typename Stored>
+  void Put(Transaction&, ColumnLocation const& at, Stored const& value) const {
+    CheckKernel(detail::Put(at, value));
+  }
 };
 template <>
-class TargetRule<ObjectId> {
+class PropertyWriter<ObjectId> {
  public:
-  TargetRule(Table const& table, Column const& column)
-      : table_(table.name), column_(column), exempt_(table.system) {}
-  void Require(Transaction& transaction, ObjectId value) const {
+  PropertyWriter(Table const& table, Column const& column)
+      : table_(table.name), setspec_(table.setspec), column_(column), exempt_(table.system) {}
+  void Put(Transaction& transaction, ColumnLocation const& at, ObjectId value) const {
     if (!exempt_) RequireTarget(transaction, table_, column_, value);
+    Write(transaction, at, value, value);
+  }
+  void Put(Transaction& transaction, ColumnLocation const& at, Null null) const {
+    Write(transaction, at, ObjectId{}, null);
   }
 
  private:
+  template <typename Stored>
+  void Write(Transaction& transaction, ColumnLocation const& at, ObjectId target,
+             Stored stored) const {
+    Rules const* const rules = exempt_ ? nullptr : transaction.rules();
+    if (rules != nullptr) return PutReference(*rules, transaction, at, setspec_, column_, target);
+    CheckKernel(detail::Put(at, stored));
+  }
+
   std::u16string table_;
+  std::u16string setspec_;
   Column column_;
   bool exempt_;
 };

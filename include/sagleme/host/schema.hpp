@@ -52,6 +52,9 @@ class ColumnArray {
   std::vector<LORV_COLUMN_DEFINITION_NAMES> entries_;
 };
 
+// Removes the annotations of what is no longer there.
+SAGLEME_HOST_API void DropStaleAnnotations(Transaction& transaction);
+
 // Runs one change and forgets the previous schema, even if the change fails.
 template <typename Change>
 void ChangeSchema(Transaction& transaction, Change&& change) {
@@ -135,6 +138,7 @@ inline void DropColumn(Transaction& transaction, Text const& table, Text const& 
   detail::ChangeSchema(transaction, [&](std::uint64_t context) {
     return lorv_alter_table_drop_column_by_names(context, table.c_str(), column.c_str(), nullptr);
   });
+  detail::DropStaleAnnotations(transaction);
 }
 
 inline void RenameColumn(Transaction& transaction, Text const& table, Text const& column,
@@ -165,12 +169,14 @@ void DropTables(Transaction& transaction, Names const& names, DropOptions option
   detail::ChangeSchema(transaction, [&](std::uint64_t context) {
     return lorv_drop_tables_by_names(context, array.data(), options.children, options.force);
   });
+  detail::DropStaleAnnotations(transaction);
 }
 
 inline void DropTable(Transaction& transaction, Text const& name, DropOptions options = {}) {
   detail::ChangeSchema(transaction, [&](std::uint64_t context) {
     return lorv_drop_table_by_name(context, name.c_str(), options.children, options.force);
   });
+  detail::DropStaleAnnotations(transaction);
 }
 
 namespace detail {
@@ -213,6 +219,7 @@ inline void DropIndex(Transaction& transaction, Text const& name) {
   detail::ChangeSchema(transaction, [&](std::uint64_t context) {
     return lorv_drop_index_by_name(context, name.c_str());
   });
+  detail::DropStaleAnnotations(transaction);
 }
 
 }  // namespace sagleme

@@ -112,8 +112,12 @@ inline LS_OBJ_REF CatalogueRef(LS_OBJ_REF const& row, unsigned column) {
   return metalayer::db_record(row).get_ref(column);
 }
 
-// The catalogue's own tables: two name spaces and a fixed list.
+// The name space of the tables that the host library keeps for itself.
+inline constexpr std::u16string_view kHostSpace = u"Sagleme.Internal.";
+
+// The catalogue's own tables: two name spaces and a fixed list; and those of the host library.
 inline bool IsSystemTable(std::u16string_view full_name) {
+  if (full_name.starts_with(kHostSpace)) return true;
   constexpr std::u16string_view kPublic = u"Lorvenstack.Metadata.";
   constexpr std::u16string_view kInternal = u"Lorvenstack.Internal.Metadata.";
   for (auto const& record : metalayer::metaschema_init_generated_from_json) {

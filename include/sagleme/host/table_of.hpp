@@ -191,7 +191,8 @@ class TableOf {
 
   Table const& table() const { return *mapped_->table; }
 
-  // Creates an object of the struct's table.
+  // Creates an object of the struct's table. Columns that the struct does not map have their
+  // defaults. SAGLEME_ABSTRACT_TABLE as for Object::Create.
   Object Insert(T const& value) const;
   // REQUIRES: an object of the table or of one derived from it.
   T Read(Object const& object) const { return mapped_->Read(object); }
@@ -237,9 +238,12 @@ Object TableOf<T>::Insert(T const& value) const {
   std::uint64_t const context = transaction().context();
   std::uint64_t oid = 0;
   detail::RequireOwn(transaction(), table());
+  detail::Rules const* const rules = transaction().rules();
+  if (rules != nullptr) detail::RequireConcrete(*rules, table());
   detail::CheckKernel(lorv_context_insert(context, table().layout, &oid));
   Object made(transaction(), LS_OBJ_REF{oid, table().layout});
   try {
+    if (rules != nullptr) detail::PutDefaults(*rules, made, table());
     mapped_->Write(made, value);
     detail::CheckKernel(
         lorv_context_put_setspec(context, oid, table().layout, table().setspec.c_str()));
@@ -259,6 +263,7 @@ std::optional<T> TableOf<T>::Find(ObjectId id) const {
 
 template <Mapped T>
 void TableOf<T>::Write(Object const& object, T const& value) const {
+  transaction().rules();  // what they require of the transaction outlives the savepoint
   Savepoint whole(static_cast<RawTransaction&>(transaction()));
   mapped_->Write(object, value);
   whole.Release();

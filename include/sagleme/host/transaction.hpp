@@ -8,6 +8,7 @@
 
 #include <functional>
 #include <map>
+#include <memory>
 #include <sagleme/host/table.hpp>
 #include <set>
 #include <string>
@@ -17,7 +18,16 @@
 
 namespace sagleme {
 
+class Transaction;
+
 namespace detail {
+
+// What the annotations of a database ask of writes, see <sagleme/annotations.hpp>.
+class Rules;
+
+// Null if the database has no annotations that writes must heed. `fresh`: what is known of earlier
+// transactions may not hold in this one.
+SAGLEME_HOST_API std::shared_ptr<Rules const> ReadRules(Transaction& transaction, bool fresh);
 
 // Whether the table of an object is there.
 inline bool IsOfLiveTable(std::uint64_t context, std::uint64_t oid);
@@ -74,6 +84,14 @@ class Transaction : public RawTransaction {
   std::uint64_t Generation();
 
   detail::LiveLayouts& live_layouts() { return live_layouts_; }
+  // What annotations ask of writes; null for nothing. Read once, when it is first asked for.
+  detail::Rules const* rules() {
+    if (!rules_known_) [[unlikely]] {
+      rules_ = detail::ReadRules(*this, schema_changed_);
+      rules_known_ = true;
+    }
+    return rules_.get();
+  }
   // Discards what is kept of the schema. Call it after schema changes.
   void Forget() {
     by_id_.clear();
@@ -81,6 +99,9 @@ class Transaction : public RawTransaction {
     by_name_.clear();
     held_.clear();
     live_layouts_.Forget();
+    rules_.reset();
+    rules_known_ = false;
+    schema_changed_ = true;
   }
 
  private:
@@ -93,6 +114,9 @@ class Transaction : public RawTransaction {
   // Layouts whose objects a table holds: all objects of a layout belong to one table.
   std::set<std::pair<std::uint64_t, std::uint16_t>> held_;
   detail::LiveLayouts live_layouts_;
+  std::shared_ptr<detail::Rules const> rules_;
+  bool rules_known_ = false;
+  bool schema_changed_ = false;  // or a savepoint was rolled back to
 };
 
 // The root table, which all others derive from.
