@@ -1,5 +1,8 @@
 #include <fmt/format.h>
 
+#include <sagleme/annotations.hpp>
+#include <sagleme/value_text.hpp>
+
 #include "commands/commands.h"
 #include "output/listing.h"
 #include "output/text.h"
@@ -48,52 +51,128 @@ std::string IndexColumns(sagleme::Index const& index) {
   return text;
 }
 
-Listing ColumnList(sagleme::Transaction& transaction, sagleme::Table const& table, bool system) {
-  Listing listing({"column", "type", "nullable", "target", "from"});
+// What is to be shown of a table. Columns of annotations are shown if there are any.
+struct Shown {
+  std::vector<sagleme::Column const*> columns;
+  std::vector<sagleme::Index> indexes;
+  bool defaults = false;
+  bool rules = false;
+  bool column_comments = false;
+  bool index_comments = false;
+};
+
+// The indexes that cover a table are its own and those of its bases.
+Shown WhatToShow(sagleme::Transaction& transaction, sagleme::Table const& table, bool system) {
+  Shown shown;
   for (sagleme::Column const& column : table.columns) {
     if (column.system() && !system) continue;
-    listing.Add({Cell::Text(sagleme::ToUtf8(column.name)),
-                 Cell::Text(std::string(sagleme::TypeName(column.type))),
-                 Cell::Bool(column.nullable),
-                 column.target.empty() ? Cell{} : Cell::Text(sagleme::ToUtf8(column.target)),
-                 Cell::Text(Origin(transaction, table, column))});
+    shown.columns.push_back(&column);
+    shown.defaults |= !sagleme::IsNull(sagleme::DefaultOf(transaction, table, column));
+    shown.rules |= sagleme::OnDeleteOf(transaction, table, column) != sagleme::OnDelete::kKeep;
+    shown.column_comments |= !sagleme::CommentOf(transaction, table, column).empty();
   }
-  return listing;
-}
-
-// The indexes that cover a table: its own and those of its bases.
-Listing IndexList(sagleme::Transaction& transaction, sagleme::Table const& table, bool system) {
-  Listing listing({"index", "unique", "columns", "from"});
   for (sagleme::TablePtr at = transaction.table(table.name); at != nullptr;
        at = at->base.empty() ? nullptr : transaction.table(at->base)) {
     if (at->system && !system) continue;
     for (sagleme::Index const& index : at->indexes) {
-      listing.Add({Cell::Text(sagleme::ToUtf8(index.name)), Cell::Bool(index.unique),
-                   Cell::Text(IndexColumns(index)), Cell::Text(sagleme::ToUtf8(at->name))});
+      shown.indexes.push_back(index);
+      shown.index_comments |= !sagleme::CommentOf(transaction, index).empty();
     }
+  }
+  return shown;
+}
+
+Cell TextOrNothing(std::string const& text) { return text.empty() ? Cell{} : Cell::Text(text); }
+
+Cell RuleCell(sagleme::OnDelete rule) {
+  return rule == sagleme::OnDelete::kKeep ? Cell{}
+                                          : Cell::Text(std::string(sagleme::OnDeleteName(rule)));
+}
+
+Cell DefaultCell(sagleme::Value const& value) {
+  return sagleme::IsNull(value) ? Cell{} : Cell::Text(sagleme::ValueText(value));
+}
+
+Listing ColumnList(sagleme::Transaction& transaction, sagleme::Table const& table,
+                   Shown const& shown) {
+  std::vector<std::string> heading{"column", "type", "nullable", "target", "from"};
+  if (shown.defaults) heading.emplace_back("default");
+  if (shown.rules) heading.emplace_back("on delete");
+  if (shown.column_comments) heading.emplace_back("comment");
+  Listing listing(heading);
+  for (sagleme::Column const* const each : shown.columns) {
+    sagleme::Column const& column = *each;
+    std::vector<Cell> row{Cell::Text(sagleme::ToUtf8(column.name)),
+                          Cell::Text(std::string(sagleme::TypeName(column.type))),
+                          Cell::Bool(column.nullable),
+                          TextOrNothing(sagleme::ToUtf8(column.target)),
+                          Cell::Text(Origin(transaction, table, column))};
+    if (shown.defaults) row.push_back(DefaultCell(DefaultOf(transaction, table, column)));
+    if (shown.rules) row.push_back(RuleCell(OnDeleteOf(transaction, table, column)));
+    if (shown.column_comments) row.push_back(TextOrNothing(CommentOf(transaction, table, column)));
+    listing.Add(std::move(row));
   }
   return listing;
 }
 
-void PrintAll(sagleme::Table const& table, std::string const& base, Listing const& columns,
-              Listing const& indexes, Output const& output) {
-  std::string const name = sagleme::ToUtf8(table.name);
+Listing IndexList(sagleme::Transaction& transaction, Shown const& shown) {
+  std::vector<std::string> heading{"index", "unique", "columns", "from"};
+  if (shown.index_comments) heading.emplace_back("comment");
+  Listing listing(heading);
+  for (sagleme::Index const& index : shown.indexes) {
+    std::vector<Cell> row{Cell::Text(sagleme::ToUtf8(index.name)), Cell::Bool(index.unique),
+                          Cell::Text(IndexColumns(index)),
+                          Cell::Text(sagleme::ToUtf8(index.table))};
+    if (shown.index_comments) row.push_back(TextOrNothing(CommentOf(transaction, index)));
+    listing.Add(std::move(row));
+  }
+  return listing;
+}
+
+// What is said of a table as a whole.
+struct Headline {
+  std::string name;
+  std::string base;
+  bool abstract = false;
+  std::string comment;
+
+  std::string Json() const {
+    std::string json = "  \"table\": " + JsonString(name);
+    json += ",\n  \"base\": " + (base.empty() ? "null" : JsonString(base));
+    if (abstract) json += ",\n  \"abstract\": true";
+    if (!comment.empty()) json += ",\n  \"comment\": " + JsonString(comment);
+    return json + ",\n";
+  }
+  std::string Text() const {
+    std::string text = Visible(name);
+    if (!base.empty()) text += ", derived from " + Visible(base);
+    if (abstract) text += ", abstract";
+    return text + "\n" + Paragraph();
+  }
+  std::string Markdown() const {
+    return "## " + Visible(name) + "\n" + (abstract ? "\nabstract\n" : "") + Paragraph();
+  }
+
+ private:
+  std::string Paragraph() const {
+    return comment.empty() ? "\n" : "\n" + Visible(comment) + "\n\n";
+  }
+};
+
+void PrintAll(Headline const& headline, Listing const& columns, Listing const& indexes,
+              Output const& output) {
   switch (output.format()) {
     case Format::kJson:
-      return output.Print(fmt::format(
-          "{{\n  \"table\": {},\n  \"base\": {},\n  \"columns\": {},\n  \"indexes\": {}\n}}\n",
-          JsonString(name), base.empty() ? "null" : JsonString(base), columns.Json("  "),
-          indexes.Json("  ")));
+      return output.Print(fmt::format("{{\n{}  \"columns\": {},\n  \"indexes\": {}\n}}\n",
+                                      headline.Json(), columns.Json("  "), indexes.Json("  ")));
     case Format::kCsv:
       return columns.Print(output);
     case Format::kTable:
     case Format::kRecords:
-      output.Print(base.empty()
-                       ? Visible(name) + "\n\n"
-                       : fmt::format("{}, derived from {}\n\n", Visible(name), Visible(base)));
+      output.Print(headline.Text());
       break;
     case Format::kMarkdown:
-      output.Print("## " + Visible(name) + "\n\n");
+      output.Print(headline.Markdown());
       break;
   }
   columns.Print(output);
@@ -107,8 +186,11 @@ Exit DescribeCommand::Run(Session& session, Output& output) {
     sagleme::TablePtr const table = TableNamed(transaction, table_);
     bool const system = system_ || table->system;
     bool const show_base = system || !sagleme::detail::IsSystemTable(table->base);
-    PrintAll(*table, show_base ? sagleme::ToUtf8(table->base) : "",
-             ColumnList(transaction, *table, system), IndexList(transaction, *table, system),
+    Shown const shown = WhatToShow(transaction, *table, system);
+    Headline const headline{sagleme::ToUtf8(table->name),
+                            show_base ? sagleme::ToUtf8(table->base) : "",
+                            IsAbstract(transaction, *table), CommentOf(transaction, *table)};
+    PrintAll(headline, ColumnList(transaction, *table, shown), IndexList(transaction, shown),
              output);
   });
   return Exit::kDone;

@@ -1,5 +1,6 @@
 #include <fmt/format.h>
 
+#include <sagleme/annotations.hpp>
 #include <sagleme/host/duplicates.hpp>
 
 #include "commands/commands.h"
@@ -69,14 +70,15 @@ std::vector<sagleme::NewValue> NewValues::Parse(sagleme::Transaction& transactio
   return values;
 }
 
-// A new object has values where its table takes no null.
-void RequireValues(sagleme::Table const& table, std::vector<sagleme::NewValue> const& values) {
+// A new object has values or defaults where its table takes no null.
+void RequireValues(sagleme::Transaction& transaction, sagleme::Table const& table,
+                   std::vector<sagleme::NewValue> const& values) {
   for (sagleme::Column const& column : table.columns) {
     if (column.system() || column.nullable || sagleme::MustBeNullable(column.type)) continue;
     bool const given =
         std::any_of(values.begin(), values.end(),
                     [&](sagleme::NewValue const& each) { return each.column == &column; });
-    if (given) continue;
+    if (given || !sagleme::IsNull(sagleme::DefaultOf(transaction, table, column))) continue;
     throw Failure(Exit::kRefused,
                   fmt::format("column {} of {} needs a value", sagleme::ToUtf8(column.name),
                               sagleme::ToUtf8(table.name)));
@@ -121,7 +123,7 @@ Exit Insert::Run(Session& session, Output& output) {
   session.Write([&](sagleme::Transaction& transaction) {
     sagleme::TablePtr const table = UserTableNamed(transaction, table_);
     auto const values = values_.Parse(transaction, *table);
-    RequireValues(*table, values);
+    RequireValues(transaction, *table, values);
     auto object = sagleme::Object::Create(transaction, *table);
     Assign(transaction, object, *table, values);
     output.Print(fmt::format("{}\n", object.id().value));
@@ -182,7 +184,8 @@ class Delete : public Command {
   std::string name() const override { return "delete"; }
   std::string summary() const override { return "Delete objects"; }
   std::string details() const override {
-    return "References to a deleted object stay as they are; check finds them.";
+    return "References to a deleted object follow the rules of their columns: see on_delete in "
+           "docs/schema.md. Those without a rule stay as they are; check finds them.";
   }
   std::vector<Example> examples() const override {
     return {{"delete shop 131073", "one object"}, {"delete shop 131073 131074", "both, or none"}};
@@ -197,15 +200,17 @@ class Delete : public Command {
 };
 
 Exit Delete::Run(Session& session, Output& output) {
+  std::uint64_t count = 0;
   session.Write([&](sagleme::Transaction& transaction) {
-    std::vector<sagleme::Object> objects;
+    std::vector<sagleme::ObjectId> objects;
     for (std::string const& id : ids_) {
-      objects.push_back(ObjectNamed(transaction, id));
-      UserTableOf(objects.back());
+      sagleme::Object const object = ObjectNamed(transaction, id);
+      UserTableOf(object);
+      objects.push_back(object.id());
     }
-    for (sagleme::Object& object : objects) object.Delete();
+    count = sagleme::DeleteObjects(transaction, objects);
   });
-  output.Note(fmt::format("deleted {}\n", Counted(ids_.size(), "objects")));
+  output.Note(fmt::format("deleted {}\n", Counted(count, "objects")));
   return Exit::kDone;
 }
 
