@@ -1,6 +1,7 @@
 #include "schema.h"
 
 #include <algorithm>
+#include <sagleme/annotations.hpp>
 #include <set>
 
 namespace sagleme::sql {
@@ -96,10 +97,18 @@ ShapeIndex IndexOf(Shape const& shape, Index const& index, bool own) {
   return made;
 }
 
+void FindDefaults(Transaction& transaction, Shape& shape) {
+  for (ShapeColumn& column : shape.columns) {
+    Column const& own = shape.table->columns[column.ordinal];
+    column.has_default = !IsNull(DefaultOf(transaction, *shape.table, own));
+  }
+}
+
 struct Tree {
   std::map<std::u16string, TablePtr> by_name;
   std::map<std::u16string, TablePtr> by_setspec;  // a table precedes those derived from it
   std::map<std::uint64_t, std::uint64_t> tokens;  // of a table's layouts, by the catalogue's row
+  Transaction* annotated = nullptr;               // null: there are no annotations
 };
 
 void AddIndexes(Shape& shape, Tree const& tree) {
@@ -126,6 +135,7 @@ ShapePtr MakeShape(TablePtr const& table, bool only, Tree const& tree) {
     shape->layout_tokens.push_back(tree.tokens.at(at->second->row.oid));
   }
   AddIndexes(*shape, tree);
+  if (tree.annotated != nullptr) FindDefaults(*tree.annotated, *shape);
   shape->declaration = DeclarationOf(*shape);
   return shape;
 }
@@ -215,6 +225,7 @@ SchemaPtr Schema::Read(Transaction& transaction) {
   schema->generation_ = transaction.Generation();
   std::vector<TablePtr> const tables = transaction.Tables(true);
   Tree tree;
+  if (!Annotations(transaction).empty()) tree.annotated = &transaction;
   for (TablePtr const& table : tables) {
     tree.by_name[table->name] = table;
     tree.by_setspec[table->setspec] = table;

@@ -19,6 +19,7 @@ struct ShapeColumn {
   Type type = Type::kString;
   std::uint16_t ordinal = 0;
   bool nullable = true;
+  bool has_default = false;
 };
 
 // An index that covers the objects of a table, declared by it or by a table above it.

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <map>
+#include <sagleme/annotations.hpp>
 #include <vector>
 
 #include "attachment.h"
@@ -49,6 +50,7 @@ class Row {
         shape_(*table.shape),
         at_(table.Attached()),
         context_(at_.context()),
+        rules_(at_.transaction().rules()),
         columns_(columns) {}
 
   sqlite3_int64 Insert(sqlite3_value* id);
@@ -68,7 +70,10 @@ class Row {
   void Assign(std::uint64_t oid);
   void ClearTheWay(Table const& table, std::uint64_t oid);
   void PutAll(Table const& table, std::uint64_t oid);
+  void RequireConcrete(Table const& table) const;
   void RequireTarget(Table const& table, Assignment const& assignment) const;
+  void Put(Table const& table, std::uint64_t oid, Assignment const& assignment) const;
+  void DeleteObject(std::uint64_t oid) const;
   void Check(std::uint32_t status) const;
   std::string UniqueIndexes() const;
   bool replaces() const {
@@ -82,6 +87,7 @@ class Row {
   Shape const& shape_;
   Attachment& at_;
   std::uint64_t context_;
+  detail::Rules const* rules_;  // read before savepoints, which would undo what they require
   sqlite3_value** columns_;
   std::vector<Assignment> assignments_;
 };
@@ -99,7 +105,10 @@ void Row::ReadAssignments(bool insert) {
   for (std::size_t i = 0; i < shape_.columns.size(); ++i) {
     if (!insert && !Given(i)) continue;
     bool const null = sqlite3_value_type(columns_[i]) == SQLITE_NULL;
-    if (insert && null && shape_.columns[i].nullable) continue;
+    // SQLite does not tell a column that an INSERT names from one that it does not: null stands for
+    // what a new object has by itself, its default or null.
+    bool const by_itself = shape_.columns[i].nullable || shape_.columns[i].has_default;
+    if (insert && null && by_itself) continue;
     assignments_.push_back({&shape_.columns[i], Input(shape_.columns[i], columns_[i])});
   }
 }
@@ -179,12 +188,22 @@ void Row::Check(std::uint32_t status) const {
 
 std::uint64_t Row::Create(Table const& table, std::uint64_t id) {
   std::uint64_t oid = id;
+  RequireConcrete(table);
   if (id == 0) {
     Check(lorv_context_insert(context_, table.layout, &oid));
   } else {
     Check(lorvi_context_insert_with_id(context_, table.layout, id));
   }
   return oid;
+}
+
+void Row::RequireConcrete(Table const& table) const {
+  if (rules_ == nullptr) return;
+  try {
+    detail::RequireConcrete(*rules_, table);
+  } catch (Error const& error) {
+    throw Failure(SQLITE_CONSTRAINT, error.what());
+  }
 }
 
 void Row::RequireTarget(Table const& table, Assignment const& assignment) const {
@@ -198,15 +217,41 @@ void Row::RequireTarget(Table const& table, Assignment const& assignment) const 
   }
 }
 
+void Row::Put(Table const& table, std::uint64_t oid, Assignment const& assignment) const {
+  ShapeColumn const& shown = *assignment.column;
+  if (rules_ == nullptr || shown.type != Type::kReference) {
+    return Check(assignment.input.Put(At(oid, table.layout, shown)));
+  }
+  auto const* const target = std::get_if<ObjectId>(&assignment.input.value());
+  detail::PutReference(*rules_, at_.transaction(), {context_, oid, table.layout, shown.ordinal},
+                       table.setspec, table.columns[shown.ordinal],
+                       target == nullptr ? ObjectId{} : *target);
+}
+
 void Row::PutAll(Table const& table, std::uint64_t oid) {
   for (Assignment const& each : assignments_) {
     RequireTarget(table, each);
-    Check(each.input.Put(At(oid, table.layout, *each.column)));
+    Put(table, oid, each);
+  }
+}
+
+void Row::DeleteObject(std::uint64_t oid) const {
+  if (rules_ == nullptr) return Check(lorv_context_delete(context_, oid, 0));
+  if (!Exists(oid)) return;  // it went along with another one
+  try {
+    detail::DeleteByRules(*rules_, at_.transaction(), ObjectId{oid});
+  } catch (Error const& error) {
+    if (error.status() != SAGLEME_OBJECT_REFERENCED) throw;
+    throw Failure(SQLITE_CONSTRAINT, std::string("FOREIGN KEY constraint failed: ") + error.what());
   }
 }
 
 // An object enters the indexes once, with its set specifier, when it has its values.
 void Row::Fill(Table const& table, std::uint64_t oid) {
+  if (rules_ != nullptr) {
+    Object const made(at_.transaction(), LS_OBJ_REF{oid, table.layout});
+    detail::PutDefaults(*rules_, made, table);
+  }
   PutAll(table, oid);
   Check(lorv_context_put_setspec(context_, oid, table.layout, table.setspec.c_str()));
 }
@@ -242,7 +287,7 @@ void Row::ClearTheWay(Table const& table, std::uint64_t oid) {
     values.emplace(each.column->ordinal, each.input.value());
   }
   for (ObjectId const id : InTheWay(at_.transaction(), table, values, ObjectId{oid})) {
-    Check(lorv_context_delete(context_, id.value, 0));
+    DeleteObject(id.value);
   }
 }
 
@@ -264,7 +309,7 @@ void Row::Update(std::uint64_t oid) {
 
 void Row::Delete(std::uint64_t oid) {
   at_.NoteWrite();
-  Check(lorv_context_delete(context_, oid, 0));
+  DeleteObject(oid);
 }
 
 }  // namespace
