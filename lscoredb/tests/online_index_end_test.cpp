@@ -243,6 +243,41 @@ TEST_F(OnlineIndexFileTest, LargeIndex_IsSortedInFilesThatAreGoneAfterwards) {
   EXPECT_EQ(static_cast<std::size_t>(kMany), session.Scan(index).size());
 }
 
+// Each step needs a little more room than the one before it.
+TEST_F(OnlineIndexFileTest, FullDatabase_KeepsTheBuildAsItWas) {
+  constexpr int kMany = 20000;
+  MakeRows(directory_.path(), kMany);
+  lscoredb_options tight = NoSync();
+  tight.max_file_size = std::filesystem::file_size(directory_ / "data.mdb") + (400u << 10);
+  std::uint64_t done = 0;
+  IndexId index = 0;
+  {
+    Database const database(directory_.path(), tight);
+    Session session(database);
+    index = PrepareIn(session);
+    lscoredb_index_build build = Sized();
+    std::uint32_t status = 0;
+    while (status == 0 && build.state != LSCOREDB_INDEX_READY) {
+      done = build.done;
+      status = lscoredb_build_index(session.context(), index, 100, &build);
+    }
+    EXPECT_STATUS(LSCOREDB_MAP_FULL, status);
+    EXPECT_GT(done, 100u);
+  }
+  Database const database(directory_.path());
+  Session session(database);
+  lscoredb_index_build build = Sized();
+  std::uint32_t count = 1;
+  EXPECT_STATUS(0, lscoredb_index_builds(session.context(), &count, &build));
+  EXPECT_EQ(done, build.done);
+  while (StepIn(session, index, 1000) != LSCOREDB_INDEX_READY) {
+  }
+  session.Begin();
+  EXPECT_EQ(index, session.CreateIndex(kToken, kSet, {{LORV_TYPE_LONG, kNumberToken}}));
+  EXPECT_EQ(static_cast<std::size_t>(kMany), session.Scan(index).size());
+  session.Commit();
+}
+
 TEST_F(OnlineIndexFileTest, ReadOnlyDatabase_RefusesBuilds) {
   MakeRows(directory_.path(), 3);
   lscoredb_options options = NoSync();
