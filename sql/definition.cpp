@@ -3,9 +3,11 @@
 #include <algorithm>
 #include <array>
 #include <sagleme/schema_plan.hpp>
+#include <sagleme/value_text.hpp>
 #include <set>
 
 #include "failure.h"
+#include "literals.h"
 #include "schema.h"
 
 namespace sagleme::sql {
@@ -56,6 +58,58 @@ ColumnDoc DocOf(Column const& column) {
   return doc;
 }
 
+// The annotation as plans have it, of a column of that type.
+change::Annotate AnnotationFor(std::string const& table, ColumnDefinition const& column,
+                               Annotation::Kind kind) {
+  change::Annotate made{table, column.name, {}, kind, {}};
+  if (kind == Annotation::Kind::kDefault) {
+    Value const value = ParseLiteral(column.type, column.fallback);
+    if (!IsNull(value)) made.text = ValueJson(value);
+  } else if (column.on_delete != OnDelete::kKeep) {
+    made.text = OnDeleteName(column.on_delete);
+  }
+  return made;
+}
+
+// What the options of new columns annotate.
+Plan AnnotationsOf(std::string const& table, std::vector<ColumnDefinition> const& columns) {
+  Plan plan;
+  for (ColumnDefinition const& column : columns) {
+    for (auto const kind : {Annotation::Kind::kDefault, Annotation::Kind::kOnDelete}) {
+      bool const given = kind == Annotation::Kind::kDefault ? !column.fallback.empty()
+                                                            : column.on_delete != OnDelete::kKeep;
+      if (!given) continue;
+      change::Annotate annotation = AnnotationFor(table, column, kind);
+      if (annotation.text) plan.push_back(std::move(annotation));
+    }
+  }
+  return plan;
+}
+
+Plan PlanOfAnnotation(Transaction& transaction, AnnotateStatement const& it) {
+  change::Annotate made{"", it.column, it.index, it.kind, {}};
+  if (it.index.empty()) {
+    made.table = ToUtf8(FullName(transaction, it.table));
+  } else {
+    auto const index = transaction.FindIndex(ToUtf16(it.index));
+    if (!index) throw Failure(SQLITE_ERROR, "no such index: " + it.index);
+    made.table = ToUtf8(index->table);
+  }
+  if (it.kind == Annotation::Kind::kDefault) {
+    Column const& column = RequireTable(transaction, it.table)->GetColumn(ToUtf16(it.column));
+    Value const value = ParseLiteral(column.type, it.text);
+    if (!IsNull(value)) made.text = ValueJson(value);
+  } else if (it.kind == Annotation::Kind::kComment) {
+    std::string const text = it.removes ? "" : TextOfLiteral(it.text);
+    if (!text.empty()) made.text = text;
+  } else if (it.kind == Annotation::Kind::kOnDelete) {
+    if (it.text != OnDeleteName(OnDelete::kKeep)) made.text = it.text;
+  } else if (!it.removes) {
+    made.text = "";
+  }
+  return {made};
+}
+
 std::vector<TablePtr> Subtree(Transaction& transaction, TablePtr const& top) {
   std::vector<TablePtr> tables{top};
   for (TablePtr const& child : transaction.Children(*top)) {
@@ -91,11 +145,13 @@ class Applier {
     std::u16string const base = it.base.empty() ? u"" : FullName(transaction_, it.base);
     CreateTable(transaction_, ToUtf16(it.table), base, specs);
     FinishReferences(transaction_);
+    ApplyPlan(transaction_, AnnotationsOf(it.table, it.columns));
   }
   void operator()(AddColumnStatement const& it) const {
     RequireTarget(it.column);
     AddColumns(transaction_, FullName(transaction_, it.table),
                std::array{SpecOf(transaction_, it.column)});
+    ApplyPlan(transaction_, AnnotationsOf(ToUtf8(FullName(transaction_, it.table)), {it.column}));
   }
   void operator()(DropColumnStatement const& it) const {
     DropColumn(transaction_, FullName(transaction_, it.table), ToUtf16(it.column));
@@ -126,6 +182,9 @@ class Applier {
     CreateIndex(transaction_, ToUtf16(it.index), FullName(transaction_, it.table), parts,
                 it.unique ? Uniqueness::kUnique : Uniqueness::kAny);
   }
+  void operator()(AnnotateStatement const& it) const {
+    ApplyPlan(transaction_, PlanOfAnnotation(transaction_, it));
+  }
   void operator()(DropIndexStatement const& it) const {
     if (it.if_exists && !transaction_.FindIndex(ToUtf16(it.index)).has_value()) return;
     DropIndex(transaction_, ToUtf16(it.index));
@@ -148,12 +207,13 @@ class Planner {
     TableDoc table;
     table.name = it.table;
     if (!it.base.empty()) table.base = Full(it.base);
-    return {change::CreateTable{table}};
+    return Together(change::CreateTable{table}, AnnotationsOf(it.table, it.columns));
   }
   Plan operator()(AddColumnStatement const& it) const {
     ColumnDoc column;
     column.name = it.column.name;
-    return {change::AddColumns{Full(it.table), {column}}};
+    return Together(change::AddColumns{Full(it.table), {column}},
+                    AnnotationsOf(Full(it.table), {it.column}));
   }
   Plan operator()(DropColumnStatement const& it) const {
     return {change::DropColumn{Full(it.table), it.column}};
@@ -195,8 +255,14 @@ class Planner {
     return {change::CreateIndex{Full(it.table), {it.index, it.unique, {}}}};
   }
   Plan operator()(DropIndexStatement const& it) const { return {change::DropIndex{it.index}}; }
+  Plan operator()(AnnotateStatement const& it) const { return PlanOfAnnotation(transaction_, it); }
 
  private:
+  static Plan Together(Change first, Plan const& rest) {
+    Plan plan{std::move(first)};
+    plan.insert(plan.end(), rest.begin(), rest.end());
+    return plan;
+  }
   std::string Full(std::string const& table) const { return ToUtf8(FullName(transaction_, table)); }
 
   Transaction& transaction_;
@@ -235,15 +301,21 @@ std::string ColumnText(Column const& column) {
   return column.nullable || MustBeNullable(column.type) ? text : text + " NOT NULL";
 }
 
+std::string ColumnText(Transaction& transaction, Table const& table, Column const& column) {
+  Value const value = DefaultOf(transaction, table, column);
+  return IsNull(value) ? ColumnText(column) : ColumnText(column) + " DEFAULT " + Literal(value);
+}
+
 bool IsLater(Column const& column, std::set<std::u16string> const& made) {
   return column.type == Type::kReference && !made.contains(column.target);
 }
 
-std::string TableText(Table const& table, bool derived, std::set<std::u16string> const& made) {
+std::string TableText(Transaction& transaction, Table const& table, bool derived,
+                      std::set<std::u16string> const& made) {
   std::string columns;
   for (Column const& column : table.columns) {
     if (column.inherited || column.system() || IsLater(column, made)) continue;
-    columns += (columns.empty() ? "\n  " : ",\n  ") + ColumnText(column);
+    columns += (columns.empty() ? "\n  " : ",\n  ") + ColumnText(transaction, table, column);
   }
   std::string text = "CREATE TABLE " + Quoted(ToUtf8(table.name)) + " (" + columns + ")";
   if (derived) text += " UNDER " + Quoted(ToUtf8(table.base));
@@ -258,6 +330,49 @@ std::string IndexText(Index const& index) {
     text += index.columns[i].ascending ? "" : " DESC";
   }
   return text + ");\n";
+}
+
+std::string_view SqlRule(OnDelete rule) {
+  switch (rule) {
+    case OnDelete::kRefuse:
+      return "RESTRICT";
+    case OnDelete::kSetNull:
+      return "SET NULL";
+    case OnDelete::kCascade:
+      return "CASCADE";
+    case OnDelete::kLast:
+      return "LAST";
+    case OnDelete::kKeep:
+      break;
+  }
+  return "NO ACTION";
+}
+
+std::string CommentText(std::string const& what, std::string const& comment) {
+  if (comment.empty()) return "";
+  return "COMMENT ON " + what + " IS " + Literal(Value(comment)) + ";\n";
+}
+
+// Rules come when all indexes are there: they make one only if there is none.
+std::string AnnotationText(Transaction& transaction, Table const& table) {
+  std::string const name = Quoted(ToUtf8(table.name));
+  std::string text;
+  if (IsAbstract(transaction, table)) text += "ALTER TABLE " + name + " SET ABSTRACT;\n";
+  text += CommentText("TABLE " + name, CommentOf(transaction, table));
+  for (Column const& column : table.columns) {
+    if (column.inherited || column.system()) continue;
+    std::string const quoted = Quoted(ToUtf8(column.name));
+    OnDelete const rule = OnDeleteOf(transaction, table, column);
+    if (rule != OnDelete::kKeep) {
+      text += "ALTER TABLE " + name + " ALTER COLUMN " + quoted + " SET ON DELETE ";
+      text.append(SqlRule(rule)).append(";\n");
+    }
+    text += CommentText("COLUMN " + name + "." + quoted, CommentOf(transaction, table, column));
+  }
+  for (Index const& index : table.indexes) {
+    text += CommentText("INDEX " + Quoted(ToUtf8(index.name)), CommentOf(transaction, index));
+  }
+  return text;
 }
 
 }  // namespace
@@ -294,18 +409,20 @@ std::string DefinitionsOf(Transaction& transaction, TablePtr const& top) {
   std::string text;
   std::string later;
   std::string indexes;
+  std::string annotations;
   for (TablePtr const& table : tables) {
     bool const derived = made.contains(table->base);
     made.insert(table->name);
-    text += TableText(*table, derived, made);
+    text += TableText(transaction, *table, derived, made);
     for (Column const& column : table->columns) {
       if (column.inherited || column.system() || !IsLater(column, made)) continue;
-      later += "ALTER TABLE " + Quoted(ToUtf8(table->name)) + " ADD COLUMN " + ColumnText(column) +
-               ";\n";
+      later += "ALTER TABLE " + Quoted(ToUtf8(table->name)) + " ADD COLUMN " +
+               ColumnText(transaction, *table, column) + ";\n";
     }
     for (Index const& index : table->indexes) indexes += IndexText(index);
+    annotations += AnnotationText(transaction, *table);
   }
-  return text + later + indexes;
+  return text + later + indexes + annotations;
 }
 
 }  // namespace sagleme::sql

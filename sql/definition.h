@@ -11,12 +11,18 @@
 //   DROP TABLE [IF EXISTS] name [CASCADE]
 //   CREATE [UNIQUE] INDEX [IF NOT EXISTS] name ON table ( column [ASC | DESC] [, ...] )
 //   DROP INDEX [IF EXISTS] name
+//   ALTER TABLE name SET [NOT] ABSTRACT
+//   ALTER TABLE name ALTER [COLUMN] name SET DEFAULT literal | DROP DEFAULT | SET ON DELETE rule
+//   COMMENT ON TABLE name | COLUMN table.name | INDEX name IS 'text' | NULL
 //   EXPLAIN any of these
 //
-//   column:  name type [NOT NULL | NULL]   or   name REF ( table )
+//   column:  name type [NOT NULL | NULL] [DEFAULT literal]   or
+//            name REF ( table ) [ON DELETE rule]
+//   rule:    RESTRICT | SET NULL | CASCADE | LAST | NO ACTION
 //
 // Names are plain words or in double quotes, and have segments with dots between them.
 
+#include <sagleme/annotations.hpp>
 #include <sagleme/host.hpp>
 #include <string>
 #include <string_view>
@@ -29,7 +35,9 @@ struct ColumnDefinition {
   std::string name;
   Type type = Type::kString;
   bool nullable = true;
-  std::string target;  // of a reference
+  std::string target = {};    // of a reference
+  std::string fallback = {};  // the literal of its default; empty: none
+  OnDelete on_delete = OnDelete::kKeep;
 };
 
 struct CreateTableStatement {
@@ -81,10 +89,20 @@ struct DropIndexStatement {
   bool if_exists = false;
 };
 
+// Sets or removes an annotation of a table, or of a column or an index.
+struct AnnotateStatement {
+  std::string table;
+  std::string column;  // empty: of the table or of the index
+  std::string index;   // empty: of the table or of the column
+  Annotation::Kind kind = Annotation::Kind::kComment;
+  std::string text;  // a comment, a literal, the name of a rule
+  bool removes = false;
+};
+
 using DefinitionStatement =
     std::variant<CreateTableStatement, AddColumnStatement, DropColumnStatement,
                  RenameColumnStatement, AlterColumnStatement, RenameTableStatement,
-                 DropTableStatement, CreateIndexStatement, DropIndexStatement>;
+                 DropTableStatement, CreateIndexStatement, DropIndexStatement, AnnotateStatement>;
 
 struct Definition {
   bool explain = false;

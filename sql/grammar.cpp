@@ -22,13 +22,18 @@ template <typename Word>
 struct keyword : peg::seq<Word, peg::not_at<letter_or_digit>, gap> {};
 #define SAGLEME_KEYWORD(name, text) \
   struct name : keyword<TAO_PEGTL_ISTRING(text)> {}
+SAGLEME_KEYWORD(kw_abstract, "abstract");
+SAGLEME_KEYWORD(kw_action, "action");
 SAGLEME_KEYWORD(kw_add, "add");
 SAGLEME_KEYWORD(kw_alter, "alter");
 SAGLEME_KEYWORD(kw_asc, "asc");
 SAGLEME_KEYWORD(kw_cascade, "cascade");
 SAGLEME_KEYWORD(kw_column, "column");
+SAGLEME_KEYWORD(kw_comment, "comment");
 SAGLEME_KEYWORD(kw_create, "create");
 SAGLEME_KEYWORD(kw_data, "data");
+SAGLEME_KEYWORD(kw_default, "default");
+SAGLEME_KEYWORD(kw_delete, "delete");
 SAGLEME_KEYWORD(kw_desc, "desc");
 SAGLEME_KEYWORD(kw_drop, "drop");
 SAGLEME_KEYWORD(kw_exists, "exists");
@@ -36,12 +41,16 @@ SAGLEME_KEYWORD(kw_explain, "explain");
 SAGLEME_KEYWORD(kw_if, "if");
 SAGLEME_KEYWORD(kw_index, "index");
 SAGLEME_KEYWORD(kw_inherits, "inherits");
+SAGLEME_KEYWORD(kw_is, "is");
+SAGLEME_KEYWORD(kw_last, "last");
+SAGLEME_KEYWORD(kw_no, "no");
 SAGLEME_KEYWORD(kw_not, "not");
 SAGLEME_KEYWORD(kw_null, "null");
 SAGLEME_KEYWORD(kw_on, "on");
 SAGLEME_KEYWORD(kw_parent, "parent");
 SAGLEME_KEYWORD(kw_ref, "ref");
 SAGLEME_KEYWORD(kw_rename, "rename");
+SAGLEME_KEYWORD(kw_restrict, "restrict");
 SAGLEME_KEYWORD(kw_set, "set");
 SAGLEME_KEYWORD(kw_table, "table");
 SAGLEME_KEYWORD(kw_to, "to");
@@ -78,8 +87,34 @@ struct no_length : peg::not_at<peg::one<'('>> {};
 struct plain_type : peg::seq<type_word, gap, peg::must<no_length>> {};
 struct column_type : peg::sor<reference_type, plain_type> {};
 struct not_null : peg::if_must<kw_not, kw_null> {};
-struct nullness : peg::opt<peg::sor<not_null, kw_null>> {};
-struct column : peg::seq<column_name, peg::must<column_type>, nullness> {};
+
+struct text_literal
+    : peg::seq<peg::one<'\''>, peg::star<peg::sor<peg::two<'\''>, peg::not_one<'\'', '\0'>>>,
+               peg::one<'\''>> {};
+struct bytes_literal : peg::seq<peg::one<'x', 'X'>, peg::one<'\''>,
+                                peg::star<peg::seq<peg::xdigit, peg::xdigit>>, peg::one<'\''>> {};
+struct exponent
+    : peg::seq<peg::one<'e', 'E'>, peg::opt<peg::one<'+', '-'>>, peg::plus<peg::digit>> {};
+struct number_literal
+    : peg::seq<peg::opt<peg::one<'+', '-'>>, peg::plus<peg::digit>,
+               peg::opt<peg::one<'.'>, peg::star<peg::digit>>, peg::opt<exponent>> {};
+struct word_literal : peg::seq<peg::sor<TAO_PEGTL_ISTRING("true"), TAO_PEGTL_ISTRING("false"),
+                                        TAO_PEGTL_ISTRING("null")>,
+                               peg::not_at<letter_or_digit>> {};
+struct default_literal : peg::sor<text_literal, bytes_literal, number_literal, word_literal> {};
+struct literal_end : peg::not_at<peg::sor<letter_or_digit, peg::one<'.'>>> {};
+struct default_clause : peg::if_must<kw_default, default_literal, literal_end, gap> {};
+
+struct rule_refuse : kw_restrict {};
+struct rule_cascade : kw_cascade {};
+struct rule_last : kw_last {};
+struct rule_set_null : peg::if_must<kw_set, kw_null> {};
+struct rule_keep : peg::if_must<kw_no, kw_action> {};
+struct delete_rule : peg::sor<rule_refuse, rule_cascade, rule_last, rule_set_null, rule_keep> {};
+struct on_delete : peg::if_must<kw_on, kw_delete, delete_rule> {};
+
+struct column_option : peg::sor<not_null, kw_null, default_clause, on_delete> {};
+struct column : peg::seq<column_name, peg::must<column_type>, peg::star<column_option>> {};
 struct column_end : peg::at<peg::one<',', ')'>> {};
 struct listed_column : peg::seq<peg::must<column>, peg::must<column_end>> {};
 struct column_list
@@ -120,10 +155,17 @@ struct new_type : peg::if_must<kw_type, column_type> {};
 struct takes_null : peg::if_must<kw_drop, kw_not, kw_null> {};
 struct new_nullness_or_type : peg::sor<not_null, new_type, peg::if_must<kw_data, new_type>> {};
 struct set_in_column : peg::if_must<kw_set, new_nullness_or_type> {};
-struct column_alteration : peg::sor<new_type, set_in_column, takes_null> {};
+struct set_default : peg::seq<kw_set, default_clause> {};
+struct drop_default : peg::seq<kw_drop, kw_default> {};
+struct set_rule : peg::seq<kw_set, on_delete> {};
+struct column_alteration
+    : peg::sor<new_type, set_default, drop_default, set_rule, set_in_column, takes_null> {};
 struct alter_column : peg::if_must<kw_alter, peg::opt<kw_column>, column_name, column_alteration> {
 };
-struct alteration : peg::sor<add_column, drop_column, renamed, set_parent, alter_column> {};
+struct said_not_abstract : kw_not {};
+struct set_abstract : peg::seq<kw_set, peg::opt<said_not_abstract>, kw_abstract> {};
+struct alteration
+    : peg::sor<add_column, drop_column, renamed, set_abstract, set_parent, alter_column> {};
 struct alter_table : peg::if_must<kw_alter, kw_table, table_name, alteration> {};
 
 struct drop_table : peg::if_must<kw_table, peg::opt<said_if>, table_name, peg::opt<said_cascade>> {
@@ -131,10 +173,20 @@ struct drop_table : peg::if_must<kw_table, peg::opt<said_if>, table_name, peg::o
 struct drop_index : peg::if_must<kw_index, peg::opt<said_if>, index_name> {};
 struct dropped : peg::sor<drop_table, drop_index> {};
 
+struct commented_column : dotted {};
+struct comment_on_table : peg::if_must<kw_table, table_name> {};
+struct comment_on_column : peg::if_must<kw_column, commented_column> {};
+struct comment_on_index : peg::if_must<kw_index, index_name> {};
+struct commented : peg::sor<comment_on_table, comment_on_column, comment_on_index> {};
+struct no_comment : kw_null {};
+struct comment_text : text_literal {};
+struct comment_or_null : peg::sor<no_comment, peg::seq<comment_text, gap>> {};
+struct comment : peg::if_must<kw_comment, kw_on, commented, kw_is, comment_or_null> {};
+
 struct create : peg::if_must<kw_create, created> {};
 struct drop : peg::if_must<kw_drop, dropped> {};
 struct statement_end : peg::sor<mark<';'>, peg::eof> {};
-struct statement : peg::sor<create, alter_table, drop> {};
+struct statement : peg::sor<create, alter_table, drop, comment> {};
 struct definition : peg::must<gap, peg::opt<said_explain>, statement, statement_end> {};
 
 // What the first words must be for the statement to be one of ours.
@@ -142,8 +194,8 @@ struct beginning
     : peg::seq<
           gap, peg::opt<kw_explain>,
           peg::sor<peg::seq<kw_create, peg::sor<kw_table, peg::seq<kw_unique, kw_index>, kw_index>>,
-                   peg::seq<kw_alter, kw_table>, peg::seq<kw_drop, peg::sor<kw_table, kw_index>>>> {
-};
+                   peg::seq<kw_alter, kw_table>, peg::seq<kw_comment, kw_on>,
+                   peg::seq<kw_drop, peg::sor<kw_table, kw_index>>>> {};
 
 // ---- what is said where something else is found
 
@@ -152,17 +204,27 @@ inline constexpr char const* expected = nullptr;
 #define SAGLEME_EXPECTED(rule, text) \
   template <>                        \
   inline constexpr char const* expected<rule> = text
-SAGLEME_EXPECTED(statement, "CREATE TABLE, CREATE INDEX, ALTER TABLE, DROP TABLE or DROP INDEX");
+SAGLEME_EXPECTED(statement,
+                 "CREATE TABLE, CREATE INDEX, ALTER TABLE, DROP TABLE, DROP INDEX or COMMENT ON");
+SAGLEME_EXPECTED(default_literal, "a number, a text in single quotes, TRUE, FALSE, NULL or X'...'");
+SAGLEME_EXPECTED(literal_end, "the end of the default");
+SAGLEME_EXPECTED(delete_rule, "RESTRICT, SET NULL, CASCADE, LAST or NO ACTION");
+SAGLEME_EXPECTED(kw_delete, "DELETE");
+SAGLEME_EXPECTED(kw_action, "ACTION");
+SAGLEME_EXPECTED(kw_is, "IS");
+SAGLEME_EXPECTED(commented, "TABLE, COLUMN or INDEX");
+SAGLEME_EXPECTED(commented_column, "the name of a table, a dot and the name of a column");
+SAGLEME_EXPECTED(comment_or_null, "a comment in single quotes, or NULL");
 SAGLEME_EXPECTED(created, "TABLE, INDEX or UNIQUE INDEX");
 SAGLEME_EXPECTED(create_index, "INDEX");
 SAGLEME_EXPECTED(dropped, "TABLE or INDEX");
-SAGLEME_EXPECTED(alteration, "ADD, DROP, RENAME, SET PARENT or ALTER COLUMN");
+SAGLEME_EXPECTED(alteration, "ADD, DROP, RENAME, SET ABSTRACT, SET PARENT or ALTER COLUMN");
 SAGLEME_EXPECTED(column_alteration, "TYPE, SET or DROP NOT NULL");
-SAGLEME_EXPECTED(new_nullness_or_type, "NOT NULL, DATA TYPE or TYPE");
+SAGLEME_EXPECTED(new_nullness_or_type, "NOT NULL, DATA TYPE, TYPE, DEFAULT or ON DELETE");
 SAGLEME_EXPECTED(new_type, "TYPE");
 SAGLEME_EXPECTED(statement_end, "the end of the statement");
 SAGLEME_EXPECTED(column_list, "( and the columns");
-SAGLEME_EXPECTED(column_end, "NOT NULL, a comma or )");
+SAGLEME_EXPECTED(column_end, "NOT NULL, DEFAULT, ON DELETE, a comma or )");
 SAGLEME_EXPECTED(column, "a column");
 SAGLEME_EXPECTED(column_type, "a type, or REF(table)");
 SAGLEME_EXPECTED(no_length, "no length or precision, which columns do not have");
@@ -241,8 +303,20 @@ struct Builder {
   bool unique = false;
   bool cascade = false;
   bool retypes = false;
+  bool concrete = false;
+  AnnotateStatement annotation;
+  bool annotates = false;
   Definition made;
 
+  void Annotate(Annotation::Kind kind, std::string text) {
+    annotation.kind = kind;
+    annotation.text = std::move(text);
+    annotates = true;
+  }
+  void FinishAnnotation() {
+    annotation.table = table;
+    made.statement = annotation;
+  }
   std::string TakeName() {
     std::string name;
     for (std::string const& each : segments) name += (name.empty() ? "" : ".") + each;
@@ -286,7 +360,7 @@ SAGLEME_ACTION(base_name, to.base = to.TakeName());
 SAGLEME_ACTION(new_table_name, to.new_table = to.TakeName());
 SAGLEME_ACTION(index_name, to.index = to.TakeName());
 SAGLEME_ACTION(new_column_name, to.new_column = to.TakeName());
-SAGLEME_ACTION(column_name, to.columns.push_back({to.TakeName(), Type::kString, true, ""});
+SAGLEME_ACTION(column_name, to.columns.push_back({to.TakeName(), Type::kString, true});
                to.descending.push_back(false));
 SAGLEME_ACTION(target_name, to.columns.back().type = Type::kReference;
                to.columns.back().target = to.TakeName());
@@ -325,8 +399,43 @@ SAGLEME_ACTION(set_parent, {
   Refuse(at.line, at.column, "a table keeps its base: make a new table and copy the objects");
 });
 SAGLEME_ACTION(new_type, to.retypes = true);
-SAGLEME_ACTION(alter_column,
-               (to.made.statement = AlterColumnStatement{to.table, to.columns.back(), to.retypes}));
+SAGLEME_ACTION(default_literal, to.columns.back().fallback = in.string());
+SAGLEME_ACTION(rule_refuse, to.columns.back().on_delete = OnDelete::kRefuse);
+SAGLEME_ACTION(rule_cascade, to.columns.back().on_delete = OnDelete::kCascade);
+SAGLEME_ACTION(rule_last, to.columns.back().on_delete = OnDelete::kLast);
+SAGLEME_ACTION(rule_set_null, to.columns.back().on_delete = OnDelete::kSetNull);
+SAGLEME_ACTION(rule_keep, to.columns.back().on_delete = OnDelete::kKeep);
+SAGLEME_ACTION(set_default, to.Annotate(Annotation::Kind::kDefault, to.columns.back().fallback));
+SAGLEME_ACTION(drop_default, to.Annotate(Annotation::Kind::kDefault, "NULL"));
+SAGLEME_ACTION(set_rule, to.Annotate(Annotation::Kind::kOnDelete,
+                                     std::string(OnDeleteName(to.columns.back().on_delete))));
+SAGLEME_ACTION(alter_column, {
+  if (to.annotates) {
+    to.annotation.column = to.columns.back().name;
+    to.FinishAnnotation();
+  } else {
+    to.made.statement = AlterColumnStatement{to.table, to.columns.back(), to.retypes};
+  }
+});
+SAGLEME_ACTION(said_not_abstract, to.concrete = true);
+SAGLEME_ACTION(set_abstract, {
+  to.Annotate(Annotation::Kind::kAbstract, "");
+  to.annotation.removes = to.concrete;
+  to.FinishAnnotation();
+});
+SAGLEME_ACTION(commented_column, {
+  auto const at = in.position();
+  if (to.segments.size() < 2) Refuse(at.line, at.column, "expected TABLE.COLUMN, found a name");
+  to.annotation.column = to.segments.back();
+  to.segments.pop_back();
+  to.table = to.TakeName();
+});
+SAGLEME_ACTION(no_comment, to.annotation.removes = true);
+SAGLEME_ACTION(comment_text, to.annotation.text = in.string());
+SAGLEME_ACTION(comment, {
+  to.annotation.index = to.index;
+  to.FinishAnnotation();
+});
 SAGLEME_ACTION(create_index, {
   CreateIndexStatement made{to.index, to.table, {}, to.unique, to.conditional};
   for (std::size_t i = 0; i < to.columns.size(); ++i) {

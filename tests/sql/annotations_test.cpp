@@ -100,5 +100,77 @@ TEST_F(AnnotationsTest, LastReference_TakesItsTargetAlong) {
   EXPECT_EQ(sql_("SELECT COUNT(*) FROM Person"), "0");
 }
 
+// ---- definitions
+
+class AnnotatingTest : public AnnotationsTest {
+ protected:
+  std::string operator()(std::string const& statement) {
+    std::string quoted;
+    for (char const c : statement) quoted += c == '\'' ? "''" : std::string(1, c);
+    return sql_("SELECT sagleme_exec('" + quoted + "')");
+  }
+  void Exec(std::string const& statement) {
+    std::string const result = (*this)(statement);
+    EXPECT_FALSE(result.starts_with("error")) << statement << ": " << result;
+  }
+};
+
+TEST_F(AnnotatingTest, Definitions_AnnotateAndTakeBack) {
+  Exec("CREATE TABLE Shop.Party (Name text DEFAULT 'O''Neill', Since bigint NOT NULL DEFAULT -7)");
+  Exec(
+      "CREATE TABLE Shop.Customer (Rate double DEFAULT 1.5e3, Code binary DEFAULT X'00ff', "
+      "Good boolean NOT NULL DEFAULT TRUE, Credit decimal) UNDER Shop.Party");
+  Exec("CREATE TABLE Shop.Orders (By REF(Shop.Customer) ON DELETE RESTRICT)");
+  Exec("ALTER TABLE Shop.Orders ADD COLUMN Next REF(Shop.Orders) ON DELETE SET NULL");
+  Exec("ALTER TABLE Shop.Party SET ABSTRACT");
+  Exec("ALTER TABLE Shop.Customer ALTER COLUMN Credit SET DEFAULT 12.345678");
+  Exec("ALTER TABLE Shop.Orders ALTER By SET ON DELETE CASCADE");
+  Exec("COMMENT ON TABLE Shop.Party IS 'whom we ''know'''");
+  Exec("COMMENT ON COLUMN Shop.Party.Name IS 'as on the letter'");
+  Exec("COMMENT ON INDEX Shop.Orders.By.Referrers IS 'made by the rule'");
+  EXPECT_EQ(sql_("INSERT INTO Customer DEFAULT VALUES"), "");
+  EXPECT_EQ(sql_("SELECT Name, Since, Rate, hex(Code), Good, Credit FROM Customer"),
+            "O'Neill|-7|1500.0|00FF|1|12.345678");
+  library_.Change([](Transaction& transaction) {
+    auto const party = transaction.table(u"Shop.Party");
+    auto const orders = transaction.table(u"Shop.Orders");
+    EXPECT_EQ("whom we 'know'", CommentOf(transaction, *party));
+    EXPECT_EQ("as on the letter", CommentOf(transaction, *party, party->GetColumn(u"Name")));
+    EXPECT_TRUE(IsAbstract(transaction, *party));
+    EXPECT_EQ(OnDelete::kCascade, OnDeleteOf(transaction, *orders, orders->GetColumn(u"By")));
+    EXPECT_EQ(OnDelete::kSetNull, OnDeleteOf(transaction, *orders, orders->GetColumn(u"Next")));
+  });
+  EXPECT_EQ((*this)("EXPLAIN COMMENT ON TABLE Shop.Party IS NULL"),
+            "instant      remove the comment on table Shop.Party");
+  Exec("COMMENT ON TABLE Shop.Party IS NULL");
+  Exec("ALTER TABLE Shop.Customer ALTER COLUMN Credit DROP DEFAULT");
+  Exec("ALTER TABLE Shop.Party SET NOT ABSTRACT");
+  Exec("ALTER TABLE Shop.Orders ALTER COLUMN By SET ON DELETE NO ACTION");
+  library_.Change([](Transaction& transaction) {
+    auto const party = transaction.table(u"Shop.Party");
+    auto const customer = transaction.table(u"Shop.Customer");
+    auto const orders = transaction.table(u"Shop.Orders");
+    EXPECT_EQ("", CommentOf(transaction, *party));
+    EXPECT_FALSE(IsAbstract(transaction, *party));
+    EXPECT_TRUE(IsNull(DefaultOf(transaction, *customer, customer->GetColumn(u"Credit"))));
+    EXPECT_EQ(OnDelete::kKeep, OnDeleteOf(transaction, *orders, orders->GetColumn(u"By")));
+  });
+}
+
+TEST_F(AnnotatingTest, BadDefinitions_SayWhatWasExpected) {
+  EXPECT_EQ((*this)("CREATE TABLE A (B text DEFAULT)"),
+            "error: line 1, column 31: expected a number, a text in single quotes, TRUE, FALSE, "
+            "NULL or X'...', found )");
+  EXPECT_EQ((*this)("CREATE TABLE A (B bigint DEFAULT 'x')"),
+            "error: the default 'x' does not fit a column of type long: \"x\" is not a number");
+  EXPECT_EQ((*this)("CREATE TABLE A (B REF(Person) ON DELETE EXPLODE)"),
+            "error: line 1, column 41: expected RESTRICT, SET NULL, CASCADE, LAST or NO ACTION, "
+            "found EXPLODE");
+  EXPECT_EQ((*this)("COMMENT ON COLUMN Name IS 'x'"),
+            "error: line 1, column 19: expected TABLE.COLUMN, found a name");
+  EXPECT_EQ((*this)("COMMENT ON TABLE Person IS 7"),
+            "error: line 1, column 28: expected a comment in single quotes, or NULL, found 7");
+}
+
 }  // namespace
 }  // namespace sql_tests

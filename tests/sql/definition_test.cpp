@@ -138,10 +138,13 @@ TEST_F(DefineTest, Error_SaysWhereAndWhatWasExpected) {
             "error: line 3, column 5: expected a type, or REF(table), found nonsense");
   EXPECT_EQ((*this)("CREATE TABLE (x integer)"),
             "error: line 1, column 14: expected the name of a table, found (");
-  EXPECT_EQ((*this)("CREATE TABLE B (x integer"),
-            "error: line 1, column 26: expected NOT NULL, a comma or ), found the end");
+  EXPECT_EQ(
+      (*this)("CREATE TABLE B (x integer"),
+      "error: line 1, column 26: expected NOT NULL, DEFAULT, ON DELETE, a comma or ), found the "
+      "end");
   EXPECT_EQ((*this)("CREATE TABLE B (x integer PRIMARY KEY)"),
-            "error: line 1, column 27: expected NOT NULL, a comma or ), found PRIMARY");
+            "error: line 1, column 27: expected NOT NULL, DEFAULT, ON DELETE, a comma or ), found "
+            "PRIMARY");
   EXPECT_EQ((*this)("CREATE TABLE B (x varchar(20))"),
             "error: line 1, column 26: expected no length or precision, which columns do not "
             "have, found (");
@@ -152,11 +155,13 @@ TEST_F(DefineTest, Error_SaysWhereAndWhatWasExpected) {
             "objects");
   EXPECT_EQ((*this)("ALTER TABLE Item ALTER Year USING text"),
             "error: line 1, column 29: expected TYPE, SET or DROP NOT NULL, found USING");
-  EXPECT_EQ((*this)("ALTER TABLE Item ALTER Year SET DEFAULT 1"),
-            "error: line 1, column 33: expected NOT NULL, DATA TYPE or TYPE, found DEFAULT");
-  EXPECT_EQ((*this)("TRUNCATE Item"),
-            "error: line 1, column 1: expected CREATE TABLE, CREATE INDEX, ALTER TABLE, DROP "
-            "TABLE or DROP INDEX, found TRUNCATE");
+  EXPECT_EQ((*this)("ALTER TABLE Item ALTER Year SET PRIMARY KEY"),
+            "error: line 1, column 33: expected NOT NULL, DATA TYPE, TYPE, DEFAULT or ON DELETE, "
+            "found PRIMARY");
+  EXPECT_EQ(
+      (*this)("TRUNCATE Item"),
+      "error: line 1, column 1: expected CREATE TABLE, CREATE INDEX, ALTER TABLE, DROP TABLE, "
+      "DROP INDEX or COMMENT ON, found TRUNCATE");
   EXPECT_EQ((*this)("CREATE TABLE B (x integer) nonsense"),
             "error: line 1, column 28: expected the end of the statement, found nonsense");
 }

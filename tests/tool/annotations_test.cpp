@@ -115,6 +115,14 @@ TEST_F(AnnotationsTest, Apply_OfAnAbstractTableWithObjects_ChangesNothing) {
   EXPECT_EQ(kShop, On("schema", {"--portable"}).out);
 }
 
+TEST_F(AnnotationsTest, SchemaAsSql_MakesTheSameSchema) {
+  std::string const copy = Path("copy");
+  EXPECT_EQ(0, RunTool({"create", copy}).status);
+  Result const made = RunTool({"sql", copy}, On("schema", {"--format", "sql"}).out);
+  EXPECT_EQ(0, made.status) << made.err;
+  EXPECT_EQ(kShop, RunTool({"schema", copy, "--portable"}).out);
+}
+
 TEST_F(AnnotationsTest, DumpLoadDump_IsEqualToTheByte) {
   Insert({"Order", "By=" + Insert({"Customer"})});
   std::string const dumped = On("dump").out;
