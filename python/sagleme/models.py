@@ -64,9 +64,10 @@ class _Options:
     """The options of column() and ref() for a column."""
 
     def __init__(self, default: Any, name: str | None, was: str | None, index: bool,
-                 unique: bool) -> None:
+                 unique: bool, on_delete: str | None = None) -> None:
         self.default, self.name, self.was = default, name, was
         self.index, self.unique = index, unique
+        self.on_delete = on_delete
 
 
 def column(default: Any = None, *, name: str | None = None, was: str | None = None,
@@ -80,10 +81,21 @@ def column(default: Any = None, *, name: str | None = None, was: str | None = No
     return _Options(default, name, was, index or unique, unique)
 
 
+ON_DELETE = ("keep", "refuse", "set_null", "cascade", "last")
+
+
 def ref(*, name: str | None = None, was: str | None = None, index: bool = False,
-        unique: bool = False) -> Any:
-    """The same for a reference, which has no default."""
-    return _Options(None, name, was, index or unique, unique)
+        unique: bool = False, on_delete: str | None = None) -> Any:
+    """The same for a reference, which has no default.
+
+    `on_delete` says what becomes of it when its target is deleted: "keep", "refuse", "set_null",
+    "cascade" or "last", which deletes a target with the last reference to it. A rule makes an index
+    over the column. Without `on_delete` the rule that the database has stays.
+    """
+    if on_delete is not None and on_delete not in ON_DELETE:
+        raise ModelError(f"on_delete is one of {', '.join(ON_DELETE)}, not {on_delete!r}")
+    ruled = on_delete not in (None, "keep")
+    return _Options(None, name, was, index or unique or ruled, unique, on_delete)
 
 
 class Index:
@@ -107,6 +119,7 @@ class Column(Expression, _core.Field):
     _target: Any  # of a reference: the class, or the name of one that comes later
     _default: Any
     _was: str | None
+    _on_delete: str | None
     _index: bool
     _unique: bool
 
@@ -276,6 +289,7 @@ class _Spec:
         made._target = self.target
         made._default = self.options.default
         made._was = self.options.was
+        made._on_delete = self.options.on_delete
         made._index, made._unique = self.options.index, self.options.unique
         return made
 
@@ -293,6 +307,8 @@ def _default_fits(kind: int, value: Any) -> bool:
 
 def _options_of(where: str, understood: _Annotation, given: Any) -> _Options:
     options = given if isinstance(given, _Options) else _Options(given, None, None, False, False)
+    if options.on_delete is not None and understood.kind != REFERENCE:
+        raise ModelError(f"{where}: on_delete is for references, not {TYPE_NAMES[understood.kind]}")
     if options.default is not None:
         if understood.kind == REFERENCE or not _default_fits(understood.kind, options.default):
             raise ModelError(

@@ -45,7 +45,7 @@ class Plan(list[Step]):
 
 # The order in which changes can be made.
 (_DROP_INDEX, _RENAME_TABLE, _RENAME_COLUMN, _DROP_COLUMN, _CREATE_TABLE, _ADD_COLUMNS, _FINISH,
- _CREATE_INDEX, _REFUSED) = range(9)
+ _CREATE_INDEX, _RULE, _REFUSED) = range(10)
 
 
 def _refused(text: str) -> Step:
@@ -122,6 +122,8 @@ class _Planner:
                                lambda tx: _core.create_table(tx, name, base, columns)))
         for index in cls._indexes:
             self._create_index(cls, index)
+        for column in cls._own:
+            self._rule(cls, column, "")
 
     def _alter(self, cls: Any, table: dict[str, Any]) -> None:
         if not self._base_fits(cls, table):
@@ -131,6 +133,7 @@ class _Planner:
         added = []
         for column in cls._own:
             before = self._before(cls, column, present)
+            self._rule(cls, column, before["on_delete"] if before is not None else "")
             if before is None:
                 added.append(column)
                 continue
@@ -169,6 +172,15 @@ class _Planner:
             f"column {cls._table_name}.{name} is {column_type(before)} in the database and "
             f"{field_type(column)} in class {cls.__name__}; a column's type cannot change: "
             f"declare a new column and copy the values"))
+
+    def _rule(self, cls: Any, column: Any, before: str) -> None:
+        rule = column._on_delete
+        if rule is None or rule == (before or "keep"):
+            return
+        table, name = cls._table_name, column._column
+        text = f"on deletion of the target of {table}.{name}: {rule}"
+        self.steps.append(Step("background", text, _RULE,
+                               lambda tx: _core.set_on_delete(tx, table, name, rule)))
 
     def _rename_columns(self, cls: Any, kept: dict[str, str]) -> None:
         for before, after in kept.items():

@@ -2,6 +2,8 @@
 
 #include "catalogue.h"
 
+#include <sagleme/annotations.hpp>
+
 #include "types.h"
 
 namespace binding {
@@ -20,12 +22,22 @@ void Append(PyObject* list, PyObject* item) {
   if (PyList_Append(list, item) != 0) throw PythonError{};
 }
 
-PyObject* ColumnEntry(sagleme::Column const& column) {
-  return Py_BuildValue("{sNsisNsNsisNsK}", "name", FromUnits(column.name), "type",
-                       static_cast<int>(column.type), "nullable", PyBool_FromLong(column.nullable),
-                       "inherited", PyBool_FromLong(column.inherited), "ordinal",
-                       static_cast<int>(column.ordinal), "target", FromUnits(column.target), "id",
-                       column.id.value);
+// The rule of a reference; empty for none.
+std::u16string RuleOf(sagleme::Transaction& kernel, sagleme::Table const& table,
+                      sagleme::Column const& column) {
+  if (column.type != sagleme::Type::kReference || kernel.rules() == nullptr) return u"";
+  sagleme::OnDelete const rule = sagleme::OnDeleteOf(kernel, table, column);
+  if (rule == sagleme::OnDelete::kKeep) return u"";
+  return sagleme::ToUtf16(sagleme::OnDeleteName(rule));
+}
+
+PyObject* ColumnEntry(sagleme::Transaction& kernel, sagleme::Table const& table,
+                      sagleme::Column const& column) {
+  return Py_BuildValue(
+      "{sNsisNsNsisNsNsK}", "name", FromUnits(column.name), "type", static_cast<int>(column.type),
+      "nullable", PyBool_FromLong(column.nullable), "inherited", PyBool_FromLong(column.inherited),
+      "ordinal", static_cast<int>(column.ordinal), "target", FromUnits(column.target), "on_delete",
+      FromUnits(RuleOf(kernel, table, column)), "id", column.id.value);
 }
 
 PyObject* IndexEntry(sagleme::Index const& index) {
@@ -39,9 +51,10 @@ PyObject* IndexEntry(sagleme::Index const& index) {
                        "columns", columns.release());
 }
 
-PyObject* TableEntry(sagleme::Table const& table) {
+PyObject* TableEntry(sagleme::Transaction& kernel, sagleme::Table const& table) {
   Ref columns(Need(PyList_New(0)));
-  for (auto const& column : table.columns) Append(columns.get(), ColumnEntry(column));
+  for (auto const& column : table.columns)
+    Append(columns.get(), ColumnEntry(kernel, table, column));
   Ref indexes(Need(PyList_New(0)));
   for (auto const& index : table.indexes) Append(indexes.get(), IndexEntry(index));
   return Py_BuildValue("{sNsNsNsisKsNsN}", "name", FromUnits(table.name), "base",
@@ -93,7 +106,7 @@ PyObject* Catalogue(PyObject*, PyObject* transaction) {
   return Guard([&] {
     Ref list(Need(PyList_New(0)));
     sagleme::Transaction& kernel = KernelOf(transaction);
-    for (auto const& table : kernel.Tables()) Append(list.get(), TableEntry(*table));
+    for (auto const& table : kernel.Tables()) Append(list.get(), TableEntry(kernel, *table));
     return list.release();
   });
 }
@@ -133,6 +146,14 @@ PyObject* FinishReferences(PyObject*, PyObject* args) {
 PyObject* DropColumn(PyObject*, PyObject* args) {
   return WithTexts(args, "OUU", [](auto& kernel, auto& table, auto& column, auto&) {
     sagleme::DropColumn(kernel, table, column);
+  });
+}
+
+PyObject* SetOnDelete(PyObject*, PyObject* args) {
+  return WithTexts(args, "OUUU", [](auto& kernel, auto& table, auto& column, auto& rule) {
+    auto const known = sagleme::ParseOnDelete(sagleme::ToUtf8(rule));
+    if (!known) throw sagleme::Error(LSCOREDB_INVALID_ARGUMENT, "There is no such rule.");
+    sagleme::SetOnDelete(kernel, *kernel.table(table), column, *known);
   });
 }
 

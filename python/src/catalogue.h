@@ -14,6 +14,7 @@ PyObject* CreateTable(PyObject* module, PyObject* args);  // name, base, columns
 PyObject* AddColumns(PyObject* module, PyObject* args);   // table, columns
 PyObject* FinishReferences(PyObject* module, PyObject* args);
 PyObject* DropColumn(PyObject* module, PyObject* args);    // table, column
+PyObject* SetOnDelete(PyObject* module, PyObject* args);   // table, column, rule
 PyObject* RenameColumn(PyObject* module, PyObject* args);  // table, column, new name
 PyObject* RenameTable(PyObject* module, PyObject* args);   // table, new name
 PyObject* DropTable(PyObject* module, PyObject* args);     // table, with its descendants

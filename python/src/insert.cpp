@@ -430,6 +430,10 @@ void InsertArray(Transaction* transaction, Binding const& binding, ArrowArray co
       Datum const value = each.Read(row + array.offset, room);
       NeedReference(transaction, *table, column, value, row);
       Cell const at{transaction->context_id, oid, binding.layout, column.ordinal};
+      bool const refers = column.kind == Kind::kReference && value.tag != Datum::Tag::kNull;
+      if (refers && PutByRules(transaction, at, {static_cast<std::uint64_t>(value.whole)})) {
+        continue;
+      }
       sagleme::detail::CheckKernel(PutDatum(at, column.kind, value));
     }
     EnterIndexes(transaction, binding, oid);

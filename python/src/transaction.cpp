@@ -145,10 +145,10 @@ PyObject* Delete(PyObject* object, PyObject* argument) {
     if (target->transaction != self) {
       Raise("WrongTransaction", ReprOf(argument) + " belongs to another transaction");
     }
-    sagleme::detail::CheckKernel(lorv_context_delete(self->context_id, target->oid, target->addr));
+    DeleteRow(self, target->oid, target->addr);
     ++self->stamp;
+    if (!target->gone) self->objects->Remove(target);
     target->gone = true;
-    self->objects->Remove(target);
     Py_RETURN_NONE;
   });
 }
@@ -318,13 +318,6 @@ View* NeedView(Transaction* transaction) {
   NeedOpen(transaction);
   if (transaction->view == nullptr) Raise("SchemaError", "the transaction has no view of classes");
   return transaction->view;
-}
-
-std::uint64_t InsertRow(Transaction* transaction, Binding const& binding) {
-  std::uint64_t oid = 0;
-  std::uint64_t const context = transaction->context_id;
-  sagleme::detail::CheckKernel(lorv_context_insert(context, binding.layout, &oid));
-  return oid;
 }
 
 void EnterIndexes(Transaction* transaction, Binding const& binding, std::uint64_t oid) {

@@ -166,9 +166,15 @@ PyObject* ObjectById(Transaction* transaction, std::uint64_t oid);
 PyObject* NewObject(Transaction* transaction, Binding* binding, std::uint64_t oid);
 // Ends every Python object that was made since `savepoint`.
 void ForgetObjectsSince(Transaction* transaction, std::uint64_t savepoint);
-// Inserts a row that belongs to no set yet. Its columns are written before it enters the indexes:
-// an entry would move with every one of them.
+// Inserts a row that belongs to no set yet, with the defaults that the database has for it. Its
+// columns are written before it enters the indexes: an entry would move with every one of them.
 std::uint64_t InsertRow(Transaction* transaction, Binding const& binding);
+struct Cell;
+// Deletes an object as the rules of the references to it say: others may go with it.
+void DeleteRow(Transaction* transaction, std::uint64_t oid, std::uint64_t addr);
+// Writes a reference, null for 0, as the rule of its column says. False, and nothing is written, if
+// the database has no rules.
+bool PutByRules(Transaction* transaction, Cell const& at, sagleme::ObjectId target);
 // Makes a row an object of its table.
 void EnterIndexes(Transaction* transaction, Binding const& binding, std::uint64_t oid);
 

@@ -252,6 +252,7 @@ Object* Target(Transaction* transaction, BoundColumn const& column, PyObject* va
 std::uint32_t PutReference(Transaction* transaction, Cell const& at, BoundColumn const& column,
                            PyObject* value) {
   Object const* const target = Target(transaction, column, value);
+  if (PutByRules(transaction, at, {target->oid})) return 0;
   return lorv_context_put_reference(at.context, at.oid, at.addr, at.ordinal, target->oid,
                                     target->addr);
 }
@@ -502,6 +503,7 @@ void WriteValue(Transaction* transaction, Cell const& at, BoundColumn const& col
     if (!column.field->nullable) {
       Raise("WrongType", Where(column) + " cannot be None: its annotation has no None");
     }
+    if (column.kind == Kind::kReference && PutByRules(transaction, at, {})) return;
     sagleme::detail::CheckKernel(lorv_context_put_default(at.context, at.oid, at.addr, at.ordinal));
     return;
   }

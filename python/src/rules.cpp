@@ -1,0 +1,82 @@
+// What the annotations of a database ask of writes: defaults, abstract tables, rules of references.
+
+#include <Python.h>
+
+#include <sagleme/annotations.hpp>
+#include <vector>
+
+#include "types.h"
+
+namespace binding {
+namespace {
+
+// A row that is being made has no set yet, only a layout.
+sagleme::TablePtr TableAt(Transaction* transaction, Cell const& at) {
+  auto const& by_layout = *transaction->view->by_layout;
+  auto const layout = static_cast<std::size_t>(at.addr & 0xFFFF);
+  Binding const* const binding = layout < by_layout.size() ? by_layout[layout] : nullptr;
+  if (binding != nullptr) return transaction->kernel->BySetspec(binding->setspec);
+  return transaction->kernel->TableOf({at.oid, at.addr});
+}
+
+bool IsGone(Transaction const* transaction, std::uint64_t oid) {
+  std::uint64_t addr = 0;
+  auto const status = lorv_context_lookup(transaction->context_id, oid, &addr);
+  return status == LORV_STATUS_NO_OBJECT || status == LORV_STATUS_UNREACHABLE;
+}
+
+// Ends every Python object whose row went along with another one.
+void ForgetGoneObjects(Transaction* transaction) {
+  std::vector<Object*> gone;
+  transaction->objects->ForEach([&](Object* object) {
+    if (IsGone(transaction, object->oid)) gone.push_back(object);
+  });
+  for (Object* const object : gone) {
+    transaction->objects->Remove(object);
+    object->gone = true;
+  }
+}
+
+}  // namespace
+
+std::uint64_t InsertRow(Transaction* transaction, Binding const& binding) {
+  std::uint64_t oid = 0;
+  std::uint64_t const context = transaction->context_id;
+  sagleme::detail::Rules const* const rules = transaction->kernel->rules();
+  sagleme::TablePtr const table =
+      rules == nullptr ? nullptr : transaction->kernel->BySetspec(binding.setspec);
+  if (table != nullptr) sagleme::detail::RequireConcrete(*rules, *table);
+  sagleme::detail::CheckKernel(lorv_context_insert(context, binding.layout, &oid));
+  if (table != nullptr) {
+    sagleme::Object const made(*transaction->kernel, LS_OBJ_REF{oid, binding.layout});
+    sagleme::detail::PutDefaults(*rules, made, *table);
+  }
+  return oid;
+}
+
+bool PutByRules(Transaction* transaction, Cell const& at, sagleme::ObjectId target) {
+  sagleme::detail::Rules const* const rules = transaction->kernel->rules();
+  sagleme::TablePtr const table = rules == nullptr ? nullptr : TableAt(transaction, at);
+  if (table == nullptr) return false;
+  sagleme::ObjectId old;
+  auto const status = lorvi_context_get_refid(at.context, at.oid, at.addr, at.ordinal, &old.value);
+  if (status != LORV_STATUS_NULL) sagleme::detail::CheckKernel(status);
+  sagleme::detail::PutReference(*rules, *transaction->kernel,
+                                {at.context, at.oid, at.addr, at.ordinal}, table->setspec,
+                                table->columns.at(at.ordinal), target);
+  // A new row had no reference, so bulk inserts, without the interpreter's lock, end nothing.
+  if (old.value != 0 && IsGone(transaction, old.value)) ForgetGoneObjects(transaction);
+  return true;
+}
+
+void DeleteRow(Transaction* transaction, std::uint64_t oid, std::uint64_t addr) {
+  sagleme::detail::Rules const* const rules = transaction->kernel->rules();
+  if (rules == nullptr) {
+    return sagleme::detail::CheckKernel(lorv_context_delete(transaction->context_id, oid, addr));
+  }
+  sagleme::ObjectId const id{oid};
+  std::uint64_t const count = sagleme::DeleteObjects(*transaction->kernel, {&id, 1});
+  if (count > 1) ForgetGoneObjects(transaction);
+}
+
+}  // namespace binding
