@@ -35,7 +35,7 @@ void Check(std::uint32_t status) {
 std::string NameOf(std::uint64_t number) {
   std::uint64_t mixed = (number ^ (number >> 31)) * 0x9E3779B97F4A7C15;
   mixed ^= mixed >> 29;
-  return "object " + std::to_string(mixed % 1000000007);
+  return std::string("object ").append(std::to_string(mixed % 1000000007));
 }
 
 class Context {

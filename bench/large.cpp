@@ -14,23 +14,22 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
-#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <ctime>
-#include <fstream>
-#include <functional>
 #include <memory>
 #include <random>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
+#include "measure.h"
+
 namespace {
+
+using bench::kMegabyte;
+using bench::Measure;
 
 constexpr std::uint64_t kBatch = 10000;
 constexpr std::uint64_t kMostChanges = 1000000;  // in one transaction
@@ -41,7 +40,6 @@ constexpr std::uint64_t kGroup = 102;
 constexpr std::uint64_t kWeight = 103;
 constexpr std::uint64_t kOther = 104;
 alignas(8) constexpr std::uint8_t kAnyKey[8] = {0xC0};
-constexpr std::size_t kMegabyte = std::size_t{1} << 20;
 
 void Check(std::uint32_t status) {
   if (status != 0) throw std::runtime_error(lscoredb_status_text(status));
@@ -49,60 +47,6 @@ void Check(std::uint32_t status) {
 
 void CheckStore(int code) {
   if (code != 0) throw std::runtime_error(mdb_strerror(code));
-}
-
-// ---- time and memory ----------------------------------------------------------------------------
-
-// Memory of the process itself: pages of files that are mapped can be had again.
-std::size_t OwnMemory() {
-  std::ifstream status("/proc/self/status");
-  for (std::string line; std::getline(status, line);) {
-    if (line.starts_with("RssAnon:")) return std::stoul(line.substr(8)) * 1024;
-  }
-  return 0;
-}
-
-// The most that the process had while the object lived.
-class MemoryWatch {
- public:
-  ~MemoryWatch() { Stop(); }
-  std::size_t Stop() {
-    over_ = true;
-    if (thread_.joinable()) thread_.join();
-    return most_;
-  }
-
- private:
-  std::atomic<bool> over_{false};
-  std::size_t most_ = OwnMemory();
-  std::thread thread_{[this] {
-    while (!over_) {
-      most_ = std::max(most_, OwnMemory());
-      usleep(20000);
-    }
-  }};
-};
-
-// Of all threads, which is what a busy machine does not change.
-double ProcessorSeconds() {
-  timespec time{};
-  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time);
-  return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
-}
-
-double Measure(char const* what, std::function<void()> const& work) {
-  std::size_t const before = OwnMemory();
-  MemoryWatch watch;
-  double const busy_before = ProcessorSeconds();
-  auto const begin = std::chrono::steady_clock::now();
-  work();
-  std::chrono::duration<double> const took = std::chrono::steady_clock::now() - begin;
-  double const busy = ProcessorSeconds() - busy_before;
-  std::size_t const most = watch.Stop();
-  std::printf("%-44s %9.3f s, busy %9.3f s, memory %6zu MiB, at most %6zu, then %6zu\n", what,
-              took.count(), busy, before / kMegabyte, most / kMegabyte, OwnMemory() / kMegabyte);
-  std::fflush(stdout);
-  return took.count();
 }
 
 // ---- the database -------------------------------------------------------------------------------
