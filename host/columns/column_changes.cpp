@@ -4,6 +4,7 @@
 #include <sagleme/column_changes.hpp>
 #include <sagleme/value_text.hpp>
 
+#include "annotations/carried.h"
 #include "columns/requests.h"
 #include "columns/rewrite.h"
 
@@ -75,6 +76,7 @@ void PullUpColumn(Transaction& transaction, Text const& table, Text const& colum
   subtree.At(base).own.push_back(std::move(pulled));
   subtree.RequireValid();
   columns::Apply(transaction, subtree, {column, columns::WantedOf(*request.column), {}, false});
+  detail::DropStaleAnnotations(transaction);
   whole.Release();
 }
 
@@ -83,6 +85,7 @@ void PushDownColumn(Transaction& transaction, Text const& table, Text const& col
   Savepoint whole(transaction);
   if (loss == Loss::kRefuse) RequireNoneLost(transaction, table, column, tables);
   columns::PushDown const request = columns::RequirePushDown(transaction, table, column, tables);
+  annotations::CarriedAnnotations const annotated(transaction, table, column);
   Subtree subtree(transaction, request.base);
   OwnColumn const pushed = Subtree::Take(subtree.At(table), column);
   columns::Rewrite rewrite{column, columns::WantedOf(*request.column), {}, false};
@@ -92,6 +95,7 @@ void PushDownColumn(Transaction& transaction, Text const& table, Text const& col
     rewrite.tables.push_back(derived->name);
   }
   columns::Apply(transaction, subtree, rewrite);
+  for (Text const& each : tables) annotated.GiveTo(transaction, each, column);
   whole.Release();
 }
 
@@ -100,6 +104,7 @@ void ChangeColumnType(Transaction& transaction, Text const& table, ColumnSpec co
   Savepoint whole(transaction);
   columns::Retype const request = columns::RequireRetype(transaction, table, column);
   if (request.same) return whole.Release();
+  annotations::CarriedAnnotations const annotated(transaction, table, column.name);
   if (loss == Loss::kRefuse) RequireConvertible(transaction, table, column);
   Subtree subtree(transaction, request.table);
   std::vector<OwnColumn>& own = subtree.At(table).own;
@@ -112,6 +117,7 @@ void ChangeColumnType(Transaction& transaction, Text const& table, ColumnSpec co
   if (!request.same_form) at->row = 0;
   if (!request.same_form) at->was.clear();
   columns::Apply(transaction, subtree, {column.name, request.wanted, {}, loss == Loss::kAllow});
+  annotated.GiveTo(transaction, table, column.name);
   whole.Release();
 }
 

@@ -3,6 +3,7 @@
 #include "annotations_test.h"
 
 #include <limits>
+#include <sagleme/column_changes.hpp>
 #include <sagleme/host/define_tables.hpp>
 #include <sagleme/host/table_of.hpp>
 #include <sagleme/schema_document.hpp>
@@ -68,6 +69,27 @@ TEST_F(AnnotationsTest, Annotations_FollowRenamesAndEndWithWhatTheyBelongTo) {
   EXPECT_EQ("who", Annotations(transaction).front().text);
   DropTable(transaction, u"Human", {.children = true, .force = true});
   EXPECT_TRUE(Annotations(transaction).empty());
+}
+
+TEST_F(AnnotationsTest, Annotations_FollowColumnsThatMoveOrChangeTheirType) {
+  Transaction transaction(context_);
+  SetComment(transaction, *transaction.table(u"Child"), u"School", "where they learn");
+  SetDefault(transaction, *transaction.table(u"Child"), u"School", "12");
+  PullUpColumn(transaction, u"Child", u"School", u"Person");
+  ChangeColumnType(transaction, u"Person", {u"School", Type::kLong, true});
+  TablePtr const person = transaction.table(u"Person");
+  EXPECT_EQ("where they learn", CommentOf(transaction, *person, person->GetColumn(u"School")));
+  EXPECT_EQ(Value(std::int64_t{12}), DefaultOf(transaction, *person, person->GetColumn(u"School")));
+  std::array const down{Text(u"Child")};
+  PushDownColumn(transaction, u"Person", u"School", down);
+  TablePtr const child = transaction.table(u"Child");
+  EXPECT_EQ("where they learn", CommentOf(transaction, *child, child->GetColumn(u"School")));
+  SetDefault(transaction, *child, u"School", std::int64_t{7});
+  ChangeColumnType(transaction, u"Child", {u"School", Type::kBool, true}, Loss::kAllow);
+  TablePtr const changed = transaction.table(u"Child");
+  EXPECT_TRUE(IsNull(DefaultOf(transaction, *changed, changed->GetColumn(u"School"))));
+  EXPECT_EQ(1u, Annotations(transaction).size());
+  EXPECT_TRUE(FindingsOf(transaction).empty());
 }
 
 TEST_F(AnnotationsTest, EmptyComment_RemovesTheAnnotation) {
