@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <map>
 #include <sagleme/schema_plan.hpp>
 #include <set>
@@ -5,6 +6,7 @@
 #include "schema/annotation_changes.h"
 #include "schema/matching.h"
 #include "schema/renames.h"
+#include "schema/table_moves.h"
 
 namespace sagleme {
 namespace {
@@ -140,16 +142,39 @@ class Comparison {
 
 }  // namespace
 
-std::vector<Doubt> FindDoubts(SchemaDoc const& from, SchemaDoc const& to) {
-  return Matching(from, to).doubts();
+namespace {
+
+std::vector<Doubt> TableDoubts(Matching const& kept) {
+  std::vector<Doubt> doubts = kept.doubts();
+  std::erase_if(doubts, [](Doubt const& doubt) { return !doubt.table.empty(); });
+  return doubts;
 }
 
+}  // namespace
+
+// The columns of tables are compared where these come to be.
+std::vector<Doubt> FindDoubts(SchemaDoc const& from, SchemaDoc const& to) {
+  Matching const kept(from, to);
+  std::vector<Doubt> const doubts = TableDoubts(kept);
+  if (!doubts.empty()) return doubts;
+  return Matching(MoveTables(from, to, kept).schema, to).doubts();
+}
+
+// Indexes go first: one that is no longer wanted must not refuse the objects of a table that moves.
 Plan CompareSchemas(SchemaDoc const& from, SchemaDoc const& to) {
   return CompareAsTheyStand(from, WithReferrerIndexes(to));
 }
 
 Plan CompareAsTheyStand(SchemaDoc const& from, SchemaDoc const& to) {
-  return Comparison(from, to).Make();
+  Matching const kept(from, to);
+  RefuseDoubts(TableDoubts(kept), "");
+  TableMoves moves = MoveTables(from, to, kept);
+  Plan plan = Comparison(moves.schema, to).Make();
+  auto const behind_indexes = std::find_if_not(plan.begin(), plan.end(), [](Change const& change) {
+    return std::holds_alternative<change::DropIndex>(change);
+  });
+  plan.insert(behind_indexes, moves.plan.begin(), moves.plan.end());
+  return plan;
 }
 
 }  // namespace sagleme

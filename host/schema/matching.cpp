@@ -69,7 +69,7 @@ class Claims {
 Matching::Matching(SchemaDoc const& from, SchemaDoc const& to)
     : from_(from), to_(to), identities_(to.database != 0 && to.database == from.database) {
   Pairs<TableDoc> const tables = ClaimTables();
-  DropUnlessBaseStays();
+  DropUnlessBaseIsThere();
   doubts_ = DoubtTables(from, to, tables, [this](TableDoc const& before, TableDoc const& after) {
     return BaseStays(before, after);
   });
@@ -94,12 +94,18 @@ bool Matching::BaseStays(TableDoc const& before, TableDoc const& after) const {
   return base != nullptr && base->name == after.base;
 }
 
-// A table whose base is dropped or changed cannot stay, nor can its descendants.
-void Matching::DropUnlessBaseStays() {
+// A base that is new can be made before a table moves under it, if its name is free.
+bool Matching::BaseIsThere(TableDoc const& after) const {
+  if (to_.Find(after.base) == nullptr || OldTable(after.base) != nullptr) return true;
+  return from_.Find(after.base) == nullptr;
+}
+
+// A table that cannot stay takes its descendants along.
+void Matching::DropUnlessBaseIsThere() {
   for (bool changed = true; changed;) {
     changed = false;
     for (auto at = new_tables_.begin(); at != new_tables_.end(); ++at) {
-      if (BaseStays(*from_.Find(at->first), *at->second)) continue;
+      if (BaseIsThere(*at->second)) continue;
       old_tables_.erase(at->second->name);
       new_tables_.erase(at);
       changed = true;

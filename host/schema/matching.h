@@ -13,9 +13,9 @@
 
 namespace sagleme {
 
-// What is kept, by its present and its new name. A table is kept if its base is; a column if its
-// table or one of its line is, and its values convert; an index if it is unchanged, apart from
-// renamed columns. Everything else is dropped and created.
+// What is kept, by its present and its new name. A table is kept unless its new base takes the name
+// of a dropped table; a column if its table or one of its line is, and its values convert; an index
+// if it is unchanged, apart from renamed columns. Everything else is dropped and created.
 class Matching {
  public:
   // Throws Failure with kUsage if two entries of `to` claim the same table or column.
@@ -47,7 +47,8 @@ class Matching {
   }
 
   Pairs<TableDoc> ClaimTables();
-  void DropUnlessBaseStays();
+  void DropUnlessBaseIsThere();
+  bool BaseIsThere(TableDoc const& after) const;
   bool BaseStays(TableDoc const& before, TableDoc const& after) const;
   void MatchColumns(TableDoc const& before, TableDoc const& after);
   void MatchMoves();

@@ -1,5 +1,6 @@
 #include <fmt/format.h>
 
+#include <sagleme/hierarchy.hpp>
 #include <sagleme/schema_plan.hpp>
 
 #include "schema/annotation_changes.h"
@@ -36,6 +37,7 @@ struct Labels {
   Label operator()(change::Annotate const& it) const {
     return ReadsObjects(it) ? Label::kBackground : Label::kInstant;
   }
+  Label operator()(change::SetBase const&) const { return Label::kBackground; }
 };
 
 std::string ColumnNames(std::vector<ColumnDoc> const& columns) {
@@ -99,6 +101,10 @@ struct Sentences {
                        it.table);
   }
   std::string operator()(change::Annotate const& it) const { return DescribeAnnotation(it); }
+  std::string operator()(change::SetBase const& it) const {
+    if (it.base.empty()) return fmt::format("move table {} to the root", it.table);
+    return fmt::format("move table {} under {}", it.table, it.base);
+  }
 };
 
 ColumnSpec SpecOf(ColumnDoc const& column) {
@@ -187,6 +193,10 @@ class Applier {
   void operator()(change::Annotate const& it) {
     FinishReferences();
     ApplyAnnotation(transaction_, it);
+  }
+  void operator()(change::SetBase const& it) const {
+    SetBase(transaction_, ToUtf16(it.table), ToUtf16(it.base),
+            {.referring = Referring::kRefuse, .merge = true});
   }
 
   // Columns whose targets come later have no type until then, and the layer neither indexes nor

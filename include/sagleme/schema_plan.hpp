@@ -18,8 +18,8 @@
 // and applying are visitors. What is lost by a change, and when its work is done, is its label:
 //
 //   instant      catalogue rows alone change
-//   background   objects are read or written at once, for an index or a converted value, or moved
-//                later, by vacuum
+//   background   objects are read or written at once, for an index, a converted value or another
+//                base, or moved later, by vacuum
 //   destructive  values or objects are lost
 //
 // A column that changes its table or its type keeps its values (<sagleme/column_changes.hpp>), and
@@ -87,6 +87,11 @@ struct CreateIndex {
   std::string table;
   IndexDoc index;
 };
+// As sagleme::SetBase of <sagleme/hierarchy.hpp>; columns of equal definition are merged.
+struct SetBase {
+  std::string table;
+  std::string base;  // empty: the root of all tables
+};
 
 // Sets or removes an annotation of a table, or of one of its columns or indexes.
 struct Annotate {
@@ -99,10 +104,11 @@ struct Annotate {
 
 }  // namespace change
 
-using Change = std::variant<change::DropIndex, change::DropColumn, change::DropTable,
-                            change::RenameTable, change::RenameColumn, change::CreateTable,
-                            change::AddColumns, change::CreateIndex, change::PullUpColumn,
-                            change::PushDownColumn, change::ChangeColumn, change::Annotate>;
+using Change =
+    std::variant<change::DropIndex, change::DropColumn, change::DropTable, change::RenameTable,
+                 change::RenameColumn, change::CreateTable, change::AddColumns, change::CreateIndex,
+                 change::PullUpColumn, change::PushDownColumn, change::ChangeColumn,
+                 change::Annotate, change::SetBase>;
 using Plan = std::vector<Change>;
 
 enum class Label { kInstant, kBackground, kDestructive };

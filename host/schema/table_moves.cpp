@@ -1,0 +1,144 @@
+#include "schema/table_moves.h"
+
+#include <algorithm>
+#include <set>
+
+namespace sagleme {
+namespace {
+
+class Mover {
+ public:
+  Mover(SchemaDoc const& from, SchemaDoc const& to, Matching const& kept) : to_(to), kept_(kept) {
+    moves_.schema = from;
+  }
+
+  TableMoves Make() {
+    for (TableDoc const& table : to_.tables) Place(table);
+    Sort();
+    return std::move(moves_);
+  }
+
+ private:
+  // The present name of a table of the new schema; its own for one that is not there.
+  std::string Present(std::string const& name) const {
+    TableDoc const* const old_table = to_.Find(name) == nullptr ? nullptr : kept_.OldTable(name);
+    return old_table == nullptr ? name : old_table->name;
+  }
+  TableDoc& Table(std::string const& name) {
+    return *std::find_if(moves_.schema.tables.begin(), moves_.schema.tables.end(),
+                         [&name](TableDoc const& table) { return table.name == name; });
+  }
+
+  // A table's base first. Then no table comes under one that derives from it.
+  void Place(TableDoc const& table) {
+    if (!placed_.insert(table.name).second) return;
+    TableDoc const* const base = to_.Find(table.base);
+    if (base != nullptr) Place(*base);
+    TableDoc const* const old_table = kept_.OldTable(table.name);
+    if (old_table == nullptr) return;
+    std::string const new_base = Present(table.base);
+    if (old_table->base == new_base) return;
+    if (base != nullptr) CreateIfNew(*base);
+    MakeRoom(table, new_base);
+    moves_.plan.push_back(change::SetBase{old_table->name, new_base});
+    Move(Table(old_table->name), new_base);
+  }
+
+  void CreateIfNew(TableDoc const& table) {
+    if (kept_.OldTable(table.name) != nullptr || moves_.schema.Find(table.name) != nullptr) return;
+    if (TableDoc const* const base = to_.Find(table.base)) CreateIfNew(*base);
+    TableDoc made = table;
+    made.base = Present(table.base);
+    made.indexes.clear();
+    std::erase_if(made.columns, [this](ColumnDoc const& column) {
+      return to_.Find(column.target) != nullptr && kept_.OldTable(column.target) == nullptr;
+    });
+    for (ColumnDoc& column : made.columns) column.target = Present(column.target);
+    moves_.plan.push_back(change::CreateTable{made});
+    moves_.schema.tables.push_back(std::move(made));
+  }
+
+  std::vector<std::string> Ancestors(std::string const& table) const {
+    std::vector<std::string> names;
+    for (TableDoc const* at = moves_.schema.Find(table); at != nullptr;
+         at = moves_.schema.Find(at->base)) {
+      names.push_back(at->name);
+    }
+    return names;
+  }
+
+  static bool Has(TableDoc const& table, ColumnDoc const& column) {
+    return std::any_of(table.columns.begin(), table.columns.end(), [&](ColumnDoc const& each) {
+      return each.name == column.name || (each.id != 0 && each.id == column.id);
+    });
+  }
+  // A column that the new base shall not have, but the table: once merged, it could not stay.
+  void MakeRoom(TableDoc const& table, std::string const& new_base) {
+    for (std::string const& name : Ancestors(new_base)) {
+      TableDoc const* const wanted = kept_.NewTable(name);
+      if (wanted == nullptr) continue;
+      std::erase_if(Table(name).columns, [&](ColumnDoc const& column) {
+        if (table.FindColumn(column.name) == nullptr || Has(*wanted, column)) return false;
+        moves_.plan.push_back(change::DropColumn{name, column.name});
+        return true;
+      });
+    }
+  }
+
+  // What SetBase does to the columns.
+  void Move(TableDoc& table, std::string const& new_base) {
+    std::vector<std::string> const before = Ancestors(table.base);
+    std::vector<std::string> const after = Ancestors(new_base);
+    std::vector<ColumnDoc> columns;
+    for (auto name = before.rbegin(); name != before.rend(); ++name) {
+      if (std::find(after.begin(), after.end(), *name) != after.end()) continue;
+      auto const& declared = moves_.schema.Find(*name)->columns;
+      columns.insert(columns.end(), declared.begin(), declared.end());
+    }
+    columns.insert(columns.end(), table.columns.begin(), table.columns.end());
+    table.columns = std::move(columns);
+    table.base = new_base;
+    Merge(table, after);
+  }
+  void Merge(TableDoc& table, std::vector<std::string> const& bases) {
+    std::erase_if(table.columns, [&](ColumnDoc const& column) {
+      return std::any_of(bases.begin(), bases.end(), [&](std::string const& base) {
+        ColumnDoc const* const same = moves_.schema.Find(base)->FindColumn(column.name);
+        return same != nullptr && same->SameShape(column);
+      });
+    });
+    for (TableDoc& child : moves_.schema.tables) {
+      if (child.base == table.name) Merge(child, bases);
+    }
+  }
+
+  // Bases come first, as in every schema that is read.
+  void Sort() {
+    std::vector<TableDoc> sorted;
+    std::set<std::string> done;
+    std::vector<TableDoc>& tables = moves_.schema.tables;
+    while (sorted.size() < tables.size()) {
+      for (TableDoc const& table : tables) {
+        bool const ready = moves_.schema.Find(table.base) == nullptr || done.contains(table.base);
+        if (ready && !done.contains(table.name)) {
+          done.insert(table.name);
+          sorted.push_back(table);
+        }
+      }
+    }
+    tables = std::move(sorted);
+  }
+
+  SchemaDoc const& to_;
+  Matching const& kept_;
+  TableMoves moves_;
+  std::set<std::string> placed_;
+};
+
+}  // namespace
+
+TableMoves MoveTables(SchemaDoc const& from, SchemaDoc const& to, Matching const& kept) {
+  return Mover(from, to, kept).Make();
+}
+
+}  // namespace sagleme
