@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <sagleme/hierarchy.hpp>
 #include <sagleme/schema_plan.hpp>
 #include <sagleme/value_text.hpp>
 #include <set>
@@ -167,6 +168,11 @@ class Applier {
   void operator()(RenameTableStatement const& it) const {
     RenameTable(transaction_, FullName(transaction_, it.table), ToUtf16(it.new_name));
   }
+  void operator()(SetParentStatement const& it) const {
+    std::u16string const base = it.base.empty() ? u"" : FullName(transaction_, it.base);
+    SetBase(transaction_, FullName(transaction_, it.table), base,
+            {.referring = Referring::kRefuse, .merge = true});
+  }
   void operator()(DropTableStatement const& it) const {
     if (it.if_exists && TableNamed(transaction_, it.table) == nullptr) return;
     DropTable(transaction_, FullName(transaction_, it.table),
@@ -237,6 +243,11 @@ class Planner {
   }
   Plan operator()(RenameTableStatement const& it) const {
     return {change::RenameTable{Full(it.table), it.new_name}};
+  }
+  Plan operator()(SetParentStatement const& it) const {
+    std::string const base = it.base.empty() ? "" : Full(it.base);
+    PlanSetBase(transaction_, ToUtf16(Full(it.table)), ToUtf16(base), {.merge = true});
+    return {change::SetBase{Full(it.table), base}};
   }
   Plan operator()(DropTableStatement const& it) const {
     if (it.if_exists && TableNamed(transaction_, it.table) == nullptr) return {};

@@ -5,7 +5,7 @@
 //
 //   CREATE TABLE [IF NOT EXISTS] name ( column [, ...] ) [UNDER base | INHERITS ( base )]
 //   ALTER TABLE name ADD [COLUMN] column | DROP [COLUMN] name | RENAME TO name
-//                  | RENAME [COLUMN] name TO name
+//                  | RENAME [COLUMN] name TO name | SET PARENT base | SET PARENT NULL
 //                  | ALTER [COLUMN] name [SET [DATA]] TYPE type
 //                  | ALTER [COLUMN] name SET | DROP NOT NULL
 //   DROP TABLE [IF EXISTS] name [CASCADE]
@@ -68,6 +68,10 @@ struct RenameTableStatement {
   std::string table;
   std::string new_name;
 };
+struct SetParentStatement {
+  std::string table;
+  std::string base;  // empty: none
+};
 struct DropTableStatement {
   std::string table;
   bool cascade = false;
@@ -102,7 +106,8 @@ struct AnnotateStatement {
 using DefinitionStatement =
     std::variant<CreateTableStatement, AddColumnStatement, DropColumnStatement,
                  RenameColumnStatement, AlterColumnStatement, RenameTableStatement,
-                 DropTableStatement, CreateIndexStatement, DropIndexStatement, AnnotateStatement>;
+                 SetParentStatement, DropTableStatement, CreateIndexStatement, DropIndexStatement,
+                 AnnotateStatement>;
 
 struct Definition {
   bool explain = false;

@@ -150,7 +150,8 @@ struct rename_table : peg::if_must<kw_to, new_table_name> {};
 struct rename_column
     : peg::seq<peg::opt<kw_column>, column_name, peg::must<kw_to>, peg::must<new_column_name>> {};
 struct renamed : peg::if_must<kw_rename, peg::sor<rename_table, rename_column>> {};
-struct set_parent : peg::if_must<kw_set, kw_parent, dotted> {};
+struct new_parent : peg::sor<kw_null, base_name> {};
+struct set_parent : peg::if_must<kw_set, kw_parent, new_parent> {};
 struct new_type : peg::if_must<kw_type, column_type> {};
 struct takes_null : peg::if_must<kw_drop, kw_not, kw_null> {};
 struct new_nullness_or_type : peg::sor<not_null, new_type, peg::if_must<kw_data, new_type>> {};
@@ -235,7 +236,7 @@ SAGLEME_EXPECTED(new_table_name, "the new name of the table");
 SAGLEME_EXPECTED(base_name, "the name of the base");
 SAGLEME_EXPECTED(target_name, "the name of the table referred to");
 SAGLEME_EXPECTED(index_name, "the name of an index");
-SAGLEME_EXPECTED(dotted, "the name of a table");
+SAGLEME_EXPECTED(new_parent, "the name of the base, or NULL");
 SAGLEME_EXPECTED(segment, "a name after the dot");
 SAGLEME_EXPECTED(quoted_text, "a name between the quotes");
 SAGLEME_EXPECTED(part, "the name of a column");
@@ -394,10 +395,7 @@ SAGLEME_ACTION(rename_column, (to.made.statement = RenameColumnStatement{
 SAGLEME_ACTION(drop_table,
                (to.made.statement = DropTableStatement{to.table, to.cascade, to.conditional}));
 SAGLEME_ACTION(drop_index, (to.made.statement = DropIndexStatement{to.index, to.conditional}));
-SAGLEME_ACTION(set_parent, {
-  auto const at = in.position();
-  Refuse(at.line, at.column, "a table keeps its base: make a new table and copy the objects");
-});
+SAGLEME_ACTION(set_parent, (to.made.statement = SetParentStatement{to.table, to.base}));
 SAGLEME_ACTION(new_type, to.retypes = true);
 SAGLEME_ACTION(default_literal, to.columns.back().fallback = in.string());
 SAGLEME_ACTION(rule_refuse, to.columns.back().on_delete = OnDelete::kRefuse);

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <map>
 #include <sagleme/annotations.hpp>
+#include <sagleme/hierarchy.hpp>
+#include <span>
 #include <vector>
 
 #include "attachment.h"
@@ -63,7 +65,9 @@ class Row {
   void ReadAssignments(bool insert);
   TablePtr Target() const;
   std::uint64_t GivenId(sqlite3_value* id) const;
-  void RequireSame(std::uint64_t oid) const;
+  void RequireSameId(std::uint64_t oid) const;
+  TablePtr NewTable(std::uint64_t oid) const;
+  void ChangeTable(std::uint64_t oid, Table const& to) const;
   bool Exists(std::uint64_t oid) const;
   std::uint64_t Create(Table const& table, std::uint64_t id);
   void Fill(Table const& table, std::uint64_t oid);
@@ -136,17 +140,31 @@ std::uint64_t Row::GivenId(sqlite3_value* id) const {
   return static_cast<std::uint64_t>(sqlite3_value_int64(id));
 }
 
-void Row::RequireSame(std::uint64_t oid) const {
+void Row::RequireSameId(std::uint64_t oid) const {
   sqlite3_value* const id = HiddenValue(Hidden::kId);
   if (id != nullptr && static_cast<std::uint64_t>(sqlite3_value_int64(id)) != oid) {
     throw Failure(SQLITE_CONSTRAINT, "An object's id cannot be changed.");
   }
-  sqlite3_value* const table = HiddenValue(Hidden::kTable);
-  if (table == nullptr) return;
+}
+
+// Null if the object stays in its table.
+TablePtr Row::NewTable(std::uint64_t oid) const {
+  if (HiddenValue(Hidden::kTable) == nullptr) return nullptr;
   TablePtr const own = at_.TableOf(oid);
-  if (own == nullptr || Target()->row.oid != own->row.oid) {
+  TablePtr const target = Target();
+  return own != nullptr && target->row.oid == own->row.oid ? nullptr : target;
+}
+
+void Row::ChangeTable(std::uint64_t oid, Table const& to) const {
+  ObjectId const object{oid};
+  try {
+    Retype(at_.transaction(), std::span(&object, 1), to);
+  } catch (sagleme::Failure const& failure) {
     throw Failure(SQLITE_CONSTRAINT,
-                  "An object cannot be moved to another table: delete it and insert it there.");
+                  std::string("FOREIGN KEY constraint failed: ") + failure.what());
+  } catch (Error const& error) {
+    if (error.status() != LSCOREDB_DUPLICATE_KEY) throw;
+    throw Failure(SQLITE_CONSTRAINT, std::string("UNIQUE constraint failed: ") + error.what());
   }
 }
 
@@ -302,9 +320,15 @@ void Row::Assign(std::uint64_t oid) {
 
 void Row::Update(std::uint64_t oid) {
   if (replaces() && !Exists(oid)) return;  // OR REPLACE deleted it for another row of the statement
-  RequireSame(oid);
+  RequireSameId(oid);
   ReadAssignments(false);
+  TablePtr const table = NewTable(oid);
+  if (table == nullptr) return Assign(oid);
+  at_.NoteWrite();
+  Undo undo(context_);
+  ChangeTable(oid, *table);
   Assign(oid);
+  undo.Keep();
 }
 
 void Row::Delete(std::uint64_t oid) {

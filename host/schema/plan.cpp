@@ -5,6 +5,7 @@
 
 #include "schema/annotation_changes.h"
 #include "schema/refused_build.h"
+#include "schema/refused_move.h"
 
 namespace sagleme {
 namespace {
@@ -245,6 +246,9 @@ void AllowLosses(Plan& plan) {
 }
 
 std::string RefusalOf(Transaction& transaction, Change const& change) {
+  if (auto const* const move = std::get_if<change::SetBase>(&change)) {
+    return RefusalOfMove(transaction, *move);
+  }
   try {
     std::visit(Refusal{transaction}, change);
   } catch (Error const& error) {

@@ -15,13 +15,14 @@
 // is refused because an index or a reference exists, only because a unique key would occur twice or
 // a reference would lead to an object of a table that its column does not allow.
 //
-// Everything happens in the given transaction. A function that throws leaves nothing behind.
+// Changes belong to the given transaction. A function that throws leaves nothing behind.
 // Objects of the transaction are valid afterwards, tables and ranges are read anew. Tables and
 // handles of before, of whatever process, cannot create objects at an old place:
 // LSCOREDB_SET_CLOSED.
 
 #include <sagleme/export.h>
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <sagleme/failure.hpp>
@@ -84,6 +85,23 @@ SAGLEME_HOST_API RetypePlan PlanRetype(Transaction& transaction, std::span<Objec
 // LSCOREDB_DUPLICATE_KEY for a key that a unique index of the new table holds.
 SAGLEME_HOST_API std::uint64_t Retype(Transaction& transaction, std::span<ObjectId const> objects,
                                       Table const& to, RetypeOptions const& options = {});
+
+struct RetypeJob {
+  std::uint64_t batch = 10000;         // objects in a transaction, at least 1
+  std::chrono::milliseconds pause{0};  // between batches
+  std::uint32_t attempts = 1000;       // per batch, before a conflict is reported
+  // Called after each committed batch; false ends the run there.
+  std::function<bool(std::uint64_t done, std::uint64_t total)> report;
+};
+
+// The same in batches, each in its own transaction of the context, which must have none open.
+// Readers see each object in one table or the other, with its values and index entries. Objects
+// deleted meanwhile are passed over. A run may end after any batch, even by the death of the
+// process; another one with the same objects continues. Throws as Retype; committed batches stay.
+SAGLEME_HOST_API std::uint64_t RetypeInBatches(Context const& context,
+                                               std::span<ObjectId const> objects, Text const& to,
+                                               RetypeOptions const& options = {},
+                                               RetypeJob const& job = {});
 
 // ---- tables -------------------------------------------------------------------------------------
 

@@ -120,8 +120,9 @@ SAGLEME_HOST_API std::string DescribeChange(Change const& change);
 
 // Lets the changes of the plan lose the values that they cannot keep.
 SAGLEME_HOST_API void AllowLosses(Plan& plan);
-// Why a change would be refused for the values that it would lose: the text of the Error that
-// ApplyPlan would throw. Empty if it would not, or if earlier changes of the plan decide that.
+// Why a change would be refused for the values that it would lose, or for references that could
+// lead no longer where they do: the text that ApplyPlan would throw. Empty if it would not, or if
+// earlier changes of the plan decide that.
 SAGLEME_HOST_API std::string RefusalOf(Transaction& transaction, Change const& change);
 
 // A table or column that is gone and a new one that may be the same under a new name: nothing in

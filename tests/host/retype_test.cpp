@@ -192,6 +192,35 @@ TEST_F(RetypeTest, ObjectUnderASupersededLayout_MovesWithItsValues) {
   next.Commit();
 }
 
+TEST_F(RetypeTest, Batches_CommitOneByOneAndGoOnAfterAnEnd) {
+  Ids ids;
+  {
+    Transaction transaction(context_);
+    for (int i = 0; i < 25; ++i) ids.push_back(MakeBook(transaction, u"b", i));
+    transaction.Commit();
+  }
+  sagleme::RetypeJob job;
+  job.batch = 10;
+  std::vector<std::uint64_t> steps;
+  job.report = [&](std::uint64_t done, std::uint64_t total) {
+    EXPECT_EQ(25u, total);
+    steps.push_back(done);
+    return steps.size() != 2;
+  };
+  EXPECT_EQ(20u, sagleme::RetypeInBatches(context_, ids, u"Novel", {}, job));
+  EXPECT_EQ((std::vector<std::uint64_t>{10, 20}), steps);
+  {
+    Transaction transaction(context_);
+    EXPECT_EQ(20u, Subtree(transaction, u"Novel").size());
+    EXPECT_EQ(25u, Subtree(transaction, u"Book").size());
+    Object::Find(transaction, ids[24])->Delete();
+    transaction.Commit();
+  }
+  job.report = nullptr;
+  EXPECT_EQ(4u, sagleme::RetypeInBatches(context_, ids, u"Novel", {}, job));
+  EXPECT_EQ(0u, sagleme::RetypeInBatches(context_, ids, u"Novel", {}, job));
+}
+
 TEST_F(RetypeTest, BadRequests_AreRefused) {
   Transaction transaction(context_);
   ObjectId const id = MakeBook(transaction, u"Dune", 412);

@@ -133,6 +133,27 @@ TEST_F(DefineTest, SavepointAfterATableWasDropped_KeepsThatWhenItIsRolledBackTo)
   EXPECT_EQ(sql_("SELECT * FROM Film"), "error: no such table: Film");
 }
 
+TEST_F(DefineTest, SetParent_MovesTheTableWithItsRows) {
+  (*this)("CREATE TABLE Library.Film (Minutes integer) UNDER Library.Item");
+  (*this)("CREATE TABLE Library.Show (Title text, Stage text)");
+  sql_("INSERT INTO Film(Title, Year, Minutes) VALUES('M', 1931, 117)");
+  EXPECT_EQ((*this)("EXPLAIN ALTER TABLE Film SET PARENT Show"),
+            "background   move table Library.Film under Library.Show");
+  EXPECT_EQ((*this)("ALTER TABLE Film SET PARENT Show"),
+            "background   move table Library.Film under Library.Show");
+  EXPECT_EQ(sql_("SELECT Title, _table FROM Show; SELECT Year, Minutes FROM Film"),
+            "M|Library.Film\n1931|117");
+  EXPECT_EQ(sql_("SELECT count(*) FROM Item"), "0");
+  EXPECT_EQ((*this)("ALTER TABLE Film SET PARENT NULL"),
+            "background   move table Library.Film to the root");
+  EXPECT_EQ(sql_("SELECT count(*) FROM Show; SELECT Title FROM Film"), "0\nM");
+  EXPECT_EQ((*this)("ALTER TABLE Film SET PARENT Film"),
+            "error: table Library.Film cannot derive from itself");
+  EXPECT_EQ((*this)("EXPLAIN ALTER TABLE Film SET PARENT Film"),
+            "error: table Library.Film cannot derive from itself");
+  EXPECT_EQ((*this)("ALTER TABLE Film SET PARENT Nothing"), "error: no such table: Nothing");
+}
+
 TEST_F(DefineTest, Error_SaysWhereAndWhatWasExpected) {
   EXPECT_EQ((*this)("CREATE TABLE a.B (\n  x integer,\n  y nonsense)"),
             "error: line 3, column 5: expected a type, or REF(table), found nonsense");
@@ -150,9 +171,8 @@ TEST_F(DefineTest, Error_SaysWhereAndWhatWasExpected) {
             "have, found (");
   EXPECT_EQ((*this)("CREATE TABLE B (x timetz)"),
             "error: line 1, column 19: type timetz is not supported");
-  EXPECT_EQ((*this)("ALTER TABLE Item SET PARENT Person"),
-            "error: line 1, column 18: a table keeps its base: make a new table and copy the "
-            "objects");
+  EXPECT_EQ((*this)("ALTER TABLE Item SET PARENT"),
+            "error: line 1, column 28: expected the name of the base, or NULL, found the end");
   EXPECT_EQ((*this)("ALTER TABLE Item ALTER Year USING text"),
             "error: line 1, column 29: expected TYPE, SET or DROP NOT NULL, found USING");
   EXPECT_EQ((*this)("ALTER TABLE Item ALTER Year SET PRIMARY KEY"),

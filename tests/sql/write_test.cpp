@@ -110,13 +110,27 @@ TEST_F(WriteTest, UpdateAndDelete_ByIndexAndById) {
   EXPECT_EQ(sql_("SELECT count(*) FROM Item"), "0");
 }
 
-TEST_F(WriteTest, IdAndTableOfAnObject_AreNotChanged) {
+TEST_F(WriteTest, IdOfAnObject_IsNotChanged) {
   sql_("INSERT INTO Book(Title, Year) VALUES('a', 1)");
   EXPECT_EQ(sql_("UPDATE Book SET _oid = 5"), "error: An object's id cannot be changed.");
   EXPECT_EQ(sql_("UPDATE Book SET rowid = 5"), "error: An object's id cannot be changed.");
-  EXPECT_EQ(sql_("UPDATE Item SET _table = 'Item'"),
-            "error: An object cannot be moved to another table: delete it and insert it there.");
-  EXPECT_EQ(sql_("UPDATE Item SET _table = 'Book', Year = 2; SELECT Year FROM Item"), "2");
+}
+
+TEST_F(WriteTest, TableOfAnObject_ChangesWithItsValues) {
+  sql_("INSERT INTO Book(Title, Year) VALUES('a', 1), ('b', 2)");
+  EXPECT_EQ(sql_("UPDATE Item SET _table = 'Book', Year = 2 WHERE Title = 'a'; SELECT Year FROM "
+                 "Item WHERE Title = 'a'"),
+            "2");
+  EXPECT_EQ(sql_("UPDATE Item SET _table = 'Item', Year = 3 WHERE Title = 'a'"), "");
+  EXPECT_EQ(sql_("SELECT Title, Year, _table FROM Item ORDER BY Title"),
+            "a|3|Library.Item\nb|2|Library.Book");
+  EXPECT_EQ(sql_("SELECT Title FROM Book"), "b");
+  EXPECT_EQ(sql_("UPDATE Item SET _table = 'Library.Book'; SELECT count(*) FROM Book"), "2");
+  EXPECT_EQ(sql_("BEGIN; UPDATE Item SET _table = 'Item'; ROLLBACK; SELECT count(*) FROM Book"),
+            "2");
+  EXPECT_EQ(sql_("UPDATE Book SET _table = 'Item'"),
+            "error: Table Item is not derived from Library.Book.");
+  EXPECT_EQ(sql_("UPDATE Item SET _table = 'Nothing'"), "error: no such table: Nothing");
 }
 
 TEST_F(WriteTest, ChosenId_IsTakenOnce) {

@@ -26,6 +26,7 @@ std::unique_ptr<Command> MakeCount();
 std::unique_ptr<Command> MakeInsert();
 std::unique_ptr<Command> MakeSet();
 std::unique_ptr<Command> MakeDelete();
+std::unique_ptr<Command> MakeRetype();
 std::unique_ptr<Command> MakeCheck();
 std::unique_ptr<Command> MakeVacuum();
 std::unique_ptr<Command> MakeJobs();

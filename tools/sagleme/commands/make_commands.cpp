@@ -71,6 +71,7 @@ std::vector<std::unique_ptr<Command>> MakeCommands() {
   commands.push_back(MakeInsert());
   commands.push_back(MakeSet());
   commands.push_back(MakeDelete());
+  commands.push_back(MakeRetype());
   commands.push_back(MakeCheck());
   commands.push_back(MakeVacuum());
   commands.push_back(MakeJobs());

@@ -1,0 +1,72 @@
+#include <nlohmann/json.hpp>
+
+#include "run_tool.h"
+
+namespace tool_test {
+namespace {
+
+using Json = nlohmann::json;
+
+class RetypeCommandTest : public ToolTest {
+ protected:
+  void SetUp() override {
+    Create();
+    Apply(kLibrary);
+    On("import", {"App.Book", "-"}, 0,
+       "Title,Pages,Isbn,Price\nOne,10,1,1.5\nTwo,20,2,2\nThree,30,3,3\n");
+  }
+  Json Scan(std::string const& table) {
+    return Json::parse(On("scan", {table, "--format", "json"}).out);
+  }
+  std::string IdOf(std::string const& title) {
+    for (Json const& row : Scan("Item")) {
+      if (row["Title"] == title) return row["_oid"].dump();
+    }
+    return "";
+  }
+};
+
+TEST_F(RetypeCommandTest, Retype_OfOneObject_KeepsSharedValues) {
+  std::string const id = IdOf("One");
+  Result const refused = On("retype", {"Film", id}, 4);
+  EXPECT_NE(std::string::npos, refused.err.find("column Isbn of App.Book is lost, with 1 value"))
+      << refused.err;
+  EXPECT_NE(std::string::npos, refused.err.find("values would be lost; nothing was changed"));
+  EXPECT_NE(std::string::npos,
+            On("retype", {"Film", id, "--allow-destructive"}).err.find("changed 1 object"));
+  ASSERT_EQ(1u, Scan("Film").size());
+  EXPECT_EQ(10, Scan("Film")[0]["Pages"]);
+  EXPECT_EQ(id, IdOf("One"));
+  On("check");
+}
+
+TEST_F(RetypeCommandTest, Retype_ByAConditionInBatches_ChangesWhatMeetsIt) {
+  Result const plan = On("retype", {"Film", "--from", "Book", "--where", "Pages>=20", "--plan"}, 5);
+  EXPECT_NE(std::string::npos, plan.err.find("2 objects to change")) << plan.err;
+  EXPECT_EQ(3u, Scan("Book").size());
+  Arguments const all{"Film",      "--from",  "Book", "--where",
+                      "Pages>=20", "--batch", "1",    "--allow-destructive"};
+  EXPECT_NE(std::string::npos, On("retype", all).err.find("changed 2 objects"));
+  EXPECT_EQ(1u, Scan("Book").size());
+  EXPECT_EQ(2u, Scan("Film").size());
+  EXPECT_NE(std::string::npos, On("retype", all).err.find("changed 0 objects"));
+  On("retype", {"Film", "--from", "Book", "--where", "Pages>=20", "--plan"}, 0);
+  On("check");
+}
+
+TEST_F(RetypeCommandTest, Retype_WithBadArguments_SaysWhatIsWrong) {
+  auto const error = [&](Arguments const& arguments, int status) {
+    return On("retype", arguments, status).err;
+  };
+  EXPECT_NE(std::string::npos, error({"Film"}, 2).find("either the ids of objects or --from"));
+  EXPECT_NE(std::string::npos, error({"Film", "1", "--from", "Book"}, 2).find("either"));
+  EXPECT_NE(std::string::npos,
+            error({"Film", IdOf("One"), "--where", "Pages=1"}, 2).find("need --from TABLE"));
+  error({"Film", "12345678"}, 1);
+  error({"Nothing", IdOf("One")}, 4);
+  error({"Film", IdOf("One"), "--references", "drop"}, 2);
+  EXPECT_EQ(3u, Scan("Book").size());
+}
+
+}  // namespace
+}  // namespace tool_test
