@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <map>
 #include <optional>
+#include <sagleme/annotations.hpp>
 #include <sagleme/hierarchy.hpp>
 
 #include "hierarchy/column_tokens.h"
@@ -38,6 +39,9 @@ class Retyping {
     if (to.system) {
       Refuse(fmt::format("table {} belongs to the catalogue itself and takes no objects",
                          ToUtf8(to.name)));
+    }
+    if (IsAbstract(transaction, to)) {
+      Refuse(fmt::format("table {} is abstract and takes no objects", ToUtf8(to.name)));
     }
     for (ObjectId const id : objects) Add(id);
   }
@@ -174,6 +178,7 @@ std::uint64_t Retype(Transaction& transaction, std::span<ObjectId const> objects
                      RetypeOptions const& options) {
   detail::Rules const* const rules = transaction.rules();
   if (rules != nullptr && !objects.empty()) detail::RequireConcrete(*rules, to);
+  transaction.rules();  // what they require of the transaction outlives the savepoint
   Savepoint savepoint(transaction);
   std::uint64_t const changed = Retyping(transaction, objects, to, options).Run();
   savepoint.Release();

@@ -6,6 +6,7 @@
 #include <sagleme/hierarchy.hpp>
 #include <sagleme/vacuum.hpp>
 
+#include "hierarchy/column_annotations.h"
 #include "hierarchy/column_tokens.h"
 #include "hierarchy/referrers.h"
 #include "hierarchy/refused_key.h"
@@ -334,11 +335,14 @@ void SetBase(Transaction& transaction, Text const& table, Text const& base,
   std::vector<Shape> const shapes =
       ShapesUnder(transaction, request.table, request.base, options.merge);
   RequireDepth(request, shapes);
+  transaction.rules();  // what they require of the transaction outlives the savepoint
   Savepoint savepoint(transaction);
   SettleReferrers(transaction, ReferrersTo(transaction, request), options.referring,
                   fmt::format("table {} cannot leave {}", ToUtf8(request.table->name),
                               ToUtf8(request.table->base)));
+  ColumnAnnotations const annotations(transaction, shapes);
   BaseSetter(transaction, request, shapes).Run();
+  annotations.Restore();
   savepoint.Release();
 }
 

@@ -1,5 +1,7 @@
 // Objects that change their table.
 
+#include <sagleme/annotations.hpp>
+
 #include "hierarchy_test.h"
 
 namespace hierarchy_test {
@@ -219,6 +221,14 @@ TEST_F(RetypeTest, Batches_CommitOneByOneAndGoOnAfterAnEnd) {
   job.report = nullptr;
   EXPECT_EQ(4u, sagleme::RetypeInBatches(context_, ids, u"Novel", {}, job));
   EXPECT_EQ(0u, sagleme::RetypeInBatches(context_, ids, u"Novel", {}, job));
+}
+
+TEST_F(RetypeTest, AbstractTable_TakesNoObjects) {
+  Transaction transaction(context_);
+  ObjectId const id = MakeBook(transaction, u"Dune", 412);
+  sagleme::SetAbstract(transaction, *transaction.table(u"Film"), true);
+  EXPECT_EQ(SAGLEME_ABSTRACT_TABLE, StatusOf([&] { Retype(transaction, {id}, u"Film"); }));
+  EXPECT_EQ(u"Book", TableOf(transaction, id));
 }
 
 TEST_F(RetypeTest, BadRequests_AreRefused) {

@@ -1,5 +1,7 @@
 // Tables that move under another base, with their descendants and objects.
 
+#include <sagleme/annotations.hpp>
+
 #include "hierarchy_test.h"
 
 namespace hierarchy_test {
@@ -316,6 +318,24 @@ TEST_F(SetBaseTest, WritersMeanwhile_Conflict) {
   Object::Find(changing, book_)->Set(u"Pages", 1L);
   changing.Commit();
   EXPECT_EQ(LSCOREDB_CONFLICT, StatusOf([&] { back.Commit(); }));
+}
+
+TEST_F(SetBaseTest, AnnotationsOfColumns_StayWithThem) {
+  Transaction transaction(context_);
+  sagleme::SetComment(transaction, *transaction.table(u"Item"), u"Title", "what it is called");
+  sagleme::SetDefault(transaction, *transaction.table(u"Item"), u"Title", u"none");
+  sagleme::SetComment(transaction, *transaction.table(u"Book"), u"Pages", "how long it is");
+  sagleme::SetBase(transaction, u"Book", u"Media");
+  sagleme::TablePtr const book = transaction.table(u"Book");
+  EXPECT_EQ("what it is called", sagleme::CommentOf(transaction, *book, book->GetColumn(u"Title")));
+  EXPECT_EQ("how long it is", sagleme::CommentOf(transaction, *book, book->GetColumn(u"Pages")));
+  EXPECT_EQ(Value(u"none"), Object::Create(transaction, *book).Get(u"Title"));
+  sagleme::SetBase(transaction, u"Book", u"Item", {.merge = true});
+  EXPECT_EQ("what it is called",
+            sagleme::CommentOf(transaction, *transaction.table(u"Item"),
+                               transaction.table(u"Item")->GetColumn(u"Title")));
+  ExpectSound(transaction);
+  transaction.Commit();
 }
 
 TEST_F(SetBaseTest, VacuumAfterwards_RemovesNothing) {
