@@ -54,7 +54,9 @@ Known& KnownOf(std::uint64_t context) {
 // Makes the transaction conflict with changes of the annotations.
 void RequireVersion(Transaction& transaction, ObjectId row) {
   auto const status = lscoredb_require(transaction.context(), row.value);
-  if (status != LSCOREDB_WRITE_REFUSED) CheckKernel(status);  // one that only reads needs nothing
+  // One that only reads needs nothing.
+  if (status == LSCOREDB_WRITE_REFUSED || status == LSCOREDB_READ_ONLY_DATABASE) return;
+  CheckKernel(status);
 }
 
 std::uint64_t VersionIn(Transaction& transaction, Known const& known) {

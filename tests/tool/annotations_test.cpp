@@ -1,5 +1,7 @@
 // Comments, defaults, abstract tables and rules of references, as the tool keeps and shows them.
 
+#include <sagleme/host.hpp>
+
 #include "run_tool.h"
 
 namespace tool_test {
@@ -113,6 +115,29 @@ TEST_F(AnnotationsTest, Apply_OfAnAbstractTableWithObjects_ChangesNothing) {
   Result const refused = On("apply", {file}, 4);
   EXPECT_NE(std::string::npos, refused.err.find("it has 1 object of its own")) << refused.err;
   EXPECT_EQ(kShop, On("schema", {"--portable"}).out);
+}
+
+// What this process has kept of the rules is no longer what they are.
+TEST_F(AnnotationsTest, ChangeByAnotherProcess_IsSeenByTheNextTransaction) {
+  using sagleme::Object;
+  using sagleme::Transaction;
+  sagleme::Database const here = sagleme::Database::Open(database());
+  sagleme::Context const context(here);
+  auto const make = [](Transaction& transaction) {
+    return Object::Create(transaction, *transaction.table(u"Shop.Customer"));
+  };
+  {
+    Transaction transaction(context);
+    EXPECT_EQ(sagleme::Value(std::int64_t{5}), make(transaction).Get(u"Points"));
+  }
+  std::string document = kShop;
+  document.replace(document.find("\"default\": 5"), 12, "\"default\": 6");
+  Transaction open(context);
+  make(open);
+  Apply(document);
+  EXPECT_THROW(open.Commit(), sagleme::Error);
+  Transaction transaction(context);
+  EXPECT_EQ(sagleme::Value(std::int64_t{6}), make(transaction).Get(u"Points"));
 }
 
 TEST_F(AnnotationsTest, SchemaAsSql_MakesTheSameSchema) {
