@@ -120,6 +120,12 @@ class Writer {
 
 LORVI_COLUMN_DEFINITION const kColumns[] = {{LORV_TYPE_STRING, 1, kName}, {}};
 
+void Drop(Context const& context, std::uint64_t index) {
+  Check(lscoredb_begin(context.id(), LSCOREDB_READ_WRITE));
+  Check(lorvi_context_drop_index(context.id(), index));
+  Check(lscoredb_commit(context.id()));
+}
+
 void BuildInOneTransaction(lscoredb* database) {
   Context const context(database);
   std::uint64_t index = 0;
@@ -128,13 +134,11 @@ void BuildInOneTransaction(lscoredb* database) {
     Check(lorvi_context_create_index(context.id(), 61, kSet, kColumns, 0, 0, &index));
     Check(lscoredb_commit(context.id()));
   });
-  Check(lscoredb_begin(context.id(), LSCOREDB_READ_WRITE));
-  Check(lorvi_context_drop_index(context.id(), index));
-  Check(lscoredb_commit(context.id()));
+  Drop(context, index);
 }
 
-void BuildBeside(lscoredb* database, char const* what) {
-  Context const context(database);
+// Returns the index.
+std::uint64_t BuildBeside(Context const& context, char const* what) {
   std::uint64_t index = 0;
   Measure(what, [&] {
     lscoredb_index_build build{};
@@ -147,9 +151,7 @@ void BuildBeside(lscoredb* database, char const* what) {
     Check(lorvi_context_create_index(context.id(), 61, kSet, kColumns, 0, 0, &index));
     Check(lscoredb_commit(context.id()));
   });
-  Check(lscoredb_begin(context.id(), LSCOREDB_READ_WRITE));
-  Check(lorvi_context_drop_index(context.id(), index));
-  Check(lscoredb_commit(context.id()));
+  return index;
 }
 
 void RunOurs(std::string const& directory, std::uint64_t count) {
@@ -157,10 +159,13 @@ void RunOurs(std::string const& directory, std::uint64_t count) {
   std::uint64_t object = 0;
   Measure("load", [&] { object = Load(database, count); });
   BuildInOneTransaction(database);
-  BuildBeside(database, "beside writers, of whom there are none");
-  Writer writer(database, object);
-  BuildBeside(database, "beside a writer");
-  writer.Report();
+  {
+    Context const context(database);
+    Drop(context, BuildBeside(context, "beside writers, of whom there are none"));
+    Writer writer(database, object);
+    BuildBeside(context, "beside a writer");
+    writer.Report();
+  }
   Check(lscoredb_close(database));
 }
 
