@@ -103,9 +103,45 @@ CachedRow const* SharedRowCache::Find(ObjectId id, CommitId state) const {
     // and fetching it then would be a second wait.
     __builtin_prefetch(reinterpret_cast<char const*>(row) + kLine);
     if (row->id != id) continue;
-    return row->commit() <= state && row->known >= foreign_commits_.unlisted() ? row : nullptr;
+    return IsCurrent(*row, state) ? row : nullptr;
   }
   return nullptr;
+}
+
+// A random row costs two waits, for its bucket and for itself. Here all buckets of a group are
+// asked for before the first is read, and then all rows.
+void SharedRowCache::FindMany(std::span<std::uint64_t const> ids, CommitId state,
+                              CachedRow const** out) const {
+  constexpr std::size_t kGroup = 32;
+  Bucket* const buckets = buckets_.load(std::memory_order_acquire);
+  std::array<Bucket*, kGroup> places;
+  for (std::size_t from = 0; buckets != nullptr && from < ids.size(); from += kGroup) {
+    auto const group = ids.subspan(from, std::min(kGroup, ids.size() - from));
+    for (std::size_t i = 0; i < group.size(); ++i) {
+      places[i] = &buckets[BucketOf(ObjectId{group[i]})];
+      __builtin_prefetch(places[i]);
+    }
+    for (std::size_t i = 0; i < group.size(); ++i) {
+      Slot const slot = Get(places[i]->slots[group[i] % kWays]);
+      bool const likely = slot != 0 && (slot & ~kAddress) == Mark(ObjectId{group[i]});
+      out[from + i] = likely ? RowAt(slot) : nullptr;
+      if (!likely) continue;
+      __builtin_prefetch(out[from + i]);
+      __builtin_prefetch(reinterpret_cast<char const*>(out[from + i]) + kLine);
+    }
+    for (std::size_t i = 0; i < group.size(); ++i) {
+      CachedRow const* const row = out[from + i];
+      bool const found = row != nullptr && row->id == ObjectId{group[i]} && IsCurrent(*row, state);
+      if (!found) out[from + i] = Find(ObjectId{group[i]}, state);
+    }
+  }
+  if (buckets == nullptr) std::fill_n(out, ids.size(), nullptr);
+}
+
+void SharedRowCache::Reader::FindMany(std::span<std::uint64_t const> ids,
+                                      CachedRow const** out) const {
+  if (usable_) return table_.FindMany(ids, state_, out);
+  std::fill_n(out, ids.size(), nullptr);
 }
 
 void SharedRowCache::PrefetchSlot(ObjectId id) const {

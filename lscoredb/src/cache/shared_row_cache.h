@@ -19,6 +19,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <span>
 #include <string_view>
 #include <vector>
 
@@ -70,6 +71,8 @@ class SharedRowCache {
 
     // The row as of the state that is read; null if that is not cached. Valid until End.
     CachedRow const* Find(ObjectId id) const { return usable_ ? table_.Find(id, state_) : nullptr; }
+    // The same for many, one after the other through each wait: `out` receives a row for each id.
+    void FindMany(std::span<std::uint64_t const> ids, CachedRow const** out) const;
     // Prefetches rows that will soon be read: first their slots, then the rows.
     void PrefetchSlot(ObjectId id) const { table_.PrefetchSlot(id); }
     void FetchRow(ObjectId id) const {
@@ -134,6 +137,11 @@ class SharedRowCache {
   static std::size_t WayOf(Bucket& bucket, ObjectId id);
 
   CachedRow const* Find(ObjectId id, CommitId state) const;
+  void FindMany(std::span<std::uint64_t const> ids, CommitId state, CachedRow const** out) const;
+  // Whether a reader of `state` may use the row.
+  bool IsCurrent(CachedRow const& row, CommitId state) const {
+    return row.commit() <= state && row.known >= foreign_commits_.unlisted();
+  }
   void PrefetchSlot(ObjectId id) const;
   void FetchRow(ObjectId id) const;
   std::size_t BucketCount() const { return std::size_t{1} << bucket_bits_; }

@@ -171,6 +171,26 @@ void EntryCursor::GatherGroup(bool forward) {
   group_at_ = forward ? 0 : group_.size() - 1;
 }
 
+// The bytes behind the encoding are those of the object's id.
+std::string_view EntryCursor::PageBound(bool forward) const {
+  std::string_view key;
+  std::size_t const prefix = index_->entry_prefix.size();
+  if (in_group_ || !cursor_.PageEnd(forward, &key) || key.size() < prefix) return {};
+  if (key.substr(0, prefix) != index_->entry_prefix) return {};
+  key.remove_prefix(prefix);
+  return key.size() < format::kKeyPrefix ? key : std::string_view();
+}
+
+bool EntryCursor::TakeRun(bool forward, std::span<EntryObject> out, std::size_t* taken) {
+  *taken = 0;
+  while (*taken < out.size() && cursor_.StepInPage(forward)) {
+    Arrive(true, forward);
+    if (!valid_ || in_group_) return true;
+    out[(*taken)++] = {entry_.object, entry_.layout};
+  }
+  return false;
+}
+
 ObjectId EntryCursor::Guess(std::size_t ahead, bool forward) const {
   KeyValue seen;
   std::uint64_t object = 0;

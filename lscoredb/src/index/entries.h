@@ -7,6 +7,7 @@
 // A cursor belongs to one thread at a time and reads one view. The bytes of its entry stay valid
 // until it moves; over a snapshot, until that ends.
 
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -30,6 +31,12 @@ int ComparePrefix(EncodedKey const& a, std::string_view prefix);
 
 struct Entry {
   EncodedKey key;
+  ObjectId object{};
+  LayoutNumber layout{};
+};
+
+// What an entry leads to.
+struct EntryObject {
   ObjectId object{};
   LayoutNumber layout{};
 };
@@ -80,6 +87,13 @@ class EntryCursor {
   void SeekLast(std::string_view bound);
   void Next();
   void Previous();
+
+  // Many steps at once. The head of the key that all entries ahead in the same page do not go
+  // beyond, in that direction; empty: not known.
+  std::string_view PageBound(bool forward) const;
+  // Steps as long as the page goes on, and writes what it steps to into `out`. Ends early, and
+  // returns true, on an entry that it did not write: one behind the index, or of a long key.
+  bool TakeRun(bool forward, std::span<EntryObject> out, std::size_t* taken);
 
   // A guess at the object of the entry `ahead` steps further, for prefetching only; kNoObject: not
   // known.

@@ -217,6 +217,19 @@ class Cursor {
   bool Next() { return (EnterPage() && page_.Next(&entry_)) || NextPage(); }
   bool Previous() { return (EnterPage() && page_.Previous(&entry_)) || PreviousPage(); }
 
+  // A step that stays in the page. False, without a step, where there is none.
+  bool StepInPage(bool forward) {
+    return page_.inside() && (forward ? page_.Next(&entry_) : page_.Previous(&entry_));
+  }
+  // The key of the page's last entry in that direction. False when it is not known.
+  bool PageEnd(bool forward, std::string_view* key) const {
+    KeyValue first;
+    KeyValue last;
+    if (!page_.Ends(&first, &last)) return false;
+    *key = forward ? last.key : first.key;
+    return true;
+  }
+
   // A nearby entry `ahead` steps further, if the cursor is inside a page. Its bytes are not
   // checked.
   bool Peek(std::size_t ahead, bool forward, KeyValue* entry) const {

@@ -1,7 +1,6 @@
 #include "iterator.h"
 
 #include <algorithm>
-#include <vector>
 
 #include "bytes.h"
 #include "keys.h"
@@ -162,39 +161,77 @@ void Iterator::FetchAhead() {
 void Iterator::AskTogether() {
   if (asked_ > 0) --asked_;
   if (asked_ > 0 || given_ == kNoObject || source_.rows->Find(given_) == nullptr) return;
-  std::vector<std::uint64_t> wanted;
+  wanted_.clear();
   while (asked_ < together_) {
     ObjectId const id = committed_.Guess(asked_, !reverse_);
     if (id == kNoObject) break;
     ++asked_;
-    if (source_.shared_rows->Find(id) == nullptr) wanted.push_back(Raw(id));
+    wanted_.push_back(Raw(id));
   }
-  if (wanted.size() < 2) return;
-  together_ = std::min(2 * together_, kMostTogether);
-  std::vector<std::string_view> keys;
-  for (std::uint64_t const& id : wanted) keys.push_back(BytesOf(id));
-  std::vector<std::optional<std::string_view>> rows(keys.size());
-  source_.snapshot->GetMany(Tree::kRows, keys, rows);
+  if (FetchRows(source_, wanted_)) together_ = std::min(2 * together_, kMostTogether);
 }
 
 Status Iterator::Next(ObjectId* object, LayoutNumber* layout) {
   if (!open_) return ended_;
-  if (failed_ == LORV_STATUS_OK) failed_ = Guarded([&] { return Step(object, layout); });
+  if (failed_ != LORV_STATUS_OK) return failed_;
+  failed_ = Guarded([&]() -> Status {
+    EntryObject found;
+    if (Step(&found)) {
+      FetchAhead();
+      given_ = found.object;
+      *layout = found.layout;
+    }
+    *object = found.object;
+    return LORV_STATUS_OK;
+  });
   return failed_;
 }
 
-Status Iterator::Step(ObjectId* object, LayoutNumber* layout) {
+Status Iterator::NextMany(std::span<EntryObject> out, bool fetch, std::size_t* count) {
+  if (!open_) return ended_;
+  if (failed_ != LORV_STATUS_OK) return failed_;
+  failed_ = Guarded([&]() -> Status {
+    std::size_t filled = 0;
+    for (;;) {
+      filled += TakeRun(out.subspan(filled));
+      if (filled == out.size() || !Step(&out[filled])) break;
+      ++filled;
+    }
+    if (fetch) Fetch(out.first(filled));
+    *count = filled;
+    return LORV_STATUS_OK;
+  });
+  return failed_;
+}
+
+// The entries ahead in the page, at the price of a step in it alone: where the transaction has
+// written nothing that could hide one or come between, and the page's last one is in the range.
+std::size_t Iterator::TakeRun(std::span<EntryObject> out) {
+  if (!step_due_ || !at_end_ || source_.changes->has_rows()) return 0;
+  std::string_view const end = committed_.PageBound(!reverse_);
+  if (end.empty()) return 0;
+  EncodedKey const key{end, {}};
+  bool const within = reverse_ ? Compare(key, {low_, {}}) >= 0 : ComparePrefix(key, high_) <= 0;
+  if (!within) return 0;
+  std::size_t taken = 0;
+  step_due_ = !committed_.TakeRun(!reverse_, out, &taken);
+  return taken;
+}
+
+void Iterator::Fetch(std::span<EntryObject const> objects) {
+  wanted_.clear();
+  for (EntryObject const& each : objects) wanted_.push_back(Raw(each.object));
+  FetchRows(source_, wanted_);
+}
+
+bool Iterator::Step(EntryObject* found) {
   while (Entry const* const entry = NextEntry()) {
     PendingRow const* const row = source_.changes->FindRow(entry->object);
     if (row != nullptr && row->deleted) continue;
-    FetchAhead();
-    given_ = entry->object;
-    *object = entry->object;
-    *layout = row != nullptr ? row->layout->number() : entry->layout;
-    return LORV_STATUS_OK;
+    *found = {entry->object, row != nullptr ? row->layout->number() : entry->layout};
+    return true;
   }
-  *object = kNoObject;
-  return LORV_STATUS_OK;
+  return false;
 }
 
 }  // namespace lscore

@@ -5,29 +5,17 @@
 // those that the transaction had written by then. Used by the thread of its transaction. A closed
 // iterator may be opened again, which allocates nothing in the common case.
 
-#include <optional>
+#include <span>
 #include <string>
+#include <vector>
 
 #include "entries.h"
+#include "fetch_rows.h"
 #include "ids.h"
 #include "pending.h"
-#include "shared_row_cache.h"
 #include "status.h"
-#include "transaction_row_cache.h"
 
 namespace lscore {
-
-using RowsInUse = TransactionRowCache<RowRef>;
-
-// What a scan reads from its transaction. Pointers, since an iterator is reused.
-struct ScanSource {
-  Snapshot const* snapshot = nullptr;
-  PendingChanges const* changes = nullptr;
-  RowsInUse const* rows = nullptr;
-  SharedRowCache::Reader* shared_rows = nullptr;
-  Sequence seen = 0;  // the scan sees writes up to this one
-  bool far = false;   // reading a row takes a round trip to a server
-};
 
 // The bounds in the contract's key format, both inclusive.
 struct ScanRange {
@@ -57,9 +45,14 @@ class Iterator {
   // transaction has ended. LSCOREDB_ROLLED_BACK: the scan began after a savepoint that was rolled
   // back to. Errors are sticky, so that a caller cannot skip what a failed scan did not deliver.
   Status Next(ObjectId* object, LayoutNumber* layout);
+  // As many calls of Next as `out` has room for; fewer at the end. `fetch`: the caller will read
+  // the objects, so their rows are fetched.
+  Status NextMany(std::span<EntryObject> out, bool fetch, std::size_t* count);
 
  private:
-  Status Step(ObjectId* object, LayoutNumber* layout);
+  bool Step(EntryObject* found);
+  std::size_t TakeRun(std::span<EntryObject> out);
+  void Fetch(std::span<EntryObject const> objects);
   // Null at the end. Valid until the next call.
   Entry const* NextEntry();
   bool CommittedInRange() const;
@@ -95,6 +88,7 @@ class Iterator {
   std::size_t together_ = kFirstTogether;  // the size of the next batch of rows from a server
   std::size_t asked_ = 0;                  // steps left in the last batch
   Entry written_;                          // the pending entry that is next
+  std::vector<std::uint64_t> wanted_;      // for one call: memory that is used again
 };
 
 }  // namespace lscore

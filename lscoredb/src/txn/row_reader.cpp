@@ -1,5 +1,6 @@
 #include "row_reader.h"
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -37,6 +38,16 @@ RowRef const* RowReader::LoadRow(ObjectId id) {
     return cache_.Put(RefOf(id, *kept->layout, kept->bytes()));
   }
   return ReadFromStore(id);
+}
+
+void RowReader::FindMany(std::span<std::uint64_t const> ids, CachedRow const** out) {
+  ScanSource const source = scan_source();
+  if (source.far) FetchRows(source, ids);
+  if (state_.changes.has_rows()) {
+    std::fill_n(out, ids.size(), nullptr);
+  } else {
+    shared_rows_.FindMany(ids, out);
+  }
 }
 
 // The image is validated once, before anything in it is used as an offset; whoever reads the row

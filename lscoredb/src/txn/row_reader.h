@@ -6,10 +6,12 @@
 // lie. docs/rows.md describes the forms. One thread at a time.
 
 #include <cstdint>
+#include <span>
 #include <string_view>
 
 #include "assembled_images.h"
 #include "column_access_plans.h"
+#include "fetch_rows.h"
 #include "iterator.h"
 #include "schema_view.h"
 #include "shared_row_cache.h"
@@ -42,7 +44,44 @@ class RowReader {
   // The same for a fixed column; column_access_plans.h explains the arithmetic.
   [[gnu::always_inline]] Status ReadFixed(ObjectId id, LayoutNumber as, std::uint32_t column,
                                           TypeSet types, std::uint64_t* out) {
-    RowRef const* const row = FindRow(id);
+    return ReadFixedOf(FindRow(id), id, as, column, types, out);
+  }
+  // The same for a row that FindMany found.
+  Status ReadFixedOf(CachedRow const& kept, LayoutNumber as, std::uint32_t column, TypeSet types,
+                     std::uint64_t* out) {
+    RowRef const row = RefOf(kept.id, *kept.layout, kept.bytes());
+    return ReadFixedOf(&row, kept.id, as, column, types, out);
+  }
+  // Rows that the shared cache has, for reading each once: they do not enter the cache of rows in
+  // use. Null for others, and for all while the transaction has written rows. From a server, all
+  // rows are fetched.
+  void FindMany(std::span<std::uint64_t const> ids, CachedRow const** out);
+  Status Setspec(ObjectId id, Cell* out);
+  // The object's layout. LORV_STATUS_NO_OBJECT: there is none.
+  Status Lookup(ObjectId id, LayoutNumber* out);
+
+  // After the transaction wrote the row; after a rollback undid its write.
+  void NoteWritten(PendingRow const& row) { cache_.Put(RefOf(row)); }
+  void Forget(ObjectId id) { cache_.Forget(id); }
+
+  // Whether the image of a row that was read came from overflow chunks.
+  bool IsAssembled(ObjectId id) const { return assembled_.Find(id) != nullptr; }
+  void BeginScope() { assembled_.BeginScope(); }
+  // REQUIRES: a scope is open.
+  void EndScope();
+
+  // Starts to bring the rows into the processor's cache, or fetches them from a server at once.
+  void Fetch(std::span<std::uint64_t const> ids) { FetchRows(scan_source(), ids); }
+
+  ScanSource scan_source() {
+    return {state_.snapshot.get(), &state_.changes, &cache_,
+            &shared_rows_,         state_.now,      state_.database->store().takes_hints()};
+  }
+
+ private:
+  [[gnu::always_inline]] Status ReadFixedOf(RowRef const* row, ObjectId id, LayoutNumber as,
+                                            std::uint32_t column, TypeSet types,
+                                            std::uint64_t* out) {
     ColumnAccessPlan const* const plan =
         row == nullptr ? nullptr : FindAccessPlan(*row, as, column, types);
     if (plan == nullptr) return ReadOtherFixed(id, as, column, types, out);
@@ -59,26 +98,6 @@ class RowReader {
     *out = image.FixedAt(plan->offset + std::size_t{8} * before - std::size_t{8} * usual);
     return LORV_STATUS_OK;
   }
-  Status Setspec(ObjectId id, Cell* out);
-  // The object's layout. LORV_STATUS_NO_OBJECT: there is none.
-  Status Lookup(ObjectId id, LayoutNumber* out);
-
-  // After the transaction wrote the row; after a rollback undid its write.
-  void NoteWritten(PendingRow const& row) { cache_.Put(RefOf(row)); }
-  void Forget(ObjectId id) { cache_.Forget(id); }
-
-  // Whether the image of a row that was read came from overflow chunks.
-  bool IsAssembled(ObjectId id) const { return assembled_.Find(id) != nullptr; }
-  void BeginScope() { assembled_.BeginScope(); }
-  // REQUIRES: a scope is open.
-  void EndScope();
-
-  ScanSource scan_source() {
-    return {state_.snapshot.get(), &state_.changes, &cache_,
-            &shared_rows_,         state_.now,      state_.database->store().takes_hints()};
-  }
-
- private:
   // Null: there is no plan, or the row is pending and has no image.
   ColumnAccessPlan const* FindAccessPlan(RowRef const& row, LayoutNumber as, std::uint32_t column,
                                          TypeSet types) const {

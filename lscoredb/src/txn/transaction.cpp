@@ -55,6 +55,7 @@ void Transaction::End() noexcept {
   bool const large = state_.changes.large();
   scans_.EndAll();
   result_buffers_.Clear();
+  many_values_.Clear();
   savepoints_.End();
   writer_.End();
   schema_.End();

@@ -16,6 +16,7 @@
 
 #include "database.h"
 #include "index_maintainer.h"
+#include "many_values.h"
 #include "result_buffers.h"
 #include "row_reader.h"
 #include "row_writer.h"
@@ -71,6 +72,8 @@ class Transaction {
   }
   Status Setspec(ObjectId id, Cell* out) { return reader_.Setspec(id, out); }
   Status Lookup(ObjectId id, LayoutNumber* out) { return reader_.Lookup(id, out); }
+  void Fetch(std::span<std::uint64_t const> ids) { reader_.Fetch(ids); }
+  ManyValues& many_values() { return many_values_; }
 
   // ---- writing rows (row_writer.h)
   ObjectId Insert(LayoutNumber number) { return writer_.Insert(number); }
@@ -123,6 +126,7 @@ class Transaction {
   Scans scans_;
   SchemaView schema_{state_};
   RowReader reader_{state_, schema_};
+  ManyValues many_values_{reader_};
   IndexMaintainer indexes_{state_, schema_, reader_, scans_};
   RowWriter writer_{state_, schema_, reader_, indexes_};
   SchemaEditor editor_{state_, schema_, reader_};

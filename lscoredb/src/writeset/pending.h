@@ -218,6 +218,7 @@ class PendingChanges {
     auto const* const found = rows_.Find(Raw(id));
     return found == nullptr ? nullptr : *found;
   }
+  bool has_rows() const { return rows_.size() != 0; }
   PendingRow& AddRow(ObjectId id);
   // Records undo steps; called before the row, or only one cell of it, is changed.
   void WillChange(PendingRow& row);

@@ -104,6 +104,7 @@ class TreePath {
   void LeadTo(typename Keys::Key key);
   bool Descend(bool first);
   void DescendFrom(std::size_t level, bool first);
+  void PrefetchNeighbour(bool next) const;
 
   MappedState const* state_ = nullptr;
   pages::TreeRecord const* record_ = nullptr;
