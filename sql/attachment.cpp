@@ -32,6 +32,7 @@ void Attachment::Join(Connection* connection, std::string name) {
 }
 
 void Attachment::Open() {
+  ++writes_;
   store_->RequireOwnProcess();
   transaction_.emplace(context_);
 }
@@ -96,6 +97,7 @@ void Attachment::End() noexcept {
 }
 
 void Attachment::NoteWrite() {
+  ++writes_;
   if (wrote_) return;
   if (connection_ != nullptr) connection_->Claim(this);
   if (marks_.empty()) Savepoint(kWholeTransaction);
@@ -141,6 +143,7 @@ void Attachment::RollbackTo(int number) {
                                  [number](Mark const& each) { return each.number == number; });
   if (mark == marks_.end()) return;
   Drain();
+  ++writes_;
   detail::CheckKernel(lscoredb_rollback_to(context(), mark->savepoint));
   marks_.erase(mark + 1, marks_.end());
   if (!defined_) return;
@@ -266,11 +269,11 @@ void Attachment::ForgetTables() {
   live_layouts_.clear();
 }
 
-bool Attachment::IsOfLiveTable(std::uint64_t oid, std::uint16_t layout) {
+bool Attachment::LookIfLive(std::uint64_t oid, std::uint16_t layout) {
   if (layout >= live_layouts_.size()) live_layouts_.resize(layout + std::size_t{64});
-  std::uint8_t& known = live_layouts_[layout];
-  if (known == 0) known = TableOf(oid) != nullptr ? 1 : 2;
-  return known == 1;
+  std::uint8_t const found = TableOf(oid) != nullptr ? 1 : 2;
+  live_layouts_[layout] = found;
+  return found == 1;
 }
 
 }  // namespace sagleme::sql

@@ -60,6 +60,8 @@ class Attachment {
 
   // ---- writing
   bool wrote() const { return wrote_; }
+  // A number that each write and each rollback moves.
+  std::uint64_t writes() const { return writes_; }
   void NoteWrite();
   // Whether the file may be written: the schema was changed in this transaction.
   bool defined() const { return defined_; }
@@ -84,7 +86,10 @@ class Attachment {
   TablePtr TableOf(std::uint64_t oid);
   // Whether the table of an object under that layout exists. Objects of a dropped table stay in the
   // ranges of its bases until vacuum removes them.
-  bool IsOfLiveTable(std::uint64_t oid, std::uint16_t layout);
+  bool IsOfLiveTable(std::uint64_t oid, std::uint16_t layout) {
+    bool const known = layout < live_layouts_.size() && live_layouts_[layout] != 0;
+    return known ? live_layouts_[layout] == 1 : LookIfLive(oid, layout);
+  }
 
  private:
   struct Mark {
@@ -93,6 +98,7 @@ class Attachment {
   };
 
   void Open();
+  bool LookIfLive(std::uint64_t oid, std::uint16_t layout);
   void End() noexcept;
   void Adopt(SchemaPtr schema);
   void ForgetTables();
@@ -112,6 +118,7 @@ class Attachment {
   std::string name_;
   bool locked_ = false;
   bool wrote_ = false;
+  std::uint64_t writes_ = 0;
   bool defined_ = false;
   bool defining_ = false;
   bool stale_ = true;  // the file is to be made anew when it is locked next

@@ -11,6 +11,10 @@
 namespace sagleme::sql {
 namespace {
 
+// Rows that are read ahead: few where a scan is likely to be left for another one.
+constexpr std::uint32_t kManyRows = 256;
+constexpr std::uint32_t kFewRows = 8;
+
 using SpanLists = std::vector<std::vector<Span>>;
 
 // The spans that one use leaves: of its value, or of each in its list.
@@ -100,6 +104,7 @@ Cursor::~Cursor() {
 void Cursor::CloseScan() {
   if (iterator_ != 0) lorv_iterator_free(iterator_);
   iterator_ = 0;
+  page_.Start(kFewRows);
 }
 
 void Cursor::Reset() {
@@ -200,6 +205,7 @@ void Cursor::Filter(Plan const& plan, int count, sqlite3_value** values) {
   context_ = attachment_->context();
   layout_ = table_.shape->table->layout;
   Prepare(plan, count, values);
+  plain_ = !by_id_ && !in_runs_ && !skip_.on();
   Next();
 }
 
@@ -208,6 +214,15 @@ void Cursor::OpenRange(KeyRange const& range) {
       context_, index_, reverse_ ? LORV_ITERATOR_REVERSE : LORV_ITERATOR_FORWARD,
       (reverse_ ? range.last : range.first).data(), (reverse_ ? range.first : range.last).data(),
       &iterator_));
+  page_.Start(skip_.on() ? kFewRows : kManyRows);
+}
+
+bool Cursor::IsThere(std::uint64_t oid) const {
+  std::uint64_t addr = 0;
+  auto const status = lorv_context_lookup(context_, oid, &addr);
+  if (status == LORV_STATUS_NO_OBJECT || status == LORV_STATUS_UNREACHABLE) return false;
+  detail::CheckKernel(status);
+  return true;
 }
 
 bool Cursor::Keep(RowId& row) {
@@ -227,12 +242,13 @@ bool Cursor::Scan(RowId& row) {
   while (iterator_ != 0 || range_ < ranges_.size()) {
     if (iterator_ == 0) OpenRange(ranges_[range_++]);
     LORV_REFERENCE found{};
-    detail::CheckKernel(lorv_iterator_next(iterator_, &found));
-    if (found.oid == 0) {
+    page_.NoteWrites(attachment_->writes());
+    if (!page_.Next(iterator_, found)) {
       CloseScan();
       continue;
     }
     row = RowAt(found.oid, found.position);
+    if (page_.IsOld() && !IsThere(row.oid)) continue;
     bool const wanted = check_set_ ? table_.Holds(*attachment_, row.oid)
                                    : attachment_->IsOfLiveTable(row.oid, found.layout);
     if (wanted) return true;
@@ -271,6 +287,10 @@ bool Cursor::Fetch(RowId& row) {
 }
 
 void Cursor::Next() {
+  if (plain_ && !drained_) {
+    if (!Scan(row_)) row_ = {};
+    return;
+  }
   if (skip_.on()) SkipEqualRows();
   RowId row;
   row_ = Fetch(row) ? row : RowId{};
@@ -290,12 +310,30 @@ void Cursor::Drain() noexcept {
   drained_ = true;
 }
 
+// Whether the page knew the value.
+bool Cursor::ColumnOfPage(sqlite3_context* result, ShapeColumn const& column) {
+  if (column.type == Type::kString || column.type == Type::kBinary) return false;
+  if (drained_ || page_.oid() != row_.oid) return false;
+  page_.NoteWrites(attachment_->writes());
+  RowPage::Word word;
+  if (!page_.Read(context_, static_cast<std::uint16_t>(layout_), column.ordinal, word))
+    return false;
+  if (word.null) {
+    sqlite3_result_null(result);
+  } else {
+    WordResult(result, word.bits, column.type, table_.number);
+  }
+  return true;
+}
+
 void Cursor::Column(sqlite3_context* result, int column) {
   if (sqlite3_vtab_nochange(result)) return;
   Shape const& shape = *table_.shape;
   ShapeColumn const* const found = shape.ColumnAt(column);
   if (skip_.on()) found != nullptr ? skip_.NoteRead(found->ordinal) : skip_.NoteOtherRead();
   if (found != nullptr) {
+    if (ColumnOfPage(result, *found)) return;
+    page_.NoteOwnRead();
     Result(result, {context_, row_.oid, row_.addr, found->ordinal}, found->type, table_.number);
     return;
   }

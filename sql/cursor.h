@@ -14,6 +14,7 @@
 #include "keys.h"
 #include "order.h"
 #include "plan.h"
+#include "row_page.h"
 #include "skip.h"
 
 namespace sagleme::sql {
@@ -53,6 +54,8 @@ class Cursor : public sqlite3_vtab_cursor {
   bool Fetch(RowId& row);  // the next row in the order that SQLite wants
   bool FetchRun(RowId& row);
   bool Keep(RowId& row);  // whether an object that was found by its id is of this table
+  bool IsThere(std::uint64_t oid) const;
+  bool ColumnOfPage(sqlite3_context* result, ShapeColumn const& column);
   RowId RowAt(std::uint64_t oid, std::uint64_t position) const;
 
   VirtualTable& table_;
@@ -63,7 +66,9 @@ class Cursor : public sqlite3_vtab_cursor {
   std::uint64_t index_ = 0;
   std::size_t index_number_ = 0;  // in the shape
   std::uint64_t iterator_ = 0;
+  RowPage page_;  // of the iterator
   bool reverse_ = false;
+  bool plain_ = false;      // rows come as the index has them
   bool check_set_ = false;  // the index holds objects of other tables too
   std::vector<KeyRange> ranges_;
   std::size_t range_ = 0;

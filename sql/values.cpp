@@ -53,11 +53,7 @@ void BinaryResult(sqlite3_context* result, ValueLocation const& at) {
   sqlite3_result_blob64(result, record->bytes, record->length, SQLITE_TRANSIENT);
 }
 
-void UnsignedResult(sqlite3_context* result, ValueLocation const& at) {
-  std::uint64_t value = 0;
-  if (IsNull(result, lorv_context_get_ulong(at.context, at.oid, at.addr, at.column, &value))) {
-    return;
-  }
+void PutUnsigned(sqlite3_context* result, std::uint64_t value) {
   if (value > static_cast<std::uint64_t>(INT64_MAX)) {
     sqlite3_result_double(result, static_cast<double>(value));
   } else {
@@ -65,14 +61,26 @@ void UnsignedResult(sqlite3_context* result, ValueLocation const& at) {
   }
 }
 
+void UnsignedResult(sqlite3_context* result, ValueLocation const& at) {
+  std::uint64_t value = 0;
+  if (IsNull(result, lorv_context_get_ulong(at.context, at.oid, at.addr, at.column, &value))) {
+    return;
+  }
+  PutUnsigned(result, value);
+}
+
+void PutReference(sqlite3_context* result, std::uint64_t oid, unsigned attachment) {
+  if (oid == 0) {
+    sqlite3_result_null(result);
+  } else {
+    IdResult(result, oid, attachment);
+  }
+}
+
 void ReferenceResult(sqlite3_context* result, ValueLocation const& at, unsigned attachment) {
   std::uint64_t oid = 0;
   if (IsNull(result, lorvi_context_get_refid(at.context, at.oid, at.addr, at.column, &oid))) return;
-  if (oid == 0) {
-    sqlite3_result_null(result);
-    return;
-  }
-  IdResult(result, oid, attachment);
+  PutReference(result, oid, attachment);
 }
 
 void BlobOfWord(sqlite3_context* result, std::uint64_t word) {
@@ -288,6 +296,27 @@ void Result(sqlite3_context* result, ValueLocation const& at, Type type, unsigne
     }
     case Type::kReference:
       return ReferenceResult(result, at, attachment);
+  }
+}
+
+void WordResult(sqlite3_context* result, std::uint64_t bits, Type type, unsigned attachment) {
+  switch (type) {
+    case Type::kULong:
+    case Type::kKey:
+    case Type::kBool:
+      return PutUnsigned(result, bits);
+    case Type::kDecimal:
+      return sqlite3_result_double(result, DecimalAsReal(static_cast<std::int64_t>(bits)));
+    case Type::kFloat: {
+      auto const word = static_cast<std::uint32_t>(bits);
+      return sqlite3_result_double(result, static_cast<double>(std::bit_cast<float>(word)));
+    }
+    case Type::kDouble:
+      return sqlite3_result_double(result, std::bit_cast<double>(bits));
+    case Type::kReference:
+      return PutReference(result, bits, attachment);
+    default:
+      return sqlite3_result_int64(result, static_cast<sqlite3_int64>(bits));
   }
 }
 

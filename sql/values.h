@@ -37,6 +37,8 @@ inline constexpr unsigned kMostAttachments = 127;
 
 // Failure when the object is gone.
 void Result(sqlite3_context* result, ValueLocation const& location, Type type, unsigned attachment);
+// The value of a column of fixed size from its bits, as lscoredb_read_words gives them.
+void WordResult(sqlite3_context* result, std::uint64_t bits, Type type, unsigned attachment);
 // An object's id, marked like a reference to it.
 void IdResult(sqlite3_context* result, std::uint64_t oid, unsigned attachment);
 void ExactResult(sqlite3_context* result, ValueLocation const& location, Type type);

@@ -1,0 +1,84 @@
+#ifndef SAGLEME_SQL_ROW_PAGE_H
+#define SAGLEME_SQL_ROW_PAGE_H
+
+// Rows of a scan, read ahead of the one that SQLite is at, with the values of columns that it reads
+// of most of them. Asking the kernel for many rows, and for one column of many, costs a fraction of
+// asking for each.
+//
+// Pages grow from two rows, so that a look-up reads no row too many. What a page knows is as of the
+// moment when it was read: after a write of the same transaction its rows may be gone, and its
+// values are not used.
+
+#include <lscoredb/bulk.h>
+
+#include <array>
+#include <cstdint>
+#include <vector>
+
+namespace sagleme::sql {
+
+class RowPage {
+ public:
+  // For a scan that begins. `most`: rows of a page.
+  void Start(std::uint32_t most);
+  // Where the transaction's writes stand, by a number that each of them moves.
+  void NoteWrites(std::uint64_t writes) { writes_ = writes; }
+
+  // The next row of the iterator's range. False at its end.
+  bool Next(std::uint64_t iterator, LORV_REFERENCE& row) {
+    if (at_ + 1 < count_) {
+      ++at_;
+    } else if (!Fill(iterator)) {
+      return false;
+    }
+    row = rows_[at_];
+    return true;
+  }
+  // Whether the transaction has written since the page was read.
+  bool IsOld() const { return read_at_ != writes_; }
+  // The row that Next gave last; 0: none.
+  std::uint64_t oid() const { return at_ < count_ ? rows_[at_].oid : 0; }
+
+  struct Word {
+    std::uint64_t bits = 0;
+    bool null = false;
+  };
+  // The value of a column of fixed size of that row. False: it is not known here and the caller
+  // reads it itself.
+  bool Read(std::uint64_t context, std::uint16_t layout, std::uint16_t column, Word& word);
+  // The caller reads a value of that row itself.
+  void NoteOwnRead() { own_reads_ = true; }
+
+ private:
+  struct Column {
+    std::uint16_t number = 0;
+    std::uint32_t reads = 0;   // of rows of this page
+    bool together = false;     // of this page
+    std::uint32_t from = 0;    // the first row whose value is known
+    std::uint32_t behind = 0;  // the last one
+    std::vector<std::uint64_t> values;
+    std::vector<std::uint8_t> states;
+  };
+
+  static constexpr std::size_t kColumns = 8;
+
+  bool Fill(std::uint64_t iterator);
+  Column* Find(std::uint16_t number);
+  void Load(Column& column, std::uint64_t context, std::uint16_t layout);
+
+  std::uint64_t writes_ = 0;
+  std::uint64_t read_at_ = 0;
+  std::uint32_t most_ = 0;
+  std::uint32_t size_ = 0;   // what the last page had room for
+  std::uint32_t count_ = 0;  // what it has
+  std::uint32_t at_ = 0;
+  bool own_reads_ = false;  // of rows of this page
+  std::vector<LORV_REFERENCE> rows_;
+  std::array<Column, kColumns> columns_;
+  std::size_t column_count_ = 0;
+  std::vector<std::uint64_t> ids_;  // for one call: memory that is used again
+};
+
+}  // namespace sagleme::sql
+
+#endif
