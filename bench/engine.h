@@ -37,6 +37,8 @@ class Engine {
 
   // The column `plain` of each, in one transaction.
   virtual Sum ReadOne() = 0;
+  // The same by calls for kBatch objects, where the engine has such.
+  virtual Sum ReadOneTogether() { return ReadOne(); }
   // In a read-only transaction for each.
   virtual Sum ReadOneAlone() = 0;
   // All five columns.
@@ -46,6 +48,8 @@ class Engine {
   // `count` entries of the index over `indexed`, with the column `plain` or only the identities.
   virtual Sum Scan(std::size_t count) = 0;
   virtual Sum ScanIds(std::size_t count) = 0;
+  // The same by pages, where the engine has such.
+  virtual Sum ScanIdPages(std::size_t count) { return ScanIds(count); }
 
   virtual void UpdatePlain(std::int64_t value) = 0;
   // Puts another value, from which the next call with it comes back to the first.

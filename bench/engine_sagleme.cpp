@@ -1,5 +1,7 @@
 // sagleme through its exported functions: property handles for columns, iterators for indexes.
 
+#include <lscoredb/bulk.h>
+
 #include <sagleme/host.hpp>
 #include <utility>
 #include <vector>
@@ -107,13 +109,31 @@ class SaglemeEngine : public Engine {
     Engine::Select(which);
     if (context_ != nullptr && handles_ == nullptr) TakeHandles();
     references_.clear();
-    for (Number const i : which) references_.push_back(objects_[i]);
+    ids_.clear();
+    for (Number const i : which) {
+      references_.push_back(objects_[i]);
+      ids_.push_back(objects_[i].oid);
+    }
   }
 
   Sum ReadOne() override {
     Sum sum = 0;
     Read([&] {
       for (Object const& object : references_) sum += Plain(object);
+    });
+    return sum;
+  }
+  Sum ReadOneTogether() override {
+    Sum sum = 0;
+    std::vector<std::uint64_t> values(kBatch);
+    std::vector<std::uint8_t> states(kBatch);
+    Read([&] {
+      for (std::size_t begin = 0; begin < ids_.size(); begin += kBatch) {
+        std::size_t const count = std::min(kBatch, ids_.size() - begin);
+        Check(lscoredb_read_words(id(), static_cast<std::uint32_t>(count), ids_.data() + begin,
+                                  layout_, plain_column_, values.data(), states.data()));
+        for (std::size_t i = 0; i < count; ++i) sum += values[i];
+      }
     });
     return sum;
   }
@@ -168,6 +188,21 @@ class SaglemeEngine : public Engine {
   }
   Sum ScanIds(std::size_t count) override {
     return ScanIndex(count, [](LORV_REFERENCE const& found) { return Sum{found.oid != 0}; });
+  }
+
+  Sum ScanIdPages(std::size_t count) override {
+    constexpr std::uint32_t kPage = 256;
+    std::vector<LORV_REFERENCE> page(kPage);
+    Sum sum = 0;
+    OverIndex([&](std::uint64_t iterator) {
+      std::uint32_t got = 0;
+      for (std::size_t left = count; left > 0; left -= got) {
+        auto const room = static_cast<std::uint32_t>(std::min<std::size_t>(kPage, left));
+        Check(lscoredb_iterator_next_many(iterator, 0, room, page.data(), &got));
+        for (std::uint32_t i = 0; i < got; ++i) sum += Sum{page[i].oid != 0};
+      }
+    });
+    return sum;
   }
 
   void UpdatePlain(std::int64_t value) override {
@@ -237,6 +272,9 @@ class SaglemeEngine : public Engine {
   void TakeHandles() {
     sagleme::Transaction transaction(*context_, sagleme::Access::kReadOnly);
     handles_ = std::make_unique<Handles>(id());
+    sagleme::TablePtr const table = transaction.table(kNames[0]);
+    layout_ = table->layout;
+    plain_column_ = table->GetColumn(u"Plain").ordinal;
     by_name_ = transaction.FindIndex(u"ThingByName")->handle;
     by_indexed_ = transaction.FindIndex(u"ThingByIndexed")->handle;
   }
@@ -269,9 +307,9 @@ class SaglemeEngine : public Engine {
       });
     }
   }
-  template <typename Visit>
-  Sum ScanIndex(std::size_t count, Visit&& visit) {
-    Sum sum = 0;
+  // Opens an iterator over all of the index.
+  template <typename Work>
+  void OverIndex(Work&& work) {
     Read([&] {
       alignas(8) unsigned char first[16];
       alignas(8) unsigned char last[16];
@@ -280,12 +318,19 @@ class SaglemeEngine : public Engine {
       std::uint64_t iterator = 0;
       Check(lorv_context_create_iterator(id(), by_indexed_, LORV_ITERATOR_FORWARD, first, last,
                                          &iterator));
+      work(iterator);
+      Check(lorv_iterator_free(iterator));
+    });
+  }
+  template <typename Visit>
+  Sum ScanIndex(std::size_t count, Visit&& visit) {
+    Sum sum = 0;
+    OverIndex([&](std::uint64_t iterator) {
       for (std::size_t i = 0; i < count; ++i) {
         LORV_REFERENCE found{};
         Check(lorv_iterator_next(iterator, &found));
         sum += visit(found);
       }
-      Check(lorv_iterator_free(iterator));
     });
     return sum;
   }
@@ -304,8 +349,11 @@ class SaglemeEngine : public Engine {
   std::unique_ptr<Handles> handles_;
   std::uint64_t by_name_ = 0;
   std::uint64_t by_indexed_ = 0;
-  std::vector<Object> objects_;     // by number
+  std::vector<Object> objects_;  // by number
+  std::uint16_t layout_ = 0;
+  std::uint16_t plain_column_ = 0;
   std::vector<Object> references_;  // of those that are selected
+  std::vector<std::uint64_t> ids_;  // the same, for calls of many
 };
 
 class SaglemeCommitter : public Committer {

@@ -146,6 +146,11 @@ class ObjectBench {
              {{kLmdb, 0.2}, {kSqliteMemory, 0.15}},
              random,
              read_one});
+    Measure({"read one long of objects in random order by calls of 1,000, touched before",
+             kMany,
+             {{kHash, 1.5}},
+             [&](std::size_t round) { return Some(kMany, settings_.objects, round); },
+             [](Engine& engine, std::size_t) { return engine.ReadOneTogether(); }});
     Measure({"read all 5 columns, random, touched before",
              kRandom,
              {{kLmdb, 0.25}, {kSqliteMemory, 0.2}},
@@ -172,6 +177,12 @@ class ObjectBench {
              {{kLmdb, 1.1}, {kSqliteMemory, 0.5}},
              nullptr,
              [&](Engine& engine, std::size_t) { return engine.ScanIds(count); },
+             {kHash}});
+    Measure({"the same, ids only, by pages",
+             count,
+             {{kLmdb, 1.2}},
+             nullptr,
+             [&](Engine& engine, std::size_t) { return engine.ScanIdPages(count); },
              {kHash}});
   }
 
