@@ -39,28 +39,14 @@ bool RowPage::Fill(std::uint64_t iterator) {
   return count_ > 0;
 }
 
-RowPage::Column* RowPage::Find(std::uint16_t number) {
-  for (std::size_t i = 0; i < column_count_; ++i) {
-    if (columns_[i].number == number) return &columns_[i];
-  }
+// Null: there are enough.
+RowPage::Column* RowPage::Add(std::uint16_t number) {
   if (column_count_ == kColumns) return nullptr;
   Column& column = columns_[column_count_++];
   column.number = number;
   column.reads = column.from = column.behind = 0;
   column.together = false;
   return &column;
-}
-
-bool RowPage::Read(std::uint64_t context, std::uint16_t layout, std::uint16_t column, Word& word) {
-  if (IsOld()) return false;
-  Column* const found = Find(column);
-  if (found == nullptr) return false;
-  ++found->reads;
-  if (!found->together) return false;
-  if (at_ < found->from || at_ >= found->behind) Load(*found, context, layout);
-  if (!found->together || found->states[at_] == LSCOREDB_IS_GONE) return false;
-  word = {found->values[at_], found->states[at_] == LSCOREDB_IS_NULL};
-  return true;
 }
 
 // From the present row to the page's end. A failure is told by the caller's own read, if that row

@@ -45,7 +45,18 @@ class RowPage {
   };
   // The value of a column of fixed size of that row. False: it is not known here and the caller
   // reads it itself.
-  bool Read(std::uint64_t context, std::uint16_t layout, std::uint16_t column, Word& word);
+  bool Read(std::uint64_t context, std::uint16_t layout, std::uint16_t column, Word& word) {
+    if (IsOld()) return false;
+    Column* const found = Find(column);
+    if (found == nullptr) return false;
+    ++found->reads;
+    if (!found->together) return false;
+    bool const here = at_ >= found->from && at_ < found->behind;
+    if (!here) Load(*found, context, layout);
+    if (!found->together || found->states[at_] == LSCOREDB_IS_GONE) return false;
+    word = {found->values[at_], found->states[at_] == LSCOREDB_IS_NULL};
+    return true;
+  }
   // The caller reads a value of that row itself.
   void NoteOwnRead() { own_reads_ = true; }
 
@@ -63,7 +74,13 @@ class RowPage {
   static constexpr std::size_t kColumns = 8;
 
   bool Fill(std::uint64_t iterator);
-  Column* Find(std::uint16_t number);
+  Column* Find(std::uint16_t number) {
+    for (std::size_t i = 0; i < column_count_; ++i) {
+      if (columns_[i].number == number) return &columns_[i];
+    }
+    return Add(number);
+  }
+  Column* Add(std::uint16_t number);
   void Load(Column& column, std::uint64_t context, std::uint16_t layout);
 
   std::uint64_t writes_ = 0;

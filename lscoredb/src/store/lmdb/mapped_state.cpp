@@ -33,7 +33,8 @@ char const* PageAt(char const* map, std::size_t page_size, std::uint64_t pages,
 }
 
 // A node; checks that its head lies inside the page. REQUIRES: the page has more than `i` nodes.
-char const* NodeAt(char const* page, std::size_t page_size, std::size_t i) {
+[[gnu::always_inline]] inline char const* NodeAt(char const* page, std::size_t page_size,
+                                                 std::size_t i) {
   std::size_t const offset = Load<std::uint16_t>(page + kPageHead + 2 * i);
   if (offset + kNodeHead > page_size) [[unlikely]]
     ThrowDamaged();
@@ -41,7 +42,8 @@ char const* NodeAt(char const* page, std::size_t page_size, std::size_t i) {
 }
 
 // The key of a node; checks that it lies inside the page.
-std::string_view KeyOf(char const* page, std::size_t page_size, char const* node) {
+[[gnu::always_inline]] inline std::string_view KeyOf(char const* page, std::size_t page_size,
+                                                     char const* node) {
   std::size_t const size = Load<std::uint16_t>(node + 6);
   if (size > page_size - kNodeHead - static_cast<std::size_t>(node - page)) [[unlikely]] {
     ThrowDamaged();
@@ -49,7 +51,8 @@ std::string_view KeyOf(char const* page, std::size_t page_size, char const* node
   return {node + kNodeHead, size};
 }
 
-std::string_view KeyAt(char const* page, std::size_t page_size, std::size_t i) {
+[[gnu::always_inline]] inline std::string_view KeyAt(char const* page, std::size_t page_size,
+                                                     std::size_t i) {
   return KeyOf(page, page_size, NodeAt(page, page_size, i));
 }
 
