@@ -26,9 +26,9 @@ extern "C" {
 
 /* Gets the next `capacity` objects of an iterator, as that many calls of lorv_iterator_next do.
  * `count` receives how many there are; fewer than `capacity`: the iterator is at its end. Objects
- * that are deleted after this call are among those that it returned. If it fails, the iterator
- * returns that status from then on. LSCOREDB_INVALID_ARGUMENT: `capacity` is 0, or unknown flags.
- */
+ * that are deleted after this call are among those that it returned. A `capacity` of 0 only asks
+ * whether the iterator can still be used. If a call fails, the iterator returns that status from
+ * then on. LSCOREDB_INVALID_ARGUMENT: unknown flags. */
 LSCOREDB_API uint32_t lscoredb_iterator_next_many(uint64_t iterator, uint32_t flags,
                                                   uint32_t capacity, LORV_REFERENCE* out,
                                                   uint32_t* count);

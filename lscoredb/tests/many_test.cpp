@@ -262,7 +262,6 @@ TEST_P(ManyTest, BadArguments_AreRefused) {
   EXPECT_STATUS(LSCOREDB_UNKNOWN_ITERATOR, lscoredb_iterator_next_many(99, 0, 2, page, &count));
   EXPECT_STATUS(LSCOREDB_NULL_ARGUMENT, lscoredb_iterator_next_many(scan, 0, 2, nullptr, &count));
   EXPECT_STATUS(LSCOREDB_NULL_ARGUMENT, lscoredb_iterator_next_many(scan, 0, 2, page, nullptr));
-  EXPECT_STATUS(LSCOREDB_INVALID_ARGUMENT, lscoredb_iterator_next_many(scan, 0, 0, page, &count));
   EXPECT_STATUS(LSCOREDB_INVALID_ARGUMENT, lscoredb_iterator_next_many(scan, 2, 2, page, &count));
   EXPECT_EQ(77u, count);
   Oid const* const oids = rows_.data();
@@ -288,6 +287,20 @@ TEST_P(ManyTest, BadArguments_AreRefused) {
                 lscoredb_read_values(context, 2, oids, 0, kName, &data, nullptr, states));
   EXPECT_STATUS(LSCOREDB_NULL_ARGUMENT, lscoredb_fetch(context, 1, nullptr));
   EXPECT_STATUS(LSCOREDB_UNKNOWN_CONTEXT, lscoredb_fetch(99, 0, nullptr));
+}
+
+// A caller that holds rows of a page asks so whether the scan behind them has ended.
+TEST_P(ManyTest, AskingForNothing_TellsWhetherTheScanHasEnded) {
+  std::uint64_t savepoint = 0;
+  Check("lscoredb_savepoint", lscoredb_savepoint(session_.context(), &savepoint));
+  Scanner scanner(session_, index_);
+  std::uint32_t count = 77;
+  EXPECT_STATUS(0, lscoredb_iterator_next_many(scanner.handle(), 0, 0, nullptr, &count));
+  EXPECT_EQ(0u, count);
+  EXPECT_EQ(rows_.front(), scanner.Next());
+  EXPECT_STATUS(0, lscoredb_rollback_to(session_.context(), savepoint));
+  EXPECT_STATUS(LSCOREDB_ROLLED_BACK,
+                lscoredb_iterator_next_many(scanner.handle(), 0, 0, nullptr, &count));
 }
 
 TEST_P(ManyTest, NoObjects_AreRead) {

@@ -16,15 +16,15 @@ Status NextMany(Iterator& iterator, bool fetch, std::span<LORV_REFERENCE> out,
                 std::uint32_t* count) {
   std::array<EntryObject, kPiece> piece;
   std::size_t filled = 0;
-  std::size_t got = kPiece;
-  while (got == kPiece && filled < out.size()) {
+  std::size_t got = 0;
+  do {
     std::size_t const room = std::min(kPiece, out.size() - filled);
     Status const status = iterator.NextMany(std::span(piece).first(room), fetch, &got);
     if (status != LORV_STATUS_OK) return status;
     for (std::size_t i = 0; i < got; ++i) {
       out[filled++] = {Raw(piece[i].object), 0, Raw(piece[i].layout)};
     }
-  }
+  } while (got == kPiece && filled < out.size());
   *count = static_cast<std::uint32_t>(filled);
   return LORV_STATUS_OK;
 }
@@ -39,8 +39,9 @@ uint32_t lscoredb_iterator_next_many(uint64_t iterator, uint32_t flags, uint32_t
   return Guarded([&]() -> Status {
     OpenIterator* const open = Iterators().Find(iterator);
     if (open == nullptr) return LSCOREDB_UNKNOWN_ITERATOR;
-    if (out == nullptr || count == nullptr) return LSCOREDB_NULL_ARGUMENT;
-    if (capacity == 0 || (flags & ~LSCOREDB_FETCH_ROWS) != 0) return LSCOREDB_INVALID_ARGUMENT;
+    bool const missing = out == nullptr && capacity != 0;
+    if (missing || count == nullptr) return LSCOREDB_NULL_ARGUMENT;
+    if ((flags & ~LSCOREDB_FETCH_ROWS) != 0) return LSCOREDB_INVALID_ARGUMENT;
     return NextMany(open->iterator, (flags & LSCOREDB_FETCH_ROWS) != 0, {out, capacity}, count);
   });
 }
