@@ -1,5 +1,7 @@
 #include "columns.h"
 
+#include <lscoredb/bulk.h>
+
 #include <bit>
 
 namespace binding {
@@ -38,6 +40,16 @@ void ColumnData::Add(Datum const& value) {
   } else {
     AddFixed(*this, value);
   }
+}
+
+void ColumnData::AddWord(std::uint64_t bits, bool null) {
+  valid.push_back(null ? 0 : 1);
+  nulls += null ? 1 : 0;
+  bool const narrow = kind == Kind::kFloat && !null;
+  auto const single = static_cast<std::uint32_t>(bits);
+  words.push_back(
+      narrow ? std::bit_cast<std::uint64_t>(static_cast<double>(std::bit_cast<float>(single)))
+             : bits);
 }
 
 namespace {
@@ -180,16 +192,42 @@ PyTypeObject MakeBufferType() {
   return type;
 }
 
+constexpr std::size_t kRowsTogether = 1024;
+
+// Rows of a scan, and what one column of them has.
+struct RowsTogether {
+  std::vector<Row> rows;
+  std::vector<std::uint64_t> oids;
+  std::vector<std::uint64_t> words = std::vector<std::uint64_t>(kRowsTogether);
+  std::vector<std::uint8_t> states = std::vector<std::uint8_t>(kRowsTogether);
+
+  void Read(std::uint64_t context, Path const& path, ColumnData& column) {
+    if (!path.reads_together()) {
+      for (Row const row : rows) column.Add(path.Read(context, row));
+      return;
+    }
+    path.ReadTogether(context, oids, words.data(), states.data());
+    for (std::size_t i = 0; i < oids.size(); ++i) {
+      column.AddWord(words[i], states[i] != LSCOREDB_HAS_VALUE);
+    }
+  }
+};
+
 void Fill(ScanBody& body, std::vector<ColumnData>& data, std::int64_t& length) {
-  constexpr int kRowsInScope = 1024;
   std::uint64_t const context = body.transaction->context_id;
+  RowsTogether together;
   Row row{};
   while (!body.at_end && body.left > 0) {
     sagleme::ReadScope const scope(context);
-    for (int i = 0; i < kRowsInScope && body.Step(&row); ++i, ++length) {
-      for (std::size_t at = 0; at < data.size(); ++at) {
-        data[at].Add(body.outputs[at].Read(context, row));
-      }
+    together.rows.clear();
+    together.oids.clear();
+    while (together.rows.size() < kRowsTogether && body.Step(&row)) {
+      together.rows.push_back(row);
+      together.oids.push_back(row.oid);
+    }
+    length += static_cast<std::int64_t>(together.rows.size());
+    for (std::size_t at = 0; at < data.size(); ++at) {
+      together.Read(context, body.outputs[at], data[at]);
     }
   }
 }

@@ -23,6 +23,8 @@ struct ColumnData {
 
   bool variable() const { return TakesKernelMemory(kind); }
   void Add(Datum const& value);
+  // A value of fixed size from its bits.
+  void AddWord(std::uint64_t bits, bool null);
 };
 
 struct Columns {

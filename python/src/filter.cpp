@@ -1,5 +1,7 @@
 #include "filter.h"
 
+#include <lscoredb/bulk.h>
+
 #include <algorithm>
 #include <string_view>
 
@@ -52,6 +54,13 @@ Datum Path::Read(std::uint64_t context, Row row) const {
   Row const at = Follow(context, row);
   if (at.oid == 0) return out;
   return ReadDatum({context, at.oid, At(at.addr, layout_), last_.ordinal}, kind_);
+}
+
+void Path::ReadTogether(std::uint64_t context, std::span<std::uint64_t const> oids,
+                        std::uint64_t* words, std::uint8_t* states) const {
+  sagleme::detail::CheckKernel(lscoredb_read_words(context, static_cast<std::uint32_t>(oids.size()),
+                                                   oids.data(), layout_, last_.ordinal, words,
+                                                   states));
 }
 
 PyObject* Path::ReadPython(Transaction* transaction, Row row) const {

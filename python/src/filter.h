@@ -6,6 +6,7 @@
 // Logic has two values. Null equals null alone; it is neither below nor above anything.
 
 #include <memory>
+#include <span>
 
 #include "types.h"
 
@@ -24,6 +25,14 @@ class Path {
 
   // Null where a reference on the way is.
   Datum Read(std::uint64_t context, Row row) const;
+  // Whether many rows can be read at once: the column is their own and of fixed size.
+  bool reads_together() const {
+    return hops_.empty() && last_.field != nullptr && !TakesKernelMemory(kind_);
+  }
+  // The bits of the objects' values and their states, as lscoredb_read_words gives them.
+  // REQUIRES: reads_together().
+  void ReadTogether(std::uint64_t context, std::span<std::uint64_t const> oids,
+                    std::uint64_t* words, std::uint8_t* states) const;
   // The value as Python has it; references become objects.
   PyObject* ReadPython(Transaction* transaction, Row row) const;
   // Follows the whole path, so that its rows are cached for later.

@@ -1,5 +1,7 @@
 #include "scan.h"
 
+#include <lscoredb/bulk.h>
+
 #include <algorithm>
 #include <optional>
 
@@ -8,6 +10,8 @@ namespace binding {
 namespace {
 
 constexpr std::size_t kLargestBatch = 1024;
+constexpr std::size_t kFirstPage = 2;  // rows that are read ahead
+constexpr std::size_t kLargestPage = 256;
 
 // ---- keys
 
@@ -115,24 +119,55 @@ std::vector<Path> PathsOf(Transaction* transaction, PyObject* forms) {
 
 // ---- stepping
 
+void ScanBody::OpenSource(Source const& source) {
+  auto const& begin = source.reverse ? source.last : source.first;
+  auto const& end = source.reverse ? source.first : source.last;
+  sagleme::detail::CheckKernel(
+      lorv_context_create_iterator(transaction->context_id, source.index,
+                                   source.reverse ? LORV_ITERATOR_REVERSE : LORV_ITERATOR_FORWARD,
+                                   begin.data(), end.data(), &iterator));
+  page.clear();
+  page_size = page_at = 0;
+}
+
+// After a write or a rollback a row that was read ahead may be gone, or under another layout, and
+// the scan may have ended. Returns whether the row is there.
+bool ScanBody::LookAgain(Row* row) {
+  std::uint32_t none = 0;
+  sagleme::detail::CheckKernel(lscoredb_iterator_next_many(iterator, 0, 0, nullptr, &none));
+  auto const status = lorv_context_lookup(transaction->context_id, row->oid, &row->addr);
+  bool const gone = status == LORV_STATUS_NO_OBJECT || status == LORV_STATUS_UNREACHABLE;
+  if (!gone) sagleme::detail::CheckKernel(status);
+  return !gone;
+}
+
+// Pages grow, so that a look-up reads no row too many.
+bool ScanBody::NextInPage(Row* out) {
+  for (;;) {
+    if (page_at == page_size) {
+      bool const was_last = page_size < page.size();
+      if (was_last) return false;
+      page.resize(std::clamp<std::size_t>(4 * page.size(), kFirstPage, kLargestPage));
+      page_size = page_at = 0;
+      sagleme::detail::CheckKernel(lscoredb_iterator_next_many(
+          iterator, LSCOREDB_FETCH_ROWS, static_cast<std::uint32_t>(page.size()), page.data(),
+          &page_size));
+      page_stamp = transaction->stamp;
+      if (page_size == 0) return false;
+    }
+    LORV_REFERENCE const& found = page[page_at++];
+    *out = {found.oid, db_util::Fold(found).addr};
+    if (page_stamp == transaction->stamp || LookAgain(out)) return true;
+  }
+}
+
 bool ScanBody::NextInSources(Row* out) {
   for (;;) {
     if (iterator == 0) {
       if (next_source == sources.size()) return false;
-      Source const& source = sources[next_source++];
-      auto const& begin = source.reverse ? source.last : source.first;
-      auto const& end = source.reverse ? source.first : source.last;
-      sagleme::detail::CheckKernel(lorv_context_create_iterator(
-          transaction->context_id, source.index,
-          source.reverse ? LORV_ITERATOR_REVERSE : LORV_ITERATOR_FORWARD, begin.data(), end.data(),
-          &iterator));
+      OpenSource(sources[next_source++]);
     }
-    LORV_REFERENCE found{};
-    sagleme::detail::CheckKernel(lorv_iterator_next(iterator, &found));
-    if (found.oid != 0) {
-      *out = {found.oid, db_util::Fold(found).addr};
-      return true;
-    }
+    if (NextInPage(out)) return true;
     lorv_iterator_free(std::exchange(iterator, 0));
   }
 }

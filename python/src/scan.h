@@ -30,6 +30,10 @@ struct ScanBody {
   std::vector<Source> sources;
   std::size_t next_source = 0;
   std::uint64_t iterator = 0;
+  std::vector<LORV_REFERENCE> page;  // of the iterator, read ahead
+  std::uint32_t page_size = 0;
+  std::uint32_t page_at = 0;
+  std::uint64_t page_stamp = 0;  // the transaction's when it was read
   std::unique_ptr<Condition> condition;
   std::vector<Path> outputs;
   std::vector<Path> prefetch;
@@ -51,6 +55,10 @@ struct ScanBody {
 
  private:
   bool NextInSources(Row* out);
+  void OpenSource(Source const& source);
+  // The next row of the iterator; false at its end.
+  bool NextInPage(Row* out);
+  bool LookAgain(Row* row);
   bool Accepts(Row row);
   bool AcceptsBySetspec(Row row) const;
 };
