@@ -158,14 +158,15 @@ void RunOurs(std::string const& directory, std::uint64_t count) {
   lscoredb* const database = Open(directory);
   std::uint64_t object = 0;
   Measure("load", [&] { object = Load(database, count); });
-  BuildInOneTransaction(database);
   {
     Context const context(database);
     Drop(context, BuildBeside(context, "beside writers, of whom there are none"));
     Writer writer(database, object);
-    BuildBeside(context, "beside a writer");
+    std::uint64_t const index = BuildBeside(context, "beside a writer");
     writer.Report();
+    Drop(context, index);
   }
+  BuildInOneTransaction(database);
   Check(lscoredb_close(database));
 }
 
