@@ -27,7 +27,7 @@ typedef struct lscoredb_column_copy {
  * object is not in it. LSCOREDB_UNKNOWN_COLUMN: the layout has no column with the token of a `to`.
  * LSCOREDB_WRONG_TYPE: the two columns of a copy have different types. LSCOREDB_DUPLICATE_KEY: a
  * unique index that covers the set holds the object's new key; if a scan is open, only
- * lscoredb_commit finds it. */
+ * lscoredb_commit finds it. LSCOREDB_STOPPED: the thread's watch says so (lscoredb/watch.h). */
 LSCOREDB_API uint32_t lscoredb_move_to_set(uint64_t context, uint64_t oid, uint16_t layout,
                                            char16_t const* setspec,
                                            lscoredb_column_copy const* copies, uint32_t count);

@@ -7,7 +7,8 @@
  * A thread has at most one watch. It is called, in that thread, while the thread is in
  *  - lscoredb_check, and lscoredb_open with `verify` while it scans pages, as a check does first;
  *  - lscoredb_copy;
- *  - lorvi_context_create_index, while it reads existing objects, sorts and compares their keys.
+ *  - lorvi_context_create_index, while it reads existing objects, sorts and compares their keys;
+ *  - lscoredb_move_to_set, once in each call, since hosts move many objects one after the other.
  * Stopped work returns LSCOREDB_STOPPED and changes nothing: a database is as it was, and a
  * transaction whose index was stopped continues without that index. A stopped copy, like any copy
  * that failed, leaves a part of itself in the directory. Remove it.

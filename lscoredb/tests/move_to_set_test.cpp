@@ -1,6 +1,7 @@
 // Objects that move to another set: their values, their index entries, and what refuses them.
 
 #include <lscoredb/move.h>
+#include <lscoredb/watch.h>
 
 #include "kernel_test.h"
 
@@ -189,6 +190,19 @@ TEST_F(MoveToSetTest, BadArguments_AreRefusedAndChangeNothing) {
   session_.Rollback();
   EXPECT_STATUS(LSCOREDB_NO_TRANSACTION, Move(object_));
   EXPECT_STATUS(LSCOREDB_UNKNOWN_CONTEXT, lscoredb_move_to_set(0, object_, to_, kTo, nullptr, 0));
+}
+
+TEST_F(MoveToSetTest, Watch_StopsTheMoveAndTheObjectStays) {
+  int calls = 0;
+  lscoredb_watch([](void* user, std::uint64_t,
+                    std::uint64_t) { return ++*static_cast<int*>(user) == 1 ? 1U : 0U; },
+                 &calls);
+  EXPECT_STATUS(LSCOREDB_STOPPED, Move(object_));
+  ExpectOld();
+  EXPECT_STATUS(0u, Move(object_));
+  lscoredb_watch(nullptr, nullptr);
+  EXPECT_EQ(2, calls);
+  ExpectNew(0);
 }
 
 TEST_F(MoveToSetTest, LargeValue_MovesWithTheObject) {

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "c_api.h"
+#include "watched_work.h"
 
 namespace lscore {
 namespace {
@@ -126,6 +127,7 @@ uint32_t lscoredb_move_to_set(uint64_t context, uint64_t oid, uint16_t layout,
     if (setspec == nullptr || (copies == nullptr && count != 0)) return LSCOREDB_NULL_ARGUMENT;
     std::u16string_view const text(setspec);
     if (text.size() > kMaxLength) return LSCOREDB_TOO_LARGE;
+    WatchedWork().Advance();
     std::vector<ColumnCopy> pairs;
     for (lscoredb_column_copy const& copy : std::span(copies, count)) {
       pairs.push_back({Token{copy.from}, Token{copy.to}});
