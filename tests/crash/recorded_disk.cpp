@@ -74,7 +74,14 @@ void Append(int output, Event const& event) {
 void AppendAndCount(Event const& event) {
   Recorder& recorder = TheRecorder();
   Append(recorder.output, event);
-  if (--recorder.events_left != 0) return;
+  if (recorder.events_left > 0) --recorder.events_left;
+}
+
+// Never between the changes of the maps and the call that follows them: that call has been made,
+// other processes may have seen what it did, and a recording without it would lose it.
+void EndWhenEnough() {
+  Recorder const& recorder = TheRecorder();
+  if (recorder.events_left > 0) return;
   Append(recorder.output, {Kind::kEnd, 0, 0, "", ""});
   raise(SIGKILL);
 }
@@ -97,6 +104,7 @@ void RecordMaps() {
 void Record(Event const& event) {
   RecordMaps();
   AppendAndCount(event);
+  EndWhenEnough();
 }
 
 // The path in the recorded directory; nothing for files elsewhere.
