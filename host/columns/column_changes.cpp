@@ -1,4 +1,5 @@
 #include <fmt/format.h>
+#include <lscoredb/require.h>
 
 #include <algorithm>
 #include <sagleme/column_changes.hpp>
@@ -39,6 +40,11 @@ std::string List(LostValues const& lost) {
   return text;
 }
 
+// What others put into the table meanwhile would be missed.
+void Guard(Transaction& transaction, Table const& table) {
+  detail::CheckKernel(lscoredb_require_set(transaction.context(), table.setspec.c_str()));
+}
+
 std::string Counted(std::uint64_t count, char const* one, char const* many) {
   return fmt::format("{} {}", count, count == 1 ? one : many);
 }
@@ -72,7 +78,10 @@ void PullUpColumn(Transaction& transaction, Text const& table, Text const& colum
   columns::PullUp const request = columns::RequirePullUp(transaction, table, column, base);
   Subtree subtree(transaction, request.base);
   OwnColumn pulled = Subtree::Take(subtree.At(table), column);
-  for (TablePtr const& merged : request.merged) Subtree::Take(subtree.At(merged->name), column);
+  for (TablePtr const& merged : request.merged) {
+    Subtree::Take(subtree.At(merged->name), column);
+    Guard(transaction, *merged);
+  }
   subtree.At(base).own.push_back(std::move(pulled));
   subtree.RequireValid();
   columns::Apply(transaction, subtree, {column, columns::WantedOf(*request.column), {}, false});
@@ -86,6 +95,7 @@ void PushDownColumn(Transaction& transaction, Text const& table, Text const& col
   if (loss == Loss::kRefuse) RequireNoneLost(transaction, table, column, tables);
   columns::PushDown const request = columns::RequirePushDown(transaction, table, column, tables);
   annotations::CarriedAnnotations const annotated(transaction, table, column);
+  Guard(transaction, *request.base);
   Subtree subtree(transaction, request.base);
   OwnColumn const pushed = Subtree::Take(subtree.At(table), column);
   columns::Rewrite rewrite{column, columns::WantedOf(*request.column), {}, false};
@@ -106,6 +116,7 @@ void ChangeColumnType(Transaction& transaction, Text const& table, ColumnSpec co
   if (request.same) return whole.Release();
   annotations::CarriedAnnotations const annotated(transaction, table, column.name);
   if (loss == Loss::kRefuse) RequireConvertible(transaction, table, column);
+  Guard(transaction, *request.table);
   Subtree subtree(transaction, request.table);
   std::vector<OwnColumn>& own = subtree.At(table).own;
   auto const at = std::find_if(own.begin(), own.end(),

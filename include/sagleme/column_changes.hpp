@@ -15,6 +15,9 @@
 // value is written once, and the indexes on the column are built anew. Objects under superseded
 // layouts wait for vacuum, as after AddColumns.
 //
+// The commit gives LSCOREDB_CONFLICT if others changed an object meanwhile whose value was looked
+// at, or made a new one in its table.
+//
 // A value converts if the new type holds exactly it. Values that do not are listed before anything
 // changes, and the change is refused, unless it may lose: then a number becomes the nearest one
 // that the type holds, and anything else null, or zero where the column is not nullable.

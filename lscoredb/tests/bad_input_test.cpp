@@ -1,6 +1,8 @@
 // Every function of the contract against every kind of misuse. The calls stand in one table: each
 // works when it is given what it needs, and then one thing is taken away.
 
+#include <lscoredb/require.h>
+
 #include <set>
 
 #include "kernel_test.h"
@@ -235,6 +237,7 @@ Calls BadInputTest::SchemaWrites() {
                                            &outputs_.word);
        }},
       {"require", [this](Target const& t) { return lscoredb_require(t.context, row_); }},
+      {"require_set", [](Target const& t) { return lscoredb_require_set(t.context, kSet); }},
       {"move_object",
        [this](Target const& t) { return lscoredb_move_object(t.context, row_, layout_); }},
       {"release_layout",

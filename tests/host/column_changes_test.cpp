@@ -510,6 +510,30 @@ TEST_F(ColumnChangesTest, AnotherContext_WithHandlesFromBefore_IsToldOfTheChange
   EXPECT_EQ(Value("5"), Of(after, book, u"First"));
 }
 
+TEST_F(ColumnChangesTest, AnObjectMadeMeanwhile_IsNotMissed) {
+  Context const other(database_);
+  auto const beside = [&](auto const& change) {
+    Transaction transaction(context_);
+    change(transaction);
+    Transaction writer(other);
+    Make(writer, u"L.Film", {{u"Title", "M"}, {u"Pages", std::int64_t{1}}});
+    writer.Commit();
+    return StatusOf([&] { transaction.Commit(); });
+  };
+  EXPECT_EQ(LSCOREDB_CONFLICT, beside([](Transaction& transaction) {
+              sagleme::ChangeColumnType(transaction, u"L.Film", {u"Pages", Type::kString});
+            }));
+  EXPECT_EQ(LSCOREDB_CONFLICT, beside([](Transaction& transaction) {
+              sagleme::PullUpColumn(transaction, u"L.Book", u"Pages", u"L.Item");
+            }));
+  EXPECT_EQ(LSCOREDB_CONFLICT, beside([](Transaction& transaction) {
+              sagleme::PushDownColumn(transaction, u"L.Item", u"Year", {u"L.Book"});
+            }));
+  EXPECT_EQ(0u, beside([](Transaction& transaction) {
+              sagleme::PullUpColumn(transaction, u"L.Book", u"First", u"L.Item");
+            }));
+}
+
 TEST_F(ColumnChangesTest, MappedProperties_FollowTheirColumn) {
   Transaction transaction(context_);
   TablePtr const book = transaction.table(u"L.Book");

@@ -1,5 +1,6 @@
 #include <lscoredb/host.h>
 #include <lscoredb/refused_key.h>
+#include <lscoredb/require.h>
 
 #include <algorithm>
 #include <cstring>
@@ -237,6 +238,14 @@ uint32_t lscoredb_release(uint64_t context, uint64_t savepoint) {
 uint32_t lscoredb_require(uint64_t context, uint64_t oid) {
   return WithWriting(context,
                      [&](Transaction& transaction) { return transaction.Require(ObjectId{oid}); });
+}
+
+uint32_t lscoredb_require_set(uint64_t context, char16_t const* setspec) {
+  return WithWriting(context, [&](Transaction& transaction) -> Status {
+    if (setspec == nullptr) return LSCOREDB_NULL_ARGUMENT;
+    transaction.RequireSet(setspec);
+    return LORV_STATUS_OK;
+  });
 }
 
 uint32_t lscoredb_read_scope_begin(uint64_t context) {

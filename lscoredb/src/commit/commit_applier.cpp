@@ -158,6 +158,9 @@ void CommitApplier::ValidateSets() {
   for (auto const& [setspec, unchanged] : request_.changes.closed_sets()) {
     if (unchanged && SetChangedSince(batch_, setspec, since)) Throw(LSCOREDB_CONFLICT);
   }
+  for (std::u16string const& setspec : request_.changes.required_sets()) {
+    if (SetChangedSince(batch_, setspec, since)) Throw(LSCOREDB_CONFLICT);
+  }
   if (LastClosing(batch_) <= since) return;
   KnownOpenSet known;
   for (PendingRow const* const row : rows_) {

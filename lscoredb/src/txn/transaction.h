@@ -51,6 +51,7 @@ class Transaction {
   void Rollback() noexcept { End(); }
   // Commit fails when another transaction has changed the object since the snapshot.
   Status Require(ObjectId id);
+  void RequireSet(std::u16string_view setspec) { state_.changes.RequireSet(setspec); }
 
   ResultBuffers& result_buffers() { return result_buffers_; }
   void BeginScope();

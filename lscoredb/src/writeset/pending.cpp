@@ -315,6 +315,11 @@ void PendingChanges::Require(ObjectId id) {
   required_.Insert(Raw(id), true);
 }
 
+void PendingChanges::RequireSet(std::u16string_view setspec) {
+  bool const added = required_sets_.emplace(setspec).second;
+  if (added && undo_.recording()) undo_.Record(undo::SetRequired{std::u16string(setspec)});
+}
+
 void PendingChanges::CreateIndex(std::unique_ptr<IndexDefinition const> index,
                                  std::unique_ptr<PendingIndex> entries) {
   if (undo_.recording()) undo_.Record(undo::IndexAdded{indexes_.size(), created_.size()});
@@ -507,6 +512,11 @@ ObjectId PendingChanges::TakeBack(undo::ObjectRequired const& required) {
   return kNoObject;
 }
 
+ObjectId PendingChanges::TakeBack(undo::SetRequired const& required) {
+  required_sets_.erase(required.setspec);
+  return kNoObject;
+}
+
 bool PendingChanges::large() const {
   constexpr std::size_t kLarge = std::size_t{32} << 20;
   return arena_.from_system() >= kLarge ||
@@ -519,6 +529,7 @@ void PendingChanges::Clear() {
   undo_.Stop();
   examples_.Clear();
   required_.Clear();
+  required_sets_.clear();
   indexes_.clear();
   forgotten_.clear();
   index_by_id_.Clear();

@@ -268,8 +268,12 @@ class PendingChanges {
   bool IsDropped(IndexId id) const;
 
   // Objects that commit checks like written ones: no other transaction may have changed them.
-  bool requires_any() const { return required_.size() != 0; }
+  bool requires_any() const { return required_.size() != 0 || !required_sets_.empty(); }
   void Require(ObjectId id);
+  // Sets whose objects, present and new ones, no other transaction may have changed.
+  using RequiredSets = std::set<std::u16string, std::less<>>;
+  RequiredSets const& required_sets() const { return required_sets_; }
+  void RequireSet(std::u16string_view setspec);
   template <typename Visit>
   void ForEachRequired(Visit&& visit) const {
     required_.ForEach([&](std::uint64_t id, bool) { visit(ObjectId{id}); });
@@ -318,12 +322,14 @@ class PendingChanges {
   ObjectId TakeBack(undo::IndexAdopted const& adopted);
   ObjectId TakeBack(undo::IndexDropped const& dropped);
   ObjectId TakeBack(undo::ObjectRequired const& required);
+  ObjectId TakeBack(undo::SetRequired const& required);
 
   Arena arena_;
   UndoLog undo_;  // its steps refer to the arena, so it is destroyed before that
   OidMap<PendingRow*> rows_;
   OidMap<PendingRow const*> examples_;  // by layout number
   OidMap<bool> required_;
+  RequiredSets required_sets_;
   OidMap<PendingIndex*> index_by_id_;
   std::vector<std::unique_ptr<PendingIndex>> indexes_;
   std::vector<std::unique_ptr<PendingIndex>> forgotten_;  // dropped; open scans may still use them

@@ -79,10 +79,13 @@ struct IndexDropped {
 struct ObjectRequired {
   ObjectId id{};
 };
+struct SetRequired {
+  std::u16string setspec;
+};
 
 using Step = std::variant<RowAdded, CellChanged, RowChanged, ExampleNoted, EntryAdded, EntryChanged,
                           EntryErased, LayoutAdded, LayoutReleased, SetClosed, IndexAdded,
-                          IndexAdopted, IndexDropped, ObjectRequired>;
+                          IndexAdopted, IndexDropped, ObjectRequired, SetRequired>;
 
 }  // namespace undo
 
