@@ -269,6 +269,14 @@ void Attachment::ForgetTables() {
   live_layouts_.clear();
 }
 
+std::optional<std::uint64_t> Attachment::AddressOf(std::uint64_t oid) const {
+  std::uint64_t addr = 0;
+  auto const status = lorv_context_lookup(context(), oid, &addr);
+  if (status == LORV_STATUS_NO_OBJECT || status == LORV_STATUS_UNREACHABLE) return std::nullopt;
+  detail::CheckKernel(status);
+  return addr;
+}
+
 bool Attachment::LookIfLive(std::uint64_t oid, std::uint16_t layout) {
   if (layout >= live_layouts_.size()) live_layouts_.resize(layout + std::size_t{64});
   std::uint8_t const found = TableOf(oid) != nullptr ? 1 : 2;

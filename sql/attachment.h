@@ -82,6 +82,8 @@ class Attachment {
   void Add(Cursor* cursor) { cursors_.push_back(cursor); }
   void Remove(Cursor* cursor) { std::erase(cursors_, cursor); }
 
+  // The address of an object; nothing when it is gone.
+  std::optional<std::uint64_t> AddressOf(std::uint64_t oid) const;
   // The table of an object, from its set specifier. Null when it was dropped.
   TablePtr TableOf(std::uint64_t oid);
   // Whether the table of an object under that layout exists. Objects of a dropped table stay in the

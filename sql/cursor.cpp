@@ -217,20 +217,10 @@ void Cursor::OpenRange(KeyRange const& range) {
   page_.Start(skip_.on() ? kFewRows : kManyRows);
 }
 
-bool Cursor::IsThere(std::uint64_t oid) const {
-  std::uint64_t addr = 0;
-  auto const status = lorv_context_lookup(context_, oid, &addr);
-  if (status == LORV_STATUS_NO_OBJECT || status == LORV_STATUS_UNREACHABLE) return false;
-  detail::CheckKernel(status);
-  return true;
-}
-
 bool Cursor::Keep(RowId& row) {
-  std::uint64_t addr = 0;
-  auto const status = lorv_context_lookup(context_, row.oid, &addr);
-  if (status == LORV_STATUS_NO_OBJECT || status == LORV_STATUS_UNREACHABLE) return false;
-  detail::CheckKernel(status);
-  row.addr = (addr & ~std::uint64_t{0xFFFF}) | layout_;
+  auto const addr = attachment_->AddressOf(row.oid);
+  if (!addr.has_value()) return false;
+  row.addr = (*addr & ~std::uint64_t{0xFFFF}) | layout_;
   return table_.Holds(*attachment_, row.oid);
 }
 
@@ -248,7 +238,7 @@ bool Cursor::Scan(RowId& row) {
       continue;
     }
     row = RowAt(found.oid, found.position);
-    if (page_.IsOld() && !IsThere(row.oid)) continue;
+    if (page_.IsOld() && !attachment_->AddressOf(row.oid).has_value()) continue;
     bool const wanted = check_set_ ? table_.Holds(*attachment_, row.oid)
                                    : attachment_->IsOfLiveTable(row.oid, found.layout);
     if (wanted) return true;

@@ -54,7 +54,6 @@ class Cursor : public sqlite3_vtab_cursor {
   bool Fetch(RowId& row);  // the next row in the order that SQLite wants
   bool FetchRun(RowId& row);
   bool Keep(RowId& row);  // whether an object that was found by its id is of this table
-  bool IsThere(std::uint64_t oid) const;
   bool ColumnOfPage(sqlite3_context* result, ShapeColumn const& column);
   RowId RowAt(std::uint64_t oid, std::uint64_t position) const;
 

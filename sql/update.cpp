@@ -68,7 +68,7 @@ class Row {
   void RequireSameId(std::uint64_t oid) const;
   TablePtr NewTable(std::uint64_t oid) const;
   void ChangeTable(std::uint64_t oid, Table const& to) const;
-  bool Exists(std::uint64_t oid) const;
+  bool Exists(std::uint64_t oid) const { return at_.AddressOf(oid).has_value(); }
   std::uint64_t Create(Table const& table, std::uint64_t id);
   void Fill(Table const& table, std::uint64_t oid);
   void Assign(std::uint64_t oid);
@@ -166,14 +166,6 @@ void Row::ChangeTable(std::uint64_t oid, Table const& to) const {
     if (error.status() != LSCOREDB_DUPLICATE_KEY) throw;
     throw Failure(SQLITE_CONSTRAINT, std::string("UNIQUE constraint failed: ") + error.what());
   }
-}
-
-bool Row::Exists(std::uint64_t oid) const {
-  std::uint64_t addr = 0;
-  auto const status = lorv_context_lookup(context_, oid, &addr);
-  if (status == LORV_STATUS_NO_OBJECT || status == LORV_STATUS_UNREACHABLE) return false;
-  detail::CheckKernel(status);
-  return true;
 }
 
 std::string Row::UniqueIndexes() const {

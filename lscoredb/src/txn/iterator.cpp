@@ -67,6 +67,11 @@ void Iterator::Finish(Status ended) {
   pending_ = nullptr;
 }
 
+// Whether a key that lies behind the bound where the scan began is not behind the other one.
+bool Iterator::InRange(EncodedKey const& key) const {
+  return reverse_ ? Compare(key, {low_, {}}) >= 0 : ComparePrefix(key, high_) <= 0;
+}
+
 // The first eight bytes mostly decide; the keys are compared as a whole only where they are equal.
 bool Iterator::CommittedInRange() const {
   if (!has_committed_ || !committed_.valid()) return false;
@@ -77,14 +82,10 @@ bool Iterator::CommittedInRange() const {
     auto const last = LoadBig<std::uint64_t>(bound.data());
     if (own != last) return (own < last) != reverse_;
   }
-  return reverse_ ? Compare(key, {low_, {}}) >= 0 : ComparePrefix(key, high_) <= 0;
+  return InRange(key);
 }
 
-bool Iterator::PendingInRange() const {
-  if (at_end_) return false;
-  EncodedKey const key{at_->first.encoded, {}};
-  return reverse_ ? Compare(key, {low_, {}}) >= 0 : ComparePrefix(key, high_) <= 0;
-}
+bool Iterator::PendingInRange() const { return !at_end_ && InRange({at_->first.encoded, {}}); }
 
 // The step is taken when the next entry is asked for, so that a caller of one Next pays for one.
 void Iterator::StepCommitted() { step_due_ = true; }
@@ -210,9 +211,7 @@ std::size_t Iterator::TakeRun(std::span<EntryObject> out) {
   if (!step_due_ || !at_end_ || source_.changes->has_rows()) return 0;
   std::string_view const end = committed_.PageBound(!reverse_);
   if (end.empty()) return 0;
-  EncodedKey const key{end, {}};
-  bool const within = reverse_ ? Compare(key, {low_, {}}) >= 0 : ComparePrefix(key, high_) <= 0;
-  if (!within) return 0;
+  if (!InRange({end, {}})) return 0;
   std::size_t taken = 0;
   step_due_ = !committed_.TakeRun(!reverse_, out, &taken);
   return taken;

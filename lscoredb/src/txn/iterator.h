@@ -55,6 +55,7 @@ class Iterator {
   void Fetch(std::span<EntryObject const> objects);
   // Null at the end. Valid until the next call.
   Entry const* NextEntry();
+  bool InRange(EncodedKey const& key) const;
   bool CommittedInRange() const;
   bool PendingInRange() const;
   void StepCommitted();
