@@ -2,7 +2,8 @@
 #define LSCOREDB_WATCH_H
 
 /*
- * The progress of long work in the embedded kernel, and how to stop it.
+ * The progress of long work in the embedded kernel, and how to stop it, and how to stop waiting for
+ * a server.
  *
  * A thread has at most one watch. It is called, in that thread, while the thread is in
  *  - lscoredb_check, and lscoredb_open with `verify` while it scans pages, as a check does first;
@@ -12,6 +13,16 @@
  * Stopped work returns LSCOREDB_STOPPED and changes nothing: a database is as it was, and a
  * transaction whose index was stopped continues without that index. A stopped copy, like any copy
  * that failed, leaves a part of itself in the directory. Remove it.
+ *
+ * A watch is also called ten times a second while its thread waits for a server, in any call. It
+ * gets the numbers that it got last in this call, or 0 and 0. To stop another thread, let its watch
+ * look at a flag. A call whose wait was stopped returns LSCOREDB_STOPPED. Its transaction goes on,
+ * and what it reads next waits for the same answer again; roll it back to be rid of that wait. A
+ * commit that was stopped has committed nothing. These waits end with the server's answer or after
+ * the URL's timeout, not by a watch:
+ *  - of a commit that was sent, since its outcome would be open;
+ *  - of commits of several threads, which one of these makes for all;
+ *  - of a copy that removes what it has made.
  */
 
 #include <lscoredb/lscoredb.h>

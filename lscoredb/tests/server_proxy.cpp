@@ -127,6 +127,10 @@ void ServerProxy::Serve(int client) {
   }
   bool asked = false;
   while (going && !over_ && !closed_) {
+    if (frozen_) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      continue;
+    }
     std::array<pollfd, 2> ends{{{client, POLLIN, 0}, {server, POLLIN, 0}}};
     if (poll(ends.data(), ends.size(), kPatience) <= 0) continue;
     if (ends[0].revents != 0) going = Pass(client, server, true, &asked);
@@ -161,7 +165,8 @@ bool ServerProxy::Pass(int from, int to, bool from_client, bool* asked) {
   *asked = from_client && !IsPosted(said);
   if (from_client) std::this_thread::sleep_for(weather_.delay);
   if (!SendAll(to, said.data(), said.size())) return false;
-  if (cut == Cut::kNever) return true;
+  if (cut == Cut::kAndFreeze) Freeze();
+  if (cut == Cut::kNever || cut == Cut::kAndFreeze) return true;
   // The server has done it when it answers; what was a part of a request it does not answer.
   pollfd answer{to, POLLIN, 0};
   poll(&answer, 1, kAnswerTime);

@@ -20,6 +20,7 @@ enum class Cut : std::uint8_t {
   kNever,
   kBeforeCommit,  // the server does not get to see the commit
   kAfterCommit,   // the client does not get to see the reply
+  kAndFreeze,     // nor does it see any other until Thaw
   kAndClose,      // nor does anybody get through afterwards
   kBeforeAndClose,
 };
@@ -44,6 +45,10 @@ class ServerProxy {
   // From now on nobody gets through; those who are connected are cut off.
   void Close();
   void Open() { closed_ = false; }
+  // From now on nothing gets through, and nobody notices, until Thaw.
+  void Freeze() { frozen_ = true; }
+  void Thaw() { frozen_ = false; }
+  bool frozen() const { return frozen_; }
   // Times that clients said something and got an answer.
   std::uint64_t round_trips() const { return round_trips_; }
   // Requests that were cut at random.
@@ -67,6 +72,7 @@ class ServerProxy {
   int listener_ = -1;
   std::atomic<bool> over_{false};
   std::atomic<bool> closed_{false};
+  std::atomic<bool> frozen_{false};
   std::atomic<Cut> cut_{Cut::kNever};
   std::atomic<std::uint64_t> round_trips_{0};
   std::mutex mutex_;

@@ -5,6 +5,7 @@
 
 #include "c_api.h"
 #include "index_arguments.h"
+#include "watched_work.h"
 
 namespace lscore {
 namespace {
@@ -101,6 +102,7 @@ uint32_t lscoredb_build_index(uint64_t context, uint64_t index_id, uint64_t batc
     bool const sized = out == nullptr || out->size >= sizeof out->size;
     if (batch == 0 || !sized) return LSCOREDB_INVALID_ARGUMENT;
     IndexBuild build;
+    WatchedCall const call;
     Status const status = found.index_builder().Step(IndexId{index_id}, batch, &build);
     bool const known = status == LORV_STATUS_OK || status == LSCOREDB_DUPLICATE_KEY;
     if (known && out != nullptr) FillStepped(found, build, out);

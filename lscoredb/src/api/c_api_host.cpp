@@ -8,6 +8,7 @@
 #include "c_api.h"
 #include "open_error.h"
 #include "open_store.h"
+#include "watched_work.h"
 
 namespace lscore {
 namespace {
@@ -95,6 +96,7 @@ uint32_t lscoredb_open(char const* directory, lscoredb_options const* options, l
     if (out == nullptr) return LSCOREDB_NULL_ARGUMENT;
     StoreOptions const store = StoreOptionsOf(OptionsOf(options));
     ForgetOpenError();
+    WatchedCall const call;
     auto handle = std::make_unique<lscoredb>();
     handle->database = OpenDatabase(directory, store);
     *out = handle.release();

@@ -1,5 +1,6 @@
 #include "c_api.h"
 #include "index_arguments.h"
+#include "watched_work.h"
 
 namespace lscore {
 namespace {
@@ -27,6 +28,7 @@ uint32_t lorvi_context_create_index(uint64_t context, uint64_t token, char16_t c
     }
     auto index = DefinitionOf(setspec, columns, sort_mask, flags);
     index->token = Token{token};
+    WatchedCall const call;
     *out_index_id = Raw(transaction.CreateIndex(std::move(index)));
     return LORV_STATUS_OK;
   });

@@ -43,6 +43,7 @@ uint32_t lscoredb_copy(lscoredb* database, char const* directory) {
     if (database == nullptr || directory == nullptr) return LSCOREDB_NULL_ARGUMENT;
     if (lscore::IsOfParent(*database)) return LSCOREDB_OF_PARENT;
     lscore::ForgetOpenError();
+    lscore::WatchedCall const call;
     if (!lscore::IsServerUrl(directory)) lscore::PrepareTarget(directory);
     lscore::CopyStore(database->database->store(), directory);
     return LORV_STATUS_OK;
@@ -52,6 +53,7 @@ uint32_t lscoredb_copy(lscoredb* database, char const* directory) {
 uint32_t lscoredb_check(lscoredb* database, uint32_t flags, lscoredb_finding_callback report,
                         void* user) {
   lscore::FindingSink sink(report, user);
+  lscore::WatchedCall const call;
   lscore::Status const status = lscore::Guarded([&]() -> lscore::Status {
     if (database == nullptr) return LSCOREDB_NULL_ARGUMENT;
     if (lscore::IsOfParent(*database)) return LSCOREDB_OF_PARENT;

@@ -16,6 +16,12 @@ Watch& ThreadWatch() noexcept {
   return watch;
 }
 
+bool WatchStopsWait() noexcept {
+  Watch const& watch = ThreadWatch();
+  if (watch.callback == nullptr || watch.holds > 0) return false;
+  return watch.callback(watch.user, watch.done, watch.total) != 0;
+}
+
 // The number of steps is an estimate, which may be too low.
 std::uint64_t WatchedWork::DoneOfShare() const {
   if (steps_ == 0) return share_.begin;
@@ -26,11 +32,11 @@ std::uint64_t WatchedWork::DoneOfShare() const {
 
 void WatchedWork::Report() {
   report_at_ = done_ + std::max(kStepsBetween, steps_ / kWhole);
-  Watch const& watch = ThreadWatch();
+  Watch& watch = ThreadWatch();
   if (watch.callback == nullptr) return;
-  std::uint32_t const answer = is_share_ ? watch.callback(watch.user, DoneOfShare(), kWhole)
-                                         : watch.callback(watch.user, done_, 0);
-  if (answer != 0) Throw(LSCOREDB_STOPPED);
+  watch.done = is_share_ ? DoneOfShare() : done_;
+  watch.total = is_share_ ? kWhole : 0;
+  if (watch.callback(watch.user, watch.done, watch.total) != 0) Throw(LSCOREDB_STOPPED);
 }
 
 }  // namespace lscore

@@ -13,9 +13,34 @@ namespace lscore {
 struct Watch {
   lscoredb_watch_callback callback = nullptr;
   void* user = nullptr;
+  std::uint64_t done = 0;  // what it was told last in this call
+  std::uint64_t total = 0;
+  unsigned holds = 0;  // see WatchHold
 };
 // The calling thread's.
 Watch& ThreadWatch() noexcept;
+
+// Asks the watch of a thread that waits for a server. Returns whether the wait is to end.
+bool WatchStopsWait() noexcept;
+
+// While one lives, the thread's waits for a server do not ask its watch: others depend on the work,
+// or it undoes what was stopped.
+class WatchHold {
+ public:
+  WatchHold() { ++ThreadWatch().holds; }
+  ~WatchHold() { --ThreadWatch().holds; }
+  WatchHold(WatchHold const&) = delete;
+  WatchHold& operator=(WatchHold const&) = delete;
+};
+
+// A call of the library that reports progress. What the watch is told begins anew with each.
+class WatchedCall {
+ public:
+  WatchedCall() = default;
+  ~WatchedCall() { ThreadWatch().done = ThreadWatch().total = 0; }
+  WatchedCall(WatchedCall const&) = delete;
+  WatchedCall& operator=(WatchedCall const&) = delete;
+};
 
 // Where a part of the work begins and ends, in thousandths of the whole.
 struct WorkShare {

@@ -1,6 +1,9 @@
 #include "group_commit.h"
 
+#include <optional>
+
 #include "commit_applier.h"
+#include "watched_work.h"
 
 namespace lscore {
 namespace {
@@ -31,7 +34,11 @@ void GroupCommit::RequireSync() {
 // Tries all tickets in one batch. A full map is tried once more if removing dead readers may have
 // freed pages. When the batch fails as a whole, nothing of it is in the store, and each ticket gets
 // a batch of its own, except after an unknown outcome: its changes may be in the store already.
+//
+// The leader's watch stops its own transaction, never those of others.
 void GroupCommit::Lead(Tickets tickets) noexcept {
+  std::optional<WatchHold> hold;
+  if (tickets.size() > 1) hold.emplace();
   auto const attempt = [this](Tickets some) {
     TryAll(some);
     return LORV_STATUS_OK;

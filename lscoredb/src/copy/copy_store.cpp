@@ -107,6 +107,7 @@ void CopyStore(Store& store, char const* directory) {
     Copier(*snapshot, *target, store.Statistics().file_size).Run();
   } catch (...) {
     store.End(std::move(snapshot));
+    WatchHold const hold;
     static_cast<void>(Guarded([&]() -> Status {
       target->Discard(std::move(alone));
       return LORV_STATUS_OK;

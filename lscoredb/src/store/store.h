@@ -59,6 +59,9 @@ struct TreeKey {
 // kAutomatic: to write if that is possible, otherwise to read.
 enum class Access : std::uint8_t { kAutomatic, kRead, kWrite };
 
+// Asked now and then by a thread that waits for a server. True ends the wait, by LSCOREDB_STOPPED.
+using StopsWait = bool (*)() noexcept;
+
 struct StoreOptions {
   Access access = Access::kAutomatic;
   bool sync = true;
@@ -71,6 +74,8 @@ struct StoreOptions {
 
   // Opens the reservations of layout numbers too, before anything else of the store.
   bool reserve_layouts = false;
+
+  StopsWait stops_wait = nullptr;  // null: nothing ends a wait but its time limit
 };
 
 struct StoreStatistics {
@@ -286,7 +291,7 @@ class Store {
   virtual bool read_only() const { return false; }
 
   // Whether a commit took place; if not, it never will. Throws LSCOREDB_COMMIT_UNKNOWN if that
-  // cannot be found out.
+  // cannot be found out, or the wait was stopped.
   virtual bool AskOutcome(CommitInDoubt const& /* commit */) const {
     Throw(LSCOREDB_COMMIT_UNKNOWN);
   }

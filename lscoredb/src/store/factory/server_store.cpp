@@ -7,6 +7,7 @@
 #include "open_error.h"
 #include "server_place.h"
 #include "status.h"
+#include "watched_work.h"
 
 namespace lscore {
 namespace {
@@ -50,8 +51,10 @@ void CallServer(char const* url, Work const& work) {
 std::unique_ptr<Store> OpenServerStore(char const* url, StoreOptions const& options) {
   auto* const open = Find<OpenServerStoreFunction>("lscoredb_open_server_store");
   std::unique_ptr<Store> store;
+  StoreOptions watched = options;
+  watched.stops_wait = &WatchStopsWait;
   CallServer(url, [&](std::string* reason) {
-    store.reset(open(url, &options, kSeamVersion, reason));
+    store.reset(open(url, &watched, kSeamVersion, reason));
     return store == nullptr ? LSCOREDB_NO_SERVER_LIBRARY : LORV_STATUS_OK;
   });
   return store;
@@ -61,7 +64,7 @@ bool HasServerStore(char const* url) {
   auto* const find = Find<FindServerStoreFunction>("lscoredb_find_server_store");
   int found = 0;
   CallServer(url, [&](std::string* reason) {
-    found = find(url, kSeamVersion, reason);
+    found = find(url, &WatchStopsWait, kSeamVersion, reason);
     return found < 0 ? LSCOREDB_NO_SERVER_LIBRARY : LORV_STATUS_OK;
   });
   return found > 0;

@@ -21,12 +21,12 @@ bool HasServerStore(char const* url);
 // The function that such a library exports as "lscoredb_open_server_store". Null: the versions of
 // the seam differ. Throws as the store does; `*reason` then has the server's reason, if it gave
 // one.
-inline constexpr std::uint32_t kSeamVersion = 5;
+inline constexpr std::uint32_t kSeamVersion = 6;
 using OpenServerStoreFunction = Store*(char const* url, StoreOptions const* options,
                                        std::uint32_t seam_version, std::string* reason);
 // "lscoredb_find_server_store": 1: there is a database, 0: there is none, -1: the versions differ.
-using FindServerStoreFunction = int(char const* url, std::uint32_t seam_version,
-                                    std::string* reason);
+using FindServerStoreFunction = int(char const* url, StopsWait stops_wait,
+                                    std::uint32_t seam_version, std::string* reason);
 
 }  // namespace lscore
 

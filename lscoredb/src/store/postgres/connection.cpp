@@ -1,6 +1,7 @@
 #include "connection.h"
 
 #include <libpq-fe.h>
+#include <lscoredb/watch.h>
 #include <poll.h>
 
 #include <algorithm>
@@ -17,6 +18,8 @@ namespace lscore {
 namespace {
 
 constexpr int kBinary = 1;
+// How often a thread that waits asks whether it is to stop.
+constexpr std::chrono::milliseconds kAskEvery{100};
 constexpr std::uint32_t kBytesType = 17;   // the protocol's number of the type bytea
 constexpr std::uint32_t kNumberType = 20;  // and of bigint
 
@@ -157,8 +160,8 @@ Parameters& Parameters::ManyNumbers(std::vector<std::uint64_t> const& numbers) {
 
 // ---- the connection ----------------------------------------------------------------------------
 
-Connection::Connection(ServerUrl const& url, RoundTrips round_trips)
-    : timeout_(url.timeout), round_trips_(std::move(round_trips)) {
+Connection::Connection(ServerUrl const& url, Waits waits)
+    : timeout_(url.timeout), waits_(std::move(waits)) {
   try {
     Open(url);
   } catch (...) {
@@ -239,19 +242,21 @@ void Connection::Await(short events, Deadline deadline) {
   using std::chrono::milliseconds;
   pollfd socket{PQsocket(connection_), events, 0};
   for (;;) {
-    int wait = -1;
+    milliseconds wait = kAskEvery;
     if (deadline != Deadline::max()) {
       auto const left =
           std::chrono::ceil<milliseconds>(deadline - std::chrono::steady_clock::now());
-      wait = static_cast<int>(std::max(left, milliseconds(0)).count());
+      wait = std::clamp(left, milliseconds(0), kAskEvery);
     }
-    int const ready = poll(&socket, 1, wait);
+    int const ready = poll(&socket, 1, static_cast<int>(wait.count()));
     if (ready > 0) return;
-    if (ready == 0 || errno != EINTR) {
+    bool const late = wait.count() == 0;
+    if (late || (ready < 0 && errno != EINTR)) {
       NoteRefusal("the server does not answer");
       broken_ = true;
       Throw(LSCOREDB_SERVER_LOST);
     }
+    if (stoppable_ && waits_.stopped()) Throw(LSCOREDB_STOPPED);
   }
 }
 
@@ -282,7 +287,7 @@ void Connection::Break(Lost lost) {
 }
 
 bool Connection::usable() const {
-  return !broken_ && (posted_ > 0 || PQtransactionStatus(connection_) == PQTRANS_IDLE);
+  return !broken_ && !stopped_ && (posted_ > 0 || PQtransactionStatus(connection_) == PQTRANS_IDLE);
 }
 
 // A statement that this connection has not prepared is prepared in the same round trip.
@@ -311,7 +316,7 @@ void Connection::Add(Statement const& statement, Parameters const& parameters) {
 
 void Connection::Post() noexcept {
   try {
-    if (broken_) return;
+    if (broken_ || stopped_) return;
     added_.clear();
     if (PQpipelineSync(connection_) != 1) Break(Lost::kNothing);
     ++posted_;
@@ -374,17 +379,26 @@ std::vector<Result> Connection::TakeResults(Deadline deadline) {
 }
 
 std::vector<Result> Connection::Exchange(Lost lost) {
+  stoppable_ = lost == Lost::kNothing;
   try {
     Deadline const deadline = DeadlineFromNow();
     if (broken_ || PQpipelineSync(connection_) != 1) Throw(LSCOREDB_SERVER_LOST);
     Flush(deadline);
     PassOverPosted(deadline);
-    if (round_trips_ != nullptr) ++*round_trips_;
+    if (waits_.count != nullptr) ++*waits_.count;
     return TakeResults(deadline);
   } catch (Failure const& failure) {
+    if (failure.status() == LSCOREDB_STOPPED) LeaveToServer();
     if (failure.status() != LSCOREDB_SERVER_LOST) throw;
     Break(lost);
   }
+}
+
+// The request becomes one that was posted.
+void Connection::LeaveToServer() {
+  added_.clear();
+  ++posted_;
+  stopped_ = true;
 }
 
 Result Connection::Run(Statement const& statement, Parameters const& parameters) {

@@ -15,6 +15,7 @@
 
 #include "server_url.h"
 #include "status.h"
+#include "store.h"
 
 struct pg_conn;
 struct pg_result;
@@ -74,11 +75,20 @@ class ConnectionOptions;
 
 using RoundTrips = std::shared_ptr<std::atomic<std::uint64_t>>;
 
+// What becomes of the waits for a server.
+struct Waits {
+  RoundTrips count;  // of those that were answered; may be null
+  StopsWait stops = nullptr;
+
+  bool stopped() const { return stops != nullptr && stops(); }
+  Waits Unstoppable() const { return {count, nullptr}; }
+};
+
 class Connection {
  public:
-  // Connects. Throws LSCOREDB_SERVER_LOST, LSCOREDB_CANNOT_OPEN (refused) or LSCOREDB_NO_MEMORY.
-  // Counts round trips that it waits for in `round_trips`, which may be null.
-  explicit Connection(ServerUrl const& url, RoundTrips round_trips = nullptr);
+  // Connects. Throws LSCOREDB_SERVER_LOST, LSCOREDB_CANNOT_OPEN (refused), LSCOREDB_STOPPED or
+  // LSCOREDB_NO_MEMORY.
+  Connection(ServerUrl const& url, Waits waits);
   ~Connection();
   Connection(Connection const&) = delete;
   Connection& operator=(Connection const&) = delete;
@@ -87,6 +97,11 @@ class Connection {
   void Add(Statement const& statement, Parameters const& parameters = {});
   // Sends what was added and returns one result for each. Throws the status of the first statement
   // that failed; those after it were not executed.
+  //
+  // A wait that is stopped throws LSCOREDB_STOPPED and leaves the request to the server, which is
+  // not asked to cancel it. The next Exchange of the transaction waits for it first. A request with
+  // a commit is not stopped: a server that stops waiting for its standby shows others a commit that
+  // the standby does not have.
   std::vector<Result> Exchange(Lost lost = Lost::kNothing);
   // Sends what was added without waiting. The next Exchange reads and ignores the results.
   void Post() noexcept;
@@ -94,7 +109,7 @@ class Connection {
   Result Run(Statement const& statement, Parameters const& parameters = {});
 
   // Whether another transaction can use the connection: it is outside of any, or will be after what
-  // was posted.
+  // was posted. A stopped wait makes it useless for others, since the server may be busy for long.
   bool usable() const;
 
  private:
@@ -107,13 +122,15 @@ class Connection {
   void Connect(ConnectionOptions const& options);
   [[noreturn]] void Refuse(int last, ConnectionOptions const& options);
   Deadline DeadlineFromNow() const;
-  // Waits until the socket can be read or written. Throws when the deadline has passed.
+  // Waits until the socket can be read or written. Throws when the deadline has passed or the wait
+  // was stopped.
   void Await(short events, Deadline deadline);
   void Flush(Deadline deadline);
   pg_result* NextResult(Deadline deadline);
   void PassOverPosted(Deadline deadline);
   bool TakeResult(Deadline deadline, Status* failed, Result* out);
   std::vector<Result> TakeResults(Deadline deadline);
+  void LeaveToServer();
   [[noreturn]] void Break(Lost lost);
 
   std::chrono::milliseconds timeout_;
@@ -121,7 +138,9 @@ class Connection {
   std::set<std::string> prepared_;
   std::vector<Awaited> added_;
   std::size_t posted_ = 0;  // posted exchanges whose results were not read yet
-  RoundTrips round_trips_;
+  Waits waits_;
+  bool stoppable_ = true;  // what is being waited for
+  bool stopped_ = false;   // a wait was
   bool broken_ = false;
 };
 

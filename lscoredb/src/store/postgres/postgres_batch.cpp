@@ -100,8 +100,10 @@ PostgresBatch::PostgresBatch(PostgresStore& store, std::vector<TreeKey> const& h
   for (std::size_t i = 0; i < kTreeCount; ++i)
     written_[i] = Written(KeyOrder{static_cast<Tree>(i)});
   // Twice, since an idle connection may have been cut (PostgresStore::Begin).
+  auto const begun = std::chrono::steady_clock::now();
   Status status = LSCOREDB_SERVER_LOST;
   for (int attempt = 0; status == LSCOREDB_SERVER_LOST && attempt < 2; ++attempt) {
+    if (attempt > 0 && store_.IsOver(begun)) break;
     status = Guarded([&] {
       Begin(hints);
       return LORV_STATUS_OK;
@@ -276,7 +278,7 @@ bool PostgresBatch::SendAll() {
     connection_->Exchange(Lost::kPerhapsDone);
     return true;
   } catch (ReplyLost const&) {
-    return store_.AskOutcome(in_doubt_);
+    return store_.AskOwnOutcome(in_doubt_);
   }
 }
 

@@ -1,5 +1,7 @@
 #include "postgres_store.h"
 
+#include <lscoredb/watch.h>
+
 #include <algorithm>
 #include <chrono>
 #include <random>
@@ -41,8 +43,12 @@ std::string NewTicket() {
 // ---- opening -----------------------------------------------------------------------------------
 
 PostgresStore::PostgresStore(std::string_view url, StoreOptions const& options)
-    : url_(ParseServerUrl(url)), options_(options), statements_(url_.schema), sync_(options.sync) {
-  auto connection = std::make_unique<Connection>(url_, round_trips_);
+    : url_(ParseServerUrl(url)),
+      options_(options),
+      statements_(url_.schema),
+      waits_{std::make_shared<std::atomic<std::uint64_t>>(0), options.stops_wait},
+      sync_(options.sync) {
+  auto connection = std::make_unique<Connection>(url_, waits_);
   std::uint64_t version = 0;
   auto const read_version = [&] {
     Result const state = connection->Run(statements_.read_state);
@@ -62,13 +68,13 @@ PostgresStore::PostgresStore(std::string_view url, StoreOptions const& options)
   WaitForStandby(*connection);
   idle_.push_back(std::move(connection));
   if (options.reserve_layouts && !read_only()) {
-    UseReservations(std::make_shared<ServerReservations>(url_, statements_, round_trips_));
+    UseReservations(std::make_shared<ServerReservations>(url_, statements_, waits_));
   }
 }
 
-bool PostgresStore::Exists(std::string_view url) {
+bool PostgresStore::Exists(std::string_view url, StopsWait stops_wait) {
   ServerUrl const parsed = ParseServerUrl(url);
-  Connection connection(parsed);
+  Connection connection(parsed, {nullptr, stops_wait});
   Statements const statements(parsed.schema);
   Status const status = StatusOf([&] { connection.Run(statements.read_state); });
   if (status != LSCOREDB_NOT_A_DATABASE) Check(status);
@@ -119,7 +125,7 @@ void PostgresStore::MakeTables(Connection& connection) const {
 // replies.
 std::shared_ptr<void> PostgresStore::WaitForCreationLock() {
   auto const begun = std::chrono::steady_clock::now();
-  auto lock = std::make_shared<Connection>(url_, round_trips_);
+  auto lock = std::make_shared<Connection>(url_, waits_);
   for (;;) {
     Status const status = StatusOf([&] {
       lock->Add(statements_.begin_batch);
@@ -129,8 +135,8 @@ std::shared_ptr<void> PostgresStore::WaitForCreationLock() {
     if (status == LORV_STATUS_OK) return lock;
     if (status != LSCOREDB_CONFLICT) Throw(status);
     lock->Run(statements_.rollback);
-    bool const late = std::chrono::steady_clock::now() - begun > kCreationTimeouts * url_.timeout;
-    if (late && url_.timeout.count() != 0) Throw(status);
+    if (IsOver(begun, kCreationTimeouts)) Throw(status);
+    if (waits_.stopped()) Throw(LSCOREDB_STOPPED);
     std::this_thread::sleep_for(kCreationPause);
   }
 }
@@ -176,7 +182,7 @@ UsedConnection PostgresStore::TakeConnection() const {
   }
   std::unique_ptr<Connection> made;
   Status const status = StatusOf([&] {
-    made = std::make_unique<Connection>(url_, round_trips_);
+    made = std::make_unique<Connection>(url_, waits_);
     WaitForStandby(*made);
   });
   if (status == LORV_STATUS_OK) return {made.release(), LetGo{this}};
@@ -211,8 +217,14 @@ void PostgresSnapshot::OpenCursor(Tree tree, std::unique_ptr<TreeCursor>& cursor
   cursor = std::make_unique<ServerCursor>(store_, view_, tree);
 }
 
+bool PostgresStore::IsOver(std::chrono::steady_clock::time_point since, int times) const {
+  bool const limited = url_.timeout.count() != 0;
+  return limited && std::chrono::steady_clock::now() - since >= times * url_.timeout;
+}
+
 // An idle connection may have been cut since it was last used. That says nothing about the server,
-// so others are tried until a new one decides.
+// so others are tried until a new one decides, or the time is over: a server that is silent is so
+// on all of them.
 std::unique_ptr<Snapshot> PostgresStore::Begin() {
   {
     std::lock_guard const lock(mutex_);
@@ -220,8 +232,10 @@ std::unique_ptr<Snapshot> PostgresStore::Begin() {
   }
   std::unique_ptr<Snapshot> snapshot;
   auto const attempt = [&] { snapshot = std::make_unique<PostgresSnapshot>(*this); };
+  auto const begun = std::chrono::steady_clock::now();
   Status status = StatusOf(attempt);
   for (std::size_t i = 0; status == LSCOREDB_SERVER_LOST && i <= kIdleConnections; ++i) {
+    if (IsOver(begun)) break;
     status = StatusOf(attempt);
   }
   Check(status);
@@ -320,7 +334,7 @@ StoreStatistics PostgresStore::Statistics() const {
   statistics.oldest_commit = readers_.empty() ? statistics.last_commit : *readers_.begin();
   statistics.readers = static_cast<std::uint32_t>(readers_.size());
   statistics.max_readers = options_.max_readers;
-  statistics.round_trips = *round_trips_;
+  statistics.round_trips = *waits_.count;
   return statistics;
 }
 
@@ -337,10 +351,10 @@ bool PostgresStore::sync() const {
 // Fences the ticket and then reads it: after the first statement the commit either has taken place
 // or cannot. That statement writes even where the ticket is there, and so waits until a synchronous
 // standby has the commit too. A ticket so old that it may have been dropped proves nothing.
-bool PostgresStore::AskOutcome(CommitInDoubt const& commit) const {
+bool PostgresStore::Ask(CommitInDoubt const& commit, Waits const& waits) const {
   bool committed = false;
   Status const status = StatusOf([&] {
-    Connection connection(url_, round_trips_);
+    Connection connection(url_, waits);
     connection.Add(statements_.fence_ticket, Parameters().Bytes(commit.ticket));
     connection.Add(statements_.read_ticket, Parameters().Bytes(commit.ticket));
     connection.Add(statements_.read_state);

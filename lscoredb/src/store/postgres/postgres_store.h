@@ -13,6 +13,7 @@
 // place, since it would insert the same ticket; if the ticket exists, it has taken place. When the
 // server does not answer within the time limit, the outcome stays open: LSCOREDB_COMMIT_UNKNOWN.
 
+#include <chrono>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -51,7 +52,7 @@ class PostgresStore final : public Store {
   // Connects, and creates missing tables unless the store is opened read-only.
   PostgresStore(std::string_view url, StoreOptions const& options);
   // Whether the tables of a database exist.
-  static bool Exists(std::string_view url);
+  static bool Exists(std::string_view url, StopsWait stops_wait = nullptr);
 
   std::unique_ptr<Snapshot> Begin() override;
   void End(std::unique_ptr<Snapshot> snapshot) noexcept override;
@@ -65,7 +66,7 @@ class PostgresStore final : public Store {
   bool read_only() const override { return options_.access == Access::kRead; }
   bool FreeDeadReaders() override { return false; }
   void Discard(std::shared_ptr<void> lock) override;
-  bool AskOutcome(CommitInDoubt const& commit) const override;
+  bool AskOutcome(CommitInDoubt const& commit) const override { return Ask(commit, waits_); }
 
   // For snapshots and batches.
   Statements const& statements() const { return statements_; }
@@ -76,6 +77,12 @@ class PostgresStore final : public Store {
                     ServerView& view, std::vector<TreeKey> const& gets) const;
   // This process has evicted all rows that changed up to the state.
   void NoteKnown(CommitId state) const noexcept;
+  // AskOutcome for the batch itself, whose wait is not stopped.
+  bool AskOwnOutcome(CommitInDoubt const& commit) const {
+    return Ask(commit, waits_.Unstoppable());
+  }
+  // Whether so many times the time limit of a reply have passed.
+  bool IsOver(std::chrono::steady_clock::time_point since, int times = 1) const;
   std::mutex& batch_mutex() { return batch_mutex_; }
   UsedConnection TakeConnection() const;
 
@@ -90,11 +97,12 @@ class PostgresStore final : public Store {
   void MakeTables(Connection& connection) const;
   void WaitForStandby(Connection& connection) const;
   CommitId NewestState() const;
+  bool Ask(CommitInDoubt const& commit, Waits const& waits) const;
 
   ServerUrl const url_;
   StoreOptions const options_;
   Statements const statements_;
-  RoundTrips const round_trips_ = std::make_shared<std::atomic<std::uint64_t>>(0);
+  Waits const waits_;
   std::mutex batch_mutex_;  // held by the open batch
   std::mutex mutable mutex_;
   bool sync_;

@@ -17,7 +17,7 @@ constexpr std::uint64_t kWordNumber = Raw(kNoLayout);
 Connection& ServerReservations::Server() const {
   if (connection_ == nullptr || !connection_->usable()) {
     connection_.reset();
-    connection_ = std::make_unique<Connection>(url_, round_trips_);
+    connection_ = std::make_unique<Connection>(url_, waits_);
   }
   return *connection_;
 }

@@ -17,10 +17,8 @@ namespace lscore {
 
 class ServerReservations final : public LayoutReservations {
  public:
-  ServerReservations(ServerUrl url, Statements statements, RoundTrips round_trips)
-      : url_(std::move(url)),
-        statements_(std::move(statements)),
-        round_trips_(std::move(round_trips)) {}
+  ServerReservations(ServerUrl url, Statements statements, Waits waits)
+      : url_(std::move(url)), statements_(std::move(statements)), waits_(std::move(waits)) {}
 
   bool alone() const override { return false; }
   void Share() override {}
@@ -40,7 +38,7 @@ class ServerReservations final : public LayoutReservations {
 
   ServerUrl const url_;
   Statements const statements_;
-  RoundTrips const round_trips_;
+  Waits const waits_;
   std::mutex mutable mutex_;
   std::unique_ptr<Connection> mutable connection_;
   std::bitset<kLayoutNumbers> taken_;  // as far as this process knows

@@ -23,11 +23,12 @@ lscore::Store* lscoredb_open_server_store(char const* url, lscore::StoreOptions 
   }
 }
 
-int lscoredb_find_server_store(char const* url, std::uint32_t seam_version, std::string* reason) {
+int lscoredb_find_server_store(char const* url, lscore::StopsWait stops_wait,
+                               std::uint32_t seam_version, std::string* reason) {
   if (seam_version != lscore::kSeamVersion) return -1;
   lscore::ForgetRefusal();
   try {
-    return lscore::PostgresStore::Exists(url) ? 1 : 0;
+    return lscore::PostgresStore::Exists(url, stops_wait) ? 1 : 0;
   } catch (...) {
     *reason = lscore::LastRefusal();
     throw;
