@@ -10,7 +10,7 @@
  *
  *   1. lscoredb_prepare_index. From its commit on every commit, of any process, keeps the index up.
  *   2. lscoredb_build_index, again and again, until the state is LSCOREDB_INDEX_READY. Each call is
- *      one bounded step and at most one small commit, which conflicts with no writer.
+ *      one step and at most one small commit, which conflicts with no writer.
  *   3. lorvi_context_create_index with the same set specifier, columns, sort mask and flags, in a
  *      transaction that began when the index was ready. It takes the prepared index over, at once
  *      and without a conflict with writers; the index gets the token of that call, and belongs to
@@ -31,9 +31,9 @@
  *                 and go on with lscoredb_build_index, which looks again from the start.
  *
  * The steps keep up to 32 MiB in memory, more in temporary files in the database's directory; a
- * database that has none (in memory, on a server) is sorted in memory. The thread's watch
- * (<lscoredb/watch.h>) sees the scan of the objects, in objects, and may stop a step, which leaves
- * the build as it was before.
+ * database that has none (in memory, on a server) is sorted in memory. That is kept for each build
+ * that the context has begun and not finished. The thread's watch (<lscoredb/watch.h>) sees the
+ * scan of the objects, in objects, and may stop a step, which leaves the build as it was before.
  *
  * All functions need a context without an open transaction: LSCOREDB_TRANSACTION_OPEN otherwise. A
  * database with a prepared index, or that had one, can be opened only by kernels that know of them.
@@ -75,11 +75,13 @@ LSCOREDB_API uint32_t lscoredb_prepare_index(uint64_t context, char16_t const* n
                                              uint16_t sort_mask, uint32_t flags,
                                              uint64_t* out_index_id);
 
-/* Takes the next step: a context's first one scans and sorts the objects, each following one adds,
- * or compares, about `batch` entries, at least 1. Does nothing once the index is ready. `out` may
+/* Takes the next step: a context's first one scans and sorts all objects, each following one adds,
+ * or compares, about `batch` entries, at least 1; keys with a null that are equal are compared in
+ * one step, however many there are. Does nothing once the index is ready. `out` may
  * be NULL; it is filled for LSCOREDB_DUPLICATE_KEY too. LORV_STATUS_NO_INDEX: there is no such
  * build, or no longer. LSCOREDB_CONFLICT: another context took a step of the same build; go on.
- * After a full disk or any other failure the build is as before. */
+ * LSCOREDB_COMMIT_UNKNOWN: the server may or may not have the step; go on. After a full disk or any
+ * other failure the build is as before. */
 LSCOREDB_API uint32_t lscoredb_build_index(uint64_t context, uint64_t index_id, uint64_t batch,
                                            lscoredb_index_build* out);
 

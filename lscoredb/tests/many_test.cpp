@@ -242,6 +242,21 @@ TEST_P(ManyTest, ObjectsThatAreGone_AreToldFromNulls) {
   EXPECT_STATUS(0, lscoredb_fetch(session_.context(), 5, oids.data()));
 }
 
+TEST_P(ManyTest, TextsAndBinaryValuesOfOneColumn_AreRefused) {
+  LayoutId const other = session_.CreateLayout(
+      51, {{LORV_TYPE_LONG, 200}, {LORV_TYPE_LONG, 201}, {LORV_TYPE_BINARY, 202}});
+  Oid const binary = session_.Insert(other);
+  session_.PutBinary(binary, kName, Bytes(3, 0x7F));
+  Oids const oids{binary, rows_[1], rows_[2]};
+  std::uint64_t offsets[4];
+  std::uint8_t states[3];
+  void const* data = nullptr;
+  EXPECT_STATUS(LSCOREDB_WRONG_TYPE, lscoredb_read_values(session_.context(), 3, oids.data(), 0,
+                                                          kName, &data, offsets, states));
+  EXPECT_EQ(nullptr, data);
+  EXPECT_EQ(std::string(3, 0x7F), ReadValues({binary, binary}, kName).values[1]);
+}
+
 TEST_P(ManyTest, OwnWrites_AreRead) {
   session_.PutLong(rows_[7], kNumber, 1234567);
   session_.PutString(rows_[7], kName, u"changed");

@@ -77,6 +77,32 @@ TEST_F(OnlineIndexTest, NewDuplicates_AreRefusedOnceAllObjectsAreIn) {
   EXPECT_EQ(21u, Adopt(index, kUnique).size());
 }
 
+// Their keys are in the index already, whether by the build or by other commits.
+TEST_F(OnlineIndexTest, OldDuplicates_AreNotRefusedAgain) {
+  Write([&] { writer_.PutLong(rows_[3], kNumber, 40); });
+  Session older(database_);
+  older.Begin();
+  older.PutLong(rows_[3], kOther, 1);
+  older.PutLong(rows_[4], kOther, 1);
+  IndexId const index = Prepare(kUnique);
+  StepTo(index, LSCOREDB_INDEX_WRITE_ONLY);
+  older.Commit();
+  Write([&] {
+    LayoutId const newer =
+        writer_.CreateLayout(51, {{LORV_TYPE_LONG, kNumberToken}, {LORV_TYPE_LONG, 101}});
+    Check("move", lscoredb_move_object(writer_.context(), rows_[4], newer));
+  });
+  EXPECT_EQ(LSCOREDB_INDEX_WRITE_ONLY, Builds().front().state);
+  EXPECT_TRUE(Findings(database_.get()).empty());
+  writer_.Begin();
+  Oid const fresh = writer_.Insert(layout_);
+  EXPECT_STATUS(LSCOREDB_DUPLICATE_KEY,
+                lorv_context_put_long(writer_.context(), fresh, layout_, kNumber, 40));
+  writer_.Rollback();
+  EXPECT_STATUS(LSCOREDB_DUPLICATE_KEY,
+                lscoredb_build_index(session_.context(), index, 100, nullptr));
+}
+
 TEST_F(OnlineIndexTest, Nulls_AreNoDuplicates) {
   session_.Begin();
   for (int i = 0; i < 10; ++i) session_.Insert(layout_);
@@ -126,6 +152,34 @@ TEST_F(OnlineIndexTest, AbandonedIndex_LeavesNothing) {
     EXPECT_TRUE(Builds().empty());
     EXPECT_TRUE(Findings(database_.get()).empty());
   }
+}
+
+TEST_F(OnlineIndexTest, SeveralBuildsInOneContext_EndByTurns) {
+  std::vector<IndexId> const indexes{Prepare(), Prepare(kUnique)};
+  std::vector<std::uint32_t> states(2);
+  for (int turn = 0; turn < 40; ++turn) {
+    for (std::size_t i = 0; i < indexes.size(); ++i) states[i] = Step(indexes[i], 2).state;
+  }
+  EXPECT_EQ((std::vector<std::uint32_t>{LSCOREDB_INDEX_READY, LSCOREDB_INDEX_READY}), states);
+  EXPECT_EQ(Expected(), Adopt(indexes[1], kUnique));
+}
+
+TEST_F(OnlineIndexTest, EntriesOfOtherSizes_AreFilledAsFarAsTheyGo) {
+  IndexId const index = Prepare();
+  IndexId const other = Prepare(kUnique);
+  struct Later {
+    lscoredb_index_build known;
+    std::uint64_t unknown;
+  };
+  Later later[2] = {};
+  later[0].known.size = sizeof(Later);
+  later[0].unknown = later[1].unknown = 5;
+  std::uint32_t count = 2;
+  EXPECT_STATUS(0, lscoredb_index_builds(session_.context(), &count, &later[0].known));
+  EXPECT_EQ(index, later[0].known.index);
+  EXPECT_EQ(other, later[1].known.index);
+  EXPECT_EQ(5u, later[0].unknown);
+  EXPECT_EQ(5u, later[1].unknown);
 }
 
 TEST_F(OnlineIndexTest, WatchThatStops_LeavesTheBuildAsItWas) {
@@ -228,7 +282,36 @@ TEST_F(OnlineIndexFileTest, ReopenedDatabase_GoesOnWithTheBuild) {
   session.Commit();
 }
 
+// Files of this process that have no name any more.
+std::size_t NamelessFiles() {
+  std::size_t count = 0;
+  for (auto const& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    std::error_code gone;
+    auto const target = std::filesystem::read_symlink(entry, gone).string();
+    if (target.ends_with("(deleted)")) ++count;
+  }
+  return count;
+}
+
 TEST_F(OnlineIndexFileTest, LargeIndex_IsSortedInFilesThatAreGoneAfterwards) {
+  constexpr int kMany = 400000;
+  MakeRows(directory_.path(), kMany);
+  Database const database(directory_.path());
+  Session session(database);
+  IndexId const index = PrepareIn(session);
+  std::size_t const before = NamelessFiles();
+  StepIn(session, index, 50000);
+  EXPECT_GT(NamelessFiles(), before);
+  {
+    Session other(database);
+    Check("abandon", lscoredb_abandon_index(other.context(), index));
+  }
+  EXPECT_STATUS(LORV_STATUS_NO_INDEX,
+                lscoredb_build_index(session.context(), index, 50000, nullptr));
+  EXPECT_EQ(before, NamelessFiles());
+}
+
+TEST_F(OnlineIndexFileTest, LargeIndex_HoldsAllObjects) {
   constexpr int kMany = 400000;
   MakeRows(directory_.path(), kMany);
   Database const database(directory_.path());
@@ -280,14 +363,23 @@ TEST_F(OnlineIndexFileTest, FullDatabase_KeepsTheBuildAsItWas) {
 
 TEST_F(OnlineIndexFileTest, ReadOnlyDatabase_RefusesBuilds) {
   MakeRows(directory_.path(), 3);
+  IndexId prepared = 0;
+  {
+    Database const database(directory_.path());
+    Session session(database);
+    prepared = PrepareIn(session);
+  }
   lscoredb_options options = NoSync();
   options.access = LSCOREDB_ACCESS_READ;
   Database const database(directory_.path(), options);
   Session session(database);
+  EXPECT_STATUS(LSCOREDB_READ_ONLY_DATABASE,
+                lscoredb_build_index(session.context(), prepared, 10, nullptr));
   auto const columns = Definitions({{LORV_TYPE_LONG, kNumberToken}});
   IndexId index = 0;
-  EXPECT_STATUS(LSCOREDB_READ_ONLY_DATABASE, lscoredb_prepare_index(session.context(), u"n", kSet,
-                                                                    columns.data(), 0, 0, &index));
+  EXPECT_STATUS(LSCOREDB_READ_ONLY_DATABASE,
+                lscoredb_prepare_index(session.context(), u"n", kSet, columns.data(), 0,
+                                       LORV_INDEX_UNIQUE, &index));
 }
 
 }  // namespace

@@ -57,23 +57,15 @@ void Fill(ListedBuild const& listed, lscoredb_index_build* out, std::size_t size
   std::memcpy(out, &filled, std::min(size, sizeof filled));
 }
 
-// The builds, kept with the context for the texts in what it gives out.
-std::vector<ListedBuild>& ListBuilds(Context& context) {
+// Keeps builds with the context, for the texts in what it gives out.
+std::vector<ListedBuild> const& Keep(Context& context, std::vector<IndexBuilder::Listed> builds) {
   std::vector<ListedBuild>& listed = context.listed_builds();
   listed.clear();
-  for (IndexBuilder::Listed& one : context.index_builder().List()) {
+  for (IndexBuilder::Listed& one : builds) {
     std::vector<LORVI_COLUMN_DEFINITION> columns = ColumnsOf(*one.index);
     listed.push_back({std::move(one), std::move(columns)});
   }
   return listed;
-}
-
-void FillStepped(Context& context, IndexBuild const& stepped, lscoredb_index_build* out) {
-  for (ListedBuild& listed : ListBuilds(context)) {
-    if (listed.of.build.id != stepped.id) continue;
-    listed.of.build = stepped;
-    Fill(listed, out, out->size);
-  }
 }
 
 }  // namespace
@@ -101,11 +93,11 @@ uint32_t lscoredb_build_index(uint64_t context, uint64_t index_id, uint64_t batc
   return WithIdle(context, [&](Context& found) -> Status {
     bool const sized = out == nullptr || out->size >= sizeof out->size;
     if (batch == 0 || !sized) return LSCOREDB_INVALID_ARGUMENT;
-    IndexBuild build;
+    IndexBuilder::Listed build;
     WatchedCall const call;
     Status const status = found.index_builder().Step(IndexId{index_id}, batch, &build);
     bool const known = status == LORV_STATUS_OK || status == LSCOREDB_DUPLICATE_KEY;
-    if (known && out != nullptr) FillStepped(found, build, out);
+    if (known && out != nullptr) Fill(Keep(found, {std::move(build)}).front(), out, out->size);
     return status;
   });
 }
@@ -114,9 +106,13 @@ uint32_t lscoredb_index_builds(uint64_t context, uint32_t* count, lscoredb_index
   return WithIdle(context, [&](Context& found) -> Status {
     if (count == nullptr || (out == nullptr && *count != 0)) return LSCOREDB_NULL_ARGUMENT;
     std::size_t const size = *count == 0 ? 0 : out->size;
-    if (*count != 0 && size != sizeof(lscoredb_index_build)) return LSCOREDB_INVALID_ARGUMENT;
-    std::vector<ListedBuild> const& listed = ListBuilds(found);
-    for (std::size_t i = 0; i < listed.size() && i < *count; ++i) Fill(listed[i], out + i, size);
+    bool const sized = size >= sizeof out->size && size % alignof(lscoredb_index_build) == 0;
+    if (*count != 0 && !sized) return LSCOREDB_INVALID_ARGUMENT;
+    std::vector<ListedBuild> const& listed = Keep(found, found.index_builder().List());
+    auto* const entries = reinterpret_cast<char*>(out);
+    for (std::size_t i = 0; i < listed.size() && i < *count; ++i) {
+      Fill(listed[i], reinterpret_cast<lscoredb_index_build*>(entries + i * size), size);
+    }
     *count = static_cast<uint32_t>(listed.size());
     return LORV_STATUS_OK;
   });

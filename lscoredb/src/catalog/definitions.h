@@ -126,6 +126,8 @@ struct IndexDefinition {
     bool const tolerant = phase == BuildPhase::kFilling || phase == BuildPhase::kDuplicates;
     return declared_unique() && !tolerant;
   }
+  // Old duplicates may still be there when new ones are refused already.
+  bool has_no_duplicates() const { return unique() && phase != BuildPhase::kVerifying; }
   bool Covers(std::u16string_view of) const {
     return of.size() >= setspec.size() && of.substr(0, setspec.size()) == setspec;
   }

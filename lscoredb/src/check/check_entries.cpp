@@ -49,7 +49,8 @@ bool EntryCheck::HoldsWhatWasMatched() {
   for (bool on = cursor.Seek(prefix_); sound && on && cursor.key().starts_with(prefix_);
        on = cursor.Next()) {
     work_.Advance();
-    sound = left-- > 0 && (!index_->unique() || !IsDuplicate(cursor.key(), cursor.value()));
+    sound =
+        left-- > 0 && (!index_->has_no_duplicates() || !IsDuplicate(cursor.key(), cursor.value()));
   }
   last_.clear();
   tails_.clear();
@@ -143,7 +144,7 @@ void EntryCheck::CompareWithObject(Entry const& entry, std::string_view key,
   if (wanted.value != value) {
     return sink_.Report(finding, "The index holds the object with another layout.");
   }
-  if (index_->unique() && !facts.has_null) CheckUnique(entry);
+  if (index_->has_no_duplicates() && !facts.has_null) CheckUnique(entry);
 }
 
 void EntryCheck::CheckUnique(Entry const& entry) {

@@ -229,7 +229,8 @@ void CommitApplier::CheckUnique(PendingIndex const& entries, bool nothing_betwee
     if (nothing_between && entry.facts.known_unique) return;
     ObjectId holder = entries.FindOther(key, true);
     if (holder == kNoObject) holder = FindOtherBelow(batch_, cursor, entries, key);
-    if (holder != kNoObject) Refuse(entries.index(), key, holder);
+    if (holder == kNoObject || HasEntry(batch_, cursor, entries.index(), key)) return;
+    Refuse(entries.index(), key, holder);
   });
 }
 

@@ -88,8 +88,8 @@ Status IndexBuilder::TryAbandon(IndexId id) {
 
 // Somebody who continues the build meanwhile is no reason to leave it.
 Status IndexBuilder::Abandon(IndexId id) {
-  if (sorted_for_ == id) sorted_.reset();
-  if (sorted_for_ == id) sorted_for_ = IndexId{0};
+  sorted_.erase(id);
+  verified_.erase(id);
   Status status = TryAbandon(id);
   for (int i = 1; i < kAttempts && status == LSCOREDB_CONFLICT; ++i) status = TryAbandon(id);
   return status;
@@ -108,54 +108,61 @@ std::vector<IndexBuilder::Listed> IndexBuilder::List() {
 
 // ---- steps -------------------------------------------------------------------------------------
 
-Status IndexBuilder::Step(IndexId id, std::uint64_t most, IndexBuild* out) {
+// Drops what is kept for other phases than the present one: others may have gone on with the build.
+void IndexBuilder::Forget(IndexId id, BuildPhase phase) {
+  if (phase != BuildPhase::kFilling) sorted_.erase(id);
+  if (phase != BuildPhase::kVerifying) verified_.erase(id);
+}
+
+Status IndexBuilder::Step(IndexId id, std::uint64_t most, Listed* out) {
   Reading const reading(*this);
   std::optional<IndexBuild> const build = FindBuild(*state_.snapshot, id);
+  Forget(id, build.has_value() ? build->phase : BuildPhase::kReady);
   if (!build.has_value()) return LORV_STATUS_NO_INDEX;
-  *out = *build;
-  std::unique_ptr<IndexDefinition const> const index = LoadIndex(*state_.snapshot, id);
+  std::shared_ptr<IndexDefinition const> const index = LoadIndex(*state_.snapshot, id);
   if (index == nullptr) return LSCOREDB_DAMAGED;
+  *out = {*build, index};
+  if (build->phase == BuildPhase::kReady) return LORV_STATUS_OK;
+  if (state_.database->store().read_only()) return LSCOREDB_READ_ONLY_DATABASE;
   switch (build->phase) {
     case BuildPhase::kFilling:
-      if (sorted_for_ == id) return AddEntries(*index, most, out);
-      Sort(*index, *build);
-      out->total = sorted_total_;
-      return LORV_STATUS_OK;
+      if (sorted_.contains(id)) return AddEntries(*index, most, &out->build);
+      return Sort(*index, &out->build);
     case BuildPhase::kVerifying:
-      return Verify(*index, most, out);
-    case BuildPhase::kDuplicates:
-      return Enforce(*index, out);
+      return Verify(*index, most, &out->build);
     default:
-      return LORV_STATUS_OK;
+      return Enforce(*index, &out->build);
   }
 }
 
 // Entries that the stored state says were dealt with are left out.
-void IndexBuilder::Sort(IndexDefinition const& index, IndexBuild const& build) {
-  sorted_for_ = IndexId{0};
-  sorted_.reset();
+Status IndexBuilder::Sort(IndexDefinition const& index, IndexBuild* build) {
+  Sorted sorted;
   std::uint64_t count = 0;
-  sorted_ = filler_.Sort(index, build.position, &count);
-  sorted_from_ = state_.snapshot->id();
-  sorted_total_ = build.done + count;
-  sorted_for_ = index.id;
+  sorted.entries = filler_.Sort(index, build->position, &count);
+  sorted.from = state_.snapshot->id();
+  sorted.total = build->done + count;
+  build->total = sorted.total;
+  sorted_[index.id] = std::move(sorted);
+  return LORV_STATUS_OK;
 }
 
 Status IndexBuilder::AddEntries(IndexDefinition const& index, std::uint64_t most,
                                 IndexBuild* build) {
+  Sorted const& sorted = sorted_[index.id];
   BuildChange change;
   change.index = &index;
   change.before = *build;
-  change.entries = sorted_.get();
-  change.read = sorted_from_;
-  change.set_quiet = !SetChangedSince(*state_.snapshot, index.setspec, sorted_from_);
+  change.entries = sorted.entries.get();
+  change.read = sorted.from;
+  change.set_quiet = !SetChangedSince(*state_.snapshot, index.setspec, sorted.from);
   IndexBuild& after = change.after;
   after = *build;
-  after.total = sorted_total_;
+  after.total = sorted.total;
   bool more = false;
-  if (sorted_ != nullptr) {
+  if (sorted.entries != nullptr) {
     Cursor cursor;
-    cursor.Open(*sorted_, Tree::kIndex);
+    cursor.Open(*sorted.entries, Tree::kIndex);
     more = build->position.empty() ? cursor.First() : cursor.Seek(build->position);
     if (more && cursor.key() == build->position) more = cursor.Next();
     std::size_t bytes = 0;
@@ -174,9 +181,7 @@ Status IndexBuilder::AddEntries(IndexDefinition const& index, std::uint64_t most
   Status const status = Commit(change);
   if (status != LORV_STATUS_OK) return status;
   *build = after;
-  if (more) return status;
-  sorted_for_ = IndexId{0};
-  sorted_.reset();
+  if (!more) sorted_.erase(index.id);
   return status;
 }
 
@@ -232,23 +237,19 @@ bool IndexBuilder::CompareNeighbours(IndexDefinition const& index, std::uint64_t
 // duplicate that is there at the end has been there all the time. A position of another round says
 // nothing, since duplicates were not refused in between.
 Status IndexBuilder::Verify(IndexDefinition const& index, std::uint64_t most, IndexBuild* build) {
-  if (verified_for_ != index.id || verified_round_ != build->round) {
-    verified_for_ = index.id;
-    verified_round_ = build->round;
-    verified_ = 0;
-    verified_to_.clear();
-  }
+  Verified& verified = verified_[index.id];
+  if (verified.round != build->round) verified = {build->round, 0, {}};
   std::uint64_t compared = 0;
-  bool const none = CompareNeighbours(index, most, &verified_to_, &compared,
+  bool const none = CompareNeighbours(index, most, &verified.to, &compared,
                                       [](ObjectId, ObjectId) { return false; });
-  verified_ += compared;
-  build->done = std::min(verified_, build->total);
-  if (none && !verified_to_.empty()) return LORV_STATUS_OK;
+  verified.count += compared;
+  build->done = std::min(verified.count, build->total);
+  if (none && !verified.to.empty()) return LORV_STATUS_OK;
   IndexBuild before = *build;
   before.done = build->total;
   IndexBuild after = before;
   after.phase = none ? BuildPhase::kReady : BuildPhase::kDuplicates;
-  verified_for_ = IndexId{0};
+  verified_.erase(index.id);
   Status const status = Continue(index, before, after);
   if (status != LORV_STATUS_OK) return status;
   *build = after;

@@ -16,6 +16,7 @@
 // again and goes on where the stored state says. One thread at a time.
 
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -34,17 +35,17 @@ class IndexBuilder {
 
   // A build of an equal definition is taken up. LSCOREDB_CONFLICT: another one began just now.
   Status Prepare(std::unique_ptr<IndexDefinition> index, std::u16string name, IndexId* out);
-  // With about `most` entries. `*out` is the state afterwards, also with LSCOREDB_DUPLICATE_KEY:
-  // the index is unique and there are duplicates. LSCOREDB_CONFLICT: somebody else did a step.
-  // LORV_STATUS_NO_INDEX: there is no such build.
-  Status Step(IndexId id, std::uint64_t most, IndexBuild* out);
-  Status Abandon(IndexId id);
-
   // An index that is being built, with its definition.
   struct Listed {
     IndexBuild build;
     std::shared_ptr<IndexDefinition const> index;
   };
+  // With about `most` entries. `*out` is the state afterwards, also with LSCOREDB_DUPLICATE_KEY:
+  // the index is unique and there are duplicates. LSCOREDB_CONFLICT: somebody else did a step.
+  // LORV_STATUS_NO_INDEX: there is no such build.
+  Status Step(IndexId id, std::uint64_t most, Listed* out);
+  Status Abandon(IndexId id);
+
   std::vector<Listed> List();
   // Calls `visit` with each object among the present entries whose key an earlier one has, and with
   // that one, until it returns false.
@@ -56,7 +57,20 @@ class IndexBuilder {
   Status Commit(BuildChange const& change);
   Status Continue(IndexDefinition const& index, IndexBuild const& before, IndexBuild const& after);
   Status TryAbandon(IndexId id);
-  void Sort(IndexDefinition const& index, IndexBuild const& build);
+  // What this object keeps of a build between its steps.
+  struct Sorted {
+    std::unique_ptr<SortedEntries const> entries;  // null: there were none
+    CommitId from{0};
+    std::uint64_t total = 0;
+  };
+  struct Verified {  // in a round of verification
+    std::uint32_t round = 0;
+    std::uint64_t count = 0;
+    std::string to;
+  };
+
+  void Forget(IndexId id, BuildPhase phase);
+  Status Sort(IndexDefinition const& index, IndexBuild* build);
   Status AddEntries(IndexDefinition const& index, std::uint64_t most, IndexBuild* build);
   Status Verify(IndexDefinition const& index, std::uint64_t most, IndexBuild* build);
   Status Enforce(IndexDefinition const& index, IndexBuild* build);
@@ -70,17 +84,8 @@ class IndexBuilder {
   RowReader reader_{state_, schema_};
   IndexFiller filler_{state_, schema_, reader_};
 
-  // The entries that were sorted for a build; null: there were none.
-  IndexId sorted_for_{0};
-  std::unique_ptr<SortedEntries const> sorted_;
-  CommitId sorted_from_{0};
-  std::uint64_t sorted_total_ = 0;
-  // How far a round of verification is.
-  IndexId verified_for_{0};
-  std::uint32_t verified_round_ = 0;
-  std::uint64_t verified_ = 0;
-  std::string verified_to_;
-
+  std::map<IndexId, Sorted> sorted_;
+  std::map<IndexId, Verified> verified_;
   KeyEncoder encoder_;
 };
 

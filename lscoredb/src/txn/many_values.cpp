@@ -52,6 +52,7 @@ Status ManyValues::Words(std::span<std::uint64_t const> ids, LayoutNumber as, st
 Status ManyValues::Bytes(std::span<std::uint64_t const> ids, LayoutNumber as, std::uint32_t column,
                          std::uint64_t* offsets, std::uint8_t* states) {
   buffer_.clear();
+  kind_ = Kind::kUnknown;
   offsets[0] = 0;
   for (std::size_t i = 0; i < ids.size(); ++i) {
     if (i % kTogether == 0) reader_.Fetch(Ahead(ids, i));
@@ -63,14 +64,19 @@ Status ManyValues::Bytes(std::span<std::uint64_t const> ids, LayoutNumber as, st
 }
 
 // The column's type may only be asked of one that the layout has: first as a text, then as a binary
-// value.
+// value. Objects of several layouts may have both kinds, which cannot share a buffer.
 Status ManyValues::NextBytes(ObjectId id, LayoutNumber as, std::uint32_t column,
                              std::uint8_t* state) {
   Cell cell;
   Status status = reader_.Read(id, as, column, kTexts, &cell);
   bool const is_text = status != LSCOREDB_WRONG_TYPE;
   if (!is_text) status = reader_.Read(id, as, column, kBinaries, &cell);
-  if (status == LORV_STATUS_OK) Append(cell, is_text);
+  if (status == LORV_STATUS_OK) {
+    Kind const kind = is_text ? Kind::kText : Kind::kBinary;
+    if (kind_ != Kind::kUnknown && kind_ != kind) return LSCOREDB_WRONG_TYPE;
+    kind_ = kind;
+    Append(cell, is_text);
+  }
   return Settle(status, state);
 }
 

@@ -30,11 +30,14 @@ class ManyValues {
   void Clear() noexcept;
 
  private:
+  enum class Kind { kUnknown, kText, kBinary };
+
   Status NextBytes(ObjectId id, LayoutNumber as, std::uint32_t column, std::uint8_t* state);
   void Append(Cell const& cell, bool is_text);
 
   RowReader& reader_;
   std::string buffer_;
+  Kind kind_ = Kind::kUnknown;  // of the values in the buffer
 };
 
 }  // namespace lscore

@@ -235,6 +235,16 @@ ObjectId FindOtherBelow(View const& committed, EntryCursor& cursor, PendingIndex
   return kNoObject;
 }
 
+bool HasEntry(View const& committed, EntryCursor& cursor, IndexDefinition const& index,
+              PendingKey key) {
+  cursor.Open(committed, index);
+  for (cursor.SeekFirst(key.encoded);
+       cursor.valid() && ComparePrefix(cursor.entry().key, key.encoded) == 0; cursor.Next()) {
+    if (cursor.entry().object == key.object) return true;
+  }
+  return false;
+}
+
 // ---- the write set -----------------------------------------------------------------------------
 
 PendingRow& PendingChanges::AddRow(ObjectId id) {

@@ -198,6 +198,10 @@ class PendingIndex {
 // and does not remove, or kNoObject.
 ObjectId FindOtherBelow(View const& committed, EntryCursor& cursor, PendingIndex const& pending,
                         PendingKey key);
+// Whether the object has this key there already, so that writing the entry again adds no duplicate.
+// An index whose building began lately may hold some.
+bool HasEntry(View const& committed, EntryCursor& cursor, IndexDefinition const& index,
+              PendingKey key);
 
 // A prepared index that the transaction created, or rather took over, and the definition that it
 // has from then on.
