@@ -19,7 +19,8 @@ struct Cursor : sqlite3_vtab_cursor {
 };
 
 int Connect(sqlite3* database, void* rows, int, char const* const*, sqlite3_vtab** out, char**) {
-  int const code = sqlite3_declare_vtab(database, "CREATE TABLE Hollow(Plain integer)");
+  int const code = sqlite3_declare_vtab(
+      database, "CREATE TABLE Hollow(Plain integer, Weight real, Pages integer)");
   if (code != SQLITE_OK) return code;
   auto table = std::make_unique<Table>();
   table->rows = *static_cast<std::int64_t*>(rows);
@@ -79,8 +80,8 @@ int Eof(sqlite3_vtab_cursor* base) {
   return cursor->row >= cursor->end ? 1 : 0;
 }
 
-int Column(sqlite3_vtab_cursor*, sqlite3_context* context, int) {
-  sqlite3_result_int64(context, 1);
+int Column(sqlite3_vtab_cursor*, sqlite3_context* context, int column) {
+  column == 1 ? sqlite3_result_double(context, 1) : sqlite3_result_int64(context, 1);
   return SQLITE_OK;
 }
 
@@ -107,10 +108,10 @@ sqlite3_module Module() {
 
 }  // namespace
 
-void RegisterEmptyTable(sqlite3* database, std::int64_t rows) {
+void RegisterEmptyTable(sqlite3* database, char const* name, std::int64_t rows) {
   static sqlite3_module const kModule = Module();
   sqlite::Check(
-      sqlite3_create_module_v2(database, "Hollow", &kModule, new std::int64_t(rows),
+      sqlite3_create_module_v2(database, name, &kModule, new std::int64_t(rows),
                                [](void* count) { delete static_cast<std::int64_t*>(count); }));
 }
 

@@ -9,9 +9,9 @@
 
 namespace bench {
 
-// Makes the table "Hollow(Plain)" known to a connection: `rows` rows with the row ids from 1 on,
-// each of which reads as 1. Nothing is stored and nothing is looked up.
-void RegisterEmptyTable(sqlite3* database, std::int64_t rows);
+// Makes a table (Plain, Weight, Pages) known to a connection: `rows` rows with the row ids from 1
+// on, each value of which reads as 1. Nothing is stored and nothing is looked up.
+void RegisterEmptyTable(sqlite3* database, char const* name, std::int64_t rows);
 
 }  // namespace bench
 

@@ -142,7 +142,8 @@ class SqlSection {
  public:
   explicit SqlSection(Settings const& settings)
       : settings_(settings), directory_(settings.Directory("sql")) {
-    RegisterEmptyTable(own_.handle(), settings.objects);
+    RegisterEmptyTable(own_.handle(), "Hollow", settings.objects);
+    RegisterEmptyTable(own_.handle(), "HalfHollow", settings.objects / 2);
     Fill();
   }
 
@@ -314,14 +315,16 @@ class SqlSection {
             settings_.objects,
             {{kSagleme, 0, sums(own_, "Book")},
              {kUnion, 1.5, sums(native_, "Books")},
-             {kJoin, 0.8, sums(native_, "JoinedBooks")}});
+             {kJoin, 0.8, sums(native_, "JoinedBooks")},
+             {kEmpty, 0, sums(own_, "Hollow"), false}});
   }
 
   void Counts() {
     constexpr char kCount[] = "SELECT count(*) FROM Item WHERE Indexed >= 4611686018427387904";
     Compare("SQL: count of half of the rows by an index, for each", settings_.objects / 2.0,
             {{kSagleme, 0, TotalOf(own_.handle(), kCount)},
-             {kNative, 1.0, TotalOf(native_.handle(), kCount)}});
+             {kNative, 1.0, TotalOf(native_.handle(), kCount)},
+             {kEmpty, 0, TotalOf(own_.handle(), "SELECT count(*) FROM HalfHollow"), false}});
   }
 
   void Inserts() {
