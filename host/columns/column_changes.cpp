@@ -6,6 +6,7 @@
 #include <sagleme/value_text.hpp>
 
 #include "annotations/carried.h"
+#include "columns/prepared.h"
 #include "columns/requests.h"
 #include "columns/rewrite.h"
 
@@ -82,7 +83,9 @@ void PullUpColumn(Transaction& transaction, Text const& table, Text const& colum
     Subtree::Take(subtree.At(merged->name), column);
     Guard(transaction, *merged);
   }
-  subtree.At(base).own.push_back(std::move(pulled));
+  Node& top = subtree.At(base);
+  if (auto prepared = columns::TakePrepared(top, pulled)) pulled = *std::move(prepared);
+  top.own.push_back(std::move(pulled));
   subtree.RequireValid();
   columns::Apply(transaction, subtree, {column, columns::WantedOf(*request.column), {}, false});
   detail::DropStaleAnnotations(transaction);
@@ -100,14 +103,36 @@ void PushDownColumn(Transaction& transaction, Text const& table, Text const& col
   OwnColumn const pushed = Subtree::Take(subtree.At(table), column);
   columns::Rewrite rewrite{column, columns::WantedOf(*request.column), {}, false};
   for (TablePtr const& derived : request.tables) {
-    OwnColumn& own = subtree.At(derived->name).own.emplace_back(pushed);
+    Node& node = subtree.At(derived->name);
+    OwnColumn own = pushed;
     if (!rewrite.tables.empty()) own.row = derived->GetColumn(column).id.value;
+    if (auto prepared = columns::TakePrepared(node, own)) own = *std::move(prepared);
+    node.own.push_back(std::move(own));
     rewrite.tables.push_back(derived->name);
   }
   columns::Apply(transaction, subtree, rewrite);
   for (Text const& each : tables) annotated.GiveTo(transaction, each, column);
   whole.Release();
 }
+
+namespace {
+
+OwnColumn& OwnColumnOf(Node& node, std::u16string const& name) {
+  return *std::find_if(node.own.begin(), node.own.end(),
+                       [&](OwnColumn const& each) { return each.name == name; });
+}
+
+void Redefine(OwnColumn& own, ColumnSpec const& column, columns::Retype const& request) {
+  own.type = column.type;
+  own.nullable = column.nullable;
+  own.target = column.type == Type::kReference ? column.target : Text();
+  own.data_type = request.data_type;
+  if (request.same_form) return;
+  own.row = 0;
+  own.was.clear();
+}
+
+}  // namespace
 
 void ChangeColumnType(Transaction& transaction, Text const& table, ColumnSpec const& column,
                       Loss loss) {
@@ -118,16 +143,14 @@ void ChangeColumnType(Transaction& transaction, Text const& table, ColumnSpec co
   if (loss == Loss::kRefuse) RequireConvertible(transaction, table, column);
   Guard(transaction, *request.table);
   Subtree subtree(transaction, request.table);
-  std::vector<OwnColumn>& own = subtree.At(table).own;
-  auto const at = std::find_if(own.begin(), own.end(),
-                               [&](OwnColumn const& each) { return each.name == column.name; });
-  at->type = column.type;
-  at->nullable = column.nullable;
-  at->target = column.type == Type::kReference ? column.target : Text();
-  at->data_type = request.data_type;
-  if (!request.same_form) at->row = 0;
-  if (!request.same_form) at->was.clear();
-  columns::Apply(transaction, subtree, {column.name, request.wanted, {}, loss == Loss::kAllow});
+  Node& node = subtree.At(table);
+  OwnColumn wanted = OwnColumnOf(node, column.name);
+  Redefine(wanted, column, request);
+  if (auto prepared = columns::TakePrepared(node, wanted)) wanted = *std::move(prepared);
+  OwnColumnOf(node, column.name) = std::move(wanted);
+  bool const relaxed = !request.column->nullable && column.nullable;
+  bool const values = relaxed || loss == Loss::kAllow;
+  columns::Apply(transaction, subtree, {column.name, request.wanted, {}, values});
   annotated.GiveTo(transaction, table, column.name);
   whole.Release();
 }

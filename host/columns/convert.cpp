@@ -138,6 +138,14 @@ std::optional<Converted> ConvertNumber(Value const& value, Type from, Type to) {
   return Converted{*converted, back && SameValue(*back, value)};
 }
 
+void PutConverted(Transaction& transaction, Object const& object, Table const& table,
+                  Column const& column, Value const& value) {
+  std::uint64_t const position = object.reference().addr & ~std::uint64_t{0xFFFF};
+  detail::PutValue(
+      {transaction.context(), object.id().value, position | table.layout, column.ordinal},
+      column.type, value);
+}
+
 Value ZeroOf(Type type) {
   switch (type) {
     case Type::kString:
@@ -160,9 +168,9 @@ Converted Converter::operator()(Value const& value) const {
 }
 
 std::optional<Converted> Converter::Convert(Value const& value) const {
+  if (kept_) return Converted{value};
   if (ConversionOf(from_, wanted_.type) == Conversion::kNone) return std::nullopt;
   if (wanted_.type == Type::kReference) return ToReference(value);
-  if (from_ == wanted_.type) return Converted{value};
   if (wanted_.type == Type::kString) return Converted{ToUtf16(ValueText(value))};
   if (auto const* const text = std::get_if<std::u16string>(&value)) return FromText(*text);
   return ConvertNumber(value, from_, wanted_.type);

@@ -26,8 +26,12 @@ std::optional<Converted> ConvertNumber(Value const& value, Type from, Type to);
 // Converts the values of one column of one transaction.
 class Converter {
  public:
-  Converter(Transaction& transaction, Type from, Wanted const& wanted)
-      : transaction_(transaction), from_(from), wanted_(wanted) {}
+  Converter(Transaction& transaction, Column const& from, Wanted const& wanted)
+      : transaction_(transaction),
+        from_(from.type),
+        wanted_(wanted),
+        kept_(from.type == wanted.type &&
+              (from.type != Type::kReference || from.target_id == wanted.target)) {}
 
   // What an object gets for `value`; exact if nothing of it is lost.
   Converted operator()(Value const& value) const;
@@ -41,7 +45,12 @@ class Converter {
   Transaction& transaction_;
   Type from_;
   Wanted wanted_;
+  bool kept_;  // values stay as they are
 };
+
+// Writes a value that was converted, without looking at the target of a reference again.
+void PutConverted(Transaction& transaction, Object const& object, Table const& table,
+                  Column const& column, Value const& value);
 
 // Zero, false or empty: what a column without null holds instead of it.
 Value ZeroOf(Type type);

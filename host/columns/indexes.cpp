@@ -41,11 +41,17 @@ std::vector<IndexColumnSpec> SpecsOf(Index const& index) {
 }  // namespace
 
 IndexesOnColumn::IndexesOnColumn(Transaction& transaction, Subtree const& subtree,
-                                 std::u16string column)
-    : transaction_(transaction), subtree_(subtree), column_(std::move(column)) {
+                                 std::u16string column, bool nullable)
+    : transaction_(transaction),
+      subtree_(subtree),
+      column_(std::move(column)),
+      nullable_(nullable) {
   for (std::size_t i = 0; i < subtree.nodes().size(); ++i) {
-    for (Index const& index : subtree.nodes()[i].before->indexes) {
-      if (Uses(index, column_)) held_.push_back({index, i, subtree.TokenBefore(i, column_)});
+    Table const& table = *subtree.nodes()[i].before;
+    for (Index const& index : table.indexes) {
+      if (!Uses(index, column_)) continue;
+      held_.push_back(
+          {index, i, subtree.TokenBefore(i, column_), table.GetColumn(column_).nullable});
     }
   }
 }
@@ -55,7 +61,7 @@ bool IndexesOnColumn::IsLost(Held const& held) const {
 }
 
 bool IndexesOnColumn::IsStale(Held const& held) const {
-  return subtree_.TokenAfter(held.node, column_) != held.token;
+  return held.nullable != nullable_ || subtree_.TokenAfter(held.node, column_) != held.token;
 }
 
 void IndexesOnColumn::Detach() {

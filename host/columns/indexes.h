@@ -14,10 +14,13 @@ namespace sagleme::columns {
 class IndexesOnColumn {
  public:
   // REQUIRES: the subtree was edited and not yet written.
-  IndexesOnColumn(Transaction& transaction, Subtree const& subtree, std::u16string column);
+  // `nullable`: whether the column will be.
+  IndexesOnColumn(Transaction& transaction, Subtree const& subtree, std::u16string column,
+                  bool nullable);
 
   // REQUIRES: the subtree was written, and no value yet. Drops the kernel's indexes that read the
-  // column by a token that it no longer has in their table, and the columns of those that lost it.
+  // column by a token that it no longer has in their table, or that treat null otherwise, and the
+  // columns of those that lost it.
   // Tables can be read only after it.
   void Detach();
   // REQUIRES: the values are written. Builds those indexes anew; one whose table lost the column
@@ -29,6 +32,7 @@ class IndexesOnColumn {
     Index index;
     std::size_t node = 0;
     std::uint64_t token = 0;
+    bool nullable = false;
   };
 
   bool IsLost(Held const& held) const;
@@ -41,6 +45,7 @@ class IndexesOnColumn {
   Transaction& transaction_;
   Subtree const& subtree_;
   std::u16string column_;
+  bool nullable_;
   std::vector<Held> held_;
 };
 

@@ -65,7 +65,7 @@ LostValues FindUnconvertible(Transaction& transaction, Text const& table, Column
                              std::size_t limit) {
   columns::Retype const request = columns::RequireRetype(transaction, table, column);
   if (request.same || IsSafe(transaction, request)) return {};
-  columns::Converter const convert(transaction, request.column->type, request.wanted);
+  columns::Converter const convert(transaction, *request.column, request.wanted);
   Gathering gathering(transaction, *request.table, *request.column, limit);
   gathering.ForEach([&](Object const& object, Value value) {
     columns::Converted converted = convert(value);

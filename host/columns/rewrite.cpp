@@ -5,12 +5,6 @@
 namespace sagleme::columns {
 namespace {
 
-detail::ColumnLocation At(Transaction& transaction, Object const& object, Table const& table,
-                          Column const& column) {
-  std::uint64_t const position = object.reference().addr & ~std::uint64_t{0xFFFF};
-  return {transaction.context(), object.id().value, position | table.layout, column.ordinal};
-}
-
 class Copier {
  public:
   Copier(Transaction& transaction, Rewrite const& rewrite)
@@ -21,15 +15,18 @@ class Copier {
     TablePtr const after = transaction_.ById(before.id());
     Column const& from = before.GetColumn(rewrite_.column);
     Column const& to = after->GetColumn(rewrite_.column);
-    Converter const convert(transaction_, from.type, rewrite_.wanted);
+    // A zero that was never written would become null as soon as the object moves.
+    bool const may_be_unwritten = same_form && !from.nullable && to.nullable;
+    Value const zero = ZeroOf(to.type);
+    Converter const convert(transaction_, from, rewrite_.wanted);
     for (Object const& object : Range::Only(transaction_, *after)) {
       ReadScope const scope(transaction_.context());
-      auto const reading = At(transaction_, object, before, from);
-      auto const writing = At(transaction_, object, *after, to);
-      Value const old = detail::GetValue(reading, from.type);
+      Value const old = object.Get(before, from);
       Value const value = convert(old).value;
-      Value const present = same_form ? old : detail::GetValue(writing, to.type);
-      if (!SameValue(present, value)) detail::PutValue(writing, to.type, value);
+      Value const present = same_form ? old : object.Get(*after, to);
+      bool const unwritten = may_be_unwritten && SameValue(value, zero);
+      if (unwritten || !SameValue(present, value))
+        PutConverted(transaction_, object, *after, to, value);
     }
   }
 
@@ -41,7 +38,7 @@ class Copier {
 }  // namespace
 
 void Apply(Transaction& transaction, Subtree& subtree, Rewrite const& rewrite) {
-  IndexesOnColumn indexes(transaction, subtree, rewrite.column);
+  IndexesOnColumn indexes(transaction, subtree, rewrite.column, rewrite.wanted.nullable);
   std::vector<std::uint64_t> before;
   for (std::size_t i = 0; i < subtree.nodes().size(); ++i) {
     before.push_back(subtree.TokenBefore(i, rewrite.column));
@@ -52,7 +49,7 @@ void Apply(Transaction& transaction, Subtree& subtree, Rewrite const& rewrite) {
   for (std::size_t i = 0; i < subtree.nodes().size(); ++i) {
     std::uint64_t const after = subtree.TokenAfter(i, rewrite.column);
     bool const same = before[i] == after;
-    if (before[i] == 0 || after == 0 || (same && !rewrite.losing)) continue;
+    if (before[i] == 0 || after == 0 || (same && !rewrite.values)) continue;
     copier.CopyTable(*subtree.nodes()[i].before, same);
   }
   indexes.Attach(rewrite.tables);

@@ -17,8 +17,8 @@ struct Rewrite {
   Wanted wanted;
   // Tables that the column went down to.
   std::vector<std::u16string> tables;
-  // Values may change although their stored form stays.
-  bool losing = false;
+  // Values may have to be written although their stored form stays.
+  bool values = false;
 };
 
 // Writes the subtree. Where the column's stored form is another one than before, it also writes the

@@ -112,6 +112,51 @@ inline void PushDownColumn(Transaction& transaction, Text const& table, Text con
 SAGLEME_HOST_API void ChangeColumnType(Transaction& transaction, Text const& table,
                                        ColumnSpec const& column, Loss loss = Loss::kRefuse);
 
+// ---- in batches ---------------------------------------------------------------------------------
+//
+// The same changes of tables with many objects, in bounded transactions of their own in the given
+// context, which must have none open. Batches write the new values into hidden columns beside the
+// old ones; readers and writers see nothing of it. One last transaction makes the change: it reads
+// all objects and writes only what others changed meanwhile, and indexes on the column are built
+// in it. If it conflicts with writers, the values of those are written in a batch, and it is tried
+// again.
+//
+// A job that is cut off, even by the death of the process, leaves the hidden columns. The same call
+// again continues, any of the functions above uses them, and AbandonColumnChange removes them.
+
+struct ColumnChangeProgress {
+  std::uint64_t done = 0;       // values written
+  std::uint64_t total = 0;      // as far as known; grows with what others write
+  std::uint64_t conflicts = 0;  // transactions that were tried again
+};
+
+struct ColumnChangeOptions {
+  Loss loss = Loss::kRefuse;
+  std::uint32_t batch = 1000;          // objects in a transaction, at least 1
+  std::chrono::milliseconds pause{0};  // between batches
+  std::uint32_t attempts = 1000;       // per transaction, before the conflict is reported
+  // Called after each committed batch; false abandons the change.
+  std::function<bool(ColumnChangeProgress const&)> report;
+};
+
+// Each returns whether the change was made; `report` abandoned it otherwise, and nothing of it is
+// left. They throw what the function of one transaction throws, where possible before the first
+// batch.
+SAGLEME_HOST_API bool RunPullUpColumn(Context const& context, Text const& table, Text const& column,
+                                      Text const& base, ColumnChangeOptions const& options = {});
+SAGLEME_HOST_API bool RunPushDownColumn(Context const& context, Text const& table,
+                                        Text const& column, std::span<Text const> tables,
+                                        ColumnChangeOptions const& options = {});
+SAGLEME_HOST_API bool RunChangeColumnType(Context const& context, Text const& table,
+                                          ColumnSpec const& column,
+                                          ColumnChangeOptions const& options = {});
+
+// Removes what a job for a column of that name left in the table and its descendants.
+SAGLEME_HOST_API void AbandonColumnChange(Transaction& transaction, Text const& table,
+                                          Text const& column);
+
+// ---- what would be lost -------------------------------------------------------------------------
+
 // What PushDownColumn and ChangeColumnType would lose, with the first `limit` values. They throw
 // what those throw, except for the refusal of losses.
 SAGLEME_HOST_API LostValues FindLost(Transaction& transaction, Text const& table,

@@ -340,6 +340,23 @@ TEST_F(ColumnChangesTest, ChangeType_NotNull_RefusesNullsOrMakesThemZero) {
   Finish(transaction);
 }
 
+TEST_F(ColumnChangesTest, ChangeType_ToNullable_KeepsZerosThatNobodyWrote) {
+  {
+    Transaction transaction(context_);
+    sagleme::CreateIndex(transaction, u"ByCount", u"L.Item", {{u"Count", true}, {u"Year", true}},
+                         sagleme::Uniqueness::kUnique);
+    Make(transaction, u"L.Film", {{u"Title", "M"}});
+    sagleme::ChangeColumnType(transaction, u"L.Item", {u"Count", Type::kLong, true});
+    Finish(transaction);
+  }
+  Transaction later(context_);
+  ASSERT_EQ(1u, Found(later, u"ByCount", {std::int64_t{0}}).size());
+  ObjectId const film = Found(later, u"ByCount", {std::int64_t{0}})[0];
+  EXPECT_EQ(Value(std::int64_t{0}), Of(later, film, u"Count"));
+  ObjectId const null = Make(later, u"L.Film", {{u"Title", "N"}}).id();
+  EXPECT_EQ(Ids{null}, Found(later, u"ByCount", {Null{}}));
+}
+
 TEST_F(ColumnChangesTest, ChangeType_OfAReferencesTarget_TouchesNoObject) {
   Transaction transaction(context_);
   ObjectId const author = Make(transaction, u"L.Author", {{u"Name", "Austen"}}).id();
