@@ -1,8 +1,5 @@
 #include "annotations/carried.h"
 
-#include <sagleme/value_text.hpp>
-
-#include "annotations/default_text.h"
 #include "annotations/rules.h"
 
 namespace sagleme::annotations {
@@ -12,9 +9,12 @@ CarriedAnnotations::CarriedAnnotations(Transaction& transaction, Text const& tab
   TablePtr const owner = transaction.table(table);
   Column const& own = owner->GetColumn(column);
   comment_ = CommentOf(transaction, *owner, own);
-  Value const value = DefaultOf(transaction, *owner, own);
-  if (!IsNull(value)) default_json_ = ValueJson(value);
+  default_ = DefaultOf(transaction, *owner, own);
   if (own.type == Type::kReference) on_delete_ = OnDeleteOf(transaction, *owner, own);
+}
+
+void CarriedAnnotations::ConvertDefault(std::function<Value(Value const&)> const& convert) {
+  if (!IsNull(default_)) default_ = convert(default_);
 }
 
 void CarriedAnnotations::GiveTo(Transaction& transaction, Text const& table,
@@ -22,8 +22,8 @@ void CarriedAnnotations::GiveTo(Transaction& transaction, Text const& table,
   TablePtr const owner = transaction.table(table);
   Column const& own = owner->GetColumn(column);
   if (!comment_.empty()) SetComment(transaction, *owner, column, comment_);
-  if (!default_json_.empty() && own.type != Type::kReference) {
-    SetDefault(transaction, *owner, column, StoredDefault(own.type, default_json_));
+  if (!IsNull(default_) && own.type != Type::kReference) {
+    SetDefault(transaction, *owner, column, default_);
   }
   if (on_delete_ != OnDelete::kKeep && own.type == Type::kReference) {
     WriteText(transaction, own.id, Annotation::Kind::kOnDelete,

@@ -3,6 +3,7 @@
 
 // The annotations of a column whose row in the catalogue another one replaces.
 
+#include <functional>
 #include <sagleme/annotations.hpp>
 #include <string>
 
@@ -13,13 +14,16 @@ class CarriedAnnotations {
   // Takes those of a column of the table.
   CarriedAnnotations(Transaction& transaction, Text const& table, Text const& column);
 
-  // Gives them to a column that its table declares: a default as far as the type holds it, a rule
-  // if it is a reference. Removes those of rows that are gone.
+  // Replaces the default by what it becomes in another type; null for nothing.
+  void ConvertDefault(std::function<Value(Value const&)> const& convert);
+
+  // Gives them to a column that its table declares: a rule if it is a reference, a default
+  // otherwise. Removes those of rows that are gone.
   void GiveTo(Transaction& transaction, Text const& table, Text const& column) const;
 
  private:
   std::string comment_;
-  std::string default_json_;
+  Value default_;
   OnDelete on_delete_ = OnDelete::kKeep;
 };
 

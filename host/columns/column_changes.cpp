@@ -77,6 +77,7 @@ void PullUpColumn(Transaction& transaction, Text const& table, Text const& colum
                   Text const& base) {
   Savepoint whole(transaction);
   columns::PullUp const request = columns::RequirePullUp(transaction, table, column, base);
+  annotations::CarriedAnnotations const annotated(transaction, table, column);
   Subtree subtree(transaction, request.base);
   OwnColumn pulled = Subtree::Take(subtree.At(table), column);
   for (TablePtr const& merged : request.merged) {
@@ -84,10 +85,13 @@ void PullUpColumn(Transaction& transaction, Text const& table, Text const& colum
     Guard(transaction, *merged);
   }
   Node& top = subtree.At(base);
-  if (auto prepared = columns::TakePrepared(top, pulled)) pulled = *std::move(prepared);
+  auto prepared = columns::TakePrepared(top, pulled);
+  bool const adopted = prepared.has_value();
+  if (adopted) pulled = *std::move(prepared);
   top.own.push_back(std::move(pulled));
   subtree.RequireValid();
   columns::Apply(transaction, subtree, {column, columns::WantedOf(*request.column), {}, false});
+  if (adopted) annotated.GiveTo(transaction, base, column);
   detail::DropStaleAnnotations(transaction);
   whole.Release();
 }
@@ -139,7 +143,12 @@ void ChangeColumnType(Transaction& transaction, Text const& table, ColumnSpec co
   Savepoint whole(transaction);
   columns::Retype const request = columns::RequireRetype(transaction, table, column);
   if (request.same) return whole.Release();
-  annotations::CarriedAnnotations const annotated(transaction, table, column.name);
+  annotations::CarriedAnnotations annotated(transaction, table, column.name);
+  annotated.ConvertDefault([&](Value const& value) -> Value {
+    columns::Converter const convert(transaction, *request.column, request.wanted);
+    columns::Converted converted = convert(value);
+    return converted.exact ? std::move(converted.value) : Null{};
+  });
   if (loss == Loss::kRefuse) RequireConvertible(transaction, table, column);
   Guard(transaction, *request.table);
   Subtree subtree(transaction, request.table);

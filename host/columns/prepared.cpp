@@ -9,6 +9,12 @@ Column const* FindPrepared(Table const& table, std::u16string const& column) {
   return found == nullptr || found->inherited ? nullptr : found;
 }
 
+void DropPrepared(Transaction& transaction, std::u16string const& table,
+                  std::u16string const& column) {
+  if (FindPrepared(*transaction.table(table), column) == nullptr) return;
+  DropColumn(transaction, table, PreparedName(column));
+}
+
 std::optional<OwnColumn> TakePrepared(Node& node, OwnColumn const& wanted) {
   if (FindPrepared(*node.before, wanted.name) == nullptr) return std::nullopt;
   OwnColumn prepared = Subtree::Take(node, PreparedName(wanted.name));

@@ -17,6 +17,10 @@ std::u16string PreparedName(std::u16string const& column);
 // The table's own prepared column, null for none.
 Column const* FindPrepared(Table const& table, std::u16string const& column);
 
+// Drops the table's own prepared column, if there is one.
+void DropPrepared(Transaction& transaction, std::u16string const& table,
+                  std::u16string const& column);
+
 // Takes a node's prepared column out of the edited list, under the name that it is prepared for;
 // nothing if there is none, or one of another definition, which then goes.
 std::optional<OwnColumn> TakePrepared(Node& node, OwnColumn const& wanted);

@@ -10,10 +10,10 @@
 // Each belongs to the given transaction, and leaves nothing behind when it throws. No index,
 // reference column or mapped property holds a column: they follow it. Names are full names.
 //
-// Where the stored form of a value stays, no object is touched: a column that moves to one table,
-// a reference with another target, a column that becomes nullable. Elsewhere each object with a
-// value is written once, and the indexes on the column are built anew. Objects under superseded
-// layouts wait for vacuum, as after AddColumns.
+// Where the stored form of a value stays, no object is touched: a column that moves to one table, a
+// reference with another target. A column that becomes nullable gets the zeros that nobody wrote.
+// Elsewhere each object with a value is written once, and the indexes on the column are built anew.
+// Objects under superseded layouts wait for vacuum, as after AddColumns.
 //
 // The commit gives LSCOREDB_CONFLICT if others changed an object meanwhile whose value was looked
 // at, or made a new one in its table.

@@ -152,6 +152,21 @@ SAGLEME_HOST_API Plan CompareSchemas(SchemaDoc const& from, SchemaDoc const& to)
 // Applies the changes. Throws Error if one is refused; roll the transaction back then.
 SAGLEME_HOST_API void ApplyPlan(Transaction& transaction, Plan const& plan);
 
+// The changes of columns of a plan for which preparing them beside writers pays, before the plan is
+// applied in one transaction: they write values of tables that have at least `objects` objects,
+// with their descendants. None if the plan renames, drops or moves tables or columns otherwise.
+SAGLEME_HOST_API std::vector<Change> ChangesToPrepare(Transaction& transaction, Plan const& plan,
+                                                      std::uint64_t objects = 10000);
+// Writes the values that such a change needs in batches, for an ApplyPlan to adopt, as
+// RunChangeColumnType and its like do before they make the change; `options.loss` counts for
+// nothing. The context must have no transaction open. Returns false if `options.report` ended it;
+// what was written stays, for another call to continue or for AbandonChange to remove. Throws what
+// ApplyPlan throws for the change. REQUIRES: one of ChangesToPrepare.
+SAGLEME_HOST_API bool PrepareChange(Context const& context, Change const& change,
+                                    ColumnChangeOptions const& options = {});
+// Removes what PrepareChange wrote.
+SAGLEME_HOST_API void AbandonChange(Context const& context, Change const& change);
+
 }  // namespace sagleme
 
 #endif

@@ -7,6 +7,7 @@
 #include <array>
 #include <csignal>
 #include <filesystem>
+#include <sagleme/annotations.hpp>
 #include <sagleme/check.hpp>
 #include <sagleme/column_changes.hpp>
 #include <sagleme/vacuum.hpp>
@@ -136,6 +137,61 @@ TEST_F(ColumnJobsTest, UniqueIndex_IsBuiltAnewAtTheEnd) {
     ++found;
   }
   EXPECT_EQ(1, found);
+}
+
+// A comment and a default of the column that the table declares.
+void ExpectAnnotations(Context const& context, Text const& table, Value const& standard) {
+  Transaction transaction(context, sagleme::Access::kReadOnly);
+  auto const owner = transaction.table(table);
+  auto const& column = owner->GetColumn(u"Pages");
+  EXPECT_FALSE(column.inherited);
+  EXPECT_EQ("how long it is", sagleme::CommentOf(transaction, *owner, column));
+  EXPECT_EQ(standard, sagleme::DefaultOf(transaction, *owner, column));
+}
+
+TEST_F(ColumnJobsTest, AnnotationsOfTheColumn_GoWithIt) {
+  {
+    Transaction transaction(context_);
+    auto const book = transaction.table(u"L.Book");
+    sagleme::SetComment(transaction, *book, u"Pages", "how long it is");
+    sagleme::SetDefault(transaction, *book, u"Pages", std::int64_t{7});
+    transaction.Commit();
+  }
+  Value const seven = std::int64_t{7};
+  EXPECT_TRUE(sagleme::RunPullUpColumn(context_, u"L.Book", u"Pages", u"L.Item"));
+  ExpectAnnotations(context_, u"L.Item", seven);
+  EXPECT_TRUE(sagleme::RunPushDownColumn(context_, u"L.Item", u"Pages", kDown));
+  ExpectAnnotations(context_, u"L.Book", seven);
+  ExpectAnnotations(context_, u"L.Film", seven);
+  EXPECT_TRUE(sagleme::RunChangeColumnType(context_, u"L.Film", {u"Pages", Type::kString}));
+  ExpectAnnotations(context_, u"L.Film", "7");
+  Transaction transaction(context_);
+  EXPECT_EQ(4u, sagleme::Annotations(transaction).size());
+}
+
+TEST_F(ColumnJobsTest, ColumnThatBecomesNullable_KeepsZerosThatNobodyWrote) {
+  {
+    Transaction transaction(context_);
+    sagleme::AddColumns(transaction, u"L.Film", {{u"Count", Type::kLong, false}});
+    sagleme::CreateIndex(transaction, u"ByCount", u"L.Film", {{u"Count", true}});
+    transaction.Commit();
+  }
+  ColumnChangeOptions options;
+  options.batch = 50;
+  std::uint64_t batches = 0;
+  options.report = [&](ColumnChangeProgress const&) { return ++batches > 0; };
+  EXPECT_TRUE(
+      sagleme::RunChangeColumnType(context_, u"L.Film", {u"Count", Type::kLong, true}, options));
+  EXPECT_LT(2u, batches);
+  sagleme::RunVacuum(context_);
+  Transaction transaction(context_);
+  std::int64_t found = 0;
+  auto const index = transaction.FindIndex(u"ByCount");
+  for (Object const& each : sagleme::Range::Matching(transaction, *index, {std::int64_t{0}})) {
+    EXPECT_EQ(Value(std::int64_t{0}), each.Get(u"Count"));
+    ++found;
+  }
+  EXPECT_EQ(kObjects / 2, found);
 }
 
 TEST_F(ColumnJobsTest, Abandoned_LeavesNothing) {

@@ -41,6 +41,25 @@ class JobsTest : public ToolTest {
     }
     return schema.dump();
   }
+  // The schema with another type of a column of Item.
+  std::string Retyped(std::string const& column, std::string const& type) const {
+    Json schema = Json::parse(On("schema").out);
+    for (Json& table : schema["tables"]) {
+      std::string const name = table["name"];
+      if (!name.ends_with("Item")) continue;
+      for (Json& each : table["columns"]) {
+        if (each["name"] == column) each["type"] = type;
+      }
+    }
+    return schema.dump();
+  }
+  // Of Book, those included that nobody else shows.
+  std::size_t CountColumns() const {
+    sagleme::Database opened = sagleme::Database::Open(database());
+    sagleme::Context const context(opened);
+    sagleme::Transaction transaction(context, sagleme::Access::kReadOnly);
+    return transaction.Resolve("Book")->columns.size();
+  }
   Json Jobs() const { return Json::parse(On("jobs", {"--format", "json"}).out); }
   Json Indexes() const {
     Json const schema = Json::parse(On("schema").out);
@@ -81,6 +100,29 @@ TEST_F(JobsTest, Apply_BuildsIndexesOfManyObjectsBesideWriters) {
   EXPECT_EQ(Json::array(), Jobs());
   On("check");
   EXPECT_EQ("nothing to do\n", On("apply", {"-"}, 0, On("schema").out).out);
+}
+
+TEST_F(JobsTest, Apply_ConvertsValuesOfManyObjectsBesideWriters) {
+  Import(kMany, kMany);
+  std::size_t const columns = CountColumns();
+  Result const applied = On("apply", {"-"}, 0, Retyped("Pages", "string"));
+  EXPECT_EQ("background   change column Pages of App.Item from long to string\n", applied.out);
+  EXPECT_EQ(columns, CountColumns());
+  Json const found = Json::parse(On("find", {"ItemByTitle", "t11999", "--format", "json"}).out);
+  EXPECT_EQ("11999", found.at(0)["Pages"]);
+  On("check");
+  On("vacuum");
+  On("check");
+}
+
+TEST_F(JobsTest, Apply_OfValuesThatDoNotConvert_LeavesNothing) {
+  Import(kMany, kMany);
+  std::size_t const columns = CountColumns();
+  Result const refused = On("apply", {"-"}, 4, Retyped("Title", "long"));
+  EXPECT_NE(std::string::npos, refused.err.find("12000 values of column Title of App.Item do not"))
+      << refused.err;
+  EXPECT_EQ(columns, CountColumns());
+  On("check");
 }
 
 TEST_F(JobsTest, CutOffBuild_IsListedAndFinishedByApply) {

@@ -7,6 +7,7 @@
 
 #include "base/watch.h"
 #include "cli/question.h"
+#include "commands/column_jobs.h"
 #include "commands/commands.h"
 #include "commands/files.h"
 #include "commands/index_jobs.h"
@@ -14,6 +15,15 @@
 
 namespace tool {
 namespace {
+
+// Writers that change objects of tables whose columns change are waited for so often.
+constexpr int kAttempts = 1000;
+
+// What is built beside writers before the plan is applied.
+struct Preparations {
+  std::vector<sagleme::IndexSpec> indexes;
+  std::vector<sagleme::Change> changes;
+};
 
 class ApplySchema : public Command {
  public:
@@ -27,8 +37,10 @@ class ApplySchema : public Command {
            "the document says so: \"was\": \"OLD NAME\" for a rename, \"was\": null for what is "
            "new.\n"
            "Indexes on tables with many objects are built before the other changes, beside writers "
-           "and in small transactions, unless the plan renames, drops or moves something. Ctrl-C "
-           "keeps what was built; the same apply, or \"sagleme jobs\", goes on with it.";
+           "and in small transactions, unless the plan renames, drops or moves something. So are "
+           "the values of columns that move to several tables or take another type, unless the "
+           "plan renames or drops something or moves a table. Ctrl-C keeps what was built; the "
+           "same apply goes on with it, and \"sagleme jobs\" with an index.";
   }
   std::vector<Example> examples() const override {
     return {{"apply shop shop.json --plan",
@@ -48,7 +60,7 @@ class ApplySchema : public Command {
     app.add_flag("--allow-destructive", destructive_,
                  "Also make changes that lose values or objects");
     app.add_flag("--atomic", atomic_,
-                 "Build indexes inside the one transaction of all changes, not beside writers");
+                 "Build everything inside the one transaction of all changes, not beside writers");
   }
   Exit Run(Session& session, Output& output) override;
 
@@ -61,10 +73,10 @@ class ApplySchema : public Command {
                     Output const& output);
   void Show(std::string const& plan, Output const& output);
   void RefuseDestructive(sagleme::Plan const& plan) const;
-  std::vector<sagleme::IndexSpec> FindIndexesToPrepare(Session& session,
-                                                       sagleme::SchemaDoc const& wanted,
-                                                       Output const& output);
-  void PrepareIndexes(Session& session, sagleme::SchemaDoc const& wanted, Output const& output);
+  Preparations FindPreparations(Session& session, sagleme::SchemaDoc const& wanted,
+                                Output const& output);
+  bool Prepare(Session& session, sagleme::SchemaDoc const& wanted, Output const& output);
+  void ApplyOnce(Session& session, sagleme::SchemaDoc const& wanted, Output const& output);
 
   std::string file_;
   bool plan_only_ = false;
@@ -100,6 +112,11 @@ std::uint64_t ObjectsToRead(sagleme::Transaction& transaction, sagleme::Plan con
   return objects;
 }
 
+[[noreturn]] void ThrowRefused(sagleme::Error const& error) {
+  throw Failure(Exit::kRefused, std::string(error.what()) + " Nothing was changed.",
+                "Use --allow-destructive to lose these values.");
+}
+
 // Makes the changes and reports the progress of indexes, each of which the kernel counts from 0.
 void ApplyWithProgress(sagleme::Transaction& transaction, sagleme::Plan const& plan,
                        Output const& output) {
@@ -115,8 +132,7 @@ void ApplyWithProgress(sagleme::Transaction& transaction, sagleme::Plan const& p
     sagleme::ApplyPlan(transaction, plan);
   } catch (sagleme::Error const& error) {
     if (error.status() != LSCOREDB_WRONG_TYPE) throw;
-    throw Failure(Exit::kRefused, std::string(error.what()) + " Nothing was changed.",
-                  "Use --allow-destructive to lose these values.");
+    ThrowRefused(error);
   }
 }
 
@@ -198,37 +214,74 @@ void ApplySchema::Show(std::string const& plan, Output const& output) {
 }
 
 // A plan with doubts renames or drops something.
-std::vector<sagleme::IndexSpec> ApplySchema::FindIndexesToPrepare(Session& session,
-                                                                  sagleme::SchemaDoc const& wanted,
-                                                                  Output const& output) {
-  std::vector<sagleme::IndexSpec> indexes;
+Preparations ApplySchema::FindPreparations(Session& session, sagleme::SchemaDoc const& wanted,
+                                           Output const& output) {
+  Preparations found;
   session.Read([&](sagleme::Transaction& transaction) {
     NoteStranger(transaction, wanted, output);
     sagleme::SchemaDoc const present = sagleme::ReadSchema(transaction, true);
     sagleme::SchemaDoc const whole = sagleme::CompletedSchema(wanted, present);
     sagleme::ValidateSchema(whole, file_);
     if (!sagleme::FindDoubts(present, whole).empty()) return;
-    sagleme::Plan const plan = sagleme::CompareSchemas(present, whole);
-    indexes = sagleme::IndexesToPrepare(transaction, plan);
-    if (!indexes.empty()) Show(TextOf(transaction, plan, false), output);
+    sagleme::Plan plan = sagleme::CompareSchemas(present, whole);
+    if (destructive_) sagleme::AllowLosses(plan);
+    found.indexes = sagleme::IndexesToPrepare(transaction, plan);
+    found.changes = sagleme::ChangesToPrepare(transaction, plan);
+    if (found.indexes.empty() && found.changes.empty()) return;
+    Show(TextOf(transaction, plan, false), output);
+    RefuseDestructive(plan);
   });
-  return indexes;
+  return found;
 }
 
 // A unique index that cannot be made leaves nothing behind, like any other change.
-void ApplySchema::PrepareIndexes(Session& session, sagleme::SchemaDoc const& wanted,
-                                 Output const& output) {
-  for (sagleme::IndexSpec const& index : FindIndexesToPrepare(session, wanted, output)) {
+void PrepareOne(Session& session, sagleme::IndexSpec const& index, Output const& output) {
+  try {
+    WatchBuild(output, sagleme::ToUtf8(index.name), {},
+               [&](sagleme::IndexBuildOptions const& options) {
+                 return sagleme::PrepareIndex(session.context(), index, options);
+               });
+  } catch (sagleme::Error const& error) {
+    if (error.status() == LSCOREDB_DUPLICATE_KEY) Abandon(session, index);
+    throw;
+  }
+}
+
+// Neither does a change that would lose values. The last batches belong to the plan itself.
+void PrepareAll(Session& session, std::vector<sagleme::Change> const& changes,
+                Output const& output) {
+  for (sagleme::Change const& change : changes) {
     try {
-      WatchBuild(output, sagleme::ToUtf8(index.name), {},
-                 [&](sagleme::IndexBuildOptions const& options) {
-                   return sagleme::PrepareIndex(session.context(), index, options);
-                 });
+      WatchChange(output, change, [&](sagleme::ColumnChangeOptions const& options) {
+        return sagleme::PrepareChange(session.context(), change, options);
+      });
     } catch (sagleme::Error const& error) {
-      if (error.status() == LSCOREDB_DUPLICATE_KEY) Abandon(session, index);
-      throw;
+      if (error.status() != LSCOREDB_WRONG_TYPE) throw;
+      for (sagleme::Change const& each : changes) sagleme::AbandonChange(session.context(), each);
+      ThrowRefused(error);
     }
   }
+}
+
+// Whether changes of columns were prepared, whose objects writers may change until the plan is
+// applied.
+bool ApplySchema::Prepare(Session& session, sagleme::SchemaDoc const& wanted,
+                          Output const& output) {
+  Preparations const found = FindPreparations(session, wanted, output);
+  for (sagleme::IndexSpec const& index : found.indexes) PrepareOne(session, index, output);
+  PrepareAll(session, found.changes, output);
+  return !found.changes.empty();
+}
+
+void ApplySchema::ApplyOnce(Session& session, sagleme::SchemaDoc const& wanted,
+                            Output const& output) {
+  session.Write([&](sagleme::Transaction& transaction) {
+    NoteStranger(transaction, wanted, output);
+    sagleme::Plan const plan = MakePlan(transaction, wanted, output);
+    Show(TextOf(transaction, plan, false), output);
+    RefuseDestructive(plan);
+    if (!plan.empty()) ApplyWithProgress(transaction, plan, output);
+  });
 }
 
 Exit ApplySchema::Run(Session& session, Output& output) {
@@ -243,15 +296,15 @@ Exit ApplySchema::Run(Session& session, Output& output) {
     });
     return anything ? Exit::kSomethingToDo : Exit::kDone;
   }
-  if (!atomic_ && !session.in_transaction()) PrepareIndexes(session, wanted, output);
-  session.Write([&](sagleme::Transaction& transaction) {
-    NoteStranger(transaction, wanted, output);
-    sagleme::Plan const plan = MakePlan(transaction, wanted, output);
-    Show(TextOf(transaction, plan, false), output);
-    RefuseDestructive(plan);
-    if (!plan.empty()) ApplyWithProgress(transaction, plan, output);
-  });
-  return Exit::kDone;
+  for (int attempt = 1;; ++attempt) {
+    bool const beside = !atomic_ && !session.in_transaction() && Prepare(session, wanted, output);
+    try {
+      ApplyOnce(session, wanted, output);
+      return Exit::kDone;
+    } catch (sagleme::Error const& error) {
+      if (error.status() != LSCOREDB_CONFLICT || !beside || attempt == kAttempts) throw;
+    }
+  }
 }
 
 }  // namespace

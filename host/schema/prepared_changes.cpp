@@ -1,0 +1,139 @@
+// Changes of columns that are prepared before their plan is applied.
+
+#include <algorithm>
+#include <sagleme/counts.hpp>
+#include <sagleme/schema_plan.hpp>
+#include <set>
+
+#include "columns/column_job.h"
+
+namespace sagleme {
+namespace {
+
+ColumnSpec SpecOf(ColumnDoc const& column) {
+  return {ToUtf16(column.name), column.type, column.nullable, ToUtf16(column.target)};
+}
+
+std::vector<Text> Texts(std::vector<std::string> const& names) {
+  return {names.begin(), names.end()};
+}
+
+// What a change of a column needs to be prepared; nothing for the other changes.
+struct PreparationOf {
+  Transaction& transaction;
+
+  columns::Preparation operator()(change::PullUpColumn const& it) const {
+    return columns::PreparationOfPullUp(transaction, it.tables.at(0), it.column, it.base);
+  }
+  columns::Preparation operator()(change::PushDownColumn const& it) const {
+    return columns::PreparationOfPushDown(transaction, it.table, it.column, Texts(it.tables));
+  }
+  columns::Preparation operator()(change::ChangeColumn const& it) const {
+    return columns::PreparationOfRetype(transaction, it.table, SpecOf(it.after));
+  }
+  template <typename Other>
+  columns::Preparation operator()(Other const&) const {
+    return {};
+  }
+};
+
+// Throws for values that the change would lose and shall not.
+struct RequireValues {
+  Transaction& transaction;
+
+  void operator()(change::PushDownColumn const& it) const {
+    if (it.loss == Loss::kAllow) return;
+    RequireNoneLost(transaction, it.table, it.column, Texts(it.tables));
+  }
+  void operator()(change::ChangeColumn const& it) const {
+    if (it.loss == Loss::kRefuse) RequireConvertible(transaction, it.table, SpecOf(it.after));
+  }
+  template <typename Other>
+  void operator()(Other const&) const {}
+};
+
+// The table whose subtree has the objects of a change, and the column.
+struct Place {
+  std::string table;
+  std::string column;
+};
+struct PlaceOf {
+  Place operator()(change::PullUpColumn const& it) const { return {it.base, it.column}; }
+  Place operator()(change::PushDownColumn const& it) const { return {it.table, it.column}; }
+  Place operator()(change::ChangeColumn const& it) const { return {it.table, it.after.name}; }
+  template <typename Other>
+  Place operator()(Other const&) const {
+    return {};
+  }
+};
+
+// Whether tables and columns have the same names and bases throughout the plan.
+bool IsInPlace(Plan const& plan) {
+  return std::none_of(plan.begin(), plan.end(), [](Change const& change) {
+    return std::holds_alternative<change::RenameTable>(change) ||
+           std::holds_alternative<change::RenameColumn>(change) ||
+           std::holds_alternative<change::DropTable>(change) ||
+           std::holds_alternative<change::DropColumn>(change) ||
+           std::holds_alternative<change::SetBase>(change);
+  });
+}
+
+// What it needs must be there already: earlier changes of the plan may make it.
+bool CanPrepare(Transaction& transaction, Change const& change) {
+  Place const place = std::visit(PlaceOf{}, change);
+  if (place.table.empty() || transaction.Find(place.table) == nullptr) return false;
+  try {
+    return !std::visit(PreparationOf{transaction}, change).holders.empty();
+  } catch (Error const&) {
+    return false;  // ApplyPlan decides
+  }
+}
+
+columns::Job JobFor(Context const& context, Change const& change,
+                    ColumnChangeOptions const& options) {
+  return {context, options, [&change](Transaction& transaction) {
+            std::visit(RequireValues{transaction}, change);
+            return std::visit(PreparationOf{transaction}, change);
+          }};
+}
+
+}  // namespace
+
+std::vector<Change> ChangesToPrepare(Transaction& transaction, Plan const& plan,
+                                     std::uint64_t objects) {
+  std::vector<Change> changes;
+  if (!IsInPlace(plan)) return changes;
+  std::set<std::string> names;  // a column may change twice; its first change is known now
+  std::optional<ObjectCounts> counts;
+  for (Change const& change : plan) {
+    Place const place = std::visit(PlaceOf{}, change);
+    if (!place.column.empty() && !names.insert(place.column).second) continue;
+    if (!CanPrepare(transaction, change)) continue;
+    if (!counts.has_value()) counts.emplace(transaction);
+    if (counts->Subtree(*transaction.table(place.table)) >= objects) changes.push_back(change);
+  }
+  return changes;
+}
+
+bool PrepareChange(Context const& context, Change const& change,
+                   ColumnChangeOptions const& options) {
+  return JobFor(context, change, options).Fill();
+}
+
+void AbandonChange(Context const& context, Change const& change) {
+  Place const place = std::visit(PlaceOf{}, change);
+  if (place.table.empty()) return;
+  ColumnChangeOptions const options;
+  for (std::uint32_t attempt = 1;; ++attempt) {
+    try {
+      Transaction transaction(context);
+      AbandonColumnChange(transaction, place.table, place.column);
+      transaction.Commit();
+      return;
+    } catch (Error const& error) {
+      if (error.status() != LSCOREDB_CONFLICT || attempt >= options.attempts) throw;
+    }
+  }
+}
+
+}  // namespace sagleme
