@@ -73,6 +73,16 @@
 #define LSCOREDB_OF_PARENT 9039u
 /* The database was opened for reading only. */
 #define LSCOREDB_READ_ONLY_DATABASE 9040u
+/* The feed of changes. */
+/* The database keeps no changes. Switch that on with lscoredb_keep_changes or 'sagleme changes DB
+ * --keep'. */
+#define LSCOREDB_NO_CHANGES 9060u
+/* The changes after this position are not kept any more. Read the database afresh, then follow its
+ * changes from now on. */
+#define LSCOREDB_CHANGES_GONE 9061u
+/* Only a directory with a log keeps changes. Open the directory with LSCOREDB_LOG, while no other
+ * process has it open. */
+#define LSCOREDB_CHANGES_UNSUPPORTED 9062u
 /* A database on a server. */
 /* The server cannot be reached, or the connection to it was lost. Nothing was committed. */
 #define LSCOREDB_SERVER_LOST 9050u

@@ -1,5 +1,6 @@
 #include "format_corpus.h"
 
+#include <lscoredb/changes.h>
 #include <lscoredb/index_build.h>
 
 namespace lscoredb_test::corpus {
@@ -18,8 +19,12 @@ void PrepareIndex(Session& session) {
 
 void Write(std::string const& directory, std::uint32_t version) {
   lscoredb_options options = NoSync();
-  options.log = version == kLogVersion ? LSCOREDB_LOG : LSCOREDB_NO_LOG;
+  bool const log = version == kLogVersion || version == kChangesVersion;
+  options.log = log ? LSCOREDB_LOG : LSCOREDB_NO_LOG;
   Database database(directory, options);
+  if (version == kChangesVersion) {
+    Check("keep_changes", lscoredb_keep_changes(database.get(), std::uint64_t{1} << 30, 0));
+  }
   Session session(database);
   session.Begin();
   LayoutId const layout = session.CreateLayout(kTable, TableColumns());

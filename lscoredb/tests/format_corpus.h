@@ -8,8 +8,9 @@
 
 namespace lscoredb_test::corpus {
 
-inline constexpr std::uint32_t kNewestVersion = 5;
-inline constexpr std::uint32_t kLogVersion = 4;  // the only one with a log
+inline constexpr std::uint32_t kNewestVersion = 6;
+inline constexpr std::uint32_t kLogVersion = 4;      // with a log
+inline constexpr std::uint32_t kChangesVersion = 6;  // with a log that keeps changes
 
 inline constexpr std::uint64_t kTable = 50;
 inline constexpr std::uint64_t kByNumber = 60;

@@ -1,6 +1,7 @@
 // Databases of every version of the format, as they were written when it was new: opened, checked,
 // read and written.
 
+#include <lscoredb/changes.h>
 #include <lscoredb/index_build.h>
 
 #include "format_corpus.h"
@@ -14,9 +15,8 @@ using namespace corpus;
 class FormatsTest : public testing::TestWithParam<std::uint32_t> {
  protected:
   FormatsTest() {
-    std::filesystem::copy_file(
-        std::string(FORMAT_CORPUS) + "/v" + std::to_string(GetParam()) + "/data.mdb",
-        directory_ / "data.mdb");
+    std::filesystem::copy(std::string(FORMAT_CORPUS) + "/v" + std::to_string(GetParam()),
+                          directory_.path());
   }
 
   std::string Version() const {
@@ -90,6 +90,29 @@ TEST_P(FormatsTest, OlderFormat_GoesOnWithPreparedIndexes) {
   EXPECT_EQ(build.index, session.CreateIndex(72, kSet, columns));
   EXPECT_EQ(static_cast<std::size_t>(kRows), session.Scan(build.index).size());
   session.Commit();
+}
+
+TEST_P(FormatsTest, OlderFormat_TellsKeptChanges) {
+  Database const database(directory_.path());
+  lscoredb_kept_changes kept{};
+  kept.size = sizeof kept;
+  if (GetParam() != kChangesVersion) {
+    EXPECT_NE(0u, lscoredb_kept(database.get(), &kept));
+    return;
+  }
+  Check("kept", lscoredb_kept(database.get(), &kept));
+  lscoredb_changes* reader = nullptr;
+  Check("changes_open", lscoredb_changes_open(database.get(), kept.first - 1, UINT32_MAX, &reader));
+  int created = 0;
+  int schema = 0;
+  lscoredb_change const* change = nullptr;
+  while (lscoredb_changes_next(reader, &change) == 0 && change != nullptr) {
+    created += change->kind == LSCOREDB_CHANGE_CREATED ? 1 : 0;
+    schema += change->kind == LSCOREDB_CHANGE_SCHEMA ? 1 : 0;
+  }
+  EXPECT_EQ(kRows, created);
+  EXPECT_EQ(1, schema);
+  Check("changes_close", lscoredb_changes_close(reader));
 }
 
 // What needs an older version leaves a later one as it is.

@@ -55,6 +55,15 @@ constexpr Entry kTexts[] = {
     {LSCOREDB_TOO_MANY_READERS, "Too many transactions are open at once."},
     {LSCOREDB_OF_PARENT, "The database was opened before a fork. Open it again in this process."},
     {LSCOREDB_READ_ONLY_DATABASE, "The database was opened for reading only."},
+    {LSCOREDB_NO_CHANGES,
+     "The database keeps no changes. Switch that on with lscoredb_keep_changes or 'sagleme "
+     "changes DB --keep'."},
+    {LSCOREDB_CHANGES_GONE,
+     "The changes after this position are not kept any more. Read the database afresh, then "
+     "follow its changes from now on."},
+    {LSCOREDB_CHANGES_UNSUPPORTED,
+     "Only a directory with a log keeps changes. Open the directory with LSCOREDB_LOG, while no "
+     "other process has it open."},
     {LSCOREDB_SERVER_LOST,
      "The server cannot be reached, or the connection to it was lost. Nothing was committed."},
     {LSCOREDB_COMMIT_UNKNOWN,

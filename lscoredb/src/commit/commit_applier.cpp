@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "bytes.h"
+#include "change_notes.h"
 #include "format.h"
 #include "index_builds.h"
 #include "keys.h"
@@ -253,6 +254,10 @@ void CommitApplier::Apply() {
   ApplyIndexes();
   ApplyCounts();
   ApplySetChanges();
+  if (batch_.takes_notes()) {
+    std::string const note = NoteOf(request_.changes, rows_);
+    if (!note.empty()) batch_.Note(note);
+  }
 }
 
 void CommitApplier::ApplyRow(PendingRow const& row) {

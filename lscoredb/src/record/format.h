@@ -80,7 +80,8 @@ inline constexpr std::uint32_t kWideIndexVersion = 2;  // indexes of more than k
 inline constexpr std::uint32_t kClosedSetVersion = 3;  // sets that take no more objects
 inline constexpr std::uint32_t kLogVersion = 4;        // a log beside the file, log_format.h
 inline constexpr std::uint32_t kPreparedIndexVersion = 5;  // indexes that are not complete yet
-inline constexpr std::uint32_t kNewestVersion = kPreparedIndexVersion;
+inline constexpr std::uint32_t kChangesVersion = 6;        // a log that keeps changes, log_format.h
+inline constexpr std::uint32_t kNewestVersion = kChangesVersion;
 
 // The value of the format record.
 inline std::string FormatRecord(std::uint32_t version) {

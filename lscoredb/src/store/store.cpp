@@ -26,6 +26,12 @@ void Store::EndOwnCommit(Batch const& batch, bool succeeded) {
   foreign_commits_.EndCommit(batch.id(), succeeded);
 }
 
+void Store::KeepChanges(Retention const&) { Throw(LSCOREDB_CHANGES_UNSUPPORTED); }
+
+KeptChanges Store::Kept() { Throw(LSCOREDB_CHANGES_UNSUPPORTED); }
+
+std::unique_ptr<ChangeSource> Store::OpenChanges(CommitId) { Throw(LSCOREDB_CHANGES_UNSUPPORTED); }
+
 bool Store::ListChanges(View const&, CommitId, std::vector<ObjectId>*) const { return false; }
 
 std::shared_ptr<void> Store::LockCreation() {

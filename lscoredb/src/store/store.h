@@ -37,6 +37,7 @@
 #include <utility>
 #include <vector>
 
+#include "change_source.h"
 #include "entry_page.h"
 #include "foreign_commits.h"
 #include "ids.h"
@@ -185,6 +186,10 @@ class Batch : public View {
   virtual bool Delete(Tree tree, std::string_view key) = 0;
   // As Delete without the answer, which saves a remote store a round trip.
   virtual void Remove(Tree tree, std::string_view key) { Delete(tree, key); }
+  // Whether the store keeps notes of its commits now; one of what a transaction of this batch
+  // changed. Other stores ignore it.
+  virtual bool takes_notes() const { return false; }
+  virtual void Note(std::string_view /* note */) {}
   // All or nothing; ends the batch in either case. REQUIRES: no cursor over it is open.
   virtual void Commit() = 0;
   // After a commit that threw LSCOREDB_COMMIT_UNKNOWN.
@@ -304,6 +309,14 @@ class Store {
   // the lock, so that nobody creates the database in between. REQUIRES: `lock` is from
   // LockCreation.
   virtual void Discard(std::shared_ptr<void> /* lock */) {}
+
+  // ---- the feed of changes. All throw LSCOREDB_CHANGES_UNSUPPORTED if the store has none, and the
+  // last two LSCOREDB_NO_CHANGES if it keeps none.
+  // Takes effect with the commits after it, for good and in all processes.
+  virtual void KeepChanges(Retention const& retention);
+  virtual KeptChanges Kept();
+  // Throws LSCOREDB_INVALID_ARGUMENT if there is no commit `after` yet.
+  virtual std::unique_ptr<ChangeSource> OpenChanges(CommitId after);
 
   // From now on every commit is synced. REQUIRES: no batch is open.
   virtual void RequireSync() = 0;

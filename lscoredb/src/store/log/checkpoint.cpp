@@ -35,7 +35,7 @@ class TreeWriter {
   // The format record of the content is stored as that of an image with a log.
   std::string_view ValueFor(OrderedKey const& key, std::string_view value) {
     if (tree_ != Tree::kMeta || key.bytes != format::kFormatKey) return value;
-    format_ = logformat::ImageFormat(value);
+    format_ = logformat::ImageFormat(image_, value);
     return format_;
   }
 

@@ -78,11 +78,8 @@ void LogBatch::Commit() {
   try {
     if (!record_.empty()) {
       view_.EndImage();
-      if (store_.FitsLog(record_.size(), *layers_)) {
-        CommitToLog();
-      } else {
-        store_.CommitToImage(*this, *layers_);
-      }
+      bool const fits = !retention_.has_value() && store_.FitsLog(record_.size(), *layers_);
+      fits ? CommitToLog() : CommitToImage();
     }
   } catch (...) {
     End();
@@ -91,16 +88,33 @@ void LogBatch::Commit() {
   End();
 }
 
+bool LogBatch::takes_notes() const { return store_.tail_.keeps_changes(); }
+
+void LogBatch::Note(std::string_view note) { record_.Add({logformat::kNote, {}, note, false}); }
+
+void LogBatch::SetRetention(Retention const& retention) {
+  record_.Begin();
+  retention_ = retention;
+}
+
+std::span<iovec> LogBatch::FinishRecord(LogPosition const& at) {
+  head_.before = at.before;
+  head_.generation = at.generation;
+  head_.commit = id();
+  head_.synced = store_.board_.Synced();
+  head_.time = Microseconds();
+  return record_.Finish(head_, store_.files_.identity());
+}
+
 void LogBatch::CommitToLog() {
   LogPosition const at = store_.tail_.position();
-  logformat::Head head;
-  head.before = at.before;
-  head.generation = at.generation;
-  head.commit = id();
-  head.synced = store_.board_.Synced();
-  head.time = Microseconds();
-  std::span<iovec> const pieces = record_.Finish(head, store_.files_.identity());
-  store_.AppendRecord(*this, at, head, pieces);
+  std::span<iovec> const pieces = FinishRecord(at);
+  store_.AppendRecord(*this, at, head_, pieces);
+}
+
+void LogBatch::CommitToImage() {
+  std::span<iovec> const pieces = FinishRecord(store_.tail_.position());
+  store_.CommitToImage(*this, *layers_, {pieces, retention_});
 }
 
 }  // namespace lscore

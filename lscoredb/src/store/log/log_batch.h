@@ -30,11 +30,17 @@ class LogBatch final : public Batch {
     Put(tree, key, value);
   }
   bool Delete(Tree tree, std::string_view key) override;
+  bool takes_notes() const override;
+  void Note(std::string_view note) override;
   void Commit() override;
+  // Changes with the commit for how long commits are kept.
+  void SetRetention(Retention const& retention);
 
  private:
   void Write(logformat::Change const& change);
+  std::span<iovec> FinishRecord(LogPosition const& at);
   void CommitToLog();
+  void CommitToImage();
   void End() noexcept;
 
   LogStore& store_;
@@ -42,6 +48,8 @@ class LogBatch final : public Batch {
   std::shared_ptr<LogLayers const> layers_;
   LayeredView view_;
   RecordWriter record_;
+  logformat::Head head_;
+  std::optional<Retention> retention_;
   bool over_ = false;
 };
 

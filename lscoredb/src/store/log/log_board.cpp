@@ -1,6 +1,7 @@
 #include "log_board.h"
 
 #include <fcntl.h>
+#include <sys/inotify.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -26,6 +27,7 @@ LogBoard::~LogBoard() {
 // New words are written as zeros instead of only extending the file: a store into the map of a hole
 // would end the process with SIGBUS on a full disk. Leaves the door locked.
 void LogBoard::Open(std::string const& path) {
+  path_ = path;
   file_ = Retry([&] { return open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, kFileMode); });
   KeepFromChildren(file_);
   Take(Lock::kDoor);
@@ -72,6 +74,24 @@ void LogBoard::RaiseSynced(CommitId commit) {
   std::uint64_t now = words_->synced;
   while (now < Raw(commit) && !words_->synced.compare_exchange_weak(now, Raw(commit))) {
   }
+}
+
+// The byte behind the words, which nobody reads.
+void LogBoard::ReportCommit() const noexcept {
+  char const report = 0;
+  static_cast<void>(pwrite(file_, &report, sizeof report, sizeof(Words)) == sizeof report);
+}
+
+int LogBoard::WatchCommits() const {
+  int const watch = Retry([] { return inotify_init1(IN_CLOEXEC | IN_NONBLOCK); });
+  KeepFromChildren(watch);
+  if (inotify_add_watch(watch, path_.c_str(), IN_MODIFY) < 0) {
+    Status const status = StatusOfSystem(errno);
+    CloseKept(watch);
+    Throw(status);
+  }
+  ReportCommit();
+  return watch;
 }
 
 void LogBoard::Reset() {

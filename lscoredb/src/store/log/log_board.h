@@ -52,6 +52,12 @@ class LogBoard {
   // The generation that commits are appended to.
   std::uint64_t Generation() const { return words_->generation; }
   void SetGeneration(std::uint64_t generation) { words_->generation = generation; }
+  // Makes the file change, which those who watch it notice (WatchCommits).
+  void ReportCommit() const noexcept;
+  // A file that becomes readable with each report, and on creation. Throws if the system has no
+  // more of them. Belongs to the caller; CloseKept.
+  int WatchCommits() const;
+
   // Whether the holder of the commit lock is writing a commit. Set although the lock was free: the
   // last holder died during a commit.
   bool Writing() const { return words_->writing != 0; }
@@ -68,6 +74,7 @@ class LogBoard {
 
   bool Set(Lock lock, int kind, bool wait) const;
 
+  std::string path_;
   int file_ = -1;
   Words* words_ = nullptr;
 };

@@ -13,6 +13,17 @@ namespace lscore {
 using logformat::Generation;
 using logformat::Head;
 
+namespace {
+
+std::optional<Head> ReadHead(LogFile const& file, std::uint64_t offset) {
+  Head head;
+  std::size_t const size = file.Read(offset, reinterpret_cast<char*>(&head), sizeof head);
+  if (size < sizeof head || head.size < sizeof head) return std::nullopt;
+  return head;
+}
+
+}  // namespace
+
 LogPosition LogRecord::PositionAfter(LogPosition const& at) const {
   std::uint64_t const begin = head.generation == at.generation ? at.offset : logformat::kTitleSize;
   return {head.generation, logformat::Aligned(begin + head.size), head.checksum, head.commit};
@@ -73,14 +84,22 @@ bool LogFiles::IsWhole(LogRecord const& record) const {
 // be the same (another process may be writing), and its checksum must hold.
 std::optional<LogRecord> LogFiles::ReadAt(Generation generation, std::uint64_t offset) {
   LogFile const& file = Of(generation);
-  if (!file.is_open()) return std::nullopt;
-  LogRecord record;
-  if (file.Read(offset, reinterpret_cast<char*>(&record.head), sizeof(Head)) < sizeof(Head) ||
-      record.head.generation != generation || record.head.size < sizeof(Head)) {
-    return std::nullopt;
-  }
+  std::optional<Head> const head = file.is_open() ? ReadHead(file, offset) : std::nullopt;
+  if (!head.has_value() || head->generation != generation) return std::nullopt;
+  return ReadBehind(file, offset, *head);
+}
+
+std::optional<LogRecord> LogFiles::ReadFrom(LogFile const& file, std::uint64_t offset) const {
+  std::optional<Head> const head = ReadHead(file, offset);
+  return head.has_value() ? ReadBehind(file, offset, *head) : std::nullopt;
+}
+
+std::optional<LogRecord> LogFiles::ReadBehind(LogFile const& file, std::uint64_t offset,
+                                              Head const& head) const {
   std::uint64_t const room = file.Size();
-  if (offset > room || record.head.size > room - offset) return std::nullopt;
+  if (offset > room || head.size > room - offset) return std::nullopt;
+  LogRecord record;
+  record.head = head;
   record.bytes.reset(new char[record.head.size]);
   if (file.Read(offset, record.bytes.get(), record.head.size) < record.head.size ||
       std::memcmp(record.bytes.get(), &record.head, sizeof(Head)) != 0 || !IsWhole(record)) {

@@ -53,6 +53,8 @@ class LogFiles {
   // Deletes both.
   void Remove() noexcept;
 
+  // The whole record at an offset of a file, of any generation. None: there is none.
+  std::optional<LogRecord> ReadFrom(LogFile const& file, std::uint64_t offset) const;
   // The record at the position, in its generation or at the beginning of the next. None: there is
   // no whole record.
   std::optional<LogRecord> ReadNext(LogPosition const& at);
@@ -63,6 +65,8 @@ class LogFiles {
  private:
   void Entitle(LogFile& file) const;
   std::optional<LogRecord> ReadAt(logformat::Generation generation, std::uint64_t offset);
+  std::optional<LogRecord> ReadBehind(LogFile const& file, std::uint64_t offset,
+                                      logformat::Head const& head) const;
   bool IsWhole(LogRecord const& record) const;
   bool HoldsSynced(logformat::Generation generation, std::uint64_t offset, CommitId after);
 

@@ -11,11 +11,29 @@ namespace {
 constexpr std::size_t kPositionSize = kIdentitySize + 8 + 8 + 4 + 1;
 constexpr std::size_t kVersionAt = format::kMagic.size();
 
-bool FormatSaysLog(View const& image) {
+// 0: it has no format.
+std::uint32_t VersionOf(View const& image) {
   std::string_view record;
-  if (!image.Get(Tree::kMeta, format::kFormatKey, &record)) return false;
-  std::string const with_log = format::FormatRecord(format::kLogVersion);
-  return record.substr(0, with_log.size()) == with_log;
+  if (!image.Get(Tree::kMeta, format::kFormatKey, &record)) return 0;
+  if (record.size() < kVersionAt + sizeof(std::uint32_t)) return 0;
+  return Load<std::uint32_t>(record.data() + kVersionAt);
+}
+
+bool FormatSaysLog(View const& image) {
+  std::uint32_t const version = VersionOf(image);
+  return version == format::kLogVersion || version == format::kChangesVersion;
+}
+
+std::string WithVersion(std::uint32_t version, std::string_view content_format) {
+  std::string record = format::FormatRecord(version);
+  record.append(content_format.substr(kVersionAt));
+  return record;
+}
+
+bool KeyFits(Tree tree, std::size_t size) {
+  if (tree == kNote) return size == 0;
+  if (tree > kNote) return false;
+  return tree == Tree::kRows ? size == sizeof(std::uint64_t) : size > 0 && size <= kMaxKeySize;
 }
 
 }  // namespace
@@ -60,10 +78,36 @@ void WritePosition(Batch& image, ImagePosition const& position) {
   PutChecked(image, Tree::kMeta, kImageKey, record);
 }
 
-std::string ImageFormat(std::string_view content_format) {
-  std::string record = format::FormatRecord(format::kLogVersion);
-  record.append(content_format.substr(kVersionAt));
-  return record;
+Retention ReadRetention(View const& image) {
+  std::string_view record;
+  bool const there = GetChecked(image, Tree::kMeta, kChangesKey, &record);
+  if (there != (VersionOf(image) == format::kChangesVersion)) Throw(LSCOREDB_DAMAGED);
+  if (!there) return {};
+  FieldReader fields(record);
+  Retention retention;
+  retention.bytes = fields.Next<std::uint64_t>();
+  retention.seconds = fields.Next<std::uint64_t>();
+  if (!fields.at_end() || !retention.keeps()) Throw(LSCOREDB_DAMAGED);
+  return retention;
+}
+
+void WriteRetention(Batch& image, Retention const& retention) {
+  std::string const content = ContentFormat(image);
+  std::uint32_t const version = retention.keeps() ? format::kChangesVersion : format::kLogVersion;
+  image.Put(Tree::kMeta, format::kFormatKey, WithVersion(version, content));
+  if (!retention.keeps()) {
+    image.Delete(Tree::kMeta, kChangesKey);
+    return;
+  }
+  std::string record;
+  Append(record, retention.bytes);
+  Append(record, retention.seconds);
+  PutChecked(image, Tree::kMeta, kChangesKey, record);
+}
+
+std::string ImageFormat(View const& image, std::string_view content_format) {
+  std::uint32_t const version = FormatSaysLog(image) ? VersionOf(image) : format::kLogVersion;
+  return WithVersion(version, content_format);
 }
 
 std::string ContentFormat(View const& image) {
@@ -85,9 +129,7 @@ bool NextChange(std::string_view& rest, Change* change) {
   change->tree = static_cast<Tree>(kind & ~kDeleted);
   change->key = fields.Bytes(key_size);
   change->value = fields.Bytes(value_size);
-  bool const fits = change->tree == Tree::kRows ? key_size == sizeof(std::uint64_t)
-                                                : key_size > 0 && key_size <= kMaxKeySize;
-  if (!fields.ok() || !fits || (kind & ~kDeleted) >= kTreeCount) Throw(LSCOREDB_DAMAGED);
+  if (!fields.ok() || !KeyFits(change->tree, key_size)) Throw(LSCOREDB_DAMAGED);
   rest.remove_prefix(kChangeHead + key_size + value_size);
   return true;
 }

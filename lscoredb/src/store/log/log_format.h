@@ -25,7 +25,8 @@
 //
 //   change  0     4  size of the value
 //           4     2  size of the key
-//           6     1  tree; 128 more when the key is deleted
+//           6     1  tree; 128 more when the key is deleted; kNote: the value is a note, without a
+//                    key, of what a transaction of the commit changed (notes.h)
 //           7     1  0
 //           8        the key, the value
 //
@@ -34,6 +35,10 @@
 //
 // The image has a record "log" (ImagePosition) in its tree "meta", with a checksum like all others
 // there. Its format version is kLogVersion, followed by the version that the content itself needs.
+//
+// If changes are kept, the version is kChangesVersion instead, the image has a record "changes"
+// (the bytes of the retention, its seconds, 8 + 8), and commits that the image holds are in
+// segments (change_segments.h). Only then are there notes.
 
 #include <array>
 #include <cstdint>
@@ -43,12 +48,14 @@
 #include <string_view>
 
 #include "bytes.h"
+#include "format.h"
 #include "ids.h"
 #include "store.h"
 
 namespace lscore::logformat {
 
 inline constexpr std::string_view kImageKey = "log";
+inline constexpr std::string_view kChangesKey = "changes";
 inline constexpr std::array<char const*, 2> kFileNames = {"/log-0", "/log-1"};
 inline constexpr char const* kBoardName = "/log.lock";
 
@@ -73,6 +80,7 @@ inline constexpr std::size_t kCheckedFrom = 4;
 inline constexpr std::size_t kChangeHead = 8;
 inline constexpr std::size_t kAlignment = 8;
 inline constexpr std::uint8_t kDeleted = 128;
+inline constexpr auto kNote = static_cast<Tree>(kTreeCount);
 
 inline std::uint64_t Aligned(std::uint64_t offset) {
   return (offset + kAlignment - 1) / kAlignment * kAlignment;
@@ -107,12 +115,18 @@ std::optional<ImagePosition> FindPosition(View const& image);
 ImagePosition ReadPosition(View const& image);
 void WritePosition(Batch& image, ImagePosition const& position);
 
-// The format record of an image with a log, from and to that of its content.
-std::string ImageFormat(std::string_view content_format);
+// Both zero: no changes are kept.
+Retention ReadRetention(View const& image);
+// Sets the format version too.
+void WriteRetention(Batch& image, Retention const& retention);
+
+// The format record of an image with a log, from and to that of its content. The image keeps its
+// own version.
+std::string ImageFormat(View const& image, std::string_view content_format);
 std::string ContentFormat(View const& image);
 
-// Takes the next change off `rest`. Returns false at its end; throws LSCOREDB_DAMAGED when the
-// bytes are not a change.
+// Takes the next change, or note, off `rest`. Returns false at its end; throws LSCOREDB_DAMAGED if
+// the bytes are not a change.
 struct Change {
   Tree tree;
   std::string_view key;

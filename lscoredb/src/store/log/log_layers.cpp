@@ -19,17 +19,19 @@ std::string_view Kept(Overlay& overlay, std::string_view bytes) {
 
 }  // namespace
 
-// Two versions that every reader sees make the image look like a store without a log: its record of
-// the log is deleted, and its format is that of the content.
+// Versions that every reader sees make the image look like a store without a log: its records of
+// the log and of the kept changes are deleted, and its format is that of the content.
 LogLayer::LogLayer(LogPosition const& at, std::string_view content_format)
     : number(at.generation), base(at.commit), before(at.before) {
   changes.Write({Tree::kMeta, logformat::kImageKey}, {}, true, kAlways);
+  changes.Write({Tree::kMeta, logformat::kChangesKey}, {}, true, kAlways);
   changes.Write({Tree::kMeta, format::kFormatKey}, Kept(changes, content_format), false, kAlways);
 }
 
 void LogTail::Restart(View const& image, logformat::ImagePosition const& position) {
   LogPosition const at = LogPosition::At(position);
   SetLayers({std::make_shared<LogLayer>(at, logformat::ContentFormat(image)), nullptr});
+  keeps_changes_ = logformat::ReadRetention(image).keeps();
   {
     std::lock_guard const lock(mutex_);
     others_.clear();
@@ -70,6 +72,7 @@ bool LogTail::Advance() {
   std::vector<ObjectId> changed;
   logformat::Change change;
   while (logformat::NextChange(rest, &change)) {
+    if (change.tree == logformat::kNote) continue;
     overlay.Write({change.tree, change.key}, change.value, change.deleted, record->head.commit);
     if (change.tree == Tree::kRows)
       changed.push_back(ObjectId{Load<std::uint64_t>(change.key.data())});

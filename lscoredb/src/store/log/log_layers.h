@@ -58,6 +58,9 @@ class LogTail {
   // After this process appended a record whose changes are in the active overlay already.
   void Appended(LogPosition const& at) { SetPosition(at); }
 
+  // Whether commits after the position are to be kept. This changes only with a commit that goes
+  // straight into the image, after which the tail starts again.
+  bool keeps_changes() const { return keeps_changes_; }
   LogPosition const& position() const { return position_; }
   CommitId applied() const { return CommitId{applied_.load(std::memory_order_acquire)}; }
   std::shared_ptr<LogLayers const> layers() const;
@@ -83,6 +86,7 @@ class LogTail {
   LogFiles& files_;
   LogPosition position_;
   std::atomic<std::uint64_t> applied_{0};
+  std::atomic<bool> keeps_changes_{false};
   std::atomic<std::uint64_t> size_{0};         // of the records before the position, in its file
   std::atomic<std::uint64_t> frozen_size_{0};  // of those in the other one
   std::mutex mutable mutex_;

@@ -55,7 +55,7 @@ void LogStore::Convert(Store& image) {
   std::unique_ptr<Batch> const batch = image.BeginBatch();
   std::string_view format;
   if (!batch->Get(Tree::kMeta, format::kFormatKey, &format)) Throw(LSCOREDB_NOT_A_DATABASE);
-  batch->Put(Tree::kMeta, format::kFormatKey, logformat::ImageFormat(std::string(format)));
+  batch->Put(Tree::kMeta, format::kFormatKey, logformat::ImageFormat(*batch, std::string(format)));
   ImagePosition position;
   position.identity = NewIdentity();
   position.generation = logformat::Generation{1};

@@ -6,6 +6,7 @@
 
 #include "checkpoint.h"
 #include "log_batch.h"
+#include "log_changes.h"
 #include "status.h"
 
 namespace lscore {
@@ -16,7 +17,10 @@ LogStore::LogStore(std::unique_ptr<Store> image, std::string directory, StoreOpt
                    ImagePosition const& position)
     : image_(std::move(image)),
       options_(options),
-      files_(std::move(directory), position.identity),
+      directory_(std::move(directory)),
+      files_(directory_, position.identity),
+      kept_files_(directory_, position.identity),
+      segments_(directory_, kept_files_),
       sync_(options.sync),
       tail_(files_) {
   UseReservations(image_->layout_reservations());
@@ -182,7 +186,7 @@ void LogStore::FollowRotation() {
 void LogStore::MakeRoomInLog() {
   if (tail_.position().offset < options_.log_limit) return;
   std::shared_ptr<LogLayers const> const layers = tail_.layers();
-  if (layers->frozen != nullptr) Checkpoint(*layers);
+  if (layers->frozen != nullptr) Checkpoint(*layers, IfNotKept::kLeaveGap);
   std::lock_guard const lock(tail_mutex_);
   tail_.Rotate();
   board_.SetGeneration(Raw(tail_.position().generation));
@@ -247,6 +251,7 @@ void LogStore::AppendRecord(Batch const& batch, LogPosition const& at, logformat
   board_.SetPublished(head.commit);
   EndOwnCommit(batch, true);
   board_.SetWriting(false);
+  if (tail_.keeps_changes()) board_.ReportCommit();
 }
 
 // After a failed sync the record is whole and may be on disk, but its commit has failed, so
@@ -280,9 +285,11 @@ void LogStore::SyncUpTo(CommitId commit) {
 
 // Writes both layers, oldest first, and moves the log's position past them: the log goes on with
 // the generation after the active one.
-void LogStore::WriteAll(LogLayers const& layers, CommitId state, bool clean) {
+void LogStore::WriteAll(LogLayers const& layers, CommitId state, bool clean,
+                        DirectCommit const* direct) {
   std::unique_ptr<Batch> const batch = image_->BeginBatch();
   ImagePosition position = logformat::ReadPosition(*batch);
+  KeepCommits(*batch, tail_.applied(), direct, IfNotKept::kLeaveGap);
   if (layers.frozen != nullptr && position.commit < layers.active->base) {
     WriteLayer(*batch, *layers.frozen, layers.active->base);
   }
@@ -292,17 +299,21 @@ void LogStore::WriteAll(LogLayers const& layers, CommitId state, bool clean) {
   position.before = tail_.position().before;
   position.clean = position.clean || clean;
   logformat::WritePosition(*batch, position);
+  if (direct != nullptr && direct->retention.has_value()) {
+    logformat::WriteRetention(*batch, *direct->retention);
+  }
   batch->Commit();
 }
 
 // Commits a batch without the log. Readers may see the image's new state before it is published
 // (Over). The tail is not moved; the next CatchUp starts it again at the image.
-void LogStore::CommitToImage(Batch const& batch, LogLayers const& layers) {
+void LogStore::CommitToImage(Batch const& batch, LogLayers const& layers,
+                             DirectCommit const& commit) {
   CommitId const state = batch.id();
   board_.SetWriting(true);
   BeginOwnCommit(batch);
   try {
-    WriteAll(layers, state, false);
+    WriteAll(layers, state, false, &commit);
   } catch (...) {
     EndOwnCommit(batch, false);
     board_.SetWriting(false);
@@ -313,15 +324,17 @@ void LogStore::CommitToImage(Batch const& batch, LogLayers const& layers) {
   board_.SetPublished(state);
   EndOwnCommit(batch, true);
   board_.SetWriting(false);
+  board_.ReportCommit();
 }
 
 // Writes the frozen layer into the image in one batch, unless another process has done it. From
 // then on its file of the log may be reused.
-void LogStore::Checkpoint(LogLayers const& layers) {
+void LogStore::Checkpoint(LogLayers const& layers, IfNotKept if_not) {
   LogLayer const& active = *layers.active;
   std::unique_ptr<Batch> const batch = image_->BeginBatch();
   ImagePosition position = logformat::ReadPosition(*batch);
   if (position.commit < active.base) {
+    KeepCommits(*batch, active.base, nullptr, if_not);
     WriteLayer(*batch, *layers.frozen, active.base);
     position.generation = active.number;
     position.commit = active.base;
@@ -340,7 +353,7 @@ void LogStore::Upkeep() noexcept {
   if (!checkpoint_due_.exchange(false)) return;
   static_cast<void>(Guarded([&] {
     std::shared_ptr<LogLayers const> const layers = tail_.layers();
-    if (layers->frozen != nullptr) Checkpoint(*layers);
+    if (layers->frozen != nullptr) Checkpoint(*layers, IfNotKept::kFail);
     return LORV_STATUS_OK;
   }));
 }

@@ -22,6 +22,12 @@
 // was reused starts again at the image. Whoever gets the commit lock checks whether the last holder
 // died during a commit: a whole record is published, a torn one is overwritten.
 //
+// If changes are kept, the log's commits move into segments (change_segments.h) before the image
+// holds them. A commit that goes straight into the image gets a segment of its own before that. If a
+// segment cannot be written (a full disk), the checkpoint after a commit is put off; the next one
+// that a commit has to wait for removes the oldest segments, and if that does not help, leaves a
+// gap, which readers of changes are told about: commits do not fail for them.
+//
 // Locks of a process, outermost first: batch, commit (of the processes), the image's batch, tail.
 
 #include <atomic>
@@ -31,6 +37,7 @@
 #include <string>
 #include <vector>
 
+#include "change_segments.h"
 #include "log_board.h"
 #include "log_files.h"
 #include "log_layers.h"
@@ -61,12 +68,16 @@ class LogStore final : public Store {
   void RequireSync() override { sync_ = true; }
   bool FreeDeadReaders() override { return image_->FreeDeadReaders(); }
   void Upkeep() noexcept override;
+  void KeepChanges(Retention const& retention) override;
+  KeptChanges Kept() override;
+  std::unique_ptr<ChangeSource> OpenChanges(CommitId after) override;
 
  protected:
   bool ListChanges(View const& view, CommitId after, std::vector<ObjectId>* changed) const override;
 
  private:
   friend class LogBatch;
+  friend class LogChanges;
 
   LogStore(std::unique_ptr<Store> image, std::string directory, StoreOptions const& options,
            logformat::ImagePosition const& position);
@@ -94,18 +105,35 @@ class LogStore final : public Store {
   bool FitsLog(std::uint64_t size, LogLayers const& layers) const;
   void AppendRecord(Batch const& batch, LogPosition const& at, logformat::Head const& head,
                     std::span<iovec> pieces);
-  void CommitToImage(Batch const& batch, LogLayers const& layers);
+  // Of a commit that goes into the image: its record, for those who read changes, and a new
+  // retention.
+  struct DirectCommit {
+    std::span<iovec> record;
+    std::optional<Retention> retention;
+  };
+  void CommitToImage(Batch const& batch, LogLayers const& layers, DirectCommit const& commit);
   void SyncUpTo(CommitId commit);
   Status TryTakeBack(LogPosition const& at) noexcept;
   // Writes everything up to `state` into the image, in one batch.
-  void WriteAll(LogLayers const& layers, CommitId state, bool clean);
+  void WriteAll(LogLayers const& layers, CommitId state, bool clean,
+                DirectCommit const* direct = nullptr);
+
+  // What to do when the log's commits cannot be kept for readers of changes.
+  enum class IfNotKept : std::uint8_t { kFail, kLeaveGap };
+  // Before the image holds commits: keeps those of the log up to `last`, then the one that goes
+  // into the image, if changes are kept.
+  void KeepCommits(Batch const& image, CommitId last, DirectCommit const* direct, IfNotKept if_not);
+  void TryKeepCommits(LogPosition const& from, CommitId last, DirectCommit const* direct);
 
   // Writes the frozen layer into the image.
-  void Checkpoint(LogLayers const& layers);
+  void Checkpoint(LogLayers const& layers, IfNotKept if_not);
 
   std::unique_ptr<Store> const image_;
   StoreOptions const options_;
+  std::string const directory_;
   LogFiles files_;
+  LogFiles kept_files_;      // the same, for segments_
+  ChangeSegments segments_;  // under the lock of the image's batch
   LogBoard board_;
   std::atomic<bool> sync_;
 

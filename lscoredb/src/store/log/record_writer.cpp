@@ -26,9 +26,13 @@ char* RecordWriter::Take(std::size_t size) {
   return at;
 }
 
+void RecordWriter::Begin() {
+  if (empty()) Take(kHeadSize);
+}
+
 KeyValue RecordWriter::Add(logformat::Change const& change) {
   if (change.value.size() > std::numeric_limits<std::uint32_t>::max()) Throw(LSCOREDB_TOO_LARGE);
-  if (empty()) Take(kHeadSize);
+  Begin();
   char* at = Take(kChangeHead + change.key.size() + change.value.size());
   auto const kind = static_cast<std::uint8_t>(change.tree);
   StoreAt(at, static_cast<std::uint32_t>(change.value.size()));

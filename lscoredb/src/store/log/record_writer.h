@@ -20,6 +20,9 @@ class RecordWriter {
   // Adds a change. The result is valid as long as the overlay.
   KeyValue Add(logformat::Change const& change);
 
+  // Begins a record that may stay without changes.
+  void Begin();
+
   bool empty() const { return pieces_.empty(); }
   std::uint64_t size() const { return size_; }
 
