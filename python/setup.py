@@ -25,19 +25,22 @@ class CMakeBuild(build_ext):
         run("cmake", "-S", ROOT, "-B", BUILD, "-G", "Ninja", "-DCMAKE_BUILD_TYPE=Release",
             "-DSAGLEME_PYTHON=ON", "-DSAGLEME_TESTS=OFF", "-DSAGLEME_TOOL=OFF",
             "-DSAGLEME_EXAMPLES=OFF", f"-DPython3_EXECUTABLE={sys.executable}")
-        run("cmake", "--build", BUILD, "--target", "sagleme_python")
+        run("cmake", "--build", BUILD, "--target", "sagleme_python", "sagleme_extension")
         target = Path(self.get_ext_fullpath(ext.name))
         target.parent.mkdir(parents=True, exist_ok=True)
         built = BUILD / "python" / "sagleme" / target.name
         shutil.copy(built, target)
-        carry_libraries(built, target)
+        sql = target.parent / "lib" / "saglemejoin.so"
+        carry_libraries([built, BUILD / "sql" / "sagleme.so"], target)
+        shutil.copy(BUILD / "sql" / "sagleme.so", sql)
+        run("patchelf", "--set-rpath", "$ORIGIN", sql)
 
 
-def carry_libraries(built, target):
-    """Puts the libraries that the extension needs beside it, found from wherever it lies."""
+def carry_libraries(modules, target):
+    """Puts the libraries that the modules need beside the extension, found from wherever it lies."""
     folder = target.parent / "lib"
     folder.mkdir(exist_ok=True)
-    for name, path in libraries_of(built):
+    for name, path in {each for module in modules for each in libraries_of(module)}:
         shutil.copy(path, folder / name)
         run("patchelf", "--set-rpath", "$ORIGIN", folder / name)
     run("patchelf", "--set-rpath", "$ORIGIN/lib", target)

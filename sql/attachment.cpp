@@ -16,7 +16,17 @@ constexpr int kWholeTransaction = -1;
 }  // namespace
 
 Attachment::Attachment(std::shared_ptr<Store> store, std::string const& encoding)
-    : store_(std::move(store)), context_(store_->database()), encoding_(encoding) {
+    : store_(std::move(store)),
+      own_(std::in_place, store_->database()),
+      context_(own_->id()),
+      encoding_(encoding) {
+  Begin();
+  Unlock();
+}
+
+Attachment::Attachment(std::shared_ptr<Store> store, std::string const& encoding,
+                       OpenTransaction joined)
+    : store_(std::move(store)), context_(joined.context), encoding_(encoding) {
   Begin();
   Unlock();
 }
@@ -34,7 +44,11 @@ void Attachment::Join(Connection* connection, std::string name) {
 void Attachment::Open() {
   ++writes_;
   store_->RequireOwnProcess();
-  transaction_.emplace(context_);
+  if (own_.has_value()) {
+    transaction_.emplace(*own_);
+  } else {
+    transaction_.emplace(OpenTransaction{context_});
+  }
 }
 
 void Attachment::Adopt(SchemaPtr schema) {
@@ -91,9 +105,16 @@ void Attachment::Drain() noexcept {
 void Attachment::End() noexcept {
   if (transaction_.has_value()) {
     Drain();
+    if (wrote_ && !own_.has_value()) UndoOwnWrites();
     transaction_.reset();
   }
   Forget();
+}
+
+// The first savepoint is set before the first write.
+void Attachment::UndoOwnWrites() noexcept {
+  lscoredb_rollback_to(context(), marks_.front().savepoint);
+  lscoredb_release(context(), marks_.front().savepoint);
 }
 
 void Attachment::NoteWrite() {
@@ -108,7 +129,11 @@ void Attachment::Commit() {
   if (!wrote_) return;
   Drain();
   try {
-    sagleme::Commit(*transaction_, context_);
+    if (own_.has_value()) {
+      sagleme::Commit(*transaction_, *own_);
+    } else {
+      detail::CheckKernel(lscoredb_release(context(), marks_.front().savepoint));
+    }
   } catch (...) {
     transaction_.reset();
     Forget();
@@ -164,6 +189,11 @@ void Attachment::Release(int number) {
 std::vector<std::string> Attachment::Define(Definition const& definition) {
   std::vector<std::string> const plan = PlanOf(transaction(), definition.statement);
   if (definition.explain) return plan;
+  if (!own_.has_value()) {
+    throw Failure(SQLITE_ERROR,
+                  "Tables and indexes cannot be defined inside a transaction of the program; "
+                  "change the models and apply them, or use the command sagleme sql.");
+  }
   NoteWrite();
   bool const alone = sqlite3_get_autocommit(connection_->handle()) != 0;
   try {

@@ -4,6 +4,10 @@
 // A database attached to one SQLite connection: a context, its transaction, and the file that
 // SQLite takes for the schema.
 //
+// An attachment that joins works in somebody else's context, and in the transaction that is open
+// there, which it never ends: what it writes is kept with that transaction, and what fails is
+// undone alone. There are no definitions then, whose schema the transaction's owner would not see.
+//
 // To SQLite the schema is a database file that lists virtual tables. The file is made up from the
 // catalogue and lives in memory; see image.h and vfs.h. SQLite locks a file when a transaction
 // first reads it and unlocks it when the transaction ends, which is how a snapshot here begins and
@@ -32,12 +36,14 @@ class Cursor;
 class Attachment {
  public:
   Attachment(std::shared_ptr<Store> store, std::string const& encoding);
+  // Joins the transactions of a context.
+  Attachment(std::shared_ptr<Store> store, std::string const& encoding, OpenTransaction joined);
   ~Attachment();
   Attachment(Attachment const&) = delete;
   Attachment& operator=(Attachment const&) = delete;
 
   Store& store() const { return *store_; }
-  std::uint64_t context() const { return context_.id(); }
+  std::uint64_t context() const { return context_; }
   // The open transaction. REQUIRES: a locked file, see Hold.
   Transaction& transaction();
   bool in_transaction() const { return transaction_.has_value(); }
@@ -102,6 +108,7 @@ class Attachment {
   void Open();
   bool LookIfLive(std::uint64_t oid, std::uint16_t layout);
   void End() noexcept;
+  void UndoOwnWrites() noexcept;
   void Adopt(SchemaPtr schema);
   void ForgetTables();
   void Drain() noexcept;
@@ -111,7 +118,8 @@ class Attachment {
   void ExecuteDefining(std::string const& sql);
 
   std::shared_ptr<Store> store_;
-  Context context_;
+  std::optional<Context> own_;  // none: it joins
+  std::uint64_t context_;
   std::optional<Transaction> transaction_;
   SchemaPtr schema_;
   Image image_;

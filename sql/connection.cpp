@@ -22,6 +22,11 @@ std::string Connection::Attach(std::string const& directory, std::string schema)
   return schema;
 }
 
+void Connection::Join(OpenTransaction of, std::string const& place, std::string const& schema) {
+  AttachJoined(handle_, of, place, schema);
+  Known(schema.c_str());
+}
+
 Attachment* Connection::Known(char const* schema) {
   Attachment* const found = FindAttachment(handle_, schema);
   if (found == nullptr || found->connection() == this) return found;

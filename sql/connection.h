@@ -5,6 +5,7 @@
 //
 // Modules and functions registered with SQLite share it; it ends with the last of them.
 
+#include <sagleme/host.hpp>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -30,6 +31,8 @@ class Connection {
   // Attaches the database in a directory; an empty `schema` is named after the directory. Returns
   // the name.
   std::string Attach(std::string const& directory, std::string schema);
+  // Attaches the database of a transaction that somebody else has open, see join.h.
+  void Join(OpenTransaction of, std::string const& place, std::string const& schema);
   // The attachment of a schema, or, for an empty name, the only one. Throws Failure if there is
   // none or more than one.
   Attachment& Find(std::string const& schema);

@@ -7,6 +7,7 @@
 #include "connection.h"
 #include "failure.h"
 #include "functions.h"
+#include "join.h"
 #include "only.h"
 #include "table.h"
 #include "vfs.h"
@@ -18,6 +19,12 @@ constexpr int kOldestSqlite = 3038000;  // has lists of IN for virtual tables
 
 void Check(int code) {
   if (code == SQLITE_NOMEM) throw std::bad_alloc();
+  if (code == SQLITE_BUSY) {
+    throw Failure(
+        code,
+        "The extension sagleme replaces functions, which SQLite refuses while a statement "
+        "runs: load it with .load or sqlite3_load_extension, not with SELECT.");
+  }
   if (code != SQLITE_OK) throw Failure(code, "The extension sagleme cannot be registered.");
 }
 
@@ -43,11 +50,10 @@ void AttachNamed(sqlite3* database, Connection& connection) {
   for (auto const& [directory, schema] : named) connection.Attach(directory, schema);
 }
 
-}  // namespace
-
-int Register(sqlite3* database, char** text) {
+template <typename Rest>
+int RegisterWith(sqlite3* database, char** text, Rest&& rest) {
   return Guarded(
-      [database] {
+      [&] {
         if (sqlite3_libversion_number() < kOldestSqlite) {
           throw Failure(SQLITE_ERROR, std::string("The extension sagleme needs SQLite 3.38 or "
                                                   "later; this is ") +
@@ -58,11 +64,23 @@ int Register(sqlite3* database, char** text) {
         Check(RegisterTables(database, connection));
         Check(RegisterOnly(database, connection));
         Check(RegisterFunctions(database, connection));
-        AttachNamed(database, *connection);
+        rest(connection);
       },
       [text](char const* what) {
         if (text != nullptr) *text = sqlite3_mprintf("%s", what);
       });
+}
+
+}  // namespace
+
+int Register(sqlite3* database, char** text) {
+  return RegisterWith(database, text,
+                      [database](auto const& made) { AttachNamed(database, *made); });
+}
+
+int RegisterToJoin(sqlite3* database, char** text) {
+  return RegisterWith(database, text,
+                      [database](auto const& made) { Check(RegisterJoin(database, made)); });
 }
 
 }  // namespace sagleme::sql

@@ -2,7 +2,27 @@
 
 #include <lscoredb/watch.h>
 
+#include <utility>
+
 namespace sagleme::sql {
+namespace {
+
+constexpr int kPrimary = 0xFF;  // the rest says more of the same
+
+struct Last {
+  int code;
+  std::uint32_t status;
+};
+thread_local Last last = {SQLITE_OK, 0};
+
+}  // namespace
+
+std::uint32_t TakeLastStatus(int code) {
+  Last const taken = std::exchange(last, {SQLITE_OK, 0});
+  return (taken.code & kPrimary) == (code & kPrimary) ? taken.status : 0;
+}
+
+void NoteStatus(int code, std::uint32_t status) noexcept { last = {code, status}; }
 
 int ResultCode(std::uint32_t status) {
   switch (status) {

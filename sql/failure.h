@@ -14,15 +14,24 @@ namespace sagleme::sql {
 
 class Failure : public std::runtime_error {
  public:
-  Failure(int code, std::string const& text) : std::runtime_error(text), code_(code) {}
+  // `status` is the library's, 0 where there is none.
+  Failure(int code, std::string const& text, std::uint32_t status = 0)
+      : std::runtime_error(text), code_(code), status_(status) {}
   int code() const { return code_; }
+  std::uint32_t status() const { return status_; }
 
  private:
   int code_;
+  std::uint32_t status_;
 };
 
 // The result code that tells a client what to do about a status.
 int ResultCode(std::uint32_t status);
+
+// The status behind the last failure in this thread that Guarded met, if it gave that result code;
+// 0 for none, and from then on.
+std::uint32_t TakeLastStatus(int code);
+void NoteStatus(int code, std::uint32_t status) noexcept;
 
 // Runs `work` at the border to SQLite, which knows no exceptions: SQLITE_OK, or the code of what
 // was thrown, with its text handed to `report`. Asks for no memory of its own.
@@ -33,10 +42,13 @@ int Guarded(Work&& work, Report&& report) noexcept {
     return SQLITE_OK;
   } catch (Failure const& failure) {
     report(failure.what());
+    NoteStatus(failure.code(), failure.status());
     return failure.code();
   } catch (Error const& error) {
     report(error.what());
-    return ResultCode(error.status());
+    int const code = ResultCode(error.status());
+    NoteStatus(code, error.status());
+    return code;
   } catch (std::bad_alloc const&) {
     return SQLITE_NOMEM;
   } catch (std::exception const& error) {

@@ -1,6 +1,7 @@
 #include "functions.h"
 
 #include "attachment.h"
+#include "call.h"
 #include "connection.h"
 #include "definition.h"
 #include "failure.h"
@@ -9,23 +10,6 @@
 
 namespace sagleme::sql {
 namespace {
-
-Connection& ConnectionOf(sqlite3_context* context) {
-  return **static_cast<std::shared_ptr<Connection>*>(sqlite3_user_data(context));
-}
-
-using Body = void (*)(sqlite3_context*, Connection&, int, sqlite3_value**);
-
-template <Body body>
-void Call(sqlite3_context* context, int count, sqlite3_value** values) {
-  int const code = Guarded([&] { body(context, ConnectionOf(context), count, values); },
-                           [&](char const* text) { sqlite3_result_error(context, text, -1); });
-  if (code == SQLITE_NOMEM) {
-    sqlite3_result_error_nomem(context);
-  } else if (code != SQLITE_OK) {
-    sqlite3_result_error_code(context, code);
-  }
-}
 
 std::string TextOf(sqlite3_value* value, char const* what) {
   if (sqlite3_value_type(value) != SQLITE_TEXT) {
@@ -161,13 +145,6 @@ void IsOf(sqlite3_context* context, Connection& connection, int count, sqlite3_v
   sqlite3_result_int(context, holds ? 1 : 0);
 }
 
-struct Function {
-  char const* name;
-  int arguments;
-  int flags;
-  void (*call)(sqlite3_context*, int, sqlite3_value**);
-};
-
 // Values reach and leave these with their subtypes; later versions of SQLite want to know that.
 constexpr int kTakesSubtypes = SQLITE_SUBTYPE | 0x001000000;
 
@@ -188,10 +165,7 @@ constexpr Function kFunctions[] = {
 
 int RegisterFunctions(sqlite3* database, std::shared_ptr<Connection> const& connection) {
   for (Function const& each : kFunctions) {
-    int const code = sqlite3_create_function_v2(
-        database, each.name, each.arguments, SQLITE_UTF8 | each.flags,
-        new std::shared_ptr<Connection>(connection), each.call, nullptr, nullptr,
-        [](void* shared) { delete static_cast<std::shared_ptr<Connection>*>(shared); });
+    int const code = Define(database, connection, each);
     if (code != SQLITE_OK) return code;
   }
   return SQLITE_OK;

@@ -21,6 +21,12 @@ std::string Canonical(std::string const& directory) {
   return path.string();
 }
 
+std::uint64_t DatabaseNumber(OpenTransaction of) {
+  std::uint64_t number = 0;
+  detail::CheckKernel(lscoredb_database_number(of.context, &number));
+  return number;
+}
+
 }  // namespace
 
 std::shared_ptr<Store> Store::Open(std::string const& directory) {
@@ -36,6 +42,20 @@ std::shared_ptr<Store> Store::Open(std::string const& directory) {
 
 Store::Store(std::string directory)
     : directory_(std::move(directory)), process_(getpid()), database_(Database::Open(directory_)) {}
+
+Store::Store(std::string place, pid_t process) : directory_(std::move(place)), process_(process) {}
+
+// Databases are told apart by their numbers: a place may be opened twice, or be memory.
+std::shared_ptr<Store> Store::Joined(OpenTransaction of, std::string const& place) {
+  static std::mutex mutex;
+  static std::map<std::uint64_t, std::weak_ptr<Store>> open;
+  std::uint64_t const number = DatabaseNumber(of);
+  std::lock_guard const lock(mutex);
+  std::erase_if(open, [](auto const& each) { return each.second.expired(); });
+  std::shared_ptr<Store> store = open[number].lock();
+  if (store == nullptr) open[number] = store = std::make_shared<Store>(place, getpid());
+  return store;
+}
 
 void Store::RequireOwnProcess() const {
   if (process_ == getpid()) return;
@@ -53,10 +73,17 @@ SchemaPtr Store::SchemaOf(Transaction& transaction) {
   return schema;
 }
 
+// Counting costs about as much as there are layouts, and estimates may lag behind.
+bool Store::CountsAreFresh() {
+  std::uint64_t const now =
+      database_.has_value() ? database_->Statistics().last_commit : ++questions_;
+  bool const fresh = !counts_.empty() && now - counted_at_ < 1 + counts_.size() / 16;
+  if (!fresh) counted_at_ = now;
+  return fresh;
+}
+
 void Store::RefreshCounts(std::uint64_t context) {
-  std::uint64_t const now = database_.Statistics().last_commit;
-  // Counting costs about as much as there are layouts, and estimates may lag behind.
-  if (!counts_.empty() && now - counted_at_ < 1 + counts_.size() / 16) return;
+  if (CountsAreFresh()) return;
   std::uint32_t count = 0;
   detail::CheckKernel(lscoredb_layout_stats(context, &count, nullptr));
   std::vector<lscoredb_layout_statistics> layouts(count + 8);
@@ -65,7 +92,6 @@ void Store::RefreshCounts(std::uint64_t context) {
   layouts.resize(std::min<std::size_t>(count, layouts.size()));
   counts_.clear();
   for (auto const& each : layouts) counts_[each.token] += each.objects;
-  counted_at_ = now;
 }
 
 std::uint64_t Store::Estimate(std::uint64_t context, Shape const& shape) {

@@ -9,6 +9,7 @@
 
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <sagleme/host.hpp>
 #include <string>
 #include <unordered_map>
@@ -23,10 +24,16 @@ class Store {
   // database.
   static std::shared_ptr<Store> Open(std::string const& directory);
 
+  // The store of the database that somebody else has open, for those who join its transactions.
+  static std::shared_ptr<Store> Joined(OpenTransaction of, std::string const& place);
+
   explicit Store(std::string directory);
+  // Of a database that somebody else has open.
+  Store(std::string place, pid_t process);
 
   std::string const& directory() const { return directory_; }
-  Database const& database() const { return database_; }
+  // REQUIRES: the store did not join.
+  Database const& database() const { return *database_; }
   // Throws Failure in a process forked since: it must not use what the parent has open.
   void RequireOwnProcess() const;
 
@@ -36,15 +43,17 @@ class Store {
   std::uint64_t Estimate(std::uint64_t context, Shape const& shape);
 
  private:
+  bool CountsAreFresh();
   void RefreshCounts(std::uint64_t context);
 
   std::string directory_;
   pid_t process_;
-  Database database_;
+  std::optional<Database> database_;
   std::mutex mutex_;
   SchemaPtr newest_;
   std::unordered_map<std::uint64_t, std::uint64_t> counts_;  // by token of layouts
-  std::uint64_t counted_at_ = 0;                             // the commit
+  std::uint64_t counted_at_ = 0;                             // the commit, or the question
+  std::uint64_t questions_ = 0;                              // of those who joined
 };
 
 }  // namespace sagleme::sql

@@ -164,7 +164,8 @@ void Row::ChangeTable(std::uint64_t oid, Table const& to) const {
                   std::string("FOREIGN KEY constraint failed: ") + failure.what());
   } catch (Error const& error) {
     if (error.status() != LSCOREDB_DUPLICATE_KEY) throw;
-    throw Failure(SQLITE_CONSTRAINT, std::string("UNIQUE constraint failed: ") + error.what());
+    throw Failure(SQLITE_CONSTRAINT, std::string("UNIQUE constraint failed: ") + error.what(),
+                  error.status());
   }
 }
 
@@ -186,12 +187,14 @@ void Row::Check(std::uint32_t status) const {
   if (status == LSCOREDB_DUPLICATE_KEY) {
     throw Failure(SQLITE_CONSTRAINT,
                   "UNIQUE constraint failed: " + at_.schema()->NameOf(*shape_.table) +
-                      ": another object has the same values in the index " + UniqueIndexes());
+                      ": another object has the same values in the index " + UniqueIndexes(),
+                  status);
   }
   if (status == LSCOREDB_ID_IN_USE || status == LSCOREDB_ID_GIVEN_OUT) {
     throw Failure(SQLITE_CONSTRAINT,
                   "UNIQUE constraint failed: " + at_.schema()->NameOf(*shape_.table) +
-                      "._oid: ids are given once, and this one was");
+                      "._oid: ids are given once, and this one was",
+                  status);
   }
   detail::CheckKernel(status);
 }
@@ -212,7 +215,7 @@ void Row::RequireConcrete(Table const& table) const {
   try {
     detail::RequireConcrete(*rules_, table);
   } catch (Error const& error) {
-    throw Failure(SQLITE_CONSTRAINT, error.what());
+    throw Failure(SQLITE_CONSTRAINT, error.what(), error.status());
   }
 }
 
@@ -223,7 +226,8 @@ void Row::RequireTarget(Table const& table, Assignment const& assignment) const 
     sagleme::RequireTarget(at_.transaction(), table, table.columns[assignment.column->ordinal],
                            *target);
   } catch (Error const& error) {
-    throw Failure(SQLITE_CONSTRAINT, std::string("FOREIGN KEY constraint failed: ") + error.what());
+    throw Failure(SQLITE_CONSTRAINT, std::string("FOREIGN KEY constraint failed: ") + error.what(),
+                  error.status());
   }
 }
 
@@ -252,7 +256,8 @@ void Row::DeleteObject(std::uint64_t oid) const {
     detail::DeleteByRules(*rules_, at_.transaction(), ObjectId{oid});
   } catch (Error const& error) {
     if (error.status() != SAGLEME_OBJECT_REFERENCED) throw;
-    throw Failure(SQLITE_CONSTRAINT, std::string("FOREIGN KEY constraint failed: ") + error.what());
+    throw Failure(SQLITE_CONSTRAINT, std::string("FOREIGN KEY constraint failed: ") + error.what(),
+                  error.status());
   }
 }
 

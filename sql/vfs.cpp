@@ -5,6 +5,7 @@
 #include <memory>
 #include <mutex>
 #include <new>
+#include <optional>
 #include <string_view>
 
 #include "attachment.h"
@@ -37,6 +38,7 @@ struct FileSystem {
 struct Wanted {
   std::string directory;
   std::string encoding;
+  std::optional<OpenTransaction> joined;
 };
 thread_local Wanted const* wanted = nullptr;
 
@@ -193,15 +195,22 @@ std::string DirectoryIn(char const* name) {
   return std::string(text.substr(0, text.rfind('#')));
 }
 
+Attachment* MakeAttachment(Wanted const& asked) {
+  if (!asked.joined.has_value()) {
+    return new Attachment(Store::Open(asked.directory), asked.encoding);
+  }
+  return new Attachment(Store::Joined(*asked.joined, asked.directory), asked.encoding,
+                        *asked.joined);
+}
+
 int OpenAttachment(char const* name, sqlite3_file* file, int flags, int* out_flags) {
   file->pMethods = nullptr;
   if ((flags & SQLITE_OPEN_MAIN_JOURNAL) != 0) return OpenJournal(name, file);
   if ((flags & SQLITE_OPEN_MAIN_DB) == 0) return SQLITE_CANTOPEN;
   auto const open = [&] {
-    Wanted const plain = {DirectoryIn(name), "UTF-8"};
+    Wanted const plain = {DirectoryIn(name), "UTF-8", std::nullopt};
     Wanted const& asked = wanted == nullptr ? plain : *wanted;
-    auto* const made = new Attachment(Store::Open(asked.directory), asked.encoding);
-    reinterpret_cast<File*>(file)->attachment = made;
+    reinterpret_cast<File*>(file)->attachment = MakeAttachment(asked);
     file->pMethods = &kMethods;
   };
   if (out_flags != nullptr) *out_flags = flags;
@@ -309,6 +318,24 @@ void Attach(sqlite3* database, std::string const& file, std::string const& schem
   if (code != SQLITE_OK) throw Failure(code, sqlite3_errmsg(database));
 }
 
+void AttachAsked(sqlite3* database, Wanted const& asked, std::string const& schema) {
+  static std::mutex mutex;
+  static std::uint64_t number = 0;
+  std::lock_guard const lock(mutex);
+  Front const front(database);
+  // With a name of its own an attachment is never shared between connections.
+  std::string const file =
+      std::string(kMark) + ShownPlace(asked.directory) + "#" + std::to_string(++number);
+  wanted = &asked;
+  try {
+    Attach(database, file, schema);
+  } catch (...) {
+    wanted = nullptr;
+    throw;
+  }
+  wanted = nullptr;
+}
+
 }  // namespace
 
 void RegisterFileSystem() {
@@ -323,22 +350,12 @@ void RegisterFileSystem() {
 }
 
 void AttachFile(sqlite3* database, std::string const& directory, std::string const& schema) {
-  static std::mutex mutex;
-  static std::uint64_t number = 0;
-  Wanted const asked = {directory, EncodingOf(database)};
-  std::lock_guard const lock(mutex);
-  Front const front(database);
-  // With a name of its own an attachment is never shared between connections.
-  std::string const file =
-      std::string(kMark) + ShownPlace(directory) + "#" + std::to_string(++number);
-  wanted = &asked;
-  try {
-    Attach(database, file, schema);
-  } catch (...) {
-    wanted = nullptr;
-    throw;
-  }
-  wanted = nullptr;
+  AttachAsked(database, {directory, EncodingOf(database), std::nullopt}, schema);
+}
+
+void AttachJoined(sqlite3* database, OpenTransaction of, std::string const& place,
+                  std::string const& schema) {
+  AttachAsked(database, {place, EncodingOf(database), of}, schema);
 }
 
 Attachment* FindAttachment(sqlite3* database, char const* schema) {

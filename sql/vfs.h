@@ -8,6 +8,7 @@
 // through the file system it was opened with, found by name; AttachFile puts one of that name in
 // front for the length of a statement, which passes on whatever is not ours.
 
+#include <sagleme/host.hpp>
 #include <string>
 
 #include "api.h"
@@ -20,6 +21,10 @@ class Attachment;
 void RegisterFileSystem();
 // ATTACHes the database in `directory` to a connection as `schema`. Failure with SQLite's text.
 void AttachFile(sqlite3* database, std::string const& directory, std::string const& schema);
+// The same for the database of a transaction that somebody else has open; `place` is shown to
+// users.
+void AttachJoined(sqlite3* database, OpenTransaction of, std::string const& place,
+                  std::string const& schema);
 // The attachment behind a schema of a connection; null for an ordinary one.
 Attachment* FindAttachment(sqlite3* database, char const* schema);
 

@@ -36,6 +36,7 @@ from .errors import (
     ReadOnly,
     SchemaError,
     SeveralFound,
+    SqlError,
     WrongTransaction,
     WrongType,
 )
@@ -50,7 +51,7 @@ __all__ = [
     "Back", "BadValue", "ClosedError", "Column", "Condition", "Conflict", "Damaged", "Database",
     "DeletedError", "DuplicateKey", "EndedError", "Error", "Float32", "ForkedError", "Full",
     "InUse", "Index", "Key", "ModelError", "NestedTransaction", "NotFound", "OpenError",
-    "PickleError", "Plan", "Query", "ReadOnly", "Rows", "Savepoint", "SchemaError", "SeveralFound", "Step",
-    "Table", "Transaction", "ULong", "WrongTransaction", "WrongType", "avg", "column", "count",
+    "PickleError", "Plan", "Query", "ReadOnly", "Rows", "Savepoint", "SchemaError", "SeveralFound",
+    "SqlError", "Step", "Table", "Transaction", "ULong", "WrongTransaction", "WrongType", "avg", "column", "count",
     "max", "min", "open", "ref", "sum",
 ]

@@ -8,12 +8,15 @@ import threading
 import weakref
 from collections.abc import Callable, Iterable
 from types import TracebackType
-from typing import Any, NamedTuple, TypeVar
+from typing import TYPE_CHECKING, Any, NamedTuple, TypeVar
 
 from . import _core, models
 from . import schema as schemas
-from .errors import ClosedError, Conflict, SchemaError, WrongType
+from .errors import ClosedError, Conflict, ReadOnly, SchemaError, WrongType
 from .queries import Query
+
+if TYPE_CHECKING:
+    from .sql import SqlRows
 
 T = TypeVar("T")
 R = TypeVar("R")
@@ -133,6 +136,17 @@ class Transaction(_core.Transaction):
 
         return bulk.insert_many(self, _need_class(cls), rows, progress)
 
+    def sql(self, statement: str, parameters: Any = ()) -> SqlRows:
+        """Runs a statement of SQL and returns its rows, tuples in a list.
+
+        It sees what the transaction wrote, and its own writes go with the transaction. Parameters
+        are a list for ``?``, or a dictionary for ``:name``. `dicts()`, `one()`, `value()` and
+        `to_pandas()` of the result give the rows in other forms.
+        """
+        from . import sql
+
+        return sql.run(self, statement, parameters)
+
     def savepoint(self) -> Savepoint:
         """Sets a savepoint; savepoints nest."""
         return Savepoint(self)
@@ -211,6 +225,26 @@ class Database:
             raise AssertionError("unreachable")
 
         return run
+
+    def sql(self, statement: str, parameters: Any = ()) -> SqlRows:
+        """Runs a statement of SQL in a transaction of its own, to read, or if it writes, to write."""
+        try:
+            with self.read() as tx:
+                return tx.sql(statement, parameters)
+        except ReadOnly:
+            with self.write() as tx:
+                return tx.sql(statement, parameters)
+
+    def _engine(self, context: int) -> Any:
+        """What runs SQL in the transactions of this thread's context."""
+        from .sql import Engine
+
+        number, engine = getattr(self._local, "engine", (None, None))
+        if number != context:
+            place = "memory" if self.path is None else _core.shown_place(self.path)
+            engine = Engine(context, place)
+            self._local.engine = (context, engine)
+        return engine
 
     def _context(self) -> Any:
         context = getattr(self._local, "context", None)
@@ -327,6 +361,7 @@ class Database:
     def close(self) -> None:
         """Rolls back open transactions and closes. Its objects and queries then raise an error."""
         self._handle.close()
+        self._local.__dict__.pop("engine", None)
 
     @property
     def closed(self) -> bool:

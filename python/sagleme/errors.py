@@ -56,6 +56,10 @@ class SchemaError(Error):
     default_hint = "print(db.plan()) shows how models and database differ"
 
 
+class SqlError(Error):
+    """A statement of SQL that cannot be run."""
+
+
 class ReadOnly(Error):
     """A write in a read-only transaction."""
 

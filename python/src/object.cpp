@@ -270,8 +270,9 @@ void NeedLive(Object* object) {
   NeedOpen(object->transaction);
   if (object->gone) {
     Raise("DeletedError", Described(object) +
-                              " was deleted, or made behind a savepoint that was rolled back; look "
-                              "for it with tx.get, or take to_dict() before");
+                              " was deleted or moved to another table, or made behind a savepoint "
+                              "that was rolled back; look for it with tx.get, or take to_dict() "
+                              "before");
   }
 }
 

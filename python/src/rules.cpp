@@ -25,19 +25,30 @@ bool IsGone(Transaction const* transaction, std::uint64_t oid) {
   return status == LORV_STATUS_NO_OBJECT || status == LORV_STATUS_UNREACHABLE;
 }
 
-// Ends every Python object whose row went along with another one.
+bool IsOfAnotherTable(Transaction const* transaction, Object const* object) {
+  LORV_STRING* setspec = nullptr;
+  auto const status =
+      lorv_context_get_setspec(transaction->context_id, object->oid, object->addr, &setspec);
+  if (status == LORV_STATUS_NULL) return false;
+  sagleme::detail::CheckKernel(status);
+  return object->binding->setspec != std::u16string_view(setspec->units, setspec->length);
+}
+
+}  // namespace
+
 void ForgetGoneObjects(Transaction* transaction) {
+  sagleme::ReadScope const scope(transaction->context_id);
   std::vector<Object*> gone;
   transaction->objects->ForEach([&](Object* object) {
-    if (IsGone(transaction, object->oid)) gone.push_back(object);
+    if (IsGone(transaction, object->oid) || IsOfAnotherTable(transaction, object)) {
+      gone.push_back(object);
+    }
   });
   for (Object* const object : gone) {
     transaction->objects->Remove(object);
     object->gone = true;
   }
 }
-
-}  // namespace
 
 std::uint64_t InsertRow(Transaction* transaction, Binding const& binding) {
   std::uint64_t oid = 0;

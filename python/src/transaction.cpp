@@ -124,6 +124,31 @@ PyObject* Touch(PyObject* object, PyObject*) {
   Py_RETURN_NONE;
 }
 
+// Lends the context to SQL: the transaction is busy until it is taken back.
+PyObject* Lend(PyObject* object, PyObject*) {
+  return Guard([&] {
+    auto* const self = As<Transaction>(object);
+    NeedOpen(self);
+    FreeOrphans(self);
+    self->state = State::kBusy;
+    return PyLong_FromUnsignedLongLong(self->context_id);
+  });
+}
+
+// take_back(wrote): whether objects may have changed meanwhile.
+PyObject* TakeBack(PyObject* object, PyObject* wrote) {
+  return Guard([&]() -> PyObject* {
+    auto* const self = As<Transaction>(object);
+    if (self->state != State::kBusy) Raise("WrongType", "the transaction was not lent");
+    self->state = State::kOpen;
+    if (PyObject_IsTrue(wrote) == 1) {
+      ++self->stamp;
+      ForgetGoneObjects(self);
+    }
+    Py_RETURN_NONE;
+  });
+}
+
 PyObject* Get(PyObject* object, PyObject* id) {
   return Guard([&] {
     auto* const self = As<Transaction>(object);
@@ -264,6 +289,8 @@ PyMethodDef g_methods[] = {
     {"rollback", Rollback, METH_NOARGS, "Forgets what was written."},
     {"_bind", Bind, METH_O, "Takes the view of the schema."},
     {"_touch", Touch, METH_NOARGS, "What was read before may be stale."},
+    {"_lend", Lend, METH_NOARGS, "Gives the context away for a while; returns its number."},
+    {"_take_back", TakeBack, METH_O, nullptr},
     {"_savepoint", SetSavepoint, METH_NOARGS, nullptr},
     {"_rollback_to", RollbackTo, METH_VARARGS, nullptr},
     {"_release", Release, METH_O, nullptr},

@@ -166,6 +166,8 @@ PyObject* ObjectById(Transaction* transaction, std::uint64_t oid);
 PyObject* NewObject(Transaction* transaction, Binding* binding, std::uint64_t oid);
 // Ends every Python object that was made since `savepoint`.
 void ForgetObjectsSince(Transaction* transaction, std::uint64_t savepoint);
+// Ends every Python object whose row is gone, or was made one of another table.
+void ForgetGoneObjects(Transaction* transaction);
 // Inserts a row that belongs to no set yet, with the defaults that the database has for it. Its
 // columns are written before it enters the indexes: an entry would move with every one of them.
 std::uint64_t InsertRow(Transaction* transaction, Binding const& binding);

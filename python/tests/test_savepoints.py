@@ -21,7 +21,7 @@ def test_an_exception_takes_back_the_block(tx):
         assert book.title == "changed"
         1 / 0
     assert book.title == "Book 00"
-    with pytest.raises(sg.DeletedError, match=f"Person {made.id} was deleted, or made behind a"):
+    with pytest.raises(sg.DeletedError, match=f"Person {made.id} was deleted or moved to another table, or made behind a"):
         made.name
     assert tx.get(Person, made.id) is None
     assert tx.all(Film).count() == 10 and tx.all(Person).count() == 2

@@ -113,6 +113,11 @@ enum class Access : std::uint32_t {
   kReadOnly = LSCOREDB_READ_ONLY_TRANSACTION,
 };
 
+// The transaction that is open in a context and that somebody else ends.
+struct OpenTransaction {
+  std::uint64_t context;
+};
+
 // A kernel transaction without the schema view that Transaction adds. Rolls back unless committed.
 class RawTransaction {
  public:
@@ -122,8 +127,13 @@ class RawTransaction {
     detail::CheckKernel(lscoredb_begin(context_, static_cast<std::uint32_t>(access)));
     open_ = true;
   }
+  // Works in a transaction that it does not end. REQUIRES: that one outlives it; Commit and
+  // Rollback are not called here.
+  explicit RawTransaction(OpenTransaction of) : context_(of.context), open_(true), own_(false) {
+    detail::CheckKernel(lscoredb_database_number(context_, &database_));
+  }
   ~RawTransaction() {
-    if (open_) lscoredb_rollback(context_);
+    if (open_ && own_) lscoredb_rollback(context_);
   }
   RawTransaction(RawTransaction const&) = delete;
   RawTransaction& operator=(RawTransaction const&) = delete;
@@ -152,6 +162,7 @@ class RawTransaction {
   std::uint64_t context_;
   std::uint64_t database_ = 0;
   bool open_ = false;
+  bool own_ = true;
 };
 
 // Limits the memory of texts and binaries read while it lives. Scopes nest.
