@@ -11,6 +11,7 @@ from __future__ import annotations
 
 import datetime
 import decimal
+import inspect
 import re
 import sys
 import types
@@ -63,29 +64,41 @@ _CHOICES = (
 class _Options:
     """The options of column() and ref() for a column."""
 
-    def __init__(self, default: Any, name: str | None, was: str | None, index: bool,
-                 unique: bool, on_delete: str | None = None) -> None:
+    def __init__(self, default: Any, name: str | None = None, was: str | None = None,
+                 index: bool = False, unique: bool = False, on_delete: str | None = None,
+                 stored: bool = False, comment: str | None = None) -> None:
         self.default, self.name, self.was = default, name, was
         self.index, self.unique = index, unique
-        self.on_delete = on_delete
+        self.on_delete, self.stored, self.comment = on_delete, stored, comment
 
 
 def column(default: Any = None, *, name: str | None = None, was: str | None = None,
-           index: bool = False, unique: bool = False) -> Any:
+           index: bool = False, unique: bool = False, stored: bool = False,
+           comment: str | None = None) -> Any:
     """Gives options of a column that its annotation cannot.
 
     `default` is what new objects get, `name` the column's name in the database where it differs
     from the attribute's, `was` a name that it had before. `index` makes an index over it, `unique`
-    one that holds every value once; None may occur any number of times.
+    one that holds every value once; None may occur any number of times. With `stored` the database
+    keeps the default too, for SQL and other programs. `comment` is a text that it shows.
     """
-    return _Options(default, name, was, index or unique, unique)
+    if stored and default is None:
+        raise ModelError("stored=True keeps a default in the database; there is none to keep")
+    return _Options(default, name, was, index or unique, unique, stored=stored,
+                    comment=_comment(comment))
+
+
+def _comment(text: Any) -> str | None:
+    if text is not None and not isinstance(text, str):
+        raise ModelError(f"a comment is a text, not {text!r}")
+    return None if text is None else inspect.cleandoc(text)
 
 
 ON_DELETE = ("keep", "refuse", "set_null", "cascade", "last")
 
 
 def ref(*, name: str | None = None, was: str | None = None, index: bool = False,
-        unique: bool = False, on_delete: str | None = None) -> Any:
+        unique: bool = False, on_delete: str | None = None, comment: str | None = None) -> Any:
     """The same for a reference, which has no default.
 
     `on_delete` says what becomes of it when its target is deleted: "keep", "refuse", "set_null",
@@ -95,7 +108,8 @@ def ref(*, name: str | None = None, was: str | None = None, index: bool = False,
     if on_delete is not None and on_delete not in ON_DELETE:
         raise ModelError(f"on_delete is one of {', '.join(ON_DELETE)}, not {on_delete!r}")
     ruled = on_delete not in (None, "keep")
-    return _Options(None, name, was, index or unique or ruled, unique, on_delete)
+    return _Options(None, name, was, index or unique or ruled, unique, on_delete,
+                    comment=_comment(comment))
 
 
 class Index:
@@ -120,6 +134,8 @@ class Column(Expression, _core.Field):
     _default: Any
     _was: str | None
     _on_delete: str | None
+    _stored: bool
+    _comment: str | None
     _index: bool
     _unique: bool
 
@@ -290,6 +306,7 @@ class _Spec:
         made._default = self.options.default
         made._was = self.options.was
         made._on_delete = self.options.on_delete
+        made._stored, made._comment = self.options.stored, self.options.comment
         made._index, made._unique = self.options.index, self.options.unique
         return made
 
@@ -306,7 +323,7 @@ def _default_fits(kind: int, value: Any) -> bool:
 
 
 def _options_of(where: str, understood: _Annotation, given: Any) -> _Options:
-    options = given if isinstance(given, _Options) else _Options(given, None, None, False, False)
+    options = given if isinstance(given, _Options) else _Options(given)
     if options.on_delete is not None and understood.kind != REFERENCE:
         raise ModelError(f"{where}: on_delete is for references, not {TYPE_NAMES[understood.kind]}")
     if options.default is not None:
@@ -353,7 +370,9 @@ class TableMeta(type):
     _base: Any
     _table_name: str
     _was: str | None
-    _abstract: bool
+    _abstract: bool  # without a table
+    _bare: bool | None  # with a table that has no objects of its own; None: as the database has it
+    _comment: str | None
     _indexes: list[Index]
 
     def __new__(mcs, class_name: str, bases: tuple[type, ...], ns: dict[str, Any],
@@ -388,7 +407,10 @@ class TableMeta(type):
 
     def _define(cls, base: Any, specs: list[_Spec], options: dict[str, Any]) -> None:
         root = base is None
-        cls._abstract = bool(options.get("abstract")) or root
+        named = options.get("name") is not None
+        cls._abstract = bool(options.get("abstract")) and not named or root
+        cls._bare = options.get("abstract") if named else None
+        cls._comment = _comment(vars(cls).get("__doc__"))
         cls._was = options.get("was")
         inherited_specs = base._specs if base is not None and base._abstract else []
         cls._specs = inherited_specs + specs if cls._abstract else []

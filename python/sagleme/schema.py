@@ -2,6 +2,8 @@
 
 from __future__ import annotations
 
+import datetime
+import decimal
 from collections.abc import Callable, Iterable
 from typing import Any
 
@@ -45,7 +47,7 @@ class Plan(list[Step]):
 
 # The order in which changes can be made.
 (_DROP_INDEX, _RENAME_TABLE, _RENAME_COLUMN, _DROP_COLUMN, _CREATE_TABLE, _ADD_COLUMNS, _FINISH,
- _CREATE_INDEX, _RULE, _REFUSED) = range(10)
+ _CREATE_INDEX, _RULE, _ANNOTATE, _REFUSED) = range(11)
 
 
 def _refused(text: str) -> Step:
@@ -73,6 +75,26 @@ def _spec(column: Any) -> tuple[str, int, bool, str]:
     target = column._target_class()
     return (column._column, models.STORED[column._kind], column._nullable,
             target._table_name if target is not None else "")
+
+
+_EPOCH = datetime.datetime(1970, 1, 1, tzinfo=datetime.timezone.utc)
+
+
+def stored_default(kind: int, value: Any) -> Any:
+    """A default as the extension takes it."""
+    if kind == models.DECIMAL:
+        return int(value.scaleb(6))
+    if kind == models.DATETIME:
+        return (value - _EPOCH) // datetime.timedelta(microseconds=1)
+    return value
+
+
+def shown_default(entry: dict[str, Any]) -> Any:
+    """The default that the catalogue has, as a class would write it."""
+    value = entry["default"]
+    if entry["type"] != models.DECIMAL or value is None:
+        return value
+    return decimal.Decimal(f"{decimal.Decimal(value).scaleb(-6):f}".rstrip("0").rstrip("."))
 
 
 class _Planner:
@@ -122,8 +144,10 @@ class _Planner:
                                lambda tx: _core.create_table(tx, name, base, columns)))
         for index in cls._indexes:
             self._create_index(cls, index)
+        self._annotate_table(cls, None)
         for column in cls._own:
             self._rule(cls, column, "")
+            self._annotate_column(cls, column, None)
 
     def _alter(self, cls: Any, table: dict[str, Any]) -> None:
         if not self._base_fits(cls, table):
@@ -131,8 +155,10 @@ class _Planner:
         present = {each["name"]: each for each in _own_columns(table)}
         kept: dict[str, str] = {}  # column before -> column after
         added = []
+        self._annotate_table(cls, table)
         for column in cls._own:
             before = self._before(cls, column, present)
+            self._annotate_column(cls, column, before)
             self._rule(cls, column, before["on_delete"] if before is not None else "")
             if before is None:
                 added.append(column)
@@ -181,6 +207,31 @@ class _Planner:
         text = f"on deletion of the target of {table}.{name}: {rule}"
         self.steps.append(Step("background", text, _RULE,
                                lambda tx: _core.set_on_delete(tx, table, name, rule)))
+
+    def _annotate_table(self, cls: Any, before: dict[str, Any] | None) -> None:
+        table, comment, bare = cls._table_name, cls._comment, cls._bare
+        if comment is not None and comment != (before["comment"] if before else ""):
+            self._annotate(f"comment on table {table}: {comment!r}",
+                           lambda tx: _core.set_comment(tx, table, "", comment))
+        if bare is not None and bool(bare) != (before["abstract"] if before else False):
+            what = "abstract" if bare else "no longer abstract"
+            self._annotate(f"table {table} is {what}",
+                           lambda tx: _core.set_abstract(tx, table, bool(bare)))
+
+    def _annotate_column(self, cls: Any, column: Any, before: dict[str, Any] | None) -> None:
+        table, name, comment = cls._table_name, column._column, column._comment
+        if comment is not None and comment != (before["comment"] if before else ""):
+            self._annotate(f"comment on {table}.{name}: {comment!r}",
+                           lambda tx: _core.set_comment(tx, table, name, comment))
+        if not column._stored:
+            return
+        value = stored_default(column._kind, column._default)
+        if before is None or value != before["default"]:
+            self._annotate(f"default of {table}.{name}: {column._default!r}",
+                           lambda tx: _core.set_default(tx, table, name, value))
+
+    def _annotate(self, text: str, run: Callable[[Any], None]) -> None:
+        self.steps.append(Step("instant", text, _ANNOTATE, run))
 
     def _rename_columns(self, cls: Any, kept: dict[str, str]) -> None:
         for before, after in kept.items():
@@ -255,13 +306,21 @@ def _own_columns(table: dict[str, Any]) -> list[dict[str, Any]]:
             if not each["inherited"] and not each["name"].startswith("__")]
 
 
+def _described_column(entry: dict[str, Any]) -> dict[str, Any]:
+    found = {"name": entry["name"], "type": column_type(entry)}
+    annotations = {"default": shown_default(entry), "on_delete": entry["on_delete"] or None,
+                   "comment": entry["comment"] or None}
+    return found | {name: value for name, value in annotations.items() if value is not None}
+
+
 def described(table: dict[str, Any]) -> dict[str, Any]:
     """A table as a plain dictionary."""
     return {
         "name": table["name"],
         "base": "" if table["base"].startswith("Lorvenstack.") else table["base"],
-        "columns": [{"name": each["name"], "type": column_type(each)}
-                    for each in _own_columns(table)],
+        "comment": table["comment"],
+        "abstract": table["abstract"],
+        "columns": [_described_column(each) for each in _own_columns(table)],
         "indexes": [{"name": each["name"], "unique": each["unique"], "columns": each["columns"]}
                     for each in table["indexes"]],
     }
@@ -282,18 +341,32 @@ class Description:
         from .html import table_of
 
         return "".join(
-            table_of(table["name"], ["column", "type"],
-                     [[each["name"], each["type"]] for each in table["columns"]])
+            table_of(_head_of(table), ["column", "type", ""],
+                     [[each["name"], each["type"], _annotations_in_words(each)]
+                      for each in table["columns"]])
             for table in self._tables)
 
 
 def _table_in_words(table: dict[str, Any]) -> str:
-    head = table["name"] + (f" under {table['base']}" if table["base"] else "")
-    lines = [f"    {each['name']}: {each['type']}" for each in table["columns"]]
+    lines = [f"    # {line}" for line in table["comment"].splitlines()]
+    for each in table["columns"]:
+        more = _annotations_in_words(each)
+        lines.append(f"    {each['name']}: {each['type']}" + (f"  # {more}" if more else ""))
     for index in table["indexes"]:
         names = ", ".join(name if up else f"-{name}" for name, up in index["columns"])
         lines.append(f"    {'unique ' if index['unique'] else ''}index ({names})")
-    return "\n".join([head, *lines])
+    return "\n".join([_head_of(table), *lines])
+
+
+def _head_of(table: dict[str, Any]) -> str:
+    head = str(table["name"]) + (f" under {table['base']}" if table["base"] else "")
+    return head + (", abstract" if table["abstract"] else "")
+
+
+def _annotations_in_words(column: dict[str, Any]) -> str:
+    words = [f"default {column['default']!r}"] if "default" in column else []
+    words += [f"on delete {column['on_delete']}"] if "on_delete" in column else []
+    return "; ".join(words + column.get("comment", "").splitlines())
 
 
 # ---- classes for the tables of a catalogue
@@ -345,27 +418,32 @@ class ClassMaker:
         if table["base"] in tables:
             base = self._class_for(table["base"], tables, found)
         own = _own_columns(table)
-        shape = (name, base, [(each["name"], each["type"], each["nullable"], each["target"])
-                              for each in own])
+        shape = (name, base, table["comment"], table["abstract"], [
+            (each["name"], each["type"], each["nullable"], each["target"], each["on_delete"],
+             each["comment"], each["default"]) for each in own])
         known = self.made.get(table["id"])
         if known is None or known[0] != shape:
-            self.made[table["id"]] = known = (shape, _made_class(name, base, own))
+            self.made[table["id"]] = known = (shape, _made_class(table, base, own))
         found[name] = known[1]
         return known[1]
 
 
-def _made_class(name: str, base: Any, own: list[dict[str, Any]]) -> Any:
-    specs = []
+def _made_class(table: dict[str, Any], base: Any, own: list[dict[str, Any]]) -> Any:
+    specs, name = [], table["name"]
     for each in own:
         attribute = each["name"]
         while attribute in models._TAKEN or attribute.startswith("_") or attribute in base._columns:
             attribute = attribute.lstrip("_") + "_"
-        options = models._Options(None, each["name"], None, False, False)
+        default = shown_default(each)
+        options = models._Options(default, each["name"], stored=default is not None,
+                                  on_delete=each["on_delete"] or None,
+                                  comment=each["comment"] or None)
         target = (each["target"] or None) if each["type"] == models.REFERENCE else None
         specs.append(models._Spec(attribute, each["type"], each["nullable"], target, options))
     meta: Any = models.TableMeta
-    return meta(name.rpartition(".")[2], (base,), {"__module__": "sagleme.made"}, name=name,
-                _specs=specs)
+    body = {"__module__": "sagleme.made", "__doc__": table["comment"] or None}
+    return meta(name.rpartition(".")[2], (base,), body, name=name,
+                abstract=table["abstract"] or None, _specs=specs)
 
 
 def bind(found: dict[str, Any], tables: dict[str, Any]) -> Any:

@@ -13,6 +13,7 @@ class Item(sg.Table, name="Shop.Item"):
 from __future__ import annotations
 
 import keyword
+import math
 from typing import Any
 
 from . import models
@@ -66,13 +67,22 @@ def _class_source(table: dict[str, Any], names: dict[str, str]) -> str:
     attributes = {each["name"]: _attribute(each["name"]) for each in table["columns"]}
     several = [index for index in table["indexes"] if not _is_simple(index, attributes)]
     options = [names.get(table["base"], "sg.Table"), f"name={table['name']!r}".replace("'", '"')]
+    if table.get("abstract"):
+        options.append("abstract=True")
     if several:
         shown = ", ".join(_index_source(index, attributes) for index in several)
         options.append(f"indexes=[{shown}]")
     lines = [f"class {names[table['name']]}({', '.join(options)}):"]
+    if table.get("comment"):
+        lines.append(f"    {_docstring(table['comment'])}")
     for column in table["columns"]:
         lines.append("    " + _column_source(column, attributes[column["name"]], table, names))
-    return "\n".join(lines if table["columns"] else [*lines, "    pass"])
+    return "\n".join(lines if len(lines) > 1 else [*lines, "    pass"])
+
+
+def _docstring(text: str) -> str:
+    plain = text.isprintable() and not set(text) & set('"\\')
+    return f'"""{text}"""' if plain else repr(text)
 
 
 def _attribute(name: str) -> str:
@@ -102,6 +112,14 @@ def _column_source(column: dict[str, Any], attribute: str, table: dict[str, Any]
     for index in table["indexes"]:
         if _is_simple(index, {column["name"]: attribute}):
             options.append("unique=True" if index["unique"] else "index=True")
+    if "default" in column:
+        options[:0] = [_default_source(column["default"]), "stored=True"]
+    options += [f"{name}={column[name]!r}" for name in ("on_delete", "comment") if name in column]
     if reference:
         return f"{attribute}: {annotation} = sg.ref({', '.join(options)})"
     return f"{attribute}: {annotation}" + (f" = sg.column({', '.join(options)})" if options else "")
+
+
+def _default_source(value: Any) -> str:
+    # What has no literal is float("nan"), float("inf").
+    return f'float("{value}")' if isinstance(value, float) and not math.isfinite(value) else repr(value)

@@ -9,14 +9,6 @@
 namespace binding {
 namespace {
 
-sagleme::Transaction& KernelOf(PyObject* transaction) {
-  if (!PyObject_TypeCheck(transaction, &g_transaction_type)) {
-    Raise("WrongType", "a transaction is needed");
-  }
-  NeedOpen(As<Transaction>(transaction));
-  return *As<Transaction>(transaction)->kernel;
-}
-
 void Append(PyObject* list, PyObject* item) {
   Ref const owned(Need(item));
   if (PyList_Append(list, item) != 0) throw PythonError{};
@@ -31,13 +23,37 @@ std::u16string RuleOf(sagleme::Transaction& kernel, sagleme::Table const& table,
   return sagleme::ToUtf16(sagleme::OnDeleteName(rule));
 }
 
-PyObject* ColumnEntry(sagleme::Transaction& kernel, sagleme::Table const& table,
+// What annotations say of tables and columns; nothing is looked up in a database without any.
+struct Annotated {
+  sagleme::Transaction& kernel;
+  bool any;
+
+  PyObject* Comment(sagleme::Table const& table) const {
+    return any ? FromUtf8(sagleme::CommentOf(kernel, table)) : FromUtf8("");
+  }
+  PyObject* Comment(sagleme::Table const& table, sagleme::Column const& column) const {
+    return any ? FromUtf8(sagleme::CommentOf(kernel, table, column)) : FromUtf8("");
+  }
+  PyObject* Default(sagleme::Table const& table, sagleme::Column const& column) const {
+    return FromValue(any ? sagleme::DefaultOf(kernel, table, column) : sagleme::Value());
+  }
+  PyObject* Abstract(sagleme::Table const& table) const {
+    return PyBool_FromLong(any && sagleme::IsAbstract(kernel, table) ? 1 : 0);
+  }
+  static PyObject* FromUtf8(std::string const& text) {
+    return PyUnicode_DecodeUTF8(text.data(), static_cast<Py_ssize_t>(text.size()), "replace");
+  }
+};
+
+PyObject* ColumnEntry(Annotated const& annotated, sagleme::Table const& table,
                       sagleme::Column const& column) {
-  return Py_BuildValue(
-      "{sNsisNsNsisNsNsK}", "name", FromUnits(column.name), "type", static_cast<int>(column.type),
-      "nullable", PyBool_FromLong(column.nullable), "inherited", PyBool_FromLong(column.inherited),
-      "ordinal", static_cast<int>(column.ordinal), "target", FromUnits(column.target), "on_delete",
-      FromUnits(RuleOf(kernel, table, column)), "id", column.id.value);
+  return Py_BuildValue("{sNsisNsNsisNsNsNsNsK}", "name", FromUnits(column.name), "type",
+                       static_cast<int>(column.type), "nullable", PyBool_FromLong(column.nullable),
+                       "inherited", PyBool_FromLong(column.inherited), "ordinal",
+                       static_cast<int>(column.ordinal), "target", FromUnits(column.target),
+                       "on_delete", FromUnits(RuleOf(annotated.kernel, table, column)), "comment",
+                       annotated.Comment(table, column), "default",
+                       annotated.Default(table, column), "id", column.id.value);
 }
 
 PyObject* IndexEntry(sagleme::Index const& index) {
@@ -51,16 +67,17 @@ PyObject* IndexEntry(sagleme::Index const& index) {
                        "columns", columns.release());
 }
 
-PyObject* TableEntry(sagleme::Transaction& kernel, sagleme::Table const& table) {
+PyObject* TableEntry(Annotated const& annotated, sagleme::Table const& table) {
   Ref columns(Need(PyList_New(0)));
   for (auto const& column : table.columns)
-    Append(columns.get(), ColumnEntry(kernel, table, column));
+    Append(columns.get(), ColumnEntry(annotated, table, column));
   Ref indexes(Need(PyList_New(0)));
   for (auto const& index : table.indexes) Append(indexes.get(), IndexEntry(index));
-  return Py_BuildValue("{sNsNsNsisKsNsN}", "name", FromUnits(table.name), "base",
+  return Py_BuildValue("{sNsNsNsisKsNsNsNsN}", "name", FromUnits(table.name), "base",
                        FromUnits(table.base), "setspec", FromUnits(table.setspec), "layout",
                        static_cast<int>(table.layout), "id", table.id().value, "columns",
-                       columns.release(), "indexes", indexes.release());
+                       columns.release(), "indexes", indexes.release(), "comment",
+                       annotated.Comment(table), "abstract", annotated.Abstract(table));
 }
 
 std::vector<sagleme::ColumnSpec> ColumnSpecs(PyObject* columns) {
@@ -81,32 +98,22 @@ std::vector<sagleme::ColumnSpec> ColumnSpecs(PyObject* columns) {
   return specs;
 }
 
-// Parses two to four texts and runs a change on them.
-template <typename Change>
-PyObject* WithTexts(PyObject* args, char const* format, Change&& change) {
-  PyObject* transaction = nullptr;
-  PyObject* texts[3] = {nullptr, nullptr, nullptr};
-  if (!PyArg_ParseTuple(args, format, &transaction, &texts[0], &texts[1], &texts[2])) {
-    return nullptr;
-  }
-  return Guard([&]() -> PyObject* {
-    sagleme::Transaction& kernel = KernelOf(transaction);
-    std::u16string units[3];
-    for (int i = 0; i < 3; ++i) {
-      if (texts[i] != nullptr) units[i] = ToUnits(texts[i]);
-    }
-    Away(As<Transaction>(transaction), [&] { change(kernel, units[0], units[1], units[2]); });
-    Py_RETURN_NONE;
-  });
-}
-
 }  // namespace
+
+sagleme::Transaction& KernelOf(PyObject* transaction) {
+  if (!PyObject_TypeCheck(transaction, &g_transaction_type)) {
+    Raise("WrongType", "a transaction is needed");
+  }
+  NeedOpen(As<Transaction>(transaction));
+  return *As<Transaction>(transaction)->kernel;
+}
 
 PyObject* Catalogue(PyObject*, PyObject* transaction) {
   return Guard([&] {
     Ref list(Need(PyList_New(0)));
     sagleme::Transaction& kernel = KernelOf(transaction);
-    for (auto const& table : kernel.Tables()) Append(list.get(), TableEntry(kernel, *table));
+    Annotated const annotated{kernel, !sagleme::Annotations(kernel).empty()};
+    for (auto const& table : kernel.Tables()) Append(list.get(), TableEntry(annotated, *table));
     return list.release();
   });
 }

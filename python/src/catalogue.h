@@ -4,9 +4,33 @@
 // Functions of the module over the catalogue. The first argument is always the transaction; names
 // are full names; columns are [(name, type, nullable, target)], index columns [(name, ascending)].
 
-#include "python_api.h"
+#include "types.h"
 
 namespace binding {
+
+// The transaction of an argument. Fails for anything else, and for one that has ended.
+sagleme::Transaction& KernelOf(PyObject* transaction);
+// A value of a column by itself; decimals are whole numbers of millionths, references None.
+PyObject* FromValue(sagleme::Value const& value);
+
+// Parses two to four texts and runs a change on them.
+template <typename Change>
+PyObject* WithTexts(PyObject* args, char const* format, Change&& change) {
+  PyObject* transaction = nullptr;
+  PyObject* texts[3] = {nullptr, nullptr, nullptr};
+  if (!PyArg_ParseTuple(args, format, &transaction, &texts[0], &texts[1], &texts[2])) {
+    return nullptr;
+  }
+  return Guard([&]() -> PyObject* {
+    sagleme::Transaction& kernel = KernelOf(transaction);
+    std::u16string units[3];
+    for (int i = 0; i < 3; ++i) {
+      if (texts[i] != nullptr) units[i] = ToUnits(texts[i]);
+    }
+    Away(As<Transaction>(transaction), [&] { change(kernel, units[0], units[1], units[2]); });
+    Py_RETURN_NONE;
+  });
+}
 
 // All tables but the library's own, with columns and indexes, as dictionaries.
 PyObject* Catalogue(PyObject* module, PyObject* transaction);
@@ -15,6 +39,9 @@ PyObject* AddColumns(PyObject* module, PyObject* args);   // table, columns
 PyObject* FinishReferences(PyObject* module, PyObject* args);
 PyObject* DropColumn(PyObject* module, PyObject* args);    // table, column
 PyObject* SetOnDelete(PyObject* module, PyObject* args);   // table, column, rule
+PyObject* SetComment(PyObject* module, PyObject* args);    // table, column or "", text
+PyObject* SetDefault(PyObject* module, PyObject* args);    // table, column, value or None
+PyObject* SetAbstract(PyObject* module, PyObject* args);   // table, whether
 PyObject* RenameColumn(PyObject* module, PyObject* args);  // table, column, new name
 PyObject* RenameTable(PyObject* module, PyObject* args);   // table, new name
 PyObject* DropTable(PyObject* module, PyObject* args);     // table, with its descendants

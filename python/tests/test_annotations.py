@@ -1,5 +1,8 @@
 """Defaults, abstract tables and rules of references that the database has."""
 
+import datetime
+import decimal
+
 import pytest
 
 import sagleme as sg
@@ -66,3 +69,124 @@ def test_unknown_rules_and_rules_of_other_columns_are_refused():
     with pytest.raises(sg.ModelError, match="on_delete is for references"):
         class Wrong(sg.Table, name="Shop.Wrong"):
             name: str | None = sg.ref(on_delete="refuse")
+
+
+class Part(sg.Table, name="Shop.Part", abstract=True):
+    """What can be sold.
+
+    Or given away.
+    """
+
+    weight: decimal.Decimal = sg.column(decimal.Decimal("1.5"), stored=True, comment="in kilograms")
+    count: int = sg.column(3, stored=True)
+    label: str | None = sg.column("it's", stored=True)
+    kept: bool = sg.column(True, stored=True)
+    since: datetime.datetime = sg.column(
+        datetime.datetime(2020, 1, 1, tzinfo=datetime.timezone.utc), stored=True)
+    plain: int = 8
+    of: "Part | None" = sg.ref(on_delete="set_null", comment="the whole")
+
+
+class Wheel(Part, name="Shop.Wheel"):
+    teeth: int = 0
+
+
+def test_annotations_are_applied_once_and_shown(make):
+    db = make(Part, Wheel)
+    assert str(db.plan()) == "nothing to do"
+    assert str(db.describe(Part)) == (
+        "Shop.Part, abstract\n    # What can be sold.\n    # \n    # Or given away.\n"
+        "    weight: Decimal  # default Decimal('1.5'); in kilograms\n"
+        "    count: int  # default 3\n"
+        '    label: str | None  # default "it\'s"\n'
+        "    kept: bool  # default True\n"
+        "    since: int  # default 1577836800000000\n"
+        "    plain: int\n"
+        "    of: Shop.Part | None  # on delete set_null; the whole\n"
+        "    index (of)")
+    assert "in kilograms" in db.describe()._repr_html_()
+
+
+def test_the_plan_says_what_is_annotated():
+    with sg.open("database", models=[Part]) as db:
+        lines = [repr(step) for step in db.plan()]
+        assert "instant     table Shop.Part is abstract" in lines
+        assert "instant     default of Shop.Part.count: 3" in lines
+        assert "instant     comment on Shop.Part.weight: 'in kilograms'" in lines
+
+
+def test_stored_defaults_hold_for_sql(make):
+    db = make(Part, Wheel)
+    with db.write() as tx:
+        tx.sql("INSERT INTO Wheel (teeth, plain) VALUES (5, 1)")
+        wheel = tx.all(Wheel).one()
+        assert (wheel.weight, wheel.count, wheel.label, wheel.kept) == (
+            decimal.Decimal("1.5"), 3, "it's", True)
+        assert wheel.since == Part.since._default and wheel.plain == 1
+
+
+def test_abstract_tables_are_queried_and_have_no_objects(make):
+    db = make(Part, Wheel)
+    with db.write() as tx:
+        wheel = tx.new(Wheel, teeth=7)
+        assert tx.all(Part).where(Part.count == 3).one() is wheel
+        with pytest.raises(sg.Error, match="Shop.Part"):
+            tx.new(Part)
+        assert tx.all(Part).count() == 1
+
+
+def test_a_class_changes_annotations_and_leaves_what_it_does_not_name(make):
+    make(Part, Wheel, path="shop").close()
+
+    class Silent(sg.Table, name="Shop.Part"):
+        weight: decimal.Decimal = decimal.Decimal(2)
+        count: int = sg.column(4, stored=True, comment="how many")
+        label: str | None
+        kept: bool
+        since: datetime.datetime
+        plain: int
+        of: "Silent | None" = sg.ref(index=True)
+
+    with sg.open("shop", models=[Silent]) as db:
+        assert [repr(step) for step in db.plan()] == [
+            "instant     comment on Shop.Part.count: 'how many'",
+            "instant     default of Shop.Part.count: 4"]
+        db.apply()
+        assert str(db.plan()) == "nothing to do"
+        part = next(each for each in db.schema() if each["name"] == "Shop.Part")
+        assert part["abstract"] and part["comment"].startswith("What can be sold")
+        assert part["columns"][1] == {"name": "count", "type": "int", "default": 4,
+                                      "comment": "how many"}
+
+
+def test_classes_from_the_catalogue_have_annotations(make):
+    make(Part, Wheel, path="shop").close()
+    with sg.open("shop") as db:
+        part = db["Shop.Part"]
+        assert part.__doc__.startswith("What can be sold") and part._bare
+        assert part.count._default == 3 and part.weight._comment == "in kilograms"
+        with db.write() as tx:
+            assert tx.new(db["Wheel"]).weight == decimal.Decimal("1.5")
+
+
+def test_an_abstract_table_with_objects_is_refused(make):
+    class Before(sg.Table, name="Shop.Thing"):
+        size: int = 0
+
+    db = make(Before, path="shop")
+    with db.write() as tx:
+        tx.new(Before)
+    db.close()
+
+    class After(sg.Table, name="Shop.Thing", abstract=True):
+        size: int = 0
+
+    with sg.open("shop", models=[After]) as db, pytest.raises(sg.Error, match="1"):
+        db.apply()
+
+
+def test_bad_annotations_are_refused():
+    with pytest.raises(sg.ModelError, match="none to keep"):
+        sg.column(stored=True)
+    with pytest.raises(sg.ModelError, match="a comment is a text, not 7"):
+        sg.column(comment=7)

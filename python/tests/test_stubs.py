@@ -8,11 +8,17 @@ import sagleme as sg
 
 
 class Odd(sg.Table, name="Odd.class", indexes=[sg.Index("first", "-second", unique=True)]):
-    first: int = 0
-    second: decimal.Decimal | None
+    """Says "odd" things."""
+
+    first: int = sg.column(7, stored=True, comment="it's\nfirst")
+    second: decimal.Decimal | None = sg.column(decimal.Decimal("-0.5"), stored=True)
     third: int = sg.column(0, name="id")
-    fourth: "Odd | None" = sg.ref(name="with space", index=True)
+    fourth: "Odd | None" = sg.ref(name="with space", on_delete="cascade")
     fifth: sg.ULong = 0
+
+
+class Bare(sg.Table, name="Odd.Bare", abstract=True):
+    """A plain comment."""
 
 
 def stubs(path):
@@ -21,9 +27,10 @@ def stubs(path):
 
 
 def test_the_classes_fit_their_database(make):
-    make(*MODELS, Odd, path="shelf").close()
+    make(*MODELS, Odd, Bare, path="shelf").close()
     done = stubs("shelf")
     assert done.returncode == 0, done.stderr
+    assert 'name="Odd.Bare", abstract=True):\n    """A plain comment."""' in done.stdout
     assert "isbn: str | None = sg.column(unique=True)" in done.stdout
     names = {"__name__": "written"}
     exec(done.stdout, names)
