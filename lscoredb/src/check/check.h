@@ -188,6 +188,12 @@ class ObjectCheck {
     CommitId changed{};  // its last change, as recorded
   };
 
+  struct StoredObject {
+    ObjectId id{};
+    std::string_view stored;
+  };
+
+  void FetchEntries(std::vector<StoredObject> const& objects);
   void CheckObject(ObjectId id, std::string_view stored);
   void ReportProblem(ObjectId id, std::string_view stored, ObjectReader::Problem problem);
   void CheckEntries(RowRef const& row, Set const& set);

@@ -18,6 +18,7 @@ Finding Of(std::uint32_t kind, ObjectId object) {
 }
 
 constexpr std::uint64_t kObjectsBetween = 64;  // reports of progress
+constexpr std::size_t kTogether = 256;         // objects whose entries come from a server at once
 
 std::uint64_t ChunkCount(std::uint64_t size) {
   return (size + format::kChunkSize - 1) / format::kChunkSize;
@@ -72,13 +73,45 @@ void ObjectCheck::Run(ObjectRange const& range, std::function<void(std::uint64_t
   cursor.Open(snapshot_, Tree::kRows);
   std::uint64_t const first = Raw(range.first);
   std::uint64_t objects = 0;
+  std::vector<StoredObject> far;  // those of a server, to be checked together
+  auto const check_far = [&] {
+    FetchEntries(far);
+    for (StoredObject const& each : far) CheckObject(each.id, each.stored);
+    far.clear();
+  };
   for (bool on = cursor.Seek(BytesOf(first)); on; on = cursor.Next()) {
     ObjectId const id{Load<std::uint64_t>(cursor.key().data())};
     if (id > range.last) break;
-    CheckObject(id, cursor.value());
+    if (snapshot_.far()) {
+      far.push_back({id, cursor.value()});
+      if (far.size() == kTogether) check_far();
+    } else {
+      CheckObject(id, cursor.value());
+    }
     if (++objects % kObjectsBetween == 0) report(kObjectsBetween);
   }
+  check_far();
   report(objects % kObjectsBetween);
+}
+
+// Lets the snapshot get all entries that CheckEntries will look for. Says nothing of damage.
+void ObjectCheck::FetchEntries(std::vector<StoredObject> const& objects) {
+  if (!entries_ || objects.empty()) return;
+  std::vector<std::string> keys;
+  for (StoredObject const& each : objects) {
+    RowRef row;
+    if (IsStub(each.stored) || reader_.Read(each.id, each.stored, &row).what != nullptr) continue;
+    Cell const setspec = row.Setspec();
+    if (!setspec.present) continue;
+    Unpack(setspec.text(), setspec_);
+    for (auto const& [index, matched] : SetOf(setspec_).covering) {
+      encoder_.Encode(*index, row, key_);
+      keys.push_back(RecordOf(*index, key_, row.id, row.layout->number()).key);
+    }
+  }
+  std::vector<std::string_view> const asked(keys.begin(), keys.end());
+  std::vector<std::optional<std::string_view>> entries(keys.size());
+  snapshot_.GetMany(Tree::kIndex, asked, entries);
 }
 
 void ObjectCheck::Add(ObjectCheck const& other) {

@@ -82,8 +82,21 @@ void BuildApplier::Write(BuildChange const& change) {
 // of them were read from one state, a set without a change since is taken as it was read.
 void BuildApplier::AddEntries(BuildChange const& change) {
   set_quiet_ = !SetChangedSince(batch_, change.index->setspec, change.read);
+  if (!set_quiet_ && change.set_quiet && batch_.far()) FetchObjects(change);
   ForEachEntry(change,
                [&](std::string_view key, std::string_view value) { AddEntry(change, key, value); });
+}
+
+// The set was quiet when the batch was begun, so that its objects were not among the hints.
+void BuildApplier::FetchObjects(BuildChange const& change) const {
+  std::vector<std::uint64_t> ids;
+  ForEachEntry(change, [&](std::string_view key, std::string_view value) {
+    ids.push_back(Raw(ObjectOf(*change.index, key, value)));
+  });
+  std::vector<std::string_view> keys;
+  for (std::uint64_t const& id : ids) keys.push_back(BytesOf(id));
+  std::vector<std::optional<std::string_view>> rows(keys.size());
+  batch_.GetMany(Tree::kRows, keys, rows);
 }
 
 // The entry of an object that was changed since may be out of date, and the commit that changed the

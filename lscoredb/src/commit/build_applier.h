@@ -44,6 +44,7 @@ class BuildApplier {
   void RequireNoneLike(IndexDefinition const& index) const;
   void Write(BuildChange const& change);
   void AddEntries(BuildChange const& change);
+  void FetchObjects(BuildChange const& change) const;
   void AddEntry(BuildChange const& change, std::string_view key, std::string_view value);
   void DeriveEntry(IndexDefinition const& index, ObjectId object, std::string_view stored);
   Layout const& LayoutOf(LayoutNumber number);

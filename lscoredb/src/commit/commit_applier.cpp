@@ -12,6 +12,26 @@
 namespace lscore {
 namespace {
 
+constexpr std::uint32_t kNoChunk = 0xFFFFFFFF;  // images have fewer
+constexpr std::size_t kHintedKeys = 256;        // more are looked up only if they have to be
+
+// Whether a commit has to look whether the key is taken.
+bool IsChecked(PendingEntry const& entry) {
+  return entry.state == EntryState::kPresent && !entry.facts.has_null;
+}
+
+void AddUniqueKeys(PendingChanges const& changes, std::vector<TreeKey>* hints) {
+  std::size_t const before = hints->size();
+  for (auto const& entries : changes.indexes()) {
+    if (!entries->index().unique() || !entries->committed()) continue;
+    entries->ForEach([&](PendingKey const& key, PendingEntry const& entry) {
+      if (!IsChecked(entry)) return;
+      hints->push_back({Tree::kIndex, SeekKey(entries->index(), key.encoded), true});
+    });
+  }
+  if (hints->size() - before > kHintedKeys) hints->resize(before);
+}
+
 // Whether a commit has to write the row. One that was inserted and deleted again was never stored.
 bool Matters(PendingRow const& row) { return row.changed && !(row.inserted() && row.deleted); }
 
@@ -28,9 +48,9 @@ void AddHints(CommitRequest const& request, std::vector<TreeKey>* hints) {
     add_row(row.id);
     if (!row.inserted()) counted.insert(row.original_layout->number());
     if (!row.deleted) counted.insert(row.layout->number());
-    if (row.in_overflow) hints->push_back({Tree::kOverflow, ChunkKey(row.id, 0)});
   });
   request.changes.ForEachRequired(add_row);
+  AddUniqueKeys(request.changes, hints);
   for (LayoutNumber const number : counted) hints->push_back({Tree::kMeta, CountKey(number)});
   for (auto const& layout : request.changes.layouts()) {
     hints->push_back({Tree::kDefinitions, LayoutKey(layout->number())});
@@ -224,10 +244,19 @@ bool CommitApplier::IsUnique(PendingIndex const& entries) {
 // When nothing was committed since the snapshot, keys that were unique when written still are.
 void CommitApplier::CheckUnique(PendingIndex const& entries, bool nothing_between) {
   if (!IsUnique(entries) || (nothing_between && !entries.has_unproven())) return;
+  auto const for_each_checked = [&](auto const& visit) {
+    entries.ForEach([&](PendingKey const& key, PendingEntry const& entry) {
+      if (IsChecked(entry) && !(nothing_between && entry.facts.known_unique)) visit(key);
+    });
+  };
+  if (batch_.far()) {
+    std::vector<std::string> sought;
+    for_each_checked(
+        [&](PendingKey const& key) { sought.push_back(SeekKey(entries.index(), key.encoded)); });
+    batch_.PrefetchSeeks(Tree::kIndex, sought);
+  }
   EntryCursor cursor;
-  entries.ForEach([&](PendingKey const& key, PendingEntry const& entry) {
-    if (entry.state != EntryState::kPresent || entry.facts.has_null) return;
-    if (nothing_between && entry.facts.known_unique) return;
+  for_each_checked([&](PendingKey const& key) {
     ObjectId holder = entries.FindOther(key, true);
     if (holder == kNoObject) holder = FindOtherBelow(batch_, cursor, entries, key);
     if (holder == kNoObject || HasEntry(batch_, cursor, entries.index(), key)) return;
@@ -301,7 +330,7 @@ void CommitApplier::PutChunks(ObjectId id, std::string_view image) {
 }
 
 void CommitApplier::DeleteChunks(ObjectId id) {
-  for (std::uint32_t chunk = 0; batch_.Delete(Tree::kOverflow, ChunkKey(id, chunk));) ++chunk;
+  batch_.RemoveRange(Tree::kOverflow, ChunkKey(id, 0), ChunkKey(id, kNoChunk));
 }
 
 // Index ids ascend, so the entries of a new index mostly follow all others and are appended, which

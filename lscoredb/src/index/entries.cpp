@@ -33,6 +33,13 @@ int ComparePieces(std::string_view a, std::string_view a_tail, std::string_view 
   return ComparePieces(a_tail, {}, b, b_tail);
 }
 
+// The least key above all that begin with the prefix; empty: none is, since it has only 0xFF bytes.
+std::string LeastAbove(std::string prefix) {
+  while (!prefix.empty() && prefix.back() == '\xFF') prefix.pop_back();
+  if (!prefix.empty()) prefix.back() = static_cast<char>(prefix.back() + 1);
+  return prefix;
+}
+
 void BuildKey(IndexDefinition const& index, std::string_view encoded, ObjectId object,
               std::string& key) {
   key = index.entry_prefix;
@@ -90,19 +97,8 @@ void EntryWriter::Delete(IndexDefinition const& index, std::string_view encoded,
   batch_.Remove(Tree::kIndex, record_.key);
 }
 
-// Seeks anew for each entry, since a write ends the cursors of a batch.
 void DeleteEntries(Batch& batch, IndexDefinition const& index) {
-  for (;;) {
-    std::string key;
-    {
-      Cursor cursor;
-      cursor.Open(batch, Tree::kIndex);
-      if (!cursor.Seek(index.entry_prefix)) return;
-      key = cursor.key();
-    }
-    if (!key.starts_with(index.entry_prefix)) return;
-    batch.Delete(Tree::kIndex, key);
-  }
+  batch.RemoveRange(Tree::kIndex, index.entry_prefix, LeastAbove(index.entry_prefix));
 }
 
 // ---- scanning -----------------------------------------------------------------------------------
@@ -112,6 +108,10 @@ void EntryCursor::Open(View const& view, IndexDefinition const& index) {
   index_ = &index;
   valid_ = false;
   in_group_ = false;
+}
+
+std::string SeekKey(IndexDefinition const& index, std::string_view bound) {
+  return std::string(index.entry_prefix).append(bound.substr(0, format::kKeyPrefix));
 }
 
 void EntryCursor::SeekFirst(std::string_view bound) {
@@ -124,14 +124,8 @@ void EntryCursor::SeekFirst(std::string_view bound) {
 void EntryCursor::SeekLast(std::string_view bound) {
   scratch_ = index_->entry_prefix;
   scratch_.append(bound.substr(0, format::kKeyPrefix));
-  // Turns the bound into the least key above everything that begins with it: drops trailing 0xFF
-  // bytes, then adds one to the last byte. None is above if only 0xFF bytes were left.
-  while (!scratch_.empty() && scratch_.back() == '\xFF') scratch_.pop_back();
-  bool above = false;
-  if (!scratch_.empty()) {
-    scratch_.back() = static_cast<char>(scratch_.back() + 1);
-    above = cursor_.Seek(scratch_);
-  }
+  scratch_ = LeastAbove(std::move(scratch_));
+  bool const above = !scratch_.empty() && cursor_.Seek(scratch_);
   Arrive(above ? cursor_.Previous() : cursor_.Last(), false);
   while (valid_ && ComparePrefix(entry().key, bound) > 0) Previous();
 }

@@ -75,6 +75,9 @@ class EntryWriter {
 // Deletes all entries of an index.
 void DeleteEntries(Batch& batch, IndexDefinition const& index);
 
+// What EntryCursor::SeekFirst seeks, for View::PrefetchSeeks.
+std::string SeekKey(IndexDefinition const& index, std::string_view bound);
+
 class EntryCursor {
  public:
   // `index` must outlive the scan.

@@ -14,6 +14,21 @@ void View::GetMany(Tree tree, std::span<std::string_view const> keys,
   }
 }
 
+// Seeks anew for each entry, since a write ends the cursors of a batch.
+void Batch::RemoveRange(Tree tree, std::string_view low, std::string_view high) {
+  for (;;) {
+    std::string key;
+    {
+      Cursor cursor;
+      cursor.Open(*this, tree);
+      if (!cursor.Seek(low)) return;
+      key = cursor.key();
+    }
+    if (key >= high) return;
+    Delete(tree, key);
+  }
+}
+
 Store::Store() : reservations_(std::make_shared<MemoryReservations>()) {}
 
 void Store::BeginOwnCommit(Batch const& batch) {

@@ -55,6 +55,7 @@ inline constexpr std::size_t kMaxKeySize = 511;
 struct TreeKey {
   Tree tree;
   std::string key;
+  bool seek = false;  // for a cursor; otherwise for Get
 };
 
 // kAutomatic: to write if that is possible, otherwise to read.
@@ -147,6 +148,11 @@ class View {
   // Get for each key; a remote store takes one round trip. REQUIRES: as many values as keys.
   virtual void GetMany(Tree tree, std::span<std::string_view const> keys,
                        std::span<std::optional<std::string_view>> values) const;
+  // Whether a read may take a round trip to a server. The view then keeps what it has read.
+  virtual bool far() const { return false; }
+  // Announces that cursors will seek these keys and look at an entry or two there. A remote store
+  // then takes one round trip for all.
+  virtual void PrefetchSeeks(Tree /* tree */, std::vector<std::string> const& /* keys */) const {}
   // Creates a cursor over the tree, or reuses the one in `cursor` if the store can.
   virtual void OpenCursor(Tree tree, std::unique_ptr<TreeCursor>& cursor) const = 0;
 
@@ -190,6 +196,9 @@ class Batch : public View {
   // changed. Other stores ignore it.
   virtual bool takes_notes() const { return false; }
   virtual void Note(std::string_view /* note */) {}
+  // Deletes the keys from `low` on and below `high`. A remote store sends one statement, with the
+  // commit. REQUIRES: the tree is not kRows, `high` is not empty.
+  virtual void RemoveRange(Tree tree, std::string_view low, std::string_view high);
   // All or nothing; ends the batch in either case. REQUIRES: no cursor over it is open.
   virtual void Commit() = 0;
   // After a commit that threw LSCOREDB_COMMIT_UNKNOWN.
@@ -278,7 +287,7 @@ class Store {
   virtual void End(std::unique_ptr<Snapshot> snapshot) noexcept = 0;
   // Waits until no other batch is open, in any process.
   virtual std::unique_ptr<Batch> BeginBatch() = 0;
-  // Whether the store saves round trips when it knows what a batch is going to get; such a batch.
+  // Whether the store saves round trips when it knows what a batch is going to read; such a batch.
   virtual bool takes_hints() const { return false; }
   virtual std::unique_ptr<Batch> BeginBatch(std::vector<TreeKey> const& /* hints */) {
     return BeginBatch();

@@ -3,6 +3,11 @@
 #include "text.h"
 
 namespace lscore {
+namespace {
+
+constexpr unsigned kMostFarLookups = 16;  // in a transaction
+
+}  // namespace
 
 // The committed indexes over the row's set, without those that this transaction dropped, and the
 // ones it created. The committed list is looked up once per set specifier and kept in the row.
@@ -53,7 +58,9 @@ PendingIndex& IndexMaintainer::Pending(IndexDefinition const& index) {
 
 // While a scan is open a duplicate may be temporary, so the check is left to commit, which repeats
 // it for every entry that is not known to be unique. Only keys that this change introduced are
-// looked up: an unchanged key was checked when it was written.
+// looked up: an unchanged key was checked when it was written. A transaction that writes many keys
+// leaves the later ones to commit too if each would take a round trip, since commit takes one for
+// all.
 Status IndexMaintainer::CheckUnique(PendingRow const& row) {
   if (scans_.any()) return LORV_STATUS_OK;
   for (std::size_t i = 0; i < affected_count_; ++i) {
@@ -65,6 +72,7 @@ Status IndexMaintainer::CheckUnique(PendingRow const& row) {
     PendingIndex& pending = Pending(*affected.index);
     PendingKey const key{affected.new_key, row.id};
     if (pending.FindOther(key, false) != kNoObject) return LSCOREDB_DUPLICATE_KEY;
+    if (state_.snapshot->far() && ++state_.far_lookups > kMostFarLookups) continue;
     if (FindOtherBelow(*state_.snapshot, unique_cursor_, pending, key) != kNoObject) {
       return LSCOREDB_DUPLICATE_KEY;
     }

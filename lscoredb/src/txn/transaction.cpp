@@ -62,6 +62,7 @@ void Transaction::End() noexcept {
   state_.changes.Clear();
   state_.doomed = LORV_STATUS_OK;
   state_.now = 0;
+  state_.far_lookups = 0;
   reader_.End();
   state_.database->store().End(std::move(state_.snapshot));
   if (large) ReturnFreeHeap();

@@ -30,6 +30,7 @@ struct TransactionState {
   std::optional<RefusedKey> refused;  // outlasts the transaction
   Status doomed = LORV_STATUS_OK;     // why a write stopped half-way; Commit returns it
   Sequence now = 0;                   // of the last write; a scan sees writes up to its begin
+  unsigned far_lookups = 0;           // of keys, which took a round trip each
   IdRange ids;                        // outlasts transactions
 };
 

@@ -194,6 +194,52 @@ TEST_P(StoreConformanceTest, VerifiedSnapshotOfASoundStore_ReportsNothing) {
   EXPECT_NO_THROW(store_->Verify());
 }
 
+// ---- ranges and announced seeks -----------------------------------------------------------------
+
+TEST_P(StoreConformanceTest, RemovedRange_IsGoneInItsBatchAndAfterIt) {
+  Fill(*store_, kTree, NumberedEntries(100));
+  Entries const left{{Numbered(9), Sized(9)}, {Numbered(12), "new"}, {Numbered(90), Sized(90)}};
+  std::unique_ptr<Batch> const batch = store_->BeginBatch();
+  batch->Put(kTree, Numbered(11), "written before");
+  batch->RemoveRange(kTree, Numbered(91), Numbered(1000));
+  batch->RemoveRange(kTree, Numbered(10), Numbered(90));
+  batch->RemoveRange(kTree, Numbered(0), Numbered(9));
+  batch->Put(kTree, Numbered(12), "new");
+  EXPECT_EQ("(none)", ValueIn(*batch, kTree, Numbered(11)));
+  EXPECT_EQ(left, AllOf(*batch, kTree));
+  {
+    Cursor cursor;
+    cursor.Open(*batch, kTree);
+    ASSERT_TRUE(cursor.Last());
+    EXPECT_EQ(Numbered(90), cursor.key());
+    ASSERT_TRUE(cursor.Previous());
+    EXPECT_EQ(Numbered(12), cursor.key());
+    ASSERT_TRUE(cursor.Previous());
+    EXPECT_EQ(Numbered(9), cursor.key());
+    EXPECT_FALSE(cursor.Previous());
+    EXPECT_FALSE(cursor.Seek(Numbered(91)));
+  }
+  batch->Commit();
+  EXPECT_EQ(left, AllOf(*Reading(*store_), kTree));
+}
+
+TEST_P(StoreConformanceTest, AnnouncedSeeks_FindWhatOthersFind) {
+  Fill(*store_, kTree, NumberedEntries(50));
+  Reading const now(*store_);
+  std::vector<std::string> const keys{Numbered(3), Numbered(3) + "x", Numbered(49), Numbered(50)};
+  now->PrefetchSeeks(kTree, keys);
+  Cursor cursor;
+  cursor.Open(*now, kTree);
+  for (std::size_t const at : {3u, 4u, 49u}) {
+    ASSERT_TRUE(cursor.Seek(keys[at == 49 ? 2 : at - 3]));
+    for (std::size_t i = at; i < 50; ++i) {
+      EXPECT_EQ(Numbered(static_cast<std::uint32_t>(i)), cursor.key());
+      EXPECT_EQ(i + 1 < 50, cursor.Next());
+    }
+  }
+  EXPECT_FALSE(cursor.Seek(keys[3]));
+}
+
 // ---- reading -----------------------------------------------------------------------------------
 
 TEST_P(StoreConformanceTest, Trees_DoNotMix) {

@@ -22,8 +22,13 @@ void CheckKey(std::string_view key) {
 // Merges the batch's writes with the server's entries.
 class BatchCursor final : public TreeCursor {
  public:
-  BatchCursor(Store const& store, ServerView& view, Tree tree, Written const& written)
-      : TreeCursor(store), server_(store, view, tree), tree_(tree), written_(written) {}
+  BatchCursor(Store const& store, ServerView& view, Tree tree, Written const& written,
+              RemovedRanges const& removed)
+      : TreeCursor(store),
+        server_(store, view, tree),
+        tree_(tree),
+        written_(written),
+        removed_(removed) {}
 
   bool Seek(std::string_view key, KeyValue* entry) override {
     KeyValue server;
@@ -56,6 +61,9 @@ class BatchCursor final : public TreeCursor {
   // The lowest entry of both sides. A write hides the server's entry with the same key.
   bool Rise(Written::const_iterator ours, bool there, KeyValue server, KeyValue* entry) {
     for (;;) {
+      while (RemovedRanges::Range const* range = Removed(there, server)) {
+        there = server_.Seek(range->high, &server);
+      }
       bool const any = ours != written_.end();
       if (any && (!there || !KeyLess(tree_, server.key, ours->first))) {
         if (there && server.key == ours->first) there = server_.Next(&server);
@@ -69,6 +77,10 @@ class BatchCursor final : public TreeCursor {
   // The highest one below `above`.
   bool Fall(Written::const_iterator above, bool there, KeyValue server, KeyValue* entry) {
     for (;;) {
+      while (RemovedRanges::Range const* range = Removed(there, server)) {
+        server.key = range->low;
+        there = server_.Previous(&server);
+      }
       bool const any = above != written_.begin();
       if (any && (!there || !KeyLess(tree_, std::prev(above)->first, server.key))) {
         --above;
@@ -80,6 +92,9 @@ class BatchCursor final : public TreeCursor {
       return there;
     }
   }
+  RemovedRanges::Range const* Removed(bool there, KeyValue const& server) const {
+    return there ? removed_.Find(server.key) : nullptr;
+  }
   static bool Give(Written::value_type const& ours, KeyValue* entry) {
     if (!ours.second.has_value()) return false;
     *entry = {ours.first, *ours.second};
@@ -89,9 +104,17 @@ class BatchCursor final : public TreeCursor {
   ServerCursor server_;
   Tree const tree_;
   Written const& written_;
+  RemovedRanges const& removed_;
 };
 
 }  // namespace
+
+RemovedRanges::Range const* RemovedRanges::Find(std::string_view key) const {
+  for (Range const& range : ranges_) {
+    if (key >= range.low && key < range.high) return &range;
+  }
+  return nullptr;
+}
 
 // ---- beginning and ending ----------------------------------------------------------------------
 
@@ -140,7 +163,9 @@ PostgresBatch::~PostgresBatch() { Leave(); }
 bool PostgresBatch::Get(Tree tree, std::string_view key, std::string_view* value) const {
   if (connection_ == nullptr) Throw(LSCOREDB_SERVER_LOST);
   auto const written = WrittenTo(tree).find(key);
-  if (written == WrittenTo(tree).end()) return view_->Get(tree, key, value);
+  if (written == WrittenTo(tree).end()) {
+    return RemovedFrom(tree).Find(key) == nullptr && view_->Get(tree, key, value);
+  }
   if (written->second.has_value()) *value = *written->second;
   return written->second.has_value();
 }
@@ -151,13 +176,19 @@ void PostgresBatch::GetMany(Tree tree, std::span<std::string_view const> keys,
   view_->GetMany(tree, keys, values);
   for (std::size_t i = 0; i < keys.size(); ++i) {
     auto const written = WrittenTo(tree).find(keys[i]);
+    if (RemovedFrom(tree).Find(keys[i]) != nullptr) values[i].reset();
     if (written != WrittenTo(tree).end()) values[i] = written->second;
   }
 }
 
 void PostgresBatch::OpenCursor(Tree tree, std::unique_ptr<TreeCursor>& cursor) const {
   if (connection_ == nullptr) Throw(LSCOREDB_SERVER_LOST);
-  cursor = std::make_unique<BatchCursor>(store_, *view_, tree, WrittenTo(tree));
+  cursor = std::make_unique<BatchCursor>(store_, *view_, tree, WrittenTo(tree), RemovedFrom(tree));
+}
+
+void PostgresBatch::PrefetchSeeks(Tree tree, std::vector<std::string> const& keys) const {
+  if (connection_ == nullptr) Throw(LSCOREDB_SERVER_LOST);
+  view_->PrefetchSeeks(tree, keys);
 }
 
 // ---- writing -----------------------------------------------------------------------------------
@@ -190,11 +221,17 @@ void PostgresBatch::Remove(Tree tree, std::string_view key) {
   WrittenTo(tree).insert_or_assign(std::string(key), std::nullopt);
 }
 
+void PostgresBatch::RemoveRange(Tree tree, std::string_view low, std::string_view high) {
+  Written& written = WrittenTo(tree);
+  written.erase(written.lower_bound(low), written.lower_bound(high));
+  removed_[static_cast<std::size_t>(tree)].Add(low, high);
+}
+
 bool PostgresBatch::changed() const {
-  for (Written const& written : written_) {
-    if (!written.empty()) return true;
-  }
-  return false;
+  auto const any_in = [](auto const& some) { return !some.empty(); };
+  return std::any_of(written_.begin(), written_.end(), any_in) ||
+         std::any_of(removed_.begin(), removed_.end(),
+                     [](RemovedRanges const& removed) { return !removed.all().empty(); });
 }
 
 // ---- committing --------------------------------------------------------------------------------
@@ -208,6 +245,10 @@ void PostgresBatch::SendPuts(Tree tree, std::vector<std::string> const& keys,
 }
 
 void PostgresBatch::Send(Tree tree) {
+  for (auto const& [low, high] : RemovedFrom(tree).all()) {
+    connection_->Add(store_.statements().Of(tree).remove_range,
+                     Parameters().Bytes(low).Bytes(high));
+  }
   std::vector<std::string> removed;
   std::vector<std::string> keys;
   std::vector<std::string_view> values;

@@ -9,6 +9,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "postgres_store.h"
 
@@ -22,6 +23,25 @@ struct KeyOrder {
 // The writes by key; no value: the key is deleted.
 using Written = std::map<std::string, std::optional<std::string>, KeyOrder>;
 
+// Ranges of keys of one tree that are deleted before anything is written there.
+class RemovedRanges {
+ public:
+  struct Range {
+    std::string low;
+    std::string high;  // not deleted
+  };
+
+  void Add(std::string_view low, std::string_view high) {
+    ranges_.push_back({std::string(low), std::string(high)});
+  }
+  // The one that has the key, or null.
+  Range const* Find(std::string_view key) const;
+  std::vector<Range> const& all() const { return ranges_; }
+
+ private:
+  std::vector<Range> ranges_;
+};
+
 class PostgresBatch final : public Batch {
  public:
   PostgresBatch(PostgresStore& store, std::vector<TreeKey> const& hints);
@@ -30,12 +50,15 @@ class PostgresBatch final : public Batch {
   bool Get(Tree tree, std::string_view key, std::string_view* value) const override;
   void GetMany(Tree tree, std::span<std::string_view const> keys,
                std::span<std::optional<std::string_view>> values) const override;
+  bool far() const override { return true; }
+  void PrefetchSeeks(Tree tree, std::vector<std::string> const& keys) const override;
   void OpenCursor(Tree tree, std::unique_ptr<TreeCursor>& cursor) const override;
   void Put(Tree tree, std::string_view key, std::string_view value) override;
   bool PutNew(Tree tree, std::string_view key, std::string_view value) override;
   void Append(Tree tree, std::string_view key, std::string_view value) override;
   bool Delete(Tree tree, std::string_view key) override;
   void Remove(Tree tree, std::string_view key) override;
+  void RemoveRange(Tree tree, std::string_view low, std::string_view high) override;
   void Commit() override;
   CommitInDoubt in_doubt() const override { return in_doubt_; }
 
@@ -46,6 +69,9 @@ class PostgresBatch final : public Batch {
  private:
   Written& WrittenTo(Tree tree) { return written_[static_cast<std::size_t>(tree)]; }
   Written const& WrittenTo(Tree tree) const { return written_[static_cast<std::size_t>(tree)]; }
+  RemovedRanges const& RemovedFrom(Tree tree) const {
+    return removed_[static_cast<std::size_t>(tree)];
+  }
   bool changed() const;
   void SendChanges(std::uint64_t state);
   std::uint64_t TakeStatesBefore();
@@ -63,6 +89,7 @@ class PostgresBatch final : public Batch {
   StateRead state_;
   std::unique_ptr<ServerView> mutable view_;
   std::array<Written, kTreeCount> written_;
+  std::array<RemovedRanges, kTreeCount> removed_;
   CommitInDoubt in_doubt_;  // set when the commit is sent
 };
 

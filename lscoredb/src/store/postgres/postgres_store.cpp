@@ -263,7 +263,7 @@ std::unique_ptr<Batch> PostgresStore::BeginBatch(std::vector<TreeKey> const& hin
 // lock, and must see what was committed until then.
 StateRead PostgresStore::BeginAt(Connection& connection, Statement const& begin,
                                  Statement const& state, ServerView& view,
-                                 std::vector<TreeKey> const& gets) const {
+                                 std::vector<TreeKey> const& hints) const {
   StateRead read;
   {
     std::lock_guard const lock(mutex_);
@@ -273,7 +273,7 @@ StateRead PostgresStore::BeginAt(Connection& connection, Statement const& begin,
   connection.Add(state);
   connection.Add(statements_.read_changes,
                  Parameters().Number(Raw(read.changes_after)).Number(kMostChanges + 1));
-  std::vector<std::vector<std::string>> const asked = view.Ask(gets);
+  ServerView::Asked const asked = view.Ask(hints);
   std::vector<Result> results = connection.Exchange();
   view.Take(asked, std::span(results).subspan(3));
   Result const& row = results[1];

@@ -72,9 +72,9 @@ class PostgresStore final : public Store {
   Statements const& statements() const { return statements_; }
   bool sync() const;
   // Begins a transaction and reads, or locks, the newest state, in one round trip with the changes
-  // since the known state and the gets of a view.
+  // since the known state and the hints for a view.
   StateRead BeginAt(Connection& connection, Statement const& begin, Statement const& state,
-                    ServerView& view, std::vector<TreeKey> const& gets) const;
+                    ServerView& view, std::vector<TreeKey> const& hints) const;
   // This process has evicted all rows that changed up to the state.
   void NoteKnown(CommitId state) const noexcept;
   // AskOutcome for the batch itself, whose wait is not stopped.
@@ -127,6 +127,10 @@ class PostgresSnapshot final : public Snapshot {
   void GetMany(Tree tree, std::span<std::string_view const> keys,
                std::span<std::optional<std::string_view>> values) const override {
     view_.GetMany(tree, keys, values);
+  }
+  bool far() const override { return true; }
+  void PrefetchSeeks(Tree tree, std::vector<std::string> const& keys) const override {
+    view_.PrefetchSeeks(tree, keys);
   }
   void OpenCursor(Tree tree, std::unique_ptr<TreeCursor>& cursor) const override;
 

@@ -22,19 +22,29 @@ bool KeyLess(Tree tree, std::string_view a, std::string_view b) {
   return Load<std::uint64_t>(a.data()) < Load<std::uint64_t>(b.data());
 }
 
-ServerPage::ServerPage(Tree tree, Result rows, bool falling) : tree_(tree), rows_(std::move(rows)) {
+ServerPage::ServerPage(Tree tree, Result rows, std::size_t asked, bool falling)
+    : tree_(tree), asked_(asked), rows_(std::move(rows)) {
   std::size_t const count = rows_.size();
-  bool const numbered = tree == Tree::kRows;
-  if (numbered) {
-    for (std::size_t i = 0; i < count; ++i) numbers_ += ServerKey(tree, rows_.Bytes(i, 0));
-  }
+  numbers_.reserve(sizeof(std::uint64_t) * count);
   entries_.reserve(count);
-  for (std::size_t n = 0; n < count; ++n) {
-    std::size_t const i = falling ? count - 1 - n : n;
-    std::string_view const key =
-        numbered ? std::string_view(numbers_).substr(8 * i, 8) : rows_.Bytes(i, 0);
-    entries_.push_back({key, rows_.Bytes(i, 1)});
+  for (std::size_t n = 0; n < count; ++n) AddEntry(rows_, falling ? count - 1 - n : n);
+}
+
+ServerPage::ServerPage(Tree tree, Result const& rows, std::size_t first, std::size_t count,
+                       std::size_t asked)
+    : tree_(tree), asked_(asked) {
+  numbers_.reserve(sizeof(std::uint64_t) * count);
+  entries_.reserve(count);
+  for (std::size_t i = first; i < first + count; ++i) AddEntry(rows, i);
+}
+
+void ServerPage::AddEntry(Result const& rows, std::size_t i) {
+  std::string_view key = rows.Bytes(i, 0);
+  if (tree_ == Tree::kRows) {
+    numbers_ += ServerKey(tree_, key);
+    key = std::string_view(numbers_).substr(numbers_.size() - sizeof(std::uint64_t));
   }
+  entries_.push_back({key, rows.Bytes(i, 1)});
 }
 
 std::size_t ServerPage::LowerBound(std::string_view key) const {

@@ -21,9 +21,14 @@ bool KeyLess(Tree tree, std::string_view a, std::string_view b);
 
 class ServerPage {
  public:
-  // `falling`: the reply has the rows in descending order.
-  ServerPage(Tree tree, Result rows, bool falling);
+  // `falling`: the reply has the rows in descending order. `asked`: so many were asked for.
+  ServerPage(Tree tree, Result rows, std::size_t asked, bool falling);
+  // Of `count` rows of a reply that outlives the page, from row `first` on, which ascend.
+  ServerPage(Tree tree, Result const& rows, std::size_t first, std::size_t count,
+             std::size_t asked);
 
+  // Whether the page reaches the end of the tree.
+  bool ends() const { return size() < asked_; }
   std::size_t size() const { return entries_.size(); }
   KeyValue const& entry(std::size_t i) const { return entries_[i]; }
   // The position of the first entry that is not below the key; size() when there is none.
@@ -39,11 +44,13 @@ class ServerPage {
     std::vector<std::uint16_t> offsets;
   };
 
+  void AddEntry(Result const& rows, std::size_t i);
   void BuildSlotted() const;
 
   Tree const tree_;
-  Result const rows_;
-  std::string numbers_;  // the keys of kRows in our form
+  std::size_t const asked_;
+  Result const rows_;    // empty if the reply belongs to others
+  std::string numbers_;  // the keys of kRows in our form; has its final capacity at once
   std::vector<KeyValue> entries_;
   std::vector<Slotted> mutable slotted_;  // built on the first Enter
 };

@@ -7,6 +7,13 @@ namespace {
 
 constexpr std::size_t kFirstPage = 16;
 constexpr std::size_t kLargestPage = 1024;
+// Of a seek that was announced: an entry of the caller's own, and that of another.
+constexpr std::size_t kSoughtPage = 2;
+
+template <typename Range>
+Parameters KeysOf(Range const& keys) {
+  return Parameters().ManyBytes({keys.begin(), keys.end()});
+}
 
 }  // namespace
 
@@ -40,15 +47,14 @@ void ServerView::GetMany(Tree tree, std::span<std::string_view const> keys,
     if (!known.contains(std::string(key))) asked.push_back(ServerKey(tree, key));
   }
   if (!asked.empty()) {
-    std::vector<std::string_view> const views(asked.begin(), asked.end());
-    Result found = connection_.Run(statements_.Of(tree).get_many, Parameters().ManyBytes(views));
-    Learn(tree, asked, std::move(found));
+    Learn(tree, asked, connection_.Run(statements_.Of(tree).get_many, KeysOf(asked)));
   }
   for (std::size_t i = 0; i < keys.size(); ++i) values[i] = known.at(std::string(keys[i]));
 }
 
 // `asked`: keys in the server's form. Those without a result do not exist.
-void ServerView::Learn(Tree tree, std::vector<std::string> const& asked, Result found) {
+template <typename Range>
+void ServerView::Learn(Tree tree, Range const& asked, Result found) {
   Known& known = KnownOf(tree);
   for (std::string const& key : asked) known.try_emplace(ServerKey(tree, key));
   for (std::size_t i = 0; i < found.size(); ++i) {
@@ -57,53 +63,85 @@ void ServerView::Learn(Tree tree, std::vector<std::string> const& asked, Result 
   results_.push_back(std::move(found));
 }
 
-std::vector<std::vector<std::string>> ServerView::Ask(std::vector<TreeKey> const& gets) {
-  std::vector<std::vector<std::string>> asked(kTreeCount);
-  for (TreeKey const& get : gets) {
-    asked[static_cast<std::size_t>(get.tree)].push_back(ServerKey(get.tree, get.key));
+ServerView::Asked ServerView::Ask(std::vector<TreeKey> const& hints) {
+  Asked asked;
+  for (TreeKey const& hint : hints) {
+    Keys& keys = hint.seek ? asked.seeks : asked.gets;
+    keys[static_cast<std::size_t>(hint.tree)].insert(ServerKey(hint.tree, hint.key));
   }
   for (std::size_t i = 0; i < kTreeCount; ++i) {
-    if (asked[i].empty()) continue;
-    std::vector<std::string_view> const views(asked[i].begin(), asked[i].end());
-    connection_.Add(statements_.trees[i].get_many, Parameters().ManyBytes(views));
+    TreeStatements const& tree = statements_.trees[i];
+    if (!asked.gets[i].empty()) connection_.Add(tree.get_many, KeysOf(asked.gets[i]));
+    if (!asked.seeks[i].empty()) connection_.Add(tree.seek_many, KeysOf(asked.seeks[i]));
   }
   return asked;
 }
 
-void ServerView::Take(std::vector<std::vector<std::string>> const& asked,
-                      std::span<Result> results) {
+void ServerView::Take(Asked const& asked, std::span<Result> results) {
   std::size_t next = 0;
   for (std::size_t i = 0; i < kTreeCount; ++i) {
-    if (!asked[i].empty()) Learn(static_cast<Tree>(i), asked[i], std::move(results[next++]));
+    Tree const tree = static_cast<Tree>(i);
+    if (!asked.gets[i].empty()) Learn(tree, asked.gets[i], std::move(results[next++]));
+    if (!asked.seeks[i].empty()) LearnSought(tree, asked.seeks[i], std::move(results[next++]));
   }
+}
+
+void ServerView::PrefetchSeeks(Tree tree, std::vector<std::string> const& keys) {
+  std::set<std::string> asked;
+  for (std::string const& key : keys) {
+    if (!SoughtIn(tree).contains(key)) asked.insert(ServerKey(tree, key));
+  }
+  if (asked.empty()) return;
+  LearnSought(tree, asked, connection_.Run(statements_.Of(tree).seek_many, KeysOf(asked)));
+}
+
+// The rows are ordered by the key that was sought, which their third column has. A key without rows
+// is above all keys of the tree.
+void ServerView::LearnSought(Tree tree, std::set<std::string> const& asked, Result found) {
+  std::size_t at = 0;
+  for (std::string const& key : asked) {
+    std::size_t const first = at;
+    while (at < found.size() && found.Bytes(at, 2) == key) ++at;
+    pages_.push_back(std::make_unique<ServerPage>(tree, found, first, at - first, kSoughtPage));
+    SoughtIn(tree)[ServerKey(tree, key)] = pages_.back().get();
+  }
+  results_.push_back(std::move(found));
 }
 
 // ---- neighbours --------------------------------------------------------------------------------
 
 ServerPage const& ServerView::Fetch(Tree tree, Statement const& statement,
-                                    Parameters const& parameters, bool falling) {
+                                    Parameters const& parameters, std::size_t most, bool falling) {
   pages_.push_back(
-      std::make_unique<ServerPage>(tree, connection_.Run(statement, parameters), falling));
-  return *pages_.back();
+      std::make_unique<ServerPage>(tree, connection_.Run(statement, parameters), most, falling));
+  ServerPage const& page = *pages_.back();
+  if (tree != Tree::kRows) return page;
+  // Whoever scans rows reads them too.
+  for (std::size_t i = 0; i < page.size(); ++i) {
+    KnownOf(tree).try_emplace(std::string(page.entry(i).key), page.entry(i).value);
+  }
+  return page;
 }
 
 ServerPage const& ServerView::From(Tree tree, std::string_view key, std::size_t most) {
+  Sought const& sought = SoughtIn(tree);
+  if (auto const at = sought.find(std::string(key)); at != sought.end()) return *at->second;
   return Fetch(tree, statements_.Of(tree).from,
-               Parameters().Bytes(ServerKey(tree, key)).Number(most), false);
+               Parameters().Bytes(ServerKey(tree, key)).Number(most), most, false);
 }
 
 ServerPage const& ServerView::After(Tree tree, std::string_view key, std::size_t most) {
   return Fetch(tree, statements_.Of(tree).after,
-               Parameters().Bytes(ServerKey(tree, key)).Number(most), false);
+               Parameters().Bytes(ServerKey(tree, key)).Number(most), most, false);
 }
 
 ServerPage const& ServerView::Before(Tree tree, std::string_view key, std::size_t most) {
   return Fetch(tree, statements_.Of(tree).before,
-               Parameters().Bytes(ServerKey(tree, key)).Number(most), true);
+               Parameters().Bytes(ServerKey(tree, key)).Number(most), most, true);
 }
 
 ServerPage const& ServerView::Last(Tree tree, std::size_t most) {
-  return Fetch(tree, statements_.Of(tree).last, Parameters().Number(most), true);
+  return Fetch(tree, statements_.Of(tree).last, Parameters().Number(most), most, true);
 }
 
 // ---- cursors -----------------------------------------------------------------------------------
@@ -118,7 +156,7 @@ bool ServerCursor::Give(std::size_t i, KeyValue* entry) const {
 bool ServerCursor::GiveFirst(ServerPage const& page, KeyValue* entry) {
   if (page.size() == 0) return false;
   page_ = &page;
-  ends_high_ = page.size() < most_;
+  ends_high_ = page.ends();
   ends_low_ = false;
   return Give(0, entry);
 }
@@ -127,7 +165,7 @@ bool ServerCursor::GiveLast(ServerPage const& page, KeyValue* entry) {
   if (page.size() == 0) return false;
   page_ = &page;
   ends_high_ = false;
-  ends_low_ = page.size() < most_;
+  ends_low_ = page.ends();
   return Give(page.size() - 1, entry);
 }
 

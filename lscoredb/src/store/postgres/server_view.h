@@ -7,6 +7,7 @@
 #include <array>
 #include <memory>
 #include <optional>
+#include <set>
 #include <span>
 #include <string>
 #include <string_view>
@@ -30,12 +31,21 @@ class ServerView {
   void GetMany(Tree tree, std::span<std::string_view const> keys,
                std::span<std::optional<std::string_view>> values);
 
-  // Ask adds gets to the next exchange, one statement for each of their trees; Take caches their
-  // results.
-  std::vector<std::vector<std::string>> Ask(std::vector<TreeKey> const& gets);
-  void Take(std::vector<std::vector<std::string>> const& asked, std::span<Result> results);
+  // What From will be asked for, in one round trip.
+  void PrefetchSeeks(Tree tree, std::vector<std::string> const& keys);
 
-  // Up to `most` neighbouring entries. A page with fewer reaches the end of the tree.
+  // Keys in the server's form, by tree.
+  using Keys = std::array<std::set<std::string>, kTreeCount>;
+  struct Asked {
+    Keys gets;
+    Keys seeks;
+  };
+  // Ask adds hints to the next exchange, at most two statements for each of their trees; Take caches
+  // their results.
+  Asked Ask(std::vector<TreeKey> const& hints);
+  void Take(Asked const& asked, std::span<Result> results);
+
+  // Up to `most` neighbouring entries; two where From answers by what was prefetched.
   ServerPage const& From(Tree tree, std::string_view key, std::size_t most);
   ServerPage const& After(Tree tree, std::string_view key, std::size_t most);
   ServerPage const& Before(Tree tree, std::string_view key, std::size_t most);
@@ -43,15 +53,20 @@ class ServerView {
 
  private:
   using Known = std::unordered_map<std::string, std::optional<std::string_view>>;
+  using Sought = std::unordered_map<std::string, ServerPage const*>;  // by the key that was sought
 
-  void Learn(Tree tree, std::vector<std::string> const& asked, Result found);
+  template <typename Range>
+  void Learn(Tree tree, Range const& asked, Result found);
+  void LearnSought(Tree tree, std::set<std::string> const& asked, Result found);
+  Sought& SoughtIn(Tree tree) { return sought_[static_cast<std::size_t>(tree)]; }
   Known& KnownOf(Tree tree) { return known_[static_cast<std::size_t>(tree)]; }
   ServerPage const& Fetch(Tree tree, Statement const& statement, Parameters const& parameters,
-                          bool falling);
+                          std::size_t most, bool falling);
 
   Connection& connection_;
   Statements const& statements_;
   std::array<Known, kTreeCount> known_;
+  std::array<Sought, kTreeCount> sought_;
   std::vector<Result> results_;
   std::vector<std::unique_ptr<ServerPage>> pages_;
 };

@@ -19,6 +19,12 @@ TreeStatements StatementsOf(std::string const& schema, std::string const& table)
   TreeStatements made;
   made.get = named("get", "SELECT value FROM " + qualified + " WHERE key = $1::bytea");
   made.get_many = named("get_many", select + " WHERE key = ANY ($1::bytea[])");
+  made.seek_many = named("seek_many",
+                         "SELECT found.key, found.value, sought.key FROM unnest($1::bytea[]) AS"
+                         " sought (key) CROSS JOIN LATERAL (" +
+                             select +
+                             " AS one WHERE one.key >= sought.key ORDER BY one.key LIMIT 2)"
+                             " AS found ORDER BY sought.key, found.key");
   made.from = named("from", select + " WHERE key >= $1::bytea ORDER BY key LIMIT $2::bigint");
   made.after = named("after", select + " WHERE key > $1::bytea ORDER BY key LIMIT $2::bigint");
   made.before =
@@ -27,6 +33,8 @@ TreeStatements StatementsOf(std::string const& schema, std::string const& table)
   made.put = named("put", "INSERT INTO " + qualified +
                               " (key, value) SELECT * FROM unnest($1::bytea[], $2::bytea[])"
                               " ON CONFLICT (key) DO UPDATE SET value = EXCLUDED.value");
+  made.remove_range = named(
+      "remove_range", "DELETE FROM " + qualified + " WHERE key >= $1::bytea AND key < $2::bytea");
   made.remove = named("remove", "DELETE FROM " + qualified + " WHERE key = ANY ($1::bytea[])");
   return made;
 }

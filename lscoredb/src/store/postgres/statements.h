@@ -37,14 +37,16 @@ inline constexpr std::uint64_t kChangesKept = 10'000;
 inline constexpr std::size_t kMostChanges = 10'000;
 
 struct TreeStatements {
-  Statement get;       // key
-  Statement get_many;  // keys
-  Statement from;      // key, most rows: from the first not below
-  Statement after;     // key, most rows
-  Statement before;    // key, most rows, falling
-  Statement last;      // most rows, falling
-  Statement put;       // keys, values
-  Statement remove;    // keys
+  Statement get;           // key
+  Statement get_many;      // keys
+  Statement seek_many;     // keys: gives two entries from each on, with that key
+  Statement from;          // key, most rows: from the first not below
+  Statement after;         // key, most rows
+  Statement before;        // key, most rows, falling
+  Statement last;          // most rows, falling
+  Statement put;           // keys, values
+  Statement remove;        // keys
+  Statement remove_range;  // from a key on, below a key
 };
 
 struct Statements {
