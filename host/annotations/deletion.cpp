@@ -4,6 +4,7 @@
 
 #include "annotations/referrers.h"
 #include "annotations/rules.h"
+#include "data/fetch.h"
 
 namespace sagleme {
 namespace detail {
@@ -84,7 +85,10 @@ class Deletion {
   }
 
   void Follow(ReferenceRule const& rule, ObjectId target) {
-    for (Object const& from : FindReferrers(transaction_, *rule.table, rule.column, target)) {
+    std::vector<Object> const referrers =
+        FindReferrers(transaction_, *rule.table, rule.column, target);
+    if (rule.rule != OnDelete::kKeep && rule.rule != OnDelete::kRefuse) Fetch(referrers);
+    for (Object const& from : referrers) {
       switch (rule.rule) {
         case OnDelete::kKeep:
           break;
@@ -100,6 +104,12 @@ class Deletion {
           break;
       }
     }
+  }
+
+  void Fetch(std::vector<Object> const& objects) const {
+    std::vector<ObjectId> ids;
+    for (Object const& each : objects) ids.push_back(each.id());
+    FetchObjects(transaction_, ids);
   }
 
   ColumnLocation At(ReferenceRule const& rule, ObjectId object) const {

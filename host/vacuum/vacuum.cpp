@@ -5,6 +5,8 @@
 #include <span>
 #include <thread>
 
+#include "data/fetch.h"
+
 namespace sagleme {
 namespace {
 
@@ -201,6 +203,7 @@ class Worker {
 
   bool ChangeAll(Transaction& transaction, VacuumRequest const& request,
                  std::span<ObjectId const> batch) {
+    detail::FetchObjects(transaction, batch);
     for (ObjectId const id : batch) {
       auto object = Object::Find(transaction, id);
       if (!object || !Concerns(request, *object)) continue;  // another writer was here before
