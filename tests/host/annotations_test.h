@@ -13,6 +13,8 @@
 #include <string>
 #include <vector>
 
+#include "new_database.h"
+
 namespace sagleme {
 
 // What a call throws; empty when it does not.
@@ -71,7 +73,7 @@ class AnnotationsTest : public testing::Test {
     transaction.Commit();
   }
 
-  Database database_ = Database::InMemory();
+  Database database_ = sagleme_test::NewDatabase();
   Context context_{database_};
 };
 

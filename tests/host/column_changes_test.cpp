@@ -8,6 +8,7 @@
 #include <sagleme/column_changes.hpp>
 #include <sagleme/vacuum.hpp>
 
+#include "new_database.h"
 #include "status_of.h"
 
 namespace {
@@ -31,7 +32,7 @@ using sagleme::Value;
 // Item, with Book (and Novel below it) and Film.
 class ColumnChangesTest : public ::testing::Test {
  protected:
-  ColumnChangesTest() : database_(Database::InMemory()), context_(database_) {
+  ColumnChangesTest() : database_(sagleme_test::NewDatabase()), context_(database_) {
     Transaction transaction(context_);
     Create(transaction, u"L.Person", u"", {{u"Name", Type::kString}});
     Create(transaction, u"L.Author", u"L.Person", {{u"Pen", Type::kString}});

@@ -10,6 +10,8 @@
 #include <sagleme/host.hpp>
 #include <thread>
 
+#include "new_database.h"
+
 namespace {
 
 using sagleme::ColumnSpec;
@@ -27,7 +29,7 @@ constexpr char16_t kBook[] = u"App.Book";
 class Library {
  public:
   explicit Library(std::string const& directory = "", int tables_before = 0)
-      : database(directory.empty() ? Database::InMemory() : Database::Create(directory)),
+      : database(directory.empty() ? sagleme_test::NewDatabase() : Database::Create(directory)),
         context(database) {
     std::array const columns{ColumnSpec{u"Title", Type::kString}};
     std::array const index{sagleme::IndexColumnSpec{u"Title"}};

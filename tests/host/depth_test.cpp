@@ -4,12 +4,14 @@
 
 #include <sagleme/host.hpp>
 
+#include "new_database.h"
+
 namespace {
 
 std::u16string Level(int depth) { return u"App.T" + sagleme::ToUtf16(std::to_string(depth)); }
 
 TEST(DepthTest, TooDeepTree_EndsWithItsOwnStatusAndLeavesTheRest) {
-  sagleme::Database const database = sagleme::Database::InMemory();
+  sagleme::Database const database = sagleme_test::NewDatabase();
   sagleme::Context const context(database);
   int depth = 0;
   std::string text;
@@ -38,7 +40,7 @@ TEST(DepthTest, TooDeepTree_EndsWithItsOwnStatusAndLeavesTheRest) {
 
 // Of a name that is too long nothing else is said.
 TEST(DepthTest, LongName_IsNotTakenForDepth) {
-  sagleme::Database const database = sagleme::Database::InMemory();
+  sagleme::Database const database = sagleme_test::NewDatabase();
   sagleme::Context const context(database);
   sagleme::Transaction transaction(context);
   try {

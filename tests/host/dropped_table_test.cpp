@@ -9,6 +9,8 @@
 #include <sagleme/host.hpp>
 #include <sagleme/vacuum.hpp>
 
+#include "new_database.h"
+
 namespace {
 
 using sagleme::ColumnSpec;
@@ -20,7 +22,7 @@ using sagleme::Value;
 
 class DroppedTableTest : public ::testing::Test {
  protected:
-  DroppedTableTest() : database_(sagleme::Database::InMemory()), context_(database_) {
+  DroppedTableTest() : database_(sagleme_test::NewDatabase()), context_(database_) {
     Transaction transaction(context_);
     std::array const columns{ColumnSpec{u"Name", Type::kString}};
     std::array const by_name{sagleme::IndexColumnSpec{u"Name"}};

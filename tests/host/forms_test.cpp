@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "new_database.h"
 #include "status_of.h"
 
 namespace {
@@ -19,7 +20,7 @@ using sagleme::Type;
 
 class FormsTest : public ::testing::Test {
  protected:
-  FormsTest() : database_(sagleme::Database::InMemory()), context_(database_) {}
+  FormsTest() : database_(sagleme_test::NewDatabase()), context_(database_) {}
 
   sagleme::Database database_;
   sagleme::Context context_;

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "new_database.h"
 #include "status_of.h"
 
 namespace hierarchy_test {
@@ -28,7 +29,7 @@ using Ids = std::vector<ObjectId>;
 // Loan (Item -> Item, Book -> Book).
 class HierarchyTest : public ::testing::Test {
  protected:
-  HierarchyTest() : database_(sagleme::Database::InMemory()), context_(database_) {
+  HierarchyTest() : database_(sagleme_test::NewDatabase()), context_(database_) {
     Transaction transaction(context_);
     sagleme::CreateTable(transaction, u"Item", u"", {{u"Title", Type::kString}});
     sagleme::CreateTable(transaction, u"Book", u"Item", {{u"Pages", Type::kLong, true}});

@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <sagleme/host.hpp>
 
+#include "new_database.h"
 #include "status_of.h"
 
 namespace {
@@ -13,7 +14,7 @@ using sagleme::Type;
 
 class HostTest : public ::testing::Test {
  protected:
-  HostTest() : database_(sagleme::Database::InMemory()), context_(database_) {
+  HostTest() : database_(sagleme_test::NewDatabase()), context_(database_) {
     sagleme::Transaction transaction(context_);
     std::array const base{ColumnSpec{u"Name", Type::kString},
                           ColumnSpec{u"Size", Type::kLong, false},

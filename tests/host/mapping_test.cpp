@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "new_database.h"
+
 namespace {
 
 enum class Shelf : std::uint8_t { kNone, kTop = 7 };
@@ -118,7 +120,7 @@ static_assert(sagleme::Mapped<Book> && !sagleme::Mapped<Unstored>);
 
 class MappingTest : public ::testing::Test {
  protected:
-  MappingTest() : database_(sagleme::Database::InMemory()), context_(database_) {
+  MappingTest() : database_(sagleme_test::NewDatabase()), context_(database_) {
     sagleme::Transaction transaction(context_);
     sagleme::DefineTables<Book, Person>(transaction);
     transaction.Commit();

@@ -6,6 +6,8 @@
 #include <sagleme/check.hpp>
 #include <sagleme/host.hpp>
 
+#include "new_database.h"
+
 namespace {
 
 using namespace sagleme;
@@ -39,7 +41,7 @@ class ReferenceTest : public testing::Test {
   }
   void SetOwner(Object& thing, ObjectId owner) { thing.Set(u"Owner", owner); }
 
-  Database database_ = Database::InMemory();
+  Database database_ = sagleme_test::NewDatabase();
   Context context_{database_};
   Transaction transaction_{context_};
   TablePtr thing_;

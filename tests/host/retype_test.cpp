@@ -3,6 +3,7 @@
 #include <sagleme/annotations.hpp>
 
 #include "hierarchy_test.h"
+#include "new_database.h"
 
 namespace hierarchy_test {
 namespace {
@@ -243,7 +244,7 @@ TEST_F(RetypeTest, BadRequests_AreRefused) {
       "table Lorvenstack.Internal.Metadata.Vacuum belongs to the catalogue itself and takes "
       "no objects",
       RefusalOf([&] { Retype(transaction, {id}, u"Lorvenstack.Internal.Metadata.Vacuum"); }));
-  auto const other_database = sagleme::Database::InMemory();
+  auto const other_database = sagleme_test::NewDatabase();
   sagleme::Context const other_context(other_database);
   Transaction other(other_context);
   EXPECT_EQ(LORV_STATUS_FOREIGN_DATABASE, StatusOf([&] {

@@ -5,6 +5,7 @@
 #include <array>
 #include <sagleme/host.hpp>
 
+#include "new_database.h"
 #include "status_of.h"
 
 namespace {
@@ -16,7 +17,7 @@ using sagleme::Type;
 
 class SavepointTest : public ::testing::Test {
  protected:
-  SavepointTest() : database_(sagleme::Database::InMemory()), context_(database_) {
+  SavepointTest() : database_(sagleme_test::NewDatabase()), context_(database_) {
     Transaction transaction(context_);
     std::array const columns{ColumnSpec{u"Name", Type::kString},
                              ColumnSpec{u"Next", Type::kReference, true, u"App.Thing"}};
