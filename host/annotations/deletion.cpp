@@ -4,7 +4,7 @@
 
 #include "annotations/referrers.h"
 #include "annotations/rules.h"
-#include "data/fetch.h"
+#include "text/fetch.h"
 
 namespace sagleme {
 namespace detail {

@@ -5,7 +5,7 @@
 #include <span>
 #include <thread>
 
-#include "data/fetch.h"
+#include "text/fetch.h"
 
 namespace sagleme {
 namespace {

@@ -123,7 +123,7 @@ void BuildCodes(Context const& context) {
   EXPECT_TRUE(BuildIndex(context, index));
 }
 
-TEST(RoundTripsTest, Insert) {
+TEST(RoundTripsTest, Insert_TakesNoTripPerObject) {
   ExpectFew(Committed([](Shop const& shop, Transaction& transaction) {
     Shop::AddItems(transaction, shop.items(), 100000);
   }));
@@ -133,16 +133,16 @@ Work const kUniqueCode = Committed([](Shop const&, Transaction& transaction) {
   CreateIndex(transaction, u"ItemByCode", kItem, {{u"Code"}}, Uniqueness::kUnique);
 });
 
-TEST(RoundTripsTest, CreateUniqueIndex) { ExpectFew(kUniqueCode); }
+TEST(RoundTripsTest, CreateUniqueIndex_TakesNoTripPerObject) { ExpectFew(kUniqueCode); }
 
-TEST(RoundTripsTest, InsertUnique) {
+TEST(RoundTripsTest, InsertUnique_TakesNoTripPerObject) {
   ExpectFew(Committed([](Shop const& shop, Transaction& transaction) {
               Shop::AddItems(transaction, shop.items(), 100000);
             }),
             kUniqueCode);
 }
 
-TEST(RoundTripsTest, Update) {
+TEST(RoundTripsTest, Update_TakesNoTripPerObject) {
   ExpectFew(Committed([](Shop const&, Transaction& transaction) {
     for (Object each : Range::Subtree(transaction, *transaction.table(kItem))) {
       each.Set(u"Year", u"2000");
@@ -174,7 +174,7 @@ TEST(RoundTripsTest, DuplicateAmongManyKeys_IsRefusedByTheCommit) {
   EXPECT_EQ(LSCOREDB_DUPLICATE_KEY, status_of([&] { transaction.Commit(); }));
 }
 
-TEST(RoundTripsTest, ReadLongTexts) {
+TEST(RoundTripsTest, ReadLongTexts_TakesNoTripPerObject) {
   auto const text = [](int i) {
     return std::u16string(20000, static_cast<char16_t>('a' + i % 26));
   };
@@ -193,7 +193,7 @@ TEST(RoundTripsTest, ReadLongTexts) {
             grow);
 }
 
-TEST(RoundTripsTest, UpdateUnique) {
+TEST(RoundTripsTest, UpdateUnique_TakesNoTripPerObject) {
   ExpectFew(Committed([](Shop const&, Transaction& transaction) {
               int i = 0;
               for (Object each : Range::Subtree(transaction, *transaction.table(kItem))) {
@@ -203,22 +203,22 @@ TEST(RoundTripsTest, UpdateUnique) {
             kUniqueCode);
 }
 
-TEST(RoundTripsTest, Delete) {
+TEST(RoundTripsTest, Delete_TakesNoTripPerObject) {
   ExpectFew(Committed([](Shop const&, Transaction& transaction) {
     for (Object each : Range::Subtree(transaction, *transaction.table(kItem))) each.Delete();
   }));
 }
 
-TEST(RoundTripsTest, DropIndex) {
+TEST(RoundTripsTest, DropIndex_TakesNoTripPerObject) {
   ExpectFew(Committed(
       [](Shop const&, Transaction& transaction) { DropIndex(transaction, u"ItemByYear"); }));
 }
 
-TEST(RoundTripsTest, BuildIndex) {
+TEST(RoundTripsTest, BuildIndex_TakesNoTripPerObject) {
   ExpectFew([](Shop const&, Context const& context) { BuildCodes(context); });
 }
 
-TEST(RoundTripsTest, AbandonIndexBuild) {
+TEST(RoundTripsTest, AbandonIndexBuild_TakesNoTripPerObject) {
   ExpectFew(
       [](Shop const&, Context const& context) {
         for (IndexBuild const& build : IndexBuilds(context)) AbandonIndexBuild(context, build.id);
@@ -229,38 +229,38 @@ TEST(RoundTripsTest, AbandonIndexBuild) {
       });
 }
 
-TEST(RoundTripsTest, ChangeColumnType) {
+TEST(RoundTripsTest, ChangeColumnType_TakesNoTripPerObject) {
   ExpectFew(Committed([](Shop const&, Transaction& transaction) {
     ChangeColumnType(transaction, kItem, {u"Year", Type::kLong});
   }));
 }
 
-TEST(RoundTripsTest, PullUpColumn) {
+TEST(RoundTripsTest, PullUpColumn_TakesNoTripPerObject) {
   ExpectFew(Committed([](Shop const&, Transaction& transaction) {
     PullUpColumn(transaction, kBook, u"Pages", kItem);
   }));
 }
 
-TEST(RoundTripsTest, PushDownColumn) {
+TEST(RoundTripsTest, PushDownColumn_TakesNoTripPerObject) {
   ExpectFew(Committed([](Shop const&, Transaction& transaction) {
     PushDownColumn(transaction, kItem, u"Year", {kBook});
   }));
 }
 
-TEST(RoundTripsTest, AddColumns) {
+TEST(RoundTripsTest, AddColumns_TakesNoTripPerObject) {
   ExpectFew(Committed([](Shop const&, Transaction& transaction) {
     AddColumns(transaction, kItem, {{u"Note", Type::kString}});
   }));
 }
 
-TEST(RoundTripsTest, Vacuum) {
+TEST(RoundTripsTest, Vacuum_TakesNoTripPerObject) {
   ExpectFew([](Shop const&, Context const& context) { RunVacuum(context); },
             Committed([](Shop const&, Transaction& transaction) {
               AddColumns(transaction, kItem, {{u"Note", Type::kString}});
             }));
 }
 
-TEST(RoundTripsTest, DropTableAndVacuum) {
+TEST(RoundTripsTest, DropTableAndVacuum_TakesNoTripPerObject) {
   ExpectFew([](Shop const&, Context const& context) {
     Transaction transaction(context);
     DropTable(transaction, kItem, {.children = true});
@@ -269,7 +269,7 @@ TEST(RoundTripsTest, DropTableAndVacuum) {
   });
 }
 
-TEST(RoundTripsTest, SetDefault) {
+TEST(RoundTripsTest, SetDefault_TakesNoTripPerObject) {
   ExpectFew(Committed([](Shop const&, Transaction& transaction) {
     SetDefault(transaction, *transaction.table(kItem), u"Year", u"1999");
   }));
@@ -279,9 +279,9 @@ Work const kCascade = Committed([](Shop const&, Transaction& transaction) {
   SetOnDelete(transaction, *transaction.table(kItem), u"On", OnDelete::kCascade);
 });
 
-TEST(RoundTripsTest, SetOnDelete) { ExpectFew(kCascade); }
+TEST(RoundTripsTest, SetOnDelete_TakesNoTripPerObject) { ExpectFew(kCascade); }
 
-TEST(RoundTripsTest, DeleteWithReferrers) {
+TEST(RoundTripsTest, DeleteWithReferrers_TakesNoTripPerObject) {
   ExpectFew(Committed([](Shop const&, Transaction& transaction) {
               for (Object each : Range::Only(transaction, *transaction.table(kShelf)))
                 each.Delete();
@@ -289,14 +289,14 @@ TEST(RoundTripsTest, DeleteWithReferrers) {
             kCascade);
 }
 
-TEST(RoundTripsTest, InsertUnderRules) {
+TEST(RoundTripsTest, InsertUnderRules_TakesNoTripPerObject) {
   ExpectFew(Committed([](Shop const& shop, Transaction& transaction) {
               Shop::AddItems(transaction, shop.items(), 100000);
             }),
             kCascade);
 }
 
-TEST(RoundTripsTest, Import) {
+TEST(RoundTripsTest, Import_TakesNoTripPerObject) {
   ExpectFew([](Shop const& shop, Context const& context) {
     std::stringstream text;
     text << "Code,Year,Pages\n";
@@ -308,7 +308,7 @@ TEST(RoundTripsTest, Import) {
   });
 }
 
-TEST(RoundTripsTest, Export) {
+TEST(RoundTripsTest, Export_TakesNoTripPerObject) {
   ExpectFew(Committed([](Shop const& shop, Transaction& transaction) {
     std::string text;
     ExportResult const result = Export(transaction, *transaction.table(kItem),
@@ -317,7 +317,7 @@ TEST(RoundTripsTest, Export) {
   }));
 }
 
-TEST(RoundTripsTest, Dump) {
+TEST(RoundTripsTest, Dump_TakesNoTripPerObject) {
   ExpectFew(Committed([](Shop const&, Transaction& transaction) {
     std::string text;
     Dump(transaction, [&](std::string_view part) { text += part; });
@@ -325,13 +325,13 @@ TEST(RoundTripsTest, Dump) {
   }));
 }
 
-TEST(RoundTripsTest, Check) {
+TEST(RoundTripsTest, Check_TakesNoTripPerObject) {
   ExpectFew([](Shop const& shop, Context const&) {
     EXPECT_EQ(0u, lscoredb_check(shop.used->handle(), 0, nullptr, nullptr));
   });
 }
 
-TEST(RoundTripsTest, ReadReferences) {
+TEST(RoundTripsTest, ReadReferences_TakesNoTripPerObject) {
   ExpectFew(Committed([](Shop const&, Transaction& transaction) {
     for (Object each : Range::Subtree(transaction, *transaction.table(kItem))) {
       Object::Find(transaction, std::get<ObjectId>(each.Get(u"On")))->Get(u"Name");

@@ -40,8 +40,8 @@ class ServerView {
     Keys gets;
     Keys seeks;
   };
-  // Ask adds hints to the next exchange, at most two statements for each of their trees; Take caches
-  // their results.
+  // Ask adds hints to the next exchange, at most two statements for each of their trees; Take
+  // caches their results.
   Asked Ask(std::vector<TreeKey> const& hints);
   void Take(Asked const& asked, std::span<Result> results);
 

@@ -1,5 +1,5 @@
-#ifndef SAGLEME_HOST_DATA_FETCH_H
-#define SAGLEME_HOST_DATA_FETCH_H
+#ifndef SAGLEME_HOST_TEXT_FETCH_H
+#define SAGLEME_HOST_TEXT_FETCH_H
 
 // Objects that will be read or changed one after the other: from a server they come together.
 
