@@ -15,6 +15,7 @@
 // the API: they are the binary interface for makers of language bindings.
 
 #include <sagleme/annotations.hpp>
+#include <sagleme/changes.hpp>
 #include <sagleme/check.hpp>
 #include <sagleme/column_changes.hpp>
 #include <sagleme/counts.hpp>

@@ -3,6 +3,8 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <array>
+
 namespace tool {
 namespace {
 
@@ -31,17 +33,17 @@ bool TakeInterrupt() {
 
 // The signal is unblocked only while the process waits, so none is missed between the check and the
 // wait.
-bool WaitForInput(int file) {
+bool WaitForInput(int file, int output) {
   sigset_t interrupt;
   sigset_t before;
   sigemptyset(&interrupt);
   sigaddset(&interrupt, SIGINT);
   sigprocmask(SIG_BLOCK, &interrupt, &before);
-  pollfd input{file, POLLIN, 0};
-  while (!InterruptPending() && ppoll(&input, 1, nullptr, &before) < 0) {
+  std::array<pollfd, 2> files{{{file, POLLIN, 0}, {output, 0, 0}}};
+  while (!InterruptPending() && ppoll(files.data(), files.size(), nullptr, &before) < 0) {
   }
   sigprocmask(SIG_SETMASK, &before, nullptr);
-  return !InterruptPending();
+  return !InterruptPending() && files[1].revents == 0;
 }
 
 void CheckInterrupt() {

@@ -30,8 +30,9 @@ class InterruptGuard {
 bool InterruptPending();
 // Returns whether one is pending, and forgets it.
 bool TakeInterrupt();
-// Waits until the file has data or has ended. False if Ctrl-C came first.
-bool WaitForInput(int file);
+// Waits until the file has data or has ended. False if Ctrl-C came first, or if `output` is given
+// and nobody reads it any more.
+bool WaitForInput(int file, int output = -1);
 // Throws Interrupted if one is pending. It stays pending until it is taken.
 void CheckInterrupt();
 

@@ -76,6 +76,7 @@ std::vector<std::unique_ptr<Command>> MakeCommands() {
   commands.push_back(MakeVacuum());
   commands.push_back(MakeJobs());
   commands.push_back(MakeCopy());
+  commands.push_back(MakeChanges());
   commands.push_back(MakeDiagram());
   commands.push_back(MakeStubs());
 #ifdef SAGLEME_TOOL_SQL
