@@ -170,6 +170,26 @@ def _watched(rows: Iterable[Any], progress: bool, total: int | None) -> Iterable
     return rows if bar is None else bar(rows, total=total, unit=" objects")
 
 
+class Meter:
+    """A progress bar of work that says how far it is, if one is wanted and tqdm is installed."""
+
+    def __init__(self, wanted: bool, unit: str) -> None:
+        make = _tqdm() if wanted else None
+        self._bar = None if make is None else make(unit=unit)
+        self.show: Callable[[int, int], None] | None = None if self._bar is None else self._show
+
+    def _show(self, done: int, total: int) -> None:
+        self._bar.total = total or None
+        self._bar.update(done - self._bar.n)
+
+    def __enter__(self) -> Meter:
+        return self
+
+    def __exit__(self, *exception: Any) -> None:
+        if self._bar is not None:
+            self._bar.close()
+
+
 class _Bar:
     """A progress bar, if one is wanted and tqdm is installed."""
 

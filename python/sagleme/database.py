@@ -314,28 +314,50 @@ class Database:
 
     # ---- upkeep
 
-    def copy(self, directory: str | os.PathLike[str]) -> None:
+    def copy(self, directory: str | os.PathLike[str], *, progress: bool = False) -> None:
         """Writes a packed copy of the newest committed state into a new directory."""
-        self._handle.copy(os.fspath(directory))
+        from .bulk import Meter
+
+        with Meter(progress, " steps") as meter:
+            self._handle.copy(os.fspath(directory), meter.show)
 
     def statistics(self) -> dict[str, int]:
         """Sizes, commits and open transactions, over all processes."""
         found: dict[str, int] = self._handle.statistics()
         return found
 
-    def vacuum(self, *, batch: int = 1000,
-               report: Callable[[dict[str, int]], bool | None] | None = None) -> dict[str, int]:
+    def build_index(self, cls: Any, *columns: str, unique: bool = False, batch: int = 5000,
+                    progress: bool = False,
+                    report: Callable[[dict[str, Any]], bool | None] | None = None) -> bool:
+        """Builds an index beside writers, in small commits, where `apply` would keep them waiting.
+
+        ``db.build_index(Book, "author", "-year")`` for what the class declares as an index: a later
+        `apply` finds it there. Each batch calls `report`; False from it ends the build, which goes
+        on when it is called for again. True if the index is there.
+        """
+        index = models.Index(*columns, unique=unique)
+        _need_batch(batch)
+        _need_class(cls)._need_columns(index)
+        found = schemas.index_columns(cls, index)
+        table = cls._table_name
+        with _Reports(progress, report, "done", "total") as reports:
+            return bool(_core.build_index(
+                self._context(), schemas.index_name(table, found, unique), table, list(found),
+                unique, batch, reports.take))
+
+    def vacuum(self, *, batch: int = 1000, progress: bool = False,
+               report: Callable[[dict[str, Any]], bool | None] | None = None) -> dict[str, int]:
         """Moves objects to the current layout of their tables, and removes those of dropped ones.
 
         Each batch is a transaction of its own, after which `report` gets what was done so far;
         False from it ends the run. A later run goes on.
         """
-        if not isinstance(batch, int) or batch < 1:
-            raise WrongType(f"a batch holds at least one object, not {batch!r}")
-        found: dict[str, int] = _core.vacuum(self._context(), batch, report)
+        _need_batch(batch)
+        with _Reports(progress, report, "requests_done", "requests") as reports:
+            found: dict[str, int] = _core.vacuum(self._context(), batch, reports.take)
         return found
 
-    def check(self, *, references: bool = False) -> list[Finding]:
+    def check(self, *, references: bool = False, progress: bool = False) -> list[Finding]:
         """Reads everything that is committed and returns what is inconsistent, usually nothing.
 
         With `references` it also reports those that lead to no object of their class.
@@ -344,7 +366,10 @@ class Database:
             raise WrongType("a database in memory has no file to check")
         if self.closed:
             raise ClosedError("the database is closed")
-        return [Finding(*each) for each in _core.check(self.path, references)]
+        from .bulk import Meter
+
+        with Meter(progress, " steps") as meter:
+            return [Finding(*each) for each in _core.check(self.path, references, meter.show)]
 
     def schema(self) -> list[dict[str, Any]]:
         """All tables with their columns and indexes, as plain dictionaries."""
@@ -384,6 +409,32 @@ class Database:
     def __repr__(self) -> str:
         where = "in memory" if self.path is None else repr(_core.shown_place(self.path))
         return f"<database {where}{', closed' if self.closed else ''}>"
+
+
+def _need_batch(batch: Any) -> None:
+    if not isinstance(batch, int) or batch < 1:
+        raise WrongType(f"a batch holds at least one object, not {batch!r}")
+
+
+class _Reports:
+    """Passes what long work reports on: to a function, to a progress bar, or both."""
+
+    def __init__(self, progress: bool, report: Callable[[dict[str, Any]], bool | None] | None,
+                 done: str, total: str) -> None:
+        from .bulk import Meter
+
+        self._meter, self._report, self._done, self._total = Meter(progress, ""), report, done, total
+
+    def take(self, told: dict[str, Any]) -> bool | None:
+        if self._meter.show is not None:
+            self._meter.show(told[self._done], told[self._total])
+        return None if self._report is None else self._report(told)
+
+    def __enter__(self) -> _Reports:
+        return self
+
+    def __exit__(self, *exception: Any) -> None:
+        self._meter.__exit__()
 
 
 def _refuse(plan: schemas.Plan, allowed: set[str]) -> None:

@@ -448,10 +448,13 @@ class TableMeta(type):
     def _add_index(cls, index: Any) -> None:
         if not isinstance(index, Index):
             raise ModelError(f"{cls.__name__}: indexes=[...] takes sg.Index(...), not {index!r}")
+        cls._need_columns(index)
+        cls._indexes.append(index)
+
+    def _need_columns(cls, index: Index) -> None:
         for name, _ in index.columns:
             if name not in cls._columns:
                 raise ModelError(f"{cls.__name__}: an index names {name!r}, which is no column")
-        cls._indexes.append(index)
 
     def __repr__(cls) -> str:
         return f"<table {cls._table_name or cls.__name__}>"

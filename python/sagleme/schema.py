@@ -253,7 +253,7 @@ class _Planner:
                                lambda tx: _core.add_columns(tx, table, columns)))
 
     def _indexes(self, cls: Any, table: dict[str, Any], kept: dict[str, str]) -> None:
-        wanted = {(_index_columns(cls, index), index.unique): index for index in cls._indexes}
+        wanted = {(index_columns(cls, index), index.unique): index for index in cls._indexes}
         inherited = {} if cls._base is None else {
             each._column: each._column for each in cls._base._columns.values()}
         for index in table["indexes"]:
@@ -271,21 +271,24 @@ class _Planner:
                                lambda tx: _core.drop_index(tx, name)))
 
     def _create_index(self, cls: Any, index: Any) -> None:
-        table, columns = cls._table_name, _index_columns(cls, index)
-        name = f"{table}." + "+".join(each if up else f"-{each}" for each, up in columns)
-        if index.unique:
-            name += " unique"
+        table, columns = cls._table_name, index_columns(cls, index)
+        name = index_name(table, columns, index.unique)
         shown = ", ".join(each if up else f"{each} backwards" for each, up in columns)
         text = f"create {'unique ' if index.unique else ''}index over {table} ({shown})"
         self.steps.append(Step("background", text, _CREATE_INDEX, lambda tx: _core.create_index(
             tx, name, table, list(columns), index.unique)))
 
 
+def index_name(table: str, columns: Iterable[tuple[str, bool]], unique: bool) -> str:
+    shown = "+".join(each if up else f"-{each}" for each, up in columns)
+    return f"{table}.{shown}" + (" unique" if unique else "")
+
+
 def _renaming(cls: Any, before: str, after: str) -> Callable[[Any], None]:
     return lambda tx: _core.rename_column(tx, cls._table_name, before, after)
 
 
-def _index_columns(cls: Any, index: Any) -> tuple[tuple[str, bool], ...]:
+def index_columns(cls: Any, index: Any) -> tuple[tuple[str, bool], ...]:
     return tuple((cls._columns[name]._column, up) for name, up in index.columns)
 
 

@@ -108,6 +108,20 @@ sagleme::Transaction& KernelOf(PyObject* transaction) {
   return *As<Transaction>(transaction)->kernel;
 }
 
+std::vector<sagleme::IndexColumnSpec> IndexColumns(PyObject* columns) {
+  std::vector<sagleme::IndexColumnSpec> specs;
+  Ref const list(Need(PySequence_Fast(columns, "columns are a list")));
+  for (Py_ssize_t i = 0; i < PySequence_Fast_GET_SIZE(list.get()); ++i) {
+    PyObject* column = nullptr;
+    int ascending = 0;
+    if (!PyArg_ParseTuple(PySequence_Fast_GET_ITEM(list.get(), i), "Up", &column, &ascending)) {
+      throw PythonError{};
+    }
+    specs.push_back({ToUnits(column), ascending != 0});
+  }
+  return specs;
+}
+
 PyObject* Catalogue(PyObject*, PyObject* transaction) {
   return Guard([&] {
     Ref list(Need(PyList_New(0)));
@@ -199,16 +213,7 @@ PyObject* CreateIndex(PyObject*, PyObject* args) {
   }
   return Guard([&]() -> PyObject* {
     sagleme::Transaction& kernel = KernelOf(transaction);
-    std::vector<sagleme::IndexColumnSpec> specs;
-    Ref const list(Need(PySequence_Fast(columns, "columns are a list")));
-    for (Py_ssize_t i = 0; i < PySequence_Fast_GET_SIZE(list.get()); ++i) {
-      PyObject* column = nullptr;
-      int ascending = 0;
-      if (!PyArg_ParseTuple(PySequence_Fast_GET_ITEM(list.get(), i), "Up", &column, &ascending)) {
-        throw PythonError{};
-      }
-      specs.push_back({ToUnits(column), ascending != 0});
-    }
+    auto const specs = IndexColumns(columns);
     auto const uniqueness = unique != 0 ? sagleme::Uniqueness::kUnique : sagleme::Uniqueness::kAny;
     std::u16string const index_name = ToUnits(name);
     std::u16string const table_name = ToUnits(table);

@@ -10,6 +10,7 @@ namespace binding {
 
 // The transaction of an argument. Fails for anything else, and for one that has ended.
 sagleme::Transaction& KernelOf(PyObject* transaction);
+std::vector<sagleme::IndexColumnSpec> IndexColumns(PyObject* columns);
 // A value of a column by itself; decimals are whole numbers of millionths, references None.
 PyObject* FromValue(sagleme::Value const& value);
 
@@ -51,7 +52,11 @@ PyObject* DropIndex(PyObject* module, PyObject* args);     // name
 // vacuum(context, objects in a batch, report or None): moves objects to the shape of their tables.
 // `report` is called with a dictionary after each batch; False ends the run.
 PyObject* Vacuum(PyObject* module, PyObject* args);
-// check(directory, references) -> [(rule, table, object, sentence)]
+// build_index(context, name, table, columns, unique, objects in a batch, report or None): whether
+// it was built to the end. `report` is called as that of vacuum.
+PyObject* BuildIndex(PyObject* module, PyObject* args);
+// check(directory, references, report or None) -> [(rule, table, object, sentence)]. `report` is
+// called with two numbers, what is done and in all.
 PyObject* Check(PyObject* module, PyObject* args);
 
 }  // namespace binding

@@ -4,6 +4,7 @@
 #include <set>
 
 #include "types.h"
+#include "watched.h"
 
 namespace binding {
 namespace {
@@ -119,7 +120,10 @@ PyObject* NewContext(PyObject* object, PyObject*) {
 }
 
 // What another thread may not take away meanwhile: the database closes only without contexts.
-PyObject* Copy(PyObject* object, PyObject* directory) {
+PyObject* Copy(PyObject* object, PyObject* args) {
+  PyObject* directory = nullptr;
+  PyObject* report = nullptr;
+  if (!PyArg_ParseTuple(args, "UO", &directory, &report)) return nullptr;
   return Guard([&]() -> PyObject* {
     auto* const self = As<Database>(object);
     NeedDatabase(self);
@@ -129,8 +133,10 @@ PyObject* Copy(PyObject* object, PyObject* directory) {
       lscoredb* const handle = self->handle->handle();
       Working const working(self);
       Unlocked const unlocked;
+      Watched const watched(report);
       status = lscoredb_copy(handle, name.c_str());
     }
+    if (PyErr_Occurred()) throw PythonError{};
     sagleme::detail::CheckKernel(status);
     Py_RETURN_NONE;
   });
@@ -171,7 +177,7 @@ PyObject* ContextIsOpen(PyObject* object, void*) {
 PyMethodDef g_database_methods[] = {
     {"close", Close, METH_NOARGS, "Ends all transactions and closes."},
     {"context", NewContext, METH_NOARGS, "A context for one thread."},
-    {"copy", Copy, METH_O, "Writes a packed copy into a directory."},
+    {"copy", Copy, METH_VARARGS, "Writes a packed copy into a directory."},
     {"statistics", Statistics, METH_NOARGS, "Figures of the whole database."},
     {nullptr, nullptr, 0, nullptr}};
 

@@ -1,13 +1,21 @@
-// Work on whole databases: the vacuum and the check.
+// Work on whole databases: the vacuum, the check, and indexes built beside writers.
 
 #include <sagleme/check.hpp>
+#include <sagleme/index_build.hpp>
 #include <sagleme/vacuum.hpp>
 
 #include "catalogue.h"
 #include "types.h"
+#include "watched.h"
 
 namespace binding {
 namespace {
+
+PyObject* ProgressOf(sagleme::IndexBuildProgress const& done) {
+  std::string_view const state = sagleme::IndexBuildStateName(done.state);
+  return Py_BuildValue("{ss#sKsKsK}", "state", state.data(), static_cast<Py_ssize_t>(state.size()),
+                       "done", done.done, "total", done.total, "conflicts", done.conflicts);
+}
 
 PyObject* ProgressOf(sagleme::VacuumProgress const& done) {
   return Py_BuildValue("{sKsKsKsKsKsK}", "moved", done.moved, "removed", done.removed,
@@ -16,7 +24,8 @@ PyObject* ProgressOf(sagleme::VacuumProgress const& done) {
 }
 
 // Reports a batch to Python. False ends the run, and so does an exception, which stays set.
-bool Report(PyObject* report, sagleme::VacuumProgress const& done) {
+template <typename Progress>
+bool Report(PyObject* report, Progress const& done) {
   PyGILState_STATE const state = PyGILState_Ensure();
   bool go_on = PyErr_CheckSignals() == 0;
   if (go_on && report != Py_None) {
@@ -36,7 +45,47 @@ PyObject* FindingOf(sagleme::Finding const& finding) {
                        static_cast<Py_ssize_t>(finding.what.size()));
 }
 
+// A context in which work may begin transactions of its own.
+Context* IdleContext(PyObject* object, std::string const& work) {
+  auto* const context = As<Context>(object);
+  if (context->handle == nullptr) Raise("ClosedError", "the database is closed");
+  if (context->current != nullptr) {
+    Raise("NestedTransaction", "a transaction is open in this thread; end it before " + work);
+  }
+  return context;
+}
+
 }  // namespace
+
+PyObject* BuildIndex(PyObject*, PyObject* args) {
+  PyObject* context_object = nullptr;
+  PyObject* name = nullptr;
+  PyObject* table = nullptr;
+  PyObject* columns = nullptr;
+  int unique = 0;
+  unsigned int batch = 0;
+  PyObject* report = nullptr;
+  if (!PyArg_ParseTuple(args, "O!UUOpIO", &g_context_type, &context_object, &name, &table, &columns,
+                        &unique, &batch, &report)) {
+    return nullptr;
+  }
+  return Guard([&] {
+    auto* const context = IdleContext(context_object, "an index is built");
+    sagleme::IndexSpec const index{
+        ToUnits(name), ToUnits(table), IndexColumns(columns),
+        unique != 0 ? sagleme::Uniqueness::kUnique : sagleme::Uniqueness::kAny};
+    sagleme::IndexBuildOptions options;
+    options.batch = batch;
+    options.report = [report](auto const& done) { return Report(report, done); };
+    bool const built = NotStopped([&] {
+      Working const working(context->database);
+      Unlocked const unlocked;
+      return sagleme::BuildIndex(*context->handle, index, options);
+    });
+    if (PyErr_Occurred()) throw PythonError{};
+    return PyBool_FromLong(built ? 1 : 0);
+  });
+}
 
 PyObject* Vacuum(PyObject*, PyObject* args) {
   PyObject* context_object = nullptr;
@@ -46,11 +95,7 @@ PyObject* Vacuum(PyObject*, PyObject* args) {
     return nullptr;
   }
   return Guard([&] {
-    auto* const context = As<Context>(context_object);
-    if (context->handle == nullptr) Raise("ClosedError", "the database is closed");
-    if (context->current != nullptr) {
-      Raise("NestedTransaction", "a transaction is open in this thread; end it before the vacuum");
-    }
+    auto* const context = IdleContext(context_object, "the vacuum");
     sagleme::VacuumOptions options;
     options.batch = batch;
     options.report = [report](auto const& done) { return Report(report, done); };
@@ -68,15 +113,18 @@ PyObject* Vacuum(PyObject*, PyObject* args) {
 PyObject* Check(PyObject*, PyObject* args) {
   PyObject* path = nullptr;
   int references = 0;
-  if (!PyArg_ParseTuple(args, "Up", &path, &references)) return nullptr;
+  PyObject* report = nullptr;
+  if (!PyArg_ParseTuple(args, "UpO", &path, &references, &report)) return nullptr;
   return Guard([&] {
     std::vector<sagleme::Finding> findings;
     std::string const directory = TextOf(path);
-    {
+    NotStopped([&] {
       Unlocked const unlocked;
+      Watched const watched(report);
       sagleme::CheckDatabase(directory, {.references = references != 0},
                              [&](sagleme::Finding const& each) { findings.push_back(each); });
-    }
+    });
+    if (PyErr_Occurred()) throw PythonError{};
     Ref list(Need(PyList_New(0)));
     for (sagleme::Finding const& each : findings) {
       Ref const entry(Need(FindingOf(each)));

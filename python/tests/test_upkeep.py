@@ -1,3 +1,6 @@
+import subprocess
+import sys
+
 import pytest
 from library import MODELS, Book, Film, Item, Person, fill
 from test_schema import in_child
@@ -95,3 +98,86 @@ def test_objects_of_a_dropped_table_are_found_no_more():
 
     in_child(drop)
     in_child(look)
+
+
+def test_an_index_is_built_beside_writers(make):
+    class Before(sg.Table, name="Thing"):
+        size: int = 0
+        name: str | None
+
+    class After(sg.Table, name="Thing", indexes=[sg.Index("size", "-name")]):
+        size: int = 0
+        name: str | None
+
+    def old():
+        with sg.open("things", models=[Before]) as db:
+            db.apply()
+            with db.write() as tx:
+                tx.insert_many(Before, [(i, str(i)) for i in range(100)])
+
+    def new():
+        with sg.open("things", models=[After]) as db:
+            assert len(db.plan()) == 1
+            assert not db.build_index(After, "size", "-name", batch=10, report=lambda told: False)
+            told = []
+            assert db.build_index(After, "size", "-name", batch=10, report=told.append)
+            assert told[-1]["done"] == told[-1]["total"] or told[-1]["state"] == "ready"
+            assert str(db.plan()) == "nothing to do"
+            assert db.build_index(After, "size", "-name")
+            with db.read() as tx:
+                assert "Thing.size+-name" in tx.all(After).where(After.size == 3).explain()
+                with pytest.raises(sg.NestedTransaction, match="before an index is built"):
+                    db.build_index(After, "size")
+            with pytest.raises(sg.ModelError, match="'missing', which is no column"):
+                db.build_index(After, "missing")
+            with pytest.raises(KeyError, match="stop"):
+                db.build_index(After, "name", report=lambda told: {}["stop"])
+
+    for work in (old, new):
+        in_child(work)
+
+
+def test_a_unique_index_names_duplicates(make):
+    db = make(*MODELS)
+    fill(db)
+    with pytest.raises(sg.DuplicateKey):
+        db.build_index(Book, "lender", unique=True)
+
+
+def test_long_work_shows_how_far_it_is(make, capfd):
+    pytest.importorskip("tqdm")
+    db = make(*MODELS)
+    fill(db)
+    db.copy("packed", progress=True)
+    assert db.check(progress=True) == []
+    db.vacuum(progress=True)
+    assert db.build_index(Item, "year", progress=True)
+    assert capfd.readouterr().err.count(" steps") >= 2
+    with sg.open("packed") as copy, copy.read() as tx:
+        assert tx.all(copy["Book"]).count() == 20
+
+
+def test_ctrl_c_ends_a_copy_and_a_check():
+    program = """
+import signal, sagleme as sg
+class T(sg.Table):
+    a: int = 0
+    text: str | None
+with sg.open("big", models=[T], sync=False) as db:
+    db.apply()
+    with db.write() as tx:
+        tx.insert_many(T, [(i, "x" * 200) for i in range(20000)])
+    def ctrl_c(done, total):
+        signal.raise_signal(signal.SIGINT)
+    for work in (lambda: db._handle.copy("packed", ctrl_c),
+                 lambda: sg._core.check("big", False, ctrl_c)):
+        try:
+            work()
+        except KeyboardInterrupt:
+            print("stopped")
+    with db.read() as tx:
+        print(tx.all(T).count())
+"""
+    done = subprocess.run([sys.executable, "-c", program], capture_output=True, text=True,
+                          timeout=120, check=False)
+    assert done.stdout == "stopped\nstopped\n20000\n", done.stderr
