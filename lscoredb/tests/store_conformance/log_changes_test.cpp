@@ -3,6 +3,8 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <cstdlib>
@@ -291,6 +293,50 @@ TEST_F(LogChangesTest, SegmentThatCannotBeWritten_LeavesAGapInsteadOfFailingComm
   Notes const kept = AllKept(*store);
   ASSERT_LT(60u, kept.size());
   EXPECT_EQ(Numbers(121 - static_cast<int>(kept.size()), 120), kept);
+}
+
+// Notes fill the log and its segments, but not the image.
+TEST_F(LogChangesTest, FullDisk_CostsTheOldestChangesAndNoCommit) {
+  constexpr int kCommits = 100;
+  constexpr std::size_t kNote = 20'000;
+  options_.log_limit = 64 * 1024;
+  OtherProcess process([this](OtherProcess&) {
+    signal(SIGXFSZ, SIG_IGN);
+    rlimit const limit{300 * 1024, 300 * 1024};
+    ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &limit));
+    std::unique_ptr<Store> const store = OpenKeeping();
+    std::unique_ptr<ChangeSource> const late = store->OpenChanges(store->Kept().last);
+    for (int i = 0; i < kCommits; ++i) {
+      std::unique_ptr<Batch> const batch = store->BeginBatch();
+      batch->Put(Tree::kIndex, "k", std::to_string(i));
+      batch->Note(std::string(kNote, static_cast<char>(i)));
+      batch->Commit();
+      store->Upkeep();
+    }
+    Notes const kept = AllKept(*store);
+    ASSERT_FALSE(kept.empty());
+    EXPECT_LT(kept.size(), static_cast<std::size_t>(kCommits));
+    int next = kCommits - static_cast<int>(kept.size());
+    for (std::string const& note : kept) {
+      EXPECT_EQ(std::string(kNote, static_cast<char>(next++)), note);
+    }
+    NotedCommit commit;
+    EXPECT_EQ(LSCOREDB_CHANGES_GONE, Guarded([&] { return late->Next(&commit), 0u; }));
+  });
+  process.ExpectGoodEnd();
+}
+
+TEST_F(LogChangesTest, RelativeDirectory_MeansTheSameAfterTheHostChangedItsOwn) {
+  OtherProcess process([this](OtherProcess&) {
+    fs::current_path(top_);
+    std::unique_ptr<Store> const store = OpenLogStore("store", options_);
+    fs::current_path("/");
+    store->KeepChanges(kEverything);
+    for (int i = 1; i <= 60; ++i) CommitNote(*store, std::to_string(i));
+    EXPECT_EQ(Numbers(1, 60), AllKept(*store));
+  });
+  process.ExpectGoodEnd();
+  EXPECT_EQ(Numbers(1, 60), AllKept(*Open()));
 }
 
 // ---- damage ------------------------------------------------------------------------------------

@@ -233,11 +233,14 @@ std::vector<LogRecord> ChangeSegments::Continued(CommitId after) const {
   return records;
 }
 
+void ChangeSegments::RemoveAfter(CommitId held) {
+  for (ChangeSegment const& segment : List()) {
+    if (segment.first > held) Remove(segment.first);
+  }
+}
+
 void ChangeSegments::Keep(LogPosition const& from, CommitId last) {
   if (from.commit >= last) return;
-  for (ChangeSegment const& segment : List()) {
-    if (segment.first > from.commit) Remove(segment.first);
-  }
   SegmentWriter writer(directory_, files_.identity());
   for (LogRecord const& record : Continued(from.commit)) writer.Add(record);
   for (LogPosition at = from; at.commit < last;) {
@@ -271,11 +274,9 @@ void ChangeSegments::Prune(Retention const& retention) {
   }
 }
 
-bool ChangeSegments::RemoveOldest() {
+void ChangeSegments::RemoveOldest() {
   std::vector<ChangeSegment> const segments = List();
-  if (segments.empty()) return false;
-  Remove(segments.front().first);
-  return true;
+  if (!segments.empty()) Remove(segments.front().first);
 }
 
 void ChangeSegments::RemoveAll() {

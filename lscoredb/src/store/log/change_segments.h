@@ -82,14 +82,15 @@ class ChangeSegments {
 
   // ---- writing
 
-  // Keeps the log's commits after `from` up to `last`. Removes leftovers of later ones.
+  // Removes leftovers: the image does not hold the commits after this one.
+  void RemoveAfter(CommitId held);
+  // Keeps the log's commits after `from` up to `last`. REQUIRES: there are no leftovers.
   void Keep(LogPosition const& from, CommitId last);
   // Keeps one commit, of a record that is not in the log.
   void Keep(CommitId commit, std::span<iovec> record);
   // Removes the oldest segments until the retention is met; the newest one stays.
   void Prune(Retention const& retention);
-  // Returns whether there was one to remove.
-  bool RemoveOldest();
+  void RemoveOldest();
   void RemoveAll();
 
  private:

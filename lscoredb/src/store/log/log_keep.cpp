@@ -11,6 +11,7 @@ using logformat::ImagePosition;
 // The log is synced first: after a power failure it must not end before a commit that a segment
 // holds, or another commit would get its number.
 void LogStore::TryKeepCommits(LogPosition const& from, CommitId last, DirectCommit const* direct) {
+  segments_.RemoveAfter(from.commit);
   if (from.commit < last) {
     if (!kept_files_.Open()) Throw(LSCOREDB_DAMAGED);
     if (board_.Synced() < last) {
@@ -35,8 +36,11 @@ void LogStore::KeepCommits(Batch const& image, CommitId last, DirectCommit const
   };
   Status status = attempt();
   bool const may_leave_gap = if_not == IfNotKept::kLeaveGap && status != LSCOREDB_NO_MEMORY;
-  while (status == LSCOREDB_DISK_FULL && may_leave_gap && segments_.RemoveOldest()) {
-    status = attempt();
+  if (status == LSCOREDB_DISK_FULL && may_leave_gap) {
+    for (std::size_t left = segments_.List().size(); left > 0 && status != LORV_STATUS_OK; --left) {
+      segments_.RemoveOldest();
+      status = attempt();
+    }
   }
   if (!may_leave_gap) Check(status);
   static_cast<void>(Guarded([&]() -> Status {

@@ -1,3 +1,4 @@
+#include <filesystem>
 #include <random>
 
 #include "format.h"
@@ -76,6 +77,8 @@ std::unique_ptr<LogStore> LogStore::Open(std::unique_ptr<Store>& image, std::str
   });
   if (!position.has_value()) return nullptr;
   if (image->read_only()) RefuseReading(directory);
+  // Files are opened later too, and the host may change its working directory.
+  directory = std::filesystem::absolute(directory).string();
   std::string const board = directory + logformat::kBoardName;
   std::unique_ptr<LogStore> store(
       new LogStore(std::move(image), std::move(directory), options, *position));

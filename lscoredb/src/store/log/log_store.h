@@ -23,8 +23,8 @@
 // died during a commit: a whole record is published, a torn one is overwritten.
 //
 // If changes are kept, the log's commits move into segments (change_segments.h) before the image
-// holds them. A commit that goes straight into the image gets a segment of its own before that. If a
-// segment cannot be written (a full disk), the checkpoint after a commit is put off; the next one
+// holds them. A commit that goes straight into the image gets a segment of its own before that. If
+// a segment cannot be written (a full disk), the checkpoint after a commit is put off; the next one
 // that a commit has to wait for removes the oldest segments, and if that does not help, leaves a
 // gap, which readers of changes are told about: commits do not fail for them.
 //
