@@ -244,7 +244,8 @@ void ShowChanges::Print(Session& session, Output& output) const {
       WaitForMore(changes);
     }
   } catch (sagleme::Error const& error) {
-    if (error.status() != LSCOREDB_CHANGES_GONE) throw;
+    bool const off = error.status() == LSCOREDB_NO_CHANGES;  // since it began
+    if (!off && error.status() != LSCOREDB_CHANGES_GONE) throw;
     output.Flush();
     RefuseGone(KeptBy(session));
   }
