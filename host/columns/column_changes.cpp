@@ -103,6 +103,7 @@ void PushDownColumn(Transaction& transaction, Text const& table, Text const& col
   columns::PushDown const request = columns::RequirePushDown(transaction, table, column, tables);
   annotations::CarriedAnnotations const annotated(transaction, table, column);
   Guard(transaction, *request.base);
+  if (loss == Loss::kAllow) columns::ClearLost(transaction, request);
   Subtree subtree(transaction, request.base);
   OwnColumn const pushed = Subtree::Take(subtree.At(table), column);
   columns::Rewrite rewrite{column, columns::WantedOf(*request.column), {}, false};

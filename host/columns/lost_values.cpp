@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "columns/convert.h"
 #include "columns/requests.h"
 
 namespace sagleme {
@@ -45,7 +46,25 @@ bool IsSafe(Transaction& transaction, columns::Retype const& request) {
   return ConversionOf(from.type, to.type) == Conversion::kAll;
 }
 
+// Whether objects of the table have the column afterwards.
+bool Keeps(columns::PushDown const& request, Table const& table) {
+  return std::any_of(request.tables.begin(), request.tables.end(),
+                     [&](TablePtr const& each) { return table.IsA(*each); });
+}
+
 }  // namespace
+
+void columns::ClearLost(Transaction& transaction, PushDown const& request) {
+  Value const nothing = request.column->nullable ? Null{} : ZeroOf(request.column->type);
+  for (Object const& object : Range::Subtree(transaction, *request.base)) {
+    TablePtr const table = object.table();
+    if (Keeps(request, *table)) continue;
+    ReadScope const scope(transaction.context());
+    Column const& column = table->GetColumn(request.column->name);
+    if (SameValue(object.Get(*table, column), nothing)) continue;
+    PutConverted(transaction, object, *table, column, nothing);
+  }
+}
 
 LostValues FindLost(Transaction& transaction, Text const& table, Text const& column,
                     std::span<Text const> tables, std::size_t limit) {
@@ -53,10 +72,7 @@ LostValues FindLost(Transaction& transaction, Text const& table, Text const& col
   Gathering gathering(transaction, *request.base, *request.column, limit);
   gathering.ForEach([&](Object const& object, Value value) {
     if (IsNull(value)) return;
-    TablePtr const own = object.table();
-    bool const stays = std::any_of(request.tables.begin(), request.tables.end(),
-                                   [&](TablePtr const& each) { return own->IsA(*each); });
-    if (!stays) gathering.Add(object, std::move(value), Null{});
+    if (!Keeps(request, *object.table())) gathering.Add(object, std::move(value), Null{});
   });
   return gathering.Take();
 }

@@ -27,6 +27,9 @@ struct PushDown {
 };
 PushDown RequirePushDown(Transaction& transaction, Text const& table, Text const& column,
                          std::span<Text const> tables);
+// Writes null, or zero, into objects that will not have the column. They keep their stored form,
+// and the column its identity: it would bring their values back if it returned to their table.
+void ClearLost(Transaction& transaction, PushDown const& request);
 
 struct Retype {
   TablePtr table;

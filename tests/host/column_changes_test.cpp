@@ -552,6 +552,15 @@ TEST_F(ColumnChangesTest, AnObjectMadeMeanwhile_IsNotMissed) {
             }));
 }
 
+TEST_F(ColumnChangesTest, PushDown_OfLostValues_DoesNotBringThemBack) {
+  Transaction transaction(context_);
+  ObjectId const film = Make(transaction, u"L.Film", {{u"Title", "M"}, {u"Year", "1931"}}).id();
+  sagleme::PushDownColumn(transaction, u"L.Item", u"Year", {u"L.Book"}, sagleme::Loss::kAllow);
+  sagleme::PullUpColumn(transaction, u"L.Book", u"Year", u"L.Item");
+  EXPECT_TRUE(sagleme::IsNull(Of(transaction, film, u"Year")));
+  Finish(transaction);
+}
+
 TEST_F(ColumnChangesTest, MappedProperties_FollowTheirColumn) {
   Transaction transaction(context_);
   TablePtr const book = transaction.table(u"L.Book");

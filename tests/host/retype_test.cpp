@@ -1,6 +1,7 @@
 // Objects that change their table.
 
 #include <sagleme/annotations.hpp>
+#include <sagleme/column_changes.hpp>
 
 #include "hierarchy_test.h"
 #include "new_database.h"
@@ -269,6 +270,16 @@ TEST_F(RetypeTest, WriterOfTheSameObject_Conflicts) {
   Retype(transaction, {id}, u"Film");
   transaction.Commit();
   EXPECT_EQ(LSCOREDB_CONFLICT, StatusOf([&] { other.Commit(); }));
+}
+
+// Values that a table lost stay where they were stored until the object is written anew.
+TEST_F(RetypeTest, ValueThatTheTableLost_DoesNotComeBack) {
+  Transaction transaction(context_);
+  ObjectId const film = Make(transaction, u"Film", {{u"Title", u"Alien"}}).id();
+  sagleme::PushDownColumn(transaction, u"Item", u"Title", {u"Book"}, sagleme::Loss::kAllow);
+  sagleme::Retype(transaction, Ids{film}, *transaction.table(u"Book"));
+  EXPECT_EQ(Value(sagleme::Null{}), Get(transaction, film, u"Title"));
+  transaction.Commit();
 }
 
 }  // namespace

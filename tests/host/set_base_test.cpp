@@ -1,6 +1,7 @@
 // Tables that move under another base, with their descendants and objects.
 
 #include <sagleme/annotations.hpp>
+#include <sagleme/column_changes.hpp>
 
 #include "hierarchy_test.h"
 
@@ -355,6 +356,15 @@ TEST_F(SetBaseTest, DerivedTableOfADroppedOne_IsCleanedUpLater) {
   EXPECT_EQ(Ids{book_}, Subtree(transaction, u"Book"));
   transaction.Commit();
   EXPECT_EQ(1u, sagleme::RunVacuum(context_).removed);
+}
+
+TEST_F(SetBaseTest, ValueThatTheTableLost_DoesNotComeBack) {
+  Transaction transaction(context_);
+  sagleme::PushDownColumn(transaction, u"Item", u"Title", {u"Book"}, sagleme::Loss::kAllow);
+  sagleme::SetBase(transaction, u"Film", u"Book", {.merge = true});
+  EXPECT_EQ(Value(sagleme::Null{}), Get(transaction, film_, u"Title"));
+  EXPECT_EQ(Value(u"Dune"), Get(transaction, book_, u"Title"));
+  transaction.Commit();
 }
 
 }  // namespace
