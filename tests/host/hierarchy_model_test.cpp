@@ -1,89 +1,17 @@
-// Long seeded sequences of changes of place, against a simple model in memory, with rollbacks and
-// reopened databases between.
+// Long seeded sequences of changes of place, against a simple model in memory, with savepoints,
+// rollbacks and reopened databases between, and writers beside changes in batches.
 
-#include <algorithm>
+#include "hierarchy_model.h"
+
+#include <deque>
 #include <filesystem>
-#include <functional>
-#include <map>
-#include <optional>
 #include <random>
-#include <set>
+#include <sagleme/column_changes.hpp>
 
 #include "hierarchy_test.h"
 
 namespace hierarchy_test {
 namespace {
-
-struct ModelColumn {
-  std::string name;
-  std::string target;  // of a reference; empty: a number
-};
-struct ModelTable {
-  std::string base;
-  std::vector<int> own;                        // numbers of columns
-  std::map<std::string, std::string> indexes;  // name -> column
-};
-struct ModelObject {
-  std::string table;
-  std::map<int, std::uint64_t> values;  // by column; null has no entry
-};
-
-// What the database should hold. Columns go by number, as they go by identity there.
-struct Model {
-  std::map<int, ModelColumn> columns;
-  std::map<std::string, ModelTable> tables;
-  std::map<std::uint64_t, ModelObject> objects;
-  int next = 0;
-
-  bool IsA(std::string table, std::string const& other) const {
-    for (; !table.empty(); table = tables.at(table).base) {
-      if (table == other) return true;
-    }
-    return other.empty();
-  }
-  std::vector<int> ColumnsOf(std::string const& table) const {
-    if (table.empty()) return {};
-    std::vector<int> all = ColumnsOf(tables.at(table).base);
-    all.insert(all.end(), tables.at(table).own.begin(), tables.at(table).own.end());
-    return all;
-  }
-  std::optional<int> ColumnNamed(std::string const& table, std::string const& name) const {
-    for (int const column : ColumnsOf(table)) {
-      if (columns.at(column).name == name) return column;
-    }
-    return std::nullopt;
-  }
-  bool SameKind(int a, int b) const { return columns.at(a).target == columns.at(b).target; }
-  std::vector<std::string> Subtree(std::string const& top) const {
-    std::vector<std::string> names;
-    for (auto const& [name, table] : tables) {
-      if (IsA(name, top)) names.push_back(name);
-    }
-    return names;
-  }
-  std::set<std::uint64_t> ObjectsOf(std::string const& top) const {
-    std::set<std::uint64_t> ids;
-    for (auto const& [id, object] : objects) {
-      if (IsA(object.table, top)) ids.insert(id);
-    }
-    return ids;
-  }
-  // References that would lead astray if the objects got these tables.
-  std::vector<std::pair<std::uint64_t, int>> Astray(
-      std::map<std::uint64_t, std::string> const& targets_now,
-      std::function<bool(std::uint64_t, std::string const&)> const& stays) const {
-    std::vector<std::pair<std::uint64_t, int>> found;
-    for (auto const& [id, object] : objects) {
-      for (auto const& [column, value] : object.values) {
-        std::string const& target = columns.at(column).target;
-        if (!target.empty() && targets_now.contains(value) && !stays(value, target)) {
-          found.emplace_back(id, column);
-        }
-      }
-    }
-    return found;
-  }
-};
 
 class RandomRun {
  public:
@@ -94,21 +22,27 @@ class RandomRun {
     options.no_sync = true;
     database_.emplace(sagleme::Database::Create(directory_, {}, options));
     context_.emplace(*database_);
+    writer_.emplace(*database_);
   }
   ~RandomRun() {
     transaction_.reset();
     context_.reset();
+    writer_.reset();
     database_.reset();
     std::filesystem::remove_all(directory_);
   }
 
   void Go(int steps) {
-    for (int i = 0; i < steps && !testing::Test::HasFailure(); ++i) {
-      if (!transaction_) transaction_.emplace(*context_);
-      Step();
-      if (Below(4) == 0) Compare();
-      if (Below(8) == 0) End();
-    }
+    for (int i = 0; i < steps && !testing::Test::HasFailure(); ++i) Advance();
+    Finish();
+  }
+  void Advance() {
+    if (!transaction_) transaction_.emplace(*context_);
+    Step();
+    if (Below(4) == 0) Compare();
+    if (Below(8) == 0) End();
+  }
+  void Finish() {
     if (transaction_) End();
     Transaction transaction(*context_);
     Check(transaction);
@@ -116,6 +50,8 @@ class RandomRun {
   // Changes of place that were made and that were refused.
   int made() const { return made_; }
   int refused() const { return refused_; }
+  // What writers did beside changes in batches.
+  int beside() const { return beside_; }
 
  private:
   std::size_t Below(std::size_t bound) { return random_() % bound; }
@@ -136,13 +72,41 @@ class RandomRun {
   }
 
   void Step() {
-    std::size_t const what = Below(20);
+    std::size_t const what = Below(25);
     if (what < 2 || model_.tables.empty()) return CreateTable();
     if (what < 7) return CreateObject();
     if (what < 10) return SetValue();
-    if (what < 15) return Retype();
-    if (what < 19) return SetBase();
+    if (what < 14) return Retype();
+    if (what < 18) return SetBase();
+    if (what < 22) return ChangeColumn(nullptr);
+    if (what < 24) return Scope();
     CreateIndex();
+  }
+  // Some steps behind a savepoint, which is rolled back or released.
+  void Scope() {
+    if (depth_ == 2) return;
+    ++depth_;
+    sagleme::Savepoint savepoint(transaction());
+    Model const before = model_;
+    for (std::size_t steps = 1 + Below(5); steps > 0; --steps) Step();
+    if (Below(2) == 0) {
+      savepoint.Release();
+    } else {
+      model_ = before;
+    }
+    --depth_;
+  }
+
+  static sagleme::ColumnSpec SpecOf(ModelColumn const& column) {
+    Type const type = column.text             ? Type::kString
+                      : column.target.empty() ? Type::kLong
+                                              : Type::kReference;
+    return {column.name, type, true, column.target};
+  }
+  static Value ValueOf(ModelColumn const& column, std::uint64_t value) {
+    if (column.text) return std::to_string(value);
+    if (column.target.empty()) return static_cast<std::int64_t>(value);
+    return ObjectId{value};
   }
 
   void CreateTable() {
@@ -152,8 +116,8 @@ class RandomRun {
     table.base = Below(2) == 0 ? "" : AnyTable();
     std::vector<sagleme::ColumnSpec> specs;
     for (std::size_t i = 0; i < 3; ++i) {
-      ModelColumn column{"c" + std::to_string(Below(8)), ""};
-      if (Below(3) == 0) {
+      ModelColumn column{"c" + std::to_string(Below(8)), "", Below(3) == 0};
+      if (!column.text && Below(3) == 0) {
         column.target = AnyTable();
         column.name += column.target;
       }
@@ -162,8 +126,7 @@ class RandomRun {
                            return model_.columns[own].name == column.name;
                          });
       if (taken) continue;
-      specs.push_back({column.name, column.target.empty() ? Type::kLong : Type::kReference, true,
-                       column.target});
+      specs.push_back(SpecOf(column));
       model_.columns[model_.next] = column;
       table.own.push_back(model_.next++);
     }
@@ -195,17 +158,15 @@ class RandomRun {
     std::vector<int> const columns = model_.ColumnsOf(object.table);
     if (columns.empty()) return;
     int const column = columns[Below(columns.size())];
-    auto const& [name, target] = model_.columns[column];
-    Value value = static_cast<std::int64_t>(random_() % 5);
-    if (!target.empty()) {
-      auto const ids = model_.ObjectsOf(target);
+    ModelColumn const& definition = model_.columns[column];
+    std::uint64_t value = random_() % 5;
+    if (!definition.target.empty()) {
+      auto const ids = model_.ObjectsOf(definition.target);
       if (ids.empty()) return;
-      value = ObjectId{*std::next(ids.begin(), static_cast<std::ptrdiff_t>(Below(ids.size())))};
+      value = *std::next(ids.begin(), static_cast<std::ptrdiff_t>(Below(ids.size())));
     }
-    Object::Find(transaction(), {id})->Set(Wide(name), value);
-    object.values[column] = target.empty()
-                                ? static_cast<std::uint64_t>(std::get<std::int64_t>(value))
-                                : std::get<ObjectId>(value).value;
+    Object::Find(transaction(), {id})->Set(Wide(definition.name), ValueOf(definition, value));
+    object.values[column] = value;
   }
 
   // Makes the change, or sees that it is refused. Returns whether it was made.
@@ -216,6 +177,11 @@ class RandomRun {
       std::forward<Change>(change)();
     } catch (sagleme::Failure const& failure) {
       refusal = failure.what();
+    } catch (sagleme::Error const& error) {
+      bool const expected =
+          error.status() == LSCOREDB_WRONG_TYPE || error.status() == SAGLEME_COLUMN_NAME_TAKEN;
+      EXPECT_TRUE(expected) << error.what();
+      refusal = error.what();
     }
     EXPECT_EQ(possible, refusal.empty()) << refusal;
     ++(refusal.empty() ? made_ : refused_);
@@ -329,6 +295,107 @@ class RandomRun {
     model_ = after;
   }
 
+  // ---- columns
+
+  // `options`: in batches, in transactions of its own.
+  void ChangeColumn(sagleme::ColumnChangeOptions const* options) {
+    std::string const table = AnyTable();
+    std::vector<int> const own = model_.tables[table].own;
+    if (own.empty()) return;
+    std::string const name = model_.columns[own[Below(own.size())]].name;
+    std::size_t const what = Below(3);
+    if (what == 0) return PullUp(table, name, options);
+    if (what == 1) return PushDown(table, name, options);
+    ChangeType(table, name, options);
+  }
+
+  // The model is changed behind the change, which others worked beside.
+  void PullUp(std::string const& table, std::string const& name,
+              sagleme::ColumnChangeOptions const* options) {
+    std::string base = model_.tables[table].base;
+    if (!base.empty() && Below(2) == 0 && !model_.tables[base].base.empty()) {
+      base = model_.tables[base].base;
+    }
+    if (base.empty()) return;
+    bool const possible = Model(model_).PullUp(table, name, base);
+    bool ended = true;
+    bool const made = Attempt(possible, [&] {
+      if (options == nullptr) return sagleme::PullUpColumn(transaction(), table, name, base);
+      ended = sagleme::RunPullUpColumn(*context_, table, name, base, *options);
+    });
+    if (made && ended) model_.PullUp(table, name, base);
+  }
+  void PushDown(std::string const& table, std::string const& name,
+                sagleme::ColumnChangeOptions const* options) {
+    std::vector<std::string> below;
+    for (std::string const& each : model_.Subtree(table)) {
+      bool const apart = std::none_of(below.begin(), below.end(), [&](std::string const& other) {
+        return model_.IsA(each, other) || model_.IsA(other, each);
+      });
+      if (each != table && apart && Below(3) != 0) below.push_back(each);
+    }
+    if (below.empty()) return;
+    std::vector<sagleme::Text> const tables(below.begin(), below.end());
+    auto const loss = Below(2) == 0 ? sagleme::Loss::kAllow : sagleme::Loss::kRefuse;
+    bool ended = true;
+    std::string refusal;
+    try {
+      if (options == nullptr) {
+        sagleme::PushDownColumn(transaction(), table, name, tables, loss);
+      } else {
+        sagleme::ColumnChangeOptions its = *options;
+        its.loss = loss;
+        ended = sagleme::RunPushDownColumn(*context_, table, name, tables, its);
+      }
+    } catch (sagleme::Error const& error) {
+      EXPECT_EQ(LSCOREDB_WRONG_TYPE, error.status()) << error.what();
+      refusal = error.what();
+    }
+    if (!ended) return;
+    Model after = model_;
+    bool const possible = after.PushDown(table, name, below) == 0 || loss == sagleme::Loss::kAllow;
+    EXPECT_EQ(possible, refusal.empty()) << refusal;
+    ++(possible ? made_ : refused_);
+    if (possible) model_ = after;
+  }
+  void ChangeType(std::string const& table, std::string const& name,
+                  sagleme::ColumnChangeOptions const* options) {
+    int const number = *model_.ColumnNamed(table, name);
+    if (!model_.columns[number].target.empty()) return;
+    ModelColumn wanted = model_.columns[number];
+    wanted.text = !wanted.text;
+    bool ended = true;
+    bool const made = Attempt(true, [&] {
+      if (options == nullptr) return ChangeColumnType(transaction(), table, SpecOf(wanted));
+      ended = sagleme::RunChangeColumnType(*context_, table, SpecOf(wanted), *options);
+    });
+    if (made && ended) model_.columns[number] = wanted;
+  }
+
+  // Beside a writer, and abandoned at times.
+  void ChangeInBatches() {
+    sagleme::ColumnChangeOptions options;
+    options.batch = static_cast<std::uint32_t>(1 + Below(2));
+    bool const abandons = Below(4) == 0;
+    options.report = [&](sagleme::ColumnChangeProgress const&) {
+      Write();
+      return !abandons || Below(3) != 0;
+    };
+    ChangeColumn(&options);
+    committed_ = model_;
+    Transaction transaction(*context_);
+    Check(transaction);
+  }
+  void Write() {
+    transaction_.emplace(*writer_);
+    if (Below(2) == 0) CreateObject();
+    SetValue();
+    if (Below(4) == 0) Retype();
+    transaction_->Commit();
+    transaction_.reset();
+    ++beside_;
+  }
+
   void End() {
     transaction_->Forget();
     if (Below(3) == 0) {
@@ -339,14 +406,17 @@ class RandomRun {
       transaction_.reset();
       committed_ = model_;
     }
+    if (Below(3) != 0 && !model_.tables.empty()) ChangeInBatches();
     if (Below(4) == 0) Reopen();
     if (Below(4) == 0) sagleme::RunVacuum(*context_);
   }
   void Reopen() {
     context_.reset();
+    writer_.reset();
     database_.reset();
     database_.emplace(sagleme::Database::Open(directory_));
     context_.emplace(*database_);
+    writer_.emplace(*database_);
     Transaction transaction(*context_);
     Check(transaction);
   }
@@ -394,7 +464,8 @@ class RandomRun {
     if (!model_.columns[number].target.empty()) return;
     std::set<std::uint64_t> threes;
     std::set<std::uint64_t> expected;
-    for (Object const& each : sagleme::Range::Matching(transaction(), *actual, {std::int64_t{3}})) {
+    Value const three = ValueOf(model_.columns[number], 3);
+    for (Object const& each : sagleme::Range::Matching(transaction(), *actual, {three})) {
       threes.insert(each.id().value);
     }
     for (std::uint64_t const id : model_.ObjectsOf(table)) {
@@ -409,14 +480,11 @@ class RandomRun {
     ASSERT_TRUE(actual);
     EXPECT_EQ(object.table, sagleme::ToUtf8(actual->table()->name));
     for (int const column : model_.ColumnsOf(object.table)) {
-      auto const& [name, target] = model_.columns[column];
+      ModelColumn const& definition = model_.columns[column];
       auto const value = object.values.find(column);
       Value expected = sagleme::Null{};
-      if (value != object.values.end()) {
-        expected = target.empty() ? Value(static_cast<std::int64_t>(value->second))
-                                  : Value(ObjectId{value->second});
-      }
-      EXPECT_EQ(expected, actual->Get(Wide(name))) << name;
+      if (value != object.values.end()) expected = ValueOf(definition, value->second);
+      EXPECT_EQ(expected, actual->Get(Wide(definition.name))) << definition.name;
     }
   }
 
@@ -424,26 +492,43 @@ class RandomRun {
   std::string directory_;
   std::optional<sagleme::Database> database_;
   std::optional<sagleme::Context> context_;
+  std::optional<sagleme::Context> writer_;  // beside changes in batches
   std::optional<Transaction> transaction_;
   Model model_;
   Model committed_;
   int indexes_ = 0;
   int made_ = 0;
   int refused_ = 0;
+  int beside_ = 0;
+  int depth_ = 0;
 };
 
 TEST(HierarchyModelTest, RandomChangesOfPlace_AgreeWithTheModel) {
   int made = 0;
   int refused = 0;
+  int beside = 0;
   for (unsigned seed = 1; seed <= 40 && !testing::Test::HasFailure(); ++seed) {
     SCOPED_TRACE("seed " + std::to_string(seed));
     RandomRun run(seed);
     run.Go(150);
     made += run.made();
     refused += run.refused();
+    beside += run.beside();
   }
   EXPECT_LT(500, made);
   EXPECT_LT(100, refused);
+  EXPECT_LT(100, beside);
+}
+
+TEST(HierarchyModelTest, DatabasesBesideEachOther_AgreeWithTheirModels) {
+  std::deque<RandomRun> runs;
+  for (unsigned seed = 100; seed < 104; ++seed) runs.emplace_back(seed);
+  for (int i = 0; i < 150; ++i) {
+    for (RandomRun& run : runs) {
+      if (!testing::Test::HasFailure()) run.Advance();
+    }
+  }
+  for (RandomRun& run : runs) run.Finish();
 }
 
 }  // namespace
