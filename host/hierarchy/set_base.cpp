@@ -65,6 +65,15 @@ void RequireDepth(Request const& request, std::vector<Shape> const& shapes) {
   }
 }
 
+void RequireFew(Transaction& transaction, Table const& table, std::uint64_t most) {
+  std::uint64_t const objects = ObjectCounts(transaction).Subtree(table);
+  if (objects <= most) return;
+  Refuse(
+      fmt::format("table {} has {} objects with its descendants, and at most {} may move in one "
+                  "transaction",
+                  ToUtf8(table.name), objects, most));
+}
+
 std::vector<Referrer> ReferrersTo(Transaction& transaction, Request const& request) {
   ReferrerQuery query;
   query.loses = [&](Table const& target) {
@@ -335,6 +344,7 @@ void SetBase(Transaction& transaction, Text const& table, Text const& base,
   std::vector<Shape> const shapes =
       ShapesUnder(transaction, request.table, request.base, options.merge);
   RequireDepth(request, shapes);
+  if (options.most_objects != 0) RequireFew(transaction, *request.table, options.most_objects);
   transaction.rules();  // what they require of the transaction outlives the savepoint
   Savepoint savepoint(transaction);
   SettleReferrers(transaction, ReferrersTo(transaction, request), options.referring,

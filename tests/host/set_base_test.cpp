@@ -367,5 +367,44 @@ TEST_F(SetBaseTest, ValueThatTheTableLost_DoesNotComeBack) {
   transaction.Commit();
 }
 
+TEST_F(SetBaseTest, MoreObjectsThanAllowed_AreRefused) {
+  Transaction transaction(context_);
+  sagleme::SetBaseOptions options;
+  options.most_objects = 1;
+  EXPECT_EQ(
+      "table Book has 2 objects with its descendants, and at most 1 may move in one transaction",
+      RefusalOf([&] { sagleme::SetBase(transaction, u"Book", u"Media", options); }));
+  EXPECT_EQ(u"Item", transaction.table(u"Book")->base);
+  options.most_objects = 2;
+  sagleme::SetBase(transaction, u"Book", u"Media", options);
+  EXPECT_EQ(u"Media", transaction.table(u"Book")->base);
+  transaction.Commit();
+}
+
+// What to do with more objects than one transaction shall hold: another table of the new base takes
+// them over in batches.
+TEST_F(SetBaseTest, TableOfItsOwn_TakesTheObjectsOverInBatches) {
+  {
+    Transaction transaction(context_);
+    sagleme::CreateTable(
+        transaction, u"Reel", u"Media",
+        {{u"Title", Type::kString}, {u"Length", Type::kLong, true}, {u"Pages", Type::kLong, true}});
+    transaction.Commit();
+  }
+  sagleme::RetypeOptions options;
+  options.by_name = true;
+  sagleme::RetypeJob job;
+  job.batch = 1;
+  EXPECT_EQ(1u, sagleme::RetypeInBatches(context_, Ids{film_}, u"Reel", options, job));
+  Transaction transaction(context_);
+  EXPECT_EQ(Ids{film_}, Subtree(transaction, u"Media"));
+  sagleme::DropTable(transaction, u"Film");
+  sagleme::RenameTable(transaction, u"Reel", u"Film");
+  EXPECT_EQ(u"Film", TableOf(transaction, film_));
+  EXPECT_EQ(Value(117L), Get(transaction, film_, u"Length"));
+  EXPECT_EQ(Value(u"Alien"), Get(transaction, film_, u"Title"));
+  transaction.Commit();
+}
+
 }  // namespace
 }  // namespace hierarchy_test
