@@ -48,14 +48,14 @@ class Changes::Reader {
   Reader(Database const& database, ChangePosition const& after)
       : changes_(Opened(database, after)), names_(database) {}
 
-  std::optional<Change> Next() {
+  std::optional<DataChange> Next() {
     for (;;) {
       if (held_.has_value() && held_->last) return std::exchange(held_, std::nullopt);
       lscoredb_change const* change = nullptr;
       detail::CheckKernel(lscoredb_changes_next(changes_.get(), &change));
       if (change == nullptr) return std::nullopt;
-      std::optional<Change> shown = Shown(*change);
-      std::optional<Change> before;
+      std::optional<DataChange> shown = Shown(*change);
+      std::optional<DataChange> before;
       if (shown.has_value()) before = std::exchange(held_, std::move(shown));
       if (change->last != 0) EndTransaction(change->place);
       if (before.has_value()) return before;
@@ -85,8 +85,8 @@ class Changes::Reader {
   }
 
   // Nothing for what is not shown: changes of the catalogue but the first of a transaction.
-  std::optional<Change> Shown(lscoredb_change const& from) {
-    Change change;
+  std::optional<DataChange> Shown(lscoredb_change const& from) {
+    DataChange change;
     change.position = {from.commit, from.place};
     change.transaction = from.transaction;
     change.time = from.time;
@@ -107,7 +107,7 @@ class Changes::Reader {
     return change;
   }
 
-  static void Name(TableNames const& table, lscoredb_change const& from, Change* change) {
+  static void Name(TableNames const& table, lscoredb_change const& from, DataChange* change) {
     change->table = table.name;
     for (std::uint32_t i = 0; i < from.column_count; ++i) {
       auto const column = table.columns.find(from.columns[i]);
@@ -117,7 +117,7 @@ class Changes::Reader {
 
   Handle changes_;
   NamesOfTables names_;
-  std::optional<Change> held_;
+  std::optional<DataChange> held_;
   bool schema_told_ = false;
 };
 
@@ -127,7 +127,7 @@ Changes::~Changes() = default;
 Changes::Changes(Changes&&) noexcept = default;
 Changes& Changes::operator=(Changes&&) noexcept = default;
 
-std::optional<Change> Changes::Next() { return reader_->Next(); }
+std::optional<DataChange> Changes::Next() { return reader_->Next(); }
 bool Changes::Wait(std::chrono::milliseconds limit) { return reader_->Wait(limit); }
 int Changes::file() const { return reader_->file(); }
 

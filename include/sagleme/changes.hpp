@@ -7,7 +7,7 @@
 //   sagleme::KeepChanges(database, {.bytes = 256 << 20});                 // once
 //   sagleme::Changes changes(database, {sagleme::Kept(database).last});   // what comes from now on
 //   for (;;) {
-//     for (sagleme::Change const& change : changes) Handle(change);       // what there is
+//     for (sagleme::DataChange const& change : changes) Handle(change);       // what there is
 //     changes.Wait(std::chrono::seconds(10));
 //   }
 //
@@ -55,7 +55,7 @@ struct ChangePosition {
 
 enum class ChangeKind : std::uint8_t { kCreated = 1, kChanged, kDeleted, kMoved, kSchema };
 
-struct Change {
+struct DataChange {
   ChangePosition position;
   std::uint32_t transaction = 1;  // of those that were committed together
   bool last = false;              // of its transaction
@@ -82,7 +82,7 @@ class SAGLEME_HOST_API Changes {
   // The next change; nothing if there is none yet. Throws Error with LSCOREDB_CHANGES_GONE if it is
   // not kept any more: read the database afresh, then follow it from Kept().last, taken before
   // that.
-  std::optional<Change> Next();
+  std::optional<DataChange> Next();
   // Waits until there is something to read; false if the time is over or a signal arrived.
   bool Wait(std::chrono::milliseconds limit);
   // A file descriptor for event loops: readable when there may be something to read, and no longer
@@ -93,15 +93,15 @@ class SAGLEME_HOST_API Changes {
   class iterator {
    public:
     using iterator_category = std::input_iterator_tag;
-    using value_type = Change;
+    using value_type = DataChange;
     using difference_type = std::ptrdiff_t;
-    using pointer = Change const*;
-    using reference = Change const&;
+    using pointer = DataChange const*;
+    using reference = DataChange const&;
 
     iterator() = default;
     explicit iterator(Changes* changes) : changes_(changes), current_(changes->Next()) {}
-    Change const& operator*() const { return *current_; }
-    Change const* operator->() const { return &*current_; }
+    DataChange const& operator*() const { return *current_; }
+    DataChange const* operator->() const { return &*current_; }
     iterator& operator++() {
       current_ = changes_->Next();
       return *this;
@@ -111,7 +111,7 @@ class SAGLEME_HOST_API Changes {
 
    private:
     Changes* changes_ = nullptr;
-    std::optional<Change> current_;
+    std::optional<DataChange> current_;
   };
   iterator begin() { return iterator(this); }
   std::default_sentinel_t end() const { return {}; }

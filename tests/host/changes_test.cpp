@@ -9,9 +9,9 @@
 
 namespace {
 
-using sagleme::Change;
 using sagleme::ChangeKind;
 using sagleme::ColumnSpec;
+using sagleme::DataChange;
 using sagleme::Type;
 
 class ChangesTest : public ::testing::Test {
@@ -49,9 +49,9 @@ class ChangesTest : public ::testing::Test {
     transaction.Commit();
     return id;
   }
-  static std::vector<Change> All(sagleme::Changes& changes) {
-    std::vector<Change> all;
-    for (Change const& change : changes) all.push_back(change);
+  static std::vector<DataChange> All(sagleme::Changes& changes) {
+    std::vector<DataChange> all;
+    for (DataChange const& change : changes) all.push_back(change);
     return all;
   }
 
@@ -70,7 +70,7 @@ TEST_F(ChangesTest, ObjectsOfTables_HaveTheirNames) {
     object->Set(u"Weight", sagleme::Value(1.5));
     transaction.Commit();
   }
-  std::vector<Change> const all = All(changes);
+  std::vector<DataChange> const all = All(changes);
   ASSERT_EQ(2u, all.size());
   EXPECT_EQ(ChangeKind::kCreated, all[0].kind);
   EXPECT_EQ(u"App.Tool", all[0].table);
@@ -96,7 +96,7 @@ TEST_F(ChangesTest, SchemaChange_IsOneChangeAndRenamesWhatFollows) {
     sagleme::CreateTable(transaction, u"App.More", u"", columns);
     transaction.Commit();
   }
-  std::vector<Change> const all = All(changes);
+  std::vector<DataChange> const all = All(changes);
   ASSERT_EQ(3u, all.size());
   EXPECT_EQ(ChangeKind::kSchema, all[0].kind);
   EXPECT_TRUE(all[0].last);
@@ -115,7 +115,7 @@ TEST_F(ChangesTest, SchemaAndObjectsOfOneTransaction_EndWithTheLastThatIsShown) 
     sagleme::Object::Create(transaction, *transaction.table(u"App.More"));
     transaction.Commit();
   }
-  std::vector<Change> const all = All(changes);
+  std::vector<DataChange> const all = All(changes);
   ASSERT_EQ(2u, all.size());
   EXPECT_EQ(ChangeKind::kSchema, all[0].kind);
   EXPECT_FALSE(all[0].last);
@@ -132,7 +132,7 @@ TEST_F(ChangesTest, ObjectOfADroppedTable_HasNoTable) {
     sagleme::DropTable(transaction, u"App.Tool");
     transaction.Commit();
   }
-  std::vector<Change> const all = All(changes);
+  std::vector<DataChange> const all = All(changes);
   ASSERT_LE(2u, all.size());
   EXPECT_EQ(id, all[0].object);
   EXPECT_EQ(u"", all[0].table);

@@ -167,7 +167,7 @@ std::string TableText(std::u16string const& table) {
   return table.empty() ? "null" : JsonString(sagleme::ToUtf8(table));
 }
 
-std::string LineOf(sagleme::Change const& change) {
+std::string LineOf(sagleme::DataChange const& change) {
   std::string line = fmt::format(
       R"({{"commit": {}, "place": {}, "transaction": {}, "last": {}, "time": "{}", "kind": "{}")",
       change.position.commit, change.position.place, change.transaction, change.last,
@@ -238,7 +238,7 @@ void ShowChanges::Print(Session& session, Output& output) const {
   try {
     sagleme::Changes changes(session.database(), {since});
     for (;;) {
-      for (sagleme::Change const& change : changes) output.Print(LineOf(change));
+      for (sagleme::DataChange const& change : changes) output.Print(LineOf(change));
       output.Flush();
       if (!follow_) return;
       WaitForMore(changes);
