@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <map>
+#include <sagleme/changes.hpp>
 #include <sagleme/check.hpp>
 #include <set>
 #include <utility>
@@ -293,11 +294,30 @@ void Bank::ExpectWhole() {
   ExpectAccounts(transaction, done);
   ExpectTransfers(transaction, done);
   ExpectSchema(transaction, done[kArchitect]);
+  ExpectFeed(transaction, done);
   EXPECT_EQ(0U, lscoredb_check(database_->handle(), 0, ReportFinding, nullptr));
   CheckCatalogue(transaction, {}, [](Finding const& finding) {
     ADD_FAILURE() << finding.rule << " " << finding.table << " " << finding.object << ": "
                   << finding.what;
   });
+}
+
+void Bank::KeepChanges() { sagleme::KeepChanges(*database_, {.bytes = std::uint64_t{1} << 40}); }
+
+// Each step changes its teller's row once.
+void Bank::ExpectFeed(Transaction& transaction, Progress const& done) {
+  lscoredb_kept_changes kept{};
+  kept.size = sizeof kept;
+  if (lscoredb_kept(database_->handle(), &kept) != 0) return;
+  std::map<std::uint64_t, std::int64_t> told;
+  Changes changes(*database_, {kept.first - 1});
+  for (Change const& change : changes) {
+    if (change.table == kTeller) ++told[change.object.value];
+  }
+  for (std::size_t i = 0; i < done.size(); ++i) {
+    Object const row = OneAt(transaction, kTellerByNumber, static_cast<std::int64_t>(i));
+    EXPECT_EQ(done[i], told[row.id().value]) << "teller " << i << " in the feed";
+  }
 }
 
 void Bank::ExpectAccounts(Transaction& transaction, Progress const& done) {

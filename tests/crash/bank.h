@@ -50,8 +50,12 @@ class Bank {
   // The same within a transaction, not committed. Returns the step's number.
   std::int64_t Work(sagleme::Transaction& transaction, int teller);
 
+  // From now on the feed of changes tells every step. REQUIRES: there were none, and a log.
+  void KeepChanges();
+
   // Expects, in one snapshot, all that follows from how far everyone is, and that the database is
-  // sound.
+  // sound. The feed of changes, if there is one, tells every step once. REQUIRES: nobody
+  // works meanwhile if there is a feed.
   void ExpectWhole();
 
  private:
@@ -61,6 +65,7 @@ class Bank {
   void ExpectAccounts(sagleme::Transaction& transaction, Progress const& done);
   void ExpectTransfers(sagleme::Transaction& transaction, Progress const& done);
   void ExpectSchema(sagleme::Transaction& transaction, std::int64_t done);
+  void ExpectFeed(sagleme::Transaction& transaction, Progress const& done);
 
   std::unique_ptr<sagleme::Database> owned_;
   sagleme::Database* database_;

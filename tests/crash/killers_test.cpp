@@ -2,6 +2,7 @@
 // others go on.
 
 #include <algorithm>
+#include <array>
 #include <cstdlib>
 #include <memory>
 #include <random>
@@ -16,12 +17,14 @@ namespace {
 
 constexpr int kRoundsOfADatabase = 20;
 
-class KillersTest : public testing::TestWithParam<bool> {
+enum class Log { kWithout, kWith, kKeepingChanges };
+
+class KillersTest : public testing::TestWithParam<Log> {
  protected:
   int Random(int below) { return std::uniform_int_distribution<int>(0, below - 1)(random_); }
 
   sagleme::Options AnyOptions() {
-    sagleme::Options options = UnsyncedOptions(GetParam());
+    sagleme::Options options = UnsyncedOptions(GetParam() != Log::kWithout);
     options.no_sync = Random(4) != 0;
     return options;
   }
@@ -32,7 +35,10 @@ class KillersTest : public testing::TestWithParam<bool> {
     acknowledged_ = {};
     seed_ = random_();
     sagleme::Options const options = AnyOptions();
-    InChild([&] { Bank const bank(directory_->path(), seed_, options); });
+    InChild([&] {
+      Bank bank(directory_->path(), seed_, options);
+      if (GetParam() == Log::kKeepingChanges) bank.KeepChanges();
+    });
     for (std::size_t i = 0; i < acknowledged_.size(); ++i) workers_.push_back(Begin(i));
   }
 
@@ -71,7 +77,7 @@ class KillersTest : public testing::TestWithParam<bool> {
 
   std::unique_ptr<Directory> directory_;
   std::vector<std::unique_ptr<Child>> workers_;  // one for each teller
-  std::mt19937 random_{GetParam() ? 1U : 2U};
+  std::mt19937 random_{static_cast<unsigned>(GetParam()) + 1};
   std::uint64_t seed_ = 0;
   Progress acknowledged_{};
 };
@@ -86,8 +92,13 @@ TEST_P(KillersTest, KilledProcesses_HinderNobodyAndLeaveWholeCommits) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Log, KillersTest, testing::Bool(),
-                         [](auto const& with) { return with.param ? "With" : "Without"; });
+std::string NameOf(testing::TestParamInfo<Log> const& info) {
+  static constexpr std::array kNames = {"Without", "With", "KeepingChanges"};
+  return kNames.at(static_cast<std::size_t>(info.param));
+}
+
+INSTANTIATE_TEST_SUITE_P(Log, KillersTest,
+                         testing::Values(Log::kWithout, Log::kWith, Log::kKeepingChanges), NameOf);
 
 }  // namespace
 }  // namespace crash_test

@@ -36,6 +36,7 @@ struct Setting {
   bool acknowledged_is_kept = true;
   bool from_nothing = false;  // the recording begins before the database is made
   bool while_all_work = false;
+  bool keeps_changes = false;
 };
 
 Options Durable() { return {}; }
@@ -44,6 +45,11 @@ Options WithLog(Options options) {
   options.log = LSCOREDB_LOG;
   options.log_limit = kSmallestLog;
   return options;
+}
+
+Setting Keeping(Setting setting) {
+  setting.keeps_changes = true;
+  return setting;
 }
 
 std::vector<Setting> Settings() {
@@ -55,6 +61,10 @@ std::vector<Setting> Settings() {
       {"DurableProcessesWithLog", {{WithLog(Durable()), {0, 1}}, {WithLog(Durable()), {2, 3}}}},
       {"Creation", {{Durable(), {0, 1, 2, 3}}}, true, true},
       {"CreationWithLog", {{WithLog(Durable()), {0, 1, 2, 3}}}, true, true},
+      Keeping({"DurableKeepingChanges", {{WithLog(Durable()), {0, 1, 2, 3}}}}),
+      Keeping({"FastKeepingChanges", {{WithLog(Fast()), {0, 1, 2, 3}}}, false}),
+      Keeping({"DurableProcessesKeepingChanges",
+               {{WithLog(Durable()), {0, 1}}, {WithLog(Durable()), {2, 3}}}}),
   };
 }
 
@@ -71,7 +81,10 @@ class PowerTest : public testing::TestWithParam<Setting> {
   static std::vector<Event> Record(std::uint64_t seed) {
     Directory const directory;
     if (!GetParam().from_nothing) {
-      InChild([&] { Bank const bank(directory.path(), seed, Fast()); });
+      InChild([&] {
+        Bank bank(directory.path(), seed, GetParam().keeps_changes ? WithLog(Fast()) : Fast());
+        if (GetParam().keeps_changes) bank.KeepChanges();
+      });
     }
     Recording const recording(directory.path());
     std::vector<std::unique_ptr<Child>> children;
