@@ -130,11 +130,11 @@ SAGLEME_HOST_API SetBasePlan PlanSetBase(Transaction& transaction, Text const& t
 
 // Moves a table with its descendants and all their objects under another base; an empty one is the
 // root of all tables. Columns of the old base that the new one has not become the table's own, with
-// their values. The time is proportional to the number of objects, and so is the memory: about 1 KiB
-// for each. It is one transaction, since a table has one set of objects: with the objects in two, a
-// query would miss those of the other one. Throws as PlanSetBase, Failure of kRefused for referrers
-// and for more than `most_objects`, Error with LSCOREDB_DUPLICATE_KEY for a key that
-// a unique index of the new base holds. The commit fails with LSCOREDB_CONFLICT if another
+// their values. The time is proportional to the number of objects, and so is the memory: about
+// 1 KiB for each. It is one transaction, since a table has one set of objects: with the objects in
+// two, a query would miss those of the other one. Throws as PlanSetBase, Failure of kRefused for
+// referrers and for more than `most_objects`, Error with LSCOREDB_DUPLICATE_KEY for a key that a
+// unique index of the new base holds. The commit fails with LSCOREDB_CONFLICT if another
 // transaction has changed an object of these tables meanwhile.
 SAGLEME_HOST_API void SetBase(Transaction& transaction, Text const& table, Text const& base,
                               SetBaseOptions const& options = {});
