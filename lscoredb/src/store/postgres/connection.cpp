@@ -290,9 +290,18 @@ bool Connection::usable() const {
   return !broken_ && !stopped_ && (posted_ > 0 || PQtransactionStatus(connection_) == PQTRANS_IDLE);
 }
 
-// A statement that this connection has not prepared is prepared in the same round trip.
 void Connection::Add(Statement const& statement, Parameters const& parameters) {
   if (broken_) Throw(LSCOREDB_SERVER_LOST);
+  try {
+    Send(statement, parameters);
+  } catch (...) {
+    broken_ = true;  // libpq may have more statements than `added_`
+    throw;
+  }
+}
+
+// A statement that this connection has not prepared is prepared in the same round trip.
+void Connection::Send(Statement const& statement, Parameters const& parameters) {
   bool ok = true;
   if (!prepared_.contains(statement.name)) {
     ok =
@@ -391,6 +400,10 @@ std::vector<Result> Connection::Exchange(Lost lost) {
     if (failure.status() == LSCOREDB_STOPPED) LeaveToServer();
     if (failure.status() != LSCOREDB_SERVER_LOST) throw;
     Break(lost);
+  } catch (std::bad_alloc const&) {
+    broken_ = true;  // results were left unread
+    if (lost == Lost::kPerhapsDone) throw ReplyLost();
+    throw;
   }
 }
 
