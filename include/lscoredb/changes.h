@@ -27,14 +27,12 @@
  *     keeps its database open: close it first. In a forked process use none of the parent's.
  */
 
-#include <lscoredb/lscoredb.h>
-#include <stddef.h>
+#include <lscoredb/host.h>
 
 #ifdef __cplusplus
 extern "C" {
 #endif
 
-typedef struct lscoredb lscoredb;
 typedef struct lscoredb_changes lscoredb_changes;
 
 /* Keeps the changes of later commits, in all processes and for good: as many as fit into `bytes`

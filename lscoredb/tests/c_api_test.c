@@ -1,5 +1,6 @@
 /* The headers and what they declare, from plain C: a small program that a C host could be. */
 
+#include <lscoredb/changes.h>
 #include <lscoredb/host.h>
 #include <lscoredb/index_build.h>
 #include <lscoredb/lscoredb.h>
@@ -121,6 +122,17 @@ static void build_beside_writers(uint64_t context) {
   EXPECT_OK(lscoredb_abandon_index(context, index));
 }
 
+/* A database in memory has no log. */
+static void ask_for_changes(lscoredb* database) {
+  lscoredb_kept_changes kept = {0};
+  lscoredb_changes* reader = NULL;
+  kept.size = sizeof kept;
+  EXPECT(lscoredb_keep_changes(database, 1, 0) == LSCOREDB_CHANGES_UNSUPPORTED);
+  EXPECT(lscoredb_kept(database, &kept) == LSCOREDB_CHANGES_UNSUPPORTED);
+  EXPECT(lscoredb_changes_open(database, 0, 0, &reader) == LSCOREDB_CHANGES_UNSUPPORTED);
+  EXPECT(lscoredb_changes_close(NULL) == LSCOREDB_NULL_ARGUMENT);
+}
+
 int main(void) {
   lscoredb* database = NULL;
   uint64_t context = 0;
@@ -129,6 +141,7 @@ int main(void) {
   EXPECT_OK(lscoredb_context_open(database, &context));
   use(context);
   build_beside_writers(context);
+  ask_for_changes(database);
   EXPECT(strlen(lscoredb_status_text(LSCOREDB_CONFLICT)) > 0);
   EXPECT_OK(lscoredb_context_close(context));
   EXPECT_OK(lscoredb_close(database));
