@@ -393,6 +393,52 @@ TEST_F(LogChangesTest, ReaderOfAnotherProcess_WaitsForEachCommit) {
   writer.ExpectGoodEnd();
 }
 
+TEST_F(LogChangesTest, SeveralWriters_AreFollowedInTheOrderOfTheirCommits) {
+  constexpr int kWriters = 3;
+  constexpr int kCommits = 100;
+  { static_cast<void>(OpenKeeping()); }
+  std::vector<std::unique_ptr<OtherProcess>> writers;
+  for (int writer = 0; writer < kWriters; ++writer) {
+    writers.push_back(std::make_unique<OtherProcess>([this, writer](OtherProcess& test) {
+      test.Hear();
+      std::unique_ptr<Store> const store = Open();
+      for (int i = 1; i <= kCommits; ++i) {
+        CommitNote(*store, std::to_string(writer * 1000 + i), i % 20 == 0 ? 4000 : 40);
+        store->Upkeep();
+      }
+    }));
+  }
+  std::unique_ptr<Store> const store = Open();
+  std::unique_ptr<ChangeSource> const reader = store->OpenChanges(store->Kept().last);
+  for (auto const& writer : writers) writer->Say();
+  std::vector<Notes> read(kWriters);
+  for (int count = 0; count < kWriters * kCommits;) {
+    ASSERT_TRUE(reader->Wait(60'000));
+    for (std::string const& note : Rest(*reader)) {
+      read.at(std::stoul(note) / 1000).push_back(note);
+      ++count;
+    }
+  }
+  for (int writer = 0; writer < kWriters; ++writer) {
+    EXPECT_EQ(Numbers(writer * 1000 + 1, writer * 1000 + kCommits),
+              read[static_cast<std::size_t>(writer)]);
+    writers[static_cast<std::size_t>(writer)]->ExpectGoodEnd();
+  }
+}
+
+TEST_F(LogChangesTest, AnotherRetention_DoesNotDisturbReaders) {
+  std::unique_ptr<Store> const store = OpenKeeping();
+  std::unique_ptr<ChangeSource> const reader = store->OpenChanges(store->Kept().last);
+  for (int i = 1; i <= 30; ++i) {
+    CommitNote(*store, std::to_string(i));
+    if (i % 5 == 0) store->KeepChanges({std::uint64_t{1} << 30, static_cast<std::uint64_t>(i)});
+    if (i % 7 != 0) continue;
+    EXPECT_EQ(Numbers(i - 6, i), Rest(*reader));
+  }
+  EXPECT_EQ(30u, store->Kept().retention.seconds);
+  EXPECT_EQ(Numbers(1, 30), AllKept(*store));
+}
+
 TEST_F(LogChangesTest, File_IsReadableUntilNothingIsLeft) {
   std::unique_ptr<Store> const store = OpenKeeping();
   std::unique_ptr<ChangeSource> const reader = store->OpenChanges(store->Kept().last);
