@@ -6,12 +6,14 @@
 #include <sagleme/index_build.hpp>
 #include <thread>
 
+#include "jobs/kinds.h"
 #include "text/key_values.h"
 
 namespace sagleme {
 namespace {
 
 constexpr std::size_t kMostColumns = 15;  // of an index in the catalogue
+constexpr std::uint32_t kFewest = 1;      // objects of a batch
 
 LORVI_COLUMN_INFO InfoOf(Transaction& transaction, Table const& table, std::uint16_t ordinal) {
   LORVI_COLUMN_INFO info{};
@@ -133,12 +135,41 @@ IndexSpec SpecOf(change::CreateIndex const& it) {
   return spec;
 }
 
+// "index ByEmail on Shop.Customer (Email, Name descending)"
+std::string DescribeIndex(IndexSpec const& index) {
+  std::string columns;
+  for (IndexColumnSpec const& column : index.columns) {
+    if (!columns.empty()) columns += ", ";
+    columns += ToUtf8(column.name);
+    if (!column.ascending) columns += " descending";
+  }
+  std::string const kind = index.uniqueness == Uniqueness::kUnique ? "unique index" : "index";
+  if (columns.empty())
+    return fmt::format("{} {} of a dropped table or column", kind, ToUtf8(index.name));
+  return fmt::format("{} {} on {} ({})", kind, ToUtf8(index.name), ToUtf8(index.table), columns);
+}
+
 // ---- the work ----------------------------------------------------------------------------------
 
 class Builder {
  public:
   Builder(Context const& context, IndexBuildOptions const& options)
       : context_(context), options_(options) {}
+
+  // Builds the index as a job, and creates it if `create`. False if the host ends the build.
+  bool Work(std::uint64_t id, IndexSpec const& spec, bool create) {
+    jobs::Row job = jobs::RowOfBuild(id, spec);
+    job.batch = options_.batch;
+    job.pause = static_cast<std::uint64_t>(options_.pause.count());
+    jobs::Run run(context_, job, options_.control);
+    return run.Perform([&] {
+      if (IsLong()) run.Record();
+      if (!Run(id, spec, run)) return false;
+      if (create) Create(spec, &run);
+      run.Finish();
+      return true;
+    });
+  }
 
   std::uint64_t Prepare(IndexSpec const& spec, KernelIndex const& index) {
     std::uint64_t id = 0;
@@ -149,8 +180,34 @@ class Builder {
     return id;
   }
 
-  // False if the host ends the build.
-  bool Run(std::uint64_t id, IndexSpec const& spec) {
+  // Nobody's objects are in its way, but other changes of the schema are. `run` ends with it, and
+  // may be null.
+  void Create(IndexSpec const& spec, jobs::Run* run) {
+    for (std::uint32_t attempt = 1;; ++attempt) {
+      try {
+        Transaction transaction(context_);
+        CreateIndex(transaction, spec.name, spec.table, spec.columns, spec.uniqueness);
+        if (run != nullptr) run->FinishIn(transaction);
+        transaction.Commit();
+        return;
+      } catch (Error const& error) {
+        if (error.status() != LSCOREDB_CONFLICT || attempt >= options_.attempts) throw;
+        std::this_thread::yield();
+      }
+    }
+  }
+
+ private:
+  // Whether there may be more objects than a batch takes. Counting those of the table would read
+  // them all after changes of the schema.
+  bool IsLong() const {
+    Transaction transaction(context_, Access::kReadOnly);
+    std::uint64_t objects = 0;
+    for (auto const& layout : LayoutStatistics(transaction)) objects += layout.objects;
+    return objects > std::max(options_.batch, kFewest);
+  }
+
+  bool Run(std::uint64_t id, IndexSpec const& spec, jobs::Run& run) {
     for (;;) {
       lscoredb_index_build build{};
       build.size = sizeof build;
@@ -162,28 +219,13 @@ class Builder {
       detail::CheckKernel(status);
       IndexBuildProgress progress = ProgressOf(build);
       progress.conflicts = conflicts_;
+      run.SaveAlone(progress.done, progress.total);
       if (options_.report && !options_.report(progress)) return false;
       if (progress.state == IndexBuildState::kReady) return true;
-      std::this_thread::sleep_for(options_.pause);
+      if (!run.GoesOn(options_.pause)) return false;
     }
   }
 
-  // Nobody's objects are in its way, but other changes of the schema are.
-  void Create(IndexSpec const& spec) {
-    for (std::uint32_t attempt = 1;; ++attempt) {
-      try {
-        Transaction transaction(context_);
-        CreateIndex(transaction, spec.name, spec.table, spec.columns, spec.uniqueness);
-        transaction.Commit();
-        return;
-      } catch (Error const& error) {
-        if (error.status() != LSCOREDB_CONFLICT || attempt >= options_.attempts) throw;
-        std::this_thread::yield();
-      }
-    }
-  }
-
- private:
   template <typename Call>
   std::uint32_t Attempt(Call&& call) {
     std::uint32_t status = call();
@@ -242,21 +284,32 @@ std::string_view IndexBuildStateName(IndexBuildState state) {
   return "ready";
 }
 
-bool PrepareIndex(Context const& context, IndexSpec const& index,
-                  IndexBuildOptions const& options) {
+namespace {
+
+// Nothing if there is nothing to build.
+std::optional<std::uint64_t> PrepareBuild(Context const& context, IndexSpec const& index,
+                                          IndexBuildOptions const& options) {
   KernelIndex kernel;
   {
     Transaction transaction(context, Access::kReadOnly);
-    if (IsNothingToBuild(transaction, index)) return true;
+    if (IsNothingToBuild(transaction, index)) return std::nullopt;
     kernel = KernelIndexOf(transaction, index);
   }
-  Builder builder(context, options);
-  return builder.Run(builder.Prepare(index, kernel), index);
+  return Builder(context, options).Prepare(index, kernel);
+}
+
+}  // namespace
+
+bool PrepareIndex(Context const& context, IndexSpec const& index,
+                  IndexBuildOptions const& options) {
+  auto const id = PrepareBuild(context, index, options);
+  return !id || Builder(context, options).Work(*id, index, false);
 }
 
 bool BuildIndex(Context const& context, IndexSpec const& index, IndexBuildOptions const& options) {
-  if (!PrepareIndex(context, index, options)) return false;
-  Builder(context, options).Create(index);
+  auto const id = PrepareBuild(context, index, options);
+  if (id) return Builder(context, options).Work(*id, index, true);
+  Builder(context, options).Create(index, nullptr);
   return true;
 }
 
@@ -309,10 +362,15 @@ bool ResumeIndexBuild(Context const& context, std::uint64_t id, IndexBuildOption
         SAGLEME_TABLE_NOT_FOUND,
         fmt::format("The table or a column of index build {} was dropped. Abandon it.", id));
   }
-  Builder builder(context, options);
-  if (!builder.Run(id, build.index)) return false;
-  builder.Create(build.index);
-  return true;
+  return Builder(context, options).Work(id, build.index, true);
+}
+
+jobs::Row jobs::RowOfBuild(std::uint64_t id, IndexSpec const& spec) {
+  Row row;
+  row.kind = JobKind::kIndexBuild;
+  row.details = std::to_string(id);
+  row.description = DescribeIndex(spec);
+  return row;
 }
 
 void AbandonIndexBuild(Context const& context, std::uint64_t id) {

@@ -6,6 +6,8 @@
 #include <sagleme/host/database.hpp>
 #include <string_view>
 
+#include "c/words.h"
+
 namespace sagleme {
 namespace {
 
@@ -26,11 +28,15 @@ struct Words {
 };
 constinit thread_local Words g_words{};
 
+}  // namespace
+
 std::uint32_t Failed(std::uint32_t status, char const* words) {
   g_words.Put(words);
   g_words.status = status;
   return status;
 }
+
+namespace {
 
 Options OptionsOf(lscoredb_options const* given) {
   lscoredb_options whole{};

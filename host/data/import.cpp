@@ -1,6 +1,7 @@
 #include <sagleme/host/duplicates.hpp>
 #include <sagleme/host/import.hpp>
 
+#include "data/import_rows.h"
 #include "data/importer.h"
 
 namespace sagleme {
@@ -32,6 +33,7 @@ class ImportRun {
     return true;
   }
   void Keep() { result_ = now_; }
+  std::uint64_t rows() const { return now_.rows; }
 
  private:
   bool Read() {
@@ -71,15 +73,30 @@ class ImportRun {
 
 }  // namespace
 
-void Import(Context const& context, std::u16string const& table, RowSource& rows,
-            ImportOptions const& options, ImportResult& result) {
+// Each commit records the rows that are in, or that the job is done.
+bool ImportRows(Context const& context, std::u16string const& table, RowSource& rows,
+                ImportOptions const& options, ImportResult& result, jobs::Run& run) {
   ImportRun work(table, rows, options, result);
   work.Skip();
-  for (bool more = true; more; work.Keep()) {
-    Transaction transaction(context);
-    more = work.Run(transaction, options.batch);
-    Commit(transaction, context);
+  for (bool more = true; more;) {
+    {
+      Transaction transaction(context);
+      more = work.Run(transaction, options.batch);
+      run.Save(transaction, rows.bytes(), work.rows());
+      if (!more) run.FinishIn(transaction);
+      Commit(transaction, context);
+    }
+    work.Keep();
+    if (options.after_batch && !options.after_batch(run.progress()) && more) return false;
+    if (more && !run.GoesOn(options.pause)) return false;
   }
+  return true;
+}
+
+void Import(Context const& context, std::u16string const& table, RowSource& rows,
+            ImportOptions const& options, ImportResult& result) {
+  jobs::Run run(context, {}, options.control);
+  ImportRows(context, table, rows, options, result, run);
 }
 
 void Import(Transaction& transaction, std::u16string const& table, RowSource& rows,

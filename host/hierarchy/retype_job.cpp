@@ -1,6 +1,11 @@
+#include <fmt/format.h>
+
 #include <algorithm>
+#include <nlohmann/json.hpp>
 #include <sagleme/hierarchy.hpp>
 #include <thread>
+
+#include "jobs/kinds.h"
 
 namespace sagleme {
 namespace {
@@ -16,36 +21,110 @@ std::uint64_t RetypeExisting(Transaction& transaction, std::span<ObjectId const>
   return Retype(transaction, existing, *table, options);
 }
 
-std::uint64_t RunBatch(Context const& context, std::span<ObjectId const> objects,
-                       std::u16string const& to, RetypeOptions const& options,
-                       std::uint32_t attempts) {
-  for (std::uint32_t attempt = 1;; ++attempt) {
-    try {
-      Transaction transaction(context);
-      std::uint64_t const changed = RetypeExisting(transaction, objects, to, options);
-      transaction.Commit();
-      return changed;
-    } catch (Error const& error) {
-      if (error.status() != LSCOREDB_CONFLICT || attempt >= attempts) throw;
-      std::this_thread::yield();
+class RetypeWork {
+ public:
+  RetypeWork(Context const& context, std::u16string to, RetypeOptions const& options,
+             RetypeJob const& how, jobs::Run& run)
+      : context_(context), to_(std::move(to)), options_(options), how_(how), run_(run) {}
+
+  // From one of the objects on. False if the host ends it before the last one.
+  bool Run(std::span<ObjectId const> objects, std::size_t from) {
+    std::size_t const size = std::max<std::uint64_t>(how_.batch, 1);
+    for (std::size_t done = from; done < objects.size();) {
+      auto const batch = objects.subspan(done, std::min(size, objects.size() - done));
+      done += batch.size();
+      RunBatch(batch, done);
+      bool const wanted = !how_.report || how_.report(done, objects.size());
+      if (done == objects.size()) break;
+      if (!wanted || !run_.GoesOn(how_.pause)) return false;
+    }
+    run_.Finish();
+    return true;
+  }
+
+  std::uint64_t changed() const { return changed_; }
+
+ private:
+  void RunBatch(std::span<ObjectId const> batch, std::size_t done) {
+    for (std::uint32_t attempt = 1;; ++attempt) {
+      try {
+        Transaction transaction(context_);
+        std::uint64_t const changed = RetypeExisting(transaction, batch, to_, options_);
+        run_.Save(transaction, done, done);
+        transaction.Commit();
+        changed_ += changed;
+        return;
+      } catch (Error const& error) {
+        if (error.status() != LSCOREDB_CONFLICT || attempt >= how_.attempts) throw;
+        std::this_thread::yield();
+      }
     }
   }
+
+  Context const& context_;
+  std::u16string const to_;
+  RetypeOptions const& options_;
+  RetypeJob const& how_;
+  jobs::Run& run_;
+  std::uint64_t changed_ = 0;
+};
+
+std::u16string FullNameOf(Context const& context, Text const& to) {
+  Transaction transaction(context, Access::kReadOnly);
+  return transaction.Resolve(to)->name;
+}
+
+// FNV-1a, which tells lists of objects apart.
+std::uint64_t DigestOf(std::span<ObjectId const> objects) {
+  std::uint64_t digest = 0xCBF29CE484222325u;
+  for (ObjectId const id : objects) {
+    for (int shift = 0; shift < 64; shift += 8) {
+      digest = (digest ^ ((id.value >> shift) & 0xFF)) * 0x100000001B3u;
+    }
+  }
+  return digest;
 }
 
 }  // namespace
 
 std::uint64_t RetypeInBatches(Context const& context, std::span<ObjectId const> objects,
                               Text const& to, RetypeOptions const& options, RetypeJob const& job) {
-  std::size_t const size = std::max<std::uint64_t>(job.batch, 1);
-  std::uint64_t changed = 0;
-  for (std::size_t done = 0; done < objects.size();) {
-    if (done != 0) std::this_thread::sleep_for(job.pause);
-    auto const batch = objects.subspan(done, std::min(size, objects.size() - done));
-    changed += RunBatch(context, batch, to.c_str(), options, job.attempts);
-    done += batch.size();
-    if (job.report && !job.report(done, objects.size())) break;
-  }
-  return changed;
+  std::u16string const table = FullNameOf(context, to);
+  jobs::Row row;
+  row.kind = JobKind::kRetype;
+  row.description = "objects to " + ToUtf8(table);
+  row.details = nlohmann::json{{"to", ToUtf8(table)},
+                               {"by_name", options.by_name},
+                               {"referring", static_cast<int>(options.referring)},
+                               {"objects", objects.size()},
+                               {"digest", DigestOf(objects)}}
+                    .dump();
+  row.batch = job.batch;
+  row.pause = static_cast<std::uint64_t>(job.pause.count());
+  jobs::Run run(context, row, job.control);
+  return run.Perform([&] {
+    if (objects.size() > job.batch) run.Record(objects.size(), objects);
+    RetypeWork work(context, table, options, job, run);
+    work.Run(objects, 0);
+    return work.changed();
+  });
+}
+
+bool jobs::ResumeRetype(Context const& context, Run& run, JobOptions const& options) {
+  auto const details = nlohmann::json::parse(run.job().details);
+  RetypeOptions how;
+  how.by_name = details.at("by_name");
+  how.referring = static_cast<Referring>(details.at("referring").get<int>());
+  RetypeJob job;
+  job.batch = run.job().batch;
+  job.pause = std::chrono::milliseconds(run.job().pause);
+  job.attempts = options.attempts;
+  job.report = [&](std::uint64_t, std::uint64_t) {
+    return !options.report || options.report(run.progress());
+  };
+  std::u16string const to = ToUtf16(details.at("to").get<std::string>());
+  std::vector<ObjectId> const ids = run.Ids();
+  return RetypeWork(context, to, how, job, run).Run(ids, run.job().position);
 }
 
 }  // namespace sagleme

@@ -1,10 +1,12 @@
 #include <algorithm>
 #include <cstddef>
+#include <sagleme/counts.hpp>
 #include <sagleme/vacuum.hpp>
 #include <set>
 #include <span>
 #include <thread>
 
+#include "jobs/kinds.h"
 #include "text/fetch.h"
 
 namespace sagleme {
@@ -89,10 +91,11 @@ bool SameRequest(VacuumRequest const& a, VacuumRequest const& b) {
 
 class Worker {
  public:
-  Worker(Context const& context, VacuumOptions const& options)
-      : context_(context), options_(options) {}
+  Worker(Context const& context, VacuumOptions const& options, jobs::Run& run)
+      : context_(context), options_(options), run_(run), done_before_(run.job().done) {}
 
-  VacuumProgress Run() {
+  // False if the host ends the run.
+  bool Run() {
     std::vector<VacuumRequest> requests;
     {
       Transaction transaction(context_, Access::kReadOnly);
@@ -100,18 +103,21 @@ class Worker {
     }
     progress_.requests = requests.size();
     for (VacuumRequest const& request : requests) {
-      if (!WorkOff(request)) return progress_;
+      if (!WorkOff(request)) return false;
     }
     for (VacuumRequest const& removal : CloseDroppedSets()) {
-      if (!WorkOff(removal)) return progress_;
+      if (!WorkOff(removal)) return false;
     }
     Attempt([](Transaction& transaction) {
       detail::DropStaleAnnotations(transaction);
       return false;
     });
     Attempt([this](Transaction& transaction) { return ReleaseLayouts(transaction); });
-    return progress_;
+    run_.Finish();
+    return true;
   }
+
+  VacuumProgress const& progress() const { return progress_; }
 
  private:
   // False if the host ends the run.
@@ -132,9 +138,18 @@ class Worker {
         left.resize(left.size() - size);
       }
       if (options_.report && !options_.report(progress_)) return false;
-      if (!finished) std::this_thread::sleep_for(options_.pause);
+      if (finished) continue;
+      if (!run_.recorded() && !left.empty()) run_.Record(done() + Left());
+      if (!run_.GoesOn(options_.pause)) return false;
     }
     return true;
+  }
+
+  std::uint64_t done() const { return done_before_ + progress_.moved + progress_.removed; }
+
+  std::uint64_t Left() const {
+    Transaction transaction(context_, Access::kReadOnly);
+    return ObjectsToVacuum(transaction);
   }
 
   // Closes the sets that have no table; returns the removals to make there.
@@ -171,6 +186,7 @@ class Worker {
       try {
         Transaction transaction(context_);
         bool const more = work(transaction);
+        run_.Save(transaction, done());
         transaction.Commit();
         return more;
       } catch (Error const& error) {
@@ -243,6 +259,8 @@ class Worker {
 
   Context const& context_;
   VacuumOptions const& options_;
+  jobs::Run& run_;
+  std::uint64_t const done_before_;  // by earlier runs of the job
   VacuumProgress progress_;
 };
 
@@ -257,8 +275,40 @@ std::vector<VacuumRequest> VacuumRequests(Transaction& transaction) {
   return requests;
 }
 
+std::uint64_t ObjectsToVacuum(Transaction& transaction) {
+  std::set<std::uint16_t> current;
+  for (TablePtr const& table : transaction.Tables(true)) current.insert(table->layout);
+  std::uint64_t count = 0;
+  for (lscoredb_layout_statistics const& layout : LayoutStatistics(transaction)) {
+    if (!current.contains(layout.layout)) count += layout.objects;
+  }
+  return count;
+}
+
 VacuumProgress RunVacuum(Context const& context, VacuumOptions const& options) {
-  return Worker(context, options).Run();
+  jobs::Row job;
+  job.kind = JobKind::kVacuum;
+  job.description = "objects of changed and dropped tables";
+  job.batch = options.batch;
+  job.pause = static_cast<std::uint64_t>(options.pause.count());
+  jobs::Run run(context, job, options.control);
+  return run.Perform([&] {
+    run.TakeUp();
+    Worker worker(context, options, run);
+    worker.Run();
+    return worker.progress();
+  });
+}
+
+bool jobs::ResumeVacuum(Context const& context, Run& run, JobOptions const& options) {
+  VacuumOptions vacuum;
+  vacuum.batch = static_cast<std::uint32_t>(run.job().batch);
+  vacuum.pause = std::chrono::milliseconds(run.job().pause);
+  vacuum.attempts = options.attempts;
+  vacuum.report = [&](VacuumProgress const&) {
+    return !options.report || options.report(run.progress());
+  };
+  return Worker(context, vacuum, run).Run();
 }
 
 }  // namespace sagleme

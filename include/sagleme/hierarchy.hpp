@@ -27,6 +27,7 @@
 #include <functional>
 #include <sagleme/failure.hpp>
 #include <sagleme/host.hpp>
+#include <sagleme/jobs.hpp>
 #include <span>
 #include <string>
 #include <vector>
@@ -92,12 +93,14 @@ struct RetypeJob {
   std::uint32_t attempts = 1000;       // per batch, before a conflict is reported
   // Called after each committed batch; false ends the run there.
   std::function<bool(std::uint64_t done, std::uint64_t total)> report;
+  JobControl const* control = nullptr;  // may end the run from another thread
 };
 
 // The same in batches, each in its own transaction of the context, which must have none open.
 // Readers see each object in one table or the other, with its values and index entries. Objects
 // deleted meanwhile are passed over. A run may end after any batch, even by the death of the
-// process; another one with the same objects continues. Throws as Retype; committed batches stay.
+// process: ResumeJob (<sagleme/jobs.hpp>) continues it, and so does another one with the same
+// objects. Throws as Retype; committed batches stay.
 SAGLEME_HOST_API std::uint64_t RetypeInBatches(Context const& context,
                                                std::span<ObjectId const> objects, Text const& to,
                                                RetypeOptions const& options = {},

@@ -21,6 +21,9 @@
 // nobody's duplicates again, and stays: IndexBuildDuplicates lists the objects. Change or delete
 // them and resume.
 //
+// A build over more objects than fit into a batch is a job (<sagleme/jobs.hpp>), whose number is
+// that of the build.
+//
 // All functions work in transactions of their own, in a context without an open one. A step that
 // the thread's watch stops (<lscoredb/watch.h>) throws Error with LSCOREDB_STOPPED and leaves the
 // build where it was. A database that had a build can be opened only by versions that know of them.
@@ -31,6 +34,7 @@
 #include <cstdint>
 #include <functional>
 #include <sagleme/host.hpp>
+#include <sagleme/jobs.hpp>
 #include <sagleme/schema_plan.hpp>
 #include <string>
 #include <string_view>
@@ -67,6 +71,7 @@ struct IndexBuildOptions {
   std::uint32_t attempts = 1000;       // per commit, before a conflict is reported
   // Called after each step; false ends the build there.
   std::function<bool(IndexBuildProgress const&)> report;
+  JobControl const* control = nullptr;  // may end the build from another thread
 };
 
 // Builds the index until it is ready, for a CreateIndex of the same definition to adopt. Returns

@@ -28,7 +28,9 @@
 #include <sagleme/host/mapping.hpp>
 #include <sagleme/host/table_of.hpp>
 #include <sagleme/index_build.hpp>
+#include <sagleme/jobs.hpp>
 #include <sagleme/schema_document.hpp>
+#include <sagleme/schema_job.hpp>
 #include <sagleme/schema_plan.hpp>
 #include <sagleme/vacuum.hpp>
 #include <sagleme/value_text.hpp>

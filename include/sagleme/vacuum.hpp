@@ -20,7 +20,8 @@
 // Each batch is a separate transaction in the given context, which must have none open. A run may
 // end after any batch, even by the death of the process, and the next run continues. Other writers
 // may work meanwhile: a batch that conflicts with them is retried. Run one vacuum at a time; two do
-// no harm but conflict with each other.
+// no harm but conflict with each other. A run that does not end with its first batch is a job
+// (<sagleme/jobs.hpp>), and takes up one that was cut off.
 
 #include <sagleme/export.h>
 
@@ -28,6 +29,7 @@
 #include <cstdint>
 #include <functional>
 #include <sagleme/host.hpp>
+#include <sagleme/jobs.hpp>
 #include <string>
 #include <vector>
 
@@ -58,10 +60,14 @@ struct VacuumOptions {
   std::uint32_t attempts = 1000;       // per batch, before the conflict is reported
   // Called after each committed batch; false ends the run there.
   std::function<bool(VacuumProgress const&)> report;
+  JobControl const* control = nullptr;  // may end the run from another thread
 };
 
 // The requests that a transaction sees.
 SAGLEME_HOST_API std::vector<VacuumRequest> VacuumRequests(Transaction& transaction);
+
+// The number of objects under layouts that no table has any longer.
+SAGLEME_HOST_API std::uint64_t ObjectsToVacuum(Transaction& transaction);
 
 // Processes the existing requests, and returns what was done. Throws Error if a batch fails for
 // another reason than a conflict; committed batches stay.

@@ -95,7 +95,9 @@ TEST_F(InterruptTest, IndexBuild_IsKept) {
   }
   ExpectInterrupted(session, {"jobs", "resume"});
   std::string const jobs = On("jobs").out;
-  EXPECT_NE(std::string::npos, jobs.find(",index,ByHeight,App.Person,Height,building,")) << jobs;
+  EXPECT_NE(std::string::npos,
+            jobs.find(",index build,index ByHeight on App.Person (Height),cut off,building,"))
+      << jobs;
   EXPECT_EQ(std::string::npos, On("schema").out.find("ByHeight"));
   On("jobs", {"resume"});
   EXPECT_NE(std::string::npos, On("schema").out.find("ByHeight"));

@@ -89,7 +89,7 @@ class JobsTest : public ToolTest {
 
 TEST_F(JobsTest, NoBuild_IsAnEmptyList) {
   EXPECT_EQ(Json::array(), Jobs());
-  EXPECT_EQ("id,job,index,table,columns,state,done,total\n", On("jobs").out);
+  EXPECT_EQ("id,job,description,state,step,done,total,rate,by,reason\n", On("jobs").out);
 }
 
 TEST_F(JobsTest, Apply_BuildsIndexesOfManyObjectsBesideWriters) {
@@ -130,10 +130,11 @@ TEST_F(JobsTest, CutOffBuild_IsListedAndFinishedByApply) {
   std::string const file = Write("with.json", With(false));
   CutOff(3);
   Json const job = Jobs().at(0);
-  EXPECT_EQ("ByPages", job["index"]);
-  EXPECT_EQ("App.Book", job["table"]);
-  EXPECT_EQ("Pages", job["columns"]);
-  EXPECT_EQ("building", job["state"]);
+  EXPECT_EQ("index build", job["job"]);
+  EXPECT_EQ("index ByPages on App.Book (Pages)", job["description"]);
+  EXPECT_EQ("cut off", job["state"]);
+  EXPECT_EQ("stopped", job["reason"]);
+  EXPECT_EQ("building", job["step"]);
   EXPECT_EQ(20, job["done"]);
   EXPECT_EQ(kMany, job["total"]);
   On("check");
@@ -148,11 +149,11 @@ TEST_F(JobsTest, Resume_FinishesBuilds) {
   for (int steps = 1; steps < 15; steps += 4) {
     CutOff(steps, true);
     Json const job = Jobs().at(0);
-    EXPECT_EQ("unique index", job["job"]);
+    EXPECT_EQ("unique index ByPages on App.Book (Pages)", job["description"]);
     EXPECT_FALSE(HasIndex());
     Arguments arguments{"resume"};
     if (steps > 5) arguments.push_back(std::to_string(job["id"].get<std::uint64_t>()));
-    EXPECT_EQ("created index ByPages\n", On("jobs", arguments).err);
+    EXPECT_EQ("created unique index ByPages on App.Book (Pages)\n", On("jobs", arguments).err);
     EXPECT_TRUE(HasIndex());
     EXPECT_EQ(Json::array(), Jobs());
     On("check");
@@ -171,12 +172,13 @@ TEST_F(JobsTest, CtrlC_KeepsTheBuildAndSaysSo) {
     terminal.Type("\x03");
     Result const stopped = terminal.Finish();
     EXPECT_NE(0, stopped.status);
-    EXPECT_NE(std::string::npos,
-              stopped.out.find("interrupted: the build of index ByPages is kept"))
+    EXPECT_NE(
+        std::string::npos,
+        stopped.out.find("interrupted: the build of index ByPages on App.Book (Pages) is kept"))
         << stopped.out;
   }
   EXPECT_GT(Jobs().at(0)["done"], 0);
-  On("jobs", {"resume"});
+  On("jobs", {"resume", "--batch", "5000", "--pause", "0"});
   EXPECT_TRUE(HasIndex());
 }
 
@@ -187,8 +189,8 @@ TEST_F(JobsTest, Abandon_RemovesABuild) {
   On("jobs", {"abandon", id});
   EXPECT_EQ(Json::array(), Jobs());
   EXPECT_FALSE(HasIndex());
-  EXPECT_NE(std::string::npos, On("jobs", {"abandon", id}, 4).err.find("no index build " + id));
-  EXPECT_NE(std::string::npos, On("jobs", {"resume", id}, 4).err.find("no index build " + id));
+  EXPECT_NE(std::string::npos, On("jobs", {"abandon", id}, 4).err.find("no job " + id));
+  EXPECT_NE(std::string::npos, On("jobs", {"resume", id}, 4).err.find("no job " + id));
   EXPECT_NE(std::string::npos, On("jobs", {"duplicates", id}, 4).err.find("no index build " + id));
   On("check");
 }
@@ -200,7 +202,8 @@ TEST_F(JobsTest, Duplicates_AreListedAndCanBeMended) {
   Result const refused = On("jobs", {"resume"}, 4);
   EXPECT_NE(std::string::npos, refused.err.find("duplicate key 0 in unique index ByPages (objects"))
       << refused.err;
-  EXPECT_EQ("duplicates", Jobs().at(0)["state"]);
+  EXPECT_EQ("duplicates", Jobs().at(0)["step"]);
+  EXPECT_NE(std::string::npos, Jobs().at(0)["reason"].dump().find("duplicate key 0")) << Jobs();
   Json const pairs = Json::parse(On("jobs", {"duplicates", id, "--format", "json"}).out);
   ASSERT_EQ(1u, pairs.size());
   On("delete", {std::to_string(pairs[0]["object"].get<std::uint64_t>())});
@@ -237,6 +240,47 @@ TEST_F(JobsTest, KilledBuild_IsResumed) {
   On("jobs", {"resume"});
   EXPECT_TRUE(HasIndex());
   On("check");
+}
+
+TEST_F(JobsTest, KilledImport_GoesOnBehindTheLastRow) {
+  std::string text = "Title,Pages\n";
+  for (int i = 0; i < 1000; ++i) text += "t" + std::to_string(i) + ",1\n";
+  std::string const file = Write("books.csv", text);
+  for (int round = 0; round < 2; ++round) {
+    pid_t const child =
+        StartTool({"import", database(), "Book", file, "--batch", "10", "--pause", "5"});
+    while (Jobs().empty() || Jobs().at(0)["done"] < 400 * (round + 1)) {
+    }
+    EXPECT_EQ("running", Jobs().at(0)["state"]);
+    EXPECT_EQ("process " + std::to_string(child), Jobs().at(0)["by"]);
+    EXPECT_NE(std::string::npos, On("import", {"Book", file}, 4).err.find("is running in process"));
+    kill(child, SIGKILL);
+    WaitFor(child);
+    EXPECT_EQ("cut off", Jobs().at(0)["state"]);
+    EXPECT_EQ("books.csv into App.Book", Jobs().at(0)["description"]);
+  }
+  std::string const id = std::to_string(Jobs().at(0)["id"].get<std::uint64_t>());
+  EXPECT_EQ("finished the import of books.csv into App.Book\n", On("jobs", {"resume", id}).err);
+  EXPECT_EQ(Json::array(), Jobs());
+  EXPECT_EQ(1000u, Json::parse(On("scan", {"Book", "--format", "json"}).out).size());
+  On("check");
+}
+
+TEST_F(JobsTest, Stop_EndsTheJobOfAnotherProcess) {
+  Import(500, 500);
+  CutOff(1);
+  std::string const id = std::to_string(Jobs().at(0)["id"].get<std::uint64_t>());
+  pid_t const child =
+      StartTool({"jobs", database(), "resume", id, "--batch", "1", "--pause", "20"});
+  while (Jobs().at(0)["state"] != "running") {
+  }
+  EXPECT_NE(std::string::npos, On("jobs", {"resume", id}, 4).err.find("is running in process"));
+  On("jobs", {"stop", id});
+  EXPECT_EQ(4, WaitFor(child));
+  EXPECT_EQ("cut off", Jobs().at(0)["state"]);
+  On("jobs", {"stop", "12345678"}, 4);
+  On("jobs", {"abandon", id});
+  EXPECT_EQ(Json::array(), Jobs());
 }
 
 TEST_F(JobsTest, WrongUse_IsRefused) {

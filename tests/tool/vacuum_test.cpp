@@ -80,7 +80,7 @@ TEST_F(VacuumTest, Vacuum_RemovesObjectsOfDroppedTablesAndOfNoOthers) {
   Apply(schema, {"--allow-destructive"});
   EXPECT_EQ(1, Info()["tables to clear"]);
   On("check");
-  Result const vacuum = On("vacuum", {"--batch", "7"});
+  Result const vacuum = On("vacuum");
   EXPECT_NE(std::string::npos, vacuum.err.find("removed 30 objects, finished 1 of 1 request,"))
       << vacuum.err;
   EXPECT_EQ(0, Info()["tables to clear"]);

@@ -19,11 +19,13 @@
 
 #include <sagleme/export.h>
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <sagleme/host.hpp>
 #include <sagleme/host/rows.hpp>
 #include <sagleme/host/transfer.hpp>
+#include <sagleme/jobs.hpp>
 #include <string>
 
 namespace sagleme {
@@ -40,6 +42,10 @@ struct ImportOptions {
   std::function<void(RowSource const&, BadRow const&)> reject;
   // `done` counts the bytes of the file.
   TransferReport report;
+  std::chrono::milliseconds pause{0};   // between transactions
+  JobControl const* control = nullptr;  // may end the import from another thread
+  // Called after each commit; false ends the import there.
+  std::function<bool(JobProgress const&)> after_batch;
 };
 
 struct ImportResult {
@@ -48,6 +54,8 @@ struct ImportResult {
   std::uint64_t rows = 0;
   std::uint64_t objects = 0;
   std::uint64_t rejected = 0;
+  // Of `rows`, those that an earlier import of the file had committed, as its job says.
+  std::uint64_t before = 0;
 };
 
 // Imports the rows in batches, each in its own transaction; the context must have none open.
@@ -55,6 +63,23 @@ struct ImportResult {
 // batch leaves nothing. Throws BadRow for a bad row or heading, Error for all else.
 SAGLEME_HOST_API void Import(Context const& context, std::u16string const& table, RowSource& rows,
                              ImportOptions const& options, ImportResult& result);
+
+// The same for a file, as a job (<sagleme/jobs.hpp>): each batch's commit also records how many
+// rows are in. If an import of the file into the table was cut off, this one goes on behind the
+// last row that was committed, unless `skip` says where to; so does ResumeJob. `rows` reads the
+// file. Returns false if the control or `after_batch` ended the import. Failure of kRefused: the
+// file has changed since. LSCOREDB_IN_USE: another import of it is running. A pipe, and a file
+// whose identities are kept, are imported without a job, which would take an identity itself.
+struct FileImport {
+  std::u16string table;  // full name
+  std::string path;
+  RowFormat format;
+};
+SAGLEME_HOST_API bool ImportFile(Context const& context, FileImport const& file, RowSource& rows,
+                                 ImportOptions const& options, ImportResult& result);
+// Opens the file itself. Throws as OpenRows too, and Failure of kCannotOpen.
+SAGLEME_HOST_API bool ImportFile(Context const& context, FileImport const& file,
+                                 ImportOptions const& options, ImportResult& result);
 
 // The same inside the given transaction, which the caller commits, or rolls back after a failure.
 // `batch` is ignored, and `result` is meaningless after a failure.

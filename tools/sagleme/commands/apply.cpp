@@ -3,8 +3,10 @@
 #include <algorithm>
 #include <optional>
 #include <sagleme/counts.hpp>
+#include <sagleme/schema_job.hpp>
 #include <sagleme/schema_plan.hpp>
 
+#include "base/interrupt.h"
 #include "base/watch.h"
 #include "cli/question.h"
 #include "commands/column_jobs.h"
@@ -77,14 +79,16 @@ class ApplySchema : public Command {
                                 Output const& output);
   bool Prepare(Session& session, sagleme::SchemaDoc const& wanted, Output const& output);
   void ApplyOnce(Session& session, sagleme::SchemaDoc const& wanted, Output const& output);
+  void ApplyInSteps(Session& session, sagleme::SchemaDoc const& wanted, Output const& output);
 
   std::string file_;
   bool plan_only_ = false;
   bool destructive_ = false;
   bool atomic_ = false;
   bool stranger_noted_ = false;
-  bool stranger_ = false;  // the document was written by another database
-  std::string shown_;      // the plan
+  bool stranger_ = false;                    // the document was written by another database
+  std::string shown_;                        // the plan
+  std::unique_ptr<sagleme::SchemaJob> job_;  // while something is prepared beside writers
 };
 
 // What a plan would lose refuses it when it is applied; with `refusals` the text says so.
@@ -268,7 +272,14 @@ void PrepareAll(Session& session, std::vector<sagleme::Change> const& changes,
 bool ApplySchema::Prepare(Session& session, sagleme::SchemaDoc const& wanted,
                           Output const& output) {
   Preparations const found = FindPreparations(session, wanted, output);
-  for (sagleme::IndexSpec const& index : found.indexes) PrepareOne(session, index, output);
+  std::size_t const steps = found.indexes.size() + (found.changes.empty() ? 0 : 1);
+  if (steps != 0 && job_ == nullptr) {
+    job_ = std::make_unique<sagleme::SchemaJob>(session.context(), wanted, destructive_, steps + 1);
+  }
+  for (sagleme::IndexSpec const& index : found.indexes) {
+    PrepareOne(session, index, output);
+    job_->Step();
+  }
   PrepareAll(session, found.changes, output);
   return !found.changes.empty();
 }
@@ -281,7 +292,20 @@ void ApplySchema::ApplyOnce(Session& session, sagleme::SchemaDoc const& wanted,
     Show(TextOf(transaction, plan, false), output);
     RefuseDestructive(plan);
     if (!plan.empty()) ApplyWithProgress(transaction, plan, output);
+    if (job_ != nullptr) job_->Finish(transaction);
   });
+}
+
+void ApplySchema::ApplyInSteps(Session& session, sagleme::SchemaDoc const& wanted,
+                               Output const& output) {
+  for (int attempt = 1;; ++attempt) {
+    bool const beside = !atomic_ && !session.in_transaction() && Prepare(session, wanted, output);
+    try {
+      return ApplyOnce(session, wanted, output);
+    } catch (sagleme::Error const& error) {
+      if (error.status() != LSCOREDB_CONFLICT || !beside || attempt == kAttempts) throw;
+    }
+  }
 }
 
 Exit ApplySchema::Run(Session& session, Output& output) {
@@ -296,15 +320,17 @@ Exit ApplySchema::Run(Session& session, Output& output) {
     });
     return anything ? Exit::kSomethingToDo : Exit::kDone;
   }
-  for (int attempt = 1;; ++attempt) {
-    bool const beside = !atomic_ && !session.in_transaction() && Prepare(session, wanted, output);
-    try {
-      ApplyOnce(session, wanted, output);
-      return Exit::kDone;
-    } catch (sagleme::Error const& error) {
-      if (error.status() != LSCOREDB_CONFLICT || !beside || attempt == kAttempts) throw;
-    }
+  try {
+    ApplyInSteps(session, wanted, output);
+  } catch (Interrupted const&) {
+    job_.reset();  // to be resumed
+    throw;
+  } catch (std::exception const&) {
+    if (job_ != nullptr) job_->Abandon();  // what is refused is no job to go on with
+    throw;
   }
+  job_.reset();
+  return Exit::kDone;
 }
 
 }  // namespace

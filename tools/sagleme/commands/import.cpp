@@ -42,7 +42,11 @@ class Import : public Command {
   std::string summary() const override { return "Create objects from the rows of a file"; }
   std::string details() const override {
     return "Rows are committed in batches of 50,000. When a row is bad, or the import is stopped, "
-           "earlier batches stay, and the message says with which --skip to continue. "
+           "earlier batches stay. The same import of the unchanged file then continues behind "
+           "them, and "
+           "so does \"sagleme jobs\"; for a file that was mended, the message says with which "
+           "--skip "
+           "to continue. "
            "--atomic commits all rows or none, in memory that grows with the file; inside a "
            "transaction at the prompt this is always so.\n"
            "Files compressed by gzip are unpacked. UTF-16 is recognised by its byte order mark. "
@@ -67,6 +71,8 @@ class Import : public Command {
         ->type_name("CHAR");
     app.add_option("--reject", reject_, "Collect bad rows in FILE and continue")->type_name("FILE");
     AddCount(app, "--skip", skip_, "Skip the first COUNT rows, which are already imported");
+    AddCount(app, "--batch", batch_, "Commit COUNT rows at a time. 50000 by default");
+    AddCount(app, "--pause", pause_, "Wait MS milliseconds between commits. 0 by default", "MS");
     app.add_flag("--atomic", atomic_, "Import all rows in one transaction, or none");
     app.add_flag("--keep-ids", keep_ids_, "Give the objects the ids in the file");
   }
@@ -91,6 +97,8 @@ class Import : public Command {
   std::string reject_;
   std::string separator_;
   std::uint64_t skip_ = 0;
+  std::uint64_t batch_ = 50000;
+  std::uint64_t pause_ = 0;
   bool json_ = false;
   bool atomic_ = false;
   bool keep_ids_ = false;
@@ -142,7 +150,14 @@ sagleme::TablePtr Import::FindTable(Session& session) const {
 void Import::ImportRows(Session& session, sagleme::Table const& table, RowSource& rows,
                         sagleme::ImportOptions const& options,
                         sagleme::ImportResult& result) const {
-  if (!InOne(session)) return sagleme::Import(session.context(), table.name, rows, options, result);
+  if (!InOne(session) && file_ == "-") {
+    return sagleme::Import(session.context(), table.name, rows, options, result);
+  }
+  if (!InOne(session)) {
+    sagleme::FileImport const file{table.name, file_, Format()};
+    sagleme::ImportFile(session.context(), file, rows, options, result);
+    return;
+  }
   session.Write([&](sagleme::Transaction& transaction) {
     sagleme::Import(transaction, table.name, rows, options, result);
   });
@@ -177,6 +192,9 @@ Exit Import::Run(Session& session, Output& output) {
   sagleme::ImportOptions options;
   options.keep_ids = keep_ids_;
   options.skip = skip_;
+  if (batch_ == 0) throw Failure(Exit::kUsage, "the option --batch needs a number from 1, not 0");
+  options.batch = batch_;
+  options.pause = std::chrono::milliseconds(pause_);
   options.report = [&](sagleme::TransferProgress const& so_far) {
     progress.Update(so_far.done, so_far.objects);
   };
@@ -202,6 +220,9 @@ Exit Import::Run(Session& session, Output& output) {
     throw Failure(Exit::kProblem, "interrupted", AdviceFor(session, result));
   }
   progress.Finish(result.objects);
+  if (result.before != 0) {
+    output.Note(fmt::format("the first {} were imported before\n", Counted(result.before, "rows")));
+  }
   if (result.rejected == 0) return Exit::kDone;
   output.Note(fmt::format("{} rejected; see {}\n", Counted(result.rejected, "rows"), reject_));
   return Exit::kProblem;

@@ -24,6 +24,11 @@ class BuildDisplay {
     if (!line_.has_value()) Begin(fmt::format("objects read for {}", name_), 0);
     line_->Update(done, done);
   }
+  void Show(sagleme::JobProgress const& progress) {
+    if (!line_.has_value() || progress.done < last_) Begin(name_, progress.total);
+    last_ = progress.done;
+    line_->Update(progress.done, progress.done);
+  }
   void Show(sagleme::IndexBuildProgress const& progress) {
     bool const same = line_.has_value() && state_ == progress.state;
     if (!same) Begin(ThingsOf(name_, progress.state), progress.total);
@@ -40,8 +45,24 @@ class BuildDisplay {
   Output const& output_;
   std::string const name_;
   std::optional<sagleme::IndexBuildState> state_;
+  std::uint64_t last_ = 0;
   std::optional<Progress> line_;
 };
+
+// Returns what the work returns; throws Interrupted after Ctrl-C, which `note` explains.
+template <typename Work>
+bool RunWatched(Output const& output, std::string const& note, Work&& work) {
+  bool ended = false;
+  try {
+    ended = work();
+  } catch (sagleme::Error const& error) {
+    if (error.status() != LSCOREDB_STOPPED || !InterruptPending()) throw;
+  } catch (Interrupted const&) {  // while the progress was shown
+  }
+  if (ended) return true;
+  output.Note(note);
+  throw Interrupted();
+}
 
 }  // namespace
 
@@ -55,18 +76,28 @@ bool WatchBuild(Output const& output, std::string const& name, sagleme::IndexBui
     display.Show(progress);
     return true;
   };
-  bool ended = false;
-  try {
-    ended = build(options);
-  } catch (sagleme::Error const& error) {
-    if (error.status() != LSCOREDB_STOPPED) throw;
-  } catch (Interrupted const&) {  // while the progress was shown
-  }
-  if (ended) return true;
-  output.Note(fmt::format(
+  std::string const note = fmt::format(
       "interrupted: the build of index {} is kept; \"sagleme jobs\" resumes or abandons it\n",
-      name));
-  throw Interrupted();
+      name);
+  return RunWatched(output, note, [&] { return build(options); });
+}
+
+void WatchJob(Output const& output, sagleme::Job const& job, sagleme::JobOptions options,
+              std::function<bool(sagleme::JobOptions const&)> const& resume) {
+  InterruptGuard const guard;
+  bool const build = job.kind == sagleme::JobKind::kIndexBuild;
+  BuildDisplay display(output, build ? "objects for " + job.description
+                                     : fmt::format("done of the {}", JobKindName(job.kind)));
+  Watch const watch;
+  options.report = [&](sagleme::JobProgress const& progress) {
+    if (InterruptPending()) return false;
+    display.Show(progress);
+    return true;
+  };
+  std::string const note =
+      fmt::format("interrupted: the {} of {} is kept; \"sagleme jobs\" resumes or abandons it\n",
+                  build ? "build" : JobKindName(job.kind), job.description);
+  RunWatched(output, note, [&] { return resume(options); });
 }
 
 }  // namespace tool

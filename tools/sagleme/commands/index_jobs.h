@@ -1,10 +1,11 @@
 #ifndef SAGLEME_TOOL_COMMANDS_INDEX_JOBS_H
 #define SAGLEME_TOOL_COMMANDS_INDEX_JOBS_H
 
-// Index builds with their progress on a terminal, and Ctrl-C, which leaves them to be resumed.
+// Jobs with their progress on a terminal, and Ctrl-C, which leaves them to be resumed.
 
 #include <functional>
 #include <sagleme/index_build.hpp>
+#include <sagleme/jobs.hpp>
 #include <string>
 
 #include "output/format.h"
@@ -15,6 +16,10 @@ namespace tool {
 // Interrupted, with a note how to go on, after Ctrl-C.
 bool WatchBuild(Output const& output, std::string const& name, sagleme::IndexBuildOptions options,
                 std::function<bool(sagleme::IndexBuildOptions const&)> const& build);
+
+// The same for a job that is resumed.
+void WatchJob(Output const& output, sagleme::Job const& job, sagleme::JobOptions options,
+              std::function<bool(sagleme::JobOptions const&)> const& resume);
 
 }  // namespace tool
 

@@ -1,8 +1,6 @@
 #include <fmt/format.h>
 
-#include <sagleme/counts.hpp>
 #include <sagleme/vacuum.hpp>
-#include <set>
 
 #include "base/interrupt.h"
 #include "commands/commands.h"
@@ -41,16 +39,10 @@ class VacuumCommand : public Command {
   std::uint64_t pause_ = 0;
 };
 
-// Objects under layouts that no table has any longer.
 std::uint64_t ToDo(Session& session) {
   std::uint64_t count = 0;
-  session.Read([&](sagleme::Transaction& transaction) {
-    std::set<std::uint16_t> current;
-    for (sagleme::TablePtr const& table : transaction.Tables(true)) current.insert(table->layout);
-    for (auto const& layout : sagleme::LayoutStatistics(transaction)) {
-      if (!current.contains(layout.layout)) count += layout.objects;
-    }
-  });
+  session.Read(
+      [&](sagleme::Transaction& transaction) { count = sagleme::ObjectsToVacuum(transaction); });
   return count;
 }
 
