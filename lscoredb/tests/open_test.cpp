@@ -219,29 +219,6 @@ TEST_F(ReadOnlyTest, ReadOnlyRequest_OpensReadOnly) {
   EXPECT_STATUS(LSCOREDB_INVALID_ARGUMENT, TryOpen(place_, &options));
 }
 
-// Reading a log needs its shared words, which every process that opens it writes.
-TEST_F(ReadOnlyTest, DatabaseWithALog_CannotBeOpenedReadOnly) {
-  lscoredb_options options = NoSync();
-  options.log = LSCOREDB_LOG;
-  ASSERT_EQ(0U, TryOpen(place_, &options));
-  auto const expect_refused = [&](std::string const& where) {
-    std::string const text = where + ": a database with a log cannot be opened only to read";
-    EXPECT_STATUS(LSCOREDB_CANNOT_OPEN, TryOpen(place_, &options));
-    EXPECT_EQ(text, lscoredb_open_error());
-  };
-  for (int board : {1, 0}) {
-    if (board == 0) std::filesystem::remove(place_ + "/log.lock");
-    options.access = LSCOREDB_ACCESS_READ;
-    expect_refused(place_);
-    options.access = LSCOREDB_ACCESS_AUTOMATIC;
-    AsReader(place_, [&] { expect_refused(place_ + "/layouts.lock: Permission denied"); });
-  }
-  Database const database(place_, options);
-  Session session(database);
-  session.BeginReadOnly();
-  EXPECT_EQ(7, session.Long(row_, kNumber)) << "the refusals changed nothing";
-}
-
 TEST_F(ReadOnlyTest, ReadOnlyDatabase_MakesNoLog) {
   lscoredb_options options = NoSync();
   options.log = LSCOREDB_LOG;

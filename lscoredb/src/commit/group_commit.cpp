@@ -27,8 +27,11 @@ Status GroupCommit::Run(CommitRequest& request) {
   return request.status;
 }
 
-void GroupCommit::RequireSync() {
-  queue_.BetweenBatches([this] { store_.RequireSync(); });
+void GroupCommit::RequireSync(std::chrono::milliseconds delay) {
+  queue_.BetweenBatches([&] {
+    if (delay == delay.zero()) return store_.RequireSync();
+    store_.RequireSyncWithin(delay);
+  });
 }
 
 // Tries all tickets in one batch. A full map is tried once more if removing dead readers may have
@@ -121,6 +124,7 @@ void GroupCommit::TryAll(Tickets tickets) {
     });
     if (request.status != LORV_STATUS_OK || request.empty()) continue;
     work.Apply();
+    if (request.sync) batch->AskForSync();
     anything = true;
   }
   if (!anything) return;

@@ -7,6 +7,7 @@
 // fails (a full disk), each transaction is tried again alone, so that one that does not fit does
 // not fail the others.
 
+#include <chrono>
 #include <span>
 
 #include "allocators.h"
@@ -40,6 +41,7 @@ struct CommitRequest : CommitTicket {
   Snapshot const& snapshot;
   CommitId index_version;              // of the snapshot
   BuildChange const* build = nullptr;  // of a prepared index
+  bool sync = false;                   // before it returns, whatever the store's durability
   Status status = LORV_STATUS_OK;
   RefusedKey refused;      // with LSCOREDB_DUPLICATE_KEY
   CommitInDoubt in_doubt;  // with LSCOREDB_COMMIT_UNKNOWN
@@ -53,8 +55,8 @@ class GroupCommit {
   // Commits or fails; either way the request is not used after Run returned.
   Status Run(CommitRequest& request);
 
-  // Syncs every commit from the next one on.
-  void RequireSync();
+  // Syncs every commit from the next one on, at most so much later.
+  void RequireSync(std::chrono::milliseconds delay);
 
  private:
   using Tickets = std::span<CommitTicket* const>;  // of requests

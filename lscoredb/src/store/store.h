@@ -27,6 +27,7 @@
 // thread may call it. Views and cursors belong to one thread at a time. All failures are thrown as
 // statuses.
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -90,6 +91,7 @@ struct StoreStatistics {
   std::uint64_t log_size = 0;     // bytes of commits that no checkpoint has written yet
   std::uint64_t log_memory = 0;   // memory of this process for these, and for older snapshots
   std::uint64_t round_trips = 0;  // those that this process has waited for
+  CommitId synced_commit{0};      // the newest commit that is known to be on disk
 };
 
 // A part of the store that cannot be read. Keys of the tree from `low` on and below `high` are lost
@@ -203,6 +205,15 @@ class Batch : public View {
   virtual void Commit() = 0;
   // After a commit that threw LSCOREDB_COMMIT_UNKNOWN.
   virtual CommitInDoubt in_doubt() const { return {}; }
+
+  // Commit syncs the batch, and all before it, even in a store that need not.
+  void AskForSync() { asks_for_sync_ = true; }
+
+ protected:
+  bool asks_for_sync() const { return asks_for_sync_; }
+
+ private:
+  bool asks_for_sync_ = false;
 };
 
 // Scans a tree in key order. May be reopened; over snapshots of one store that allocates nothing.
@@ -293,8 +304,7 @@ class Store {
     return BeginBatch();
   }
 
-  // A snapshot all of whose parts were checked. After a reported fault, reads of that part are not
-  // reliable.
+  // A snapshot all of whose parts were checked. Reads of a part with a fault are not reliable.
   virtual std::unique_ptr<Snapshot> BeginVerified(FaultReport const& report) = 0;
   // Throws LSCOREDB_DAMAGED when the newest state is inconsistent.
   virtual void Verify() = 0;
@@ -303,6 +313,8 @@ class Store {
 
   // Whether it was opened read-only: BeginBatch throws LSCOREDB_READ_ONLY_DATABASE.
   virtual bool read_only() const { return false; }
+  // Whether, besides, nobody can write it until it is closed.
+  virtual bool frozen() const { return false; }
 
   // Whether a commit took place; if not, it never will. Throws LSCOREDB_COMMIT_UNKNOWN if that
   // cannot be found out, or the wait was stopped.
@@ -315,8 +327,7 @@ class Store {
   std::shared_ptr<void> LockCreation();
 
   // Removes the database from a server, where there is no directory to remove, and then releases
-  // the lock, so that nobody creates the database in between. REQUIRES: `lock` is from
-  // LockCreation.
+  // the lock of LockCreation, so that nobody creates the database in between.
   virtual void Discard(std::shared_ptr<void> /* lock */) {}
 
   // ---- the feed of changes. All throw LSCOREDB_CHANGES_UNSUPPORTED if the store has none, and the
@@ -327,11 +338,16 @@ class Store {
   // Throws LSCOREDB_INVALID_ARGUMENT if there is no commit `after` yet.
   virtual std::unique_ptr<ChangeSource> OpenChanges(CommitId after);
 
-  // From now on every commit is synced. REQUIRES: no batch is open.
+  // From now on every commit is synced, with a log maybe so much later. REQUIRES: no open batch.
   virtual void RequireSync() = 0;
+  virtual void RequireSyncWithin(std::chrono::milliseconds /* delay */) { RequireSync(); }
+  // Syncs every commit that was published, also those of other processes.
+  virtual void Sync() = 0;
+  // Writes what is in the log into the image.
+  virtual void Checkpoint() {}
 
-  // Frees the slots of readers whose processes died, and so the space that those kept from being
-  // reused. Returns whether there were any.
+  // Frees the slots of readers whose processes died, and the space that they kept from reuse.
+  // Returns whether there were any.
   virtual bool FreeDeadReaders() = 0;
 
   // Work that commits have postponed. Called after a commit by a thread that holds no lock.

@@ -104,7 +104,7 @@ void Join(Database& database, StoreOptions const& options) {
     Throw(LSCOREDB_READ_ONLY_DATABASE);
   }
   if (options.verify) database.store().Verify();
-  if (options.sync) database.commits().RequireSync();
+  if (options.sync) database.commits().RequireSync(std::chrono::milliseconds(0));
 }
 
 // Connects without the mutex, since a server may take long to answer. When two threads open the

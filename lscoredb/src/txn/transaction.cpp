@@ -15,6 +15,7 @@ Transaction::~Transaction() {
 void Transaction::Begin(bool read_only) {
   Store& store = state_.database->store();
   in_doubt_ = {};
+  sync_ = false;
   state_.snapshot = store.Begin();
   reader_.Begin(store.Notice(*state_.snapshot));
   refusal_ = read_only ? LSCOREDB_WRITE_REFUSED : LSCOREDB_READ_ONLY_DATABASE;
@@ -33,10 +34,17 @@ Status Transaction::Commit() {
     status = Guarded([&] {
       changes.SortEntries();
       CommitRequest request{changes, *state_.snapshot, schema_.version()};
+      request.sync = sync_;
       Status const ended = state_.database->commits().Run(request);
       if (ended == LSCOREDB_DUPLICATE_KEY) state_.refused = std::move(request.refused);
       in_doubt_ = std::move(request.in_doubt);
       return ended;
+    });
+  }
+  if (status == LORV_STATUS_OK && sync_ && changes.empty()) {
+    status = Guarded([&] {
+      state_.database->store().Sync();
+      return LORV_STATUS_OK;
     });
   }
   End();

@@ -42,6 +42,8 @@ class Transaction {
   Status refusal_of_writes() const { return refusal_; }
   void Begin(bool read_only);
   Status Commit();
+  // Commit syncs, all commits before this one too, whatever the durability of the database.
+  void RequireSync() { sync_ = true; }
   // The key that the last commit, or the last creation of an index in this transaction, refused
   // with LSCOREDB_DUPLICATE_KEY. Empty when neither did; Begin clears it.
   std::optional<RefusedKey> const& refused_key() const { return state_.refused; }
@@ -121,6 +123,7 @@ class Transaction {
   // Each part uses only those above it.
   TransactionState state_;
   bool read_only_ = false;
+  bool sync_ = false;
   CommitInDoubt in_doubt_;  // the last commit, if its outcome is unknown
   Status refusal_ = LSCOREDB_WRITE_REFUSED;
   ResultBuffers result_buffers_;

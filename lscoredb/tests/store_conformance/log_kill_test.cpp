@@ -108,6 +108,38 @@ TEST_F(LogKillTest, Recovery_FindsWhatADeadProcessWroteToTheImage) {
   EXPECT_EQ("abcde", KeysIn(*Open()));
 }
 
+// A process that only reads recovers the log, and cannot settle the image.
+TEST_F(LogKillTest, Writer_SettlesTheImageThatAReaderFoundUnsettled) {
+  auto const other = Dying([this](std::unique_ptr<Store> store) { CommitToImage(*store, "c"); });
+  OtherProcess writer([this](OtherProcess& test) {
+    test.Hear();
+    std::unique_ptr<Store> const store = Open();
+    Commit(*store, "d");
+    EXPECT_EQ("abcd", KeysIn(*store));
+    CommitToImage(*store, "e");
+    test.Say();
+    test.Hear();
+  });
+  Commit(*Open(), "a");
+  StoreOptions image_options = options_;
+  image_options.max_readers += LogStore::kOwnReaders;
+  image_options.access = Access::kRead;
+  std::unique_ptr<Store> image = LmdbStore::Open(directory_.c_str(), image_options);
+  Die(*other);
+  {
+    std::unique_ptr<Store> const store = LogStore::Open(image, directory_, options_);
+    std::string const before = KeysIn(*store);
+    EXPECT_TRUE(before == "ab" || before == "abc") << before;
+    writer.Say();
+    writer.Hear();
+    EXPECT_EQ("abcde", KeysIn(*store));
+    writer.Say();
+    writer.ExpectGoodEnd();
+    EXPECT_EQ("abcde", KeysIn(*store));
+  }
+  EXPECT_EQ("abcde", KeysIn(*Open()));
+}
+
 TEST_F(LogKillTest, Recovery_FindsTheImageThatADeadProcessLeftClean) {
   auto const closing = Dying([](std::unique_ptr<Store> store) { store.reset(); });
   auto const killed = std::make_unique<OtherProcess>([this](OtherProcess& test) {

@@ -241,6 +241,7 @@ bool LmdbBatch::Delete(Tree tree, std::string_view key) {
 void LmdbBatch::Commit() {
   if (txn_ == nullptr) ThrowDamaged();
   if (changed_) store_.guard().CheckCommit();
+  if (asks_for_sync()) store_.SyncBatch();
   if (changed_) store_.BeginOwnCommit(*this);
   int const code = CallWriting([this] { return mdb_txn_commit(txn_); });
   txn_ = nullptr;  // the library has ended the transaction in any case
@@ -476,20 +477,38 @@ StoreStatistics LmdbStore::Statistics() const {
   statistics.oldest_commit = CommitId{states_before_ + readers.oldest};
   statistics.readers = readers.count;
   statistics.max_readers = info.me_maxreaders;
+  if (sync_) statistics.synced_commit = statistics.last_commit;
   return statistics;
 }
 
 // Other processes sync from now on; what was committed before is synced here.
 void LmdbStore::RequireSync() {
-  if (read_only()) return;
-  char const* directory = nullptr;
+  if (read_only() || in_memory_) return;
   locks_.RequireSync();
   sync_ = true;
-  CheckStore(mdb_env_get_path(env_, &directory));
-  SyncDirectory(directory);
+  SyncName();
   WritePause const pause(locks_, env_);
   CheckStore(mdb_env_set_flags(env_, MDB_NOSYNC, 0));
   CheckStore(mdb_env_sync(env_, 1));
+}
+
+// The data file's name in its directory, which a creation without sync has not synced.
+void LmdbStore::SyncName() const {
+  char const* directory = nullptr;
+  CheckStore(mdb_env_get_path(env_, &directory));
+  SyncDirectory(directory);
+}
+
+void LmdbStore::Sync() {
+  if (read_only() || in_memory_ || sync_) return;
+  SyncName();
+  CheckStore(mdb_env_sync(env_, 1));
+}
+
+void LmdbStore::SyncBatch() {
+  if (in_memory_ || sync_) return;
+  SyncName();
+  CheckStore(mdb_env_set_flags(env_, MDB_NOSYNC, 0));
 }
 
 void LmdbStore::SetSyncOfBatch() {

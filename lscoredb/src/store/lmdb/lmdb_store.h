@@ -127,8 +127,10 @@ class LmdbStore final : public Store {
   void Verify() override;
   StoreStatistics Statistics() const override;
   void RequireSync() override;
+  void Sync() override;
   bool FreeDeadReaders() override;
   bool read_only() const override { return read_only_; }
+  bool frozen() const override { return read_only_ && locks_.lock_file() < 0; }
 
   // For the other classes of this folder.
   StoreLocks& locks() { return locks_; }
@@ -151,11 +153,14 @@ class LmdbStore final : public Store {
   // Decides, before a batch changes anything, whether its commit is synced. REQUIRES: this thread
   // has the write lock.
   void SetSyncOfBatch();
+  // Decides that it is. REQUIRES: likewise.
+  void SyncBatch();
 
  private:
   friend class StoreOpener;
 
   LmdbStore() = default;
+  void SyncName() const;
   // These return the library's codes.
   int BeginInTurn(LmdbSnapshot& snapshot);
   int TakeSnapshot(std::unique_ptr<LmdbSnapshot>* out);
@@ -168,6 +173,7 @@ class LmdbStore final : public Store {
   StoreLocks locks_;
   bool sync_ = false;
   bool read_only_ = false;
+  bool in_memory_ = false;
   MDB_env* env_ = nullptr;
   std::vector<int> files_;   // the library's descriptors
   PageGuard mutable guard_;  // of the open batch

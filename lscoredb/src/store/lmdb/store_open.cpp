@@ -194,6 +194,7 @@ class StoreOpener {
     store->locks_.TakeOver(store->env_);
     if (sync) store->locks_.RequireSync();
     store->sync_ = sync;
+    store->in_memory_ = in_memory;
     store->locks_.BecomeWriter(path, FileOf(store->env_));
     LookIn(*store);
     store->locks_.LeaveLine();

@@ -65,7 +65,7 @@ class SegmentWriter {
   SegmentWriter(std::string const& directory, logformat::Identity const& identity)
       : directory_(directory), identity_(identity), path_(directory + kUnfinished) {
     unlink(path_.c_str());
-    file_.Open(path_, true);
+    file_.Open(path_, LogFile::Access::kCreate);
   }
   ~SegmentWriter() {
     if (!finished_) unlink(path_.c_str());
@@ -119,7 +119,7 @@ SegmentReader::SegmentReader(LogFiles& files, std::string const& path)
     : files_(files), path_(path) {}
 
 bool SegmentReader::Open() {
-  if (!file_.Open(path_, false)) return false;
+  if (!file_.Open(path_, LogFile::Access::kRead)) return false;
   std::string bytes(kTitleSize, '\0');
   if (file_.Read(0, bytes.data(), bytes.size()) < bytes.size()) Throw(LSCOREDB_DAMAGED);
   Title title;

@@ -1,5 +1,7 @@
 #include "checkpoint.h"
 
+#include <limits>
+
 #include "format.h"
 
 namespace lscore {
@@ -45,20 +47,37 @@ class TreeWriter {
   std::string format_;
 };
 
+// The first node that is not written.
+OverlayNode const* NodeAt(Overlay const& changes, CheckpointPlace const& place) {
+  auto const tree = static_cast<Tree>(place.tree);
+  return place.key.empty() ? changes.First(tree) : changes.NotBelow({tree, place.key});
+}
+
 }  // namespace
 
 // Entries of kAlways are the layer's own view of the image (LogLayer) and are not written.
-void WriteLayer(Batch& image, LogLayer const& layer, CommitId state) {
-  for (std::size_t i = 0; i < kTreeCount; ++i) {
-    auto const tree = static_cast<Tree>(i);
-    OverlayNode const* node = layer.changes.First(tree);
+bool WriteSlice(Batch& image, LogLayer const& layer, CommitId state, CheckpointPlace* place,
+                std::size_t most) {
+  if (place->layer != layer.number) *place = {layer.number, 0, {}, 0};
+  for (; place->tree < kTreeCount; ++place->tree, place->key.clear()) {
+    OverlayNode const* node = NodeAt(layer.changes, *place);
     if (node == nullptr) continue;
-    TreeWriter writer(image, tree);
-    for (; node != nullptr; node = node->Next()) {
+    TreeWriter writer(image, static_cast<Tree>(place->tree));
+    for (; node != nullptr; node = node->Next(), ++place->written) {
+      if (most-- == 0) {
+        place->key = node->key().bytes;
+        return false;
+      }
       OverlayVersion const* const version = node->VersionAt(state);
       if (version != nullptr && version->commit != kAlways) writer.Write(node->key(), *version);
     }
   }
+  return true;
+}
+
+void WriteLayer(Batch& image, LogLayer const& layer, CommitId state) {
+  CheckpointPlace place;
+  WriteSlice(image, layer, state, &place, std::numeric_limits<std::size_t>::max());
 }
 
 }  // namespace lscore

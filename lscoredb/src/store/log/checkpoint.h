@@ -1,13 +1,35 @@
 #ifndef LSCOREDB_SRC_CHECKPOINT_H
 #define LSCOREDB_SRC_CHECKPOINT_H
 
-// Writes the changes of layers into the image.
+// Writes a layer into the image.
+//
+// A layer may be written in several batches: as long as the image's position says that it does not
+// hold the layer, every reader has the layer over the image and finds each of its keys there, and
+// recovery reads the layer from the log again. So an image that holds a part of it, in key order,
+// is as good as one that holds none.
+
+#include <cstddef>
+#include <string>
 
 #include "log_layers.h"
+#include "store.h"
 
 namespace lscore {
 
-// Writes a layer's changes up to `state` into a batch of the image, in key order.
+// Where in a layer the next batch goes on.
+struct CheckpointPlace {
+  logformat::Generation layer{0};
+  std::size_t tree = 0;
+  std::string key;          // the first one of the tree that is not written; empty: all of it
+  std::size_t written = 0;  // entries
+};
+
+// Writes at most `most` entries as of `state`, in key order, from `*place` on, and moves it.
+// Returns whether all are written.
+bool WriteSlice(Batch& image, LogLayer const& layer, CommitId state, CheckpointPlace* place,
+                std::size_t most);
+
+// All of them in one batch.
 void WriteLayer(Batch& image, LogLayer const& layer, CommitId state);
 
 }  // namespace lscore

@@ -78,8 +78,10 @@ void LogBatch::Commit() {
   try {
     if (!record_.empty()) {
       view_.EndImage();
+      bool const sync = store_.sync_ || asks_for_sync();
+      bool const log_is_good = !sync || !store_.sync_failed();
       bool const fits = !retention_.has_value() && store_.FitsLog(record_.size(), *layers_);
-      fits ? CommitToLog() : CommitToImage();
+      log_is_good&& fits ? CommitToLog(sync) : CommitToImage();
     }
   } catch (...) {
     End();
@@ -106,10 +108,10 @@ std::span<iovec> LogBatch::FinishRecord(LogPosition const& at) {
   return record_.Finish(head_, store_.files_.identity());
 }
 
-void LogBatch::CommitToLog() {
+void LogBatch::CommitToLog(bool sync) {
   LogPosition const at = store_.tail_.position();
   std::span<iovec> const pieces = FinishRecord(at);
-  store_.AppendRecord(*this, at, head_, pieces);
+  store_.AppendRecord(*this, at, head_, pieces, sync);
 }
 
 void LogBatch::CommitToImage() {

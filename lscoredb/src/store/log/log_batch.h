@@ -39,7 +39,7 @@ class LogBatch final : public Batch {
  private:
   void Write(logformat::Change const& change);
   std::span<iovec> FinishRecord(LogPosition const& at);
-  void CommitToLog();
+  void CommitToLog(bool sync);
   void CommitToImage();
   void End() noexcept;
 

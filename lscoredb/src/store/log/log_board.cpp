@@ -8,6 +8,7 @@
 #include <array>
 
 #include "fork.h"
+#include "open_error.h"
 #include "system_call.h"
 
 namespace lscore {
@@ -20,16 +21,15 @@ constexpr mode_t kFileMode = 0640;
 LogBoard::~LogBoard() {
   if (words_ != nullptr) munmap(words_, sizeof(Words));
   if (file_ < 0) return;
-  ForgetFile(file_);
-  close(file_);
+  CloseKept(file_);
 }
 
 // New words are written as zeros instead of only extending the file: a store into the map of a hole
-// would end the process with SIGBUS on a full disk. Leaves the door locked.
+// would end the process with SIGBUS on a full disk.
 void LogBoard::Open(std::string const& path) {
   path_ = path;
-  file_ = Retry([&] { return open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, kFileMode); });
-  KeepFromChildren(file_);
+  file_ = OpenKept(path.c_str(), O_RDWR | O_CREAT, kFileMode);
+  if (file_ < 0) ThrowCannotOpen(path, errno);
   Take(Lock::kDoor);
   off_t const size = Retry([&] { return lseek(file_, 0, SEEK_END); });
   if (size < static_cast<off_t>(sizeof(Words))) {
@@ -37,7 +37,13 @@ void LogBoard::Open(std::string const& path) {
     auto const written = Retry([&] { return pwrite(file_, zeros.data(), zeros.size(), 0); });
     if (static_cast<std::size_t>(written) != zeros.size()) Throw(LSCOREDB_DISK_FULL);
   }
-  void* const mapped = mmap(nullptr, sizeof(Words), PROT_READ | PROT_WRITE, MAP_SHARED, file_, 0);
+  Map(MAP_SHARED);
+}
+
+void LogBoard::OpenPrivately() { Map(MAP_PRIVATE | MAP_ANONYMOUS); }
+
+void LogBoard::Map(int flags) {
+  void* const mapped = mmap(nullptr, sizeof(Words), PROT_READ | PROT_WRITE, flags, file_, 0);
   if (mapped == MAP_FAILED) ThrowErrno();
   words_ = static_cast<Words*>(mapped);
 }
@@ -45,6 +51,7 @@ void LogBoard::Open(std::string const& path) {
 // Open file description locks, one byte of the file for each: unlike POSIX record locks they belong
 // to this opening of the file, not to the process, and so survive the closing of another one.
 bool LogBoard::Set(Lock lock, int kind, bool wait) const {
+  if (file_ < 0) return true;
   struct flock region {};
   region.l_type = static_cast<short>(kind);
   region.l_whence = SEEK_SET;

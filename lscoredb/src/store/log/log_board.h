@@ -30,7 +30,10 @@ class LogBoard {
   LogBoard(LogBoard const&) = delete;
   LogBoard& operator=(LogBoard const&) = delete;
 
+  // Leaves the door locked. Throws what ThrowCannotOpen does.
   void Open(std::string const& path);
+  // Words of this process alone, and locks that are always free.
+  void OpenPrivately();
 
   // Waits for an exclusive lock.
   void Take(Lock lock);
@@ -72,6 +75,7 @@ class LogBoard {
   };
   static_assert(std::atomic<std::uint64_t>::is_always_lock_free, "processes share the words");
 
+  void Map(int flags);
   bool Set(Lock lock, int kind, bool wait) const;
 
   std::string path_;

@@ -27,7 +27,7 @@ void Drain(int watch) {
 
 LogChanges::LogChanges(LogStore& store, CommitId after)
     : store_(store),
-      files_(store.directory_, store.files_.identity()),
+      files_(store.directory_, store.files_.identity(), true),
       segments_(store.directory_, files_),
       last_(after) {}
 

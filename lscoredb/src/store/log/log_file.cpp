@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "fork.h"
+#include "open_error.h"
 #include "system_call.h"
 
 namespace lscore {
@@ -31,21 +32,19 @@ void Skip(std::span<iovec>& pieces, std::size_t written) {
 
 }  // namespace
 
-bool LogFile::Open(std::string const& path, bool create) {
-  int const flags = O_RDWR | O_CLOEXEC | (create ? O_CREAT : 0);
-  int const file = open(path.c_str(), flags, kFileMode);
-  if (file < 0 && errno == ENOENT && !create) return false;
-  if (file < 0) ThrowErrno();
+bool LogFile::Open(std::string const& path, Access access) {
+  constexpr int kFlags[] = {O_RDONLY, O_RDWR, O_RDWR | O_CREAT};
+  int const file = OpenKept(path.c_str(), kFlags[static_cast<int>(access)], kFileMode);
+  if (file < 0 && errno == ENOENT && access != Access::kCreate) return false;
+  if (file < 0) ThrowCannotOpen(path, errno);
   file_ = file;
   room_ = 0;
-  KeepFromChildren(file_);
   return true;
 }
 
 void LogFile::Close() noexcept {
   if (file_ < 0) return;
-  ForgetFile(file_);
-  close(file_);
+  CloseKept(file_);
   file_ = -1;
 }
 

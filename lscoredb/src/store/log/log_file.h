@@ -20,8 +20,10 @@ class LogFile {
   LogFile(LogFile const&) = delete;
   LogFile& operator=(LogFile const&) = delete;
 
-  // Returns false when there is no such file; `create` makes one.
-  bool Open(std::string const& path, bool create);
+  enum class Access { kRead, kWrite, kCreate };
+
+  // Returns false when there is no such file; kCreate makes one. Throws what ThrowCannotOpen does.
+  bool Open(std::string const& path, Access access);
   void Close() noexcept;
   bool is_open() const { return file_ >= 0; }
 

@@ -33,7 +33,8 @@ bool LogFiles::Open() {
   bool all = true;
   for (std::size_t i = 0; i < files_.size(); ++i) {
     if (files_[i].is_open()) continue;
-    all = files_[i].Open(directory_ + logformat::kFileNames[i], false) && all;
+    auto const how = read_only_ ? LogFile::Access::kRead : LogFile::Access::kWrite;
+    all = files_[i].Open(directory_ + logformat::kFileNames[i], how) && all;
   }
   return all;
 }
@@ -43,7 +44,9 @@ bool LogFiles::Open() {
 void LogFiles::Create() {
   bool const were_there = Open();
   for (std::size_t i = 0; i < files_.size(); ++i) {
-    if (!files_[i].is_open()) files_[i].Open(directory_ + logformat::kFileNames[i], true);
+    if (!files_[i].is_open()) {
+      files_[i].Open(directory_ + logformat::kFileNames[i], LogFile::Access::kCreate);
+    }
     Entitle(files_[i]);
   }
   if (!were_there) SyncDirectory(directory_);

@@ -38,8 +38,8 @@ struct LogRecord {
 
 class LogFiles {
  public:
-  LogFiles(std::string directory, logformat::Identity const& identity)
-      : directory_(std::move(directory)), identity_(identity) {}
+  LogFiles(std::string directory, logformat::Identity const& identity, bool read_only)
+      : directory_(std::move(directory)), identity_(identity), read_only_(read_only) {}
 
   logformat::Identity const& identity() const { return identity_; }
   LogFile& Of(logformat::Generation generation) { return files_[logformat::FileOf(generation)]; }
@@ -72,6 +72,7 @@ class LogFiles {
 
   std::string directory_;
   logformat::Identity identity_;
+  bool read_only_;
   std::array<LogFile, 2> files_;
 };
 

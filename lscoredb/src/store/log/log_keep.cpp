@@ -52,6 +52,7 @@ void LogStore::KeepCommits(Batch const& image, CommitId last, DirectCommit const
 // A commit of its own, straight into the image: every process whose log breaks off there starts
 // again at the image and reads the retention, and older kernels refuse the directory from then on.
 void LogStore::KeepChanges(Retention const& retention) {
+  if (read_only()) Throw(LSCOREDB_READ_ONLY_DATABASE);
   {
     LogBatch batch(*this);
     if (!retention.keeps() && !tail_.keeps_changes()) return;
@@ -70,7 +71,7 @@ void LogStore::KeepChanges(Retention const& retention) {
 // Read in this order, nothing is missed: what the image holds at first is in segments, and what it
 // does not hold is in the log or has moved to segments since.
 KeptChanges LogStore::Kept() {
-  LogFiles files(directory_, files_.identity());
+  LogFiles files(directory_, files_.identity(), true);
   ChangeSegments const segments(directory_, files);
   std::unique_ptr<Snapshot> image = image_->Begin();
   KeptChanges kept;

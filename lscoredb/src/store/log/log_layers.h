@@ -67,8 +67,9 @@ class LogTail {
   // Appends the objects that other processes changed in commits after `after`. Returns false when
   // not all of them are remembered.
   bool ListOthers(CommitId after, std::vector<ObjectId>* changed) const;
-  // Bytes of the log that the image does not hold.
+  // Bytes of the log that the image does not hold; of the active generation.
   std::uint64_t Size() const;
+  std::uint64_t ActiveSize() const { return size_; }
   // Bytes of all layers in memory, including those that only old snapshots keep.
   std::uint64_t Memory() const;
 

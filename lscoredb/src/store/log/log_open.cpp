@@ -40,14 +40,6 @@ void WithNewest(Store& image, Read const& read) {
   image.End(std::move(snapshot));
 }
 
-// Readers need the log's shared words in memory, which every process that opens the log writes.
-[[noreturn]] void RefuseReading(std::string const& directory) {
-  std::string const refused = OpenError();
-  NoteOpenError(refused.empty() ? directory : refused,
-                "a database with a log cannot be opened only to read");
-  Throw(LSCOREDB_CANNOT_OPEN);
-}
-
 }  // namespace
 
 // Writes the log's record and the new format version into the image in one batch. The log's files
@@ -67,7 +59,7 @@ void LogStore::Convert(Store& image) {
 }
 
 // Under the door lock, which LogBoard::Open takes: a process that is alone recovers the log, any
-// other joins those that have it open.
+// other joins those that have it open. Where nobody writes, there is nobody to share words with.
 std::unique_ptr<LogStore> LogStore::Open(std::unique_ptr<Store>& image, std::string directory,
                                          StoreOptions const& options) {
   std::optional<ImagePosition> position;
@@ -76,13 +68,16 @@ std::unique_ptr<LogStore> LogStore::Open(std::unique_ptr<Store>& image, std::str
     if (position.has_value()) CheckContent(logformat::ContentFormat(view));
   });
   if (!position.has_value()) return nullptr;
-  if (image->read_only()) RefuseReading(directory);
+  std::string const board = directory + logformat::kBoardName;
   // Files are opened later too, and the host may change its working directory.
   directory = std::filesystem::absolute(directory).string();
-  std::string const board = directory + logformat::kBoardName;
   std::unique_ptr<LogStore> store(
       new LogStore(std::move(image), std::move(directory), options, *position));
-  store->board_.Open(board);
+  if (store->frozen()) {
+    store->board_.OpenPrivately();
+  } else {
+    store->board_.Open(board);
+  }
   if (store->board_.TryBeAlone()) {
     store->Recover();
   } else {
@@ -95,29 +90,35 @@ std::unique_ptr<LogStore> LogStore::Open(std::unique_ptr<Store>& image, std::str
   return store;
 }
 
-// Applies the part of the log that the image does not hold. A record that is not whole ends the
-// log, unless a later one shows that it was synced once (LogFiles::HasSyncedAfter). What was read
-// is synced before it is published: after a crash it may be only in the system's cache.
+// A process that only reads does not settle the image: it leaves the writing mark, so that the next
+// one to write does, and may read the state before a commit that never returned.
 void LogStore::Recover() {
-  SettleImage();
+  if (!read_only()) SettleImage();
   std::unique_ptr<Snapshot> image = image_->Begin();
   ImagePosition const position = logformat::ReadPosition(*image);
   tail_.Restart(*image, position);
   image_->End(std::move(image));
   board_.Reset();
   board_.RaiseSynced(position.commit);
-  if (!position.clean) {
-    if (!files_.Open()) Throw(LSCOREDB_DAMAGED);
-    files_.CheckTitles();
-    while (tail_.Advance()) {
-    }
-    if (files_.HasSyncedAfter(tail_.position())) Throw(LSCOREDB_DAMAGED);
-    used_ = true;
-    if (sync_ && tail_.applied() > position.commit) SyncUpTo(tail_.applied());
-  }
+  if (!position.clean) RecoverFromFiles(position);
   board_.SetGeneration(Raw(tail_.position().generation));
   board_.SetPublished(tail_.applied());
+  board_.SetWriting(read_only());
   board_.Share();
+}
+
+// Applies the part of the log that the image does not hold. A record that is not whole ends the
+// log, unless a later one shows that it was synced once (LogFiles::HasSyncedAfter). What was read
+// is synced before it is published: after a crash it may be only in the system's cache.
+void LogStore::RecoverFromFiles(ImagePosition const& position) {
+  if (!files_.Open()) Throw(LSCOREDB_DAMAGED);
+  files_.CheckTitles();
+  while (tail_.Advance()) {
+  }
+  if (files_.HasSyncedAfter(tail_.position())) Throw(LSCOREDB_DAMAGED);
+  used_ = true;
+  bool const sync = options_.sync && !read_only();
+  if (sync && tail_.applied() > position.commit) SyncUpTo(tail_.applied());
 }
 
 // Starts at the image. Records are read when a snapshot or a batch needs them.
@@ -128,10 +129,16 @@ void LogStore::Join() {
 }
 
 LogStore::~LogStore() {
-  if (!open_) return;
+  if (!open_ || read_only()) return;
+  bool const late = late_.running();
+  late_.Stop();
   static_cast<void>(Guarded([&] {
     board_.Take(LogBoard::Lock::kDoor);
-    if (board_.TryBeAlone()) CloseAlone();
+    if (board_.TryBeAlone()) {
+      CloseAlone();
+    } else if (late) {
+      Sync();
+    }
     return LORV_STATUS_OK;
   }));
 }

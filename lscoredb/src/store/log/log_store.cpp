@@ -18,11 +18,17 @@ LogStore::LogStore(std::unique_ptr<Store> image, std::string directory, StoreOpt
     : image_(std::move(image)),
       options_(options),
       directory_(std::move(directory)),
-      files_(directory_, position.identity),
-      kept_files_(directory_, position.identity),
+      files_(directory_, position.identity, image_->read_only()),
+      kept_files_(directory_, position.identity, image_->read_only()),
       segments_(directory_, kept_files_),
       sync_(options.sync),
-      tail_(files_) {
+      tail_(files_),
+      late_([this] {
+        return Guarded([this] {
+          Sync();
+          return LORV_STATUS_OK;
+        });
+      }) {
   UseReservations(image_->layout_reservations());
   image_->RequireSync();  // the log drops what the image holds, so it has to be durable there
 }
@@ -129,7 +135,10 @@ void LogStore::End(std::unique_ptr<Snapshot> snapshot) noexcept {
 
 // ---- batches -----------------------------------------------------------------------------------
 
-std::unique_ptr<Batch> LogStore::BeginBatch() { return std::make_unique<LogBatch>(*this); }
+std::unique_ptr<Batch> LogStore::BeginBatch() {
+  if (read_only()) Throw(LSCOREDB_READ_ONLY_DATABASE);
+  return std::make_unique<LogBatch>(*this);
+}
 
 // Under the commit lock: applies what other processes committed, finishes the commit of one that
 // died, follows or starts a rotation, and erases a failed record of this process.
@@ -167,7 +176,7 @@ void LogStore::FinishForOther() {
   }
   CommitId const last = tail_.applied();
   if (last > board_.Published()) {
-    if (sync_ && files_.Open()) SyncUpTo(last);
+    if (syncs() && files_.Open()) SyncUpTo(last);
     board_.SetGeneration(std::max(board_.Generation(), Raw(tail_.position().generation)));
     board_.SetPublished(last);
   }
@@ -185,12 +194,16 @@ void LogStore::FollowRotation() {
 // after the commit that rotated.
 void LogStore::MakeRoomInLog() {
   if (tail_.position().offset < options_.log_limit) return;
+  Rotate(IfNotKept::kLeaveGap);
+  checkpoint_due_ = true;
+}
+
+void LogStore::Rotate(IfNotKept if_not) {
   std::shared_ptr<LogLayers const> const layers = tail_.layers();
-  if (layers->frozen != nullptr) Checkpoint(*layers, IfNotKept::kLeaveGap);
+  if (layers->frozen != nullptr) WriteFrozen(*layers, kAll, if_not);
   std::lock_guard const lock(tail_mutex_);
   tail_.Rotate();
   board_.SetGeneration(Raw(tail_.position().generation));
-  checkpoint_due_ = true;
 }
 
 // The first commit after a clean close creates the files and then marks the image as not clean:
@@ -223,21 +236,22 @@ bool LogStore::FitsLog(std::uint64_t size, LogLayers const& layers) const {
   return size <= options_.log_limit && needed <= options_.max_file_size;
 }
 
-// The durable part of a commit: write the record, sync, publish. Room is made before the writing
-// mark is set, since a full disk is an ordinary failure. Readers see the commit only after it was
-// synced.
+// The durable part of a commit: write the record, sync if that is not to follow, publish. Room is
+// made before the writing mark is set, since a full disk is an ordinary failure. Readers see a
+// commit only after its sync.
 void LogStore::AppendRecord(Batch const& batch, LogPosition const& at, logformat::Head const& head,
-                            std::span<iovec> pieces) {
+                            std::span<iovec> pieces, bool sync) {
   MarkUsed();
   LogFile& file = files_.Of(at.generation);
   file.MakeRoom(at.offset + head.size, options_.log_limit);
   board_.SetWriting(true);
   try {
     file.Write(at.offset, pieces);
-    spoiled_ = sync_;
-    if (sync_) SyncUpTo(head.commit);
+    spoiled_ = sync;
+    if (sync) SyncUpTo(head.commit);
     spoiled_ = false;
   } catch (...) {
+    if (sync && board_.Synced() < at.commit) ++failed_syncs_;
     static_cast<void>(TryTakeBack(at));
     board_.SetWriting(false);
     throw;
@@ -252,6 +266,7 @@ void LogStore::AppendRecord(Batch const& batch, LogPosition const& at, logformat
   EndOwnCommit(batch, true);
   board_.SetWriting(false);
   if (tail_.keeps_changes()) board_.ReportCommit();
+  if (!sync) late_.Note();
 }
 
 // After a failed sync the record is whole and may be on disk, but its commit has failed, so
@@ -310,6 +325,7 @@ void LogStore::WriteAll(LogLayers const& layers, CommitId state, bool clean,
 void LogStore::CommitToImage(Batch const& batch, LogLayers const& layers,
                              DirectCommit const& commit) {
   CommitId const state = batch.id();
+  std::uint64_t const failed = failed_syncs_;
   board_.SetWriting(true);
   BeginOwnCommit(batch);
   try {
@@ -319,6 +335,7 @@ void LogStore::CommitToImage(Batch const& batch, LogLayers const& layers,
     board_.SetWriting(false);
     throw;
   }
+  mended_syncs_ = failed;
   board_.RaiseSynced(state);
   board_.SetGeneration(Raw(logformat::After(layers.active->number)));
   board_.SetPublished(state);
@@ -327,35 +344,134 @@ void LogStore::CommitToImage(Batch const& batch, LogLayers const& layers,
   board_.ReportCommit();
 }
 
-// Writes the frozen layer into the image in one batch, unless another process has done it. From
-// then on its file of the log may be reused.
-void LogStore::Checkpoint(LogLayers const& layers, IfNotKept if_not) {
+// Writes entries of the frozen layer into the image in one batch, unless another process has
+// written all of them. With the last ones goes the log's position: from then on the layer's file of
+// the log may be reused.
+void LogStore::WriteFrozen(LogLayers const& layers, std::size_t most, IfNotKept if_not) {
   LogLayer const& active = *layers.active;
+  std::lock_guard const working(checkpoint_mutex_);
   std::unique_ptr<Batch> const batch = image_->BeginBatch();
   ImagePosition position = logformat::ReadPosition(*batch);
   if (position.commit < active.base) {
-    KeepCommits(*batch, active.base, nullptr, if_not);
-    WriteLayer(*batch, *layers.frozen, active.base);
-    position.generation = active.number;
-    position.commit = active.base;
-    position.before = active.before;
-    logformat::WritePosition(*batch, position);
+    CheckpointPlace place = checkpoint_;
+    bool const whole = WriteSlice(*batch, *layers.frozen, active.base, &place, most);
+    if (whole) {
+      KeepCommits(*batch, active.base, nullptr, if_not);
+      position.generation = active.number;
+      position.commit = active.base;
+      position.before = active.before;
+      logformat::WritePosition(*batch, position);
+    }
     batch->Commit();
+    checkpoint_ = std::move(place);
+    if (!whole) return;
     board_.RaiseSynced(active.base);
   }
   std::lock_guard const lock(tail_mutex_);
   tail_.DropHeld(position);
+  if (tail_.layers()->frozen == nullptr) checkpoint_due_ = false;
+}
+
+// How many entries of the frozen layer the calling committer writes. Where commits wait for the
+// disk, none of them shall wait much longer than the others, so each writes a slice, and they are
+// done when half of the other file is full:
+//
+//   frozen layer written   0 ... 1/16 ... 2/16 ...          all
+//   active file full       0 ... 1/32 ... 2/32 ...    1/2    ...     rotation
+//
+// Where they do not, each sync of a slice would cost more than it spreads.
+std::size_t LogStore::SliceDue(LogLayers const& layers) {
+  constexpr std::size_t kSlices = 16;
+  constexpr std::size_t kLeastSlice = 64;
+  if (!sync_) return kAll;
+  std::lock_guard const lock(checkpoint_mutex_);
+  std::size_t const all = layers.frozen->changes.nodes();
+  std::size_t const written =
+      checkpoint_.layer == layers.frozen->number ? checkpoint_.written : std::size_t{0};
+  std::size_t const slice = std::max(kLeastSlice, all / kSlices + 1);
+  double const full =
+      static_cast<double>(tail_.ActiveSize()) / static_cast<double>(options_.log_limit);
+  auto const wanted = static_cast<std::size_t>(std::min(1.0, 2 * full) * static_cast<double>(all));
+  return written > wanted ? 0 : std::max(slice, wanted - written);
 }
 
 // A failed checkpoint, on a full disk for example, is not reported here: the commit that needs the
 // room tries it again and fails with the status.
 void LogStore::Upkeep() noexcept {
-  if (!checkpoint_due_.exchange(false)) return;
+  if (!checkpoint_due_) return;
   static_cast<void>(Guarded([&] {
     std::shared_ptr<LogLayers const> const layers = tail_.layers();
-    if (layers->frozen != nullptr) Checkpoint(*layers, IfNotKept::kFail);
+    if (layers->frozen == nullptr) {
+      checkpoint_due_ = false;
+      return LORV_STATUS_OK;
+    }
+    std::size_t const due = SliceDue(*layers);
+    if (due != 0) WriteFrozen(*layers, due, IfNotKept::kFail);
     return LORV_STATUS_OK;
   }));
+}
+
+// On request. Other committers wait only for the rotation.
+void LogStore::Checkpoint() {
+  {
+    std::lock_guard const lock(batch_mutex_);
+    std::shared_ptr<LogLayers const> const layers = PrepareBatch();
+    Status const rotated = Guarded([&] {
+      if (tail_.position().offset > logformat::kTitleSize) Rotate(IfNotKept::kFail);
+      return LORV_STATUS_OK;
+    });
+    board_.Release(LogBoard::Lock::kCommit);
+    Check(rotated);
+  }
+  std::shared_ptr<LogLayers const> const layers = tail_.layers();
+  if (layers->frozen != nullptr) WriteFrozen(*layers, kAll, IfNotKept::kFail);
+}
+
+// ---- syncs -------------------------------------------------------------------------------------
+
+// Also for commits of before.
+void LogStore::RequireSync() {
+  if (read_only()) return;
+  sync_ = true;
+  Sync();
+}
+
+void LogStore::RequireSyncWithin(std::chrono::milliseconds delay) {
+  if (read_only() || sync_) return;
+  late_.Start(delay);
+  late_.Note();
+}
+
+// A published commit is in one of the files, or it was synced with the image before its record was
+// overwritten. After a sync that failed, the system may regard bytes as written that are not, so
+// the commits go into the image instead.
+void LogStore::Sync() {
+  if (read_only()) return;
+  std::lock_guard const lock(sync_mutex_);
+  CommitId const state = board_.Published();
+  if (board_.Synced() >= state && !sync_failed()) return;
+  if (!sync_failed()) {
+    Status const synced = Guarded([&] {
+      SyncFiles();
+      return LORV_STATUS_OK;
+    });
+    if (synced == LORV_STATUS_OK) return board_.RaiseSynced(state);
+    ++failed_syncs_;
+  }
+  std::uint64_t const failed = failed_syncs_;
+  Checkpoint();
+  mended_syncs_ = failed;
+}
+
+void LogStore::SyncFiles() {
+  logformat::Generation active{};
+  {
+    std::lock_guard const lock(tail_mutex_);
+    if (!files_.Open()) return;  // nothing was ever appended
+    active = tail_.position().generation;
+  }
+  files_.Of(logformat::After(active)).Sync();
+  files_.Of(active).Sync();
 }
 
 // ---- verification ------------------------------------------------------------------------------
@@ -391,6 +507,7 @@ StoreStatistics LogStore::Statistics() const {
   StoreStatistics statistics = image_->Statistics();
   statistics.max_readers = options_.max_readers;
   statistics.last_commit = board_.Published();
+  statistics.synced_commit = std::min(board_.Synced(), board_.Published());
   statistics.log_memory = tail_.Memory();
   statistics.log_size = tail_.Size();
   std::lock_guard const lock(readers_mutex_);

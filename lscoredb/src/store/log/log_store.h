@@ -5,8 +5,9 @@
 // stay in an overlay in memory until a checkpoint writes them into the image, another store.
 //
 //   commit     batch -> overlay (active) -> record in the log -> sync -> published
+//              (with a delay, the sync follows: late_sync.h)
 //   rotation   the log reaches its limit: the active overlay is frozen, the other file is next
-//   checkpoint frozen overlay -> one batch of the image, with the log's position after it
+//   checkpoint frozen overlay -> batches of the image, the last with the log's position after it
 //   snapshot   layers (active, frozen) as of the published commit, over a snapshot of the image
 //
 // Why a snapshot is consistent: the published commit is read first, then layers that hold
@@ -28,9 +29,15 @@
 // that a commit has to wait for removes the oldest segments, and if that does not help, leaves a
 // gap, which readers of changes are told about: commits do not fail for them.
 //
-// Locks of a process, outermost first: batch, commit (of the processes), the image's batch, tail.
+// A store that is opened only to be read takes part, as far as the system allows it to write the
+// shared words; but it never writes the log or the image. Where it may not, nobody writes while it
+// is open (Store::frozen), so it reads the log once and shares nothing.
+//
+// Locks of a process, outermost first: sync, batch, commit (of the processes), checkpoint, the
+// image's batch, tail.
 
 #include <atomic>
+#include <limits>
 #include <memory>
 #include <mutex>
 #include <span>
@@ -38,6 +45,8 @@
 #include <vector>
 
 #include "change_segments.h"
+#include "checkpoint.h"
+#include "late_sync.h"
 #include "log_board.h"
 #include "log_files.h"
 #include "log_layers.h"
@@ -65,7 +74,12 @@ class LogStore final : public Store {
   std::unique_ptr<Snapshot> BeginVerified(FaultReport const& report) override;
   void Verify() override;
   StoreStatistics Statistics() const override;
-  void RequireSync() override { sync_ = true; }
+  bool read_only() const override { return image_->read_only(); }
+  bool frozen() const override { return image_->frozen(); }
+  void RequireSync() override;
+  void RequireSyncWithin(std::chrono::milliseconds delay) override;
+  void Sync() override;
+  void Checkpoint() override;
   bool FreeDeadReaders() override { return image_->FreeDeadReaders(); }
   void Upkeep() noexcept override;
   void KeepChanges(Retention const& retention) override;
@@ -84,6 +98,7 @@ class LogStore final : public Store {
 
   // Opening and closing, under the door lock.
   void Recover();
+  void RecoverFromFiles(logformat::ImagePosition const& position);
   void Join();
   void CloseAlone();
 
@@ -104,7 +119,7 @@ class LogStore final : public Store {
   void MarkUsed();
   bool FitsLog(std::uint64_t size, LogLayers const& layers) const;
   void AppendRecord(Batch const& batch, LogPosition const& at, logformat::Head const& head,
-                    std::span<iovec> pieces);
+                    std::span<iovec> pieces, bool sync);
   // Of a commit that goes into the image: its record, for those who read changes, and a new
   // retention.
   struct DirectCommit {
@@ -113,6 +128,12 @@ class LogStore final : public Store {
   };
   void CommitToImage(Batch const& batch, LogLayers const& layers, DirectCommit const& commit);
   void SyncUpTo(CommitId commit);
+  void SyncFiles();
+  // Whether commits are synced at all, at once or late.
+  bool syncs() const { return sync_ || late_.running(); }
+  // Whether the system may have dropped bytes of the log that it did not write: a sync that
+  // succeeds then says nothing.
+  bool sync_failed() const { return failed_syncs_ != mended_syncs_; }
   Status TryTakeBack(LogPosition const& at) noexcept;
   // Writes everything up to `state` into the image, in one batch.
   void WriteAll(LogLayers const& layers, CommitId state, bool clean,
@@ -125,8 +146,12 @@ class LogStore final : public Store {
   void KeepCommits(Batch const& image, CommitId last, DirectCommit const* direct, IfNotKept if_not);
   void TryKeepCommits(LogPosition const& from, CommitId last, DirectCommit const* direct);
 
-  // Writes the frozen layer into the image.
-  void Checkpoint(LogLayers const& layers, IfNotKept if_not);
+  // Freezes the active layer, after a checkpoint of the one before it. REQUIRES: the commit lock.
+  void Rotate(IfNotKept if_not);
+  // Writes the frozen layer into the image, or goes on with it: `most` entries in one batch.
+  void WriteFrozen(LogLayers const& layers, std::size_t most, IfNotKept if_not);
+  std::size_t SliceDue(LogLayers const& layers);
+  static constexpr std::size_t kAll = std::numeric_limits<std::size_t>::max();
 
   std::unique_ptr<Store> const image_;
   StoreOptions const options_;
@@ -135,7 +160,11 @@ class LogStore final : public Store {
   LogFiles kept_files_;      // the same, for segments_
   ChangeSegments segments_;  // under the lock of the image's batch
   LogBoard board_;
-  std::atomic<bool> sync_;
+  std::atomic<bool> sync_;  // each commit, before it is published
+
+  std::mutex sync_mutex_;  // held by Sync
+  std::atomic<std::uint64_t> failed_syncs_{0};
+  std::atomic<std::uint64_t> mended_syncs_{0};  // of those, the image has what they were for
 
   std::mutex batch_mutex_;
   std::mutex tail_mutex_;  // held to change the tail
@@ -145,12 +174,16 @@ class LogStore final : public Store {
   bool open_ = false;
 
   std::atomic<bool> checkpoint_due_{false};
+  std::mutex checkpoint_mutex_;
+  CheckpointPlace checkpoint_;
 
   std::mutex mutable readers_mutex_;
   std::vector<LogSnapshot*> readers_;
   CommitId known_image_{0};  // the image's state for which known_position_ was read
   logformat::ImagePosition known_position_;
   std::atomic<std::uint64_t> image_size_{0};  // of its file, as of known_position_
+
+  LateSync late_;
 };
 
 }  // namespace lscore

@@ -75,6 +75,7 @@ class MemoryStore final : public Store {
   void Verify() override {}
   StoreStatistics Statistics() const override;
   void RequireSync() override {}
+  void Sync() override {}
   bool FreeDeadReaders() override { return false; }
 
   // How many rows the snapshots of this store gave.

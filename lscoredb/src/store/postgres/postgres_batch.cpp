@@ -307,7 +307,7 @@ bool PostgresBatch::SendAll() {
   Statements const& statements = store_.statements();
   std::uint64_t const state = Raw(id()) + TakeStatesBefore();
   in_doubt_ = {NewTicket(), CommitId{state}};
-  if (!store_.sync()) connection_->Add(statements.no_wait_for_disk);
+  if (!store_.sync() && !asks_for_sync()) connection_->Add(statements.no_wait_for_disk);
   for (std::size_t i = 0; i < kTreeCount; ++i) Send(static_cast<Tree>(i));
   connection_->Add(statements.put_ticket, Parameters().Bytes(in_doubt_.ticket).Number(state));
   SendChanges(state);

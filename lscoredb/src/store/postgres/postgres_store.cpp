@@ -331,6 +331,7 @@ StoreStatistics PostgresStore::Statistics() const {
   StoreStatistics statistics;
   statistics.last_commit = NewestState();
   std::lock_guard const lock(mutex_);
+  if (sync_) statistics.synced_commit = statistics.last_commit;
   statistics.oldest_commit = readers_.empty() ? statistics.last_commit : *readers_.begin();
   statistics.readers = static_cast<std::uint32_t>(readers_.size());
   statistics.max_readers = options_.max_readers;
@@ -341,6 +342,13 @@ StoreStatistics PostgresStore::Statistics() const {
 void PostgresStore::RequireSync() {
   std::lock_guard const lock(mutex_);
   sync_ = true;
+}
+
+// A transaction that has a number writes a record when it commits, and waits until the server's log
+// is on disk up to that record.
+void PostgresStore::Sync() {
+  if (read_only() || sync()) return;
+  static_cast<void>(TakeConnection()->Run(statements_.wait_for_disk));
 }
 
 bool PostgresStore::sync() const {

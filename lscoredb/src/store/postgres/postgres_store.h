@@ -63,6 +63,7 @@ class PostgresStore final : public Store {
   void Verify() override;
   StoreStatistics Statistics() const override;
   void RequireSync() override;
+  void Sync() override;
   bool read_only() const override { return options_.access == Access::kRead; }
   bool FreeDeadReaders() override { return false; }
   void Discard(std::shared_ptr<void> lock) override;

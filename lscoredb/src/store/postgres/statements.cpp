@@ -58,6 +58,7 @@ Statements::Statements(std::string const& schema) {
   begin_snapshot = {"begin_snapshot", "BEGIN ISOLATION LEVEL REPEATABLE READ READ ONLY"};
   begin_batch = {"begin_batch", "BEGIN ISOLATION LEVEL READ COMMITTED READ WRITE"};
   no_wait_for_disk = {"no_wait_for_disk", "SET LOCAL synchronous_commit TO off"};
+  wait_for_disk = {"wait_for_disk", "SELECT txid_current()"};
   commit = {"commit", "COMMIT"};
   rollback = {"rollback", "ROLLBACK"};
   read_state = {"read_state", "SELECT id, version, listed FROM " + state};

@@ -59,6 +59,7 @@ struct Statements {
   Statement begin_snapshot;
   Statement begin_batch;
   Statement no_wait_for_disk;
+  Statement wait_for_disk;  // its commit waits for all earlier ones
   Statement commit;
   Statement rollback;
   Statement read_state;         // gives id, version, listed
