@@ -57,27 +57,31 @@ Preparation PreparationOfRetype(Transaction& transaction, Text const& table,
   return made;
 }
 
-bool Job::Fill() {
+Filled Job::Fill() {
   Attempt([this](Transaction& transaction) { AddColumns(transaction); });
   for (;;) {
     std::vector<ObjectId> left = Collect();
     progress_.total = progress_.done + left.size();
-    if (left.size() <= std::max(options_.batch, 1u)) return true;
-    if (!FillRound(std::move(left))) return false;
+    if (left.size() <= std::max(options_.batch, 1u)) return Filled::kYes;
+    if (run_ != nullptr) run_->Record(progress_.total);
+    Filled const filled = FillRound(std::move(left));
+    if (filled != Filled::kYes) return filled;
   }
 }
 
 bool Job::Run(Finish const& finish) {
   try {
-    for (std::uint32_t attempt = 1; Fill(); ++attempt) {
+    Filled filled = Fill();
+    for (std::uint32_t attempt = 1; filled == Filled::kYes; ++attempt) {
       if (TryFinish(finish, attempt)) return true;
+      filled = Fill();
     }
+    ended_ = filled == Filled::kEnded;
+    return false;
   } catch (Error const& error) {
     if (IsRefusalOfValues(error)) Abandon();
     throw;
   }
-  Abandon();
-  return false;
 }
 
 // False after a conflict with a writer, whose values are then to be prepared.
@@ -85,7 +89,9 @@ bool Job::TryFinish(Finish const& finish, std::uint32_t attempt) {
   try {
     Transaction transaction(context_);
     finish(transaction);
+    if (run_ != nullptr) run_->FinishIn(transaction);
     transaction.Commit();
+    if (run_ != nullptr) run_->Finish();
     return true;
   } catch (Error const& error) {
     if (error.status() != LSCOREDB_CONFLICT || attempt >= options_.attempts) throw;
@@ -100,6 +106,7 @@ void Job::Abandon() {
       DropPrepared(transaction, name, preparation_.spec.name);
     }
   });
+  if (run_ != nullptr) run_->Finish();
 }
 
 // Makes the hidden columns that are not there yet.
@@ -114,19 +121,26 @@ void Job::AddColumns(Transaction& transaction) {
   }
 }
 
-bool Job::FillRound(std::vector<ObjectId> left) {
+Filled Job::FillRound(std::vector<ObjectId> left) {
   std::size_t const batch = std::max(options_.batch, 1u);
   while (!left.empty()) {
     std::size_t const size = std::min(batch, left.size());
     Attempt([&](Transaction& transaction) {
       Write(transaction, {left.end() - static_cast<std::ptrdiff_t>(size), left.end()});
+      if (run_ != nullptr) run_->Save(transaction, progress_.done + size);
     });
     left.resize(left.size() - size);
     progress_.done += size;
-    if (options_.report && !options_.report(progress_)) return false;
-    std::this_thread::sleep_for(options_.pause);
+    if (options_.report && !options_.report(progress_)) return Filled::kEnded;
+    if (!GoesOn()) return Filled::kStopped;
   }
-  return true;
+  return Filled::kYes;
+}
+
+bool Job::GoesOn() const {
+  if (run_ != nullptr) return run_->GoesOn(options_.pause);
+  std::this_thread::sleep_for(options_.pause);
+  return options_.control == nullptr || !options_.control->stopped();
 }
 
 // Objects whose hidden value is not yet what the old one becomes.

@@ -108,7 +108,7 @@ void ChangeRow(Context const& context, ObjectId id, Change&& change) {
       auto const store = Store::Find(transaction);
       auto row = store ? store->Read(id) : std::nullopt;
       if (!row) jobs::ThrowNoJob(id.value);
-      change(*store, *row);
+      change(transaction, *store, *row);
       return transaction.Commit();
     } catch (Error const& error) {
       if (error.status() != LSCOREDB_CONFLICT) throw;
@@ -174,6 +174,8 @@ bool ResumeJob(Context const& context, std::uint64_t id, JobOptions const& optio
         return jobs::ResumeApply(context, run, options);
       case JobKind::kRetype:
         return jobs::ResumeRetype(context, run, options);
+      case JobKind::kColumnChange:
+        return jobs::ResumeColumnChange(context, run, options);
       default:
         throw Error(LSCOREDB_INVALID_ARGUMENT,
                     fmt::format("This version cannot resume the {} of job {}.",
@@ -189,7 +191,7 @@ void StopJob(Context const& context, std::uint64_t id) {
     if (!row) return;
     row_id = row->id;
   }
-  ChangeRow(context, row_id, [&](Store const& store, Row& row) {
+  ChangeRow(context, row_id, [&](Transaction&, Store const& store, Row& row) {
     if (row.runner.empty()) return;
     row.runner.clear();
     row.reason = "stopped";
@@ -199,7 +201,10 @@ void StopJob(Context const& context, std::uint64_t id) {
 
 void AbandonJob(Context const& context, std::uint64_t id, JobOptions const&) {
   if (IsBuild(context, id)) return AbandonIndexBuild(context, id);
-  ChangeRow(context, {id}, [&](Store const& store, Row const& row) { store.Delete(row.id); });
+  ChangeRow(context, {id}, [](Transaction& transaction, Store const& store, Row const& row) {
+    if (row.kind == JobKind::kColumnChange) jobs::AbandonColumnChange(transaction, row);
+    store.Delete(row.id);
+  });
 }
 
 }  // namespace sagleme

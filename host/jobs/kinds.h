@@ -15,6 +15,10 @@ bool ResumeVacuum(Context const& context, Run& run, JobOptions const& options);
 bool ResumeImport(Context const& context, Run& run, JobOptions const& options);
 bool ResumeApply(Context const& context, Run& run, JobOptions const& options);
 bool ResumeRetype(Context const& context, Run& run, JobOptions const& options);
+bool ResumeColumnChange(Context const& context, Run& run, JobOptions const& options);
+
+// Removes what the batches wrote, which nobody sees.
+void AbandonColumnChange(Transaction& transaction, Row const& job);
 
 // The job of an index build, whose details are the number of the build. The kernel keeps its state.
 Row RowOfBuild(std::uint64_t id, IndexSpec const& spec);

@@ -117,7 +117,7 @@ std::vector<Change> ChangesToPrepare(Transaction& transaction, Plan const& plan,
 
 bool PrepareChange(Context const& context, Change const& change,
                    ColumnChangeOptions const& options) {
-  return JobFor(context, change, options).Fill();
+  return JobFor(context, change, options).Fill() == columns::Filled::kYes;
 }
 
 void AbandonChange(Context const& context, Change const& change) {

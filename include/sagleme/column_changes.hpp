@@ -45,6 +45,7 @@
 #include <functional>
 #include <initializer_list>
 #include <sagleme/host.hpp>
+#include <sagleme/jobs.hpp>
 #include <span>
 #include <string>
 #include <variant>
@@ -121,8 +122,9 @@ SAGLEME_HOST_API void ChangeColumnType(Transaction& transaction, Text const& tab
 // in it. If it conflicts with writers, the values of those are written in a batch, and it is tried
 // again.
 //
-// A job that is cut off, even by the death of the process, leaves the hidden columns. The same call
-// again continues, any of the functions above uses them, and AbandonColumnChange removes them.
+// A change of more than one batch is a job (<sagleme/jobs.hpp>). One that is cut off, even by the
+// death of the process, leaves the hidden columns. ResumeJob or the same call again continues, any
+// of the functions above uses them, and AbandonJob or AbandonColumnChange removes them.
 
 struct ColumnChangeProgress {
   std::uint64_t done = 0;       // values written
@@ -137,11 +139,13 @@ struct ColumnChangeOptions {
   std::uint32_t attempts = 1000;       // per transaction, before the conflict is reported
   // Called after each committed batch; false abandons the change.
   std::function<bool(ColumnChangeProgress const&)> report;
+  // May stop the change, which then can be resumed or abandoned.
+  JobControl const* control = nullptr;
 };
 
-// Each returns whether the change was made; `report` abandoned it otherwise, and nothing of it is
-// left. They throw what the function of one transaction throws, where possible before the first
-// batch.
+// Each returns whether the change was made; otherwise `report` abandoned it, and nothing of it is
+// left, or `control` stopped it. LSCOREDB_IN_USE: somebody else makes the same change. They throw
+// what the function of one transaction throws, where possible before the first batch.
 SAGLEME_HOST_API bool RunPullUpColumn(Context const& context, Text const& table, Text const& column,
                                       Text const& base, ColumnChangeOptions const& options = {});
 SAGLEME_HOST_API bool RunPushDownColumn(Context const& context, Text const& table,

@@ -10,7 +10,8 @@
 //   }
 //
 // A job is work in many small transactions: RunVacuum (<sagleme/vacuum.hpp>), BuildIndex
-// (<sagleme/index_build.hpp>), RetypeInBatches (<sagleme/hierarchy.hpp>), ImportFile
+// (<sagleme/index_build.hpp>), RetypeInBatches (<sagleme/hierarchy.hpp>), RunChangeColumnType and
+// its like (<sagleme/column_changes.hpp>), ImportFile
 // (<sagleme/host/import.hpp>), ApplySchema (<sagleme/schema_job.hpp>). Those functions begin one.
 // Work that fits into one batch is over before it could be seen, and leaves no trace.
 //
@@ -126,7 +127,8 @@ SAGLEME_HOST_API bool ResumeJob(Context const& context, std::uint64_t id,
 SAGLEME_HOST_API void StopJob(Context const& context, std::uint64_t id);
 
 // Stops a job and forgets it. What its batches committed stays, except for the entries of an index
-// build, which are removed; how far that is, `report` gets. LORV_STATUS_NO_OBJECT: there is no such
+// build and the values that a column change prepared, which are removed; how far the former is,
+// `report` gets. LORV_STATUS_NO_OBJECT: there is no such
 // job.
 SAGLEME_HOST_API void AbandonJob(Context const& context, std::uint64_t id,
                                  JobOptions const& options = {});

@@ -66,6 +66,11 @@ void ExpectValues(Context const& context, std::int64_t count) {
   }
 }
 
+void ExpectType(Context const& context, Type type) {
+  Transaction transaction(context, sagleme::Access::kReadOnly);
+  EXPECT_EQ(type, transaction.table(u"L.Novel")->GetColumn(u"Pages").type);
+}
+
 // A value that nobody has yet, in an object from before or a new one.
 void Write(Context const& context, std::int64_t number, bool fresh) {
   Transaction transaction(context);
@@ -238,6 +243,60 @@ TEST_F(ColumnJobsTest, CutOff_IsFinishedByTheChangeItselfOrTakenBack) {
     sagleme::ChangeColumnType(transaction, u"L.Book", {u"Pages", Type::kLong});
     transaction.Commit();
   }
+  ExpectValues(context_, kObjects);
+}
+
+// A type change that is stopped after a batch.
+bool StopAfterABatch(Context const& context) {
+  sagleme::JobControl control;
+  ColumnChangeOptions options;
+  options.batch = 20;
+  options.control = &control;
+  options.report = [&](ColumnChangeProgress const&) {
+    control.Stop();
+    return true;
+  };
+  return sagleme::RunChangeColumnType(context, u"L.Book", {u"Pages", Type::kString}, options);
+}
+
+TEST_F(ColumnJobsTest, Stopped_IsListedAndResumed) {
+  EXPECT_FALSE(StopAfterABatch(context_));
+  std::vector<sagleme::Job> const jobs = sagleme::Jobs(context_);
+  ASSERT_EQ(1u, jobs.size());
+  EXPECT_EQ(sagleme::JobKind::kColumnChange, jobs[0].kind);
+  EXPECT_EQ("change column Pages of L.Book to string", jobs[0].description);
+  EXPECT_EQ(sagleme::JobState::kCutOff, jobs[0].state);
+  EXPECT_EQ(20u, jobs[0].progress.done);
+  EXPECT_TRUE(sagleme::ResumeJob(context_, jobs[0].id));
+  EXPECT_TRUE(sagleme::Jobs(context_).empty());
+  ExpectType(context_, Type::kString);
+}
+
+TEST_F(ColumnJobsTest, Stopped_IsContinuedByTheSameCallAndAbandoned) {
+  EXPECT_FALSE(StopAfterABatch(context_));
+  EXPECT_FALSE(StopAfterABatch(context_));
+  ASSERT_EQ(1u, sagleme::Jobs(context_).size());
+  sagleme::AbandonJob(context_, sagleme::Jobs(context_)[0].id);
+  EXPECT_TRUE(sagleme::Jobs(context_).empty());
+  ExpectValues(context_, kObjects);
+  ExpectType(context_, Type::kLong);
+}
+
+TEST_F(ColumnJobsTest, EveryKind_IsResumed) {
+  sagleme::JobControl stopped;
+  stopped.Stop();
+  ColumnChangeOptions options;
+  options.batch = 20;
+  options.control = &stopped;
+  EXPECT_FALSE(sagleme::RunPullUpColumn(context_, u"L.Book", u"Pages", u"L.Item", options));
+  ASSERT_EQ(1u, sagleme::Jobs(context_).size());
+  EXPECT_TRUE(sagleme::ResumeJob(context_, sagleme::Jobs(context_)[0].id));
+  ExpectValues(context_, kObjects);
+  EXPECT_FALSE(sagleme::RunPushDownColumn(context_, u"L.Item", u"Pages", kDown, options));
+  ASSERT_EQ(1u, sagleme::Jobs(context_).size());
+  EXPECT_EQ("push column Pages of L.Item down to L.Film, L.Book",
+            sagleme::Jobs(context_)[0].description);
+  EXPECT_TRUE(sagleme::ResumeJob(context_, sagleme::Jobs(context_)[0].id));
   ExpectValues(context_, kObjects);
 }
 
