@@ -171,8 +171,8 @@ void Attachment::RollbackTo(int number) {
   ++writes_;
   detail::CheckKernel(lscoredb_rollback_to(context(), mark->savepoint));
   marks_.erase(mark + 1, marks_.end());
+  transaction_->Forget();  // what its rules required is undone too
   if (!defined_) return;
-  transaction_->Forget();
   schema_ = Schema::Read(*transaction_);
   ForgetTables();
 }

@@ -100,6 +100,35 @@ TEST_F(AnnotationsTest, LastReference_TakesItsTargetAlong) {
   EXPECT_EQ(sql_("SELECT COUNT(*) FROM Person"), "0");
 }
 
+// ---- savepoints
+
+// Rolling back to a savepoint undoes what the transaction has required of the annotations, so the
+// next write requires it again.
+TEST_F(AnnotationsTest, TableMadeAbstractAfterRollbackTo_ConflictsWithItsWriter) {
+  sql_("BEGIN; SAVEPOINT s; INSERT INTO Item(Year) VALUES(1); ROLLBACK TO s");
+  library_.Change([](Transaction& transaction) {
+    SetAbstract(transaction, *transaction.table(u"Library.Item"), true);
+  });
+  EXPECT_EQ(sql_("INSERT INTO Item(Year) VALUES(2)"), "");
+  sql_("COMMIT");
+  EXPECT_EQ(SQLITE_BUSY, sql_.code() & 0xFF);
+  sql_("ROLLBACK");
+  EXPECT_EQ(sql_("SELECT COUNT(*) FROM Item"), "0");
+}
+
+TEST_F(AnnotationsTest, RuleChangedAfterRollbackTo_ConflictsWithDeletions) {
+  SetLenderRule(OnDelete::kSetNull);
+  sql_("INSERT INTO Person(Name) VALUES('Ann'), ('Bob')");
+  sql_("INSERT INTO Book(Year, Lender) SELECT 1, _oid FROM Person WHERE Name = 'Ann'");
+  sql_("BEGIN; SAVEPOINT s; DELETE FROM Person; ROLLBACK TO s");
+  SetLenderRule(OnDelete::kRefuse);
+  EXPECT_EQ(sql_("DELETE FROM Person WHERE Name = 'Bob'"), "");
+  sql_("COMMIT");
+  EXPECT_EQ(SQLITE_BUSY, sql_.code() & 0xFF);
+  sql_("ROLLBACK");
+  EXPECT_EQ(sql_("SELECT COUNT(*) FROM Person"), "2");
+}
+
 // ---- definitions
 
 class AnnotatingTest : public AnnotationsTest {
