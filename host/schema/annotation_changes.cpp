@@ -75,14 +75,23 @@ std::string NameOf(change::Annotate const& it) {
   return "table " + it.table;
 }
 
+Index IndexNamed(Transaction& transaction, std::string const& name) {
+  if (auto const index = transaction.FindIndex(ToUtf16(name))) return *index;
+  throw Error(SAGLEME_INDEX_NOT_FOUND, "There is no index " + name + ".");
+}
+
 ObjectId SubjectOf(Transaction& transaction, change::Annotate const& it) {
-  if (!it.index.empty()) {
-    auto const index = transaction.FindIndex(ToUtf16(it.index));
-    if (index) return index->id;
-    throw Error(SAGLEME_INDEX_NOT_FOUND, "There is no index " + it.index + ".");
-  }
+  if (!it.index.empty()) return IndexNamed(transaction, it.index).id;
   TablePtr const table = transaction.table(ToUtf16(it.table));
   return it.column.empty() ? table->id() : table->GetColumn(ToUtf16(it.column)).id;
+}
+
+void ApplyComment(Transaction& transaction, change::Annotate const& it) {
+  std::string const comment = it.text.value_or("");
+  if (!it.index.empty()) return SetComment(transaction, IndexNamed(transaction, it.index), comment);
+  TablePtr const table = transaction.table(ToUtf16(it.table));
+  if (it.column.empty()) return SetComment(transaction, *table, comment);
+  SetComment(transaction, *table, it.column, comment);
 }
 
 }  // namespace
@@ -150,7 +159,7 @@ void ApplyAnnotation(Transaction& transaction, change::Annotate const& it) {
   std::u16string const column = ToUtf16(it.column);
   switch (it.kind) {
     case Kind::kComment:
-      return RestoreAnnotation(transaction, it);
+      return ApplyComment(transaction, it);
     case Kind::kDefault: {
       Value const value = it.text
                               ? annotations::ParseJsonValue(table->GetColumn(column).type, *it.text)

@@ -199,6 +199,8 @@ TEST_F(AnnotatingTest, BadDefinitions_SayWhatWasExpected) {
             "error: line 1, column 19: expected TABLE.COLUMN, found a name");
   EXPECT_EQ((*this)("COMMENT ON TABLE Person IS 7"),
             "error: line 1, column 28: expected a comment in single quotes, or NULL, found 7");
+  EXPECT_EQ((*this)("COMMENT ON COLUMN Book.Year IS 'x'"),
+            "error: Column Year of table Library.Book is inherited; annotate it in Library.Item.");
 }
 
 }  // namespace
