@@ -143,7 +143,7 @@ class Deletion {
   bool IsCounted(ObjectId target, Table const& table) const {
     for (ReferenceRule const& rule : rules_.references()) {
       if (rule.rule != OnDelete::kLast || !rule.Concerns(table)) continue;
-      if (!FindReferrers(transaction_, *rule.table, rule.column, target).empty()) return true;
+      if (HasReferrer(transaction_, *rule.table, rule.column, target)) return true;
     }
     return false;
   }

@@ -33,6 +33,19 @@ std::vector<Object> FindReferrers(Transaction& transaction, Table const& table,
   return found;
 }
 
+bool HasReferrer(Transaction& transaction, Table const& table, Column const& column,
+                 ObjectId target) {
+  if (Index const* const index = IndexBeginningWith(table, column.name)) {
+    return Range::Matching(transaction, *index, {target}).Next().has_value();
+  }
+  Property<ObjectId> const reference(table, column);
+  Range objects = Range::Subtree(transaction, table);
+  while (auto const each = objects.Next()) {
+    if (reference.Get(*each) == target) return true;
+  }
+  return false;
+}
+
 }  // namespace detail
 
 std::vector<Object> Referrers(Transaction& transaction, ObjectId target, Table const& table,

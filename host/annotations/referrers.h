@@ -14,6 +14,10 @@ Index const* IndexBeginningWith(Table const& table, std::u16string const& column
 std::vector<Object> FindReferrers(Transaction& transaction, Table const& table,
                                   Column const& column, ObjectId target);
 
+// Whether there is one. Reads the first entry of an index, or objects up to the first that refers.
+bool HasReferrer(Transaction& transaction, Table const& table, Column const& column,
+                 ObjectId target);
+
 // The name of the index that a rule makes if no index begins with its column.
 std::string ReferrerIndexName(std::string const& table, std::string const& column);
 

@@ -15,6 +15,29 @@ TEST_F(AnnotationsTest, Keep_LeavesTheReference) {
   EXPECT_EQ(Value(owner.id()), thing.Get(u"Owner"));
 }
 
+// Whichever way the references are found: by an index, or without one by a scan.
+class LastReferenceTest : public AnnotationsTest, public testing::WithParamInterface<bool> {};
+
+TEST_P(LastReferenceTest, OfMany_TakesItsTargetAlong) {
+  SetRule(u"Owner", OnDelete::kLast);
+  Transaction transaction(context_);
+  if (!GetParam()) DropIndex(transaction, u"Thing.Owner.Referrers");
+  Object const owner = Make(transaction, u"Person");
+  Object const other = Make(transaction, u"Person");
+  MakeThing(transaction, other.id());
+  std::vector<Object> things;
+  for (int i = 0; i < 5; ++i) things.push_back(MakeThing(transaction, owner.id()));
+  for (Object& thing : things) {
+    EXPECT_TRUE(Exists(transaction, owner));
+    thing.Delete();
+  }
+  EXPECT_FALSE(Exists(transaction, owner));
+  EXPECT_TRUE(Exists(transaction, other));
+}
+
+INSTANTIATE_TEST_SUITE_P(Ways, LastReferenceTest, testing::Bool(),
+                         [](auto const& way) { return way.param ? "Index" : "Scan"; });
+
 TEST_F(AnnotationsTest, Refuse_KeepsTheTargetAndNamesWhoRefers) {
   SetRule(u"Owner", OnDelete::kRefuse);
   Transaction transaction(context_);
