@@ -66,6 +66,7 @@ LS_OBJ_REF DataTypeOf(Transaction& transaction, ColumnSpec const& column) {
 }
 
 void RequireDefinition(Transaction& transaction, Text const& table, ColumnSpec const& column) {
+  detail::RequireNullableKey(table, column);
   std::string const what = "Column " + ToUtf8(column.name) + " of " + ToUtf8(table);
   if (!column.nullable && MustBeNullable(column.type)) {
     throw Error(SAGLEME_COLUMN_NOT_NULLABLE, what + " must be nullable: the type " +

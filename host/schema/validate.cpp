@@ -89,6 +89,12 @@ class Validator {
         Refuse("column {} of table {}: names that begin with __ are reserved", column.name,
                table.name);
       }
+      if (column.type == Type::kKey && !column.nullable) {
+        Refuse(
+            "column {} of table {} is of type key and must be \"nullable\"; or make it a ulong, "
+            "which holds the same numbers",
+            column.name, table.name);
+      }
       if (!column.target.empty() && !Exists(column.target)) {
         Refuse("column {} of table {} refers to {}, which is not defined", column.name, table.name,
                column.target);

@@ -109,7 +109,7 @@ inline void PushDownColumn(Transaction& transaction, Text const& table, Text con
 // LSCOREDB_WRONG_TYPE: no value of the type converts, or some do not and `loss` refuses it; the
 // text lists the first of them. LSCOREDB_DUPLICATE_KEY: two values become equal, and a unique
 // index has the column. SAGLEME_COLUMN_NOT_NULLABLE: the type has no form without null.
-// SAGLEME_TARGET_NOT_FOUND.
+// SAGLEME_BAD_ARGUMENT: a key that takes no null. SAGLEME_TARGET_NOT_FOUND.
 SAGLEME_HOST_API void ChangeColumnType(Transaction& transaction, Text const& table,
                                        ColumnSpec const& column, Loss loss = Loss::kRefuse);
 

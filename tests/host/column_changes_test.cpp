@@ -419,6 +419,7 @@ TEST_F(ColumnChangesTest, ChangeType_BadRequests_AreRefused) {
   EXPECT_EQ(SAGLEME_NO_SUCH_COLUMN, change(u"L.Item", {u"Yeer", Type::kLong}));
   EXPECT_EQ(SAGLEME_COLUMN_INHERITED, change(u"L.Book", {u"Year", Type::kLong}));
   EXPECT_EQ(SAGLEME_COLUMN_NOT_NULLABLE, change(u"L.Item", {u"Year", Type::kBinary, false}));
+  EXPECT_EQ(SAGLEME_BAD_ARGUMENT, change(u"L.Item", {u"Year", Type::kKey, false}));
   EXPECT_EQ(SAGLEME_TARGET_NOT_FOUND,
             change(u"L.Item", {u"Year", Type::kReference, true, u"L.Nobody"}));
   EXPECT_EQ(SAGLEME_BAD_ARGUMENT,

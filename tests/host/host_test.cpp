@@ -91,6 +91,30 @@ TEST_F(HostTest, Property_AnotherType_IsRefused) {
             StatusOf([&] { object.Set(u"Name", std::u16string(u"a\0b", 3)); }));
 }
 
+TEST_F(HostTest, KeyWithoutNull_IsRefusedByItsName) {
+  sagleme::Transaction transaction(context_);
+  auto const refusal = [](auto const& work) -> std::string {
+    try {
+      work();
+    } catch (sagleme::Error const& error) {
+      EXPECT_EQ(SAGLEME_BAD_ARGUMENT, error.status());
+      return error.what();
+    }
+    return "";
+  };
+  EXPECT_EQ(
+      "Column Code of App.Thing must be nullable: its type is key. Or make it a ulong, which "
+      "holds the same numbers.",
+      refusal([&] {
+        sagleme::AddColumns(transaction, u"App.Thing", {{u"Code", Type::kKey, false}});
+      }));
+  EXPECT_NE("", refusal([&] {
+              sagleme::CreateTable(transaction, u"App.Other", u"", {{u"Code", Type::kKey, false}});
+            }));
+  sagleme::CreateTable(transaction, u"App.Other", u"", {{u"Code", Type::kKey}});
+  EXPECT_EQ(Type::kKey, transaction.table(u"App.Other")->GetColumn(u"Code").type);
+}
+
 TEST_F(HostTest, Ranges_TableSubtreeAndIndex_GiveTheirObjects) {
   sagleme::Transaction transaction(context_);
   Make(transaction, "App.Thing", u"b", 1);

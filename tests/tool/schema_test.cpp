@@ -298,6 +298,24 @@ TEST_F(SchemaTest, Apply_BadDocuments_AreUsageAndSayWhere) {
   EXPECT_NE(std::string::npos,
             refused(tables(R"({"name": "A", "indexes": [{"name": "I", "columns": ["x"]}]})"))
                 .find("has no column x"));
+  EXPECT_NE(std::string::npos,
+            refused(tables(R"({"name": "A", "columns": [{"name": "x", "type": "key"}]})"))
+                .find("column x of table A is of type key and must be \"nullable\""));
+}
+
+TEST_F(SchemaTest, ColumnOfTypeKey_SurvivesADumpAndALoad) {
+  Json document = Document();
+  Json& isbn = Table(document, "App.Book")["columns"][0];
+  isbn["type"] = "key";
+  std::string const file = Write("key.json", document.dump());
+  EXPECT_NE(std::string::npos, On("apply", {file}, 2).err.find("must be \"nullable\""));
+  isbn["nullable"] = true;
+  ApplyDocument(document);
+  On("dump", {Path("dump")});
+  std::string const other = Path("other");
+  ASSERT_EQ(0, RunTool({"load", other, Path("dump")}).status);
+  EXPECT_EQ(On("scan", {"Book", "--format", "json"}).out,
+            RunTool({"scan", other, "Book", "--format", "json"}).out);
 }
 
 TEST_F(SchemaTest, Apply_DocumentOfAnotherDatabase_SaysSoBeforeAnythingIsLost) {

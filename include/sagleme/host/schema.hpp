@@ -52,6 +52,14 @@ class ColumnArray {
   std::vector<LORV_COLUMN_DEFINITION_NAMES> entries_;
 };
 
+// The layer makes no column of type key without null.
+inline void RequireNullableKey(Text const& table, ColumnSpec const& column) {
+  if (column.type != Type::kKey || column.nullable) return;
+  throw Error(SAGLEME_BAD_ARGUMENT, "Column " + ToUtf8(column.name) + " of " + ToUtf8(table) +
+                                        " must be nullable: its type is key. Or make it a ulong, "
+                                        "which holds the same numbers.");
+}
+
 // Removes the annotations of what is no longer there.
 SAGLEME_HOST_API void DropStaleAnnotations(Transaction& transaction);
 
@@ -94,8 +102,10 @@ inline void RequireDepth(Transaction& transaction, std::u16string const& name,
 // An empty base is the root of all tables. A table that already exists with exactly this definition
 // is left unchanged. Targets of references may be created later in the same transaction, followed
 // by FinishReferences. SAGLEME_TOO_DEEP: see the limits in docs/reliability.md.
+// SAGLEME_BAD_ARGUMENT: a column of type key that takes no null, also from AddColumns.
 inline TablePtr CreateTable(Transaction& transaction, Text const& name, Text const& base,
                             std::span<ColumnSpec const> columns) {
+  for (ColumnSpec const& column : columns) detail::RequireNullableKey(name, column);
   detail::ColumnArray const array(columns);
   try {
     detail::ChangeSchema(transaction, [&](std::uint64_t context) {
@@ -124,6 +134,7 @@ inline void FinishReferences(Transaction& transaction) {
 
 inline void AddColumns(Transaction& transaction, Text const& table,
                        std::span<ColumnSpec const> columns) {
+  for (ColumnSpec const& column : columns) detail::RequireNullableKey(table, column);
   detail::ColumnArray const array(columns);
   detail::ChangeSchema(transaction, [&](std::uint64_t context) {
     return lorv_alter_table_add_columns(context, table.c_str(), array.data(), nullptr);
