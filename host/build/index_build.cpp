@@ -313,16 +313,31 @@ bool BuildIndex(Context const& context, IndexSpec const& index, IndexBuildOption
   return true;
 }
 
+namespace {
+
+// Whether an annotation can be set whatever the objects are. What objects may refuse would leave a
+// finished build behind.
+bool HoldsForAnyObjects(change::Annotate const& it) {
+  bool const told = it.kind == Annotation::Kind::kComment || it.kind == Annotation::Kind::kDefault;
+  return told || !it.text.has_value();
+}
+
+bool IsInPlace(Change const& change) {
+  if (auto const* const annotation = std::get_if<change::Annotate>(&change)) {
+    return HoldsForAnyObjects(*annotation);
+  }
+  return std::holds_alternative<change::CreateIndex>(change) ||
+         std::holds_alternative<change::DropIndex>(change) ||
+         std::holds_alternative<change::CreateTable>(change) ||
+         std::holds_alternative<change::AddColumns>(change);
+}
+
+}  // namespace
+
 std::vector<IndexSpec> IndexesToPrepare(Transaction& transaction, Plan const& plan,
                                         std::uint64_t objects) {
-  bool const in_place = std::all_of(plan.begin(), plan.end(), [](Change const& change) {
-    return std::holds_alternative<change::CreateIndex>(change) ||
-           std::holds_alternative<change::DropIndex>(change) ||
-           std::holds_alternative<change::CreateTable>(change) ||
-           std::holds_alternative<change::AddColumns>(change);
-  });
   std::vector<IndexSpec> specs;
-  if (!in_place) return specs;
+  if (!std::all_of(plan.begin(), plan.end(), IsInPlace)) return specs;
   std::optional<ObjectCounts> counts;
   for (Change const& change : plan) {
     auto const* const index = std::get_if<change::CreateIndex>(&change);

@@ -85,7 +85,8 @@ SAGLEME_HOST_API bool BuildIndex(Context const& context, IndexSpec const& index,
 
 // The indexes of a plan for which building them beside writers pays, before the plan is applied in
 // one transaction: on tables with at least `objects` objects, with their descendants, that exist
-// with the columns. None if the plan renames or drops tables or columns, or moves any.
+// with the columns. None if the plan renames, drops, moves or changes tables or columns, or makes a
+// table abstract or gives a reference a rule, which the objects may refuse.
 SAGLEME_HOST_API std::vector<IndexSpec> IndexesToPrepare(Transaction& transaction, Plan const& plan,
                                                          std::uint64_t objects = 10000);
 

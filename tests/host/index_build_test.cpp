@@ -189,6 +189,23 @@ TEST_F(IndexBuildTest, WhatExists_IsLeftAloneOrRefused) {
   EXPECT_TRUE(IndexBuilds(context_).empty());
 }
 
+TEST_F(IndexBuildTest, Plan_WithAnnotationsThatObjectsDoNotRefuse_IsPrepared) {
+  using Kind = sagleme::Annotation::Kind;
+  using sagleme::change::Annotate;
+  Transaction transaction(context_, sagleme::Access::kReadOnly);
+  sagleme::change::CreateIndex const index{"Book", {"ByPages", false, {{"Pages", false}}, {}}};
+  auto const prepared = [&](sagleme::Change const& beside) {
+    return sagleme::IndexesToPrepare(transaction, {index, beside}, 30).size();
+  };
+  EXPECT_EQ(1u, prepared(Annotate{"Book", "", "", Kind::kComment, "bound"}));
+  EXPECT_EQ(1u, prepared(Annotate{"Book", "Pages", "", Kind::kDefault, "7"}));
+  EXPECT_EQ(1u, prepared(Annotate{"Book", "", "", Kind::kAbstract, {}}));
+  EXPECT_EQ(1u, prepared(Annotate{"Loan", "Book", "", Kind::kOnDelete, {}}));
+  EXPECT_EQ(0u, prepared(Annotate{"Book", "", "", Kind::kAbstract, ""}));
+  EXPECT_EQ(0u, prepared(Annotate{"Loan", "Book", "", Kind::kOnDelete, "cascade"}));
+  EXPECT_EQ(0u, prepared(sagleme::change::RenameTable{"Book", "Volume"}));
+}
+
 TEST_F(IndexBuildTest, BuildOfADroppedTable_CanOnlyBeAbandoned) {
   Transaction making(context_);
   CreateTable(making, u"Gone", u"", {{u"Number", Type::kLong}});
