@@ -1,5 +1,6 @@
 #include "annotations/default_text.h"
 
+#include <algorithm>
 #include <nlohmann/json.hpp>
 
 namespace sagleme::annotations {
@@ -31,6 +32,17 @@ Value ParseBare(Type type, std::string const& text) {
   return ParseValue(type, text);
 }
 
+// A number with a fraction or an exponent as ParseValue reads it: the text itself, for a double
+// would lose digits. A decimal has no exponent; one of few digits is written without it.
+std::string DigitsOf(Type type, Json const& json, std::string const& text) {
+  constexpr std::ptrdiff_t kDigitsOfDouble = 15;
+  bool const exponent = text.find_first_of("eE") != std::string::npos;
+  auto const digits =
+      std::count_if(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
+  bool const rewritten = type == Type::kDecimal && exponent && digits <= kDigitsOfDouble;
+  return rewritten ? json.dump() : text;
+}
+
 void RefuseNul(Value const& value) {
   auto const* const text = std::get_if<std::u16string>(&value);
   if (text != nullptr && text->find(u'\0') != std::u16string::npos) {
@@ -38,7 +50,7 @@ void RefuseNul(Value const& value) {
   }
 }
 
-Value ParseAny(Type type, Json const& json) {
+Value ParseAny(Type type, Json const& json, std::string const& text) {
   switch (json.type()) {
     case Json::value_t::null:
       return Null{};
@@ -47,8 +59,9 @@ Value ParseAny(Type type, Json const& json) {
     case Json::value_t::boolean:
     case Json::value_t::number_integer:
     case Json::value_t::number_unsigned:
-    case Json::value_t::number_float:
       return ParseBare(type, json.dump());
+    case Json::value_t::number_float:
+      return ParseBare(type, DigitsOf(type, json, text));
     case Json::value_t::object:
       if (type != Type::kString) RefuseFor(type, "a text");
       return UnitsOf(json);
@@ -62,7 +75,7 @@ Value ParseAny(Type type, Json const& json) {
 Value ParseJsonValue(Type type, std::string const& json) {
   Json const parsed = Json::parse(json, nullptr, false);
   if (parsed.is_discarded()) throw BadValue(json + " is not JSON");
-  Value value = ParseAny(type, parsed);
+  Value value = ParseAny(type, parsed, json);
   RefuseNul(value);
   return value;
 }

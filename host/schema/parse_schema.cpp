@@ -48,7 +48,10 @@ class Reader {
   }
   // Any value, as it would stand in a document; empty where there is none.
   std::string Raw(char const* name) const {
-    return json_.contains(name) ? json_.at(name).dump() : std::string();
+    if (!json_.contains(name)) return {};
+    Json const& field = json_.at(name);
+    if (!field.is_binary()) return field.dump();
+    return {field.get_binary().begin(), field.get_binary().end()};  // see Digits
   }
   // "was" is the former name, or null where there is none.
   bool IsNull(char const* name) const { return json_.contains(name) && json_.at(name).is_null(); }
@@ -208,9 +211,24 @@ class FirstError final : public nlohmann::json_sax<Json> {
   std::string what_ = "not valid JSON";
 };
 
+// Keeps the digits of a number with a fraction or an exponent, which a double would lose: as binary
+// data, which no document has.
+class Digits : public nlohmann::detail::json_sax_dom_parser<Json> {
+ public:
+  using json_sax_dom_parser::json_sax_dom_parser;
+
+  bool number_float(double /*value*/, std::string const& text) {
+    Json::binary_t digits(std::vector<std::uint8_t>(text.begin(), text.end()));
+    return binary(digits);
+  }
+};
+
 Json ParseJson(std::string const& text, std::string const& source) {
   try {
-    return Json::parse(text);
+    Json json;
+    Digits digits(json);
+    Json::sax_parse(text, &digits);
+    return json;
   } catch (Json::exception const&) {
     FirstError const error(text);
     auto const end = text.begin() + static_cast<std::ptrdiff_t>(std::min(error.at(), text.size()));

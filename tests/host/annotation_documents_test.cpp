@@ -116,6 +116,26 @@ TEST_F(AnnotationsTest, BadAnnotationsOfADocument_AreRefusedWithTheirPlace) {
   EXPECT_EQ("nothing", refused(R"({"name": "A", "type": "long", "default": null})"));
 }
 
+// A bare number is read digit by digit, not by way of a double.
+TEST_F(AnnotationsTest, DefaultOfADocument_KeepsEveryDigit) {
+  auto const read = [](std::string const& type, std::string const& number) -> Value {
+    SchemaDoc const schema = ParseSchema(
+        R"({"schema": 1, "tables": [{"name": "T", "columns": [{"name": "A", "type": ")" + type +
+            R"(", "default": )" + number + "}]}]}",
+        "x");
+    return schema.tables[0].columns[0].fallback;
+  };
+  EXPECT_EQ(Value(Decimal{9223372036854775807}), read("decimal", "9223372036854.775807"));
+  EXPECT_EQ(Value(Decimal{-9007199254740993}), read("decimal", "-9007199254.740993"));
+  EXPECT_EQ(Value(Decimal{1500000000}), read("decimal", "1.5e3"));
+  EXPECT_EQ(Value(0.1), read("double", "0.1"));
+  EXPECT_EQ(Value(1e300), read("double", "1e300"));
+  EXPECT_THROW(read("decimal", "0.1234567"), Failure);
+  EXPECT_THROW(read("decimal", "9.223372036854775807e12"), Failure);
+  EXPECT_THROW(read("long", "1.5"), Failure);
+  EXPECT_THROW(read("string", "1.5"), Failure);
+}
+
 std::string DumpOf(Context const& context) {
   std::string text;
   Transaction transaction(context, Access::kReadOnly);
