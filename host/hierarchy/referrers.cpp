@@ -32,14 +32,14 @@ void AddIfItLeaves(Object const& object, Table const& table, Column const& colum
 
 void FindIn(Transaction& transaction, Table const& table, Column const& column,
             ReferrerQuery const& query, std::vector<Referrer>& found) {
-  Index const* const index = query.few.empty() ? nullptr : IndexBy(table, column);
+  Index const* const index = query.objects.empty() ? nullptr : IndexBy(table, column);
   if (index == nullptr) {
     for (Object const& object : Range::Subtree(transaction, table)) {
       AddIfItLeaves(object, table, column, query, found);
     }
     return;
   }
-  for (ObjectId const target : query.few) {
+  for (ObjectId const target : query.objects) {
     for (Object const& object : Range::Matching(transaction, *index, {target})) {
       AddIfItLeaves(object, table, column, query, found);
     }

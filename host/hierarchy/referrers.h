@@ -14,11 +14,12 @@ struct ReferrerQuery {
   std::function<bool(Table const& target)> loses;
   // Whether an object leaves.
   std::function<bool(ObjectId object)> leaves;
-  // The objects that leave, if they are few enough to be looked up one by one in an index.
-  std::vector<ObjectId> few;
+  // The objects that leave, if they are known one by one.
+  std::vector<ObjectId> objects;
 };
 
-// Reads indexes for few objects, else every object of the referring tables.
+// Looks known objects up in an index that begins with the column. Without one it reads every object
+// of the referring table.
 std::vector<Referrer> FindReferrers(Transaction& transaction, ReferrerQuery const& query);
 
 // Does what the option says. `what` begins the text of the refusal: "object 5 cannot become ...".

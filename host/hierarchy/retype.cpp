@@ -13,11 +13,19 @@
 namespace sagleme {
 namespace {
 
-constexpr std::size_t kLookedUpOneByOne = 1000;
-
 [[noreturn]] void Refuse(std::string const& what) { throw Failure(Failure::Kind::kRefused, what); }
 
 // How the columns of one table fare in another.
+void RefuseLost(std::vector<LostColumn> const& lost, std::string text) {
+  if (lost.empty()) return;
+  for (LostColumn const& each : lost) {
+    text += fmt::format("{}column {} of {} would be lost, with {} value{}",
+                        &each == lost.data() ? ": " : "; ", ToUtf8(each.column), ToUtf8(each.table),
+                        each.values, each.values == 1 ? "" : "s");
+  }
+  throw Failure(Failure::Kind::kRefused, text, "Move these values first, or allow their loss.");
+}
+
 struct Fate {
   TablePtr from;
   Destination destination;
@@ -132,9 +140,7 @@ class Retyping {
     ReferrerQuery query;
     query.loses = [this](Table const& target) { return LosesTarget(target); };
     query.leaves = [this](ObjectId id) { return objects_.contains(id.value); };
-    if (objects_.size() <= kLookedUpOneByOne) {
-      for (auto const& [id, fate] : objects_) query.few.push_back({id});
-    }
+    for (auto const& [id, fate] : objects_) query.objects.push_back({id});
     if (objects_.empty()) return {};
     std::vector<Referrer> referrers = FindReferrers(transaction_, query);
     std::erase_if(referrers, [this](Referrer const& each) {
