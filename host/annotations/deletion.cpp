@@ -1,9 +1,9 @@
+#include "annotations/deletion.h"
+
 #include <deque>
 #include <set>
-#include <span>
 
 #include "annotations/referrers.h"
-#include "annotations/rules.h"
 #include "text/fetch.h"
 
 namespace sagleme {
@@ -18,6 +18,11 @@ void Touch(Transaction& transaction, Object const& object) {
   LS_OBJ_REF const reference = object.reference();
   CheckKernel(lorv_context_put_setspec(transaction.context(), reference.oid, reference.addr,
                                        setspec.c_str()));
+}
+
+ColumnLocation LocationOf(ReferenceRule const& rule, Object const& object) {
+  return {object.transaction().context(), object.id().value, rule.table->layout,
+          rule.column.ordinal};
 }
 
 // One deletion with all that follows from it. Whatever refuses is only asked at the end: it may go
@@ -36,9 +41,9 @@ class Deletion {
     }
     return Finish();
   }
-  // Deletes the target of a reference that has gone, if it was the last one.
-  void Release(ObjectId target) {
-    ReleaseTarget(target);
+  // Deletes the targets of references that have gone, if those were the last ones.
+  void Release(std::span<ObjectId const> targets) {
+    for (ObjectId const target : targets) ReleaseTarget(target);
     Finish();
   }
 
@@ -74,7 +79,7 @@ class Deletion {
     TablePtr const table = object.table();
     std::vector<ObjectId> targets;
     if (table != nullptr && !table->system) {  // a dropped table has no rules any more
-      targets = CountedTargets(object, *table);
+      targets = CountedTargets(rules_, object, *table, [](Column const&) { return true; });
       for (ReferenceRule const& rule : rules_.references()) {
         if (rule.Concerns(*table)) Follow(rule, id);
       }
@@ -100,7 +105,7 @@ class Deletion {
           break;
         case OnDelete::kSetNull:
         case OnDelete::kLast:
-          CheckKernel(Put(At(rule, from.id()), Null{}));
+          CheckKernel(Put(LocationOf(rule, from), Null{}));
           break;
       }
     }
@@ -110,23 +115,6 @@ class Deletion {
     std::vector<ObjectId> ids;
     for (Object const& each : objects) ids.push_back(each.id());
     FetchObjects(transaction_, ids);
-  }
-
-  ColumnLocation At(ReferenceRule const& rule, ObjectId object) const {
-    return {transaction_.context(), object.value, rule.table->layout, rule.column.ordinal};
-  }
-
-  // What the object refers to under the rule that counts references.
-  std::vector<ObjectId> CountedTargets(Object const& object, Table const& table) const {
-    std::vector<ObjectId> targets;
-    for (ReferenceRule const& rule : rules_.references()) {
-      if (rule.rule != OnDelete::kLast || !table.IsA(*rule.table)) continue;
-      ObjectId target;
-      auto const status = Get(At(rule, object.id()), target);
-      if (status != LORV_STATUS_NULL) CheckKernel(status);
-      if (target.value != 0) targets.push_back(target);
-    }
-    return targets;
   }
 
   // One that stays is written, so that of two transactions that each take away the last but one
@@ -182,6 +170,25 @@ bool Concerns(Rules const& rules, Table const& table) {
 
 }  // namespace
 
+std::vector<ObjectId> CountedTargets(Rules const& rules, Object const& object, Table const& table,
+                                     std::function<bool(Column const&)> const& goes) {
+  std::vector<ObjectId> targets;
+  for (ReferenceRule const& rule : rules.references()) {
+    if (rule.rule != OnDelete::kLast || !table.IsA(*rule.table) || !goes(rule.column)) continue;
+    ObjectId target;
+    auto const status = Get(LocationOf(rule, object), target);
+    if (status != LORV_STATUS_NULL) CheckKernel(status);
+    if (target.value != 0) targets.push_back(target);
+  }
+  return targets;
+}
+
+void ReleaseTargets(Transaction& transaction, std::span<ObjectId const> targets) {
+  if (targets.empty() || transaction.rules() == nullptr) return;
+  std::set<ObjectId> const each(targets.begin(), targets.end());
+  Deletion(*transaction.rules(), transaction).Release(std::vector(each.begin(), each.end()));
+}
+
 void DeleteByRules(Rules const& rules, Transaction& transaction, ObjectId id) {
   auto const object = rules.references().empty() ? std::nullopt : Object::Find(transaction, id);
   TablePtr const table = object ? object->table() : nullptr;
@@ -206,7 +213,7 @@ void PutReference(Rules const& rules, Transaction& transaction, ColumnLocation c
   auto const target = value == old ? std::nullopt : Object::Find(transaction, value);
   if (target) Touch(transaction, *target);
   put();
-  if (old.value != 0 && old != value) Deletion(rules, transaction).Release(old);
+  if (old.value != 0 && old != value) Deletion(rules, transaction).Release({&old, 1});
   whole.Release();
 }
 

@@ -88,8 +88,12 @@ void SettleReferrers(Transaction& transaction, std::vector<Referrer> const& refe
   if (referring == Referring::kRefuse) Refuse(transaction, referrers, what);
   for (Referrer const& referrer : referrers) {
     TablePtr const table = transaction.table(referrer.table);
-    auto object = Object::Find(transaction, referrer.object);
-    object->Set(*table, table->GetColumn(referrer.column), Null{});
+    Column const& column = table->GetColumn(referrer.column);
+    // Past the rules: the target of a last reference is moved, not deleted.
+    detail::CheckKernel(
+        detail::Put(detail::ColumnLocation{transaction.context(), referrer.object.value,
+                                           table->layout, column.ordinal},
+                    Null{}));
   }
 }
 

@@ -6,6 +6,7 @@
 #include <sagleme/annotations.hpp>
 #include <sagleme/hierarchy.hpp>
 
+#include "annotations/deletion.h"
 #include "hierarchy/column_tokens.h"
 #include "hierarchy/referrers.h"
 #include "hierarchy/refused_key.h"
@@ -68,8 +69,11 @@ class Retyping {
   }
 
   std::uint64_t Run() {
-    SettleReferrers(transaction_, Referrers(), options_.referring,
-                    fmt::format("the objects cannot become objects of {}", ToUtf8(to_.name)));
+    std::string const what =
+        fmt::format("the objects cannot become objects of {}", ToUtf8(to_.name));
+    if (options_.refuse_losses) RefuseLost(Lost(), what);
+    SettleReferrers(transaction_, Referrers(), options_.referring, what);
+    std::vector<ObjectId> const released = LostTargets();
     for (auto const& [id, fate] : objects_) Move(id, *fate);
     transaction_.Forget();
     return objects_.size();
@@ -136,6 +140,20 @@ class Retyping {
                        [&](auto const& fate) { return fate.second.from->IsA(target); });
   }
   // An object that itself loses the referring column is no obstacle.
+  // What lost references under the rule last lead to.
+  std::vector<ObjectId> LostTargets() const {
+    std::vector<ObjectId> targets;
+    detail::Rules const* const rules = transaction_.rules();
+    if (rules == nullptr || rules->references().empty()) return targets;
+    for (auto const& [id, fate] : objects_) {
+      auto const lost = [fate](Column const& column) { return fate->Loses(column.name); };
+      auto const more =
+          detail::CountedTargets(*rules, *Object::Find(transaction_, {id}), *fate->from, lost);
+      targets.insert(targets.end(), more.begin(), more.end());
+    }
+    return targets;
+  }
+
   std::vector<Referrer> Referrers() const {
     ReferrerQuery query;
     query.loses = [this](Table const& target) { return LosesTarget(target); };

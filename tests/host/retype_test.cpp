@@ -225,6 +225,31 @@ TEST_F(RetypeTest, Batches_CommitOneByOneAndGoOnAfterAnEnd) {
   EXPECT_EQ(0u, sagleme::RetypeInBatches(context_, ids, u"Novel", {}, job));
 }
 
+TEST_F(RetypeTest, LastReferenceThatIsLost_TakesItsTargetAlong) {
+  Transaction transaction(context_);
+  sagleme::SetOnDelete(transaction, *transaction.table(u"Loan"), u"Item", sagleme::OnDelete::kLast);
+  ObjectId const book = MakeBook(transaction, u"Dune", 412);
+  ObjectId const one = Make(transaction, u"Loan", {{u"Item", book}}).id();
+  ObjectId const two = Make(transaction, u"Loan", {{u"Item", book}}).id();
+  Retype(transaction, {one}, u"Place");
+  EXPECT_TRUE(Object::Find(transaction, book));
+  Retype(transaction, {two}, u"Place");
+  EXPECT_FALSE(Object::Find(transaction, book));
+  EXPECT_EQ(u"Place", TableOf(transaction, two));
+  transaction.Commit();
+}
+
+TEST_F(RetypeTest, LastReferenceSetToNull_LeavesItsTargetWhichMoves) {
+  Transaction transaction(context_);
+  sagleme::SetOnDelete(transaction, *transaction.table(u"Loan"), u"Book", sagleme::OnDelete::kLast);
+  ObjectId const book = MakeBook(transaction, u"Dune", 412);
+  ObjectId const loan = Make(transaction, u"Loan", {{u"Book", book}}).id();
+  Retype(transaction, {book}, u"Film", {.by_name = false, .referring = Referring::kSetNull});
+  EXPECT_EQ(Value(sagleme::Null{}), Get(transaction, loan, u"Book"));
+  EXPECT_EQ(u"Film", TableOf(transaction, book));
+  transaction.Commit();
+}
+
 TEST_F(RetypeTest, AbstractTable_TakesNoObjects) {
   Transaction transaction(context_);
   ObjectId const id = MakeBook(transaction, u"Dune", 412);
