@@ -222,7 +222,11 @@ class Planner {
                     AnnotationsOf(Full(it.table), {it.column}));
   }
   Plan operator()(DropColumnStatement const& it) const {
-    return {change::DropColumn{Full(it.table), it.column}};
+    TablePtr const table = RequireTable(transaction_, it.table);
+    Column const* const column = table->FindColumn(ToUtf16(it.column));
+    OnDelete const rule =
+        column == nullptr ? OnDelete::kKeep : OnDeleteOf(transaction_, *table, *column);
+    return {change::DropColumn{ToUtf8(table->name), it.column, rule}};
   }
   Plan operator()(RenameColumnStatement const& it) const {
     return {change::RenameColumn{Full(it.table), it.column, it.new_name}};

@@ -46,7 +46,7 @@ class Comparison {
       if (kept_.NewTable(table.name) == nullptr) continue;
       for (ColumnDoc const& column : table.columns) {
         if (kept_.NewColumn(column) == nullptr) {
-          plan_.push_back(change::DropColumn{table.name, column.name});
+          plan_.push_back(change::DropColumn{table.name, column.name, column.on_delete});
         }
       }
     }

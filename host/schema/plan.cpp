@@ -65,7 +65,10 @@ struct Sentences {
     return fmt::format("drop index {}", it.index);
   }
   std::string operator()(change::DropColumn const& it) const {
-    return fmt::format("drop column {} of {} with its values", it.column, it.table);
+    return fmt::format("drop column {} of {} with its values{}", it.column, it.table,
+                       it.on_delete == OnDelete::kLast
+                           ? "; what they refer to stays, though they may be the last references"
+                           : "");
   }
   std::string operator()(change::DropTable const& it) const {
     return fmt::format("drop table {} with its objects", it.table);

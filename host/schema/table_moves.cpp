@@ -79,7 +79,7 @@ class Mover {
       if (wanted == nullptr) continue;
       std::erase_if(Table(name).columns, [&](ColumnDoc const& column) {
         if (table.FindColumn(column.name) == nullptr || Has(*wanted, column)) return false;
-        moves_.plan.push_back(change::DropColumn{name, column.name});
+        moves_.plan.push_back(change::DropColumn{name, column.name, column.on_delete});
         return true;
       });
     }

@@ -46,6 +46,7 @@ struct DropIndex {
 struct DropColumn {
   std::string table;
   std::string column;
+  OnDelete on_delete = OnDelete::kKeep;  // the rule of a reference, which is not asked
 };
 struct DropTable {
   std::string table;

@@ -186,6 +186,17 @@ TEST_F(AnnotatingTest, Definitions_AnnotateAndTakeBack) {
   });
 }
 
+TEST_F(AnnotatingTest, DroppedColumn_WithTheRuleLast_LeavesItsTargets) {
+  SetLenderRule(OnDelete::kLast);
+  sql_("INSERT INTO Person(Name) VALUES('Ann')");
+  sql_("INSERT INTO Book(Year, Lender) SELECT 1, _oid FROM Person");
+  Exec("DROP INDEX Library.Item.Lender.Referrers");
+  EXPECT_EQ((*this)("ALTER TABLE Item DROP COLUMN Lender"),
+            "destructive  drop column Lender of Library.Item with its values; what they refer to "
+            "stays, though they may be the last references");
+  EXPECT_EQ(sql_("SELECT Name FROM Person"), "Ann");
+}
+
 TEST_F(AnnotatingTest, BadDefinitions_SayWhatWasExpected) {
   EXPECT_EQ((*this)("CREATE TABLE A (B text DEFAULT)"),
             "error: line 1, column 31: expected a number, a text in single quotes, TRUE, FALSE, "
