@@ -243,7 +243,8 @@ class Planner {
     after.nullable = spec.nullable;
     after.target = ToUtf8(spec.target);
     if (after.SameShape(before)) return {};
-    return {change::ChangeColumn{ToUtf8(table->name), before, after}};
+    return Together(change::ChangeColumn{ToUtf8(table->name), before, after},
+                    ChangedAnnotations(*table, spec));
   }
   Plan operator()(RenameTableStatement const& it) const {
     return {change::RenameTable{Full(it.table), it.new_name}};
@@ -273,6 +274,27 @@ class Planner {
   Plan operator()(AnnotateStatement const& it) const { return PlanOfAnnotation(transaction_, it); }
 
  private:
+  // Of a column that gets another definition.
+  Plan ChangedAnnotations(Table const& table, ColumnSpec const& spec) const {
+    Plan plan;
+    Column const& column = table.GetColumn(spec.name);
+    change::Annotate changed{
+        ToUtf8(table.name), ToUtf8(spec.name), "", Annotation::Kind::kDefault, {}};
+    Value const before = DefaultOf(transaction_, table, column);
+    Value const after =
+        IsNull(before) ? Value(Null{}) : DefaultAfter(transaction_, table.name, spec);
+    if (ValueJson(before) != ValueJson(after)) {
+      if (!IsNull(after)) changed.text = ValueJson(after);
+      plan.push_back(changed);
+    }
+    bool const was_reference = column.type == Type::kReference && spec.type != Type::kReference;
+    if (was_reference && OnDeleteOf(transaction_, table, column) != OnDelete::kKeep) {
+      changed.kind = Annotation::Kind::kOnDelete;
+      changed.text.reset();
+      plan.push_back(changed);
+    }
+    return plan;
+  }
   static Plan Together(Change first, Plan const& rest) {
     Plan plan{std::move(first)};
     plan.insert(plan.end(), rest.begin(), rest.end());

@@ -22,13 +22,12 @@ void CarriedAnnotations::GiveTo(Transaction& transaction, Text const& table,
   TablePtr const owner = transaction.table(table);
   Column const& own = owner->GetColumn(column);
   if (!comment_.empty()) SetComment(transaction, *owner, column, comment_);
-  if (!IsNull(default_) && own.type != Type::kReference) {
-    SetDefault(transaction, *owner, column, default_);
-  }
-  if (on_delete_ != OnDelete::kKeep && own.type == Type::kReference) {
-    WriteText(transaction, own.id, Annotation::Kind::kOnDelete,
-              std::string(OnDeleteName(on_delete_)));
-  }
+  bool const refers = own.type == Type::kReference;
+  bool const has_rule = refers && on_delete_ != OnDelete::kKeep;
+  // What the column does not keep is removed, for its row may be the one of before.
+  SetDefault(transaction, *owner, column, refers ? Value(Null{}) : default_);
+  WriteText(transaction, own.id, Annotation::Kind::kOnDelete,
+            has_rule ? std::optional(std::string(OnDeleteName(on_delete_))) : std::nullopt);
   detail::DropStaleAnnotations(transaction);
 }
 

@@ -137,7 +137,22 @@ void Redefine(OwnColumn& own, ColumnSpec const& column, columns::Retype const& r
   own.was.clear();
 }
 
+Value ConvertedDefault(Transaction& transaction, columns::Retype const& request,
+                       Value const& value) {
+  bool const refers = request.wanted.type == Type::kReference;
+  if (IsNull(value) || refers) return Null{};  // references have none
+  columns::Converted converted =
+      columns::Converter(transaction, *request.column, request.wanted)(value);
+  return converted.exact ? std::move(converted.value) : Null{};
+}
+
 }  // namespace
+
+Value DefaultAfter(Transaction& transaction, Text const& table, ColumnSpec const& column) {
+  columns::Retype const request = columns::RequireRetype(transaction, table, column);
+  return ConvertedDefault(transaction, request,
+                          DefaultOf(transaction, *request.table, *request.column));
+}
 
 void ChangeColumnType(Transaction& transaction, Text const& table, ColumnSpec const& column,
                       Loss loss) {
@@ -145,11 +160,8 @@ void ChangeColumnType(Transaction& transaction, Text const& table, ColumnSpec co
   columns::Retype const request = columns::RequireRetype(transaction, table, column);
   if (request.same) return whole.Release();
   annotations::CarriedAnnotations annotated(transaction, table, column.name);
-  annotated.ConvertDefault([&](Value const& value) -> Value {
-    columns::Converter const convert(transaction, *request.column, request.wanted);
-    columns::Converted converted = convert(value);
-    return converted.exact ? std::move(converted.value) : Null{};
-  });
+  annotated.ConvertDefault(
+      [&](Value const& value) { return ConvertedDefault(transaction, request, value); });
   if (loss == Loss::kRefuse) RequireConvertible(transaction, table, column);
   Guard(transaction, *request.table);
   Subtree subtree(transaction, request.table);

@@ -169,6 +169,8 @@ void ApplyAnnotation(Transaction& transaction, change::Annotate const& it) {
     case Kind::kAbstract:
       return SetAbstract(transaction, *table, it.text.has_value());
     case Kind::kOnDelete:
+      // The rule of a column that is no reference any more went with its type.
+      if (!it.text && table->GetColumn(column).type != Type::kReference) return;
       return SetOnDelete(transaction, *table, column,
                          ParseOnDelete(it.text.value_or("keep")).value());
   }

@@ -169,6 +169,11 @@ SAGLEME_HOST_API LostValues FindLost(Transaction& transaction, Text const& table
 SAGLEME_HOST_API LostValues FindUnconvertible(Transaction& transaction, Text const& table,
                                               ColumnSpec const& column, std::size_t limit = 100);
 
+// The default that ChangeColumnType would leave the column; null if it has none, or one that the
+// new type does not hold. Throws what that throws of a request that cannot be met.
+SAGLEME_HOST_API Value DefaultAfter(Transaction& transaction, Text const& table,
+                                    ColumnSpec const& column);
+
 // Throw the LSCOREDB_WRONG_TYPE of those functions if they would lose a value.
 SAGLEME_HOST_API void RequireNoneLost(Transaction& transaction, Text const& table,
                                       Text const& column, std::span<Text const> tables);

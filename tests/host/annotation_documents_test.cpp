@@ -91,6 +91,17 @@ TEST_F(AnnotationsTest, DocumentWithARuleAndNoIndex_IsAppliedOnce) {
   EXPECT_TRUE(PlanFor(context_, json).empty());
 }
 
+TEST_F(AnnotationsTest, ReferenceWithARule_BecomesANumber) {
+  ApplyDocument(context_, kDocument);
+  std::string json = kDocument;
+  std::string const reference = R"("type": "reference", "target": "Person", "on_delete": "refuse")";
+  json.replace(json.find(reference), reference.size(), R"("type": "long", "nullable": true)");
+  ApplyDocument(context_, json);
+  EXPECT_EQ(json, DocumentOf(context_));
+  Transaction transaction(context_, Access::kReadOnly);
+  EXPECT_EQ(std::vector<std::string>(), FindingsOf(transaction));
+}
+
 TEST_F(AnnotationsTest, BadAnnotationsOfADocument_AreRefusedWithTheirPlace) {
   auto const refused = [](std::string const& column) -> std::string {
     try {

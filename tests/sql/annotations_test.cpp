@@ -197,6 +197,27 @@ TEST_F(AnnotatingTest, DroppedColumn_WithTheRuleLast_LeavesItsTargets) {
   EXPECT_EQ(sql_("SELECT Name FROM Person"), "Ann");
 }
 
+TEST_F(AnnotatingTest, AnotherType_ConvertsTheDefaultOrSaysThatItGoes) {
+  Exec("CREATE TABLE Shop.Sale (Count bigint DEFAULT 5, By REF(Person) ON DELETE SET NULL)");
+  EXPECT_EQ((*this)("ALTER TABLE Shop.Sale ALTER COLUMN Count TYPE text"),
+            "background   change column Count of Shop.Sale from long to string\n"
+            "instant      let column Count of Shop.Sale default to \"5\"");
+  EXPECT_EQ(sql_("INSERT INTO Sale DEFAULT VALUES"), "");
+  EXPECT_EQ(sql_("SELECT quote(Count) FROM Sale"), "'5'");
+  EXPECT_EQ((*this)("ALTER TABLE Shop.Sale ALTER COLUMN Count TYPE boolean"),
+            "error: 1 value of column Count of Shop.Sale does not convert to bool: \"5\" (object " +
+                sql_("SELECT _oid FROM Sale") + ").");
+  EXPECT_EQ(sql_("DELETE FROM Sale"), "");
+  EXPECT_EQ((*this)("ALTER TABLE Shop.Sale ALTER COLUMN Count TYPE boolean"),
+            "background   change column Count of Shop.Sale from string to bool\n"
+            "instant      remove the default of column Count of Shop.Sale");
+  EXPECT_EQ((*this)("ALTER TABLE Shop.Sale ALTER COLUMN By TYPE bigint"),
+            "background   change column By of Shop.Sale from reference to Library.Person to long\n"
+            "instant      on deletion of the target of column By of Shop.Sale: keep");
+  EXPECT_EQ(sql_("INSERT INTO Sale DEFAULT VALUES"), "");
+  EXPECT_EQ(sql_("SELECT Count, \"By\" FROM Sale"), "NULL|NULL");
+}
+
 TEST_F(AnnotatingTest, BadDefinitions_SayWhatWasExpected) {
   EXPECT_EQ((*this)("CREATE TABLE A (B text DEFAULT)"),
             "error: line 1, column 31: expected a number, a text in single quotes, TRUE, FALSE, "
