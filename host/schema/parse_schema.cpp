@@ -51,7 +51,7 @@ class Reader {
     if (!json_.contains(name)) return {};
     Json const& field = json_.at(name);
     if (!field.is_binary()) return field.dump();
-    return {field.get_binary().begin(), field.get_binary().end()};  // see Digits
+    return {field.get_binary().begin(), field.get_binary().end()};  // see Document
   }
   // "was" is the former name, or null where there is none.
   bool IsNull(char const* name) const { return json_.contains(name) && json_.at(name).is_null(); }
@@ -211,23 +211,53 @@ class FirstError final : public nlohmann::json_sax<Json> {
   std::string what_ = "not valid JSON";
 };
 
-// Keeps the digits of a number with a fraction or an exponent, which a double would lose: as binary
-// data, which no document has.
-class Digits : public nlohmann::detail::json_sax_dom_parser<Json> {
+// Reads a document. A number with a fraction or an exponent keeps its digits, which a double would
+// lose: as binary data, which no document has. Nothing in a document nests deeply; what does would
+// end the stack of who writes it in an error.
+class Document : public nlohmann::detail::json_sax_dom_parser<Json> {
  public:
-  using json_sax_dom_parser::json_sax_dom_parser;
+  Document(Json& whole, std::string const& source) : json_sax_dom_parser(whole), source_(source) {}
 
   bool number_float(double /*value*/, std::string const& text) {
     Json::binary_t digits(std::vector<std::uint8_t>(text.begin(), text.end()));
     return binary(digits);
   }
+  bool start_object(std::size_t size) {
+    Enter();
+    return json_sax_dom_parser::start_object(size);
+  }
+  bool end_object() {
+    --depth_;
+    return json_sax_dom_parser::end_object();
+  }
+  bool start_array(std::size_t size) {
+    Enter();
+    return json_sax_dom_parser::start_array(size);
+  }
+  bool end_array() {
+    --depth_;
+    return json_sax_dom_parser::end_array();
+  }
+
+ private:
+  void Enter() {
+    constexpr int kDeepest = 20;
+    if (++depth_ <= kDeepest) return;
+    throw Failure(Failure::Kind::kBadInput,
+                  fmt::format("{}: arrays and objects are nested deeper than {}, which no schema "
+                              "document is",
+                              source_, kDeepest));
+  }
+
+  std::string const& source_;
+  int depth_ = 0;
 };
 
 Json ParseJson(std::string const& text, std::string const& source) {
   try {
     Json json;
-    Digits digits(json);
-    Json::sax_parse(text, &digits);
+    Document document(json, source);
+    Json::sax_parse(text, &document);
     return json;
   } catch (Json::exception const&) {
     FirstError const error(text);

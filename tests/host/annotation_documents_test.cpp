@@ -147,6 +147,20 @@ TEST_F(AnnotationsTest, DefaultOfADocument_KeepsEveryDigit) {
   EXPECT_THROW(read("string", "1.5"), Failure);
 }
 
+TEST_F(AnnotationsTest, DocumentNestedWithoutEnd_IsRefused) {
+  std::string const deep =
+      R"({"schema": 1, "tables": [{"name": "T", "columns": [{"name": "A", "type": "long",)"
+      R"( "default": )" +
+      std::string(300000, '[') + std::string(300000, ']') + "}]}]}";
+  try {
+    ParseSchema(deep, "x");
+    ADD_FAILURE() << "nothing was refused";
+  } catch (Failure const& failure) {
+    EXPECT_EQ("x: arrays and objects are nested deeper than 20, which no schema document is",
+              std::string(failure.what()));
+  }
+}
+
 std::string DumpOf(Context const& context) {
   std::string text;
   Transaction transaction(context, Access::kReadOnly);
