@@ -17,6 +17,7 @@ namespace {
 [[noreturn]] void Refuse(std::string const& what) { throw Failure(Failure::Kind::kRefused, what); }
 
 // How the columns of one table fare in another.
+// How the columns of one table fare in another.
 void RefuseLost(std::vector<LostColumn> const& lost, std::string text) {
   if (lost.empty()) return;
   for (LostColumn const& each : lost) {
@@ -69,13 +70,12 @@ class Retyping {
   }
 
   std::uint64_t Run() {
-    std::string const what =
-        fmt::format("the objects cannot become objects of {}", ToUtf8(to_.name));
-    if (options_.refuse_losses) RefuseLost(Lost(), what);
-    SettleReferrers(transaction_, Referrers(), options_.referring, what);
+    SettleReferrers(transaction_, Referrers(), options_.referring,
+                    fmt::format("the objects cannot become objects of {}", ToUtf8(to_.name)));
     std::vector<ObjectId> const released = LostTargets();
     for (auto const& [id, fate] : objects_) Move(id, *fate);
     transaction_.Forget();
+    detail::ReleaseTargets(transaction_, released);
     return objects_.size();
   }
 
