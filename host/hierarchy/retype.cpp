@@ -17,17 +17,6 @@ namespace {
 [[noreturn]] void Refuse(std::string const& what) { throw Failure(Failure::Kind::kRefused, what); }
 
 // How the columns of one table fare in another.
-// How the columns of one table fare in another.
-void RefuseLost(std::vector<LostColumn> const& lost, std::string text) {
-  if (lost.empty()) return;
-  for (LostColumn const& each : lost) {
-    text += fmt::format("{}column {} of {} would be lost, with {} value{}",
-                        &each == lost.data() ? ": " : "; ", ToUtf8(each.column), ToUtf8(each.table),
-                        each.values, each.values == 1 ? "" : "s");
-  }
-  throw Failure(Failure::Kind::kRefused, text, "Move these values first, or allow their loss.");
-}
-
 struct Fate {
   TablePtr from;
   Destination destination;
