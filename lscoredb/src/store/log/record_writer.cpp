@@ -40,7 +40,7 @@ KeyValue RecordWriter::Add(logformat::Change const& change) {
   StoreAt(at + 6, static_cast<std::uint8_t>(change.deleted ? kind | logformat::kDeleted : kind));
   StoreAt(at + 7, std::uint8_t{0});
   at += kChangeHead;
-  std::memcpy(at, change.key.data(), change.key.size());
+  if (!change.key.empty()) std::memcpy(at, change.key.data(), change.key.size());
   char* const value = at + change.key.size();
   if (!change.value.empty()) std::memcpy(value, change.value.data(), change.value.size());
   return {{at, change.key.size()}, {value, change.value.size()}};
