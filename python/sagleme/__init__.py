@@ -18,6 +18,7 @@ instant     create table Planet (name: str | None, moons: int)
 from .database import Database, Savepoint, Transaction, open
 from .errors import (
     BadValue,
+    ChangesGone,
     ClosedError,
     Conflict,
     Damaged,
@@ -48,7 +49,7 @@ from .schema import Plan, Step
 __version__ = "0.1.0"
 
 __all__ = [
-    "Back", "BadValue", "ClosedError", "Column", "Condition", "Conflict", "Damaged", "Database",
+    "Back", "BadValue", "ChangesGone", "ClosedError", "Column", "Condition", "Conflict", "Damaged", "Database",
     "DeletedError", "DuplicateKey", "EndedError", "Error", "Float32", "ForkedError", "Full",
     "InUse", "Index", "Key", "ModelError", "NestedTransaction", "NotFound", "OpenError",
     "PickleError", "Plan", "Query", "ReadOnly", "Rows", "Savepoint", "SchemaError", "SeveralFound",

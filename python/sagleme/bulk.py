@@ -175,7 +175,7 @@ class Meter:
 
     def __init__(self, wanted: bool, unit: str) -> None:
         make = _tqdm() if wanted else None
-        self._bar = None if make is None else make(unit=unit)
+        self._bar: Any = None if make is None else make(unit=unit)
         self.show: Callable[[int, int], None] | None = None if self._bar is None else self._show
 
     def _show(self, done: int, total: int) -> None:

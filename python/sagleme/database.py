@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import contextlib
 import functools
 import os
 import threading
@@ -16,6 +17,7 @@ from .errors import ClosedError, Conflict, ReadOnly, SchemaError, WrongType
 from .queries import Query
 
 if TYPE_CHECKING:
+    from .changes import Changes, Kept
     from .sql import SqlRows
 
 T = TypeVar("T")
@@ -193,6 +195,7 @@ class Database:
         self._local = threading.local()
         self._lock = threading.Lock()
         self._snapshots: dict[int, _Snapshot] = {}
+        self._followers: weakref.WeakSet[Changes] = weakref.WeakSet()
 
     # ---- transactions
 
@@ -371,6 +374,34 @@ class Database:
         with Meter(progress, " steps") as meter:
             return [Finding(*each) for each in _core.check(self.path, references, meter.show)]
 
+    # ---- changes
+
+    def keep_changes(self, *, bytes: int = 0, seconds: int = 0) -> None:
+        """Keeps the changes of later commits, for good: so many bytes of them, and so old at most.
+
+        0 sets no such bound; with both 0 nothing is kept any more. The database needs a log:
+        ``sg.open(path, log=True)``.
+        """
+        _core.keep_changes(self._handle, bytes, seconds)
+
+    def kept_changes(self) -> Kept:
+        """The retention of changes, the oldest commit that can be read, and the newest commit."""
+        from .changes import Kept
+
+        return Kept(*_core.kept_changes(self._handle))
+
+    def changes(self, *, after: Any = None, follow: bool = False) -> Changes:
+        """What commits of any process changed, in their order; to iterate, or ``async for``.
+
+        All that is kept, or with `follow` what comes from now on, for which the iteration waits.
+        `after` is where to begin: a change, its `position`, or the number of a commit.
+        """
+        from .changes import Changes
+
+        made = Changes(self._handle, after, follow)
+        self._followers.add(made)
+        return made
+
     def schema(self) -> list[dict[str, Any]]:
         """All tables with their columns and indexes, as plain dictionaries."""
         return [schemas.described(table) for _, table in sorted(self._seen().tables.items())]
@@ -385,7 +416,13 @@ class Database:
 
     def close(self) -> None:
         """Rolls back open transactions and closes. Its objects and queries then raise an error."""
-        self._handle.close()
+        with contextlib.ExitStack() as held:
+            followers = list(self._followers)
+            for each in followers:
+                held.enter_context(each._lock)
+            self._handle.close()
+            for each in followers:
+                each._end()
         self._local.__dict__.pop("engine", None)
 
     @property
@@ -451,12 +488,14 @@ def _refuse(plan: schemas.Plan, allowed: set[str]) -> None:
 
 
 def open(path: str | os.PathLike[str] | None, models: Iterable[Any] | None = None, *,
-         sync: bool = True, max_file_size: int = 0, row_memory: int = 0) -> Database:
+         sync: bool = True, max_file_size: int = 0, row_memory: int = 0,
+         log: bool = False) -> Database:
     """Opens the database in a directory or at a server's URL; None gives a new one in memory.
 
     With `models` a missing directory is created. Without them, every table gets a class made from
     the catalogue: ``db["Library.Book"]``. `sync=False` lets commits survive the process but not the
-    machine. `max_file_size` and `row_memory` are bytes; 0 takes the library's own.
+    machine. `max_file_size` and `row_memory` are bytes; 0 takes the library's own. With `log` commits
+    go to a log first, which the database keeps from then on.
     """
     from .models import closure
 
@@ -464,5 +503,5 @@ def open(path: str | os.PathLike[str] | None, models: Iterable[Any] | None = Non
     name = None if path is None else os.fspath(path)
     create = name is not None and models is not None and not _core.holds_database(name)
     handle = _core.Database(name, create=create, no_sync=not sync, max_file_size=max_file_size,
-                            row_memory=row_memory)
+                            row_memory=row_memory, log=log)
     return Database(handle, classes, name)

@@ -118,6 +118,13 @@ class Full(Error, OSError):
     default_hint = "free space on the disk, or open with a larger max_file_size"
 
 
+class ChangesGone(Error):
+    """Changes that are not kept any more."""
+
+    default_hint = ("read the database afresh and follow from the `last` of db.kept_changes(), taken "
+                    "before that")
+
+
 class PickleError(Error, TypeError):
     """Objects live in their transaction and are not pickled."""
 
@@ -152,6 +159,7 @@ _FAMILIES: dict[int, type[Error]] = {
     statuses.LSCOREDB_MAP_FULL: Full,
     statuses.LSCOREDB_DISK_FULL: Full,
     statuses.LSCOREDB_IO_ERROR: OpenError,
+    statuses.LSCOREDB_CHANGES_GONE: ChangesGone,
     statuses.SAGLEME_NOT_PREPARED: OpenError,
     statuses.SAGLEME_VERSION_MISMATCH: OpenError,
 }

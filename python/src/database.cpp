@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <set>
 
+#include "changes.h"
 #include "types.h"
 #include "watched.h"
 
@@ -29,19 +30,21 @@ sagleme::Database Opened(PyObject* path, int create, sagleme::Options const& opt
 }
 
 PyObject* DatabaseNew(PyTypeObject* type, PyObject* args, PyObject* kwargs) {
-  static char const* names[] = {"path",          "create",     "no_sync",
-                                "max_file_size", "row_memory", nullptr};
+  static char const* names[] = {"path",       "create", "no_sync", "max_file_size",
+                                "row_memory", "log",    nullptr};
   PyObject* path = nullptr;
   int create = 0;
   int no_sync = 0;
   unsigned long long max_file_size = 0;
   unsigned long long row_memory = 0;
-  if (!PyArg_ParseTupleAndKeywords(args, kwargs, "O|ppKK", const_cast<char**>(names), &path,
-                                   &create, &no_sync, &max_file_size, &row_memory)) {
+  int log = 0;
+  if (!PyArg_ParseTupleAndKeywords(args, kwargs, "O|ppKKp", const_cast<char**>(names), &path,
+                                   &create, &no_sync, &max_file_size, &row_memory, &log)) {
     return nullptr;
   }
   return Guard([&] {
-    sagleme::Options const options{no_sync != 0, max_file_size, row_memory};
+    sagleme::Options options{no_sync != 0, max_file_size, row_memory};
+    if (log != 0) options.log = LSCOREDB_LOG;
     auto handle = std::make_unique<sagleme::Database>(Opened(path, create, options));
     auto* const self = As<Database>(Need(type->tp_alloc(type, 0)));
     self->contexts = new std::vector<Context*>;
@@ -76,6 +79,7 @@ void CloseDatabase(Database* database) {
     busy |= context->current != nullptr && context->current->state == State::kBusy;
   }
   if (busy) Raise("InUse", "another thread is busy in this database; close it later");
+  CloseReaders(database);
   while (!database->contexts->empty()) CloseContext(database->contexts->back());
   g_open.erase(database);
   sagleme::Database* const handle = std::exchange(database->handle, nullptr);

@@ -3,6 +3,7 @@
 #include <lscoredb/host.h>
 
 #include "catalogue.h"
+#include "changes.h"
 #include "columns.h"
 
 namespace binding {
@@ -46,6 +47,8 @@ PyMethodDef g_functions[] = {{"scan", NewScan, METH_VARARGS, nullptr},
                              {"catalogue", Catalogue, METH_O, nullptr},
                              {"vacuum", Vacuum, METH_VARARGS, nullptr},
                              {"build_index", BuildIndex, METH_VARARGS, nullptr},
+                             {"keep_changes", KeepChanges, METH_VARARGS, nullptr},
+                             {"kept_changes", KeptChanges, METH_O, nullptr},
                              {"check", Check, METH_VARARGS, nullptr},
                              {"create_table", CreateTable, METH_VARARGS, nullptr},
                              {"set_on_delete", SetOnDelete, METH_VARARGS, nullptr},
@@ -87,7 +90,7 @@ PyMODINIT_FUNC PyInit__core() {
   if (!module) return nullptr;
   for (PyTypeObject* const type :
        {&g_database_type, &g_context_type, &g_transaction_type, &g_view_type, &g_object_type,
-        &g_field_type, &g_scan_type, &g_columns_type, &g_buffer_type}) {
+        &g_field_type, &g_scan_type, &g_columns_type, &g_buffer_type, &g_changes_type}) {
     if (!AddType(module.get(), *type)) return nullptr;
   }
   return module.release();
