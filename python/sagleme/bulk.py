@@ -190,6 +190,25 @@ class Meter:
             self._bar.close()
 
 
+class Reports:
+    """Passes what long work reports on: to a function, to a progress bar, or both."""
+
+    def __init__(self, progress: bool, report: Callable[[dict[str, Any]], bool | None] | None,
+                 done: str, total: str) -> None:
+        self._meter, self._report, self._done, self._total = Meter(progress, ""), report, done, total
+
+    def take(self, told: dict[str, Any]) -> bool | None:
+        if self._meter.show is not None:
+            self._meter.show(told[self._done], told[self._total])
+        return None if self._report is None else self._report(told)
+
+    def __enter__(self) -> Reports:
+        return self
+
+    def __exit__(self, *exception: Any) -> None:
+        self._meter.__exit__()
+
+
 class _Bar:
     """A progress bar, if one is wanted and tqdm is installed."""
 

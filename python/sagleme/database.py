@@ -18,6 +18,7 @@ from .queries import Query
 
 if TYPE_CHECKING:
     from .changes import Changes, Kept
+    from .jobs import Job
     from .sql import SqlRows
 
 T = TypeVar("T")
@@ -338,15 +339,23 @@ class Database:
         `apply` finds it there. Each batch calls `report`; False from it ends the build, which goes
         on when it is called for again. True if the index is there.
         """
+        from .bulk import Reports
+
         index = models.Index(*columns, unique=unique)
         _need_batch(batch)
         _need_class(cls)._need_columns(index)
         found = schemas.index_columns(cls, index)
         table = cls._table_name
-        with _Reports(progress, report, "done", "total") as reports:
+        with Reports(progress, report, "done", "total") as reports:
             return bool(_core.build_index(
                 self._context(), schemas.index_name(table, found, unique), table, list(found),
                 unique, batch, reports.take))
+
+    def jobs(self) -> list[Job]:
+        """Long work in the database that runs in any process or was cut off, oldest first."""
+        from .jobs import Job
+
+        return [Job(self, told) for told in _core.jobs(self._context())]
 
     def vacuum(self, *, batch: int = 1000, progress: bool = False,
                report: Callable[[dict[str, Any]], bool | None] | None = None) -> dict[str, int]:
@@ -355,8 +364,10 @@ class Database:
         Each batch is a transaction of its own, after which `report` gets what was done so far;
         False from it ends the run. A later run goes on.
         """
+        from .bulk import Reports
+
         _need_batch(batch)
-        with _Reports(progress, report, "requests_done", "requests") as reports:
+        with Reports(progress, report, "requests_done", "requests") as reports:
             found: dict[str, int] = _core.vacuum(self._context(), batch, reports.take)
         return found
 
@@ -451,27 +462,6 @@ class Database:
 def _need_batch(batch: Any) -> None:
     if not isinstance(batch, int) or batch < 1:
         raise WrongType(f"a batch holds at least one object, not {batch!r}")
-
-
-class _Reports:
-    """Passes what long work reports on: to a function, to a progress bar, or both."""
-
-    def __init__(self, progress: bool, report: Callable[[dict[str, Any]], bool | None] | None,
-                 done: str, total: str) -> None:
-        from .bulk import Meter
-
-        self._meter, self._report, self._done, self._total = Meter(progress, ""), report, done, total
-
-    def take(self, told: dict[str, Any]) -> bool | None:
-        if self._meter.show is not None:
-            self._meter.show(told[self._done], told[self._total])
-        return None if self._report is None else self._report(told)
-
-    def __enter__(self) -> _Reports:
-        return self
-
-    def __exit__(self, *exception: Any) -> None:
-        self._meter.__exit__()
 
 
 def _refuse(plan: schemas.Plan, allowed: set[str]) -> None:

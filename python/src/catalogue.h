@@ -55,6 +55,12 @@ PyObject* Vacuum(PyObject* module, PyObject* args);
 // build_index(context, name, table, columns, unique, objects in a batch, report or None): whether
 // it was built to the end. `report` is called as that of vacuum.
 PyObject* BuildIndex(PyObject* module, PyObject* args);
+// jobs(context) -> [a dictionary of each]. The others take (context, id), and a report or None if
+// their work is long, and return whether it was done to the end.
+PyObject* Jobs(PyObject* module, PyObject* context);
+PyObject* ResumeJob(PyObject* module, PyObject* args);
+PyObject* StopJob(PyObject* module, PyObject* args);
+PyObject* AbandonJob(PyObject* module, PyObject* args);
 // check(directory, references, report or None) -> [(rule, table, object, sentence)]. `report` is
 // called with two numbers, what is done and in all.
 PyObject* Check(PyObject* module, PyObject* args);

@@ -5,8 +5,7 @@
 #include <sagleme/vacuum.hpp>
 
 #include "catalogue.h"
-#include "types.h"
-#include "watched.h"
+#include "reports.h"
 
 namespace binding {
 namespace {
@@ -23,36 +22,12 @@ PyObject* ProgressOf(sagleme::VacuumProgress const& done) {
                        done.conflicts, "released", done.released);
 }
 
-// Reports a batch to Python. False ends the run, and so does an exception, which stays set.
-template <typename Progress>
-bool Report(PyObject* report, Progress const& done) {
-  PyGILState_STATE const state = PyGILState_Ensure();
-  bool go_on = PyErr_CheckSignals() == 0;
-  if (go_on && report != Py_None) {
-    Ref const progress(ProgressOf(done));
-    Ref const answer(progress ? PyObject_CallOneArg(report, progress.get()) : nullptr);
-    go_on = answer && answer.get() != Py_False;
-  }
-  PyGILState_Release(state);
-  return go_on;
-}
-
 PyObject* FindingOf(sagleme::Finding const& finding) {
   return Py_BuildValue("(s#s#Ks#)", finding.rule.data(),
                        static_cast<Py_ssize_t>(finding.rule.size()), finding.table.data(),
                        static_cast<Py_ssize_t>(finding.table.size()),
                        static_cast<unsigned long long>(finding.object), finding.what.data(),
                        static_cast<Py_ssize_t>(finding.what.size()));
-}
-
-// A context in which work may begin transactions of its own.
-Context* IdleContext(PyObject* object, std::string const& work) {
-  auto* const context = As<Context>(object);
-  if (context->handle == nullptr) Raise("ClosedError", "the database is closed");
-  if (context->current != nullptr) {
-    Raise("NestedTransaction", "a transaction is open in this thread; end it before " + work);
-  }
-  return context;
 }
 
 }  // namespace
@@ -76,7 +51,9 @@ PyObject* BuildIndex(PyObject*, PyObject* args) {
         unique != 0 ? sagleme::Uniqueness::kUnique : sagleme::Uniqueness::kAny};
     sagleme::IndexBuildOptions options;
     options.batch = batch;
-    options.report = [report](auto const& done) { return Report(report, done); };
+    options.report = [report](auto const& done) {
+      return Report(report, [&] { return ProgressOf(done); });
+    };
     bool const built = NotStopped([&] {
       Working const working(context->database);
       Unlocked const unlocked;
@@ -98,7 +75,9 @@ PyObject* Vacuum(PyObject*, PyObject* args) {
     auto* const context = IdleContext(context_object, "the vacuum");
     sagleme::VacuumOptions options;
     options.batch = batch;
-    options.report = [report](auto const& done) { return Report(report, done); };
+    options.report = [report](auto const& done) {
+      return Report(report, [&] { return ProgressOf(done); });
+    };
     sagleme::VacuumProgress done;
     {
       Working const working(context->database);
