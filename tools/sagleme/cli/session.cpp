@@ -32,6 +32,7 @@ sagleme::Context& Session::context() {
 }
 
 void Session::Read(Work const& work) {
+  Watch const watch;
   if (open_) return work(*open_);
   sagleme::Transaction transaction(context(), sagleme::Access::kReadOnly);
   work(transaction);
@@ -54,6 +55,7 @@ void Session::Begin() {
   if (open_)
     throw Failure(Exit::kRefused, "a transaction is already open",
                   "End it with commit or rollback.");
+  Watch const watch;
   open_.emplace(context());
 }
 
