@@ -311,7 +311,7 @@ void Bank::ExpectFeed(Transaction& transaction, Progress const& done) {
   if (lscoredb_kept(database_->handle(), &kept) != 0) return;
   std::map<std::uint64_t, std::int64_t> told;
   Changes changes(*database_, {kept.first - 1});
-  for (Change const& change : changes) {
+  for (DataChange const& change : changes) {
     if (change.table == kTeller) ++told[change.object.value];
   }
   for (std::size_t i = 0; i < done.size(); ++i) {
