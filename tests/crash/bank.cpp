@@ -5,6 +5,7 @@
 #include <map>
 #include <sagleme/changes.hpp>
 #include <sagleme/check.hpp>
+#include <sagleme/durability.hpp>
 #include <set>
 #include <utility>
 #include <vector>
@@ -211,6 +212,7 @@ std::int64_t Bank::Step(Context const& context, int teller) {
     try {
       Transaction transaction(context);
       std::int64_t const step = Work(transaction, teller);
+      if (Syncs(step)) RequireSync(transaction);
       transaction.Commit();
       return step;
     } catch (Error const& failure) {

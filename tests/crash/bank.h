@@ -47,6 +47,9 @@ class Bank {
   // One more step of a teller, or of the architect: its number once it is committed. Runs again
   // when others were faster. Throws sagleme::Error for what else is refused.
   std::int64_t Step(sagleme::Context const& context, int teller);
+  // Steps with numbers that it divides are synced when they return, whatever the options say.
+  void SyncEvery(std::int64_t steps) { sync_every_ = steps; }
+  bool Syncs(std::int64_t step) const { return sync_every_ != 0 && step % sync_every_ == 0; }
   // The same within a transaction, not committed. Returns the step's number.
   std::int64_t Work(sagleme::Transaction& transaction, int teller);
 
@@ -70,6 +73,7 @@ class Bank {
   std::unique_ptr<sagleme::Database> owned_;
   sagleme::Database* database_;
   std::uint64_t seed_;
+  std::int64_t sync_every_ = 0;
 };
 
 }  // namespace crash_test

@@ -47,11 +47,23 @@ void ExpectWholeIn(std::string const& directory) {
   InChild([&] { Bank(directory, kSeed).ExpectWhole(); });
 }
 
-class FullTest : public testing::Test {
+struct Setting {
+  char const* name;
+  std::uint32_t log;
+};
+
+// With and without a log, which turns often.
+class FullTest : public testing::TestWithParam<Setting> {
  protected:
+  static sagleme::Options OptionsOf(bool no_sync) {
+    constexpr std::uint64_t kSmallestLog = 64 * 1024;
+    return {.no_sync = no_sync, .log = GetParam().log, .log_limit = kSmallestLog};
+  }
+  static bool has_log() { return GetParam().log == LSCOREDB_LOG; }
+
   // Makes the database, so that its beginnings have room.
   void Found() {
-    InChild([&] { Bank(directory_.path(), kSeed).ExpectWhole(); });
+    InChild([&] { Bank(directory_.path(), kSeed, OptionsOf(false)).ExpectWhole(); });
   }
 
   Directory directory_;
@@ -75,10 +87,10 @@ class FileSizeLimit {
 };
 
 // The limit cuts pages and runs of pages in all places.
-TEST_F(FullTest, FileSizeLimit_IsReportedAndWorkContinuesWhenItIsRaised) {
+TEST_P(FullTest, FileSizeLimit_IsReportedAndWorkContinuesWhenItIsRaised) {
   Found();
   InChild([&] {
-    Bank bank(directory_.path(), kSeed, {.no_sync = true});
+    Bank bank(directory_.path(), kSeed, OptionsOf(true));
     int const rounds = Rounds(8, 8);
     for (int round = 0; round < rounds; ++round) {
       auto const more = static_cast<std::uintmax_t>(round) % 24 * 3;
@@ -106,9 +118,10 @@ void Occupy(std::string const& file, int kilobytes) {
 }
 
 // Where mounting is not allowed, the limit of the file stands for the disk.
-void FillDiskAgainAndAgain(Directory const& directory, std::uint64_t seed) {
+void FillDiskAgainAndAgain(Directory const& directory, std::uint64_t seed,
+                           sagleme::Options const& options) {
   bool const mounted = MountSmallDisk(directory.path());
-  Bank bank(directory.path(), seed);
+  Bank bank(directory.path(), seed, options);
   for (int i = 0; i < 6; ++i) {
     std::string const other = directory.path() + "/other";
     std::unique_ptr<FileSizeLimit> limit;
@@ -124,17 +137,53 @@ void FillDiskAgainAndAgain(Directory const& directory, std::uint64_t seed) {
   }
 }
 
-TEST_F(FullTest, FullDisk_IsReportedAndWorkContinuesWhenThereIsRoomAgain) {
+TEST_P(FullTest, FullDisk_IsReportedAndWorkContinuesWhenThereIsRoomAgain) {
   int const rounds = Rounds(1, 1);
   for (int round = 0; round < rounds && !HasFailure(); ++round) {
     SCOPED_TRACE("round " + std::to_string(round));
     Directory const directory;
-    InChild([&] { FillDiskAgainAndAgain(directory, kSeed + static_cast<std::uint64_t>(round)); });
+    InChild([&] {
+      FillDiskAgainAndAgain(directory, kSeed + static_cast<std::uint64_t>(round),
+                            OptionsOf(round % 2 != 0));
+    });
   }
 }
 
+// A log cannot be written into the data file then: it stays, and is read by the next process.
+TEST_P(FullTest, FullDiskAtClose_LosesNothing) {
+  InChild([&] {
+    bool const mounted = MountSmallDisk(directory_.path());
+    Progress done{};
+    std::string const other = directory_.path() + "/other";
+    std::unique_ptr<FileSizeLimit> limit;
+    {
+      Bank bank(directory_.path(), kSeed, OptionsOf(false));
+      sagleme::Context const context(bank.database());
+      for (int i = 0; i < 40; ++i) bank.Step(context, i % (kTellers + 1));
+      if (mounted) {
+        Occupy(other, 3 * 1024);
+      } else {
+        limit = std::make_unique<FileSizeLimit>(directory_.FileSize());
+      }
+      EXPECT_EQ(LSCOREDB_DISK_FULL, WorkUntilRefused(bank));
+      done = bank.Done();
+    }
+    EXPECT_EQ(has_log(), std::filesystem::exists(directory_.path() + "/log-0"));
+    {
+      Bank bank(directory_.path(), kSeed, OptionsOf(false));
+      EXPECT_EQ(done, bank.Done());
+      bank.ExpectWhole();
+    }
+    std::filesystem::remove(other);
+    limit.reset();
+    Bank bank(directory_.path(), kSeed, OptionsOf(false));
+    EXPECT_EQ(done, bank.Done());
+    ExpectWorkGoesOn(bank);
+  });
+}
+
 // From a disk with nothing left to one that holds a database.
-TEST_F(FullTest, DatabaseThatDoesNotFit_IsRefusedWhereverTheRoomEnds) {
+TEST_P(FullTest, DatabaseThatDoesNotFit_IsRefusedWhereverTheRoomEnds) {
   InChild([&] {
     bool const mounted = MountSmallDisk(directory_.path());
     lscoredb* original = nullptr;
@@ -153,7 +202,10 @@ TEST_F(FullTest, DatabaseThatDoesNotFit_IsRefusedWhereverTheRoomEnds) {
       std::string const made = directory_.path() + "/made";
       std::string const copy = directory_.path() + "/copy";
       lscoredb* database = nullptr;
-      std::uint32_t const opened = lscoredb_open(made.c_str(), nullptr, &database);
+      lscoredb_options options{};
+      options.size = sizeof options;
+      options.log = GetParam().log;
+      std::uint32_t const opened = lscoredb_open(made.c_str(), &options, &database);
       if (opened == 0) {
         EXPECT_EQ(0U, lscoredb_close(database));
       }
@@ -173,20 +225,29 @@ TEST_F(FullTest, DatabaseThatDoesNotFit_IsRefusedWhereverTheRoomEnds) {
   });
 }
 
-TEST_F(FullTest, FullMap_IsReportedAndWorkContinuesWithALargerOne) {
+TEST_P(FullTest, FullMap_IsReportedAndWorkContinuesWithALargerOne) {
   Found();
   std::uintmax_t const size = directory_.FileSize();
   InChild([&] {
     {
-      Bank bank(directory_.path(), kSeed, {.no_sync = true, .max_file_size = size + 300000});
+      sagleme::Options options = OptionsOf(true);
+      options.max_file_size = size + 300000;
+      Bank bank(directory_.path(), kSeed, options);
       EXPECT_EQ(LSCOREDB_MAP_FULL, WorkUntilRefused(bank));
       EXPECT_EQ(LSCOREDB_MAP_FULL, WorkUntilRefused(bank));
     }
-    Bank bank(directory_.path(), kSeed, {.no_sync = true, .max_file_size = size + 30000000});
+    sagleme::Options options = OptionsOf(true);
+    options.max_file_size = size + 30000000;
+    Bank bank(directory_.path(), kSeed, options);
     ExpectWorkGoesOn(bank);
   });
   ExpectWholeIn(directory_.path());
 }
+
+INSTANTIATE_TEST_SUITE_P(Stores, FullTest,
+                         testing::Values(Setting{"NoLog", LSCOREDB_NO_LOG},
+                                         Setting{"Log", LSCOREDB_LOG}),
+                         [](auto const& setting) { return setting.param.name; });
 
 }  // namespace
 }  // namespace crash_test

@@ -1,10 +1,14 @@
 // Losses of power at any event of a recorded run, with any part of what was not synced.
 
+#include <signal.h>
+
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <mutex>
 #include <optional>
+#include <sagleme/durability.hpp>
 
 #include "crash/directory.h"
 #include "crash/recording.h"
@@ -30,10 +34,13 @@ struct Worker {
   Tellers tellers;
 };
 
+// Which commits are kept: all that returned, or those of which the workers say more.
+enum class Kept { kAll, kSyncedNowAndThen, kSyncedLate, kNothing };
+
 struct Setting {
   char const* name;
   std::vector<Worker> workers;
-  bool acknowledged_is_kept = true;
+  Kept kept = Kept::kAll;
   bool from_nothing = false;  // the recording begins before the database is made
   bool while_all_work = false;
   bool keeps_changes = false;
@@ -56,13 +63,18 @@ std::vector<Setting> Settings() {
   return {
       {"Durable", {{Durable(), {0, 1, 2, 3}}}},
       {"DurableWithLog", {{WithLog(Durable()), {0, 1, 2, 3}}}},
-      {"FastWithLog", {{WithLog(Fast()), {0, 1, 2, 3}}}, false},
-      {"DurableBesideFast", {{Durable(), {0, 1}}, {Fast(), {2, 3}}}, true, false, true},
+      {"FastWithLog", {{WithLog(Fast()), {0, 1, 2, 3}}}, Kept::kNothing},
+      {"SyncedNowAndThenWithLog", {{WithLog(Fast()), {0, 1, 2, 3}}}, Kept::kSyncedNowAndThen},
+      {"LateWithLog", {{WithLog(Fast()), {0, 1, 2, 3}}}, Kept::kSyncedLate},
+      {"LateProcessesWithLog",
+       {{WithLog(Fast()), {0, 1}}, {WithLog(Fast()), {2, 3}}},
+       Kept::kSyncedLate},
+      {"DurableBesideFast", {{Durable(), {0, 1}}, {Fast(), {2, 3}}}, Kept::kAll, false, true},
       {"DurableProcessesWithLog", {{WithLog(Durable()), {0, 1}}, {WithLog(Durable()), {2, 3}}}},
-      {"Creation", {{Durable(), {0, 1, 2, 3}}}, true, true},
-      {"CreationWithLog", {{WithLog(Durable()), {0, 1, 2, 3}}}, true, true},
+      {"Creation", {{Durable(), {0, 1, 2, 3}}}, Kept::kAll, true},
+      {"CreationWithLog", {{WithLog(Durable()), {0, 1, 2, 3}}}, Kept::kAll, true},
       Keeping({"DurableKeepingChanges", {{WithLog(Durable()), {0, 1, 2, 3}}}}),
-      Keeping({"FastKeepingChanges", {{WithLog(Fast()), {0, 1, 2, 3}}}, false}),
+      Keeping({"FastKeepingChanges", {{WithLog(Fast()), {0, 1, 2, 3}}}, Kept::kNothing}),
       Keeping({"DurableProcessesKeepingChanges",
                {{WithLog(Durable()), {0, 1}}, {WithLog(Durable()), {2, 3}}}}),
   };
@@ -74,6 +86,62 @@ std::size_t FirstMoment(std::vector<Event> const& events) {
                                   [](Event const& event) { return event.kind == Kind::kBegun; });
   return static_cast<std::size_t>(begun - events.begin());
 }
+
+constexpr std::string_view kSynced = "synced ";
+
+// Listens to the tellers of one process and notes, besides what they say, which of it is on the
+// disk.
+class Listening {
+ public:
+  explicit Listening(Bank& bank) : bank_(bank) {}
+
+  void Hear(std::string const& line) {
+    recorded_disk::Note(line);
+    std::lock_guard const lock(mutex_);
+    Note(line, done_);
+    ++heard_;
+    bool all = false;
+    if (heard_ % kSyncEvery == 0 && bank_.Syncs(0)) {
+      sagleme::Sync(bank_.database());
+      all = true;
+    }
+    std::uint64_t const last = bank_.database().Statistics().last_commit;
+    if (all || sagleme::SyncedCommit(bank_.database()) >= last) NoteSynced(done_);
+    // What the teller itself did before is kept with the step.
+    Progress step{};
+    Note(line, step);
+    for (std::size_t i = 0; i < step.size(); ++i) {
+      if (step[i] != 0 && bank_.Syncs(step[i])) NoteSynced(step);
+    }
+  }
+
+ private:
+  static constexpr int kSyncEvery = 7;
+
+  static void NoteSynced(Progress const& progress) {
+    for (std::size_t i = 0; i < progress.size(); ++i) {
+      recorded_disk::Note(std::string(kSynced) + std::to_string(i) + " " +
+                          std::to_string(progress[i]));
+    }
+  }
+
+  Bank& bank_;
+  std::mutex mutex_;
+  Progress done_{};
+  int heard_ = 0;
+};
+
+// What was said until the power failed.
+struct Said {
+  Progress acknowledged{};
+  Progress synced{};
+
+  void Hear(std::string_view line) {
+    bool const of_disk = line.starts_with(kSynced);
+    if (of_disk) line.remove_prefix(kSynced.size());
+    Note(std::string(line), of_disk ? synced : acknowledged);
+  }
+};
 
 class PowerTest : public testing::TestWithParam<Setting> {
  protected:
@@ -94,7 +162,7 @@ class PowerTest : public testing::TestWithParam<Setting> {
         Bank bank(directory.path(), seed, worker.options);
         channel.Say("open");
         channel.Hear();
-        WorkUntilTheEnd(recorded_disk::Note, bank, worker.tellers);
+        Work(bank, worker.tellers);
         return 0;
       }));
     }
@@ -105,6 +173,18 @@ class PowerTest : public testing::TestWithParam<Setting> {
     return WhatCounts(recording.Events());
   }
 
+  static void Work(Bank& bank, Tellers const& tellers) {
+    Kept const kept = GetParam().kept;
+    if (kept == Kept::kAll || kept == Kept::kNothing) {
+      return WorkUntilTheEnd(recorded_disk::Note, bank, tellers);
+    }
+    if (kept == Kept::kSyncedNowAndThen) bank.SyncEvery(4);
+    if (kept == Kept::kSyncedLate)
+      sagleme::SyncWithin(bank.database(), std::chrono::milliseconds(1));
+    Listening listening(bank);
+    WorkUntilTheEnd([&](std::string const& line) { listening.Hear(line); }, bank, tellers);
+  }
+
   static std::vector<Event> WhatCounts(std::vector<Event> events) {
     auto const is_end = [](Event const& event) { return event.kind == Kind::kEnd; };
     if (!GetParam().while_all_work) return events;
@@ -113,10 +193,10 @@ class PowerTest : public testing::TestWithParam<Setting> {
   }
 
   static void Take(Disk& disk, std::vector<Event> const& events, std::size_t from, std::size_t to,
-                   Progress& acknowledged) {
+                   Said& said) {
     for (std::size_t i = from; i < to; ++i) {
       disk.Take(events[i]);
-      if (events[i].kind == Kind::kNote) Note(events[i].data, acknowledged);
+      if (events[i].kind == Kind::kNote) said.Hear(events[i].data);
     }
   }
 
@@ -129,24 +209,24 @@ class PowerTest : public testing::TestWithParam<Setting> {
     std::sort(moments.begin(), moments.end());
     Disk disk;
     std::size_t taken = 0;
-    Progress acknowledged{};
+    Said said;
     for (std::size_t const moment : moments) {
       SCOPED_TRACE("seed " + std::to_string(seed) + ", event " + std::to_string(moment));
-      Take(disk, events, taken, moment, acknowledged);
+      Take(disk, events, taken, moment, said);
       taken = moment;
       Directory const left;
       disk.BuildAfterLoss(left.path(), random);
       if (random() % 4 == 0) {
-        LoseAgain(left.path(), seed, acknowledged, random);
+        LoseAgain(left.path(), seed, said, random);
       } else {
-        LookAt(left.path(), seed, acknowledged);
+        LookAt(left.path(), seed, said);
       }
       if (HasFailure()) return;
     }
   }
 
   // Power fails anew while the database is opened after a loss, or shortly after.
-  static void LoseAgain(std::string const& directory, std::uint64_t seed, Progress acknowledged,
+  static void LoseAgain(std::string const& directory, std::uint64_t seed, Said said,
                         std::mt19937_64& random) {
     Recording const recording(directory);
     InChild([&] {
@@ -165,16 +245,17 @@ class PowerTest : public testing::TestWithParam<Setting> {
     std::size_t const first = FirstMoment(events);
     std::size_t const end = first + random() % (events.size() - first) + 1;
     Disk disk;
-    Take(disk, events, 0, end, acknowledged);
+    Take(disk, events, 0, end, said);
     Directory const left;
     disk.BuildAfterLoss(left.path(), random);
-    LookAt(left.path(), seed, acknowledged);
+    LookAt(left.path(), seed, said);
   }
 
-  static void LookAt(std::string const& directory, std::uint64_t seed,
-                     Progress const& acknowledged) {
-    Progress const least = GetParam().acknowledged_is_kept ? acknowledged : Progress{};
-    ExpectWholeBetween(directory, seed, least, acknowledged);
+  static void LookAt(std::string const& directory, std::uint64_t seed, Said const& said) {
+    Progress const least = GetParam().kept == Kept::kAll       ? said.acknowledged
+                           : GetParam().kept == Kept::kNothing ? Progress{}
+                                                               : said.synced;
+    ExpectWholeBetween(directory, seed, least, said.acknowledged);
   }
 };
 
@@ -221,6 +302,42 @@ TEST(PowerWithoutSyncTest, LossAtAnyMoment_IsReportedByVerifyOrLeavesWhatCanBeRe
         // The bank misses what was there: an older state in part.
       }
     });
+  }
+}
+
+// A sync on request keeps all that was committed before it, also without a log, as long as nothing
+// follows it.
+TEST(PowerOnRequestTest, LossAfterASyncOnRequest_LeavesAllCommits) {
+  constexpr std::uint64_t kSeed = 4;
+  for (Options const& options : {Fast(), WithLog(Fast())}) {
+    for (bool const by_commit : {false, true}) {
+      Directory const directory;
+      InChild([&] { Bank const bank(directory.path(), kSeed, Fast()); });
+      Recording const recording(directory.path());
+      Child worker([&](Channel& channel) {
+        recording.Join();
+        Bank bank(directory.path(), kSeed, options);
+        sagleme::Context const context(bank.database());
+        constexpr int kSteps = 41;
+        Progress done{};
+        for (int i = 0; i < kSteps; ++i) {
+          if (by_commit && i == kSteps - 1) bank.SyncEvery(1);
+          auto const teller = static_cast<std::size_t>(i % (kTellers + 1));
+          done[teller] = bank.Step(context, static_cast<int>(teller));
+        }
+        if (!by_commit) sagleme::Sync(bank.database());
+        for (std::size_t i = 0; i < done.size(); ++i) {
+          channel.Say(std::to_string(i) + " " + std::to_string(done[i]));
+        }
+        raise(SIGKILL);
+        return 0;
+      });
+      Progress done{};
+      NoteRest(worker, done);
+      EXPECT_EQ(Child::kKilled, worker.Wait());
+      recording.ForEachLossAtItsEnd(
+          [&](std::string const& left) { ExpectWholeBetween(left, kSeed, done, done); });
+    }
   }
 }
 
