@@ -128,7 +128,6 @@ class Retyping {
     return std::any_of(fates_.begin(), fates_.end(),
                        [&](auto const& fate) { return fate.second.from->IsA(target); });
   }
-  // An object that itself loses the referring column is no obstacle.
   // What lost references under the rule last lead to.
   std::vector<ObjectId> LostTargets() const {
     std::vector<ObjectId> targets;
@@ -143,6 +142,7 @@ class Retyping {
     return targets;
   }
 
+  // An object that itself loses the referring column is no obstacle.
   std::vector<Referrer> Referrers() const {
     ReferrerQuery query;
     query.loses = [this](Table const& target) { return LosesTarget(target); };
