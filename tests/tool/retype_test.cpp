@@ -29,8 +29,8 @@ class RetypeCommandTest : public ToolTest {
 TEST_F(RetypeCommandTest, Retype_OfOneObject_KeepsSharedValues) {
   std::string const id = IdOf("One");
   Result const refused = On("retype", {"Film", id}, 4);
-  EXPECT_NE(std::string::npos, refused.err.find("column Isbn of App.Book is lost, with 1 value"))
-      << refused.err;
+  EXPECT_NE(std::string::npos, refused.out.find("column Isbn of App.Book is lost, with 1 value"))
+      << refused.out;
   EXPECT_NE(std::string::npos, refused.err.find("values would be lost; nothing was changed"));
   EXPECT_NE(std::string::npos,
             On("retype", {"Film", id, "--allow-destructive"}).err.find("changed 1 object"));
@@ -42,7 +42,11 @@ TEST_F(RetypeCommandTest, Retype_OfOneObject_KeepsSharedValues) {
 
 TEST_F(RetypeCommandTest, Retype_ByAConditionInBatches_ChangesWhatMeetsIt) {
   Result const plan = On("retype", {"Film", "--from", "Book", "--where", "Pages>=20", "--plan"}, 5);
-  EXPECT_NE(std::string::npos, plan.err.find("2 objects to change")) << plan.err;
+  EXPECT_EQ(
+      "2 objects to change\ncolumn Isbn of App.Book is lost, with 2 values\ncolumn Price of "
+      "App.Book is lost, with 2 values\n",
+      plan.out);
+  EXPECT_EQ("", plan.err);
   EXPECT_EQ(3u, Scan("Book").size());
   Arguments const all{"Film",      "--from",  "Book", "--where",
                       "Pages>=20", "--batch", "1",    "--allow-destructive"};
@@ -54,6 +58,50 @@ TEST_F(RetypeCommandTest, Retype_ByAConditionInBatches_ChangesWhatMeetsIt) {
   On("check");
 }
 
+TEST_F(RetypeCommandTest, Retype_InBatches_CountsWhatItHasChanged) {
+  std::string const first = IdOf("One");
+  On("retype", {"Film", first, "--allow-destructive"});
+  Result const rest =
+      On("retype", {"Film", first, IdOf("Two"), "--batch", "1", "--allow-destructive"});
+  EXPECT_EQ("1 object\nchanged 1 object\n", rest.err);
+}
+
+// References to books, of more shelves than are listed.
+class RetypeOfReferredTest : public RetypeCommandTest {
+ protected:
+  void SetUp() override {
+    RetypeCommandTest::SetUp();
+    std::string wanted = kLibrary;
+    std::string const first = R"("tables": [)";
+    wanted.insert(wanted.find(first) + first.size(), R"({"name": "App.Shelf", "columns": [
+        {"name": "Book", "type": "reference", "target": "App.Book"}]},)");
+    Apply(wanted);
+    std::string rows = "Book\n";
+    for (int i = 0; i < 23; ++i) rows += IdOf("Three") + "\n";
+    On("import", {"Shelf", "-"}, 0, rows);
+  }
+};
+
+TEST_F(RetypeOfReferredTest, ReferenceThatWouldNotHold_RefusesBeforeTheFirstBatch) {
+  Result const refused =
+      On("retype", {"Film", "--from", "Book", "--batch", "1", "--allow-destructive"}, 4);
+  EXPECT_NE(std::string::npos, refused.err.find("nothing was changed")) << refused.err;
+  EXPECT_NE(std::string::npos, refused.err.find("--references null")) << refused.err;
+  EXPECT_EQ(3u, Scan("Book").size());
+  On("retype",
+     {"Film", "--from", "Book", "--batch", "1", "--allow-destructive", "--references", "null"});
+  EXPECT_EQ(0u, Scan("Book").size());
+  EXPECT_TRUE(Scan("Shelf")[22]["Book"].is_null());
+  On("check");
+}
+
+TEST_F(RetypeOfReferredTest, Plan_ListsTheFirstReferences) {
+  std::string const plan = On("retype", {"Film", IdOf("Three"), "--plan"}, 5).out;
+  EXPECT_NE(std::string::npos, plan.find("refers to object " + IdOf("Three") +
+                                         " by Book of App.Shelf\nand 3 more references\n"))
+      << plan;
+}
+
 TEST_F(RetypeCommandTest, Retype_WithBadArguments_SaysWhatIsWrong) {
   auto const error = [&](Arguments const& arguments, int status) {
     return On("retype", arguments, status).err;
@@ -62,6 +110,8 @@ TEST_F(RetypeCommandTest, Retype_WithBadArguments_SaysWhatIsWrong) {
   EXPECT_NE(std::string::npos, error({"Film", "1", "--from", "Book"}, 2).find("either"));
   EXPECT_NE(std::string::npos,
             error({"Film", IdOf("One"), "--where", "Pages=1"}, 2).find("need --from TABLE"));
+  EXPECT_NE(std::string::npos,
+            error({"Film", IdOf("One"), "--batch", "0"}, 2).find("a number of at least 1, not 0"));
   error({"Film", "12345678"}, 1);
   error({"Nothing", IdOf("One")}, 4);
   error({"Film", IdOf("One"), "--references", "drop"}, 2);

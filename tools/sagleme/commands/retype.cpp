@@ -1,5 +1,6 @@
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <sagleme/hierarchy.hpp>
 
 #include "base/interrupt.h"
@@ -12,6 +13,9 @@
 namespace tool {
 namespace {
 
+constexpr std::size_t kListed = 20;
+constexpr std::uint64_t kAllAtOnce = UINT64_MAX;
+
 class Retype : public Command {
  public:
   std::string name() const override { return "retype"; }
@@ -20,8 +24,9 @@ class Retype : public Command {
     return "The objects keep their ids, and values in columns that both tables inherit from the "
            "same table. Values in other columns are lost, and need --allow-destructive. A "
            "reference to an object that its column does not allow afterwards refuses the change.\n"
-           "With --batch each batch is a separate transaction. What an interruption leaves undone "
-           "is done by the same command once more.";
+           "With --batch each batch is a separate transaction. What others write between the plan "
+           "and a batch is not looked at again. What an interruption leaves undone is done by the "
+           "same command once more.";
   }
   std::vector<Example> examples() const override {
     return {{"retype shop Company 131073", "one object"},
@@ -53,9 +58,11 @@ class Retype : public Command {
 
  private:
   sagleme::RetypeOptions Options() const;
+  void CheckArguments() const;
   std::vector<sagleme::ObjectId> Objects(sagleme::Transaction& transaction) const;
   bool Show(sagleme::Transaction& transaction, std::vector<sagleme::ObjectId> const& objects,
             Output const& output) const;
+  void RefuseForbidden(sagleme::RetypePlan const& plan) const;
   Exit RunInBatches(Session& session, Output& output);
 
   std::string to_;
@@ -67,7 +74,7 @@ class Retype : public Command {
   std::string references_ = "refuse";
   bool plan_only_ = false;
   bool destructive_ = false;
-  std::uint64_t batch_ = 0;
+  std::uint64_t batch_ = kAllAtOnce;
 };
 
 sagleme::RetypeOptions Retype::Options() const {
@@ -78,13 +85,19 @@ sagleme::RetypeOptions Retype::Options() const {
   return options;
 }
 
-std::vector<sagleme::ObjectId> Retype::Objects(sagleme::Transaction& transaction) const {
+void Retype::CheckArguments() const {
+  if (batch_ == 0) {
+    throw Failure(Exit::kUsage, "the option --batch needs a number of at least 1, not 0");
+  }
   if (ids_.empty() == from_.empty()) {
     throw Failure(Exit::kUsage, "retype needs either the ids of objects or --from TABLE");
   }
   if (from_.empty() && (only_ || !where_.empty())) {
     throw Failure(Exit::kUsage, "--only and --where need --from TABLE");
   }
+}
+
+std::vector<sagleme::ObjectId> Retype::Objects(sagleme::Transaction& transaction) const {
   std::vector<sagleme::ObjectId> objects;
   for (std::string const& id : ids_) objects.push_back(ObjectNamed(transaction, id).id());
   if (from_.empty()) return objects;
@@ -105,21 +118,37 @@ bool Retype::Show(sagleme::Transaction& transaction, std::vector<sagleme::Object
                   Output const& output) const {
   sagleme::TablePtr const to = UserTableNamed(transaction, to_);
   auto const plan = sagleme::PlanRetype(transaction, objects, *to, Options());
-  output.Note(fmt::format("{} to change\n", Counted(plan.objects, "objects")));
+  output.Print(fmt::format("{} to change\n", Counted(plan.objects, "objects")));
   for (sagleme::LostColumn const& lost : plan.lost) {
-    output.Note(fmt::format("column {} of {} is lost, with {}\n", sagleme::ToUtf8(lost.column),
-                            sagleme::ToUtf8(lost.table), Counted(lost.values, "values")));
+    output.Print(fmt::format("column {} of {} is lost, with {}\n", sagleme::ToUtf8(lost.column),
+                             sagleme::ToUtf8(lost.table), Counted(lost.values, "values")));
   }
-  for (sagleme::Referrer const& referrer : plan.referrers) {
-    output.Note(fmt::format("object {} refers to object {} by {} of {}\n", referrer.object.value,
-                            referrer.target.value, sagleme::ToUtf8(referrer.column),
-                            sagleme::ToUtf8(referrer.table)));
+  for (std::size_t i = 0; i < std::min(plan.referrers.size(), kListed); ++i) {
+    sagleme::Referrer const& referrer = plan.referrers[i];
+    output.Print(fmt::format("object {} refers to object {} by {} of {}\n", referrer.object.value,
+                             referrer.target.value, sagleme::ToUtf8(referrer.column),
+                             sagleme::ToUtf8(referrer.table)));
   }
-  if (!plan.lost.empty() && !destructive_ && !plan_only_) {
+  if (plan.referrers.size() > kListed) {
+    output.Print(
+        fmt::format("and {}\n", Counted(plan.referrers.size() - kListed, "more references")));
+  }
+  output.Flush();  // nobody's objects are changed behind a plan that could not be shown
+  if (!plan_only_) RefuseForbidden(plan);
+  return plan.objects != 0;
+}
+
+void Retype::RefuseForbidden(sagleme::RetypePlan const& plan) const {
+  if (!plan.lost.empty() && !destructive_) {
     throw Failure(Exit::kRefused, "values would be lost; nothing was changed",
                   "Use --allow-destructive if you mean it.");
   }
-  return plan.objects != 0;
+  if (!plan.referrers.empty() && references_ == "refuse") {
+    throw Failure(Exit::kRefused,
+                  "references would lead to objects of another table than their columns allow; "
+                  "nothing was changed",
+                  "Change them first, or use --references null or --references keep.");
+  }
 }
 
 Exit Retype::RunInBatches(Session& session, Output& output) {
@@ -133,14 +162,24 @@ Exit Retype::RunInBatches(Session& session, Output& output) {
   Progress progress(output, "objects", objects.size());
   sagleme::RetypeJob job;
   job.batch = batch_;
-  job.report = [&](std::uint64_t done, std::uint64_t) {
+  std::uint64_t done = 0;
+  job.report = [&](std::uint64_t so_far, std::uint64_t) {
+    done = so_far;
     if (InterruptPending()) return false;
     progress.Update(done, done);
     return true;
   };
-  auto const changed =
-      sagleme::RetypeInBatches(session.context(), objects, Typed(to_), Options(), job);
-  progress.Finish(objects.size());
+  std::uint64_t changed = 0;
+  try {
+    changed = sagleme::RetypeInBatches(session.context(), objects, Typed(to_), Options(), job);
+  } catch (...) {
+    if (done != 0) {
+      output.Note(fmt::format("the first {} of {} are done and stay so\n", done,
+                              Counted(objects.size(), "objects")));
+    }
+    throw;
+  }
+  progress.Finish(changed);
   output.Note(fmt::format("changed {}\n", Counted(changed, "objects")));
   if (!TakeInterrupt()) return Exit::kDone;
   output.Note("interrupted: what was done is kept; run retype again to go on\n");
@@ -148,6 +187,7 @@ Exit Retype::RunInBatches(Session& session, Output& output) {
 }
 
 Exit Retype::Run(Session& session, Output& output) {
+  CheckArguments();
   if (plan_only_) {
     bool anything = false;
     session.Read([&](sagleme::Transaction& transaction) {
@@ -155,7 +195,7 @@ Exit Retype::Run(Session& session, Output& output) {
     });
     return anything ? Exit::kSomethingToDo : Exit::kDone;
   }
-  if (batch_ != 0) return RunInBatches(session, output);
+  if (batch_ != kAllAtOnce) return RunInBatches(session, output);
   std::uint64_t changed = 0;
   session.Write([&](sagleme::Transaction& transaction) {
     auto const objects = Objects(transaction);
