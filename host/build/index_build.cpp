@@ -145,7 +145,7 @@ std::string DescribeIndex(IndexSpec const& index) {
   }
   std::string const kind = index.uniqueness == Uniqueness::kUnique ? "unique index" : "index";
   if (columns.empty())
-    return fmt::format("{} {} of a dropped table or column", kind, ToUtf8(index.name));
+    return fmt::format("{} {} of a dropped or moved table or column", kind, ToUtf8(index.name));
   return fmt::format("{} {} on {} ({})", kind, ToUtf8(index.name), ToUtf8(index.table), columns);
 }
 
@@ -375,7 +375,9 @@ bool ResumeIndexBuild(Context const& context, std::uint64_t id, IndexBuildOption
   if (build.index.columns.empty()) {
     throw Error(
         SAGLEME_TABLE_NOT_FOUND,
-        fmt::format("The table or a column of index build {} was dropped. Abandon it.", id));
+        fmt::format("The table of index build {} was dropped or moved under another base, or a "
+                    "column was dropped. Abandon the build and begin it anew.",
+                    id));
   }
   return Builder(context, options).Work(id, build.index, true);
 }
@@ -392,6 +394,7 @@ void AbandonIndexBuild(Context const& context, std::uint64_t id) {
   std::uint32_t const status = lscoredb_abandon_index(context.id(), id);
   if (status == LORV_STATUS_NO_INDEX) ThrowNoBuild(id);
   detail::CheckKernel(status);
+  jobs::ForgetBuild(context, id);
 }
 
 std::vector<DuplicateObjects> IndexBuildDuplicates(Context const& context, std::uint64_t id,

@@ -118,6 +118,19 @@ void ChangeRow(Context const& context, ObjectId id, Change&& change) {
 
 }  // namespace
 
+void jobs::ForgetBuild(Context const& context, std::uint64_t id) {
+  std::string const details = std::to_string(id);
+  for (Row const& each : RowsOf(context)) {
+    if (each.kind != JobKind::kIndexBuild || each.details != details) continue;
+    try {
+      ChangeRow(context, each.id,
+                [](Transaction&, Store const& store, Row const& row) { store.Delete(row.id); });
+    } catch (Error const& error) {  // whoever worked on it removed it
+      if (error.status() != LORV_STATUS_NO_OBJECT) throw;
+    }
+  }
+}
+
 std::string_view JobKindName(JobKind kind) {
   switch (kind) {
     case JobKind::kVacuum:

@@ -276,6 +276,29 @@ TEST_F(JobsTest, StoppedBuild_EndsAndAbandonedOneIsGone) {
   AbandonJob(context_, Jobs(context_).at(0).id);
   EXPECT_TRUE(Jobs(context_).empty());
   EXPECT_TRUE(sagleme::IndexBuilds(context_).empty());
+  Transaction transaction(context_, sagleme::Access::kReadOnly);
+  EXPECT_TRUE(Subtree(transaction, u"Sagleme.Internal.Job").empty());
+}
+
+// The set of the objects that the build covers is no longer the table's.
+TEST_F(JobsTest, BuildOfAMovedTable_IsRefusedAndBegunAnew) {
+  sagleme::IndexBuildOptions options;
+  options.batch = 10;
+  options.report = [](sagleme::IndexBuildProgress const& progress) { return progress.done < 20; };
+  sagleme::IndexSpec const spec{"ByPages", "Book", {{"Pages", false}}};
+  EXPECT_FALSE(BuildIndex(context_, spec, options));
+  {
+    Transaction transaction(context_);
+    sagleme::SetBase(transaction, u"Book", u"");
+    transaction.Commit();
+  }
+  std::uint64_t const id = Jobs(context_).at(0).id;
+  EXPECT_EQ(SAGLEME_TABLE_NOT_FOUND, StatusOf([&] { ResumeJob(context_, id); }));
+  AbandonJob(context_, id);
+  EXPECT_TRUE(BuildIndex(context_, spec));
+  EXPECT_TRUE(Jobs(context_).empty());
+  Transaction transaction(context_, sagleme::Access::kReadOnly);
+  EXPECT_EQ(50u, InIndex(transaction, u"ByPages").size());
 }
 
 TEST_F(JobsTest, Retype_GoesOnBehindTheLastBatch) {

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 #include <lscoredb/watch.h>
 
+#include "base/failure.h"
 #include "base/interrupt.h"
 #include "base/watch.h"
 #include "output/progress.h"
@@ -56,7 +57,8 @@ bool RunWatched(Output const& output, std::string const& note, Work&& work) {
   try {
     ended = work();
   } catch (sagleme::Error const& error) {
-    if (error.status() != LSCOREDB_STOPPED || !InterruptPending()) throw;
+    if (error.status() != LSCOREDB_STOPPED) throw;
+    if (!InterruptPending()) throw Failure(Exit::kRefused, error.what());  // by another process
   } catch (Interrupted const&) {  // while the progress was shown
   }
   if (ended) return true;
