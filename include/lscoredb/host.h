@@ -112,9 +112,9 @@ typedef struct lscoredb_options {
  *
  * A directory that cannot be written (read-only or full disk, another user's files) is opened only
  * for reading: calls that write give LSCOREDB_READ_ONLY_DATABASE. A process that may write
- * "lock.mdb" reads alongside writers. One that may not excludes them while it reads, and gets
- * LSCOREDB_CANNOT_OPEN while a writer has the directory open. A database with a log cannot be
- * opened only for reading. */
+ * "lock.mdb" reads alongside writers, with a log one that may write "log.lock" too. One that may
+ * not excludes them while it reads, and gets LSCOREDB_CANNOT_OPEN while a writer has the directory
+ * open. */
 LSCOREDB_API uint32_t lscoredb_open(char const* directory, lscoredb_options const* options,
                                     lscoredb** out);
 /* Writes to `*out` whether a directory or URL holds a database. Fails if no server answers. */
