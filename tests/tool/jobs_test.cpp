@@ -242,31 +242,6 @@ TEST_F(JobsTest, KilledBuild_IsResumed) {
   On("check");
 }
 
-TEST_F(JobsTest, KilledImport_GoesOnBehindTheLastRow) {
-  std::string text = "Title,Pages\n";
-  for (int i = 0; i < 1000; ++i) text += "t" + std::to_string(i) + ",1\n";
-  std::string const file = Write("books.csv", text);
-  for (int round = 0; round < 2; ++round) {
-    pid_t const child =
-        StartTool({"import", database(), "Book", file, "--batch", "10", "--pause", "200"});
-    while (Jobs().empty() || Jobs().at(0)["done"] < 100 * (round + 1)) {
-    }
-    EXPECT_EQ("running", Jobs().at(0)["state"]);
-    EXPECT_EQ("process " + std::to_string(child), Jobs().at(0)["by"]);
-    EXPECT_NE(std::string::npos, On("import", {"Book", file}, 4).err.find("is running in process"));
-    kill(child, SIGKILL);
-    WaitFor(child);
-    EXPECT_EQ("cut off", Jobs().at(0)["state"]);
-    EXPECT_EQ("books.csv into App.Book", Jobs().at(0)["description"]);
-  }
-  std::string const id = std::to_string(Jobs().at(0)["id"].get<std::uint64_t>());
-  EXPECT_EQ("finished the import of books.csv into App.Book\n",
-            On("jobs", {"resume", id, "--pause", "0"}).err);
-  EXPECT_EQ(Json::array(), Jobs());
-  EXPECT_EQ(1000u, Json::parse(On("scan", {"Book", "--format", "json"}).out).size());
-  On("check");
-}
-
 TEST_F(JobsTest, Stop_EndsTheJobOfAnotherProcess) {
   Import(500, 500);
   CutOff(1);
