@@ -83,6 +83,19 @@
 /* Only a directory with a log keeps changes. Open the directory with LSCOREDB_LOG, while no other
  * process has it open. */
 #define LSCOREDB_CHANGES_UNSUPPORTED 9062u
+/* Backups. */
+/* The directory holds no backup. */
+#define LSCOREDB_NOT_A_BACKUP 9070u
+/* The backup is of another database, or of another history of this one. */
+#define LSCOREDB_OTHER_BACKUP 9071u
+/* Somebody else is writing to the backup. Try again when that is done. */
+#define LSCOREDB_BACKUP_BUSY 9072u
+/* The backup is damaged. */
+#define LSCOREDB_BACKUP_DAMAGED 9073u
+/* The backup does not hold the state that was asked for. */
+#define LSCOREDB_NOT_IN_BACKUP 9074u
+/* The changes since the last part of the backup are not kept. Make a full part. */
+#define LSCOREDB_NEEDS_FULL_BACKUP 9075u
 /* A database on a server. */
 /* The server cannot be reached, or the connection to it was lost. Nothing was committed. */
 #define LSCOREDB_SERVER_LOST 9050u
