@@ -51,19 +51,19 @@ class Changes::Reader {
   std::optional<DataChange> Next() {
     for (;;) {
       if (held_.has_value() && held_->last) return std::exchange(held_, std::nullopt);
-      lscoredb_change const* change = nullptr;
-      detail::CheckKernel(lscoredb_changes_next(changes_.get(), &change));
-      if (change == nullptr) return std::nullopt;
-      std::optional<DataChange> shown = Shown(*change);
+      if (told_ == nullptr) detail::CheckKernel(lscoredb_changes_next(changes_.get(), &told_));
+      if (told_ == nullptr) return std::nullopt;
+      std::optional<DataChange> shown = Shown(*told_);
+      lscoredb_change const& change = *std::exchange(told_, nullptr);
       std::optional<DataChange> before;
       if (shown.has_value()) before = std::exchange(held_, std::move(shown));
-      if (change->last != 0) EndTransaction(change->place);
+      if (change.last != 0) EndTransaction(change.place);
       if (before.has_value()) return before;
     }
   }
 
   bool Wait(std::chrono::milliseconds limit) {
-    if (held_.has_value() && held_->last) return true;
+    if (told_ != nullptr || (held_.has_value() && held_->last)) return true;
     std::uint32_t some = 0;
     detail::CheckKernel(lscoredb_changes_wait(changes_.get(), Milliseconds(limit), &some));
     return some != 0;
@@ -117,6 +117,7 @@ class Changes::Reader {
 
   Handle changes_;
   NamesOfTables names_;
+  lscoredb_change const* told_ = nullptr;  // whose names could not be read yet
   std::optional<DataChange> held_;
   bool schema_told_ = false;
 };

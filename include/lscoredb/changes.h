@@ -4,8 +4,9 @@
 /*
  * The feed of changes: what commits changed, in their order, for readers in any process.
  *
- * A directory with a log (LSCOREDB_LOG) keeps the changes of its commits once lscoredb_keep_changes
- * has asked for it. Every other database returns LSCOREDB_CHANGES_UNSUPPORTED from these functions.
+ * A directory with a log (LSCOREDB_LOG) and a database on a server keep the changes of their
+ * commits once lscoredb_keep_changes has asked for it. Every other database returns
+ * LSCOREDB_CHANGES_UNSUPPORTED from these functions.
  *
  * Rules
  *
@@ -17,14 +18,21 @@
  *     from 1, and `last` marks the last change of each. To go on later, keep the position of the
  *     last change that was dealt with and open a reader there. It is valid for the database for
  *     good, but not for a copy of it.
- *  3. Changes are kept as long as the retention says, and by whole files: a little longer than
- *     asked for, never shorter, unless the disk is full. Commits never fail for lack of room for
- *     kept changes; the oldest ones are removed then. A reader whose next commit is gone gets
+ *  3. Changes are kept as long as the retention says, and by whole files or, on a server, some
+ *     commits at a time: a little longer than asked for, never shorter, unless the disk is full.
+ *     Commits to a directory never fail for lack of room for kept changes; the oldest ones are
+ *     removed then. A reader whose next commit is gone gets
  *     LSCOREDB_CHANGES_GONE: read the database afresh, then follow it from lscoredb_kept's `last`,
  *     taken before that.
- *  4. With LSCOREDB_NO_SYNC a power failure may take commits back that readers have seen.
+ *  4. With LSCOREDB_NO_SYNC a power failure may take commits back that readers have seen, and so
+ *     may a failover to a standby that is not synchronous. A reader that is open then gets
+ *     LSCOREDB_CHANGES_GONE once other commits have the numbers.
  *  5. Reading takes no lock that a writer waits for. A reader belongs to one thread at a time. Each
  *     keeps its database open: close it first. In a forked process use none of the parent's.
+ *  6. On a server a reader asks for changes: lscoredb_changes_next when it has given all that it
+ *     knows, in one round trip, lscoredb_changes_wait every second, or as often as
+ *     `changes_interval` of the URL says. Any call may then end with LSCOREDB_SERVER_LOST or
+ *     LSCOREDB_STOPPED, and a call after that asks again.
  */
 
 #include <lscoredb/host.h>
@@ -37,7 +45,7 @@ typedef struct lscoredb_changes lscoredb_changes;
 
 /* Keeps the changes of later commits, in all processes and for good: as many as fit into `bytes`
  * and are at most `seconds` old. 0 sets no such bound; with both 0 nothing is kept any more, and
- * what was kept is removed. From then on, programs that do not know this refuse the directory with
+ * what was kept is removed. From then on, programs that do not know this refuse the database with
  * LSCOREDB_NEWER_FORMAT, until it is switched off; those that have it open already keep nothing of
  * what they commit, which readers are told with LSCOREDB_CHANGES_GONE. Waits for open commits. */
 LSCOREDB_API uint32_t lscoredb_keep_changes(lscoredb* database, uint64_t bytes, uint64_t seconds);
@@ -99,7 +107,8 @@ LSCOREDB_API uint32_t lscoredb_changes_wait(lscoredb_changes* reader, int32_t mi
                                             uint32_t* out);
 
 /* A file descriptor for poll() and event loops: it is readable when there may be something to read,
- * and no longer once lscoredb_changes_next gave NULL. It belongs to the reader: neither read nor
+ * on a server whenever it is time to ask, and no longer once lscoredb_changes_next gave NULL. It
+ * belongs to the reader: neither read nor
  * close it. LSCOREDB_IO_ERROR: the system allows no more of them (fs.inotify.max_user_instances);
  * lscoredb_changes_wait then works all the same. */
 LSCOREDB_API uint32_t lscoredb_changes_file(lscoredb_changes* reader, int* out);

@@ -80,8 +80,8 @@
 /* The changes after this position are not kept any more. Read the database afresh, then follow its
  * changes from now on. */
 #define LSCOREDB_CHANGES_GONE 9061u
-/* Only a directory with a log keeps changes. Open the directory with LSCOREDB_LOG, while no other
- * process has it open. */
+/* Only a directory with a log and a database on a server keep changes. Open the directory with
+ * LSCOREDB_LOG, while no other process has it open. */
 #define LSCOREDB_CHANGES_UNSUPPORTED 9062u
 /* Backups. */
 /* The directory holds no backup. */

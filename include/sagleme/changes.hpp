@@ -11,7 +11,8 @@
 //     changes.Wait(std::chrono::seconds(10));
 //   }
 //
-// Only a directory with a log keeps changes: elsewhere, LSCOREDB_CHANGES_UNSUPPORTED.
+// A directory with a log and a database on a server keep changes: elsewhere,
+// LSCOREDB_CHANGES_UNSUPPORTED.
 
 #include <lscoredb/changes.h>
 #include <sagleme/export.h>

@@ -10,6 +10,7 @@
 
 #include "kernel_test.h"
 #include "other_process.h"
+#include "postgres_url.h"
 
 namespace lscoredb_test {
 namespace {
@@ -71,7 +72,7 @@ class Reader {
 
 class ChangesTest : public testing::Test {
  protected:
-  ChangesTest() : database_(directory_.path(), WithLog()), session_(database_) {
+  ChangesTest() : database_(place_, WithLog()), session_(database_) {
     Check("lscoredb_keep_changes", lscoredb_keep_changes(database_.get(), kLots, 0));
     session_.Begin();
     layout_ = session_.CreateLayout(
@@ -93,6 +94,7 @@ class ChangesTest : public testing::Test {
   }
 
   TemporaryDirectory directory_;
+  std::string const place_ = lscore::NewPlace(directory_.path());
   Database database_;
   Session session_;
   LayoutId layout_ = 0;
@@ -268,7 +270,7 @@ TEST_F(ChangesTest, Copy_KeepsNothingAndCanBeOpened) {
 TEST_F(ChangesTest, OpenReader_KeepsItsDatabaseOpen) {
   lscoredb* database = nullptr;
   lscoredb_options const options = WithLog();
-  Check("open", lscoredb_open(directory_.path().c_str(), &options, &database));
+  Check("open", lscoredb_open(place_.c_str(), &options, &database));
   lscoredb_changes* reader = nullptr;
   Check("changes_open", lscoredb_changes_open(database, 0, UINT32_MAX, &reader));
   EXPECT_STATUS(LSCOREDB_IN_USE, lscoredb_close(database));

@@ -14,10 +14,14 @@
 #include <thread>
 #include <vector>
 
+#include "ask_server.h"
 #include "postgres_proxy_test.h"
 
 namespace lscoredb_test {
 namespace {
+
+using lscore::AskServer;
+using lscore::SchemaOf;
 
 // Two openers that differ in their URL have nothing in common but the server, as two machines.
 class PostgresTest : public testing::Test {
@@ -128,19 +132,6 @@ TEST_F(PostgresTest, Copies_GoToAServerAndBack) {
     session.Rollback();
     EXPECT_NE(CommitPair(session, 8), first);
   }
-}
-
-std::string SchemaOf(std::string const& url) { return url.substr(url.find("schema=") + 7); }
-
-std::string AskServer(std::string const& statement) {
-  std::string const command = "psql -q -A -t -U sagleme -d postgres -h " + ServerDirectory() +
-                              " -c '" + statement + "' 2>&1";
-  std::string answer;
-  std::unique_ptr<FILE, int (*)(FILE*)> const output(popen(command.c_str(), "r"), pclose);
-  for (int c = std::getc(output.get()); c != EOF; c = std::getc(output.get())) {
-    answer.push_back(static_cast<char>(c));
-  }
-  return answer;
 }
 
 TEST_F(PostgresTest, StoppedCopy_LeavesNothing) {
@@ -327,7 +318,9 @@ TEST(PostgresOpenTest, RefusalOfTheServer_GivesItsReason) {
   EXPECT_NE(std::string(lscoredb_open_error()).find("no_such_database"), std::string::npos);
   EXPECT_STATUS(LSCOREDB_SERVER_LOST,
                 lscoredb_open("postgresql:///x?host=/nowhere", nullptr, &database));
-  for (char const* const bad : {"schema=", "timeout=never", "timeout=-1", "schema=%zz"}) {
+  for (char const* const bad :
+       {"schema=", "timeout=never", "timeout=-1", "schema=%zz", "changes_interval=0",
+        "changes_interval=1s", "changes_interval=nan", "changes_interval=3601"}) {
     std::string const with_bad = url + "&" + bad;
     EXPECT_STATUS(LSCOREDB_CANNOT_OPEN, lscoredb_open(with_bad.c_str(), nullptr, &database)) << bad;
   }

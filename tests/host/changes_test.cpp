@@ -7,6 +7,8 @@
 #include <filesystem>
 #include <sagleme/changes.hpp>
 
+#include "postgres_url.h"
+
 namespace {
 
 using sagleme::ChangeKind;
@@ -36,8 +38,8 @@ class ChangesTest : public ::testing::Test {
   sagleme::Database Create() const {
     sagleme::Options options;
     options.no_sync = true;
-    options.log = LSCOREDB_LOG;
-    return sagleme::Database::Create(directory_ + "/db", {}, options);
+    if (!lscore::RunsOnServer()) options.log = LSCOREDB_LOG;
+    return sagleme::Database::Create(lscore::NewPlace(directory_ + "/db"), {}, options);
   }
   sagleme::Changes FromNow() const {
     return sagleme::Changes(database_, {sagleme::Kept(database_).last});

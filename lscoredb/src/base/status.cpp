@@ -62,8 +62,8 @@ constexpr Entry kTexts[] = {
      "The changes after this position are not kept any more. Read the database afresh, then "
      "follow its changes from now on."},
     {LSCOREDB_CHANGES_UNSUPPORTED,
-     "Only a directory with a log keeps changes. Open the directory with LSCOREDB_LOG, while no "
-     "other process has it open."},
+     "Only a directory with a log and a database on a server keep changes. Open the directory "
+     "with LSCOREDB_LOG, while no other process has it open."},
     {LSCOREDB_NOT_A_BACKUP, "The directory holds no backup."},
     {LSCOREDB_OTHER_BACKUP,
      "The backup is of another database, or of another history of this one."},

@@ -51,7 +51,8 @@ class ChangeSource {
   // returns early when a signal arrives. Negative: without a limit.
   virtual bool Wait(int milliseconds) = 0;
   // A file that poll() reports as readable when there may be something for Next; after a Next that
-  // returned false it is readable again only for a later commit. Belongs to the source.
+  // returned false it is readable again only for a later commit, or when it is time to ask a server
+  // once more. Belongs to the source.
   virtual int File() = 0;
 
  protected:

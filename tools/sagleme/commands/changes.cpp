@@ -20,8 +20,9 @@ class ShowChanges : public Command {
   std::string name() const override { return "changes"; }
   std::string summary() const override { return "Print what commits changed, as lines of JSON"; }
   std::string details() const override {
-    return "A database with a log keeps changes once --keep says for how long. Each line is an "
-           "object that was created, changed, deleted or moved to another table, or says that the "
+    return "A database with a log or on a server keeps changes once --keep says for how long. "
+           "Each line is an object that was created, changed, deleted or moved to another table, "
+           "or says that the "
            "schema changed. \"commit\" is the number for --since; \"last\" marks the last change "
            "of a transaction.";
   }
@@ -47,6 +48,7 @@ class ShowChanges : public Command {
  private:
   void Keep(Session& session, Output& output) const;
   void Print(Session& session, Output& output) const;
+  void PrintNew(sagleme::Changes& changes, Output& output) const;
 
   std::uint64_t since_ = kSinceOldest;
   bool follow_ = false;
@@ -105,10 +107,6 @@ sagleme::ChangeRetention RetentionOf(std::string_view text) {
 }
 
 [[noreturn]] void RefuseWithoutLog(Session const& session) {
-  if (sagleme::IsServerUrl(session.directory())) {
-    throw Failure(Exit::kRefused, fmt::format("{} keeps no changes", session.shown()),
-                  "A database on a server keeps none.");
-  }
   throw Failure(Exit::kRefused,
                 fmt::format("{} has no log, which keeps the changes", session.shown()),
                 fmt::format("Give it one, while nobody else has it open, with: "
@@ -227,6 +225,16 @@ void WaitForMore(sagleme::Changes& changes) {
   }
 }
 
+// A server that is lost may come back, and the reader is where it was.
+void ShowChanges::PrintNew(sagleme::Changes& changes, Output& output) const {
+  try {
+    for (sagleme::DataChange const& change : changes) output.Print(LineOf(change));
+  } catch (sagleme::Error const& error) {
+    if (!follow_ || error.status() != LSCOREDB_SERVER_LOST) throw;
+  }
+  output.Flush();
+}
+
 void ShowChanges::Print(Session& session, Output& output) const {
   sagleme::KeptChanges const kept = KeptBy(session);
   std::uint64_t const since = since_ == kSinceOldest ? kept.first - 1 : since_;
@@ -238,8 +246,7 @@ void ShowChanges::Print(Session& session, Output& output) const {
   try {
     sagleme::Changes changes(session.database(), {since});
     for (;;) {
-      for (sagleme::DataChange const& change : changes) output.Print(LineOf(change));
-      output.Flush();
+      PrintNew(changes, output);
       if (!follow_) return;
       WaitForMore(changes);
     }

@@ -1,17 +1,10 @@
 #include "log_batch.h"
 
-#include <chrono>
-
 #include "status.h"
+#include "unix_time.h"
 
 namespace lscore {
 namespace {
-
-std::uint64_t Microseconds() {
-  auto const now = std::chrono::system_clock::now().time_since_epoch();
-  return static_cast<std::uint64_t>(
-      std::chrono::duration_cast<std::chrono::microseconds>(now).count());
-}
 
 void CheckKey(Tree tree, std::string_view key) {
   bool const fits = tree == Tree::kRows ? key.size() == sizeof(std::uint64_t)
@@ -104,7 +97,7 @@ std::span<iovec> LogBatch::FinishRecord(LogPosition const& at) {
   head_.generation = at.generation;
   head_.commit = id();
   head_.synced = store_.board_.Synced();
-  head_.time = Microseconds();
+  head_.time = UnixMicroseconds();
   return record_.Finish(head_, store_.files_.identity());
 }
 

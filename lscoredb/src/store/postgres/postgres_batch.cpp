@@ -1,12 +1,14 @@
 #include "postgres_batch.h"
 
 #include <algorithm>
+#include <limits>
 #include <utility>
 
 #include "bytes.h"
 #include "checksummed_record.h"
 #include "format.h"
 #include "status.h"
+#include "unix_time.h"
 
 namespace lscore {
 namespace {
@@ -14,6 +16,17 @@ namespace {
 constexpr std::size_t kStatementBytes = std::size_t{8} << 20;
 constexpr std::size_t kStatementEntries = 10'000;
 constexpr std::uint64_t kTidyEvery = 1000;  // states
+
+// The feed of changes: how often commits trim it, and how many are looked at then, which is more
+// than came in between. What a commit counts for besides its notes.
+constexpr std::uint64_t kTrimEvery = 50;
+constexpr std::uint64_t kTrimmedAtOnce = 4 * kTrimEvery;
+constexpr std::size_t kTrimAfterBytes = std::size_t{1} << 20;
+constexpr std::size_t kCommitBytes = 64;
+constexpr std::size_t kPartBytes = std::size_t{8} << 20;
+// Of a retention, which the server counts in numbers with a sign, and in microseconds.
+constexpr std::uint64_t kMostBytes = std::numeric_limits<std::int64_t>::max();
+constexpr std::uint64_t kMostSeconds = std::uint64_t{1} << 42;
 
 void CheckKey(std::string_view key) {
   if (key.empty() || key.size() > kMaxKeySize) Throw(LSCOREDB_TOO_LARGE);
@@ -228,6 +241,7 @@ void PostgresBatch::RemoveRange(Tree tree, std::string_view low, std::string_vie
 }
 
 bool PostgresBatch::changed() const {
+  if (retention_.has_value()) return true;
   auto const any_in = [](auto const& some) { return !some.empty(); };
   return std::any_of(written_.begin(), written_.end(), any_in) ||
          std::any_of(removed_.begin(), removed_.end(),
@@ -300,6 +314,43 @@ void PostgresBatch::SendChanges(std::uint64_t state) {
   connection_->Add(statements.advance_state, Parameters().Number(state).Number(listed));
 }
 
+void PostgresBatch::SendRetention() {
+  FeedStatements const& feed = store_.feed_statements();
+  connection_->Add(feed.set_retention, Parameters()
+                                           .Number(std::min(retention_->bytes, kMostBytes))
+                                           .Number(std::min(retention_->seconds, kMostSeconds)));
+  connection_->Add(feed.set_version,
+                   Parameters().Number(retention_->keeps() ? kFeedVersion : kTablesVersion));
+}
+
+void PostgresBatch::SendNotes(std::uint64_t state) {
+  FeedStatements const& feed = store_.feed_statements();
+  std::string_view rest = notes_.Finish(CommitId{state});
+  std::size_t const counted = rest.size() + kCommitBytes;
+  std::size_t const parts = rest.empty() ? 0 : (rest.size() - 1) / kPartBytes;
+  connection_->Add(feed.put_commit, Parameters()
+                                        .Number(state)
+                                        .Number(Raw(state_.id))
+                                        .Number(UnixMicroseconds())
+                                        .Number(counted)
+                                        .Number(parts)
+                                        .Bytes(rest.substr(0, kPartBytes)));
+  for (std::size_t part = 1; part <= parts; ++part) {
+    rest.remove_prefix(kPartBytes);
+    connection_->Add(feed.put_part,
+                     Parameters().Number(state).Number(part).Bytes(rest.substr(0, kPartBytes)));
+  }
+  if (state % kTrimEvery != 0 && counted < kTrimAfterBytes) return;
+  connection_->Add(feed.trim, Parameters().Number(UnixMicroseconds()).Number(kTrimmedAtOnce));
+  connection_->Add(feed.trim_parts);
+}
+
+// The commit that switches the feed on is not in it, nor the one that switches it off.
+void PostgresBatch::SendFeed(std::uint64_t state) {
+  if (takes_notes() && (!retention_.has_value() || retention_->keeps())) SendNotes(state);
+  if (retention_.has_value()) SendRetention();
+}
+
 // Sends all writes, the ticket, the list of changes, the new state and the commit in one round
 // trip. The server executes nothing after a statement that fails, so the commit does not take place
 // then.
@@ -311,6 +362,7 @@ bool PostgresBatch::SendAll() {
   for (std::size_t i = 0; i < kTreeCount; ++i) Send(static_cast<Tree>(i));
   connection_->Add(statements.put_ticket, Parameters().Bytes(in_doubt_.ticket).Number(state));
   SendChanges(state);
+  SendFeed(state);
   if (state % kTidyEvery == 0 && state > kTicketsKept) {
     connection_->Add(statements.drop_tickets, Parameters().Number(state - kTicketsKept));
   }

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "noted_bytes.h"
 #include "postgres_store.h"
 
 namespace lscore {
@@ -61,6 +62,10 @@ class PostgresBatch final : public Batch {
   void RemoveRange(Tree tree, std::string_view low, std::string_view high) override;
   void Commit() override;
   CommitInDoubt in_doubt() const override { return in_doubt_; }
+  bool takes_notes() const override { return state_.keeps_changes; }
+  void Note(std::string_view note) override { notes_.Add(note); }
+  // Changes with the commit for how long changes are kept. REQUIRES: the tables of the feed exist.
+  void SetRetention(Retention const& retention) { retention_ = retention; }
 
   // The state that it began from.
   StateRead const& state() const { return state_; }
@@ -74,6 +79,9 @@ class PostgresBatch final : public Batch {
   }
   bool changed() const;
   void SendChanges(std::uint64_t state);
+  void SendFeed(std::uint64_t state);
+  void SendRetention();
+  void SendNotes(std::uint64_t state);
   std::uint64_t TakeStatesBefore();
   void Begin(std::vector<TreeKey> const& hints);
   void Send(Tree tree);
@@ -90,6 +98,8 @@ class PostgresBatch final : public Batch {
   std::unique_ptr<ServerView> mutable view_;
   std::array<Written, kTreeCount> written_;
   std::array<RemovedRanges, kTreeCount> removed_;
+  NotedBytes notes_;
+  std::optional<Retention> retention_;
   CommitInDoubt in_doubt_;  // set when the commit is sent
 };
 

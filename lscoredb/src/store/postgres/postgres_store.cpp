@@ -12,8 +12,10 @@
 #include "format.h"
 #include "postgres_batch.h"
 #include "refusal.h"
+#include "server_changes.h"
 #include "server_reservations.h"
 #include "status.h"
+#include "unix_time.h"
 
 namespace lscore {
 namespace {
@@ -46,6 +48,7 @@ PostgresStore::PostgresStore(std::string_view url, StoreOptions const& options)
     : url_(ParseServerUrl(url)),
       options_(options),
       statements_(url_.schema),
+      feed_statements_(url_.schema),
       waits_{std::make_shared<std::atomic<std::uint64_t>>(0), options.stops_wait},
       sync_(options.sync) {
   auto connection = std::make_unique<Connection>(url_, waits_);
@@ -58,12 +61,12 @@ PostgresStore::PostgresStore(std::string_view url, StoreOptions const& options)
   if (Status const status = StatusOf(read_version);
       status == LSCOREDB_NOT_A_DATABASE && !read_only()) {
     RequireNoForeignTables(*connection);
-    MakeTables(*connection);
+    MakeTables(*connection, statements_.make);
     read_version();
   } else {
     Check(status);
   }
-  if (version > kTablesVersion) Throw(LSCOREDB_NEWER_FORMAT);
+  if (version > kNewestTablesVersion) Throw(LSCOREDB_NEWER_FORMAT);
   CheckFormat(*connection);
   WaitForStandby(*connection);
   idle_.push_back(std::move(connection));
@@ -106,12 +109,12 @@ void PostgresStore::RequireNoForeignTables(Connection& connection) const {
 // Each statement is a transaction of its own. When several processes create the same tables at
 // once, the server may refuse one of them in spite of IF NOT EXISTS, which then starts over. It can
 // lose at each statement once: from then on what it asks for is there.
-void PostgresStore::MakeTables(Connection& connection) const {
+void PostgresStore::MakeTables(Connection& connection, std::vector<Statement> const& tables) const {
   Status status = LORV_STATUS_OK;
-  std::size_t const attempts = kAttempts + statements_.make.size();
+  std::size_t const attempts = kAttempts + tables.size();
   for (std::size_t attempt = 0; attempt < attempts; ++attempt) {
     status = StatusOf([&] {
-      for (Statement const& statement : statements_.make) connection.Run(statement);
+      for (Statement const& statement : tables) connection.Run(statement);
     });
     if (status == LORV_STATUS_OK) return;
     if (status == LSCOREDB_SERVER_LOST || status == LSCOREDB_CANNOT_OPEN) break;
@@ -225,13 +228,7 @@ bool PostgresStore::IsOver(std::chrono::steady_clock::time_point since, int time
 // An idle connection may have been cut since it was last used. That says nothing about the server,
 // so others are tried until a new one decides, or the time is over: a server that is silent is so
 // on all of them.
-std::unique_ptr<Snapshot> PostgresStore::Begin() {
-  {
-    std::lock_guard const lock(mutex_);
-    if (readers_.size() >= options_.max_readers) Throw(LSCOREDB_TOO_MANY_READERS);
-  }
-  std::unique_ptr<Snapshot> snapshot;
-  auto const attempt = [&] { snapshot = std::make_unique<PostgresSnapshot>(*this); };
+void PostgresStore::WithConnections(std::function<void()> const& attempt) const {
   auto const begun = std::chrono::steady_clock::now();
   Status status = StatusOf(attempt);
   for (std::size_t i = 0; status == LSCOREDB_SERVER_LOST && i <= kIdleConnections; ++i) {
@@ -239,6 +236,15 @@ std::unique_ptr<Snapshot> PostgresStore::Begin() {
     status = StatusOf(attempt);
   }
   Check(status);
+}
+
+std::unique_ptr<Snapshot> PostgresStore::Begin() {
+  {
+    std::lock_guard const lock(mutex_);
+    if (readers_.size() >= options_.max_readers) Throw(LSCOREDB_TOO_MANY_READERS);
+  }
+  std::unique_ptr<Snapshot> snapshot;
+  WithConnections([&] { snapshot = std::make_unique<PostgresSnapshot>(*this); });
   std::lock_guard const lock(mutex_);
   readers_.insert(snapshot->id());
   return snapshot;
@@ -278,7 +284,9 @@ StateRead PostgresStore::BeginAt(Connection& connection, Statement const& begin,
   view.Take(asked, std::span(results).subspan(3));
   Result const& row = results[1];
   if (row.size() != 1) Throw(LSCOREDB_NOT_A_DATABASE);
+  if (row.Number(0, 1) > kNewestTablesVersion) Throw(LSCOREDB_NEWER_FORMAT);
   read.id = CommitId{row.Number(0, 0)};
+  read.keeps_changes = row.Number(0, 1) >= kFeedVersion;
   read.listed = CommitId{row.Number(0, 2)};
   read.changes = std::move(results[2]);
   return read;
@@ -313,6 +321,106 @@ bool PostgresStore::ListChanges(View const& view, CommitId after,
     changed->push_back(ObjectId{Load<std::uint64_t>(key.data())});
   }
   return true;
+}
+
+// ---- the feed of changes -----------------------------------------------------------------------
+
+std::vector<Result> PostgresStore::Ask(std::function<void(Connection&)> const& add) const {
+  std::vector<Result> results;
+  WithConnections([&] {
+    UsedConnection const connection = TakeConnection();
+    add(*connection);
+    results = connection->Exchange();
+  });
+  return results;
+}
+
+CommitId PostgresStore::KeepingState(Result const& state) {
+  if (state.size() != 1) Throw(LSCOREDB_NOT_A_DATABASE);
+  std::uint64_t const version = state.Number(0, 1);
+  if (version > kNewestTablesVersion) Throw(LSCOREDB_NEWER_FORMAT);
+  if (version < kFeedVersion) Throw(LSCOREDB_NO_CHANGES);
+  return CommitId{state.Number(0, 0)};
+}
+
+// Only the owner of the schema can, so nothing is asked for that is there.
+void PostgresStore::MakeFeed() const {
+  UsedConnection const connection = TakeConnection();
+  Status const status = StatusOf([&] { connection->Run(feed_statements_.read_retention); });
+  if (status == LORV_STATUS_OK) return;
+  if (status != LSCOREDB_NOT_A_DATABASE) Throw(status);
+  MakeTables(*connection, feed_statements_.make);
+}
+
+// Runs `deletes`, of a number and the most rows, until it deletes nothing more. Each time is a
+// transaction that locks the state: two that delete the same rows in different orders could
+// otherwise make a commit fail.
+void PostgresStore::TidyFeed(Statement const& deletes, std::uint64_t number) const {
+  constexpr std::uint64_t kAtOnce = 10'000;
+  std::optional<std::uint64_t> before;
+  for (;;) {
+    std::vector<Result> const results = Ask([&](Connection& connection) {
+      connection.Add(statements_.begin_batch);
+      connection.Add(statements_.lock_state);
+      connection.Add(deletes, Parameters().Number(number).Number(kAtOnce));
+      connection.Add(feed_statements_.trim_parts);
+      connection.Add(feed_statements_.read_ends);
+      connection.Add(statements_.commit);
+    });
+    Result const& ends = results[4];
+    std::uint64_t const oldest = ends.size() == 0 ? 0 : ends.Number(0, 0);
+    if (oldest == before) return;
+    before = oldest;
+  }
+}
+
+// What was kept is deleted by its numbers, so that it may be kept again meanwhile.
+void PostgresStore::KeepChanges(Retention const& retention) {
+  if (read_only()) Throw(LSCOREDB_READ_ONLY_DATABASE);
+  if (retention.keeps()) MakeFeed();
+  CommitId state{0};
+  {
+    PostgresBatch batch(*this, {});
+    if (!retention.keeps() && !batch.takes_notes()) return;
+    batch.SetRetention(retention);
+    batch.Commit();
+    state = batch.id();
+  }
+  if (retention.keeps()) {
+    TidyFeed(feed_statements_.trim, UnixMicroseconds());
+  } else {
+    TidyFeed(feed_statements_.drop, Raw(state));
+  }
+}
+
+// Commits without a gap up to the newest one. A gap at the end is a commit by a program that does
+// not know of the feed.
+KeptChanges PostgresStore::Kept() {
+  auto const read_state = [&](Connection& connection) { connection.Add(statements_.read_state); };
+  KeepingState(Ask(read_state)[0]);
+  std::vector<Result> const results = Ask([&](Connection& connection) {
+    read_state(connection);
+    connection.Add(feed_statements_.read_retention);
+    connection.Add(feed_statements_.read_ends);
+  });
+  KeptChanges kept;
+  kept.last = KeepingState(results[0]);
+  kept.first = CommitId{Raw(kept.last) + 1};
+  Result const& retention = results[1];
+  if (retention.size() == 1) kept.retention = {retention.Number(0, 0), retention.Number(0, 1)};
+  Result const& ends = results[2];
+  if (ends.size() == 1 && ends.Number(0, 1) >= Raw(kept.last)) {
+    CommitId const first{std::max(ends.Number(0, 0), ends.Number(0, 2))};
+    kept.first = std::min(first, kept.first);
+  }
+  return kept;
+}
+
+std::unique_ptr<ChangeSource> PostgresStore::OpenChanges(CommitId after) {
+  std::vector<Result> const state =
+      Ask([&](Connection& connection) { connection.Add(statements_.read_state); });
+  if (after > KeepingState(state[0])) Throw(LSCOREDB_INVALID_ARGUMENT);
+  return std::make_unique<ServerChanges>(*this, after);
 }
 
 // ---- maintenance -------------------------------------------------------------------------------

@@ -14,6 +14,7 @@
 // server does not answer within the time limit, the outcome stays open: LSCOREDB_COMMIT_UNKNOWN.
 
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -21,6 +22,7 @@
 #include <vector>
 
 #include "connection.h"
+#include "feed_statements.h"
 #include "server_view.h"
 #include "statements.h"
 #include "store.h"
@@ -39,6 +41,7 @@ using UsedConnection = std::unique_ptr<Connection, LetGo>;
 // A state of the database, and the rows that changed before it.
 struct StateRead {
   CommitId id{0};
+  bool keeps_changes = false;
   CommitId listed{0};         // changes after this state are listed on the server
   CommitId changes_after{0};  // `changes` has those after this state
   Result changes;             // keys of rows
@@ -67,6 +70,9 @@ class PostgresStore final : public Store {
   bool read_only() const override { return options_.access == Access::kRead; }
   bool FreeDeadReaders() override { return false; }
   void Discard(std::shared_ptr<void> lock) override;
+  void KeepChanges(Retention const& retention) override;
+  KeptChanges Kept() override;
+  std::unique_ptr<ChangeSource> OpenChanges(CommitId after) override;
   bool AskOutcome(CommitInDoubt const& commit) const override { return Ask(commit, waits_); }
 
   // For snapshots and batches.
@@ -87,6 +93,15 @@ class PostgresStore final : public Store {
   std::mutex& batch_mutex() { return batch_mutex_; }
   UsedConnection TakeConnection() const;
 
+  // For readers of changes.
+  FeedStatements const& feed_statements() const { return feed_statements_; }
+  std::chrono::milliseconds changes_interval() const { return url_.changes_interval; }
+  bool stopped() const { return waits_.stopped(); }
+  // What `add` adds to a connection, in one round trip outside of any transaction of ours.
+  std::vector<Result> Ask(std::function<void(Connection&)> const& add) const;
+  // The state in a result of read_state. Throws LSCOREDB_NO_CHANGES if none are kept.
+  static CommitId KeepingState(Result const& state);
+
  private:
   friend struct LetGo;
   void GiveBack(std::unique_ptr<Connection> connection) const noexcept;
@@ -95,7 +110,10 @@ class PostgresStore final : public Store {
   std::shared_ptr<void> WaitForCreationLock() override;
   void CheckFormat(Connection& connection) const;
   void RequireNoForeignTables(Connection& connection) const;
-  void MakeTables(Connection& connection) const;
+  void MakeTables(Connection& connection, std::vector<Statement> const& tables) const;
+  void MakeFeed() const;
+  void TidyFeed(Statement const& deletes, std::uint64_t number) const;
+  void WithConnections(std::function<void()> const& attempt) const;
   void WaitForStandby(Connection& connection) const;
   CommitId NewestState() const;
   bool Ask(CommitInDoubt const& commit, Waits const& waits) const;
@@ -103,6 +121,7 @@ class PostgresStore final : public Store {
   ServerUrl const url_;
   StoreOptions const options_;
   Statements const statements_;
+  FeedStatements const feed_statements_;
   Waits const waits_;
   std::mutex batch_mutex_;  // held by the open batch
   std::mutex mutable mutex_;

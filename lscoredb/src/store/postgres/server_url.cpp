@@ -13,6 +13,9 @@ constexpr std::string_view kDefaultSchema = "sagleme";
 constexpr std::size_t kLongestName = 63;  // the server truncates longer identifiers
 constexpr std::chrono::seconds kDefaultTimeout{30};
 constexpr int kLongestTimeout = 24 * 60 * 60;
+constexpr std::chrono::seconds kDefaultInterval{1};
+constexpr double kShortestInterval = 0.01;
+constexpr double kLongestInterval = 3600;
 
 [[noreturn]] void Refuse(std::string const& why) {
   NoteRefusal(why);
@@ -60,36 +63,51 @@ std::chrono::seconds Timeout(std::string const& text) {
   return std::chrono::seconds(seconds);
 }
 
+std::chrono::milliseconds Interval(std::string const& text) {
+  double seconds = 0;
+  char const* const end = text.data() + text.size();
+  auto const read = std::from_chars(text.data(), end, seconds, std::chars_format::fixed);
+  bool const number = read.ec == std::errc() && read.ptr == end;
+  if (!number || !(seconds >= kShortestInterval && seconds <= kLongestInterval)) {
+    Refuse("changes_interval=" + text + ": it is a number of seconds from 0.01 to 3600");
+  }
+  return std::chrono::round<std::chrono::milliseconds>(std::chrono::duration<double>(seconds));
+}
+
+// Options of ours, and those that are left to libpq.
+void TakeOption(std::string_view option, ServerUrl* parsed) {
+  std::size_t const equals = std::min(option.find('='), option.size());
+  std::string_view const name = option.substr(0, equals);
+  std::string_view const value = option.substr(std::min(equals + 1, option.size()));
+  if (name == "schema") {
+    parsed->schema_name = Decoded(value);
+  } else if (name == "timeout") {
+    parsed->timeout = Timeout(Decoded(value));
+  } else if (name == "changes_interval") {
+    parsed->changes_interval = Interval(Decoded(value));
+  } else {
+    bool const first = parsed->connection.find('?') == std::string::npos;
+    parsed->connection.append(first ? "?" : "&").append(option);
+  }
+}
+
 }  // namespace
 
 ServerUrl ParseServerUrl(std::string_view url) {
   if (!PasswordIsClear(url)) {
     Refuse("in a password of a URL %2F stands for /, %3F for ?, %40 for @ and %23 for #");
   }
-  std::size_t const query = url.find('?');
+  std::size_t const query = std::min(url.find('?'), url.size());
   ServerUrl parsed;
   parsed.connection = url.substr(0, query);
   parsed.shown = ShownPlace(url);
   parsed.schema_name = kDefaultSchema;
   parsed.timeout = kDefaultTimeout;
-  char separator = '?';
-  std::string_view rest = query == url.npos ? std::string_view() : url.substr(query + 1);
-  while (!rest.empty()) {
-    std::size_t const end = std::min(rest.find('&'), rest.size());
-    std::string_view const option = rest.substr(0, end);
-    rest.remove_prefix(std::min(end + 1, rest.size()));
-    std::size_t const equals = std::min(option.find('='), option.size());
-    std::string_view const name = option.substr(0, equals);
-    std::string_view const value = option.substr(std::min(equals + 1, option.size()));
-    if (name == "schema") {
-      parsed.schema_name = Decoded(value);
-    } else if (name == "timeout") {
-      parsed.timeout = Timeout(Decoded(value));
-    } else {
-      parsed.connection += separator;
-      parsed.connection += option;
-      separator = '&';
-    }
+  parsed.changes_interval = kDefaultInterval;
+  for (std::size_t begin = query + 1; begin < url.size();) {
+    std::size_t const end = std::min(url.find('&', begin), url.size());
+    TakeOption(url.substr(begin, end - begin), &parsed);
+    begin = end + 1;
   }
   parsed.schema = Quoted(parsed.schema_name);
   return parsed;

@@ -9,6 +9,7 @@
 //   schema    the schema that holds the tables of the database; default `sagleme`
 //   timeout   seconds that a reply may take before the connection is given up; default 30, 0 waits
 //             for ever
+//   changes_interval   seconds between the questions of a reader of changes that waits; default 1
 
 #include <chrono>
 #include <string>
@@ -22,6 +23,7 @@ struct ServerUrl {
   std::string schema;       // as an SQL identifier, quoted
   std::string shown;        // all of it as anybody may see it
   std::chrono::milliseconds timeout{0};
+  std::chrono::milliseconds changes_interval{0};
 };
 
 // Throws LSCOREDB_CANNOT_OPEN, and notes why, for a bad value of our options.

@@ -10,7 +10,8 @@
 //            key bytea, value bytea: the five trees, ordered by the bytes of their keys
 //   state    one row, which a committer locks:
 //              id          bigint   the number of the newest state
-//              version     bigint   of these tables
+//              version     bigint   of these tables: kTablesVersion; while changes are kept
+//                                   kFeedVersion (feed_statements.h)
 //              listed      bigint   changes after this state are listed without a gap
 //   changes  state bigint, key bytea: the rows that the commit of a state wrote or deleted, for the
 //            last kChangesKept states; a commit with more than kMostChanges is not listed
@@ -30,6 +31,8 @@
 namespace lscore {
 
 inline constexpr std::uint64_t kTablesVersion = 1;
+inline constexpr std::uint64_t kFeedVersion = 2;
+inline constexpr std::uint64_t kNewestTablesVersion = kFeedVersion;
 // The number of commits whose tickets are kept.
 inline constexpr std::uint64_t kTicketsKept = 100'000;
 // The number of states whose changes are kept, and the most rows that a commit lists.
