@@ -2,24 +2,40 @@
 
 PYTHONPATH=build/release/python /usr/bin/python3 bench/python/compare.py [objects] [rows of a column]
 
-Prints a Markdown table: the median of five turns of each, and the ratio to each peer. Peers that are
-not installed are left out (Debian: python3-sqlalchemy, python3-peewee, python3-pandas).
+Prints two Markdown tables: the median of five turns of each and the ratio to each peer, and what was
+aimed at beside what was measured. With --markdown it writes the second into docs/python.md too. Peers
+that are not installed are left out (Debian: python3-sqlalchemy, python3-peewee, python3-pandas).
 """
 
+import argparse
 import gc
 import os
+import platform
 import sqlite3
 import statistics
 import sys
 import tempfile
 import time
+from pathlib import Path
 
 import sagleme as sg
 
-COUNT = int(sys.argv[1]) if len(sys.argv) > 1 else 100_000
-LONG = int(sys.argv[2]) if len(sys.argv) > 2 else 1_000_000
+
+def arguments():
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("objects", type=int, nargs="?", default=100_000)
+    parser.add_argument("rows", type=int, nargs="?", default=1_000_000, help="of a column")
+    parser.add_argument("--markdown", action="store_true",
+                        help="write the table of goals into docs/python.md")
+    return parser.parse_args()
+
+
+ARGUMENTS = arguments()
+COUNT, LONG = ARGUMENTS.objects, ARGUMENTS.rows
+PAGE = Path(__file__).parents[2] / "docs" / "python.md"
 TURNS = 5
 PEOPLE = 1000
+EXPIRED = 2000  # objects that SQLAlchemy loads one by one
 
 
 class Person(sg.Table, name="Bench.Person"):
@@ -217,7 +233,14 @@ class SqlAlchemy:
                 query = session.query(self.Item).options(self.orm.selectinload(self.Item.lender))
                 return [each.lender.name for each in query]
 
-        return {"objects": once(objects), "follow": once(follow)}
+        return {"objects": once(objects), "follow": once(follow), "first text": self.first_access()}
+
+    def first_access(self):
+        """Of an object whose values the session has not read, as after each commit; for COUNT."""
+        with self.orm.Session(self.engine) as session:
+            found = session.query(self.Book).limit(EXPIRED).all()
+            session.expire_all()
+            return once(lambda: [each.title for each in found]) / len(found) * COUNT
 
 
 class Peewee:
@@ -242,7 +265,7 @@ class Peewee:
             lender = peewee.ForeignKeyField(Person)
             pages = peewee.IntegerField()
 
-        self.Item = Item
+        self.Item, self.Person = Item, Person
         db.create_tables([Person, Item])
         Person.insert_many([(f"Person {i}",) for i in range(PEOPLE)]).execute()
 
@@ -254,7 +277,13 @@ class Peewee:
                     self.Item.insert_many(data[at:at + 200]).execute()
 
     def measure(self):
-        return {"objects": once(lambda: [(each.title, each.year) for each in self.Item.select()])}
+        columns = (self.Item.title, self.Item.year)
+        return {"objects": once(lambda: [(each.title, each.year) for each in self.Item.select()]),
+                "tuples": once(lambda: list(self.Item.select(*columns).tuples())),
+                "follow": once(lambda: [each.lender.name for each in self.joined()])}
+
+    def joined(self):
+        return self.Item.select(self.Item, self.Person).join(self.Person)
 
 
 def engines(folder):
@@ -277,6 +306,10 @@ def main():
                 except ImportError as error:
                     print(f"left out: a column by {engine.name} ({error})", file=sys.stderr)
     show(found)
+    table = goals(found)
+    print(f"\n{table}")
+    if ARGUMENTS.markdown:
+        write_into_page(table)
 
 
 LABELS = {"objects": f"{COUNT:,} objects of a subtree, two attributes",
@@ -287,7 +320,7 @@ LABELS = {"objects": f"{COUNT:,} objects of a subtree, two attributes",
 def show(found):
     ours = found["sagleme"]
     for name in ("number", "first text", "again"):
-        print(f"read a {name}: {(ours[name] - ours['empty']) / COUNT * 1e9:.0f} ns")
+        print(f"{READS[name]}: {nanoseconds(found, name):.0f} ns")
     peers = [name for name in found if name != "sagleme"]
     print(f"\n| | sagleme | {' | '.join(peers)} |\n|---|---|{'---|' * len(peers)}")
     for key, label in LABELS.items():
@@ -297,6 +330,74 @@ def show(found):
             cells.append("" if theirs is None or key not in ours
                          else f"{theirs * 1e3:.0f} ms, x {ours[key] / theirs:.2f}")
         print(f"| {label} | {ours.get(key, 0) * 1e3:.0f} ms | {' | '.join(cells)} |")
+
+
+# What is measured, the peer whose time is the measure or None for nanoseconds, and the most.
+GOALS = [
+    ("number", None, 60), ("first text", None, 120), ("again", None, 60),
+    ("first text", "SQLAlchemy", 0.1),
+    ("objects", "sqlite3", 0.8), ("objects", "SQLAlchemy", 0.06), ("objects", "peewee", 1),
+    ("tuples", "sqlite3", 0.4), ("tuples", "peewee", 1),
+    ("follow", "SQLAlchemy", 0.1), ("follow", "peewee", 1),
+    ("insert", "sqlite3", 0.7), ("insert", "SQLAlchemy", 0.1), ("insert", "peewee", 1),
+    ("column", "sqlite3", 0.3),
+]
+READS = {"number": "read a number of an object in hand", "again": "read a text again",
+         "first text": "read a text for the first time"}
+PEERS = {"sqlite3": "the `sqlite3` module", "SQLAlchemy": "SQLAlchemy's ORM", "peewee": "peewee"}
+HOW = {("first text", "SQLAlchemy"): "SQLAlchemy, of an expired object",
+       ("objects", "sqlite3"): "the `sqlite3` module, tuples of a union view",
+       ("objects", "SQLAlchemy"): "SQLAlchemy's ORM, polymorphic",
+       ("tuples", "sqlite3"): "the `sqlite3` module, of a union view",
+       ("follow", "SQLAlchemy"): "SQLAlchemy's `selectinload`",
+       ("insert", "sqlite3"): "`executemany` into a WAL file with the same indexes, synced",
+       ("column", "sqlite3"): "the `sqlite3` module and `pandas.read_sql`"}
+
+
+def nanoseconds(found, key):
+    return (found["sagleme"][key] - found["sagleme"]["empty"]) / COUNT * 1e9
+
+
+def measured(found, key, peer):
+    """Nanoseconds or the ratio to the peer; None if that was not measured."""
+    if peer is None:
+        return nanoseconds(found, key)
+    theirs = found.get(peer, {}).get(key)
+    if theirs is None:
+        return None
+    ours = found["sagleme"][key]
+    return (ours - found["sagleme"]["empty"] if key in READS else ours) / theirs
+
+
+def goal_line(found, key, peer, most):
+    label = READS.get(key) or LABELS[key]
+    aim = f"at most {most} ns" if peer is None else (
+        f"{'less than' if most == 1 else f'at most {most} of'} the time of "
+        f"{HOW.get((key, peer), PEERS[peer])}")
+    value = measured(found, key, peer)
+    if value is None:
+        return f"| {label} | {aim} | not measured | |"
+    shown = f"{value:.0f} ns" if peer is None else f"{value:.3g}"
+    met = value < most if most == 1 and peer else value <= most
+    return f"| {label} | {aim} | {shown} | {'met' if met else 'missed'} |"
+
+
+def goals(found):
+    """A Markdown table: what was aimed at, and what was measured."""
+    lines = [goal_line(found, *goal) for goal in GOALS]
+    where = f"CPython {platform.python_version()}, {COUNT:,} objects, {LONG:,} rows of a column"
+    return "\n".join([f"Measured with {where}:\n", "| work | goal | measured | |",
+                      "|---|---|---|---|", *lines])
+
+
+def write_into_page(table):
+    begin, end = "<!-- goals: written by bench/python/compare.py -->", "<!-- goals end -->"
+    text = PAGE.read_text()
+    head, found, rest = text.partition(begin)
+    _, closed, tail = rest.partition(end)
+    if not found or not closed:
+        sys.exit(f"{PAGE} has no line {begin}, or none {end}")
+    PAGE.write_text(f"{head}{begin}\n{table}\n{end}{tail}")
 
 
 if __name__ == "__main__":

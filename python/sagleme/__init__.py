@@ -16,6 +16,7 @@ instant     create table Planet (name: str | None, moons: int)
 """
 
 from .database import Database, Savepoint, Transaction, open
+from .declarations import Float32, Index, Key, ULong, column, ref
 from .errors import (
     BadValue,
     ChangesGone,
@@ -42,7 +43,7 @@ from .errors import (
     WrongType,
 )
 from .expressions import Condition, avg, count, max, min, sum
-from .models import Back, Column, Float32, Index, Key, Table, ULong, column, ref
+from .models import Back, Column, Table
 from .queries import Query, Rows
 from .schema import Plan, Step
 

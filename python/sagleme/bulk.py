@@ -6,12 +6,12 @@ import itertools
 from collections.abc import Callable, Iterable, Sized
 from typing import Any
 
-from . import _core, models
+from . import _core, declarations
 from .errors import WrongType
 
-_INTEGERS = {models.LONG: "int64", models.ULONG: "uint64", models.KEY: "uint64",
-             models.REFERENCE: "uint64"}
-_REALS = {models.FLOAT: "float32", models.DOUBLE: "float64"}
+_INTEGERS = {declarations.LONG: "int64", declarations.ULONG: "uint64", declarations.KEY: "uint64",
+             declarations.REFERENCE: "uint64"}
+_REALS = {declarations.FLOAT: "float32", declarations.DOUBLE: "float64"}
 
 
 def columns_of(rows: Any) -> Any:
@@ -24,7 +24,7 @@ def columns_of(rows: Any) -> Any:
 
 
 def _numpy_column(numpy: Any, columns: Any, position: int, kind: int) -> Any:
-    if kind in (models.STRING, models.BINARY, models.DECIMAL):
+    if kind in (declarations.STRING, declarations.BINARY, declarations.DECIMAL):
         array = numpy.empty(len(columns), dtype=object)
         array[:] = columns.list(position)
         return array
@@ -32,9 +32,9 @@ def _numpy_column(numpy: Any, columns: Any, position: int, kind: int) -> Any:
     if kind in _REALS:
         array = numpy.frombuffer(words, dtype="float64")
         array = array.astype(_REALS[kind], copy=False)
-    elif kind == models.BOOL:
+    elif kind == declarations.BOOL:
         array = numpy.frombuffer(words, dtype="uint64").astype(bool)
-    elif kind == models.DATETIME:
+    elif kind == declarations.DATETIME:
         array = numpy.frombuffer(words, dtype="datetime64[us]")
     else:
         array = numpy.frombuffer(words, dtype=_INTEGERS[kind])
@@ -73,7 +73,7 @@ def _sorted_frame(rows: Any, frame: Any) -> Any:
 
 def _pandas_column(pandas: Any, numpy: Any, columns: Any, position: int, kind: int) -> Any:
     array = _numpy_column(numpy, columns, position, kind)
-    if kind == models.DATETIME:
+    if kind == declarations.DATETIME:
         plain = numpy.ma.getdata(array).copy()
         plain[numpy.ma.getmaskarray(array)] = numpy.datetime64("NaT")
         return pandas.to_datetime(plain, utc=True)
@@ -82,7 +82,7 @@ def _pandas_column(pandas: Any, numpy: Any, columns: Any, position: int, kind: i
     data, mask = numpy.ma.getdata(array), numpy.ma.getmaskarray(array)
     if kind in _INTEGERS:
         return pandas.arrays.IntegerArray(data.copy(), mask)
-    if kind == models.BOOL:
+    if kind == declarations.BOOL:
         return pandas.arrays.BooleanArray(data, mask)
     return numpy.where(mask, numpy.nan, data)
 
@@ -121,16 +121,16 @@ def _insert_frame(tx: Any, cls: Any, frame: Any, progress: bool) -> int:
 def _values_of(tx: Any, column: Any, series: Any) -> list[Any]:
     """A column of a frame as values for the extension; missing values become None."""
     missing = series.isna().to_numpy()
-    if column._kind == models.DATETIME:
+    if column._kind == declarations.DATETIME:
         values = [each.to_pydatetime(warn=False) for each in series.dt.floor("us")]
     else:
         values = series.tolist()
     convert: Callable[[Any], Any] | None = None
-    if column._kind == models.REFERENCE:
+    if column._kind == declarations.REFERENCE:
         convert = tx._get
     elif column._kind in _INTEGERS and series.dtype.kind == "f":
         convert = _whole
-    elif column._kind == models.BOOL and series.dtype.kind == "b":
+    elif column._kind == declarations.BOOL and series.dtype.kind == "b":
         convert = bool
     if not missing.any() and convert is None:
         return list(values)

@@ -11,7 +11,7 @@ from collections.abc import Callable, Iterable
 from types import TracebackType
 from typing import TYPE_CHECKING, Any, NamedTuple, TypeVar
 
-from . import _core, models
+from . import _core, declarations, models
 from . import schema as schemas
 from .errors import ClosedError, Conflict, ReadOnly, SchemaError, WrongType
 from .queries import Query
@@ -276,18 +276,22 @@ class Database:
         """The steps from the database's schema to the models. Print it."""
         return schemas.visible(schemas.make_plan(self._models, self._seen().tables.values()))
 
-    def apply(self, *, allow: Iterable[str] = ("instant", "background")) -> schemas.Plan:
-        """Makes all steps of the plan, or none, if their labels are allowed."""
-        allowed = set(allow)
-        unknown = allowed - set(schemas.LABELS[:3])
-        if unknown:
-            raise WrongType(f"allow takes {', '.join(schemas.LABELS[:3])}, not {sorted(unknown)}")
-        with self.write() as tx:
-            plan = schemas.make_plan(self._models, tx._snapshot.tables.values())
-            _refuse(schemas.visible(plan), allowed)
-            for step in plan:
-                step.run(tx)
-        return schemas.visible(plan)
+    def apply(self, *, allow: Iterable[str] = ("instant", "background"), beside_writers: bool = False,
+              objects: int = 10_000, batch: int = 5000, progress: bool = False,
+              report: Callable[[dict[str, Any]], bool | None] | None = None) -> schemas.Plan:
+        """Makes all steps of the plan in one transaction, or none, if their labels are allowed.
+
+        With `beside_writers` it builds the indexes of tables with at least `objects` objects
+        before that, in commits of `batch` objects that keep nobody waiting, unless the plan renames,
+        drops, or makes a step that objects may refuse. Each batch calls `report`; False from it, an
+        exception or Ctrl-C ends it with nothing changed, the plan returned empty, and what was
+        built kept for the next call, and listed by `jobs`.
+        """
+        from . import applying
+
+        _need_batch(batch)
+        return applying.apply(self, applying.labels(allow), objects if beside_writers else None,
+                              batch, progress, report)
 
     @property
     def classes(self) -> dict[str, Any]:
@@ -336,20 +340,19 @@ class Database:
         """Builds an index beside writers, in small commits, where `apply` would keep them waiting.
 
         ``db.build_index(Book, "author", "-year")`` for what the class declares as an index: a later
-        `apply` finds it there. Each batch calls `report`; False from it ends the build, which goes
+        `apply` finds it there. `apply(beside_writers=True)` does so by itself. Each batch calls `report`; False from it ends the build, which goes
         on when it is called for again. True if the index is there.
         """
         from .bulk import Reports
 
-        index = models.Index(*columns, unique=unique)
+        index = declarations.Index(*columns, unique=unique)
         _need_batch(batch)
-        _need_class(cls)._need_columns(index)
+        index.check(_need_class(cls).__name__, cls._columns)
         found = schemas.index_columns(cls, index)
         table = cls._table_name
+        key = (schemas.index_name(table, found, unique), table, list(found), unique)
         with Reports(progress, report, "done", "total") as reports:
-            return bool(_core.build_index(
-                self._context(), schemas.index_name(table, found, unique), table, list(found),
-                unique, batch, reports.take))
+            return _core.build_index(self._context(), key, True, batch, reports.take)
 
     def jobs(self) -> list[Job]:
         """Long work in the database that runs in any process or was cut off, oldest first."""
@@ -462,19 +465,6 @@ class Database:
 def _need_batch(batch: Any) -> None:
     if not isinstance(batch, int) or batch < 1:
         raise WrongType(f"a batch holds at least one object, not {batch!r}")
-
-
-def _refuse(plan: schemas.Plan, allowed: set[str]) -> None:
-    refused = [step for step in plan if step.label == "refused"]
-    if refused:
-        raise SchemaError("\n".join(step.text for step in refused))
-    held = [step for step in plan if step.label not in allowed]
-    if held:
-        labels = sorted({step.label for step in held})
-        raise SchemaError(
-            "nothing was changed; not allowed:\n" + "\n".join(map(repr, held)),
-            hint=f"allow={sorted(allowed | set(labels))!r} allows it",
-        )
 
 
 def open(path: str | os.PathLike[str] | None, models: Iterable[Any] | None = None, *,

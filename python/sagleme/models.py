@@ -9,120 +9,36 @@
 
 from __future__ import annotations
 
-import datetime
-import decimal
-import inspect
 import re
 import sys
 import types
 import typing
-from collections.abc import Iterable
+from collections.abc import Collection, Iterable
 from typing import Annotated, Any, ClassVar, Generic, TypeVar
 
 from . import _core
+from .declarations import (
+    CHOICES,
+    KINDS,
+    MOST_COLUMNS,
+    MUST_BE_NULLABLE,
+    REFERENCE,
+    TYPE_NAMES,
+    Index,
+    Kind,
+    Options,
+    checked_comment,
+    checked_was,
+    need_table_name,
+    refuse_bad_was,
+)
 from .errors import ModelError
 from .expressions import Expression, Path
 
 T = TypeVar("T")
 N = TypeVar("N")
 
-STRING, BINARY, LONG, ULONG, DECIMAL = 1, 2, 3, 4, 5
-FLOAT, DOUBLE, REFERENCE, KEY, BOOL, DATETIME = 6, 7, 8, 9, 10, 11
-
-# What a column takes up in the database, by kind.
-STORED = {kind: kind for kind in range(1, 11)} | {DATETIME: LONG}
-MUST_BE_NULLABLE = {STRING, BINARY, REFERENCE}
-TYPE_NAMES = {
-    STRING: "str", BINARY: "bytes", LONG: "int", ULONG: "sg.ULong", DECIMAL: "Decimal",
-    FLOAT: "sg.Float32", DOUBLE: "float", REFERENCE: "reference", KEY: "sg.Key", BOOL: "bool",
-    DATETIME: "datetime",
-}
-
-
-class _Kind:
-    """Marks an Annotated type with a special column."""
-
-    def __init__(self, kind: int) -> None:
-        self.kind = kind
-
-
-ULong = Annotated[int, _Kind(ULONG)]
-Key = Annotated[int, _Kind(KEY)]
-Float32 = Annotated[float, _Kind(FLOAT)]
-
-_KINDS: dict[Any, int] = {
-    str: STRING, bytes: BINARY, int: LONG, decimal.Decimal: DECIMAL, float: DOUBLE, bool: BOOL,
-    datetime.datetime: DATETIME,
-}
 _TAKEN = {"id", "to_dict"}
-_CHOICES = (
-    "int, float, bool, decimal.Decimal, datetime.datetime, each with or without | None; "
-    "str | None, bytes | None, or a class of a table | None; sg.ULong, sg.Key, sg.Float32"
-)
-
-
-class _Options:
-    """The options of column() and ref() for a column."""
-
-    def __init__(self, default: Any, name: str | None = None, was: str | None = None,
-                 index: bool = False, unique: bool = False, on_delete: str | None = None,
-                 stored: bool = False, comment: str | None = None) -> None:
-        self.default, self.name, self.was = default, name, was
-        self.index, self.unique = index, unique
-        self.on_delete, self.stored, self.comment = on_delete, stored, comment
-
-
-def column(default: Any = None, *, name: str | None = None, was: str | None = None,
-           index: bool = False, unique: bool = False, stored: bool = False,
-           comment: str | None = None) -> Any:
-    """Gives options of a column that its annotation cannot.
-
-    `default` is what new objects get, `name` the column's name in the database where it differs
-    from the attribute's, `was` a name that it had before. `index` makes an index over it, `unique`
-    one that holds every value once; None may occur any number of times. With `stored` the database
-    keeps the default too, for SQL and other programs. `comment` is a text that it shows.
-    """
-    if stored and default is None:
-        raise ModelError("stored=True keeps a default in the database; there is none to keep")
-    return _Options(default, name, was, index or unique, unique, stored=stored,
-                    comment=_comment(comment))
-
-
-def _comment(text: Any) -> str | None:
-    if text is not None and not isinstance(text, str):
-        raise ModelError(f"a comment is a text, not {text!r}")
-    return None if text is None else inspect.cleandoc(text)
-
-
-ON_DELETE = ("keep", "refuse", "set_null", "cascade", "last")
-
-
-def ref(*, name: str | None = None, was: str | None = None, index: bool = False,
-        unique: bool = False, on_delete: str | None = None, comment: str | None = None) -> Any:
-    """The same for a reference, which has no default.
-
-    `on_delete` says what becomes of it when its target is deleted: "keep", "refuse", "set_null",
-    "cascade" or "last", which deletes a target with the last reference to it. A rule makes an index
-    over the column. Without `on_delete` the rule that the database has stays.
-    """
-    if on_delete is not None and on_delete not in ON_DELETE:
-        raise ModelError(f"on_delete is one of {', '.join(ON_DELETE)}, not {on_delete!r}")
-    ruled = on_delete not in (None, "keep")
-    return _Options(None, name, was, index or unique or ruled, unique, on_delete,
-                    comment=_comment(comment))
-
-
-class Index:
-    """An index over several columns: ``class Book(Item, indexes=[sg.Index("author", "-year")])``.
-
-    A minus in front of a name lets that column run backwards.
-    """
-
-    def __init__(self, *columns: str, unique: bool = False) -> None:
-        if not columns or not all(isinstance(each, str) for each in columns):
-            raise ModelError('an index takes names of columns: sg.Index("author", "-year")')
-        self.columns = tuple((each.lstrip("-"), not each.startswith("-")) for each in columns)
-        self.unique = unique
 
 
 class Column(Expression, _core.Field):
@@ -146,7 +62,8 @@ class Column(Expression, _core.Field):
 
     def _target_class(self) -> type[Table] | None:
         if isinstance(self._target, str):
-            self._target = _find_class(self._target, self._table)
+            self._target = _find_class(self._target, self._table, repr(self))
+            _need_table(repr(self), self._target)
         return self._target
 
     def __repr__(self) -> str:
@@ -175,7 +92,8 @@ class Back(Generic[T, N]):
 
     def __init__(self, source: Any, column: str) -> None:
         self._source, self._via = source, column
-        self._owner: type[Table] | None = None
+        self._owner: Any = None
+        self._where = ""
 
     def __class_getitem__(cls, items: Any) -> Any:
         if not isinstance(items, tuple) or len(items) != 2 or not isinstance(items[1], str):
@@ -187,10 +105,31 @@ class Back(Generic[T, N]):
     def _resolve(self) -> tuple[type[Table], Column]:
         source = self._source
         if isinstance(source, str):
-            source = self._source = _find_class(source, self._owner)
+            source = self._source = _find_class(source, self._owner, self._where)
+        _need_table(self._where, source)
         column = source._columns.get(self._via)
         if column is None or column._kind != REFERENCE:
-            raise ModelError(f"{source.__name__} has no reference {self._via!r}")
+            known = [each._name for each in source._columns.values() if each._kind == REFERENCE]
+            raise ModelError(f"{self._where}: {source.__name__} has no reference {self._via!r}; "
+                             f"it has {', '.join(known) or 'none'}")
+        return source, column
+
+    def _belongs_to(self, cls: Any, attribute: str) -> None:
+        """Makes it an attribute of the class, and refuses what is known to be wrong already."""
+        self._owner, self._where = cls, f"{cls.__name__}.{attribute}"
+        if isinstance(self._source, TableMeta):
+            self._resolve()
+        elif not isinstance(self._source, str):
+            raise ModelError(f"{self._where}: a back reference names a class of a table, not "
+                             f"{self._source!r}")
+
+    def _check(self) -> tuple[type[Table], Column]:
+        source, column = self._resolve()
+        target = column._target_class()
+        if target is not None and not (issubclass(self._owner, target)
+                                       or issubclass(target, self._owner)):
+            raise ModelError(f"{self._where}: {column!r} leads to {target.__name__}, never to "
+                             f"{self._owner.__name__}; name a reference to {self._owner.__name__}")
         return source, column
 
     def __get__(self, obj: Any, owner: Any = None) -> Any:
@@ -203,14 +142,13 @@ class Back(Generic[T, N]):
 _registry: dict[str, list[Any]] = {}
 
 
-def _find_class(name: str, near: Any) -> Any:
+def _find_class(name: str, near: Any, where: str) -> Any:
     """A class by its name or its table's: of the same module if there are several."""
     found = [each for each in _registry.get(name, []) if each() is not None]
     classes = [each() for each in found]
-    same = [each for each in classes if near is not None and each.__module__ == near.__module__]
+    same = [each for each in classes if each.__module__ == near.__module__]
     if not classes:
-        where = f"{near.__name__} refers to" if near is not None else "there is"
-        raise ModelError(f"{where} no class {name!r}; define it, or import its module")
+        raise ModelError(f"{where} refers to no class {name!r}; define it, or import its module")
     return (same or classes)[-1]
 
 
@@ -219,6 +157,12 @@ def _register(cls: Any) -> None:
 
     for name in {cls.__name__, cls._table_name}:
         _registry.setdefault(name, []).append(weakref.ref(cls))
+
+
+def _need_table(where: str, target: Any) -> None:
+    if target._abstract:
+        raise ModelError(f"{where}: {target.__name__} has no table to refer to; refer to a class "
+                         f"that has one, or give {target.__name__} a name=")
 
 
 def _strip_none(annotation: Any) -> tuple[Any, bool]:
@@ -231,6 +175,32 @@ def _strip_none(annotation: Any) -> tuple[Any, bool]:
 
 
 _FORWARD = re.compile(r"^\s*(?:([\w.]+)\s*\|\s*None|None\s*\|\s*([\w.]+)|(?:typing\.)?Optional\[([\w.]+)\])\s*$")
+
+
+def _shown(annotation: Any) -> str:
+    """An annotation as a program writes it."""
+    if typing.get_origin(annotation) in (typing.Union, types.UnionType):
+        return " | ".join(map(_shown, typing.get_args(annotation)))
+    if annotation is None or annotation is type(None):
+        return "None"
+    if isinstance(annotation, type) and typing.get_origin(annotation) is None:
+        return annotation.__name__
+    return str(annotation).replace("typing.", "")
+
+
+def _advice(annotation: Any) -> str:
+    """What to write instead of an annotation that is no type of a column."""
+    inner, _ = _strip_none(annotation)
+    if typing.get_origin(inner) in (typing.Union, types.UnionType):
+        choices = [each for each in typing.get_args(inner) if each is not type(None)]
+        if all(isinstance(each, TableMeta) for each in choices):
+            return "a reference leads to one class and those below it; give these a common base"
+        return "a column has one type; make a column for each of these"
+    made = typing.get_origin(inner) or inner
+    if isinstance(made, type) and issubclass(made, Collection):
+        return ("a column holds one value; make the elements objects of a class that refers to "
+                "this one, and reach them with sg.Back")
+    return f"it is one of {CHOICES}"
 
 
 class _Annotation:
@@ -252,10 +222,15 @@ class _Annotation:
         except NameError as error:
             match = _FORWARD.match(text)
             if match is None:
-                raise ModelError(f"{where}: {text} cannot be understood: {error}") from None
+                raise ModelError(
+                    f"{where}: {text} cannot be understood: {error}; import it, or write a class "
+                    f"that comes later as \"Name | None\"") from None
             return typing.Optional[typing.ForwardRef(next(filter(None, match.groups())))]
-        except (TypeError, SyntaxError) as error:
-            raise ModelError(f"{where}: {text} cannot be understood: {error}") from None
+        except ModelError as error:
+            raise ModelError(f"{where}: {error}") from None
+        except Exception as error:
+            raise ModelError(f"{where}: {text} cannot be understood: {error}; write a type, as in "
+                             f"\"int | None\"") from None
 
     def _understand(self, where: str, annotation: Any) -> None:
         if annotation is ClassVar or typing.get_origin(annotation) is ClassVar:
@@ -267,14 +242,14 @@ class _Annotation:
         inner, self.nullable = _strip_none(annotation)
         self.kind = self._kind_of(inner)
         if self.kind == 0:
-            shown = getattr(annotation, "__name__", None) or str(annotation)
-            raise ModelError(f"{where}: {shown} is no type of a column; it is one of {_CHOICES}")
-        if self.kind in MUST_BE_NULLABLE and not self.nullable:
-            shown = getattr(inner, "__name__", None) or str(inner)
             raise ModelError(
-                f"{where}: texts, binaries and references can be null in the database; "
-                f"write {shown} | None"
-            )
+                f"{where}: {_shown(annotation)} is no type of a column; {_advice(annotation)}")
+        if isinstance(self.target, TableMeta):
+            _need_table(where, self.target)
+        if self.kind in MUST_BE_NULLABLE and not self.nullable:
+            shown = _shown(inner) if self.kind == REFERENCE else TYPE_NAMES[self.kind]
+            raise ModelError(f"{where}: texts, binaries, references and keys can be null in the "
+                             f"database; write {shown} | None")
 
     def _kind_of(self, inner: Any) -> int:
         if isinstance(inner, typing.ForwardRef):
@@ -284,16 +259,16 @@ class _Annotation:
             self.target = inner
             return REFERENCE
         if typing.get_origin(inner) is Annotated:
-            marks = [each for each in typing.get_args(inner)[1:] if isinstance(each, _Kind)]
+            marks = [each for each in typing.get_args(inner)[1:] if isinstance(each, Kind)]
             return marks[0].kind if marks else self._kind_of(typing.get_args(inner)[0])
-        return _KINDS.get(inner, 0) if isinstance(inner, type) else 0
+        return KINDS.get(inner, 0) if isinstance(inner, type) else 0
 
 
 class _Spec:
     """A column as a class body declares it."""
 
     def __init__(self, attribute: str, kind: int, nullable: bool, target: Any,
-                 options: _Options) -> None:
+                 options: Options) -> None:
         self.attribute, self.kind, self.nullable, self.target = attribute, kind, nullable, target
         self.options = options
 
@@ -311,53 +286,49 @@ class _Spec:
         return made
 
 
-def _default_fits(kind: int, value: Any) -> bool:
-    wanted = next((each for each, its in _KINDS.items() if its == kind), None)
-    if kind in (ULONG, KEY):
-        return isinstance(value, int) and not isinstance(value, bool) and value >= 0
-    if kind in (DOUBLE, FLOAT):
-        return isinstance(value, (int, float)) and not isinstance(value, bool)
-    if kind == LONG:
-        return isinstance(value, int) and not isinstance(value, bool)
-    return wanted is not None and isinstance(value, wanted)
-
-
-def _options_of(where: str, understood: _Annotation, given: Any) -> _Options:
-    options = given if isinstance(given, _Options) else _Options(given)
-    if options.on_delete is not None and understood.kind != REFERENCE:
-        raise ModelError(f"{where}: on_delete is for references, not {TYPE_NAMES[understood.kind]}")
-    if options.default is not None:
-        if understood.kind == REFERENCE or not _default_fits(understood.kind, options.default):
-            raise ModelError(
-                f"{where}: {options.default!r} is no default for {TYPE_NAMES[understood.kind]}"
-            )
+def _options_of(where: str, understood: _Annotation, given: Any) -> Options:
+    options = given if isinstance(given, Options) else Options(given)
+    options.check(where, understood.kind)
     return options
 
 
-def _specs_of(name: str, ns: dict[str, Any], names: dict[str, Any]) -> tuple[list[_Spec],
-                                                                             list[Back[Any, Any]]]:
+def _need_free_name(name: str, attribute: str) -> None:
+    shown = attribute.removeprefix(f"_{name.lstrip('_')}__")  # as the class body has it
+    shown = attribute if shown == attribute else f"__{shown}"
+    plain = shown.strip("_") or "column"
+    if attribute in _TAKEN:
+        raise ModelError(f"{name}.{shown}: the attribute's name is taken; give the column another "
+                         f"one, as in {shown}_: ... = sg.column(name={shown!r})")
+    if attribute.startswith("_"):
+        stored = "" if shown.startswith("__") else f" = sg.column(name={shown!r})"
+        raise ModelError(f"{name}.{shown}: the attribute of a column does not begin with an "
+                         f"underscore; write {plain}: ...{stored}")
+
+
+def _specs_of(name: str, ns: dict[str, Any],
+              names: dict[str, Any]) -> tuple[list[_Spec], dict[str, Back[Any, Any]]]:
     specs: list[_Spec] = []
-    backs: list[Back[Any, Any]] = []
+    backs: dict[str, Back[Any, Any]] = {}
     for attribute, annotation in ns.get("__annotations__", {}).items():
         where = f"{name}.{attribute}"
         understood = _Annotation(where, annotation, names)
         if understood.ignored:
             continue
-        if attribute in _TAKEN or attribute.startswith("_"):
-            raise ModelError(
-                f"{where}: the attribute's name is taken; give the column another one, "
-                f"as in {attribute.strip('_')}_: ... = sg.column(name={attribute!r})"
-            )
+        _need_free_name(name, attribute)
         if understood.back is not None:
-            ns[attribute] = understood.back
-            backs.append(understood.back)
+            if attribute in ns:
+                raise ModelError(f"{where}: a back reference is no column and takes no value")
+            ns[attribute] = backs[attribute] = understood.back
             continue
         options = _options_of(where, understood, ns.pop(attribute, None))
         specs.append(_Spec(attribute, understood.kind, understood.nullable, understood.target,
                            options))
     for attribute, value in ns.items():
-        if isinstance(value, _Options):
+        if isinstance(value, Options):
             raise ModelError(f"{name}.{attribute} has no annotation; write {attribute}: int = ...")
+        if isinstance(value, Back) and attribute not in backs:
+            raise ModelError(f"{name}.{attribute}: a back reference is an annotation; write "
+                             f"{attribute}: sg.Back[...]")
     return specs, backs
 
 
@@ -374,6 +345,7 @@ class TableMeta(type):
     _bare: bool | None  # with a table that has no objects of its own; None: as the database has it
     _comment: str | None
     _indexes: list[Index]
+    _declared: list[Index]  # those of indexes=[...], which classes below an abstract one get too
 
     def __new__(mcs, class_name: str, bases: tuple[type, ...], ns: dict[str, Any],
                 **options: Any) -> Any:
@@ -388,17 +360,19 @@ class TableMeta(type):
         if len(tables) > 1:
             both = " and ".join(base.__name__ for base in tables)
             raise ModelError(f"{class_name} derives from {both}; a table has one base")
-        backs: list[Back[Any, Any]] = []
+        backs: dict[str, Back[Any, Any]] = {}
         if made_specs is None:
             names = _names_for(class_name, ns)
             made_specs, backs = _specs_of(class_name, ns, names)
         ns.setdefault("__slots__", ())
         if ns["__slots__"]:
             raise ModelError(f"{class_name}: objects of a table have columns and no __slots__")
-        cls: Any = super().__new__(mcs, class_name, bases, ns)
+        cls: Any = _made(mcs, class_name, bases, ns)
         cls._define(tables[0] if tables else None, made_specs, options)
-        for back in backs:
-            back._owner = cls
+        for attribute, back in backs.items():
+            back._belongs_to(cls, attribute)
+        if not cls._abstract and "_specs" not in options:
+            _register(cls)
         return cls
 
     def __init__(cls, class_name: str, bases: tuple[type, ...], ns: dict[str, Any],
@@ -410,35 +384,43 @@ class TableMeta(type):
         named = options.get("name") is not None
         cls._abstract = bool(options.get("abstract")) and not named or root
         cls._bare = options.get("abstract") if named else None
-        cls._comment = _comment(vars(cls).get("__doc__"))
-        cls._was = options.get("was")
+        cls._comment = checked_comment(cls.__name__, vars(cls).get("__doc__"))
+        cls._was = checked_was(cls.__name__, options.get("was"))
         inherited_specs = base._specs if base is not None and base._abstract else []
         cls._specs = inherited_specs + specs if cls._abstract else []
         cls._base = _concrete(base)
-        cls._table_name = "" if cls._abstract else _table_name(cls, options.get("name"))
+        cls._table_name = "" if cls._abstract else _table_name(
+            cls, options.get("name"), "_specs" in options)
         cls._columns = dict(cls._base._columns) if cls._base is not None else {}
         cls._own = []
         cls._indexes = []
+        _refuse_hidden_columns(cls, inherited_specs)
         for spec in inherited_specs + specs:
             cls._add(spec)
-        for index in options.get("indexes") or ():
+        if len(cls._columns) > MOST_COLUMNS:
+            raise ModelError(f"{cls.__name__}: a table has at most {MOST_COLUMNS} columns, "
+                             f"inherited ones included, not {len(cls._columns)}; move some to a "
+                             f"class that it refers to")
+        refuse_bad_was([(repr(each), each._column, each._was) for each in cls._own])
+        given = options.get("indexes") or ()
+        if not isinstance(given, (list, tuple)):
+            raise ModelError(f"{cls.__name__}: indexes=[...] takes a list of sg.Index(...), not "
+                             f"{given!r}")
+        inherited = base._declared if base is not None and base._abstract else []
+        cls._declared = [*inherited, *given]
+        for index in cls._declared:
             cls._add_index(index)
-        if not cls._abstract and "_specs" not in options:
-            _register(cls)
 
     def _add(cls, spec: _Spec) -> None:
         if spec.attribute in cls._columns:
             owner = cls._columns[spec.attribute]._owner
-            raise ModelError(f"{cls.__name__}.{spec.attribute}: {owner} has a column of that name")
+            raise ModelError(f"{cls.__name__}.{spec.attribute}: {owner} has a column of that name; "
+                             f"give this one another")
         made = spec.make(cls, len(cls._columns))
         for other in cls._columns.values():
             if other._column == made._column:
-                raise ModelError(
-                    f"{cls.__name__}: {other._name} and {made._name} are both column "
-                    f"{made._column!r}"
-                )
-        if "\0" in made._column or made._column.startswith("__") or not made._column:
-            raise ModelError(f"{cls.__name__}: a column cannot be called {made._column!r}")
+                raise ModelError(f"{cls.__name__}: {other!r} and {made!r} are both column "
+                                 f"{made._column!r} in the database; give one another name=")
         cls._columns[spec.attribute] = made
         cls._own.append(made)
         type.__setattr__(cls, spec.attribute, made)
@@ -448,16 +430,35 @@ class TableMeta(type):
     def _add_index(cls, index: Any) -> None:
         if not isinstance(index, Index):
             raise ModelError(f"{cls.__name__}: indexes=[...] takes sg.Index(...), not {index!r}")
-        cls._need_columns(index)
+        index.check(cls.__name__, cls._columns)
+        if any(index.is_like(each) for each in cls._indexes):
+            raise ModelError(f"{cls.__name__}: an index over {', '.join(index._given)} is declared "
+                             f"twice; leave one out")
         cls._indexes.append(index)
-
-    def _need_columns(cls, index: Index) -> None:
-        for name, _ in index.columns:
-            if name not in cls._columns:
-                raise ModelError(f"{cls.__name__}: an index names {name!r}, which is no column")
 
     def __repr__(cls) -> str:
         return f"<table {cls._table_name or cls.__name__}>"
+
+
+def _made(mcs: Any, class_name: str, bases: tuple[type, ...], ns: dict[str, Any]) -> Any:
+    try:
+        return type.__new__(mcs, class_name, bases, ns)
+    except TypeError as error:  # as of a base that has an object layout of its own
+        others = [base.__name__ for base in bases if not isinstance(base, TableMeta)]
+        if not others:
+            raise
+        raise ModelError(f"{class_name} cannot derive from {', '.join(others)}: {error}; beside "
+                         f"its table's base a class takes plain mixins without slots") from error
+
+
+def _refuse_hidden_columns(cls: Any, inherited: list[_Spec]) -> None:
+    """An attribute of the class body would stand where a base's column is read."""
+    owners = {name: column._owner for name, column in cls._columns.items()}
+    owners |= {spec.attribute: "its abstract base" for spec in inherited}
+    for attribute in vars(cls):
+        if attribute in owners:
+            raise ModelError(f"{cls.__name__}.{attribute}: {owners[attribute]} has a column of that "
+                             f"name, which would be hidden; give this one another")
 
 
 def _concrete(base: Any) -> Any:
@@ -466,11 +467,11 @@ def _concrete(base: Any) -> Any:
     return base
 
 
-def _table_name(cls: Any, given: str | None) -> str:
+def _table_name(cls: Any, given: Any, made: bool) -> str:
     if given is not None:
-        if not given or not all(given.split(".")):
-            raise ModelError(f"{cls.__name__}: {given!r} is no name for a table")
-        return given
+        if not made:
+            need_table_name(cls.__name__, "name", given)
+        return str(given)
     space = cls._base._table_name.rpartition(".")[0] if cls._base is not None else ""
     return f"{space}.{cls.__name__}" if space else cls.__name__
 
@@ -529,17 +530,29 @@ def closure(models: Iterable[Any]) -> list[Any]:
             if each._kind == REFERENCE and each._target is not None:
                 add(each._target_class())
 
+    if not isinstance(models, Iterable) or isinstance(models, (TableMeta, str)):
+        raise ModelError(f"models= takes a list of classes, not {models!r}")
     for cls in models:
         if not isinstance(cls, TableMeta):
             raise ModelError(f"models=[...] takes classes derived from sg.Table, not {cls!r}")
         add(cls)
     for cls in found:  # grows meanwhile
-        for value in vars(cls).values():
-            if isinstance(value, Back):
-                source, column = value._resolve()
-                add(source)
-                _index_for_back(column)
+        for back in _backs_of(cls):
+            source, column = back._check()
+            add(source)
+            _index_for_back(column)
     _refuse_shared_names(found)
+    refuse_bad_was([(cls.__name__, cls._table_name, cls._was) for cls in found])
+    return found
+
+
+def _backs_of(cls: Any) -> list[Back[Any, Any]]:
+    """The back references of a class and of its abstract bases."""
+    found = []
+    at = cls
+    while at is not None and (at is cls or at._abstract):
+        found += [value for value in vars(at).values() if isinstance(value, Back)]
+        at = at.__base__ if isinstance(at.__base__, TableMeta) else None
     return found
 
 
@@ -553,8 +566,11 @@ def _refuse_shared_names(classes: list[Any]) -> None:
     by_name: dict[str, Any] = {}
     for cls in classes:
         other = by_name.setdefault(cls._table_name, cls)
-        if other is not cls:
-            raise ModelError(
-                f"{other.__module__}.{other.__qualname__} and {cls.__module__}.{cls.__qualname__} "
-                f"are both table {cls._table_name!r}"
-            )
+        if other is cls:
+            continue
+        shown = [f"{each.__module__}.{each.__qualname__}" for each in (other, cls)]
+        if shown[0] == shown[1]:
+            raise ModelError(f"{shown[0]} was defined twice, and both are in use here: define the "
+                             f"classes that derive from it or refer to it again too")
+        raise ModelError(f"{shown[0]} and {shown[1]} are both table {cls._table_name!r}; give one "
+                         f"another name=")

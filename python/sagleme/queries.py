@@ -10,7 +10,7 @@ from __future__ import annotations
 from collections.abc import Iterator
 from typing import Any, Generic, TypeVar
 
-from . import _core, models
+from . import _core, declarations
 from .errors import NotFound, SeveralFound, WrongType
 from .expressions import (
     Aggregate, Comparison, Condition, Expression, Logic, OneOf, Order, TextPart, conjuncts,
@@ -228,7 +228,7 @@ class Query(Generic[T]):
         else:
             order = key if isinstance(key, Order) else Order(path_of(key), False)
         steps(self._cls, order.path)
-        if order.path[-1]._kind in (models.BINARY, models.REFERENCE):
+        if order.path[-1]._kind in (declarations.BINARY, declarations.REFERENCE):
             raise WrongType(f"{show_path(order.path)} has no order; sort by a column of it")
         return order
 
@@ -244,7 +244,7 @@ class Query(Generic[T]):
         found = list(self._prefetch)
         for path in paths:
             steps_taken = self._path(path)
-            if steps_taken[-1]._kind != models.REFERENCE:
+            if steps_taken[-1]._kind != declarations.REFERENCE:
                 raise WrongType(f"prefetch takes references; {show_path(steps_taken)} is none")
             found.append(steps_taken)
         return self._copy(_prefetch=found)
@@ -290,7 +290,7 @@ class Query(Generic[T]):
         values: list[tuple[Any, ...]] = [()] if self._outputs is None else self._outputs
         rows = list(self._scan(access, keys + values, None, 0))
         for position in reversed(range(len(keys))):
-            key = _sort_key(position, keys[position][-1]._kind == models.STRING)
+            key = _sort_key(position, keys[position][-1]._kind == declarations.STRING)
             rows.sort(key=key, reverse=self._orders[position].descending)
         end = None if self._limit is None else self._offset + self._limit
         chosen = rows[self._offset:end]
@@ -427,7 +427,7 @@ def _sort_key(position: int, text: bool) -> Any:
                         else b"\1" + row[position].encode("utf-16-be", "surrogatepass"))
 
 
-_NUMBERS = {models.LONG, models.ULONG, models.DECIMAL, models.FLOAT, models.DOUBLE, models.KEY}
+_NUMBERS = {declarations.LONG, declarations.ULONG, declarations.DECIMAL, declarations.FLOAT, declarations.DOUBLE, declarations.KEY}
 
 
 def _need_number(each: Aggregate) -> None:
@@ -437,7 +437,7 @@ def _need_number(each: Aggregate) -> None:
 
 def _finished(each: Aggregate, results: Iterator[Any]) -> Any:
     value = next(results)
-    decimals = each.what in ("sum", "avg") and each.of[-1]._kind == models.DECIMAL
+    decimals = each.what in ("sum", "avg") and each.of[-1]._kind == declarations.DECIMAL
     if decimals:
         import decimal
 

@@ -7,8 +7,11 @@ import decimal
 from collections.abc import Callable, Iterable
 from typing import Any
 
-from . import _core, models
+from . import _core, declarations, models
 from .errors import SchemaError
+
+# Name, table, columns, and whether it is unique.
+IndexKey = tuple[str, str, list[tuple[str, bool]], bool]
 
 LABELS = ("instant", "background", "lossy", "refused")
 
@@ -20,10 +23,12 @@ class Step:
     later, by db.vacuum(). lossy: values are lost. refused: it cannot be done; the text says why.
     """
 
-    __slots__ = ("label", "text", "run", "rank")
+    __slots__ = ("label", "text", "run", "rank", "index")
 
-    def __init__(self, label: str, text: str, rank: int, run: Callable[[Any], None]) -> None:
+    def __init__(self, label: str, text: str, rank: int, run: Callable[[Any], None],
+                 index: IndexKey | None = None) -> None:
         self.label, self.text, self.rank, self.run = label, text, rank, run
+        self.index = index  # that it creates
 
     def __repr__(self) -> str:
         return f"{self.label:<10}  {self.text}"
@@ -39,6 +44,13 @@ class Plan(list[Step]):
     def labels(self) -> set[str]:
         return {step.label for step in self}
 
+    def _indexes(self) -> list[IndexKey]:
+        """What can be built before the plan is made: none if the plan moves what it is built on, or
+        has steps that objects may refuse."""
+        if any(step.rank not in _IN_PLACE for step in self):
+            return []
+        return [step.index for step in self if step.index is not None]
+
     def _repr_html_(self) -> str:
         from .html import table_of
 
@@ -47,7 +59,8 @@ class Plan(list[Step]):
 
 # The order in which changes can be made.
 (_DROP_INDEX, _RENAME_TABLE, _RENAME_COLUMN, _DROP_COLUMN, _CREATE_TABLE, _ADD_COLUMNS, _FINISH,
- _CREATE_INDEX, _RULE, _ANNOTATE, _REFUSED) = range(11)
+ _CREATE_INDEX, _RULE, _BARE, _ANNOTATE, _REFUSED) = range(12)
+_IN_PLACE = {_DROP_INDEX, _CREATE_TABLE, _ADD_COLUMNS, _FINISH, _CREATE_INDEX, _ANNOTATE}
 
 
 def _refused(text: str) -> Step:
@@ -59,21 +72,21 @@ def _refused(text: str) -> Step:
 
 def column_type(entry: dict[str, Any]) -> str:
     """The type of a column of the catalogue, as a class would annotate it."""
-    name = entry["target"] if entry["type"] == models.REFERENCE else models.TYPE_NAMES[entry["type"]]
+    name = entry["target"] if entry["type"] == declarations.REFERENCE else declarations.TYPE_NAMES[entry["type"]]
     return f"{name} | None" if entry["nullable"] else str(name)
 
 
 def field_type(column: Any) -> str:
-    if column._kind == models.REFERENCE:
+    if column._kind == declarations.REFERENCE:
         name = column._target_class()._table_name
     else:
-        name = models.TYPE_NAMES[column._kind]
+        name = declarations.TYPE_NAMES[column._kind]
     return f"{name} | None" if column._nullable else name
 
 
 def _spec(column: Any) -> tuple[str, int, bool, str]:
     target = column._target_class()
-    return (column._column, models.STORED[column._kind], column._nullable,
+    return (column._column, declarations.STORED[column._kind], column._nullable,
             target._table_name if target is not None else "")
 
 
@@ -82,9 +95,9 @@ _EPOCH = datetime.datetime(1970, 1, 1, tzinfo=datetime.timezone.utc)
 
 def stored_default(kind: int, value: Any) -> Any:
     """A default as the extension takes it."""
-    if kind == models.DECIMAL:
+    if kind == declarations.DECIMAL:
         return int(value.scaleb(6))
-    if kind == models.DATETIME:
+    if kind == declarations.DATETIME:
         return (value - _EPOCH) // datetime.timedelta(microseconds=1)
     return value
 
@@ -92,7 +105,7 @@ def stored_default(kind: int, value: Any) -> Any:
 def shown_default(entry: dict[str, Any]) -> Any:
     """The default that the catalogue has, as a class would write it."""
     value = entry["default"]
-    if entry["type"] != models.DECIMAL or value is None:
+    if entry["type"] != declarations.DECIMAL or value is None:
         return value
     return decimal.Decimal(f"{decimal.Decimal(value).scaleb(-6):f}".rstrip("0").rstrip("."))
 
@@ -137,7 +150,7 @@ class _Planner:
         name = cls._table_name
         base = cls._base._table_name if cls._base is not None else ""
         columns = [_spec(each) for each in cls._own]
-        self.new_references |= any(each._kind == models.REFERENCE for each in cls._own)
+        self.new_references |= any(each._kind == declarations.REFERENCE for each in cls._own)
         shown = ", ".join(f"{each._column}: {field_type(each)}" for each in cls._own)
         under = f" under {base}" if base else ""
         self.steps.append(Step("instant", f"create table {name}{under} ({shown})", _CREATE_TABLE,
@@ -191,13 +204,13 @@ class _Planner:
 
     def _compare(self, cls: Any, column: Any, before: dict[str, Any]) -> None:
         name, type_, nullable, target = _spec(column)
-        same_target = type_ != models.REFERENCE or self._new_name(before["target"]) == target
+        same_target = type_ != declarations.REFERENCE or self._new_name(before["target"]) == target
         if before["type"] == type_ and before["nullable"] == nullable and same_target:
             return
         self.steps.append(_refused(
             f"column {cls._table_name}.{name} is {column_type(before)} in the database and "
-            f"{field_type(column)} in class {cls.__name__}; a column's type cannot change: "
-            f"declare a new column and copy the values"))
+            f"{field_type(column)} as {column!r}; a column's type cannot change: declare a new "
+            f"column and copy the values"))
 
     def _rule(self, cls: Any, column: Any, before: str) -> None:
         rule = column._on_delete
@@ -215,8 +228,8 @@ class _Planner:
                            lambda tx: _core.set_comment(tx, table, "", comment))
         if bare is not None and bool(bare) != (before["abstract"] if before else False):
             what = "abstract" if bare else "no longer abstract"
-            self._annotate(f"table {table} is {what}",
-                           lambda tx: _core.set_abstract(tx, table, bool(bare)))
+            self.steps.append(Step("instant", f"table {table} is {what}", _BARE,
+                                   lambda tx: _core.set_abstract(tx, table, bool(bare))))
 
     def _annotate_column(self, cls: Any, column: Any, before: dict[str, Any] | None) -> None:
         table, name, comment = cls._table_name, column._column, column._comment
@@ -247,7 +260,7 @@ class _Planner:
 
     def _add_columns(self, cls: Any, added: list[Any]) -> None:
         table, columns = cls._table_name, [_spec(each) for each in added]
-        self.new_references |= any(each._kind == models.REFERENCE for each in added)
+        self.new_references |= any(each._kind == declarations.REFERENCE for each in added)
         shown = ", ".join(f"{each._column}: {field_type(each)}" for each in added)
         self.steps.append(Step("instant", f"add to table {table} ({shown})", _ADD_COLUMNS,
                                lambda tx: _core.add_columns(tx, table, columns)))
@@ -259,8 +272,11 @@ class _Planner:
         for index in table["indexes"]:
             names = {**inherited, **kept}
             columns = tuple((names.get(name, ""), up) for name, up in index["columns"])
-            if wanted.pop((columns, index["unique"]), None) is None:
+            same = wanted.pop((columns, index["unique"]), None)
+            if same is None:
                 self._drop_index(cls, index)
+            else:
+                self._annotate_index(index["name"], index["comment"], same.comment)
         for index in wanted.values():
             self._create_index(cls, index)
 
@@ -275,8 +291,17 @@ class _Planner:
         name = index_name(table, columns, index.unique)
         shown = ", ".join(each if up else f"{each} backwards" for each, up in columns)
         text = f"create {'unique ' if index.unique else ''}index over {table} ({shown})"
-        self.steps.append(Step("background", text, _CREATE_INDEX, lambda tx: _core.create_index(
-            tx, name, table, list(columns), index.unique)))
+        key = (name, table, list(columns), index.unique)
+        self.steps.append(Step("background", text, _CREATE_INDEX,
+                               lambda tx: _core.create_index(tx, *key), key))
+        self._annotate_index(name, "", index.comment)
+
+    def _annotate_index(self, name: str, before: str, comment: str | None) -> None:
+        if comment is None or comment == before:
+            return
+        text = comment
+        self._annotate(f"comment on index {name}: {text!r}",
+                       lambda tx: _core.set_index_comment(tx, name, text))
 
 
 def index_name(table: str, columns: Iterable[tuple[str, bool]], unique: bool) -> str:
@@ -316,6 +341,11 @@ def _described_column(entry: dict[str, Any]) -> dict[str, Any]:
     return found | {name: value for name, value in annotations.items() if value is not None}
 
 
+def _described_index(entry: dict[str, Any]) -> dict[str, Any]:
+    found = {name: entry[name] for name in ("name", "unique", "columns")}
+    return found | ({"comment": entry["comment"]} if entry["comment"] else {})
+
+
 def described(table: dict[str, Any]) -> dict[str, Any]:
     """A table as a plain dictionary."""
     return {
@@ -324,8 +354,7 @@ def described(table: dict[str, Any]) -> dict[str, Any]:
         "comment": table["comment"],
         "abstract": table["abstract"],
         "columns": [_described_column(each) for each in _own_columns(table)],
-        "indexes": [{"name": each["name"], "unique": each["unique"], "columns": each["columns"]}
-                    for each in table["indexes"]],
+        "indexes": [_described_index(each) for each in table["indexes"]],
     }
 
 
@@ -357,7 +386,8 @@ def _table_in_words(table: dict[str, Any]) -> str:
         lines.append(f"    {each['name']}: {each['type']}" + (f"  # {more}" if more else ""))
     for index in table["indexes"]:
         names = ", ".join(name if up else f"-{name}" for name, up in index["columns"])
-        lines.append(f"    {'unique ' if index['unique'] else ''}index ({names})")
+        more = f"  # {' '.join(index['comment'].splitlines())}" if "comment" in index else ""
+        lines.append(f"    {'unique ' if index['unique'] else ''}index ({names}){more}")
     return "\n".join([_head_of(table), *lines])
 
 
@@ -393,10 +423,11 @@ def misfit_of(cls: Any, tables: dict[str, Any]) -> str:
         if before is None:
             return (f"class {cls.__name__} does not fit table {cls._table_name}, which has no "
                     f"column {name}; db.apply() adds it")
-        same_target = type_ != models.REFERENCE or before["target"] == target
+        same_target = type_ != declarations.REFERENCE or before["target"] == target
         if before["type"] != type_ or before["nullable"] != nullable or not same_target:
             return (f"class {cls.__name__} does not fit table {cls._table_name}: column {name} is "
-                    f"{column_type(before)} there and {field_type(column)} in the class")
+                    f"{column_type(before)} there and {field_type(column)} as {column!r}; "
+                    f"db.plan() shows more")
     return ""
 
 
@@ -438,10 +469,10 @@ def _made_class(table: dict[str, Any], base: Any, own: list[dict[str, Any]]) -> 
         while attribute in models._TAKEN or attribute.startswith("_") or attribute in base._columns:
             attribute = attribute.lstrip("_") + "_"
         default = shown_default(each)
-        options = models._Options(default, each["name"], stored=default is not None,
+        options = declarations.Options(default, each["name"], stored=default is not None,
                                   on_delete=each["on_delete"] or None,
                                   comment=each["comment"] or None)
-        target = (each["target"] or None) if each["type"] == models.REFERENCE else None
+        target = (each["target"] or None) if each["type"] == declarations.REFERENCE else None
         specs.append(models._Spec(attribute, each["type"], each["nullable"], target, options))
     meta: Any = models.TableMeta
     body = {"__module__": "sagleme.made", "__doc__": table["comment"] or None}

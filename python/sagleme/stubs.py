@@ -92,13 +92,16 @@ def _attribute(name: str) -> str:
 
 def _is_simple(index: dict[str, Any], attributes: dict[str, str]) -> bool:
     columns = index["columns"]
-    return len(columns) == 1 and columns[0][1] and columns[0][0] in attributes
+    plain = len(columns) == 1 and columns[0][1] and "comment" not in index
+    return plain and columns[0][0] in attributes
 
 
 def _index_source(index: dict[str, Any], attributes: dict[str, str]) -> str:
     shown = [f'"{"" if up else "-"}{attributes.get(name, _attribute(name))}"'
              for name, up in index["columns"]]
-    return f"sg.Index({', '.join(shown + (['unique=True'] if index['unique'] else []))})"
+    options = ["unique=True"] if index["unique"] else []
+    options += [f"comment={index['comment']!r}"] if "comment" in index else []
+    return f"sg.Index({', '.join(shown + options)})"
 
 
 def _column_source(column: dict[str, Any], attribute: str, table: dict[str, Any],

@@ -79,6 +79,14 @@ PyObject* SetComment(PyObject*, PyObject* args) {
   });
 }
 
+PyObject* SetIndexComment(PyObject*, PyObject* args) {
+  return WithTexts(args, "OUU", [](auto& kernel, auto& index, auto& text, auto&) {
+    auto const found = kernel.FindIndex(index);
+    if (!found) throw sagleme::Error(SAGLEME_INDEX_NOT_FOUND, "There is no such index.");
+    sagleme::SetComment(kernel, *found, sagleme::ToUtf8(text));
+  });
+}
+
 PyObject* SetDefault(PyObject*, PyObject* args) {
   PyObject* transaction = nullptr;
   PyObject* table = nullptr;

@@ -34,6 +34,9 @@ struct Annotated {
   PyObject* Comment(sagleme::Table const& table, sagleme::Column const& column) const {
     return any ? FromUtf8(sagleme::CommentOf(kernel, table, column)) : FromUtf8("");
   }
+  PyObject* Comment(sagleme::Index const& index) const {
+    return any ? FromUtf8(sagleme::CommentOf(kernel, index)) : FromUtf8("");
+  }
   PyObject* Default(sagleme::Table const& table, sagleme::Column const& column) const {
     return FromValue(any ? sagleme::DefaultOf(kernel, table, column) : sagleme::Value());
   }
@@ -56,15 +59,15 @@ PyObject* ColumnEntry(Annotated const& annotated, sagleme::Table const& table,
                        annotated.Default(table, column), "id", column.id.value);
 }
 
-PyObject* IndexEntry(sagleme::Index const& index) {
+PyObject* IndexEntry(Annotated const& annotated, sagleme::Index const& index) {
   Ref columns(Need(PyList_New(0)));
   for (auto const& column : index.columns) {
     Append(columns.get(),
            Py_BuildValue("(NN)", FromUnits(column.name), PyBool_FromLong(column.ascending)));
   }
-  return Py_BuildValue("{sNsNsKsKsN}", "name", FromUnits(index.name), "unique",
+  return Py_BuildValue("{sNsNsKsKsNsN}", "name", FromUnits(index.name), "unique",
                        PyBool_FromLong(index.unique), "handle", index.handle, "id", index.id.value,
-                       "columns", columns.release());
+                       "columns", columns.release(), "comment", annotated.Comment(index));
 }
 
 PyObject* TableEntry(Annotated const& annotated, sagleme::Table const& table) {
@@ -72,7 +75,7 @@ PyObject* TableEntry(Annotated const& annotated, sagleme::Table const& table) {
   for (auto const& column : table.columns)
     Append(columns.get(), ColumnEntry(annotated, table, column));
   Ref indexes(Need(PyList_New(0)));
-  for (auto const& index : table.indexes) Append(indexes.get(), IndexEntry(index));
+  for (auto const& index : table.indexes) Append(indexes.get(), IndexEntry(annotated, index));
   return Py_BuildValue("{sNsNsNsisKsNsNsNsN}", "name", FromUnits(table.name), "base",
                        FromUnits(table.base), "setspec", FromUnits(table.setspec), "layout",
                        static_cast<int>(table.layout), "id", table.id().value, "columns",

@@ -38,23 +38,28 @@ PyObject* Catalogue(PyObject* module, PyObject* transaction);
 PyObject* CreateTable(PyObject* module, PyObject* args);  // name, base, columns
 PyObject* AddColumns(PyObject* module, PyObject* args);   // table, columns
 PyObject* FinishReferences(PyObject* module, PyObject* args);
-PyObject* DropColumn(PyObject* module, PyObject* args);    // table, column
-PyObject* SetOnDelete(PyObject* module, PyObject* args);   // table, column, rule
-PyObject* SetComment(PyObject* module, PyObject* args);    // table, column or "", text
-PyObject* SetDefault(PyObject* module, PyObject* args);    // table, column, value or None
-PyObject* SetAbstract(PyObject* module, PyObject* args);   // table, whether
-PyObject* RenameColumn(PyObject* module, PyObject* args);  // table, column, new name
-PyObject* RenameTable(PyObject* module, PyObject* args);   // table, new name
-PyObject* DropTable(PyObject* module, PyObject* args);     // table, with its descendants
-PyObject* CreateIndex(PyObject* module, PyObject* args);   // name, table, columns, unique
-PyObject* DropIndex(PyObject* module, PyObject* args);     // name
+PyObject* DropColumn(PyObject* module, PyObject* args);       // table, column
+PyObject* SetOnDelete(PyObject* module, PyObject* args);      // table, column, rule
+PyObject* SetComment(PyObject* module, PyObject* args);       // table, column or "", text
+PyObject* SetIndexComment(PyObject* module, PyObject* args);  // index, text
+PyObject* SetDefault(PyObject* module, PyObject* args);       // table, column, value or None
+PyObject* SetAbstract(PyObject* module, PyObject* args);      // table, whether
+PyObject* RenameColumn(PyObject* module, PyObject* args);     // table, column, new name
+PyObject* RenameTable(PyObject* module, PyObject* args);      // table, new name
+PyObject* DropTable(PyObject* module, PyObject* args);        // table, with its descendants
+PyObject* CreateIndex(PyObject* module, PyObject* args);      // name, table, columns, unique
+PyObject* DropIndex(PyObject* module, PyObject* args);        // name
 
 // vacuum(context, objects in a batch, report or None): moves objects to the shape of their tables.
 // `report` is called with a dictionary after each batch; False ends the run.
 PyObject* Vacuum(PyObject* module, PyObject* args);
-// build_index(context, name, table, columns, unique, objects in a batch, report or None): whether
-// it was built to the end. `report` is called as that of vacuum.
+// build_index(context, (name, table, columns, unique), whether to create it too, objects in a
+// batch, report or None): whether it was built to the end. `report` is called as that of vacuum. One
+// that is not to be created is forgotten if it cannot be for its duplicates.
 PyObject* BuildIndex(PyObject* module, PyObject* args);
+// indexes_to_prepare(transaction, [(name, table, columns, unique)], objects): the names of those
+// that are worth building beside writers, since their tables have so many objects.
+PyObject* IndexesToPrepare(PyObject* module, PyObject* args);
 // jobs(context) -> [a dictionary of each]. The others take (context, id), and a report or None if
 // their work is long, and return whether it was done to the end.
 PyObject* Jobs(PyObject* module, PyObject* context);

@@ -30,25 +30,82 @@ PyObject* FindingOf(sagleme::Finding const& finding) {
                        static_cast<Py_ssize_t>(finding.what.size()));
 }
 
-}  // namespace
-
-PyObject* BuildIndex(PyObject*, PyObject* args) {
-  PyObject* context_object = nullptr;
+// Of (name, table, columns, unique).
+sagleme::IndexSpec IndexFrom(PyObject* told) {
   PyObject* name = nullptr;
   PyObject* table = nullptr;
   PyObject* columns = nullptr;
   int unique = 0;
+  if (!PyArg_ParseTuple(told, "UUOp", &name, &table, &columns, &unique)) throw PythonError{};
+  return {ToUnits(name), ToUnits(table), IndexColumns(columns),
+          unique != 0 ? sagleme::Uniqueness::kUnique : sagleme::Uniqueness::kAny};
+}
+
+sagleme::change::CreateIndex CreationOf(sagleme::IndexSpec const& index) {
+  sagleme::change::CreateIndex creation;
+  creation.table = sagleme::ToUtf8(index.table);
+  creation.index.name = sagleme::ToUtf8(index.name);
+  creation.index.unique = index.uniqueness == sagleme::Uniqueness::kUnique;
+  for (auto const& column : index.columns) {
+    creation.index.columns.push_back({sagleme::ToUtf8(column.name), !column.ascending});
+  }
+  return creation;
+}
+
+// Every writer would pay for the upkeep of a build that can come to nothing.
+bool Prepare(sagleme::Context const& context, sagleme::IndexSpec const& index,
+             sagleme::IndexBuildOptions const& options) {
+  try {
+    return sagleme::PrepareIndex(context, index, options);
+  } catch (sagleme::Error const& error) {
+    if (error.status() != LSCOREDB_DUPLICATE_KEY) throw;
+    for (sagleme::IndexBuild const& build : sagleme::IndexBuilds(context)) {
+      bool const same = build.index.name == index.name && build.index.table == index.table;
+      if (same) sagleme::AbandonIndexBuild(context, build.id);
+    }
+    throw;
+  }
+}
+
+}  // namespace
+
+PyObject* IndexesToPrepare(PyObject*, PyObject* args) {
+  PyObject* transaction = nullptr;
+  PyObject* indexes = nullptr;
+  unsigned long long objects = 0;
+  if (!PyArg_ParseTuple(args, "OOK", &transaction, &indexes, &objects)) return nullptr;
+  return Guard([&] {
+    sagleme::Transaction& kernel = KernelOf(transaction);
+    sagleme::Plan plan;
+    Ref const list(Need(PySequence_Fast(indexes, "indexes are a list")));
+    for (Py_ssize_t i = 0; i < PySequence_Fast_GET_SIZE(list.get()); ++i) {
+      plan.emplace_back(CreationOf(IndexFrom(PySequence_Fast_GET_ITEM(list.get(), i))));
+    }
+    std::vector<sagleme::IndexSpec> found;
+    Away(As<Transaction>(transaction),
+         [&] { found = sagleme::IndexesToPrepare(kernel, plan, objects); });
+    Ref names(Need(PyList_New(0)));
+    for (sagleme::IndexSpec const& each : found) {
+      Ref const name(Need(FromUnits(each.name)));
+      if (PyList_Append(names.get(), name.get()) != 0) throw PythonError{};
+    }
+    return names.release();
+  });
+}
+
+PyObject* BuildIndex(PyObject*, PyObject* args) {
+  PyObject* context_object = nullptr;
+  PyObject* told = nullptr;
+  int create = 0;
   unsigned int batch = 0;
   PyObject* report = nullptr;
-  if (!PyArg_ParseTuple(args, "O!UUOpIO", &g_context_type, &context_object, &name, &table, &columns,
-                        &unique, &batch, &report)) {
+  if (!PyArg_ParseTuple(args, "O!O!pIO", &g_context_type, &context_object, &PyTuple_Type, &told,
+                        &create, &batch, &report)) {
     return nullptr;
   }
   return Guard([&] {
     auto* const context = IdleContext(context_object, "an index is built");
-    sagleme::IndexSpec const index{
-        ToUnits(name), ToUnits(table), IndexColumns(columns),
-        unique != 0 ? sagleme::Uniqueness::kUnique : sagleme::Uniqueness::kAny};
+    sagleme::IndexSpec const index = IndexFrom(told);
     sagleme::IndexBuildOptions options;
     options.batch = batch;
     options.report = [report](auto const& done) {
@@ -57,7 +114,8 @@ PyObject* BuildIndex(PyObject*, PyObject* args) {
     bool const built = NotStopped([&] {
       Working const working(context->database);
       Unlocked const unlocked;
-      return sagleme::BuildIndex(*context->handle, index, options);
+      return create != 0 ? sagleme::BuildIndex(*context->handle, index, options)
+                         : Prepare(*context->handle, index, options);
     });
     if (PyErr_Occurred()) throw PythonError{};
     return PyBool_FromLong(built ? 1 : 0);

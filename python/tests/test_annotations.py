@@ -7,6 +7,7 @@ import pytest
 
 import sagleme as sg
 from sagleme import statuses
+from sagleme.stubs import source_of
 
 
 class Party(sg.Table, name="Shop.Party"):
@@ -63,12 +64,10 @@ def test_last_reference_takes_its_target_along(make):
         assert tx.get(Party, id) is None
 
 
-def test_unknown_rules_and_rules_of_other_columns_are_refused():
+def test_unknown_rules_are_refused():
     with pytest.raises(sg.ModelError, match="not 'explode'"):
-        sg.ref(on_delete="explode")
-    with pytest.raises(sg.ModelError, match="on_delete is for references"):
-        class Wrong(sg.Table, name="Shop.Wrong"):
-            name: str | None = sg.ref(on_delete="refuse")
+        class Wrong(sg.Table):
+            other: "Wrong | None" = sg.ref(on_delete="explode")
 
 
 class Part(sg.Table, name="Shop.Part", abstract=True):
@@ -169,6 +168,33 @@ def test_classes_from_the_catalogue_have_annotations(make):
             assert tx.new(db["Wheel"]).weight == decimal.Decimal("1.5")
 
 
+def test_indexes_have_comments(make):
+    class Before(sg.Table, name="Thing", indexes=[sg.Index("a", "-b", comment="for the list")]):
+        a: int = 0
+        b: int = 0
+
+    def shown(db):
+        return [(index["columns"], index.get("comment")) for index in db.schema()[0]["indexes"]]
+
+    with sg.open("shop", models=[Before]) as db:
+        assert "instant     comment on index Thing.a+-b: 'for the list'" in map(repr, db.plan())
+        db.apply()
+        assert str(db.plan()) == "nothing to do"
+        assert shown(db) == [([("a", True), ("b", False)], "for the list")]
+        assert "index (a, -b)  # for the list" in str(db.describe(Before))
+        assert "comment='for the list'" in source_of(db.schema())
+
+    class After(sg.Table, name="Thing", indexes=[sg.Index("a", "-b", comment="")]):
+        a: int = 0
+        b: int = 0
+
+    with sg.open("shop", models=[After]) as db:
+        assert [repr(step) for step in db.plan()] == [
+            "instant     comment on index Thing.a+-b: ''"]
+        db.apply()
+        assert shown(db) == [([("a", True), ("b", False)], None)]
+
+
 def test_an_abstract_table_with_objects_is_refused(make):
     class Before(sg.Table, name="Shop.Thing"):
         size: int = 0
@@ -183,10 +209,3 @@ def test_an_abstract_table_with_objects_is_refused(make):
 
     with sg.open("shop", models=[After]) as db, pytest.raises(sg.Error, match="1"):
         db.apply()
-
-
-def test_bad_annotations_are_refused():
-    with pytest.raises(sg.ModelError, match="none to keep"):
-        sg.column(stored=True)
-    with pytest.raises(sg.ModelError, match="a comment is a text, not 7"):
-        sg.column(comment=7)

@@ -186,7 +186,7 @@ def test_a_child_opens_its_own(db):
 def test_the_schema_is_told(db):
     change(db)
     with db.changes(follow=True) as changes, db.write() as tx:
-        sg._core.add_columns(tx, "Shop.Item", [("note", sg.models.STRING, True, "")])
+        sg._core.add_columns(tx, "Shop.Item", [("note", sg.declarations.STRING, True, "")])
         tx.commit()
         found = next(changes)
         assert (found.kind, found.object, found.table) == ("schema", None, "")

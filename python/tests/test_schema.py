@@ -89,8 +89,8 @@ def test_tables_are_renamed_and_types_refused(shop):
         with sg.open("shop", models=[item], sync=False) as db:
             plan = lines(db)
             assert "instant     rename table Shop.Item to Shop.Article" in plan
-            assert any("column Shop.Article.isbn is str | None in the database and int in class "
-                       "Item" in line for line in plan)
+            assert any("column Shop.Article.isbn is str | None in the database and int as "
+                       "Item.isbn" in line for line in plan)
             with pytest.raises(sg.SchemaError, match="a column's type cannot change"):
                 db.apply(allow={"instant", "background", "lossy"})
             with db.read() as tx, pytest.raises(sg.SchemaError, match="has no table Shop.Article"):
@@ -105,22 +105,6 @@ def test_a_was_that_names_nothing_is_ignored():
 
     with sg.open("new", models=[Item]) as db:
         assert lines(db) == ["instant     create table Item (code: str | None)"]
-
-
-def test_names_that_change_places():
-    class First(sg.Table, name="Swap"):
-        a: int = 0
-        b: int = 0
-
-    class Second(sg.Table, name="Swap"):
-        b: int = sg.column(0, was="a")
-        a: int = sg.column(0, was="b")
-
-    with sg.open("swap", models=[First]) as db:
-        db.apply()
-    # Columns that have their names already are not renamed: was tells of the past only.
-    with sg.open("swap", models=[Second]) as db:
-        assert lines(db) == []
 
 
 def test_a_base_cannot_change():

@@ -203,7 +203,7 @@ def test_rules_of_references_hold(make):
 def test_a_changed_schema_is_seen(db):
     assert db.sql("SELECT count(*) FROM Book").value() == 20
     with db.write() as tx:
-        sg._core.add_columns(tx, "Library.Book", [("shelf", sg.models.LONG, True, "")])
+        sg._core.add_columns(tx, "Library.Book", [("shelf", sg.declarations.LONG, True, "")])
     assert db.sql("SELECT shelf FROM Book LIMIT 1").value() is None
 
 

@@ -137,6 +137,96 @@ def test_an_index_is_built_beside_writers(make):
         in_child(work)
 
 
+def things(rows):
+    """A table with objects, in a process of its own."""
+    class Thing(sg.Table):
+        size: int = 0
+        name: str | None
+
+    def fill():
+        with sg.open("things", models=[Thing], sync=False) as db:
+            db.apply()
+            with db.write() as tx:
+                tx.insert_many(Thing, rows)
+
+    in_child(fill)
+
+
+class Indexed(sg.Table, name="Thing"):
+    size: int = sg.column(0, index=True)
+    name: str | None = sg.column(unique=True)
+    weight: int = 0
+
+
+def test_a_plan_is_applied_beside_writers():
+    things([(i, str(i)) for i in range(200)])
+    told = []
+
+    def report(each):
+        told.append(each)
+        with sg.open("things") as other:  # nobody waits
+            other.sql("UPDATE Thing SET size = size + 1 WHERE name = '7'")
+
+    with sg.open("things", models=[Indexed], sync=False) as db:
+        assert len(db.plan()) == 3
+        plan = db.apply(beside_writers=True, objects=100, batch=50, report=report)
+        assert len(plan) == 3 and str(db.plan()) == "nothing to do" and db.jobs() == []
+        assert {each["index"] for each in told} == {"Thing.size", "Thing.name unique"}
+        assert len(told) > 8 and all(each["state"] for each in told)
+        with db.read() as tx:
+            found = tx.all(Indexed).where(size=7 + len(told)).order("name")
+            assert "Thing.size" in found.explain()
+            assert "7" in [each.name for each in found]
+        assert db.apply(beside_writers=True) == []
+
+
+def test_what_was_built_beside_writers_is_kept_for_the_next_apply():
+    things([(i, str(i)) for i in range(200)])
+    with sg.open("things", models=[Indexed], sync=False) as db:
+        assert db.apply(beside_writers=True, objects=100, batch=50, report=lambda told: False) == []
+        assert len(db.plan()) == 3
+        [job] = db.jobs()
+        assert job.state == "cut off"
+        assert len(db.apply(beside_writers=True, objects=100, batch=50)) == 3
+        assert db.jobs() == []
+
+
+def test_small_tables_and_other_changes_are_applied_in_one_transaction():
+    things([(i, str(i)) for i in range(50)])
+    told = []
+    with sg.open("things", models=[Indexed], sync=False) as db:
+        assert len(db.apply(beside_writers=True, report=told.append)) == 3
+        assert told == []
+
+    class Renamed(sg.Table, name="Thing"):
+        size: int = 0
+        title: str | None = sg.column(was="name", index=True)
+
+    def change():
+        with sg.open("things", models=[Renamed], sync=False) as db:
+            db.apply(allow={"instant", "background", "lossy"}, beside_writers=True, objects=1,
+                     report=told.append)
+            assert str(db.plan()) == "nothing to do"
+        assert told == []
+
+    in_child(change)
+
+
+def test_duplicates_found_beside_writers_leave_nothing_behind():
+    things([(i, "same") for i in range(200)])
+    with sg.open("things", models=[Indexed], sync=False) as db:
+        with pytest.raises(sg.DuplicateKey, match="same"):
+            db.apply(beside_writers=True, objects=100, batch=50)
+        assert len(db.plan()) >= 2
+        assert [job.kind for job in db.jobs() if "unique" in job.description] == []
+        with db.read(), pytest.raises(sg.NestedTransaction):
+            db.apply(beside_writers=True)
+        with pytest.raises(sg.SchemaError, match="not allowed"):
+            db.apply(allow={"instant"}, beside_writers=True, objects=100)
+        with pytest.raises(sg.WrongType, match="at least one object, not 0"):
+            db.apply(batch=0)
+
+
 def test_a_unique_index_names_duplicates(make):
     db = make(*MODELS)
     fill(db)
