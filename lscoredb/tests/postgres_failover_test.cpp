@@ -1,12 +1,13 @@
 // Several processes commit through proxies that delay every request and cut some of them, while
 // their server is killed and its standby is promoted, while it stands still, and while it starts
 // anew: nothing that was acknowledged is lost, nothing is done twice, and every commit in doubt has
-// an outcome.
+// an outcome. One more process follows the changes, and is told each of them once.
 //
 // Commits are durable here, unlike in other tests: each waits for the standby. With
 // SAGLEME_TEST_SECONDS in the environment the server is disturbed in random order for so long,
 // otherwise once in each way.
 
+#include <lscoredb/changes.h>
 #include <lscoredb/server.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -17,6 +18,7 @@
 #include <filesystem>
 #include <fstream>
 #include <list>
+#include <map>
 #include <memory>
 #include <random>
 #include <sstream>
@@ -57,6 +59,17 @@ Bank MakeBank(Session& session) {
   return bank;
 }
 
+// The first attempts may come before the proxies, or be cut.
+std::unique_ptr<Database> OpenAtLast(std::string const& url) {
+  for (;;) {
+    try {
+      return std::make_unique<Database>(url, DefaultOptions());
+    } catch (std::exception const&) {
+      std::this_thread::sleep_for(kPause);
+    }
+  }
+}
+
 // One worker, in a process of its own.
 class Worker {
  public:
@@ -84,17 +97,6 @@ class Worker {
   std::size_t asked() const { return asked_; }
 
  private:
-  // The first attempts may come before the proxies, or be cut.
-  static std::unique_ptr<Database> OpenAtLast(std::string const& url) {
-    for (;;) {
-      try {
-        return std::make_unique<Database>(url, DefaultOptions());
-      } catch (std::exception const&) {
-        std::this_thread::sleep_for(kPause);
-      }
-    }
-  }
-
   std::uint32_t Transfer() {
     if (auto const status = lscoredb_begin(session_.context(), LSCOREDB_READ_WRITE)) return status;
     Oid const from = bank_.accounts[random_() % kAccounts];
@@ -138,6 +140,67 @@ pid_t StartWorker(std::string const& url, Bank const& bank, std::size_t number,
     _exit(0);
   } catch (std::exception const& failure) {
     std::fprintf(stderr, "worker %zu: %s\n", number, failure.what());
+    _exit(1);
+  }
+}
+
+// Reads changes in a process of its own. What fails for the server's sake is tried again.
+class Follower {
+ public:
+  Follower(std::string const& url, std::uint64_t after) : database_(OpenAtLast(url)) {
+    Again([&] { return lscoredb_changes_open(database_->get(), after, UINT32_MAX, &changes_); });
+  }
+  ~Follower() { lscoredb_changes_close(changes_); }
+  Follower(Follower const&) = delete;
+  Follower& operator=(Follower const&) = delete;
+
+  // Until there is nothing more after the file `end` was there. Returns how often each object
+  // changed.
+  std::map<Oid, std::int64_t> Run(std::string const& end) {
+    std::map<Oid, std::int64_t> counts;
+    for (;;) {
+      bool const last = access(end.c_str(), F_OK) == 0;
+      while (lscoredb_change const* const change = Next()) ++counts[change->object];
+      if (last) return counts;
+      std::this_thread::sleep_for(kPause);
+    }
+  }
+
+ private:
+  template <typename Call>
+  static void Again(Call const& call) {
+    for (;;) {
+      std::uint32_t const status = call();
+      if (status == 0) return;
+      if (status != LSCOREDB_SERVER_LOST) throw Unexpected("follower", status);
+      std::this_thread::sleep_for(kPause);
+    }
+  }
+  lscoredb_change const* Next() {
+    lscoredb_change const* change = nullptr;
+    Again([&] { return lscoredb_changes_next(changes_, &change); });
+    return change;
+  }
+
+  std::unique_ptr<Database> database_;
+  lscoredb_changes* changes_ = nullptr;
+};
+
+pid_t StartFollower(std::string const& url, std::uint64_t after, Bank const& bank,
+                    std::string const& directory) {
+  pid_t const child = fork();
+  if (child != 0) return child;
+  try {
+    std::map<Oid, std::int64_t> const counts =
+        Follower(url + kTimeout, after).Run(directory + "/written");
+    std::ofstream file(directory + "/followed");
+    for (Oid const counter : bank.counters) {
+      file << (counts.contains(counter) ? counts.at(counter) : 0) << ' ';
+    }
+    file.close();
+    _exit(0);
+  } catch (std::exception const& failure) {
+    std::fprintf(stderr, "follower: %s\n", failure.what());
     _exit(1);
   }
 }
@@ -212,12 +275,19 @@ TEST(PostgresFailoverTest, Commits_AreNeitherLostNorAppliedTwice) {
   std::string const url = lscore::NewServerUrl();
   TemporaryDirectory const directory;
   Bank bank;
+  std::uint64_t before = 0;
   {
     Database const database(url, DefaultOptions());
     Session session(database);
     bank = MakeBank(session);
+    lscoredb_kept_changes kept{};
+    kept.size = sizeof kept;
+    Check("keep_changes", lscoredb_keep_changes(database.get(), std::uint64_t{1} << 40, 0));
+    Check("kept", lscoredb_kept(database.get(), &kept));
+    before = kept.last;
   }
   Proxies const proxies(url, directory.path());
+  pid_t const follower = StartFollower(proxies.url(), before, bank, directory.path());
   std::vector<pid_t> workers;
   for (std::size_t i = 0; i < kWorkers; ++i) {
     workers.push_back(StartWorker(proxies.url(), bank, i, directory.path()));
@@ -226,6 +296,8 @@ TEST(PostgresFailoverTest, Commits_AreNeitherLostNorAppliedTwice) {
   std::this_thread::sleep_for(kQuiet);
   std::ofstream(directory / "stop") << "now";
   for (pid_t const worker : workers) ExpectSuccess(worker);
+  std::ofstream(directory / "written") << "now";
+  ExpectSuccess(follower);
   std::ofstream(directory / "stopped") << "now";
   ExpectSuccess(proxies.child());
   std::uint64_t cuts = 0;
@@ -234,11 +306,15 @@ TEST(PostgresFailoverTest, Commits_AreNeitherLostNorAppliedTwice) {
   Database const database(url, DefaultOptions());
   Session session(database);
   session.BeginReadOnly();
+  std::ifstream followed(directory / "followed");
   for (std::size_t i = 0; i < kWorkers; ++i) {
     std::int64_t committed = -1;
+    std::int64_t told = -1;
     std::size_t asked = 0;
     std::ifstream(directory.path() + "/" + std::to_string(i)) >> committed >> asked;
+    followed >> told;
     EXPECT_EQ(session.Long(bank.counters[i], kValue), committed);
+    EXPECT_EQ(told, committed);
     EXPECT_GT(committed, 0);
     std::printf("worker %zu: %ld commits, %zu in doubt\n", i, static_cast<long>(committed), asked);
   }
