@@ -40,6 +40,7 @@ std::vector<Section> Sections() {
           {"schema with many tables", &MeasureSchemaTables},
           {"schema with many objects", &MeasureSchemaObjects},
           {"schema beside PostgreSQL", &MeasureSchemaBesidePostgres},
+          {"server", &MeasureServer},
           {"bootstrap", &MeasureBootstrap},
           {"opening", &MeasureOpening},
           {"queries", &MeasureSql},

@@ -137,10 +137,11 @@ PostgresCluster::~PostgresCluster() {
 // ---- the server ---------------------------------------------------------------------------------
 
 PostgresServer::PostgresServer(PostgresCluster const& cluster, bool sync)
-    : server_(StartProgram({cluster.Program("postgres"), "-D", cluster.directory() + "/data", "-k",
-                            cluster.directory(), "-c", "listen_addresses=", "-c",
-                            std::string("fsync=") + (sync ? "on" : "off")},
-                           cluster.directory() + "/server.log")) {
+    : server_(
+          StartProgram({cluster.Program("postgres"), "-D", cluster.directory() + "/data", "-k",
+                        cluster.directory(), "-c", "listen_addresses=", "-c", "max_connections=300",
+                        "-c", std::string("fsync=") + (sync ? "on" : "off")},
+                       cluster.directory() + "/server.log")) {
   Connect(cluster.directory());
 }
 

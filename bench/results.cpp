@@ -13,7 +13,10 @@ namespace {
 // With a unit that leaves three digits or so.
 std::string Figure(double value, std::string const& unit) {
   static std::map<std::string, std::array<char const*, 3>> const larger{
-      {"ns", {"ns", "µs", "ms"}}, {"bytes", {"B", "kB", "MB"}}, {"1/s", {"/s", "k/s", "M/s"}}};
+      {"ns", {"ns", "µs", "ms"}},
+      {"bytes", {"B", "kB", "MB"}},
+      {"1/s", {"/s", "k/s", "M/s"}},
+      {"trips", {"trips", "thousand trips", "million trips"}}};
   std::size_t step = 0;
   for (; value >= 1000 && step < 2; ++step) value /= 1000;
   return fmt::format("{:.3g} {}", value, larger.at(unit)[step]);

@@ -26,7 +26,7 @@ struct Goal {
 
 struct Result {
   std::string work;
-  std::string unit;  // "ns", "bytes", "1/s"
+  std::string unit;  // "ns", "bytes", "1/s", "trips"
   bool more_is_better = false;
   std::vector<Series> series;  // the first is sagleme's
   std::vector<Goal> goals;

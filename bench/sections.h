@@ -51,6 +51,9 @@ std::vector<Result> MeasureSchemaObjects(Settings const& settings);
 // Changes of the schema beside those of PostgreSQL. Nothing, and a line that says why, where there
 // is none.
 std::vector<Result> MeasureSchemaBesidePostgres(Settings const& settings);
+// sagleme on a PostgreSQL server beside tables there, with a delay on the way to the server.
+// Nothing, and a line that says why, where there is no server.
+std::vector<Result> MeasureServer(Settings const& settings);
 // Making a database in memory.
 std::vector<Result> MeasureBootstrap(Settings const& settings);
 // Opening databases of few and many tables, in time and memory.
