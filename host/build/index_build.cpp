@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "jobs/kinds.h"
+#include "jobs/retry.h"
 #include "text/key_values.h"
 
 namespace sagleme {
@@ -183,18 +184,10 @@ class Builder {
   // Nobody's objects are in its way, but other changes of the schema are. `run` ends with it, and
   // may be null.
   void Create(IndexSpec const& spec, jobs::Run* run) {
-    for (std::uint32_t attempt = 1;; ++attempt) {
-      try {
-        Transaction transaction(context_);
-        CreateIndex(transaction, spec.name, spec.table, spec.columns, spec.uniqueness);
-        if (run != nullptr) run->FinishIn(transaction);
-        transaction.Commit();
-        return;
-      } catch (Error const& error) {
-        if (error.status() != LSCOREDB_CONFLICT || attempt >= options_.attempts) throw;
-        std::this_thread::yield();
-      }
-    }
+    jobs::Retry(context_, options_.attempts, [&](Transaction& transaction) {
+      CreateIndex(transaction, spec.name, spec.table, spec.columns, spec.uniqueness);
+      if (run != nullptr) run->FinishIn(transaction);
+    });
   }
 
  private:

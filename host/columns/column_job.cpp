@@ -1,10 +1,10 @@
 #include "columns/column_job.h"
 
 #include <algorithm>
-#include <thread>
 
 #include "columns/prepared.h"
 #include "columns/requests.h"
+#include "jobs/retry.h"
 
 namespace sagleme::columns {
 namespace {
@@ -139,8 +139,7 @@ Filled Job::FillRound(std::vector<ObjectId> left) {
 
 bool Job::GoesOn() const {
   if (run_ != nullptr) return run_->GoesOn(options_.pause);
-  std::this_thread::sleep_for(options_.pause);
-  return options_.control == nullptr || !options_.control->stopped();
+  return jobs::Wait(options_.pause, options_.control, [] {});
 }
 
 // Objects whose hidden value is not yet what the old one becomes.
@@ -179,18 +178,7 @@ bool Job::Update(Transaction& transaction, Object& object, bool write) const {
 
 template <typename Work>
 void Job::Attempt(Work&& work) {
-  for (std::uint32_t attempt = 1;; ++attempt) {
-    try {
-      Transaction transaction(context_);
-      work(transaction);
-      transaction.Commit();
-      return;
-    } catch (Error const& error) {
-      if (error.status() != LSCOREDB_CONFLICT || attempt >= options_.attempts) throw;
-      ++progress_.conflicts;
-      std::this_thread::yield();
-    }
-  }
+  jobs::Retry(context_, options_.attempts, work, [this] { ++progress_.conflicts; });
 }
 
 }  // namespace sagleme::columns

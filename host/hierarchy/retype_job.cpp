@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <nlohmann/json.hpp>
 #include <sagleme/hierarchy.hpp>
-#include <thread>
 
 #include "jobs/kinds.h"
+#include "jobs/retry.h"
 
 namespace sagleme {
 namespace {
@@ -46,19 +46,12 @@ class RetypeWork {
 
  private:
   void RunBatch(std::span<ObjectId const> batch, std::size_t done) {
-    for (std::uint32_t attempt = 1;; ++attempt) {
-      try {
-        Transaction transaction(context_);
-        std::uint64_t const changed = RetypeExisting(transaction, batch, to_, options_);
-        run_.Save(transaction, done, done);
-        transaction.Commit();
-        changed_ += changed;
-        return;
-      } catch (Error const& error) {
-        if (error.status() != LSCOREDB_CONFLICT || attempt >= how_.attempts) throw;
-        std::this_thread::yield();
-      }
-    }
+    std::uint64_t changed = 0;
+    jobs::Retry(context_, how_.attempts, [&](Transaction& transaction) {
+      changed = RetypeExisting(transaction, batch, to_, options_);
+      run_.Save(transaction, done, done);
+    });
+    changed_ += changed;
   }
 
   Context const& context_;

@@ -5,6 +5,7 @@
 #include <sagleme/jobs.hpp>
 
 #include "jobs/kinds.h"
+#include "jobs/retry.h"
 
 namespace sagleme {
 namespace {
@@ -102,18 +103,12 @@ bool ResumeBuild(Context const& context, std::uint64_t id, JobOptions const& opt
 // Runs the change of a job's row, again after conflicts with the one who works on it.
 template <typename Change>
 void ChangeRow(Context const& context, ObjectId id, Change&& change) {
-  for (;;) {
-    try {
-      Transaction transaction(context);
-      auto const store = Store::Find(transaction);
-      auto row = store ? store->Read(id) : std::nullopt;
-      if (!row) jobs::ThrowNoJob(id.value);
-      change(transaction, *store, *row);
-      return transaction.Commit();
-    } catch (Error const& error) {
-      if (error.status() != LSCOREDB_CONFLICT) throw;
-    }
-  }
+  jobs::Retry(context, jobs::kAttempts, [&](Transaction& transaction) {
+    auto const store = Store::Find(transaction);
+    auto row = store ? store->Read(id) : std::nullopt;
+    if (!row) jobs::ThrowNoJob(id.value);
+    change(transaction, *store, *row);
+  });
 }
 
 }  // namespace

@@ -6,12 +6,14 @@
 #include <algorithm>
 #include <thread>
 
+#include "jobs/retry.h"
+
 namespace sagleme::jobs {
 namespace {
 
-constexpr int kAttempts = 1000;
 constexpr std::chrono::milliseconds kNap{20};
 constexpr std::chrono::seconds kBetweenSaves{1};
+constexpr std::chrono::milliseconds kBetweenLooks{500};
 
 [[noreturn]] void ThrowTaken(Row const& job) {
   throw Error(LSCOREDB_STOPPED,
@@ -48,6 +50,18 @@ void ThrowNoJob(std::uint64_t id) {
   throw Error(LORV_STATUS_NO_OBJECT, fmt::format("There is no job {}.", id));
 }
 
+// In parts, since the control or another process may end the wait.
+bool Wait(std::chrono::milliseconds pause, JobControl const* control,
+          std::function<void()> const& between) {
+  auto const stopped = [&] { return control != nullptr && control->stopped(); };
+  if (control != nullptr) pause += control->pause();
+  for (; !stopped() && pause.count() > 0; pause -= kNap) {
+    std::this_thread::sleep_for(std::min(pause, kNap));
+    between();
+  }
+  return !stopped();
+}
+
 Run::Run(Context const& context, Row job, JobControl const* control)
     : context_(context), job_(std::move(job)), control_(control) {}
 
@@ -69,17 +83,7 @@ Run::Run(Context const& context, ObjectId id, JobOptions const& options)
 
 // Conflicts come from other runs that make the tables or claim the job.
 void Run::Attempt(std::function<void(Transaction&)> const& work) const {
-  for (int attempt = 1;; ++attempt) {
-    try {
-      Transaction transaction(context_);
-      work(transaction);
-      transaction.Commit();
-      return;
-    } catch (Error const& error) {
-      if (error.status() != LSCOREDB_CONFLICT || attempt >= kAttempts) throw;
-      std::this_thread::yield();
-    }
-  }
+  Retry(context_, kAttempts, work);
 }
 
 void Run::Claim(Store const& store, Row const& row) {
@@ -186,16 +190,16 @@ Store Run::RequireOwn(Transaction& transaction) const {
   return *store;
 }
 
-// Waits in parts, since the control may end the wait.
-bool Run::GoesOn(std::chrono::milliseconds pause) const {
-  if (control_ == nullptr) {
-    std::this_thread::sleep_for(pause);
-    return true;
-  }
-  for (pause += control_->pause(); !control_->stopped() && pause.count() > 0; pause -= kNap) {
-    std::this_thread::sleep_for(std::min(pause, kNap));
-  }
-  return !control_->stopped();
+bool Run::GoesOn(std::chrono::milliseconds pause) {
+  return Wait(pause, control_, [this] { LookWhoOwns(); });
+}
+
+void Run::LookWhoOwns() {
+  auto const now = std::chrono::steady_clock::now();
+  if (!recorded() || now - looked_ < kBetweenLooks) return;
+  looked_ = now;
+  Transaction transaction(context_, Access::kReadOnly);
+  RequireOwn(transaction);
 }
 
 std::vector<ObjectId> Run::Ids() const {

@@ -25,6 +25,9 @@
 
 namespace sagleme::jobs {
 
+// Of the transactions that change the rows of jobs.
+inline constexpr std::uint32_t kAttempts = 1000;
+
 class Run {
  public:
   // Records nothing yet. `job` says what it is; a job of equal kind and details is the same one.
@@ -53,8 +56,8 @@ class Run {
   // The same where batches are no transactions of the host library.
   void SaveAlone(std::uint64_t done, std::uint64_t total);
   // Between two batches. False if the job is to end; waits for the pauses of the job and its
-  // control otherwise.
-  bool GoesOn(std::chrono::milliseconds pause) const;
+  // control otherwise. Throws as Save if somebody took the job over during a wait.
+  bool GoesOn(std::chrono::milliseconds pause);
   // The parts of the job.
   std::vector<ObjectId> Ids() const;
   JobProgress progress() const { return {job_.done, job_.total, job_.rate}; }
@@ -99,6 +102,8 @@ class Run {
   void Claim(Store const& store, Row const& row);
   // Throws if the job is somebody else's now.
   Store RequireOwn(Transaction& transaction) const;
+  // The same from time to time.
+  void LookWhoOwns();
   void Count(std::uint64_t done);
   void CutOff(std::string const& reason) noexcept;
 
@@ -109,8 +114,14 @@ class Run {
   bool finished_ = false;
   std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
   std::chrono::steady_clock::time_point saved_ = start_;
+  std::chrono::steady_clock::time_point looked_ = start_;
   std::uint64_t done_at_start_ = 0;
 };
+
+// Waits for the pause and that of the control, which may be null. False as soon as that stops the
+// job. Calls `between` again and again meanwhile.
+bool Wait(std::chrono::milliseconds pause, JobControl const* control,
+          std::function<void()> const& between);
 
 [[noreturn]] void ThrowNoJob(std::uint64_t id);
 

@@ -6,6 +6,7 @@
 #include <set>
 
 #include "columns/column_job.h"
+#include "jobs/retry.h"
 
 namespace sagleme {
 namespace {
@@ -124,16 +125,9 @@ void AbandonChange(Context const& context, Change const& change) {
   Place const place = std::visit(PlaceOf{}, change);
   if (place.table.empty()) return;
   ColumnChangeOptions const options;
-  for (std::uint32_t attempt = 1;; ++attempt) {
-    try {
-      Transaction transaction(context);
-      AbandonColumnChange(transaction, place.table, place.column);
-      transaction.Commit();
-      return;
-    } catch (Error const& error) {
-      if (error.status() != LSCOREDB_CONFLICT || attempt >= options.attempts) throw;
-    }
-  }
+  jobs::Retry(context, options.attempts, [&](Transaction& transaction) {
+    AbandonColumnChange(transaction, place.table, place.column);
+  });
 }
 
 }  // namespace sagleme

@@ -84,7 +84,7 @@ class SchemaWork {
   }
   bool Step() {
     run_.SaveAlone(++done_, steps_);
-    return run_.GoesOn(options_.pause);
+    return run_.GoesOn({});
   }
   void Apply() {
     Transaction transaction(context_);
@@ -92,22 +92,20 @@ class SchemaWork {
     run_.FinishIn(transaction);
     transaction.Commit();
   }
-  bool GoesOn() const {
-    bool const stopped = options_.control != nullptr && options_.control->stopped();
-    return !stopped && (!options_.report || options_.report(run_.progress()));
+  // Between two batches of a step.
+  bool GoesOn() {
+    return (!options_.report || options_.report(run_.progress())) && run_.GoesOn(options_.pause);
   }
-  IndexBuildOptions BuildOptions() const {
+  IndexBuildOptions BuildOptions() {
     IndexBuildOptions build;
     build.batch = options_.batch;
-    build.pause = options_.pause;
     build.control = options_.control;
     build.report = [this](IndexBuildProgress const&) { return GoesOn(); };
     return build;
   }
-  ColumnChangeOptions ChangeOptions() const {
+  ColumnChangeOptions ChangeOptions() {
     ColumnChangeOptions change;
     change.batch = options_.batch;
-    change.pause = options_.pause;
     change.report = [this](ColumnChangeProgress const&) { return GoesOn(); };
     return change;
   }

@@ -47,7 +47,7 @@ namespace sagleme {
 // Stops or slows a job from any thread. It must outlive the job, and may serve several.
 class JobControl {
  public:
-  // The job ends after the batch that it is in.
+  // The job ends after the batch that it is in, or at once if it pauses.
   void Stop() { stopped_.store(true, std::memory_order_relaxed); }
   bool stopped() const { return stopped_.load(std::memory_order_relaxed); }
   // Between batches, added to the job's own pause.
@@ -122,8 +122,8 @@ struct JobOptions {
 SAGLEME_HOST_API bool ResumeJob(Context const& context, std::uint64_t id,
                                 JobOptions const& options = {});
 
-// Makes a running job of whatever process end after the batch that it is in, cut off. Returns when
-// the request is recorded. LORV_STATUS_NO_OBJECT: there is no such job, or no longer.
+// Makes a running job of whatever process end after the batch that it is in, or soon if it pauses,
+// cut off. Returns when the request is recorded. LORV_STATUS_NO_OBJECT: there is no such job, or no longer.
 SAGLEME_HOST_API void StopJob(Context const& context, std::uint64_t id);
 
 // Stops a job and forgets it. What its batches committed stays, except for the entries of an index

@@ -55,6 +55,11 @@ class JobsTest : public HierarchyTest {
     options.report = std::move(report);
     return options;
   }
+  static JobOptions WithoutPause() {
+    JobOptions options;
+    options.pause = std::chrono::milliseconds(0);
+    return options;
+  }
   VacuumProgress CutOffVacuum() {
     Widen();
     return RunVacuum(context_,
@@ -278,6 +283,60 @@ TEST_F(JobsTest, StoppedBuild_EndsAndAbandonedOneIsGone) {
   EXPECT_TRUE(sagleme::IndexBuilds(context_).empty());
   Transaction transaction(context_, sagleme::Access::kReadOnly);
   EXPECT_TRUE(Subtree(transaction, u"Sagleme.Internal.Job").empty());
+}
+
+// Neither waits for the end of the pause.
+TEST_F(JobsTest, PausedJob_IsStoppedByOthersAndByItsControl) {
+  JobControl control;
+  VacuumOptions options = Small();
+  options.pause = std::chrono::hours(1);
+  options.control = &control;
+  for (bool const by_others : {true, false}) {
+    Widen();
+    std::uint32_t status = 0;
+    std::thread vacuum([&] { status = StatusOf([&] { RunVacuum(context_, options); }); });
+    while (Jobs(other_).empty()) {
+    }
+    if (by_others) StopJob(other_, Jobs(other_).at(0).id);
+    if (!by_others) control.Stop();
+    vacuum.join();
+    EXPECT_EQ(by_others ? LSCOREDB_STOPPED : 0u, status);
+    Job const job = Jobs(other_).at(0);
+    EXPECT_EQ(JobState::kCutOff, job.state);
+    EXPECT_EQ("stopped", job.reason);
+    EXPECT_LT(job.progress.done, static_cast<std::uint64_t>(kBooks));
+    EXPECT_TRUE(ResumeJob(context_, job.id, WithoutPause()));
+    EXPECT_TRUE(Jobs(other_).empty());
+  }
+}
+
+// A step of a schema's application has no row of its own in the list.
+TEST_F(JobsTest, PausedColumnChangeOfAnApplication_IsStopped) {
+  sagleme::SchemaDoc wanted;
+  {
+    Transaction transaction(context_, sagleme::Access::kReadOnly);
+    wanted = sagleme::ReadSchema(transaction, true);
+  }
+  for (auto& table : wanted.tables) {
+    for (auto& column : table.columns) {
+      if (column.name == "Pages") column.type = sagleme::Type::kString;
+    }
+  }
+  sagleme::SchemaOptions options;
+  options.batch = 10;
+  options.objects = 1;
+  options.pause = std::chrono::hours(1);
+  std::uint32_t status = 0;
+  std::thread apply([&] { status = StatusOf([&] { ApplySchema(context_, wanted, options); }); });
+  while (Jobs(other_).empty()) {
+  }
+  StopJob(other_, Jobs(other_).at(0).id);
+  apply.join();
+  EXPECT_EQ(LSCOREDB_STOPPED, status);
+  Job const job = Jobs(other_).at(0);
+  EXPECT_TRUE(ResumeJob(context_, job.id, WithoutPause()));
+  Transaction transaction(context_, sagleme::Access::kReadOnly);
+  EXPECT_EQ(sagleme::Type::kString, transaction.table(u"Book")->FindColumn(u"Pages")->type);
 }
 
 // The set of the objects that the build covers is no longer the table's.
