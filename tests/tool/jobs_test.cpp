@@ -60,6 +60,12 @@ class JobsTest : public ToolTest {
     sagleme::Transaction transaction(context, sagleme::Access::kReadOnly);
     return transaction.Resolve("Book")->columns.size();
   }
+  static std::string IdOf(Json const& job) {
+    return std::to_string(job["id"].get<std::uint64_t>());
+  }
+  std::size_t CountBooks() const {
+    return Json::parse(On("scan", {"Book", "--format", "json"}).out).size();
+  }
   Json Jobs() const { return Json::parse(On("jobs", {"--format", "json"}).out); }
   Json Indexes() const {
     Json const schema = Json::parse(On("schema").out);
@@ -242,12 +248,44 @@ TEST_F(JobsTest, KilledBuild_IsResumed) {
   On("check");
 }
 
+// Each import ends in its first pause, which would last for an hour.
+TEST_F(JobsTest, KilledOrStoppedImport_GoesOnBehindTheLastRow) {
+  std::string text = "Title,Pages\n";
+  for (int i = 0; i < 1000; ++i) text += "t" + std::to_string(i) + ",1\n";
+  std::string const file = Write("books.csv", text);
+  for (std::size_t round = 1; round <= 3; ++round) {
+    pid_t const child =
+        StartTool({"import", database(), "Book", file, "--batch", "50", "--pause", "3600000"});
+    while (CountBooks() < 50 * round) {
+    }
+    Json const job = Jobs().at(0);
+    EXPECT_EQ("running", job["state"]);
+    EXPECT_EQ("process " + std::to_string(child), job["by"]);
+    EXPECT_NE(std::string::npos, On("import", {"Book", file}, 4).err.find("is running in process"));
+    if (round < 3) {
+      kill(child, SIGKILL);
+      WaitFor(child);
+    } else {
+      On("jobs", {"stop", IdOf(job)});
+      EXPECT_EQ(4, WaitFor(child));
+    }
+    EXPECT_EQ("cut off", Jobs().at(0)["state"]);
+    EXPECT_EQ("books.csv into App.Book", Jobs().at(0)["description"]);
+    EXPECT_EQ(50 * round, CountBooks());
+  }
+  EXPECT_EQ("finished the import of books.csv into App.Book\n",
+            On("jobs", {"resume", IdOf(Jobs().at(0)), "--pause", "0"}).err);
+  EXPECT_EQ(Json::array(), Jobs());
+  EXPECT_EQ(1000u, CountBooks());
+  On("check");
+}
+
 TEST_F(JobsTest, Stop_EndsTheJobOfAnotherProcess) {
   Import(500, 500);
   CutOff(1);
-  std::string const id = std::to_string(Jobs().at(0)["id"].get<std::uint64_t>());
+  std::string const id = IdOf(Jobs().at(0));
   pid_t const child =
-      StartTool({"jobs", database(), "resume", id, "--batch", "1", "--pause", "20"});
+      StartTool({"jobs", database(), "resume", id, "--batch", "1", "--pause", "3600000"});
   while (Jobs().at(0)["state"] != "running") {
   }
   EXPECT_NE(std::string::npos, On("jobs", {"resume", id}, 4).err.find("is running in process"));
