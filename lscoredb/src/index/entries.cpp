@@ -130,6 +130,30 @@ void EntryCursor::SeekLast(std::string_view bound) {
   while (valid_ && ComparePrefix(entry().key, bound) > 0) Previous();
 }
 
+// The store orders keys that it does not hold as a whole by object: one of them cannot be sought.
+void EntryCursor::SeekBehind(std::string_view encoded, ObjectId object) {
+  if (encoded.size() < format::kKeyPrefix) {
+    BuildKey(*index_, encoded, object, scratch_);
+    Arrive(cursor_.Seek(scratch_), true);
+  } else {
+    SeekFirst(encoded);
+  }
+  Entry const given{{encoded, {}}, object, {}};
+  while (valid_ && Compare(entry(), given) <= 0) Next();
+}
+
+void EntryCursor::SeekBefore(std::string_view encoded, ObjectId object) {
+  if (encoded.size() < format::kKeyPrefix) {
+    BuildKey(*index_, encoded, object, scratch_);
+    bool const behind = cursor_.Seek(scratch_);
+    Arrive(behind ? cursor_.Previous() : cursor_.Last(), false);
+  } else {
+    SeekLast(encoded);
+  }
+  Entry const given{{encoded, {}}, object, {}};
+  while (valid_ && Compare(entry(), given) >= 0) Previous();
+}
+
 void EntryCursor::Next() {
   if (in_group_ && ++group_at_ < group_.size()) return;
   Arrive(in_group_ ? cursor_on_entry_ : cursor_.Next(), true);

@@ -88,6 +88,9 @@ class EntryCursor {
   void SeekFirst(std::string_view bound);
   // To the last entry that is below `bound` or begins with it.
   void SeekLast(std::string_view bound);
+  // To the first entry behind the one of the object, or to the last one before it.
+  void SeekBehind(std::string_view encoded, ObjectId object);
+  void SeekBefore(std::string_view encoded, ObjectId object);
   void Next();
   void Previous();
 

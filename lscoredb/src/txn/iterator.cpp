@@ -1,6 +1,7 @@
 #include "iterator.h"
 
 #include <algorithm>
+#include <tuple>
 
 #include "bytes.h"
 #include "keys.h"
@@ -38,6 +39,7 @@ void Iterator::Start(ScanSource const& source, IndexDefinition const& index) {
       pending_ == nullptr ? source.snapshot : pending_->Below(*source.snapshot);
   has_committed_ = below != nullptr;
   step_due_ = false;
+  removed_ = 0;
   given_ = kNoObject;
   steps_ = 0;
   reading_ = false;
@@ -105,6 +107,44 @@ void Iterator::StepPending() {
   }
 }
 
+// Steps over the pending entry, which is removed, and over all that are known to be so behind it.
+void Iterator::StepRemoved() {
+  last_removed_ = at_->first;
+  if (removed_++ == 0) {
+    first_removed_ = last_removed_;
+    auto const* const run = pending_->FindRemoved(first_removed_, source_.seen);
+    if (run != nullptr) return SkipRun(*run);
+  }
+  StepPending();
+}
+
+void Iterator::SkipRun(PendingIndex::RemovedRuns::Run const& run) {
+  PendingIndex::Map const& map = pending_->map();
+  removed_ = kLongRun;
+  step_due_ = false;
+  last_removed_ = reverse_ ? run.first : run.last;
+  if (reverse_) {
+    at_ = map.lower_bound(last_removed_);
+    at_end_ = at_ == map.begin();
+    if (!at_end_) --at_;
+    if (has_committed_) committed_.SeekBefore(last_removed_.encoded, last_removed_.object);
+  } else {
+    at_ = map.upper_bound(last_removed_);
+    at_end_ = at_ == map.end();
+    if (has_committed_) committed_.SeekBehind(last_removed_.encoded, last_removed_.object);
+  }
+}
+
+// Before something else is delivered: scans to come step over a long run at once.
+void Iterator::EndRemoved() {
+  if (removed_ >= kLongRun) {
+    auto const& [first, last] = reverse_ ? std::tie(last_removed_, first_removed_)
+                                         : std::tie(first_removed_, last_removed_);
+    pending_->NoteRemoved(first, last, source_.seen);
+  }
+  removed_ = 0;
+}
+
 // An entry that was first written after the scan began is, for the scan, as the snapshot has it.
 void Iterator::SkipUntouched() {
   while (!at_end_ && at_->second.At(source_.seen) == EntryState::kUntouched) StepPending();
@@ -126,7 +166,10 @@ Entry const* Iterator::NextEntry() {
     SkipUntouched();
     bool const committed = CommittedInRange();
     bool const pending = PendingInRange();
-    if (!committed && !pending) return nullptr;
+    if (!committed && !pending) {
+      EndRemoved();
+      return nullptr;
+    }
     if (pending) written_ = {{at_->first.encoded, {}}, at_->first.object, {}};
     int order = committed ? -1 : 1;
     if (committed && pending) {
@@ -134,13 +177,17 @@ Entry const* Iterator::NextEntry() {
       if (reverse_) order = -order;
     }
     if (order < 0) {
+      EndRemoved();
       StepCommitted();
       return &committed_.entry();
     }
-    bool const present = at_->second.At(source_.seen) == EntryState::kPresent;
     if (order == 0) StepCommitted();
-    StepPending();
-    if (present) return &written_;
+    if (at_->second.At(source_.seen) == EntryState::kPresent) {
+      EndRemoved();
+      StepPending();
+      return &written_;
+    }
+    StepRemoved();
   }
 }
 

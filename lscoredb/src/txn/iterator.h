@@ -61,9 +61,13 @@ class Iterator {
   void StepCommitted();
   void TakeDueStep();
   void StepPending();
+  void StepRemoved();
+  void SkipRun(PendingIndex::RemovedRuns::Run const& run);
+  void EndRemoved();
   void FetchAhead();
   void AskTogether();
 
+  static constexpr std::size_t kLongRun = 16;
   static constexpr std::size_t kSlotsAhead = 8;
   static constexpr std::size_t kRowsAhead = 4;
   static constexpr std::uint32_t kStepsPerLook = 32;
@@ -83,6 +87,9 @@ class Iterator {
   PendingIndex const* pending_ = nullptr;
   PendingIndex::Map::const_iterator at_;
   bool at_end_ = true;
+  std::size_t removed_ = 0;  // entries stepped over in a row that the transaction removed
+  PendingKey first_removed_;
+  PendingKey last_removed_;
   ObjectId given_{};
   std::uint32_t steps_ = 0;
   bool reading_ = false;  // whether the caller reads the objects, as of the last look

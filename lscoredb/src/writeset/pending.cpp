@@ -125,6 +125,7 @@ PendingKey PendingIndex::Kept(PendingKey key) {
 // cannot do.
 void PendingIndex::AddFresh(NewEntry const& added) {
   if (recording()) return Add(added, 0, false);
+  removed_.Break(added.key);
   PendingEntry entry;
   entry.state = EntryState::kPresent;
   entry.layout = added.layout;
@@ -141,6 +142,8 @@ void PendingIndex::Settle() {
 
 void PendingIndex::Add(NewEntry const& added, Sequence now, bool keep_history) {
   Settle();
+  last_added_ = std::max(last_added_, now);
+  removed_.Break(added.key);
   auto at = LowerBound(added.key);
   if (at == map_.end() || map_.key_comp()(added.key, at->first)) {
     PendingKey const key = Kept(added.key);

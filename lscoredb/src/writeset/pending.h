@@ -19,6 +19,7 @@
 #include "definitions.h"
 #include "entries.h"
 #include "fresh_entries.h"
+#include "hidden_runs.h"
 #include "ids.h"
 #include "layout.h"
 #include "oid_map.h"
@@ -107,6 +108,7 @@ class KeyEncoder {
 class PendingIndex {
  public:
   using Map = PendingEntryMap;
+  using RemovedRuns = HiddenRuns<PendingKey, Sequence, PendingKeyLess>;
 
   // `committed`: the snapshot holds entries of the index too.
   PendingIndex(IndexDefinition const& index, bool committed, Arena& arena)
@@ -134,6 +136,17 @@ class PendingIndex {
   // that is removed and may be committed. Most transactions have neither.
   bool has_unproven() const { return has_unproven_; }
   bool has_removed() const { return has_removed_; }
+  // Entries that the transaction removed, with none of another kind between them: what a scan
+  // steps over at once. Null: none is known around the key.
+  RemovedRuns::Run const* FindRemoved(PendingKey const& key, Sequence seen) const {
+    return removed_.Find(key, seen);
+  }
+  // A scan that sees writes up to `seen` found nothing else between the two keys.
+  void NoteRemoved(PendingKey const& first, PendingKey const& last, Sequence seen) const {
+    if (last_added_ <= seen) removed_.Note(first, last, seen);
+  }
+  // Their keys may go with the arena.
+  void ForgetRemoved() { removed_.Clear(); }
   // Records changes from now on. `undo` must outlive the entries.
   void RecordIn(UndoLog& undo) { undo_ = &undo; }
 
@@ -187,6 +200,8 @@ class PendingIndex {
   UndoLog* undo_ = nullptr;
   bool has_unproven_ = false;
   bool has_removed_ = false;
+  Sequence last_added_ = 0;
+  mutable RemovedRuns removed_;
   Map map_;
   // The position of the key that was last looked up: it is mostly the next to be added.
   mutable Map::const_iterator sought_;
@@ -294,6 +309,9 @@ class PendingChanges {
   // location is invalid now. REQUIRES: no scan is positioned on an entry that was added since.
   template <typename Forget>
   void RollbackTo(Mark const& mark, Forget&& forget) {
+    for (auto const* indexes : {&indexes_, &forgotten_}) {
+      for (auto const& index : *indexes) index->ForgetRemoved();
+    }
     undo_.TakeBackTo(mark.steps, [&](undo::Step& step) {
       ObjectId const row = std::visit([this](auto& one) { return TakeBack(one); }, step);
       if (row != kNoObject) forget(row);

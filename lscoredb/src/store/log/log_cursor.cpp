@@ -9,6 +9,9 @@ namespace {
 // Building a page costs as much as a few dozen steps, and a look-up takes only a few.
 constexpr int kStepsBeforePage = 8;
 
+// Noting fewer would cost more than stepping over them.
+constexpr std::size_t kLongRun = 32;
+
 }  // namespace
 
 LogCursor::LogCursor(Store const& store, LayeredView const& view, Tree tree, bool frozen)
@@ -64,7 +67,10 @@ void LogCursor::TurnImage(KeyValue const& entry) {
     image_entry_ = entry;
     return StepImage();
   }
-  std::string_view const key = entry.key;
+  PositionImageAfter(entry.key);
+}
+
+void LogCursor::PositionImageAfter(std::string_view key) {
   image_on_ = image_->Seek(key, &image_entry_);
   if (forward_) {
     if (image_on_ && image_entry_.key == key) StepImage();
@@ -103,23 +109,51 @@ LogCursor::Source const* LogCursor::Nearest() const {
   return nearest;
 }
 
+// Moves every source past a deleted key, and past the run of them that it is known to be in. A
+// batch under way sees what no run tells of.
+void LogCursor::StepDeleted(std::string_view key) {
+  last_deleted_ = key;
+  if (deleted_++ != 0 || tree_ != Tree::kIndex || !renewable_) return StepPast(key);
+  first_deleted_ = key;
+  auto run = deleted_runs().Find(key, view_->state());
+  if (!run) return StepPast(key);
+  deleted_ = kLongRun;
+  end_of_run_ = std::move(forward_ ? run->last : run->first);
+  last_deleted_ = end_of_run_;
+  for (std::size_t i = 0; i < sources_; ++i) PositionAfter(source_[i], end_of_run_);
+  PositionImageAfter(end_of_run_);
+}
+
+// Before another entry is delivered: scans to come step over a long run at once.
+void LogCursor::EndDeleted() {
+  if (deleted_ >= kLongRun && tree_ == Tree::kIndex && renewable_) {
+    std::string_view const first = forward_ ? first_deleted_ : last_deleted_;
+    std::string_view const last = forward_ ? last_deleted_ : first_deleted_;
+    deleted_runs().Note(first, last, view_->state());
+  }
+  deleted_ = 0;
+}
+
 // Delivers the nearest entry. Nearest returns the topmost of several overlays with one key, and an
 // overlay wins over the image, so a version decides for all below it. A deleted key is passed.
 bool LogCursor::Deliver(KeyValue* entry) {
+  deleted_ = 0;
   for (;;) {
     Source const* const source = Nearest();
     if (source == nullptr || (image_on_ && IsNearer(image_entry_.key, source->node->key().bytes))) {
+      EndDeleted();
       delivered_ = image_on_ ? image_entry_.key.data() : nullptr;
       if (image_on_) *entry = image_entry_;
       return image_on_;
     }
     std::string_view const key = source->node->key().bytes;
     if (!source->version->deleted) {
+      EndDeleted();
       *entry = {key, source->version->value};
       delivered_ = key.data();
       return true;
     }
-    StepPast(key);
+    StepDeleted(key);
   }
 }
 

@@ -51,6 +51,10 @@ class LogCursor final : public TreeCursor {
   void StepImage();
   bool Step(KeyValue* entry, bool forward);
   void StepPast(std::string_view key);
+  void PositionImageAfter(std::string_view key);
+  void StepDeleted(std::string_view key);
+  void EndDeleted();
+  DeletedRuns& deleted_runs() const { return view_->layers().active->changes.deleted_runs(); }
   Source const* Nearest() const;
   bool Deliver(KeyValue* entry);
   bool IsNearer(std::string_view a, std::string_view b) const;
@@ -68,9 +72,13 @@ class LogCursor final : public TreeCursor {
   std::size_t sources_ = 0;
   bool forward_ = true;
   char const* delivered_ = nullptr;  // the key of the entry delivered last
-  int steps_ = 0;                    // in one direction, outside of pages
-  bool in_image_page_ = false;       // an entry other than that comes from a page of the image
-  KeyValue mixed_first_;             // the range of the last page of the image that overlays change
+  std::size_t deleted_ = 0;          // entries stepped over in a row
+  std::string_view first_deleted_;
+  std::string_view last_deleted_;
+  std::string end_of_run_;
+  int steps_ = 0;               // in one direction, outside of pages
+  bool in_image_page_ = false;  // an entry other than that comes from a page of the image
+  KeyValue mixed_first_;        // the range of the last page of the image that overlays change
   KeyValue mixed_last_;
 };
 

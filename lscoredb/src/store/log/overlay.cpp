@@ -150,6 +150,7 @@ OverlayNode* Overlay::FindNode(OrderedKey const& key, std::size_t hash) const {
 
 // A second write in the same commit changes the version in place: nobody reads it yet.
 void Overlay::Write(OrderedKey const& key, std::string_view value, bool deleted, CommitId commit) {
+  if (key.tree == Tree::kIndex && !deleted) deleted_runs_.Break(key.bytes, commit);
   std::size_t const hash = HashOf(key);
   OverlayNode* node = FindNode(key, hash);
   if (node == nullptr) node = Insert(key, hash);

@@ -28,6 +28,7 @@
 #include <vector>
 
 #include "arena.h"
+#include "deleted_runs.h"
 #include "ids.h"
 #include "store.h"
 
@@ -98,6 +99,9 @@ class Overlay {
   char* TakeBytes(std::size_t size);
   void Keep(std::unique_ptr<char[]> bytes, std::size_t size);
 
+  // Deleted index entries, with those of the layers below.
+  DeletedRuns& deleted_runs() const { return deleted_runs_; }
+
   // ---- reading ----
 
   OverlayVersion const* Find(OrderedKey const& key, CommitId state) const;
@@ -147,6 +151,7 @@ class Overlay {
   std::vector<std::unique_ptr<Table>> tables_;  // readers may still use older ones
   std::atomic<Table*> table_;
   std::vector<OverlayNode*> changed_;
+  DeletedRuns mutable deleted_runs_;
   std::uint64_t random_ = 0x9E3779B97F4A7C15;
   std::atomic<std::size_t> nodes_{0};
   std::atomic<std::size_t> bytes_{0};
