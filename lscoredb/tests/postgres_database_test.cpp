@@ -390,7 +390,7 @@ TEST_F(PostgresProxyTest, RowsOfAScan_ComeTogether) {
   before = proxy_.round_trips();
   while (Oid const row = scan.Next()) sum += *reader.Long(row, kPairValue);
   EXPECT_EQ(sum, 38 * 100 + 37 * 38 / 2);
-  // The first row, the others of its page, a page of 32, its first row and the others.
+  // The first row, the others of its page, a page of 64, its first row and the others.
   EXPECT_EQ(proxy_.round_trips() - before, 5U);
 }
 

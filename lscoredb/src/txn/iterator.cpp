@@ -204,7 +204,7 @@ void Iterator::FetchAhead() {
 }
 
 // Prefetch from a server: one round trip fetches the rows of the next entries, as far as the
-// current page of entries reaches, and the snapshot keeps them. The number doubles from 16 to 256,
+// current page of entries reaches, and the snapshot keeps them. The number grows from 16 to 1024,
 // so short scans fetch little that is not read.
 void Iterator::AskTogether() {
   if (asked_ > 0) --asked_;
@@ -216,7 +216,7 @@ void Iterator::AskTogether() {
     ++asked_;
     wanted_.push_back(Raw(id));
   }
-  if (FetchRows(source_, wanted_)) together_ = std::min(2 * together_, kMostTogether);
+  if (FetchRows(source_, wanted_)) together_ = std::min(kTogetherGrowth * together_, kMostTogether);
 }
 
 Status Iterator::Next(ObjectId* object, LayoutNumber* layout) {

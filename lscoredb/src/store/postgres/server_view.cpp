@@ -6,7 +6,8 @@ namespace lscore {
 namespace {
 
 constexpr std::size_t kFirstPage = 16;
-constexpr std::size_t kLargestPage = 1024;
+constexpr std::size_t kLargestPage = 4096;
+constexpr std::size_t kPageGrowth = 4;
 // Of a seek that was announced: an entry of the caller's own, and that of another.
 constexpr std::size_t kSoughtPage = 2;
 
@@ -169,10 +170,9 @@ bool ServerCursor::GiveLast(ServerPage const& page, KeyValue* entry) {
   return Give(page.size() - 1, entry);
 }
 
-// Pages double from 16 to 1024 entries: a short scan fetches little, a long one needs few round
-// trips.
+// Pages grow from 16 to 4096 entries: a short scan fetches little, a long one needs few round trips.
 std::size_t ServerCursor::Grown() {
-  most_ = std::clamp(2 * most_, kFirstPage, kLargestPage);
+  most_ = std::clamp(kPageGrowth * most_, kFirstPage, kLargestPage);
   return most_;
 }
 
