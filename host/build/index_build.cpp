@@ -271,6 +271,8 @@ std::string_view IndexBuildStateName(IndexBuildState state) {
       return "write-only";
     case IndexBuildState::kDuplicates:
       return "duplicates";
+    case IndexBuildState::kAbandoned:
+      return "abandoned";
     case IndexBuildState::kReady:
       break;
   }
@@ -288,6 +290,7 @@ std::optional<std::uint64_t> PrepareBuild(Context const& context, IndexSpec cons
     if (IsNothingToBuild(transaction, index)) return std::nullopt;
     kernel = KernelIndexOf(transaction, index);
   }
+  jobs::RemoveAbandonedBuilds(context, options);
   return Builder(context, options).Prepare(index, kernel);
 }
 
@@ -365,6 +368,7 @@ std::vector<IndexBuild> IndexBuilds(Context const& context) {
 
 bool ResumeIndexBuild(Context const& context, std::uint64_t id, IndexBuildOptions const& options) {
   IndexBuild const build = FindBuild(context, id);
+  if (build.progress.state == IndexBuildState::kAbandoned) ThrowNoBuild(id);
   if (build.index.columns.empty()) {
     throw Error(
         SAGLEME_TABLE_NOT_FOUND,
@@ -384,10 +388,37 @@ jobs::Row jobs::RowOfBuild(std::uint64_t id, IndexSpec const& spec) {
 }
 
 void AbandonIndexBuild(Context const& context, std::uint64_t id) {
-  std::uint32_t const status = lscoredb_abandon_index(context.id(), id);
-  if (status == LORV_STATUS_NO_INDEX) ThrowNoBuild(id);
-  detail::CheckKernel(status);
-  jobs::ForgetBuild(context, id);
+  AbandonIndexBuild(context, id, {});
+}
+
+// Others may remove entries of the same build, and the last ones too.
+bool AbandonIndexBuild(Context const& context, std::uint64_t id, IndexBuildOptions const& options) {
+  for (bool begun = false;; begun = true) {
+    lscoredb_index_build left{};
+    left.size = sizeof left;
+    std::uint32_t const status =
+        lscoredb_abandon_index_step(context.id(), id, std::max(options.batch, kFewest), &left);
+    if (status == LORV_STATUS_NO_INDEX && begun) return true;
+    if (status == LORV_STATUS_NO_INDEX) ThrowNoBuild(id);
+    detail::CheckKernel(status);
+    if (!begun) jobs::ForgetBuild(context, id);
+    if (left.state == LSCOREDB_INDEX_REMOVED) return true;
+    if (options.report && !options.report(ProgressOf(left))) return false;
+    if (!jobs::Wait(options.pause, options.control, [] {})) return false;
+  }
+}
+
+void jobs::RemoveAbandonedBuilds(Context const& context, IndexBuildOptions const& options) {
+  IndexBuildOptions how = options;
+  how.report = {};
+  for (IndexBuild const& build : IndexBuilds(context)) {
+    if (build.progress.state != IndexBuildState::kAbandoned) continue;
+    try {
+      AbandonIndexBuild(context, build.id, how);
+    } catch (Error const& error) {  // somebody else has removed the rest
+      if (error.status() != LORV_STATUS_NO_INDEX) throw;
+    }
+  }
 }
 
 std::vector<DuplicateObjects> IndexBuildDuplicates(Context const& context, std::uint64_t id,

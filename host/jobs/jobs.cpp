@@ -68,10 +68,31 @@ Job JobOf(IndexBuild const& build, std::vector<Row> const& rows) {
   return job;
 }
 
+std::optional<IndexBuildState> BuildState(Context const& context, std::uint64_t id) {
+  for (IndexBuild const& build : IndexBuilds(context)) {
+    if (build.id == id) return build.progress.state;
+  }
+  return std::nullopt;
+}
+
 bool IsBuild(Context const& context, std::uint64_t id) {
-  auto const builds = IndexBuilds(context);
-  return std::any_of(builds.begin(), builds.end(),
-                     [&](IndexBuild const& build) { return build.id == id; });
+  return BuildState(context, id).has_value();
+}
+
+IndexBuildOptions BuildOptionsOf(std::optional<Row> const& row, JobOptions const& options) {
+  IndexBuildOptions how;
+  how.attempts = options.attempts;
+  how.control = options.control;
+  if (row) how.batch = static_cast<std::uint32_t>(row->batch);
+  if (options.batch != 0) {
+    how.batch = static_cast<std::uint32_t>(std::min<std::uint64_t>(options.batch, UINT32_MAX));
+  }
+  if (row) how.pause = std::chrono::milliseconds(row->pause);
+  if (options.pause) how.pause = *options.pause;
+  how.report = [&options](IndexBuildProgress const& progress) {
+    return !options.report || options.report({progress.done, progress.total, 0});
+  };
+  return how;
 }
 
 void RequireNobodyBuilds(std::optional<Row> const& row, JobOptions const& options) {
@@ -85,18 +106,10 @@ void RequireNobodyBuilds(std::optional<Row> const& row, JobOptions const& option
 bool ResumeBuild(Context const& context, std::uint64_t id, JobOptions const& options) {
   auto const row = RowOfBuild(RowsOf(context), id);
   RequireNobodyBuilds(row, options);
-  IndexBuildOptions how;
-  how.attempts = options.attempts;
-  how.control = options.control;
-  if (row) how.batch = static_cast<std::uint32_t>(row->batch);
-  if (options.batch != 0) {
-    how.batch = static_cast<std::uint32_t>(std::min<std::uint64_t>(options.batch, UINT32_MAX));
+  IndexBuildOptions const how = BuildOptionsOf(row, options);
+  if (BuildState(context, id) == IndexBuildState::kAbandoned) {
+    return AbandonIndexBuild(context, id, how);
   }
-  if (row) how.pause = std::chrono::milliseconds(row->pause);
-  if (options.pause) how.pause = *options.pause;
-  how.report = [&](IndexBuildProgress const& progress) {
-    return !options.report || options.report({progress.done, progress.total, 0});
-  };
   return ResumeIndexBuild(context, id, how);
 }
 
@@ -207,8 +220,11 @@ void StopJob(Context const& context, std::uint64_t id) {
   });
 }
 
-void AbandonJob(Context const& context, std::uint64_t id, JobOptions const&) {
-  if (IsBuild(context, id)) return AbandonIndexBuild(context, id);
+void AbandonJob(Context const& context, std::uint64_t id, JobOptions const& options) {
+  if (IsBuild(context, id)) {
+    AbandonIndexBuild(context, id, BuildOptionsOf(std::nullopt, options));
+    return;
+  }
   ChangeRow(context, {id}, [](Transaction& transaction, Store const& store, Row const& row) {
     if (row.kind == JobKind::kColumnChange) jobs::AbandonColumnChange(transaction, row);
     store.Delete(row.id);

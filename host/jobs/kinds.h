@@ -22,6 +22,8 @@ void AbandonColumnChange(Transaction& transaction, Row const& job);
 
 // The job of an index build, whose details are the number of the build. The kernel keeps its state.
 Row RowOfBuild(std::uint64_t id, IndexSpec const& spec);
+// Removes what others left of abandoned builds.
+void RemoveAbandonedBuilds(Context const& context, IndexBuildOptions const& options = {});
 // Removes the rows of a build that is gone.
 void ForgetBuild(Context const& context, std::uint64_t id);
 

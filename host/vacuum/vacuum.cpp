@@ -294,6 +294,7 @@ VacuumProgress RunVacuum(Context const& context, VacuumOptions const& options) {
   jobs::Run run(context, job, options.control);
   return run.Perform([&] {
     run.TakeUp();
+    jobs::RemoveAbandonedBuilds(context);
     Worker worker(context, options, run);
     worker.Run();
     return worker.progress();

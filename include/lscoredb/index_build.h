@@ -30,13 +30,19 @@
  *                 nobody again. Change or delete the objects that lscoredb_index_duplicates names,
  *                 and go on with lscoredb_build_index, which looks again from the start.
  *
+ * An abandoned build:
+ *   abandoned     no index any more: nobody keeps it up, no definition is like it, and its entries
+ *                 are being removed, in commits of a bounded size. Anybody may remove the rest:
+ *                 lscoredb_index_builds lists it until nothing is left.
+ *
  * The steps keep up to 32 MiB in memory, more in temporary files in the database's directory; a
  * database that has none (in memory, on a server) is sorted in memory. That is kept for each build
  * that the context has begun and not finished. The thread's watch (<lscoredb/watch.h>) sees the
  * scan of the objects, in objects, and may stop a step, which leaves the build as it was before.
  *
  * All functions need a context without an open transaction: LSCOREDB_TRANSACTION_OPEN otherwise. A
- * database with a prepared index, or that had one, can be opened only by kernels that know of them.
+ * database with a prepared index, or that had one, can be opened only by kernels that know of them;
+ * so can one in which the entries of an abandoned one did not fit into a commit.
  */
 
 #include <lscoredb/lscoredb.h>
@@ -50,13 +56,15 @@ extern "C" {
 #define LSCOREDB_INDEX_WRITE_ONLY 2u
 #define LSCOREDB_INDEX_DUPLICATES 3u
 #define LSCOREDB_INDEX_READY 4u
+#define LSCOREDB_INDEX_ABANDONED 5u
+#define LSCOREDB_INDEX_REMOVED 0u /* nothing is left; never listed */
 
 typedef struct lscoredb_index_build {
   size_t size;    /* set to sizeof(lscoredb_index_build) by the caller; in an array, of each */
   uint64_t index; /* id */
   uint32_t state; /* LSCOREDB_INDEX_* */
   uint32_t flags; /* as it was prepared */
-  uint64_t done;  /* objects that are finished in this state */
+  uint64_t done;  /* objects that are finished in this state; removed entries of an abandoned one */
   uint64_t total; /* 0: not known yet */
   uint16_t sort_mask;
   uint16_t column_count;
@@ -99,8 +107,17 @@ typedef uint32_t (*lscoredb_duplicate_callback)(void* user, uint64_t object, uin
 LSCOREDB_API uint32_t lscoredb_index_duplicates(uint64_t context, uint64_t index_id,
                                                 lscoredb_duplicate_callback report, void* user);
 
-/* Removes a prepared index in whatever state, with its entries, in one commit. */
+/* Abandons a prepared index in whatever state, and removes its entries, about 5,000 in a commit.
+ * From the first commit on it is no index any more. The thread's watch sees the removed entries; if
+ * it stops the removal, with LSCOREDB_STOPPED, or the process ends, the build is left abandoned, and
+ * another call removes the rest. LORV_STATUS_NO_INDEX: there is no such build, or no longer. After
+ * LSCOREDB_CONFLICT, LSCOREDB_COMMIT_UNKNOWN, a full disk or any other failure: call again. */
 LSCOREDB_API uint32_t lscoredb_abandon_index(uint64_t context, uint64_t index_id);
+
+/* The same with one commit of about `batch` entries, at least 1. `out` may be NULL; its state is
+ * LSCOREDB_INDEX_ABANDONED as long as there are more. */
+LSCOREDB_API uint32_t lscoredb_abandon_index_step(uint64_t context, uint64_t index_id,
+                                                  uint64_t batch, lscoredb_index_build* out);
 
 #ifdef __cplusplus
 }

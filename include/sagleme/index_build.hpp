@@ -14,7 +14,9 @@
 //
 // The state of a build is in the database. It may end after any batch, even by the death of the
 // process; IndexBuilds lists it, ResumeIndexBuild goes on with it, and so does BuildIndex for the
-// same definition. AbandonIndexBuild removes it: until then every writer pays for its upkeep.
+// same definition. AbandonIndexBuild removes it: until then every writer pays for its upkeep. From
+// its first commit on nobody does; what is left of the entries if it ends early is removed by the
+// next AbandonIndexBuild, BuildIndex, PrepareIndex or RunVacuum.
 //
 // A unique index refuses nobody's duplicates until all objects are in it, and then new ones while
 // it looks for old ones. If there are any, the build fails with LSCOREDB_DUPLICATE_KEY, refuses
@@ -54,13 +56,14 @@ enum class IndexBuildState : std::uint32_t {
   kWriteOnly = 2,   // all are there; duplicates are being looked for, and new ones refused
   kDuplicates = 3,  // all are there, and some have the same key
   kReady = 4,       // only the catalogue does not have it
+  kAbandoned = 5,   // no index any more; its entries are being removed
 };
-// "building", "write-only", "duplicates", "ready".
+// "building", "write-only", "duplicates", "ready", "abandoned".
 SAGLEME_HOST_API std::string_view IndexBuildStateName(IndexBuildState state);
 
 struct IndexBuildProgress {
   IndexBuildState state = IndexBuildState::kBuilding;
-  std::uint64_t done = 0;       // objects in this state
+  std::uint64_t done = 0;       // objects in this state; of an abandoned build, removed entries
   std::uint64_t total = 0;      // 0: not known yet
   std::uint64_t conflicts = 0;  // steps that another builder of the same index took
 };
@@ -100,11 +103,16 @@ struct IndexBuild {
 // Oldest first.
 SAGLEME_HOST_API std::vector<IndexBuild> IndexBuilds(Context const& context);
 // Goes on with a build, and creates its index. Returns false if `report` ended it.
-// LORV_STATUS_NO_INDEX: there is no such build. SAGLEME_TABLE_NOT_FOUND: its table is gone.
+// LORV_STATUS_NO_INDEX: there is no such build, or it is abandoned. SAGLEME_TABLE_NOT_FOUND: its
+// table is gone.
 SAGLEME_HOST_API bool ResumeIndexBuild(Context const& context, std::uint64_t id,
                                        IndexBuildOptions const& options = {});
 // LORV_STATUS_NO_INDEX: there is no such build.
 SAGLEME_HOST_API void AbandonIndexBuild(Context const& context, std::uint64_t id);
+// The same in commits of `options.batch` entries. Returns false if `report` or the control ended it
+// before all of them were removed: the build is abandoned all the same.
+SAGLEME_HOST_API bool AbandonIndexBuild(Context const& context, std::uint64_t id,
+                                        IndexBuildOptions const& options);
 
 struct DuplicateObjects {
   ObjectId object;

@@ -127,8 +127,9 @@ SAGLEME_HOST_API bool ResumeJob(Context const& context, std::uint64_t id,
 SAGLEME_HOST_API void StopJob(Context const& context, std::uint64_t id);
 
 // Stops a job and forgets it. What its batches committed stays, except for the entries of an index
-// build and the values that a column change prepared, which are removed; how far the former is,
-// `report` gets. LORV_STATUS_NO_OBJECT: there is no such
+// build and the values that a column change prepared, which are removed. The former are in batches:
+// `report` gets how far that is, and if it or the control ends it, the build stays in the list with
+// the step "abandoned", for another call to remove the rest. LORV_STATUS_NO_OBJECT: there is no such
 // job.
 SAGLEME_HOST_API void AbandonJob(Context const& context, std::uint64_t id,
                                  JobOptions const& options = {});

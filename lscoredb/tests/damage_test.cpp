@@ -26,7 +26,7 @@ constexpr std::uint64_t kIndexToken = 60;
 constexpr char kFormatKey[] = "format";
 constexpr char kMagic[] = "lscoredb";
 constexpr std::uint32_t kVersion = 3;
-constexpr std::uint32_t kNewestVersion = 6;
+constexpr std::uint32_t kNewestVersion = 7;
 
 std::uint32_t TryOpen(std::string const& directory) {
   lscoredb* database = nullptr;

@@ -16,7 +16,7 @@ namespace lscoredb_test {
 namespace {
 
 constexpr std::size_t kPage = 4096;
-constexpr std::uint32_t kNewestVersion = 6;
+constexpr std::uint32_t kNewestVersion = 7;
 constexpr std::uint32_t kNumber = 2;
 constexpr std::uint32_t kText = 3;
 

@@ -15,6 +15,20 @@ void PrepareIndex(Session& session) {
   Check("build_index", lscoredb_build_index(session.context(), index, kPreparedRows, nullptr));
 }
 
+void AbandonIndex(Session& session) {
+  auto const columns = Definitions({{LORV_TYPE_DOUBLE, 102}});
+  IndexId index = 0;
+  Check("prepare_index", lscoredb_prepare_index(session.context(), u"abandoned", kSet,
+                                                columns.data(), 0, 0, &index));
+  lscoredb_index_build build{};
+  build.size = sizeof build;
+  while (build.state != LSCOREDB_INDEX_READY) {
+    Check("build_index", lscoredb_build_index(session.context(), index, kRows, &build));
+  }
+  Check("abandon_index_step",
+        lscoredb_abandon_index_step(session.context(), index, kRemovedRows, nullptr));
+}
+
 }  // namespace
 
 void Write(std::string const& directory, std::uint32_t version) {
@@ -48,6 +62,7 @@ void Write(std::string const& directory, std::uint32_t version) {
     session.Commit();
   }
   if (version >= 5) PrepareIndex(session);
+  if (version >= 7) AbandonIndex(session);
 }
 
 }  // namespace lscoredb_test::corpus

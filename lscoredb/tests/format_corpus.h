@@ -8,7 +8,7 @@
 
 namespace lscoredb_test::corpus {
 
-inline constexpr std::uint32_t kNewestVersion = 6;
+inline constexpr std::uint32_t kNewestVersion = 7;
 inline constexpr std::uint32_t kLogVersion = 4;      // with a log
 inline constexpr std::uint32_t kChangesVersion = 6;  // with a log that keeps changes
 
@@ -18,6 +18,7 @@ inline constexpr std::uint64_t kByText = 61;
 inline constexpr std::uint64_t kWideIndex = 62;       // from version 2 on
 inline constexpr char16_t kClosedSet[] = u"closed/";  // from version 3 on
 inline constexpr int kPreparedRows = 10;  // from version 5 on: those that are in a prepared index
+inline constexpr int kRemovedRows = 15;   // from version 7 on: those that an abandoned index lost
 inline constexpr std::uint32_t kNumber = 2;
 inline constexpr std::uint32_t kText = 3;
 inline constexpr std::uint32_t kFraction = 4;

@@ -78,7 +78,7 @@ TEST_P(FormatsTest, OlderFormat_GoesOnWithPreparedIndexes) {
   build.size = sizeof build;
   std::uint32_t count = 1;
   EXPECT_STATUS(0, lscoredb_index_builds(session.context(), &count, &build));
-  ASSERT_EQ(GetParam() >= 5 ? 1u : 0u, count);
+  ASSERT_EQ((GetParam() >= 5 ? 1u : 0u) + (GetParam() >= 7 ? 1u : 0u), count);
   if (count == 0) return;
   EXPECT_EQ(Text(u"prepared"), build.name);
   EXPECT_EQ(static_cast<std::uint64_t>(kPreparedRows), build.done);
@@ -90,6 +90,23 @@ TEST_P(FormatsTest, OlderFormat_GoesOnWithPreparedIndexes) {
   EXPECT_EQ(build.index, session.CreateIndex(72, kSet, columns));
   EXPECT_EQ(static_cast<std::size_t>(kRows), session.Scan(build.index).size());
   session.Commit();
+}
+
+TEST_P(FormatsTest, OlderFormat_RemovesWhatIsLeftOfAnAbandonedIndex) {
+  if (GetParam() < 7) return;
+  Database const database(directory_.path());
+  Session session(database);
+  std::vector<lscoredb_index_build> builds(2);
+  builds[0].size = sizeof builds[0];
+  std::uint32_t count = 2;
+  EXPECT_STATUS(0, lscoredb_index_builds(session.context(), &count, builds.data()));
+  EXPECT_EQ(Text(u"abandoned"), builds[1].name);
+  EXPECT_EQ(LSCOREDB_INDEX_ABANDONED, builds[1].state);
+  EXPECT_EQ(static_cast<std::uint64_t>(kRemovedRows), builds[1].done);
+  EXPECT_STATUS(0, lscoredb_abandon_index(session.context(), builds[1].index));
+  EXPECT_STATUS(0, lscoredb_index_builds(session.context(), &count, builds.data()));
+  EXPECT_EQ(1u, count);
+  EXPECT_TRUE(Findings(database.get()).empty());
 }
 
 TEST_P(FormatsTest, OlderFormat_TellsKeptChanges) {

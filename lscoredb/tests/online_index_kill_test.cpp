@@ -65,6 +65,24 @@ class OnlineIndexKillTest : public testing::Test {
     session.Commit();
   }
 
+  // Removes the build batch by batch, if it is there, with a writer in between. Returns whether it
+  // had been abandoned before.
+  bool Abandon(std::uint64_t batch) const {
+    Database const database(place_);
+    Session session(database);
+    lscoredb_index_build build{};
+    build.size = sizeof build;
+    std::uint32_t count = 1;
+    Check("index_builds", lscoredb_index_builds(session.context(), &count, &build));
+    bool const before = count == 1 && build.state == LSCOREDB_INDEX_ABANDONED;
+    while (count == 1 && build.state != LSCOREDB_INDEX_REMOVED) {
+      Check("abandon", lscoredb_abandon_index_step(session.context(), build.index, batch, &build));
+      Write(session, 4000 + static_cast<std::int64_t>(build.done));
+      EXPECT_TRUE(Findings(database.get()).empty());
+    }
+    return before;
+  }
+
   // Goes on where the other process was, and holds the index against the objects.
   void FinishAndCompare() const {
     Database const database(place_);
@@ -108,6 +126,38 @@ TEST_F(OnlineIndexKillTest, BuildKilledAtAnyStep_IsCompletedByTheNextProcess) {
     EXPECT_FALSE(next.EndsKilled()) << "killed at step " << killed;
   }
   EXPECT_GT(killed, 50) << "each commit is two steps";
+}
+
+TEST_F(OnlineIndexKillTest, AbandonmentKilledAtAnyStep_IsFinishedByTheNextProcess) {
+  int killed = 0;
+  int in_between = 0;
+  for (bool more = true; more;) {
+    place_ = directory_ / std::to_string(killed).c_str();
+    OtherProcess maker([&](OtherProcess&) {
+      MakeRows();
+      Database const database(place_);
+      Session session(database);
+      IndexId const index = Prepare(session);
+      while (Step(session, index) != LSCOREDB_INDEX_READY) {
+      }
+    });
+    EXPECT_FALSE(maker.EndsKilled());
+    OtherProcess abandoner([&](OtherProcess&) {
+      KillAtStep(killed + 1);
+      Abandon(20);
+      KillAtStep(0);
+    });
+    more = abandoner.EndsKilled();
+    killed += more ? 1 : 0;
+    OtherProcess next([&](OtherProcess& test) {
+      test.Say(Abandon(20) ? 1 : 0);
+      FinishAndCompare();
+    });
+    in_between += static_cast<int>(next.Hear());
+    EXPECT_FALSE(next.EndsKilled()) << "killed at step " << killed;
+  }
+  EXPECT_GT(killed, 60) << "each entry is a step";
+  EXPECT_GT(in_between, 20) << "when the build was abandoned already";
 }
 
 // The other process began its transaction before the index was prepared, and commits at each stage.

@@ -2,7 +2,9 @@
 
 #include <lscoredb/index_build.h>
 
+#include <functional>
 #include <sagleme/index_build.hpp>
+#include <sagleme/vacuum.hpp>
 
 #include "hierarchy_test.h"
 
@@ -141,6 +143,33 @@ TEST_F(IndexBuildTest, AbandonedBuild_IsGone) {
   EXPECT_EQ(LORV_STATUS_NO_INDEX, StatusOf([&] { AbandonIndexBuild(context_, id); }));
   EXPECT_EQ(LORV_STATUS_NO_INDEX, StatusOf([&] { ResumeIndexBuild(context_, id); }));
   EXPECT_EQ(LORV_STATUS_NO_INDEX, StatusOf([&] { IndexBuildDuplicates(context_, id); }));
+}
+
+TEST_F(IndexBuildTest, AbandonmentThatEndsEarly_IsListedAndFinishedByWhoeverComesNext) {
+  std::vector<std::function<void(std::uint64_t)>> const next{
+      [&](std::uint64_t id) { AbandonIndexBuild(context_, id); },
+      [&](std::uint64_t id) { AbandonJob(context_, id); },
+      [&](std::uint64_t id) { EXPECT_TRUE(ResumeJob(context_, id)); },
+      [&](std::uint64_t) { RunVacuum(context_); },
+      [&](std::uint64_t) {
+        EXPECT_TRUE(PrepareIndex(context_, {"X", "Book", {{"Title"}}}));
+      }};
+  for (auto const& finish : next) {
+    EXPECT_FALSE(BuildIndex(context_, ByPages(), Ending(5)));
+    std::uint64_t const id = IndexBuilds(context_).at(0).id;
+    EXPECT_FALSE(AbandonIndexBuild(context_, id, Ending(1)));
+    auto const build = IndexBuilds(context_).at(0);
+    EXPECT_EQ(IndexBuildState::kAbandoned, build.progress.state);
+    EXPECT_EQ(4u, build.progress.done);
+    auto const job = sagleme::Jobs(context_).at(0);
+    EXPECT_EQ("abandoned", job.step);
+    EXPECT_EQ(sagleme::JobState::kCutOff, job.state);
+    EXPECT_EQ(LORV_STATUS_NO_INDEX, StatusOf([&] { ResumeIndexBuild(context_, id); }));
+    finish(id);
+    for (auto const& left : IndexBuilds(context_)) EXPECT_NE(id, left.id);
+  }
+  EXPECT_TRUE(BuildIndex(context_, ByPages(), Small()));
+  EXPECT_EQ(30u, InIndexNow(u"ByPages"));
 }
 
 TEST_F(IndexBuildTest, Duplicates_AreNamedAndListed) {

@@ -14,6 +14,11 @@ static_assert(static_cast<std::uint32_t>(BuildPhase::kFilling) == LSCOREDB_INDEX
 static_assert(static_cast<std::uint32_t>(BuildPhase::kVerifying) == LSCOREDB_INDEX_WRITE_ONLY);
 static_assert(static_cast<std::uint32_t>(BuildPhase::kDuplicates) == LSCOREDB_INDEX_DUPLICATES);
 static_assert(static_cast<std::uint32_t>(BuildPhase::kReady) == LSCOREDB_INDEX_READY);
+static_assert(static_cast<std::uint32_t>(BuildPhase::kAbandoned) == LSCOREDB_INDEX_ABANDONED);
+static_assert(static_cast<std::uint32_t>(BuildPhase::kNone) == LSCOREDB_INDEX_REMOVED);
+
+// Entries that a commit removes: it takes a few milliseconds.
+constexpr std::uint64_t kRemovedAtOnce = 5000;
 
 // Runs `work` with a context that has no transaction open.
 template <typename Work>
@@ -130,6 +135,22 @@ uint32_t lscoredb_index_duplicates(uint64_t context, uint64_t index_id,
 }
 
 uint32_t lscoredb_abandon_index(uint64_t context, uint64_t index_id) {
-  return WithIdle(context,
-                  [&](Context& found) { return found.index_builder().Abandon(IndexId{index_id}); });
+  return WithIdle(context, [&](Context& found) {
+    WatchedCall const call;
+    return found.index_builder().AbandonAll(IndexId{index_id}, kRemovedAtOnce);
+  });
+}
+
+uint32_t lscoredb_abandon_index_step(uint64_t context, uint64_t index_id, uint64_t batch,
+                                     lscoredb_index_build* out) {
+  return WithIdle(context, [&](Context& found) -> Status {
+    bool const sized = out == nullptr || out->size >= sizeof out->size;
+    if (batch == 0 || !sized) return LSCOREDB_INVALID_ARGUMENT;
+    IndexBuilder::Listed left;
+    Status const status = found.index_builder().Abandon(IndexId{index_id}, batch, &left);
+    if (status == LORV_STATUS_OK && out != nullptr) {
+      Fill(Keep(found, {std::move(left)}).front(), out, out->size);
+    }
+    return status;
+  });
 }

@@ -292,7 +292,11 @@ DefinitionRecord IndexSetRecord(IndexDefinition const& index) {
   return {KeyOf(format::kIndexSetLetter, HashOf(index.setspec), Raw(index.id)), {}};
 }
 
-void WriteIndex(Batch& batch, IndexDefinition const& index) {
+std::string AbandonedKey(IndexId id) { return KeyOf(format::kAbandonedLetter, Raw(id)); }
+
+namespace {
+
+std::string RecordOf(IndexDefinition const& index) {
   std::string record;
   Append(record, Raw(index.token));
   Append(record, index.flags);
@@ -303,7 +307,30 @@ void WriteIndex(Batch& batch, IndexDefinition const& index) {
     AppendColumn(record, column.type, column.nullable, column.token);
   }
   AppendDefinitionText(record, index.setspec);
-  PutChecked(batch, Tree::kDefinitions, IndexKey(index.id), record);
+  return record;
+}
+
+}  // namespace
+
+void WriteAbandoned(Batch& batch, IndexDefinition const& index) {
+  PutChecked(batch, Tree::kDefinitions, AbandonedKey(index.id), RecordOf(index));
+  RequireFormat(batch, format::kAbandonedIndexVersion);
+}
+
+void DeleteAbandoned(Batch& batch, IndexId id) {
+  batch.Remove(Tree::kDefinitions, AbandonedKey(id));
+}
+
+std::unique_ptr<IndexDefinition const> LoadAbandoned(View const& view, IndexId id) {
+  std::string_view record;
+  if (!GetChecked(view, Tree::kDefinitions, AbandonedKey(id), &record)) return nullptr;
+  std::unique_ptr<IndexDefinition> index = ParseIndex(id, record);
+  index->phase = BuildPhase::kAbandoned;
+  return index;
+}
+
+void WriteIndex(Batch& batch, IndexDefinition const& index) {
+  PutChecked(batch, Tree::kDefinitions, IndexKey(index.id), RecordOf(index));
   if (index.columns.size() > format::kSortMaskBits) {
     RequireFormat(batch, format::kWideIndexVersion);
   }

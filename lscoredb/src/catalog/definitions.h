@@ -105,6 +105,7 @@ enum class BuildPhase : std::uint8_t {
   kVerifying = 2,   // complete; commits refuse new duplicates, old ones are being looked for
   kDuplicates = 3,  // complete, with duplicates, which commits do not refuse
   kReady = 4,
+  kAbandoned = 5,  // no index any more: nobody keeps it up, and its entries are being removed
 };
 
 struct IndexDefinition {
@@ -150,6 +151,12 @@ DefinitionRecord IndexSetRecord(IndexDefinition const& index);
 
 // A prepared index is written without the record that finds it by its token.
 void WriteIndex(Batch& batch, IndexDefinition const& index);
+// Leaves of the definition what is needed to remove the entries batch by batch.
+void WriteAbandoned(Batch& batch, IndexDefinition const& index);
+void DeleteAbandoned(Batch& batch, IndexId id);
+// Null: no index with that id is abandoned.
+std::unique_ptr<IndexDefinition const> LoadAbandoned(View const& view, IndexId id);
+std::string AbandonedKey(IndexId id);
 // Returns whether the index was there.
 bool DeleteIndex(Batch& batch, IndexDefinition const& index);
 bool HasIndex(View const& view, IndexId id);

@@ -29,7 +29,9 @@ IndexBuild ParseBuild(IndexId id, std::string_view record) {
   std::string_view const name = fields.Bytes(size);
   std::size_t const read = 25 + std::size_t{size};
   if (!fields.ok() || read > record.size()) Throw(LSCOREDB_DAMAGED);
-  if (phase == 0 || phase > static_cast<std::uint8_t>(BuildPhase::kReady)) Throw(LSCOREDB_DAMAGED);
+  if (phase == 0 || phase > static_cast<std::uint8_t>(BuildPhase::kAbandoned)) {
+    Throw(LSCOREDB_DAMAGED);
+  }
   build.name = ReadDefinitionText(name);
   build.position = record.substr(read);
   return build;

@@ -97,6 +97,8 @@ class CheckedDefinitions {
   // Whether the definition exists and was reported as damaged.
   bool IsBroken(LayoutNumber number) const;
   bool IsBroken(IndexId id) const;
+  // Whether it is no index any more, and has entries that are to be removed.
+  bool IsAbandoned(IndexId id) const { return abandoned_.contains(id); }
   template <typename Visit>
   void ForEachLayout(Visit&& visit) const {
     for (auto const& [number, layout] : layouts_) {
@@ -114,6 +116,7 @@ class CheckedDefinitions {
   void CheckIndexName(std::string_view key, bool by_token);
   void CheckClosedSet(std::string_view key, std::string_view record);
   void CheckBuild(std::string_view key);
+  void CheckAbandoned(std::string_view key);
   void CheckSetChange(std::string_view key, std::string_view record);
   void CheckCountOf(std::string_view key, std::string_view record);
   void CheckRelease(std::string_view key);
@@ -125,6 +128,7 @@ class CheckedDefinitions {
   std::map<LayoutNumber, std::unique_ptr<Layout const>> layouts_;
   std::map<IndexId, std::unique_ptr<IndexDefinition const>> indexes_;
   std::map<IndexId, IndexBuild> builds_;
+  std::set<IndexId> abandoned_;
 };
 
 // ---- objects (check_objects.cpp) ---------------------------------------------------------------

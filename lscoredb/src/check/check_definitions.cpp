@@ -18,6 +18,7 @@ std::size_t KeySize(Letter letter) {
       return 3;
     case format::kIndexLetter:
     case format::kBuildLetter:
+    case format::kAbandonedLetter:
       return 9;
     case format::kLayoutTokenLetter:
       return 11;
@@ -125,6 +126,9 @@ void CheckedDefinitions::LoadOne(std::string_view key, std::string_view record) 
     LoadIndex(IndexAtEnd(key), record);
   } else if (letter == format::kBuildLetter) {
     builds_.emplace(IndexAtEnd(key), ParseBuild(IndexAtEnd(key), record));
+  } else if (letter == format::kAbandonedLetter) {
+    ParseIndex(IndexAtEnd(key), record);
+    abandoned_.insert(IndexAtEnd(key));
   } else if (letter == format::kCountLetter) {
     ParseCount(record);
   } else if (letter == format::kSetChangeLetter) {
@@ -185,6 +189,8 @@ void CheckedDefinitions::CheckOne(std::string_view key, std::string_view record)
       return CheckIndexName(key, key[0] == format::kIndexTokenLetter);
     case format::kBuildLetter:
       return CheckBuild(key);
+    case format::kAbandonedLetter:
+      return CheckAbandoned(key);
     case format::kSetChangeLetter:
       return CheckSetChange(key, record);
     case format::kClosedSetLetter:
@@ -233,8 +239,17 @@ void CheckedDefinitions::CheckBuild(std::string_view key) {
   if (key.size() != KeySize(key[0])) return;
   IndexId const id = IndexAtEnd(key);
   IndexDefinition const* const index = FindIndex(id);
-  if (IsBroken(id) || (index != nullptr && index->prepared())) return;
+  if (IsBroken(id) || IsAbandoned(id) || (index != nullptr && index->prepared())) return;
   sink_.Report(OfIndex(id), "There is the state of a prepared index that does not exist.");
+}
+
+void CheckedDefinitions::CheckAbandoned(std::string_view key) {
+  if (key.size() != KeySize(key[0])) return;
+  IndexId const id = IndexAtEnd(key);
+  auto const build = builds_.find(id);
+  bool const recorded = build != builds_.end() && build->second.phase == BuildPhase::kAbandoned;
+  if (!recorded) sink_.Report(OfIndex(id), "The state of an abandoned index is not recorded.");
+  if (FindIndex(id) != nullptr) sink_.Report(OfIndex(id), "An abandoned index is still defined.");
 }
 
 bool CheckedDefinitions::IsYetToCome(IndexDefinition const& index, std::string_view key) const {

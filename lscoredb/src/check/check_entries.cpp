@@ -94,7 +94,8 @@ void EntryCheck::EnterIndex(std::string_view key) {
   index_ = size == 0 ? nullptr : definitions_.FindIndex(IndexId{id});
   last_.clear();
   tails_.clear();
-  if (index_ != nullptr || (size != 0 && definitions_.IsBroken(IndexId{id}))) return;
+  bool const known = definitions_.IsBroken(IndexId{id}) || definitions_.IsAbandoned(IndexId{id});
+  if (index_ != nullptr || (size != 0 && known)) return;
   Finding finding;
   finding.kind = LSCOREDB_FINDING_ENTRY;
   finding.index = IndexId{id};

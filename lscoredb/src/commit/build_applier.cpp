@@ -69,12 +69,25 @@ void BuildApplier::Write(BuildChange const& change) {
       RequireFormat(batch_, format::kPreparedIndexVersion);
       return WriteIndexVersion(batch_);
     case BuildChange::Kind::kAbandon:
-      DeleteEntries(batch_, *change.index);
       DeleteIndex(batch_, *change.index);
+      if (!change.left.empty()) WriteAbandoned(batch_, *change.index);
+      Remove(change);
       return WriteIndexVersion(batch_);
+    case BuildChange::Kind::kRemove:
+      if (change.left.empty()) DeleteAbandoned(batch_, change.index->id);
+      return Remove(change);
     case BuildChange::Kind::kContinue:
       WriteBuild(batch_, change.after);
       if (change.before.phase != change.after.phase) WriteIndexVersion(batch_);
+  }
+}
+
+void BuildApplier::Remove(BuildChange const& change) {
+  DeleteEntries(batch_, *change.index, change.left);
+  if (change.left.empty()) {
+    DeleteBuild(batch_, change.index->id);
+  } else {
+    WriteBuild(batch_, change.after);
   }
 }
 

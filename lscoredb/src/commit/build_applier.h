@@ -17,17 +17,19 @@
 namespace lscore {
 
 struct BuildChange {
-  enum class Kind { kPrepare, kContinue, kAbandon };
+  // kAbandon: the index is one no more. kRemove: more entries of one that is abandoned.
+  enum class Kind { kPrepare, kContinue, kAbandon, kRemove };
 
   Kind kind = Kind::kContinue;
   IndexDefinition const* index = nullptr;
   IndexBuild before;  // as it was read; not for kPrepare
-  IndexBuild after;   // not for kAbandon
+  IndexBuild after;   // of kAbandon and kRemove if entries are left
   // The entries to add: those above before.position, up to after.position, or all others once the
   // index is no longer being filled. Null: none.
   SortedEntries const* entries = nullptr;
   CommitId read{0};        // the state of the objects that the entries were made of
   bool set_quiet = false;  // whether no object of the set was changed since, as of the snapshot
+  std::string left;        // the key of the first entry not to remove; empty: none is left
 };
 
 void AddHints(BuildChange const& change, std::vector<TreeKey>* hints);
@@ -43,6 +45,7 @@ class BuildApplier {
  private:
   void RequireNoneLike(IndexDefinition const& index) const;
   void Write(BuildChange const& change);
+  void Remove(BuildChange const& change);
   void AddEntries(BuildChange const& change);
   void FetchObjects(BuildChange const& change) const;
   void AddEntry(BuildChange const& change, std::string_view key, std::string_view value);

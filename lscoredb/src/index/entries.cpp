@@ -97,8 +97,22 @@ void EntryWriter::Delete(IndexDefinition const& index, std::string_view encoded,
   batch_.Remove(Tree::kIndex, record_.key);
 }
 
-void DeleteEntries(Batch& batch, IndexDefinition const& index) {
-  batch.RemoveRange(Tree::kIndex, index.entry_prefix, LeastAbove(index.entry_prefix));
+void DeleteEntries(Batch& batch, IndexDefinition const& index, std::string_view end) {
+  std::string const all = LeastAbove(index.entry_prefix);
+  batch.RemoveRange(Tree::kIndex, index.entry_prefix, end.empty() ? all : end);
+}
+
+std::string KeyBehind(View const& view, IndexDefinition const& index, std::uint64_t most,
+                      std::uint64_t* count) {
+  Cursor cursor;
+  cursor.Open(view, Tree::kIndex);
+  *count = 0;
+  bool on = cursor.Seek(index.entry_prefix);
+  for (; on && cursor.key().starts_with(index.entry_prefix); on = cursor.Next()) {
+    if (*count == most) return std::string(cursor.key());
+    ++*count;
+  }
+  return {};
 }
 
 // ---- scanning -----------------------------------------------------------------------------------

@@ -72,8 +72,11 @@ class EntryWriter {
   Batch& batch_;
   EntryRecord record_;
 };
-// Deletes all entries of an index.
-void DeleteEntries(Batch& batch, IndexDefinition const& index);
+// Deletes all entries of an index, or those whose keys in the store are below `end`.
+void DeleteEntries(Batch& batch, IndexDefinition const& index, std::string_view end = {});
+// The key behind the first `most` entries, and how many those are. Empty: there are not more.
+std::string KeyBehind(View const& view, IndexDefinition const& index, std::uint64_t most,
+                      std::uint64_t* count);
 
 // What EntryCursor::SeekFirst seeks, for View::PrefetchSeeks.
 std::string SeekKey(IndexDefinition const& index, std::string_view bound);

@@ -46,6 +46,8 @@
 //                                            object and no other layout needs it
 //   'P' index id (8)                      -> the state of a prepared index, see index_builds.cpp;
 //                                            it has no record 'J'
+//   'Q' index id (8)                      -> an abandoned index, whose entries are being removed,
+//                                            as 'I' had it; besides it has only its state in 'P'
 //   'Z' set specifier cut at kSetPrefix, its hash (8) -> the whole set specifier: a set that takes
 //                                            no more objects
 //
@@ -81,7 +83,8 @@ inline constexpr std::uint32_t kClosedSetVersion = 3;  // sets that take no more
 inline constexpr std::uint32_t kLogVersion = 4;        // a log beside the file, log_format.h
 inline constexpr std::uint32_t kPreparedIndexVersion = 5;  // indexes that are not complete yet
 inline constexpr std::uint32_t kChangesVersion = 6;        // a log that keeps changes, log_format.h
-inline constexpr std::uint32_t kNewestVersion = kChangesVersion;
+inline constexpr std::uint32_t kAbandonedIndexVersion = 7;  // entries of indexes that are gone
+inline constexpr std::uint32_t kNewestVersion = kAbandonedIndexVersion;
 
 // The value of the format record.
 inline std::string FormatRecord(std::uint32_t version) {
@@ -126,6 +129,7 @@ inline constexpr char kIndexLetter = 'I';
 inline constexpr char kIndexTokenLetter = 'J';
 inline constexpr char kIndexSetLetter = 'S';
 inline constexpr char kBuildLetter = 'P';
+inline constexpr char kAbandonedLetter = 'Q';
 inline constexpr char kCountLetter = 'C';
 inline constexpr char kFreeIdsLetter = 'F';
 inline constexpr char kDeletedIdLetter = 'X';

@@ -73,34 +73,68 @@ Status IndexBuilder::Prepare(std::unique_ptr<IndexDefinition> index, std::u16str
   return Commit(change);
 }
 
-Status IndexBuilder::TryAbandon(IndexId id) {
+// What entries writers add until the commit are removed with the batch that they are in.
+Status IndexBuilder::TryAbandon(IndexId id, std::uint64_t most, Listed* out) {
   Reading const reading(*this);
   std::optional<IndexBuild> const build = FindBuild(*state_.snapshot, id);
   if (!build.has_value()) return LORV_STATUS_NO_INDEX;
-  std::unique_ptr<IndexDefinition const> const index = LoadIndex(*state_.snapshot, id);
-  if (index == nullptr) return LSCOREDB_DAMAGED;
+  bool const begun = build->phase == BuildPhase::kAbandoned;
+  std::shared_ptr<IndexDefinition const> const index = Definition(*build);
   BuildChange change;
-  change.kind = BuildChange::Kind::kAbandon;
+  change.kind = begun ? BuildChange::Kind::kRemove : BuildChange::Kind::kAbandon;
   change.index = index.get();
   change.before = *build;
-  return Commit(change);
+  std::uint64_t count = 0;
+  change.left = KeyBehind(*state_.snapshot, *index, most, &count);
+  IndexBuild& after = change.after;
+  after = *build;
+  after.phase = BuildPhase::kAbandoned;
+  after.done = begun ? build->done + count : count;
+  after.total = 0;
+  after.position.clear();
+  Status const status = Commit(change);
+  if (status != LORV_STATUS_OK) return status;
+  *out = {after, index};
+  if (change.left.empty()) out->build.phase = BuildPhase::kNone;
+  return status;
 }
 
 // Somebody who continues the build meanwhile is no reason to leave it.
-Status IndexBuilder::Abandon(IndexId id) {
+Status IndexBuilder::Abandon(IndexId id, std::uint64_t most, Listed* out) {
   sorted_.erase(id);
   verified_.erase(id);
-  Status status = TryAbandon(id);
-  for (int i = 1; i < kAttempts && status == LSCOREDB_CONFLICT; ++i) status = TryAbandon(id);
+  Status status = TryAbandon(id, most, out);
+  for (int i = 1; i < kAttempts && status == LSCOREDB_CONFLICT; ++i) {
+    status = TryAbandon(id, most, out);
+  }
   return status;
+}
+
+// Others may remove entries of the same index, and the last ones too.
+Status IndexBuilder::AbandonAll(IndexId id, std::uint64_t most) {
+  WatchedWork work;
+  for (bool begun = false;; begun = true) {
+    Listed left;
+    Status const status = Abandon(id, most, &left);
+    if (begun && status == LORV_STATUS_NO_INDEX) return LORV_STATUS_OK;
+    if (status != LORV_STATUS_OK || left.build.phase == BuildPhase::kNone) return status;
+    work.AdvanceTo(left.build.done);
+  }
+}
+
+std::shared_ptr<IndexDefinition const> IndexBuilder::Definition(IndexBuild const& build) const {
+  bool const abandoned = build.phase == BuildPhase::kAbandoned;
+  auto index =
+      abandoned ? LoadAbandoned(*state_.snapshot, build.id) : LoadIndex(*state_.snapshot, build.id);
+  if (index == nullptr) Throw(LSCOREDB_DAMAGED);
+  return index;
 }
 
 std::vector<IndexBuilder::Listed> IndexBuilder::List() {
   Reading const reading(*this);
   std::vector<Listed> listed;
   for (IndexBuild& build : AllBuilds(*state_.snapshot)) {
-    std::shared_ptr<IndexDefinition const> index = LoadIndex(*state_.snapshot, build.id);
-    if (index == nullptr) Throw(LSCOREDB_DAMAGED);
+    std::shared_ptr<IndexDefinition const> index = Definition(build);
     listed.push_back({std::move(build), std::move(index)});
   }
   return listed;
@@ -117,10 +151,10 @@ void IndexBuilder::Forget(IndexId id, BuildPhase phase) {
 Status IndexBuilder::Step(IndexId id, std::uint64_t most, Listed* out) {
   Reading const reading(*this);
   std::optional<IndexBuild> const build = FindBuild(*state_.snapshot, id);
-  Forget(id, build.has_value() ? build->phase : BuildPhase::kReady);
-  if (!build.has_value()) return LORV_STATUS_NO_INDEX;
-  std::shared_ptr<IndexDefinition const> const index = LoadIndex(*state_.snapshot, id);
-  if (index == nullptr) return LSCOREDB_DAMAGED;
+  bool const there = build.has_value() && build->phase != BuildPhase::kAbandoned;
+  Forget(id, there ? build->phase : BuildPhase::kReady);
+  if (!there) return LORV_STATUS_NO_INDEX;
+  std::shared_ptr<IndexDefinition const> const index = Definition(*build);
   *out = {*build, index};
   if (build->phase == BuildPhase::kReady) return LORV_STATUS_OK;
   if (state_.database->store().read_only()) return LSCOREDB_READ_ONLY_DATABASE;
@@ -268,9 +302,10 @@ Status IndexBuilder::Enforce(IndexDefinition const& index, IndexBuild* build) {
 Status IndexBuilder::ForEachDuplicate(IndexId id,
                                       std::function<bool(ObjectId, ObjectId)> const& visit) {
   Reading const reading(*this);
-  if (!FindBuild(*state_.snapshot, id).has_value()) return LORV_STATUS_NO_INDEX;
-  std::unique_ptr<IndexDefinition const> const index = LoadIndex(*state_.snapshot, id);
-  if (index == nullptr) return LSCOREDB_DAMAGED;
+  std::optional<IndexBuild> const build = FindBuild(*state_.snapshot, id);
+  bool const there = build.has_value() && build->phase != BuildPhase::kAbandoned;
+  if (!there) return LORV_STATUS_NO_INDEX;
+  std::shared_ptr<IndexDefinition const> const index = Definition(*build);
   std::string position;
   std::uint64_t compared = 0;
   CompareNeighbours(*index, ~std::uint64_t{0}, &position, &compared, visit);

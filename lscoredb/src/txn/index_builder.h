@@ -11,6 +11,8 @@
 //   verify       so many entries, for equal keys; at the end                   -> kReady
 //                at the first duplicate: they are no longer refused            -> kDuplicates
 //   again        duplicates are refused again                                  -> kVerifying
+//   abandon      the index is one no more; so many entries are removed         -> kAbandoned, or
+//   remove       so many more                                                  -> gone
 //
 // What is sorted belongs to this object. Another one, after a kill or in another process, sorts
 // again and goes on where the stored state says. One thread at a time.
@@ -44,7 +46,11 @@ class IndexBuilder {
   // the index is unique and there are duplicates. LSCOREDB_CONFLICT: somebody else did a step.
   // LORV_STATUS_NO_INDEX: there is no such build.
   Status Step(IndexId id, std::uint64_t most, Listed* out);
-  Status Abandon(IndexId id);
+  // Removes about `most` entries of a build, which is no index any more from the first call on.
+  // `out->build.phase` is kNone once nothing of it is left. LORV_STATUS_NO_INDEX: nothing was.
+  Status Abandon(IndexId id, std::uint64_t most, Listed* out);
+  // All of it, in commits of so many entries. The thread's watch sees the removed ones.
+  Status AbandonAll(IndexId id, std::uint64_t most);
 
   std::vector<Listed> List();
   // Calls `visit` with each object among the present entries whose key an earlier one has, and with
@@ -56,7 +62,8 @@ class IndexBuilder {
 
   Status Commit(BuildChange const& change);
   Status Continue(IndexDefinition const& index, IndexBuild const& before, IndexBuild const& after);
-  Status TryAbandon(IndexId id);
+  Status TryAbandon(IndexId id, std::uint64_t most, Listed* out);
+  std::shared_ptr<IndexDefinition const> Definition(IndexBuild const& build) const;
   // What this object keeps of a build between its steps.
   struct Sorted {
     std::unique_ptr<SortedEntries const> entries;  // null: there were none

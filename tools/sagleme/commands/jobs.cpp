@@ -43,7 +43,8 @@ class JobsCommand : public Command {
            "ended.\n"
            "The steps of an index build are building: objects are missing; write-only: duplicates "
            "are being looked for; duplicates: some were found; ready: only the catalogue does not "
-           "have the index. It costs every writer its upkeep until it is finished or abandoned.";
+           "have the index. It costs every writer its upkeep until it is finished or abandoned. "
+           "Abandoned: an earlier abandon was interrupted; resume or abandon removes the rest.";
   }
   void Declare(CLI::App& app) override {
     app.add_option("ACTION", action_, "resume, stop, abandon or duplicates; without it, the list")
@@ -65,7 +66,7 @@ class JobsCommand : public Command {
   static void List(std::vector<Job> const& jobs, Output const& output);
   void ListDuplicates(Session& session, Output const& output) const;
   void ResumeOne(Session& session, Job const& job, Output const& output) const;
-  Exit Resume(Session& session, std::vector<Job> const& jobs, Output const& output) const;
+  Exit Resume(Session& session, std::vector<Job> jobs, Output const& output) const;
 
   std::string action_;
   std::string id_;
@@ -127,19 +128,27 @@ void JobsCommand::ListDuplicates(Session& session, Output const& output) const {
   if (found.size() == kMost) output.Note(fmt::format("only the first {} are listed\n", kMost));
 }
 
+bool IsAbandoned(Job const& job) {
+  return job.step == sagleme::IndexBuildStateName(sagleme::IndexBuildState::kAbandoned);
+}
+
+std::string DoneText(Job const& job) {
+  if (IsAbandoned(job)) return fmt::format("removed what was left of {}\n", job.description);
+  if (job.kind == JobKind::kIndexBuild) return fmt::format("created {}\n", job.description);
+  return fmt::format("finished the {} of {}\n", JobKindName(job.kind), job.description);
+}
+
 void JobsCommand::ResumeOne(Session& session, Job const& job, Output const& output) const {
-  bool const build = job.kind == JobKind::kIndexBuild;
-  std::string const what = fmt::format("{} of {}", JobKindName(job.kind), job.description);
   WatchJob(output, job, Options(), [&](sagleme::JobOptions const& options) {
     return sagleme::ResumeJob(session.context(), job.id, options);
   });
-  output.Note(build ? fmt::format("created {}\n", job.description)
-                    : fmt::format("finished the {}\n", what));
+  output.Note(DoneText(job));
 }
 
-// Without a number, those that nobody works on.
-Exit JobsCommand::Resume(Session& session, std::vector<Job> const& jobs,
-                         Output const& output) const {
+// Without a number, those that nobody works on: first what is left of abandoned builds, which other
+// builds would remove.
+Exit JobsCommand::Resume(Session& session, std::vector<Job> jobs, Output const& output) const {
+  std::stable_partition(jobs.begin(), jobs.end(), IsAbandoned);
   for (Job const& job : jobs) {
     bool const wanted = id_.empty() ? job.state != JobState::kRunning : job.id == Id();
     if (wanted) ResumeOne(session, job, output);
@@ -162,7 +171,7 @@ Exit JobsCommand::Run(Session& session, Output& output) {
   } else if (action_ == "stop") {
     sagleme::StopJob(session.context(), Id());
   } else {
-    std::vector<Job> const jobs = sagleme::Jobs(session.context());
+    std::vector<Job> jobs = sagleme::Jobs(session.context());
     if (action_.empty()) {
       List(jobs, output);
       return Exit::kDone;
@@ -170,7 +179,7 @@ Exit JobsCommand::Run(Session& session, Output& output) {
     bool const known = id_.empty() || std::any_of(jobs.begin(), jobs.end(),
                                                   [&](auto const& one) { return one.id == Id(); });
     if (!known) throw Failure(Exit::kRefused, fmt::format("there is no job {}", id_));
-    return Resume(session, jobs, output);
+    return Resume(session, std::move(jobs), output);
   }
   return Exit::kDone;
 }
