@@ -14,21 +14,10 @@
 #include <string>
 #include <string_view>
 
-#include "c/words.h"
-
-struct sagleme_job_control {
-  sagleme::JobControl control;
-};
+#include "c/job_options.h"
 
 namespace sagleme {
 namespace {
-
-// Options as the caller's version of the header has them.
-sagleme_job_options Whole(sagleme_job_options const* given) {
-  sagleme_job_options whole{};
-  if (given != nullptr) std::memcpy(&whole, given, std::min(given->size, sizeof whole));
-  return whole;
-}
 
 std::uint32_t BatchOf(sagleme_job_options const& options, std::uint32_t fallback) {
   if (options.batch == 0) return fallback;
@@ -37,10 +26,6 @@ std::uint32_t BatchOf(sagleme_job_options const& options, std::uint32_t fallback
 
 std::chrono::milliseconds PauseOf(sagleme_job_options const& options) {
   return std::chrono::milliseconds(options.pause);
-}
-
-JobControl const* ControlOf(sagleme_job_options const& options) {
-  return options.control == nullptr ? nullptr : &options.control->control;
 }
 
 // Reports to the caller, and remembers whether it ended the job.
@@ -64,34 +49,15 @@ class Reporter {
   bool stopped_ = false;
 };
 
-std::uint32_t StatusOf(Failure const& failure) {
-  return failure.kind() == Failure::Kind::kCannotOpen ? LSCOREDB_CANNOT_OPEN
-                                                      : LSCOREDB_INVALID_ARGUMENT;
-}
-
 // Runs the work in a context of the database at a place. No exception leaves it.
 template <typename Work>
 std::uint32_t At(char const* place, Work&& work) {
-  try {
-    if (place == nullptr) detail::CheckKernel(LSCOREDB_NULL_ARGUMENT);
+  return Guarded([&]() -> std::uint32_t {
+    Require(place);
     Database const database = Database::Open(place);
     Context const context(database);
-    std::uint32_t const status = work(context);
-    return status == 0 ? 0 : Failed(status, detail::StatusText(status));
-  } catch (Error const& error) {
-    return Failed(error.status(), error.what());
-  } catch (Failure const& failure) {
-    std::string const advice = failure.advice().empty() ? "" : ". " + failure.advice();
-    return Failed(StatusOf(failure), (failure.what() + advice).c_str());
-  } catch (std::bad_alloc const&) {
-    return Failed(LSCOREDB_NO_MEMORY, detail::StatusText(LSCOREDB_NO_MEMORY));
-  } catch (std::exception const& error) {  // a bad row or text
-    return Failed(LSCOREDB_INVALID_ARGUMENT, error.what());
-  }
-}
-
-void Require(void const* pointer) {
-  if (pointer == nullptr) detail::CheckKernel(LSCOREDB_NULL_ARGUMENT);
+    return work(context);
+  });
 }
 
 std::u16string FullName(Context const& context, char const* table) {

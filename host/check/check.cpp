@@ -1,6 +1,7 @@
 #include <optional>
 #include <vector>
 
+#include "jobs/heeded.h"
 #include "parts.h"
 
 namespace sagleme {
@@ -150,18 +151,32 @@ void CheckAll(Transaction& transaction, CheckOptions const& options, FindingRepo
   });
 }
 
+// With the control among what the progress calls.
+CheckOptions Controlled(CheckOptions options) {
+  if (options.control == nullptr) return options;
+  constexpr std::uint64_t kPauses = 100;
+  options.progress = [heeded = jobs::Heeded(options.control), report = options.progress](
+                         std::uint64_t done, std::uint64_t total) mutable {
+    if (report) report(done, total);
+    heeded.At(done, total / kPauses + 1);
+  };
+  return options;
+}
+
 }  // namespace
 
 void CheckCatalogue(Transaction& transaction, CheckOptions const& options,
                     FindingReport const& report) {
-  CheckAll(transaction, options, report, checks::Progress(options, 0));
+  CheckOptions const controlled = Controlled(options);
+  CheckAll(transaction, controlled, report, checks::Progress(controlled, 0));
 }
 
 void CheckDatabase(std::string const& directory, CheckOptions const& options,
                    FindingReport const& report) {
   detail::RequireDatabase(directory);  // the kernel would make one
   constexpr std::uint64_t kKernelQuarters = 3;
-  checks::Progress progress(options, kKernelQuarters);
+  CheckOptions const controlled = Controlled(options);
+  checks::Progress progress(controlled, kKernelQuarters);
   KernelFindings const findings = Kernel(directory).Check(progress);
   for (KernelFinding const& finding : findings) {
     if (EndsReading(finding)) return ReportAll(findings, report);
@@ -176,7 +191,7 @@ void CheckDatabase(std::string const& directory, CheckOptions const& options,
   Context const context(*database);
   Transaction transaction(context, Access::kReadOnly);
   ReportByTable(transaction, findings, report);
-  CheckAll(transaction, options, report, progress);
+  CheckAll(transaction, controlled, report, progress);
 }
 
 }  // namespace sagleme

@@ -13,6 +13,7 @@
 #include "data/row_writer.h"
 #include "data/scaffold.h"
 #include "data/server_load.h"
+#include "jobs/heeded.h"
 #include "schema/annotation_changes.h"
 #include "schema/refused_build.h"
 
@@ -181,10 +182,22 @@ class Loader {
   std::uint64_t highest_ = 0;
 };
 
+// With the control among what the report calls.
+LoadOptions Controlled(LoadOptions options) {
+  options.report = [heeded = jobs::Heeded(options.control),
+                    report = options.report](TransferProgress const& progress) mutable {
+    if (report) report(progress);
+    heeded.At(progress.objects, kBatch);
+  };
+  options.control = nullptr;
+  return options;
+}
+
 }  // namespace
 
 LoadResult Load(std::string const& directory, std::istream& input, std::string const& source,
                 LoadOptions const& options) {
+  if (options.control != nullptr) return Load(directory, input, source, Controlled(options));
   if (IsServerUrl(directory)) {
     return LoadOntoServer(directory, options.report, [&](std::string const& here) {
       return Load(here, input, source, options);

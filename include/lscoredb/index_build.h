@@ -109,7 +109,7 @@ LSCOREDB_API uint32_t lscoredb_index_duplicates(uint64_t context, uint64_t index
 
 /* Abandons a prepared index in whatever state, and removes its entries, about 5,000 in a commit.
  * From the first commit on it is no index any more. The thread's watch sees the removed entries; if
- * it stops the removal, with LSCOREDB_STOPPED, or the process ends, the build is left abandoned, and
+ * it stops the removal, with LSCOREDB_STOPPED, or the process ends, the build stays abandoned, and
  * another call removes the rest. LORV_STATUS_NO_INDEX: there is no such build, or no longer. After
  * LSCOREDB_CONFLICT, LSCOREDB_COMMIT_UNKNOWN, a full disk or any other failure: call again. */
 LSCOREDB_API uint32_t lscoredb_abandon_index(uint64_t context, uint64_t index_id);

@@ -37,6 +37,7 @@
 #include <cstdint>
 #include <functional>
 #include <sagleme/host.hpp>
+#include <sagleme/jobs.hpp>
 #include <string>
 
 namespace sagleme {
@@ -55,6 +56,9 @@ struct CheckOptions {
   bool references = true;  // check for references that lead nowhere
   // Receives the progress of the check. An exception ends the check and is passed on.
   std::function<void(std::uint64_t done, std::uint64_t total)> progress;
+  // May stop the check from any thread, which ends it with Error of LSCOREDB_STOPPED. Its pause is
+  // made a hundred times, all in one transaction.
+  JobControl const* control = nullptr;
 };
 
 // Checks the newest committed state of the database in `directory`, even if the process has it

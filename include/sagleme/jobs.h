@@ -15,7 +15,9 @@
  * Rules
  *
  *  1. `place` is the directory or URL of a database. A function opens it beside the openings that
- *     the process has, and closes it again. Databases in memory have no jobs of this header.
+ *     the process has, and closes it again, so that it works in a context of its own, beside
+ *     whatever transaction the caller has open, and the handle may be closed meanwhile. Databases
+ *     in memory have no jobs of this header.
  *  2. Each function returns 0 for success, else a status of the layer or of the kernel, whose text
  *     sagleme_error(0, status) gives. LSCOREDB_STOPPED: the control, the report, or another process
  *     ended the job, which can be resumed. LSCOREDB_INVALID_ARGUMENT: also a file or a document
@@ -124,6 +126,34 @@ SAGLEME_HOST_API uint32_t sagleme_resume_job(char const* place, uint64_t id,
 SAGLEME_HOST_API uint32_t sagleme_stop_job(char const* place, uint64_t id);
 /* Stops a job and forgets it. What it committed stays. LORV_STATUS_NO_OBJECT. */
 SAGLEME_HOST_API uint32_t sagleme_abandon_job(char const* place, uint64_t id);
+
+/* ---- work that is no job ------------------------------------------------------------------- */
+
+/* A check and a load have nothing to resume, so they are not listed. They heed the control and the
+ * report of their options, and neither batch nor pause. What is stopped returns LSCOREDB_STOPPED.
+ */
+
+typedef struct sagleme_finding {
+  size_t size; /* of this record, which may grow */
+  char const* rule;
+  char const* table; /* empty: the whole database, or unknown */
+  uint64_t object;   /* 0: of the table */
+  char const* what;  /* an English sentence */
+} sagleme_finding;
+
+/* Receives a finding, which is valid during the call. A result other than 0 stops the check. Must
+ * not throw. */
+typedef uint32_t (*sagleme_finding_callback)(void* user, sagleme_finding const* finding);
+
+/* Checks what is committed; `references` is 1 to look also for those that lead nowhere.
+ * <sagleme/check.hpp> */
+SAGLEME_HOST_API uint32_t sagleme_check(char const* place, uint32_t references,
+                                        sagleme_finding_callback visit, void* user,
+                                        sagleme_job_options const* options);
+/* Makes a new database of a dump. `objects`, which may be NULL, gets their number. A load that
+ * fails or is stopped leaves nothing behind. <sagleme/host/dump.hpp> */
+SAGLEME_HOST_API uint32_t sagleme_load(char const* place, char const* file,
+                                       sagleme_job_options const* options, uint64_t* objects);
 
 #ifdef __cplusplus
 }

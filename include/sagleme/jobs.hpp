@@ -26,7 +26,9 @@
 // process stopped, abandoned or took over ends with LSCOREDB_STOPPED and commits nothing more.
 //
 // A check and a load have nothing to resume and are not listed: a check changes nothing, and a
-// load makes a database that nobody sees before it is whole.
+// load makes a database that nobody sees before it is whole. A JobControl stops and slows them all
+// the same (<sagleme/check.hpp>, <sagleme/host/dump.hpp>); what it stops throws Error of
+// LSCOREDB_STOPPED.
 //
 // All functions work in transactions of their own, in a context without an open one.
 
@@ -129,8 +131,8 @@ SAGLEME_HOST_API void StopJob(Context const& context, std::uint64_t id);
 // Stops a job and forgets it. What its batches committed stays, except for the entries of an index
 // build and the values that a column change prepared, which are removed. The former are in batches:
 // `report` gets how far that is, and if it or the control ends it, the build stays in the list with
-// the step "abandoned", for another call to remove the rest. LORV_STATUS_NO_OBJECT: there is no such
-// job.
+// the step "abandoned", for another call to remove the rest. LORV_STATUS_NO_OBJECT: there is no
+// such job.
 SAGLEME_HOST_API void AbandonJob(Context const& context, std::uint64_t id,
                                  JobOptions const& options = {});
 

@@ -54,8 +54,8 @@ PyObject* DropIndex(PyObject* module, PyObject* args);        // name
 // `report` is called with a dictionary after each batch; False ends the run.
 PyObject* Vacuum(PyObject* module, PyObject* args);
 // build_index(context, (name, table, columns, unique), whether to create it too, objects in a
-// batch, report or None): whether it was built to the end. `report` is called as that of vacuum. One
-// that is not to be created is forgotten if it cannot be for its duplicates.
+// batch, report or None): whether it was built to the end. `report` is called as that of vacuum.
+// One that is not to be created is forgotten if it cannot be for its duplicates.
 PyObject* BuildIndex(PyObject* module, PyObject* args);
 // indexes_to_prepare(transaction, [(name, table, columns, unique)], objects): the names of those
 // that are worth building beside writers, since their tables have so many objects.

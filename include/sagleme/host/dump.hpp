@@ -15,6 +15,7 @@
 #include <sagleme/failure.hpp>
 #include <sagleme/host.hpp>
 #include <sagleme/host/transfer.hpp>
+#include <sagleme/jobs.hpp>
 #include <string>
 
 namespace sagleme {
@@ -28,6 +29,9 @@ struct LoadOptions {
   // Objects get new identities, 1 and up in the order of the dump, and references follow them.
   bool new_ids = false;
   TransferReport report;  // `done` counts objects
+  // May stop the load from any thread, which ends it with Error of LSCOREDB_STOPPED and leaves
+  // nothing behind. Its pause is made after each 20,000 objects.
+  JobControl const* control = nullptr;
 };
 
 struct LoadResult {
