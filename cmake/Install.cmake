@@ -13,8 +13,9 @@ set_target_properties(sagleme PROPERTIES INSTALL_RPATH "\$ORIGIN")
 install(TARGETS sagleme EXPORT saglemeTargets)
 
 if(SAGLEME_KERNEL STREQUAL "embedded")
-  install(FILES include/lscoredb/bulk.h include/lscoredb/changes.h include/lscoredb/durability.h
-                include/lscoredb/host.h include/lscoredb/index_build.h include/lscoredb/move.h
+  install(FILES include/lscoredb/backup.h include/lscoredb/bulk.h include/lscoredb/changes.h
+                include/lscoredb/durability.h include/lscoredb/host.h
+                include/lscoredb/index_build.h include/lscoredb/move.h
                 include/lscoredb/refused_key.h include/lscoredb/require.h
                 include/lscoredb/server.h include/lscoredb/statuses.h include/lscoredb/watch.h
           DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/lscoredb)

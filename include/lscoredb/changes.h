@@ -17,7 +17,7 @@
  *     commit may be a group of transactions, which then share its number; `transaction` counts them
  *     from 1, and `last` marks the last change of each. To go on later, keep the position of the
  *     last change that was dealt with and open a reader there. It is valid for the database for
- *     good, but not for a copy of it.
+ *     good, but not for a copy of it, nor for what is restored from a backup.
  *  3. Changes are kept as long as the retention says, and by whole files or, on a server, some
  *     commits at a time: a little longer than asked for, never shorter, unless the disk is full.
  *     Commits to a directory never fail for lack of room for kept changes; the oldest ones are

@@ -119,10 +119,10 @@ LSCOREDB_API uint32_t lscoredb_open(char const* directory, lscoredb_options cons
                                     lscoredb** out);
 /* Writes to `*out` whether a directory or URL holds a database. Fails if no server answers. */
 LSCOREDB_API uint32_t lscoredb_exists(char const* directory, uint32_t* out);
-/* After a lscoredb_open, lscoredb_exists or lscoredb_copy of this thread that failed, or a
- * lscoredb_open that opened only for reading: the file or directory that the system refused, or the
- * server's message, and the reason: "shelf/layouts.lock: Permission denied". Empty if nothing was
- * refused. Valid until the thread's next call of one of these functions. */
+/* After a lscoredb_open, lscoredb_exists, lscoredb_copy or a call of backup.h of this thread that
+ * failed, or a lscoredb_open that opened only for reading: the file or directory that the system
+ * refused, or the server's message, and the reason: "shelf/layouts.lock: Permission denied". Empty
+ * if nothing was refused. Valid until the thread's next call of one of these functions. */
 LSCOREDB_API char const* lscoredb_open_error(void);
 /* Closes a database; the pointer is then invalid. LSCOREDB_IN_USE: contexts are open. */
 LSCOREDB_API uint32_t lscoredb_close(lscoredb* database);

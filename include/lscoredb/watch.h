@@ -7,7 +7,7 @@
  *
  * A thread has at most one watch. It is called, in that thread, while the thread is in
  *  - lscoredb_check, and lscoredb_open with `verify` while it scans pages, as a check does first;
- *  - lscoredb_copy;
+ *  - lscoredb_copy, lscoredb_backup, lscoredb_restore, lscoredb_backup_list while it verifies;
  *  - lorvi_context_create_index, while it reads existing objects, sorts and compares their keys;
  *  - lscoredb_move_to_set, once in each call, since hosts move many objects one after the other.
  * Stopped work returns LSCOREDB_STOPPED and changes nothing: a database is as it was, and a

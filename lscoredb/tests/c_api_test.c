@@ -1,5 +1,6 @@
 /* The headers and what they declare, from plain C: a small program that a C host could be. */
 
+#include <lscoredb/backup.h>
 #include <lscoredb/changes.h>
 #include <lscoredb/host.h>
 #include <lscoredb/index_build.h>
@@ -126,6 +127,15 @@ static void build_beside_writers(uint64_t context) {
 }
 
 /* A database in memory has no log. */
+static void ask_for_backups(lscoredb* database) {
+  lscoredb_backup_part part = {sizeof part, 0, 0, 0, 0, 0, 0};
+  lscoredb_restored restored = {sizeof restored, 0, 0};
+  EXPECT(lscoredb_backup(database, "missing/backup", 0, &part) == LSCOREDB_CANNOT_OPEN);
+  EXPECT(lscoredb_backup_list("missing/backup", 0, NULL, NULL) == LSCOREDB_NULL_ARGUMENT);
+  EXPECT(lscoredb_restore("missing/backup", NULL, "to", &restored) == LSCOREDB_CANNOT_OPEN);
+  EXPECT(strstr(lscoredb_open_error(), "missing") != NULL);
+}
+
 static void ask_for_changes(lscoredb* database) {
   lscoredb_kept_changes kept = {0};
   lscoredb_changes* reader = NULL;
@@ -145,6 +155,7 @@ int main(void) {
   use(context);
   build_beside_writers(context);
   ask_for_changes(database);
+  ask_for_backups(database);
   EXPECT(strlen(lscoredb_status_text(LSCOREDB_CONFLICT)) > 0);
   EXPECT_OK(lscoredb_context_close(context));
   EXPECT_OK(lscoredb_close(database));

@@ -22,6 +22,25 @@ bool WatchStopsWait() noexcept {
   return watch.callback(watch.user, watch.done, watch.total) != 0;
 }
 
+WatchedPart::WatchedPart(WorkShare share)
+    : share_(share), callback_(ThreadWatch().callback), user_(ThreadWatch().user) {
+  if (callback_ == nullptr) return;
+  ThreadWatch() = {&WatchedPart::Report, this, 0, kWhole, ThreadWatch().holds};
+}
+
+WatchedPart::~WatchedPart() {
+  if (callback_ == nullptr) return;
+  ThreadWatch() = {callback_, user_, share_.end, kWhole, ThreadWatch().holds};
+}
+
+// Nothing is known of the length of the work: it stands at its beginning.
+std::uint32_t WatchedPart::Report(void* self, std::uint64_t done, std::uint64_t total) {
+  WatchedPart const& part = *static_cast<WatchedPart*>(self);
+  std::uint64_t const share = total == 0 ? 0 : std::min(done, total) * kWhole / total;
+  std::uint64_t const width = part.share_.end - part.share_.begin;
+  return part.callback_(part.user_, part.share_.begin + width * share / kWhole, kWhole);
+}
+
 // The number of steps is an estimate, which may be too low.
 std::uint64_t WatchedWork::DoneOfShare() const {
   if (steps_ == 0) return share_.begin;

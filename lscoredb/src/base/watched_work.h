@@ -23,6 +23,29 @@ Watch& ThreadWatch() noexcept;
 // Asks the watch of a thread that waits for a server. Returns whether the wait is to end.
 bool WatchStopsWait() noexcept;
 
+// Where a part of the work begins and ends, in thousandths of the whole.
+struct WorkShare {
+  std::uint64_t begin = 0;
+  std::uint64_t end = 1000;
+};
+
+// While one lives, the thread's watch sees the work of whole calls as a part of this one: from
+// `begin` to `end` thousandths of it.
+class WatchedPart {
+ public:
+  explicit WatchedPart(WorkShare share);
+  ~WatchedPart();
+  WatchedPart(WatchedPart const&) = delete;
+  WatchedPart& operator=(WatchedPart const&) = delete;
+
+ private:
+  static std::uint32_t Report(void* self, std::uint64_t done, std::uint64_t total);
+
+  WorkShare const share_;
+  lscoredb_watch_callback const callback_;
+  void* const user_;
+};
+
 // While one lives, the thread's waits for a server do not ask its watch: others depend on the work,
 // or it undoes what was stopped.
 class WatchHold {
@@ -40,12 +63,6 @@ class WatchedCall {
   ~WatchedCall() { ThreadWatch().done = ThreadWatch().total = 0; }
   WatchedCall(WatchedCall const&) = delete;
   WatchedCall& operator=(WatchedCall const&) = delete;
-};
-
-// Where a part of the work begins and ends, in thousandths of the whole.
-struct WorkShare {
-  std::uint64_t begin = 0;
-  std::uint64_t end = 1000;
 };
 
 // Of a check, which begins with the pages of the file.

@@ -31,6 +31,12 @@ std::uint64_t ReadIdentity(View const& view) {
   return identity;
 }
 
+void RenewIdentity(Batch& batch) {
+  std::string record;
+  Append(record, Draw());
+  PutChecked(batch, Tree::kMeta, format::kIdentityKey, record);
+}
+
 std::uint64_t DatabaseIdentity::Get() {
   if (std::uint64_t const known = committed_; known != 0) return known;
   std::unique_ptr<Snapshot> snapshot = store_.Begin();
@@ -53,9 +59,7 @@ void DatabaseIdentity::Assure(Batch& batch) {
     committed_ = identity;
     return;
   }
-  std::string record;
-  Append(record, Draw());
-  PutChecked(batch, Tree::kMeta, format::kIdentityKey, record);
+  RenewIdentity(batch);
 }
 
 }  // namespace lscore

@@ -3,7 +3,7 @@
 
 // The number that identifies a database. It is random and enters the first batch that finds none:
 // the first commit of a new database, or of one that an earlier kernel wrote. It never changes, and
-// copies share it. Any thread.
+// copies share it; a database that is restored from a backup gets another one. Any thread.
 
 #include <atomic>
 #include <cstdint>
@@ -14,6 +14,9 @@ namespace lscore {
 
 // The identity in the view's state; 0: it has none. Throws LSCOREDB_DAMAGED.
 std::uint64_t ReadIdentity(View const& view);
+
+// Writes a new one, for a database that is to be another from now on.
+void RenewIdentity(Batch& batch);
 
 class DatabaseIdentity {
  public:

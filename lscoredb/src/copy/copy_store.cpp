@@ -91,7 +91,7 @@ constexpr std::uint64_t kFirstState = 1;  // of a new store on a server
 
 }  // namespace
 
-void CopyStore(Store& store, char const* directory) {
+CommitId CopyStore(Store& store, char const* directory) {
   StoreOptions options;
   options.sync = false;
   std::uint64_t const max_file_size = store.Statistics().max_file_size;
@@ -103,6 +103,7 @@ void CopyStore(Store& store, char const* directory) {
   std::shared_ptr<void> alone = target->LockCreation();
   if (on_server && Raw(target->Statistics().last_commit) != kFirstState) RefuseTarget(directory);
   std::unique_ptr<Snapshot> snapshot = store.Begin();
+  CommitId const state = snapshot->id();
   try {
     Copier(*snapshot, *target, store.Statistics().file_size).Run();
   } catch (...) {
@@ -115,6 +116,7 @@ void CopyStore(Store& store, char const* directory) {
     throw;
   }
   store.End(std::move(snapshot));
+  return state;
 }
 
 }  // namespace lscore

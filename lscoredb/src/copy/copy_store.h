@@ -9,9 +9,10 @@
 namespace lscore {
 
 // Writes the newest committed state into a new store, in an empty directory or on a server, while
-// others read and write the source. The copy has no unused space, and its commit numbers continue
-// from the source's. An incomplete copy cannot be opened as a database.
-void CopyStore(Store& store, char const* directory);
+// others read and write the source. Returns the number of that state. The copy has no unused space,
+// and its commit numbers continue from the source's. An incomplete copy cannot be opened as a
+// database.
+CommitId CopyStore(Store& store, char const* directory);
 
 }  // namespace lscore
 

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "ids.h"
+#include "status.h"
 
 namespace lscore {
 
@@ -35,6 +36,14 @@ struct NotedCommit {
   std::vector<std::string_view> notes;
 };
 
+// A commit as the store's log has it.
+struct RecordedCommit {
+  CommitId commit{0};
+  std::uint64_t time = 0;   // microseconds since 1970
+  std::string_view log;     // what identifies the log
+  std::string_view record;  // all of it, as log_format.h describes
+};
+
 // Reads the commits after a given one. One thread at a time. Never waits for a writer. The store
 // outlives it.
 class ChangeSource {
@@ -47,6 +56,9 @@ class ChangeSource {
   // the next call. Throws LSCOREDB_CHANGES_GONE if the next commit is not kept any more, and
   // LSCOREDB_NO_CHANGES if the store has ceased to keep any.
   virtual bool Next(NotedCommit* out) = 0;
+  // The same for the next commit of any kind. Throws LSCOREDB_CHANGES_UNSUPPORTED if the store has
+  // no log.
+  virtual bool NextRecorded(RecordedCommit* /* out */) { Throw(LSCOREDB_CHANGES_UNSUPPORTED); }
   // Waits for a commit after the last one that Next looked at. Returns whether there is one; also
   // returns early when a signal arrives. Negative: without a limit.
   virtual bool Wait(int milliseconds) = 0;

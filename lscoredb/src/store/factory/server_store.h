@@ -21,7 +21,7 @@ bool HasServerStore(char const* url);
 // The function that such a library exports as "lscoredb_open_server_store". Null: the versions of
 // the seam differ. Throws as the store does; `*reason` then has the server's reason, if it gave
 // one.
-inline constexpr std::uint32_t kSeamVersion = 8;
+inline constexpr std::uint32_t kSeamVersion = 9;
 using OpenServerStoreFunction = Store*(char const* url, StoreOptions const* options,
                                        std::uint32_t seam_version, std::string* reason);
 // "lscoredb_find_server_store": 1: there is a database, 0: there is none, -1: the versions differ.

@@ -120,6 +120,16 @@ bool LogChanges::Next(NotedCommit* out) {
   return false;
 }
 
+bool LogChanges::NextRecorded(RecordedCommit* out) {
+  LogRecord const* const record = NextRecord();
+  if (record == nullptr) return false;
+  out->commit = record->head.commit;
+  out->time = record->head.time;
+  out->log = logformat::BytesOf(files_.identity());
+  out->record = {record->bytes.get(), record->head.size};
+  return true;
+}
+
 int LogChanges::File() {
   if (watch_ < 0) watch_ = store_.board_.WatchCommits();
   return watch_;

@@ -26,13 +26,13 @@ class LogChanges final : public ChangeSource {
   ~LogChanges() override;
 
   bool Next(NotedCommit* out) override;
+  bool NextRecorded(RecordedCommit* out) override;
   bool Wait(int milliseconds) override;
   int File() override;
 
+ private:
   // The next commit, even one without notes; none yet: null. Valid until the next call.
   LogRecord const* NextRecord();
-
- private:
   bool IsNextPublished();
   std::optional<LogRecord> FindNext();
   std::optional<LogRecord> ReadOn();

@@ -4,7 +4,6 @@
 
 #include <cstring>
 
-#include "crc32c.h"
 #include "directory.h"
 #include "status.h"
 
@@ -77,12 +76,6 @@ void LogFiles::Remove() noexcept {
   }
 }
 
-bool LogFiles::IsWhole(LogRecord const& record) const {
-  std::string_view const checked(record.bytes.get() + logformat::kCheckedFrom,
-                                 record.head.size - logformat::kCheckedFrom);
-  return Crc32c(logformat::BytesOf(identity_), checked) == record.head.checksum;
-}
-
 // The head is read first and must be plausible; then the whole record is read, its head must still
 // be the same (another process may be writing), and its checksum must hold.
 std::optional<LogRecord> LogFiles::ReadAt(Generation generation, std::uint64_t offset) {
@@ -105,7 +98,8 @@ std::optional<LogRecord> LogFiles::ReadBehind(LogFile const& file, std::uint64_t
   record.head = head;
   record.bytes.reset(new char[record.head.size]);
   if (file.Read(offset, record.bytes.get(), record.head.size) < record.head.size ||
-      std::memcmp(record.bytes.get(), &record.head, sizeof(Head)) != 0 || !IsWhole(record)) {
+      std::memcmp(record.bytes.get(), &record.head, sizeof(Head)) != 0 ||
+      !logformat::IsWhole(identity_, {record.bytes.get(), record.head.size})) {
     return std::nullopt;
   }
   return record;

@@ -67,7 +67,6 @@ class LogFiles {
   std::optional<LogRecord> ReadAt(logformat::Generation generation, std::uint64_t offset);
   std::optional<LogRecord> ReadBehind(LogFile const& file, std::uint64_t offset,
                                       logformat::Head const& head) const;
-  bool IsWhole(LogRecord const& record) const;
   bool HoldsSynced(logformat::Generation generation, std::uint64_t offset, CommitId after);
 
   std::string directory_;

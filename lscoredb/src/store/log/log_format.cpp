@@ -118,6 +118,11 @@ std::string ContentFormat(View const& image) {
   return std::string(format::kMagic).append(record.substr(skipped));
 }
 
+bool IsWhole(Identity const& identity, std::string_view record) {
+  std::uint32_t const checksum = Crc32c(BytesOf(identity), record.substr(kCheckedFrom));
+  return Load<std::uint32_t>(record.data()) == checksum;
+}
+
 bool NextChange(std::string_view& rest, Change* change) {
   if (rest.empty()) return false;
   FieldReader fields(rest);

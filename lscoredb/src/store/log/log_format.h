@@ -125,6 +125,9 @@ void WriteRetention(Batch& image, Retention const& retention);
 std::string ImageFormat(View const& image, std::string_view content_format);
 std::string ContentFormat(View const& image);
 
+// Whether the checksum of a record of the log is right. REQUIRES: it has a head.
+bool IsWhole(Identity const& identity, std::string_view record);
+
 // Takes the next change, or note, off `rest`. Returns false at its end; throws LSCOREDB_DAMAGED if
 // the bytes are not a change.
 struct Change {
