@@ -77,7 +77,7 @@ TEST_F(ToolTest, Usage_Wrong_ExitsWithTwo) {
 TEST_F(ToolTest, Help_EveryCommand_HasAnExample) {
   for (char const* const command :
        {"create", "info", "tables", "describe", "schema", "apply", "import", "export", "dump",
-        "load", "get", "find", "scan", "check", "vacuum"}) {
+        "load", "get", "find", "scan", "check", "vacuum", "backup", "restore"}) {
     Result const help = RunTool({command, "--help"});
     EXPECT_EQ(0, help.status);
     EXPECT_TRUE(Contains(help.out, std::string("  sagleme ") + command + " ")) << help.out;

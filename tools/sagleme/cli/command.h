@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "base/failure.h"
@@ -36,7 +37,11 @@ class Command {
   // More text for help and manual, one line per paragraph.
   virtual std::string details() const { return ""; }
   virtual std::vector<Example> examples() const = 0;
-  // Declares options and arguments, the database left out.
+  // The first argument, which is the session's directory, and what it is.
+  virtual std::pair<std::string, std::string> place() const {
+    return {"DB", "The database's directory, or its URL on a server"};
+  }
+  // Declares options and arguments, that one left out.
   virtual void Declare(CLI::App& app) = 0;
   // Whether it can be used at the prompt.
   virtual bool at_prompt() const { return true; }

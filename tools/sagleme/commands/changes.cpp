@@ -3,12 +3,12 @@
 
 #include <array>
 #include <charconv>
-#include <ctime>
 #include <sagleme/changes.hpp>
 
 #include "base/interrupt.h"
 #include "commands/commands.h"
 #include "output/text.h"
+#include "output/time_text.h"
 
 namespace tool {
 namespace {
@@ -135,15 +135,6 @@ void ShowChanges::Keep(Session& session, Output& output) const {
 }
 
 // ---- lines -------------------------------------------------------------------------------------
-
-std::string TimeText(std::uint64_t microseconds) {
-  auto const seconds = static_cast<std::time_t>(microseconds / 1'000'000);
-  std::tm parts{};
-  gmtime_r(&seconds, &parts);
-  return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:06}Z", parts.tm_year + 1900,
-                     parts.tm_mon + 1, parts.tm_mday, parts.tm_hour, parts.tm_min, parts.tm_sec,
-                     microseconds % 1'000'000);
-}
 
 char const* KindText(sagleme::ChangeKind kind) {
   switch (kind) {

@@ -31,6 +31,8 @@ std::unique_ptr<Command> MakeCheck();
 std::unique_ptr<Command> MakeVacuum();
 std::unique_ptr<Command> MakeJobs();
 std::unique_ptr<Command> MakeCopy();
+std::unique_ptr<Command> MakeBackup();
+std::unique_ptr<Command> MakeRestore();
 std::unique_ptr<Command> MakeChanges();
 std::unique_ptr<Command> MakeDiagram();
 std::unique_ptr<Command> MakeStubs();

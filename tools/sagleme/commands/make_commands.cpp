@@ -42,9 +42,8 @@ std::string Example::For(std::string const& program) const {
 CLI::App* Attach(CLI::App& parser, Command& command, Output& output, std::string* directory) {
   CLI::App* const app = parser.add_subcommand(command.name(), command.summary());
   if (directory != nullptr) {
-    app->add_option("DB", *directory, "The database's directory, or its URL on a server")
-        ->required()
-        ->type_name("");
+    auto const [name, about] = command.place();
+    app->add_option(name, *directory, about)->required()->type_name("");
   }
   command.Declare(*app);
   if (command.lists()) DeclareFormat(*app, output);
@@ -76,6 +75,8 @@ std::vector<std::unique_ptr<Command>> MakeCommands() {
   commands.push_back(MakeVacuum());
   commands.push_back(MakeJobs());
   commands.push_back(MakeCopy());
+  commands.push_back(MakeBackup());
+  commands.push_back(MakeRestore());
   commands.push_back(MakeChanges());
   commands.push_back(MakeDiagram());
   commands.push_back(MakeStubs());
