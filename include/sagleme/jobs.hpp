@@ -125,7 +125,8 @@ SAGLEME_HOST_API bool ResumeJob(Context const& context, std::uint64_t id,
                                 JobOptions const& options = {});
 
 // Makes a running job of whatever process end after the batch that it is in, or soon if it pauses,
-// cut off. Returns when the request is recorded. LORV_STATUS_NO_OBJECT: there is no such job, or no longer.
+// cut off. Returns when the request is recorded. LORV_STATUS_NO_OBJECT: there is no such job, or
+// no longer.
 SAGLEME_HOST_API void StopJob(Context const& context, std::uint64_t id);
 
 // Stops a job and forgets it. What its batches committed stays, except for the entries of an index

@@ -26,8 +26,8 @@ struct ScanSource {
 };
 
 // From a server: the rows that are not cached come in one round trip for each 1024, and the
-// snapshot keeps them. From memory: the rows are brought into the processor's cache, which waits for
-// nothing. Returns whether a server was asked.
+// snapshot keeps them. From memory: the rows are brought into the processor's cache, which waits
+// for nothing. Returns whether a server was asked.
 bool FetchRows(ScanSource const& source, std::span<std::uint64_t const> ids);
 
 }  // namespace lscore

@@ -1,7 +1,6 @@
 // What a store must do, by the words of store.h. Every store passes all of it.
 
 #include <atomic>
-#include <deque>
 #include <random>
 #include <set>
 #include <thread>
@@ -394,45 +393,6 @@ TEST_P(StoreConformanceTest, Cursors_AgreeWithAnOrderedMap) {
     ASSERT_EQ(at->second, of_batch.value());
   }
   of_batch.Close();
-}
-
-// As a queue does it: the ends of what is left lie behind ever more deleted entries.
-TEST_P(StoreConformanceTest, EntriesTakenFromBothEnds_AgreeWithAModel) {
-  std::map<std::string, std::string> model = NumberedEntries(600);
-  Fill(*store_, kTree, model);
-  std::mt19937 random(3);
-  std::deque<std::pair<std::unique_ptr<Reading>, Entries>> older;
-  for (int round = 0; round < 500; ++round) {
-    if (round % 50 == 10) {
-      older.emplace_back(std::make_unique<Reading>(*store_), Entries(model.begin(), model.end()));
-    }
-    if (older.size() == 3) {
-      EXPECT_EQ(older.front().second, AllOf(**older.front().first, kTree));
-      older.pop_front();
-    }
-    std::string taken;
-    {
-      Reading const now(*store_);
-      Cursor cursor;
-      cursor.Open(*now, kTree);
-      bool const first = random() % 3 != 0;
-      ASSERT_TRUE(first ? cursor.First() : cursor.Last());
-      taken = cursor.key();
-      ASSERT_EQ(first ? model.begin()->first : model.rbegin()->first, taken);
-      cursor.Close();
-    }
-    std::string const added = Numbered(static_cast<std::uint32_t>(random() % 600));
-    bool const adds = random() % 20 == 0;
-    ASSERT_EQ(LORV_STATUS_OK, CommitStatus([&](Batch& batch) {
-                batch.Delete(kTree, taken);
-                if (adds) batch.Put(kTree, added, "added");
-              }));
-    model.erase(taken);
-    if (adds) model[added] = "added";
-    if (round % 25 != 0) continue;
-    Reading const now(*store_);
-    EXPECT_EQ(Entries(model.begin(), model.end()), AllOf(*now, kTree));
-  }
 }
 
 TEST_P(StoreConformanceTest, EntriesOfACursor_StayWhileItsSnapshotLives) {

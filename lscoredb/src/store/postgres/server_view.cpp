@@ -170,7 +170,8 @@ bool ServerCursor::GiveLast(ServerPage const& page, KeyValue* entry) {
   return Give(page.size() - 1, entry);
 }
 
-// Pages grow from 16 to 4096 entries: a short scan fetches little, a long one needs few round trips.
+// Pages grow from 16 to 4096 entries: a short scan fetches little, a long one takes few round
+// trips.
 std::size_t ServerCursor::Grown() {
   most_ = std::clamp(kPageGrowth * most_, kFirstPage, kLargestPage);
   return most_;
