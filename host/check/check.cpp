@@ -25,6 +25,7 @@ class Kernel {
   explicit Kernel(std::string const& directory) {
     lscoredb_options options{};
     options.size = sizeof options;
+    options.log = LSCOREDB_SAME_LOG;
     detail::CheckOpened(lscoredb_open(directory.c_str(), &options, &handle_), directory);
   }
   ~Kernel() { lscoredb_close(handle_); }
@@ -183,7 +184,7 @@ void CheckDatabase(std::string const& directory, CheckOptions const& options,
   }
   std::optional<Database> database;
   try {
-    database.emplace(Database::Open(directory));
+    database.emplace(Database::Open(directory, {.log = LSCOREDB_SAME_LOG}));
   } catch (Error const& error) {
     ReportAll(findings, report);
     return ReportError(error, report);

@@ -28,8 +28,11 @@ constexpr std::uint64_t kRowMemory = std::uint64_t{16} << 20;  // rows are read 
 // The kernel keeps its own identities above those of the dump, the catalogue's included: every
 // object comes back with the identity that it had, which may be known outside of the database.
 void LeaveIdentities(std::string const& directory, std::uint64_t first) {
+  lscoredb_options options{};
+  options.size = sizeof options;
+  options.log = LSCOREDB_SAME_LOG;
   lscoredb* kernel = nullptr;
-  detail::CheckKernel(lscoredb_open(directory.c_str(), nullptr, &kernel));
+  detail::CheckKernel(lscoredb_open(directory.c_str(), &options, &kernel));
   auto const raised = lscoredb_raise_ids(kernel, first);
   detail::CheckKernel(lscoredb_close(kernel));
   detail::CheckKernel(raised);
@@ -43,9 +46,10 @@ class Loader {
     dump_.Survey([this](DumpedObject const& object) { Note(object.id); });
     new_ids_.Finish();
     LeaveIdentities(directory, highest_ + 1);
-    // Nobody else sees the database before it is whole, and then it is brought onto the disk.
-    auto const database =
-        Database::Create(directory, {}, {.no_sync = true, .row_memory = kRowMemory});
+    // Nobody else sees the database before it is whole, and then it is brought onto the disk. A log
+    // would write everything twice; the next opening gives it one.
+    auto const database = Database::Create(
+        directory, {}, {.no_sync = true, .row_memory = kRowMemory, .log = LSCOREDB_SAME_LOG});
     Context const context(database);
     // An index over objects that are there is sorted and appended, not grown entry by entry.
     ApplySchema(context, WithTablesAlone(dump_.schema()));

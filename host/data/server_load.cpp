@@ -84,7 +84,7 @@ LoadResult LoadOntoServer(std::string const& url, TransferReport const& report,
   TemporaryDirectory const here;
   std::string const directory = here.path() + "/database";
   LoadResult const result = load(directory);
-  Database const loaded = Database::Open(directory);
+  Database const loaded = Database::Open(directory, {.log = LSCOREDB_SAME_LOG});
   CopyWatch const watch(report, result.objects);
   std::uint32_t const status = lscoredb_copy(loaded.handle(), url.c_str());
   watch.Rethrow();

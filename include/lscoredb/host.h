@@ -61,12 +61,20 @@ typedef struct lscoredb lscoredb;
 
 /* Whether commits go to a log first: each is one write and one sync, and many reach the data file
  * together later. A directory that has a log keeps it, whatever this option says. A directory
- * without one gets a log if LSCOREDB_LOG asks for it and no other process has it open; programs
- * that do not know logs then refuse it with LSCOREDB_NEWER_FORMAT. The default is no log. Databases
- * in memory have none. */
+ * without one, new or older, gets one when it is opened for writing and no other process has it
+ * open; programs that do not know logs then refuse it with LSCOREDB_NEWER_FORMAT. Databases in
+ * memory and on servers have none.
+ *
+ * DEFAULT: as above, unless the directory was opened with LSCOREDB_NO_LOG before. If the log cannot
+ * be made, on a full disk for example, the directory stays as it is.
+ * LOG: as above, in any case. If the log cannot be made, the opening fails.
+ * NO_LOG: the directory gets none, and remembers that for later openings. Whatever commits need is
+ * in the data file; docs/format.md says which programs can read it.
+ * SAME_LOG: the directory stays as it is, and remembers nothing. */
 #define LSCOREDB_DEFAULT_LOG 0u
 #define LSCOREDB_LOG 1u
 #define LSCOREDB_NO_LOG 2u
+#define LSCOREDB_SAME_LOG 3u
 
 /* How a database is opened. On a server, AUTOMATIC is the same as WRITE. */
 #define LSCOREDB_ACCESS_AUTOMATIC 0u /* read and write, or only read if writing is not possible */
@@ -84,7 +92,7 @@ typedef struct lscoredb_options {
   uint64_t max_file_size; /* bytes; 0: 64 GiB. Address space, not memory */
   /* 1: reads every used page first; LSCOREDB_DAMAGED if they are inconsistent. 0: reads a few. */
   uint32_t verify;
-  uint32_t log; /* LSCOREDB_DEFAULT_LOG, LSCOREDB_LOG or LSCOREDB_NO_LOG */
+  uint32_t log; /* LSCOREDB_DEFAULT_LOG, LSCOREDB_LOG, LSCOREDB_NO_LOG, LSCOREDB_SAME_LOG */
   /* Bytes of memory in which all contexts of the process share rows that were read, so that the
    * next reader need not go to the file. 0: 256 MiB; LSCOREDB_NO_ROW_MEMORY: none. Memory is
    * allocated as rows come in. While old transactions last, usage may be a quarter higher; the
@@ -279,11 +287,13 @@ typedef struct lscoredb_statistics {
                              newer states freed is used again once it moves on */
   uint32_t transactions;  /* open ones, over all processes */
   uint32_t max_readers;   /* how many there may be */
-  uint64_t log_size;      /* bytes of the log that the data file does not hold yet; 0: no log */
+  uint64_t log_size;      /* bytes of the log that the data file does not hold yet */
   uint64_t log_memory;    /* bytes of this process that hold what is in the log, and what was when
                              transactions began that are still open */
   uint64_t read_only;     /* 1: it was opened only to be read */
   uint64_t round_trips;   /* this process has waited for a server; 0: not on a server */
+  uint64_t log; /* LSCOREDB_LOG: there is one; LSCOREDB_NO_LOG: none, in a directory for good;
+                   LSCOREDB_DEFAULT_LOG: none, but a later opening may make one */
 } lscoredb_statistics;
 
 /* Statistics of the whole database. Fields beyond `out->size` are not written.

@@ -1,3 +1,4 @@
+#include <lscoredb/durability.h>
 #include <sys/resource.h>
 
 #include <csignal>
@@ -92,9 +93,11 @@ TEST_F(CopyTest, Copy_LeavesFreePagesBehind) {
   Oids all;
   for (int i = 0; i < 100; ++i) all.push_back(Add(i, 10'000));
   session_.Commit();
+  EXPECT_STATUS(0, lscoredb_checkpoint(database_.get()));
   session_.Begin();
   for (std::size_t i = 1; i < all.size(); ++i) session_.Delete(all[i]);
   session_.Commit();
+  EXPECT_STATUS(0, lscoredb_checkpoint(database_.get()));
   EXPECT_STATUS(0, Copy("copy"));
   EXPECT_LT(StatisticsOf(Database(directory_ / "copy")).file_size,
             StatisticsOf(database_).file_size / 4);

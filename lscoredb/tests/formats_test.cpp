@@ -23,6 +23,15 @@ class FormatsTest : public testing::TestWithParam<std::uint32_t> {
     StoredTree meta(directory_.path(), "meta");
     return meta.Get("format").substr(std::string("lscoredb").size(), 4);
   }
+  static bool HasLog(std::uint32_t version) {
+    return version == kLogVersion || version == kChangesVersion;
+  }
+  // A directory without a log stays without.
+  static lscoredb_options WithoutLog() {
+    lscoredb_options options = NoSync();
+    options.log = LSCOREDB_NO_LOG;
+    return options;
+  }
 
   TemporaryDirectory directory_;
   std::uint32_t newest_ = GetParam();
@@ -31,12 +40,24 @@ class FormatsTest : public testing::TestWithParam<std::uint32_t> {
 TEST_P(FormatsTest, OlderFormat_OpensUnchanged) {
   EXPECT_EQ(Little(GetParam(), 4), Version());
   {
-    lscoredb_options options = NoSync();
+    lscoredb_options options = WithoutLog();
     options.verify = 1;
     Database const database(directory_.path(), options);
     EXPECT_TRUE(Findings(database.get()).empty());
   }
   EXPECT_EQ(Little(GetParam(), 4), Version());
+}
+
+// What the content needs stands behind the version of the log.
+TEST_P(FormatsTest, OlderFormat_GetsALogAndKeepsTheVersionOfItsContent) {
+  { Database const database(directory_.path()); }
+  if (HasLog(GetParam())) {
+    EXPECT_EQ(Little(GetParam(), 4), Version());
+    return;
+  }
+  EXPECT_EQ(Little(kLogVersion, 4), Version());
+  StoredTree meta(directory_.path(), "meta");
+  EXPECT_EQ("lscoredb" + Little(kLogVersion, 4) + Little(GetParam(), 4), meta.Get("format"));
 }
 
 TEST_P(FormatsTest, OlderFormat_HoldsWhatWasWritten) {
@@ -136,7 +157,7 @@ TEST_P(FormatsTest, OlderFormat_TellsKeptChanges) {
 TEST_P(FormatsTest, OlderFormat_IsUpgradedOnRequestAndNeverDowngraded) {
   for (std::uint32_t const needed : {2u, 3u, 2u}) {
     {
-      Database const database(directory_.path());
+      Database const database(directory_.path(), WithoutLog());
       Session session(database);
       session.Begin();
       if (needed == 2) session.CreateIndex(71, kSet, WideColumns());

@@ -7,6 +7,7 @@
 #include <lmdb.h>
 #include <signal.h>
 #include <sys/file.h>
+#include <sys/uio.h>
 
 namespace lscoredb_test {
 namespace {
@@ -45,6 +46,15 @@ extern "C" {
   int const code = original(txn);
   Step();
   return code;
+}
+
+[[gnu::visibility("default")]] ssize_t pwritev(int file, iovec const* pieces, int count,
+                                               off_t offset) {
+  static auto* const original = Original<decltype(pwritev)>("pwritev");
+  Step();
+  ssize_t const written = original(file, pieces, count, offset);
+  Step();
+  return written;
 }
 
 [[gnu::visibility("default")]] int flock(int file, int operation) noexcept {

@@ -330,7 +330,7 @@ class Database:
             self._handle.copy(os.fspath(directory), meter.show)
 
     def statistics(self) -> dict[str, int]:
-        """Sizes, commits and open transactions, over all processes."""
+        """Sizes, commits and open transactions, over all processes; whether there is a log."""
         found: dict[str, int] = self._handle.statistics()
         return found
 
@@ -393,8 +393,8 @@ class Database:
     def keep_changes(self, *, bytes: int = 0, seconds: int = 0) -> None:
         """Keeps the changes of later commits, for good: so many bytes of them, and so old at most.
 
-        0 sets no such bound; with both 0 nothing is kept any more. The database needs a log:
-        ``sg.open(path, log=True)``.
+        0 sets no such bound; with both 0 nothing is kept any more. The database needs a log, which
+        directories have unless they were opened with ``log=False``.
         """
         _core.keep_changes(self._handle, bytes, seconds)
 
@@ -469,13 +469,15 @@ def _need_batch(batch: Any) -> None:
 
 def open(path: str | os.PathLike[str] | None, models: Iterable[Any] | None = None, *,
          sync: bool = True, max_file_size: int = 0, row_memory: int = 0,
-         log: bool = False) -> Database:
+         log: bool | None = None) -> Database:
     """Opens the database in a directory or at a server's URL; None gives a new one in memory.
 
     With `models` a missing directory is created. Without them, every table gets a class made from
     the catalogue: ``db["Library.Book"]``. `sync=False` lets commits survive the process but not the
-    machine. `max_file_size` and `row_memory` are bytes; 0 takes the library's own. With `log` commits
-    go to a log first, which the database keeps from then on.
+    machine. `max_file_size` and `row_memory` are bytes; 0 takes the library's own.
+
+    Commits go to a log first. A directory without one gets one when nobody else has it open, unless
+    it was opened with `log=False`, which it remembers; `log=True` gives it one all the same.
     """
     from .models import closure
 

@@ -29,6 +29,14 @@ sagleme::Database Opened(PyObject* path, int create, sagleme::Options const& opt
   return sagleme::Database::Open(directory, options);
 }
 
+// None: the kernel's default.
+std::uint32_t LogOf(PyObject* log) {
+  if (log == Py_None) return LSCOREDB_DEFAULT_LOG;
+  int const wanted = PyObject_IsTrue(log);
+  if (wanted < 0) throw PythonError();
+  return wanted != 0 ? LSCOREDB_LOG : LSCOREDB_NO_LOG;
+}
+
 PyObject* DatabaseNew(PyTypeObject* type, PyObject* args, PyObject* kwargs) {
   static char const* names[] = {"path",       "create", "no_sync", "max_file_size",
                                 "row_memory", "log",    nullptr};
@@ -37,14 +45,14 @@ PyObject* DatabaseNew(PyTypeObject* type, PyObject* args, PyObject* kwargs) {
   int no_sync = 0;
   unsigned long long max_file_size = 0;
   unsigned long long row_memory = 0;
-  int log = 0;
-  if (!PyArg_ParseTupleAndKeywords(args, kwargs, "O|ppKKp", const_cast<char**>(names), &path,
+  PyObject* log = Py_None;
+  if (!PyArg_ParseTupleAndKeywords(args, kwargs, "O|ppKKO", const_cast<char**>(names), &path,
                                    &create, &no_sync, &max_file_size, &row_memory, &log)) {
     return nullptr;
   }
   return Guard([&] {
     sagleme::Options options{no_sync != 0, max_file_size, row_memory};
-    if (log != 0) options.log = LSCOREDB_LOG;
+    options.log = LogOf(log);
     auto handle = std::make_unique<sagleme::Database>(Opened(path, create, options));
     auto* const self = As<Database>(Need(type->tp_alloc(type, 0)));
     self->contexts = new std::vector<Context*>;
@@ -151,10 +159,11 @@ PyObject* Statistics(PyObject* object, PyObject*) {
     auto* const self = As<Database>(object);
     NeedDatabase(self);
     lscoredb_statistics const found = self->handle->Statistics();
-    return Py_BuildValue("{sKsKsKsKsIsI}", "file_size", found.file_size, "max_file_size",
+    PyObject* const log = found.log == LSCOREDB_LOG ? Py_True : Py_False;
+    return Py_BuildValue("{sKsKsKsKsIsIsO}", "file_size", found.file_size, "max_file_size",
                          found.max_file_size, "last_commit", found.last_commit, "oldest_commit",
                          found.oldest_commit, "transactions", found.transactions, "max_readers",
-                         found.max_readers);
+                         found.max_readers, "log", log);
   });
 }
 

@@ -1,5 +1,7 @@
 """Several databases in one process."""
 
+import os
+
 import pytest
 from library import MODELS, Book, Item, Person, fill
 
@@ -50,3 +52,14 @@ def test_one_after_another_and_in_memory(make):
             fill(db)
             with db.read() as tx:
                 assert tx.all(Item).count() == 30, turn
+
+
+@pytest.mark.skipif("SAGLEME_TEST_POSTGRES" in os.environ, reason="a server's database has no log")
+def test_a_directory_has_a_log_unless_it_was_opened_without():
+    def has_log(path, **options):
+        with sg.open(path, models=MODELS, **options) as db:
+            return db.statistics()["log"]
+
+    assert has_log("first") and has_log("first", log=False)
+    assert not has_log("second", log=False) and not has_log("second")
+    assert has_log("second", log=True) and has_log("second")

@@ -162,7 +162,7 @@ std::unique_ptr<Database> OpenOrCreate(std::string const& directory, Options con
 // ---- the bank -----------------------------------------------------------------------------------
 
 Options UnsyncedOptions(bool log) {
-  Options options{.no_sync = true};
+  Options options{.no_sync = true, .log = LSCOREDB_NO_LOG};
   if (!log) return options;
   options.log = LSCOREDB_LOG;
   options.log_limit = 64 * 1024;

@@ -17,13 +17,16 @@ using store_faults::Point;
 
 constexpr std::uint64_t kSeed = 7;
 
+// The points are those of a commit into the data file.
+sagleme::Options const kWithoutLog{.log = LSCOREDB_NO_LOG};
+
 class FailPointTest : public testing::Test {
  protected:
   // Lets a child work until its end at a point that `arm` chooses. Returns what it acknowledged.
   Progress Work(std::function<void()> const& arm, Recording const* recording = nullptr) {
     Child writer([&](Channel& channel) {
       if (recording != nullptr) recording->Join();
-      Bank bank(directory_.path(), kSeed);
+      Bank bank(directory_.path(), kSeed, kWithoutLog);
       WorkUntilTheEnd(channel, bank, arm);
       return 0;
     });
@@ -56,7 +59,7 @@ TEST_F(FailPointTest, LossOfPowerAtAnyPoint_LeavesWholeCommits) {
   for (Point const point : store_faults::kAllPoints) {
     for (int const nth : {1, 2, 3, 12}) {
       SCOPED_TRACE(Describe(point, nth));
-      InChild([&] { Bank const bank(directory_.path(), kSeed); });
+      InChild([&] { Bank const bank(directory_.path(), kSeed, kWithoutLog); });
       Recording const recording(directory_.path());
       Progress const acknowledged =
           Work([&] { store_faults::Arm(point, nth, store_faults::Kill); }, &recording);
@@ -70,7 +73,7 @@ TEST_F(FailPointTest, LossOfPowerAtAnyPoint_LeavesWholeCommits) {
 class Turns {
  public:
   explicit Turns(std::string const& directory, std::uint64_t seed = kSeed)
-      : bank_(directory, seed) {
+      : bank_(directory, seed, kWithoutLog) {
     for (int i = 0; i < 8; ++i) Step();
   }
 

@@ -19,7 +19,7 @@ class KillTest : public testing::TestWithParam<int> {
   void KillWriter(bool young) {
     bool const sync = Random(4) == 0;
     Child writer([&](Channel& channel) {
-      Bank bank(directory_->path(), seed_, {.no_sync = !sync});
+      Bank bank(directory_->path(), seed_, {.no_sync = !sync, .log = log_});
       WorkUntilTheEnd(channel, bank);
       return 0;
     });
@@ -43,6 +43,7 @@ class KillTest : public testing::TestWithParam<int> {
   std::unique_ptr<Directory> directory_;
   std::mt19937 random_;
   std::uint64_t seed_ = 0;
+  std::uint32_t const log_ = GetParam() % 2 == 0 ? LSCOREDB_DEFAULT_LOG : LSCOREDB_NO_LOG;
   Progress acknowledged_{};
 };
 

@@ -46,8 +46,8 @@ struct Setting {
   bool keeps_changes = false;
 };
 
-Options Durable() { return {}; }
-Options Fast() { return {.no_sync = true}; }
+Options Durable() { return {.log = LSCOREDB_NO_LOG}; }
+Options Fast() { return {.no_sync = true, .log = LSCOREDB_NO_LOG}; }
 Options WithLog(Options options) {
   options.log = LSCOREDB_LOG;
   options.log_limit = kSmallestLog;

@@ -38,6 +38,14 @@ class ProcessesTest : public testing::Test {
   Directory directory_;
 };
 
+// Pages of the data file are used again, or not, by each commit only without a log.
+class ProcessesWithoutLogTest : public ProcessesTest {
+ protected:
+  void SetUp() override {
+    InChild([&] { Bank(directory_.path(), kSeed, {.log = LSCOREDB_NO_LOG}).ExpectWhole(); });
+  }
+};
+
 TEST_F(ProcessesTest, ReadersBesideWriters_SeeWholeStatesOnly) {
   constexpr int kSteps = 40;
   constexpr int kLooks = 6;
@@ -200,7 +208,7 @@ TEST_F(ProcessesTest, ProcessKilledInsideATransaction_BlocksNobodyAndLeavesNothi
   InChild([&] { EXPECT_EQ((Progress{10, 20, 10, 0}), Bank(directory_.path(), kSeed).Done()); });
 }
 
-TEST_F(ProcessesTest, PagesThatAKilledReaderHeld_AreUsedAgain) {
+TEST_F(ProcessesWithoutLogTest, PagesThatAKilledReaderHeld_AreUsedAgain) {
   Child writer(
       [&](Channel& channel) { return WorkOnRequest(channel, directory_, {.no_sync = true}); });
   EXPECT_EQ("ready", writer.Next());
@@ -215,7 +223,7 @@ TEST_F(ProcessesTest, PagesThatAKilledReaderHeld_AreUsedAgain) {
   EXPECT_EQ(0, writer.Wait());
 }
 
-TEST_F(ProcessesTest, MapThatAReaderKeptFull_HasRoomAgainWhenTheReaderIsKilled) {
+TEST_F(ProcessesWithoutLogTest, MapThatAReaderKeptFull_HasRoomAgainWhenTheReaderIsKilled) {
   Child writer([&](Channel& channel) {
     Options const options{.no_sync = true, .max_file_size = directory_.FileSize() + 2000000};
     return WorkOnRequest(channel, directory_, options);

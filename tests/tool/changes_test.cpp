@@ -142,10 +142,9 @@ TEST_F(ChangesTest, SwitchedOff_NamesTheCommandThatSwitchesOn) {
   EXPECT_TRUE(Lines().empty());
 }
 
-#ifndef LOG_BY_DEFAULT
 TEST_F(ChangesTest, WithoutALog_NamesTheCommandThatGivesOne) {
   std::string const plain = Path("plain");
-  ASSERT_EQ(0, RunTool({"create", plain}).status);
+  ASSERT_EQ(0, RunTool({"create", plain, "--no-log"}).status);
   for (Arguments const& arguments :
        {Arguments{"changes", plain}, Arguments{"changes", plain, "--keep", "1M"}}) {
     Result const result = RunTool(arguments);
@@ -155,7 +154,6 @@ TEST_F(ChangesTest, WithoutALog_NamesTheCommandThatGivesOne) {
   EXPECT_EQ(0, RunTool({"changes", plain, "--keep", "1M", "--log"}).status);
   EXPECT_EQ(0, RunTool({"changes", plain}).status);
 }
-#endif
 
 TEST_F(ChangesTest, BadOptions_AreRefused) {
   for (char const* const keep : {"", "0", "M", "5x", "1M,2M", "7d,", "99999999999999999T", "-1"}) {

@@ -23,7 +23,7 @@ struct Options {
   std::uint64_t row_memory = 0;              // bytes for rows that were read; likewise
   std::uint32_t max_readers = 0;             // transactions at once over all processes; likewise
   bool verify = false;                       // reads every page in use before anything is trusted
-  std::uint32_t log = LSCOREDB_DEFAULT_LOG;  // LSCOREDB_LOG, LSCOREDB_NO_LOG
+  std::uint32_t log = LSCOREDB_DEFAULT_LOG;  // LSCOREDB_LOG, LSCOREDB_NO_LOG, LSCOREDB_SAME_LOG
   std::uint64_t log_limit = 0;               // bytes that cause a checkpoint
 };
 

@@ -18,12 +18,6 @@ constexpr std::uint32_t kMostReaders = 65536;  // each takes a line of the lock 
 constexpr std::uint64_t kMostRowMemory = std::uint64_t{1} << 40;
 constexpr std::uint64_t kLeastLog = 64 * 1024;
 constexpr std::uint64_t kMostLog = std::uint64_t{1} << 30;
-#ifdef LSCOREDB_LOG_BY_DEFAULT
-constexpr std::uint32_t kDefaultLog = LSCOREDB_LOG;
-#else
-constexpr std::uint32_t kDefaultLog = LSCOREDB_NO_LOG;
-#endif
-
 // Fields that the caller's record is too short for count as 0.
 lscoredb_options OptionsOf(lscoredb_options const* given) {
   lscoredb_options options{};
@@ -34,8 +28,10 @@ lscoredb_options OptionsOf(lscoredb_options const* given) {
 }
 
 void TakeLogOptions(lscoredb_options const& options, StoreOptions& store) {
-  if (options.log > LSCOREDB_NO_LOG) Throw(LSCOREDB_INVALID_ARGUMENT);
-  store.log = (options.log == LSCOREDB_DEFAULT_LOG ? kDefaultLog : options.log) == LSCOREDB_LOG;
+  if (options.log > LSCOREDB_SAME_LOG) Throw(LSCOREDB_INVALID_ARGUMENT);
+  constexpr LogWish kWishes[] = {LogWish::kUnlessRefused, LogWish::kOne, LogWish::kNone,
+                                 LogWish::kAsItIs};
+  store.log = kWishes[options.log];
   if (options.log_limit == 0) return;
   if (options.log_limit < kLeastLog || options.log_limit > kMostLog) {
     Throw(LSCOREDB_INVALID_ARGUMENT);
@@ -63,6 +59,11 @@ StoreOptions StoreOptionsOf(lscoredb_options const& options) {
   }
   TakeLogOptions(options, store);
   return store;
+}
+
+std::uint32_t LogOf(Store const& store) {
+  constexpr std::uint32_t kLogs[] = {LSCOREDB_DEFAULT_LOG, LSCOREDB_NO_LOG, LSCOREDB_LOG};
+  return kLogs[static_cast<std::size_t>(store.log_state())];
 }
 
 template <typename Work>
@@ -311,7 +312,8 @@ uint32_t lscoredb_stats(lscoredb* database, lscoredb_statistics* out) {
     if (database == nullptr || out == nullptr) return LSCOREDB_NULL_ARGUMENT;
     if (IsOfParent(*database)) return LSCOREDB_OF_PARENT;
     if (out->size < sizeof out->size) return LSCOREDB_INVALID_ARGUMENT;
-    StoreStatistics const found = database->database->store().Statistics();
+    Store const& store = database->database->store();
+    StoreStatistics const found = store.Statistics();
     lscoredb_statistics const all{out->size,
                                   found.file_size,
                                   found.max_file_size,
@@ -321,8 +323,9 @@ uint32_t lscoredb_stats(lscoredb* database, lscoredb_statistics* out) {
                                   found.max_readers,
                                   found.log_size,
                                   found.log_memory,
-                                  database->database->store().read_only() ? 1u : 0u,
-                                  found.round_trips};
+                                  store.read_only() ? 1u : 0u,
+                                  found.round_trips,
+                                  LogOf(store)};
     std::memcpy(out, &all, std::min(out->size, sizeof all));
     return LORV_STATUS_OK;
   });

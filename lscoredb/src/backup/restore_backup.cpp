@@ -234,7 +234,7 @@ class Restoring {
     StoreOptions options;
     options.access = Access::kWrite;
     options.sync = finished;
-    options.log = finished && manifest_.has_log;
+    options.log = finished && manifest_.has_log ? LogWish::kOne : LogWish::kAsItIs;
     options.reserve_layouts = true;
     options.max_file_size = std::max(options.max_file_size, 4 * total_);
     return options;

@@ -9,6 +9,10 @@ namespace lscore {
 // sync directories. Throws like ThrowCannotOpen.
 void SyncDirectory(std::string const& path);
 
+// Gives a new file the permissions and the group of another one, as far as the system allows that:
+// who may write the one may write the other.
+void CopyPermissions(std::string const& from, int file) noexcept;
+
 }  // namespace lscore
 
 #endif

@@ -56,8 +56,9 @@
 //   (8) that last closed a set; "states-before" -> what the
 //   store's own count of commits falls short of ours (8), in a packed copy; absent: nothing;
 //   "identity" -> the database's number among all databases (8), absent until the first commit by a
-//   kernel that knows of it, which earlier ones keep. And what most commits change, so that they
-//   touch few pages for it: a letter and
+//   kernel that knows of it, which earlier ones keep; "no-log" -> nothing: a host wants no log,
+//   which earlier kernels keep too. And what most commits change, so that they touch few pages for
+//   it: a letter and
 //   'F' first id (8)                      -> the end (8) of a range of ids below "next-id" that
 //                                            were never reserved, nor used by deleted objects
 //   'X' id (8)                            -> nothing: of a deleted object, not below "next-id"
@@ -101,6 +102,7 @@ inline constexpr std::string_view kIndexesKey = "indexes";
 inline constexpr std::string_view kClosingsKey = "closings";
 inline constexpr std::string_view kStatesBeforeKey = "states-before";
 inline constexpr std::string_view kIdentityKey = "identity";
+inline constexpr std::string_view kNoLogKey = "no-log";
 
 inline constexpr std::uint16_t kHasSetspec = 1;
 inline constexpr std::uint16_t kBigEnds = 2;

@@ -27,6 +27,7 @@
 // thread may call it. Views and cursors belong to one thread at a time. All failures are thrown as
 // statuses.
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -44,6 +45,7 @@
 #include "ids.h"
 #include "layout_reservations.h"
 #include "status.h"
+#include "store_options.h"
 
 namespace lscore {
 
@@ -57,28 +59,6 @@ struct TreeKey {
   Tree tree;
   std::string key;
   bool seek = false;  // for a cursor; otherwise for Get
-};
-
-// kAutomatic: to write if that is possible, otherwise to read.
-enum class Access : std::uint8_t { kAutomatic, kRead, kWrite };
-
-// Asked now and then by a thread that waits for a server. True ends the wait, by LSCOREDB_STOPPED.
-using StopsWait = bool (*)() noexcept;
-
-struct StoreOptions {
-  Access access = Access::kAutomatic;
-  bool sync = true;
-  std::uint32_t max_readers = 1024;
-  std::uint64_t max_file_size = std::uint64_t{64} << 30;
-  bool verify = false;  // check everything before it is used
-  std::uint64_t row_memory = std::uint64_t{256} << 20;
-  bool log = false;  // the store gets one if it has none, and nobody else knows the directory
-  std::uint64_t log_limit = std::uint64_t{16} << 20;  // bytes of it that cause a checkpoint
-
-  // Opens the reservations of layout numbers too, before anything else of the store.
-  bool reserve_layouts = false;
-
-  StopsWait stops_wait = nullptr;  // null: nothing ends a wait but its time limit
 };
 
 struct StoreStatistics {
@@ -315,6 +295,9 @@ class Store {
   virtual bool read_only() const { return false; }
   // Whether, besides, nobody can write it until it is closed.
   virtual bool frozen() const { return false; }
+  // As of the opening. In memory and on servers: kRefused.
+  LogState log_state() const { return log_state_; }
+  void SetLogState(LogState state) { log_state_ = state; }
 
   // Whether a commit took place; if not, it never will. Throws LSCOREDB_COMMIT_UNKNOWN if that
   // cannot be found out, or the wait was stopped.
@@ -393,6 +376,7 @@ class Store {
  private:
   ForeignCommits foreign_commits_;
   std::shared_ptr<LayoutReservations> reservations_;
+  std::atomic<LogState> log_state_{LogState::kRefused};
 };
 
 }  // namespace lscore

@@ -104,6 +104,7 @@ void Join(Database& database, StoreOptions const& options) {
     Throw(LSCOREDB_READ_ONLY_DATABASE);
   }
   if (options.verify) database.store().Verify();
+  if (options.log == LogWish::kNone) RefuseLog(database.store());
   if (options.sync) database.commits().RequireSync(std::chrono::milliseconds(0));
 }
 

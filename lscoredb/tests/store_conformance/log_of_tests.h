@@ -16,7 +16,7 @@ inline std::unique_ptr<Store> OpenLogStore(std::string const& directory,
   image_options.max_readers += LogStore::kOwnReaders;
   std::unique_ptr<Store> image = LmdbStore::Open(directory.c_str(), image_options);
   if (auto store = LogStore::Open(image, directory, options)) return store;
-  LogStore::Convert(*image);
+  LogStore::Convert(*image, directory);
   return LogStore::Open(image, directory, options);
 }
 

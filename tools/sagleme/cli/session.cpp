@@ -12,11 +12,11 @@ constexpr std::uint64_t kRowMemory = std::uint64_t{64} << 20;
 
 }  // namespace
 
-sagleme::Database& Session::database() {
+sagleme::Database& Session::OpenOnce(std::uint32_t log) {
   if (database_) return *database_;
   try {
     // Commands read many rows once; the cache serves references and indexes.
-    database_.emplace(sagleme::Database::Open(directory_, {.row_memory = kRowMemory}));
+    database_.emplace(sagleme::Database::Open(directory_, {.row_memory = kRowMemory, .log = log}));
   } catch (sagleme::Error const& error) {
     bool const missing =
         error.status() == LSCOREDB_NOT_A_DATABASE && !sagleme::Database::ExistsIn(directory_);
@@ -34,6 +34,7 @@ sagleme::Context& Session::context() {
 void Session::Read(Work const& work) {
   Watch const watch;
   if (open_) return work(*open_);
+  database_to_read();
   sagleme::Transaction transaction(context(), sagleme::Access::kReadOnly);
   work(transaction);
 }

@@ -20,8 +20,10 @@ class Session {
   // Where the database lies, a directory or a URL; and as it may be shown.
   std::string const& directory() const { return directory_; }
   std::string shown() const { return sagleme::ShownPlace(directory_); }
-  // Opened at the first call. Failure with kCannotOpen.
-  sagleme::Database& database();
+  // Opened at the first call of either. Failure with kCannotOpen. To read: a directory without a
+  // log is left as it is.
+  sagleme::Database& database() { return OpenOnce(LSCOREDB_DEFAULT_LOG); }
+  sagleme::Database& database_to_read() { return OpenOnce(LSCOREDB_SAME_LOG); }
   sagleme::Context& context();
 
   using Work = std::function<void(sagleme::Transaction&)>;
@@ -41,6 +43,7 @@ class Session {
   void RequireNoTransaction(std::string const& command) const;
 
  private:
+  sagleme::Database& OpenOnce(std::uint32_t log);
   sagleme::Transaction& Open();
 
   std::string directory_;

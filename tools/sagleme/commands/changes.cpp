@@ -189,7 +189,7 @@ std::string LineOf(sagleme::DataChange const& change) {
 
 sagleme::KeptChanges KeptBy(Session& session) {
   try {
-    return sagleme::Kept(session.database());
+    return sagleme::Kept(session.database_to_read());
   } catch (sagleme::Error const& error) {
     if (error.status() == LSCOREDB_CHANGES_UNSUPPORTED) RefuseWithoutLog(session);
     if (error.status() != LSCOREDB_NO_CHANGES) throw;
@@ -235,7 +235,7 @@ void ShowChanges::Print(Session& session, Output& output) const {
   }
   InterruptGuard const guard;
   try {
-    sagleme::Changes changes(session.database(), {since});
+    sagleme::Changes changes(session.database_to_read(), {since});
     for (;;) {
       PrintNew(changes, output);
       if (!follow_) return;

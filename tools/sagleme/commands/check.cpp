@@ -38,7 +38,7 @@ class CheckCommand : public Command {
 // If there is no database, opening reports it.
 void CheckCommitted(Session& session, sagleme::CheckOptions const& options,
                     sagleme::FindingReport const& report) {
-  if (!sagleme::Database::ExistsIn(session.directory())) session.database();
+  if (!sagleme::Database::ExistsIn(session.directory())) session.database_to_read();
   try {
     sagleme::CheckDatabase(session.directory(), options, report);
   } catch (sagleme::Error const& error) {

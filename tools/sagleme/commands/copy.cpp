@@ -88,9 +88,9 @@ void CopyToDirectory(sagleme::Database const& database, std::string const& targe
 Exit Copy::Run(Session& session, Output& output) {
   session.RequireNoTransaction("copy");
   if (sagleme::IsServerUrl(target_)) {
-    CopyToServer(session.database(), target_, output);
+    CopyToServer(session.database_to_read(), target_, output);
   } else {
-    CopyToDirectory(session.database(), target_, output);
+    CopyToDirectory(session.database_to_read(), target_, output);
   }
   output.Note(fmt::format("copied to {}\n", sagleme::ShownPlace(target_)));
   return Exit::kDone;

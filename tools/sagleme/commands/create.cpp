@@ -15,16 +15,21 @@ class Create : public Command {
   std::string summary() const override { return "Create a new database"; }
   std::vector<Example> examples() const override {
     return {{"create shop", "creates the directory shop with an empty database in it"},
+            {"create shop --no-log", "creates one for programs that know no log too"},
             {"create postgresql://app@db1/shop", "creates a database on a PostgreSQL server"}};
   }
   void Declare(CLI::App& app) override {
-    app.add_flag("--log", log_, "Write commits to a log first, which makes them faster");
+    CLI::Option* const log =
+        app.add_flag("--log", log_, "Write commits to a log first (the default), or fail");
+    app.add_flag("--no-log", no_log_, "Write commits to the data file; kept for later openings")
+        ->excludes(log);
   }
   bool at_prompt() const override { return false; }
   Exit Run(Session& session, Output& output) override;
 
  private:
   bool log_ = false;
+  bool no_log_ = false;
 };
 
 // On a terminal only; in a log the steps would be noise.
@@ -64,14 +69,16 @@ Exit Create::Run(Session& session, Output& output) {
   RefuseOtherUrls(directory);
   bool const on_server = sagleme::IsServerUrl(directory);
   if (!on_server) RefuseForeignFiles(directory);
-  if (on_server && log_) {
-    throw Failure(Exit::kUsage, "--log: a database on a server has no log of ours",
-                  "Leave --log out.");
+  if (on_server && (log_ || no_log_)) {
+    std::string const option = log_ ? "--log" : "--no-log";
+    throw Failure(Exit::kUsage, option + ": a database on a server has no log of ours",
+                  fmt::format("Leave {} out.", option));
   }
   int steps = 0;
   try {
     sagleme::Options options;
     if (log_) options.log = LSCOREDB_LOG;
+    if (no_log_) options.log = LSCOREDB_NO_LOG;
     sagleme::Database::Create(
         directory, [&](int step) { ShowStep(output, steps = step); }, options);
   } catch (sagleme::Error const& error) {

@@ -42,6 +42,11 @@ std::uint64_t CatalogueVersion(sagleme::Transaction& transaction) {
   return 0;
 }
 
+char const* LogText(lscoredb_statistics const& statistics) {
+  if (statistics.log == LSCOREDB_LOG) return "yes";
+  return statistics.log == LSCOREDB_NO_LOG ? "no" : "not yet";
+}
+
 void AddKernel(Session& session, Properties& properties) {
   lscoredb_statistics const statistics = session.database().Statistics();
   if (!sagleme::IsServerUrl(session.directory())) {
@@ -50,6 +55,7 @@ void AddKernel(Session& session, Properties& properties) {
                    Cell::Number(std::filesystem::file_size(directory / "data.mdb")));
     properties.Add("largest data file bytes", Cell::Number(statistics.max_file_size));
   }
+  properties.Add("log", Cell::Text(LogText(statistics)));
   properties.Add("newest commit", Cell::Number(statistics.last_commit));
   properties.Add("oldest commit that is read", Cell::Number(statistics.oldest_commit));
   // This command's own reading is one of them, unless it may not write the table of readers.

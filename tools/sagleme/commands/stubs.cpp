@@ -110,7 +110,7 @@ class Program {
 
 Exit Stubs::Run(Session& session, Output& output) {
   session.RequireNoTransaction(name());
-  session.database();  // so that one that cannot be opened is reported as by every command
+  session.database_to_read();  // so that one that cannot be opened is reported as by every command
   Program python({"python3", "-P", "-c", kProgram, session.directory()});
   std::string const text = python.Read();
   int const status = python.Finish();

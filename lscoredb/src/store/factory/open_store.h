@@ -13,6 +13,9 @@ namespace lscore {
 // new one in memory, which is gone when it is closed.
 std::unique_ptr<Store> OpenStore(char const* directory, StoreOptions const& options);
 
+// Remembers that a store without a log is to have none, if it can be written.
+void RefuseLog(Store& store);
+
 // Whether there is a store, of any format. Throws when a server cannot be asked.
 bool StoreExists(char const* directory);
 

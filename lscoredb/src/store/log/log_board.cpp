@@ -7,7 +7,9 @@
 
 #include <array>
 
+#include "directory.h"
 #include "fork.h"
+#include "log_format.h"
 #include "open_error.h"
 #include "system_call.h"
 
@@ -26,13 +28,14 @@ LogBoard::~LogBoard() {
 
 // New words are written as zeros instead of only extending the file: a store into the map of a hole
 // would end the process with SIGBUS on a full disk.
-void LogBoard::Open(std::string const& path) {
-  path_ = path;
-  file_ = OpenKept(path.c_str(), O_RDWR | O_CREAT, kFileMode);
-  if (file_ < 0) ThrowCannotOpen(path, errno);
+void LogBoard::Open(std::string const& directory) {
+  path_ = directory + logformat::kBoardName;
+  file_ = OpenKept(path_.c_str(), O_RDWR | O_CREAT, kFileMode);
+  if (file_ < 0) ThrowCannotOpen(path_, errno);
   Take(Lock::kDoor);
   off_t const size = Retry([&] { return lseek(file_, 0, SEEK_END); });
   if (size < static_cast<off_t>(sizeof(Words))) {
+    CopyPermissions(directory + logformat::kImageName, file_);
     std::array<char, sizeof(Words)> const zeros{};
     auto const written = Retry([&] { return pwrite(file_, zeros.data(), zeros.size(), 0); });
     if (static_cast<std::size_t>(written) != zeros.size()) Throw(LSCOREDB_DISK_FULL);

@@ -31,7 +31,7 @@ class LogBoard {
   LogBoard& operator=(LogBoard const&) = delete;
 
   // Leaves the door locked. Throws what ThrowCannotOpen does.
-  void Open(std::string const& path);
+  void Open(std::string const& directory);
   // Words of this process alone, and locks that are always free.
   void OpenPrivately();
 

@@ -9,6 +9,7 @@
 #include <climits>
 #include <cstring>
 
+#include "directory.h"
 #include "fork.h"
 #include "open_error.h"
 #include "system_call.h"
@@ -41,6 +42,8 @@ bool LogFile::Open(std::string const& path, Access access) {
   room_ = 0;
   return true;
 }
+
+void LogFile::TakePermissionsOf(std::string const& path) noexcept { CopyPermissions(path, file_); }
 
 void LogFile::Close() noexcept {
   if (file_ < 0) return;

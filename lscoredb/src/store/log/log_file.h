@@ -24,6 +24,8 @@ class LogFile {
 
   // Returns false when there is no such file; kCreate makes one. Throws what ThrowCannotOpen does.
   bool Open(std::string const& path, Access access);
+  // After kCreate.
+  void TakePermissionsOf(std::string const& path) noexcept;
   void Close() noexcept;
   bool is_open() const { return file_ >= 0; }
 

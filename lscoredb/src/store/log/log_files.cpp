@@ -45,6 +45,7 @@ void LogFiles::Create() {
   for (std::size_t i = 0; i < files_.size(); ++i) {
     if (!files_[i].is_open()) {
       files_[i].Open(directory_ + logformat::kFileNames[i], LogFile::Access::kCreate);
+      files_[i].TakePermissionsOf(directory_ + logformat::kImageName);
     }
     Entitle(files_[i]);
   }

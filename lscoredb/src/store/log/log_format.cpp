@@ -78,6 +78,13 @@ void WritePosition(Batch& image, ImagePosition const& position) {
   PutChecked(image, Tree::kMeta, kImageKey, record);
 }
 
+bool RefusesLog(View const& image) {
+  std::string_view nothing;
+  return GetChecked(image, Tree::kMeta, format::kNoLogKey, &nothing);
+}
+
+void WriteRefusal(Batch& image) { PutChecked(image, Tree::kMeta, format::kNoLogKey, {}); }
+
 Retention ReadRetention(View const& image) {
   std::string_view record;
   bool const there = GetChecked(image, Tree::kMeta, kChangesKey, &record);

@@ -58,6 +58,7 @@ inline constexpr std::string_view kImageKey = "log";
 inline constexpr std::string_view kChangesKey = "changes";
 inline constexpr std::array<char const*, 2> kFileNames = {"/log-0", "/log-1"};
 inline constexpr char const* kBoardName = "/log.lock";
+inline constexpr char const* kImageName = "/data.mdb";  // whose permissions the other files get
 
 inline constexpr std::size_t kIdentitySize = 16;
 using Identity = std::array<char, kIdentitySize>;
@@ -114,6 +115,10 @@ std::optional<ImagePosition> FindPosition(View const& image);
 // The same, where a missing record is damage too.
 ImagePosition ReadPosition(View const& image);
 void WritePosition(Batch& image, ImagePosition const& position);
+
+// Whether an image without a log is to have none (LogWish::kNone).
+bool RefusesLog(View const& image);
+void WriteRefusal(Batch& image);
 
 // Both zero: no changes are kept.
 Retention ReadRetention(View const& image);

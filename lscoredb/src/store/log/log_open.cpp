@@ -42,9 +42,12 @@ void WithNewest(Store& image, Read const& read) {
 
 }  // namespace
 
-// Writes the log's record and the new format version into the image in one batch. The log's files
+// Writes the log's record and the new format version into the image in one batch. The words that
+// processes share come first: where they cannot be made, the image stays as it is. The log's files
 // are created by the first commit.
-void LogStore::Convert(Store& image) {
+void LogStore::Convert(Store& image, std::string const& directory) {
+  LogBoard words;
+  words.Open(directory);
   std::unique_ptr<Batch> const batch = image.BeginBatch();
   std::string_view format;
   if (!batch->Get(Tree::kMeta, format::kFormatKey, &format)) Throw(LSCOREDB_NOT_A_DATABASE);
@@ -55,7 +58,16 @@ void LogStore::Convert(Store& image) {
   position.commit = batch->id();
   position.clean = true;
   logformat::WritePosition(*batch, position);
+  batch->Delete(Tree::kMeta, format::kNoLogKey);
+  batch->AskForSync();  // a power failure must leave it with or without a log, nothing between
   batch->Commit();
+}
+
+void LogStore::Refuse(Store& image) {
+  std::unique_ptr<Batch> const batch = image.BeginBatch();
+  logformat::WriteRefusal(*batch);
+  batch->Commit();
+  image.SetLogState(LogState::kRefused);
 }
 
 // Under the door lock, which LogBoard::Open takes: a process that is alone recovers the log, any
@@ -66,9 +78,10 @@ std::unique_ptr<LogStore> LogStore::Open(std::unique_ptr<Store>& image, std::str
   WithNewest(*image, [&](View const& view) {
     position = logformat::FindPosition(view);
     if (position.has_value()) CheckContent(logformat::ContentFormat(view));
+    bool const refused = !position.has_value() && logformat::RefusesLog(view);
+    image->SetLogState(refused ? LogState::kRefused : LogState::kNone);
   });
   if (!position.has_value()) return nullptr;
-  std::string const board = directory + logformat::kBoardName;
   // Files are opened later too, and the host may change its working directory.
   directory = std::filesystem::absolute(directory).string();
   std::unique_ptr<LogStore> store(
@@ -76,7 +89,7 @@ std::unique_ptr<LogStore> LogStore::Open(std::unique_ptr<Store>& image, std::str
   if (store->frozen()) {
     store->board_.OpenPrivately();
   } else {
-    store->board_.Open(board);
+    store->board_.Open(store->directory_);
   }
   if (store->board_.TryBeAlone()) {
     store->Recover();

@@ -30,6 +30,7 @@ LogStore::LogStore(std::unique_ptr<Store> image, std::string directory, StoreOpt
         });
       }) {
   UseReservations(image_->layout_reservations());
+  SetLogState(LogState::kThere);
   image_->RequireSync();  // the log drops what the image holds, so it has to be durable there
 }
 
@@ -80,7 +81,8 @@ ImagePosition LogStore::PositionOf(Snapshot const& image) {
 // that is published already, the caller reads the published commit again; if not, the snapshot
 // takes that commit's state. Layers that begin after the image's commit would leave a gap.
 std::unique_ptr<Snapshot> LogStore::Over(std::unique_ptr<Snapshot>& image,
-                                         std::shared_ptr<LogLayers const> layers, CommitId state) {
+                                         std::shared_ptr<LogLayers const> layers, CommitId state,
+                                         std::size_t most) {
   ImagePosition const position = PositionOf(*image);
   if (position.commit > state) {
     if (board_.Published() >= position.commit) return nullptr;
@@ -91,7 +93,7 @@ std::unique_ptr<Snapshot> LogStore::Over(std::unique_ptr<Snapshot>& image,
   if (layers->base() > position.commit) return nullptr;
   auto snapshot =
       std::make_unique<LogSnapshot>(*this, *image_, std::move(layers), state, std::move(image));
-  Enter(*snapshot);
+  Enter(*snapshot, most);
   return snapshot;
 }
 
@@ -101,26 +103,28 @@ std::unique_ptr<Snapshot> LogStore::Begin() {
     CommitId const state = board_.Published();
     std::shared_ptr<LogLayers const> layers = LayersAt(state);
     std::unique_ptr<Snapshot> image = image_->Begin();
-    std::unique_ptr<Snapshot> snapshot = Over(image, std::move(layers), state);
+    std::unique_ptr<Snapshot> snapshot =
+        Over(image, std::move(layers), state, options_.max_readers);
     if (snapshot != nullptr) return snapshot;
     image_->End(std::move(image));
   }
 }
 
+// A full table of readers does not keep it from looking.
 std::unique_ptr<Snapshot> LogStore::BeginVerified(FaultReport const& report) {
   for (;;) {
     std::unique_ptr<Snapshot> image = image_->BeginVerified(report);
     CommitId const state = board_.Published();
     std::shared_ptr<LogLayers const> layers = LayersAt(state);
-    std::unique_ptr<Snapshot> snapshot = Over(image, std::move(layers), state);
+    std::unique_ptr<Snapshot> snapshot = Over(image, std::move(layers), state, kAll);
     if (snapshot != nullptr) return snapshot;
     image_->End(std::move(image));
   }
 }
 
-void LogStore::Enter(LogSnapshot& snapshot) {
+void LogStore::Enter(LogSnapshot& snapshot, std::size_t most) {
   std::lock_guard const lock(readers_mutex_);
-  if (readers_.size() >= options_.max_readers) Throw(LSCOREDB_TOO_MANY_READERS);
+  if (readers_.size() >= most) Throw(LSCOREDB_TOO_MANY_READERS);
   snapshot.index = readers_.size();
   readers_.push_back(&snapshot);
 }
@@ -379,16 +383,18 @@ void LogStore::WriteFrozen(LogLayers const& layers, std::size_t most, IfNotKept 
 //   frozen layer written   0 ... 1/16 ... 2/16 ...          all
 //   active file full       0 ... 1/32 ... 2/32 ...    1/2    ...     rotation
 //
-// Where they do not, each sync of a slice would cost more than it spreads.
+// Slices of large layers are smaller: a thousand entries take a few milliseconds. Where commits do
+// not wait, each sync of a slice would cost more than it spreads.
 std::size_t LogStore::SliceDue(LogLayers const& layers) {
   constexpr std::size_t kSlices = 16;
   constexpr std::size_t kLeastSlice = 64;
+  constexpr std::size_t kMostSlice = 1024;
   if (!sync_) return kAll;
   std::lock_guard const lock(checkpoint_mutex_);
   std::size_t const all = layers.frozen->changes.nodes();
   std::size_t const written =
       checkpoint_.layer == layers.frozen->number ? checkpoint_.written : std::size_t{0};
-  std::size_t const slice = std::max(kLeastSlice, all / kSlices + 1);
+  std::size_t const slice = std::clamp(all / kSlices + 1, kLeastSlice, kMostSlice);
   double const full =
       static_cast<double>(tail_.ActiveSize()) / static_cast<double>(options_.log_limit);
   auto const wanted = static_cast<std::size_t>(std::min(1.0, 2 * full) * static_cast<double>(all));

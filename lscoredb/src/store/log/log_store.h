@@ -58,11 +58,14 @@ namespace lscore {
 
 class LogStore final : public Store {
  public:
-  // Opens the log of an image, in `directory`, and takes the image over. Null when it has no log.
+  // Opens the log of an image, in `directory`, and takes the image over. Null when it has no log;
+  // then the image's log state tells whether one was refused.
   static std::unique_ptr<LogStore> Open(std::unique_ptr<Store>& image, std::string directory,
                                         StoreOptions const& options);
   // Gives the image a log. REQUIRES: nobody else has it open or opens it meanwhile.
-  static void Convert(Store& image);
+  static void Convert(Store& image, std::string const& directory);
+  // Remembers that the image is to have none. REQUIRES: it has none.
+  static void Refuse(Store& image);
   // The reader slots of the image that this store needs itself, besides those of its users.
   static constexpr std::uint32_t kOwnReaders = 8;
 
@@ -106,9 +109,11 @@ class LogStore final : public Store {
   std::shared_ptr<LogLayers const> LayersAt(CommitId state);
   void CatchUp(CommitId state);
   // A snapshot over `image`, which is consumed; null: the image does not fit the layers, try again.
+  // `most`: readers of this process, or it throws LSCOREDB_TOO_MANY_READERS.
   std::unique_ptr<Snapshot> Over(std::unique_ptr<Snapshot>& image,
-                                 std::shared_ptr<LogLayers const> layers, CommitId state);
-  void Enter(LogSnapshot& snapshot);
+                                 std::shared_ptr<LogLayers const> layers, CommitId state,
+                                 std::size_t most);
+  void Enter(LogSnapshot& snapshot, std::size_t most);
 
   // Parts of a batch, which holds the commit lock from PrepareBatch on.
   std::shared_ptr<LogLayers const> PrepareBatch();
