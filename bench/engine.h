@@ -4,6 +4,8 @@
 // What is measured, of each kind of store in its own best way. Every call works through the objects
 // selected before and returns a sum over what it read, which is the same for all engines.
 
+#include <lscoredb/host.h>
+
 #include <cstdint>
 #include <memory>
 #include <span>
@@ -55,6 +57,9 @@ class Engine {
   // Puts another value, from which the next call with it comes back to the first.
   virtual void UpdateIndexed(std::int64_t flip) = 0;
 
+  // Puts what commits have postponed into the data file.
+  virtual void Checkpoint() {}
+
   // As UpdatePlain, in one transaction that is kept: each group of kGroup follows a savepoint
   // and is taken back to it. Only for engines with savepoints.
   virtual void UpdateAndTakeBack(std::int64_t) { throw std::logic_error("no savepoints"); }
@@ -75,7 +80,10 @@ class Engine {
 };
 
 // `directory`: where files go; it is there and empty. Durable engines sync every commit.
-std::unique_ptr<Engine> MakeSagleme(std::string const& directory, bool durable);
+// `log_limit`: bytes of the log that cause a checkpoint; 0: the kernel's own.
+std::unique_ptr<Engine> MakeSagleme(std::string const& directory, bool durable,
+                                    std::uint64_t log_limit = 0);
+lscoredb* HandleOf(Engine& sagleme);
 std::unique_ptr<Engine> MakeLmdb(std::string const& directory, bool durable);
 // In memory for an empty name of a directory.
 std::unique_ptr<Engine> MakeSqlite(std::string const& directory, bool durable);

@@ -1,6 +1,7 @@
 // sagleme through its exported functions: property handles for columns, iterators for indexes.
 
 #include <lscoredb/bulk.h>
+#include <lscoredb/durability.h>
 
 #include <sagleme/host.hpp>
 #include <utility>
@@ -16,9 +17,10 @@ constexpr char16_t const* kNames[kTables] = {u"Bench.Thing", u"Bench.First", u"B
 
 void Check(std::uint32_t status) { sagleme::detail::CheckKernel(status); }
 
-sagleme::Options OptionsOf(bool durable) {
+sagleme::Options OptionsOf(bool durable, std::uint64_t log_limit) {
   sagleme::Options options;
   options.no_sync = !durable;
+  options.log_limit = log_limit;
   return options;
 }
 
@@ -82,9 +84,9 @@ Object Insert(std::uint64_t context, Handles const& handles, Number number, Obje
 
 class SaglemeEngine : public Engine {
  public:
-  SaglemeEngine(std::string directory, bool durable)
+  SaglemeEngine(std::string directory, sagleme::Options const& options)
       : directory_(std::move(directory)),
-        options_(OptionsOf(durable)),
+        options_(options),
         database_(std::make_unique<sagleme::Database>(
             sagleme::Database::Create(directory_, {}, options_))) {
     MakeTables(*database_);
@@ -232,6 +234,8 @@ class SaglemeEngine : public Engine {
     });
   }
 
+  void Checkpoint() override { Check(lscoredb_checkpoint(database_->handle())); }
+
   void Close() override {
     if (started_ != nullptr) Stop();
     handles_.reset();
@@ -260,7 +264,10 @@ class SaglemeEngine : public Engine {
     });
     return Bits(value);
   }
-  std::uint64_t Bytes() override { return database_->Statistics().file_size; }
+  std::uint64_t Bytes() override {
+    Checkpoint();
+    return database_->Statistics().file_size;
+  }
 
  private:
   std::uint64_t id() const { return context_->id(); }
@@ -375,8 +382,12 @@ class SaglemeCommitter : public Committer {
 
 }  // namespace
 
-std::unique_ptr<Engine> MakeSagleme(std::string const& directory, bool durable) {
-  return std::make_unique<SaglemeEngine>(directory, durable);
+std::unique_ptr<Engine> MakeSagleme(std::string const& directory, bool durable,
+                                    std::uint64_t log_limit) {
+  return std::make_unique<SaglemeEngine>(directory, OptionsOf(durable, log_limit));
+}
+lscoredb* HandleOf(Engine& sagleme) {
+  return dynamic_cast<SaglemeEngine&>(sagleme).database().handle();
 }
 std::unique_ptr<Committer> MakeSaglemeCommitter(Engine& engine) {
   return std::make_unique<SaglemeCommitter>(dynamic_cast<SaglemeEngine&>(engine).database());

@@ -3,11 +3,13 @@
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <iostream>
 
 #include "page.h"
+#include "pictures.h"
 #include "results.h"
 #include "sections.h"
 
@@ -37,6 +39,8 @@ std::vector<Section> Sections() {
           {"handles", &MeasureHandles},
           {"commits of 1 thread", [](Settings const& s) { return MeasureCommits(s, 1); }},
           {"commits of 8 threads", [](Settings const& s) { return MeasureCommits(s, 8); }},
+          {"log", &MeasureLog},
+          {"two processes", &MeasureTwoProcesses},
           {"schema with many tables", &MeasureSchemaTables},
           {"schema with many objects", &MeasureSchemaObjects},
           {"schema beside PostgreSQL", &MeasureSchemaBesidePostgres},
@@ -78,6 +82,11 @@ int Main(int argc, char** argv) {
   WriteFile(outputs.json, JsonOf(results));
   WriteFile(outputs.table, TableOf(results));
   WriteFile(outputs.page, PageOf(results, settings));
+  if (outputs.page.empty()) return 0;
+  std::filesystem::path const beside = std::filesystem::path(outputs.page).parent_path();
+  for (Picture const& picture : PicturesOf(results)) {
+    WriteFile((beside / picture.name).string(), picture.svg);
+  }
   return 0;
 }
 

@@ -7,6 +7,8 @@
 #include <stdexcept>
 #include <thread>
 
+#include "pictures.h"
+
 namespace bench {
 namespace {
 
@@ -31,11 +33,20 @@ std::string Circumstances(Settings const& settings) {
                      std::thread::hardware_concurrency(), Processor());
 }
 
+std::string ShownPictures(std::vector<Result> const& results) {
+  std::string text;
+  for (Picture const& picture : PicturesOf(results)) {
+    text += fmt::format("![{}]({})\n\n", picture.title, picture.name);
+  }
+  return text;
+}
+
 }  // namespace
 
 std::string PageOf(std::vector<Result> const& results, Settings const& settings) {
-  return TextOf("head.md") + "\n## Figures\n\n" + Circumstances(settings) + TableOf(results) +
-         "\n" + TextOf("reasons.md") + "\n" + TextOf("commit_log.md");
+  return TextOf("head.md") + ShownPictures(results) + TextOf("compared.md") + "\n## Figures\n\n" +
+         Circumstances(settings) + TableOf(results) + "\n" + TextOf("reasons.md") + "\n" +
+         TextOf("commit_log.md");
 }
 
 }  // namespace bench

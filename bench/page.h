@@ -12,7 +12,8 @@
 
 namespace bench {
 
-// Throws a runtime_error when a text cannot be read.
+// Begins with the pictures (pictures.h), which lie beside it. Throws a runtime_error when a text
+// cannot be read.
 std::string PageOf(std::vector<Result> const& results, Settings const& settings);
 
 }  // namespace bench

@@ -22,6 +22,11 @@ inline constexpr char kSqliteWal[] = "SQLite WAL";
 inline constexpr char kHash[] = "hash table";
 inline constexpr char kPostgres[] = "PostgreSQL";
 
+// Rows that a picture shows too.
+inline constexpr char kLongestWith[] = "longest durable commit of one object, with checkpoints";
+inline constexpr char kLongestWithout[] = "longest durable commit of one object, no checkpoint";
+inline constexpr char kMedianCommit[] = "median commit";
+
 struct Settings {
   Number objects = 1000000;
   int rounds = 5;
@@ -44,6 +49,12 @@ std::vector<Result> MeasureObjects(Settings const& settings);
 std::vector<Result> MeasureHandles(Settings const& settings);
 // Durable commits of one object by so many threads.
 std::vector<Result> MeasureCommits(Settings const& settings, int threads);
+
+// Commits whose sync comes later, commits of a database that keeps changes, and the longest of many
+// durable ones.
+std::vector<Result> MeasureLog(Settings const& settings);
+// Reads of a process beside another one that commits.
+std::vector<Result> MeasureTwoProcesses(Settings const& settings);
 
 // Changes of the schema with few and many tables, and with few and many objects.
 std::vector<Result> MeasureSchemaTables(Settings const& settings);
