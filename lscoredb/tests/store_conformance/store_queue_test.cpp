@@ -70,7 +70,7 @@ TEST_P(StoreQueueTest, EntriesTakenFromBothEnds_AgreeWithAModel) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Stores, StoreQueueTest, testing::ValuesIn(NewStores()),
-                         [](auto const& info) { return std::string(info.param.name); });
+                         [](auto const& tested) { return std::string(tested.param.name); });
 
 }  // namespace
 }  // namespace lscore
