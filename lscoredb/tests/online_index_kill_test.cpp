@@ -156,8 +156,8 @@ TEST_F(OnlineIndexKillTest, AbandonmentKilledAtAnyStep_IsFinishedByTheNextProces
     in_between += static_cast<int>(next.Hear());
     EXPECT_FALSE(next.EndsKilled()) << "killed at step " << killed;
   }
-  EXPECT_GT(killed, 60) << "each entry is a step";
-  EXPECT_GT(in_between, 20) << "when the build was abandoned already";
+  EXPECT_GT(killed, 30) << "each commit is a few steps";
+  EXPECT_GT(in_between, 5) << "when the build was abandoned already";
 }
 
 // The other process began its transaction before the index was prepared, and commits at each stage.
