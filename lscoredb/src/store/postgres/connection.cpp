@@ -176,20 +176,26 @@ Connection::~Connection() {
   PQfinish(connection_);
 }
 
-// Tries the hosts in turn, each with its share of the time. A host that refuses has been reached
-// and ends the search; only lost ones are passed over.
+Status Connection::TryHost(ConnectionOptions const& host) {
+  PQfinish(std::exchange(connection_, nullptr));
+  broken_ = false;
+  return Guarded([&] {
+    Connect(host);
+    return Status{LORV_STATUS_OK};
+  });
+}
+
+// Tries the hosts in turn, each with its share of the time. A host that refuses twice has been
+// reached and ends the search; only lost ones are passed over. One refusal may be that of a server
+// that was starting, and that accepts everybody by the time it is asked whether it does.
 void Connection::Open(ServerUrl const& url) {
   std::vector<ConnectionOptions> const hosts = ConnectionOptions(url.connection).HostByHost();
   timeout_ = url.timeout / static_cast<int>(hosts.size());
   std::string refusals;
   Status status = LSCOREDB_SERVER_LOST;
   for (std::size_t i = 0; i < hosts.size() && status == LSCOREDB_SERVER_LOST; ++i) {
-    PQfinish(std::exchange(connection_, nullptr));
-    broken_ = false;
-    status = Guarded([&] {
-      Connect(hosts[i]);
-      return Status{LORV_STATUS_OK};
-    });
+    status = TryHost(hosts[i]);
+    if (status == LSCOREDB_CANNOT_OPEN) status = TryHost(hosts[i]);
     if (status != LORV_STATUS_OK) refusals.append(i == 0 ? "" : "; ").append(LastRefusal());
   }
   timeout_ = url.timeout;

@@ -120,6 +120,7 @@ class Connection {
 
   void Open(ServerUrl const& url);
   void Send(Statement const& statement, Parameters const& parameters);
+  Status TryHost(ConnectionOptions const& host);
   void Connect(ConnectionOptions const& options);
   [[noreturn]] void Refuse(int last, ConnectionOptions const& options);
   Deadline DeadlineFromNow() const;
