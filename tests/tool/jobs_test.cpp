@@ -21,13 +21,16 @@ class JobsTest : public ToolTest {
     Create();
     Apply(kLibrary);
   }
-  void Import(int rows, int distinct) {
+  static std::string Rows(int rows, int distinct) {
     std::string text = "Title,Pages,Isbn,Price\n";
     for (int i = 0; i < rows; ++i) {
       std::string const number = std::to_string(i);
       text += "t" + number + "," + std::to_string(i % distinct) + "," + number + ",1\n";
     }
-    On("import", {"Book", "-"}, 0, text);
+    return text;
+  }
+  void Import(int rows, int distinct) const {
+    On("import", {"Book", "-"}, 0, Rows(rows, distinct));
   }
   // The schema with an index of Book more.
   std::string With(bool unique) const {
@@ -250,9 +253,7 @@ TEST_F(JobsTest, KilledBuild_IsResumed) {
 
 // Each import ends in its first pause, which would last for an hour.
 TEST_F(JobsTest, KilledOrStoppedImport_GoesOnBehindTheLastRow) {
-  std::string text = "Title,Pages\n";
-  for (int i = 0; i < 1000; ++i) text += "t" + std::to_string(i) + ",1\n";
-  std::string const file = Write("books.csv", text);
+  std::string const file = Write("books.csv", Rows(1000, 1000));
   for (std::size_t round = 1; round <= 3; ++round) {
     pid_t const child =
         StartTool({"import", database(), "Book", file, "--batch", "50", "--pause", "3600000"});
