@@ -24,6 +24,8 @@ class Session {
   // log is left as it is.
   sagleme::Database& database() { return OpenOnce(LSCOREDB_DEFAULT_LOG); }
   sagleme::Database& database_to_read() { return OpenOnce(LSCOREDB_SAME_LOG); }
+  // Called before anything is read by a command that goes on to write.
+  void OpenToWrite() { database(); }
   sagleme::Context& context();
 
   using Work = std::function<void(sagleme::Transaction&)>;

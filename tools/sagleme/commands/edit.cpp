@@ -120,6 +120,7 @@ class Insert : public Command {
 };
 
 Exit Insert::Run(Session& session, Output& output) {
+  session.OpenToWrite();
   session.Write([&](sagleme::Transaction& transaction) {
     sagleme::TablePtr const table = UserTableNamed(transaction, table_);
     auto const values = values_.Parse(transaction, *table);
@@ -166,6 +167,7 @@ class Set : public Command {
 };
 
 Exit Set::Run(Session& session, Output& output) {
+  session.OpenToWrite();
   session.Write([&](sagleme::Transaction& transaction) {
     sagleme::Object object = ObjectNamed(transaction, id_);
     sagleme::TablePtr const table = UserTableOf(object);
@@ -200,6 +202,7 @@ class Delete : public Command {
 };
 
 Exit Delete::Run(Session& session, Output& output) {
+  session.OpenToWrite();
   std::uint64_t count = 0;
   session.Write([&](sagleme::Transaction& transaction) {
     std::vector<sagleme::ObjectId> objects;

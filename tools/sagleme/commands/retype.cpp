@@ -187,6 +187,7 @@ Exit Retype::RunInBatches(Session& session, Output& output) {
 }
 
 Exit Retype::Run(Session& session, Output& output) {
+  session.OpenToWrite();
   CheckArguments();
   if (plan_only_) {
     bool anything = false;

@@ -47,6 +47,7 @@ std::uint64_t ToDo(Session& session) {
 }
 
 Exit VacuumCommand::Run(Session& session, Output& output) {
+  session.OpenToWrite();
   session.RequireNoTransaction("vacuum");
   InterruptGuard const guard;
   Progress progress(output, "objects", ToDo(session));
