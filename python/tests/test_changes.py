@@ -196,7 +196,7 @@ def test_databases_that_keep_none_say_so():
     class Thing(sg.Table):
         size: int = 0
 
-    with sg.open("plain", models=[Thing], sync=False) as plain:
+    with sg.open("plain", models=[Thing], sync=False, log=False) as plain:
         with pytest.raises(sg.Error):
             plain.changes()
         with pytest.raises(sg.Error):

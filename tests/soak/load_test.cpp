@@ -34,6 +34,7 @@ class Load {
     options.size = sizeof options;
     options.durability = LSCOREDB_NO_SYNC;
     options.max_readers = kReaderSlots;
+    options.log_limit = 64 * 1024;  // what is in the log is in memory too
     sagleme::detail::CheckKernel(lscoredb_open(directory_.path().c_str(), &options, &first_));
     sagleme::Options unsynced;
     unsynced.no_sync = true;

@@ -8,7 +8,8 @@ namespace sql_crash {
 
 Accounts::Accounts() {
   crash_test::InChild([this] {
-    sagleme::Database::Create(database());
+    // The points at which processes end are those of the data file.
+    sagleme::Database::Create(database(), {}, {.log = LSCOREDB_NO_LOG});
     Sql sql(plain());
     AttachTo(sql);
     EXPECT_EQ(sql("CREATE TABLE main.log(n INTEGER PRIMARY KEY)"), "");
