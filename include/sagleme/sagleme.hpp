@@ -7,6 +7,8 @@
 //   databases, transactions, objects, ranges    <sagleme/host.hpp>, which has the rules
 //   structs mapped to tables                    <sagleme/host/mapping.hpp> and those after it
 //   checks, counts, vacuum                      <sagleme/check.hpp>, counts.hpp, vacuum.hpp
+//   many objects in one call                    <sagleme/bulk.hpp>
+//   the feed of changes, backups                <sagleme/changes.hpp>, backup.hpp
 //   indexes built beside writers                <sagleme/index_build.hpp>
 //   schema documents, plans, diagrams           <sagleme/schema_document.hpp> and those after it
 //   objects and tables that change their place  <sagleme/hierarchy.hpp>
@@ -15,6 +17,8 @@
 // the API: they are the binary interface for makers of language bindings.
 
 #include <sagleme/annotations.hpp>
+#include <sagleme/backup.hpp>
+#include <sagleme/bulk.hpp>
 #include <sagleme/changes.hpp>
 #include <sagleme/check.hpp>
 #include <sagleme/column_changes.hpp>

@@ -103,6 +103,7 @@ class Range {
   Range(Transaction& transaction, std::uint64_t index, IndexKey first, IndexKey last,
         Direction direction);
   static std::uint64_t IndexBySetspec(Transaction& transaction, Table const& table);
+  friend class ObjectPages;  // <sagleme/bulk.hpp>
 
   Transaction* transaction_;
   IndexKey first_;
