@@ -258,8 +258,8 @@ LSCOREDB_API uint32_t lscoredb_release_layout(uint64_t context, uint16_t layout)
 
 #define LSCOREDB_CLOSE_EMPTY 1u
 
-/* Closes a set because its table was dropped: no object may enter exactly that set any more,
- * whatever its layout and whoever inserts it. lorv_context_put_setspec then returns
+/* Closes a set because its table was dropped or has another set now: no object may enter exactly
+ * that set any more, whatever its layout and whoever inserts it. lorv_context_put_setspec returns
  * LSCOREDB_SET_CLOSED, and removes the object if this transaction inserted it and it has no set
  * yet, so that a refused insert leaves nothing. lscoredb_commit returns LSCOREDB_SET_CLOSED to a
  * transaction that put an object into the set before it could see that the set is closed. Objects

@@ -48,7 +48,7 @@
 #define LSCOREDB_LAYOUT_IN_USE 9025u
 /* The identity was used before, or is reserved for the database. */
 #define LSCOREDB_ID_GIVEN_OUT 9026u
-/* The table was dropped and takes no more objects. */
+/* The table was dropped or has another base now. Read it anew to create objects of it. */
 #define LSCOREDB_SET_CLOSED 9027u
 /* The database, its files and its environment. */
 /* The database still has open contexts. */
