@@ -11,7 +11,8 @@
 #include <sagleme/host.hpp>
 #include <sagleme/host/dump.hpp>
 #include <sstream>
-#include <thread>
+
+#include "work_in_thread.h"
 
 namespace {
 
@@ -85,14 +86,11 @@ TEST_F(ControlTest, PausedCheck_EndsWhenItIsStopped) {
   options.control = &control_;
   std::atomic<bool> begun{false};
   options.progress = [&](std::uint64_t, std::uint64_t) { begun = true; };
-  std::uint32_t status = 0;
-  std::thread checker([&] {
-    status = StatusOf([&] { CheckDatabase(Path("db"), options, [](Finding const&) {}); });
-  });
-  while (!begun) std::this_thread::yield();
+  sagleme_test::WorkInThread check(
+      [&] { CheckDatabase(Path("db"), options, [](Finding const&) {}); });
+  ASSERT_TRUE(check.Until([&] { return begun.load(); }));
   control_.Stop();
-  checker.join();
-  EXPECT_EQ(LSCOREDB_STOPPED, status);
+  EXPECT_EQ(LSCOREDB_STOPPED, check.Status());
 }
 
 TEST_F(ControlTest, StoppedLoad_LeavesNothing) {

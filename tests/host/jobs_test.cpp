@@ -12,9 +12,9 @@
 #include <sagleme/host/import.hpp>
 #include <sagleme/jobs.hpp>
 #include <sagleme/schema_job.hpp>
-#include <thread>
 
 #include "hierarchy_test.h"
+#include "work_in_thread.h"
 
 namespace hierarchy_test {
 namespace {
@@ -30,6 +30,7 @@ using sagleme::ResumeJob;
 using sagleme::StopJob;
 using sagleme::VacuumOptions;
 using sagleme::VacuumProgress;
+using sagleme_test::WorkInThread;
 
 constexpr int kBooks = 50;
 
@@ -167,12 +168,12 @@ TEST_F(JobsTest, Control_StopsFromAnotherThreadAlsoInAPause) {
   control.SetPause(std::chrono::hours(1));
   VacuumOptions options = Small();
   options.control = &control;
-  std::thread other([&] {
-    while (Jobs(other_).empty()) std::this_thread::yield();
-    control.Stop();
-  });
-  EXPECT_EQ(10u, RunVacuum(context_, options).moved);
-  other.join();
+  std::uint64_t moved = 0;
+  WorkInThread vacuum([&] { moved = RunVacuum(context_, options).moved; });
+  ASSERT_TRUE(vacuum.Until([&] { return !Jobs(other_).empty(); }));
+  control.Stop();
+  EXPECT_EQ(0u, vacuum.Status());
+  EXPECT_EQ(10u, moved);
   EXPECT_EQ(JobState::kCutOff, Jobs(context_).at(0).state);
 }
 
@@ -293,14 +294,11 @@ TEST_F(JobsTest, PausedJob_IsStoppedByOthersAndByItsControl) {
   options.control = &control;
   for (bool const by_others : {true, false}) {
     Widen();
-    std::uint32_t status = 0;
-    std::thread vacuum([&] { status = StatusOf([&] { RunVacuum(context_, options); }); });
-    while (Jobs(other_).empty()) {
-    }
+    WorkInThread vacuum([&] { RunVacuum(context_, options); });
+    ASSERT_TRUE(vacuum.Until([&] { return !Jobs(other_).empty(); }));
     if (by_others) StopJob(other_, Jobs(other_).at(0).id);
     if (!by_others) control.Stop();
-    vacuum.join();
-    EXPECT_EQ(by_others ? LSCOREDB_STOPPED : 0u, status);
+    EXPECT_EQ(by_others ? LSCOREDB_STOPPED : 0u, vacuum.Status());
     Job const job = Jobs(other_).at(0);
     EXPECT_EQ(JobState::kCutOff, job.state);
     EXPECT_EQ("stopped", job.reason);
@@ -326,38 +324,14 @@ TEST_F(JobsTest, PausedColumnChangeOfAnApplication_IsStopped) {
   options.batch = 10;
   options.objects = 1;
   options.pause = std::chrono::hours(1);
-  std::uint32_t status = 0;
-  std::thread apply([&] { status = StatusOf([&] { ApplySchema(context_, wanted, options); }); });
-  while (Jobs(other_).empty()) {
-  }
+  WorkInThread apply([&] { ApplySchema(context_, wanted, options); });
+  ASSERT_TRUE(apply.Until([&] { return !Jobs(other_).empty(); }));
   StopJob(other_, Jobs(other_).at(0).id);
-  apply.join();
-  EXPECT_EQ(LSCOREDB_STOPPED, status);
+  EXPECT_EQ(LSCOREDB_STOPPED, apply.Status());
   Job const job = Jobs(other_).at(0);
   EXPECT_TRUE(ResumeJob(context_, job.id, WithoutPause()));
   Transaction transaction(context_, sagleme::Access::kReadOnly);
   EXPECT_EQ(sagleme::Type::kString, transaction.table(u"Book")->FindColumn(u"Pages")->type);
-}
-
-// The set of the objects that the build covers is no longer the table's.
-TEST_F(JobsTest, BuildOfAMovedTable_IsRefusedAndBegunAnew) {
-  sagleme::IndexBuildOptions options;
-  options.batch = 10;
-  options.report = [](sagleme::IndexBuildProgress const& progress) { return progress.done < 20; };
-  sagleme::IndexSpec const spec{"ByPages", "Book", {{"Pages", false}}};
-  EXPECT_FALSE(BuildIndex(context_, spec, options));
-  {
-    Transaction transaction(context_);
-    sagleme::SetBase(transaction, u"Book", u"");
-    transaction.Commit();
-  }
-  std::uint64_t const id = Jobs(context_).at(0).id;
-  EXPECT_EQ(SAGLEME_TABLE_NOT_FOUND, StatusOf([&] { ResumeJob(context_, id); }));
-  AbandonJob(context_, id);
-  EXPECT_TRUE(BuildIndex(context_, spec));
-  EXPECT_TRUE(Jobs(context_).empty());
-  Transaction transaction(context_, sagleme::Access::kReadOnly);
-  EXPECT_EQ(50u, InIndex(transaction, u"ByPages").size());
 }
 
 TEST_F(JobsTest, Retype_GoesOnBehindTheLastBatch) {

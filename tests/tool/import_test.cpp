@@ -53,8 +53,8 @@ class ImportTest : public ToolTest {
     return path;
   }
   // Waits until so many are committed.
-  void UntilCount(int count) const {
-    while (Count("Person") < count) usleep(1000);
+  bool UntilCount(Background& import, int count) const {
+    return import.Until([&] { return Count("Person") >= count; });
   }
 };
 
@@ -95,13 +95,13 @@ TEST_F(ImportTest, InsideATransaction_IsDoneWholeOrNotAtAll) {
 
 TEST_F(ImportTest, KilledInTheMiddle_KeepsWholeBatchesAndGoesOnBySkip) {
   std::string const fifo = Fifo();
-  pid_t const import = StartTool({"import", database(), "Person", fifo});
+  Background import({"import", database(), "Person", fifo});
   int const pipe = open(fifo.c_str(), O_WRONLY);
   std::string const begin = "Name,Height\n" + People(0, kBatch + 500);
   ASSERT_EQ(static_cast<ssize_t>(begin.size()), write(pipe, begin.data(), begin.size()));
-  UntilCount(kBatch);
-  kill(import, SIGKILL);
-  EXPECT_EQ(128 + SIGKILL, WaitFor(import));
+  ASSERT_TRUE(UntilCount(import, kBatch));
+  import.Kill();
+  EXPECT_EQ(128 + SIGKILL, import.Finish());
   close(pipe);
   EXPECT_EQ(kBatch, Count("Person"));
   On("check");
@@ -112,13 +112,13 @@ TEST_F(ImportTest, KilledInTheMiddle_KeepsWholeBatchesAndGoesOnBySkip) {
 
 TEST_F(ImportTest, StoppedByCtrlCAtAPipe_EndsAndKeepsWholeBatches) {
   std::string const fifo = Fifo();
-  pid_t const import = StartTool({"import", database(), "Person", fifo});
+  Background import({"import", database(), "Person", fifo});
   int const pipe = open(fifo.c_str(), O_WRONLY);
   std::string const begin = "Name,Height\n" + People(0, kBatch + 500);
   ASSERT_EQ(static_cast<ssize_t>(begin.size()), write(pipe, begin.data(), begin.size()));
-  UntilCount(kBatch);
-  kill(import, SIGINT);
-  EXPECT_EQ(1, WaitFor(import));
+  ASSERT_TRUE(UntilCount(import, kBatch));
+  kill(import.process(), SIGINT);
+  EXPECT_EQ(1, import.Finish());
   close(pipe);
   EXPECT_EQ(kBatch, Count("Person"));
 }

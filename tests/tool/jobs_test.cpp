@@ -239,11 +239,14 @@ TEST_F(JobsTest, KilledBuild_IsResumed) {
   Import(kMany, kMany);
   for (int round = 0; round < 4; ++round) {
     CutOff(2);  // so that there is a build, whenever the kill comes
-    pid_t const child = StartTool({"jobs", database(), "resume", "--batch", "1", "--pause", "1"});
-    while (Jobs().at(0)["done"] < 15 + 10 * round) {
-    }
-    kill(child, SIGKILL);
-    WaitFor(child);
+    Background resume({"jobs", database(), "resume", "--batch", "1", "--pause", "1"});
+    auto const far_enough = [&] {
+      Json const jobs = Jobs();
+      return !jobs.empty() && jobs[0]["done"] >= 15 + 10 * round;
+    };
+    ASSERT_TRUE(resume.Until(far_enough));
+    resume.Kill();
+    EXPECT_EQ(128 + SIGKILL, resume.Finish());
     On("check");
   }
   On("jobs", {"resume"});
@@ -255,20 +258,18 @@ TEST_F(JobsTest, KilledBuild_IsResumed) {
 TEST_F(JobsTest, KilledOrStoppedImport_GoesOnBehindTheLastRow) {
   std::string const file = Write("books.csv", Rows(1000, 1000));
   for (std::size_t round = 1; round <= 3; ++round) {
-    pid_t const child =
-        StartTool({"import", database(), "Book", file, "--batch", "50", "--pause", "3600000"});
-    while (CountBooks() < 50 * round) {
-    }
+    Background import({"import", database(), "Book", file, "--batch", "50", "--pause", "3600000"});
+    ASSERT_TRUE(import.Until([&] { return CountBooks() >= 50 * round; }));
     Json const job = Jobs().at(0);
     EXPECT_EQ("running", job["state"]);
-    EXPECT_EQ("process " + std::to_string(child), job["by"]);
+    EXPECT_EQ("process " + std::to_string(import.process()), job["by"]);
     EXPECT_NE(std::string::npos, On("import", {"Book", file}, 4).err.find("is running in process"));
     if (round < 3) {
-      kill(child, SIGKILL);
-      WaitFor(child);
+      import.Kill();
+      EXPECT_EQ(128 + SIGKILL, import.Finish());
     } else {
       On("jobs", {"stop", IdOf(job)});
-      EXPECT_EQ(4, WaitFor(child));
+      EXPECT_EQ(4, import.Finish());
     }
     EXPECT_EQ("cut off", Jobs().at(0)["state"]);
     EXPECT_EQ("books.csv into App.Book", Jobs().at(0)["description"]);
@@ -285,13 +286,11 @@ TEST_F(JobsTest, Stop_EndsTheJobOfAnotherProcess) {
   Import(500, 500);
   CutOff(1);
   std::string const id = IdOf(Jobs().at(0));
-  pid_t const child =
-      StartTool({"jobs", database(), "resume", id, "--batch", "1", "--pause", "3600000"});
-  while (Jobs().at(0)["state"] != "running") {
-  }
+  Background resume({"jobs", database(), "resume", id, "--batch", "1", "--pause", "3600000"});
+  ASSERT_TRUE(resume.Until([&] { return Jobs().at(0)["state"] == "running"; }));
   EXPECT_NE(std::string::npos, On("jobs", {"resume", id}, 4).err.find("is running in process"));
   On("jobs", {"stop", id});
-  EXPECT_EQ(4, WaitFor(child));
+  EXPECT_EQ(4, resume.Finish());
   EXPECT_EQ("cut off", Jobs().at(0)["state"]);
   On("jobs", {"stop", "12345678"}, 4);
   On("jobs", {"abandon", id});

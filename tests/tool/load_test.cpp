@@ -170,16 +170,16 @@ TEST_F(LoadTest, KilledInTheMiddle_LeavesNoDatabaseAndIsTriedAgain) {
   std::string const dump = On("dump").out;
   std::string const fifo = Path("fifo");
   ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
-  pid_t const load = StartTool({"load", other(), fifo});
+  Background load({"load", other(), fifo});
   int const pipe = open(fifo.c_str(), O_WRONLY);
   std::size_t const part = dump.size() - 5;
   ASSERT_EQ(static_cast<ssize_t>(part), write(pipe, dump.data(), part));
-  while (!fs::exists(other() + ".loading/dump")) usleep(1000);
+  ASSERT_TRUE(load.Until([&] { return fs::exists(other() + ".loading/dump"); }));
   Result const second = RunTool({"load", other(), "-"}, dump);
   EXPECT_EQ(4, second.status);
   EXPECT_NE(std::string::npos, second.err.find("another process is loading")) << second.err;
-  kill(load, SIGKILL);
-  EXPECT_EQ(128 + SIGKILL, WaitFor(load));
+  load.Kill();
+  EXPECT_EQ(128 + SIGKILL, load.Finish());
   close(pipe);
   EXPECT_FALSE(fs::exists(other()));
   EXPECT_EQ(3, RunTool({"info", other()}).status);
@@ -191,11 +191,11 @@ TEST_F(LoadTest, KilledInTheMiddle_LeavesNoDatabaseAndIsTriedAgain) {
 TEST_F(LoadTest, StoppedByCtrlC_LeavesNothing) {
   std::string const fifo = Path("fifo");
   ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
-  pid_t const load = StartTool({"load", other(), fifo});
+  Background load({"load", other(), fifo});
   int const pipe = open(fifo.c_str(), O_WRONLY);
-  while (!fs::exists(other() + ".loading/dump")) usleep(1000);
-  kill(load, SIGINT);
-  EXPECT_EQ(1, WaitFor(load));
+  ASSERT_TRUE(load.Until([&] { return fs::exists(other() + ".loading/dump"); }));
+  kill(load.process(), SIGINT);
+  EXPECT_EQ(1, load.Finish());
   close(pipe);
   ExpectNothingLeft();
 }

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <pty.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -189,6 +190,54 @@ int WaitFor(pid_t process) {
   int status = 0;
   waitpid(process, &status, 0);
   return Status(status);
+}
+
+Background::Background(Arguments const& arguments)
+    : output_(memfd_create("output", MFD_CLOEXEC)), process_(fork()) {
+  if (process_ != 0) return;
+  dup2(open("/dev/null", O_RDONLY), STDIN_FILENO);
+  for (int const file : {STDOUT_FILENO, STDERR_FILENO}) dup2(output_, file);
+  Exec(arguments);
+}
+
+Background::~Background() {
+  if (!ended_) {
+    Kill();
+    Finish();
+  }
+  close(output_);
+}
+
+bool Background::Until(std::function<bool()> const& there) {
+  for (bool ended = false; !there(); ended = HasEnded()) {
+    if (!ended) continue;
+    ADD_FAILURE() << "the tool ended before, with status " << status_ << ": " << Output();
+    return false;
+  }
+  return true;
+}
+
+void Background::Kill() const { kill(process_, SIGKILL); }
+
+int Background::Finish() {
+  if (!ended_) status_ = WaitFor(process_);
+  ended_ = true;
+  return status_;
+}
+
+bool Background::HasEnded() {
+  int status = 0;
+  if (ended_ || waitpid(process_, &status, WNOHANG) != process_) return ended_;
+  status_ = Status(status);
+  return ended_ = true;
+}
+
+std::string Background::Output() const {
+  std::string text;
+  lseek(output_, 0, SEEK_SET);
+  while (ReadSome(output_, text)) {
+  }
+  return text;
 }
 
 std::string OutputOf(std::string const& command) {

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <sys/types.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -53,6 +54,31 @@ Result RunToolInto(std::string const& file, Arguments const& arguments);
 // Starts it and returns at once; its output goes nowhere.
 pid_t StartTool(Arguments const& arguments);
 int WaitFor(pid_t process);
+// The tool beside the test, with its output kept. It is killed with the object.
+class Background {
+ public:
+  explicit Background(Arguments const& arguments);
+  ~Background();
+  Background(Background const&) = delete;
+  Background& operator=(Background const&) = delete;
+
+  pid_t process() const { return process_; }
+  // Waits until `there` returns true. False, and a failure of the test with what the tool wrote, if
+  // the tool ends before.
+  bool Until(std::function<bool()> const& there);
+  void Kill() const;
+  // Waits for the end, and tells the status.
+  int Finish();
+
+ private:
+  bool HasEnded();
+  std::string Output() const;
+
+  int output_ = -1;
+  pid_t process_ = -1;
+  bool ended_ = false;
+  int status_ = -1;
+};
 
 // What a line for the system's shell prints.
 std::string OutputOf(std::string const& command);
