@@ -30,6 +30,9 @@
  *                 nobody again. Change or delete the objects that lscoredb_index_duplicates names,
  *                 and go on with lscoredb_build_index, which looks again from the start.
  *
+ * A build whose objects move to another set follows them (lscoredb_move_prepared), and begins
+ * again there.
+ *
  * An abandoned build:
  *   abandoned     no index any more: nobody keeps it up, no definition is like it, and its entries
  *                 are being removed, in commits of a bounded size. Anybody may remove the rest:

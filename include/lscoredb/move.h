@@ -3,6 +3,7 @@
 
 /*
  * Moving an object to another set: it keeps its identity and becomes an object of another table.
+ * And what is prepared for the objects of a set, when all of them move.
  */
 
 #include <lscoredb/lscoredb.h>
@@ -31,6 +32,16 @@ typedef struct lscoredb_column_copy {
 LSCOREDB_API uint32_t lscoredb_move_to_set(uint64_t context, uint64_t oid, uint16_t layout,
                                            char16_t const* setspec,
                                            lscoredb_column_copy const* copies, uint32_t count);
+
+/* Prepared indexes (lscoredb/index_build.h) over exactly this set become prepared indexes over the
+ * set `to`, where their columns have the token of a copy's `to` instead of its `from`. For a
+ * transaction that moves all objects of the set. They keep their ids and begin again from the start
+ * with its commit, whoever prepared them, and until when; a step that was under way then returns
+ * LSCOREDB_CONFLICT. Abandoned ones stay. A rollback to an earlier savepoint undoes it.
+ * LSCOREDB_WRITE_REFUSED. LSCOREDB_TOO_LARGE: a set specifier is too long. */
+LSCOREDB_API uint32_t lscoredb_move_prepared(uint64_t context, char16_t const* setspec,
+                                             char16_t const* to, lscoredb_column_copy const* copies,
+                                             uint32_t count);
 
 #ifdef __cplusplus
 }

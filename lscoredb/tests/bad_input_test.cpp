@@ -1,6 +1,7 @@
 // Every function of the contract against every kind of misuse. The calls stand in one table: each
 // works when it is given what it needs, and then one thing is taken away.
 
+#include <lscoredb/move.h>
 #include <lscoredb/require.h>
 
 #include <set>
@@ -201,6 +202,8 @@ Calls BadInputTest::SchemaReads() {
          if (status == LORV_STATUS_OK) Check("free", lorv_iterator_free(iterator));
          return status;
        }},
+      {"set_changed",
+       [this](Target const& t) { return lscoredb_set_changed(t.context, kSet, &outputs_.word); }},
       {"layout_stats",
        [](Target const& t) {
          lscoredb_layout_statistics stats{};
@@ -238,6 +241,10 @@ Calls BadInputTest::SchemaWrites() {
        }},
       {"require", [this](Target const& t) { return lscoredb_require(t.context, row_); }},
       {"require_set", [](Target const& t) { return lscoredb_require_set(t.context, kSet); }},
+      {"move_prepared",
+       [](Target const& t) {
+         return lscoredb_move_prepared(t.context, kSet, u"elsewhere/", nullptr, 0);
+       }},
       {"move_object",
        [this](Target const& t) { return lscoredb_move_object(t.context, row_, layout_); }},
       {"release_layout",

@@ -5,6 +5,8 @@
 #include <lscoredb/host.h>
 #include <lscoredb/index_build.h>
 #include <lscoredb/lscoredb.h>
+#include <lscoredb/move.h>
+#include <lscoredb/require.h>
 #include <stdio.h>
 #include <string.h>
 
@@ -119,6 +121,10 @@ static void build_beside_writers(uint64_t context) {
   EXPECT_OK(lscoredb_begin(context, 0));
   EXPECT_OK(lorvi_context_create_index(context, 77, u"set/", INDEXED, 1, 0, &created));
   EXPECT(created == index);
+  EXPECT_OK(lscoredb_rollback(context));
+  EXPECT_OK(lscoredb_begin(context, 0));
+  EXPECT_OK(lscoredb_set_changed(context, u"set/", &created));
+  EXPECT_OK(lscoredb_move_prepared(context, u"set/", u"elsewhere/", NULL, 0));
   EXPECT_OK(lscoredb_rollback(context));
   lscoredb_index_build left = {0};
   left.size = sizeof left;

@@ -1,6 +1,7 @@
 // Indexes that are built beside writers of other processes, which are killed at every step.
 
 #include <lscoredb/index_build.h>
+#include <lscoredb/move.h>
 
 #include "kernel_test.h"
 #include "other_process.h"
@@ -12,6 +13,7 @@ namespace {
 constexpr std::uint32_t kNumber = 2;
 constexpr std::uint64_t kNumberToken = 100;
 constexpr int kRows = 60;
+constexpr char16_t kMoved[] = u"moved/";
 
 class OnlineIndexKillTest : public testing::Test {
  protected:
@@ -63,6 +65,52 @@ class OnlineIndexKillTest : public testing::Test {
     session.Begin();
     Create(session);
     session.Commit();
+  }
+
+  // All objects go to another set, and the build with them.
+  static void Move(Session& session) {
+    session.Begin();
+    LayoutId const layout = session.LayoutsByToken(50).at(0);
+    IndexId const all = session.CreateIndex(62, kSet, {{LORV_TYPE_LONG, kNumberToken}});
+    for (Oid const row : session.Scan(all)) {
+      Check("move", lscoredb_move_to_set(session.context(), row, layout, kMoved, nullptr, 0));
+    }
+    session.DropIndex(all);
+    Check("move", lscoredb_move_prepared(session.context(), kSet, kMoved, nullptr, 0));
+    session.Commit();
+  }
+  // Some steps, the move, and the rest.
+  void BuildAndMove() const {
+    Database const database(place_);
+    Session session(database);
+    IndexId const index = Prepare(session);
+    for (int i = 0; i < 4; ++i) Step(session, index);
+    Move(session);
+    while (Step(session, index) != LSCOREDB_INDEX_READY) {
+    }
+  }
+  // Goes on where the other process was, which may have prepared nothing yet. Returns whether the
+  // objects had moved.
+  bool FinishMoved() const {
+    Database const database(place_);
+    Session session(database);
+    lscoredb_index_build build{};
+    build.size = sizeof build;
+    std::uint32_t count = 1;
+    Check("index_builds", lscoredb_index_builds(session.context(), &count, &build));
+    bool const moved = count == 1 && Text(build.setspec) == kMoved;
+    if (!moved) Prepare(session);
+    if (!moved) Move(session);
+    count = 1;
+    Check("index_builds", lscoredb_index_builds(session.context(), &count, &build));
+    while (Step(session, build.index) != LSCOREDB_INDEX_READY) {
+    }
+    session.Begin();
+    EXPECT_EQ(build.index,
+              session.CreateIndex(60, kMoved, {{LORV_TYPE_LONG, kNumberToken}}, kUnique));
+    EXPECT_EQ(static_cast<std::size_t>(kRows), session.Scan(build.index).size());
+    session.Commit();
+    return moved;
   }
 
   // Removes the build batch by batch, if it is there, with a writer in between. Returns whether it
@@ -126,6 +174,28 @@ TEST_F(OnlineIndexKillTest, BuildKilledAtAnyStep_IsCompletedByTheNextProcess) {
     EXPECT_FALSE(next.EndsKilled()) << "killed at step " << killed;
   }
   EXPECT_GT(killed, 50) << "each commit is two steps";
+}
+
+TEST_F(OnlineIndexKillTest, MovedBuildKilledAtAnyStep_IsCompletedByTheNextProcess) {
+  int killed = 0;
+  int moved = 0;
+  for (bool more = true; more;) {
+    place_ = directory_ / std::to_string(killed).c_str();
+    OtherProcess maker([&](OtherProcess&) { MakeRows(); });
+    EXPECT_FALSE(maker.EndsKilled());
+    OtherProcess builder([&](OtherProcess&) {
+      KillAtStep(killed + 1);
+      BuildAndMove();
+      KillAtStep(0);
+    });
+    more = builder.EndsKilled();
+    killed += more ? 1 : 0;
+    OtherProcess next([&](OtherProcess& test) { test.Say(FinishMoved() ? 1 : 0); });
+    moved += static_cast<int>(next.Hear());
+    EXPECT_FALSE(next.EndsKilled()) << "killed at step " << killed;
+  }
+  EXPECT_GT(moved, 10);
+  EXPECT_GT(killed, moved + 10) << "before the move too";
 }
 
 TEST_F(OnlineIndexKillTest, AbandonmentKilledAtAnyStep_IsFinishedByTheNextProcess) {

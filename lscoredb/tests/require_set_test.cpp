@@ -1,6 +1,9 @@
-// Required sets: a commit fails when another transaction changed an object of the set.
+// Required sets: a commit fails when another transaction changed an object of the set. And when a
+// set was changed last.
 
 #include <lscoredb/require.h>
+
+#include <utility>
 
 #include "kernel_test.h"
 
@@ -69,6 +72,63 @@ TEST_F(RequireSetTest, RolledBackToASavepoint_IsNoLongerRequired) {
   other.Commit();
   session_.PutLong(beside_, kNumber, 3);
   EXPECT_STATUS(0u, session_.TryCommit());
+}
+
+class SetChangedTest : public RequireSetTest {
+ protected:
+  // As of a new snapshot.
+  std::uint64_t Changed(char16_t const* setspec) {
+    Session reader(database_);
+    reader.BeginReadOnly();
+    std::uint64_t commit = 0;
+    EXPECT_STATUS(0u, lscoredb_set_changed(reader.context(), setspec, &commit));
+    return commit;
+  }
+};
+
+TEST_F(SetChangedTest, ChangesOfTheSet_AdvanceIt) {
+  EXPECT_EQ(0u, Changed(u"unknown/"));
+  std::uint64_t last = Changed(kSet);
+  EXPECT_LT(0u, last);
+  auto const advances = [&](std::function<void()> const& work) {
+    session_.Begin();
+    work();
+    session_.Commit();
+    std::uint64_t const before = std::exchange(last, Changed(kSet));
+    EXPECT_EQ(last, Changed(kSet));
+    return last > before;
+  };
+  EXPECT_TRUE(advances([&] { session_.PutLong(inside_, kNumber, 1); }));
+  EXPECT_TRUE(advances([&] { session_.Insert(layout_, kBelow); }));
+  EXPECT_TRUE(advances([&] { session_.PutSetspec(inside_, kBeside); }));
+  EXPECT_TRUE(advances([&] { session_.PutSetspec(inside_, kSet); }));
+  EXPECT_TRUE(advances([&] { session_.Delete(inside_); }));
+  EXPECT_FALSE(advances([&] { session_.PutLong(beside_, kNumber, 1); }));
+  EXPECT_GT(last, Changed(kBelow));
+}
+
+TEST_F(SetChangedTest, OwnAndLaterChanges_DoNotCount) {
+  std::uint64_t const before = Changed(kSet);
+  session_.Begin();
+  session_.PutLong(inside_, kNumber, 1);
+  Session other(database_);
+  other.Begin();
+  other.Insert(layout_);
+  other.Commit();
+  std::uint64_t commit = 0;
+  EXPECT_STATUS(0u, lscoredb_set_changed(session_.context(), kSet, &commit));
+  EXPECT_EQ(before, commit);
+  session_.Commit();
+  EXPECT_LT(before, Changed(kSet));
+}
+
+TEST_F(SetChangedTest, BadArguments_AreRefused) {
+  std::uint64_t commit = 0;
+  EXPECT_STATUS(LSCOREDB_NO_TRANSACTION, lscoredb_set_changed(session_.context(), kSet, &commit));
+  session_.Begin();
+  EXPECT_STATUS(LSCOREDB_NULL_ARGUMENT, lscoredb_set_changed(session_.context(), nullptr, &commit));
+  EXPECT_STATUS(LSCOREDB_NULL_ARGUMENT, lscoredb_set_changed(session_.context(), kSet, nullptr));
+  session_.Rollback();
 }
 
 }  // namespace

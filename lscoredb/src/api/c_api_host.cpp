@@ -251,6 +251,14 @@ uint32_t lscoredb_require_set(uint64_t context, char16_t const* setspec) {
   });
 }
 
+uint32_t lscoredb_set_changed(uint64_t context, char16_t const* setspec, uint64_t* out_commit) {
+  return WithTransaction(context, [&](Transaction& transaction) -> Status {
+    if (setspec == nullptr || out_commit == nullptr) return LSCOREDB_NULL_ARGUMENT;
+    *out_commit = Raw(transaction.LastSetChange(setspec));
+    return LORV_STATUS_OK;
+  });
+}
+
 uint32_t lscoredb_read_scope_begin(uint64_t context) {
   return WithTransaction(context, [](Transaction& transaction) {
     transaction.BeginScope();

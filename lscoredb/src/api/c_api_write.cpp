@@ -136,6 +136,21 @@ uint32_t lscoredb_move_to_set(uint64_t context, uint64_t oid, uint16_t layout,
   });
 }
 
+uint32_t lscoredb_move_prepared(uint64_t context, char16_t const* setspec, char16_t const* to,
+                                lscoredb_column_copy const* copies, uint32_t count) {
+  return WithWriting(context, [&](Transaction& transaction) -> Status {
+    if (setspec == nullptr || to == nullptr) return LSCOREDB_NULL_ARGUMENT;
+    if (copies == nullptr && count != 0) return LSCOREDB_NULL_ARGUMENT;
+    MovedPrepared moved{setspec, to, {}};
+    if (moved.from.size() > kMaxLength || moved.to.size() > kMaxLength) return LSCOREDB_TOO_LARGE;
+    for (lscoredb_column_copy const& copy : std::span(copies, count)) {
+      moved.tokens.emplace(Token{copy.from}, Token{copy.to});
+    }
+    transaction.MovePrepared(std::move(moved));
+    return LORV_STATUS_OK;
+  });
+}
+
 uint32_t lorv_context_insert_system(uint64_t context, uint16_t table_id, uint64_t* out_oid) {
   return InsertInto(context, table_id, out_oid);
 }

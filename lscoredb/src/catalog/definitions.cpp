@@ -505,6 +505,17 @@ bool SetChangedSince(View const& view, std::u16string_view prefix, CommitId sinc
   return changed;
 }
 
+CommitId LastSetChange(View const& view, std::u16string_view prefix) {
+  CommitId last{0};
+  ForEachWithPrefix(view, Tree::kMeta, SetPrefix(format::kSetChangeLetter, prefix),
+                    [&](std::string_view, std::string_view value) {
+                      SetChange const change = ParseSetChange(value);
+                      if (change.setspec.starts_with(prefix)) last = std::max(last, change.commit);
+                      return true;
+                    });
+  return last;
+}
+
 // ---- objects by layout -------------------------------------------------------------------------
 
 LayoutCount ParseCount(std::string_view record) {

@@ -216,6 +216,8 @@ SetChange ParseSetChange(std::string_view record);
 void WriteSetChange(Batch& batch, std::u16string_view setspec);
 // Whether an object whose set specifier begins with `prefix` was changed after `since`.
 bool SetChangedSince(View const& view, std::u16string_view prefix, CommitId since);
+// The commit that last changed one; 0: none did.
+CommitId LastSetChange(View const& view, std::u16string_view prefix);
 
 // ---- objects by layout -------------------------------------------------------------------------
 

@@ -14,6 +14,9 @@
 // A commit that changes an object removes its old entry, if there is one, and puts the new one if
 // it differs, which keeps both true; so the build may stop anywhere and be continued by anybody.
 //
+// When all objects of the set move to another one, the build may follow in the same commit: the
+// definition then is over that set, and nothing has been dealt with.
+//
 // A build that is abandoned is no index any more from the first commit on: it keeps only its state
 // and its definition, under another letter, by which anybody removes the entries that are left. If
 // they fit into one commit, it never comes to that.
@@ -31,7 +34,7 @@ namespace lscore {
 struct IndexBuild {
   IndexId id{};
   BuildPhase phase = BuildPhase::kFilling;
-  std::uint32_t round = 0;  // how often duplicates have been looked for
+  std::uint32_t round = 0;  // how often duplicates have been looked for or the build began again
   std::uint64_t done = 0;   // objects whose entries were dealt with; of an abandoned one, removed
   std::uint64_t total = 0;  // 0: not counted yet
   std::u16string name;      // for those who list it

@@ -154,6 +154,7 @@ void CommitApplier::ValidateIndexes() const {
   for (AdoptedIndex const& adopted : request_.changes.adopted_indexes()) {
     std::optional<IndexBuild> const build = FindBuild(batch_, adopted.prepared->id);
     if (!build.has_value() || build->phase != BuildPhase::kReady) Throw(LSCOREDB_CONFLICT);
+    if (!LoadIndex(batch_, build->id)->IsLike(*adopted.prepared)) Throw(LSCOREDB_CONFLICT);
   }
   for (auto const& index : request_.changes.created_indexes()) {
     if (SetChangedSince(batch_, index->setspec, request_.snapshot.id())) Throw(LSCOREDB_CONFLICT);
@@ -189,10 +190,21 @@ void CommitApplier::ValidateSets() {
   }
 }
 
-// Whether to write the entries: those of an index that another transaction dropped are not. An
-// index of this transaction is live although the batch does not have it yet.
-bool CommitApplier::IsLive(PendingIndex const& entries) const {
-  return !late_ || !entries.committed() || HasIndex(batch_, entries.index().id);
+// Whether to write the entries: those of an index that another transaction dropped are not, nor
+// those of a prepared one that it moved to another set. An index of this transaction is live
+// although the batch does not have it yet.
+bool CommitApplier::IsLive(PendingIndex const& entries) {
+  if (!late_ || !entries.committed()) return true;
+  IndexDefinition const* const index = now_->Find(batch_, entries.index().id);
+  return index != nullptr && index->IsLike(entries.index());
+}
+
+// Whether the snapshot lacks the index, or has it over another set.
+bool CommitApplier::IsNew(IndexDefinition const& index) {
+  auto const [at, unknown] = new_.try_emplace(index.id, true);
+  if (!unknown) return at->second;
+  std::unique_ptr<IndexDefinition const> const before = LoadIndex(request_.snapshot, index.id);
+  return at->second = before == nullptr || !before->IsLike(index);
 }
 
 // Indexes that were committed after the snapshot are unknown to the transaction, which wrote no
@@ -210,8 +222,7 @@ void CommitApplier::DeriveLateEntries(PendingRow const& row) {
     if (!setspec.present) continue;
     Unpack(setspec.text(), text_);
     for (IndexDefinition const* const index : now_->Covering(batch_, text_)) {
-      if (HasIndex(request_.snapshot, index->id)) continue;
-      DeriveLateEntry(*index, row, before);
+      if (IsNew(*index)) DeriveLateEntry(*index, row, before);
     }
   }
 }
@@ -398,6 +409,34 @@ void CommitApplier::ApplyIndexes() {
     WriteIndex(batch_, *adopted.as);
   }
   if (request_.changes.changes_indexes()) WriteIndexVersion(batch_);
+  for (MovedPrepared const& moved : request_.changes.moved_prepared()) ApplyMovedPrepared(moved);
+}
+
+// The moved objects have left the old entries by now. Others may be there still, of objects that
+// belong to no table any more. Nothing is in the index over the new set until it is built, so it
+// holds what index_builds.h demands. Another round tells those who sorted for the old one.
+void CommitApplier::ApplyMovedPrepared(MovedPrepared const& moved) {
+  for (IndexBuild build : AllBuilds(batch_)) {
+    if (build.phase == BuildPhase::kAbandoned) continue;
+    std::unique_ptr<IndexDefinition const> const before = LoadIndex(batch_, build.id);
+    if (before == nullptr) Throw(LSCOREDB_DAMAGED);
+    if (before->setspec != moved.from) continue;
+    IndexDefinition after = *before;
+    after.setspec = moved.to;
+    for (IndexColumn& column : after.columns) {
+      auto const token = moved.tokens.find(column.token);
+      if (token != moved.tokens.end()) column.token = token->second;
+    }
+    after.phase = build.phase = BuildPhase::kFilling;
+    build.done = build.total = 0;
+    build.position.clear();
+    ++build.round;
+    DeleteEntries(batch_, *before);
+    DeleteIndex(batch_, *before);
+    WriteIndex(batch_, after);
+    WriteBuild(batch_, build);
+    WriteIndexVersion(batch_);
+  }
 }
 
 // The store counts the objects of each layout, with the set of one of them as an example. Counts

@@ -78,7 +78,8 @@ class CommitApplier {
   bool IsUnique(PendingIndex const& entries);
   void CheckUnique(PendingIndex const& entries, bool nothing_between);
   [[noreturn]] void Refuse(IndexDefinition const& index, PendingKey key, ObjectId holder);
-  bool IsLive(PendingIndex const& entries) const;
+  bool IsLive(PendingIndex const& entries);
+  bool IsNew(IndexDefinition const& index);
 
   void ApplyRow(PendingRow const& row);
   void PutImage(PendingRow const& row);
@@ -90,6 +91,7 @@ class CommitApplier {
   void ApplyLayouts();
   void ApplyClosings();
   void ApplyIndexes();
+  void ApplyMovedPrepared(MovedPrepared const& moved);
   void CountChange(PendingRow const& row);
   void NoteSet(Cell const& setspec);
   void ApplyCounts();
@@ -115,6 +117,7 @@ class CommitApplier {
   std::vector<PendingRow const*> rows_;  // those to be written, by id
   bool late_ = false;                    // indexes were created or dropped since the snapshot
   std::unique_ptr<IndexCatalogue> now_;
+  std::map<IndexId, bool> new_;  // what IsNew found
   Arena arena_;
   std::map<IndexId, std::unique_ptr<PendingIndex>> late_entries_;
   KeyEncoder encoder_;

@@ -143,8 +143,11 @@ std::vector<IndexBuilder::Listed> IndexBuilder::List() {
 // ---- steps -------------------------------------------------------------------------------------
 
 // Drops what is kept for other phases than the present one: others may have gone on with the build.
-void IndexBuilder::Forget(IndexId id, BuildPhase phase) {
-  if (phase != BuildPhase::kFilling) sorted_.erase(id);
+void IndexBuilder::Forget(IndexId id, BuildPhase phase, std::uint32_t round) {
+  auto const sorted = sorted_.find(id);
+  bool const stale =
+      phase != BuildPhase::kFilling || (sorted != sorted_.end() && sorted->second.round != round);
+  if (stale) sorted_.erase(id);
   if (phase != BuildPhase::kVerifying) verified_.erase(id);
 }
 
@@ -152,7 +155,7 @@ Status IndexBuilder::Step(IndexId id, std::uint64_t most, Listed* out) {
   Reading const reading(*this);
   std::optional<IndexBuild> const build = FindBuild(*state_.snapshot, id);
   bool const there = build.has_value() && build->phase != BuildPhase::kAbandoned;
-  Forget(id, there ? build->phase : BuildPhase::kReady);
+  Forget(id, there ? build->phase : BuildPhase::kReady, there ? build->round : 0);
   if (!there) return LORV_STATUS_NO_INDEX;
   std::shared_ptr<IndexDefinition const> const index = Definition(*build);
   *out = {*build, index};
@@ -176,6 +179,7 @@ Status IndexBuilder::Sort(IndexDefinition const& index, IndexBuild* build) {
   sorted.entries = filler_.Sort(index, build->position, &count);
   sorted.from = state_.snapshot->id();
   sorted.total = build->done + count;
+  sorted.round = build->round;
   build->total = sorted.total;
   sorted_[index.id] = std::move(sorted);
   return LORV_STATUS_OK;

@@ -11,6 +11,7 @@
 //   verify       so many entries, for equal keys; at the end                   -> kReady
 //                at the first duplicate: they are no longer refused            -> kDuplicates
 //   again        duplicates are refused again                                  -> kVerifying
+//   (a commit that moves the objects to another set may move the index too)    -> kFilling
 //   abandon      the index is one no more; so many entries are removed         -> kAbandoned, or
 //   remove       so many more                                                  -> gone
 //
@@ -69,6 +70,7 @@ class IndexBuilder {
     std::unique_ptr<SortedEntries const> entries;  // null: there were none
     CommitId from{0};
     std::uint64_t total = 0;
+    std::uint32_t round = 0;  // of the build: another one is over another set
   };
   struct Verified {  // in a round of verification
     std::uint32_t round = 0;
@@ -76,7 +78,7 @@ class IndexBuilder {
     std::string to;
   };
 
-  void Forget(IndexId id, BuildPhase phase);
+  void Forget(IndexId id, BuildPhase phase, std::uint32_t round);
   Status Sort(IndexDefinition const& index, IndexBuild* build);
   Status AddEntries(IndexDefinition const& index, std::uint64_t most, IndexBuild* build);
   Status Verify(IndexDefinition const& index, std::uint64_t most, IndexBuild* build);

@@ -54,6 +54,9 @@ class Transaction {
   // Commit fails when another transaction has changed the object since the snapshot.
   Status Require(ObjectId id);
   void RequireSet(std::u16string_view setspec) { state_.changes.RequireSet(setspec); }
+  CommitId LastSetChange(std::u16string_view setspec) const {
+    return lscore::LastSetChange(*state_.snapshot, setspec);
+  }
 
   ResultBuffers& result_buffers() { return result_buffers_; }
   void BeginScope();
@@ -111,6 +114,7 @@ class Transaction {
     return editor_.CreateIndex(std::move(index));
   }
   Status DropIndex(IndexId id) { return editor_.DropIndex(id); }
+  void MovePrepared(MovedPrepared moved) { state_.changes.MovePrepared(std::move(moved)); }
 
   // ---- scans (scans.h)
   // REQUIRES: the iterator is not open; it is closed before this object is destroyed.

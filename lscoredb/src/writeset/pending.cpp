@@ -407,13 +407,19 @@ AdoptedIndex const* PendingChanges::FindAdopted(IndexId id) const {
   return nullptr;
 }
 
+void PendingChanges::MovePrepared(MovedPrepared moved) {
+  if (undo_.recording()) undo_.Record(undo::PreparedMoved{moved_prepared_.size()});
+  moved_prepared_.push_back(std::move(moved));
+}
+
 bool PendingChanges::IsDropped(IndexId id) const {
   return std::any_of(dropped_.begin(), dropped_.end(),
                      [id](IndexDefinition const* index) { return index->id == id; });
 }
 
 bool PendingChanges::empty() const {
-  bool changed = !layouts_.empty() || !released_.empty() || !closed_.empty() || changes_indexes();
+  bool changed = !layouts_.empty() || !released_.empty() || !closed_.empty() || changes_indexes() ||
+                 !moved_prepared_.empty();
   ForEachRow([&](PendingRow const& row) { changed = changed || row.changed; });
   return !changed;
 }
@@ -520,6 +526,11 @@ ObjectId PendingChanges::TakeBack(undo::IndexDropped const& dropped) {
   return kNoObject;
 }
 
+ObjectId PendingChanges::TakeBack(undo::PreparedMoved const& moved) {
+  moved_prepared_.resize(std::min(moved.moved, moved_prepared_.size()));
+  return kNoObject;
+}
+
 ObjectId PendingChanges::TakeBack(undo::ObjectRequired const& required) {
   if (required_.Find(Raw(required.id)) != nullptr) required_.Erase(Raw(required.id));
   return kNoObject;
@@ -554,6 +565,7 @@ void PendingChanges::Clear() {
   created_and_dropped_.clear();
   adopted_.clear();
   dropped_.clear();
+  moved_prepared_.clear();
   arena_.Release();
 }
 

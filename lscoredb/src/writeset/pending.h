@@ -225,6 +225,13 @@ struct AdoptedIndex {
   std::unique_ptr<IndexDefinition const> as;
 };
 
+// Prepared indexes over one set that will be over another from the commit on.
+struct MovedPrepared {
+  std::u16string from;
+  std::u16string to;
+  std::map<Token, Token> tokens;  // of columns that have others there
+};
+
 // ---- the write set -----------------------------------------------------------------------------
 
 class PendingChanges {
@@ -286,6 +293,9 @@ class PendingChanges {
   }
   bool IsDropped(IndexId id) const;
 
+  std::vector<MovedPrepared> const& moved_prepared() const { return moved_prepared_; }
+  void MovePrepared(MovedPrepared moved);
+
   // Objects that commit checks like written ones: no other transaction may have changed them.
   bool requires_any() const { return required_.size() != 0 || !required_sets_.empty(); }
   void Require(ObjectId id);
@@ -343,6 +353,7 @@ class PendingChanges {
   ObjectId TakeBack(undo::IndexAdded const& added);
   ObjectId TakeBack(undo::IndexAdopted const& adopted);
   ObjectId TakeBack(undo::IndexDropped const& dropped);
+  ObjectId TakeBack(undo::PreparedMoved const& moved);
   ObjectId TakeBack(undo::ObjectRequired const& required);
   ObjectId TakeBack(undo::SetRequired const& required);
 
@@ -362,6 +373,7 @@ class PendingChanges {
   std::vector<std::unique_ptr<IndexDefinition const>> created_and_dropped_;
   std::vector<AdoptedIndex> adopted_;
   std::vector<IndexDefinition const*> dropped_;
+  std::vector<MovedPrepared> moved_prepared_;
 };
 
 }  // namespace lscore

@@ -76,6 +76,9 @@ struct IndexDropped {
   std::size_t entries_at = kNowhere;
   std::size_t created_at = kNowhere;
 };
+struct PreparedMoved {
+  std::size_t moved = 0;  // the number of those before
+};
 struct ObjectRequired {
   ObjectId id{};
 };
@@ -85,7 +88,7 @@ struct SetRequired {
 
 using Step = std::variant<RowAdded, CellChanged, RowChanged, ExampleNoted, EntryAdded, EntryChanged,
                           EntryErased, LayoutAdded, LayoutReleased, SetClosed, IndexAdded,
-                          IndexAdopted, IndexDropped, ObjectRequired, SetRequired>;
+                          IndexAdopted, IndexDropped, PreparedMoved, ObjectRequired, SetRequired>;
 
 }  // namespace undo
 
