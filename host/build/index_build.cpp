@@ -146,7 +146,7 @@ std::string DescribeIndex(IndexSpec const& index) {
   }
   std::string const kind = index.uniqueness == Uniqueness::kUnique ? "unique index" : "index";
   if (columns.empty())
-    return fmt::format("{} {} of a dropped or moved table or column", kind, ToUtf8(index.name));
+    return fmt::format("{} {} of a dropped table or column", kind, ToUtf8(index.name));
   return fmt::format("{} {} on {} ({})", kind, ToUtf8(index.name), ToUtf8(index.table), columns);
 }
 
@@ -167,6 +167,7 @@ class Builder {
       if (IsLong()) run.Record();
       if (!Run(id, spec, run)) return false;
       if (create) Create(spec, &run);
+      if (create) RemoveUnlessAdopted(id);
       run.Finish();
       return true;
     });
@@ -191,6 +192,13 @@ class Builder {
   }
 
  private:
+  // The table may have moved when the build was ready. The index was made without it then.
+  void RemoveUnlessAdopted(std::uint64_t id) const {
+    for (lscoredb_index_build const& one : ListKernelBuilds(context_)) {
+      if (one.index == id) detail::CheckKernel(lscoredb_abandon_index(context_.id(), id));
+    }
+  }
+
   // Whether there may be more objects than a batch takes. Counting those of the table would read
   // them all after changes of the schema.
   bool IsLong() const {
@@ -282,16 +290,33 @@ std::string_view IndexBuildStateName(IndexBuildState state) {
 namespace {
 
 // Nothing if there is nothing to build.
+std::optional<KernelIndex> IndexToBuild(Context const& context, IndexSpec const& index) {
+  Transaction transaction(context, Access::kReadOnly);
+  if (IsNothingToBuild(transaction, index)) return std::nullopt;
+  return KernelIndexOf(transaction, index);
+}
+
+// A build that was prepared before its table moved has followed it.
+void AbandonUnlessMoved(Context const& context, std::uint64_t id, std::u16string const& setspec,
+                        IndexBuildOptions const& options) {
+  for (lscoredb_index_build const& one : ListKernelBuilds(context)) {
+    if (one.index == id && setspec == one.setspec) AbandonIndexBuild(context, id, options);
+  }
+}
+
+// Nothing if there is nothing to build.
 std::optional<std::uint64_t> PrepareBuild(Context const& context, IndexSpec const& index,
                                           IndexBuildOptions const& options) {
-  KernelIndex kernel;
-  {
-    Transaction transaction(context, Access::kReadOnly);
-    if (IsNothingToBuild(transaction, index)) return std::nullopt;
-    kernel = KernelIndexOf(transaction, index);
-  }
   jobs::RemoveAbandonedBuilds(context, options);
-  return Builder(context, options).Prepare(index, kernel);
+  for (;;) {
+    auto const kernel = IndexToBuild(context, index);
+    if (!kernel) return std::nullopt;
+    std::uint64_t const id = Builder(context, options).Prepare(index, *kernel);
+    // The table may have moved before the commit, which then prepared what no object is in.
+    auto const now = IndexToBuild(context, index);
+    if (now && now->setspec == kernel->setspec) return id;
+    AbandonUnlessMoved(context, id, kernel->setspec, options);
+  }
 }
 
 }  // namespace
@@ -372,8 +397,8 @@ bool ResumeIndexBuild(Context const& context, std::uint64_t id, IndexBuildOption
   if (build.index.columns.empty()) {
     throw Error(
         SAGLEME_TABLE_NOT_FOUND,
-        fmt::format("The table of index build {} was dropped or moved under another base, or a "
-                    "column was dropped. Abandon the build and begin it anew.",
+        fmt::format("The table of index build {}, or one of its columns, is no longer there. "
+                    "Abandon the build.",
                     id));
   }
   return Builder(context, options).Work(id, build.index, true);

@@ -1,4 +1,5 @@
 #include <fmt/format.h>
+#include <lscoredb/move.h>
 
 #include <algorithm>
 #include <map>
@@ -106,6 +107,7 @@ class BaseSetter {
       for (Shape const& shape : shapes_) MoveTable(shape);
     });
     for (Moving const& moving : moving_) MoveObjects(moving);
+    for (Moving const& moving : moving_) MovePrepared(moving);
     detail::Inside(transaction_.context(), [&] {
       for (Moving const& moving : moving_) CreateKernelIndexes(moving);
       metalayer::AdvanceSchemaGeneration();
@@ -293,6 +295,14 @@ class BaseSetter {
         fmt::format("Table {} cannot derive from {}: object {} has a key that is taken: {}.",
                     ToUtf8(request_.table->name), ToUtf8(request_.base->name), id.value,
                     DescribeRefusedKey(transaction_, object, from, *request_.base, kept)));
+  }
+
+  // Indexes that are being built follow their table, and begin again.
+  void MovePrepared(Moving const& moving) const {
+    Destination const& to = moving.destination;
+    detail::CheckKernel(lscoredb_move_prepared(context(), moving.shape->table->setspec.c_str(),
+                                               to.setspec.c_str(), to.copies.data(),
+                                               static_cast<std::uint32_t>(to.copies.size())));
   }
 
   // All objects are under the newest layout now.

@@ -18,6 +18,9 @@
 // its first commit on nobody does; what is left of the entries if it ends early is removed by the
 // next AbandonIndexBuild, BuildIndex, PrepareIndex or RunVacuum.
 //
+// A table that moves under another base (<sagleme/hierarchy.hpp>) takes its builds and those of its
+// descendants along. They begin again from the start, and whoever works on them goes on.
+//
 // A unique index refuses nobody's duplicates until all objects are in it, and then new ones while
 // it looks for old ones. If there are any, the build fails with LSCOREDB_DUPLICATE_KEY, refuses
 // nobody's duplicates again, and stays: IndexBuildDuplicates lists the objects. Change or delete
@@ -96,7 +99,7 @@ SAGLEME_HOST_API std::vector<IndexSpec> IndexesToPrepare(Transaction& transactio
 // A build that is going on, or that was cut off.
 struct IndexBuild {
   std::uint64_t id = 0;
-  IndexSpec index;  // without table and columns if the table is gone
+  IndexSpec index;  // without table and columns if the table or a column is gone
   IndexBuildProgress progress;
 };
 

@@ -16,6 +16,7 @@
 #include <sagleme/hierarchy.hpp>
 #include <sagleme/host/dump.hpp>
 #include <sagleme/host/import.hpp>
+#include <sagleme/index_build.hpp>
 #include <sagleme/jobs.hpp>
 #include <sagleme/schema_job.hpp>
 #include <sagleme/vacuum.hpp>
@@ -264,6 +265,49 @@ TEST_F(JobsKillTest, Apply_MakesTheIndexOnce) {
   Transaction transaction(context, sagleme::Access::kReadOnly);
   auto const index = transaction.FindIndex(u"ByNumber");
   ASSERT_TRUE(index);
+  std::int64_t next = 0;
+  for (Object const& thing : sagleme::Range::Matching(transaction, *index, {})) {
+    EXPECT_EQ(sagleme::Value(next++), thing.Get(u"Number"));
+  }
+  EXPECT_EQ(kObjects, next);
+}
+
+// The table moves in the middle of it, in whichever process gets there.
+TEST_F(JobsKillTest, IndexBuildOfAMovingTable_MakesTheIndexOnce) {
+  Create(kObjects);
+  sagleme::IndexSpec const spec{"ByNumber", "Thing", {{"Number"}}, sagleme::Uniqueness::kUnique};
+  {
+    Database const database = Open();
+    Context const context(database);
+    Transaction transaction(context);
+    sagleme::CreateTable(transaction, u"Base", u"", {{u"More"}});
+    transaction.Commit();
+  }
+  auto const move_once = [&](Database const& database) {
+    Context const context(database);
+    Transaction transaction(context);
+    if (transaction.table(u"Thing")->base == u"Base") return;
+    sagleme::SetBase(transaction, u"Thing", u"Base");
+    transaction.Commit();
+  };
+  UntilDone([&] {
+    Database const database = Open();
+    Context const context(database);
+    sagleme::IndexBuildOptions options;
+    options.batch = kBatch;
+    options.report = [&](sagleme::IndexBuildProgress const& progress) {
+      if (progress.done == kObjects / 2) move_once(database);
+      return true;
+    };
+    BuildIndex(context, spec, options);
+    move_once(database);
+  });
+  ExpectNoJobs();
+  Database const database = Open();
+  Context const context(database);
+  Transaction transaction(context, sagleme::Access::kReadOnly);
+  EXPECT_EQ(u"Base", transaction.table(u"Thing")->base);
+  auto const index = transaction.FindIndex(u"ByNumber");
   std::int64_t next = 0;
   for (Object const& thing : sagleme::Range::Matching(transaction, *index, {})) {
     EXPECT_EQ(sagleme::Value(next++), thing.Get(u"Number"));
