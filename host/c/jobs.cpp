@@ -242,6 +242,7 @@ std::uint32_t sagleme_resume_job(char const* place, std::uint64_t id,
     if (whole.pause != 0) how.pause = sagleme::PauseOf(whole);
     how.control = sagleme::ControlOf(whole);
     how.take_over = whole.take_over != 0;
+    how.allow_losses = whole.allow_losses != 0;
     how.report = std::ref(reporter);
     return ResumeJob(context, id, how) ? 0u : LSCOREDB_STOPPED;
   });

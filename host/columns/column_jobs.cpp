@@ -90,12 +90,13 @@ Text TextIn(Json const& details, char const* key) {
   return Text(details.at(key).get<std::string>());
 }
 
-Work WorkOf(Json const& details) {
+Work WorkOf(Json const& details, bool allow_losses) {
   Text const top = TextIn(details, "top");
   Text const column = TextIn(details, "column");
   std::string const change = details.at("change");
   if (change == "pull up") return PullUpWork(TextIn(details, "table"), column, top);
-  Loss const loss = details.at("loss").get<bool>() ? Loss::kAllow : Loss::kRefuse;
+  bool const lossy = allow_losses || details.at("loss").get<bool>();
+  Loss const loss = lossy ? Loss::kAllow : Loss::kRefuse;
   if (change == "type") {
     auto const type = static_cast<Type>(details.at("type").get<int>());
     return RetypeWork(top, {column, type, details.at("nullable"), TextIn(details, "target")}, loss);
@@ -150,7 +151,7 @@ bool jobs::ResumeColumnChange(Context const& context, Run& run, JobOptions const
   how.report = [&](ColumnChangeProgress const&) {
     return !options.report || options.report(run.progress());
   };
-  Work const work = WorkOf(Json::parse(run.job().details));
+  Work const work = WorkOf(Json::parse(run.job().details), options.allow_losses);
   return columns::Job(context, how, work.prepare, &run).Run(work.finish);
 }
 

@@ -4,6 +4,8 @@
 
 #include <algorithm>
 
+#include "hierarchy/known_referrers.h"
+
 namespace sagleme {
 namespace {
 
@@ -22,17 +24,12 @@ Index const* IndexBy(Table const& table, Column const& column) {
   return found == table.indexes.end() ? nullptr : &*found;
 }
 
-void AddIfItLeaves(Object const& object, Table const& table, Column const& column,
-                   ReferrerQuery const& query, std::vector<Referrer>& found) {
-  Value const value = object.Get(table, column);
-  auto const* const target = std::get_if<ObjectId>(&value);
-  if (target == nullptr || target->value == 0 || !query.leaves(*target)) return;
-  found.push_back({object.id(), table.name, column.name, *target});
-}
-
 void FindIn(Transaction& transaction, Table const& table, Column const& column,
             ReferrerQuery const& query, std::vector<Referrer>& found) {
   Index const* const index = query.objects.empty() ? nullptr : IndexBy(table, column);
+  if (index == nullptr && query.known != nullptr) {
+    return query.known->Find(transaction, table, column, query, found);
+  }
   if (index == nullptr) {
     for (Object const& object : Range::Subtree(transaction, table)) {
       AddIfItLeaves(object, table, column, query, found);
@@ -67,6 +64,20 @@ std::string Sentence(Transaction& transaction, Referrer const& referrer) {
 }
 
 }  // namespace
+
+std::optional<ObjectId> TargetOf(Object const& object, Table const& table, Column const& column) {
+  Value const value = object.Get(table, column);
+  auto const* const target = std::get_if<ObjectId>(&value);
+  return target == nullptr || target->value == 0 ? std::nullopt : std::optional(*target);
+}
+
+void AddIfItLeaves(Object const& object, Table const& table, Column const& column,
+                   ReferrerQuery const& query, std::vector<Referrer>& found) {
+  auto const target = TargetOf(object, table, column);
+  if (target && query.leaves(*target)) {
+    found.push_back({object.id(), table.name, column.name, *target});
+  }
+}
 
 std::vector<Referrer> FindReferrers(Transaction& transaction, ReferrerQuery const& query) {
   std::vector<Referrer> found;

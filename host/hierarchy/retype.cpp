@@ -1,3 +1,5 @@
+#include "hierarchy/retype.h"
+
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -13,6 +15,8 @@
 
 namespace sagleme {
 namespace {
+
+constexpr std::size_t kListed = 20;
 
 [[noreturn]] void Refuse(std::string const& what) { throw Failure(Failure::Kind::kRefused, what); }
 
@@ -32,8 +36,8 @@ struct Fate {
 class Retyping {
  public:
   Retyping(Transaction& transaction, std::span<ObjectId const> objects, Table const& to,
-           RetypeOptions const& options)
-      : transaction_(transaction), to_(to), options_(options) {
+           RetypeOptions const& options, KnownReferrers* known = nullptr)
+      : transaction_(transaction), to_(to), options_(options), known_(known) {
     detail::RequireOwn(transaction, to);
     if (to.system) {
       Refuse(fmt::format("table {} belongs to the catalogue itself and takes no objects",
@@ -49,18 +53,23 @@ class Retyping {
     RetypePlan plan;
     plan.objects = objects_.size();
     plan.referrers = Referrers();
+    std::map<Column const*, std::uint64_t> values;
+    ForEachLost([&](Object const&, Column const& column) { ++values[&column]; });
     for (auto const& [name, fate] : fates_) {
       for (Column const* const column : fate.lost) {
-        std::uint64_t const values = CountValues(fate, *column);
-        if (values != 0) plan.lost.push_back({name, column->name, values});
+        auto const found = values.find(column);
+        if (found != values.end()) plan.lost.push_back({name, column->name, found->second});
       }
     }
     return plan;
   }
 
   std::uint64_t Run() {
-    SettleReferrers(transaction_, Referrers(), options_.referring,
-                    fmt::format("the objects cannot become objects of {}", ToUtf8(to_.name)));
+    if (options_.loss == Loss::kRefuse) RequireNoneLost();
+    if (options_.referring != Referring::kKeep) {
+      SettleReferrers(transaction_, Referrers(), options_.referring,
+                      fmt::format("the objects cannot become objects of {}", ToUtf8(to_.name)));
+    }
     std::vector<ObjectId> const released = LostTargets();
     for (auto const& [id, fate] : objects_) Move(id, *fate);
     transaction_.Forget();
@@ -112,15 +121,33 @@ class Retyping {
     Column const* const alike = to_.FindColumn(column.name);
     return alike != nullptr && SameKind(column, *alike) ? alike : nullptr;
   }
-  std::uint64_t CountValues(Fate const& fate, Column const& column) const {
-    std::uint64_t count = 0;
-    for (auto const& [id, its] : objects_) {
-      if (its != &fate) continue;
+  // Visits each value that is lost, with its object.
+  template <typename Visit>
+  void ForEachLost(Visit&& visit) const {
+    for (auto const& [id, fate] : objects_) {
+      if (fate->lost.empty()) continue;
       ReadScope const scope(transaction_.context());
-      auto const object = Object::Find(transaction_, {id});
-      if (!IsNull(object->Get(*fate.from, column))) ++count;
+      Object const object = *Object::Find(transaction_, {id});
+      for (Column const* const column : fate->lost) {
+        if (!IsNull(object.Get(*fate->from, *column))) visit(object, *column);
+      }
     }
-    return count;
+  }
+  void RequireNoneLost() const {
+    std::string text;
+    std::size_t count = 0;
+    ForEachLost([&](Object const& object, Column const& column) {
+      if (++count > kListed) return;
+      text += fmt::format("{}object {} has a value in column {} of {}", count == 1 ? ": " : ";\n  ",
+                          object.id().value, ToUtf8(column.name),
+                          ToUtf8(objects_.at(object.id().value)->from->name));
+    });
+    if (count == 0) return;
+    if (count > kListed) text += fmt::format(";\n  and {} more values", count - kListed);
+    throw Failure(Failure::Kind::kRefused,
+                  fmt::format("values would be lost if the objects became objects of {}{}",
+                              ToUtf8(to_.name), text),
+                  "Clear these values first, or allow that they are lost.");
   }
 
   bool LosesTarget(Table const& target) const {
@@ -148,6 +175,7 @@ class Retyping {
     query.loses = [this](Table const& target) { return LosesTarget(target); };
     query.leaves = [this](ObjectId id) { return objects_.contains(id.value); };
     for (auto const& [id, fate] : objects_) query.objects.push_back({id});
+    query.known = known_;
     if (objects_.empty()) return {};
     std::vector<Referrer> referrers = FindReferrers(transaction_, query);
     std::erase_if(referrers, [this](Referrer const& each) {
@@ -176,6 +204,7 @@ class Retyping {
   Transaction& transaction_;
   Table const& to_;
   RetypeOptions const& options_;
+  KnownReferrers* known_;
   std::map<std::u16string, Fate> fates_;          // by the table that objects have now
   std::map<std::uint64_t, Fate const*> objects_;  // those that change
 };
@@ -187,15 +216,29 @@ RetypePlan PlanRetype(Transaction& transaction, std::span<ObjectId const> object
   return Retyping(transaction, objects, to, options).Plan();
 }
 
-std::uint64_t Retype(Transaction& transaction, std::span<ObjectId const> objects, Table const& to,
-                     RetypeOptions const& options) {
+namespace {
+
+std::uint64_t RunRetyping(Transaction& transaction, std::span<ObjectId const> objects,
+                          Table const& to, RetypeOptions const& options, KnownReferrers* known) {
   detail::Rules const* const rules = transaction.rules();
   if (rules != nullptr && !objects.empty()) detail::RequireConcrete(*rules, to);
   transaction.rules();  // what they require of the transaction outlives the savepoint
   Savepoint savepoint(transaction);
-  std::uint64_t const changed = Retyping(transaction, objects, to, options).Run();
+  std::uint64_t const changed = Retyping(transaction, objects, to, options, known).Run();
   savepoint.Release();
   return changed;
+}
+
+}  // namespace
+
+std::uint64_t Retype(Transaction& transaction, std::span<ObjectId const> objects, Table const& to,
+                     RetypeOptions const& options) {
+  return RunRetyping(transaction, objects, to, options, nullptr);
+}
+
+std::uint64_t RetypeInJob(Transaction& transaction, std::span<ObjectId const> objects,
+                          Table const& to, RetypeOptions const& options, KnownReferrers& known) {
+  return RunRetyping(transaction, objects, to, options, &known);
 }
 
 }  // namespace sagleme

@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 #include <sagleme/hierarchy.hpp>
 
+#include "hierarchy/retype.h"
 #include "jobs/kinds.h"
 #include "jobs/retry.h"
 
@@ -12,13 +13,14 @@ namespace {
 
 // Objects may have been deleted since they were chosen.
 std::uint64_t RetypeExisting(Transaction& transaction, std::span<ObjectId const> objects,
-                             std::u16string const& to, RetypeOptions const& options) {
+                             std::u16string const& to, RetypeOptions const& options,
+                             KnownReferrers& known) {
   std::vector<ObjectId> existing;
   for (ObjectId const id : objects) {
     if (Object::Find(transaction, id)) existing.push_back(id);
   }
   TablePtr const table = transaction.Resolve(to);
-  return Retype(transaction, existing, *table, options);
+  return RetypeInJob(transaction, existing, *table, options, known);
 }
 
 class RetypeWork {
@@ -30,10 +32,11 @@ class RetypeWork {
   // From one of the objects on. False if the host ends it before the last one.
   bool Run(std::span<ObjectId const> objects, std::size_t from) {
     std::size_t const size = std::max<std::uint64_t>(how_.batch, 1);
+    KnownReferrers known(objects.subspan(std::min(from, objects.size())));
     for (std::size_t done = from; done < objects.size();) {
       auto const batch = objects.subspan(done, std::min(size, objects.size() - done));
       done += batch.size();
-      RunBatch(batch, done);
+      RunBatch(batch, done, known);
       bool const wanted = !how_.report || how_.report(done, objects.size());
       if (done == objects.size()) break;
       if (!wanted || !run_.GoesOn(how_.pause)) return false;
@@ -45,10 +48,10 @@ class RetypeWork {
   std::uint64_t changed() const { return changed_; }
 
  private:
-  void RunBatch(std::span<ObjectId const> batch, std::size_t done) {
+  void RunBatch(std::span<ObjectId const> batch, std::size_t done, KnownReferrers& known) {
     std::uint64_t changed = 0;
     jobs::Retry(context_, how_.attempts, [&](Transaction& transaction) {
-      changed = RetypeExisting(transaction, batch, to_, options_);
+      changed = RetypeExisting(transaction, batch, to_, options_, known);
       run_.Save(transaction, done, done);
     });
     changed_ += changed;
@@ -89,6 +92,7 @@ std::uint64_t RetypeInBatches(Context const& context, std::span<ObjectId const> 
   row.details = nlohmann::json{{"to", ToUtf8(table)},
                                {"by_name", options.by_name},
                                {"referring", static_cast<int>(options.referring)},
+                               {"loss", options.loss == Loss::kAllow},
                                {"objects", objects.size()},
                                {"digest", DigestOf(objects)}}
                     .dump();
@@ -108,6 +112,8 @@ bool jobs::ResumeRetype(Context const& context, Run& run, JobOptions const& opti
   RetypeOptions how;
   how.by_name = details.at("by_name");
   how.referring = static_cast<Referring>(details.at("referring").get<int>());
+  bool const lossy = options.allow_losses || details.value("loss", true);
+  how.loss = lossy ? Loss::kAllow : Loss::kRefuse;
   RetypeJob job;
   job.batch = run.job().batch;
   job.pause = std::chrono::milliseconds(run.job().pause);

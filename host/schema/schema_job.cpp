@@ -138,7 +138,7 @@ bool jobs::ResumeApply(Context const& context, Run& run, JobOptions const& optio
   auto const details = nlohmann::json::parse(run.job().details);
   SchemaDoc const wanted = ParseSchema(details.at("document"), kSource);
   SchemaOptions how;
-  how.allow_losses = details.at("allow_losses");
+  how.allow_losses = options.allow_losses || details.at("allow_losses").get<bool>();
   how.objects = details.at("objects");
   if (run.job().batch != 0) how.batch = static_cast<std::uint32_t>(run.job().batch);
   how.pause = std::chrono::milliseconds(run.job().pause);

@@ -11,7 +11,8 @@
 //
 //   sagleme::SetBase(transaction, u"Shop.Company", u"Shop.Party");
 //
-// Indexes follow: an object leaves those that no longer cover it and enters the others. No change
+// Indexes follow: an object leaves those that no longer cover it and enters the others. Those that
+// are being built (<sagleme/index_build.hpp>) begin again when their table moves. No change
 // is refused because an index or a reference exists, only because a unique key would occur twice or
 // a reference would lead to an object of a table that its column does not allow.
 //
@@ -25,6 +26,7 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <sagleme/column_changes.hpp>
 #include <sagleme/failure.hpp>
 #include <sagleme/host.hpp>
 #include <sagleme/jobs.hpp>
@@ -58,6 +60,7 @@ struct RetypeOptions {
   // null becomes zero if the new column takes none.
   bool by_name = false;
   Referring referring = Referring::kRefuse;
+  Loss loss = Loss::kAllow;  // of values in columns that the new table has not
 };
 
 // A column that the new table has not, with the number of objects that have a value there.
@@ -82,8 +85,9 @@ SAGLEME_HOST_API RetypePlan PlanRetype(Transaction& transaction, std::span<Objec
 
 // Makes the objects objects of exactly this table; returns how many were not before. Values of
 // columns that both tables inherit from the same ancestor are kept, all others are lost, and new
-// columns are null or zero. Throws as PlanRetype, Failure of kRefused for referrers, Error with
-// LSCOREDB_DUPLICATE_KEY for a key that a unique index of the new table holds.
+// columns are null or zero. Throws as PlanRetype, Failure of kRefused for referrers and for values
+// that would be lost and may not, with the first of them, Error with LSCOREDB_DUPLICATE_KEY for a
+// key that a unique index of the new table holds.
 SAGLEME_HOST_API std::uint64_t Retype(Transaction& transaction, std::span<ObjectId const> objects,
                                       Table const& to, RetypeOptions const& options = {});
 
@@ -100,7 +104,10 @@ struct RetypeJob {
 // Readers see each object in one table or the other, with its values and index entries. Objects
 // deleted meanwhile are passed over. A run may end after any batch, even by the death of the
 // process: ResumeJob (<sagleme/jobs.hpp>) continues it, and so does another one with the same
-// objects. Throws as Retype; committed batches stay.
+// objects. Each batch looks at its objects, and at the references to them, as they are by then, and
+// throws as Retype, with nothing of the batch done; committed batches stay, and the job can be
+// resumed when the cause is gone. A table with such references and no index on them is read once,
+// and once more for each batch before which others, or the run, have changed objects of it.
 SAGLEME_HOST_API std::uint64_t RetypeInBatches(Context const& context,
                                                std::span<ObjectId const> objects, Text const& to,
                                                RetypeOptions const& options = {},

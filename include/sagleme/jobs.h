@@ -65,7 +65,7 @@ typedef struct sagleme_job_options {
   uint64_t batch;        /* objects or rows in a transaction; 0: the default, or as before */
   uint64_t pause;        /* milliseconds between transactions; 0: none, or as before */
   uint32_t take_over;    /* 1: resumes a job that is ELSEWHERE, and whose process has ended */
-  uint32_t allow_losses; /* 1: a schema may lose values and objects */
+  uint32_t allow_losses; /* 1: a schema may lose values and objects, a resumed job values */
   sagleme_job_control* control; /* may be NULL */
   sagleme_job_report report;    /* may be NULL */
   void* user;                   /* for `report` */

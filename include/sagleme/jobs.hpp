@@ -116,6 +116,8 @@ struct JobOptions {
   std::function<bool(JobProgress const&)> report;
   // Whether to take over a job that is kElsewhere, and whose process is known to have ended.
   bool take_over = false;
+  // Whether a schema, a retype or a column change may lose values that it was begun to keep.
+  bool allow_losses = false;
 };
 
 // Goes on with a job where it was. Returns false if it was stopped, and can be resumed again. What

@@ -1,4 +1,5 @@
 #include <nlohmann/json.hpp>
+#include <sagleme/hierarchy.hpp>
 
 #include "run_tool.h"
 
@@ -64,6 +65,43 @@ TEST_F(RetypeCommandTest, Retype_InBatches_CountsWhatItHasChanged) {
   Result const rest =
       On("retype", {"Film", first, IdOf("Two"), "--batch", "1", "--allow-destructive"});
   EXPECT_EQ("1 object\nchanged 1 object\n", rest.err);
+}
+
+// Leaves a change of three magazines to items after the first one, and writes what the others lose.
+void LeaveLossyRetype(std::string const& place) {
+  sagleme::Database opened = sagleme::Database::Open(place);
+  sagleme::Context const context(opened);
+  std::vector<sagleme::ObjectId> magazines;
+  {
+    sagleme::Transaction transaction(context);
+    sagleme::CreateTable(transaction, "App.Magazine", "App.Item", {{"Issue"}});
+    sagleme::TablePtr const table = transaction.table("App.Magazine");
+    for (int i = 0; i < 3; ++i) {
+      sagleme::Object magazine = sagleme::Object::Create(transaction, *table);
+      magazine.Set("Title", std::to_string(i));
+      magazines.push_back(magazine.id());
+    }
+    transaction.Commit();
+  }
+  sagleme::RetypeJob job;
+  job.batch = 1;
+  job.report = [](std::uint64_t done, std::uint64_t) { return done < 1; };
+  RetypeInBatches(context, magazines, "App.Item", {.loss = sagleme::Loss::kRefuse}, job);
+  sagleme::Transaction transaction(context);
+  sagleme::Object::Find(transaction, magazines[2])->Set("Issue", "May");
+  transaction.Commit();
+}
+
+TEST_F(RetypeCommandTest, Resume_OfALossyRetype_NeedsToBeAllowed) {
+  LeaveLossyRetype(database());
+  Result const refused = On("jobs", {"resume"}, 4);
+  EXPECT_NE(std::string::npos, refused.err.find("has a value in column Issue of App.Magazine"))
+      << refused.err;
+  EXPECT_EQ(1u, Scan("Magazine").size());
+  On("jobs", {"resume", "--allow-destructive"});
+  EXPECT_EQ(0u, Scan("Magazine").size());
+  EXPECT_EQ("[]\n", On("jobs", {"--format", "json"}).out);
+  On("check");
 }
 
 // References to books, of more shelves than are listed.

@@ -56,6 +56,8 @@ class JobsCommand : public Command {
              "Wait MS milliseconds between transactions. As before by default", "MS");
     app.add_flag("--take-over", take_over_,
                  "Resume a job of another machine or container, whose process has ended");
+    app.add_flag("--allow-destructive", destructive_,
+                 "Resume a job although values are lost that it was begun to keep");
   }
   bool lists() const override { return true; }
   Exit Run(Session& session, Output& output) override;
@@ -73,6 +75,7 @@ class JobsCommand : public Command {
   std::uint64_t batch_ = kNotGiven;
   std::uint64_t pause_ = kNotGiven;
   bool take_over_ = false;
+  bool destructive_ = false;
 };
 
 Cell TextOrNothing(std::string const& text) { return text.empty() ? Cell{} : Cell::Text(text); }
@@ -114,6 +117,7 @@ sagleme::JobOptions JobsCommand::Options() const {
   }
   if (pause_ != kNotGiven) options.pause = std::chrono::milliseconds(pause_);
   options.take_over = take_over_;
+  options.allow_losses = destructive_;
   return options;
 }
 

@@ -24,9 +24,10 @@ class Retype : public Command {
     return "The objects keep their ids, and values in columns that both tables inherit from the "
            "same table. Values in other columns are lost, and need --allow-destructive. A "
            "reference to an object that its column does not allow afterwards refuses the change.\n"
-           "With --batch each batch is a separate transaction. What others write between the plan "
-           "and a batch is not looked at again. What an interruption leaves undone is done by the "
-           "same command once more.";
+           "With --batch each batch is a separate transaction, which looks again for values that "
+           "would be lost and for such references: others may have written some since the plan. It "
+           "ends there then, with nothing of that batch done. What is left undone, by an "
+           "interruption too, is done by the same command once more, or by jobs resume.";
   }
   std::vector<Example> examples() const override {
     return {{"retype shop Company 131073", "one object"},
@@ -82,6 +83,7 @@ sagleme::RetypeOptions Retype::Options() const {
   options.by_name = by_name_;
   if (references_ == "null") options.referring = sagleme::Referring::kSetNull;
   if (references_ == "keep") options.referring = sagleme::Referring::kKeep;
+  options.loss = destructive_ ? sagleme::Loss::kAllow : sagleme::Loss::kRefuse;
   return options;
 }
 
