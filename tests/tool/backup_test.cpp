@@ -162,7 +162,13 @@ TEST_F(BackupTest, WrongPlaces_AreRefused) {
   EXPECT_EQ(3, Restore({database(), Path("to")}, 3).status);
   Result const there = Restore({backup(), other}, 4);
   EXPECT_TRUE(Contains(there.err, "does not exist")) << there.err;
-  EXPECT_EQ(2, Restore({backup(), "postgresql://db/shop"}, 2).status);
+  std::string const url = "postgresql://app:hidden@db/shop";
+  EXPECT_EQ(2, Restore({backup(), url}, 2).status);
+  for (Result const& refused : {On("backup", {url}, 4), RunTool({"backup", url, "--list"}),
+                                Restore({url, Path("to")}, 4)}) {
+    EXPECT_TRUE(Contains(refused.err, "postgresql://app:***@db/shop: a backup lies in a directory"))
+        << refused.err;
+  }
   int const held = open((backup() + "/lock").c_str(), O_RDWR);
   ASSERT_EQ(0, flock(held, LOCK_EX));
   Insert("Eve");

@@ -60,6 +60,20 @@ lscoredb_restore_options OptionsOf(lscoredb_restore_options const* given) {
   return options;
 }
 
+// Backups lie in directories. A URL is not taken for one: messages would show its password.
+void NeedDirectory(char const* place) {
+  if (!IsServerUrl(place)) return;
+  NoteOpenError(ShownPlace(place), "a backup lies in a directory, not on a server");
+  Throw(LSCOREDB_CANNOT_OPEN);
+}
+
+void NeedDirectoryToRestoreTo(char const* target) {
+  if (!IsServerUrl(target)) return;
+  NoteOpenError(ShownPlace(target),
+                "a backup is restored to a directory, which can be copied to a server");
+  Throw(LSCOREDB_INVALID_ARGUMENT);
+}
+
 }  // namespace
 }  // namespace lscore
 
@@ -70,8 +84,9 @@ uint32_t lscoredb_backup(lscoredb* database, char const* directory, uint32_t fla
   return Guarded([&]() -> Status {
     if (database == nullptr || directory == nullptr) return LSCOREDB_NULL_ARGUMENT;
     if (IsOfParent(*database)) return LSCOREDB_OF_PARENT;
-    if ((flags & ~kBackupFlags) != 0 || !HasSize(out)) return LSCOREDB_INVALID_ARGUMENT;
     ForgetOpenError();
+    if ((flags & ~kBackupFlags) != 0 || !HasSize(out)) return LSCOREDB_INVALID_ARGUMENT;
+    NeedDirectory(directory);
     WatchedCall const call;
     Database& found = *database->database;
     BackupSource const source{found.store(), IdentityOf(found), found.directory()};
@@ -87,8 +102,9 @@ uint32_t lscoredb_backup_list(char const* directory, uint32_t flags,
                               lscoredb_backup_callback report, void* user) {
   return Guarded([&]() -> Status {
     if (directory == nullptr || report == nullptr) return LSCOREDB_NULL_ARGUMENT;
-    if ((flags & ~LSCOREDB_BACKUP_VERIFY) != 0) return LSCOREDB_INVALID_ARGUMENT;
     ForgetOpenError();
+    if ((flags & ~LSCOREDB_BACKUP_VERIFY) != 0) return LSCOREDB_INVALID_ARGUMENT;
+    NeedDirectory(directory);
     WatchedCall const call;
     if ((flags & LSCOREDB_BACKUP_VERIFY) != 0) VerifyBackup(directory);
     for (BackupPart const& part : BackupFolder(directory).Read().parts) {
@@ -103,9 +119,11 @@ uint32_t lscoredb_restore(char const* directory, lscoredb_restore_options const*
                           char const* target, lscoredb_restored* out) {
   return Guarded([&]() -> Status {
     if (directory == nullptr || target == nullptr) return LSCOREDB_NULL_ARGUMENT;
-    lscoredb_restore_options const given = OptionsOf(options);
-    if (!HasSize(out) || IsServerUrl(target) || *target == '\0') return LSCOREDB_INVALID_ARGUMENT;
     ForgetOpenError();
+    lscoredb_restore_options const given = OptionsOf(options);
+    if (!HasSize(out) || *target == '\0') return LSCOREDB_INVALID_ARGUMENT;
+    NeedDirectoryToRestoreTo(target);
+    NeedDirectory(directory);
     WatchedCall const call;
     RestoreLimit const limit{CommitId{given.until_commit}, given.until_time};
     RestoredState const state = RestoreBackup(directory, limit, given.no_check == 0, target);

@@ -242,7 +242,9 @@ class Backup {
     } else if (status == LSCOREDB_NO_CHANGES) {
       reason.append(" are not kept, since the database keeps no changes");
     } else {
-      reason.append(" are not kept as increments need them, since the database has no log");
+      reason.append(" are not kept as increments need them, since ");
+      reason.append(source_.directory.empty() ? "only a database in a directory has a log"
+                                              : "the database has no log");
     }
     RefuseBackup(LSCOREDB_NEEDS_FULL_BACKUP, folder_.path(), reason);
   }

@@ -34,8 +34,8 @@ class BackupCommand : public Command {
   std::string details() const override {
     return "The first part in TARGET is a full copy. Later ones are increments, which hold what "
            "was committed since the part before. They need a database that keeps its changes "
-           "(sagleme changes DB --keep 256M,7d) at least from one backup to the next; without, "
-           "each part is full, and asked for with --full.\n"
+           "(sagleme changes DB --keep 256M,7d) at least from one backup to the next; without, and "
+           "on a server, each part is full, and asked for with --full.\n"
            "sagleme restore makes a database of a backup, as it was after any commit in it.";
   }
   std::vector<Example> examples() const override {
@@ -70,6 +70,9 @@ class BackupCommand : public Command {
 std::string AdviceFor(std::uint32_t status, Session const& session) {
   switch (status) {
     case LSCOREDB_NEEDS_FULL_BACKUP:
+      if (sagleme::IsServerUrl(session.directory())) {
+        return "Add a full part with --full. A database on a server has no others.";
+      }
       return fmt::format(
           "Add a full part with --full. Increments after it are possible if the database keeps its "
           "changes for long enough: sagleme changes {} --keep 256M,7d",
