@@ -3,9 +3,6 @@
 #include <signal.h>
 
 #include <algorithm>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <mutex>
 #include <optional>
 #include <sagleme/durability.hpp>
@@ -342,16 +339,6 @@ TEST(PowerOnRequestTest, LossAfterASyncOnRequest_LeavesAllCommits) {
 }
 
 // ---- the recording itself -----------------------------------------------------------------------
-
-std::map<std::string, std::string> FilesOf(std::string const& directory) {
-  std::map<std::string, std::string> files;
-  for (auto const& entry : std::filesystem::recursive_directory_iterator(directory)) {
-    std::string const name = entry.path().string().substr(directory.size());
-    std::ifstream file(entry.path(), std::ios::binary);
-    files[name] = {std::istreambuf_iterator<char>(file), {}};
-  }
-  return files;
-}
 
 // What it would miss, no loss of power could take.
 TEST(RecordingTest, Recording_HoldsAllThatWasWritten) {

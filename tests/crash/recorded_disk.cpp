@@ -136,6 +136,16 @@ void RecordPath(Kind kind, char const* path, int result) {
   if (auto const name = Inside(path)) Record({kind, 0, 0, *name, ""});
 }
 
+Kind KindOfRemoval(bool directory) { return directory ? Kind::kRemoveDirectory : Kind::kUnname; }
+
+// The path that is called so from an open directory.
+std::string PathIn(int directory, char const* path) {
+  if (directory == AT_FDCWD || !IsRecording()) return path;
+  std::string const link = "/proc/self/fd/" + std::to_string(directory);
+  std::error_code error;
+  return std::filesystem::read_symlink(link, error) / path;
+}
+
 void RecordOpening(char const* path, int flags, int file) {
   if (!IsRecording() || file < 0 || (flags & O_CREAT) == 0) return;
   if (auto const name = Inside(path)) Record({Kind::kName, NumberOf(file), 0, *name, ""});
@@ -284,6 +294,23 @@ STANDS_BETWEEN int unlink(char const* path) noexcept {
   auto const lock = Busy();
   int const result = real(path);
   RecordPath(Kind::kUnname, path, result);
+  return result;
+}
+
+STANDS_BETWEEN int unlinkat(int directory, char const* path, int flags) noexcept {
+  static auto* const real = Behind<int(int, char const*, int)>("unlinkat");
+  auto const lock = Busy();
+  int const result = real(directory, path, flags);
+  RecordPath(KindOfRemoval((flags & AT_REMOVEDIR) != 0), PathIn(directory, path).c_str(), result);
+  return result;
+}
+
+STANDS_BETWEEN int remove(char const* path) noexcept {
+  static auto* const real = Behind<int(char const*)>("remove");
+  auto const lock = Busy();
+  bool const was_directory = std::filesystem::is_directory(std::filesystem::symlink_status(path));
+  int const result = real(path);
+  RecordPath(KindOfRemoval(was_directory), path, result);
   return result;
 }
 
