@@ -155,6 +155,43 @@ TEST_F(ChangesTest, WithoutALog_NamesTheCommandThatGivesOne) {
   EXPECT_EQ(0, RunTool({"changes", plain}).status);
 }
 
+TEST_F(ChangesTest, Info_TellsWhatIsKept) {
+  auto const info = [&] { return Json::parse(On("info", {"--format", "json"}).out); };
+  Json const kept = info();
+  EXPECT_EQ("yes", kept["keeps changes"]);
+  EXPECT_EQ(64 << 20, kept["most bytes of changes"]);
+  EXPECT_EQ(7 * 86400, kept["most seconds of changes"]);
+  On("insert", {"Person", "Name=Eve"});
+  Json const more = info();
+  EXPECT_EQ(kept["oldest commit with changes"], more["oldest commit with changes"]);
+  EXPECT_LT(kept["commits with changes"].get<int>(), more["commits with changes"].get<int>());
+  EXPECT_EQ(more["newest commit"].get<int>() + 1 - more["oldest commit with changes"].get<int>(),
+            more["commits with changes"]);
+  EXPECT_NE(std::string::npos, On("info").out.find("oldest commit with changes"));
+  On("changes", {"--keep", "off"});
+  EXPECT_EQ("no", info()["keeps changes"]);
+  EXPECT_FALSE(info().contains("commits with changes"));
+  On("changes", {"--keep", "3h"});
+  Json const begun = info();
+  EXPECT_TRUE(begun["most bytes of changes"].is_null());
+  EXPECT_EQ(3 * 3600, begun["most seconds of changes"]);
+  EXPECT_EQ(0, begun["commits with changes"]);
+  EXPECT_TRUE(begun["oldest commit with changes"].is_null());
+}
+
+// Neither can keep any.
+TEST_F(ChangesTest, Info_WithoutALog_TellsThatNoneAreKept) {
+  std::string const plain = Path("plain");
+  ASSERT_EQ(0, RunTool({"create", plain, "--no-log"}).status);
+  std::string const copy = Path("copy");
+  ASSERT_EQ(0, RunTool({"copy", database(), copy}).status);
+  for (std::string const& place : {plain, copy}) {
+    Json const info = Json::parse(RunTool({"info", place, "--format", "json"}).out);
+    EXPECT_EQ("no", info["keeps changes"]);
+    EXPECT_FALSE(info.contains("most bytes of changes"));
+  }
+}
+
 TEST_F(ChangesTest, BadOptions_AreRefused) {
   for (char const* const keep : {"", "0", "M", "5x", "1M,2M", "7d,", "99999999999999999T", "-1"}) {
     EXPECT_EQ(2, RunTool({"changes", database(), std::string("--keep=") + keep}).status) << keep;

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <optional>
+#include <sagleme/changes.hpp>
 #include <sagleme/counts.hpp>
 
 #include "commands/commands.h"
@@ -63,6 +65,32 @@ void AddKernel(Session& session, Properties& properties) {
   properties.Add("other open transactions", Cell::Number(others));
 }
 
+// Nothing if changes are not kept, or cannot be.
+std::optional<sagleme::KeptChanges> KeptIn(sagleme::Database const& database) {
+  try {
+    return sagleme::Kept(database);
+  } catch (sagleme::Error const& error) {
+    bool const keeps_none =
+        error.status() == LSCOREDB_NO_CHANGES || error.status() == LSCOREDB_CHANGES_UNSUPPORTED;
+    if (!keeps_none) throw;
+    return std::nullopt;
+  }
+}
+
+// 0: there is no such bound.
+Cell Bound(std::uint64_t most) { return most != 0 ? Cell::Number(most) : Cell{}; }
+
+void AddChanges(Session& session, Properties& properties) {
+  std::optional<sagleme::KeptChanges> const kept = KeptIn(session.database());
+  properties.Add("keeps changes", Cell::Text(kept.has_value() ? "yes" : "no"));
+  if (!kept.has_value()) return;
+  properties.Add("most bytes of changes", Bound(kept->retention.bytes));
+  properties.Add("most seconds of changes", Bound(kept->retention.seconds));
+  std::uint64_t const commits = kept->last + 1 - kept->first;
+  properties.Add("commits with changes", Cell::Number(commits));
+  properties.Add("oldest commit with changes", commits != 0 ? Cell::Number(kept->first) : Cell{});
+}
+
 void AddCounts(sagleme::Transaction& transaction, Properties& properties) {
   auto const user = transaction.Tables();
   std::uint64_t indexes = 0;
@@ -95,6 +123,7 @@ Exit Info::Run(Session& session, Output& output) {
     properties.Add("catalogue version of this tool", Cell::Number(lorv_get_metaschema_version()));
     properties.Add("schema generation", Cell::Number(transaction.Generation()));
     AddKernel(session, properties);
+    AddChanges(session, properties);
     AddCounts(transaction, properties);
     AddLayouts(transaction, properties);
     properties.Add("tables to move", Cell::Number(CountVacuum(transaction, 1)));
