@@ -15,9 +15,11 @@ instant     create table Planet (name: str | None, moons: int)
 >>> db.close()
 """
 
+from .backup import BackupPart, Restored, backups, restore
 from .database import Database, Savepoint, Transaction, open
 from .declarations import Float32, Index, Key, ULong, column, ref
 from .errors import (
+    BackupError,
     BadValue,
     ChangesGone,
     ClosedError,
@@ -31,6 +33,7 @@ from .errors import (
     Full,
     InUse,
     ModelError,
+    NeedsFullBackup,
     NestedTransaction,
     NotFound,
     OpenError,
@@ -50,10 +53,12 @@ from .schema import Plan, Step
 __version__ = "0.1.0"
 
 __all__ = [
-    "Back", "BadValue", "ChangesGone", "ClosedError", "Column", "Condition", "Conflict", "Damaged", "Database",
-    "DeletedError", "DuplicateKey", "EndedError", "Error", "Float32", "ForkedError", "Full",
-    "InUse", "Index", "Key", "ModelError", "NestedTransaction", "NotFound", "OpenError",
-    "PickleError", "Plan", "Query", "ReadOnly", "Rows", "Savepoint", "SchemaError", "SeveralFound",
-    "SqlError", "Step", "Table", "Transaction", "ULong", "WrongTransaction", "WrongType", "avg", "column", "count",
-    "max", "min", "open", "ref", "sum",
+    "Back", "BackupError", "BackupPart", "BadValue", "ChangesGone", "ClosedError", "Column",
+    "Condition", "Conflict", "Damaged", "Database", "DeletedError", "DuplicateKey",
+    "EndedError", "Error", "Float32", "ForkedError", "Full", "InUse", "Index", "Key",
+    "ModelError", "NeedsFullBackup", "NestedTransaction", "NotFound", "OpenError",
+    "PickleError", "Plan", "Query", "ReadOnly", "Restored", "Rows", "Savepoint", "SchemaError",
+    "SeveralFound", "SqlError", "Step", "Table", "Transaction", "ULong", "WrongTransaction",
+    "WrongType", "avg", "backups", "column", "count", "max", "min", "open", "ref", "restore",
+    "sum",
 ]

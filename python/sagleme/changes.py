@@ -1,7 +1,7 @@
 """The feed of changes: ``for change in db.changes(follow=True)``.
 
-A database with a log keeps what its commits changed, once `db.keep_changes` has asked for it. Any
-number of readers, in any process, follow it at their own pace.
+A database with a log, and one on a server, keeps what its commits changed, once `db.keep_changes`
+has asked for it. Any number of readers, in any process, follow it at their own pace.
 """
 
 from __future__ import annotations
@@ -11,15 +11,16 @@ import datetime
 import os
 import select
 import threading
+import time
 from collections import deque
 from typing import Any, NamedTuple
 
 from . import _core
+from .backup import moment
 from .errors import ClosedError, ForkedError, InUse, WrongType
 
 KINDS = ("", "created", "changed", "deleted", "moved", "schema")
 
-_EPOCH = datetime.datetime(1970, 1, 1, tzinfo=datetime.timezone.utc)
 _AT_ONCE = 256
 _WHOLE_COMMIT = -1
 
@@ -64,8 +65,9 @@ class Changes:
     where another thread waits in it.
     """
 
-    def __init__(self, handle: Any, after: Any, follow: bool) -> None:
+    def __init__(self, handle: Any, after: Any, follow: bool, asks: bool) -> None:
         self._follow = follow
+        self._asks = asks  # a server, which takes its time
         self._reader = _core.Changes(handle, *_position(handle, after, follow))
         self._found: deque[Change] = deque()
         self._lock = threading.Lock()  # around what the reader does, for close
@@ -79,12 +81,15 @@ class Changes:
     # ---- waiting
 
     def wait(self, timeout: float | None = None) -> bool:
-        """Whether there may be something to read, after at most `timeout` seconds."""
-        if not self._found:
-            self._read()
-        if self._found or self.closed:
-            return bool(self._found)
-        return bool(self._poll.poll(timeout)) and not self.closed
+        """Whether there is something to read, after at most `timeout` seconds."""
+        end = None if timeout is None else time.monotonic() + timeout
+        while True:
+            if not self._found:
+                self._read()
+            left = None if end is None else end - time.monotonic()
+            if self._found or self.closed or (left is not None and left <= 0):
+                return bool(self._found)
+            self._poll.poll(left)
 
     def fileno(self) -> int:
         """A descriptor for event loops: readable when there may be something to read."""
@@ -121,27 +126,40 @@ class Changes:
         return self
 
     async def __anext__(self) -> Change:
+        if self._awaited:
+            raise InUse("another task waits for these changes; open others for it")
+        self._awaited = True
+        try:
+            return await self._next_in_loop()
+        finally:
+            self._awaited = False
+
+    async def _next_in_loop(self) -> Change:
         while True:
-            found = self._take()
-            if found is not None:
-                return found
+            if not self._found:
+                await self._read_in_loop()
+            if self._found:
+                return self._found.popleft()
             if self.closed or not self._follow:
                 raise StopAsyncIteration
             await self._wait_in_loop()
 
+    async def _read_in_loop(self) -> None:
+        """A server is asked by another thread: the loop has more to do than to wait for it."""
+        if self._asks:
+            await asyncio.get_running_loop().run_in_executor(None, self._read)
+        else:
+            self._read()
+
     async def _wait_in_loop(self) -> None:
-        if self._awaited:
-            raise InUse("another task waits for these changes; open others for it")
         loop = asyncio.get_running_loop()
         ready = loop.create_future()
         file = self.fileno()
-        self._awaited = True
         loop.add_reader(file, _finish, ready)
         try:
             await ready
         finally:
             loop.remove_reader(file)
-            self._awaited = False
 
     # ---- life
 
@@ -176,7 +194,7 @@ def _finish(ready: asyncio.Future[None]) -> None:
 def _change(entry: tuple[Any, ...]) -> Change:
     commit, place, transaction, last, time, kind, id, table, former, columns = entry
     return Change(commit, place, transaction, last,
-                  _EPOCH + datetime.timedelta(microseconds=time), KINDS[kind], id or None, table,
+                  moment(time), KINDS[kind], id or None, table,
                   former, columns)
 
 

@@ -17,6 +17,7 @@ from .errors import ClosedError, Conflict, ReadOnly, SchemaError, WrongType
 from .queries import Query
 
 if TYPE_CHECKING:
+    from .backup import BackupPart
     from .changes import Changes, Kept
     from .jobs import Job
     from .sql import SqlRows
@@ -329,6 +330,19 @@ class Database:
         with Meter(progress, " steps") as meter:
             self._handle.copy(os.fspath(directory), meter.show)
 
+    def backup(self, folder: str | os.PathLike[str], *, full: bool = False, prune: bool = False,
+               progress: bool = False) -> BackupPart | None:
+        """Adds a part to the backup in a folder, which is made if it is missing; others may write.
+
+        The first part is full, and so is any with `full`. Later ones are increments; they need a
+        database that has kept its changes since the last part, or else raise `NeedsFullBackup`.
+        `prune` then removes the parts before the last full one. None if nothing was committed since
+        the last part. `restore` makes a database of a backup, `backups` lists its parts.
+        """
+        from . import backup
+
+        return backup.add(self._handle, folder, full, prune, progress)
+
     def statistics(self) -> dict[str, int]:
         """Sizes, commits and open transactions, over all processes; whether there is a log."""
         found: dict[str, int] = self._handle.statistics()
@@ -393,8 +407,8 @@ class Database:
     def keep_changes(self, *, bytes: int = 0, seconds: int = 0) -> None:
         """Keeps the changes of later commits, for good: so many bytes of them, and so old at most.
 
-        0 sets no such bound; with both 0 nothing is kept any more. The database needs a log, which
-        directories have unless they were opened with ``log=False``.
+        0 sets no such bound; with both 0 nothing is kept any more. A directory needs a log, which
+        it has unless it was opened with ``log=False``.
         """
         _core.keep_changes(self._handle, bytes, seconds)
 
@@ -412,7 +426,8 @@ class Database:
         """
         from .changes import Changes
 
-        made = Changes(self._handle, after, follow)
+        asks = self.path is not None and _core.is_url(self.path)
+        made = Changes(self._handle, after, follow, asks)
         self._followers.add(made)
         return made
 

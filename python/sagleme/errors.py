@@ -89,7 +89,7 @@ class NestedTransaction(Error):
 
 
 class InUse(Error):
-    """Another thread is using it."""
+    """Another thread or process is using it."""
 
 
 class ClosedError(Error):
@@ -123,6 +123,17 @@ class ChangesGone(Error):
 
     default_hint = ("read the database afresh and follow from the `last` of db.kept_changes(), taken "
                     "before that")
+
+
+class BackupError(Error):
+    """A backup that is not there, is of another database, or lacks the state that is asked for."""
+
+
+class NeedsFullBackup(BackupError):
+    """Commits since the last part of a backup that are not kept any more, or never were."""
+
+    default_hint = ("db.backup(folder, full=True) adds a full part; increments after it need "
+                    "db.keep_changes")
 
 
 class PickleError(Error, TypeError):
@@ -160,8 +171,25 @@ _FAMILIES: dict[int, type[Error]] = {
     statuses.LSCOREDB_DISK_FULL: Full,
     statuses.LSCOREDB_IO_ERROR: OpenError,
     statuses.LSCOREDB_CHANGES_GONE: ChangesGone,
+    statuses.LSCOREDB_NOT_A_BACKUP: BackupError,
+    statuses.LSCOREDB_OTHER_BACKUP: BackupError,
+    statuses.LSCOREDB_NOT_IN_BACKUP: BackupError,
+    statuses.LSCOREDB_NEEDS_FULL_BACKUP: NeedsFullBackup,
+    statuses.LSCOREDB_BACKUP_BUSY: InUse,
+    statuses.LSCOREDB_BACKUP_DAMAGED: Damaged,
     statuses.SAGLEME_NOT_PREPARED: OpenError,
     statuses.SAGLEME_VERSION_MISMATCH: OpenError,
+}
+
+_HINTS = {
+    statuses.LSCOREDB_NOT_A_BACKUP: ("name a folder that holds a backup; for db.backup, one that "
+                                     "does not exist or is empty will do"),
+    statuses.LSCOREDB_OTHER_BACKUP: ("name another folder; a database that was put back to an earlier "
+                                     "state by other means goes on in the same one with full=True"),
+    statuses.LSCOREDB_NOT_IN_BACKUP: "sg.backups(folder) lists what is in it",
+    statuses.LSCOREDB_BACKUP_BUSY: "try again when that has ended",
+    statuses.LSCOREDB_BACKUP_DAMAGED: ("sg.restore(folder, path, until=...) restores what is before "
+                                       "the damage; begin another backup in a new folder"),
 }
 
 
@@ -172,4 +200,4 @@ def from_status(status: int, text: str) -> Error:
         family = SchemaError if 4000 <= status < 5000 or 7000 <= status < 20000 else Error
         if 9000 <= status < 9100:
             family = Error
-    return family(text, status)
+    return family(text, status, _HINTS.get(status))

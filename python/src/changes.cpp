@@ -19,17 +19,6 @@ struct Reader {
 // The kernel's readers must be closed before their database, which does not own them.
 std::map<Database*, std::set<Reader*>> g_readers;
 
-sagleme::Database& HandleOf(PyObject* object) {
-  if (!PyObject_TypeCheck(object, &g_database_type)) Raise("WrongType", "a database is needed");
-  auto* const database = As<Database>(object);
-  if (database->forked) {
-    Raise("ForkedError",
-          "this database was opened before the process forked; open it anew in the child");
-  }
-  if (database->handle == nullptr) Raise("ClosedError", "the database is closed");
-  return *database->handle;
-}
-
 sagleme::Changes& ChangesOf(Reader* reader) {
   HandleOf(Plain(reader->database));
   if (reader->changes == nullptr) Raise("ClosedError", "the changes are closed");

@@ -13,14 +13,6 @@ namespace {
 // Those that are open, for the child of a fork to give up.
 std::set<Database*> g_open;
 
-void NeedDatabase(Database* database) {
-  if (database->forked) {
-    Raise("ForkedError",
-          "this database was opened before the process forked; open it anew in the child");
-  }
-  if (database->handle == nullptr) Raise("ClosedError", "the database is closed");
-}
-
 sagleme::Database Opened(PyObject* path, int create, sagleme::Options const& options) {
   std::string const directory = path == Py_None ? "" : TextOf(path);
   Unlocked const unlocked;
@@ -120,12 +112,12 @@ PyObject* Close(PyObject* object, PyObject*) {
 PyObject* NewContext(PyObject* object, PyObject*) {
   return Guard([&] {
     auto* const self = As<Database>(object);
-    NeedDatabase(self);
+    sagleme::Database const& handle = HandleOf(object);
     Ref made(Need(g_context_type.tp_alloc(&g_context_type, 0)));
     auto* const context = As<Context>(made.get());
     context->database = self;
     Py_INCREF(object);
-    context->handle = new sagleme::Context(*self->handle);
+    context->handle = new sagleme::Context(handle);
     self->contexts->push_back(context);
     return made.release();
   });
@@ -137,13 +129,11 @@ PyObject* Copy(PyObject* object, PyObject* args) {
   PyObject* report = nullptr;
   if (!PyArg_ParseTuple(args, "UO", &directory, &report)) return nullptr;
   return Guard([&]() -> PyObject* {
-    auto* const self = As<Database>(object);
-    NeedDatabase(self);
+    lscoredb* const handle = HandleOf(object).handle();
     std::string const name = TextOf(directory);
     std::uint32_t status = 0;
     {
-      lscoredb* const handle = self->handle->handle();
-      Working const working(self);
+      Working const working(As<Database>(object));
       Unlocked const unlocked;
       Watched const watched(report);
       status = lscoredb_copy(handle, name.c_str());
@@ -156,9 +146,7 @@ PyObject* Copy(PyObject* object, PyObject* args) {
 
 PyObject* Statistics(PyObject* object, PyObject*) {
   return Guard([&] {
-    auto* const self = As<Database>(object);
-    NeedDatabase(self);
-    lscoredb_statistics const found = self->handle->Statistics();
+    lscoredb_statistics const found = HandleOf(object).Statistics();
     PyObject* const log = found.log == LSCOREDB_LOG ? Py_True : Py_False;
     return Py_BuildValue("{sKsKsKsKsIsIsO}", "file_size", found.file_size, "max_file_size",
                          found.max_file_size, "last_commit", found.last_commit, "oldest_commit",
@@ -227,6 +215,17 @@ PyTypeObject MakeContextType() {
 
 PyTypeObject g_database_type = MakeDatabaseType();
 PyTypeObject g_context_type = MakeContextType();
+
+sagleme::Database& HandleOf(PyObject* object) {
+  if (!PyObject_TypeCheck(object, &g_database_type)) Raise("WrongType", "a database is needed");
+  auto* const database = As<Database>(object);
+  if (database->forked) {
+    Raise("ForkedError",
+          "this database was opened before the process forked; open it anew in the child");
+  }
+  if (database->handle == nullptr) Raise("ClosedError", "the database is closed");
+  return *database->handle;
+}
 
 // In the child of a fork: the parent's handles are not for its use, not even to be closed.
 PyObject* GiveUpAfterFork(PyObject*, PyObject*) {

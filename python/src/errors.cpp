@@ -14,13 +14,23 @@ PyObject* Errors() {
 
 constexpr Py_ssize_t kLongestRepr = 60;
 
+// Names of files may be no UTF-8.
+PyObject* MessageOf(std::string const& text) {
+  auto const size = static_cast<Py_ssize_t>(text.size());
+  PyObject* const message = PyUnicode_DecodeUTF8(text.data(), size, "surrogatepass");
+  if (message != nullptr || PyErr_ExceptionMatches(PyExc_UnicodeDecodeError) == 0) return message;
+  PyErr_Clear();
+  return PyUnicode_DecodeUTF8(text.data(), size, "backslashreplace");
+}
+
 }  // namespace
 
 void SetStatusError(std::uint32_t status, std::string const& text) {
   PyObject* const errors = Errors();
   if (errors == nullptr) return;
-  Ref const error(PyObject_CallMethod(errors, "from_status", "Is#", status, text.data(),
-                                      static_cast<Py_ssize_t>(text.size())));
+  Ref const message(MessageOf(text));
+  if (!message) return;
+  Ref const error(PyObject_CallMethod(errors, "from_status", "IO", status, message.get()));
   if (error) PyErr_SetObject(Plain(Py_TYPE(error.get())), error.get());
 }
 
@@ -29,8 +39,7 @@ void SetError(char const* family, std::string const& text) {
   if (errors == nullptr) return;
   Ref const type(PyObject_GetAttrString(errors, family));
   if (!type) return;
-  Ref const message(
-      PyUnicode_DecodeUTF8(text.data(), static_cast<Py_ssize_t>(text.size()), "surrogatepass"));
+  Ref const message(MessageOf(text));
   if (message) PyErr_SetObject(type.get(), message.get());
 }
 

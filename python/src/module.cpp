@@ -2,6 +2,7 @@
 
 #include <lscoredb/host.h>
 
+#include "backup.h"
 #include "catalogue.h"
 #include "changes.h"
 #include "columns.h"
@@ -32,6 +33,11 @@ PyObject* HoldsDatabase(PyObject*, PyObject* place) {
   });
 }
 
+// is_url(place): whether it is on a server.
+PyObject* IsUrl(PyObject*, PyObject* place) {
+  return Guard([&] { return PyBool_FromLong(sagleme::IsServerUrl(TextOf(place)) ? 1 : 0); });
+}
+
 // shown_place(place): as anybody may see it.
 PyObject* ShownPlace(PyObject*, PyObject* place) {
   return Guard([&] {
@@ -50,6 +56,9 @@ PyMethodDef g_functions[] = {{"scan", NewScan, METH_VARARGS, nullptr},
                              {"indexes_to_prepare", IndexesToPrepare, METH_VARARGS, nullptr},
                              {"keep_changes", KeepChanges, METH_VARARGS, nullptr},
                              {"kept_changes", KeptChanges, METH_O, nullptr},
+                             {"backup", AddBackup, METH_VARARGS, nullptr},
+                             {"backups", Backups, METH_VARARGS, nullptr},
+                             {"restore", RestoreBackup, METH_VARARGS, nullptr},
                              {"jobs", Jobs, METH_O, nullptr},
                              {"resume_job", ResumeJob, METH_VARARGS, nullptr},
                              {"stop_job", StopJob, METH_VARARGS, nullptr},
@@ -70,6 +79,7 @@ PyMethodDef g_functions[] = {{"scan", NewScan, METH_VARARGS, nullptr},
                              {"create_index", CreateIndex, METH_VARARGS, nullptr},
                              {"drop_index", DropIndex, METH_VARARGS, nullptr},
                              {"holds_database", HoldsDatabase, METH_O, nullptr},
+                             {"is_url", IsUrl, METH_O, nullptr},
                              {"shown_place", ShownPlace, METH_O, nullptr},
                              {"status_text", StatusText, METH_O, nullptr},
                              {"give_up_after_fork", GiveUpAfterFork, METH_NOARGS, nullptr},

@@ -150,6 +150,8 @@ inline bool IsField(PyObject* object) { return PyObject_TypeCheck(object, &g_fie
 // The name of a class as messages show it.
 inline char const* NameOf(PyTypeObject* type) { return type->tp_name; }
 
+// The handle of a database. Fails for anything else, and for one that is closed or of the parent.
+sagleme::Database& HandleOf(PyObject* database);
 // Fails unless the transaction can be used by this thread now.
 void NeedOpen(Transaction* transaction);
 // The same, and that it has a view; returns it.

@@ -1,18 +1,9 @@
 """Every test runs in a process of its own (pytest-forked), and in a folder of its own."""
 
-import os
-
 import pytest
+from library import place
 
 import sagleme as sg
-
-
-def place():
-    """The test's own: a directory, or a schema of the server that tools/with-postgres runs."""
-    server = os.environ.get("SAGLEME_TEST_POSTGRES")
-    if server is None:
-        return "database"
-    return f"{server}&schema=python_{os.getpid()}"
 
 
 @pytest.fixture(autouse=True)

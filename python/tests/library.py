@@ -1,6 +1,18 @@
-"""The tables that most tests use."""
+"""The tables that most tests use, and where their databases are."""
+
+import os
 
 import sagleme as sg
+
+
+def place(name="database"):
+    """The test's own: a directory, or a schema of the server that tools/with-postgres runs."""
+    server = os.environ.get("SAGLEME_TEST_POSTGRES")
+    return name if server is None else f"{server}&schema=python_{os.getpid()}_{name}"
+
+
+def on_a_server():
+    return "SAGLEME_TEST_POSTGRES" in os.environ
 
 
 class Person(sg.Table, name="Library.Person"):

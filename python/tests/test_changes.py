@@ -8,11 +8,10 @@ import sys
 import threading
 
 import pytest
+from library import on_a_server, place
 
 import sagleme as sg
-
-pytestmark = pytest.mark.skipif("SAGLEME_TEST_POSTGRES" in os.environ,
-                                reason="a server's database has no log")
+from sagleme import statuses
 
 
 class Item(sg.Table, name="Shop.Item"):
@@ -25,8 +24,14 @@ class Box(Item):
 
 
 @pytest.fixture
-def db():
-    with sg.open("shop", models=[Box], sync=False, log=True) as opened:
+def shop():
+    """Where the database is; a server is asked often."""
+    return place("shop") + ("&changes_interval=0.05" if on_a_server() else "")
+
+
+@pytest.fixture
+def db(shop):
+    with sg.open(shop, models=[Box], sync=False) as opened:
         opened.apply()
         opened.keep_changes(bytes=1 << 20)
         yield opened
@@ -141,21 +146,21 @@ def test_asyncio_follows_and_is_cancelled(db):
     assert asyncio.run(run()) == ["created", "created", "changed", "deleted", "created"]
 
 
-def test_other_processes_are_followed(db):
+def test_other_processes_are_followed(db, shop):
     program = """
-import sagleme as sg
-with sg.open("shop") as db, db.write() as tx:
+import sys, sagleme as sg
+with sg.open(sys.argv[1]) as db, db.write() as tx:
     tx.new(db["Shop.Item"], name="there")
 """
     with db.changes(follow=True) as changes:
-        subprocess.run([sys.executable, "-c", program], check=True)
+        subprocess.run([sys.executable, "-c", program, shop], check=True)
         assert next(changes).kind == "created"
 
 
-def test_ctrl_c_ends_a_wait(db):
+def test_ctrl_c_ends_a_wait(db, shop):
     program = """
-import os, signal, threading, sagleme as sg
-with sg.open("shop") as db:
+import os, signal, sys, threading, sagleme as sg
+with sg.open(sys.argv[1]) as db:
     changes = db.changes(follow=True)
     try:
         threading.Timer(0.2, os.kill, [os.getpid(), signal.SIGINT]).start()
@@ -163,9 +168,95 @@ with sg.open("shop") as db:
     except KeyboardInterrupt:
         print("stopped")
 """
-    done = subprocess.run([sys.executable, "-c", program], capture_output=True, text=True,
+    done = subprocess.run([sys.executable, "-c", program, shop], capture_output=True, text=True,
                           timeout=60, check=False)
     assert done.stdout == "stopped\n", done.stderr
+
+
+def test_several_readers_follow_at_their_own_pace(db, shop):
+    with sg.open(shop, models=[Box]) as other, db.changes(follow=True) as ahead, \
+            db.changes(follow=True) as behind, other.changes(follow=True) as elsewhere:
+        got = {reader: [] for reader in (ahead, behind, elsewhere)}
+
+        def read(reader):
+            for each in reader:
+                got[reader].append(each)
+                if len(got[reader]) == 8:
+                    return
+
+        threads = [threading.Thread(target=read, args=[reader]) for reader in (ahead, elsewhere)]
+        for thread in threads:
+            thread.start()
+        change(db)
+        change(other)
+        for thread in threads:
+            thread.join(60)
+        assert got[behind] == [] and behind.wait(0)
+        read(behind)
+        assert got[ahead] == got[behind] == got[elsewhere]
+        assert [each.kind for each in got[ahead]] == [
+            "created", "created", "changed", "deleted"] * 2
+
+
+def test_tasks_follow_with_an_iterator_each(db):
+    async def run():
+        with db.changes(follow=True) as one, db.changes(follow=True) as two:
+            tasks = [asyncio.ensure_future(first(reader, 12)) for reader in (one, two)]
+            for _ in range(3):
+                await asyncio.to_thread(change, db)
+            found = await asyncio.gather(*tasks)
+            assert found[0] == found[1]
+            return [each.kind for each in found[0]]
+
+    async def first(reader, count):
+        got = []
+        async for each in reader:
+            got.append(each)
+            if len(got) == count:
+                return got
+
+    assert asyncio.run(run()) == ["created", "created", "changed", "deleted"] * 3
+
+
+def test_an_iteration_without_follow_ends_in_asyncio_too(db):
+    change(db)
+
+    async def run():
+        return [each async for each in db.changes()]
+
+    assert asyncio.run(run()) == list(db.changes())
+
+
+def test_a_reader_that_is_too_late_is_told(db):
+    """The retention lets go of whole parts of the log, or on a server of some commits at a time."""
+    late = db.changes(follow=True)
+    start = db.kept_changes().last
+    db.keep_changes(bytes=1)
+    name = "small" if on_a_server() else "n" * (1 << 20)
+    for _ in range(200):
+        with db.write() as tx:
+            tx.new(Item, name=name)
+        if db.kept_changes().first > start + 1:
+            break
+    kept = db.kept_changes()
+    assert start + 1 < kept.first <= kept.last
+    for reader in (late, db.changes(after=start)):
+        with pytest.raises(sg.ChangesGone) as told:
+            next(reader)
+        assert told.value.status == statuses.LSCOREDB_CHANGES_GONE
+        assert "kept_changes()" in told.value.hint
+    assert [each.commit for each in db.changes()][0] == kept.first
+    with db.changes(after=kept.last, follow=True) as again:
+        change(db)
+        assert next(again).commit == kept.last + 1
+
+
+def test_waiting_tells_what_there_is(db):
+    with db.changes(follow=True) as changes:
+        assert not changes.wait(0) and not changes.wait(0.2)
+        change(db)
+        assert changes.wait() and changes.wait(0)
+        assert next(changes).kind == "created"
 
 
 def test_a_child_opens_its_own(db):
@@ -192,6 +283,7 @@ def test_the_schema_is_told(db):
         assert (found.kind, found.object, found.table) == ("schema", None, "")
 
 
+@pytest.mark.skipif(on_a_server(), reason="these are no databases of a server")
 def test_databases_that_keep_none_say_so():
     class Thing(sg.Table):
         size: int = 0
