@@ -373,9 +373,13 @@ class Description:
         from .html import table_of
 
         return "".join(
-            table_of(_head_of(table), ["column", "type", ""],
+            table_of(_head_of(table) + "".join(f" \N{EN DASH} {line}" for line
+                                               in table["comment"].splitlines()[:1]),
+                     ["column", "type", ""],
                      [[each["name"], each["type"], _annotations_in_words(each)]
-                      for each in table["columns"]])
+                      for each in table["columns"]]
+                     + [[_index_in_words(each), "", each.get("comment", "")]
+                        for each in table["indexes"]])
             for table in self._tables)
 
 
@@ -385,10 +389,14 @@ def _table_in_words(table: dict[str, Any]) -> str:
         more = _annotations_in_words(each)
         lines.append(f"    {each['name']}: {each['type']}" + (f"  # {more}" if more else ""))
     for index in table["indexes"]:
-        names = ", ".join(name if up else f"-{name}" for name, up in index["columns"])
         more = f"  # {' '.join(index['comment'].splitlines())}" if "comment" in index else ""
-        lines.append(f"    {'unique ' if index['unique'] else ''}index ({names}){more}")
+        lines.append(f"    {_index_in_words(index)}{more}")
     return "\n".join([_head_of(table), *lines])
+
+
+def _index_in_words(index: dict[str, Any]) -> str:
+    names = ", ".join(name if up else f"-{name}" for name, up in index["columns"])
+    return f"{'unique ' if index['unique'] else ''}index ({names})"
 
 
 def _head_of(table: dict[str, Any]) -> str:

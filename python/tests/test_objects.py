@@ -320,7 +320,7 @@ def test_representations(make):
         book = tx.all(Book).first()
         assert repr(book) == (f"<Book {book.id} title='Book 00' year=1960 "
                               f"lender=Person {book.lender.id} pages=100>")
-        assert "<td>Book 00</td>" in book._repr_html_()
+        assert ">Book 00</td>" in book._repr_html_()
         assert "<table>" in tx.all(Film)._repr_html_()
         assert repr(tx.all(Book).where(Book.pages < 3)) == "<query of Book where pages < 3>"
 

@@ -27,7 +27,7 @@ def test_rows_are_tuples_and_more_on_request(db):
         assert rows.names == ["title", "year"]
         assert rows.dicts()[1] == {"title": "Book 01", "year": 1961}
         assert rows.to_pandas()["year"].tolist() == [1960, 1961]
-        assert "<td>Book 00</td>" in rows._repr_html_()
+        assert ">Book 00</td>" in rows._repr_html_()
         named = tx.sql("SELECT count(*) FROM Item WHERE year >= :from", {"from": 1970})
         assert named.value() == 20
         with pytest.raises(sg.NotFound, match="no row"):
