@@ -1,6 +1,7 @@
 #include "attachment.h"
 
 #include <algorithm>
+#include <sagleme/counts.hpp>
 #include <sagleme/host/duplicates.hpp>
 
 #include "connection.h"
@@ -118,6 +119,7 @@ void Attachment::UndoOwnWrites() noexcept {
 }
 
 void Attachment::NoteWrite() {
+  for (Cursor* const cursor : cursors_) cursor->PrepareForWrite();
   ++writes_;
   if (wrote_) return;
   if (connection_ != nullptr) connection_->Claim(this);
@@ -187,23 +189,58 @@ void Attachment::Release(int number) {
 }
 
 std::vector<std::string> Attachment::Define(Definition const& definition) {
-  std::vector<std::string> const plan = PlanOf(transaction(), definition.statement);
+  std::vector<std::string> plan = PlanOf(transaction(), definition.statement);
+  bool const outside = sqlite3_get_autocommit(connection_->handle()) != 0;
+  bool const in_batches = outside && own_.has_value() && marks_.empty();
+  LongWork const work = LongWorkOf(transaction(), definition.statement);
+  if (!work.empty() && !plan.front().starts_with("refused")) {
+    plan.front() += in_batches ? ", in batches beside writers" : ", in this transaction";
+  }
   if (definition.explain) return plan;
   if (!own_.has_value()) {
     throw Failure(SQLITE_ERROR,
                   "Tables and indexes cannot be defined inside a transaction of the program; "
                   "change the models and apply them, or use the command sagleme sql.");
   }
-  NoteWrite();
-  bool const alone = sqlite3_get_autocommit(connection_->handle()) != 0;
-  try {
+  if (in_batches && !work.empty()) {
+    DefineInBatches(work);
+  } else if (outside) {
+    DefineAlone(definition.statement);
+  } else {
+    NoteWrite();
     Change(definition.statement);
+  }
+  return plan;
+}
+
+void Attachment::DefineAlone(DefinitionStatement const& statement) {
+  NoteWrite();
+  try {
+    Change(statement);
   } catch (...) {
-    if (alone) Rollback();
+    Rollback();
     throw;
   }
-  if (alone) Commit();
-  return plan;
+  Commit();
+}
+
+// The snapshot ends first, so that it keeps no space from the batches. Statements that still read
+// continue as over a commit.
+void Attachment::DefineInBatches(LongWork const& work) {
+  Drain();
+  transaction_.reset();
+  stale_ = true;
+  RunInBatches(*own_, work, [this] { return !IsInterrupted(); });
+}
+
+// A function cannot ask whether its statement was interrupted before SQLite 3.41. Another statement
+// is, then, and its steps make SQLite call the client's progress handler.
+bool Attachment::IsInterrupted() const {
+  constexpr char kManySteps[] =
+      "WITH RECURSIVE n(i) AS (SELECT 0 UNION ALL SELECT i + 1 FROM n WHERE i < 300)"
+      " SELECT count(*) FROM n";
+  int const code = sqlite3_exec(connection_->handle(), kManySteps, nullptr, nullptr, nullptr);
+  return code == SQLITE_INTERRUPT;
 }
 
 // A change that fails halfway leaves nothing behind.
@@ -297,6 +334,18 @@ TablePtr Attachment::TableOf(std::uint64_t oid) {
 void Attachment::ForgetTables() {
   last_table_ = nullptr;
   live_layouts_.clear();
+  all_live_.reset();
+}
+
+bool Attachment::MayCount() {
+  if (!own_.has_value()) return false;
+  if (!all_live_.has_value()) {
+    auto const layouts = LayoutStatistics(transaction());
+    all_live_ = std::all_of(layouts.begin(), layouts.end(), [this](auto const& each) {
+      return each.objects == 0 || schema_->HasLayoutToken(each.token);
+    });
+  }
+  return *all_live_;
 }
 
 std::optional<std::uint64_t> Attachment::AddressOf(std::uint64_t oid) const {

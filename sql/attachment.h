@@ -24,6 +24,7 @@
 #include <vector>
 
 #include "api.h"
+#include "batches.h"
 #include "definition.h"
 #include "image.h"
 #include "store.h"
@@ -66,13 +67,16 @@ class Attachment {
 
   // ---- writing
   bool wrote() const { return wrote_; }
+  // Whether nobody has written in the transaction, as far as that is known here.
+  bool IsUnwritten() const { return own_.has_value() && !wrote_; }
   // A number that each write and each rollback moves.
   std::uint64_t writes() const { return writes_; }
   void NoteWrite();
   // Whether the file may be written: the schema was changed in this transaction.
   bool defined() const { return defined_; }
   // Makes a change of the schema, or only plans it; returns the lines of its plan either way.
-  // Outside a transaction of SQLite it is committed at once, inside it ends with that.
+  // Outside a transaction of SQLite it is committed at once, or made in batches (batches.h); inside
+  // it ends with that.
   std::vector<std::string> Define(Definition const& definition);
   // Whether such a change adds tables to the schema or removes them.
   bool defining() const { return defining_; }
@@ -87,6 +91,11 @@ class Attachment {
   // ---- cursors
   void Add(Cursor* cursor) { cursors_.push_back(cursor); }
   void Remove(Cursor* cursor) { std::erase(cursors_, cursor); }
+
+  // Whether the objects in a range of a table's index are those of the table, so that they need not
+  // be looked at to be counted. Not where a dropped table left some, nor where somebody else writes
+  // in the same transaction.
+  bool MayCount();
 
   // The address of an object; nothing when it is gone.
   std::optional<std::uint64_t> AddressOf(std::uint64_t oid) const;
@@ -113,6 +122,9 @@ class Attachment {
   void ForgetTables();
   void Drain() noexcept;
   void Forget();
+  void DefineAlone(DefinitionStatement const& statement);
+  void DefineInBatches(LongWork const& work);
+  bool IsInterrupted() const;
   void Change(DefinitionStatement const& statement);
   void NotifySqlite(SchemaPtr const& before);
   void ExecuteDefining(std::string const& sql);
@@ -137,6 +149,7 @@ class Attachment {
   std::u16string last_setspec_;
   TablePtr last_table_;
   std::vector<std::uint8_t> live_layouts_;  // 0: not known, 1: with a table, 2: of a dropped one
+  std::optional<bool> all_live_;            // whether each layout with objects has a table
 };
 
 }  // namespace sagleme::sql

@@ -15,6 +15,11 @@ namespace {
 constexpr std::uint32_t kManyRows = 256;
 constexpr std::uint32_t kFewRows = 8;
 
+// Rows that are counted ahead, growing.
+constexpr std::uint32_t kFirstCounted = 64;
+constexpr std::uint32_t kCountGrowth = 4;
+constexpr std::uint32_t kMostCounted = 65536;
+
 using SpanLists = std::vector<std::vector<Span>>;
 
 // The spans that one use leaves: of its value, or of each in its list.
@@ -60,16 +65,16 @@ SpanLists Collect(ShapeIndex const& index, Plan const& plan, sqlite3_value** val
 
 // All ways to take one span from each list, in the order of the index; a span that is no point ends
 // its way.
-void Combine(ShapeIndex const& index, SpanLists const& lists, std::vector<Span>& taken,
+void Combine(ShapeIndex const& index, SpanLists const& lists, std::vector<Span const*>& taken,
              std::vector<KeyRange>& ranges) {
   std::size_t const part = taken.size();
-  bool const at_end = part == lists.size() || (!taken.empty() && !taken.back().IsPoint());
+  bool const at_end = part == lists.size() || (!taken.empty() && !taken.back()->IsPoint());
   if (at_end) {
     ranges.push_back(RangeOf(index, taken));
     return;
   }
   auto const follow = [&](Span const& span) {
-    taken.push_back(span);
+    taken.push_back(&span);
     Combine(index, lists, taken, ranges);
     taken.pop_back();
   };
@@ -78,6 +83,17 @@ void Combine(ShapeIndex const& index, SpanLists const& lists, std::vector<Span>&
   } else {
     std::for_each(lists[part].rbegin(), lists[part].rend(), follow);
   }
+}
+
+// Whether the spans leave one key of a unique index, which no two objects have: null is the only
+// one that they may share.
+bool IsOneKey(ShapeIndex const& index, SpanLists const& lists) {
+  auto const is_key = [](std::vector<Span> const& spans) {
+    return spans.size() == 1 && spans.front().IsPoint() &&
+           spans.front().first.kind != Bound::Kind::kNull;
+  };
+  return index.unique && lists.size() == index.parts.size() &&
+         std::all_of(lists.begin(), lists.end(), is_key);
 }
 
 // Whether rows of the ranges come in the order of the columns behind those that equal one value.
@@ -105,6 +121,9 @@ void Cursor::CloseScan() {
   if (iterator_ != 0) lorv_iterator_free(iterator_);
   iterator_ = 0;
   page_.Start(kFewRows);
+  counting_ = false;
+  counted_ = count_size_ = 0;
+  counts_ = 0;
 }
 
 void Cursor::Reset() {
@@ -114,7 +133,7 @@ void Cursor::Reset() {
   range_ = 0;
   ids_.clear();
   id_ = 0;
-  by_id_ = in_runs_ = all_one_run_ = drained_ = lost_ = check_set_ = false;
+  by_id_ = in_runs_ = all_one_run_ = drained_ = lost_ = check_set_ = one_row_ = false;
   ready_.clear();
   skip_.Stop();
   points_.clear();
@@ -137,8 +156,9 @@ void Cursor::PrepareIndex(Plan const& plan, int, sqlite3_value** values) {
   index_number_ = plan.index;
   check_set_ = !index.own;
   SpanLists const lists = Collect(index, plan, values);
-  std::vector<Span> taken;
+  std::vector<Span const*> taken;
   Combine(index, lists, taken, ranges_);
+  one_row_ = attachment_->IsUnwritten() && IsOneKey(index, lists);
   if (reverse_) std::reverse(ranges_.begin(), ranges_.end());
   order_ = plan.order;
   all_one_run_ = plan.ordered && !order_.empty() && !EqualsArePoints(plan, lists);
@@ -170,8 +190,9 @@ void Cursor::SkipEqualRows() {
   Span rest = Everything(type);
   bool const falling = index.parts[points_.size()].ascending == reverse_;
   (falling ? rest.last : rest.first) = *bound;
-  std::vector<Span> spans = points_;
-  spans.push_back(rest);
+  std::vector<Span const*> spans;
+  for (Span const& point : points_) spans.push_back(&point);
+  spans.push_back(&rest);
   KeyRange next = RangeOf(index, spans);
   KeyRange& range = ranges_[range_ - 1];
   (reverse_ ? range.last : range.first) = std::move(reverse_ ? next.last : next.first);
@@ -206,7 +227,8 @@ void Cursor::Filter(Plan const& plan, int count, sqlite3_value** values) {
   layout_ = table_.shape->table->layout;
   Prepare(plan, count, values);
   plain_ = !by_id_ && !in_runs_ && !skip_.on();
-  Next();
+  may_count_ = plain_ && !check_set_;
+  Step();
 }
 
 void Cursor::OpenRange(KeyRange const& range) {
@@ -214,7 +236,7 @@ void Cursor::OpenRange(KeyRange const& range) {
       context_, index_, reverse_ ? LORV_ITERATOR_REVERSE : LORV_ITERATOR_FORWARD,
       (reverse_ ? range.last : range.first).data(), (reverse_ ? range.first : range.last).data(),
       &iterator_));
-  page_.Start(skip_.on() ? kFewRows : kManyRows);
+  page_.Start(one_row_ ? 1 : skip_.on() ? kFewRows : kManyRows);
 }
 
 bool Cursor::Keep(RowId& row) {
@@ -276,8 +298,54 @@ bool Cursor::Fetch(RowId& row) {
   return false;
 }
 
-void Cursor::Next() {
+// The next rows of the range, if they need only be counted. False when there are none.
+bool Cursor::CountAhead() {
+  if (!counting_ && !attachment_->MayCount()) {
+    may_count_ = false;
+    return false;
+  }
+  count_size_ = std::min(std::max(kFirstCounted, count_size_ * kCountGrowth), kMostCounted);
+  std::uint32_t count = 0;
+  detail::CheckKernel(lscoredb_iterator_next_many(iterator_, LSCOREDB_COUNT_ONLY, count_size_,
+                                                  nullptr, &count));
+  counting_ = count > 0;
+  counts_ += count;
+  if (counting_) counted_ = count - 1;
+  return counting_;
+}
+
+// Finds the present row, which was only counted.
+void Cursor::Locate() {
+  std::uint64_t const position = page_.read() + counts_ - counted_ - 1;
+  may_count_ = false;
+  try {
+    CloseScan();
+    ScanTo(position);
+  } catch (...) {
+    CloseScan();
+    drained_ = lost_ = true;
+    throw;
+  }
+}
+
+// To a row of the present range, by its number in it.
+void Cursor::ScanTo(std::uint64_t position) {
+  OpenRange(ranges_[range_ - 1]);
+  while (position > 0) {
+    auto const part = static_cast<std::uint32_t>(std::min<std::uint64_t>(position, kMostCounted));
+    std::uint32_t count = 0;
+    detail::CheckKernel(
+        lscoredb_iterator_next_many(iterator_, LSCOREDB_COUNT_ONLY, part, nullptr, &count));
+    if (count < part) detail::CheckKernel(LSCOREDB_DAMAGED);
+    position -= part;
+  }
+  if (!Scan(row_)) detail::CheckKernel(LSCOREDB_DAMAGED);
+}
+
+void Cursor::Step() {
   if (plain_ && !drained_) {
+    if (one_row_ && !AtEnd()) CloseScan();
+    if (may_count_ && page_.IsUsedUp() && CountAhead()) return;
     if (!Scan(row_)) row_ = {};
     return;
   }
@@ -289,6 +357,7 @@ void Cursor::Next() {
 void Cursor::Drain() noexcept {
   if (drained_) return;
   try {
+    NoteAsked();
     std::deque<RowId> rest;
     RowId row;
     while (!AtEnd() && Fetch(row)) rest.push_back(row);
@@ -318,6 +387,7 @@ bool Cursor::ColumnOfPage(sqlite3_context* result, ShapeColumn const& column) {
 
 void Cursor::Column(sqlite3_context* result, int column) {
   if (sqlite3_vtab_nochange(result)) return;
+  NoteAsked();
   Shape const& shape = *table_.shape;
   ShapeColumn const* const found = shape.ColumnAt(column);
   if (skip_.on()) found != nullptr ? skip_.NoteRead(found->ordinal) : skip_.NoteOtherRead();

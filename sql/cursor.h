@@ -6,6 +6,11 @@
 // Rows are named by id and read column by column when SQLite asks. A commit or rollback during a
 // pass ends the kernel's scan: the remaining ids are saved before, and looked up one by one
 // afterwards.
+//
+// Where SQLite has asked for nothing of the first rows, not even the id, it may want to know only
+// how many there are. The rows ahead are then counted by many, which costs a fraction of reading
+// their ids. A pass that is asked for such a row after all scans its range anew up to the row, and
+// counts no more. It does so before the transaction writes, so that it finds the same rows.
 
 #include <deque>
 #include <vector>
@@ -30,18 +35,24 @@ class Cursor : public sqlite3_vtab_cursor {
   Cursor& operator=(Cursor const&) = delete;
 
   void Filter(Plan const& plan, int count, sqlite3_value** values);
-  void Next();
-  bool AtEnd() const { return row_.oid == 0; }
+  void Next() {
+    counted_ > 0 ? static_cast<void>(--counted_) : Step();
+  }
+  bool AtEnd() const { return row_.oid == 0 && !counting_; }
   std::uint64_t oid() {
+    NoteAsked();
     skip_.NoteOtherRead();
     return row_.oid;
   }
   void Column(sqlite3_context* result, int column);
+  // Before the transaction writes. A cursor that fails here fails at its next step, too.
+  void PrepareForWrite() { NoteAsked(); }
   // Saves the remaining ids. Never fails: ids that could not be saved are an error of the next
   // step.
   void Drain() noexcept;
 
  private:
+  void Step();
   void Reset();
   void CloseScan();
   void Prepare(Plan const& plan, int count, sqlite3_value** values);
@@ -53,6 +64,13 @@ class Cursor : public sqlite3_vtab_cursor {
   bool Scan(RowId& row);   // the next row of the ranges
   bool Fetch(RowId& row);  // the next row in the order that SQLite wants
   bool FetchRun(RowId& row);
+  bool CountAhead();
+  void NoteAsked() {
+    may_count_ = false;
+    if (counting_) Locate();
+  }
+  void Locate();
+  void ScanTo(std::uint64_t position);
   bool Keep(RowId& row);  // whether an object that was found by its id is of this table
   bool ColumnOfPage(sqlite3_context* result, ShapeColumn const& column);
   RowId RowAt(std::uint64_t oid, std::uint64_t position) const;
@@ -68,6 +86,12 @@ class Cursor : public sqlite3_vtab_cursor {
   RowPage page_;  // of the iterator
   bool reverse_ = false;
   bool plain_ = false;      // rows come as the index has them
+  bool may_count_ = false;  // nothing was asked of any row yet, nor written since Filter
+  bool counting_ = false;   // the present row was only counted
+  std::uint32_t counted_ = 0;     // rows ahead that were counted
+  std::uint32_t count_size_ = 0;  // what the last call could count
+  std::uint64_t counts_ = 0;      // rows of the iterator that were counted
+  bool one_row_ = false;    // there is one at most
   bool check_set_ = false;  // the index holds objects of other tables too
   std::vector<KeyRange> ranges_;
   std::size_t range_ = 0;

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <array>
 #include <sagleme/hierarchy.hpp>
-#include <sagleme/schema_plan.hpp>
 #include <sagleme/value_text.hpp>
 #include <set>
 
@@ -268,7 +267,9 @@ class Planner {
     return plan;
   }
   Plan operator()(CreateIndexStatement const& it) const {
-    return {change::CreateIndex{Full(it.table), {it.index, it.unique, {}}}};
+    IndexDoc index{it.index, it.unique, {}};
+    for (auto const& part : it.parts) index.columns.push_back({part.column, part.descending});
+    return {change::CreateIndex{Full(it.table), std::move(index)}};
   }
   Plan operator()(DropIndexStatement const& it) const { return {change::DropIndex{it.index}}; }
   Plan operator()(AnnotateStatement const& it) const { return PlanOfAnnotation(transaction_, it); }
@@ -414,9 +415,13 @@ std::string AnnotationText(Transaction& transaction, Table const& table) {
 
 }  // namespace
 
+Plan ChangesOf(Transaction& transaction, DefinitionStatement const& statement) {
+  return std::visit(Planner(transaction), statement);
+}
+
 std::vector<std::string> PlanOf(Transaction& transaction, DefinitionStatement const& statement) {
   std::vector<std::string> lines;
-  for (Change const& change : std::visit(Planner(transaction), statement)) {
+  for (Change const& change : ChangesOf(transaction, statement)) {
     std::string const refusal = RefusalOf(transaction, change);
     std::string line(refusal.empty() ? LabelName(LabelOf(change)) : "refused");
     line.resize(13, ' ');

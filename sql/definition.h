@@ -24,6 +24,7 @@
 
 #include <sagleme/annotations.hpp>
 #include <sagleme/host.hpp>
+#include <sagleme/schema_plan.hpp>
 #include <string>
 #include <string_view>
 #include <variant>
@@ -120,9 +121,11 @@ bool BeginsDefinition(std::string_view text);
 // Failure with line, column and what was expected there.
 Definition ParseDefinition(std::string_view text, std::string_view* rest);
 
+// The changes that a statement makes, in the words of schema plans. Resolves names; throws Error or
+// Failure if it cannot.
+Plan ChangesOf(Transaction& transaction, DefinitionStatement const& statement);
 // One sentence with what it costs, "instant", "background" or "destructive", and what is done; or
-// "refused", and why.
-// Resolves names; throws Error or Failure if it cannot.
+// "refused", and why. Throws as ChangesOf.
 std::vector<std::string> PlanOf(Transaction& transaction, DefinitionStatement const& statement);
 // Makes the change. The part done by a failed change is undone with the transaction or savepoint.
 void Apply(Transaction& transaction, DefinitionStatement const& statement);

@@ -42,16 +42,19 @@ KeyBytes WriteKey(std::function<void(metalayer::Key&)> const& write) {
 }
 
 // A column that runs backwards has its bounds the other way round.
-KeyRange RangeOf(ShapeIndex const& index, std::vector<Span> const& spans) {
+KeyRange RangeOf(ShapeIndex const& index, std::span<Span const* const> spans) {
   auto const side = [&](bool first) {
     return WriteKey([&](metalayer::Key& key) {
       for (std::size_t i = 0; i < spans.size(); ++i) {
         bool const low = first == index.parts[i].ascending;
-        Write(key, low ? spans[i].first : spans[i].last);
+        Write(key, low ? spans[i]->first : spans[i]->last);
       }
     });
   };
-  return {side(true), side(false)};
+  KeyBytes first = side(true);
+  bool const point = !spans.empty() && spans.back()->IsPoint();
+  KeyBytes last = point ? first : side(false);
+  return {std::move(first), std::move(last)};
 }
 
 KeyRange RangeOfSet(Table const& table, bool only) {

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <functional>
 #include <sagleme/metalayer/keys.hpp>
+#include <span>
 #include <vector>
 
 #include "schema.h"
@@ -24,7 +25,7 @@ struct KeyRange {
 };
 
 // The range of an index for spans of its first columns, all but the last of which are points.
-KeyRange RangeOf(ShapeIndex const& index, std::vector<Span> const& spans);
+KeyRange RangeOf(ShapeIndex const& index, std::span<Span const* const> spans);
 // All objects of a table, with or without those derived from it.
 KeyRange RangeOfSet(Table const& table, bool only);
 

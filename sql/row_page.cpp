@@ -8,13 +8,12 @@ namespace {
 
 constexpr std::uint32_t kFirst = 2;
 constexpr std::uint32_t kGrowth = 4;
-constexpr std::uint32_t kWorthwhile = 8;  // rows for which one call is better than one each
 
 }  // namespace
 
 void RowPage::Start(std::uint32_t most) {
   most_ = most;
-  size_ = count_ = at_ = 0;
+  read_ = size_ = count_ = at_ = 0;
   own_reads_ = false;
   column_count_ = 0;
 }
@@ -31,6 +30,7 @@ bool RowPage::Fill(std::uint64_t iterator) {
   detail::CheckKernel(lscoredb_iterator_next_many(iterator, flags, size_, rows_.data(), &count_));
   own_reads_ = false;
   read_at_ = writes_;
+  read_ += count_;
   for (std::size_t i = 0; i < column_count_; ++i) {
     Column& column = columns_[i];
     column.together = column.reads * 2 > before && count_ >= kWorthwhile;

@@ -34,6 +34,10 @@ class RowPage {
     row = rows_[at_];
     return true;
   }
+  // The objects that pages have been read with.
+  std::uint64_t read() const { return read_; }
+  // Whether the scan is at the end of a page that is not one of its first few rows.
+  bool IsUsedUp() const { return at_ + 1 == count_ && count_ >= kWorthwhile; }
   // Whether the transaction has written since the page was read.
   bool IsOld() const { return read_at_ != writes_; }
   // The row that Next gave last; 0: none.
@@ -72,6 +76,7 @@ class RowPage {
   };
 
   static constexpr std::size_t kColumns = 8;
+  static constexpr std::uint32_t kWorthwhile = 8;  // rows for which one call is better than one each
 
   bool Fill(std::uint64_t iterator);
   Column* Find(std::uint16_t number) {
@@ -85,6 +90,7 @@ class RowPage {
 
   std::uint64_t writes_ = 0;
   std::uint64_t read_at_ = 0;
+  std::uint64_t read_ = 0;
   std::uint32_t most_ = 0;
   std::uint32_t size_ = 0;   // what the last page had room for
   std::uint32_t count_ = 0;  // what it has

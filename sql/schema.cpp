@@ -229,7 +229,9 @@ SchemaPtr Schema::Read(Transaction& transaction) {
   for (TablePtr const& table : tables) {
     tree.by_name[table->name] = table;
     tree.by_setspec[table->setspec] = table;
-    tree.tokens[table->row.oid] = LayoutToken(transaction.context(), table->layout);
+    std::uint64_t const token = LayoutToken(transaction.context(), table->layout);
+    tree.tokens[table->row.oid] = token;
+    schema->layout_tokens_.insert(token);
   }
   // Names of the library's own tables never stand in the way of others.
   for (bool const system : {false, true}) {

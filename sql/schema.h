@@ -10,6 +10,7 @@
 #include <sagleme/host.hpp>
 #include <string>
 #include <string_view>
+#include <unordered_set>
 #include <vector>
 
 namespace sagleme::sql {
@@ -88,6 +89,8 @@ class Schema {
   // The table of objects with that set specifier; null if it was dropped.
   TablePtr BySetspec(std::u16string_view setspec) const;
   ShapePtr const& ShapeOf(Table const& table) const { return shapes_.at(table.row.oid); }
+  // Whether layouts with that token are of a table that was not dropped.
+  bool HasLayoutToken(std::uint64_t token) const { return layout_tokens_.contains(token); }
   // The shortest name by which SQL knows a table.
   std::string NameOf(Table const& table) const;
 
@@ -101,6 +104,7 @@ class Schema {
   std::map<std::u16string, TablePtr, std::less<>> by_setspec_;
   std::map<std::uint64_t, ShapePtr> shapes_;    // by the catalogue's row
   std::map<std::uint64_t, std::string> names_;  // likewise
+  std::unordered_set<std::uint64_t> layout_tokens_;
 };
 using SchemaPtr = std::shared_ptr<Schema const>;
 

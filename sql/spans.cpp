@@ -22,8 +22,12 @@ bool IsPlain(std::u16string const& text) { return PlainLength(text) == text.size
 
 std::vector<Span> EqualText(std::u16string const& text) {
   // A lone surrogate reads as a replacement character.
-  if (text.find(kReplacement) == std::u16string::npos)
-    return {{Bound::Text(text), Bound::Text(text)}};
+  if (text.find(kReplacement) == std::u16string::npos) {
+    std::vector<Span> point(1);
+    point.front().first = Bound::Text(text);
+    point.front().last = Bound::Text(text);
+    return point;
+  }
   std::u16string const plain = text.substr(0, PlainLength(text));
   return {{Bound::Text(plain), Bound::Above(plain)}};
 }

@@ -21,14 +21,19 @@ extern "C" {
 #define LSCOREDB_IS_NULL 1u
 #define LSCOREDB_IS_GONE 2u /* there is no such object, or it was deleted */
 
-/* `flags` of lscoredb_iterator_next_many: the caller will read the objects. */
-#define LSCOREDB_FETCH_ROWS 1u
+/* `flags` of lscoredb_iterator_next_many, at most one of them. */
+#define LSCOREDB_FETCH_ROWS 1u /* the caller will read the objects */
+#define LSCOREDB_COUNT_ONLY 2u /* the caller needs only their number; `out` is not used */
 
 /* Gets the next `capacity` objects of an iterator, as that many calls of lorv_iterator_next do.
  * `count` receives how many there are; fewer than `capacity`: the iterator is at its end. Objects
  * that are deleted after this call are among those that it returned. A `capacity` of 0 only asks
  * whether the iterator can still be used. If a call fails, the iterator returns that status from
- * then on. LSCOREDB_INVALID_ARGUMENT: unknown flags. */
+ * then on. LSCOREDB_INVALID_ARGUMENT: unknown flags, or more than one.
+ *
+ * With LSCOREDB_COUNT_ONLY a page of entries takes hardly longer than one: as long as the
+ * transaction has written nothing, the entries inside a page are counted unread, so damage to them
+ * is not found. */
 LSCOREDB_API uint32_t lscoredb_iterator_next_many(uint64_t iterator, uint32_t flags,
                                                   uint32_t capacity, LORV_REFERENCE* out,
                                                   uint32_t* count);

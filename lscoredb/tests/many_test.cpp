@@ -154,6 +154,52 @@ TEST_P(ManyTest, StepsAndPagesByTurns_MissNothing) {
   EXPECT_EQ(rows_, seen);
 }
 
+// As many objects as a scan steps over.
+std::uint32_t Counted(Scanner& scanner, std::uint32_t capacity) {
+  std::uint32_t count = 99;
+  Check("next_many", lscoredb_iterator_next_many(scanner.handle(), LSCOREDB_COUNT_ONLY, capacity,
+                                                 nullptr, &count));
+  return count;
+}
+
+TEST_P(ManyTest, Counts_OfAnySize_AreThoseOfPages) {
+  for (std::uint32_t const flags : {LORV_ITERATOR_FORWARD, LORV_ITERATOR_REVERSE}) {
+    for (std::uint32_t const capacity : {1u, 7u, 64u, 300u, 601u, 602u, 100000u}) {
+      bool const reverse = flags == LORV_ITERATOR_REVERSE;
+      Scanner scanner = reverse ? Scanner(session_, index_, Key().Long(350), Key().Long(-250), flags)
+                                : Scanner(session_, index_, Key().Long(-250), Key().Long(350));
+      std::uint32_t all = 0;
+      std::uint32_t count = capacity;
+      while (count == capacity) all += count = Counted(scanner, capacity);
+      EXPECT_EQ(601u, all) << capacity;
+      EXPECT_EQ(0u, Counted(scanner, 5));
+    }
+  }
+}
+
+TEST_P(ManyTest, ScanBehindACount_GoesOnAtTheNextRow) {
+  for (std::size_t const skipped : {1u, 2u, 100u, 333u, 690u}) {
+    Scanner scanner(session_, index_);
+    EXPECT_EQ(skipped, Counted(scanner, static_cast<std::uint32_t>(skipped)));
+    EXPECT_EQ(0u, Counted(scanner, 0));
+    EXPECT_EQ(rows_[skipped], scanner.Next());
+    EXPECT_EQ(3u, Counted(scanner, 3));
+    Oids const rest(rows_.begin() + static_cast<std::ptrdiff_t>(skipped) + 4, rows_.end());
+    EXPECT_EQ(rest, Pages(scanner, 50));
+    Scanner back(session_, index_, Key(), Key(), LORV_ITERATOR_REVERSE);
+    EXPECT_EQ(skipped, Counted(back, static_cast<std::uint32_t>(skipped)));
+    EXPECT_EQ(rows_[rows_.size() - 1 - skipped], back.Next());
+  }
+}
+
+TEST_P(ManyTest, RowsThatGoBetweenCounts_AreNotCounted) {
+  Scanner scanner(session_, index_);
+  EXPECT_EQ(10u, Counted(scanner, 10));
+  for (std::size_t i = 10; i < 300; i += 2) session_.Delete(rows_[i]);
+  MakeRow(50);
+  EXPECT_EQ(kRows - 10u - 145u, Counted(scanner, 100000));
+}
+
 TEST_P(ManyTest, Page_NamesTheLayoutOfEachObject) {
   LayoutId const newer = session_.CreateLayout(50, {{LORV_TYPE_LONG, 100}});
   session_.PutLong(rows_[5], kNumber, -295, newer);
@@ -264,6 +310,28 @@ TEST_P(ManyTest, OwnWrites_AreRead) {
   EXPECT_EQ(BytesOf(u"changed"), ReadValues(rows_, kName).values[7]);
 }
 
+TEST_P(ManyTest, OwnWritesBetweenReadsOfTheSameObjects_AreRead) {
+  Oids const oids(rows_.begin(), rows_.begin() + 200);
+  Words const before = ReadWords(oids, kNumber);
+  std::uint64_t savepoint = 0;
+  Check("lscoredb_savepoint", lscoredb_savepoint(session_.context(), &savepoint));
+  session_.PutLong(oids[7], kNumber, 1234567);
+  session_.Delete(oids[8]);
+  Words const between = ReadWords(oids, kNumber);
+  EXPECT_EQ(1234567u, between.values[7]);
+  EXPECT_EQ(LSCOREDB_IS_GONE, between.states[8]);
+  EXPECT_EQ(LSCOREDB_IS_GONE, ReadWords(oids, kCount).states[8]);
+  Check("lscoredb_rollback_to", lscoredb_rollback_to(session_.context(), savepoint));
+  EXPECT_EQ(before.values, ReadWords(oids, kNumber).values);
+  EXPECT_EQ(before.states, ReadWords(oids, kNumber).states);
+  session_.Commit();
+  session_.Begin();
+  session_.PutLong(oids[9], kNumber, 77);
+  session_.Commit();
+  session_.Begin();
+  EXPECT_EQ(77u, ReadWords(oids, kNumber).values[9]);
+}
+
 TEST_P(ManyTest, BadArguments_AreRefused) {
   std::uint64_t const context = session_.context();
   std::uint64_t values[2];
@@ -277,7 +345,12 @@ TEST_P(ManyTest, BadArguments_AreRefused) {
   EXPECT_STATUS(LSCOREDB_UNKNOWN_ITERATOR, lscoredb_iterator_next_many(99, 0, 2, page, &count));
   EXPECT_STATUS(LSCOREDB_NULL_ARGUMENT, lscoredb_iterator_next_many(scan, 0, 2, nullptr, &count));
   EXPECT_STATUS(LSCOREDB_NULL_ARGUMENT, lscoredb_iterator_next_many(scan, 0, 2, page, nullptr));
-  EXPECT_STATUS(LSCOREDB_INVALID_ARGUMENT, lscoredb_iterator_next_many(scan, 2, 2, page, &count));
+  EXPECT_STATUS(LSCOREDB_INVALID_ARGUMENT, lscoredb_iterator_next_many(scan, 4, 2, page, &count));
+  std::uint32_t const both = LSCOREDB_FETCH_ROWS | LSCOREDB_COUNT_ONLY;
+  EXPECT_STATUS(LSCOREDB_INVALID_ARGUMENT,
+                lscoredb_iterator_next_many(scan, both, 2, page, &count));
+  EXPECT_STATUS(LSCOREDB_NULL_ARGUMENT,
+                lscoredb_iterator_next_many(scan, LSCOREDB_COUNT_ONLY, 2, nullptr, nullptr));
   EXPECT_EQ(77u, count);
   Oid const* const oids = rows_.data();
   EXPECT_STATUS(LSCOREDB_NULL_ARGUMENT,
@@ -372,6 +445,15 @@ TEST_F(ManyLongKeysTest, Pages_KeepTheOrderOfLongTexts) {
   }
   EXPECT_EQ(expected, seen);
   EXPECT_EQ(rows.size(), seen.size());
+  for (std::size_t const skipped : {1u, 30u, 140u, 299u}) {
+    Scanner counter(session_, index);
+    std::uint32_t count = 0;
+    Check("next_many",
+          lscoredb_iterator_next_many(counter.handle(), LSCOREDB_COUNT_ONLY,
+                                      static_cast<std::uint32_t>(skipped), nullptr, &count));
+    EXPECT_EQ(skipped, count);
+    EXPECT_EQ(expected[skipped], counter.Next());
+  }
 }
 
 }  // namespace

@@ -64,6 +64,12 @@ class Library {
     work(transaction);
     transaction.Commit();
   }
+  // Runs host code in another context.
+  template <typename Work>
+  void Use(Work&& work) {
+    sagleme::Context const context(database());
+    work(context);
+  }
   sagleme::ObjectId AddItem(std::u16string const& table, std::u16string const& title,
                             std::int64_t year);
   // A connection that has the database attached as "lib".

@@ -29,6 +29,13 @@ Status NextMany(Iterator& iterator, bool fetch, std::span<LORV_REFERENCE> out,
   return LORV_STATUS_OK;
 }
 
+Status Skip(Iterator& iterator, std::uint32_t most, std::uint32_t* count) {
+  std::size_t skipped = 0;
+  Status const status = iterator.Skip(most, &skipped);
+  if (status == LORV_STATUS_OK) *count = static_cast<std::uint32_t>(skipped);
+  return status;
+}
+
 }  // namespace
 }  // namespace lscore
 
@@ -39,8 +46,10 @@ uint32_t lscoredb_iterator_next_many(uint64_t iterator, uint32_t flags, uint32_t
   return Guarded([&]() -> Status {
     OpenIterator* const open = Iterators().Find(iterator);
     if (open == nullptr) return LSCOREDB_UNKNOWN_ITERATOR;
-    bool const missing = out == nullptr && capacity != 0;
+    bool const counts = flags == LSCOREDB_COUNT_ONLY;
+    bool const missing = out == nullptr && capacity != 0 && !counts;
     if (missing || count == nullptr) return LSCOREDB_NULL_ARGUMENT;
+    if (counts) return Skip(open->iterator, capacity, count);
     if ((flags & ~LSCOREDB_FETCH_ROWS) != 0) return LSCOREDB_INVALID_ARGUMENT;
     return NextMany(open->iterator, (flags & LSCOREDB_FETCH_ROWS) != 0, {out, capacity}, count);
   });

@@ -223,6 +223,12 @@ bool EntryCursor::TakeRun(bool forward, std::span<EntryObject> out, std::size_t*
   return false;
 }
 
+std::size_t EntryCursor::SkipRun(bool forward, std::size_t most) {
+  std::size_t const skipped = cursor_.SkipInPage(forward, most);
+  if (skipped > 0) Arrive(true, forward);
+  return skipped;
+}
+
 ObjectId EntryCursor::Guess(std::size_t ahead, bool forward) const {
   KeyValue seen;
   std::uint64_t object = 0;

@@ -104,6 +104,11 @@ class EntryCursor {
   // returns true, on an entry that it did not write: one behind the index, or of a long key.
   bool TakeRun(bool forward, std::span<EntryObject> out, std::size_t* taken);
 
+  // Steps to the page's last entry, and returns how many steps that takes; 0, without a step, if
+  // they are more than `most`. Of the entries between only their number counts: their bytes are not
+  // checked. REQUIRES: PageBound is not empty.
+  std::size_t SkipRun(bool forward, std::size_t most);
+
   // A guess at the object of the entry `ahead` steps further, for prefetching only; kNoObject: not
   // known.
   ObjectId Guess(std::size_t ahead, bool forward) const;

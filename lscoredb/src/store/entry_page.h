@@ -60,6 +60,11 @@ class EntryPage {
   bool Next(KeyValue* entry) { return at_ + 1 < count_ && Take(at_ + 1, entry); }
   bool Previous(KeyValue* entry) { return at_ > 0 && Take(at_ - 1, entry); }
 
+  // The entries ahead in that direction.
+  std::size_t Left(bool forward) const { return forward ? count_ - 1 - at_ : at_; }
+  // To the last of them. Changes nothing when it returns false: that one is not plain.
+  bool SkipLeft(bool forward, KeyValue* entry) { return Take(forward ? count_ - 1 : 0, entry); }
+
   // The entry `ahead` steps further, without moving.
   bool Peek(std::size_t ahead, bool forward, KeyValue* entry) const {
     if (forward ? ahead >= count_ - at_ : ahead > at_) return false;

@@ -231,6 +231,12 @@ class Cursor {
   bool StepInPage(bool forward) {
     return page_.inside() && (forward ? page_.Next(&entry_) : page_.Previous(&entry_));
   }
+  // As many such steps as lead to the page's last entry, and returns their number; 0, without a
+  // step, if they are more than `most`.
+  std::size_t SkipInPage(bool forward, std::size_t most) {
+    std::size_t const left = page_.inside() ? page_.Left(forward) : 0;
+    return left != 0 && left <= most && page_.SkipLeft(forward, &entry_) ? left : 0;
+  }
   // The key of the page's last entry in that direction. False when it is not known.
   bool PageEnd(bool forward, std::string_view* key) const {
     KeyValue first;

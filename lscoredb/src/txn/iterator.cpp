@@ -252,13 +252,34 @@ Status Iterator::NextMany(std::span<EntryObject> out, bool fetch, std::size_t* c
   return failed_;
 }
 
-// The entries ahead in the page, at the price of a step in it alone: where the transaction has
-// written nothing that could hide one or come between, and the page's last one is in the range.
-std::size_t Iterator::TakeRun(std::span<EntryObject> out) {
-  if (!step_due_ || !at_end_ || source_.changes->has_rows()) return 0;
+Status Iterator::Skip(std::size_t most, std::size_t* count) {
+  if (!open_) return ended_;
+  if (failed_ != LORV_STATUS_OK) return failed_;
+  failed_ = Guarded([&]() -> Status {
+    std::size_t skipped = 0;
+    EntryObject found;
+    for (;;) {
+      if (InPlainPage()) skipped += committed_.SkipRun(!reverse_, most - skipped);
+      if (skipped == most || !Step(&found)) break;
+      ++skipped;
+    }
+    *count = skipped;
+    return LORV_STATUS_OK;
+  });
+  return failed_;
+}
+
+// Whether all entries ahead in the page are delivered: the transaction has written nothing that
+// could hide one or come between, and the page's last one is in the range.
+bool Iterator::InPlainPage() const {
+  if (!step_due_ || !at_end_ || source_.changes->has_rows()) return false;
   std::string_view const end = committed_.PageBound(!reverse_);
-  if (end.empty()) return 0;
-  if (!InRange({end, {}})) return 0;
+  return !end.empty() && InRange({end, {}});
+}
+
+// The entries ahead in the page, at the price of a step in it alone.
+std::size_t Iterator::TakeRun(std::span<EntryObject> out) {
+  if (!InPlainPage()) return 0;
   std::size_t taken = 0;
   step_due_ = !committed_.TakeRun(!reverse_, out, &taken);
   return taken;

@@ -48,9 +48,12 @@ class Iterator {
   // As many calls of Next as `out` has room for; fewer at the end. `fetch`: the caller will read
   // the objects, so their rows are fetched.
   Status NextMany(std::span<EntryObject> out, bool fetch, std::size_t* count);
+  // Steps over as many objects as NextMany with room for `most` delivers.
+  Status Skip(std::size_t most, std::size_t* count);
 
  private:
   bool Step(EntryObject* found);
+  bool InPlainPage() const;
   std::size_t TakeRun(std::span<EntryObject> out);
   void Fetch(std::span<EntryObject const> objects);
   // Null at the end. Valid until the next call.

@@ -10,8 +10,7 @@
 namespace lscore {
 namespace {
 
-constexpr std::size_t kTogether = 256;  // objects whose rows are looked for before they are read
-constexpr std::size_t kKept = 65536;    // bytes of memory for the next transaction
+constexpr std::size_t kKept = 65536;  // bytes of memory for the next transaction
 constexpr TypeSet kFixedTypes = TypeBit(LORV_TYPE_LONG) | TypeBit(LORV_TYPE_ULONG) |
                                 TypeBit(LORV_TYPE_DECIMAL) | TypeBit(LORV_TYPE_FLOAT) |
                                 TypeBit(LORV_TYPE_DOUBLE) | TypeBit(LORV_TYPE_REFERENCE) |
@@ -27,17 +26,32 @@ Status Settle(Status status, std::uint8_t* state) {
   return gone || null ? LORV_STATUS_OK : status;
 }
 
-std::span<std::uint64_t const> Ahead(std::span<std::uint64_t const> ids, std::size_t from) {
-  return ids.subspan(from, std::min(kTogether, ids.size() - from));
+std::span<std::uint64_t const> Ahead(std::span<std::uint64_t const> ids, std::size_t from,
+                                     std::size_t most) {
+  return ids.subspan(from, std::min(most, ids.size() - from));
 }
 
 }  // namespace
 
+// Rows that were found stay valid as long as the snapshot, but the transaction may have written
+// newer ones.
+CachedRow const* const* ManyValues::FindRows(std::span<std::uint64_t const> ids) {
+  bool const same = found_count_ == ids.size() && !reader_.has_written() &&
+                    std::equal(ids.begin(), ids.end(), found_ids_.begin());
+  if (same) return found_.data();
+  found_count_ = 0;
+  reader_.FindMany(ids, found_.data());
+  if (reader_.has_written()) return found_.data();
+  std::copy(ids.begin(), ids.end(), found_ids_.begin());
+  found_count_ = ids.size();
+  return found_.data();
+}
+
 Status ManyValues::Words(std::span<std::uint64_t const> ids, LayoutNumber as, std::uint32_t column,
                          std::uint64_t* values, std::uint8_t* states) {
-  std::array<CachedRow const*, kTogether> rows;
+  CachedRow const* const* rows = nullptr;
   for (std::size_t i = 0; i < ids.size(); ++i) {
-    if (i % kTogether == 0) reader_.FindMany(Ahead(ids, i), rows.data());
+    if (i % kTogether == 0) rows = FindRows(Ahead(ids, i, kTogether));
     CachedRow const* const row = rows[i % kTogether];
     values[i] = 0;
     Status status = row != nullptr
@@ -55,7 +69,7 @@ Status ManyValues::Bytes(std::span<std::uint64_t const> ids, LayoutNumber as, st
   kind_ = Kind::kUnknown;
   offsets[0] = 0;
   for (std::size_t i = 0; i < ids.size(); ++i) {
-    if (i % kTogether == 0) reader_.Fetch(Ahead(ids, i));
+    if (i % kTogether == 0) reader_.Fetch(Ahead(ids, i, kTogether));
     Status const status = NextBytes(ObjectId{ids[i]}, as, column, &states[i]);
     if (status != LORV_STATUS_OK) return status;
     offsets[i + 1] = buffer_.size();
@@ -92,6 +106,7 @@ void ManyValues::Append(Cell const& cell, bool is_text) {
 }
 
 void ManyValues::Clear() noexcept {
+  found_count_ = 0;
   if (buffer_.capacity() > kKept) buffer_ = std::string();
 }
 

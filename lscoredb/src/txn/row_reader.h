@@ -56,6 +56,7 @@ class RowReader {
   // use. Null for others, and for all while the transaction has written rows. From a server, all
   // rows are fetched.
   void FindMany(std::span<std::uint64_t const> ids, CachedRow const** out);
+  bool has_written() const { return state_.changes.has_rows(); }
   Status Setspec(ObjectId id, Cell* out);
   // The object's layout. LORV_STATUS_NO_OBJECT: there is none.
   Status Lookup(ObjectId id, LayoutNumber* out);

@@ -175,9 +175,15 @@ std::string_view SqlConnection::RunDefinition(std::string_view text, Output cons
   }
   Watch const watch;
   std::string const one(text.substr(0, text.size() - rest.size()));
-  for (std::string const& done :
-       Column(fmt::format("SELECT sagleme_exec(?, '{}')", kSchema), one)) {
-    output.Print(done + "\n");
+  try {
+    for (std::string const& done :
+         Column(fmt::format("SELECT sagleme_exec(?, '{}')", kSchema), one)) {
+      output.Print(done + "\n");
+    }
+  } catch (Interrupted const&) {  // what was done of it may be kept, which the message then says
+    std::string const message = sqlite3_errmsg(handle_.get());
+    if (message != sqlite3_errstr(SQLITE_INTERRUPT)) output.Note(message + "\n");
+    throw;
   }
   return rest;
 }
