@@ -69,8 +69,8 @@ class Attachment {
   bool wrote() const { return wrote_; }
   // Whether nobody has written in the transaction, as far as that is known here.
   bool IsUnwritten() const { return own_.has_value() && !wrote_; }
-  // A number that each write and each rollback moves.
-  std::uint64_t writes() const { return writes_; }
+  // A number that each write and each rollback moves, at one place as long as the attachment lives.
+  std::uint64_t const& writes() const { return writes_; }
   void NoteWrite();
   // Whether the file may be written: the schema was changed in this transaction.
   bool defined() const { return defined_; }

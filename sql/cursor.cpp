@@ -120,7 +120,7 @@ Cursor::~Cursor() {
 void Cursor::CloseScan() {
   if (iterator_ != 0) lorv_iterator_free(iterator_);
   iterator_ = 0;
-  page_.Start(kFewRows);
+  page_.Start(kFewRows, nullptr);
   counting_ = false;
   counted_ = count_size_ = 0;
   counts_ = 0;
@@ -236,7 +236,7 @@ void Cursor::OpenRange(KeyRange const& range) {
       context_, index_, reverse_ ? LORV_ITERATOR_REVERSE : LORV_ITERATOR_FORWARD,
       (reverse_ ? range.last : range.first).data(), (reverse_ ? range.first : range.last).data(),
       &iterator_));
-  page_.Start(one_row_ ? 1 : skip_.on() ? kFewRows : kManyRows);
+  page_.Start(one_row_ ? 1 : skip_.on() ? kFewRows : kManyRows, &attachment_->writes());
 }
 
 bool Cursor::Keep(RowId& row) {
@@ -254,11 +254,11 @@ bool Cursor::Scan(RowId& row) {
   while (iterator_ != 0 || range_ < ranges_.size()) {
     if (iterator_ == 0) OpenRange(ranges_[range_++]);
     LORV_REFERENCE found{};
-    page_.NoteWrites(attachment_->writes());
     if (!page_.Next(iterator_, found)) {
       CloseScan();
       continue;
     }
+    if (plain_ && page_.IsNew()) NotePage();
     row = RowAt(found.oid, found.position);
     if (page_.IsOld() && !attachment_->AddressOf(row.oid).has_value()) continue;
     bool const wanted = check_set_ ? table_.Holds(*attachment_, row.oid)
@@ -298,6 +298,18 @@ bool Cursor::Fetch(RowId& row) {
   return false;
 }
 
+// Looks once at the layouts of a page's rows, instead of at each row's.
+void Cursor::NotePage() {
+  if (check_set_ || one_row_) return;
+  auto const rows = page_.rows();
+  std::uint64_t live = 0;
+  page_.NotePlain(std::all_of(rows.begin(), rows.end(), [&](LORV_REFERENCE const& row) {
+    bool const known = row.layout == live && live != 0;
+    live = row.layout;
+    return known || attachment_->IsOfLiveTable(row.oid, row.layout);
+  }));
+}
+
 // The next rows of the range, if they need only be counted. False when there are none.
 bool Cursor::CountAhead() {
   if (!counting_ && !attachment_->MayCount()) {
@@ -306,8 +318,8 @@ bool Cursor::CountAhead() {
   }
   count_size_ = std::min(std::max(kFirstCounted, count_size_ * kCountGrowth), kMostCounted);
   std::uint32_t count = 0;
-  detail::CheckKernel(lscoredb_iterator_next_many(iterator_, LSCOREDB_COUNT_ONLY, count_size_,
-                                                  nullptr, &count));
+  detail::CheckKernel(
+      lscoredb_iterator_next_many(iterator_, LSCOREDB_COUNT_ONLY, count_size_, nullptr, &count));
   counting_ = count > 0;
   counts_ += count;
   if (counting_) counted_ = count - 1;
@@ -373,7 +385,6 @@ void Cursor::Drain() noexcept {
 bool Cursor::ColumnOfPage(sqlite3_context* result, ShapeColumn const& column) {
   if (column.type == Type::kString || column.type == Type::kBinary) return false;
   if (drained_ || page_.oid() != row_.oid) return false;
-  page_.NoteWrites(attachment_->writes());
   RowPage::Word word;
   if (!page_.Read(context_, static_cast<std::uint16_t>(layout_), column.ordinal, word))
     return false;

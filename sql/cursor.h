@@ -36,7 +36,13 @@ class Cursor : public sqlite3_vtab_cursor {
 
   void Filter(Plan const& plan, int count, sqlite3_value** values);
   void Next() {
-    counted_ > 0 ? static_cast<void>(--counted_) : Step();
+    if (counted_ > 0) {
+      --counted_;
+    } else if (page_.Step()) {
+      row_.oid = page_.oid();
+    } else {
+      Step();
+    }
   }
   bool AtEnd() const { return row_.oid == 0 && !counting_; }
   std::uint64_t oid() {
@@ -64,6 +70,7 @@ class Cursor : public sqlite3_vtab_cursor {
   bool Scan(RowId& row);   // the next row of the ranges
   bool Fetch(RowId& row);  // the next row in the order that SQLite wants
   bool FetchRun(RowId& row);
+  void NotePage();
   bool CountAhead();
   void NoteAsked() {
     may_count_ = false;
@@ -85,14 +92,14 @@ class Cursor : public sqlite3_vtab_cursor {
   std::uint64_t iterator_ = 0;
   RowPage page_;  // of the iterator
   bool reverse_ = false;
-  bool plain_ = false;      // rows come as the index has them
-  bool may_count_ = false;  // nothing was asked of any row yet, nor written since Filter
-  bool counting_ = false;   // the present row was only counted
+  bool plain_ = false;            // rows come as the index has them
+  bool may_count_ = false;        // nothing was asked of any row yet, nor written since Filter
+  bool counting_ = false;         // the present row was only counted
   std::uint32_t counted_ = 0;     // rows ahead that were counted
   std::uint32_t count_size_ = 0;  // what the last call could count
   std::uint64_t counts_ = 0;      // rows of the iterator that were counted
-  bool one_row_ = false;    // there is one at most
-  bool check_set_ = false;  // the index holds objects of other tables too
+  bool one_row_ = false;          // there is one at most
+  bool check_set_ = false;        // the index holds objects of other tables too
   std::vector<KeyRange> ranges_;
   std::size_t range_ = 0;
   std::vector<std::uint64_t> ids_;  // in their stead

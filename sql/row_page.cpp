@@ -11,8 +11,10 @@ constexpr std::uint32_t kGrowth = 4;
 
 }  // namespace
 
-void RowPage::Start(std::uint32_t most) {
+void RowPage::Start(std::uint32_t most, std::uint64_t const* writes) {
   most_ = most;
+  writes_ = writes;
+  plain_ = false;
   read_ = size_ = count_ = at_ = 0;
   own_reads_ = false;
   column_count_ = 0;
@@ -28,8 +30,8 @@ bool RowPage::Fill(std::uint64_t iterator) {
   // Values that are read together are fetched then.
   std::uint32_t const flags = own_reads_ ? LSCOREDB_FETCH_ROWS : 0;
   detail::CheckKernel(lscoredb_iterator_next_many(iterator, flags, size_, rows_.data(), &count_));
-  own_reads_ = false;
-  read_at_ = writes_;
+  own_reads_ = plain_ = false;
+  read_at_ = *writes_;
   read_ += count_;
   for (std::size_t i = 0; i < column_count_; ++i) {
     Column& column = columns_[i];

@@ -13,16 +13,16 @@
 
 #include <array>
 #include <cstdint>
+#include <span>
 #include <vector>
 
 namespace sagleme::sql {
 
 class RowPage {
  public:
-  // For a scan that begins. `most`: rows of a page.
-  void Start(std::uint32_t most);
-  // Where the transaction's writes stand, by a number that each of them moves.
-  void NoteWrites(std::uint64_t writes) { writes_ = writes; }
+  // For a scan that begins. `most`: rows of a page. `writes`: a number that each write of the
+  // transaction moves; null where no row is read.
+  void Start(std::uint32_t most, std::uint64_t const* writes);
 
   // The next row of the iterator's range. False at its end.
   bool Next(std::uint64_t iterator, LORV_REFERENCE& row) {
@@ -34,12 +34,22 @@ class RowPage {
     row = rows_[at_];
     return true;
   }
+  // Of a page that was read just now: whether all its rows are delivered as they are.
+  void NotePlain(bool plain) { plain_ = plain; }
+  bool IsNew() const { return at_ == 0; }
+  std::span<LORV_REFERENCE const> rows() const { return {rows_.data(), count_}; }
+  // The next row, if it is in a plain page that the transaction has not written since.
+  bool Step() {
+    if (at_ + 1 >= count_ || !plain_ || IsOld()) return false;
+    ++at_;
+    return true;
+  }
   // The objects that pages have been read with.
   std::uint64_t read() const { return read_; }
   // Whether the scan is at the end of a page that is not one of its first few rows.
   bool IsUsedUp() const { return at_ + 1 == count_ && count_ >= kWorthwhile; }
   // Whether the transaction has written since the page was read.
-  bool IsOld() const { return read_at_ != writes_; }
+  bool IsOld() const { return read_at_ != *writes_; }
   // The row that Next gave last; 0: none.
   std::uint64_t oid() const { return at_ < count_ ? rows_[at_].oid : 0; }
 
@@ -76,7 +86,8 @@ class RowPage {
   };
 
   static constexpr std::size_t kColumns = 8;
-  static constexpr std::uint32_t kWorthwhile = 8;  // rows for which one call is better than one each
+  static constexpr std::uint32_t kWorthwhile =
+      8;  // rows for which one call is better than one each
 
   bool Fill(std::uint64_t iterator);
   Column* Find(std::uint16_t number) {
@@ -88,7 +99,7 @@ class RowPage {
   Column* Add(std::uint16_t number);
   void Load(Column& column, std::uint64_t context, std::uint16_t layout);
 
-  std::uint64_t writes_ = 0;
+  std::uint64_t const* writes_ = nullptr;
   std::uint64_t read_at_ = 0;
   std::uint64_t read_ = 0;
   std::uint32_t most_ = 0;
@@ -96,6 +107,7 @@ class RowPage {
   std::uint32_t count_ = 0;  // what it has
   std::uint32_t at_ = 0;
   bool own_reads_ = false;  // of rows of this page
+  bool plain_ = false;
   std::vector<LORV_REFERENCE> rows_;
   std::array<Column, kColumns> columns_;
   std::size_t column_count_ = 0;

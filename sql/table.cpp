@@ -114,8 +114,7 @@ int Column(sqlite3_vtab_cursor* cursor, sqlite3_context* result, int column) {
 }
 
 int RowIdOf(sqlite3_vtab_cursor* cursor, sqlite3_int64* out) {
-  return Quick(cursor->pVtab,
-               [&] { *out = static_cast<sqlite3_int64>(CursorAt(cursor).oid()); });
+  return Quick(cursor->pVtab, [&] { *out = static_cast<sqlite3_int64>(CursorAt(cursor).oid()); });
 }
 
 int Update(sqlite3_vtab* table, int count, sqlite3_value** values, sqlite3_int64* id) {

@@ -166,8 +166,9 @@ TEST_P(ManyTest, Counts_OfAnySize_AreThoseOfPages) {
   for (std::uint32_t const flags : {LORV_ITERATOR_FORWARD, LORV_ITERATOR_REVERSE}) {
     for (std::uint32_t const capacity : {1u, 7u, 64u, 300u, 601u, 602u, 100000u}) {
       bool const reverse = flags == LORV_ITERATOR_REVERSE;
-      Scanner scanner = reverse ? Scanner(session_, index_, Key().Long(350), Key().Long(-250), flags)
-                                : Scanner(session_, index_, Key().Long(-250), Key().Long(350));
+      Scanner scanner = reverse
+                            ? Scanner(session_, index_, Key().Long(350), Key().Long(-250), flags)
+                            : Scanner(session_, index_, Key().Long(-250), Key().Long(350));
       std::uint32_t all = 0;
       std::uint32_t count = capacity;
       while (count == capacity) all += count = Counted(scanner, capacity);

@@ -92,7 +92,7 @@ TEST_F(CountTest, RowsOfSeveralRanges_AreReadBehindAnOffset) {
 TEST_F(CountTest, InJoinsAndSubqueries_CountsAreRight) {
   EXPECT_EQ(sql_("SELECT count(*) FROM Item a, Item b WHERE a.Year < 3 AND b.Year >= 1400"), "300");
   EXPECT_EQ(sql_("SELECT count(*) FROM Item a CROSS JOIN Item b WHERE b.Year > a.Year + 1400"),
-            "4851");
+            "4950");
   EXPECT_EQ(sql_("SELECT (SELECT count(*) FROM Item b WHERE b.Year > a.Year) FROM Item a "
                  "WHERE Year IN (0, 700, 1499) ORDER BY Year"),
             "1499\n799\n0");
@@ -137,7 +137,9 @@ TEST_F(CountTest, WritesUndoneDuringAScan_ChangeNothing) {
   sql_("BEGIN; INSERT INTO Item(Title, Year) VALUES('first', 9000)");
   Statement scan(sql_, "SELECT 1 FROM Item WHERE Year >= 0");
   for (int i = 0; i < 300; ++i) EXPECT_EQ(scan.Next(), "1");
-  sql_("SAVEPOINT s; DELETE FROM Item WHERE Year > 200");
+  sql_(
+      "SAVEPOINT s; INSERT INTO Item(Title, Year) VALUES('second', 8001);"
+      "UPDATE Item SET Year = Year + 20000 WHERE Year > 1000");
   sql_("ROLLBACK TO s");
   EXPECT_EQ(Rest(scan), 1201);
   sql_("ROLLBACK");
