@@ -356,6 +356,20 @@ TEST_F(PostgresProxyTest, Commit_TakesTwoRoundTrips) {
   EXPECT_EQ(proxy_.round_trips() - before, 2U);
 }
 
+// Ids are reserved, and the indexes are known.
+TEST_F(PostgresProxyTest, ManyInserts_TakeNoRoundTripsOfTheirOwn) {
+  session_->Begin();
+  PairWorld const world(*session_);
+  session_->Rollback();
+  for (int i = 0; i < 3; ++i) {
+    std::uint64_t const before = proxy_.round_trips();
+    session_->Begin();
+    for (int n = 0; n < 100; ++n) session_->PutLong(session_->Insert(world.layout), kPairValue, n);
+    session_->Commit();
+    EXPECT_EQ(proxy_.round_trips() - before, 3U);
+  }
+}
+
 TEST_F(PostgresProxyTest, RowsInMemory_OutliveCommitsOfOthers) {
   Oid const row = CommitPair(*session_, 2);
   session_->BeginReadOnly();

@@ -203,10 +203,16 @@ void PostgresStore::GiveBack(std::unique_ptr<Connection> connection) const noexc
 
 // ---- snapshots ---------------------------------------------------------------------------------
 
+// Most transactions ask first whether the indexes are those that the process knows, and those that
+// insert, whether any set was closed. The answers come with the state.
 PostgresSnapshot::PostgresSnapshot(PostgresStore& store)
     : store_(store), connection_(store.TakeConnection()), view_(*connection_, store.statements()) {
+  static std::vector<TreeKey> const asked_by_most = {
+      {Tree::kMeta, std::string(format::kIndexesKey)},
+      {Tree::kMeta, std::string(format::kClosingsKey)}};
   Statements const& statements = store.statements();
-  state_ = store.BeginAt(*connection_, statements.begin_snapshot, statements.read_state, view_, {});
+  state_ = store.BeginAt(*connection_, statements.begin_snapshot, statements.read_state, view_,
+                         asked_by_most);
   set_id(state_.id);
 }
 
