@@ -110,6 +110,28 @@ TEST_F(ListedCommitsTest, OwnCommit_ListsWhatCameBeforeIt) {
   EXPECT_EQ(State(7), commits_.unlisted());
 }
 
+TEST_F(ListedCommitsTest, OwnCommitWhoseNumberWasNotKnown_EvictsWhatItReplaced) {
+  std::vector<CommitId> evicted;
+  auto const evict = [&](CommitId state) { evicted.push_back(state); };
+  commits_.NoteOwnCommit(State(9), Listed(8), evict);
+  EXPECT_EQ(std::vector{ObjectId{8}}, reported_);
+  EXPECT_EQ(std::vector{State(9)}, evicted);
+  EXPECT_TRUE(commits_.Notice(State(9), Listed(9)));
+  EXPECT_EQ(std::vector{ObjectId{8}}, reported_);
+  EXPECT_EQ(State(7), commits_.unlisted());
+}
+
+// A transaction may have begun at its state before its own process learned of it.
+TEST_F(ListedCommitsTest, OwnCommitThatAReaderReported_IsReportedOnce) {
+  EXPECT_TRUE(commits_.Notice(State(10), Listed(10)));
+  std::size_t const reported = reported_.size();
+  commits_.NoteOwnCommit(State(9), Listed(8), [](CommitId) {});
+  EXPECT_EQ(reported, reported_.size());
+  EXPECT_TRUE(commits_.Notice(State(11), Listed(11)));
+  EXPECT_EQ(ObjectId{11}, reported_.back());
+  EXPECT_EQ(State(7), commits_.unlisted());
+}
+
 TEST_F(ListedCommitsTest, FailedListing_CountsAsNone) {
   auto const fail = [](CommitId, std::vector<ObjectId>* changed) -> bool {
     changed->push_back(ObjectId{1});

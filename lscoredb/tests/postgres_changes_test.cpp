@@ -67,13 +67,16 @@ class PostgresChangesTest : public PostgresProxyTest {
   lscoredb_changes* reader_ = nullptr;
 };
 
-TEST_F(PostgresChangesTest, Commit_TakesTwoRoundTripsStill) {
+TEST_F(PostgresChangesTest, Commit_TakesOneRoundTripStill) {
   Oid const row = InsertCommitted();
-  for (int i = 0; i < 60; ++i) {  // one of 50 removes what need not be kept
+  InsertCommitted();
+  std::uint64_t trips = 0;
+  for (int i = 0; i < 100; ++i) {
     session_->Begin();
     session_->PutLong(row, kPairValue, i);
-    EXPECT_EQ(RoundTripsOf([&] { session_->Commit(); }), 2U);
+    trips += RoundTripsOf([&] { session_->Commit(); });
   }
+  EXPECT_EQ(trips, 102U) << "one of 50 takes two, and removes what need not be kept";
 }
 
 TEST_F(PostgresChangesTest, Reading_TakesARoundTripForManyCommits) {

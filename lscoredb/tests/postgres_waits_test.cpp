@@ -106,10 +106,12 @@ TEST_F(PostgresWaitsTest, StoppedBegin_BeginsNothing) {
   EXPECT_NE(CommitPair(*session_, 5), 0U);
 }
 
+// A change of the schema waits for its turn before it is sent.
 TEST_F(PostgresWaitsTest, CommitStoppedBeforeItIsSent_CommitsNothing) {
   std::size_t const before = CountPairs();
   session_->Begin();
   session_->PutLong(session_->Insert(PairWorld(*session_).layout), kPairValue, 5);
+  session_->CreateLayout(kPairTable + 1, {{LORV_TYPE_LONG, kPairValueToken}});
   EXPECT_STATUS(LSCOREDB_STOPPED, Stopped([&] { return session_->TryCommit(); }));
   EXPECT_EQ(CountPairs(), before);
   CommitPair(*session_, 5);

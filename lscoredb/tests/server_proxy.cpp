@@ -16,7 +16,7 @@ namespace {
 
 // A batch ends by executing the statement of this name.
 constexpr std::string_view kCommit{"commit\0", 7};
-constexpr std::string_view kTicket{"put_ticket\0", 11};
+constexpr std::string_view kTicket{"put_ticket\0", 11};  // also the end of a longer name
 constexpr std::string_view kRollback{"rollback\0", 9};
 constexpr std::string_view kBegin{"begin_"};
 constexpr std::string_view kTerminate{"X\0\0\0\4", 5};

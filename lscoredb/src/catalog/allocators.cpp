@@ -103,9 +103,17 @@ IdRange IdAllocator::Reserve(Batch& batch) {
 // take the ones that it chooses next.
 IdRange IdAllocator::TopUp(Batch& batch) {
   std::lock_guard const lock(mutex_);
-  if (!taken_) return {};
+  return IsLow() ? Reserve(batch) : IdRange{};
+}
+
+bool IdAllocator::IsLow() const {
   bool const low = (present_.end - present_.next) + (spare_.end - spare_.next) < kLow;
-  return low && spare_.empty() ? Reserve(batch) : IdRange{};
+  return taken_ && low && spare_.empty();
+}
+
+bool IdAllocator::RunsLow() {
+  std::lock_guard const lock(mutex_);
+  return IsLow();
 }
 
 void IdAllocator::Install(IdRange block) {

@@ -33,6 +33,8 @@ class IdAllocator {
   // once the commit is done.
   IdRange TopUp(Batch& batch);
   void Install(IdRange block);
+  // Whether TopUp would reserve one.
+  bool RunsLow();
 
   // The number of commits between the two states that only reserved a block for this process. May
   // count too few.
@@ -43,6 +45,7 @@ class IdAllocator {
   void RaiseTo(std::uint64_t first);
 
  private:
+  bool IsLow() const;
   static bool TakeFrom(IdRange& range, IdRange* out);
   void Refill();
   // Empty: none are left. Writes the mark.

@@ -485,11 +485,17 @@ SetChange ParseSetChange(std::string_view record) {
   return {CommitId{Load<std::uint64_t>(record.data())}, ReadDefinitionText(record.substr(8))};
 }
 
+DefinitionRecord SetChangeRecord(std::u16string_view setspec, CommitId commit) {
+  DefinitionRecord record{SetChangeKey(setspec), {}};
+  Append(record.value, Raw(commit));
+  AppendDefinitionText(record.value, setspec);
+  AppendChecksum(record.key, record.value);
+  return record;
+}
+
 void WriteSetChange(Batch& batch, std::u16string_view setspec) {
-  std::string value;
-  Append(value, Raw(batch.id()));
-  AppendDefinitionText(value, setspec);
-  PutChecked(batch, Tree::kMeta, SetChangeKey(setspec), value);
+  DefinitionRecord const record = SetChangeRecord(setspec, batch.id());
+  batch.Put(Tree::kMeta, record.key, record.value);
 }
 
 // Keys of long set specifiers are cut, so records of other sets may have the same prefix: each

@@ -213,6 +213,8 @@ struct SetChange {
 std::string SetChangeKey(std::u16string_view setspec);
 SetChange ParseSetChange(std::string_view record);
 
+// Begins with the number of the commit, and has its checksum.
+DefinitionRecord SetChangeRecord(std::u16string_view setspec, CommitId commit);
 void WriteSetChange(Batch& batch, std::u16string_view setspec);
 // Whether an object whose set specifier begins with `prefix` was changed after `since`.
 bool SetChangedSince(View const& view, std::u16string_view prefix, CommitId since);

@@ -24,6 +24,8 @@ class DatabaseIdentity {
 
   // The committed identity; 0 before the first commit. Throws LSCOREDB_DAMAGED.
   std::uint64_t Get();
+  // Whether the database is known to have one.
+  bool known() const { return committed_ != 0; }
   // Writes one into the batch if the database has none.
   void Assure(Batch& batch);
 

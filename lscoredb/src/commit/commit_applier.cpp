@@ -15,11 +15,6 @@ namespace {
 constexpr std::uint32_t kNoChunk = 0xFFFFFFFF;  // images have fewer
 constexpr std::size_t kHintedKeys = 256;        // more are looked up only if they have to be
 
-// Whether a commit has to look whether the key is taken.
-bool IsChecked(PendingEntry const& entry) {
-  return entry.state == EntryState::kPresent && !entry.facts.has_null;
-}
-
 void AddUniqueKeys(PendingChanges const& changes, std::vector<TreeKey>* hints) {
   std::size_t const before = hints->size();
   for (auto const& entries : changes.indexes()) {
@@ -31,9 +26,6 @@ void AddUniqueKeys(PendingChanges const& changes, std::vector<TreeKey>* hints) {
   }
   if (hints->size() - before > kHintedKeys) hints->resize(before);
 }
-
-// Whether a commit has to write the row. One that was inserted and deleted again was never stored.
-bool Matters(PendingRow const& row) { return row.changed && !(row.inserted() && row.deleted); }
 
 }  // namespace
 
@@ -59,28 +51,6 @@ void AddHints(CommitRequest const& request, std::vector<TreeKey>* hints) {
   for (std::string_view const key : {format::kIndexesKey, format::kNextIdKey}) {
     hints->push_back({Tree::kMeta, std::string(key)});
   }
-}
-
-// ---- rows in memory ----------------------------------------------------------------------------
-
-// A replaced row is cached only if it was cached before: nobody read the others. A row under a
-// layout of this transaction is left out too, since a cached row needs the committed Layout object.
-void CachedRowChanges::Add(PendingRow const& row, std::string_view image, CommitId state) {
-  if (row.inserted()) return;
-  replaced_.push_back(row.id);
-  bool const new_layout = row.layout->order().commit == kNotCommitted;
-  if (image.empty() || new_layout || !rows_.Holds(row.id)) return;
-  if (CachedRowPtr kept = rows_.Prepare(row.id, *row.layout, image, state)) {
-    newer_.push_back(std::move(kept));
-  }
-}
-
-void CachedRowChanges::TakeOut(CommitId state) noexcept {
-  for (ObjectId const id : replaced_) rows_.TakeOut(id, state);
-}
-
-void CachedRowChanges::PutBack() noexcept {
-  for (CachedRowPtr& row : newer_) rows_.PutBack(std::move(row));
 }
 
 // ---- checks ------------------------------------------------------------------------------------
@@ -310,7 +280,7 @@ void CommitApplier::ApplyRow(PendingRow const& row) {
   } else {
     PutImage(row);
   }
-  CountChange(row);
+  tally_.Add(row);
 }
 
 // Builds the row's image, whose header names this commit. An image of more than one chunk goes to
@@ -439,38 +409,10 @@ void CommitApplier::ApplyMovedPrepared(MovedPrepared const& moved) {
   }
 }
 
-// The store counts the objects of each layout, with the set of one of them as an example. Counts
-// are collected over all rows and written once per layout.
-void CommitApplier::CountChange(PendingRow const& row) {
-  if (!row.inserted()) {
-    --counts_[row.original_layout->number()].objects;
-    NoteSet(OriginalOf(row).Setspec());
-  }
-  if (row.deleted) return;
-  CountDelta& delta = counts_[row.layout->number()];
-  ++delta.objects;
-  delta.example = &row;
-  NoteSet(row.setspec);
-}
-
-// Remembers that the row's set changed. A transaction writes to few sets, so the packed form of the
-// last eight is compared first, and unpacking and the lookup in the ordered set are mostly skipped.
-void CommitApplier::NoteSet(Cell const& setspec) {
-  if (!setspec.present) return;
-  NotedSet& noted = noted_sets_[next_noted_];
-  auto const same = [&](NotedSet const& one) {
-    return one.present && one.wide == setspec.wide && one.bytes == setspec.bytes();
-  };
-  if (std::any_of(noted_sets_.begin(), noted_sets_.end(), same)) return;
-  Unpack(setspec.text(), text_);
-  changed_sets_.insert(text_);
-  noted = {std::string(setspec.bytes()), setspec.wide, true};
-  next_noted_ = (next_noted_ + 1) % noted_sets_.size();
-}
-
+// The store counts the objects of each layout, with the set of one of them as an example.
 void CommitApplier::ApplyCounts() {
-  for (auto const& [number, delta] : counts_) {
-    bool const names_set = delta.example != nullptr && delta.example->setspec.present;
+  for (auto const& [number, delta] : tally_.counts()) {
+    bool const names_set = delta.names_set();
     if (delta.objects == 0 && !names_set) continue;
     LayoutCount count = ReadCount(batch_, number);
     bool const sets = names_set && !(count.has_setspec && count.objects > 0);
@@ -484,7 +426,7 @@ void CommitApplier::ApplyCounts() {
 }
 
 void CommitApplier::ApplySetChanges() {
-  for (std::u16string const& setspec : changed_sets_) WriteSetChange(batch_, setspec);
+  for (std::u16string const& setspec : tally_.changed_sets()) WriteSetChange(batch_, setspec);
 }
 
 }  // namespace lscore

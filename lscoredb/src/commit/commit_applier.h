@@ -4,7 +4,6 @@
 // One transaction's part of a batch: all checks first, which write nothing, then all writes. Used
 // by the leader of a batch, on its thread; the transaction's own thread waits meanwhile.
 
-#include <array>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -13,29 +12,13 @@
 #include <vector>
 
 #include "build_applier.h"
+#include "cached_row_changes.h"
+#include "change_tally.h"
 #include "chosen_ids.h"
 #include "closed_sets.h"
 #include "group_commit.h"
-#include "shared_row_cache.h"
 
 namespace lscore {
-
-// What a batch does to the shared row cache.
-class CachedRowChanges {
- public:
-  explicit CachedRowChanges(SharedRowCache& rows) : rows_(rows) {}
-
-  // The row is replaced by `image`, or deleted where that is empty.
-  void Add(PendingRow const& row, std::string_view image, CommitId state);
-  // TakeOut right before the batch is committed, PutBack right after it.
-  void TakeOut(CommitId state) noexcept;
-  void PutBack() noexcept;
-
- private:
-  SharedRowCache& rows_;
-  std::vector<ObjectId> replaced_;
-  std::vector<CachedRowPtr> newer_;
-};
 
 // Appends most of the keys that a batch gets from the store when it applies the request, so that a
 // remote store can fetch them in one round trip.
@@ -92,20 +75,8 @@ class CommitApplier {
   void ApplyClosings();
   void ApplyIndexes();
   void ApplyMovedPrepared(MovedPrepared const& moved);
-  void CountChange(PendingRow const& row);
-  void NoteSet(Cell const& setspec);
   void ApplyCounts();
   void ApplySetChanges();
-
-  struct NotedSet {
-    std::string bytes;  // packed
-    bool wide = false;
-    bool present = false;
-  };
-  struct CountDelta {
-    std::int64_t objects = 0;
-    PendingRow const* example = nullptr;  // a row that uses the layout now
-  };
 
   Batch& batch_;
   CommitRequest& request_;
@@ -124,10 +95,7 @@ class CommitApplier {
   KeyBytes key_;
   ImageBuilder builder_;
   std::u16string text_;
-  std::map<LayoutNumber, CountDelta> counts_;
-  std::set<std::u16string> changed_sets_;
-  std::array<NotedSet, 8> noted_sets_;  // the last few of those, so that most rows skip the set
-  std::size_t next_noted_ = 0;
+  ChangeTally tally_;
 };
 
 }  // namespace lscore

@@ -2,6 +2,7 @@
 
 #include <optional>
 
+#include "blind_commit.h"
 #include "commit_applier.h"
 #include "watched_work.h"
 
@@ -84,9 +85,10 @@ bool GroupCommit::IsNext(CommitId snapshot, CommitId batch) {
 
 // When the store cannot say whether the batch took effect (a lost connection), each request gets
 // what Store::AskOutcome needs to find out later.
-void GroupCommit::Commit(Batch& batch, Tickets tickets) {
+template <typename Work>
+void GroupCommit::Commit(Tickets tickets, auto const& batch, Work&& work) {
   try {
-    batch.Commit();
+    work();
   } catch (Failure const& failure) {
     if (failure.status() == LSCOREDB_COMMIT_UNKNOWN) {
       for (CommitTicket* const ticket : tickets) {
@@ -95,6 +97,23 @@ void GroupCommit::Commit(Batch& batch, Tickets tickets) {
     }
     throw;
   }
+}
+
+// All tickets in one round trip, if the store can do that and all of them are of the usual kind.
+// Returns false when nothing was committed.
+bool GroupCommit::TryBlind(Tickets tickets) {
+  if (!identity_.known() || ids_.RunsLow()) return false;
+  std::unique_ptr<BlindBatch> const batch = store_.BeginBlindBatch();
+  if (batch == nullptr) return false;
+  BlindCommit work(*batch, rows_);
+  for (CommitTicket* const ticket : tickets) {
+    CommitRequest& request = RequestOf(ticket);
+    request.status = LORV_STATUS_OK;
+    if (!work.Add(request)) return false;
+  }
+  bool committed = false;
+  Commit(tickets, *batch, [&] { committed = work.Commit(); });
+  return committed;
 }
 
 // One batch of the store for all tickets. In their order:
@@ -110,6 +129,7 @@ void GroupCommit::Commit(Batch& batch, Tickets tickets) {
 // images are cached: a reader of the new state never finds an old row, and a reader of an older
 // state never uses a new one. A failure from 2 on discards the batch as a whole; see Lead.
 void GroupCommit::TryAll(Tickets tickets) {
+  if (TryBlind(tickets)) return;
   std::unique_ptr<Batch> const batch = BeginBatch(tickets);
   std::uint32_t position = 0;
   bool anything = false;
@@ -131,7 +151,7 @@ void GroupCommit::TryAll(Tickets tickets) {
   identity_.Assure(*batch);
   IdRange const block = ids_.TopUp(*batch);
   kept.TakeOut(batch->id());
-  Commit(*batch, tickets);
+  Commit(tickets, *batch, [&] { batch->Commit(); });
   kept.PutBack();
   ids_.Install(block);
 }

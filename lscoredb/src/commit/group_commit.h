@@ -66,7 +66,10 @@ class GroupCommit {
   std::unique_ptr<Batch> BeginBatch(Tickets tickets);
   static void LeaveOpen(Tickets tickets) noexcept;
   bool IsNext(CommitId snapshot, CommitId batch);
-  static void Commit(Batch& batch, Tickets tickets);
+  bool TryBlind(Tickets tickets);
+  // Commits the batch, of either kind.
+  template <typename Work>
+  static void Commit(Tickets tickets, auto const& batch, Work&& work);
 
   Store& store_;
   IdAllocator& ids_;

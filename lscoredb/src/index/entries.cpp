@@ -33,11 +33,14 @@ int ComparePieces(std::string_view a, std::string_view a_tail, std::string_view 
   return ComparePieces(a_tail, {}, b, b_tail);
 }
 
-// The least key above all that begin with the prefix; empty: none is, since it has only 0xFF bytes.
-std::string LeastAbove(std::string prefix) {
-  while (!prefix.empty() && prefix.back() == '\xFF') prefix.pop_back();
-  if (!prefix.empty()) prefix.back() = static_cast<char>(prefix.back() + 1);
-  return prefix;
+// The object that an entry leads to; kNoObject: it looks like none.
+ObjectId ObjectIn(KeyValue const& seen) {
+  if (seen.value.size() < kValueHead) return kNoObject;
+  auto const id_size = static_cast<unsigned char>(seen.value[2]);
+  if (id_size > seen.key.size()) return kNoObject;
+  std::uint64_t object = 0;
+  std::string_view const id = seen.key.substr(seen.key.size() - id_size);
+  return ReadOrderedId(id, &object) == id_size ? ObjectId{object} : kNoObject;
 }
 
 void BuildKey(IndexDefinition const& index, std::string_view encoded, ObjectId object,
@@ -48,6 +51,12 @@ void BuildKey(IndexDefinition const& index, std::string_view encoded, ObjectId o
 }
 
 }  // namespace
+
+std::string LeastAbove(std::string prefix) {
+  while (!prefix.empty() && prefix.back() == '\xFF') prefix.pop_back();
+  if (!prefix.empty()) prefix.back() = static_cast<char>(prefix.back() + 1);
+  return prefix;
+}
 
 int Compare(EncodedKey const& a, EncodedKey const& b) {
   return ComparePieces(a.head, a.tail, b.head, b.tail);
@@ -231,12 +240,18 @@ std::size_t EntryCursor::SkipRun(bool forward, std::size_t most) {
 
 ObjectId EntryCursor::Guess(std::size_t ahead, bool forward) const {
   KeyValue seen;
-  std::uint64_t object = 0;
-  if (!cursor_.Peek(ahead, forward, &seen) || seen.value.size() < kValueHead) return kNoObject;
-  auto const id_size = static_cast<unsigned char>(seen.value[2]);
-  if (id_size > seen.key.size()) return kNoObject;
-  std::string_view const id = seen.key.substr(seen.key.size() - id_size);
-  return ReadOrderedId(id, &object) == id_size ? ObjectId{object} : kNoObject;
+  return cursor_.Peek(ahead, forward, &seen) ? ObjectIn(seen) : kNoObject;
+}
+
+void EntryCursor::Upcoming(bool forward, std::size_t most, std::vector<std::uint64_t>* objects) {
+  if (!valid_ || in_group_) return;
+  upcoming_.clear();
+  cursor_.Upcoming(forward, most, &upcoming_);
+  for (KeyValue const& seen : upcoming_) {
+    ObjectId const object = ObjectIn(seen);
+    if (object == kNoObject || !seen.key.starts_with(index_->entry_prefix)) break;
+    objects->push_back(Raw(object));
+  }
 }
 
 void ParseEntry(IndexDefinition const& index, std::string_view stored,

@@ -78,6 +78,9 @@ void DeleteEntries(Batch& batch, IndexDefinition const& index, std::string_view 
 std::string KeyBehind(View const& view, IndexDefinition const& index, std::uint64_t most,
                       std::uint64_t* count);
 
+// The least key above all that begin with the prefix; empty: none is, since it has only 0xFF bytes.
+std::string LeastAbove(std::string prefix);
+
 // What EntryCursor::SeekFirst seeks, for View::PrefetchSeeks.
 std::string SeekKey(IndexDefinition const& index, std::string_view bound);
 
@@ -113,6 +116,10 @@ class EntryCursor {
   // known.
   ObjectId Guess(std::size_t ahead, bool forward) const;
 
+  // Appends the objects of entries that lie ahead, the present one first, as far as a remote store
+  // has them at hand. For prefetching only.
+  void Upcoming(bool forward, std::size_t most, std::vector<std::uint64_t>* objects);
+
   bool valid() const { return valid_; }
   // REQUIRES: valid().
   Entry const& entry() const { return in_group_ ? group_[group_at_] : entry_; }
@@ -141,6 +148,7 @@ class EntryCursor {
   std::vector<Entry> group_;
   std::size_t group_at_ = 0;
   std::string scratch_;
+  std::vector<KeyValue> upcoming_;  // for one call
 };
 
 }  // namespace lscore

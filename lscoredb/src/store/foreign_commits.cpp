@@ -16,6 +16,14 @@ void ForeignCommits::EndCommit(CommitId state, bool succeeded) {
   if (succeeded && state > accounted_) accounted_ = state;
 }
 
+void ForeignCommits::NoteOwnCommit(CommitId state, Changes const& changes,
+                                   std::function<void(CommitId)> const& evict) {
+  std::lock_guard const lock(mutex_);
+  NoteForeign(CommitId{Raw(state) - 1}, changes);
+  evict(state);
+  if (state > accounted_) accounted_ = state;
+}
+
 bool ForeignCommits::NoticeNew(CommitId state, Changes const& changes) {
   std::lock_guard const lock(mutex_);
   if (state == committing_) return false;

@@ -47,6 +47,12 @@ class ForeignCommits {
   void BeginCommit(CommitId state, Changes const& changes);
   void EndCommit(CommitId state, bool succeeded);
 
+  // After a commit of this process made `state`, a number that was not known before. `changes`: up
+  // to the state before it. `evict` evicts what the commit itself replaced, before Notice returns
+  // true for the state, unless it did already and reported the commit as foreign.
+  void NoteOwnCommit(CommitId state, Changes const& changes,
+                     std::function<void(CommitId)> const& evict);
+
  private:
   bool NoticeNew(CommitId state, Changes const& changes);
   void NoteForeign(CommitId state, Changes const& changes);

@@ -39,6 +39,7 @@
 #include <utility>
 #include <vector>
 
+#include "blind_batch.h"
 #include "change_source.h"
 #include "entry_page.h"
 #include "foreign_commits.h"
@@ -107,6 +108,11 @@ class TreeCursor {
   // Enters the page around `entry`, valid as long as the snapshot. Returns false if there is none;
   // each step is then a call of Next or Previous.
   virtual bool EnterPage(KeyValue const& entry, EntryPage* page) = 0;
+
+  // Appends entries from `entry` on, in that direction, that are at hand without a round trip; only
+  // a remote store has any. A hint: there may be more.
+  virtual void Upcoming(KeyValue const& /* entry */, bool /* forward */, std::size_t /* most */,
+                        std::vector<KeyValue>* /* out */) const {}
 
   bool IsOf(Store const& store) const { return store_ == &store; }
 
@@ -252,6 +258,11 @@ class Cursor {
     return page_.inside() && page_.Peek(ahead, forward, entry);
   }
 
+  // See TreeCursor::Upcoming. REQUIRES: the cursor has an entry.
+  void Upcoming(bool forward, std::size_t most, std::vector<KeyValue>* out) const {
+    cursor_->Upcoming(entry_, forward, most, out);
+  }
+
   std::string_view key() const { return entry_.key; }
   std::string_view value() const { return entry_.value; }
 
@@ -289,6 +300,9 @@ class Store {
   virtual std::unique_ptr<Batch> BeginBatch(std::vector<TreeKey> const& /* hints */) {
     return BeginBatch();
   }
+
+  // Null: the store has none, or not now.
+  virtual std::unique_ptr<BlindBatch> BeginBlindBatch() { return nullptr; }
 
   // A snapshot all of whose parts were checked. Reads of a part with a fault are not reliable.
   virtual std::unique_ptr<Snapshot> BeginVerified(FaultReport const& report) = 0;

@@ -10,7 +10,7 @@
 namespace lscore {
 namespace {
 
-constexpr std::size_t kMostTogether = 1024;
+constexpr std::size_t kMostTogether = 8192;
 
 bool IsAtHand(ScanSource const& source, ObjectId id) {
   return id == kNoObject || source.rows->Find(id) != nullptr ||

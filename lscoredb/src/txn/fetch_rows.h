@@ -25,7 +25,7 @@ struct ScanSource {
   bool far = false;   // reading a row takes a round trip to a server
 };
 
-// From a server: the rows that are not cached come in one round trip for each 1024, and the
+// From a server: the rows that are not cached come in one round trip for each 8192, and the
 // snapshot keeps them. From memory: the rows are brought into the processor's cache, which waits
 // for nothing. Returns whether a server was asked.
 bool FetchRows(ScanSource const& source, std::span<std::uint64_t const> ids);

@@ -204,18 +204,14 @@ void Iterator::FetchAhead() {
 }
 
 // Prefetch from a server: one round trip fetches the rows of the next entries, as far as the
-// current page of entries reaches, and the snapshot keeps them. The number grows from 16 to 1024,
+// current page of entries reaches, and the snapshot keeps them. The number grows from 16 to 8192,
 // so short scans fetch little that is not read.
 void Iterator::AskTogether() {
   if (asked_ > 0) --asked_;
   if (asked_ > 0 || given_ == kNoObject || source_.rows->Find(given_) == nullptr) return;
   wanted_.clear();
-  while (asked_ < together_) {
-    ObjectId const id = committed_.Guess(asked_, !reverse_);
-    if (id == kNoObject) break;
-    ++asked_;
-    wanted_.push_back(Raw(id));
-  }
+  committed_.Upcoming(!reverse_, together_, &wanted_);
+  asked_ = wanted_.size();
   if (FetchRows(source_, wanted_)) together_ = std::min(kTogetherGrowth * together_, kMostTogether);
 }
 

@@ -75,8 +75,8 @@ class Iterator {
   static constexpr std::size_t kRowsAhead = 4;
   static constexpr std::uint32_t kStepsPerLook = 32;
   static constexpr std::size_t kFirstTogether = 16;
-  static constexpr std::size_t kMostTogether = 1024;
-  static constexpr std::size_t kTogetherGrowth = 4;
+  static constexpr std::size_t kMostTogether = 8192;
+  static constexpr std::size_t kTogetherGrowth = 8;
 
   ScanSource source_;
   bool open_ = false;

@@ -52,6 +52,11 @@ struct PendingRow {
   Cell& cell(std::uint32_t column) const { return cells[column - kFirstStoredColumn]; }
 };
 
+// Whether a commit has to write the row. One that was inserted and deleted again was never stored.
+inline bool Matters(PendingRow const& row) {
+  return row.changed && !(row.inserted() && row.deleted);
+}
+
 // A row to read, pending or as an image. Four words, passed by value; valid until the row is
 // written.
 struct RowRef {

@@ -94,6 +94,11 @@ struct NewEntry {
 
 using PendingEntryMap = std::pmr::map<PendingKey, PendingEntry, PendingKeyLess>;
 
+// Whether a commit has to look whether the entry's key is taken in a unique index.
+inline bool IsChecked(PendingEntry const& entry) {
+  return entry.state == EntryState::kPresent && !entry.facts.has_null;
+}
+
 }  // namespace lscore
 
 #endif

@@ -78,18 +78,18 @@ TEST_F(ServerChangesTest, Off_KeepsNothingAndHasNoTables) {
   EXPECT_EQ(LSCOREDB_NO_CHANGES, Guarded([&] { return store->Kept(), 0U; }));
   EXPECT_EQ(LSCOREDB_NO_CHANGES, Guarded([&] { return store->OpenChanges({}), 0U; }));
   store->KeepChanges({});
-  EXPECT_EQ(Version(), "1\n");
+  EXPECT_EQ(Version(), "3\n");
   EXPECT_NE(CountOf("feed").find("does not exist"), std::string::npos);
 }
 
 TEST_F(ServerChangesTest, SwitchedOn_RaisesTheVersionUntilItIsSwitchedOff) {
   std::unique_ptr<PostgresStore> const store = OpenKeeping({1000, 60});
-  EXPECT_EQ(Version(), "2\n");
+  EXPECT_EQ(Version(), "4\n");
   CommitNumbers(*store, 1, 3);
   EXPECT_EQ(store->Kept().retention.bytes, 1000U);
   EXPECT_EQ(store->Kept().retention.seconds, 60U);
   store->KeepChanges({});
-  EXPECT_EQ(Version(), "1\n");
+  EXPECT_EQ(Version(), "3\n");
   EXPECT_EQ(CountOf("feed_commits"), "0\n");
   CommitNumbers(*store, 4, 4);
   EXPECT_EQ(LSCOREDB_NO_CHANGES, Guarded([&] { return store->Kept(), 0U; }));
@@ -99,7 +99,7 @@ TEST_F(ServerChangesTest, SwitchedOn_RaisesTheVersionUntilItIsSwitchedOff) {
 TEST_F(ServerChangesTest, NewerTables_AreRefusedAlsoByWhoHasThemOpen) {
   std::unique_ptr<PostgresStore> const store = Open();
   CommitNumbers(*store, 1, 1);
-  Ask("UPDATE", "state", "SET version = 3");
+  Ask("UPDATE", "state", "SET version = 9");
   EXPECT_EQ(LSCOREDB_NEWER_FORMAT, Guarded([&] { return CommitNumbers(*store, 2, 2), 0U; }));
   EXPECT_EQ(LSCOREDB_NEWER_FORMAT, Guarded([&] { return store->Kept(), 0U; }));
   EXPECT_EQ(LSCOREDB_NEWER_FORMAT, Guarded([&] { return Open(), 0U; }));

@@ -115,6 +115,8 @@ void FreeResult::operator()(pg_result* result) const noexcept { PQclear(result);
 
 std::size_t Result::size() const { return static_cast<std::size_t>(PQntuples(result_.get())); }
 
+std::size_t Result::columns() const { return static_cast<std::size_t>(PQnfields(result_.get())); }
+
 std::string_view Result::Bytes(std::size_t row, std::size_t column) const {
   auto const r = static_cast<int>(row);
   auto const c = static_cast<int>(column);
@@ -126,6 +128,10 @@ std::uint64_t Result::Number(std::size_t row, std::size_t column) const {
   std::uint64_t number = 0;
   for (char const c : Bytes(row, column)) number = number << 8 | static_cast<unsigned char>(c);
   return number;
+}
+
+bool Result::IsNull(std::size_t row, std::size_t column) const {
+  return PQgetisnull(result_.get(), static_cast<int>(row), static_cast<int>(column)) != 0;
 }
 
 Parameters& Parameters::Bytes(std::string_view bytes) {
@@ -326,6 +332,7 @@ void Connection::Send(Statement const& statement, Parameters const& parameters) 
        PQsendQueryPrepared(connection_, statement.name.c_str(), static_cast<int>(values.size()),
                            values.data(), lengths.data(), formats.data(), kBinary) == 1;
   added_.push_back({});
+  ++statements_added_;
   if (!ok) Break(Lost::kNothing);
 }
 
@@ -333,6 +340,7 @@ void Connection::Post() noexcept {
   try {
     if (broken_ || stopped_) return;
     added_.clear();
+    statements_added_ = 0;
     if (PQpipelineSync(connection_) != 1) Break(Lost::kNothing);
     ++posted_;
     Flush(DeadlineFromNow());
@@ -381,7 +389,9 @@ std::vector<Result> Connection::TakeResults(Deadline deadline) {
   Status failed = LORV_STATUS_OK;
   for (Awaited const& one : awaited) {
     Result result;
+    bool const well = failed == LORV_STATUS_OK;
     bool const done = TakeResult(deadline, &failed, &result);
+    if (well && failed != LORV_STATUS_OK) refused_at_ = results.size();
     if (one.prepares.empty()) {
       results.push_back(std::move(result));
     } else if (!done) {
@@ -395,6 +405,7 @@ std::vector<Result> Connection::TakeResults(Deadline deadline) {
 
 std::vector<Result> Connection::Exchange(Lost lost) {
   stoppable_ = lost == Lost::kNothing;
+  statements_added_ = 0;
   try {
     Deadline const deadline = DeadlineFromNow();
     if (broken_ || PQpipelineSync(connection_) != 1) Throw(LSCOREDB_SERVER_LOST);

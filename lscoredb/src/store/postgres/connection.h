@@ -34,9 +34,11 @@ class Result {
 
   pg_result const* get() const { return result_.get(); }
   std::size_t size() const;
+  std::size_t columns() const;
   // REQUIRES: the row and column exist, and the value is not null.
   std::string_view Bytes(std::size_t row, std::size_t column) const;
   std::uint64_t Number(std::size_t row, std::size_t column) const;  // a bigint
+  bool IsNull(std::size_t row, std::size_t column) const;
 
  private:
   std::unique_ptr<pg_result, FreeResult> result_;
@@ -95,6 +97,8 @@ class Connection {
 
   // Adds a statement to the next round trip.
   void Add(Statement const& statement, Parameters const& parameters = {});
+  // How many statements were added since the last exchange.
+  std::size_t added() const { return statements_added_; }
   // Sends what was added and returns one result for each. Throws the status of the first statement
   // that failed; those after it were not executed.
   //
@@ -103,6 +107,8 @@ class Connection {
   // a commit is not stopped: a server that stops waiting for its standby shows others a commit that
   // the standby does not have.
   std::vector<Result> Exchange(Lost lost = Lost::kNothing);
+  // After an Exchange that threw what the server refused: the position of the statement.
+  std::size_t refused_at() const { return refused_at_; }
   // Sends what was added without waiting. The next Exchange reads and ignores the results.
   void Post() noexcept;
   // Exchange for one statement.
@@ -140,6 +146,8 @@ class Connection {
   std::set<std::string> prepared_;
   std::vector<Awaited> added_;
   std::size_t posted_ = 0;  // posted exchanges whose results were not read yet
+  std::size_t refused_at_ = 0;
+  std::size_t statements_added_ = 0;
   Waits waits_;
   bool stoppable_ = true;  // what is being waited for
   bool stopped_ = false;   // a wait was

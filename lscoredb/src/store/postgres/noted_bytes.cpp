@@ -36,9 +36,11 @@ std::vector<std::string_view> NotesIn(std::string_view bytes, CommitId commit) {
   if (bytes.empty()) return notes;
   FieldReader fields(bytes);
   auto const checksum = fields.Next<std::uint32_t>();
-  if (!fields.ok() || checksum != ChecksumOf(commit, bytes.substr(kChecksumSize))) {
-    Throw(LSCOREDB_DAMAGED);
-  }
+  if (!fields.ok()) Throw(LSCOREDB_DAMAGED);
+  std::string_view const rest = bytes.substr(kChecksumSize);
+  bool const intact =
+      checksum == ChecksumOf(commit, rest) || checksum == ChecksumOf(CommitId{0}, rest);
+  if (!intact) Throw(LSCOREDB_DAMAGED);
   while (!fields.at_end()) {
     auto const size = fields.Next<std::uint32_t>();
     notes.push_back(fields.Bytes(size));

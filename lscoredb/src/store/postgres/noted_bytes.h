@@ -4,7 +4,7 @@
 // The notes of a commit as a server keeps them. Numbers are little endian; frozen.
 //
 //   offset  size  content
-//        0     4  CRC-32C of the commit's number (8) and of the rest
+//        0     4  CRC-32C of the commit's number (8), or 0 if it was not known yet, and of the rest
 //        4        the notes, each after its size (4), without gaps
 //
 // Empty if the commit has none.
@@ -20,7 +20,7 @@ namespace lscore {
 class NotedBytes {
  public:
   void Add(std::string_view note);
-  // The bytes for the commit, valid as long as this.
+  // The bytes for the commit, valid as long as this. 0: its number is not known yet.
   std::string_view Finish(CommitId commit);
 
  private:

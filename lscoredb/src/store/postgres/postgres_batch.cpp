@@ -15,14 +15,11 @@ namespace {
 
 constexpr std::size_t kStatementBytes = std::size_t{8} << 20;
 constexpr std::size_t kStatementEntries = 10'000;
-constexpr std::uint64_t kTidyEvery = 1000;  // states
 
-// The feed of changes: how often commits trim it, and how many are looked at then, which is more
-// than came in between. What a commit counts for besides its notes.
-constexpr std::uint64_t kTrimEvery = 50;
+// The feed of changes: how many commits are looked at when one trims it, which is more than came in
+// between.
 constexpr std::uint64_t kTrimmedAtOnce = 4 * kTrimEvery;
 constexpr std::size_t kTrimAfterBytes = std::size_t{1} << 20;
-constexpr std::size_t kCommitBytes = 64;
 constexpr std::size_t kPartBytes = std::size_t{8} << 20;
 // Of a retention, which the server counts in numbers with a sign, and in microseconds.
 constexpr std::uint64_t kMostBytes = std::numeric_limits<std::int64_t>::max();
@@ -152,7 +149,7 @@ PostgresBatch::PostgresBatch(PostgresStore& store, std::vector<TreeKey> const& h
 void PostgresBatch::Begin(std::vector<TreeKey> const& hints) {
   connection_ = store_.TakeConnection();
   Statements const& statements = store_.statements();
-  view_ = std::make_unique<ServerView>(*connection_, statements);
+  view_ = std::make_unique<ServerView>(*connection_, statements, store_.numbered());
   state_ =
       store_.BeginAt(*connection_, statements.begin_batch, statements.lock_state, *view_, hints);
   set_id(CommitId{Raw(state_.id) + 1});
@@ -254,14 +251,21 @@ void PostgresBatch::SendPuts(Tree tree, std::vector<std::string> const& keys,
                              std::vector<std::string_view> const& values) {
   if (keys.empty()) return;
   std::vector<std::string_view> const views(keys.begin(), keys.end());
-  connection_->Add(store_.statements().Of(tree).put,
-                   Parameters().ManyBytes(views).ManyBytes(values));
+  TreeStatements const& statements = StatementsOf(tree);
+  Parameters parameters = Parameters().ManyBytes(views).ManyBytes(values);
+  if (statements.numbered) {
+    std::vector<std::uint64_t> numbers;
+    for (std::size_t i = 0; i < keys.size(); ++i) {
+      numbers.push_back(NumberIn(tree, ServerKey(tree, keys[i]), values[i]));
+    }
+    parameters.ManyNumbers(numbers);
+  }
+  connection_->Add(statements.put, parameters);
 }
 
 void PostgresBatch::Send(Tree tree) {
   for (auto const& [low, high] : RemovedFrom(tree).all()) {
-    connection_->Add(store_.statements().Of(tree).remove_range,
-                     Parameters().Bytes(low).Bytes(high));
+    connection_->Add(StatementsOf(tree).remove_range, Parameters().Bytes(low).Bytes(high));
   }
   std::vector<std::string> removed;
   std::vector<std::string> keys;
@@ -284,7 +288,7 @@ void PostgresBatch::Send(Tree tree) {
   SendPuts(tree, keys, values);
   if (removed.empty()) return;
   std::vector<std::string_view> const views(removed.begin(), removed.end());
-  connection_->Add(store_.statements().Of(tree).remove, Parameters().ManyBytes(views));
+  connection_->Add(StatementsOf(tree).remove, Parameters().ManyBytes(views));
 }
 
 Result PostgresBatch::ReadChanges(CommitId after) const {
@@ -307,7 +311,7 @@ void PostgresBatch::SendChanges(std::uint64_t state) {
     std::vector<std::string_view> const views(keys.begin(), keys.end());
     connection_->Add(statements.put_changes, Parameters().Number(state).ManyBytes(views));
   }
-  if (state % kTidyEvery == 0 && state > kChangesKept) {
+  if (tidies_ && state > kChangesKept) {
     connection_->Add(statements.drop_changes, Parameters().Number(state - kChangesKept));
     listed = std::max(listed, state - kChangesKept);
   }
@@ -319,14 +323,14 @@ void PostgresBatch::SendRetention() {
   connection_->Add(feed.set_retention, Parameters()
                                            .Number(std::min(retention_->bytes, kMostBytes))
                                            .Number(std::min(retention_->seconds, kMostSeconds)));
-  connection_->Add(feed.set_version,
-                   Parameters().Number(retention_->keeps() ? kFeedVersion : kTablesVersion));
+  connection_->Add(feed.set_version, Parameters().Number(TablesVersion(HasNumbers(state_.version),
+                                                                       retention_->keeps())));
 }
 
 void PostgresBatch::SendNotes(std::uint64_t state) {
   FeedStatements const& feed = store_.feed_statements();
   std::string_view rest = notes_.Finish(CommitId{state});
-  std::size_t const counted = rest.size() + kCommitBytes;
+  std::size_t const counted = rest.size() + PostgresStore::kCommitBytes;
   std::size_t const parts = rest.empty() ? 0 : (rest.size() - 1) / kPartBytes;
   connection_->Add(feed.put_commit, Parameters()
                                         .Number(state)
@@ -340,7 +344,7 @@ void PostgresBatch::SendNotes(std::uint64_t state) {
     connection_->Add(feed.put_part,
                      Parameters().Number(state).Number(part).Bytes(rest.substr(0, kPartBytes)));
   }
-  if (state % kTrimEvery != 0 && counted < kTrimAfterBytes) return;
+  if (!trims_ && counted < kTrimAfterBytes) return;
   connection_->Add(feed.trim, Parameters().Number(UnixMicroseconds()).Number(kTrimmedAtOnce));
   connection_->Add(feed.trim_parts);
 }
@@ -358,12 +362,15 @@ bool PostgresBatch::SendAll() {
   Statements const& statements = store_.statements();
   std::uint64_t const state = Raw(id()) + TakeStatesBefore();
   in_doubt_ = {NewTicket(), CommitId{state}};
+  bool const due = store_.TakeTidying();
+  tidies_ = due || state % kTidyEvery == 0;
+  trims_ = due || state % kTrimEvery == 0;
   if (!store_.sync() && !asks_for_sync()) connection_->Add(statements.no_wait_for_disk);
   for (std::size_t i = 0; i < kTreeCount; ++i) Send(static_cast<Tree>(i));
   connection_->Add(statements.put_ticket, Parameters().Bytes(in_doubt_.ticket).Number(state));
   SendChanges(state);
   SendFeed(state);
-  if (state % kTidyEvery == 0 && state > kTicketsKept) {
+  if (tidies_ && state > kTicketsKept) {
     connection_->Add(statements.drop_tickets, Parameters().Number(state - kTicketsKept));
   }
   connection_->Add(statements.commit);

@@ -62,7 +62,7 @@ class PostgresBatch final : public Batch {
   void RemoveRange(Tree tree, std::string_view low, std::string_view high) override;
   void Commit() override;
   CommitInDoubt in_doubt() const override { return in_doubt_; }
-  bool takes_notes() const override { return state_.keeps_changes; }
+  bool takes_notes() const override { return KeepsChanges(state_.version); }
   void Note(std::string_view note) override { notes_.Add(note); }
   // Changes with the commit for how long changes are kept. REQUIRES: the tables of the feed exist.
   void SetRetention(Retention const& retention) { retention_ = retention; }
@@ -76,6 +76,9 @@ class PostgresBatch final : public Batch {
   Written const& WrittenTo(Tree tree) const { return written_[static_cast<std::size_t>(tree)]; }
   RemovedRanges const& RemovedFrom(Tree tree) const {
     return removed_[static_cast<std::size_t>(tree)];
+  }
+  TreeStatements const& StatementsOf(Tree tree) const {
+    return store_.statements().Of(tree, HasNumbers(state_.version));
   }
   bool changed() const;
   void SendChanges(std::uint64_t state);
@@ -99,6 +102,8 @@ class PostgresBatch final : public Batch {
   std::array<Written, kTreeCount> written_;
   std::array<RemovedRanges, kTreeCount> removed_;
   NotedBytes notes_;
+  bool tidies_ = false;  // deletes old lists and tickets
+  bool trims_ = false;   // the feed
   std::optional<Retention> retention_;
   CommitInDoubt in_doubt_;  // set when the commit is sent
 };

@@ -11,6 +11,7 @@
 #include "bytes.h"
 #include "format.h"
 #include "postgres_batch.h"
+#include "postgres_blind_batch.h"
 #include "refusal.h"
 #include "server_changes.h"
 #include "server_reservations.h"
@@ -49,6 +50,7 @@ PostgresStore::PostgresStore(std::string_view url, StoreOptions const& options)
       options_(options),
       statements_(url_.schema),
       feed_statements_(url_.schema),
+      blind_statements_(url_.schema),
       waits_{std::make_shared<std::atomic<std::uint64_t>>(0), options.stops_wait},
       sync_(options.sync) {
   auto connection = std::make_unique<Connection>(url_, waits_);
@@ -67,6 +69,11 @@ PostgresStore::PostgresStore(std::string_view url, StoreOptions const& options)
     Check(status);
   }
   if (version > kNewestTablesVersion) Throw(LSCOREDB_NEWER_FORMAT);
+  if (!HasNumbers(version) && !read_only()) {
+    AddNumbers(*connection);
+    read_version();
+  }
+  version_ = version;
   CheckFormat(*connection);
   WaitForStandby(*connection);
   idle_.push_back(std::move(connection));
@@ -84,9 +91,21 @@ bool PostgresStore::Exists(std::string_view url, StopsWait stops_wait) {
   return status == LORV_STATUS_OK;
 }
 
+// Only the owner of the tables can, and only while nobody reads them for long. Without it commits
+// take two round trips.
+void PostgresStore::AddNumbers(Connection& connection) const {
+  Status const status = StatusOf([&] {
+    for (Statement const& statement : statements_.add_numbers) connection.Add(statement);
+    connection.Exchange();
+  });
+  if (status == LORV_STATUS_OK) return;
+  if (status == LSCOREDB_SERVER_LOST || status == LSCOREDB_STOPPED) Throw(status);
+  connection.Run(statements_.rollback);
+}
+
 // An incomplete copy has no format record (CopyStore).
 void PostgresStore::CheckFormat(Connection& connection) const {
-  ServerView view(connection, statements_);
+  ServerView view(connection, statements_, numbered());
   std::string_view record;
   if (!view.Get(Tree::kMeta, format::kFormatKey, &record) ||
       record.size() != format::kMagic.size() + 4 || !record.starts_with(format::kMagic)) {
@@ -206,7 +225,9 @@ void PostgresStore::GiveBack(std::unique_ptr<Connection> connection) const noexc
 // Most transactions ask first whether the indexes are those that the process knows, and those that
 // insert, whether any set was closed. The answers come with the state.
 PostgresSnapshot::PostgresSnapshot(PostgresStore& store)
-    : store_(store), connection_(store.TakeConnection()), view_(*connection_, store.statements()) {
+    : store_(store),
+      connection_(store.TakeConnection()),
+      view_(*connection_, store.statements(), store.numbered()) {
   static std::vector<TreeKey> const asked_by_most = {
       {Tree::kMeta, std::string(format::kIndexesKey)},
       {Tree::kMeta, std::string(format::kClosingsKey)}};
@@ -269,6 +290,21 @@ std::unique_ptr<Batch> PostgresStore::BeginBatch(std::vector<TreeKey> const& hin
   return std::make_unique<PostgresBatch>(*this, hints);
 }
 
+// Not while something else has to be done with a commit, and not without a state to begin from.
+std::unique_ptr<BlindBatch> PostgresStore::BeginBlindBatch() {
+  std::uint64_t const version = version_;
+  if (read_only() || !HasNumbers(version) || tidying_due_) return nullptr;
+  std::lock_guard const lock(mutex_);
+  if (known_ == CommitId{0}) return nullptr;
+  return std::make_unique<PostgresBlindBatch>(*this, known_, version);
+}
+
+void PostgresStore::NoteBlindCommit(CommitId state) noexcept {
+  NoteKnown(state);
+  bool const trims = lscore::KeepsChanges(version_) && Raw(state) % kTrimEvery == 0;
+  if (trims || Raw(state) % kTidyEvery == 0) tidying_due_ = true;
+}
+
 // ---- what others change ------------------------------------------------------------------------
 
 // The changes are read after the state, in the same round trip: a batch first waits there for the
@@ -276,6 +312,7 @@ std::unique_ptr<Batch> PostgresStore::BeginBatch(std::vector<TreeKey> const& hin
 StateRead PostgresStore::BeginAt(Connection& connection, Statement const& begin,
                                  Statement const& state, ServerView& view,
                                  std::vector<TreeKey> const& hints) const {
+  bool const numbered = view.numbered();
   StateRead read;
   {
     std::lock_guard const lock(mutex_);
@@ -290,9 +327,12 @@ StateRead PostgresStore::BeginAt(Connection& connection, Statement const& begin,
   view.Take(asked, std::span(results).subspan(3));
   Result const& row = results[1];
   if (row.size() != 1) Throw(LSCOREDB_NOT_A_DATABASE);
-  if (row.Number(0, 1) > kNewestTablesVersion) Throw(LSCOREDB_NEWER_FORMAT);
+  read.version = row.Number(0, 1);
+  if (read.version > kNewestTablesVersion) Throw(LSCOREDB_NEWER_FORMAT);
+  version_ = read.version;
+  // Another program has brought the tables up to date: once more, as on a connection that was cut.
+  if (HasNumbers(read.version) != numbered) Throw(LSCOREDB_SERVER_LOST);
   read.id = CommitId{row.Number(0, 0)};
-  read.keeps_changes = row.Number(0, 1) >= kFeedVersion;
   read.listed = CommitId{row.Number(0, 2)};
   read.changes = std::move(results[2]);
   return read;
@@ -345,7 +385,7 @@ CommitId PostgresStore::KeepingState(Result const& state) {
   if (state.size() != 1) Throw(LSCOREDB_NOT_A_DATABASE);
   std::uint64_t const version = state.Number(0, 1);
   if (version > kNewestTablesVersion) Throw(LSCOREDB_NEWER_FORMAT);
-  if (version < kFeedVersion) Throw(LSCOREDB_NO_CHANGES);
+  if (!lscore::KeepsChanges(version)) Throw(LSCOREDB_NO_CHANGES);
   return CommitId{state.Number(0, 0)};
 }
 

@@ -21,6 +21,7 @@
 #include <string>
 #include <vector>
 
+#include "blind_statements.h"
 #include "connection.h"
 #include "feed_statements.h"
 #include "server_view.h"
@@ -41,7 +42,7 @@ using UsedConnection = std::unique_ptr<Connection, LetGo>;
 // A state of the database, and the rows that changed before it.
 struct StateRead {
   CommitId id{0};
-  bool keeps_changes = false;
+  std::uint64_t version = 0;  // of the tables
   CommitId listed{0};         // changes after this state are listed on the server
   CommitId changes_after{0};  // `changes` has those after this state
   Result changes;             // keys of rows
@@ -62,6 +63,7 @@ class PostgresStore final : public Store {
   std::unique_ptr<Batch> BeginBatch() override { return BeginBatch({}); }
   bool takes_hints() const override { return true; }
   std::unique_ptr<Batch> BeginBatch(std::vector<TreeKey> const& hints) override;
+  std::unique_ptr<BlindBatch> BeginBlindBatch() override;
   std::unique_ptr<Snapshot> BeginVerified(FaultReport const&) override { return Begin(); }
   void Verify() override;
   StoreStatistics Statistics() const override;
@@ -78,12 +80,22 @@ class PostgresStore final : public Store {
   // For snapshots and batches.
   Statements const& statements() const { return statements_; }
   bool sync() const;
+  // Whether the tables have the column `number`, as last seen.
+  bool numbered() const { return HasNumbers(version_); }
   // Begins a transaction and reads, or locks, the newest state, in one round trip with the changes
   // since the known state and the hints for a view.
   StateRead BeginAt(Connection& connection, Statement const& begin, Statement const& state,
                     ServerView& view, std::vector<TreeKey> const& hints) const;
   // This process has evicted all rows that changed up to the state.
   void NoteKnown(CommitId state) const noexcept;
+  // What a commit of an unknown number counts for in the feed, besides its notes.
+  static constexpr std::uint64_t kCommitBytes = 64;
+  // A commit in one round trip made the state. It leaves what is done from time to time to the next
+  // batch of this process.
+  void NoteBlindCommit(CommitId state) noexcept;
+  // Whether a batch has to do that.
+  bool TakeTidying() { return tidying_due_.exchange(false); }
+  BlindStatements const& blind_statements() const { return blind_statements_; }
   // AskOutcome for the batch itself, whose wait is not stopped.
   bool AskOwnOutcome(CommitInDoubt const& commit) const {
     return Ask(commit, waits_.Unstoppable());
@@ -108,6 +120,7 @@ class PostgresStore final : public Store {
   bool ListChanges(View const& view, CommitId after, std::vector<ObjectId>* changed) const override;
   std::string ShownName() const override { return "the database at " + url_.shown; }
   std::shared_ptr<void> WaitForCreationLock() override;
+  void AddNumbers(Connection& connection) const;
   void CheckFormat(Connection& connection) const;
   void RequireNoForeignTables(Connection& connection) const;
   void MakeTables(Connection& connection, std::vector<Statement> const& tables) const;
@@ -122,7 +135,10 @@ class PostgresStore final : public Store {
   StoreOptions const options_;
   Statements const statements_;
   FeedStatements const feed_statements_;
+  BlindStatements const blind_statements_;
   Waits const waits_;
+  std::atomic<std::uint64_t> mutable version_{0};  // of the tables, as last seen
+  std::atomic<bool> tidying_due_{false};
   std::mutex batch_mutex_;  // held by the open batch
   std::mutex mutable mutex_;
   bool sync_;

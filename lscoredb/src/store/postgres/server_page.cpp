@@ -13,38 +13,35 @@ constexpr std::uint16_t kElsewhere = 1;
 
 }  // namespace
 
-std::string ServerKey(Tree tree, std::string_view key) {
-  return tree == Tree::kRows ? std::string(key.rbegin(), key.rend()) : std::string(key);
-}
-
 bool KeyLess(Tree tree, std::string_view a, std::string_view b) {
   if (tree != Tree::kRows) return a < b;
   return Load<std::uint64_t>(a.data()) < Load<std::uint64_t>(b.data());
 }
 
-ServerPage::ServerPage(Tree tree, Result rows, std::size_t asked, bool falling)
+ServerPage::ServerPage(Tree tree, Result rows, NumberedValues& numbers, std::size_t asked,
+                       bool falling)
     : tree_(tree), asked_(asked), rows_(std::move(rows)) {
   std::size_t const count = rows_.size();
   numbers_.reserve(sizeof(std::uint64_t) * count);
   entries_.reserve(count);
-  for (std::size_t n = 0; n < count; ++n) AddEntry(rows_, falling ? count - 1 - n : n);
+  for (std::size_t n = 0; n < count; ++n) AddEntry(rows_, numbers, falling ? count - 1 - n : n);
 }
 
-ServerPage::ServerPage(Tree tree, Result const& rows, std::size_t first, std::size_t count,
-                       std::size_t asked)
+ServerPage::ServerPage(Tree tree, Result const& rows, NumberedValues& numbers, std::size_t first,
+                       std::size_t count, std::size_t asked)
     : tree_(tree), asked_(asked) {
   numbers_.reserve(sizeof(std::uint64_t) * count);
   entries_.reserve(count);
-  for (std::size_t i = first; i < first + count; ++i) AddEntry(rows, i);
+  for (std::size_t i = first; i < first + count; ++i) AddEntry(rows, numbers, i);
 }
 
-void ServerPage::AddEntry(Result const& rows, std::size_t i) {
+void ServerPage::AddEntry(Result const& rows, NumberedValues& numbers, std::size_t i) {
   std::string_view key = rows.Bytes(i, 0);
   if (tree_ == Tree::kRows) {
     numbers_ += ServerKey(tree_, key);
     key = std::string_view(numbers_).substr(numbers_.size() - sizeof(std::uint64_t));
   }
-  entries_.push_back({key, rows.Bytes(i, 1)});
+  entries_.push_back({key, numbers.Read(tree_, key, rows, i, 1)});
 }
 
 std::size_t ServerPage::LowerBound(std::string_view key) const {

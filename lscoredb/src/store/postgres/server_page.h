@@ -9,23 +9,22 @@
 
 #include "connection.h"
 #include "entry_page.h"
+#include "numbered_values.h"
 #include "store.h"
 
 namespace lscore {
 
-// Converts a key between ours and the server's form, which orders by bytes: the number of a row has
-// its bytes reversed, other keys are the same. Its own inverse.
-std::string ServerKey(Tree tree, std::string_view key);
 // The order of keys in the tree.
 bool KeyLess(Tree tree, std::string_view a, std::string_view b);
 
 class ServerPage {
  public:
   // `falling`: the reply has the rows in descending order. `asked`: so many were asked for.
-  ServerPage(Tree tree, Result rows, std::size_t asked, bool falling);
+  // `numbers`: outlives the page.
+  ServerPage(Tree tree, Result rows, NumberedValues& numbers, std::size_t asked, bool falling);
   // Of `count` rows of a reply that outlives the page, from row `first` on, which ascend.
-  ServerPage(Tree tree, Result const& rows, std::size_t first, std::size_t count,
-             std::size_t asked);
+  ServerPage(Tree tree, Result const& rows, NumberedValues& numbers, std::size_t first,
+             std::size_t count, std::size_t asked);
 
   // Whether the page reaches the end of the tree.
   bool ends() const { return size() < asked_; }
@@ -44,7 +43,7 @@ class ServerPage {
     std::vector<std::uint16_t> offsets;
   };
 
-  void AddEntry(Result const& rows, std::size_t i);
+  void AddEntry(Result const& rows, NumberedValues& numbers, std::size_t i);
   void BuildSlotted() const;
 
   Tree const tree_;

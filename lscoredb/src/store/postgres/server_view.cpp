@@ -6,8 +6,8 @@ namespace lscore {
 namespace {
 
 constexpr std::size_t kFirstPage = 16;
-constexpr std::size_t kLargestPage = 4096;
-constexpr std::size_t kPageGrowth = 4;
+constexpr std::size_t kLargestPage = 8192;
+constexpr std::size_t kPageGrowth = 8;
 // Of a seek that was announced: an entry of the caller's own, and that of another.
 constexpr std::size_t kSoughtPage = 2;
 
@@ -26,9 +26,9 @@ bool ServerView::Get(Tree tree, std::string_view key, std::string_view* value) {
   if (asked) {
     try {
       Parameters const parameters = Parameters().Bytes(ServerKey(tree, key));
-      Result found = connection_.Run(statements_.Of(tree).get, parameters);
+      Result found = connection_.Run(Of(tree).get, parameters);
       if (found.size() > 0) {
-        at->second = found.Bytes(0, 0);
+        at->second = numbers_.Read(tree, key, found, 0, 0);
         results_.push_back(std::move(found));
       }
     } catch (...) {
@@ -48,7 +48,7 @@ void ServerView::GetMany(Tree tree, std::span<std::string_view const> keys,
     if (!known.contains(std::string(key))) asked.push_back(ServerKey(tree, key));
   }
   if (!asked.empty()) {
-    Learn(tree, asked, connection_.Run(statements_.Of(tree).get_many, KeysOf(asked)));
+    Learn(tree, asked, connection_.Run(Of(tree).get_many, KeysOf(asked)));
   }
   for (std::size_t i = 0; i < keys.size(); ++i) values[i] = known.at(std::string(keys[i]));
 }
@@ -59,7 +59,9 @@ void ServerView::Learn(Tree tree, Range const& asked, Result found) {
   Known& known = KnownOf(tree);
   for (std::string const& key : asked) known.try_emplace(ServerKey(tree, key));
   for (std::size_t i = 0; i < found.size(); ++i) {
-    known[ServerKey(tree, found.Bytes(i, 0))] = found.Bytes(i, 1);
+    std::string key = ServerKey(tree, found.Bytes(i, 0));
+    std::string_view const value = numbers_.Read(tree, key, found, i, 1);
+    known[std::move(key)] = value;
   }
   results_.push_back(std::move(found));
 }
@@ -71,7 +73,7 @@ ServerView::Asked ServerView::Ask(std::vector<TreeKey> const& hints) {
     keys[static_cast<std::size_t>(hint.tree)].insert(ServerKey(hint.tree, hint.key));
   }
   for (std::size_t i = 0; i < kTreeCount; ++i) {
-    TreeStatements const& tree = statements_.trees[i];
+    TreeStatements const& tree = Of(static_cast<Tree>(i));
     if (!asked.gets[i].empty()) connection_.Add(tree.get_many, KeysOf(asked.gets[i]));
     if (!asked.seeks[i].empty()) connection_.Add(tree.seek_many, KeysOf(asked.seeks[i]));
   }
@@ -93,7 +95,7 @@ void ServerView::PrefetchSeeks(Tree tree, std::vector<std::string> const& keys) 
     if (!SoughtIn(tree).contains(key)) asked.insert(ServerKey(tree, key));
   }
   if (asked.empty()) return;
-  LearnSought(tree, asked, connection_.Run(statements_.Of(tree).seek_many, KeysOf(asked)));
+  LearnSought(tree, asked, connection_.Run(Of(tree).seek_many, KeysOf(asked)));
 }
 
 // The rows are ordered by the key that was sought, which their third column has. A key without rows
@@ -103,7 +105,7 @@ void ServerView::LearnSought(Tree tree, std::set<std::string> const& asked, Resu
   for (std::string const& key : asked) {
     std::size_t const first = at;
     while (at < found.size() && found.Bytes(at, 2) == key) ++at;
-    pages_.push_back(std::make_unique<ServerPage>(tree, found, first, at - first, kSoughtPage));
+    pages_.push_back(std::make_unique<ServerPage>(tree, found, numbers_, first, at - first, kSoughtPage));
     SoughtIn(tree)[ServerKey(tree, key)] = pages_.back().get();
   }
   results_.push_back(std::move(found));
@@ -114,7 +116,8 @@ void ServerView::LearnSought(Tree tree, std::set<std::string> const& asked, Resu
 ServerPage const& ServerView::Fetch(Tree tree, Statement const& statement,
                                     Parameters const& parameters, std::size_t most, bool falling) {
   pages_.push_back(
-      std::make_unique<ServerPage>(tree, connection_.Run(statement, parameters), most, falling));
+      std::make_unique<ServerPage>(tree, connection_.Run(statement, parameters), numbers_, most,
+                                   falling));
   ServerPage const& page = *pages_.back();
   if (tree != Tree::kRows) return page;
   // Whoever scans rows reads them too.
@@ -127,22 +130,22 @@ ServerPage const& ServerView::Fetch(Tree tree, Statement const& statement,
 ServerPage const& ServerView::From(Tree tree, std::string_view key, std::size_t most) {
   Sought const& sought = SoughtIn(tree);
   if (auto const at = sought.find(std::string(key)); at != sought.end()) return *at->second;
-  return Fetch(tree, statements_.Of(tree).from,
+  return Fetch(tree, Of(tree).from,
                Parameters().Bytes(ServerKey(tree, key)).Number(most), most, false);
 }
 
 ServerPage const& ServerView::After(Tree tree, std::string_view key, std::size_t most) {
-  return Fetch(tree, statements_.Of(tree).after,
+  return Fetch(tree, Of(tree).after,
                Parameters().Bytes(ServerKey(tree, key)).Number(most), most, false);
 }
 
 ServerPage const& ServerView::Before(Tree tree, std::string_view key, std::size_t most) {
-  return Fetch(tree, statements_.Of(tree).before,
+  return Fetch(tree, Of(tree).before,
                Parameters().Bytes(ServerKey(tree, key)).Number(most), most, true);
 }
 
 ServerPage const& ServerView::Last(Tree tree, std::size_t most) {
-  return Fetch(tree, statements_.Of(tree).last, Parameters().Number(most), most, true);
+  return Fetch(tree, Of(tree).last, Parameters().Number(most), most, true);
 }
 
 // ---- cursors -----------------------------------------------------------------------------------
@@ -170,7 +173,7 @@ bool ServerCursor::GiveLast(ServerPage const& page, KeyValue* entry) {
   return Give(page.size() - 1, entry);
 }
 
-// Pages grow from 16 to 4096 entries: a short scan fetches little, a long one takes few round
+// Pages grow from 16 to 8192 entries: a short scan fetches little, a long one takes few round
 // trips.
 std::size_t ServerCursor::Grown() {
   most_ = std::clamp(kPageGrowth * most_, kFirstPage, kLargestPage);
@@ -215,6 +218,16 @@ bool ServerCursor::Previous(KeyValue* entry) {
 bool ServerCursor::EnterPage(KeyValue const& entry, EntryPage* page) {
   std::optional<std::size_t> const at = Find(entry.key);
   return at.has_value() && page_->Enter(*at, page);
+}
+
+void ServerCursor::Upcoming(KeyValue const& entry, bool forward, std::size_t most,
+                            std::vector<KeyValue>* out) const {
+  std::optional<std::size_t> const at = Find(entry.key);
+  if (!at.has_value()) return;
+  std::size_t const there = forward ? page_->size() - *at : *at + 1;
+  for (std::size_t i = 0; i < std::min(most, there); ++i) {
+    out->push_back(page_->entry(forward ? *at + i : *at - i));
+  }
 }
 
 }  // namespace lscore

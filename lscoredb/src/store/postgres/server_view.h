@@ -23,9 +23,11 @@ namespace lscore {
 class ServerView {
  public:
   // REQUIRES: the connection is inside a transaction in which the trees do not change.
-  ServerView(Connection& connection, Statements const& statements)
-      : connection_(connection), statements_(statements) {}
+  // `numbered`: HasNumbers of the tables.
+  ServerView(Connection& connection, Statements const& statements, bool numbered)
+      : connection_(connection), statements_(statements), numbered_(numbered), numbers_(numbered) {}
 
+  bool numbered() const { return numbered_; }
   bool Get(Tree tree, std::string_view key, std::string_view* value);
   // In one round trip.
   void GetMany(Tree tree, std::span<std::string_view const> keys,
@@ -59,12 +61,15 @@ class ServerView {
   void Learn(Tree tree, Range const& asked, Result found);
   void LearnSought(Tree tree, std::set<std::string> const& asked, Result found);
   Sought& SoughtIn(Tree tree) { return sought_[static_cast<std::size_t>(tree)]; }
+  TreeStatements const& Of(Tree tree) const { return statements_.Of(tree, numbered_); }
   Known& KnownOf(Tree tree) { return known_[static_cast<std::size_t>(tree)]; }
   ServerPage const& Fetch(Tree tree, Statement const& statement, Parameters const& parameters,
                           std::size_t most, bool falling);
 
   Connection& connection_;
   Statements const& statements_;
+  bool const numbered_;
+  NumberedValues numbers_;
   std::array<Known, kTreeCount> known_;
   std::array<Sought, kTreeCount> sought_;
   std::vector<Result> results_;
@@ -83,6 +88,8 @@ class ServerCursor final : public TreeCursor {
   bool Next(KeyValue* entry) override;
   bool Previous(KeyValue* entry) override;
   bool EnterPage(KeyValue const& entry, EntryPage* page) override;
+  void Upcoming(KeyValue const& entry, bool forward, std::size_t most,
+                std::vector<KeyValue>* out) const override;
 
  private:
   bool Give(std::size_t i, KeyValue* entry) const;

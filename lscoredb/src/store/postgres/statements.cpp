@@ -10,32 +10,68 @@ namespace {
 constexpr std::array<char const*, kTreeCount> kTables = {"rows", "parts", "entries", "definitions",
                                                          "meta"};
 
-TreeStatements StatementsOf(std::string const& schema, std::string const& table) {
+// The trees with the column `number`.
+bool MayHaveNumbers(std::size_t tree) {
+  return static_cast<Tree>(tree) == Tree::kRows || static_cast<Tree>(tree) == Tree::kMeta;
+}
+
+std::string PutOf(std::string const& qualified, bool numbered) {
+  if (!numbered) {
+    return "INSERT INTO " + qualified +
+           " (key, value) SELECT * FROM unnest($1::bytea[], $2::bytea[])"
+           " ON CONFLICT (key) DO UPDATE SET value = EXCLUDED.value";
+  }
+  return "INSERT INTO " + qualified +
+         " (key, value, number) SELECT * FROM unnest($1::bytea[], $2::bytea[], $3::bigint[])"
+         " ON CONFLICT (key) DO UPDATE SET value = EXCLUDED.value, number = EXCLUDED.number";
+}
+
+TreeStatements StatementsOf(std::string const& schema, std::string const& table, bool numbered) {
   std::string const qualified = schema + "." + table;
-  std::string const select = "SELECT key, value FROM " + qualified;
+  std::string const number = numbered ? ", number" : "";
+  std::string const from = " FROM " + qualified;
+  std::string const select = "SELECT key, value" + number + from;
   auto const named = [&](char const* name, std::string const& text) {
-    return Statement{table + "_" + name, text};
+    return Statement{table + (numbered ? "_numbered_" : "_") + name, text};
   };
   TreeStatements made;
-  made.get = named("get", "SELECT value FROM " + qualified + " WHERE key = $1::bytea");
+  made.numbered = numbered;
+  made.get = named("get", "SELECT value" + number + from + " WHERE key = $1::bytea");
   made.get_many = named("get_many", select + " WHERE key = ANY ($1::bytea[])");
-  made.seek_many = named("seek_many",
-                         "SELECT found.key, found.value, sought.key FROM unnest($1::bytea[]) AS"
-                         " sought (key) CROSS JOIN LATERAL (" +
-                             select +
-                             " AS one WHERE one.key >= sought.key ORDER BY one.key LIMIT 2)"
-                             " AS found ORDER BY sought.key, found.key");
+  made.seek_many = named("seek_many", "SELECT found.key, found.value, sought.key" +
+                                          (numbered ? std::string(", found.number") : "") +
+                                          " FROM unnest($1::bytea[]) AS sought (key)"
+                                          " CROSS JOIN LATERAL (" +
+                                          select +
+                                          " AS one WHERE one.key >= sought.key ORDER BY one.key"
+                                          " LIMIT 2) AS found ORDER BY sought.key, found.key");
   made.from = named("from", select + " WHERE key >= $1::bytea ORDER BY key LIMIT $2::bigint");
   made.after = named("after", select + " WHERE key > $1::bytea ORDER BY key LIMIT $2::bigint");
   made.before =
       named("before", select + " WHERE key < $1::bytea ORDER BY key DESC LIMIT $2::bigint");
   made.last = named("last", select + " ORDER BY key DESC LIMIT $1::bigint");
-  made.put = named("put", "INSERT INTO " + qualified +
-                              " (key, value) SELECT * FROM unnest($1::bytea[], $2::bytea[])"
-                              " ON CONFLICT (key) DO UPDATE SET value = EXCLUDED.value");
+  made.put = named("put", PutOf(qualified, numbered));
   made.remove_range = named(
       "remove_range", "DELETE FROM " + qualified + " WHERE key >= $1::bytea AND key < $2::bytea");
   made.remove = named("remove", "DELETE FROM " + qualified + " WHERE key = ANY ($1::bytea[])");
+  return made;
+}
+
+// Takes the lock on the state first, as commits do. Gives up soon where others read for long.
+std::vector<Statement> AddNumbers(std::string const& schema) {
+  std::vector<Statement> made = {{"add_numbers_begin", "BEGIN"},
+                                 {"add_numbers_limit", "SET LOCAL lock_timeout TO 1000"}};
+  std::string const raised = std::to_string(kTablesVersion - kPlainVersion);
+  made.push_back({"add_numbers_version", "UPDATE " + schema + ".state SET version = version + " +
+                                             raised + " WHERE version < " +
+                                             std::to_string(kTablesVersion)});
+  for (std::size_t i = 0; i < kTreeCount; ++i) {
+    if (!MayHaveNumbers(i)) continue;
+    made.push_back(
+        {std::string("add_numbers_") + kTables[i],
+         "ALTER TABLE " + schema + "." + kTables[i] + " ADD COLUMN IF NOT EXISTS number bigint"});
+  }
+  made.push_back({"add_numbers_commit", "COMMIT"});
   return made;
 }
 
@@ -52,7 +88,11 @@ std::string Literal(std::string const& bytes) {
 }  // namespace
 
 Statements::Statements(std::string const& schema) {
-  for (std::size_t i = 0; i < kTreeCount; ++i) trees[i] = StatementsOf(schema, kTables[i]);
+  for (std::size_t i = 0; i < kTreeCount; ++i) {
+    trees[i] = StatementsOf(schema, kTables[i], MayHaveNumbers(i));
+    plain_trees[i] = StatementsOf(schema, kTables[i], false);
+  }
+  add_numbers = AddNumbers(schema);
   std::string const state = schema + ".state";
   std::string const tickets = schema + ".tickets";
   begin_snapshot = {"begin_snapshot", "BEGIN ISOLATION LEVEL REPEATABLE READ READ ONLY"};
@@ -106,9 +146,10 @@ Statements::Statements(std::string const& schema) {
   add("CREATE TABLE IF NOT EXISTS " + state +
       " (one boolean PRIMARY KEY CHECK (one), id bigint NOT NULL, version bigint NOT NULL,"
       " listed bigint NOT NULL)");
-  for (char const* const table : kTables) {
-    add("CREATE TABLE IF NOT EXISTS " + schema + "." + table +
-        " (key bytea PRIMARY KEY, value bytea NOT NULL)");
+  for (std::size_t i = 0; i < kTreeCount; ++i) {
+    add("CREATE TABLE IF NOT EXISTS " + schema + "." + kTables[i] +
+        " (key bytea PRIMARY KEY, value bytea NOT NULL" +
+        (MayHaveNumbers(i) ? ", number bigint)" : ")"));
   }
   add("CREATE TABLE IF NOT EXISTS " + layouts +
       " (number bigint PRIMARY KEY, word bigint NOT NULL)");

@@ -8,6 +8,9 @@
 //
 //   rows, parts, entries, definitions, meta
 //            key bytea, value bytea: the five trees, ordered by the bytes of their keys
+//   rows, meta
+//            number bigint: what a value says of itself may be out of date where this is not null
+//            (numbered_values.h)
 //   state    one row, which a committer locks:
 //              id          bigint   the number of the newest state
 //              version     bigint   of these tables: kTablesVersion; while changes are kept
@@ -30,16 +33,33 @@
 
 namespace lscore {
 
-inline constexpr std::uint64_t kTablesVersion = 1;
-inline constexpr std::uint64_t kFeedVersion = 2;
+// Versions of the tables. Without the column `number` they are those that earlier programs made.
+inline constexpr std::uint64_t kPlainVersion = 1;
+inline constexpr std::uint64_t kPlainFeedVersion = 2;
+inline constexpr std::uint64_t kTablesVersion = 3;
+inline constexpr std::uint64_t kFeedVersion = 4;
 inline constexpr std::uint64_t kNewestTablesVersion = kFeedVersion;
+inline bool HasNumbers(std::uint64_t version) { return version >= kTablesVersion; }
+inline bool KeepsChanges(std::uint64_t version) {
+  return version == kPlainFeedVersion || version == kFeedVersion;
+}
+inline std::uint64_t TablesVersion(bool numbered, bool feed) {
+  if (numbered) return feed ? kFeedVersion : kTablesVersion;
+  return feed ? kPlainFeedVersion : kPlainVersion;
+}
 // The number of commits whose tickets are kept.
 inline constexpr std::uint64_t kTicketsKept = 100'000;
 // The number of states whose changes are kept, and the most rows that a commit lists.
 inline constexpr std::uint64_t kChangesKept = 10'000;
 inline constexpr std::size_t kMostChanges = 10'000;
 
+// How often, in states, old lists and tickets are deleted, and the feed is trimmed.
+inline constexpr std::uint64_t kTidyEvery = 1000;
+inline constexpr std::uint64_t kTrimEvery = 50;
+
+// What they give ends with the column `number` where the tree has it.
 struct TreeStatements {
+  bool numbered = false;
   Statement get;           // key
   Statement get_many;      // keys
   Statement seek_many;     // keys: gives two entries from each on, with that key
@@ -47,7 +67,7 @@ struct TreeStatements {
   Statement after;         // key, most rows
   Statement before;        // key, most rows, falling
   Statement last;          // most rows, falling
-  Statement put;           // keys, values
+  Statement put;           // keys, values, and numbers
   Statement remove;        // keys
   Statement remove_range;  // from a key on, below a key
 };
@@ -56,9 +76,13 @@ struct Statements {
   // `schema` is quoted.
   explicit Statements(std::string const& schema);
 
-  TreeStatements const& Of(Tree tree) const { return trees[static_cast<std::size_t>(tree)]; }
+  // `numbered`: HasNumbers of the tables.
+  TreeStatements const& Of(Tree tree, bool numbered) const {
+    return (numbered ? trees : plain_trees)[static_cast<std::size_t>(tree)];
+  }
 
   std::array<TreeStatements, kTreeCount> trees;
+  std::array<TreeStatements, kTreeCount> plain_trees;
   Statement begin_snapshot;
   Statement begin_batch;
   Statement no_wait_for_disk;
@@ -85,6 +109,7 @@ struct Statements {
   // first: if it exists, the others are ours.
   std::vector<Statement> make;
   Statement drop_tables;
+  std::vector<Statement> add_numbers;  // a transaction that brings plain tables up to date
 };
 
 }  // namespace lscore
