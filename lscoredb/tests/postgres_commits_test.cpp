@@ -175,7 +175,7 @@ TEST_F(PostgresCommitsTest, CopyOfNumberedRows_HasTheirNumbers) {
   Put(session, row_, 12);
 }
 
-// ---- tables of earlier programs ------------------------------------------------------------------
+// ---- tables of earlier programs -----------------------------------------------------------------
 
 // A database as an earlier program left it: without numbers. Its commits were sent in two round
 // trips, so that all values say themselves what they have to.

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "bytes.h"
+
 namespace lscore {
 namespace {
 
@@ -10,6 +12,10 @@ constexpr std::size_t kLargestPage = 8192;
 constexpr std::size_t kPageGrowth = 8;
 // Of a seek that was announced: an entry of the caller's own, and that of another.
 constexpr std::size_t kSoughtPage = 2;
+// Of rows: so many, at least one in so many numbers, are asked for as a range, which the server
+// reads in a tenth of the time.
+constexpr std::size_t kFewestInRange = 16;
+constexpr std::uint64_t kSparsestRange = 2;
 
 template <typename Range>
 Parameters KeysOf(Range const& keys) {
@@ -47,22 +53,35 @@ void ServerView::GetMany(Tree tree, std::span<std::string_view const> keys,
   for (std::string_view const key : keys) {
     if (!known.contains(std::string(key))) asked.push_back(ServerKey(tree, key));
   }
-  if (!asked.empty()) {
-    Learn(tree, asked, connection_.Run(Of(tree).get_many, KeysOf(asked)));
-  }
+  if (!asked.empty()) Fetch(tree, asked);
   for (std::size_t i = 0; i < keys.size(); ++i) values[i] = known.at(std::string(keys[i]));
+}
+
+// `keys`: in the server's form.
+void ServerView::Fetch(Tree tree, std::vector<std::string> const& keys) {
+  auto const [low, high] = std::minmax_element(keys.begin(), keys.end());
+  bool const ranges = tree == Tree::kRows && keys.size() >= kFewestInRange;
+  std::uint64_t const span =
+      ranges ? LoadBig<std::uint64_t>(high->data()) - LoadBig<std::uint64_t>(low->data()) : 0;
+  if (ranges && span < kSparsestRange * keys.size()) {
+    Parameters const parameters = Parameters().Bytes(*low).Bytes(*high);
+    Learn(tree, keys, connection_.Run(Of(tree).get_range, parameters));
+  } else {
+    Learn(tree, keys, connection_.Run(Of(tree).get_many, KeysOf(keys)));
+  }
 }
 
 // `asked`: keys in the server's form. Those without a result do not exist.
 template <typename Range>
 void ServerView::Learn(Tree tree, Range const& asked, Result found) {
   Known& known = KnownOf(tree);
-  for (std::string const& key : asked) known.try_emplace(ServerKey(tree, key));
+  known.reserve(known.size() + std::max(asked.size(), found.size()));
   for (std::size_t i = 0; i < found.size(); ++i) {
     std::string key = ServerKey(tree, found.Bytes(i, 0));
     std::string_view const value = numbers_.Read(tree, key, found, i, 1);
-    known[std::move(key)] = value;
+    known.try_emplace(std::move(key), value);
   }
+  for (std::string const& key : asked) known.try_emplace(ServerKey(tree, key));
   results_.push_back(std::move(found));
 }
 
@@ -105,7 +124,8 @@ void ServerView::LearnSought(Tree tree, std::set<std::string> const& asked, Resu
   for (std::string const& key : asked) {
     std::size_t const first = at;
     while (at < found.size() && found.Bytes(at, 2) == key) ++at;
-    pages_.push_back(std::make_unique<ServerPage>(tree, found, numbers_, first, at - first, kSoughtPage));
+    pages_.push_back(
+        std::make_unique<ServerPage>(tree, found, numbers_, first, at - first, kSoughtPage));
     SoughtIn(tree)[ServerKey(tree, key)] = pages_.back().get();
   }
   results_.push_back(std::move(found));
@@ -115,9 +135,8 @@ void ServerView::LearnSought(Tree tree, std::set<std::string> const& asked, Resu
 
 ServerPage const& ServerView::Fetch(Tree tree, Statement const& statement,
                                     Parameters const& parameters, std::size_t most, bool falling) {
-  pages_.push_back(
-      std::make_unique<ServerPage>(tree, connection_.Run(statement, parameters), numbers_, most,
-                                   falling));
+  pages_.push_back(std::make_unique<ServerPage>(tree, connection_.Run(statement, parameters),
+                                                numbers_, most, falling));
   ServerPage const& page = *pages_.back();
   if (tree != Tree::kRows) return page;
   // Whoever scans rows reads them too.
@@ -130,18 +149,18 @@ ServerPage const& ServerView::Fetch(Tree tree, Statement const& statement,
 ServerPage const& ServerView::From(Tree tree, std::string_view key, std::size_t most) {
   Sought const& sought = SoughtIn(tree);
   if (auto const at = sought.find(std::string(key)); at != sought.end()) return *at->second;
-  return Fetch(tree, Of(tree).from,
-               Parameters().Bytes(ServerKey(tree, key)).Number(most), most, false);
+  return Fetch(tree, Of(tree).from, Parameters().Bytes(ServerKey(tree, key)).Number(most), most,
+               false);
 }
 
 ServerPage const& ServerView::After(Tree tree, std::string_view key, std::size_t most) {
-  return Fetch(tree, Of(tree).after,
-               Parameters().Bytes(ServerKey(tree, key)).Number(most), most, false);
+  return Fetch(tree, Of(tree).after, Parameters().Bytes(ServerKey(tree, key)).Number(most), most,
+               false);
 }
 
 ServerPage const& ServerView::Before(Tree tree, std::string_view key, std::size_t most) {
-  return Fetch(tree, Of(tree).before,
-               Parameters().Bytes(ServerKey(tree, key)).Number(most), most, true);
+  return Fetch(tree, Of(tree).before, Parameters().Bytes(ServerKey(tree, key)).Number(most), most,
+               true);
 }
 
 ServerPage const& ServerView::Last(Tree tree, std::size_t most) {

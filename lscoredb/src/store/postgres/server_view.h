@@ -63,6 +63,7 @@ class ServerView {
   Sought& SoughtIn(Tree tree) { return sought_[static_cast<std::size_t>(tree)]; }
   TreeStatements const& Of(Tree tree) const { return statements_.Of(tree, numbered_); }
   Known& KnownOf(Tree tree) { return known_[static_cast<std::size_t>(tree)]; }
+  void Fetch(Tree tree, std::vector<std::string> const& keys);
   ServerPage const& Fetch(Tree tree, Statement const& statement, Parameters const& parameters,
                           std::size_t most, bool falling);
 

@@ -38,6 +38,7 @@ TreeStatements StatementsOf(std::string const& schema, std::string const& table,
   made.numbered = numbered;
   made.get = named("get", "SELECT value" + number + from + " WHERE key = $1::bytea");
   made.get_many = named("get_many", select + " WHERE key = ANY ($1::bytea[])");
+  made.get_range = named("get_range", select + " WHERE key >= $1::bytea AND key <= $2::bytea");
   made.seek_many = named("seek_many", "SELECT found.key, found.value, sought.key" +
                                           (numbered ? std::string(", found.number") : "") +
                                           " FROM unnest($1::bytea[]) AS sought (key)"

@@ -62,6 +62,7 @@ struct TreeStatements {
   bool numbered = false;
   Statement get;           // key
   Statement get_many;      // keys
+  Statement get_range;     // from a key on, up to a key
   Statement seek_many;     // keys: gives two entries from each on, with that key
   Statement from;          // key, most rows: from the first not below
   Statement after;         // key, most rows
