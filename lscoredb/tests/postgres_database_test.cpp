@@ -378,18 +378,25 @@ TEST_F(PostgresProxyTest, RefusedCommit_TakesAnotherRoundTrip) {
   EXPECT_EQ(proxy_.round_trips() - before, 2U);
 }
 
-// Once the process has reserved ids and knows the indexes.
+// Once the process has reserved ids and knows the indexes. By the store's own count, to which asking
+// for it adds one: the proxy does not see where a request of several pieces ends.
 TEST_F(PostgresProxyTest, ManyInserts_TakeNoRoundTripsOfTheirOwn) {
+  auto const trips = [this] {
+    lscoredb_statistics now{};
+    now.size = sizeof now;
+    EXPECT_STATUS(0, lscoredb_stats(database_.get(), &now));
+    return now.round_trips;
+  };
   CommitPair(*session_, 2);
   session_->Begin();
   PairWorld const world(*session_);
   session_->Rollback();
   for (int i = 0; i < 3; ++i) {
-    std::uint64_t const before = proxy_.round_trips();
+    std::uint64_t const before = trips();
     session_->Begin();
     for (int n = 0; n < 100; ++n) session_->PutLong(session_->Insert(world.layout), kPairValue, n);
     session_->Commit();
-    EXPECT_EQ(proxy_.round_trips() - before, 2U);
+    EXPECT_EQ(trips() - before - 1, 2U);
   }
 }
 
