@@ -1,6 +1,7 @@
-// An index over many objects: in one transaction, beside writers, and SQLite's CREATE INDEX on the
-// same values, each with its time and memory. A second thread commits a change of one object after
-// another meanwhile, where that is possible, and tells the longest time that a commit took.
+// An index over many objects: in one transaction, beside writers, abandoned, and SQLite's CREATE
+// INDEX on the same values, each with its time and memory. A second thread commits a change of one
+// object after another meanwhile, where that is possible, and tells the longest time that a commit
+// took.
 //
 //   bench_index_build DIRECTORY OBJECTS
 //
@@ -15,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "index_abandon.h"
 #include "measure.h"
 #include "sqlite.h"
 
@@ -154,6 +156,17 @@ std::uint64_t BuildBeside(Context const& context, char const* what) {
   return index;
 }
 
+// All entries are there when it is abandoned.
+void BuildAndAbandon(Context const& context) {
+  std::uint64_t index = 0;
+  Check(lscoredb_prepare_index(context.id(), u"", kSet, kColumns, 0, 0, &index));
+  bench::BuildIndexTimed(context.id(), index);
+  bench::CommitTimes times;
+  Measure("abandoned", [&] { times = bench::AbandonIndexTimed(context.id(), index); });
+  std::printf("%-44s %9llu, the longest %.1f ms\n", "commits of the abandonment",
+              static_cast<unsigned long long>(times.count()), times.longest() / 1e6);
+}
+
 void RunOurs(std::string const& directory, std::uint64_t count) {
   lscoredb* const database = Open(directory);
   std::uint64_t object = 0;
@@ -161,6 +174,7 @@ void RunOurs(std::string const& directory, std::uint64_t count) {
   {
     Context const context(database);
     Drop(context, BuildBeside(context, "beside writers, of whom there are none"));
+    BuildAndAbandon(context);
     Writer writer(database, object);
     std::uint64_t const index = BuildBeside(context, "beside a writer");
     writer.Report();

@@ -37,6 +37,8 @@ struct Section {
 std::vector<Section> Sections() {
   return {{"objects", &MeasureObjects},
           {"handles", &MeasureHandles},
+          {"writes of the host library", &MeasureHostWrites},
+          {"abandoned index builds", &MeasureIndexAbandon},
           {"commits of 1 thread", [](Settings const& s) { return MeasureCommits(s, 1); }},
           {"commits of 8 threads", [](Settings const& s) { return MeasureCommits(s, 8); }},
           {"log", &MeasureLog},

@@ -47,6 +47,10 @@ double Nanoseconds(Work&& work) {
 std::vector<Result> MeasureObjects(Settings const& settings);
 // Reads through property handles beside the kernel's call.
 std::vector<Result> MeasureHandles(Settings const& settings);
+// Objects that the host library makes, changes and deletes beside the kernel's calls.
+std::vector<Result> MeasureHostWrites(Settings const& settings);
+// Commits of an index build that is abandoned beside those that built it.
+std::vector<Result> MeasureIndexAbandon(Settings const& settings);
 // Durable commits of one object by so many threads.
 std::vector<Result> MeasureCommits(Settings const& settings, int threads);
 
