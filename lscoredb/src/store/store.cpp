@@ -15,13 +15,14 @@ void View::GetMany(Tree tree, std::span<std::string_view const> keys,
 }
 
 // Seeks anew for each entry, since a write ends the cursors of a batch.
+// Each search begins where the last entry was: one from the beginning would pass all that are
+// removed by now, which an overlay keeps.
 void Batch::RemoveRange(Tree tree, std::string_view low, std::string_view high) {
-  for (;;) {
-    std::string key;
+  for (std::string key(low);;) {
     {
       Cursor cursor;
       cursor.Open(*this, tree);
-      if (!cursor.Seek(low)) return;
+      if (!cursor.Seek(key)) return;
       key = cursor.key();
     }
     if (key >= high) return;
