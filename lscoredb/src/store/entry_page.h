@@ -39,21 +39,40 @@ class EntryPage {
   bool inside() const { return page_ != nullptr; }
   void Leave() { page_ = nullptr; }
 
-  // Enters the page at the entry at `offset`. Returns whether the page has it.
-  // REQUIRES: `count` slots from `slots` on lie in the page.
+  // Enters the page at the entry at `offset`, which is probably the one of slot `likely`. Returns
+  // whether the page has it. REQUIRES: `count` slots from `slots` on lie in the page.
   bool Enter(char const* page, std::size_t page_size, std::size_t slots, std::size_t count,
-             std::size_t offset) {
+             std::size_t offset, std::size_t likely = 0) {
     page_ = page;
     page_size_ = page_size;
     slots_ = page + slots;
     count_ = count;
-    for (at_ = 0; at_ < count_; ++at_) {
-      if (OffsetOf(at_) != offset) continue;
-      FetchAround();
-      return true;
+    at_ = likely < count_ && OffsetOf(likely) == offset ? likely : 0;
+    while (at_ < count_ && OffsetOf(at_) != offset) ++at_;
+    if (at_ == count_) {
+      Leave();
+      return false;
     }
-    Leave();
-    return false;
+    FetchAround();
+    return true;
+  }
+
+  // Leaves out the entries behind the current one, seen in that direction, and those ahead whose
+  // key is not `within`, which holds for those that are near. Returns how many are left, with the
+  // current one. REQUIRES: inside().
+  template <typename Within>
+  std::size_t Limit(bool forward, Within const& within) {
+    std::size_t low = 0;  // steps to the last entry that is known to be within
+    std::size_t high = forward ? count_ - at_ : at_ + 1;  // to the first that is not
+    for (std::size_t step = high - 1; high - low > 1; step = low + (high - low) / 2) {
+      KeyValue entry;
+      (Peek(step, forward, &entry) && within(entry.key) ? low : high) = step;
+    }
+    std::size_t const first = forward ? at_ : at_ - low;
+    slots_ += 2 * first;
+    at_ -= first;
+    count_ = low + 1;
+    return count_;
   }
 
   // REQUIRES: inside(). Changes nothing when it returns false.

@@ -393,10 +393,15 @@ KeyValue TreePath::entry() const {
 
 bool TreePath::StepTo(char const* key) {
   Step& step = leaf();
-  for (std::size_t i = step.count; i > 0; --i) {
-    if (NodeAt(step.page, state_->page_size_, i - 1) + kNodeHead != key) continue;
-    step.at = i - 1;
-    return true;
+  auto const is_at = [&](std::size_t i) {
+    return i < step.count && NodeAt(step.page, state_->page_size_, i) + kNodeHead == key;
+  };
+  for (std::size_t away = 0; away < step.count; ++away) {
+    for (std::size_t const i : {step.at + away, step.at - away}) {
+      if (!is_at(i)) continue;
+      step.at = i;
+      return true;
+    }
   }
   return false;
 }
@@ -438,7 +443,8 @@ bool MappedCursor::Previous(KeyValue* entry) {
 bool MappedCursor::EnterPage(KeyValue const& entry, EntryPage* page) {
   if (fixed_keys_) return false;
   auto const offset = static_cast<std::size_t>(entry.key.data() - path_.page());
-  return page->Enter(path_.page(), page_size_, kPageHead, path_.count(), offset - kNodeHead);
+  return page->Enter(path_.page(), page_size_, kPageHead, path_.count(), offset - kNodeHead,
+                     path_.at());
 }
 
 }  // namespace lscore

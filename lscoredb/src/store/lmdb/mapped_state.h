@@ -80,6 +80,7 @@ class TreePath {
   // The leaf, and how many entries it has.
   char const* page() const { return leaf().page; }
   std::size_t count() const { return leaf().count; }
+  std::size_t at() const { return leaf().at; }
   // Moves to the entry of the leaf whose key is at that address. Returns whether there is one.
   bool StepTo(char const* key);
 

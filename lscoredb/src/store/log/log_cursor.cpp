@@ -9,6 +9,9 @@ namespace {
 // Building a page costs as much as a few dozen steps, and a look-up takes only a few.
 constexpr int kStepsBeforePage = 8;
 
+// Entering the image's page costs as much as this many steps within it.
+constexpr std::size_t kShortestRun = 3;
+
 // Noting fewer would cost more than stepping over them.
 constexpr std::size_t kLongRun = 32;
 
@@ -25,7 +28,8 @@ void LogCursor::Renew(LayeredView const& view, Tree tree) {
   delivered_ = nullptr;
   image_on_ = false;
   steps_ = 0;
-  mixed_first_ = mixed_last_ = {};
+  in_image_page_ = false;
+  built_end_ = nullptr;
   sources_ = 0;
   AddSource(view.layers().active->changes);
   if (view.layers().frozen != nullptr) AddSource(view.layers().frozen->changes);
@@ -46,6 +50,9 @@ void LogCursor::PositionAt(Source& source, OverlayNode const* node) const {
     if (source.version != nullptr) break;
   }
   source.node = node;
+  if (node == nullptr) return;
+  __builtin_prefetch(node->key().bytes.data());
+  __builtin_prefetch(node->Next());
 }
 
 // Positions the source after the key, in the direction of the scan.
@@ -91,18 +98,12 @@ void LogCursor::StepPast(std::string_view key) {
   }
 }
 
-bool LogCursor::IsNearer(std::string_view a, std::string_view b) const {
-  OrderedKey const left(tree_, a);
-  OrderedKey const right(tree_, b);
-  return forward_ ? left < right : right < left;
-}
-
 LogCursor::Source const* LogCursor::Nearest() const {
   Source const* nearest = nullptr;
   for (std::size_t i = 0; i < sources_; ++i) {
     Source const& source = source_[i];
     if (source.node == nullptr) continue;
-    if (nearest == nullptr || IsNearer(source.node->key().bytes, nearest->node->key().bytes)) {
+    if (nearest == nullptr || IsNearer(source.node->key(), nearest->node->key())) {
       nearest = &source;
     }
   }
@@ -140,7 +141,10 @@ bool LogCursor::Deliver(KeyValue* entry) {
   deleted_ = 0;
   for (;;) {
     Source const* const source = Nearest();
-    if (source == nullptr || (image_on_ && IsNearer(image_entry_.key, source->node->key().bytes))) {
+    bool const image_first =
+        source == nullptr ||
+        (image_on_ && IsNearer(OrderedKey(tree_, image_entry_.key), source->node->key()));
+    if (image_first) {
       EndDeleted();
       delivered_ = image_on_ ? image_entry_.key.data() : nullptr;
       if (image_on_) *entry = image_entry_;
@@ -189,8 +193,9 @@ bool LogCursor::Last(KeyValue* entry) {
   return Deliver(entry);
 }
 
-// In the same direction, and from the entry delivered last, the sources just pass its key. After a
-// turn, or from an entry of a page, all are positioned anew.
+// In the same direction the sources just pass the key delivered last. From a page of the image only
+// the image's cursor steps, since the page ends before the next key of the overlays, and at the end
+// of a page that was built all are where they have to be. Otherwise all are positioned anew.
 bool LogCursor::Step(KeyValue* entry, bool forward) {
   if (bare()) return forward ? image_->Next(entry) : image_->Previous(entry);
   steps_ = forward_ == forward ? steps_ + 1 : 0;
@@ -198,6 +203,12 @@ bool LogCursor::Step(KeyValue* entry, bool forward) {
     StepPast(entry->key);
     return Deliver(entry);
   }
+  if (forward_ == forward && in_image_page_) {
+    image_entry_ = *entry;
+    StepImage();
+    return Deliver(entry);
+  }
+  if (forward_ == forward && entry->key.data() == built_end_) return Deliver(entry);
   forward_ = forward;
   TurnImage(*entry);
   for (std::size_t i = 0; i < sources_; ++i) PositionAfter(source_[i], entry->key);
@@ -206,39 +217,27 @@ bool LogCursor::Step(KeyValue* entry, bool forward) {
 
 // ---- pages -------------------------------------------------------------------------------------
 
-// Whether an overlay has a key from `first` to `last`, both included.
-bool LogCursor::HasBetween(KeyValue const& first, KeyValue const& last) const {
-  OrderedKey const low(tree_, first.key);
-  OrderedKey const high(tree_, last.key);
-  for (std::size_t i = 0; i < sources_; ++i) {
-    OverlayNode const* const node = source_[i].overlay->NotBelow(low);
-    if (node != nullptr && !(high < node->key())) return true;
-  }
-  return false;
-}
-
-// A page that an overlay changes cannot be entered. Its range is remembered, so that the scan asks
-// only once for each such page.
+// Enters the image's page from the entry on. The sources are ahead of it, so the page ends before
+// the nearest of them. What lies behind the entry is left out: keys of overlays may be among it.
 bool LogCursor::EnterImagePage(KeyValue const& entry, EntryPage* page) {
-  if (!image_on_ || entry.key.data() != image_entry_.key.data()) return false;
-  if (mixed_last_.key.data() != nullptr) {
-    OrderedKey const key(tree_, entry.key);
-    bool const inside =
-        !(key < OrderedKey(tree_, mixed_first_.key)) && !(OrderedKey(tree_, mixed_last_.key) < key);
-    if (inside) return false;
+  if (!image_on_ || entry.key.data() != delivered_ || delivered_ != image_entry_.key.data()) {
+    return false;
   }
   if (!image_->EnterPage(entry, page)) return false;
-  KeyValue first;
-  KeyValue last;
-  if (page->Ends(&first, &last) && !HasBetween(first, last)) return true;
-  page->Leave();
-  mixed_first_ = first;
-  mixed_last_ = last;
-  return false;
+  Source const* const source = Nearest();
+  std::size_t const run = page->Limit(forward_, [&](std::string_view key) {
+    return source == nullptr || IsNearer(OrderedKey(tree_, key), source->node->key());
+  });
+  if (run < kShortestRun) {
+    page->Leave();
+    return false;
+  }
+  steps_ = 0;
+  return true;
 }
 
 // Builds a page from copies of the next entries, up to 64 of them, which the view keeps. Afterwards
-// the cursor is positioned where the page ends.
+// the sources are positioned where the page ends.
 bool LogCursor::MakePage(KeyValue const& entry, EntryPage* page) {
   bool const wanted = renewable_ && steps_ >= kStepsBeforePage && view_->has_room_for_pages();
   PageBuilder builder(forward_);
@@ -250,7 +249,11 @@ bool LogCursor::MakePage(KeyValue const& entry, EntryPage* page) {
     more = Deliver(&next) && builder.Add(next);
   }
   delivered_ = nullptr;
-  return view_->KeepPage(builder.Finish(), page);
+  KeyValue first;
+  KeyValue last;
+  if (!view_->KeepPage(builder.Finish(), page) || !page->Ends(&first, &last)) return false;
+  built_end_ = forward_ ? last.key.data() : first.key.data();
+  return true;
 }
 
 bool LogCursor::EnterPage(KeyValue const& entry, EntryPage* page) {

@@ -30,8 +30,8 @@ class LogCursor final : public TreeCursor {
   bool Last(KeyValue* entry) override;
   bool Next(KeyValue* entry) override { return Step(entry, true); }
   bool Previous(KeyValue* entry) override { return Step(entry, false); }
-  // Enters the image's own page where no overlay has a key within it. Elsewhere a longer scan gets
-  // pages that are built for it.
+  // Enters the image's own page as far as it reaches before the next key of an overlay. Where that
+  // is not far, a longer scan gets pages that are built for it.
   bool EnterPage(KeyValue const& entry, EntryPage* page) override;
 
  private:
@@ -57,8 +57,9 @@ class LogCursor final : public TreeCursor {
   DeletedRuns& deleted_runs() const { return view_->layers().active->changes.deleted_runs(); }
   Source const* Nearest() const;
   bool Deliver(KeyValue* entry);
-  bool IsNearer(std::string_view a, std::string_view b) const;
-  bool HasBetween(KeyValue const& first, KeyValue const& last) const;
+  bool IsNearer(OrderedKey const& a, OrderedKey const& b) const {
+    return forward_ ? a < b : b < a;
+  }
   bool EnterImagePage(KeyValue const& entry, EntryPage* page);
   bool MakePage(KeyValue const& entry, EntryPage* page);
 
@@ -76,10 +77,9 @@ class LogCursor final : public TreeCursor {
   std::string_view first_deleted_;
   std::string_view last_deleted_;
   std::string end_of_run_;
-  int steps_ = 0;               // in one direction, outside of pages
-  bool in_image_page_ = false;  // an entry other than that comes from a page of the image
-  KeyValue mixed_first_;        // the range of the last page of the image that overlays change
-  KeyValue mixed_last_;
+  int steps_ = 0;                   // in one direction, outside of pages
+  bool in_image_page_ = false;      // an entry other than that comes from a page of the image
+  char const* built_end_ = nullptr;  // the key of the last entry of the page that was built last
 };
 
 }  // namespace lscore

@@ -9,12 +9,20 @@
 namespace lscore {
 namespace {
 
-std::uint64_t PrefixOf(Tree tree, std::string_view bytes) {
-  if (tree == Tree::kRows) return Load<std::uint64_t>(bytes.data());
+// The first eight bytes; zeros stand for those that are missing.
+std::uint64_t BigPrefix(std::string_view bytes) {
   if (bytes.size() >= 8) return LoadBig<std::uint64_t>(bytes.data());
   char padded[8] = {};
   std::copy(bytes.begin(), bytes.end(), padded);
   return LoadBig<std::uint64_t>(padded);
+}
+
+std::uint64_t PrefixOf(Tree tree, std::string_view bytes) {
+  return tree == Tree::kRows ? Load<std::uint64_t>(bytes.data()) : BigPrefix(bytes);
+}
+
+std::uint64_t SecondOf(Tree tree, std::string_view bytes) {
+  return tree == Tree::kRows || bytes.size() <= 8 ? 0 : BigPrefix(bytes.substr(8));
 }
 
 }  // namespace
@@ -22,7 +30,10 @@ std::uint64_t PrefixOf(Tree tree, std::string_view bytes) {
 // Rows are keyed by a number in the byte order of the machine, so the prefix is that number itself:
 // it alone gives the order, and equal numbers have equal bytes. Other keys are in byte order.
 OrderedKey::OrderedKey(Tree its_tree, std::string_view its_bytes)
-    : tree(its_tree), prefix(PrefixOf(its_tree, its_bytes)), bytes(its_bytes) {}
+    : tree(its_tree),
+      prefix(PrefixOf(its_tree, its_bytes)),
+      second(SecondOf(its_tree, its_bytes)),
+      bytes(its_bytes) {}
 
 Overlay::Overlay() {
   static constexpr std::uint64_t kZero = 0;

@@ -34,20 +34,25 @@
 
 namespace lscore {
 
-// A key of a tree with its first bytes as a number: keys are ordered by that number, then by bytes.
+// A key of a tree with its first bytes as two numbers: keys are ordered by these, then by bytes. So
+// most comparisons of a search need not look at the bytes, which lie elsewhere.
 struct OrderedKey {
   OrderedKey(Tree its_tree, std::string_view its_bytes);
 
   Tree tree;
   std::uint64_t prefix;
+  std::uint64_t second;  // of the bytes behind the prefix
   std::string_view bytes;
 
   // REQUIRES: both are of one tree.
   bool operator<(OrderedKey const& other) const {
-    return prefix != other.prefix ? prefix < other.prefix : bytes < other.bytes;
+    if (prefix != other.prefix) return prefix < other.prefix;
+    if (second != other.second) return second < other.second;
+    return bytes < other.bytes;
   }
   bool operator==(OrderedKey const& other) const {
-    return prefix == other.prefix && bytes == other.bytes && tree == other.tree;
+    return prefix == other.prefix && second == other.second && bytes == other.bytes &&
+           tree == other.tree;
   }
 };
 
