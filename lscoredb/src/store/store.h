@@ -341,6 +341,9 @@ class Store {
   // Throws LSCOREDB_INVALID_ARGUMENT if there is no commit `after` yet.
   virtual std::unique_ptr<ChangeSource> OpenChanges(CommitId after);
 
+  // Makes a commit visible that a process wrote whole before it died, if there is one.
+  // REQUIRES: no open batch.
+  virtual void Settle() { static_cast<void>(BeginBatch()); }
   // From now on every commit is synced, with a log maybe so much later. REQUIRES: no open batch.
   virtual void RequireSync() = 0;
   virtual void RequireSyncWithin(std::chrono::milliseconds /* delay */) { RequireSync(); }

@@ -482,6 +482,13 @@ StoreStatistics LmdbStore::Statistics() const {
 }
 
 // Other processes sync from now on; what was committed before is synced here.
+// The library does so when it begins to write. No page is written here, so none has to be checked.
+void LmdbStore::Settle() {
+  if (read_only()) Throw(LSCOREDB_READ_ONLY_DATABASE);
+  if (given_up()) ThrowDamaged();
+  WritePause const pause(locks_, env_);
+}
+
 void LmdbStore::RequireSync() {
   if (read_only() || in_memory_) return;
   locks_.RequireSync();

@@ -126,6 +126,7 @@ class LmdbStore final : public Store {
   std::unique_ptr<Snapshot> BeginVerified(FaultReport const& report) override;
   void Verify() override;
   StoreStatistics Statistics() const override;
+  void Settle() override;
   void RequireSync() override;
   void Sync() override;
   bool FreeDeadReaders() override;

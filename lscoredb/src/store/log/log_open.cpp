@@ -106,7 +106,7 @@ std::unique_ptr<LogStore> LogStore::Open(std::unique_ptr<Store>& image, std::str
 // A process that only reads does not settle the image: it leaves the writing mark, so that the next
 // one to write does, and may read the state before a commit that never returned.
 void LogStore::Recover() {
-  if (!read_only()) SettleImage();
+  if (!read_only()) image_->Settle();
   std::unique_ptr<Snapshot> image = image_->Begin();
   ImagePosition const position = logformat::ReadPosition(*image);
   tail_.Restart(*image, position);

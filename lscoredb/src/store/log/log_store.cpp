@@ -161,14 +161,10 @@ std::shared_ptr<LogLayers const> LogStore::PrepareBatch() {
   return tail_.layers();
 }
 
-// A process that died during a commit to the image may have written all of it without making it
-// visible to readers. Beginning a batch of the image detects that and makes it visible.
-void LogStore::SettleImage() { static_cast<void>(image_->BeginBatch()); }
-
 // Finishes the commit during which another process died. If the image or a whole record of the log
 // has it, it is synced and published; otherwise it never took place, and its record is overwritten.
 void LogStore::FinishForOther() {
-  SettleImage();
+  image_->Settle();
   {
     std::unique_ptr<Snapshot> image = image_->Begin();
     CommitId const in_image = logformat::ReadPosition(*image).commit;

@@ -118,7 +118,6 @@ class LogStore final : public Store {
   // Parts of a batch, which holds the commit lock from PrepareBatch on.
   std::shared_ptr<LogLayers const> PrepareBatch();
   void FinishForOther();
-  void SettleImage();
   void FollowRotation();
   void MakeRoomInLog();
   void MarkUsed();
