@@ -31,6 +31,7 @@ class ObjectBench {
     Load();
     Reads();
     Scans();
+    ReadsOverLog();
     Updates();
     Creates();
     FirstTouch();
@@ -117,6 +118,7 @@ class ObjectBench {
     for (Contestant& one : contestants_) {
       std::cerr << "load " << one.name << std::endl;
       one.engine->Create(0, settings_.objects);
+      one.engine->Checkpoint();
     }
     TouchAll();
   }
@@ -198,6 +200,35 @@ class ObjectBench {
              {kHash}});
   }
 
+  // As after a restart or a checkpoint, the reads above found everything in the image. Here the log
+  // holds the newest objects, whose entries lie anywhere in the indexes.
+  void ReadsOverLog() {
+    for (Contestant& one : contestants_) {
+      one.engine->Create(settings_.objects, in_log_);
+      next_[one.engine.get()] = settings_.objects + in_log_;
+    }
+    std::size_t const lookups = 100000;
+    std::size_t const count = std::min<std::size_t>(100000, settings_.objects);
+    Measure({"string index lookup and one read, 20,000 objects in the log",
+             lookups,
+             {},
+             [&](std::size_t round) { return Some(lookups, settings_.objects, round); },
+             [](Engine& engine, std::size_t) { return engine.Find(); },
+             {kHash}});
+    Measure({"scan 100,000 entries of an index, one read each, 20,000 objects in the log",
+             count,
+             {},
+             nullptr,
+             [&](Engine& engine, std::size_t) { return engine.Scan(count); },
+             {kHash}});
+    Measure({"the same, ids only, by pages, 20,000 objects in the log",
+             count,
+             {},
+             nullptr,
+             [&](Engine& engine, std::size_t) { return engine.ScanIdPages(count); },
+             {kHash}});
+  }
+
   void Updates() {
     std::size_t const count = std::min<std::size_t>(50000, settings_.objects);
     auto const some = [&](std::size_t round) { return Distinct(count, round); };
@@ -246,7 +277,6 @@ class ObjectBench {
       next_[&engine] += created_;
       return Sum{0};
     };
-    for (Contestant& one : contestants_) next_[one.engine.get()] = settings_.objects;
     Measure({"create objects with all indexes, transactions of 1,000, no sync", created_, goals,
              nullptr, create});
     Measure({"create objects with all indexes, likewise, and a checkpoint",
@@ -308,6 +338,7 @@ class ObjectBench {
   }
 
   Settings settings_;
+  Number const in_log_ = std::min<Number>(20000, settings_.objects);
   Number const created_ = std::min<Number>(50000, settings_.objects);  // in a round
   std::vector<Contestant> contestants_;
   std::map<Engine*, Number> next_;  // the first object that is not there yet
