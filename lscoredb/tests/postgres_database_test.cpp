@@ -378,8 +378,8 @@ TEST_F(PostgresProxyTest, RefusedCommit_TakesAnotherRoundTrip) {
   EXPECT_EQ(proxy_.round_trips() - before, 2U);
 }
 
-// Once the process has reserved ids and knows the indexes. By the store's own count, to which asking
-// for it adds one: the proxy does not see where a request of several pieces ends.
+// Once the process has reserved ids and knows the indexes. By the store's own count, to which
+// asking for it adds one: the proxy does not see where a request of several pieces ends.
 TEST_F(PostgresProxyTest, ManyInserts_TakeNoRoundTripsOfTheirOwn) {
   auto const trips = [this] {
     lscoredb_statistics now{};

@@ -57,9 +57,7 @@ class LogCursor final : public TreeCursor {
   DeletedRuns& deleted_runs() const { return view_->layers().active->changes.deleted_runs(); }
   Source const* Nearest() const;
   bool Deliver(KeyValue* entry);
-  bool IsNearer(OrderedKey const& a, OrderedKey const& b) const {
-    return forward_ ? a < b : b < a;
-  }
+  bool IsNearer(OrderedKey const& a, OrderedKey const& b) const { return forward_ ? a < b : b < a; }
   bool EnterImagePage(KeyValue const& entry, EntryPage* page);
   bool MakePage(KeyValue const& entry, EntryPage* page);
 
@@ -77,8 +75,8 @@ class LogCursor final : public TreeCursor {
   std::string_view first_deleted_;
   std::string_view last_deleted_;
   std::string end_of_run_;
-  int steps_ = 0;                   // in one direction, outside of pages
-  bool in_image_page_ = false;      // an entry other than that comes from a page of the image
+  int steps_ = 0;                    // in one direction, outside of pages
+  bool in_image_page_ = false;       // an entry other than that comes from a page of the image
   char const* built_end_ = nullptr;  // the key of the last entry of the page that was built last
 };
 
