@@ -136,6 +136,22 @@ TEST_F(LogSyncTest, SyncedCommitBehindUnsyncedOnes_FailsAndTheNextGoesToTheImage
   EXPECT_EQ("acd", KeysAfterACrash());
 }
 
+// A small change takes several times as much memory as room in the log.
+TEST_F(LogSyncTest, SmallChanges_MoveToTheImageBeforeTheyTakeMuchMemory) {
+  options_.log_limit = std::uint64_t{1} << 20;
+  std::unique_ptr<Store> const store = Open();
+  std::uint64_t most = 0;
+  for (int commit = 0; commit < 200; ++commit) {
+    std::unique_ptr<Batch> const batch = store->BeginBatch();
+    for (int i = 0; i < 500; ++i) batch->Put(kTree, std::to_string(1000000 + commit * 500 + i), "");
+    batch->Commit();
+    store->Upkeep();
+    most = std::max(most, store->Statistics().log_memory);
+  }
+  EXPECT_GT(most, options_.log_limit);
+  EXPECT_LT(most, 5 * options_.log_limit);
+}
+
 TEST_F(LogSyncTest, LateSyncThatFails_IsRepeated) {
   std::unique_ptr<Store> const store = Open();
   store->RequireSyncWithin(std::chrono::milliseconds(1));

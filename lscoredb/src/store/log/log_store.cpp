@@ -189,11 +189,14 @@ void LogStore::FollowRotation() {
   while (Raw(tail_.position().generation) < board_.Generation()) tail_.Rotate();
 }
 
-// Rotates when the active file has reached its limit. The other file can be reused only after the
-// image holds the frozen generation in it. Its checkpoint is usually done by then: Upkeep does it
-// after the commit that rotated.
+// Rotates when the active file has reached its limit, or its changes theirs in memory, where small
+// ones take several times as much room. The other file can be reused only after the image holds the
+// frozen generation in it. Its checkpoint is usually done by then: Upkeep does it after the commit
+// that rotated.
 void LogStore::MakeRoomInLog() {
-  if (tail_.position().offset < options_.log_limit) return;
+  std::uint64_t const memory = tail_.layers()->active->changes.bytes();
+  std::uint64_t const most = std::max(kLeastMemory, kMemoryForLimit * options_.log_limit);
+  if (tail_.position().offset < options_.log_limit && memory < most) return;
   Rotate(IfNotKept::kLeaveGap);
   checkpoint_due_ = true;
 }
