@@ -9,14 +9,17 @@ namespace tool {
 namespace {
 
 constexpr std::uint64_t kRowMemory = std::uint64_t{64} << 20;
+constexpr std::uint64_t kRowMemoryToWriteMuch = std::uint64_t{32} << 20;
 
 }  // namespace
 
-sagleme::Database& Session::OpenOnce(std::uint32_t log) {
+sagleme::Database& Session::OpenOnce(std::uint32_t log, std::uint64_t log_limit) {
   if (database_) return *database_;
   try {
     // Commands read many rows once; the cache serves references and indexes.
-    database_.emplace(sagleme::Database::Open(directory_, {.row_memory = kRowMemory, .log = log}));
+    std::uint64_t const rows = log_limit == 0 ? kRowMemory : kRowMemoryToWriteMuch;
+    sagleme::Options const options{.row_memory = rows, .log = log, .log_limit = log_limit};
+    database_.emplace(sagleme::Database::Open(directory_, options));
   } catch (sagleme::Error const& error) {
     bool const missing =
         error.status() == LSCOREDB_NOT_A_DATABASE && !sagleme::Database::ExistsIn(directory_);

@@ -26,6 +26,9 @@ class Session {
   sagleme::Database& database_to_read() { return OpenOnce(LSCOREDB_SAME_LOG); }
   // Called before anything is read by a command that goes on to write.
   void OpenToWrite() { database(); }
+  // The same for one that writes in large commits. What fills the small log goes into the data file
+  // at once instead of waiting in memory.
+  void OpenToWriteMuch() { OpenOnce(LSCOREDB_DEFAULT_LOG, kSmallLog); }
   sagleme::Context& context();
 
   using Work = std::function<void(sagleme::Transaction&)>;
@@ -45,7 +48,9 @@ class Session {
   void RequireNoTransaction(std::string const& command) const;
 
  private:
-  sagleme::Database& OpenOnce(std::uint32_t log);
+  static constexpr std::uint64_t kSmallLog = std::uint64_t{1} << 20;
+
+  sagleme::Database& OpenOnce(std::uint32_t log, std::uint64_t log_limit = 0);
   sagleme::Transaction& Open();
 
   std::string directory_;

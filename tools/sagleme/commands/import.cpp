@@ -183,7 +183,7 @@ std::string Import::AdviceFor(BadRow const& bad, sagleme::Table const& table,
 }
 
 Exit Import::Run(Session& session, Output& output) {
-  session.OpenToWrite();
+  session.OpenToWriteMuch();
   InterruptGuard const guard;
   sagleme::TablePtr const table = FindTable(session);
   auto const input = OpenFile(file_);
