@@ -1,10 +1,15 @@
 #include "log_batch.h"
 
+#include <algorithm>
+
+#include "bytes.h"
 #include "status.h"
 #include "unix_time.h"
 
 namespace lscore {
 namespace {
+
+constexpr unsigned kManyNewRows = 16;
 
 void CheckKey(Tree tree, std::string_view key) {
   bool const fits = tree == Tree::kRows ? key.size() == sizeof(std::uint64_t)
@@ -38,8 +43,25 @@ void LogBatch::End() noexcept {
   lock_.unlock();
 }
 
+std::uint64_t LogBatch::LastRow() const {
+  Cursor cursor;
+  cursor.Open(*this, Tree::kRows);
+  return cursor.Last() ? Load<std::uint64_t>(cursor.key().data()) : 0;
+}
+
+// Whether the row's id is above all that there are, so that it need not be looked up. A batch of
+// many new rows puts them in ascending order; for fewer, finding the last row does not pay.
+bool LogBatch::IsBehindRows(std::string_view key) {
+  if (new_rows_ == kManyNewRows) return Load<std::uint64_t>(key.data()) > last_row_;
+  if (++new_rows_ == kManyNewRows) last_row_ = LastRow();
+  return false;
+}
+
 // The record holds the bytes; the overlay's entry points at them.
 void LogBatch::Write(logformat::Change const& change) {
+  if (change.tree == Tree::kRows) {
+    last_row_ = std::max(last_row_, Load<std::uint64_t>(change.key.data()));
+  }
   KeyValue const kept = record_.Add(change);
   layers_->active->changes.Write({change.tree, kept.key}, kept.value, change.deleted, id());
 }
@@ -52,7 +74,8 @@ void LogBatch::Put(Tree tree, std::string_view key, std::string_view value) {
 bool LogBatch::PutNew(Tree tree, std::string_view key, std::string_view value) {
   std::string_view there;
   CheckKey(tree, key);
-  if (Get(tree, key, &there)) return false;
+  bool const behind = tree == Tree::kRows && IsBehindRows(key);
+  if (!behind && Get(tree, key, &there)) return false;
   Write({tree, key, value, false});
   return true;
 }
@@ -63,6 +86,11 @@ bool LogBatch::Delete(Tree tree, std::string_view key) {
   if (!Get(tree, key, &there)) return false;
   Write({tree, key, {}, true});
   return true;
+}
+
+void LogBatch::Remove(Tree tree, std::string_view key) {
+  CheckKey(tree, key);
+  Write({tree, key, {}, true});
 }
 
 // The snapshot of the image that the batch has read ends first, so that it keeps no page from being

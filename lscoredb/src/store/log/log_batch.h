@@ -30,6 +30,8 @@ class LogBatch final : public Batch {
     Put(tree, key, value);
   }
   bool Delete(Tree tree, std::string_view key) override;
+  // Deletes also what is not there, which saves the look-up.
+  void Remove(Tree tree, std::string_view key) override;
   bool takes_notes() const override;
   void Note(std::string_view note) override;
   void Commit() override;
@@ -38,6 +40,8 @@ class LogBatch final : public Batch {
 
  private:
   void Write(logformat::Change const& change);
+  std::uint64_t LastRow() const;
+  bool IsBehindRows(std::string_view key);
   std::span<iovec> FinishRecord(LogPosition const& at);
   void CommitToLog(bool sync);
   void CommitToImage();
@@ -50,6 +54,8 @@ class LogBatch final : public Batch {
   RecordWriter record_;
   logformat::Head head_;
   std::optional<Retention> retention_;
+  unsigned new_rows_ = 0;       // put as new, as far as kManyNewRows
+  std::uint64_t last_row_ = 0;  // the highest id; known once there are kManyNewRows
   bool over_ = false;
 };
 

@@ -99,14 +99,42 @@ void Overlay::FindPredecessors(OrderedKey const& key) {
   }
 }
 
-// Links bottom up with release stores: a reader that finds the node on any level finds it complete
-// and on all levels below.
-OverlayNode* Overlay::Insert(OrderedKey const& key, std::size_t hash) {
-  FindPredecessors(key);
+// Whether the key lies in the gap behind the last node inserted, and thus has no node.
+bool Overlay::FollowsLast(OrderedKey const& key) const {
+  auto const tree = static_cast<std::size_t>(key.tree);
+  OverlayNode const* const last = predecessors_[tree][0];
+  if (last != heads_[tree] && !(last->key() < key)) return false;
+  OverlayNode const* const next = last->Next();
+  return next == nullptr || key < next->key();
+}
+
+// Keys that come in order are mostly new, and the hash table, which is nowhere in the processor's
+// cache, is not searched for them.
+OverlayNode* Overlay::FindOrInsert(OrderedKey const& key) {
+  if (!IsHashed(key.tree)) {
+    FindPredecessors(key);
+    OverlayNode* const next = predecessors_[static_cast<std::size_t>(key.tree)][0]->NextAt(0);
+    return next != nullptr && next->key() == key ? next : Insert(key);
+  }
+  std::size_t const hash = HashOf(key);
+  __builtin_prefetch(&tables_.back()->slot[hash & tables_.back()->mask], 1);
+  if (!FollowsLast(key)) {
+    if (OverlayNode* const there = FindNode(key, hash)) return there;
+    FindPredecessors(key);
+  }
+  OverlayNode* const node = Insert(key);
+  node->hash_ = hash;
+  if (2 * (hashed_ + 1) > tables_.back()->mask) Grow();
+  Link(*tables_.back(), node);
+  ++hashed_;
+  return node;
+}
+
+// Inserts the key behind its predecessors. Links bottom up with release stores: a reader that finds
+// the node on any level finds it complete and on all levels below.
+OverlayNode* Overlay::Insert(OrderedKey const& key) {
   int const height = RandomHeight();
   OverlayNode* const node = NewNode(key, height);
-  node->hash_ = hash;
-  if (2 * (nodes() + 1) > tables_.back()->mask) Grow();
   auto& predecessors = predecessors_[static_cast<std::size_t>(key.tree)];
   for (int level = 0; level < height; ++level) {
     OverlayNode*& before = predecessors[static_cast<std::size_t>(level)];
@@ -114,7 +142,6 @@ OverlayNode* Overlay::Insert(OrderedKey const& key, std::size_t hash) {
     before->next_[level].store(node, std::memory_order_release);
     before = node;
   }
-  Link(*tables_.back(), node);
   nodes_.fetch_add(1, std::memory_order_relaxed);
   return node;
 }
@@ -162,9 +189,7 @@ OverlayNode* Overlay::FindNode(OrderedKey const& key, std::size_t hash) const {
 // A second write in the same commit changes the version in place: nobody reads it yet.
 void Overlay::Write(OrderedKey const& key, std::string_view value, bool deleted, CommitId commit) {
   if (key.tree == Tree::kIndex && !deleted) deleted_runs_.Break(key.bytes, commit);
-  std::size_t const hash = HashOf(key);
-  OverlayNode* node = FindNode(key, hash);
-  if (node == nullptr) node = Insert(key, hash);
+  OverlayNode* const node = FindOrInsert(key);
   OverlayVersion* const newest = node->newest_.load(std::memory_order_relaxed);
   if (newest != nullptr && newest->commit == commit) {
     newest->value = value;
@@ -211,8 +236,14 @@ void Overlay::Keep(std::unique_ptr<char[]> bytes, std::size_t size) {
 
 // ---- reading -----------------------------------------------------------------------------------
 
+OverlayNode const* Overlay::Lookup(OrderedKey const& key) const {
+  if (IsHashed(key.tree)) return FindNode(key, HashOf(key));
+  OverlayNode const* const node = NotBelow(key);
+  return node != nullptr && node->key() == key ? node : nullptr;
+}
+
 OverlayVersion const* Overlay::Find(OrderedKey const& key, CommitId state) const {
-  OverlayNode const* const node = FindNode(key, HashOf(key));
+  OverlayNode const* const node = Lookup(key);
   return node == nullptr ? nullptr : node->VersionAt(state);
 }
 

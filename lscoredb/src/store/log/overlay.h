@@ -4,8 +4,9 @@
 // The changes of one generation of the log in memory: the versions of each changed entry of all
 // five trees, for readers of any state since the generation began.
 //
-// A node is a key. It is in a hash table, for look-ups, and in the skip list of its tree, for
-// scans. Its versions are a chain, newest first:
+// A node is a key. It is in the skip list of its tree, for scans, and in a hash table, for look-ups;
+// not so index entries, of which there are most: they are scanned and not looked up. Its versions
+// are a chain, newest first:
 //
 //   hash table -> node "k" -> commit 9: "v3" -> commit 7: deleted -> null
 //                   |
@@ -134,10 +135,14 @@ class Overlay {
   };
 
   OverlayNode const& HeadOf(Tree tree) const { return *heads_[static_cast<std::size_t>(tree)]; }
+  static bool IsHashed(Tree tree) { return tree != Tree::kIndex; }
   static std::size_t HashOf(OrderedKey const& key);
+  OverlayNode const* Lookup(OrderedKey const& key) const;
   OverlayNode* FindNode(OrderedKey const& key, std::size_t hash) const;
   OverlayNode* NewNode(OrderedKey const& key, int height);
-  OverlayNode* Insert(OrderedKey const& key, std::size_t hash);
+  bool FollowsLast(OrderedKey const& key) const;
+  OverlayNode* FindOrInsert(OrderedKey const& key);
+  OverlayNode* Insert(OrderedKey const& key);
   void FindPredecessors(OrderedKey const& key);
   int RandomHeight();
   void Link(OverlayNode* node);
@@ -155,6 +160,7 @@ class Overlay {
   std::array<std::array<OverlayNode*, kMaxHeight>, kTreeCount> predecessors_;
   std::vector<std::unique_ptr<Table>> tables_;  // readers may still use older ones
   std::atomic<Table*> table_;
+  std::size_t hashed_ = 0;
   std::vector<OverlayNode*> changed_;
   DeletedRuns mutable deleted_runs_;
   std::uint64_t random_ = 0x9E3779B97F4A7C15;
