@@ -31,11 +31,14 @@ Arena::Chunk Arena::FromHeap(std::size_t size) {
   return {std::unique_ptr<char[], Free>(new char[size], Free{0}), size};
 }
 
+// A huge page takes one fault where small ones take hundreds. A system that has none ignores the
+// advice.
 Arena::Chunk Arena::FromSystem(std::size_t at_least) {
   std::size_t const size = (at_least + kMappedChunk - 1) / kMappedChunk * kMappedChunk;
   void* const mapped =
       mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   if (mapped == MAP_FAILED) throw std::bad_alloc();
+  static_cast<void>(madvise(mapped, size, MADV_HUGEPAGE));
   return {std::unique_ptr<char[], Free>(static_cast<char*>(mapped), Free{size}), size};
 }
 

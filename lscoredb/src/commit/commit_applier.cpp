@@ -1,6 +1,7 @@
 #include "commit_applier.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "bytes.h"
 #include "change_notes.h"
@@ -55,13 +56,21 @@ void AddHints(CommitRequest const& request, std::vector<TreeKey>* hints) {
 
 // ---- checks ------------------------------------------------------------------------------------
 
-void CommitApplier::Validate(bool nothing_between) {
-  request_.changes.ForEachRow([this](PendingRow const& row) {
-    if (Matters(row)) rows_.push_back(&row);
+// In key order neighbours share pages, and a tree that grows at its end fills its pages. The ids
+// are beside the rows meanwhile, so that sorting touches no other memory.
+void CommitApplier::CollectRows() {
+  std::vector<std::pair<ObjectId, PendingRow const*>> found;
+  found.reserve(request_.changes.row_count());
+  request_.changes.ForEachRow([&](PendingRow const& row) {
+    if (Matters(row)) found.emplace_back(row.id, &row);
   });
-  // In key order neighbours share pages, and a tree that grows at its end fills its pages.
-  std::sort(rows_.begin(), rows_.end(),
-            [](PendingRow const* a, PendingRow const* b) { return a->id < b->id; });
+  std::sort(found.begin(), found.end());
+  rows_.reserve(found.size());
+  for (auto const& [id, row] : found) rows_.push_back(row);
+}
+
+void CommitApplier::Validate(bool nothing_between) {
+  CollectRows();
   if (!nothing_between) {
     for (PendingRow const* const row : rows_) ValidateRow(*row);
     request_.changes.ForEachRequired([this](ObjectId id) { ValidateRequired(id); });

@@ -46,6 +46,7 @@ class CommitApplier {
   void Apply();
 
  private:
+  void CollectRows();
   void ValidateRow(PendingRow const& row);
   void ValidateChosen(ObjectId id) const;
   void ValidateRequired(ObjectId id);

@@ -31,8 +31,12 @@ class SchemaView {
   // Newest first.
   std::vector<IndexDefinition const*> IndexesOf(Token token);
   // The committed indexes over a set, including those that the transaction has dropped.
+  // A transaction mostly inserts into one table after the other, so the last one is remembered.
   IndexList const& CommittedCovering(std::u16string const& setspec) {
-    return catalogue().Covering(*state_.snapshot, setspec);
+    if (covering_ != nullptr && covered_ == setspec) return *covering_;
+    covering_ = &catalogue().Covering(*state_.snapshot, setspec);
+    covered_ = setspec;
+    return *covering_;
   }
   // Whether a set takes no more objects (closed_sets.h).
   bool IsClosed(std::u16string_view setspec) {
@@ -42,6 +46,7 @@ class SchemaView {
   CommitId version() { return catalogue().version(); }
 
   void End() noexcept {
+    covering_ = nullptr;
     catalogue_.reset();
     known_open_.Forget();
   }
@@ -52,6 +57,8 @@ class SchemaView {
   TransactionState& state_;
   KnownOpenSet known_open_;
   std::shared_ptr<IndexCatalogue> catalogue_;  // fetched when it is first needed
+  IndexList const* covering_ = nullptr;        // over covered_; of the catalogue
+  std::u16string covered_;
 };
 
 }  // namespace lscore

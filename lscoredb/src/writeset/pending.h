@@ -249,7 +249,8 @@ class PendingChanges {
     auto const* const found = rows_.Find(Raw(id));
     return found == nullptr ? nullptr : *found;
   }
-  bool has_rows() const { return rows_.size() != 0; }
+  bool has_rows() const { return row_count() != 0; }
+  std::size_t row_count() const { return rows_.size(); }
   PendingRow& AddRow(ObjectId id);
   // Records undo steps; called before the row, or only one cell of it, is changed.
   void WillChange(PendingRow& row);
