@@ -34,7 +34,7 @@ from typing import Any, NamedTuple
 
 from . import _core
 from .bulk import Meter
-from .errors import BadValue, WrongType
+from .errors import BadValue, OpenError, WrongType
 
 _EPOCH = datetime.datetime(1970, 1, 1, tzinfo=datetime.timezone.utc)
 _MICROSECOND = datetime.timedelta(microseconds=1)
@@ -93,13 +93,29 @@ def restore(folder: str | os.PathLike[str], path: str | os.PathLike[str],
     """
     commit, time = _limit(until)
     with Meter(progress, " steps") as meter:
-        told = _core.restore(folder, path, commit, time, check, meter.show)
+        try:
+            told = _core.restore(folder, path, commit, time, check, meter.show)
+        except OpenError as error:
+            if _is_taken(path):
+                error.hint = ("restore makes a new database and overwrites nothing: give it a path "
+                              "that does not exist, or an empty directory")
+            raise
     return Restored(told[0], moment(told[1]))
 
 
 def moment(microseconds: int) -> datetime.datetime:
     """The time so many microseconds after the beginning of 1970, in UTC."""
     return _EPOCH + datetime.timedelta(microseconds=microseconds)
+
+
+def _is_taken(path: str | os.PathLike[str]) -> bool:
+    """Whether something is there that restore leaves alone."""
+    try:
+        return bool(os.listdir(path))
+    except NotADirectoryError:
+        return True
+    except OSError:
+        return False
 
 
 def _part(told: tuple[bool, int, int, int, int, int]) -> BackupPart:

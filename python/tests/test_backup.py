@@ -204,8 +204,27 @@ def test_places_have_any_name(db):
         db.backup(folder)
         target = os.fsencode(folder) + b" restored"
         assert sg.restore(folder, target).commit == newest(db)
-        with pytest.raises(sg.OpenError, match="restored"):
+        with pytest.raises(sg.OpenError, match="restored") as told:
             sg.restore(folder, target)
+        assert "empty directory" in told.value.hint
+
+
+def test_a_place_that_is_taken_is_left_alone_and_a_hint_says_so(db):
+    add(db, "one")
+    db.backup("backup")
+    for taken in (Path("full") / "note.txt", Path("note.txt")):
+        taken.parent.mkdir(exist_ok=True)
+        taken.write_text("mine")
+        target = taken.parent if taken.parent.name else taken
+        with pytest.raises(sg.OpenError) as told:
+            sg.restore("backup", target)
+        assert "overwrites nothing" in told.value.hint
+        assert taken.read_text() == "mine"
+    with pytest.raises(sg.OpenError) as told:
+        sg.restore("backup", "/proc/nowhere")
+    assert told.value.hint == ""
+    Path("empty").mkdir()
+    assert sg.restore("backup", "empty").commit == newest(db)
 
 
 @needs_a_log
