@@ -7,6 +7,7 @@ from typing import TYPE_CHECKING, Any
 
 from . import _core
 from .bulk import Reports
+from .errors import SchemaError
 
 if TYPE_CHECKING:
     from .database import Database
@@ -38,10 +39,20 @@ class Job:
         self.__dict__.update(told)
 
     def resume(self, *, report: Callable[[dict[str, Any]], bool | None] | None = None,
-               progress: bool = False) -> bool:
-        """Goes on where it was; False if `report` ended it. Fails while somebody works on it."""
+               progress: bool = False, allow_losses: bool = False) -> bool:
+        """Goes on where it was; False if `report` ended it. Fails while somebody works on it.
+
+        A schema, a retype or a column change that was begun to lose nothing raises SchemaError where
+        it would lose values or objects, and is cut off again with that as its `reason`. With
+        `allow_losses` it goes on in spite of them.
+        """
         with Reports(progress, report, "done", "total") as reports:
-            return _core.resume_job(self._db._context(), self.id, reports.take)
+            try:
+                return _core.resume_job(self._db._context(), self.id, reports.take, allow_losses)
+            except SchemaError as error:
+                error.hint = ("where it would lose values or objects, resume(allow_losses=True) goes "
+                              "on in spite of that")
+                raise
 
     def stop(self) -> None:
         """Makes it end after the batch that it is in, whatever process it is in."""

@@ -1,5 +1,6 @@
 // Long work that is recorded in the database: what runs, what was cut off, and its control.
 
+#include <sagleme/failure.hpp>
 #include <sagleme/jobs.hpp>
 
 #include "catalogue.h"
@@ -31,26 +32,48 @@ PyObject* ProgressOf(sagleme::JobProgress const& done) {
                        static_cast<unsigned long long>(done.rate));
 }
 
-// Parses (context, id, report or None) and runs work that takes them.
+// The family of exceptions for a failure that has no status.
+char const* FamilyOf(sagleme::Failure::Kind kind) {
+  switch (kind) {
+    case sagleme::Failure::Kind::kBadData:
+    case sagleme::Failure::Kind::kBadInput:
+      return "BadValue";
+    case sagleme::Failure::Kind::kCannotOpen:
+      return "OpenError";
+    case sagleme::Failure::Kind::kRefused:
+      break;
+  }
+  return "SchemaError";
+}
+
+// Parses (context, id, report or None, allow_losses) and runs work that takes them.
 template <typename Work>
 PyObject* WithJob(PyObject* args, Work&& work) {
   PyObject* context_object = nullptr;
   unsigned long long id = 0;
   PyObject* report = Py_None;
-  if (!PyArg_ParseTuple(args, "O!K|O", &g_context_type, &context_object, &id, &report)) {
+  int allow_losses = 0;
+  if (!PyArg_ParseTuple(args, "O!K|Op", &g_context_type, &context_object, &id, &report,
+                        &allow_losses)) {
     return nullptr;
   }
   return Guard([&] {
     Context const* const context = IdleContext(context_object, "work on a job");
     sagleme::JobOptions options;
+    options.allow_losses = allow_losses != 0;
     options.report = [report](auto const& done) {
       return Report(report, [&] { return ProgressOf(done); });
     };
-    bool const finished = NotStopped([&] {
-      Working const working(context->database);
-      Unlocked const unlocked;
-      return work(*context->handle, id, options);
-    });
+    bool finished = false;
+    try {
+      finished = NotStopped([&] {
+        Working const working(context->database);
+        Unlocked const unlocked;
+        return work(*context->handle, id, options);
+      });
+    } catch (sagleme::Failure const& failure) {
+      Raise(FamilyOf(failure.kind()), failure.what());
+    }
     if (PyErr_Occurred()) throw PythonError{};
     return PyBool_FromLong(finished ? 1 : 0);
   });

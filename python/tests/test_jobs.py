@@ -1,10 +1,14 @@
 """Long work that is recorded in the database."""
 
+import ctypes
+import json
 import threading
 
 import pytest
+from library import place
 
 import sagleme as sg
+from sagleme import statuses
 
 
 class Thing(sg.Table, name="Thing"):
@@ -84,3 +88,64 @@ def test_transactions_are_in_the_way(db):
             job.resume()
         with pytest.raises(sg.NestedTransaction):
             db.jobs()
+
+
+class Other(sg.Table, name="Other"):
+    size: int = 0
+
+
+REPORT = ctypes.CFUNCTYPE(ctypes.c_uint32, ctypes.c_void_p, ctypes.c_uint64, ctypes.c_uint64,
+                          ctypes.c_uint64)
+
+
+class JobOptions(ctypes.Structure):
+    """sagleme_job_options of <sagleme/jobs.h>."""
+
+    _fields_ = [("size", ctypes.c_size_t), ("batch", ctypes.c_uint64), ("pause", ctypes.c_uint64),
+                ("take_over", ctypes.c_uint32), ("allow_losses", ctypes.c_uint32),
+                ("control", ctypes.c_void_p), ("report", REPORT), ("user", ctypes.c_void_p)]
+
+
+def cut_off_schema(path):
+    """A schema of Thing alone, with an index, whose job ended in the build of it."""
+    table = {"name": "Thing",
+             "columns": [{"name": "size", "type": "long", "default": 0},
+                         {"name": "name", "type": "string"}],
+             "indexes": [{"name": "ThingBySize", "columns": ["size"]}]}
+    document = json.dumps({"schema": 1, "tables": [table]})
+    options = JobOptions(size=ctypes.sizeof(JobOptions), batch=1000, report=REPORT(lambda *_: 1))
+    library = ctypes.CDLL("libsaglemehost.so.0")
+    status = library.sagleme_apply_schema(path.encode(), document.encode(), ctypes.byref(options))
+    assert status == statuses.LSCOREDB_STOPPED
+
+
+def test_a_job_that_would_lose_objects_goes_on_when_that_is_allowed(make):
+    path = place()
+    db = make(Thing, path=path)
+    with db.write() as tx:
+        tx.insert_many(Thing, ((i, None) for i in range(10_000)))
+    cut_off_schema(path)
+    [job] = [each for each in db.jobs() if each.kind == "apply"]
+    with sg.open(path, models=[Thing, Other], sync=False) as beside:
+        beside.apply()
+        with beside.write() as tx:
+            tx.new(Other, size=1)
+    for given in ({}, {"allow_losses": False}):
+        with pytest.raises(sg.SchemaError, match="the plan would lose values or objects") as told:
+            job.resume(**given)
+        assert "allow_losses=True" in told.value.hint
+    [job] = [each for each in db.jobs() if each.kind == "apply"]
+    assert job.state == "cut off" and "would lose" in job.reason
+    assert job.resume(allow_losses=True)
+    assert "apply" not in [each.kind for each in db.jobs()]
+    assert [each["name"] for each in db.schema()] == ["Thing"]
+    with db.read() as tx:
+        assert tx.all(Thing).count() == 10_000
+
+
+def test_an_allowance_changes_nothing_for_work_that_loses_nothing(db):
+    job = cut_off(db)
+    with pytest.raises(TypeError):
+        job.resume(allow_loss=True)
+    assert job.resume(allow_losses=True)
+    assert db.jobs() == []
