@@ -53,12 +53,12 @@ LSCOREDB_API uint32_t lscoredb_read_words(uint64_t context, uint32_t count, uint
 
 /* Reads a column of texts or binary values of `count` objects in any order into one buffer. `data`
  * receives the buffer, which the kernel owns: it is valid until the next call of this function with
- * this context, or the transaction's end. The value of object i is in the bytes from `offsets[i]`
- * to `offsets[i + 1]`, and empty unless its state is LSCOREDB_HAS_VALUE; `offsets` has room for
- * `count` + 1 entries. Texts are UTF-16 units without a terminator, in the byte order of the
- * machine, and lie at even offsets from an aligned address. LSCOREDB_WRONG_TYPE: another column, or
- * one that is a text in some of the objects' own layouts and binary in others. A call that fails
- * may have written some offsets and states. */
+ * this context, or the transaction's end; a call for no objects frees it. The value of object i is
+ * in the bytes from `offsets[i]` to `offsets[i + 1]`, and empty unless its state is
+ * LSCOREDB_HAS_VALUE; `offsets` has room for `count` + 1 entries. Texts are UTF-16 units without a
+ * terminator, in the byte order of the machine, and lie at even offsets from an aligned address.
+ * LSCOREDB_WRONG_TYPE: another column, or one that is a text in some of the objects' own layouts
+ * and binary in others. A call that fails may have written some offsets and states. */
 LSCOREDB_API uint32_t lscoredb_read_values(uint64_t context, uint32_t count, uint64_t const* oids,
                                            uint16_t layout, uint32_t column, void const** data,
                                            uint64_t* offsets, uint8_t* states);

@@ -374,6 +374,8 @@ TEST_P(ManyTest, BadArguments_AreRefused) {
                 lscoredb_read_values(context, 2, oids, 0, kName, nullptr, offsets, states));
   EXPECT_STATUS(LSCOREDB_NULL_ARGUMENT,
                 lscoredb_read_values(context, 2, oids, 0, kName, &data, nullptr, states));
+  EXPECT_STATUS(0, lscoredb_read_values(context, 0, nullptr, 0, 0, &data, offsets, nullptr));
+  EXPECT_EQ(0u, offsets[0]);
   EXPECT_STATUS(LSCOREDB_NULL_ARGUMENT, lscoredb_fetch(context, 1, nullptr));
   EXPECT_STATUS(LSCOREDB_UNKNOWN_CONTEXT, lscoredb_fetch(99, 0, nullptr));
 }

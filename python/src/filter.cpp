@@ -63,6 +63,15 @@ void Path::ReadTogether(std::uint64_t context, std::span<std::uint64_t const> oi
                                                    states));
 }
 
+void const* Path::ReadBytesTogether(std::uint64_t context, std::span<std::uint64_t const> oids,
+                                    std::uint64_t* offsets, std::uint8_t* states) const {
+  void const* data = nullptr;
+  sagleme::detail::CheckKernel(
+      lscoredb_read_values(context, static_cast<std::uint32_t>(oids.size()), oids.data(), layout_,
+                           last_.ordinal, &data, offsets, states));
+  return data;
+}
+
 PyObject* Path::ReadPython(Transaction* transaction, Row row) const {
   if (is_identity()) return PyLong_FromUnsignedLongLong(row.oid);
   std::uint64_t const context = transaction->context_id;

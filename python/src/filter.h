@@ -33,6 +33,12 @@ class Path {
   // REQUIRES: reads_together().
   void ReadTogether(std::uint64_t context, std::span<std::uint64_t const> oids,
                     std::uint64_t* words, std::uint8_t* states) const;
+  // The same for columns of texts and binaries: lscoredb_read_values and what it returns in `data`.
+  bool reads_bytes_together() const {
+    return hops_.empty() && last_.field != nullptr && TakesKernelMemory(kind_);
+  }
+  void const* ReadBytesTogether(std::uint64_t context, std::span<std::uint64_t const> oids,
+                                std::uint64_t* offsets, std::uint8_t* states) const;
   // The value as Python has it; references become objects.
   PyObject* ReadPython(Transaction* transaction, Row row) const;
   // Follows the whole path, so that its rows are cached for later.

@@ -1,6 +1,7 @@
 // Objects of tables, and the descriptors that read and write their columns.
 
 #include <Python.h>
+#include <lscoredb/bulk.h>
 #include <structmember.h>
 
 #include "types.h"
@@ -8,11 +9,8 @@
 namespace binding {
 namespace {
 
-void ForgetTexts(Object* object) {
-  if (object->texts == nullptr) return;
-  for (std::size_t i = 0; i < object->binding->columns.size(); ++i) {
-    Py_CLEAR(object->texts[i]);
-  }
+void ForgetValues(Object* object) {
+  for (Py_ssize_t i = 0; i < Py_SIZE(object); ++i) Py_CLEAR(object->values[i]);
 }
 
 void ObjectDealloc(PyObject* object) {
@@ -20,8 +18,7 @@ void ObjectDealloc(PyObject* object) {
   if (self->weak_references != nullptr) PyObject_ClearWeakRefs(object);
   if (self->transaction != nullptr) {
     if (!self->gone) self->transaction->objects->Remove(self);
-    ForgetTexts(self);
-    PyMem_Free(self->texts);
+    ForgetValues(self);
     Py_DECREF(Plain(self->transaction));
   }
   Py_TYPE(object)->tp_free(object);
@@ -85,7 +82,8 @@ PyGetSetDef g_object_members[] = {
 PyTypeObject MakeObjectType() {
   PyTypeObject type = {PyVarObject_HEAD_INIT(nullptr, 0)};
   type.tp_name = "sagleme._core.Object";
-  type.tp_basicsize = sizeof(Object);
+  type.tp_basicsize = offsetof(Object, values);
+  type.tp_itemsize = sizeof(PyObject*);
   type.tp_flags = Py_TPFLAGS_DEFAULT | Py_TPFLAGS_BASETYPE;
   type.tp_new = ObjectNew;
   type.tp_dealloc = ObjectDealloc;
@@ -125,26 +123,40 @@ BoundColumn const* Bound(Field const* field, Object const* object) {
   return Bound(field, self);
 }
 
-PyObject* ReadText(Object* object, BoundColumn const& column, std::size_t slot) {
-  if (object->stamp != object->transaction->stamp) {
-    ForgetTexts(object);
-    object->stamp = object->transaction->stamp;
-  } else if (object->texts != nullptr && object->texts[slot] != nullptr) {
-    return Py_NewRef(object->texts[slot]);
+// The kernel's call for many values gives the bytes of one without a place for them to stay.
+PyObject* ReadBytes(Transaction* transaction, Cell const& at, Kind kind) {
+  void const* data = nullptr;
+  std::uint64_t offsets[2] = {};
+  std::uint8_t state = LSCOREDB_IS_GONE;
+  sagleme::detail::CheckKernel(lscoredb_read_values(at.context, 1, &at.oid,
+                                                    static_cast<std::uint16_t>(at.addr & 0xFFFF),
+                                                    at.ordinal, &data, offsets, &state));
+  if (state == LSCOREDB_HAS_VALUE) {
+    PyObject* const value = FromBytes({static_cast<char const*>(data), offsets[1]}, kind);
+    FreeBytes(at.context, offsets[1]);
+    return value;
   }
-  if (object->texts == nullptr) {
-    object->texts =
-        static_cast<PyObject**>(PyMem_Calloc(object->binding->columns.size(), sizeof(PyObject*)));
-    if (object->texts == nullptr) return PyErr_NoMemory();
+  if (state == LSCOREDB_IS_NULL) Py_RETURN_NONE;
+  sagleme::ReadScope const scope(at.context);
+  return ReadValue(transaction, at, kind);
+}
+
+PyObject* ReadNew(Object* object, BoundColumn const& column) {
+  Cell const at = CellOf(object, column.ordinal);
+  if (column.kind == Kind::kLong) [[likely]] {
+    std::int64_t value = 0;
+    if (lorv_context_get_long(at.context, at.oid, at.addr, at.ordinal, &value) == 0) {
+      return PyLong_FromLongLong(value);
+    }
   }
   return Guard([&] {
-    sagleme::ReadScope const scope(object->transaction->context_id);
-    PyObject* const value =
-        Need(ReadValue(object->transaction, CellOf(object, column.ordinal), column.kind));
-    object->texts[slot] = Py_NewRef(value);
-    return value;
+    if (TakesKernelMemory(column.kind)) return ReadBytes(object->transaction, at, column.kind);
+    return ReadValue(object->transaction, at, column.kind);
   });
 }
+
+// A target that is kept would keep others in turn, and find its way back.
+bool IsKept(Kind kind) { return kind != Kind::kReference; }
 
 PyObject* FieldGet(PyObject* descriptor, PyObject* object, PyObject*) {
   if (object == nullptr) return Py_NewRef(descriptor);
@@ -154,18 +166,16 @@ PyObject* FieldGet(PyObject* descriptor, PyObject* object, PyObject*) {
     return Guard([&]() -> PyObject* { RaiseUnusable(field, object); });
   }
   auto* const self = As<Object>(object);
-  if (column->kind == Kind::kLong) [[likely]] {
-    std::int64_t value = 0;
-    if (lorv_context_get_long(self->transaction->context_id, self->oid, self->addr, column->ordinal,
-                              &value) == 0) {
-      return PyLong_FromLongLong(value);
-    }
+  PyObject*& kept = self->values[field->slot];
+  if (self->stamp != self->transaction->stamp) {
+    ForgetValues(self);
+    self->stamp = self->transaction->stamp;
+  } else if (kept != nullptr) {
+    return Py_NewRef(kept);
   }
-  if (TakesKernelMemory(column->kind)) {
-    return ReadText(self, *column, static_cast<std::size_t>(field->slot));
-  }
-  return Guard(
-      [&] { return ReadValue(self->transaction, CellOf(self, column->ordinal), column->kind); });
+  PyObject* const value = ReadNew(self, *column);
+  if (value != nullptr && IsKept(column->kind)) kept = Py_NewRef(value);
+  return value;
 }
 
 int FieldSet(PyObject* descriptor, PyObject* object, PyObject* value) {
@@ -231,7 +241,8 @@ PyTypeObject MakeFieldType() {
 Object* Allocate(Transaction* transaction, Binding* binding, std::uint64_t oid,
                  std::uint64_t addr) {
   if (!binding->misfit.empty()) Raise("SchemaError", binding->misfit);
-  auto* const made = As<Object>(Need(binding->type->tp_alloc(binding->type, 0)));
+  auto const columns = static_cast<Py_ssize_t>(binding->columns.size());
+  auto* const made = As<Object>(Need(binding->type->tp_alloc(binding->type, columns)));
   made->transaction = transaction;
   Py_INCREF(Plain(transaction));
   made->binding = binding;

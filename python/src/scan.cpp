@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <optional>
 
+#include "tuples.h"
+
 namespace binding {
 
 namespace {
@@ -246,27 +248,6 @@ void Fetch(ScanBody& body) {
   body.batch_size = std::min(4 * body.batch_size, kLargestBatch);
 }
 
-PyObject* TupleOf(ScanBody const& body, Row row) {
-  auto const count = static_cast<Py_ssize_t>(body.outputs.size());
-  Ref tuple(Need(PyTuple_New(count)));
-  for (Py_ssize_t i = 0; i < count; ++i) {
-    PyObject* const value =
-        body.outputs[static_cast<std::size_t>(i)].ReadPython(body.transaction, row);
-    PyTuple_SET_ITEM(tuple.get(), i, Need(value));
-  }
-  return tuple.release();
-}
-
-// The tuples of a batch are made together, within one read scope.
-void MakeTuples(ScanBody& body) {
-  sagleme::ReadScope const scope(body.transaction->context_id);
-  Ref list(Need(PyList_New(static_cast<Py_ssize_t>(body.batch.size()))));
-  for (std::size_t i = 0; i < body.batch.size(); ++i) {
-    PyList_SET_ITEM(list.get(), static_cast<Py_ssize_t>(i), TupleOf(body, body.batch[i]));
-  }
-  body.made = std::move(list);
-}
-
 // Whether an object of the batch is still there, when something was written since.
 bool StillThere(ScanBody const& body, Row row) {
   if (body.stamp == body.transaction->stamp) return true;
@@ -285,7 +266,7 @@ PyObject* Next(PyObject* object) {
         }
         Fetch(body);
         if (body.batch.empty()) continue;
-        if (body.tuples) MakeTuples(body);
+        if (body.tuples) body.made = Ref(MakeTuples(body.transaction, body.batch, body.outputs));
       }
       std::size_t const at = body.position++;
       if (body.tuples) {

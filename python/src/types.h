@@ -115,16 +115,18 @@ struct Transaction {
   PyObject* weak_references;
 };
 
+// An object keeps the values that were read of it, references aside, until something is written: a
+// snapshot does not change, and making a Python value costs more than all the rest of a read.
 struct Object {
-  PyObject_HEAD Transaction* transaction;  // strong
-  Binding* binding;                        // the transaction's view keeps it
+  PyObject_VAR_HEAD Transaction* transaction;  // strong
+  Binding* binding;                            // the transaction's view keeps it
   std::uint64_t oid;
   std::uint64_t addr;
-  std::uint64_t stamp;  // of the texts
+  std::uint64_t stamp;  // of the values
   std::uint64_t birth;  // savepoints taken when it was made; 0: it was there before
-  PyObject** texts;     // by slot, or null
   bool gone;            // deleted, or its making was undone
   PyObject* weak_references;
+  PyObject* values[1];  // by slot, as many as the binding has columns; null: not read
 };
 
 extern PyTypeObject g_database_type;
@@ -240,6 +242,11 @@ Constant ToConstant(Transaction* transaction, BoundColumn const& column, PyObjec
 Datum ReadDatum(Cell const& at, Kind kind);
 // The Python value of a datum of a column of that kind. A reference becomes its identity.
 PyObject* FromDatum(Datum const& datum, Kind kind);
+// The Python value of a text or a binary as lscoredb_read_values gives it.
+PyObject* FromBytes(std::string_view bytes, Kind kind);
+// To be called when the values of such a call, of `size` bytes, are not needed any more: the kernel
+// would keep the memory until the transaction ends.
+void FreeBytes(std::uint64_t context, std::uint64_t size);
 // Below, equal, above: -1, 0, 1. REQUIRES: of one tag, and not null.
 int CompareData(Datum const& a, Datum const& b);
 

@@ -2,6 +2,7 @@
 
 #include <Python.h>
 #include <datetime.h>
+#include <lscoredb/bulk.h>
 
 #include <array>
 #include <cmath>
@@ -441,6 +442,21 @@ Datum ReadDatum(Cell const& at, Kind kind) {
       return DatumOf<std::uint64_t>(at, SetUnsigned);
   }
   return {};
+}
+
+PyObject* FromBytes(std::string_view bytes, Kind kind) {
+  if (kind == Kind::kBinary) {
+    return PyBytes_FromStringAndSize(bytes.data(), static_cast<Py_ssize_t>(bytes.size()));
+  }
+  return FromUnits({reinterpret_cast<char16_t const*>(bytes.data()), bytes.size() / 2});
+}
+
+void FreeBytes(std::uint64_t context, std::uint64_t size) {
+  constexpr std::uint64_t kMuch = std::uint64_t{1} << 20;
+  if (size < kMuch) return;
+  void const* none = nullptr;
+  std::uint64_t offset = 0;
+  static_cast<void>(lscoredb_read_values(context, 0, nullptr, 0, 0, &none, &offset, nullptr));
 }
 
 PyObject* FromDatum(Datum const& datum, Kind kind) {

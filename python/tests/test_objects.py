@@ -58,6 +58,73 @@ def test_values_of_each_type_come_back(make, name):
         assert getattr(tx.get(Everything, empty), name) is None
 
 
+@pytest.mark.parametrize("name", VALUES)
+def test_a_value_that_was_read_is_kept_until_something_is_written(make, name):
+    first, last = VALUES[name][0], VALUES[name][-1]
+    db = make(Everything)
+    with db.write() as tx:
+        made, other = tx.new(Everything, **{name: first}), tx.new(Everything)
+        assert getattr(made, name) == first and getattr(other, name) is None
+        setattr(made, name, last)
+        assert getattr(made, name) == last
+        with pytest.raises(ZeroDivisionError), tx.savepoint():
+            setattr(made, name, None)
+            assert getattr(made, name) is None
+            1 / 0
+        assert getattr(made, name) == last
+        tx.sql(f'UPDATE "Types.Everything" SET "{name}" = NULL')
+        assert getattr(made, name) is None
+        setattr(made, name, last)
+        assert getattr(made, name) == last and getattr(other, name) is None
+        id = made.id
+    with db.read() as tx:
+        found = tx.get(Everything, id)
+        assert getattr(found, name) is getattr(found, name) and getattr(found, name) == last
+
+
+@pytest.mark.parametrize("name", VALUES)
+def test_tuples_have_the_values_that_objects_have(make, name):
+    values = [*VALUES[name], None] * 40
+    db = make(Everything)
+    with db.write() as tx:
+        tx.insert_many(Everything, ({name: value} for value in values))
+        last = tx.all(Everything).first()
+        for each in tx.all(Everything):
+            last.other, last = each, each
+    with db.read() as tx:
+        rows = tx.all(Everything)
+        objects = [(getattr(each, name), each.other, each.other and getattr(each.other, name))
+                   for each in rows]
+        assert [value for value, *_ in objects] == values
+        found = list(rows.select(name, "other", f"other.{name}"))
+        assert found == objects
+        assert [type(row[0]) for row in found] == [type(row[0]) for row in objects]
+
+
+def test_a_large_text_is_read_like_any_other(make):
+    db = make(Everything)
+    with db.write() as tx:
+        tx.new(Everything, text="\u20ac" * (1 << 20))
+        tx.new(Everything, text="a")
+    with db.read() as tx:
+        long, short = tx.all(Everything)
+        assert long.text == "\u20ac" * (1 << 20) and short.text == "a"
+        assert list(tx.all(Everything).select("text")) == [(long.text,), ("a",)]
+        assert long.text is long.text
+
+
+def test_references_that_were_read_keep_no_object(make):
+    db = make(Everything)
+    with db.write() as tx:
+        one = tx.new(Everything)
+        one.other = tx.new(Everything, other=one)
+        id = one.id
+    with db.read() as tx:
+        one = tx.get(Everything, id)
+        back = one.other.other
+        assert back is one and tx.live == 1
+
+
 @pytest.mark.parametrize("name, value, words", [
     ("text", 1, "Everything.text takes str, not int 1"),
     ("text", b"x", "takes str, not bytes"),

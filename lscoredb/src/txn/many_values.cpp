@@ -65,6 +65,7 @@ Status ManyValues::Words(std::span<std::uint64_t const> ids, LayoutNumber as, st
 
 Status ManyValues::Bytes(std::span<std::uint64_t const> ids, LayoutNumber as, std::uint32_t column,
                          std::uint64_t* offsets, std::uint8_t* states) {
+  if (ids.empty()) buffer_ = std::string();
   buffer_.clear();
   kind_ = Kind::kUnknown;
   offsets[0] = 0;
