@@ -4,9 +4,8 @@
 // The changes of one generation of the log in memory: the versions of each changed entry of all
 // five trees, for readers of any state since the generation began.
 //
-// A node is a key. It is in the skip list of its tree, for scans, and in a hash table, for look-ups;
-// not so index entries, of which there are most: they are scanned and not looked up. Its versions
-// are a chain, newest first:
+// A node is a key. It is in the skip list of its tree, for scans, and unless it is an index entry in
+// a hash table, for look-ups: entries are many, and scanned. Its versions are a chain, newest first:
 //
 //   hash table -> node "k" -> commit 9: "v3" -> commit 7: deleted -> null
 //                   |
