@@ -140,6 +140,8 @@ class Store {
   virtual void Settle() { static_cast<void>(BeginBatch()); }
   // From now on every commit is synced, with a log maybe so much later. REQUIRES: no open batch.
   virtual void RequireSync() = 0;
+  // The same, but leaves what was committed before as it is.
+  virtual void RequireSyncFromNowOn() { RequireSync(); }
   virtual void RequireSyncWithin(std::chrono::milliseconds /* delay */) { RequireSync(); }
   // Syncs every commit that was published, also those of other processes.
   virtual void Sync() = 0;

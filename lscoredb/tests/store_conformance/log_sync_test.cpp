@@ -136,6 +136,63 @@ TEST_F(LogSyncTest, SyncedCommitBehindUnsyncedOnes_FailsAndTheNextGoesToTheImage
   EXPECT_EQ("acd", KeysAfterACrash());
 }
 
+// ---- opening -----------------------------------------------------------------------------------
+
+class LogOpeningTest : public LogSyncTest, public testing::WithParamInterface<bool> {
+ protected:
+  LogOpeningTest() { options_.sync = GetParam(); }
+
+  static Status TryOpen(std::string const& directory, StoreOptions const& options) {
+    return Guarded([&] {
+      OpenLogStore(directory, options);
+      return LORV_STATUS_OK;
+    });
+  }
+  std::string CopyOf(std::string const& directory) {
+    std::string const copy = top_ + "/copy" + std::to_string(++copies_);
+    std::filesystem::copy(directory, copy);
+    return copy;
+  }
+
+  int copies_ = 0;
+};
+
+TEST_P(LogOpeningTest, CleanImage_IsNotSynced) {
+  { ASSERT_EQ(0u, Commit(*Open(), "a")); }
+  failing_image_syncs = 1;
+  failing_log_syncs = 1;
+  EXPECT_EQ("a", KeysIn(*Open()));
+  EXPECT_EQ(1, failing_image_syncs);
+  EXPECT_EQ(1, failing_log_syncs);
+}
+
+TEST_P(LogOpeningTest, ImageAfterACrash_IsSyncedFirst) {
+  std::unique_ptr<Store> const store = Open();
+  ASSERT_EQ(0u, Commit(*store, "a"));
+  std::string const left = CopyOf(directory_);
+  failing_image_syncs = 1;
+  EXPECT_EQ(LSCOREDB_IO_ERROR, TryOpen(left, options_));
+  EXPECT_EQ("a", KeysIn(*OpenLogStore(left, options_)));
+}
+
+// What a process leaves that dies before the commit of its clean close has returned.
+TEST_P(LogOpeningTest, CleanImageBesideALog_IsSyncedFirst) {
+  std::unique_ptr<Store> store = Open();
+  ASSERT_EQ(0u, Commit(*store, "a"));
+  std::string const left = CopyOf(directory_);
+  store.reset();
+  std::filesystem::copy(directory_ + "/data.mdb", left + "/data.mdb",
+                        std::filesystem::copy_options::overwrite_existing);
+  failing_image_syncs = 1;
+  EXPECT_EQ(LSCOREDB_IO_ERROR, TryOpen(left, options_));
+  EXPECT_EQ("a", KeysIn(*OpenLogStore(left, options_)));
+}
+
+INSTANTIATE_TEST_SUITE_P(Each, LogOpeningTest, testing::Bool(),
+                         [](auto const& one) { return one.param ? "Synced" : "NotSynced"; });
+
+// ---- memory ------------------------------------------------------------------------------------
+
 // A small change takes several times as much memory as room in the log.
 TEST_F(LogSyncTest, SmallChanges_MoveToTheImageBeforeTheyTakeMuchMemory) {
   options_.log_limit = std::uint64_t{1} << 20;

@@ -491,12 +491,18 @@ void LmdbStore::Settle() {
 
 void LmdbStore::RequireSync() {
   if (read_only() || in_memory_) return;
-  locks_.RequireSync();
-  sync_ = true;
+  RequireSyncFromNowOn();
   SyncName();
   WritePause const pause(locks_, env_);
-  CheckStore(mdb_env_set_flags(env_, MDB_NOSYNC, 0));
   CheckStore(mdb_env_sync(env_, 1));
+}
+
+void LmdbStore::RequireSyncFromNowOn() {
+  if (read_only() || in_memory_ || sync_) return;
+  locks_.RequireSync();
+  sync_ = true;
+  WritePause const pause(locks_, env_);
+  CheckStore(mdb_env_set_flags(env_, MDB_NOSYNC, 0));
 }
 
 // The data file's name in its directory, which a creation without sync has not synced.

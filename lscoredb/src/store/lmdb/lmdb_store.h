@@ -128,6 +128,7 @@ class LmdbStore final : public Store {
   StoreStatistics Statistics() const override;
   void Settle() override;
   void RequireSync() override;
+  void RequireSyncFromNowOn() override;
   void Sync() override;
   bool FreeDeadReaders() override;
   bool read_only() const override { return read_only_; }

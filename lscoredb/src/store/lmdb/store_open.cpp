@@ -96,8 +96,8 @@ bool IsEmpty(MDB_txn* txn) {
   return stat.ms_entries == 0;
 }
 
-// Checked before anything else is used.
-void CheckFormat(MappedState const& state) {
+// Checked before anything else is used. Returns the format's version.
+std::uint32_t CheckFormat(MappedState const& state) {
   std::string_view record;
   if (!state.Get(Tree::kMeta, format::kFormatKey, &record)) Throw(LSCOREDB_NOT_A_DATABASE);
   FieldReader fields(record);
@@ -105,6 +105,11 @@ void CheckFormat(MappedState const& state) {
   auto const version = fields.Next<std::uint32_t>();
   if (!ours || !fields.ok() || version == 0) Throw(LSCOREDB_NOT_A_DATABASE);
   if (version > format::kNewestVersion) Throw(LSCOREDB_NEWER_FORMAT);
+  return version;
+}
+
+bool HasLog(std::uint32_t version) {
+  return version == format::kLogVersion || version == format::kChangesVersion;
 }
 
 std::uint64_t ReadStatesBefore(MappedState const& state) {
@@ -261,28 +266,31 @@ class StoreOpener {
   }
 
  private:
-  // Checks the header and the trees and syncs what others did not, while nobody writes.
+  // Checks the header and the trees and syncs what others did not, while nobody writes. A log knows
+  // by itself what has to be synced under it, mostly nothing.
   // Twice for a new file: the second time finds the trees that the first one created.
   static void LookIn(LmdbStore& store) {
-    if (!FindTrees(store)) FindTrees(store);
-    if (store.sync_) CheckStore(mdb_env_sync(store.env_, 1));
+    std::optional<std::uint32_t> version = FindTrees(store);
+    if (!version) version = FindTrees(store);
+    bool const has_log = version && HasLog(*version);
+    if (store.sync_ && !has_log) CheckStore(mdb_env_sync(store.env_, 1));
   }
 
-  // Opens the trees and returns whether they existed; creates them otherwise.
-  static bool FindTrees(LmdbStore& store) {
+  // Opens the trees and returns the version of their format. Creates them if there are none.
+  static std::optional<std::uint32_t> FindTrees(LmdbStore& store) {
     MDB_env* const env = store.env_;
     WritePause pause(store.locks_, env);
     pages::Header const header = HeaderOf(env, pause);
     CheckLength(FileOf(env), header);
     CheckPages(FileOf(env), header, PageDepth::kRoots);
-    bool const found = !IsEmpty(pause.txn());
-    if (found) {
-      OpenTrees(store, pause.txn(), header);
-    } else {
+    std::optional<std::uint32_t> version;
+    if (IsEmpty(pause.txn())) {
       MakeTrees(pause.txn(), store.trees_);
+    } else {
+      version = OpenTrees(store, pause.txn(), header);
     }
     Commit(env, pause);
-    return found;
+    return version;
   }
 
   static pages::Header HeaderOf(MDB_env* env, WritePause const& pause) {
@@ -327,7 +335,7 @@ class StoreOpener {
     Throw(LSCOREDB_DAMAGED);
   }
 
-  static void OpenTrees(LmdbStore& store, MDB_txn* txn, pages::Header const& header) {
+  static std::uint32_t OpenTrees(LmdbStore& store, MDB_txn* txn, pages::Header const& header) {
     store.page_size_ = header.page_size;
     store.map_ = MapBegin(txn, header);
     store.guard_.Open(FileOf(store.env_), store.map_, store.page_size_);
@@ -335,12 +343,13 @@ class StoreOpener {
     MappedState state;
     state.CopyHeader(store.map_, store.page_size_, header.commit);
     bool const whole = state.OpenTrees(store.FilePages(header.last_page + 1));
-    CheckFormat(state);
+    std::uint32_t const version = CheckFormat(state);
     store.states_before_ = ReadStatesBefore(state);
     if (!whole) Throw(LSCOREDB_NOT_A_DATABASE);
     for (std::size_t i = 0; i < kTreeCount; ++i) {
       OpenTree(store.trees_, txn, static_cast<Tree>(i), 0);
     }
+    return version;
   }
 
   static void MakeTrees(MDB_txn* txn, unsigned (&handles)[kTreeCount]) {

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "directory.h"
@@ -26,6 +27,12 @@ std::optional<Head> ReadHead(LogFile const& file, std::uint64_t offset) {
 LogPosition LogRecord::PositionAfter(LogPosition const& at) const {
   std::uint64_t const begin = head.generation == at.generation ? at.offset : logformat::kTitleSize;
   return {head.generation, logformat::Aligned(begin + head.size), head.checksum, head.commit};
+}
+
+bool LogFiles::AreThere() const {
+  return std::any_of(
+      logformat::kFileNames.begin(), logformat::kFileNames.end(),
+      [&](char const* name) { return access((directory_ + name).c_str(), F_OK) == 0; });
 }
 
 bool LogFiles::Open() {

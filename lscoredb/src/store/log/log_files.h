@@ -44,6 +44,8 @@ class LogFiles {
   logformat::Identity const& identity() const { return identity_; }
   LogFile& Of(logformat::Generation generation) { return files_[logformat::FileOf(generation)]; }
 
+  // Whether one of the files exists.
+  bool AreThere() const;
   // Opens the files that exist. Returns whether both do.
   bool Open();
   // Throws LSCOREDB_DAMAGED when one of the files belongs to another log. REQUIRES: both are open.

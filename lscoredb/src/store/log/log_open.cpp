@@ -111,6 +111,9 @@ void LogStore::Recover() {
   ImagePosition const position = logformat::ReadPosition(*image);
   tail_.Restart(*image, position);
   image_->End(std::move(image));
+  // The log's files of a clean image go only once it is durable. Any other image may have a last
+  // state that its writer did not live to see on the disk.
+  if (!position.clean || files_.AreThere()) image_->RequireSync();
   board_.Reset();
   board_.RaiseSynced(position.commit);
   if (!position.clean) RecoverFromFiles(position);

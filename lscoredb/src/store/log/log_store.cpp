@@ -31,7 +31,7 @@ LogStore::LogStore(std::unique_ptr<Store> image, std::string directory, StoreOpt
       }) {
   UseReservations(image_->layout_reservations());
   SetLogState(LogState::kThere);
-  image_->RequireSync();  // the log drops what the image holds, so it has to be durable there
+  image_->RequireSyncFromNowOn();  // the log drops what the image holds (Recover)
 }
 
 // ---- snapshots ---------------------------------------------------------------------------------
