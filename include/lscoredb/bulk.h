@@ -33,7 +33,7 @@ extern "C" {
  *
  * With LSCOREDB_COUNT_ONLY a page of entries takes hardly longer than one: as long as the
  * transaction has written nothing, the entries inside a page are counted unread, so damage to them
- * is not found. */
+ * is not found. What a log holds lies between them, and each entry of it costs a look. */
 LSCOREDB_API uint32_t lscoredb_iterator_next_many(uint64_t iterator, uint32_t flags,
                                                   uint32_t capacity, LORV_REFERENCE* out,
                                                   uint32_t* count);

@@ -212,14 +212,17 @@ void EntryCursor::GatherGroup(bool forward) {
   group_at_ = forward ? 0 : group_.size() - 1;
 }
 
-// The bytes behind the encoding are those of the object's id.
+// The encoding in a key of the store; the bytes behind it are those of the object's id. Empty: it
+// is of another index, or long.
+std::string_view EntryCursor::HeadOf(std::string_view stored) const {
+  if (!stored.starts_with(index_->entry_prefix)) return {};
+  stored.remove_prefix(index_->entry_prefix.size());
+  return stored.size() < format::kKeyPrefix ? stored : std::string_view();
+}
+
 std::string_view EntryCursor::PageBound(bool forward) const {
   std::string_view key;
-  std::size_t const prefix = index_->entry_prefix.size();
-  if (in_group_ || !cursor_.PageEnd(forward, &key) || key.size() < prefix) return {};
-  if (key.substr(0, prefix) != index_->entry_prefix) return {};
-  key.remove_prefix(prefix);
-  return key.size() < format::kKeyPrefix ? key : std::string_view();
+  return !in_group_ && cursor_.PageEnd(forward, &key) ? HeadOf(key) : std::string_view();
 }
 
 bool EntryCursor::TakeRun(bool forward, std::span<EntryObject> out, std::size_t* taken) {
@@ -236,6 +239,19 @@ std::size_t EntryCursor::SkipRun(bool forward, std::size_t most) {
   std::size_t const skipped = cursor_.SkipInPage(forward, most);
   if (skipped > 0) Arrive(true, forward);
   return skipped;
+}
+
+bool EntryCursor::SkipAhead(bool forward, std::size_t most, TreeCursor::WithinRange const& within,
+                            std::size_t* skipped) {
+  if (!valid_ || in_group_) return false;
+  auto const head_within = [&](std::string_view key) {
+    std::string_view const head = HeadOf(key);
+    return !head.empty() && within(head);
+  };
+  bool on = false;
+  if (!cursor_.SkipAhead(forward, most, head_within, skipped, &on)) return false;
+  Arrive(on, forward);
+  return true;
 }
 
 ObjectId EntryCursor::Guess(std::size_t ahead, bool forward) const {

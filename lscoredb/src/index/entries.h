@@ -112,6 +112,12 @@ class EntryCursor {
   // checked. REQUIRES: PageBound is not empty.
   std::size_t SkipRun(bool forward, std::size_t most);
 
+  // The same where entries of several places lie between each other: steps over `*skipped` entries
+  // onto the one behind them. `within`: whether all entries up to a key with this head are to be
+  // counted. Returns false, with nothing changed, where single steps are no slower.
+  bool SkipAhead(bool forward, std::size_t most, TreeCursor::WithinRange const& within,
+                 std::size_t* skipped);
+
   // A guess at the object of the entry `ahead` steps further, for prefetching only; kNoObject: not
   // known.
   ObjectId Guess(std::size_t ahead, bool forward) const;
@@ -134,6 +140,7 @@ class EntryCursor {
     while (same < prefix.size() && key[same] == prefix[same]) ++same;
     return same == prefix.size();
   }
+  std::string_view HeadOf(std::string_view stored) const;
   void Arrive(bool on_entry, bool forward);
   void GatherGroup(bool forward);
 

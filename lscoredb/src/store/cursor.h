@@ -52,6 +52,11 @@ class Cursor {
     std::size_t const left = page_.inside() ? page_.Left(forward) : 0;
     return left != 0 && left <= most && page_.SkipLeft(forward, &entry_) ? left : 0;
   }
+  // Outside of a page: see TreeCursor::SkipAhead.
+  bool SkipAhead(bool forward, std::size_t most, TreeCursor::WithinRange const& within,
+                 std::size_t* skipped, bool* on) {
+    return !page_.inside() && cursor_->SkipAhead(forward, most, within, &entry_, skipped, on);
+  }
   // The key of the page's last entry in that direction. False when it is not known.
   bool PageEnd(bool forward, std::string_view* key) const {
     KeyValue first;

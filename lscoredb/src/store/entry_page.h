@@ -90,6 +90,16 @@ class EntryPage {
     return Read(forward ? at_ + ahead : at_ - ahead, entry);
   }
 
+  // The key of that entry, which need not be plain; empty: there is none.
+  std::string_view PeekKey(std::size_t ahead, bool forward) const {
+    if (forward ? ahead >= count_ - at_ : ahead > at_) return {};
+    std::size_t const offset = OffsetOf(forward ? at_ + ahead : at_ - ahead);
+    if (offset + kEntryHead > page_size_) return {};
+    std::size_t const size = Short(page_ + offset + 6);
+    if (kEntryHead + size > page_size_ - offset) return {};
+    return {page_ + offset + kEntryHead, size};
+  }
+
   // The first and the last entry of the page. Returns false when one of them is not plain.
   bool Ends(KeyValue* first, KeyValue* last) const {
     return inside() && Read(0, first) && Read(count_ - 1, last);

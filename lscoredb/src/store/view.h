@@ -5,6 +5,7 @@
 // store.h.
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <span>
@@ -48,6 +49,17 @@ class TreeCursor {
   // Enters the page around `entry`, valid as long as the snapshot. Returns false if there is none;
   // each step is then a call of Next or Previous.
   virtual bool EnterPage(KeyValue const& entry, EntryPage* page) = 0;
+
+  // Steps ahead and only counts: over `*skipped` entries behind `*entry`, at most `most`, none
+  // beyond a key that is `within`; `*entry` is then the one behind them, if `*on`. Of the entries
+  // between only their number counts: their bytes are not checked. Returns false, with nothing
+  // changed, where single steps are no slower.
+  using WithinRange = std::function<bool(std::string_view)>;
+  virtual bool SkipAhead(bool /* forward */, std::size_t /* most */,
+                         WithinRange const& /* within */, KeyValue* /* entry */,
+                         std::size_t* /* skipped */, bool* /* on */) {
+    return false;
+  }
 
   // Appends entries from `entry` on, in that direction, that are at hand without a round trip; only
   // a remote store has any. A hint: there may be more.

@@ -256,6 +256,7 @@ Status Iterator::Skip(std::size_t most, std::size_t* count) {
     EntryObject found;
     for (;;) {
       if (InPlainPage()) skipped += committed_.SkipRun(!reverse_, most - skipped);
+      if (SkipAhead(most, &skipped)) continue;
       if (skipped == most || !Step(&found)) break;
       ++skipped;
     }
@@ -265,12 +266,26 @@ Status Iterator::Skip(std::size_t most, std::size_t* count) {
   return failed_;
 }
 
-// Whether all entries ahead in the page are delivered: the transaction has written nothing that
-// could hide one or come between, and the page's last one is in the range.
+// Whether all committed entries ahead in the range are delivered: the transaction has written
+// nothing that could hide one or come between.
+bool Iterator::IsPlain() const { return step_due_ && at_end_ && !source_.changes->has_rows(); }
+
+// Whether all entries ahead in the page are delivered.
 bool Iterator::InPlainPage() const {
-  if (!step_due_ || !at_end_ || source_.changes->has_rows()) return false;
+  if (!IsPlain()) return false;
   std::string_view const end = committed_.PageBound(!reverse_);
   return !end.empty() && InRange({end, {}});
+}
+
+// Steps over some entries onto the one behind them, which is due to be delivered then.
+bool Iterator::SkipAhead(std::size_t most, std::size_t* skipped) {
+  if (*skipped == most || !IsPlain()) return false;
+  auto const within = [this](std::string_view head) { return InRange({head, {}}); };
+  std::size_t some = 0;
+  if (!committed_.SkipAhead(!reverse_, most - *skipped, within, &some)) return false;
+  step_due_ = false;
+  *skipped += some;
+  return true;
 }
 
 // The entries ahead in the page, at the price of a step in it alone.

@@ -53,7 +53,9 @@ class Iterator {
 
  private:
   bool Step(EntryObject* found);
+  bool IsPlain() const;
   bool InPlainPage() const;
+  bool SkipAhead(std::size_t most, std::size_t* skipped);
   std::size_t TakeRun(std::span<EntryObject> out);
   void Fetch(std::span<EntryObject const> objects);
   // Null at the end. Valid until the next call.

@@ -1,5 +1,7 @@
 #include "log_cursor.h"
 
+#include <algorithm>
+
 #include "page_builder.h"
 #include "status.h"
 
@@ -91,6 +93,10 @@ void LogCursor::PositionImageAfter(std::string_view key) {
 // Moves every source that is positioned on the key past it.
 void LogCursor::StepPast(std::string_view key) {
   if (image_on_ && image_entry_.key == key) StepImage();
+  StepOverlaysPast(key);
+}
+
+void LogCursor::StepOverlaysPast(std::string_view key) {
   for (std::size_t i = 0; i < sources_; ++i) {
     Source& source = source_[i];
     if (source.node == nullptr || source.node->key().bytes != key) continue;
@@ -260,6 +266,72 @@ bool LogCursor::EnterPage(KeyValue const& entry, EntryPage* page) {
   if (bare()) return image_->EnterPage(entry, page);
   in_image_page_ = EnterImagePage(entry, page);
   return in_image_page_ || MakePage(entry, page);
+}
+
+// ---- counting ----------------------------------------------------------------------------------
+
+// The number of the page's next entries, of `most`, that the scan meets before the key. The first
+// `from` are known to be.
+std::size_t LogCursor::EntriesBefore(OrderedKey const& key, EntryPage const& page, std::size_t from,
+                                     std::size_t most) const {
+  auto const is_before = [&](std::size_t at) {
+    std::string_view const there = page.PeekKey(at, forward_);
+    return !there.empty() && IsNearer(OrderedKey(tree_, there), key);
+  };
+  std::size_t reach = 1;
+  while (from + reach <= most && is_before(from + reach - 1)) {
+    from += reach;
+    reach *= 2;
+  }
+  std::size_t high = std::min(most + 1, from + reach);  // is_before(high - 1) is false, or unknown
+  while (high - from > 1) {
+    std::size_t const middle = from + (high - from) / 2;
+    (is_before(middle - 1) ? from : high) = middle;
+  }
+  return from;
+}
+
+// The number of entries before `last`, an entry of the page that comes behind `before` others. Each
+// of the page's entries counts, unless an overlay deletes its key; an overlay's key counts, unless
+// the page has it or it is deleted. Leaves the overlays positioned at `last`, or behind.
+std::size_t LogCursor::CountUpTo(KeyValue const& last, std::size_t before, EntryPage const& page) {
+  OrderedKey const end(tree_, last.key);
+  std::size_t count = before;
+  std::size_t at = 0;
+  for (Source const* next = Nearest(); next != nullptr && IsNearer(next->node->key(), end);
+       next = Nearest()) {
+    OrderedKey const key = next->node->key();
+    at = EntriesBefore(key, page, at, before);
+    bool const in_page = page.PeekKey(at, forward_) == key.bytes;
+    if (in_page && next->version->deleted) --count;
+    if (!in_page && !next->version->deleted) ++count;
+    StepOverlaysPast(key.bytes);
+  }
+  return count;
+}
+
+bool LogCursor::SkipAhead(bool forward, std::size_t most, WithinRange const& within,
+                          KeyValue* entry, std::size_t* skipped, bool* on) {
+  if (bare() || forward != forward_ || entry->key.data() != delivered_) return false;
+  StepPast(entry->key);
+  EntryPage page;
+  if (!image_on_ || !image_->EnterPage(image_entry_, &page)) return false;
+  std::size_t const before = page.Left(forward_);
+  KeyValue last;
+  if (before < kShortestRun || !page.Peek(before, forward_, &last) || !within(last.key)) {
+    return false;
+  }
+  std::size_t const count = CountUpTo(last, before, page);
+  if (count > most) {
+    for (std::size_t i = 0; i < sources_; ++i) PositionAfter(source_[i], entry->key);
+    return false;
+  }
+  image_entry_ = last;
+  in_image_page_ = false;
+  steps_ = 0;
+  *skipped = count;
+  *on = Deliver(entry);
+  return true;
 }
 
 }  // namespace lscore

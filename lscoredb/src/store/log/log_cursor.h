@@ -33,6 +33,9 @@ class LogCursor final : public TreeCursor {
   // Enters the image's own page as far as it reaches before the next key of an overlay. Where that
   // is not far, a longer scan gets pages that are built for it.
   bool EnterPage(KeyValue const& entry, EntryPage* page) override;
+  // Over the image's page, by the number of its entries and of the overlays' keys among them.
+  bool SkipAhead(bool forward, std::size_t most, WithinRange const& within, KeyValue* entry,
+                 std::size_t* skipped, bool* on) override;
 
  private:
   // An overlay and the scan's position in it. `version` belongs to the node; no node: at the end.
@@ -51,6 +54,10 @@ class LogCursor final : public TreeCursor {
   void StepImage();
   bool Step(KeyValue* entry, bool forward);
   void StepPast(std::string_view key);
+  void StepOverlaysPast(std::string_view key);
+  std::size_t EntriesBefore(OrderedKey const& key, EntryPage const& page, std::size_t from,
+                            std::size_t most) const;
+  std::size_t CountUpTo(KeyValue const& last, std::size_t before, EntryPage const& page);
   void PositionImageAfter(std::string_view key);
   void StepDeleted(std::string_view key);
   void EndDeleted();

@@ -1,6 +1,7 @@
 #include "page_builder.h"
 
 #include <algorithm>
+#include <array>
 #include <utility>
 
 #include "bytes.h"
@@ -15,11 +16,16 @@ bool PageBuilder::Add(KeyValue const& entry) {
       bytes.size() > kMostBytes) {
     return false;
   }
+  if (offsets_.empty()) {
+    offsets_.reserve(kMostEntries);
+    bytes.reserve(kUsualBytes);
+  }
   offsets_.push_back(static_cast<std::uint16_t>(bytes.size()));
-  Append(bytes, static_cast<std::uint32_t>(entry.value.size()));
-  Append(bytes, EntryPage::kPlain);
-  Append(bytes, static_cast<std::uint16_t>(entry.key.size()));
-  bytes.append(entry.key).append(entry.value);
+  std::array<char, EntryPage::kEntryHead> head{};
+  StoreAt(head.data(), static_cast<std::uint32_t>(entry.value.size()));
+  StoreAt(head.data() + 4, EntryPage::kPlain);
+  StoreAt(head.data() + 6, static_cast<std::uint16_t>(entry.key.size()));
+  bytes.append(head.data(), head.size()).append(entry.key).append(entry.value);
   return true;
 }
 

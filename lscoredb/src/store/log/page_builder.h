@@ -34,6 +34,7 @@ class PageBuilder {
  private:
   static constexpr std::size_t kMostEntries = 64;
   static constexpr std::size_t kMostBytes = 16 * 1024;
+  static constexpr std::size_t kUsualBytes = 4 * 1024;
   static constexpr std::size_t kLargestValue = 1024;
 
   bool rising_;
