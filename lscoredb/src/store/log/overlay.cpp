@@ -52,7 +52,7 @@ Overlay::Overlay() {
 OverlayNode* Overlay::NewNode(OrderedKey const& key, int height) {
   std::size_t const extra = static_cast<std::size_t>(height - 1) * sizeof(OverlayNode::next_[0]);
   std::size_t const size = sizeof(OverlayNode) + extra;
-  auto* const node = new (arena_.Allocate(size)) OverlayNode(key);
+  auto* const node = new (arena_.Allocate(size)) OverlayNode(key, height);
   for (int level = 0; level < height; ++level) {
     new (&node->next_[level]) std::atomic<OverlayNode*>(nullptr);
   }
@@ -116,7 +116,7 @@ OverlayNode* Overlay::FindOrInsert(OrderedKey const& key) {
     OverlayNode* const next = predecessors_[static_cast<std::size_t>(key.tree)][0]->NextAt(0);
     return next != nullptr && next->key() == key ? next : Insert(key);
   }
-  std::size_t const hash = HashOf(key);
+  std::uint32_t const hash = HashOf(key);
   __builtin_prefetch(&tables_.back()->slot[hash & tables_.back()->mask], 1);
   if (!FollowsLast(key)) {
     if (OverlayNode* const there = FindNode(key, hash)) return there;
@@ -143,17 +143,48 @@ OverlayNode* Overlay::Insert(OrderedKey const& key) {
     before = node;
   }
   nodes_.fetch_add(1, std::memory_order_relaxed);
+  if (key.tree == Tree::kIndex) CountEntry();
   return node;
+}
+
+// ---- the sparse index --------------------------------------------------------------------------
+
+void Overlay::CountEntry() {
+  if (++entries_ < next_sampling_) return;
+  auto samples = std::make_unique<SparseIndex>();
+  samples->reserve(entries_ / 3);
+  OverlayNode const* node = &HeadOf(Tree::kIndex);
+  while ((node = node->NextAt(kSampledHeight - 1)) != nullptr) {
+    samples->push_back({node->key().prefix, node->key().second, node});
+  }
+  Count(samples->capacity() * sizeof(Sample));
+  sparse_indexes_.push_back(std::move(samples));
+  sparse_index_.store(sparse_indexes_.back().get(), std::memory_order_release);
+  next_sampling_ = 2 * entries_;
+}
+
+// The last node of the sparse index that is below the key; the list's head if none is.
+OverlayNode const* Overlay::SampleBelow(OrderedKey const& key) const {
+  OverlayNode const* const head = &HeadOf(key.tree);
+  SparseIndex const* const samples = sparse_index_.load(std::memory_order_acquire);
+  if (samples == nullptr || key.tree != Tree::kIndex) return head;
+  auto const is_below = [](Sample const& sample, OrderedKey const& wanted) {
+    if (sample.prefix != wanted.prefix) return sample.prefix < wanted.prefix;
+    if (sample.second != wanted.second) return sample.second < wanted.second;
+    return sample.node->key().bytes < wanted.bytes;
+  };
+  auto const not_below = std::lower_bound(samples->begin(), samples->end(), key, is_below);
+  return not_below == samples->begin() ? head : std::prev(not_below)->node;
 }
 
 // ---- the hash table ----------------------------------------------------------------------------
 
-std::size_t Overlay::HashOf(OrderedKey const& key) {
+std::uint32_t Overlay::HashOf(OrderedKey const& key) {
   constexpr std::size_t kMix = 0x9E3779B97F4A7C15;
   std::size_t const hash =
       key.tree == Tree::kRows ? key.prefix * kMix : std::hash<std::string_view>()(key.bytes);
   std::size_t const mixed = (hash + static_cast<std::size_t>(key.tree)) * kMix;
-  return mixed ^ (mixed >> 32);
+  return static_cast<std::uint32_t>(mixed ^ (mixed >> 32));
 }
 
 void Overlay::Link(Table& table, OverlayNode* node) {
@@ -176,7 +207,7 @@ void Overlay::Grow() {
   tables_.push_back(std::move(grown));
 }
 
-OverlayNode* Overlay::FindNode(OrderedKey const& key, std::size_t hash) const {
+OverlayNode* Overlay::FindNode(OrderedKey const& key, std::uint32_t hash) const {
   Table const& table = *table_.load(std::memory_order_acquire);
   for (std::size_t at = hash & table.mask;; at = (at + 1) & table.mask) {
     OverlayNode* const node = table.slot[at].load(std::memory_order_acquire);
@@ -247,16 +278,25 @@ OverlayVersion const* Overlay::Find(OrderedKey const& key, CommitId state) const
   return node == nullptr ? nullptr : node->VersionAt(state);
 }
 
+// From the sample on it takes the tallest steps that there are, which soon become tall where many
+// nodes came since; then it descends. While a node is compared, the next one on the level below is
+// fetched.
 OverlayNode const* Overlay::Below(OrderedKey const& key) const {
-  OverlayNode const* const head = &HeadOf(key.tree);
-  OverlayNode const* at = head;
-  for (int level = kMaxHeight - 1; level >= 0; --level) {
-    for (OverlayNode const* next = at->NextAt(level); next != nullptr && next->key() < key;
-         next = at->NextAt(level)) {
-      at = next;
-    }
+  OverlayNode const* at = SampleBelow(key);
+  int level = at->top();
+  auto const next_below = [&]() -> OverlayNode const* {
+    if (level > 0) __builtin_prefetch(at->NextAt(level - 1));
+    OverlayNode const* const next = at->NextAt(level);
+    return next != nullptr && next->key() < key ? next : nullptr;
+  };
+  while (OverlayNode const* const next = next_below()) {
+    at = next;
+    level = at->top();
   }
-  return at == head ? nullptr : at;
+  while (level-- > 0) {
+    while (OverlayNode const* const next = next_below()) at = next;
+  }
+  return at == &HeadOf(key.tree) ? nullptr : at;
 }
 
 OverlayNode const* Overlay::NotBelow(OrderedKey const& key) const {

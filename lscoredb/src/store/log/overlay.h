@@ -4,13 +4,18 @@
 // The changes of one generation of the log in memory: the versions of each changed entry of all
 // five trees, for readers of any state since the generation began.
 //
-// A node is a key. It is in the skip list of its tree, for scans, and unless it is an index entry in
-// a hash table, for look-ups: entries are many, and scanned. Its versions are a chain, newest first:
+// A node is a key. It is in the skip list of its tree, for scans, and unless it is an index entry
+// in a hash table, for look-ups: entries are many, and scanned. Its versions are a chain, newest
+// first:
 //
 //   hash table -> node "k" -> commit 9: "v3" -> commit 7: deleted -> null
 //                   |
 //                   v next, on each level
 //                 node "m" ...
+//
+// A search in a skip list waits for memory at each node that it looks at. So the list of index
+// entries has a sparse index, the sorted keys of its taller nodes in one array, where a search
+// begins. It is replaced when there are twice the entries; those since then are found from there.
 //
 // A reader of state 8 takes the first version that is not above 8, and finds "k" deleted. For a key
 // without such a version the previous generation, or the image, decides.
@@ -76,12 +81,15 @@ class OverlayNode {
 
  private:
   friend class Overlay;
-  explicit OverlayNode(OrderedKey const& key) : key_(key) {}
+  OverlayNode(OrderedKey const& key, int height)
+      : key_(key), height_(static_cast<std::uint32_t>(height)) {}
 
+  int top() const { return static_cast<int>(height_) - 1; }
   OverlayNode* NextAt(int level) const { return next_[level].load(std::memory_order_acquire); }
 
   OrderedKey key_;
-  std::size_t hash_ = 0;
+  std::uint32_t hash_ = 0;
+  std::uint32_t height_;
   std::atomic<OverlayVersion*> newest_{nullptr};
   std::atomic<OverlayNode*> next_[1];  // one for each level of the node
 };
@@ -133,17 +141,29 @@ class Overlay {
     std::unique_ptr<std::atomic<OverlayNode*>[]> slot;
   };
 
+  // A node of the sparse index, with the first bytes of its key.
+  struct Sample {
+    std::uint64_t prefix;
+    std::uint64_t second;
+    OverlayNode const* node;
+  };
+  using SparseIndex = std::vector<Sample>;
+  static constexpr int kSampledHeight = 2;  // and above: one node in four
+  static constexpr std::size_t kLeastSampled = 512;
+
   OverlayNode const& HeadOf(Tree tree) const { return *heads_[static_cast<std::size_t>(tree)]; }
   static bool IsHashed(Tree tree) { return tree != Tree::kIndex; }
-  static std::size_t HashOf(OrderedKey const& key);
+  static std::uint32_t HashOf(OrderedKey const& key);
   OverlayNode const* Lookup(OrderedKey const& key) const;
-  OverlayNode* FindNode(OrderedKey const& key, std::size_t hash) const;
+  OverlayNode* FindNode(OrderedKey const& key, std::uint32_t hash) const;
   OverlayNode* NewNode(OrderedKey const& key, int height);
   bool FollowsLast(OrderedKey const& key) const;
   OverlayNode* FindOrInsert(OrderedKey const& key);
   OverlayNode* Insert(OrderedKey const& key);
   void FindPredecessors(OrderedKey const& key);
   int RandomHeight();
+  void CountEntry();
+  OverlayNode const* SampleBelow(OrderedKey const& key) const;
   void Link(OverlayNode* node);
   void Grow();
   static void Link(Table& table, OverlayNode* node);
@@ -157,6 +177,10 @@ class Overlay {
   std::array<OverlayNode*, kTreeCount> heads_;
   // The predecessors of the last node inserted into each tree: the next one is often near.
   std::array<std::array<OverlayNode*, kMaxHeight>, kTreeCount> predecessors_;
+  std::size_t entries_ = 0;  // of indexes
+  std::size_t next_sampling_ = kLeastSampled;
+  std::vector<std::unique_ptr<SparseIndex>> sparse_indexes_;  // readers may still use older ones
+  std::atomic<SparseIndex const*> sparse_index_{nullptr};
   std::vector<std::unique_ptr<Table>> tables_;  // readers may still use older ones
   std::atomic<Table*> table_;
   std::size_t hashed_ = 0;
