@@ -9,7 +9,6 @@ namespace tool {
 namespace {
 
 constexpr std::uint64_t kRowMemory = std::uint64_t{64} << 20;
-constexpr std::uint64_t kRowMemoryToWriteMuch = std::uint64_t{32} << 20;
 
 }  // namespace
 
@@ -17,8 +16,7 @@ sagleme::Database& Session::OpenOnce(std::uint32_t log, std::uint64_t log_limit)
   if (database_) return *database_;
   try {
     // Commands read many rows once; the cache serves references and indexes.
-    std::uint64_t const rows = log_limit == 0 ? kRowMemory : kRowMemoryToWriteMuch;
-    sagleme::Options const options{.row_memory = rows, .log = log, .log_limit = log_limit};
+    sagleme::Options const options{.row_memory = kRowMemory, .log = log, .log_limit = log_limit};
     database_.emplace(sagleme::Database::Open(directory_, options));
   } catch (sagleme::Error const& error) {
     bool const missing =

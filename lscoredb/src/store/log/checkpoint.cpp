@@ -53,24 +53,31 @@ OverlayNode const* NodeAt(Overlay const& changes, CheckpointPlace const& place) 
   return place.key.empty() ? changes.First(tree) : changes.NotBelow({tree, place.key});
 }
 
+// Returns whether all entries of the place's tree are written; `*most` more may be.
+bool WriteSliceOfTree(Batch& image, LogLayer const& layer, CommitId state, CheckpointPlace* place,
+                      std::size_t* most) {
+  OverlayNode const* node = NodeAt(layer.changes, *place);
+  if (node == nullptr) return true;
+  TreeWriter writer(image, static_cast<Tree>(place->tree));
+  for (; node != nullptr; node = node->Next(), ++place->written, --*most) {
+    if (*most == 0) {
+      place->key = node->key().bytes;
+      return false;
+    }
+    // Entries of kAlways are the layer's own view of the image (LogLayer).
+    OverlayVersion const* const version = node->VersionAt(state);
+    if (version != nullptr && version->commit != kAlways) writer.Write(node->key(), *version);
+  }
+  return true;
+}
+
 }  // namespace
 
-// Entries of kAlways are the layer's own view of the image (LogLayer) and are not written.
 bool WriteSlice(Batch& image, LogLayer const& layer, CommitId state, CheckpointPlace* place,
                 std::size_t most) {
   if (place->layer != layer.number) *place = {layer.number, 0, {}, 0};
   for (; place->tree < kTreeCount; ++place->tree, place->key.clear()) {
-    OverlayNode const* node = NodeAt(layer.changes, *place);
-    if (node == nullptr) continue;
-    TreeWriter writer(image, static_cast<Tree>(place->tree));
-    for (; node != nullptr; node = node->Next(), ++place->written) {
-      if (most-- == 0) {
-        place->key = node->key().bytes;
-        return false;
-      }
-      OverlayVersion const* const version = node->VersionAt(state);
-      if (version != nullptr && version->commit != kAlways) writer.Write(node->key(), *version);
-    }
+    if (!WriteSliceOfTree(image, layer, state, place, &most)) return false;
   }
   return true;
 }
@@ -78,6 +85,12 @@ bool WriteSlice(Batch& image, LogLayer const& layer, CommitId state, CheckpointP
 void WriteLayer(Batch& image, LogLayer const& layer, CommitId state) {
   CheckpointPlace place;
   WriteSlice(image, layer, state, &place, std::numeric_limits<std::size_t>::max());
+}
+
+void WriteTree(Batch& image, LogLayer const& layer, CommitId state, Tree tree) {
+  CheckpointPlace place{layer.number, static_cast<std::size_t>(tree), {}, 0};
+  std::size_t most = std::numeric_limits<std::size_t>::max();
+  WriteSliceOfTree(image, layer, state, &place, &most);
 }
 
 }  // namespace lscore

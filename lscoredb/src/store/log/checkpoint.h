@@ -31,6 +31,8 @@ bool WriteSlice(Batch& image, LogLayer const& layer, CommitId state, CheckpointP
 
 // All of them in one batch.
 void WriteLayer(Batch& image, LogLayer const& layer, CommitId state);
+// Those of one tree.
+void WriteTree(Batch& image, LogLayer const& layer, CommitId state, Tree tree);
 
 }  // namespace lscore
 

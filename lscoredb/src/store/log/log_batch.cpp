@@ -37,6 +37,7 @@ LogBatch::~LogBatch() { End(); }
 void LogBatch::End() noexcept {
   if (over_) return;
   over_ = true;
+  image_.reset();
   if (store_.tail_.applied() < id()) layers_->active->changes.RollBack(id());
   view_.EndImage();
   store_.board_.Release(LogBoard::Lock::kCommit);
@@ -64,16 +65,32 @@ void LogBatch::Write(logformat::Change const& change) {
   }
   KeyValue const kept = record_.Add(change);
   layers_->active->changes.Write({change.tree, kept.key}, kept.value, change.deleted, id());
+  bool const outgrown = record_.size() > store_.options_.log_limit;
+  if (outgrown && image_ == nullptr && !retention_.has_value() && !takes_notes()) MoveToImage();
+}
+
+void LogBatch::MoveToImage() {
+  std::unique_ptr<Batch> image = store_.WriteLayers(*layers_, id(), nullptr);
+  view_.ReadImageBatch(*image);
+  image_ = std::move(image);
 }
 
 void LogBatch::Put(Tree tree, std::string_view key, std::string_view value) {
   CheckKey(tree, key);
+  if (Batch* const image = ImageFor(tree)) return image->Put(tree, key, value);
+  Write({tree, key, value, false});
+}
+
+void LogBatch::Append(Tree tree, std::string_view key, std::string_view value) {
+  CheckKey(tree, key);
+  if (Batch* const image = ImageFor(tree)) return image->Append(tree, key, value);
   Write({tree, key, value, false});
 }
 
 bool LogBatch::PutNew(Tree tree, std::string_view key, std::string_view value) {
   std::string_view there;
   CheckKey(tree, key);
+  if (Batch* const image = ImageFor(tree)) return image->PutNew(tree, key, value);
   bool const behind = tree == Tree::kRows && IsBehindRows(key);
   if (!behind && Get(tree, key, &there)) return false;
   Write({tree, key, value, false});
@@ -83,6 +100,7 @@ bool LogBatch::PutNew(Tree tree, std::string_view key, std::string_view value) {
 bool LogBatch::Delete(Tree tree, std::string_view key) {
   std::string_view there;
   CheckKey(tree, key);
+  if (Batch* const image = ImageFor(tree)) return image->Delete(tree, key);
   if (!Get(tree, key, &there)) return false;
   Write({tree, key, {}, true});
   return true;
@@ -90,6 +108,7 @@ bool LogBatch::Delete(Tree tree, std::string_view key) {
 
 void LogBatch::Remove(Tree tree, std::string_view key) {
   CheckKey(tree, key);
+  if (Batch* const image = ImageFor(tree)) return image->Remove(tree, key);
   Write({tree, key, {}, true});
 }
 
@@ -102,7 +121,11 @@ void LogBatch::Commit() {
       bool const sync = store_.sync_ || asks_for_sync();
       bool const log_is_good = !sync || !store_.sync_failed();
       bool const fits = !retention_.has_value() && store_.FitsLog(record_.size(), *layers_);
-      log_is_good&& fits ? CommitToLog(sync) : CommitToImage();
+      if (image_ == nullptr && log_is_good && fits) {
+        CommitToLog(sync);
+      } else {
+        CommitToImage();
+      }
     }
   } catch (...) {
     End();
@@ -136,8 +159,13 @@ void LogBatch::CommitToLog(bool sync) {
 }
 
 void LogBatch::CommitToImage() {
+  if (image_ != nullptr) {
+    store_.CommitToImage(*this, *layers_, {{}, {}, image_.get()});
+    image_.reset();
+    return;
+  }
   std::span<iovec> const pieces = FinishRecord(store_.tail_.position());
-  store_.CommitToImage(*this, *layers_, {pieces, retention_});
+  store_.CommitToImage(*this, *layers_, {pieces, retention_, nullptr});
 }
 
 }  // namespace lscore

@@ -3,6 +3,12 @@
 
 // A batch of a store with a log. It writes into the active overlay, under the number of the commit
 // to be, which no snapshot sees yet. The same bytes are the record of the log.
+//
+// A record that outgrows the log can only go into the image. The batch then writes what it has into
+// a batch of the image and goes on there, so that it takes no more memory. Only its entries of kMeta
+// stay in the overlay too, which shows the image's own entries as those of the content. If changes
+// are kept, the whole record is needed for those who read them, and the batch waits with the image
+// for its commit.
 
 #include <mutex>
 
@@ -26,9 +32,7 @@ class LogBatch final : public Batch {
   }
   void Put(Tree tree, std::string_view key, std::string_view value) override;
   bool PutNew(Tree tree, std::string_view key, std::string_view value) override;
-  void Append(Tree tree, std::string_view key, std::string_view value) override {
-    Put(tree, key, value);
-  }
+  void Append(Tree tree, std::string_view key, std::string_view value) override;
   bool Delete(Tree tree, std::string_view key) override;
   // Deletes also what is not there, which saves the look-up.
   void Remove(Tree tree, std::string_view key) override;
@@ -42,6 +46,9 @@ class LogBatch final : public Batch {
   void Write(logformat::Change const& change);
   std::uint64_t LastRow() const;
   bool IsBehindRows(std::string_view key);
+  // The batch of the image that the tree is written into; null: the overlay.
+  Batch* ImageFor(Tree tree) const { return tree == Tree::kMeta ? nullptr : image_.get(); }
+  void MoveToImage();
   std::span<iovec> FinishRecord(LogPosition const& at);
   void CommitToLog(bool sync);
   void CommitToImage();
@@ -52,6 +59,7 @@ class LogBatch final : public Batch {
   std::shared_ptr<LogLayers const> layers_;
   LayeredView view_;
   RecordWriter record_;
+  std::unique_ptr<Batch> image_;
   logformat::Head head_;
   std::optional<Retention> retention_;
   unsigned new_rows_ = 0;       // put as new, as far as kManyNewRows

@@ -33,9 +33,17 @@ void LogCursor::Renew(LayeredView const& view, Tree tree) {
   in_image_page_ = false;
   built_end_ = nullptr;
   sources_ = 0;
-  AddSource(view.layers().active->changes);
-  if (view.layers().frozen != nullptr) AddSource(view.layers().frozen->changes);
-  view.image().OpenCursor(tree, image_);
+  if (!view.image_has_all(tree)) {
+    AddSource(view.layers().active->changes);
+    if (view.layers().frozen != nullptr) AddSource(view.layers().frozen->changes);
+  }
+  image_view_ = &view.image();
+  image_view_->OpenCursor(tree, image_);
+}
+
+// A batch may have gone on in one of the image since the cursor was opened.
+void LogCursor::FollowBatch() {
+  if (!renewable_ && image_view_ != &view_->image()) Renew(*view_, tree_);
 }
 
 void LogCursor::AddSource(Overlay const& overlay) {
@@ -170,6 +178,7 @@ bool LogCursor::Deliver(KeyValue* entry) {
 // ---- moves -------------------------------------------------------------------------------------
 
 bool LogCursor::Seek(std::string_view key, KeyValue* entry) {
+  FollowBatch();
   if (bare()) return image_->Seek(key, entry);
   if (tree_ == Tree::kRows && key.size() != sizeof(std::uint64_t)) Throw(LSCOREDB_TOO_LARGE);
   forward_ = true;
@@ -182,6 +191,7 @@ bool LogCursor::Seek(std::string_view key, KeyValue* entry) {
 }
 
 bool LogCursor::First(KeyValue* entry) {
+  FollowBatch();
   if (bare()) return image_->First(entry);
   forward_ = true;
   image_on_ = image_->First(&image_entry_);
@@ -191,6 +201,7 @@ bool LogCursor::First(KeyValue* entry) {
 }
 
 bool LogCursor::Last(KeyValue* entry) {
+  FollowBatch();
   if (bare()) return image_->Last(entry);
   forward_ = false;
   image_on_ = image_->Last(&image_entry_);

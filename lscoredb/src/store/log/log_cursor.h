@@ -45,6 +45,7 @@ class LogCursor final : public TreeCursor {
     OverlayVersion const* version = nullptr;
   };
 
+  void FollowBatch();
   // Whether no overlay has entries in the tree, so that the image's cursor does everything.
   bool bare() const { return sources_ == 0; }
   void AddSource(Overlay const& overlay);
@@ -69,6 +70,7 @@ class LogCursor final : public TreeCursor {
   bool MakePage(KeyValue const& entry, EntryPage* page);
 
   LayeredView const* view_;
+  View const* image_view_ = nullptr;  // what image_ is a cursor over
   Tree tree_;
   bool const renewable_;
   std::unique_ptr<TreeCursor> image_;

@@ -301,17 +301,32 @@ void LogStore::SyncUpTo(CommitId commit) {
 
 // ---- the image ---------------------------------------------------------------------------------
 
-// Writes both layers, oldest first, and moves the log's position past them: the log goes on with
-// the generation after the active one.
-void LogStore::WriteAll(LogLayers const& layers, CommitId state, bool clean,
-                        DirectCommit const* direct) {
-  std::unique_ptr<Batch> const batch = image_->BeginBatch();
-  ImagePosition position = logformat::ReadPosition(*batch);
+// Both layers, oldest first.
+std::unique_ptr<Batch> LogStore::WriteLayers(LogLayers const& layers, CommitId state,
+                                             DirectCommit const* direct) {
+  std::unique_ptr<Batch> batch = image_->BeginBatch();
+  CommitId const held = logformat::ReadPosition(*batch).commit;
   KeepCommits(*batch, tail_.applied(), direct, IfNotKept::kLeaveGap);
-  if (layers.frozen != nullptr && position.commit < layers.active->base) {
+  if (layers.frozen != nullptr && held < layers.active->base) {
     WriteLayer(*batch, *layers.frozen, layers.active->base);
   }
   WriteLayer(*batch, *layers.active, state);
+  return batch;
+}
+
+// The log goes on with the generation after the active one. Of a batch that went on in the image,
+// what it wrote to kMeta since is still in the layer.
+void LogStore::WriteAll(LogLayers const& layers, CommitId state, bool clean,
+                        DirectCommit const* direct) {
+  std::unique_ptr<Batch> own;
+  Batch* batch = direct == nullptr ? nullptr : direct->begun;
+  if (batch == nullptr) {
+    own = WriteLayers(layers, state, direct);
+    batch = own.get();
+  } else {
+    WriteTree(*batch, *layers.active, state, Tree::kMeta);
+  }
+  ImagePosition position = logformat::ReadPosition(*batch);
   position.generation = logformat::After(layers.active->number);
   position.commit = state;
   position.before = tail_.position().before;

@@ -16,7 +16,7 @@
 // image does not hold yet is in the layers. What both hold is the same in both.
 //
 // A commit that is too large for the log, or whose layers might not fit into the image later, goes
-// into the image at once, together with all layers.
+// into the image at once, together with all layers (LogBatch::MoveToImage).
 //
 // Processes share the log. One at a time holds the commit lock and appends; the others read its
 // records when they see that a later commit is published. One that is so far behind that its file
@@ -129,6 +129,7 @@ class LogStore final : public Store {
   struct DirectCommit {
     std::span<iovec> record;
     std::optional<Retention> retention;
+    Batch* begun;  // that has all layers and the commit, as WriteLayers begins it; null: none
   };
   void CommitToImage(Batch const& batch, LogLayers const& layers, DirectCommit const& commit);
   void SyncUpTo(CommitId commit);
@@ -139,7 +140,10 @@ class LogStore final : public Store {
   // succeeds then says nothing.
   bool sync_failed() const { return failed_syncs_ != mended_syncs_; }
   Status TryTakeBack(LogPosition const& at) noexcept;
-  // Writes everything up to `state` into the image, in one batch.
+  // Begins a batch of the image and writes everything up to `state` into it.
+  std::unique_ptr<Batch> WriteLayers(LogLayers const& layers, CommitId state,
+                                     DirectCommit const* direct);
+  // The same, and moves the log's position past it.
   void WriteAll(LogLayers const& layers, CommitId state, bool clean,
                 DirectCommit const* direct = nullptr);
 

@@ -13,16 +13,19 @@ void LayeredView::Set(std::shared_ptr<LogLayers const> layers, CommitId state,
 }
 
 void LayeredView::EndImage() {
+  image_batch_ = nullptr;
   if (image_ != nullptr) image_store_.End(std::move(image_));
 }
 
-Snapshot const& LayeredView::image() const {
+View const& LayeredView::image() const {
+  if (image_batch_ != nullptr) return *image_batch_;
   if (image_ == nullptr) image_ = image_store_.Begin();
   return *image_;
 }
 
 bool LayeredView::Get(Tree tree, std::string_view key, std::string_view* value) const {
   if (tree == Tree::kRows && key.size() != sizeof(std::uint64_t)) Throw(LSCOREDB_TOO_LARGE);
+  if (image_has_all(tree)) return image().Get(tree, key, value);
   OverlayVersion const* const version = layers_->Find({tree, key}, state_);
   if (version == nullptr) return image().Get(tree, key, value);
   if (version->deleted) return false;

@@ -13,6 +13,9 @@
 namespace lscore {
 
 // The state itself. If Set was given no snapshot of the image, one begins when it is first needed.
+//
+// A batch that is too large for the log goes on in a batch of the image (ReadImageBatch), which then
+// has all of the state but the few entries of kMeta that the batch itself wrote.
 class LayeredView {
  public:
   LayeredView(Store const& store, Store& image_store) : store_(store), image_store_(image_store) {}
@@ -23,6 +26,11 @@ class LayeredView {
   void Set(std::shared_ptr<LogLayers const> layers, CommitId state,
            std::unique_ptr<Snapshot> image);
   void EndImage();
+  // From now on the image is read as `batch` has it. What cursors have open of its snapshot stays
+  // there until EndImage.
+  void ReadImageBatch(Batch const& batch) { image_batch_ = &batch; }
+  // Whether the image has all of the tree's state, so that no layer is looked at.
+  bool image_has_all(Tree tree) const { return image_batch_ != nullptr && tree != Tree::kMeta; }
 
   bool Get(Tree tree, std::string_view key, std::string_view* value) const;
   void OpenCursor(Tree tree, std::unique_ptr<TreeCursor>& cursor, bool frozen) const;
@@ -33,7 +41,7 @@ class LayeredView {
 
   LogLayers const& layers() const { return *layers_; }
   CommitId state() const { return state_; }
-  Snapshot const& image() const;
+  View const& image() const;
 
  private:
   static constexpr std::size_t kMostPages = 512;
@@ -43,6 +51,7 @@ class LayeredView {
   std::shared_ptr<LogLayers const> layers_;
   CommitId state_{0};
   std::unique_ptr<Snapshot> mutable image_;
+  Batch const* image_batch_ = nullptr;
   std::deque<BuiltPage> mutable pages_;
 };
 
