@@ -13,7 +13,7 @@ namespace {
 
 using Json = nlohmann::json;
 
-constexpr int kBatch = 50000;
+constexpr int kBatch = 20000;
 
 // Text in which each character is two bytes.
 std::string Utf16(std::string const& ascii, bool big) {

@@ -36,7 +36,7 @@ struct ImportOptions {
   std::uint64_t skip = 0;
   // Rows per transaction; large rows make smaller batches. 0: all rows in one transaction, whose
   // memory grows with the file.
-  std::uint64_t batch = 50000;
+  std::uint64_t batch = 20000;
   // Receives rows that cannot be imported, which are then skipped. Empty: the first one ends the
   // import.
   std::function<void(RowSource const&, BadRow const&)> reject;

@@ -41,7 +41,7 @@ class Import : public Command {
   std::string name() const override { return "import"; }
   std::string summary() const override { return "Create objects from the rows of a file"; }
   std::string details() const override {
-    return "Rows are committed in batches of 50,000. When a row is bad, or the import is stopped, "
+    return "Rows are committed in batches of 20,000. When a row is bad, or the import is stopped, "
            "earlier batches stay. The same import of the unchanged file then continues behind "
            "them, and "
            "so does \"sagleme jobs\"; for a file that was mended, the message says with which "
@@ -55,7 +55,7 @@ class Import : public Command {
   }
   std::vector<Example> examples() const override {
     return {{"import shop Customer customers.csv", "all rows; stops at the first bad one"},
-            {"import shop Customer customers.csv --skip 50000", "continues after row 50,000"},
+            {"import shop Customer customers.csv --skip 40000", "continues after row 40,000"},
             {"import shop Order orders.jsonl --reject bad.jsonl",
              "collects the bad rows in a file and imports the others"}};
   }
@@ -71,7 +71,7 @@ class Import : public Command {
         ->type_name("CHAR");
     app.add_option("--reject", reject_, "Collect bad rows in FILE and continue")->type_name("FILE");
     AddCount(app, "--skip", skip_, "Skip the first COUNT rows, which are already imported");
-    AddCount(app, "--batch", batch_, "Commit COUNT rows at a time. 50000 by default");
+    AddCount(app, "--batch", batch_, "Commit COUNT rows at a time. 20000 by default");
     AddCount(app, "--pause", pause_, "Wait MS milliseconds between commits. 0 by default", "MS");
     app.add_flag("--atomic", atomic_, "Import all rows in one transaction, or none");
     app.add_flag("--keep-ids", keep_ids_, "Give the objects the ids in the file");
@@ -97,7 +97,7 @@ class Import : public Command {
   std::string reject_;
   std::string separator_;
   std::uint64_t skip_ = 0;
-  std::uint64_t batch_ = 50000;
+  std::uint64_t batch_ = 20000;
   std::uint64_t pause_ = 0;
   bool json_ = false;
   bool atomic_ = false;
