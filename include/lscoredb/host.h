@@ -102,7 +102,7 @@ typedef struct lscoredb_options {
   uint64_t row_memory;
   /* Log size in bytes that triggers a checkpoint, which writes the log's content to the data file.
    * 0: 16 MiB; otherwise from 64 KiB to 1 GiB. Changes are in memory until then, where small ones
-   * take more room: up to four times this size. A larger commit goes to the data file at once. */
+   * take more room: up to eight times this size. A larger commit goes to the data file at once. */
   uint64_t log_limit;
   uint32_t access; /* LSCOREDB_ACCESS_* */
 } lscoredb_options;

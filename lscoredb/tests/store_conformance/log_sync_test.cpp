@@ -206,7 +206,7 @@ TEST_F(LogSyncTest, SmallChanges_MoveToTheImageBeforeTheyTakeMuchMemory) {
     most = std::max(most, store->Statistics().log_memory);
   }
   EXPECT_GT(most, options_.log_limit);
-  EXPECT_LT(most, 5 * options_.log_limit);
+  EXPECT_LT(most, 10 * options_.log_limit);
 }
 
 TEST_F(LogSyncTest, LateSyncThatFails_IsRepeated) {

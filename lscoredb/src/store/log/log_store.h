@@ -159,7 +159,7 @@ class LogStore final : public Store {
   // Writes the frozen layer into the image, or goes on with it: `most` entries in one batch.
   void WriteFrozen(LogLayers const& layers, std::size_t most, IfNotKept if_not);
   std::size_t SliceDue(LogLayers const& layers);
-  static constexpr std::uint64_t kMemoryForLimit = 2;  // bytes in memory for one of the log's limit
+  static constexpr std::uint64_t kMemoryForLimit = 4;  // bytes in memory for one of the log's limit
   static constexpr std::uint64_t kLeastMemory = std::uint64_t{1} << 20;
   static constexpr std::size_t kAll = std::numeric_limits<std::size_t>::max();
 
