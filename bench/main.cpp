@@ -3,10 +3,12 @@
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <iostream>
+#include <iterator>
 
 #include "page.h"
 #include "pictures.h"
@@ -21,6 +23,27 @@ struct Outputs {
   std::string table;
   std::string page;
 };
+
+// Figures of an earlier run, of which those that are measured again are replaced.
+std::vector<Result> ResultsIn(std::string const& path) {
+  if (path.empty()) return {};
+  std::ifstream in(path);
+  std::string const text{std::istreambuf_iterator<char>(in), {}};
+  if (!in) throw std::runtime_error("cannot read " + path);
+  return ResultsOf(text);
+}
+std::vector<Result> Renewed(std::vector<Result> earlier, std::vector<Result> const& now) {
+  for (Result const& result : now) {
+    auto const there = std::find_if(earlier.begin(), earlier.end(),
+                                    [&](Result const& one) { return one.work == result.work; });
+    if (there == earlier.end()) {
+      earlier.push_back(result);
+    } else {
+      *there = result;
+    }
+  }
+  return earlier;
+}
 
 void WriteFile(std::string const& path, std::string const& text) {
   if (path.empty()) return;
@@ -69,18 +92,23 @@ int Main(int argc, char** argv) {
   Settings settings;
   Outputs outputs;
   std::string only;
+  std::string earlier;
   app.add_option("directory", settings.directory, "where the databases go; made, and left there")
       ->required();
   app.add_option("--objects", settings.objects, "how many")->check(CLI::Range(1000, 100000000));
   app.add_option("--rounds", settings.rounds, "how often each work is done")
       ->check(CLI::Range(1, 100));
   app.add_option("--only", only, "only sections whose names hold this word");
+  app.add_option("--earlier", earlier,
+                 "a file of --json, for the figures that are not measured with --only");
   app.add_option("--json", outputs.json, "a file for all figures");
   app.add_option("--table", outputs.table, "a file for the table");
   app.add_option("--page", outputs.page, "a file for the page of the documentation");
   CLI11_PARSE(app, argc, argv);
-  std::vector<Result> const results = MeasureAll(settings, only);
-  std::cout << TableOf(results);
+  std::vector<Result> const before = ResultsIn(earlier);
+  std::vector<Result> const now = MeasureAll(settings, only);
+  std::cout << TableOf(now);
+  std::vector<Result> const results = Renewed(before, now);
   WriteFile(outputs.json, JsonOf(results));
   WriteFile(outputs.table, TableOf(results));
   WriteFile(outputs.page, PageOf(results, settings));
