@@ -19,7 +19,7 @@ help:
 	@echo "            STORE=postgres keeps it on a PostgreSQL server that is started and stopped)"
 	@echo "make test   build everything and run the tests"
 	@echo "make bench  measure sagleme beside LMDB, SQLite and, where it is installed, PostgreSQL;"
-	@echo "            twelve minutes, and docs/performance.md is written anew"
+	@echo "            eighteen minutes, and docs/performance.md is written anew"
 	@echo "make python build the Python package: a wheel in dist/"
 	@echo "make run-python"
 	@echo "            build the Python package in place and run the README's program on it"
