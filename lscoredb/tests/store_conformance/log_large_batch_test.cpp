@@ -46,7 +46,7 @@ class LogLargeBatchTest : public testing::Test {
   StoreOptions options_;
 };
 
-TEST_F(LogLargeBatchTest, TakesNoMoreMemoryThanTheLog) {
+TEST_F(LogLargeBatchTest, ManyPuts_TakeNoMoreMemoryThanTheLog) {
   options_.log_limit = std::uint64_t{1} << 20;
   std::unique_ptr<Store> const store = Open();
   constexpr int kKeys = 50000;
@@ -61,7 +61,7 @@ TEST_F(LogLargeBatchTest, TakesNoMoreMemoryThanTheLog) {
 }
 
 // Random changes, the commits before still in the log, and cursors that were opened at any time.
-TEST_F(LogLargeBatchTest, ReadsItsOwnWrites) {
+TEST_F(LogLargeBatchTest, RandomChanges_AreReadByTheBatch) {
   std::unique_ptr<Store> const store = Open();
   std::mt19937 random(11);
   std::map<std::string, std::string> expected;
@@ -141,7 +141,7 @@ TEST_F(LogLargeBatchTest, SnapshotsBesideIt_KeepTheirState) {
 }
 
 // The image's record of the format says that there is a log; that of the content does not.
-TEST_F(LogLargeBatchTest, WritesTheFormatOfTheContent) {
+TEST_F(LogLargeBatchTest, FormatOfTheContent_IsNotThatOfTheImage) {
   std::string const closed = format::FormatRecord(format::kClosedSetVersion);
   {
     std::unique_ptr<Store> const store = Open();

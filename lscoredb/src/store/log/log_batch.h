@@ -5,10 +5,10 @@
 // to be, which no snapshot sees yet. The same bytes are the record of the log.
 //
 // A record that outgrows the log can only go into the image. The batch then writes what it has into
-// a batch of the image and goes on there, so that it takes no more memory. Only its entries of kMeta
-// stay in the overlay too, which shows the image's own entries as those of the content. If changes
-// are kept, the whole record is needed for those who read them, and the batch waits with the image
-// for its commit.
+// a batch of the image and goes on there, so that it takes no more memory. Only its entries of
+// kMeta stay in the overlay too, which shows the image's own entries as those of the content. If
+// changes are kept, the whole record is needed for those who read them, and the batch waits with
+// the image for its commit.
 
 #include <mutex>
 

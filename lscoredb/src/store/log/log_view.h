@@ -14,8 +14,8 @@ namespace lscore {
 
 // The state itself. If Set was given no snapshot of the image, one begins when it is first needed.
 //
-// A batch that is too large for the log goes on in a batch of the image (ReadImageBatch), which then
-// has all of the state but the few entries of kMeta that the batch itself wrote.
+// A batch that is too large for the log goes on in a batch of the image (ReadImageBatch), which
+// then has all of the state but the few entries of kMeta that the batch itself wrote.
 class LayeredView {
  public:
   LayeredView(Store const& store, Store& image_store) : store_(store), image_store_(image_store) {}
