@@ -481,7 +481,6 @@ StoreStatistics LmdbStore::Statistics() const {
   return statistics;
 }
 
-// Other processes sync from now on; what was committed before is synced here.
 // The library does so when it begins to write. No page is written here, so none has to be checked.
 void LmdbStore::Settle() {
   if (read_only()) Throw(LSCOREDB_READ_ONLY_DATABASE);
@@ -489,6 +488,7 @@ void LmdbStore::Settle() {
   WritePause const pause(locks_, env_);
 }
 
+// Other processes sync from now on; what was committed before is synced here.
 void LmdbStore::RequireSync() {
   if (read_only() || in_memory_) return;
   RequireSyncFromNowOn();
