@@ -2,6 +2,7 @@
 
 import ast
 import json
+import os
 import subprocess
 import sys
 from pathlib import Path
@@ -36,8 +37,15 @@ def test_the_cells_run_from_the_top():
 def test_jupyter_runs_it(tmp_path):
     pytest.importorskip("nbconvert", reason="jupyter's nbconvert is not installed")
     pytest.importorskip("ipykernel", reason="jupyter's kernel for Python is not installed")
+    # The kernel that is installed runs the system's Python, which does not see a virtual environment.
+    kernel = tmp_path / "jupyter/kernels/python3"
+    kernel.mkdir(parents=True)
+    (kernel / "kernel.json").write_text(json.dumps({
+        "argv": [sys.executable, "-m", "ipykernel_launcher", "-f", "{connection_file}"],
+        "display_name": "Python 3", "language": "python"}))
     subprocess.run([sys.executable, "-m", "jupyter", "nbconvert", "--to", "html", "--execute",
-                    str(NOTEBOOK), "--output-dir", str(tmp_path)], check=True)
+                    str(NOTEBOOK), "--output-dir", str(tmp_path)], check=True,
+                   env={**os.environ, "JUPYTER_PATH": str(tmp_path / "jupyter")})
     page = (tmp_path / "library.html").read_text()
     for shown in (">plan</caption>", ">Library.Item \N{EN DASH} What is lent.</caption>",
                   ">index (title)</td>", ">Invisible Cities</td>", ">2 rows</caption>",
