@@ -230,6 +230,30 @@ std::vector<LayoutNumber> ReleasedLayouts(View const& view) {
   return NumbersOf(view, format::kReleaseLetter);
 }
 
+namespace {
+
+// The layouts with numbers near `number`, and that one, in one round trip to a server: tables that
+// were made together are used together. Those whose record is damaged are left out.
+std::map<LayoutNumber, std::string_view> LayoutsAround(View const& view, LayoutNumber number) {
+  constexpr std::uint16_t kTogether = 32;
+  auto const first = static_cast<std::uint16_t>(Raw(number) - Raw(number) % kTogether);
+  std::vector<std::string> keys;
+  for (std::uint16_t i = 0; i < kTogether; ++i) {
+    keys.push_back(LayoutKey(LayoutNumber{static_cast<std::uint16_t>(first + i)}));
+  }
+  std::vector<std::optional<std::string_view>> values(kTogether);
+  view.GetMany(Tree::kDefinitions, std::vector<std::string_view>(keys.begin(), keys.end()), values);
+  std::map<LayoutNumber, std::string_view> records;
+  for (std::uint16_t i = 0; i < kTogether; ++i) {
+    if (!values[i].has_value() || !HasValidChecksum(keys[i], *values[i])) continue;
+    LayoutNumber const found{static_cast<std::uint16_t>(first + i)};
+    records.emplace(found, StripChecksum(keys[i], *values[i]));
+  }
+  return records;
+}
+
+}  // namespace
+
 // A layout may be cached by a transaction with a newer snapshot; an older one does not see it.
 Layout const* LayoutCache::Find(View const& view, LayoutNumber number) {
   Layout const* layout = At(number).load(std::memory_order_acquire);
@@ -238,15 +262,21 @@ Layout const* LayoutCache::Find(View const& view, LayoutNumber number) {
 }
 
 Layout const* LayoutCache::LoadFrom(View const& view, LayoutNumber number) {
+  auto const keep = [this](LayoutNumber kept, std::string_view record) {
+    std::unique_ptr<Layout const> layout = ParseLayout(kept, record);
+    std::lock_guard const lock(mutex_);
+    Layout const* const known = At(kept).load(std::memory_order_acquire);
+    if (known != nullptr) return known;
+    owned_.push_back(std::move(layout));
+    At(kept).store(owned_.back().get(), std::memory_order_release);
+    return owned_.back().get();
+  };
+  if (view.far()) {
+    for (auto const& [neighbour, record] : LayoutsAround(view, number)) keep(neighbour, record);
+  }
   std::string_view record;
   if (!GetChecked(view, Tree::kDefinitions, LayoutKey(number), &record)) return nullptr;
-  std::unique_ptr<Layout const> layout = ParseLayout(number, record);
-  std::lock_guard const lock(mutex_);
-  Layout const* const known = At(number).load(std::memory_order_acquire);
-  if (known != nullptr) return known;
-  owned_.push_back(std::move(layout));
-  At(number).store(owned_.back().get(), std::memory_order_release);
-  return owned_.back().get();
+  return keep(number, record);
 }
 
 // ---- indexes -----------------------------------------------------------------------------------

@@ -125,6 +125,8 @@ class EntryCursor {
   // Appends the objects of entries that lie ahead, the present one first, as far as a remote store
   // has them at hand. For prefetching only.
   void Upcoming(bool forward, std::size_t most, std::vector<std::uint64_t>* objects);
+  // See TreeCursor::FetchWithNextPage.
+  void FetchWithNextPage(RowRun const& run) { cursor_.FetchWithNextPage(run); }
 
   bool valid() const { return valid_; }
   // REQUIRES: valid().

@@ -30,6 +30,12 @@ struct TreeKey {
   bool seek = false;  // for a cursor; otherwise for Get
 };
 
+// Rows that lie side by side: those with the next ids above one, or below it.
+struct RowRun {
+  ObjectId beside{};
+  bool rising = true;
+};
+
 class Store;
 
 // A store's part of a Cursor, which keeps the current entry; each call moves it.
@@ -65,6 +71,9 @@ class TreeCursor {
   // a remote store has any. A hint: there may be more.
   virtual void Upcoming(KeyValue const& /* entry */, bool /* forward */, std::size_t /* most */,
                         std::vector<KeyValue>* /* out */) const {}
+  // Announces that rows will be read with the entries behind those at hand, and a guess at which. A
+  // remote store fetches as many in the round trip of its next entries; the snapshot keeps them.
+  virtual void FetchWithNextPage(RowRun const& /* run */) {}
 
   bool IsOf(Store const& store) const { return store_ == &store; }
 

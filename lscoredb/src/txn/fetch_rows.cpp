@@ -18,30 +18,30 @@ bool IsAtHand(ScanSource const& source, ObjectId id) {
 }
 
 // A single row is as well fetched when it is read.
-bool FetchFromServer(ScanSource const& source, std::span<std::uint64_t const> ids) {
+std::size_t FetchFromServer(ScanSource const& source, std::span<std::uint64_t const> ids) {
   std::vector<std::string_view> keys;
   for (std::uint64_t const& id : ids) {
     if (!IsAtHand(source, ObjectId{id})) keys.push_back(BytesOf(id));
   }
-  if (keys.size() < 2) return false;
+  if (keys.size() < 2) return 0;
   std::vector<std::optional<std::string_view>> rows(keys.size());
   source.snapshot->GetMany(Tree::kRows, keys, rows);
-  return true;
+  return keys.size();
 }
 
 }  // namespace
 
-bool FetchRows(ScanSource const& source, std::span<std::uint64_t const> ids) {
+std::size_t FetchRows(ScanSource const& source, std::span<std::uint64_t const> ids) {
   if (source.far) {
-    bool asked = false;
+    std::size_t asked = 0;
     for (; !ids.empty(); ids = ids.subspan(std::min(ids.size(), kMostTogether))) {
-      asked |= FetchFromServer(source, ids.first(std::min(ids.size(), kMostTogether)));
+      asked += FetchFromServer(source, ids.first(std::min(ids.size(), kMostTogether)));
     }
     return asked;
   }
   for (std::uint64_t const id : ids) source.shared_rows->PrefetchSlot(ObjectId{id});
   for (std::uint64_t const id : ids) source.shared_rows->FetchRow(ObjectId{id});
-  return false;
+  return 0;
 }
 
 }  // namespace lscore

@@ -27,8 +27,8 @@ struct ScanSource {
 
 // From a server: the rows that are not cached come in one round trip for each 8192, and the
 // snapshot keeps them. From memory: the rows are brought into the processor's cache, which waits
-// for nothing. Returns whether a server was asked.
-bool FetchRows(ScanSource const& source, std::span<std::uint64_t const> ids);
+// for nothing. Returns how many rows of a server were not cached.
+std::size_t FetchRows(ScanSource const& source, std::span<std::uint64_t const> ids);
 
 }  // namespace lscore
 

@@ -2,11 +2,32 @@
 
 #include <algorithm>
 #include <tuple>
+#include <utility>
 
 #include "bytes.h"
 #include "keys.h"
 
 namespace lscore {
+namespace {
+
+// Where the rows behind these are, if they lie side by side in the order of the scan: objects that
+// were made in the order of the index.
+std::optional<RowRun> RunBehind(std::span<std::uint64_t const> ids) {
+  constexpr std::size_t kFewest = 8;
+  constexpr std::uint64_t kSparsest = 2;  // ids for each row
+  constexpr std::size_t kOutOfOrder = 8;  // one in so many
+  if (ids.size() < kFewest) return std::nullopt;
+  auto const [low, high] = std::minmax_element(ids.begin(), ids.end());
+  if (*high - *low >= kSparsest * ids.size()) return std::nullopt;
+  std::size_t rising = 0;
+  for (std::size_t i = 1; i < ids.size(); ++i) rising += ids[i - 1] < ids[i] ? 1 : 0;
+  std::size_t const most = (ids.size() - 1) / kOutOfOrder;
+  if (ids.size() - 1 - rising <= most) return RowRun{ObjectId{*high}, true};
+  if (rising <= most) return RowRun{ObjectId{*low}, false};
+  return std::nullopt;
+}
+
+}  // namespace
 
 Status Iterator::SetRange(IndexDefinition const& index, ScanRange const& range) {
   low_.clear();
@@ -45,6 +66,7 @@ void Iterator::Start(ScanSource const& source, IndexDefinition const& index) {
   reading_ = false;
   together_ = kFirstTogether;
   asked_ = 0;
+  run_.reset();
   if (has_committed_) {
     committed_.Open(*below, index);
     reverse_ ? committed_.SeekLast(high_) : committed_.SeekFirst(low_);
@@ -205,14 +227,25 @@ void Iterator::FetchAhead() {
 
 // Prefetch from a server: one round trip fetches the rows of the next entries, as far as the
 // current page of entries reaches, and the snapshot keeps them. The number grows from 16 to 8192,
-// so short scans fetch little that is not read.
+// so short scans fetch little that is not read. Whether the caller still reads is looked at again
+// in the last steps: then rows may come with the next page.
 void Iterator::AskTogether() {
   if (asked_ > 0) --asked_;
-  if (asked_ > 0 || given_ == kNoObject || source_.rows->Find(given_) == nullptr) return;
+  if (asked_ > kLastSteps || given_ == kNoObject) return;
+  if (source_.rows->Find(given_) == nullptr) return;
+  if (run_.has_value()) committed_.FetchWithNextPage(*std::exchange(run_, std::nullopt));
+  if (asked_ == 0) AskForUpcoming();
+}
+
+void Iterator::AskForUpcoming() {
   wanted_.clear();
-  committed_.Upcoming(!reverse_, together_, &wanted_);
+  committed_.Upcoming(!reverse_, together_ + 1, &wanted_);
+  bool const whole_page = wanted_.size() <= together_;
+  if (!whole_page) wanted_.pop_back();
   asked_ = wanted_.size();
-  if (FetchRows(source_, wanted_)) together_ = std::min(kTogetherGrowth * together_, kMostTogether);
+  std::size_t const missed = FetchRows(source_, wanted_);
+  if (missed > 0) together_ = std::min(kTogetherGrowth * together_, kMostTogether);
+  if (whole_page && 2 * missed >= wanted_.size()) run_ = RunBehind(wanted_);
 }
 
 Status Iterator::Next(ObjectId* object, LayoutNumber* layout) {

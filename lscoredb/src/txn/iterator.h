@@ -5,6 +5,7 @@
 // those that the transaction had written by then. Used by the thread of its transaction. A closed
 // iterator may be opened again, which allocates nothing in the common case.
 
+#include <optional>
 #include <span>
 #include <string>
 #include <vector>
@@ -71,6 +72,7 @@ class Iterator {
   void EndRemoved();
   void FetchAhead();
   void AskTogether();
+  void AskForUpcoming();
 
   static constexpr std::size_t kLongRun = 16;
   static constexpr std::size_t kSlotsAhead = 8;
@@ -78,7 +80,8 @@ class Iterator {
   static constexpr std::uint32_t kStepsPerLook = 32;
   static constexpr std::size_t kFirstTogether = 16;
   static constexpr std::size_t kMostTogether = 8192;
-  static constexpr std::size_t kTogetherGrowth = 8;
+  static constexpr std::size_t kTogetherGrowth = 32;
+  static constexpr std::size_t kLastSteps = 2;
 
   ScanSource source_;
   bool open_ = false;
@@ -101,6 +104,7 @@ class Iterator {
   bool reading_ = false;  // whether the caller reads the objects, as of the last look
   std::size_t together_ = kFirstTogether;  // the size of the next batch of rows from a server
   std::size_t asked_ = 0;                  // steps left in the last batch
+  std::optional<RowRun> run_;              // rows of the next page, if the caller still reads then
   Entry written_;                          // the pending entry that is next
   std::vector<std::uint64_t> wanted_;      // for one call: memory that is used again
 };

@@ -1,6 +1,7 @@
 #include "server_view.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "bytes.h"
 
@@ -9,7 +10,9 @@ namespace {
 
 constexpr std::size_t kFirstPage = 16;
 constexpr std::size_t kLargestPage = 8192;
-constexpr std::size_t kPageGrowth = 8;
+constexpr std::size_t kPageGrowth = 32;
+// Of the rows that are asked for with a page.
+constexpr std::size_t kMostRunBytes = 4 << 20;
 // Of a seek that was announced: an entry of the caller's own, and that of another.
 constexpr std::size_t kSoughtPage = 2;
 // Of rows: so many, at least one in so many numbers, are asked for as a range, which the server
@@ -22,17 +25,23 @@ Parameters KeysOf(Range const& keys) {
   return Parameters().ManyBytes({keys.begin(), keys.end()});
 }
 
+std::string RowKey(std::uint64_t id) {
+  std::string key;
+  AppendBig(key, id);
+  return key;
+}
+
 }  // namespace
 
 // ---- single entries ----------------------------------------------------------------------------
 
 // The cache also holds keys that do not exist. A failed question leaves no answer in it.
 bool ServerView::Get(Tree tree, std::string_view key, std::string_view* value) {
+  if (tree == Tree::kRows) return GetRow(Load<std::uint64_t>(key.data()), value);
   auto const [at, asked] = KnownOf(tree).try_emplace(std::string(key));
   if (asked) {
     try {
-      Parameters const parameters = Parameters().Bytes(ServerKey(tree, key));
-      Result found = connection_.Run(Of(tree).get, parameters);
+      Result found = connection_.Run(Of(tree).get, Parameters().Bytes(key));
       if (found.size() > 0) {
         at->second = numbers_.Read(tree, key, found, 0, 0);
         results_.push_back(std::move(found));
@@ -46,42 +55,86 @@ bool ServerView::Get(Tree tree, std::string_view key, std::string_view* value) {
   return at->second.has_value();
 }
 
+bool ServerView::GetRow(std::uint64_t id, std::string_view* row) {
+  KnownRows::Row known;
+  if (!rows_.Find(id, &known)) {
+    Result found = connection_.Run(Of(Tree::kRows).get, Parameters().Bytes(RowKey(id)));
+    if (found.size() > 0) known = numbers_.Read(Tree::kRows, BytesOf(id), found, 0, 0);
+    rows_.Note(id, known);
+    results_.push_back(std::move(found));
+  }
+  if (known.has_value()) *row = *known;
+  return known.has_value();
+}
+
 void ServerView::GetMany(Tree tree, std::span<std::string_view const> keys,
                          std::span<std::optional<std::string_view>> values) {
-  Known& known = KnownOf(tree);
-  std::vector<std::string> asked;
-  for (std::string_view const key : keys) {
-    if (!known.contains(std::string(key))) asked.push_back(ServerKey(tree, key));
+  if (tree == Tree::kRows) {
+    std::vector<std::uint64_t> asked;
+    for (std::string_view const key : keys) {
+      auto const id = Load<std::uint64_t>(key.data());
+      if (!rows_.Contains(id)) asked.push_back(id);
+    }
+    if (!asked.empty()) FetchRows(asked);
+    for (std::size_t i = 0; i < keys.size(); ++i) {
+      rows_.Find(Load<std::uint64_t>(keys[i].data()), &values[i]);
+    }
+    return;
   }
-  if (!asked.empty()) Fetch(tree, asked);
+  Known& known = KnownOf(tree);
+  std::set<std::string> asked;
+  for (std::string_view const key : keys) {
+    std::string whole(key);
+    if (!known.contains(whole)) asked.insert(std::move(whole));
+  }
+  if (!asked.empty()) Learn(tree, asked, connection_.Run(Of(tree).get_many, KeysOf(asked)));
   for (std::size_t i = 0; i < keys.size(); ++i) values[i] = known.at(std::string(keys[i]));
 }
 
-// `keys`: in the server's form.
-void ServerView::Fetch(Tree tree, std::vector<std::string> const& keys) {
-  auto const [low, high] = std::minmax_element(keys.begin(), keys.end());
-  bool const ranges = tree == Tree::kRows && keys.size() >= kFewestInRange;
-  std::uint64_t const span =
-      ranges ? LoadBig<std::uint64_t>(high->data()) - LoadBig<std::uint64_t>(low->data()) : 0;
-  if (ranges && span < kSparsestRange * keys.size()) {
-    Parameters const parameters = Parameters().Bytes(*low).Bytes(*high);
-    Learn(tree, keys, connection_.Run(Of(tree).get_range, parameters));
+// Those that do not come do not exist.
+void ServerView::FetchRows(std::vector<std::uint64_t> const& ids) {
+  auto const [low, high] = std::minmax_element(ids.begin(), ids.end());
+  TreeStatements const& rows = Of(Tree::kRows);
+  if (ids.size() >= kFewestInRange && *high - *low < kSparsestRange * ids.size()) {
+    Parameters const parameters = Parameters().Bytes(RowKey(*low)).Bytes(RowKey(*high));
+    LearnRows(connection_.Run(rows.get_range, parameters));
   } else {
-    Learn(tree, keys, connection_.Run(Of(tree).get_many, KeysOf(keys)));
+    std::vector<std::uint64_t> swapped;
+    std::vector<std::string_view> keys;
+    for (std::uint64_t const id : ids) swapped.push_back(SwapBytes(id));
+    for (std::uint64_t const& key : swapped) keys.push_back(BytesOf(key));
+    LearnRows(connection_.Run(rows.get_many, Parameters().ManyBytes(keys)));
   }
+  rows_.Reserve(ids.size());
+  for (std::uint64_t const id : ids) rows_.Note(id, {});
+}
+
+void ServerView::LearnRows(Result found) {
+  rows_.Reserve(found.size());
+  for (std::size_t i = 0; i < found.size(); ++i) {
+    auto const id = LoadBig<std::uint64_t>(found.Bytes(i, 0).data());
+    std::string_view const row = numbers_.Read(Tree::kRows, BytesOf(id), found, i, 1);
+    rows_.Note(id, row);
+    row_bytes_ += row.size();
+  }
+  row_count_ += found.size();
+  results_.push_back(std::move(found));
 }
 
 // `asked`: keys in the server's form. Those without a result do not exist.
-template <typename Range>
-void ServerView::Learn(Tree tree, Range const& asked, Result found) {
+void ServerView::Learn(Tree tree, std::set<std::string> const& asked, Result found) {
+  if (tree == Tree::kRows) {
+    LearnRows(std::move(found));
+    for (std::string const& key : asked) rows_.Note(LoadBig<std::uint64_t>(key.data()), {});
+    return;
+  }
   Known& known = KnownOf(tree);
-  known.reserve(known.size() + std::max(asked.size(), found.size()));
   for (std::size_t i = 0; i < found.size(); ++i) {
-    std::string key = ServerKey(tree, found.Bytes(i, 0));
+    std::string key(found.Bytes(i, 0));
     std::string_view const value = numbers_.Read(tree, key, found, i, 1);
     known.try_emplace(std::move(key), value);
   }
-  for (std::string const& key : asked) known.try_emplace(ServerKey(tree, key));
+  for (std::string const& key : asked) known.try_emplace(key);
   results_.push_back(std::move(found));
 }
 
@@ -134,16 +187,30 @@ void ServerView::LearnSought(Tree tree, std::set<std::string> const& asked, Resu
 // ---- neighbours --------------------------------------------------------------------------------
 
 ServerPage const& ServerView::Fetch(Tree tree, Statement const& statement,
-                                    Parameters const& parameters, std::size_t most, bool falling) {
-  pages_.push_back(std::make_unique<ServerPage>(tree, connection_.Run(statement, parameters),
-                                                numbers_, most, falling));
+                                    Parameters const& parameters, std::size_t most, bool falling,
+                                    Run const& run) {
+  connection_.Add(statement, parameters);
+  if (run.has_value()) AddRun(*run, most);
+  std::vector<Result> results = connection_.Exchange();
+  pages_.push_back(
+      std::make_unique<ServerPage>(tree, std::move(results[0]), numbers_, most, falling));
+  if (run.has_value()) LearnRows(std::move(results[1]));
   ServerPage const& page = *pages_.back();
   if (tree != Tree::kRows) return page;
   // Whoever scans rows reads them too.
+  rows_.Reserve(page.size());
   for (std::size_t i = 0; i < page.size(); ++i) {
-    KnownOf(tree).try_emplace(std::string(page.entry(i).key), page.entry(i).value);
+    rows_.Note(Load<std::uint64_t>(page.entry(i).key.data()), page.entry(i).value);
   }
   return page;
+}
+
+void ServerView::AddRun(RowRun const& run, std::size_t most) {
+  std::size_t const mean = row_count_ == 0 ? kMostRunBytes : 1 + row_bytes_ / row_count_;
+  std::size_t const rows = std::clamp(kMostRunBytes / mean, std::size_t{1}, most);
+  TreeStatements const& tree = Of(Tree::kRows);
+  connection_.Add(run.rising ? tree.after : tree.before,
+                  Parameters().Bytes(RowKey(Raw(run.beside))).Number(rows));
 }
 
 ServerPage const& ServerView::From(Tree tree, std::string_view key, std::size_t most) {
@@ -153,14 +220,16 @@ ServerPage const& ServerView::From(Tree tree, std::string_view key, std::size_t 
                false);
 }
 
-ServerPage const& ServerView::After(Tree tree, std::string_view key, std::size_t most) {
+ServerPage const& ServerView::After(Tree tree, std::string_view key, std::size_t most,
+                                    Run const& run) {
   return Fetch(tree, Of(tree).after, Parameters().Bytes(ServerKey(tree, key)).Number(most), most,
-               false);
+               false, run);
 }
 
-ServerPage const& ServerView::Before(Tree tree, std::string_view key, std::size_t most) {
+ServerPage const& ServerView::Before(Tree tree, std::string_view key, std::size_t most,
+                                     Run const& run) {
   return Fetch(tree, Of(tree).before, Parameters().Bytes(ServerKey(tree, key)).Number(most), most,
-               true);
+               true, run);
 }
 
 ServerPage const& ServerView::Last(Tree tree, std::size_t most) {
@@ -192,8 +261,8 @@ bool ServerCursor::GiveLast(ServerPage const& page, KeyValue* entry) {
   return Give(page.size() - 1, entry);
 }
 
-// Pages grow from 16 to 8192 entries: a short scan fetches little, a long one takes few round
-// trips.
+// Pages have 16 entries, then 512, then 8192: a short scan fetches little, a long one takes few
+// round trips.
 std::size_t ServerCursor::Grown() {
   most_ = std::clamp(kPageGrowth * most_, kFirstPage, kLargestPage);
   return most_;
@@ -208,6 +277,7 @@ std::optional<std::size_t> ServerCursor::Find(std::string_view key) const {
 
 bool ServerCursor::Seek(std::string_view key, KeyValue* entry) {
   most_ = kFirstPage;
+  run_.reset();
   return GiveFirst(view_.From(tree_, key, most_), entry);
 }
 
@@ -215,6 +285,7 @@ bool ServerCursor::First(KeyValue* entry) { return Seek({}, entry); }
 
 bool ServerCursor::Last(KeyValue* entry) {
   most_ = kFirstPage;
+  run_.reset();
   bool const any = GiveLast(view_.Last(tree_, most_), entry);
   ends_high_ = any;
   return any;
@@ -224,14 +295,16 @@ bool ServerCursor::Next(KeyValue* entry) {
   std::optional<std::size_t> const at = Find(entry->key);
   if (at.has_value() && *at + 1 < page_->size()) return Give(*at + 1, entry);
   if (at.has_value() && ends_high_) return false;
-  return GiveFirst(view_.After(tree_, entry->key, Grown()), entry);
+  ServerView::Run const run = std::exchange(run_, std::nullopt);
+  return GiveFirst(view_.After(tree_, entry->key, Grown(), run), entry);
 }
 
 bool ServerCursor::Previous(KeyValue* entry) {
   std::optional<std::size_t> const at = Find(entry->key);
   if (at.has_value() && *at > 0) return Give(*at - 1, entry);
   if (at.has_value() && ends_low_) return false;
-  return GiveLast(view_.Before(tree_, entry->key, Grown()), entry);
+  ServerView::Run const run = std::exchange(run_, std::nullopt);
+  return GiveLast(view_.Before(tree_, entry->key, Grown(), run), entry);
 }
 
 bool ServerCursor::EnterPage(KeyValue const& entry, EntryPage* page) {

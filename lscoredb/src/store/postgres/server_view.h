@@ -14,6 +14,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "known_rows.h"
 #include "server_page.h"
 #include "statements.h"
 #include "store.h"
@@ -47,31 +48,39 @@ class ServerView {
   Asked Ask(std::vector<TreeKey> const& hints);
   void Take(Asked const& asked, std::span<Result> results);
 
-  // Up to `most` neighbouring entries; two where From answers by what was prefetched.
+  // Up to `most` neighbouring entries; two where From answers by what was prefetched. `run`: as
+  // many rows of this run come in the same round trip, fewer where they are large.
+  using Run = std::optional<RowRun>;
   ServerPage const& From(Tree tree, std::string_view key, std::size_t most);
-  ServerPage const& After(Tree tree, std::string_view key, std::size_t most);
-  ServerPage const& Before(Tree tree, std::string_view key, std::size_t most);
+  ServerPage const& After(Tree tree, std::string_view key, std::size_t most, Run const& run);
+  ServerPage const& Before(Tree tree, std::string_view key, std::size_t most, Run const& run);
   ServerPage const& Last(Tree tree, std::size_t most);
 
  private:
   using Known = std::unordered_map<std::string, std::optional<std::string_view>>;
   using Sought = std::unordered_map<std::string, ServerPage const*>;  // by the key that was sought
 
-  template <typename Range>
-  void Learn(Tree tree, Range const& asked, Result found);
+  // Keys in the server's form.
+  void Learn(Tree tree, std::set<std::string> const& asked, Result found);
+  void LearnRows(Result found);
   void LearnSought(Tree tree, std::set<std::string> const& asked, Result found);
   Sought& SoughtIn(Tree tree) { return sought_[static_cast<std::size_t>(tree)]; }
   TreeStatements const& Of(Tree tree) const { return statements_.Of(tree, numbered_); }
   Known& KnownOf(Tree tree) { return known_[static_cast<std::size_t>(tree)]; }
-  void Fetch(Tree tree, std::vector<std::string> const& keys);
+  bool GetRow(std::uint64_t id, std::string_view* row);
+  void FetchRows(std::vector<std::uint64_t> const& ids);
+  void AddRun(RowRun const& run, std::size_t most);
   ServerPage const& Fetch(Tree tree, Statement const& statement, Parameters const& parameters,
-                          std::size_t most, bool falling);
+                          std::size_t most, bool falling, Run const& run = {});
 
   Connection& connection_;
   Statements const& statements_;
   bool const numbered_;
   NumberedValues numbers_;
-  std::array<Known, kTreeCount> known_;
+  std::array<Known, kTreeCount> known_;  // but for rows
+  KnownRows rows_;
+  std::size_t row_bytes_ = 0;  // of the rows that came, and their number
+  std::size_t row_count_ = 0;
   std::array<Sought, kTreeCount> sought_;
   std::vector<Result> results_;
   std::vector<std::unique_ptr<ServerPage>> pages_;
@@ -91,6 +100,7 @@ class ServerCursor final : public TreeCursor {
   bool EnterPage(KeyValue const& entry, EntryPage* page) override;
   void Upcoming(KeyValue const& entry, bool forward, std::size_t most,
                 std::vector<KeyValue>* out) const override;
+  void FetchWithNextPage(RowRun const& run) override { run_ = run; }
 
  private:
   bool Give(std::size_t i, KeyValue* entry) const;
@@ -106,6 +116,7 @@ class ServerCursor final : public TreeCursor {
   bool ends_high_ = false;  // the page holds the tree's last entry
   bool ends_low_ = false;
   std::size_t most_ = 0;  // entries asked for last
+  ServerView::Run run_;   // to be asked for with the next page
 };
 
 }  // namespace lscore
