@@ -247,6 +247,7 @@ Object* Allocate(Transaction* transaction, Binding* binding, std::uint64_t oid,
   Py_INCREF(Plain(transaction));
   made->binding = binding;
   made->oid = oid;
+  made->found = transaction->savepoints;
   // The class's own layout: columns of objects that lie under an older one are found by token.
   made->addr = (addr & ~std::uint64_t{0xFFFF}) | binding->layout;
   transaction->objects->Add(made);
@@ -310,20 +311,7 @@ PyObject* ObjectById(Transaction* transaction, std::uint64_t oid) {
 }
 
 PyObject* NewObject(Transaction* transaction, Binding* binding, std::uint64_t oid) {
-  Object* const made = Allocate(transaction, binding, oid, 0);
-  made->birth = transaction->savepoints + 1;
-  return Plain(made);
-}
-
-void ForgetObjectsSince(Transaction* transaction, std::uint64_t savepoint) {
-  std::vector<Object*> undone;
-  transaction->objects->ForEach([&](Object* object) {
-    if (object->birth > savepoint) undone.push_back(object);
-  });
-  for (Object* const object : undone) {
-    transaction->objects->Remove(object);
-    object->gone = true;
-  }
+  return Plain(Allocate(transaction, binding, oid, 0));
 }
 
 }  // namespace binding

@@ -36,10 +36,11 @@ bool IsOfAnotherTable(Transaction const* transaction, Object const* object) {
 
 }  // namespace
 
-void ForgetGoneObjects(Transaction* transaction) {
+void ForgetGoneObjects(Transaction* transaction, std::uint64_t savepoint) {
   sagleme::ReadScope const scope(transaction->context_id);
   std::vector<Object*> gone;
   transaction->objects->ForEach([&](Object* object) {
+    if (object->found < savepoint) return;
     if (IsGone(transaction, object->oid) || IsOfAnotherTable(transaction, object)) {
       gone.push_back(object);
     }

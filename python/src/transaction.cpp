@@ -190,7 +190,8 @@ PyObject* SetSavepoint(PyObject* object, PyObject*) {
   });
 }
 
-// What was read since is stale, and objects created since are gone.
+// What was read since is stale. Objects that Python got since may have been made since, also by
+// SQL, or be of the table that they were in before.
 PyObject* RollbackTo(PyObject* object, PyObject* args) {
   unsigned long long number = 0;
   unsigned long long ours = 0;
@@ -200,8 +201,8 @@ PyObject* RollbackTo(PyObject* object, PyObject* args) {
     NeedOpen(self);
     sagleme::detail::CheckKernel(lscoredb_rollback_to(self->context_id, number));
     ++self->stamp;
-    ForgetObjectsSince(self, ours);
     self->kernel->Forget();
+    ForgetGoneObjects(self, ours);
     Py_RETURN_NONE;
   });
 }

@@ -123,8 +123,8 @@ struct Object {
   std::uint64_t oid;
   std::uint64_t addr;
   std::uint64_t stamp;  // of the values
-  std::uint64_t birth;  // savepoints taken when it was made; 0: it was there before
-  bool gone;            // deleted, or its making was undone
+  std::uint64_t found;  // savepoints taken when Python got it
+  bool gone;            // deleted, of another table now, or its making was undone
   PyObject* weak_references;
   PyObject* values[1];  // by slot, as many as the binding has columns; null: not read
 };
@@ -168,10 +168,9 @@ PyObject* ObjectFor(Transaction* transaction, std::uint64_t oid, std::uint64_t a
 PyObject* ObjectById(Transaction* transaction, std::uint64_t oid);
 // Registers a Python object for a row that was just made.
 PyObject* NewObject(Transaction* transaction, Binding* binding, std::uint64_t oid);
-// Ends every Python object that was made since `savepoint`.
-void ForgetObjectsSince(Transaction* transaction, std::uint64_t savepoint);
-// Ends every Python object whose row is gone, or was made one of another table.
-void ForgetGoneObjects(Transaction* transaction);
+// Ends every Python object whose row is gone, or was made one of another table; of those that
+// Python got since `savepoint`, if one is given.
+void ForgetGoneObjects(Transaction* transaction, std::uint64_t savepoint = 0);
 // Inserts a row that belongs to no set yet, with the defaults that the database has for it. Its
 // columns are written before it enters the indexes: an entry would move with every one of them.
 std::uint64_t InsertRow(Transaction* transaction, Binding const& binding);

@@ -27,6 +27,31 @@ def test_an_exception_takes_back_the_block(tx):
     assert tx.all(Film).count() == 10 and tx.all(Person).count() == 2
 
 
+def test_what_sql_made_is_taken_back(tx):
+    with tx.savepoint() as point:
+        tx.sql("INSERT INTO Person(name) VALUES('nobody')")
+        made = tx.all(Person).where(name="nobody").one()
+        tx.insert_many(Person, [{"name": "somebody"}])
+        many = tx.all(Person).where(name="somebody").one()
+        point.rollback()
+    for each in (made, many):
+        assert not each._live
+        with pytest.raises(sg.DeletedError, match="made behind a savepoint that was rolled back"):
+            each.name
+
+
+def test_an_object_is_of_its_old_table_again(tx):
+    id = tx.all(Book).first().id
+    with tx.savepoint() as point:
+        tx.sql("UPDATE Item SET _table = 'Library.Film' WHERE _oid = ?", [id])
+        film = tx.get(Film, id)
+        assert film.minutes is None
+        point.rollback()
+    with pytest.raises(sg.DeletedError, match=f"Film {id} was deleted or moved to another table"):
+        film.minutes
+    assert tx.get(Book, id).pages == 100
+
+
 def test_what_is_kept(tx):
     with tx.savepoint():
         made = tx.new(Person, name="kept")
