@@ -296,8 +296,8 @@ class Query(Generic[T]):
         chosen = rows[self._offset:end]
         if self._outputs is not None:
             return iter([row[len(keys):] for row in chosen])
-        get = self._tx._get
-        return (get(row[-1]) for row in chosen)
+        found = (self._tx._get(row[-1]) for row in chosen)
+        return (each for each in found if each is not None)
 
     def __iter__(self) -> Iterator[T]:
         return self._iterate()

@@ -248,11 +248,21 @@ void Fetch(ScanBody& body) {
   body.batch_size = std::min(4 * body.batch_size, kLargestBatch);
 }
 
-// Whether an object of the batch is still there, when something was written since.
-bool StillThere(ScanBody const& body, Row row) {
-  if (body.stamp == body.transaction->stamp) return true;
-  std::uint64_t addr = 0;
-  return lorv_context_lookup(body.transaction->context_id, row.oid, &addr) == LORV_STATUS_OK;
+// Whether nothing was written since the batch was fetched.
+bool IsFresh(ScanBody const& body) { return body.stamp == body.transaction->stamp; }
+
+// Whether an object of the batch is still there. Brings its address up to date.
+bool StillThere(ScanBody const& body, Row* row) {
+  if (IsFresh(body)) return true;
+  return lorv_context_lookup(body.transaction->context_id, row->oid, &row->addr) == LORV_STATUS_OK;
+}
+
+PyObject* TupleAt(ScanBody const& body, std::size_t at, Row const& row) {
+  if (IsFresh(body)) {
+    return Py_NewRef(PyList_GET_ITEM(body.made.get(), static_cast<Py_ssize_t>(at)));
+  }
+  Ref const anew(MakeTuples(body.transaction, {&row, 1}, body.outputs));
+  return Py_NewRef(PyList_GET_ITEM(anew.get(), 0));
 }
 
 PyObject* Next(PyObject* object) {
@@ -269,12 +279,10 @@ PyObject* Next(PyObject* object) {
         if (body.tuples) body.made = Ref(MakeTuples(body.transaction, body.batch, body.outputs));
       }
       std::size_t const at = body.position++;
-      if (body.tuples) {
-        PyObject* const taken = PyList_GET_ITEM(body.made.get(), static_cast<Py_ssize_t>(at));
-        return Py_NewRef(taken);
-      }
-      Row const row = body.batch[at];
-      if (StillThere(body, row)) return ObjectFor(body.transaction, row.oid, row.addr);
+      Row row = body.batch[at];
+      if (!StillThere(body, &row)) continue;
+      if (body.tuples) return TupleAt(body, at, row);
+      return ObjectFor(body.transaction, row.oid, row.addr);
     }
   });
 }

@@ -224,3 +224,29 @@ def test_indexes_of_several_columns(make):
         assert tx.all(Entry).where(Entry.author == None).count() == 5  # noqa: E711
         assert [e.note for e in tx.all(Entry).where(Entry.author.in_(["b", "a"]), Entry.year == 1)
                 .order("note")] == ["a1", "b1"]
+
+
+@pytest.mark.parametrize("order", [[], ["title"], ["-year"]])
+def test_a_walk_leaves_out_what_is_deleted_meanwhile(make, order):
+    db = make(*MODELS)
+    fill(db)
+    with db.write() as tx:
+        seen = []
+        for book in tx.all(Book).order(*order):
+            seen.append(book.pages)
+            for other in tx.all(Book).where(pages=seen[0] ^ 1):
+                tx.delete(other)
+        assert len(seen) == 19 and seen[0] ^ 1 not in seen
+
+
+@pytest.mark.parametrize("order", [[], ["title"]])
+def test_a_walk_over_tuples_sees_what_is_written_meanwhile(make, order):
+    db = make(*MODELS)
+    fill(db)
+    with db.write() as tx:
+        rows = iter(tx.all(Book).order(*order).select("title", "year", "lender.name"))
+        assert next(rows) == ("Book 00", 1960, "Ada")
+        gone, changed = (tx.all(Book).where(title=f"Book {i:02}").one() for i in (1, 2))
+        changed.year, changed.lender = 7, None
+        tx.delete(gone)
+        assert list(rows)[:2] == [("Book 02", 7, None), ("Book 03", 1963, "Grace")]
