@@ -24,7 +24,8 @@ bool IsLost(char const* schema, Connection& connection) {
   return schema != nullptr && (std::string_view(schema) == "main" || connection.Known(schema));
 }
 
-int Authorize(void* shared, int action, char const*, char const*, char const* schema, char const*) {
+int Authorize(void* shared, int action, char const* name, char const*, char const* schema,
+              char const*) {
   switch (action) {
     case SQLITE_TRANSACTION:
     case SQLITE_SAVEPOINT:
@@ -33,6 +34,8 @@ int Authorize(void* shared, int action, char const*, char const*, char const* sc
     case SQLITE_CREATE_VIEW:
     case SQLITE_CREATE_VTABLE:
       return IsLost(schema, *static_cast<Connection*>(shared)) ? SQLITE_DENY : SQLITE_OK;
+    case SQLITE_DETACH:
+      return IsLost(name, *static_cast<Connection*>(shared)) ? SQLITE_DENY : SQLITE_OK;
     default:
       return SQLITE_OK;
   }

@@ -11,8 +11,9 @@
 // sagleme_status(code) is the library's status behind the failure of the last statement, whose
 // SQLite code is given; 0 where SQLite itself found the fault.
 //
-// Transactions are the program's, so BEGIN, COMMIT and savepoints are not authorized, nor are
-// ordinary tables, which would be gone with the connection; temporary ones are.
+// Transactions are the program's, so BEGIN, COMMIT and savepoints are not authorized, nor is DETACH
+// of the database, nor are ordinary tables, which would be gone with the connection; temporary ones
+// are.
 
 #include <memory>
 

@@ -144,7 +144,8 @@ def _from_code(code: int, text: str) -> BaseException:
     if code == sqlite3.SQLITE_NOMEM:
         return MemoryError()
     if code == sqlite3.SQLITE_AUTH:
-        return SqlError("SQL neither begins nor ends transactions here, nor makes tables",
+        return SqlError("SQL neither begins nor ends transactions here, nor makes tables or detaches "
+                        "the database",
                         hint="db.write() begins one, tx.savepoint() nests in it; db.apply() makes "
                              "tables, and CREATE TEMP TABLE temporary ones")
     families: dict[int, type[Error]] = {

@@ -146,6 +146,7 @@ def test_faults_are_named(db):
             ("SAVEPOINT x", sg.SqlError, "neither begins nor ends transactions"),
             ("CREATE TABLE mine (a)", sg.SqlError, "nor makes tables"),
             ("CREATE TABLE db.mine (a)", sg.SqlError, "nor makes tables"),
+            ("DETACH db", sg.SqlError, "nor makes tables or detaches the database"),
             ("SELECT sagleme_exec('CREATE TABLE A (x integer)')", sg.SqlError, "change the models"),
             ("UPDATE Book SET pages = 1", sg.ReadOnly, ""),
             ("INSERT INTO Person (name) VALUES ('x')", sg.ReadOnly, ""),
