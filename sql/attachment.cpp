@@ -169,7 +169,9 @@ void Attachment::RollbackTo(int number) {
   auto const mark = std::find_if(marks_.begin(), marks_.end(),
                                  [number](Mark const& each) { return each.number == number; });
   if (mark == marks_.end()) return;
-  Drain();
+  for (Cursor* const cursor : cursors_) {
+    if (defined_ || cursor->savepoint() >= mark->savepoint) cursor->Drain();
+  }
   ++writes_;
   detail::CheckKernel(lscoredb_rollback_to(context(), mark->savepoint));
   marks_.erase(mark + 1, marks_.end());

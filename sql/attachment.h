@@ -88,6 +88,8 @@ class Attachment {
   void Savepoint(int number);
   void RollbackTo(int number);
   void Release(int number);
+  // The kernel's number of the newest one; 0: there is none.
+  std::uint64_t last_savepoint() const { return marks_.empty() ? 0 : marks_.back().savepoint; }
   // ---- cursors
   void Add(Cursor* cursor) { cursors_.push_back(cursor); }
   void Remove(Cursor* cursor) { std::erase(cursors_, cursor); }

@@ -236,6 +236,7 @@ void Cursor::OpenRange(KeyRange const& range) {
       context_, index_, reverse_ ? LORV_ITERATOR_REVERSE : LORV_ITERATOR_FORWARD,
       (reverse_ ? range.last : range.first).data(), (reverse_ ? range.first : range.last).data(),
       &iterator_));
+  savepoint_ = attachment_->last_savepoint();
   page_.Start(one_row_ ? 1 : skip_.on() ? kFewRows : kManyRows, &attachment_->writes());
 }
 
@@ -254,7 +255,8 @@ bool Cursor::Scan(RowId& row) {
   while (iterator_ != 0 || range_ < ranges_.size()) {
     if (iterator_ == 0) OpenRange(ranges_[range_++]);
     LORV_REFERENCE found{};
-    if (!page_.Next(iterator_, found)) {
+    bool const ahead = attachment_->last_savepoint() <= savepoint_;
+    if (!page_.Next(iterator_, ahead, found)) {
       CloseScan();
       continue;
     }

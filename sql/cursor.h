@@ -5,7 +5,9 @@
 //
 // Rows are named by id and read column by column when SQLite asks. A commit or rollback during a
 // pass ends the kernel's scan: the remaining ids are saved before, and looked up one by one
-// afterwards.
+// afterwards. A scan that began before a savepoint goes on after a rollback to it, also with rows
+// that were deleted in between and are there again. It reads no row ahead behind the savepoint,
+// since it would pass those.
 //
 // Where SQLite has asked for nothing of the first rows, not even the id, it may want to know only
 // how many there are. The rows ahead are then counted by many, which costs a fraction of reading
@@ -56,6 +58,8 @@ class Cursor : public sqlite3_vtab_cursor {
   // Saves the remaining ids. Never fails: ids that could not be saved are an error of the next
   // step.
   void Drain() noexcept;
+  // The newest savepoint when the kernel's scan began; a rollback to it, or further, ends the scan.
+  std::uint64_t savepoint() const { return savepoint_; }
 
  private:
   void Step();
@@ -90,6 +94,7 @@ class Cursor : public sqlite3_vtab_cursor {
   std::uint64_t index_ = 0;
   std::size_t index_number_ = 0;  // in the shape
   std::uint64_t iterator_ = 0;
+  std::uint64_t savepoint_ = 0;
   RowPage page_;  // of the iterator
   bool reverse_ = false;
   bool plain_ = false;            // rows come as the index has them

@@ -20,12 +20,12 @@ void RowPage::Start(std::uint32_t most, std::uint64_t const* writes) {
   column_count_ = 0;
 }
 
-bool RowPage::Fill(std::uint64_t iterator) {
+bool RowPage::Fill(std::uint64_t iterator, bool ahead) {
   bool const was_last = count_ < size_;
   std::uint32_t const before = count_;
   count_ = at_ = 0;
   if (was_last) return false;
-  size_ = std::min(std::max(kFirst, size_ * kGrowth), most_);
+  size_ = ahead ? std::min(std::max(kFirst, size_ * kGrowth), most_) : 1;
   rows_.resize(size_);
   // Values that are read together are fetched then.
   std::uint32_t const flags = own_reads_ ? LSCOREDB_FETCH_ROWS : 0;

@@ -24,11 +24,11 @@ class RowPage {
   // transaction moves; null where no row is read.
   void Start(std::uint32_t most, std::uint64_t const* writes);
 
-  // The next row of the iterator's range. False at its end.
-  bool Next(std::uint64_t iterator, LORV_REFERENCE& row) {
+  // The next row of the iterator's range. False at its end. `ahead`: others may be read with it.
+  bool Next(std::uint64_t iterator, bool ahead, LORV_REFERENCE& row) {
     if (at_ + 1 < count_) {
       ++at_;
-    } else if (!Fill(iterator)) {
+    } else if (!Fill(iterator, ahead)) {
       return false;
     }
     row = rows_[at_];
@@ -89,7 +89,7 @@ class RowPage {
   static constexpr std::uint32_t kWorthwhile =
       8;  // rows for which one call is better than one each
 
-  bool Fill(std::uint64_t iterator);
+  bool Fill(std::uint64_t iterator, bool ahead);
   Column* Find(std::uint16_t number) {
     for (std::size_t i = 0; i < column_count_; ++i) {
       if (columns_[i].number == number) return &columns_[i];

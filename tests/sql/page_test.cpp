@@ -46,6 +46,34 @@ TEST_F(PageTest, RowsDeletedAhead_AreLeftOut) {
   EXPECT_EQ("1500", sql_("SELECT count(*) FROM Item"));
 }
 
+TEST_F(PageTest, RowsDeletedBehindASavepoint_AreDeliveredAfterItsRollback) {
+  for (char const* const order : {"", " ORDER BY Year", " ORDER BY Year + 0"}) {
+    sql_("BEGIN; UPDATE Item SET Price = 1");
+    Statement scan(sql_, std::string("SELECT Year FROM Item").append(order));
+    for (int i = 0; i < 200; ++i) EXPECT_EQ(std::to_string(i), scan.Next());
+    sql_("SAVEPOINT s; DELETE FROM Item WHERE Year BETWEEN 200 AND 1400");
+    sql_("ROLLBACK TO s");
+    for (int i = 200; i < 300; ++i) EXPECT_EQ(std::to_string(i), scan.Next());
+    sql_("DELETE FROM Item WHERE Year BETWEEN 400 AND 1400");
+    for (int i = 300; i < 399; ++i) EXPECT_EQ(std::to_string(i), scan.Next());
+    sql_("ROLLBACK TO s");
+    for (int i = 399; i < kRows; ++i) EXPECT_EQ(std::to_string(i), scan.Next());
+    EXPECT_EQ("", scan.Next());
+    sql_("ROLLBACK");
+  }
+}
+
+TEST_F(PageTest, ScanBegunBehindASavepoint_GoesOnAfterItsRollback) {
+  sql_("BEGIN; UPDATE Item SET Price = 1; SAVEPOINT s");
+  sql_("INSERT INTO lib.\"Library.Item\"(Title, Year) VALUES('new', 1500)");
+  Statement scan(sql_, "SELECT Year FROM Item");
+  for (int i = 0; i < 200; ++i) EXPECT_EQ(std::to_string(i), scan.Next());
+  sql_("ROLLBACK TO s");
+  for (int i = 200; i < kRows; ++i) EXPECT_EQ(std::to_string(i), scan.Next());
+  EXPECT_EQ("", scan.Next());
+  sql_("ROLLBACK");
+}
+
 TEST_F(PageTest, ValuesWrittenAhead_AreRead) {
   sql_("BEGIN");
   Statement scan(sql_, "SELECT Year, Price FROM Item");
