@@ -370,6 +370,43 @@ std::vector<IndexSpec> IndexesToPrepare(Transaction& transaction, Plan const& pl
   return specs;
 }
 
+namespace {
+
+bool IsSameIndex(IndexSpec const& a, IndexSpec const& b) {
+  auto const same_column = [](IndexColumnSpec const& x, IndexColumnSpec const& y) {
+    return x.name == y.name && x.ascending == y.ascending;
+  };
+  return a.name == b.name && a.table == b.table && a.uniqueness == b.uniqueness &&
+         std::equal(a.columns.begin(), a.columns.end(), b.columns.begin(), b.columns.end(),
+                    same_column);
+}
+
+bool IsDrop(Change const& change) {
+  return std::holds_alternative<change::DropTable>(change) ||
+         std::holds_alternative<change::DropColumn>(change);
+}
+
+}  // namespace
+
+std::vector<IndexSpec> jobs::IndexesUnderWay(Plan const& plan,
+                                             std::vector<IndexBuild> const& builds) {
+  std::vector<IndexSpec> specs;
+  bool const in_place = std::all_of(plan.begin(), plan.end(), [](Change const& change) {
+    return IsInPlace(change) || IsDrop(change);
+  });
+  if (!in_place) return specs;
+  for (Change const& change : plan) {
+    auto const* const index = std::get_if<change::CreateIndex>(&change);
+    if (index == nullptr) continue;
+    IndexSpec const spec = SpecOf(*index);
+    bool const begun = std::any_of(builds.begin(), builds.end(), [&](IndexBuild const& build) {
+      return build.progress.state != IndexBuildState::kAbandoned && IsSameIndex(build.index, spec);
+    });
+    if (begun) specs.push_back(spec);
+  }
+  return specs;
+}
+
 std::vector<IndexBuild> IndexBuilds(Context const& context) {
   std::vector<IndexBuild> builds;
   std::vector<KernelIndex> kernel;

@@ -63,12 +63,15 @@ class SchemaWork {
 
  private:
   bool Prepare() {
+    std::vector<IndexBuild> const builds = IndexBuilds(context_);
     std::vector<IndexSpec> indexes;
     std::vector<Change> changes;
     {
       Transaction transaction(context_, Access::kReadOnly);
       Plan const plan = PlanOf(transaction, wanted_, options_.allow_losses);
       indexes = IndexesToPrepare(transaction, plan, options_.objects);
+      // A plan that came to drop something since prepares nothing more, but finishes what it began.
+      if (indexes.empty()) indexes = jobs::IndexesUnderWay(plan, builds);
       changes = ChangesToPrepare(transaction, plan, options_.objects);
     }
     steps_ = indexes.size() + changes.size() + 1;
