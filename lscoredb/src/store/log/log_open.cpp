@@ -168,6 +168,10 @@ void LogStore::CloseAlone() {
   ImagePosition const position = logformat::ReadPosition(*image);
   image_->End(std::move(image));
   if (position.clean && position.commit == tail_.applied()) return;
+  if (tail_.layers()->active->changes.nodes() > kMostInBatch) {
+    Rotate(IfNotKept::kLeaveGap);
+    WriteFrozen(*tail_.layers(), kAll, IfNotKept::kLeaveGap);
+  }
   WriteAll(*tail_.layers(), tail_.applied(), true);
   files_.Remove();
 }

@@ -301,15 +301,12 @@ void LogStore::SyncUpTo(CommitId commit) {
 
 // ---- the image ---------------------------------------------------------------------------------
 
-// Both layers, oldest first.
+// Both layers, oldest first. The frozen one needs no commit of the active one to be in its batches.
 std::unique_ptr<Batch> LogStore::WriteLayers(LogLayers const& layers, CommitId state,
                                              DirectCommit const* direct) {
+  if (layers.frozen != nullptr) WriteFrozen(layers, kAll, IfNotKept::kLeaveGap);
   std::unique_ptr<Batch> batch = image_->BeginBatch();
-  CommitId const held = logformat::ReadPosition(*batch).commit;
   KeepCommits(*batch, tail_.applied(), direct, IfNotKept::kLeaveGap);
-  if (layers.frozen != nullptr && held < layers.active->base) {
-    WriteLayer(*batch, *layers.frozen, layers.active->base);
-  }
   WriteLayer(*batch, *layers.active, state);
   return batch;
 }
@@ -362,32 +359,41 @@ void LogStore::CommitToImage(Batch const& batch, LogLayers const& layers,
   board_.ReportCommit();
 }
 
-// Writes entries of the frozen layer into the image in one batch, unless another process has
-// written all of them. With the last ones goes the log's position: from then on the layer's file of
-// the log may be reused.
+// Writes entries of the frozen layer into the image, unless another process has written all of
+// them. With the last ones goes the log's position: from then on the layer's file of the log may be
+// reused. A batch holds the pages that it changes in memory, and the file keeps both their old and
+// their new copies until two batches later, so the entries go into many batches.
 void LogStore::WriteFrozen(LogLayers const& layers, std::size_t most, IfNotKept if_not) {
-  LogLayer const& active = *layers.active;
   std::lock_guard const working(checkpoint_mutex_);
-  std::unique_ptr<Batch> const batch = image_->BeginBatch();
-  ImagePosition position = logformat::ReadPosition(*batch);
-  if (position.commit < active.base) {
-    CheckpointPlace place = checkpoint_;
-    bool const whole = WriteSlice(*batch, *layers.frozen, active.base, &place, most);
-    if (whole) {
-      KeepCommits(*batch, active.base, nullptr, if_not);
-      position.generation = active.number;
-      position.commit = active.base;
-      position.before = active.before;
-      logformat::WritePosition(*batch, position);
-    }
-    batch->Commit();
-    checkpoint_ = std::move(place);
-    if (!whole) return;
-    board_.RaiseSynced(active.base);
+  ImagePosition position;
+  while (!WritePartOfFrozen(layers, std::min(most, kMostInBatch), if_not, &position)) {
+    if (most <= kMostInBatch) return;
+    most -= kMostInBatch;
   }
   std::lock_guard const lock(tail_mutex_);
   tail_.DropHeld(position);
   if (tail_.layers()->frozen == nullptr) checkpoint_due_ = false;
+}
+
+bool LogStore::WritePartOfFrozen(LogLayers const& layers, std::size_t most, IfNotKept if_not,
+                                 ImagePosition* position) {
+  LogLayer const& active = *layers.active;
+  std::unique_ptr<Batch> const batch = image_->BeginBatch();
+  *position = logformat::ReadPosition(*batch);
+  if (position->commit >= active.base) return true;
+  CheckpointPlace place = checkpoint_;
+  bool const whole = WriteSlice(*batch, *layers.frozen, active.base, &place, most);
+  if (whole) {
+    KeepCommits(*batch, active.base, nullptr, if_not);
+    position->generation = active.number;
+    position->commit = active.base;
+    position->before = active.before;
+    logformat::WritePosition(*batch, *position);
+  }
+  batch->Commit();
+  checkpoint_ = std::move(place);
+  if (whole) board_.RaiseSynced(active.base);
+  return whole;
 }
 
 // How many entries of the frozen layer the calling committer writes. Where commits wait for the
@@ -398,7 +404,7 @@ void LogStore::WriteFrozen(LogLayers const& layers, std::size_t most, IfNotKept 
 //   active file full       0 ... 1/32 ... 2/32 ...    1/2    ...     rotation
 //
 // Slices of large layers are smaller: a thousand entries take a few milliseconds. Where commits do
-// not wait, each sync of a slice would cost more than it spreads.
+// not wait, the one that is due writes all of them, as each further batch is synced too.
 std::size_t LogStore::SliceDue(LogLayers const& layers) {
   constexpr std::size_t kSlices = 16;
   constexpr std::size_t kLeastSlice = 64;

@@ -156,12 +156,17 @@ class LogStore final : public Store {
 
   // Freezes the active layer, after a checkpoint of the one before it. REQUIRES: the commit lock.
   void Rotate(IfNotKept if_not);
-  // Writes the frozen layer into the image, or goes on with it: `most` entries in one batch.
+  // Writes the frozen layer into the image, or goes on with it: `most` entries.
   void WriteFrozen(LogLayers const& layers, std::size_t most, IfNotKept if_not);
+  // In one batch. Returns whether the image then has all of the layer.
+  bool WritePartOfFrozen(LogLayers const& layers, std::size_t most, IfNotKept if_not,
+                         logformat::ImagePosition* position);
   std::size_t SliceDue(LogLayers const& layers);
   static constexpr std::uint64_t kMemoryForLimit = 4;  // bytes in memory for one of the log's limit
   static constexpr std::uint64_t kLeastMemory = std::uint64_t{1} << 20;
   static constexpr std::size_t kAll = std::numeric_limits<std::size_t>::max();
+  // Entries of a layer in a batch of the image, which may change a page for each: 32 MiB.
+  static constexpr std::size_t kMostInBatch = 8192;
 
   std::unique_ptr<Store> const image_;
   StoreOptions const options_;
