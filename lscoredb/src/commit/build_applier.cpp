@@ -94,10 +94,16 @@ void BuildApplier::Remove(BuildChange const& change) {
 // Nothing holds the objects still while the entries are sorted and added batch by batch. Since all
 // of them were read from one state, a set without a change since is taken as it was read.
 void BuildApplier::AddEntries(BuildChange const& change) {
-  set_quiet_ = !SetChangedSince(batch_, change.index->setspec, change.read);
-  if (!set_quiet_ && change.set_quiet && batch_.far()) FetchObjects(change);
+  if (!SetChangedSince(batch_, change.index->setspec, change.read)) return AddReadEntries(change);
+  if (change.set_quiet && batch_.far()) FetchObjects(change);
   ForEachEntry(change,
                [&](std::string_view key, std::string_view value) { AddEntry(change, key, value); });
+}
+
+void BuildApplier::AddReadEntries(BuildChange const& change) {
+  AscendingEntries writer(batch_);
+  ForEachEntry(change,
+               [&](std::string_view key, std::string_view value) { writer.Put(key, value); });
 }
 
 // The set was quiet when the batch was begun, so that its objects were not among the hints.
@@ -116,7 +122,6 @@ void BuildApplier::FetchObjects(BuildChange const& change) const {
 // object wrote a new one only if the key differs. So it is derived again from the object as it is.
 void BuildApplier::AddEntry(BuildChange const& change, std::string_view key,
                             std::string_view value) {
-  if (set_quiet_) return batch_.Put(Tree::kIndex, key, value);
   ObjectId const object = ObjectOf(*change.index, key, value);
   std::uint64_t const id = Raw(object);
   std::string_view stored;

@@ -48,6 +48,7 @@ class BuildApplier {
   void Remove(BuildChange const& change);
   void AddEntries(BuildChange const& change);
   void FetchObjects(BuildChange const& change) const;
+  void AddReadEntries(BuildChange const& change);
   void AddEntry(BuildChange const& change, std::string_view key, std::string_view value);
   void DeriveEntry(IndexDefinition const& index, ObjectId object, std::string_view stored);
   Layout const& LayoutOf(LayoutNumber number);
@@ -59,7 +60,6 @@ class BuildApplier {
   KeyEncoder encoder_;
   KeyBytes key_;
   std::u16string text_;
-  bool set_quiet_ = false;
 };
 
 }  // namespace lscore

@@ -323,25 +323,13 @@ void CommitApplier::DeleteChunks(ObjectId id) {
   batch_.RemoveRange(Tree::kOverflow, ChunkKey(id, 0), ChunkKey(id, kNoChunk));
 }
 
-// Index ids ascend, so the entries of a new index mostly follow all others and are appended, which
-// fills pages and searches no tree. When an index with a higher id was committed before this one,
-// they are put one by one.
+// Index ids ascend, so the entries of a new index mostly follow all others, unless an index with a
+// higher id was committed before this one.
 void CommitApplier::ApplyUntouched(SortedEntries const& entries) {
-  Cursor last;
-  last.Open(batch_, Tree::kIndex);
-  std::string const highest = last.Last() ? std::string(last.key()) : std::string();
-  last.Close();
+  AscendingEntries writer(batch_);
   Cursor cursor;
   cursor.Open(entries, Tree::kIndex);
-  bool on = cursor.First();
-  bool const above_all = on && cursor.key() > highest;
-  for (; on; on = cursor.Next()) {
-    if (above_all) {
-      batch_.Append(Tree::kIndex, cursor.key(), cursor.value());
-    } else {
-      batch_.Put(Tree::kIndex, cursor.key(), cursor.value());
-    }
-  }
+  for (bool on = cursor.First(); on; on = cursor.Next()) writer.Put(cursor.key(), cursor.value());
 }
 
 // Removals come first: two keys of one object that differ only beyond the store's key length share

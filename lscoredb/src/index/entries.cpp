@@ -106,6 +106,22 @@ void EntryWriter::Delete(IndexDefinition const& index, std::string_view encoded,
   batch_.Remove(Tree::kIndex, record_.key);
 }
 
+AscendingEntries::AscendingEntries(Batch& batch) : batch_(batch), above_(batch.far()) {
+  if (above_) return;
+  Cursor last;
+  last.Open(batch, Tree::kIndex);
+  if (last.Last()) highest_ = last.key();
+}
+
+void AscendingEntries::Put(std::string_view key, std::string_view value) {
+  above_ = above_ || key > highest_;
+  if (above_) {
+    batch_.Append(Tree::kIndex, key, value);
+  } else {
+    batch_.Put(Tree::kIndex, key, value);
+  }
+}
+
 void DeleteEntries(Batch& batch, IndexDefinition const& index, std::string_view end) {
   std::string const all = LeastAbove(index.entry_prefix);
   batch.RemoveRange(Tree::kIndex, index.entry_prefix, end.empty() ? all : end);

@@ -72,6 +72,20 @@ class EntryWriter {
   Batch& batch_;
   EntryRecord record_;
 };
+// Puts entries in ascending order of their keys in the store. From the first one that is above all
+// entries of all indexes they are appended, which fills pages and searches no tree. A server does
+// neither, and is not asked.
+class AscendingEntries {
+ public:
+  explicit AscendingEntries(Batch& batch);
+
+  void Put(std::string_view key, std::string_view value);
+
+ private:
+  Batch& batch_;
+  std::string highest_;  // that was there
+  bool above_ = false;
+};
 // Deletes all entries of an index, or those whose keys in the store are below `end`.
 void DeleteEntries(Batch& batch, IndexDefinition const& index, std::string_view end = {});
 // The key behind the first `most` entries, and how many those are. Empty: there are not more.
