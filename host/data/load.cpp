@@ -3,9 +3,11 @@
 #include <lscoredb/watch.h>
 
 #include <algorithm>
+#include <limits>
 #include <optional>
 #include <sagleme/counts.hpp>
 #include <sagleme/host/dump.hpp>
+#include <sagleme/index_build.hpp>
 #include <sagleme/schema_plan.hpp>
 
 #include "data/dump_reader.h"
@@ -24,6 +26,8 @@ namespace {
 constexpr std::uint64_t kFarIdentities = std::uint64_t{1} << 61;
 constexpr std::uint64_t kBatch = 20000;
 constexpr std::uint64_t kRowMemory = std::uint64_t{16} << 20;  // rows are read once
+// An index over as many objects is built in commits of bounded size before it is created.
+constexpr std::uint64_t kManyObjects = 500000;
 
 // The kernel keeps its own identities above those of the dump, the catalogue's included: every
 // object comes back with the identity that it had, which may be known outside of the database.
@@ -86,10 +90,11 @@ class Loader {
     transaction.Commit();
   }
 
-  // Each in a transaction of its own, whose memory follows the index.
+  // Each in a transaction of its own.
   void ApplyTheRest(Context const& context) {
     for (Change const& change : MissingChanges(context)) {
-      if (options_.report) options_.report({result_.objects, result_.objects, dump_.objects()});
+      ReportAll();
+      BuildLargeIndex(context, change);
       Transaction transaction(context);
       try {
         if (auto const* const annotation = std::get_if<change::Annotate>(&change)) {
@@ -105,15 +110,50 @@ class Loader {
     }
   }
 
+  void ReportAll() const {
+    if (options_.report) options_.report({result_.objects, result_.objects, dump_.objects()});
+  }
+
+  // The memory of a transaction that creates an index follows its size. The one batch is cut by the
+  // size of its commits, so the build needs no record of its progress.
+  void BuildLargeIndex(Context const& context, Change const& change) {
+    IndexBuildOptions options;
+    options.batch = std::numeric_limits<std::uint32_t>::max();
+    options.report = [this](IndexBuildProgress const&) {
+      ReportAll();
+      return true;
+    };
+    for (IndexSpec const& index : LargeIndexes(context, change)) {
+      try {
+        PrepareIndex(context, index, options);
+      } catch (Error const& error) {
+        if (error.status() != LSCOREDB_DUPLICATE_KEY) throw;
+        auto const duplicates = IndexBuildDuplicates(context, IndexBuilds(context).at(0).id, 1);
+        RefuseObject(change, error, duplicates.at(0).object);
+      }
+    }
+  }
+  static std::vector<IndexSpec> LargeIndexes(Context const& context, Change const& change) {
+    Transaction transaction(context, Access::kReadOnly);
+    return IndexesToPrepare(transaction, {change}, kManyObjects);
+  }
+
+  static std::string Refusal(Change const& change, Error const& error) {
+    return fmt::format("cannot {}: {}", DescribeChange(change), error.what());
+  }
+  // Reports the line of the object in the dump.
+  [[noreturn]] void RefuseObject(Change const& change, Error const& error, ObjectId object) {
+    dump_.RefuseObject(Refusal(change, error),
+                       [&](ObjectId id) { return IdIn(id).value == object.value; });
+  }
   // Reports the line of the object in the dump that repeats a key.
   [[noreturn]] void RefuseIndex(Transaction& transaction, Change const& change,
                                 Error const& error) {
-    std::string const what = fmt::format("cannot {}: {}", DescribeChange(change), error.what());
     auto const* const index = std::get_if<change::CreateIndex>(&change);
-    if (index == nullptr || error.status() != LSCOREDB_DUPLICATE_KEY) dump_.RefuseAll(what);
-    auto const refused = FindRefusedBuild(transaction, *index);
-    if (!refused) dump_.RefuseAll(what);
-    dump_.RefuseObject(what, [&](ObjectId id) { return IdIn(id).value == refused->second.value; });
+    bool const duplicate = index != nullptr && error.status() == LSCOREDB_DUPLICATE_KEY;
+    auto const refused = duplicate ? FindRefusedBuild(transaction, *index) : std::nullopt;
+    if (!refused) dump_.RefuseAll(Refusal(change, error));
+    RefuseObject(change, error, refused->second);
   }
 
   Plan MissingChanges(Context const& context) const {

@@ -222,5 +222,59 @@ TEST_F(LoadTest, DumpWithAKeyTwice_IsRefusedWithKeyIndexAndLine) {
   }
 }
 
+// Of so many objects the indexes are built before they are created.
+std::string LargeDump(std::string const& schema, int objects) {
+  std::string dump = schema.substr(0, schema.find('\n') + 1);
+  for (int i = 0; i < objects; ++i) {
+    auto const mixed = static_cast<unsigned>(i) * 2654435761U;
+    dump.append("{\"t\": 0, \"id\": ").append(std::to_string(500000 + i));
+    dump.append(", \"v\": [\"").append(std::to_string(mixed)).append("\", ");
+    dump.append(std::to_string(mixed % 100)).append("]}\n");
+  }
+  std::string const count = std::to_string(objects);
+  dump.append("{\"end\": {\"objects\": ").append(count);
+  return dump.append(", \"tables\": [").append(count).append("]}}\n");
+}
+
+class LargeLoadTest : public LoadTest {
+ protected:
+  static constexpr int kObjects = 500001;
+
+  void SetUp() override {
+    LoadTest::SetUp();
+    Apply(R"({"schema": 1, "tables": [{"name": "T", "columns": [
+        {"name": "Name", "type": "string"}, {"name": "Kind", "type": "long"}],
+        "indexes": [{"name": "ByKind", "columns": ["Kind"]},
+                    {"name": "ByName", "unique": true, "columns": ["Name"]}]}]})");
+    dump_ = LargeDump(On("dump").out, kObjects);
+  }
+
+  std::string dump_;
+};
+
+TEST_F(LargeLoadTest, Indexes_AreCompleteAndNoJobIsLeft) {
+  Load(dump_);
+  EXPECT_TRUE(RunTool({"dump", other()}).out == dump_);
+  std::string const jobs = RunTool({"jobs", other()}).out;
+  EXPECT_EQ(jobs.size() - 1, jobs.find('\n')) << jobs;  // the heading alone
+  Result const check = RunTool({"check", other()});
+  EXPECT_EQ(0, check.status) << check.out << check.err;
+}
+
+TEST_F(LargeLoadTest, KeyThatIsThereTwice_IsRefusedWithItsLine) {
+  std::size_t const last = dump_.rfind("{\"t\"");
+  std::size_t const name = dump_.find('[', last) + 1;
+  dump_.replace(name, dump_.find(',', name) - name, "\"0\"");  // that of the first one
+  Result const load = RunTool({"load", other(), "-"}, dump_);
+  EXPECT_EQ(1, load.status);
+  std::string const place = ":" + std::to_string(kObjects + 1) + ": ";
+  EXPECT_NE(std::string::npos, load.err.find(place)) << load.err;
+  EXPECT_NE(std::string::npos, load.err.find("cannot create unique index ByName on T: "
+                                             "duplicate key \"0\" in unique index ByName "
+                                             "(objects 500000 and 1000000)"))
+      << load.err;
+  ExpectNothingLeft();
+}
+
 }  // namespace
 }  // namespace tool_test
