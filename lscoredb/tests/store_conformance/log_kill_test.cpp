@@ -1,5 +1,7 @@
 // Death of a process between the two steps that make a state of the image the newest: the header is
 // in the file, and the memory that processes share still names the state before it.
+//
+// A checkpoint of many entries makes several such states.
 
 #include <dlfcn.h>
 #include <signal.h>
@@ -7,6 +9,7 @@
 #include <array>
 #include <filesystem>
 #include <functional>
+#include <map>
 
 #include "log_of_tests.h"
 #include "other_process.h"
@@ -21,7 +24,7 @@ constexpr Tree kTree = Tree::kIndex;
 constexpr off_t kEndOfHeaders = 8192;  // of two pages
 constexpr char kImageFile[] = "/data.mdb";
 
-bool dies_after_header = false;
+int headers_to_death = 0;  // this process dies behind so many; 0: it does not
 
 bool IsOfImage(int file) {
   std::array<char, 4096> path{};
@@ -63,7 +66,7 @@ class LogKillTest : public testing::Test {
       test.Hear();
       std::unique_ptr<Store> store = Open();
       Commit(*store, "b");
-      dies_after_header = true;
+      headers_to_death = 1;
       work(std::move(store));
     });
   }
@@ -161,6 +164,35 @@ TEST_F(LogKillTest, Recovery_FindsTheImageThatADeadProcessLeftClean) {
   EXPECT_EQ("abc", KeysIn(*Open()));
 }
 
+// Ends with the first process that lives: it wrote all batches.
+TEST_F(LogKillTest, LargeCheckpoint_IsFinishedByTheNextProcess) {
+  constexpr int kKeys = 20000;
+  options_.log_limit = std::uint64_t{8} << 20;
+  for (bool const closes : {false, true}) {
+    int killed = 0;
+    for (bool lives = false; !lives; ++killed) {
+      std::map<std::string, std::string> entries;
+      std::string const value = std::string(closes ? "closed " : "asked ") + std::to_string(killed);
+      for (int i = 0; i < kKeys; ++i) entries[std::to_string(i)] = value;
+      OtherProcess other([&](OtherProcess& test) {
+        test.Hear();
+        std::unique_ptr<Store> store = Open();
+        Fill(*store, kTree, entries);
+        headers_to_death = killed + 1;
+        if (!closes) store->Checkpoint();
+        if (closes) store.reset();
+        headers_to_death = 0;
+      });
+      other.Say();
+      lives = !other.EndsKilled();
+      std::unique_ptr<Store> const store = Open();
+      EXPECT_TRUE(Entries(entries.begin(), entries.end()) == AllOf(*Reading(*store), kTree))
+          << killed;
+    }
+    EXPECT_LT(3, killed);  // three batches, and the process that lived
+  }
+}
+
 }  // namespace
 }  // namespace lscore
 
@@ -170,8 +202,8 @@ extern "C" [[gnu::visibility("default")]] ssize_t pwrite(int file, void const* b
   using Function = ssize_t(int, void const*, std::size_t, off_t);
   static auto* const original = reinterpret_cast<Function*>(dlsym(RTLD_NEXT, "pwrite"));
   ssize_t const written = original(file, bytes, size, offset);
-  if (lscore::dies_after_header && offset < lscore::kEndOfHeaders && lscore::IsOfImage(file)) {
-    raise(SIGKILL);
+  if (lscore::headers_to_death > 0 && offset < lscore::kEndOfHeaders && lscore::IsOfImage(file)) {
+    if (--lscore::headers_to_death == 0) raise(SIGKILL);
   }
   return written;
 }
