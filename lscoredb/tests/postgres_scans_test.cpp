@@ -2,11 +2,14 @@
 // Pages of entries have 16, 512 and 8192 entries, and the rows that a scan reads come in batches of
 // such sizes, or with the page.
 
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <functional>
-#include <numeric>
+#include <memory>
 #include <vector>
 
-#include "postgres_proxy_test.h"
+#include "stopper.h"
 
 namespace lscoredb_test {
 namespace {
@@ -20,7 +23,7 @@ std::uint64_t TripsOf(Database const& database) {
   return now.round_trips;
 }
 
-class PostgresScanTest : public PostgresProxyTest {
+class PostgresScanTest : public StoppedWaitsTest {
  protected:
   // Objects with the values 1000, 1001 and so on in an order that `place` gives; the two of the
   // fixture are below.
@@ -99,11 +102,36 @@ TEST_F(PostgresScanTest, ScanWithoutReads_TakesPagesOnly) {
   EXPECT_EQ(ColdScan(None), 3U);
 }
 
-// The last page comes without rows, so one of its objects is not there yet.
+// Later pages come without rows, so one of their objects is not there yet.
 TEST_F(PostgresScanTest, ScanThatStopsReading_FetchesNoMoreRows) {
   AddItems();
-  EXPECT_EQ(ColdScan([](int i) { return i < 200; }), 5U);
-  EXPECT_EQ(ColdScan([](int i) { return i < 200 || i == kItems; }), 6U);
+  EXPECT_EQ(ColdScan([](int i) { return i < 10; }), 5U);
+  EXPECT_EQ(ColdScan([](int i) { return i < 10 || i == kItems; }), 6U);
+}
+
+// No page goes beyond the range, and none is asked for.
+TEST_F(PostgresScanTest, Range_IsFetchedUpToItsEnd) {
+  AddItems();
+  struct {
+    int objects;
+    std::uint64_t trips;
+  } const ranges[] = {{10, 1}, {16, 2}, {500, 2}, {528, 3}, {700, 3}};
+  for (auto const& [objects, trips] : ranges) {
+    for (std::uint32_t const flags : {LORV_ITERATOR_FORWARD, LORV_ITERATOR_REVERSE}) {
+      Database const cold(url_ + "&timeout=6");
+      Session reader(cold);
+      reader.BeginReadOnly();
+      PairWorld const seen(reader);
+      std::uint64_t const before = TripsOf(cold);
+      Key const low = Key().Long(1100);
+      Key const high = Key().Long(1100 + objects - 1);
+      bool const forward = flags == LORV_ITERATOR_FORWARD;
+      Scanner scan(reader, seen.index, forward ? low : high, forward ? high : low, flags);
+      EXPECT_EQ(scan.Rest().size(), static_cast<std::size_t>(objects));
+      reader.Rollback();
+      EXPECT_LE(TripsOf(cold) - before - 1, forward ? trips : trips + 1) << objects;
+    }
+  }
 }
 
 TEST_F(PostgresScanTest, RowsInMemory_AreNotFetched) {
@@ -116,6 +144,148 @@ TEST_F(PostgresScanTest, RowsInMemory_AreNotFetched) {
     EXPECT_EQ(Scan(cold, reader, seen.index, All), trips);
     reader.Rollback();
   }
+}
+
+// In its second page, where the next step asks for the third one.
+class ScanAskedEarlyTest : public PostgresScanTest {
+ protected:
+  ScanAskedEarlyTest() {
+    AddItems();
+    reader_.BeginReadOnly();
+    index_ = PairWorld(reader_).index;
+    scan_ = std::make_unique<Scanner>(reader_, index_);
+    PassTo(17);
+  }
+
+  void PassTo(std::size_t position) {
+    for (; passed_ < position; ++passed_) {
+      Oid const object = scan_->Next();
+      EXPECT_TRUE(object != 0 && reader_.Long(object, kPairValue).has_value());
+    }
+  }
+  void AskEarly() { PassTo(30); }
+  // So that no answer arrives.
+  void AskASilentServer() {
+    proxy_.Freeze();
+    AskEarly();
+  }
+  std::uint32_t TryNext() {
+    LORV_REFERENCE found{};
+    return lorv_iterator_next(scan_->handle(), &found);
+  }
+  // Of a transaction, on the connection of the last one if that can be used.
+  void ExpectAllInANewTransaction() {
+    reader_.BeginReadOnly();
+    EXPECT_EQ(reader_.Scan(index_).size(), kAll);
+    reader_.Rollback();
+  }
+
+  static constexpr std::size_t kAll = kItems + 2;
+  Database const cold_{url_ + "&timeout=7"};
+  Session reader_{cold_};
+  IndexId index_{};
+  std::unique_ptr<Scanner> scan_;
+  std::size_t passed_ = 0;
+};
+
+TEST_F(ScanAskedEarlyTest, OtherQuestions_ComeInBetween) {
+  AskEarly();
+  Oids const all = reader_.Scan(index_);
+  EXPECT_EQ(all.size(), kAll);
+  EXPECT_EQ(reader_.Long(all.back(), kPairValue), 1000 + kItems - 1);
+  Scanner other(reader_, index_, Key(), Key(), LORV_ITERATOR_REVERSE);
+  for (std::size_t i = 0; i < kAll; ++i) EXPECT_EQ(other.Next(), all[kAll - 1 - i]);
+  EXPECT_EQ(scan_->Rest().size(), kAll - passed_);
+}
+
+// The page counts as a round trip, since the end of the transaction waits for it.
+TEST_F(ScanAskedEarlyTest, EndedTransaction_LeavesTheConnectionUsable) {
+  std::uint64_t const before = TripsOf(cold_);
+  AskEarly();
+  reader_.Rollback();
+  EXPECT_EQ(TripsOf(cold_) - before - 1, 1U);
+  for (int i = 0; i < 3; ++i) ExpectAllInANewTransaction();
+}
+
+// The page of a scan that was given up makes room for that of another.
+TEST_F(ScanAskedEarlyTest, AbandonedScan_LetsOthersAskEarly) {
+  AskEarly();
+  scan_.reset();
+  Oids const all = reader_.Scan(index_);
+  EXPECT_EQ(all.size(), kAll);
+  EXPECT_EQ(reader_.Scan(index_), all);
+}
+
+TEST_F(ScanAskedEarlyTest, CommitInBetween_IsDone) {
+  reader_.Rollback();
+  reader_.Begin();
+  Scanner scan(reader_, index_);
+  Oid object = 0;
+  for (int i = 0; i < 30; ++i) object = scan.Next();
+  reader_.PutLong(object, kPairValue, 9999);
+  reader_.Commit();
+  reader_.BeginReadOnly();
+  EXPECT_EQ(reader_.Scan(index_).back(), object);
+}
+
+// What came with the page at hand is there; what was asked for is not.
+TEST_F(ScanAskedEarlyTest, LostConnection_IsReportedWhereThePageIsUsed) {
+  AskASilentServer();
+  proxy_.Close();
+  PassTo(16 + 512);
+  EXPECT_STATUS(LSCOREDB_SERVER_LOST, TryNext());
+  proxy_.Thaw();
+  proxy_.Open();
+  reader_.Rollback();
+  ExpectAllInANewTransaction();
+}
+
+TEST_F(ScanAskedEarlyTest, LostConnectionOfATransactionThatEnds_IsReplaced) {
+  AskASilentServer();
+  proxy_.Close();
+  proxy_.Thaw();
+  proxy_.Open();
+  reader_.Rollback();
+  ExpectAllInANewTransaction();
+}
+
+TEST_F(ScanAskedEarlyTest, StoppedWait_LeavesTheTransactionAsItWas) {
+  AskASilentServer();
+  PassTo(16 + 512);
+  EXPECT_STATUS(LSCOREDB_STOPPED, Stopped([&] { return TryNext(); }));
+  EXPECT_STATUS(LSCOREDB_STOPPED, TryNext()) << "errors of scans stay";
+  EXPECT_EQ(reader_.Scan(index_).size(), kAll);
+  reader_.Rollback();
+  ExpectAllInANewTransaction();
+}
+
+TEST_F(ScanAskedEarlyTest, StoppedReadInBetween_LeavesTheScanAsItWas) {
+  PassTo(18);
+  proxy_.Freeze();
+  std::int64_t value = 0;
+  EXPECT_STATUS(LSCOREDB_STOPPED, Stopped([&] {
+                  return lorv_context_get_long(reader_.context(), 1 << 20, 0, kPairValue, &value);
+                }));
+  EXPECT_EQ(scan_->Rest().size(), kAll - passed_);
+  reader_.Rollback();
+  ExpectAllInANewTransaction();
+}
+
+TEST_F(ScanAskedEarlyTest, EndOfTheTransaction_CanBeStopped) {
+  AskASilentServer();
+  EXPECT_STATUS(0, Stopped([&] { return lscoredb_rollback(reader_.context()); }));
+  ExpectAllInANewTransaction();
+}
+
+TEST_F(ScanAskedEarlyTest, ForkedProcess_LeavesThePageToItsParent) {
+  AskEarly();
+  pid_t const child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) _exit(TryNext() != 0 ? 0 : 1);
+  int state = 0;
+  ASSERT_EQ(waitpid(child, &state, 0), child);
+  EXPECT_TRUE(WIFEXITED(state) && WEXITSTATUS(state) == 0);
+  EXPECT_EQ(scan_->Rest().size(), kAll - passed_);
 }
 
 // A second scan of the transaction finds all rows, and only pages are fetched again.

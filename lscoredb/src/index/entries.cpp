@@ -286,6 +286,10 @@ void EntryCursor::Upcoming(bool forward, std::size_t most, std::vector<std::uint
   }
 }
 
+void EntryCursor::Expect(std::string_view low, std::string_view high) {
+  cursor_.Expect(SeekKey(*index_, low), LeastAbove(SeekKey(*index_, high)));
+}
+
 void ParseEntry(IndexDefinition const& index, std::string_view stored,
                 std::string_view stored_record, Entry* entry) {
   std::string_view const key = stored.substr(index.entry_prefix.size());

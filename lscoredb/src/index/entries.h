@@ -139,6 +139,9 @@ class EntryCursor {
   // Appends the objects of entries that lie ahead, the present one first, as far as a remote store
   // has them at hand. For prefetching only.
   void Upcoming(bool forward, std::size_t most, std::vector<std::uint64_t>* objects);
+  // Announces a scan in one direction from the entry on, up to those with the other bound.
+  // REQUIRES: valid().
+  void Expect(std::string_view low, std::string_view high);
   // See TreeCursor::FetchWithNextPage.
   void FetchWithNextPage(RowRun const& run) { cursor_.FetchWithNextPage(run); }
 

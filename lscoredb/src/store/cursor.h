@@ -76,6 +76,7 @@ class Cursor {
   void Upcoming(bool forward, std::size_t most, std::vector<KeyValue>* out) const {
     cursor_->Upcoming(entry_, forward, most, out);
   }
+  void Expect(std::string_view low, std::string_view high) { cursor_->Expect(low, high); }
   void FetchWithNextPage(RowRun const& run) { cursor_->FetchWithNextPage(run); }
 
   std::string_view key() const { return entry_.key; }

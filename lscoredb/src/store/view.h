@@ -71,6 +71,10 @@ class TreeCursor {
   // a remote store has any. A hint: there may be more.
   virtual void Upcoming(KeyValue const& /* entry */, bool /* forward */, std::size_t /* most */,
                         std::vector<KeyValue>* /* out */) const {}
+  // Announces a scan: entries below `low`, or from `high` on, are not wanted until the next Seek,
+  // First or Last. A remote store may end there, and may ask for the next entries before they are
+  // wanted.
+  virtual void Expect(std::string_view /* low */, std::string_view /* high */) {}
   // Announces that rows will be read with the entries behind those at hand, and a guess at which. A
   // remote store fetches as many in the round trip of its next entries; the snapshot keeps them.
   virtual void FetchWithNextPage(RowRun const& /* run */) {}

@@ -62,6 +62,7 @@ void Iterator::Start(ScanSource const& source, IndexDefinition const& index) {
   step_due_ = false;
   removed_ = 0;
   given_ = kNoObject;
+  given_before_ = kNoObject;
   steps_ = 0;
   reading_ = false;
   together_ = kFirstTogether;
@@ -70,6 +71,7 @@ void Iterator::Start(ScanSource const& source, IndexDefinition const& index) {
   if (has_committed_) {
     committed_.Open(*below, index);
     reverse_ ? committed_.SeekLast(high_) : committed_.SeekFirst(low_);
+    if (source.far && committed_.valid()) committed_.Expect(low_, high_);
   }
   at_end_ = pending_ == nullptr;
   if (at_end_) return;
@@ -231,13 +233,19 @@ void Iterator::FetchAhead() {
 // in the last steps: then rows may come with the next page.
 void Iterator::AskTogether() {
   if (asked_ > 0) --asked_;
-  if (asked_ > kLastSteps || given_ == kNoObject) return;
-  if (source_.rows->Find(given_) == nullptr) return;
+  if (asked_ > kLastSteps || !IsReading()) return;
   if (run_.has_value()) committed_.FetchWithNextPage(*std::exchange(run_, std::nullopt));
   if (asked_ == 0) AskForUpcoming();
 }
 
+// One of two that reads every second object.
+bool Iterator::IsReading() const {
+  return source_.rows->Find(given_) != nullptr || source_.rows->Find(given_before_) != nullptr;
+}
+
+// While the first rows are read the caller may still stop; later ones ask for the next page early.
 void Iterator::AskForUpcoming() {
+  bool const first = together_ == kFirstTogether;
   wanted_.clear();
   committed_.Upcoming(!reverse_, together_ + 1, &wanted_);
   bool const whole_page = wanted_.size() <= together_;
@@ -245,7 +253,13 @@ void Iterator::AskForUpcoming() {
   asked_ = wanted_.size();
   std::size_t const missed = FetchRows(source_, wanted_);
   if (missed > 0) together_ = std::min(kTogetherGrowth * together_, kMostTogether);
-  if (whole_page && 2 * missed >= wanted_.size()) run_ = RunBehind(wanted_);
+  if (!whole_page || 2 * missed < wanted_.size()) return;
+  std::optional<RowRun> const run = RunBehind(wanted_);
+  if (first) {
+    run_ = run;
+  } else if (run.has_value()) {
+    committed_.FetchWithNextPage(*run);
+  }
 }
 
 Status Iterator::Next(ObjectId* object, LayoutNumber* layout) {
@@ -255,7 +269,7 @@ Status Iterator::Next(ObjectId* object, LayoutNumber* layout) {
     EntryObject found;
     if (Step(&found)) {
       FetchAhead();
-      given_ = found.object;
+      given_before_ = std::exchange(given_, found.object);
       *layout = found.layout;
     }
     *object = found.object;

@@ -73,6 +73,7 @@ class Iterator {
   void FetchAhead();
   void AskTogether();
   void AskForUpcoming();
+  bool IsReading() const;
 
   static constexpr std::size_t kLongRun = 16;
   static constexpr std::size_t kSlotsAhead = 8;
@@ -100,6 +101,7 @@ class Iterator {
   PendingKey first_removed_;
   PendingKey last_removed_;
   ObjectId given_{};
+  ObjectId given_before_{};
   std::uint32_t steps_ = 0;
   bool reading_ = false;  // whether the caller reads the objects, as of the last look
   std::size_t together_ = kFirstTogether;  // the size of the next batch of rows from a server

@@ -343,10 +343,44 @@ void Connection::Post() noexcept {
     statements_added_ = 0;
     if (PQpipelineSync(connection_) != 1) Break(Lost::kNothing);
     ++posted_;
+    Deadline const deadline = DeadlineFromNow();
+    Flush(deadline);
+    stoppable_ = true;
+    ReadEarly(deadline);
+    early_.reset();
+    early_failed_ = LORV_STATUS_OK;
+  } catch (...) {
+    broken_ = true;
+  }
+}
+
+bool Connection::can_send_early() const {
+  return !broken_ && !stopped_ && posted_ == 0 && !early_.has_value();
+}
+
+bool Connection::DropEarly() {
+  if (early_.has_value() && !early_->awaited.empty()) return false;
+  early_.reset();
+  return true;
+}
+
+void Connection::SendEarly() noexcept {
+  try {
+    early_.emplace().awaited = std::exchange(added_, {});
+    statements_added_ = 0;
+    if (PQpipelineSync(connection_) != 1) Break(Lost::kNothing);
     Flush(DeadlineFromNow());
   } catch (...) {
     broken_ = true;
   }
+}
+
+void Connection::ReadEarly(Deadline deadline) {
+  if (!early_.has_value() || early_->awaited.empty()) return;
+  early_->results = TakeResults(early_->awaited, deadline, &early_->failed);
+  early_->awaited.clear();
+  early_failed_ = early_->failed;
+  if (waits_.count != nullptr) ++*waits_.count;
 }
 
 // Reads the results of posted exchanges, up to the end mark of each.
@@ -383,15 +417,14 @@ bool Connection::TakeResult(Deadline deadline, Status* failed, Result* out) {
 
 // All results are read even after a failure, so that the connection stays usable. A statement whose
 // preparation failed is prepared again next time.
-std::vector<Result> Connection::TakeResults(Deadline deadline) {
-  std::vector<Awaited> const awaited = std::exchange(added_, {});
+std::vector<Result> Connection::TakeResults(std::vector<Awaited> const& awaited, Deadline deadline,
+                                            Status* failed) {
   std::vector<Result> results;
-  Status failed = LORV_STATUS_OK;
   for (Awaited const& one : awaited) {
     Result result;
-    bool const well = failed == LORV_STATUS_OK;
-    bool const done = TakeResult(deadline, &failed, &result);
-    if (well && failed != LORV_STATUS_OK) refused_at_ = results.size();
+    bool const well = *failed == LORV_STATUS_OK;
+    bool const done = TakeResult(deadline, failed, &result);
+    if (well && *failed != LORV_STATUS_OK) refused_at_ = results.size();
     if (one.prepares.empty()) {
       results.push_back(std::move(result));
     } else if (!done) {
@@ -399,22 +432,17 @@ std::vector<Result> Connection::TakeResults(Deadline deadline) {
     }
   }
   PQclear(NextResult(deadline));  // the end of the exchange
-  if (failed != LORV_STATUS_OK) Throw(failed);
   return results;
 }
 
-std::vector<Result> Connection::Exchange(Lost lost) {
+template <typename Read>
+std::vector<Result> Connection::Wait(Lost lost, std::size_t sent, Read const& read) {
   stoppable_ = lost == Lost::kNothing;
-  statements_added_ = 0;
   try {
-    Deadline const deadline = DeadlineFromNow();
-    if (broken_ || PQpipelineSync(connection_) != 1) Throw(LSCOREDB_SERVER_LOST);
-    Flush(deadline);
-    PassOverPosted(deadline);
-    if (waits_.count != nullptr) ++*waits_.count;
-    return TakeResults(deadline);
+    if (broken_) Throw(LSCOREDB_SERVER_LOST);
+    return read(DeadlineFromNow());
   } catch (Failure const& failure) {
-    if (failure.status() == LSCOREDB_STOPPED) LeaveToServer();
+    if (failure.status() == LSCOREDB_STOPPED) LeaveToServer(sent);
     if (failure.status() != LSCOREDB_SERVER_LOST) throw;
     Break(lost);
   } catch (std::bad_alloc const&) {
@@ -424,10 +452,38 @@ std::vector<Result> Connection::Exchange(Lost lost) {
   }
 }
 
-// The request becomes one that was posted.
-void Connection::LeaveToServer() {
+// After what was sent early has failed, the server refuses everything; the first status counts.
+std::vector<Result> Connection::Exchange(Lost lost) {
+  statements_added_ = 0;
+  return Wait(lost, 1, [&](Deadline deadline) {
+    if (PQpipelineSync(connection_) != 1) Throw(LSCOREDB_SERVER_LOST);
+    Flush(deadline);
+    ReadEarly(deadline);
+    PassOverPosted(deadline);
+    if (waits_.count != nullptr) ++*waits_.count;
+    Status failed = LORV_STATUS_OK;
+    std::vector<Awaited> const awaited = std::exchange(added_, {});
+    std::vector<Result> results = TakeResults(awaited, deadline, &failed);
+    if (failed == LORV_STATUS_OK) return results;
+    Throw(early_failed_ != LORV_STATUS_OK ? early_failed_ : failed);
+  });
+}
+
+std::vector<Result> Connection::TakeEarly() {
+  return Wait(Lost::kNothing, 0, [&](Deadline deadline) {
+    ReadEarly(deadline);
+    Early early = std::exchange(early_, std::nullopt).value();
+    if (early.failed != LORV_STATUS_OK) Throw(early.failed);
+    return std::move(early.results);
+  });
+}
+
+// `sent` requests become ones that were posted, and so does one that was sent early.
+void Connection::LeaveToServer(std::size_t sent) {
+  posted_ += sent;
+  if (early_.has_value() && !early_->awaited.empty()) ++posted_;
   added_.clear();
-  ++posted_;
+  early_.reset();
   stopped_ = true;
 }
 

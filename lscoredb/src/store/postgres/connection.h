@@ -8,6 +8,7 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <string_view>
@@ -111,6 +112,16 @@ class Connection {
   std::size_t refused_at() const { return refused_at_; }
   // Sends what was added without waiting. The next Exchange reads and ignores the results.
   void Post() noexcept;
+  // Sends what was added without waiting, for TakeEarly, which does what Exchange would do. An
+  // Exchange that comes first keeps the results until then. Post ends that: it waits for them,
+  // since the server would wait for a reader of a long reply before it ends the transaction.
+  // REQUIRES: can_send_early(); has_early(), which a wait that was stopped ends.
+  void SendEarly() noexcept;
+  std::vector<Result> TakeEarly();
+  bool can_send_early() const;
+  bool has_early() const { return early_.has_value(); }
+  // Forgets results that were read; false: they were not.
+  bool DropEarly();
   // Exchange for one statement.
   Result Run(Statement const& statement, Parameters const& parameters = {});
 
@@ -122,6 +133,11 @@ class Connection {
   using Deadline = std::chrono::steady_clock::time_point;
   struct Awaited {
     std::string prepares;  // the name of a statement; empty: it is executed
+  };
+  struct Early {
+    std::vector<Awaited> awaited;  // empty when they were read
+    Status failed = LORV_STATUS_OK;
+    std::vector<Result> results;
   };
 
   void Open(ServerUrl const& url);
@@ -137,8 +153,13 @@ class Connection {
   pg_result* NextResult(Deadline deadline);
   void PassOverPosted(Deadline deadline);
   bool TakeResult(Deadline deadline, Status* failed, Result* out);
-  std::vector<Result> TakeResults(Deadline deadline);
-  void LeaveToServer();
+  std::vector<Result> TakeResults(std::vector<Awaited> const& awaited, Deadline deadline,
+                                  Status* failed);
+  void ReadEarly(Deadline deadline);
+  // Runs `read`, which waits for the server, for so many requests that were just sent.
+  template <typename Read>
+  std::vector<Result> Wait(Lost lost, std::size_t sent, Read const& read);
+  void LeaveToServer(std::size_t sent);
   [[noreturn]] void Break(Lost lost);
 
   std::chrono::milliseconds timeout_;
@@ -146,6 +167,8 @@ class Connection {
   std::set<std::string> prepared_;
   std::vector<Awaited> added_;
   std::size_t posted_ = 0;  // posted exchanges whose results were not read yet
+  std::optional<Early> early_;
+  Status early_failed_ = LORV_STATUS_OK;  // in the present transaction, which that ends
   std::size_t refused_at_ = 0;
   std::size_t statements_added_ = 0;
   Waits waits_;

@@ -1,6 +1,8 @@
 #include "server_view.h"
 
 #include <algorithm>
+#include <array>
+#include <iterator>
 #include <utility>
 
 #include "bytes.h"
@@ -8,9 +10,7 @@
 namespace lscore {
 namespace {
 
-constexpr std::size_t kFirstPage = 16;
-constexpr std::size_t kLargestPage = 8192;
-constexpr std::size_t kPageGrowth = 32;
+constexpr std::array<std::size_t, 4> kPages = {16, 512, 4096, 8192};
 // Of the rows that are asked for with a page.
 constexpr std::size_t kMostRunBytes = 4 << 20;
 // Of a seek that was announced: an entry of the caller's own, and that of another.
@@ -187,14 +187,12 @@ void ServerView::LearnSought(Tree tree, std::set<std::string> const& asked, Resu
 // ---- neighbours --------------------------------------------------------------------------------
 
 ServerPage const& ServerView::Fetch(Tree tree, Statement const& statement,
-                                    Parameters const& parameters, std::size_t most, bool falling,
-                                    Run const& run) {
-  connection_.Add(statement, parameters);
-  if (run.has_value()) AddRun(*run, most);
-  std::vector<Result> results = connection_.Exchange();
-  pages_.push_back(
-      std::make_unique<ServerPage>(tree, std::move(results[0]), numbers_, most, falling));
-  if (run.has_value()) LearnRows(std::move(results[1]));
+                                    Parameters const& parameters, std::size_t most, bool falling) {
+  return Keep(tree, connection_.Run(statement, parameters), most, falling);
+}
+
+ServerPage const& ServerView::Keep(Tree tree, Result found, std::size_t most, bool falling) {
+  pages_.push_back(std::make_unique<ServerPage>(tree, std::move(found), numbers_, most, falling));
   ServerPage const& page = *pages_.back();
   if (tree != Tree::kRows) return page;
   // Whoever scans rows reads them too.
@@ -203,6 +201,24 @@ ServerPage const& ServerView::Fetch(Tree tree, Statement const& statement,
     rows_.Note(Load<std::uint64_t>(page.entry(i).key.data()), page.entry(i).value);
   }
   return page;
+}
+
+ServerPage const& ServerView::Keep(Beyond const& wanted, std::vector<Result> results) {
+  if (wanted.run.has_value()) LearnRows(std::move(results[1]));
+  return Keep(wanted.tree, std::move(results[0]), wanted.most, !wanted.forward);
+}
+
+void ServerView::Add(Beyond const& wanted) {
+  TreeStatements const& tree = Of(wanted.tree);
+  Parameters parameters;
+  parameters.Bytes(ServerKey(wanted.tree, wanted.key)).Number(wanted.most);
+  if (wanted.bound.empty()) {
+    connection_.Add(wanted.forward ? tree.after : tree.before, parameters);
+  } else {
+    parameters.Bytes(ServerKey(wanted.tree, wanted.bound));
+    connection_.Add(wanted.forward ? tree.after_until : tree.before_until, parameters);
+  }
+  if (wanted.run.has_value()) AddRun(*wanted.run, wanted.most);
 }
 
 void ServerView::AddRun(RowRun const& run, std::size_t most) {
@@ -220,16 +236,34 @@ ServerPage const& ServerView::From(Tree tree, std::string_view key, std::size_t 
                false);
 }
 
-ServerPage const& ServerView::After(Tree tree, std::string_view key, std::size_t most,
-                                    Run const& run) {
-  return Fetch(tree, Of(tree).after, Parameters().Bytes(ServerKey(tree, key)).Number(most), most,
-               false, run);
+ServerPage const& ServerView::Fetch(Beyond const& wanted) {
+  Add(wanted);
+  return Keep(wanted, connection_.Exchange());
 }
 
-ServerPage const& ServerView::Before(Tree tree, std::string_view key, std::size_t most,
-                                     Run const& run) {
-  return Fetch(tree, Of(tree).before, Parameters().Bytes(ServerKey(tree, key)).Number(most), most,
-               true, run);
+// The page of somebody who has let it go makes room once its reply was read.
+bool ServerView::CanAskEarly() {
+  if (early_ != nullptr && early_.use_count() == 1 && connection_.DropEarly()) early_.reset();
+  return connection_.can_send_early();
+}
+
+// A connection that is lost now says so when it is used next.
+ServerView::Early ServerView::AskEarly(Beyond const& wanted) {
+  auto asked = std::make_shared<Beyond const>(wanted);
+  Status const added = Guarded([&] {
+    Add(wanted);
+    return Status{LORV_STATUS_OK};
+  });
+  if (added != LORV_STATUS_OK) return nullptr;
+  connection_.SendEarly();
+  early_ = asked;
+  return asked;
+}
+
+ServerPage const& ServerView::Fetch(Early const& asked) {
+  early_.reset();
+  if (!connection_.has_early()) return Fetch(*asked);
+  return Keep(*asked, connection_.TakeEarly());
 }
 
 ServerPage const& ServerView::Last(Tree tree, std::size_t most) {
@@ -261,11 +295,50 @@ bool ServerCursor::GiveLast(ServerPage const& page, KeyValue* entry) {
   return Give(page.size() - 1, entry);
 }
 
-// Pages have 16 entries, then 512, then 8192: a short scan fetches little, a long one takes few
+void ServerCursor::Restart() {
+  most_ = kPages.front();
+  run_.reset();
+  low_.clear();
+  high_.clear();
+  early_.reset();
+}
+
+// Too late for a page that was asked for early.
+void ServerCursor::FetchWithNextPage(RowRun const& run) {
+  if (early_ == nullptr) run_ = run;
+}
+
+void ServerCursor::Expect(std::string_view low, std::string_view high) {
+  low_ = low;
+  high_ = high;
+}
+
+// Pages have 16 entries, then 512, 4096 and 8192: a short scan fetches little, a long one takes few
 // round trips.
-std::size_t ServerCursor::Grown() {
-  most_ = std::clamp(kPageGrowth * most_, kFirstPage, kLargestPage);
-  return most_;
+ServerView::Beyond ServerCursor::NextPage(std::string_view key, bool forward) {
+  most_ = *std::upper_bound(kPages.begin(), std::prev(kPages.end()), most_);
+  forward_ = forward;
+  return {tree_, std::string(key),       forward,
+          most_, forward ? high_ : low_, std::exchange(run_, std::nullopt)};
+}
+
+ServerPage const& ServerCursor::FetchBeyond(std::string_view key, bool forward) {
+  ServerView::Early const early = std::exchange(early_, nullptr);
+  if (early != nullptr && early->key == key && early->forward == forward) {
+    return view_.Fetch(early);
+  }
+  return view_.Fetch(NextPage(key, forward));
+}
+
+// Once a scan that was announced goes on in its second page or a later one, the next page is asked
+// for, so that the server works on it meanwhile.
+void ServerCursor::AskEarly() {
+  bool const announced = !low_.empty() && !high_.empty();
+  if (!announced || most_ == kPages.front() || early_ != nullptr) return;
+  if (forward_ ? ends_high_ : ends_low_) return;
+  KeyValue const& last = page_->entry(forward_ ? page_->size() - 1 : 0);
+  if (forward_ ? last.key >= high_ : last.key < low_) return;
+  if (view_.CanAskEarly()) early_ = view_.AskEarly(NextPage(last.key, forward_));
 }
 
 std::optional<std::size_t> ServerCursor::Find(std::string_view key) const {
@@ -276,16 +349,14 @@ std::optional<std::size_t> ServerCursor::Find(std::string_view key) const {
 }
 
 bool ServerCursor::Seek(std::string_view key, KeyValue* entry) {
-  most_ = kFirstPage;
-  run_.reset();
+  Restart();
   return GiveFirst(view_.From(tree_, key, most_), entry);
 }
 
 bool ServerCursor::First(KeyValue* entry) { return Seek({}, entry); }
 
 bool ServerCursor::Last(KeyValue* entry) {
-  most_ = kFirstPage;
-  run_.reset();
+  Restart();
   bool const any = GiveLast(view_.Last(tree_, most_), entry);
   ends_high_ = any;
   return any;
@@ -295,21 +366,21 @@ bool ServerCursor::Next(KeyValue* entry) {
   std::optional<std::size_t> const at = Find(entry->key);
   if (at.has_value() && *at + 1 < page_->size()) return Give(*at + 1, entry);
   if (at.has_value() && ends_high_) return false;
-  ServerView::Run const run = std::exchange(run_, std::nullopt);
-  return GiveFirst(view_.After(tree_, entry->key, Grown(), run), entry);
+  return GiveFirst(FetchBeyond(entry->key, true), entry);
 }
 
 bool ServerCursor::Previous(KeyValue* entry) {
   std::optional<std::size_t> const at = Find(entry->key);
   if (at.has_value() && *at > 0) return Give(*at - 1, entry);
   if (at.has_value() && ends_low_) return false;
-  ServerView::Run const run = std::exchange(run_, std::nullopt);
-  return GiveLast(view_.Before(tree_, entry->key, Grown(), run), entry);
+  return GiveLast(FetchBeyond(entry->key, false), entry);
 }
 
 bool ServerCursor::EnterPage(KeyValue const& entry, EntryPage* page) {
   std::optional<std::size_t> const at = Find(entry.key);
-  return at.has_value() && page_->Enter(*at, page);
+  if (!at.has_value()) return false;
+  AskEarly();
+  return page_->Enter(*at, page);
 }
 
 void ServerCursor::Upcoming(KeyValue const& entry, bool forward, std::size_t most,

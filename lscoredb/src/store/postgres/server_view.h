@@ -51,10 +51,25 @@ class ServerView {
   // Up to `most` neighbouring entries; two where From answers by what was prefetched. `run`: as
   // many rows of this run come in the same round trip, fewer where they are large.
   using Run = std::optional<RowRun>;
+  struct Beyond {
+    Tree tree;
+    std::string key;  // the entries behind this one, or before it
+    bool forward;
+    std::size_t most;
+    std::string bound;  // where they end; empty: with the tree
+    Run run;
+  };
   ServerPage const& From(Tree tree, std::string_view key, std::size_t most);
-  ServerPage const& After(Tree tree, std::string_view key, std::size_t most, Run const& run);
-  ServerPage const& Before(Tree tree, std::string_view key, std::size_t most, Run const& run);
+  ServerPage const& Fetch(Beyond const& wanted);
   ServerPage const& Last(Tree tree, std::size_t most);
+
+  // Asks for a page that Fetch then takes from the server, which works meanwhile. Null: the server
+  // is lost. Whoever does not want it any more lets it go. REQUIRES: CanAskEarly(); there is one
+  // such page at a time.
+  using Early = std::shared_ptr<Beyond const>;
+  bool CanAskEarly();
+  Early AskEarly(Beyond const& wanted);
+  ServerPage const& Fetch(Early const& asked);
 
  private:
   using Known = std::unordered_map<std::string, std::optional<std::string_view>>;
@@ -69,9 +84,12 @@ class ServerView {
   Known& KnownOf(Tree tree) { return known_[static_cast<std::size_t>(tree)]; }
   bool GetRow(std::uint64_t id, std::string_view* row);
   void FetchRows(std::vector<std::uint64_t> const& ids);
+  void Add(Beyond const& wanted);
   void AddRun(RowRun const& run, std::size_t most);
   ServerPage const& Fetch(Tree tree, Statement const& statement, Parameters const& parameters,
-                          std::size_t most, bool falling, Run const& run = {});
+                          std::size_t most, bool falling);
+  ServerPage const& Keep(Beyond const& wanted, std::vector<Result> results);
+  ServerPage const& Keep(Tree tree, Result found, std::size_t most, bool falling);
 
   Connection& connection_;
   Statements const& statements_;
@@ -84,6 +102,7 @@ class ServerView {
   std::array<Sought, kTreeCount> sought_;
   std::vector<Result> results_;
   std::vector<std::unique_ptr<ServerPage>> pages_;
+  Early early_;  // what the connection was asked for early
 };
 
 // Scans a tree in pages, which grow while the scan continues.
@@ -100,13 +119,17 @@ class ServerCursor final : public TreeCursor {
   bool EnterPage(KeyValue const& entry, EntryPage* page) override;
   void Upcoming(KeyValue const& entry, bool forward, std::size_t most,
                 std::vector<KeyValue>* out) const override;
-  void FetchWithNextPage(RowRun const& run) override { run_ = run; }
+  void FetchWithNextPage(RowRun const& run) override;
+  void Expect(std::string_view low, std::string_view high) override;
 
  private:
   bool Give(std::size_t i, KeyValue* entry) const;
   bool GiveFirst(ServerPage const& page, KeyValue* entry);
   bool GiveLast(ServerPage const& page, KeyValue* entry);
-  std::size_t Grown();
+  void Restart();
+  ServerView::Beyond NextPage(std::string_view key, bool forward);
+  ServerPage const& FetchBeyond(std::string_view key, bool forward);
+  void AskEarly();
   // The position of the key in the current page; no value when it is not there.
   std::optional<std::size_t> Find(std::string_view key) const;
 
@@ -117,6 +140,10 @@ class ServerCursor final : public TreeCursor {
   bool ends_low_ = false;
   std::size_t most_ = 0;  // entries asked for last
   ServerView::Run run_;   // to be asked for with the next page
+  std::string low_;       // of the scan that was announced; both empty: none was
+  std::string high_;
+  bool forward_ = true;  // where the last page was
+  ServerView::Early early_;
 };
 
 }  // namespace lscore

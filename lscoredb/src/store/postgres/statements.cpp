@@ -50,6 +50,12 @@ TreeStatements StatementsOf(std::string const& schema, std::string const& table,
   made.after = named("after", select + " WHERE key > $1::bytea ORDER BY key LIMIT $2::bigint");
   made.before =
       named("before", select + " WHERE key < $1::bytea ORDER BY key DESC LIMIT $2::bigint");
+  made.after_until = named("after_until", select +
+                                              " WHERE key > $1::bytea AND key < $3::bytea"
+                                              " ORDER BY key LIMIT $2::bigint");
+  made.before_until = named("before_until", select +
+                                                " WHERE key < $1::bytea AND key >= $3::bytea"
+                                                " ORDER BY key DESC LIMIT $2::bigint");
   made.last = named("last", select + " ORDER BY key DESC LIMIT $1::bigint");
   made.put = named("put", PutOf(qualified, numbered));
   made.remove_range = named(

@@ -67,6 +67,8 @@ struct TreeStatements {
   Statement from;          // key, most rows: from the first not below
   Statement after;         // key, most rows
   Statement before;        // key, most rows, falling
+  Statement after_until;   // key, most rows, and a key that they are below
+  Statement before_until;  // key, most rows, and a key that they are not below, falling
   Statement last;          // most rows, falling
   Statement put;           // keys, values, and numbers
   Statement remove;        // keys
