@@ -1,0 +1,129 @@
+// Losses of power while processes open and close the directory again and again, now with sync and
+// now without: an opening takes what a closing left for durable, and syncs nothing.
+
+#include <algorithm>
+
+#include "crash/directory.h"
+#include "crash/recording.h"
+#include "crash/rounds.h"
+#include "crash/tellers.h"
+
+namespace crash_test {
+namespace {
+
+using recorded_disk::Event;
+using recorded_disk::Kind;
+
+constexpr std::uint64_t kEventsOfAProcess = 1500;
+constexpr int kLossesOfARecording = 50;
+constexpr std::string_view kSynced = "synced ";
+
+sagleme::Options WithLog(bool sync) {
+  sagleme::Options options = UnsyncedOptions(true);
+  options.no_sync = !sync;
+  return options;
+}
+
+void Say(std::string_view kind, std::size_t teller, std::int64_t step) {
+  recorded_disk::Note(std::string(kind) + std::to_string(teller) + " " + std::to_string(step));
+}
+
+// A durable step keeps also what anyone had done before it.
+void Step(Bank& bank, sagleme::Context const& context, std::size_t teller, bool sync) {
+  Progress const before = bank.Done();
+  std::int64_t const step = bank.Step(context, static_cast<int>(teller));
+  Say("", teller, step);
+  if (!sync) return;
+  for (std::size_t i = 0; i < before.size(); ++i) Say(kSynced, i, before[i]);
+  Say(kSynced, teller, step);
+}
+
+// Until the recording ends the process.
+void OpenAndClose(std::string const& directory, std::uint64_t seed, Tellers const& tellers) {
+  std::mt19937_64 random(seed + tellers.front());
+  for (;;) {
+    bool const sync = random() % 2 == 0;
+    Bank bank(directory, seed, WithLog(sync));
+    sagleme::Context const context(bank.database());
+    for (auto steps = random() % 8; steps > 0; --steps) {
+      Step(bank, context, tellers[random() % tellers.size()], sync);
+    }
+  }
+}
+
+std::vector<Event> Record(std::uint64_t seed, std::vector<Tellers> const& processes) {
+  Directory const directory;
+  InChild([&] { Bank const bank(directory.path(), seed, WithLog(false)); });
+  Recording const recording(directory.path());
+  std::vector<std::unique_ptr<Child>> children;
+  for (Tellers const& tellers : processes) {
+    children.push_back(std::make_unique<Child>([&](Channel&) {
+      recording.Join(kEventsOfAProcess);
+      OpenAndClose(directory.path(), seed, tellers);
+      return 0;
+    }));
+  }
+  for (auto const& child : children) EXPECT_EQ(Child::kKilled, child->Wait());
+  return recording.Events();
+}
+
+// Where it begins with what the processes did.
+std::size_t FirstMoment(std::vector<Event> const& events) {
+  auto const begun = std::find_if(events.begin(), events.end(),
+                                  [](Event const& event) { return event.kind == Kind::kBegun; });
+  return static_cast<std::size_t>(begun - events.begin());
+}
+
+// What was said until the power failed.
+struct Said {
+  Progress done{};
+  Progress synced{};
+
+  void Hear(std::string_view line) {
+    bool const of_disk = line.starts_with(kSynced);
+    if (of_disk) line.remove_prefix(kSynced.size());
+    Note(std::string(line), of_disk ? synced : done);
+  }
+};
+
+void LosePower(std::uint64_t seed, std::vector<Tellers> const& processes, int losses) {
+  std::vector<Event> const events = Record(seed, processes);
+  std::mt19937_64 random(seed);
+  std::vector<std::size_t> moments(static_cast<std::size_t>(losses));
+  std::size_t const first = FirstMoment(events);
+  for (std::size_t& moment : moments) moment = first + random() % (events.size() - first) + 1;
+  std::sort(moments.begin(), moments.end());
+  Disk disk;
+  Said said;
+  std::size_t taken = 0;
+  for (std::size_t const moment : moments) {
+    SCOPED_TRACE("seed " + std::to_string(seed) + ", event " + std::to_string(moment));
+    for (; taken < moment; ++taken) {
+      disk.Take(events[taken]);
+      if (events[taken].kind == Kind::kNote) said.Hear(events[taken].data);
+    }
+    Directory const left;
+    disk.BuildAfterLoss(left.path(), random);
+    ExpectWholeBetween(left.path(), seed, said.synced, said.done);
+    if (testing::Test::HasFailure()) return;
+  }
+}
+
+void LosePowerOverAndOver(std::vector<Tellers> const& processes) {
+  std::uint64_t seed = 1;
+  for (int left = Rounds(40, 8); left > 0 && !testing::Test::HasFailure();
+       left -= kLossesOfARecording) {
+    LosePower(seed++, processes, std::min(left, kLossesOfARecording));
+  }
+}
+
+TEST(ReopenPowerTest, LossWhileAProcessOpensAndCloses_LeavesWholeCommits) {
+  LosePowerOverAndOver({{0, 1, 2, 3}});
+}
+
+TEST(ReopenPowerTest, LossWhileTwoProcessesOpenAndClose_LeavesWholeCommits) {
+  LosePowerOverAndOver({{0, 1}, {2, 3}});
+}
+
+}  // namespace
+}  // namespace crash_test
