@@ -145,6 +145,8 @@ std::string KeyBehind(View const& view, IndexDefinition const& index, std::uint6
 void EntryCursor::Open(View const& view, IndexDefinition const& index) {
   cursor_.Open(view, Tree::kIndex);
   index_ = &index;
+  low_.clear();
+  high_.clear();
   valid_ = false;
   in_group_ = false;
 }
@@ -282,12 +284,15 @@ void EntryCursor::Upcoming(bool forward, std::size_t most, std::vector<std::uint
   for (KeyValue const& seen : upcoming_) {
     ObjectId const object = ObjectIn(seen);
     if (object == kNoObject || !seen.key.starts_with(index_->entry_prefix)) break;
+    if (seen.key < low_ || (!high_.empty() && seen.key >= high_)) break;
     objects->push_back(Raw(object));
   }
 }
 
 void EntryCursor::Expect(std::string_view low, std::string_view high) {
-  cursor_.Expect(SeekKey(*index_, low), LeastAbove(SeekKey(*index_, high)));
+  low_ = SeekKey(*index_, low);
+  high_ = LeastAbove(SeekKey(*index_, high));
+  cursor_.Expect(low_, high_);
 }
 
 void ParseEntry(IndexDefinition const& index, std::string_view stored,

@@ -136,8 +136,8 @@ class EntryCursor {
   // known.
   ObjectId Guess(std::size_t ahead, bool forward) const;
 
-  // Appends the objects of entries that lie ahead, the present one first, as far as a remote store
-  // has them at hand. For prefetching only.
+  // Appends the objects of entries that lie ahead in the scan, the present one first, as far as a
+  // remote store has them at hand. For prefetching only.
   void Upcoming(bool forward, std::size_t most, std::vector<std::uint64_t>* objects);
   // Announces a scan in one direction from the entry on, up to those with the other bound.
   // REQUIRES: valid().
@@ -174,6 +174,8 @@ class EntryCursor {
   std::vector<Entry> group_;
   std::size_t group_at_ = 0;
   std::string scratch_;
+  std::string low_;  // of the scan that was announced, keys of the store
+  std::string high_;
   std::vector<KeyValue> upcoming_;  // for one call
 };
 

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <span>
+#include <vector>
 
 #include "pending.h"
 #include "shared_row_cache.h"
@@ -15,6 +16,13 @@ namespace lscore {
 
 using RowsInUse = TransactionRowCache<RowRef>;
 
+// The first objects of the scan that was begun last, from a server: whoever reads the first one
+// will probably read the others.
+struct FirstRows {
+  ObjectId first{};
+  std::vector<std::uint64_t> ids;
+};
+
 // What a scan reads from its transaction. Pointers, since an iterator is reused.
 struct ScanSource {
   Snapshot const* snapshot = nullptr;
@@ -23,6 +31,7 @@ struct ScanSource {
   SharedRowCache::Reader* shared_rows = nullptr;
   Sequence seen = 0;  // the scan sees writes up to this one
   bool far = false;   // reading a row takes a round trip to a server
+  FirstRows* first_rows = nullptr;
 };
 
 // From a server: the rows that are not cached come in one round trip for each 8192, and the

@@ -232,10 +232,19 @@ void Iterator::FetchAhead() {
 // so short scans fetch little that is not read. Whether the caller still reads is looked at again
 // in the last steps: then rows may come with the next page.
 void Iterator::AskTogether() {
+  if (given_ == kNoObject) return NoteFirstRows();
   if (asked_ > 0) --asked_;
   if (asked_ > kLastSteps || !IsReading()) return;
   if (run_.has_value()) committed_.FetchWithNextPage(*std::exchange(run_, std::nullopt));
   if (asked_ == 0) AskForUpcoming();
+}
+
+// They come with the first one, when that is read.
+void Iterator::NoteFirstRows() {
+  FirstRows& rows = *source_.first_rows;
+  rows.ids.clear();
+  committed_.Upcoming(!reverse_, kFirstTogether, &rows.ids);
+  rows.first = rows.ids.empty() ? kNoObject : ObjectId{rows.ids.front()};
 }
 
 // One of two that reads every second object.

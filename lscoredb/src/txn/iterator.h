@@ -73,6 +73,7 @@ class Iterator {
   void FetchAhead();
   void AskTogether();
   void AskForUpcoming();
+  void NoteFirstRows();
   bool IsReading() const;
 
   static constexpr std::size_t kLongRun = 16;

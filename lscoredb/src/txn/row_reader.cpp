@@ -18,6 +18,7 @@ void RowReader::End() {
   assembled_.Clear();
   cache_.Clear();
   shared_rows_.End();
+  first_rows_.first = kNoObject;
 }
 
 // Images that were assembled inside the scope are freed, except those whose rows were written
@@ -53,6 +54,7 @@ void RowReader::FindMany(std::span<std::uint64_t const> ids, CachedRow const** o
 // The image is validated once, before anything in it is used as an offset; whoever reads the row
 // later, from this cache or the shared one, relies on that.
 RowRef const* RowReader::ReadFromStore(ObjectId id) {
+  if (id == first_rows_.first) FetchFirstRows();
   std::uint64_t const key = Raw(id);
   std::string_view stored;
   if (!state_.snapshot->Get(Tree::kRows, BytesOf(key), &stored)) return nullptr;
@@ -66,6 +68,11 @@ RowRef const* RowReader::ReadFromStore(ObjectId id) {
   if (layout == nullptr || !RowImage::Validate(stored, id, *layout)) Throw(LSCOREDB_DAMAGED);
   shared_rows_.Keep(id, *layout, stored);
   return cache_.Put(RefOf(id, *layout, stored));
+}
+
+void RowReader::FetchFirstRows() {
+  first_rows_.first = kNoObject;
+  Fetch(first_rows_.ids);
 }
 
 // A row too large for one value is stored as a stub, which has its whole size, and numbered chunks

@@ -76,7 +76,8 @@ class RowReader {
 
   ScanSource scan_source() {
     return {state_.snapshot.get(), &state_.changes, &cache_,
-            &shared_rows_,         state_.now,      state_.database->store().takes_hints()};
+            &shared_rows_,         state_.now,      state_.database->store().takes_hints(),
+            &first_rows_};
   }
 
  private:
@@ -110,6 +111,7 @@ class RowReader {
                                           TypeSet types, std::uint64_t* out);
   [[gnu::noinline]] RowRef const* LoadRow(ObjectId id);
   RowRef const* ReadFromStore(ObjectId id);
+  void FetchFirstRows();
   char const* AssembleImage(ObjectId id, std::string_view stub);
   Status ReadUnplanned(RowRef const& row, LayoutNumber as, std::uint32_t column, TypeSet types,
                        Cell* out);
@@ -122,6 +124,7 @@ class RowReader {
   AssembledImages assembled_;
   RowsInUse cache_;
   ColumnAccessPlans plans_;
+  FirstRows first_rows_;
 };
 
 }  // namespace lscore
