@@ -86,6 +86,11 @@ struct Said {
   }
 };
 
+void Take(Event const& event, Disk& disk, Said& said) {
+  disk.Take(event);
+  if (event.kind == Kind::kNote) said.Hear(event.data);
+}
+
 void LosePower(std::uint64_t seed, std::vector<Tellers> const& processes, int losses) {
   std::vector<Event> const events = Record(seed, processes);
   std::mt19937_64 random(seed);
@@ -98,10 +103,7 @@ void LosePower(std::uint64_t seed, std::vector<Tellers> const& processes, int lo
   std::size_t taken = 0;
   for (std::size_t const moment : moments) {
     SCOPED_TRACE("seed " + std::to_string(seed) + ", event " + std::to_string(moment));
-    for (; taken < moment; ++taken) {
-      disk.Take(events[taken]);
-      if (events[taken].kind == Kind::kNote) said.Hear(events[taken].data);
-    }
+    for (; taken < moment; ++taken) Take(events[taken], disk, said);
     Directory const left;
     disk.BuildAfterLoss(left.path(), random);
     ExpectWholeBetween(left.path(), seed, said.synced, said.done);
@@ -114,6 +116,38 @@ void LosePowerOverAndOver(std::vector<Tellers> const& processes) {
   for (int left = Rounds(40, 8); left > 0 && !testing::Test::HasFailure();
        left -= kLossesOfARecording) {
     LosePower(seed++, processes, std::min(left, kLossesOfARecording));
+  }
+}
+
+// The changes go into the data file in several batches, each of which is synced, while the log never
+// was.
+TEST(ReopenPowerTest, LossWhileAClosingWritesALargeLog_LeavesWholeCommits) {
+  constexpr std::uint64_t kSeed = 7;
+  constexpr int kSteps = 2500;
+  constexpr std::size_t kEventsOfAClosing = 60;
+  sagleme::Options options = WithLog(false);
+  options.log_limit = std::uint64_t{64} << 20;
+  Directory const directory;
+  InChild([&] { Bank const bank(directory.path(), kSeed, options); });
+  Recording const recording(directory.path());
+  InChild([&] {
+    recording.Join();
+    Bank bank(directory.path(), kSeed, options);
+    sagleme::Context const context(bank.database());
+    for (std::size_t i = 0; i < kSteps; ++i) Step(bank, context, i % kTellers, false);
+  });
+  std::vector<Event> const events = recording.Events();
+  std::mt19937_64 random(kSeed);
+  Disk disk;
+  Said said;
+  for (std::size_t i = 0; i < events.size(); ++i) {
+    Take(events[i], disk, said);
+    if (i + kEventsOfAClosing < events.size()) continue;
+    SCOPED_TRACE(events.size() - i);
+    Directory const left;
+    disk.BuildAfterLoss(left.path(), random);
+    ExpectWholeBetween(left.path(), kSeed, said.synced, said.done);
+    if (HasFailure()) return;
   }
 }
 

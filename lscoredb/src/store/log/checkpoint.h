@@ -6,7 +6,7 @@
 // A layer may be written in several batches: as long as the image's position says that it does not
 // hold the layer, every reader has the layer over the image and finds each of its keys there, and
 // recovery reads the layer from the log again. So an image that holds a part of it, in key order,
-// is as good as one that holds none.
+// is as good as one that holds none, once the layer's log is on the disk.
 
 #include <cstddef>
 #include <string>

@@ -365,14 +365,34 @@ void LogStore::CommitToImage(Batch const& batch, LogLayers const& layers,
 // their new copies until two batches later, so the entries go into many batches.
 void LogStore::WriteFrozen(LogLayers const& layers, std::size_t most, IfNotKept if_not) {
   std::lock_guard const working(checkpoint_mutex_);
+  std::size_t const at_once = std::min(most, kMostInBatch);
+  bool const in_parts = layers.frozen->changes.nodes() > at_once && SyncForParts(*layers.active);
   ImagePosition position;
-  while (!WritePartOfFrozen(layers, std::min(most, kMostInBatch), if_not, &position)) {
-    if (most <= kMostInBatch) return;
-    most -= kMostInBatch;
+  while (!WritePartOfFrozen(layers, in_parts ? at_once : kAll, if_not, &position)) {
+    if (most <= at_once) return;
+    most -= at_once;
   }
   std::lock_guard const lock(tail_mutex_);
   tail_.DropHeld(position);
   if (tail_.layers()->frozen == nullptr) checkpoint_due_ = false;
+}
+
+// A part of the frozen layer in the image is made whole from the log, which has to be on the disk
+// before: after a power failure it could end before commits of that part. Returns whether it is;
+// if not, the image gets all of the layer or nothing.
+bool LogStore::SyncForParts(LogLayer const& active) {
+  if (sync_failed()) return false;
+  if (board_.Synced() >= active.base) return true;
+  Status const synced = Guarded([&] {
+    SyncFiles();
+    return LORV_STATUS_OK;
+  });
+  if (synced == LORV_STATUS_OK) {
+    board_.RaiseSynced(active.base);
+  } else {
+    ++failed_syncs_;
+  }
+  return synced == LORV_STATUS_OK;
 }
 
 bool LogStore::WritePartOfFrozen(LogLayers const& layers, std::size_t most, IfNotKept if_not,

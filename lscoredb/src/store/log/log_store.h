@@ -158,6 +158,7 @@ class LogStore final : public Store {
   void Rotate(IfNotKept if_not);
   // Writes the frozen layer into the image, or goes on with it: `most` entries.
   void WriteFrozen(LogLayers const& layers, std::size_t most, IfNotKept if_not);
+  bool SyncForParts(LogLayer const& active);
   // In one batch. Returns whether the image then has all of the layer.
   bool WritePartOfFrozen(LogLayers const& layers, std::size_t most, IfNotKept if_not,
                          logformat::ImagePosition* position);
