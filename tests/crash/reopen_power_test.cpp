@@ -119,8 +119,8 @@ void LosePowerOverAndOver(std::vector<Tellers> const& processes) {
   }
 }
 
-// The changes go into the data file in several batches, each of which is synced, while the log never
-// was.
+// The changes go into the data file in several batches, each of which is synced, while the commits
+// were not.
 TEST(ReopenPowerTest, LossWhileAClosingWritesALargeLog_LeavesWholeCommits) {
   constexpr std::uint64_t kSeed = 7;
   constexpr int kSteps = 2500;
