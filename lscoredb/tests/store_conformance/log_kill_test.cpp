@@ -166,7 +166,7 @@ TEST_F(LogKillTest, Recovery_FindsTheImageThatADeadProcessLeftClean) {
 
 // Ends with the first process that lives: it wrote all batches.
 TEST_F(LogKillTest, LargeCheckpoint_IsFinishedByTheNextProcess) {
-  constexpr int kKeys = 20000;
+  constexpr int kKeys = 40000;
   options_.log_limit = std::uint64_t{8} << 20;
   for (bool const closes : {false, true}) {
     int killed = 0;

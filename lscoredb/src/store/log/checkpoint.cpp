@@ -8,6 +8,7 @@ namespace lscore {
 namespace {
 
 constexpr CommitId kAlways{0};
+constexpr SliceLimit kAll{std::numeric_limits<std::size_t>::max()};
 
 std::string LastKey(Batch const& image, Tree tree) {
   Cursor cursor;
@@ -23,14 +24,17 @@ class TreeWriter {
  public:
   TreeWriter(Batch& image, Tree tree) : image_(image), tree_(tree), last_(LastKey(image, tree)) {}
 
-  void Write(OrderedKey const& key, OverlayVersion const& version) {
+  // Returns whether the entry was appended.
+  bool Write(OrderedKey const& key, OverlayVersion const& version) {
+    bool const appends = !version.deleted && (last_.empty() || OrderedKey(tree_, last_) < key);
     if (version.deleted) {
       image_.Delete(tree_, key.bytes);
-    } else if (last_.empty() || OrderedKey(tree_, last_) < key) {
+    } else if (appends) {
       image_.Append(tree_, key.bytes, version.value);
     } else {
       image_.Put(tree_, key.bytes, ValueFor(key, version.value));
     }
+    return appends;
   }
 
  private:
@@ -53,20 +57,40 @@ OverlayNode const* NodeAt(Overlay const& changes, CheckpointPlace const& place) 
   return place.key.empty() ? changes.First(tree) : changes.NotBelow({tree, place.key});
 }
 
-// Returns whether all entries of the place's tree are written; `*most` more may be.
+// What is left of a limit.
+class Allowance {
+ public:
+  explicit Allowance(SliceLimit const& limit)
+      : entries_(limit.entries), appended_in_one_(limit.appended_in_one) {}
+
+  bool used_up() const { return entries_ == 0; }
+  void Take(bool appended) {
+    if (appended && ++appended_ < appended_in_one_) return;
+    appended_ = 0;
+    --entries_;
+  }
+
+ private:
+  std::size_t entries_;
+  std::size_t const appended_in_one_;
+  std::size_t appended_ = 0;
+};
+
+// Returns whether all entries of the place's tree are written; so many more may be.
 bool WriteSliceOfTree(Batch& image, LogLayer const& layer, CommitId state, CheckpointPlace* place,
-                      std::size_t* most) {
+                      Allowance& allowance) {
   OverlayNode const* node = NodeAt(layer.changes, *place);
   if (node == nullptr) return true;
   TreeWriter writer(image, static_cast<Tree>(place->tree));
-  for (; node != nullptr; node = node->Next(), ++place->written, --*most) {
-    if (*most == 0) {
+  for (; node != nullptr; node = node->Next(), ++place->written) {
+    if (allowance.used_up()) {
       place->key = node->key().bytes;
       return false;
     }
     // Entries of kAlways are the layer's own view of the image (LogLayer).
     OverlayVersion const* const version = node->VersionAt(state);
-    if (version != nullptr && version->commit != kAlways) writer.Write(node->key(), *version);
+    bool const written = version != nullptr && version->commit != kAlways;
+    allowance.Take(written && writer.Write(node->key(), *version));
   }
   return true;
 }
@@ -74,23 +98,24 @@ bool WriteSliceOfTree(Batch& image, LogLayer const& layer, CommitId state, Check
 }  // namespace
 
 bool WriteSlice(Batch& image, LogLayer const& layer, CommitId state, CheckpointPlace* place,
-                std::size_t most) {
+                SliceLimit const& limit) {
+  Allowance allowance(limit);
   if (place->layer != layer.number) *place = {layer.number, 0, {}, 0};
   for (; place->tree < kTreeCount; ++place->tree, place->key.clear()) {
-    if (!WriteSliceOfTree(image, layer, state, place, &most)) return false;
+    if (!WriteSliceOfTree(image, layer, state, place, allowance)) return false;
   }
   return true;
 }
 
 void WriteLayer(Batch& image, LogLayer const& layer, CommitId state) {
   CheckpointPlace place;
-  WriteSlice(image, layer, state, &place, std::numeric_limits<std::size_t>::max());
+  WriteSlice(image, layer, state, &place, kAll);
 }
 
 void WriteTree(Batch& image, LogLayer const& layer, CommitId state, Tree tree) {
   CheckpointPlace place{layer.number, static_cast<std::size_t>(tree), {}, 0};
-  std::size_t most = std::numeric_limits<std::size_t>::max();
-  WriteSliceOfTree(image, layer, state, &place, &most);
+  Allowance allowance(kAll);
+  WriteSliceOfTree(image, layer, state, &place, allowance);
 }
 
 }  // namespace lscore

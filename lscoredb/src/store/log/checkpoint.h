@@ -24,10 +24,17 @@ struct CheckpointPlace {
   std::size_t written = 0;  // entries
 };
 
-// Writes at most `most` entries as of `state`, in key order, from `*place` on, and moves it.
+// How much goes into one batch. An entry behind all others of its tree shares a new page with those
+// that follow, and may count as a part of an entry; any other one may change a page of its own.
+struct SliceLimit {
+  std::size_t entries;
+  std::size_t appended_in_one = 1;
+};
+
+// Writes at most so many entries as of `state`, in key order, from `*place` on, and moves it.
 // Returns whether all are written.
 bool WriteSlice(Batch& image, LogLayer const& layer, CommitId state, CheckpointPlace* place,
-                std::size_t most);
+                SliceLimit const& limit);
 
 // All of them in one batch.
 void WriteLayer(Batch& image, LogLayer const& layer, CommitId state);

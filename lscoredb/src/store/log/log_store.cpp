@@ -368,7 +368,9 @@ void LogStore::WriteFrozen(LogLayers const& layers, std::size_t most, IfNotKept 
   std::size_t const at_once = std::min(most, kMostInBatch);
   bool const in_parts = layers.frozen->changes.nodes() > at_once && SyncForParts(*layers.active);
   ImagePosition position;
-  while (!WritePartOfFrozen(layers, in_parts ? at_once : kAll, if_not, &position)) {
+  // Where commits wait, what they are to write is counted by entries, as that takes the time.
+  SliceLimit const part{at_once, most == kAll ? kAppendedInOne : 1};
+  while (!WritePartOfFrozen(layers, in_parts ? part : SliceLimit{kAll}, if_not, &position)) {
     if (most <= at_once) return;
     most -= at_once;
   }
@@ -395,14 +397,14 @@ bool LogStore::SyncForParts(LogLayer const& active) {
   return synced == LORV_STATUS_OK;
 }
 
-bool LogStore::WritePartOfFrozen(LogLayers const& layers, std::size_t most, IfNotKept if_not,
+bool LogStore::WritePartOfFrozen(LogLayers const& layers, SliceLimit const& limit, IfNotKept if_not,
                                  ImagePosition* position) {
   LogLayer const& active = *layers.active;
   std::unique_ptr<Batch> const batch = image_->BeginBatch();
   *position = logformat::ReadPosition(*batch);
   if (position->commit >= active.base) return true;
   CheckpointPlace place = checkpoint_;
-  bool const whole = WriteSlice(*batch, *layers.frozen, active.base, &place, most);
+  bool const whole = WriteSlice(*batch, *layers.frozen, active.base, &place, limit);
   if (whole) {
     KeepCommits(*batch, active.base, nullptr, if_not);
     position->generation = active.number;

@@ -160,14 +160,15 @@ class LogStore final : public Store {
   void WriteFrozen(LogLayers const& layers, std::size_t most, IfNotKept if_not);
   bool SyncForParts(LogLayer const& active);
   // In one batch. Returns whether the image then has all of the layer.
-  bool WritePartOfFrozen(LogLayers const& layers, std::size_t most, IfNotKept if_not,
+  bool WritePartOfFrozen(LogLayers const& layers, SliceLimit const& limit, IfNotKept if_not,
                          logformat::ImagePosition* position);
   std::size_t SliceDue(LogLayers const& layers);
   static constexpr std::uint64_t kMemoryForLimit = 4;  // bytes in memory for one of the log's limit
   static constexpr std::uint64_t kLeastMemory = std::uint64_t{1} << 20;
   static constexpr std::size_t kAll = std::numeric_limits<std::size_t>::max();
-  // Entries of a layer in a batch of the image, which may change a page for each: 32 MiB.
-  static constexpr std::size_t kMostInBatch = 8192;
+  // Entries of a layer in a batch of the image, which may change a page for each: 64 MiB.
+  static constexpr std::size_t kMostInBatch = 16384;
+  static constexpr std::size_t kAppendedInOne = 16;  // that fit into a page, and more
 
   std::unique_ptr<Store> const image_;
   StoreOptions const options_;
