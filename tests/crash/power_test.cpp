@@ -77,15 +77,6 @@ std::vector<Setting> Settings() {
   };
 }
 
-// Where it begins with what the processes did.
-std::size_t FirstMoment(std::vector<Event> const& events) {
-  auto const begun = std::find_if(events.begin(), events.end(),
-                                  [](Event const& event) { return event.kind == Kind::kBegun; });
-  return static_cast<std::size_t>(begun - events.begin());
-}
-
-constexpr std::string_view kSynced = "synced ";
-
 // Listens to the tellers of one process and notes, besides what they say, which of it is on the
 // disk.
 class Listening {
@@ -126,18 +117,6 @@ class Listening {
   std::mutex mutex_;
   Progress done_{};
   int heard_ = 0;
-};
-
-// What was said until the power failed.
-struct Said {
-  Progress acknowledged{};
-  Progress synced{};
-
-  void Hear(std::string_view line) {
-    bool const of_disk = line.starts_with(kSynced);
-    if (of_disk) line.remove_prefix(kSynced.size());
-    Note(std::string(line), of_disk ? synced : acknowledged);
-  }
 };
 
 class PowerTest : public testing::TestWithParam<Setting> {

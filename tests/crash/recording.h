@@ -3,6 +3,7 @@
 
 // A recording of a test's processes, kept in a file that goes with the object.
 
+#include <algorithm>
 #include <cstdint>
 #include <functional>
 #include <limits>
@@ -50,6 +51,14 @@ class Recording {
   std::string const directory_;
   Directory place_;
 };
+
+// Where a recording begins with what the processes did.
+inline std::size_t FirstMoment(std::vector<recorded_disk::Event> const& events) {
+  auto const begun = std::find_if(
+      events.begin(), events.end(),
+      [](recorded_disk::Event const& event) { return event.kind == recorded_disk::Kind::kBegun; });
+  return static_cast<std::size_t>(begun - events.begin());
+}
 
 }  // namespace crash_test
 

@@ -16,7 +16,6 @@ using recorded_disk::Kind;
 
 constexpr std::uint64_t kEventsOfAProcess = 1500;
 constexpr int kLossesOfARecording = 50;
-constexpr std::string_view kSynced = "synced ";
 
 sagleme::Options WithLog(bool sync) {
   sagleme::Options options = UnsyncedOptions(true);
@@ -67,25 +66,6 @@ std::vector<Event> Record(std::uint64_t seed, std::vector<Tellers> const& proces
   return recording.Events();
 }
 
-// Where it begins with what the processes did.
-std::size_t FirstMoment(std::vector<Event> const& events) {
-  auto const begun = std::find_if(events.begin(), events.end(),
-                                  [](Event const& event) { return event.kind == Kind::kBegun; });
-  return static_cast<std::size_t>(begun - events.begin());
-}
-
-// What was said until the power failed.
-struct Said {
-  Progress done{};
-  Progress synced{};
-
-  void Hear(std::string_view line) {
-    bool const of_disk = line.starts_with(kSynced);
-    if (of_disk) line.remove_prefix(kSynced.size());
-    Note(std::string(line), of_disk ? synced : done);
-  }
-};
-
 void Take(Event const& event, Disk& disk, Said& said) {
   disk.Take(event);
   if (event.kind == Kind::kNote) said.Hear(event.data);
@@ -106,7 +86,7 @@ void LosePower(std::uint64_t seed, std::vector<Tellers> const& processes, int lo
     for (; taken < moment; ++taken) Take(events[taken], disk, said);
     Directory const left;
     disk.BuildAfterLoss(left.path(), random);
-    ExpectWholeBetween(left.path(), seed, said.synced, said.done);
+    ExpectWholeBetween(left.path(), seed, said.synced, said.acknowledged);
     if (testing::Test::HasFailure()) return;
   }
 }
@@ -146,7 +126,7 @@ TEST(ReopenPowerTest, LossWhileAClosingWritesALargeLog_LeavesWholeCommits) {
     SCOPED_TRACE(events.size() - i);
     Directory const left;
     disk.BuildAfterLoss(left.path(), random);
-    ExpectWholeBetween(left.path(), kSeed, said.synced, said.done);
+    ExpectWholeBetween(left.path(), kSeed, said.synced, said.acknowledged);
     if (HasFailure()) return;
   }
 }

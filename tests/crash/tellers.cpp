@@ -47,6 +47,12 @@ void NoteRest(Child& child, Progress& acknowledged) {
   while (std::optional<std::string> const line = child.Next()) Note(*line, acknowledged);
 }
 
+void Said::Hear(std::string_view line) {
+  bool const of_disk = line.starts_with(kSynced);
+  if (of_disk) line.remove_prefix(kSynced.size());
+  Note(std::string(line), of_disk ? synced : acknowledged);
+}
+
 void ExpectWholeAfter(std::string const& directory, std::uint64_t seed,
                       Progress const& acknowledged) {
   ExpectWholeBetween(directory, seed, acknowledged, acknowledged);

@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "crash/bank.h"
@@ -28,6 +29,15 @@ void WorkUntilTheEnd(Channel& channel, Bank& bank, std::function<void()> const& 
 void Note(std::string const& line, Progress& acknowledged);
 // Puts down all that a child goes on to say.
 void NoteRest(Child& child, Progress& acknowledged);
+
+// What was said until the power failed; of a line behind kSynced, that it is on the disk.
+inline constexpr std::string_view kSynced = "synced ";
+struct Said {
+  Progress acknowledged{};
+  Progress synced{};
+
+  void Hear(std::string_view line);
+};
 
 // Opens the database in a process of its own: every acknowledged step is there in full, one more of
 // each teller may be, and everything fits together.
