@@ -7,6 +7,8 @@
 #include <optional>
 #include <sagleme/annotations.hpp>
 #include <sagleme/hierarchy.hpp>
+#include <sagleme/host/duplicates.hpp>
+#include <utility>
 
 #include "annotations/deletion.h"
 #include "hierarchy/column_tokens.h"
@@ -17,6 +19,8 @@ namespace sagleme {
 namespace {
 
 constexpr std::size_t kListed = 20;
+
+using WriteValues = std::function<void(Object&)>;
 
 [[noreturn]] void Refuse(std::string const& what) { throw Failure(Failure::Kind::kRefused, what); }
 
@@ -36,8 +40,13 @@ struct Fate {
 class Retyping {
  public:
   Retyping(Transaction& transaction, std::span<ObjectId const> objects, Table const& to,
-           RetypeOptions const& options, KnownReferrers* known = nullptr)
-      : transaction_(transaction), to_(to), options_(options), known_(known) {
+           RetypeOptions const& options, KnownReferrers* known = nullptr,
+           WriteValues write = nullptr)
+      : transaction_(transaction),
+        to_(to),
+        options_(options),
+        known_(known),
+        write_(std::move(write)) {
     detail::RequireOwn(transaction, to);
     if (to.system) {
       Refuse(fmt::format("table {} belongs to the catalogue itself and takes no objects",
@@ -186,26 +195,47 @@ class Retyping {
   }
 
   void Move(std::uint64_t id, Fate const& fate) const {
+    if (write_) return MoveAndWrite(id, fate);
     std::uint32_t const status = fate.destination.Take(transaction_, {id});
     if (status == LSCOREDB_DUPLICATE_KEY) RefuseDuplicate(id, fate);
+    CheckMove(status);
+  }
+  void CheckMove(std::uint32_t status) const {
     if (status == LSCOREDB_SET_CLOSED) {
       throw Error(status, fmt::format("Table {} was moved or dropped and takes no more objects.",
                                       ToUtf8(to_.name)));
     }
     detail::CheckKernel(status);
   }
+  // By way of no set at all, which no index covers.
+  void MoveAndWrite(std::uint64_t id, Fate const& fate) const {
+    Destination nowhere = fate.destination;
+    nowhere.setspec.clear();
+    detail::CheckKernel(nowhere.Take(transaction_, {id}));
+    Object object(transaction_, LS_OBJ_REF{id, to_.layout});
+    write_(object);
+    std::uint32_t const status =
+        lorv_context_put_setspec(transaction_.context(), id, to_.layout, to_.setspec.c_str());
+    if (status == LSCOREDB_DUPLICATE_KEY) {
+      ThrowDuplicate(id, DescribeDuplicate(transaction_, object, to_, {}));
+    }
+    CheckMove(status);
+  }
   [[noreturn]] void RefuseDuplicate(std::uint64_t id, Fate const& fate) const {
     Object const object = *Object::Find(transaction_, {id});
-    throw Error(LSCOREDB_DUPLICATE_KEY,
-                fmt::format("Object {} cannot become an object of {}: {}.", id, ToUtf8(to_.name),
-                            DescribeRefusedKey(transaction_, object, *fate.from, to_, fate.kept)));
+    ThrowDuplicate(id, DescribeRefusedKey(transaction_, object, *fate.from, to_, fate.kept));
+  }
+  [[noreturn]] void ThrowDuplicate(std::uint64_t id, std::string const& key) const {
+    throw Error(LSCOREDB_DUPLICATE_KEY, fmt::format("Object {} cannot become an object of {}: {}.",
+                                                    id, ToUtf8(to_.name), key));
   }
 
   Transaction& transaction_;
   Table const& to_;
   RetypeOptions const& options_;
   KnownReferrers* known_;
-  std::map<std::u16string, Fate> fates_;          // by the table that objects have now
+  WriteValues write_;                     // none: values that were not kept are null or zero
+  std::map<std::u16string, Fate> fates_;  // by the table that objects have now
   std::map<std::uint64_t, Fate const*> objects_;  // those that change
 };
 
@@ -219,12 +249,13 @@ RetypePlan PlanRetype(Transaction& transaction, std::span<ObjectId const> object
 namespace {
 
 std::uint64_t RunRetyping(Transaction& transaction, std::span<ObjectId const> objects,
-                          Table const& to, RetypeOptions const& options, KnownReferrers* known) {
+                          Table const& to, RetypeOptions const& options, KnownReferrers* known,
+                          WriteValues const& write = nullptr) {
   detail::Rules const* const rules = transaction.rules();
   if (rules != nullptr && !objects.empty()) detail::RequireConcrete(*rules, to);
   transaction.rules();  // what they require of the transaction outlives the savepoint
   Savepoint savepoint(transaction);
-  std::uint64_t const changed = Retyping(transaction, objects, to, options, known).Run();
+  std::uint64_t const changed = Retyping(transaction, objects, to, options, known, write).Run();
   savepoint.Release();
   return changed;
 }
@@ -234,6 +265,11 @@ std::uint64_t RunRetyping(Transaction& transaction, std::span<ObjectId const> ob
 std::uint64_t Retype(Transaction& transaction, std::span<ObjectId const> objects, Table const& to,
                      RetypeOptions const& options) {
   return RunRetyping(transaction, objects, to, options, nullptr);
+}
+
+std::uint64_t Retype(Transaction& transaction, std::span<ObjectId const> objects, Table const& to,
+                     RetypeOptions const& options, WriteValues const& write) {
+  return RunRetyping(transaction, objects, to, options, nullptr, write);
 }
 
 std::uint64_t RetypeInJob(Transaction& transaction, std::span<ObjectId const> objects,

@@ -87,6 +87,61 @@ TEST_F(RetypeTest, Plan_NamesWhatIsLost) {
   EXPECT_TRUE(by_name.referrers.empty());
 }
 
+TEST_F(RetypeTest, ValuesThatAreGiven_AreWhatAUniqueIndexSees) {
+  Transaction transaction(context_);
+  sagleme::CreateIndex(transaction, u"FilmByTitle", u"Film", {{u"Title"}},
+                       sagleme::Uniqueness::kUnique);
+  Make(transaction, u"Film", {{u"Title", u"Dune"}});
+  ObjectId const dune = MakeBook(transaction, u"Dune", 412);
+  ObjectId const ubik = MakeBook(transaction, u"Ubik", 202);
+  sagleme::TablePtr const film = transaction.table(u"Film");
+  std::vector<ObjectId> written;
+  auto const retype = [&](ObjectId id, std::u16string const& title) {
+    Ids const ids{id};
+    return sagleme::Retype(transaction, ids, *film, {}, [&](Object& object) {
+      written.push_back(object.id());
+      object.Set(*film, film->GetColumn(u"Title"), title);
+      object.Set(*film, film->GetColumn(u"Length"), std::int64_t{137});
+    });
+  };
+  EXPECT_EQ(LSCOREDB_DUPLICATE_KEY, StatusOf([&] { Retype(transaction, {dune}, u"Film"); }));
+  EXPECT_EQ(1u, retype(dune, u"Dune (1984)"));
+  EXPECT_EQ(Value(std::int64_t{137}), Get(transaction, dune, u"Length"));
+  EXPECT_EQ(Ids{dune}, InIndex(transaction, u"FilmByTitle", {u"Dune (1984)"}));
+  EXPECT_EQ(Ids{dune}, InIndex(transaction, u"ItemByTitle", {u"Dune (1984)"}));
+  try {
+    retype(ubik, u"Dune (1984)");
+    ADD_FAILURE() << "two films have one title";
+  } catch (sagleme::Error const& error) {
+    EXPECT_EQ(LSCOREDB_DUPLICATE_KEY, error.status());
+    EXPECT_EQ("Object " + std::to_string(ubik.value) +
+                  " cannot become an object of Film: duplicate key \"Dune (1984)\" in unique "
+                  "index FilmByTitle (object " +
+                  std::to_string(dune.value) + ").",
+              std::string(error.what()));
+  }
+  EXPECT_EQ(u"Book", TableOf(transaction, ubik));
+  EXPECT_EQ(Value(std::int64_t{202}), Get(transaction, ubik, u"Pages"));
+  EXPECT_EQ((Ids{dune, ubik}), written);
+  EXPECT_EQ(0u, retype(dune, u"Ubik")) << "it is a film already, and nothing is written";
+  transaction.Commit();
+}
+
+TEST_F(RetypeTest, WriteThatFails_UndoesAll) {
+  Transaction transaction(context_);
+  Ids const ids{MakeBook(transaction, u"Dune", 412), MakeBook(transaction, u"Ubik", 202)};
+  sagleme::TablePtr const film = transaction.table(u"Film");
+  int calls = 0;
+  auto const write = [&](Object&) {
+    if (++calls == 2) throw std::invalid_argument("the second one");
+  };
+  EXPECT_THROW(sagleme::Retype(transaction, ids, *film, {}, write), std::invalid_argument);
+  for (ObjectId const id : ids) EXPECT_EQ(u"Book", TableOf(transaction, id));
+  EXPECT_EQ(2u, InIndex(transaction, u"BookByPages").size());
+  EXPECT_EQ(Ids{}, Subtree(transaction, u"Film"));
+  transaction.Commit();
+}
+
 TEST_F(RetypeTest, OwnTable_ChangesNothing) {
   Transaction transaction(context_);
   ObjectId const id = MakeBook(transaction, u"Dune", 412);
