@@ -4,7 +4,8 @@
 // The live Python objects of a transaction, by identity. Owns nothing.
 //
 // Open addressing with linear probing; a removal moves later entries of the run back, so that there
-// are no graves. T has a member `oid`, never 0.
+// are no graves. T has a member `oid`, never 0. Several objects of one identity are all visited,
+// but Find returns any of them.
 
 #include <cstddef>
 #include <cstdint>
@@ -24,7 +25,16 @@ class IdentityMap {
     }
   }
 
-  // REQUIRES: no object of that identity is in the map.
+  // One of that identity that the condition holds for.
+  template <typename Condition>
+  T* FindIf(std::uint64_t oid, Condition&& condition) const {
+    for (std::size_t at = Home(oid);; at = Next(at)) {
+      T* const found = slots_[at];
+      if (found == nullptr || (found->oid == oid && condition(*found))) return found;
+    }
+  }
+
+  // REQUIRES: the object is not in the map.
   void Add(T* object) {
     if (2 * (count_ + 1) > slots_.size()) Grow();
     Insert(object);

@@ -17,7 +17,7 @@ void ObjectDealloc(PyObject* object) {
   auto* const self = As<Object>(object);
   if (self->weak_references != nullptr) PyObject_ClearWeakRefs(object);
   if (self->transaction != nullptr) {
-    if (!self->gone) self->transaction->objects->Remove(self);
+    (self->gone ? self->transaction->gone : self->transaction->objects)->Remove(self);
     ForgetValues(self);
     Py_DECREF(Plain(self->transaction));
   }
@@ -297,6 +297,11 @@ PyObject* ObjectFor(Transaction* transaction, std::uint64_t oid, std::uint64_t a
   if (binding == nullptr) {
     Raise("SchemaError", "object " + std::to_string(oid) +
                              " belongs to no table of the database; its table was dropped");
+  }
+  auto const of_binding = [binding](Object const& each) { return each.binding == binding; };
+  if (Object* const former = transaction->gone->FindIf(oid, of_binding)) {
+    BringBack(former);
+    return Py_NewRef(Plain(former));
   }
   return Plain(Allocate(transaction, binding, oid, addr));
 }

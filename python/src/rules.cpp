@@ -36,19 +36,38 @@ bool IsOfAnotherTable(Transaction const* transaction, Object const* object) {
 
 }  // namespace
 
-void ForgetGoneObjects(Transaction* transaction, std::uint64_t savepoint) {
+void EndObject(Object* object) {
+  if (object->gone) return;
+  Transaction* const transaction = object->transaction;
+  transaction->objects->Remove(object);
+  transaction->gone->Add(object);
+  object->ended = transaction->savepoints;
+  object->gone = true;
+}
+
+void BringBack(Object* object) {
+  Transaction* const transaction = object->transaction;
+  transaction->gone->Remove(object);
+  transaction->objects->Add(object);
+  object->found = transaction->savepoints;
+  object->gone = false;
+}
+
+void SettleObjects(Transaction* transaction, std::uint64_t savepoint) {
   sagleme::ReadScope const scope(transaction->context_id);
-  std::vector<Object*> gone;
+  auto const is_there = [transaction](Object const* object) {
+    return !IsGone(transaction, object->oid) && !IsOfAnotherTable(transaction, object);
+  };
+  std::vector<Object*> ended;
   transaction->objects->ForEach([&](Object* object) {
-    if (object->found < savepoint) return;
-    if (IsGone(transaction, object->oid) || IsOfAnotherTable(transaction, object)) {
-      gone.push_back(object);
-    }
+    if (object->found >= savepoint && !is_there(object)) ended.push_back(object);
   });
-  for (Object* const object : gone) {
-    transaction->objects->Remove(object);
-    object->gone = true;
-  }
+  std::vector<Object*> returned;
+  transaction->gone->ForEach([&](Object* object) {
+    if (object->ended >= savepoint && is_there(object)) returned.push_back(object);
+  });
+  for (Object* const object : ended) EndObject(object);
+  for (Object* const object : returned) BringBack(object);
 }
 
 std::uint64_t InsertRow(Transaction* transaction, Binding const& binding) {
@@ -77,7 +96,7 @@ bool PutByRules(Transaction* transaction, Cell const& at, sagleme::ObjectId targ
                                 {at.context, at.oid, at.addr, at.ordinal}, table->setspec,
                                 table->columns.at(at.ordinal), target);
   // A new row had no reference, so bulk inserts, without the interpreter's lock, end nothing.
-  if (old.value != 0 && IsGone(transaction, old.value)) ForgetGoneObjects(transaction);
+  if (old.value != 0 && IsGone(transaction, old.value)) SettleObjects(transaction);
   return true;
 }
 
@@ -88,7 +107,7 @@ void DeleteRow(Transaction* transaction, std::uint64_t oid, std::uint64_t addr) 
   }
   sagleme::ObjectId const id{oid};
   std::uint64_t const count = sagleme::DeleteObjects(*transaction->kernel, {&id, 1});
-  if (count > 1) ForgetGoneObjects(transaction);
+  if (count > 1) SettleObjects(transaction);
 }
 
 }  // namespace binding

@@ -28,6 +28,7 @@ int TransactionInit(PyObject* object, PyObject* args, PyObject*) {
     }
     auto const access = writes != 0 ? sagleme::Access::kReadWrite : sagleme::Access::kReadOnly;
     self->objects = new IdentityMap<Object>;
+    self->gone = new IdentityMap<Object>;
     self->orphans = new std::vector<std::uint64_t>;
     self->writes = writes != 0;
     self->stamp = 1;
@@ -104,6 +105,7 @@ void TransactionDealloc(PyObject* object) {
   Py_XDECREF(Plain(self->context));
   Py_XDECREF(Plain(self->view));
   delete self->objects;
+  delete self->gone;
   delete self->orphans;
   Py_TYPE(object)->tp_free(object);
 }
@@ -143,7 +145,7 @@ PyObject* TakeBack(PyObject* object, PyObject* wrote) {
     self->state = State::kOpen;
     if (PyObject_IsTrue(wrote) == 1) {
       ++self->stamp;
-      ForgetGoneObjects(self);
+      SettleObjects(self);
     }
     Py_RETURN_NONE;
   });
@@ -172,8 +174,7 @@ PyObject* Delete(PyObject* object, PyObject* argument) {
     }
     DeleteRow(self, target->oid, target->addr);
     ++self->stamp;
-    if (!target->gone) self->objects->Remove(target);
-    target->gone = true;
+    EndObject(target);
     Py_RETURN_NONE;
   });
 }
@@ -191,7 +192,7 @@ PyObject* SetSavepoint(PyObject* object, PyObject*) {
 }
 
 // What was read since is stale. Objects that Python got since may have been made since, also by
-// SQL, or be of the table that they were in before.
+// SQL, or be of the table that they were in before; those that went since are there again.
 PyObject* RollbackTo(PyObject* object, PyObject* args) {
   unsigned long long number = 0;
   unsigned long long ours = 0;
@@ -202,7 +203,7 @@ PyObject* RollbackTo(PyObject* object, PyObject* args) {
     sagleme::detail::CheckKernel(lscoredb_rollback_to(self->context_id, number));
     ++self->stamp;
     self->kernel->Forget();
-    ForgetGoneObjects(self, ours);
+    SettleObjects(self, ours);
     Py_RETURN_NONE;
   });
 }
@@ -218,27 +219,14 @@ PyObject* Release(PyObject* object, PyObject* number) {
   });
 }
 
-Field* FieldNamed(Binding const& binding, PyObject* name) {
-  PyObject* const found = _PyType_Lookup(binding.type, name);
-  if (found == nullptr || !IsField(found)) {
-    Raise("WrongType", std::string(NameOf(binding.type)) + " has no column " + TextOf(name));
-  }
-  return As<Field>(found);
-}
-
-BoundColumn const& ColumnOf(Binding const& binding, Field const* field) {
-  return binding.columns.at(static_cast<std::size_t>(field->slot));
-}
-
 void WriteColumns(Object* made, PyObject* const* values, PyObject* names) {
   Binding const& binding = *made->binding;
   std::vector<bool> given(binding.columns.size());
   Py_ssize_t const count = names == nullptr ? 0 : PyTuple_GET_SIZE(names);
   for (Py_ssize_t i = 0; i < count; ++i) {
-    Field const* const field = FieldNamed(binding, PyTuple_GET_ITEM(names, i));
-    BoundColumn const& column = ColumnOf(binding, field);
+    BoundColumn const& column = ColumnNamed(binding, PyTuple_GET_ITEM(names, i));
     WriteValue(made->transaction, CellOf(made, column.ordinal), column, values[i]);
-    given[static_cast<std::size_t>(field->slot)] = true;
+    given[static_cast<std::size_t>(column.field->slot)] = true;
   }
   for (std::size_t slot = 0; slot < given.size(); ++slot) {
     BoundColumn const& column = binding.columns[slot];
@@ -262,8 +250,7 @@ PyObject* New(PyObject* object, PyObject* const* args, Py_ssize_t count, PyObjec
       EnterIndexes(self, *binding, oid);
     } catch (...) {
       static_cast<void>(lorv_context_delete(self->context_id, oid, binding->layout));
-      self->objects->Remove(As<Object>(made.get()));
-      As<Object>(made.get())->gone = true;
+      EndObject(As<Object>(made.get()));
       throw;
     }
     ++self->stamp;

@@ -111,6 +111,7 @@ struct Transaction {
   Context* context;          // strong
   sagleme::Transaction* kernel;
   IdentityMap<struct Object>* objects;
+  IdentityMap<struct Object>* gone;     // those that Python holds still
   std::vector<std::uint64_t>* orphans;  // iterators to free when the transaction is not busy
   PyObject* weak_references;
 };
@@ -123,7 +124,8 @@ struct Object {
   std::uint64_t oid;
   std::uint64_t addr;
   std::uint64_t stamp;  // of the values
-  std::uint64_t found;  // savepoints taken when Python got it
+  std::uint64_t found;  // savepoints taken when Python got it, or got it back
+  std::uint64_t ended;  // savepoints taken when it went; it may come back
   bool gone;            // deleted, of another table now, or its making was undone
   PyObject* weak_references;
   PyObject* values[1];  // by slot, as many as the binding has columns; null: not read
@@ -162,15 +164,22 @@ View* NeedView(Transaction* transaction);
 void NeedLive(Object* object);
 // The binding of a class. Fails when the database has no table for it, or one that does not fit.
 Binding* BindingOf(Transaction* transaction, PyObject* type);
+// A column by the name of its attribute.
+BoundColumn const& ColumnNamed(Binding const& binding, PyObject* name);
 // The one Python object for an object of the database.
 PyObject* ObjectFor(Transaction* transaction, std::uint64_t oid, std::uint64_t addr);
 // The same, by the identity alone; None when there is none.
 PyObject* ObjectById(Transaction* transaction, std::uint64_t oid);
 // Registers a Python object for a row that was just made.
 PyObject* NewObject(Transaction* transaction, Binding* binding, std::uint64_t oid);
-// Ends every Python object whose row is gone, or was made one of another table; of those that
-// Python got since `savepoint`, if one is given.
-void ForgetGoneObjects(Transaction* transaction, std::uint64_t savepoint = 0);
+// Ends a Python object, whose row is gone or is of another table now.
+void EndObject(Object* object);
+// Makes one that was ended usable again. REQUIRES: its row is one of its table.
+void BringBack(Object* object);
+// Ends every Python object whose row is gone, or was made one of another table, and brings back
+// those whose row is one of their table again. With a savepoint, which was rolled back to, looks at
+// those that Python got, or that went, since.
+void SettleObjects(Transaction* transaction, std::uint64_t savepoint = 0);
 // Inserts a row that belongs to no set yet, with the defaults that the database has for it. Its
 // columns are written before it enters the indexes: an entry would move with every one of them.
 std::uint64_t InsertRow(Transaction* transaction, Binding const& binding);

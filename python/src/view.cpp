@@ -119,4 +119,12 @@ Binding* BindingOf(Transaction* transaction, PyObject* type) {
   return found->second;
 }
 
+BoundColumn const& ColumnNamed(Binding const& binding, PyObject* name) {
+  PyObject* const found = _PyType_Lookup(binding.type, name);
+  if (found == nullptr || !IsField(found)) {
+    Raise("WrongType", std::string(NameOf(binding.type)) + " has no column " + TextOf(name));
+  }
+  return binding.columns.at(static_cast<std::size_t>(As<Field>(found)->slot));
+}
+
 }  // namespace binding

@@ -52,6 +52,85 @@ def test_an_object_is_of_its_old_table_again(tx):
     assert tx.get(Book, id).pages == 100
 
 
+def test_what_was_deleted_is_there_again(tx):
+    book, film = tx.all(Book).first(), tx.all(Film).first()
+    early = tx.all(Film).where(title="Film 3").one()
+    tx.delete(early)
+    with tx.savepoint() as point:
+        tx.delete(book)
+        tx.sql("DELETE FROM Film")
+        assert not book._live and not film._live
+        for _ in range(2):
+            point.rollback()
+            assert book._live and book.title == "Book 00" and tx.get(Book, book.id) is book
+            assert film._live and film.minutes == 90 and tx.all(Film).first() is film
+            tx.delete(book)
+        point.rollback()
+    assert not early._live, "deleted before"
+    book.title = "written"
+    assert tx.all(Book).where(title="written").one() is book
+    tx.delete(book)
+    with pytest.raises(sg.DeletedError):
+        book.title
+
+
+def test_what_was_deleted_in_nested_savepoints(tx):
+    first, second, third = tx.all(Book).limit(3)
+    with tx.savepoint() as outer:
+        tx.delete(first)
+        with tx.savepoint() as inner:
+            tx.delete(second)
+            inner.rollback()
+            assert second._live and not first._live
+            tx.delete(second)
+        with tx.savepoint():
+            tx.delete(third)
+        made = tx.new(Book, title="made")
+        tx.delete(made)
+        outer.rollback()
+    assert [each.title for each in (first, second, third)] == ["Book 00", "Book 01", "Book 02"]
+    assert tx.all(Book).limit(3).all() == [first, second, third]
+    assert tx.all(Book).first() is first and not made._live
+
+
+def test_an_object_that_was_forgotten_comes_back_as_another(tx):
+    id = tx.all(Book).first().id
+    with tx.savepoint() as point:
+        tx.delete(tx.get(Book, id))
+        live = tx.live
+        point.rollback()
+        assert tx.live == live
+    book = tx.get(Book, id)
+    assert book.title == "Book 00" and tx.live == live + 1
+
+
+def test_what_rules_delete_is_there_again(make):
+    class Shelf(sg.Table):
+        name: str | None
+
+    class Volume(sg.Table):
+        shelf: Shelf | None = sg.ref(on_delete="cascade")
+
+    with make(Shelf, Volume).write() as tx:
+        shelf = tx.new(Shelf, name="upper")
+        volumes = [tx.new(Volume, shelf=shelf) for _ in range(3)]
+        with pytest.raises(KeyError), tx.savepoint():
+            tx.delete(shelf)
+            assert not any(each._live for each in volumes)
+            raise KeyError
+        assert shelf.name == "upper" and all(each.shelf is shelf for each in volumes)
+        assert tx.all(Volume).all() == volumes
+
+
+def test_an_object_that_sql_moves_there_and_back(tx):
+    book = tx.all(Book).first()
+    tx.sql("UPDATE Item SET _table = 'Library.Film' WHERE _oid = ?", [book.id])
+    film = tx.get(Film, book.id)
+    tx.sql("UPDATE Item SET _table = 'Library.Book' WHERE _oid = ?", [book.id])
+    assert book._live and book.title == "Book 00" and tx.get(Book, book.id) is book
+    assert not film._live
+
+
 def test_what_is_kept(tx):
     with tx.savepoint():
         made = tx.new(Person, name="kept")
