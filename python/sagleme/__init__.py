@@ -48,6 +48,7 @@ from .errors import (
 from .expressions import Condition, avg, count, max, min, sum
 from .models import Back, Column, Table
 from .queries import Query, Rows
+from .retyping import RetypePlan
 from .schema import Plan, Step
 
 __version__ = "0.1.0"
@@ -57,8 +58,8 @@ __all__ = [
     "Condition", "Conflict", "Damaged", "Database", "DeletedError", "DuplicateKey",
     "EndedError", "Error", "Float32", "ForkedError", "Full", "InUse", "Index", "Key",
     "ModelError", "NeedsFullBackup", "NestedTransaction", "NotFound", "OpenError",
-    "PickleError", "Plan", "Query", "ReadOnly", "Restored", "Rows", "Savepoint", "SchemaError",
-    "SeveralFound", "SqlError", "Step", "Table", "Transaction", "ULong", "WrongTransaction",
-    "WrongType", "avg", "backups", "column", "count", "max", "min", "open", "ref", "restore",
-    "sum",
+    "PickleError", "Plan", "Query", "ReadOnly", "Restored", "RetypePlan", "Rows", "Savepoint",
+    "SchemaError", "SeveralFound", "SqlError", "Step", "Table", "Transaction", "ULong",
+    "WrongTransaction", "WrongType", "avg", "backups", "column", "count", "max", "min", "open", "ref",
+    "restore", "sum",
 ]

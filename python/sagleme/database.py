@@ -19,7 +19,9 @@ from .queries import Query
 if TYPE_CHECKING:
     from .backup import BackupPart
     from .changes import Changes, Kept
+    from .expressions import Condition
     from .jobs import Job
+    from .retyping import References, RetypePlan
     from .sql import SqlRows
 
 T = TypeVar("T")
@@ -133,6 +135,20 @@ class Transaction(_core.Transaction):
         """An object by its identity; None if there is none of that class."""
         found = self._get(id)
         return found if isinstance(found, cls) else None
+
+    def retype(self, object: Any, cls: type[T], /, *, by_name: bool = False,
+               references: References = "refuse", allow_losses: bool = False, **values: Any) -> T:
+        """Makes an object one of another class, and returns it; the identity stays.
+
+        It keeps the values of columns that both classes inherit from the same one, with `by_name`
+        also those of equal name and type. Other columns are None or zero unless they are given.
+        Values that the new class has no column for are refused unless `allow_losses`, and so are
+        references that may not lead to the class, unless `references` is "null" or "keep". The
+        object that was given cannot be used any more.
+        """
+        from . import retyping
+
+        return retyping.one(self, object, _need_class(cls), by_name, references, allow_losses, values)
 
     def insert_many(self, cls: type[Any], rows: Any, *, progress: bool = False) -> int:
         """Creates many objects from dictionaries, tuples, a frame, or any Arrow exporter."""
@@ -367,6 +383,31 @@ class Database:
         key = (schemas.index_name(table, found, unique), table, list(found), unique)
         with Reports(progress, report, "done", "total") as reports:
             return _core.build_index(self._context(), key, True, batch, reports.take)
+
+    def retype(self, cls: Any, to: Any, *, where: Condition | Iterable[Condition] | None = None,
+               only: bool = False, by_name: bool = False, references: References = "refuse",
+               allow_losses: bool = False, batch: int = 10_000, progress: bool = False,
+               report: Callable[[dict[str, Any]], bool | None] | None = None) -> int:
+        """Makes the objects of a class and of its subclasses objects of another one; how many.
+
+        `where` chooses among them, `only` leaves those of subclasses alone, and the rest is as for
+        `tx.retype`. Values or references that are in the way raise SchemaError before anything is
+        changed. Each batch is a transaction of its own, after which `report` is called; False from
+        it ends the run. The rest is a job then, which `jobs` lists and resumes.
+        """
+        from . import retyping
+
+        _need_batch(batch)
+        return retyping.many(self, _need_class(cls), _need_class(to), where, only, by_name,
+                             references, allow_losses, batch, progress, report)
+
+    def plan_retype(self, cls: Any, to: Any, *,
+                    where: Condition | Iterable[Condition] | None = None, only: bool = False,
+                    by_name: bool = False) -> RetypePlan:
+        """What `retype` would do with the same arguments. Print it."""
+        from . import retyping
+
+        return retyping.planned(self, _need_class(cls), _need_class(to), where, only, by_name)[1]
 
     def jobs(self) -> list[Job]:
         """Long work in the database that runs in any process or was cut off, oldest first."""

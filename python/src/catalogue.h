@@ -60,6 +60,17 @@ PyObject* BuildIndex(PyObject* module, PyObject* args);
 // indexes_to_prepare(transaction, [(name, table, columns, unique)], objects): the names of those
 // that are worth building beside writers, since their tables have so many objects.
 PyObject* IndexesToPrepare(PyObject* module, PyObject* args);
+// retype_object(transaction, object, class, values, by_name, references, allow_losses) -> the
+// object of the class. `references` is 0 to refuse those that may not lead there, 1 for null, 2 to
+// keep.
+PyObject* RetypeObject(PyObject* module, PyObject* args);
+// plan_retype(transaction, ids, class, by_name) -> (number of objects,
+// [(table, column, values that are lost)], [(object, table, column, target) of a reference]). `ids`
+// is a buffer of numbers of 64 bits.
+PyObject* PlanRetyping(PyObject* module, PyObject* args);
+// retype(context, ids, name of a table, by_name, references, allow_losses, objects in a batch,
+// report or None) -> how many objects it changed.
+PyObject* RetypeObjects(PyObject* module, PyObject* args);
 // jobs(context) -> [a dictionary of each]. The others take (context, id), and a report or None if
 // their work is long, and return whether it was done to the end.
 PyObject* Jobs(PyObject* module, PyObject* context);

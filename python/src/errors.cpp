@@ -23,6 +23,20 @@ PyObject* MessageOf(std::string const& text) {
   return PyUnicode_DecodeUTF8(text.data(), size, "backslashreplace");
 }
 
+// The family of exceptions for a failure that has no status.
+char const* FamilyOf(sagleme::Failure::Kind kind) {
+  switch (kind) {
+    case sagleme::Failure::Kind::kBadData:
+    case sagleme::Failure::Kind::kBadInput:
+      return "BadValue";
+    case sagleme::Failure::Kind::kCannotOpen:
+      return "OpenError";
+    case sagleme::Failure::Kind::kRefused:
+      break;
+  }
+  return "SchemaError";
+}
+
 }  // namespace
 
 void SetStatusError(std::uint32_t status, std::string const& text) {
@@ -41,6 +55,17 @@ void SetError(char const* family, std::string const& text) {
   if (!type) return;
   Ref const message(MessageOf(text));
   if (message) PyErr_SetObject(type.get(), message.get());
+}
+
+void SetFailure(sagleme::Failure const& failure) {
+  PyObject* const errors = Errors();
+  if (errors == nullptr) return;
+  Ref const type(PyObject_GetAttrString(errors, FamilyOf(failure.kind())));
+  Ref const text(MessageOf(failure.what()));
+  Ref const hint(MessageOf(failure.advice()));
+  if (!type || !text || !hint) return;
+  Ref const error(PyObject_CallFunction(type.get(), "OiO", text.get(), 0, hint.get()));
+  if (error) PyErr_SetObject(type.get(), error.get());
 }
 
 std::string TextOf(PyObject* text) {

@@ -1,6 +1,5 @@
 // Long work that is recorded in the database: what runs, what was cut off, and its control.
 
-#include <sagleme/failure.hpp>
 #include <sagleme/jobs.hpp>
 
 #include "catalogue.h"
@@ -32,20 +31,6 @@ PyObject* ProgressOf(sagleme::JobProgress const& done) {
                        static_cast<unsigned long long>(done.rate));
 }
 
-// The family of exceptions for a failure that has no status.
-char const* FamilyOf(sagleme::Failure::Kind kind) {
-  switch (kind) {
-    case sagleme::Failure::Kind::kBadData:
-    case sagleme::Failure::Kind::kBadInput:
-      return "BadValue";
-    case sagleme::Failure::Kind::kCannotOpen:
-      return "OpenError";
-    case sagleme::Failure::Kind::kRefused:
-      break;
-  }
-  return "SchemaError";
-}
-
 // Parses (context, id, report or None, allow_losses) and runs work that takes them.
 template <typename Work>
 PyObject* WithJob(PyObject* args, Work&& work) {
@@ -64,16 +49,11 @@ PyObject* WithJob(PyObject* args, Work&& work) {
     options.report = [report](auto const& done) {
       return Report(report, [&] { return ProgressOf(done); });
     };
-    bool finished = false;
-    try {
-      finished = NotStopped([&] {
-        Working const working(context->database);
-        Unlocked const unlocked;
-        return work(*context->handle, id, options);
-      });
-    } catch (sagleme::Failure const& failure) {
-      Raise(FamilyOf(failure.kind()), failure.what());
-    }
+    bool const finished = NotStopped([&] {
+      Working const working(context->database);
+      Unlocked const unlocked;
+      return work(*context->handle, id, options);
+    });
     if (PyErr_Occurred()) throw PythonError{};
     return PyBool_FromLong(finished ? 1 : 0);
   });

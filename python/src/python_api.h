@@ -9,6 +9,7 @@
 #include <Python.h>
 
 #include <new>
+#include <sagleme/failure.hpp>
 #include <sagleme/host.hpp>
 #include <stdexcept>
 #include <string>
@@ -64,6 +65,9 @@ void SetStatusError(std::uint32_t status, std::string const& text);
 // Sets an exception of the class that sagleme.errors has under that name.
 void SetError(char const* family, std::string const& text);
 
+// Sets the exception of a failure that has no status, with its advice as the hint.
+void SetFailure(sagleme::Failure const& failure);
+
 [[noreturn]] inline void Raise(char const* family, std::string const& text) {
   SetError(family, text);
   throw PythonError{};
@@ -81,6 +85,8 @@ Result Guarded(Result failed, Work&& work) {
     SetStatusError(error.code(), lscoredb_status_text(error.code()));
   } catch (sagleme::BadUtf8 const& error) {
     SetError("BadValue", error.what());
+  } catch (sagleme::Failure const& failure) {
+    SetFailure(failure);
   } catch (std::bad_alloc const&) {
     PyErr_NoMemory();
   } catch (std::exception const& error) {
