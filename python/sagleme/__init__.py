@@ -47,9 +47,9 @@ from .errors import (
 )
 from .expressions import Condition, avg, count, max, min, sum
 from .models import Back, Column, Table
+from .planning import Plan, Step
 from .queries import Query, Rows
 from .retyping import RetypePlan
-from .schema import Plan, Step
 
 __version__ = "0.1.0"
 

@@ -5,7 +5,7 @@ from __future__ import annotations
 from collections.abc import Callable, Iterable
 from typing import TYPE_CHECKING, Any
 
-from . import _core, schema
+from . import _core, planning
 from .bulk import Reports
 from .errors import Conflict, SchemaError, WrongType
 
@@ -19,18 +19,18 @@ _ATTEMPTS = 100
 
 
 def labels(allow: Iterable[str]) -> set[str]:
-    known = schema.LABELS[:3]
+    known = planning.LABELS[:3]
     if isinstance(allow, str) or not set(allow) <= set(known):
         raise WrongType(f"allow takes a set of {', '.join(known)}, not {allow!r}")
     return set(allow)
 
 
 def apply(db: Database, allowed: set[str], objects: int | None, batch: int, progress: bool,
-          report: _Report | None) -> schema.Plan:
+          report: _Report | None) -> planning.Plan:
     """With a number of objects, builds indexes over so many of them beside writers first."""
     for attempt in range(1, _ATTEMPTS + 1):
         if objects is not None and not _prepare(db, allowed, objects, batch, progress, report):
-            return schema.Plan()
+            return planning.Plan()
         try:
             return _make(db, allowed)
         except Conflict:
@@ -39,17 +39,16 @@ def apply(db: Database, allowed: set[str], objects: int | None, batch: int, prog
     raise AssertionError("unreachable")
 
 
-def _make(db: Database, allowed: set[str]) -> schema.Plan:
+def _make(db: Database, allowed: set[str]) -> planning.Plan:
     with db.write() as tx:
         plan = _plan(db, tx, allowed)
-        for step in plan:
-            step.run(tx)
-    return schema.visible(plan)
+        plan._make(tx, "lossy" in allowed)
+    return plan
 
 
-def _plan(db: Database, tx: Any, allowed: set[str]) -> schema.Plan:
-    plan = schema.make_plan(db._models, tx._snapshot.tables.values())
-    _refuse(schema.visible(plan), allowed)
+def _plan(db: Database, tx: Any, allowed: set[str]) -> planning.Plan:
+    plan = planning.make_plan(db._models, tx)
+    _refuse(plan, allowed)
     return plan
 
 
@@ -57,9 +56,9 @@ def _prepare(db: Database, allowed: set[str], objects: int, batch: int, progress
              report: _Report | None) -> bool:
     """Builds what the plan's transaction will adopt; whether it was built to the end."""
     with db.read() as tx:
-        indexes = _plan(db, tx, allowed)._indexes()
-        names = _core.indexes_to_prepare(tx, indexes, objects) if indexes else []
-    for index in indexes:
+        plan = _plan(db, tx, allowed)
+        names = plan._changes and _core.indexes_to_prepare(tx, plan._changes, objects) or []
+    for index in [step.index for step in plan if step.index is not None]:
         if index[0] not in names:
             continue
         with Reports(progress, _of_index(index[0], report), "done", "total") as reports:
@@ -75,7 +74,7 @@ def _of_index(name: str, report: _Report | None) -> _Report | None:
     return lambda told: wanted({"index": name} | told)
 
 
-def _refuse(plan: schema.Plan, allowed: set[str]) -> None:
+def _refuse(plan: planning.Plan, allowed: set[str]) -> None:
     refused = [step for step in plan if step.label == "refused"]
     if refused:
         raise SchemaError("\n".join(step.text for step in refused))

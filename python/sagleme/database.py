@@ -7,7 +7,7 @@ import functools
 import os
 import threading
 import weakref
-from collections.abc import Callable, Iterable
+from collections.abc import Callable, Iterable, Iterator
 from types import TracebackType
 from typing import TYPE_CHECKING, Any, NamedTuple, TypeVar
 
@@ -21,6 +21,7 @@ if TYPE_CHECKING:
     from .changes import Changes, Kept
     from .expressions import Condition
     from .jobs import Job
+    from .planning import Plan
     from .retyping import References, RetypePlan
     from .sql import SqlRows
 
@@ -289,13 +290,16 @@ class Database:
                     self._snapshots[generation] = found
         return found
 
-    def plan(self) -> schemas.Plan:
+    def plan(self) -> Plan:
         """The steps from the database's schema to the models. Print it."""
-        return schemas.visible(schemas.make_plan(self._models, self._seen().tables.values()))
+        from . import planning
+
+        with self._looking() as tx:
+            return planning.make_plan(self._models, tx)
 
     def apply(self, *, allow: Iterable[str] = ("instant", "background"), beside_writers: bool = False,
               objects: int = 10_000, batch: int = 5000, progress: bool = False,
-              report: Callable[[dict[str, Any]], bool | None] | None = None) -> schemas.Plan:
+              report: Callable[[dict[str, Any]], bool | None] | None = None) -> Plan:
         """Makes all steps of the plan in one transaction, or none, if their labels are allowed.
 
         With `beside_writers` it builds the indexes of tables with at least `objects` objects
@@ -315,13 +319,20 @@ class Database:
         """The classes of all tables by name: models, and classes generated from the catalogue."""
         return dict(self._seen().classes)
 
-    def _seen(self) -> _Snapshot:
-        """The schema as this thread's transaction sees it, or as it is now."""
+    @contextlib.contextmanager
+    def _looking(self) -> Iterator[Transaction]:
+        """This thread's transaction, or one that sees what is committed."""
         current = getattr(self._local, "transaction", None)
         tx = current() if current is not None else None
         if tx is not None and tx.open:
-            return tx._snapshot
+            yield tx
+            return
         with self.read() as tx:
+            yield tx
+
+    def _seen(self) -> _Snapshot:
+        """The schema as this thread's transaction sees it, or as it is now."""
+        with self._looking() as tx:
             return tx._snapshot
 
     def __getitem__(self, name: str) -> Any:

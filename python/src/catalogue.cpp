@@ -135,20 +135,6 @@ PyObject* Catalogue(PyObject*, PyObject* transaction) {
   });
 }
 
-PyObject* CreateTable(PyObject*, PyObject* args) {
-  PyObject* transaction = nullptr;
-  PyObject* name = nullptr;
-  PyObject* base = nullptr;
-  PyObject* columns = nullptr;
-  if (!PyArg_ParseTuple(args, "OUUO", &transaction, &name, &base, &columns)) return nullptr;
-  return Guard([&]() -> PyObject* {
-    sagleme::Transaction& kernel = KernelOf(transaction);
-    auto const specs = ColumnSpecs(columns);
-    sagleme::CreateTable(kernel, ToUnits(name), ToUnits(base), specs);
-    Py_RETURN_NONE;
-  });
-}
-
 PyObject* AddColumns(PyObject*, PyObject* args) {
   PyObject* transaction = nullptr;
   PyObject* table = nullptr;
@@ -159,17 +145,6 @@ PyObject* AddColumns(PyObject*, PyObject* args) {
     auto const specs = ColumnSpecs(columns);
     sagleme::AddColumns(kernel, ToUnits(table), specs);
     Py_RETURN_NONE;
-  });
-}
-
-PyObject* FinishReferences(PyObject*, PyObject* args) {
-  return WithTexts(args, "O",
-                   [](auto& kernel, auto&, auto&, auto&) { sagleme::FinishReferences(kernel); });
-}
-
-PyObject* DropColumn(PyObject*, PyObject* args) {
-  return WithTexts(args, "OUU", [](auto& kernel, auto& table, auto& column, auto&) {
-    sagleme::DropColumn(kernel, table, column);
   });
 }
 
@@ -196,33 +171,6 @@ PyObject* RenameTable(PyObject*, PyObject* args) {
 PyObject* DropTable(PyObject*, PyObject* args) {
   return WithTexts(args, "OU", [](auto& kernel, auto& table, auto&, auto&) {
     sagleme::DropTable(kernel, table, {.children = true, .force = true});
-  });
-}
-
-PyObject* DropIndex(PyObject*, PyObject* args) {
-  return WithTexts(args, "OU", [](auto& kernel, auto& index, auto&, auto&) {
-    sagleme::DropIndex(kernel, index);
-  });
-}
-
-PyObject* CreateIndex(PyObject*, PyObject* args) {
-  PyObject* transaction = nullptr;
-  PyObject* name = nullptr;
-  PyObject* table = nullptr;
-  PyObject* columns = nullptr;
-  int unique = 0;
-  if (!PyArg_ParseTuple(args, "OUUOp", &transaction, &name, &table, &columns, &unique)) {
-    return nullptr;
-  }
-  return Guard([&]() -> PyObject* {
-    sagleme::Transaction& kernel = KernelOf(transaction);
-    auto const specs = IndexColumns(columns);
-    auto const uniqueness = unique != 0 ? sagleme::Uniqueness::kUnique : sagleme::Uniqueness::kAny;
-    std::u16string const index_name = ToUnits(name);
-    std::u16string const table_name = ToUnits(table);
-    Away(As<Transaction>(transaction),
-         [&] { sagleme::CreateIndex(kernel, index_name, table_name, specs, uniqueness); });
-    Py_RETURN_NONE;
   });
 }
 

@@ -35,10 +35,7 @@ PyObject* WithTexts(PyObject* args, char const* format, Change&& change) {
 
 // All tables but the library's own, with columns and indexes, as dictionaries.
 PyObject* Catalogue(PyObject* module, PyObject* transaction);
-PyObject* CreateTable(PyObject* module, PyObject* args);  // name, base, columns
-PyObject* AddColumns(PyObject* module, PyObject* args);   // table, columns
-PyObject* FinishReferences(PyObject* module, PyObject* args);
-PyObject* DropColumn(PyObject* module, PyObject* args);       // table, column
+PyObject* AddColumns(PyObject* module, PyObject* args);       // table, columns
 PyObject* SetOnDelete(PyObject* module, PyObject* args);      // table, column, rule
 PyObject* SetComment(PyObject* module, PyObject* args);       // table, column or "", text
 PyObject* SetIndexComment(PyObject* module, PyObject* args);  // index, text
@@ -47,8 +44,6 @@ PyObject* SetAbstract(PyObject* module, PyObject* args);      // table, whether
 PyObject* RenameColumn(PyObject* module, PyObject* args);     // table, column, new name
 PyObject* RenameTable(PyObject* module, PyObject* args);      // table, new name
 PyObject* DropTable(PyObject* module, PyObject* args);        // table, with its descendants
-PyObject* CreateIndex(PyObject* module, PyObject* args);      // name, table, columns, unique
-PyObject* DropIndex(PyObject* module, PyObject* args);        // name
 
 // vacuum(context, objects in a batch, report or None): moves objects to the shape of their tables.
 // `report` is called with a dictionary after each batch; False ends the run.
@@ -57,9 +52,6 @@ PyObject* Vacuum(PyObject* module, PyObject* args);
 // batch, report or None): whether it was built to the end. `report` is called as that of vacuum.
 // One that is not to be created is forgotten if it cannot be for its duplicates.
 PyObject* BuildIndex(PyObject* module, PyObject* args);
-// indexes_to_prepare(transaction, [(name, table, columns, unique)], objects): the names of those
-// that are worth building beside writers, since their tables have so many objects.
-PyObject* IndexesToPrepare(PyObject* module, PyObject* args);
 // retype_object(transaction, object, class, values, by_name, references, allow_losses) -> the
 // object of the class. `references` is 0 to refuse those that may not lead there, 1 for null, 2 to
 // keep.

@@ -6,6 +6,7 @@
 #include "catalogue.h"
 #include "changes.h"
 #include "columns.h"
+#include "evolution.h"
 
 namespace binding {
 
@@ -67,20 +68,18 @@ PyMethodDef g_functions[] = {{"scan", NewScan, METH_VARARGS, nullptr},
                              {"stop_job", StopJob, METH_VARARGS, nullptr},
                              {"abandon_job", AbandonJob, METH_VARARGS, nullptr},
                              {"check", Check, METH_VARARGS, nullptr},
-                             {"create_table", CreateTable, METH_VARARGS, nullptr},
                              {"set_on_delete", SetOnDelete, METH_VARARGS, nullptr},
                              {"set_comment", SetComment, METH_VARARGS, nullptr},
                              {"set_default", SetDefault, METH_VARARGS, nullptr},
                              {"set_abstract", SetAbstract, METH_VARARGS, nullptr},
                              {"set_index_comment", SetIndexComment, METH_VARARGS, nullptr},
                              {"add_columns", AddColumns, METH_VARARGS, nullptr},
-                             {"finish_references", FinishReferences, METH_VARARGS, nullptr},
-                             {"drop_column", DropColumn, METH_VARARGS, nullptr},
+                             {"plan_changes", PlanChanges, METH_VARARGS, nullptr},
+                             {"apply_changes", ApplyChanges, METH_VARARGS, nullptr},
+                             {"refusal_of", RefusalOf, METH_VARARGS, nullptr},
                              {"rename_column", RenameColumn, METH_VARARGS, nullptr},
                              {"rename_table", RenameTable, METH_VARARGS, nullptr},
                              {"drop_table", DropTable, METH_VARARGS, nullptr},
-                             {"create_index", CreateIndex, METH_VARARGS, nullptr},
-                             {"drop_index", DropIndex, METH_VARARGS, nullptr},
                              {"holds_database", HoldsDatabase, METH_O, nullptr},
                              {"is_url", IsUrl, METH_O, nullptr},
                              {"shown_place", ShownPlace, METH_O, nullptr},

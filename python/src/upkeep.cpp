@@ -41,17 +41,6 @@ sagleme::IndexSpec IndexFrom(PyObject* told) {
           unique != 0 ? sagleme::Uniqueness::kUnique : sagleme::Uniqueness::kAny};
 }
 
-sagleme::change::CreateIndex CreationOf(sagleme::IndexSpec const& index) {
-  sagleme::change::CreateIndex creation;
-  creation.table = sagleme::ToUtf8(index.table);
-  creation.index.name = sagleme::ToUtf8(index.name);
-  creation.index.unique = index.uniqueness == sagleme::Uniqueness::kUnique;
-  for (auto const& column : index.columns) {
-    creation.index.columns.push_back({sagleme::ToUtf8(column.name), !column.ascending});
-  }
-  return creation;
-}
-
 // Every writer would pay for the upkeep of a build that can come to nothing.
 bool Prepare(sagleme::Context const& context, sagleme::IndexSpec const& index,
              sagleme::IndexBuildOptions const& options) {
@@ -68,30 +57,6 @@ bool Prepare(sagleme::Context const& context, sagleme::IndexSpec const& index,
 }
 
 }  // namespace
-
-PyObject* IndexesToPrepare(PyObject*, PyObject* args) {
-  PyObject* transaction = nullptr;
-  PyObject* indexes = nullptr;
-  unsigned long long objects = 0;
-  if (!PyArg_ParseTuple(args, "OOK", &transaction, &indexes, &objects)) return nullptr;
-  return Guard([&] {
-    sagleme::Transaction& kernel = KernelOf(transaction);
-    sagleme::Plan plan;
-    Ref const list(Need(PySequence_Fast(indexes, "indexes are a list")));
-    for (Py_ssize_t i = 0; i < PySequence_Fast_GET_SIZE(list.get()); ++i) {
-      plan.emplace_back(CreationOf(IndexFrom(PySequence_Fast_GET_ITEM(list.get(), i))));
-    }
-    std::vector<sagleme::IndexSpec> found;
-    Away(As<Transaction>(transaction),
-         [&] { found = sagleme::IndexesToPrepare(kernel, plan, objects); });
-    Ref names(Need(PyList_New(0)));
-    for (sagleme::IndexSpec const& each : found) {
-      Ref const name(Need(FromUnits(each.name)));
-      if (PyList_Append(names.get(), name.get()) != 0) throw PythonError{};
-    }
-    return names.release();
-  });
-}
 
 PyObject* BuildIndex(PyObject*, PyObject* args) {
   PyObject* context_object = nullptr;

@@ -1,0 +1,28 @@
+#ifndef SAGLEME_PYTHON_EVOLUTION_H
+#define SAGLEME_PYTHON_EVOLUTION_H
+
+// Functions of the module that lead from one schema to another. A schema is a list of tables, bases
+// first: (name, base, columns, indexes), a column (name, type, nullable, target, former name), an
+// index (name, [(column, ascending)], unique). Names are full names; "" stands for none.
+
+#include "types.h"
+
+namespace binding {
+
+// plan_changes(from, to): the plan, and a list of (label, change) of its changes, in their order. A
+// change is a tuple of its kind and what it is made of, see Parts. SchemaError if no database can
+// have the schema `to`.
+PyObject* PlanChanges(PyObject* module, PyObject* args);
+// apply_changes(transaction, plan, allow_losses): makes all changes of the plan.
+PyObject* ApplyChanges(PyObject* module, PyObject* args);
+// refusal_of(transaction, change): why a change of the present schema would be refused for values
+// or references; "" if it would not. A change is ("change column", table, column), ("push down",
+// table, column, tables) or ("set base", table, base).
+PyObject* RefusalOf(PyObject* module, PyObject* args);
+// indexes_to_prepare(transaction, plan, objects): the names of those that are worth building beside
+// writers, since their tables have so many objects; none if the plan moves what they are built on.
+PyObject* IndexesToPrepare(PyObject* module, PyObject* args);
+
+}  // namespace binding
+
+#endif
