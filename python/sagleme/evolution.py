@@ -57,6 +57,10 @@ class Evolution:
         self.renamed_tables: list[tuple[str, str]] = []  # before, after
         self.renamed_columns: list[tuple[str, str, str]] = []  # table, before, after
         self.index_names: dict[str, list[str]] = {}  # of each table's indexes, once it is planned
+        self._declarers: dict[str, list[TableState]] = {}  # by the column
+        for state in self.before.values():
+            for column in state.columns:
+                self._declarers.setdefault(column, []).append(state)
         for cls in classes:
             self._rename_table(cls)
         for cls in classes:
@@ -110,6 +114,8 @@ class Evolution:
         self.renamed_columns.append((state.name, before, after))
         state.columns = {after if name == before else name: column
                          for name, column in state.columns.items()}
+        self._declarers[before].remove(state)
+        self._declarers.setdefault(after, []).append(state)
         for each in [state, *below]:
             each.indexes = [
                 (name, [(after if column == before else column, up) for column, up in columns],
@@ -130,21 +136,20 @@ class Evolution:
                 yield each
                 yield from self._below(each.name)
 
-    def _line(self, table: str) -> dict[str, TableState]:
-        """The table and what was above and below it or will be, if it is in the database."""
-        cls = self.classes[table]
-        names = [table, *(each.name for each in self._above(table)),
-                 *(each.name for each in self._below(table))]
-        names += [each._table_name for each in self.classes.values()
-                  if issubclass(each, cls) or issubclass(cls, each)]
-        return {name: self.before[name] for name in names if name in self.before}
+    def _is_in_line(self, table: str, other: str) -> bool:
+        """Whether one of them is above the other, in the database or as classes."""
+        if self.derives(table, other) or self.derives(other, table):
+            return True
+        cls, relative = self.classes[table], self.classes.get(other)
+        return relative is not None and (issubclass(cls, relative) or issubclass(relative, cls))
 
     def holders(self, table: str, column: str) -> list[TableState]:
         """The tables of the line that declare such a column; only the table itself, if it does."""
         own = self.before.get(table)
         if own is not None and column in own.columns:
             return [own]
-        return [each for each in self._line(table).values() if column in each.columns]
+        return [each for each in self._declarers.get(column, ())
+                if self._is_in_line(table, each.name)]
 
     def old_column(self, table: str, column: str) -> tuple[Column | None, bool]:
         """What a column of a class was, and whether it was so in another table."""
