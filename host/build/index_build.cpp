@@ -116,26 +116,6 @@ IndexBuild FindBuild(Context const& context, std::uint64_t id) {
   ThrowNoBuild(id);
 }
 
-// ---- plans -------------------------------------------------------------------------------------
-
-// Whether what the index needs is there already, and its name is free.
-bool StandsNow(Transaction& transaction, change::CreateIndex const& it) {
-  TablePtr const table = transaction.Find(it.table);
-  if (table == nullptr || transaction.FindIndex(it.index.name)) return false;
-  return std::all_of(
-      it.index.columns.begin(), it.index.columns.end(),
-      [&](IndexColumnDoc const& column) { return table->FindColumn(column.name) != nullptr; });
-}
-
-IndexSpec SpecOf(change::CreateIndex const& it) {
-  IndexSpec spec{it.index.name, it.table, {}, Uniqueness::kAny};
-  if (it.index.unique) spec.uniqueness = Uniqueness::kUnique;
-  for (IndexColumnDoc const& column : it.index.columns) {
-    spec.columns.push_back({ToUtf16(column.name), !column.descending});
-  }
-  return spec;
-}
-
 // "index ByEmail on Shop.Customer (Email, Name descending)"
 std::string DescribeIndex(IndexSpec const& index) {
   std::string columns;
@@ -332,79 +312,6 @@ bool BuildIndex(Context const& context, IndexSpec const& index, IndexBuildOption
   if (id) return Builder(context, options).Work(*id, index, true);
   Builder(context, options).Create(index, nullptr);
   return true;
-}
-
-namespace {
-
-// Whether an annotation can be set whatever the objects are. What objects may refuse would leave a
-// finished build behind.
-bool HoldsForAnyObjects(change::Annotate const& it) {
-  bool const told = it.kind == Annotation::Kind::kComment || it.kind == Annotation::Kind::kDefault;
-  return told || !it.text.has_value();
-}
-
-bool IsInPlace(Change const& change) {
-  if (auto const* const annotation = std::get_if<change::Annotate>(&change)) {
-    return HoldsForAnyObjects(*annotation);
-  }
-  return std::holds_alternative<change::CreateIndex>(change) ||
-         std::holds_alternative<change::DropIndex>(change) ||
-         std::holds_alternative<change::CreateTable>(change) ||
-         std::holds_alternative<change::AddColumns>(change);
-}
-
-}  // namespace
-
-std::vector<IndexSpec> IndexesToPrepare(Transaction& transaction, Plan const& plan,
-                                        std::uint64_t objects) {
-  std::vector<IndexSpec> specs;
-  if (!std::all_of(plan.begin(), plan.end(), IsInPlace)) return specs;
-  std::optional<ObjectCounts> counts;
-  for (Change const& change : plan) {
-    auto const* const index = std::get_if<change::CreateIndex>(&change);
-    if (index == nullptr || !StandsNow(transaction, *index)) continue;
-    if (!counts.has_value()) counts.emplace(transaction);
-    TablePtr const table = transaction.table(index->table);
-    if (counts->Subtree(*table) >= objects) specs.push_back(SpecOf(*index));
-  }
-  return specs;
-}
-
-namespace {
-
-bool IsSameIndex(IndexSpec const& a, IndexSpec const& b) {
-  auto const same_column = [](IndexColumnSpec const& x, IndexColumnSpec const& y) {
-    return x.name == y.name && x.ascending == y.ascending;
-  };
-  return a.name == b.name && a.table == b.table && a.uniqueness == b.uniqueness &&
-         std::equal(a.columns.begin(), a.columns.end(), b.columns.begin(), b.columns.end(),
-                    same_column);
-}
-
-bool IsDrop(Change const& change) {
-  return std::holds_alternative<change::DropTable>(change) ||
-         std::holds_alternative<change::DropColumn>(change);
-}
-
-}  // namespace
-
-std::vector<IndexSpec> jobs::IndexesUnderWay(Plan const& plan,
-                                             std::vector<IndexBuild> const& builds) {
-  std::vector<IndexSpec> specs;
-  bool const in_place = std::all_of(plan.begin(), plan.end(), [](Change const& change) {
-    return IsInPlace(change) || IsDrop(change);
-  });
-  if (!in_place) return specs;
-  for (Change const& change : plan) {
-    auto const* const index = std::get_if<change::CreateIndex>(&change);
-    if (index == nullptr) continue;
-    IndexSpec const spec = SpecOf(*index);
-    bool const begun = std::any_of(builds.begin(), builds.end(), [&](IndexBuild const& build) {
-      return build.progress.state != IndexBuildState::kAbandoned && IsSameIndex(build.index, spec);
-    });
-    if (begun) specs.push_back(spec);
-  }
-  return specs;
 }
 
 std::vector<IndexBuild> IndexBuilds(Context const& context) {

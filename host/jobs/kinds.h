@@ -24,9 +24,6 @@ void AbandonColumnChange(Transaction& transaction, Row const& job);
 Row RowOfBuild(std::uint64_t id, IndexSpec const& spec);
 // Removes what others left of abandoned builds.
 void RemoveAbandonedBuilds(Context const& context, IndexBuildOptions const& options = {});
-// The indexes of a plan that are being built already, and that the plan's other changes leave in
-// place.
-std::vector<IndexSpec> IndexesUnderWay(Plan const& plan, std::vector<IndexBuild> const& builds);
 // Removes the rows of a build that is gone.
 void ForgetBuild(Context const& context, std::uint64_t id);
 

@@ -71,7 +71,7 @@ class SchemaWork {
       Plan const plan = PlanOf(transaction, wanted_, options_.allow_losses);
       indexes = IndexesToPrepare(transaction, plan, options_.objects);
       // A plan that came to drop something since prepares nothing more, but finishes what it began.
-      if (indexes.empty()) indexes = jobs::IndexesUnderWay(plan, builds);
+      if (indexes.empty()) indexes = IndexesUnderWay(transaction, plan, builds);
       changes = ChangesToPrepare(transaction, plan, options_.objects);
     }
     steps_ = indexes.size() + changes.size() + 1;

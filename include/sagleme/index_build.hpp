@@ -105,6 +105,12 @@ struct IndexBuild {
 
 // Oldest first.
 SAGLEME_HOST_API std::vector<IndexBuild> IndexBuilds(Context const& context);
+// The indexes of a plan that are being built already, under the names that their tables and columns
+// have now: what PrepareIndex goes on with and the plan adopts. Unlike IndexesToPrepare it finds
+// them in plans that rename, drop or refuse something too; those that the plan itself would have to
+// build anew are left out.
+SAGLEME_HOST_API std::vector<IndexSpec> IndexesUnderWay(Transaction& transaction, Plan const& plan,
+                                                        std::vector<IndexBuild> const& builds);
 // Goes on with a build, and creates its index. Returns false if `report` ended it.
 // LORV_STATUS_NO_INDEX: there is no such build, or it is abandoned. SAGLEME_TABLE_NOT_FOUND: its
 // table is gone.

@@ -369,66 +369,6 @@ TEST_F(JobsTest, ApplyWithoutIndexes_IsOneTransaction) {
   EXPECT_EQ(nullptr, transaction.Find(u"New"));
 }
 
-// An application of an index over all books that was ended in the build of the index.
-class CutOffApplyTest : public JobsTest {
- protected:
-  CutOffApplyTest() {
-    sagleme::SchemaDoc wanted;
-    {
-      Transaction transaction(context_, sagleme::Access::kReadOnly);
-      wanted = sagleme::ReadSchema(transaction, true);
-    }
-    for (sagleme::TableDoc& table : wanted.tables) {
-      if (table.name != "Book") continue;
-      sagleme::IndexDoc index;
-      index.name = "ByPages";
-      index.columns = {{"Pages"}};
-      table.indexes.push_back(index);
-    }
-    sagleme::SchemaOptions options;
-    options.objects = 10;
-    options.batch = 10;
-    int steps = 3;
-    options.report = [&](sagleme::JobProgress const&) { return --steps > 0; };
-    EXPECT_FALSE(ApplySchema(context_, wanted, options));
-  }
-
-  // The other one is the build of the index.
-  Job Application() {
-    std::vector<Job> const jobs = Jobs(context_);
-    EXPECT_EQ(2u, jobs.size());
-    return jobs.at(0).kind == JobKind::kApply ? jobs[0] : jobs.at(1);
-  }
-  void ExpectDone() {
-    for (Job const& left : Jobs(context_)) ADD_FAILURE() << left.id << " " << left.description;
-    Transaction transaction(context_, sagleme::Access::kReadOnly);
-    EXPECT_EQ(50u, InIndex(transaction, u"ByPages").size());
-  }
-};
-
-TEST_F(CutOffApplyTest, ItsJob_KeepsTheDocument) {
-  Job const job = Application();
-  EXPECT_EQ(JobKind::kApply, job.kind);
-  EXPECT_EQ(2u, job.progress.total);
-  EXPECT_TRUE(ResumeJob(context_, job.id));
-  ExpectDone();
-}
-
-TEST_F(CutOffApplyTest, AfterAnotherTableWasAdded_FinishesItsBuild) {
-  {
-    Transaction transaction(context_);
-    sagleme::CreateTable(transaction, u"Later", u"", {{u"Number", Type::kLong}});
-    transaction.Commit();
-  }
-  JobOptions options;
-  EXPECT_THROW(ResumeJob(context_, Application().id, options), sagleme::Failure);
-  options.allow_losses = true;
-  EXPECT_TRUE(ResumeJob(context_, Application().id, options));
-  ExpectDone();
-  Transaction transaction(context_, sagleme::Access::kReadOnly);
-  EXPECT_EQ(nullptr, transaction.Find(u"Later"));
-}
-
 // ---- imports ------------------------------------------------------------------------------------
 
 class ImportJobsTest : public JobsTest {

@@ -79,6 +79,19 @@ class JobsTest : public ToolTest {
     return {};
   }
   bool HasIndex() const { return Indexes().dump().find("ByPages") != std::string::npos; }
+  // The number of the only build.
+  std::uint64_t BuildUnderWay() const {
+    sagleme::Database opened = sagleme::Database::Open(database());
+    sagleme::Context const context(opened);
+    return IndexBuilds(context).at(0).id;
+  }
+  // What the kernel knows an index by: the number of the build that it was.
+  std::uint64_t HandleOf(std::string const& index) const {
+    sagleme::Database opened = sagleme::Database::Open(database());
+    sagleme::Context const context(opened);
+    sagleme::Transaction transaction(context, sagleme::Access::kReadOnly);
+    return transaction.FindIndex(index)->handle;
+  }
   // Leaves a build after so many steps.
   void CutOff(int steps, bool unique = false) const {
     sagleme::Database opened = sagleme::Database::Open(database());
@@ -150,6 +163,30 @@ TEST_F(JobsTest, CutOffBuild_IsListedAndFinishedByApply) {
   On("apply", {file});
   EXPECT_EQ(Json::array(), Jobs());
   EXPECT_TRUE(HasIndex());
+  On("check");
+}
+
+// What drops or renames prepares nothing, but the build that is there already is not begun anew.
+TEST_F(JobsTest, CutOffBuild_IsFinishedByAnApplyThatAlsoDropsAndRenames) {
+  Import(kMany, kMany);
+  CutOff(3);
+  std::uint64_t const build = BuildUnderWay();
+  Json schema = Json::parse(With(false));
+  for (Json& table : schema["tables"]) {
+    std::string const name = table["name"];
+    if (!name.ends_with("Book")) continue;
+    table["columns"].erase(1);
+    table["name"] = "App.Volume";
+  }
+  std::string const file = Write("with.json", schema.dump());
+  EXPECT_NE(std::string::npos, On("apply", {file}, 4).err.find("would lose values"));
+  EXPECT_EQ(build, BuildUnderWay()) << "refused before it was gone on with";
+  Result const applied = On("apply", {file, "--allow-destructive"});
+  EXPECT_NE(std::string::npos, applied.out.find("rename table App.Book to App.Volume\n"))
+      << applied.out;
+  EXPECT_NE(std::string::npos, applied.out.find("drop column ")) << applied.out;
+  EXPECT_EQ(Json::array(), Jobs());
+  EXPECT_EQ(build, HandleOf("ByPages"));
   On("check");
 }
 

@@ -42,7 +42,9 @@ class ApplySchema : public Command {
            "and in small transactions, unless the plan renames, drops or moves something. So are "
            "the values of columns that move to several tables or take another type, unless the "
            "plan renames or drops something or moves a table. Ctrl-C keeps what was built; the "
-           "same apply goes on with it, and \"sagleme jobs\" with an index.";
+           "same apply goes on with it, and \"sagleme jobs\" with an index. An index that is being "
+           "built already is finished so whatever else the plan does, unless it changes the "
+           "columns of the index or moves its table.";
   }
   std::vector<Example> examples() const override {
     return {{"apply shop shop.json --plan",
@@ -217,10 +219,12 @@ void ApplySchema::Show(std::string const& plan, Output const& output) {
   shown_ = plan;
 }
 
-// A plan with doubts renames or drops something.
+// A plan with doubts renames or drops something. Such a plan prepares nothing, but finishes what an
+// earlier one began.
 Preparations ApplySchema::FindPreparations(Session& session, sagleme::SchemaDoc const& wanted,
                                            Output const& output) {
   Preparations found;
+  std::vector<sagleme::IndexBuild> const builds = sagleme::IndexBuilds(session.context());
   session.Read([&](sagleme::Transaction& transaction) {
     NoteStranger(transaction, wanted, output);
     sagleme::SchemaDoc const present = sagleme::ReadSchema(transaction, true);
@@ -230,6 +234,9 @@ Preparations ApplySchema::FindPreparations(Session& session, sagleme::SchemaDoc 
     sagleme::Plan plan = sagleme::CompareSchemas(present, whole);
     if (destructive_) sagleme::AllowLosses(plan);
     found.indexes = sagleme::IndexesToPrepare(transaction, plan);
+    if (found.indexes.empty()) {
+      found.indexes = sagleme::IndexesUnderWay(transaction, plan, builds);
+    }
     found.changes = sagleme::ChangesToPrepare(transaction, plan);
     if (found.indexes.empty() && found.changes.empty()) return;
     Show(TextOf(transaction, plan, false), output);
