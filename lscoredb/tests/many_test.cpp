@@ -201,6 +201,68 @@ TEST_P(ManyTest, RowsThatGoBetweenCounts_AreNotCounted) {
   EXPECT_EQ(kRows - 10u - 145u, Counted(scanner, 100000));
 }
 
+// Long runs of single steps are read ahead.
+TEST_P(ManyTest, LongRunsOfStepsBetweenPagesAndCounts_MissNothing) {
+  for (std::uint32_t const flags : {LORV_ITERATOR_FORWARD, LORV_ITERATOR_REVERSE}) {
+    Oids const expected =
+        flags == LORV_ITERATOR_FORWARD ? rows_ : Oids(rows_.rbegin(), rows_.rend());
+    for (std::size_t const steps : {4u, 5u, 6u, 13u, 21u, 22u, 150u}) {
+      Scanner scanner(session_, index_, Key(), Key(), flags);
+      std::vector<LORV_REFERENCE> page(3);
+      std::size_t at = 0;
+      while (at + steps + 8 < expected.size()) {
+        for (std::size_t i = 0; i < steps; ++i) ASSERT_EQ(expected[at++], scanner.Next());
+        std::uint32_t count = 0;
+        Check("next_many",
+              lscoredb_iterator_next_many(scanner.handle(), 0, 3, page.data(), &count));
+        ASSERT_EQ(3u, count);
+        for (LORV_REFERENCE const& each : page) ASSERT_EQ(expected[at++], each.oid);
+        ASSERT_EQ(5u, Counted(scanner, 5));
+        at += 5;
+      }
+      ASSERT_EQ(Oids(expected.begin() + static_cast<std::ptrdiff_t>(at), expected.end()),
+                scanner.Rest());
+    }
+  }
+}
+
+TEST_P(ManyTest, RowsThatGoAheadOfALongRunOfSteps_AreNotDelivered) {
+  for (std::size_t const steps : {5u, 6u, 12u}) {
+    Scanner scanner(session_, index_);
+    for (std::size_t i = 0; i < steps; ++i) ASSERT_EQ(rows_[i], scanner.Next());
+    session_.Delete(rows_[steps]);
+    session_.Delete(rows_[steps + 2]);
+    session_.Delete(rows_[steps + 40]);
+    MakeRow(static_cast<int>(steps) + 4);
+    for (std::size_t const gone : {steps + 40, steps + 2, steps}) {
+      rows_.erase(rows_.begin() + static_cast<std::ptrdiff_t>(gone));
+    }
+    EXPECT_EQ(Oids(rows_.begin() + static_cast<std::ptrdiff_t>(steps), rows_.end()),
+              scanner.Rest());
+    rows_ = session_.Scan(index_);
+  }
+}
+
+TEST_P(ManyTest, RowChangedAheadOfALongRunOfSteps_HasItsNewLayout) {
+  LayoutId const newer = session_.CreateLayout(50, {{LORV_TYPE_LONG, 100}});
+  Scanner scanner(session_, index_);
+  for (int i = 0; i < 8; ++i) scanner.Next();
+  session_.PutLong(rows_[9], kNumber, 5000, newer);
+  EXPECT_EQ(rows_[8], scanner.Next());
+  LORV_REFERENCE const changed = scanner.NextReference();
+  EXPECT_EQ(rows_[9], changed.oid);
+  EXPECT_EQ(session_.LayoutOf(rows_[9]), changed.layout);
+  EXPECT_EQ(rows_[10], scanner.Next());
+}
+
+TEST_P(ManyTest, LongRunOfSteps_EndsWithItsTransaction) {
+  Scanner scanner(session_, index_);
+  for (int i = 0; i < 8; ++i) scanner.Next();
+  Restart();
+  LORV_REFERENCE next{};
+  EXPECT_EQ(LSCOREDB_NO_TRANSACTION, lorv_iterator_next(scanner.handle(), &next));
+}
+
 TEST_P(ManyTest, Page_NamesTheLayoutOfEachObject) {
   LayoutId const newer = session_.CreateLayout(50, {{LORV_TYPE_LONG, 100}});
   session_.PutLong(rows_[5], kNumber, -295, newer);

@@ -83,6 +83,11 @@ uint32_t lorv_iterator_next(uint64_t iterator, LORV_REFERENCE* out) {
     OpenIterator* const open = Iterators().Find(iterator);
     if (open == nullptr) return LSCOREDB_UNKNOWN_ITERATOR;
     if (out == nullptr) return LSCOREDB_NULL_ARGUMENT;
+    EntryObject ready;
+    if (open->iterator.NextReady(&ready)) {
+      *out = {Raw(ready.object), 0, Raw(ready.layout)};
+      return LORV_STATUS_OK;
+    }
     ObjectId object{};
     LayoutNumber layout{};
     Status const status = open->iterator.Next(&object, &layout);

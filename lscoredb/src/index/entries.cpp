@@ -37,10 +37,14 @@ int ComparePieces(std::string_view a, std::string_view a_tail, std::string_view 
 ObjectId ObjectIn(KeyValue const& seen) {
   if (seen.value.size() < kValueHead) return kNoObject;
   auto const id_size = static_cast<unsigned char>(seen.value[2]);
-  if (id_size > seen.key.size()) return kNoObject;
-  std::uint64_t object = 0;
-  std::string_view const id = seen.key.substr(seen.key.size() - id_size);
-  return ReadOrderedId(id, &object) == id_size ? ObjectId{object} : kNoObject;
+  return ObjectId{OrderedIdAtEnd(seen.key, id_size)};
+}
+
+// What an entry without a tail leads to. False: it has one, or it is damaged.
+bool ReadPlain(KeyValue const& seen, EntryObject* found) {
+  if (seen.value.size() != kValueHead + kChecksumSize) return false;
+  *found = {ObjectIn(seen), LayoutNumber{Load<std::uint16_t>(seen.value.data())}};
+  return found->object != kNoObject && HasValidChecksum(seen.key, seen.value);
 }
 
 void BuildKey(IndexDefinition const& index, std::string_view encoded, ObjectId object,
@@ -208,7 +212,7 @@ void EntryCursor::Previous() {
 // After each move of the store's cursor: parses the entry, or the group of one with a tail.
 void EntryCursor::Arrive(bool on_entry, bool forward) {
   in_group_ = false;
-  valid_ = on_entry && InIndex();
+  valid_ = on_entry && InIndex(cursor_.key());
   if (!valid_) return;
   ParseEntry(*index_, cursor_.key(), cursor_.value(), &entry_);
   if (!entry_.key.tail.empty()) GatherGroup(forward);
@@ -243,14 +247,17 @@ std::string_view EntryCursor::PageBound(bool forward) const {
   return !in_group_ && cursor_.PageEnd(forward, &key) ? HeadOf(key) : std::string_view();
 }
 
-bool EntryCursor::TakeRun(bool forward, std::span<EntryObject> out, std::size_t* taken) {
-  *taken = 0;
-  while (*taken < out.size() && cursor_.StepInPage(forward)) {
-    Arrive(true, forward);
-    if (!valid_ || in_group_) return true;
-    out[(*taken)++] = {entry_.object, entry_.layout};
+std::size_t EntryCursor::TakeRun(bool forward, std::span<EntryObject> out) {
+  std::size_t taken = 0;
+  KeyValue seen;
+  while (taken < out.size() && cursor_.Look(taken + 1, forward, &seen) && InIndex(seen.key) &&
+         ReadPlain(seen, &out[taken])) {
+    ++taken;
   }
-  return false;
+  if (taken == 0) return 0;
+  cursor_.StepInPage(forward, taken);
+  Arrive(true, forward);
+  return taken;
 }
 
 std::size_t EntryCursor::SkipRun(bool forward, std::size_t most) {
@@ -302,11 +309,9 @@ void ParseEntry(IndexDefinition const& index, std::string_view stored,
   if (value.size() < kValueHead) Throw(LSCOREDB_DAMAGED);
   auto const id_size = static_cast<unsigned char>(value[2]);
   if (id_size > key.size()) Throw(LSCOREDB_DAMAGED);
-  std::string_view const head = key.substr(0, key.size() - id_size);
-  std::uint64_t object = 0;
-  if (ReadOrderedId(key.substr(head.size()), &object) != id_size) Throw(LSCOREDB_DAMAGED);
-  entry->key = {head, value.substr(kValueHead)};
-  entry->object = ObjectId{object};
+  entry->key = {key.substr(0, key.size() - id_size), value.substr(kValueHead)};
+  entry->object = ObjectId{OrderedIdAtEnd(key, id_size)};
+  if (entry->object == kNoObject) Throw(LSCOREDB_DAMAGED);
   entry->layout = LayoutNumber{Load<std::uint16_t>(value.data())};
 }
 

@@ -117,9 +117,9 @@ class EntryCursor {
   // Many steps at once. The head of the key that all entries ahead in the same page do not go
   // beyond, in that direction; empty: not known.
   std::string_view PageBound(bool forward) const;
-  // Steps as long as the page goes on, and writes what it steps to into `out`. Ends early, and
-  // returns true, on an entry that it did not write: one behind the index, or of a long key.
-  bool TakeRun(bool forward, std::span<EntryObject> out, std::size_t* taken);
+  // Steps as long as the page goes on with sound entries of the index that have no long keys, and
+  // writes what they lead to into `out`. Returns their number.
+  std::size_t TakeRun(bool forward, std::span<EntryObject> out);
 
   // Steps to the page's last entry, and returns how many steps that takes; 0, without a step, if
   // they are more than `most`. Of the entries between only their number counts: their bytes are not
@@ -151,8 +151,7 @@ class EntryCursor {
 
  private:
   // Compared by hand: the prefix is a few bytes, and every step does this.
-  bool InIndex() const {
-    std::string_view const key = cursor_.key();
+  bool InIndex(std::string_view key) const {
     std::string const& prefix = index_->entry_prefix;
     if (key.size() < prefix.size()) return false;
     std::size_t same = 0;

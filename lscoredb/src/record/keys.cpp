@@ -218,7 +218,6 @@ KeyBytes KeyTranslator::Finish() {
 }
 
 // Ids up to here take one byte. A first byte above it counts the bytes that follow.
-constexpr std::uint8_t kMaxShortId = 0xFF - sizeof(std::uint64_t);
 
 std::size_t SignificantBytes(std::uint64_t value) {
   return (static_cast<std::size_t>(std::bit_width(value)) + 7) / 8;

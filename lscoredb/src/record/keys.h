@@ -15,6 +15,8 @@
 #include <string>
 #include <string_view>
 
+#include "bytes.h"
+
 namespace lscore {
 
 // One UTF-16 unit in the sort form of texts: one to three bytes, surrogates like any other unit, so
@@ -81,6 +83,25 @@ std::uint64_t OrderedBits(double value);
 // front. ReadOrderedId returns the number of bytes read, 0 when the bytes are not one.
 void AppendOrderedId(KeyBytes& out, std::uint64_t id);
 std::size_t ReadOrderedId(std::string_view bytes, std::uint64_t* id);
+// An id up to this one is one byte; a longer one has its number of bytes before it, above this.
+inline constexpr std::uint8_t kMaxShortId = 0xFF - sizeof(std::uint64_t);
+// The id whose ordered form is the last `size` of the bytes; 0 when they are none. Without a loop
+// where that is possible, since a scan does this at each step.
+inline std::uint64_t OrderedIdAtEnd(std::string_view bytes, std::size_t size) {
+  if (size < 2 || size > sizeof(std::uint64_t) || bytes.size() < sizeof(std::uint64_t)) {
+    std::uint64_t id = 0;
+    bool const whole =
+        size <= bytes.size() && ReadOrderedId(bytes.substr(bytes.size() - size), &id) == size;
+    return whole ? id : 0;
+  }
+  char const* const end = bytes.data() + bytes.size();
+  std::size_t const digits = 8 * (size - 1);  // bits
+  std::uint64_t const id =
+      LoadBig<std::uint64_t>(end - sizeof(std::uint64_t)) & ((std::uint64_t{1} << digits) - 1);
+  bool const sound = static_cast<std::uint8_t>(*(end - size)) == kMaxShortId + size - 1 &&
+                     id > kMaxShortId && id >> (digits - 8) != 0;
+  return sound ? id : 0;
+}
 
 }  // namespace lscore
 

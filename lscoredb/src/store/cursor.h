@@ -42,10 +42,13 @@ class Cursor {
   bool Next() { return (EnterPage() && page_.Next(&entry_)) || NextPage(); }
   bool Previous() { return (EnterPage() && page_.Previous(&entry_)) || PreviousPage(); }
 
-  // A step that stays in the page. False, without a step, where there is none.
-  bool StepInPage(bool forward) {
-    return page_.inside() && (forward ? page_.Next(&entry_) : page_.Previous(&entry_));
+  // The entry `ahead` steps further in the page, if the cursor is inside one, for a caller that
+  // looks at one after the other and steps over them all at once.
+  bool Look(std::size_t ahead, bool forward, KeyValue* entry) const {
+    return page_.inside() && page_.Look(ahead, forward, entry);
   }
+  // REQUIRES: Look has shown the entry so many steps ahead.
+  void StepInPage(bool forward, std::size_t steps) { page_.Step(steps, forward, &entry_); }
   // As many such steps as lead to the page's last entry, and returns their number; 0, without a
   // step, if they are more than `most`.
   std::size_t SkipInPage(bool forward, std::size_t most) {

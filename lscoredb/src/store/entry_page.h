@@ -84,6 +84,18 @@ class EntryPage {
   // To the last of them. Changes nothing when it returns false: that one is not plain.
   bool SkipLeft(bool forward, KeyValue* entry) { return Take(forward ? count_ - 1 : 0, entry); }
 
+  // Moves so many steps at once. Changes nothing when it returns false: there is no plain entry.
+  bool Step(std::size_t steps, bool forward, KeyValue* entry) {
+    if (forward ? steps >= count_ - at_ : steps > at_) return false;
+    return Take(forward ? at_ + steps : at_ - steps, entry);
+  }
+
+  // Peek for a caller that looks at one entry after the other.
+  bool Look(std::size_t ahead, bool forward, KeyValue* entry) const {
+    FetchAhead(forward ? at_ + ahead + kAhead : at_ - ahead - kAhead);
+    return Peek(ahead, forward, entry);
+  }
+
   // The entry `ahead` steps further, without moving.
   bool Peek(std::size_t ahead, bool forward, KeyValue* entry) const {
     if (forward ? ahead >= count_ - at_ : ahead > at_) return false;

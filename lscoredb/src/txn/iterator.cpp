@@ -61,6 +61,9 @@ void Iterator::Start(ScanSource const& source, IndexDefinition const& index) {
   has_committed_ = below != nullptr;
   step_due_ = false;
   removed_ = 0;
+  ahead_at_ = 0;
+  ahead_end_ = 0;
+  in_last_page_ = false;
   given_ = kNoObject;
   given_before_ = kNoObject;
   steps_ = 0;
@@ -90,6 +93,7 @@ void Iterator::Start(ScanSource const& source, IndexDefinition const& index) {
 void Iterator::Finish(Status ended) {
   open_ = false;
   ended_ = ended;
+  ahead_at_ = ahead_end_;
   pending_ = nullptr;
 }
 
@@ -217,14 +221,22 @@ Entry const* Iterator::NextEntry() {
 
 // Prefetch. A caller that read the last object will probably read the next ones, so their slots and
 // rows in the shared cache are brought into the processor's cache a few steps ahead. Whether the
-// caller reads is looked up every 32 steps only, so that one that does not read hardly pays for it.
+// caller reads is looked up every 32 steps, and when entries are read ahead, so that one that does
+// not read hardly pays for it.
 void Iterator::FetchAhead() {
   if (!has_committed_) return;
   if (source_.far) return AskTogether();
   if (steps_++ % kStepsPerLook == 1) reading_ = source_.rows->Find(given_) != nullptr;
   if (!reading_) return;
-  source_.shared_rows->PrefetchSlot(committed_.Guess(kSlotsAhead, !reverse_));
-  source_.shared_rows->FetchRow(committed_.Guess(kRowsAhead, !reverse_));
+  source_.shared_rows->PrefetchSlot(Guess(kSlotsAhead));
+  source_.shared_rows->FetchRow(Guess(kRowsAhead));
+}
+
+// The object that will be given so many steps from now.
+ObjectId Iterator::Guess(std::size_t ahead) const {
+  std::size_t const left = ahead_end_ - ahead_at_;
+  if (ahead <= left) return ahead_[ahead_at_ + ahead - 1].object;
+  return committed_.Guess(ahead - left, !reverse_);
 }
 
 // Prefetch from a server: one round trip fetches the rows of the next entries, as far as the
@@ -276,12 +288,15 @@ Status Iterator::Next(ObjectId* object, LayoutNumber* layout) {
   if (failed_ != LORV_STATUS_OK) return failed_;
   failed_ = Guarded([&]() -> Status {
     EntryObject found;
-    if (Step(&found)) {
-      FetchAhead();
-      given_before_ = std::exchange(given_, found.object);
-      *layout = found.layout;
+    if (ahead_at_ == ahead_end_ && steps_ >= kStepsAlone && !in_last_page_) ReadAhead();
+    if (!TakeAhead(&found) && !Step(&found)) {
+      *object = kNoObject;
+      return LORV_STATUS_OK;
     }
+    FetchAhead();
+    given_before_ = std::exchange(given_, found.object);
     *object = found.object;
+    *layout = found.layout;
     return LORV_STATUS_OK;
   });
   return failed_;
@@ -292,6 +307,7 @@ Status Iterator::NextMany(std::span<EntryObject> out, bool fetch, std::size_t* c
   if (failed_ != LORV_STATUS_OK) return failed_;
   failed_ = Guarded([&]() -> Status {
     std::size_t filled = 0;
+    while (filled < out.size() && TakeAhead(&out[filled])) ++filled;
     for (;;) {
       filled += TakeRun(out.subspan(filled));
       if (filled == out.size() || !Step(&out[filled])) break;
@@ -310,6 +326,7 @@ Status Iterator::Skip(std::size_t most, std::size_t* count) {
   failed_ = Guarded([&]() -> Status {
     std::size_t skipped = 0;
     EntryObject found;
+    while (skipped < most && TakeAhead(&found)) ++skipped;
     for (;;) {
       if (InPlainPage()) skipped += committed_.SkipRun(!reverse_, most - skipped);
       if (SkipAhead(most, &skipped)) continue;
@@ -346,10 +363,27 @@ bool Iterator::SkipAhead(std::size_t most, std::size_t* skipped) {
 
 // The entries ahead in the page, at the price of a step in it alone.
 std::size_t Iterator::TakeRun(std::span<EntryObject> out) {
-  if (!InPlainPage()) return 0;
-  std::size_t taken = 0;
-  step_due_ = !committed_.TakeRun(!reverse_, out, &taken);
-  return taken;
+  return InPlainPage() ? committed_.TakeRun(!reverse_, out) : 0;
+}
+
+// A scan that goes on takes several entries of a page at once. Where it ends inside the page, each
+// of them is compared with the bound instead.
+void Iterator::ReadAhead() {
+  if (source_.far || !IsPlain()) return;
+  std::string_view const end = committed_.PageBound(!reverse_);
+  if (end.empty()) return;
+  in_last_page_ = !InRange({end, {}});
+  ahead_at_ = 0;
+  ahead_end_ = in_last_page_ ? 0 : committed_.TakeRun(!reverse_, ahead_);
+  reading_ = source_.rows->Find(given_) != nullptr;
+}
+
+bool Iterator::TakeAhead(EntryObject* found) {
+  while (ahead_at_ < ahead_end_) {
+    *found = ahead_[ahead_at_++];
+    if (Amend(found)) return true;
+  }
+  return false;
 }
 
 void Iterator::Fetch(std::span<EntryObject const> objects) {
@@ -360,12 +394,18 @@ void Iterator::Fetch(std::span<EntryObject const> objects) {
 
 bool Iterator::Step(EntryObject* found) {
   while (Entry const* const entry = NextEntry()) {
-    PendingRow const* const row = source_.changes->FindRow(entry->object);
-    if (row != nullptr && row->deleted) continue;
-    *found = {entry->object, row != nullptr ? row->layout->number() : entry->layout};
-    return true;
+    *found = {entry->object, entry->layout};
+    if (Amend(found)) return true;
   }
   return false;
+}
+
+// What the transaction has made of the object; false: it has deleted it.
+bool Iterator::Amend(EntryObject* found) const {
+  PendingRow const* const row = source_.changes->FindRow(found->object);
+  if (row == nullptr) return true;
+  found->layout = row->layout->number();
+  return !row->deleted;
 }
 
 }  // namespace lscore

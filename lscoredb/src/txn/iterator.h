@@ -5,6 +5,7 @@
 // those that the transaction had written by then. Used by the thread of its transaction. A closed
 // iterator may be opened again, which allocates nothing in the common case.
 
+#include <array>
 #include <optional>
 #include <span>
 #include <string>
@@ -46,6 +47,13 @@ class Iterator {
   // transaction has ended. LSCOREDB_ROLLED_BACK: the scan began after a savepoint that was rolled
   // back to. Errors are sticky, so that a caller cannot skip what a failed scan did not deliver.
   Status Next(ObjectId* object, LayoutNumber* layout);
+  // Next where that takes nothing but a look at what was read ahead. False: call Next.
+  bool NextReady(EntryObject* found) {
+    if (ahead_at_ == ahead_end_ || reading_ || source_.changes->has_rows()) return false;
+    *found = ahead_[ahead_at_++];
+    given_ = found->object;
+    return true;
+  }
   // As many calls of Next as `out` has room for; fewer at the end. `fetch`: the caller will read
   // the objects, so their rows are fetched.
   Status NextMany(std::span<EntryObject> out, bool fetch, std::size_t* count);
@@ -54,6 +62,10 @@ class Iterator {
 
  private:
   bool Step(EntryObject* found);
+  bool Amend(EntryObject* found) const;
+  void ReadAhead();
+  bool TakeAhead(EntryObject* found);
+  ObjectId Guess(std::size_t ahead) const;
   bool IsPlain() const;
   bool InPlainPage() const;
   bool SkipAhead(std::size_t most, std::size_t* skipped);
@@ -77,6 +89,8 @@ class Iterator {
   bool IsReading() const;
 
   static constexpr std::size_t kLongRun = 16;
+  static constexpr std::size_t kReadAhead = 16;
+  static constexpr std::uint32_t kStepsAlone = 4;
   static constexpr std::size_t kSlotsAhead = 8;
   static constexpr std::size_t kRowsAhead = 4;
   static constexpr std::uint32_t kStepsPerLook = 32;
@@ -101,6 +115,12 @@ class Iterator {
   std::size_t removed_ = 0;  // entries stepped over in a row that the transaction removed
   PendingKey first_removed_;
   PendingKey last_removed_;
+  // Committed entries in front of the scan that were read together. Those from `ahead_at_` on are
+  // still to be delivered, and `committed_` is on the last one.
+  std::array<EntryObject, kReadAhead> ahead_;
+  std::size_t ahead_at_ = 0;
+  std::size_t ahead_end_ = 0;
+  bool in_last_page_ = false;
   ObjectId given_{};
   ObjectId given_before_{};
   std::uint32_t steps_ = 0;
