@@ -1,6 +1,8 @@
 // Losses of power while processes open and close the directory again and again, now with sync and
 // now without: an opening takes what a closing left for durable, and syncs nothing.
 
+#include <signal.h>
+
 #include <algorithm>
 
 #include "crash/directory.h"
@@ -128,6 +130,57 @@ TEST(ReopenPowerTest, LossWhileAClosingWritesALargeLog_LeavesWholeCommits) {
     disk.BuildAfterLoss(left.path(), random);
     ExpectWholeBetween(left.path(), kSeed, said.synced, said.acknowledged);
     if (HasFailure()) return;
+  }
+}
+
+// One process dies in its first commit after so many events; another one, which has the directory
+// open already, then commits durably. Returns whether the first one lived to commit.
+bool CommitAfterADeath(std::uint64_t seed, std::uint64_t events) {
+  sagleme::Options const durable = WithLog(true);
+  Directory const directory;
+  InChild([&] { Bank const bank(directory.path(), seed, durable); });
+  Recording const recording(directory.path());
+  Child survivor([&](Channel& channel) {
+    recording.Join();
+    Bank bank(directory.path(), seed, durable);
+    sagleme::Context const context(bank.database());
+    channel.Say("open");
+    channel.Hear();
+    Step(bank, context, 0, true);
+    raise(SIGKILL);  // closing would remove the files
+    return 0;
+  });
+  EXPECT_EQ("open", survivor.Next());
+  Child first([&](Channel&) {
+    recording.Join(events);
+    Bank bank(directory.path(), seed, durable);
+    sagleme::Context const context(bank.database());
+    Step(bank, context, 1, true);
+    raise(SIGTERM);
+    return 0;
+  });
+  bool const committed = first.Wait() != Child::kKilled;
+  survivor.Send("commit");
+  EXPECT_EQ(Child::kKilled, survivor.Wait());
+  Said said;
+  for (Event const& event : recording.Events()) {
+    if (event.kind == Kind::kNote) said.Hear(event.data);
+  }
+  EXPECT_EQ(1, said.synced[0]);
+  recording.ForEachLossAtItsEnd([&](std::string const& left) {
+    ExpectWholeBetween(left, seed, said.synced, said.acknowledged);
+  });
+  return committed;
+}
+
+// The files of the log may be there, made by a process that did not live to sync their names.
+TEST(ReopenPowerTest, LossAfterACommitThatFollowsADeath_LeavesIt) {
+  constexpr std::uint64_t kMostEvents = 200;
+  bool committed = false;
+  for (std::uint64_t events = 1; !committed && !HasFailure(); ++events) {
+    SCOPED_TRACE(events);
+    ASSERT_LT(events, kMostEvents);
+    committed = CommitAfterADeath(3, events);
   }
 }
 

@@ -45,10 +45,8 @@ bool LogFiles::Open() {
   return all;
 }
 
-// The directory is synced after new files got their titles, or a power failure could lose a file
-// with synced records in it.
 void LogFiles::Create() {
-  bool const were_there = Open();
+  Open();
   for (std::size_t i = 0; i < files_.size(); ++i) {
     if (!files_[i].is_open()) {
       files_[i].Open(directory_ + logformat::kFileNames[i], LogFile::Access::kCreate);
@@ -56,8 +54,9 @@ void LogFiles::Create() {
     }
     Entitle(files_[i]);
   }
-  if (!were_there) SyncDirectory(directory_);
 }
+
+void LogFiles::SyncNames() const { SyncDirectory(directory_); }
 
 void LogFiles::Entitle(LogFile& file) const {
   std::string title = logformat::TitleOf(identity_);

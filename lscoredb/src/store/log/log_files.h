@@ -50,8 +50,10 @@ class LogFiles {
   bool Open();
   // Throws LSCOREDB_DAMAGED when one of the files belongs to another log. REQUIRES: both are open.
   void CheckTitles() const;
-  // Creates the files that are missing, durably.
+  // Creates the files that are missing. A power failure can lose them, with synced records in them,
+  // until SyncNames.
   void Create();
+  void SyncNames() const;
   // Deletes both.
   void Remove() noexcept;
 

@@ -210,7 +210,8 @@ void LogStore::Rotate(IfNotKept if_not) {
 }
 
 // The first commit after a clean close creates the files and then marks the image as not clean:
-// from now on it cannot be opened without them.
+// from now on it cannot be opened without them. Who marks it has synced their names, even if he
+// found the files there: their maker may have died before he did.
 void LogStore::MarkUsed() {
   if (used_) return;
   {
@@ -220,6 +221,7 @@ void LogStore::MarkUsed() {
   std::unique_ptr<Batch> const batch = image_->BeginBatch();
   ImagePosition position = logformat::ReadPosition(*batch);
   if (position.clean) {
+    files_.SyncNames();
     position.clean = false;
     logformat::WritePosition(*batch, position);
     batch->Commit();
