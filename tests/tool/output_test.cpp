@@ -74,6 +74,17 @@ TEST_F(OutputTest, WithStandardStreamsClosed_DatabaseIsNotWrittenOver) {
   On("check");
 }
 
+TEST_F(OutputTest, InputThatCannotBeRead_IsNoEndOfTheInput) {
+  for (std::string const command : {"sql", "shell", "import", "apply"}) {
+    std::string shell = "'" SAGLEME_TOOL "' " + command + " '" + database() + "'";
+    if (command == "import") shell += " Person";
+    if (command == "import" || command == "apply") shell += " -";
+    EXPECT_EQ("sagleme: cannot read standard input: Is a directory\n4\n",
+              OutputOf(shell + " 2>&1 < '" + Path("") + "'; echo $?"))
+        << command;
+  }
+}
+
 TEST_F(OutputTest, ExportToAFullDevice_IsAFailure) {
   Result const result = RunTool({"export", database(), "Person", "--output", "/dev/full"});
   EXPECT_EQ(4, result.status);

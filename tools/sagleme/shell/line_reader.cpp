@@ -3,11 +3,15 @@
 #include <histedit.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <cwchar>
 #include <iostream>
+#include <string>
 
+#include "base/failure.h"
 #include "base/interrupt.h"
 #include "shell/words.h"
 
@@ -139,8 +143,11 @@ class PlainReader : public LineReader {
  public:
   std::optional<std::string> Next(std::string const&) override {
     std::string line;
-    if (!std::getline(std::cin, line)) return std::nullopt;
-    return line;
+    if (std::getline(std::cin, line)) return line;
+    // What cannot be read is not at its end: the rest would be left out unnoticed.
+    if (std::ferror(stdin) == 0) return std::nullopt;
+    throw Failure(Exit::kRefused,
+                  std::string("cannot read standard input: ") + std::strerror(errno));
   }
 };
 
