@@ -82,6 +82,7 @@ class Comparison {
       for (Declaration const& to : move.to) change.tables.push_back(to.table->name);
       plan_.push_back(std::move(change));
     }
+    for (PulledUp const& move : kept_.moves().up) Relax(move);
     for (PulledUp const& move : kept_.moves().up) {
       change::PullUpColumn change{move.from[0].column->name, {}, move.to.table->name};
       for (Declaration const& from : move.from) change.tables.push_back(NewName(from));
@@ -93,6 +94,17 @@ class Comparison {
       plan_.push_back(change::RenameColumn{move.to.table->name, name, move.to.column->name});
     }
   }
+  // A column that is to take null does so before it goes up: the objects that get it there have no
+  // value, not zero.
+  void Relax(PulledUp const& move) {
+    if (!move.to.column->nullable || move.from[0].column->nullable) return;
+    for (Declaration const& from : move.from) {
+      ColumnDoc after = *move.to.column;
+      after.name = from.column->name;
+      plan_.push_back(ChangeOf(NewName(from), *from.column, std::move(after)));
+    }
+    changed_.insert(move.to.column);
+  }
   std::string NewName(Declaration const& before) const {
     return kept_.NewTable(before.table->name)->name;
   }
@@ -102,14 +114,14 @@ class Comparison {
       for (ColumnDoc const& column : table.columns) {
         ColumnDoc const* const old = kept_.OldColumn(column);
         if (old == nullptr || kept_.ShapeStays(*old, column)) continue;
-        ColumnDoc before = *old;
-        before.name = column.name;
-        if (TableDoc const* const target = kept_.NewTable(before.target)) {
-          before.target = target->name;
-        }
-        plan_.push_back(change::ChangeColumn{table.name, std::move(before), column});
+        if (!changed_.contains(&column)) plan_.push_back(ChangeOf(table.name, *old, column));
       }
     }
+  }
+  change::ChangeColumn ChangeOf(std::string const& table, ColumnDoc before, ColumnDoc after) const {
+    before.name = after.name;
+    if (TableDoc const* const target = kept_.NewTable(before.target)) before.target = target->name;
+    return {table, std::move(before), std::move(after)};
   }
 
   void AddColumns() {
@@ -137,6 +149,7 @@ class Comparison {
   SchemaDoc const& to_;
   Matching kept_;
   std::set<std::string> created_;
+  std::set<ColumnDoc const*> changed_;  // of `to`, before they move
   Plan plan_;
 };
 

@@ -40,6 +40,7 @@ class Mover {
     if (old_table->base == new_base) return;
     if (base != nullptr) CreateIfNew(*base);
     MakeRoom(table, new_base);
+    Fit(old_table->name, Ancestors(new_base));
     moves_.plan.push_back(change::SetBase{old_table->name, new_base});
     Move(Table(old_table->name), new_base);
   }
@@ -50,7 +51,10 @@ class Mover {
     TableDoc made = table;
     made.base = Present(table.base);
     made.indexes.clear();
-    std::erase_if(made.columns, [this](ColumnDoc const& column) {
+    std::vector<std::string> const bases = Ancestors(made.base);
+    std::erase_if(made.columns, [&](ColumnDoc const& column) {
+      if (Inherited(bases, column.name) != nullptr) return true;  // it comes down from there
+      if (IsBroughtAlong(table, column)) return true;
       return to_.Find(column.target) != nullptr && kept_.OldTable(column.target) == nullptr;
     });
     for (ColumnDoc& column : made.columns) column.target = Present(column.target);
@@ -67,21 +71,86 @@ class Mover {
     return names;
   }
 
+  // Whether a table that comes under the new one has another column of that name from its present
+  // bases, which cannot be fitted there: it goes up, and takes its new shape, afterwards.
+  bool IsBroughtAlong(TableDoc const& made, ColumnDoc const& column) const {
+    return std::any_of(to_.tables.begin(), to_.tables.end(), [&](TableDoc const& table) {
+      TableDoc const* const old_table = kept_.OldTable(table.name);
+      if (old_table == nullptr || !DerivesFrom(to_, table, made)) return false;
+      ColumnDoc const* const other = Inherited(Ancestors(old_table->base), column.name);
+      return other != nullptr && !other->SameShape(column);
+    });
+  }
+  static bool DerivesFrom(SchemaDoc const& schema, TableDoc const& table, TableDoc const& base) {
+    for (auto* at = schema.Find(table.base); at != nullptr; at = schema.Find(at->base)) {
+      if (at->name == base.name) return true;
+    }
+    return false;
+  }
+
+  // The column of that name in one of the bases; null if none has it.
+  ColumnDoc const* Inherited(std::vector<std::string> const& bases, std::string const& name) const {
+    for (std::string const& base : bases) {
+      if (ColumnDoc const* const column = moves_.schema.Find(base)->FindColumn(name)) return column;
+    }
+    return nullptr;
+  }
+
   static bool Has(TableDoc const& table, ColumnDoc const& column) {
     return std::any_of(table.columns.begin(), table.columns.end(), [&](ColumnDoc const& each) {
       return each.name == column.name || (each.id != 0 && each.id == column.id);
     });
   }
-  // A column that the new base shall not have, but the table: once merged, it could not stay.
+  // A column that the new base shall not have, but the table: once merged, it could not stay. Or
+  // the table brings another one of that name along.
   void MakeRoom(TableDoc const& table, std::string const& new_base) {
+    std::vector<std::string> const old_bases = Ancestors(Table(Present(table.name)).base);
     for (std::string const& name : Ancestors(new_base)) {
       TableDoc const* const wanted = kept_.NewTable(name);
-      if (wanted == nullptr) continue;
+      if (wanted == nullptr || Contains(old_bases, name)) continue;
       std::erase_if(Table(name).columns, [&](ColumnDoc const& column) {
-        if (table.FindColumn(column.name) == nullptr || Has(*wanted, column)) return false;
+        if (Has(*wanted, column)) return false;
+        ColumnDoc const* const brought = Inherited(old_bases, column.name);
+        bool const in_the_way = brought != nullptr && !brought->SameShape(column);
+        if (table.FindColumn(column.name) == nullptr && !in_the_way) return false;
         moves_.plan.push_back(change::DropColumn{name, column.name, column.on_delete});
         return true;
       });
+    }
+  }
+  static bool Contains(std::vector<std::string> const& names, std::string const& name) {
+    return std::find(names.begin(), names.end(), name) != names.end();
+  }
+
+  static bool IsRenamed(TableDoc const* table, ColumnDoc const& column) {
+    return table != nullptr &&
+           std::any_of(table->columns.begin(), table->columns.end(), [&](ColumnDoc const& each) {
+             bool const same = each.id != 0 ? each.id == column.id : each.was == column.name;
+             return same && each.name != column.name;
+           });
+  }
+
+  // Columns of the table and its descendants become of the shape of those that the new bases have
+  // under their names, so that they can be merged; they go if no value of theirs converts.
+  void Fit(std::string const& name, std::vector<std::string> const& bases) {
+    std::erase_if(Table(name).columns, [&](ColumnDoc& column) {
+      ColumnDoc const* const same = Inherited(bases, column.name);
+      if (same == nullptr || same->SameShape(column)) return false;
+      if (IsRenamed(kept_.NewTable(name), column)) return false;
+      if (ConversionOf(column.type, same->type) == Conversion::kNone) {
+        moves_.plan.push_back(change::DropColumn{name, column.name, column.on_delete});
+        return true;
+      }
+      ColumnDoc after = column;
+      after.type = same->type;
+      after.nullable = same->nullable;
+      after.target = same->target;
+      moves_.plan.push_back(change::ChangeColumn{name, column, after});
+      column = std::move(after);
+      return false;
+    });
+    for (TableDoc const& child : moves_.schema.tables) {
+      if (child.base == name) Fit(child.name, bases);
     }
   }
 
@@ -91,7 +160,7 @@ class Mover {
     std::vector<std::string> const after = Ancestors(new_base);
     std::vector<ColumnDoc> columns;
     for (auto name = before.rbegin(); name != before.rend(); ++name) {
-      if (std::find(after.begin(), after.end(), *name) != after.end()) continue;
+      if (Contains(after, *name)) continue;
       auto const& declared = moves_.schema.Find(*name)->columns;
       columns.insert(columns.end(), declared.begin(), declared.end());
     }

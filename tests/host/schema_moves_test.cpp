@@ -162,5 +162,77 @@ TEST_F(SchemaMovesTest, RenamedAndMovedTable_IsTheSame) {
   EXPECT_EQ(Value(u"Emma"), Get(transaction, novel_, u"Title"));
 }
 
+TEST_F(SchemaMovesTest, ColumnThatComesDownToANewBase_KeepsItsValues) {
+  Transaction transaction(context_);
+  SchemaDoc wanted = sagleme::ReadSchema(transaction, true);
+  sagleme::DropIndex(transaction, u"ItemByTitle");
+  TableDoc work;
+  work.name = "Work";
+  work.base = "Item";
+  work.columns = {Column("Title", Type::kString)};
+  wanted.tables.push_back(work);
+  Table(wanted, "Item").columns.clear();
+  Table(wanted, "Item").indexes.clear();
+  Table(wanted, "Book").base = "Work";
+  Table(wanted, "Film").base = "Work";
+  EXPECT_EQ(
+      (Lines{"instant: create table Work derived from Item",
+             "background: move table Book under Work", "background: move table Film under Work",
+             "background: push column Title of Item down to Work"}),
+      Reach(transaction, wanted));
+  EXPECT_EQ(Value(u"Emma"), Get(transaction, novel_, u"Title"));
+  EXPECT_EQ(Ids{novel_}, InIndex(transaction, u"NovelByTitle"));
+}
+
+TEST_F(SchemaMovesTest, ColumnOfAnotherType_BecomesThatOfTheNewBase) {
+  Transaction transaction(context_);
+  sagleme::CreateTable(transaction, u"Work", u"", {{u"Pages"}});
+  SchemaDoc wanted = sagleme::ReadSchema(transaction, true);
+  Table(wanted, "Book").base = "Work";
+  Table(wanted, "Book").columns = {Column("Title", Type::kString)};
+  EXPECT_EQ((Lines{"background: change column Pages of Book from long to string",
+                   "background: move table Book under Work"}),
+            Reach(transaction, wanted));
+  EXPECT_EQ(Value(u"474"), Get(transaction, novel_, u"Pages"));
+}
+
+TEST_F(SchemaMovesTest, ColumnOfATypeThatConvertsToNone_MakesRoom) {
+  Transaction transaction(context_);
+  sagleme::CreateTable(transaction, u"Work", u"", {{u"Pages", Type::kBinary}});
+  SchemaDoc wanted = sagleme::ReadSchema(transaction, true);
+  Table(wanted, "Book").base = "Work";
+  Table(wanted, "Book").columns = {Column("Title", Type::kString)};
+  Table(wanted, "Book").indexes.clear();
+  EXPECT_EQ((Lines{"instant: drop index BookByPages",
+                   "destructive: drop column Pages of Book with its values",
+                   "background: move table Book under Work"}),
+            Reach(transaction, wanted));
+  EXPECT_TRUE(sagleme::IsNull(Get(transaction, novel_, u"Pages")));
+}
+
+TEST_F(SchemaMovesTest, ColumnThatIsRenamed_IsNotMadeThatOfTheNewBase) {
+  Transaction transaction(context_);
+  sagleme::CreateTable(transaction, u"Work", u"", {{u"Pages"}});
+  SchemaDoc wanted = sagleme::ReadSchema(transaction, true);
+  Table(wanted, "Book").base = "Work";
+  Table(wanted, "Book").columns[0].name = "Leaves";
+  Table(wanted, "Book").columns.push_back(Column("Title", Type::kString));
+  EXPECT_NE("", RefusalOf([&] { Reach(transaction, wanted); }));
+}
+
+TEST_F(SchemaMovesTest, ColumnThatComesUpAndTakesNull_GivesNoZeros) {
+  Transaction transaction(context_);
+  sagleme::CreateTable(transaction, u"Record", u"Item", {{u"Discs", Type::kLong, false}});
+  ObjectId const record = Make(transaction, u"Record", {{u"Discs", 2L}}).id();
+  SchemaDoc wanted = sagleme::ReadSchema(transaction, true);
+  Table(wanted, "Item").columns.push_back(Column("Discs", Type::kLong));
+  Table(wanted, "Record").columns.clear();
+  EXPECT_EQ((Lines{"background: change column Discs of Record from long without null to long",
+                   "background: pull column Discs of Record up to Item"}),
+            Reach(transaction, wanted));
+  EXPECT_EQ(Value(2L), Get(transaction, record, u"Discs"));
+  EXPECT_TRUE(sagleme::IsNull(Get(transaction, novel_, u"Discs")));
+}
+
 }  // namespace
 }  // namespace hierarchy_test
