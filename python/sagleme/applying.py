@@ -7,15 +7,15 @@ from typing import TYPE_CHECKING, Any
 
 from . import _core, planning
 from .bulk import Reports
-from .errors import Conflict, SchemaError, WrongType
+from .errors import Conflict, DuplicateKey, SchemaError, WrongType
 
 if TYPE_CHECKING:
     from .database import Database
 
 _Report = Callable[[dict[str, Any]], "bool | None"]
 
-# Schema changes of others that come between the builds and the plan.
-_ATTEMPTS = 100
+# What others change between the preparation and the plan, objects of the tables among it.
+_ATTEMPTS = 1000
 
 
 def labels(allow: Iterable[str]) -> set[str]:
@@ -27,15 +27,19 @@ def labels(allow: Iterable[str]) -> set[str]:
 
 def apply(db: Database, allowed: set[str], objects: int | None, batch: int, progress: bool,
           report: _Report | None) -> planning.Plan:
-    """With a number of objects, builds indexes over so many of them beside writers first."""
+    """With a number of objects, prepares what reads or writes so many of them beside writers."""
+    if objects is None:
+        return _make(db, allowed)
+    preparation = _Preparation(db, allowed, objects, batch, progress, report)
     for attempt in range(1, _ATTEMPTS + 1):
-        if objects is not None and not _prepare(db, allowed, objects, batch, progress, report):
-            return planning.Plan()
         try:
-            return _make(db, allowed)
+            return _make(db, allowed) if preparation.run() else planning.Plan()
         except Conflict:
-            if objects is None or attempt == _ATTEMPTS:
+            if attempt == _ATTEMPTS:
                 raise
+        except (SchemaError, DuplicateKey, WrongType):
+            preparation.abandon()
+            raise
     raise AssertionError("unreachable")
 
 
@@ -52,26 +56,46 @@ def _plan(db: Database, tx: Any, allowed: set[str]) -> planning.Plan:
     return plan
 
 
-def _prepare(db: Database, allowed: set[str], objects: int, batch: int, progress: bool,
-             report: _Report | None) -> bool:
-    """Builds what the plan's transaction will adopt; whether it was built to the end."""
-    with db.read() as tx:
-        plan = _plan(db, tx, allowed)
-        names = plan._changes and _core.indexes_to_prepare(tx, plan._changes, objects) or []
-    for index in [step.index for step in plan if step.index is not None]:
-        if index[0] not in names:
-            continue
-        with Reports(progress, _of_index(index[0], report), "done", "total") as reports:
-            if not _core.build_index(db._context(), index, False, batch, reports.take):
-                return False
-    return True
+class _Preparation:
+    """What the plan's transaction will adopt: built indexes, and values in hidden columns."""
 
+    def __init__(self, db: Database, allowed: set[str], objects: int, batch: int, progress: bool,
+                 report: _Report | None) -> None:
+        self.db, self.allowed, self.objects, self.batch = db, allowed, objects, batch
+        self.progress, self.report = progress, report
+        self.changes: dict[str, Any] = {}  # that were begun, by the column
 
-def _of_index(name: str, report: _Report | None) -> _Report | None:
-    if report is None:
-        return None
-    wanted = report
-    return lambda told: wanted({"index": name} | told)
+    def run(self) -> bool:
+        """Whether it was prepared to the end."""
+        with self.db.read() as tx:
+            plan = _plan(self.db, tx, self.allowed)
+            if plan._changes is None:
+                return True
+            names = _core.indexes_to_prepare(tx, plan._changes, self.objects)
+            changes = _core.changes_to_prepare(tx, plan._changes, self.objects)
+        indexes = [step.index for step in plan if step.index is not None]
+        return (all(self._build(index) for index in indexes if index[0] in names)
+                and all(self._write(change, alone) for change, alone in changes))
+
+    def _build(self, index: planning.IndexKey) -> bool:
+        with self._reports("index", index[0]) as reports:
+            return _core.build_index(self.db._context(), index, False, self.batch, reports.take)
+
+    def _write(self, change: tuple[Any, ...], alone: Any) -> bool:
+        column = planning.place_of(change)
+        self.changes[column] = alone
+        with self._reports("column", column) as reports:
+            return _core.prepare_change(self.db._context(), alone, "lossy" in self.allowed,
+                                        self.batch, reports.take)
+
+    def _reports(self, kind: str, name: str) -> Reports:
+        report = self.report
+        named = None if report is None else lambda told: report({kind: name} | told)
+        return Reports(self.progress, named, "done", "total")
+
+    def abandon(self) -> None:
+        for change in self.changes.values():
+            _core.abandon_change(self.db._context(), change)
 
 
 def _refuse(plan: planning.Plan, allowed: set[str]) -> None:

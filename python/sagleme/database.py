@@ -302,11 +302,11 @@ class Database:
               report: Callable[[dict[str, Any]], bool | None] | None = None) -> Plan:
         """Makes all steps of the plan in one transaction, or none, if their labels are allowed.
 
-        With `beside_writers` it builds the indexes of tables with at least `objects` objects
-        before that, in commits of `batch` objects that keep nobody waiting, unless the plan renames,
-        drops, or makes a step that objects may refuse. Each batch calls `report`; False from it, an
-        exception or Ctrl-C ends it with nothing changed, the plan returned empty, and what was
-        built kept for the next call, and listed by `jobs`.
+        With `beside_writers` it builds the indexes of tables with at least `objects` objects, and
+        writes converted values, before that, in commits of `batch` objects that keep nobody waiting,
+        unless the plan renames, drops, moves a table, or makes a step that objects may refuse. Each
+        batch calls `report`; False from it, an exception or Ctrl-C ends it with nothing changed, the
+        plan returned empty, and what was built kept for the next call. `jobs` lists indexes.
         """
         from . import applying
 

@@ -151,6 +151,15 @@ class Evolution:
         return [each for each in self._declarers.get(column, ())
                 if self._is_in_line(table, each.name)]
 
+    def sources(self, table: str, column: str) -> list[TableState]:
+        """Where its values may come from: a base that a class of the line is taken from, too."""
+        found = self.holders(table, column)
+        if found:
+            return found
+        line = [name for name in self.classes if self._is_in_line(table, name)]
+        return [each for each in self._declarers.get(column, ())
+                if any(self.derives(name, each.name) for name in line)]
+
     def old_column(self, table: str, column: str) -> tuple[Column | None, bool]:
         """What a column of a class was, and whether it was so in another table."""
         found = self.holders(table, column)
@@ -163,15 +172,15 @@ class Evolution:
         state = self.before.get(table)
         return None if state is None else str(state.entry["name"])
 
-    def nearest_old_name(self, table: str) -> str:
-        """Of the table, or the nearest above it that is in the database; "" if none is."""
-        while table:
-            name = self.old_name(table)
-            if name is not None:
-                return name
+    def line_above(self, table: str) -> list[TableState]:
+        return list(self._above(table))
+
+    def line_of(self, table: str) -> list[TableState]:
+        """The table, or the nearest above it that is in the database, and what is above that."""
+        while table and table not in self.before:
             cls = self.classes[table]._base
             table = cls._table_name if cls is not None else ""
-        return ""
+        return [self.before[table], *self._above(table)] if table else []
 
     def derives(self, table: str, base: str) -> bool:
         """Whether one is below the other in the database."""

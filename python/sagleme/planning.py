@@ -7,7 +7,7 @@ from typing import Any
 
 from . import _core, schema
 from .errors import SchemaError
-from .evolution import Column, Evolution
+from .evolution import Column, Evolution, TableState
 
 # Name, table, columns, and whether it is unique.
 IndexKey = tuple[str, str, list[tuple[str, bool]], bool]
@@ -125,6 +125,8 @@ class _Changes:
 
     def __init__(self, tx: Any, evolution: Evolution) -> None:
         self.tx, self.evolution = tx, evolution
+        self.moved: set[str] = set()  # tables
+        self.dropped: set[tuple[str, str]] = set()  # tables and columns
 
     def step(self, label: str, change: Any) -> Step:
         kind, *parts = change
@@ -159,6 +161,7 @@ class _Changes:
         return ", ".join(f"{name}: {types[name]}" for name in columns)
 
     def _drop_column(self, label: str, table: str, column: str) -> Step:
+        self.dropped.add((table, column))
         return Step(label, f"drop column {table}.{column}, with its values")
 
     def _pull_up(self, label: str, column: str, tables: list[str], base: str) -> Step:
@@ -167,34 +170,69 @@ class _Changes:
 
     def _push_down(self, label: str, table: str, column: str, tables: list[str]) -> Step:
         text = f"move column {table}.{column} down to {_listed(tables)}"
-        source = self.evolution.before[table]
+        source = self.evolution.before.get(table)
         below = [name for each in tables if self.evolution.derives(each, table)
                  and (name := self.evolution.old_name(each)) is not None]
-        if not below:
+        if source is None or column not in source.columns or not below:
             return Step("lossy", f"{text}, without the values of objects of other tables")
         refusal = _core.refusal_of(self.tx, ("push down", source.entry["name"],
                                              source.columns[column].entry["name"], below))
         return _unless_lost(label, text, [refusal])
 
-    def _change_column(self, label: str, table: str, name: str) -> Step:
-        holders = self.evolution.holders(table, name)
-        [column] = [each for each in self.evolution.classes[table]._own if each._column == name]
-        before = schema.column_type(holders[0].columns[name].entry)
-        text = f"change column {table}.{name} from {before} to {schema.field_type(column)}"
-        _, type_, nullable, target = schema.column_spec(column)
+    def _change_column(self, label: str, table: str, name: str, type_: int, nullable: bool,
+                       target: str) -> Step:
+        sources = self.evolution.sources(table, name)
+        before = [schema.column_type(each.columns[name].entry) for each in sources]
+        text = f"change column {table}.{name}{f' from {before[0]}' if before else ''} to "
+        text += self._type(table, name, type_, nullable, target)
         old_target = self.evolution.old_name(target) if target else ""
         if old_target is None:
             return Step(label, text)
         return _unless_lost(label, text, [_core.refusal_of(self.tx, (
             "change column", each.entry["name"],
             (each.columns[name].entry["name"], type_, nullable, old_target, "")))
-            for each in holders])
+            for each in sources])
+
+    def _type(self, table: str, name: str, type_: int, nullable: bool, target: str) -> str:
+        """As the class writes it, if it is not to be another one in the end."""
+        cls = self.evolution.classes.get(table)
+        for column in cls._own if cls is not None else ():
+            if schema.column_spec(column) == (name, type_, nullable, target):
+                return schema.field_type(column)
+        return schema.column_type({"type": type_, "nullable": nullable, "target": target})
 
     def _set_base(self, label: str, table: str, base: str) -> Step:
         text = f"move table {table} under {base}" if base else f"move table {table} to the root"
-        refusal = _core.refusal_of(self.tx, ("set base", self.evolution.old_name(table),
-                                             self.evolution.nearest_old_name(base)))
+        new = self.evolution.line_of(base)
+        refusal = self._in_the_way(table, new) or _core.refusal_of(
+            self.tx, ("set base", self.evolution.old_name(table),
+                      new[0].entry["name"] if new else ""))
+        self.moved.add(table)
         return Step("refused", f"{text}: {refusal}") if refusal else Step(label, text)
+
+    def _in_the_way(self, table: str, new: list[TableState]) -> str:
+        """What the table would take along from its bases beside another column of that name."""
+        old = self.evolution.line_above(table)
+        if self.moved & {each.name for each in [*old, *new]}:
+            return ""  # they are no longer what they were
+        inherited = {name: (each, column) for each in new if each not in old
+                     for name, column in each.columns.items()}
+        for each in old:
+            for name, column in each.columns.items() if each not in new else ():
+                other, same = inherited.get(name, (each, column))
+                gone = {(each.name, name), (other.name, name)} & self.dropped
+                if column.shape() != same.shape() and not gone:
+                    return (f"it has {each.name}.{name}, and {other.name}.{name} is another column; "
+                            f"give one of them another name, with was=")
+        return ""
+
+
+def place_of(change: tuple[Any, ...]) -> str:
+    """The column of a change of columns, in the table whose subtree has the objects."""
+    if change[0] == "pull up":
+        _, column, _, base = change
+        return f"{base}.{column}"
+    return f"{change[1]}.{change[2]}"
 
 
 def _listed(names: Iterable[str]) -> str:

@@ -169,7 +169,7 @@ def misfit_of(cls: Any, tables: dict[str, Any]) -> str:
             return (f"class {cls.__name__} does not fit table {cls._table_name}: column {name} is "
                     f"{column_type(before)} there and {field_type(column)} as {column!r}; "
                     f"db.plan() shows more")
-    return ""
+    return "" if cls._base is None else misfit_of(cls._base, tables)
 
 
 class ClassMaker:

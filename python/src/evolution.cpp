@@ -8,6 +8,7 @@
 #include <sagleme/schema_plan.hpp>
 
 #include "catalogue.h"
+#include "reports.h"
 
 namespace binding {
 namespace {
@@ -134,7 +135,10 @@ struct Parts {
                          Names(it.tables));
   }
   PyObject* operator()(sagleme::change::ChangeColumn const& it) const {
-    return Py_BuildValue("(sNN)", "change column", FromUtf8(it.table), FromUtf8(it.after.name));
+    sagleme::ColumnDoc const& after = it.after;
+    return Py_BuildValue("(sNNiNN)", "change column", FromUtf8(it.table), FromUtf8(after.name),
+                         static_cast<int>(after.type), PyBool_FromLong(after.nullable ? 1 : 0),
+                         FromUtf8(after.target));
   }
   PyObject* operator()(sagleme::change::SetBase const& it) const {
     return Py_BuildValue("(sNN)", "set base", FromUtf8(it.table), FromUtf8(it.base));
@@ -155,10 +159,23 @@ void Delete(PyObject* capsule) {
   delete static_cast<sagleme::Plan*>(PyCapsule_GetPointer(capsule, kPlan));
 }
 
+PyObject* CapsuleOf(sagleme::Plan plan) {
+  auto owned = std::make_unique<sagleme::Plan>(std::move(plan));
+  PyObject* const capsule = PyCapsule_New(owned.get(), kPlan, Delete);
+  if (capsule != nullptr) owned.release();
+  return capsule;
+}
+
 sagleme::Plan const& PlanFrom(PyObject* capsule) {
   void* const plan = PyCapsule_GetPointer(capsule, kPlan);
   if (plan == nullptr) throw PythonError{};
   return *static_cast<sagleme::Plan const*>(plan);
+}
+
+PyObject* ProgressOf(sagleme::ColumnChangeProgress const& done) {
+  return Py_BuildValue("{sKsKsK}", "done", static_cast<unsigned long long>(done.done), "total",
+                       static_cast<unsigned long long>(done.total), "conflicts",
+                       static_cast<unsigned long long>(done.conflicts));
 }
 
 // Names alone say what is the same: what a class calls a former name is settled before.
@@ -198,16 +215,15 @@ PyObject* PlanChanges(PyObject*, PyObject* args) {
   return Guard([&]() -> PyObject* {
     sagleme::SchemaDoc const before = SchemaFrom(from);
     sagleme::SchemaDoc const after = SchemaFrom(to);
-    auto plan = std::make_unique<sagleme::Plan>();
+    sagleme::Plan plan;
     try {
-      *plan = Compare(before, after);
+      plan = Compare(before, after);
     } catch (sagleme::Failure const& failure) {
       Raise("SchemaError", failure.what());
     }
     Ref list(Need(PyList_New(0)));
-    for (sagleme::Change const& change : *plan) Append(list.get(), Told(change));
-    Ref capsule(Need(PyCapsule_New(plan.get(), kPlan, Delete)));
-    plan.release();
+    for (sagleme::Change const& change : plan) Append(list.get(), Told(change));
+    Ref capsule(Need(CapsuleOf(std::move(plan))));
     return Py_BuildValue("(NN)", capsule.release(), list.release());
   });
 }
@@ -257,6 +273,72 @@ PyObject* IndexesToPrepare(PyObject*, PyObject* args) {
     Ref names(Need(PyList_New(0)));
     for (sagleme::IndexSpec const& each : found) Append(names.get(), FromUnits(each.name));
     return names.release();
+  });
+}
+
+PyObject* ChangesToPrepare(PyObject*, PyObject* args) {
+  PyObject* transaction = nullptr;
+  PyObject* capsule = nullptr;
+  unsigned long long objects = 0;
+  if (!PyArg_ParseTuple(args, "OOK", &transaction, &capsule, &objects)) return nullptr;
+  return Guard([&] {
+    sagleme::Transaction& kernel = KernelOf(transaction);
+    sagleme::Plan const& plan = PlanFrom(capsule);
+    sagleme::Plan found;
+    Away(As<Transaction>(transaction),
+         [&] { found = sagleme::ChangesToPrepare(kernel, plan, objects); });
+    Ref list(Need(PyList_New(0)));
+    for (sagleme::Change& change : found) {
+      Ref const parts(Need(std::visit(Parts{}, change)));
+      Ref const plan_of_one(Need(CapsuleOf({std::move(change)})));
+      Append(list.get(), PyTuple_Pack(2, parts.get(), plan_of_one.get()));
+    }
+    return list.release();
+  });
+}
+
+PyObject* PrepareChange(PyObject*, PyObject* args) {
+  PyObject* context_object = nullptr;
+  PyObject* capsule = nullptr;
+  int allow_losses = 0;
+  unsigned int batch = 0;
+  PyObject* report = nullptr;
+  if (!PyArg_ParseTuple(args, "O!OpIO", &g_context_type, &context_object, &capsule, &allow_losses,
+                        &batch, &report)) {
+    return nullptr;
+  }
+  return Guard([&] {
+    auto* const context = IdleContext(context_object, "a change is prepared");
+    sagleme::Plan plan = PlanFrom(capsule);
+    if (allow_losses != 0) sagleme::AllowLosses(plan);
+    sagleme::ColumnChangeOptions options;
+    options.batch = batch;
+    options.report = [report](auto const& done) {
+      return Report(report, [&] { return ProgressOf(done); });
+    };
+    bool const prepared = NotStopped([&] {
+      Working const working(context->database);
+      Unlocked const unlocked;
+      return sagleme::PrepareChange(*context->handle, plan.at(0), options);
+    });
+    if (PyErr_Occurred()) throw PythonError{};
+    return PyBool_FromLong(prepared ? 1 : 0);
+  });
+}
+
+PyObject* AbandonChange(PyObject*, PyObject* args) {
+  PyObject* context_object = nullptr;
+  PyObject* capsule = nullptr;
+  if (!PyArg_ParseTuple(args, "O!O", &g_context_type, &context_object, &capsule)) return nullptr;
+  return Guard([&]() -> PyObject* {
+    auto* const context = IdleContext(context_object, "a change is abandoned");
+    sagleme::Plan const plan = PlanFrom(capsule);
+    {
+      Working const working(context->database);
+      Unlocked const unlocked;
+      sagleme::AbandonChange(*context->handle, plan.at(0));
+    }
+    Py_RETURN_NONE;
   });
 }
 

@@ -22,6 +22,15 @@ PyObject* RefusalOf(PyObject* module, PyObject* args);
 // indexes_to_prepare(transaction, plan, objects): the names of those that are worth building beside
 // writers, since their tables have so many objects; none if the plan moves what they are built on.
 PyObject* IndexesToPrepare(PyObject* module, PyObject* args);
+// changes_to_prepare(transaction, plan, objects): [(change, plan of it alone)] of the changes of
+// columns for which that pays, likewise.
+PyObject* ChangesToPrepare(PyObject* module, PyObject* args);
+// prepare_change(context, plan of one, allow_losses, objects in a batch, report or None):
+// whether it was prepared to the end. `report` is called with a dictionary after each batch; False
+// ends it, and what was written stays.
+PyObject* PrepareChange(PyObject* module, PyObject* args);
+// abandon_change(context, plan of one): removes what was written for it.
+PyObject* AbandonChange(PyObject* module, PyObject* args);
 
 }  // namespace binding
 

@@ -374,6 +374,67 @@ def test_a_reference_gets_another_target():
             assert [type(each.by) for each in tx.all(new)] == [Person, type(None)]
 
 
+def test_a_column_of_the_old_base_that_the_new_one_has_otherwise():
+    def models(number):
+        first = table("One", sg.Table, {"code": (int, 0)}, name="B.One")
+        second = table("Two", sg.Table, {"code" if number < 3 else "text": (
+            str | None, sg.column(was="code") if number == 3 else None)}, name="B.Two")
+        return first, second, table("Leaf", first if number == 1 else second, {
+            "code": (int, 0)} if number == 3 else {}, name="B.Leaf")
+
+    with begin(*models(1)) as db, db.write() as tx:
+        tx.new(db["B.Leaf"], code=4)
+    with sg.open("shelf", models=models(2), sync=False) as db:
+        [step] = [each for each in db.plan() if each.label == "refused"]
+        assert step.text == ("move table B.Leaf under B.Two: it has B.One.code, and B.Two.code is "
+                             "another column; give one of them another name, with was=")
+        with pytest.raises(sg.SchemaError, match="give one of them another name"):
+            db.apply(allow=ALL)
+    with sg.open("shelf", models=models(3), sync=False) as db:
+        assert lines(db) == ["instant     rename column B.Two.code to text",
+                             "background  move table B.Leaf under B.Two"]
+        db.apply()
+        with db.read() as tx:
+            assert [(each.code, each.text) for each in tx.all(db["B.Two"])] == [(4, None)]
+
+
+def test_a_class_between_two_takes_columns_of_both():
+    def models(number):
+        top = table("Top", sg.Table, {"title": str | None, "rest": (int, 0)} if number == 1
+                    else {"rest": (int, 0)}, name="B.Top")
+        if number == 1:
+            return top, table("Leaf", top, {"pages": (int, 0)}, name="B.Leaf")
+        middle = table("Middle", top, {"title": str | None, "pages": str | None}, name="B.Middle")
+        return top, table("Leaf", middle, {}, name="B.Leaf")
+
+    with begin(*models(1)) as db, db.write() as tx:
+        tx.new(db["B.Leaf"], title="t", pages=7, rest=1)
+        tx.new(db["B.Top"], rest=2)
+    with sg.open("shelf", models=models(2), sync=False) as db:
+        assert {each.label for each in db.plan()} <= {"instant", "background", "lossy"}
+        db.apply(allow=ALL)
+        assert lines(db) == []
+        with db.read() as tx:
+            assert [(each.title, each.pages) for each in tx.all(db["B.Middle"])] == [("t", "7")]
+
+
+def test_objects_get_no_zeros_with_a_column_that_moves_up_and_takes_none():
+    def models(number):
+        top = table("Top", sg.Table, {"pages": int | None} if number == 2 else {}, name="B.Top")
+        return (top, table("Leaf", top, {"pages": (int, 0)} if number == 1 else {}, name="B.Leaf"),
+                table("Other", top, {}, name="B.Other"))
+
+    with begin(*models(1)) as db, db.write() as tx:
+        tx.new(db["B.Leaf"], pages=7)
+        tx.new(db["B.Leaf"])
+        tx.new(db["B.Other"])
+    with sg.open("shelf", models=models(2), sync=False) as db:
+        db.apply()
+        with db.read() as tx:
+            assert {(type(each).__name__, each.pages) for each in tx.all(db["B.Top"])} == {
+                ("Leaf", 7), ("Leaf", 0), ("Other", None)}
+
+
 # ---- beside what others do
 
 
@@ -441,3 +502,90 @@ def test_a_plan_in_an_open_transaction_sees_what_it_wrote():
             assert [each.label for each in new.plan()] == ["background"]
             with pytest.raises(sg.NestedTransaction):
                 new.apply()
+
+
+# ---- in batches, beside writers
+
+
+def rows_of(db, cls, **columns):
+    with db.write() as tx:
+        tx.insert_many(cls, [{name: value(i) for name, value in columns.items()}
+                             for i in range(300)])
+
+
+def test_large_tables_change_in_batches_beside_writers():
+    before, after = item(year=(int, 0), code=str | None), item(year=str | None, code=int | None)
+    told = []
+    with begin(before) as old, sg.open("shelf", models=[after], sync=False) as new:
+        rows_of(old, before, year=lambda i: i, code=str)
+
+        def report(done):
+            told.append(done)
+            if len(told) == 2:
+                with old.write() as tx:
+                    tx.new(before, year=300, code="300")
+                    tx.all(before).where(year=7).one().code = "-7"
+
+        plan = new.apply(beside_writers=True, objects=100, batch=50, report=report)
+        assert [step.label for step in plan] == ["background", "background"]
+        assert {each["column"] for each in told} == {"L.Item.year", "L.Item.code"}
+        assert all(set(each) == {"column", "done", "total", "conflicts"} for each in told)
+        assert lines(new) == []
+        with new.read() as tx:
+            found = {each.year: each.code for each in tx.all(after)}
+        assert found == {str(i): i for i in range(301)} | {"7": -7}
+        assert new.check(references=True) == [] and new.jobs() == []
+
+
+def test_what_was_written_in_batches_is_kept_for_the_next_call():
+    before, after = item(year=(int, 0)), item(year=str | None)
+    with begin(before) as old, sg.open("shelf", models=[after], sync=False) as new:
+        rows_of(old, before, year=lambda i: i)
+        plan = lines(new)
+        assert not new.apply(beside_writers=True, objects=100, batch=50, report=lambda _: False)
+        assert lines(new) == plan
+        with old.read() as tx:
+            assert tx.all(before).where(year=4).count() == 1
+        told = []
+        assert new.apply(beside_writers=True, objects=100, batch=50, report=told.append)
+        assert told[-1]["done"] == 250
+        with new.read() as tx:
+            assert sorted(int(each.year) for each in tx.all(after)) == list(range(300))
+
+
+def test_what_is_refused_in_a_batch_leaves_nothing_behind():
+    before, after = item(code=str | None), item(code=int | None)
+    with begin(before) as old, sg.open("shelf", models=[after], sync=False) as new:
+        rows_of(old, before, code=str)
+        told = []
+
+        def report(done):
+            told.append(done)
+            if len(told) == 1:
+                with old.write() as tx:
+                    tx.new(before, code="none")
+
+        with pytest.raises(sg.SchemaError, match='not allowed:\nlossy .*"none"'):
+            new.apply(beside_writers=True, objects=100, batch=50, report=report)
+        with old.read() as tx:
+            assert [each["name"] for each in tx._snapshot.tables["L.Item"]["columns"]
+                    if each["name"].startswith("__next")] == []
+            assert tx.all(before).count() == 301
+        new.apply(allow=ALL, beside_writers=True, objects=100, batch=50)
+        with new.read() as tx:
+            assert sum(each.code is None for each in tx.all(after)) == 1
+
+
+def test_an_exception_of_the_report_keeps_what_was_written():
+    before, after = item(year=(int, 0)), item(year=str | None)
+    with begin(before) as old, sg.open("shelf", models=[after], sync=False) as new:
+        rows_of(old, before, year=lambda i: i)
+
+        def report(done):
+            raise ZeroDivisionError
+
+        with pytest.raises(ZeroDivisionError):
+            new.apply(beside_writers=True, objects=100, batch=50, report=report)
+        assert len(lines(new)) == 1
+        new.apply()
+        assert lines(new) == []
