@@ -31,6 +31,10 @@ extern "C" {
  * whether the iterator can still be used. If a call fails, the iterator returns that status from
  * then on. LSCOREDB_INVALID_ARGUMENT: unknown flags, or more than one.
  *
+ * With LSCOREDB_FETCH_ROWS the rows of the objects, and of a server those of many more to come, are
+ * on their way when it returns: however few are asked for at a time, a scan that reads them all
+ * takes no more round trips than one by single steps.
+ *
  * With LSCOREDB_COUNT_ONLY a page of entries takes hardly longer than one: as long as the
  * transaction has written nothing, the entries inside a page are counted unread, so damage to them
  * is not found. What a log holds lies between them, and each entry of it costs a look. */

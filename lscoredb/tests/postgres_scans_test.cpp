@@ -2,6 +2,7 @@
 // Pages of entries have 16, 512 and 8192 entries, and the rows that a scan reads come in batches of
 // such sizes, or with the page.
 
+#include <lscoredb/bulk.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -55,6 +56,34 @@ class PostgresScanTest : public StoppedWaitsTest {
     return TripsOf(database) - before - 1;
   }
 
+  // The same by pages of so many objects.
+  static std::uint64_t ScanByPages(Database const& database, Session& session, IndexId index,
+                                   std::uint32_t size) {
+    std::uint64_t const before = TripsOf(database);
+    Scanner scan(session, index, Key(), Key());
+    std::vector<LORV_REFERENCE> page(size);
+    int objects = 0;
+    std::int64_t last = -10;
+    for (std::uint32_t count = size; count == size;) {
+      Check("next_many", lscoredb_iterator_next_many(scan.handle(), LSCOREDB_FETCH_ROWS, size,
+                                                     page.data(), &count));
+      for (std::uint32_t i = 0; i < count; ++i, ++objects) {
+        std::int64_t const value = *session.Long(page[i].oid, kPairValue);
+        EXPECT_GT(value, last);
+        last = value;
+      }
+    }
+    EXPECT_EQ(objects, kItems + 2);
+    return TripsOf(database) - before - 1;
+  }
+  std::uint64_t ColdScanByPages(std::uint32_t size) const {
+    Database const cold(url_ + "&timeout=6");
+    Session reader(cold);
+    reader.BeginReadOnly();
+    PairWorld const seen(reader);
+    return ScanByPages(cold, reader, seen.index, size);
+  }
+
   // The same in a process with nothing in memory but the table.
   std::uint64_t ColdScan(std::function<bool(int)> const& reads,
                          std::uint32_t flags = LORV_ITERATOR_FORWARD) const {
@@ -95,6 +124,17 @@ TEST_F(PostgresScanTest, RowsInFallingOrder_ComeWithTheirPage) {
 TEST_F(PostgresScanTest, ScatteredRows_ComeBehindTheirPage) {
   AddItems([](int i) { return i * 397 % kItems; });
   EXPECT_EQ(ColdScan(All), 6U);
+}
+
+// As many round trips as the same scan by single steps.
+TEST_F(PostgresScanTest, ScanByPages_TakesNoMoreTripsThanBySteps) {
+  AddItems();
+  for (std::uint32_t const size : {1U, 7U, 16U, 256U, 2000U}) EXPECT_LE(ColdScanByPages(size), 4U);
+}
+
+TEST_F(PostgresScanTest, ScanByPagesOfScatteredRows_TakesNoMoreTripsThanBySteps) {
+  AddItems([](int i) { return i * 397 % kItems; });
+  for (std::uint32_t const size : {1U, 7U, 16U, 256U, 2000U}) EXPECT_LE(ColdScanByPages(size), 6U);
 }
 
 TEST_F(PostgresScanTest, ScanWithoutReads_TakesPagesOnly) {

@@ -225,7 +225,7 @@ Entry const* Iterator::NextEntry() {
 // not read hardly pays for it.
 void Iterator::FetchAhead() {
   if (!has_committed_) return;
-  if (source_.far) return AskTogether();
+  if (source_.far) return AskTogether(false);
   if (steps_++ % kStepsPerLook == 1) reading_ = source_.rows->Find(given_) != nullptr;
   if (!reading_) return;
   source_.shared_rows->PrefetchSlot(Guess(kSlotsAhead));
@@ -242,11 +242,11 @@ ObjectId Iterator::Guess(std::size_t ahead) const {
 // Prefetch from a server: one round trip fetches the rows of the next entries, as far as the
 // current page of entries reaches, and the snapshot keeps them. The number grows from 16 to 8192,
 // so short scans fetch little that is not read. Whether the caller still reads is looked at again
-// in the last steps: then rows may come with the next page.
-void Iterator::AskTogether() {
-  if (given_ == kNoObject) return NoteFirstRows();
+// in the last steps, unless it has said so (`reads`): then rows may come with the next page.
+void Iterator::AskTogether(bool reads) {
+  if (given_ == kNoObject && !reads) return NoteFirstRows();
   if (asked_ > 0) --asked_;
-  if (asked_ > kLastSteps || !IsReading()) return;
+  if (asked_ > kLastSteps || !(reads || IsReading())) return;
   if (run_.has_value()) committed_.FetchWithNextPage(*std::exchange(run_, std::nullopt));
   if (asked_ == 0) AskForUpcoming();
 }
@@ -306,18 +306,40 @@ Status Iterator::NextMany(std::span<EntryObject> out, bool fetch, std::size_t* c
   if (!open_) return ended_;
   if (failed_ != LORV_STATUS_OK) return failed_;
   failed_ = Guarded([&]() -> Status {
-    std::size_t filled = 0;
-    while (filled < out.size() && TakeAhead(&out[filled])) ++filled;
-    for (;;) {
-      filled += TakeRun(out.subspan(filled));
-      if (filled == out.size() || !Step(&out[filled])) break;
-      ++filled;
+    if (source_.far && fetch) {
+      *count = TakePageFromServer(out);
+      return LORV_STATUS_OK;
     }
-    if (fetch) Fetch(out.first(filled));
+    std::size_t const filled = TakePage(out);
+    if (fetch) {
+      wanted_.clear();
+      for (EntryObject const& each : out.first(filled)) wanted_.push_back(Raw(each.object));
+      FetchRows(source_, wanted_);
+    }
     *count = filled;
     return LORV_STATUS_OK;
   });
   return failed_;
+}
+
+std::size_t Iterator::TakePage(std::span<EntryObject> out) {
+  std::size_t filled = 0;
+  while (filled < out.size() && TakeAhead(&out[filled])) ++filled;
+  for (;;) {
+    filled += TakeRun(out.subspan(filled));
+    if (filled == out.size() || !Step(&out[filled])) return filled;
+    ++filled;
+  }
+}
+
+// By single steps, which ask for rows at the beginning of a page of entries.
+std::size_t Iterator::TakePageFromServer(std::span<EntryObject> out) {
+  std::size_t filled = 0;
+  for (; filled < out.size() && Step(&out[filled]); ++filled) {
+    if (has_committed_) AskTogether(true);
+    given_before_ = std::exchange(given_, out[filled].object);
+  }
+  return filled;
 }
 
 Status Iterator::Skip(std::size_t most, std::size_t* count) {
@@ -384,12 +406,6 @@ bool Iterator::TakeAhead(EntryObject* found) {
     if (Amend(found)) return true;
   }
   return false;
-}
-
-void Iterator::Fetch(std::span<EntryObject const> objects) {
-  wanted_.clear();
-  for (EntryObject const& each : objects) wanted_.push_back(Raw(each.object));
-  FetchRows(source_, wanted_);
 }
 
 bool Iterator::Step(EntryObject* found) {

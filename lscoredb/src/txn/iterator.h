@@ -70,7 +70,8 @@ class Iterator {
   bool InPlainPage() const;
   bool SkipAhead(std::size_t most, std::size_t* skipped);
   std::size_t TakeRun(std::span<EntryObject> out);
-  void Fetch(std::span<EntryObject const> objects);
+  std::size_t TakePage(std::span<EntryObject> out);
+  std::size_t TakePageFromServer(std::span<EntryObject> out);
   // Null at the end. Valid until the next call.
   Entry const* NextEntry();
   bool InRange(EncodedKey const& key) const;
@@ -83,7 +84,7 @@ class Iterator {
   void SkipRun(PendingIndex::RemovedRuns::Run const& run);
   void EndRemoved();
   void FetchAhead();
-  void AskTogether();
+  void AskTogether(bool reads);
   void AskForUpcoming();
   void NoteFirstRows();
   bool IsReading() const;
