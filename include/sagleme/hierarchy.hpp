@@ -94,7 +94,8 @@ SAGLEME_HOST_API std::uint64_t Retype(Transaction& transaction, std::span<Object
 // The same with values for columns of the new table: `write` is called with each object that
 // changes, when it has the new columns and is in no table and index yet, so it names the table:
 // object.Set(to, column, value). A unique index refuses the object for the values that it has then,
-// not for kept ones that are written over. What `write` throws undoes all and comes out.
+// not for kept ones that are written over. What `write` throws undoes all and comes out. REQUIRES:
+// `write` does not end the transaction.
 SAGLEME_HOST_API std::uint64_t Retype(Transaction& transaction, std::span<ObjectId const> objects,
                                       Table const& to, RetypeOptions const& options,
                                       std::function<void(Object&)> const& write);

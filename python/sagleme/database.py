@@ -7,7 +7,7 @@ import functools
 import os
 import threading
 import weakref
-from collections.abc import Callable, Iterable, Iterator
+from collections.abc import Callable, Iterable, Iterator, Sequence
 from types import TracebackType
 from typing import TYPE_CHECKING, Any, NamedTuple, TypeVar
 
@@ -395,7 +395,7 @@ class Database:
         with Reports(progress, report, "done", "total") as reports:
             return _core.build_index(self._context(), key, True, batch, reports.take)
 
-    def retype(self, cls: Any, to: Any, *, where: Condition | Iterable[Condition] | None = None,
+    def retype(self, cls: Any, to: Any, *, where: Condition | Sequence[Condition] | None = None,
                only: bool = False, by_name: bool = False, references: References = "refuse",
                allow_losses: bool = False, batch: int = 10_000, progress: bool = False,
                report: Callable[[dict[str, Any]], bool | None] | None = None) -> int:
@@ -413,7 +413,7 @@ class Database:
                              references, allow_losses, batch, progress, report)
 
     def plan_retype(self, cls: Any, to: Any, *,
-                    where: Condition | Iterable[Condition] | None = None, only: bool = False,
+                    where: Condition | Sequence[Condition] | None = None, only: bool = False,
                     by_name: bool = False) -> RetypePlan:
         """What `retype` would do with the same arguments. Print it."""
         from . import retyping

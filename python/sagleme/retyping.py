@@ -2,7 +2,7 @@
 
 from __future__ import annotations
 
-from collections.abc import Callable, Iterable
+from collections.abc import Callable, Sequence
 from typing import TYPE_CHECKING, Any, Literal, NamedTuple
 
 from . import _core
@@ -17,7 +17,9 @@ if TYPE_CHECKING:
 References = Literal["refuse", "null", "keep"]
 
 _REFERENCES = ("refuse", "null", "keep")
-_LOSSES = "allow_losses=True gives these values up"
+_LOSSES = "allow_losses=True gives up values that the class has no column for"
+_SETTLED = 'references="null" empties references that may not lead there, "keep" leaves them'
+_MOST_IN_BATCH = 2**63 - 1
 _LISTED = 20
 
 
@@ -74,14 +76,15 @@ def one(tx: Transaction, object: Any, cls: Any, by_name: bool, references: str, 
         return _core.retype_object(tx, object, cls, values, by_name, _code(references), allow_losses)
     except SchemaError as error:
         if error.hint and not error.status:
-            error.hint = f'{_LOSSES}, references="null" or "keep" such references'
+            error.hint = f"{_LOSSES}; {_SETTLED}"
         raise
 
 
-def planned(db: Database, cls: Any, to: Any, where: Condition | Iterable[Condition] | None,
+def planned(db: Database, cls: Any, to: Any, where: Condition | Sequence[Condition] | None,
             only: bool, by_name: bool) -> tuple[Any, RetypePlan]:
     """The identities of the objects, and the plan."""
-    conditions = [where] if isinstance(where, Condition) else [] if where is None else where
+    alone = where is not None and not isinstance(where, (list, tuple))
+    conditions: Any = [where] if alone else where or []
     with db.read() as tx:
         ids = columns_of(Query(tx, cls, only).where(*conditions).select("id")).words(0)
         count, lost, referrers = _core.plan_retype(tx, ids, to, by_name)
@@ -89,7 +92,7 @@ def planned(db: Database, cls: Any, to: Any, where: Condition | Iterable[Conditi
                            [Referrer(*each) for each in referrers])
 
 
-def many(db: Database, cls: Any, to: Any, where: Condition | Iterable[Condition] | None, only: bool,
+def many(db: Database, cls: Any, to: Any, where: Condition | Sequence[Condition] | None, only: bool,
          by_name: bool, references: str, allow_losses: bool, batch: int, progress: bool,
          report: Callable[[dict[str, Any]], bool | None] | None) -> int:
     code = _code(references)
@@ -100,7 +103,7 @@ def many(db: Database, cls: Any, to: Any, where: Condition | Iterable[Condition]
     if plan.referrers and references == "refuse":
         shown = repr(plan._replace(lost=[])).split("\n", 1)[1]
         raise SchemaError(f"nothing was changed; references may not lead to {to.__name__}:\n{shown}",
-                          hint='change them first; references="null" or "keep" settles them')
+                          hint=_SETTLED)
     with Reports(progress, report, "done", "total") as reports:
-        return _core.retype(db._context(), ids, to._table_name, by_name, code, allow_losses, batch,
-                            reports.take)
+        return _core.retype(db._context(), ids, to._table_name, by_name, code, allow_losses,
+                            min(batch, _MOST_IN_BATCH), reports.take)

@@ -76,7 +76,8 @@ void CloseDatabase(Database* database) {
   if (database->handle == nullptr) return;
   bool busy = database->working > 0;
   for (Context const* const context : *database->contexts) {
-    busy |= context->current != nullptr && context->current->state == State::kBusy;
+    Transaction const* const current = context->current;
+    busy |= current != nullptr && (current->state == State::kBusy || current->held);
   }
   if (busy) Raise("InUse", "another thread is busy in this database; close it later");
   CloseReaders(database);

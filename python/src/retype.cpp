@@ -20,13 +20,16 @@ void WriteGiven(Transaction* transaction, Binding const& binding, std::uint64_t 
   }
 }
 
-// Gives the interpreter's lock and the transaction back to Python for a while, inside of Away.
+// Gives the interpreter's lock and the transaction back to Python for a while, inside of Away. The
+// values to be written may run any code of Python, which cannot end the transaction.
 class Back {
  public:
   explicit Back(Transaction* transaction) : transaction_(transaction), state_(PyGILState_Ensure()) {
     transaction->state = State::kOpen;
+    transaction->held = true;
   }
   ~Back() {
+    transaction_->held = false;
     if (transaction_->state == State::kOpen) transaction_->state = State::kBusy;
     PyGILState_Release(state_);
   }

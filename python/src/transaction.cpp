@@ -61,6 +61,7 @@ void FreeOrphans(Transaction* transaction) {
 template <typename Work>
 void End(Transaction* self, Work&& work) {
   NeedOpen(self);
+  if (self->held) Raise("InUse", "the transaction is in the middle of a call; end it afterwards");
   FreeOrphans(self);
   std::unique_ptr<sagleme::Transaction> kernel(std::exchange(self->kernel, nullptr));
   self->state = State::kBusy;

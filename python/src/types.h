@@ -102,6 +102,7 @@ enum class State : std::uint8_t { kOpen, kBusy, kEnded, kForked };
 
 struct Transaction {
   PyObject_HEAD State state;
+  bool held;  // open, but in the middle of a call, which it must outlive
   bool writes;
   std::uint64_t context_id;
   std::uint64_t stamp;  // moves with every write and rollback: what was read before may be stale

@@ -180,6 +180,25 @@ def test_objects_and_classes_that_cannot_be(db, tx, make):
         reading.retype(reading.all(Film).where(minutes=None).first(), Book)
 
 
+def test_values_whose_code_uses_the_transaction(db, tx):
+    class Number:
+        def __init__(self, work):
+            self.work = work
+
+        def __index__(self):
+            self.work()
+            return 7
+
+    film = tx.all(Film).where(minutes=None).first()
+    for end in (tx.commit, tx.rollback, db.close):
+        with pytest.raises(sg.InUse):
+            tx.retype(film, Book, pages=Number(end))
+        assert film._live and tx.open
+    seen = []
+    book = tx.retype(film, Book, pages=Number(lambda: seen.append(tx.all(Person).count())))
+    assert book.pages == 7 and seen == [2]
+
+
 def test_a_rule_that_a_failure_takes_back(make):
     class Cover(sg.Table):
         text: str | None
