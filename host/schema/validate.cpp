@@ -34,6 +34,9 @@ SchemaDoc CompletedSchema(SchemaDoc const& wanted, SchemaDoc const& present) {
 
 namespace {
 
+// Besides those that every table has.
+constexpr std::size_t kMostColumns = metalayer::kMaxColumns - 3;
+
 class Validator {
  public:
   Validator(SchemaDoc const& schema, std::string const& source) : source_(source) {
@@ -82,6 +85,11 @@ class Validator {
         if (!seen.emplace(column.name, at->name).second) {
           Refuse("table {} would have two columns {}", table.name, column.name);
         }
+      }
+      if (seen.size() > kMostColumns) {
+        Refuse(
+            "table {} would have {} columns, and a table has at most {}, inherited ones included",
+            table.name, seen.size(), kMostColumns);
       }
     }
     for (ColumnDoc const& column : table.columns) {

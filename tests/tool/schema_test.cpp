@@ -267,6 +267,19 @@ TEST_F(SchemaTest, Apply_OneTable_LeavesTheOthers) {
   EXPECT_EQ("instant      rename column Pages of App.Item to Sheets\n", ApplyDocument(document));
 }
 
+TEST_F(SchemaTest, Apply_OfMoreColumnsThanATableHas_IsRefusedBeforeItIsCompared) {
+  Json columns = Json::array();
+  for (int i = 0; i < 20000; ++i) {
+    columns.push_back({{"name", "c" + std::to_string(i)}, {"type", "long"}});
+  }
+  Json const wide{{"schema", 1}, {"tables", {{{"name", "Wide"}, {"columns", columns}}}}};
+  std::string const file = Write("wide.json", wide.dump());
+  EXPECT_NE(std::string::npos,
+            On("apply", {file, "--plan"}, 2)
+                .err.find("wide.json: table Wide would have 20000 columns, and a table "
+                          "has at most 112, inherited ones included"));
+}
+
 TEST_F(SchemaTest, Apply_BadDocuments_AreUsageAndSayWhere) {
   auto const refused = [&](std::string const& text) {
     return On("apply", {Write("bad.json", text)}, 2).err;
