@@ -50,6 +50,19 @@ TEST_F(SqlTest, File_IsRun_AndItsLinesAreCounted) {
   EXPECT_EQ(On("sql", {"--file", "-"}, 0, "SELECT 2 AS c").out, "c\n2\n");
 }
 
+TEST_F(SqlTest, ZeroByte_IsRefused) {
+  std::string const text("SELECT 1 AS a;\n\0SELECT 2;\n", 26);
+  std::string const error =
+      "sagleme: there is a zero byte in the statements (line 2, column 1)\n"
+      "  The input must be text in UTF-8.\n";
+  Result const lines = On("sql", {}, 2, text);
+  EXPECT_EQ("a\n1\n", lines.out);
+  EXPECT_EQ(error, lines.err);
+  Result const file = On("sql", {"--file", Write("zero.sql", text)}, 2);
+  EXPECT_EQ("", file.out) << "a file is looked at before it is run";
+  EXPECT_EQ(error, file.err);
+}
+
 TEST_F(SqlTest, Lines_AreStatementsAndDotCommands) {
   Result const result =
       On("sql", {}, 0,

@@ -45,6 +45,15 @@ std::string Position(std::string_view all, std::size_t offset, std::size_t first
   return fmt::format(" (line {}, column {})", line + std::max<std::size_t>(first_line, 1), column);
 }
 
+// SQLite would take it for the end of the text.
+void RefuseZeroBytes(std::string_view text, std::size_t first_line) {
+  std::size_t const at = text.find('\0');
+  if (at == std::string_view::npos) return;
+  throw Failure(Exit::kUsage,
+                "there is a zero byte in the statements" + Position(text, at, first_line),
+                "The input must be text in UTF-8.");
+}
+
 [[noreturn]] void Fail(sqlite3* handle, std::string const& position) {
   int const code = sqlite3_errcode(handle);
   if (code == SQLITE_INTERRUPT) CheckInterrupt();
@@ -208,6 +217,7 @@ std::string_view SqlConnection::RunOne(std::string_view text, Output const& outp
 
 void SqlConnection::Run(std::string_view text, Output const& output, std::size_t first_line) {
   std::string_view const all = text;
+  RefuseZeroBytes(all, first_line);
   while (!OnlyBlanks(text)) {
     text.remove_prefix(text.find_first_not_of(" \t\r\n;"));
     std::string_view const before = all.substr(0, all.size() - text.size());
