@@ -31,22 +31,28 @@ def apply(db: Database, allowed: set[str], objects: int | None, batch: int, prog
     if objects is None:
         return _make(db, allowed)
     preparation = _Preparation(db, allowed, objects, batch, progress, report)
-    for attempt in range(1, _ATTEMPTS + 1):
-        try:
-            return _make(db, allowed) if preparation.run() else planning.Plan()
-        except Conflict:
-            if attempt == _ATTEMPTS:
+    try:
+        for attempt in range(1, _ATTEMPTS + 1):
+            try:
+                return (_make(db, allowed, preparation.job) if preparation.run()
+                        else planning.Plan())
+            except Conflict:
+                if attempt == _ATTEMPTS:
+                    raise
+            except (SchemaError, DuplicateKey):
+                preparation.abandon()
                 raise
-        except (SchemaError, DuplicateKey, WrongType):
-            preparation.abandon()
-            raise
-    raise AssertionError("unreachable")
+        raise AssertionError("unreachable")
+    finally:
+        preparation.leave()
 
 
-def _make(db: Database, allowed: set[str]) -> planning.Plan:
+def _make(db: Database, allowed: set[str], job: Any = None) -> planning.Plan:
     with db.write() as tx:
         plan = _plan(db, tx, allowed)
         plan._make(tx, "lossy" in allowed)
+        if job is not None:
+            _core.finish_schema_job(tx, job)
     return plan
 
 
@@ -64,6 +70,7 @@ class _Preparation:
         self.db, self.allowed, self.objects, self.batch = db, allowed, objects, batch
         self.progress, self.report = progress, report
         self.changes: dict[str, Any] = {}  # that were begun, by the column
+        self.job: Any = None  # that records it, once columns change
 
     def run(self) -> bool:
         """Whether it was prepared to the end."""
@@ -73,20 +80,32 @@ class _Preparation:
                 return True
             names = _core.indexes_to_prepare(tx, plan._changes, self.objects)
             changes = _core.changes_to_prepare(tx, plan._changes, self.objects)
-        indexes = [step.index for step in plan if step.index is not None]
-        return (all(self._build(index) for index in indexes if index[0] in names)
+            document = plan._document(tx) if changes else ""
+        indexes = [step.index for step in plan if step.index is not None and step.index[0] in names]
+        if changes and self.job is None:
+            self.job = _core.record_schema_job(self.db._context(), document,
+                                               "lossy" in self.allowed,
+                                               len(indexes) + len(changes) + 1)
+        return (all(self._build(index) for index in indexes)
                 and all(self._write(change, alone) for change, alone in changes))
 
     def _build(self, index: planning.IndexKey) -> bool:
         with self._reports("index", index[0]) as reports:
-            return _core.build_index(self.db._context(), index, False, self.batch, reports.take)
+            return self._step(_core.build_index(self.db._context(), index, False, self.batch,
+                                                reports.take))
 
     def _write(self, change: tuple[Any, ...], alone: Any) -> bool:
         column = planning.place_of(change)
         self.changes[column] = alone
         with self._reports("column", column) as reports:
-            return _core.prepare_change(self.db._context(), alone, "lossy" in self.allowed,
-                                        self.batch, reports.take)
+            return self._step(_core.prepare_change(self.db._context(), alone,
+                                                   "lossy" in self.allowed, self.batch,
+                                                   reports.take))
+
+    def _step(self, done: bool) -> bool:
+        if done and self.job is not None:
+            _core.step_schema_job(self.job)
+        return done
 
     def _reports(self, kind: str, name: str) -> Reports:
         report = self.report
@@ -94,8 +113,16 @@ class _Preparation:
         return Reports(self.progress, named, "done", "total")
 
     def abandon(self) -> None:
+        """What is refused is no job to go on with, and leaves nothing of its columns behind."""
         for change in self.changes.values():
             _core.abandon_change(self.db._context(), change)
+        if self.job is not None:
+            _core.leave_schema_job(self.job, True)
+            self.job = None
+
+    def leave(self) -> None:
+        if self.job is not None:
+            _core.leave_schema_job(self.job, False)
 
 
 def _refuse(plan: planning.Plan, allowed: set[str]) -> None:

@@ -306,7 +306,7 @@ class Database:
         writes converted values, before that, in commits of `batch` objects that keep nobody waiting,
         unless the plan renames, drops, moves a table, or makes a step that objects may refuse. Each
         batch calls `report`; False from it, an exception or Ctrl-C ends it with nothing changed, the
-        plan returned empty, and what was built kept for the next call. `jobs` lists indexes.
+        plan returned empty, and what was built kept for the next call, and listed by `jobs`.
         """
         from . import applying
 

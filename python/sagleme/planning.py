@@ -39,10 +39,12 @@ class Plan(list[Step]):
     """The steps, in the order in which they are made."""
 
     def __init__(self, steps: Iterable[Step] = (), work: Iterable[_Work] = (),
-                 changes: Any = None) -> None:
+                 changes: Any = None, schema_after: Iterable[Any] = (),
+                 annotations: Iterable[Any] = ()) -> None:
         super().__init__(steps)
         self._work = list(work)
         self._changes = changes  # those of the library, if it may prepare them beside writers
+        self._schema_after, self._annotations = list(schema_after), list(annotations)
 
     def __str__(self) -> str:
         return "\n".join(map(repr, self)) if self else "nothing to do"
@@ -54,6 +56,10 @@ class Plan(list[Step]):
     def _make(self, tx: Any, allow_losses: bool) -> None:
         for work in self._work:
             work(tx, allow_losses)
+
+    def _document(self, tx: Any) -> str:
+        """What leads to the same schema wherever the plan is cut off."""
+        return _core.schema_document(tx, self._schema_after, self._annotations)
 
     def _repr_html_(self) -> str:
         from .html import table_of
@@ -94,7 +100,8 @@ class _Planner:
         # What objects may refuse would leave behind what was prepared for it.
         refusable = annotations.rules or annotations.abstract
         moving = self.evolution.renamed_tables or self.evolution.renamed_columns
-        return Plan(self.steps, self.work, None if refusable or moving else changes)
+        return Plan(self.steps, self.work, None if refusable or moving else changes, after,
+                    annotations.told)
 
     def _add(self, pairs: Iterable[tuple[Step, _Work]]) -> None:
         for step, work in pairs:
@@ -253,6 +260,8 @@ class _Annotations:
         self.rules: list[tuple[Step, _Work]] = []
         self.abstract: list[tuple[Step, _Work]] = []
         self.others: list[tuple[Step, _Work]] = []
+        # Of the others: (table, column, index, comment, default)
+        self.told: list[tuple[str, str, str, str | None, Any]] = []
 
     def add(self, cls: Any) -> None:
         state = self.evolution.before.get(cls._table_name)
@@ -265,11 +274,12 @@ class _Annotations:
             each["name"]: each["comment"] for each in entry["indexes"]}
         for index, name in zip(cls._indexes, self.evolution.index_names[cls._table_name]):
             before_it = "" if name in self.created_indexes else comments.get(name, "")
-            self._index(name, before_it, index.comment)
+            self._index(cls._table_name, name, before_it, index.comment)
 
     def _table(self, cls: Any, before: dict[str, Any] | None) -> None:
         table, comment, bare = cls._table_name, cls._comment, cls._bare
         if comment is not None and comment != (before["comment"] if before else ""):
+            self.told.append((table, "", "", comment, None))
             self._annotate(f"comment on table {table}: {comment!r}",
                            lambda tx, _: _core.set_comment(tx, table, "", comment))
         if bare is not None and bool(bare) != (before["abstract"] if before else False):
@@ -284,12 +294,14 @@ class _Annotations:
         same = before is not None and not moved and before.shape() == schema.column_spec(column)[1:]
         if comment is not None and not (same and entry and comment == entry["comment"]):
             if comment or entry:
+                self.told.append((table, name, "", comment, None))
                 self._annotate(f"comment on {table}.{name}: {comment!r}",
                                lambda tx, _: _core.set_comment(tx, table, name, comment))
         self._rule(table, column, entry["on_delete"] if entry else "", same)
         if column._stored:
             value = schema.stored_default(column._kind, column._default)
             if not same or entry is None or value != entry["default"]:
+                self.told.append((table, name, "", None, value))
                 self._annotate(f"default of {table}.{name}: {column._default!r}",
                                lambda tx, _: _core.set_default(tx, table, name, value))
 
@@ -301,10 +313,11 @@ class _Annotations:
             Step("background", f"on deletion of the target of {table}.{name}: {rule}"),
             lambda tx, _: _core.set_on_delete(tx, table, name, rule)))
 
-    def _index(self, name: str, before: str, comment: str | None) -> None:
+    def _index(self, table: str, name: str, before: str, comment: str | None) -> None:
         if comment is None or comment == before:
             return
         text = comment
+        self.told.append((table, "", name, text, None))
         self._annotate(f"comment on index {name}: {text!r}",
                        lambda tx, _: _core.set_index_comment(tx, name, text))
 

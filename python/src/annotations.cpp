@@ -14,7 +14,26 @@ Number Checked(Number number) {
   return number;
 }
 
-// As models._stored gives a default: decimals and times are whole numbers.
+struct ToPython {
+  PyObject* operator()(sagleme::Null) const { return Py_NewRef(Py_None); }
+  PyObject* operator()(sagleme::ObjectId) const { return Py_NewRef(Py_None); }
+  PyObject* operator()(bool value) const { return PyBool_FromLong(value ? 1 : 0); }
+  PyObject* operator()(std::int64_t value) const { return PyLong_FromLongLong(value); }
+  PyObject* operator()(std::uint64_t value) const { return PyLong_FromUnsignedLongLong(value); }
+  PyObject* operator()(sagleme::Decimal value) const {
+    return PyLong_FromLongLong(value.millionths);
+  }
+  PyObject* operator()(float value) const { return PyFloat_FromDouble(value); }
+  PyObject* operator()(double value) const { return PyFloat_FromDouble(value); }
+  PyObject* operator()(std::u16string const& value) const { return FromUnits(value); }
+  PyObject* operator()(sagleme::Bytes const& value) const {
+    return PyBytes_FromStringAndSize(reinterpret_cast<char const*>(value.data()),
+                                     static_cast<Py_ssize_t>(value.size()));
+  }
+};
+
+}  // namespace
+
 sagleme::Value ValueFrom(PyObject* value, sagleme::Type type) {
   if (value == Py_None) return {};
   switch (type) {
@@ -43,26 +62,6 @@ sagleme::Value ValueFrom(PyObject* value, sagleme::Type type) {
   }
   Raise("WrongType", "a reference has no default");
 }
-
-struct ToPython {
-  PyObject* operator()(sagleme::Null) const { return Py_NewRef(Py_None); }
-  PyObject* operator()(sagleme::ObjectId) const { return Py_NewRef(Py_None); }
-  PyObject* operator()(bool value) const { return PyBool_FromLong(value ? 1 : 0); }
-  PyObject* operator()(std::int64_t value) const { return PyLong_FromLongLong(value); }
-  PyObject* operator()(std::uint64_t value) const { return PyLong_FromUnsignedLongLong(value); }
-  PyObject* operator()(sagleme::Decimal value) const {
-    return PyLong_FromLongLong(value.millionths);
-  }
-  PyObject* operator()(float value) const { return PyFloat_FromDouble(value); }
-  PyObject* operator()(double value) const { return PyFloat_FromDouble(value); }
-  PyObject* operator()(std::u16string const& value) const { return FromUnits(value); }
-  PyObject* operator()(sagleme::Bytes const& value) const {
-    return PyBytes_FromStringAndSize(reinterpret_cast<char const*>(value.data()),
-                                     static_cast<Py_ssize_t>(value.size()));
-  }
-};
-
-}  // namespace
 
 PyObject* FromValue(sagleme::Value const& value) {
   return std::visit(ToPython{}, static_cast<sagleme::Value::variant const&>(value));

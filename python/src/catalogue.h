@@ -13,6 +13,8 @@ sagleme::Transaction& KernelOf(PyObject* transaction);
 std::vector<sagleme::IndexColumnSpec> IndexColumns(PyObject* columns);
 // A value of a column by itself; decimals are whole numbers of millionths, references None.
 PyObject* FromValue(sagleme::Value const& value);
+// The same back, for a column of that type.
+sagleme::Value ValueFrom(PyObject* value, sagleme::Type type);
 
 // Parses two to four texts and runs a change on them.
 template <typename Change>

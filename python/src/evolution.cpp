@@ -3,7 +3,6 @@
 
 #include "evolution.h"
 
-#include <sagleme/failure.hpp>
 #include <sagleme/index_build.hpp>
 #include <sagleme/schema_plan.hpp>
 
@@ -22,14 +21,6 @@ void Append(PyObject* list, PyObject* item) {
 
 PyObject* FromUtf8(std::string const& text) {
   return PyUnicode_DecodeUTF8(text.data(), static_cast<Py_ssize_t>(text.size()), "surrogatepass");
-}
-
-template <typename Item>
-void ForEach(PyObject* sequence, Item&& item) {
-  Ref const list(Need(PySequence_Fast(sequence, "a schema is made of lists")));
-  for (Py_ssize_t i = 0; i < PySequence_Fast_GET_SIZE(list.get()); ++i) {
-    item(PySequence_Fast_GET_ITEM(list.get(), i));
-  }
 }
 
 // ---- schemas from Python
@@ -76,12 +67,6 @@ sagleme::TableDoc TableFrom(PyObject* told) {
   ForEach(columns, [&](PyObject* each) { table.columns.push_back(ColumnFrom(each)); });
   ForEach(indexes, [&](PyObject* each) { table.indexes.push_back(IndexFrom(each)); });
   return table;
-}
-
-sagleme::SchemaDoc SchemaFrom(PyObject* tables) {
-  sagleme::SchemaDoc schema;
-  ForEach(tables, [&](PyObject* each) { schema.tables.push_back(TableFrom(each)); });
-  return schema;
 }
 
 // ---- changes for Python
@@ -208,6 +193,12 @@ sagleme::Change ChangeFrom(PyObject* told) {
 
 }  // namespace
 
+sagleme::SchemaDoc SchemaFrom(PyObject* tables) {
+  sagleme::SchemaDoc schema;
+  ForEach(tables, [&](PyObject* each) { schema.tables.push_back(TableFrom(each)); });
+  return schema;
+}
+
 PyObject* PlanChanges(PyObject*, PyObject* args) {
   PyObject* from = nullptr;
   PyObject* to = nullptr;
@@ -215,12 +206,7 @@ PyObject* PlanChanges(PyObject*, PyObject* args) {
   return Guard([&]() -> PyObject* {
     sagleme::SchemaDoc const before = SchemaFrom(from);
     sagleme::SchemaDoc const after = SchemaFrom(to);
-    sagleme::Plan plan;
-    try {
-      plan = Compare(before, after);
-    } catch (sagleme::Failure const& failure) {
-      Raise("SchemaError", failure.what());
-    }
+    sagleme::Plan plan = WithoutLosses([&] { return Compare(before, after); });
     Ref list(Need(PyList_New(0)));
     for (sagleme::Change const& change : plan) Append(list.get(), Told(change));
     Ref capsule(Need(CapsuleOf(std::move(plan))));
@@ -237,11 +223,8 @@ PyObject* ApplyChanges(PyObject*, PyObject* args) {
     sagleme::Transaction& kernel = KernelOf(transaction);
     sagleme::Plan plan = PlanFrom(capsule);
     if (allow_losses != 0) sagleme::AllowLosses(plan);
-    try {
-      Away(As<Transaction>(transaction), [&] { sagleme::ApplyPlan(kernel, plan); });
-    } catch (sagleme::Failure const& failure) {
-      Raise("SchemaError", failure.what());
-    }
+    WithoutLosses(
+        [&] { Away(As<Transaction>(transaction), [&] { sagleme::ApplyPlan(kernel, plan); }); });
     Py_RETURN_NONE;
   });
 }
@@ -316,10 +299,12 @@ PyObject* PrepareChange(PyObject*, PyObject* args) {
     options.report = [report](auto const& done) {
       return Report(report, [&] { return ProgressOf(done); });
     };
-    bool const prepared = NotStopped([&] {
-      Working const working(context->database);
-      Unlocked const unlocked;
-      return sagleme::PrepareChange(*context->handle, plan.at(0), options);
+    bool const prepared = WithoutLosses([&] {
+      return NotStopped([&] {
+        Working const working(context->database);
+        Unlocked const unlocked;
+        return sagleme::PrepareChange(*context->handle, plan.at(0), options);
+      });
     });
     if (PyErr_Occurred()) throw PythonError{};
     return PyBool_FromLong(prepared ? 1 : 0);

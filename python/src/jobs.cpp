@@ -49,11 +49,17 @@ PyObject* WithJob(PyObject* args, Work&& work) {
     options.report = [report](auto const& done) {
       return Report(report, [&] { return ProgressOf(done); });
     };
-    bool const finished = NotStopped([&] {
-      Working const working(context->database);
-      Unlocked const unlocked;
-      return work(*context->handle, id, options);
-    });
+    bool finished = false;
+    try {
+      finished = NotStopped([&] {
+        Working const working(context->database);
+        Unlocked const unlocked;
+        return work(*context->handle, id, options);
+      });
+    } catch (sagleme::Error const& error) {
+      if (error.status() != LSCOREDB_WRONG_TYPE) throw;
+      Raise("SchemaError", error.what());  // values that it would lose
+    }
     if (PyErr_Occurred()) throw PythonError{};
     return PyBool_FromLong(finished ? 1 : 0);
   });

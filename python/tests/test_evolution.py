@@ -570,6 +570,8 @@ def test_what_is_refused_in_a_batch_leaves_nothing_behind():
         with old.read() as tx:
             assert [each["name"] for each in tx._snapshot.tables["L.Item"]["columns"]
                     if each["name"].startswith("__next")] == []
+        assert new.jobs() == []
+        with old.read() as tx:
             assert tx.all(before).count() == 301
         new.apply(allow=ALL, beside_writers=True, objects=100, batch=50)
         with new.read() as tx:
@@ -589,3 +591,85 @@ def test_an_exception_of_the_report_keeps_what_was_written():
         assert len(lines(new)) == 1
         new.apply()
         assert lines(new) == []
+
+
+def cut_off(new):
+    """A change of columns that ended after its first batch."""
+    assert not new.apply(beside_writers=True, objects=100, batch=50, report=lambda _: False)
+    [job] = new.jobs()
+    assert (job.kind, job.state, job.total) == ("apply", "cut off", 3)
+    return job
+
+
+def annotated(annotation, default, comment):
+    return item(year=(annotation, sg.column(default, stored=True, index=True, comment=comment)),
+                code=(str | None if annotation is int else int | None))
+
+
+def test_a_job_goes_on_with_what_was_cut_off():
+    before, after = annotated(int, 1, "old"), annotated(str | None, "one", "new")
+    with begin(before) as old, sg.open("shelf", models=[after], sync=False) as new:
+        rows_of(old, before, year=lambda i: i, code=str)
+        job = cut_off(new)
+        with pytest.raises(sg.NestedTransaction), new.read():
+            new.apply(beside_writers=True, objects=100)
+        assert job.resume() and new.jobs() == []
+        assert lines(new) == []
+        with new.write() as tx:
+            assert {each.year: each.code for each in tx.all(after)} == {
+                str(i): i for i in range(300)}
+            tx.sql("INSERT INTO Item DEFAULT VALUES")
+            assert tx.all(after).where(year="one").count() == 1
+        assert "new" in str(new.describe(after)) and new.check(references=True) == []
+
+
+def test_the_same_call_takes_the_job_up():
+    before, after = annotated(int, 1, "old"), annotated(str | None, "one", "new")
+    with begin(before) as old, sg.open("shelf", models=[after], sync=False) as new:
+        rows_of(old, before, year=lambda i: i, code=str)
+        cut_off(new)
+        seen = []
+        new.apply(beside_writers=True, objects=100, batch=50,
+                  report=lambda _: seen.extend(each.state for each in old.jobs()))
+        assert set(seen) == {"running"}
+        assert old.jobs() == [] and lines(new) == []
+
+
+def test_a_job_that_would_lose_values_goes_on_when_that_is_allowed():
+    before, after = item(code=str | None, name=str | None), item(code=int | None, name=int | None)
+    with begin(before) as old, sg.open("shelf", models=[after], sync=False) as new:
+        rows_of(old, before, code=str, name=str)
+        cut_off(new)
+        with old.write() as tx:
+            tx.new(before, code="none")
+        with pytest.raises(sg.SchemaError, match="not allowed"):
+            new.apply(beside_writers=True, objects=100, batch=50)
+        [job] = new.jobs()
+        with pytest.raises(sg.SchemaError, match="does not convert|do not convert"):
+            job.resume()
+        assert job.resume(allow_losses=True) and lines(new) == []
+
+
+def test_a_process_that_was_killed_leaves_a_job():
+    import multiprocessing
+    import os
+
+    before, after = item(code=str | None, name=str | None), item(code=int | None, name=int | None)
+    with begin(before) as old:
+        rows_of(old, before, code=str, name=str)
+
+    def work():
+        with sg.open("shelf", models=[after], sync=False) as new:
+            new.apply(beside_writers=True, objects=100, batch=50, report=lambda _: os._exit(7))
+
+    child = multiprocessing.get_context("fork").Process(target=work)
+    child.start()
+    child.join()
+    assert child.exitcode == 7
+    with sg.open("shelf", models=[after], sync=False) as new:
+        [job] = new.jobs()
+        assert job.state == "cut off"
+        new.apply(beside_writers=True, objects=100, batch=50)
+        assert new.jobs() == [] and lines(new) == []
+        with new.read() as tx:
+            assert sorted(each.code for each in tx.all(after)) == list(range(300))
