@@ -23,7 +23,7 @@ void ForEach(PyObject* sequence, Item&& item) {
   }
 }
 
-// Runs work on a schema; what it is refused for is a SchemaError, values that it would lose as well.
+// Runs work on a schema. What it is refused for is a SchemaError, also values that it would lose.
 template <typename Work>
 auto WithoutLosses(Work&& work) {
   try {
@@ -60,8 +60,8 @@ PyObject* PrepareChange(PyObject* module, PyObject* args);
 PyObject* AbandonChange(PyObject* module, PyObject* args);
 
 // schema_document(transaction, schema, annotations): the schema as a document, with the annotations
-// that its tables, columns and indexes have in the database, and then the given ones: (table, column
-// or "", index or "", comment or None, default).
+// that its tables, columns and indexes have in the database, and then the given ones: (table,
+// column or "", index or "", comment or None, default).
 PyObject* SchemaDocument(PyObject* module, PyObject* args);
 // record_schema_job(context, document, allow_losses, steps): a job that others see and, once it is
 // left, can resume. To be left by leave_schema_job.
