@@ -112,11 +112,24 @@ class Mover {
         if (Has(*wanted, column)) return false;
         ColumnDoc const* const brought = Inherited(old_bases, column.name);
         bool const in_the_way = brought != nullptr && !brought->SameShape(column);
-        if (table.FindColumn(column.name) == nullptr && !in_the_way) return false;
+        if (!in_the_way && !KeepsBelow(Present(table.name), column.name)) {
+          if (table.FindColumn(column.name) == nullptr) return false;
+        }
         moves_.plan.push_back(change::DropColumn{name, column.name, column.on_delete});
         return true;
       });
     }
+  }
+  // Whether a table below has a column of that name that it shall keep.
+  bool KeepsBelow(std::string const& name, std::string const& column) const {
+    auto const& tables = moves_.schema.tables;
+    return std::any_of(tables.begin(), tables.end(), [&](TableDoc const& child) {
+      if (child.base != name) return false;
+      TableDoc const* const wanted = kept_.NewTable(child.name);
+      bool const keeps = wanted != nullptr && wanted->FindColumn(column) != nullptr &&
+                         child.FindColumn(column) != nullptr;
+      return keeps || KeepsBelow(child.name, column);
+    });
   }
   static bool Contains(std::vector<std::string> const& names, std::string const& name) {
     return std::find(names.begin(), names.end(), name) != names.end();

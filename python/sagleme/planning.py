@@ -88,7 +88,7 @@ class _Planner:
         except SchemaError as error:
             return Plan([Step("refused", error.text)])
         self._add(_renames(self.evolution))
-        shown = _Changes(self.tx, self.evolution)
+        shown = _Changes(self.tx, self.evolution, after)
         self.steps += [shown.step(label, change) for label, change in told]
         self.work.append(lambda tx, lossy: _core.apply_changes(tx, changes, lossy))
         annotations = _Annotations(self.evolution, {
@@ -130,8 +130,10 @@ class _Changes:
 
     _LABELS = {"instant": "instant", "background": "background", "destructive": "lossy"}
 
-    def __init__(self, tx: Any, evolution: Evolution) -> None:
+    def __init__(self, tx: Any, evolution: Evolution, after: list[Any]) -> None:
         self.tx, self.evolution = tx, evolution
+        self.after = {table: {column[0]: column[:4] for column in columns}
+                      for table, _, columns, _ in after}
         self.moved: set[str] = set()  # tables
         self.dropped: set[tuple[str, str]] = set()  # tables and columns
 
@@ -163,9 +165,8 @@ class _Changes:
         return Step("instant", f"add to table {table} ({self._shown(table, columns)})")
 
     def _shown(self, table: str, columns: list[str]) -> str:
-        types = {each._column: schema.field_type(each)
-                 for each in self.evolution.classes[table]._own}
-        return ", ".join(f"{name}: {types[name]}" for name in columns)
+        return ", ".join(f"{each}: {self._type(table, *self.after[table][each])}"
+                         for each in columns)
 
     def _drop_column(self, label: str, table: str, column: str) -> Step:
         self.dropped.add((table, column))

@@ -210,6 +210,19 @@ TEST_F(SchemaMovesTest, ColumnOfATypeThatConvertsToNone_MakesRoom) {
   EXPECT_TRUE(sagleme::IsNull(Get(transaction, novel_, u"Pages")));
 }
 
+TEST_F(SchemaMovesTest, ColumnOfADerivedTable_IsNotMergedWithOneThatGoes) {
+  Transaction transaction(context_);
+  sagleme::CreateTable(transaction, u"Work", u"", {{u"Genre"}});
+  SchemaDoc wanted = sagleme::ReadSchema(transaction, true);
+  Table(wanted, "Book").base = "Work";
+  Table(wanted, "Book").columns.push_back(Column("Title", Type::kString));
+  Table(wanted, "Work").columns.clear();
+  EXPECT_EQ((Lines{"destructive: drop column Genre of Work with its values",
+                   "background: move table Book under Work"}),
+            Reach(transaction, wanted));
+  EXPECT_EQ(Value(u"satire"), Get(transaction, novel_, u"Genre"));
+}
+
 TEST_F(SchemaMovesTest, ColumnThatIsRenamed_IsNotMadeThatOfTheNewBase) {
   Transaction transaction(context_);
   sagleme::CreateTable(transaction, u"Work", u"", {{u"Pages"}});
