@@ -93,7 +93,9 @@ bool Chooser::Usable(int i, ShapeIndex::Part const& part) const {
   if (each.usable == 0 || part.column < 0 || each.iColumn != part.column) return false;
   if (IsPattern(each.op)) return part.type == Type::kString;
   // What is not a number reads as NULL and is not where nulls are.
-  if (each.op == SQLITE_INDEX_CONSTRAINT_ISNULL && IsFloating(part.type)) return false;
+  bool const is_null = each.op == SQLITE_INDEX_CONSTRAINT_ISNULL;
+  if (is_null && IsFloating(part.type)) return false;
+  if (part.type == Type::kBinary) return is_null;  // keys have no bytes
   return part.type != Type::kString || Binary(i);
 }
 
@@ -328,7 +330,8 @@ void Choose(Shape const& shape, std::uint64_t rows, sqlite3_index_info* info, Pl
   }
   // 2 and 3: of rows that are the same to the statement one is enough.
   best.plan.skips = sqlite3_vtab_distinct(info) >= 2 && best.plan.ordered &&
-                    best.plan.kind == Plan::Kind::kIndex && best.plan.order.size() == 1;
+                    best.plan.kind == Plan::Kind::kIndex && best.plan.order.size() == 1 &&
+                    best.plan.order.front().type != Type::kBinary;
   chooser.Describe(best);
   info->estimatedCost = best.cost;
   info->estimatedRows = static_cast<sqlite3_int64>(best.rows);

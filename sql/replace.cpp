@@ -1,5 +1,6 @@
 #include "replace.h"
 
+#include <algorithm>
 #include <optional>
 
 namespace sagleme::sql {
@@ -31,6 +32,23 @@ std::optional<std::vector<Value>> KeyOf(Transaction& transaction, Table const& t
   return changed ? std::optional(std::move(key)) : std::nullopt;
 }
 
+// A key of a search has no bytes: where they begin, the values of the objects are compared.
+std::vector<Value> Searchable(std::vector<Value> key) {
+  auto const is_binary = [](Value const& value) { return std::holds_alternative<Bytes>(value); };
+  key.erase(std::find_if(key.begin(), key.end(), is_binary), key.end());
+  return key;
+}
+
+bool HasKey(Object const& object, Index const& index, std::vector<Value> const& key,
+            std::size_t from) {
+  if (from == key.size()) return true;
+  TablePtr const table = object.table();
+  for (std::size_t i = from; table != nullptr && i < key.size(); ++i) {
+    if (object.Get(*table, table->GetColumn(index.columns[i].name)) != key[i]) return false;
+  }
+  return table != nullptr;
+}
+
 }  // namespace
 
 std::vector<ObjectId> InTheWay(Transaction& transaction, Table const& table,
@@ -42,8 +60,10 @@ std::vector<ObjectId> InTheWay(Transaction& transaction, Table const& table,
       if (!index.unique || index.handle == 0) continue;
       auto const key = KeyOf(transaction, table, index, values, self);
       if (!key.has_value()) continue;
-      for (Object const& object : Range::Matching(transaction, index, *key)) {
-        if (object.id() != self) found.push_back(object.id());
+      std::vector<Value> const searched = Searchable(*key);
+      for (Object const& object : Range::Matching(transaction, index, searched)) {
+        if (object.id() == self || !HasKey(object, index, *key, searched.size())) continue;
+        found.push_back(object.id());
       }
     }
   }

@@ -27,7 +27,8 @@ std::string DuplicateIn(Transaction& transaction, Index const& index, Object con
   std::vector<Value> key;
   for (IndexedColumn const& column : index.columns) {
     key.push_back(ValueOf(object, table, column.name, values));
-    if (IsNull(key.back())) return "";  // null collides with nothing
+    if (IsNull(key.back())) return "";                         // null collides with nothing
+    if (std::holds_alternative<Bytes>(key.back())) return "";  // not to be looked up
   }
   Range range = Range::Matching(transaction, index, key);
   while (auto const holder = range.Next()) {

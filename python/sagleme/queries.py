@@ -79,8 +79,15 @@ def _single_steps(query: Query[Any]) -> dict[Any, list[Condition]]:
     for part in query._parts:
         if isinstance(part, (Comparison, OneOf, TextPart)) and len(part.path) == 1:
             steps(query._cls, part.path)
-            found.setdefault(part.path[0], []).append(part)
+            if _may_be_looked_up(part):
+                found.setdefault(part.path[0], []).append(part)
     return found
+
+
+def _may_be_looked_up(part: Comparison | OneOf | TextPart) -> bool:
+    """Of binaries only null is: the keys of a search have no bytes."""
+    null = isinstance(part, Comparison) and part.value is None
+    return null or part.path[0]._kind != declarations.BINARY
 
 
 def _is_equality(part: Condition) -> bool:

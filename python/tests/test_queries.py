@@ -226,6 +226,26 @@ def test_indexes_of_several_columns(make):
                 .order("note")] == ["a1", "b1"]
 
 
+def test_binaries_with_an_index(make):
+    class Cover(sg.Table, indexes=[sg.Index("kind", "image")]):
+        kind: int = 0
+        image: bytes | None = sg.column(unique=True)
+
+    db = make(Cover)
+    with db.write() as tx:
+        for image in (b"", b"a", b"a\0", None, b"\xff" * 40):
+            tx.new(Cover, image=image)
+        assert tx.all(Cover).where(Cover.image == b"a").one().image == b"a"
+        assert tx.all(Cover).where(Cover.image > b"a").count() == 2
+        assert tx.all(Cover).where(Cover.image.in_([b"", b"a", b"b", None])).count() == 3
+        assert tx.all(Cover).where(Cover.kind == 0, Cover.image == b"a\0").count() == 1
+        assert tx.all(Cover).where(Cover.image == None).count() == 1  # noqa: E711
+        with pytest.raises(sg.DuplicateKey):
+            tx.new(Cover, image=b"a")
+        assert tx.sql("SELECT count(*) FROM Cover WHERE image = X'61'").value() == 1
+        assert tx.sql("SELECT count(*) FROM Cover WHERE image >= X'61'").value() == 3
+
+
 @pytest.mark.parametrize("order", [[], ["title"], ["-year"]])
 def test_a_walk_leaves_out_what_is_deleted_meanwhile(make, order):
     db = make(*MODELS)

@@ -83,5 +83,17 @@ TEST_F(DuplicatesTest, KeyOfManyTypes_IsReportedValueByValue) {
                 " in unique index PlaceByAll (object " + id + ")");
 }
 
+TEST_F(DuplicatesTest, KeyOfBytes_IsRefusedAndNotLookedUp) {
+  Apply(R"({"schema": 1, "tables": [{"name": "Cover", "columns": [
+    {"name": "Image", "type": "binary"}], "indexes": [
+    {"name": "CoverByImage", "unique": true, "columns": ["Image"]}]}]})");
+  std::string const id = InsertByTool({"Cover", "Image=AAEC/w=="});
+  Result const refused = On("insert", {"Cover", "Image=AAEC/w=="}, 4);
+  EXPECT_NE(std::string::npos, refused.err.find("A unique index already holds this key"))
+      << refused.err;
+  EXPECT_EQ(On("scan", {"Cover", "--where", "Image=AAEC/w==", "--format", "csv"}).out,
+            "_oid,_table,Image\n" + id + ",Cover,AAEC/w==\n");
+}
+
 }  // namespace
 }  // namespace tool_test

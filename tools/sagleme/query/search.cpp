@@ -18,7 +18,11 @@ bool IsZero(sagleme::Value const& value) {
   return (wide != nullptr && *wide == 0) || (narrow != nullptr && *narrow == 0);
 }
 
-bool CanBound(sagleme::Value const& value) { return !sagleme::IsNull(value) && !IsZero(value); }
+// The key of a search has no bytes.
+bool CanBound(sagleme::Value const& value) {
+  return !sagleme::IsNull(value) && !IsZero(value) &&
+         !std::holds_alternative<sagleme::Bytes>(value);
+}
 
 // What conditions on one column leave of its values; where several say something, any of them, for
 // all conditions are looked at again.
