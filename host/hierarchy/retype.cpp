@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "annotations/deletion.h"
+#include "columns/convert.h"
 #include "hierarchy/column_tokens.h"
 #include "hierarchy/referrers.h"
 #include "hierarchy/refused_key.h"
@@ -30,6 +31,7 @@ struct Fate {
   Destination destination;
   ColumnPairs kept;
   std::vector<Column const*> lost;
+  ColumnPairs relaxed;  // of those kept: a zero that was never written would become null
 
   bool Loses(std::u16string const& column) const {
     return std::any_of(lost.begin(), lost.end(),
@@ -102,7 +104,7 @@ class Retyping {
   }
 
   Fate FateOf(TablePtr const& from) const {
-    Fate fate{from, {to_.layout, to_.setspec, {}}, {}, {}};
+    Fate fate{from, {to_.layout, to_.setspec, {}}, {}, {}, {}};
     for (Column const& column : from->columns) {
       if (column.system()) continue;
       std::uint64_t const token = TokenOf(transaction_, *from, column);
@@ -110,6 +112,7 @@ class Retyping {
       Column const* const alike = shared == nullptr ? ByName(column) : nullptr;
       if (alike != nullptr) {
         fate.destination.copies.push_back({token, TokenOf(transaction_, to_, *alike)});
+        if (!column.nullable && alike->nullable) fate.relaxed.emplace_back(&column, alike);
       }
       if (shared == nullptr && alike == nullptr) {
         fate.lost.push_back(&column);
@@ -195,7 +198,7 @@ class Retyping {
   }
 
   void Move(std::uint64_t id, Fate const& fate) const {
-    if (write_) return MoveAndWrite(id, fate);
+    if (write_ || !fate.relaxed.empty()) return MoveAndWrite(id, fate);
     std::uint32_t const status = fate.destination.Take(transaction_, {id});
     if (status == LSCOREDB_DUPLICATE_KEY) RefuseDuplicate(id, fate);
     CheckMove(status);
@@ -207,13 +210,26 @@ class Retyping {
     }
     detail::CheckKernel(status);
   }
+  std::vector<Value> ValuesOf(std::uint64_t id, Fate const& fate) const {
+    std::vector<Value> values;
+    if (fate.relaxed.empty()) return values;
+    Object const object = *Object::Find(transaction_, {id});
+    for (auto const& [column, alike] : fate.relaxed) {
+      values.push_back(object.Get(*fate.from, *column));
+    }
+    return values;
+  }
   // By way of no set at all, which no index covers.
   void MoveAndWrite(std::uint64_t id, Fate const& fate) const {
+    std::vector<Value> const values = ValuesOf(id, fate);
     Destination nowhere = fate.destination;
     nowhere.setspec.clear();
     detail::CheckKernel(nowhere.Take(transaction_, {id}));
     Object object(transaction_, LS_OBJ_REF{id, to_.layout});
-    write_(object);
+    for (std::size_t i = 0; i < values.size(); ++i) {
+      columns::PutConverted(transaction_, object, to_, *fate.relaxed[i].second, values[i]);
+    }
+    if (write_) write_(object);
     std::uint32_t const status =
         lorv_context_put_setspec(transaction_.context(), id, to_.layout, to_.setspec.c_str());
     if (status == LSCOREDB_DUPLICATE_KEY) {

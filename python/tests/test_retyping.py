@@ -94,6 +94,32 @@ def test_a_class_below_takes_all_values_along(tx):
     assert book._live and not rare._live and book.title == "Book 00"
 
 
+def test_zeros_that_nobody_wrote_stay_where_null_may_be(make):
+    class Draft(sg.Table, name="Zero.Draft"):
+        pages: int = 0
+        price: float = 0.0
+
+    class Sketch(sg.Table, name="Zero.Sketch"):
+        title: str | None
+
+    class Print(sg.Table, name="Zero.Print"):
+        pages: int | None = sg.column(unique=True)
+        price: float | None = sg.column(index=True)
+
+    db = make(Draft, Sketch, Print)
+    with db.write() as tx:
+        sketches = [tx.new(Sketch) for _ in range(2)]
+        drafts = [tx.retype(each, Draft) for each in sketches]
+        assert [(each.pages, each.price) for each in drafts] == [(0, 0.0)] * 2
+        made = tx.retype(drafts[0], Print, by_name=True)
+        assert (made.pages, made.price) == (0, 0.0)
+        assert tx.all(Print).where(price=0.0).one() is made
+        with pytest.raises(sg.DuplicateKey):
+            tx.retype(drafts[1], Print, by_name=True)
+        assert tx.retype(drafts[1], Print, by_name=True, pages=3).price == 0.0
+    assert db.check() == []
+
+
 def test_values_that_would_be_lost_are_refused(tx):
     book = tx.all(Book).first()
     with pytest.raises(sg.SchemaError, match="has a value in column isbn of Library.Book") as told:
