@@ -1,6 +1,7 @@
 // Changes of columns that are prepared before their plan is applied.
 
 #include <algorithm>
+#include <map>
 #include <sagleme/counts.hpp>
 #include <sagleme/schema_plan.hpp>
 #include <set>
@@ -79,14 +80,47 @@ bool IsInPlace(Plan const& plan) {
   });
 }
 
-// What it needs must be there already: earlier changes of the plan may make it.
-bool CanPrepare(Transaction& transaction, Change const& change) {
+// The columns that tables have, with the hidden ones that changes will give them.
+class Widths {
+ public:
+  explicit Widths(Transaction& transaction) : tables_(transaction.Tables()) {
+    for (TablePtr const& table : tables_) widths_[table->name] = table->columns.size();
+  }
+
+  // False, with nothing added, if a table with the column would have too many.
+  bool Add(std::vector<std::u16string> const& holders) {
+    std::map<std::u16string, std::size_t> wider = widths_;
+    for (TablePtr const& table : tables_) {
+      for (std::u16string const& holder : holders) {
+        if (!IsOrDerivesFrom(*table, holder)) continue;
+        if (++wider[table->name] > metalayer::kMaxColumns) return false;
+      }
+    }
+    widths_ = std::move(wider);
+    return true;
+  }
+
+ private:
+  bool IsOrDerivesFrom(Table const& table, std::u16string const& base) const {
+    if (table.name == base) return true;
+    auto const above = std::find_if(tables_.begin(), tables_.end(),
+                                    [&](TablePtr const& each) { return each->name == table.base; });
+    return above != tables_.end() && IsOrDerivesFrom(**above, base);
+  }
+
+  std::vector<TablePtr> tables_;
+  std::map<std::u16string, std::size_t> widths_;
+};
+
+// The tables that get hidden columns for it; none: it is not prepared. What it needs must be there
+// already: earlier changes of the plan may make it.
+std::vector<std::u16string> HoldersFor(Transaction& transaction, Change const& change) {
   Place const place = std::visit(PlaceOf{}, change);
-  if (place.table.empty() || transaction.Find(place.table) == nullptr) return false;
+  if (place.table.empty() || transaction.Find(place.table) == nullptr) return {};
   try {
-    return !std::visit(PreparationOf{transaction}, change).holders.empty();
+    return std::visit(PreparationOf{transaction}, change).holders;
   } catch (Error const&) {
-    return false;  // ApplyPlan decides
+    return {};  // ApplyPlan decides
   }
 }
 
@@ -106,12 +140,16 @@ std::vector<Change> ChangesToPrepare(Transaction& transaction, Plan const& plan,
   if (!IsInPlace(plan)) return changes;
   std::set<std::string> names;  // a column may change twice; its first change is known now
   std::optional<ObjectCounts> counts;
+  std::optional<Widths> widths;
   for (Change const& change : plan) {
     Place const place = std::visit(PlaceOf{}, change);
     if (!place.column.empty() && !names.insert(place.column).second) continue;
-    if (!CanPrepare(transaction, change)) continue;
+    std::vector<std::u16string> const holders = HoldersFor(transaction, change);
+    if (holders.empty()) continue;
     if (!counts.has_value()) counts.emplace(transaction);
-    if (counts->Subtree(*transaction.table(place.table)) >= objects) changes.push_back(change);
+    if (counts->Subtree(*transaction.table(place.table)) < objects) continue;
+    if (!widths.has_value()) widths.emplace(transaction);
+    if (widths->Add(holders)) changes.push_back(change);
   }
   return changes;
 }

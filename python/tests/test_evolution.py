@@ -537,6 +537,19 @@ def test_large_tables_change_in_batches_beside_writers():
         assert new.check(references=True) == [] and new.jobs() == []
 
 
+def test_a_table_without_room_for_a_hidden_column_changes_all_the_same():
+    columns = {f"c{i}": int | None for i in range(112)}
+    before, after = item(**columns), item(**columns | {"c5": str | None, "c7": str | None})
+    with begin(before) as db, db.write() as tx:
+        tx.insert_many(before, [tuple([i] * 112) for i in range(20)])
+    with sg.open("shelf", models=[after], sync=False) as db:
+        db.apply(beside_writers=True, objects=1, batch=3)
+        assert lines(db) == [] and db.jobs() == []
+        with db.read() as tx:
+            assert [(each.c5, each.c6) for each in tx.all(after)] == [
+                (str(i), i) for i in range(20)]
+
+
 def test_what_was_written_in_batches_is_kept_for_the_next_call():
     before, after = item(year=(int, 0)), item(year=str | None)
     with begin(before) as old, sg.open("shelf", models=[after], sync=False) as new:
