@@ -264,5 +264,39 @@ TEST(PostgresPlainTablesTest, TablesThatAreBeingRead_StayAsTheyAre) {
   EXPECT_TRUE(IsSound(early));
 }
 
+// What the server has counted for the tables that grow. It counts when a connection ends.
+std::string CountedFor(std::string const& url, std::string const& counter) {
+  std::string const connections =
+      "SELECT count(*) FROM pg_stat_activity WHERE pid <> pg_backend_pid() AND query LIKE $$%" +
+      SchemaOf(url) + "%$$";
+  while (AskServer(connections) != "0\n") {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return AskServer("SELECT sum(" + counter + ") FROM pg_stat_user_tables WHERE schemaname = $$" +
+                   SchemaOf(url) + "$$ AND relname IN ($$rows$$, $$changes$$, $$tickets$$)");
+}
+
+// Making the tables scans each of them for its indexes.
+TEST(PostgresPlans, CommitsAndReadsOfSmallTables_GoThroughTheirIndexes) {
+  std::string const url = lscore::NewServerUrl();
+  { Database const database(url); }
+  std::string const scans = CountedFor(url, "seq_scan");
+  std::string const look_ups = CountedFor(url, "idx_scan");
+  {
+    Database const database(url);
+    Session session(database);
+    for (int i = 0; i < 20; ++i) {
+      Oid const row = CommitPair(session, i);
+      Database const cold(url + "&timeout=" + std::to_string(40 + i));
+      Session reader(cold);
+      reader.BeginReadOnly();
+      EXPECT_EQ(reader.Long(row, kPairValue), i);
+      reader.Rollback();
+    }
+  }
+  EXPECT_EQ(CountedFor(url, "seq_scan"), scans);
+  EXPECT_NE(CountedFor(url, "idx_scan"), look_ups);
+}
+
 }  // namespace
 }  // namespace lscoredb_test

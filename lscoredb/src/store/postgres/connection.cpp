@@ -20,6 +20,13 @@ namespace {
 constexpr int kBinary = 1;
 // How often a thread that waits asks whether it is to stop.
 constexpr std::chrono::milliseconds kAskEvery{100};
+// Plans are made once for each statement of a connection, not for each execution of it, which costs
+// more than the execution. So they must not depend on how small a table was when they were made:
+// what can use an index does. A plan that cannot counts as a costly one, which is not worth
+// compiling. Servers without one of these settings leave it out.
+constexpr char kPlanOnce[] =
+    "SELECT set_config(name, CASE name WHEN 'plan_cache_mode' THEN 'force_generic_plan' ELSE 'off'"
+    " END, false) FROM pg_settings WHERE name IN ('plan_cache_mode', 'enable_seqscan', 'jit')";
 constexpr std::uint32_t kBytesType = 17;   // the protocol's number of the type bytea
 constexpr std::uint32_t kNumberType = 20;  // and of bigint
 
@@ -205,9 +212,12 @@ void Connection::Open(ServerUrl const& url) {
     if (status != LORV_STATUS_OK) refusals.append(i == 0 ? "" : "; ").append(LastRefusal());
   }
   timeout_ = url.timeout;
-  if (status == LORV_STATUS_OK) return;
-  NoteRefusal(refusals);
-  Throw(status);
+  if (status != LORV_STATUS_OK) {
+    NoteRefusal(refusals);
+    Throw(status);
+  }
+  Add({"plan_once", kPlanOnce});
+  Post();
 }
 
 void Connection::Connect(ConnectionOptions const& options) {
