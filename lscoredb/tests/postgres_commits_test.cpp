@@ -277,7 +277,7 @@ std::string CountedFor(std::string const& url, std::string const& counter) {
 }
 
 // Making the tables scans each of them for its indexes.
-TEST(PostgresPlans, CommitsAndReadsOfSmallTables_GoThroughTheirIndexes) {
+TEST(PostgresPlansTest, CommitsAndReadsOfSmallTables_GoThroughTheirIndexes) {
   std::string const url = lscore::NewServerUrl();
   { Database const database(url); }
   std::string const scans = CountedFor(url, "seq_scan");
