@@ -26,6 +26,7 @@ constexpr std::chrono::milliseconds kDelay{1};
 constexpr ItemNumber kReads = 100;
 constexpr ItemNumber kInserted = 100;
 constexpr unsigned kProcesses = 8;
+constexpr std::int64_t kPrice = 7;
 constexpr ItemNumber kCommits = 10;  // of a process in a turn
 
 std::string UrlOf(std::string const& directory, std::string const& schema) {
@@ -55,7 +56,10 @@ class ServerBench {
     MeasureSchema();
     MeasureWorkingSet();
     own_ = MakeSaglemeShop(NewUrl());
+    other_ = MakeSaglemeShop(NewUrl());
     mapped_ = MakeMappedShop(MappedUrlOf(delayed_.directory()), false);
+    for (Shop* const shop : {other_.get(), mapped_.get()}) shop->SetPrice(0, kPrice);
+    own_->ScanItems();
     MeasureScans();
     MeasureReads();
     MeasureInserts();
@@ -64,6 +68,8 @@ class ServerBench {
 
  private:
   using Work = std::function<ItemSum(Shop&)>;
+  // What sagleme has in memory in each turn. kChanged: all but what another process has changed.
+  enum class Memory { kNothing, kReferences, kAll, kChanged };
 
   // Of an opener that shares nothing with the others.
   std::string NewUrl() {
@@ -73,8 +79,23 @@ class ServerBench {
     return fmt::format("on a server, 1 ms: {}", work);
   }
 
-  // Time and round trips. With `cold` sagleme has nothing in memory in each turn.
-  void Compare(std::string const& name, bool cold, Work const& work) {
+  double Turn(Memory memory, std::function<double(Shop&)> const& turn) {
+    switch (memory) {
+      case Memory::kNothing:
+        return turn(*MakeSaglemeShop(NewUrl(), Use::kScans));
+      case Memory::kReferences:
+        return turn(*MakeSaglemeShop(NewUrl()));
+      case Memory::kChanged:
+        other_->SetPrice(0, kPrice);
+        return turn(*own_);
+      case Memory::kAll:
+        return turn(*own_);
+    }
+    throw std::logic_error("no such memory");
+  }
+
+  // Time and round trips.
+  void Compare(std::string const& name, Memory memory, Work const& work) {
     Result time = MakeComparison(Named(name), "ns", kMapped, 1.0);
     Result trips{
         Named(name + ", round trips"), "trips", false, {{kSagleme, {}}, {kMapped, {}}}, {}};
@@ -89,7 +110,7 @@ class ServerBench {
     };
     for (int round = 0; round < settings_.rounds; ++round) {
       MeasureRound(
-          time, [&] { return turn(cold ? *MakeSaglemeShop(NewUrl()) : *own_, 0); },
+          time, [&] { return Turn(memory, [&](Shop& shop) { return turn(shop, 0); }); },
           [&] { return turn(*mapped_, 1); });
       if (sums[0] != sums[1]) throw std::runtime_error(name + ": the two sides disagree");
       for (std::size_t side = 0; side < 2; ++side)
@@ -102,8 +123,9 @@ class ServerBench {
   void MeasureScans() {
     Work const scan = [](Shop& shop) { return shop.ScanItems(); };
     std::string const name = fmt::format("scan {} objects of two tables, two columns", items_);
-    Compare(name + ", none in memory", true, scan);
-    Compare(name + ", all in memory", false, scan);
+    Compare(name + ", none in memory", Memory::kNothing, scan);
+    Compare(name + ", all in memory", Memory::kAll, scan);
+    Compare(name + ", all in memory but what another has committed", Memory::kChanged, scan);
   }
 
   void MeasureReads() {
@@ -114,13 +136,14 @@ class ServerBench {
     }
     Work const read = [&](Shop& shop) { return shop.ReadAndFollow(some); };
     std::string const name = fmt::format("read {} random objects and what they refer to", kReads);
-    Compare(name + ", none in memory", true, read);
-    Compare(name + ", all in memory", false, read);
+    Compare(name + ", none in memory", Memory::kReferences, read);
+    Compare(name + ", all in memory", Memory::kAll, read);
   }
 
   void MeasureInserts() {
     ItemNumber next[2] = {items_, items_};
-    Compare(fmt::format("insert {} objects in a transaction", kInserted), false, [&](Shop& shop) {
+    std::string const name = fmt::format("insert {} objects in a transaction", kInserted);
+    Compare(name, Memory::kAll, [&](Shop& shop) {
       ItemNumber& first = next[&shop == own_.get() ? 0 : 1];
       shop.Insert(first, kInserted);
       first += kInserted;
@@ -223,6 +246,7 @@ class ServerBench {
   DelayedServer const delayed_;
   PostgresServer server_;
   std::unique_ptr<Shop> own_;
+  std::unique_ptr<Shop> other_;
   std::unique_ptr<Shop> mapped_;
   std::vector<Result> results_;
   int opened_ = 0;

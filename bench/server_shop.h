@@ -40,8 +40,10 @@ class Shop {
 inline ItemNumber NextOf(ItemNumber item) { return item * 7919U % (item + 1); }
 inline bool IsBook(ItemNumber item) { return item % 2 == 0; }
 
-// By sagleme at the URL. A new object has nothing in memory but the names of the tables.
-std::unique_ptr<Shop> MakeSaglemeShop(std::string const& url);
+// By sagleme at the URL. A new object has in memory the names of the tables and, unless it only
+// scans, where the items are.
+enum class Use { kAll, kScans };
+std::unique_ptr<Shop> MakeSaglemeShop(std::string const& url, Use use = Use::kAll);
 // Both create their tables.
 void CreateSaglemeShop(std::string const& url);
 std::unique_ptr<Shop> MakeMappedShop(std::string const& url, bool create);

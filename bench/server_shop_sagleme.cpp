@@ -179,9 +179,9 @@ void CreateSaglemeShop(std::string const& url) {
   transaction.Commit();
 }
 
-std::unique_ptr<Shop> MakeSaglemeShop(std::string const& url) {
+std::unique_ptr<Shop> MakeSaglemeShop(std::string const& url, Use use) {
   auto shop = std::make_unique<SaglemeShop>(url);
-  shop->Learn();
+  if (use == Use::kAll) shop->Learn();
   return shop;
 }
 
