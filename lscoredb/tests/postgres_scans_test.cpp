@@ -8,14 +8,17 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <vector>
 
+#include "ask_server.h"
 #include "stopper.h"
 
 namespace lscoredb_test {
 namespace {
 
 constexpr int kItems = 1000;
+constexpr std::uint64_t kElsewhere = 7777;  // a table, and its column
 
 std::uint64_t TripsOf(Database const& database) {
   lscoredb_statistics now{};
@@ -34,6 +37,16 @@ class PostgresScanTest : public StoppedWaitsTest {
     for (int i = 0; i < kItems; ++i) {
       session_->PutLong(session_->Insert(world.layout), kPairValue, 1000 + place(i));
     }
+    session_->Commit();
+  }
+
+  // Creates an object that is not scanned.
+  void CommitElsewhere() {
+    session_->Begin();
+    if (!elsewhere_.has_value()) {
+      elsewhere_ = session_->CreateLayout(kElsewhere, {{LORV_TYPE_LONG, kElsewhere}});
+    }
+    session_->Insert(*elsewhere_, u"other/");
     session_->Commit();
   }
 
@@ -93,6 +106,8 @@ class PostgresScanTest : public StoppedWaitsTest {
     PairWorld const seen(reader);
     return Scan(cold, reader, seen.index, reads, flags);
   }
+
+  std::optional<decltype(PairWorld::layout)> elsewhere_;
 };
 
 bool All(int) { return true; }
@@ -192,6 +207,7 @@ TEST_F(PostgresScanTest, Range_IsFetchedUpToItsEnd) {
 
 TEST_F(PostgresScanTest, RowsInMemory_AreNotFetched) {
   AddItems();
+  CommitElsewhere();
   Database const cold(url_ + "&timeout=6");
   Session reader(cold);
   for (std::uint64_t const trips : {4U, 3U, 3U}) {
@@ -199,7 +215,136 @@ TEST_F(PostgresScanTest, RowsInMemory_AreNotFetched) {
     PairWorld const seen(reader);
     EXPECT_EQ(Scan(cold, reader, seen.index, All), trips);
     reader.Rollback();
+    CommitElsewhere();
   }
+}
+
+// ---- scans of a database that nobody changes ---------------------------------------------------
+
+TEST_F(PostgresScanTest, UnchangedDatabase_IsNotAskedAgain) {
+  AddItems();
+  Database const cold(url_ + "&timeout=6");
+  Session reader(cold);
+  for (std::uint32_t const flags : {LORV_ITERATOR_FORWARD, LORV_ITERATOR_REVERSE}) {
+    for (bool const first : {true, false, false}) {
+      reader.BeginReadOnly();
+      PairWorld const seen(reader);
+      std::uint64_t const trips = Scan(cold, reader, seen.index, All, flags);
+      EXPECT_EQ(trips > 0, first) << trips;
+      reader.Rollback();
+    }
+  }
+}
+
+TEST_F(PostgresScanTest, SecondScanOfATransaction_AsksForNothing) {
+  AddItems();
+  Database const cold(url_ + "&timeout=6");
+  Session writer(cold);
+  writer.Begin();
+  PairWorld const seen(writer);
+  EXPECT_EQ(Scan(cold, writer, seen.index, None), 3U);
+  EXPECT_EQ(Scan(cold, writer, seen.index, None), 0U);
+}
+
+TEST_F(PostgresScanTest, CommitOfAnotherProcess_IsSeenByTheNextScan) {
+  AddItems();
+  Database const cold(url_ + "&timeout=6");
+  Session reader(cold);
+  std::size_t count = kItems + 2;
+  for (int i = 0; i < 3; ++i) {
+    for (int again = 0; again < 2; ++again) {
+      reader.BeginReadOnly();
+      EXPECT_EQ(reader.Scan(PairWorld(reader).index).size(), count);
+      reader.Rollback();
+    }
+    CommitPair(*session_, 5000 + i);  // of two objects
+    count += 2;
+  }
+}
+
+// Also what a process commits itself, and what it reads while it has not.
+TEST_F(PostgresScanTest, CommitOfTheProcess_IsSeenByTheNextScan) {
+  AddItems();
+  Database const cold(url_ + "&timeout=6");
+  Session first(cold);
+  Session second(cold);
+  first.BeginReadOnly();
+  IndexId const index = PairWorld(first).index;
+  EXPECT_EQ(first.Scan(index).size(), kItems + 2U);
+  CommitPair(second, 5000);
+  EXPECT_EQ(first.Scan(index).size(), kItems + 2U);
+  first.Rollback();
+  for (Session* const session : {&second, &first, &second}) {
+    session->BeginReadOnly();
+    EXPECT_EQ(session->Scan(index).size(), kItems + 4U);
+    session->Rollback();
+  }
+}
+
+// What was read serves a narrower range, and a wider one as far as it goes.
+TEST_F(PostgresScanTest, OtherRange_FindsAllOfItsObjects) {
+  AddItems();
+  Database const cold(url_ + "&timeout=6");
+  Session reader(cold);
+  for (int const last : {1100, 1150, 1120, 1999, 1150, 1100}) {
+    for (std::uint32_t const flags : {LORV_ITERATOR_FORWARD, LORV_ITERATOR_REVERSE}) {
+      reader.BeginReadOnly();
+      bool const forward = flags == LORV_ITERATOR_FORWARD;
+      Key const low = Key().Long(1000);
+      Key const high = Key().Long(last);
+      Scanner scan(reader, PairWorld(reader).index, forward ? low : high, forward ? high : low,
+                   flags);
+      EXPECT_EQ(scan.Rest().size(), static_cast<std::size_t>(last - 1000 + 1));
+      reader.Rollback();
+    }
+  }
+}
+
+TEST_F(PostgresScanTest, WithoutRowMemory_NothingIsKept) {
+  AddItems();
+  lscoredb_options options{};
+  options.size = sizeof options;
+  options.row_memory = LSCOREDB_NO_ROW_MEMORY;
+  Database const cold(url_ + "&timeout=6", options);
+  Session reader(cold);
+  for (int i = 0; i < 2; ++i) {
+    reader.BeginReadOnly();
+    PairWorld const seen(reader);
+    EXPECT_EQ(Scan(cold, reader, seen.index, None), 3U);
+    reader.Rollback();
+  }
+}
+
+// A scan has no room in the sixteenth of it.
+TEST_F(PostgresScanTest, MoreThanTheMemoryHolds_IsNotKept) {
+  AddItems();
+  lscoredb_options options{};
+  options.size = sizeof options;
+  options.row_memory = 1 << 20;
+  Database const cold(url_ + "&timeout=6", options);
+  Session reader(cold);
+  for (int i = 0; i < 2; ++i) {
+    reader.BeginReadOnly();
+    PairWorld const seen(reader);
+    EXPECT_EQ(Scan(cold, reader, seen.index, None), 3U);
+    reader.Rollback();
+  }
+}
+
+// A check reads the tables again.
+TEST_F(PostgresScanTest, Check_FindsWhatWasDamagedSinceItWasRead) {
+  AddItems();
+  session_->BeginReadOnly();
+  EXPECT_EQ(session_->Scan(PairWorld(*session_).index).size(), kItems + 2U);
+  session_->Rollback();
+  EXPECT_STATUS(0, lscoredb_check(database_.get(), 0, nullptr, nullptr));
+  std::string const schema = lscore::SchemaOf(url_);
+  std::string const entries = schema.substr(0, schema.find('&')) + ".entries";
+  ASSERT_EQ(lscore::AskServer("UPDATE " + entries + " SET value = value || value WHERE key =" +
+                              " (SELECT key FROM " + entries + " ORDER BY key DESC LIMIT 1)"),
+            "");
+  database_.ExpectDamage();
+  EXPECT_STATUS(LSCOREDB_DAMAGED, lscoredb_check(database_.get(), 0, nullptr, nullptr));
 }
 
 // In its second page, where the next step asks for the third one.

@@ -124,6 +124,10 @@ std::size_t Result::size() const { return static_cast<std::size_t>(PQntuples(res
 
 std::size_t Result::columns() const { return static_cast<std::size_t>(PQnfields(result_.get())); }
 
+std::size_t Result::memory() const {
+  return result_ == nullptr ? 0 : PQresultMemorySize(result_.get());
+}
+
 std::string_view Result::Bytes(std::size_t row, std::size_t column) const {
   auto const r = static_cast<int>(row);
   auto const c = static_cast<int>(column);

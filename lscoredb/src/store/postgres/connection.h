@@ -36,6 +36,7 @@ class Result {
   pg_result const* get() const { return result_.get(); }
   std::size_t size() const;
   std::size_t columns() const;
+  std::size_t memory() const;  // bytes
   // REQUIRES: the row and column exist, and the value is not null.
   std::string_view Bytes(std::size_t row, std::size_t column) const;
   std::uint64_t Number(std::size_t row, std::size_t column) const;  // a bigint

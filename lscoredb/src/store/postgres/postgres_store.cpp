@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <limits>
 #include <random>
 #include <thread>
 #include <utility>
@@ -23,6 +24,9 @@ namespace {
 
 constexpr std::size_t kIdleConnections = 16;
 constexpr std::size_t kTicketSize = 16;
+constexpr std::uint64_t kKeptShare = 16;  // one in so many bytes of the memory for rows
+// Above all states.
+constexpr CommitId kNever{std::numeric_limits<std::int64_t>::max()};
 constexpr int kCreationTimeouts = 10;
 constexpr std::chrono::milliseconds kCreationPause{50};
 constexpr std::size_t kAttempts = 5;  // at creating tables that others drop meanwhile
@@ -52,7 +56,8 @@ PostgresStore::PostgresStore(std::string_view url, StoreOptions const& options)
       feed_statements_(url_.schema),
       blind_statements_(url_.schema),
       waits_{std::make_shared<std::atomic<std::uint64_t>>(0), options.stops_wait},
-      sync_(options.sync) {
+      sync_(options.sync),
+      kept_answers_(options.row_memory / kKeptShare) {
   auto connection = std::make_unique<Connection>(url_, waits_);
   std::uint64_t version = 0;
   auto const read_version = [&] {
@@ -224,7 +229,7 @@ void PostgresStore::GiveBack(std::unique_ptr<Connection> connection) const noexc
 
 // Most transactions ask first whether the indexes are those that the process knows, and those that
 // insert, whether any set was closed. The answers come with the state.
-PostgresSnapshot::PostgresSnapshot(PostgresStore& store)
+PostgresSnapshot::PostgresSnapshot(PostgresStore& store, bool anew)
     : store_(store),
       connection_(store.TakeConnection()),
       view_(*connection_, store.statements(), store.numbered()) {
@@ -235,12 +240,16 @@ PostgresSnapshot::PostgresSnapshot(PostgresStore& store)
   state_ = store.BeginAt(*connection_, statements.begin_snapshot, statements.read_state, view_,
                          asked_by_most);
   set_id(state_.id);
+  if (anew) return;
+  auto known = store.kept_answers().Take(state_.id, view_.numbered());
+  if (known != nullptr) view_.Adopt(std::move(known));
 }
 
 // Posts the end of the transaction without waiting, since it has only read.
 PostgresSnapshot::~PostgresSnapshot() {
   static_cast<void>(StatusOf([this] { connection_->Add(store_.statements().commit); }));
   connection_->Post();
+  store_.kept_answers().Keep(state_.id, view_.Release());
 }
 
 void PostgresSnapshot::OpenCursor(Tree tree, std::unique_ptr<TreeCursor>& cursor) const {
@@ -265,13 +274,19 @@ void PostgresStore::WithConnections(std::function<void()> const& attempt) const 
   Check(status);
 }
 
-std::unique_ptr<Snapshot> PostgresStore::Begin() {
+std::unique_ptr<Snapshot> PostgresStore::Begin() { return BeginSnapshot(false); }
+
+std::unique_ptr<Snapshot> PostgresStore::BeginVerified(FaultReport const&) {
+  return BeginSnapshot(true);
+}
+
+std::unique_ptr<Snapshot> PostgresStore::BeginSnapshot(bool anew) {
   {
     std::lock_guard const lock(mutex_);
     if (readers_.size() >= options_.max_readers) Throw(LSCOREDB_TOO_MANY_READERS);
   }
   std::unique_ptr<Snapshot> snapshot;
-  WithConnections([&] { snapshot = std::make_unique<PostgresSnapshot>(*this); });
+  WithConnections([&] { snapshot = std::make_unique<PostgresSnapshot>(*this, anew); });
   std::lock_guard const lock(mutex_);
   readers_.insert(snapshot->id());
   return snapshot;
@@ -308,7 +323,8 @@ void PostgresStore::NoteBlindCommit(CommitId state) noexcept {
 // ---- what others change ------------------------------------------------------------------------
 
 // The changes are read after the state, in the same round trip: a batch first waits there for the
-// lock, and must see what was committed until then.
+// lock, and must see what was committed until then. A process that knows no state has nothing in
+// memory that could have changed, so it asks for no changes.
 StateRead PostgresStore::BeginAt(Connection& connection, Statement const& begin,
                                  Statement const& state, ServerView& view,
                                  std::vector<TreeKey> const& hints) const {
@@ -316,7 +332,7 @@ StateRead PostgresStore::BeginAt(Connection& connection, Statement const& begin,
   StateRead read;
   {
     std::lock_guard const lock(mutex_);
-    read.changes_after = known_;
+    read.changes_after = known_ == CommitId{0} ? kNever : known_;
   }
   connection.Add(begin);
   connection.Add(state);
@@ -335,6 +351,7 @@ StateRead PostgresStore::BeginAt(Connection& connection, Statement const& begin,
   read.id = CommitId{row.Number(0, 0)};
   read.listed = CommitId{row.Number(0, 2)};
   read.changes = std::move(results[2]);
+  if (read.changes_after == kNever) NoteKnown(read.id);
   return read;
 }
 

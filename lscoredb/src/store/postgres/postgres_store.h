@@ -4,9 +4,10 @@
 // A store on a server that speaks PostgreSQL's protocol.
 //
 // A snapshot is a read-only transaction of the server at REPEATABLE READ, on a connection of its
-// own, which returns to the pool afterwards. Beginning one is a round trip, ending one none. A
-// batch locks the one row of the table `state`, which orders the batches of all processes and
-// machines, reads what it needs, and keeps its writes in memory until Commit sends them together.
+// own, which returns to the pool afterwards. Beginning one is a round trip, ending one none. What
+// it has read serves the next ones of the process as long as they find the same state. A batch
+// locks the one row of the table `state`, which orders the batches of all processes and machines,
+// reads what it needs, and keeps its writes in memory until Commit sends them together.
 //
 // When the reply to a commit is lost, the store asks for the outcome over a new connection: it
 // inserts the batch's ticket as not committed. If that succeeds, the commit can no longer take
@@ -24,6 +25,7 @@
 #include "blind_statements.h"
 #include "connection.h"
 #include "feed_statements.h"
+#include "kept_answers.h"
 #include "server_view.h"
 #include "statements.h"
 #include "store.h"
@@ -64,7 +66,8 @@ class PostgresStore final : public Store {
   bool takes_hints() const override { return true; }
   std::unique_ptr<Batch> BeginBatch(std::vector<TreeKey> const& hints) override;
   std::unique_ptr<BlindBatch> BeginBlindBatch() override;
-  std::unique_ptr<Snapshot> BeginVerified(FaultReport const&) override { return Begin(); }
+  // Reads everything from the server.
+  std::unique_ptr<Snapshot> BeginVerified(FaultReport const&) override;
   void Verify() override;
   StoreStatistics Statistics() const override;
   void RequireSync() override;
@@ -95,6 +98,7 @@ class PostgresStore final : public Store {
   void NoteBlindCommit(CommitId state) noexcept;
   // Whether a batch has to do that.
   bool TakeTidying() { return tidying_due_.exchange(false); }
+  KeptAnswers& kept_answers() { return kept_answers_; }
   BlindStatements const& blind_statements() const { return blind_statements_; }
   // AskOutcome for the batch itself, whose wait is not stopped.
   bool AskOwnOutcome(CommitInDoubt const& commit) const {
@@ -127,6 +131,7 @@ class PostgresStore final : public Store {
   void MakeFeed() const;
   void TidyFeed(Statement const& deletes, std::uint64_t number) const;
   void WithConnections(std::function<void()> const& attempt) const;
+  std::unique_ptr<Snapshot> BeginSnapshot(bool anew);
   void WaitForStandby(Connection& connection) const;
   CommitId NewestState() const;
   bool Ask(CommitInDoubt const& commit, Waits const& waits) const;
@@ -146,11 +151,13 @@ class PostgresStore final : public Store {
   std::size_t mutable in_use_ = 0;
   CommitId mutable known_{0};  // see NoteKnown
   std::multiset<CommitId> readers_;
+  KeptAnswers kept_answers_;
 };
 
 class PostgresSnapshot final : public Snapshot {
  public:
-  explicit PostgresSnapshot(PostgresStore& store);
+  // `anew`: without what earlier snapshots have read.
+  PostgresSnapshot(PostgresStore& store, bool anew);
   ~PostgresSnapshot() override;
 
   StateRead const& state() const { return state_; }

@@ -1,8 +1,7 @@
 #ifndef LSCOREDB_SRC_SERVER_VIEW_H
 #define LSCOREDB_SRC_SERVER_VIEW_H
 
-// Reads one state of the trees through a connection, and caches every answer as long as it lives.
-// One thread at a time.
+// Reads one state of the trees through a connection, and keeps every answer. One thread at a time.
 
 #include <array>
 #include <memory>
@@ -11,11 +10,9 @@
 #include <span>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
-#include "known_rows.h"
-#include "server_page.h"
+#include "server_answers.h"
 #include "statements.h"
 #include "store.h"
 
@@ -26,9 +23,17 @@ class ServerView {
   // REQUIRES: the connection is inside a transaction in which the trees do not change.
   // `numbered`: HasNumbers of the tables.
   ServerView(Connection& connection, Statements const& statements, bool numbered)
-      : connection_(connection), statements_(statements), numbered_(numbered), numbers_(numbered) {}
+      : connection_(connection),
+        statements_(statements),
+        answers_(std::make_unique<ServerAnswers>(numbered)) {}
 
-  bool numbered() const { return numbered_; }
+  bool numbered() const { return answers_->numbered(); }
+  // Takes what is known of the same state from an earlier view, in place of what was asked so far,
+  // of which nothing is in use. REQUIRES: the same `numbered`.
+  void Adopt(std::unique_ptr<ServerAnswers> answers) { answers_ = std::move(answers); }
+  // For a later view; ends this one.
+  std::unique_ptr<ServerAnswers> Release() { return std::move(answers_); }
+
   bool Get(Tree tree, std::string_view key, std::string_view* value);
   // In one round trip.
   void GetMany(Tree tree, std::span<std::string_view const> keys,
@@ -52,16 +57,14 @@ class ServerView {
   // many rows of this run come in the same round trip, fewer where they are large.
   using Run = std::optional<RowRun>;
   struct Beyond {
-    Tree tree;
-    std::string key;  // the entries behind this one, or before it
-    bool forward;
+    PagePlace place;  // behind a key, or before it
     std::size_t most;
-    std::string bound;  // where they end; empty: with the tree
     Run run;
   };
   ServerPage const& From(Tree tree, std::string_view key, std::size_t most);
   ServerPage const& Fetch(Beyond const& wanted);
   ServerPage const& Last(Tree tree, std::size_t most);
+  bool HasPage(PagePlace const& place) const { return answers_->FindPage(place) != nullptr; }
 
   // Asks for a page that Fetch then takes from the server, which works meanwhile. Null: the server
   // is lost. Whoever does not want it any more lets it go. REQUIRES: CanAskEarly(); there is one
@@ -72,36 +75,17 @@ class ServerView {
   ServerPage const& Fetch(Early const& asked);
 
  private:
-  using Known = std::unordered_map<std::string, std::optional<std::string_view>>;
-  using Sought = std::unordered_map<std::string, ServerPage const*>;  // by the key that was sought
-
-  // Keys in the server's form.
-  void Learn(Tree tree, std::set<std::string> const& asked, Result found);
-  void LearnRows(Result found);
-  void LearnSought(Tree tree, std::set<std::string> const& asked, Result found);
-  Sought& SoughtIn(Tree tree) { return sought_[static_cast<std::size_t>(tree)]; }
-  TreeStatements const& Of(Tree tree) const { return statements_.Of(tree, numbered_); }
-  Known& KnownOf(Tree tree) { return known_[static_cast<std::size_t>(tree)]; }
-  bool GetRow(std::uint64_t id, std::string_view* row);
+  TreeStatements const& Of(Tree tree) const { return statements_.Of(tree, numbered()); }
   void FetchRows(std::vector<std::uint64_t> const& ids);
   void Add(Beyond const& wanted);
   void AddRun(RowRun const& run, std::size_t most);
-  ServerPage const& Fetch(Tree tree, Statement const& statement, Parameters const& parameters,
-                          std::size_t most, bool falling);
+  ServerPage const& Fetch(PagePlace const& place, std::size_t most, Statement const& statement,
+                          Parameters const& parameters);
   ServerPage const& Keep(Beyond const& wanted, std::vector<Result> results);
-  ServerPage const& Keep(Tree tree, Result found, std::size_t most, bool falling);
 
   Connection& connection_;
   Statements const& statements_;
-  bool const numbered_;
-  NumberedValues numbers_;
-  std::array<Known, kTreeCount> known_;  // but for rows
-  KnownRows rows_;
-  std::size_t row_bytes_ = 0;  // of the rows that came, and their number
-  std::size_t row_count_ = 0;
-  std::array<Sought, kTreeCount> sought_;
-  std::vector<Result> results_;
-  std::vector<std::unique_ptr<ServerPage>> pages_;
+  std::unique_ptr<ServerAnswers> answers_;
   Early early_;  // what the connection was asked for early
 };
 
@@ -127,7 +111,8 @@ class ServerCursor final : public TreeCursor {
   bool GiveFirst(ServerPage const& page, KeyValue* entry);
   bool GiveLast(ServerPage const& page, KeyValue* entry);
   void Restart();
-  ServerView::Beyond NextPage(std::string_view key, bool forward);
+  PagePlace PlaceBeyond(std::string_view key, bool forward) const;
+  ServerView::Beyond NextPage(PagePlace place);
   ServerPage const& FetchBeyond(std::string_view key, bool forward);
   void AskEarly();
   // The position of the key in the current page; no value when it is not there.
