@@ -118,13 +118,19 @@ std::optional<Value> FromNumber(Type type, long double number) {
   return std::nullopt;
 }
 
+// Of a real number, zeros too.
+bool IsNegative(Value const& value) {
+  auto const* const narrow = std::get_if<float>(&value);
+  return narrow != nullptr ? std::signbit(*narrow) : std::signbit(std::get<double>(value));
+}
+
 }  // namespace
 
 bool SameValue(Value const& a, Value const& b) {
-  if (a == b) return true;
   if (a.index() != b.index()) return false;
   bool const real = std::holds_alternative<float>(a) || std::holds_alternative<double>(a);
-  return real && ValueText(a) == ValueText(b);
+  if (!real) return a == b;
+  return a == b ? IsNegative(a) == IsNegative(b) : ValueText(a) == ValueText(b);
 }
 
 // What comes back as the same value was held exactly. So 0.1 is the same as a decimal and as a
@@ -135,7 +141,8 @@ std::optional<Converted> ConvertNumber(Value const& value, Type from, Type to) {
   std::optional<Value> converted = FromNumber(to, *number);
   if (!converted) return std::nullopt;
   std::optional<Value> const back = FromNumber(from, *std::visit(ToNumber{}, *converted));
-  return Converted{*converted, back && SameValue(*back, value)};
+  bool const exact = back && (*back == value || SameValue(*back, value));  // zeros are equal
+  return Converted{*converted, exact};
 }
 
 void PutConverted(Transaction& transaction, Object const& object, Table const& table,

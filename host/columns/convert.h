@@ -55,7 +55,7 @@ void PutConverted(Transaction& transaction, Object const& object, Table const& t
 // Zero, false or empty: what a column without null holds instead of it.
 Value ZeroOf(Type type);
 
-// Whether two values are stored alike; a NaN is equal to itself.
+// Whether two values are stored alike: a NaN is equal to itself, and the two zeros differ.
 bool SameValue(Value const& a, Value const& b);
 
 }  // namespace sagleme::columns

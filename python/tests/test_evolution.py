@@ -215,6 +215,23 @@ def test_a_column_moves_up_from_two_classes():
         assert "the printed one" in str(db.describe(db["L.Item"]))
 
 
+@pytest.mark.parametrize("how", [{}, {"beside_writers": True, "objects": 1}])
+def test_a_zero_keeps_its_sign(how):
+    base, child = item(), {"size": float, "width": sg.Float32}
+    kinds = [table(name, base, child) for name in ("First", "Second")]
+    with begin(base, *kinds) as db, db.write() as tx:
+        ids = [tx.new(kind, size=-0.0, width=-0.0).id for kind in kinds]
+    base = item(size=float, width=float)
+    kinds = [table(name, base, {}) for name in ("First", "Second")]
+    with sg.open("shelf", models=[base, *kinds], sync=False) as db:
+        assert "lossy" not in db.plan().labels
+        db.apply(**how)
+        with db.read() as tx:
+            found = [tx.get(base, id) for id in ids]
+            assert [str(each.size) for each in found] == ["-0.0"] * 2
+            assert [str(each.width) for each in found] == ["-0.0"] * 2
+
+
 def test_a_column_moves_down_to_two_classes():
     with begin(*library(2)) as db, db.write() as tx:
         for cls in library_of(db)[1:3]:
