@@ -186,6 +186,14 @@ class Evolution:
         """Whether one is below the other in the database."""
         return any(each.name == base for each in self._above(table))
 
+    def tables_to_come_under(self, table: str) -> list[str]:
+        """By their names in the database; without those that are below another one there."""
+        top = self.classes[table]
+        names = [name for name, cls in self.classes.items()
+                 if name != table and name in self.before and issubclass(cls, top)]
+        return [str(self.before[name].entry["name"]) for name in names
+                if not any(self.derives(name, other) for other in names)]
+
     # ---- schemas
 
     def schema_before(self) -> list[Any]:

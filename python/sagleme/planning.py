@@ -5,7 +5,7 @@ from __future__ import annotations
 from collections.abc import Callable, Iterable
 from typing import Any
 
-from . import _core, schema
+from . import _core, declarations, schema
 from .errors import SchemaError
 from .evolution import Column, Evolution, TableState
 
@@ -195,11 +195,29 @@ class _Changes:
         text += self._type(table, name, type_, nullable, target)
         old_target = self.evolution.old_name(target) if target else ""
         if old_target is None:
-            return Step(label, text)
-        return _unless_lost(label, text, [_core.refusal_of(self.tx, (
-            "change column", each.entry["name"],
-            (each.columns[name].entry["name"], type_, nullable, old_target, "")))
-            for each in sources])
+            below = self.evolution.tables_to_come_under(target)
+            if not below:
+                return self._to_new_target(label, text, target, sources, name)
+            if len(below) > 1:
+                return Step(label, text)  # it is refused when it is made, if values are lost
+            old_target = below[0]
+        return _unless_lost(label, text, [
+            self._refusal_of_change(each, name, type_, nullable, old_target) for each in sources])
+
+    def _refusal_of_change(self, source: TableState, name: str, type_: int, nullable: bool,
+                           target: str) -> str:
+        refusal: str = _core.refusal_of(self.tx, (
+            "change column", source.entry["name"],
+            (source.columns[name].entry["name"], type_, nullable, target, "")))
+        return refusal
+
+    def _to_new_target(self, label: str, text: str, target: str, sources: list[TableState],
+                       name: str) -> Step:
+        """Of the values none leads there; what converts to nothing tells whether there are any."""
+        values = any(self._refusal_of_change(each, name, declarations.BINARY, True, "")
+                     for each in sources)
+        lost = f"{target} is new, and no value of the column leads to an object of it"
+        return _unless_lost(label, text, [lost if values else ""])
 
     def _type(self, table: str, name: str, type_: int, nullable: bool, target: str) -> str:
         """As the class writes it, if it is not to be another one in the end."""

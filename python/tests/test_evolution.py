@@ -391,6 +391,36 @@ def test_a_reference_gets_another_target():
             assert [type(each.by) for each in tx.all(new)] == [Person, type(None)]
 
 
+def test_a_reference_to_a_class_that_is_new():
+    def classes(new):
+        base = table("Item", sg.Table, {}, name="L.Item")
+        middle = [table("Work", base, {})] if new else []
+        book = table("Book", middle[0] if new == "between" else base, {})
+        target = middle[0] if new else base
+        loan = table("Loan", sg.Table, {"item": target | None, "other": target | None},
+                     name="L.Loan")
+        return base, *middle, book, loan
+
+    base, book, loan = classes("")
+    with begin(base, book, loan) as db, db.write() as tx:
+        item = tx.new(book)
+        id = tx.new(loan, item=item).id
+    base, work, book, loan = classes("beside")
+    with sg.open("shelf", models=[base, work, book, loan], sync=False) as db:
+        assert lines(db) == [
+            "instant     create table L.Work under L.Item ()",
+            "lossy       change column L.Loan.item from L.Item | None to L.Work | None: L.Work is new, "
+            "and no value of the column leads to an object of it",
+            "instant     change column L.Loan.other from L.Item | None to L.Work | None"]
+    base, work, book, loan = classes("between")
+    with sg.open("shelf", models=[base, work, book, loan], sync=False) as db:
+        assert "lossy" not in db.plan().labels
+        db.apply()
+        with db.read() as tx:
+            assert tx.get(loan, id).item is tx.all(book).one()
+        assert db.check(references=True) == []
+
+
 def test_a_column_of_the_old_base_that_the_new_one_has_otherwise():
     def models(number):
         first = table("One", sg.Table, {"code": (int, 0)}, name="B.One")
