@@ -15,6 +15,7 @@ namespace {
 
 using lscore::AskServer;
 using lscore::SchemaOf;
+using lscore::ServerDirectory;
 
 bool IsSound(Database const& database) {
   return lscoredb_check(database.get(), 0, nullptr, nullptr) == 0;
@@ -296,6 +297,21 @@ TEST(PostgresPlansTest, CommitsAndReadsOfSmallTables_GoThroughTheirIndexes) {
   }
   EXPECT_EQ(CountedFor(url, "seq_scan"), scans);
   EXPECT_NE(CountedFor(url, "idx_scan"), look_ups);
+}
+
+TEST(PostgresPlansTest, ServerThatRefusesTheSettings_IsUsedAsItIs) {
+  ASSERT_EQ(AskServer("GRANT CREATE ON DATABASE postgres TO guarded;"
+                      " REVOKE SELECT ON pg_settings FROM PUBLIC"),
+            "");
+  Database const database("postgresql://guarded:secret@/postgres?host=" + ServerDirectory() +
+                          "&schema=" + SchemaOf(lscore::NewServerUrl()));
+  Session session(database);
+  Oid const row = CommitPair(session, 1);
+  session.BeginReadOnly();
+  EXPECT_EQ(session.Long(row, kPairValue), 1);
+  session.Rollback();
+  EXPECT_EQ(AskServer("SET ROLE guarded; SELECT count(*) FROM pg_settings").substr(0, 5), "ERROR");
+  EXPECT_EQ(AskServer("GRANT SELECT ON pg_settings TO PUBLIC"), "");
 }
 
 }  // namespace

@@ -23,7 +23,7 @@ constexpr std::chrono::milliseconds kAskEvery{100};
 // Plans are made once for each statement of a connection, not for each execution of it, which costs
 // more than the execution. So they must not depend on how small a table was when they were made:
 // what can use an index does. A plan that cannot counts as a costly one, which is not worth
-// compiling. Servers without one of these settings leave it out.
+// compiling. Servers without one of these settings leave it out, and may refuse all.
 constexpr char kPlanOnce[] =
     "SELECT set_config(name, CASE name WHEN 'plan_cache_mode' THEN 'force_generic_plan' ELSE 'off'"
     " END, false) FROM pg_settings WHERE name IN ('plan_cache_mode', 'enable_seqscan', 'jit')";
@@ -222,6 +222,7 @@ void Connection::Open(ServerUrl const& url) {
   }
   Add({"plan_once", kPlanOnce});
   Post();
+  may_refuse_ = true;
 }
 
 void Connection::Connect(ConnectionOptions const& options) {
@@ -397,16 +398,18 @@ void Connection::ReadEarly(Deadline deadline) {
   if (waits_.count != nullptr) ++*waits_.count;
 }
 
-// Reads the results of posted exchanges, up to the end mark of each.
+// Reads the results of posted exchanges, up to the end mark of each. A transaction that does not end
+// as it was told makes the connection useless.
 void Connection::PassOverPosted(Deadline deadline) {
   while (posted_ > 0) {
     Result const result(NextResult(deadline));
     ExecStatusType const state =
         result.get() == nullptr ? PGRES_COMMAND_OK : PQresultStatus(result.get());
-    if (PQstatus(connection_) == CONNECTION_BAD || state == PGRES_FATAL_ERROR) {
-      Throw(LSCOREDB_SERVER_LOST);
-    }
-    if (state == PGRES_PIPELINE_SYNC) --posted_;
+    bool const refused = state == PGRES_FATAL_ERROR && !may_refuse_;
+    if (PQstatus(connection_) == CONNECTION_BAD || refused) Throw(LSCOREDB_SERVER_LOST);
+    if (state != PGRES_PIPELINE_SYNC) continue;
+    --posted_;
+    may_refuse_ = false;
   }
 }
 

@@ -167,7 +167,8 @@ class Connection {
   pg_conn* connection_ = nullptr;
   std::set<std::string> prepared_;
   std::vector<Awaited> added_;
-  std::size_t posted_ = 0;  // posted exchanges whose results were not read yet
+  std::size_t posted_ = 0;   // posted exchanges whose results were not read yet
+  bool may_refuse_ = false;  // the server, what was posted first
   std::optional<Early> early_;
   Status early_failed_ = LORV_STATUS_OK;  // in the present transaction, which that ends
   std::size_t refused_at_ = 0;
