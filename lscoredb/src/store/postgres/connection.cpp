@@ -398,8 +398,8 @@ void Connection::ReadEarly(Deadline deadline) {
   if (waits_.count != nullptr) ++*waits_.count;
 }
 
-// Reads the results of posted exchanges, up to the end mark of each. A transaction that does not end
-// as it was told makes the connection useless.
+// Reads the results of posted exchanges, up to the end mark of each. A transaction that did not end
+// as told makes the connection useless.
 void Connection::PassOverPosted(Deadline deadline) {
   while (posted_ > 0) {
     Result const result(NextResult(deadline));
