@@ -91,7 +91,7 @@ class _Planner:
         shown = _Changes(self.tx, self.evolution, after)
         self.steps += [shown.step(label, change) for label, change in told]
         self.work.append(lambda tx, lossy: _core.apply_changes(tx, changes, lossy))
-        annotations = _Annotations(self.evolution, {
+        annotations = _Annotations(self.tx, self.evolution, {
             change[1][0] for _, change in told if change[0] == "create index"})
         for cls in self.classes:
             annotations.add(cls)
@@ -274,8 +274,8 @@ def _unless_lost(label: str, text: str, refusals: list[str]) -> Step:
 class _Annotations:
     """The steps that set what classes say of their tables, columns and indexes."""
 
-    def __init__(self, evolution: Evolution, created_indexes: set[str]) -> None:
-        self.evolution, self.created_indexes = evolution, created_indexes
+    def __init__(self, tx: Any, evolution: Evolution, created_indexes: set[str]) -> None:
+        self.tx, self.evolution, self.created_indexes = tx, evolution, created_indexes
         self.rules: list[tuple[Step, _Work]] = []
         self.abstract: list[tuple[Step, _Work]] = []
         self.others: list[tuple[Step, _Work]] = []
@@ -302,9 +302,11 @@ class _Annotations:
             self._annotate(f"comment on table {table}: {comment!r}",
                            lambda tx, _: _core.set_comment(tx, table, "", comment))
         if bare is not None and bool(bare) != (before["abstract"] if before else False):
-            what = "abstract" if bare else "no longer abstract"
-            self.abstract.append((Step("instant", f"table {table} is {what}"),
-                                  lambda tx, _: _core.set_abstract(tx, table, bool(bare))))
+            refusal = (_core.refusal_of(self.tx, ("abstract", before["name"]))
+                       if bare and before else "")
+            step = (Step("refused", f"table {table} cannot be abstract: {refusal}") if refusal
+                    else Step("instant", f"table {table} is {'' if bare else 'no longer '}abstract"))
+            self.abstract.append((step, lambda tx, _: _core.set_abstract(tx, table, bool(bare))))
 
     def _column(self, table: str, column: Any, before: Column | None, moved: bool) -> None:
         """What a column that moved or has another type keeps is said again."""

@@ -3,6 +3,7 @@
 
 #include "evolution.h"
 
+#include <sagleme/counts.hpp>
 #include <sagleme/index_build.hpp>
 #include <sagleme/schema_plan.hpp>
 
@@ -173,6 +174,15 @@ sagleme::Plan Compare(sagleme::SchemaDoc const& from, sagleme::SchemaDoc to) {
   }
 }
 
+// Objects of its own keep a table from being abstract.
+std::string RefusalOfAbstract(sagleme::Transaction& kernel, std::string const& name) {
+  sagleme::TablePtr const table = kernel.Find(name);
+  std::uint64_t const count = table == nullptr ? 0 : sagleme::ObjectCounts(kernel).Own(*table);
+  if (count == 0) return "";
+  return "it has " + std::to_string(count) + (count == 1 ? " object" : " objects") +
+         " of its own; delete them, or make them objects of a class below it";
+}
+
 // A change as ("change column", table, column), ("push down", table, column, tables) or ("set
 // base", table, base).
 sagleme::Change ChangeFrom(PyObject* told) {
@@ -235,9 +245,17 @@ PyObject* RefusalOf(PyObject*, PyObject* args) {
   if (!PyArg_ParseTuple(args, "OO!", &transaction, &PyTuple_Type, &told)) return nullptr;
   return Guard([&]() -> PyObject* {
     sagleme::Transaction& kernel = KernelOf(transaction);
-    sagleme::Change const change = ChangeFrom(told);
     std::string refusal;
-    Away(As<Transaction>(transaction), [&] { refusal = sagleme::RefusalOf(kernel, change); });
+    auto const look = [&](auto const& refuse) {
+      Away(As<Transaction>(transaction), [&] { refusal = refuse(); });
+    };
+    if (TextOf(PyTuple_GET_ITEM(told, 0)) == "abstract") {
+      std::string const table = TextOf(Need(PyTuple_GetItem(told, 1)));
+      look([&] { return RefusalOfAbstract(kernel, table); });
+    } else {
+      sagleme::Change const change = ChangeFrom(told);
+      look([&] { return sagleme::RefusalOf(kernel, change); });
+    }
     return FromUtf8(refusal);
   });
 }

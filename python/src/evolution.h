@@ -44,7 +44,7 @@ PyObject* PlanChanges(PyObject* module, PyObject* args);
 PyObject* ApplyChanges(PyObject* module, PyObject* args);
 // refusal_of(transaction, change): why a change of the present schema would be refused for values
 // or references; "" if it would not. A change is ("change column", table, column), ("push down",
-// table, column, tables) or ("set base", table, base).
+// table, column, tables), ("set base", table, base) or ("abstract", table).
 PyObject* RefusalOf(PyObject* module, PyObject* args);
 // indexes_to_prepare(transaction, plan, objects): the names of those that are worth building beside
 // writers, since their tables have so many objects; none if the plan moves what they are built on.

@@ -485,6 +485,28 @@ def test_objects_get_no_zeros_with_a_column_that_moves_up_and_takes_none():
 # ---- beside what others do
 
 
+def test_a_table_with_objects_of_its_own_does_not_become_abstract():
+    def classes(abstract):
+        base = table("Item", sg.Table, {"year": int}, name="L.Item", abstract=abstract)
+        return base, table("Book", base, {})
+
+    base, book = classes(False)
+    with begin(base, book) as db, db.write() as tx:
+        tx.new(book, year=1)
+        item = tx.new(base, year=2).id
+    with sg.open("shelf", models=classes(True), sync=False) as db:
+        assert lines(db) == ["refused     table L.Item cannot be abstract: it has 1 object of its own; "
+                             "delete them, or make them objects of a class below it"]
+        with pytest.raises(sg.SchemaError, match="cannot be abstract"):
+            db.apply(allow=ALL)
+    with sg.open("shelf", models=[base, book], sync=False) as db, db.write() as tx:
+        tx.retype(tx.get(base, item), book)
+    with sg.open("shelf", models=classes(True), sync=False) as db:
+        assert lines(db) == ["instant     table L.Item is abstract"]
+        db.apply()
+        assert lines(db) == []
+
+
 def test_others_see_the_classes_of_their_snapshot_and_then_an_error():
     before, after = item(year=(int, 0)), item(year=str | None)
     path = place()
