@@ -75,7 +75,7 @@ def one(tx: Transaction, object: Any, cls: Any, by_name: bool, references: str, 
     try:
         return _core.retype_object(tx, object, cls, values, by_name, _code(references), allow_losses)
     except SchemaError as error:
-        if error.hint and not error.status:
+        if error.hint not in ("", SchemaError.default_hint) and not error.status:
             error.hint = f"{_LOSSES}; {_SETTLED}"
         raise
 

@@ -206,6 +206,19 @@ def test_objects_and_classes_that_cannot_be(db, tx, make):
         reading.retype(reading.all(Film).where(minutes=None).first(), Book)
 
 
+def test_hints_are_about_what_is_refused(tx):
+    class Stranger(sg.Table, name="Library.Stranger"):
+        pages: int = 0
+
+    book = tx.all(Book).first()
+    with pytest.raises(sg.SchemaError, match="no class of this database") as told:
+        tx.retype(book, Stranger)
+    assert "allow_losses" not in told.value.hint
+    with pytest.raises(sg.SchemaError, match="would be lost") as told:
+        tx.retype(book, Film)
+    assert "allow_losses" in told.value.hint
+
+
 def test_values_whose_code_uses_the_transaction(db, tx):
     class Number:
         def __init__(self, work):
