@@ -404,7 +404,8 @@ class Database:
         `where` chooses among them, `only` leaves those of subclasses alone, and the rest is as for
         `tx.retype`. Values or references that are in the way raise SchemaError before anything is
         changed. Each batch is a transaction of its own, after which `report` is called; False from
-        it ends the run. The rest is a job then, which `jobs` lists and resumes.
+        it ends the run. The rest is a job then, which `jobs` lists and resumes. Objects that refer to
+        each other so that only both may change need a `batch` that takes both.
         """
         from . import retyping
 
