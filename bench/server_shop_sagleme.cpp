@@ -13,6 +13,8 @@ constexpr char16_t kItem[] = u"Shop.Item";
 constexpr char16_t kBook[] = u"Shop.Book";
 constexpr char16_t kTool[] = u"Shop.Tool";
 
+constexpr std::int64_t kNoNumber = std::numeric_limits<std::int64_t>::max();
+
 void Check(std::uint32_t status) { sagleme::detail::CheckKernel(status); }
 
 struct Item {
@@ -34,12 +36,13 @@ class SaglemeShop final : public Shop {
     Check(lorv_crud_GetPropertyHandle(id(), kBook, u"Pages", &pages_));
     Check(lorv_crud_GetPropertyHandle(id(), kTool, u"Weight", &weight_));
     by_number_ = transaction.FindIndex(u"ItemByNumber")->handle;
+    ForEach(kNoNumber, [](Item const&) { throw std::runtime_error("an item that nobody made"); });
   }
 
   // Where the items are: a program has references, so a shop learns them outside of what is timed.
   void Learn() {
     Check(lscoredb_begin(id(), LSCOREDB_READ_ONLY_TRANSACTION));
-    ForEach([&](Item const& item) { items_.push_back(item); });
+    ForEach(0, [&](Item const& item) { items_.push_back(item); });
     Check(lscoredb_rollback(id()));
   }
 
@@ -52,7 +55,7 @@ class SaglemeShop final : public Shop {
   ItemSum ScanItems() override {
     ItemSum sum = 0;
     Check(lscoredb_begin(id(), LSCOREDB_READ_ONLY_TRANSACTION));
-    ForEach([&](Item const& item) { sum += Long(number_, item) * 3 + Long(price_, item); });
+    ForEach(0, [&](Item const& item) { sum += Long(number_, item) * 3 + Long(price_, item); });
     Check(lscoredb_rollback(id()));
     return sum;
   }
@@ -107,13 +110,13 @@ class SaglemeShop final : public Shop {
     return static_cast<ItemSum>(value);
   }
 
-  // In the order of their numbers.
+  // From a number on, in the order of their numbers.
   template <typename Visit>
-  void ForEach(Visit&& visit) {
+  void ForEach(std::int64_t from, Visit&& visit) {
     alignas(8) unsigned char first[16];
     alignas(8) unsigned char last[16];
-    metalayer::Key(first).Long(0);
-    metalayer::Key(last).Long(std::numeric_limits<std::int64_t>::max());
+    metalayer::Key(first).Long(from);
+    metalayer::Key(last).Long(kNoNumber);
     std::uint64_t iterator = 0;
     Check(lorv_context_create_iterator(id(), by_number_, LORV_ITERATOR_FORWARD, first, last,
                                        &iterator));
