@@ -40,8 +40,8 @@ class Shop {
 inline ItemNumber NextOf(ItemNumber item) { return item * 7919U % (item + 1); }
 inline bool IsBook(ItemNumber item) { return item % 2 == 0; }
 
-// By sagleme at the URL. A new object knows the tables, the index and, unless it only scans, where the
-// items are.
+// By sagleme at the URL. A new object knows the tables, the index and, unless it only scans, where
+// the items are.
 enum class Use { kAll, kScans };
 std::unique_ptr<Shop> MakeSaglemeShop(std::string const& url, Use use = Use::kAll);
 // Both create their tables.
