@@ -106,5 +106,7 @@
 /* The library for databases on a server, liblscoredb-postgres, is not installed or has another
  * version. */
 #define LSCOREDB_NO_SERVER_LIBRARY 9053u
+/* The server has an earlier state of the database, or another one. Close it and open it again. */
+#define LSCOREDB_SERVER_SET_BACK 9054u
 
 #endif

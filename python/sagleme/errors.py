@@ -167,6 +167,7 @@ _FAMILIES: dict[int, type[Error]] = {
     statuses.LSCOREDB_NEWER_FORMAT: OpenError,
     statuses.LSCOREDB_DAMAGED: Damaged,
     statuses.LSCOREDB_CANNOT_OPEN: OpenError,
+    statuses.LSCOREDB_SERVER_SET_BACK: OpenError,
     statuses.LSCOREDB_MAP_FULL: Full,
     statuses.LSCOREDB_DISK_FULL: Full,
     statuses.LSCOREDB_IO_ERROR: OpenError,

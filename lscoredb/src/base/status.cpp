@@ -82,6 +82,9 @@ constexpr Entry kTexts[] = {
     {LSCOREDB_NO_SERVER_LIBRARY,
      "The library for databases on a server, liblscoredb-postgres, is not installed or has "
      "another version."},
+    {LSCOREDB_SERVER_SET_BACK,
+     "The server has an earlier state of the database, or another one. Close it and open it "
+     "again."},
     {LSCOREDB_STOPPED, "The watch of the thread stopped the work."},
     // end of what tools/statuses generates
 };

@@ -17,14 +17,18 @@ BlindStatements::BlindStatements(std::string const& schema) {
   std::string const entries = schema + ".entries";
   std::string const changes = schema + ".changes";
   std::string const commits = schema + ".feed_commits";
+  std::string const tickets = schema + ".tickets";
   std::string const now = "(SELECT id FROM " + state + ")";
   std::string const not_later = "(one.number IS NULL OR one.number <= given.number)";
   advance = {"advance_and_put_ticket",
              "WITH advanced AS (UPDATE " + state +
-                 " SET id = id + 1 WHERE version = $1::bigint RETURNING id, listed), put_ticket AS"
+                 " SET id = id + 1 WHERE version = $1::bigint AND ($4::bytea = ''::bytea OR EXISTS"
+                 " (SELECT 1 FROM " +
+                 tickets +
+                 " WHERE ticket = $4::bytea AND committed)) RETURNING id, listed), put_ticket AS"
                  " (INSERT INTO " +
-                 schema +
-                 ".tickets (ticket, state, committed) SELECT $2::bytea, id, true FROM advanced),"
+                 tickets +
+                 " (ticket, state, committed) SELECT $2::bytea, id, true FROM advanced),"
                  " put_changes AS (INSERT INTO " +
                  changes +
                  " (state, key) SELECT advanced.id, one.key FROM advanced CROSS JOIN"

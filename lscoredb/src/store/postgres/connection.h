@@ -129,6 +129,14 @@ class Connection {
   // Whether another transaction can use the connection: it is outside of any, or will be after what
   // was posted. A stopped wait makes it useless for others, since the server may be busy for long.
   bool usable() const;
+  // Makes it useless.
+  void GiveUp() noexcept { broken_ = true; }
+
+  // For the store: whether it leads to the primary, which kNow says of the present and kBefore of
+  // the past.
+  enum class Primary : std::uint8_t { kPerhaps, kNow, kBefore };
+  Primary primary() const { return primary_; }
+  void SetPrimary(Primary primary) { primary_ = primary; }
 
  private:
   using Deadline = std::chrono::steady_clock::time_point;
@@ -174,6 +182,7 @@ class Connection {
   std::size_t refused_at_ = 0;
   std::size_t statements_added_ = 0;
   Waits waits_;
+  Primary primary_ = Primary::kPerhaps;
   bool stoppable_ = true;  // what is being waited for
   bool stopped_ = false;   // a wait was
   bool broken_ = false;

@@ -148,10 +148,8 @@ PostgresBatch::PostgresBatch(PostgresStore& store, std::vector<TreeKey> const& h
 
 void PostgresBatch::Begin(std::vector<TreeKey> const& hints) {
   connection_ = store_.TakeConnection();
-  Statements const& statements = store_.statements();
-  view_ = std::make_unique<ServerView>(*connection_, statements, store_.numbered());
-  state_ =
-      store_.BeginAt(*connection_, statements.begin_batch, statements.lock_state, *view_, hints);
+  view_ = std::make_unique<ServerView>(*connection_, store_.statements(), store_.numbered());
+  state_ = store_.BeginAt(*connection_, BeginsFor::kBatch, *view_, hints);
   set_id(CommitId{Raw(state_.id) + 1});
 }
 

@@ -184,9 +184,11 @@ void PostgresBlindBatch::Send(Connection& connection) {
   };
   add(statements.begin_batch);
   if (!store_.sync() && !asks_for_sync_) add(statements.no_wait_for_disk);
-  advance_at_ =
-      add(blind.advance,
-          Parameters().Number(version_).Bytes(in_doubt_.ticket).ManyBytes(ViewsOf(changed_)));
+  advance_at_ = add(blind.advance, Parameters()
+                                       .Number(version_)
+                                       .Bytes(in_doubt_.ticket)
+                                       .ManyBytes(ViewsOf(changed_))
+                                       .Bytes(store_.seen().ticket));
   std::size_t const before = connection.added();
   SendMeta(connection);
   SendRows(connection);

@@ -191,6 +191,7 @@ void PostgresStore::WaitForStandby(Connection& connection) const {
   std::string const row = NewTicket().substr(0, 1);
   Status const status =
       StatusOf([&] { connection.Run(statements_.fence_ticket, Parameters().Bytes(row)); });
+  if (status == LORV_STATUS_OK) connection.SetPrimary(Connection::Primary::kNow);
   if (status != LSCOREDB_WRITE_REFUSED && status != LSCOREDB_CANNOT_OPEN) Check(status);
 }
 
@@ -236,9 +237,7 @@ PostgresSnapshot::PostgresSnapshot(PostgresStore& store, bool anew)
   static std::vector<TreeKey> const asked_by_most = {
       {Tree::kMeta, std::string(format::kIndexesKey)},
       {Tree::kMeta, std::string(format::kClosingsKey)}};
-  Statements const& statements = store.statements();
-  state_ = store.BeginAt(*connection_, statements.begin_snapshot, statements.read_state, view_,
-                         asked_by_most);
+  state_ = store.BeginAt(*connection_, BeginsFor::kSnapshot, view_, asked_by_most);
   set_id(state_.id);
   if (anew) return;
   auto known = store.kept_answers().Take(state_.id, view_.numbered());
@@ -325,22 +324,28 @@ void PostgresStore::NoteBlindCommit(CommitId state) noexcept {
 // The changes are read after the state, in the same round trip: a batch first waits there for the
 // lock, and must see what was committed until then. A process that knows no state has nothing in
 // memory that could have changed, so it asks for no changes.
-StateRead PostgresStore::BeginAt(Connection& connection, Statement const& begin,
-                                 Statement const& state, ServerView& view,
+StateRead PostgresStore::BeginAt(Connection& connection, BeginsFor what, ServerView& view,
                                  std::vector<TreeKey> const& hints) const {
   bool const numbered = view.numbered();
+  bool const locks = what == BeginsFor::kBatch;
   StateRead read;
+  SeenState seen;
   {
     std::lock_guard const lock(mutex_);
     read.changes_after = known_ == CommitId{0} ? kNever : known_;
+    seen = seen_;
   }
-  connection.Add(begin);
-  connection.Add(state);
+  Parameters const ticket = Parameters().Bytes(seen.ticket);
+  connection.Add(locks ? statements_.begin_batch : statements_.begin_snapshot);
+  connection.Add(locks ? statements_.lock_state : statements_.read_history,
+                 locks ? Parameters() : ticket);
   connection.Add(statements_.read_changes,
                  Parameters().Number(Raw(read.changes_after)).Number(kMostChanges + 1));
+  if (locks) connection.Add(statements_.read_ticket, ticket);
+  std::size_t const before = connection.added();
   ServerView::Asked const asked = view.Ask(hints);
   std::vector<Result> results = connection.Exchange();
-  view.Take(asked, std::span(results).subspan(3));
+  view.Take(asked, std::span(results).subspan(before));
   Result const& row = results[1];
   if (row.size() != 1) Throw(LSCOREDB_NOT_A_DATABASE);
   read.version = row.Number(0, 1);
@@ -349,10 +354,40 @@ StateRead PostgresStore::BeginAt(Connection& connection, Statement const& begin,
   // Another program has brought the tables up to date: once more, as on a connection that was cut.
   if (HasNumbers(read.version) != numbered) Throw(LSCOREDB_SERVER_LOST);
   read.id = CommitId{row.Number(0, 0)};
+  bool const found = locks ? results[3].size() > 0 : row.Number(0, 3) > 0;
+  RequireSameHistory(connection, seen, found, read.id);
+  if (!locks && !row.IsNull(0, 4)) NoteSeen({read.id, std::string(row.Bytes(0, 4))});
   read.listed = CommitId{row.Number(0, 2)};
   read.changes = std::move(results[2]);
   if (read.changes_after == kNever) NoteKnown(read.id);
   return read;
+}
+
+// A server that was set back, by its operator or by a failover to a standby that lacked commits,
+// counts on from an earlier state and gives the numbers of lost commits to others. What a process
+// has in memory of lost ones, ids that it reserved among them, would then count as theirs. `found`:
+// the ticket of the seen state. Tickets of old commits are dropped. A connection that is not to the
+// primary may be to a standby that is behind, and one of the pool to a primary of the past: then
+// others are tried.
+void PostgresStore::RequireSameHistory(Connection& connection, SeenState const& seen, bool found,
+                                       CommitId now) const {
+  Connection::Primary const primary = connection.primary();
+  if (primary == Connection::Primary::kNow) connection.SetPrimary(Connection::Primary::kBefore);
+  if (found || seen.ticket.empty() || Raw(now) > Raw(seen.id) + kTicketsKept) return;
+  if (primary == Connection::Primary::kPerhaps && now < seen.id) return;
+  if (primary != Connection::Primary::kBefore) Throw(LSCOREDB_SERVER_SET_BACK);
+  connection.GiveUp();
+  Throw(LSCOREDB_SERVER_LOST);
+}
+
+void PostgresStore::NoteSeen(SeenState seen) const {
+  std::lock_guard const lock(mutex_);
+  if (seen.id > seen_.id) seen_ = std::move(seen);
+}
+
+SeenState PostgresStore::seen() const {
+  std::lock_guard const lock(mutex_);
+  return seen_;
 }
 
 void PostgresStore::NoteKnown(CommitId state) const noexcept {

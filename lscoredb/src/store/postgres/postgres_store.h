@@ -50,8 +50,16 @@ struct StateRead {
   Result changes;             // keys of rows
 };
 
+// A state of the database that a process has seen, and the ticket of its commit; empty: none.
+struct SeenState {
+  CommitId id{0};
+  std::string ticket;
+};
+
 // A commit's random name, by which its outcome can be asked for.
 std::string NewTicket();
+
+enum class BeginsFor : std::uint8_t { kSnapshot, kBatch };
 
 class PostgresStore final : public Store {
  public:
@@ -87,8 +95,10 @@ class PostgresStore final : public Store {
   bool numbered() const { return HasNumbers(version_); }
   // Begins a transaction and reads, or locks, the newest state, in one round trip with the changes
   // since the known state and the hints for a view.
-  StateRead BeginAt(Connection& connection, Statement const& begin, Statement const& state,
-                    ServerView& view, std::vector<TreeKey> const& hints) const;
+  StateRead BeginAt(Connection& connection, BeginsFor what, ServerView& view,
+                    std::vector<TreeKey> const& hints) const;
+  // The newest state that a transaction of this process began at.
+  SeenState seen() const;
   // This process has evicted all rows that changed up to the state.
   void NoteKnown(CommitId state) const noexcept;
   // What a commit of an unknown number counts for in the feed, besides its notes.
@@ -134,6 +144,9 @@ class PostgresStore final : public Store {
   std::unique_ptr<Snapshot> BeginSnapshot(bool anew);
   void WaitForStandby(Connection& connection) const;
   CommitId NewestState() const;
+  void NoteSeen(SeenState seen) const;
+  void RequireSameHistory(Connection& connection, SeenState const& seen, bool found,
+                          CommitId now) const;
   bool Ask(CommitInDoubt const& commit, Waits const& waits) const;
 
   ServerUrl const url_;
@@ -150,6 +163,7 @@ class PostgresStore final : public Store {
   std::vector<std::unique_ptr<Connection>> mutable idle_;
   std::size_t mutable in_use_ = 0;
   CommitId mutable known_{0};  // see NoteKnown
+  SeenState mutable seen_;
   std::multiset<CommitId> readers_;
   KeptAnswers kept_answers_;
 };

@@ -109,6 +109,10 @@ Statements::Statements(std::string const& schema) {
   commit = {"commit", "COMMIT"};
   rollback = {"rollback", "ROLLBACK"};
   read_state = {"read_state", "SELECT id, version, listed FROM " + state};
+  read_history = {"read_history",
+                  "SELECT id, version, listed, (SELECT count(*) FROM " + tickets +
+                      " WHERE ticket = $1::bytea AND committed), (SELECT ticket FROM " + tickets +
+                      " WHERE state = id AND committed LIMIT 1) FROM " + state};
   lock_state = {"lock_state", "SELECT id, version, listed FROM " + state + " FOR UPDATE"};
   advance_state = {"advance_state",
                    "UPDATE " + state + " SET id = $1::bigint, listed = $2::bigint"};

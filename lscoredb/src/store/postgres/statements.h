@@ -92,17 +92,19 @@ struct Statements {
   Statement wait_for_disk;  // its commit waits for all earlier ones
   Statement commit;
   Statement rollback;
-  Statement read_state;         // gives id, version, listed
-  Statement lock_state;         // as read_state
-  Statement read_changes;       // after a state, most rows: gives keys
-  Statement put_changes;        // state, keys
-  Statement drop_changes;       // of a state and before
-  Statement advance_state;      // id, listed
-  Statement put_ticket;         // ticket, state
-  Statement fence_ticket;       // ticket; writes in either case
-  Statement read_ticket;        // ticket: 1 when it was committed
-  Statement drop_tickets;       // below a state
-  Statement lock_creation;      // fails at once when another session has the lock
+  Statement read_state;     // gives id, version, listed
+  Statement read_history;   // ticket: as read_state, then 1 if it was committed, else 0, and the
+                            // ticket of the newest state's commit
+  Statement lock_state;     // as read_state
+  Statement read_changes;   // after a state, most rows: gives keys
+  Statement put_changes;    // state, keys
+  Statement drop_changes;   // of a state and before
+  Statement advance_state;  // id, listed
+  Statement put_ticket;     // ticket, state
+  Statement fence_ticket;   // ticket; writes in either case
+  Statement read_ticket;    // ticket: 1 when it was committed
+  Statement drop_tickets;   // below a state
+  Statement lock_creation;  // fails at once when another session has the lock
   Statement read_reservations;  // gives numbers
   Statement reserve;            // numbers: gives those that were free
   Statement read_word;          // of a number
