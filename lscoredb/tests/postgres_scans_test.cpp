@@ -331,6 +331,26 @@ TEST_F(PostgresScanTest, MoreThanTheMemoryHolds_IsNotKept) {
   }
 }
 
+TEST_F(PostgresScanTest, ObjectsThatDoNotExist_TakeMemoryToo) {
+  lscoredb_options options{};
+  options.size = sizeof options;
+  options.row_memory = 4 << 20;
+  Database const cold(url_ + "&timeout=6", options);
+  Session reader(cold);
+  constexpr Oid kNobody = Oid{1} << 40;
+  auto const trips_of_looking_for = [&](Oid oid) {
+    reader.BeginReadOnly();
+    std::uint64_t const before = TripsOf(cold);
+    EXPECT_FALSE(reader.Exists(oid));
+    reader.Rollback();
+    return TripsOf(cold) - before - 1;  // asking for them is one
+  };
+  EXPECT_EQ(trips_of_looking_for(kNobody), 1U);
+  EXPECT_EQ(trips_of_looking_for(kNobody), 0U);
+  for (Oid more = 1; more < 4500; ++more) trips_of_looking_for(kNobody + more);
+  EXPECT_EQ(trips_of_looking_for(kNobody), 1U);
+}
+
 // A check reads the tables again.
 TEST_F(PostgresScanTest, Check_FindsWhatWasDamagedSinceItWasRead) {
   AddItems();

@@ -21,6 +21,7 @@ class KnownRows {
   // A row that is known stays as it is. The bytes outlive the table.
   void Note(std::uint64_t id, Row const& row);
   void Reserve(std::size_t more);
+  std::size_t memory() const { return slots_.size() * sizeof(Slot); }
 
  private:
   enum class State : std::uint8_t { kFree, kMissing, kThere };

@@ -44,7 +44,7 @@ ServerAnswers::Value ServerAnswers::Learn(Tree tree, std::string_view key, Resul
   if (tree == Tree::kRows) {
     rows_.Note(Load<std::uint64_t>(key.data()), value);
   } else {
-    KnownOf(tree).try_emplace(std::string(key), value);
+    Note(tree, std::string(key), value);
   }
   if (value.has_value()) Hold(std::move(found));
   return value;
@@ -74,14 +74,19 @@ void ServerAnswers::Learn(Tree tree, std::set<std::string> const& asked, Result 
     for (std::string const& key : asked) rows_.Note(LoadBig<std::uint64_t>(key.data()), {});
     return;
   }
-  Known& known = KnownOf(tree);
   for (std::size_t i = 0; i < found.size(); ++i) {
     std::string key(found.Bytes(i, 0));
     std::string_view const value = numbers_.Read(tree, key, found, i, 1);
-    known.try_emplace(std::move(key), value);
+    Note(tree, std::move(key), value);
   }
-  for (std::string const& key : asked) known.try_emplace(key);
+  for (std::string const& key : asked) Note(tree, key, {});
   Hold(std::move(found));
+}
+
+// What is known stays as it is.
+void ServerAnswers::Note(Tree tree, std::string key, Value const& value) {
+  std::size_t const size = sizeof(Known::value_type) + 4 * sizeof(void*) + key.size();
+  if (KnownOf(tree).try_emplace(std::move(key), value).second) known_bytes_ += size;
 }
 
 void ServerAnswers::Hold(Result found) {

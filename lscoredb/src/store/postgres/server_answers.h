@@ -39,8 +39,9 @@ class ServerAnswers {
   ServerAnswers& operator=(ServerAnswers const&) = delete;
 
   bool numbered() const { return numbered_; }
-  // About what it takes: the replies, and as much again for what was made of them.
-  std::size_t memory() const { return 2 * reply_bytes_; }
+  // About what it takes: the replies, as much again for what was made of them, and what is known
+  // without a reply that has it.
+  std::size_t memory() const { return 2 * reply_bytes_ + known_bytes_ + rows_.memory(); }
   // The mean size of the rows that came; 0: none did.
   std::size_t mean_row() const { return row_count_ == 0 ? 0 : row_bytes_ / row_count_; }
 
@@ -75,6 +76,7 @@ class ServerAnswers {
   Known const& KnownOf(Tree tree) const { return known_[static_cast<std::size_t>(tree)]; }
   Known& KnownOf(Tree tree) { return known_[static_cast<std::size_t>(tree)]; }
   void Hold(Result found);
+  void Note(Tree tree, std::string key, Value const& value);
 
   bool const numbered_;
   NumberedValues numbers_;
@@ -87,6 +89,7 @@ class ServerAnswers {
   std::vector<Result> results_;
   std::vector<std::unique_ptr<ServerPage>> pages_;
   std::size_t reply_bytes_ = 0;
+  std::size_t known_bytes_ = 0;  // of the keys in known_, and the tables' own
 };
 
 }  // namespace lscore
