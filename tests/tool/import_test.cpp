@@ -123,6 +123,19 @@ TEST_F(ImportTest, StoppedByCtrlCAtAPipe_EndsAndKeepsWholeBatches) {
   EXPECT_EQ(kBatch, Count("Person"));
 }
 
+TEST_F(ImportTest, ContinuedImport_AddsToTheRowsRejectedBefore) {
+  std::string const rows = Write("people.csv", "Name,Height\na,x\nb,1\nc,y\nd,2\n");
+  std::string const rest = Path("rest.csv");
+  On("import", {"Person", rows, "--reject", rest}, 1);
+  EXPECT_EQ("Name,Height\na,x\nc,y\n", ReadText(rest));
+  On("import", {"Person", rows, "--skip", "2", "--reject", rest}, 1);
+  EXPECT_EQ("Name,Height\na,x\nc,y\nc,y\n", ReadText(rest));
+  On("import", {"Person", rows, "--skip", "2", "--reject", Path("new.csv")}, 1);
+  EXPECT_EQ("Name,Height\nc,y\n", ReadText(Path("new.csv")));
+  On("import", {"Person", rows, "--reject", rest}, 1);
+  EXPECT_EQ("Name,Height\na,x\nc,y\n", ReadText(rest));
+}
+
 TEST_F(ImportTest, NumbersThatNoColumnHolds_AreReportedAsWrittenWithTheirLocation) {
   std::string const rows = Write("people.csv", "Name,Height\na,1e999\nb,1\nc,-1e999\n");
   Result const csv = On("import", {"Person", rows, "--reject", Path("rest.csv")}, 1);

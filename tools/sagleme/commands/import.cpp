@@ -26,8 +26,8 @@ class Rejects {
   Rejects(std::string path, std::string input, Output const& output)
       : path_(std::move(path)), input_(std::move(input)), output_(output) {}
 
-  // Failure when the row cannot be written.
-  void Add(RowSource const& rows, BadRow const& bad);
+  // `continued`: the file holds what was rejected before. Failure when the row cannot be written.
+  void Add(RowSource const& rows, BadRow const& bad, bool continued);
 
  private:
   std::string path_;
@@ -105,10 +105,10 @@ class Import : public Command {
 };
 
 // The row is written before the batch around it is committed.
-void Rejects::Add(RowSource const& rows, BadRow const& bad) {
+void Rejects::Add(RowSource const& rows, BadRow const& bad, bool continued) {
   if (file_ == nullptr) {
-    file_ = std::make_unique<NewFileWriter>(path_);
-    file_->Write(rows.heading());
+    file_ = std::make_unique<NewFileWriter>(path_, continued);
+    if (!continued || file_->empty()) file_->Write(rows.heading());
   }
   file_->Write(rows.raw());
   file_->Flush();
@@ -199,10 +199,12 @@ Exit Import::Run(Session& session, Output& output) {
   options.report = [&](sagleme::TransferProgress const& so_far) {
     progress.Update(so_far.done, so_far.objects);
   };
-  if (!reject_.empty()) {
-    options.reject = [&](RowSource const& source, BadRow const& bad) { rejects.Add(source, bad); };
-  }
   sagleme::ImportResult result;
+  if (!reject_.empty()) {
+    options.reject = [&](RowSource const& source, BadRow const& bad) {
+      rejects.Add(source, bad, skip_ != 0 || result.before != 0);
+    };
+  }
   try {
     ImportRows(session, *table, *rows, options, result);
   } catch (BadRow const& bad) {

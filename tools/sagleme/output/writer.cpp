@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -47,8 +48,14 @@ void FileWriter::Fail() const {
 
 NewFileWriter::~NewFileWriter() { close(opened_); }
 
-int NewFileWriter::Open(std::string const& path) {
-  int const file = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+bool NewFileWriter::empty() const {
+  struct stat status = {};
+  return fstat(opened_, &status) != 0 || status.st_size == 0;
+}
+
+int NewFileWriter::Open(std::string const& path, bool append) {
+  int const kept = append ? O_APPEND : O_TRUNC;
+  int const file = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | kept, 0666);
   if (file >= 0) return file;
   throw Failure(Exit::kUsage, fmt::format("cannot write {}: {}", path, std::strerror(errno)));
 }

@@ -48,16 +48,20 @@ class FileWriter : public Writer {
   int error_ = 0;
 };
 
-// A file that is made or overwritten, and closed with the object. Failure with kUsage when it
-// cannot be opened.
+// A file that is made, and closed with the object. What it held before is overwritten or, with
+// `append`, kept. Failure with kUsage when it cannot be opened.
 class NewFileWriter : public FileWriter {
  public:
-  explicit NewFileWriter(std::string const& path) : NewFileWriter(Open(path), path) {}
+  explicit NewFileWriter(std::string const& path, bool append = false)
+      : NewFileWriter(Open(path, append), path) {}
   ~NewFileWriter() override;
+
+  // Whether the file, opened to append, holds nothing yet.
+  bool empty() const;
 
  private:
   NewFileWriter(int file, std::string const& path) : FileWriter(file, path), opened_(file) {}
-  static int Open(std::string const& path);
+  static int Open(std::string const& path, bool append);
 
   int opened_;
 };
